@@ -1,0 +1,57 @@
+# The two commands of the README, and what developers use besides. CMake does the building.
+JOBS ?= $(shell nproc)
+DEMO_ARGS ?=
+
+.PHONY: help demo test check asan tsan lint bench soak format install clean
+help:
+	@sed -n 's/^## //p' $(firstword $(MAKEFILE_LIST))
+
+define build
+	@cmake --preset $(1) > build-$(1).log 2>&1 || { cat build-$(1).log; rm -f build-$(1).log; exit 1; }; \
+	rm -f build-$(1).log
+	cmake --build --preset $(1) -j $(JOBS)
+endef
+
+## make demo     devices come and go while audio runs; needs no sound hardware
+demo:
+	@scripts/install-packages build
+	$(call build,release)
+	build/release/tools/dxr/dxr demo $(DEMO_ARGS)
+
+## make test     builds and runs the tests
+test:
+	@scripts/install-packages build tests
+	$(call build,dev)
+	ctest --preset dev -j $(JOBS)
+
+## make check    tests under the sanitizers, clang's analysis, formatting; what CI runs besides
+check: lint asan tsan
+
+asan tsan:
+	@scripts/install-packages build tests
+	$(call build,$@)
+	ctest --preset $@ -j $(JOBS) -LE soak
+
+lint:
+	@scripts/install-packages build tests checks
+	scripts/lint
+
+## make bench    speed, each measure beside its peers
+bench:
+	@scripts/install-packages build tests bench
+	scripts/bench
+
+## make soak     the long runs: an hour of audio, the fuzzers
+soak:
+	@scripts/install-packages build tests checks
+	scripts/soak
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+install: 
+	$(call build,release)
+	cmake --install build/release
+
+clean:
+	rm -rf build out

@@ -1,0 +1,53 @@
+# The house is built in floors; each is a target that links only the floors below it, so an include of a
+# higher floor's header does not build.
+
+set(DXR_PUBLIC_INCLUDE_DIR ${PROJECT_BINARY_DIR}/include CACHE INTERNAL "")
+set_property(GLOBAL PROPERTY DXR_FLOOR_TARGETS "")
+set_property(GLOBAL PROPERTY DXR_FLOOR_LIBRARIES "")
+set_property(GLOBAL PROPERTY DXR_PUBLIC_HEADERS "")
+
+# dxr_floor(NAME BELOW <floor>... SOURCES <file>... PUBLIC_HEADERS <file>... LIBRARIES <target>...
+#           FOLDERS <sub-folder>...)
+# PUBLIC_HEADERS are installed as <dxr/File.h>, and staged under the build tree by the same name, so that the
+# tool and the examples see exactly what a client sees. FOLDERS are further include folders of this floor.
+function(dxr_floor NAME)
+  cmake_parse_arguments(ARG "" "" "BELOW;SOURCES;PUBLIC_HEADERS;LIBRARIES;FOLDERS" ${ARGN})
+  set(target dxr_${NAME})
+  add_library(${target} STATIC ${ARG_SOURCES})
+  target_include_directories(${target} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+  foreach(folder IN LISTS ARG_FOLDERS)
+    target_include_directories(${target} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/${folder})
+  endforeach()
+  foreach(below IN LISTS ARG_BELOW)
+    target_link_libraries(${target} PUBLIC dxr_${below})
+  endforeach()
+  target_link_libraries(${target} PUBLIC ${ARG_LIBRARIES} PRIVATE dxr_options)
+  set_property(GLOBAL APPEND PROPERTY DXR_FLOOR_TARGETS ${target})
+  set_property(GLOBAL APPEND PROPERTY DXR_FLOOR_LIBRARIES ${ARG_LIBRARIES})
+  foreach(header IN LISTS ARG_PUBLIC_HEADERS)
+    set_property(GLOBAL APPEND PROPERTY DXR_PUBLIC_HEADERS ${CMAKE_CURRENT_SOURCE_DIR}/${header})
+    get_filename_component(file ${header} NAME)
+    file(MAKE_DIRECTORY ${DXR_PUBLIC_INCLUDE_DIR}/dxr)
+    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${DXR_PUBLIC_INCLUDE_DIR}/dxr/${file} SYMBOLIC)
+  endforeach()
+endfunction()
+
+# dxr_test(NAME SOURCES <file>... LIBRARIES <target>... [LABELS <label>...] [TIMEOUT <seconds>])
+# Registers every case of a GoogleTest program with CTest, each in a process of its own.
+function(dxr_test NAME)
+  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${NAME} ${ARG_SOURCES})
+  target_link_libraries(${NAME} PRIVATE ${ARG_LIBRARIES} dxr_test_support GTest::gtest GTest::gtest_main
+                                        dxr_options)
+  set(properties TIMEOUT ${ARG_TIMEOUT})
+  if(ARG_LABELS)
+    list(APPEND properties LABELS "${ARG_LABELS}")
+  endif()
+  if(ARG_SERIAL)
+    list(APPEND properties RUN_SERIAL TRUE)
+  endif()
+  gtest_discover_tests(${NAME} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+endfunction()

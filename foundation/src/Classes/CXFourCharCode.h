@@ -1,0 +1,19 @@
+#pragma once
+
+#include "CXExport.h"
+
+#include <cstdint>
+#include <string>
+
+/// The 32-bit code of four ASCII characters, the first in the top byte: CXFourCharCode("volm") is 0x766F6C6D.
+consteval uint32_t CXFourCharCode(const char (&text)[5])
+{
+    uint32_t code = 0;
+    for (int i = 0; i < 4; ++i)
+        code = code << 8 | static_cast<uint8_t>(text[i]);
+    return code;
+}
+
+/// The code as its four characters when all are printable in the C locale, else as eight upper-case
+/// hexadecimal digits.
+DXR_EXPORT std::string stringWithFourCharCode(uint32_t code);

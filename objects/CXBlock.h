@@ -1,0 +1,55 @@
+#pragma once
+
+#include "CXRef.h"
+
+#include <concepts>
+#include <type_traits>
+#include <utility>
+
+template <class Signature> class CXBlock;
+
+/// A counted callable with identity: copies share it and `==` compares it, so that what was registered can be
+/// found again. An empty block is false and must not be called.
+/// Threads:   copies from any thread; whether the callable may run on several is its own matter.
+/// Real time: calling and copying; making one allocates.
+template <class Result, class... Arguments> class CXBlock<Result(Arguments...)> {
+public:
+    CXBlock() noexcept = default;
+    CXBlock(std::nullptr_t) noexcept {}
+    template <class Callable>
+    requires(!std::same_as<std::remove_cvref_t<Callable>, CXBlock> &&
+             std::is_invocable_r_v<Result, std::remove_cvref_t<Callable>&, Arguments...>)
+        CXBlock(Callable&& callable)
+        : _body(
+              CXRef<Body>::adopt(new Bound<std::remove_cvref_t<Callable>>(std::forward<Callable>(callable))))
+    {}
+
+    Result operator()(Arguments... arguments) const
+    {
+        return _body->invoke(std::forward<Arguments>(arguments)...);
+    }
+    explicit operator bool() const noexcept { return bool(_body); }
+    friend bool operator==(const CXBlock& a, const CXBlock& b) noexcept = default;
+
+private:
+    class Body : public CXObject {
+    public:
+        virtual Result invoke(Arguments... arguments) = 0;
+    };
+    template <class Callable> class Bound final : public Body {
+    public:
+        template <class From> explicit Bound(From&& from) : _callable(std::forward<From>(from)) {}
+        Result invoke(Arguments... arguments) override
+        {
+            if constexpr (std::is_void_v<Result>)
+                _callable(std::forward<Arguments>(arguments)...);
+            else
+                return _callable(std::forward<Arguments>(arguments)...);
+        }
+
+    private:
+        Callable _callable;
+    };
+
+    CXRef<Body> _body;
+};

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <optional>
+
+namespace platform {
+
+/// Whether a debugger or tracer is attached to this process now; nothing when the system does not say.
+/// Any thread; reads a file.
+std::optional<bool> isDebuggerAttached();
+
+} // namespace platform

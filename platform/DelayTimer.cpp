@@ -1,0 +1,47 @@
+#include "DelayTimer.h"
+
+#include "Thread.h"
+
+#include <algorithm>
+
+namespace platform {
+
+DelayTimer& DelayTimer::shared()
+{
+    static auto* timer = new DelayTimer; // never destroyed: its thread may be running while the process exits
+    return *timer;
+}
+
+void DelayTimer::schedule(uint64_t delayNanoseconds, CXRef<WorkQueue> queue, WorkQueue::Work work)
+{
+    constexpr uint64_t longest =
+        1'000'000'000ULL * 60 * 60 * 24 * 365; // a later deadline would overflow the clock
+    const auto deadline = Clock::now() + std::chrono::nanoseconds(std::min(delayNanoseconds, longest));
+    const std::scoped_lock lock(_mutex);
+    _pending.emplace(deadline, Delayed{std::move(queue), std::move(work)});
+    if (!_started) {
+        Thread("dxr-delay", [this] { _run(); }).detach();
+        _started = true;
+    }
+    _changed.notify_one();
+}
+
+void DelayTimer::_run()
+{
+    std::unique_lock lock(_mutex);
+    for (;;) {
+        if (_pending.empty()) {
+            _changed.wait(lock);
+        } else if (const auto first = _pending.begin()->first; first > Clock::now()) {
+            _changed.wait_until(lock, first);
+        } else {
+            Delayed due = std::move(_pending.extract(_pending.begin()).mapped());
+            lock.unlock();
+            due.queue->async(std::move(due.work));
+            due = {}; // the queue's end may run application code, never under the lock
+            lock.lock();
+        }
+    }
+}
+
+} // namespace platform

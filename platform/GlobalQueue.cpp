@@ -1,0 +1,63 @@
+#include "GlobalQueue.h"
+
+#include "Thread.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace platform {
+
+namespace {
+
+constexpr size_t mostThreads = 8;
+constexpr int niceness = -10;
+
+thread_local bool servesGlobalQueue = false;
+
+} // namespace
+
+GlobalQueue& GlobalQueue::highPriority()
+{
+    static const CXRef<GlobalQueue>* queue =
+        new CXRef(CXRef<GlobalQueue>::adopt(new GlobalQueue)); // never destroyed
+    return **queue;
+}
+
+void GlobalQueue::async(Work work)
+{
+    if (!work)
+        return;
+    const std::scoped_lock lock(_mutex);
+    _waiting.push_back(std::move(work));
+    if (_waiting.size() > _idle && _threads < mostThreads) {
+        Thread("dxr-global", [this] { _serve(); }).detach();
+        ++_threads;
+    }
+    _changed.notify_one();
+}
+
+bool GlobalQueue::isCurrent() const noexcept
+{
+    return servesGlobalQueue;
+}
+
+void GlobalQueue::_serve()
+{
+    servesGlobalQueue = true;
+    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
+                niceness); // refused without privilege, and that is fine
+    std::unique_lock lock(_mutex);
+    for (;;) {
+        ++_idle;
+        _changed.wait(lock, [this] { return !_waiting.empty(); });
+        --_idle;
+        Work work = std::move(_waiting.front());
+        _waiting.pop_front();
+        lock.unlock();
+        work();
+        work = nullptr;
+        lock.lock();
+    }
+}
+
+} // namespace platform

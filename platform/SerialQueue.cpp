@@ -1,0 +1,85 @@
+#include "SerialQueue.h"
+
+#include "Thread.h"
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+namespace platform {
+
+class SerialQueue::Line final : public CXObject {
+public:
+    void push(Work work)
+    {
+        const std::scoped_lock lock(_mutex);
+        _waiting.push_back(std::move(work));
+        _changed.notify_one();
+    }
+
+    void close()
+    {
+        const std::scoped_lock lock(_mutex);
+        _closed = true;
+        _changed.notify_one();
+    }
+
+    void run()
+    {
+        current = this;
+        while (const Work work = _next())
+            work();
+    }
+
+    bool isCurrent() const noexcept { return current == this; }
+
+private:
+    /// The next piece of work; empty when the queue is closed and nothing is left.
+    Work _next()
+    {
+        std::unique_lock lock(_mutex);
+        _changed.wait(lock, [this] { return _closed || !_waiting.empty(); });
+        if (_waiting.empty())
+            return {};
+        Work work = std::move(_waiting.front());
+        _waiting.pop_front();
+        return work;
+    }
+
+    static thread_local const Line* current;
+
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    std::deque<Work> _waiting;
+    bool _closed = false;
+};
+
+thread_local const SerialQueue::Line* SerialQueue::Line::current = nullptr;
+
+CXRef<SerialQueue> SerialQueue::initWithLabel(std::string label)
+{
+    return CXRef<SerialQueue>::adopt(new SerialQueue(std::move(label)));
+}
+
+SerialQueue::SerialQueue(std::string name) : WorkQueue(std::move(name)), _line(CXRef<Line>::adopt(new Line))
+{
+    Thread(label(), [line = _line] { line->run(); }).detach();
+}
+
+SerialQueue::~SerialQueue()
+{
+    _line->close();
+}
+
+void SerialQueue::async(Work work)
+{
+    if (work)
+        _line->push(std::move(work));
+}
+
+bool SerialQueue::isCurrent() const noexcept
+{
+    return _line->isCurrent();
+}
+
+} // namespace platform

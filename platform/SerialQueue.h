@@ -1,0 +1,26 @@
+#pragma once
+
+#include "WorkQueue.h"
+
+namespace platform {
+
+/// Runs work one piece at a time, in the order it came, on a thread of its own.
+/// Work that is queued when the last reference goes is still run.
+class DXR_EXPORT SerialQueue final : public WorkQueue {
+public:
+    /// The thread takes the label as its name, cut to 15 bytes.
+    static CXRef<SerialQueue> initWithLabel(std::string label);
+
+    void async(Work work) override;
+    bool isCurrent() const noexcept override;
+
+private:
+    class Line; // shared with the thread, which outlives the queue while work is left
+
+    explicit SerialQueue(std::string label);
+    ~SerialQueue() override;
+
+    const CXRef<Line> _line;
+};
+
+} // namespace platform

@@ -1,0 +1,146 @@
+#include "CXErrorAdditions.h"
+#include "CXFourCharCode.h"
+#include "CXStackTrace.h"
+#include "CapturedLog.h"
+#include "DXRDebugLog.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+std::vector<std::string> frames(int count)
+{
+    std::vector<std::string> all;
+    for (int i = 0; i < count; ++i)
+        all.push_back(std::to_string(i));
+    return all;
+}
+
+std::string suggestionOf(const CXRef<CXError>& error)
+{
+    const auto found = error->userInfo().find(CXError::localizedRecoverySuggestionKey);
+    return found == error->userInfo().end() ? "(none)" : found->second->description();
+}
+
+TEST(CXStackTrace, showsThirtyTwoFramesWithoutTheVeryInnermost)
+{
+    EXPECT_EQ(CXStackTrace::initWithCrawlFrames({})->description(), "(N/A)");
+    const auto linesOf = [](int count) {
+        std::vector<std::string> lines;
+        std::istringstream text(CXStackTrace::initWithCrawlFrames(frames(count))->description());
+        for (std::string line; std::getline(text, line);)
+            lines.push_back(line);
+        return lines;
+    };
+    EXPECT_EQ(linesOf(32), frames(32));
+    EXPECT_EQ(linesOf(33), frames(32));
+    const std::vector<std::string> deep = linesOf(40);
+    ASSERT_EQ(deep.size(), 32U);
+    EXPECT_EQ(deep.front(), "7");
+    EXPECT_EQ(deep.back(), "38");
+}
+
+__attribute__((noinline)) CXRef<CXStackTrace> whereAmI()
+{
+    return CXStackTrace::fromCurrentStack();
+}
+
+TEST(CXStackTrace, listsTheOutermostCallFirst)
+{
+    const std::string text = whereAmI()->description();
+    const size_t start = text.find("__libc_start");
+    EXPECT_NE(start, std::string::npos) << text;
+    EXPECT_LT(start, text.size() / 2) << text;
+}
+
+TEST(CXFailedAssertion, namesWhatItWasGiven)
+{
+    struct {
+        const char* text1;
+        const char* text2;
+        const char* file;
+        const char* reason;
+    } const rows[] = {
+        {"-[A b]", "x > 0", "A.cpp", "-[A b] - x > 0 A.cpp:7"},
+        {nullptr, "x > 0", "A.cpp", "x > 0 A.cpp:7"},
+        {nullptr, nullptr, "A.cpp", "A.cpp:7"},
+        {nullptr, nullptr, nullptr, "N/A:7"},
+    };
+    for (const auto& row : rows) {
+        try {
+            _CXFailedAssertion(row.text1, row.text2, row.file, 7);
+        } catch (const CXException& exception) {
+            EXPECT_EQ(exception.name(), "CXAssertionFailure");
+            EXPECT_EQ(exception.reason(), row.reason);
+            EXPECT_FALSE(exception.callStackSymbols().empty());
+        }
+    }
+}
+
+TEST(CXError, laterEntriesReplaceGivenOnesOfTheSameKey)
+{
+    const CXRef<CXError> cause = CXError::errorWithDomain("cause", -3, std::nullopt, nullptr);
+    const CXError::UserInfo given{{CXError::localizedDescriptionKey, CXValue::initWithPlist("old")},
+                                  {CXErrorIsLongLived, CXValue::initWithPlist(true)}};
+    const CXRef<CXError> error =
+        CXError::errorWithDomain(CXVeltorrinErrorDomain, -50, cause, given, "new", "%d of %s", 2, "x");
+    EXPECT_EQ(error->code(), -50);
+    EXPECT_EQ(error->userInfo().at(CXError::localizedDescriptionKey)->description(), "new");
+    EXPECT_EQ(error->userInfo().at(CXErrorIsLongLived)->description(), "true");
+    EXPECT_EQ(suggestionOf(error), "2 of x");
+    EXPECT_EQ(error->underlyingError(), cause);
+    EXPECT_EQ(suggestionOf(CXError::errorWithDomain("d", 0, "title", nullptr)), "(none)");
+}
+
+TEST(CXError, reportsAnExceptionWithItsOwnUserInfo)
+{
+    const CXException exception("Name", std::nullopt, {{"k", 1}});
+    const CXRef<CXError> error =
+        CXError::errorFromException(exception, CXStackTrace::initWithCrawlFrames({"outer", "inner"}));
+    EXPECT_EQ(error->domain(), "NSExceptionErrorDomain");
+    EXPECT_EQ(error->userInfo().at("k")->description(), "1");
+    EXPECT_EQ(suggestionOf(error), "Reason: (null)\nType: Name\nStack Trace: outer\ninner");
+}
+
+TEST(CXLogError, printsAStackOnlyWhenDebuggingIsEnabled)
+{
+    const CapturedLog log;
+    const CXRef<CXError> error = CXError::errorWithDomain("d", 4, "title", nullptr);
+    CXSetDebugEnabled(true);
+    CXLogError(error);
+    ASSERT_EQ(log.lines().size(), 2U);
+    EXPECT_TRUE(log.lines()[0].starts_with("Error: d code 4: title ({")) << log.lines()[0];
+    EXPECT_TRUE(log.lines()[1].starts_with("     : ")) << log.lines()[1];
+}
+
+TEST(DXRDebugLog, isOffWithoutADebugCenterAndDecidedOnce)
+{
+    const CapturedLog log;
+    DXRDebugLog("%d", 1);
+    CXRegisterDebugCenter([] { return true; }); // too late: the first line has decided
+    DXRDebugLogWithStack("%d", 2);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(DXRDebugLog, writesTaggedLinesAndTheStackToStandardError)
+{
+    CXRegisterDebugCenter([] { return true; });
+    const CapturedLog log;
+    testing::internal::CaptureStderr();
+    DXRDebugLogWithStack("%s!", "here");
+    DXRDebugLogWithStack(nullptr);
+    const std::string stack = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"[DXR] here!"});
+    EXPECT_TRUE(stack.starts_with("    ")) << stack;
+}
+
+TEST(FourCharCode, fallsBackToDigits)
+{
+    EXPECT_EQ(stringWithFourCharCode(CXFourCharCode("dprt")), "dprt");
+    EXPECT_EQ(stringWithFourCharCode(1), "00000001");
+    EXPECT_EQ(CXFourCharCode("volm"), 0x766F6C6DU);
+}
+
+} // namespace

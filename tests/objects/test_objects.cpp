@@ -1,0 +1,81 @@
+#include "CXBlock.h"
+#include "CXWeak.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class Counted final : public CXObject {
+public:
+    static CXRef<Counted> init(std::atomic<int>& ended) { return CXRef<Counted>::adopt(new Counted(ended)); }
+
+private:
+    explicit Counted(std::atomic<int>& ended) : _ended(ended) {}
+    ~Counted() override { ++_ended; }
+    std::atomic<int>& _ended;
+};
+
+TEST(CXObject, livesAsLongAsAStrongReferenceWithOrWithoutWeakOnes)
+{
+    std::atomic<int> ended{0};
+    CXWeak<Counted> weak;
+    {
+        CXRef<Counted> first = Counted::init(ended);
+        const CXRef<CXObject> second = first;
+        first = nullptr;
+        EXPECT_EQ(ended, 0);
+        weak = CXWeak<Counted>(CXRefCast<Counted>(second));
+        EXPECT_EQ(weak.lock(), second);
+    }
+    EXPECT_EQ(ended, 1);
+    EXPECT_FALSE(weak.lock());
+}
+
+// Strong counts move to the control block while other threads change them: no change may be lost, and the
+// object must end exactly once, whoever is last.
+TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
+{
+    constexpr int rounds = 2000;
+    std::atomic<int> ended{0};
+    for (int round = 0; round < rounds; ++round) {
+        CXRef<Counted> object = Counted::init(ended);
+        std::atomic<int> ready{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 3; ++t) {
+            threads.emplace_back([&ready, t, mine = object]() mutable {
+                for (++ready; ready < 3;)
+                    std::this_thread::yield();
+                const CXWeak<Counted> weak = t == 0 ? CXWeak<Counted>() : CXWeak<Counted>(mine);
+                for (int i = 0; i < 20; ++i)
+                    const CXRef<Counted> copy = mine;
+                mine = nullptr;
+                if (const CXRef<Counted> again = weak.lock()) {
+                    EXPECT_FALSE(again->description().empty());
+                }
+            });
+        }
+        object = nullptr;
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+    EXPECT_EQ(ended, rounds);
+}
+
+TEST(CXBlock, hasTheIdentityOfWhatItWasMadeFrom)
+{
+    int calls = 0;
+    const CXBlock<int(int)> block = [&calls](int add) { return calls += add; };
+    const CXBlock<int(int)> copy = block;
+    const CXBlock<int(int)> other = [](int) { return 0; };
+    EXPECT_EQ(copy(2), 2);
+    EXPECT_EQ(block(3), 5);
+    EXPECT_TRUE(block == copy);
+    EXPECT_FALSE(block == other);
+    EXPECT_FALSE(CXBlock<int(int)>());
+}
+
+} // namespace

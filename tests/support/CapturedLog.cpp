@@ -1,0 +1,22 @@
+#include "CapturedLog.h"
+
+#include "LogSink.h"
+
+CapturedLog::CapturedLog() : _lines(std::make_shared<Lines>())
+{
+    platform::LogSink::setWriter([lines = _lines](std::string_view line) {
+        const std::scoped_lock lock(lines->mutex);
+        lines->all.emplace_back(line);
+    });
+}
+
+CapturedLog::~CapturedLog()
+{
+    platform::LogSink::setWriter(nullptr);
+}
+
+std::vector<std::string> CapturedLog::lines() const
+{
+    const std::scoped_lock lock(_lines->mutex);
+    return _lines->all;
+}
