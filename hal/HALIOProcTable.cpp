@@ -158,16 +158,14 @@ bool HALIOProcTable::start(AudioDeviceIOProcID procID)
 
 bool HALIOProcTable::stop(AudioDeviceIOProcID procID)
 {
-    bool found = false;
+    bool wasStarted = false;
     {
         const ControlLock lock(*this);
-        if (Proc* proc = _find(procID)) {
-            proc->started.store(false);
-            found = true;
-        }
+        if (Proc* proc = _find(procID))
+            wasStarted = proc->started.exchange(false);
     }
     _waitForCycle();
-    return found;
+    return wasStarted;
 }
 
 bool HALIOProcTable::contains(AudioDeviceIOProcID procID) const

@@ -48,8 +48,9 @@ public:
     AudioDeviceIOProcID create(const AudioDeviceIOBlock& block);
     /// Forgets a callback. False when there is none of that name.
     bool destroy(AudioDeviceIOProcID procID);
-    /// Lets cycles call it, or no longer. False when there is no callback of that name.
+    /// Lets cycles call it. False when there is no callback of that name.
     bool start(AudioDeviceIOProcID procID);
+    /// Lets them call it no longer. False when it was not started.
     bool stop(AudioDeviceIOProcID procID);
     bool contains(AudioDeviceIOProcID procID) const;
     /// How many callbacks are started.
