@@ -145,6 +145,8 @@ long pageFaultsDuring(size_t size, size_t count)
     rusage before{};
     getrusage(RUSAGE_THREAD, &before);
     for (size_t i = 0; i < count; ++i) {
+        const CXRealtimeScope realtime;
+        TFA_free(TFA_malloc(size));
         auto* const block = static_cast<volatile char*>(TFA_malloc(size));
         block[0] = 1;
         block[size - 1] = 1;
