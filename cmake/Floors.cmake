@@ -40,7 +40,8 @@ function(dxr_test NAME)
     set(ARG_TIMEOUT 120)
   endif()
   add_executable(${NAME} ${ARG_SOURCES})
-  target_link_libraries(${NAME} PRIVATE ${ARG_LIBRARIES} dxr_test_support GTest::gtest GTest::gtest_main
+  target_link_libraries(${NAME} PRIVATE ${ARG_LIBRARIES} dxr_test_support dxr_realtime_check
+                                        GTest::gtest GTest::gtest_main
                                         dxr_options)
   set(properties TIMEOUT ${ARG_TIMEOUT})
   if(ARG_LABELS)

@@ -35,8 +35,9 @@ void CXObject::retain() const noexcept
 {
     uintptr_t count = _count.load(std::memory_order_acquire);
     while ((count & 1) != 0) {
-        // Relaxed on success: a new reference is made from an existing one, which already orders everything.
-        if (_count.compare_exchange_weak(count, count + 2, std::memory_order_relaxed,
+        // Relaxed would do on success, a new reference being made from an existing one, but a failure may
+        // find the Control and must not be ordered more strictly than a success.
+        if (_count.compare_exchange_weak(count, count + 2, std::memory_order_acquire,
                                          std::memory_order_acquire))
             return;
     }

@@ -39,6 +39,7 @@ TEST(SimulatedIO, carriesARampFromTheSourceThroughTheCallbackToTheSinkExactly)
                     played.insert(played.end(), samples, samples + size_t{frames} * channels);
             }));
     std::vector<double> starts;
+    starts.reserve(100);
     started(hal, device,
             [&](const AudioTimeStamp* now, const AudioBufferList* in, const AudioTimeStamp*,
                 AudioBufferList* out, const AudioTimeStamp*) {

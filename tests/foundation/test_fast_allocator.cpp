@@ -1,0 +1,238 @@
+#include "CXRef.h"
+#include "CXTFAObject.h"
+#include "TFA.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+uintptr_t addressOf(const void* block)
+{
+    return reinterpret_cast<uintptr_t>(block);
+}
+
+/// Takes blocks of `size` until one starts a fresh chunk, and answers that chunk's first block.
+std::byte* firstBlockOfFreshChunk(size_t size)
+{
+    for (;;) {
+        auto* const block = static_cast<std::byte*>(TFA_malloc(size)); // what comes before stays taken
+        if (addressOf(block) % 16384 == 16)
+            return block;
+    }
+}
+
+TEST(TFA, roundsEveryRequestUpToAPowerOfTwo)
+{
+    struct {
+        const char* why;
+        size_t request;
+        size_t holds;
+    } const rows[] = {
+        {"nothing counts as one byte", 0, 16},
+        {"exactly the smallest", 16, 16},
+        {"one more", 17, 32},
+        {"between two classes", 100, 128},
+        {"the largest small", 4096, 4096},
+        {"the first large", 4097, 8192},
+        {"a megabyte and one", 1048577, 2097152},
+    };
+    for (const auto& row : rows) {
+        void* const block = TFA_malloc(row.request);
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(TFA_malloc_size(block), row.holds) << row.why;
+        EXPECT_EQ(TFA_malloc_good_size(row.request), row.holds) << row.why;
+        EXPECT_EQ(addressOf(block) % 4096 == 0, row.holds > 4096) << row.why;
+        std::memset(block, 0xA5, row.holds);
+        TFA_free(block);
+        EXPECT_EQ(TFA_malloc(row.request), block) << "last in, first out: " << row.why;
+        TFA_free(block);
+    }
+    EXPECT_EQ(TFA_malloc_size(nullptr), 0U);
+    TFA_free(nullptr);
+    void* const page = TFA_valloc(1);
+    EXPECT_EQ(TFA_malloc_size(page), 8192U);
+    EXPECT_EQ(addressOf(page) % 4096, 0U);
+    TFA_free(page);
+}
+
+TEST(TFA, carvesChunksInAscendingOrderAroundThePageBoundaries)
+{
+    for (size_t size = 16; size <= 4096; size *= 2) {
+        // Pushes the next mapping off its alignment, so that it has to be moved.
+        ASSERT_NE(mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), MAP_FAILED);
+        std::byte* const first = firstBlockOfFreshChunk(size);
+        std::byte* const chunk = first - 16;
+        for (size_t offset = 16 + size; offset + size <= 16384; offset += size) {
+            if (offset % 4096 != 0) {
+                ASSERT_EQ(TFA_malloc(size), chunk + offset) << "class " << size;
+            }
+        }
+        EXPECT_NE(addressOf(TFA_malloc(size)) & ~uintptr_t{16383}, addressOf(chunk)) << "class " << size;
+    }
+}
+
+TEST(TFA, reallocatesByClassAndKeepsTheContent)
+{
+    auto* const block = static_cast<char*>(TFA_malloc(100));
+    std::memset(block, 'x', 128);
+    EXPECT_EQ(TFA_realloc(block, 120), block);
+    auto* const larger = static_cast<char*>(TFA_realloc(block, 200));
+    ASSERT_NE(larger, block);
+    EXPECT_EQ(TFA_malloc_size(larger), 256U);
+    EXPECT_EQ(std::count(larger, larger + 128, 'x'), 128);
+    EXPECT_EQ(TFA_malloc(128), block) << "the old block went back to its list";
+    void* const smallest = TFA_realloc(larger, 0);
+    EXPECT_EQ(TFA_malloc_size(smallest), 16U);
+    EXPECT_EQ(TFA_malloc_size(TFA_realloc(nullptr, 30)), 32U);
+
+    auto* const dirty = static_cast<char*>(TFA_malloc(64));
+    std::memset(dirty, 1, 64);
+    TFA_free(dirty);
+    auto* const clean = static_cast<char*>(TFA_calloc(8, 8));
+    EXPECT_EQ(clean, dirty);
+    EXPECT_EQ(std::count(clean, clean + 64, 0), 64);
+}
+
+TEST(TFA, servesContainersThroughItsTable)
+{
+    const CXAllocatorCallbacks& table = *CXTFACFAllocator;
+    EXPECT_EQ(table.version, 0);
+    EXPECT_EQ(table.preferredSize(1000, 0, table.info), 1024);
+    void* const block = table.allocate(1000, 0, table.info);
+    EXPECT_EQ(table.reallocate(block, 1001, 0, table.info), block);
+    EXPECT_EQ(table.reallocate(nullptr, 8, 0, table.info), nullptr);
+    EXPECT_EQ(table.reallocate(block, 0, 0, table.info), nullptr);
+    table.deallocate(block, table.info);
+    EXPECT_EQ(TFA_malloc(1024), block);
+}
+
+class Pooled final : public CXTFAObject {
+public:
+    static CXRef<Pooled> init() { return CXRef<Pooled>::adopt(new Pooled); }
+    char bytes[100]; // deliberately without a value: the memory comes zeroed
+
+private:
+    Pooled() {} // NOLINT: a defaulted one would clear `bytes`
+    ~Pooled() override = default;
+};
+
+TEST(CXTFAObject, takesItsMemoryFromTheFastAllocatorAndGivesItBack)
+{
+    const void* where = nullptr;
+    for (int round = 0; round < 2; ++round) {
+        const CXRef<Pooled> object = Pooled::init();
+        EXPECT_EQ(TFA_malloc_size(object.get()), 128U);
+        EXPECT_TRUE(where == nullptr || where == object.get()) << "the freed block is used again";
+        where = object.get();
+        std::memset(object->bytes, 7, sizeof object->bytes);
+    }
+}
+
+#ifndef DXR_SANITIZED // the sanitizers touch pages of their own and do not fit into a limited address space
+/// How often the next `count` blocks of `size` make the system bring a page.
+long pageFaultsDuring(size_t size, size_t count)
+{
+    rusage before{};
+    getrusage(RUSAGE_THREAD, &before);
+    for (size_t i = 0; i < count; ++i) {
+        const CXRealtimeScope realtime;
+        TFA_free(TFA_malloc(size));
+        auto* const block = static_cast<volatile char*>(TFA_malloc(size));
+        block[0] = 1;
+        block[size - 1] = 1;
+    }
+    rusage after{};
+    getrusage(RUSAGE_THREAD, &after);
+    return after.ru_minflt - before.ru_minflt;
+}
+
+TEST(TFA, reservedBlocksNeedNothingFromTheSystem)
+{
+    for (const size_t size : {size_t{64}, size_t{4096}, size_t{32768}, size_t{1} << 20}) {
+        ASSERT_TRUE(TFA_reserve(size, 20));
+        EXPECT_EQ(pageFaultsDuring(size, 20), 0) << size;
+    }
+    EXPECT_FALSE(TFA_reserve(SIZE_MAX, 1));
+}
+
+using TFADeathTest = testing::Test;
+
+TEST(TFADeathTest, reportsExhaustionAndAnswersNull)
+{
+    const auto exhaust = [](size_t size) {
+        const rlimit limit{0, 0};
+        setrlimit(RLIMIT_AS, &limit);
+        while (void* const block = TFA_malloc(size))
+            static_cast<volatile char*>(block)[0] = 1;
+        const bool refused = !TFA_calloc(1, size) && !TFA_realloc(nullptr, size) && !TFA_reserve(size, 10000);
+        _exit(refused ? 0 : 1);
+    };
+    EXPECT_EXIT(
+        exhaust(100), testing::ExitedWithCode(0),
+        "Threadsafe Fast Allocator: vm_allocate\\(16384\\) for requested size 100 failed with error 12");
+    EXPECT_EXIT(
+        exhaust(9000), testing::ExitedWithCode(0),
+        "Threadsafe Fast Allocator: vm_allocate\\(20480\\) for requested size 9000 failed with error 12");
+    EXPECT_EQ(TFA_malloc(SIZE_MAX), nullptr);
+    EXPECT_EQ(TFA_malloc_good_size(SIZE_MAX), 0U);
+    void* const kept = TFA_malloc(8);
+    EXPECT_EQ(TFA_realloc(kept, SIZE_MAX), nullptr);
+    EXPECT_EQ(TFA_malloc_size(kept), 16U) << "a failed reallocation leaves the block alone";
+}
+
+TEST(TFADeathTest, stopsAtADamagedHeader)
+{
+    auto* const block = static_cast<uint64_t*>(TFA_malloc(10000));
+    block[-1] = 0;
+    EXPECT_EQ(TFA_malloc_size(block), 0U);
+    EXPECT_EXIT(TFA_free(block), testing::KilledBySignal(SIGABRT), "");
+}
+#endif
+
+// Blocks wander between threads through a shared board. Each is filled with its owner's pattern and checked
+// before it is freed: a block given to two owners, or a link lost or torn, shows as a foreign byte.
+TEST(TFA, neverGivesABlockToTwoOwners)
+{
+    constexpr int threadCount = 4;
+    constexpr int rounds = 60'000;
+    constexpr size_t places = 64;
+    std::atomic<unsigned char*> board[places] = {};
+    std::atomic<int> foreign{0};
+    const auto checkAndFree = [&](unsigned char* block) {
+        const size_t size = TFA_malloc_size(block);
+        if (!std::all_of(block + 1, block + size, [block](unsigned char byte) { return byte == block[0]; }))
+            ++foreign;
+        TFA_free(block);
+    };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < threadCount; ++t) {
+        threads.emplace_back([&, t] {
+            std::minstd_rand random(static_cast<unsigned>(t) + 1);
+            for (int i = 0; i < rounds; ++i) {
+                const size_t size = random() % 10 == 0 ? 8192 : size_t{16} << random() % 4;
+                auto* const block = static_cast<unsigned char*>(TFA_malloc(size));
+                std::memset(block, static_cast<int>(random() % 255), size);
+                if (auto* const other = board[random() % places].exchange(block))
+                    checkAndFree(other);
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (auto& place : board)
+        if (auto* const block = place.load())
+            checkAndFree(block);
+    EXPECT_EQ(foreign, 0);
+}
+
+} // namespace

@@ -1,0 +1,221 @@
+#include "RealtimeCheck.h"
+
+#include "CXRealtime.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <linux/futex.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <semaphore.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#ifdef DXR_SANITIZED
+
+bool RealtimeCheck::isActive() noexcept
+{
+    return false;
+}
+
+#else
+
+bool RealtimeCheck::isActive() noexcept
+{
+    return true;
+}
+
+namespace {
+
+/// Writes what was called, and from where, and ends the process.
+[[noreturn]] void fail(const char* function)
+{
+    const CXRealtimeExemption exemption("what follows allocates");
+    char line[160];
+    const int length = std::snprintf(line, sizeof line, "not for real-time work: %s\n", function);
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<size_t>(length));
+    void* frames[64];
+    backtrace_symbols_fd(frames, backtrace(frames, 64), STDERR_FILENO);
+    std::abort();
+}
+
+void check(const char* function)
+{
+    if (CXRealtimeScope::isChecked())
+        fail(function);
+}
+
+/// The definition that this program's own one hides.
+template <class Function> Function* hidden(const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+#define CHECKED(result, name, parameters, arguments)                                                         \
+    result name parameters                                                                                   \
+    {                                                                                                        \
+        check(#name);                                                                                        \
+        static auto* const original = hidden<result parameters>(#name);                                      \
+        return original arguments;                                                                           \
+    }
+
+extern "C" {
+
+// The C library's own entry points, which need no look-up: dlsym itself allocates.
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* pointer, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+void __libc_free(void* pointer);
+
+void* malloc(size_t size) noexcept
+{
+    check("malloc");
+    return __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) noexcept
+{
+    check("calloc");
+    return __libc_calloc(count, size);
+}
+
+void* realloc(void* pointer, size_t size) noexcept
+{
+    check("realloc");
+    return __libc_realloc(pointer, size);
+}
+
+void free(void* pointer) noexcept
+{
+    if (pointer)
+        check("free");
+    __libc_free(pointer);
+}
+
+void* memalign(size_t alignment, size_t size) noexcept
+{
+    check("memalign");
+    return __libc_memalign(alignment, size);
+}
+
+void* aligned_alloc(size_t alignment, size_t size) noexcept
+{
+    check("aligned_alloc");
+    return __libc_memalign(alignment, size);
+}
+
+int posix_memalign(void** result, size_t alignment, size_t size) noexcept
+{
+    check("posix_memalign");
+    *result = __libc_memalign(alignment, size);
+    return *result ? 0 : ENOMEM;
+}
+
+// An uncontended lock does not wait, but the next one may.
+CHECKED(int, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, (mutex))
+CHECKED(int, pthread_mutex_timedlock, (pthread_mutex_t * mutex, const timespec* until) noexcept,
+        (mutex, until))
+CHECKED(int, pthread_mutex_clocklock,
+        (pthread_mutex_t * mutex, clockid_t clock, const timespec* until) noexcept, (mutex, clock, until))
+CHECKED(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock) noexcept, (lock))
+CHECKED(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock) noexcept, (lock))
+CHECKED(int, pthread_spin_lock, (pthread_spinlock_t * lock) noexcept, (lock))
+CHECKED(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex), (condition, mutex))
+CHECKED(int, pthread_cond_timedwait,
+        (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* until),
+        (condition, mutex, until))
+CHECKED(int, pthread_cond_clockwait,
+        (pthread_cond_t * condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* until),
+        (condition, mutex, clock, until))
+CHECKED(int, pthread_barrier_wait, (pthread_barrier_t * barrier) noexcept, (barrier))
+CHECKED(int, pthread_join, (pthread_t thread, void** result), (thread, result))
+CHECKED(int, pthread_create,
+        (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) noexcept,
+        (thread, attributes, body, argument))
+CHECKED(int, sem_wait, (sem_t * semaphore), (semaphore))
+CHECKED(int, sem_timedwait, (sem_t * semaphore, const timespec* until), (semaphore, until))
+CHECKED(int, sem_clockwait, (sem_t * semaphore, clockid_t clock, const timespec* until),
+        (semaphore, clock, until))
+
+CHECKED(unsigned, sleep, (unsigned seconds), (seconds))
+CHECKED(int, usleep, (useconds_t microseconds), (microseconds))
+CHECKED(int, nanosleep, (const timespec* length, timespec* left), (length, left))
+CHECKED(int, clock_nanosleep, (clockid_t clock, int flags, const timespec* until, timespec* left),
+        (clock, flags, until, left))
+CHECKED(int, sched_yield, () noexcept, ())
+CHECKED(int, poll, (pollfd * descriptors, nfds_t count, int milliseconds), (descriptors, count, milliseconds))
+CHECKED(int, ppoll, (pollfd * descriptors, nfds_t count, const timespec* length, const sigset_t* signals),
+        (descriptors, count, length, signals))
+CHECKED(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* length),
+        (count, in, out, other, length))
+CHECKED(int, epoll_wait, (int epoll, epoll_event* events, int count, int milliseconds),
+        (epoll, events, count, milliseconds))
+CHECKED(ssize_t, read, (int descriptor, void* data, size_t size), (descriptor, data, size))
+CHECKED(ssize_t, write, (int descriptor, const void* data, size_t size), (descriptor, data, size))
+CHECKED(ssize_t, readv, (int descriptor, const iovec* data, int count), (descriptor, data, count))
+CHECKED(ssize_t, writev, (int descriptor, const iovec* data, int count), (descriptor, data, count))
+CHECKED(ssize_t, recv, (int socket, void* data, size_t size, int flags), (socket, data, size, flags))
+CHECKED(ssize_t, send, (int socket, const void* data, size_t size, int flags), (socket, data, size, flags))
+CHECKED(ssize_t, recvmsg, (int socket, msghdr* message, int flags), (socket, message, flags))
+CHECKED(ssize_t, sendmsg, (int socket, const msghdr* message, int flags), (socket, message, flags))
+CHECKED(int, close, (int descriptor), (descriptor))
+CHECKED(int, fsync, (int descriptor), (descriptor))
+CHECKED(FILE*, fopen, (const char* path, const char* mode), (path, mode))
+CHECKED(int, munmap, (void* address, size_t size) noexcept, (address, size))
+CHECKED(int, mprotect, (void* address, size_t size, int protection) noexcept, (address, size, protection))
+CHECKED(int, madvise, (void* address, size_t size, int advice) noexcept, (address, size, advice))
+
+void* mmap(void* address, size_t size, int protection, int flags, int descriptor, off_t offset) noexcept
+{
+    check("mmap");
+    static auto* const original = hidden<void*(void*, size_t, int, int, int, off_t)>("mmap");
+    return original(address, size, protection, flags, descriptor, offset);
+}
+
+// Waiting on a futex has no function of its own. Waking somebody is allowed: it never waits.
+long syscall(long number, ...) noexcept
+{
+    va_list list;
+    va_start(list, number);
+    long arguments[6];
+    for (long& argument : arguments)
+        argument = va_arg(list, long);
+    va_end(list);
+    if (number == SYS_futex) {
+        const long operation = arguments[1] & FUTEX_CMD_MASK;
+        if (operation == FUTEX_WAIT || operation == FUTEX_WAIT_BITSET || operation == FUTEX_LOCK_PI)
+            check("futex wait");
+    }
+    static auto* const original = hidden<long(long, ...)>("syscall");
+    return original(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                    arguments[5]);
+}
+
+} // extern "C"
+
+namespace {
+
+// The first stack of a process loads a library and allocates; that must not happen inside malloc.
+[[maybe_unused]] const int loaded = [] {
+    void* frame[1];
+    return backtrace(frame, 1);
+}();
+
+} // namespace
+
+#endif

@@ -1,0 +1,68 @@
+#include "CXRealtime.h"
+#include "RealtimeCheck.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <linux/futex.h>
+#include <memory>
+#include <mutex>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+// A check that sees nothing would let every real-time test pass.
+TEST(RealtimeCheckDeathTest, endsTheProcessAtWhateverMayWait)
+{
+    if (!RealtimeCheck::isActive())
+        GTEST_SKIP() << "the sanitizers interpose the same functions";
+    std::mutex mutex;
+    std::unique_lock lock(mutex);
+    std::mutex other;
+    std::condition_variable changed;
+    uint32_t word = 0;
+    auto* const spare = new int;
+    struct {
+        const char* function;
+        std::function<void()> body;
+    } const rows[] = {
+        {"malloc", [] { *static_cast<volatile char*>(operator new(8)) = 1; }},
+        {"free", [spare] { operator delete(spare); }},
+        {"pthread_mutex_lock", [&] { other.lock(); }},
+        {"pthread_cond_", [&] { changed.wait_for(lock, std::chrono::milliseconds(1)); }},
+        {"futex wait", [&word] { syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, 1, nullptr, nullptr, 0); }},
+        {"nanosleep", [] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }},
+        {"write", [] { [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, "", 0); }},
+    };
+    for (const auto& row : rows) {
+        const auto underCheck = [&] {
+            const CXRealtimeScope realtime;
+            row.body();
+        };
+        EXPECT_EXIT(underCheck(), testing::KilledBySignal(SIGABRT),
+                    std::string("not for real-time work: ") + row.function + ".*\n(.*\n)*.*test_support")
+            << row.function;
+    }
+    delete spare;
+}
+
+TEST(RealtimeCheck, leavesExemptionsAndOtherThreadsAlone)
+{
+    std::atomic<bool> allocated{false};
+    std::thread other([&] { allocated = std::make_unique<int>(1) != nullptr; });
+    {
+        const CXRealtimeScope realtime;
+        while (!allocated) {
+        }
+        const CXRealtimeExemption exemption("the test means to");
+        allocated = *std::make_unique<bool>(false);
+    }
+    other.join();
+    EXPECT_FALSE(allocated);
+}
+
+} // namespace
