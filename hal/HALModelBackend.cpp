@@ -123,7 +123,10 @@ bool HALModelBackend::removeDevice(AudioObjectID deviceID)
     {
         const std::scoped_lock lock(_mutex);
         _devices.erase(deviceID);
-        std::erase_if(_streams, [&](const auto& each) { return each.second.device == device; });
+        for (const HALDirectionState& direction : device->state.directions) {
+            for (const HALStreamState& stream : direction.streams)
+                _streams.erase(stream.objectID);
+        }
         if (const auto known = _idsByUID.find(device->state.uid);
             known != _idsByUID.end() && known->second == deviceID)
             _idsByUID.erase(known);

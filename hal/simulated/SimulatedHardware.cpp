@@ -83,6 +83,8 @@ void SimulatedHardware::shutDown()
 
 namespace {
 
+constexpr std::array allDefaults{HALDefault::Input, HALDefault::Output, HALDefault::SystemOutput};
+
 void makeValid(HALDeviceState& state)
 {
     state.name = platform::utf8Replaced(state.name);
@@ -109,7 +111,7 @@ AudioObjectID SimulatedHardware::plug(const SimulatedDeviceBuilder& device)
         const std::scoped_lock lock(_mutex);
         _plugged.emplace(newID, Plugged{SimulatedDevice::initWithDescription(description), nullptr, false});
     });
-    _electDefaults();
+    _electDefaults(allDefaults, std::span(&deviceID, 1));
     return deviceID;
 }
 
@@ -124,9 +126,13 @@ bool SimulatedHardware::unplug(const std::string& uid)
         const std::scoped_lock lock(_mutex);
         gone = std::move(_plugged.extract(deviceID).mapped());
     }
+    std::vector<HALDefault> vacated;
+    std::ranges::copy_if(allDefaults, std::back_inserter(vacated),
+                         [&](HALDefault which) { return defaultDevice(which) == deviceID; });
     _end(std::move(gone));
     removeDevice(deviceID);
-    _electDefaults();
+    if (!vacated.empty())
+        _electDefaults(vacated, deviceIDs());
     return true;
 }
 
@@ -191,20 +197,19 @@ void SimulatedHardware::_end(Plugged plugged)
     });
 }
 
-void SimulatedHardware::_electDefaults()
+void SimulatedHardware::_electDefaults(std::span<const HALDefault> vacant,
+                                       std::span<const AudioObjectID> candidates)
 {
-    for (const HALDefault which : {HALDefault::Input, HALDefault::Output, HALDefault::SystemOutput}) {
-        if (defaultDevice(which) != kAudioObjectUnknown)
-            continue;
+    for (const HALDefault which : vacant) {
         const HALDirection direction =
             which == HALDefault::Input ? HALDirection::Input : HALDirection::Output;
-        for (const AudioObjectID deviceID : deviceIDs()) {
+        for (const AudioObjectID deviceID : candidates) {
+            if (defaultDevice(which) != kAudioObjectUnknown)
+                break;
             const std::optional<HALDeviceState> state = deviceState(deviceID);
             if (state && !state->isHidden && (*state)[direction].canBeDefault &&
-                !(*state)[direction].streams.empty()) {
+                !(*state)[direction].streams.empty())
                 setDefaultDevice(which, deviceID);
-                break;
-            }
         }
     }
 }

@@ -57,7 +57,8 @@ private:
     CXRef<SimulatedDevice> _hardwareOf(AudioObjectID deviceID) const;
     HALStatus _alter(AudioObjectID deviceID, const std::function<void(SimulatedDeviceDescription&)>& change);
     void _end(Plugged plugged);
-    void _electDefaults();
+    /// Gives each of the defaults, where it is vacant, to the first of the candidates that can be it.
+    void _electDefaults(std::span<const HALDefault> vacant, std::span<const AudioObjectID> candidates);
     std::vector<CXRef<SimulatedDevice>> _runningDevices() const;
     bool _runNextCycle(uint64_t untilTicks);
 
