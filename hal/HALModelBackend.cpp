@@ -486,7 +486,7 @@ HALStatus HALModelBackend::_writeStream(AudioObjectID deviceID, const HALDeviceS
         return status;
     // Samples are always floats here; all a client can choose is the rate.
     const AudioStreamBasicDescription offered = halStreamFormat(stream.channelCount, wanted.sampleRate);
-    if (std::memcmp(&wanted, &offered, sizeof wanted) != 0 || !state.canSampleRate(wanted.sampleRate))
+    if (wanted != offered || !state.canSampleRate(wanted.sampleRate))
         return kAudioHardwareIllegalOperationError;
     return setNominalSampleRate(deviceID, wanted.sampleRate);
 }

@@ -114,8 +114,8 @@ TEST_F(Conformance, neverCallsAListenerAfterItsRemoval)
     const AudioObjectID device = plugged("Storm", 0, 2, &uid);
     std::atomic<bool> done{false};
     std::thread storm([&] {
-        for (int i = 0; !done; ++i)
-            writeValue(hal(), device, at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput), i % 2U);
+        for (uint32_t i = 0; !done; ++i)
+            writeValue(hal(), device, at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput), i % 2);
     });
     const auto queue = platform::SerialQueue::initWithLabel("storm");
     for (int round = 0; round < 200; ++round) {
