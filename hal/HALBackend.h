@@ -15,18 +15,17 @@ struct HALListener {
 };
 
 /// The seam to the audio hardware. One backend is active in a process; the published functions forward to it
-/// after checking pointers. Threads:   every function from any thread, listeners and IO callbacks included,
-/// without deadlock. Real time: on an IO thread, reads of 'nsrt' and 'fsiz' of the device that runs it, and
-/// stop(). Waits:     property reads never wait for hardware; writes, start() and stop() may wait, for a
-/// bounded time. Promises:  - object IDs are never reused in a process;
+/// after checking pointers.
+/// Threads:   every function from any thread, listeners and IO callbacks included, without deadlock.
+/// Real time: on an IO thread, reads of 'nsrt' and 'fsiz' of the device that runs it, and stop().
+/// Waits:     property reads never wait for hardware; writes, start() and stop() may, for a bounded time.
+/// Promises:  - object IDs are never reused in a process;
 ///            - unknown objects answer '!obj', unknown properties 'who?', nothing crashes;
 ///            - listeners are called on the one notification thread, or on their queue, with no lock held;
-///            when a
-///              listener runs, a read answers the new value or a later one;
+///              when a listener runs, a read answers the new value or a later one;
 ///            - a device's sample time never repeats while it runs;
 ///            - when a device goes, its callbacks are not called again, its objects answer '!obj', and 'dev#'
-///            of the
-///              system object is announced.
+///              of the system object is announced.
 class DXR_EXPORT HALBackend : public CXObject {
 public:
     using Address = AudioObjectPropertyAddress;

@@ -19,9 +19,9 @@ enum class HALDefault : uint32_t { Input = 0, Output = 1, SystemOutput = 2 };
 
 /// A backend over a model: states of devices in memory, from which every property is read, and whose changes
 /// are announced. What derives from it keeps the model true and carries out what the model cannot: writes,
-/// and IO. Threads:   all functions from any thread. The hooks are called on the thread of the HAL's client,
-/// with no lock of
-///            the model held; startIO() and stopIO() of one device never at the same time.
+/// and IO.
+/// Threads:   all functions from any thread. The hooks are called on the thread of the HAL's client, with no
+///            lock of the model held; startIO() and stopIO() of one device never at the same time.
 /// Real time: as HALBackend says.
 class HALModelBackend : public HALBackend {
 public:

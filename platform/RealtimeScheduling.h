@@ -17,8 +17,8 @@ enum class RealtimeOutcome {
     Refused,     ///< neither; the thread runs as before
 };
 
-/// Puts the calling thread under real-time scheduling. Waits: at most a few seconds, for a RealtimeKit that
-/// is stuck. SCHED_DEADLINE could express the policy whole, but would throttle an IO block that runs over its
+/// Puts the calling thread under real-time scheduling. Waits: for a RealtimeKit that is stuck, a few seconds.
+/// SCHED_DEADLINE could express the policy whole, but would throttle an IO block that runs over its
 /// computation; a fixed priority below the sound server's keeps the promise that matters.
 RealtimeOutcome makeCurrentThreadRealtime(const RealtimePolicy& policy = {});
 

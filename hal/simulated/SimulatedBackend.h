@@ -16,8 +16,9 @@ enum class SimulatedClock {
 };
 
 /// A computer's audio hardware in memory, with a script in place of hands: devices are plugged, changed,
-/// unplugged and made to fail as the application asks. Threads:   any; the stepping functions on one thread
-/// at a time, which then is the IO thread. Real time: as HALBackend says.
+/// unplugged and made to fail as the application asks.
+/// Threads:   any; the stepping functions on one thread at a time, which then is the IO thread.
+/// Real time: as HALBackend says.
 class DXR_EXPORT SimulatedBackend final : public HALBackend {
 public:
     /// A computer without any device.

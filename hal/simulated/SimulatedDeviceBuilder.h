@@ -11,9 +11,9 @@
 struct SimulatedDeviceDescription;
 
 /// Describes a simulated device; every call alters the description and answers it, so that calls chain:
-/// `aDevice().uid("usb-1").outputs(2).volume(HALDirection::Output, 0.5F)`.
-/// A fresh one is a visible virtual device named "Device" without streams, at 48000 Hz, taking 44100 to
-/// 192000 Hz, with 512-frame cycles. Threads: one. Copies are independent.
+/// `aDevice().uid("usb-1").outputs(2).volume(HALDirection::Output, 0.5F)`. A fresh one is a visible virtual
+/// device named "Device" without streams, at 48000 Hz, taking 44100 to 192000 Hz, with 512-frame cycles.
+/// Threads:   one. Copies are independent.
 class DXR_EXPORT SimulatedDeviceBuilder {
 public:
     SimulatedDeviceBuilder();

@@ -10,7 +10,8 @@
 #include <condition_variable>
 
 /// What stands behind SimulatedBackend: the model, the devices' hardware sides, and the clock that drives
-/// them. Threads: any; advance() and stepCycles() on one at a time.
+/// them.
+/// Threads:   any; advance() and stepCycles() on one at a time.
 class SimulatedHardware final : public HALModelBackend {
 public:
     static CXRef<SimulatedHardware> initWithClock(SimulatedClock clock);
