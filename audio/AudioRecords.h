@@ -9,6 +9,8 @@
 struct AudioValueRange {
     double minimum;
     double maximum;
+
+    friend bool operator==(const AudioValueRange&, const AudioValueRange&) = default;
 };
 
 /// A stream's format.
