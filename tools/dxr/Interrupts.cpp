@@ -3,8 +3,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <future>
+#include <iostream>
 #include <memory>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -16,6 +18,7 @@ namespace {
 // Written by the signal handler, on whichever thread takes the signal.
 std::atomic<bool> asked{false};
 std::atomic<int> wakeDescriptor{-1};
+std::atomic<bool> isWorkLeftBehind{false};
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
 constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
@@ -88,10 +91,20 @@ bool Interrupts::runUnlessAsked(std::function<void()> work, int graceMillisecond
     while (end.wait_for(step) != std::future_status::ready) {
         if (!wasAsked())
             continue;
-        if (grace <= std::chrono::milliseconds::zero())
+        if (grace <= std::chrono::milliseconds::zero()) {
+            isWorkLeftBehind = true;
             return false;
+        }
         grace -= step;
     }
     end.get();
     return true;
+}
+
+void Interrupts::endProcess(int status)
+{
+    std::cout.flush();
+    if (isWorkLeftBehind)
+        std::_Exit(status); // it waits for a server that does not answer, and would use what exit() destroys
+    std::exit(status);
 }

@@ -23,7 +23,10 @@ public:
     bool wait(int milliseconds, int otherFD = -1) const;
     /// Runs `work`, which may wait for a sound server, on a thread of its own and waits for its end, but no
     /// longer than `graceMilliseconds` once the user has asked to stop. False when it was left behind
-    /// unfinished: the process should then end by std::_Exit() after its own cleaning up. What `work` throws
-    /// is thrown here.
+    /// unfinished; it must own what it uses, and the process must then end by endProcess(). What `work`
+    /// throws is thrown here.
     bool runUnlessAsked(std::function<void()> work, int graceMilliseconds = 0) const;
+    /// Ends the process with `status`: in the usual way, or at once when work was left behind. Output is
+    /// flushed.
+    [[noreturn]] static void endProcess(int status);
 };

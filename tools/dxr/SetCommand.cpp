@@ -1,16 +1,14 @@
 #include "SetCommand.h"
 
 #include "DeviceLookup.h"
-#include "DeviceProperties.h"
+#include "DeviceSettings.h"
 #include "DisplayText.h"
 #include "HardwareChoice.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
 #include <cmath>
-#include <functional>
 #include <iostream>
-#include <thread>
 
 namespace {
 
@@ -44,19 +42,6 @@ float volumeFrom(const std::string& text)
     if (used == 0 || (!isPercent && used != text.size()) || !(value >= 0.0 && value <= 1.0))
         throw CLI::ValidationError("--volume", "must be 0 to 1, or 0% to 100%");
     return static_cast<float>(value);
-}
-
-/// Waits for the hardware to do as it was told.
-bool settles(const std::function<bool()>& isDone)
-{
-    constexpr int tries = 200;
-    constexpr std::chrono::milliseconds step{10};
-    for (int i = 0; i < tries; ++i) {
-        if (isDone())
-            return true;
-        std::this_thread::sleep_for(step);
-    }
-    return false;
 }
 
 /// Makes the changes that one command line asks for on one device.
@@ -93,21 +78,6 @@ private:
 
     [[noreturn]] void _fail(const std::string& reason) const { throw ToolFailure(_name + ": " + reason); }
 
-    template <class Value>
-    void _write(AudioObjectID objectID, const AudioObjectPropertyAddress& address, Value value,
-                const char* what, double tolerance = 0.0)
-    {
-        const HALStatus status = writeValue(objectID, address, value);
-        if (status != kAudioHardwareNoError)
-            _fail(formatText("the %s cannot be set: %s", what, textOf(status).c_str()));
-        const bool settled = settles([&] {
-            const std::optional<Value> now = readValue<Value>(objectID, address);
-            return now && std::abs(double(*now) - double(value)) <= tolerance;
-        });
-        if (!settled)
-            _fail(formatText("the %s was not taken over by the device", what));
-    }
-
     void _done(const std::string& what) const { std::cout << _name << ": " << what << "\n"; }
 
     /// The elements that `--volume` moves: the channel asked for, else the main one, else every channel's.
@@ -131,8 +101,8 @@ private:
         if (elements.empty())
             _fail(formatText("its %s has no volume control", nameOf(_direction)));
         for (const uint32_t element : elements)
-            _write(_device.deviceID, _address(kAudioDevicePropertyVolumeScalar, element), volume, "volume",
-                   tolerance);
+            setAndWait(_name, _device.deviceID, _address(kAudioDevicePropertyVolumeScalar, element), volume,
+                       "volume", tolerance);
         _done(formatText("%s volume %s", nameOf(_direction), formatPercent(double{volume}).c_str()) +
               (_options.channel ? formatText(" on channel %u", *_options.channel) : ""));
     }
@@ -140,8 +110,8 @@ private:
     void _setMute(bool isMuted)
     {
         const uint32_t element = _options.channel.value_or(0);
-        _write<uint32_t>(_device.deviceID, _address(kAudioDevicePropertyMute, element), isMuted ? 1 : 0,
-                         "mute");
+        setAndWait<uint32_t>(_name, _device.deviceID, _address(kAudioDevicePropertyMute, element),
+                             isMuted ? 1 : 0, "mute");
         _done(formatText("%s mute %s", nameOf(_direction), isMuted ? "on" : "off"));
     }
 
@@ -159,16 +129,15 @@ private:
             _fail(known.empty() ? formatText("its %s has no sources", nameOf(_direction))
                                 : formatText("no source '%s'; there is: %s", singleLine(wanted).c_str(),
                                              clipToWidth(known, 200).c_str()));
-        _write(_device.deviceID, _address(kAudioDevicePropertyDataSource), found->sourceID, "source");
+        setAndWait(_name, _device.deviceID, _address(kAudioDevicePropertyDataSource), found->sourceID,
+                   "source");
         _done(
             formatText("%s source %s", nameOf(_direction), clipToWidth(singleLine(found->name), 40).c_str()));
     }
 
     void _setRate(double rate)
     {
-        constexpr double tolerance = 1e-3; // Hz
-        _write(_device.deviceID, addressOf(kAudioDevicePropertyNominalSampleRate), rate, "sample rate",
-               tolerance);
+        setSampleRate(_name, _device.deviceID, rate);
         _done("sample rate " + formatRate(rate));
     }
 
@@ -179,7 +148,7 @@ private:
         const uint32_t selector = _direction == HALDirection::Input
                                       ? kAudioHardwarePropertyDefaultInputDevice
                                       : kAudioHardwarePropertyDefaultOutputDevice;
-        _write(kAudioObjectSystemObject, addressOf(selector), _device.deviceID, "default device");
+        setAndWait(_name, kAudioObjectSystemObject, addressOf(selector), _device.deviceID, "default device");
         _done(formatText("default %s", nameOf(_direction)));
     }
 

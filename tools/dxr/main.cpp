@@ -1,5 +1,9 @@
 #include "InfoCommand.h"
+#include "Interrupts.h"
 #include "ListCommand.h"
+#include "LoopCommand.h"
+#include "PlayCommand.h"
+#include "RecordCommand.h"
 #include "SetCommand.h"
 #include "ToolFailure.h"
 #include "WatchCommand.h"
@@ -17,6 +21,9 @@ void registerCommands(CLI::App& app)
     registerWatchCommand(app);
     registerInfoCommand(app);
     registerSetCommand(app);
+    registerLoopCommand(app);
+    registerPlayCommand(app);
+    registerRecordCommand(app);
 }
 
 /// Parses the command line and runs its command. Answers the exit status.
@@ -47,5 +54,5 @@ int main(int argc, char** argv)
     app.set_version_flag("--version", std::string("dxr ") + DXRVersionString());
     app.require_subcommand(1);
     registerCommands(app);
-    return runCommandLine(app, argc, argv);
+    Interrupts::endProcess(runCommandLine(app, argc, argv));
 }
