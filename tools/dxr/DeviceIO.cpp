@@ -1,14 +1,12 @@
 #include "DeviceIO.h"
 
 #include "DeviceProperties.h"
-#include "DisplayText.h"
 #include "ToolFailure.h"
 
 #include <utility>
 
 namespace {
 
-constexpr size_t nameColumns = 40;
 constexpr AudioObjectPropertyAddress overload{
     kAudioDeviceProcessorOverload, kAudioObjectPropertyScopeWildcard, kAudioObjectPropertyElementWildcard};
 
@@ -21,8 +19,7 @@ CXRef<DeviceIO> DeviceIO::initWithDevice(const DeviceReport& device, const Audio
 }
 
 DeviceIO::DeviceIO(const DeviceReport& device, const AudioDeviceIOBlock& block, CycleMonitor& monitor)
-    : _deviceID(device.deviceID), _name(clipToWidth(singleLine(device.name), nameColumns)), _block(block),
-      _monitor(monitor)
+    : _deviceID(device.deviceID), _name(device.shortName()), _block(block), _monitor(monitor)
 {
     const HALStatus status = AudioDeviceCreateIOProcIDWithBlock(&_procID, _deviceID, nullptr, block);
     if (status != kAudioHardwareNoError)

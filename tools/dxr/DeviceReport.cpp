@@ -1,6 +1,7 @@
 #include "DeviceReport.h"
 
 #include "DeviceProperties.h"
+#include "DisplayText.h"
 
 #include <algorithm>
 #include <cmath>
@@ -181,6 +182,13 @@ std::vector<DeviceReport> DeviceReport::readAll()
         if (std::optional<DeviceReport> report = read(deviceID))
             reports.push_back(std::move(*report));
     return reports;
+}
+
+std::string DeviceReport::shortName() const
+{
+    constexpr size_t columns = 40;
+    const std::string shown = clipToWidth(singleLine(name), columns);
+    return shown.empty() ? "(no name)" : shown;
 }
 
 std::string DeviceReport::transportName() const

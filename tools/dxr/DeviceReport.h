@@ -67,6 +67,8 @@ struct DeviceReport {
     {
         return directions[static_cast<size_t>(direction)];
     }
+    /// The name, made printable and cut to fit into a line among other things.
+    std::string shortName() const;
     /// "usb", "built-in", …; the code's four characters for one that has no name.
     std::string transportName() const;
     /// As `dxr list --json` prints it.

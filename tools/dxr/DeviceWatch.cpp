@@ -32,12 +32,6 @@ const char* wordFor(DeviceWatch::Kind kind)
     return "default";
 }
 
-std::string shownName(const std::string& deviceName)
-{
-    const std::string name = clipToWidth(singleLine(deviceName), nameColumns);
-    return name.empty() ? "(no name)" : name;
-}
-
 /// A value of a report's JSON as a reader wants it.
 std::string valueText(const std::string& key, const CXPlist& value)
 {
@@ -117,26 +111,31 @@ std::string DeviceWatch::Event::text() const
     switch (kind) {
     case Kind::Present:
     case Kind::Connected:
-        return start + shownName(device.name) +
+        return start + device.shortName() +
                formatText("  %u in, %u out, %s  ", device[HALDirection::Input].channelCount,
                           device[HALDirection::Output].channelCount, formatRate(device.sampleRate).c_str()) +
                clipToWidth(singleLine(device.uid), nameColumns);
     case Kind::Changed: {
         if (what == "name") // told by the name it was known by
-            return start + shownName(from.get<std::string>()) + ": is now " + shownName(device.name);
+            return start + clipToWidth(singleLine(from.get<std::string>()), nameColumns) + ": is now " +
+                   device.shortName();
         const std::string key = what.substr(what.rfind('/') + 1);
-        return start + shownName(device.name) + ": " + labelOf(what) + " " +
+        return start + device.shortName() + ": " + labelOf(what) + " " +
                clipToWidth(valueText(key, from), valueColumns) + " -> " +
                clipToWidth(valueText(key, to), valueColumns);
     }
     case Kind::Default:
-        return start + what + ": " +
-               (device.deviceID == kAudioObjectUnknown ? "none" : shownName(device.name));
+        return start + what + ": " + (device.deviceID == kAudioObjectUnknown ? "none" : device.shortName());
     case Kind::Disconnected:
     case Kind::LostCycles:
         break;
     }
-    return start + shownName(device.name);
+    return start + device.shortName();
+}
+
+std::string DeviceWatch::Event::shortText() const
+{
+    return labelOf(what) + " " + clipToWidth(valueText(what.substr(what.rfind('/') + 1), to), valueColumns);
 }
 
 CXPlist DeviceWatch::Event::json() const

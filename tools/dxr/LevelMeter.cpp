@@ -13,6 +13,7 @@ constexpr float yellowFromDecibels = -12.0F;
 constexpr float redFromDecibels = -3.0F;
 constexpr float fallDecibelsPerSecond = 24.0F;
 constexpr uint32_t mostBars = 8;
+constexpr size_t labelWidth = 7; // "out 8" and a gap
 constexpr const char* eighths[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
 
 /// Where a level stands on a bar, 0 to 1.
@@ -61,9 +62,9 @@ std::vector<float> LevelMeter::takePeaks()
     return peaks;
 }
 
-std::vector<std::string> LevelMeter::draw(const std::string& label, size_t width, const Terminal& terminal)
+std::vector<std::string> LevelMeter::draw(const std::string& label, const std::vector<float>& peaks,
+                                          size_t width, const Terminal& terminal)
 {
-    const std::vector<float> peaks = takePeaks();
     const auto now = std::chrono::steady_clock::now();
     const float seconds = std::min(1.0F, std::chrono::duration<float>(now - _drawn).count());
     _drawn = now;
@@ -75,7 +76,6 @@ std::vector<std::string> LevelMeter::draw(const std::string& label, size_t width
         _shown[bar] = std::max(peak, _shown[bar] * fall);
         const std::string number = bars == 1 ? "" : formatText(" %zu", bar + 1);
         const std::string level = fitRight(formatLevel(double{_shown[bar]}), 9);
-        const size_t labelWidth = displayWidth(label) + 4;
         const size_t room = width > labelWidth + level.size() + 1 ? width - labelWidth - level.size() - 1 : 0;
         lines.push_back(fitLeft(label + number, labelWidth) + _bar(_shown[bar], room, terminal) + " " +
                         level);

@@ -20,9 +20,10 @@ public:
 
     /// The peak of each channel since the last call, 1.0 being full scale.
     std::vector<float> takePeaks();
-    /// Bars for the channels, one a line, each `width` columns wide, after `label`. The bars fall slowly, so
+    /// Bars for such peaks, one a line, each `width` columns wide, after `label`. The bars fall slowly, so
     /// that short peaks can be seen. Many channels are shown as their loudest.
-    std::vector<std::string> draw(const std::string& label, size_t width, const Terminal& terminal);
+    std::vector<std::string> draw(const std::string& label, const std::vector<float>& peaks, size_t width,
+                                  const Terminal& terminal);
 
 private:
     std::string _bar(float level, size_t width, const Terminal& terminal) const;

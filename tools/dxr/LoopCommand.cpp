@@ -1,7 +1,6 @@
 #include "LoopCommand.h"
 
 #include "AudioLoop.h"
-#include "DeviceLookup.h"
 #include "DeviceSettings.h"
 #include "DisplayText.h"
 #include "HardwareChoice.h"
@@ -21,26 +20,6 @@ struct Options {
     std::optional<double> rate;
     std::optional<double> seconds;
 };
-
-std::string nameOf(const DeviceReport& device)
-{
-    constexpr size_t columns = 30;
-    return clipToWidth(singleLine(device.name), columns);
-}
-
-/// Finds the device and makes it run as it was asked for.
-DeviceReport prepared(const Options& options, const std::string& wanted, HALDirection direction)
-{
-    const DeviceReport device = DeviceLookup::find(wanted, direction);
-    if (options.rate)
-        setSampleRate(nameOf(device), device.deviceID, *options.rate);
-    if (options.frames)
-        setBufferFrameSize(nameOf(device), device.deviceID, *options.frames);
-    const std::optional<DeviceReport> now = DeviceReport::read(device.deviceID);
-    if (!now)
-        throw ToolFailure(nameOf(device) + ": the device is gone");
-    return *now;
-}
 
 void printDevice(const char* side, CycleMonitor& monitor)
 {
@@ -72,8 +51,10 @@ void draw(LiveLines& live, AudioLoop& loop, double rate, const Terminal& termina
     if (!terminal.isLive())
         return;
     const size_t width = terminal.columns() - 1;
-    std::vector<std::string> lines = loop.inputMeter().draw("in", width, terminal);
-    std::ranges::move(loop.outputMeter().draw("out", width, terminal), std::back_inserter(lines));
+    std::vector<std::string> lines =
+        loop.inputMeter().draw("in", loop.inputMeter().takePeaks(), width, terminal);
+    std::ranges::move(loop.outputMeter().draw("out", loop.outputMeter().takePeaks(), width, terminal),
+                      std::back_inserter(lines));
     lines.push_back(clipToWidth(formatSeconds(static_cast<double>(loop.framesMoved()) / rate) +
                                     formatText("  %llu frames lost, %llu underruns   Ctrl-C ends",
                                                static_cast<unsigned long long>(
@@ -129,13 +110,16 @@ void runLoop(AudioLoop& loop, const Options& options, double rate, const Interru
 void run(const Options& options)
 {
     options.hardware.apply();
-    const DeviceReport input = prepared(options, options.input, HALDirection::Input);
-    const DeviceReport output = prepared(options, options.output, HALDirection::Output);
+    const DeviceReport input =
+        preparedDevice(options.input, HALDirection::Input, options.rate, options.frames);
+    const DeviceReport output =
+        preparedDevice(options.output, HALDirection::Output, options.rate, options.frames);
     if (input.sampleRate != output.sampleRate)
-        throw ToolFailure(nameOf(input) + " runs at " + formatRate(input.sampleRate) + ", " + nameOf(output) +
-                          " at " + formatRate(output.sampleRate) + "; choose one with --rate");
+        throw ToolFailure(input.shortName() + " runs at " + formatRate(input.sampleRate) + ", " +
+                          output.shortName() + " at " + formatRate(output.sampleRate) +
+                          "; choose one with --rate");
     const Interrupts interrupts;
-    std::cout << nameOf(input) << " -> " << nameOf(output) << ", " << formatRate(input.sampleRate)
+    std::cout << input.shortName() << " -> " << output.shortName() << ", " << formatRate(input.sampleRate)
               << std::endl;
     const CXRef<AudioLoop> loop = AudioLoop::initWithDevices(input, output);
     runLoop(*loop, options, output.sampleRate, interrupts);

@@ -1,6 +1,5 @@
 #include "PlayCommand.h"
 
-#include "DeviceLookup.h"
 #include "DeviceSettings.h"
 #include "DisplayText.h"
 #include "FilePlayer.h"
@@ -24,29 +23,6 @@ struct Options {
     std::vector<uint32_t> channels;
 };
 
-std::string nameOf(const DeviceReport& device)
-{
-    constexpr size_t columns = 30;
-    return clipToWidth(singleLine(device.name), columns);
-}
-
-/// Finds the device and makes it run at the file's rate.
-DeviceReport preparedDevice(const Options& options, const SoundFileReader& file)
-{
-    const DeviceReport device = DeviceLookup::find(options.output, HALDirection::Output);
-    if (options.rate && *options.rate != file.sampleRate())
-        throw ToolFailure("the file is at " + formatRate(file.sampleRate()) +
-                          " and is not converted; leave --rate out");
-    if (device.sampleRate != file.sampleRate())
-        setSampleRate(nameOf(device), device.deviceID, file.sampleRate());
-    if (options.frames)
-        setBufferFrameSize(nameOf(device), device.deviceID, *options.frames);
-    const std::optional<DeviceReport> now = DeviceReport::read(device.deviceID);
-    if (!now)
-        throw ToolFailure(nameOf(device) + ": the device is gone");
-    return *now;
-}
-
 ChannelMap mapFor(const Options& options, const SoundFileReader& file, const DeviceReport& device)
 {
     const DirectionReport& side = device[HALDirection::Output];
@@ -61,7 +37,7 @@ ChannelMap mapFor(const Options& options, const SoundFileReader& file, const Dev
         map.push_back(channel == 0 ? channelOfNone : channel - 1);
     }
     if (map.size() > side.channelCount)
-        throw ToolFailure(nameOf(device) +
+        throw ToolFailure(device.shortName() +
                           formatText(": has %u channels, not %zu", side.channelCount, map.size()));
     return map;
 }
@@ -71,7 +47,7 @@ void draw(LiveLines& live, FilePlayer& player, double rate, const Terminal& term
     if (!terminal.isLive())
         return;
     const size_t width = terminal.columns() - 1;
-    std::vector<std::string> lines = player.meter().draw("out", width, terminal);
+    std::vector<std::string> lines = player.meter().draw("out", player.meter().takePeaks(), width, terminal);
     const std::string times = formatSeconds(static_cast<double>(player.framesPlayed()) / rate) + " of " +
                               formatSeconds(static_cast<double>(player.frameCount()) / rate);
     const size_t room = width > times.size() + 2 ? width - times.size() - 2 : 0;
@@ -101,13 +77,18 @@ void run(const Options& options)
     constexpr int tickMilliseconds = 30;
     SoundFileReader file(options.file);
     options.hardware.apply();
-    const DeviceReport device = preparedDevice(options, file);
+    if (options.rate && *options.rate != file.sampleRate())
+        throw ToolFailure("the file is at " + formatRate(file.sampleRate()) +
+                          " and is not converted; leave --rate out");
+    const DeviceReport device =
+        preparedDevice(options.output, HALDirection::Output, file.sampleRate(), options.frames);
     ChannelMap map = mapFor(options, file, device);
     const double rate = file.sampleRate();
     const Interrupts interrupts;
     std::cout << clipToWidth(singleLine(std::filesystem::path(options.file).filename().string()), 40)
-              << " -> " << nameOf(device) << ", " << formatCount(file.channelCount(), "channel", "channels")
-              << ", " << formatRate(rate) << std::endl;
+              << " -> " << device.shortName() << ", "
+              << formatCount(file.channelCount(), "channel", "channels") << ", " << formatRate(rate)
+              << std::endl;
     const CXRef<FilePlayer> player = FilePlayer::initWithFile(std::move(file), device, std::move(map));
     const Terminal terminal;
     LiveLines live(terminal);

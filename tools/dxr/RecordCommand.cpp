@@ -1,6 +1,5 @@
 #include "RecordCommand.h"
 
-#include "DeviceLookup.h"
 #include "DeviceSettings.h"
 #include "DisplayText.h"
 #include "FileRecorder.h"
@@ -24,25 +23,6 @@ struct Options {
     std::optional<double> seconds;
 };
 
-std::string nameOf(const DeviceReport& device)
-{
-    constexpr size_t columns = 30;
-    return clipToWidth(singleLine(device.name), columns);
-}
-
-DeviceReport preparedDevice(const Options& options)
-{
-    const DeviceReport device = DeviceLookup::find(options.input, HALDirection::Input);
-    if (options.rate)
-        setSampleRate(nameOf(device), device.deviceID, *options.rate);
-    if (options.frames)
-        setBufferFrameSize(nameOf(device), device.deviceID, *options.frames);
-    const std::optional<DeviceReport> now = DeviceReport::read(device.deviceID);
-    if (!now)
-        throw ToolFailure(nameOf(device) + ": the device is gone");
-    return *now;
-}
-
 void printResult(const SoundFileWriter& file, FileRecorder& recorder, double rate)
 {
     CycleMonitor& monitor = recorder.monitor();
@@ -58,7 +38,8 @@ void draw(LiveLines& live, FileRecorder& recorder, double seconds, const Termina
     if (!terminal.isLive())
         return;
     const size_t width = terminal.columns() - 1;
-    std::vector<std::string> lines = recorder.meter().draw("in", width, terminal);
+    std::vector<std::string> lines =
+        recorder.meter().draw("in", recorder.meter().takePeaks(), width, terminal);
     lines.push_back(clipToWidth(formatSeconds(seconds) + " recorded   Ctrl-C ends", width));
     live.draw(lines);
 }
@@ -82,14 +63,15 @@ void record(SoundFileWriter& file, FileRecorder& recorder, AudioRun& run, uint64
 void run(const Options& options)
 {
     options.hardware.apply();
-    const DeviceReport device = preparedDevice(options);
+    const DeviceReport device =
+        preparedDevice(options.input, HALDirection::Input, options.rate, options.frames);
     const double rate = device.sampleRate;
     const uint32_t channels = device[HALDirection::Input].channelCount;
     const uint64_t mostFrames =
         options.seconds ? static_cast<uint64_t>(std::llround(*options.seconds * rate)) : UINT64_MAX;
     const Interrupts interrupts;
     SoundFileWriter file(options.file, channels, rate, options.seconds.value_or(0.0));
-    std::cout << nameOf(device) << " -> " << clipToWidth(singleLine(options.file), 60) << ", "
+    std::cout << device.shortName() << " -> " << clipToWidth(singleLine(options.file), 60) << ", "
               << formatCount(channels, "channel", "channels") << ", " << formatRate(rate) << std::endl;
     const CXRef<FileRecorder> recorder = FileRecorder::initWithDevice(device);
     AudioRun run(interrupts);

@@ -48,7 +48,7 @@ float volumeFrom(const std::string& text)
 class Changes {
 public:
     Changes(const Options& options, const DeviceReport& device)
-        : _options(options), _device(device), _name(clipToWidth(singleLine(device.name), 40))
+        : _options(options), _device(device), _name(device.shortName())
     {
         const bool hasOutput = device[HALDirection::Output].channelCount > 0;
         const bool isInput = options.input || (!options.output && !hasOutput);

@@ -1,3 +1,4 @@
+#include "DemoCommand.h"
 #include "InfoCommand.h"
 #include "Interrupts.h"
 #include "ListCommand.h"
@@ -24,6 +25,7 @@ void registerCommands(CLI::App& app)
     registerLoopCommand(app);
     registerPlayCommand(app);
     registerRecordCommand(app);
+    registerDemoCommand(app);
 }
 
 /// Parses the command line and runs its command. Answers the exit status.
