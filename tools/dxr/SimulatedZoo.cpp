@@ -48,7 +48,7 @@ CXRef<SimulatedBackend> SimulatedZoo::open()
                       .inputs(2)
                       .canBeDefault(false)
                       .hears(simulatedRamp()));
-    backend->plug(aDevice().uid("zoo-hidden").name("Service Port").hidden().inputs(2).outputs(2));
+    backend->plug(aDevice().uid("zoo-hidden").name("Service\x1B[31m Port\r\n").hidden().inputs(2).outputs(2));
     return backend;
 }
 

@@ -13,7 +13,7 @@ public:
     /// - "Living Room Receiver" (zoo-surround): 5.1 over HDMI
     /// - "Loop-back Cable" (zoo-loopback): what is played into it comes back from its input
     /// - "Ramp Generator" (zoo-ramp): stereo input whose every frame tells its own sample time
-    /// - "Service Port" (zoo-hidden): hidden
+    /// - "Service Port" (zoo-hidden): hidden, with an escape sequence in its name
     static CXRef<SimulatedBackend> open();
     /// The device that comes and goes in scripts: "Wireless Headphones" (zoo-headphones), stereo both ways.
     static SimulatedDeviceBuilder headphones();

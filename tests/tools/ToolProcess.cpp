@@ -1,0 +1,126 @@
+#include "ToolProcess.h"
+
+#include <csignal>
+#include <poll.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::chrono::seconds patience{30};
+
+[[noreturn]] void becomeTool(const std::vector<std::string>& arguments, size_t mostFileBytes)
+{
+    if (mostFileBytes > 0) {
+        const rlimit limit{mostFileBytes, mostFileBytes};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        std::signal(SIGXFSZ, SIG_IGN); // writing answers an error instead, as it does on a full disk
+    }
+    std::vector<char*> argv{const_cast<char*>("dxr")};
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    setenv("TERM", "xterm", 1);
+    unsetenv("NO_COLOR");
+    unsetenv("COLUMNS");
+    execv(DXR_TOOL, argv.data());
+    _exit(127);
+}
+
+} // namespace
+
+ToolProcess::ToolProcess(const std::vector<std::string>& arguments, bool onTerminal, size_t mostFileBytes)
+{
+    if (onTerminal) {
+        const winsize size{40, 80, 0, 0};
+        _child = forkpty(&_outputFD, nullptr, nullptr, &size);
+        if (_child == 0)
+            becomeTool(arguments, mostFileBytes);
+        return;
+    }
+    int output[2], errors[2];
+    if (pipe(output) != 0 || pipe(errors) != 0)
+        return;
+    _child = fork();
+    if (_child == 0) {
+        dup2(output[1], STDOUT_FILENO);
+        dup2(errors[1], STDERR_FILENO);
+        for (const int fd : {output[0], output[1], errors[0], errors[1]})
+            close(fd);
+        becomeTool(arguments, mostFileBytes);
+    }
+    close(output[1]);
+    close(errors[1]);
+    _outputFD = output[0];
+    _errorFD = errors[0];
+}
+
+ToolProcess::~ToolProcess()
+{
+    if (_child > 0) {
+        kill(_child, SIGKILL);
+        waitpid(_child, nullptr, 0);
+    }
+    for (const int fd : {_outputFD, _errorFD})
+        if (fd >= 0)
+            close(fd);
+}
+
+bool ToolProcess::_readSome(std::chrono::steady_clock::time_point until)
+{
+    using std::chrono::milliseconds;
+    pollfd waited[] = {{_outputFD, POLLIN, 0}, {_errorFD, POLLIN, 0}};
+    const auto left = std::chrono::duration_cast<milliseconds>(until - std::chrono::steady_clock::now());
+    if ((_outputFD < 0 && _errorFD < 0) || left <= milliseconds::zero() ||
+        poll(waited, 2, static_cast<int>(left.count())) <= 0)
+        return false;
+    char bytes[4096];
+    for (const auto& [fd, text] : {std::pair(&_outputFD, &_output), std::pair(&_errorFD, &_errors)}) {
+        if (waited[fd == &_errorFD].revents == 0)
+            continue;
+        const ssize_t count = read(*fd, bytes, sizeof bytes);
+        if (count > 0) {
+            text->append(bytes, static_cast<size_t>(count));
+        } else {
+            close(*fd);
+            *fd = -1;
+        }
+    }
+    return true;
+}
+
+bool ToolProcess::waitFor(const std::string& text)
+{
+    const auto until = std::chrono::steady_clock::now() + patience;
+    while (_output.find(text) == std::string::npos)
+        if (!_readSome(until))
+            return _output.find(text) != std::string::npos;
+    return true;
+}
+
+void ToolProcess::signal(int number) const
+{
+    kill(_child, number);
+}
+
+int ToolProcess::finish()
+{
+    const auto until = std::chrono::steady_clock::now() + patience;
+    while (_readSome(until)) {
+    }
+    if (_outputFD >= 0 || _errorFD >= 0)
+        kill(_child, SIGKILL); // it hangs; the status will tell
+    int status = 0;
+    waitpid(_child, &status, 0);
+    _child = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+ToolResult runTool(const std::vector<std::string>& arguments)
+{
+    ToolProcess tool(arguments);
+    const int status = tool.finish();
+    return {status, tool.output(), tool.errors()};
+}

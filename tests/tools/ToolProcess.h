@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+/// One run of the `dxr` command, in a process of its own.
+class ToolProcess {
+public:
+    /// Starts `dxr` with these arguments, its output in pipes; on a pseudo-terminal of 80 columns when `onTerminal`.
+    /// Files may grow to `mostFileBytes`, if not 0, as on a full disk.
+    explicit ToolProcess(const std::vector<std::string>& arguments, bool onTerminal = false,
+                         size_t mostFileBytes = 0);
+    ~ToolProcess();
+    ToolProcess(const ToolProcess&) = delete;
+    ToolProcess& operator=(const ToolProcess&) = delete;
+
+    /// Reads its output until `text` has come; false when it ends, or half a minute passes, before that.
+    bool waitFor(const std::string& text);
+    void signal(int number) const;
+    /// Waits for its end and answers the exit status; 128 and the signal when one has killed it.
+    int finish();
+
+    const std::string& output() const { return _output; }
+    const std::string& errors() const { return _errors; } ///< empty on a terminal, which shows both
+
+private:
+    bool _readSome(std::chrono::steady_clock::time_point until);
+
+    pid_t _child = -1;
+    int _outputFD = -1, _errorFD = -1;
+    std::string _output, _errors;
+};
+
+struct ToolResult {
+    int status;
+    std::string output, errors;
+};
+/// Runs `dxr` to its end.
+ToolResult runTool(const std::vector<std::string>& arguments);

@@ -1,0 +1,271 @@
+#include "ToolProcess.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sndfile.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <numeric>
+#include <sstream>
+
+namespace {
+
+using nlohmann::json;
+
+class DxrCommand : public testing::Test {
+protected:
+    DxrCommand()
+    {
+        std::string pattern = std::filesystem::temp_directory_path() / "dxr-tool-XXXXXX";
+        folder = mkdtemp(pattern.data());
+    }
+    ~DxrCommand() override { std::filesystem::remove_all(folder); }
+
+    std::string file(const std::string& name, const std::string& content = {}) const
+    {
+        std::ofstream(folder / name, std::ios::binary) << content;
+        return folder / name;
+    }
+    std::string path(const std::string& name) const { return folder / name; }
+
+    std::filesystem::path folder;
+};
+
+std::vector<std::string> linesOf(const std::string& text)
+{
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+bool hasControls(const std::string& text)
+{
+    return std::ranges::any_of(
+        text, [](char c) { return (static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7F; });
+}
+
+/// The samples of a 32-bit float WAV file, and its channels; nothing when it is none.
+std::vector<float> samplesOf(const std::string& path, int& channels)
+{
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file || info.format != (SF_FORMAT_WAV | SF_FORMAT_FLOAT)) {
+        sf_close(file);
+        return {};
+    }
+    channels = info.channels;
+    std::vector<float> samples(static_cast<size_t>(info.frames * info.channels));
+    sf_readf_float(file, samples.data(), info.frames);
+    sf_close(file);
+    return samples;
+}
+
+std::string wave(uint32_t declaredBytes, size_t heldBytes)
+{
+    const auto word = [](uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); };
+    return "RIFF" + word(36 + declaredBytes) + "WAVEfmt " + word(16) + word(0x00010003) + word(48000) +
+           word(192000) + word(0x00200004) + "data" + word(declaredBytes) + std::string(heldBytes, '\0');
+}
+
+TEST_F(DxrCommand, tellsWrongUsageFromFailure)
+{
+    struct {
+        std::vector<std::string> arguments;
+        int status;
+    } const rows[] = {
+        {{}, 2},
+        {{"nonsense"}, 2},
+        {{"list", "--nonsense"}, 2},
+        {{"info", "--simulated"}, 2},
+        {{"play", "x.wav"}, 2},
+        {{"loop", "--in", "zoo-ramp"}, 2},
+        {{"set", "zoo-speakers", "--simulated"}, 2},
+        {{"set", "zoo-speakers", "--simulated", "--volume", "1.01"}, 2},
+        {{"set", "zoo-speakers", "--simulated", "--volume", "50"}, 2},
+        {{"set", "zoo-speakers", "--simulated", "--volume", "nan"}, 2},
+        {{"set", "zoo-speakers", "--simulated", "--mute", "maybe"}, 2},
+        {{"record", "x.wav", "--in", "zoo-ramp", "--seconds", "-1"}, 2},
+        {{"--help"}, 0},
+        {{"--version"}, 0},
+        {{"info", "nobody", "--simulated"}, 1},
+        {{"info", "", "--simulated"}, 1},
+        {{"info", "Built-in", "--simulated"}, 0},
+        {{"set", "zoo-usb-mic", "--simulated", "--output", "--mute", "on"}, 1},
+        {{"set", "zoo-speakers", "--simulated", "--rate", "12345"}, 1},
+        {{"set", "zoo-speakers", "--simulated", "--source", "Nowhere"}, 1},
+        {{"set", "speakers", "--simulated", "--volume", "25%", "--source", "line out"}, 0},
+        {{"record", "/nowhere/x.wav", "--in", "zoo-ramp", "--simulated", "--seconds", "0.1"}, 1},
+        {{"record", "/dev/full", "--in", "zoo-ramp", "--simulated", "--seconds", "0.1"}, 1},
+    };
+    for (const auto& row : rows) {
+        const ToolResult result = runTool(row.arguments);
+        const std::string shown =
+            std::accumulate(row.arguments.begin(), row.arguments.end(), std::string("dxr"),
+                            [](const std::string& a, const std::string& b) { return a + " " + b; });
+        EXPECT_EQ(result.status, row.status) << shown << "\n" << result.errors;
+        EXPECT_EQ(result.errors.empty(), row.status == 0) << shown;
+        if (row.status == 1) {
+            EXPECT_EQ(linesOf(result.errors).size(), 1U) << result.errors;
+        }
+    }
+}
+
+TEST_F(DxrCommand, refusesBadSoundFilesWithOneLine)
+{
+    struct {
+        const char* why;
+        std::string path;
+    } const rows[] = {
+        {"not there", path("none.wav")},
+        {"a folder", folder},
+        {"empty", file("empty.wav")},
+        {"no sound file", file("text.wav", "Dear diary, today I recorded nothing at all.\n")},
+        {"half a header", file("header.wav", wave(800, 0).substr(0, 9))},
+        {"header only", file("headeronly.wav", wave(800, 0))},
+        {"cut short by a byte", file("short.wav", wave(800, 799))},
+        {"no frames", file("noframes.wav", wave(0, 0))},
+        {"a chunk that never ends", file("endless.wav", "RIFF\xFF\xFF\xFF\x7FWAVELIST\xFF\xFF\xFF\x7F")},
+        {"a name for a terminal", path("\x1B]0;owned\x07.wav")},
+    };
+    for (const auto& row : rows) {
+        const ToolResult result = runTool({"play", row.path, "--out", "zoo-speakers", "--simulated"});
+        EXPECT_EQ(result.status, 1) << row.why;
+        EXPECT_EQ(linesOf(result.errors).size(), 1U) << row.why << ": " << result.errors;
+        EXPECT_FALSE(hasControls(result.errors)) << row.why;
+    }
+    EXPECT_EQ(runTool({"play", file("good.wav", wave(800, 800)), "--out", "speakers", "--simulated"}).status,
+              0);
+}
+
+TEST_F(DxrCommand, listsTheSameDevicesAsTableAndAsJSON)
+{
+    const json devices = json::parse(runTool({"list", "--simulated", "--all", "--json"}).output);
+    EXPECT_EQ(devices.size(), 6U);
+    const auto receiver =
+        std::ranges::find(devices, "zoo-surround", [](const json& each) { return each["uid"]; });
+    ASSERT_NE(receiver, devices.end());
+    EXPECT_EQ((*receiver)["outputs"]["channels"], 6);
+    EXPECT_EQ((*receiver)["outputs"]["channel_volumes"][5], 0.6);
+    EXPECT_EQ((*receiver)["outputs"]["volume"], nullptr);
+    EXPECT_EQ((*receiver)["sample_rates"][2]["maximum"], 192000.0);
+    EXPECT_EQ(json::parse(runTool({"info", "zoo-surround", "--simulated", "--json"}).output), *receiver);
+
+    const ToolResult table = runTool({"list", "--simulated"});
+    for (const json& device : devices)
+        EXPECT_EQ(table.output.find(device["uid"].get<std::string>()) == std::string::npos,
+                  device["hidden"].get<bool>());
+    for (const std::string& line : linesOf(table.output))
+        EXPECT_LE(line.size(), 80U) << line;
+}
+
+TEST_F(DxrCommand, letsNoNameDriveTheTerminal)
+{
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"list", "--simulated", "--all"}, {"info", "zoo-hidden", "--simulated"}}) {
+        const ToolResult result = runTool(arguments);
+        EXPECT_NE(result.output.find("Service\\x1B[31m Port\\x0D\\x0A"), std::string::npos) << result.output;
+        EXPECT_FALSE(hasControls(result.output)) << result.output;
+    }
+}
+
+TEST_F(DxrCommand, watchesWhatComesAndGoesUntilItIsStopped)
+{
+    ToolProcess watch({"watch", "--simulated", "--json"});
+    ASSERT_TRUE(watch.waitFor("\"disconnected\""));
+    watch.signal(SIGINT);
+    EXPECT_EQ(watch.finish(), 0);
+    std::map<std::string, int> seen;
+    for (const std::string& line : linesOf(watch.output())) {
+        const json event = json::parse(line);
+        ++seen[event["event"].get<std::string>() + " " + event["uid"].get<std::string>()];
+    }
+    EXPECT_EQ(seen["present zoo-usb-mic"], 1);
+    EXPECT_EQ(seen["connected zoo-headphones"], 1);
+    EXPECT_EQ(seen["changed zoo-headphones"], 1);
+    EXPECT_EQ(seen["changed zoo-usb-mic"], 1);
+    EXPECT_EQ(seen["disconnected zoo-headphones"], 1);
+}
+
+TEST_F(DxrCommand, recordsEveryFrameAndNoMore)
+{
+    const std::string name = path("ramp.wav");
+    const ToolResult result = runTool({"record", name, "--in", "ramp", "--simulated", "--seconds", "0.5"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    int channels = 0;
+    const std::vector<float> samples = samplesOf(name, channels);
+    ASSERT_EQ(samples.size(), 48000U);
+    if (result.output.find(" 0 gaps") == std::string::npos)
+        GTEST_SKIP() << "the machine was too busy: " << result.output;
+    for (size_t frame = 1; frame < samples.size() / 2; ++frame)
+        ASSERT_EQ((samples[2 * frame] - samples[2 * frame - 2]) * 16777216.0F, 1.0F) << frame;
+}
+
+TEST_F(DxrCommand, leavesAValidRecordingWhateverEndsIt)
+{
+    int channels = 0;
+    ToolProcess stopped({"record", path("stopped.wav"), "--in", "zoo-loopback", "--simulated"});
+    ASSERT_TRUE(stopped.waitFor("Loop-back"));
+    usleep(600'000);
+    stopped.signal(SIGINT);
+    EXPECT_EQ(stopped.finish(), 0) << stopped.errors();
+    EXPECT_GT(samplesOf(path("stopped.wav"), channels).size(), 10000U);
+
+    constexpr size_t disk = 100'001;
+    ToolProcess full({"record", path("full.wav"), "--in", "zoo-loopback", "--simulated"}, false, disk);
+    EXPECT_EQ(full.finish(), 1);
+    EXPECT_EQ(linesOf(full.errors()).size(), 1U) << full.errors();
+    const size_t samples = samplesOf(path("full.wav"), channels).size();
+    EXPECT_GT(samples * sizeof(float), disk - 200);
+    EXPECT_EQ(samples % 2, 0U);
+
+    ToolProcess killed({"record", path("killed.wav"), "--in", "zoo-loopback", "--simulated"});
+    ASSERT_TRUE(killed.waitFor("Loop-back"));
+    usleep(1'800'000);
+    killed.signal(SIGKILL);
+    killed.finish();
+    EXPECT_GT(samplesOf(path("killed.wav"), channels).size(), 10000U);
+}
+
+TEST_F(DxrCommand, loopsUntilItIsStoppedAndTellsWhatHappened)
+{
+    ToolProcess loop({"loop", "--in", "zoo-ramp", "--out", "zoo-speakers", "--simulated"});
+    ASSERT_TRUE(loop.waitFor("The ring adds 1536 frames (32.0 ms)"));
+    loop.signal(SIGTERM);
+    EXPECT_EQ(loop.finish(), 0) << loop.errors();
+    EXPECT_NE(loop.output().find("frames moved"), std::string::npos) << loop.output();
+    const ToolResult differing =
+        runTool({"loop", "--in", "zoo-ramp", "--out", "zoo-speakers", "--simulated", "--rate", "22050"});
+    EXPECT_EQ(differing.status, 1);
+}
+
+TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)
+{
+    const std::string picture = path("pictures/run.svg");
+    ToolProcess demo({"demo", "--seconds", "2", "--picture", picture});
+    EXPECT_EQ(demo.finish(), 0) << demo.errors();
+    EXPECT_FALSE(hasControls(demo.output())) << demo.output();
+    EXPECT_NE(demo.output().find("11 of 11 deeds told"), std::string::npos) << demo.output();
+    const size_t result = demo.output().find("signal to noise ");
+    ASSERT_NE(result, std::string::npos) << demo.output();
+    if (demo.output().find(" 0 gaps, 0 frames lost, 0 underruns") != std::string::npos) {
+        EXPECT_GT(std::stod(demo.output().substr(result + 16)), 120.0) << demo.output();
+    }
+    std::stringstream svg;
+    svg << std::ifstream(picture).rdbuf();
+    EXPECT_TRUE(svg.str().starts_with("<svg") && svg.str().ends_with("</svg>\n"));
+    EXPECT_NE(svg.str().find("Interview Microphone"), std::string::npos);
+
+    ToolProcess lively({"demo", "--seconds", "1", "--picture", path("x.svg")}, true);
+    EXPECT_EQ(lively.finish(), 0);
+    EXPECT_NE(lively.output().find("█"), std::string::npos);
+    EXPECT_GT(lively.output().rfind("\x1B[?25h"), lively.output().rfind("\x1B[?25l")); // the cursor is back
+
+    EXPECT_EQ(runTool({"demo", "--seconds", "1", "--picture", "/dev/null/x.svg"}).status, 1);
+}
+
+} // namespace
