@@ -1,0 +1,8 @@
+#include "HALDefaultBackend.h"
+
+#include "PipeWireBackend.h"
+
+CXRef<HALBackend> halMakeDefaultBackend()
+{
+    return PipeWireBackend::initWithRemote();
+}

@@ -1,0 +1,346 @@
+#include "PipeWireMirror.h"
+
+#include <algorithm>
+#include <pipewire/extensions/metadata.h>
+#include <pipewire/pipewire.h>
+#include <utility>
+
+namespace {
+
+uint64_t newSerial()
+{
+    static uint64_t last = 0; // the loop's thread
+    return ++last;
+}
+
+} // namespace
+
+PipeWireMirror::PipeWireMirror(PipeWireSession& session, PipeWireMirrorClient& client)
+    : _session(session), _client(client)
+{}
+
+PipeWireMirror::~PipeWireMirror() = default;
+
+void PipeWireMirror::connected()
+{
+    _listedAll = _enumerated = false;
+    // What the server lists now comes before its answer to this.
+    _session.sync([this] {
+        _listedAll = true;
+        _tellSoon();
+    });
+}
+
+void PipeWireMirror::disconnected()
+{
+    _defaults.reset();
+    _settings.reset();
+    std::vector<uint32_t> ids;
+    for (const auto& [id, node] : _nodes)
+        ids.push_back(id);
+    for (const uint32_t id : ids)
+        _nodeDisappeared(id);
+    ids.clear();
+    for (const auto& [id, card] : _cards)
+        ids.push_back(id);
+    for (const uint32_t id : ids)
+        _cardDisappeared(id);
+    _nodeOfPort.clear();
+    _portsOfNode.clear();
+    _unready.clear();
+    _defaultsDirty = _settingsDirty = true;
+    _tellAsked = false;
+    _listedAll = false;
+    _tell();
+}
+
+// ---- What the session tells
+
+void PipeWireMirror::globalAppeared(uint32_t id, const std::string& type,
+                                    const PipeWireProperties& properties)
+{
+    globalDisappeared(id); // ids are used again; its removal may have been lost with an object of ours
+    if (type == PW_TYPE_INTERFACE_Node) {
+        const std::optional<PipeWireNode::Kind> kind =
+            PipeWireNode::kindOfMediaClass(properties[PW_KEY_MEDIA_CLASS]);
+        if (kind)
+            _nodeAppeared(id, *kind, properties);
+    } else if (type == PW_TYPE_INTERFACE_Port) {
+        _portAppeared(id, properties);
+    } else if (type == PW_TYPE_INTERFACE_Device) {
+        if (properties[PW_KEY_MEDIA_CLASS] == "Audio/Device")
+            _cardAppeared(id, properties);
+    } else if (type == PW_TYPE_INTERFACE_Metadata) {
+        _metadataAppeared(id, properties[PW_KEY_METADATA_NAME]);
+    }
+}
+
+void PipeWireMirror::globalDisappeared(uint32_t id)
+{
+    if (_nodeOfPort.contains(id)) {
+        _portDisappeared(id);
+    } else if (_nodes.contains(id)) {
+        _nodeDisappeared(id);
+    } else if (_cards.contains(id)) {
+        _cardDisappeared(id);
+    } else if (_defaults && _defaultsID == id) {
+        _defaults.reset();
+        _defaultsDirty = true;
+        _tellSoon();
+    } else if (_settings && _settingsID == id) {
+        _settings.reset();
+        _settingsDirty = true;
+        _tellSoon();
+    }
+}
+
+void PipeWireMirror::_nodeAppeared(uint32_t id, PipeWireNode::Kind kind, const PipeWireProperties& properties)
+{
+    const uint64_t serial = newSerial();
+    _unready.insert(serial);
+    _idsBySerial[serial] = id;
+    _nodes[id] = std::make_unique<PipeWireNode>(_session, id, serial, kind, properties,
+                                                [this, id] { _nodeChanged(id); });
+    _regroup(id);
+}
+
+void PipeWireMirror::_nodeChanged(uint32_t id)
+{
+    const PipeWireNode& node = *_nodes.at(id);
+    if (node.isReady())
+        _unready.erase(node.serial());
+    _regroup(id);
+    _groupDirty(_groupOfNode.at(id));
+}
+
+void PipeWireMirror::_nodeDisappeared(uint32_t id)
+{
+    const uint64_t serial = _nodes.at(id)->serial();
+    _leaveGroup(id);
+    if (const auto named = _cardNamedBy.extract(id); named && named.mapped())
+        _nodesWanting[*named.mapped()].erase(id);
+    _idsBySerial.erase(serial);
+    _nodes.erase(id);
+    if (_unready.erase(serial) > 0)
+        _tellSoon();
+}
+
+void PipeWireMirror::_cardAppeared(uint32_t id, const PipeWireProperties& properties)
+{
+    const uint64_t serial = newSerial();
+    _unready.insert(serial);
+    _idsBySerial[serial] = id;
+    _cards[id] = std::make_unique<PipeWireCard>(_session, id, serial, properties, [this, id, serial] {
+        _unready.erase(serial);
+        _groups[serial].cardID = id;
+        _groupDirty(serial);
+    });
+    _groups[serial].cardID = id;
+    for (const uint32_t nodeID : std::set<uint32_t>(_nodesWanting[id]))
+        _regroup(nodeID);
+}
+
+void PipeWireMirror::_cardDisappeared(uint32_t id)
+{
+    const uint64_t serial = _cards.at(id)->serial();
+    _cards.erase(id);
+    _idsBySerial.erase(serial);
+    _unready.erase(serial);
+    for (const uint32_t nodeID : std::set<uint32_t>(_nodesWanting[id]))
+        _regroup(nodeID);
+    _groups.erase(serial);
+    _groupDirty(serial);
+}
+
+void PipeWireMirror::_portAppeared(uint32_t id, const PipeWireProperties& properties)
+{
+    const std::optional<uint32_t> nodeID = properties.number(PW_KEY_NODE_ID);
+    if (!nodeID)
+        return;
+    const PipeWirePort port(id, properties);
+    _nodeOfPort[id] = *nodeID;
+    _portsOfNode[*nodeID].push_back(port);
+    if (const auto node = _nodes.find(*nodeID); node != _nodes.end())
+        node->second->portAppeared(port);
+    _client.portAppeared(*nodeID);
+}
+
+void PipeWireMirror::_portDisappeared(uint32_t id)
+{
+    const uint32_t nodeID = _nodeOfPort.at(id);
+    _nodeOfPort.erase(id);
+    std::vector<PipeWirePort>& ports = _portsOfNode[nodeID];
+    std::erase_if(ports, [id](const PipeWirePort& port) { return port.id == id; });
+    if (ports.empty())
+        _portsOfNode.erase(nodeID);
+    if (const auto node = _nodes.find(nodeID); node != _nodes.end())
+        node->second->portDisappeared(id);
+}
+
+void PipeWireMirror::_metadataAppeared(uint32_t id, const std::string& name)
+{
+    if (name == "default") {
+        _defaultsID = id;
+        _defaults = std::make_unique<PipeWireMetadata>(_session, id, [this] {
+            _defaultsDirty = true;
+            _tellSoon();
+        });
+    } else if (name == "settings") {
+        _settingsID = id;
+        _settings = std::make_unique<PipeWireMetadata>(_session, id, [this] {
+            _settingsDirty = true;
+            _tellSoon();
+        });
+    }
+}
+
+// ---- Groups
+
+/// Puts a node into the group of the card it names now, or into one of its own.
+void PipeWireMirror::_regroup(uint32_t nodeID)
+{
+    const PipeWireNode& node = *_nodes.at(nodeID);
+    const std::optional<uint32_t> cardID = node.cardID();
+    std::optional<uint32_t>& named = _cardNamedBy[nodeID];
+    if (named != cardID) {
+        if (named)
+            _nodesWanting[*named].erase(nodeID);
+        if (cardID)
+            _nodesWanting[*cardID].insert(nodeID);
+        named = cardID;
+    }
+    const auto card = cardID ? _cards.find(*cardID) : _cards.end();
+    const uint64_t serial = card == _cards.end() ? node.serial() : card->second->serial();
+    const auto before = _groupOfNode.find(nodeID);
+    if (before != _groupOfNode.end() && before->second == serial)
+        return;
+    _leaveGroup(nodeID);
+    _groupOfNode[nodeID] = serial;
+    _groups[serial].nodeIDs.insert(nodeID);
+    _groupDirty(serial);
+}
+
+void PipeWireMirror::_leaveGroup(uint32_t nodeID)
+{
+    const auto left = _groupOfNode.extract(nodeID);
+    if (!left)
+        return;
+    const uint64_t serial = left.mapped();
+    Members& members = _groups[serial];
+    members.nodeIDs.erase(nodeID);
+    if (members.nodeIDs.empty() && !members.cardID)
+        _groups.erase(serial);
+    _groupDirty(serial);
+}
+
+void PipeWireMirror::_groupDirty(uint64_t serial)
+{
+    _dirtyGroups.insert(serial);
+    _tellSoon();
+}
+
+/// Tells once the server's answer says that what belongs together has come: a node and its ports, say, or the ends
+/// of all ports of a node and then its own.
+void PipeWireMirror::_tellSoon()
+{
+    if (_tellAsked || !_session.isConnected())
+        return;
+    _tellAsked = true;
+    _session.sync([this] {
+        _tellAsked = false;
+        _tell();
+    });
+}
+
+void PipeWireMirror::_tell()
+{
+    const std::set<uint64_t> groups = std::exchange(_dirtyGroups, {});
+    if (std::exchange(_settingsDirty, false))
+        _client.clockSettingsChanged();
+    for (const uint64_t serial : groups)
+        _client.groupChanged(serial);
+    if (std::exchange(_defaultsDirty, false) || !groups.empty())
+        _client.defaultsChanged();
+    _client.changesEnded();
+    if (_listedAll && !_enumerated && _unready.empty()) {
+        _enumerated = true;
+        _client.enumerated();
+    }
+}
+
+// ---- What is known
+
+PipeWireGroup PipeWireMirror::group(uint64_t serial) const
+{
+    PipeWireGroup group;
+    group.serial = serial;
+    const auto found = _groups.find(serial);
+    if (found == _groups.end())
+        return group;
+    group.card = card(serial);
+    if (group.card && !group.card->isReady())
+        return group;
+    for (const uint32_t nodeID : found->second.nodeIDs)
+        if (const PipeWireNode& node = *_nodes.at(nodeID); node.isReady())
+            group.nodes.push_back(&node);
+    return group;
+}
+
+PipeWireNode* PipeWireMirror::node(uint64_t serial) const
+{
+    const auto id = _idsBySerial.find(serial);
+    const auto found = id == _idsBySerial.end() ? _nodes.end() : _nodes.find(id->second);
+    return found != _nodes.end() && found->second->serial() == serial ? found->second.get() : nullptr;
+}
+
+PipeWireCard* PipeWireMirror::card(uint64_t serial) const
+{
+    const auto id = _idsBySerial.find(serial);
+    const auto found = id == _idsBySerial.end() ? _cards.end() : _cards.find(id->second);
+    return found != _cards.end() && found->second->serial() == serial ? found->second.get() : nullptr;
+}
+
+std::vector<PipeWirePort> PipeWireMirror::portsOfNode(uint32_t nodeID) const
+{
+    const auto found = _portsOfNode.find(nodeID);
+    return found == _portsOfNode.end() ? std::vector<PipeWirePort>() : found->second;
+}
+
+PipeWireClockSettings PipeWireMirror::clockSettings() const
+{
+    PipeWireClockSettings settings;
+    if (!_settings)
+        return settings;
+    const auto take = [this](const char* key, uint32_t& value) {
+        if (const std::vector<uint32_t> numbers = _settings->numbers(key); !numbers.empty())
+            value = numbers.front();
+    };
+    take("clock.rate", settings.rate);
+    take("clock.quantum", settings.frameCount);
+    take("clock.min-quantum", settings.leastFrames);
+    take("clock.max-quantum", settings.mostFrames);
+    take("clock.force-rate", settings.forcedRate);
+    take("clock.force-quantum", settings.forcedFrameCount);
+    settings.allowedRates = _settings->numbers("clock.allowed-rates");
+    return settings;
+}
+
+PipeWireDefaultNames PipeWireMirror::defaultNames() const
+{
+    if (!_defaults)
+        return {};
+    // Where no session manager runs, nobody turns what is configured into what is.
+    const auto named = [this](const std::string& direction) {
+        const std::string name = _defaults->name("default.audio." + direction);
+        return name.empty() ? _defaults->name("default.configured.audio." + direction) : name;
+    };
+    return {named("sink"), named("source")};
+}
+
+bool PipeWireMirror::setDefault(bool isSource, const std::string& nodeName)
+{
+    if (_defaults)
+        _defaults->setName(isSource ? "default.configured.audio.source" : "default.configured.audio.sink",
+                           nodeName);
+    return _defaults != nullptr;
+}

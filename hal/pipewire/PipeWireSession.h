@@ -1,0 +1,87 @@
+#pragma once
+
+#include "PipeWireLoop.h"
+#include "PipeWireProperties.h"
+#include "PipeWireSocketWatch.h"
+#include "PipeWireTimer.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+struct pw_context;
+struct pw_core;
+struct pw_registry;
+struct pw_proxy;
+
+/// Who hears from a session. Called on the loop's thread.
+class PipeWireSessionClient {
+public:
+    virtual void sessionConnected() = 0;
+    /// Everything of the server is about to go: proxies, filters and listeners on them are to be destroyed now.
+    virtual void sessionDisconnected() = 0;
+    /// Nobody listens on the server's socket.
+    virtual void sessionFoundNoServer() = 0;
+    virtual void globalAppeared(uint32_t id, const char* type, const PipeWireProperties& properties) = 0;
+    virtual void globalDisappeared(uint32_t id) = 0;
+
+protected:
+    ~PipeWireSessionClient() = default;
+};
+
+/// The connection to the server: it connects as soon as there is one, tells what objects the server has, and
+/// connects anew when the server comes back after its end. It never waits for the server: one that hangs is
+/// simply silent.
+/// Threads: the loop's.
+class PipeWireSession {
+public:
+    /// `remote` is a remote name or the path of a socket; nothing means the user's own server.
+    PipeWireSession(PipeWireLoop& loop, PipeWireSessionClient& client, std::optional<std::string> remote);
+    ~PipeWireSession();
+    PipeWireSession(const PipeWireSession&) = delete;
+    PipeWireSession& operator=(const PipeWireSession&) = delete;
+
+    void connect();
+    /// Ends the connection, for good; the client is told.
+    void disconnect();
+    bool isConnected() const noexcept { return _core != nullptr; }
+    /// Calls `done` once the server has handled everything sent before; never, when the connection ends first.
+    void sync(PipeWireLoop::Work done);
+
+    /// An own view of an object of the server; null without a connection.
+    pw_proxy* bind(uint32_t id, const char* type, uint32_t version, size_t userDataSize = 0);
+    /// Null without a connection.
+    pw_proxy* create(const char* factory, const char* type, uint32_t version,
+                     const PipeWireProperties& properties);
+    pw_core* core() const noexcept { return _core; }
+    PipeWireLoop& loop() const noexcept { return _loop; }
+
+private:
+    struct Listeners;
+
+    bool _tryConnect();
+    void _connectionLost();
+    void _socketsChanged();
+    void _retry();
+
+    static void _coreDone(void* data, uint32_t id, int sequence);
+    static void _coreError(void* data, uint32_t id, int sequence, int result, const char* message);
+    static void _global(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
+                        const struct spa_dict* properties);
+    static void _globalRemove(void* data, uint32_t id);
+
+    PipeWireLoop& _loop;
+    PipeWireSessionClient& _client;
+    const std::optional<std::string> _remote;
+    const std::unique_ptr<Listeners> _listeners;
+    pw_context* _context = nullptr;
+    pw_core* _core = nullptr;
+    pw_registry* _registry = nullptr;
+    std::unordered_map<int, PipeWireLoop::Work> _syncs;
+
+    PipeWireSocketWatch _watch;
+    PipeWireTimer _retryTimer;
+    std::chrono::milliseconds _retryDelay{0};
+    PipeWireTimer _lostTimer;
+};

@@ -1,0 +1,111 @@
+#include "PipeWireSocketWatch.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <pipewire/pipewire.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uint32_t folderEvents =
+    IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+
+const char* firstSet(std::initializer_list<const char*> variables)
+{
+    for (const char* variable : variables) {
+        const char* value = std::getenv(variable);
+        if (value && *value)
+            return value;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+std::vector<fs::path> PipeWireSocketWatch::socketsOfRemote(const std::optional<std::string>& remote)
+{
+    const char* named = remote ? remote->c_str() : firstSet({"PIPEWIRE_REMOTE"});
+    const fs::path name = named ? named : "pipewire-0";
+    if (name.is_absolute())
+        return {name};
+    std::vector<fs::path> sockets;
+    if (const char* folder = firstSet({"PIPEWIRE_RUNTIME_DIR", "XDG_RUNTIME_DIR", "USERPROFILE"}))
+        sockets.push_back(fs::path(folder) / name);
+    sockets.push_back(fs::path("/run/pipewire") / name); // the system's own server
+    return sockets;
+}
+
+PipeWireSocketWatch::PipeWireSocketWatch(PipeWireLoop& loop, std::vector<fs::path> sockets,
+                                         PipeWireLoop::Work changed)
+    : _loop(loop), _sockets(std::move(sockets)), _changed(std::move(changed)),
+      _descriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
+{
+    if (_descriptor < 0)
+        return; // without it a server that comes later is not seen; everything else works
+    _source = pw_loop_add_io(
+        _loop.get(), _descriptor, SPA_IO_IN, true,
+        [](void* self, int, uint32_t) { static_cast<PipeWireSocketWatch*>(self)->_readEvents(); }, this);
+    _watchAll();
+}
+
+PipeWireSocketWatch::~PipeWireSocketWatch()
+{
+    if (_source)
+        pw_loop_destroy_source(_loop.get(), _source); // closes the descriptor
+}
+
+void PipeWireSocketWatch::_watchAll()
+{
+    std::multimap<int, std::string> before;
+    before.swap(_names);
+    for (const fs::path& socket : _sockets)
+        _watch(socket);
+    for (const auto& [watch, name] : before)
+        if (!_names.contains(watch))
+            inotify_rm_watch(_descriptor, watch);
+}
+
+void PipeWireSocketWatch::_watch(const fs::path& socket)
+{
+    // A folder made between our look and the kernel's first report of it would be missed: look again, though not
+    // for ever at one that exists and may not be watched.
+    for (int look = 0; look < 3; ++look) {
+        fs::path waited = socket;
+        int watch = -1;
+        while (waited.has_relative_path() && watch < 0) {
+            watch = inotify_add_watch(_descriptor, waited.parent_path().c_str(), folderEvents);
+            if (watch < 0)
+                waited = waited.parent_path();
+        }
+        std::error_code unreadable;
+        const bool isSettled = waited == socket || !fs::exists(waited, unreadable);
+        if (watch >= 0 && (isSettled || look == 2))
+            _names.emplace(watch, waited.filename());
+        if (isSettled)
+            return;
+    }
+}
+
+void PipeWireSocketWatch::_readEvents()
+{
+    alignas(inotify_event) char room[4096];
+    bool concernsUs = false;
+    for (ssize_t size; (size = read(_descriptor, room, sizeof room)) > 0;) {
+        for (const char* at = room; at < room + size;) {
+            inotify_event event;
+            std::memcpy(&event, at, sizeof event);
+            const char* name = event.len > 0 ? at + sizeof event : "";
+            const auto [first, last] = _names.equal_range(event.wd);
+            for (auto waited = first; waited != last; ++waited)
+                concernsUs = concernsUs || event.len == 0 || waited->second == name;
+            at += sizeof event + event.len;
+        }
+    }
+    if (!concernsUs)
+        return;
+    _watchAll();
+    _changed();
+}

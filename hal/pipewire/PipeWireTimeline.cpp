@@ -1,0 +1,36 @@
+#include "PipeWireTimeline.h"
+
+namespace {
+
+constexpr uint64_t mostSeconds = 60; // a longer gap in a clock's count is a clock set anew
+
+/// The frames from the start of one cycle to that of the next, by the time between them: not less than the first
+/// cycle's own, and more only when at least half a cycle is missing.
+uint64_t framesByTime(const PipeWireTimeline::Clock& last, const PipeWireTimeline::Clock& now) noexcept
+{
+    if (now.nanoseconds <= last.nanoseconds)
+        return last.frameCount;
+    const double seconds = static_cast<double>(now.nanoseconds - last.nanoseconds) * 1e-9;
+    const auto frames = static_cast<uint64_t>(seconds * last.rate + 0.5);
+    return frames > last.frameCount + last.frameCount / 2 ? frames : last.frameCount;
+}
+
+} // namespace
+
+PipeWireTimeline::Step PipeWireTimeline::advance(const Clock& clock) noexcept
+{
+    if (_isPaused) {
+        _isPaused = false;
+        _sampleTime += _last.frameCount;
+        _last = clock;
+        return {_sampleTime, false};
+    }
+    const bool isSameClock = clock.id == _last.id && clock.rate == _last.rate;
+    const uint64_t counted = clock.position - _last.position; // huge when the count went back
+    const bool isCounted = isSameClock && counted >= _last.frameCount && counted <= mostSeconds * clock.rate;
+    const uint64_t frames = isCounted ? counted : framesByTime(_last, clock);
+    const bool lostFrames = frames > _last.frameCount;
+    _sampleTime += frames;
+    _last = clock;
+    return {_sampleTime, lostFrames};
+}

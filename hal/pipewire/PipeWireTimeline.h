@@ -1,0 +1,34 @@
+#pragma once
+
+#include "CXRealtime.h"
+
+#include <cstdint>
+
+/// The sample time of a running device, made of the clocks of whatever drives it: it only grows, by the frames that
+/// went by, also when the clock is another one from now on or starts again.
+/// Threads: one at a time; the audio thread's while IO runs.
+/// Real time: yes.
+class PipeWireTimeline {
+public:
+    /// The clock of one cycle.
+    struct Clock {
+        uint32_t id;          ///< which clock it is
+        uint64_t position;    ///< frames, by its own count
+        uint64_t nanoseconds; ///< when the cycle was due
+        uint32_t frameCount;  ///< of the cycle
+        uint32_t rate;        ///< Hz
+    };
+    struct Step {
+        uint64_t sampleTime; ///< of the first frame of this cycle
+        bool lostFrames;     ///< whether frames between the last cycle and this one were never delivered
+    };
+
+    Step advance(const Clock& clock) noexcept CX_REALTIME;
+    /// The time until the next cycle does not count: IO was stopped, and goes on after its last frame.
+    void pause() noexcept { _isPaused = true; }
+
+private:
+    Clock _last{};
+    uint64_t _sampleTime = 0;
+    bool _isPaused = true;
+};

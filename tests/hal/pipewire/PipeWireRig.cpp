@@ -1,0 +1,46 @@
+#include "ConformanceRig.h"
+
+#include "PipeWireBackend.h"
+#include "PrivateServer.h"
+#include "VirtualDevices.h"
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+class PipeWireRig final : public ConformanceRig {
+public:
+    HALBackend& backend() override { return *_hal; }
+
+    std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
+    {
+        const std::string uid = "device-" + std::to_string(++_count);
+        VirtualDevice device{.name = uid, .channelCount = std::max(inputs, outputs)};
+        device.mediaClass = inputs == 0    ? "Audio/Sink"
+                            : outputs == 0 ? "Audio/Source/Virtual"
+                                           : "Audio/Duplex";
+        device.properties = {{PW_KEY_NODE_DESCRIPTION, name}};
+        _devices.plugExported(device);
+        return uid;
+    }
+    void unplug(const std::string& uid) override { _devices.unplug(uid); }
+    void rename(const std::string& uid, const std::string& name) override
+    {
+        _devices.change(uid, {{PW_KEY_NODE_DESCRIPTION, name}});
+    }
+    void letTimePass() override { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }
+
+private:
+    PrivateServer _server;
+    VirtualDevices _devices{_server.remote()};
+    const CXRef<PipeWireBackend> _hal = PipeWireBackend::initWithRemote(_server.remote());
+    int _count = 0;
+};
+
+} // namespace
+
+std::unique_ptr<ConformanceRig> makeConformanceRig()
+{
+    return std::make_unique<PipeWireRig>();
+}

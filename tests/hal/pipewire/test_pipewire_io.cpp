@@ -1,0 +1,168 @@
+#include "DriftingDevice.h"
+#include "MonitorTap.h"
+#include "PipeWireTest.h"
+
+#include <atomic>
+#include <cmath>
+
+namespace {
+
+constexpr float step = 1.0F / 16777216.0F;
+constexpr uint64_t rampMask = 0xFFFFFF;
+
+/// A ramp that counts the device's sample time: what is lost in between is lost from the ramp, too.
+AudioDeviceIOBlock playingRamp()
+{
+    return [](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList* out,
+              const AudioTimeStamp*) {
+        AudioBuffer& buffer = out->buffers[0];
+        auto* samples = static_cast<float*>(buffer.data);
+        const uint32_t frames = buffer.dataByteSize / (buffer.numberChannels * 4);
+        for (uint32_t frame = 0; frame < frames; ++frame)
+            for (uint32_t channel = 0; channel < buffer.numberChannels; ++channel)
+                *samples++ =
+                    static_cast<float>((static_cast<uint64_t>(now->sampleTime) + frame + 1) & rampMask) *
+                    step;
+    };
+}
+
+/// How often a sample does not follow the one before. A stretch of silence, which a lost cycle may leave, is one break.
+size_t breaksOf(const std::vector<float>& ramp)
+{
+    size_t breaks = 0;
+    int64_t last = 0;
+    for (const float sample : ramp) {
+        const int64_t value = std::llround(sample / step);
+        breaks += value != 0 && last != 0 && value != last + 1;
+        last = value != 0 ? value : last;
+    }
+    return breaks;
+}
+
+/// Counts the lost cycles that the device reports.
+class OverloadCounter {
+public:
+    OverloadCounter(HALBackend& hal, AudioObjectID device)
+        : _hal(hal), _device(device), _listener{nullptr, nullptr,
+                                                [this](uint32_t count, const AudioObjectPropertyAddress*) {
+                                                    _count += count;
+                                                },
+                                                nullptr}
+    {
+        _hal.addListener(_device, at(kAudioDeviceProcessorOverload), _listener);
+    }
+    ~OverloadCounter() { _hal.removeListener(_device, at(kAudioDeviceProcessorOverload), _listener); }
+    OverloadCounter(const OverloadCounter&) = delete;
+    OverloadCounter& operator=(const OverloadCounter&) = delete;
+    size_t count() const noexcept { return _count; }
+
+private:
+    HALBackend& _hal;
+    const AudioObjectID _device;
+    std::atomic<size_t> _count{0};
+    const HALListener _listener;
+};
+
+TEST(PipeWireIO, playsARampThatComesBackExactlyFromTheMonitor)
+{
+    PrivateServer server;
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "sink"});
+    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const AudioObjectID device = waitForDevice(*hal, "sink");
+    const uint32_t node = devices.client().nodeID("sink");
+    for (const double rate : {44100.0, 48000.0, 96000.0}) {
+        for (const uint32_t frames : {64U, 128U, 512U, 1024U}) {
+            ASSERT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyNominalSampleRate), rate), 0);
+            ASSERT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyBufferFrameSize), frames), 0);
+            std::vector<float> ramp;
+            size_t lost = 0;
+            {
+                const OverloadCounter overloads(*hal, device);
+                const RunningProc proc(*hal, device, playingRamp());
+                ASSERT_EQ(proc.status, kAudioHardwareNoError);
+                EXPECT_EQ(readValue<double>(*hal, device, at(kAudioDevicePropertyNominalSampleRate)), rate);
+                EXPECT_EQ(readValue<uint32_t>(*hal, device, at(kAudioDevicePropertyBufferFrameSize)), frames);
+                MonitorTap tap(devices.client(), node, "monitor_FR", 1 << 16);
+                ASSERT_TRUE(tap.waitForFrames(8192));
+                ramp = tap.finish();
+                lost = tap.gaps() + overloads.count();
+            }
+            EXPECT_LE(breaksOf(ramp), 2 * lost) // the cycle before one may be heard twice
+                << rate << " Hz, " << frames << " frames: a break that nobody told";
+            if (lost > 0)
+                GTEST_LOG_(INFO) << rate << " Hz, " << frames << " frames: cycles lost " << lost << " times";
+        }
+    }
+}
+
+TEST(PipeWireIO, carriesFromASourceOfOneClockAndToASinkOfAnother)
+{
+    PrivateServer server;
+    DriftingDevice source(server.remote(), "fast", DriftingDevice::Direction::Source, 1000.0);
+    DriftingDevice sink(server.remote(), "slow", DriftingDevice::Direction::Sink, -500.0);
+    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const AudioObjectID in = waitForDevice(*hal, "fast");
+    const AudioObjectID out = waitForDevice(*hal, "slow");
+    const OverloadCounter inLost(*hal, in);
+    const OverloadCounter outLost(*hal, out);
+    std::atomic<uint64_t> heard{0};
+    std::atomic<uint64_t> breaks{0};
+    std::atomic<double> scalar{0.0};
+    {
+        const RunningProc capture(*hal, in,
+                                  [&, last = int64_t{0}](const AudioTimeStamp* now,
+                                                         const AudioBufferList* list, const AudioTimeStamp*,
+                                                         AudioBufferList*, const AudioTimeStamp*) mutable {
+                                      const AudioBuffer& buffer = list->buffers[0];
+                                      const auto* samples = static_cast<const float*>(buffer.data);
+                                      for (uint32_t i = 0; i < buffer.dataByteSize / 8; ++i) {
+                                          const int64_t value = std::llround(samples[2 * i] / step);
+                                          breaks += last != 0 && value != ((last + 1) & 0xFFFFFF);
+                                          last = value;
+                                          heard += value != 0;
+                                      }
+                                      scalar = now->rateScalar;
+                                  });
+        const RunningProc play(*hal, out, playingRamp());
+        ASSERT_TRUE(eventually([&] { return heard > 48000 && sink.framesReceived() > 48000; }));
+    }
+    EXPECT_LE(breaks, inLost.count());
+    EXPECT_LE(sink.breaks(), outLost.count());
+    EXPECT_NEAR(scalar, 1.0 / 1.001, 1e-9) << "the faster clock has shorter frames";
+}
+
+TEST(PipeWireIO, followsWhatAnotherClientMakesOfTheGraph)
+{
+    PrivateServer server;
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "sink"});
+    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const AudioObjectID device = waitForDevice(*hal, "sink");
+    std::atomic<uint32_t> frames{0};
+    std::atomic<double> rateOnIOThread{0.0};
+    std::atomic<uint64_t> backwards{0};
+    const RunningProc proc(
+        *hal, device,
+        [&, next = -1.0](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*,
+                         AudioBufferList* out, const AudioTimeStamp*) mutable {
+            const uint32_t count = out->buffers[0].dataByteSize / 8;
+            backwards += now->sampleTime < next;
+            next = now->sampleTime + count;
+            frames = count;
+            rateOnIOThread = *readValue<double>(*hal, device, at(kAudioDevicePropertyNominalSampleRate));
+        });
+    ASSERT_TRUE(eventually([&] { return frames == 512; }));
+
+    MetadataView settings(devices.client(), "settings");
+    settings.set("clock.force-quantum", "256");
+    settings.set("clock.force-rate", "96000");
+    EXPECT_TRUE(eventually([&] { return frames == 256 && rateOnIOThread == 96000.0; }));
+    EXPECT_TRUE(eventually([&] {
+        return readValue<uint32_t>(*hal, device, at(kAudioDevicePropertyBufferFrameSize)) == 256U &&
+               readValue<double>(*hal, device, at(kAudioDevicePropertyNominalSampleRate)) == 96000.0;
+    }));
+    EXPECT_EQ(backwards, 0U);
+}
+
+} // namespace

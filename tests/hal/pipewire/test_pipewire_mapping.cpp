@@ -1,0 +1,158 @@
+#include "AudioHardware.h"
+#include "PipeWireNaming.h"
+#include "PipeWireTimeline.h"
+#include "PipeWireVolume.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::string uidOf(const PipeWireProperties& node, const PipeWireProperties* card = nullptr,
+                  bool isWholeCard = false)
+{
+    return pipeWireUID({node, card}, isWholeCard);
+}
+
+TEST(PipeWireNaming, makesUIDsThatOutliveTheOrderOfArrival)
+{
+    const PipeWireProperties pci{{"device.name", "alsa_card.pci-0000_00_1f.3"}, {"device.api", "alsa"}};
+    const PipeWireProperties secondUSB{{"device.name", "alsa_card.usb-Maker_Product_S1-00.2"},
+                                       {"device.bus-id", "usb-Maker_Product_S1-00"},
+                                       {"device.api", "alsa"},
+                                       {"device.bus", "usb"},
+                                       {"device.serial", "Maker_Product_S1"},
+                                       {"device.vendor.name", "Maker"},
+                                       {"device.product.name", "Product"}};
+    struct {
+        const char* why;
+        const PipeWireProperties* card;
+        bool isWholeCard;
+        const char* node;
+        const char* uid;
+    } const rows[] = {
+        {"a name of somebody's own stays", nullptr, false, "mix.2", "mix.2"},
+        {"second of its name", nullptr, false, "alsa_output.x.analog-stereo.2",
+         "alsa_output.x.analog-stereo"},
+        {"tenth of its name", nullptr, false, "alsa_output.x.analog-stereo.10",
+         "alsa_output.x.analog-stereo"},
+        {"a sub-device", nullptr, false, "alsa_output.x.playback.0.2", "alsa_output.x.playback.0.2"},
+        {"the function of a PCI device", &pci, true, "alsa_output.pci-0000_00_1f.3.stereo",
+         "alsa_card.pci-0000_00_1f.3"},
+        {"and in a node's name", &pci, false, "alsa_output.pci-0000_00_1f.3.stereo",
+         "alsa_output.pci-0000_00_1f.3.stereo"},
+        {"the card's number", &secondUSB, true, "", "alsa_card.usb-Maker_Product_S1-00"},
+        {"in the middle of its node's name", &secondUSB, false,
+         "alsa_output.usb-Maker_Product_S1-00.2.stereo", "alsa_output.usb-Maker_Product_S1-00.stereo"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(uidOf({{"node.name", row.node}}, row.card, row.isWholeCard), row.uid) << row.why;
+
+    EXPECT_FALSE(uidOf({}).empty());
+    EXPECT_EQ(uidOf({{"node.name", "caf\xE9"}}), "caf\xEF\xBF\xBD");
+}
+
+TEST(PipeWireNaming, tellsUSBDevicesWithoutASerialNumberByTheirPlace)
+{
+    PipeWireProperties card{{"device.name", "alsa_card.usb-Maker_Product-00"},
+                            {"device.bus", "usb"},
+                            {"device.vendor.name", "Maker"},
+                            {"device.product.name", "Product"},
+                            {"device.serial", "Maker_Product"},
+                            {"device.sysfs.path", "/devices/pci0000:00/0000:00:14.0/usb3/3-1/3-1.4/3-1.4.2/"
+                                                  "3-1.4.2:1.0/sound/card5"}};
+    EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00:03142000");
+    card.set("device.sysfs.path", "");
+    card.set("device.bus-path", "pci-0000:00:14.0-usb-0:1.4.2:1.0");
+    EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00:00142000");
+    card.set("device.serial", "Maker_Product_0815");
+    EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00");
+
+    EXPECT_EQ(pipeWireUSBLocation("/devices/usb12/12-11.1/12-11.1:1.0"), 0x0CB10000U);
+    EXPECT_EQ(pipeWireUSBLocation("/devices/pci0000:00/0000:00:1f.3/sound/card0"), std::nullopt);
+    EXPECT_EQ(pipeWireUSBLocation("usb-:"), std::nullopt);
+    EXPECT_EQ(pipeWireUSBLocation(std::string(100000, '/')), std::nullopt);
+}
+
+TEST(PipeWireNaming, mapsTheTransport)
+{
+    struct {
+        PipeWireProperties node;
+        uint32_t transport;
+    } const rows[] = {
+        {{{"device.bus", "usb"}, {"device.api", "alsa"}}, kAudioDeviceTransportTypeUSB},
+        {{{"device.bus", "pci"}, {"device.api", "alsa"}}, kAudioDeviceTransportTypePCI},
+        {{{"device.bus", "pci"}, {"device.profile.name", "hdmi-stereo-extra2"}},
+         kAudioDeviceTransportTypeHDMI},
+        {{{"device.api", "bluez5"}}, kAudioDeviceTransportTypeBluetooth},
+        {{{"node.name", "raop_sink.livingroom"}}, kAudioDeviceTransportTypeAirPlay},
+        {{{"node.network", "true"}}, kAudioDeviceTransportTypeNetwork},
+        {{{"device.api", "alsa"}}, kAudioDeviceTransportTypeBuiltIn},
+        {{{"node.virtual", "true"}}, kAudioDeviceTransportTypeVirtual},
+        {{}, kAudioDeviceTransportTypeVirtual},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(pipeWireTransportType({row.node, nullptr}), row.transport) << row.node["device.bus"];
+}
+
+TEST(PipeWireText, keepsWhatIsUTF8AndReplacesTheRest)
+{
+    struct {
+        const char* bytes;
+        const char* text;
+    } const rows[] = {
+        {"plain \x1B[31m \xC3\xA9 \xF0\x9F\x8E\xA7", "plain \x1B[31m \xC3\xA9 \xF0\x9F\x8E\xA7"},
+        {"\xC3", "\xEF\xBF\xBD"},                                                 // cut short
+        {"\xC0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD"},                                 // longer than need be
+        {"\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},                 // half of a pair
+        {"\xF4\x90\x80\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"}, // beyond the last
+        {"a\xFFz", "a\xEF\xBF\xBDz"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(pipeWireText(row.bytes), row.text);
+}
+
+TEST(PipeWireVolume, showsCubeRootsAndMovesAllChannelsInBalance)
+{
+    PipeWireVolume volume;
+    EXPECT_EQ(volume.mainScalar(), std::nullopt);
+    volume.setAmplitudes({0.125F, 0.001F, 8.0F});
+    EXPECT_EQ(volume.mainScalar(), 1.0F) << "louder than full reads as full";
+    volume.setAmplitudes({0.125F, 0.001F});
+    EXPECT_FLOAT_EQ(*volume.mainScalar(), 0.5F);
+    EXPECT_FLOAT_EQ(*volume.channelScalars()[1], 0.1F);
+    EXPECT_FLOAT_EQ(volume.amplitudesAfter(0, 1.0F)[1], 0.008F);
+    EXPECT_FLOAT_EQ(volume.amplitudesAfter(2, 0.5F)[1], 0.125F);
+    volume.setAmplitudes(volume.amplitudesAfter(0, 0.0F));
+    EXPECT_EQ(volume.mainScalar(), 0.0F);
+    volume.setAmplitudes(volume.amplitudesAfter(0, 0.5F));
+    EXPECT_FLOAT_EQ(*volume.channelScalars()[1], 0.1F) << "the balance survives silence";
+    for (int i = 0; i <= 1000; ++i) {
+        volume.setAmplitudes(volume.amplitudesAfter(0, static_cast<float>(i) / 1000.0F));
+        ASSERT_EQ(volume.mainScalar(), static_cast<float>(i) / 1000.0F) << "what is written is read";
+    }
+}
+
+TEST(PipeWireTimeline, neverGoesBackAndTellsWhatWasLost)
+{
+    PipeWireTimeline timeline;
+    const auto at = [&](uint32_t clock, uint64_t position, uint64_t milliseconds, uint32_t frames = 480) {
+        const PipeWireTimeline::Step step =
+            timeline.advance({clock, position, milliseconds * 1'000'000, frames, 48000});
+        return std::pair(step.sampleTime, step.lostFrames);
+    };
+    using Step = std::pair<uint64_t, bool>;
+    EXPECT_EQ(at(1, 7000, 1000), Step(0, false));
+    EXPECT_EQ(at(1, 7480, 1010), Step(480, false));
+    EXPECT_EQ(at(1, 8440, 1030), Step(1440, true)) << "one cycle missing";
+    EXPECT_EQ(at(1, 8920, 1040, 240), Step(1920, false))
+        << "a shorter cycle begins where the longer one ended";
+    EXPECT_EQ(at(2, 0, 1045), Step(2160, false)) << "another clock, without a gap in time";
+    EXPECT_EQ(at(2, 480, 1055), Step(2640, false));
+    EXPECT_EQ(at(3, 99, 1105), Step(5040, true)) << "another clock, 50 ms after the last";
+    EXPECT_EQ(at(3, 10, 1106), Step(5520, false)) << "a clock that was set back";
+    EXPECT_EQ(at(3, UINT64_MAX - 5, 1107), Step(6000, false)) << "or far ahead";
+    timeline.pause();
+    EXPECT_EQ(at(3, 0, 9000), Step(6480, false)) << "a stop is no loss";
+}
+
+} // namespace

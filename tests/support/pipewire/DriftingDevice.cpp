@@ -1,0 +1,176 @@
+#include "DriftingDevice.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <spa/param/audio/format-utils.h>
+
+namespace {
+
+constexpr float step = 1.0F / 16777216.0F;
+constexpr uint32_t rampMask = 0xFFFFFF;
+
+const spa_pod* stereoFormat(spa_pod_builder& builder)
+{
+    spa_audio_info_raw format{};
+    format.format = SPA_AUDIO_FORMAT_F32;
+    format.channels = 2;
+    format.rate = 48000;
+    format.position[0] = SPA_AUDIO_CHANNEL_FL;
+    format.position[1] = SPA_AUDIO_CHANNEL_FR;
+    return spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &format);
+}
+
+void sleepUntil(double nanoseconds)
+{
+    timespec time{};
+    time.tv_sec = static_cast<time_t>(nanoseconds / 1e9);
+    time.tv_nsec = static_cast<long>(nanoseconds - static_cast<double>(time.tv_sec) * 1e9);
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr);
+}
+
+double nowNanoseconds()
+{
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
+}
+
+} // namespace
+
+DriftingDevice::DriftingDevice(const std::string& remote, const std::string& name, Direction direction,
+                               double partsPerMillion)
+    : _client(remote), _name(name), _direction(direction), _ratio(1.0 + partsPerMillion * 1e-6)
+{
+    static const pw_stream_events events = [] {
+        pw_stream_events all{};
+        all.version = PW_VERSION_STREAM_EVENTS;
+        all.state_changed = _stateChanged;
+        all.io_changed = _ioChanged;
+        all.process = _process;
+        return all;
+    }();
+    const bool isSink = direction == Direction::Sink;
+    uint8_t space[1024];
+    spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
+    const spa_pod* formats[] = {stereoFormat(builder)};
+    _client.locked([&] {
+        _stream = pw_stream_new(_client.core(), name.c_str(),
+                                newProperties({{PW_KEY_MEDIA_CLASS, isSink ? "Audio/Sink" : "Audio/Source"},
+                                               {PW_KEY_NODE_NAME, name},
+                                               {PW_KEY_NODE_DESCRIPTION, "Drifting " + name},
+                                               {PW_KEY_NODE_DRIVER, "true"},
+                                               {PW_KEY_PRIORITY_DRIVER, "1000"},
+                                               {"adapter.auto-port-config",
+                                                "{ mode = dsp monitor = true position = preserve }"}}));
+        pw_stream_add_listener(_stream, &_listener, &events, this);
+        pw_stream_connect(_stream, isSink ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT, PW_ID_ANY,
+                          static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS |
+                                                       PW_STREAM_FLAG_RT_PROCESS),
+                          formats, 1);
+    });
+    _client.idOf(PW_TYPE_INTERFACE_Port, {{PW_KEY_NODE_ID, std::to_string(_client.nodeID(name))},
+                                          {PW_KEY_PORT_NAME, isSink ? "playback_FR" : "capture_FR"}});
+    _driver = std::thread([this] { _drive(); });
+}
+
+DriftingDevice::~DriftingDevice()
+{
+    _ended = true;
+    _driver.join();
+    _client.locked([this] { pw_stream_destroy(_stream); });
+}
+
+void DriftingDevice::_stateChanged(void* data, pw_stream_state /*before*/, pw_stream_state now,
+                                   const char* /*error*/)
+{
+    static_cast<DriftingDevice*>(data)->_streaming = now == PW_STREAM_STATE_STREAMING;
+}
+
+void DriftingDevice::_ioChanged(void* data, uint32_t id, void* area, uint32_t /*size*/)
+{
+    auto* self = static_cast<DriftingDevice*>(data);
+    if (id == SPA_IO_Clock) {
+        auto* clock = static_cast<spa_io_clock*>(area);
+        if (clock)
+            std::snprintf(clock->name, sizeof clock->name, "test.%s", self->_name.c_str());
+        self->_clock = clock;
+    } else if (id == SPA_IO_Position) {
+        self->_position = static_cast<spa_io_position*>(area);
+    }
+}
+
+void DriftingDevice::_process(void* data)
+{
+    auto* self = static_cast<DriftingDevice*>(data);
+    pw_buffer* buffer = pw_stream_dequeue_buffer(self->_stream);
+    if (!buffer)
+        return;
+    spa_data& block = buffer->buffer->datas[0];
+    if (self->_direction == Direction::Sink) {
+        const auto* bytes = static_cast<const std::byte*>(block.data) + block.chunk->offset;
+        self->_receive(reinterpret_cast<const float*>(bytes), block.chunk->size / (2 * sizeof(float)));
+    } else {
+        const spa_io_position* position = self->_position;
+        const uint64_t wanted = position ? position->clock.duration : 256;
+        const auto frameCount = static_cast<uint32_t>(std::min<uint64_t>(wanted, block.maxsize / 8));
+        self->_give(static_cast<float*>(block.data), frameCount);
+        block.chunk->offset = 0;
+        block.chunk->stride = 2 * sizeof(float);
+        block.chunk->size = frameCount * 2 * static_cast<uint32_t>(sizeof(float));
+    }
+    pw_stream_queue_buffer(self->_stream, buffer);
+}
+
+void DriftingDevice::_receive(const float* samples, uint32_t frameCount) noexcept
+{
+    for (uint32_t frame = 0; frame < frameCount; ++frame) {
+        const int64_t value = std::llrint(samples[size_t{2} * frame] / step);
+        if (value == 0)
+            continue; // silence before, between and after ramps
+        if (_last != 0 && value != ((_last + 1) & rampMask))
+            ++_breaks;
+        _last = value;
+        ++_framesReceived;
+    }
+}
+
+void DriftingDevice::_give(float* samples, uint32_t frameCount) noexcept
+{
+    for (uint32_t frame = 0; frame < frameCount; ++frame) {
+        const float value = static_cast<float>(++_framesGiven & rampMask) * step;
+        samples[size_t{2} * frame] = samples[size_t{2} * frame + 1] = value;
+    }
+}
+
+void DriftingDevice::_drive()
+{
+    double next = nowNanoseconds();
+    while (!_ended) {
+        sleepUntil(next);
+        next += _driveCycle(next);
+    }
+}
+
+/// Runs one cycle of the graph, when this device is what drives it. Answers when the next is due.
+double DriftingDevice::_driveCycle(double nowTime) noexcept
+{
+    spa_io_clock* clock = _clock;
+    const spa_io_position* position = _position;
+    if (!_streaming || !clock || !position || !pw_stream_is_driving(_stream))
+        return 5e6;
+    // The server writes what it wants the cycle to be; writing an older value back would undo that.
+    const uint64_t duration = position->clock.duration;
+    const double period = static_cast<double>(duration) / position->clock.rate.denom * 1e9 / _ratio;
+    clock->nsec = static_cast<uint64_t>(nowTime);
+    clock->rate = position->clock.rate;
+    clock->position = _framesDriven;
+    clock->duration = duration;
+    clock->delay = 0;
+    clock->rate_diff = _ratio;
+    clock->next_nsec = static_cast<uint64_t>(nowTime + period);
+    _framesDriven += duration;
+    pw_stream_trigger_process(_stream);
+    return period;
+}

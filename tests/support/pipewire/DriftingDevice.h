@@ -1,0 +1,54 @@
+#pragma once
+
+#include "TestClient.h"
+
+#include <atomic>
+#include <pipewire/stream.h>
+#include <spa/node/io.h>
+#include <string>
+#include <thread>
+
+/// A stereo device with a clock of its own that is fast or slow by some parts per million: a sink that checks the
+/// ramp it receives, or a source that gives one. The ramp counts frames in steps of 2^-24, from 1.
+/// Threads: one; it runs two of its own.
+class DriftingDevice {
+public:
+    enum class Direction { Sink, Source };
+
+    DriftingDevice(const std::string& remote, const std::string& name, Direction direction,
+                   double partsPerMillion);
+    ~DriftingDevice();
+    DriftingDevice(const DriftingDevice&) = delete;
+    DriftingDevice& operator=(const DriftingDevice&) = delete;
+
+    /// Frames of the ramp that came, and how often one did not follow the one before.
+    uint64_t framesReceived() const noexcept { return _framesReceived; }
+    uint64_t breaks() const noexcept { return _breaks; }
+
+private:
+    static void _stateChanged(void* data, pw_stream_state before, pw_stream_state now, const char* error);
+    static void _ioChanged(void* data, uint32_t id, void* area, uint32_t size);
+    static void _process(void* data);
+
+    void _receive(const float* samples, uint32_t frameCount) noexcept;
+    void _give(float* samples, uint32_t frameCount) noexcept;
+    void _drive();
+    double _driveCycle(double nowNanoseconds) noexcept;
+
+    TestClient _client;
+    const std::string _name;
+    const Direction _direction;
+    const double _ratio; // device frames per nominal frame
+    pw_stream* _stream = nullptr;
+    spa_hook _listener{};
+    std::atomic<spa_io_clock*> _clock{nullptr};
+    std::atomic<spa_io_position*> _position{nullptr};
+    std::atomic<bool> _streaming{false};
+    std::atomic<bool> _ended{false};
+    uint64_t _framesDriven = 0;
+    uint64_t _framesGiven = 0;
+    int64_t _last = 0;
+    std::atomic<uint64_t> _framesReceived{0};
+    std::atomic<uint64_t> _breaks{0};
+    std::thread _driver;
+};
