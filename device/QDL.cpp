@@ -250,7 +250,8 @@ bool QDLAudioDeviceHasBuffers(AudioObjectID deviceID, bool input)
 
 uint32_t QDLAudioDeviceStreamCount(AudioObjectID deviceID, bool input)
 {
-    return sizeOf(deviceID, directed(kAudioDevicePropertyStreams, input)) / sizeof(AudioObjectID);
+    const uint32_t size = sizeOf(deviceID, directed(kAudioDevicePropertyStreams, input));
+    return size / static_cast<uint32_t>(sizeof(AudioObjectID));
 }
 
 double QDLAudioDeviceSampleRate(AudioObjectID deviceID, bool input)
