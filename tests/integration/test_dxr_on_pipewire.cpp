@@ -174,7 +174,8 @@ TEST_F(DxrOnPipeWire, seesTheServerDieAndComeBack)
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
     GTEST_LOG_(INFO) << "told of both " << took.count() << " ms after the kill";
     EXPECT_EQ(loop.finish(), 1);
-    EXPECT_NE(loop.errors().find("gone"), std::string::npos) << loop.errors();
+    EXPECT_NE(loop.errors().find("the device is gone\n"), std::string::npos) << loop.errors();
+    EXPECT_EQ(std::ranges::count(loop.errors(), '\n'), 1) << loop.errors();
 
     server.start();
     VirtualDevices again(server.remote());
@@ -184,6 +185,45 @@ TEST_F(DxrOnPipeWire, seesTheServerDieAndComeBack)
     EXPECT_EQ(runTool({"play", path("ramp.wav"), "--out", "first"}).status, 0);
     watch.signal(SIGINT);
     EXPECT_EQ(watch.finish(), 0) << watch.errors();
+}
+
+TEST_F(DxrOnPipeWire, stopsAtOnceWhenTheServerHangs)
+{
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
+    const std::string recording = server.folder() / "hung.wav";
+    ToolProcess record({"record", recording, "--in", "source"});
+    ASSERT_TRUE(record.waitFor("source ->"));
+    usleep(700'000);
+    server.hang();
+    usleep(300'000);
+    ToolProcess late({"list"});
+    usleep(100'000);
+    const auto asked = std::chrono::steady_clock::now();
+    late.signal(SIGINT);
+    record.signal(SIGINT);
+    EXPECT_EQ(late.finish(), 128 + SIGINT);
+    EXPECT_EQ(record.finish(), 0) << record.errors();
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(10))
+        << "a hung server holds nobody";
+    server.resume();
+    SF_INFO info{};
+    SNDFILE* file = sf_open(recording.c_str(), SFM_READ, &info);
+    EXPECT_NE(file, nullptr);
+    EXPECT_GT(info.frames, 5000);
+    sf_close(file);
+}
+
+TEST_F(DxrOnPipeWire, printsTheServersNamesSafely)
+{
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "sink", .properties = {{"node.description", "Big Sink \x1B[31m"}}});
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{"list"}, {"info", "sink"}}) {
+        const ToolResult result = runTool(arguments);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_NE(result.output.find("Big Sink \\x1B[31m"), std::string::npos) << result.output;
+        EXPECT_EQ(result.output.find('\x1B'), std::string::npos);
+    }
 }
 
 } // namespace
