@@ -88,12 +88,12 @@ private:
     PipeWireLoop _loop;                          // last: its end comes first, and runs what was posted
 };
 
-CXRef<PipeWireBackend> PipeWireBackend::initWithRemote(std::optional<std::string> remote)
+CXRef<PipeWireBackend> PipeWireBackend::initWithRemote(const std::optional<std::string>& remote)
 {
-    return CXRef<PipeWireBackend>::adopt(new PipeWireBackend(std::move(remote)));
+    return CXRef<PipeWireBackend>::adopt(new PipeWireBackend(remote));
 }
 
-PipeWireBackend::PipeWireBackend(std::optional<std::string> remote)
+PipeWireBackend::PipeWireBackend(const std::optional<std::string>& remote)
     : _engine(std::make_unique<Engine>(*this, remote))
 {}
 

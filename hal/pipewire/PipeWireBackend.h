@@ -15,7 +15,7 @@ class PipeWireBackend final : public HALModelBackend {
 public:
     /// `remote` is a remote name or the path of a server's socket; nothing means the user's own server, found as
     /// every client of PipeWire finds it. Throws std::runtime_error when the process has no descriptors left.
-    static CXRef<PipeWireBackend> initWithRemote(std::optional<std::string> remote = std::nullopt);
+    static CXRef<PipeWireBackend> initWithRemote(const std::optional<std::string>& remote = std::nullopt);
 
 protected:
     HALStatus setNominalSampleRate(AudioObjectID deviceID, double rate) override;
@@ -32,7 +32,7 @@ protected:
 private:
     class Engine; // the loop, and what lives on it
 
-    explicit PipeWireBackend(std::optional<std::string> remote);
+    explicit PipeWireBackend(const std::optional<std::string>& remote);
     ~PipeWireBackend() override;
 
     const std::unique_ptr<Engine> _engine;

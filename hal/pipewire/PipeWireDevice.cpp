@@ -238,7 +238,8 @@ std::vector<AudioValueRange> PipeWireDevice::_sampleRates(const PipeWireClockSet
     if (allowed.empty()) // the server converts between the device's rate and its own
         allowed.push_back(settings.rate);
     std::ranges::sort(allowed);
-    allowed.erase(std::ranges::unique(allowed).begin(), allowed.end());
+    allowed.erase(std::unique(allowed.begin(), allowed.end()),
+                  allowed.end()); // clang 14 has no ranges::unique
     std::vector<AudioValueRange> ranges;
     for (const uint32_t rate : allowed)
         ranges.push_back({static_cast<double>(rate), static_cast<double>(rate)});

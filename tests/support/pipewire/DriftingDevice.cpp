@@ -10,6 +10,7 @@ namespace {
 
 constexpr float step = 1.0F / 16777216.0F;
 constexpr uint32_t rampMask = 0xFFFFFF;
+constexpr uint32_t stereoFrame = 8; // bytes
 
 const spa_pod* stereoFormat(spa_pod_builder& builder)
 {
@@ -110,15 +111,16 @@ void DriftingDevice::_process(void* data)
     spa_data& block = buffer->buffer->datas[0];
     if (self->_direction == Direction::Sink) {
         const auto* bytes = static_cast<const std::byte*>(block.data) + block.chunk->offset;
-        self->_receive(reinterpret_cast<const float*>(bytes), block.chunk->size / (2 * sizeof(float)));
+        self->_receive(reinterpret_cast<const float*>(bytes), block.chunk->size / stereoFrame);
     } else {
         const spa_io_position* position = self->_position;
         const uint64_t wanted = position ? position->clock.duration : 256;
-        const auto frameCount = static_cast<uint32_t>(std::min<uint64_t>(wanted, block.maxsize / 8));
+        const auto frameCount =
+            static_cast<uint32_t>(std::min<uint64_t>(wanted, block.maxsize / stereoFrame));
         self->_give(static_cast<float*>(block.data), frameCount);
         block.chunk->offset = 0;
-        block.chunk->stride = 2 * sizeof(float);
-        block.chunk->size = frameCount * 2 * static_cast<uint32_t>(sizeof(float));
+        block.chunk->stride = stereoFrame;
+        block.chunk->size = frameCount * stereoFrame;
     }
     pw_stream_queue_buffer(self->_stream, buffer);
 }
