@@ -1,5 +1,7 @@
 #include "PipeWireDeviceIO.h"
 
+#include "HostClock.h"
+
 #include <algorithm>
 #include <cmath>
 #include <pipewire/filter.h>
@@ -244,6 +246,9 @@ void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
     for (size_t channel = 0; channel < outputCount; ++channel)
         if (float* samples = portSamples(_outputPorts[channel], frameCount, true))
             deinterleave(_outputSamples.data(), samples, channel, outputCount, frameCount);
+    // The device did not wait: what was given too late is lost, though the clock's count shows no gap.
+    if (!step.lostFrames && clock.next_nsec > clock.nsec && platform::HostClock::nowTicks() > clock.next_nsec)
+        _table->reportOverload();
 }
 
 void PipeWireDeviceIO::_noteClock(const spa_io_position& position) noexcept

@@ -1,5 +1,7 @@
 #include "MonitorTap.h"
 
+#include "HostClock.h"
+
 #include <algorithm>
 #include <thread>
 
@@ -50,6 +52,8 @@ void MonitorTap::_process(void* data, spa_io_position* position)
     self->_next = position->clock.position + frames;
     std::copy(samples, samples + frames, self->_samples.begin() + static_cast<ptrdiff_t>(count));
     self->_count = count + frames;
+    if (platform::HostClock::nowTicks() > position->clock.next_nsec)
+        ++self->_gaps; // so late that the samples may have been those of the next cycle
 }
 
 bool MonitorTap::waitForFrames(size_t count) const

@@ -21,7 +21,7 @@ public:
     bool waitForFrames(size_t count) const;
     /// Ends the recording and answers it, from the first frame that is not silent.
     std::vector<float> finish();
-    /// How often this recording itself lost cycles.
+    /// How often this recording itself lost a cycle, or may have.
     uint64_t gaps() const noexcept { return _gaps; }
 
 private:
