@@ -1,14 +1,10 @@
 #include "PipeWireCard.h"
 
-#include "CXWeak.h"
-
 #include <algorithm>
 #include <pipewire/device.h>
 #include <pipewire/pipewire.h>
 
 namespace {
-
-class LifeMark final : public CXObject {};
 
 bool isIn(const std::vector<uint32_t>& all, uint32_t one)
 {
@@ -25,8 +21,7 @@ PipeWireCard::PipeWireCard(PipeWireSession& session, uint32_t id, uint64_t seria
                            const PipeWireProperties& properties, PipeWireLoop::Work changed)
     : _session(session), _id(id), _serial(serial), _changed(std::move(changed)),
       _listener(std::make_unique<Listener>()), _properties(properties),
-      _params({SPA_PARAM_EnumRoute, SPA_PARAM_Route, SPA_PARAM_Profile}),
-      _alive(CXRef<CXObject>::adopt(new LifeMark))
+      _params({SPA_PARAM_EnumRoute, SPA_PARAM_Route, SPA_PARAM_Profile})
 {
     static const pw_device_events events{PW_VERSION_DEVICE_EVENTS, _info, _param};
     _proxy = session.bind(id, PW_TYPE_INTERFACE_Device, PW_VERSION_DEVICE);
@@ -36,6 +31,7 @@ PipeWireCard::PipeWireCard(PipeWireSession& session, uint32_t id, uint64_t seria
 
 PipeWireCard::~PipeWireCard()
 {
+    _session.forget(this);
     if (!_proxy)
         return;
     spa_hook_remove(&_listener->hook);
@@ -67,9 +63,7 @@ void PipeWireCard::_param(void* data, int /*sequence*/, uint32_t kind, uint32_t 
 
 void PipeWireCard::_commitWhenAnswered()
 {
-    _session.sync([this, alive = CXWeak(_alive)] {
-        if (!alive.lock())
-            return;
+    _session.sync(this, [this] {
         _params.commit();
         _parse();
         _isReady = true;

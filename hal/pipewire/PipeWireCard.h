@@ -50,5 +50,4 @@ private:
     std::vector<PipeWireRoute> _activeRoutes;
     std::optional<uint32_t> _profile;
     bool _isReady = false;
-    const CXRef<CXObject> _alive; // whoever finds it gone must not call us
 };

@@ -18,8 +18,8 @@ bool areClose(const std::vector<float>& a, const std::vector<float>& b)
 
 PipeWireHardware::PipeWireHardware(PipeWireLoop& loop, PipeWireModel& model,
                                    const std::optional<std::string>& remote)
-    : _loop(loop), _model(model), _session(loop, *this, remote), _mirror(_session, *this),
-      _devices(loop, _mirror, *this), _ioEnded(loop, [this] {
+    : _model(model), _session(loop, *this, remote), _mirror(_session, *this), _devices(loop, _mirror, *this),
+      _ioEnded(loop, [this] {
           for (PipeWireDevice* device : _devices.all())
               if (std::exchange(device->isEndingIO, false))
                   _publish(*device);
@@ -150,7 +150,7 @@ void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> sho
     if (!_session.isConnected())
         return reply->finish(kAudioHardwareUnspecifiedError);
     _pending.push_back({reply, std::move(shows)});
-    _session.sync([this, reply] {
+    _session.sync(this, [this, reply] {
         reply->accept();
         _finishShown();
     });
@@ -158,6 +158,8 @@ void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> sho
 
 void PipeWireHardware::_finishShown()
 {
+    if (!_mirror.isTold())
+        return; // whoever reads after a write has answered finds the new value: the model comes first
     std::erase_if(_pending, [](const Pending& pending) {
         if (!pending.reply->isOver() && pending.reply->isAccepted() && pending.shows())
             pending.reply->finish(kAudioHardwareNoError);

@@ -69,7 +69,6 @@ private:
     void _ioChanged(AudioObjectID deviceID);
     void _linkIO(PipeWireDevice& device);
 
-    PipeWireLoop& _loop;
     PipeWireModel& _model;
     PipeWireSession _session;
     PipeWireMirror _mirror;

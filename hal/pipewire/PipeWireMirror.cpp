@@ -25,7 +25,7 @@ void PipeWireMirror::connected()
 {
     _listedAll = _enumerated = false;
     // What the server lists now comes before its answer to this.
-    _session.sync([this] {
+    _session.sync(this, [this] {
         _listedAll = true;
         _tellSoon();
     });
@@ -246,7 +246,7 @@ void PipeWireMirror::_tellSoon()
     if (_tellAsked || !_session.isConnected())
         return;
     _tellAsked = true;
-    _session.sync([this] {
+    _session.sync(this, [this] {
         _tellAsked = false;
         _tell();
     });

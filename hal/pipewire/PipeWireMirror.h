@@ -79,6 +79,8 @@ public:
     std::vector<PipeWirePort> portsOfNode(uint32_t nodeID) const;
     PipeWireClockSettings clockSettings() const;
     PipeWireDefaultNames defaultNames() const;
+    /// Whether the client has been told of everything that is known.
+    bool isTold() const noexcept { return !_tellAsked; }
 
     /// Asks for another default device. False when the server keeps no defaults.
     bool setDefault(bool isSource, const std::string& nodeName);

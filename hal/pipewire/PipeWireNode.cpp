@@ -1,15 +1,7 @@
 #include "PipeWireNode.h"
 
-#include "CXWeak.h"
-
 #include <algorithm>
 #include <pipewire/pipewire.h>
-
-namespace {
-
-class LifeMark final : public CXObject {};
-
-} // namespace
 
 struct PipeWireNode::Listener {
     spa_hook hook{};
@@ -34,8 +26,7 @@ PipeWireNode::PipeWireNode(PipeWireSession& session, uint32_t id, uint64_t seria
                            const PipeWireProperties& properties, PipeWireLoop::Work changed)
     : _session(session), _id(id), _serial(serial), _kind(kind), _changed(std::move(changed)),
       _listener(std::make_unique<Listener>()), _properties(properties),
-      _params({SPA_PARAM_Props, SPA_PARAM_EnumFormat, SPA_PARAM_Format}),
-      _alive(CXRef<CXObject>::adopt(new LifeMark))
+      _params({SPA_PARAM_Props, SPA_PARAM_EnumFormat, SPA_PARAM_Format})
 {
     static const pw_node_events events{PW_VERSION_NODE_EVENTS, _info, _param};
     _proxy = session.bind(id, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE);
@@ -45,6 +36,7 @@ PipeWireNode::PipeWireNode(PipeWireSession& session, uint32_t id, uint64_t seria
 
 PipeWireNode::~PipeWireNode()
 {
+    _session.forget(this);
     if (!_proxy)
         return;
     spa_hook_remove(&_listener->hook);
@@ -87,9 +79,7 @@ void PipeWireNode::_param(void* data, int /*sequence*/, uint32_t kind, uint32_t 
 
 void PipeWireNode::_commitWhenAnswered()
 {
-    _session.sync([this, alive = CXWeak(_alive)] {
-        if (!alive.lock())
-            return;
+    _session.sync(this, [this] {
         _params.commit();
         _isReady = true;
         _followLatency();

@@ -75,5 +75,4 @@ private:
     std::unique_ptr<PipeWirePortLatency> _captureLatency;
     bool _isReady = false;
     bool _isRunning = false;
-    const CXRef<CXObject> _alive; // whoever finds it gone must not call us
 };

@@ -107,10 +107,15 @@ void PipeWireSession::_retry()
     _retryDelay *= 2;
 }
 
-void PipeWireSession::sync(PipeWireLoop::Work done)
+void PipeWireSession::sync(const void* owner, PipeWireLoop::Work done)
 {
     if (_core)
-        _syncs[pw_core_sync(_core, PW_ID_CORE, 0)] = std::move(done);
+        _syncs[pw_core_sync(_core, PW_ID_CORE, 0)] = {owner, std::move(done)};
+}
+
+void PipeWireSession::forget(const void* owner)
+{
+    std::erase_if(_syncs, [owner](const auto& each) { return each.second.owner == owner; });
 }
 
 pw_proxy* PipeWireSession::bind(uint32_t id, const char* type, uint32_t version, size_t userDataSize)
@@ -136,7 +141,7 @@ void PipeWireSession::_coreDone(void* data, uint32_t id, int sequence)
     if (id != PW_ID_CORE)
         return;
     if (auto waiting = self->_syncs.extract(sequence))
-        waiting.mapped()();
+        waiting.mapped().done();
 }
 
 void PipeWireSession::_coreError(void* data, uint32_t id, int /*sequence*/, int result,

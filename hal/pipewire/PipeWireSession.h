@@ -47,7 +47,10 @@ public:
     void disconnect();
     bool isConnected() const noexcept { return _core != nullptr; }
     /// Calls `done` once the server has handled everything sent before; never, when the connection ends first.
-    void sync(PipeWireLoop::Work done);
+    /// `owner` is who must still be there then, and forgets it otherwise.
+    void sync(const void* owner, PipeWireLoop::Work done);
+    /// Calls nothing of this owner's any more.
+    void forget(const void* owner);
 
     /// An own view of an object of the server; null without a connection.
     pw_proxy* bind(uint32_t id, const char* type, uint32_t version, size_t userDataSize = 0);
@@ -59,6 +62,10 @@ public:
 
 private:
     struct Listeners;
+    struct Sync {
+        const void* owner;
+        PipeWireLoop::Work done;
+    };
 
     bool _tryConnect();
     void _connectionLost();
@@ -78,7 +85,7 @@ private:
     pw_context* _context = nullptr;
     pw_core* _core = nullptr;
     pw_registry* _registry = nullptr;
-    std::unordered_map<int, PipeWireLoop::Work> _syncs;
+    std::unordered_map<int, Sync> _syncs; // by the number the server gives back
 
     PipeWireSocketWatch _watch;
     PipeWireTimer _retryTimer;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <ctime>
+#include <iostream>
 
 namespace {
 
@@ -228,6 +230,35 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
                readValue<AudioObjectID>(*hal, kAudioObjectSystemObject,
                                         at(kAudioHardwarePropertyDefaultSystemOutputDevice)) == two;
     }));
+}
+
+double processorMilliseconds()
+{
+    timespec used{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) * 1e3 + static_cast<double>(used.tv_nsec) * 1e-6;
+}
+
+// Time on the wall is the server's and the machine's; what grows with us is our own processor time.
+TEST_F(PipeWireDevices, costTheSameHoweverManyCameBefore)
+{
+    constexpr int rounds = 10;
+    constexpr int perRound = 1000;
+    std::vector<double> milliseconds;
+    for (int round = 0; round < rounds; ++round) {
+        const double before = processorMilliseconds();
+        for (int i = 0; i < perRound; ++i)
+            devices.plug({.name = "device-" + std::to_string(i)});
+        ASSERT_TRUE(eventually([&] { return readDevices(*hal).size() == perRound; }));
+        for (int i = 0; i < perRound; ++i)
+            devices.unplug("device-" + std::to_string(i));
+        ASSERT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+        milliseconds.push_back((processorMilliseconds() - before) / perRound);
+        std::cout << "round " << round << ": " << milliseconds.back() << " ms for each device\n";
+    }
+    std::ranges::sort(milliseconds.begin(), milliseconds.begin() + rounds / 2);
+    std::ranges::sort(milliseconds.begin() + rounds / 2, milliseconds.end());
+    EXPECT_LT(milliseconds[rounds * 3 / 4], 3 * milliseconds[rounds / 4]);
 }
 
 TEST(PipeWireDefaults, areTheSessionManagersToSettle)
