@@ -22,7 +22,7 @@ demo:
 test:
 	@scripts/install-packages build tests
 	$(call build,dev)
-	ctest --preset dev -j $(JOBS)
+	ctest --preset dev -j $(JOBS) -LE soak
 
 ## make check    tests under the sanitizers, clang's analysis, formatting; what CI runs besides
 check: lint asan tsan
