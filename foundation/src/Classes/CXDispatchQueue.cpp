@@ -1,5 +1,6 @@
 #include "CXDispatchQueue.h"
 
+#include "BackOff.h"
 #include "CXDispatchReceiver.h"
 #include "CXDispatchTimer.h"
 #include "CXThreadSetRealtime.h"
@@ -283,10 +284,12 @@ void CXDispatchQueue::_bypass(Drain drain, BorrowedWork block)
 bool CXDispatchQueue::_push(Item& item) noexcept
 {
     const bool isUrgent = item.lane == CXDispatchHousekeepingLane;
+    platform::BackOff backOff;
     Item* head = _queue.load(std::memory_order_relaxed);
-    do {
-        item.next = head;
-    } while (!_queue.compare_exchange_weak(head, &item));
+    for (item.next = head; !_queue.compare_exchange_strong(head, &item); item.next = head) {
+        backOff.wait();
+        head = _queue.load(std::memory_order_relaxed);
+    }
     // From here on the item may be gone.
     if (head != nullptr && isUrgent)
         _urgent.store(true, std::memory_order_release);
