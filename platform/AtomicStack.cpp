@@ -1,6 +1,6 @@
 #include "AtomicStack.h"
 
-#include <algorithm>
+#include "BackOff.h"
 
 #if defined(__SANITIZE_THREAD__)
 #define DXR_THREAD_SANITIZER 1
@@ -13,29 +13,6 @@
 namespace platform {
 
 namespace {
-
-/// How long to stay away after a lost exchange: twice as long each time, up to a bound that an IO thread can
-/// afford. Two threads that fight over one line without it take five times as long.
-class BackOff {
-public:
-    void wait() noexcept
-    {
-        for (uint32_t i = 0; i < _pauses; ++i) {
-#if defined(__x86_64__) || defined(__i386__)
-            __builtin_ia32_pause();
-#elif defined(__aarch64__)
-            asm volatile("isb");
-#else
-            asm volatile("");
-#endif
-        }
-        _pauses = std::min(_pauses * 2, mostPauses);
-    }
-
-private:
-    static constexpr uint32_t mostPauses = 64;
-    uint32_t _pauses = 8;
-};
 
 /// The successor of a block that may no longer be ours to read: its new owner may be writing there. What is
 /// read then is thrown away, so the race is harmless and hidden from the thread sanitizer.

@@ -1,0 +1,241 @@
+#include "CXLockFreeReference.h"
+
+#include "BackOff.h"
+#include "CXErrorAdditions.h"
+#include "TFA.h"
+
+#include <utility>
+
+namespace {
+
+constexpr uint64_t readerMask = 0xFFF;
+constexpr unsigned indexShift = 12;
+constexpr uint64_t indexMask = 0x3FF;
+constexpr uint64_t generationMask = 0x3FFFFFFFFFC00000;
+constexpr uint64_t generationAndIndexMask = 0x3FFFFFFFFFFFF000;
+constexpr uint64_t generationStep = 0x400000;
+constexpr uint64_t initialWord = 0x3FF000; // no object
+
+constexpr uint32_t indexOf(uint64_t word) noexcept
+{
+    return static_cast<uint32_t>(word >> indexShift & indexMask);
+}
+
+constexpr bool isSameObject(uint64_t a, uint64_t b) noexcept
+{
+    return ((a ^ b) & generationAndIndexMask) == 0;
+}
+
+/// The lines are part of the message that clients know.
+void assertThat(bool condition, long line)
+{
+    if (!condition)
+        _CXFailedAssertion(nullptr, nullptr, "CXLockFreeReference", line);
+}
+
+} // namespace
+
+CXRef<CXLockFreeReference> CXLockFreeReference::init()
+{
+    CXRef<CXLockFreeReference> reference = CXRef<CXLockFreeReference>::adopt(new CXLockFreeReference);
+    return reference && reference->_buckets ? reference : nullptr;
+}
+
+CXRef<CXLockFreeReference> CXLockFreeReference::initWithObjectReference(const CXRef<CXObject>& object)
+{
+    CXRef<CXLockFreeReference> reference = init();
+    if (reference)
+        reference->setObjectReference(object);
+    return reference;
+}
+
+CXLockFreeReference::CXLockFreeReference() noexcept
+    : _girc(initialWord), _buckets(static_cast<Bucket*>(TFA_calloc(1, sizeof(Bucket))))
+{}
+
+CXLockFreeReference::~CXLockFreeReference()
+{
+    while (Bucket* const bucket = _buckets) {
+        for (std::atomic<CXObject*>& slot : bucket->slots) {
+            if (const CXObject* const object = slot.load(std::memory_order_acquire))
+                object->release();
+        }
+        _buckets = bucket->next.load(std::memory_order_acquire);
+        TFA_free(bucket);
+    }
+}
+
+CXRef<CXObject> CXLockFreeReference::copyObjectReference() const
+{
+    const Reading reading = _enter(112);
+    if (indexOf(reading.word) == noObject)
+        return nullptr;
+    assertThat(reading.object != nullptr, 119);
+    reading.object->retain();
+    _leave(reading, 135);
+    return CXRef<CXObject>::adopt(reading.object);
+}
+
+/// Finds the current object and counts the caller as its reader.
+CXLockFreeReference::Reading CXLockFreeReference::_enter(long overflowLine) const
+{
+    platform::BackOff backOff;
+    uint64_t word = _girc.load(std::memory_order_acquire);
+    for (;;) {
+        if (indexOf(word) == noObject)
+            return {word, nullptr};
+        assertThat((word & readerMask) != readerMask, overflowLine);
+        // The slot may be somebody else's by now; then the word has moved on and the exchange fails.
+        CXObject* const object = getObjectAtIndex(indexOf(word));
+        if (_girc.compare_exchange_strong(word, word + 1))
+            return {word, object};
+        backOff.wait();
+        word = _girc.load(std::memory_order_acquire);
+    }
+}
+
+/// Takes the caller's count back, or, where a writer has retained the object on its behalf, gives that retain
+/// back instead. The caller keeps the retain that it made itself or was never counted without.
+void CXLockFreeReference::_leave(const Reading& reading, long underflowLine) const
+{
+    platform::BackOff backOff;
+    uint64_t word = _girc.load(std::memory_order_acquire);
+    while (isSameObject(word, reading.word)) {
+        assertThat((word & readerMask) != 0, underflowLine);
+        if (_girc.compare_exchange_strong(word, word - 1))
+            return;
+        backOff.wait();
+        word = _girc.load(std::memory_order_acquire);
+    }
+    reading.object->release();
+}
+
+void CXLockFreeReference::setObjectReference(const CXRef<CXObject>& object)
+{
+    while (!setObjectReference(object, copyObjectReference())) {
+    }
+}
+
+bool CXLockFreeReference::setObjectReference(const CXRef<CXObject>& object, const CXRef<CXObject>& expected)
+{
+    if (object == expected)
+        return true;
+    const Reading old = _enter(180);
+    if (old.object != expected.get()) {
+        if (old.object)
+            _leave(old, 206);
+        return false;
+    }
+    if (old.object)
+        old.object->retain();
+
+    uint32_t newIndex = noObject;
+    if (object) {
+        object->retain();
+        newIndex = _claimSlot(object.get());
+        if (newIndex >= noObject) {
+            object->release();
+            if (old.object) {
+                _leave(old, 206);
+                old.object->release();
+            }
+            assertThat(false, 336);
+        }
+    }
+    const bool isReplaced = _replace(old, newIndex);
+    if (isReplaced && old.object)
+        setObject(nullptr, indexOf(old.word));
+    if (!isReplaced && object) {
+        setObject(nullptr, newIndex);
+        object->release();
+    }
+    if (old.object) {
+        old.object->release(); // ours
+        old.object->release(); // the slot's, or the one that the faster writer made on our behalf
+    }
+    return isReplaced;
+}
+
+/// Makes `newIndex` current if what `old` found still is; if that is an object, the caller is counted as its
+/// reader, and every other reader counted leaves with a retain made here.
+bool CXLockFreeReference::_replace(const Reading& old, uint32_t newIndex)
+{
+    platform::BackOff backOff;
+    uint64_t word = _girc.load(std::memory_order_acquire);
+    while (isSameObject(word, old.word)) {
+        uint64_t others = 0;
+        if (old.object) {
+            assertThat((word & readerMask) != 0, 250);
+            others = (word & readerMask) - 1;
+        }
+        for (uint64_t i = 0; i < others; ++i)
+            old.object->retain();
+        const uint64_t wanted = ((word + generationStep) & generationMask) | static_cast<uint64_t>(newIndex)
+                                                                                 << indexShift;
+        if (_girc.compare_exchange_strong(word, wanted))
+            return true;
+        for (uint64_t i = 0; i < others; ++i)
+            old.object->release();
+        backOff.wait();
+        word = _girc.load(std::memory_order_acquire);
+    }
+    return false;
+}
+
+CXObject* CXLockFreeReference::getObjectAtIndex(uint32_t index) const noexcept
+{
+    const Bucket* bucket = _buckets;
+    for (; index >= slotsPerBucket; index -= slotsPerBucket)
+        bucket = bucket->next.load(std::memory_order_acquire);
+    return bucket->slots[index].load(std::memory_order_acquire);
+}
+
+void CXLockFreeReference::setObject(CXObject* object, uint32_t index) noexcept
+{
+    Bucket* bucket = _buckets;
+    for (; index >= slotsPerBucket; index -= slotsPerBucket)
+        bucket = bucket->next.load(std::memory_order_acquire);
+    bucket->slots[index].store(object, std::memory_order_release);
+}
+
+uint32_t CXLockFreeReference::setObjectAtFreeIndex(CXObject* object)
+{
+    assertThat(object != nullptr, 325);
+    const uint32_t index = _claimSlot(object);
+    assertThat(index < noObject, 336);
+    return index;
+}
+
+/// The index of the slot that now holds `object`, or noObject when none can be had.
+uint32_t CXLockFreeReference::_claimSlot(CXObject* object) noexcept
+{
+    Bucket* bucket = _buckets;
+    for (uint32_t index = 0; index < noObject;) {
+        std::atomic<CXObject*>& slot = bucket->slots[index % slotsPerBucket];
+        if (slot.load(std::memory_order_relaxed) == nullptr) {
+            CXObject* free = nullptr;
+            if (slot.compare_exchange_strong(free, object))
+                return index;
+            bucket = _buckets; // another thread took it; a lower one may be free by now
+            index = 0;
+        } else if (++index % slotsPerBucket == 0) {
+            bucket = _bucketAfter(*bucket);
+            if (!bucket)
+                break;
+        }
+    }
+    return noObject;
+}
+
+/// The bucket behind `bucket`, made if there is none yet; null where there is no memory.
+CXLockFreeReference::Bucket* CXLockFreeReference::_bucketAfter(Bucket& bucket) noexcept
+{
+    Bucket* next = bucket.next.load(std::memory_order_acquire);
+    if (next)
+        return next;
+    auto* const fresh = static_cast<Bucket*>(TFA_calloc(1, sizeof(Bucket)));
+    if (!fresh || bucket.next.compare_exchange_strong(next, fresh))
+        return fresh;
+    TFA_free(fresh);
+    return next; // another thread's
+}

@@ -1,0 +1,48 @@
+#include "CXTimeBase.h"
+
+#include "HostClock.h"
+#include "_multiplyRatio.h"
+
+using platform::HostClock;
+
+CXRef<CXTimeBase> CXTimeBase::sharedTimeBase()
+{
+    static const CXRef<CXTimeBase>* const shared = new CXRef(init()); // never destroyed: threads outlive exit
+    return *shared;
+}
+
+CXRef<CXTimeBase> CXTimeBase::init()
+{
+    return initWithRatio(HostClock::nanosecondsNumerator, HostClock::nanosecondsDenominator);
+}
+
+CXRef<CXTimeBase> CXTimeBase::initWithRatio(uint32_t numerator, uint32_t denominator)
+{
+    return CXRef<CXTimeBase>::adopt(new CXTimeBase(numerator, denominator));
+}
+
+CXTimeBase::CXTimeBase(uint32_t numerator, uint32_t denominator) noexcept
+    : _timeBaseToNanosNumerator(numerator), _timeBaseToNanosDenominator(denominator),
+      // Divided first: a clock made from this takes the rounded quotient for the frequency.
+      _timeBaseAbsoluteFrequency(static_cast<double>(denominator) / static_cast<double>(numerator) * 1e9)
+{}
+
+uint64_t CXTimeBase::absoluteTime() const noexcept
+{
+    return HostClock::nowTicks();
+}
+
+uint64_t CXTimeBase::nanoseconds() const noexcept
+{
+    return nanosecondsFromAbsoluteTime(absoluteTime());
+}
+
+uint64_t CXTimeBase::nanosecondsFromAbsoluteTime(uint64_t ticks) const noexcept
+{
+    return _multiplyRatio(ticks, _timeBaseToNanosNumerator, _timeBaseToNanosDenominator);
+}
+
+uint64_t CXTimeBase::absoluteTimeFromNanoseconds(uint64_t nanoseconds) const noexcept
+{
+    return _multiplyRatio(nanoseconds, _timeBaseToNanosDenominator, _timeBaseToNanosNumerator);
+}
