@@ -4,6 +4,7 @@
 
 #include <span>
 
+struct SampleKernels;
 struct SamplerKernels;
 
 /// One instruction set's inner loops. Every set gives the same bits; they differ in speed.
@@ -12,6 +13,7 @@ struct SamplerKernels;
 struct InstructionSet {
     const char* name;
     const SamplerKernels* sampler;
+    const SampleKernels* samples;
 };
 
 /// The sets that this processor can run, the plainest first. Never empty.

@@ -1,9 +1,10 @@
 #include "InstructionSet.h"
+#include "SampleKernels.h"
 #include "SamplerKernels.h"
 
 namespace {
 
-constexpr InstructionSet sets[] = {{"base", &samplerKernels4}}; // NEON on ARM
+constexpr InstructionSet sets[] = {{"base", &samplerKernels4, &sampleKernels4}}; // NEON on ARM
 
 } // namespace
 

@@ -1,15 +1,18 @@
 #include "InstructionSet.h"
+#include "SampleKernels.h"
 #include "SamplerKernels.h"
 
+extern const SampleKernels sampleKernelsAVX2;
+extern const SampleKernels sampleKernelsAVX512;
 extern const SamplerKernels samplerKernelsAVX2;
 extern const SamplerKernels samplerKernelsAVX512;
 
 namespace {
 
 constexpr InstructionSet sets[] = {
-    {"SSE2", &samplerKernels4},
-    {"AVX2", &samplerKernelsAVX2},
-    {"AVX-512", &samplerKernelsAVX512},
+    {"SSE2", &samplerKernels4, &sampleKernels4},
+    {"AVX2", &samplerKernelsAVX2, &sampleKernelsAVX2},
+    {"AVX-512", &samplerKernelsAVX512, &sampleKernelsAVX512},
 };
 
 } // namespace
