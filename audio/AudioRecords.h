@@ -9,6 +9,8 @@
 struct AudioValueRange {
     double minimum;
     double maximum;
+
+    friend bool operator==(const AudioValueRange&, const AudioValueRange&) = default;
 };
 
 /// A stream's format.
@@ -22,6 +24,8 @@ struct AudioStreamBasicDescription {
     uint32_t channelsPerFrame; ///< interleaved channels
     uint32_t bitsPerChannel;
     uint32_t reserved; ///< 0
+
+    friend bool operator==(const AudioStreamBasicDescription&, const AudioStreamBasicDescription&) = default;
 };
 
 /// A format that a stream can take, and the rates it can take it at.

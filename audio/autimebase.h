@@ -6,8 +6,9 @@
 #include <stdint.h>
 
 // The host clock's time base as a plain record. Absolute time counts host ticks; nanoseconds = ticks * numer
-// / denom, exact in 128 bits and cut towards zero. Threads:   a record never changes; any. Real time:
-// everything but creating and destroying.
+// / denom, exact in 128 bits and cut towards zero.
+// Threads:   a record never changes; any.
+// Real time: everything but creating and destroying.
 
 extern "C" {
 

@@ -6,7 +6,9 @@ namespace platform {
 
 /// What to do after a lost exchange on a word that several threads change: stay away for a moment, twice as
 /// long each time, up to a bound that an IO thread can afford. Without it two threads that fight over one
-/// cache line take five times as long. Threads:   one each. Real time: yes.
+/// cache line take five times as long.
+/// Threads:   one each.
+/// Real time: yes.
 class BackOff {
 public:
     void wait() noexcept

@@ -1,5 +1,7 @@
 #include "LogSink.h"
 
+#include "Utf8.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
@@ -27,25 +29,6 @@ void writeToSystem(std::string_view line)
     const std::scoped_lock lock(sinkState().outputMutex);
     syslog(LOG_USER | LOG_NOTICE, "%s", text.c_str());
     std::fprintf(stderr, "%s%s", text.c_str(), text.ends_with('\n') ? "" : "\n");
-}
-
-/// How many bytes at the start of `text` are one well-formed UTF-8 character (RFC 3629); 0 when none are.
-size_t utf8Length(std::string_view text)
-{
-    const auto byte = [&](size_t i) { return i < text.size() ? static_cast<uint8_t>(text[i]) : 0U; };
-    const auto tail = [&](size_t i, uint32_t low = 0x80, uint32_t high = 0xBF) {
-        return byte(i) >= low && byte(i) <= high;
-    };
-    const uint32_t lead = byte(0);
-    if (lead < 0x80)
-        return 1;
-    if (lead >= 0xC2 && lead <= 0xDF)
-        return tail(1) ? 2 : 0;
-    if (lead >= 0xE0 && lead <= 0xEF)
-        return tail(1, lead == 0xE0 ? 0xA0 : 0x80, lead == 0xED ? 0x9F : 0xBF) && tail(2) ? 3 : 0;
-    if (lead >= 0xF0 && lead <= 0xF4)
-        return tail(1, lead == 0xF0 ? 0x90 : 0x80, lead == 0xF4 ? 0x8F : 0xBF) && tail(2) && tail(3) ? 4 : 0;
-    return 0;
 }
 
 bool isControl(std::string_view character)
@@ -87,7 +70,7 @@ std::string printableText(std::string_view text)
     std::string printable;
     printable.reserve(text.size());
     while (!text.empty()) {
-        const size_t length = utf8Length(text);
+        const size_t length = utf8CharacterLength(text);
         const std::string_view character = text.substr(0, length == 0 ? 1 : length);
         if (length > 0 && !isControl(character)) {
             printable += character;

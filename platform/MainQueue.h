@@ -26,8 +26,8 @@ public:
     size_t drain();
     /// Serves the queue until stop(); for a program that has no loop.
     void run();
-    /// Ends run(), after the work it is doing; before run(), makes it return at once. From any thread, or from
-    /// a signal handler.
+    /// Ends run(), after the work it is doing; before run(), makes it return at once. From any thread, or
+    /// from a signal handler.
     void stop() noexcept;
 
 private:

@@ -1,6 +1,9 @@
 #include "RealtimeScheduling.h"
 
+#include "HostClock.h"
+
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <sched.h>
 #include <sys/resource.h>
@@ -19,7 +22,10 @@ constexpr const char* objectPath = "/org/freedesktop/RealtimeKit1";
 constexpr uint64_t answerMicroseconds = 1'000'000;
 
 struct CloseBus {
-    void operator()(sd_bus* bus) const noexcept { sd_bus_flush_close_unref(bus); }
+    void operator()(sd_bus* bus) const noexcept
+    {
+        sd_bus_close_unref(bus);
+    } // without a flush, which could wait
 };
 using Bus = std::unique_ptr<sd_bus, CloseBus>;
 
@@ -43,12 +49,39 @@ bool limitRealtimeTime(int64_t microseconds)
     return setrlimit(RLIMIT_RTTIME, &limit) == 0;
 }
 
+uint64_t nowMicroseconds()
+{
+    return HostClock::nowTicks() / 1000;
+}
+
+/// The system bus, ready to be used; null when it is not there, or does not get so far in time. The library's
+/// own way of opening it would wait for half a minute for a bus that is stuck.
+Bus openSystemBus(uint64_t deadlineMicroseconds)
+{
+    sd_bus* made = nullptr;
+    if (sd_bus_new(&made) < 0)
+        return nullptr;
+    Bus bus(made);
+    const char* address = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    if (sd_bus_set_address(bus.get(), address ? address : "unix:path=/run/dbus/system_bus_socket") < 0 ||
+        sd_bus_set_bus_client(bus.get(), 1) < 0 || sd_bus_start(bus.get()) < 0)
+        return nullptr;
+    while (sd_bus_is_ready(bus.get()) == 0) {
+        const uint64_t now = nowMicroseconds();
+        const int processed = sd_bus_process(bus.get(), nullptr);
+        if (processed < 0 || now >= deadlineMicroseconds)
+            return nullptr;
+        if (processed == 0)
+            sd_bus_wait(bus.get(), deadlineMicroseconds - now);
+    }
+    return sd_bus_is_ready(bus.get()) > 0 ? std::move(bus) : nullptr;
+}
+
 bool askRealtimeKit()
 {
-    sd_bus* opened = nullptr;
-    if (sd_bus_open_system(&opened) < 0)
+    const Bus bus = openSystemBus(nowMicroseconds() + answerMicroseconds);
+    if (!bus)
         return false;
-    const Bus bus(opened);
     sd_bus_set_method_call_timeout(bus.get(), answerMicroseconds);
     int64_t longestMicroseconds = 0;
     int32_t highestPriority = 0;

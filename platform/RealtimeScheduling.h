@@ -17,7 +17,7 @@ enum class RealtimeOutcome {
     Refused,     ///< neither; the thread runs as before
 };
 
-/// Puts the calling thread under real-time scheduling. Waits: at most a second for RealtimeKit.
+/// Puts the calling thread under real-time scheduling. Waits: for a RealtimeKit that is stuck, a few seconds.
 /// SCHED_DEADLINE could express the policy whole, but would throttle an IO block that runs over its
 /// computation; a fixed priority below the sound server's keeps the promise that matters.
 RealtimeOutcome makeCurrentThreadRealtime(const RealtimePolicy& policy = {});

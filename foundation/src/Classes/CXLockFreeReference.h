@@ -7,10 +7,10 @@
 #include <cstdint>
 
 /// One strong reference that many threads read and sometimes replace, without a lock: a reader gets the
-/// object retained, and no object ends while a reader is between finding it and retaining it. Threads: every
-/// call from any thread. Real time: copyObjectReference() always. A replacement too while a slot is free; it
-/// allocates four more when
-///            none is, and whoever drops the last reference to an object destroys it.
+/// object retained, and no object ends while a reader is between finding it and retaining it.
+/// Threads:   every call from any thread.
+/// Real time: copyObjectReference() always. A replacement too while a slot is free; it allocates four more
+///            when none is, and whoever drops the last reference to an object destroys it.
 /// Fails:     too many readers or objects at once are our mistake and assert.
 class DXR_EXPORT CXLockFreeReference final : public CXTFAObject {
 public:

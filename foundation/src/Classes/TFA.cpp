@@ -29,7 +29,7 @@ constexpr unsigned largestSmallClass = 12; // 4096 bytes
 constexpr unsigned classCount = 64;
 // Touching a page for the first time costs an IO thread more than the block is worth, so new pages come
 // present; above this size that would rather waste memory, and only TFA_reserve asks for it.
-constexpr size_t mostBytesMadePresent = 256 * 1024;
+constexpr size_t mostBytesMadePresent = size_t{256} * 1024;
 
 // The free blocks of every class: blocks of class k hold 2^k bytes. Nothing else is shared.
 constinit AtomicStack gAllocationQueues[classCount];

@@ -7,10 +7,10 @@
 
 // The thread-safe fast allocator: power-of-two blocks on one lock-free list per size, for memory that is
 // taken and given back on IO threads. A request gets the next power of two at or above it, 16 bytes at least;
-// a freed block goes back to the list of its size and is never returned to the system. Threads:   every
-// function from any thread at once. Real time: TFA_free, and whatever finds a free block of the size: one
-// exchange of a list's head, the same time
-//            for every size. Only a size that has run out asks the system for more; TFA_reserve prevents
+// a freed block goes back to the list of its size and is never returned to the system.
+// Threads:   every function from any thread at once.
+// Real time: TFA_free, and whatever finds a free block of the size: one exchange of a list's head, the same
+//            time for every size. Only a size that has run out asks the system for more; TFA_reserve prevents
 //            that.
 // Fails:     where the system has no memory to give, a line on standard error and null. Pointers that did not
 //            come from here are not detected.

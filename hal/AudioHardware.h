@@ -1,0 +1,282 @@
+#pragma once
+
+#include "AudioRecords.h"
+#include "CXBlock.h"
+#include "CXFourCharCode.h"
+#include "WorkQueue.h"
+
+#include <cstddef>
+#include <cstdint>
+
+// The audio hardware layer (HAL): objects with properties, listeners on them, and IO callbacks on devices.
+// Everything above speaks to the hardware through these records and functions alone; they forward to the one
+// active backend (HALSetBackend), or answer for a system without any device when there is none.
+
+/// A HAL object: the system object, a device, or a stream of a device. 0 is no object. Never reused in a
+/// process.
+using AudioObjectID = uint32_t;
+/// 0 when the call was carried out, else one of the kAudioHardware…Error codes.
+using HALStatus = int32_t;
+
+inline constexpr AudioObjectID kAudioObjectUnknown = 0;
+inline constexpr AudioObjectID kAudioObjectSystemObject = 1;
+
+// ---- Statuses
+
+inline constexpr HALStatus kAudioHardwareNoError = 0;
+/// 'stop': the device is not running, or the call needs one that is.
+inline constexpr HALStatus kAudioHardwareNotRunningError = static_cast<HALStatus>(CXFourCharCode("stop"));
+/// 'what': the hardware or the sound server failed, or did not answer in time.
+inline constexpr HALStatus kAudioHardwareUnspecifiedError = static_cast<HALStatus>(CXFourCharCode("what"));
+/// 'who?': the object has no such property in that scope and element.
+inline constexpr HALStatus kAudioHardwareUnknownPropertyError =
+    static_cast<HALStatus>(CXFourCharCode("who?"));
+/// '!siz': the buffer or the qualifier has the wrong size for the property.
+inline constexpr HALStatus kAudioHardwareBadPropertySizeError =
+    static_cast<HALStatus>(CXFourCharCode("!siz"));
+/// 'nope': the call makes no sense: a null pointer where none is allowed, a value out of range, a property
+/// that cannot be written.
+inline constexpr HALStatus kAudioHardwareIllegalOperationError =
+    static_cast<HALStatus>(CXFourCharCode("nope"));
+/// '!obj': no such object, or no longer.
+inline constexpr HALStatus kAudioHardwareBadObjectError = static_cast<HALStatus>(CXFourCharCode("!obj"));
+/// '!dev': the object is no device, or no longer there.
+inline constexpr HALStatus kAudioHardwareBadDeviceError = static_cast<HALStatus>(CXFourCharCode("!dev"));
+
+// ---- Property addresses
+
+struct AudioObjectPropertyAddress {
+    uint32_t selector; ///< which property: a four-character code
+    uint32_t scope;    ///< kAudioObjectPropertyScope…
+    uint32_t element;  ///< 0 is the main element, then channels from 1
+
+    friend bool operator==(const AudioObjectPropertyAddress&, const AudioObjectPropertyAddress&) = default;
+};
+
+inline constexpr uint32_t kAudioObjectPropertyScopeGlobal = CXFourCharCode("glob");
+inline constexpr uint32_t kAudioObjectPropertyScopeInput = CXFourCharCode("inpt");
+inline constexpr uint32_t kAudioObjectPropertyScopeOutput = CXFourCharCode("outp");
+inline constexpr uint32_t kAudioObjectPropertyScopeWildcard = CXFourCharCode("****");
+inline constexpr uint32_t kAudioObjectPropertySelectorWildcard = CXFourCharCode("****");
+inline constexpr uint32_t kAudioObjectPropertyElementMain = 0;
+inline constexpr uint32_t kAudioObjectPropertyElementWildcard = 0xFFFFFFFF;
+
+// Of every object
+inline constexpr uint32_t kAudioObjectPropertyClass = CXFourCharCode("clas");        ///< uint32_t
+inline constexpr uint32_t kAudioObjectPropertyBaseClass = CXFourCharCode("bcls");    ///< uint32_t
+inline constexpr uint32_t kAudioObjectPropertyOwner = CXFourCharCode("stdv");        ///< AudioObjectID
+inline constexpr uint32_t kAudioObjectPropertyOwnedObjects = CXFourCharCode("ownd"); ///< AudioObjectID array
+inline constexpr uint32_t kAudioObjectPropertyName = CXFourCharCode("lnam");         ///< CXValue string
+inline constexpr uint32_t kAudioObjectPropertyManufacturer = CXFourCharCode("lmak"); ///< CXValue string
+inline constexpr uint32_t kAudioObjectPropertyElementName = CXFourCharCode("lchn");  ///< CXValue string
+
+// Of the system object, global scope
+inline constexpr uint32_t kAudioHardwarePropertyDevices = CXFourCharCode("dev#"); ///< AudioObjectID array
+inline constexpr uint32_t kAudioHardwarePropertyDefaultInputDevice =
+    CXFourCharCode("dIn "); ///< AudioObjectID
+inline constexpr uint32_t kAudioHardwarePropertyDefaultOutputDevice =
+    CXFourCharCode("dOut"); ///< AudioObjectID
+inline constexpr uint32_t kAudioHardwarePropertyDefaultSystemOutputDevice =
+    CXFourCharCode("sOut"); ///< AudioObjectID
+/// AudioValueTranslation from a CXValue string's address (8 bytes) to an AudioObjectID; 0 when there is none.
+inline constexpr uint32_t kAudioHardwarePropertyDeviceForUID = CXFourCharCode("duid");
+/// AudioValueTranslation as above, from a plug-in's bundle ID; there are no plug-ins here, so always to 0.
+inline constexpr uint32_t kAudioHardwarePropertyPlugInForBundleID = CXFourCharCode("bipi");
+
+// Of a device; global scope unless "direction" is said
+inline constexpr uint32_t kAudioDevicePropertyDeviceUID = CXFourCharCode("uid "); ///< CXValue string
+inline constexpr uint32_t kAudioDevicePropertyModelUID = CXFourCharCode("muid");  ///< CXValue string
+inline constexpr uint32_t kAudioDevicePropertyTransportType =
+    CXFourCharCode("tran"); ///< uint32_t code; any scope
+inline constexpr uint32_t kAudioDevicePropertyRelatedDevices =
+    CXFourCharCode("akin");                                                         ///< AudioObjectID array
+inline constexpr uint32_t kAudioDevicePropertyClockDomain = CXFourCharCode("clkd"); ///< uint32_t, 0 unknown
+inline constexpr uint32_t kAudioDevicePropertyDeviceIsRunning = CXFourCharCode("goin"); ///< uint32_t 0 or 1
+inline constexpr uint32_t kAudioDevicePropertyDeviceCanBeDefaultDevice =
+    CXFourCharCode("dflt"); ///< uint32_t, direction
+inline constexpr uint32_t kAudioDevicePropertyDeviceCanBeDefaultSystemDevice =
+    CXFourCharCode("sflt");                                                      ///< the same
+inline constexpr uint32_t kAudioDevicePropertyIsHidden = CXFourCharCode("hidn"); ///< uint32_t 0 or 1
+inline constexpr uint32_t kAudioDevicePropertyLatency =
+    CXFourCharCode("ltnc"); ///< uint32_t frames, direction
+inline constexpr uint32_t kAudioDevicePropertySafetyOffset =
+    CXFourCharCode("saft"); ///< uint32_t frames, direction
+inline constexpr uint32_t kAudioDevicePropertyStreams =
+    CXFourCharCode("stm#"); ///< AudioObjectID array, any scope
+inline constexpr uint32_t kAudioDevicePropertyStreamConfiguration =
+    CXFourCharCode("slay"); ///< AudioBufferList, any scope
+inline constexpr uint32_t kAudioDevicePropertyNominalSampleRate =
+    CXFourCharCode("nsrt"); ///< double Hz, any scope, writable
+inline constexpr uint32_t kAudioDevicePropertyActualSampleRate = CXFourCharCode("asrt"); ///< double Hz
+/// AudioValueRange array; any scope.
+inline constexpr uint32_t kAudioDevicePropertyAvailableNominalSampleRates = CXFourCharCode("nsr#");
+inline constexpr uint32_t kAudioDevicePropertyBufferFrameSize =
+    CXFourCharCode("fsiz"); ///< uint32_t frames, writable
+inline constexpr uint32_t kAudioDevicePropertyBufferFrameSizeRange =
+    CXFourCharCode("fsz#"); ///< AudioValueRange
+inline constexpr uint32_t kAudioDevicePropertyPreferredChannelsForStereo =
+    CXFourCharCode("dch2"); ///< 2 uint32_t, direction
+inline constexpr uint32_t kAudioDevicePropertyVolumeScalar =
+    CXFourCharCode("volm"); ///< float 0..1, direction, writable
+inline constexpr uint32_t kAudioDevicePropertyVolumeDecibels =
+    CXFourCharCode("vold"); ///< float dB, direction, writable
+inline constexpr uint32_t kAudioDevicePropertyVolumeRangeDecibels =
+    CXFourCharCode("vdb#"); ///< AudioValueRange, direction
+inline constexpr uint32_t kAudioDevicePropertyMute =
+    CXFourCharCode("mute"); ///< uint32_t, direction, writable
+inline constexpr uint32_t kAudioDevicePropertyDataSource =
+    CXFourCharCode("ssrc"); ///< uint32_t, direction, writable
+inline constexpr uint32_t kAudioDevicePropertyDataSources =
+    CXFourCharCode("ssc#"); ///< uint32_t array, direction
+/// AudioValueTranslation from a uint32_t source ID to a CXValue string; direction.
+inline constexpr uint32_t kAudioDevicePropertyDataSourceNameForIDCFString = CXFourCharCode("lscn");
+/// AudioHardwareIOProcStreamUsage, in and out; direction, writable.
+inline constexpr uint32_t kAudioDevicePropertyIOProcStreamUsage = CXFourCharCode("suse");
+/// Never read, only notified: the device lost cycles. Its sample time has jumped by what was lost.
+inline constexpr uint32_t kAudioDeviceProcessorOverload = CXFourCharCode("over");
+
+// Of a stream
+inline constexpr uint32_t kAudioStreamPropertyIsActive = CXFourCharCode("sact"); ///< uint32_t 0 or 1
+inline constexpr uint32_t kAudioStreamPropertyDirection =
+    CXFourCharCode("sdir"); ///< uint32_t: 0 output, 1 input
+inline constexpr uint32_t kAudioStreamPropertyTerminalType = CXFourCharCode("term");    ///< uint32_t
+inline constexpr uint32_t kAudioStreamPropertyStartingChannel = CXFourCharCode("schn"); ///< uint32_t, from 1
+inline constexpr uint32_t kAudioStreamPropertyLatency = CXFourCharCode("ltnc");         ///< uint32_t frames
+inline constexpr uint32_t kAudioStreamPropertyVirtualFormat =
+    CXFourCharCode("sfmt"); ///< AudioStreamBasicDescription
+inline constexpr uint32_t kAudioStreamPropertyPhysicalFormat =
+    CXFourCharCode("pft "); ///< AudioStreamBasicDescription
+inline constexpr uint32_t kAudioStreamPropertyAvailableVirtualFormats =
+    CXFourCharCode("sfma"); ///< …RangedDescription array
+inline constexpr uint32_t kAudioStreamPropertyAvailablePhysicalFormats =
+    CXFourCharCode("pfta"); ///< …RangedDescription array
+
+// Values of 'clas' and 'bcls'
+inline constexpr uint32_t kAudioObjectClassID = CXFourCharCode("aobj");
+inline constexpr uint32_t kAudioSystemObjectClassID = CXFourCharCode("asys");
+inline constexpr uint32_t kAudioDeviceClassID = CXFourCharCode("adev");
+inline constexpr uint32_t kAudioAggregateDeviceClassID = CXFourCharCode("aagg");
+inline constexpr uint32_t kAudioStreamClassID = CXFourCharCode("astr");
+
+// Values of 'tran'
+inline constexpr uint32_t kAudioDeviceTransportTypeUnknown = 0;
+inline constexpr uint32_t kAudioDeviceTransportTypeBuiltIn = CXFourCharCode("bltn");
+inline constexpr uint32_t kAudioDeviceTransportTypeAggregate = CXFourCharCode("grup");
+inline constexpr uint32_t kAudioDeviceTransportTypeVirtual = CXFourCharCode("virt");
+inline constexpr uint32_t kAudioDeviceTransportTypePCI = CXFourCharCode("pci ");
+inline constexpr uint32_t kAudioDeviceTransportTypeUSB = CXFourCharCode("usb ");
+inline constexpr uint32_t kAudioDeviceTransportTypeFireWire = CXFourCharCode("1394");
+inline constexpr uint32_t kAudioDeviceTransportTypeBluetooth = CXFourCharCode("blue");
+inline constexpr uint32_t kAudioDeviceTransportTypeHDMI = CXFourCharCode("hdmi");
+inline constexpr uint32_t kAudioDeviceTransportTypeDisplayPort = CXFourCharCode("dprt");
+inline constexpr uint32_t kAudioDeviceTransportTypeAirPlay = CXFourCharCode("airp");
+inline constexpr uint32_t kAudioDeviceTransportTypeNetwork = CXFourCharCode("netw");
+
+// ---- Records of properties
+
+/// What a translation property takes in the output buffer: the input there, and where the output goes.
+struct AudioValueTranslation {
+    void* inputData;
+    uint32_t inputDataSize; ///< bytes
+    void* outputData;
+    uint32_t outputDataSize; ///< bytes
+};
+
+/// Which streams of a direction an IO callback uses; the others come without data. 12 bytes, then 4 per
+/// stream.
+struct AudioHardwareIOProcStreamUsage {
+    void* ioProc; ///< the AudioDeviceIOProcID
+    uint32_t numberStreams;
+    uint32_t streamIsOn[1]; ///< numberStreams entries, non-zero for on
+};
+
+// ---- Callbacks
+
+/// Told of changes on `objectID`: `addressCount` addresses. The answer is ignored.
+using AudioObjectPropertyListenerProc = HALStatus (*)(AudioObjectID objectID, uint32_t addressCount,
+                                                      const AudioObjectPropertyAddress* addresses,
+                                                      void* clientData);
+/// The same as a closure.
+using AudioObjectPropertyListenerBlock =
+    CXBlock<void(uint32_t addressCount, const AudioObjectPropertyAddress* addresses)>;
+
+/// One cycle of a device, on its IO thread: the time the cycle began, the input and when its first frame was
+/// taken, the output to fill and when its first frame will be heard. Output arrives silent. Lists and times
+/// of a direction that the device does not have are null. Must keep the real-time rules and not throw.
+using AudioDeviceIOBlock =
+    CXBlock<void(const AudioTimeStamp* now, const AudioBufferList* inputData, const AudioTimeStamp* inputTime,
+                 AudioBufferList* outputData, const AudioTimeStamp* outputTime)>;
+/// Names an IO callback of one device; null is none.
+using AudioDeviceIOProcID = void*;
+
+// ---- Functions. Any thread; an IO thread may only read 'nsrt' and 'fsiz' of its own device, and stop or
+// destroy callbacks of it. They take bounded time, allocate, and never throw.
+
+extern "C" {
+
+/// Stores the size in bytes of the property's value now. `qualifierData` may be null when its size is 0.
+DXR_EXPORT HALStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID,
+                                                    const AudioObjectPropertyAddress* address,
+                                                    uint32_t qualifierDataSize, const void* qualifierData,
+                                                    uint32_t* dataSize);
+
+/// Reads the property into `data`, `*dataSize` bytes of room; stores the bytes written there. '!siz' when
+/// there is too little room, which for a list is normal: it may have grown since its size was asked. A string
+/// or dictionary is one CXObject pointer (8 bytes, a CXValue) that the caller owns: CXRef<CXObject>::adopt()
+/// takes it.
+DXR_EXPORT HALStatus AudioObjectGetPropertyData(AudioObjectID objectID,
+                                                const AudioObjectPropertyAddress* address,
+                                                uint32_t qualifierDataSize, const void* qualifierData,
+                                                uint32_t* dataSize, void* data);
+
+/// Writes the property. The change is announced to listeners when the hardware has taken it over, which may
+/// be after the call; 'nope' for a property that cannot be written or a value out of range.
+DXR_EXPORT HALStatus AudioObjectSetPropertyData(AudioObjectID objectID,
+                                                const AudioObjectPropertyAddress* address,
+                                                uint32_t qualifierDataSize, const void* qualifierData,
+                                                uint32_t dataSize, const void* data);
+
+/// Calls `listener` on the notification thread whenever a property that `address` matches changes; selector
+/// and scope '****' and element 0xFFFFFFFF match any. The same listener may be added once per object and
+/// address.
+DXR_EXPORT HALStatus AudioObjectAddPropertyListener(AudioObjectID objectID,
+                                                    const AudioObjectPropertyAddress* address,
+                                                    AudioObjectPropertyListenerProc listener,
+                                                    void* clientData);
+
+/// Removes what AudioObjectAddPropertyListener added with the same arguments. Once this has returned on any
+/// other thread than the one running it, the listener is not running and never will again. 'nope' when there
+/// is none.
+DXR_EXPORT HALStatus AudioObjectRemovePropertyListener(AudioObjectID objectID,
+                                                       const AudioObjectPropertyAddress* address,
+                                                       AudioObjectPropertyListenerProc listener,
+                                                       void* clientData);
+
+/// Starts the device for this callback; the first one started starts the hardware. Starting twice is no
+/// error.
+DXR_EXPORT HALStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID);
+/// Stops the device for this callback; 'stop' when it was not started. On return on another thread than the
+/// IO thread, its cycle has ended.
+DXR_EXPORT HALStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID);
+/// Forgets the callback, stopping it first. Waits for its running cycle, except on the IO thread itself.
+DXR_EXPORT HALStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID);
+}
+
+/// As AudioObjectAddPropertyListener for a closure, called on `queue`, or on the notification thread without
+/// one. The queue is kept alive while the listener is registered.
+DXR_EXPORT HALStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID,
+                                                         const AudioObjectPropertyAddress* address,
+                                                         const CXRef<platform::WorkQueue>& queue,
+                                                         const AudioObjectPropertyListenerBlock& listener);
+/// As AudioObjectRemovePropertyListener, for the same object, address, queue and closure.
+DXR_EXPORT HALStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID objectID,
+                                                            const AudioObjectPropertyAddress* address,
+                                                            const CXRef<platform::WorkQueue>& queue,
+                                                            const AudioObjectPropertyListenerBlock& listener);
+
+/// Registers `block` as an IO callback of the device, not yet started, and stores its identifier. With a
+/// queue the cycles would leave the IO thread and lose its promises: only a null queue is supported, 'nope'
+/// otherwise.
+DXR_EXPORT HALStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* procID, AudioObjectID deviceID,
+                                                        const CXRef<platform::WorkQueue>& queue,
+                                                        const AudioDeviceIOBlock& block);

@@ -1,0 +1,9 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+/// One of the two ways audio flows through a device.
+enum class HALDirection : uint32_t { Input = 0, Output = 1 };
+
+inline constexpr std::array halDirections{HALDirection::Input, HALDirection::Output};

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "AudioHardware.h"
+
+#include <cstring>
+#include <span>
+#include <string>
+#include <type_traits>
+
+/// Takes the value of one property: counts its bytes, and copies those for which there is room.
+/// Threads: one.
+class HALPropertyWriter {
+public:
+    /// Counts only.
+    HALPropertyWriter() = default;
+    /// Writes into `room`, which the caller of the HAL owns and which may lie anywhere.
+    explicit HALPropertyWriter(std::span<std::byte> room) : _room(room), _isCounting(false) {}
+
+    template <class Value>
+    requires std::is_trivially_copyable_v<Value>
+    void put(const Value& value)
+    {
+        if (_size + sizeof value <= _room.size())
+            std::memcpy(_room.data() + _size, &value, sizeof value);
+        _size += sizeof value;
+    }
+    /// One object pointer: a CXValue of `text`, with a reference for the caller.
+    void putString(const std::string& text);
+
+    /// For a property whose buffer also carries the question: the record as the caller filled it in. False
+    /// when the buffer is too small, or none was given.
+    template <class Record> bool take(Record& record, size_t bytes = sizeof(Record))
+    {
+        if (_room.size() < bytes)
+            return false;
+        std::memcpy(&record, _room.data(), bytes);
+        return true;
+    }
+
+    bool isCounting() const noexcept { return _isCounting; }
+    /// The bytes of the whole value.
+    uint32_t size() const noexcept { return static_cast<uint32_t>(_size); }
+    bool fits() const noexcept { return _isCounting || _size <= _room.size(); }
+
+private:
+    std::span<std::byte> _room;
+    size_t _size = 0;
+    bool _isCounting = true;
+};

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "AudioHardware.h"
+
+#include <atomic>
+#include <mutex>
+
+/// The faults that a script has ordered, and the counts that decide when they strike.
+/// Threads: any. The script of a read runs with no lock held.
+class SimulatedFaults {
+public:
+    void failReads(uint32_t selector, uint64_t nth, uint64_t count, HALStatus status);
+    void beforeRead(uint32_t selector, uint64_t nth, CXBlock<void()> script);
+    void failWrites(HALStatus status) { _writeStatus = status; }
+    void failStarts(HALStatus status) { _startStatus = status; }
+
+    /// What the read about to be answered answers instead; 0 to go on.
+    HALStatus statusOfRead(uint32_t selector, bool isSize);
+    HALStatus statusOfWrite() const { return _writeStatus; }
+    HALStatus statusOfStart() const { return _startStatus; }
+
+private:
+    /// The reads of one selector, counted from 1 since the rule was made.
+    struct Count {
+        uint32_t selector = 0;
+        uint64_t reads = 0;
+        /// Which read of the selector this one is; 0 when it is of another.
+        uint64_t next(uint32_t read);
+    };
+
+    std::mutex _mutex;
+    Count _failing;
+    uint64_t _failingFirst = 0;
+    uint64_t _failingCount = 0; // 0: no rule
+    HALStatus _failingStatus = kAudioHardwareNoError;
+    Count _scripted;
+    uint64_t _scriptedRead = 0;
+    CXBlock<void()> _script; // empty: no rule
+    std::atomic<HALStatus> _writeStatus{kAudioHardwareNoError};
+    std::atomic<HALStatus> _startStatus{kAudioHardwareNoError};
+};

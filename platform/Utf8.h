@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+/// How many bytes at the start of `text` are one well-formed UTF-8 character (RFC 3629); 0 when none are.
+size_t utf8CharacterLength(std::string_view text) noexcept;
+
+/// `text` with every byte that is not part of a well-formed character replaced by U+FFFD.
+std::string utf8Replaced(std::string_view text);
+
+} // namespace platform

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "HALBackend.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+/// The hands on the hardware that the conformance suite needs; each backend's tests bring their own.
+/// Changes may take effect a little later: the suite waits for what it wants to see.
+class ConformanceRig {
+public:
+    virtual ~ConformanceRig() = default;
+
+    virtual HALBackend& backend() = 0;
+    /// Plugs in a device with so many channels per direction (a direction with 0 is absent), and volume and
+    /// mute where it has outputs. Answers its UID.
+    virtual std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) = 0;
+    virtual void unplug(const std::string& uid) = 0;
+    /// Changes what the device calls itself.
+    virtual void rename(const std::string& uid, const std::string& name) = 0;
+    /// Lets a little time pass for the devices: some cycles, or some milliseconds.
+    virtual void letTimePass() = 0;
+};
+
+/// A rig over hardware without devices. One per test, in a process of its own.
+std::unique_ptr<ConformanceRig> makeConformanceRig();

@@ -1,0 +1,55 @@
+#include "ConformanceRig.h"
+
+#include "simulated.h"
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+#ifdef DXR_TEST_REAL_TIME
+constexpr SimulatedClock clockUnderTest = SimulatedClock::RealTime;
+#else
+constexpr SimulatedClock clockUnderTest = SimulatedClock::Stepped;
+#endif
+
+class SimulatedRig final : public ConformanceRig {
+public:
+    HALBackend& backend() override { return *_hal; }
+
+    std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
+    {
+        const std::string uid = "simulated-" + std::to_string(++_count);
+        SimulatedDeviceBuilder device = aDevice().uid(uid).name(name);
+        if (inputs > 0)
+            device.inputs(inputs);
+        if (outputs > 0)
+            device.outputs(outputs).volume(HALDirection::Output, 0.5F).mute(HALDirection::Output, false);
+        _hal->plug(device);
+        return uid;
+    }
+    void unplug(const std::string& uid) override { _hal->unplug(uid); }
+    void rename(const std::string& uid, const std::string& name) override
+    {
+        _hal->reconfigure(uid, [name](SimulatedDeviceBuilder& device) { device.name(name); });
+    }
+    void letTimePass() override
+    {
+        if (clockUnderTest == SimulatedClock::Stepped)
+            _hal->stepCycles(4);
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        _hal->settle();
+    }
+
+private:
+    const CXRef<SimulatedBackend> _hal = SimulatedBackend::init(clockUnderTest);
+    int _count = 0;
+};
+
+} // namespace
+
+std::unique_ptr<ConformanceRig> makeConformanceRig()
+{
+    return std::make_unique<SimulatedRig>();
+}

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "CXValue.h"
+#include "HALBackend.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+// Reading properties in tests, from a backend at hand. Nothing answers where the HAL answers an error.
+
+inline AudioObjectPropertyAddress at(uint32_t selector, uint32_t scope = kAudioObjectPropertyScopeGlobal,
+                                     uint32_t element = kAudioObjectPropertyElementMain)
+{
+    return {selector, scope, element};
+}
+
+template <class Value>
+std::optional<Value> readValue(HALBackend& hal, AudioObjectID object,
+                               const AudioObjectPropertyAddress& address)
+{
+    Value value{};
+    uint32_t size = 0;
+    if (hal.readProperty(object, address, {}, std::as_writable_bytes(std::span(&value, 1)), size) != 0 ||
+        size != sizeof value)
+        return std::nullopt;
+    return value;
+}
+
+template <class Value>
+std::vector<Value> readList(HALBackend& hal, AudioObjectID object, const AudioObjectPropertyAddress& address)
+{
+    uint32_t size = 0;
+    if (hal.propertySize(object, address, {}, size) != 0)
+        return {};
+    std::vector<Value> values(size / sizeof(Value) + 16); // room for what comes in between
+    if (hal.readProperty(object, address, {}, std::as_writable_bytes(std::span(values)), size) != 0)
+        return {};
+    values.resize(size / sizeof(Value));
+    return values;
+}
+
+inline std::optional<std::string> readText(HALBackend& hal, AudioObjectID object,
+                                           const AudioObjectPropertyAddress& address)
+{
+    const auto pointer = readValue<CXObject*>(hal, object, address);
+    if (!pointer)
+        return std::nullopt;
+    const auto value = CXRefCast<CXValue>(CXRef<CXObject>::adopt(*pointer));
+    return value ? std::optional(value->string()) : std::nullopt;
+}
+
+template <class Value>
+HALStatus writeValue(HALBackend& hal, AudioObjectID object, const AudioObjectPropertyAddress& address,
+                     const Value& value)
+{
+    return hal.writeProperty(object, address, {}, std::as_bytes(std::span(&value, 1)));
+}
+
+inline std::vector<AudioObjectID> readDevices(HALBackend& hal)
+{
+    return readList<AudioObjectID>(hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDevices));
+}
+
+/// The device of that UID; 0 when there is none.
+inline AudioObjectID deviceWithUID(HALBackend& hal, const std::string& uid)
+{
+    for (const AudioObjectID device : readDevices(hal)) {
+        if (readText(hal, device, at(kAudioDevicePropertyDeviceUID)) == uid)
+            return device;
+    }
+    return kAudioObjectUnknown;
+}

@@ -1,0 +1,17 @@
+#include "HardwareChoice.h"
+
+#include "SimulatedZoo.h"
+
+HardwareChoice::HardwareChoice(CLI::App& command)
+{
+    command.add_flag("--simulated", _isSimulated, "Use a simulated computer's devices instead of this one's");
+}
+
+CXRef<SimulatedBackend> HardwareChoice::apply() const
+{
+    if (!_isSimulated)
+        return nullptr;
+    const CXRef<SimulatedBackend> backend = SimulatedZoo::open();
+    HALSetBackend(backend);
+    return backend;
+}

@@ -1,0 +1,108 @@
+#include "LevelMeter.h"
+
+#include "DisplayText.h"
+#include "TextFormat.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+constexpr float floorDecibels = -60.0F;
+constexpr float yellowFromDecibels = -12.0F;
+constexpr float redFromDecibels = -3.0F;
+constexpr float fallDecibelsPerSecond = 24.0F;
+constexpr uint32_t mostBars = 8;
+constexpr const char* eighths[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
+
+/// Where a level stands on a bar, 0 to 1.
+double positionOf(float decibels)
+{
+    return std::clamp(1.0 - double{decibels} / double{floorDecibels}, 0.0, 1.0);
+}
+
+float decibelsOf(float level)
+{
+    return level > 0.0F ? 20.0F * std::log10(level) : -1000.0F;
+}
+
+} // namespace
+
+LevelMeter::LevelMeter(uint32_t channelCount)
+    : _channelCount(channelCount), _peaks(std::make_unique<std::atomic<float>[]>(channelCount)),
+      _shown(std::min(channelCount, mostBars), 0.0F)
+{}
+
+void LevelMeter::note(const AudioBufferList* list) noexcept
+{
+    uint32_t number = 0;
+    for (uint32_t i = 0; list && i < list->numberBuffers; ++i) {
+        const AudioBuffer& buffer = list->buffers[i];
+        const auto* samples = static_cast<const float*>(buffer.data);
+        const size_t count = samples ? buffer.dataByteSize / sizeof(float) : 0;
+        for (uint32_t channel = 0; channel < buffer.numberChannels && number < _channelCount;
+             ++channel, ++number) {
+            float peak = 0.0F;
+            for (size_t k = channel; k < count; k += buffer.numberChannels)
+                peak = std::max(peak, std::fabs(samples[k]));
+            float before = _peaks[number].load(std::memory_order_relaxed);
+            while (peak > before &&
+                   !_peaks[number].compare_exchange_weak(before, peak, std::memory_order_relaxed)) {
+            }
+        }
+    }
+}
+
+std::vector<float> LevelMeter::takePeaks()
+{
+    std::vector<float> peaks;
+    for (uint32_t channel = 0; channel < _channelCount; ++channel)
+        peaks.push_back(_peaks[channel].exchange(0.0F, std::memory_order_relaxed));
+    return peaks;
+}
+
+std::vector<std::string> LevelMeter::draw(const std::string& label, size_t width, const Terminal& terminal)
+{
+    const std::vector<float> peaks = takePeaks();
+    const auto now = std::chrono::steady_clock::now();
+    const float seconds = std::min(1.0F, std::chrono::duration<float>(now - _drawn).count());
+    _drawn = now;
+    const float fall = std::pow(10.0F, -fallDecibelsPerSecond * seconds / 20.0F);
+    const size_t bars = _channelCount > mostBars ? 1 : _channelCount;
+    std::vector<std::string> lines;
+    for (size_t bar = 0; bar < bars; ++bar) {
+        const float peak = bars == 1 && !peaks.empty() ? *std::ranges::max_element(peaks) : peaks[bar];
+        _shown[bar] = std::max(peak, _shown[bar] * fall);
+        const std::string number = bars == 1 ? "" : formatText(" %zu", bar + 1);
+        const std::string level = fitRight(formatLevel(double{_shown[bar]}), 9);
+        const size_t labelWidth = displayWidth(label) + 4;
+        const size_t room = width > labelWidth + level.size() + 1 ? width - labelWidth - level.size() - 1 : 0;
+        lines.push_back(fitLeft(label + number, labelWidth) + _bar(_shown[bar], room, terminal) + " " +
+                        level);
+    }
+    return lines;
+}
+
+std::string LevelMeter::_bar(float level, size_t width, const Terminal& terminal) const
+{
+    const auto full = static_cast<size_t>(std::lround(positionOf(decibelsOf(level)) * double(width) * 8.0));
+    const auto columnOf = [&](float decibels) {
+        return static_cast<size_t>(positionOf(decibels) * static_cast<double>(width));
+    };
+    const std::pair<size_t, Style> zones[] = {{columnOf(yellowFromDecibels), Style::Green},
+                                              {columnOf(redFromDecibels), Style::Yellow},
+                                              {width, Style::Red}};
+    std::string bar;
+    size_t column = 0;
+    for (const auto& [end, style] : zones) {
+        std::string part;
+        for (; column < end && column * 8 < full; ++column)
+            part += full - column * 8 >= 8 ? "█" : eighths[full - column * 8];
+        if (!part.empty())
+            bar += terminal.styled(part, style);
+    }
+    std::string rest;
+    for (; column < width; ++column)
+        rest += "·";
+    return bar + terminal.styled(rest, Style::Dim);
+}

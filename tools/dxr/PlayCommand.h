@@ -1,0 +1,6 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+/// Adds `dxr play FILE.wav`, which plays a sound file on a device, to its last frame.
+void registerPlayCommand(CLI::App& app);

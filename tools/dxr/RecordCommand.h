@@ -1,0 +1,7 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+/// Adds `dxr record FILE.wav`, which writes what a device hears to a WAV file until Ctrl-C or for so many
+/// seconds.
+void registerRecordCommand(CLI::App& app);

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <condition_variable>
+#include <dxr/simulated.h>
+#include <mutex>
+#include <thread>
+
+/// Somebody at the simulated computer: plugs headphones in, turns volumes, renames things and unplugs them
+/// again, until it goes. Threads: its own.
+class SimulatedVisitor {
+public:
+    explicit SimulatedVisitor(CXRef<SimulatedBackend> backend);
+    ~SimulatedVisitor();
+    SimulatedVisitor(const SimulatedVisitor&) = delete;
+    SimulatedVisitor& operator=(const SimulatedVisitor&) = delete;
+
+private:
+    void _visit();
+    bool _pause();
+
+    const CXRef<SimulatedBackend> _backend;
+    std::mutex _mutex;
+    std::condition_variable _left;
+    bool _isOver = false; // under the mutex
+    std::thread _thread;
+};

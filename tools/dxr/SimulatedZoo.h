@@ -1,0 +1,20 @@
+#pragma once
+
+#include <dxr/simulated.h>
+
+/// The devices of the simulated computer: one of every kind that a program must cope with.
+/// Threads: any.
+class SimulatedZoo {
+public:
+    /// A computer on a real-time clock with all the devices plugged in:
+    /// - "Built-in Speakers" (zoo-speakers): stereo, volume, mute, two sources; the default output
+    /// - "USB Microphone" (zoo-usb-mic): mono input that hears a 440 Hz tone, per-channel volume; the default
+    /// input
+    /// - "Living Room Receiver" (zoo-surround): 5.1 over HDMI
+    /// - "Loop-back Cable" (zoo-loopback): what is played into it comes back from its input
+    /// - "Ramp Generator" (zoo-ramp): stereo input whose every frame tells its own sample time
+    /// - "Service Port" (zoo-hidden): hidden
+    static CXRef<SimulatedBackend> open();
+    /// The device that comes and goes in scripts: "Wireless Headphones" (zoo-headphones), stereo both ways.
+    static SimulatedDeviceBuilder headphones();
+};

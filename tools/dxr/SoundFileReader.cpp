@@ -1,0 +1,43 @@
+#include "SoundFileReader.h"
+
+#include "DisplayText.h"
+#include "ToolFailure.h"
+#include "WaveCheck.h"
+
+#include <algorithm>
+#include <cstring>
+
+SoundFileReader::SoundFileReader(const std::string& path) : _name(singleLine(path))
+{
+    if (const std::string fault = waveFileFault(path); !fault.empty())
+        throw ToolFailure(_name + ": " + fault);
+    _file.reset(sf_open(path.c_str(), SFM_READ, &_info));
+    if (!_file)
+        throw ToolFailure(_name + ": no sound file: " + singleLine(sf_strerror(nullptr)));
+    constexpr int mostChannels = 1024;
+    if (_info.frames <= 0)
+        throw ToolFailure(_name + ": holds no sound");
+    if (_info.channels < 1 || _info.channels > mostChannels || _info.samplerate < 1)
+        throw ToolFailure(_name + ": no sound file: its header makes no sense");
+}
+
+bool SoundFileReader::fill(FrameRing& ring)
+{
+    constexpr uint64_t framesAtOnce = 4096;
+    uint64_t left = std::min(ring.writableFrames(), frameCount() - _framesRead);
+    std::vector<float> samples(std::min(left, framesAtOnce) * channelCount());
+    while (left > 0) {
+        const auto wanted = static_cast<sf_count_t>(std::min(left, framesAtOnce));
+        const sf_count_t got = sf_readf_float(_file.get(), samples.data(), wanted);
+        for (sf_count_t frame = 0; frame < got; ++frame)
+            std::copy_n(&samples[static_cast<size_t>(frame) * channelCount()], channelCount(),
+                        ring.frameToWrite(static_cast<uint64_t>(frame)));
+        ring.commitWrite(static_cast<uint64_t>(got));
+        _framesRead += static_cast<uint64_t>(got);
+        left -= static_cast<uint64_t>(got);
+        if (got < wanted)
+            throw ToolFailure(_name + ": cannot be read to its end" +
+                              (sf_error(_file.get()) ? ": " + singleLine(sf_strerror(_file.get())) : ""));
+    }
+    return _framesRead < frameCount();
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "FrameRing.h"
+
+#include <memory>
+#include <sndfile.h>
+#include <string>
+
+/// A sound file, read from its start as 32-bit float frames; float files bit by bit as they are.
+/// Threads: one.
+class SoundFileReader {
+public:
+    /// Throws ToolFailure, with a line that names the file, when it cannot be read, is no sound file, is cut
+    /// short or holds no frames.
+    explicit SoundFileReader(const std::string& path);
+
+    uint32_t channelCount() const noexcept { return static_cast<uint32_t>(_info.channels); }
+    double sampleRate() const noexcept { return _info.samplerate; } ///< Hz
+    uint64_t frameCount() const noexcept { return static_cast<uint64_t>(_info.frames); }
+    /// Reads what fits into the writer's side of `ring`, which has the file's channels. False once the file
+    /// has been read to its end. Throws ToolFailure when the file cannot be read on.
+    bool fill(FrameRing& ring);
+
+private:
+    struct Closer {
+        void operator()(SNDFILE* file) const { sf_close(file); }
+    };
+
+    const std::string _name; // printable
+    SF_INFO _info{};
+    std::unique_ptr<SNDFILE, Closer> _file;
+    uint64_t _framesRead = 0;
+};

@@ -1,0 +1,78 @@
+#include "SoundFileWriter.h"
+
+#include "DisplayText.h"
+#include "ToolFailure.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr uint64_t mostWaveBytes = 0xFFFFFFFFU - 4096; // of samples; the header's sizes have 32 bits
+
+bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
+{
+    return seconds * sampleRate * channelCount * sizeof(float) > static_cast<double>(mostWaveBytes);
+}
+
+} // namespace
+
+SoundFileWriter::SoundFileWriter(const std::string& path, uint32_t channelCount, double sampleRate,
+                                 double expectedSeconds)
+    : _name(singleLine(path)), _channelCount(channelCount),
+      _mostFrames(exceedsWave(expectedSeconds, sampleRate, channelCount)
+                      ? UINT64_MAX
+                      : mostWaveBytes / (uint64_t{channelCount} * sizeof(float))),
+      _headerEvery(static_cast<uint64_t>(sampleRate))
+{
+    SF_INFO info{};
+    info.channels = static_cast<int>(channelCount);
+    info.samplerate = static_cast<int>(sampleRate);
+    info.format = (_mostFrames == UINT64_MAX ? SF_FORMAT_RF64 : SF_FORMAT_WAV) | SF_FORMAT_FLOAT;
+    errno = 0;
+    _file.reset(sf_open(path.c_str(), SFM_WRITE, &info));
+    const int reason = errno;
+    if (!_file)
+        throw ToolFailure(_name + ": cannot be written: " +
+                          (reason ? std::strerror(reason) : singleLine(sf_strerror(nullptr))));
+    sf_command(_file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    sf_command(_file.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
+    sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    if (sf_error(_file.get()))
+        throw ToolFailure(_name + ": cannot be written: " + singleLine(sf_strerror(_file.get())));
+}
+
+void SoundFileWriter::drain(FrameRing& ring, uint64_t mostFrames)
+{
+    constexpr uint64_t framesAtOnce = 4096;
+    uint64_t left = _hasFailed ? 0 : std::min(ring.readableFrames(), mostFrames);
+    std::vector<float> samples(std::min(left, framesAtOnce) * _channelCount);
+    while (left > 0) {
+        const uint64_t count = std::min({left, framesAtOnce, _mostFrames - _framesWritten});
+        _hasFailed = count == 0;
+        if (_hasFailed)
+            throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; say --seconds and it will be RF64");
+        for (uint64_t frame = 0; frame < count; ++frame)
+            std::copy_n(ring.frameToRead(frame), _channelCount, &samples[frame * _channelCount]);
+        ring.commitRead(count);
+        errno = 0;
+        const sf_count_t written =
+            sf_writef_float(_file.get(), samples.data(), static_cast<sf_count_t>(count));
+        const int reason = errno;
+        const uint64_t before = _framesWritten;
+        _framesWritten += static_cast<uint64_t>(std::max<sf_count_t>(written, 0));
+        left -= count;
+        _hasFailed = static_cast<uint64_t>(written) != count;
+        if (_hasFailed)
+            throw ToolFailure(_name + ": cannot be written on: " +
+                              (reason ? std::strerror(reason) : singleLine(sf_strerror(_file.get()))));
+        if (before / _headerEvery != _framesWritten / _headerEvery)
+            sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    }
+}
+
+void SoundFileWriter::finish() noexcept
+{
+    _file.reset();
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "FrameRing.h"
+
+#include <memory>
+#include <sndfile.h>
+#include <string>
+
+/// A 32-bit float WAV file that grows. Its header is kept true while it grows, so that what is on the disk
+/// can be read whatever happens to the process. One that is known to grow beyond the 4 GB of a WAV file is
+/// written as RF64, which readers of large files know. Threads: one.
+class SoundFileWriter {
+public:
+    /// Makes or empties the file; `expectedSeconds` is 0 when nobody knows. Throws ToolFailure when that
+    /// cannot be done.
+    SoundFileWriter(const std::string& path, uint32_t channelCount, double sampleRate,
+                    double expectedSeconds);
+    ~SoundFileWriter() { finish(); }
+    SoundFileWriter(const SoundFileWriter&) = delete;
+    SoundFileWriter& operator=(const SoundFileWriter&) = delete;
+
+    /// Writes up to `mostFrames` frames from the reader's side of `ring`. Throws ToolFailure when the file
+    /// takes no more; what went before is in it.
+    void drain(FrameRing& ring, uint64_t mostFrames);
+    uint64_t framesWritten() const noexcept { return _framesWritten; }
+    /// Closes the file, whole frames only.
+    void finish() noexcept;
+
+private:
+    struct Closer {
+        void operator()(SNDFILE* file) const { sf_close(file); }
+    };
+
+    const std::string _name; // printable
+    const uint32_t _channelCount;
+    const uint64_t _mostFrames;  // that the file can hold
+    const uint64_t _headerEvery; // frames
+    std::unique_ptr<SNDFILE, Closer> _file;
+    uint64_t _framesWritten = 0;
+    bool _hasFailed = false;
+};
