@@ -14,7 +14,7 @@ namespace {
 
 constexpr uint32_t maximumGroup = SamplerFilter::maximumChannels;
 constexpr uint32_t historyLength = 4;
-constexpr uint32_t windowRows = 4 * SamplerPositions::capacity; // of input that is copied together at a time
+constexpr uint32_t windowRows = 256; // of input that is copied together at a time
 
 /// Where one channel's samples lie.
 struct Channel {
@@ -179,12 +179,11 @@ public:
     {
         if (_filters)
             updateCoefficients(_sampler, _ratio);
-        const double start = startPosition(_sampler.phase, _ratio);
-        for (uint32_t done = 0; done < _framesOut; done += SamplerPositions::capacity) {
-            _first = done;
-            _count = std::min(_framesOut - done, SamplerPositions::capacity);
-            _kernels.locate(start, _ratio, _first, _count, &_positions);
-            _splitByWindow();
+        _split();
+        for (_first = 0; _first < _framesOut; _first += _count) {
+            _count = std::min(_framesOut - _first, SamplerPositions::capacity);
+            _positions.firstFrame = _first;
+            _positions.found = 0;
             _forEachGroup([this](const Group& group) { _resample(group); });
         }
         for (uint32_t channel = 0; channel < _sampler.channel_count; ++channel)
@@ -210,20 +209,46 @@ private:
         }
     }
 
-    // Positions are in order, so those that need the history come first. The counts allow no position past
-    // the last input frame, but their arithmetic and that of the positions round differently, and rates may
-    // change without a reset: such a position, should it come, gets the last frame again and no foreign
-    // memory.
-    void _splitByWindow() noexcept
+    double _position(uint32_t frame) const noexcept
     {
-        const uint32_t* const begin = _positions.index;
-        const uint32_t* const end = begin + _count;
-        const auto placeOf = [=](uint32_t index) {
-            return static_cast<uint32_t>(std::lower_bound(begin, end, index) - begin);
-        };
-        _from3 = *begin >= 3 ? 0 : placeOf(3);
-        _from4 = *begin >= 4 ? 0 : placeOf(4);
-        _pastInput = end[-1] <= _framesIn ? _count : std::max(placeOf(_framesIn + 1), _from4);
+        return _positions.start + _ratio * static_cast<double>(frame);
+    }
+    uint32_t _index(uint32_t frame) const noexcept { return saturated(_position(frame)); }
+
+    /// The first output frame whose position index is `index` or more. Positions never go back.
+    uint32_t _frameAt(uint32_t index) const noexcept
+    {
+        const double bound = index;
+        uint32_t frame = std::min(saturated((bound - _positions.start) / _ratio), _framesOut);
+        while (frame > 0 && _position(frame - 1) >= bound) // the division was only near
+            --frame;
+        while (frame < _framesOut && _position(frame) < bound)
+            ++frame;
+        return frame;
+    }
+
+    // The counts allow no position past the last input frame, but their arithmetic and that of the positions
+    // round differently, and rates may change without a reset: such a position, should it come, gets the last
+    // frame again and no foreign memory.
+    void _split() noexcept
+    {
+        _positions.start = startPosition(_sampler.phase, _ratio);
+        _positions.ratio = _ratio;
+        if (_framesOut == 0)
+            return;
+        constexpr double farthest = 2147483647;
+        _positions.fitsInt = _positions.start > -farthest && _position(_framesOut - 1) < farthest &&
+                             _ratio * SamplerPositions::step < farthest - _position(_framesOut - 1);
+        _from3 = _frameAt(3);
+        _from4 = _frameAt(4);
+        _pastInput =
+            _index(_framesOut - 1) <= _framesIn ? _framesOut : std::max(_frameAt(_framesIn + 1), _from4);
+    }
+
+    /// The place in the frames being worked on of a frame of the call.
+    uint32_t _place(uint32_t frame) const noexcept
+    {
+        return frame <= _first ? 0 : std::min(frame - _first, _count);
     }
 
     void _resample(const Group& group) noexcept
@@ -235,10 +260,10 @@ private:
             _output[group.first].stride == static_cast<ptrdiff_t>(group.size * sizeof(float)) &&
             _isAligned(_output[group.first].base);
         _frames = direct ? _output[group.first].at(_first) : _tile;
-        if (_from4 > 0)
+        if (_place(_from4) > 0)
             _resampleHistory(group);
         _resampleInput(group);
-        for (uint32_t i = _pastInput; i < _count; ++i)
+        for (uint32_t i = _place(_pastInput); i < _count; ++i)
             _resamplePastInput(group, i);
         if (!direct)
             _scatter(group);
@@ -279,26 +304,25 @@ private:
                 _window[row * size + c] = input.read(std::min(row - historyLength, _framesIn - 1));
         }
         const auto rowBytes = static_cast<ptrdiff_t>(size * sizeof(float));
-        _interpolate(group, _window, 0, rowBytes, 0, _from3);
+        _interpolate(group, _window, 0, rowBytes, 0, _place(_from3));
         std::memcpy(_window + size * 3, _window + size * 2, size * sizeof(float));
-        _interpolate(group, _window, 0, rowBytes, _from3, _from4);
+        _interpolate(group, _window, 0, rowBytes, _place(_from3), _place(_from4));
     }
 
     void _resampleInput(const Group& group) noexcept
     {
         const Channel input = _input[group.first];
         const auto dense = static_cast<ptrdiff_t>(group.size * sizeof(float));
+        const uint32_t last = _place(_pastInput);
         if (_input.isAdjacent(group.first, group.size) && (group.size >= 4 || input.stride == dense))
-            return _interpolate(group, input.base, historyLength, input.stride, _from4, _pastInput);
-        for (uint32_t first = _from4; first < _pastInput;) {
-            const uint32_t windowStart = _positions.index[first];
-            uint32_t end = first + 1;
-            if (_positions.index[_pastInput - 1] - windowStart <= windowRows - 4)
-                end = _pastInput;
-            else
-                while (end < _pastInput && _positions.index[end] - windowStart <= windowRows - 4)
+            return _interpolate(group, input.base, historyLength, input.stride, _place(_from4), last);
+        for (uint32_t first = _place(_from4); first < last;) {
+            const uint32_t windowStart = _index(_first + first);
+            uint32_t end = last;
+            if (_index(_first + last - 1) - windowStart > windowRows - 4)
+                for (end = first + 1; _index(_first + end) - windowStart <= windowRows - 4;)
                     ++end;
-            _gather(group, windowStart - historyLength, _positions.index[end - 1] - windowStart + 4);
+            _gather(group, windowStart - historyLength, _index(_first + end - 1) - windowStart + 4);
             _interpolate(group, _window, windowStart, dense, first, end);
             first = end;
         }
@@ -306,15 +330,14 @@ private:
 
     void _resamplePastInput(const Group& group, uint32_t i) noexcept
     {
+        const uint32_t index = _index(_first + i);
         for (uint32_t c = 0; c < group.size; ++c) {
             const Channel input = _input[group.first + c];
-            for (uint32_t row = 0; row < 4; ++row) {
-                const uint32_t frame = _positions.index[i] - historyLength + row;
-                _window[row * group.size + c] = input.read(std::min(frame, _framesIn - 1));
-            }
+            for (uint32_t row = 0; row < 4; ++row)
+                _window[row * group.size + c] =
+                    input.read(std::min(index - historyLength + row, _framesIn - 1));
         }
-        _interpolate(group, _window, _positions.index[i], static_cast<ptrdiff_t>(group.size * sizeof(float)),
-                     i, i + 1);
+        _interpolate(group, _window, index, static_cast<ptrdiff_t>(group.size * sizeof(float)), i, i + 1);
     }
 
     /// Copies input frames into dense rows of the group.

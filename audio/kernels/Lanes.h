@@ -14,6 +14,12 @@ template <int count> struct LanesOf {
     typedef float Floats __attribute__((vector_size(count * sizeof(float))));
 };
 template <int count> using Lanes = typename LanesOf<count>::Floats;
+template <int count> struct WideLanesOf {
+    typedef double Doubles __attribute__((vector_size(count * sizeof(double))));
+    typedef int32_t Ints __attribute__((vector_size(count * sizeof(int32_t))));
+};
+template <int count> using WideLanes = typename WideLanesOf<count>::Doubles;
+template <int count> using Ints = typename WideLanesOf<count>::Ints;
 using Pairs = double __attribute__((vector_size(16))); // two pairs of floats, to be moved only
 
 template <int count> inline Lanes<count> allLanes(float value)
@@ -74,7 +80,7 @@ inline Lanes<count> shuffledInFours(Lanes<count> a, Lanes<count> b)
     (std::make_integer_sequence<int, count>());
 }
 
-/// Each of the count / times floats at `from`, repeated `times` times.
+/// Each of the count / times floats at `from`, repeated `times` times. Reads `count` floats, wanted or not.
 template <int count, int times> inline Lanes<count> repeated(const float* from)
 {
     if constexpr (times == 1) {
@@ -82,13 +88,27 @@ template <int count, int times> inline Lanes<count> repeated(const float* from)
     } else if constexpr (times == count) {
         return allLanes<count>(*from);
     } else {
-        constexpr int different = count / times < 4 ? 4 : count / times; // the arrays are padded
-        const Lanes<different> few = loadLanes<different>(from);
+        const Lanes<count> all = loadLanes<count>(from);
         return [&]<int... lane>(std::integer_sequence<int, lane...>)
         {
-            return Lanes<count>(__builtin_shufflevector(few, few, lane / times...));
+            return Lanes<count>(__builtin_shufflevector(all, all, lane / times...));
         }
         (std::make_integer_sequence<int, count>());
+    }
+}
+
+/// Lanes first … first + used - 1, lowest; with fewer than four, the rest of a vector of four is anything.
+template <int count, int used, int first> inline auto lanesFrom(Lanes<count> lanes)
+{
+    constexpr int size = used < 4 ? 4 : used;
+    if constexpr (size == count && first == 0) {
+        return lanes;
+    } else {
+        return [&]<int... lane>(std::integer_sequence<int, lane...>)
+        {
+            return Lanes<size>(__builtin_shufflevector(lanes, lanes, (first + lane % used)...));
+        }
+        (std::make_integer_sequence<int, size>());
     }
 }
 

@@ -7,12 +7,10 @@
 
 namespace {
 
-template <int count> struct IntsOf {
-    typedef int32_t Ints __attribute__((vector_size(count * sizeof(int32_t))));
+template <int count> struct ShortsOf {
     typedef int16_t Shorts __attribute__((vector_size(count * sizeof(int16_t))));
 };
-template <int count> using Ints = typename IntsOf<count>::Ints;
-template <int count> using Shorts = typename IntsOf<count>::Shorts;
+template <int count> using Shorts = typename ShortsOf<count>::Shorts;
 
 template <int count> inline Shorts<count> loadShorts(const int16_t* from)
 {

@@ -3,16 +3,22 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Where up to `capacity` consecutive output frames lie between the input frames, and the powers of the
-/// fraction that the interpolation uses. One for all channels.
+/// Where up to `capacity` consecutive output frames lie between the input frames. One for all channels: the
+/// first group of channels finds the positions as it goes, while its filter waits, and the others use them.
 struct SamplerPositions {
-    static constexpr uint32_t capacity = 64;
-    static constexpr uint32_t padding = 16; // zeros past the end, so that kernels load whole vectors
+    static constexpr uint32_t capacity = 128;
+    static constexpr uint32_t step =
+        16; // found at a time; also the padding that lets kernels load whole vectors
 
-    uint32_t index[capacity + padding]; ///< of the first of the four samples around the position
-    float t1[capacity + padding];       ///< fraction / 6
-    float t2[capacity + padding];       ///< fraction squared / 2
-    float t3[capacity + padding];       ///< fraction cubed / 6
+    double start, ratio; ///< output frame i of the call lies at start + ratio * i
+    uint32_t firstFrame; ///< of the call, the first one here
+    uint32_t found;      ///< how many of the arrays' entries are set, a multiple of `step`
+    bool fitsInt;        ///< the positions are within 32 bits
+
+    uint32_t index[capacity + step]; ///< of the first of the four samples around the position
+    float t1[capacity + step];       ///< fraction / 6
+    float t2[capacity + step];       ///< fraction squared / 2
+    float t3[capacity + step];       ///< fraction cubed / 6
 };
 
 /// The low-pass of up to 16 channels side by side.
@@ -29,14 +35,11 @@ struct SamplerFilter {
 struct SamplerKernels {
     uint32_t maximumChannels; ///< that one call handles: a power of two, at most 16
 
-    /// Fills `positions` for `count` output frames from frame `first` on.
-    void (*locate)(double start, double ratio, uint32_t first, uint32_t count, SamplerPositions* positions);
-
     /// Interpolates `count` frames of 2^n channels, n the place in this array, from positions[first] on. The
     /// samples of position index i are the floats at window + (i + 0…3) * rowBytes, channels side by side;
     /// with one or two channels the rows must follow each other without a gap. `output` gets dense frames.
     /// `filter`, unless null, is applied to them and updated.
-    void (*interpolate[5])(const std::byte* window, ptrdiff_t rowBytes, const SamplerPositions* positions,
+    void (*interpolate[5])(const std::byte* window, ptrdiff_t rowBytes, SamplerPositions* positions,
                            uint32_t first, uint32_t count, float* output, SamplerFilter* filter);
 };
 

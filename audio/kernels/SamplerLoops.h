@@ -72,25 +72,31 @@ inline Lanes<width> interpolated(const Taps<width>& p, Lanes<width> t1, Lanes<wi
 /// The low-pass with its state in registers.
 template <int channels> class FilterLoop {
 public:
+    /// The next run is then interpolated ahead of this one's filter, and does not queue behind its chain.
+    static constexpr bool wantsNextRunEarly = channels > 1;
+
     explicit FilterLoop(const SamplerFilter& filter)
-        : _b0(allLanes<width>(filter.b0)), _b1(allLanes<width>(filter.b1)), _a1(allLanes<width>(filter.a1)),
-          _a2(allLanes<width>(filter.a2)), _x1(loadLowLanes<channels>(filter.x1)),
+        : _b0(allLanes<size>(filter.b0)), _b1(allLanes<size>(filter.b1)), _a1(allLanes<size>(filter.a1)),
+          _a2(allLanes<size>(filter.a2)), _x1(loadLowLanes<channels>(filter.x1)),
           _x2(loadLowLanes<channels>(filter.x2)), _y1(loadLowLanes<channels>(filter.y1)),
           _y2(loadLowLanes<channels>(filter.y2))
     {}
 
+    /// Filters the frames of one vector and writes them to `output`.
+    template <int width> void run(Lanes<width> frames, float* output)
+    {
+        [&]<int... frame>(std::integer_sequence<int, frame...>)
+        {
+            (_step(lanesFrom<width, channels, frame * channels>(frames), output + frame * channels), ...);
+        }
+        (std::make_integer_sequence<int, width / channels>());
+    }
+
+    /// Filters `count` frames in place.
     void run(float* frames, uint32_t count)
     {
-        for (uint32_t frame = 0; frame < count; ++frame, frames += channels) {
-            const Vector x = loadLowLanes<channels>(frames);
-            // Only the last product waits for the frame before.
-            const Vector y = _b0 * (x + _x2) + _b1 * _x1 - _a2 * _y2 - _a1 * _y1;
-            _x2 = _x1;
-            _x1 = x;
-            _y2 = _y1;
-            _y1 = y;
-            storeLowLanes<channels>(frames, y);
-        }
+        for (uint32_t frame = 0; frame < count; ++frame, frames += channels)
+            _step(loadLowLanes<channels>(frames), frames);
     }
 
     void save(SamplerFilter& filter) const
@@ -102,11 +108,87 @@ public:
     }
 
 private:
-    static constexpr int width = channels < 4 ? 4 : channels;
-    using Vector = Lanes<width>;
+    static constexpr int size = channels < 4 ? 4 : channels;
+    using Vector = Lanes<size>;
+
+    void _step(Vector x, float* output)
+    {
+        // Only the last product waits for the frame before.
+        const Vector y = _b0 * (x + _x2) + _b1 * _x1 - _a2 * _y2 - _a1 * _y1;
+        _x2 = _x1;
+        _x1 = x;
+        _y2 = _y1;
+        _y1 = y;
+        storeLowLanes<channels>(output, y);
+    }
+
     const Vector _b0, _b1, _a1, _a2;
     Vector _x1, _x2, _y1, _y2;
 };
+
+template <int count>
+inline void setFractions(SamplerPositions& positions, uint32_t i, const WideLanes<count>& fractions)
+{
+    const Lanes<count> t = __builtin_convertvector(fractions, Lanes<count>);
+    storeLanes<count>(positions.t1 + i, t * 0.16666667F);
+    storeLanes<count>(positions.t2 + i, t * t * 0.5F);
+    storeLanes<count>(positions.t3 + i, t * t * t * 0.16666667F);
+}
+
+/// The next step of positions, `count` at a time.
+template <int count> inline void findMore(SamplerPositions& positions)
+{
+    // Everything in locals: what is stored might, for all the compiler knows, change the record.
+    const double start = positions.start, ratio = positions.ratio;
+    const uint32_t begin = positions.found;
+    WideLanes<count> numbers;
+    for (int i = 0; i < count; ++i)
+        numbers[i] = i;
+    numbers += static_cast<double>(positions.firstFrame) + begin;
+    for (uint32_t i = begin; i < begin + SamplerPositions::step;
+         i += count, numbers += static_cast<double>(count)) {
+        const WideLanes<count> position = start + ratio * numbers;
+        const Ints<count> whole = __builtin_convertvector(position, Ints<count>);
+        const Ints<count> index = whole < 0 ? Ints<count>{} : whole;
+        std::memcpy(positions.index + i, &index, sizeof index);
+        setFractions<count>(positions, i, position - __builtin_convertvector(index, WideLanes<count>));
+    }
+    positions.found = begin + SamplerPositions::step;
+}
+
+/// The same for positions past 31 bits, which only absurd lengths and ratios have.
+inline void findMoreFarAway(SamplerPositions& positions)
+{
+    for (uint32_t i = positions.found; i < positions.found + SamplerPositions::step; ++i) {
+        const double position =
+            positions.start + positions.ratio * (static_cast<double>(positions.firstFrame) + i);
+        const double index = position > 0 ? (position < 4294967295.0 ? position : 4294967295.0) : 0;
+        positions.index[i] = static_cast<uint32_t>(index);
+        const float t = static_cast<float>(position - positions.index[i]);
+        positions.t1[i] = t * 0.16666667F;
+        positions.t2[i] = t * t * 0.5F;
+        positions.t3[i] = t * t * t * 0.16666667F;
+    }
+    positions.found += SamplerPositions::step;
+}
+
+template <int width> inline void findUpTo(SamplerPositions& positions, uint32_t end)
+{
+    while (positions.found < end) {
+        if (positions.fitsInt)
+            findMore<(width < 8 ? 4 : width / 2)>(positions);
+        else
+            findMoreFarAway(positions);
+    }
+}
+
+/// How far positions must be found before the run that ends at `end`: so far ahead that they have left the
+/// processor's store queue when their turn comes, from which vectors cannot be put together.
+inline uint32_t ahead(uint32_t end)
+{
+    const uint32_t far = end + 2 * SamplerPositions::step;
+    return far < SamplerPositions::capacity ? far : SamplerPositions::capacity;
+}
 
 /// width / channels frames from positions[first] on, of which `available` are wanted; the others repeat the
 /// last of those, to fill the vector.
@@ -125,71 +207,66 @@ inline Lanes<width> interpolatedRun(const std::byte* window, ptrdiff_t rowBytes,
         repeated<width, channels>(positions.t2 + first), repeated<width, channels>(positions.t3 + first));
 }
 
-template <int width, int channels, class AfterRun>
-inline void interpolateRuns(const std::byte* window, ptrdiff_t rowBytes, const SamplerPositions& positions,
-                            uint32_t first, uint32_t count, float* output, const AfterRun& afterRun)
+/// What takes the place of a filter where there is none.
+struct NoFilter {
+    static constexpr bool wantsNextRunEarly = false;
+
+    template <int width> void run(Lanes<width> frames, float* output) { storeLanes<width>(output, frames); }
+    void run(float*, uint32_t) {}
+};
+
+/// Filtered run by run: while the filter's chain waits, the processor interpolates the next run.
+template <int width, int channels, class Filter>
+inline void interpolateRuns(const std::byte* window, ptrdiff_t rowBytes, SamplerPositions& positions,
+                            uint32_t first, uint32_t count, float* output, Filter& filter)
 {
     constexpr uint32_t frames = width / channels;
     if constexpr (channels < 4)
         rowBytes = channels * sizeof(float); // known, so that the addresses fold into the loads
     const uint32_t end = first + count;
-    for (; first + frames <= end; first += frames, output += width) {
-        storeLanes<width>(output,
-                          interpolatedRun<width, channels>(window, rowBytes, positions, first, frames));
-        afterRun(output, frames);
+    const auto nextRun = [&] {
+        findUpTo<width>(positions, ahead(first + frames));
+        const Lanes<width> run = interpolatedRun<width, channels>(window, rowBytes, positions, first, frames);
+        first += frames;
+        return run;
+    };
+    if (Filter::wantsNextRunEarly && first + frames <= end) {
+        Lanes<width> run = nextRun();
+        for (; first + frames <= end; output += width) {
+            const Lanes<width> next = nextRun();
+            filter.template run<width>(run, output);
+            run = next;
+        }
+        filter.template run<width>(run, output);
+        output += width;
+    } else {
+        for (; first + frames <= end; output += width)
+            filter.template run<width>(nextRun(), output);
     }
     if (first < end) {
+        findUpTo<width>(positions, ahead(end));
         float padded[width];
         storeLanes<width>(padded,
                           interpolatedRun<width, channels>(window, rowBytes, positions, first, end - first));
+        filter.run(padded, end - first);
         std::memcpy(output, padded, (end - first) * channels * sizeof(float));
-        afterRun(output, end - first);
     }
 }
 
 template <int width, int channels>
-void interpolate(const std::byte* window, ptrdiff_t rowBytes, const SamplerPositions* positions,
-                 uint32_t first, uint32_t count, float* output, SamplerFilter* filter)
+void interpolate(const std::byte* window, ptrdiff_t rowBytes, SamplerPositions* positions, uint32_t first,
+                 uint32_t count, float* output, SamplerFilter* filter)
 {
-    if (!filter)
-        return interpolateRuns<width, channels>(window, rowBytes, *positions, first, count, output,
-                                                [](float*, uint32_t) {});
-    // Filtered run by run: while the filter's chain waits, the processor interpolates the next run.
-    FilterLoop<channels> loop(*filter);
-    interpolateRuns<width, channels>(window, rowBytes, *positions, first, count, output,
-                                     [&loop](float* frames, uint32_t n) { loop.run(frames, n); });
-    loop.save(*filter);
-}
-
-inline void setFraction(SamplerPositions* positions, uint32_t i, double fraction)
-{
-    const auto t = static_cast<float>(fraction);
-    positions->t1[i] = t * 0.16666667F;
-    positions->t2[i] = t * t * 0.5F;
-    positions->t3[i] = t * t * t * 0.16666667F;
-}
-
-void locate(double start, double ratio, uint32_t first, uint32_t count, SamplerPositions* positions)
-{
-    const double base = first;
-    if (start > -2147483647.0 && start + ratio * (base + count) < 2147483647.0) {
-        for (uint32_t i = 0; i < count; ++i) { // what every block of sensible length takes; vectorises
-            const double position = start + ratio * (base + static_cast<int32_t>(i));
-            const auto whole = static_cast<int32_t>(position);
-            const int32_t index = whole < 0 ? 0 : whole;
-            positions->index[i] = static_cast<uint32_t>(index);
-            setFraction(positions, i, position - index);
-        }
+    if (filter) {
+        // Shorter runs wait less for each other where the filter takes as long as it does with few channels.
+        constexpr int filteredWidth = width == 16 && (channels == 2 || channels == 4) ? 8 : width;
+        FilterLoop<channels> loop(*filter);
+        interpolateRuns<filteredWidth, channels>(window, rowBytes, *positions, first, count, output, loop);
+        loop.save(*filter);
     } else {
-        for (uint32_t i = 0; i < count; ++i) {
-            const double position = start + ratio * (base + i);
-            const double index = position > 0 ? (position < 4294967295.0 ? position : 4294967295.0) : 0;
-            positions->index[i] = static_cast<uint32_t>(index);
-            setFraction(positions, i, position - positions->index[i]);
-        }
+        NoFilter none;
+        interpolateRuns<width, channels>(window, rowBytes, *positions, first, count, output, none);
     }
-    for (uint32_t i = count; i < count + SamplerPositions::padding; ++i)
-        positions->t1[i] = positions->t2[i] = positions->t3[i] = 0;
 }
 
 /// Every entry of SamplerKernels::interpolate that vectors of `width` floats allow.
@@ -197,7 +274,6 @@ template <int width> constexpr SamplerKernels samplerKernels()
 {
     SamplerKernels kernels{};
     kernels.maximumChannels = width;
-    kernels.locate = locate;
     kernels.interpolate[0] = interpolate<width, 1>;
     kernels.interpolate[1] = interpolate<width, 2>;
     kernels.interpolate[2] = interpolate<width, 4>;

@@ -3,7 +3,9 @@
 #include "ListCommand.h"
 #include "LoopCommand.h"
 #include "PlayCommand.h"
+#include "PlotResponseCommand.h"
 #include "RecordCommand.h"
+#include "ResampleCommand.h"
 #include "SetCommand.h"
 #include "ToolFailure.h"
 #include "WatchCommand.h"
@@ -24,6 +26,8 @@ void registerCommands(CLI::App& app)
     registerLoopCommand(app);
     registerPlayCommand(app);
     registerRecordCommand(app);
+    registerResampleCommand(app);
+    registerPlotCommand(app);
 }
 
 /// Parses the command line and runs its command. Answers the exit status.
