@@ -17,9 +17,11 @@ template <int count> using Lanes = typename LanesOf<count>::Floats;
 template <int count> struct WideLanesOf {
     typedef double Doubles __attribute__((vector_size(count * sizeof(double))));
     typedef int32_t Ints __attribute__((vector_size(count * sizeof(int32_t))));
+    typedef int16_t Shorts __attribute__((vector_size(count * sizeof(int16_t))));
 };
 template <int count> using WideLanes = typename WideLanesOf<count>::Doubles;
 template <int count> using Ints = typename WideLanesOf<count>::Ints;
+template <int count> using Shorts = typename WideLanesOf<count>::Shorts;
 using Pairs = double __attribute__((vector_size(16))); // two pairs of floats, to be moved only
 
 template <int count> inline Lanes<count> allLanes(float value)

@@ -1,16 +1,12 @@
 #pragma once
 
+#include "LaneOperations.h"
 #include "Lanes.h"
 #include "SampleKernels.h"
 
 // The loops behind SampleKernels, written once for any vector width. See Lanes.h for why all is unnamed.
 
 namespace {
-
-template <int count> struct ShortsOf {
-    typedef int16_t Shorts __attribute__((vector_size(count * sizeof(int16_t))));
-};
-template <int count> using Shorts = typename ShortsOf<count>::Shorts;
 
 template <int count> inline Shorts<count> loadShorts(const int16_t* from)
 {
@@ -19,37 +15,36 @@ template <int count> inline Shorts<count> loadShorts(const int16_t* from)
     return shorts;
 }
 
-// Each comparison is the exact shape of one minimum or maximum instruction: one that a NaN passes through.
 template <int count> inline Lanes<count> clamped(Lanes<count> x, float low, float high)
 {
-    const Lanes<count> lowest = allLanes<count>(low), highest = allLanes<count>(high);
-    x = highest < x ? highest : x;
-    return lowest > x ? lowest : x;
+    return notBelow<count>(allLanes<count>(low), notAbove<count>(allLanes<count>(high), x));
 }
 
 /// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0.
-template <int count> inline Ints<count> rounded(Lanes<count> x)
+template <int count> inline Shorts<count> rounded(Lanes<count> x)
 {
-    const Lanes<count> zero{};
-    const auto isNegative = x < zero;
-    const Lanes<count> scale = isNegative ? allLanes<count>(32768.0F) : allLanes<count>(32767.0F);
-    const Lanes<count> half = isNegative ? allLanes<count>(-0.5F) : allLanes<count>(0.5F);
-    const Lanes<count> y = clamped<count>(x * scale, -32768.0F, 32767.0F) + half;
-    return __builtin_convertvector(y == y ? y : zero, Ints<count>);
+    // By the bits of the sign: 32768 is 0x200 above 32767 as a float. At -0 either scale gives 0.
+    const Ints<count> bits = reinterpret_cast<Ints<count>>(x);
+    const Lanes<count> scale = reinterpret_cast<Lanes<count>>((bits >> 31 & 0x200) + 0x46FFFE00);
+    const Ints<count> half = (bits & INT32_MIN) | 0x3F000000;
+    return toShorts<count>(clamped<count>(x * scale, -32768.0F, 32767.0F) +
+                           reinterpret_cast<Lanes<count>>(half));
 }
 
 template <int count> inline Lanes<count> widened(Shorts<count> v)
 {
-    const Lanes<count> x = __builtin_convertvector(__builtin_convertvector(v, Ints<count>), Lanes<count>);
-    const Lanes<count> zero{};
-    return x * (x < zero ? allLanes<count>(3.0517578e-5F) : allLanes<count>(3.051851e-5F));
+    const Ints<count> ints = toInts<count>(v);
+    // 1/32767, and where the sign is set 1/32768, which is 0x100 below it as a float.
+    const Ints<count> scale = (ints >> 31 & -0x100) + 0x38000100;
+    return __builtin_convertvector(ints, Lanes<count>) * reinterpret_cast<Lanes<count>>(scale);
 }
 
-template <int count> inline Ints<count> saturated(Ints<count> v)
+template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
 {
     const Ints<count> highest = Ints<count>{} + 32767, lowest = Ints<count>{} - 32768;
-    v = v < highest ? v : highest;
-    return v > lowest ? v : lowest;
+    Ints<count> sum = toInts<count>(a) + toInts<count>(b);
+    sum = sum < highest ? sum : highest;
+    return __builtin_convertvector(sum > lowest ? sum : lowest, Shorts<count>);
 }
 
 /// Calls `step` with every whole vector of `count` samples, and once with what is left, copied to full
@@ -80,7 +75,7 @@ template <int width> void mix(const float* from, float* to, size_t count)
 template <int width> void toInt16(const float* from, int16_t* to, size_t count)
 {
     forEachVector<width>(from, to, count, [](const float* a, int16_t* b) {
-        const auto shorts = __builtin_convertvector(rounded<width>(loadLanes<width>(a)), Shorts<width>);
+        const Shorts<width> shorts = rounded<width>(loadLanes<width>(a));
         std::memcpy(b, &shorts, sizeof shorts);
     });
 }
@@ -95,9 +90,8 @@ template <int width> void fromInt16(const int16_t* from, float* to, size_t count
 template <int width> void mixToInt16(const float* from, int16_t* to, size_t count)
 {
     forEachVector<width>(from, to, count, [](const float* a, int16_t* b) {
-        const Ints<width> sum =
-            rounded<width>(loadLanes<width>(a)) + __builtin_convertvector(loadShorts<width>(b), Ints<width>);
-        const auto shorts = __builtin_convertvector(saturated<width>(sum), Shorts<width>);
+        const Shorts<width> shorts =
+            saturatedSum<width>(rounded<width>(loadLanes<width>(a)), loadShorts<width>(b));
         std::memcpy(b, &shorts, sizeof shorts);
     });
 }
