@@ -85,9 +85,15 @@ int64_t half(int64_t value)
 inline uint64_t converted(uint64_t value, uint64_t epochFrom, uint64_t epochTo, int64_t multiplier,
                           int64_t bias, int64_t divisor)
 {
-    // A wide subtraction: its high word is all ones before the epoch.
-    const Wide distance = static_cast<Wide>(value) - static_cast<Wide>(epochFrom);
-    const Wide scaled = distance * static_cast<Wide>(multiplier) + static_cast<Wide>(bias);
+    // The 128-bit product of two signed numbers from an unsigned one: after the epoch and at a positive rate,
+    // which is always, the corrections cost nothing but a predicted branch.
+    const uint64_t distance = value - epochFrom;
+    Wide scaled = static_cast<Wide>(distance) * static_cast<uint64_t>(multiplier);
+    if (value < epochFrom)
+        scaled -= static_cast<Wide>(static_cast<uint64_t>(multiplier)) << 64;
+    if (multiplier < 0)
+        scaled -= static_cast<Wide>(distance) << 64;
+    scaled += static_cast<uint64_t>(bias); // never negative
     return wideQuotient(static_cast<uint64_t>(scaled >> 64), static_cast<uint64_t>(scaled),
                         static_cast<uint64_t>(divisor)) +
            epochTo;

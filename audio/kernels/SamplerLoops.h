@@ -224,24 +224,22 @@ inline void interpolateRuns(const std::byte* window, ptrdiff_t rowBytes, Sampler
     if constexpr (channels < 4)
         rowBytes = channels * sizeof(float); // known, so that the addresses fold into the loads
     const uint32_t end = first + count;
-    const auto nextRun = [&] {
-        findUpTo<width>(positions, ahead(first + frames));
-        const Lanes<width> run = interpolatedRun<width, channels>(window, rowBytes, positions, first, frames);
-        first += frames;
-        return run;
+    const auto runAt = [&](uint32_t frame) {
+        findUpTo<width>(positions, ahead(frame + frames));
+        return interpolatedRun<width, channels>(window, rowBytes, positions, frame, frames);
     };
     if (Filter::wantsNextRunEarly && first + frames <= end) {
-        Lanes<width> run = nextRun();
-        for (; first + frames <= end; output += width) {
-            const Lanes<width> next = nextRun();
+        Lanes<width> run = runAt(first);
+        for (first += frames; first + frames <= end; first += frames, output += width) {
+            const Lanes<width> next = runAt(first);
             filter.template run<width>(run, output);
             run = next;
         }
         filter.template run<width>(run, output);
         output += width;
     } else {
-        for (; first + frames <= end; output += width)
-            filter.template run<width>(nextRun(), output);
+        for (; first + frames <= end; first += frames, output += width)
+            filter.template run<width>(runAt(first), output);
     }
     if (first < end) {
         findUpTo<width>(positions, ahead(end));

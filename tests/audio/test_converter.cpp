@@ -92,7 +92,7 @@ public:
         _frame += _device.frames;
     }
     /// What the device gives or takes in place of its streams.
-    std::vector<DXRChannelEntry>& entries(int direction) { return _entries[direction]; }
+    std::vector<DXRChannelEntry>& entries(size_t direction) { return _entries[direction]; }
 
     CXRef<DXRAudioConverter> converter;
     uint64_t sampleTime = 0, ranUntil = 0, playedUntil = 0, heardAt = 0;
