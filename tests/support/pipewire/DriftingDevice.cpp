@@ -113,8 +113,8 @@ void DriftingDevice::_process(void* data)
         const auto* bytes = static_cast<const std::byte*>(block.data) + block.chunk->offset;
         self->_receive(reinterpret_cast<const float*>(bytes), block.chunk->size / stereoFrame);
     } else {
-        const spa_io_position* position = self->_position;
-        const uint64_t wanted = position ? position->clock.duration : 256;
+        spa_io_position* position = self->_position;
+        const uint64_t wanted = position ? std::atomic_ref(position->clock.duration).load() : 256;
         const auto frameCount =
             static_cast<uint32_t>(std::min<uint64_t>(wanted, block.maxsize / stereoFrame));
         self->_give(static_cast<float*>(block.data), frameCount);
@@ -168,7 +168,7 @@ double DriftingDevice::_driveCycle(double nowTime) noexcept
     clock->nsec = static_cast<uint64_t>(nowTime);
     clock->rate = position->clock.rate;
     clock->position = _framesDriven;
-    clock->duration = duration;
+    std::atomic_ref(clock->duration).store(duration); // the process callback reads it on another thread
     clock->delay = 0;
     clock->rate_diff = _ratio;
     clock->next_nsec = static_cast<uint64_t>(nowTime + period);
