@@ -67,27 +67,18 @@ proctype reader()
 /* Replaces what is there by `object`, NONE for nothing, however often another is faster. */
 proctype writer(byte object)
 {
-    byte wg, wi, r, old, expected, fresh;
+    byte wg, wi, r, old, fresh;
     bool done = false;
 again:
-    /* The object that is expected: a copy of the current one. */
-    enter(wg, wi, r, expected);
-    if
-    :: expected != NONE -> retain(expected); leave(wg, wi, r, expected)
-    :: else
-    fi;
-
+    /* What is found is taken for what was expected, or, which costs another round, for something else. Finding
+       out what to expect is what a reader does. */
     enter(wg, wi, r, old);
+#ifdef WITH_OTHERS
     if
-    :: old != expected ->
-        if
-        :: old != NONE -> leave(wg, wi, r, old)
-        :: else
-        fi;
-        old = 0; wg = 0; wi = 0;
-        goto next
-    :: else
+    :: old != NONE -> leave(wg, wi, r, old); old = 0; wg = 0; wi = 0; goto again
+    :: true
     fi;
+#endif
     if
     :: old != NONE -> retain(old)
     :: else
@@ -144,11 +135,6 @@ again:
     :: else
     fi;
     atomic { old = 0; fresh = 0; r = 0; wg = 0; wi = 0 };
-next:
-    if
-    :: expected != NONE -> atomic { release(expected); expected = 0 }
-    :: else
-    fi;
     if
     :: !done -> goto again
     :: else

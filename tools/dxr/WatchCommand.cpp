@@ -8,6 +8,7 @@
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
+#include <csignal>
 #include <ctime>
 #include <iostream>
 #include <memory>
@@ -72,6 +73,7 @@ void run(const Options& options)
     const std::unique_ptr<SimulatedVisitor> visitor =
         simulated ? std::make_unique<SimulatedVisitor>(simulated) : nullptr;
     const Interrupts interrupts;
+    std::signal(SIGPIPE, SIG_DFL); // whoever read the lines has gone; there is nothing to put in order
     constexpr int forever = -1;
     while (interrupts.wait(forever, watch.fd()))
         print(watch.next(), options, terminal);

@@ -4,7 +4,9 @@
 #include "ListCommand.h"
 #include "LoopCommand.h"
 #include "PlayCommand.h"
+#include "PlotResponseCommand.h"
 #include "RecordCommand.h"
+#include "ResampleCommand.h"
 #include "SetCommand.h"
 #include "ToolFailure.h"
 #include "WatchCommand.h"
@@ -26,6 +28,8 @@ void registerCommands(CLI::App& app)
     registerPlayCommand(app);
     registerRecordCommand(app);
     registerDemoCommand(app);
+    registerResampleCommand(app);
+    registerPlotCommand(app);
 }
 
 /// Parses the command line and runs its command. Answers the exit status.

@@ -3,12 +3,18 @@
 #include "HostClock.h"
 #include "_multiplyRatio.h"
 
+#include <new>
+
 using platform::HostClock;
 
 CXRef<CXTimeBase> CXTimeBase::sharedTimeBase()
 {
-    static const CXRef<CXTimeBase>* const shared = new CXRef(init()); // never destroyed: threads outlive exit
-    return *shared;
+    // Made where it stands, so that a first use on an IO thread allocates nothing, and never destroyed:
+    // threads outlive exit.
+    alignas(CXTimeBase) static std::byte place[sizeof(CXTimeBase)];
+    static auto* const shared =
+        new (place) CXTimeBase(HostClock::nanosecondsNumerator, HostClock::nanosecondsDenominator);
+    return CXRef<CXTimeBase>(shared);
 }
 
 CXRef<CXTimeBase> CXTimeBase::init()

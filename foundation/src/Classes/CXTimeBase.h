@@ -9,7 +9,7 @@
 /// Real time: everything but creation.
 class DXR_EXPORT CXTimeBase final : public CXObject {
 public:
-    /// The process's one instance.
+    /// The process's one instance. Never allocates.
     static CXRef<CXTimeBase> sharedTimeBase();
     /// One of its own over the host clock's ratio.
     static CXRef<CXTimeBase> init();

@@ -1,0 +1,311 @@
+#include "DXRAudioConverter.h"
+
+#include "CXErrorAdditions.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t headroomFrames = 16; // what a sampler may produce or need beyond the ratio of the rates
+
+/// Copies `frameCount` frames between two lists of channels.
+void copyFrames(const std::vector<ausampler_iovec>& from, const std::vector<ausampler_iovec>& to,
+                uint32_t frameCount) noexcept
+{
+    const uint64_t frameSize = from.size() * sizeof(float);
+    const auto isDense = [frameSize](const std::vector<ausampler_iovec>& channels) {
+        for (size_t c = 0; c < channels.size(); ++c)
+            if (channels[c].stride != frameSize ||
+                channels[c].base != static_cast<float*>(channels[0].base) + c)
+                return false;
+        return true;
+    };
+    if (isDense(from) && isDense(to)) {
+        if (!from.empty())
+            std::memcpy(to[0].base, from[0].base, frameCount * frameSize);
+        return;
+    }
+    for (size_t c = 0; c < from.size(); ++c) {
+        const auto* source = static_cast<const float*>(from[c].base);
+        auto* destination = static_cast<float*>(to[c].base);
+        const size_t sourceStride = from[c].stride / sizeof(float), stride = to[c].stride / sizeof(float);
+        for (uint32_t frame = 0; frame < frameCount; ++frame, source += sourceStride, destination += stride)
+            *destination = *source;
+    }
+}
+
+std::string joined(const std::vector<uint32_t>& numbers)
+{
+    std::string text;
+    for (const uint32_t number : numbers)
+        text += (text.empty() ? "" : ", ") + std::to_string(number);
+    return text;
+}
+
+} // namespace
+
+DXRConverterNode::~DXRConverterNode() = default;
+
+CXRef<DXRAudioConverter>
+DXRAudioConverter::initWithNodes(const Nodes nodes[2], const uint32_t channelCounts[2],
+                                 double contextSampleRate, double convertedSampleRate,
+                                 uint32_t contextFrameCount, uint32_t convertedFrameCount)
+{
+    CX_ASSERT(contextSampleRate > 0 && convertedSampleRate > 0);
+    return CXRef<DXRAudioConverter>::adopt(new DXRAudioConverter(nodes, channelCounts, contextSampleRate,
+                                                                 convertedSampleRate, contextFrameCount,
+                                                                 convertedFrameCount));
+}
+
+DXRAudioConverter::DXRAudioConverter(const Nodes nodes[2], const uint32_t channelCounts[2],
+                                     double contextSampleRate, double convertedSampleRate,
+                                     uint32_t contextFrameCount, uint32_t convertedFrameCount)
+    : _nodes{nodes[INPUT], nodes[OUTPUT]}, _contextChannelCounts{channelCounts[INPUT], channelCounts[OUTPUT]},
+      _contextFrameCount(contextFrameCount), _contextSampleRate(contextSampleRate),
+      _convertedFrameCount(convertedFrameCount),
+      _convertedSampleRate(convertedSampleRate), _contains{!nodes[INPUT].empty(), !nodes[OUTPUT].empty()}
+{
+    uint32_t contextFrames = contextFrameCount;
+    if (contextSampleRate != convertedSampleRate)
+        contextFrames =
+            static_cast<uint32_t>(std::ceil(contextFrameCount * convertedSampleRate / contextSampleRate));
+    _bufferFrameCountMax = contextFrames + convertedFrameCount + headroomFrames;
+    for (const Direction direction : {INPUT, OUTPUT}) {
+        _collectUsage(direction);
+        _prepare(direction);
+        // Half a node cycle in each direction: input and output then meet without either running dry.
+        if (_contains[INPUT] && _contains[OUTPUT])
+            _bufferFrameCounts[direction] = convertedFrameCount / 2;
+    }
+}
+
+DXRAudioConverter::~DXRAudioConverter()
+{
+    for (ausampler* const sampler : _samplers)
+        ausampler_destroy(sampler);
+}
+
+void DXRAudioConverter::_collectUsage(Direction direction)
+{
+    std::vector<uint32_t>& map = _usageMaps[direction];
+    for (const CXRef<DXRConverterNode>& node : _nodes[direction])
+        for (const uint32_t channel : node->usageMap())
+            if (channel >= 1 && channel <= _contextChannelCounts[direction])
+                map.push_back(channel);
+    std::ranges::sort(map);
+    map.erase(std::unique(map.begin(), map.end()), map.end());
+    _usageChannelCounts[direction] = static_cast<uint32_t>(map.size());
+}
+
+/// Everything that a cycle touches, so that no cycle allocates. A sampler without channels still keeps the
+/// frame counts in step.
+void DXRAudioConverter::_prepare(Direction direction)
+{
+    const uint32_t used = _usageChannelCounts[direction];
+    _bufferFrameSizes[direction] = static_cast<uint32_t>(used * sizeof(float));
+    _buffers[direction].assign(size_t{used} * _bufferFrameCountMax, 0);
+    if (_contains[direction] && _contextSampleRate != _convertedSampleRate) {
+        _samplers[direction] = ausampler_create(used);
+        CX_ASSERT(_samplers[direction] != nullptr);
+    }
+    _deviceSide[direction].resize(used);
+    _bufferSide[direction].resize(used);
+    _nodeEntries[direction].assign(_contextChannelCounts[direction], DXRChannelEntry{nullptr, 0});
+}
+
+void DXRAudioConverter::performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2])
+{
+    if (_convertedFrameCount == 0)
+        return;
+    if (_contains[INPUT])
+        _takeInput(samples[INPUT]);
+    if (!_contains[OUTPUT]) {
+        if (_contains[INPUT])
+            _performInput(sampleTime);
+        return;
+    }
+    const uint32_t consumed = _contains[INPUT] ? _performInputOutput(sampleTime) : _performOutput(sampleTime);
+    _giveOutput(samples[OUTPUT], consumed);
+}
+
+void DXRAudioConverter::_takeInput(const DXRChannelEntry* entries)
+{
+    const uint32_t held = _bufferFrameCounts[INPUT];
+    ausampler* const sampler = _samplers[INPUT];
+    _bufferFrameCounts[INPUT] += sampler
+                                     ? ausampler_write_frames_out(sampler, _contextFrameCount,
+                                                                  _contextSampleRate, _convertedSampleRate)
+                                     : _contextFrameCount;
+    CX_ASSERT(_bufferFrameCounts[INPUT] <= _bufferFrameCountMax); // before anything is written
+
+    _pointAtDevice(INPUT, entries);
+    _pointAtBuffer(INPUT, held);
+    if (sampler)
+        ausampler_write_iovec(sampler, _deviceSide[INPUT].data(), _bufferSide[INPUT].data(),
+                              _contextFrameCount, _contextSampleRate, _convertedSampleRate);
+    else
+        copyFrames(_deviceSide[INPUT], _bufferSide[INPUT], _contextFrameCount);
+}
+
+void DXRAudioConverter::_giveOutput(const DXRChannelEntry* entries, uint32_t bufferFramesConsumed)
+{
+    _pointAtBuffer(OUTPUT, 0);
+    _pointAtDevice(OUTPUT, entries);
+    if (_samplers[OUTPUT]) {
+        ausampler_read_iovec(_samplers[OUTPUT], _bufferSide[OUTPUT].data(), _deviceSide[OUTPUT].data(),
+                             _contextFrameCount, _convertedSampleRate, _contextSampleRate);
+    } else {
+        CX_ASSERT(bufferFramesConsumed == _contextFrameCount);
+        copyFrames(_bufferSide[OUTPUT], _deviceSide[OUTPUT], bufferFramesConsumed);
+    }
+    _dropFrames(OUTPUT, bufferFramesConsumed);
+}
+
+uint32_t DXRAudioConverter::_performInput(uint64_t* sampleTime)
+{
+    uint32_t consumed = 0;
+    while (_performInputCallBack(*sampleTime, &consumed))
+        *sampleTime += _convertedFrameCount;
+    _slideInputBuffer(consumed);
+    return 0;
+}
+
+uint32_t DXRAudioConverter::_performOutput(uint64_t* sampleTime)
+{
+    const uint32_t needed = _outputFramesNeeded();
+    while (_bufferFrameCounts[OUTPUT] < needed) {
+        _performOutputCallBack(*sampleTime);
+        *sampleTime += _convertedFrameCount;
+    }
+    return needed;
+}
+
+uint32_t DXRAudioConverter::_performInputOutput(uint64_t* sampleTime)
+{
+    const uint32_t needed = _outputFramesNeeded();
+    while (_bufferFrameCounts[OUTPUT] < needed) {
+        if (_bufferFrameCounts[INPUT] < _convertedFrameCount)
+            _offsetInputBuffer(_convertedFrameCount - _bufferFrameCounts[INPUT]);
+        CX_ASSERT(_bufferFrameCounts[INPUT] >= _convertedFrameCount);
+        uint32_t consumed = 0;
+        _performInputCallBack(*sampleTime, &consumed);
+        _slideInputBuffer(consumed);
+        _performOutputCallBack(*sampleTime);
+        *sampleTime += _convertedFrameCount;
+    }
+    return needed;
+}
+
+uint32_t DXRAudioConverter::_outputFramesNeeded() const noexcept
+{
+    if (!_samplers[OUTPUT])
+        return _contextFrameCount;
+    return ausampler_read_frames_in(_samplers[OUTPUT], _contextFrameCount, _convertedSampleRate,
+                                    _contextSampleRate);
+}
+
+bool DXRAudioConverter::_performInputCallBack(uint64_t sampleTime, uint32_t* bufferFramesConsumed)
+{
+    CX_ASSERT(_bufferFrameCounts[INPUT] >= (*bufferFramesConsumed));
+    if (_bufferFrameCounts[INPUT] - *bufferFramesConsumed < _convertedFrameCount)
+        return false;
+    const DXRChannelEntry* const entries = _nodeEntriesAt(INPUT, *bufferFramesConsumed);
+    for (const CXRef<DXRConverterNode>& node : _nodes[INPUT])
+        node->performIOWithSampleTime(sampleTime, entries);
+    *bufferFramesConsumed += _convertedFrameCount;
+    return true;
+}
+
+void DXRAudioConverter::_performOutputCallBack(uint64_t sampleTime)
+{
+    const DXRChannelEntry* const entries = _nodeEntriesAt(OUTPUT, _bufferFrameCounts[OUTPUT]);
+    _bufferFrameCounts[OUTPUT] += _convertedFrameCount;
+    CX_ASSERT(_bufferFrameCounts[OUTPUT] <= _bufferFrameCountMax); // before the nodes write
+    for (const CXRef<DXRConverterNode>& node : _nodes[OUTPUT])
+        node->performIOWithSampleTime(sampleTime, entries);
+}
+
+void DXRAudioConverter::_slideInputBuffer(uint32_t bufferFramesConsumed)
+{
+    if (bufferFramesConsumed == 0)
+        return;
+    CX_ASSERT(_bufferFrameCounts[INPUT] >= bufferFramesConsumed);
+    _dropFrames(INPUT, bufferFramesConsumed);
+}
+
+/// Makes up `frames` of input at the front: the oldest frame again, or what last stood there.
+void DXRAudioConverter::_offsetInputBuffer(uint32_t frames)
+{
+    CX_ASSERT((_bufferFrameCounts[INPUT] + frames) <= _bufferFrameCountMax);
+    const size_t frameSize = _bufferFrameSizes[INPUT];
+    const size_t heldSize = _bufferFrameCounts[INPUT] * frameSize;
+    _bufferFrameCounts[INPUT] += frames;
+    if (frameSize == 0)
+        return;
+    std::memmove(_bufferAt(INPUT, frames), _bufferAt(INPUT, 0), heldSize);
+    for (uint32_t frame = 1; frame < frames; ++frame)
+        std::memcpy(_bufferAt(INPUT, frame), _bufferAt(INPUT, 0), frameSize);
+}
+
+void DXRAudioConverter::_dropFrames(Direction direction, uint32_t frames) noexcept
+{
+    _bufferFrameCounts[direction] -= frames;
+    const size_t rest = size_t{_bufferFrameCounts[direction]} * _bufferFrameSizes[direction];
+    if (rest > 0)
+        std::memmove(_bufferAt(direction, 0), _bufferAt(direction, frames), rest);
+}
+
+float* DXRAudioConverter::_bufferAt(Direction direction, uint32_t frame) const noexcept
+{
+    return const_cast<float*>(_buffers[direction].data()) + size_t{frame} * _usageChannelCounts[direction];
+}
+
+const DXRChannelEntry* DXRAudioConverter::_nodeEntriesAt(Direction direction, uint32_t frame) noexcept
+{
+    const uint32_t used = _usageChannelCounts[direction];
+    for (uint32_t i = 0; i < used; ++i)
+        _nodeEntries[direction][_usageMaps[direction][i] - 1] = {_bufferAt(direction, frame) + i, used};
+    return _nodeEntries[direction].data();
+}
+
+void DXRAudioConverter::_pointAtDevice(Direction direction, const DXRChannelEntry* entries) noexcept
+{
+    float* const nowhere = direction == INPUT ? &_silence : &_sink;
+    for (uint32_t i = 0; i < _usageChannelCounts[direction]; ++i) {
+        const DXRChannelEntry entry =
+            entries ? entries[_usageMaps[direction][i] - 1] : DXRChannelEntry{nullptr, 0};
+        _deviceSide[direction][i] = entry.samples
+                                        ? ausampler_iovec{entry.samples, entry.stride * sizeof(float)}
+                                        : ausampler_iovec{nowhere, 0};
+    }
+}
+
+void DXRAudioConverter::_pointAtBuffer(Direction direction, uint32_t frame) noexcept
+{
+    for (uint32_t i = 0; i < _usageChannelCounts[direction]; ++i)
+        _bufferSide[direction][i] = {_bufferAt(direction, frame) + i, _bufferFrameSizes[direction]};
+}
+
+std::string DXRAudioConverter::description() const
+{
+    std::string detail;
+    if (_contains[INPUT])
+        detail += "input [" + joined(_usageMaps[INPUT]) + "]";
+    if (_contains[OUTPUT])
+        detail += (detail.empty() ? "" : ", ") + ("output [" + joined(_usageMaps[OUTPUT]) + "]");
+    char text[120];
+    if (_contextFrameCount != _convertedFrameCount) {
+        std::snprintf(text, sizeof text, ", frameCount: %u -> %u", _contextFrameCount, _convertedFrameCount);
+        detail += text;
+    }
+    if (_contextSampleRate != _convertedSampleRate) {
+        std::snprintf(text, sizeof text, ", sampleRate: %ghz -> %ghz", _contextSampleRate,
+                      _convertedSampleRate);
+        detail += text;
+    }
+    std::snprintf(text, sizeof text, "<DXRAudioConverter: %p, ", static_cast<const void*>(this));
+    return text + detail + ">";
+}

@@ -1,0 +1,521 @@
+#include "ausampler.h"
+
+#include "DenormalFlush.h"
+#include "InstructionSet.h"
+#include "SamplerKernels.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <numbers>
+
+namespace {
+
+constexpr uint32_t maximumGroup = SamplerFilter::maximumChannels;
+constexpr uint32_t historyLength = 4;
+constexpr uint32_t windowRows = 256; // of input that is copied together at a time
+
+/// Where one channel's samples lie.
+struct Channel {
+    std::byte* base;
+    ptrdiff_t stride; // bytes
+
+    float* at(uint32_t frame) const noexcept
+    {
+        return reinterpret_cast<float*>(base + static_cast<ptrdiff_t>(frame) * stride);
+    }
+    float read(uint32_t frame) const noexcept
+    {
+        float sample;                                   // NOLINT(cppcoreguidelines-init-variables)
+        std::memcpy(&sample, at(frame), sizeof sample); // entries need not be aligned
+        return sample;
+    }
+    void write(uint32_t frame, float sample) const noexcept
+    {
+        std::memcpy(at(frame), &sample, sizeof sample);
+    }
+};
+
+/// The channels of one side of a call, in any of the three layouts.
+class ChannelTable {
+public:
+    static ChannelTable interleaved(const float* frames, uint32_t channelCount) noexcept
+    {
+        return {Layout::Interleaved, frames, channelCount * sizeof(float)};
+    }
+    static ChannelTable noninterleaved(const void* pointers) noexcept
+    {
+        return {Layout::Noninterleaved, pointers, sizeof(float)};
+    }
+    static ChannelTable iovec(const ausampler_iovec* entries) noexcept
+    {
+        return {Layout::Entries, entries, 0};
+    }
+
+    Channel operator[](uint32_t channel) const noexcept
+    {
+        if (_layout == Layout::Interleaved)
+            return _channel(static_cast<const float*>(_table) + channel, _stride);
+        if (_layout == Layout::Noninterleaved)
+            return _channel(static_cast<const float* const*>(_table)[channel], _stride);
+        const ausampler_iovec& entry = static_cast<const ausampler_iovec*>(_table)[channel];
+        return _channel(entry.base, entry.stride);
+    }
+
+    /// Whether `count` channels from `first` on lie side by side, so that a frame of them is one row.
+    bool isAdjacent(uint32_t first, uint32_t count) const noexcept
+    {
+        if (_layout == Layout::Interleaved)
+            return true;
+        const Channel one = (*this)[first];
+        for (uint32_t i = 1; i < count; ++i) {
+            const Channel other = (*this)[first + i];
+            if (other.stride != one.stride || other.base != one.base + i * sizeof(float))
+                return false;
+        }
+        return true;
+    }
+
+private:
+    enum class Layout { Interleaved, Noninterleaved, Entries };
+
+    ChannelTable(Layout layout, const void* table, uint64_t stride) noexcept
+        : _layout(layout), _table(table), _stride(stride)
+    {}
+    static Channel _channel(const void* base, uint64_t stride) noexcept
+    {
+        // Inputs are only read; one type serves both sides.
+        return {static_cast<std::byte*>(const_cast<void*>(base)), static_cast<ptrdiff_t>(stride)};
+    }
+
+    Layout _layout;
+    const void* _table;
+    uint64_t _stride;
+};
+
+/// How many frames a call moves on each side, and where it leaves the phase.
+struct Move {
+    uint32_t framesIn;
+    uint32_t framesOut;
+    double phase;
+};
+
+/// The input position of output frame 0: position 4 is the second input frame of the call, and positions
+/// below it reach into the history.
+double startPosition(double phase, double ratio) noexcept
+{
+    return 1 + (1 - phase) * ratio;
+}
+
+uint32_t saturated(double count) noexcept
+{
+    if (!(count > 0))
+        return 0;
+    return count < 4294967295.0 ? static_cast<uint32_t>(count) : UINT32_MAX;
+}
+
+/// How many input frames the output frames 0 … count - 1 need. One more than the positions ask for while the
+/// last of them still touches the history: reads and writes agree on it, so the stream stays continuous.
+uint32_t framesNeeded(double phase, double ratio, uint32_t count) noexcept
+{
+    const double start = startPosition(phase, ratio);
+    const double length = ratio * static_cast<double>(count - 1);
+    const uint32_t last = saturated(std::floor(start + length));
+    if (last <= 3)
+        return last + 1;
+    return saturated(std::max(std::floor(start - 1 + length), 0.0) + 1);
+}
+
+Move moveForRead(const ausampler& sampler, uint32_t framesOut, double rateIn, double rateOut) noexcept
+{
+    if (framesOut == 0 || rateIn == rateOut)
+        return {framesOut, framesOut, sampler.phase};
+    const uint32_t framesIn = framesNeeded(sampler.phase, rateIn / rateOut, framesOut);
+    return {framesIn, framesOut,
+            static_cast<double>(framesIn) * (rateOut / rateIn) + sampler.phase -
+                static_cast<double>(framesOut)};
+}
+
+Move moveForWrite(const ausampler& sampler, uint32_t framesIn, double rateIn, double rateOut) noexcept
+{
+    if (framesIn == 0 || rateIn == rateOut)
+        return {framesIn, framesIn, sampler.phase};
+    const double ratio = rateIn / rateOut;
+    const double limit = static_cast<double>(framesIn) * (rateOut / rateIn) + sampler.phase;
+    uint32_t framesOut = saturated(std::floor(limit));
+    while (framesOut > 0 && framesNeeded(sampler.phase, ratio, framesOut) > framesIn)
+        --framesOut;
+    return {framesIn, framesOut, limit - static_cast<double>(framesOut)};
+}
+
+void updateCoefficients(ausampler& sampler, double ratio) noexcept
+{
+    const auto cutoff = static_cast<float>(ratio * 0.5);
+    if (cutoff == sampler.lowpass_cutoff)
+        return;
+    sampler.lowpass_cutoff = cutoff;
+    constexpr double q = 0.8;
+    const double w0 = static_cast<double>(cutoff + cutoff) * std::numbers::pi;
+    const double alpha = std::sin(w0) / (2 * q), cosine = std::cos(w0), a0 = 1 + alpha;
+    sampler.b0 = static_cast<float>((1 - cosine) * 0.5 / a0);
+    sampler.b1 = static_cast<float>((1 - cosine) / a0);
+    sampler.b2 = sampler.b0;
+    sampler.a1 = static_cast<float>(-2 * cosine / a0);
+    sampler.a2 = static_cast<float>((1 - alpha) / a0);
+}
+
+/// Moves one call's frames: positions once for all channels, then the channels in groups that fill a vector.
+class Resampling {
+public:
+    Resampling(ausampler& sampler, const ChannelTable& input, const ChannelTable& output, const Move& move,
+               double ratio) noexcept
+        : _sampler(sampler), _input(input), _output(output), _framesIn(move.framesIn),
+          _framesOut(move.framesOut), _ratio(ratio), _kernels(*instructionSet().sampler),
+          _filters(ratio < static_cast<double>(0.95F))
+    {}
+
+    void run() noexcept
+    {
+        if (_filters)
+            updateCoefficients(_sampler, _ratio);
+        _split();
+        for (_first = 0; _first < _framesOut; _first += _count) {
+            _count = std::min(_framesOut - _first, SamplerPositions::capacity);
+            _positions.firstFrame = _first;
+            _positions.found = 0;
+            _forEachGroup([this](const Group& group) { _resample(group); });
+        }
+        for (uint32_t channel = 0; channel < _sampler.channel_count; ++channel)
+            _pushHistory(_sampler.channel_states[channel].history, _input[channel]);
+    }
+
+private:
+    struct Group {
+        uint32_t first, size, sizeLog2;
+    };
+
+    template <class Body> void _forEachGroup(const Body& body) const noexcept
+    {
+        uint32_t size = _kernels.maximumChannels;
+        auto sizeLog2 = static_cast<uint32_t>(__builtin_ctz(size));
+        for (uint32_t channel = 0; channel < _sampler.channel_count;) {
+            while (size > _sampler.channel_count - channel) {
+                size /= 2;
+                --sizeLog2;
+            }
+            body(Group{channel, size, sizeLog2});
+            channel += size;
+        }
+    }
+
+    double _position(uint32_t frame) const noexcept
+    {
+        return _positions.start + _ratio * static_cast<double>(frame);
+    }
+    uint32_t _index(uint32_t frame) const noexcept { return saturated(_position(frame)); }
+
+    /// The first output frame whose position index is `index` or more. Positions never go back.
+    uint32_t _frameAt(uint32_t index) const noexcept
+    {
+        const double bound = index;
+        uint32_t frame = std::min(saturated((bound - _positions.start) / _ratio), _framesOut);
+        while (frame > 0 && _position(frame - 1) >= bound) // the division was only near
+            --frame;
+        while (frame < _framesOut && _position(frame) < bound)
+            ++frame;
+        return frame;
+    }
+
+    // The counts allow no position past the last input frame, but their arithmetic and that of the positions
+    // round differently, and rates may change without a reset: such a position, should it come, gets the last
+    // frame again and no foreign memory.
+    void _split() noexcept
+    {
+        _positions.start = startPosition(_sampler.phase, _ratio);
+        _positions.ratio = _ratio;
+        if (_framesOut == 0)
+            return;
+        constexpr double farthest = 2147483647;
+        _positions.fitsInt = _positions.start > -farthest && _position(_framesOut - 1) < farthest &&
+                             _ratio * SamplerPositions::step < farthest - _position(_framesOut - 1);
+        _from3 = _frameAt(3);
+        _from4 = _frameAt(4);
+        _pastInput =
+            _index(_framesOut - 1) <= _framesIn ? _framesOut : std::max(_frameAt(_framesIn + 1), _from4);
+    }
+
+    /// The place in the frames being worked on of a frame of the call.
+    uint32_t _place(uint32_t frame) const noexcept
+    {
+        return frame <= _first ? 0 : std::min(frame - _first, _count);
+    }
+
+    void _resample(const Group& group) noexcept
+    {
+        if (_filters)
+            _loadFilter(group);
+        const bool direct =
+            _output.isAdjacent(group.first, group.size) &&
+            _output[group.first].stride == static_cast<ptrdiff_t>(group.size * sizeof(float)) &&
+            _isAligned(_output[group.first].base);
+        _frames = direct ? _output[group.first].at(_first) : _tile;
+        if (_place(_from4) > 0)
+            _resampleHistory(group);
+        _resampleInput(group);
+        for (uint32_t i = _place(_pastInput); i < _count; ++i)
+            _resamplePastInput(group, i);
+        if (!direct)
+            _scatter(group);
+        if (_filters)
+            _storeFilter(group);
+    }
+
+    static bool _isAligned(const void* pointer) noexcept
+    {
+        return reinterpret_cast<uintptr_t>(pointer) % alignof(float) == 0;
+    }
+
+    /// Interpolates positions first … end - 1. `window` holds rows of the group from position index
+    /// `windowStart` on.
+    void _interpolate(const Group& group, const void* window, uint32_t windowStart, ptrdiff_t rowBytes,
+                      uint32_t first, uint32_t end) noexcept
+    {
+        if (first == end)
+            return;
+        const std::byte* rows =
+            static_cast<const std::byte*>(window) - static_cast<ptrdiff_t>(windowStart) * rowBytes;
+        _kernels.interpolate[group.sizeLog2](rows, rowBytes, &_positions, first, end - first,
+                                             _frames + first * group.size, _filters ? &_filter : nullptr);
+    }
+
+    /// The positions with index 0 to 3. At index 3 the first sample is the one before the newest of the
+    /// history, not the newest: published behaviour, and audible to no one.
+    void _resampleHistory(const Group& group) noexcept
+    {
+        constexpr uint32_t rows = historyLength + 3;
+        const uint32_t size = group.size;
+        for (uint32_t c = 0; c < size; ++c) {
+            const float* const history = _sampler.channel_states[group.first + c].history;
+            const Channel input = _input[group.first + c];
+            for (uint32_t row = 0; row < historyLength; ++row)
+                _window[row * size + c] = history[row];
+            for (uint32_t row = historyLength; row < rows; ++row)
+                _window[row * size + c] = input.read(std::min(row - historyLength, _framesIn - 1));
+        }
+        const auto rowBytes = static_cast<ptrdiff_t>(size * sizeof(float));
+        _interpolate(group, _window, 0, rowBytes, 0, _place(_from3));
+        std::memcpy(_window + size * 3, _window + size * 2, size * sizeof(float));
+        _interpolate(group, _window, 0, rowBytes, _place(_from3), _place(_from4));
+    }
+
+    void _resampleInput(const Group& group) noexcept
+    {
+        const Channel input = _input[group.first];
+        const auto dense = static_cast<ptrdiff_t>(group.size * sizeof(float));
+        const uint32_t last = _place(_pastInput);
+        if (_input.isAdjacent(group.first, group.size) && (group.size >= 4 || input.stride == dense))
+            return _interpolate(group, input.base, historyLength, input.stride, _place(_from4), last);
+        for (uint32_t first = _place(_from4); first < last;) {
+            const uint32_t windowStart = _index(_first + first);
+            uint32_t end = last;
+            if (_index(_first + last - 1) - windowStart > windowRows - 4)
+                for (end = first + 1; _index(_first + end) - windowStart <= windowRows - 4;)
+                    ++end;
+            _gather(group, windowStart - historyLength, _index(_first + end - 1) - windowStart + 4);
+            _interpolate(group, _window, windowStart, dense, first, end);
+            first = end;
+        }
+    }
+
+    void _resamplePastInput(const Group& group, uint32_t i) noexcept
+    {
+        const uint32_t index = _index(_first + i);
+        for (uint32_t c = 0; c < group.size; ++c) {
+            const Channel input = _input[group.first + c];
+            for (uint32_t row = 0; row < 4; ++row)
+                _window[row * group.size + c] =
+                    input.read(std::min(index - historyLength + row, _framesIn - 1));
+        }
+        _interpolate(group, _window, index, static_cast<ptrdiff_t>(group.size * sizeof(float)), i, i + 1);
+    }
+
+    /// Copies input frames into dense rows of the group.
+    void _gather(const Group& group, uint32_t firstFrame, uint32_t count) noexcept
+    {
+        for (uint32_t c = 0; c < group.size; ++c) {
+            const Channel input = _input[group.first + c];
+            for (uint32_t row = 0; row < count; ++row)
+                _window[row * group.size + c] = input.read(firstFrame + row);
+        }
+    }
+
+    void _scatter(const Group& group) const noexcept
+    {
+        for (uint32_t c = 0; c < group.size; ++c) {
+            const Channel output = _output[group.first + c];
+            for (uint32_t i = 0; i < _count; ++i)
+                output.write(_first + i, _tile[i * group.size + c]);
+        }
+    }
+
+    void _loadFilter(const Group& group) noexcept
+    {
+        _filter.b0 = _sampler.b0;
+        _filter.b1 = _sampler.b1;
+        _filter.a1 = _sampler.a1;
+        _filter.a2 = _sampler.a2;
+        for (uint32_t c = 0; c < group.size; ++c) {
+            const ausampler_channel_state& state = _sampler.channel_states[group.first + c];
+            _filter.x1[c] = state.lp_x1;
+            _filter.x2[c] = state.lp_x2;
+            _filter.y1[c] = state.lp_y1;
+            _filter.y2[c] = state.lp_y2;
+        }
+    }
+
+    void _storeFilter(const Group& group) noexcept
+    {
+        for (uint32_t c = 0; c < group.size; ++c) {
+            ausampler_channel_state& state = _sampler.channel_states[group.first + c];
+            state.lp_x1 = _filter.x1[c];
+            state.lp_x2 = _filter.x2[c];
+            state.lp_y1 = _filter.y1[c];
+            state.lp_y2 = _filter.y2[c];
+        }
+    }
+
+    void _pushHistory(float* history, const Channel& input) const noexcept
+    {
+        const uint32_t fresh = std::min(_framesIn, historyLength);
+        std::memmove(history, history + fresh, (historyLength - fresh) * sizeof(float));
+        for (uint32_t i = 0; i < fresh; ++i)
+            history[historyLength - fresh + i] = input.read(_framesIn - fresh + i);
+    }
+
+    ausampler& _sampler;
+    const ChannelTable& _input;
+    const ChannelTable& _output;
+    const uint32_t _framesIn, _framesOut;
+    const double _ratio;
+    const SamplerKernels& _kernels;
+    const bool _filters;
+
+    // The output frames being worked on, and among them the first with position index 3, 4, and past the
+    // input.
+    uint32_t _first = 0, _count = 0, _from3 = 0, _from4 = 0, _pastInput = 0;
+    float* _frames = nullptr; // dense, of the current group: its own memory or _tile
+    // Scratch, left as it comes: clearing it would cost as much as a small block.
+    SamplerPositions _positions;
+    SamplerFilter _filter;
+    alignas(64) float _window[windowRows * maximumGroup];
+    alignas(64) float _tile[SamplerPositions::capacity * maximumGroup];
+};
+
+void perform(ausampler& sampler, const ChannelTable& input, const ChannelTable& output, const Move& move,
+             double ratio) noexcept
+{
+    if (sampler.channel_count > 0) {
+        const DenormalFlush flush;
+        Resampling(sampler, input, output, move, ratio).run();
+    }
+    sampler.phase = move.phase;
+}
+
+uint32_t read(ausampler* sampler, const ChannelTable& input, const ChannelTable& output, uint32_t framesOut,
+              double rateIn, double rateOut) noexcept
+{
+    if (framesOut > 0)
+        perform(*sampler, input, output, moveForRead(*sampler, framesOut, rateIn, rateOut), rateIn / rateOut);
+    return framesOut;
+}
+
+uint32_t write(ausampler* sampler, const ChannelTable& input, const ChannelTable& output, uint32_t framesIn,
+               double rateIn, double rateOut) noexcept
+{
+    if (framesIn > 0)
+        perform(*sampler, input, output, moveForWrite(*sampler, framesIn, rateIn, rateOut), rateIn / rateOut);
+    return framesIn;
+}
+
+} // namespace
+
+ausampler* ausampler_create(uint32_t channel_count) noexcept
+{
+    void* const memory = std::calloc(1, sizeof(ausampler) + channel_count * sizeof(ausampler_channel_state));
+    if (!memory)
+        return nullptr;
+    auto* const sampler = static_cast<ausampler*>(memory);
+    sampler->channel_count = channel_count;
+    sampler->channel_states = reinterpret_cast<ausampler_channel_state*>(sampler + 1);
+    sampler->phase = 1;
+    return sampler;
+}
+
+void ausampler_reset(ausampler* sampler) noexcept
+{
+    std::memset(sampler->channel_states, 0, sampler->channel_count * sizeof(ausampler_channel_state));
+    sampler->phase = 1;
+    sampler->lowpass_cutoff = 0;
+    sampler->b0 = 0;
+}
+
+void ausampler_destroy(ausampler* sampler) noexcept
+{
+    std::free(sampler);
+}
+
+uint32_t ausampler_read_frames_in(const ausampler* sampler, uint32_t out_frames, double rate_in,
+                                  double rate_out) noexcept
+{
+    return moveForRead(*sampler, out_frames, rate_in, rate_out).framesIn;
+}
+
+uint32_t ausampler_read_interleaved(ausampler* sampler, const float* input, float* output,
+                                    uint32_t out_frames, double rate_in, double rate_out) noexcept
+{
+    return read(sampler, ChannelTable::interleaved(input, sampler->channel_count),
+                ChannelTable::interleaved(output, sampler->channel_count), out_frames, rate_in, rate_out);
+}
+
+uint32_t ausampler_read_noninterleaved(ausampler* sampler, const float* const* input, float* const* output,
+                                       uint32_t out_frames, double rate_in, double rate_out) noexcept
+{
+    return read(sampler, ChannelTable::noninterleaved(input), ChannelTable::noninterleaved(output),
+                out_frames, rate_in, rate_out);
+}
+
+uint32_t ausampler_read_iovec(ausampler* sampler, const ausampler_iovec* input, const ausampler_iovec* output,
+                              uint32_t out_frames, double rate_in, double rate_out) noexcept
+{
+    return read(sampler, ChannelTable::iovec(input), ChannelTable::iovec(output), out_frames, rate_in,
+                rate_out);
+}
+
+uint32_t ausampler_write_frames_out(const ausampler* sampler, uint32_t in_frames, double rate_in,
+                                    double rate_out) noexcept
+{
+    return moveForWrite(*sampler, in_frames, rate_in, rate_out).framesOut;
+}
+
+uint32_t ausampler_write_interleaved(ausampler* sampler, const float* input, float* output,
+                                     uint32_t in_frames, double rate_in, double rate_out) noexcept
+{
+    return write(sampler, ChannelTable::interleaved(input, sampler->channel_count),
+                 ChannelTable::interleaved(output, sampler->channel_count), in_frames, rate_in, rate_out);
+}
+
+uint32_t ausampler_write_noninterleaved(ausampler* sampler, const float* const* input, float* const* output,
+                                        uint32_t in_frames, double rate_in, double rate_out) noexcept
+{
+    return write(sampler, ChannelTable::noninterleaved(input), ChannelTable::noninterleaved(output),
+                 in_frames, rate_in, rate_out);
+}
+
+uint32_t ausampler_write_iovec(ausampler* sampler, const ausampler_iovec* input,
+                               const ausampler_iovec* output, uint32_t in_frames, double rate_in,
+                               double rate_out) noexcept
+{
+    return write(sampler, ChannelTable::iovec(input), ChannelTable::iovec(output), in_frames, rate_in,
+                 rate_out);
+}

@@ -1,0 +1,4 @@
+#include "DenormalFlush.h"
+
+DenormalFlush::DenormalFlush() noexcept = default;
+DenormalFlush::~DenormalFlush() = default;

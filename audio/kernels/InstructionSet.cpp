@@ -1,0 +1,26 @@
+#include "InstructionSet.h"
+
+#include <atomic>
+
+namespace {
+
+// Null until the first use. Whoever finds null stores the same value as any other, and the sets are
+// constants, so relaxed order is enough.
+std::atomic<const InstructionSet*> chosen{nullptr};
+
+} // namespace
+
+const InstructionSet& instructionSet() noexcept
+{
+    const InstructionSet* set = chosen.load(std::memory_order_relaxed);
+    if (!set) {
+        set = &availableInstructionSets().back();
+        chosen.store(set, std::memory_order_relaxed);
+    }
+    return *set;
+}
+
+void useInstructionSet(const InstructionSet& set) noexcept
+{
+    chosen.store(&set, std::memory_order_relaxed);
+}

@@ -1,0 +1,28 @@
+#include "InstructionSet.h"
+#include "SampleKernels.h"
+#include "SamplerKernels.h"
+
+extern const SampleKernels sampleKernelsAVX2;
+extern const SampleKernels sampleKernelsAVX512;
+extern const SamplerKernels samplerKernelsAVX2;
+extern const SamplerKernels samplerKernelsAVX512;
+
+namespace {
+
+constexpr InstructionSet sets[] = {
+    {"SSE2", &samplerKernels4, &sampleKernels4},
+    {"AVX2", &samplerKernelsAVX2, &sampleKernelsAVX2},
+    {"AVX-512", &samplerKernelsAVX512, &sampleKernelsAVX512},
+};
+
+} // namespace
+
+std::span<const InstructionSet> availableInstructionSets() noexcept
+{
+    __builtin_cpu_init(); // this may run before the constructor that does it
+    if (!__builtin_cpu_supports("avx2"))
+        return std::span(sets).first(1);
+    const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+                      __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq");
+    return std::span(sets).first(wide ? 3 : 2);
+}

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+// Vectors of `count` floats and what the kernels do with them beyond arithmetic, which the compiler offers.
+// Only the kernel sources include this, each compiled for one instruction set, and everything is in an
+// unnamed namespace: a function shared between them would carry instructions to processors that lack them.
+
+namespace {
+
+template <int count> struct LanesOf {
+    typedef float Floats __attribute__((vector_size(count * sizeof(float))));
+};
+template <int count> using Lanes = typename LanesOf<count>::Floats;
+template <int count> struct WideLanesOf {
+    typedef double Doubles __attribute__((vector_size(count * sizeof(double))));
+    typedef int32_t Ints __attribute__((vector_size(count * sizeof(int32_t))));
+    typedef int16_t Shorts __attribute__((vector_size(count * sizeof(int16_t))));
+};
+template <int count> using WideLanes = typename WideLanesOf<count>::Doubles;
+template <int count> using Ints = typename WideLanesOf<count>::Ints;
+template <int count> using Shorts = typename WideLanesOf<count>::Shorts;
+using Pairs = double __attribute__((vector_size(16))); // two pairs of floats, to be moved only
+
+template <int count> inline Lanes<count> allLanes(float value)
+{
+    return value - Lanes<count>{}; // the one way from a number to a vector that both compilers take
+}
+
+template <int count> inline Lanes<count> loadLanes(const void* from)
+{
+    Lanes<count> lanes;
+    std::memcpy(&lanes, from, sizeof lanes);
+    return lanes;
+}
+
+template <int count> inline void storeLanes(void* to, Lanes<count> lanes)
+{
+    std::memcpy(to, &lanes, sizeof lanes);
+}
+
+/// `used` floats in the lowest lanes, zeros above.
+template <int used> inline auto loadLowLanes(const float* from)
+{
+    if constexpr (used == 1) {
+        return Lanes<4>{*from, 0, 0, 0};
+    } else if constexpr (used == 2) {
+        double pair;
+        std::memcpy(&pair, from, sizeof pair);
+        return reinterpret_cast<Lanes<4>>(Pairs{pair, 0});
+    } else {
+        return loadLanes<used>(from);
+    }
+}
+
+template <int used, class Vector> inline void storeLowLanes(float* to, Vector lanes)
+{
+    std::memcpy(to, &lanes, used * sizeof(float));
+}
+
+template <int count> inline Lanes<2 * count> joined(Lanes<count> low, Lanes<count> high)
+{
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<2 * count>(__builtin_shufflevector(low, high, lane...));
+    }
+    (std::make_integer_sequence<int, 2 * count>());
+}
+
+/// The lanes of four-lane groups of `a` and `b` in the order given, 4 to 7 standing for those of b.
+template <int count, int i0, int i1, int i2, int i3>
+inline Lanes<count> shuffledInFours(Lanes<count> a, Lanes<count> b)
+{
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        constexpr int pick[4] = {i0, i1, i2, i3};
+        return Lanes<count>(__builtin_shufflevector(
+            a, b, (pick[lane % 4] < 4 ? pick[lane % 4] : pick[lane % 4] - 4 + count) + lane / 4 * 4 ...));
+    }
+    (std::make_integer_sequence<int, count>());
+}
+
+/// Each of the count / times floats at `from`, repeated `times` times. Reads `count` floats, wanted or not.
+template <int count, int times> inline Lanes<count> repeated(const float* from)
+{
+    if constexpr (times == 1) {
+        return loadLanes<count>(from);
+    } else if constexpr (times == count) {
+        return allLanes<count>(*from);
+    } else {
+        const Lanes<count> all = loadLanes<count>(from);
+        return [&]<int... lane>(std::integer_sequence<int, lane...>)
+        {
+            return Lanes<count>(__builtin_shufflevector(all, all, lane / times...));
+        }
+        (std::make_integer_sequence<int, count>());
+    }
+}
+
+/// Lanes first … first + used - 1, lowest; with fewer than four, the rest of a vector of four is anything.
+template <int count, int used, int first> inline auto lanesFrom(Lanes<count> lanes)
+{
+    constexpr int size = used < 4 ? 4 : used;
+    if constexpr (size == count && first == 0) {
+        return lanes;
+    } else {
+        return [&]<int... lane>(std::integer_sequence<int, lane...>)
+        {
+            return Lanes<size>(__builtin_shufflevector(lanes, lanes, (first + lane % used)...));
+        }
+        (std::make_integer_sequence<int, size>());
+    }
+}
+
+} // namespace

@@ -1,0 +1,3 @@
+#include "SampleLoops.h"
+
+constinit const SampleKernels sampleKernels4 = sampleKernels<4>();

@@ -1,0 +1,213 @@
+#pragma once
+
+#include "LaneOperations.h"
+#include "Lanes.h"
+#include "SampleKernels.h"
+
+// The loops behind SampleKernels, written once for any vector width. See Lanes.h for why all is unnamed.
+
+namespace {
+
+template <int count> inline Shorts<count> loadShorts(const int16_t* from)
+{
+    Shorts<count> shorts;
+    std::memcpy(&shorts, from, sizeof shorts);
+    return shorts;
+}
+
+template <int count> inline Lanes<count> clamped(Lanes<count> x, float low, float high)
+{
+    return notBelow<count>(allLanes<count>(low), notAbove<count>(allLanes<count>(high), x));
+}
+
+/// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0.
+template <int count> inline Shorts<count> rounded(Lanes<count> x)
+{
+    // By the bits of the sign: 32768 is 0x200 above 32767 as a float. At -0 either scale gives 0.
+    const Ints<count> bits = reinterpret_cast<Ints<count>>(x);
+    const Lanes<count> scale = reinterpret_cast<Lanes<count>>((bits >> 31 & 0x200) + 0x46FFFE00);
+    const Ints<count> half = (bits & INT32_MIN) | 0x3F000000;
+    return toShorts<count>(clamped<count>(x * scale, -32768.0F, 32767.0F) +
+                           reinterpret_cast<Lanes<count>>(half));
+}
+
+template <int count> inline Lanes<count> widened(Shorts<count> v)
+{
+    const Ints<count> ints = toInts<count>(v);
+    // 1/32767, and where the sign is set 1/32768, which is 0x100 below it as a float.
+    const Ints<count> scale = (ints >> 31 & -0x100) + 0x38000100;
+    return __builtin_convertvector(ints, Lanes<count>) * reinterpret_cast<Lanes<count>>(scale);
+}
+
+template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
+{
+    const Ints<count> highest = Ints<count>{} + 32767, lowest = Ints<count>{} - 32768;
+    Ints<count> sum = toInts<count>(a) + toInts<count>(b);
+    sum = sum < highest ? sum : highest;
+    return __builtin_convertvector(sum > lowest ? sum : lowest, Shorts<count>);
+}
+
+/// Calls `step` with every whole vector of `count` samples, and once with what is left, copied to full
+/// vectors and back.
+template <int width, class From, class To, class Step>
+inline void forEachVector(const From* from, To* to, size_t count, const Step& step)
+{
+    size_t i = 0;
+    for (; i + width <= count; i += width)
+        step(from + i, to + i);
+    if (i == count)
+        return;
+    From lastFrom[width] = {};
+    To lastTo[width] = {};
+    std::memcpy(lastFrom, from + i, (count - i) * sizeof(From));
+    std::memcpy(lastTo, to + i, (count - i) * sizeof(To));
+    step(lastFrom, lastTo);
+    std::memcpy(to + i, lastTo, (count - i) * sizeof(To));
+}
+
+template <int width> void mix(const float* from, float* to, size_t count)
+{
+    forEachVector<width>(from, to, count, [](const float* a, float* b) {
+        storeLanes<width>(b, clamped<width>(loadLanes<width>(a) + loadLanes<width>(b), -1, 1));
+    });
+}
+
+template <int width> void toInt16(const float* from, int16_t* to, size_t count)
+{
+    forEachVector<width>(from, to, count, [](const float* a, int16_t* b) {
+        const Shorts<width> shorts = rounded<width>(loadLanes<width>(a));
+        std::memcpy(b, &shorts, sizeof shorts);
+    });
+}
+
+template <int width> void fromInt16(const int16_t* from, float* to, size_t count)
+{
+    forEachVector<width>(from, to, count, [](const int16_t* a, float* b) {
+        storeLanes<width>(b, widened<width>(loadShorts<width>(a)));
+    });
+}
+
+template <int width> void mixToInt16(const float* from, int16_t* to, size_t count)
+{
+    forEachVector<width>(from, to, count, [](const float* a, int16_t* b) {
+        const Shorts<width> shorts =
+            saturatedSum<width>(rounded<width>(loadLanes<width>(a)), loadShorts<width>(b));
+        std::memcpy(b, &shorts, sizeof shorts);
+    });
+}
+
+template <int width> void mixFromInt16(const int16_t* from, float* to, size_t count)
+{
+    forEachVector<width>(from, to, count, [](const int16_t* a, float* b) {
+        storeLanes<width>(b,
+                          clamped<width>(widened<width>(loadShorts<width>(a)) + loadLanes<width>(b), -1, 1));
+    });
+}
+
+/// Lanes first, first + step, … of a and b together.
+template <int width, int first, int step> inline Lanes<width> everyOther(Lanes<width> a, Lanes<width> b)
+{
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<width>(__builtin_shufflevector(a, b, (first + step * lane)...));
+    }
+    (std::make_integer_sequence<int, width>());
+}
+
+/// One lane of a, one of b, in turn, from lane `first` on.
+template <int width, int first> inline Lanes<width> inTurn(Lanes<width> a, Lanes<width> b)
+{
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<width>(__builtin_shufflevector(a, b, (first + lane / 2 + lane % 2 * width)...));
+    }
+    (std::make_integer_sequence<int, width>());
+}
+
+// Riffling the first half of all lanes with the second rotates the bits of each lane's place by one; as many
+// times as the channel number has bits, that turns channels of samples into samples of channels.
+template <int width, int channels>
+uint32_t interleaveVectors(const float* const* from, float* to, uint32_t frameCount)
+{
+    uint32_t frame = 0;
+    for (; frame + width <= frameCount; frame += width, to += width * channels) {
+        Lanes<width> lanes[channels], riffled[channels];
+        for (int c = 0; c < channels; ++c)
+            lanes[c] = loadLanes<width>(from[c] + frame);
+        for (int bit = 1; bit < channels; bit *= 2) {
+            for (int c = 0; c < channels / 2; ++c) {
+                riffled[2 * c] = inTurn<width, 0>(lanes[c], lanes[c + channels / 2]);
+                riffled[2 * c + 1] = inTurn<width, width / 2>(lanes[c], lanes[c + channels / 2]);
+            }
+            std::memcpy(lanes, riffled, sizeof lanes);
+        }
+        for (int c = 0; c < channels; ++c)
+            storeLanes<width>(to + c * width, lanes[c]);
+    }
+    return frame;
+}
+
+template <int width, int channels>
+uint32_t deinterleaveVectors(const float* from, float* const* to, uint32_t frameCount)
+{
+    uint32_t frame = 0;
+    for (; frame + width <= frameCount; frame += width, from += width * channels) {
+        Lanes<width> lanes[channels], sorted[channels];
+        for (int c = 0; c < channels; ++c)
+            lanes[c] = loadLanes<width>(from + c * width);
+        for (int bit = 1; bit < channels; bit *= 2) {
+            for (int c = 0; c < channels / 2; ++c) {
+                sorted[c] = everyOther<width, 0, 2>(lanes[2 * c], lanes[2 * c + 1]);
+                sorted[c + channels / 2] = everyOther<width, 1, 2>(lanes[2 * c], lanes[2 * c + 1]);
+            }
+            std::memcpy(lanes, sorted, sizeof lanes);
+        }
+        for (int c = 0; c < channels; ++c)
+            storeLanes<width>(to[c] + frame, lanes[c]);
+    }
+    return frame;
+}
+
+template <int width>
+void interleave(const float* const* from, float* to, uint32_t channelCount, uint32_t stride,
+                uint32_t frameCount)
+{
+    uint32_t done = 0;
+    if (stride == channelCount) {
+        if (channelCount == 2)
+            done = interleaveVectors<width, 2>(from, to, frameCount);
+        else if (channelCount == 4)
+            done = interleaveVectors<width, 4>(from, to, frameCount);
+        else if (channelCount == 8)
+            done = interleaveVectors<width, 8>(from, to, frameCount);
+    }
+    for (uint32_t c = 0; c < channelCount; ++c)
+        for (uint32_t frame = done; frame < frameCount; ++frame)
+            to[size_t{frame} * stride + c] = from[c][frame];
+}
+
+template <int width>
+void deinterleave(const float* from, float* const* to, uint32_t channelCount, uint32_t stride,
+                  uint32_t frameCount)
+{
+    uint32_t done = 0;
+    if (stride == channelCount) {
+        if (channelCount == 2)
+            done = deinterleaveVectors<width, 2>(from, to, frameCount);
+        else if (channelCount == 4)
+            done = deinterleaveVectors<width, 4>(from, to, frameCount);
+        else if (channelCount == 8)
+            done = deinterleaveVectors<width, 8>(from, to, frameCount);
+    }
+    for (uint32_t c = 0; c < channelCount; ++c)
+        for (uint32_t frame = done; frame < frameCount; ++frame)
+            to[c][frame] = from[size_t{frame} * stride + c];
+}
+
+template <int width> constexpr SampleKernels sampleKernels()
+{
+    return {mix<width>,          toInt16<width>,    fromInt16<width>,   mixToInt16<width>,
+            mixFromInt16<width>, interleave<width>, deinterleave<width>};
+}
+
+} // namespace

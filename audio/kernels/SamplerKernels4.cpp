@@ -1,0 +1,3 @@
+#include "SamplerLoops.h"
+
+constinit const SamplerKernels samplerKernels4 = samplerKernels<4>();

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "Lanes.h"
+
+#include <immintrin.h>
+
+// What the compilers do not find by themselves: each is one instruction. Only for kernel sources; the widths
+// are those of the instruction set that is being compiled for.
+
+namespace {
+
+#ifdef __AVX512F__
+// The masked forms compile to the plain instructions, whose own form gcc 12 takes for uninitialised.
+constexpr __mmask16 everyLane = 0xFFFF;
+#endif
+
+/// `limit` where x is above it; a NaN stays.
+template <int count> inline Lanes<count> notAbove(Lanes<count> limit, Lanes<count> x)
+{
+    if constexpr (count == 4)
+        return _mm_min_ps(limit, x);
+#ifdef __AVX__
+    else if constexpr (count == 8)
+        return _mm256_min_ps(limit, x);
+#endif
+#ifdef __AVX512F__
+    else if constexpr (count == 16)
+        return _mm512_maskz_min_ps(everyLane, limit, x);
+#endif
+}
+
+/// `limit` where x is below it; a NaN stays.
+template <int count> inline Lanes<count> notBelow(Lanes<count> limit, Lanes<count> x)
+{
+    if constexpr (count == 4)
+        return _mm_max_ps(limit, x);
+#ifdef __AVX__
+    else if constexpr (count == 8)
+        return _mm256_max_ps(limit, x);
+#endif
+#ifdef __AVX512F__
+    else if constexpr (count == 16)
+        return _mm512_maskz_max_ps(everyLane, limit, x);
+#endif
+}
+
+template <int count> inline Ints<count> toInts(Shorts<count> v)
+{
+#ifdef __AVX512F__
+    if constexpr (count == 16)
+        return reinterpret_cast<Ints<count>>(
+            _mm512_maskz_cvtepi16_epi32(everyLane, reinterpret_cast<__m256i>(v)));
+    else
+#endif
+        return __builtin_convertvector(v, Ints<count>);
+}
+
+/// Cut to whole numbers and to their low 16 bits; NaN gives 0, because its whole number is -2^31.
+template <int count> inline Shorts<count> toShorts(Lanes<count> x)
+{
+#ifdef __AVX512F__
+    if constexpr (count == 16)
+        return reinterpret_cast<Shorts<count>>(
+            _mm512_maskz_cvtepi32_epi16(everyLane, _mm512_maskz_cvttps_epi32(everyLane, x)));
+#endif
+#ifdef __AVX__
+    if constexpr (count == 8)
+        return __builtin_convertvector(reinterpret_cast<Ints<count>>(_mm256_cvttps_epi32(x)), Shorts<count>);
+#endif
+    if constexpr (count == 4)
+        return __builtin_convertvector(reinterpret_cast<Ints<count>>(_mm_cvttps_epi32(x)), Shorts<count>);
+}
+
+} // namespace

@@ -1,0 +1,170 @@
+#include "Resamplers.h"
+
+#include "PlainSampler.h"
+#include "ausampler.h"
+
+#include <samplerate.h>
+#include <soxr.h>
+#include <speex/speex_resampler.h>
+#include <stdexcept>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
+#include <libswresample/swresample.h>
+}
+
+namespace {
+
+constexpr uint32_t roomFrames = 1 << 16; // more than any block comes to
+
+class Ours final : public Resampler {
+public:
+    Ours(uint32_t rateIn, uint32_t rateOut, uint32_t channels)
+        : _sampler(ausampler_create(channels), ausampler_destroy), _rateIn(rateIn), _rateOut(rateOut)
+    {}
+    uint32_t convert(const float* input, uint32_t frames, float* output) override
+    {
+        const uint32_t out = ausampler_write_frames_out(_sampler.get(), frames, _rateIn, _rateOut);
+        ausampler_write_interleaved(_sampler.get(), input, output, frames, _rateIn, _rateOut);
+        return out;
+    }
+
+private:
+    std::unique_ptr<ausampler, decltype(&ausampler_destroy)> _sampler;
+    const double _rateIn, _rateOut;
+};
+
+class Plain final : public Resampler {
+public:
+    Plain(uint32_t rateIn, uint32_t rateOut, uint32_t channels)
+        : _sampler(channels), _rateIn(rateIn), _rateOut(rateOut)
+    {}
+    uint32_t convert(const float* input, uint32_t frames, float* output) override
+    {
+        return _sampler.write(input, frames, output, _rateIn, _rateOut);
+    }
+
+private:
+    PlainSampler _sampler;
+    const double _rateIn, _rateOut;
+};
+
+class Swresample final : public Resampler {
+public:
+    Swresample(uint32_t rateIn, uint32_t rateOut, uint32_t channels, int taps)
+    {
+        AVChannelLayout layout;
+        av_channel_layout_default(&layout, static_cast<int>(channels));
+        if (swr_alloc_set_opts2(&_context, &layout, AV_SAMPLE_FMT_FLT, static_cast<int>(rateOut), &layout,
+                                AV_SAMPLE_FMT_FLT, static_cast<int>(rateIn), 0, nullptr) != 0)
+            throw std::runtime_error("swresample");
+        if (taps != 0)
+            av_opt_set_int(_context, "filter_size", taps, 0);
+        if (swr_init(_context) < 0)
+            throw std::runtime_error("swresample");
+    }
+    ~Swresample() override { swr_free(&_context); }
+    uint32_t convert(const float* input, uint32_t frames, float* output) override
+    {
+        const auto* in = reinterpret_cast<const uint8_t*>(input);
+        auto* out = reinterpret_cast<uint8_t*>(output);
+        return static_cast<uint32_t>(swr_convert(_context, &out, roomFrames, &in, static_cast<int>(frames)));
+    }
+
+private:
+    SwrContext* _context = nullptr;
+};
+
+class Soxr final : public Resampler {
+public:
+    Soxr(uint32_t rateIn, uint32_t rateOut, uint32_t channels, unsigned long quality)
+    {
+        const soxr_quality_spec_t spec = soxr_quality_spec(quality, 0);
+        const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
+        soxr_error_t error = nullptr;
+        _soxr = soxr_create(rateIn, rateOut, channels, &error, &io, &spec, nullptr);
+        if (error)
+            throw std::runtime_error(error);
+    }
+    ~Soxr() override { soxr_delete(_soxr); }
+    uint32_t convert(const float* input, uint32_t frames, float* output) override
+    {
+        size_t used = 0, made = 0;
+        soxr_process(_soxr, input, frames, &used, output, roomFrames, &made);
+        return static_cast<uint32_t>(made);
+    }
+
+private:
+    soxr_t _soxr;
+};
+
+class Speex final : public Resampler {
+public:
+    Speex(uint32_t rateIn, uint32_t rateOut, uint32_t channels, int quality)
+    {
+        int error = 0;
+        _speex = speex_resampler_init(channels, rateIn, rateOut, quality, &error);
+        if (error != 0)
+            throw std::runtime_error("speexdsp");
+    }
+    ~Speex() override { speex_resampler_destroy(_speex); }
+    uint32_t convert(const float* input, uint32_t frames, float* output) override
+    {
+        uint32_t used = frames, made = roomFrames;
+        speex_resampler_process_interleaved_float(_speex, input, &used, output, &made);
+        return made;
+    }
+
+private:
+    SpeexResamplerState* _speex;
+};
+
+class Samplerate final : public Resampler {
+public:
+    Samplerate(uint32_t rateIn, uint32_t rateOut, uint32_t channels, int type)
+        : _ratio(static_cast<double>(rateOut) / rateIn)
+    {
+        int error = 0;
+        _state = src_new(type, static_cast<int>(channels), &error);
+        if (error != 0)
+            throw std::runtime_error(src_strerror(error));
+    }
+    ~Samplerate() override { src_delete(_state); }
+    uint32_t convert(const float* input, uint32_t frames, float* output) override
+    {
+        SRC_DATA data{input, output, static_cast<long>(frames), roomFrames, 0, 0, 0, _ratio};
+        src_process(_state, &data);
+        return static_cast<uint32_t>(data.output_frames_gen);
+    }
+
+private:
+    SRC_STATE* _state;
+    const double _ratio;
+};
+
+template <class Type, class... Setting> ResamplerKind kind(const char* name, Setting... setting)
+{
+    return {name, [=](uint32_t rateIn, uint32_t rateOut, uint32_t channels) {
+                return std::make_unique<Type>(rateIn, rateOut, channels, setting...);
+            }};
+}
+
+} // namespace
+
+const std::vector<ResamplerKind>& resamplerKinds()
+{
+    static const std::vector<ResamplerKind> kinds{
+        kind<Ours>("dxr"),
+        kind<Plain>("the same rules, plain"),
+        kind<Swresample>("libswresample, 8 taps", 8),
+        kind<Swresample>("libswresample, default", 0),
+        kind<Soxr>("soxr, quick", static_cast<unsigned long>(SOXR_QQ)),
+        kind<Soxr>("soxr, low", static_cast<unsigned long>(SOXR_LQ)),
+        kind<Speex>("speexdsp, quality 0", 0),
+        kind<Speex>("speexdsp, quality 3", 3),
+        kind<Samplerate>("libsamplerate, linear", static_cast<int>(SRC_LINEAR)),
+        kind<Samplerate>("libsamplerate, sinc fastest", static_cast<int>(SRC_SINC_FASTEST)),
+    };
+    return kinds;
+}

@@ -1,0 +1,117 @@
+// What does a conversion between host time and sample time cost, beside the one division it cannot do without and
+// beside double precision; and how often is double precision wrong?
+
+#include "Contest.h"
+#include "auclock.h"
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <random>
+
+namespace {
+
+constexpr double rate = 44100;
+constexpr uint64_t epoch = 1'000'000'007;
+constexpr size_t count = 1024;
+const std::unique_ptr<auclock, decltype(&auclock_destroy)> theClock(auclock_create(epoch, 0, rate),
+                                                                    auclock_destroy);
+
+uint64_t doubleSampleTime(uint64_t abstime)
+{
+    return static_cast<uint64_t>(
+        std::floor(static_cast<double>(abstime - epoch) * (rate / 1e9) + 22050 / 1e9));
+}
+
+uint64_t doubleAbstime(uint64_t sampletime)
+{
+    return static_cast<uint64_t>(std::floor(static_cast<double>(sampletime) * (1e9 / rate) + 5e8 / rate)) +
+           epoch;
+}
+
+uint64_t bareQuotient(uint64_t high, uint64_t low, uint64_t divisor)
+{
+#ifdef __x86_64__
+    asm("divq %2" : "+a"(low), "+d"(high) : "r"(divisor) : "cc");
+    return low;
+#else
+    return static_cast<uint64_t>((static_cast<unsigned __int128>(high) << 64 | low) / divisor);
+#endif
+}
+
+uint64_t libraryQuotient(uint64_t high, uint64_t low, uint64_t divisor)
+{
+    __extension__ using Wide = unsigned __int128;
+    return static_cast<uint64_t>((static_cast<Wide>(high) << 64 | low) / divisor);
+}
+
+/// Times `convert` over all inputs.
+template <class Convert> std::function<uint64_t()> over(const std::vector<uint64_t>& inputs, Convert convert)
+{
+    return [&inputs, convert] {
+        for (const uint64_t input : inputs) {
+            const uint64_t result = convert(input);
+            asm volatile("" : : "r"(result));
+        }
+        return uint64_t{count};
+    };
+}
+
+void printSpeed()
+{
+    std::mt19937_64 random(1);
+    std::vector<uint64_t> ticks(count), samples(count);
+    for (size_t i = 0; i < count; ++i) {
+        samples[i] = random() % (44100ULL * 86400 * 30);
+        ticks[i] = epoch + samples[i] * 22675;
+    }
+    FigureTable table("sample clock: ns per conversion");
+    Contest toSamples, toTicks;
+    toSamples.add("dxr",
+                  over(ticks, [](uint64_t t) { return auclock_abstime_to_sampletime(theClock.get(), t); }));
+    toSamples.add("bare division",
+                  over(ticks, [](uint64_t t) { return bareQuotient(0, t * 44100, 1'000'000'000); }));
+    toSamples.add("128-bit library division",
+                  over(ticks, [](uint64_t t) { return libraryQuotient(t >> 60, t * 44100, 1'000'000'000); }));
+    toSamples.add("double precision", over(ticks, doubleSampleTime));
+    table.addColumn("to samples", toSamples.names(), toSamples.run());
+    toTicks.add("dxr",
+                over(samples, [](uint64_t s) { return auclock_sampletime_to_abstime(theClock.get(), s); }));
+    toTicks.add("bare division",
+                over(samples, [](uint64_t s) { return bareQuotient(0, s * 1'000'000'000, 44100); }));
+    toTicks.add("128-bit library division",
+                over(samples, [](uint64_t s) { return libraryQuotient(s >> 60, s * 1'000'000'000, 44100); }));
+    toTicks.add("double precision", over(samples, doubleAbstime));
+    table.addColumn("to ticks", toTicks.names(), toTicks.run());
+    table.print("bare division");
+}
+
+void printErrors()
+{
+    std::mt19937_64 random(2);
+    std::printf("\ndouble precision: wrong answers in a million\n%-12s %12s %12s\n", "after", "to samples",
+                "to ticks");
+    const struct {
+        const char* name;
+        uint64_t seconds;
+    } ages[] = {{"an hour", 3600}, {"a day", 86400}, {"a week", 604800}, {"a year", 31536000}};
+    for (const auto& age : ages) {
+        int wrongSamples = 0, wrongTicks = 0;
+        for (int i = 0; i < 1'000'000; ++i) {
+            const uint64_t sample = 44100 * age.seconds + random() % 44100'000;
+            // Deadlines fall on the first tick of a sample: the hardest to place.
+            const uint64_t tick = epoch + (sample * 1'000'000'000 + 44099) / 44100;
+            wrongSamples += doubleSampleTime(tick) != auclock_abstime_to_sampletime(theClock.get(), tick);
+            wrongTicks += doubleAbstime(sample) != auclock_sampletime_to_abstime(theClock.get(), sample);
+        }
+        std::printf("%-12s %12d %12d\n", age.name, wrongSamples, wrongTicks);
+    }
+}
+
+} // namespace
+
+int main()
+{
+    printSpeed();
+    printErrors();
+}

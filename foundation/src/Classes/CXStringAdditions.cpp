@@ -1,0 +1,247 @@
+#include "CXStringAdditions.h"
+
+#include "Utf8.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cwctype>
+#include <iconv.h>
+#include <limits>
+#include <locale.h>
+#include <random>
+#include <vector>
+
+namespace {
+
+/// The first character of `text`, which is not empty; a byte that begins none is one.
+std::string_view firstCharacter(std::string_view text)
+{
+    return text.substr(0, std::max<size_t>(platform::utf8CharacterLength(text), 1));
+}
+
+/// Its code point; a byte that is no character has none of anybody's interest.
+char32_t codePointOf(std::string_view character)
+{
+    const auto byte = [&](size_t i) { return static_cast<char32_t>(static_cast<uint8_t>(character[i])); };
+    switch (character.size()) {
+    case 2:
+        return (byte(0) & 0x1F) << 6 | (byte(1) & 0x3F);
+    case 3:
+        return (byte(0) & 0x0F) << 12 | (byte(1) & 0x3F) << 6 | (byte(2) & 0x3F);
+    case 4:
+        return (byte(0) & 0x07) << 18 | (byte(1) & 0x3F) << 12 | (byte(2) & 0x3F) << 6 | (byte(3) & 0x3F);
+    default:
+        return byte(0) < 0x80 ? byte(0) : 0xFFFD;
+    }
+}
+
+bool isSpace(std::string_view character)
+{
+    const char32_t c = codePointOf(character);
+    return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
+           (c >= 0x2000 && c <= 0x200B) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F ||
+           c == 0x3000;
+}
+
+/// Whether a scan for numbers passes over it.
+bool isSkipped(std::string_view character)
+{
+    // Unicode's letters, whatever locale the application has chosen.
+    static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const char32_t c = codePointOf(character);
+    if (c < 0x80)
+        return std::isalpha(static_cast<int>(c)) != 0 ||
+               std::string_view("*= ,:{}()[]").find(static_cast<char>(c)) != std::string_view::npos;
+    return unicode && iswalpha_l(static_cast<wint_t>(c), unicode) != 0;
+}
+
+/// How many bytes at the start of `text` are a decimal number; 0 when none are.
+size_t numberLength(std::string_view text)
+{
+    size_t end = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
+    const auto skipDigits = [&] {
+        const size_t start = end;
+        while (end < text.size() && text[end] >= '0' && text[end] <= '9')
+            ++end;
+        return end - start;
+    };
+    size_t digits = skipDigits();
+    if (end < text.size() && text[end] == '.') {
+        ++end;
+        digits += skipDigits();
+    }
+    if (digits == 0)
+        return 0;
+    const size_t mantissaEnd = end;
+    if (end < text.size() && (text[end] == 'e' || text[end] == 'E')) {
+        ++end;
+        if (end < text.size() && (text[end] == '-' || text[end] == '+'))
+            ++end;
+        if (skipDigits() == 0)
+            end = mantissaEnd;
+    }
+    return end;
+}
+
+/// The number at the start of `text`, as numberLength() measured it.
+template <class Real> Real numberValue(std::string_view text)
+{
+    const bool isNegative = text[0] == '-';
+    if (text[0] == '-' || text[0] == '+')
+        text.remove_prefix(1);
+    Real value = 0;
+    if (std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc::result_out_of_range) {
+        // Too large or too small, which it does not say: the sign of the exponent does, where there is one.
+        const size_t exponent = text.find_first_of("eE");
+        const bool isTiny = exponent != std::string_view::npos
+                                ? text[exponent + 1] == '-'
+                                : text.find_first_of("123456789") > text.find('.');
+        value = isTiny ? Real{0} : std::numeric_limits<Real>::infinity();
+    }
+    return isNegative ? -value : value;
+}
+
+} // namespace
+
+std::string uuidString()
+{
+    std::random_device random; // the kernel's
+    uint32_t words[4];
+    std::ranges::generate(words, std::ref(random));
+    words[1] = (words[1] & 0xFFFF0FFFU) | 0x4000U;     // version 4: random
+    words[2] = (words[2] & 0x3FFFFFFFU) | 0x80000000U; // variant 1
+    char text[37];
+    std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%04X%08X", words[0], words[1] >> 16,
+                  words[1] & 0xFFFFU, words[2] >> 16, words[2] & 0xFFFFU, words[3]);
+    return text;
+}
+
+std::optional<std::string> stringWithData(std::span<const std::byte> data, const std::string& encoding)
+{
+    const iconv_t converter = iconv_open("UTF-8", encoding.c_str());
+    if (converter == reinterpret_cast<iconv_t>(-1))
+        return std::nullopt;
+    std::string input(reinterpret_cast<const char*>(data.data()), data.size());
+    std::string text(data.size() * 4 + 4, '\0'); // no encoding in use needs more
+    char* from = input.data();
+    char* to = text.data();
+    size_t left = input.size();
+    size_t room = text.size();
+    const bool isWhole = iconv(converter, &from, &left, &to, &room) != static_cast<size_t>(-1) && left == 0;
+    iconv_close(converter);
+    if (!isWhole)
+        return std::nullopt;
+    text.resize(text.size() - room);
+    return text;
+}
+
+std::optional<std::string> stringWithUTF8Data(std::span<const std::byte> data)
+{
+    const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+    for (std::string_view rest = text; !rest.empty();) {
+        const size_t length = platform::utf8CharacterLength(rest);
+        if (length == 0)
+            return std::nullopt;
+        rest.remove_prefix(length);
+    }
+    return std::string(text);
+}
+
+std::string stringByRemovingCharactersInSet(std::string_view text, std::string_view set)
+{
+    std::vector<std::string_view> removed;
+    for (; !set.empty(); set.remove_prefix(removed.back().size()))
+        removed.push_back(firstCharacter(set));
+    std::string result;
+    while (!text.empty()) {
+        const std::string_view character = firstCharacter(text);
+        if (std::ranges::find(removed, character) == removed.end())
+            result += character;
+        text.remove_prefix(character.size());
+    }
+    return result;
+}
+
+std::string stringByTrimmingWhitespace(std::string_view text)
+{
+    while (!text.empty() && isSpace(firstCharacter(text)))
+        text.remove_prefix(firstCharacter(text).size());
+    size_t end = 0;
+    for (size_t i = 0; i < text.size();) {
+        const std::string_view character = firstCharacter(text.substr(i));
+        i += character.size();
+        if (!isSpace(character))
+            end = i;
+    }
+    return std::string(text.substr(0, end));
+}
+
+std::string stringByReplacingQuotesWithSmartQuotes(std::string_view text)
+{
+    std::string result;
+    bool opens = true;
+    for (const char c : text) {
+        if (c != '"') {
+            result += c;
+            continue;
+        }
+        result += opens ? "\u201C" : "\u201D";
+        opens = !opens;
+    }
+    return result;
+}
+
+int32_t scanFloatArray(std::string_view text, float* floats, int32_t count)
+{
+    for (int32_t read = 0; read < count; ++read) {
+        while (!text.empty() && isSkipped(firstCharacter(text)))
+            text.remove_prefix(firstCharacter(text).size());
+        const size_t length = numberLength(text);
+        if (length == 0)
+            return read;
+        floats[read] = numberValue<float>(text.substr(0, length));
+        text.remove_prefix(length);
+    }
+    return count;
+}
+
+bool hasPrefixInArray(std::string_view text, const CXPlist& prefixes)
+{
+    return prefixes.is_array() && std::ranges::any_of(prefixes, [text](const CXPlist& prefix) {
+               const auto* const begin = prefix.get_ptr<const std::string*>();
+               return begin && text.starts_with(*begin);
+           });
+}
+
+void simpleReplace(std::string& text, std::string_view target, std::string_view replacement)
+{
+    if (target.empty())
+        return;
+    for (size_t at = text.find(target); at != std::string::npos;
+         at = text.find(target, at + replacement.size()))
+        text.replace(at, target.size(), replacement);
+}
+
+void simpleReplaceKeysWithValuesFrom(std::string& text, const CXPlist& replacements)
+{
+    if (!replacements.is_object())
+        return;
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (const auto& [key, value] : replacements.items()) {
+        if (value.is_string())
+            pairs.emplace_back(key, value.get<std::string>());
+    }
+    std::ranges::stable_sort(pairs, std::greater(), [](const auto& pair) { return pair.first.size(); });
+    for (const auto& [key, value] : pairs)
+        simpleReplace(text, key, value);
+}
+
+double CXLeadingNumber(std::string_view text)
+{
+    while (!text.empty() && isSpace(firstCharacter(text)))
+        text.remove_prefix(firstCharacter(text).size());
+    const size_t length = numberLength(text);
+    return length == 0 ? 0.0 : numberValue<double>(text.substr(0, length));
+}

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "CXBlock.h"
+
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+template <class Signature> class CXBlockRef;
+
+/// A callable that the caller keeps for the length of a call: how a function takes one that it does not
+/// store. Made from anything that can be called, a CXBlock included, without a copy; false when made from an
+/// empty one. Threads:   as the callable. Real time: everything.
+template <class Result, class... Arguments> class CXBlockRef<Result(Arguments...)> {
+public:
+    CXBlockRef() noexcept = default;
+    CXBlockRef(std::nullptr_t) noexcept {}
+    template <class Callable>
+    requires(!std::same_as<std::remove_cvref_t<Callable>, CXBlockRef> &&
+             std::is_invocable_r_v<Result, Callable&, Arguments...>) CXBlockRef(Callable&& callable)
+    noexcept // NOLINT: borrows, whatever it is given
+    {
+        if constexpr (std::is_constructible_v<bool, Callable&> &&
+                      std::is_class_v<std::remove_cvref_t<Callable>>) {
+            if (!static_cast<bool>(callable))
+                return;
+        }
+        _callable = const_cast<void*>(static_cast<const void*>(std::addressof(callable)));
+        _invoke = [](void* body, Arguments... arguments) -> Result {
+            return static_cast<Result>((*static_cast<std::remove_reference_t<Callable>*>(body))(
+                std::forward<Arguments>(arguments)...));
+        };
+    }
+
+    Result operator()(Arguments... arguments) const
+    {
+        return _invoke(_callable, std::forward<Arguments>(arguments)...);
+    }
+    explicit operator bool() const noexcept { return _invoke != nullptr; }
+
+private:
+    void* _callable = nullptr;
+    Result (*_invoke)(void*, Arguments...) = nullptr;
+};

@@ -1,0 +1,83 @@
+#include "DescriptorWatcher.h"
+
+#include <sys/epoll.h>
+
+namespace platform {
+
+namespace {
+
+// Once, until it is armed again: the descriptor stays readable while the message is on its way.
+epoll_event eventFor(int descriptor)
+{
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLONESHOT;
+    event.data.fd = descriptor;
+    return event;
+}
+
+} // namespace
+
+DescriptorWatcher& DescriptorWatcher::shared()
+{
+    static auto* const watcher = new DescriptorWatcher; // never destroyed: its thread runs on
+    return *watcher;
+}
+
+DescriptorWatcher::DescriptorWatcher() : _epoll(epoll_create1(EPOLL_CLOEXEC)) {}
+
+bool DescriptorWatcher::watch(int descriptor, const CXRef<Port>& port)
+{
+    const std::scoped_lock lock(_mutex);
+    epoll_event event = eventFor(descriptor);
+    _watched.emplace(descriptor, Watched{port.get(), CXWeak<Port>(port)});
+    if (epoll_ctl(_epoll, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+        if (_watched.at(descriptor).identity == port.get())
+            _watched.erase(descriptor);
+        return false;
+    }
+    if (!_isServing) {
+        Thread("dxr-descriptors", [this] { _serve(); }).detach();
+        _isServing = true;
+    }
+    return true;
+}
+
+void DescriptorWatcher::rearm(int descriptor, const Port& port)
+{
+    const std::scoped_lock lock(_mutex);
+    const auto found = _watched.find(descriptor);
+    epoll_event event = eventFor(descriptor);
+    if (found != _watched.end() && found->second.identity == &port)
+        epoll_ctl(_epoll, EPOLL_CTL_MOD, descriptor, &event);
+}
+
+void DescriptorWatcher::forget(int descriptor, const Port& port)
+{
+    const std::scoped_lock lock(_mutex);
+    const auto found = _watched.find(descriptor);
+    if (found == _watched.end() || found->second.identity != &port)
+        return;
+    epoll_ctl(_epoll, EPOLL_CTL_DEL, descriptor, nullptr);
+    _watched.erase(found);
+}
+
+void DescriptorWatcher::_serve()
+{
+    for (;;) {
+        epoll_event event{};
+        if (epoll_wait(_epoll, &event, 1, -1) != 1)
+            continue; // interrupted
+        CXRef<Port> port;
+        {
+            const std::scoped_lock lock(_mutex);
+            const auto found = _watched.find(event.data.fd);
+            if (found != _watched.end())
+                port = found->second.port.lock();
+        }
+        if (port)
+            port->send({});
+        // The reference goes here, outside the lock: it may be the last, and its end calls forget().
+    }
+}
+
+} // namespace platform

@@ -1,0 +1,100 @@
+#include "Port.h"
+
+#include "DescriptorWatcher.h"
+#include "PortSet.h"
+
+#include <algorithm>
+
+namespace platform {
+
+CXRef<Port> Port::init(size_t queueLimit)
+{
+    return CXRef<Port>::adopt(new Port(std::max<size_t>(queueLimit, 1), -1));
+}
+
+CXRef<Port> Port::initWithDescriptor(int descriptor)
+{
+    CXRef<Port> port = CXRef<Port>::adopt(new Port(1, descriptor));
+    return DescriptorWatcher::shared().watch(descriptor, port) ? port : nullptr;
+}
+
+Port::Port(size_t queueLimit, int descriptor) : _queueLimit(queueLimit), _descriptor(descriptor) {}
+
+Port::~Port()
+{
+    if (_descriptor >= 0)
+        DescriptorWatcher::shared().forget(_descriptor, *this);
+}
+
+Port::SendResult Port::send(std::span<const std::byte> message)
+{
+    CXRef<PortSet> set;
+    {
+        const std::scoped_lock lock(_mutex);
+        if (_isClosed)
+            return SendResult::Closed;
+        if (_messages.size() >= _queueLimit)
+            return SendResult::Full;
+        _messages.emplace_back(message.begin(), message.end());
+        set = _owner;
+    }
+    if (set)
+        set->_list(*this);
+    return SendResult::Sent;
+}
+
+void Port::close()
+{
+    if (_descriptor >= 0)
+        DescriptorWatcher::shared().forget(_descriptor, *this);
+    const std::scoped_lock lock(_mutex);
+    _isClosed = true;
+    _messages.clear();
+}
+
+CXRef<CXObject> Port::context() const
+{
+    const std::scoped_lock lock(_mutex);
+    return _context;
+}
+
+void Port::setContext(CXRef<CXObject> context)
+{
+    {
+        const std::scoped_lock lock(_mutex);
+        std::swap(_context, context);
+    }
+    // The old context goes here, where its end may call this port again.
+}
+
+void Port::messageHandled()
+{
+    if (_descriptor >= 0)
+        DescriptorWatcher::shared().rearm(_descriptor, *this);
+}
+
+bool Port::_join(CXRef<PortSet> set)
+{
+    const std::scoped_lock lock(_mutex);
+    std::swap(_owner, set);
+    return !_messages.empty();
+}
+
+CXRef<PortSet> Port::_set() const
+{
+    const std::scoped_lock lock(_mutex);
+    return _owner;
+}
+
+std::optional<Port::Message> Port::_take(const PortSet& set, bool& hasMore)
+{
+    const std::scoped_lock lock(_mutex);
+    if (_owner.get() != &set || _messages.empty())
+        return std::nullopt;
+    Message message = std::move(_messages.front());
+    _messages.pop_front();
+    hasMore = !_messages.empty();
+    return message;
+}
+
+} // namespace platform

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "AdaptiveSpin.h"
+#include "Futex.h"
+#include "Port.h"
+
+#include <atomic>
+#include <deque>
+#include <mutex>
+
+namespace platform {
+
+/// What one thread waits for: messages on any of its ports, its own signal, and a deadline.
+/// The signal is a port of its own that holds one empty message: raising it again before it is taken does
+/// nothing, so repeated wake-ups cost nothing.
+/// Threads:   waitForEvent(), waitForSignal() and close() on one thread; everything else on any.
+/// Real time: signal().
+class DXR_EXPORT PortSet final : public CXObject {
+public:
+    static CXRef<PortSet> init();
+
+    struct Event {
+        enum class Kind { Signal, Message, Timeout } kind;
+        CXRef<Port> port;      ///< of a message
+        Port::Message message; ///< of a message
+    };
+    /// Waits until there is something or the host clock reads `deadlineTicks`. Signal and messages take turns
+    /// when both are there; ports with messages take turns among themselves.
+    Event waitForEvent(uint64_t deadlineTicks = Futex::noDeadline);
+    /// Waits for the signal and takes it; messages stay where they are.
+    void waitForSignal() noexcept;
+    /// Raises the signal. False when the set is closed: nobody will see it.
+    bool signal() noexcept CX_REALTIME;
+    /// Refuses signals from now on, forgets its ports' messages. Whether a signal had come that nobody took.
+    bool close();
+
+    /// `port` leaves the set it belongs to, if any, and enters this one.
+    void add(Port& port);
+    /// `port` leaves this set; from another one it is not taken.
+    void remove(Port& port);
+
+private:
+    friend class Port;
+
+    PortSet() = default;
+    ~PortSet() override = default;
+
+    /// `port` has a message.
+    void _list(Port& port);
+    bool _takeSignal() noexcept;
+    bool _takeMessage(Event& event);
+    void _raise(uint32_t bit) noexcept;
+    /// Waits until one of `bits` is up; false at the deadline.
+    bool _sleepUntil(uint32_t bits, uint64_t deadlineTicks) noexcept;
+
+    // The word that the thread sleeps on. Whoever has something to say raises a bit and, if the word says
+    // that the thread sleeps and the bit is news, wakes it. The thread says that it sleeps by an exchange
+    // from "none of my bits", so that a bit raised before is seen and one raised after changes the word under
+    // the sleeper. One order for all of it, which is what makes closed against signalled a decision:
+    // whichever bit comes second sees the other.
+    static constexpr uint32_t signalled = 1;
+    static constexpr uint32_t hasMessages = 2; // the list below is not empty; changed under the mutex
+    static constexpr uint32_t sleeping = 4;
+    static constexpr uint32_t closed = 8;
+    std::atomic<uint32_t> _word{0};
+
+    AdaptiveSpin _spin;
+    bool _isSignalsTurn = true;
+
+    std::mutex _mutex;
+    std::deque<CXRef<Port>> _ready; // ports with messages, each once, the one to serve next in front
+};
+
+} // namespace platform

@@ -1,0 +1,326 @@
+#include "CXErrorAdditions.h"
+#include "CXRealtime.h"
+#include "DXRBuffer.h"
+#include "DXRCoreBuffer.h"
+#include "GuardedMemory.h"
+#include "InstructionSet.h"
+#include "Random.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace {
+
+// The rules, one sample at a time.
+float mixed(float a, float b)
+{
+    const float sum = a + b;
+    return sum < -1 ? -1 : sum > 1 ? 1 : sum;
+}
+
+int16_t toInt16(float x)
+{
+    if (std::isnan(x))
+        return 0;
+    if (x < 0)
+        return static_cast<int16_t>(x * 32768 < -32768 ? -32768 : std::trunc(x * 32768 - 0.5F));
+    return static_cast<int16_t>(x * 32767 > 32767 ? 32767 : std::trunc(x * 32767 + 0.5F));
+}
+
+float fromInt16(int16_t v)
+{
+    return static_cast<float>(v) * (v < 0 ? 3.0517578e-5F : 3.051851e-5F);
+}
+
+int16_t mixedInt16(float x, int16_t v)
+{
+    const int sum = toInt16(x) + v;
+    return static_cast<int16_t>(sum > 32767 ? 32767 : sum < -32767 ? -32768 : sum);
+}
+
+bool same(float a, float b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0 || (std::isnan(a) && std::isnan(b));
+}
+bool same(int16_t a, int16_t b)
+{
+    return a == b;
+}
+
+float anyFloat(Random& random)
+{
+    constexpr float limits[] = {0,
+                                -0.0F,
+                                1,
+                                -1,
+                                0.5F,
+                                -0.5F,
+                                1.0000001F,
+                                -1.0000001F,
+                                0.99999994F,
+                                1e30F,
+                                -1e30F,
+                                0.49999997F / 32767,
+                                1e-40F,
+                                -1e-40F,
+                                std::numeric_limits<float>::infinity(),
+                                -std::numeric_limits<float>::infinity(),
+                                std::numeric_limits<float>::quiet_NaN()};
+    switch (random.below(4)) {
+    case 0:
+        return limits[random.below(std::size(limits))];
+    case 1: { // any bits at all
+        const uint32_t bits = random.below(UINT32_MAX);
+        float value = 0;
+        std::memcpy(&value, &bits, sizeof value);
+        return value;
+    }
+    case 2: // around the steps between 16-bit numbers
+        return (static_cast<float>(random.below(65536)) - 32768 + random.between(0.499F, 0.501F)) / 32767.5F;
+    default:
+        return random.between(-1.2F, 1.2F);
+    }
+}
+
+void fill(std::span<float> samples, Random& random)
+{
+    for (float& sample : samples)
+        sample = anyFloat(random);
+}
+void fill(std::span<int16_t> samples, Random& random)
+{
+    for (int16_t& sample : samples)
+        sample = static_cast<int16_t>(random.below(65536) - 32768);
+}
+
+/// Foreign memory in both layouts, and every raw transfer to and from it, compared with the rule for a
+/// sample.
+template <class Sample> class Transfers {
+public:
+    Transfers(uint32_t channels, uint32_t frames, GuardedMemory::Guard guard, Random& random)
+        : _channels(channels), _frames(frames), _random(random),
+          _buffer(DXRBuffer::initWithSampleRate(48000, frames, channels)),
+          _interleaved(size_t{channels} * frames * sizeof(Sample), guard)
+    {
+        for (uint32_t c = 0; c < channels; ++c) {
+            _planes.push_back(std::make_unique<GuardedMemory>(frames * sizeof(Sample), guard));
+            _pointers.push_back(_planes.back()->template of<Sample>().data());
+        }
+    }
+
+    /// `toForeign(own, foreign)` and `toOwn(foreign, own)` say what a transfer must leave in its destination.
+    template <class Transfer, class Rule>
+    void checkToForeign(const char* name, Transfer transfer, bool isPlanar, Rule rule)
+    {
+        _fill();
+        std::vector<Sample> expected(size_t{_channels} * _frames);
+        for (size_t i = 0; i < expected.size(); ++i)
+            expected[i] = rule(_buffer->samples()[i], _foreign(i, isPlanar));
+        _run(transfer, isPlanar);
+        for (size_t i = 0; i < expected.size(); ++i)
+            ASSERT_TRUE(same(_foreign(i, isPlanar), expected[i]))
+                << name << " sample " << i << " of " << _frames << "x" << _channels << ": "
+                << _foreign(i, isPlanar) << " for " << expected[i] << " from " << _buffer->samples()[i];
+    }
+    template <class Transfer, class Rule>
+    void checkToOwn(const char* name, Transfer transfer, bool isPlanar, Rule rule)
+    {
+        _fill();
+        std::vector<float> expected(size_t{_channels} * _frames);
+        for (size_t i = 0; i < expected.size(); ++i)
+            expected[i] = rule(_foreign(i, isPlanar), _buffer->samples()[i]);
+        _run(transfer, isPlanar);
+        for (size_t i = 0; i < expected.size(); ++i)
+            ASSERT_TRUE(same(_buffer->samples()[i], expected[i]))
+                << name << " sample " << i << " of " << _frames << "x" << _channels << ": "
+                << _buffer->samples()[i] << " for " << expected[i] << " from " << _foreign(i, isPlanar);
+    }
+
+private:
+    template <class Transfer> void _run(Transfer transfer, bool isPlanar)
+    {
+        const CXRealtimeScope realtime;
+        transfer(*_buffer, isPlanar ? nullptr : _interleaved.template of<Sample>().data(), _pointers.data());
+    }
+    Sample& _foreign(size_t i, bool isPlanar)
+    {
+        return isPlanar ? _pointers[i % _channels][i / _channels] : _interleaved.template of<Sample>()[i];
+    }
+    void _fill()
+    {
+        fill(std::span(_buffer->samples(), size_t{_channels} * _frames), _random);
+        fill(_interleaved.template of<Sample>(), _random);
+        for (const auto& plane : _planes)
+            fill(plane->template of<Sample>(), _random);
+    }
+
+    const uint32_t _channels, _frames;
+    Random& _random;
+    const CXRef<DXRBuffer> _buffer;
+    GuardedMemory _interleaved;
+    std::vector<std::unique_ptr<GuardedMemory>> _planes;
+    std::vector<Sample*> _pointers;
+};
+
+void checkFloats(Transfers<float>& all)
+{
+    const auto copied = [](float from, float) { return from; };
+    all.checkToForeign(
+        "copyTo", [](auto& b, float* f, auto) { b.copyToInterleavedFloats(f); }, false, copied);
+    all.checkToForeign(
+        "mixTo", [](auto& b, float* f, auto) { b.mixToInterleavedFloats(f); }, false, mixed);
+    all.checkToForeign(
+        "copyTo", [](auto& b, float*, auto p) { b.copyToDeinterleavedFloats(p); }, true, copied);
+    all.checkToForeign(
+        "mixTo", [](auto& b, float*, auto p) { b.mixToDeinterleavedFloats(p); }, true, mixed);
+    all.checkToOwn(
+        "copyFrom", [](auto& b, float* f, auto) { b.copyFromInterleavedFloats(f); }, false, copied);
+    all.checkToOwn(
+        "mixFrom", [](auto& b, float* f, auto) { b.mixFromInterleavedFloats(f); }, false, mixed);
+    all.checkToOwn(
+        "copyFrom", [](auto& b, float*, auto p) { b.copyFromDeinterleavedFloats(p); }, true, copied);
+    all.checkToOwn(
+        "mixFrom", [](auto& b, float*, auto p) { b.mixFromDeinterleavedFloats(p); }, true, mixed);
+}
+
+void checkInt16s(Transfers<int16_t>& all)
+{
+    const auto to = [](float from, int16_t) { return toInt16(from); };
+    const auto from = [](int16_t v, float) { return fromInt16(v); };
+    const auto mixedFrom = [](int16_t v, float x) { return mixed(fromInt16(v), x); };
+    all.checkToForeign(
+        "copyTo", [](auto& b, int16_t* f, auto) { b.copyToInterleavedInt16s(f); }, false, to);
+    all.checkToForeign(
+        "mixTo", [](auto& b, int16_t* f, auto) { b.mixToInterleavedInt16s(f); }, false, mixedInt16);
+    all.checkToForeign(
+        "copyTo", [](auto& b, auto, auto p) { b.copyToDeinterleavedInt16s(p); }, true, to);
+    all.checkToForeign(
+        "mixTo", [](auto& b, auto, auto p) { b.mixToDeinterleavedInt16s(p); }, true, mixedInt16);
+    all.checkToOwn(
+        "copyFrom", [](auto& b, int16_t* f, auto) { b.copyFromInterleavedInt16s(f); }, false, from);
+    all.checkToOwn(
+        "mixFrom", [](auto& b, int16_t* f, auto) { b.mixFromInterleavedInt16s(f); }, false, mixedFrom);
+    all.checkToOwn(
+        "copyFrom", [](auto& b, auto, auto p) { b.copyFromDeinterleavedInt16s(p); }, true, from);
+    all.checkToOwn(
+        "mixFrom", [](auto& b, auto, auto p) { b.mixFromDeinterleavedInt16s(p); }, true, mixedFrom);
+}
+
+TEST(DXRBuffer, movesEverySampleByTheRuleOnEveryInstructionSet)
+{
+    Random random(99);
+    for (const InstructionSet& set : availableInstructionSets()) {
+        useInstructionSet(set);
+        for (int round = 0; round < 150; ++round) {
+            const uint32_t channels =
+                round < 40 ? 1 + static_cast<uint32_t>(round) % 20 : 1 + random.below(9);
+            const uint32_t frames = random.below(random.below(4) == 0 ? 900 : 70);
+            const auto guard = round % 2 ? GuardedMemory::Guard::Behind : GuardedMemory::Guard::Before;
+            Transfers<float> floats(channels, frames, guard, random);
+            Transfers<int16_t> shorts(channels, frames, guard, random);
+            ASSERT_NO_FATAL_FAILURE(checkFloats(floats)) << set.name;
+            ASSERT_NO_FATAL_FAILURE(checkInt16s(shorts)) << set.name;
+        }
+    }
+}
+
+TEST(DXRBuffer, convertsAndClampsAsPublished)
+{
+    const CXRef<DXRBuffer> buffer = DXRBuffer::initWithSampleRate(44100, 2, 2);
+    const float floats[4] = {1, -1, 0.5F, -0.5F};
+    int16_t shorts[4] = {};
+    buffer->copyFromInterleavedFloats(floats);
+    buffer->copyToInterleavedInt16s(shorts);
+    EXPECT_EQ(std::vector<int16_t>(shorts, shorts + 4), (std::vector<int16_t>{32767, -32768, 16384, -16384}));
+    buffer->copyFromInterleavedInt16s(shorts);
+    EXPECT_EQ(buffer->samples()[0], 1);
+    EXPECT_EQ(buffer->samples()[1], -1);
+    const float more[4] = {0.75F, -0.75F, 0.75F, -0.75F};
+    buffer->mixFromInterleavedFloats(more);
+    EXPECT_EQ(std::vector<float>(buffer->samples(), buffer->samples() + 4),
+              (std::vector<float>{1, -1, 1, -1}));
+}
+
+TEST(DXRBuffer, silencesACopyBetweenFormatsAndAddsNothing)
+{
+    const CXRef<DXRBuffer> buffer = DXRBuffer::initWithSampleRate(44100, 8, 2);
+    const auto loudness = [](const DXRBuffer& b) { return b.samples()[0]; };
+    const auto loud = [](double rate, uint32_t frames, uint32_t channels) {
+        CXRef<DXRBuffer> made = DXRBuffer::initWithSampleRate(rate, frames, channels, false);
+        std::fill_n(made->samples(), size_t{frames} * channels, 0.25F);
+        return made;
+    };
+    for (const CXRef<DXRBuffer>& other : {loud(48000, 8, 2), loud(44100, 7, 2), loud(44100, 8, 1), {}}) {
+        EXPECT_FALSE(buffer->isEqualCFS(other.get()));
+        buffer->samples()[0] = 0.5F;
+        buffer->mixFromBuffer(other.get());
+        buffer->mixToBuffer(other.get());
+        EXPECT_EQ(loudness(*buffer), 0.5F);
+        buffer->copyToBuffer(other.get());
+        if (other) {
+            EXPECT_EQ(loudness(*other), 0);
+        }
+        buffer->copyFromBuffer(other.get());
+        EXPECT_EQ(loudness(*buffer), 0);
+    }
+    const CXRef<DXRBuffer> alike = loud(44100, 8, 2);
+    buffer->mixFromBuffer(alike.get());
+    buffer->mixToBuffer(alike.get());
+    EXPECT_EQ(loudness(*alike), 0.5F);
+    const CXRef<DXRBuffer> copy = alike->copy();
+    alike->mute();
+    EXPECT_EQ(loudness(*copy), 0.5F);
+    EXPECT_TRUE(copy->isEqualCFS(alike.get()));
+    EXPECT_THROW(DXRBuffer::init(), CXException);
+    EXPECT_NE(copy->description().find(", 2/8@44100hz>"), std::string::npos);
+}
+
+TEST(DXRBuffer, showsItsChannelsAndFrames)
+{
+    const CXRef<DXRBuffer> buffer = DXRBuffer::initWithSampleRate(48000, 5, 3);
+    std::vector<uint32_t> seen;
+    const DXRBuffer::ChannelBlock note = [&](uint32_t channel, uint32_t frames, float* samples,
+                                             uint32_t stride) {
+        seen.push_back(channel);
+        EXPECT_EQ(frames, 5U);
+        for (uint32_t k = 0; k < frames; ++k)
+            samples[size_t{k} * stride] = static_cast<float>(10 * k + channel);
+    };
+    for (const uint32_t outside : {0U, 4U, UINT32_MAX})
+        buffer->processChannel(outside, note);
+    buffer->processChannel(1, nullptr);
+    EXPECT_TRUE(seen.empty());
+    buffer->processChannelsWithBlock(note);
+    EXPECT_EQ(seen, (std::vector<uint32_t>{1, 2, 3}));
+    int calls = 0;
+    const DXRBuffer::FramesBlock check = [&](uint32_t channels, uint32_t frames, float* const* samples,
+                                             const uint32_t* strides) {
+        ++calls;
+        EXPECT_EQ(channels, 3U);
+        for (uint32_t k = 0; k < frames; ++k)
+            for (uint32_t c = 0; c < channels; ++c)
+                EXPECT_EQ(samples[c][size_t{k} * strides[c]], static_cast<float>(10 * k + c + 1));
+    };
+    buffer->processFramesWithBlock(check);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(buffer->samples()[14], 43);
+}
+
+TEST(DXRCoreBuffer, isAKeyByItsThreeFields)
+{
+    int data[2] = {};
+    const AudioBuffer one{2, 8, data};
+    const CXRef<DXRCoreBuffer> key = DXRCoreBuffer::initWithBuffer(&one);
+    EXPECT_TRUE(key->isEqual(DXRCoreBuffer::initWithBuffer(&one).get()));
+    EXPECT_EQ(key->hash(), DXRCoreBuffer::initWithBuffer(&one)->hash());
+    for (const AudioBuffer& other :
+         {AudioBuffer{1, 8, data}, AudioBuffer{2, 4, data}, AudioBuffer{2, 8, data + 1}})
+        EXPECT_FALSE(key->isEqual(DXRCoreBuffer::initWithBuffer(&other).get()));
+    EXPECT_FALSE(key->isEqual(nullptr));
+    EXPECT_FALSE(DXRCoreBuffer::initWithBuffer(nullptr));
+}
+
+} // namespace

@@ -1,0 +1,290 @@
+#include "CXErrorAdditions.h"
+#include "CXRealtime.h"
+#include "DXRAudioConverter.h"
+#include "Random.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <functional>
+#include <numbers>
+
+namespace {
+
+using Body = std::function<void(uint64_t sampleTime, const DXRChannelEntry* samples)>;
+
+class TestNode final : public DXRConverterNode {
+public:
+    static CXRef<TestNode> init(std::vector<uint32_t> usage, Body body)
+    {
+        return CXRef<TestNode>::adopt(new TestNode(std::move(usage), std::move(body)));
+    }
+    std::vector<uint32_t> usageMap() const override { return _usage; }
+    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) override
+    {
+        _body(sampleTime, samples);
+    }
+
+private:
+    TestNode(std::vector<uint32_t> usage, Body body) : _usage(std::move(usage)), _body(std::move(body)) {}
+    ~TestNode() override = default;
+    const std::vector<uint32_t> _usage;
+    const Body _body;
+};
+
+struct Format {
+    double rate;
+    uint32_t frames;
+};
+
+/// A device with one stream of `channels` in each direction, and a client that plays back what it hears.
+class Loop {
+public:
+    Loop(Format device, Format client, uint32_t channels, std::vector<uint32_t> usage, bool hasInput = true,
+         bool hasOutput = true)
+        : _device(device), _client(client), _channels(channels), _usage(usage),
+          _in(size_t{channels} * device.frames), _out(size_t{channels} * device.frames),
+          _heard(size_t{client.frames} * channels)
+    {
+        DXRAudioConverter::Nodes nodes[2];
+        if (hasInput)
+            nodes[0].push_back(TestNode::init(usage, [this](uint64_t time, const DXRChannelEntry* samples) {
+                EXPECT_EQ(time, ranUntil) << "no gap, no repetition";
+                heardAt = time;
+                ranUntil += _client.frames;
+                _forEachSample(samples, [](float& heard, float& sample) { heard = sample; });
+            }));
+        if (hasOutput)
+            nodes[1].push_back(
+                TestNode::init(usage, [this, hasInput](uint64_t time, const DXRChannelEntry* samples) {
+                    EXPECT_EQ(time, hasInput ? heardAt : ranUntil) << "in lockstep with the input";
+                    EXPECT_EQ(time, playedUntil);
+                    playedUntil += _client.frames;
+                    if (!hasInput)
+                        ranUntil += _client.frames;
+                    _forEachSample(samples, [](float& heard, float& sample) { sample = heard; });
+                }));
+        const uint32_t counts[2] = {channels, channels};
+        converter = DXRAudioConverter::initWithNodes(nodes, counts, device.rate, client.rate, device.frames,
+                                                     client.frames);
+        for (uint32_t c = 0; c < channels; ++c) {
+            _entries[0].push_back({&_in[c], channels});
+            _entries[1].push_back({&_out[c], channels});
+        }
+    }
+
+    /// One device cycle: `source` gives the input sample of a frame, `drain` takes the output sample.
+    template <class Source, class Drain> void cycle(const Source& source, const Drain& drain)
+    {
+        for (uint32_t k = 0; k < _device.frames; ++k)
+            for (const uint32_t channel : _usage)
+                _in[size_t{k} * _channels + channel - 1] = source(_frame + k);
+        const DXRChannelEntry* const samples[2] = {_entries[0].data(), _entries[1].data()};
+        {
+            const CXRealtimeScope realtime;
+            converter->performIOWithSampleTime(&sampleTime, samples);
+        }
+        EXPECT_EQ(sampleTime, ranUntil);
+        for (uint32_t k = 0; k < _device.frames; ++k)
+            for (const uint32_t channel : _usage)
+                drain(_frame + k, channel, _out[size_t{k} * _channels + channel - 1]);
+        _frame += _device.frames;
+    }
+    /// What the device gives or takes in place of its streams.
+    std::vector<DXRChannelEntry>& entries(size_t direction) { return _entries[direction]; }
+
+    CXRef<DXRAudioConverter> converter;
+    uint64_t sampleTime = 0, ranUntil = 0, playedUntil = 0, heardAt = 0;
+
+private:
+    template <class Visit> void _forEachSample(const DXRChannelEntry* samples, const Visit& visit)
+    {
+        for (uint32_t c = 0; c < _channels; ++c) {
+            const bool isUsed = std::ranges::find(_usage, c + 1) != _usage.end();
+            EXPECT_EQ(samples[c].samples != nullptr, isUsed);
+            EXPECT_EQ(samples[c].stride, isUsed ? _usage.size() : 0);
+            for (uint32_t k = 0; isUsed && k < _client.frames; ++k)
+                visit(_heard[size_t{k} * _channels + c], samples[c].samples[size_t{k} * samples[c].stride]);
+        }
+    }
+
+    const Format _device, _client;
+    const uint32_t _channels;
+    const std::vector<uint32_t> _usage;
+    std::vector<float> _in, _out, _heard;
+    std::array<std::vector<DXRChannelEntry>, 2> _entries;
+    uint64_t _frame = 0;
+};
+
+// Ten hours of audio through converters of all kinds. At equal rates the output is the input, late by one and
+// the same number of frames; at other rates a tone stays a tone, so that no frame is lost or repeated at any
+// seam.
+TEST(DXRAudioConverter, runsForTenHoursInStep)
+{
+#ifdef DXR_SANITIZED
+    constexpr double wantedSeconds = 3'600;
+#else
+    constexpr double wantedSeconds = 36'000;
+#endif
+    constexpr double rates[] = {44100, 48000, 96000, 88200, 32000, 44100.5};
+    Random random(42);
+    double seconds = 0;
+    for (int round = 0; seconds < wantedSeconds; ++round) {
+        const Format device{rates[random.below(std::size(rates))],
+                            32 + random.below(round % 4 == 0 ? 64 : 2048)};
+        Format client{random.below(3) == 0 ? device.rate : rates[random.below(std::size(rates))],
+                      1 + random.below(round % 4 == 1 ? 64 : 2048)};
+        Loop loop(device, client, 2, round % 8 == 0 ? std::vector<uint32_t>{1, 2} : std::vector<uint32_t>{2});
+        const bool isExact = device.rate == client.rate;
+        const double step = 2 * std::numbers::pi * 100 / device.rate, turn = 2 * std::cos(step);
+        const auto given = [&](uint64_t k) {
+            return isExact ? static_cast<float>((k & 0x3FFFFF) + 1)
+                           : static_cast<float>(std::sin(step * static_cast<double>(k)));
+        };
+        std::optional<uint64_t> delay;
+        double before = 0, last = 0, worst = 0;
+        uint64_t wrong = 0;
+        const auto got = [&](uint64_t k, uint32_t channel, float sample) {
+            if (isExact) {
+                if (!delay && sample != 0)
+                    delay = k;
+                wrong += delay ? sample != given(k - *delay) : sample != 0;
+            } else if (channel != 2) {
+                return; // both carry the same tone
+            } else if (k > 8 * (device.frames + client.frames)) {
+                worst = std::max(worst, std::abs(static_cast<double>(sample) + before - turn * last));
+            }
+            before = last;
+            last = static_cast<double>(sample);
+        };
+        // A tone needs a sine a frame; the counts alone, and at equal rates every frame, are cheap.
+        const double wanted = isExact ? 60 : 3;
+        const auto cycles = static_cast<uint64_t>(wanted * device.rate / device.frames);
+        for (uint64_t i = 0; i < cycles; ++i)
+            loop.cycle(given, got);
+        EXPECT_EQ(wrong, 0U) << loop.converter->description();
+        EXPECT_LT(worst, 0.006) << loop.converter->description();
+        EXPECT_TRUE(delay || !isExact);
+        ASSERT_FALSE(::testing::Test::HasFailure()) << loop.converter->description();
+        seconds += wanted;
+    }
+}
+
+// Without rates to convert, whole node cycles run as soon as their frames are there.
+TEST(DXRAudioConverter, runsWholeNodeCyclesAndKeepsTheRest)
+{
+    Loop both({48000, 512}, {48000, 256}, 2, {1, 2});
+    Loop inputOnly({48000, 441}, {48000, 256}, 2, {1, 2}, true, false);
+    Loop outputOnly({48000, 441}, {48000, 256}, 2, {1, 2}, false, true);
+    const uint64_t whole[] = {1, 3, 5, 6, 8}, begun[] = {2, 4, 6, 7, 9}; // of 256 frames in n * 441
+    for (uint64_t n = 0; n < 5; ++n) {
+        const auto one = [](uint64_t) { return 1.0F; };
+        const auto ignore = [](uint64_t, uint32_t, float) {};
+        both.cycle(one, ignore);
+        inputOnly.cycle(one, ignore);
+        outputOnly.cycle(one, ignore);
+        EXPECT_EQ(both.sampleTime, 512 * (n + 1));
+        EXPECT_EQ(inputOnly.sampleTime, 256 * whole[n]);
+        EXPECT_EQ(outputOnly.sampleTime, 256 * begun[n]);
+    }
+}
+
+// The device gives half the frames that its output asks for, so that input runs short all the time.
+TEST(DXRAudioConverter, makesUpMissingInputFromTheOldestFrame)
+{
+    int repeated = 0;
+    DXRAudioConverter::Nodes nodes[2];
+    nodes[0].push_back(TestNode::init({1}, [&](uint64_t, const DXRChannelEntry* samples) {
+        const float* const block = samples[0].samples;
+        bool rises = false;
+        for (int k = 1; k < 4; ++k) {
+            EXPECT_GE(block[k], block[k - 1]);
+            EXPECT_FALSE(rises && block[k] == block[k - 1]) << "only the oldest frame is repeated";
+            rises |= block[k] > block[k - 1];
+            repeated += block[k] == block[k - 1];
+        }
+    }));
+    nodes[1].push_back(TestNode::init({1}, [](uint64_t, const DXRChannelEntry*) {}));
+    const uint32_t counts[2] = {1, 1};
+    const auto converter = DXRAudioConverter::initWithNodes(nodes, counts, 48000, 24000, 1, 4);
+    uint64_t time = 0;
+    for (int cycle = 1; cycle < 1000; ++cycle) {
+        float in = static_cast<float>(cycle), out = 0;
+        const DXRChannelEntry device[2] = {{&in, 1}, {&out, 1}};
+        const DXRChannelEntry* const samples[2] = {&device[0], &device[1]};
+        converter->performIOWithSampleTime(&time, samples);
+    }
+    EXPECT_GT(repeated, 100);
+}
+
+TEST(DXRAudioConverter, stepsADirectionWhoseNodesUseNoChannel)
+{
+    for (const double clientRate : {48000.0, 44100.0})
+        for (const auto& [hasInput, hasOutput] : {std::pair(true, true), {true, false}, {false, true}}) {
+            // Neither channel 0 nor one that the device lacks is a channel.
+            Loop silent({48000, 512}, {clientRate, 480}, 2, {}, hasInput, hasOutput);
+            const uint32_t counts[2] = {2, 2};
+            int cycles = 0;
+            const Body count = [&](uint64_t, const DXRChannelEntry* samples) {
+                ++cycles;
+                EXPECT_EQ(samples[0].samples, nullptr);
+                EXPECT_EQ(samples[1].samples, nullptr);
+            };
+            DXRAudioConverter::Nodes nodes[2];
+            nodes[1].push_back(TestNode::init({0, 3, UINT32_MAX}, count));
+            const auto converter =
+                DXRAudioConverter::initWithNodes(nodes, counts, 48000, clientRate, 512, 480);
+            uint64_t time = 0;
+            const DXRChannelEntry* const none[2] = {nullptr, nullptr};
+            for (int i = 0; i < 1000; ++i) {
+                silent.cycle([](uint64_t) { return 0.0F; }, [](uint64_t, uint32_t, float) {});
+                converter->performIOWithSampleTime(&time, none);
+            }
+            EXPECT_NEAR(static_cast<double>(silent.sampleTime), 512'000 * clientRate / 48000, 1000);
+            EXPECT_NEAR(cycles * 480.0, 512'000 * clientRate / 48000, 1000);
+        }
+}
+
+TEST(DXRAudioConverter, takesNullEntriesForSilence)
+{
+    for (const double clientRate : {48000.0, 44100.0}) {
+        Loop loop({48000, 256}, {clientRate, 192}, 2, {1, 2});
+        loop.entries(0)[1] = {nullptr, 0};
+        loop.entries(1)[0] = {nullptr, 0};
+        float loudest[2] = {};
+        for (int i = 0; i < 20; ++i)
+            loop.cycle([](uint64_t) { return 0.5F; },
+                       [&](uint64_t, uint32_t channel, float sample) {
+                           loudest[channel - 1] = std::max(loudest[channel - 1], std::abs(sample));
+                       });
+        EXPECT_EQ(loudest[0], 0) << "the device has no such output, its memory stays as it was";
+        EXPECT_EQ(loudest[1], 0) << "what the device did not give is silent";
+    }
+}
+
+TEST(DXRAudioConverter, refusesRatesAndFramesThatCannotRun)
+{
+    const DXRAudioConverter::Nodes nodes[2] = {
+        {}, {TestNode::init({1}, [](uint64_t, const DXRChannelEntry*) {})}};
+    const uint32_t counts[2] = {0, 1};
+    EXPECT_THROW(DXRAudioConverter::initWithNodes(nodes, counts, 0, 44100, 512, 512), CXException);
+    const auto endless = DXRAudioConverter::initWithNodes(nodes, counts, 44100, 44100, 512, 0);
+    uint64_t time = 7;
+    const DXRChannelEntry* const none[2] = {nullptr, nullptr};
+    endless->performIOWithSampleTime(&time, none);
+    EXPECT_EQ(time, 7U);
+}
+
+TEST(DXRAudioConverter, describesWhatItConverts)
+{
+    const auto text = [](const Loop& loop) {
+        const std::string all = loop.converter->description();
+        return all.substr(all.find(','));
+    };
+    EXPECT_EQ(text(Loop({44100, 512}, {48000, 256}, 3, {3, 1})),
+              ", input [1, 3], output [1, 3], frameCount: 512 -> 256, sampleRate: 44100hz -> 48000hz>");
+    EXPECT_EQ(text(Loop({44100, 512}, {44100, 512}, 2, {2}, false)), ", output [2]>");
+}
+
+} // namespace

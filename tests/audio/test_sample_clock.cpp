@@ -1,0 +1,114 @@
+#include "CXRealtime.h"
+#include "Random.h"
+#include "auclock.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+
+namespace {
+
+__extension__ using Wide = unsigned __int128;
+using Clock = std::unique_ptr<auclock, decltype(&auclock_destroy)>;
+
+Clock aClock(uint64_t abstime, uint64_t sampletime, double rate)
+{
+    return {auclock_create(abstime, sampletime, rate), auclock_destroy};
+}
+
+// The host clock counts nanoseconds: frequency 1000000000/1.
+TEST(auclock, holdsTheRateAsTheFractionItIs)
+{
+    const struct {
+        const char* why;
+        double rate;
+        int64_t num, den;
+    } rows[] = {
+        {"whole", 44100, 44100, 1},
+        {"half", 44100.5, 88201, 2},
+        {"a double that is near 44100.1", 44100.1, 0, 0},
+        {"negative", -48000, -48000, 1},
+        {"nothing", 0, 0, 1},
+        {"a third is cut at the best convergent", 1.0 / 3, 1, 3},
+        {"not a number", std::nan(""), 0, 1},
+    };
+    for (const auto& row : rows) {
+        const Clock clock = aClock(0, 0, row.rate);
+        if (row.num != 0 || row.den != 0) {
+            EXPECT_EQ(clock->abs_to_sample_num, row.num) << row.why;
+            EXPECT_EQ(clock->abs_to_sample_den, row.den * 1'000'000'000) << row.why;
+        } else {
+            EXPECT_EQ(static_cast<double>(clock->abs_to_sample_num) /
+                          static_cast<double>(clock->abs_to_sample_den / 1'000'000'000),
+                      row.rate)
+                << row.why;
+        }
+        EXPECT_EQ(clock->abs_to_sample_bias,
+                  static_cast<int64_t>(static_cast<uint64_t>(clock->abs_to_sample_num) >> 1))
+            << row.why;
+        EXPECT_EQ(clock->sample_to_abs_bias, 500'000'000) << row.why;
+    }
+    // Pi would need a denominator whose product with the host's frequency overflows: it is cut below that,
+    // and is still all the digits a double has.
+    const Clock pi = aClock(0, 0, 3.14159265358979323846);
+    const int64_t denominator = pi->abs_to_sample_den / 1'000'000'000;
+    EXPECT_LE(denominator, INT64_MAX / 1'000'000'000);
+    EXPECT_NEAR(static_cast<double>(pi->abs_to_sample_num) / static_cast<double>(denominator),
+                3.14159265358979323846, 1e-15);
+}
+
+TEST(auclock, convertsAsPublished)
+{
+    const Clock clock = aClock(1000, 7, 44100);
+    EXPECT_EQ(auclock_sampletime_to_abstime(clock.get(), 8), 1000U + 34013);
+    EXPECT_EQ(auclock_abstime_to_sampletime(clock.get(), 1000), 7U);
+    const Clock copy{auclock_create_copy(clock.get()), auclock_destroy};
+    EXPECT_EQ(auclock_epoch_abstime(copy.get()), 1000U);
+    EXPECT_EQ(auclock_epoch_sampletime(copy.get()), 7U);
+    EXPECT_EQ(auclock_rate(copy.get()), 44100);
+    EXPECT_EQ(auclock_sampletime_to_abstime(copy.get(), 8), 1000U + 34013);
+    auclock_destroy(nullptr);
+}
+
+// Against the plain 128-bit sum, over the whole range and on both sides of the epoch; where the quotient does
+// not fit 64 bits, its low half counts.
+TEST(auclock, dividesIn128BitsWhateverTheDistance)
+{
+    Random random(11);
+    const auto word = [&random] {
+        return (uint64_t{random.below(UINT32_MAX)} << 32 | random.below(UINT32_MAX)) >> random.below(64);
+    };
+    for (int i = 0; i < 200'000; ++i) {
+        const double rate = i % 2 ? random.between(1.0, 400'000.0) : 8000 + random.below(192'000);
+        const Clock clock = aClock(word(), word(), rate);
+        const uint64_t value = word();
+        const CXRealtimeScope realtime;
+        const auto expected = [value](uint64_t from, uint64_t to, int64_t times, int64_t bias, int64_t by) {
+            const Wide scaled =
+                (Wide{value} - Wide{from}) * static_cast<Wide>(times) + static_cast<Wide>(bias);
+            return static_cast<uint64_t>(scaled / static_cast<Wide>(by)) + to;
+        };
+        ASSERT_EQ(auclock_abstime_to_sampletime(clock.get(), value),
+                  expected(clock->epoch_abstime, clock->epoch_sampletime, clock->abs_to_sample_num,
+                           clock->abs_to_sample_bias, clock->abs_to_sample_den));
+        ASSERT_EQ(auclock_sampletime_to_abstime(clock.get(), value),
+                  expected(clock->epoch_sampletime, clock->epoch_abstime, clock->abs_to_sample_den,
+                           clock->sample_to_abs_bias, clock->abs_to_sample_num));
+    }
+}
+
+// Through a year of 44.1 kHz, a deadline made from a sample time leads back to that sample time.
+TEST(auclock, comesBackToTheSampleItCameFrom)
+{
+    const Clock clock = aClock(123'456'789, 1000, 44100);
+    Random random(5);
+    for (int i = 0; i < 100'000; ++i) {
+        const uint64_t sample = 1000 + static_cast<uint64_t>(random.between(0.0, 44100.0 * 86400 * 365));
+        ASSERT_EQ(
+            auclock_abstime_to_sampletime(clock.get(), auclock_sampletime_to_abstime(clock.get(), sample)),
+            sample);
+    }
+}
+
+} // namespace

@@ -1,0 +1,338 @@
+#include "CXRealtime.h"
+#include "GuardedMemory.h"
+#include "InstructionSet.h"
+#include "Random.h"
+#include "SamplerReference.h"
+#include "ausampler.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cfenv>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+namespace {
+
+using Sampler = std::unique_ptr<ausampler, decltype(&ausampler_destroy)>;
+
+Sampler aSampler(uint32_t channels)
+{
+    return {ausampler_create(channels), ausampler_destroy};
+}
+
+bool sameBits(float a, float b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0 || (std::isnan(a) && std::isnan(b));
+}
+
+enum class Layout { Interleaved, Noninterleaved, Scattered };
+enum class Direction { Read, Write };
+
+/// Frames of several channels in one of the layouts, each array between guards.
+class Block {
+public:
+    Block(Layout layout, uint32_t channels, uint32_t frames, GuardedMemory::Guard guard, Random& random)
+    {
+        const bool single = layout == Layout::Interleaved;
+        const uint32_t extra = layout == Layout::Scattered ? random.below(3) : 0;
+        const uint32_t stride = single                                           ? channels
+                                : layout == Layout::Scattered && random.below(2) ? 1
+                                                                                 : channels + extra;
+        _stride = layout == Layout::Noninterleaved ? 1 : stride;
+        for (uint32_t c = 0; c < channels; ++c) {
+            // Scattered with a stride of at least the channel count: side by side, but in places swapped.
+            if (c == 0 || _stride == 1) {
+                const size_t floats =
+                    frames == 0 ? 0 : size_t{frames - 1} * _stride + (_stride == 1 ? 1 : channels);
+                _memory.push_back(std::make_unique<GuardedMemory>(floats * sizeof(float), guard));
+            }
+            entries.push_back(
+                {_memory.back()->of<float>().data() + (_stride == 1 ? 0 : c), _stride * sizeof(float)});
+        }
+        if (layout == Layout::Scattered && channels > 1 && random.below(2))
+            std::swap(entries[random.below(channels)], entries[random.below(channels)]);
+        for (const ausampler_iovec& entry : entries)
+            pointers.push_back(static_cast<float*>(entry.base));
+    }
+    float& at(uint32_t frame, uint32_t channel) const { return pointers[channel][size_t{frame} * _stride]; }
+
+    std::vector<ausampler_iovec> entries;
+    std::vector<float*> pointers;
+
+private:
+    std::vector<std::unique_ptr<GuardedMemory>> _memory;
+    size_t _stride;
+};
+
+uint32_t call(ausampler* sampler, Direction direction, Layout layout, const Block& in, const Block& out,
+              uint32_t frames, double rateIn, double rateOut)
+{
+    const CXRealtimeScope realtime;
+    const bool reads = direction == Direction::Read;
+    switch (layout) {
+    case Layout::Interleaved:
+        return (reads ? ausampler_read_interleaved : ausampler_write_interleaved)(
+            sampler, in.pointers[0], out.pointers[0], frames, rateIn, rateOut);
+    case Layout::Noninterleaved:
+        return (reads ? ausampler_read_noninterleaved : ausampler_write_noninterleaved)(
+            sampler, in.pointers.data(), out.pointers.data(), frames, rateIn, rateOut);
+    case Layout::Scattered:
+        break;
+    }
+    return (reads ? ausampler_read_iovec : ausampler_write_iovec)(
+        sampler, in.entries.data(), out.entries.data(), frames, rateIn, rateOut);
+}
+
+bool sameState(const ausampler& sampler, const SamplerReference& reference)
+{
+    for (uint32_t c = 0; c < sampler.channel_count; ++c) {
+        const ausampler_channel_state& a = sampler.channel_states[c];
+        const SamplerReference::Channel& b = reference.channels[c];
+        const float mine[8] = {a.history[0], a.history[1], a.history[2], a.history[3],
+                               a.lp_x2,      a.lp_x1,      a.lp_y1,      a.lp_y2};
+        const float theirs[8] = {b.history[0], b.history[1], b.history[2], b.history[3],
+                                 b.x2,         b.x1,         b.y1,         b.y2};
+        if (!std::equal(mine, mine + 8, theirs, sameBits))
+            return false;
+    }
+    return sampler.phase == reference.phase;
+}
+
+/// A stream through every instruction set at once and through the reference.
+class Comparison {
+public:
+    Comparison(uint32_t channels, Direction direction, Random& random)
+        : _channels(channels), _direction(direction), _random(random), _reference(channels)
+    {
+        for (size_t i = 0; i < availableInstructionSets().size(); ++i)
+            _samplers.push_back(aSampler(channels));
+    }
+
+    /// One call with `frames` frames asked for or given. Answers the frames moved, or 0 at a difference.
+    uint32_t step(uint32_t frames, double rateIn, double rateOut, float special)
+    {
+        const bool reads = _direction == Direction::Read;
+        const uint32_t in = reads ? _reference.framesIn(frames, rateIn, rateOut) : frames;
+        const uint32_t out = reads ? frames : _reference.framesOut(frames, rateIn, rateOut);
+        std::vector<float> input(size_t{in} * _channels + 1), expected(size_t{out} * _channels + 1);
+        const float gain = _random.below(8) == 0 ? 1e-39F : 1; // some blocks are denormal
+        for (float& sample : input)
+            sample = _random.below(256) == 0 ? special : gain * _random.between(-1.0F, 1.0F);
+        _reference.move(input.data(), in, expected.data(), out, rateIn, rateOut);
+
+        const auto guard = _random.below(2) ? GuardedMemory::Guard::Behind : GuardedMemory::Guard::Before;
+        const auto layout = static_cast<Layout>(_random.below(3));
+        const Block given(layout, _channels, in, guard, _random), got(layout, _channels, out, guard, _random);
+        for (uint32_t k = 0; k < in; ++k)
+            for (uint32_t c = 0; c < _channels; ++c)
+                given.at(k, c) = input[size_t{k} * _channels + c];
+        for (size_t set = 0; set < _samplers.size(); ++set) {
+            useInstructionSet(availableInstructionSets()[set]);
+            ausampler* const sampler = _samplers[set].get();
+            EXPECT_EQ(reads ? ausampler_read_frames_in(sampler, frames, rateIn, rateOut) : in, in);
+            EXPECT_EQ(reads ? out : ausampler_write_frames_out(sampler, frames, rateIn, rateOut), out);
+            EXPECT_EQ(call(sampler, _direction, layout, given, got, frames, rateIn, rateOut), frames);
+            for (uint32_t k = 0; k < out; ++k)
+                for (uint32_t c = 0; c < _channels; ++c)
+                    if (!sameBits(got.at(k, c), expected[size_t{k} * _channels + c])) {
+                        ADD_FAILURE()
+                            << availableInstructionSets()[set].name << " frame " << k << " channel " << c
+                            << " of " << out << "x" << _channels << " layout " << int(layout) << ": "
+                            << got.at(k, c) << " for " << expected[size_t{k} * _channels + c];
+                        return 0;
+                    }
+            if (!sameState(*sampler, _reference)) {
+                ADD_FAILURE() << availableInstructionSets()[set].name << ": another state";
+                return 0;
+            }
+        }
+        return in + out;
+    }
+
+private:
+    const uint32_t _channels;
+    const Direction _direction;
+    Random& _random;
+    SamplerReference _reference;
+    std::vector<Sampler> _samplers;
+};
+
+double aRate(Random& random)
+{
+    constexpr double usual[] = {8000, 11025, 16000, 22050, 32000, 44100, 48000, 88200, 96000, 176400, 192000};
+    if (random.below(3) > 0)
+        return usual[random.below(std::size(usual))];
+    return random.between(1000.0, 200000.0);
+}
+
+// Every instruction set against the plain rules: whatever the rates, block lengths, channel counts, layouts
+// and places in memory, the same bits, the same state, and no touch outside the blocks.
+TEST(Sampler, givesTheReferencesBitsOnEveryInstructionSet)
+{
+    Random random(20240607);
+    uint64_t frames = 0;
+    constexpr uint64_t wanted = 10'000'000;
+    while (frames < wanted) {
+        const uint32_t channels = 1 + random.below(random.below(4) == 0 ? 35 : 9);
+        Comparison comparison(channels, random.below(2) ? Direction::Read : Direction::Write, random);
+        double rateIn = aRate(random), rateOut = aRate(random);
+        const float special = random.below(16) == 0 ? std::numeric_limits<float>::infinity() : -0.0F;
+        for (int block = 0; block < 60; ++block) {
+            if (random.below(64) == 0) // without a reset: a stream whose device drifts
+                rateOut *= 1.0001;
+            const uint32_t longest = random.below(4) == 0 ? 2000 : random.below(4) == 1 ? 6 : 520;
+            const uint32_t moved = comparison.step(1 + random.below(longest), rateIn, rateOut, special);
+            ASSERT_GT(moved, 0U);
+            frames += moved;
+        }
+    }
+}
+
+TEST(Sampler, keepsItsRulesAtExtremeRatios)
+{
+    Random random(7);
+    const struct {
+        double rateIn, rateOut;
+    } ratios[] = {{192, 192000},       {192000, 192}, {48000, 48000},
+                  {48000, 47999.9999}, {1e-3, 1e3},   {44100.5, 48000}};
+    for (const auto& row : ratios)
+        for (const Direction direction : {Direction::Read, Direction::Write})
+            for (const uint32_t longest : {3U, 64U}) {
+                Comparison comparison(3, direction, random);
+                const bool expands = direction == Direction::Write && row.rateOut > 1000 * row.rateIn;
+                for (int block = 0; block < (expands ? 0 : 60); ++block)
+                    ASSERT_GT(comparison.step(1 + random.below(longest), row.rateIn, row.rateOut, 0), 0U);
+            }
+}
+
+// Published numbers.
+TEST(Sampler, countsFramesAsPublished)
+{
+    const Sampler sampler = aSampler(1);
+    EXPECT_EQ(ausampler_read_frames_in(sampler.get(), 512, 44100, 48000), 470U);
+    std::vector<float> in(512, 0.5F), out(600);
+    EXPECT_EQ(ausampler_read_interleaved(sampler.get(), in.data(), out.data(), 512, 44100, 48000), 512U);
+    EXPECT_DOUBLE_EQ(sampler->phase, 470 * (48000.0 / 44100.0) + 1 - 512);
+    EXPECT_NE(sampler->b0, 0) << "44.1 to 48 is filtered";
+
+    ausampler_reset(sampler.get());
+    EXPECT_EQ(sampler->phase, 1);
+    EXPECT_EQ(sampler->b0, 0);
+    EXPECT_EQ(sampler->channel_states[0].history[3], 0);
+    EXPECT_EQ(ausampler_read_interleaved(sampler.get(), in.data(), out.data(), 100, 46000, 48000), 100U);
+    EXPECT_EQ(sampler->b0, 0) << "46 to 48 is not";
+
+    const double before = sampler->phase;
+    EXPECT_EQ(ausampler_read_interleaved(sampler.get(), nullptr, nullptr, 0, 44100, 48000), 0U);
+    EXPECT_EQ(ausampler_write_interleaved(sampler.get(), nullptr, nullptr, 0, 44100, 48000), 0U);
+    EXPECT_EQ(ausampler_read_frames_in(sampler.get(), 0, 44100, 48000), 0U);
+    EXPECT_EQ(ausampler_write_frames_out(sampler.get(), 0, 44100, 48000), 0U);
+    EXPECT_EQ(sampler->phase, before);
+}
+
+TEST(Sampler, delaysByTwoFramesAtEqualRates)
+{
+    const Sampler sampler = aSampler(2);
+    std::vector<float> in, out;
+    for (uint32_t block = 1; in.size() < 4000; ++block) {
+        const size_t begin = in.size();
+        for (uint32_t i = 0; i < 2 * block; ++i)
+            in.push_back(static_cast<float>(in.size()));
+        out.resize(in.size());
+        EXPECT_EQ(ausampler_read_frames_in(sampler.get(), block, 48000, 48000), block);
+        ausampler_read_interleaved(sampler.get(), &in[begin], &out[begin], block, 48000, 48000);
+    }
+    for (size_t i = 0; i < out.size(); ++i)
+        ASSERT_EQ(out[i], i < 4 ? 0 : in[i - 4]);
+}
+
+TEST(Sampler, flushesDenormalsAndGivesTheCallersModeBack)
+{
+    const float tiny = 1e-40F;
+    const Sampler sampler = aSampler(1);
+    const float in[4] = {tiny, tiny, tiny, tiny};
+    float out[4];
+    ausampler_read_interleaved(sampler.get(), in, out, 4, 48000, 48000);
+    EXPECT_EQ(out[3], 0);
+    const volatile float half = 0.5F;
+    EXPECT_GT(tiny * half, 0) << "denormals count again";
+    {
+        const DenormalFlush callersOwn;
+        ausampler_read_interleaved(sampler.get(), in, out, 4, 48000, 48000);
+        EXPECT_EQ(tiny * half, 0) << "a caller that flushes still does";
+    }
+}
+
+// A tone cut into blocks of every length must come out as one tone: a slip at any seam would stand out by
+// far.
+TEST(Sampler, joinsBlocksWithoutASeam)
+{
+    const struct {
+        double rateIn, rateOut;
+    } rows[] = {{44100, 48000}, {48000, 44100}, {48000, 96000}, {96000, 48000}, {44100, 46000}};
+    for (const auto& row : rows)
+        for (const bool reads : {true, false}) {
+            Random random(3);
+            const Sampler sampler = aSampler(1);
+            const double step = 2 * std::numbers::pi * 200 / row.rateIn;
+            uint64_t fed = 0;
+            std::vector<float> in(2000), all;
+            while (all.size() < 100000) {
+                const uint32_t asked = 8 + random.below(600);
+                const uint32_t inFrames =
+                    reads ? ausampler_read_frames_in(sampler.get(), asked, row.rateIn, row.rateOut) : asked;
+                const uint32_t outFrames =
+                    reads ? asked : ausampler_write_frames_out(sampler.get(), asked, row.rateIn, row.rateOut);
+                for (uint32_t k = 0; k < inFrames; ++k)
+                    in[k] = static_cast<float>(std::sin(step * static_cast<double>(fed++)));
+                all.resize(all.size() + outFrames);
+                (reads ? ausampler_read_interleaved : ausampler_write_interleaved)(
+                    sampler.get(), in.data(), all.data() + all.size() - outFrames, asked, row.rateIn,
+                    row.rateOut);
+            }
+            // A pure tone satisfies y[n+1] + y[n-1] = 2 cos(w) y[n].
+            const double c = 2 * std::cos(2 * std::numbers::pi * 200 / row.rateOut);
+            double worst = 0;
+            for (size_t i = 1000; i + 1 < all.size(); ++i)
+                worst = std::max(worst,
+                                 std::abs(static_cast<double>(all[i + 1]) + static_cast<double>(all[i - 1]) -
+                                          c * static_cast<double>(all[i])));
+            EXPECT_LT(worst, 6e-3) << row.rateIn << " to " << row.rateOut << (reads ? " read" : " written");
+        }
+}
+
+// A week of calls, the phase alone (a sampler of no channels keeps time): what the query says is what the
+// call does, the position stays where the history reaches, and the frames keep to the ratio.
+TEST(Sampler, keepsTimeForAWeek)
+{
+    const struct {
+        double rateIn, rateOut;
+        uint32_t frames;
+    } rows[] = {{44100, 48000, 8192}, {48000, 44100, 8192}, {8000, 192000, 16384}, {48000, 47999.9, 8192}};
+    for (const auto& row : rows)
+        for (const Direction direction : {Direction::Read, Direction::Write}) {
+            const Sampler sampler = aSampler(0);
+            const bool reads = direction == Direction::Read;
+            const double ratio = row.rateIn / row.rateOut;
+            const double callsPerWeek = 7 * 86400 * (reads ? row.rateOut : row.rateIn) / row.frames;
+            const auto calls = static_cast<uint64_t>(callsPerWeek);
+            uint64_t in = 0, out = 0;
+            for (uint64_t i = 0; i < calls; ++i) {
+                const uint32_t other =
+                    reads ? ausampler_read_frames_in(sampler.get(), row.frames, row.rateIn, row.rateOut)
+                          : ausampler_write_frames_out(sampler.get(), row.frames, row.rateIn, row.rateOut);
+                (reads ? ausampler_read_iovec : ausampler_write_iovec)(sampler.get(), nullptr, nullptr,
+                                                                       row.frames, row.rateIn, row.rateOut);
+                in += reads ? other : row.frames;
+                out += reads ? row.frames : other;
+                const double start = 1 + (1 - sampler->phase) * ratio;
+                ASSERT_TRUE(start > -4 && start < 2 + ratio) << "call " << i << " of " << calls;
+            }
+            // The phase follows the frames: a week of rounding may not add up to a tenth of a frame.
+            EXPECT_NEAR(static_cast<double>(in) / ratio + 1 - static_cast<double>(out), sampler->phase, 0.1);
+        }
+}
+
+} // namespace

@@ -1,0 +1,128 @@
+#include "DXRRangedStream.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace {
+
+using Bytes = std::vector<std::byte>;
+
+AudioStreamBasicDescription integerFormat()
+{
+    return {48000, kAudioFormatLinearPCM, 12, 4, 1, 4, 2, 16, 0};
+}
+
+CXRef<DXRRangedStream> aRangedStream(double rate, double minimum, double maximum)
+{
+    AudioStreamRangedDescription desc = DXRRangedStream::init()->desc();
+    desc.format.sampleRate = rate;
+    desc.sampleRateRange = {minimum, maximum};
+    return DXRRangedStream::initWithDesc(&desc);
+}
+
+TEST(DXRValueRange, describesAndJudgesItself)
+{
+    const struct {
+        double min, max;
+        const char *text, *rateText;
+        bool isValid;
+    } rows[] = {
+        {44100, 44100, "44100", "44.1kHz", true},
+        {8000, 192000, "8000 - 192000", "8 - 192kHz", true},
+        {0, 48000, "0 - 48000", "0 - 48kHz", false},
+        {48000, 0, "48000 - 0", "48 - 0kHz", false},
+        {96000, 48000, "96000 - 48000", "96 - 48kHz", false},
+        {0, 0, "0", "0kHz", false},
+    };
+    for (const auto& row : rows) {
+        const CXRef<DXRValueRange> range = DXRValueRange::initWithMin(row.min, row.max);
+        EXPECT_EQ(range->description(), row.text);
+        EXPECT_EQ(range->descriptionForSampleRate(), row.rateText);
+        EXPECT_EQ(range->isValid(), row.isValid) << row.text;
+    }
+    EXPECT_TRUE(DXRValueRange::init()->isEqual(DXRValueRange::initWithValue(0).get()));
+    EXPECT_FALSE(DXRValueRange::init()->isEqual(DXRValueRange::initWithValue(-0.0).get())) << "by bits";
+}
+
+TEST(DXRValueRange, containsItsEndsAndKeepsTheOrderOfWhatItSelects)
+{
+    const std::vector<double> rates{96000, 48000, 44100, 32000, 31999.9, 88200};
+    EXPECT_EQ(DXRValueRange::initWithMin(32000, 48000)->containedValues(rates),
+              (std::vector<double>{48000, 44100, 32000}));
+    EXPECT_TRUE(DXRValueRange::initWithValue(44100)->containedValues({}).empty());
+}
+
+// The same rules for all three classes: the record's bytes and no other length.
+template <class Type> void archivesItsRecord(const CXRef<Type>& object, size_t length)
+{
+    Bytes archive = object->archive();
+    ASSERT_EQ(archive.size(), length);
+    const CXRef<Type> again = Type::initWithArchive(archive);
+    ASSERT_TRUE(again);
+    EXPECT_TRUE(again->isEqual(object.get()));
+    EXPECT_EQ(again->hash(), object->hash());
+    EXPECT_FALSE(object->isEqual(nullptr));
+    for (size_t i = 0; i < length; ++i) {
+        Bytes other = archive;
+        other[i] ^= std::byte{1};
+        EXPECT_FALSE(Type::initWithArchive(other)->isEqual(object.get())) << "byte " << i;
+    }
+    archive.push_back({});
+    EXPECT_FALSE(Type::initWithArchive(archive));
+    archive.resize(length - 1);
+    EXPECT_FALSE(Type::initWithArchive(archive));
+    EXPECT_FALSE(Type::initWithArchive(Bytes()));
+    EXPECT_FALSE(Type::initWithArchive(std::nullopt));
+}
+
+TEST(Streams, areArchivedByteForByte)
+{
+    archivesItsRecord(DXRValueRange::initWithMin(8000, 192000), 16);
+    archivesItsRecord(DXRBasicStream::init(), 40);
+    archivesItsRecord(aRangedStream(0, 8000, 192000), 56);
+    EXPECT_FALSE(DXRValueRange::initWithRange(nullptr));
+    EXPECT_FALSE(DXRBasicStream::initWithDesc(nullptr));
+    EXPECT_FALSE(DXRRangedStream::initWithDesc(nullptr));
+    EXPECT_FALSE(DXRBasicStream::init()->isEqual(DXRRangedStream::init().get()));
+}
+
+TEST(Streams, describeThemselvesShortly)
+{
+    AudioStreamBasicDescription desc = integerFormat();
+    EXPECT_EQ(DXRBasicStream::init()->description(), "(44.1kHz, 2ch)");
+    EXPECT_EQ(DXRBasicStream::initWithDesc(&desc)->description(), "(48kHz, 2ch, 16i/C)");
+    desc.formatFlags |= 0x80000040;
+    EXPECT_EQ(DXRBasicStream::initWithDesc(&desc)->descriptionWithoutChannelCount(2), "(48kHz, 16i/4C)");
+    EXPECT_FALSE(DXRBasicStream::initWithDesc(&desc)->isMixable());
+    desc.formatID = 0x61632D33;
+    EXPECT_EQ(DXRBasicStream::initWithDesc(&desc)->description(), "(48kHz, 2ch, 'ac-3'/8000004C)");
+
+    EXPECT_EQ(DXRBasicStream::initWithVirtualChannelCount(2, 48000)->descriptionWithoutChannelCount(2),
+              "(48kHz)");
+    EXPECT_EQ(DXRRangedStream::initWithVirtualChannelCount(2, 48000)->descriptionWithoutChannelCount(2),
+              "48kHz");
+    EXPECT_EQ(DXRRangedStream::init()->descriptionWithoutChannelCount(1), "(44.1kHz, 2ch)");
+    EXPECT_EQ(aRangedStream(0, 8000, 192000)->description(), "(8 - 192kHz, 2ch)");
+}
+
+TEST(Streams, offerTheRateMostWanted)
+{
+    const struct {
+        double rate, minimum, maximum, offered;
+        bool takes48000;
+    } rows[] = {
+        {0, 8000, 192000, 44100, true},      {0, 8000, 22050, 8000, false},
+        {48000, 8000, 192000, 48000, true},  {0, 44100.5, 96000, 48000, true},
+        {44100, 8000, 192000, 44100, false},
+    };
+    for (const auto& row : rows) {
+        const CXRef<DXRRangedStream> stream = aRangedStream(row.rate, row.minimum, row.maximum);
+        EXPECT_EQ(stream->sampleRate(), row.offered);
+        EXPECT_EQ(stream->basicStream()->sampleRate(), row.offered);
+        EXPECT_EQ(stream->containsSampleRate(48000), row.takes48000);
+        EXPECT_EQ(stream->containedSampleRates(std::vector<double>{48000}).size(), row.takes48000 ? 1U : 0U);
+    }
+}
+
+} // namespace

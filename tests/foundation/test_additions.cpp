@@ -1,0 +1,204 @@
+#include "CXException.h"
+#include "CXPlistAdditions.h"
+#include "CXStringAdditions.h"
+#include "CXThreadAdditions.h"
+#include "CXURLAdditions.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <pthread.h>
+#include <set>
+
+namespace {
+
+TEST(PlistArrays, mapMatchSelectAndAdd)
+{
+    const CXPlist numbers = {1, 2, 3, 4};
+    const auto halved = [](const CXPlist& n) {
+        return n.get<int>() % 2 == 0 ? CXPlist(n.get<int>() / 2) : CXPlist();
+    };
+    EXPECT_EQ(vt_map(numbers, [](const CXPlist& n) { return n.dump(); }), (CXPlist{"1", "2", "3", "4"}));
+    EXPECT_THROW(vt_map(numbers, halved), CXException);
+    EXPECT_EQ(vt_compact_map(numbers, halved), (CXPlist{1, 2}));
+    EXPECT_EQ(vt_match(numbers, [](const CXPlist& n) { return n > 2; }), 3);
+    EXPECT_EQ(vt_match(numbers, [](const CXPlist& n) { return n > 4; }), nullptr);
+    EXPECT_EQ(vt_select(numbers, [](const CXPlist& n) { return n > 2; }), (CXPlist{3, 4}));
+    EXPECT_EQ(vt_select(CXPlist{{"a", 1}, {"b", 2}},
+                        [](const std::string& key, const CXPlist&) { return key == "b"; }),
+              (CXPlist{{"b", 2}}));
+    CXPlist list = CXPlist::array();
+    safeAddObject(list, nullptr);
+    safeAddObject(list, 5);
+    EXPECT_EQ(list, CXPlist::array({5}));
+    EXPECT_EQ(vt_map(nullptr, halved), CXPlist::array()) << "no array is an empty one";
+}
+
+TEST(PlistDictionaries, convertWhatTheyHold)
+{
+    const CXPlist values = {
+        {"yes", true},       {"text", " 12.75 Hz"}, {"huge", 1e300},          {"many", 4294967297},
+        {"negative", -3.99}, {"list", {1}},         {"nan", "nan"},           {"inf", "1e999"},
+        {"", "empty key"},   {"null", nullptr},     {"size", {640, 480}},     {"sizeText", "{3, 4.5}"},
+        {"true", "true"},    {"zero", "00"},        {"broken", "\xFF\xFE 1"}, {"tiny", "-1e-999"}};
+    struct {
+        const char* key;
+        int64_t integer;
+        double real;
+        bool boolean;
+    } const rows[] = {
+        {"yes", 1, 1.0, true},
+        {"text", 12, 12.75, true},
+        {"huge", INT32_MAX, 1e300, true},
+        {"many", 1, 4294967297.0, true},
+        {"negative", -3, -3.99, true},
+        {"list", 0, 0.0, false},
+        {"nan", 0, 0.0, false},
+        {"inf", INT32_MAX, std::numeric_limits<double>::infinity(), true},
+        {"", 0, 0.0, false},
+        {"null", 0, 0.0, false},
+        {"absent", 0, 0.0, false},
+        {"true", 0, 0.0, true},
+        {"zero", 0, 0.0, false},
+        {"broken", 0, 0.0, false},
+        {"tiny", 0, 0.0, false},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(safeIntegerForKey(values, row.key), row.integer) << row.key;
+        EXPECT_EQ(safeDoubleForKey(values, row.key), row.real) << row.key;
+        EXPECT_EQ(safeBoolForKey(values, row.key), row.boolean) << row.key;
+    }
+    EXPECT_EQ(vtIntForKey(values, "null", 7), 7);
+    EXPECT_EQ(vtFloatForKey(values, "list", 7.0F), 0.0F) << "what is present is converted, whatever it is";
+    EXPECT_TRUE(vtBoolForKey(values, "absent", true));
+    EXPECT_EQ(vtSizeForKey(values, "size", {1, 1}), (CXSize{640, 480}));
+    EXPECT_EQ(vtSizeForKey(values, "sizeText", {1, 1}), (CXSize{3, 4.5}));
+    EXPECT_EQ(vtSizeForKey(values, "absent", {1, 1}), (CXSize{1, 1}));
+    EXPECT_EQ(vtObjectForKey(values, "yes", CXPlistKind::Number), true) << "a boolean is a number";
+    EXPECT_EQ(vtObjectForKey(values, "text", CXPlistKind::Number), nullptr);
+    EXPECT_EQ(safeObjectForKey(values, "absent", "default"), "default");
+    EXPECT_EQ(safeObjectForKey(CXPlist{1}, "absent"), nullptr);
+
+    CXPlist set = CXPlist::object();
+    vt_safeSetObject(set, 1, std::nullopt);
+    vt_safeSetObject(set, nullptr, "a");
+    vt_safeSetObject(set, 1, "");
+    safeSetBool(set, false, "off");
+    EXPECT_EQ(set, (CXPlist{{"", 1}, {"off", false}}));
+}
+
+TEST(PlistEquality, toleratesSmallDifferencesAndOneKey)
+{
+    const CXPlist deep = {{"a", {{{"t", 1}, {"x", 0.1}}}}};
+    struct {
+        const char* why;
+        CXPlist value;
+        CXPlist other;
+        bool isEqual;
+    } const rows[] = {
+        {"the ignored key on one side", {{"a", 1}, {"b", 2}, {"t", 5}}, {{"a", 1}, {"b", 2}}, true},
+        {"another key instead of it", {{"a", 1}, {"t", 5}}, {{"a", 1}, {"b", 2}}, false},
+        {"ignored at every depth", deep, {{"a", {{{"x", 0.1004}}}}}, true},
+        {"close enough", 0.1, 0.1004, true},
+        {"too far", 0.1, 0.1006, false},
+        {"large and equal", 1e300, 1e300, true},
+        {"a boolean is a number", true, 1, true},
+        {"an array is no dictionary", CXPlist::array(), CXPlist::object(), false},
+        {"a dictionary is no array", CXPlist::object(), CXPlist::array(), false},
+        {"arrays of other lengths", {1, 2}, {1}, false},
+        {"a number reads a string", 1.5, "1.5001", true},
+        {"a string does not read a number", "1.5", 1.5, false},
+        {"the other side's entry is the one asked", {{"k", "1.5"}}, {{"k", 1.5}}, true},
+        {"nor does a number read a list", 1, {1}, false},
+        {"not a number", std::nan(""), std::nan(""), true},
+        {"nothing and nothing", nullptr, nullptr, true},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(vtIsEqual(row.value, row.other, "t"), row.isEqual) << row.why;
+    EXPECT_FALSE(vtIsEqual(CXPlist{{"t", 1}}, CXPlist::object())) << "no key is ignored unless asked";
+}
+
+TEST(Strings, areCutCleanedAndReplaced)
+{
+    EXPECT_EQ(stringByTrimmingWhitespace("\u00A0\t a b\u3000\r\n"), "a b");
+    EXPECT_EQ(stringByTrimmingWhitespace(" \n"), "");
+    EXPECT_EQ(stringByTrimmingWhitespace(" \xFFx\xC3 "), "\xFFx\xC3") << "bytes that are not UTF-8 stay";
+    EXPECT_EQ(stringByRemovingCharactersInSet("häuser-a", "aä-"), "huser");
+    EXPECT_EQ(stringByReplacingQuotesWithSmartQuotes("\"a\" \""), "\u201Ca\u201D \u201C");
+    EXPECT_TRUE(hasPrefixInArray("front left", {"back", 4, "front"}));
+    EXPECT_FALSE(hasPrefixInArray("front", CXPlist::array()));
+    std::string text = "aXXa";
+    simpleReplace(text, "a", "aa");
+    simpleReplace(text, "", "never");
+    EXPECT_EQ(text, "aaXXaa");
+    text = "%name %nameLong %n";
+    simpleReplaceKeysWithValuesFrom(text, {{"%n", "c"}, {"%name", "a"}, {"%nameLong", "b"}, {"", "never"}});
+    EXPECT_EQ(text, "a b c");
+
+    const auto bytes = [](std::string_view data) { return std::as_bytes(std::span(data)); };
+    EXPECT_EQ(stringWithUTF8Data(bytes("\xC3\xA4")), "ä");
+    EXPECT_EQ(stringWithUTF8Data(bytes("\xE4")), std::nullopt);
+    EXPECT_EQ(stringWithData(bytes("\xE4"), "ISO-8859-1"), "ä");
+    EXPECT_EQ(stringWithData(bytes("\xC3"), "UTF-8"), std::nullopt);
+    EXPECT_EQ(stringWithData(bytes("a"), "no such encoding"), std::nullopt);
+    std::set<std::string> unique;
+    for (int i = 0; i < 100; ++i)
+        unique.insert(uuidString());
+    EXPECT_EQ(unique.size(), 100U);
+    for (const std::string& uuid : unique)
+        EXPECT_TRUE(uuid.size() == 36 && uuid[14] == '4' && std::string_view("89AB").find(uuid[19]) < 4)
+            << uuid;
+
+    char name[16];
+    vt_setThreadName("fourteen bytesä");
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    EXPECT_STREQ(name, "fourteen bytes");
+}
+
+TEST(ScanFloatArray, skipsWhatMayStandBetweenNumbers)
+{
+    struct {
+        std::string_view text;
+        int32_t count;
+        int32_t result;
+        std::vector<float> read;
+    } const rows[] = {
+        {"{1.5, 2, 3}", 3, 3, {1.5F, 2, 3}},
+        {"w=1 h=x", 2, 1, {1}},
+        {"größe: -2.5e1*.5", 2, 2, {-25, 0.5F}},
+        {"1e999 1e-999 2.", 3, 3, {std::numeric_limits<float>::infinity(), 0, 2}},
+        {"1;2", 2, 1, {1}},
+        {"nan inf", 1, 0, {}},
+        {"1\n2", 2, 1, {1}},
+        {"- 1", 1, 0, {}},
+        {"\xFF 1", 1, 0, {}},
+        {"1", 0, 0, {}},
+        {"1", -4, -4, {}},
+    };
+    for (const auto& row : rows) {
+        float floats[4] = {-1, -1, -1, -1};
+        EXPECT_EQ(scanFloatArray(row.text, floats, row.count), row.result) << row.text;
+        EXPECT_TRUE(std::equal(row.read.begin(), row.read.end(), floats)) << row.text;
+        EXPECT_EQ(floats[row.read.size()], -1.0F) << row.text;
+    }
+}
+
+TEST(URLs, areCheckedAndExtended)
+{
+    EXPECT_EQ(safeFileURLWithPath("/no such/ä?#"), "file:///no%20such/%C3%A4%3F%23");
+    EXPECT_EQ(safeFileURLWithPath("/tmp"), "file:///tmp/");
+    EXPECT_EQ(safeFileURLWithPath(std::nullopt), std::nullopt);
+    for (const char* good :
+         {"http://user:x@host:80/a%20b?q=1&r#f", "../a;b", "mailto:x@y", "http://[::1]:8/", "#"})
+        EXPECT_EQ(safeURLWithString(good), good);
+    for (const char* bad :
+         {"", "a b", "http://h\xC3\xA4", "%G0", "%2", "a#b#c", "1a:b", "http://h:x/", "http://[::1", "<>"})
+        EXPECT_EQ(safeURLWithString(bad), std::nullopt) << bad;
+    EXPECT_EQ(vtURLWithURL("http://h/p?old=1#f", {{"a&b", "c=d e"}, {"n", 1}, {"only", nullptr}}),
+              "http://h/p?a%26b=c%3Dd%20e&n=1&only&old=1#f");
+    EXPECT_EQ(vtURLWithURL("http://h", {{"k", "\xFF"}}), "http://h?k=%FF");
+    EXPECT_EQ(vtURLWithURL("not a url", {{"k", "v"}}), std::nullopt);
+}
+
+} // namespace

@@ -1,0 +1,542 @@
+#include "CXDispatchQueue.h"
+#include "CXDispatchReceiver.h"
+#include "CXDispatchTimer.h"
+#include "CXThreadSetRealtime.h"
+#include "CXTimeBase.h"
+#include "CapturedLog.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Flags = uint32_t;
+constexpr uint64_t millisecond = 1'000'000; // host ticks
+
+uint64_t now()
+{
+    return CXTimeBase::sharedTimeBase()->absoluteTime();
+}
+
+/// A queue for one test, cancelled at its end.
+class TestQueue {
+public:
+    TestQueue() : _queue(CXDispatchQueue::initWithName("test")) {}
+    ~TestQueue()
+    {
+        _queue->cancel();
+        while (_queue->thread() != 0)
+            std::this_thread::yield();
+    }
+    CXDispatchQueue* operator->() const { return _queue.get(); }
+    const CXRef<CXDispatchQueue>& ref() const { return _queue; }
+    /// Everything that the queue had before this has run, and its thread is on its way to sleep.
+    void settle() const
+    {
+        _queue->dispatchSync([] {});
+    }
+
+private:
+    const CXRef<CXDispatchQueue> _queue;
+};
+
+/// Keeps a queue busy until open().
+class Gate {
+public:
+    explicit Gate(const TestQueue& queue)
+    {
+        std::promise<void> entered;
+        queue->dispatchAsync([this, &entered] {
+            entered.set_value();
+            _opened.get_future().wait();
+        });
+        entered.get_future().wait();
+    }
+    void open() { _opened.set_value(); }
+
+private:
+    std::promise<void> _opened;
+};
+
+std::string reasonOf(const std::function<void()>& body)
+{
+    try {
+        body();
+    } catch (const CXException& exception) {
+        EXPECT_EQ(exception.name(), "CXAssertionFailure");
+        return exception.reason().value_or("");
+    }
+    return "(none)";
+}
+
+TEST(CXDispatchQueue, runsLanesInOrderAndHousekeepingFirst)
+{
+    const TestQueue queue;
+    std::string order;
+    const auto append = [&](char c) { return [&order, c] { order += c; }; };
+    Gate gate(queue);
+    queue->dispatchAsync([&] {
+        order += 'a';
+        queue->dispatchAsync(CXDispatchHousekeepingLane, append('z'));
+    });
+    queue->dispatchAsync(append('b'));
+    queue->dispatchAsync(CXDispatchHousekeepingLane, append('x'));
+    queue->dispatchAsync(CXDispatchHousekeepingLane, append('y'));
+    queue->dispatchAsync(append('c'));
+    queue->dispatchAsync(nullptr);
+    gate.open();
+    queue.settle();
+    EXPECT_EQ(order, "xyazbc");
+}
+
+TEST(CXDispatchQueue, runsImmediateWorkInPlaceOnTheQueueAndWaitsElsewhere)
+{
+    const TestQueue queue;
+    int ran = 0;
+    EXPECT_FALSE(queue->dispatchSyncImmed([&] {
+        EXPECT_TRUE(queue->isDispatchedOnCurrentThread());
+        EXPECT_EQ(queue->owner(), queue->thread());
+        EXPECT_TRUE(queue->dispatchSyncImmed([&] { ++ran; }));
+        EXPECT_TRUE(queue->dispatchAsyncImmed([&] { ++ran; }));
+        EXPECT_EQ(ran, 2);
+    }));
+    EXPECT_EQ(ran, 2);
+    EXPECT_FALSE(queue->dispatchSyncImmed(nullptr));
+    EXPECT_FALSE(queue->isDispatchedOnCurrentThread());
+}
+
+TEST(CXDispatchQueue, isBorrowedByABypassWhenIdleAndWaitedForWhenBusy)
+{
+    const TestQueue queue;
+    while (queue->owner() != 0)
+        std::this_thread::yield();
+    const pthread_t self = pthread_self();
+    pthread_t inside = 0;
+    pthread_t after = 0;
+    queue->dispatchSyncBypassOnce([&] {
+        inside = pthread_self();
+        EXPECT_TRUE(queue->isDispatchedOnCurrentThread());
+        queue->dispatchAsync([&] { after = pthread_self(); });
+    });
+    EXPECT_EQ(inside, self);
+    EXPECT_FALSE(queue->isDispatchedOnCurrentThread());
+    queue.settle();
+    EXPECT_EQ(after, queue->thread()) << "a single bypass leaves client work to the thread";
+
+    while (queue->owner() != 0)
+        std::this_thread::yield();
+    queue->dispatchSyncBypass([&] { queue->dispatchAsync([&] { after = pthread_self(); }); });
+    EXPECT_EQ(after, self) << "a whole bypass runs it";
+
+    Gate gate(queue);
+    bool hasClientRun = false;
+    bool hasOvertaken = false;
+    queue->dispatchAsync([&] { hasClientRun = true; });
+    std::thread other([&] {
+        queue->dispatchSyncBypassOnce([&] {
+            inside = pthread_self();
+            hasOvertaken = !hasClientRun;
+        });
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(5)); // for the other thread to push
+    gate.open();
+    other.join();
+    EXPECT_EQ(inside, queue->thread());
+    EXPECT_TRUE(hasOvertaken) << "it is housekeeping, and client work waited";
+}
+
+TEST(CXDispatchQueue, assertsItsRulesWithFileAndLine)
+{
+    const TestQueue queue;
+    const CXRef<CXDispatchQueue> cancelled = CXDispatchQueue::init();
+    cancelled->cancel();
+    const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+    timer->cancel();
+    const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(nullptr);
+    receiver->cancel();
+    const auto onQueue = [&](const std::function<void()>& body) {
+        std::string reason;
+        queue->dispatchSync([&] { reason = reasonOf(body); });
+        return reason;
+    };
+    const std::pair<const char*, std::string> rows[] = {
+        {"synchronous, lane 2", reasonOf([&] { queue->dispatchSync(2, [] {}); })},
+        {"asynchronous, lane 255", reasonOf([&] { queue->dispatchAsync(255, [] {}); })},
+        {"synchronous, cancelled", reasonOf([&] { cancelled->dispatchSync([] {}); })},
+        {"asynchronous, cancelled", reasonOf([&] { cancelled->dispatchAsync([] {}); })},
+        {"bypass, cancelled", reasonOf([&] { cancelled->dispatchSyncBypass([] {}); })},
+        {"synchronous, from the queue", onQueue([&] { queue->dispatchSync([] {}); })},
+        {"bypass, from the queue", onQueue([&] { queue->dispatchSyncBypassOnce([] {}); })},
+        {"a cancelled timer", reasonOf([&] { timer->setDispatchQueue(queue.ref()); })},
+        {"a cancelled receiver", reasonOf([&] { receiver->setDispatchQueue(queue.ref()); })},
+    };
+    for (const auto& [why, reason] : rows) {
+        EXPECT_TRUE(reason.starts_with("CXDispatchQueue:")) << why << ": " << reason;
+        EXPECT_EQ(reason.find_first_not_of("0123456789", 16), std::string::npos) << why << ": " << reason;
+    }
+    const auto misplaced = [&queue] { CX_ASSERT_ON_QUEUE(queue); };
+    EXPECT_NE(reasonOf(misplaced).find(" - [queue isDispatchedOnCurrentThread] "), std::string::npos);
+    EXPECT_EQ(onQueue(misplaced), "(none)");
+    EXPECT_NE(
+        onQueue([&queue] { CX_ASSERT_NOT_ON_QUEUE(queue); }).find(" - ![queue isDispatchedOnCurrentThread] "),
+        std::string::npos);
+}
+
+TEST(CXDispatchQueueDeathTest, endsTheProcessAtATimerThatIsThereTwice)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto addTwice = [] {
+        const CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
+        const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+        queue->addTimer(timer);
+        queue->addTimer(timer);
+    };
+    EXPECT_DEATH(addTwice(), "CXAssertionFailure: CXDispatchQueue:[0-9]+");
+}
+
+TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndServesWhatIsAllowedAfterwards)
+{
+    const CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
+    const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+    timer->setTimeoutAbsolute(now() + 3600'000 * millisecond, 0);
+    timer->setTimeoutHandler([](const CXRef<CXDispatchTimer>&) {});
+    timer->setDispatchQueue(queue);
+    std::atomic<int> ran{0};
+    for (int i = 0; i < 100; ++i)
+        queue->dispatchAsync([&] { ++ran; });
+    queue->cancel();
+    queue->cancel();
+    while (queue->thread() != 0)
+        std::this_thread::yield();
+    EXPECT_EQ(ran, 100);
+    EXPECT_FALSE(timer->handler()) << "timers are cancelled with their queue";
+    EXPECT_FALSE(timer->queue());
+
+    queue->dispatchSync(CXDispatchClientLane | CXDispatchAfterCancel, [&] {
+        ++ran;
+        EXPECT_TRUE(queue->isDispatchedOnCurrentThread());
+    });
+    queue->dispatchAsync(CXDispatchClientLane | CXDispatchAfterCancel, [&] { ++ran; });
+    EXPECT_EQ(ran, 102);
+    const CXRef<CXDispatchTimer> late = CXDispatchTimer::init();
+    late->setTimeoutHandler([](const CXRef<CXDispatchTimer>&) {});
+    late->setDispatchQueue(queue);
+    EXPECT_FALSE(late->handler()) << "a cancelled queue cancels what comes";
+}
+
+/// When a timer of 20 ms fires that begins three periods behind and sleeps through two more; from its grid's start.
+std::vector<uint64_t> firesOfALateTimer()
+{
+    const TestQueue queue;
+    const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+    std::vector<uint64_t> fired;
+    std::promise<void> enough;
+    const uint64_t start = now() - 35 * millisecond;
+    timer->setTimeoutHandler([&](const CXRef<CXDispatchTimer>& self) {
+        EXPECT_TRUE(queue->isDispatchedOnCurrentThread());
+        fired.push_back(now() - start);
+        if (fired.size() == 1)
+            std::this_thread::sleep_for(std::chrono::milliseconds(45));
+        if (fired.size() == 3) {
+            self->cancel();
+            enough.set_value();
+        }
+    });
+    timer->setTimeoutAbsolute(start, 20 * millisecond);
+    timer->setDispatchQueue(queue.ref());
+    enough.get_future().wait();
+    queue.settle();
+    EXPECT_EQ(fired.size(), 3U);
+    EXPECT_FALSE(timer->queue());
+    return fired;
+}
+
+TEST(CXDispatchTimer, leavesOutMissedPeriodsAndStaysOnItsGrid)
+{
+    const auto isOnGrid = [](uint64_t time) { return time % (20 * millisecond) < 10 * millisecond; };
+    const auto isAsPromised = [&](const std::vector<uint64_t>& fired) {
+        return fired[0] < 39 * millisecond && isOnGrid(fired[1]) && isOnGrid(fired[2]) &&
+               fired[2] > fired[1] + 5 * millisecond; // not one after the other to catch up
+    };
+    // A busy machine may be late once or twice; a timer that is wrong is wrong every time.
+    bool wasAsPromised = false;
+    for (int attempt = 0; attempt < 20 && !wasAsPromised; ++attempt)
+        wasAsPromised = isAsPromised(firesOfALateTimer());
+    EXPECT_TRUE(wasAsPromised);
+}
+
+TEST(CXDispatchTimer, firesEqualDeadlinesInOrderAndFollowsUpdates)
+{
+    const TestQueue queue;
+    std::string order;
+    std::promise<void> last;
+    const auto timerFor = [&](char c, uint64_t deadline) {
+        const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+        timer->setTimeoutAbsolute(deadline, 0);
+        timer->setTimeoutHandler([&order, &last, c](const CXRef<CXDispatchTimer>& self) {
+            order += c;
+            if (c == 'd' && order.size() < 6)
+                self->setTimeoutAbsolute(now() + millisecond, 0); // a one-shot arms itself again
+            else if (c == 'd')
+                last.set_value();
+        });
+        timer->setDispatchQueue(queue.ref());
+        return timer;
+    };
+    const uint64_t soon = now() + 20 * millisecond;
+    const CXRef<CXDispatchTimer> timers[] = {timerFor('b', soon), timerFor('d', soon + 10 * millisecond),
+                                             timerFor('c', soon), timerFor('x', soon),
+                                             timerFor('a', now() + 3600'000 * millisecond)};
+    timers[3]->setDispatchQueue(nullptr);
+    // Earlier than the thread sleeps for, and brought by a thread that has borrowed the queue.
+    queue->dispatchSyncBypass([&] { timers[4]->setTimeoutAbsolute(now() + millisecond, 0); });
+    last.get_future().wait();
+    EXPECT_EQ(order, "abcddd");
+    for (const CXRef<CXDispatchTimer>& timer : timers)
+        timer->cancel();
+}
+
+TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
+{
+    const TestQueue queue;
+    const uint32_t own = CXDispatchReceiverReleasesSendRight | CXDispatchReceiverReleasesReceiveRight;
+    CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(nullptr, own);
+    const CXRef<platform::Port> port = receiver->port();
+    std::promise<void> all;
+    std::string received;
+    receiver->setMessageHandler(
+        [&](const CXRef<CXDispatchReceiver>& self, std::span<const std::byte> message) {
+            EXPECT_TRUE(queue->isDispatchedOnCurrentThread());
+            EXPECT_EQ(self->port(), port);
+            received.append(reinterpret_cast<const char*>(message.data()), message.size());
+            if (message.size() == 100'000)
+                all.set_value();
+        });
+    const auto send = [&](std::string_view text) { return port->send(std::as_bytes(std::span(text))); };
+    EXPECT_EQ(send("early "), platform::Port::SendResult::Sent);
+    Gate gate(queue);
+    for (const char* text : {"b", "c", "d", "e"})
+        EXPECT_EQ(send(text), platform::Port::SendResult::Sent);
+    EXPECT_EQ(send("too many"), platform::Port::SendResult::Full);
+    std::thread([&] { gate.open(); }).detach();
+    receiver->setDispatchQueue(queue.ref());
+    const std::string longMessage(100'000, 'L');
+    while (send(longMessage) == platform::Port::SendResult::Full)
+        std::this_thread::yield();
+    all.get_future().wait();
+    EXPECT_EQ(received, "early bcde" + longMessage);
+
+    receiver->cancel();
+    queue.settle();
+    EXPECT_FALSE(receiver->handler());
+    EXPECT_EQ(send("nobody"), platform::Port::SendResult::Sent) << "the port outlives the cancellation";
+    receiver = nullptr;
+    EXPECT_EQ(send("closed"), platform::Port::SendResult::Closed);
+    queue.settle();
+    EXPECT_EQ(received.size(), 100'010U);
+}
+
+TEST(CXDispatchReceiver, hearsOfADescriptorAsLongAsItIsReadable)
+{
+    const TestQueue queue;
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const CXRef<platform::Port> port = platform::Port::initWithDescriptor(ends[0]);
+    ASSERT_TRUE(port);
+    EXPECT_FALSE(platform::Port::initWithDescriptor(ends[0])) << "one port a descriptor";
+    const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
+    std::promise<void> all;
+    std::string received;
+    receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte>) {
+        char byte = 0;
+        ASSERT_EQ(read(ends[0], &byte, 1), 1); // leaves some: the next message must come
+        received += byte;
+        if (received == "abc")
+            all.set_value();
+    });
+    receiver->setDispatchQueue(queue.ref());
+    ASSERT_EQ(write(ends[1], "abc", 3), 3);
+    all.get_future().wait();
+    receiver->cancel();
+    queue.settle();
+    port->close();
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(CXThreadSetRealtime, saysWhenItIsRefused)
+{
+    const CapturedLog log;
+    const TestQueue queue;
+    int policy = SCHED_OTHER;
+    queue->setRealTime();
+    queue->dispatchSync([&] { policy = sched_getscheduler(0) & ~SCHED_RESET_ON_FORK; });
+    if (policy == SCHED_OTHER) {
+        EXPECT_EQ(log.lines(), std::vector<std::string>{"thread_policy_set returned 1 for period 1000000"});
+    } else {
+        EXPECT_TRUE(log.lines().empty());
+    }
+}
+
+// Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait.
+TEST(CXDispatchQueue, isFitForRealTimeThreads)
+{
+    const TestQueue queue;
+    const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+    std::atomic<int> fired{0};
+    timer->setTimeoutHandler([&](const CXRef<CXDispatchTimer>& self) {
+        const CXRealtimeScope realtime; // a handler that arms its timer again
+        if (++fired < 5)
+            self->setTimeoutAbsolute(self->deadline() + millisecond, 0);
+    });
+    timer->setDispatchQueue(queue.ref());
+    const CXDispatchQueue::Work work = [] {};
+    while (queue->owner() != 0)
+        std::this_thread::yield();
+    {
+        const CXRealtimeScope realtime;
+        for (int i = 0; i < 3; ++i)
+            queue->dispatchSyncBypassOnce([] {});
+        queue->dispatchSyncBypass([&] { timer->setTimeoutAbsolute(now() + millisecond, 0); });
+        for (int i = 0; i < 100; ++i)
+            queue->dispatchAsync(work);
+    }
+    while (fired < 5)
+        queue.settle();
+    timer->cancel();
+}
+
+/// How long the stress below runs: longer when the environment says so.
+std::chrono::milliseconds stressTime()
+{
+    const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
+    return seconds ? std::chrono::seconds(std::atoi(seconds)) : std::chrono::milliseconds(1500);
+}
+
+// Two producers, a borrowing thread, timers and a receiver on one queue: nothing runs beside anything else,
+// nothing is lost, done twice or out of order, and lane 0 waits for at most one item of lane 1.
+TEST(CXDispatchQueueStress, keepsItsPromisesWhileEverybodyUsesItAtOnce)
+{
+    constexpr int producerCount = 2;
+    const TestQueue queue;
+    uint64_t inside = 0;              // plain on purpose: only the queue's order protects it
+    uint64_t entries = 0;             // the same
+    std::atomic<uint64_t> started{0}; // items of lane 1
+    std::atomic<uint64_t> expected{0};
+    std::atomic<uint64_t> outOfOrder{0};
+    std::atomic<uint64_t> overlaps{0};
+    std::atomic<uint64_t> late{0};
+    const auto enter = [&](auto&& body) {
+        if (++inside != 1)
+            ++overlaps;
+        ++entries;
+        body();
+        --inside;
+    };
+
+    std::vector<CXRef<CXDispatchTimer>> timers;
+    std::atomic<uint64_t> fires{0};
+    for (const uint64_t interval : {millisecond, 3 * millisecond / 2, 700'000UL}) {
+        const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+        timer->setTimeoutAbsolute(now(), interval);
+        timer->setTimeoutHandler([&](const CXRef<CXDispatchTimer>&) { enter([&] { ++fires; }); });
+        timer->setDispatchQueue(queue.ref());
+        timers.push_back(timer);
+    }
+    const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(platform::Port::init(100));
+    uint64_t nextMessage = 0;
+    receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte> message) {
+        enter([&] {
+            uint64_t number = 0;
+            std::memcpy(&number, message.data(), sizeof number);
+            if (number != nextMessage++)
+                ++outOfOrder;
+        });
+    });
+    receiver->setDispatchQueue(queue.ref());
+
+    const auto end = std::chrono::steady_clock::now() + stressTime();
+    const auto isOver = [end] { return std::chrono::steady_clock::now() >= end; };
+    std::vector<std::thread> threads;
+    uint64_t next[producerCount] = {};
+    std::atomic<uint64_t> waiting[producerCount] = {};
+    for (int p = 0; p < producerCount; ++p) {
+        threads.emplace_back([&, p] {
+            uint64_t pushed = 0;
+            for (uint64_t i = 0; !isOver(); ++i) {
+                while (waiting[p] > 10'000)
+                    std::this_thread::yield(); // bounded, so that timers get their turn
+                ++waiting[p];
+                const uint64_t number = pushed++;
+                queue->dispatchAsync([&, p, number] {
+                    ++started;
+                    enter([&] {
+                        if (number != next[p]++)
+                            ++outOfOrder;
+                    });
+                    --waiting[p];
+                });
+                if (i % 64 == 0) { // urgent work overtakes all that
+                    auto* const startedAtPush = new std::atomic<uint64_t>(UINT64_MAX);
+                    queue->dispatchAsync(CXDispatchHousekeepingLane, [&, startedAtPush] {
+                        const uint64_t before = startedAtPush->exchange(0);
+                        if (before != UINT64_MAX && started - before > 1)
+                            ++late;
+                        if (before != UINT64_MAX)
+                            delete startedAtPush;
+                        enter([] {});
+                    });
+                    if (startedAtPush->exchange(started) == 0)
+                        delete startedAtPush; // it has run already
+                    ++expected;
+                }
+                if (i % 256 == 0)
+                    queue->dispatchSync([&] { enter([] {}); }), ++expected;
+            }
+            expected += pushed;
+        });
+    }
+    threads.emplace_back([&] {
+        for (uint64_t i = 0; !isOver(); ++i) {
+            if (i % 8 == 0)
+                queue->dispatchSyncBypass([&] { enter([] {}); });
+            else
+                queue->dispatchSyncBypassOnce([&] { enter([] {}); });
+            ++expected;
+            std::this_thread::sleep_for(std::chrono::microseconds(i % 128));
+        }
+    });
+    uint64_t sent = 0;
+    while (!isOver()) {
+        if (receiver->port()->send(std::as_bytes(std::span(&sent, 1))) == platform::Port::SendResult::Sent)
+            ++sent;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (const CXRef<CXDispatchTimer>& timer : timers)
+        timer->cancel();
+    uint64_t seen = 0;
+    for (int i = 0; i < 1000 && seen < sent; ++i) {
+        queue->dispatchSync([&] { seen = nextMessage; });
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    receiver->cancel();
+    queue.settle();
+    EXPECT_EQ(seen, sent);
+    EXPECT_EQ(entries, expected + fires + sent);
+    EXPECT_EQ(overlaps, 0U);
+    EXPECT_EQ(outOfOrder, 0U);
+    EXPECT_EQ(late, 0U);
+    EXPECT_GT(fires, 100U) << "timers get their turn";
+    std::printf("%lu items, %lu fires, %lu messages\n", expected.load(), fires.load(), sent);
+}
+
+} // namespace
