@@ -12,6 +12,9 @@ namespace {
 constexpr double audibleRatioChange = 20e-6;         // smaller ones are noise of the measurement
 constexpr uint64_t ratioNanoseconds = 1'000'000'000; // between two announcements
 
+constexpr size_t portsAtOnce =
+    64; // each is work for the audio thread, whose queue loses what it has no room for
+
 thread_local bool insideCycle __attribute__((tls_model("initial-exec"))) = false;
 
 /// Channel `channel` of interleaved samples, from one port's block; silence without one.
@@ -116,9 +119,9 @@ PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const CXRef<HALIOPr
     if (!_filter)
         return;
     pw_filter_add_listener(_filter, &_listener->hook, &events, this);
+    pw_filter_connect(_filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0);
     _addPorts(_inputPorts, true, _ends.capturePorts.size());
     _addPorts(_outputPorts, false, _ends.playbackPorts.size());
-    pw_filter_connect(_filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0);
 }
 
 PipeWireDeviceIO::~PipeWireDeviceIO()
@@ -159,6 +162,8 @@ void PipeWireDeviceIO::_addPorts(std::vector<void*>& ports, bool inputs, size_t 
         ports.push_back(pw_filter_add_port(_filter, inputs ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
                                            PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.copy(), nullptr,
                                            0));
+        if (channel % portsAtOnce == portsAtOnce - 1)
+            _session.waitForAudioThread();
     }
 }
 

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr size_t mostAtOnce = 64;
+constexpr size_t mostAtOnce = 32;
 
 } // namespace
 
@@ -75,7 +75,9 @@ void PipeWireLinks::make(std::vector<Ends> all)
 void PipeWireLinks::_makeNext()
 {
     const size_t count = std::min(mostAtOnce, _waiting.size());
-    _unsettled = count; // before the first: none settles while it is being made
+    if (!_links.empty())
+        _session.waitForAudioThread(); // what the last lot has queued for it
+    _unsettled = count;                // before the first: none settles while it is being made
     for (size_t i = 0; i < count; ++i) {
         _links.push_back(std::make_unique<Link>(*this, _waiting.back()));
         _waiting.pop_back();

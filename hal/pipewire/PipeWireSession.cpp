@@ -135,6 +135,13 @@ pw_proxy* PipeWireSession::create(const char* factory, const char* type, uint32_
     return proxy;
 }
 
+void PipeWireSession::waitForAudioThread()
+{
+    const auto nothing = [](spa_loop*, bool, uint32_t, const void*, size_t, void*) { return 0; };
+    if (_context)
+        pw_data_loop_invoke(pw_context_get_data_loop(_context), nothing, 0, nullptr, 0, true, nullptr);
+}
+
 void PipeWireSession::_coreDone(void* data, uint32_t id, int sequence)
 {
     auto* self = static_cast<PipeWireSession*>(data);

@@ -57,6 +57,9 @@ public:
     /// Null without a connection.
     pw_proxy* create(const char* factory, const char* type, uint32_t version,
                      const PipeWireProperties& properties);
+    /// Returns once the audio thread has done what PipeWire has queued for it: a queue of some 400 places, which
+    /// loses what comes when it is full.
+    void waitForAudioThread();
     pw_core* core() const noexcept { return _core; }
     PipeWireLoop& loop() const noexcept { return _loop; }
 

@@ -15,7 +15,8 @@ TEST_P(LoopSoak, losesNothingThatItDoesNotReport)
     DriftingDevice sink(server.remote(), "sink", DriftingDevice::Direction::Sink, 0.0);
     const std::string frames = std::to_string(GetParam());
     const ToolResult loop = runTool(
-        {"loop", "--in", "source", "--out", "sink", "--frames", frames, "--seconds", DXR_LOOP_SECONDS});
+        {"loop", "--in", "source", "--out", "sink", "--frames", frames, "--seconds", DXR_LOOP_SECONDS},
+        std::chrono::seconds(120));
     EXPECT_EQ(loop.status, 0) << loop.errors;
     std::printf("%s", loop.output.c_str());
     const long gaps = numberBefore(loop.output, "gap");

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr std::chrono::seconds patience{30};
-
 [[noreturn]] void becomeTool(const std::vector<std::string>& arguments, size_t mostFileBytes)
 {
     if (mostFileBytes > 0) {
@@ -105,9 +103,9 @@ void ToolProcess::signal(int number) const
     kill(_child, number);
 }
 
-int ToolProcess::finish()
+int ToolProcess::finish(std::chrono::seconds limit)
 {
-    const auto until = std::chrono::steady_clock::now() + patience;
+    const auto until = std::chrono::steady_clock::now() + limit;
     while (_readSome(until)) {
     }
     if (_outputFD >= 0 || _errorFD >= 0)
@@ -118,9 +116,9 @@ int ToolProcess::finish()
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-ToolResult runTool(const std::vector<std::string>& arguments)
+ToolResult runTool(const std::vector<std::string>& arguments, std::chrono::seconds limit)
 {
     ToolProcess tool(arguments);
-    const int status = tool.finish();
+    const int status = tool.finish(limit);
     return {status, tool.output(), tool.errors()};
 }

@@ -8,6 +8,9 @@
 /// One run of the `dxr` command, in a process of its own.
 class ToolProcess {
 public:
+    /// How long a run may take that should be over at once.
+    static constexpr std::chrono::seconds patience{30};
+
     /// Starts `dxr` with these arguments, its output in pipes; on a pseudo-terminal of 80 columns when `onTerminal`.
     /// Files may grow to `mostFileBytes`, if not 0, as on a full disk.
     explicit ToolProcess(const std::vector<std::string>& arguments, bool onTerminal = false,
@@ -20,7 +23,7 @@ public:
     bool waitFor(const std::string& text);
     void signal(int number) const;
     /// Waits for its end and answers the exit status; 128 and the signal when one has killed it.
-    int finish();
+    int finish(std::chrono::seconds limit = patience);
 
     const std::string& output() const { return _output; }
     const std::string& errors() const { return _errors; } ///< empty on a terminal, which shows both
@@ -37,5 +40,6 @@ struct ToolResult {
     int status;
     std::string output, errors;
 };
-/// Runs `dxr` to its end.
-ToolResult runTool(const std::vector<std::string>& arguments);
+/// Runs `dxr` to its end, which is its death after `limit`.
+ToolResult runTool(const std::vector<std::string>& arguments,
+                   std::chrono::seconds limit = ToolProcess::patience);
