@@ -97,7 +97,7 @@ void copyCycleToCycle(const AudioBufferList& from, const ChannelMap& map, AudioB
         if (number >= map.size() || map[number] == channelOfNone)
             return;
         const Channel source = channelAt(from, map[number]);
-        for (uint32_t frame = 0; frame < std::min(source.frameCount, channel.frameCount); ++frame)
+        for (size_t frame = 0; frame < std::min(source.frameCount, channel.frameCount); ++frame)
             channel.samples[frame * channel.stride] = source.samples[frame * source.stride];
     });
 }

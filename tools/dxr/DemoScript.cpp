@@ -4,7 +4,7 @@
 
 DemoScript::DemoScript(CXRef<SimulatedBackend> backend, double seconds) : _backend(std::move(backend))
 {
-    const auto alter = [this](const char* uid, CXBlock<void(SimulatedDeviceBuilder&)> change) {
+    const auto alter = [this](const char* uid, const CXBlock<void(SimulatedDeviceBuilder&)>& change) {
         return [this, uid, change] { _backend->reconfigure(uid, change); };
     };
     const std::function<void()> acts[] = {

@@ -21,10 +21,10 @@ void makeTones(uint64_t firstFrame, uint32_t frameCount, uint32_t channelCount, 
         const uint64_t frame = firstFrame + i;
         const double swell = 0.5 - 0.5 * std::cos(turns(swellsPerSecond, frame));
         const double amplitude = std::pow(10.0, -swellDecibels * swell / 20.0);
-        samples[i * channelCount] =
+        samples[size_t{i} * channelCount] =
             static_cast<float>(steadyAmplitude * std::sin(turns(DemoStudio::toneFrequency, frame)));
         for (uint32_t channel = 1; channel < channelCount; ++channel)
-            samples[i * channelCount + channel] =
+            samples[size_t{i} * channelCount + channel] =
                 static_cast<float>(amplitude * std::sin(turns(swellingFrequency, frame)));
     }
 }

@@ -8,7 +8,7 @@
 /// Frames of interleaved samples on their way from one thread to another, in order, none twice.
 /// Threads:   one writes, one reads; each side's functions on its thread only.
 /// Real time: everything but making it; nothing here waits.
-class FrameRing {
+class FrameRing { // NOLINT(clang-analyzer-optin.performance.Padding): the padding keeps the two sides apart
 public:
     /// Room for at least `leastFrames` frames of `channelCount` samples.
     FrameRing(uint32_t channelCount, uint64_t leastFrames);

@@ -11,7 +11,7 @@ CXRef<SimulatedBackend> HardwareChoice::apply() const
 {
     if (!_isSimulated)
         return nullptr;
-    const CXRef<SimulatedBackend> backend = SimulatedZoo::open();
+    CXRef<SimulatedBackend> backend = SimulatedZoo::open();
     HALSetBackend(backend);
     return backend;
 }

@@ -77,8 +77,9 @@ std::vector<std::string> LevelMeter::draw(const std::string& label, const std::v
         const std::string number = bars == 1 ? "" : formatText(" %zu", bar + 1);
         const std::string level = fitRight(formatLevel(double{_shown[bar]}), 9);
         const size_t room = width > labelWidth + level.size() + 1 ? width - labelWidth - level.size() - 1 : 0;
-        lines.push_back(fitLeft(label + number, labelWidth) + _bar(_shown[bar], room, terminal) + " " +
-                        level);
+        std::string line = fitLeft(label + number, labelWidth);
+        line.append(_bar(_shown[bar], room, terminal)).append(" ").append(level);
+        lines.push_back(std::move(line));
     }
     return lines;
 }

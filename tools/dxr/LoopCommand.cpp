@@ -55,12 +55,11 @@ void draw(LiveLines& live, AudioLoop& loop, double rate, const Terminal& termina
         loop.inputMeter().draw("in", loop.inputMeter().takePeaks(), width, terminal);
     std::ranges::move(loop.outputMeter().draw("out", loop.outputMeter().takePeaks(), width, terminal),
                       std::back_inserter(lines));
-    lines.push_back(clipToWidth(formatSeconds(static_cast<double>(loop.framesMoved()) / rate) +
-                                    formatText("  %llu frames lost, %llu underruns   Ctrl-C ends",
-                                               static_cast<unsigned long long>(
-                                                   loop.inputMonitor().lostFrames() +
-                                                   (loop.hasRing() ? loop.outputMonitor().lostFrames() : 0)),
-                                               static_cast<unsigned long long>(loop.underruns())),
+    const uint64_t lost =
+        loop.inputMonitor().lostFrames() + (loop.hasRing() ? loop.outputMonitor().lostFrames() : 0);
+    lines.push_back(clipToWidth(formatSeconds(static_cast<double>(loop.framesMoved()) / rate) + "  " +
+                                    formatCount(lost, "frame", "frames") + " lost, " +
+                                    formatCount(loop.underruns(), "underrun", "underruns") + "   Ctrl-C ends",
                                 width));
     live.draw(lines);
 }

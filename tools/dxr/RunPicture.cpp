@@ -80,8 +80,9 @@ std::string line(double x1, double y1, double x2, double y2, const char* colour,
 std::string secondsGrid(double seconds, double top, double bottom)
 {
     std::string lines;
-    const double step = seconds > 40.0 ? 10.0 : seconds > 15.0 ? 5.0 : 1.0;
-    for (double at = 0.0; at <= seconds + 0.01; at += step) {
+    const int step = seconds > 40.0 ? 10 : seconds > 15.0 ? 5 : 1;
+    for (int second = 0; second <= static_cast<int>(seconds + 0.01); second += step) {
+        const auto at = static_cast<double>(second);
         lines += line(xAt(at, seconds), top, xAt(at, seconds), bottom, grid);
         lines += text(xAt(at, seconds), bottom + 18.0, formatText("%g s", at), faint, 11.0, "middle");
     }

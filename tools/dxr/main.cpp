@@ -13,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 #include <clocale>
+#include <cstdio>
 #include <dxr/DXRVersion.h>
 #include <iostream>
 
@@ -54,11 +55,14 @@ int runCommandLine(CLI::App& app, int argc, char** argv)
 } // namespace
 
 int main(int argc, char** argv)
-{
+try {
     std::setlocale(LC_CTYPE, "C.UTF-8"); // names are UTF-8, whatever the user's language
     CLI::App app{"Audio devices, found, followed and played together", "dxr"};
     app.set_version_flag("--version", std::string("dxr ") + DXRVersionString());
     app.require_subcommand(1);
     registerCommands(app);
     Interrupts::endProcess(runCommandLine(app, argc, argv));
+} catch (...) { // not even the message of what was wrong could be put together
+    std::fputs("dxr: out of memory\n", stderr);
+    return ToolFailure::exitStatus;
 }
