@@ -189,16 +189,24 @@ TEST(CXDispatchQueue, assertsItsRulesWithFileAndLine)
         std::string::npos);
 }
 
-TEST(CXDispatchQueueDeathTest, endsTheProcessAtATimerThatIsThereTwice)
+// Where the assertion is raised as queue work, nobody can catch it.
+TEST(CXDispatchQueueDeathTest, endsTheProcessAtABrokenRule)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto addTwice = [] {
-        const CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
+    const char* const message = "CXAssertionFailure: CXDispatchQueue:[0-9]+";
+    const auto addATimerTwice = [](CXDispatchQueue& queue) {
         const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
-        queue->addTimer(timer);
-        queue->addTimer(timer);
+        queue.addTimer(timer);
+        queue.addTimer(timer);
     };
-    EXPECT_DEATH(addTwice(), "CXAssertionFailure: CXDispatchQueue:[0-9]+");
+    const auto destroyWhileBusy = [](CXDispatchQueue& queue) {
+        queue.dispatchSync([&queue] {
+            queue.release(); // ours
+            queue.release(); // its thread's
+        });
+    };
+    EXPECT_DEATH(addATimerTwice(*CXDispatchQueue::init().leak()), message);
+    EXPECT_DEATH(destroyWhileBusy(*CXDispatchQueue::init().leak()), message);
 }
 
 TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndServesWhatIsAllowedAfterwards)
