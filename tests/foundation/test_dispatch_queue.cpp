@@ -239,6 +239,24 @@ TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndServesWhatIsAllowedAfte
     EXPECT_FALSE(late->handler()) << "a cancelled queue cancels what comes";
 }
 
+TEST(CXDispatchTimer, letsWorkAndOtherTimersThroughWhenItIsAlwaysDue)
+{
+    const TestQueue queue;
+    std::atomic<int> others{0};
+    const CXRef<CXDispatchTimer> restless = CXDispatchTimer::init();
+    restless->setTimeoutHandler([](const CXRef<CXDispatchTimer>& self) { self->setTimeoutAbsolute(1, 0); });
+    restless->setTimeoutAbsolute(1, 0);
+    restless->setDispatchQueue(queue.ref());
+    const CXRef<CXDispatchTimer> other = CXDispatchTimer::init();
+    other->setTimeoutHandler([&](const CXRef<CXDispatchTimer>&) { ++others; });
+    other->setTimeoutAbsolute(now(), millisecond);
+    other->setDispatchQueue(queue.ref());
+    while (others < 3)
+        queue.settle();
+    restless->cancel();
+    other->cancel();
+}
+
 /// When a timer of 20 ms fires that begins three periods behind and sleeps through two more; from its grid's start.
 std::vector<uint64_t> firesOfALateTimer()
 {

@@ -116,6 +116,7 @@ public:
     uint64_t deadline = 0;      // host ticks; 0: not scheduled
     uint64_t absoluteStart = 0; // host ticks; 0: none
     uint64_t interval = 0;      // host ticks; 0: one-shot
+    uint64_t pass = 0;          // when it was called last
 
 private:
     explicit TimerEntry(const CXRef<CXDispatchTimer>& entryTimer) : timer(entryTimer) { reload(); }
@@ -568,13 +569,15 @@ void CXDispatchQueue::_cancelTimers()
         timer->cancel();
 }
 
-/// With the right, on the queue's thread: calls what is due.
+/// With the right, on the queue's thread: calls what is due, each once. A handler that arms its timer in the past
+/// again and again is called between the queue's work, not instead of it.
 void CXDispatchQueue::_fireTimers() noexcept
 {
     _becomeOwner();
     const uint64_t now = HostClock::nowTicks();
-    while (_firstTimer != nullptr && _firstTimer->deadline <= now) {
-        const CXRef<TimerEntry> entry(_firstTimer); // its handler may remove it
+    ++_timerPass;
+    while (const CXRef<TimerEntry> entry = _nextDue(now)) { // a reference: its handler may remove it
+        entry->pass = _timerPass;
         _unschedule(*entry);
         entry->advance(now);
         _schedule(*entry);
@@ -582,6 +585,15 @@ void CXDispatchQueue::_fireTimers() noexcept
             handler(entry->timer);
     }
     _owner.store(0, std::memory_order_relaxed);
+}
+
+/// The first timer that is due and has not been called in this pass; null when there is none.
+CXRef<CXDispatchQueue::TimerEntry> CXDispatchQueue::_nextDue(uint64_t now) const noexcept
+{
+    TimerEntry* entry = _firstTimer;
+    while (entry != nullptr && entry->pass == _timerPass)
+        entry = entry->next;
+    return CXRef<TimerEntry>(entry != nullptr && entry->deadline <= now ? entry : nullptr);
 }
 
 /// Enters the entry into the list by its deadline, or its start, or its interval from now; without any of

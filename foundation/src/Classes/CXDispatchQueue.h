@@ -134,6 +134,7 @@ private:
     void _workloop();
     void _deliver(const platform::PortSet::Event& event) noexcept;
     void _fireTimers() noexcept;
+    CXRef<TimerEntry> _nextDue(uint64_t now) const noexcept;
     void _schedule(TimerEntry& entry) noexcept;
     void _unschedule(TimerEntry& entry) noexcept;
     void _publishFirstDeadline() noexcept;
@@ -178,6 +179,7 @@ private:
     std::map<const CXDispatchTimer*, CXRef<TimerEntry>> _timerMap;
     TimerEntry* _firstTimer = nullptr; // by ascending deadline, equal ones in the order they were scheduled
     TimerEntry* _lastTimer = nullptr;
+    uint64_t _timerPass = 0;
     // Something only the queue's thread can do: a borrower sends it the right instead of giving it up.
     bool _needsThread = false;
     bool _wantsRealTime = false;
