@@ -189,16 +189,24 @@ TEST(CXDispatchQueue, assertsItsRulesWithFileAndLine)
         std::string::npos);
 }
 
-TEST(CXDispatchQueueDeathTest, endsTheProcessAtATimerThatIsThereTwice)
+// Where the assertion is raised as queue work, nobody can catch it.
+TEST(CXDispatchQueueDeathTest, endsTheProcessAtABrokenRule)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto addTwice = [] {
-        const CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
+    const char* const message = "CXAssertionFailure: CXDispatchQueue:[0-9]+";
+    const auto addATimerTwice = [](CXDispatchQueue& queue) {
         const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
-        queue->addTimer(timer);
-        queue->addTimer(timer);
+        queue.addTimer(timer);
+        queue.addTimer(timer);
     };
-    EXPECT_DEATH(addTwice(), "CXAssertionFailure: CXDispatchQueue:[0-9]+");
+    const auto destroyWhileBusy = [](CXDispatchQueue& queue) {
+        queue.dispatchSync([&queue] {
+            queue.release(); // ours
+            queue.release(); // its thread's
+        });
+    };
+    EXPECT_DEATH(addATimerTwice(*CXDispatchQueue::init().leak()), message);
+    EXPECT_DEATH(destroyWhileBusy(*CXDispatchQueue::init().leak()), message);
 }
 
 TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndServesWhatIsAllowedAfterwards)
@@ -229,6 +237,24 @@ TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndServesWhatIsAllowedAfte
     late->setTimeoutHandler([](const CXRef<CXDispatchTimer>&) {});
     late->setDispatchQueue(queue);
     EXPECT_FALSE(late->handler()) << "a cancelled queue cancels what comes";
+}
+
+TEST(CXDispatchTimer, letsWorkAndOtherTimersThroughWhenItIsAlwaysDue)
+{
+    const TestQueue queue;
+    std::atomic<int> others{0};
+    const CXRef<CXDispatchTimer> restless = CXDispatchTimer::init();
+    restless->setTimeoutHandler([](const CXRef<CXDispatchTimer>& self) { self->setTimeoutAbsolute(1, 0); });
+    restless->setTimeoutAbsolute(1, 0);
+    restless->setDispatchQueue(queue.ref());
+    const CXRef<CXDispatchTimer> other = CXDispatchTimer::init();
+    other->setTimeoutHandler([&](const CXRef<CXDispatchTimer>&) { ++others; });
+    other->setTimeoutAbsolute(now(), millisecond);
+    other->setDispatchQueue(queue.ref());
+    while (others < 3)
+        queue.settle();
+    restless->cancel();
+    other->cancel();
 }
 
 /// When a timer of 20 ms fires that begins three periods behind and sleeps through two more; from its grid's start.
