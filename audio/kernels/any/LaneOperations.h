@@ -23,6 +23,15 @@ template <int count> inline Ints<count> toInts(Shorts<count> v)
     return __builtin_convertvector(v, Ints<count>);
 }
 
+template <int count> inline Lanes<2 * count> joined(Lanes<count> low, Lanes<count> high)
+{
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<2 * count>(__builtin_shufflevector(low, high, lane...));
+    }
+    (std::make_integer_sequence<int, 2 * count>());
+}
+
 /// Cut to whole numbers and to their low 16 bits; NaN gives 0.
 template <int count> inline Shorts<count> toShorts(Lanes<count> x)
 {

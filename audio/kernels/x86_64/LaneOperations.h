@@ -55,6 +55,21 @@ template <int count> inline Ints<count> toInts(Shorts<count> v)
         return __builtin_convertvector(v, Ints<count>);
 }
 
+/// `low` and above it `high`.
+template <int count>
+inline Lanes<2 * count> joined([[maybe_unused]] Lanes<count> low, [[maybe_unused]] Lanes<count> high)
+{
+    static_assert(count >= 4, "no vectors of two floats");
+#ifdef __AVX512F__
+    if constexpr (count == 8)
+        return _mm512_insertf32x8(_mm512_castps256_ps512(low), high, 1);
+    else
+#endif
+#ifdef __AVX__
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(low), high, 1);
+#endif
+}
+
 /// Cut to whole numbers and to their low 16 bits; NaN gives 0, because its whole number is -2^31.
 template <int count> inline Shorts<count> toShorts(Lanes<count> x)
 {
