@@ -23,28 +23,19 @@ template <int count> inline Lanes<count> clamped(Lanes<count> x, float low, floa
 /// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0.
 template <int count> inline Shorts<count> rounded(Lanes<count> x)
 {
-    // By the bits of the sign: 32768 is 0x200 above 32767 as a float. At -0 either scale gives 0.
-    const Ints<count> bits = reinterpret_cast<Ints<count>>(x);
-    const Lanes<count> scale = reinterpret_cast<Lanes<count>>((bits >> 31 & 0x200) + 0x46FFFE00);
-    const Ints<count> half = (bits & INT32_MIN) | 0x3F000000;
-    return toShorts<count>(clamped<count>(x * scale, -32768.0F, 32767.0F) +
+    // At -0 either scale gives 0.
+    const Ints<count> signs = reinterpret_cast<Ints<count>>(x);
+    const Lanes<count> scaled = scaledBySign<count>(x, signs, 32768.0F, 32767.0F);
+    const Ints<count> half = (signs & INT32_MIN) | 0x3F000000;
+    return toShorts<count>(clamped<count>(scaled, -32768.0F, 32767.0F) +
                            reinterpret_cast<Lanes<count>>(half));
 }
 
 template <int count> inline Lanes<count> widened(Shorts<count> v)
 {
     const Ints<count> ints = toInts<count>(v);
-    // 1/32767, and where the sign is set 1/32768, which is 0x100 below it as a float.
-    const Ints<count> scale = (ints >> 31 & -0x100) + 0x38000100;
-    return __builtin_convertvector(ints, Lanes<count>) * reinterpret_cast<Lanes<count>>(scale);
-}
-
-template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
-{
-    const Ints<count> highest = Ints<count>{} + 32767, lowest = Ints<count>{} - 32768;
-    Ints<count> sum = toInts<count>(a) + toInts<count>(b);
-    sum = sum < highest ? sum : highest;
-    return __builtin_convertvector(sum > lowest ? sum : lowest, Shorts<count>);
+    return scaledBySign<count>(__builtin_convertvector(ints, Lanes<count>), ints, 3.0517578e-5F,
+                               3.051851e-5F);
 }
 
 /// Calls `step` with every whole vector of `count` samples, and once with what is left, copied to full
@@ -53,6 +44,12 @@ template <int width, class From, class To, class Step>
 inline void forEachVector(const From* from, To* to, size_t count, const Step& step)
 {
     size_t i = 0;
+    for (; i + 4 * width <= count; i += 4 * width) { // the loop itself would cost a quarter of a short step
+        step(from + i, to + i);
+        step(from + i + width, to + i + width);
+        step(from + i + 2 * width, to + i + 2 * width);
+        step(from + i + 3 * width, to + i + 3 * width);
+    }
     for (; i + width <= count; i += width)
         step(from + i, to + i);
     if (i == count)
