@@ -268,7 +268,8 @@ private:
     void _interpolate(const Group& group, const SamplerWindow& window, uint32_t first, uint32_t end) noexcept
     {
         _kernels.interpolate[group.sizeLog2](window, _positions, first, end - first,
-                                             _frames + first * group.size, _filters ? &_filter : nullptr);
+                                             _frames + size_t{first} * group.size,
+                                             _filters ? &_filter : nullptr);
     }
 
     /// Where the rows from input frame `firstFrame` on lie at `rows`, and the head where it should.
@@ -370,7 +371,7 @@ private:
         _filter.a2 = _sampler.a2;
         for (uint32_t c = 0; c < group.size; ++c) {
             const ausampler_channel_state& state = _sampler.channel_states[group.first + c];
-            (_filter.end() - 2 * group.size)[c] = state.lp_x2;
+            (_filter.end() - size_t{2} * group.size)[c] = state.lp_x2;
             (_filter.end() - group.size)[c] = state.lp_x1;
             _filter.y1[c] = state.lp_y1;
             _filter.y2[c] = state.lp_y2;
@@ -381,7 +382,7 @@ private:
     {
         for (uint32_t c = 0; c < _filtered.size; ++c) {
             ausampler_channel_state& state = _sampler.channel_states[_filtered.first + c];
-            state.lp_x2 = (_filter.end() - 2 * _filtered.size)[c];
+            state.lp_x2 = (_filter.end() - size_t{2} * _filtered.size)[c];
             state.lp_x1 = (_filter.end() - _filtered.size)[c];
             state.lp_y1 = _filter.y1[c];
             state.lp_y2 = _filter.y2[c];

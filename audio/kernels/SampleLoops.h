@@ -43,12 +43,13 @@ template <int count> inline Lanes<count> widened(Shorts<count> v)
 template <int width, class From, class To, class Step>
 inline void forEachVector(const From* from, To* to, size_t count, const Step& step)
 {
+    constexpr size_t next = width;
     size_t i = 0;
-    for (; i + 4 * width <= count; i += 4 * width) { // the loop itself would cost a quarter of a short step
+    for (; i + 4 * next <= count; i += 4 * next) { // the loop itself would cost a quarter of a short step
         step(from + i, to + i);
-        step(from + i + width, to + i + width);
-        step(from + i + 2 * width, to + i + 2 * width);
-        step(from + i + 3 * width, to + i + 3 * width);
+        step(from + i + next, to + i + next);
+        step(from + i + 2 * next, to + i + 2 * next);
+        step(from + i + 3 * next, to + i + 3 * next);
     }
     for (; i + width <= count; i += width)
         step(from + i, to + i);
@@ -127,7 +128,7 @@ template <int width, int channels>
 uint32_t interleaveVectors(const float* const* from, float* to, uint32_t frameCount)
 {
     uint32_t frame = 0;
-    for (; frame + width <= frameCount; frame += width, to += width * channels) {
+    for (; frame + width <= frameCount; frame += width, to += ptrdiff_t{width} * channels) {
         Lanes<width> lanes[channels], riffled[channels];
         for (int c = 0; c < channels; ++c)
             lanes[c] = loadLanes<width>(from[c] + frame);
@@ -139,7 +140,7 @@ uint32_t interleaveVectors(const float* const* from, float* to, uint32_t frameCo
             std::memcpy(lanes, riffled, sizeof lanes);
         }
         for (int c = 0; c < channels; ++c)
-            storeLanes<width>(to + c * width, lanes[c]);
+            storeLanes<width>(to + ptrdiff_t{c} * width, lanes[c]);
     }
     return frame;
 }
@@ -148,10 +149,10 @@ template <int width, int channels>
 uint32_t deinterleaveVectors(const float* from, float* const* to, uint32_t frameCount)
 {
     uint32_t frame = 0;
-    for (; frame + width <= frameCount; frame += width, from += width * channels) {
+    for (; frame + width <= frameCount; frame += width, from += ptrdiff_t{width} * channels) {
         Lanes<width> lanes[channels], sorted[channels];
         for (int c = 0; c < channels; ++c)
-            lanes[c] = loadLanes<width>(from + c * width);
+            lanes[c] = loadLanes<width>(from + ptrdiff_t{c} * width);
         for (int bit = 1; bit < channels; bit *= 2) {
             for (int c = 0; c < channels / 2; ++c) {
                 sorted[c] = everyOther<width, 0, 2>(lanes[2 * c], lanes[2 * c + 1]);

@@ -4,6 +4,8 @@
 #include "Lanes.h"
 #include "SamplerKernels.h"
 
+#include <algorithm>
+
 // The loops behind SamplerKernels, written once for any vector width. See Lanes.h for why all is unnamed.
 
 namespace {
@@ -126,9 +128,10 @@ public:
     static constexpr uint32_t frames = width / channels;
 
     explicit FilterLoop(const SamplerFilter& filter)
-        : _b0(allLanes<width>(filter.b0)), _b1(allLanes<width>(filter.b1)), _a1(allLanes<size>(filter.a1)),
-          _a2(allLanes<size>(filter.a2)), _beforeLast(loadLanes<width>(filter.end() - 2 * width)),
-          _last(loadLanes<width>(filter.end() - width)), _y1(loadLowLanes<channels>(filter.y1)),
+        : _b0(allLanes<width>(filter.b0)), _b1(allLanes<width>(filter.b1)),
+          _beforeLast(loadLanes<width>(filter.end() - ptrdiff_t{2} * width)),
+          _last(loadLanes<width>(filter.end() - width)), _a1(allLanes<size>(filter.a1)),
+          _a2(allLanes<size>(filter.a2)), _y1(loadLowLanes<channels>(filter.y1)),
           _y2(loadLowLanes<channels>(filter.y2))
     {}
 
@@ -155,14 +158,14 @@ public:
 
     void save(SamplerFilter& filter) const
     {
-        storeLanes<width>(filter.end() - 2 * width, _beforeLast);
+        storeLanes<width>(filter.end() - ptrdiff_t{2} * width, _beforeLast);
         storeLanes<width>(filter.end() - width, _last);
         storeLowLanes<channels>(filter.y1, _y1);
         storeLowLanes<channels>(filter.y2, _y2);
     }
 
 private:
-    static constexpr int size = channels < 4 ? 4 : channels;
+    static constexpr int size = std::max(channels, 4);
     using Vector = Lanes<size>;
 
     /// The run as it was `count` frames ago.
@@ -183,13 +186,13 @@ private:
             float both[2 * width];
             storeLanes<width>(both, _last);
             storeLanes<width>(both + width, x);
-            _last = loadLanes<width>(both + count * channels);
+            _last = loadLanes<width>(both + size_t{count} * channels);
         }
     }
 
     const Lanes<width> _b0, _b1;
-    const Vector _a1, _a2;
     Lanes<width> _beforeLast, _last;
+    const Vector _a1, _a2;
     Vector _y1, _y2;
 };
 
@@ -198,7 +201,7 @@ template <int width, int channels> struct NoFilter {
     void run(Lanes<width> x, float* output) { storeLanes<width>(output, x); }
     void run(Lanes<width> x, float* output, uint32_t count)
     {
-        std::memcpy(output, &x, count * channels * sizeof(float));
+        std::memcpy(output, &x, size_t{count} * channels * sizeof(float));
     }
 };
 
@@ -241,7 +244,7 @@ template <int width> inline void findMore(SamplerPositions& positions)
 }
 
 /// The same for positions past 31 bits, which only absurd lengths and ratios have.
-__attribute__((noinline)) void findMoreFarAway(SamplerPositions& positions)
+[[gnu::noinline]] inline void findMoreFarAway(SamplerPositions& positions)
 {
     for (uint32_t i = positions.found; i < positions.found + SamplerPositions::step; ++i) {
         const double position =
@@ -291,7 +294,7 @@ public:
                 const uint32_t available = end - first < frames ? end - first : frames;
                 filter.run(_runAtAnEnd(first, available), output, available);
                 first += available;
-                output += available * channels;
+                output += size_t{available} * channels;
             } else {
                 findUpTo<width>(_positions, ahead(first + frames));
                 filter.run(_run(first), output);

@@ -12,7 +12,7 @@ namespace {
 
 #ifdef __AVX512F__
 // The masked forms compile to the plain instructions, whose own form gcc 12 takes for uninitialised.
-constexpr __mmask16 everyLane = 0xFFFF;
+inline constexpr __mmask16 everyLane = 0xFFFF;
 #endif
 
 /// `limit` where x is above it; a NaN stays.
