@@ -32,10 +32,11 @@ function(dxr_floor NAME)
   endforeach()
 endfunction()
 
-# dxr_test(NAME SOURCES <file>... LIBRARIES <target>... [LABELS <label>...] [TIMEOUT <seconds>])
+# dxr_test(NAME SOURCES <file>... LIBRARIES <target>... [LABELS <label>...] [TIMEOUT <seconds>]
+#          [ONLY <GoogleTest filter>] [PREFIX <of the cases' names>])
 # Registers every case of a GoogleTest program with CTest, each in a process of its own.
 function(dxr_test NAME)
-  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT;ONLY;PREFIX" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
@@ -50,5 +51,6 @@ function(dxr_test NAME)
   if(ARG_SERIAL)
     list(APPEND properties RUN_SERIAL TRUE)
   endif()
-  gtest_discover_tests(${NAME} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+  gtest_discover_tests(${NAME} DISCOVERY_TIMEOUT 60 TEST_FILTER "${ARG_ONLY}" TEST_PREFIX "${ARG_PREFIX}"
+                       PROPERTIES ${properties})
 endfunction()
