@@ -41,9 +41,8 @@ std::optional<USBAudioEngine> engineOf(uint32_t card)
 
 bool isLocated(uint32_t location)
 {
-    return USBRegistry::ask([=](const USBRegistryContents& contents) {
-        return contents.orderOfLocationID(location).has_value();
-    });
+    return USBRegistry::ask(
+        [=](const USBRegistryContents& contents) { return contents.deviceAtLocation(location) != nullptr; });
 }
 
 TEST(USBRegistry, tellsUnitsOfOneModelApart)
