@@ -1,0 +1,72 @@
+#pragma once
+
+#include "CXBlock.h"
+#include "CXBlockRef.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace platform {
+
+/// One sound card on the universal serial bus.
+struct USBAudioEngine {
+    /// "AppleUSBAudioEngine:MAKER:PRODUCT:SERIAL:INTERFACE"; the location in hexadecimal where there is no serial
+    /// number.
+    std::string globalUniqueID;
+    std::optional<std::string> serialNumber; ///< nothing when the device has none
+    uint32_t locationID = 0;
+    std::optional<uint32_t> cardNumber; ///< of its card, as in /proc/asound
+    std::string busPath;                ///< udev's ID_PATH of the card; empty when it is not known
+};
+
+/// The devices that were on the bus at one time.
+/// Threads: immutable, any.
+class DXR_EXPORT USBRegistryContents final : public CXObject {
+public:
+    static CXRef<USBRegistryContents> initWithEngines(std::vector<USBAudioEngine> engines,
+                                                      const std::vector<uint32_t>& locationIDs);
+
+    const std::vector<USBAudioEngine>& engines() const noexcept { return _engines; }
+    /// Null when there is none.
+    const USBAudioEngine* engineWithGlobalUniqueID(std::string_view uniqueID) const;
+    /// How many devices were listed before the one at this location; nothing when there is none.
+    std::optional<size_t> orderOfLocationID(uint32_t locationID) const;
+
+private:
+    USBRegistryContents(std::vector<USBAudioEngine> engines, const std::vector<uint32_t>& locationIDs);
+    ~USBRegistryContents() override = default;
+
+    const std::vector<USBAudioEngine> _engines;
+    std::unordered_map<std::string_view, size_t> _engineByID; // views of _engines
+    std::unordered_map<uint32_t, size_t> _orderByLocation;    // 0 is no location
+};
+
+/// What the system knows of the devices on the universal serial bus, as far as audio devices are told apart by it.
+/// A location ID has the bus in its top 8 bits, then one hexadecimal digit for each hub port from the root, so that
+/// port 4 of a hub on port 1 of bus 3 is 0x03140000. Devices with a location are all but the root hubs.
+/// Threads:   any.
+/// Real time: no; it reads files of the system's.
+/// Fails:     with no devices, where the system does not tell (no udev, no /sys).
+class DXR_EXPORT USBRegistry {
+public:
+    using Reader = CXBlock<CXRef<USBRegistryContents>()>;
+
+    /// Asks about the contents: as they were a moment ago, and again, as they are now, when the answer is false.
+    /// So what is there is found at any time, and a thousand questions do not read the bus a thousand times.
+    static bool ask(CXBlockRef<bool(const USBRegistryContents&)> question);
+    /// Forgets what was read: the next question reads again.
+    static void refresh();
+    /// Asks `reader` instead of the system from now on, for devices that are simulated; an empty one brings the
+    /// system back.
+    static void setReader(Reader reader);
+};
+
+/// The location of a device from the kernel's name of it, "3-1.4"; nothing for other names, root hubs ("usb3")
+/// included.
+std::optional<uint32_t> usbLocationID(std::string_view kernelName) noexcept;
+
+} // namespace platform
