@@ -41,6 +41,7 @@ function(dxr_test NAME)
   endif()
   add_executable(${NAME} ${ARG_SOURCES})
   target_link_libraries(${NAME} PRIVATE ${ARG_LIBRARIES} dxr_test_support dxr_realtime_check
+                                        dxr_private_data_folder
                                         GTest::gtest GTest::gtest_main
                                         dxr_options)
   set(properties TIMEOUT ${ARG_TIMEOUT})

@@ -21,15 +21,21 @@ bool isNumber(const CXPlist& value) noexcept
     return value.is_number() || value.is_boolean();
 }
 
+double numberOf(const CXPlist& value) noexcept
+{
+    return value.is_boolean() ? static_cast<double>(value.get<bool>()) : value.get<double>();
+}
+
 /// Numbers by value, a boolean as 0 or 1; anything else by content.
 bool isEqualValue(const CXPlist& a, const CXPlist& b) noexcept
 {
     if (!isNumber(a) || !isNumber(b))
         return a == b;
-    if (a.is_number_float() || b.is_number_float())
-        return a.get<double>() == b.get<double>();
+    const auto isWhole = [](const CXPlist& value) { return value.is_number_integer(); };
+    if (!isWhole(a) || !isWhole(b))
+        return numberOf(a) == numberOf(b);
     const auto isNegative = [](const CXPlist& value) {
-        return value.is_number_integer() && !value.is_number_unsigned() && value.get<int64_t>() < 0;
+        return !value.is_number_unsigned() && value.get<int64_t>() < 0;
     };
     return isNegative(a) == isNegative(b) && a.get<uint64_t>() == b.get<uint64_t>();
 }
@@ -41,7 +47,7 @@ size_t hashOfValue(const CXPlist* value) noexcept
     if (const auto* text = value->get_ptr<const std::string*>())
         return std::hash<std::string>()(*text);
     if (isNumber(*value))
-        return std::hash<double>()(value->get<double>());
+        return std::hash<double>()(numberOf(*value));
     return value->size(); // no device has such an attribute
 }
 
@@ -201,7 +207,7 @@ std::optional<std::string> DXRDeviceReference::_stringAttribute(Attribute attrib
 std::optional<bool> DXRDeviceReference::isInput() const
 {
     const CXPlist* const value = _attributes[Input];
-    return value && isNumber(*value) ? std::optional(value->get<double>() != 0.0) : std::nullopt;
+    return value && isNumber(*value) ? std::optional(numberOf(*value) != 0.0) : std::nullopt;
 }
 
 bool DXRDeviceReference::isEqual(const CXObject* other) const
