@@ -16,7 +16,8 @@ public:
     void add(const CXRef<DXRDeviceReference>& reference, const Value& value)
     {
         _exact[reference->exactHash()].emplace_back(reference, value);
-        _generic[reference->genericHash()].emplace_back(reference, value);
+        if (reference->isGeneric()) // the others are equal to none in that way, and would all share one hash
+            _generic[reference->genericHash()].emplace_back(reference, value);
     }
     /// The first of `value` under this very reference, if there is one.
     void remove(const CXRef<DXRDeviceReference>& reference, const Value& value)
