@@ -6,6 +6,7 @@
 #include "CXWeak.h"
 #include "DXRDeviceOverridesIndex.h"
 #include "DefaultsSuite.h"
+#include "Utf8.h"
 
 #include <utility>
 #include <vector>
@@ -31,7 +32,8 @@ CXPlist overridesIn(const CXRef<DefaultsRow>& row)
     return overrides && overrides->is_object() ? std::move(*overrides) : CXPlist::object();
 }
 
-/// What writes `overrides` under the key: an entry without any is removed.
+/// What writes `overrides` under the key: an entry without any is removed. Nothing when it could not be read again,
+/// which would lose the whole entry.
 DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, const DefaultsSnapshot& now)
 {
     const CXRef<DefaultsRow> row = now.row(key);
@@ -39,7 +41,9 @@ DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, con
     if (!overrides.empty())
         text = CXJSONWithPlist(overrides);
     const bool isSame = row ? text == row->value() : !text;
-    return isSame ? DefaultsChanges() : DefaultsChanges{{key, std::move(text)}};
+    if (isSame || (text && text->size() > CXJSONMaximumBytes) || !CXPlistFitsJSON(overrides))
+        return {};
+    return {{key, std::move(text)}};
 }
 
 } // namespace
@@ -89,7 +93,8 @@ CXPlist DXRDeviceOverrides::objectForKey(const std::optional<std::string>& key) 
     CXPlist value;
     if (key)
         _mutex->execute([&] {
-            if (const auto found = _overrides.find(*key); found != _overrides.end())
+            const auto found = _overrides.find(platform::utf8Replaced(*key));
+            if (found != _overrides.end())
                 value = *found;
         });
     return value;
@@ -139,7 +144,7 @@ void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
         return;
     // The edit works on what is stored at that moment, and not on what is known here, so that no override which
     // another process has just set is lost.
-    const auto edit = [entryKey = _key, key = *key, value,
+    const auto edit = [entryKey = _key, key = platform::utf8Replaced(*key), value,
                        owner = _ownerBundleID()](const DefaultsSnapshot& now) {
         CXPlist overrides = overridesIn(now.row(entryKey));
         const std::string ownerKey = _ownerKeyForKey(key);

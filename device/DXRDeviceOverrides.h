@@ -36,7 +36,8 @@ public:
     std::optional<std::string> stringForKey(const std::optional<std::string>& key) const;
 
     /// Sets the override for all applications, as this application's; null removes it. Returns when it is on the
-    /// disk. Does nothing without a key, and for a value that cannot be written and read again (CXJSON.h).
+    /// disk. Does nothing without a key, and when the device's entry could not be read again then (CXJSON.h: too deep,
+    /// too long).
     void setObject(const CXPlist& value, const std::optional<std::string>& key);
 
     /// Removes every override, of any device, that this application was the last to set. Does nothing for an

@@ -23,7 +23,7 @@ bool isNumber(const CXPlist& value) noexcept
 }
 
 /// Numbers by value, a boolean as 0 or 1; anything else by content.
-bool isEqualValue(const CXPlist& a, const CXPlist& b) noexcept
+bool isEqualValue(const CXPlist& a, const CXPlist& b)
 {
     if (!isNumber(a) || !isNumber(b))
         return a == b;
@@ -230,7 +230,7 @@ bool DXRDeviceReference::isGenericallyEqual(std::string_view text) const
     return reference && _isGenericallyEqualTo(*reference);
 }
 
-bool DXRDeviceReference::_isEqualTo(const DXRDeviceReference& other) const noexcept
+bool DXRDeviceReference::_isEqualTo(const DXRDeviceReference& other) const
 {
     if (this == &other)
         return true;
@@ -244,7 +244,7 @@ bool DXRDeviceReference::_isEqualTo(const DXRDeviceReference& other) const noexc
     return !isGeneric() || !other.isGeneric() || _isGenericallyEqualTo(other);
 }
 
-bool DXRDeviceReference::_isGenericallyEqualTo(const DXRDeviceReference& other) const noexcept
+bool DXRDeviceReference::_isGenericallyEqualTo(const DXRDeviceReference& other) const
 {
     if (this == &other)
         return true;

@@ -80,8 +80,8 @@ private:
     ~DXRDeviceReference() override;
 
     std::optional<std::string> _stringAttribute(Attribute attribute) const;
-    bool _isEqualTo(const DXRDeviceReference& other) const noexcept;
-    bool _isGenericallyEqualTo(const DXRDeviceReference& other) const noexcept;
+    bool _isEqualTo(const DXRDeviceReference& other) const;
+    bool _isGenericallyEqualTo(const DXRDeviceReference& other) const;
     size_t _hashOf(std::span<const Attribute> attributes) const noexcept;
 
     const std::string _storage;

@@ -13,6 +13,7 @@
 #include <random>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -50,6 +51,10 @@ class FileSizeSignalBlock {
 public:
     FileSizeSignalBlock()
     {
+        rlimit limit = {};
+        _isNeeded = getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY;
+        if (!_isNeeded)
+            return;
         sigemptyset(&_signal);
         sigaddset(&_signal, SIGXFSZ);
         sigset_t pending;
@@ -59,6 +64,8 @@ public:
     }
     ~FileSizeSignalBlock()
     {
+        if (!_isNeeded)
+            return;
         const timespec now{};
         if (!_wasPending)
             while (sigtimedwait(&_signal, nullptr, &now) == SIGXFSZ) {
@@ -70,6 +77,7 @@ public:
 
 private:
     sigset_t _signal, _before;
+    bool _isNeeded = false;
     bool _wasPending = false;
 };
 
@@ -333,9 +341,9 @@ DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
         std::string key = textOf(statement.get(), 0);
         std::string value = textOf(statement.get(), 1);
         const auto before = rows.find(key);
-        found.emplace(std::move(key), before != rows.end() && before->second->value() == value
-                                          ? before->second
-                                          : DefaultsRow::initWithValue(std::move(value)));
+        const bool isSame = before != rows.end() && before->second->value() == value;
+        CXRef<DefaultsRow> row = isSame ? before->second : DefaultsRow::initWithValue(std::move(value));
+        found.emplace(std::move(key), std::move(row));
     }
     if (code != SQLITE_DONE) {
         _fail("read");

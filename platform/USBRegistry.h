@@ -70,7 +70,7 @@ public:
     /// Forgets what was read: the next question reads again.
     static void refresh();
     /// Asks `reader` instead of the system from now on, for devices that are simulated; an empty one brings the
-    /// system back.
+    /// system back. `reader` must not use the registry, and may be called on any thread.
     static void setReader(Reader reader);
 };
 

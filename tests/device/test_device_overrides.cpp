@@ -94,14 +94,25 @@ TEST_F(DeviceOverrides, keepWhoSetThemAndRemoveWhatIsEmpty)
     overrides->setObject(nullptr, "k");
     EXPECT_TRUE(stored().empty());
 
-    CXPlist deep = 1;
-    for (int i = 0; i < 600; ++i)
-        deep = CXPlist::array({std::move(deep)});
-    overrides->setObject(deep, "deep");
+    const auto nested = [](int depth) {
+        CXPlist value = 1;
+        for (int i = 0; i < depth; ++i)
+            value = CXPlist::array({std::move(value)});
+        return value;
+    };
+    overrides->setObject(nested(511), "as deep as is read");
+    const auto before = stored();
+    EXPECT_EQ(before.at(key).size(), 2U);
+    overrides->setObject(nested(512), "deeper, in its entry");
     overrides->setObject(std::string(2000000, 'x'), "long");
-    EXPECT_TRUE(stored().empty()) << "what could not be read again is not written";
+    overrides->setObject(CXPlist(CXPlist::value_t::discarded), "nothing");
+    EXPECT_EQ(stored(), before) << "what could not be read again is not written";
+    overrides->setObject(nullptr, "as deep as is read");
     overrides->setObject("caf\xE9", "\xFF");
     EXPECT_EQ(overrides->objectForKey("\xEF\xBF\xBD"), CXPlist("caf\xEF\xBF\xBD"));
+    EXPECT_EQ(overrides->objectForKey("\xFF"), CXPlist("caf\xEF\xBF\xBD"));
+    overrides->setObject(nullptr, "\xFF");
+    EXPECT_TRUE(stored().empty());
 }
 
 TEST_F(DeviceOverrides, areFoundByEqualAndThenByGenericallyEqualReferences)

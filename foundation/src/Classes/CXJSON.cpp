@@ -27,7 +27,7 @@ bool isTooDeep(std::string_view text)
 bool fits(const CXPlist& plist, size_t depthLeft)
 {
     if (!plist.is_structured())
-        return true;
+        return !plist.is_discarded();
     return depthLeft > 0 &&
            std::ranges::all_of(plist, [&](const CXPlist& each) { return fits(each, depthLeft - 1); });
 }

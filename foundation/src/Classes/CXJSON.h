@@ -27,5 +27,5 @@ DXR_EXPORT std::optional<CXPlist> CXPlistWithJSON(std::string_view text);
 /// that JSON does not know (infinite, not a number) by null.
 DXR_EXPORT std::string CXJSONWithPlist(const CXPlist& plist);
 
-/// Whether `plist` is nested at most CXJSONMaximumDepth deep, so that it can be written and read again.
+/// Whether `plist` is nested at most CXJSONMaximumDepth deep and whole, so that it can be written and read again.
 DXR_EXPORT bool CXPlistFitsJSON(const CXPlist& plist);
