@@ -117,8 +117,13 @@ void measure(int count, int archivedCount)
 
 } // namespace
 
-int main()
+int main(int argumentCount, char** arguments) // device counts, instead of the usual ones
 {
+    std::vector<int> counts{10, 100, 1000, 5000};
+    if (argumentCount > 1)
+        counts.clear();
+    for (int i = 1; i < argumentCount; ++i)
+        counts.push_back(std::max(1, std::atoi(arguments[i])));
     const std::filesystem::path data =
         std::filesystem::temp_directory_path() / ("dxr-bench-data-" + std::to_string(getpid()));
     setenv("XDG_DATA_HOME", data.c_str(), 1);
@@ -127,7 +132,7 @@ int main()
                 rounds, "devices", "archived", "first listing", "update", "plug", "unplug", "replug",
                 "bare questions");
     int failures = 0;
-    for (const int count : {10, 100, 1000, 5000}) {
+    for (const int count : counts) {
         for (const int archivedCount : {0, count}) {
             std::fflush(stdout);
             const pid_t child = fork();
