@@ -232,7 +232,7 @@ CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> 
         return nullptr;
     const CXPlist version = vtObjectForKey(*parsed, "vn", CXPlistKind::Number);
     const CXPlist referenceText = vtObjectForKey(*parsed, "ref", CXPlistKind::String);
-    if (version.is_null() || version.get<double>() != 1.0 || referenceText.is_null())
+    if (version.is_null() || CXDoubleValue(version) != 1.0 || referenceText.is_null())
         return nullptr;
     const auto reference = DXRDeviceReference::initWithString(referenceText.get_ref<const std::string&>());
     const std::optional<bool> input = reference ? reference->isInput() : std::nullopt;
