@@ -23,8 +23,8 @@ constexpr std::string_view archivePrefix = "DXRDevice:";
 constexpr std::array bothDirections{true, false}; // input first
 
 // What could not be read is asked for again, ever later, and then left until something happens.
-constexpr uint64_t firstRetryNanoseconds = 50'000'000;
-constexpr uint32_t mostRetries = 6;
+constexpr uint64_t firstRetryNanoseconds = 20'000'000;
+constexpr uint32_t mostRetries = 8;
 
 struct Default {
     uint32_t selector;
