@@ -442,7 +442,7 @@ void DXRDeviceManager::_updateConnected(std::span<const AudioObjectID> ids, Chan
 
 bool DXRDeviceManager::_keep(DXRDeviceInfo& info, Changes& changes)
 {
-    info.identify(info.deviceID);
+    const bool isMended = info.identify(info.deviceID);
     const CXRef<DXRDeviceReference>& reference = info.currentReference();
     if (!reference)
         return false;
@@ -452,9 +452,13 @@ bool DXRDeviceManager::_keep(DXRDeviceInfo& info, Changes& changes)
             return false;
         }
     }
-    if (info.reference != reference && !info.reference->isEqual(reference.get()))
+    if (info.reference != reference && (isMended || !info.reference->isEqual(reference.get())))
         _connectedDevicesByID->setReference(info, reference);
     _updateDeviceInfo(info, info.deviceID, changes.connected, &changes.disconnected);
+    for (const bool isInput : bothDirections) {
+        if (isMended && info.live(isInput))
+            info.live(isInput)->setDeviceReference(info.currentReference(isInput));
+    }
     return true;
 }
 

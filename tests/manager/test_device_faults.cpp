@@ -51,21 +51,28 @@ protected:
         hal.setDefault(HALDirection::Output, "b");
         hal.settle();
         hal.unplug("a");
-        hal.plug(aDevice().uid("AppleGFXHDAEngineOutputDP:1:2:{9}").transport(kAudioDeviceTransportTypeDisplayPort).outputs(2));
+        hal.plug(aDevice()
+                     .uid("AppleGFXHDAEngineOutputDP:1:2:{9}")
+                     .transport(kAudioDeviceTransportTypeDisplayPort)
+                     .outputs(2));
         settle();
         hal.plug(card("a"));
         hal.reconfigure("b", [](auto& it) { it.noStreams(HALDirection::Input); });
         hal.reconfigure("b", [](auto& it) { it.currentSource(HALDirection::Output, 2); });
         hal.settle();
         hal.unplug("AppleGFXHDAEngineOutputDP:1:2:{9}");
-        hal.plug(aDevice().uid("AppleGFXHDAEngineOutputDP:3:4:{9}").transport(kAudioDeviceTransportTypeDisplayPort).outputs(2));
+        hal.plug(aDevice()
+                     .uid("AppleGFXHDAEngineOutputDP:3:4:{9}")
+                     .transport(kAudioDeviceTransportTypeDisplayPort)
+                     .outputs(2));
         hal.reconfigure("b", [](auto& it) { it.inputs(1); });
         hal.setDefault(HALDirection::Output, "a");
         settle();
     }
     void calm()
     {
-        for (const char* uid : {"a", "b", "AppleGFXHDAEngineOutputDP:3:4:{9}", "AppleGFXHDAEngineOutputDP:1:2:{9}"})
+        for (const char* uid :
+             {"a", "b", "AppleGFXHDAEngineOutputDP:3:4:{9}", "AppleGFXHDAEngineOutputDP:1:2:{9}"})
             hal.unplug(uid);
         settle();
     }
@@ -85,8 +92,8 @@ protected:
                 return testing::AssertionSuccess();
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         } while (std::chrono::steady_clock::now() < deadline);
-        return testing::AssertionFailure() << "here " << testing::PrintToString(here) << "\nfresh "
-                                           << testing::PrintToString(fresh);
+        return testing::AssertionFailure()
+               << "here " << testing::PrintToString(here) << "\nfresh " << testing::PrintToString(fresh);
     }
 
 private:
@@ -110,7 +117,8 @@ TEST_F(DXRDeviceFaults, areMendedWhicheverReadFails)
     ASSERT_TRUE(isSound());
     // A storm takes some hundreds of reads. Each of them fails once, alone or with those that follow.
     for (uint64_t nth = 1; nth <= 700; nth += nth < 400 ? 1 : 7) {
-        hal.failReads(kAudioObjectPropertySelectorWildcard, nth, nth % 3 == 0 ? 20 : 1, kAudioHardwareUnspecifiedError);
+        hal.failReads(kAudioObjectPropertySelectorWildcard, nth, nth % 3 == 0 ? 20 : 1,
+                      kAudioHardwareUnspecifiedError);
         storm();
         hal.failReads(kAudioObjectPropertySelectorWildcard, 1, 0, 0);
         ASSERT_TRUE(isSound()) << "read " << nth;
@@ -168,7 +176,8 @@ TEST_F(DXRDeviceFaults, ofManyKindsAtOnceLeaveNoTrace)
                 hal.reconfigure(uid, [&](auto& it) { it.name("Card " + std::to_string(random.below(2))); });
                 break;
             default:
-                if (const CXRef<DXRDevice> one = manager.deviceWithReference("{\"uid\":\"" + uid + "\",\"i\":false}"))
+                if (const CXRef<DXRDevice> one =
+                        manager.deviceWithReference("{\"uid\":\"" + uid + "\",\"i\":false}"))
                     (void)one->setVolume(0.25);
             }
         }
