@@ -188,7 +188,8 @@ DXRDevice::~DXRDevice()
 
 void DXRDevice::_logAdded() const
 {
-    DXRDebugLog("Added %s: %s\n", description().c_str(), CXJSONWithPlist(archive()).c_str());
+    if (DXRDebugLogIsActive())
+        DXRDebugLog("Added %s: %s\n", description().c_str(), CXJSONWithPlist(archive()).c_str());
 }
 
 void DXRDevice::connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
@@ -196,7 +197,8 @@ void DXRDevice::connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>&
     if (!deviceReference)
         return;
     const bool isUnchanged = _locked([&] {
-        const bool isSame = _deviceID == deviceID && _reference->isEqual(deviceReference.get());
+        const bool isSame = _deviceID == deviceID &&
+                            (_reference == deviceReference || _reference->isEqual(deviceReference.get()));
         if (!isSame) {
             _deviceID = deviceID;
             _reference = deviceReference;
@@ -252,7 +254,7 @@ bool DXRDevice::_updateDisplayName(std::optional<std::string>& field, const std:
 
 bool DXRDevice::confirmGenericChannelCounts() const
 {
-    return !reference()->isGeneric() || channelCount() == _hardware().channelCount();
+    return !_locked([&] { return _reference->isGeneric(); }) || channelCount() == _hardware().channelCount();
 }
 
 // ---- Queries
