@@ -70,9 +70,9 @@ bool DefaultsSuite::update(const Edit& edit)
     const bool isStored = _storePending();
     if (!isStored) {
         _keepInMemory(edit);
+        _publish();
         _complain();
     }
-    _publish();
     DefaultsWatcher::shared().wake();
     return isStored;
 }
@@ -92,8 +92,8 @@ bool DefaultsSuite::announceChanges(Retry retry)
         _database.setMaximumWait(patienceInTrouble);
         if (_database.isOpen() || (retry == Retry::Yes && _pending.empty()))
             _read();
-        if (retry == Retry::Yes && !_pending.empty() && _storePending())
-            _publish();
+        if (retry == Retry::Yes)
+            _storePending();
         mayStoreLater = (!_pending.empty() || !_database.isOpen()) && _database.mayRecover();
     }
     for (const CXBlock<void()>& changed : _observersOfChanges())
@@ -176,6 +176,7 @@ bool DefaultsSuite::_storePending()
             _pending.clear();
             _unsaved.clear();
             _isInTrouble = false;
+            _publish();
             return true;
         }
         if (_database.isOpen())
@@ -190,7 +191,8 @@ void DefaultsSuite::_keepInMemory(const Edit& edit)
     changes.merge(_unsaved);
     _unsaved = std::move(changes);
     constexpr size_t most = 1000;
-    if (_pending.size() > most) // what they came to takes less room
+    if (_pending.size() >
+        most) // what they came to takes less room, though what others write meanwhile is lost then
         _pending.assign(1, [unsaved = _unsaved](const DefaultsSnapshot&) { return unsaved; });
 }
 
