@@ -147,15 +147,21 @@ bool HALModelBackend::updateDevice(AudioObjectID deviceID, const std::function<v
     if (!device)
         return false;
     std::vector<Address> changed;
+    bool hasShownOrHidden = false;
     {
         const std::scoped_lock lock(_mutex);
         const HALDeviceState before = device->state;
         change(device->state);
+        hasShownOrHidden = before.isHidden != device->state.isHidden;
         _numberStreams(device, before);
         changed = halChangedAddresses(before, device->state);
         device->table->setTiming(device->state.nominalSampleRate, device->state.bufferFrameSize);
     }
     _notifier->post(deviceID, changed);
+    if (hasShownOrHidden) { // for clients that show what is not hidden, the list has changed
+        const Address devices = globalAddress(kAudioHardwarePropertyDevices);
+        _notifier->post(kAudioObjectSystemObject, std::span(&devices, 1));
+    }
     return true;
 }
 
