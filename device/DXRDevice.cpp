@@ -500,6 +500,11 @@ CXPlist DXRDevice::overrideForKey(const std::string& key) const
     return _overrides->objectForKey(key);
 }
 
+std::vector<std::string> DXRDevice::overrideKeys() const
+{
+    return _overrides->keys();
+}
+
 void DXRDevice::setOverride(const CXPlist& value, const std::string& key)
 {
     _overrides->setObject(value, key);

@@ -107,6 +107,7 @@ public:
 
     /// What users have set for this device, in any application (DXRDeviceOverrides); null when nothing.
     CXPlist overrideForKey(const std::string& key) const;
+    std::vector<std::string> overrideKeys() const;
     /// Null removes it. Waits for the disk.
     void setOverride(const CXPlist& value, const std::string& key);
     /// All that is needed to list and describe the device while it is absent; initWithArchive() reads it.

@@ -107,6 +107,18 @@ void DXRDeviceOverrides::_observeValue()
     });
 }
 
+std::vector<std::string> DXRDeviceOverrides::keys() const
+{
+    std::vector<std::string> keys;
+    _mutex->execute([&] {
+        for (const auto& [key, value] : _overrides.items()) {
+            if (!key.ends_with(ownerSuffix))
+                keys.push_back(key);
+        }
+    });
+    return keys;
+}
+
 CXPlist DXRDeviceOverrides::objectForKey(const std::optional<std::string>& key) const
 {
     CXPlist value;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace platform {
 class DefaultsSuite;
@@ -26,6 +27,8 @@ public:
 
     /// The value; null when there is none.
     CXPlist objectForKey(const std::optional<std::string>& key) const;
+    /// The keys that have values, in their order.
+    std::vector<std::string> keys() const;
     /// The value when it is a number or a boolean, as it is; else null. All three are the same question.
     CXPlist boolForKey(const std::optional<std::string>& key) const;
     CXPlist doubleForKey(const std::optional<std::string>& key) const;

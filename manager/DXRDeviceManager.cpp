@@ -385,8 +385,7 @@ std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
             ids.push_back(deviceID);
     }
     std::ranges::sort(ids);
-    const auto repeated = std::ranges::unique(ids);
-    ids.erase(repeated.begin(), repeated.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
     return ids;
 }
 

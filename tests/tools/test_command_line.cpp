@@ -13,6 +13,7 @@
 #include <numbers>
 #include <numeric>
 #include <sstream>
+#include <unistd.h>
 
 namespace {
 
@@ -181,6 +182,49 @@ TEST_F(DxrCommand, listsTheSameDevicesAsTableAndAsJSON)
                   device["hidden"].get<bool>());
     for (const std::string& line : linesOf(table.output))
         EXPECT_LE(line.size(), 80U) << line;
+}
+
+TEST_F(DxrCommand, remembersAndRefersToDevices)
+{
+    const auto onZoo = [](std::vector<std::string> arguments) {
+        arguments.emplace_back("--simulated");
+        return runTool(arguments);
+    };
+    const std::string reference = linesOf(onZoo({"ref", "zoo-loopback", "--input"}).output).at(0);
+    EXPECT_EQ(json::parse(reference), (json{{"uid", "zoo-loopback"}, {"i", true}}));
+    EXPECT_EQ(json::parse(onZoo({"info", reference, "--json"}).output)["uid"], "zoo-loopback");
+    EXPECT_EQ(onZoo({"info", "{\"uid\":\"nobody\"}"}).status, 1);
+    EXPECT_EQ(onZoo({"info", "{nothing}"}).status, 1);
+    EXPECT_EQ(onZoo({"ref", "zoo-surround", "--input"}).status, 1);
+
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers", "hv", "false"}).status, 0);
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers", "nick", "desk speakers"}).status, 0);
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers", "nick"}).status, 2);
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers"}).output, "hv = false\nnick = \"desk speakers\"\n");
+    EXPECT_EQ(onZoo({"forget", "zoo-speakers", "hv"}).status, 0);
+    EXPECT_EQ(onZoo({"forget", "zoo-speakers", "hv"}).status, 1);
+    EXPECT_EQ(onZoo({"forget", "zoo-speakers"}).status, 0);
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers"}).output, "");
+}
+
+TEST_F(DxrCommand, showsDevicesFromTheirArchives)
+{
+    const std::string path = testing::TempDir() + "/dxr-archive-" + std::to_string(getpid());
+    const auto show = [&](const std::string& content) {
+        std::ofstream(path, std::ios::binary) << content;
+        return runTool({"show", path, "--simulated"});
+    };
+    std::string archive = runTool({"archive", "zoo-speakers", "--simulated"}).output;
+    ASSERT_TRUE(archive.starts_with("DXRDevice:{")) << archive;
+    EXPECT_NE(show(archive).output.find("Connected       yes"), std::string::npos);
+    archive.replace(archive.find("zoo-speakers"), 3, "far");
+    const ToolResult absent = show(archive);
+    EXPECT_TRUE(absent.output.starts_with("⚠️ Built-in Speakers")) << absent.output;
+    EXPECT_NE(absent.output.find("Connected       no"), std::string::npos);
+    for (const std::string& junk : {std::string(), std::string("DXRDevice:{}"), std::string(3U << 20, '{')})
+        EXPECT_EQ(show(junk).status, 1);
+    std::filesystem::remove(path);
+    EXPECT_EQ(runTool({"show", path, "--simulated"}).status, 1);
 }
 
 TEST_F(DxrCommand, letsNoNameDriveTheTerminal)

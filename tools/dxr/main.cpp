@@ -1,3 +1,4 @@
+#include "ArchiveCommand.h"
 #include "DemoCommand.h"
 #include "InfoCommand.h"
 #include "Interrupts.h"
@@ -6,6 +7,7 @@
 #include "PlayCommand.h"
 #include "PlotResponseCommand.h"
 #include "RecordCommand.h"
+#include "RememberCommand.h"
 #include "ResampleCommand.h"
 #include "SetCommand.h"
 #include "ToolFailure.h"
@@ -25,6 +27,8 @@ void registerCommands(CLI::App& app)
     registerWatchCommand(app);
     registerInfoCommand(app);
     registerSetCommand(app);
+    registerRememberCommands(app);
+    registerArchiveCommands(app);
     registerLoopCommand(app);
     registerPlayCommand(app);
     registerRecordCommand(app);
