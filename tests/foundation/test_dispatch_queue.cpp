@@ -145,7 +145,7 @@ TEST(CXDispatchQueue, isBorrowedByABypassWhenIdleAndWaitedForWhenBusy)
             hasOvertaken = !hasClientRun;
         });
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(5)); // for the other thread to push
+    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // for the other thread to push
     gate.open();
     other.join();
     EXPECT_EQ(inside, queue->thread());
