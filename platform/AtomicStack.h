@@ -3,32 +3,43 @@
 #include "BackOff.h"
 #include "CXRealtime.h"
 
-#include <atomic>
 #include <cstdint>
 
 namespace platform {
 
-/// A lock-free last-in-first-out list of blocks of memory, linked through their own first word.
+/// A lock-free last-in-first-out list of blocks of memory, linked through their own first words.
 /// Threads:   every call from any thread at once.
-/// Real time: yes; a thread that loses an exchange waits a bounded moment and tries again.
-/// Blocks must stay mapped for the life of the process: a pop may read the first word of a block that another
+/// Real time: yes; a pop that loses an exchange waits a bounded moment and tries again.
+/// Blocks must stay mapped for the life of the process: a pop may read the first words of a block that another
 /// thread has just taken, and throws away what it read.
 class AtomicStack {
 public:
-    /// The first word of a block that is on a stack.
+    /// The first words of a block that is on a stack. Made without values: the push writes them.
     struct Link {
-        std::atomic<Link*> next;
+        Link* next;
+        // A block that will be popped a little after this one, as far as the pushing thread can tell; any address
+        // will do. A thread that takes what another gave back finds every block in the other's cache: along
+        // the links alone it would wait for one after the other.
+        void* later;
+
+        void linkTo(Link* successor) noexcept { __atomic_store_n(&next, successor, __ATOMIC_RELAXED); }
     };
 
     constexpr AtomicStack() noexcept = default;
     AtomicStack(const AtomicStack&) = delete;
     AtomicStack& operator=(const AtomicStack&) = delete;
 
-    void push(Link* block) noexcept CX_REALTIME { pushChain(block, block); }
     /// Pushes blocks that the caller has linked from `first` to `last` in one step; `first` comes out first.
-    void pushChain(Link* first, Link* last) noexcept CX_REALTIME;
+    /// One attempt: false when another thread was faster.
+    bool tryPushChain(Link* first, Link* last) noexcept CX_REALTIME;
     /// The block pushed last, or null.
     Link* pop() noexcept CX_REALTIME;
+
+    /// How many pops there have been, read before isEmptySince().
+    uint64_t popCount() const noexcept CX_REALTIME { return __atomic_load_n(&_head.pops, __ATOMIC_ACQUIRE); }
+    /// Whether the stack is empty and has not been popped from since `popCount` was read. If it was seen empty
+    /// after that reading too, it has been empty all the time between: what was pushed would still be here.
+    bool isEmptySince(uint64_t popCount) const noexcept CX_REALTIME;
 
 private:
     // The head and the number of pops so far. A pop changes both together: the count is what tells it that
@@ -46,9 +57,11 @@ private:
 
     Head _load() const noexcept;
     bool _exchange(const Head& expected, const Head& wanted) noexcept;
-    static Link* _successorOf(const Link* block) noexcept;
+    static Link _linksOf(const Link* block) noexcept;
 
-    alignas(64) Head _head; // a line of its own: sizes do not slow one another down
+    // A line of its own, and the one that the processor likes to fetch with it: what has no stack in common
+    // does not slow one another down.
+    alignas(128) Head _head;
 };
 
 // In the header: two calls would cost half as much again as what they do.
@@ -64,11 +77,12 @@ private:
 #define DXR_HIDDEN_FROM_THREAD_SANITIZER inline
 #endif
 
-/// The successor of a block that may no longer be ours to read: its new owner may be writing there. What is
-/// read then is thrown away, so the race is harmless and hidden from the thread sanitizer.
-DXR_HIDDEN_FROM_THREAD_SANITIZER AtomicStack::Link* AtomicStack::_successorOf(const Link* block) noexcept
+/// The links of a block that may no longer be ours to read: its new owner may be writing there. What is read then
+/// is thrown away, so the race is harmless and hidden from the thread sanitizer.
+DXR_HIDDEN_FROM_THREAD_SANITIZER AtomicStack::Link AtomicStack::_linksOf(const Link* block) noexcept
 {
-    return __atomic_load_n(reinterpret_cast<Link* const*>(&block->next), __ATOMIC_RELAXED);
+    return {__atomic_load_n(&block->next, __ATOMIC_RELAXED),
+            __atomic_load_n(&block->later, __ATOMIC_RELAXED)};
 }
 
 inline AtomicStack::Head AtomicStack::_load() const noexcept
@@ -93,17 +107,11 @@ inline bool AtomicStack::_exchange(const Head& expected, const Head& wanted) noe
 #endif
 }
 
-inline void AtomicStack::pushChain(Link* first, Link* last) noexcept
+inline bool AtomicStack::tryPushChain(Link* first, Link* last) noexcept
 {
-    BackOff backOff;
-    for (;;) {
-        Link* head = __atomic_load_n(&_head.first, __ATOMIC_RELAXED);
-        last->next.store(head, std::memory_order_relaxed); // published by the exchange
-        if (__atomic_compare_exchange_n(&_head.first, &head, first, false, __ATOMIC_RELEASE,
-                                        __ATOMIC_RELAXED))
-            return;
-        backOff.wait();
-    }
+    Link* head = __atomic_load_n(&_head.first, __ATOMIC_RELAXED);
+    last->linkTo(head); // published by the exchange
+    return __atomic_compare_exchange_n(&_head.first, &head, first, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED);
 }
 
 inline AtomicStack::Link* AtomicStack::pop() noexcept
@@ -113,14 +121,18 @@ inline AtomicStack::Link* AtomicStack::pop() noexcept
         const Head head = _load();
         if (!head.first)
             return nullptr;
-        Link* const successor = _successorOf(head.first);
-        if (_exchange(head, {successor, head.pops + 1})) {
-            // The next pop reads its link; another processor may have written that, or nobody for long.
-            __builtin_prefetch(successor);
+        const Link links = _linksOf(head.first);
+        if (_exchange(head, {links.next, head.pops + 1})) {
+            __builtin_prefetch(links.later);
             return head.first;
         }
         backOff.wait();
     }
+}
+
+inline bool AtomicStack::isEmptySince(uint64_t popCount) const noexcept
+{
+    return !__atomic_load_n(&_head.first, __ATOMIC_ACQUIRE) && this->popCount() == popCount;
 }
 
 } // namespace platform

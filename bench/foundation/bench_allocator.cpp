@@ -212,6 +212,25 @@ Allocator noAllocator()
             [](void*) {}};
 }
 
+/// The same with an exchange at either end, on a word of the thread's own: what a list without any fighting takes
+/// when every item waits for the write of the one before.
+Allocator oneExchange()
+{
+    static const auto exchange = [] {
+        alignas(64) static thread_local std::atomic<uint64_t> word{0};
+        ++word;
+    };
+    return {"the same with an exchange",
+            [](size_t size) {
+                exchange();
+                return noAllocator().allocate(size);
+            },
+            [](void* block) {
+                touch(block);
+                exchange();
+            }};
+}
+
 enum class HandOver { No, Yes };
 
 void compare(const std::string& question, const std::function<double(const Allocator&)>& measure,
@@ -220,8 +239,10 @@ void compare(const std::string& question, const std::function<double(const Alloc
     Comparison comparison(question, "ns", Comparison::Better::Lower);
     for (const Allocator& allocator : allocators())
         comparison.add(allocator.name, [=] { return measure(allocator); });
-    if (handOver == HandOver::Yes)
-        comparison.addBare(noAllocator().name, [=] { return measure(noAllocator()); });
+    if (handOver == HandOver::Yes) {
+        for (const Allocator& bare : {noAllocator(), oneExchange()})
+            comparison.addBare(bare.name, [=] { return measure(bare); });
+    }
     comparison.run();
 }
 

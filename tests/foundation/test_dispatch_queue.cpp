@@ -1,5 +1,6 @@
 #include "CXDispatchQueue.h"
 #include "CXDispatchReceiver.h"
+#include "CXDispatchSource.h"
 #include "CXDispatchTimer.h"
 #include "CXThreadSetRealtime.h"
 #include "CXTimeBase.h"
@@ -327,6 +328,33 @@ TEST(CXDispatchTimer, firesEqualDeadlinesInOrderAndFollowsUpdates)
     EXPECT_EQ(order, "abcddd");
     for (const CXRef<CXDispatchTimer>& timer : timers)
         timer->cancel();
+}
+
+/// Another thread cancels it, and the queue hears of that, just before it enters.
+class CancelledOnTheWayIn final : public CXDispatchSource {
+public:
+    explicit CancelledOnTheWayIn(const TestQueue& queue) : _testQueue(queue) {}
+    ~CancelledOnTheWayIn() override = default;
+    bool isOnTheQueue = false;
+
+private:
+    void _enter(CXDispatchQueue& /*queue*/) override
+    {
+        std::thread([this] { cancel(); }).join();
+        _testQueue.settle();
+        isOnTheQueue = true;
+    }
+    void _leave(CXDispatchQueue& /*queue*/) override { isOnTheQueue = false; }
+    const TestQueue& _testQueue;
+};
+
+TEST(CXDispatchSource, staysOnNoQueueWhenItIsCancelledOnTheWayIn)
+{
+    const TestQueue queue;
+    const auto source = CXRef<CancelledOnTheWayIn>::adopt(new CancelledOnTheWayIn(queue));
+    source->setDispatchQueue(queue.ref());
+    EXPECT_FALSE(source->isOnTheQueue);
+    EXPECT_FALSE(source->queue());
 }
 
 TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)

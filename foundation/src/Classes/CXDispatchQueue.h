@@ -123,6 +123,7 @@ private:
     void _stopEarly() CX_REALTIME;
     bool _giveUpIfIdle() CX_REALTIME;
     void _handOver() CX_REALTIME;
+    void _letItemsGather() const noexcept CX_REALTIME;
     void _takeArrivals() noexcept CX_REALTIME;
     void _append(const Lane& chain, uint32_t lane) noexcept CX_REALTIME;
     Item* _next(uint32_t lane) noexcept CX_REALTIME;
@@ -175,6 +176,7 @@ private:
     // --- Guarded by the right to drain ---
     alignas(64) std::atomic<pthread_t> _owner{0}; // read by all, each for a look whether it is itself
     Lane _lanes[2];                               // taken from the stack, in order of arrival
+    uint32_t _arrivedTogether = 0;                // how many items the stack held when it was last taken
     TFASpentBlocks _spentItems;
     std::map<const CXDispatchTimer*, CXRef<TimerEntry>> _timerMap;
     TimerEntry* _firstTimer = nullptr; // by ascending deadline, equal ones in the order they were scheduled

@@ -30,8 +30,15 @@ void CXDispatchSource::setDispatchQueue(const CXRef<CXDispatchQueue>& queue)
     } while (!_queue->setObjectReference(queue, old));
     if (old)
         _leave(*static_cast<CXDispatchQueue*>(old.get()));
-    if (queue)
-        _enter(*queue);
+    if (!queue)
+        return;
+    _enter(*queue);
+    // Cancelled on the way in: then nobody may have found it on the queue. A cancellation that is not seen here
+    // finds the queue when it finishes.
+    if (_cancelled.load() == 0)
+        return;
+    _leave(*queue);
+    _queue->setObjectReference(nullptr, queue);
 }
 
 void CXDispatchSource::cancel()

@@ -9,7 +9,7 @@ class CXDispatchQueue;
 
 /// What calls a handler on a queue: the part that CXDispatchReceiver and CXDispatchTimer have in common, which
 /// is belonging to a queue and being cancelled.
-/// Threads:   any.
+/// Threads:   any, but setDispatchQueue() one at a time.
 /// Real time: the getters.
 /// A source on a queue is kept alive by it, and keeps it alive: cancel the source to be rid of it.
 class DXR_EXPORT CXDispatchSource : public CXObject {

@@ -1,21 +1,24 @@
 #include "TFA.h"
 
-#include "AtomicStack.h"
+#include "AtomicStackPair.h"
 #include "PageMapping.h"
 #include "TFASpentBlocks.h"
 
 #include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 using platform::AtomicStack;
+using platform::AtomicStackPair;
 using platform::PageMapping;
 
 // Blocks of up to 4096 bytes share 16 KiB chunks; the first word of a chunk, which is aligned to its size,
@@ -33,7 +36,19 @@ constexpr unsigned classCount = 64;
 constexpr size_t mostBytesMadePresent = size_t{256} * 1024;
 
 // The free blocks of every class: blocks of class k hold 2^k bytes. Nothing else is shared.
-constinit AtomicStack gAllocationQueues[classCount];
+constinit AtomicStackPair gAllocationQueues[classCount];
+// Where this thread takes and puts them. The model: an IO thread's first call must not allocate.
+constinit thread_local AtomicStackPair::Side gSides[classCount]
+    __attribute__((tls_model("initial-exec"))) = {};
+
+/// The blocks that this thread gave back last: enough of them that one can be fetched from another processor in
+/// the time that so many pops take.
+struct Latest {
+    static constexpr unsigned count = 4;
+    void* blocks[count];
+    unsigned next;
+};
+constinit thread_local Latest gLatest __attribute__((tls_model("initial-exec"))) = {};
 
 /// The class of a request: the bit length of size - 1, 4 at least. 64 for what no class can hold.
 constexpr unsigned classOf(size_t size) noexcept
@@ -52,6 +67,24 @@ uint64_t* headerOf(const void* block) noexcept
     const auto address = reinterpret_cast<uintptr_t>(block);
     return reinterpret_cast<uint64_t*>(address % pageSize != 0 ? address & ~(chunkSize - 1)
                                                                : address - sizeof(uint64_t));
+}
+
+/// A block as it goes on a list. What this thread has given back lately will come out after it.
+AtomicStack::Link* linkForBlock(void* block) noexcept
+{
+    auto* const link = new (block) AtomicStack::Link;
+    link->later = std::exchange(gLatest.blocks[gLatest.next++ % Latest::count], block);
+    return link;
+}
+
+AtomicStack::Link* popBlock(unsigned sizeClass) noexcept
+{
+    return gAllocationQueues[sizeClass].pop(gSides[sizeClass]);
+}
+
+void pushBlocks(unsigned sizeClass, AtomicStack::Link* first, AtomicStack::Link* last) noexcept
+{
+    gAllocationQueues[sizeClass].pushChain(first, last, gSides[sizeClass]);
 }
 
 /// Written with the C library's buffers out of the way: there may be no memory left for them.
@@ -115,10 +148,9 @@ Chain newChunk(unsigned sizeClass, size_t requestedSize) noexcept
     for (size_t offset = firstBlockOffset; offset + size <= chunkSize; offset += size) {
         if (offset % pageSize == 0)
             continue; // would be taken for a large block
-        auto* const link = new (chunk.address + offset) AtomicStack::Link;
-        link->next.store(nullptr, std::memory_order_relaxed);
+        auto* const link = new (chunk.address + offset) AtomicStack::Link{nullptr, nullptr};
         if (chain.last)
-            chain.last->next.store(link, std::memory_order_relaxed);
+            chain.last->linkTo(link);
         else
             chain.first = link;
         chain.last = link;
@@ -127,14 +159,14 @@ Chain newChunk(unsigned sizeClass, size_t requestedSize) noexcept
     return chain;
 }
 
-/// What a request finds when its list is empty.
-void* newBlock(unsigned sizeClass, size_t requestedSize) noexcept
+/// What a request finds when its list is empty. Apart from TFA_malloc(), which would save registers for it.
+[[gnu::noinline]] void* newBlock(unsigned sizeClass, size_t requestedSize) noexcept
 {
     if (sizeClass > largestSmallClass)
         return newLargeBlock(sizeClass, requestedSize, Pages::PresentWhenSmall);
     const Chain chain = newChunk(sizeClass, requestedSize);
     if (chain.count > 1)
-        gAllocationQueues[sizeClass].pushChain(chain.first->next.load(std::memory_order_relaxed), chain.last);
+        pushBlocks(sizeClass, chain.first->next, chain.last);
     return chain.first;
 }
 
@@ -153,7 +185,7 @@ void* TFA_malloc(size_t size) noexcept
 {
     const unsigned sizeClass = classOf(size);
     if (sizeClass < classCount) {
-        if (void* const block = gAllocationQueues[sizeClass].pop())
+        if (void* const block = popBlock(sizeClass))
             return block;
     }
     return newBlock(sizeClass, std::max<size_t>(size, 1));
@@ -164,13 +196,14 @@ void TFA_free(void* pointer) noexcept
     if (!pointer)
         return;
     const unsigned sizeClass = checkedClassOf(pointer);
-    gAllocationQueues[sizeClass].push(new (pointer) AtomicStack::Link);
+    AtomicStack::Link* const link = linkForBlock(pointer);
+    pushBlocks(sizeClass, link, link);
 }
 
 void TFASpentBlocks::add(void* block) noexcept
 {
-    auto* const link = new (block) AtomicStack::Link;
-    link->next.store(static_cast<AtomicStack::Link*>(_first), std::memory_order_relaxed);
+    AtomicStack::Link* const link = linkForBlock(block);
+    link->linkTo(static_cast<AtomicStack::Link*>(_first));
     _first = link;
     if (!_last)
         _last = link;
@@ -182,8 +215,8 @@ void TFASpentBlocks::giveBack() noexcept
 {
     if (!_first)
         return;
-    gAllocationQueues[checkedClassOf(_first)].pushChain(static_cast<AtomicStack::Link*>(_first),
-                                                        static_cast<AtomicStack::Link*>(_last));
+    pushBlocks(checkedClassOf(_first), static_cast<AtomicStack::Link*>(_first),
+               static_cast<AtomicStack::Link*>(_last));
     _first = nullptr;
     _last = nullptr;
     _count = 0;
@@ -246,12 +279,12 @@ bool TFA_reserve(size_t size, size_t count) noexcept
         if (sizeClass <= largestSmallClass) {
             chain = newChunk(sizeClass, size);
         } else if (void* const block = newLargeBlock(sizeClass, size, Pages::Present)) {
-            auto* const link = new (block) AtomicStack::Link;
+            auto* const link = new (block) AtomicStack::Link{nullptr, nullptr};
             chain = {link, link, 1};
         }
         if (chain.count == 0)
             return false;
-        gAllocationQueues[sizeClass].pushChain(chain.first, chain.last);
+        pushBlocks(sizeClass, chain.first, chain.last);
         added += chain.count;
     }
     return true;

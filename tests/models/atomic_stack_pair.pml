@@ -1,0 +1,111 @@
+/* Threads that take a block each and give it back, on a pair of stacks, every interleaving. There are as many blocks
+   as threads, so whoever asks while holding none must get one.
+
+   Looked for: a block given to two threads, one lost, and "none" as the answer although one was there all the
+   time. */
+
+#define NUL 0
+
+byte first[2];              /* the heads: a block, and how many were popped */
+byte pops[2];
+byte next[THREADS + 1];     /* a block's link, whoever reads it and whenever */
+byte owner[THREADS + 1];
+byte finished = 0;
+
+#define me (_pid + 1)
+
+/* One look at a stack: a block, or NUL where it was empty. */
+inline pop(s, b)
+{
+    do
+    :: count = pops[s];
+       b = first[s];
+       if
+       :: b == NUL -> break
+       :: else -> link = next[b];
+           if
+           :: atomic { first[s] == b && pops[s] == count -> first[s] = link; pops[s]++ }; break
+           :: else
+           fi
+       fi
+    od;
+    count = 0; link = 0
+}
+
+/* Which stack a thread uses is for speed only: whichever it is, the answers must be right. */
+inline choose(s)
+{
+    if
+    :: s = 0
+    :: s = 1
+    fi
+}
+
+proctype thread()
+{
+    byte side = 0, block, seen, count, link, i;
+    do
+    :: i == TIMES -> break
+    :: else -> i++;
+       choose(side);
+       pop(side, block);
+       do
+       :: block != NUL -> break
+       :: else -> seen = pops[side];
+           pop(side, block);
+           if
+           :: block == NUL ->
+               pop(1 - side, block);
+               if
+               :: block != NUL -> side = 1 - side
+               :: else ->
+                   if
+                   :: first[side] == NUL -> assert(pops[side] != seen) /* else: none, and there is one */
+                   :: else
+                   fi
+               fi
+           :: else
+           fi;
+           seen = 0
+       od;
+       atomic { assert(owner[block] == 0); owner[block] = me };
+       next[block] = me + 100; /* its owner writes what it likes */
+       owner[block] = 0;
+       choose(side);
+       do
+       :: link = first[side];
+          next[block] = link;
+          if
+          :: atomic { first[side] == link -> first[side] = block }; break
+          :: else -> side = 1 - side
+          fi
+       od;
+       block = 0; link = 0
+    od;
+    finished++
+}
+
+init {
+    byte k = 1;
+    atomic {
+        first[0] = 1;
+        first[1] = 2;
+        do
+        :: k + 2 <= THREADS -> next[k] = k + 2; k++
+        :: else -> break
+        od;
+        k = 0;
+        do
+        :: k < THREADS -> run thread(); k++
+        :: else -> break
+        od
+    };
+    finished == THREADS;
+    k = 0;
+    do
+    :: first[0] != NUL -> first[0] = next[first[0]]; k++
+    :: first[1] != NUL -> first[1] = next[first[1]]; k++
+    :: first[0] == NUL && first[1] == NUL -> break
+    od;
+    assert(k == THREADS)
+}
