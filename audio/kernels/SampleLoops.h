@@ -20,22 +20,30 @@ template <int count> inline Lanes<count> clamped(Lanes<count> x, float low, floa
     return notBelow<count>(allLanes<count>(low), notAbove<count>(allLanes<count>(high), x));
 }
 
-/// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0.
-template <int count> inline Shorts<count> rounded(Lanes<count> x)
+/// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0; what is
+/// too low is so in the result too.
+template <int count> inline Ints<count> rounded(Lanes<count> x)
 {
-    // At -0 either scale gives 0.
-    const Ints<count> signs = reinterpret_cast<Ints<count>>(x);
-    const Lanes<count> scaled = scaledBySign<count>(x, signs, 32768.0F, 32767.0F);
-    const Ints<count> half = (signs & INT32_MIN) | 0x3F000000;
-    return toShorts<count>(clamped<count>(scaled, -32768.0F, 32767.0F) +
-                           reinterpret_cast<Lanes<count>>(half));
+    x = loadedOnce<count>(x);
+    // The smaller product is the one by the right scale on either side of zero, and no sign need be asked.
+    const Lanes<count> scaled =
+        notAbove<count>(allLanes<count>(32767.0F), notAbove<count>(x * 32768.0F, x * 32767.0F));
+    const Ints<count> half = (reinterpret_cast<Ints<count>>(x) & INT32_MIN) | 0x3F000000;
+    return cut<count>(scaled + reinterpret_cast<Lanes<count>>(half), x);
+}
+
+/// The next two vectors, which fill one of 16-bit samples.
+template <int count> inline Shorts<2 * count> roundedShorts(const float* from)
+{
+    return packed<count>(rounded<count>(loadLanes<count>(from)),
+                         rounded<count>(loadLanes<count>(from + count)));
 }
 
 template <int count> inline Lanes<count> widened(Shorts<count> v)
 {
-    const Ints<count> ints = toInts<count>(v);
-    return scaledBySign<count>(__builtin_convertvector(ints, Lanes<count>), ints, 3.0517578e-5F,
-                               3.051851e-5F);
+    // Here the greater product is the right one.
+    const Lanes<count> numbers = __builtin_convertvector(toInts<count>(v), Lanes<count>);
+    return notBelow<count>(numbers * 3.0517578e-5F, numbers * 3.051851e-5F);
 }
 
 /// Calls `step` with every whole vector of `count` samples, and once with what is left, copied to full
@@ -72,8 +80,8 @@ template <int width> void mix(const float* from, float* to, size_t count)
 
 template <int width> void toInt16(const float* from, int16_t* to, size_t count)
 {
-    forEachVector<width>(from, to, count, [](const float* a, int16_t* b) {
-        const Shorts<width> shorts = rounded<width>(loadLanes<width>(a));
+    forEachVector<2 * width>(from, to, count, [](const float* a, int16_t* b) {
+        const Shorts<2 * width> shorts = roundedShorts<width>(a);
         std::memcpy(b, &shorts, sizeof shorts);
     });
 }
@@ -87,9 +95,9 @@ template <int width> void fromInt16(const int16_t* from, float* to, size_t count
 
 template <int width> void mixToInt16(const float* from, int16_t* to, size_t count)
 {
-    forEachVector<width>(from, to, count, [](const float* a, int16_t* b) {
-        const Shorts<width> shorts =
-            saturatedSum<width>(rounded<width>(loadLanes<width>(a)), loadShorts<width>(b));
+    forEachVector<2 * width>(from, to, count, [](const float* a, int16_t* b) {
+        const Shorts<2 * width> shorts =
+            saturatedSum<2 * width>(roundedShorts<width>(a), loadShorts<2 * width>(b));
         std::memcpy(b, &shorts, sizeof shorts);
     });
 }

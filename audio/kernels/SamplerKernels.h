@@ -6,8 +6,8 @@
 /// Where up to `capacity` consecutive output frames lie between the input frames. One for all channels: the
 /// first group of channels finds the positions as it goes, while its filter waits, and the others use them.
 struct SamplerPositions {
-    static constexpr uint32_t capacity = 256;
-    static constexpr uint32_t step = 16; // found at a time
+    static constexpr uint32_t capacity = 576; // what 512 frames become from 44.1 to 48 kHz is one block
+    static constexpr uint32_t step = 16;      // found at a time
 
     double start = 0, ratio = 0; ///< output frame i of the call lies at start + ratio * i
     uint32_t firstFrame = 0;     ///< of the call, the first one here

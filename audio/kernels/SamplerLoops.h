@@ -5,6 +5,7 @@
 #include "SamplerKernels.h"
 
 #include <algorithm>
+#include <utility>
 
 // The loops behind SamplerKernels, written once for any vector width. See Lanes.h for why all is unnamed.
 
@@ -127,33 +128,43 @@ template <int width, int channels> class FilterLoop {
 public:
     static constexpr uint32_t frames = width / channels;
 
-    explicit FilterLoop(const SamplerFilter& filter)
+    using Fed = float[2][width];
+
+    FilterLoop(const SamplerFilter& filter, Fed& fed)
         : _b0(allLanes<width>(filter.b0)), _b1(allLanes<width>(filter.b1)),
           _beforeLast(loadLanes<width>(filter.end() - ptrdiff_t{2} * width)),
           _last(loadLanes<width>(filter.end() - width)), _a1(allLanes<size>(filter.a1)),
           _a2(allLanes<size>(filter.a2)), _y1(loadLowLanes<channels>(filter.y1)),
-          _y2(loadLowLanes<channels>(filter.y2))
+          _y2(loadLowLanes<channels>(filter.y2)), _waiting(fed[0]), _next(fed[1])
     {}
 
-    /// Filters the first `count` frames of a run and writes them to `output`.
-    void run(Lanes<width> x, float* output, uint32_t count = frames)
+    /// Takes a run and writes the one before it, filtered: so far apart, the chain of one never waits for
+    /// what the next takes from its inputs, however few instructions the processor sees at once.
+    void run(Lanes<width> x, float* output)
     {
-        // Through memory: the processor hands the frames on from there at no cost, and they need no shuffling.
-        alignas(sizeof(Lanes<width>)) float fed[width];
-        storeLanes<width>(fed, _b0 * (x + _before<2>(x)) + _b1 * _before<1>(x));
-        const float* from = fed;
-        asm("" : "+r"(from) : : "memory"); // or the compiler finds out and shuffles
-        Vector y1 = _y1, y2 = _y2;
-        for (uint32_t frame = 0; frame < count; ++frame, from += channels, output += channels) {
-            // Only the last product waits for the frame before.
-            const Vector y = loadLowLanes<channels>(from) - _a2 * y2 - _a1 * y1;
-            y2 = y1;
-            y1 = y;
-            storeLowLanes<channels>(output, y);
-        }
-        _y1 = y1;
-        _y2 = y2;
+        storeLanes<width>(_next, _fromInputs(x));
+        if (_output)
+            _filter(_waiting, _output, frames);
+        std::swap(_next, _waiting);
+        _output = output;
+        _beforeLast = _last;
+        _last = x;
+    }
+
+    /// Filters the first `count` frames of a run and writes them to `output`, and what is still to be written.
+    void run(Lanes<width> x, float* output, uint32_t count)
+    {
+        finish();
+        storeLanes<width>(_next, _fromInputs(x));
+        _filter(_next, output, count);
         _keep(x, count);
+    }
+
+    void finish()
+    {
+        if (_output)
+            _filter(_waiting, _output, frames);
+        _output = nullptr;
     }
 
     void save(SamplerFilter& filter) const
@@ -167,6 +178,24 @@ public:
 private:
     static constexpr int size = std::max(channels, 4);
     using Vector = Lanes<size>;
+
+    Lanes<width> _fromInputs(Lanes<width> x) const { return _b0 * (x + _before<2>(x)) + _b1 * _before<1>(x); }
+
+    /// What comes from the inputs is read from memory, where the processor hands it on at no cost and frames
+    /// need no shuffling.
+    void _filter(const float* fed, float* output, uint32_t count)
+    {
+        Vector y1 = _y1, y2 = _y2;
+        for (uint32_t frame = 0; frame < count; ++frame, fed += channels, output += channels) {
+            // Only the last product waits for the frame before.
+            const Vector y = loadLowLanes<channels>(fed) - _a2 * y2 - _a1 * y1;
+            y2 = y1;
+            y1 = y;
+            storeLowLanes<channels>(output, y);
+        }
+        _y1 = y1;
+        _y2 = y2;
+    }
 
     /// The run as it was `count` frames ago.
     template <int count> Lanes<width> _before(Lanes<width> x) const
@@ -194,6 +223,9 @@ private:
     Lanes<width> _beforeLast, _last;
     const Vector _a1, _a2;
     Vector _y1, _y2;
+    float* _output = nullptr; // where the run goes that is still to be written
+    float* _waiting;          // what it takes from its inputs
+    float* _next;             // where what the next run takes goes
 };
 
 /// What takes the place of a filter where there is none.
@@ -213,8 +245,7 @@ inline Lanes<count> placed(const WideLanes<count>& numbers, double start, double
     const Ints<count> whole = __builtin_convertvector(position, Ints<count>);
     const Ints<count> notNegative = whole < 0 ? Ints<count>{} : whole;
     std::memcpy(index, &notNegative, sizeof notNegative);
-    return __builtin_convertvector(position - __builtin_convertvector(notNegative, WideLanes<count>),
-                                   Lanes<count>);
+    return differences<count>(position, notNegative);
 }
 
 /// Finds the next step of positions, `width` at a time.
@@ -321,10 +352,10 @@ private:
 
     Lanes<width> _run(uint32_t first) const
     {
+        const uint32_t* const index = _positions.index + first;
         const std::byte* rows[frames];
         for (uint32_t frame = 0; frame < frames; ++frame)
-            rows[frame] =
-                _window.rows + static_cast<ptrdiff_t>(_positions.index[first + frame]) * _rowBytes();
+            rows[frame] = _window.rows + static_cast<ptrdiff_t>(index[frame]) * _rowBytes();
         return _interpolated(rows, first);
     }
 
@@ -349,8 +380,10 @@ void interpolate(const SamplerWindow& window, SamplerPositions& positions, uint3
 {
     Interpolation<width, channels> interpolation(window, positions);
     if (filter) {
-        FilterLoop<width, channels> loop(*filter);
+        alignas(sizeof(Lanes<width>)) typename FilterLoop<width, channels>::Fed fed;
+        FilterLoop<width, channels> loop(*filter, fed);
         interpolation.run(first, count, output, loop);
+        loop.finish();
         loop.save(*filter);
     } else {
         NoFilter<width, channels> none;

@@ -1,10 +1,14 @@
 // What does a sample cost to copy, mix and convert, in the nearest cache and out of every cache, beside
-// libswresample, the plain loop over the rule for one sample, and memcpy of as many bytes?
+// libswresample, the plain loop over the rule for one sample, memcpy of as many bytes, and the fewest instructions
+// that a vector can take?
 
+#include "BareLoops.h"
 #include "Contest.h"
 #include "DXRBuffer.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -67,6 +71,26 @@ struct Memory {
     int16_t* shortPlanes[channels];
 };
 
+/// Copies of one block's samples, aligned to a vector.
+struct AlignedMemory {
+    explicit AlignedMemory(const Memory& memory)
+        : floats(aligned<float>(memory.count)), sums(aligned<float>(memory.count)),
+          shorts(aligned<int16_t>(memory.count))
+    {
+        std::copy_n(memory.buffer->samples(), memory.count, floats.get());
+        std::copy_n(memory.floats.data(), memory.count, sums.get());
+        std::copy_n(memory.shorts.data(), memory.count, shorts.get());
+    }
+
+    template <class Sample> using Array = std::unique_ptr<Sample, decltype(&std::free)>;
+    template <class Sample> static Array<Sample> aligned(size_t count)
+    {
+        return {static_cast<Sample*>(std::aligned_alloc(64, count * sizeof(Sample))), std::free};
+    }
+    const Array<float> floats, sums;
+    const Array<int16_t> shorts;
+};
+
 /// libswresample between two sample formats at one rate.
 class Converter {
 public:
@@ -97,9 +121,10 @@ struct Operation {
     const char* name;
     Work ours, plain, peer; // the peer may be none
     size_t bytesPerSample;  // read and written
+    Work bare = {};         // may be none
 };
 
-std::vector<Operation> operations(Memory& m, uint32_t frames,
+std::vector<Operation> operations(Memory& m, const AlignedMemory& alignedMemory, uint32_t frames,
                                   std::vector<std::unique_ptr<Converter>>& converters)
 {
     DXRBuffer* const buffer = m.buffer.get();
@@ -110,6 +135,7 @@ std::vector<Operation> operations(Memory& m, uint32_t frames,
         return [=, converter = converters.back().get()] { converter->run(in.data(), out.data(), frames); };
     };
     Memory* const all = &m;
+    const AlignedMemory* const bare = &alignedMemory;
     return {
         {"copy",
          [=] { buffer->copyToInterleavedFloats(all->floats.data()); },
@@ -126,19 +152,22 @@ std::vector<Operation> operations(Memory& m, uint32_t frames,
                  all->floats[i] = mixed(own[i], all->floats[i]);
          },
          {},
-         12},
+         12,
+         [=] { bareMix(bare->floats.get(), bare->sums.get(), all->count); }},
         {"to 16", [=] { buffer->copyToInterleavedInt16s(all->shorts.data()); },
          [=] {
              for (size_t i = 0; i < all->count; ++i)
                  all->shorts[i] = toInt16(own[i]);
          },
-         peer(AV_SAMPLE_FMT_FLT, AV_SAMPLE_FMT_S16, {own}, {m.shorts.data()}), 6},
+         peer(AV_SAMPLE_FMT_FLT, AV_SAMPLE_FMT_S16, {own}, {m.shorts.data()}), 6,
+         [=] { bareToInt16(bare->floats.get(), bare->shorts.get(), all->count); }},
         {"from 16", [=] { buffer->copyFromInterleavedInt16s(all->shorts.data()); },
          [=] {
              for (size_t i = 0; i < all->count; ++i)
                  own[i] = fromInt16(all->shorts[i]);
          },
-         peer(AV_SAMPLE_FMT_S16, AV_SAMPLE_FMT_FLT, {m.shorts.data()}, {own}), 6},
+         peer(AV_SAMPLE_FMT_S16, AV_SAMPLE_FMT_FLT, {m.shorts.data()}, {own}), 6,
+         [=] { bareFromInt16(bare->shorts.get(), bare->floats.get(), all->count); }},
         {"mix to 16",
          [=] { buffer->mixToInterleavedInt16s(all->shorts.data()); },
          [=] {
@@ -177,7 +206,10 @@ void printTable(const char* title, uint32_t frames)
     std::vector<char> from(memory.count * 6), to(memory.count * 6);
     std::vector<std::unique_ptr<Converter>> converters;
     FigureTable table(std::string("buffers, ") + title + ": ns per sample");
-    for (const Operation& operation : operations(memory, frames, converters)) {
+    const AlignedMemory alignedMemory(memory);
+    const std::vector<std::string> names = {"dxr", "plain loop", "memcpy of the bytes", "fewest instructions",
+                                            "libswresample"};
+    for (const Operation& operation : operations(memory, alignedMemory, frames, converters)) {
         Contest contest;
         const auto add = [&](const char* name, Work work) {
             contest.add(name, [count = memory.count, work] {
@@ -192,12 +224,17 @@ void printTable(const char* title, uint32_t frames)
             std::memcpy(to.data(), from.data(), bytes);
             asm volatile("" : : "r"(to.data()) : "memory");
         });
+        const bool hasBare = operation.bare && hasBareLoops();
+        if (hasBare)
+            add("fewest instructions", operation.bare);
         if (operation.peer)
             add("libswresample", operation.peer);
         std::vector<double> figures = contest.run();
-        figures.resize(4, std::numeric_limits<double>::quiet_NaN());
-        table.addColumn(operation.name, {"dxr", "plain loop", "memcpy of the bytes", "libswresample"},
-                        figures);
+        const double none = std::numeric_limits<double>::quiet_NaN();
+        if (!hasBare)
+            figures.insert(figures.begin() + 3, none);
+        figures.resize(names.size(), none);
+        table.addColumn(operation.name, names, figures);
     }
     table.print("", 3);
 }

@@ -290,6 +290,7 @@ TEST(DXRBuffer, showsItsChannelsAndFrames)
 {
     const CXRef<DXRBuffer> buffer = DXRBuffer::initWithSampleRate(48000, 5, 3);
     std::vector<uint32_t> seen;
+    seen.reserve(4); // enough, also under the check below
     const DXRBuffer::ChannelBlock note = [&](uint32_t channel, uint32_t frames, float* samples,
                                              uint32_t stride) {
         seen.push_back(channel);
@@ -297,11 +298,14 @@ TEST(DXRBuffer, showsItsChannelsAndFrames)
         for (uint32_t k = 0; k < frames; ++k)
             samples[size_t{k} * stride] = static_cast<float>(10 * k + channel);
     };
-    for (const uint32_t outside : {0U, 4U, UINT32_MAX})
-        buffer->processChannel(outside, note);
-    buffer->processChannel(1, nullptr);
-    EXPECT_TRUE(seen.empty());
-    buffer->processChannelsWithBlock(note);
+    {
+        const CXRealtimeScope realtime;
+        for (const uint32_t outside : {0U, 4U, UINT32_MAX})
+            buffer->processChannel(outside, note);
+        buffer->processChannel(1, nullptr);
+        EXPECT_TRUE(seen.empty());
+        buffer->processChannelsWithBlock(note);
+    }
     EXPECT_EQ(seen, (std::vector<uint32_t>{1, 2, 3}));
     int calls = 0;
     const DXRBuffer::FramesBlock check = [&](uint32_t channels, uint32_t frames, float* const* samples,
@@ -312,7 +316,10 @@ TEST(DXRBuffer, showsItsChannelsAndFrames)
             for (uint32_t c = 0; c < channels; ++c)
                 EXPECT_EQ(samples[c][size_t{k} * strides[c]], static_cast<float>(10 * k + c + 1));
     };
-    buffer->processFramesWithBlock(check);
+    {
+        const CXRealtimeScope realtime;
+        buffer->processFramesWithBlock(check);
+    }
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(buffer->samples()[14], 43);
 }

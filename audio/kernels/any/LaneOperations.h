@@ -2,11 +2,15 @@
 
 #include "Lanes.h"
 
-#include <bit>
-
 // What has an instruction of its own on some processors, for the others.
 
 namespace {
+
+/// x, where there are no instructions that fetch and compute at once.
+template <int count> inline Lanes<count> loadedOnce(Lanes<count> x)
+{
+    return x;
+}
 
 /// `limit` where x is above it; a NaN stays.
 template <int count> inline Lanes<count> notAbove(Lanes<count> limit, Lanes<count> x)
@@ -25,6 +29,12 @@ template <int count> inline Ints<count> toInts(Shorts<count> v)
     return __builtin_convertvector(v, Ints<count>);
 }
 
+/// a - b, as floats.
+template <int count> inline Lanes<count> differences(const WideLanes<count>& a, const Ints<count>& b)
+{
+    return __builtin_convertvector(a - __builtin_convertvector(b, WideLanes<count>), Lanes<count>);
+}
+
 template <int count> inline Lanes<2 * count> joined(Lanes<count> low, Lanes<count> high)
 {
     return [&]<int... lane>(std::integer_sequence<int, lane...>)
@@ -34,29 +44,36 @@ template <int count> inline Lanes<2 * count> joined(Lanes<count> low, Lanes<coun
     (std::make_integer_sequence<int, 2 * count>());
 }
 
-/// Each x times `negative` where its sign is set in `signs`, else times `positive`.
-template <int count>
-inline Lanes<count> scaledBySign(Lanes<count> x, Ints<count> signs, float negative, float positive)
+/// As 16 bits, cut off at their ends.
+template <int count> inline Shorts<count> toShorts(Ints<count> v)
 {
-    // By the bits: chosen with a mask made of the sign.
-    const int32_t below = std::bit_cast<int32_t>(negative), above = std::bit_cast<int32_t>(positive);
-    return x * reinterpret_cast<Lanes<count>>(((signs >> 31) & (below - above)) + above);
+    const Ints<count> highest = Ints<count>{} + 32767, lowest = Ints<count>{} - 32768;
+    v = v < highest ? v : highest;
+    return __builtin_convertvector(v > lowest ? v : lowest, Shorts<count>);
 }
 
 /// The sums, cut off at the ends of 16 bits.
 template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
 {
-    const Ints<count> highest = Ints<count>{} + 32767, lowest = Ints<count>{} - 32768;
-    Ints<count> sum = toInts<count>(a) + toInts<count>(b);
-    sum = sum < highest ? sum : highest;
-    return __builtin_convertvector(sum > lowest ? sum : lowest, Shorts<count>);
+    return toShorts<count>(toInts<count>(a) + toInts<count>(b));
 }
 
-/// Cut to whole numbers and to their low 16 bits; NaN gives 0.
-template <int count> inline Shorts<count> toShorts(Lanes<count> x)
+/// x cut to whole numbers, which it may be below but not above; 0 where `from`, which x was made of, is NaN.
+template <int count> inline Ints<count> cut(Lanes<count> x, Lanes<count> from)
 {
-    const Lanes<count> numbers = x == x ? x : Lanes<count>{};
-    return __builtin_convertvector(__builtin_convertvector(numbers, Ints<count>), Shorts<count>);
+    const Lanes<count> low = notBelow<count>(allLanes<count>(-2147483648.0F), x);
+    return __builtin_convertvector(from == from ? low : Lanes<count>{}, Ints<count>);
+}
+
+/// a and behind it b, cut off at the ends of 16 bits.
+template <int count> inline Shorts<2 * count> packed(Ints<count> a, Ints<count> b)
+{
+    const Shorts<count> low = toShorts<count>(a), high = toShorts<count>(b);
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Shorts<2 * count>(__builtin_shufflevector(low, high, lane...));
+    }
+    (std::make_integer_sequence<int, 2 * count>());
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 
 #include "Lanes.h"
 
-#include <bit>
 #include <immintrin.h>
 
 // What the compilers do not find by themselves: each is one instruction. Only for kernel sources; the widths
@@ -14,6 +13,13 @@ namespace {
 // The masked forms compile to the plain instructions, whose own form gcc 12 takes for uninitialised.
 inline constexpr __mmask16 everyLane = 0xFFFF;
 #endif
+
+/// x, which the compiler then does not fetch again for every use: that is slow across cache lines.
+template <int count> inline Lanes<count> loadedOnce(Lanes<count> x)
+{
+    asm("" : "+x"(x));
+    return x;
+}
 
 /// `limit` where x is above it; a NaN stays.
 template <int count> inline Lanes<count> notAbove(Lanes<count> limit, Lanes<count> x)
@@ -56,6 +62,17 @@ template <int count> inline Ints<count> toInts(Shorts<count> v)
         return __builtin_convertvector(v, Ints<count>);
 }
 
+/// a - b, as floats.
+template <int count> inline Lanes<count> differences(const WideLanes<count>& a, const Ints<count>& b)
+{
+#ifdef __AVX512F__
+    if constexpr (count == 8)
+        return __builtin_convertvector(a - _mm512_maskz_cvtepi32_pd(0xFF, reinterpret_cast<__m256i>(b)),
+                                       Lanes<count>);
+#endif
+    return __builtin_convertvector(a - __builtin_convertvector(b, WideLanes<count>), Lanes<count>);
+}
+
 /// `low` and above it `high`.
 template <int count>
 inline Lanes<2 * count> joined([[maybe_unused]] Lanes<count> low, [[maybe_unused]] Lanes<count> high)
@@ -71,23 +88,14 @@ inline Lanes<2 * count> joined([[maybe_unused]] Lanes<count> low, [[maybe_unused
 #endif
 }
 
-/// Each x times `negative` where its sign is set in `signs`, else times `positive`.
-template <int count>
-inline Lanes<count> scaledBySign(Lanes<count> x, Ints<count> signs, float negative, float positive)
-{
-#ifdef __AVX512F__
-    if constexpr (count == 16)
-        return _mm512_mask_mul_ps(x * positive, _mm512_movepi32_mask(reinterpret_cast<__m512i>(signs)), x,
-                                  allLanes<count>(negative));
-#endif
-    // By the bits: chosen with a mask made of the sign.
-    const int32_t below = std::bit_cast<int32_t>(negative), above = std::bit_cast<int32_t>(positive);
-    return x * reinterpret_cast<Lanes<count>>(((signs >> 31) & (below - above)) + above);
-}
-
 /// The sums, cut off at the ends of 16 bits.
 template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
 {
+#ifdef __AVX512BW__
+    if constexpr (count == 32)
+        return reinterpret_cast<Shorts<count>>(
+            _mm512_adds_epi16(reinterpret_cast<__m512i>(a), reinterpret_cast<__m512i>(b)));
+#endif
 #ifdef __AVX2__
     if constexpr (count == 16)
         return reinterpret_cast<Shorts<count>>(
@@ -96,27 +104,43 @@ template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<c
     if constexpr (count == 8)
         return reinterpret_cast<Shorts<count>>(
             _mm_adds_epi16(reinterpret_cast<__m128i>(a), reinterpret_cast<__m128i>(b)));
-    if constexpr (count == 4) {
-        const __m128i sum = _mm_adds_epi16(_mm_set_epi64x(0, reinterpret_cast<int64_t>(a)),
-                                           _mm_set_epi64x(0, reinterpret_cast<int64_t>(b)));
-        return reinterpret_cast<Shorts<count>>(static_cast<int64_t>(_mm_cvtsi128_si64(sum)));
-    }
 }
 
-/// Cut to whole numbers and to their low 16 bits; NaN gives 0, because its whole number is -2^31.
-template <int count> inline Shorts<count> toShorts(Lanes<count> x)
+/// x cut to whole numbers, which it may be below but not above; 0 where `from`, which x was made of, is NaN.
+template <int count> inline Ints<count> cut(Lanes<count> x, Lanes<count> from)
 {
 #ifdef __AVX512F__
     if constexpr (count == 16)
-        return reinterpret_cast<Shorts<count>>(
-            _mm512_maskz_cvtepi32_epi16(everyLane, _mm512_maskz_cvttps_epi32(everyLane, x)));
+        return reinterpret_cast<Ints<count>>(
+            _mm512_maskz_cvttps_epi32(_mm512_cmp_ps_mask(from, from, _CMP_ORD_Q), x));
 #endif
 #ifdef __AVX__
     if constexpr (count == 8)
-        return __builtin_convertvector(reinterpret_cast<Ints<count>>(_mm256_cvttps_epi32(x)), Shorts<count>);
+        return reinterpret_cast<Ints<count>>(_mm256_cvttps_epi32(x)) & (from == from);
 #endif
     if constexpr (count == 4)
-        return __builtin_convertvector(reinterpret_cast<Ints<count>>(_mm_cvttps_epi32(x)), Shorts<count>);
+        return reinterpret_cast<Ints<count>>(_mm_cvttps_epi32(x)) & (from == from);
+}
+
+/// a and behind it b, cut off at the ends of 16 bits.
+template <int count> inline Shorts<2 * count> packed(Ints<count> a, Ints<count> b)
+{
+    // The instruction packs pieces of a and b in turn.
+#ifdef __AVX512BW__
+    if constexpr (count == 16) {
+        const __m512i order = _mm512_set_epi64(7, 5, 3, 1, 6, 4, 2, 0);
+        const __m512i pieces = _mm512_packs_epi32(reinterpret_cast<__m512i>(a), reinterpret_cast<__m512i>(b));
+        return reinterpret_cast<Shorts<2 * count>>(_mm512_maskz_permutexvar_epi64(0xFF, order, pieces));
+    }
+#endif
+#ifdef __AVX2__
+    if constexpr (count == 8)
+        return reinterpret_cast<Shorts<2 * count>>(_mm256_permute4x64_epi64(
+            _mm256_packs_epi32(reinterpret_cast<__m256i>(a), reinterpret_cast<__m256i>(b)), 0xD8));
+#endif
+    if constexpr (count == 4)
+        return reinterpret_cast<Shorts<2 * count>>(
+            _mm_packs_epi32(reinterpret_cast<__m128i>(a), reinterpret_cast<__m128i>(b)));
 }
 
 } // namespace
