@@ -12,7 +12,7 @@ namespace {
 
 using Address = AudioObjectPropertyAddress;
 
-const std::optional<std::string> boomUID = "GDAudioDevice_UID";
+constexpr const char* boomUID = "GDAudioDevice_UID"; // no object: threads ask for it while the process ends
 
 constexpr Address global(uint32_t selector)
 {

@@ -51,7 +51,8 @@ std::string channelName(const std::string& position)
 /// A number for each clock there is, the same as long as the process lives.
 uint32_t domainOfClock(const std::string& name)
 {
-    static std::unordered_map<std::string, uint32_t> domains; // the loop's thread
+    // The loop's thread, which may still run while the process ends: never destroyed.
+    static auto& domains = *new std::unordered_map<std::string, uint32_t>;
     return domains.try_emplace(name, static_cast<uint32_t>(domains.size() + 1)).first->second;
 }
 
