@@ -141,3 +141,16 @@ HALStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID)
 {
     return HALActiveBackend()->stop(deviceID, procID);
 }
+
+HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioObjectID* deviceID)
+{
+    if (!description || !deviceID)
+        return kAudioHardwareIllegalOperationError;
+    *deviceID = kAudioObjectUnknown;
+    return HALActiveBackend()->createAggregateDevice(description->plist(), *deviceID);
+}
+
+HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID)
+{
+    return HALActiveBackend()->destroyAggregateDevice(deviceID);
+}

@@ -23,6 +23,13 @@ constexpr double leastJump = 24.0; // frames: less is pulled
 constexpr double mostJump = 480.0;
 constexpr uint64_t mostGapFrames = 1U << 20; // a longer gap in the sample time is a clock set anew
 
+double marginFor(const DriftController::Settings& settings, double longerCycle)
+{
+    // With the frames that the resampler reaches ahead, at most a cycle.
+    const double usual = longerCycle - settings.framesAfter;
+    return std::max(leastMargin, std::min(usual, mostMarginSeconds * settings.writerRate));
+}
+
 } // namespace
 
 DriftController::DriftController(const Settings& settings) noexcept
@@ -91,6 +98,14 @@ ReadPlan DriftController::plan(uint64_t hostNanoseconds, uint64_t sampleTime, ui
     return plan;
 }
 
+double DriftController::delayFor(const Settings& settings, uint32_t writerFrames,
+                                 uint32_t readerFrames) noexcept
+{
+    const double cycles = readerFrames * settings.writerRate / settings.readerRate;
+    return writerFrames + cycles + settings.framesAfter +
+           marginFor(settings, std::max<double>(writerFrames, cycles));
+}
+
 double DriftController::_longerCycle() const noexcept
 {
     return std::max<double>(_writerFrames, _readerFrames * _nominalRatio);
@@ -98,14 +113,12 @@ double DriftController::_longerCycle() const noexcept
 
 double DriftController::_margin() const noexcept
 {
-    const double usual =
-        std::min(_longerCycle() - _settings.framesAfter, mostMarginSeconds * _settings.writerRate);
-    return std::max(leastMargin, usual) + _extraMargin;
+    return marginFor(_settings, _longerCycle()) + _extraMargin;
 }
 
 double DriftController::delay() const noexcept
 {
-    return _writerFrames + _readerFrames * _nominalRatio + _settings.framesAfter + _margin();
+    return delayFor(_settings, _writerFrames, _readerFrames) + _extraMargin;
 }
 
 double DriftController::_wantedRatio() const noexcept

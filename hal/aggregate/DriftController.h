@@ -45,6 +45,8 @@ public:
         uint32_t framesAfter = 32;
     };
     explicit DriftController(const Settings& settings) noexcept;
+    /// The delay that two devices with such cycles will have, in frames of the writer.
+    static double delayFor(const Settings& settings, uint32_t writerFrames, uint32_t readerFrames) noexcept;
 
     /// Cycles of the writer, in order, before the next plan().
     void wrote(const WriterCycle& cycle) noexcept CX_REALTIME;
