@@ -147,7 +147,7 @@ HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioOb
     if (!description || !deviceID)
         return kAudioHardwareIllegalOperationError;
     *deviceID = kAudioObjectUnknown;
-    return HALActiveBackend()->createAggregateDevice(description->plist(), *deviceID);
+    return HALActiveBackend()->createAggregateDevice(*description, *deviceID);
 }
 
 HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID)

@@ -3,7 +3,6 @@
 #include "AudioRecords.h"
 #include "CXBlock.h"
 #include "CXFourCharCode.h"
-#include "CXValue.h"
 #include "WorkQueue.h"
 
 #include <cstddef>
@@ -12,6 +11,8 @@
 // The audio hardware layer (HAL): objects with properties, listeners on them, and IO callbacks on devices.
 // Everything above speaks to the hardware through these records and functions alone; they forward to the one
 // active backend (HALSetBackend), or answer for a system without any device when there is none.
+
+class CXValue;
 
 /// A HAL object: the system object, a device, or a stream of a device. 0 is no object. Never reused in a
 /// process.

@@ -63,7 +63,7 @@ public:
     virtual HALStatus stop(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
 
     /// As AudioHardwareCreateAggregateDevice says. The device is there, with all its properties, on return.
-    virtual HALStatus createAggregateDevice(const CXPlist& description, AudioObjectID& deviceID) = 0;
+    virtual HALStatus createAggregateDevice(const CXValue& description, AudioObjectID& deviceID) = 0;
     /// On return none of its callbacks runs, and never will again.
     virtual HALStatus destroyAggregateDevice(AudioObjectID deviceID) = 0;
 };

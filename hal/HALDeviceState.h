@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioHardware.h"
+#include "CXPlist.h"
 #include "HALDirection.h"
 
 #include <array>

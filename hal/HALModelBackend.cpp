@@ -545,9 +545,9 @@ HALStatus HALModelBackend::_writeStream(AudioObjectID deviceID, const HALDeviceS
 
 // ---- Aggregate devices
 
-HALStatus HALModelBackend::createAggregateDevice(const CXPlist& description, AudioObjectID& deviceID)
+HALStatus HALModelBackend::createAggregateDevice(const CXValue& description, AudioObjectID& deviceID)
 {
-    std::optional<AggregateDescription> valid = AggregateDescription::of(description);
+    std::optional<AggregateDescription> valid = AggregateDescription::of(description.plist());
     if (!valid)
         return kAudioHardwareIllegalOperationError;
     waitUntilEnumerated();

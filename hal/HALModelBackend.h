@@ -40,7 +40,7 @@ public:
     HALStatus destroyIOProc(AudioObjectID deviceID, AudioDeviceIOProcID procID) final;
     HALStatus start(AudioObjectID deviceID, AudioDeviceIOProcID procID) final;
     HALStatus stop(AudioObjectID deviceID, AudioDeviceIOProcID procID) final;
-    HALStatus createAggregateDevice(const CXPlist& description, AudioObjectID& deviceID) final;
+    HALStatus createAggregateDevice(const CXValue& description, AudioObjectID& deviceID) final;
     HALStatus destroyAggregateDevice(AudioObjectID deviceID) final;
 
 protected:

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioHardware.h"
+#include "CXPlist.h"
 
 #include <cstring>
 #include <span>

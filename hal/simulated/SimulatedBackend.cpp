@@ -147,7 +147,7 @@ HALStatus SimulatedBackend::stop(AudioObjectID deviceID, AudioDeviceIOProcID pro
     return _hardware->stop(deviceID, procID);
 }
 
-HALStatus SimulatedBackend::createAggregateDevice(const CXPlist& description, AudioObjectID& deviceID)
+HALStatus SimulatedBackend::createAggregateDevice(const CXValue& description, AudioObjectID& deviceID)
 {
     return _hardware->createAggregateDevice(description, deviceID);
 }

@@ -86,7 +86,7 @@ public:
     HALStatus destroyIOProc(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     HALStatus start(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     HALStatus stop(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
-    HALStatus createAggregateDevice(const CXPlist& description, AudioObjectID& deviceID) override;
+    HALStatus createAggregateDevice(const CXValue& description, AudioObjectID& deviceID) override;
     HALStatus destroyAggregateDevice(AudioObjectID deviceID) override;
 
 private:

@@ -30,7 +30,7 @@ public:
             description["subdevices"].push_back({{"uid", each}, {"drift", 1}});
         description["subdevices"].push_back({{"uid", "absent"}});
         description["master"] = made.subDevices.front();
-        backend().createAggregateDevice(description, made.deviceID);
+        backend().createAggregateDevice(*CXValue::initWithPlist(description), made.deviceID);
         _made.emplace(uid, std::move(made));
         return uid;
     }
