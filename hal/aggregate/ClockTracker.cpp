@@ -10,11 +10,11 @@ constexpr double second = 1e9; // nanoseconds
 // The memory: enough at first that two late stamps do not look like another rate, at most what leaves a
 // temperature's wander (20 ppm in ten minutes) within a fraction of a frame.
 constexpr double firstMemorySeconds = 0.1;
-constexpr double memoryGrowth = 0.4; // a memory of everything would keep what the first stamps got wrong
+constexpr double memoryGrowth = 0.45; // a memory of everything would keep what the first stamps got wrong
 constexpr double settledMemorySeconds = 10.0;
 constexpr double mostMemorySeconds = 40.0;
-constexpr double muchJitter = 20e3;       // nanoseconds
-constexpr double driftMemorySeconds = 12; // from here on the rate's own drift can be told from noise
+constexpr double muchJitter = 20e3;         // nanoseconds
+constexpr double driftMemorySeconds = 16.0; // from here on the rate's own drift can be told from noise
 constexpr double parabolaMemory = 2.25; // a parabola through so many times the stamps is as certain as a line
 
 constexpr double firstJitter = 100e3; // nanoseconds
@@ -22,17 +22,17 @@ constexpr double leastJitter = 500.0;
 constexpr double jitterSeconds = 2.0; // over which it is averaged
 
 // A stamp that is late says little, for threads wake late by very different times; none is early by much. So early
-// ones weigh more, and late ones count no more than one that is late by the usual jitter. Where lateness is
-// distributed exponentially that leaves 0.4 of the mean's noise, and costs 1.4 times it for symmetric noise.
-constexpr double weighingSeconds = 1.0; // from when on the errors are those of stamps
+// ones weigh more, and late ones count no more than one that is late by twice the usual jitter. Where lateness is
+// distributed exponentially that leaves less than half of the mean's noise, and costs 1.4 times it for symmetric noise.
+constexpr double weighingSeconds = 0.7; // from when on the errors are those of stamps
 constexpr double earlyWeight = 3.0;
 constexpr double lateWeight = 1.0 / 3.0;
 constexpr double mostEarly = 4.0; // jitters
-constexpr double mostLate = 1.0;
+constexpr double mostLate = 2.0;
 constexpr double leastDoubt = 3e6; // nanoseconds; what is nearer is never called wrong
 constexpr double doubtJitters = 20.0;
 constexpr double trendSeconds = 1.5;
-constexpr double trendJitters = 8.0;
+constexpr double trendJitters = 10.0;
 constexpr double leastTrend = 1000.0; // nanoseconds
 
 } // namespace

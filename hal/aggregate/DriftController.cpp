@@ -5,9 +5,9 @@
 
 namespace {
 
-// The loop that pulls the reading rate, in radians per second: 4 / t, and no narrower than what follows a clock
+// The loop that pulls the reading rate, in radians per second: 3 / t, and no narrower than what follows a clock
 // that wanders by 20 ppm in ten minutes to a fraction of a frame.
-constexpr double narrowing = 4.0;
+constexpr double narrowing = 3.0;
 constexpr double widestSeconds = 0.3;
 constexpr double narrowest = 0.15;
 constexpr double damping = 0.9;

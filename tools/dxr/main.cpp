@@ -1,3 +1,4 @@
+#include "AggregateCommand.h"
 #include "DemoCommand.h"
 #include "InfoCommand.h"
 #include "Interrupts.h"
@@ -31,6 +32,7 @@ void registerCommands(CLI::App& app)
     registerDemoCommand(app);
     registerResampleCommand(app);
     registerPlotCommand(app);
+    registerAggregateCommand(app);
 }
 
 /// Parses the command line and runs its command. Answers the exit status.
