@@ -19,10 +19,6 @@ public:
     {
         _model.updateDevice(deviceID, change);
     }
-    CXRef<HALIOProcTable> tableOf(AudioObjectID deviceID) const override
-    {
-        return _model.ioProcTable(deviceID);
-    }
 
 private:
     HALModelBackend& _model;

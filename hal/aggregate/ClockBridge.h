@@ -43,9 +43,6 @@ public:
     /// As of the last read; its parts may be of two cycles.
     Status status() const noexcept;
 
-    /// What the bridge adds to a path, in frames of the writer, once both sides have run.
-    double delayFrames() const noexcept { return _delayFrames.load(std::memory_order_relaxed); }
-
 private:
     ClockBridge(const Settings& settings, CXRef<CompensatingResampler> resampler);
     ~ClockBridge() override = default;

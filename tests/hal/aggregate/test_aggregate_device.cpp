@@ -1,20 +1,30 @@
 #include "CXRealtime.h"
 #include "CXValue.h"
 #include "HALReads.h"
+#include "Random.h"
 #include "simulated.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <map>
 #include <numbers>
+#include <thread>
 
 namespace {
 
 constexpr uint32_t input = kAudioObjectPropertyScopeInput;
 constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
 constexpr uint64_t second = 1'000'000'000;
+
+std::vector<AudioAggregateSubDeviceStatus> status(HALBackend& hal, AudioObjectID device)
+{
+    return readList<AudioAggregateSubDeviceStatus>(hal, device,
+                                                   at(kAudioAggregateDevicePropertySubDeviceStatus));
+}
 
 /// Devices on the stepped clock, and aggregates of them.
 class AggregateDevices : public testing::Test {
@@ -49,12 +59,6 @@ protected:
                 readValue<AudioStreamBasicDescription>(*hal, stream, at(kAudioStreamPropertyVirtualFormat))
                     ->channelsPerFrame;
         return count;
-    }
-    std::vector<AudioAggregateSubDeviceStatus> status(AudioObjectID device)
-    {
-        auto all = readList<AudioAggregateSubDeviceStatus>(*hal, device,
-                                                           at(kAudioAggregateDevicePropertySubDeviceStatus));
-        return all;
     }
     void settle()
     {
@@ -241,9 +245,9 @@ TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
     Copier copier(*hal, device);
     ASSERT_EQ(copier.status, kAudioHardwareNoError);
     advance(20.0);
-    const auto before = status(device);
+    const auto before = status(*hal, device);
     advance(5.0);
-    const auto after = status(device);
+    const auto after = status(*hal, device);
     ASSERT_EQ(after.size(), 3U);
     EXPECT_NEAR(after[0].partsPerMillion, 300.0, 0.2);
     EXPECT_NEAR(after[1].partsPerMillion, -80.0, 0.2);
@@ -275,7 +279,7 @@ TEST_F(AggregateDevices, leavesDevicesOfOneClockAsTheyAre)
     const AudioObjectID device = aggregateOf({"a", "b"}, "a");
     Copier copier(*hal, device);
     advance(2.0);
-    EXPECT_FALSE(status(device)[1].isCompensated);
+    EXPECT_FALSE(status(*hal, device)[1].isCompensated);
     for (size_t i = recording.samples.size() / 2; i < recording.samples.size(); ++i)
         ASSERT_EQ(recording.samples[i], recording.samples[i - 1] + 1.0F / 16777216.0F) << "not bit for bit";
 }
@@ -321,12 +325,12 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
     const uint64_t cycles = copier.cycles;
     advance(0.5);
     EXPECT_GT(copier.cycles, cycles + 40);
-    EXPECT_TRUE(status(device)[1].isClock);
+    EXPECT_TRUE(status(*hal, device)[1].isClock);
     hal->unplug("other"); // and when there is none, one that comes
     advance(0.2);
     hal->plug(clock);
     advance(0.5);
-    EXPECT_TRUE(status(device)[0].isClock);
+    EXPECT_TRUE(status(*hal, device)[0].isClock);
     EXPECT_EQ(copier.backwards, 0U);
     EXPECT_EQ(copier.withoutData, 0U);
 }
@@ -357,7 +361,7 @@ TEST_F(AggregateDevices, survivesWhatSubDevicesDo)
     change("other", [](SimulatedDeviceBuilder& other) { other.inputs(6); });
     EXPECT_EQ(channels(device, input), 10U);
     change("other", [](SimulatedDeviceBuilder& other) { other.drift(-81250.0); }); // not at all what it says
-    EXPECT_NEAR(status(device)[1].partsPerMillion, -81250.0, 100.0);
+    EXPECT_NEAR(status(*hal, device)[1].partsPerMillion, -81250.0, 100.0);
     EXPECT_EQ(copier.backwards, 0U);
     EXPECT_EQ(hal->destroyAggregateDevice(device), kAudioHardwareNoError); // while it runs
     const uint64_t cycles = copier.cycles;
@@ -413,6 +417,59 @@ TEST_F(AggregateDevices, takesOverNoFailureThatIsNotItsOwn)
         aggregate({{"uid", "nested"}, {"subdevices", CXPlist::array({{{"uid", "aggregate"}}})}});
     EXPECT_TRUE(
         readList<AudioObjectID>(*hal, nested, at(kAudioAggregateDevicePropertyActiveSubDeviceList)).empty());
+}
+
+/// With an IO thread for each device: tracks are taken away and joined under running cycles, and runs are ended.
+TEST(AggregateDevicesInRealTime, keepsGoingWhileSubDevicesComeAndGo)
+{
+    const CXRef<SimulatedBackend> hal = SimulatedBackend::init(SimulatedClock::RealTime);
+    const auto aDeviceCalled = [](const char* uid) {
+        return aDevice().uid(uid).inputs(2).outputs(2).bufferFrameSize(64).drift(50.0).hears(
+            simulatedTone(500.0));
+    };
+    const char* uids[] = {"a", "b", "c"};
+    CXPlist description{{"uid", "all"}, {"subdevices", CXPlist::array()}};
+    for (const char* uid : uids) {
+        hal->plug(aDeviceCalled(uid));
+        description["subdevices"].push_back({{"uid", uid}});
+    }
+    AudioObjectID device = kAudioObjectUnknown;
+    ASSERT_EQ(hal->createAggregateDevice(*CXValue::initWithPlist(description), device),
+              kAudioHardwareNoError);
+    std::atomic<uint64_t> cycles{0}, backwards{0};
+    std::atomic<double> last{-1.0};
+    const AudioDeviceIOBlock count = [&](const AudioTimeStamp* now, const AudioBufferList*,
+                                         const AudioTimeStamp*, AudioBufferList*, const AudioTimeStamp*) {
+        backwards += now->sampleTime <= last.exchange(now->sampleTime);
+        ++cycles;
+    };
+    AudioDeviceIOProcID proc = nullptr;
+    ASSERT_EQ(hal->createIOProc(device, count, proc), kAudioHardwareNoError);
+    ASSERT_EQ(hal->start(device, proc), kAudioHardwareNoError);
+    Random random(11);
+    for (int round = 0; round < 60; ++round) {
+        const char* uid = uids[random.below(3)];
+        if (random.below(4) == 0) {
+            hal->reconfigure(
+                uid, [&](SimulatedDeviceBuilder& each) { each.bufferFrameSize(32U << random.below(4)); });
+        } else if (!hal->unplug(uid)) {
+            hal->plug(aDeviceCalled(uid));
+        }
+        status(*hal, device);
+        std::this_thread::sleep_for(std::chrono::milliseconds(random.below(20)));
+    }
+    for (const char* uid : uids)
+        hal->plug(aDeviceCalled(uid));
+    hal->settle();
+    const uint64_t before = cycles;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (cycles < before + 20 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    EXPECT_GE(cycles, before + 20);
+    EXPECT_EQ(backwards, 0U);
+    for (const AudioAggregateSubDeviceStatus& each : status(*hal, device))
+        EXPECT_EQ(each.isRunning, 1U);
+    EXPECT_EQ(hal->destroyAggregateDevice(device), kAudioHardwareNoError);
 }
 
 } // namespace
