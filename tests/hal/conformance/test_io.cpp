@@ -52,12 +52,22 @@ protected:
         EXPECT_NE(proc, nullptr);
         return proc;
     }
+    /// What `block` refers to must outlive it: destroy it, or endAll(), before the test's own variables go.
     AudioDeviceIOProcID started(AudioObjectID device, const AudioDeviceIOBlock& block)
     {
         const AudioDeviceIOProcID proc = created(device, block);
+        _started.emplace_back(device, proc);
         EXPECT_EQ(hal().start(device, proc), kAudioHardwareNoError);
         return proc;
     }
+    void endAll()
+    {
+        for (const auto& [device, proc] : _started)
+            hal().destroyIOProc(device, proc);
+    }
+
+private:
+    std::vector<std::pair<AudioObjectID, AudioDeviceIOProcID>> _started;
 };
 
 TEST_F(ConformanceIO, runsOnlyWhatIsStartedAndNeverRepeatsTime)
@@ -105,6 +115,7 @@ TEST_F(ConformanceIO, givesEveryCallbackItsOwnSilentOutput)
     }
     EXPECT_TRUE(eventually(
         [&] { return std::ranges::all_of(cycles, [](const auto& count) { return count > 10; }); }));
+    endAll();
     EXPECT_EQ(dirty, 0U);
 }
 
@@ -178,6 +189,7 @@ TEST_F(ConformanceIO, answersRateAndFramesOnTheIOThread)
     });
     EXPECT_TRUE(eventually([&] { return frames != 0; }));
     EXPECT_EQ(rate, readValue<double>(hal(), device, at(kAudioDevicePropertyNominalSampleRate)));
+    endAll();
     EXPECT_EQ(frames, readValue<uint32_t>(hal(), device, at(kAudioDevicePropertyBufferFrameSize)));
 }
 
@@ -221,6 +233,7 @@ TEST_F(ConformanceIO, neverCallsACallbackAfterItsDestruction)
         EXPECT_LE(isDestroyed.use_count(), 1) << "the closure outlived its callback";
     }
     EXPECT_TRUE(eventually([&] { return steady.cycles > 10; }));
+    endAll();
 }
 
 TEST_F(ConformanceIO, endsTheCallbacksOfADeviceThatIsUnplugged)
