@@ -56,7 +56,7 @@ CXRef<DXRBuffer> DXRBuffer::init()
 CXRef<DXRBuffer> DXRBuffer::initWithSampleRate(double sampleRate, uint32_t frameCount, uint32_t channelCount,
                                                bool zeroFill)
 {
-    const auto buffer = CXRef<DXRBuffer>::adopt(new DXRBuffer(sampleRate, frameCount, channelCount));
+    auto buffer = CXRef<DXRBuffer>::adopt(new DXRBuffer(sampleRate, frameCount, channelCount));
     if (zeroFill)
         buffer->mute();
     return buffer;

@@ -15,6 +15,7 @@ namespace {
 constexpr uint32_t maximumGroup = SamplerFilter::maximumChannels;
 constexpr uint32_t historyLength = 4;
 constexpr uint32_t windowRows = 256; // of input that is copied together at a time
+constexpr ptrdiff_t widestRow = 256; // bytes, of input that is used where it lies
 
 /// Where one channel's samples lie.
 struct Channel {
@@ -108,6 +109,7 @@ double startPosition(double phase, double ratio) noexcept
     return 1 + (1 - phase) * ratio;
 }
 
+/// Cut to a whole number: what is below one is none.
 uint32_t saturated(double count) noexcept
 {
     if (!(count > 0))
@@ -121,10 +123,10 @@ uint32_t framesNeeded(double phase, double ratio, uint32_t count) noexcept
 {
     const double start = startPosition(phase, ratio);
     const double length = ratio * static_cast<double>(count - 1);
-    const uint32_t last = saturated(std::floor(start + length));
+    const uint32_t last = saturated(start + length);
     if (last <= 3)
         return last + 1;
-    return saturated(std::max(std::floor(start - 1 + length), 0.0) + 1);
+    return saturated(static_cast<double>(saturated(start - 1 + length)) + 1);
 }
 
 Move moveForRead(const ausampler& sampler, uint32_t framesOut, double rateIn, double rateOut) noexcept
@@ -143,7 +145,7 @@ Move moveForWrite(const ausampler& sampler, uint32_t framesIn, double rateIn, do
         return {framesIn, framesIn, sampler.phase};
     const double ratio = rateIn / rateOut;
     const double limit = static_cast<double>(framesIn) * (rateOut / rateIn) + sampler.phase;
-    uint32_t framesOut = saturated(std::floor(limit));
+    uint32_t framesOut = saturated(limit);
     while (framesOut > 0 && framesNeeded(sampler.phase, ratio, framesOut) > framesIn)
         --framesOut;
     return {framesIn, framesOut, limit - static_cast<double>(framesOut)};
@@ -179,13 +181,15 @@ public:
     {
         if (_filters)
             updateCoefficients(_sampler, _ratio);
-        _split();
+        _locate();
         for (_first = 0; _first < _framesOut; _first += _count) {
             _count = std::min(_framesOut - _first, SamplerPositions::capacity);
             _positions.firstFrame = _first;
             _positions.found = 0;
             _forEachGroup([this](const Group& group) { _resample(group); });
         }
+        if (_filters)
+            _storeFilter();
         for (uint32_t channel = 0; channel < _sampler.channel_count; ++channel)
             _pushHistory(_sampler.channel_states[channel].history, _input[channel]);
     }
@@ -215,22 +219,18 @@ private:
     }
     uint32_t _index(uint32_t frame) const noexcept { return saturated(_position(frame)); }
 
-    /// The first output frame whose position index is `index` or more. Positions never go back.
-    uint32_t _frameAt(uint32_t index) const noexcept
+    /// The first output frame whose position lies past the last input frame. The counts allow none, but their
+    /// arithmetic and that of the positions round differently, and rates may change without a reset: such a
+    /// position, should it come, gets the last frame again and no foreign memory.
+    uint32_t _firstPastInput() const noexcept
     {
-        const double bound = index;
-        uint32_t frame = std::min(saturated((bound - _positions.start) / _ratio), _framesOut);
-        while (frame > 0 && _position(frame - 1) >= bound) // the division was only near
+        uint32_t frame = _framesOut;
+        while (frame > 0 && _index(frame - 1) > std::max(_framesIn, historyLength - 1))
             --frame;
-        while (frame < _framesOut && _position(frame) < bound)
-            ++frame;
         return frame;
     }
 
-    // The counts allow no position past the last input frame, but their arithmetic and that of the positions
-    // round differently, and rates may change without a reset: such a position, should it come, gets the last
-    // frame again and no foreign memory.
-    void _split() noexcept
+    void _locate() noexcept
     {
         _positions.start = startPosition(_sampler.phase, _ratio);
         _positions.ratio = _ratio;
@@ -239,36 +239,24 @@ private:
         constexpr double farthest = 2147483647;
         _positions.fitsInt = _positions.start > -farthest && _position(_framesOut - 1) < farthest &&
                              _ratio * SamplerPositions::step < farthest - _position(_framesOut - 1);
-        _from3 = _frameAt(3);
-        _from4 = _frameAt(4);
-        _pastInput =
-            _index(_framesOut - 1) <= _framesIn ? _framesOut : std::max(_frameAt(_framesIn + 1), _from4);
-    }
-
-    /// The place in the frames being worked on of a frame of the call.
-    uint32_t _place(uint32_t frame) const noexcept
-    {
-        return frame <= _first ? 0 : std::min(frame - _first, _count);
+        _pastInput = _firstPastInput();
     }
 
     void _resample(const Group& group) noexcept
     {
         if (_filters)
-            _loadFilter(group);
+            _useFilter(group);
         const bool direct =
             _output.isAdjacent(group.first, group.size) &&
             _output[group.first].stride == static_cast<ptrdiff_t>(group.size * sizeof(float)) &&
             _isAligned(_output[group.first].base);
         _frames = direct ? _output[group.first].at(_first) : _tile;
-        if (_place(_from4) > 0)
-            _resampleHistory(group);
-        _resampleInput(group);
-        for (uint32_t i = _place(_pastInput); i < _count; ++i)
+        const uint32_t inside = _pastInput <= _first ? 0 : std::min(_pastInput - _first, _count);
+        _resampleInput(group, inside);
+        for (uint32_t i = inside; i < _count; ++i)
             _resamplePastInput(group, i);
         if (!direct)
             _scatter(group);
-        if (_filters)
-            _storeFilter(group);
     }
 
     static bool _isAligned(const void* pointer) noexcept
@@ -276,68 +264,79 @@ private:
         return reinterpret_cast<uintptr_t>(pointer) % alignof(float) == 0;
     }
 
-    /// Interpolates positions first … end - 1. `window` holds rows of the group from position index
-    /// `windowStart` on.
-    void _interpolate(const Group& group, const void* window, uint32_t windowStart, ptrdiff_t rowBytes,
-                      uint32_t first, uint32_t end) noexcept
+    /// Interpolates positions first … end - 1.
+    void _interpolate(const Group& group, const SamplerWindow& window, uint32_t first, uint32_t end) noexcept
     {
-        if (first == end)
-            return;
-        const std::byte* rows =
-            static_cast<const std::byte*>(window) - static_cast<ptrdiff_t>(windowStart) * rowBytes;
-        _kernels.interpolate[group.sizeLog2](rows, rowBytes, &_positions, first, end - first,
-                                             _frames + first * group.size, _filters ? &_filter : nullptr);
+        _kernels.interpolate[group.sizeLog2](window, _positions, first, end - first,
+                                             _frames + size_t{first} * group.size,
+                                             _filters ? &_filter : nullptr);
     }
 
-    /// The positions with index 0 to 3. At index 3 the first sample is the one before the newest of the
-    /// history, not the newest: published behaviour, and audible to no one.
-    void _resampleHistory(const Group& group) noexcept
+    /// Where the rows from input frame `firstFrame` on lie at `rows`, and the head where it should.
+    SamplerWindow _windowAt(const void* rows, uint32_t firstFrame, ptrdiff_t rowBytes) const noexcept
     {
-        constexpr uint32_t rows = historyLength + 3;
-        const uint32_t size = group.size;
-        for (uint32_t c = 0; c < size; ++c) {
+        return {static_cast<const std::byte*>(rows) -
+                    (ptrdiff_t{firstFrame} + ptrdiff_t{historyLength}) * rowBytes,
+                reinterpret_cast<const std::byte*>(_head), rowBytes};
+    }
+
+    /// Positions that reach into the history get rows of their own. At index 3 the first sample is the one
+    /// before the newest of the history, not the newest: published behaviour.
+    void _fillHead(const Group& group, ptrdiff_t rowBytes) noexcept
+    {
+        const size_t row = static_cast<size_t>(rowBytes) / sizeof(float);
+        for (uint32_t c = 0; c < group.size; ++c) {
             const float* const history = _sampler.channel_states[group.first + c].history;
             const Channel input = _input[group.first + c];
-            for (uint32_t row = 0; row < historyLength; ++row)
-                _window[row * size + c] = history[row];
-            for (uint32_t row = historyLength; row < rows; ++row)
-                _window[row * size + c] = input.read(std::min(row - historyLength, _framesIn - 1));
+            float* const head = _head + c;
+            for (uint32_t i = 0; i < historyLength; ++i)
+                head[i * row] = history[i];
+            head[6 * row] = history[2];
+            for (uint32_t frame = 0; frame < 3; ++frame) {
+                const float sample = input.read(std::min(frame, _framesIn - 1));
+                head[(7 + frame) * row] = sample;
+                if (frame < 2)
+                    head[(4 + frame) * row] = sample;
+            }
         }
-        const auto rowBytes = static_cast<ptrdiff_t>(size * sizeof(float));
-        _interpolate(group, _window, 0, rowBytes, 0, _place(_from3));
-        std::memcpy(_window + size * 3, _window + size * 2, size * sizeof(float));
-        _interpolate(group, _window, 0, rowBytes, _place(_from3), _place(_from4));
     }
 
-    void _resampleInput(const Group& group) noexcept
+    void _resampleInput(const Group& group, uint32_t count) noexcept
     {
         const Channel input = _input[group.first];
         const auto dense = static_cast<ptrdiff_t>(group.size * sizeof(float));
-        const uint32_t last = _place(_pastInput);
-        if (_input.isAdjacent(group.first, group.size) && (group.size >= 4 || input.stride == dense))
-            return _interpolate(group, input.base, historyLength, input.stride, _place(_from4), last);
-        for (uint32_t first = _place(_from4); first < last;) {
-            const uint32_t windowStart = _index(_first + first);
-            uint32_t end = last;
-            if (_index(_first + last - 1) - windowStart > windowRows - 4)
-                for (end = first + 1; _index(_first + end) - windowStart <= windowRows - 4;)
+        const bool inPlace = _input.isAdjacent(group.first, group.size) &&
+                             (input.stride == dense ||
+                              (group.size >= 4 && input.stride >= dense && input.stride <= widestRow &&
+                               input.stride % static_cast<ptrdiff_t>(sizeof(float)) == 0));
+        if (count > 0 && _index(_first) < historyLength)
+            _fillHead(group, inPlace ? input.stride : dense);
+        if (inPlace)
+            return _interpolate(group, _windowAt(input.base, 0, input.stride), 0, count);
+        for (uint32_t first = 0; first < count;) {
+            const uint32_t firstIndex = std::max(_index(_first + first), historyLength);
+            uint32_t end = count;
+            if (_index(_first + count - 1) > firstIndex + (windowRows - 4))
+                for (end = first + 1; _index(_first + end) <= firstIndex + (windowRows - 4);)
                     ++end;
-            _gather(group, windowStart - historyLength, _index(_first + end - 1) - windowStart + 4);
-            _interpolate(group, _window, windowStart, dense, first, end);
+            const uint32_t lastIndex = _index(_first + end - 1), firstFrame = firstIndex - historyLength;
+            if (lastIndex >= historyLength)
+                _gather(group, firstFrame, lastIndex - firstFrame);
+            _interpolate(group, _windowAt(_window, firstFrame, dense), first, end);
             first = end;
         }
     }
 
     void _resamplePastInput(const Group& group, uint32_t i) noexcept
     {
-        const uint32_t index = _index(_first + i);
+        const uint32_t firstFrame = _index(_first + i) - historyLength;
         for (uint32_t c = 0; c < group.size; ++c) {
             const Channel input = _input[group.first + c];
             for (uint32_t row = 0; row < 4; ++row)
-                _window[row * group.size + c] =
-                    input.read(std::min(index - historyLength + row, _framesIn - 1));
+                _window[row * group.size + c] = input.read(std::min(firstFrame + row, _framesIn - 1));
         }
-        _interpolate(group, _window, index, static_cast<ptrdiff_t>(group.size * sizeof(float)), i, i + 1);
+        const auto dense = static_cast<ptrdiff_t>(group.size * sizeof(float));
+        _interpolate(group, _windowAt(_window, firstFrame, dense), i, i + 1);
     }
 
     /// Copies input frames into dense rows of the group.
@@ -359,27 +358,32 @@ private:
         }
     }
 
-    void _loadFilter(const Group& group) noexcept
+    /// The filter stays with a group from block to block until another one needs it.
+    void _useFilter(const Group& group) noexcept
     {
+        if (_filtered.size > 0 && _filtered.first == group.first)
+            return;
+        _storeFilter();
+        _filtered = group;
         _filter.b0 = _sampler.b0;
         _filter.b1 = _sampler.b1;
         _filter.a1 = _sampler.a1;
         _filter.a2 = _sampler.a2;
         for (uint32_t c = 0; c < group.size; ++c) {
             const ausampler_channel_state& state = _sampler.channel_states[group.first + c];
-            _filter.x1[c] = state.lp_x1;
-            _filter.x2[c] = state.lp_x2;
+            (_filter.end() - size_t{2} * group.size)[c] = state.lp_x2;
+            (_filter.end() - group.size)[c] = state.lp_x1;
             _filter.y1[c] = state.lp_y1;
             _filter.y2[c] = state.lp_y2;
         }
     }
 
-    void _storeFilter(const Group& group) noexcept
+    void _storeFilter() noexcept
     {
-        for (uint32_t c = 0; c < group.size; ++c) {
-            ausampler_channel_state& state = _sampler.channel_states[group.first + c];
-            state.lp_x1 = _filter.x1[c];
-            state.lp_x2 = _filter.x2[c];
+        for (uint32_t c = 0; c < _filtered.size; ++c) {
+            ausampler_channel_state& state = _sampler.channel_states[_filtered.first + c];
+            state.lp_x2 = (_filter.end() - size_t{2} * _filtered.size)[c];
+            state.lp_x1 = (_filter.end() - _filtered.size)[c];
             state.lp_y1 = _filter.y1[c];
             state.lp_y2 = _filter.y2[c];
         }
@@ -401,13 +405,14 @@ private:
     const SamplerKernels& _kernels;
     const bool _filters;
 
-    // The output frames being worked on, and among them the first with position index 3, 4, and past the
-    // input.
-    uint32_t _first = 0, _count = 0, _from3 = 0, _from4 = 0, _pastInput = 0;
-    float* _frames = nullptr; // dense, of the current group: its own memory or _tile
+    uint32_t _first = 0, _count = 0; // the output frames being worked on
+    uint32_t _pastInput = 0;         // the first output frame that lies past the input
+    float* _frames = nullptr;        // dense, of the current group: its own memory or _tile
+    Group _filtered{0, 0, 0};        // whose state _filter holds
     // Scratch, left as it comes: clearing it would cost as much as a small block.
     SamplerPositions _positions;
     SamplerFilter _filter;
+    alignas(64) float _head[SamplerWindow::headRows * widestRow / sizeof(float)];
     alignas(64) float _window[windowRows * maximumGroup];
     alignas(64) float _tile[SamplerPositions::capacity * maximumGroup];
 };

@@ -32,23 +32,29 @@ function(dxr_floor NAME)
   endforeach()
 endfunction()
 
-# dxr_test(NAME SOURCES <file>... LIBRARIES <target>... [LABELS <label>...] [TIMEOUT <seconds>])
+# dxr_test(NAME SOURCES <file>... LIBRARIES <target>... [LABELS <label>...] [TIMEOUT <seconds>] [SERIAL]
+#          [PRELOAD <library>] [ONLY <GoogleTest filter>] [PREFIX <of the cases' names>])
 # Registers every case of a GoogleTest program with CTest, each in a process of its own.
 function(dxr_test NAME)
-  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT;ONLY;PREFIX;PRELOAD" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
   add_executable(${NAME} ${ARG_SOURCES})
   target_link_libraries(${NAME} PRIVATE ${ARG_LIBRARIES} dxr_test_support dxr_realtime_check
+                                        dxr_private_data_folder
                                         GTest::gtest GTest::gtest_main
                                         dxr_options)
   set(properties TIMEOUT ${ARG_TIMEOUT})
   if(ARG_LABELS)
     list(APPEND properties LABELS "${ARG_LABELS}")
   endif()
+  if(ARG_PRELOAD) # before the address sanitizer's, which by itself would not have that
+    list(APPEND properties ENVIRONMENT "LD_PRELOAD=${ARG_PRELOAD};ASAN_OPTIONS=verify_asan_link_order=0")
+  endif()
   if(ARG_SERIAL)
     list(APPEND properties RUN_SERIAL TRUE)
   endif()
-  gtest_discover_tests(${NAME} DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
+  gtest_discover_tests(${NAME} DISCOVERY_TIMEOUT 60 TEST_FILTER "${ARG_ONLY}" TEST_PREFIX "${ARG_PREFIX}"
+                       PROPERTIES ${properties})
 endfunction()

@@ -2,6 +2,7 @@
 
 #include "HALBackend.h"
 #include "HALDefaultBackend.h"
+#include "HALReadFailures.h"
 
 #include <mutex>
 
@@ -26,12 +27,26 @@ std::span<const std::byte> bytesOf(const void* data, uint32_t size)
     return {static_cast<const std::byte*>(data), size};
 }
 
+thread_local uint64_t readFailures = 0;
+
+HALStatus noted(HALStatus status)
+{
+    if (status != kAudioHardwareNoError && status != kAudioHardwareUnknownPropertyError)
+        ++readFailures;
+    return status;
+}
+
 bool isAbsent(const void* data, uint32_t size)
 {
     return !data && size > 0;
 }
 
 } // namespace
+
+uint64_t halReadFailures() noexcept
+{
+    return readFailures;
+}
 
 bool HALSetBackend(CXRef<HALBackend> backend)
 {
@@ -59,8 +74,8 @@ HALStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID, const Address* 
 {
     if (!address || !dataSize || isAbsent(qualifierData, qualifierDataSize))
         return kAudioHardwareIllegalOperationError;
-    return HALActiveBackend()->propertySize(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
-                                            *dataSize);
+    return noted(HALActiveBackend()->propertySize(objectID, *address,
+                                                  bytesOf(qualifierData, qualifierDataSize), *dataSize));
 }
 
 HALStatus AudioObjectGetPropertyData(AudioObjectID objectID, const Address* address,
@@ -69,8 +84,9 @@ HALStatus AudioObjectGetPropertyData(AudioObjectID objectID, const Address* addr
 {
     if (!address || !dataSize || isAbsent(data, *dataSize) || isAbsent(qualifierData, qualifierDataSize))
         return kAudioHardwareIllegalOperationError;
-    return HALActiveBackend()->readProperty(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
-                                            {static_cast<std::byte*>(data), *dataSize}, *dataSize);
+    return noted(HALActiveBackend()->readProperty(objectID, *address,
+                                                  bytesOf(qualifierData, qualifierDataSize),
+                                                  {static_cast<std::byte*>(data), *dataSize}, *dataSize));
 }
 
 HALStatus AudioObjectSetPropertyData(AudioObjectID objectID, const Address* address,

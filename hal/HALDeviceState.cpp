@@ -28,14 +28,19 @@ std::optional<float> volumeOf(const HALDirectionState& direction, size_t element
     return element <= direction.channelVolumes.size() ? direction.channelVolumes[element - 1] : std::nullopt;
 }
 
-void noteDirection(Changes& changes, uint32_t scope, const HALDirectionState& before,
+void noteDirection(Changes& changes, uint32_t scope, bool ratesChanged, const HALDirectionState& before,
                    const HALDirectionState& after)
 {
     const bool streamsChanged = before.streams != after.streams;
     changes.note(streamsChanged, kAudioDevicePropertyStreams, scope);
     changes.note(streamsChanged, kAudioDevicePropertyStreamConfiguration, scope);
     changes.note(before.dataSources != after.dataSources, kAudioDevicePropertyDataSources, scope);
-    changes.note(before.dataSourceID != after.dataSourceID, kAudioDevicePropertyDataSource, scope);
+    // The current source is told of with the list, and the format with all that it is made of: clients listen
+    // to one of them.
+    changes.note(before.dataSourceID != after.dataSourceID || before.dataSources != after.dataSources,
+                 kAudioDevicePropertyDataSource, scope);
+    changes.note(!after.streams.empty() && (streamsChanged || ratesChanged),
+                 kAudioStreamPropertyVirtualFormat, scope);
     changes.note(before.muted != after.muted, kAudioDevicePropertyMute, scope);
     changes.note(before.stereoChannels != after.stereoChannels,
                  kAudioDevicePropertyPreferredChannelsForStereo, scope);
@@ -91,8 +96,10 @@ std::vector<Address> halChangedAddresses(const HALDeviceState& before, const HAL
     changes.note(before.bufferFrameSize != after.bufferFrameSize, kAudioDevicePropertyBufferFrameSize);
     changes.note(before.bufferFrameSizeRange != after.bufferFrameSizeRange,
                  kAudioDevicePropertyBufferFrameSizeRange);
+    const bool ratesChanged =
+        before.nominalSampleRate != after.nominalSampleRate || before.sampleRates != after.sampleRates;
     for (const HALDirection direction : halDirections)
-        noteDirection(changes, halScope(direction), before[direction], after[direction]);
+        noteDirection(changes, halScope(direction), ratesChanged, before[direction], after[direction]);
     return changes.take();
 }
 

@@ -160,16 +160,22 @@ bool HALModelBackend::updateDevice(AudioObjectID deviceID, const std::function<v
         return false;
     std::vector<Address> changed;
     bool isAggregate = false;
+    bool hasShownOrHidden = false;
     {
         const std::scoped_lock lock(_mutex);
         const HALDeviceState before = device->state;
         isAggregate = before.aggregate.has_value();
         change(device->state);
+        hasShownOrHidden = before.isHidden != device->state.isHidden;
         _numberStreams(device, before);
         changed = halChangedAddresses(before, device->state);
         device->table->setTiming(device->state.nominalSampleRate, device->state.bufferFrameSize);
     }
     _notifier->post(deviceID, changed);
+    if (hasShownOrHidden) { // for clients that show what is not hidden, the list has changed
+        const Address devices = globalAddress(kAudioHardwarePropertyDevices);
+        _notifier->post(kAudioObjectSystemObject, std::span(&devices, 1));
+    }
     if (!isAggregate && !changed.empty())
         _aggregates->devicesChanged();
     return true;

@@ -29,7 +29,7 @@ public:
     }
 
 private:
-    static constexpr uint32_t mostSpins = 150;
+    static constexpr uint32_t mostSpins = 1500;
     static constexpr uint32_t missesToStop = 3;
     static constexpr uint32_t waitsPerTrial = 64;
 

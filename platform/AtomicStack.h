@@ -113,8 +113,12 @@ inline AtomicStack::Link* AtomicStack::pop() noexcept
         const Head head = _load();
         if (!head.first)
             return nullptr;
-        if (_exchange(head, {_successorOf(head.first), head.pops + 1}))
+        Link* const successor = _successorOf(head.first);
+        if (_exchange(head, {successor, head.pops + 1})) {
+            // The next pop reads its link; another processor may have written that, or nobody for long.
+            __builtin_prefetch(successor);
             return head.first;
+        }
         backOff.wait();
     }
 }

@@ -11,6 +11,10 @@ namespace platform {
 /// Real time: yes.
 class BackOff {
 public:
+    /// `firstPauses` suits how long whoever was faster goes on for: a word that is changed once in a while, or
+    /// one that threads change again and again.
+    explicit BackOff(uint32_t firstPauses = 8) noexcept : _pauses(firstPauses) {}
+
     void wait() noexcept
     {
         for (uint32_t i = 0; i < _pauses; ++i)
@@ -32,8 +36,8 @@ public:
     }
 
 private:
-    static constexpr uint32_t mostPauses = 64;
-    uint32_t _pauses = 8;
+    static constexpr uint32_t mostPauses = 96;
+    uint32_t _pauses;
 };
 
 } // namespace platform

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <utility>
 
 namespace platform {
 
@@ -27,8 +28,27 @@ public:
     void run()
     {
         current = this;
-        while (const Work work = _next())
+        while (const Work work = _next()) {
             work();
+            _endTurn();
+        }
+    }
+
+    /// Runs `work` on the calling thread if nothing runs or waits; whether it did. It ends the process when it throws,
+    /// as everything on a queue does.
+    bool runIfIdle(const Work& work) noexcept
+    {
+        {
+            const std::scoped_lock lock(_mutex);
+            if (_busy || !_waiting.empty())
+                return false;
+            _busy = true;
+        }
+        const Line* const before = std::exchange(current, this);
+        work();
+        current = before;
+        _endTurn();
+        return true;
     }
 
     bool isCurrent() const noexcept { return current == this; }
@@ -38,12 +58,20 @@ private:
     Work _next()
     {
         std::unique_lock lock(_mutex);
-        _changed.wait(lock, [this] { return _closed || !_waiting.empty(); });
+        _changed.wait(lock, [this] { return !_busy && (_closed || !_waiting.empty()); });
         if (_waiting.empty())
             return {};
         Work work = std::move(_waiting.front());
         _waiting.pop_front();
+        _busy = true;
         return work;
+    }
+
+    void _endTurn()
+    {
+        const std::scoped_lock lock(_mutex);
+        _busy = false;
+        _changed.notify_one();
     }
 
     static thread_local const Line* current;
@@ -52,6 +80,7 @@ private:
     std::condition_variable _changed;
     std::deque<Work> _waiting;
     bool _closed = false;
+    bool _busy = false; // work is running, on the queue's thread or on one that waits for it
 };
 
 thread_local const SerialQueue::Line* SerialQueue::Line::current = nullptr;
@@ -75,6 +104,12 @@ void SerialQueue::async(Work work)
 {
     if (work)
         _line->push(std::move(work));
+}
+
+void SerialQueue::sync(const Work& work)
+{
+    if (!work || isCurrent() || !_line->runIfIdle(work))
+        WorkQueue::sync(work);
 }
 
 bool SerialQueue::isCurrent() const noexcept

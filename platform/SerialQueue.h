@@ -12,6 +12,9 @@ public:
     static CXRef<SerialQueue> initWithLabel(std::string label);
 
     void async(Work work) override;
+    /// Runs `work` on the calling thread when the queue is idle, so that a lock which that thread holds is no
+    /// obstacle; it counts as the queue's all the same.
+    void sync(const Work& work) override;
     bool isCurrent() const noexcept override;
 
 private:

@@ -22,7 +22,7 @@ public:
 
     /// Runs `work` on the queue and waits for its end. On a serial queue's own thread this could never end
     /// and throws std::system_error (resource_deadlock_would_occur) instead.
-    void sync(const Work& work);
+    virtual void sync(const Work& work);
     /// Runs `work` as async() does, `delayNanoseconds` from now at the earliest. Keeps the queue alive until
     /// then.
     void after(uint64_t delayNanoseconds, Work work);

@@ -60,15 +60,6 @@ template <int used, class Vector> inline void storeLowLanes(float* to, Vector la
     std::memcpy(to, &lanes, used * sizeof(float));
 }
 
-template <int count> inline Lanes<2 * count> joined(Lanes<count> low, Lanes<count> high)
-{
-    return [&]<int... lane>(std::integer_sequence<int, lane...>)
-    {
-        return Lanes<2 * count>(__builtin_shufflevector(low, high, lane...));
-    }
-    (std::make_integer_sequence<int, 2 * count>());
-}
-
 /// The lanes of four-lane groups of `a` and `b` in the order given, 4 to 7 standing for those of b.
 template <int count, int i0, int i1, int i2, int i3>
 inline Lanes<count> shuffledInFours(Lanes<count> a, Lanes<count> b)
@@ -82,36 +73,34 @@ inline Lanes<count> shuffledInFours(Lanes<count> a, Lanes<count> b)
     (std::make_integer_sequence<int, count>());
 }
 
-/// Each of the count / times floats at `from`, repeated `times` times. Reads `count` floats, wanted or not.
-template <int count, int times> inline Lanes<count> repeated(const float* from)
+/// Every other group of four lanes of `a` and of `b`, from group `first` on.
+template <int count, int first> inline Lanes<count> everyOtherFour(Lanes<count> a, Lanes<count> b)
 {
-    if constexpr (times == 1) {
-        return loadLanes<count>(from);
-    } else if constexpr (times == count) {
-        return allLanes<count>(*from);
-    } else {
-        const Lanes<count> all = loadLanes<count>(from);
-        return [&]<int... lane>(std::integer_sequence<int, lane...>)
-        {
-            return Lanes<count>(__builtin_shufflevector(all, all, lane / times...));
-        }
-        (std::make_integer_sequence<int, count>());
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<count>(__builtin_shufflevector(a, b, (lane / 4 * 8 + first * 4 + lane % 4)...));
     }
+    (std::make_integer_sequence<int, count>());
 }
 
-/// Lanes first … first + used - 1, lowest; with fewer than four, the rest of a vector of four is anything.
-template <int count, int used, int first> inline auto lanesFrom(Lanes<count> lanes)
+/// The highest `shift` lanes of `before` and behind them the lowest of `x`.
+template <int count, int shift> inline Lanes<count> shiftedIn(Lanes<count> before, Lanes<count> x)
 {
-    constexpr int size = used < 4 ? 4 : used;
-    if constexpr (size == count && first == 0) {
-        return lanes;
-    } else {
-        return [&]<int... lane>(std::integer_sequence<int, lane...>)
-        {
-            return Lanes<size>(__builtin_shufflevector(lanes, lanes, (first + lane % used)...));
-        }
-        (std::make_integer_sequence<int, size>());
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<count>(__builtin_shufflevector(before, x, (count - shift + lane)...));
     }
+    (std::make_integer_sequence<int, count>());
+}
+
+/// Lanes first … first + used - 1.
+template <int count, int used, int first> inline Lanes<used> lanesFrom(Lanes<count> lanes)
+{
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<used>(__builtin_shufflevector(lanes, lanes, (first + lane)...));
+    }
+    (std::make_integer_sequence<int, used>());
 }
 
 } // namespace

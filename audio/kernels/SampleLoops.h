@@ -23,28 +23,19 @@ template <int count> inline Lanes<count> clamped(Lanes<count> x, float low, floa
 /// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0.
 template <int count> inline Shorts<count> rounded(Lanes<count> x)
 {
-    // By the bits of the sign: 32768 is 0x200 above 32767 as a float. At -0 either scale gives 0.
-    const Ints<count> bits = reinterpret_cast<Ints<count>>(x);
-    const Lanes<count> scale = reinterpret_cast<Lanes<count>>((bits >> 31 & 0x200) + 0x46FFFE00);
-    const Ints<count> half = (bits & INT32_MIN) | 0x3F000000;
-    return toShorts<count>(clamped<count>(x * scale, -32768.0F, 32767.0F) +
+    // At -0 either scale gives 0.
+    const Ints<count> signs = reinterpret_cast<Ints<count>>(x);
+    const Lanes<count> scaled = scaledBySign<count>(x, signs, 32768.0F, 32767.0F);
+    const Ints<count> half = (signs & INT32_MIN) | 0x3F000000;
+    return toShorts<count>(clamped<count>(scaled, -32768.0F, 32767.0F) +
                            reinterpret_cast<Lanes<count>>(half));
 }
 
 template <int count> inline Lanes<count> widened(Shorts<count> v)
 {
     const Ints<count> ints = toInts<count>(v);
-    // 1/32767, and where the sign is set 1/32768, which is 0x100 below it as a float.
-    const Ints<count> scale = (ints >> 31 & -0x100) + 0x38000100;
-    return __builtin_convertvector(ints, Lanes<count>) * reinterpret_cast<Lanes<count>>(scale);
-}
-
-template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
-{
-    const Ints<count> highest = Ints<count>{} + 32767, lowest = Ints<count>{} - 32768;
-    Ints<count> sum = toInts<count>(a) + toInts<count>(b);
-    sum = sum < highest ? sum : highest;
-    return __builtin_convertvector(sum > lowest ? sum : lowest, Shorts<count>);
+    return scaledBySign<count>(__builtin_convertvector(ints, Lanes<count>), ints, 3.0517578e-5F,
+                               3.051851e-5F);
 }
 
 /// Calls `step` with every whole vector of `count` samples, and once with what is left, copied to full
@@ -52,7 +43,14 @@ template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<c
 template <int width, class From, class To, class Step>
 inline void forEachVector(const From* from, To* to, size_t count, const Step& step)
 {
+    constexpr size_t next = width;
     size_t i = 0;
+    for (; i + 4 * next <= count; i += 4 * next) { // the loop itself would cost a quarter of a short step
+        step(from + i, to + i);
+        step(from + i + next, to + i + next);
+        step(from + i + 2 * next, to + i + 2 * next);
+        step(from + i + 3 * next, to + i + 3 * next);
+    }
     for (; i + width <= count; i += width)
         step(from + i, to + i);
     if (i == count)
@@ -130,7 +128,7 @@ template <int width, int channels>
 uint32_t interleaveVectors(const float* const* from, float* to, uint32_t frameCount)
 {
     uint32_t frame = 0;
-    for (; frame + width <= frameCount; frame += width, to += width * channels) {
+    for (; frame + width <= frameCount; frame += width, to += ptrdiff_t{width} * channels) {
         Lanes<width> lanes[channels], riffled[channels];
         for (int c = 0; c < channels; ++c)
             lanes[c] = loadLanes<width>(from[c] + frame);
@@ -142,7 +140,7 @@ uint32_t interleaveVectors(const float* const* from, float* to, uint32_t frameCo
             std::memcpy(lanes, riffled, sizeof lanes);
         }
         for (int c = 0; c < channels; ++c)
-            storeLanes<width>(to + c * width, lanes[c]);
+            storeLanes<width>(to + ptrdiff_t{c} * width, lanes[c]);
     }
     return frame;
 }
@@ -151,10 +149,10 @@ template <int width, int channels>
 uint32_t deinterleaveVectors(const float* from, float* const* to, uint32_t frameCount)
 {
     uint32_t frame = 0;
-    for (; frame + width <= frameCount; frame += width, from += width * channels) {
+    for (; frame + width <= frameCount; frame += width, from += ptrdiff_t{width} * channels) {
         Lanes<width> lanes[channels], sorted[channels];
         for (int c = 0; c < channels; ++c)
-            lanes[c] = loadLanes<width>(from + c * width);
+            lanes[c] = loadLanes<width>(from + ptrdiff_t{c} * width);
         for (int bit = 1; bit < channels; bit *= 2) {
             for (int c = 0; c < channels / 2; ++c) {
                 sorted[c] = everyOther<width, 0, 2>(lanes[2 * c], lanes[2 * c + 1]);

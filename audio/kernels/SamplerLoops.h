@@ -1,11 +1,45 @@
 #pragma once
 
+#include "LaneOperations.h"
 #include "Lanes.h"
 #include "SamplerKernels.h"
+
+#include <algorithm>
 
 // The loops behind SamplerKernels, written once for any vector width. See Lanes.h for why all is unnamed.
 
 namespace {
+
+/// `length` floats, over and over.
+template <int count, int length> inline Lanes<count> filledWith(const float* from)
+{
+    if constexpr (length == 1) {
+        return allLanes<count>(*from);
+    } else if constexpr (length == 2) {
+        double pair = 0; // to be moved only
+        std::memcpy(&pair, from, sizeof pair);
+        WideLanes<count / 2> pairs;
+        for (int i = 0; i < count / 2; ++i)
+            pairs[i] = pair;
+        return reinterpret_cast<Lanes<count>>(pairs);
+    } else if constexpr (length == count) {
+        return loadLanes<count>(from);
+    } else {
+        const Lanes<count / 2> half = filledWith<count / 2, length>(from);
+        return joined<count / 2>(half, half);
+    }
+}
+
+/// Each of the count / times floats at `from`, repeated `times` times.
+template <int count, int times> inline Lanes<count> repeated(const float* from)
+{
+    const Lanes<count> all = filledWith<count, count / times>(from);
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<count>(__builtin_shufflevector(all, all, lane / times...));
+    }
+    (std::make_integer_sequence<int, count>());
+}
 
 /// The samples before and around a run of positions, one vector each.
 template <int width> struct Taps {
@@ -23,6 +57,25 @@ template <int width, int length> inline Lanes<width> loadRows(const std::byte* c
     }
 }
 
+/// With two channels the four samples of both fill a row of eight, which is loaded at once.
+template <int width> inline Taps<width> loadPairedTaps(const std::byte* const* rows)
+{
+    // Even and odd rows of the first half, then of the second: transposed, they come out in frame order.
+    constexpr int half = width / 4, each = half / 2;
+    const std::byte* sorted[2 * half];
+    for (int frame = 0; frame < 2 * half; ++frame)
+        sorted[frame / half * half + frame % 2 * each + frame % half / 2] = rows[frame];
+    const Lanes<width> a = loadRows<width, 8>(sorted, 0), b = loadRows<width, 8>(sorted + each, 0),
+                       c = loadRows<width, 8>(sorted + 2 * each, 0),
+                       d = loadRows<width, 8>(sorted + 3 * each, 0);
+    const Lanes<width> ab02 = shuffledInFours<width, 0, 1, 4, 5>(a, b),
+                       ab13 = shuffledInFours<width, 2, 3, 6, 7>(a, b),
+                       cd02 = shuffledInFours<width, 0, 1, 4, 5>(c, d),
+                       cd13 = shuffledInFours<width, 2, 3, 6, 7>(c, d);
+    return {everyOtherFour<width, 0>(ab02, cd02), everyOtherFour<width, 0>(ab13, cd13),
+            everyOtherFour<width, 1>(ab02, cd02), everyOtherFour<width, 1>(ab13, cd13)};
+}
+
 template <int width, int channels>
 inline Taps<width> loadTaps(const std::byte* const* rows, ptrdiff_t rowBytes)
 {
@@ -30,31 +83,30 @@ inline Taps<width> loadTaps(const std::byte* const* rows, ptrdiff_t rowBytes)
     if constexpr (channels >= 4) {
         return {loadRows<width, channels>(rows, 0), loadRows<width, channels>(rows, rowBytes),
                 loadRows<width, channels>(rows, 2 * rowBytes), loadRows<width, channels>(rows, 3 * rowBytes)};
+    } else if constexpr (channels == 2 && width >= 8) {
+        return loadPairedTaps<width>(rows);
+    } else if constexpr (channels == 2) {
+        const Lanes<width> a = loadLanes<4>(rows[0]), b = loadLanes<4>(rows[1]),
+                           c = loadLanes<4>(rows[0] + 16), d = loadLanes<4>(rows[1] + 16);
+        return {shuffledInFours<width, 0, 1, 4, 5>(a, b), shuffledInFours<width, 2, 3, 6, 7>(a, b),
+                shuffledInFours<width, 0, 1, 4, 5>(c, d), shuffledInFours<width, 2, 3, 6, 7>(c, d)};
     } else {
-        // A frame's taps lie together: load four floats of each frame and transpose within the fours. Sorting
-        // the frames into `channels` ~ 4 / channels heaps first makes the result come out in frame order.
-        constexpr int heaps = 4 / channels, each = frames / heaps;
+        // Four samples of each frame, transposed within the fours. Sorting the frames into four heaps first
+        // makes the result come out in frame order.
+        constexpr int each = frames / 4;
         const std::byte* sorted[frames];
         for (int frame = 0; frame < frames; ++frame)
-            sorted[frame % heaps * each + frame / heaps] = rows[frame];
-        if constexpr (channels == 2) {
-            const Lanes<width> a = loadRows<width, 4>(sorted, 0), b = loadRows<width, 4>(sorted + each, 0),
-                               c = loadRows<width, 4>(sorted, 16), d = loadRows<width, 4>(sorted + each, 16);
-            return {shuffledInFours<width, 0, 1, 4, 5>(a, b), shuffledInFours<width, 2, 3, 6, 7>(a, b),
-                    shuffledInFours<width, 0, 1, 4, 5>(c, d), shuffledInFours<width, 2, 3, 6, 7>(c, d)};
-        } else {
-            const Lanes<width> a = loadRows<width, 4>(sorted, 0), b = loadRows<width, 4>(sorted + each, 0),
-                               c = loadRows<width, 4>(sorted + 2 * each, 0),
-                               d = loadRows<width, 4>(sorted + 3 * each, 0);
-            const Lanes<width> ab01 = shuffledInFours<width, 0, 4, 1, 5>(a, b),
-                               ab23 = shuffledInFours<width, 2, 6, 3, 7>(a, b),
-                               cd01 = shuffledInFours<width, 0, 4, 1, 5>(c, d),
-                               cd23 = shuffledInFours<width, 2, 6, 3, 7>(c, d);
-            return {shuffledInFours<width, 0, 1, 4, 5>(ab01, cd01),
-                    shuffledInFours<width, 2, 3, 6, 7>(ab01, cd01),
-                    shuffledInFours<width, 0, 1, 4, 5>(ab23, cd23),
-                    shuffledInFours<width, 2, 3, 6, 7>(ab23, cd23)};
-        }
+            sorted[frame % 4 * each + frame / 4] = rows[frame];
+        const Lanes<width> a = loadRows<width, 4>(sorted, 0), b = loadRows<width, 4>(sorted + each, 0),
+                           c = loadRows<width, 4>(sorted + 2 * each, 0),
+                           d = loadRows<width, 4>(sorted + 3 * each, 0);
+        const Lanes<width> ab01 = shuffledInFours<width, 0, 4, 1, 5>(a, b),
+                           ab23 = shuffledInFours<width, 2, 6, 3, 7>(a, b),
+                           cd01 = shuffledInFours<width, 0, 4, 1, 5>(c, d),
+                           cd23 = shuffledInFours<width, 2, 6, 3, 7>(c, d);
+        return {
+            shuffledInFours<width, 0, 1, 4, 5>(ab01, cd01), shuffledInFours<width, 2, 3, 6, 7>(ab01, cd01),
+            shuffledInFours<width, 0, 1, 4, 5>(ab23, cd23), shuffledInFours<width, 2, 3, 6, 7>(ab23, cd23)};
     }
 }
 
@@ -69,95 +121,130 @@ inline Lanes<width> interpolated(const Taps<width>& p, Lanes<width> t1, Lanes<wi
     return p.p1 + t1 * d1 + t2 * d2 + t3 * d3;
 }
 
-/// The low-pass with its state in registers.
-template <int channels> class FilterLoop {
+/// The low-pass over runs of width / channels frames. What a frame takes from the inputs is computed for a
+/// whole run at once, so that only what it takes from the outputs before it is left to the chain.
+template <int width, int channels> class FilterLoop {
 public:
-    /// The next run is then interpolated ahead of this one's filter, and does not queue behind its chain.
-    static constexpr bool wantsNextRunEarly = channels > 1;
+    static constexpr uint32_t frames = width / channels;
 
     explicit FilterLoop(const SamplerFilter& filter)
-        : _b0(allLanes<size>(filter.b0)), _b1(allLanes<size>(filter.b1)), _a1(allLanes<size>(filter.a1)),
-          _a2(allLanes<size>(filter.a2)), _x1(loadLowLanes<channels>(filter.x1)),
-          _x2(loadLowLanes<channels>(filter.x2)), _y1(loadLowLanes<channels>(filter.y1)),
+        : _b0(allLanes<width>(filter.b0)), _b1(allLanes<width>(filter.b1)),
+          _beforeLast(loadLanes<width>(filter.end() - ptrdiff_t{2} * width)),
+          _last(loadLanes<width>(filter.end() - width)), _a1(allLanes<size>(filter.a1)),
+          _a2(allLanes<size>(filter.a2)), _y1(loadLowLanes<channels>(filter.y1)),
           _y2(loadLowLanes<channels>(filter.y2))
     {}
 
-    /// Filters the frames of one vector and writes them to `output`.
-    template <int width> void run(Lanes<width> frames, float* output)
+    /// Filters the first `count` frames of a run and writes them to `output`.
+    void run(Lanes<width> x, float* output, uint32_t count = frames)
     {
-        [&]<int... frame>(std::integer_sequence<int, frame...>)
-        {
-            (_step(lanesFrom<width, channels, frame * channels>(frames), output + frame * channels), ...);
+        // Through memory: the processor hands the frames on from there at no cost, and they need no shuffling.
+        alignas(sizeof(Lanes<width>)) float fed[width];
+        storeLanes<width>(fed, _b0 * (x + _before<2>(x)) + _b1 * _before<1>(x));
+        const float* from = fed;
+        asm("" : "+r"(from) : : "memory"); // or the compiler finds out and shuffles
+        Vector y1 = _y1, y2 = _y2;
+        for (uint32_t frame = 0; frame < count; ++frame, from += channels, output += channels) {
+            // Only the last product waits for the frame before.
+            const Vector y = loadLowLanes<channels>(from) - _a2 * y2 - _a1 * y1;
+            y2 = y1;
+            y1 = y;
+            storeLowLanes<channels>(output, y);
         }
-        (std::make_integer_sequence<int, width / channels>());
-    }
-
-    /// Filters `count` frames in place.
-    void run(float* frames, uint32_t count)
-    {
-        for (uint32_t frame = 0; frame < count; ++frame, frames += channels)
-            _step(loadLowLanes<channels>(frames), frames);
+        _y1 = y1;
+        _y2 = y2;
+        _keep(x, count);
     }
 
     void save(SamplerFilter& filter) const
     {
-        storeLowLanes<channels>(filter.x1, _x1);
-        storeLowLanes<channels>(filter.x2, _x2);
+        storeLanes<width>(filter.end() - ptrdiff_t{2} * width, _beforeLast);
+        storeLanes<width>(filter.end() - width, _last);
         storeLowLanes<channels>(filter.y1, _y1);
         storeLowLanes<channels>(filter.y2, _y2);
     }
 
 private:
-    static constexpr int size = channels < 4 ? 4 : channels;
+    static constexpr int size = std::max(channels, 4);
     using Vector = Lanes<size>;
 
-    void _step(Vector x, float* output)
+    /// The run as it was `count` frames ago.
+    template <int count> Lanes<width> _before(Lanes<width> x) const
     {
-        // Only the last product waits for the frame before.
-        const Vector y = _b0 * (x + _x2) + _b1 * _x1 - _a2 * _y2 - _a1 * _y1;
-        _x2 = _x1;
-        _x1 = x;
-        _y2 = _y1;
-        _y1 = y;
-        storeLowLanes<channels>(output, y);
+        if constexpr (count * channels > width)
+            return _beforeLast;
+        else
+            return shiftedIn<width, count * channels>(_last, x);
     }
 
-    const Vector _b0, _b1, _a1, _a2;
-    Vector _x1, _x2, _y1, _y2;
+    void _keep(Lanes<width> x, uint32_t count)
+    {
+        if (count == frames) {
+            _beforeLast = _last;
+            _last = x;
+        } else {
+            float both[2 * width];
+            storeLanes<width>(both, _last);
+            storeLanes<width>(both + width, x);
+            _last = loadLanes<width>(both + size_t{count} * channels);
+        }
+    }
+
+    const Lanes<width> _b0, _b1;
+    Lanes<width> _beforeLast, _last;
+    const Vector _a1, _a2;
+    Vector _y1, _y2;
 };
 
+/// What takes the place of a filter where there is none.
+template <int width, int channels> struct NoFilter {
+    void run(Lanes<width> x, float* output) { storeLanes<width>(output, x); }
+    void run(Lanes<width> x, float* output, uint32_t count)
+    {
+        std::memcpy(output, &x, size_t{count} * channels * sizeof(float));
+    }
+};
+
+/// Stores the indexes of the positions of the frames with these numbers; gives their fractions.
 template <int count>
-inline void setFractions(SamplerPositions& positions, uint32_t i, const WideLanes<count>& fractions)
+inline Lanes<count> placed(const WideLanes<count>& numbers, double start, double ratio, uint32_t* index)
 {
-    const Lanes<count> t = __builtin_convertvector(fractions, Lanes<count>);
-    storeLanes<count>(positions.t1 + i, t * 0.16666667F);
-    storeLanes<count>(positions.t2 + i, t * t * 0.5F);
-    storeLanes<count>(positions.t3 + i, t * t * t * 0.16666667F);
+    const WideLanes<count> position = start + ratio * numbers;
+    const Ints<count> whole = __builtin_convertvector(position, Ints<count>);
+    const Ints<count> notNegative = whole < 0 ? Ints<count>{} : whole;
+    std::memcpy(index, &notNegative, sizeof notNegative);
+    return __builtin_convertvector(position - __builtin_convertvector(notNegative, WideLanes<count>),
+                                   Lanes<count>);
 }
 
-/// The next step of positions, `count` at a time.
-template <int count> inline void findMore(SamplerPositions& positions)
+/// Finds the next step of positions, `width` at a time.
+template <int width> inline void findMore(SamplerPositions& positions)
 {
     // Everything in locals: what is stored might, for all the compiler knows, change the record.
+    constexpr int part = width < 8 ? width : width / 2;
     const double start = positions.start, ratio = positions.ratio;
-    const uint32_t begin = positions.found;
-    WideLanes<count> numbers;
-    for (int i = 0; i < count; ++i)
+    const uint32_t begin = positions.found, end = begin + SamplerPositions::step;
+    WideLanes<part> numbers;
+    for (int i = 0; i < part; ++i)
         numbers[i] = i;
     numbers += static_cast<double>(positions.firstFrame) + begin;
-    for (uint32_t i = begin; i < begin + SamplerPositions::step;
-         i += count, numbers += static_cast<double>(count)) {
-        const WideLanes<count> position = start + ratio * numbers;
-        const Ints<count> whole = __builtin_convertvector(position, Ints<count>);
-        const Ints<count> index = whole < 0 ? Ints<count>{} : whole;
-        std::memcpy(positions.index + i, &index, sizeof index);
-        setFractions<count>(positions, i, position - __builtin_convertvector(index, WideLanes<count>));
+    for (uint32_t i = begin; i < end; i += width, numbers += static_cast<double>(width)) {
+        Lanes<width> t = {};
+        if constexpr (part == width)
+            t = placed<width>(numbers, start, ratio, positions.index + i);
+        else
+            t = joined<part>(
+                placed<part>(numbers, start, ratio, positions.index + i),
+                placed<part>(numbers + static_cast<double>(part), start, ratio, positions.index + i + part));
+        storeLanes<width>(positions.t1 + i, t * 0.16666667F);
+        storeLanes<width>(positions.t2 + i, t * t * 0.5F);
+        storeLanes<width>(positions.t3 + i, t * t * t * 0.16666667F);
     }
-    positions.found = begin + SamplerPositions::step;
+    positions.found = end;
 }
 
 /// The same for positions past 31 bits, which only absurd lengths and ratios have.
-inline void findMoreFarAway(SamplerPositions& positions)
+[[gnu::noinline]] inline void findMoreFarAway(SamplerPositions& positions)
 {
     for (uint32_t i = positions.found; i < positions.found + SamplerPositions::step; ++i) {
         const double position =
@@ -176,94 +263,98 @@ template <int width> inline void findUpTo(SamplerPositions& positions, uint32_t 
 {
     while (positions.found < end) {
         if (positions.fitsInt)
-            findMore<(width < 8 ? 4 : width / 2)>(positions);
+            findMore<width>(positions);
         else
             findMoreFarAway(positions);
     }
 }
 
-/// How far positions must be found before the run that ends at `end`: so far ahead that they have left the
-/// processor's store queue when their turn comes, from which vectors cannot be put together.
+/// How far positions are found before the run that ends at `end`: a step ahead, so that none is waited for.
 inline uint32_t ahead(uint32_t end)
 {
-    const uint32_t far = end + 2 * SamplerPositions::step;
+    const uint32_t far = end + SamplerPositions::step;
     return far < SamplerPositions::capacity ? far : SamplerPositions::capacity;
 }
 
-/// width / channels frames from positions[first] on, of which `available` are wanted; the others repeat the
-/// last of those, to fill the vector.
-template <int width, int channels>
-inline Lanes<width> interpolatedRun(const std::byte* window, ptrdiff_t rowBytes,
-                                    const SamplerPositions& positions, uint32_t first, uint32_t available)
-{
-    constexpr uint32_t frames = width / channels;
-    const std::byte* rows[frames];
-    for (uint32_t frame = 0; frame < frames; ++frame) {
-        const uint32_t position = first + (frame < available ? frame : available - 1);
-        rows[frame] = window + static_cast<ptrdiff_t>(positions.index[position]) * rowBytes;
+/// Interpolates run by run, width / channels frames each.
+template <int width, int channels> class Interpolation {
+public:
+    static constexpr uint32_t frames = width / channels;
+
+    Interpolation(const SamplerWindow& window, SamplerPositions& positions)
+        : _window(window), _positions(positions)
+    {}
+
+    template <class Filter> void run(uint32_t first, uint32_t count, float* output, Filter& filter)
+    {
+        const uint32_t end = first + count;
+        while (first < end) {
+            findUpTo<width>(_positions, first + 1);
+            if (first + frames > end || _positions.index[first] < SamplerWindow::headLength) {
+                const uint32_t available = end - first < frames ? end - first : frames;
+                filter.run(_runAtAnEnd(first, available), output, available);
+                first += available;
+                output += size_t{available} * channels;
+            } else {
+                findUpTo<width>(_positions, ahead(first + frames));
+                filter.run(_run(first), output);
+                first += frames;
+                output += width;
+            }
+        }
     }
-    return interpolated<width>(
-        loadTaps<width, channels>(rows, rowBytes), repeated<width, channels>(positions.t1 + first),
-        repeated<width, channels>(positions.t2 + first), repeated<width, channels>(positions.t3 + first));
-}
 
-/// What takes the place of a filter where there is none.
-struct NoFilter {
-    static constexpr bool wantsNextRunEarly = false;
+private:
+    ptrdiff_t _rowBytes() const
+    {
+        // Known with few channels, so that the addresses fold into the loads.
+        return channels < 4 ? static_cast<ptrdiff_t>(channels * sizeof(float)) : _window.rowBytes;
+    }
 
-    template <int width> void run(Lanes<width> frames, float* output) { storeLanes<width>(output, frames); }
-    void run(float*, uint32_t) {}
+    Lanes<width> _interpolated(const std::byte* const* rows, uint32_t first) const
+    {
+        return interpolated<width>(loadTaps<width, channels>(rows, _rowBytes()),
+                                   repeated<width, channels>(_positions.t1 + first),
+                                   repeated<width, channels>(_positions.t2 + first),
+                                   repeated<width, channels>(_positions.t3 + first));
+    }
+
+    Lanes<width> _run(uint32_t first) const
+    {
+        const std::byte* rows[frames];
+        for (uint32_t frame = 0; frame < frames; ++frame)
+            rows[frame] =
+                _window.rows + static_cast<ptrdiff_t>(_positions.index[first + frame]) * _rowBytes();
+        return _interpolated(rows, first);
+    }
+
+    /// A run that reaches into the head or has only `available` frames; the others then repeat the last of
+    /// those, to fill the vector.
+    __attribute__((noinline)) Lanes<width> _runAtAnEnd(uint32_t first, uint32_t available)
+    {
+        findUpTo<width>(_positions, first + frames);
+        const std::byte* rows[frames];
+        for (uint32_t frame = 0; frame < frames; ++frame)
+            rows[frame] = _window.row(_positions.index[first + (frame < available ? frame : available - 1)]);
+        return _interpolated(rows, first);
+    }
+
+    const SamplerWindow _window;
+    SamplerPositions& _positions;
 };
 
-/// Filtered run by run: while the filter's chain waits, the processor interpolates the next run.
-template <int width, int channels, class Filter>
-inline void interpolateRuns(const std::byte* window, ptrdiff_t rowBytes, SamplerPositions& positions,
-                            uint32_t first, uint32_t count, float* output, Filter& filter)
-{
-    constexpr uint32_t frames = width / channels;
-    if constexpr (channels < 4)
-        rowBytes = channels * sizeof(float); // known, so that the addresses fold into the loads
-    const uint32_t end = first + count;
-    const auto runAt = [&](uint32_t frame) {
-        findUpTo<width>(positions, ahead(frame + frames));
-        return interpolatedRun<width, channels>(window, rowBytes, positions, frame, frames);
-    };
-    if (Filter::wantsNextRunEarly && first + frames <= end) {
-        Lanes<width> run = runAt(first);
-        for (first += frames; first + frames <= end; first += frames, output += width) {
-            const Lanes<width> next = runAt(first);
-            filter.template run<width>(run, output);
-            run = next;
-        }
-        filter.template run<width>(run, output);
-        output += width;
-    } else {
-        for (; first + frames <= end; first += frames, output += width)
-            filter.template run<width>(runAt(first), output);
-    }
-    if (first < end) {
-        findUpTo<width>(positions, ahead(end));
-        float padded[width];
-        storeLanes<width>(padded,
-                          interpolatedRun<width, channels>(window, rowBytes, positions, first, end - first));
-        filter.run(padded, end - first);
-        std::memcpy(output, padded, (end - first) * channels * sizeof(float));
-    }
-}
-
 template <int width, int channels>
-void interpolate(const std::byte* window, ptrdiff_t rowBytes, SamplerPositions* positions, uint32_t first,
-                 uint32_t count, float* output, SamplerFilter* filter)
+void interpolate(const SamplerWindow& window, SamplerPositions& positions, uint32_t first, uint32_t count,
+                 float* output, SamplerFilter* filter)
 {
+    Interpolation<width, channels> interpolation(window, positions);
     if (filter) {
-        // Shorter runs wait less for each other where the filter takes as long as it does with few channels.
-        constexpr int filteredWidth = width == 16 && (channels == 2 || channels == 4) ? 8 : width;
-        FilterLoop<channels> loop(*filter);
-        interpolateRuns<filteredWidth, channels>(window, rowBytes, *positions, first, count, output, loop);
+        FilterLoop<width, channels> loop(*filter);
+        interpolation.run(first, count, output, loop);
         loop.save(*filter);
     } else {
-        NoFilter none;
-        interpolateRuns<width, channels>(window, rowBytes, *positions, first, count, output, none);
+        NoFilter<width, channels> none;
+        interpolation.run(first, count, output, none);
     }
 }
 

@@ -8,8 +8,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr int rounds = 15;
-constexpr std::chrono::microseconds turn{1500};
+constexpr int rounds = 61;
+constexpr std::chrono::microseconds turn{400};
 
 double nanosecondsPerUnit(const std::function<uint64_t()>& work)
 {

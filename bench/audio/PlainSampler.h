@@ -9,7 +9,12 @@
 /// The sampler's rules as one would first write them: channel by channel, sample by sample.
 class PlainSampler {
 public:
-    explicit PlainSampler(uint32_t channels) : _channels(channels) {}
+    /// Whether a block's first frames are interpolated by the published exception or, as a peer would, as if
+    /// there were no block's start: shows what of the noise is the exception's.
+    enum class Seam { Published, None };
+
+    explicit PlainSampler(uint32_t channels, Seam seam = Seam::Published) : _channels(channels), _seam(seam)
+    {}
 
     uint32_t write(const float* input, uint32_t in, float* output, double rateIn, double rateOut)
     {
@@ -20,7 +25,7 @@ public:
             --out;
         const auto width = static_cast<uint32_t>(_channels.size());
         for (uint32_t c = 0; c < width; ++c)
-            _channels[c].convert(input + c, in, output + c, out, width, start, ratio);
+            _channels[c].convert(input + c, in, output + c, out, width, start, ratio, _seam);
         _phase = limit - out;
         return out;
     }
@@ -30,14 +35,15 @@ private:
         float history[4] = {}, x2 = 0, x1 = 0, y1 = 0, y2 = 0;
 
         void convert(const float* input, uint32_t in, float* output, uint32_t out, uint32_t width,
-                     double start, double ratio)
+                     double start, double ratio, Seam seam)
         {
+            const uint32_t exception = seam == Seam::Published ? 3 : UINT32_MAX;
             const auto x = [&](uint32_t k) { return k < 4 ? history[k] : input[size_t{k - 4} * width]; };
             for (uint32_t i = 0; i < out; ++i) {
                 const double position = start + ratio * i;
                 const auto index = static_cast<uint32_t>(position);
                 const auto t = static_cast<float>(position - index);
-                const float p0 = index == 3 ? x(2) : x(index), p1 = x(index + 1), p2 = x(index + 2),
+                const float p0 = index == exception ? x(2) : x(index), p1 = x(index + 1), p2 = x(index + 2),
                             p3 = x(index + 3);
                 output[size_t{i} * width] = p1 + t * 0.16666667F * (-2 * p0 - 3 * p1 + 6 * p2 - p3) +
                                             t * t * 0.5F * (p0 - 2 * p1 + p2) +
@@ -71,4 +77,5 @@ private:
 
     double _phase = 1;
     std::vector<Channel> _channels;
+    const Seam _seam;
 };

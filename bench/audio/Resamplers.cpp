@@ -3,6 +3,7 @@
 #include "PlainSampler.h"
 #include "ausampler.h"
 
+#include <cstring>
 #include <samplerate.h>
 #include <soxr.h>
 #include <speex/speex_resampler.h>
@@ -37,8 +38,8 @@ private:
 
 class Plain final : public Resampler {
 public:
-    Plain(uint32_t rateIn, uint32_t rateOut, uint32_t channels)
-        : _sampler(channels), _rateIn(rateIn), _rateOut(rateOut)
+    Plain(uint32_t rateIn, uint32_t rateOut, uint32_t channels, PlainSampler::Seam seam)
+        : _sampler(channels, seam), _rateIn(rateIn), _rateOut(rateOut)
     {}
     uint32_t convert(const float* input, uint32_t frames, float* output) override
     {
@@ -48,6 +49,44 @@ public:
 private:
     PlainSampler _sampler;
     const double _rateIn, _rateOut;
+};
+
+/// Nothing but the low-pass's feedback, over as many frames as the rates ask for and up to four channels at
+/// once: each frame waits for a product and a difference of the frame before, whatever else is done, so no
+/// sampler with that filter takes less.
+class Feedback final : public Resampler {
+public:
+    Feedback(uint32_t rateIn, uint32_t rateOut, uint32_t channels)
+        : _channels(channels), _framesPerFrame(static_cast<double>(rateOut) / rateIn)
+    {}
+    uint32_t convert(const float* input, uint32_t frames, float* output) override
+    {
+        const auto out = static_cast<uint32_t>(frames * _framesPerFrame);
+        for (uint32_t first = 0; first < _channels; first += 4)
+            _run(input, out, output);
+        return out;
+    }
+
+private:
+    typedef float Lanes __attribute__((vector_size(16)));
+
+    static void _run(const float* input, uint32_t frames, float* output)
+    {
+        Lanes x; // NOLINT(cppcoreguidelines-init-variables)
+        std::memcpy(&x, input, sizeof x);
+        const Lanes a1 = Lanes{} - 0.25F, a2 = Lanes{} + 0.25F;
+        Lanes y1 = Lanes{}, y2 = Lanes{};
+        for (uint32_t i = 0; i < frames; ++i) {
+            const Lanes y = x - a2 * y2 - a1 * y1;
+            y2 = y1;
+            y1 = y;
+            asm volatile("" : : "x"(y));
+        }
+        std::memcpy(output, &y1, sizeof y1);
+    }
+
+    const uint32_t _channels;
+    const double _framesPerFrame;
 };
 
 class Swresample final : public Resampler {
@@ -145,9 +184,11 @@ private:
 
 template <class Type, class... Setting> ResamplerKind kind(const char* name, Setting... setting)
 {
-    return {name, [=](uint32_t rateIn, uint32_t rateOut, uint32_t channels) {
+    return {name,
+            [=](uint32_t rateIn, uint32_t rateOut, uint32_t channels) {
                 return std::make_unique<Type>(rateIn, rateOut, channels, setting...);
-            }};
+            },
+            !std::is_same_v<Type, Feedback>};
 }
 
 } // namespace
@@ -156,7 +197,9 @@ const std::vector<ResamplerKind>& resamplerKinds()
 {
     static const std::vector<ResamplerKind> kinds{
         kind<Ours>("dxr"),
-        kind<Plain>("the same rules, plain"),
+        kind<Plain>("the same rules, plain", PlainSampler::Seam::Published),
+        kind<Plain>("plain, no block starts", PlainSampler::Seam::None),
+        kind<Feedback>("the filter's feedback only"),
         kind<Swresample>("libswresample, 8 taps", 8),
         kind<Swresample>("libswresample, default", 0),
         kind<Soxr>("soxr, quick", static_cast<unsigned long>(SOXR_QQ)),

@@ -4,6 +4,7 @@
 #include "Contest.h"
 #include "auclock.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -17,39 +18,59 @@ constexpr size_t count = 1024;
 const std::unique_ptr<auclock, decltype(&auclock_destroy)> theClock(auclock_create(epoch, 0, rate),
                                                                     auclock_destroy);
 
-uint64_t doubleSampleTime(uint64_t abstime)
+[[gnu::noinline]] uint64_t doubleSampleTime(uint64_t abstime)
 {
     return static_cast<uint64_t>(
         std::floor(static_cast<double>(abstime - epoch) * (rate / 1e9) + 22050 / 1e9));
 }
 
-uint64_t doubleAbstime(uint64_t sampletime)
+[[gnu::noinline]] uint64_t doubleAbstime(uint64_t sampletime)
 {
     return static_cast<uint64_t>(std::floor(static_cast<double>(sampletime) * (1e9 / rate) + 5e8 / rate)) +
            epoch;
 }
 
-uint64_t bareQuotient(uint64_t high, uint64_t low, uint64_t divisor)
+/// What a conversion divides: 128 bits by 64.
+struct Division {
+    uint64_t high, low;
+};
+
+// The peers know no more than a conversion does: divisors come at run time, and a call is a call.
+[[gnu::noinline]] uint64_t bareQuotient(const Division& dividend, uint64_t divisor)
 {
 #ifdef __x86_64__
+    uint64_t low = dividend.low, high = dividend.high;
     asm("divq %2" : "+a"(low), "+d"(high) : "r"(divisor) : "cc");
     return low;
 #else
-    return static_cast<uint64_t>((static_cast<unsigned __int128>(high) << 64 | low) / divisor);
+    __extension__ using Wide = unsigned __int128;
+    return static_cast<uint64_t>((static_cast<Wide>(dividend.high) << 64 | dividend.low) / divisor);
 #endif
 }
 
-uint64_t libraryQuotient(uint64_t high, uint64_t low, uint64_t divisor)
+[[gnu::noinline]] uint64_t libraryQuotient(const Division& dividend, uint64_t divisor)
 {
     __extension__ using Wide = unsigned __int128;
-    return static_cast<uint64_t>((static_cast<Wide>(high) << 64 | low) / divisor);
+    return static_cast<uint64_t>((static_cast<Wide>(dividend.high) << 64 | dividend.low) / divisor);
+}
+
+std::vector<Division> dividends(const std::vector<uint64_t>& distances, uint64_t multiplier, uint64_t bias)
+{
+    __extension__ using Wide = unsigned __int128;
+    std::vector<Division> all;
+    for (const uint64_t distance : distances) {
+        const Wide scaled = static_cast<Wide>(distance) * multiplier + bias;
+        all.push_back({static_cast<uint64_t>(scaled >> 64), static_cast<uint64_t>(scaled)});
+    }
+    return all;
 }
 
 /// Times `convert` over all inputs.
-template <class Convert> std::function<uint64_t()> over(const std::vector<uint64_t>& inputs, Convert convert)
+template <class Input, class Convert>
+std::function<uint64_t()> over(const std::vector<Input>& inputs, Convert convert)
 {
     return [&inputs, convert] {
-        for (const uint64_t input : inputs) {
+        for (const Input& input : inputs) {
             const uint64_t result = convert(input);
             asm volatile("" : : "r"(result));
         }
@@ -65,22 +86,28 @@ void printSpeed()
         samples[i] = random() % (44100ULL * 86400 * 30);
         ticks[i] = epoch + samples[i] * 22675;
     }
+    uint64_t billion = 1'000'000'000, samplesPerSecond = 44100;
+    asm volatile("" : "+r"(billion), "+r"(samplesPerSecond)); // not constants
+    std::vector<uint64_t> distances(count);
+    std::ranges::transform(ticks, distances.begin(), [](uint64_t tick) { return tick - epoch; });
+    const std::vector<Division> sampleDividends = dividends(distances, samplesPerSecond, 22050),
+                                tickDividends = dividends(samples, billion, billion / 2);
     FigureTable table("sample clock: ns per conversion");
     Contest toSamples, toTicks;
     toSamples.add("dxr",
                   over(ticks, [](uint64_t t) { return auclock_abstime_to_sampletime(theClock.get(), t); }));
     toSamples.add("bare division",
-                  over(ticks, [](uint64_t t) { return bareQuotient(0, t * 44100, 1'000'000'000); }));
+                  over(sampleDividends, [=](const Division& d) { return bareQuotient(d, billion); }));
     toSamples.add("128-bit library division",
-                  over(ticks, [](uint64_t t) { return libraryQuotient(t >> 60, t * 44100, 1'000'000'000); }));
+                  over(sampleDividends, [=](const Division& d) { return libraryQuotient(d, billion); }));
     toSamples.add("double precision", over(ticks, doubleSampleTime));
     table.addColumn("to samples", toSamples.names(), toSamples.run());
     toTicks.add("dxr",
                 over(samples, [](uint64_t s) { return auclock_sampletime_to_abstime(theClock.get(), s); }));
     toTicks.add("bare division",
-                over(samples, [](uint64_t s) { return bareQuotient(0, s * 1'000'000'000, 44100); }));
+                over(tickDividends, [=](const Division& d) { return bareQuotient(d, samplesPerSecond); }));
     toTicks.add("128-bit library division",
-                over(samples, [](uint64_t s) { return libraryQuotient(s >> 60, s * 1'000'000'000, 44100); }));
+                over(tickDividends, [=](const Division& d) { return libraryQuotient(d, samplesPerSecond); }));
     toTicks.add("double precision", over(samples, doubleAbstime));
     table.addColumn("to ticks", toTicks.names(), toTicks.run());
     table.print("bare division");

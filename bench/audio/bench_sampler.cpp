@@ -5,8 +5,10 @@
 #include "Resamplers.h"
 #include "ToneFit.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <iterator>
 #include <numbers>
 
 namespace {
@@ -51,11 +53,13 @@ void printQuality(Rates rates)
     constexpr uint32_t block = 512;
     FigureTable table(text(rates) + ": signal-to-noise ratio of a tone, dB");
     std::vector<std::string> names;
-    for (const ResamplerKind& kind : resamplerKinds())
+    std::vector<ResamplerKind> kinds;
+    std::ranges::copy_if(resamplerKinds(), std::back_inserter(kinds), &ResamplerKind::converts);
+    for (const ResamplerKind& kind : kinds)
         names.push_back(kind.name);
     for (const double hertz : {100.0, 1000.0, 5000.0, 10000.0, 15000.0}) {
         std::vector<double> figures;
-        for (const ResamplerKind& kind : resamplerKinds()) {
+        for (const ResamplerKind& kind : kinds) {
             if (hertz >= rates.in / 2.0) {
                 figures.push_back(std::nan(""));
                 continue;

@@ -92,41 +92,48 @@ double twoThreads(const Allocator& allocator, size_t size)
     std::atomic<int> ready{0};
     double results[2] = {};
     std::thread other;
-    const auto body = [&](double& result) {
+    const auto body = [&](unsigned index) {
+        stayOnProcessor(index);
         for (++ready; ready < 2;) {
         }
-        result = pairs(allocator, size, count);
+        results[index] = pairs(allocator, size, count);
     };
-    other = std::thread([&] { body(results[1]); });
-    body(results[0]);
+    other = std::thread([&] { body(1); });
+    body(0);
     other.join();
     return (results[0] + results[1]) / 2;
 }
 
-/// Per block that one thread allocates and the other frees.
-double acrossThreads(const Allocator& allocator, size_t size)
+/// Per block that one thread allocates and the other frees, handed over `packet` at a time.
+double acrossThreads(const Allocator& allocator, size_t size, uint64_t packet)
 {
-    constexpr uint64_t count = 30'000;
+    constexpr uint64_t count = 32'768;
     constexpr uint64_t places = 1024;
     static void* ring[places];
     alignas(64) std::atomic<uint64_t> written{0};
     alignas(64) std::atomic<uint64_t> taken{0};
-    const uint64_t start = nowNanoseconds();
+    std::atomic<bool> isReady{false};
     std::thread consumer([&] {
-        for (uint64_t i = 0; i < count; ++i) {
+        stayOnProcessor(1);
+        isReady = true;
+        for (uint64_t i = 0; i < count; i += packet) {
             while (written.load(std::memory_order_acquire) == i)
                 _mm_pause();
-            allocator.release(ring[i % places]);
-            taken.store(i + 1, std::memory_order_release);
+            for (uint64_t k = i; k < i + packet; ++k)
+                allocator.release(ring[k % places]);
+            taken.store(i + packet, std::memory_order_release);
         }
     });
-    for (uint64_t i = 0; i < count; ++i) {
+    stayOnProcessor(0);
+    while (!isReady)
+        std::this_thread::yield();
+    const uint64_t start = nowNanoseconds();
+    for (uint64_t i = 0; i < count; i += packet) {
         while (i - taken.load(std::memory_order_acquire) == places)
             _mm_pause();
-        void* const block = allocator.allocate(size);
-        touch(block);
-        ring[i % places] = block;
-        written.store(i + 1, std::memory_order_release);
+        for (uint64_t k = i; k < i + packet; ++k)
+            touch(ring[k % places] = allocator.allocate(size));
+        written.store(i + packet, std::memory_order_release);
     }
     consumer.join();
     return static_cast<double>(nowNanoseconds() - start) / static_cast<double>(count);
@@ -141,29 +148,80 @@ double nanosecondsPerCycle()
     return static_cast<double>(nowNanoseconds() - start) / static_cast<double>(__rdtsc() - cycles);
 }
 
-void tail(const char* what, size_t count, const std::function<void(const Allocator&, size_t)>& step)
+/// Times counted by length, in little memory: a list of ten million would add its own cache misses to them.
+class Times {
+public:
+    void add(uint64_t cycles)
+    {
+        if (cycles < _counts.size())
+            ++_counts[cycles];
+        else
+            _long.push_back(cycles);
+    }
+    void print(const char* name)
+    {
+        static const double nanoseconds = nanosecondsPerCycle();
+        std::ranges::sort(_long);
+        std::printf("    %-9s p50 %6.0f  p99 %6.0f  p99.99 %7.0f  largest %8.0f\n", name,
+                    _below(0.5) * nanoseconds, _below(0.99) * nanoseconds, _below(0.9999) * nanoseconds,
+                    _below(1) * nanoseconds);
+    }
+
+private:
+    double _below(double part) const
+    {
+        size_t total = _long.size();
+        for (const uint32_t count : _counts)
+            total += count;
+        auto left = static_cast<size_t>(part * static_cast<double>(total - 1));
+        for (size_t cycles = 0; cycles < _counts.size(); ++cycles) {
+            if (left < _counts[cycles])
+                return static_cast<double>(cycles);
+            left -= _counts[cycles];
+        }
+        return static_cast<double>(_long[left]);
+    }
+    std::vector<uint32_t> _counts = std::vector<uint32_t>(2048);
+    std::vector<uint64_t> _long;
+};
+
+void tail(const char* what, size_t count, const std::vector<Allocator>& candidates,
+          const std::function<void(const Allocator&)>& step)
 {
-    const double nanoseconds = nanosecondsPerCycle();
     std::printf("tail, %s [ns, the clock's own reading included]\n", what);
-    for (const Allocator& allocator : allocators()) {
-        std::vector<uint32_t> cycles(count, 1);
+    for (const Allocator& allocator : candidates) {
+        Times times;
         for (size_t i = 0; i < count; ++i) {
             const uint64_t start = __rdtsc();
-            step(allocator, i);
-            cycles[i] = static_cast<uint32_t>(std::min<uint64_t>(__rdtsc() - start, UINT32_MAX));
+            step(allocator);
+            times.add(__rdtsc() - start);
         }
-        std::ranges::sort(cycles);
-        std::printf("    %-9s p50 %6.0f  p99 %6.0f  p99.99 %7.0f  largest %8.0f\n", allocator.name,
-                    percentile(cycles, 0.5) * nanoseconds, percentile(cycles, 0.99) * nanoseconds,
-                    percentile(cycles, 0.9999) * nanoseconds, cycles.back() * nanoseconds);
+        times.print(allocator.name);
     }
 }
 
-void compare(const std::string& question, const std::function<double(const Allocator&)>& measure)
+/// Blocks that are always there, in turn: what the handing over costs by itself.
+Allocator noAllocator()
+{
+    return {"none: hand-over alone",
+            [](size_t size) -> void* {
+                static std::byte blocks[1500 * 4096];
+                static unsigned next = 0;
+                return blocks + next++ % 1500 * size;
+            },
+            [](void*) {}};
+}
+
+enum class HandOver { No, Yes };
+
+void compare(const std::string& question, const std::function<double(const Allocator&)>& measure,
+             HandOver handOver = HandOver::No)
 {
     Comparison comparison(question, "ns", Comparison::Better::Lower);
     for (const Allocator& allocator : allocators())
         comparison.add(allocator.name, [=] { return measure(allocator); });
+    if (handOver == HandOver::Yes)
+        comparison.addBare(noAllocator().name, [=] { return measure(noAllocator()); });
     comparison.run();
 }
 
@@ -184,30 +242,21 @@ int main(int, char** arguments)
         compare("a pair in bursts of 100, " + bytes, [=](const Allocator& a) { return bursts(a, size); });
         compare("a pair, two threads apart, " + bytes,
                 [=](const Allocator& a) { return twoThreads(a, size); });
-        compare("a block allocated here, freed there, " + bytes,
-                [=](const Allocator& a) { return acrossThreads(a, size); });
+        for (const uint64_t packet : {1, 64})
+            compare(
+                "a block allocated here, freed there, handed over " + std::to_string(packet) +
+                    " at a time, " + bytes,
+                [=](const Allocator& a) { return acrossThreads(a, size, packet); }, HandOver::Yes);
     }
-    tail("ten million warm pairs of 64 bytes", 10'000'000, [](const Allocator& allocator, size_t) {
+    tail("ten million warm pairs of 64 bytes", 10'000'000, allocators(), [](const Allocator& allocator) {
         void* const block = allocator.allocate(64);
         touch(block);
         allocator.release(block);
     });
-    tail("growing: half a million blocks of 256 bytes, none freed", 500'000,
-         [](const Allocator& allocator, size_t) { touch(allocator.allocate(256)); });
+    tail("growing: half a million blocks of 256 bytes, none freed", 500'000, allocators(),
+         [](const Allocator& allocator) { touch(allocator.allocate(256)); });
     if (!TFA_reserve(512, 500'000))
         return 1;
-    const double nanoseconds = nanosecondsPerCycle();
-    std::vector<uint64_t> cycles(500'000, 1);
-    for (uint64_t& one : cycles) {
-        const uint64_t start = __rdtsc();
-        touch(TFA_malloc(512));
-        one = __rdtsc() - start;
-    }
-    std::ranges::sort(cycles);
-    std::printf("the same of 512 bytes after TFA_reserve\n    %-9s p50 %6.0f  p99 %6.0f  p99.99 %7.0f  "
-                "largest %8.0f\n",
-                "TFA", static_cast<double>(percentile(cycles, 0.5)) * nanoseconds,
-                static_cast<double>(percentile(cycles, 0.99)) * nanoseconds,
-                static_cast<double>(percentile(cycles, 0.9999)) * nanoseconds,
-                static_cast<double>(cycles.back()) * nanoseconds);
+    tail("the same of 512 bytes after TFA_reserve", 500'000, {allocators().front()},
+         [](const Allocator& allocator) { touch(allocator.allocate(512)); });
 }

@@ -231,19 +231,21 @@ Servers servers()
 double itemsPerSecond(Server& server, int producerCount)
 {
     constexpr int count = 20'000;
-    std::atomic<int> left{producerCount * count};
     std::binary_semaphore done(0);
     int ran = 0;
-    const Work work = [&] {
-        if (++ran == producerCount * count)
-            done.release();
-    };
+    // Clients rarely send the same block again and again: its count would be what the threads fight for.
+    std::vector<Work> blocks;
+    for (int i = 0; i < 256; ++i)
+        blocks.emplace_back([&] {
+            if (++ran == producerCount * count)
+                done.release();
+        });
     server.call([] {});
     const uint64_t start = nowNanoseconds();
     std::vector<std::thread> others;
     const auto produce = [&] {
         for (int i = 0; i < count; ++i)
-            server.post(work);
+            server.post(blocks[static_cast<size_t>(i) % blocks.size()]);
     };
     for (int t = 1; t < producerCount; ++t)
         others.emplace_back(produce);
@@ -255,13 +257,25 @@ double itemsPerSecond(Server& server, int producerCount)
     return producerCount * count / static_cast<double>(length) * 1e3;
 }
 
+void waitUntilTheServerSleeps()
+{
+    std::this_thread::sleep_for(std::chrono::microseconds(300));
+}
+
+/// The time from a call to a sleeping server until its answer, in nanoseconds.
+double sleepingRoundTrip(Server& server)
+{
+    waitUntilTheServerSleeps();
+    const uint64_t start = nowNanoseconds();
+    server.call([] {});
+    return static_cast<double>(nowNanoseconds() - start);
+}
+
 /// The time from a call until its answer, p50 or p99 of a hundred, in nanoseconds.
-double roundTrip(Server& server, double part, int pauseMicroseconds)
+double roundTrip(Server& server, double part)
 {
     std::vector<uint64_t> times;
     for (int i = 0; i < 100; ++i) {
-        if (pauseMicroseconds > 0) // long enough for the server to be asleep
-            std::this_thread::sleep_for(std::chrono::microseconds(pauseMicroseconds));
         const uint64_t start = nowNanoseconds();
         server.call([] {});
         times.push_back(nowNanoseconds() - start);
@@ -273,22 +287,17 @@ double roundTrip(Server& server, double part, int pauseMicroseconds)
 /// The time from a push onto a sleeping queue until the work runs.
 double wakeUp(Server& server)
 {
-    std::vector<uint64_t> times;
-    for (int i = 0; i < 50; ++i) {
-        std::this_thread::sleep_for(std::chrono::microseconds(300));
-        std::binary_semaphore done(0);
-        uint64_t ran = 0;
-        const Work work = [&] {
-            ran = nowNanoseconds();
-            done.release();
-        };
-        const uint64_t start = nowNanoseconds();
-        server.post(work);
-        done.acquire();
-        times.push_back(ran - start);
-    }
-    std::ranges::sort(times);
-    return static_cast<double>(percentile(times, 0.5));
+    waitUntilTheServerSleeps();
+    std::binary_semaphore done(0);
+    uint64_t ran = 0;
+    const Work work = [&] {
+        ran = nowNanoseconds();
+        done.release();
+    };
+    const uint64_t start = nowNanoseconds();
+    server.post(work);
+    done.acquire();
+    return static_cast<double>(ran - start);
 }
 
 /// Two threads that do nothing but wake each other: what the kernel charges. Sleeps between, as above.
@@ -342,15 +351,17 @@ private:
 };
 
 void compare(const std::string& question, const std::string& unit, Comparison::Better better,
-             Servers candidates, const std::function<double(Server&)>& measure)
+             Servers candidates, const std::function<double(Server&)>& measure, int rounds = 15)
 {
     Comparison comparison(question, unit, better);
     std::vector<std::shared_ptr<Server>> running;
+    stayOnProcessor(1); // the servers; where the scheduler puts two threads decides more than what they do
     for (const auto& [name, make] : candidates) {
         running.emplace_back(make());
         comparison.add(name, [server = running.back(), measure] { return measure(*server); });
     }
-    comparison.run(15);
+    stayOnProcessor(0);
+    comparison.run(rounds);
 }
 
 void compareBypass()
@@ -496,11 +507,11 @@ int main()
     Servers withPingPong = servers();
     withPingPong.emplace_back("bare futex", [] { return std::make_unique<PingPong>(); });
     compare("round trip, one after the other, p50", "ns", Lower, withPingPong,
-            [](Server& server) { return roundTrip(server, 0.5, 0); });
+            [](Server& server) { return roundTrip(server, 0.5); });
     compare("round trip, one after the other, p99", "ns", Lower, withPingPong,
-            [](Server& server) { return roundTrip(server, 0.99, 0); });
-    compare("round trip to a sleeping queue, p50", "ns", Lower, withPingPong,
-            [](Server& server) { return roundTrip(server, 0.5, 300); });
-    compare("wake-up of a sleeping queue, p50", "ns", Lower, withPingPong, wakeUp);
+            [](Server& server) { return roundTrip(server, 0.99); });
+    // Once each in turn: how deeply a processor sleeps changes from moment to moment.
+    compare("round trip to a sleeping queue, p50", "ns", Lower, withPingPong, sleepingRoundTrip, 1500);
+    compare("wake-up of a sleeping queue, p50", "ns", Lower, withPingPong, wakeUp, 1500);
     compareTimers();
 }

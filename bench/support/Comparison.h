@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <sched.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,7 +37,12 @@ public:
     /// The first candidate is ours.
     void add(std::string name, Measure measure)
     {
-        _candidates.push_back({std::move(name), std::move(measure), {}});
+        _candidates.push_back({std::move(name), std::move(measure), {}, _candidates.empty() ? Ours : Peer});
+    }
+    /// What the machine charges for the least that any candidate must do; shown, but not a peer.
+    void addBare(std::string name, Measure measure)
+    {
+        _candidates.push_back({std::move(name), std::move(measure), {}, Bare});
     }
     void run(int rounds = 25)
     {
@@ -50,8 +56,8 @@ public:
             const double median = percentile(candidate.results, 0.5);
             std::printf(" %s %.4g%s", candidate.name.c_str(), median,
                         &candidate == &_candidates.back() ? "" : " |");
-            const bool isPeer = &candidate != &_candidates.front();
-            if (isPeer && (best == 0 || (_better == Better::Lower ? median < best : median > best)))
+            if (candidate.kind == Peer &&
+                (best == 0 || (_better == Better::Lower ? median < best : median > best)))
                 best = median;
         }
         std::printf("\n    ours / best peer: %.2f\n", percentile(_candidates.front().results, 0.5) / best);
@@ -59,16 +65,28 @@ public:
     }
 
 private:
+    enum Kind { Ours, Peer, Bare };
     struct Candidate {
         std::string name;
         Measure measure;
         std::vector<double> results;
+        Kind kind;
     };
     const std::string _question;
     const std::string _unit;
     const Better _better;
     std::vector<Candidate> _candidates;
 };
+
+/// Keeps the calling thread on one processor, so that two threads meant to run side by side do. Where there
+/// are too few processors it changes nothing.
+inline void stayOnProcessor(unsigned processor)
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(processor, &set);
+    sched_setaffinity(0, sizeof set, &set);
+}
 
 /// A second thread for as long as it lives: with one alone the C library leaves its atomics out and flatters
 /// whoever relies on them.

@@ -241,6 +241,7 @@ std::vector<AudioValueRange> PipeWireDevice::_sampleRates(const PipeWireClockSet
     allowed.erase(std::unique(allowed.begin(), allowed.end()),
                   allowed.end()); // clang 14 has no ranges::unique
     std::vector<AudioValueRange> ranges;
+    ranges.reserve(allowed.size());
     for (const uint32_t rate : allowed)
         ranges.push_back({static_cast<double>(rate), static_cast<double>(rate)});
     return ranges;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <pipewire/extensions/metadata.h>
 #include <pipewire/pipewire.h>
 #include <spa/utils/json.h>
@@ -59,11 +60,11 @@ std::string PipeWireMetadata::name(const std::string& key) const
         return spa_json_get_string(&object, text.data(), static_cast<int>(text.size())) > 0;
     };
     while (next()) {
-        const bool isName = std::string_view(text.c_str()) == "name";
+        const bool isName = std::strcmp(text.c_str(), "name") == 0; // ends before the buffer does
         if (!next())
             break;
         if (isName)
-            return text.c_str();
+            return {text.c_str(), std::strlen(text.c_str())};
     }
     return {};
 }

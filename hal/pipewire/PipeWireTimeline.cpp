@@ -1,5 +1,7 @@
 #include "PipeWireTimeline.h"
 
+#include <cmath>
+
 namespace {
 
 constexpr uint64_t mostSeconds = 60; // a longer gap in a clock's count is a clock set anew
@@ -11,7 +13,7 @@ uint64_t framesByTime(const PipeWireTimeline::Clock& last, const PipeWireTimelin
     if (now.nanoseconds <= last.nanoseconds)
         return last.frameCount;
     const double seconds = static_cast<double>(now.nanoseconds - last.nanoseconds) * 1e-9;
-    const auto frames = static_cast<uint64_t>(seconds * last.rate + 0.5);
+    const auto frames = static_cast<uint64_t>(std::llround(seconds * last.rate));
     return frames > last.frameCount + last.frameCount / 2 ? frames : last.frameCount;
 }
 

@@ -255,6 +255,7 @@ TEST(DXRBuffer, silencesACopyBetweenFormatsAndAddsNothing)
     };
     for (const CXRef<DXRBuffer>& other : {loud(48000, 8, 2), loud(44100, 7, 2), loud(44100, 8, 1), {}}) {
         EXPECT_FALSE(buffer->isEqualCFS(other.get()));
+        const CXRealtimeScope realtime;
         buffer->samples()[0] = 0.5F;
         buffer->mixFromBuffer(other.get());
         buffer->mixToBuffer(other.get());
@@ -266,13 +267,20 @@ TEST(DXRBuffer, silencesACopyBetweenFormatsAndAddsNothing)
         buffer->copyFromBuffer(other.get());
         EXPECT_EQ(loudness(*buffer), 0);
     }
-    const CXRef<DXRBuffer> alike = loud(44100, 8, 2);
-    buffer->mixFromBuffer(alike.get());
-    buffer->mixToBuffer(alike.get());
-    EXPECT_EQ(loudness(*alike), 0.5F);
-    const CXRef<DXRBuffer> copy = alike->copy();
+    const CXRef<DXRBuffer> alike = loud(44100, 8, 2), copy = loud(44100, 8, 2);
+    {
+        const CXRealtimeScope realtime;
+        buffer->mixFromBuffer(alike.get());
+        buffer->mixToBuffer(alike.get());
+        EXPECT_EQ(loudness(*alike), 0.5F);
+        copy->copyFromBuffer(alike.get());
+        alike->mute();
+        EXPECT_EQ(loudness(*copy), 0.5F);
+        copy->copyToBuffer(alike.get());
+        EXPECT_EQ(loudness(*alike), 0.5F);
+    }
     alike->mute();
-    EXPECT_EQ(loudness(*copy), 0.5F);
+    EXPECT_EQ(loudness(*copy->copy()), 0.5F);
     EXPECT_TRUE(copy->isEqualCFS(alike.get()));
     EXPECT_THROW(DXRBuffer::init(), CXException);
     EXPECT_NE(copy->description().find(", 2/8@44100hz>"), std::string::npos);

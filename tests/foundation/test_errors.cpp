@@ -115,25 +115,26 @@ TEST(CXLogError, printsAStackOnlyWhenDebuggingIsEnabled)
     EXPECT_TRUE(log.lines()[1].starts_with("     : ")) << log.lines()[1];
 }
 
-TEST(DXRDebugLog, isOffWithoutADebugCenterAndDecidedOnce)
+// The switch is decided once in a process, so each case has one of its own.
+TEST(DXRDebugLogDeathTest, isOffUnlessADebugCenterWasThereAtTheFirstLine)
 {
-    const CapturedLog log;
-    DXRDebugLog("%d", 1);
-    CXRegisterDebugCenter([] { return true; }); // too late: the first line has decided
-    DXRDebugLogWithStack("%d", 2);
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(DXRDebugLog, writesTaggedLinesAndTheStackToStandardError)
-{
-    CXRegisterDebugCenter([] { return true; });
-    const CapturedLog log;
-    testing::internal::CaptureStderr();
-    DXRDebugLogWithStack("%s!", "here");
-    DXRDebugLogWithStack(nullptr);
-    const std::string stack = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"[DXR] here!"});
-    EXPECT_TRUE(stack.starts_with("    ")) << stack;
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto tooLate = [] {
+        const CapturedLog log;
+        DXRDebugLog("%d", 1);
+        CXRegisterDebugCenter([] { return true; });
+        DXRDebugLogWithStack("%d", 2);
+        std::exit(log.lines().empty() ? 0 : 1);
+    };
+    const auto inTime = [] {
+        CXRegisterDebugCenter([] { return true; });
+        const CapturedLog log;
+        DXRDebugLogWithStack("%s!", "here");
+        DXRDebugLogWithStack(nullptr);
+        std::exit(log.lines() == std::vector<std::string>{"[DXR] here!"} ? 0 : 1);
+    };
+    EXPECT_EXIT(tooLate(), testing::ExitedWithCode(0), "^$");
+    EXPECT_EXIT(inTime(), testing::ExitedWithCode(0), "^    ");
 }
 
 TEST(FourCharCode, fallsBackToDigits)

@@ -177,6 +177,29 @@ TEST(TFADeathTest, reportsExhaustionAndAnswersNull)
         const bool refused = !TFA_calloc(1, size) && !TFA_realloc(nullptr, size) && !TFA_reserve(size, 10000);
         _exit(refused ? 0 : 1);
     };
+    // Room for a chunk, but none for moving it to an aligned address.
+    const auto denyTheMove = [] {
+        const auto mapped = [](size_t size, int protection) {
+            return mmap(nullptr, size, protection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        };
+        for (void* next = nullptr; addressOf(next) % 16384 == 0;) {
+            mapped(4096, PROT_NONE);
+            next = mapped(16384, PROT_READ);
+            munmap(next, 16384);
+        }
+        size_t pages = 0;
+        FILE* const sizes = std::fopen("/proc/self/statm", "r");
+        if (std::fscanf(sizes, "%zu", &pages) != 1)
+            _exit(2);
+        const rlimit limit{pages * 4096 + 16384, pages * 4096 + 16384};
+        setrlimit(RLIMIT_AS, &limit);
+        while (TFA_malloc(2048)) {
+        }
+        _exit(0);
+    };
+    EXPECT_EXIT(
+        denyTheMove(), testing::ExitedWithCode(0),
+        "^Threadsafe Fast Allocator: vm_remap\\(16384\\) for requested size 2048 failed with error 12\n$");
     EXPECT_EXIT(
         exhaust(100), testing::ExitedWithCode(0),
         "Threadsafe Fast Allocator: vm_allocate\\(16384\\) for requested size 100 failed with error 12");

@@ -5,11 +5,15 @@
 #include <sndfile.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <numbers>
 #include <numeric>
 #include <sstream>
+#include <unistd.h>
 
 namespace {
 
@@ -74,6 +78,7 @@ std::string wave(uint32_t declaredBytes, size_t heldBytes)
 
 TEST_F(DxrCommand, tellsWrongUsageFromFailure)
 {
+    const std::string good = file("good.wav", wave(8000, 8000));
     struct {
         std::vector<std::string> arguments;
         int status;
@@ -101,6 +106,17 @@ TEST_F(DxrCommand, tellsWrongUsageFromFailure)
         {{"set", "speakers", "--simulated", "--volume", "25%", "--source", "line out"}, 0},
         {{"record", "/nowhere/x.wav", "--in", "zoo-ramp", "--simulated", "--seconds", "0.1"}, 1},
         {{"record", "/dev/full", "--in", "zoo-ramp", "--simulated", "--seconds", "0.1"}, 1},
+        {{"resample", good, path("out.wav")}, 2},
+        {{"resample", good, path("out.wav"), "--rate", "0"}, 2},
+        {{"resample", good, path("out.wav"), "--rate", "44100.5x"}, 2},
+        {{"resample", good, good, "--rate", "44100"}, 1},
+        {{"resample", good, "/nowhere/out.wav", "--rate", "44100"}, 1},
+        {{"resample", good, folder, "--rate", "44100"}, 1},
+        {{"resample", good, "/dev/full", "--rate", "44100"}, 1},
+        {{"plot", "response", path("x.svg"), "--from", "44100"}, 2},
+        {{"plot", "response", path("x.svg"), "--from", "44100", "--to", "-1"}, 2},
+        {{"plot", "response", "/dev/full", "--from", "44100", "--to", "48000"}, 1},
+        {{"plot", "response", "/nowhere/x.svg", "--from", "44100", "--to", "48000"}, 1},
     };
     for (const auto& row : rows) {
         const ToolResult result = runTool(row.arguments);
@@ -129,14 +145,19 @@ TEST_F(DxrCommand, refusesBadSoundFilesWithOneLine)
         {"header only", file("headeronly.wav", wave(800, 0))},
         {"cut short by a byte", file("short.wav", wave(800, 799))},
         {"no frames", file("noframes.wav", wave(0, 0))},
+        {"no channels", file("nochannels.wav", wave(800, 800).replace(22, 2, 2, '\0'))},
+        {"no rate", file("norate.wav", wave(800, 800).replace(24, 4, 4, '\0'))},
         {"a chunk that never ends", file("endless.wav", "RIFF\xFF\xFF\xFF\x7FWAVELIST\xFF\xFF\xFF\x7F")},
         {"a name for a terminal", path("\x1B]0;owned\x07.wav")},
     };
     for (const auto& row : rows) {
-        const ToolResult result = runTool({"play", row.path, "--out", "zoo-speakers", "--simulated"});
-        EXPECT_EQ(result.status, 1) << row.why;
-        EXPECT_EQ(linesOf(result.errors).size(), 1U) << row.why << ": " << result.errors;
-        EXPECT_FALSE(hasControls(result.errors)) << row.why;
+        for (const ToolResult& result :
+             {runTool({"play", row.path, "--out", "zoo-speakers", "--simulated"}),
+              runTool({"resample", row.path, path("out.wav"), "--rate", "44100"})}) {
+            EXPECT_EQ(result.status, 1) << row.why;
+            EXPECT_EQ(linesOf(result.errors).size(), 1U) << row.why << ": " << result.errors;
+            EXPECT_FALSE(hasControls(result.errors)) << row.why;
+        }
     }
     EXPECT_EQ(runTool({"play", file("good.wav", wave(800, 800)), "--out", "speakers", "--simulated"}).status,
               0);
@@ -161,6 +182,49 @@ TEST_F(DxrCommand, listsTheSameDevicesAsTableAndAsJSON)
                   device["hidden"].get<bool>());
     for (const std::string& line : linesOf(table.output))
         EXPECT_LE(line.size(), 80U) << line;
+}
+
+TEST_F(DxrCommand, remembersAndRefersToDevices)
+{
+    const auto onZoo = [](std::vector<std::string> arguments) {
+        arguments.emplace_back("--simulated");
+        return runTool(arguments);
+    };
+    const std::string reference = linesOf(onZoo({"ref", "zoo-loopback", "--input"}).output).at(0);
+    EXPECT_EQ(json::parse(reference), (json{{"uid", "zoo-loopback"}, {"i", true}}));
+    EXPECT_EQ(json::parse(onZoo({"info", reference, "--json"}).output)["uid"], "zoo-loopback");
+    EXPECT_EQ(onZoo({"info", "{\"uid\":\"nobody\"}"}).status, 1);
+    EXPECT_EQ(onZoo({"info", "{nothing}"}).status, 1);
+    EXPECT_EQ(onZoo({"ref", "zoo-surround", "--input"}).status, 1);
+
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers", "hv", "false"}).status, 0);
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers", "nick", "desk speakers"}).status, 0);
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers", "nick"}).status, 2);
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers"}).output, "hv = false\nnick = \"desk speakers\"\n");
+    EXPECT_EQ(onZoo({"forget", "zoo-speakers", "hv"}).status, 0);
+    EXPECT_EQ(onZoo({"forget", "zoo-speakers", "hv"}).status, 1);
+    EXPECT_EQ(onZoo({"forget", "zoo-speakers"}).status, 0);
+    EXPECT_EQ(onZoo({"remember", "zoo-speakers"}).output, "");
+}
+
+TEST_F(DxrCommand, showsDevicesFromTheirArchives)
+{
+    const std::string path = testing::TempDir() + "/dxr-archive-" + std::to_string(getpid());
+    const auto show = [&](const std::string& content) {
+        std::ofstream(path, std::ios::binary) << content;
+        return runTool({"show", path, "--simulated"});
+    };
+    std::string archive = runTool({"archive", "zoo-speakers", "--simulated"}).output;
+    ASSERT_TRUE(archive.starts_with("DXRDevice:{")) << archive;
+    EXPECT_NE(show(archive).output.find("Connected       yes"), std::string::npos);
+    archive.replace(archive.find("zoo-speakers"), 3, "far");
+    const ToolResult absent = show(archive);
+    EXPECT_TRUE(absent.output.starts_with("⚠️ Built-in Speakers")) << absent.output;
+    EXPECT_NE(absent.output.find("Connected       no"), std::string::npos);
+    for (const std::string& junk : {std::string(), std::string("DXRDevice:{}"), std::string(3U << 20, '{')})
+        EXPECT_EQ(show(junk).status, 1);
+    std::filesystem::remove(path);
+    EXPECT_EQ(runTool({"show", path, "--simulated"}).status, 1);
 }
 
 TEST_F(DxrCommand, letsNoNameDriveTheTerminal)
@@ -266,6 +330,74 @@ TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)
     EXPECT_GT(lively.output().rfind("\x1B[?25h"), lively.output().rfind("\x1B[?25l")); // the cursor is back
 
     EXPECT_EQ(runTool({"demo", "--seconds", "1", "--picture", "/dev/null/x.svg"}).status, 1);
+}
+
+/// Writes a second of a sine of its own frequency and loudness in each of three channels.
+void writeTones(const std::string& path, int rate, const double (&hertz)[3])
+{
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = 3;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_24;
+    std::vector<float> samples;
+    for (int k = 0; k < rate; ++k)
+        for (int c = 0; c < 3; ++c)
+            samples.push_back(
+                static_cast<float>(0.25 * (c + 1) * std::sin(2 * std::numbers::pi * hertz[c] * k / rate)));
+    SNDFILE* const file = sf_open(path.c_str(), SFM_WRITE, &info);
+    sf_writef_float(file, samples.data(), rate);
+    sf_close(file);
+}
+
+// Frequency, loudness, place in time, length and channels: a file resampled is the file it was.
+TEST_F(DxrCommand, resamplesAFileIntoTheSameSound)
+{
+    constexpr double hertz[3] = {100, 440, 1000};
+    struct {
+        int from, to;
+    } const rows[] = {{44100, 48000}, {48000, 44100}, {8000, 96000}, {48000, 48000}};
+    for (const auto& row : rows) {
+        writeTones(path("tones.wav"), row.from, hertz);
+        const ToolResult result =
+            runTool({"resample", path("tones.wav"), path("out.wav"), "--rate", std::to_string(row.to)});
+        ASSERT_EQ(result.status, 0) << result.errors;
+        int channels = 0;
+        const std::vector<float> samples = samplesOf(path("out.wav"), channels);
+        ASSERT_EQ(channels, 3);
+        ASSERT_EQ(samples.size(), 3 * static_cast<size_t>(row.to)) << row.from << " to " << row.to;
+        for (size_t c = 0; c < 3; ++c) {
+            double worst = 0; // where neither the start nor the end of the sound is heard
+            for (size_t k = 100; k + 100 < static_cast<size_t>(row.to); ++k)
+                worst = std::max(worst, std::abs(static_cast<double>(samples[3 * k + c]) -
+                                                 0.25 * static_cast<double>(c + 1) *
+                                                     std::sin(2 * std::numbers::pi * hertz[c] *
+                                                              static_cast<double>(k) / row.to)));
+            // The low-pass of a rate that goes up is a frame late; the rest is noise.
+            const double slack = 2.5 * 2 * std::numbers::pi * hertz[c] / std::min(row.from, row.to);
+            EXPECT_LT(worst, 0.25 * static_cast<double>(c + 1) * slack)
+                << row.from << " to " << row.to << ", channel " << c;
+        }
+    }
+}
+
+TEST_F(DxrCommand, drawsTheSamplersResponse)
+{
+    const ToolResult result =
+        runTool({"plot", "response", "--from", "48000", "--to", "44100", path("r.svg")});
+    EXPECT_EQ(result.status, 0) << result.errors;
+    double hertz = 0, response = 0, alias = 0, noise = 0;
+    const std::vector<std::string> lines = linesOf(result.output);
+    ASSERT_EQ(lines.size(), 6U) << result.output;
+    ASSERT_EQ(std::sscanf(lines[2].c_str(), "%lf Hz %lf dB %lf dB %lf dB", &hertz, &response, &alias, &noise),
+              4);
+    EXPECT_NEAR(hertz, 1000, 50);
+    EXPECT_NEAR(response, 0, 0.05);
+    EXPECT_NEAR(noise, 71.5, 3);
+    EXPECT_LT(alias, -90);
+    std::ifstream svg(path("r.svg"));
+    const std::string drawing(std::istreambuf_iterator<char>(svg), {});
+    EXPECT_TRUE(drawing.starts_with("<svg") && drawing.ends_with("</svg>\n"));
+    EXPECT_EQ(drawing.find("nan"), std::string::npos);
 }
 
 } // namespace

@@ -100,8 +100,7 @@ void Demo::_introduce()
         Style::Bold);
     say("A simulated computer: real threads and real time, but no sound hardware.", Style::Dim);
     std::cout << "\n";
-    std::vector<DeviceReport> devices = DeviceReport::readAll();
-    std::erase_if(devices, [](const DeviceReport& device) { return device.isHidden; });
+    const std::vector<DeviceReport> devices = DeviceReport::readAll(DeviceReport::Hidden::No);
     for (const std::string& row : deviceTable(devices, width, _terminal))
         std::cout << row << "\n";
     std::cout << "\n";

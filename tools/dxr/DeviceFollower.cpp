@@ -9,16 +9,35 @@ namespace {
 constexpr AudioObjectPropertyAddress everyProperty{kAudioObjectPropertySelectorWildcard,
                                                    kAudioObjectPropertyScopeWildcard,
                                                    kAudioObjectPropertyElementWildcard};
+constexpr AudioObjectPropertyAddress theList{kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal,
+                                             kAudioObjectPropertyElementMain};
+constexpr AudioObjectPropertyAddress theName{kAudioObjectPropertyName, kAudioObjectPropertyScopeGlobal,
+                                             kAudioObjectPropertyElementMain};
 
 } // namespace
 
-DeviceFollower::DeviceFollower() : _descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+DeviceFollower::DeviceFollower()
+    : _descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      _notifier([this](const auto& connected, const auto& disconnected, const auto& updated) {
+          const auto now = std::chrono::system_clock::now();
+          std::vector<Change> changes;
+          if (!connected.empty() || !disconnected.empty())
+              changes.push_back({kAudioObjectSystemObject, theList, now});
+          for (const CXRef<DXRDevice>& device : updated) {
+              if (const AudioObjectID deviceID = device->deviceID())
+                  changes.push_back({deviceID, theName, now});
+          }
+          _add(std::move(changes));
+      })
 {
+    DXRDeviceManager::sharedDeviceManager().addDeviceNotifier(nullptr, _notifier);
     follow(kAudioObjectSystemObject);
 }
 
 DeviceFollower::~DeviceFollower()
 {
+    DXRDeviceManager::sharedDeviceManager().removeDeviceNotifier(_notifier);
+    DXRDeviceManager::queue().sync([] {}); // it is not running any more
     for (const AudioObjectID objectID : _followed)
         AudioObjectRemovePropertyListener(objectID, &everyProperty, _note, this);
     close(_descriptor);
@@ -49,14 +68,25 @@ std::vector<DeviceFollower::Change> DeviceFollower::take()
 HALStatus DeviceFollower::_note(AudioObjectID objectID, uint32_t count,
                                 const AudioObjectPropertyAddress* addresses, void* follower)
 {
-    auto* self = static_cast<DeviceFollower*>(follower);
     const auto now = std::chrono::system_clock::now();
+    std::vector<Change> changes;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (objectID != kAudioObjectSystemObject || addresses[i].selector != kAudioHardwarePropertyDevices)
+            changes.push_back(
+                {objectID, addresses[i], now}); // the manager tells of the list when it has taken it over
+    }
+    static_cast<DeviceFollower*>(follower)->_add(std::move(changes));
+    return kAudioHardwareNoError;
+}
+
+void DeviceFollower::_add(std::vector<Change> changes)
+{
+    if (changes.empty())
+        return;
     {
-        const std::scoped_lock lock(self->_mutex);
-        for (uint32_t i = 0; i < count; ++i)
-            self->_changes.push_back({objectID, addresses[i], now});
+        const std::scoped_lock lock(_mutex);
+        _changes.insert(_changes.end(), changes.begin(), changes.end());
     }
     const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(self->_descriptor, &one, sizeof one);
-    return kAudioHardwareNoError;
+    [[maybe_unused]] const ssize_t written = write(_descriptor, &one, sizeof one);
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <chrono>
-#include <dxr/AudioHardware.h>
+#include <dxr/DXRDeviceManager.h>
 #include <mutex>
 #include <set>
 #include <vector>
@@ -16,7 +16,8 @@ public:
         std::chrono::system_clock::time_point when;
     };
 
-    /// Follows the system object: devices that come and go, and the defaults.
+    /// Follows the manager's list and the defaults. A change of the list is one of 'dev#' on the system object, one of
+    /// a listed device as the manager sees it, of 'lnam' on that.
     DeviceFollower();
     ~DeviceFollower();
     DeviceFollower(const DeviceFollower&) = delete;
@@ -32,6 +33,7 @@ public:
     std::vector<Change> take();
 
 private:
+    void _add(std::vector<Change> changes);
     static HALStatus _note(AudioObjectID objectID, uint32_t count,
                            const AudioObjectPropertyAddress* addresses, void* follower);
 
@@ -39,4 +41,5 @@ private:
     std::set<AudioObjectID> _followed;
     std::mutex _mutex;
     std::vector<Change> _changes; // under the mutex
+    const DXRDeviceManager::NotifierBlock _notifier;
 };

@@ -6,6 +6,9 @@
 #include "ToolFailure.h"
 
 #include <algorithm>
+#include <charconv>
+#include <dxr/DXRDeviceManager.h>
+#include <dxr/QDL.h>
 #include <functional>
 
 namespace {
@@ -25,7 +28,7 @@ std::string quoted(const std::string& text)
     for (size_t i = 0; i < std::min(candidates.size(), shownCandidates); ++i) {
         const DeviceReport& candidate = candidates[i];
         line += formatText("\n  %u  %s  %s", candidate.deviceID,
-                           clipToWidth(singleLine(candidate.name), shownText).c_str(),
+                           clipToWidth(singleLine(candidate.displayName()), shownText).c_str(),
                            clipToWidth(singleLine(candidate.uid), shownText).c_str());
     }
     if (candidates.size() > shownCandidates)
@@ -33,18 +36,51 @@ std::string quoted(const std::string& text)
     throw ToolFailure(line);
 }
 
+/// The device that `wanted` names by ID or UID, when it hides.
+std::optional<DeviceReport> readHidden(const std::string& wanted)
+{
+    AudioObjectID deviceID = QDLAudioDeviceIDFromUID(wanted);
+    const auto [end, error] = std::from_chars(wanted.data(), wanted.data() + wanted.size(), deviceID);
+    if (error == std::errc() && end != wanted.data() + wanted.size())
+        deviceID = QDLAudioDeviceIDFromUID(wanted); // a UID that begins with digits
+    return deviceID != kAudioObjectUnknown && QDLAudioDeviceIsHidden(deviceID) ? DeviceReport::read(deviceID)
+                                                                               : std::nullopt;
+}
+
+DeviceReport findReferred(const std::string& text, std::optional<HALDirection> direction)
+{
+    const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(text);
+    if (!reference)
+        throw ToolFailure(quoted(text) + " is no device reference");
+    for (const HALDirection side : {HALDirection::Output, HALDirection::Input}) {
+        const bool isInput = side == HALDirection::Input;
+        if (direction.value_or(side) != side || reference->isInput().value_or(isInput) != isInput)
+            continue;
+        const CXRef<DXRDevice> device = DXRDeviceManager::sharedDeviceManager().deviceWithReference(
+            reference->deviceReferenceWithInput(isInput)->string());
+        const AudioObjectID deviceID = device ? device->deviceID() : kAudioObjectUnknown;
+        if (const std::optional<DeviceReport> report = DeviceReport::read(deviceID))
+            return *report;
+    }
+    throw ToolFailure("the device of the reference " + quoted(text) + " is not connected");
+}
+
 } // namespace
 
 DeviceReport DeviceLookup::find(const std::string& wanted, std::optional<HALDirection> direction)
 {
-    const std::vector<DeviceReport> all = DeviceReport::readAll();
+    if (isDeviceReference(wanted))
+        return findReferred(wanted, direction);
+    std::vector<DeviceReport> all = DeviceReport::readAll(DeviceReport::Hidden::No);
+    if (const std::optional<DeviceReport> hidden = readHidden(wanted))
+        all.push_back(*hidden);
     const auto hasDirection = [&](const DeviceReport& device) {
         return !direction || device[*direction].channelCount > 0;
     };
-    const auto isNamed = [&](const DeviceReport& device) { return device.name == wanted; };
+    const auto isNamed = [&](const DeviceReport& device) { return device.displayName() == wanted; };
     const std::string part = foldCase(wanted);
     const auto hasPart = [&](const DeviceReport& device) {
-        return !part.empty() && (foldCase(device.name).find(part) != std::string::npos ||
+        return !part.empty() && (foldCase(device.displayName()).find(part) != std::string::npos ||
                                  foldCase(device.uid).find(part) != std::string::npos);
     };
 
@@ -52,8 +88,8 @@ DeviceReport DeviceLookup::find(const std::string& wanted, std::optional<HALDire
         if (std::to_string(device.deviceID) != wanted && device.uid != wanted)
             continue;
         if (!hasDirection(device))
-            throw ToolFailure(
-                formatText("%s has no %s channels", quoted(device.name).c_str(), nameOf(*direction)));
+            throw ToolFailure(formatText("%s has no %s channels", quoted(device.displayName()).c_str(),
+                                         nameOf(*direction)));
         return device;
     }
     for (const std::function<bool(const DeviceReport&)>& matches :

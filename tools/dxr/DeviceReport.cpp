@@ -2,23 +2,38 @@
 
 #include "DeviceProperties.h"
 #include "DisplayText.h"
+#include "ToolFailure.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <dxr/CXFourCharCode.h>
+#include <dxr/DXRDeviceManager.h>
 #include <dxr/QDL.h>
+#include <set>
 
 namespace {
 
-std::vector<AudioObjectID> deviceIDs()
+std::set<AudioObjectID> deviceIDs(DeviceReport::Hidden hidden)
 {
-    uint32_t count = 0;
-    AudioObjectID* list = QDLAudioDeviceIDList(&count);
-    std::vector<AudioObjectID> devices(list, list + count);
-    std::free(list);
-    std::ranges::sort(devices);
+    std::set<AudioObjectID> devices;
+    for (const CXRef<DXRDevice>& device : DXRDeviceManager::sharedDeviceManager().connectedDevices())
+        devices.insert(device->deviceID());
+    devices.erase(kAudioObjectUnknown); // one that went meanwhile
+    if (hidden == DeviceReport::Hidden::Yes) {
+        uint32_t count = 0;
+        AudioObjectID* list = QDLAudioDeviceIDList(&count);
+        devices.insert(list, list + count);
+        std::free(list);
+    }
     return devices;
+}
+
+void readManaged(AudioObjectID deviceID, bool input, DirectionReport& report)
+{
+    report.device = DXRDeviceManager::sharedDeviceManager().deviceWithDeviceID(deviceID, input);
+    if (report.device)
+        report.displayName = report.device->displayName();
 }
 
 std::vector<DirectionReport::Stream> readStreams(AudioObjectID deviceID, HALDirection direction)
@@ -63,6 +78,8 @@ DirectionReport readDirection(AudioObjectID deviceID, HALDirection direction)
     };
     DirectionReport report;
     report.channelCount = QDLAudioDeviceChannelCount(deviceID, input);
+    if (report.channelCount > 0)
+        readManaged(deviceID, input, report);
     report.streams = readStreams(deviceID, direction);
     report.sources = readSources(deviceID, direction);
     report.currentSource = word(kAudioDevicePropertyDataSource);
@@ -111,6 +128,8 @@ CXPlist directionJSON(const DirectionReport& report)
     for (const std::optional<float>& volume : report.channelVolumes)
         channelVolumes.push_back(volumeJSON(volume));
     return {{"channels", report.channelCount},
+            {"display_name", report.device ? CXPlist(report.displayName) : CXPlist(nullptr)},
+            {"reference", report.device ? CXPlist(report.device->reference()->string()) : CXPlist(nullptr)},
             {"streams", streams},
             {"sources", sources},
             {"source", current},
@@ -175,19 +194,38 @@ std::optional<DeviceReport> DeviceReport::read(AudioObjectID deviceID)
     return isThere(deviceID) ? std::optional(report) : std::nullopt;
 }
 
-std::vector<DeviceReport> DeviceReport::readAll()
+std::vector<DeviceReport> DeviceReport::readAll(Hidden hidden)
 {
     std::vector<DeviceReport> reports;
-    for (const AudioObjectID deviceID : deviceIDs())
+    for (const AudioObjectID deviceID : deviceIDs(hidden))
         if (std::optional<DeviceReport> report = read(deviceID))
             reports.push_back(std::move(*report));
     return reports;
 }
 
+const std::string& DeviceReport::displayName() const
+{
+    for (const HALDirection direction : {HALDirection::Output, HALDirection::Input}) {
+        if ((*this)[direction].device)
+            return (*this)[direction].displayName;
+    }
+    return name;
+}
+
+CXRef<DXRDevice> DeviceReport::device(std::optional<HALDirection> direction) const
+{
+    const HALDirection shown = direction.value_or(
+        (*this)[HALDirection::Output].channelCount > 0 ? HALDirection::Output : HALDirection::Input);
+    const CXRef<DXRDevice>& found = (*this)[shown].device;
+    if (!found)
+        throw ToolFailure(shortName() + " has no " + nameOf(shown) + " channels");
+    return found;
+}
+
 std::string DeviceReport::shortName() const
 {
     constexpr size_t columns = 40;
-    const std::string shown = clipToWidth(singleLine(name), columns);
+    const std::string shown = clipToWidth(singleLine(displayName()), columns);
     return shown.empty() ? "(no name)" : shown;
 }
 

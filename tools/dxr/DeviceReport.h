@@ -3,6 +3,7 @@
 #include <array>
 #include <dxr/AudioHardware.h>
 #include <dxr/CXPlist.h>
+#include <dxr/DXRDevice.h>
 #include <dxr/HALDirection.h>
 #include <optional>
 #include <string>
@@ -10,6 +11,8 @@
 
 /// What a device says of itself in one direction.
 struct DirectionReport {
+    CXRef<DXRDevice> device; ///< the manager's; none when the manager does not know it (yet)
+    std::string displayName; ///< told from devices of the same name by a number
     struct Stream {
         AudioObjectID objectID = kAudioObjectUnknown;
         uint32_t channelCount = 0;
@@ -60,14 +63,19 @@ struct DeviceReport {
 
     /// The device as it is now; nothing when it is gone.
     static std::optional<DeviceReport> read(AudioObjectID deviceID);
-    /// Every device there is, by ID.
-    static std::vector<DeviceReport> readAll();
+    /// Every device there is, by ID; those that hide only on demand.
+    enum class Hidden { No, Yes };
+    static std::vector<DeviceReport> readAll(Hidden hidden);
 
     const DirectionReport& operator[](HALDirection direction) const
     {
         return directions[static_cast<size_t>(direction)];
     }
-    /// The name, made printable and cut to fit into a line among other things.
+    /// The name to show: told from those of other devices of the same name.
+    const std::string& displayName() const;
+    /// The device object of the direction; where that is open, the output's if there is one. Throws ToolFailure.
+    CXRef<DXRDevice> device(std::optional<HALDirection> direction) const;
+    /// The display name, made printable and cut to fit into a line among other things.
     std::string shortName() const;
     /// "usb", "built-in", …; the code's four characters for one that has no name.
     std::string transportName() const;

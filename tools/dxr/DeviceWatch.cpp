@@ -1,10 +1,10 @@
 #include "DeviceWatch.h"
 
+#include "DeviceProperties.h"
 #include "DisplayText.h"
 #include "TextFormat.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
 #include <dxr/QDL.h>
 
@@ -84,7 +84,7 @@ std::vector<Difference> differences(const CXPlist& before, const CXPlist& after,
     std::vector<Difference> found;
     for (const auto& [key, value] : after.items()) {
         const CXPlist& old = before[key];
-        if (old == value || key.starts_with("default_")) // defaults have events of their own
+        if (old == value || key.starts_with("default_") || key == "reference") // told of in other ways
             continue;
         if (prefix.empty() && (key == "inputs" || key == "outputs"))
             std::ranges::move(differences(old, value, key + "/"), std::back_inserter(found));
@@ -92,6 +92,16 @@ std::vector<Difference> differences(const CXPlist& before, const CXPlist& after,
             found.push_back({prefix + key, old, value});
     }
     return found;
+}
+
+/// Whether a display name changes because the name does, which is told already: it gets or loses no number.
+bool isOfRename(const Difference& difference, const std::string& name)
+{
+    const auto isNumbered = [&](const CXPlist& shown) {
+        return shown.is_string() && shown.get_ref<const std::string&>().starts_with(name + " ");
+    };
+    return difference.key.ends_with("/display_name") && !isNumbered(difference.from) &&
+           !isNumbered(difference.to);
 }
 
 std::string labelOf(std::string key)
@@ -131,6 +141,17 @@ std::string DeviceWatch::Event::text() const
         break;
     }
     return start + device.shortName();
+}
+
+std::string DeviceWatch::Event::identity() const
+{
+    std::string text;
+    for (const HALDirection direction : halDirections) {
+        if (const CXRef<DXRDevice>& object = device[direction].device)
+            text += (text.empty() ? "" : ", ") +
+                    formatText("%s %p", nameOf(direction), static_cast<const void*>(object.get()));
+    }
+    return text;
 }
 
 std::string DeviceWatch::Event::shortText() const
@@ -183,10 +204,10 @@ std::vector<DeviceWatch::Event> DeviceWatch::next()
 
 void DeviceWatch::_meetDevices(Moment when, Kind kind, std::vector<Event>& events)
 {
-    uint32_t count = 0;
-    AudioObjectID* list = QDLAudioDeviceIDList(&count);
-    const std::set<AudioObjectID> present(list, list + count);
-    std::free(list);
+    std::set<AudioObjectID> present;
+    for (const DeviceReport& report :
+         DeviceReport::readAll(_withHidden ? DeviceReport::Hidden::Yes : DeviceReport::Hidden::No))
+        present.insert(report.deviceID);
     for (auto known = _known.begin(); known != _known.end();) {
         if (present.contains(known->first)) {
             ++known;
@@ -222,6 +243,8 @@ void DeviceWatch::_readAgain(AudioObjectID deviceID, Moment when, std::vector<Ev
     const DeviceReport& now = known->second;
     if (_isShown(before) && _isShown(now)) {
         for (Difference& difference : differences(before.json(), now.json())) {
+            if (isOfRename(difference, now.name))
+                continue;
             events.push_back({Kind::Changed, when, now, std::move(difference.key), std::move(difference.from),
                               std::move(difference.to)});
         }
@@ -241,6 +264,9 @@ void DeviceWatch::_readDefaults(Moment when, std::vector<Event>& events)
         const auto before = _defaults.find(which);
         if (before != _defaults.end() && before->second == deviceID)
             continue;
+        if (deviceID != kAudioObjectUnknown && !_known.contains(deviceID) &&
+            !QDLAudioDeviceIsHidden(deviceID))
+            continue; // it is not listed yet; when it is, the defaults are looked at again
         const bool isFirst = before == _defaults.end();
         _defaults[which] = deviceID;
         const auto known = _known.find(deviceID);

@@ -19,6 +19,8 @@ public:
         CXPlist to;          ///< of a change: now
         /// One line without its time, e.g. "changed       USB Mic: output volume 50% -> 62%".
         std::string text() const;
+        /// Which objects stand for the device's directions: "input 0x55…, output 0x55…".
+        std::string identity() const;
         /// Of a change: the value that it has now, e.g. "output volume 62%".
         std::string shortText() const;
         CXPlist json() const;

@@ -76,6 +76,8 @@ void printDirection(const Terminal& terminal, const DeviceReport& device, HALDir
     std::cout << (direction.isDefault ? "  default" : "")
               << (direction.isDefaultSystem ? "  default for sounds" : "") << "\n";
     printField(terminal, "  Channels", std::to_string(direction.channelCount));
+    if (direction.device)
+        printField(terminal, "  Reference", singleLine(direction.device->reference()->string()));
     printField(terminal, "  Streams", joined(direction.streams, [](const DirectionReport::Stream& stream) {
                    return formatText("%u (%s)", stream.objectID,
                                      formatCount(stream.channelCount, "channel", "channels").c_str());
@@ -109,7 +111,7 @@ void run(const Options& options)
         std::cout << jsonText(device.json(), 2, terminal.isLive()) << "\n";
         return;
     }
-    std::cout << terminal.styled(singleLine(device.name), Style::Bold) << "\n";
+    std::cout << terminal.styled(singleLine(device.displayName()), Style::Bold) << "\n";
     printField(terminal, "ID", std::to_string(device.deviceID));
     printField(terminal, "UID", singleLine(device.uid));
     printField(terminal, "Manufacturer", singleLine(device.manufacturer));
@@ -137,7 +139,8 @@ void registerInfoCommand(CLI::App& app)
 {
     CLI::App* command = app.add_subcommand("info", "Show everything about one device");
     const auto options = std::make_shared<Options>(*command);
-    command->add_option("device", options->device, "Its ID, UID, or a part of its name")->required();
+    command->add_option("device", options->device, "Its ID, UID, reference, or a part of its name")
+        ->required();
     command->add_flag("--json", options->json, "As JSON");
     command->callback([options] { run(*options); });
 }

@@ -49,9 +49,8 @@ std::string defaultText(const DeviceReport& device)
 void run(const Options& options)
 {
     options.hardware.apply();
-    std::vector<DeviceReport> devices = DeviceReport::readAll();
-    if (!options.all)
-        std::erase_if(devices, [](const DeviceReport& device) { return device.isHidden; });
+    const std::vector<DeviceReport> devices =
+        DeviceReport::readAll(options.all ? DeviceReport::Hidden::Yes : DeviceReport::Hidden::No);
     const Terminal terminal;
     if (options.json) {
         CXPlist list = CXPlist::array();
@@ -84,7 +83,7 @@ std::vector<std::string> deviceTable(const std::vector<DeviceReport>& devices, s
                  {"DEFAULT", 0, false, 4},
                  {"UID", leastName, false, 1}});
     for (const DeviceReport& device : devices) {
-        const std::string name = singleLine(device.name);
+        const std::string name = singleLine(device.displayName());
         const std::string uid = singleLine(device.uid);
         Table::Row row;
         row.cells = {std::to_string(device.deviceID),

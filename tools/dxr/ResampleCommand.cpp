@@ -44,7 +44,8 @@ public:
     {
         _mayHaveMore = _mayHaveMore && _reader.fill(_input);
         uint64_t frames = _input.readableFrames();
-        std::vector<float> samples(blockFrames * _reader.channelCount()); // silent past the input's end
+        std::vector<float> samples(size_t{blockFrames} *
+                                   _reader.channelCount()); // silent past the input's end
         for (uint64_t frame = 0; frame < frames; ++frame)
             std::copy_n(_input.frameToRead(frame), _reader.channelCount(),
                         &samples[frame * _reader.channelCount()]);

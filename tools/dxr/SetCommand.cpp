@@ -182,7 +182,8 @@ void registerSetCommand(CLI::App& app)
 {
     CLI::App* command = app.add_subcommand("set", "Change a device's volume, mute, source or rate");
     const auto options = std::make_shared<Options>(*command);
-    command->add_option("device", options->device, "Its ID, UID, or a part of its name")->required();
+    command->add_option("device", options->device, "Its ID, UID, reference, or a part of its name")
+        ->required();
     command->add_option("--volume", options->volume, "0 to 1, or 0% to 100%");
     command->add_option("--channel", options->channel, "Only this channel, from 1")
         ->check(CLI::PositiveNumber);

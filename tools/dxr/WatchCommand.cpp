@@ -20,6 +20,7 @@ struct Options {
     HardwareChoice hardware;
     bool all = false;
     bool json = false;
+    bool identity = false;
 };
 
 std::string localTime(std::chrono::system_clock::time_point when)
@@ -54,11 +55,17 @@ Style styleOf(DeviceWatch::Kind kind)
 void print(const std::vector<DeviceWatch::Event>& events, const Options& options, const Terminal& terminal)
 {
     for (const DeviceWatch::Event& event : events) {
-        if (options.json)
-            std::cout << jsonText(event.json(), -1, terminal.isLive()) << std::endl;
-        else
+        const std::string identity = options.identity ? event.identity() : "";
+        if (options.json) {
+            CXPlist line = event.json();
+            if (options.identity)
+                line["identity"] = identity;
+            std::cout << jsonText(line, -1, terminal.isLive()) << std::endl;
+        } else {
             std::cout << terminal.styled(localTime(event.when), Style::Dim) << "  "
-                      << terminal.styled(event.text(), styleOf(event.kind)) << std::endl;
+                      << terminal.styled(event.text(), styleOf(event.kind))
+                      << (identity.empty() ? "" : "  [" + identity + "]") << std::endl;
+        }
         if (!std::cout)
             throw ToolFailure("cannot write to standard output");
     }
@@ -88,5 +95,7 @@ void registerWatchCommand(CLI::App& app)
     const auto options = std::make_shared<Options>(*command);
     command->add_flag("--all", options->all, "Hidden devices too");
     command->add_flag("--json", options->json, "A JSON object per line");
+    command->add_flag("--identity", options->identity,
+                      "Which objects stand for each device: the same after a replug");
     command->callback([options] { run(*options); });
 }

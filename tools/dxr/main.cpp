@@ -1,4 +1,5 @@
 #include "AggregateCommand.h"
+#include "ArchiveCommand.h"
 #include "DemoCommand.h"
 #include "InfoCommand.h"
 #include "Interrupts.h"
@@ -7,6 +8,7 @@
 #include "PlayCommand.h"
 #include "PlotResponseCommand.h"
 #include "RecordCommand.h"
+#include "RememberCommand.h"
 #include "ResampleCommand.h"
 #include "SetCommand.h"
 #include "ToolFailure.h"
@@ -26,6 +28,8 @@ void registerCommands(CLI::App& app)
     registerWatchCommand(app);
     registerInfoCommand(app);
     registerSetCommand(app);
+    registerRememberCommands(app);
+    registerArchiveCommands(app);
     registerLoopCommand(app);
     registerPlayCommand(app);
     registerRecordCommand(app);

@@ -2,6 +2,7 @@
 
 #include "Lanes.h"
 
+#include <bit>
 #include <immintrin.h>
 
 // What the compilers do not find by themselves: each is one instruction. Only for kernel sources; the widths
@@ -11,7 +12,7 @@ namespace {
 
 #ifdef __AVX512F__
 // The masked forms compile to the plain instructions, whose own form gcc 12 takes for uninitialised.
-constexpr __mmask16 everyLane = 0xFFFF;
+inline constexpr __mmask16 everyLane = 0xFFFF;
 #endif
 
 /// `limit` where x is above it; a NaN stays.
@@ -53,6 +54,53 @@ template <int count> inline Ints<count> toInts(Shorts<count> v)
     else
 #endif
         return __builtin_convertvector(v, Ints<count>);
+}
+
+/// `low` and above it `high`.
+template <int count>
+inline Lanes<2 * count> joined([[maybe_unused]] Lanes<count> low, [[maybe_unused]] Lanes<count> high)
+{
+    static_assert(count >= 4, "no vectors of two floats");
+#ifdef __AVX512F__
+    if constexpr (count == 8)
+        return _mm512_insertf32x8(_mm512_castps256_ps512(low), high, 1);
+    else
+#endif
+#ifdef __AVX__
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(low), high, 1);
+#endif
+}
+
+/// Each x times `negative` where its sign is set in `signs`, else times `positive`.
+template <int count>
+inline Lanes<count> scaledBySign(Lanes<count> x, Ints<count> signs, float negative, float positive)
+{
+#ifdef __AVX512F__
+    if constexpr (count == 16)
+        return _mm512_mask_mul_ps(x * positive, _mm512_movepi32_mask(reinterpret_cast<__m512i>(signs)), x,
+                                  allLanes<count>(negative));
+#endif
+    // By the bits: chosen with a mask made of the sign.
+    const int32_t below = std::bit_cast<int32_t>(negative), above = std::bit_cast<int32_t>(positive);
+    return x * reinterpret_cast<Lanes<count>>(((signs >> 31) & (below - above)) + above);
+}
+
+/// The sums, cut off at the ends of 16 bits.
+template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
+{
+#ifdef __AVX2__
+    if constexpr (count == 16)
+        return reinterpret_cast<Shorts<count>>(
+            _mm256_adds_epi16(reinterpret_cast<__m256i>(a), reinterpret_cast<__m256i>(b)));
+#endif
+    if constexpr (count == 8)
+        return reinterpret_cast<Shorts<count>>(
+            _mm_adds_epi16(reinterpret_cast<__m128i>(a), reinterpret_cast<__m128i>(b)));
+    if constexpr (count == 4) {
+        const __m128i sum = _mm_adds_epi16(_mm_set_epi64x(0, reinterpret_cast<int64_t>(a)),
+                                           _mm_set_epi64x(0, reinterpret_cast<int64_t>(b)));
+        return reinterpret_cast<Shorts<count>>(static_cast<int64_t>(_mm_cvtsi128_si64(sum)));
+    }
 }
 
 /// Cut to whole numbers and to their low 16 bits; NaN gives 0, because its whole number is -2^31.

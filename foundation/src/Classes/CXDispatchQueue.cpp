@@ -23,6 +23,7 @@ namespace {
 constexpr uint32_t laneMask = 0xFF;
 constexpr uint32_t cancelRequested = 1;
 constexpr uint32_t cancelFinished = 2;
+constexpr size_t itemsAtHand = 1000;
 
 void assertThat(bool condition, long line)
 {
@@ -46,13 +47,23 @@ uint64_t laterBy(uint64_t a, uint64_t b) noexcept
 
 } // namespace
 
-/// A piece of work on its way.
-struct CXDispatchQueue::Item {
-    Item(uint32_t itemLane, bool isFromAllocator) noexcept : lane(itemLane), isAsynchronous(isFromAllocator)
+/// A piece of work on its way: a link, with what there is to know about the item in the bits that an address
+/// leaves free. So four asynchronous items fit into the cache line that has to go from thread to thread.
+struct alignas(8) CXDispatchQueue::Item {
+    Item(uint32_t lane, bool isAsynchronous) noexcept : _word(lane | (isAsynchronous ? asynchronousBit : 0))
     {}
-    Item* next = nullptr; // on the stack: pushed before; in a lane: to run after
-    const uint32_t lane;
-    const bool isAsynchronous; // which of the two below
+    uint32_t lane() const noexcept { return static_cast<uint32_t>(_word & laneBit); }
+    /// Which of the two below it is.
+    bool isAsynchronous() const noexcept { return (_word & asynchronousBit) != 0; }
+    /// On the stack: pushed before; in a lane: to run after.
+    Item* next() const noexcept { return reinterpret_cast<Item*>(_word & ~flagBits); } // NOLINT: bits apart
+    void setNext(Item* item) noexcept { _word = (_word & flagBits) | reinterpret_cast<uintptr_t>(item); }
+
+private:
+    static constexpr uintptr_t laneBit = 1;
+    static constexpr uintptr_t asynchronousBit = 2;
+    static constexpr uintptr_t flagBits = laneBit | asynchronousBit;
+    uintptr_t _word;
 };
 
 /// From the fast allocator, gone after it has run.
@@ -105,6 +116,7 @@ public:
     uint64_t deadline = 0;      // host ticks; 0: not scheduled
     uint64_t absoluteStart = 0; // host ticks; 0: none
     uint64_t interval = 0;      // host ticks; 0: one-shot
+    uint64_t pass = 0;          // when it was called last
 
 private:
     explicit TimerEntry(const CXRef<CXDispatchTimer>& entryTimer) : timer(entryTimer) { reload(); }
@@ -115,6 +127,9 @@ private:
 
 CXRef<CXDispatchQueue> CXDispatchQueue::initWithName(std::optional<std::string> name)
 {
+    // Once for all queues: the first push from an IO thread must not be what asks the system for the first
+    // chunk. Where that fails, a push will say so.
+    [[maybe_unused]] static const bool hasItems = TFA_reserve(sizeof(AsynchronousItem), itemsAtHand);
     CXRef<CXDispatchQueue> queue = CXRef<CXDispatchQueue>::adopt(new CXDispatchQueue(std::move(name)));
     platform::Reply started;
     try {
@@ -283,10 +298,11 @@ void CXDispatchQueue::_bypass(Drain drain, BorrowedWork block)
 /// Leaves `item` on the stack. Whether the right to drain came with it: the queue was idle.
 bool CXDispatchQueue::_push(Item& item) noexcept
 {
-    const bool isUrgent = item.lane == CXDispatchHousekeepingLane;
+    const bool isUrgent = item.lane() == CXDispatchHousekeepingLane;
     platform::BackOff backOff;
     Item* head = _queue.load(std::memory_order_relaxed);
-    for (item.next = head; !_queue.compare_exchange_strong(head, &item); item.next = head) {
+    const auto linkTo = [&item](Item* before) { item.setNext(before == mark() ? nullptr : before); };
+    for (linkTo(head); !_queue.compare_exchange_strong(head, &item); linkTo(head)) {
         backOff.wait();
         head = _queue.load(std::memory_order_relaxed);
     }
@@ -373,6 +389,7 @@ bool CXDispatchQueue::_giveUpIfIdle()
         return true;
     }
     _needsThread = false;
+    _spentItems.giveBack();
     const pthread_t self = owner();
     _owner.store(0, std::memory_order_relaxed);
     Item* head = mark();
@@ -392,6 +409,7 @@ bool CXDispatchQueue::_giveUpIfIdle()
 void CXDispatchQueue::_handOver()
 {
     _needsThread = false;
+    _spentItems.giveBack();
     _owner.store(0, std::memory_order_relaxed);
     _wakeThread();
 }
@@ -399,24 +417,37 @@ void CXDispatchQueue::_handOver()
 /// Moves everything on the stack to the lanes, in order of arrival.
 void CXDispatchQueue::_takeArrivals() noexcept
 {
-    _urgent.store(false,
-                  std::memory_order_relaxed); // before the exchange: what is raised after it stays raised
+    // Before the exchange: what is raised after it stays raised.
+    _urgent.store(false, std::memory_order_relaxed);
     Item* newest = _queue.exchange(mark());
-    Item* oldest = nullptr;
-    while (newest != nullptr && newest != mark()) {
-        Item* const before = newest->next;
-        newest->next = oldest;
-        oldest = newest;
-        newest = before;
+    if (newest == mark())
+        return;
+    Lane arrivals[2];
+    while (newest !=
+           nullptr) { // one pass: most of the time goes into fetching the items from the other processor
+        Item* const item = newest;
+        newest = item->next();
+        Lane& lane = arrivals[item->lane()];
+        if (lane.last == nullptr)
+            lane.last = item;
+        item->setNext(lane.first);
+        lane.first = item;
     }
-    while (oldest != nullptr) {
-        Item* const item = oldest;
-        oldest = item->next;
-        item->next = nullptr;
-        Lane& lane = _lanes[item->lane];
-        (lane.last != nullptr ? lane.last->next : lane.first) = item;
-        lane.last = item;
-    }
+    for (uint32_t lane : {CXDispatchHousekeepingLane, CXDispatchClientLane})
+        _append(arrivals[lane], lane);
+}
+
+/// Puts a chain of items behind what the lane has.
+void CXDispatchQueue::_append(const Lane& chain, uint32_t index) noexcept
+{
+    if (chain.first == nullptr)
+        return;
+    Lane& lane = _lanes[index];
+    if (lane.last != nullptr)
+        lane.last->setNext(chain.first);
+    else
+        lane.first = chain.first;
+    lane.last = chain.last;
 }
 
 /// Takes the first item of a lane; null when it is empty.
@@ -426,7 +457,7 @@ CXDispatchQueue::Item* CXDispatchQueue::_next(uint32_t index) noexcept
     Item* const item = lane.first;
     if (item == nullptr)
         return nullptr;
-    lane.first = item->next;
+    lane.first = item->next();
     if (lane.first == nullptr)
         lane.last = nullptr;
     return item;
@@ -435,12 +466,12 @@ CXDispatchQueue::Item* CXDispatchQueue::_next(uint32_t index) noexcept
 /// Runs an item, which is gone afterwards.
 void CXDispatchQueue::_invoke(Item* item) noexcept
 {
-    if (item->isAsynchronous) {
+    if (item->isAsynchronous()) {
         auto* const asynchronous = static_cast<AsynchronousItem*>(item);
         if (asynchronous->block)
             asynchronous->block();
         asynchronous->~AsynchronousItem();
-        TFA_free(asynchronous);
+        _spentItems.add(asynchronous);
     } else {
         auto* const synchronous = static_cast<SynchronousItem*>(item);
         run(synchronous->block);
@@ -538,13 +569,15 @@ void CXDispatchQueue::_cancelTimers()
         timer->cancel();
 }
 
-/// With the right, on the queue's thread: calls what is due.
+/// With the right, on the queue's thread: calls what is due, each once. A handler that arms its timer in the past
+/// again and again is called between the queue's work, not instead of it.
 void CXDispatchQueue::_fireTimers() noexcept
 {
     _becomeOwner();
     const uint64_t now = HostClock::nowTicks();
-    while (_firstTimer != nullptr && _firstTimer->deadline <= now) {
-        const CXRef<TimerEntry> entry(_firstTimer); // its handler may remove it
+    ++_timerPass;
+    while (const CXRef<TimerEntry> entry = _nextDue(now)) { // a reference: its handler may remove it
+        entry->pass = _timerPass;
         _unschedule(*entry);
         entry->advance(now);
         _schedule(*entry);
@@ -552,6 +585,15 @@ void CXDispatchQueue::_fireTimers() noexcept
             handler(entry->timer);
     }
     _owner.store(0, std::memory_order_relaxed);
+}
+
+/// The first timer that is due and has not been called in this pass; null when there is none.
+CXRef<CXDispatchQueue::TimerEntry> CXDispatchQueue::_nextDue(uint64_t now) const noexcept
+{
+    TimerEntry* entry = _firstTimer;
+    while (entry != nullptr && entry->pass == _timerPass)
+        entry = entry->next;
+    return CXRef<TimerEntry>(entry != nullptr && entry->deadline <= now ? entry : nullptr);
 }
 
 /// Enters the entry into the list by its deadline, or its start, or its interval from now; without any of

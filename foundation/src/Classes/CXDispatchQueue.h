@@ -5,6 +5,7 @@
 #include "CXQueueChecks.h"
 #include "CXRef.h"
 #include "PortSet.h"
+#include "TFASpentBlocks.h"
 
 #include <atomic>
 #include <cstdint>
@@ -26,9 +27,10 @@ inline constexpr uint32_t CXDispatchAfterCancel = 0x100;  ///< allowed once the 
 /// Lane 0 overtakes lane 1: before each item of lane 1 runs, everything of lane 0 that has arrived has run.
 /// Within a lane, order of arrival.
 /// Threads:   any, unless a method says otherwise. A callback that throws ends the process.
-/// Real time: pushing asynchronous work made beforehand (making a CXBlock of a lambda allocates), and a
-/// bypass,
-///            which on an idle queue neither waits nor wakes anybody. The synchronous forms wait.
+/// Real time: pushing asynchronous work made beforehand (making a CXBlock of a lambda allocates), as long as no
+///            more than a thousand pieces wait in the whole process (TFA_reserve for 16 bytes prepares for
+///            more); and a bypass, which on an idle queue neither waits nor wakes anybody. The synchronous
+///            forms wait.
 /// Fails:     wrong use asserts, with "CXDispatchQueue" and a line: a lane other than 0 and 1, work for a
 ///            cancelled queue, waiting for the queue from itself.
 /// Its thread keeps a queue alive until it is cancelled and its work is done.
@@ -95,6 +97,11 @@ private:
     struct AsynchronousItem;
     struct SynchronousItem;
     class TimerEntry;
+    /// Items one behind the other.
+    struct Lane {
+        Item* first = nullptr;
+        Item* last = nullptr;
+    };
     enum class Drain { UntilIdle, Once };
 
     explicit CXDispatchQueue(std::optional<std::string> name);
@@ -117,6 +124,7 @@ private:
     bool _giveUpIfIdle() CX_REALTIME;
     void _handOver() CX_REALTIME;
     void _takeArrivals() noexcept CX_REALTIME;
+    void _append(const Lane& chain, uint32_t lane) noexcept CX_REALTIME;
     Item* _next(uint32_t lane) noexcept CX_REALTIME;
     void _invoke(Item* item) noexcept CX_REALTIME;
     bool _areLanesEmpty() const noexcept { return _lanes[0].first == nullptr && _lanes[1].first == nullptr; }
@@ -126,6 +134,7 @@ private:
     void _workloop();
     void _deliver(const platform::PortSet::Event& event) noexcept;
     void _fireTimers() noexcept;
+    CXRef<TimerEntry> _nextDue(uint64_t now) const noexcept;
     void _schedule(TimerEntry& entry) noexcept;
     void _unschedule(TimerEntry& entry) noexcept;
     void _publishFirstDeadline() noexcept;
@@ -165,14 +174,12 @@ private:
 
     // --- Guarded by the right to drain ---
     alignas(64) std::atomic<pthread_t> _owner{0}; // read by all, each for a look whether it is itself
-    struct Lane {
-        Item* first = nullptr;
-        Item* last = nullptr;
-    };
-    Lane _lanes[2]; // taken from the stack, in order of arrival
+    Lane _lanes[2];                               // taken from the stack, in order of arrival
+    TFASpentBlocks _spentItems;
     std::map<const CXDispatchTimer*, CXRef<TimerEntry>> _timerMap;
     TimerEntry* _firstTimer = nullptr; // by ascending deadline, equal ones in the order they were scheduled
     TimerEntry* _lastTimer = nullptr;
+    uint64_t _timerPass = 0;
     // Something only the queue's thread can do: a borrower sends it the right instead of giving it up.
     bool _needsThread = false;
     bool _wantsRealTime = false;

@@ -8,6 +8,10 @@
 
 namespace {
 
+// A reader changes the word twice and the object's count twice: one that has lost stays away for a good many
+// reads of the other, or both spend their time on fetching the two cache lines.
+constexpr uint32_t pausesAfterLoss = 24;
+
 constexpr uint64_t readerMask = 0xFFF;
 constexpr unsigned indexShift = 12;
 constexpr uint64_t indexMask = 0x3FF;
@@ -79,7 +83,7 @@ CXRef<CXObject> CXLockFreeReference::copyObjectReference() const
 /// Finds the current object and counts the caller as its reader.
 CXLockFreeReference::Reading CXLockFreeReference::_enter(long overflowLine) const
 {
-    platform::BackOff backOff;
+    platform::BackOff backOff(pausesAfterLoss);
     uint64_t word = _girc.load(std::memory_order_acquire);
     for (;;) {
         if (indexOf(word) == noObject)
@@ -98,8 +102,8 @@ CXLockFreeReference::Reading CXLockFreeReference::_enter(long overflowLine) cons
 /// back instead. The caller keeps the retain that it made itself or was never counted without.
 void CXLockFreeReference::_leave(const Reading& reading, long underflowLine) const
 {
-    platform::BackOff backOff;
-    uint64_t word = _girc.load(std::memory_order_acquire);
+    platform::BackOff backOff(pausesAfterLoss);
+    uint64_t word = reading.word + 1; // as this reader left it, and as it mostly still is
     while (isSameObject(word, reading.word)) {
         assertThat((word & readerMask) != 0, underflowLine);
         if (_girc.compare_exchange_strong(word, word - 1))
@@ -160,7 +164,7 @@ bool CXLockFreeReference::setObjectReference(const CXRef<CXObject>& object, cons
 /// reader, and every other reader counted leaves with a retain made here.
 bool CXLockFreeReference::_replace(const Reading& old, uint32_t newIndex)
 {
-    platform::BackOff backOff;
+    platform::BackOff backOff(pausesAfterLoss);
     uint64_t word = _girc.load(std::memory_order_acquire);
     while (isSameObject(word, old.word)) {
         uint64_t others = 0;

@@ -2,6 +2,7 @@
 
 #include "AtomicStack.h"
 #include "PageMapping.h"
+#include "TFASpentBlocks.h"
 
 #include <algorithm>
 #include <bit>
@@ -164,6 +165,28 @@ void TFA_free(void* pointer) noexcept
         return;
     const unsigned sizeClass = checkedClassOf(pointer);
     gAllocationQueues[sizeClass].push(new (pointer) AtomicStack::Link);
+}
+
+void TFASpentBlocks::add(void* block) noexcept
+{
+    auto* const link = new (block) AtomicStack::Link;
+    link->next.store(static_cast<AtomicStack::Link*>(_first), std::memory_order_relaxed);
+    _first = link;
+    if (!_last)
+        _last = link;
+    if (++_count == mostBlocks)
+        giveBack();
+}
+
+void TFASpentBlocks::giveBack() noexcept
+{
+    if (!_first)
+        return;
+    gAllocationQueues[checkedClassOf(_first)].pushChain(static_cast<AtomicStack::Link*>(_first),
+                                                        static_cast<AtomicStack::Link*>(_last));
+    _first = nullptr;
+    _last = nullptr;
+    _count = 0;
 }
 
 void* TFA_calloc(size_t count, size_t size) noexcept

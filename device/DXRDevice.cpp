@@ -1,0 +1,732 @@
+#include "DXRDevice.h"
+
+#include "CXErrorAdditions.h"
+#include "CXJSON.h"
+#include "CXPlistAdditions.h"
+#include "DXRDebugLog.h"
+#include "DXRDeviceHardware.h"
+#include "DXRDeviceOverrides.h"
+#include "GlobalQueue.h"
+#include "HALReadFailures.h"
+#include "QDL.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace {
+
+constexpr uint64_t settlingNanoseconds = 250'000'000;
+constexpr uint32_t archiveVersion = 1;
+constexpr const char* absentMark = "⚠️ ";
+
+constexpr std::array listenedAddresses{
+    AudioObjectPropertyAddress{kAudioObjectPropertySelectorWildcard, kAudioObjectPropertyScopeWildcard,
+                               kAudioObjectPropertyElementWildcard},
+    AudioObjectPropertyAddress{kAudioObjectPropertyName, kAudioObjectPropertyScopeWildcard,
+                               kAudioObjectPropertyElementMain},
+};
+
+bool isNumber(const CXPlist& value)
+{
+    return value.is_number() || value.is_boolean();
+}
+
+/// A number as an unsigned 32-bit one, cut towards zero; nothing when it is none or does not fit.
+std::optional<uint32_t> wordIn(const CXPlist& value)
+{
+    if (!isNumber(value))
+        return std::nullopt;
+    const double number = CXDoubleValue(value);
+    if (!(number >= 0.0 && number < 4294967296.0))
+        return std::nullopt;
+    return static_cast<uint32_t>(number);
+}
+
+/// The items of an array when `accepts` all of them, each as an Item; else none.
+template <class Item, class Accepts> std::vector<Item> itemsIn(const CXPlist& array, const Accepts& accepts)
+{
+    std::vector<Item> items;
+    if (!array.is_array() || !std::ranges::all_of(array, accepts))
+        return items;
+    for (const CXPlist& item : array) {
+        if constexpr (std::is_arithmetic_v<Item>)
+            items.push_back(static_cast<Item>(CXDoubleValue(item)));
+        else
+            items.push_back(item.template get<Item>());
+    }
+    return items;
+}
+
+std::string stringIn(const CXPlist& dictionary, const char* key)
+{
+    const CXPlist value = vtObjectForKey(dictionary, key, CXPlistKind::String);
+    return value.is_string() ? value.get<std::string>() : std::string();
+}
+
+double numberIn(const CXPlist& dictionary, const char* key, double fallback)
+{
+    const CXPlist value = vtObjectForKey(dictionary, key, CXPlistKind::Number);
+    return value.is_null() ? fallback : CXDoubleValue(value);
+}
+
+std::string joined(const std::string& first, const char* separator, const std::string& second)
+{
+    return first.empty() || second.empty() ? first + second : first + separator + second;
+}
+
+} // namespace
+
+/// What one refresh has read.
+struct DXRDevice::Readings {
+    uint64_t ticket;
+    std::optional<uint64_t> volumeWrites; // before it was read; none: a write was settling
+    uint32_t channelCount;
+    std::string manufacturer, model, name;
+    std::optional<bool> muted;
+    std::vector<uint32_t> preferredStereoChannels;
+    double sampleRate;
+    std::vector<double> availableSampleRates;
+    std::string source;
+    std::vector<std::string> availableSources;
+    std::string transportType;
+    std::optional<double> volume;
+    bool isIncomplete; // something could not be read that may be there
+};
+
+std::span<const DXRKVOProperty> DXRDevice::_observableProperties() noexcept
+{
+    using P = DXRKVOProperty;
+    using D = DXRDevice;
+    static constexpr std::array table{
+        P::of<&D::channelCount, &D::_kvo_channelCount>("channelCount"),
+        P::of<&D::manufacturer, &D::_kvo_manufacturer>("manufacturer"),
+        P::of<&D::model, &D::_kvo_model>("model"),
+        P::of<&D::name, &D::_kvo_name>("name"),
+        P::of<&D::nameWithSource, &D::_kvo_nameWithSource>("nameWithSource"),
+        P::of<&D::displayName, &D::_kvo_displayName>("displayName"),
+        P::of<&D::displayNameWithSource, &D::_kvo_displayNameWithSource>("displayNameWithSource"),
+        P::of<&D::preferredStereoChannels, &D::_kvo_preferredStereoChannels>("preferredStereoChannels"),
+        P::of<&D::reference, &D::_kvo_reference>("reference"),
+        P::of<&D::isConnected, &D::_kvo_isConnected>("isConnected"),
+        P::of<&D::isDefault, &D::_kvo_isDefault>("isDefault"),
+        P::of<&D::availableSampleRates, &D::_kvo_availableSampleRates>("availableSampleRates"),
+        P::of<&D::sampleRate, &D::_kvo_sampleRate>("sampleRate"),
+        P::of<&D::availableSources, &D::_kvo_availableSources>("availableSources"),
+        P::of<&D::source, &D::_kvo_source>("source"),
+        P::of<&D::isMuted, &D::_kvo_isMuted>("isMuted"),
+        P::of<&D::volume, &D::_kvo_volume>("volume"),
+        P::of<&D::deviceID, &D::_kvo_deviceID>("deviceID"),
+        P::of<&D::deviceUID, &D::_kvo_deviceUID>("deviceUID"),
+    };
+    return table;
+}
+
+template <class Live> auto DXRDevice::_locked(const Live& live) const
+{
+    std::optional<std::decay_t<decltype(live())>> value;
+    _mutex->execute([&] { value.emplace(live()); });
+    return *std::move(value);
+}
+
+template <class Value, class Live>
+Value DXRDevice::_value(const std::optional<Value>& published, const Live& live) const
+{
+    return _kvo->isUpdateInProgress() ? published.value_or(Value()) : _locked(live);
+}
+
+template <class Value, class Live> Value DXRDevice::_value(const Value& published, const Live& live) const
+{
+    return _kvo->isUpdateInProgress() ? published : _locked(live);
+}
+
+// ---- Creation and identity
+
+CXRef<DXRDevice> DXRDevice::initWithDeviceID(AudioObjectID deviceID,
+                                             const CXRef<DXRDeviceReference>& deviceReference,
+                                             const CXRef<DXRDeviceKeeper>& keeper)
+{
+    if (deviceID == kAudioObjectUnknown || !deviceReference || !deviceReference->isInput())
+        return nullptr;
+    CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(deviceReference, keeper));
+    device->_deviceID = deviceID;
+    // Listening first: a change that the reading below does not see any more is reported then.
+    device->_updatePropertyListeners();
+    if (!device->_updateCachedProperties())
+        return nullptr;
+    device->_logAdded();
+    return device;
+}
+
+CXRef<DXRDevice> DXRDevice::initWithArchive(const CXPlist& archive, const CXRef<DXRDeviceKeeper>& keeper)
+{
+    if (!archive.is_object())
+        return nullptr;
+    const CXPlist version = vtObjectForKey(archive, "vn", CXPlistKind::Number);
+    const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(stringIn(archive, "ref"));
+    if (version.is_null() || CXDoubleValue(version) != archiveVersion || !reference ||
+        !reference->isInput() || wordIn(safeObjectForKey(archive, "c")).value_or(0) == 0)
+        return nullptr;
+    CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(reference, keeper));
+    device->_load(archive);
+    device->_kvo->updateAllValues();
+    device->_logAdded();
+    return device;
+}
+
+DXRDevice::DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper)
+    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _mutex(DXRRecursiveMutex::init()),
+      _overrides(DXRDeviceOverrides::initWithDeviceReference(reference)), _reference(std::move(reference)),
+      _keeper(keeper), _hasKeeper(keeper), _self(*this)
+{}
+
+DXRDevice::~DXRDevice()
+{
+    _deviceID = kAudioObjectUnknown;
+    _updatePropertyListeners();
+}
+
+void DXRDevice::_logAdded() const
+{
+    if (DXRDebugLogIsActive())
+        DXRDebugLog("Added %s: %s\n", description().c_str(), CXJSONWithPlist(archive()).c_str());
+}
+
+void DXRDevice::connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
+{
+    if (!deviceReference)
+        return;
+    const bool isUnchanged = _locked([&] {
+        const bool isSame = _deviceID == deviceID &&
+                            (_reference == deviceReference || _reference->isEqual(deviceReference.get()));
+        if (!isSame) {
+            _deviceID = deviceID;
+            _reference = deviceReference;
+        }
+        return isSame;
+    });
+    if (isUnchanged)
+        return;
+    _updatePropertyListeners(); // first, as above
+    if (!_updateCachedProperties())
+        _kvo->updateAllValues(); // the old values, but connected
+}
+
+void DXRDevice::disconnect()
+{
+    _deviceID = kAudioObjectUnknown;
+    _isIncomplete = false;
+    _updatePropertyListeners();
+    _kvo->updateValuesForKeys({"displayName", "isConnected", "isDefault", "deviceID"});
+}
+
+void DXRDevice::setDeviceReference(const CXRef<DXRDeviceReference>& deviceReference)
+{
+    if (!deviceReference)
+        return;
+    _mutex->execute([&] { _reference = deviceReference; });
+    _kvo->updateValuesForKeys({"deviceUID", "reference"});
+}
+
+bool DXRDevice::updateDisplayName(const std::optional<std::string>& displayName)
+{
+    return _updateDisplayName(_displayName, displayName, "displayName");
+}
+
+bool DXRDevice::updateDisplayNameWithSource(const std::optional<std::string>& displayNameWithSource)
+{
+    return _updateDisplayName(_displayNameWithSource, displayNameWithSource, "displayNameWithSource");
+}
+
+bool DXRDevice::_updateDisplayName(std::optional<std::string>& field, const std::optional<std::string>& name,
+                                   const char* key)
+{
+    const bool isNew = _locked([&] {
+        const bool differs = field != name;
+        if (differs)
+            field = name;
+        return differs;
+    });
+    if (isNew)
+        _kvo->updateValueForKey(key);
+    return isNew;
+}
+
+bool DXRDevice::confirmGenericChannelCounts() const
+{
+    return !_locked([&] { return _reference->isGeneric(); }) || channelCount() == _hardware().channelCount();
+}
+
+// ---- Queries
+
+uint32_t DXRDevice::channelCount() const
+{
+    return _value(_kvo_channelCount, [&] { return _channelCount; });
+}
+
+std::string DXRDevice::manufacturer() const
+{
+    return _value(_kvo_manufacturer, [&] { return _manufacturer; });
+}
+
+std::string DXRDevice::model() const
+{
+    return _value(_kvo_model, [&] { return _model; });
+}
+
+std::string DXRDevice::name() const
+{
+    return _value(_kvo_name, [&] { return _name; });
+}
+
+std::string DXRDevice::nameWithSource() const
+{
+    return _value(_kvo_nameWithSource, [&] { return _nameWithSource(); });
+}
+
+std::string DXRDevice::_nameWithSource() const
+{
+    return _name == _source ? _name : joined(_name, ": ", _source);
+}
+
+std::string DXRDevice::displayName() const
+{
+    return _value(_kvo_displayName,
+                  [&] { return _deviceID != 0 ? _displayName.value_or(_name) : absentMark + _name; });
+}
+
+std::string DXRDevice::displayNameWithSource() const
+{
+    return _value(_kvo_displayNameWithSource, [&] {
+        return _deviceID != 0 ? _displayNameWithSource.value_or(_nameWithSource())
+                              : absentMark + _nameWithSource();
+    });
+}
+
+std::string DXRDevice::transportType() const
+{
+    return _locked([&] { return _transportType; });
+}
+
+std::vector<uint32_t> DXRDevice::preferredStereoChannels() const
+{
+    return _value(_kvo_preferredStereoChannels, [&] { return _preferredStereoChannels; });
+}
+
+CXRef<DXRDeviceReference> DXRDevice::reference() const
+{
+    return _value(_kvo_reference, [&] { return _reference; });
+}
+
+std::string DXRDevice::deviceUID() const
+{
+    return _value(_kvo_deviceUID, [&] { return _reference->deviceUID().value_or(""); });
+}
+
+AudioObjectID DXRDevice::deviceID() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_deviceID : _deviceID.load();
+}
+
+bool DXRDevice::isConnected() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_isConnected : _deviceID != kAudioObjectUnknown;
+}
+
+bool DXRDevice::isDefault() const
+{
+    if (_kvo->isUpdateInProgress())
+        return _kvo_isDefault;
+    const AudioObjectID deviceID = _deviceID;
+    return deviceID != kAudioObjectUnknown && deviceID == (isInput() ? QDLAudioDeviceDefaultInputDeviceID()
+                                                                     : QDLAudioDeviceDefaultOutputDeviceID());
+}
+
+bool DXRDevice::isInput() const
+{
+    return _locked([&] { return _reference->isInput().value_or(false); });
+}
+
+uint32_t DXRDevice::scope() const
+{
+    return isInput() ? kAudioObjectPropertyScopeInput : kAudioObjectPropertyScopeOutput;
+}
+
+std::vector<double> DXRDevice::availableSampleRates() const
+{
+    return _value(_kvo_availableSampleRates, [&] { return _availableSampleRates; });
+}
+
+double DXRDevice::sampleRate() const
+{
+    return _value(_kvo_sampleRate, [&] { return _sampleRate; });
+}
+
+std::vector<std::string> DXRDevice::availableSources() const
+{
+    return _value(_kvo_availableSources, [&] { return _availableSources; });
+}
+
+std::string DXRDevice::source() const
+{
+    return _value(_kvo_source, [&] { return _source; });
+}
+
+bool DXRDevice::_flag(const char* overrideKey, const bool& field) const
+{
+    const CXPlist chosen = _overrides->boolForKey(overrideKey);
+    return chosen.is_null() ? _locked([&] { return field; }) : CXDoubleValue(chosen) != 0.0;
+}
+
+bool DXRDevice::hasMute() const
+{
+    return _flag("hm", _hasMute);
+}
+
+bool DXRDevice::hasVolume() const
+{
+    return _flag("hv", _hasVolume);
+}
+
+bool DXRDevice::isMuted() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_isMuted : hasMute() && _locked([&] { return _muted; });
+}
+
+double DXRDevice::volume() const
+{
+    if (_kvo->isUpdateInProgress())
+        return _kvo_volume;
+    return hasVolume() ? _locked([&] { return _volume; }) : 1.0;
+}
+
+std::string DXRDevice::description() const
+{
+    const AudioObjectID deviceID = _deviceID;
+    char start[64];
+    std::snprintf(start, sizeof start, "<DXRDevice: %p, ", static_cast<const void*>(this));
+    std::string text = start;
+    if (deviceID != kAudioObjectUnknown)
+        text += "connected (" + std::to_string(deviceID) + "), ";
+    const std::string names = _locked([&] { return joined(_name, ", ", _source); });
+    return text + (isInput() ? "input, " : "output, ") +
+           _locked([&] { return _reference->deviceUID().value_or(""); }) +
+           (names.empty() ? "" : " (" + names + ")") + ">";
+}
+
+// ---- Writes
+
+bool DXRDevice::setSampleRate(double sampleRate)
+{
+    if (_deviceID == kAudioObjectUnknown || !_locked([&] {
+            return std::ranges::find(_availableSampleRates, sampleRate) != _availableSampleRates.end();
+        }))
+        return false;
+    return _hardware().setSampleRate(sampleRate);
+}
+
+bool DXRDevice::setSource(const std::optional<std::string>& source)
+{
+    if (_deviceID == kAudioObjectUnknown || !source)
+        return false;
+    const std::map<std::string, uint32_t> sources = _hardware().sources();
+    const auto found = sources.find(*source);
+    return found != sources.end() && _hardware().setSource(found->second);
+}
+
+bool DXRDevice::setMuted(bool muted)
+{
+    return _deviceID != kAudioObjectUnknown && _hardware().setMuted(muted);
+}
+
+bool DXRDevice::setVolume(double volume)
+{
+    if (_deviceID == kAudioObjectUnknown || std::isnan(volume))
+        return false;
+    if (volume < double{0.001F})
+        volume = 0.0;
+    else if (volume > double{0.999F})
+        volume = 1.0;
+    const DXRDeviceHardware hardware = _hardware();
+    if (hardware.setVolume(volume, kAudioObjectPropertyElementMain)) {
+        _updateCachedVolumeProperty(volume);
+        return true;
+    }
+    bool isSet = false;
+    for (const uint32_t channel : preferredStereoChannels()) {
+        if (hardware.setVolume(volume, channel)) {
+            _updateCachedVolumeProperty(volume);
+            isSet = true;
+        }
+    }
+    return isSet;
+}
+
+void DXRDevice::_updateCachedVolumeProperty(double volume)
+{
+    if (_deviceID == kAudioObjectUnknown || !_hardware().isPresent())
+        return;
+    const bool isNew = _locked([&] {
+        const bool differs = _hasVolume && _volume != volume;
+        if (differs) {
+            _volume = volume;
+            ++_volumeSetPending;
+            ++_volumeWrites;
+        }
+        return differs;
+    });
+    if (!isNew)
+        return;
+    platform::GlobalQueue::highPriority().after(settlingNanoseconds, [weak = CXWeak(*this)] {
+        if (const CXRef<DXRDevice> self = weak.lock())
+            self->_settleVolume();
+    });
+    _kvo->updateValueForKey("volume");
+}
+
+void DXRDevice::_settleVolume()
+{
+    if (!_locked([&] { return --_volumeSetPending == 0; }))
+        return;
+    _updateCachedProperties();
+    if (_isIncomplete)
+        _tellKeeper(); // who asks again
+}
+
+// ---- Settings and storage
+
+CXPlist DXRDevice::overrideForKey(const std::string& key) const
+{
+    return _overrides->objectForKey(key);
+}
+
+std::vector<std::string> DXRDevice::overrideKeys() const
+{
+    return _overrides->keys();
+}
+
+void DXRDevice::setOverride(const CXPlist& value, const std::string& key)
+{
+    _overrides->setObject(value, key);
+}
+
+CXPlist DXRDevice::archive() const
+{
+    return _locked([&] {
+        return CXPlist{{"vn", archiveVersion},
+                       {"ref", _reference->string()},
+                       {"c", _channelCount},
+                       {"n", _name},
+                       {"m", _manufacturer},
+                       {"md", _model},
+                       {"t", _transportType},
+                       {"s", _source},
+                       {"sc", _preferredStereoChannels},
+                       {"ar", _availableSampleRates},
+                       {"r", _sampleRate},
+                       {"as", _availableSources},
+                       {"hm", _hasMute},
+                       {"mt", _muted},
+                       {"hv", _hasVolume},
+                       {"v", _volume}};
+    });
+}
+
+void DXRDevice::_load(const CXPlist& archive)
+{
+    _channelCount = wordIn(safeObjectForKey(archive, "c")).value_or(0);
+    _name = stringIn(archive, "n");
+    _manufacturer = stringIn(archive, "m");
+    _model = stringIn(archive, "md");
+    _transportType = stringIn(archive, "t");
+    _source = stringIn(archive, "s");
+    const auto isChannel = [&](const CXPlist& item) {
+        const uint32_t channel = wordIn(item).value_or(0);
+        return channel >= 1 && channel <= _channelCount;
+    };
+    _preferredStereoChannels = itemsIn<uint32_t>(safeObjectForKey(archive, "sc"), isChannel);
+    if (_preferredStereoChannels.size() != 2)
+        _preferredStereoChannels = {1, _channelCount < 2 ? 1U : 2U};
+    const auto isRate = [](const CXPlist& item) { return isNumber(item) && CXDoubleValue(item) > 0.0; };
+    _availableSampleRates = itemsIn<double>(safeObjectForKey(archive, "ar"), isRate);
+    _sampleRate = numberIn(archive, "r", 44100.0);
+    _availableSources = itemsIn<std::string>(safeObjectForKey(archive, "as"),
+                                             [](const CXPlist& item) { return item.is_string(); });
+    _hasMute = numberIn(archive, "hm", 0.0) != 0.0;
+    _muted = numberIn(archive, "mt", 0.0) != 0.0;
+    _hasVolume = numberIn(archive, "hv", 0.0) != 0.0;
+    _volume = numberIn(archive, "v", 1.0);
+}
+
+// ---- Refreshing
+
+DXRDeviceHardware DXRDevice::_hardware() const
+{
+    return DXRDeviceHardware(_deviceID, isInput());
+}
+
+bool DXRDevice::_updateCachedProperties()
+{
+    const bool isStored = _readAndStore();
+    if (isStored)
+        _kvo->updateAllValues();
+    else if (_deviceID != kAudioObjectUnknown)
+        _isIncomplete = true;
+    return isStored;
+}
+
+bool DXRDevice::_readAndStore()
+{
+    const DXRDeviceHardware hardware = _hardware();
+    const uint64_t failuresBefore = halReadFailures();
+    Readings readings{};
+    _mutex->execute([&] {
+        readings.ticket = ++_lastTicket;
+        if (_volumeSetPending == 0)
+            readings.volumeWrites = _volumeWrites;
+    });
+    if (hardware.deviceID() == kAudioObjectUnknown || !hardware.isPresent())
+        return false;
+    readings.channelCount = hardware.channelCount();
+    if (readings.channelCount == 0)
+        return false;
+    _read(hardware, readings);
+    if (!hardware.isPresent()) // it went while it was read
+        return false;
+    readings.isIncomplete = halReadFailures() != failuresBefore;
+    return _store(hardware.deviceID(), std::move(readings));
+}
+
+void DXRDevice::_read(const DXRDeviceHardware& hardware, Readings& readings)
+{
+    readings.manufacturer = hardware.manufacturer();
+    readings.model = hardware.model();
+    readings.name = hardware.name();
+    readings.muted = hardware.isMuted();
+    readings.preferredStereoChannels = hardware.preferredStereoChannels(readings.channelCount);
+    readings.sampleRate = hardware.sampleRate();
+    readings.availableSampleRates = hardware.availableSampleRates(readings.sampleRate);
+    readings.source = hardware.source();
+    for (const auto& [name, sourceID] : hardware.sources())
+        readings.availableSources.push_back(name);
+    readings.availableSources = sortedCaseInsensitively(std::move(readings.availableSources));
+    readings.transportType = hardware.transportType();
+    readings.volume = hardware.volume(readings.preferredStereoChannels);
+}
+
+bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
+{
+    return _locked([&] {
+        if (_deviceID != deviceID)
+            return false; // unplugged, or plugged in anew, meanwhile
+        if (readings.ticket < _storedTicket)
+            return true;
+        _storedTicket = readings.ticket;
+        _isIncomplete = readings.isIncomplete;
+        // A device known by its description keeps the count that is part of it; another count is another device.
+        if (_channelCount == 0 || !_reference->isGeneric())
+            _channelCount = readings.channelCount;
+        _manufacturer = std::move(readings.manufacturer);
+        _model = std::move(readings.model);
+        _name = std::move(readings.name);
+        _hasMute = readings.muted.has_value();
+        _muted = readings.muted.value_or(false);
+        _preferredStereoChannels = std::move(readings.preferredStereoChannels);
+        _sampleRate = readings.sampleRate;
+        _availableSampleRates = std::move(readings.availableSampleRates);
+        _source = std::move(readings.source);
+        _availableSources = std::move(readings.availableSources);
+        _transportType = std::move(readings.transportType);
+        _hasVolume = readings.volume.has_value();
+        if (_volumeSetPending == 0 && readings.volumeWrites == _volumeWrites)
+            _volume = readings.volume.value_or(1.0);
+        return true;
+    });
+}
+
+bool DXRDevice::refreshIfIncomplete()
+{
+    if (!_isIncomplete || _deviceID == kAudioObjectUnknown)
+        return false;
+    _updateCachedProperties();
+    return true;
+}
+
+// ---- Following the hardware
+
+void DXRDevice::_updatePropertyListeners()
+{
+    AudioObjectID added = kAudioObjectUnknown;
+    AudioObjectID removed = kAudioObjectUnknown;
+    _mutex->execute([&] {
+        const AudioObjectID wanted = _deviceID;
+        if (_listenedID == wanted)
+            return;
+        removed = _listenedID;
+        added = wanted;
+        _listenedID = wanted;
+        _listening = wanted != kAudioObjectUnknown;
+    });
+    for (const AudioObjectPropertyAddress& address : listenedAddresses) {
+        if (removed != kAudioObjectUnknown)
+            AudioObjectRemovePropertyListener(removed, &address, __propertyListener, &_self);
+        if (added != kAudioObjectUnknown)
+            AudioObjectAddPropertyListener(added, &address, __propertyListener, &_self);
+    }
+}
+
+HALStatus DXRDevice::__propertyListener(AudioObjectID /*objectID*/, uint32_t count,
+                                        const AudioObjectPropertyAddress* addresses, void* weakDevice)
+{
+    const CXRef<DXRDevice> self = static_cast<const CXWeak<DXRDevice>*>(weakDevice)->lock();
+    if (!self)
+        return kAudioHardwareNoError;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (self->_needsRefresh(addresses[i].selector)) {
+            self->_refreshFromHardware(); // of everything, whatever else has changed
+            break;
+        }
+    }
+    return kAudioHardwareNoError;
+}
+
+bool DXRDevice::_needsRefresh(uint32_t selector) const
+{
+    constexpr uint32_t modelName = CXFourCharCode("lmod");
+    const uint64_t failuresBefore = halReadFailures();
+    switch (selector) {
+    case kAudioDevicePropertyPreferredChannelsForStereo:
+    case kAudioObjectPropertyManufacturer:
+    case modelName:
+    case kAudioObjectPropertyName:
+    case kAudioStreamPropertyVirtualFormat:
+    case kAudioDevicePropertyStreamConfiguration:
+    case kAudioDevicePropertyDataSource:
+        return true;
+    case kAudioDevicePropertyMute:
+        if (_hardware().isMuted().value_or(false) != isMuted())
+            return true;
+        break;
+    case kAudioDevicePropertyVolumeDecibels:
+    case kAudioDevicePropertyVolumeScalar:
+        if (_hardware().volume(preferredStereoChannels()).value_or(1.0) != volume())
+            return true;
+        break;
+    default:
+        return false;
+    }
+    return halReadFailures() != failuresBefore; // it may have changed
+}
+
+void DXRDevice::_refreshFromHardware()
+{
+    _updateCachedProperties();
+    _tellKeeper();
+}
+
+void DXRDevice::_tellKeeper()
+{
+    const CXRef<DXRDeviceKeeper> keeper = _hasKeeper ? _keeper.lock() : DXRDeviceKeeper::shared();
+    if (keeper)
+        keeper->updateQueue().async([keeper, self = CXRef(this)] { keeper->deviceWasUpdated(self); });
+}

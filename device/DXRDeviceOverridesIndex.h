@@ -1,0 +1,54 @@
+#pragma once
+
+#include "CXPlist.h"
+#include "DXRDeviceReferenceIndex.h"
+#include "DefaultsSuite.h"
+
+#include <string>
+#include <unordered_map>
+
+/// One device's entry in the suite of overrides, parsed.
+/// Threads: immutable, any.
+class DXRDeviceOverridesEntry final : public CXObject {
+public:
+    /// Null when the key is no reference or the value no dictionary: such entries are not ours.
+    static CXRef<DXRDeviceOverridesEntry> initWithRow(const std::string& key,
+                                                      const CXRef<platform::DefaultsRow>& row);
+
+    const std::string& key() const noexcept { return _reference->string(); }
+    const CXRef<DXRDeviceReference>& reference() const noexcept { return _reference; }
+    const CXPlist& overrides() const noexcept { return _overrides; }
+    const CXRef<platform::DefaultsRow>& row() const noexcept { return _row; }
+
+private:
+    DXRDeviceOverridesEntry(CXRef<platform::DefaultsRow> row, CXRef<DXRDeviceReference> reference,
+                            CXPlist overrides);
+    ~DXRDeviceOverridesEntry() override = default;
+
+    const CXRef<platform::DefaultsRow> _row;
+    const CXRef<DXRDeviceReference> _reference;
+    const CXPlist _overrides;
+};
+
+/// All entries of the suite at one time, found by reference without a search: each is parsed once for the whole
+/// process, however many devices look for theirs.
+/// Threads: immutable, any.
+class DXRDeviceOverridesIndex final : public CXObject {
+public:
+    /// What `suite` holds now.
+    static CXRef<DXRDeviceOverridesIndex> current(platform::DefaultsSuite& suite);
+
+    /// The first entry whose reference is equal to this one, or else generically equal; null without one.
+    CXRef<DXRDeviceOverridesEntry> entryForReference(const DXRDeviceReference& reference) const;
+    /// Null without one.
+    CXRef<DXRDeviceOverridesEntry> entryForKey(const std::string& key) const;
+
+private:
+    DXRDeviceOverridesIndex(CXRef<platform::DefaultsSnapshot> snapshot,
+                            const DXRDeviceOverridesIndex* before);
+    ~DXRDeviceOverridesIndex() override = default;
+
+    const CXRef<platform::DefaultsSnapshot> _snapshot;
+    std::unordered_map<std::string, CXRef<DXRDeviceOverridesEntry>> _byKey;
+    DXRDeviceReferenceIndex<CXRef<DXRDeviceOverridesEntry>> _byReference;
+};

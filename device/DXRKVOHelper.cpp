@@ -1,0 +1,170 @@
+#include "DXRKVOHelper.h"
+
+#include "MainQueue.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace {
+
+/// Says, for as long as it lives, that the calling thread is doing something.
+class Mark {
+public:
+    explicit Mark(std::atomic<pthread_t>& field) : _field(field) { _field = pthread_self(); }
+    ~Mark() { _field = 0; }
+    Mark(const Mark&) = delete;
+    Mark& operator=(const Mark&) = delete;
+
+private:
+    std::atomic<pthread_t>& _field;
+};
+
+} // namespace
+
+CXRef<DXRKVOHelper> DXRKVOHelper::initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties)
+{
+    return CXRef<DXRKVOHelper>::adopt(new DXRKVOHelper(object, properties));
+}
+
+DXRKVOHelper::DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties)
+    : _obj(object), _properties(properties), _lock(DXRRecursiveMutex::init())
+{}
+
+DXRKVOHelper::Keys DXRKVOHelper::observableKeys() const
+{
+    Keys keys;
+    if (!_obj.lock())
+        return keys;
+    keys.reserve(_properties.size());
+    for (const DXRKVOProperty& property : _properties)
+        keys.emplace_back(property.key());
+    return keys;
+}
+
+CXRef<DXRKVOObservation> DXRKVOHelper::observe(const std::string& key, DXRKVOObservation::Block block)
+{
+    if (!_placeOf(key) || !block)
+        return nullptr;
+    auto observation = CXRef<DXRKVOObservation>::adopt(new DXRKVOObservation(key, std::move(block)));
+    _observers(); // forgets those that have ended
+    _lock->execute([&] { _observations.emplace_back(observation); });
+    return observation;
+}
+
+std::vector<CXRef<DXRKVOObservation>> DXRKVOHelper::observe(const Keys& keys,
+                                                            const DXRKVOObservation::Block& block)
+{
+    std::vector<CXRef<DXRKVOObservation>> observations;
+    for (const std::string& key : keys) {
+        if (CXRef<DXRKVOObservation> one = observe(key, block))
+            observations.push_back(std::move(one));
+    }
+    return observations;
+}
+
+void DXRKVOHelper::updateAllValues()
+{
+    Pass all(_properties.size());
+    std::iota(all.begin(), all.end(), uint8_t{0});
+    _update(std::move(all));
+}
+
+void DXRKVOHelper::updateValueForKey(std::string_view key)
+{
+    if (const std::optional<uint8_t> place = _placeOf(key))
+        _update({*place});
+}
+
+void DXRKVOHelper::updateValuesForKeys(const Keys& keys)
+{
+    Pass pass;
+    for (const std::string& key : keys) {
+        if (const std::optional<uint8_t> place = _placeOf(key))
+            pass.push_back(*place);
+    }
+    _update(std::move(pass));
+}
+
+std::optional<uint8_t> DXRKVOHelper::_placeOf(std::string_view key) const
+{
+    const auto found = std::ranges::find(_properties, key, &DXRKVOProperty::key);
+    if (found == _properties.end())
+        return std::nullopt;
+    return static_cast<uint8_t>(found - _properties.begin());
+}
+
+void DXRKVOHelper::_update(Pass pass)
+{
+    if (pass.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
+        return;
+    if (platform::MainQueue::shared().isCurrent())
+        return _run(pass);
+    const bool isNew = _lock->execond([&] {
+        if (std::ranges::find(_waiting, pass) != _waiting.end())
+            return false; // it reads the values when it runs, these included
+        _waiting.push_back(pass);
+        return true;
+    });
+    if (isNew)
+        platform::MainQueue::shared().async(
+            [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass); });
+}
+
+void DXRKVOHelper::_runWaiting(const Pass& pass)
+{
+    const bool isNested = _processing.load(std::memory_order_relaxed) == pthread_self();
+    _lock->execute([&] {
+        std::erase(_waiting, pass); // from here on, whoever asks again is heard again
+        if (isNested)
+            _postponed.push_back(pass);
+    });
+    if (!isNested)
+        _run(pass);
+}
+
+void DXRKVOHelper::_run(const Pass& first)
+{
+    const CXRef<CXObject> object = _obj.lock();
+    if (!object)
+        return;
+    std::vector<Pass> next{first};
+    while (!next.empty()) {
+        {
+            const Mark processing(_processing);
+            for (const Pass& pass : next) {
+                for (const uint8_t place : pass) {
+                    const DXRKVOProperty& property = _properties[place];
+                    property.publish(*object, [&](DXRKVOChange change) { _announce(property, change); });
+                }
+            }
+        }
+        next.clear();
+        _lock->execute([&] { next.swap(_postponed); });
+    }
+}
+
+void DXRKVOHelper::_announce(const DXRKVOProperty& property, DXRKVOChange change)
+{
+    std::vector<CXRef<DXRKVOObservation>> observers = _observers();
+    std::erase_if(observers, [&](const auto& each) { return each->key() != property.key(); });
+    std::optional<Mark> updating;
+    if (change == DXRKVOChange::Will)
+        updating.emplace(_updating);
+    for (const CXRef<DXRKVOObservation>& observer : observers)
+        observer->_call(change);
+}
+
+std::vector<CXRef<DXRKVOObservation>> DXRKVOHelper::_observers()
+{
+    std::vector<CXRef<DXRKVOObservation>> observers; // dropped by the caller, who does not hold the lock
+    _lock->execute([&] {
+        std::erase_if(_observations, [&](const auto& each) {
+            CXRef<DXRKVOObservation> observer = each.lock();
+            const bool isGone = !observer;
+            if (!isGone)
+                observers.push_back(std::move(observer));
+            return isGone;
+        });
+    });
+    return observers;
+}

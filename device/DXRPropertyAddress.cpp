@@ -1,0 +1,242 @@
+#include "DXRPropertyAddress.h"
+
+#include "CXValue.h"
+#include "DXRPropertyListener.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+/// Reads exactly one Value; false, and nothing stored, for anything else.
+template <class Value>
+bool readValue(const AudioObjectPropertyAddress& address, AudioObjectID objectID, Value* value)
+{
+    if (objectID == kAudioObjectUnknown)
+        return false;
+    Value read{};
+    uint32_t size = sizeof read;
+    if (AudioObjectGetPropertyData(objectID, &address, 0, nullptr, &size, &read) != kAudioHardwareNoError ||
+        size != sizeof read)
+        return false;
+    if (value)
+        *value = read;
+    return true;
+}
+
+template <class Value>
+std::optional<Value> valueOf(const AudioObjectPropertyAddress& address, AudioObjectID objectID)
+{
+    Value value{};
+    return readValue(address, objectID, &value) ? std::optional(value) : std::nullopt;
+}
+
+template <class Value>
+bool writeValue(const AudioObjectPropertyAddress& address, AudioObjectID objectID, Value value)
+{
+    return objectID != kAudioObjectUnknown &&
+           AudioObjectSetPropertyData(objectID, &address, 0, nullptr, sizeof value, &value) ==
+               kAudioHardwareNoError;
+}
+
+/// `data` cut into Items, each made into something by `make`.
+template <class Item, class Make>
+auto itemsOf(const std::optional<std::vector<std::byte>>& data, const Make& make)
+{
+    std::vector<decltype(make(std::declval<Item>()))> items;
+    const size_t count = data ? data->size() / sizeof(Item) : 0;
+    items.reserve(count);
+    for (size_t i = 0; i < count; ++i) {
+        Item item;
+        std::memcpy(&item, data->data() + i * sizeof item, sizeof item);
+        items.push_back(make(item));
+    }
+    return items;
+}
+
+} // namespace
+
+CXRef<DXRPropertyAddress> DXRPropertyAddress::initWithAddress(const AudioObjectPropertyAddress* address)
+{
+    return Ref::adopt(new DXRPropertyAddress(address ? *address : AudioObjectPropertyAddress{}));
+}
+
+CXRef<DXRPropertyAddress> DXRPropertyAddress::initWithSelector(uint32_t selector, uint32_t scope,
+                                                               uint32_t element)
+{
+    return Ref::adopt(new DXRPropertyAddress({selector, scope, element}));
+}
+
+DXRPropertyAddress::~DXRPropertyAddress() = default;
+
+std::string DXRPropertyAddress::description() const
+{
+    return stringWithFourCharCode(selector()) + ":" + stringWithFourCharCode(scope()) + ":" +
+           std::to_string(element());
+}
+
+bool DXRPropertyAddress::isEqual(const CXObject* other) const
+{
+    if (this == other)
+        return true;
+    if (const auto* address = dynamic_cast<const DXRPropertyAddress*>(other))
+        return _address == address->_address;
+    const auto* text = dynamic_cast<const CXValue*>(other);
+    return text && text->plist().is_string() && text->string() == description();
+}
+
+size_t DXRPropertyAddress::hash() const
+{
+    return selector() ^ scope() ^ element();
+}
+
+CXRef<DXRPropertyListener>
+DXRPropertyAddress::listenerWithObjectID(AudioObjectID objectID, const CXRef<platform::WorkQueue>& /*queue*/,
+                                         const CXRef<CXObject>& target, const ListenerBlock& block) const
+{
+    const auto forward = [weakTarget = CXWeak(target), block](const CXRef<CXObject>& self,
+                                                              const AudioObjectPropertyAddress* /*changed*/) {
+        if (const CXRef<CXObject> alive = weakTarget.lock(); alive && block)
+            block(alive, Ref(static_cast<DXRPropertyAddress*>(self.get())));
+    };
+    return DXRPropertyListener::initWithObjectID(objectID, &_address, nullptr, copy(), forward);
+}
+
+bool DXRPropertyAddress::getSize(uint32_t* size, AudioObjectID objectID) const
+{
+    uint32_t read = 0;
+    if (objectID == kAudioObjectUnknown ||
+        AudioObjectGetPropertyDataSize(objectID, &_address, 0, nullptr, &read) != kAudioHardwareNoError)
+        return false;
+    if (size)
+        *size = read;
+    return true;
+}
+
+bool DXRPropertyAddress::getUInt32(uint32_t* value, AudioObjectID objectID) const
+{
+    return readValue(_address, objectID, value);
+}
+
+bool DXRPropertyAddress::getFloat(float* value, AudioObjectID objectID) const
+{
+    return readValue(_address, objectID, value);
+}
+
+bool DXRPropertyAddress::getDouble(double* value, AudioObjectID objectID) const
+{
+    return readValue(_address, objectID, value);
+}
+
+std::optional<uint32_t> DXRPropertyAddress::uint32ForObjectID(AudioObjectID objectID) const
+{
+    return valueOf<uint32_t>(_address, objectID);
+}
+
+std::optional<float> DXRPropertyAddress::floatForObjectID(AudioObjectID objectID) const
+{
+    return valueOf<float>(_address, objectID);
+}
+
+std::optional<double> DXRPropertyAddress::doubleForObjectID(AudioObjectID objectID) const
+{
+    return valueOf<double>(_address, objectID);
+}
+
+CXRef<CXObject> DXRPropertyAddress::objectForObjectID(AudioObjectID objectID) const
+{
+    return CXRef<CXObject>::adopt(valueOf<CXObject*>(_address, objectID).value_or(nullptr));
+}
+
+CXRef<CXObject> DXRPropertyAddress::objectForObjectID(AudioObjectID objectID, const void* data,
+                                                      uint32_t size) const
+{
+    if (objectID == kAudioObjectUnknown)
+        return nullptr;
+    CXObject* object = nullptr;
+    AudioValueTranslation translation{const_cast<void*>(data), size, &object, sizeof object};
+    uint32_t translationSize = sizeof translation;
+    const HALStatus status =
+        AudioObjectGetPropertyData(objectID, &_address, 0, nullptr, &translationSize, &translation);
+    return status == kAudioHardwareNoError ? CXRef<CXObject>::adopt(object) : nullptr;
+}
+
+std::optional<std::vector<std::byte>> DXRPropertyAddress::dataForObjectID(AudioObjectID objectID) const
+{
+    constexpr int tries = 3;
+    for (int i = 0; i < tries; ++i) {
+        uint32_t size = 0;
+        if (!getSize(&size, objectID))
+            return std::nullopt;
+        std::vector<std::byte> data(size);
+        if (size == 0)
+            return data;
+        const HALStatus status =
+            AudioObjectGetPropertyData(objectID, &_address, 0, nullptr, &size, data.data());
+        if (status == kAudioHardwareNoError) {
+            data.resize(std::min<size_t>(size, data.size()));
+            return data;
+        }
+        if (status != kAudioHardwareBadPropertySizeError)
+            return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+std::vector<uint32_t> DXRPropertyAddress::uint32ArrayForObjectID(AudioObjectID objectID) const
+{
+    return itemsOf<uint32_t>(dataForObjectID(objectID), [](uint32_t item) { return item; });
+}
+
+CXRef<DXRValueRange> DXRPropertyAddress::valueRangeForObjectID(AudioObjectID objectID) const
+{
+    const auto range = valueOf<AudioValueRange>(_address, objectID);
+    return range ? DXRValueRange::initWithRange(&*range) : nullptr;
+}
+
+std::vector<CXRef<DXRValueRange>> DXRPropertyAddress::valueRangeArrayForObjectID(AudioObjectID objectID) const
+{
+    return itemsOf<AudioValueRange>(dataForObjectID(objectID),
+                                    [](const auto& item) { return DXRValueRange::initWithRange(&item); });
+}
+
+CXRef<DXRBasicStream> DXRPropertyAddress::basicStreamForObjectID(AudioObjectID objectID) const
+{
+    const auto format = valueOf<AudioStreamBasicDescription>(_address, objectID);
+    return format ? DXRBasicStream::initWithDesc(&*format) : nullptr;
+}
+
+std::vector<CXRef<DXRBasicStream>>
+DXRPropertyAddress::basicStreamArrayForObjectID(AudioObjectID objectID) const
+{
+    return itemsOf<AudioStreamBasicDescription>(
+        dataForObjectID(objectID), [](const auto& item) { return DXRBasicStream::initWithDesc(&item); });
+}
+
+CXRef<DXRRangedStream> DXRPropertyAddress::rangedStreamForObjectID(AudioObjectID objectID) const
+{
+    const auto format = valueOf<AudioStreamRangedDescription>(_address, objectID);
+    return format ? DXRRangedStream::initWithDesc(&*format) : nullptr;
+}
+
+std::vector<CXRef<DXRRangedStream>>
+DXRPropertyAddress::rangedStreamArrayForObjectID(AudioObjectID objectID) const
+{
+    return itemsOf<AudioStreamRangedDescription>(
+        dataForObjectID(objectID), [](const auto& item) { return DXRRangedStream::initWithDesc(&item); });
+}
+
+bool DXRPropertyAddress::setUInt32(uint32_t value, AudioObjectID objectID) const
+{
+    return writeValue(_address, objectID, value);
+}
+
+bool DXRPropertyAddress::setFloat(float value, AudioObjectID objectID) const
+{
+    return writeValue(_address, objectID, value);
+}
+
+bool DXRPropertyAddress::setDouble(double value, AudioObjectID objectID) const
+{
+    return writeValue(_address, objectID, value);
+}

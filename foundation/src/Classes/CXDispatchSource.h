@@ -1,0 +1,44 @@
+#pragma once
+
+#include "CXLockFreeReference.h"
+
+#include <atomic>
+#include <cstdint>
+
+class CXDispatchQueue;
+
+/// What calls a handler on a queue: the part that CXDispatchReceiver and CXDispatchTimer have in common, which
+/// is belonging to a queue and being cancelled.
+/// Threads:   any.
+/// Real time: the getters.
+/// A source on a queue is kept alive by it, and keeps it alive: cancel the source to be rid of it.
+class DXR_EXPORT CXDispatchSource : public CXObject {
+public:
+    /// Null before it has entered one, and after it was cancelled.
+    CXRef<CXDispatchQueue> queue() const;
+    /// Leaves the queue it is on and enters `queue`, or none for null. A cancelled source asserts, with
+    /// "CXDispatchQueue" and a line.
+    void setDispatchQueue(const CXRef<CXDispatchQueue>& queue);
+    /// Calls its handler no more once this has run on the queue, before this returns if that is where the
+    /// caller is. The handler is dropped.
+    void cancel();
+
+protected:
+    CXDispatchSource();
+    ~CXDispatchSource() override;
+
+    /// False where there was no memory for what a source holds.
+    bool isWhole() const noexcept { return _queue && _handler; }
+    /// Where a subclass keeps its handler, a CXStoredBlock.
+    CXLockFreeReference& storedHandler() const noexcept { return *_handler; }
+
+private:
+    /// Steps of a subclass: has `queue` know of it, or forget it.
+    virtual void _enter(CXDispatchQueue& queue) = 0;
+    virtual void _leave(CXDispatchQueue& queue) = 0;
+    void _finishCancel();
+
+    const CXRef<CXLockFreeReference> _queue;
+    const CXRef<CXLockFreeReference> _handler;
+    std::atomic<uint32_t> _cancelled{0}; // bit 0: requested, bit 1: done
+};

@@ -1,0 +1,8 @@
+#pragma once
+
+#include <cstdint>
+
+/// How many reads of properties by the calling thread have failed so far for any other reason than that there is no
+/// such property: whoever builds on many reads compares two counts, and knows whether to ask again.
+/// Threads:   any; each has its own count.
+uint64_t halReadFailures() noexcept;

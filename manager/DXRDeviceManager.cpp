@@ -1,0 +1,678 @@
+#include "DXRDeviceManager.h"
+
+#include "CXErrorAdditions.h"
+#include "CXJSON.h"
+#include "CXPlistAdditions.h"
+#include "DXRDeviceInfoList.h"
+#include "DXRDeviceManagerPrivate.h"
+#include "DXRPropertyAddress.h"
+#include "DXRPropertyListener.h"
+#include "HALReadFailures.h"
+#include "QDL.h"
+#include "SerialQueue.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <unordered_map>
+
+namespace {
+
+constexpr std::string_view archivePrefix = "DXRDevice:";
+constexpr std::array bothDirections{true, false}; // input first
+
+// What could not be read is asked for again, ever later, and then left until something happens.
+constexpr uint64_t firstRetryNanoseconds = 20'000'000;
+constexpr uint32_t mostRetries = 8;
+
+struct Default {
+    uint32_t selector;
+    bool isInput;
+    const char* key;
+};
+constexpr std::array defaults{
+    Default{kAudioHardwarePropertyDefaultInputDevice, true, "defaultInputDevice"},
+    Default{kAudioHardwarePropertyDefaultOutputDevice, false, "defaultOutputDevice"},
+    Default{kAudioHardwarePropertyDefaultSystemOutputDevice, false, "soundEffectsDevice"},
+};
+
+} // namespace
+
+/// What an update has found so far.
+struct DXRDeviceManager::Changes {
+    Devices connected;
+    Devices disconnected;
+    std::vector<AudioObjectID> gone;         // connected infos that are there no more
+    std::vector<CXRef<DXRDeviceInfo>> fresh; // met now, by ID
+    bool needsAnother = false;               // a device is somebody else now, and comes with the next update
+};
+
+// ---- The one manager
+
+DXRRecursiveMutex& DXRDeviceManager::lock()
+{
+    static const CXRef<DXRRecursiveMutex>* const mutex =
+        new CXRef(DXRRecursiveMutex::init()); // never destroyed
+    return **mutex;
+}
+
+platform::WorkQueue& DXRDeviceManager::queue()
+{
+    static const CXRef<platform::SerialQueue>* const serial =
+        new CXRef(platform::SerialQueue::initWithLabel("DXRDeviceManager")); // never destroyed
+    return **serial;
+}
+
+DXRDeviceManager& DXRDeviceManager::sharedDeviceManager()
+{
+    static const CXRef<DXRDeviceManager>* shared = nullptr; // under the lock
+    const CXRef<DXRDeviceManager>* manager = nullptr;
+    lock().execute([&] {
+        if (!shared) {
+            shared = new CXRef(DXRNewDeviceManager()); // never destroyed
+            DXRDeviceKeeper::setShared(*shared);
+        }
+        manager = shared;
+    });
+    return **manager;
+}
+
+CXRef<DXRDeviceManager> DXRNewDeviceManager()
+{
+    CX_ASSERT(!DXRDeviceManager::queue().isCurrent());
+    CXRef<DXRDeviceManager> manager = CXRef<DXRDeviceManager>::adopt(new DXRDeviceManager);
+    DXRDeviceManager::queue().sync([&] { manager->_start(); });
+    return manager;
+}
+
+std::span<const DXRKVOProperty> DXRDeviceManager::_observableProperties() noexcept
+{
+    using P = DXRKVOProperty;
+    using M = DXRDeviceManager;
+    static constexpr std::array table{
+        P::of<&M::connectedDevices, &M::_kvo_connectedDevices>("connectedDevices"),
+        P::of<&M::defaultInputDevice, &M::_kvo_defaultInputDevice>("defaultInputDevice"),
+        P::of<&M::defaultOutputDevice, &M::_kvo_defaultOutputDevice>("defaultOutputDevice"),
+        P::of<&M::soundEffectsDevice, &M::_kvo_soundEffectsDevice>("soundEffectsDevice"),
+    };
+    return table;
+}
+
+DXRDeviceManager::DXRDeviceManager()
+    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())),
+      _archivedDevices(std::make_unique<DXRDeviceInfoList>()),
+      _connectedDevicesByID(std::make_unique<DXRDeviceInfoList>())
+{}
+
+DXRDeviceManager::~DXRDeviceManager() = default;
+
+void DXRDeviceManager::_start()
+{
+    lock().execute([&] {
+        _devicesChangedListener =
+            _listener(kAudioHardwarePropertyDevices, &DXRDeviceManager::_devicesChanged);
+        for (size_t i = 0; i < defaults.size(); ++i)
+            _defaultDevicesChangedListeners[i] =
+                _listener(defaults[i].selector, &DXRDeviceManager::_defaultDevicesChanged);
+    });
+    _updateDeviceList(true);
+}
+
+CXRef<DXRPropertyListener> DXRDeviceManager::_listener(uint32_t selector, void (DXRDeviceManager::*changed)())
+{
+    const AudioObjectPropertyAddress address{selector, kAudioObjectPropertyScopeGlobal,
+                                             kAudioObjectPropertyElementMain};
+    CXRef<DXRPropertyListener> listener = DXRPropertyListener::initWithObjectID(
+        kAudioObjectSystemObject, &address, CXRef(&queue()), CXRef<CXObject>(this),
+        [changed](const CXRef<CXObject>& self, const AudioObjectPropertyAddress* /*address*/) {
+            (static_cast<DXRDeviceManager*>(self.get())->*changed)();
+        });
+    listener->start();
+    return listener;
+}
+
+// ---- What there is now
+
+DXRDeviceManager::Devices DXRDeviceManager::connectedDevices() const
+{
+    if (_kvo->isUpdateInProgress())
+        return _kvo_connectedDevices;
+    Devices devices;
+    lock().execute([&] {
+        for (const auto& [deviceID, info] : _connectedDevicesByID->infos()) {
+            for (const bool isInput : bothDirections) {
+                if (info->live(isInput))
+                    devices.insert(info->live(isInput));
+            }
+        }
+    });
+    return devices;
+}
+
+CXRef<DXRDevice> DXRDeviceManager::defaultInputDevice() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_defaultInputDevice
+                                      : _liveDevice(QDLAudioDeviceDefaultInputDeviceID(), true);
+}
+
+CXRef<DXRDevice> DXRDeviceManager::defaultOutputDevice() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_defaultOutputDevice
+                                      : _liveDevice(QDLAudioDeviceDefaultOutputDeviceID(), false);
+}
+
+CXRef<DXRDevice> DXRDeviceManager::soundEffectsDevice() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_soundEffectsDevice
+                                      : _liveDevice(QDLAudioDeviceDefaultSystemOutputDeviceID(), false);
+}
+
+CXRef<DXRDevice> DXRDeviceManager::_liveDevice(AudioObjectID deviceID, bool input) const
+{
+    CXRef<DXRDevice> device;
+    lock().execute([&] {
+        if (const CXRef<DXRDeviceInfo> info = _connectedDevicesByID->at(deviceID))
+            device = info->live(input);
+    });
+    return device;
+}
+
+// ---- Looking up
+
+CXRef<DXRDevice> DXRDeviceManager::deviceWithDeviceID(AudioObjectID deviceID, bool input)
+{
+    CX_ASSERT(!queue().isCurrent());
+    CXRef<DXRDevice> device = _liveDevice(deviceID, input);
+    if (!device && adoptHiddenDevice(QDLAudioDeviceUIDFromDeviceID(deviceID)))
+        device = _liveDevice(deviceID, input);
+    return device;
+}
+
+CXRef<DXRDevice> DXRDeviceManager::deviceWithDeviceUID(const std::optional<std::string>& deviceUID,
+                                                       bool input)
+{
+    CX_ASSERT(!queue().isCurrent());
+    const CXRef<DXRDeviceReference> reference =
+        DXRDeviceReference::initWithDeviceUID(deviceUID, std::nullopt);
+    if (!reference)
+        return nullptr;
+    const auto find = [&] {
+        CXRef<DXRDevice> device;
+        lock().execute([&] { device = _deviceWithReference(*reference, input, nullptr); });
+        return device;
+    };
+    CXRef<DXRDevice> device = find();
+    if (!device && adoptHiddenDevice(deviceUID))
+        device = find();
+    return device;
+}
+
+CXRef<DXRDevice> DXRDeviceManager::deviceWithReference(const std::optional<std::string>& reference)
+{
+    const CXRef<DXRDeviceReference> parsed =
+        reference ? DXRDeviceReference::initWithString(*reference) : nullptr;
+    const std::optional<bool> input = parsed ? parsed->isInput() : std::nullopt;
+    if (!input)
+        return nullptr;
+    const CXRef<DXRDeviceReference> whole = parsed->deviceReferenceWithInput(std::nullopt);
+    CXRef<DXRDevice> device;
+    lock().execute([&] { device = _deviceWithReference(*whole, *input, nullptr); });
+    return device;
+}
+
+CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> archive)
+{
+    const std::string_view text(reinterpret_cast<const char*>(archive.data()), archive.size());
+    if (text.size() < archivePrefix.size() + 2 || !text.starts_with(archivePrefix) ||
+        text[archivePrefix.size()] != '{' || text.back() != '}')
+        return nullptr;
+    const std::optional<CXPlist> parsed = CXPlistWithJSON(text.substr(archivePrefix.size()));
+    if (!parsed)
+        return nullptr;
+    const CXPlist version = vtObjectForKey(*parsed, "vn", CXPlistKind::Number);
+    const CXPlist referenceText = vtObjectForKey(*parsed, "ref", CXPlistKind::String);
+    if (version.is_null() || CXDoubleValue(version) != 1.0 || referenceText.is_null())
+        return nullptr;
+    const auto reference = DXRDeviceReference::initWithString(referenceText.get_ref<const std::string&>());
+    const std::optional<bool> input = reference ? reference->isInput() : std::nullopt;
+    if (!input)
+        return nullptr;
+    const CXRef<DXRDeviceReference> whole = reference->deviceReferenceWithInput(std::nullopt);
+    CXRef<DXRDevice> device;
+    lock().execute([&] { device = _deviceWithReference(*whole, *input, &*parsed); });
+    return device;
+}
+
+std::optional<std::vector<std::byte>> DXRDeviceManager::archiveForDevice(const CXRef<DXRDevice>& device)
+{
+    if (!device)
+        return std::nullopt;
+    const std::string text = std::string(archivePrefix) + CXJSONWithPlist(device->archive());
+    std::vector<std::byte> archive(text.size());
+    std::memcpy(archive.data(), text.data(), text.size());
+    return archive;
+}
+
+CXRef<DXRDevice> DXRDeviceManager::_deviceWithReference(const DXRDeviceReference& reference, bool input,
+                                                        const CXPlist* archive)
+{
+    for (const auto* list : {_connectedDevicesByID.get(), _archivedDevices.get()}) {
+        if (const CXRef<DXRDeviceInfo> info = list->firstEqual(reference))
+            return _deviceOfInfo(*info, input, false, archive);
+        if (const CXRef<DXRDeviceInfo> info = list->firstGenericallyEqual(reference))
+            return _deviceOfInfo(*info, input, true, archive);
+    }
+    CXRef<DXRDevice> device = archive ? DXRDevice::initWithArchive(*archive, CXRef(this)) : nullptr;
+    if (device) {
+        const CXRef<DXRDeviceInfo> info = DXRDeviceInfo::init();
+        info->reference = reference.deviceReferenceWithInput(std::nullopt);
+        info->live(input) = device;
+        info->archiveOrder = ++_archivedCount;
+        _archivedDevices->add(info->archiveOrder, info);
+    }
+    return device;
+}
+
+CXRef<DXRDevice> DXRDeviceManager::_deviceOfInfo(DXRDeviceInfo& info, bool input, bool isGenericMatch,
+                                                 const CXPlist* archive)
+{
+    CXRef<DXRDevice> device = info.live(input) ? info.live(input) : info.stashed(input);
+    if (device || !archive)
+        return device;
+    device = DXRDevice::initWithArchive(*archive, CXRef(this));
+    if (!device)
+        return nullptr;
+    if (isGenericMatch)
+        device->setDeviceReference(info.reference->deviceReferenceWithInput(input));
+    info.stashed(input) = device;
+    return device;
+}
+
+CXRef<DXRDevice> DXRDeviceManager::counterpartForDevice(const CXRef<DXRDevice>& device) const
+{
+    if (!device)
+        return nullptr;
+    const bool isInput = device->isInput();
+    if (device->isConnected())
+        return _liveDevice(device->deviceID(), !isInput);
+    CXRef<DXRDevice> counterpart;
+    lock().execute([&] {
+        for (const auto& [order, info] : _archivedDevices->infos()) {
+            if (info->live(isInput) == device) {
+                counterpart = info->live(!isInput);
+                return;
+            }
+        }
+    });
+    return counterpart;
+}
+
+// ---- Following
+
+void DXRDeviceManager::addDeviceNotifier(const CXRef<platform::WorkQueue>& queue, const NotifierBlock& block)
+{
+    if (!block)
+        return;
+    lock().execute([&] {
+        if (std::ranges::none_of(_notifiers, [&](const auto& each) { return each->block() == block; }))
+            _notifiers.push_back(DXRDeviceManagerNotifier::initWithQueue(queue, block));
+    });
+}
+
+void DXRDeviceManager::removeDeviceNotifier(const NotifierBlock& block)
+{
+    CXRef<DXRDeviceManagerNotifier> removed; // dropped without the lock
+    lock().execute([&] {
+        const auto found =
+            std::ranges::find_if(_notifiers, [&](const auto& each) { return each->block() == block; });
+        if (found == _notifiers.end())
+            return;
+        removed = std::move(*found);
+        _notifiers.erase(found);
+    });
+}
+
+void DXRDeviceManager::setNeedsDevicesUpdate(bool needsUpdate)
+{
+    if (!needsUpdate)
+        return;
+    lock().execute([&] {
+        if (std::exchange(_needsDevicesUpdate, true))
+            return;
+        queue().async([weak = CXWeak(*this)] {
+            const CXRef<DXRDeviceManager> self = weak.lock();
+            if (self && lock().execond([&] { return std::exchange(self->_needsDevicesUpdate, false); }))
+                self->_updateDeviceList(false);
+        });
+    });
+}
+
+bool DXRDeviceManager::adoptHiddenDevice(const std::optional<std::string>& deviceUID)
+{
+    CX_ASSERT(!queue().isCurrent());
+    const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(deviceUID);
+    if (deviceID == kAudioObjectUnknown || !QDLAudioDeviceIsHidden(deviceID))
+        return false;
+    lock().execute([&] { _hiddenDeviceUIDs.insert(*deviceUID); });
+    queue().sync([&] { _updateDeviceList(true); });
+    return true;
+}
+
+void DXRDeviceManager::deviceWasUpdated(const CXRef<DXRDevice>& device)
+{
+    if (!device)
+        return;
+    lock().execute([&] { _updatedDevices.insert(device); });
+    setNeedsDevicesUpdate(true);
+}
+
+// ---- The update
+
+std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
+{
+    uint32_t count = 0;
+    AudioObjectID* const list = QDLAudioDeviceIDList(&count);
+    std::vector<AudioObjectID> ids(list, list + count);
+    std::free(list);
+    static const CXRef<DXRPropertyAddress>* const hidden = new CXRef(DXRPropertyAddress::deviceIsHidden());
+    std::erase_if(ids, [](AudioObjectID deviceID) {
+        uint32_t isHidden = 0;
+        return (*hidden)->getUInt32(&isHidden, deviceID) && isHidden != 0;
+    });
+    for (const std::string& uid : _hiddenDeviceUIDs) {
+        if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(uid))
+            ids.push_back(deviceID);
+    }
+    std::ranges::sort(ids);
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+    return ids;
+}
+
+void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
+{
+    const uint64_t failuresBefore = halReadFailures();
+    Changes changes;
+    Devices updated;
+    std::vector<CXRef<DXRDeviceManagerNotifier>> notifiers;
+    lock().execute([&] {
+        _needsDevicesUpdate = false;
+        _updateConnected(_deviceIDList(), changes);
+        _archiveGone(changes);
+        _returnOrAdd(changes);
+        // Names change with the list, and with what has been read of a device.
+        if (!changes.connected.empty() || !changes.disconnected.empty() || !_updatedDevices.empty()) {
+            _updateDeviceDisplayNames();
+            _updateDeviceDisplayNamesWithSource();
+        }
+        // A default that was announced before its device was listed shows only now.
+        if (updateDefaults || !changes.connected.empty() || !changes.disconnected.empty())
+            _updateDefaultDevices();
+        updated = std::exchange(_updatedDevices, {});
+        updated.insert(changes.connected.begin(), changes.connected.end());
+        updated.insert(changes.disconnected.begin(), changes.disconnected.end());
+        if (!updated.empty())
+            notifiers = _notifiers;
+        _retryAfter(halReadFailures() != failuresBefore);
+    });
+    if (changes.needsAnother)
+        setNeedsDevicesUpdate(true);
+    if (!updated.empty())
+        _kvo->updateValueForKey("connectedDevices");
+    for (const CXRef<DXRDeviceManagerNotifier>& notifier : notifiers)
+        notifier->notify(changes.connected, changes.disconnected, updated);
+}
+
+void DXRDeviceManager::_updateConnected(std::span<const AudioObjectID> ids, Changes& changes)
+{
+    const auto& infos = _connectedDevicesByID->infos();
+    auto known = infos.begin(); // both ascend
+    for (const AudioObjectID deviceID : ids) {
+        for (; known != infos.end() && known->first < deviceID; ++known)
+            changes.gone.push_back(known->second->deviceID);
+        if (known == infos.end() || known->first != deviceID)
+            _meet(deviceID, changes);
+        else if (DXRDeviceInfo& info = *(known++)->second; !_keep(info, changes))
+            changes.gone.push_back(deviceID);
+    }
+    for (; known != infos.end(); ++known)
+        changes.gone.push_back(known->second->deviceID);
+}
+
+bool DXRDeviceManager::_keep(DXRDeviceInfo& info, Changes& changes)
+{
+    const bool isMended = info.identify(info.deviceID);
+    const CXRef<DXRDeviceReference>& reference = info.currentReference();
+    if (!reference)
+        return false;
+    for (const bool isInput : bothDirections) {
+        if (info.live(isInput) && !info.live(isInput)->confirmGenericChannelCounts()) {
+            changes.needsAnother = true;
+            return false;
+        }
+    }
+    if (info.reference != reference && (isMended || !info.reference->isEqual(reference.get())))
+        _connectedDevicesByID->setReference(info, reference);
+    _updateDeviceInfo(info, info.deviceID, changes.connected, &changes.disconnected);
+    for (const bool isInput : bothDirections) {
+        if (isMended && info.live(isInput))
+            info.live(isInput)->setDeviceReference(info.currentReference(isInput));
+    }
+    return true;
+}
+
+void DXRDeviceManager::_meet(AudioObjectID deviceID, Changes& changes)
+{
+    const CXRef<DXRDeviceInfo> info = DXRDeviceInfo::init();
+    info->deviceID = deviceID;
+    _updateDevicePropertyListeners(*info); // before the look at its streams, so that no change is missed
+    info->identify(deviceID);
+    if (info->currentReference())
+        changes.fresh.push_back(info);
+}
+
+void DXRDeviceManager::_archiveGone(Changes& changes)
+{
+    for (const AudioObjectID deviceID : changes.gone) {
+        const CXRef<DXRDeviceInfo> info = _connectedDevicesByID->remove(deviceID);
+        info->deviceID = kAudioObjectUnknown;
+        info->archiveOrder = ++_archivedCount;
+        _archivedDevices->add(info->archiveOrder, info);
+        for (const bool isInput : bothDirections) {
+            if (const CXRef<DXRDevice>& device = info->live(isInput)) {
+                device->disconnect();
+                changes.disconnected.insert(device);
+            }
+        }
+        _updateDevicePropertyListeners(*info);
+        _resetDisplayNames(*info);
+    }
+}
+
+void DXRDeviceManager::_returnOrAdd(Changes& changes)
+{
+    const auto returnBy = [&](bool isGenericMatch) {
+        std::erase_if(changes.fresh, [&](const CXRef<DXRDeviceInfo>& fresh) {
+            const CXRef<DXRDeviceReference>& reference = fresh->currentReference();
+            if (isGenericMatch && !reference->isGeneric())
+                return false;
+            const CXRef<DXRDeviceInfo> archived = isGenericMatch
+                                                      ? _archivedDevices->firstGenericallyEqual(*reference)
+                                                      : _archivedDevices->firstEqual(*reference);
+            if (!archived)
+                return false;
+            _archivedDevices->remove(archived->archiveOrder);
+            archived->adoptIdentityOf(*fresh);
+            _connectInfo(archived, fresh->deviceID, changes);
+            return true;
+        });
+    };
+    returnBy(false);
+    returnBy(true);
+    for (const CXRef<DXRDeviceInfo>& info : changes.fresh)
+        _connectInfo(info, info->deviceID, changes);
+}
+
+void DXRDeviceManager::_connectInfo(const CXRef<DXRDeviceInfo>& info, AudioObjectID deviceID,
+                                    Changes& changes)
+{
+    if (!info->reference || !info->reference->isEqual(info->currentReference().get()))
+        info->reference = info->currentReference();
+    _updateDeviceInfo(*info, deviceID, changes.connected, nullptr);
+    _connectedDevicesByID->add(deviceID, info);
+    _updateDevicePropertyListeners(*info);
+}
+
+void DXRDeviceManager::_updateDeviceInfo(DXRDeviceInfo& info, AudioObjectID deviceID, Devices& connected,
+                                         Devices* disconnected)
+{
+    info.deviceID = deviceID;
+    for (const bool isInput : bothDirections) {
+        CXRef<DXRDevice>& live = info.live(isInput);
+        CXRef<DXRDevice>& stashed = info.stashed(isInput);
+        const CXRef<DXRDeviceReference>& reference = info.currentReference(isInput);
+        if (reference && live) {
+            live->connect(deviceID, reference);
+            if (!disconnected)
+                connected.insert(live);
+            else if (live->refreshIfIncomplete())
+                _updatedDevices.insert(live);
+        } else if (reference) {
+            if (stashed) {
+                live = std::exchange(stashed, nullptr);
+                live->connect(deviceID, reference);
+            } else {
+                live = DXRDevice::initWithDeviceID(deviceID, reference, CXRef(this));
+            }
+            if (live)
+                connected.insert(live);
+        } else if (live) {
+            stashed = std::exchange(live, nullptr);
+            stashed->disconnect();
+            if (disconnected)
+                disconnected->insert(stashed);
+        }
+    }
+}
+
+void DXRDeviceManager::_updateDevicePropertyListeners(DXRDeviceInfo& info)
+{
+    if (info.deviceID == kAudioObjectUnknown) {
+        if (info.streams)
+            info.streams->stop();
+        info.streams = nullptr;
+    } else if (!info.streams) {
+        constexpr AudioObjectPropertyAddress streams{kAudioDevicePropertyStreams,
+                                                     kAudioObjectPropertyScopeWildcard,
+                                                     kAudioObjectPropertyElementWildcard};
+        info.streams = DXRPropertyListener::initWithObjectID(
+            info.deviceID, &streams, CXRef(&queue()), CXRef<CXObject>(this),
+            [](const CXRef<CXObject>& self, const AudioObjectPropertyAddress* /*address*/) {
+                static_cast<DXRDeviceManager*>(self.get())->setNeedsDevicesUpdate(true);
+            });
+        info.streams->start();
+    }
+}
+
+// Reads that fail are rare, and answered as if there were nothing; what is wrong by that is mended here.
+void DXRDeviceManager::_retryAfter(bool hasFailed)
+{
+    if (!hasFailed || _retries >= mostRetries) {
+        _retries = 0;
+        return;
+    }
+    if (std::exchange(_isRetryPending, true))
+        return;
+    queue().after(firstRetryNanoseconds << _retries++, [weak = CXWeak(*this)] {
+        const CXRef<DXRDeviceManager> self = weak.lock();
+        if (!self)
+            return;
+        lock().execute([&] { self->_isRetryPending = false; });
+        self->_updateDeviceList(true);
+    });
+}
+
+// ---- Display names
+
+void DXRDeviceManager::_resetDisplayNames(DXRDeviceInfo& info)
+{
+    for (const CXRef<DXRDevice>& device : {info.input, info._input, info.output, info._output}) {
+        if (!device)
+            continue;
+        const bool isNew = device->updateDisplayName(std::nullopt);
+        if (device->updateDisplayNameWithSource(std::nullopt) || isNew)
+            _updatedDevices.insert(device);
+    }
+}
+
+void DXRDeviceManager::_updateDeviceDisplayNames()
+{
+    _number([](const DXRDevice& device) { return device.name(); },
+            [](DXRDevice& device, const auto& name) { return device.updateDisplayName(name); });
+}
+
+void DXRDeviceManager::_updateDeviceDisplayNamesWithSource()
+{
+    _number([](const DXRDevice& device) { return device.nameWithSource(); },
+            [](DXRDevice& device, const auto& name) { return device.updateDisplayNameWithSource(name); });
+}
+
+template <class Name, class Update> void DXRDeviceManager::_number(const Name& name, const Update& update)
+{
+    const auto show = [&](const CXRef<DXRDevice>& device, const std::optional<std::string>& shown) {
+        if (update(*device, shown))
+            _updatedDevices.insert(device);
+    };
+    for (const bool isInput : bothDirections) {
+        std::unordered_map<std::string, std::vector<CXRef<DXRDevice>>> groups; // by ID within each
+        for (const auto& [deviceID, info] : _connectedDevicesByID->infos()) {
+            if (info->stashed(isInput))
+                show(info->stashed(isInput), std::nullopt);
+            if (const CXRef<DXRDevice>& device = info->live(isInput))
+                groups[name(*device)].push_back(device);
+        }
+        for (const auto& [shared, devices] : groups) {
+            if (devices.size() == 1) {
+                show(devices.front(), std::nullopt);
+                continue;
+            }
+            size_t number = 0;
+            for (const CXRef<DXRDevice>& device : devices)
+                show(device, shared + " " + std::to_string(++number));
+        }
+    }
+}
+
+// ---- Default devices
+
+bool DXRDeviceManager::_updateDefaultDevices()
+{
+    bool hasChanged = false;
+    for (size_t i = 0; i < defaults.size(); ++i) {
+        const AudioObjectPropertyAddress address{defaults[i].selector, kAudioObjectPropertyScopeGlobal,
+                                                 kAudioObjectPropertyElementMain};
+        const std::optional<AudioObjectID> deviceID =
+            DXRPropertyAddress::initWithAddress(&address)->uint32ForObjectID(kAudioObjectSystemObject);
+        if (deviceID.value_or(kAudioObjectUnknown) == kAudioObjectUnknown)
+            continue;
+        const CXRef<DXRDevice> now = _liveDevice(*deviceID, defaults[i].isInput);
+        const CXRef<DXRDevice> before = std::exchange(_defaultDevices[i], now);
+        if (now == before)
+            continue;
+        hasChanged = true;
+        for (const CXRef<DXRDevice>& device : {before, now}) {
+            if (!device)
+                continue;
+            _updatedDevices.insert(device);
+            device->kvo()->updateValueForKey("isDefault");
+        }
+        _kvo->updateValueForKey(defaults[i].key);
+    }
+    return hasChanged;
+}
+
+void DXRDeviceManager::_defaultDevicesChanged()
+{
+    if (lock().execond([&] { return _updateDefaultDevices(); }))
+        _updateDeviceList(false);
+}

@@ -1,0 +1,496 @@
+#include "DefaultsDatabase.h"
+
+#include "DataFolder.h"
+#include "LogSink.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <memory>
+#include <random>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+namespace platform {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int64_t applicationID = 0x64787253; // "dxrS", in the file's header
+constexpr int64_t schemaVersion = 1;
+
+struct StatementEnd {
+    void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, StatementEnd>;
+
+Statement prepare(sqlite3* connection, const char* text)
+{
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(connection, text, -1, &statement, nullptr);
+    return Statement(statement);
+}
+
+std::string textOf(sqlite3_stmt* statement, int column)
+{
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+    const int size = sqlite3_column_bytes(statement, column);
+    return text ? std::string(text, static_cast<size_t>(size)) : std::string();
+}
+
+/// For whom a limit on file sizes is set, a write beyond it is an error and not the end of the process.
+class FileSizeSignalBlock {
+public:
+    FileSizeSignalBlock()
+    {
+        rlimit limit = {};
+        _isNeeded = getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY;
+        if (!_isNeeded)
+            return;
+        sigemptyset(&_signal);
+        sigaddset(&_signal, SIGXFSZ);
+        sigset_t pending;
+        sigpending(&pending);
+        _wasPending = sigismember(&pending, SIGXFSZ) == 1;
+        pthread_sigmask(SIG_BLOCK, &_signal, &_before);
+    }
+    ~FileSizeSignalBlock()
+    {
+        if (!_isNeeded)
+            return;
+        const timespec now{};
+        if (!_wasPending)
+            while (sigtimedwait(&_signal, nullptr, &now) == SIGXFSZ) {
+            }
+        pthread_sigmask(SIG_SETMASK, &_before, nullptr);
+    }
+    FileSizeSignalBlock(const FileSizeSignalBlock&) = delete;
+    FileSizeSignalBlock& operator=(const FileSizeSignalBlock&) = delete;
+
+private:
+    sigset_t _signal, _before;
+    bool _isNeeded = false;
+    bool _wasPending = false;
+};
+
+/// Keeps other processes from opening the database or setting it aside at the same moment: a file renamed between
+/// another's opening it and its log would leave that log to the next file of the name.
+class OpeningLock {
+public:
+    OpeningLock(const std::string& path, Clock::time_point deadline)
+        // Only read, so that whoever watches the folder for writers is not woken.
+        : _descriptor(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR))
+    {
+        // No file: a folder that nobody writes to needs no lock.
+        while (_descriptor >= 0 && flock(_descriptor, LOCK_EX | LOCK_NB) != 0) {
+            if (errno != EWOULDBLOCK && errno != EINTR)
+                return; // no such locks on this file system
+            _isHeldByOther = Clock::now() >= deadline;
+            if (_isHeldByOther)
+                return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+    ~OpeningLock()
+    {
+        if (_descriptor >= 0)
+            ::close(_descriptor);
+    }
+    OpeningLock(const OpeningLock&) = delete;
+    OpeningLock& operator=(const OpeningLock&) = delete;
+    bool isHeldByOther() const noexcept { return _isHeldByOther; }
+
+private:
+    const int _descriptor;
+    bool _isHeldByOther = false;
+};
+
+/// Whether the file is empty, cannot be read here, or begins as a database does. SQLite itself takes a short file for
+/// an empty one and writes over it.
+bool mayBeDatabase(const std::string& path)
+{
+    constexpr std::string_view head("SQLite format 3\0", 16);
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        return true;
+    std::array<char, head.size()> found{};
+    const ssize_t count = ::read(descriptor, found.data(), found.size());
+    ::close(descriptor);
+    return count <= 0 || std::string_view(found.data(), static_cast<size_t>(count)) == head;
+}
+
+/// SQLite's name for a file that nobody will change.
+std::string immutableName(const std::string& path)
+{
+    std::string name = "file:";
+    for (const char each : path) {
+        if (each == '%' || each == '?' || each == '#') {
+            constexpr std::array digits{'0', '1', '2', '3', '4', '5', '6', '7',
+                                        '8', '9', 'A', 'B', 'C', 'D', 'E', 'F'};
+            const auto byte = static_cast<unsigned char>(each);
+            name += {'%', digits[byte >> 4], digits[byte & 15U]};
+        } else {
+            name += each;
+        }
+    }
+    return name + "?immutable=1";
+}
+
+/// ".damaged-20260131-235959-1234": the time, and the process.
+std::string suffixOfDamaged()
+{
+    const std::time_t now = std::time(nullptr);
+    std::tm parts = {};
+    localtime_r(&now, &parts);
+    char text[64];
+    const size_t length = std::strftime(text, sizeof text, ".damaged-%Y%m%d-%H%M%S-", &parts);
+    return std::string(text, length) + std::to_string(getpid());
+}
+
+} // namespace
+
+bool DefaultsDatabase::open()
+{
+    if (_connection && _isStillInPlace())
+        return true;
+    close();
+    const FileSizeSignalBlock block;
+    _waitEnds = Clock::now() + _maximumWait;
+    while (!_open()) {
+        // Some steps of opening answer "busy" without waiting, lest two processes wait for one another.
+        if ((_lastCode & 0xFF) != SQLITE_BUSY || Clock::now() >= _waitEnds)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+bool DefaultsDatabase::_open()
+{
+    _lastCode = SQLITE_OK;
+    std::string trouble;
+    const std::optional<std::string> folder = userDataFolder(trouble);
+    if (!folder)
+        return _failWith(trouble, /*mayRecover=*/false);
+    _folder = *folder;
+    _path = *folder + "/" + _suiteName + ".db";
+    // A link is the user's choice: then everything happens where it leads, so that no file stands without its log.
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(_path.c_str(), nullptr), &std::free);
+    if (real) {
+        _path = real.get();
+        _folder = _path.substr(0, _path.rfind('/'));
+    }
+    const OpeningLock lock(_path + ".lock", _waitEnds);
+    if (lock.isHeldByOther())
+        return _failWith(_path + ".lock is held by another process");
+
+    // Made here, because SQLite would let others read it.
+    const int made = ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (made >= 0)
+        ::close(made);
+    else if (errno != EEXIST)
+        return _failWith(_path + ": " + std::generic_category().message(errno));
+    struct stat state = {};
+    if (stat(_path.c_str(), &state) != 0)
+        return _failWith(_path + ": " + std::generic_category().message(errno));
+    if (!S_ISREG(state.st_mode))
+        return _failWith(_path + " is not a file");
+    if (!mayBeDatabase(_path)) {
+        _trouble = "it is not a database";
+        return _setAside() && _openFile(/*isWritable=*/true);
+    }
+
+    if (_openFile(/*isWritable=*/true))
+        return true;
+    if (_isCorrupt())
+        return _setAside() && _openFile(/*isWritable=*/true);
+    const int code = _lastCode & 0xFF;
+    if (code != SQLITE_CANTOPEN && code != SQLITE_READONLY && code != SQLITE_PERM)
+        return false;
+    trouble = _trouble;
+    const bool canRead = _openFile(/*isWritable=*/false);
+    _trouble = trouble;
+    return canRead;
+}
+
+bool DefaultsDatabase::_openFile(bool isWritable)
+{
+    close();
+    const auto openAs = [this](const std::string& name, int flags) {
+        sqlite3_close(std::exchange(_connection, nullptr));
+        const int code = sqlite3_open_v2(name.c_str(), &_connection, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+        if (!_connection)
+            return _failWith(_path + ": out of memory");
+        sqlite3_extended_result_codes(_connection, 1);
+        sqlite3_busy_handler(_connection, &_waitForOthers, this);
+        // Without this, the last to leave would remove the log of whatever file has the name by then.
+        int keepsLog = 1;
+        sqlite3_file_control(_connection, "main", SQLITE_FCNTL_PERSIST_WAL, &keepsLog);
+        return code == SQLITE_OK && _execute("PRAGMA trusted_schema=OFF");
+    };
+    bool isOpen = false;
+    if (isWritable) {
+        isOpen = openAs(_path, SQLITE_OPEN_READWRITE);
+        if (isOpen && sqlite3_db_readonly(_connection, "main") == 1) {
+            _lastCode = SQLITE_READONLY;
+            _trouble = _path + " may not be written";
+            close();
+            return false;
+        }
+        // On a file system without shared memory the log stays another one, and everything works.
+        // Nothing can be lost of a new file, so making it need not wait for the disk.
+        struct stat state = {};
+        const bool isNew = stat(_path.c_str(), &state) == 0 && state.st_size == 0;
+        isOpen = isOpen && (!isNew || _execute("PRAGMA synchronous=OFF")) &&
+                 _execute("PRAGMA journal_mode=WAL") && _execute("PRAGMA wal_autocheckpoint=128") &&
+                 _execute("PRAGMA journal_size_limit=1048576");
+    } else {
+        int64_t ignored = 0;
+        isOpen =
+            openAs(_path, SQLITE_OPEN_READONLY) && _number("SELECT count(*) FROM sqlite_schema", ignored);
+        if (!isOpen) // no log can be made beside it; then nobody else is writing one either
+            isOpen = openAs(immutableName(_path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
+    }
+    if (isOpen)
+        isOpen = _prepareSchema(isWritable) && _execute("PRAGMA synchronous=FULL") &&
+                 stat(_path.c_str(), &_identity) == 0;
+    else if (_connection)
+        _fail("open");
+    if (!isOpen) {
+        close();
+        return false;
+    }
+    _isWritable = isWritable;
+    return true;
+}
+
+bool DefaultsDatabase::_prepareSchema(bool isWritable)
+{
+    int64_t application = 0;
+    int64_t version = 0;
+    int64_t tables = 0;
+    if (!_number("PRAGMA application_id", application) || !_number("PRAGMA user_version", version) ||
+        !_number("SELECT count(*) FROM sqlite_schema", tables))
+        return false;
+    if (application == 0 && version == 0 && tables == 0) {
+        if (!isWritable)
+            return _failWith(_path + " is empty");
+        if (_execute("BEGIN IMMEDIATE") &&
+            _execute("CREATE TABLE entries(key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL) "
+                     "STRICT, WITHOUT ROWID") &&
+            _execute(("PRAGMA application_id=" + std::to_string(applicationID)).c_str()) &&
+            _execute(("PRAGMA user_version=" + std::to_string(schemaVersion)).c_str()) && _execute("COMMIT"))
+            return true;
+        const int code = _lastCode;
+        sqlite3_exec(_connection, "ROLLBACK", nullptr, nullptr, nullptr);
+        _lastCode = code;
+        return false;
+    }
+    if (application != applicationID)
+        return _failWith(_path + " is another program's");
+    if (version != schemaVersion)
+        return _failWith(_path + " is of a later version of dxr");
+    const Statement check = prepare(_connection, "PRAGMA quick_check(1)");
+    const bool hasTable = prepare(_connection, "SELECT key, value FROM entries") != nullptr;
+    const int code = check ? sqlite3_step(check.get()) : sqlite3_errcode(_connection);
+    if (code == SQLITE_ROW && textOf(check.get(), 0) == "ok" && hasTable)
+        return true;
+    if (code != SQLITE_ROW)
+        return _fail("check");
+    _failWith(_path + ": " + (hasTable ? textOf(check.get(), 0) : std::string("its table is missing")));
+    _lastCode = SQLITE_CORRUPT;
+    return false;
+}
+
+void DefaultsDatabase::close()
+{
+    sqlite3_finalize(std::exchange(_dataVersionStatement, nullptr));
+    sqlite3_close(std::exchange(_connection, nullptr));
+    _isInTransaction = false;
+    _isWritable = false;
+    _dataVersion = -1;
+}
+
+DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
+{
+    if (!_connection)
+        return Reading::Failed;
+    const FileSizeSignalBlock block; // reading may have to mend the log
+    if (!_isInTransaction)
+        _waitEnds = Clock::now() + _maximumWait;
+    if (!_dataVersionStatement)
+        _dataVersionStatement = prepare(_connection, "PRAGMA data_version").release();
+    const bool hasVersion = _dataVersionStatement && sqlite3_step(_dataVersionStatement) == SQLITE_ROW;
+    const int64_t version = hasVersion ? sqlite3_column_int64(_dataVersionStatement, 0) : -1;
+    sqlite3_reset(_dataVersionStatement);
+    if (hasVersion && version == _dataVersion)
+        return Reading::Unchanged;
+
+    const Statement statement = prepare(_connection, "SELECT key, value FROM entries");
+    DefaultsRows found;
+    int code = SQLITE_ERROR;
+    while (statement && (code = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        std::string key = textOf(statement.get(), 0);
+        std::string value = textOf(statement.get(), 1);
+        const auto before = rows.find(key);
+        const bool isSame = before != rows.end() && before->second->value() == value;
+        CXRef<DefaultsRow> row = isSame ? before->second : DefaultsRow::initWithValue(std::move(value));
+        found.emplace(std::move(key), std::move(row));
+    }
+    if (code != SQLITE_DONE) {
+        _fail("read");
+        if (_isCorrupt())
+            close(); // and the next opening sets the file aside
+        return Reading::Failed;
+    }
+    rows = std::move(found);
+    _dataVersion = version;
+    return Reading::Done;
+}
+
+bool DefaultsDatabase::begin()
+{
+    if (!_isWritable)
+        close(); // what could only be read may be writable by now
+    if (!open() || !_isWritable)
+        return false;
+    const FileSizeSignalBlock block;
+    _waitEnds = Clock::now() + _maximumWait;
+    _isInTransaction = _execute("BEGIN IMMEDIATE");
+    if (!_isInTransaction && _isCorrupt())
+        close(); // as in read()
+    return _isInTransaction;
+}
+
+bool DefaultsDatabase::commit(const DefaultsChanges& changes)
+{
+    const FileSizeSignalBlock block;
+    const Statement insertion = prepare(_connection, "INSERT INTO entries(key, value) VALUES(?1, ?2) "
+                                                     "ON CONFLICT(key) DO UPDATE SET value=excluded.value");
+    const Statement removal = prepare(_connection, "DELETE FROM entries WHERE key=?1");
+    bool isWritten = insertion && removal;
+    for (auto change = changes.begin(); isWritten && change != changes.end(); ++change) {
+        const auto& [key, value] = *change;
+        sqlite3_stmt* const statement = value ? insertion.get() : removal.get();
+        const auto bind = [&](int index, const std::string& text) {
+            return sqlite3_bind_text64(statement, index, text.data(), text.size(), SQLITE_STATIC,
+                                       SQLITE_UTF8) == SQLITE_OK;
+        };
+        isWritten = bind(1, key) && (!value || bind(2, *value)) && sqlite3_step(statement) == SQLITE_DONE;
+        sqlite3_reset(statement);
+    }
+    if (!isWritten)
+        _fail("write");
+    isWritten = isWritten && _execute("COMMIT");
+    if (!isWritten) {
+        rollback();
+        return false;
+    }
+    _isInTransaction = false;
+    // After the commit, so that whoever looks now sees it: the log is written before it counts. A process that
+    // dies in between is heard of by its closing the file.
+    utimensat(AT_FDCWD, _path.c_str(), nullptr, 0);
+    return true;
+}
+
+void DefaultsDatabase::rollback()
+{
+    if (_connection && sqlite3_get_autocommit(_connection) == 0)
+        sqlite3_exec(_connection, "ROLLBACK", nullptr, nullptr, nullptr);
+    _isInTransaction = false;
+    if (_isCorrupt())
+        close(); // as in read()
+}
+
+bool DefaultsDatabase::isMissing() const
+{
+    struct stat now = {};
+    return !_path.empty() && stat(_path.c_str(), &now) != 0 && errno == ENOENT;
+}
+
+bool DefaultsDatabase::_isStillInPlace() const
+{
+    struct stat now = {};
+    return stat(_path.c_str(), &now) == 0 && now.st_ino == _identity.st_ino && now.st_dev == _identity.st_dev;
+}
+
+bool DefaultsDatabase::_setAside()
+{
+    const std::string damage = _trouble;
+    const std::string name = _path + suffixOfDamaged();
+    // The log goes first: beside a new file it would be taken for that file's.
+    for (const char* part : {"-wal", "-shm", ""}) {
+        const std::string from = _path + part;
+        if (std::rename(from.c_str(), (name + part).c_str()) != 0 && errno != ENOENT)
+            return _failWith(damage +
+                             ", and it cannot be set aside: " + std::generic_category().message(errno));
+    }
+    const int made = ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (made < 0)
+        return _failWith(_path + ": " + std::generic_category().message(errno));
+    ::close(made);
+    _wasSetAside = true;
+    LogSink::log("Damaged settings were set aside as " + name + " (" + damage + ")");
+    return true;
+}
+
+bool DefaultsDatabase::_isCorrupt() const noexcept
+{
+    const int code = _lastCode & 0xFF;
+    return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
+}
+
+bool DefaultsDatabase::_execute(const char* statement)
+{
+    return sqlite3_exec(_connection, statement, nullptr, nullptr, nullptr) == SQLITE_OK || _fail(statement);
+}
+
+bool DefaultsDatabase::_number(const char* statement, int64_t& number)
+{
+    const Statement prepared = prepare(_connection, statement);
+    if (!prepared || sqlite3_step(prepared.get()) != SQLITE_ROW)
+        return _fail(statement);
+    number = sqlite3_column_int64(prepared.get(), 0);
+    return true;
+}
+
+bool DefaultsDatabase::_fail(const char* step)
+{
+    _lastCode = sqlite3_extended_errcode(_connection);
+    _trouble = _path + ": " + sqlite3_errmsg(_connection) + " (" + step + ")";
+    if (const int cause = sqlite3_system_errno(_connection); cause != 0)
+        _trouble += ": " + std::generic_category().message(cause);
+    else if (_lastCode > 0xFF)
+        _trouble += ": SQLite's " + std::to_string(_lastCode);
+    _mayRecover = true;
+    return false;
+}
+
+bool DefaultsDatabase::_failWith(std::string trouble, bool mayRecover)
+{
+    _lastCode = SQLITE_OK;
+    _trouble = std::move(trouble);
+    _mayRecover = mayRecover;
+    return false;
+}
+
+int DefaultsDatabase::_waitForOthers(void* database, int)
+{
+    if (Clock::now() >= static_cast<DefaultsDatabase*>(database)->_waitEnds)
+        return 0;
+    // Short and uneven, so that of many writers none is left out for long.
+    thread_local std::minstd_rand random{std::random_device{}()};
+    std::this_thread::sleep_for(
+        std::chrono::microseconds(std::uniform_int_distribution<>(300, 3000)(random)));
+    return 1;
+}
+
+} // namespace platform

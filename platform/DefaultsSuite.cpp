@@ -1,0 +1,263 @@
+#include "DefaultsSuite.h"
+
+#include "DefaultsWatcher.h"
+#include "LogSink.h"
+
+namespace platform {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto patience = 3s;
+// Who could not store before does not make every later call wait as long.
+constexpr auto patienceInTrouble = 50ms;
+
+DefaultsRows merged(const DefaultsRows& stored, const DefaultsChanges& unsaved)
+{
+    DefaultsRows rows = stored;
+    for (const auto& [key, value] : unsaved) {
+        if (!value)
+            rows.erase(key);
+        else if (CXRef<DefaultsRow>& row = rows[key]; !row || row->value() != *value)
+            row = DefaultsRow::initWithValue(*value);
+    }
+    return rows;
+}
+
+} // namespace
+
+CXRef<DefaultsSuite> DefaultsSuite::suiteNamed(const std::string& name)
+{
+    struct Suites {
+        std::mutex mutex;
+        std::map<std::string, CXRef<DefaultsSuite>> byName;
+    };
+    static auto& suites = *new Suites; // never destroyed: the watcher's thread uses them to the end
+    const std::lock_guard lock(suites.mutex);
+    CXRef<DefaultsSuite>& suite = suites.byName[name];
+    if (!suite)
+        suite = CXRef<DefaultsSuite>::adopt(new DefaultsSuite(name));
+    return suite;
+}
+
+CXRef<DefaultsSnapshot> DefaultsSuite::snapshot()
+{
+    std::unique_lock store(_storeMutex, std::try_to_lock);
+    if (!store.owns_lock()) {
+        {
+            const std::lock_guard lock(_mutex);
+            if (_snapshot)
+                return _snapshot;
+        }
+        store.lock();
+    }
+    // Before the first use; after a failure to open it is for writers and the watcher to try again.
+    if (_database.isOpen() || !_snapshot) {
+        _database.setMaximumWait(_isInTrouble ? patienceInTrouble : patience);
+        if (!_read())
+            _complain();
+    }
+    const std::lock_guard lock(_mutex);
+    return _snapshot;
+}
+
+bool DefaultsSuite::update(const Edit& edit)
+{
+    const std::lock_guard store(_storeMutex);
+    _database.setMaximumWait(_isInTrouble ? patienceInTrouble : patience);
+    _pending.push_back(edit);
+    const bool isStored = _storePending();
+    if (!isStored) {
+        _keepInMemory(edit);
+        _publish();
+        _complain();
+    }
+    DefaultsWatcher::shared().wake();
+    return isStored;
+}
+
+bool DefaultsSuite::synchronize()
+{
+    const std::lock_guard store(_storeMutex);
+    _database.setMaximumWait(_isInTrouble ? patienceInTrouble : patience);
+    return _storePending();
+}
+
+bool DefaultsSuite::announceChanges(Retry retry)
+{
+    bool mayStoreLater = false;
+    {
+        const std::lock_guard store(_storeMutex);
+        _database.setMaximumWait(patienceInTrouble);
+        if (_database.isOpen() || (retry == Retry::Yes && _pending.empty()))
+            _read();
+        if (retry == Retry::Yes)
+            _storePending();
+        mayStoreLater = (!_pending.empty() || !_database.isOpen()) && _database.mayRecover();
+    }
+    for (const CXBlock<void()>& changed : _observersOfChanges())
+        changed();
+    return mayStoreLater;
+}
+
+std::string DefaultsSuite::folder()
+{
+    const std::lock_guard store(_storeMutex);
+    return _database.folder();
+}
+
+/// Brings the rows up to date; false when that is not possible.
+bool DefaultsSuite::_read()
+{
+    bool isRead = false;
+    if (_database.isMissing()) { // whoever removed the file meant it; the next writer makes another
+        _database.close();
+        _stored.clear();
+        isRead = true;
+    }
+    for (int attempt = 0; !isRead && attempt < 2 && _database.open(); ++attempt) {
+        if (_database.takeWasSetAside() && !_stored.empty()) {
+            // What was in the damaged file and is known here is not lost.
+            DefaultsChanges known;
+            for (const auto& [key, row] : _stored)
+                known.emplace(key, row->value());
+            _unsaved.insert(known.begin(), known.end());
+            _pending.insert(_pending.begin(), [known](const DefaultsSnapshot&) { return known; });
+        }
+        const DefaultsDatabase::Reading reading = _database.read(_stored);
+        if (reading == DefaultsDatabase::Reading::Unchanged)
+            return true;
+        isRead = reading == DefaultsDatabase::Reading::Done;
+        if (!isRead && _database.isOpen())
+            break; // a second try is for a file that was damaged, and has been closed
+    }
+    _publish();
+    return isRead;
+}
+
+/// Begins to write, knowing what is stored.
+bool DefaultsSuite::_begin()
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (_database.begin() && _read() && _database.isWriting())
+            return true;
+        const bool isWorthAnother = !_database.isOpen(); // damaged, or taken away just now
+        _database.rollback();
+        if (!isWorthAnother)
+            break;
+    }
+    return false;
+}
+
+/// Carries out all edits on what is stored now; whether all is on the disk.
+bool DefaultsSuite::_storePending()
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (_pending.empty())
+            return true;
+        if (!_begin())
+            return false;
+        DefaultsChanges changes;
+        DefaultsRows rows = _stored;
+        for (const Edit& edit : _pending) {
+            DefaultsChanges more = edit(*DefaultsSnapshot::initWithRows(rows));
+            rows = merged(rows, more);
+            more.merge(changes); // the later ones over the earlier
+            changes = std::move(more);
+        }
+        bool isStored = changes.empty();
+        if (isStored)
+            _database.rollback();
+        else
+            isStored = _database.commit(changes);
+        if (isStored) {
+            _stored = std::move(rows);
+            _pending.clear();
+            _unsaved.clear();
+            _isInTrouble = false;
+            _publish();
+            return true;
+        }
+        if (_database.isOpen())
+            return false; // a second try is for a file that was damaged
+    }
+    return false;
+}
+
+void DefaultsSuite::_keepInMemory(const Edit& edit)
+{
+    DefaultsChanges changes = edit(*DefaultsSnapshot::initWithRows(merged(_stored, _unsaved)));
+    changes.merge(_unsaved);
+    _unsaved = std::move(changes);
+    constexpr size_t most = 1000;
+    if (_pending.size() >
+        most) // what they came to takes less room, though what others write meanwhile is lost then
+        _pending.assign(1, [unsaved = _unsaved](const DefaultsSnapshot&) { return unsaved; });
+}
+
+/// Shows the threads of this process what is stored and what will be.
+void DefaultsSuite::_publish()
+{
+    CXRef<DefaultsSnapshot> snapshot = DefaultsSnapshot::initWithRows(merged(_stored, _unsaved));
+    const std::lock_guard lock(_mutex);
+    _snapshot = std::move(snapshot);
+}
+
+void DefaultsSuite::_complain()
+{
+    if (!std::exchange(_isInTrouble, true))
+        LogSink::log("Device settings are not kept, and last as long as this process: " +
+                     _database.trouble());
+}
+
+uint64_t DefaultsSuite::addObserver(const std::string& key, CXBlock<void()> changed)
+{
+    uint64_t observer = 0;
+    {
+        const std::lock_guard lock(_mutex);
+        if (_observers.empty())
+            _announced = _snapshot;
+        observer = ++_lastObserver;
+        _observers[key].emplace(observer, std::move(changed));
+        _keyOfObserver.emplace(observer, key);
+    }
+    DefaultsWatcher::shared().follow(CXRef<DefaultsSuite>(this));
+    return observer;
+}
+
+void DefaultsSuite::removeObserver(uint64_t observer)
+{
+    CXBlock<void()> removed; // whatever it holds goes after the lock
+    const std::lock_guard lock(_mutex);
+    const auto key = _keyOfObserver.find(observer);
+    if (key == _keyOfObserver.end())
+        return;
+    const auto observers = _observers.find(key->second);
+    const auto found = observers->second.find(observer);
+    removed = found->second;
+    observers->second.erase(found);
+    if (observers->second.empty())
+        _observers.erase(observers);
+    _keyOfObserver.erase(key);
+}
+
+std::vector<CXBlock<void()>> DefaultsSuite::_observersOfChanges()
+{
+    const std::lock_guard lock(_mutex);
+    std::vector<CXBlock<void()>> toCall;
+    if (_snapshot && _snapshot != _announced) {
+        for (const auto& [key, observers] : _observers) {
+            const CXRef<DefaultsRow> before = _announced ? _announced->row(key) : nullptr;
+            const CXRef<DefaultsRow> now = _snapshot->row(key);
+            const bool isSame = before == now || (before && now && before->value() == now->value());
+            if (!isSame)
+                for (const auto& [observer, changed] : observers)
+                    toCall.push_back(changed);
+        }
+    }
+    _announced = _snapshot;
+    return toCall;
+}
+
+} // namespace platform

@@ -1,0 +1,191 @@
+#include "CXException.h"
+#include "CXMainBundle.h"
+#include "DXRDeviceOverrides.h"
+#include "DefaultsSuite.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+using platform::DefaultsChanges;
+using platform::DefaultsSnapshot;
+using platform::DefaultsSuite;
+
+const std::string unitAtPort1 = R"({"gid":"m:","i":false,"t":"usb ","uid":"m:1"})";
+const std::string unitAtPort2 = R"({"gid":"m:","i":false,"t":"usb ","uid":"m:2"})";
+
+CXRef<DXRDeviceOverrides> overridesFor(const std::string& reference)
+{
+    return DXRDeviceOverrides::initWithDeviceReference(DXRDeviceReference::initWithString(reference));
+}
+
+CXRef<DefaultsSuite> suite()
+{
+    return DefaultsSuite::suiteNamed("com.veltorrin.device-overrides");
+}
+
+void write(const std::string& key, const std::optional<std::string>& value)
+{
+    EXPECT_TRUE(suite()->update([=](const DefaultsSnapshot&) { return DefaultsChanges{{key, value}}; }));
+}
+
+std::map<std::string, CXPlist> stored()
+{
+    std::map<std::string, CXPlist> rows;
+    const CXRef<DefaultsSnapshot> snapshot = suite()->snapshot();
+    for (const auto& [key, row] : snapshot->rows())
+        rows.emplace(key, CXPlist::parse(row->value(), nullptr, false));
+    return rows;
+}
+
+template <class Condition> bool comesTrue(Condition condition)
+{
+    for (int i = 0; i < 2000 && !condition(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return condition();
+}
+
+class DeviceOverrides : public testing::Test {
+protected:
+    ~DeviceOverrides() override
+    {
+        CXSetMainBundleIdentifier(std::nullopt);
+        for (const auto& [key, value] : stored())
+            write(key, std::nullopt);
+    }
+};
+
+TEST_F(DeviceOverrides, answerByType)
+{
+    const CXRef<DXRDeviceOverrides> overrides = overridesFor(R"({"uid":"a","i":true})");
+    overrides->setObject(true, "on");
+    overrides->setObject(0.5, "half");
+    overrides->setObject("text", "text");
+    overrides->setObject({1, 2}, "list");
+    overrides->setObject(1, std::nullopt);
+    EXPECT_EQ(overrides->boolForKey("on"), CXPlist(true));
+    EXPECT_EQ(overrides->boolForKey("half"), CXPlist(0.5));
+    EXPECT_EQ(overrides->doubleForKey("on"), CXPlist(true)) << "a boolean is a number";
+    EXPECT_EQ(overrides->doubleForKey("text"), CXPlist());
+    EXPECT_EQ(overrides->stringForKey("text"), "text");
+    EXPECT_EQ(overrides->stringForKey("half"), std::nullopt);
+    EXPECT_EQ(overrides->objectForKey("list"), (CXPlist{1, 2}));
+    EXPECT_EQ(overrides->objectForKey(std::nullopt), CXPlist());
+    EXPECT_EQ(overrides->numberArrayForKey("list"), CXPlist());
+    EXPECT_EQ(overrides->numberArrayForKey("half"), CXPlist(0.5));
+    EXPECT_EQ(overrides->numberArrayForKey("list", 2), CXPlist());
+    EXPECT_THROW(static_cast<void>(overrides->numberArrayForKey("half", 1)), CXException);
+}
+
+TEST_F(DeviceOverrides, keepWhoSetThemAndRemoveWhatIsEmpty)
+{
+    const std::string key = R"({"uid":"a","i":true})";
+    const CXRef<DXRDeviceOverrides> overrides = overridesFor(key);
+    overrides->setObject(1, "k");
+    EXPECT_EQ(stored(), (std::map<std::string, CXPlist>{{key, {{"k", 1}}}}))
+        << "nobody's without an identifier";
+    CXSetMainBundleIdentifier("com.example.one");
+    overrides->setObject(2, "k");
+    EXPECT_EQ(stored(), (std::map<std::string, CXPlist>{{key, {{"k", 2}, {"k[owner]", "com.example.one"}}}}));
+    overrides->setObject(nullptr, "k");
+    EXPECT_TRUE(stored().empty());
+    overrides->setObject(nullptr, "k");
+    EXPECT_TRUE(stored().empty());
+
+    const auto nested = [](int depth) {
+        CXPlist value = 1;
+        for (int i = 0; i < depth; ++i)
+            value = CXPlist::array({std::move(value)});
+        return value;
+    };
+    overrides->setObject(nested(511), "as deep as is read");
+    const auto before = stored();
+    EXPECT_EQ(before.at(key).size(), 2U);
+    overrides->setObject(nested(512), "deeper, in its entry");
+    overrides->setObject(std::string(2000000, 'x'), "long");
+    overrides->setObject(CXPlist(CXPlist::value_t::discarded), "nothing");
+    EXPECT_EQ(stored(), before) << "what could not be read again is not written";
+    overrides->setObject(nullptr, "as deep as is read");
+    overrides->setObject("caf\xE9", "\xFF");
+    EXPECT_EQ(overrides->objectForKey("\xEF\xBF\xBD"), CXPlist("caf\xEF\xBF\xBD"));
+    EXPECT_EQ(overrides->objectForKey("\xFF"), CXPlist("caf\xEF\xBF\xBD"));
+    overrides->setObject(nullptr, "\xFF");
+    EXPECT_TRUE(stored().empty());
+}
+
+TEST_F(DeviceOverrides, areFoundByEqualAndThenByGenericallyEqualReferences)
+{
+    write("not a reference", R"({"k":0})");
+    write(R"({"uid":"no dictionary"})", "[1]");
+    write(R"({"uid":"no JSON"})", "{");
+    write(unitAtPort1, R"({"k":1})");
+    EXPECT_EQ(overridesFor(R"({ "uid":"m:1", "i":false })")->objectForKey("k"), CXPlist(1)) << "exactly";
+    const CXRef<DXRDeviceOverrides> moved = overridesFor(unitAtPort2);
+    EXPECT_EQ(moved->objectForKey("k"), CXPlist(1)) << "generically";
+    moved->setObject(2, "k");
+    EXPECT_EQ(stored().at(unitAtPort1), (CXPlist{{"k", 2}})) << "under the key that was there";
+    EXPECT_FALSE(stored().contains(unitAtPort2));
+    write(unitAtPort2, R"({"k":3})");
+    EXPECT_EQ(overridesFor(unitAtPort2)->objectForKey("k"), CXPlist(3)) << "equal comes first";
+    EXPECT_EQ(overridesFor(R"({"uid":"no dictionary"})")->objectForKey("k"), CXPlist());
+    EXPECT_FALSE(DXRDeviceOverrides::initWithDeviceReference(nullptr));
+}
+
+TEST_F(DeviceOverrides, followOutsideChanges)
+{
+    const std::string key = R"({"uid":"a"})";
+    const CXRef<DXRDeviceOverrides> overrides = overridesFor(key);
+    const CXRef<DXRDeviceOverrides> others = overridesFor(key);
+    others->setObject(1, "k");
+    EXPECT_TRUE(comesTrue([&] { return overrides->objectForKey("k") == CXPlist(1); }));
+    write(key, "[]");
+    EXPECT_TRUE(comesTrue([&] { return overrides->objectForKey("k").is_null(); }))
+        << "no dictionary any more";
+    write(key, R"({"k":2,"l":3})");
+    overrides->setObject(4, "m"); // nothing is lost that it has not heard of yet
+    EXPECT_EQ(stored().at(key), (CXPlist{{"k", 2}, {"l", 3}, {"m", 4}}));
+    EXPECT_EQ(overrides->objectForKey("l"), CXPlist(3));
+}
+
+TEST_F(DeviceOverrides, resetRemovesWhatThisApplicationSet)
+{
+    const std::string mixed = R"({"uid":"mixed"})";
+    write(mixed, R"({"a":1,"a[owner]":"me","b":2,"b[owner]":"other","c":3,)"
+                 R"("d[owner]":1,"d[owner][owner]":"me"})");
+    write(R"({"uid":"mine"})", R"({"a":1,"a[owner]":"me"})");
+    write("not a reference", R"({"a":1,"a[owner]":"me"})");
+    const auto before = stored();
+    DXRDeviceOverrides::performFactoryReset();
+    EXPECT_EQ(stored(), before) << "an application without identifier has set nothing";
+    CXSetMainBundleIdentifier("me");
+    DXRDeviceOverrides::performFactoryReset();
+    EXPECT_EQ(stored().at(mixed),
+              CXPlist::parse(R"({"b":2,"b[owner]":"other","c":3,"d[owner]":1,"d[owner][owner]":"me"})"));
+    EXPECT_FALSE(stored().contains(R"({"uid":"mine"})"));
+    EXPECT_TRUE(stored().contains("not a reference"));
+}
+
+TEST_F(DeviceOverrides, survivesBeingReleasedWhileOthersWrite)
+{
+    const std::string key = R"({"uid":"a"})";
+    std::atomic<bool> isDone{false};
+    std::thread writer([&] {
+        const CXRef<DXRDeviceOverrides> overrides = overridesFor(key);
+        for (int i = 0; i < 50; ++i)
+            overrides->setObject(i, "k");
+        isDone = true;
+    });
+    int last = -1;
+    while (!isDone) {
+        const CXPlist value = overridesFor(key)->objectForKey("k");
+        const int seen = value.is_number() ? value.get<int>() : -1;
+        EXPECT_GE(seen, last) << "a reader never goes back";
+        last = seen;
+    }
+    writer.join();
+    EXPECT_EQ(overridesFor(key)->objectForKey("k"), CXPlist(49));
+}
+
+} // namespace

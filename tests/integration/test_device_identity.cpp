@@ -1,0 +1,146 @@
+#include "DXRDeviceManager.h"
+#include "DXRDeviceOverrides.h"
+#include "FakeCard.h"
+#include "FakeUSBBus.h"
+#include "PipeWireTest.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace {
+
+/// Sound cards on a USB bus, as a session manager brings them to a server, and the manager over that.
+class DeviceIdentity : public testing::Test {
+protected:
+    /// A card that is on the bus and at the server.
+    struct Plugged {
+        std::string place;
+        std::unique_ptr<FakeCard> card;
+    };
+
+    DeviceIdentity() { HALSetBackend(PipeWireBackend::initWithRemote(server.remote())); }
+
+    /// `arrival` is what the session manager adds to the name: ".2" for the second of it.
+    Plugged plug(const std::string& place, const std::string& arrival = "", const std::string& serial = "")
+    {
+        const uint32_t number = nextCard++;
+        bus.plug(place, number, {.serial = serial.empty() ? std::nullopt : std::optional(serial)});
+        const std::string model = serial.empty() ? "Maker_Product" : "Maker_Product_" + serial;
+        const FakeCard::Options options{.name = "usb-" + model + "-00" + arrival,
+                                        .microphone = true,
+                                        .properties = {{"device.serial", model},
+                                                       {"device.vendor.name", "Maker"},
+                                                       {"device.product.name", "Product"},
+                                                       {"device.bus-id", "usb-" + model + "-00"},
+                                                       {"device.bus-path", FakeUSBBus::busPath(place)},
+                                                       {"device.sysfs.path", bus.cardFolder(place)},
+                                                       {"api.alsa.card", std::to_string(number)}}};
+        return {place, std::make_unique<FakeCard>(server.remote(), options)};
+    }
+    void unplug(Plugged& plugged)
+    {
+        bus.unplug(plugged.place);
+        plugged.card.reset();
+    }
+    /// The output half of the device of this unique ID, once it is connected.
+    CXRef<DXRDevice> connected(const std::string& uid)
+    {
+        CXRef<DXRDevice> found;
+        const bool isThere = eventually([&] {
+            found = nullptr;
+            for (const CXRef<DXRDevice>& device : manager().connectedDevices())
+                if (device->deviceUID() == uid && !device->isInput())
+                    found = device;
+            return bool(found);
+        });
+        EXPECT_TRUE(isThere) << uid;
+        return found;
+    }
+    static DXRDeviceManager& manager() { return DXRDeviceManager::sharedDeviceManager(); }
+
+    PrivateServer server;
+    FakeUSBBus bus;
+    uint32_t nextCard = 5;
+};
+
+const std::string withoutSerial = "alsa_card.usb-Maker_Product-00:";
+
+TEST_F(DeviceIdentity, keepsAUnitsObjectAndSettingsWhenItMoves)
+{
+    Plugged unit = plug("3-1.4");
+    const CXRef<DXRDevice> device = connected(withoutSerial + "03140000");
+    ASSERT_TRUE(device);
+    const CXRef<DXRDevice> microphone = manager().counterpartForDevice(device);
+    device->setOverride("kept", "name");
+    const std::string stored = device->reference()->string();
+    EXPECT_EQ(device->reference()->genericUID(), withoutSerial);
+
+    for (const char* place : {"3-2", "1-9.1.3"}) { // another port, another hub of another bus
+        unplug(unit);
+        ASSERT_TRUE(eventually([&] { return !device->isConnected() && !microphone->isConnected(); }));
+        EXPECT_EQ(manager().deviceWithReference(stored), device) << "known while it is away";
+        unit = plug(place);
+        const bool isBack = eventually([&] { return device->isConnected() && microphone->isConnected(); });
+        ASSERT_TRUE(isBack) << place;
+        EXPECT_NE(device->reference()->string(), stored);
+        EXPECT_EQ(manager().deviceWithReference(stored), device);
+        EXPECT_EQ(device->overrideForKey("name"), CXPlist("kept"));
+        EXPECT_EQ(DXRDeviceOverrides::initWithDeviceReference(device->reference())->objectForKey("name"),
+                  CXPlist("kept"))
+            << "for a program that starts now, too";
+    }
+    EXPECT_EQ(connected(withoutSerial + "01913000"), device);
+}
+
+TEST_F(DeviceIdentity, tellsTwoUnitsWithoutSerialNumbersApart)
+{
+    Plugged first = plug("3-1.4");
+    Plugged second = plug("3-1.2", ".2");
+    const CXRef<DXRDevice> one = connected(withoutSerial + "03140000");
+    const CXRef<DXRDevice> other = connected(withoutSerial + "03120000");
+    ASSERT_TRUE(one && other);
+    EXPECT_NE(one, other);
+    one->setOverride(1, "unit");
+    other->setOverride(2, "unit");
+    EXPECT_EQ(one->overrideForKey("unit"), CXPlist(1));
+    EXPECT_EQ(other->overrideForKey("unit"), CXPlist(2));
+    const std::string storedOne = one->reference()->string();
+    EXPECT_EQ(manager().deviceWithReference(storedOne), one);
+    EXPECT_EQ(manager().deviceWithReference(other->reference()->string()), other);
+
+    unplug(first); // the second in port order is now the only one
+    ASSERT_TRUE(eventually([&] { return !one->isConnected(); }));
+    EXPECT_TRUE(other->isConnected());
+    first = plug("3-1.4");
+    EXPECT_EQ(connected(withoutSerial + "03140000"), one);
+    EXPECT_EQ(one->overrideForKey("unit"), CXPlist(1));
+
+    // A reference to neither, kept from a third port, could mean both: whoever asks can tell.
+    std::string elsewhere = storedOne;
+    elsewhere.replace(elsewhere.rfind("03140000"), 8, "03990000");
+    const CXRef<DXRDeviceReference> ambiguous = DXRDeviceReference::initWithString(elsewhere);
+    const auto devices = manager().connectedDevices();
+    EXPECT_EQ(std::ranges::count_if(devices,
+                                    [&](const CXRef<DXRDevice>& device) {
+                                        return ambiguous->isGenericallyEqual(device->reference().get());
+                                    }),
+              2);
+    const CXRef<DXRDevice> chosen = manager().deviceWithReference(elsewhere);
+    EXPECT_TRUE(chosen == one || chosen == other);
+}
+
+TEST_F(DeviceIdentity, knowsAUnitByItsSerialNumberWhereverItIs)
+{
+    const std::string uid = "alsa_card.usb-Maker_Product_SERIAL1-00";
+    Plugged unit = plug("3-1.4", "", "SERIAL1");
+    Plugged twin = plug("3-1.2", "", "SERIAL2");
+    const CXRef<DXRDevice> device = connected(uid);
+    ASSERT_TRUE(device);
+    EXPECT_NE(connected("alsa_card.usb-Maker_Product_SERIAL2-00"), device);
+    unplug(unit);
+    ASSERT_TRUE(eventually([&] { return !device->isConnected(); }));
+    unit = plug("1-1", ".2", "SERIAL1");
+    EXPECT_EQ(connected(uid), device);
+}
+
+} // namespace

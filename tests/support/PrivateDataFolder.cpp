@@ -1,0 +1,29 @@
+// Gives every test program a data directory of its own, so that no test reads or changes what the developer's programs
+// remember, and tests that run side by side do not meet. The library makes the folder when it first stores something.
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+class PrivateDataFolder {
+public:
+    PrivateDataFolder() { setenv("XDG_DATA_HOME", _path.c_str(), 1); }
+    ~PrivateDataFolder()
+    {
+        std::error_code ignored;
+        if (getpid() == _owner)
+            std::filesystem::remove_all(_path, ignored);
+    }
+
+private:
+    const pid_t _owner = getpid();
+    const std::filesystem::path _path =
+        std::filesystem::temp_directory_path() / ("dxr-test-data-" + std::to_string(_owner));
+};
+
+const PrivateDataFolder folder;
+
+} // namespace

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "HALReads.h"
+#include "MainQueue.h"
+#include "simulated.h"
+
+#include <gtest/gtest.h>
+
+/// The one simulated computer of the process; each test finds it empty and leaves it so.
+class SimulatedComputer : public testing::Test {
+protected:
+    static constexpr bool input = true;
+    static constexpr bool output = false;
+
+    ~SimulatedComputer() override
+    {
+        hal.failReads(kAudioObjectPropertySelectorWildcard, 1, 0, 0);
+        hal.failWrites(0);
+        for (const AudioObjectID device : readDevices(hal))
+            hal.unplug(readText(hal, device, at(kAudioDevicePropertyDeviceUID)).value_or(""));
+    }
+
+    /// Waits until every change so far has been told to the hardware's listeners, and serves the main queue.
+    void settleHardware()
+    {
+        hal.settle();
+        while (platform::MainQueue::shared().drain() > 0) {
+        }
+    }
+
+    SimulatedBackend& hal = _hardware();
+
+private:
+    static SimulatedBackend& _hardware()
+    {
+        static const CXRef<SimulatedBackend> backend = [] {
+            CXRef<SimulatedBackend> made = SimulatedBackend::init(SimulatedClock::Stepped);
+            HALSetBackend(made);
+            return made;
+        }();
+        return *backend;
+    }
+};
