@@ -93,4 +93,14 @@ template <int count, int shift> inline Lanes<count> shiftedIn(Lanes<count> befor
     (std::make_integer_sequence<int, count>());
 }
 
+/// Lanes first … first + used - 1.
+template <int count, int used, int first> inline Lanes<used> lanesFrom(Lanes<count> lanes)
+{
+    return [&]<int... lane>(std::integer_sequence<int, lane...>)
+    {
+        return Lanes<used>(__builtin_shufflevector(lanes, lanes, (first + lane)...));
+    }
+    (std::make_integer_sequence<int, used>());
+}
+
 } // namespace

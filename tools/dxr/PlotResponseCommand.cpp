@@ -1,6 +1,7 @@
 #include "PlotResponseCommand.h"
 
 #include "DisplayText.h"
+#include "PlotDriftCommand.h"
 #include "SamplerMeasurement.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
@@ -150,4 +151,5 @@ void registerPlotCommand(CLI::App& app)
     command->add_option("file", options->file, "The SVG file to write; one that is there is replaced")
         ->required();
     command->callback([options] { run(*options); });
+    registerPlotDriftCommand(*plot);
 }

@@ -1,3 +1,4 @@
+#include "AggregateCommand.h"
 #include "ArchiveCommand.h"
 #include "DemoCommand.h"
 #include "InfoCommand.h"
@@ -35,6 +36,7 @@ void registerCommands(CLI::App& app)
     registerDemoCommand(app);
     registerResampleCommand(app);
     registerPlotCommand(app);
+    registerAggregateCommand(app);
 }
 
 /// Parses the command line and runs its command. Answers the exit status.

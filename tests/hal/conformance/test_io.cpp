@@ -52,12 +52,22 @@ protected:
         EXPECT_NE(proc, nullptr);
         return proc;
     }
+    /// What `block` refers to must outlive it: destroy it, or endAll(), before the test's own variables go.
     AudioDeviceIOProcID started(AudioObjectID device, const AudioDeviceIOBlock& block)
     {
         const AudioDeviceIOProcID proc = created(device, block);
+        _started.emplace_back(device, proc);
         EXPECT_EQ(hal().start(device, proc), kAudioHardwareNoError);
         return proc;
     }
+    void endAll()
+    {
+        for (const auto& [device, proc] : _started)
+            hal().destroyIOProc(device, proc);
+    }
+
+private:
+    std::vector<std::pair<AudioObjectID, AudioDeviceIOProcID>> _started;
 };
 
 TEST_F(ConformanceIO, runsOnlyWhatIsStartedAndNeverRepeatsTime)
@@ -92,24 +102,21 @@ TEST_F(ConformanceIO, givesEveryCallbackItsOwnSilentOutput)
     const AudioObjectID device = plugged("Mix", 0, 2);
     std::atomic<uint64_t> dirty{0};
     std::array<std::atomic<uint64_t>, 3> cycles{};
-    std::vector<AudioDeviceIOProcID> procs;
     for (auto& count : cycles) {
-        procs.push_back(
-            started(device, [&](const AudioTimeStamp*, const AudioBufferList* in, const AudioTimeStamp*,
-                                AudioBufferList* out, const AudioTimeStamp*) {
-                dirty += in != nullptr; // no input: no list
-                for (float& sample : samplesOf(out)) {
-                    dirty += sample != 0.0F;
-                    sample = 0.125F;
-                }
-                ++count;
-            }));
+        started(device, [&](const AudioTimeStamp*, const AudioBufferList* in, const AudioTimeStamp*,
+                            AudioBufferList* out, const AudioTimeStamp*) {
+            dirty += in != nullptr; // no input: no list
+            for (float& sample : samplesOf(out)) {
+                dirty += sample != 0.0F;
+                sample = 0.125F;
+            }
+            ++count;
+        });
     }
     EXPECT_TRUE(eventually(
         [&] { return std::ranges::all_of(cycles, [](const auto& count) { return count > 10; }); }));
+    endAll();
     EXPECT_EQ(dirty, 0U);
-    for (const AudioDeviceIOProcID proc : procs) // before what they write to goes
-        EXPECT_EQ(hal().destroyIOProc(device, proc), kAudioHardwareNoError);
 }
 
 TEST_F(ConformanceIO, leavesOutStreamsThatACallbackDoesNotUse)
@@ -175,16 +182,15 @@ TEST_F(ConformanceIO, answersRateAndFramesOnTheIOThread)
     const AudioObjectID device = plugged("Asks", 0, 2);
     std::atomic<double> rate{0.0};
     std::atomic<uint32_t> frames{0};
-    const AudioDeviceIOProcID proc =
-        started(device, [&](const AudioTimeStamp*, const AudioBufferList*, const AudioTimeStamp*,
-                            AudioBufferList*, const AudioTimeStamp*) {
-            rate = readValue<double>(hal(), device, at(kAudioDevicePropertyNominalSampleRate)).value_or(-1.0);
-            frames = readValue<uint32_t>(hal(), device, at(kAudioDevicePropertyBufferFrameSize)).value_or(0);
-        });
+    started(device, [&](const AudioTimeStamp*, const AudioBufferList*, const AudioTimeStamp*,
+                        AudioBufferList*, const AudioTimeStamp*) {
+        rate = readValue<double>(hal(), device, at(kAudioDevicePropertyNominalSampleRate)).value_or(-1.0);
+        frames = readValue<uint32_t>(hal(), device, at(kAudioDevicePropertyBufferFrameSize)).value_or(0);
+    });
     EXPECT_TRUE(eventually([&] { return frames != 0; }));
     EXPECT_EQ(rate, readValue<double>(hal(), device, at(kAudioDevicePropertyNominalSampleRate)));
+    endAll();
     EXPECT_EQ(frames, readValue<uint32_t>(hal(), device, at(kAudioDevicePropertyBufferFrameSize)));
-    EXPECT_EQ(hal().destroyIOProc(device, proc), kAudioHardwareNoError);
 }
 
 TEST_F(ConformanceIO, letsACallbackStopAndDestroyItself)
@@ -214,7 +220,7 @@ TEST_F(ConformanceIO, neverCallsACallbackAfterItsDestruction)
 {
     const AudioObjectID device = plugged("Churn", 2, 2);
     Witness steady; // keeps the device running
-    const AudioDeviceIOProcID steadyProc = started(device, witnessing(steady));
+    started(device, witnessing(steady));
     for (int round = 0; round < 50; ++round) {
         auto isDestroyed = std::make_shared<std::atomic<bool>>(false);
         const AudioDeviceIOProcID proc = started(
@@ -227,7 +233,7 @@ TEST_F(ConformanceIO, neverCallsACallbackAfterItsDestruction)
         EXPECT_LE(isDestroyed.use_count(), 1) << "the closure outlived its callback";
     }
     EXPECT_TRUE(eventually([&] { return steady.cycles > 10; }));
-    EXPECT_EQ(hal().destroyIOProc(device, steadyProc), kAudioHardwareNoError);
+    endAll();
 }
 
 TEST_F(ConformanceIO, endsTheCallbacksOfADeviceThatIsUnplugged)

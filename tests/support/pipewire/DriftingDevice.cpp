@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <pthread.h>
 #include <spa/param/audio/format-utils.h>
 
 namespace {
@@ -148,6 +149,9 @@ void DriftingDevice::_give(float* samples, uint32_t frameCount) noexcept
 
 void DriftingDevice::_drive()
 {
+    // A crystal does not wait for a processor; a thread without the right to precede others does.
+    const sched_param precedence{.sched_priority = 60};
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &precedence);
     double next = nowNanoseconds();
     while (!_ended) {
         sleepUntil(next);
