@@ -11,6 +11,7 @@ extern "C" const char* __tsan_default_suppressions() // NOLINT(bugprone-reserved
     return "race:pw_get_user_name\n"
            "race:libspa-audioconvert.so\n"
            "race:libpipewire-module-client-node.so\n"
+           "race:libumockdev-preload.so\n" // one buffer for every thread's paths
            "race:portSamples\n"
            "race:interleave\n";
 }
