@@ -5,7 +5,8 @@
 
 namespace {
 
-constexpr InstructionSet sets[] = {{"base", &samplerKernels4, &sampleKernels4, &polyphaseKernels4}}; // NEON on ARM
+constexpr InstructionSet sets[] = {
+    {"base", &samplerKernels4, &sampleKernels4, &polyphaseKernels4}}; // NEON on ARM
 
 } // namespace
 
