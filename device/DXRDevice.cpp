@@ -4,6 +4,7 @@
 #include "CXJSON.h"
 #include "CXPlistAdditions.h"
 #include "DXRDebugLog.h"
+#include "DXRDeviceArchive.h"
 #include "DXRDeviceHardware.h"
 #include "DXRDeviceOverrides.h"
 #include "GlobalQueue.h"
@@ -26,49 +27,6 @@ constexpr std::array listenedAddresses{
     AudioObjectPropertyAddress{kAudioObjectPropertyName, kAudioObjectPropertyScopeWildcard,
                                kAudioObjectPropertyElementMain},
 };
-
-bool isNumber(const CXPlist& value)
-{
-    return value.is_number() || value.is_boolean();
-}
-
-/// A number as an unsigned 32-bit one, cut towards zero; nothing when it is none or does not fit.
-std::optional<uint32_t> wordIn(const CXPlist& value)
-{
-    if (!isNumber(value))
-        return std::nullopt;
-    const double number = CXDoubleValue(value);
-    if (!(number >= 0.0 && number < 4294967296.0))
-        return std::nullopt;
-    return static_cast<uint32_t>(number);
-}
-
-/// The items of an array when `accepts` all of them, each as an Item; else none.
-template <class Item, class Accepts> std::vector<Item> itemsIn(const CXPlist& array, const Accepts& accepts)
-{
-    std::vector<Item> items;
-    if (!array.is_array() || !std::ranges::all_of(array, accepts))
-        return items;
-    for (const CXPlist& item : array) {
-        if constexpr (std::is_arithmetic_v<Item>)
-            items.push_back(static_cast<Item>(CXDoubleValue(item)));
-        else
-            items.push_back(item.template get<Item>());
-    }
-    return items;
-}
-
-std::string stringIn(const CXPlist& dictionary, const char* key)
-{
-    const CXPlist value = vtObjectForKey(dictionary, key, CXPlistKind::String);
-    return value.is_string() ? value.get<std::string>() : std::string();
-}
-
-double numberIn(const CXPlist& dictionary, const char* key, double fallback)
-{
-    const CXPlist value = vtObjectForKey(dictionary, key, CXPlistKind::Number);
-    return value.is_null() ? fallback : CXDoubleValue(value);
-}
 
 std::string joined(const std::string& first, const char* separator, const std::string& second)
 {
@@ -163,12 +121,13 @@ CXRef<DXRDevice> DXRDevice::initWithArchive(const CXPlist& archive, const CXRef<
     if (!archive.is_object())
         return nullptr;
     const CXPlist version = vtObjectForKey(archive, "vn", CXPlistKind::Number);
-    const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(stringIn(archive, "ref"));
+    const DXRDeviceArchive values(archive);
+    const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(values.string("ref"));
     if (version.is_null() || CXDoubleValue(version) != archiveVersion || !reference ||
-        !reference->isInput() || wordIn(safeObjectForKey(archive, "c")).value_or(0) == 0)
+        !reference->isInput() || values.count("c") == 0)
         return nullptr;
     CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(reference, keeper));
-    device->_load(archive);
+    device->_load(values);
     device->_kvo->updateAllValues();
     device->_logAdded();
     return device;
@@ -532,30 +491,24 @@ CXPlist DXRDevice::archive() const
     });
 }
 
-void DXRDevice::_load(const CXPlist& archive)
+void DXRDevice::_load(const DXRDeviceArchive& archive)
 {
-    _channelCount = wordIn(safeObjectForKey(archive, "c")).value_or(0);
-    _name = stringIn(archive, "n");
-    _manufacturer = stringIn(archive, "m");
-    _model = stringIn(archive, "md");
-    _transportType = stringIn(archive, "t");
-    _source = stringIn(archive, "s");
-    const auto isChannel = [&](const CXPlist& item) {
-        const uint32_t channel = wordIn(item).value_or(0);
-        return channel >= 1 && channel <= _channelCount;
-    };
-    _preferredStereoChannels = itemsIn<uint32_t>(safeObjectForKey(archive, "sc"), isChannel);
+    _channelCount = archive.count("c");
+    _name = archive.string("n");
+    _manufacturer = archive.string("m");
+    _model = archive.string("md");
+    _transportType = archive.string("t");
+    _source = archive.string("s");
+    _preferredStereoChannels = archive.channels("sc", _channelCount);
     if (_preferredStereoChannels.size() != 2)
         _preferredStereoChannels = {1, _channelCount < 2 ? 1U : 2U};
-    const auto isRate = [](const CXPlist& item) { return isNumber(item) && CXDoubleValue(item) > 0.0; };
-    _availableSampleRates = itemsIn<double>(safeObjectForKey(archive, "ar"), isRate);
-    _sampleRate = numberIn(archive, "r", 44100.0);
-    _availableSources = itemsIn<std::string>(safeObjectForKey(archive, "as"),
-                                             [](const CXPlist& item) { return item.is_string(); });
-    _hasMute = numberIn(archive, "hm", 0.0) != 0.0;
-    _muted = numberIn(archive, "mt", 0.0) != 0.0;
-    _hasVolume = numberIn(archive, "hv", 0.0) != 0.0;
-    _volume = numberIn(archive, "v", 1.0);
+    _availableSampleRates = archive.positiveNumbers("ar");
+    _sampleRate = archive.number("r", 44100.0);
+    _availableSources = archive.strings("as");
+    _hasMute = archive.number("hm", 0.0) != 0.0;
+    _muted = archive.number("mt", 0.0) != 0.0;
+    _hasVolume = archive.number("hv", 0.0) != 0.0;
+    _volume = archive.number("v", 1.0);
 }
 
 // ---- Refreshing

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+class DXRDeviceArchive;
 class DXRDeviceHardware;
 class DXRDeviceOverrides;
 
@@ -126,7 +127,7 @@ private:
     static std::span<const DXRKVOProperty> _observableProperties() noexcept;
 
     void _logAdded() const;
-    void _load(const CXPlist& archive);
+    void _load(const DXRDeviceArchive& archive);
     DXRDeviceHardware _hardware() const;
     bool _updateCachedProperties();
     bool _readAndStore();
