@@ -115,6 +115,9 @@ private:
 
 CXRef<CXDispatchQueue> CXDispatchQueue::initWithName(std::optional<std::string> name)
 {
+    // So that work pushed by a real-time thread finds memory there.
+    static const bool isReserved = TFA_reserve(sizeof(AsynchronousItem), 64);
+    assertThat(isReserved, __LINE__);
     CXRef<CXDispatchQueue> queue = CXRef<CXDispatchQueue>::adopt(new CXDispatchQueue(std::move(name)));
     platform::Reply started;
     try {
@@ -257,25 +260,36 @@ void CXDispatchQueue::dispatchSyncBypassOnce(BorrowedWork block)
     _bypass(Drain::Once, block);
 }
 
-void CXDispatchQueue::_bypass(Drain drain, BorrowedWork block)
+bool CXDispatchQueue::dispatchSyncBypassOnceIfIdle(BorrowedWork block)
+{
+    return _bypassIfIdle(Drain::Once, block);
+}
+
+bool CXDispatchQueue::_bypassIfIdle(Drain drain, BorrowedWork block)
 {
     _checkNotCancelled(0);
     _checkNotOwner();
     Item* idle = nullptr;
-    if (!_queue.compare_exchange_strong(idle, mark())) {
-        SynchronousItem item(CXDispatchHousekeepingLane, block);
-        if (_push(item)) {
-            // Idle after all. The item has to go through the lanes now, with what came after it; its reply is
-            // sent to a thread that need not wait.
-            drain == Drain::Once ? _drainOnce() : _drain();
-        }
-        item.reply.wait();
-        return;
-    }
+    if (!_queue.compare_exchange_strong(idle, mark()))
+        return false;
     // As if an item had been pushed and taken at once, less two exchanges.
     _becomeOwner();
     run(block);
     drain == Drain::Once ? _stopEarly() : _runUntilIdle();
+    return true;
+}
+
+void CXDispatchQueue::_bypass(Drain drain, BorrowedWork block)
+{
+    if (_bypassIfIdle(drain, block))
+        return;
+    SynchronousItem item(CXDispatchHousekeepingLane, block);
+    if (_push(item)) {
+        // Idle after all. The item has to go through the lanes now, with what came after it; its reply is
+        // sent to a thread that need not wait.
+        drain == Drain::Once ? _drainOnce() : _drain();
+    }
+    item.reply.wait();
 }
 
 // --- The right to drain ---
