@@ -32,10 +32,11 @@ function(dxr_floor NAME)
   endforeach()
 endfunction()
 
-# dxr_test(NAME SOURCES <file>... LIBRARIES <target>... [LABELS <label>...] [TIMEOUT <seconds>])
+# dxr_test(NAME SOURCES <file>... LIBRARIES <target>... [LABELS <label>...] [TIMEOUT <seconds>] [SERIAL]
+#          [PRELOAD <library>])
 # Registers every case of a GoogleTest program with CTest, each in a process of its own.
 function(dxr_test NAME)
-  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT" "SOURCES;LIBRARIES;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "SERIAL" "TIMEOUT;PRELOAD" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
@@ -47,6 +48,9 @@ function(dxr_test NAME)
   set(properties TIMEOUT ${ARG_TIMEOUT})
   if(ARG_LABELS)
     list(APPEND properties LABELS "${ARG_LABELS}")
+  endif()
+  if(ARG_PRELOAD) # before the address sanitizer's, which by itself would not have that
+    list(APPEND properties ENVIRONMENT "LD_PRELOAD=${ARG_PRELOAD};ASAN_OPTIONS=verify_asan_link_order=0")
   endif()
   if(ARG_SERIAL)
     list(APPEND properties RUN_SERIAL TRUE)

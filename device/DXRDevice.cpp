@@ -37,7 +37,7 @@ std::optional<uint32_t> wordIn(const CXPlist& value)
 {
     if (!isNumber(value))
         return std::nullopt;
-    const auto number = value.get<double>();
+    const double number = CXDoubleValue(value);
     if (!(number >= 0.0 && number < 4294967296.0))
         return std::nullopt;
     return static_cast<uint32_t>(number);
@@ -49,8 +49,12 @@ template <class Item, class Accepts> std::vector<Item> itemsIn(const CXPlist& ar
     std::vector<Item> items;
     if (!array.is_array() || !std::ranges::all_of(array, accepts))
         return items;
-    for (const CXPlist& item : array)
-        items.push_back(item.template get<Item>());
+    for (const CXPlist& item : array) {
+        if constexpr (std::is_arithmetic_v<Item>)
+            items.push_back(static_cast<Item>(CXDoubleValue(item)));
+        else
+            items.push_back(item.template get<Item>());
+    }
     return items;
 }
 
@@ -63,7 +67,7 @@ std::string stringIn(const CXPlist& dictionary, const char* key)
 double numberIn(const CXPlist& dictionary, const char* key, double fallback)
 {
     const CXPlist value = vtObjectForKey(dictionary, key, CXPlistKind::Number);
-    return value.is_null() ? fallback : value.get<double>();
+    return value.is_null() ? fallback : CXDoubleValue(value);
 }
 
 std::string joined(const std::string& first, const char* separator, const std::string& second)
@@ -160,8 +164,8 @@ CXRef<DXRDevice> DXRDevice::initWithArchive(const CXPlist& archive, const CXRef<
         return nullptr;
     const CXPlist version = vtObjectForKey(archive, "vn", CXPlistKind::Number);
     const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(stringIn(archive, "ref"));
-    if (version.is_null() || version.get<double>() != archiveVersion || !reference || !reference->isInput() ||
-        wordIn(safeObjectForKey(archive, "c")).value_or(0) == 0)
+    if (version.is_null() || CXDoubleValue(version) != archiveVersion || !reference ||
+        !reference->isInput() || wordIn(safeObjectForKey(archive, "c")).value_or(0) == 0)
         return nullptr;
     CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(reference, keeper));
     device->_load(archive);
@@ -184,7 +188,8 @@ DXRDevice::~DXRDevice()
 
 void DXRDevice::_logAdded() const
 {
-    DXRDebugLog("Added %s: %s\n", description().c_str(), CXJSONWithPlist(archive()).c_str());
+    if (DXRDebugLogIsActive())
+        DXRDebugLog("Added %s: %s\n", description().c_str(), CXJSONWithPlist(archive()).c_str());
 }
 
 void DXRDevice::connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
@@ -192,7 +197,8 @@ void DXRDevice::connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>&
     if (!deviceReference)
         return;
     const bool isUnchanged = _locked([&] {
-        const bool isSame = _deviceID == deviceID && _reference->isEqual(deviceReference.get());
+        const bool isSame = _deviceID == deviceID &&
+                            (_reference == deviceReference || _reference->isEqual(deviceReference.get()));
         if (!isSame) {
             _deviceID = deviceID;
             _reference = deviceReference;
@@ -248,7 +254,7 @@ bool DXRDevice::_updateDisplayName(std::optional<std::string>& field, const std:
 
 bool DXRDevice::confirmGenericChannelCounts() const
 {
-    return !reference()->isGeneric() || channelCount() == _hardware().channelCount();
+    return !_locked([&] { return _reference->isGeneric(); }) || channelCount() == _hardware().channelCount();
 }
 
 // ---- Queries
@@ -369,7 +375,7 @@ std::string DXRDevice::source() const
 bool DXRDevice::_flag(const char* overrideKey, const bool& field) const
 {
     const CXPlist chosen = _overrides->boolForKey(overrideKey);
-    return chosen.is_null() ? _locked([&] { return field; }) : chosen.get<double>() != 0.0;
+    return chosen.is_null() ? _locked([&] { return field; }) : CXDoubleValue(chosen) != 0.0;
 }
 
 bool DXRDevice::hasMute() const
@@ -536,7 +542,7 @@ void DXRDevice::_load(const CXPlist& archive)
     _preferredStereoChannels = itemsIn<uint32_t>(safeObjectForKey(archive, "sc"), isChannel);
     if (_preferredStereoChannels.size() != 2)
         _preferredStereoChannels = {1, _channelCount < 2 ? 1U : 2U};
-    const auto isRate = [](const CXPlist& item) { return isNumber(item) && item.get<double>() > 0.0; };
+    const auto isRate = [](const CXPlist& item) { return isNumber(item) && CXDoubleValue(item) > 0.0; };
     _availableSampleRates = itemsIn<double>(safeObjectForKey(archive, "ar"), isRate);
     _sampleRate = numberIn(archive, "r", 44100.0);
     _availableSources = itemsIn<std::string>(safeObjectForKey(archive, "as"),

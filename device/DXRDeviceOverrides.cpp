@@ -49,24 +49,43 @@ DXRDeviceOverrides::initWithDeviceReference(const CXRef<DXRDeviceReference>& ref
 {
     if (!reference)
         return nullptr;
-    auto overrides = CXRef<DXRDeviceOverrides>::adopt(new DXRDeviceOverrides(*reference));
-    overrides->_observer =
-        overrides->_defaults->addObserver(overrides->_key, [weak = CXWeak<DXRDeviceOverrides>(overrides)] {
-            if (const CXRef<DXRDeviceOverrides> self = weak.lock())
-                self->_observeValue();
-        });
-    overrides->_observeValue(); // what changed before the observer was there
+    CXRef<DXRDeviceOverrides> overrides = _observing(reference->string());
+    const std::string key = overrides->_takeValue(*reference);
+    if (key == overrides->_key)
+        return overrides;
+    overrides = _observing(key); // an entry that was there already, under another text
+    overrides->_observeValue();
     return overrides;
 }
 
-DXRDeviceOverrides::DXRDeviceOverrides(const DXRDeviceReference& reference)
-    : _mutex(DXRRecursiveMutex::init()), _defaults(suite())
+CXRef<DXRDeviceOverrides> DXRDeviceOverrides::_observing(const std::string& key)
 {
-    const CXRef<DXRDeviceOverridesEntry> entry =
-        DXRDeviceOverridesIndex::current(*_defaults)->entryForReference(reference);
-    _key = entry ? entry->key() : reference.string();
-    if (entry)
-        _overrides = entry->overrides();
+    auto overrides = CXRef<DXRDeviceOverrides>::adopt(new DXRDeviceOverrides(key));
+    overrides->_observer =
+        overrides->_defaults->addObserver(key, [weak = CXWeak<DXRDeviceOverrides>(overrides)] {
+            if (const CXRef<DXRDeviceOverrides> self = weak.lock())
+                self->_observeValue();
+        });
+    return overrides;
+}
+
+DXRDeviceOverrides::DXRDeviceOverrides(std::string key)
+    : _mutex(DXRRecursiveMutex::init()), _defaults(suite()), _key(std::move(key))
+{}
+
+std::string DXRDeviceOverrides::_takeValue(const DXRDeviceReference& reference)
+{
+    std::string key = _key;
+    _mutex->execute([&] { // read and kept in one step, as in _observeValue(): the later reading stays
+        const auto index = DXRDeviceOverridesIndex::current(*_defaults);
+        const CXRef<DXRDeviceOverridesEntry> entry = index->entryForReference(reference);
+        if (!entry)
+            return;
+        key = entry->key();
+        if (key == _key)
+            _overrides = entry->overrides();
+    });
+    return key;
 }
 
 DXRDeviceOverrides::~DXRDeviceOverrides()

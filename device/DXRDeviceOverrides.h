@@ -44,12 +44,15 @@ public:
     static void performFactoryReset();
 
 private:
-    explicit DXRDeviceOverrides(const DXRDeviceReference& reference);
+    explicit DXRDeviceOverrides(std::string key);
     ~DXRDeviceOverrides() override;
 
     enum class Kind { Number, String };
     CXPlist _objectForKey(const std::optional<std::string>& key, Kind kind) const;
     void _observeValue();
+    static CXRef<DXRDeviceOverrides> _observing(const std::string& key);
+    /// The key of the entry for the reference, which is this one's own when there is none; takes its own entry's content.
+    std::string _takeValue(const DXRDeviceReference& reference);
 
     static std::string _ownerKeyForKey(std::string_view key);
     static std::optional<std::string> _ownerBundleID();
@@ -57,6 +60,6 @@ private:
     const CXRef<DXRRecursiveMutex> _mutex;
     const CXRef<platform::DefaultsSuite> _defaults;
     CXPlist _overrides = CXPlist::object(); // guarded by _mutex
-    std::string _key;                       // of the entry; set once
+    const std::string _key;                 // of the entry
     uint64_t _observer = 0;
 };

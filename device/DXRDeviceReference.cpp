@@ -3,6 +3,7 @@
 #include "CXErrorAdditions.h"
 #include "CXFourCharCode.h"
 #include "CXJSON.h"
+#include "CXPlistAdditions.h"
 #include "CXValue.h"
 #include "JRCoreGenericUID.h"
 #include "QDL.h"
@@ -21,11 +22,6 @@ bool isNumber(const CXPlist& value) noexcept
     return value.is_number() || value.is_boolean();
 }
 
-double numberOf(const CXPlist& value) noexcept
-{
-    return value.is_boolean() ? static_cast<double>(value.get<bool>()) : value.get<double>();
-}
-
 /// Numbers by value, a boolean as 0 or 1; anything else by content.
 bool isEqualValue(const CXPlist& a, const CXPlist& b) noexcept
 {
@@ -33,7 +29,7 @@ bool isEqualValue(const CXPlist& a, const CXPlist& b) noexcept
         return a == b;
     const auto isWhole = [](const CXPlist& value) { return value.is_number_integer(); };
     if (!isWhole(a) || !isWhole(b))
-        return numberOf(a) == numberOf(b);
+        return CXDoubleValue(a) == CXDoubleValue(b);
     const auto isNegative = [](const CXPlist& value) {
         return !value.is_number_unsigned() && value.get<int64_t>() < 0;
     };
@@ -47,7 +43,7 @@ size_t hashOfValue(const CXPlist* value) noexcept
     if (const auto* text = value->get_ptr<const std::string*>())
         return std::hash<std::string>()(*text);
     if (isNumber(*value))
-        return std::hash<double>()(numberOf(*value));
+        return std::hash<double>()(CXDoubleValue(*value));
     return value->size(); // no device has such an attribute
 }
 
@@ -207,7 +203,7 @@ std::optional<std::string> DXRDeviceReference::_stringAttribute(Attribute attrib
 std::optional<bool> DXRDeviceReference::isInput() const
 {
     const CXPlist* const value = _attributes[Input];
-    return value && isNumber(*value) ? std::optional(numberOf(*value) != 0.0) : std::nullopt;
+    return value && isNumber(*value) ? std::optional(CXDoubleValue(*value) != 0.0) : std::nullopt;
 }
 
 bool DXRDeviceReference::isEqual(const CXObject* other) const

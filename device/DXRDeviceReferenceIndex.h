@@ -37,16 +37,6 @@ public:
         return firstIn(_generic, reference.genericHash(),
                        [&](const Entry& entry) { return entry.first->isGenericallyEqual(&reference); });
     }
-    /// How many values have references that are generically equal to this one.
-    size_t countOfGenericallyEqual(const DXRDeviceReference& reference) const
-    {
-        size_t count = 0;
-        firstIn(_generic, reference.genericHash(), [&](const Entry& entry) {
-            count += entry.first->isGenericallyEqual(&reference) ? 1 : 0;
-            return false;
-        });
-        return count;
-    }
     void clear()
     {
         _exact.clear();

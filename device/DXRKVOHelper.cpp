@@ -3,24 +3,23 @@
 #include "MainQueue.h"
 
 #include <algorithm>
+#include <numeric>
 
-/// Says in one of the helper's fields, for as long as it lives, what the calling thread is doing.
-class DXRKVOHelper::Mark {
+namespace {
+
+/// Says, for as long as it lives, that the calling thread is doing something.
+class Mark {
 public:
-    Mark(DXRRecursiveMutex& lock, pthread_t& field) : _lock(lock), _field(field) { _set(pthread_self()); }
-    ~Mark() { _set(0); }
+    explicit Mark(std::atomic<pthread_t>& field) : _field(field) { _field = pthread_self(); }
+    ~Mark() { _field = 0; }
     Mark(const Mark&) = delete;
     Mark& operator=(const Mark&) = delete;
 
 private:
-    void _set(pthread_t thread)
-    {
-        _lock.execute([&] { _field = thread; });
-    }
-
-    DXRRecursiveMutex& _lock;
-    pthread_t& _field;
+    std::atomic<pthread_t>& _field;
 };
+
+} // namespace
 
 CXRef<DXRKVOHelper> DXRKVOHelper::initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties)
 {
@@ -44,7 +43,7 @@ DXRKVOHelper::Keys DXRKVOHelper::observableKeys() const
 
 CXRef<DXRKVOObservation> DXRKVOHelper::observe(const std::string& key, DXRKVOObservation::Block block)
 {
-    if (!_property(key) || !block)
+    if (!_placeOf(key) || !block)
         return nullptr;
     auto observation = CXRef<DXRKVOObservation>::adopt(new DXRKVOObservation(key, std::move(block)));
     _observers(); // forgets those that have ended
@@ -63,59 +62,79 @@ std::vector<CXRef<DXRKVOObservation>> DXRKVOHelper::observe(const Keys& keys,
     return observations;
 }
 
+void DXRKVOHelper::updateAllValues()
+{
+    Pass all(_properties.size());
+    std::iota(all.begin(), all.end(), uint8_t{0});
+    _update(std::move(all));
+}
+
+void DXRKVOHelper::updateValueForKey(std::string_view key)
+{
+    if (const std::optional<uint8_t> place = _placeOf(key))
+        _update({*place});
+}
+
 void DXRKVOHelper::updateValuesForKeys(const Keys& keys)
 {
-    if (keys.empty() || _lock->execond([&] { return _processing == pthread_self(); }))
+    Pass pass;
+    for (const std::string& key : keys) {
+        if (const std::optional<uint8_t> place = _placeOf(key))
+            pass.push_back(*place);
+    }
+    _update(std::move(pass));
+}
+
+std::optional<uint8_t> DXRKVOHelper::_placeOf(std::string_view key) const
+{
+    const auto found = std::ranges::find(_properties, key, &DXRKVOProperty::key);
+    if (found == _properties.end())
+        return std::nullopt;
+    return static_cast<uint8_t>(found - _properties.begin());
+}
+
+void DXRKVOHelper::_update(Pass pass)
+{
+    if (pass.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
         return;
     if (platform::MainQueue::shared().isCurrent())
-        return _pass(keys);
+        return _run(pass);
     const bool isNew = _lock->execond([&] {
-        if (std::ranges::find(_waiting, keys) != _waiting.end())
+        if (std::ranges::find(_waiting, pass) != _waiting.end())
             return false; // it reads the values when it runs, these included
-        _waiting.push_back(keys);
+        _waiting.push_back(pass);
         return true;
     });
     if (isNew)
-        platform::MainQueue::shared().async([self = CXRef(this), keys] { self->_runWaiting(keys); });
+        platform::MainQueue::shared().async(
+            [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass); });
 }
 
-bool DXRKVOHelper::isUpdateInProgress() const
+void DXRKVOHelper::_runWaiting(const Pass& pass)
 {
-    return _lock->execond([&] { return _updating == pthread_self(); });
-}
-
-const DXRKVOProperty* DXRKVOHelper::_property(std::string_view key) const
-{
-    const auto found = std::ranges::find(_properties, key, &DXRKVOProperty::key);
-    return found == _properties.end() ? nullptr : &*found;
-}
-
-void DXRKVOHelper::_runWaiting(const Keys& keys)
-{
-    const bool isNested = _lock->execond([&] {
-        std::erase(_waiting, keys); // from here on, whoever asks again is heard again
-        if (_processing == pthread_self())
-            _postponed.push_back(keys);
-        return _processing == pthread_self();
+    const bool isNested = _processing.load(std::memory_order_relaxed) == pthread_self();
+    _lock->execute([&] {
+        std::erase(_waiting, pass); // from here on, whoever asks again is heard again
+        if (isNested)
+            _postponed.push_back(pass);
     });
     if (!isNested)
-        _pass(keys);
+        _run(pass);
 }
 
-void DXRKVOHelper::_pass(const Keys& keys)
+void DXRKVOHelper::_run(const Pass& first)
 {
     const CXRef<CXObject> object = _obj.lock();
     if (!object)
         return;
-    std::vector<Keys> next{keys};
+    std::vector<Pass> next{first};
     while (!next.empty()) {
         {
-            const Mark processing(*_lock, _processing);
-            for (const Keys& pass : next) {
-                for (const std::string& key : pass) {
-                    if (const DXRKVOProperty* property = _property(key))
-                        property->publish(*object,
-                                          [&](DXRKVOChange change) { _announce(*property, change); });
+            const Mark processing(_processing);
+            for (const Pass& pass : next) {
+                for (const uint8_t place : pass) {
+                    const DXRKVOProperty& property = _properties[place];
+                    property.publish(*object, [&](DXRKVOChange change) { _announce(property, change); });
                 }
             }
         }
@@ -130,7 +149,7 @@ void DXRKVOHelper::_announce(const DXRKVOProperty& property, DXRKVOChange change
     std::erase_if(observers, [&](const auto& each) { return each->key() != property.key(); });
     std::optional<Mark> updating;
     if (change == DXRKVOChange::Will)
-        updating.emplace(*_lock, _updating);
+        updating.emplace(_updating);
     for (const CXRef<DXRKVOObservation>& observer : observers)
         observer->_call(change);
 }

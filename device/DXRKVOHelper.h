@@ -4,9 +4,12 @@
 #include "DXRKVOObservation.h"
 #include "DXRSynchronization.h"
 
+#include <atomic>
+#include <cstdint>
 #include <pthread.h>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// Publishes changes of an object's observable properties: for each that differs from its published copy, observers
@@ -36,33 +39,40 @@ public:
     [[nodiscard]] std::vector<CXRef<DXRKVOObservation>> observe(const Keys& keys,
                                                                 const DXRKVOObservation::Block& block);
 
-    void updateAllValues() { updateValuesForKeys(observableKeys()); }
-    void updateValueForKey(const std::string& key) { updateValuesForKeys({key}); }
+    void updateAllValues();
+    void updateValueForKey(std::string_view key);
     /// Publishes what has changed of these, in their order. On the main thread at once; there, asked for by an observer
     /// during an update, it is dropped. Unknown keys are skipped.
     void updateValuesForKeys(const Keys& keys);
     /// Whether the calling thread is in the middle of a will-change announcement.
-    bool isUpdateInProgress() const;
+    bool isUpdateInProgress() const noexcept
+    {
+        return _updating.load(std::memory_order_relaxed) == pthread_self();
+    }
 
 private:
     DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties);
     ~DXRKVOHelper() override = default;
 
-    class Mark;
+    /// What is to be published, as places in the table.
+    using Pass = std::vector<uint8_t>;
 
-    const DXRKVOProperty* _property(std::string_view key) const;
-    void _runWaiting(const Keys& keys);
-    void _pass(const Keys& keys);
+    std::optional<uint8_t> _placeOf(std::string_view key) const;
+    void _update(Pass pass);
+    void _runWaiting(const Pass& pass);
+    void _run(const Pass& first);
     void _announce(const DXRKVOProperty& property, DXRKVOChange change);
     /// Those that there are; forgets the others.
     std::vector<CXRef<DXRKVOObservation>> _observers();
 
     const CXWeak<CXObject> _obj;
     const std::span<const DXRKVOProperty> _properties;
+    // The thread in a will-change announcement, and the one in a pass; 0: none. Everyone asks only whether it is
+    // themselves, and nobody else stores that: no order is needed, and no lock.
+    std::atomic<pthread_t> _updating{0};
+    std::atomic<pthread_t> _processing{0};
     const CXRef<DXRRecursiveMutex> _lock; // of all below
-    pthread_t _updating = 0;              // the thread in a will-change announcement; 0: none
-    pthread_t _processing = 0;            // the thread in a pass
-    std::vector<Keys> _waiting;           // passes on their way to the main thread
-    std::vector<Keys> _postponed; // passes that came due inside another, in a nested run of the main queue
+    std::vector<Pass> _waiting;           // on their way to the main thread
+    std::vector<Pass> _postponed;         // came due inside another, in a nested run of the main queue
     std::vector<CXWeak<DXRKVOObservation>> _observations;
 };

@@ -11,6 +11,7 @@
 namespace {
 
 using platform::USBAudioEngine;
+using platform::USBDevice;
 using platform::USBRegistry;
 using platform::USBRegistryContents;
 
@@ -92,22 +93,23 @@ std::optional<uint32_t> locationIn(std::string_view eight, bool& isPaddedWithSpa
 std::optional<size_t> endOfModelPart(const std::string& deviceUID, const USBRegistryContents& contents)
 {
     std::optional<size_t> end;
-    size_t order = 0;
-    std::unordered_set<uint32_t> seen; // only its first place in the ID counts, and zeros before spaces
+    const USBDevice* first = nullptr;
+    std::unordered_set<uint32_t>
+        seen; // of each location only its first place in the ID counts, and zeros before spaces
     for (const bool wantsSpaces : {false, true}) {
         for (size_t at = 0; at + locationDigits <= deviceUID.size(); ++at) {
             bool hasSpaces = false;
             const auto location =
                 locationIn(std::string_view(deviceUID).substr(at, locationDigits), hasSpaces);
-            if (!location || hasSpaces != wantsSpaces)
+            const USBDevice* const device =
+                location && hasSpaces == wantsSpaces ? contents.deviceAtLocation(*location) : nullptr;
+            if (!device || !seen.insert(*location).second || at < 2 ||
+                hexadecimalValue(deviceUID[at - 1]) >= 0)
                 continue;
-            const std::optional<size_t> itsOrder = contents.orderOfLocationID(*location);
-            if (!itsOrder || !seen.insert(*location).second)
-                continue;
-            if (at < 2 || hexadecimalValue(deviceUID[at - 1]) >= 0 || (end && order < *itsOrder))
-                continue;
-            end = at;
-            order = *itsOrder;
+            if (!first || device < first) { // listed before it
+                first = device;
+                end = at;
+            }
         }
     }
     return end;

@@ -40,8 +40,9 @@ public:
 
     /// Asks the device with this ID who it is now; makes the references anew only when that has changed. The
     /// reference of the device as a whole is null when it does not answer, one of a direction when it has no
-    /// channels there.
-    void identify(AudioObjectID forDeviceID);
+    /// channels there. Whether references are mended that were made while something could not be read: they may be
+    /// equal to the old ones, and yet say more.
+    bool identify(AudioObjectID forDeviceID);
     const CXRef<DXRDeviceReference>& currentReference() const noexcept { return _current; }
     const CXRef<DXRDeviceReference>& currentReference(bool isInput) const noexcept
     {
@@ -55,6 +56,7 @@ private:
     ~DXRDeviceInfo() override = default;
 
     AudioObjectID _identifiedID = kAudioObjectUnknown;
+    bool _isUncertain = false; // something could not be read
     DXRDeviceIdentity _identity;
     CXRef<DXRDeviceReference> _current;
     std::array<CXRef<DXRDeviceReference>, 2> _directed; // output, input

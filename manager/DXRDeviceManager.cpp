@@ -23,8 +23,8 @@ constexpr std::string_view archivePrefix = "DXRDevice:";
 constexpr std::array bothDirections{true, false}; // input first
 
 // What could not be read is asked for again, ever later, and then left until something happens.
-constexpr uint64_t firstRetryNanoseconds = 50'000'000;
-constexpr uint32_t mostRetries = 6;
+constexpr uint64_t firstRetryNanoseconds = 20'000'000;
+constexpr uint32_t mostRetries = 8;
 
 struct Default {
     uint32_t selector;
@@ -232,7 +232,7 @@ CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> 
         return nullptr;
     const CXPlist version = vtObjectForKey(*parsed, "vn", CXPlistKind::Number);
     const CXPlist referenceText = vtObjectForKey(*parsed, "ref", CXPlistKind::String);
-    if (version.is_null() || version.get<double>() != 1.0 || referenceText.is_null())
+    if (version.is_null() || CXDoubleValue(version) != 1.0 || referenceText.is_null())
         return nullptr;
     const auto reference = DXRDeviceReference::initWithString(referenceText.get_ref<const std::string&>());
     const std::optional<bool> input = reference ? reference->isInput() : std::nullopt;
@@ -373,20 +373,21 @@ std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
 {
     uint32_t count = 0;
     AudioObjectID* const list = QDLAudioDeviceIDList(&count);
-    std::set<AudioObjectID> ids(list, list + count);
+    std::vector<AudioObjectID> ids(list, list + count);
     std::free(list);
-    static const CXRef<DXRPropertyAddress> hidden = DXRPropertyAddress::deviceIsHidden();
+    static const CXRef<DXRPropertyAddress>* const hidden = new CXRef(DXRPropertyAddress::deviceIsHidden());
     std::erase_if(ids, [](AudioObjectID deviceID) {
         uint32_t isHidden = 0;
-        return hidden->getUInt32(&isHidden, deviceID) && isHidden != 0;
+        return (*hidden)->getUInt32(&isHidden, deviceID) && isHidden != 0;
     });
-    lock().execute([&] {
-        for (const std::string& uid : _hiddenDeviceUIDs) {
-            if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(uid))
-                ids.insert(deviceID);
-        }
-    });
-    return {ids.begin(), ids.end()};
+    for (const std::string& uid : _hiddenDeviceUIDs) {
+        if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(uid))
+            ids.push_back(deviceID);
+    }
+    std::ranges::sort(ids);
+    const auto repeated = std::ranges::unique(ids);
+    ids.erase(repeated.begin(), repeated.end());
+    return ids;
 }
 
 void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
@@ -400,8 +401,11 @@ void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
         _updateConnected(_deviceIDList(), changes);
         _archiveGone(changes);
         _returnOrAdd(changes);
-        _updateDeviceDisplayNames();
-        _updateDeviceDisplayNamesWithSource();
+        // Names change with the list, and with what has been read of a device.
+        if (!changes.connected.empty() || !changes.disconnected.empty() || !_updatedDevices.empty()) {
+            _updateDeviceDisplayNames();
+            _updateDeviceDisplayNamesWithSource();
+        }
         // A default that was announced before its device was listed shows only now.
         if (updateDefaults || !changes.connected.empty() || !changes.disconnected.empty())
             _updateDefaultDevices();
@@ -422,29 +426,40 @@ void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
 
 void DXRDeviceManager::_updateConnected(std::span<const AudioObjectID> ids, Changes& changes)
 {
-    for (const auto& [deviceID, info] : _connectedDevicesByID->infos()) {
-        if (!std::ranges::binary_search(ids, info->deviceID))
-            changes.gone.push_back(info->deviceID);
-    }
+    const auto& infos = _connectedDevicesByID->infos();
+    auto known = infos.begin(); // both ascend
     for (const AudioObjectID deviceID : ids) {
-        const CXRef<DXRDeviceInfo> info = _connectedDevicesByID->at(deviceID);
-        if (!info) {
+        for (; known != infos.end() && known->first < deviceID; ++known)
+            changes.gone.push_back(known->second->deviceID);
+        if (known == infos.end() || known->first != deviceID)
             _meet(deviceID, changes);
-            continue;
-        }
-        info->identify(deviceID);
-        const bool isConfirmed = std::ranges::all_of(bothDirections, [&](bool isInput) {
-            return !info->live(isInput) || info->live(isInput)->confirmGenericChannelCounts();
-        });
-        if (info->currentReference() && isConfirmed) {
-            if (!info->reference->isEqual(info->currentReference().get()))
-                _connectedDevicesByID->setReference(*info, info->currentReference());
-            _updateDeviceInfo(*info, deviceID, changes.connected, &changes.disconnected);
-        } else {
+        else if (DXRDeviceInfo& info = *(known++)->second; !_keep(info, changes))
             changes.gone.push_back(deviceID);
-            changes.needsAnother |= !isConfirmed;
+    }
+    for (; known != infos.end(); ++known)
+        changes.gone.push_back(known->second->deviceID);
+}
+
+bool DXRDeviceManager::_keep(DXRDeviceInfo& info, Changes& changes)
+{
+    const bool isMended = info.identify(info.deviceID);
+    const CXRef<DXRDeviceReference>& reference = info.currentReference();
+    if (!reference)
+        return false;
+    for (const bool isInput : bothDirections) {
+        if (info.live(isInput) && !info.live(isInput)->confirmGenericChannelCounts()) {
+            changes.needsAnother = true;
+            return false;
         }
     }
+    if (info.reference != reference && (isMended || !info.reference->isEqual(reference.get())))
+        _connectedDevicesByID->setReference(info, reference);
+    _updateDeviceInfo(info, info.deviceID, changes.connected, &changes.disconnected);
+    for (const bool isInput : bothDirections) {
+        if (isMended && info.live(isInput))
+            info.live(isInput)->setDeviceReference(info.currentReference(isInput));
+    }
+    return true;
 }
 
 void DXRDeviceManager::_meet(AudioObjectID deviceID, Changes& changes)

@@ -99,6 +99,7 @@ private:
     std::vector<AudioObjectID> _deviceIDList() const;
     void _updateDeviceList(bool updateDefaults);
     void _updateConnected(std::span<const AudioObjectID> ids, Changes& changes);
+    bool _keep(DXRDeviceInfo& info, Changes& changes);
     void _meet(AudioObjectID deviceID, Changes& changes);
     void _archiveGone(Changes& changes);
     void _returnOrAdd(Changes& changes);

@@ -105,6 +105,20 @@ private:
     bool _isHeldByOther = false;
 };
 
+/// Whether the file is empty, cannot be read here, or begins as a database does. SQLite itself takes a short file for
+/// an empty one and writes over it.
+bool mayBeDatabase(const std::string& path)
+{
+    constexpr std::string_view head("SQLite format 3\0", 16);
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        return true;
+    std::array<char, head.size()> found{};
+    const ssize_t count = ::read(descriptor, found.data(), found.size());
+    ::close(descriptor);
+    return count <= 0 || std::string_view(found.data(), static_cast<size_t>(count)) == head;
+}
+
 /// SQLite's name for a file that nobody will change.
 std::string immutableName(const std::string& path)
 {
@@ -181,6 +195,10 @@ bool DefaultsDatabase::_open()
         return _failWith(_path + ": " + std::generic_category().message(errno));
     if (!S_ISREG(state.st_mode))
         return _failWith(_path + " is not a file");
+    if (!mayBeDatabase(_path)) {
+        _trouble = "it is not a database";
+        return _setAside() && _openFile(/*isWritable=*/true);
+    }
 
     if (_openFile(/*isWritable=*/true))
         return true;
@@ -339,6 +357,8 @@ bool DefaultsDatabase::begin()
     const FileSizeSignalBlock block;
     _waitEnds = Clock::now() + _maximumWait;
     _isInTransaction = _execute("BEGIN IMMEDIATE");
+    if (!_isInTransaction && _isCorrupt())
+        close(); // as in read()
     return _isInTransaction;
 }
 
@@ -438,6 +458,10 @@ bool DefaultsDatabase::_fail(const char* step)
 {
     _lastCode = sqlite3_extended_errcode(_connection);
     _trouble = _path + ": " + sqlite3_errmsg(_connection) + " (" + step + ")";
+    if (const int cause = sqlite3_system_errno(_connection); cause != 0)
+        _trouble += ": " + std::generic_category().message(cause);
+    else if (_lastCode > 0xFF)
+        _trouble += ": SQLite's " + std::to_string(_lastCode);
     _mayRecover = true;
     return false;
 }

@@ -91,16 +91,16 @@ std::optional<USBAudioEngine> engineOfCard(udev_device* card)
 CXRef<USBRegistryContents> readFromSystem()
 {
     std::vector<USBAudioEngine> engines;
-    std::vector<uint32_t> locations;
+    std::vector<USBDevice> devices;
     const Udev context(udev_new());
     if (!context)
-        return USBRegistryContents::initWithEngines({}, {});
+        return USBRegistryContents::initWithDevices({}, {});
     forEachDevice(
         context.get(), "usb",
         [](udev_enumerate* list) { return udev_enumerate_add_match_property(list, "DEVTYPE", "usb_device"); },
         [&](udev_device* device) {
             if (const auto location = usbLocationID(text(udev_device_get_sysname(device))))
-                locations.push_back(*location);
+                devices.push_back({*location, attribute(device, "serial")});
         });
     forEachDevice(
         context.get(), "sound",
@@ -109,7 +109,7 @@ CXRef<USBRegistryContents> readFromSystem()
             if (std::optional<USBAudioEngine> engine = engineOfCard(card))
                 engines.push_back(std::move(*engine));
         });
-    return USBRegistryContents::initWithEngines(std::move(engines), locations);
+    return USBRegistryContents::initWithDevices(std::move(devices), std::move(engines));
 }
 
 struct Registry {
@@ -145,33 +145,32 @@ std::optional<uint32_t> number(std::string_view digits)
 
 } // namespace
 
-CXRef<USBRegistryContents> USBRegistryContents::initWithEngines(std::vector<USBAudioEngine> engines,
-                                                                const std::vector<uint32_t>& locationIDs)
+CXRef<USBRegistryContents> USBRegistryContents::initWithDevices(std::vector<USBDevice> devices,
+                                                                std::vector<USBAudioEngine> engines)
 {
-    return CXRef<USBRegistryContents>::adopt(new USBRegistryContents(std::move(engines), locationIDs));
+    return CXRef<USBRegistryContents>::adopt(new USBRegistryContents(std::move(devices), std::move(engines)));
 }
 
-USBRegistryContents::USBRegistryContents(std::vector<USBAudioEngine> engines,
-                                         const std::vector<uint32_t>& locationIDs)
-    : _engines(std::move(engines))
+USBRegistryContents::USBRegistryContents(std::vector<USBDevice> devices, std::vector<USBAudioEngine> engines)
+    : _devices(std::move(devices)), _engines(std::move(engines))
 {
+    for (size_t i = 0; i < _devices.size(); ++i)
+        if (_devices[i].locationID != 0)
+            _deviceByLocation.emplace(_devices[i].locationID, i);
     for (size_t i = 0; i < _engines.size(); ++i)
         _engineByID.emplace(_engines[i].globalUniqueID, i);
-    for (size_t i = 0; i < locationIDs.size(); ++i)
-        if (locationIDs[i] != 0)
-            _orderByLocation.emplace(locationIDs[i], i);
+}
+
+const USBDevice* USBRegistryContents::deviceAtLocation(uint32_t locationID) const
+{
+    const auto found = _deviceByLocation.find(locationID);
+    return found == _deviceByLocation.end() ? nullptr : &_devices[found->second];
 }
 
 const USBAudioEngine* USBRegistryContents::engineWithGlobalUniqueID(std::string_view uniqueID) const
 {
     const auto found = _engineByID.find(uniqueID);
     return found == _engineByID.end() ? nullptr : &_engines[found->second];
-}
-
-std::optional<size_t> USBRegistryContents::orderOfLocationID(uint32_t locationID) const
-{
-    const auto found = _orderByLocation.find(locationID);
-    return found == _orderByLocation.end() ? std::nullopt : std::optional(found->second);
 }
 
 bool USBRegistry::ask(CXBlockRef<bool(const USBRegistryContents&)> question)

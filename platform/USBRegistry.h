@@ -12,7 +12,13 @@
 
 namespace platform {
 
-/// One sound card on the universal serial bus.
+/// One device on the universal serial bus, a hub too.
+struct USBDevice {
+    uint32_t locationID = 0;                      ///< 0 is no location: such a device is never found
+    std::optional<std::string> serialNumber = {}; ///< nothing when it has none
+};
+
+/// One sound card on that bus.
 struct USBAudioEngine {
     /// "AppleUSBAudioEngine:MAKER:PRODUCT:SERIAL:INTERFACE"; the location in hexadecimal where there is no serial
     /// number.
@@ -27,22 +33,25 @@ struct USBAudioEngine {
 /// Threads: immutable, any.
 class DXR_EXPORT USBRegistryContents final : public CXObject {
 public:
-    static CXRef<USBRegistryContents> initWithEngines(std::vector<USBAudioEngine> engines,
-                                                      const std::vector<uint32_t>& locationIDs);
+    static CXRef<USBRegistryContents> initWithDevices(std::vector<USBDevice> devices,
+                                                      std::vector<USBAudioEngine> engines);
 
+    /// In the order in which the system lists them.
+    const std::vector<USBDevice>& devices() const noexcept { return _devices; }
+    /// Null when there is none.
+    const USBDevice* deviceAtLocation(uint32_t locationID) const;
     const std::vector<USBAudioEngine>& engines() const noexcept { return _engines; }
     /// Null when there is none.
     const USBAudioEngine* engineWithGlobalUniqueID(std::string_view uniqueID) const;
-    /// How many devices were listed before the one at this location; nothing when there is none.
-    std::optional<size_t> orderOfLocationID(uint32_t locationID) const;
 
 private:
-    USBRegistryContents(std::vector<USBAudioEngine> engines, const std::vector<uint32_t>& locationIDs);
+    USBRegistryContents(std::vector<USBDevice> devices, std::vector<USBAudioEngine> engines);
     ~USBRegistryContents() override = default;
 
+    const std::vector<USBDevice> _devices;
     const std::vector<USBAudioEngine> _engines;
+    std::unordered_map<uint32_t, size_t> _deviceByLocation;
     std::unordered_map<std::string_view, size_t> _engineByID; // views of _engines
-    std::unordered_map<uint32_t, size_t> _orderByLocation;    // 0 is no location
 };
 
 /// What the system knows of the devices on the universal serial bus, as far as audio devices are told apart by it.

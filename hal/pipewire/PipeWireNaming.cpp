@@ -1,13 +1,12 @@
 #include "PipeWireNaming.h"
 
 #include "AudioHardware.h"
+#include "USBRegistry.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <charconv>
 #include <cstdio>
-#include <fstream>
 #include <pipewire/keys.h>
 #include <utility>
 
@@ -114,65 +113,71 @@ std::string nodeName(const PipeWireNodeProperties& properties)
     return endsInSubDevice(name) ? name : withoutArrivalNumber(name);
 }
 
-/// Where a USB device is: its bus, its ports from the root ("1.4.2"), and, of a path of the kernel's, its folder.
-struct USBPlace {
-    std::string_view bus;
-    std::string_view ports;
-    std::string_view folder;
-};
-
-bool isPorts(std::string_view text)
-{
-    return !text.empty() && text.front() != '.' && text.back() != '.' &&
-           text.find_first_not_of("0123456789.") == std::string_view::npos;
-}
-
-/// Of "/devices/…/usb3/3-1/3-1.4/3-1.4:1.0/sound/card5": the innermost folder of the form BUS-PORTS.
-std::optional<USBPlace> placeInKernelPath(std::string_view path)
+/// Of "/devices/…/usb3/3-1/3-1.4/3-1.4:1.0/sound/card5": the innermost folder that is a device's.
+std::optional<uint32_t> locationInKernelPath(std::string_view path)
 {
     for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
         const std::string_view folder = path.substr(0, end);
-        const std::string_view name = folder.substr(folder.rfind('/') + 1); // all of it, where there is none
-        const size_t dash = name.find('-');
-        if (dash != std::string_view::npos && isDigits(name.substr(0, dash)) &&
-            isPorts(name.substr(dash + 1)))
-            return USBPlace{name.substr(0, dash), name.substr(dash + 1), folder};
+        const size_t start = folder.rfind('/') + 1; // 0, where there is none
+        if (const auto location = platform::usbLocationID(folder.substr(start)))
+            return location;
     }
     return std::nullopt;
 }
 
-/// Of udev's "pci-0000:00:14.0-usb-0:1.4.2:1.0".
-std::optional<USBPlace> placeInBusPath(std::string_view path)
+/// Of udev's "pci-0000:00:14.0-usb-0:1.4.2:1.0": bus and ports.
+std::optional<uint32_t> locationInBusPath(std::string_view path)
 {
     const size_t mark = path.find("usb");
     const size_t dash = path.find('-', mark);
     const size_t colon = path.find(':', dash);
     if (mark == std::string_view::npos || dash == std::string_view::npos || colon == std::string_view::npos)
         return std::nullopt;
-    const std::string_view bus = path.substr(dash + 1, colon - dash - 1);
-    const std::string_view ports = path.substr(colon + 1, path.find(':', colon + 1) - colon - 1);
-    if (!isDigits(bus) || !isPorts(ports))
-        return std::nullopt;
-    return USBPlace{bus, ports, {}};
+    std::string name(path.substr(dash + 1, path.find(':', colon + 1) - dash - 1));
+    name[colon - dash - 1] = '-'; // as the kernel writes it
+    return platform::usbLocationID(name);
 }
 
-uint32_t number(std::string_view digits)
+/// Where the sound card is, when it is one of this computer's: known by its bus path, or by its number and its ports.
+std::optional<uint32_t> registeredLocation(const std::string& busPath, const std::string& cardNumber)
 {
-    uint32_t value = 0;
-    std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    return value;
+    constexpr uint32_t ports = 0x00FFFFFF;
+    const std::optional<uint32_t> withoutBus = locationInBusPath(busPath);
+    std::optional<uint32_t> location;
+    platform::USBRegistry::ask([&](const platform::USBRegistryContents& contents) {
+        for (const platform::USBAudioEngine& engine : contents.engines()) {
+            if (!busPath.empty() && engine.busPath == busPath) {
+                location = engine.locationID;
+                break;
+            }
+            if (engine.cardNumber && std::to_string(*engine.cardNumber) == cardNumber &&
+                (!withoutBus || ((*withoutBus ^ engine.locationID) & ports) == 0))
+                location = engine.locationID;
+        }
+        return location.has_value();
+    });
+    return location;
 }
 
-bool hasUSBSerialNumber(const PipeWireNodeProperties& properties)
+std::optional<uint32_t> usbLocation(const PipeWireNodeProperties& properties)
 {
-    if (const std::optional<USBPlace> place = placeInKernelPath(properties[PW_KEY_DEVICE_SYSFS_PATH])) {
-        const std::string folder = "/sys" + std::string(place->folder);
-        std::string serial;
-        if (std::ifstream file(folder + "/serial"); file >> serial && !serial.empty())
-            return true;
-        if (std::ifstream(folder + "/idVendor"))
-            return false; // the kernel has the device, and no number of it
-    }
+    if (const auto location = locationInKernelPath(properties[PW_KEY_DEVICE_SYSFS_PATH]))
+        return location;
+    const std::string& busPath = properties[PW_KEY_DEVICE_BUS_PATH];
+    const auto location = registeredLocation(busPath, properties["api.alsa.card"]);
+    return location ? location : locationInBusPath(busPath); // of a bus elsewhere: better than nothing
+}
+
+bool hasUSBSerialNumber(const PipeWireNodeProperties& properties, uint32_t location)
+{
+    bool hasSerialNumber = false;
+    const bool isKnown = platform::USBRegistry::ask([&](const platform::USBRegistryContents& contents) {
+        const platform::USBDevice* const device = contents.deviceAtLocation(location);
+        hasSerialNumber = device && device->serialNumber;
+        return device != nullptr;
+    });
+    if (isKnown)
+        return hasSerialNumber;
     // Without a number of its own, udev calls a device by maker and product alone.
     const std::string serial = sanitized(properties[PW_KEY_DEVICE_SERIAL]);
     const std::string model =
@@ -182,10 +187,10 @@ bool hasUSBSerialNumber(const PipeWireNodeProperties& properties)
 
 std::optional<uint32_t> locationWithoutSerialNumber(const PipeWireNodeProperties& properties)
 {
-    if (properties[PW_KEY_DEVICE_BUS] != "usb" || hasUSBSerialNumber(properties))
+    if (properties[PW_KEY_DEVICE_BUS] != "usb")
         return std::nullopt;
-    const std::optional<uint32_t> location = pipeWireUSBLocation(properties[PW_KEY_DEVICE_SYSFS_PATH]);
-    return location ? location : pipeWireUSBLocation(properties[PW_KEY_DEVICE_BUS_PATH]);
+    const std::optional<uint32_t> location = usbLocation(properties);
+    return location && !hasUSBSerialNumber(properties, *location) ? location : std::nullopt;
 }
 
 std::optional<std::string> textUnlessEmpty(const std::string& text)
@@ -202,20 +207,8 @@ bool contains(const std::string& text, const std::string& part)
 
 std::optional<uint32_t> pipeWireUSBLocation(const std::string& path)
 {
-    std::optional<USBPlace> place = placeInKernelPath(path);
-    if (!place)
-        place = placeInBusPath(path);
-    if (!place)
-        return std::nullopt;
-    uint32_t location = (number(place->bus) & 0xFFU) << 24;
-    uint32_t shift = 24;
-    for (std::string_view ports = place->ports; !ports.empty() && shift > 0;) {
-        const size_t dot = std::min(ports.find('.'), ports.size());
-        shift -= 4;
-        location |= (number(ports.substr(0, dot)) & 0xFU) << shift;
-        ports.remove_prefix(std::min(dot + 1, ports.size()));
-    }
-    return location;
+    const std::optional<uint32_t> location = locationInKernelPath(path);
+    return location ? location : locationInBusPath(path);
 }
 
 std::string pipeWireUID(const PipeWireNodeProperties& properties, bool isWholeCard)

@@ -7,7 +7,7 @@
 #include <string>
 
 // How a device is called, and what it is, from the properties of its node and its card.
-// Threads: any; pipeWireUID() of a USB device reads a file of the kernel's.
+// Threads: any; pipeWireUID() of a USB device asks the system about its bus.
 
 /// The properties of a node, and beneath them those of its card, if it has one.
 class PipeWireNodeProperties {

@@ -34,7 +34,8 @@ void write(const std::string& key, const std::optional<std::string>& value)
 std::map<std::string, CXPlist> stored()
 {
     std::map<std::string, CXPlist> rows;
-    for (const auto& [key, row] : suite()->snapshot()->rows())
+    const CXRef<DefaultsSnapshot> snapshot = suite()->snapshot();
+    for (const auto& [key, row] : snapshot->rows())
         rows.emplace(key, CXPlist::parse(row->value(), nullptr, false));
     return rows;
 }

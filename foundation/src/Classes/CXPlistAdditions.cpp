@@ -22,24 +22,13 @@ bool isNumber(const CXPlist& value)
     return value.is_number() || value.is_boolean();
 }
 
-double doubleValue(const CXPlist& value)
-{
-    if (value.is_boolean())
-        return value.get<bool>() ? 1.0 : 0.0;
-    if (value.is_number())
-        return value.get<double>();
-    if (const auto* text = value.get_ptr<const std::string*>())
-        return CXLeadingNumber(*text);
-    return 0.0;
-}
-
 int32_t intValue(const CXPlist& value)
 {
     if (value.is_number_unsigned())
         return static_cast<int32_t>(static_cast<uint32_t>(value.get<uint64_t>()));
     if (value.is_number_integer())
         return static_cast<int32_t>(static_cast<uint32_t>(value.get<int64_t>()));
-    const double real = std::trunc(doubleValue(value));
+    const double real = std::trunc(CXDoubleValue(value));
     constexpr double least = std::numeric_limits<int32_t>::min();
     constexpr double most = std::numeric_limits<int32_t>::max();
     return std::isnan(real) ? 0 : static_cast<int32_t>(std::fmax(least, std::fmin(most, real)));
@@ -49,7 +38,7 @@ bool boolValue(const CXPlist& value)
 {
     const auto* const text = value.get_ptr<const std::string*>();
     if (!text)
-        return doubleValue(value) != 0.0;
+        return CXDoubleValue(value) != 0.0;
     const size_t first = text->find_first_not_of(" \t\n\r");
     if (first == std::string::npos)
         return false;
@@ -60,7 +49,7 @@ bool boolValue(const CXPlist& value)
 CXSize sizeValue(const CXPlist& value)
 {
     if (value.is_array() && value.size() == 2)
-        return {doubleValue(value[0]), doubleValue(value[1])};
+        return {CXDoubleValue(value[0]), CXDoubleValue(value[1])};
     float sides[2] = {0, 0};
     if (const auto* text = value.get_ptr<const std::string*>(); text && scanFloatArray(*text, sides, 2) == 2)
         return {sides[0], sides[1]};
@@ -73,8 +62,8 @@ bool isEqualNumber(const CXPlist& value, const CXPlist& other)
         return false;
     if (value == other)
         return true;
-    const double a = doubleValue(value);
-    const double b = doubleValue(other);
+    const double a = CXDoubleValue(value);
+    const double b = CXDoubleValue(other);
     if (isNumber(other) && (a == b || (std::isnan(a) && std::isnan(b))))
         return true;
     // In single precision, and only then compared in double: archives written elsewhere rely on it.
@@ -102,6 +91,17 @@ bool isEqualDictionary(const CXPlist& value, const CXPlist& other,
 }
 
 } // namespace
+
+double CXDoubleValue(const CXPlist& value)
+{
+    if (value.is_boolean())
+        return value.get<bool>() ? 1.0 : 0.0;
+    if (value.is_number())
+        return value.get<double>();
+    if (const auto* text = value.get_ptr<const std::string*>())
+        return CXLeadingNumber(*text);
+    return 0.0;
+}
 
 CXPlist vt_map(const CXPlist& array, CXBlockRef<CXPlist(const CXPlist&)> transform)
 {
@@ -197,7 +197,7 @@ int64_t safeIntegerForKey(const CXPlist& dictionary, std::string_view key)
 double safeDoubleForKey(const CXPlist& dictionary, std::string_view key)
 {
     const CXPlist* const value = find(dictionary, key);
-    return value ? doubleValue(*value) : 0.0;
+    return value ? CXDoubleValue(*value) : 0.0;
 }
 
 bool safeBoolForKey(const CXPlist& dictionary, std::string_view key)
@@ -220,7 +220,7 @@ int32_t vtIntForKey(const CXPlist& dictionary, std::string_view key, int32_t def
 float vtFloatForKey(const CXPlist& dictionary, std::string_view key, float defaultValue)
 {
     const CXPlist* const value = find(dictionary, key);
-    return value ? static_cast<float>(doubleValue(*value)) : defaultValue;
+    return value ? static_cast<float>(CXDoubleValue(*value)) : defaultValue;
 }
 
 CXSize vtSizeForKey(const CXPlist& dictionary, std::string_view key, CXSize defaultValue)

@@ -14,6 +14,10 @@
 // Threads:   any, each value as any object of the standard library.
 // Real time: no.
 
+/// The number that a value is: a boolean is 0 or 1, a string the number it begins with, anything else 0. What a value
+/// holds is not asked for by type elsewhere, because a boolean then is no number and the asking throws.
+DXR_EXPORT double CXDoubleValue(const CXPlist& value);
+
 // --- Arrays ---
 
 /// What `transform` answers for each element, in order. Throws a CXException if it answers null for one.

@@ -24,20 +24,6 @@ DebugCenter& debugCenter()
     return *center;
 }
 
-bool isDebugActive()
-{
-    DebugCenter& center = debugCenter();
-    std::call_once(center.asked, [&] {
-        CXBlock<bool()> isActive;
-        {
-            const std::scoped_lock lock(center.mutex);
-            isActive = center.isActive;
-        }
-        center.active = isActive && isActive();
-    });
-    return center.active;
-}
-
 void logMessage(const char* format, va_list arguments)
 {
     platform::LogSink::log("[DXR] " + CXFormatted(format, arguments));
@@ -51,9 +37,23 @@ void CXRegisterDebugCenter(CXBlock<bool()> isActive)
     debugCenter().isActive = std::move(isActive);
 }
 
+bool DXRDebugLogIsActive()
+{
+    DebugCenter& center = debugCenter();
+    std::call_once(center.asked, [&] {
+        CXBlock<bool()> isActive;
+        {
+            const std::scoped_lock lock(center.mutex);
+            isActive = center.isActive;
+        }
+        center.active = isActive && isActive();
+    });
+    return center.active;
+}
+
 void DXRDebugLog(const char* format, ...)
 {
-    if (!isDebugActive())
+    if (!DXRDebugLogIsActive())
         return;
     va_list arguments;
     va_start(arguments, format);
@@ -63,7 +63,7 @@ void DXRDebugLog(const char* format, ...)
 
 void DXRDebugLogWithStack(const char* format, ...)
 {
-    if (!isDebugActive())
+    if (!DXRDebugLogIsActive())
         return;
     std::vector<std::string> frames = platform::CallStack::symbols(1);
     frames.resize(std::min(frames.size(), mostFramesShown));

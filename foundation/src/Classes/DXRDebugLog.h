@@ -12,6 +12,9 @@
 /// logged.
 DXR_EXPORT void CXRegisterDebugCenter(CXBlock<bool()> isActive);
 
+/// Whether debug lines are logged: whoever would make a dear one asks first.
+DXR_EXPORT bool DXRDebugLogIsActive();
+
 /// Logs "[DXR] message", formatted as by printf, when the switch is active; otherwise does nothing at all.
 DXR_EXPORT void DXRDebugLog(const char* format, ...) CX_PRINTF(1, 2);
 /// The same, and then the caller's stack to standard error, outermost first, its 32 innermost frames at most.

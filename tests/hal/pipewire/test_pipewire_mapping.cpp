@@ -2,6 +2,7 @@
 #include "PipeWireNaming.h"
 #include "PipeWireTimeline.h"
 #include "PipeWireVolume.h"
+#include "USBRegistry.h"
 
 #include <gtest/gtest.h>
 
@@ -66,6 +67,26 @@ TEST(PipeWireNaming, tellsUSBDevicesWithoutASerialNumberByTheirPlace)
     EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00:00142000");
     card.set("device.serial", "Maker_Product_0815");
     EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00");
+
+    // What the system knows of the bus goes first.
+    using platform::USBRegistry;
+    const auto put = [](uint32_t location, std::optional<std::string> serial, std::string busPath) {
+        USBRegistry::setReader([=] {
+            return platform::USBRegistryContents::initWithDevices({{location, serial}},
+                                                                  {{"", serial, location, 5, busPath}});
+        });
+    };
+    put(0x07142000, {}, "pci-0000:00:14.0-usb-0:1.4.2:1.0");
+    EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00:07142000") << "by its bus path";
+    put(0x07142000, "0815", "pci-0000:00:14.0-usb-0:1.4.2:1.0");
+    EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00") << "it has a serial number";
+    card.set("device.serial", "Maker_Product");
+    card.set("api.alsa.card", "5");
+    put(0x07142000, {}, "");
+    EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00:07142000") << "by its number";
+    put(0x07143000, {}, "");
+    EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00:00142000") << "another computer's";
+    USBRegistry::setReader({});
 
     EXPECT_EQ(pipeWireUSBLocation("/devices/usb12/12-11.1/12-11.1:1.0"), 0x0CB10000U);
     EXPECT_EQ(pipeWireUSBLocation("/devices/pci0000:00/0000:00:1f.3/sound/card0"), std::nullopt);

@@ -1,0 +1,138 @@
+// Runs a fuzz target without libFuzzer: over its corpus, and then over simple changes of it for some seconds, the same
+// ones in every run. usage: fuzz_TARGET CORPUS-FOLDER SECONDS
+
+#include "Fuzz.h"
+#include "Random.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr size_t longest = 1U << 21;
+
+const std::vector<std::string>& tokens()
+{
+    static const std::vector<std::string> all{"{",
+                                              "}",
+                                              "[",
+                                              "]",
+                                              "\"",
+                                              "\\",
+                                              ":",
+                                              ",",
+                                              "null",
+                                              "true",
+                                              "1e999",
+                                              "-0",
+                                              "\\ud800",
+                                              "\\u0000",
+                                              "\xFF",
+                                              "\n",
+                                              "\"uid\":",
+                                              "\"gid\":",
+                                              "\"t\":\"usb \"",
+                                              "\"i\":true",
+                                              "\"ic\":",
+                                              "\"ref\":",
+                                              "\"vn\":1",
+                                              "\"c\":2",
+                                              "[owner]",
+                                              "DXRDevice:",
+                                              "AppleUSBAudioEngine:",
+                                              "::",
+                                              std::string(600, '['),
+                                              std::string(600, '{')};
+    return all;
+}
+
+std::string mutated(std::string text, const std::vector<std::string>& corpus, Random& random)
+{
+    const auto place = [&] { return random.below(static_cast<uint32_t>(text.size()) + 1); };
+    for (uint32_t changes = 1 + random.below(4); changes > 0; --changes) {
+        const size_t at = place();
+        switch (random.below(5)) {
+        case 0:
+            if (at < text.size())
+                text[at] = static_cast<char>(text[at] ^ (1 << random.below(8)));
+            break;
+        case 1:
+            text.erase(at, random.below(16));
+            break;
+        case 2:
+            text.insert(at, tokens()[random.below(static_cast<uint32_t>(tokens().size()))]);
+            break;
+        case 3: {
+            const std::string& other = corpus[random.below(static_cast<uint32_t>(corpus.size()))];
+            const size_t from = random.below(static_cast<uint32_t>(other.size()) + 1);
+            text.insert(at, other, from, random.below(64));
+            break;
+        }
+        default: // the same again and again
+            if (const std::string part = text.substr(at, random.below(8)); !part.empty())
+                for (uint32_t count = random.below(64); count > 0; --count)
+                    text.insert(at, part);
+        }
+    }
+    text.resize(std::min(text.size(), longest));
+    return text;
+}
+
+const std::string* current = nullptr; // what is being tried
+
+extern "C" void keepInput(int signal)
+{
+    if (std::FILE* const file = std::fopen("failed-input", "wb")) {
+        std::fwrite(current->data(), 1, current->size(), file);
+        std::fclose(file);
+        std::fputs("kept in failed-input\n", stderr);
+    }
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+void run(const std::string& text)
+{
+    current = &text;
+    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    if (count != 3)
+        return EXIT_FAILURE;
+    for (const int signal : {SIGABRT, SIGSEGV})
+        std::signal(signal, &keepInput);
+    std::vector<std::string> corpus{""};
+    for (const auto& each : std::filesystem::directory_iterator(arguments[1])) {
+        std::ifstream file(each.path(), std::ios::binary);
+        corpus.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    }
+    std::sort(corpus.begin(), corpus.end());
+    for (const std::string& text : corpus)
+        run(text);
+    // What no corpus wants to hold.
+    for (const char* filler : {"a", "[", "{\"a\":", "[1,", "\""})
+        for (const size_t size : {size_t{1000}, longest, size_t{100'000'000}}) {
+            std::string text = "{\"uid\":";
+            while (text.size() < size)
+                text += filler;
+            run(text + "}");
+        }
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(std::atoi(arguments[2]));
+    Random random(1);
+    unsigned long runs = 0;
+    for (; std::chrono::steady_clock::now() < end; ++runs)
+        run(mutated(corpus[random.below(static_cast<uint32_t>(corpus.size()))], corpus, random));
+    std::printf("%zu of the corpus and %lu changed inputs\n", corpus.size(), runs);
+    return EXIT_SUCCESS;
+}

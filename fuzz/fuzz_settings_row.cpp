@@ -1,0 +1,17 @@
+// A row of the settings as another program may have left it: the first line is its key, the rest its value.
+
+#include "DXRDeviceOverridesIndex.h"
+#include "Fuzz.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
+{
+    const FuzzedText text(bytes, size);
+    const std::string key(text.first);
+    const CXRef<DXRDeviceOverridesEntry> entry = DXRDeviceOverridesEntry::initWithRow(
+        key, platform::DefaultsRow::initWithValue(std::string(text.second)));
+    if (entry) {
+        mustHold(entry->key() == key, "the key is kept");
+        mustHold(entry->overrides().is_object(), "an entry is a dictionary");
+    }
+    return 0;
+}

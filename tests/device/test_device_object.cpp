@@ -1,0 +1,342 @@
+#include "CXFourCharCode.h"
+#include "DXRDevice.h"
+#include "SerialQueue.h"
+#include "SimulatedComputer.h"
+
+#include <cmath>
+#include <functional>
+#include <thread>
+
+namespace {
+
+constexpr HALDirection outputs = HALDirection::Output;
+
+/// Counts what it hears of devices.
+class Keeper final : public DXRDeviceKeeper {
+public:
+    static CXRef<Keeper> init() { return CXRef<Keeper>::adopt(new Keeper); }
+    platform::WorkQueue& updateQueue() const override { return *_queue; }
+    void deviceWasUpdated(const CXRef<DXRDevice>& /*device*/) override { ++_updates; }
+    int updatesSinceLast()
+    {
+        _queue->sync([] {});
+        return std::exchange(_updates, 0);
+    }
+
+private:
+    const CXRef<platform::SerialQueue> _queue = platform::SerialQueue::initWithLabel("keeper");
+    int _updates = 0;
+};
+
+class DXRDeviceTest : public SimulatedComputer {
+protected:
+    CXRef<DXRDevice> deviceFor(const SimulatedDeviceBuilder& builder, bool isInput = false)
+    {
+        const AudioObjectID id = hal.plug(builder);
+        return DXRDevice::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, isInput), keeper);
+    }
+    const CXRef<Keeper> keeper = Keeper::init();
+};
+
+TEST_F(DXRDeviceTest, keepsWhatTheHardwareSays)
+{
+    const auto device = deviceFor(aDevice()
+                                      .uid("box")
+                                      .name("Box")
+                                      .manufacturer("Maker")
+                                      .modelUID("model")
+                                      .transport(kAudioDeviceTransportTypeUSB)
+                                      .outputs(2)
+                                      .outputs(4)
+                                      .sampleRate(48000)
+                                      .stereoChannels(outputs, 3, 4)
+                                      .source(outputs, 1, "line")
+                                      .source(outputs, 2, "Phones")
+                                      .source(outputs, 3, "Äther")
+                                      .volume(outputs, 0.5F)
+                                      .mute(outputs, true));
+    ASSERT_TRUE(device);
+    EXPECT_EQ(device->channelCount(), 6U);
+    EXPECT_EQ(device->nameWithSource(), "Box: line");
+    EXPECT_EQ(device->manufacturer() + device->model() + device->transportType(), "Makermodelusb ");
+    EXPECT_EQ(device->preferredStereoChannels(), (std::vector<uint32_t>{3, 4}));
+    EXPECT_EQ(device->availableSources(), (std::vector<std::string>{"line", "Phones", "Äther"}));
+    EXPECT_TRUE(device->hasMute() && device->isMuted() && device->hasVolume());
+    EXPECT_EQ(device->volume(), 0.5);
+    EXPECT_FALSE(device->isInput());
+    EXPECT_TRUE(device->isDefault());
+    EXPECT_EQ(device->description().substr(device->description().find(", ")),
+              ", connected (" + std::to_string(device->deviceID()) + "), output, box (Box, line)>");
+    EXPECT_EQ(deviceFor(aDevice().uid("deaf").outputs(2), input), nullptr);
+    const AudioObjectID id = hal.deviceID("box");
+    EXPECT_EQ(DXRDevice::initWithDeviceID(id, nullptr), nullptr);
+    EXPECT_EQ(DXRDevice::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, std::nullopt)),
+              nullptr);
+    EXPECT_EQ(DXRDevice::initWithDeviceID(0, device->reference()), nullptr);
+}
+
+TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareIsSilent)
+{
+    const auto device = deviceFor(aDevice().uid("plain").name("").outputs(1));
+    EXPECT_EQ(device->preferredStereoChannels(), (std::vector<uint32_t>{1, 1}));
+    EXPECT_EQ(device->nameWithSource(), "");
+    EXPECT_FALSE(device->hasVolume() || device->hasMute() || device->isMuted());
+    EXPECT_EQ(device->volume(), 1.0);
+    EXPECT_FALSE(device->setVolume(0.5) || device->setMuted(true) || device->setSource("Line"));
+    const auto sameName =
+        deviceFor(aDevice().uid("s").name("Speakers").outputs(2).source(outputs, 1, "Speakers"));
+    EXPECT_EQ(sameName->nameWithSource(), "Speakers");
+    const auto sourceOnly = deviceFor(aDevice().uid("l").name("").outputs(2).source(outputs, 1, "Line In"));
+    EXPECT_EQ(sourceOnly->nameWithSource(), "Line In");
+    const auto averaged = deviceFor(aDevice().uid("a").outputs(2).channelVolumes(outputs, {0.2F, 0.6F}));
+    EXPECT_NEAR(averaged->volume(), 0.4, 1e-6);
+    const auto oneChannel = deviceFor(aDevice().uid("o").outputs(2).channelVolumes(outputs, {0.2F, NAN}));
+    EXPECT_NEAR(oneChannel->volume(), 0.2, 1e-6);
+}
+
+TEST_F(DXRDeviceTest, listsUsualRatesOfARange)
+{
+    const struct {
+        const char* why;
+        SimulatedDeviceBuilder builder;
+        std::vector<double> rates;
+    } rows[] = {
+        {"a wide range",
+         aDevice().sampleRates({}).sampleRateRange(8000, 192000),
+         {44100, 48000, 88200, 96000}},
+        {"a narrow range", aDevice().sampleRates({}).sampleRateRange(32000, 48000), {44100, 48000}},
+        {"repeated and unordered",
+         aDevice().sampleRates({96000, 11025, 48000}).sampleRateRange(48000, 50000),
+         {11025, 48000, 96000}},
+        {"none: the current one", aDevice().sampleRates({}).sampleRate(32000), {32000}},
+        {"none that is usual", aDevice().sampleRates({}).sampleRateRange(1, 2).sampleRate(32000), {32000}},
+    };
+    for (const auto& row : rows) {
+        SimulatedDeviceBuilder builder = row.builder;
+        const auto device = deviceFor(builder.uid(row.why).outputs(2));
+        EXPECT_EQ(device->availableSampleRates(), row.rates) << row.why;
+    }
+}
+
+TEST_F(DXRDeviceTest, writesWhatItCan)
+{
+    const auto device = deviceFor(aDevice()
+                                      .uid("box")
+                                      .outputs(2)
+                                      .sampleRates({44100, 48000})
+                                      .mute(outputs, false)
+                                      .volume(outputs, 1.0F)
+                                      .source(outputs, 1, "Line")
+                                      .source(outputs, 2, "Phones"));
+    EXPECT_FALSE(device->setSampleRate(96000));
+    EXPECT_TRUE(device->setSampleRate(44100));
+    EXPECT_FALSE(device->setSource("Nothing"));
+    EXPECT_FALSE(device->setSource(std::nullopt));
+    EXPECT_TRUE(device->setSource("Phones"));
+    EXPECT_TRUE(device->setMuted(true));
+    settleHardware();
+    EXPECT_EQ(device->sampleRate(), 44100.0);
+    EXPECT_EQ(device->source(), "Phones");
+    EXPECT_TRUE(device->isMuted());
+    for (const auto& [wanted, written] :
+         {std::pair(0.0005, 0.0F), std::pair(0.9995, 1.0F), std::pair(0.5, 0.5F), std::pair(-1.0, 0.0F),
+          std::pair(7.0, 1.0F)}) {
+        EXPECT_TRUE(device->setVolume(wanted));
+        EXPECT_EQ(readValue<float>(hal, device->deviceID(),
+                                   at(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput)),
+                  written);
+    }
+    EXPECT_FALSE(device->setVolume(NAN));
+    hal.failWrites(kAudioHardwareUnspecifiedError);
+    EXPECT_FALSE(device->setVolume(0.3));
+    EXPECT_EQ(device->volume(), 1.0);
+    hal.failWrites(0);
+    device->disconnect();
+    EXPECT_FALSE(device->setVolume(0.3) || device->setMuted(false) || device->setSource("Line") ||
+                 device->setSampleRate(48000));
+}
+
+TEST_F(DXRDeviceTest, doesNotJumpBackWhileASliderMoves)
+{
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.0F));
+    std::vector<double> seen;
+    const auto observation = device->kvo()->observe("volume", [&](const std::string&, DXRKVOChange change) {
+        if (change == DXRKVOChange::Did)
+            seen.push_back(device->volume());
+    });
+    for (int i = 1; i <= 100; ++i) {
+        EXPECT_TRUE(device->setVolume(i / 200.0));
+        if (i % 7 == 0) // the hardware reports something in between
+            hal.reconfigure("box",
+                            [&](auto& box) { box.volume(outputs, static_cast<float>(i - 5) / 200.0F); });
+        settleHardware();
+        EXPECT_EQ(device->volume(), i / 200.0);
+    }
+    EXPECT_TRUE(std::ranges::is_sorted(seen));
+    EXPECT_EQ(seen.back(), 0.5);
+    // What the hardware says in the end counts.
+    hal.reconfigure("box", [](auto& box) { box.volume(outputs, 0.25F); });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (device->volume() == 0.5 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(device->volume(), 0.25);
+}
+
+TEST_F(DXRDeviceTest, refreshesOnTheChangesThatMatter)
+{
+    const auto device = deviceFor(aDevice()
+                                      .uid("box")
+                                      .outputs(2)
+                                      .sampleRates({44100, 48000})
+                                      .mute(outputs, false)
+                                      .volume(outputs, 0.5F));
+    settleHardware();
+    keeper->updatesSinceLast();
+    const struct {
+        const char* why;
+        std::function<void(SimulatedDeviceBuilder&)> change;
+        bool isTold;
+    } rows[] = {
+        {"name", [](auto& box) { box.name("New"); }, true},
+        {"manufacturer", [](auto& box) { box.manufacturer("New"); }, true},
+        {"stereo pair", [](auto& box) { box.stereoChannels(outputs, 2, 1); }, true},
+        {"channels", [](auto& box) { box.outputs(2); }, true},
+        {"source", [](auto& box) { box.source(outputs, 1, "Line"); }, true},
+        {"rate", [](auto& box) { box.sampleRate(44100); }, true},
+        {"mute", [](auto& box) { box.mute(outputs, true); }, true},
+        {"volume", [](auto& box) { box.volume(outputs, 0.25F); }, true},
+        {"model", [](auto& box) { box.modelUID("New"); }, false},
+        {"buffer", [](auto& box) { box.bufferFrameSize(256); }, false},
+        {"clock", [](auto& box) { box.clockDomain(7); }, false},
+    };
+    for (const auto& row : rows) {
+        hal.reconfigure("box", row.change);
+        settleHardware();
+        EXPECT_EQ(keeper->updatesSinceLast() > 0, row.isTold) << row.why;
+    }
+    EXPECT_EQ(device->name() + device->manufacturer() + device->source(), "NewNewLine");
+    EXPECT_EQ(device->preferredStereoChannels(), (std::vector<uint32_t>{2, 1}));
+    EXPECT_EQ(device->channelCount(), 4U);
+    EXPECT_EQ(device->sampleRate(), 44100.0);
+    EXPECT_TRUE(device->isMuted());
+    EXPECT_EQ(device->volume(), 0.25);
+    EXPECT_TRUE(device->setVolume(0.75)); // its own change is none to tell of
+    settleHardware();
+    EXPECT_EQ(keeper->updatesSinceLast(), 0);
+}
+
+TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
+{
+    const auto device =
+        deviceFor(aDevice().uid("mic").name("USB Mic").inputs(1).volume(HALDirection::Input, 0.5F), input);
+    EXPECT_TRUE(device->updateDisplayName("USB Mic 2"));
+    EXPECT_FALSE(device->updateDisplayName("USB Mic 2"));
+    EXPECT_EQ(device->displayName(), "USB Mic 2");
+    std::vector<std::string> keys;
+    const auto observations = device->kvo()->observe(device->kvo()->observableKeys(),
+                                                     [&](const std::string& key, DXRKVOChange change) {
+                                                         if (change == DXRKVOChange::Did)
+                                                             keys.push_back(key);
+                                                     });
+    device->disconnect();
+    EXPECT_EQ(keys, (std::vector<std::string>{"displayName", "isConnected", "isDefault", "deviceID"}));
+    EXPECT_EQ(device->displayName(), "⚠️ USB Mic");
+    EXPECT_EQ(device->volume(), 0.5);
+    hal.reconfigure("mic", [](auto& mic) { mic.name("Unheard"); });
+    settleHardware();
+    EXPECT_EQ(device->name(), "USB Mic");
+    device->connect(hal.deviceID("mic"), device->reference());
+    EXPECT_EQ(device->name(), "Unheard");
+    EXPECT_EQ(device->displayName(), "USB Mic 2");
+    // Gone in the middle of being read: nothing of it is stored.
+    device->disconnect();
+    hal.reconfigure("mic", [](auto& mic) { mic.name("Half"); });
+    const AudioObjectID id = hal.deviceID("mic");
+    hal.beforeRead(kAudioDevicePropertyTransportType, 1, [this] { hal.unplug("mic"); });
+    device->connect(id, device->reference());
+    EXPECT_EQ(device->name(), "Unheard");
+}
+
+TEST_F(DXRDeviceTest, asksAgainForWhatCouldNotBeRead)
+{
+    const auto device = deviceFor(aDevice().uid("box").name("Box").outputs(2));
+    EXPECT_FALSE(device->isIncomplete());
+    hal.failReads(kAudioObjectPropertyName, 1, 100, kAudioHardwareUnspecifiedError);
+    hal.reconfigure("box", [](auto& box) { box.name("Crate"); });
+    settleHardware();
+    EXPECT_TRUE(device->isIncomplete());
+    hal.failReads(kAudioObjectPropertyName, 1, 0, 0);
+    EXPECT_TRUE(device->refreshIfIncomplete());
+    EXPECT_EQ(device->name(), "Crate");
+    EXPECT_FALSE(device->refreshIfIncomplete());
+}
+
+TEST_F(DXRDeviceTest, obeysOverrides)
+{
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F));
+    device->setOverride(false, "hv");
+    device->setOverride(true, "hm");
+    EXPECT_FALSE(device->hasVolume());
+    EXPECT_EQ(device->volume(), 1.0);
+    EXPECT_TRUE(device->hasMute());
+    device->setOverride(nullptr, "hv");
+    EXPECT_EQ(device->overrideForKey("hv"), nullptr);
+    EXPECT_EQ(device->volume(), 0.5);
+}
+
+TEST_F(DXRDeviceTest, comesBackFromItsArchive)
+{
+    const auto device = deviceFor(aDevice()
+                                      .uid("box")
+                                      .name("Box")
+                                      .outputs(4)
+                                      .stereoChannels(outputs, 3, 4)
+                                      .source(outputs, 1, "Line")
+                                      .volume(outputs, 0.5F)
+                                      .mute(outputs, true));
+    const CXPlist archive = device->archive();
+    EXPECT_EQ(archive.size(), 16U);
+    const auto restored = DXRDevice::initWithArchive(CXPlist::parse(archive.dump()));
+    ASSERT_TRUE(restored);
+    EXPECT_EQ(restored->archive(), archive);
+    EXPECT_FALSE(restored->isConnected());
+    EXPECT_EQ(restored->displayNameWithSource(), "⚠️ Box: Line");
+}
+
+TEST(DXRDeviceArchive, isReadAsFarAsItMakesSense)
+{
+    const CXPlist least = {{"vn", 1}, {"ref", R"({"uid":"x","i":true})"}, {"c", 2}};
+    const auto with = [&](const char* key, const CXPlist& value) {
+        CXPlist archive = least;
+        archive[key] = value;
+        return DXRDevice::initWithArchive(archive);
+    };
+    const std::pair<const char*, CXPlist> refused[] = {
+        {"vn", 2}, {"vn", "1"}, {"vn", nullptr}, {"ref", "{\"uid\":\"x\"}"}, {"ref", "x"},   {"ref", 3},
+        {"c", 0},  {"c", -1},   {"c", "2"},      {"c", 4294967296.0},        {"c", nullptr}, {"c", 0.5},
+    };
+    for (const auto& [key, value] : refused)
+        EXPECT_EQ(with(key, value), nullptr) << key << " " << value.dump();
+    EXPECT_EQ(DXRDevice::initWithArchive(nullptr), nullptr);
+    EXPECT_EQ(DXRDevice::initWithArchive(CXPlist::array()), nullptr);
+
+    const auto plain = DXRDevice::initWithArchive(least);
+    ASSERT_TRUE(plain);
+    EXPECT_TRUE(plain->isInput());
+    EXPECT_EQ(plain->sampleRate(), 44100.0);
+    EXPECT_EQ(plain->volume(), 1.0);
+    EXPECT_TRUE(plain->availableSampleRates().empty() && plain->availableSources().empty());
+    const CXPlist pairs[] = {{0, 2}, {1, 3}, {1}, {1, 2, 2}, "12", {1, "2"}};
+    for (const CXPlist& pair : pairs)
+        EXPECT_EQ(with("sc", pair)->preferredStereoChannels(), (std::vector<uint32_t>{1, 2})) << pair.dump();
+    EXPECT_EQ(with("sc", {2, 1})->preferredStereoChannels(), (std::vector<uint32_t>{2, 1}));
+    EXPECT_EQ(with("c", 1)->preferredStereoChannels(), (std::vector<uint32_t>{1, 1}));
+    EXPECT_TRUE(with("ar", {44100, 0})->availableSampleRates().empty());
+    EXPECT_EQ(with("ar", {44100, 8000.5})->availableSampleRates(), (std::vector<double>{44100, 8000.5}));
+    EXPECT_TRUE(with("as", {"Line", 2})->availableSources().empty());
+    EXPECT_EQ(with("n", 7)->name(), "");
+    EXPECT_EQ(with("r", true)->sampleRate(), 1.0); // a boolean is a number
+    EXPECT_TRUE(with("hm", 1)->hasMute());
+}
+
+} // namespace

@@ -1,0 +1,149 @@
+#include "DXRKVOHelper.h"
+#include "GlobalQueue.h"
+#include "MainQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <set>
+#include <thread>
+
+namespace {
+
+/// Something with three observable values: one whose copy starts as nil, and two that do not.
+class Lamp final : public CXObject {
+public:
+    static CXRef<Lamp> init() { return CXRef<Lamp>::adopt(new Lamp); }
+    std::string color() const { return kvo->isUpdateInProgress() ? _kvo_color.value_or("nil") : liveColor; }
+    int level() const { return kvo->isUpdateInProgress() ? _kvo_level : liveLevel.load(); }
+    CXRef<CXObject> bulb() const { return kvo->isUpdateInProgress() ? _kvo_bulb : liveBulb; }
+
+    const CXRef<DXRKVOHelper> kvo;
+    std::string liveColor = "white";
+    std::atomic<int> liveLevel{0};
+    CXRef<CXObject> liveBulb;
+
+private:
+    Lamp() : kvo(DXRKVOHelper::initWithObject(*this, _table())) {}
+    static std::span<const DXRKVOProperty> _table()
+    {
+        static constexpr std::array table{
+            DXRKVOProperty::of<&Lamp::color, &Lamp::_kvo_color>("color"),
+            DXRKVOProperty::of<&Lamp::level, &Lamp::_kvo_level>("level"),
+            DXRKVOProperty::of<&Lamp::bulb, &Lamp::_kvo_bulb>("bulb"),
+        };
+        return table;
+    }
+    std::optional<std::string> _kvo_color;
+    int _kvo_level = 0;
+    CXRef<CXObject> _kvo_bulb;
+};
+
+class ObservableValues : public testing::Test {
+protected:
+    using Texts = std::vector<std::string>;
+
+    ObservableValues()
+    {
+        observations =
+            lamp->kvo->observe(DXRKVOHelper::Keys{"color", "level", "bulb"},
+                               [this](const std::string& key, DXRKVOChange change) {
+                                   const std::string value = key == "color"   ? lamp->color()
+                                                             : key == "level" ? std::to_string(lamp->level())
+                                                                              : "?";
+                                   heard.push_back(key + (change == DXRKVOChange::Will ? "<" : ">") + value);
+                               });
+    }
+    Texts heardSinceLast() { return std::exchange(heard, {}); }
+
+    const CXRef<Lamp> lamp = Lamp::init();
+    std::vector<CXRef<DXRKVOObservation>> observations;
+    Texts heard;
+};
+
+TEST_F(ObservableValues, areAnnouncedAroundTheChange)
+{
+    EXPECT_EQ(lamp->kvo->observableKeys(), (DXRKVOHelper::Keys{"color", "level", "bulb"}));
+    lamp->kvo->updateAllValues(); // nil copies are announced, equal ones are not
+    EXPECT_EQ(heardSinceLast(), (Texts{"color<nil", "color>white", "bulb<?", "bulb>?"}));
+    lamp->kvo->updateAllValues(); // a value that is nil itself is, again and again
+    EXPECT_EQ(heardSinceLast(), (Texts{"bulb<?", "bulb>?"}));
+    lamp->liveBulb = lamp;
+    lamp->liveColor = "red";
+    lamp->liveLevel = 3;
+    lamp->kvo->updateValueForKey("bulb");
+    heardSinceLast();
+    lamp->kvo->updateValuesForKeys({"level", "nothing", "color", "bulb"});
+    EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>3", "color<white", "color>red"}));
+    lamp->liveBulb = nullptr; // no cycle
+    lamp->kvo->updateValueForKey("bulb");
+    EXPECT_EQ(lamp->kvo->observe("nothing", [](auto&, auto) {}), nullptr);
+}
+
+TEST_F(ObservableValues, dropWhatAnObserverAsksForDuringAnUpdate)
+{
+    int asked = 0;
+    const auto busy = lamp->kvo->observe("level", [&](const std::string&, DXRKVOChange) {
+        ++asked;
+        lamp->liveColor = "blue";
+        lamp->kvo->updateValueForKey("color");
+    });
+    lamp->liveLevel = 1;
+    lamp->kvo->updateValueForKey("level");
+    EXPECT_EQ(asked, 2);
+    EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>1"}));
+}
+
+TEST_F(ObservableValues, fromOtherThreadsComeLaterAndOnce)
+{
+    std::thread([&] {
+        for (int i = 1; i <= 1000; ++i) {
+            lamp->liveLevel = i;
+            lamp->kvo->updateValueForKey("level");
+        }
+    }).join();
+    EXPECT_TRUE(heardSinceLast().empty());
+    EXPECT_EQ(platform::MainQueue::shared().drain(), 1U); // a main queue that nobody serves does not grow
+    EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>1000"}));
+    std::thread([&] { lamp->kvo->updateValueForKey("level"); }).join();
+    EXPECT_EQ(platform::MainQueue::shared().drain(), 1U); // asked for anew after the first has run
+}
+
+TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
+{
+    const auto modal = lamp->kvo->observe("level", [&](const std::string&, DXRKVOChange change) {
+        if (change == DXRKVOChange::Did || lamp->level() != 0)
+            return;
+        lamp->liveLevel = 2;
+        std::thread([&] { lamp->kvo->updateValueForKey("level"); }).join();
+        platform::MainQueue::shared().drain(); // a dialog with a loop of its own
+    });
+    lamp->liveLevel = 1;
+    lamp->kvo->updateValueForKey("level");
+    EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>2", "level<1", "level>2"}));
+}
+
+TEST_F(ObservableValues, areHeardAsLongAsTheObservationIsHeld)
+{
+    int heardCount = 0;
+    CXRef<DXRKVOObservation> second;
+    const auto first = lamp->kvo->observe("level", [&](auto&, auto) { second = nullptr; });
+    second = lamp->kvo->observe("level", [&](auto&, auto) { ++heardCount; });
+    CXRef<DXRKVOObservation> third = lamp->kvo->observe("level", [&](auto&, auto) { heardCount += 100; });
+    third->end();
+    lamp->liveLevel = 1;
+    lamp->kvo->updateValueForKey("level");
+    EXPECT_LE(heardCount, 1); // ended during the first announcement
+}
+
+TEST(ObservableObject, mayEndWhileItsUpdateWaits)
+{
+    CXRef<Lamp> lamp = Lamp::init();
+    const CXRef<DXRKVOHelper> kvo = lamp->kvo;
+    std::thread([&] { kvo->updateAllValues(); }).join();
+    lamp = nullptr;
+    platform::MainQueue::shared().drain();
+    EXPECT_TRUE(kvo->observableKeys().empty());
+}
+
+} // namespace

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+
+struct _UMockdevTestbed;
+
+/// A universal serial bus in place of the computer's, as far as this process reads of it from /sys and udev. The
+/// process must run with umockdev's library preloaded.
+class FakeUSBBus {
+public:
+    FakeUSBBus();
+    ~FakeUSBBus();
+    FakeUSBBus(const FakeUSBBus&) = delete;
+    FakeUSBBus& operator=(const FakeUSBBus&) = delete;
+
+    struct Unit {
+        std::string manufacturer = "Maker";
+        std::string product = "Product";
+        std::optional<std::string> serial = {};
+    };
+    /// Plugs a sound card in, at "3-1.4": bus 3, port 4 of the hub on port 1. Hubs on the way are plugged, too.
+    void plug(const std::string& place, uint32_t card, const Unit& unit);
+    void unplug(const std::string& place);
+    /// udev's ID_PATH of a card at this place.
+    static std::string busPath(const std::string& place);
+    /// The folder of the card at this place in the kernel's device tree, without "/sys".
+    std::string cardFolder(const std::string& place) const;
+
+private:
+    std::string _hub(const std::string& place);
+
+    _UMockdevTestbed* const _testbed;
+    std::map<std::string, std::string> _folders; // by place
+    std::map<std::string, std::string> _cards;   // by place
+};
