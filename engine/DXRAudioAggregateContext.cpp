@@ -20,13 +20,6 @@ namespace {
 constexpr int mostWaits = 300;
 constexpr std::chrono::milliseconds wait(10);
 
-// Until the hardware layer has it.
-HALStatus AudioHardwareCreateAggregateDevice(const CXValue*, AudioObjectID*)
-{
-    return kAudioHardwareIllegalOperationError;
-}
-void AudioHardwareDestroyAggregateDevice(AudioObjectID) {}
-
 /// A random UUID (RFC 4122, version 4) as text.
 std::string newUUID()
 {

@@ -157,3 +157,16 @@ HALStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID)
 {
     return HALActiveBackend()->stop(deviceID, procID);
 }
+
+HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioObjectID* deviceID)
+{
+    if (!description || !deviceID)
+        return kAudioHardwareIllegalOperationError;
+    *deviceID = kAudioObjectUnknown;
+    return HALActiveBackend()->createAggregateDevice(*description, *deviceID);
+}
+
+HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID)
+{
+    return HALActiveBackend()->destroyAggregateDevice(deviceID);
+}

@@ -12,6 +12,8 @@
 // Everything above speaks to the hardware through these records and functions alone; they forward to the one
 // active backend (HALSetBackend), or answer for a system without any device when there is none.
 
+class CXValue;
+
 /// A HAL object: the system object, a device, or a stream of a device. 0 is no object. Never reused in a
 /// process.
 using AudioObjectID = uint32_t;
@@ -66,7 +68,8 @@ inline constexpr uint32_t kAudioObjectPropertyClass = CXFourCharCode("clas");   
 inline constexpr uint32_t kAudioObjectPropertyBaseClass = CXFourCharCode("bcls");    ///< uint32_t
 inline constexpr uint32_t kAudioObjectPropertyOwner = CXFourCharCode("stdv");        ///< AudioObjectID
 inline constexpr uint32_t kAudioObjectPropertyOwnedObjects = CXFourCharCode("ownd"); ///< AudioObjectID array
-inline constexpr uint32_t kAudioObjectPropertyName = CXFourCharCode("lnam");         ///< CXValue string
+inline constexpr uint32_t kAudioObjectPropertyName =
+    CXFourCharCode("lnam"); ///< CXValue string; writable for aggregate devices
 inline constexpr uint32_t kAudioObjectPropertyManufacturer = CXFourCharCode("lmak"); ///< CXValue string
 inline constexpr uint32_t kAudioObjectPropertyElementName = CXFourCharCode("lchn");  ///< CXValue string
 
@@ -135,6 +138,17 @@ inline constexpr uint32_t kAudioDevicePropertyIOProcStreamUsage = CXFourCharCode
 /// Never read, only notified: the device lost cycles. Its sample time has jumped by what was lost.
 inline constexpr uint32_t kAudioDeviceProcessorOverload = CXFourCharCode("over");
 
+// Of an aggregate device, global scope
+/// CXValue dictionary: the description it was created from, with what the sub-devices offer. Each dictionary of
+/// "subdevices" has "uid", "name", "channels-in" and "channels-out"; the channels of one that is absent are those
+/// it last had.
+inline constexpr uint32_t kAudioAggregateDevicePropertyComposition = CXFourCharCode("acom");
+/// AudioObjectID array: the sub-devices that are there, in the order of the composition.
+inline constexpr uint32_t kAudioAggregateDevicePropertyActiveSubDeviceList = CXFourCharCode("agrp");
+/// AudioAggregateSubDeviceStatus array: how the sub-devices' clocks do, in the order of the composition. Changes all
+/// the time while the device runs, and is not announced.
+inline constexpr uint32_t kAudioAggregateDevicePropertySubDeviceStatus = CXFourCharCode("agst");
+
 // Of a stream
 inline constexpr uint32_t kAudioStreamPropertyIsActive = CXFourCharCode("sact"); ///< uint32_t 0 or 1
 inline constexpr uint32_t kAudioStreamPropertyDirection =
@@ -188,6 +202,23 @@ struct AudioHardwareIOProcStreamUsage {
     void* ioProc; ///< the AudioDeviceIOProcID
     uint32_t numberStreams;
     uint32_t streamIsOn[1]; ///< numberStreams entries, non-zero for on
+};
+
+/// How a sub-device's frames come into and out of an aggregate's cycles. Counts are since the device, or the
+/// sub-device, last started.
+struct AudioAggregateSubDeviceStatus {
+    AudioObjectID deviceID;      ///< 0 while it is absent
+    uint32_t isClock;            ///< non-zero: its cycles are the aggregate's
+    uint32_t isRunning;          ///< non-zero: its frames pass
+    uint32_t isCompensated;      ///< non-zero: it is resampled to follow the clock
+    double partsPerMillion;      ///< how much faster than nominal its clock runs, against the aggregate's
+    double inputLevelFrames;     ///< frames that wait between its cycles and the aggregate's
+    double outputLevelFrames;    ///< the same towards it
+    double inputDelayFrames;     ///< what its input is held back by, in its own frames
+    double outputDelayFrames;    ///< the same of its output, in the aggregate's frames
+    uint32_t resynchronisations; ///< how often its frames had to jump
+    uint32_t reserved;           ///< 0
+    uint64_t lostFrames;         ///< silent for want of frames
 };
 
 // ---- Callbacks
@@ -260,6 +291,26 @@ DXR_EXPORT HALStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcI
 DXR_EXPORT HALStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID);
 /// Forgets the callback, stopping it first. Waits for its running cycle, except on the IO thread itself.
 DXR_EXPORT HALStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID);
+
+/// Joins devices, and stores the ID of the new one: their streams side by side, in cycles of the clock device, the
+/// others brought to its clock. `description` is a dictionary; numbers may be booleans:
+///
+/// - "uid": string, unlike that of any device; needed.
+/// - "name": string; the UID without one.
+/// - "subdevices": array of dictionaries with a "uid" (string) and perhaps "drift" (number); needed, not empty. A UID
+///   that comes again counts once. One that is absent takes its place when it comes; an aggregate's never does. A
+///   sub-device is brought to the clock unless both are of one clock domain, or "drift" is 0: then it is not
+///   resampled, and jumps now and then if its clock is another after all.
+/// - "master": string, the UID of the sub-device whose clock leads; without one, or while that one is absent, the
+///   first that is there leads.
+/// - "private": number; not zero for a device of this process only, which all are here.
+/// - "stacked": number; only 0 is supported.
+///
+/// 'nope', and no device, for a description that is not like that, or a UID that is taken.
+DXR_EXPORT HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioObjectID* deviceID);
+/// Takes an aggregate device away again, running or not. '!dev' when there is none of that ID, 'nope' for a device
+/// that is no aggregate, and on its IO thread.
+DXR_EXPORT HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID);
 }
 
 /// As AudioObjectAddPropertyListener for a closure, called on `queue`, or on the notification thread without

@@ -61,6 +61,11 @@ public:
     virtual HALStatus destroyIOProc(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
     virtual HALStatus start(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
     virtual HALStatus stop(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
+
+    /// As AudioHardwareCreateAggregateDevice says. The device is there, with all its properties, on return.
+    virtual HALStatus createAggregateDevice(const CXValue& description, AudioObjectID& deviceID) = 0;
+    /// On return none of its callbacks runs, and never will again.
+    virtual HALStatus destroyAggregateDevice(AudioObjectID deviceID) = 0;
 };
 
 /// Makes `backend` the process's hardware. Call it once, before any other HAL function; false, and no change,

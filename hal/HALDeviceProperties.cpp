@@ -96,6 +96,21 @@ HALStatus answerIdentity(const HALDeviceView& device, uint32_t selector, HALProp
     }
 }
 
+HALStatus answerAggregate(const HALAggregateState& aggregate, uint32_t selector, HALPropertyWriter& writer)
+{
+    switch (selector) {
+    case kAudioAggregateDevicePropertyComposition:
+        writer.putValue(aggregate.composition);
+        return done;
+    case kAudioAggregateDevicePropertyActiveSubDeviceList:
+        for (const AudioObjectID deviceID : aggregate.activeSubDevices)
+            writer.put(deviceID);
+        return done;
+    default:
+        return unknown;
+    }
+}
+
 /// Stream lists: of one direction, or in the global scope of both, inputs first.
 HALStatus answerStreams(const HALDeviceView& device, const Address& address, HALPropertyWriter& writer)
 {
@@ -239,6 +254,8 @@ HALStatus halAnswerDevice(const HALDeviceView& device, const Address& address, H
     HALStatus status = answerWhole(device, address.selector, writer);
     if (status == unknown && isGlobal)
         status = answerIdentity(device, address.selector, writer);
+    if (status == unknown && isGlobal && device.state.aggregate)
+        status = answerAggregate(*device.state.aggregate, address.selector, writer);
     if (status == unknown && direction)
         status = answerDirection(device.state[*direction], address.selector, writer);
     return status;

@@ -81,6 +81,12 @@ std::vector<Address> halChangedAddresses(const HALDeviceState& before, const HAL
     changes.note(before.manufacturer != after.manufacturer, kAudioObjectPropertyManufacturer);
     changes.note(before.modelUID != after.modelUID, kAudioDevicePropertyModelUID);
     changes.note(before.transportType != after.transportType, kAudioDevicePropertyTransportType);
+    if (before.aggregate && after.aggregate) {
+        changes.note(before.aggregate->composition != after.aggregate->composition,
+                     kAudioAggregateDevicePropertyComposition);
+        changes.note(before.aggregate->activeSubDevices != after.aggregate->activeSubDevices,
+                     kAudioAggregateDevicePropertyActiveSubDeviceList);
+    }
     changes.note(before.isHidden != after.isHidden, kAudioDevicePropertyIsHidden);
     changes.note(before.isRunningElsewhere != after.isRunningElsewhere, kAudioDevicePropertyDeviceIsRunning);
     changes.note(before.clockDomain != after.clockDomain, kAudioDevicePropertyClockDomain);

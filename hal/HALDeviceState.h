@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioHardware.h"
+#include "CXPlist.h"
 #include "HALDirection.h"
 
 #include <array>
@@ -50,6 +51,13 @@ struct HALDirectionState {
     uint32_t channelCount() const noexcept;
 };
 
+/// What an aggregate device is made of.
+struct HALAggregateState {
+    CXPlist composition;
+    std::vector<AudioObjectID> activeSubDevices;
+    bool operator==(const HALAggregateState&) const = default;
+};
+
 /// Everything the HAL says about a device. Text is UTF-8 already; whatever came from outside was made so.
 struct HALDeviceState {
     std::string uid;
@@ -66,6 +74,7 @@ struct HALDeviceState {
     uint32_t bufferFrameSize = 512;
     AudioValueRange bufferFrameSizeRange{16.0, 8192.0};
     std::array<HALDirectionState, 2> directions; ///< by HALDirection
+    std::optional<HALAggregateState> aggregate;  ///< none: it is a device of its own
 
     HALDirectionState& operator[](HALDirection direction)
     {

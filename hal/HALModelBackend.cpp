@@ -1,10 +1,12 @@
 #include "HALModelBackend.h"
 
+#include "AggregateRegistry.h"
 #include "CXValue.h"
 #include "GlobalQueue.h"
 #include "HALDeviceProperties.h"
 #include "HALPropertyWriter.h"
 #include "HALTranslations.h"
+#include "Utf8.h"
 
 #include <algorithm>
 #include <cmath>
@@ -74,12 +76,44 @@ struct HALModelBackend::Object {
     size_t index;
 };
 
-HALModelBackend::HALModelBackend() : _notifier(std::make_unique<HALNotifier>()) {}
+class HALModelBackend::Aggregates final : public AggregateHost, public AggregateRegistry {
+public:
+    explicit Aggregates(HALModelBackend& model) : _model(model) {}
+
+    HALBackend& backend() override { return _model; }
+    AudioObjectID deviceForUID(const std::string& uid) const override { return _model.deviceWithUID(uid); }
+    std::optional<HALDeviceState> stateOf(AudioObjectID deviceID) const override
+    {
+        return _model.deviceState(deviceID);
+    }
+    void changeState(AudioObjectID deviceID, const std::function<void(HALDeviceState&)>& change) override
+    {
+        _model.updateDevice(deviceID, change);
+    }
+    CXRef<HALIOProcTable> tableOf(AudioObjectID deviceID) const override
+    {
+        return _model.ioProcTable(deviceID);
+    }
+
+private:
+    HALModelBackend& _model;
+};
+
+HALModelBackend::HALModelBackend()
+    : _notifier(std::make_unique<HALNotifier>()), _aggregates(std::make_unique<Aggregates>(*this))
+{}
 
 HALModelBackend::~HALModelBackend() = default;
 
+void HALModelBackend::settle()
+{
+    _aggregates->flush();
+    _notifier->flush();
+}
+
 void HALModelBackend::stopNotifying()
 {
+    _aggregates->shutDown();
     _notifier->stop();
 }
 
@@ -109,6 +143,7 @@ AudioObjectID HALModelBackend::addDevice(HALDeviceState state,
     }
     const Address devices = globalAddress(kAudioHardwarePropertyDevices);
     _notifier->post(kAudioObjectSystemObject, std::span(&devices, 1));
+    _aggregates->devicesChanged();
     return deviceID;
 }
 
@@ -138,6 +173,7 @@ bool HALModelBackend::removeDevice(AudioObjectID deviceID)
         }
     }
     _notifier->post(kAudioObjectSystemObject, changed);
+    _aggregates->devicesChanged();
     return true;
 }
 
@@ -148,9 +184,11 @@ bool HALModelBackend::updateDevice(AudioObjectID deviceID, const std::function<v
         return false;
     std::vector<Address> changed;
     bool hasShownOrHidden = false;
+    bool isAggregate = false;
     {
         const std::scoped_lock lock(_mutex);
         const HALDeviceState before = device->state;
+        isAggregate = before.aggregate.has_value();
         change(device->state);
         hasShownOrHidden = before.isHidden != device->state.isHidden;
         _numberStreams(device, before);
@@ -162,6 +200,8 @@ bool HALModelBackend::updateDevice(AudioObjectID deviceID, const std::function<v
         const Address devices = globalAddress(kAudioHardwarePropertyDevices);
         _notifier->post(kAudioObjectSystemObject, std::span(&devices, 1));
     }
+    if (!isAggregate && !changed.empty())
+        _aggregates->devicesChanged();
     return true;
 }
 
@@ -276,6 +316,13 @@ HALStatus HALModelBackend::_answer(AudioObjectID objectID, const Address& addres
     if (objectID == kAudioObjectSystemObject) {
         waitUntilEnumerated();
         return _answerSystem(address, writer);
+    }
+    if (address == globalAddress(kAudioAggregateDevicePropertySubDeviceStatus)) {
+        if (const CXRef<AggregateDevice> aggregate = _aggregates->device(objectID)) {
+            for (const AudioAggregateSubDeviceStatus& each : aggregate->status())
+                writer.put(each);
+            return kAudioHardwareNoError;
+        }
     }
     const std::scoped_lock lock(_mutex);
     if (const auto device = _devices.find(objectID); device != _devices.end())
@@ -422,10 +469,12 @@ HALStatus HALModelBackend::_writeDevice(Device& device, const HALDeviceState& st
     case kAudioDevicePropertyMute: {
         uint32_t muted = 0;
         const HALStatus status = readValue(value, muted);
-        return status ? status : setMuted(device.objectID, *direction, muted != 0);
+        return status ? status : _carryOutMute(device.objectID, *direction, muted != 0);
     }
     case kAudioDevicePropertyDataSource:
         return _writeDataSource(device.objectID, state[*direction], *direction, value);
+    case kAudioObjectPropertyName:
+        return _writeName(device.objectID, value);
     case kAudioDevicePropertyIOProcStreamUsage:
         return halWriteStreamUsage(*device.table, *direction, value);
     default:
@@ -441,7 +490,7 @@ HALStatus HALModelBackend::_writeSampleRate(AudioObjectID deviceID, const HALDev
         return status;
     if (!state.canSampleRate(rate))
         return kAudioHardwareIllegalOperationError;
-    return setNominalSampleRate(deviceID, rate);
+    return _carryOutRate(deviceID, rate);
 }
 
 HALStatus HALModelBackend::_writeBufferFrameSize(AudioObjectID deviceID, const HALDeviceState& state,
@@ -452,7 +501,7 @@ HALStatus HALModelBackend::_writeBufferFrameSize(AudioObjectID deviceID, const H
         return status;
     if (frameCount < state.bufferFrameSizeRange.minimum || frameCount > state.bufferFrameSizeRange.maximum)
         return kAudioHardwareIllegalOperationError;
-    return setBufferFrameSize(deviceID, frameCount);
+    return _carryOutFrames(deviceID, frameCount);
 }
 
 HALStatus HALModelBackend::_writeVolume(AudioObjectID deviceID, HALDirection direction,
@@ -465,7 +514,10 @@ HALStatus HALModelBackend::_writeVolume(AudioObjectID deviceID, HALDirection dir
         return kAudioHardwareIllegalOperationError;
     if (address.selector == kAudioDevicePropertyVolumeDecibels)
         volume = halScalarFromDecibels(volume);
-    return setVolume(deviceID, direction, address.element, std::clamp(volume, 0.0F, 1.0F));
+    volume = std::clamp(volume, 0.0F, 1.0F);
+    if (const CXRef<AggregateDevice> aggregate = _aggregates->device(deviceID))
+        return aggregate->setVolume(direction, volume);
+    return setVolume(deviceID, direction, address.element, volume);
 }
 
 HALStatus HALModelBackend::_writeDataSource(AudioObjectID deviceID, const HALDirectionState& state,
@@ -494,7 +546,85 @@ HALStatus HALModelBackend::_writeStream(AudioObjectID deviceID, const HALDeviceS
     const AudioStreamBasicDescription offered = halStreamFormat(stream.channelCount, wanted.sampleRate);
     if (wanted != offered || !state.canSampleRate(wanted.sampleRate))
         return kAudioHardwareIllegalOperationError;
-    return setNominalSampleRate(deviceID, wanted.sampleRate);
+    return _carryOutRate(deviceID, wanted.sampleRate);
+}
+
+// ---- Aggregate devices
+
+HALStatus HALModelBackend::createAggregateDevice(const CXValue& description, AudioObjectID& deviceID)
+{
+    std::optional<AggregateDescription> valid = AggregateDescription::of(description.plist());
+    if (!valid)
+        return kAudioHardwareIllegalOperationError;
+    waitUntilEnumerated();
+    const std::scoped_lock creation(_creationMutex);
+    if (deviceWithUID(valid->uid) != kAudioObjectUnknown)
+        return kAudioHardwareIllegalOperationError;
+    const auto aggregate = AggregateDevice::initWithDescription(*_aggregates, std::move(*valid));
+    deviceID = addDevice(aggregate->initialState(), [&](AudioObjectID newID) {
+        aggregate->setObjectID(newID);
+        _aggregates->add(newID, aggregate);
+    });
+    _aggregates->devicesChanged(); // what changed since it looked
+    return kAudioHardwareNoError;
+}
+
+HALStatus HALModelBackend::destroyAggregateDevice(AudioObjectID deviceID)
+{
+    if (HALIOProcTable::onIOThreadOf(deviceID))
+        return kAudioHardwareIllegalOperationError;
+    const CXRef<AggregateDevice> aggregate = _aggregates->remove(deviceID);
+    if (!aggregate)
+        return _device(deviceID) ? kAudioHardwareIllegalOperationError : kAudioHardwareBadDeviceError;
+    removeDevice(deviceID);
+    aggregate->end();
+    return kAudioHardwareNoError;
+}
+
+HALStatus HALModelBackend::_carryOutRate(AudioObjectID deviceID, double rate)
+{
+    const CXRef<AggregateDevice> aggregate = _aggregates->device(deviceID);
+    return aggregate ? aggregate->setNominalSampleRate(rate) : setNominalSampleRate(deviceID, rate);
+}
+
+HALStatus HALModelBackend::_carryOutFrames(AudioObjectID deviceID, uint32_t frameCount)
+{
+    const CXRef<AggregateDevice> aggregate = _aggregates->device(deviceID);
+    return aggregate ? aggregate->setBufferFrameSize(frameCount) : setBufferFrameSize(deviceID, frameCount);
+}
+
+HALStatus HALModelBackend::_carryOutMute(AudioObjectID deviceID, HALDirection direction, bool muted)
+{
+    const CXRef<AggregateDevice> aggregate = _aggregates->device(deviceID);
+    return aggregate ? aggregate->setMuted(direction, muted) : setMuted(deviceID, direction, muted);
+}
+
+HALStatus HALModelBackend::_startHardware(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table)
+{
+    const CXRef<AggregateDevice> aggregate = _aggregates->device(deviceID);
+    return aggregate ? aggregate->startIO(table) : startIO(deviceID, table);
+}
+
+void HALModelBackend::_stopHardware(AudioObjectID deviceID)
+{
+    if (const CXRef<AggregateDevice> aggregate = _aggregates->device(deviceID))
+        aggregate->stopIO();
+    else
+        stopIO(deviceID);
+}
+
+HALStatus HALModelBackend::_writeName(AudioObjectID deviceID, std::span<const std::byte> value)
+{
+    const CXRef<AggregateDevice> aggregate = _aggregates->device(deviceID);
+    if (!aggregate)
+        return kAudioHardwareIllegalOperationError;
+    const CXObject* object = nullptr;
+    if (const HALStatus status = readValue(value, object))
+        return status;
+    const auto* name = dynamic_cast<const CXValue*>(object);
+    if (!name || !name->plist().is_string())
+        return kAudioHardwareIllegalOperationError;
+    return aggregate->setName(platform::utf8Replaced(name->string()));
 }
 
 // ---- Listeners
@@ -543,12 +673,12 @@ HALStatus HALModelBackend::start(AudioObjectID deviceID, AudioDeviceIOProcID pro
         return device->isGone ? kAudioHardwareBadDeviceError : kAudioHardwareIllegalOperationError;
     if (device->isRunning)
         return kAudioHardwareNoError;
-    if (const HALStatus status = startIO(deviceID, device->table)) {
+    if (const HALStatus status = _startHardware(deviceID, device->table)) {
         device->table->stop(procID);
         return status;
     }
     if (device->isGone) { // it went while its IO was being started
-        stopIO(deviceID);
+        _stopHardware(deviceID);
         return kAudioHardwareBadDeviceError;
     }
     device->isRunning = true;
@@ -594,7 +724,7 @@ void HALModelBackend::_stopIfIdle(Device& device)
 {
     if (!device.isRunning || device.table->startedCount() > 0)
         return;
-    stopIO(device.objectID);
+    _stopHardware(device.objectID);
     device.isRunning = false;
     _announceRunning(device.objectID);
 }

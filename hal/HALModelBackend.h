@@ -40,6 +40,8 @@ public:
     HALStatus destroyIOProc(AudioObjectID deviceID, AudioDeviceIOProcID procID) final;
     HALStatus start(AudioObjectID deviceID, AudioDeviceIOProcID procID) final;
     HALStatus stop(AudioObjectID deviceID, AudioDeviceIOProcID procID) final;
+    HALStatus createAggregateDevice(const CXValue& description, AudioObjectID& deviceID) final;
+    HALStatus destroyAggregateDevice(AudioObjectID deviceID) final;
 
 protected:
     HALModelBackend();
@@ -100,13 +102,17 @@ protected:
     /// Called before a property is read, or its size when `isSize`, off the IO threads: anything but 0 is the
     /// answer.
     virtual HALStatus interceptRead(AudioObjectID objectID, const Address& address, bool isSize);
-    /// Called once by the destructor of the most derived class, before anything of it is gone: ends the
-    /// notification thread, so that no listener finds half a backend.
+    /// Waits until every change of the model so far has been followed by the aggregate devices and told to the
+    /// listeners without a queue. Not from a listener.
+    void settle();
+    /// Called once by the destructor of the most derived class, before anything of it is gone: ends the aggregate
+    /// devices and the notification thread, so that neither finds half a backend.
     void stopNotifying();
 
 private:
     class Device;
-    struct Object; // what an object ID stands for
+    class Aggregates; // aggregate devices, and what they see of the model
+    struct Object;    // what an object ID stands for
 
     CXRef<Device> _device(AudioObjectID deviceID) const;
     void _numberStreams(const CXRef<Device>& device, const HALDeviceState& before);
@@ -130,12 +136,22 @@ private:
     HALStatus _writeDataSource(AudioObjectID deviceID, const HALDirectionState& state, HALDirection direction,
                                std::span<const std::byte> value);
 
+    // The hooks, or what the device does itself when it is an aggregate.
+    HALStatus _carryOutRate(AudioObjectID deviceID, double rate);
+    HALStatus _carryOutFrames(AudioObjectID deviceID, uint32_t frameCount);
+    HALStatus _carryOutMute(AudioObjectID deviceID, HALDirection direction, bool muted);
+    HALStatus _startHardware(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table);
+    void _stopHardware(AudioObjectID deviceID);
+    HALStatus _writeName(AudioObjectID deviceID, std::span<const std::byte> value);
+
     void _stopIfIdle(Device& device);
     void _stopIfIdleLater(AudioObjectID deviceID);
     void _announceRunning(AudioObjectID deviceID);
 
     std::unique_ptr<HALNotifier> _notifier;
+    std::unique_ptr<Aggregates> _aggregates;
 
+    std::mutex _creationMutex; // of aggregates: two of one UID cannot both find it free
     mutable std::mutex
         _mutex; // everything below, and the devices' states; never held while anything is called
     std::map<AudioObjectID, CXRef<Device>> _devices;

@@ -2,10 +2,10 @@
 
 #include "CXValue.h"
 
-void HALPropertyWriter::putString(const std::string& text)
+void HALPropertyWriter::putValue(const CXPlist& value)
 {
     CXObject* object = nullptr;
     if (!_isCounting && _size + sizeof object <= _room.size())
-        object = CXValue::initWithPlist(text).leak();
+        object = CXValue::initWithPlist(value).leak();
     put(object);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioHardware.h"
+#include "CXPlist.h"
 
 #include <cstring>
 #include <span>
@@ -24,8 +25,9 @@ public:
             std::memcpy(_room.data() + _size, &value, sizeof value);
         _size += sizeof value;
     }
-    /// One object pointer: a CXValue of `text`, with a reference for the caller.
-    void putString(const std::string& text);
+    /// One object pointer: a CXValue of `value`, with a reference for the caller.
+    void putValue(const CXPlist& value);
+    void putString(const std::string& text) { putValue(text); }
 
     /// For a property whose buffer also carries the question: the record as the caller filled it in. False
     /// when the buffer is too small, or none was given.

@@ -4,6 +4,7 @@
 
 #include <span>
 
+struct PolyphaseKernels;
 struct SampleKernels;
 struct SamplerKernels;
 
@@ -14,6 +15,7 @@ struct InstructionSet {
     const char* name;
     const SamplerKernels* sampler;
     const SampleKernels* samples;
+    const PolyphaseKernels* polyphase;
 };
 
 /// The sets that this processor can run, the plainest first. Never empty.

@@ -1,10 +1,11 @@
 #include "InstructionSet.h"
+#include "PolyphaseKernels.h"
 #include "SampleKernels.h"
 #include "SamplerKernels.h"
 
 namespace {
 
-constexpr InstructionSet sets[] = {{"base", &samplerKernels4, &sampleKernels4}}; // NEON on ARM
+constexpr InstructionSet sets[] = {{"base", &samplerKernels4, &sampleKernels4, &polyphaseKernels4}}; // NEON on ARM
 
 } // namespace
 

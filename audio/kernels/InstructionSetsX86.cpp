@@ -1,7 +1,10 @@
 #include "InstructionSet.h"
+#include "PolyphaseKernels.h"
 #include "SampleKernels.h"
 #include "SamplerKernels.h"
 
+extern const PolyphaseKernels polyphaseKernelsAVX2;
+extern const PolyphaseKernels polyphaseKernelsAVX512;
 extern const SampleKernels sampleKernelsAVX2;
 extern const SampleKernels sampleKernelsAVX512;
 extern const SamplerKernels samplerKernelsAVX2;
@@ -10,9 +13,9 @@ extern const SamplerKernels samplerKernelsAVX512;
 namespace {
 
 constexpr InstructionSet sets[] = {
-    {"SSE2", &samplerKernels4, &sampleKernels4},
-    {"AVX2", &samplerKernelsAVX2, &sampleKernelsAVX2},
-    {"AVX-512", &samplerKernelsAVX512, &sampleKernelsAVX512},
+    {"SSE2", &samplerKernels4, &sampleKernels4, &polyphaseKernels4},
+    {"AVX2", &samplerKernelsAVX2, &sampleKernelsAVX2, &polyphaseKernelsAVX2},
+    {"AVX-512", &samplerKernelsAVX512, &sampleKernelsAVX512, &polyphaseKernelsAVX512},
 };
 
 } // namespace

@@ -3,6 +3,7 @@
 
 #include "Contest.h"
 #include "Resamplers.h"
+#include "ToneFit.h"
 
 #include <cmath>
 #include <cstdio>
@@ -43,23 +44,6 @@ void printSpeed(Rates rates)
                             contest.run());
         }
     table.print("libswresample, 8 taps");
-}
-
-/// Decibels of what is the tone, in any loudness and phase, over all the rest.
-double signalToNoise(const std::vector<float>& samples, double radiansPerFrame)
-{
-    // Least squares over sine and cosine.
-    double ss = 0, cc = 0, sc = 0, sx = 0, cx = 0, xx = 0;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        const double s = std::sin(radiansPerFrame * static_cast<double>(i)),
-                     c = std::cos(radiansPerFrame * static_cast<double>(i)),
-                     x = static_cast<double>(samples[i]);
-        ss += s * s, cc += c * c, sc += s * c, sx += s * x, cx += c * x, xx += x * x;
-    }
-    const double determinant = ss * cc - sc * sc;
-    const double a = (sx * cc - cx * sc) / determinant, b = (cx * ss - sx * sc) / determinant;
-    const double signal = a * sx + b * cx;
-    return 10 * std::log10(signal / std::max(xx - signal, 1e-30));
 }
 
 void printQuality(Rates rates)

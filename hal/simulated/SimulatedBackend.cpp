@@ -146,3 +146,13 @@ HALStatus SimulatedBackend::stop(AudioObjectID deviceID, AudioDeviceIOProcID pro
 {
     return _hardware->stop(deviceID, procID);
 }
+
+HALStatus SimulatedBackend::createAggregateDevice(const CXValue& description, AudioObjectID& deviceID)
+{
+    return _hardware->createAggregateDevice(description, deviceID);
+}
+
+HALStatus SimulatedBackend::destroyAggregateDevice(AudioObjectID deviceID)
+{
+    return _hardware->destroyAggregateDevice(deviceID);
+}

@@ -86,6 +86,8 @@ public:
     HALStatus destroyIOProc(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     HALStatus start(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     HALStatus stop(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
+    HALStatus createAggregateDevice(const CXValue& description, AudioObjectID& deviceID) override;
+    HALStatus destroyAggregateDevice(AudioObjectID deviceID) override;
 
 private:
     explicit SimulatedBackend(CXRef<SimulatedHardware> hardware);

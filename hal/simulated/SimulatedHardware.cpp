@@ -124,7 +124,10 @@ bool SimulatedHardware::unplug(const std::string& uid)
     Plugged gone;
     {
         const std::scoped_lock lock(_mutex);
-        gone = std::move(_plugged.extract(deviceID).mapped());
+        auto plugged = _plugged.extract(deviceID);
+        if (!plugged) // an aggregate: not for hands
+            return false;
+        gone = std::move(plugged.mapped());
     }
     std::vector<HALDefault> vacated;
     std::ranges::copy_if(allDefaults, std::back_inserter(vacated),

@@ -28,7 +28,7 @@ public:
     void advance(uint64_t nanoseconds);
     void stepCycles(uint32_t count);
     uint64_t nowTicks() const;
-    void settle() { notifier().flush(); }
+    using HALModelBackend::settle;
     /// Ends every device's cycles and the notification thread.
     void shutDown();
 

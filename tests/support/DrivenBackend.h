@@ -68,6 +68,14 @@ public:
     {
         return hardware->stop(deviceID, procID);
     }
+    HALStatus createAggregateDevice(const CXValue& description, AudioObjectID& deviceID) override
+    {
+        return hardware->createAggregateDevice(description, deviceID);
+    }
+    HALStatus destroyAggregateDevice(AudioObjectID deviceID) override
+    {
+        return hardware->destroyAggregateDevice(deviceID);
+    }
 
 private:
     DrivenBackend() = default;

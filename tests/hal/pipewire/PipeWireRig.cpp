@@ -1,3 +1,4 @@
+#include "AggregateRig.h"
 #include "ConformanceRig.h"
 
 #include "PipeWireBackend.h"
@@ -42,5 +43,9 @@ private:
 
 std::unique_ptr<ConformanceRig> makeConformanceRig()
 {
+#ifdef DXR_TEST_AGGREGATES
+    return std::make_unique<AggregateRig>(std::make_unique<PipeWireRig>());
+#else
     return std::make_unique<PipeWireRig>();
+#endif
 }

@@ -1,3 +1,4 @@
+#include "AggregateRig.h"
 #include "ConformanceRig.h"
 
 #include "simulated.h"
@@ -51,5 +52,9 @@ private:
 
 std::unique_ptr<ConformanceRig> makeConformanceRig()
 {
+#ifdef DXR_TEST_AGGREGATES
+    return std::make_unique<AggregateRig>(std::make_unique<SimulatedRig>());
+#else
     return std::make_unique<SimulatedRig>();
+#endif
 }

@@ -1,0 +1,3 @@
+#include "PolyphaseLoops.h"
+
+constinit const PolyphaseKernels polyphaseKernels4 = polyphaseKernels<4>();

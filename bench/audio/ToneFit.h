@@ -1,0 +1,36 @@
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+/// Decibels of what is the tone, in any loudness and phase, over all the rest.
+inline double signalToNoise(const std::vector<float>& samples, double radiansPerFrame)
+{
+    // Least squares over sine and cosine.
+    double ss = 0, cc = 0, sc = 0, sx = 0, cx = 0, xx = 0;
+    for (size_t i = 0; i < samples.size(); ++i) {
+        const double s = std::sin(radiansPerFrame * static_cast<double>(i)),
+                     c = std::cos(radiansPerFrame * static_cast<double>(i)),
+                     x = static_cast<double>(samples[i]);
+        ss += s * s, cc += c * c, sc += s * c, sx += s * x, cx += c * x, xx += x * x;
+    }
+    const double determinant = ss * cc - sc * sc;
+    const double a = (sx * cc - cx * sc) / determinant, b = (cx * ss - sx * sc) / determinant;
+    const double signal = a * sx + b * cx;
+    return 10 * std::log10(signal / std::max(xx - signal, 1e-30));
+}
+
+/// The same at the best frequency near `radiansPerFrame`: some peers round the ratio they are told.
+inline double signalToNoiseNearby(const std::vector<float>& samples, double radiansPerFrame)
+{
+    double low = radiansPerFrame * (1 - 1e-6), high = radiansPerFrame * (1 + 1e-6);
+    while (high - low > radiansPerFrame * 1e-11) {
+        const double a = low + (high - low) * 0.382, b = low + (high - low) * 0.618;
+        if (signalToNoise(samples, a) > signalToNoise(samples, b))
+            high = b;
+        else
+            low = a;
+    }
+    return signalToNoise(samples, (low + high) / 2);
+}

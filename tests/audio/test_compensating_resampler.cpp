@@ -1,0 +1,128 @@
+#include "CXRealtime.h"
+#include "CompensatingResampler.h"
+#include "InstructionSet.h"
+#include "Random.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <numbers>
+
+namespace {
+
+constexpr uint64_t wholeArray = ~uint64_t{0};
+
+/// What read() gives for planar `channels`, interleaved.
+std::vector<float> read(const CompensatingResampler& resampler,
+                        const std::vector<std::vector<float>>& channels, uint64_t mask,
+                        const CompensatingResampler::Walk& walk, uint32_t frames)
+{
+    std::vector<const float*> pointers;
+    for (const std::vector<float>& channel : channels)
+        pointers.push_back(channel.data());
+    std::vector<float> output(frames * channels.size());
+    const CXRealtimeScope realtime;
+    resampler.read({pointers.data(), static_cast<uint32_t>(channels.size()), mask}, walk, frames,
+                   output.data(), channels.size());
+    return output;
+}
+
+std::vector<float> tone(double cyclesPerFrame, size_t frames)
+{
+    std::vector<float> samples(frames);
+    for (size_t i = 0; i < frames; ++i)
+        samples[i] = static_cast<float>(
+            0.5 * std::sin(2.0 * std::numbers::pi * cyclesPerFrame * static_cast<double>(i)));
+    return samples;
+}
+
+TEST(CompensatingResampler, givesTheSameBitsWithEveryInstructionSet)
+{
+    Random random(7);
+    const InstructionSet& usual = instructionSet();
+    for (const double ratio : {1.0, 0.5, 48000.0 / 44100.0, 4.0}) {
+        const auto resampler = CompensatingResampler::initWithRatio(ratio);
+        std::vector<std::vector<float>> channels(5, std::vector<float>(4096));
+        for (std::vector<float>& channel : channels)
+            for (float& sample : channel)
+                sample = static_cast<float>(random.below(1U << 24)) / 8388608.0F - 1.0F;
+        const CompensatingResampler::Walk walk{200, 0.25, ratio * 1.0002, 1e-9};
+        std::vector<std::vector<float>> results;
+        for (const InstructionSet& set : availableInstructionSets()) {
+            useInstructionSet(set);
+            results.push_back(read(*resampler, channels, wholeArray, walk, 700));
+            ASSERT_EQ(std::memcmp(results.back().data(), results.front().data(),
+                                  results.front().size() * sizeof(float)),
+                      0)
+                << set.name << " at " << ratio;
+        }
+    }
+    useInstructionSet(usual);
+}
+
+TEST(CompensatingResampler, readsWholePositionsBitForBitAlsoRoundARing)
+{
+    Random random(8);
+    const auto resampler = CompensatingResampler::initWithRatio(1.0);
+    constexpr uint32_t ringFrames = 256;
+    const uint32_t reach = resampler->framesBefore() + resampler->framesAfter();
+    std::vector<float> ring(ringFrames + reach);
+    for (uint32_t i = 0; i < ringFrames; ++i)
+        ring[i] = static_cast<float>(random.below(1U << 24)) / 8388608.0F - 1.0F;
+    std::copy_n(ring.begin(), reach, ring.begin() + ringFrames);
+    const std::vector<float> output =
+        read(*resampler, {ring}, ringFrames - 1, {ringFrames * 1000 + 3, 0.0, 1.0, 0.0}, 3 * ringFrames);
+    for (uint32_t i = 0; i < output.size(); ++i)
+        ASSERT_EQ(output[i], ring[(3 + i) % ringFrames]) << i;
+}
+
+TEST(CompensatingResampler, walksOnWhereABlockEnded)
+{
+    const auto resampler = CompensatingResampler::initWithRatio(1.0);
+    const std::vector<std::vector<float>> input{tone(0.01, 4096)};
+    CompensatingResampler::Walk walk{100, 0.5, 0.9995, 1e-7};
+    const std::vector<float> whole = read(*resampler, input, wholeArray, walk, 1000);
+    std::vector<float> pieces;
+    for (const uint32_t frames : {1U, 127U, 128U, 129U, 615U}) {
+        const std::vector<float> piece = read(*resampler, input, wholeArray, walk, frames);
+        pieces.insert(pieces.end(), piece.begin(), piece.end());
+        walk = walk.after(frames);
+    }
+    for (size_t i = 0; i < whole.size(); ++i)
+        ASSERT_NEAR(pieces[i], whole[i], 1e-6F) << i;
+}
+
+/// At every ratio the tone must be the tone, at the place where the walk says, or be gone when it cannot be.
+TEST(CompensatingResampler, keepsTonesAndLetsNothingFold)
+{
+    struct {
+        double ratio, cyclesPerInputFrame, level;
+    } const rows[] = {
+        {1.0001, 1.0 / 48, 1.0},       {0.9995, 10.0 / 48, 1.0}, {0.9999, 20.0 / 48, 1.0},
+        {44100.0 / 48000.0, 0.4, 1.0}, {0.25, 0.4, 1.0},         {48000.0 / 44100.0, 0.41, 1.0},
+        {96000.0 / 44100.0, 0.3, 0.0}, {4.0, 0.09, 1.0},         {4.0, 0.15, 0.0},
+    };
+    for (const auto& row : rows) {
+        const auto resampler = CompensatingResampler::initWithRatio(row.ratio);
+        const std::vector<float> output = read(*resampler, {tone(row.cyclesPerInputFrame, 20000)}, wholeArray,
+                                               {300, 0.3, row.ratio, 0.0}, 4000);
+        double worst = 0.0;
+        for (size_t i = 0; i < output.size(); ++i) {
+            const double place = 300.3 + static_cast<double>(i) * row.ratio;
+            const double wanted =
+                row.level * 0.5 * std::sin(2.0 * std::numbers::pi * row.cyclesPerInputFrame * place);
+            worst = std::max(worst, std::abs(static_cast<double>(output[i]) - wanted));
+        }
+        EXPECT_LT(20.0 * std::log10(worst / 0.5), -100.0) << row.ratio << " " << row.cyclesPerInputFrame;
+    }
+}
+
+TEST(CompensatingResampler, refusesRatiosThatItHasNoFilterFor)
+{
+    for (const double ratio : {0.0, -1.0, 33.0, 1.0 / 33.0, std::nan("")})
+        EXPECT_FALSE(CompensatingResampler::initWithRatio(ratio)) << ratio;
+    EXPECT_TRUE(CompensatingResampler::initWithRatio(CompensatingResampler::mostRatio));
+}
+
+} // namespace

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "CXValue.h"
+#include "ConformanceRig.h"
+#include "HALReads.h"
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <thread>
+
+/// Turns a backend's rig into one whose devices are aggregates: of one device for the input, which leads, and another
+/// for the output; where there are only outputs, of a device that leads and one that is absent.
+class AggregateRig final : public ConformanceRig {
+public:
+    explicit AggregateRig(std::unique_ptr<ConformanceRig> devices) : _devices(std::move(devices)) {}
+
+    HALBackend& backend() override { return _devices->backend(); }
+
+    std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
+    {
+        const std::string uid = "aggregate-" + std::to_string(++_count);
+        Made made;
+        if (inputs > 0)
+            made.subDevices.push_back(_devices->plug(name + " in", inputs, 0));
+        if (outputs > 0)
+            made.subDevices.push_back(_devices->plug(name + " out", 0, outputs));
+        CXPlist description{{"uid", uid}, {"name", name}, {"subdevices", CXPlist::array()}, {"private", 1}};
+        for (const std::string& each : made.subDevices)
+            description["subdevices"].push_back({{"uid", each}, {"drift", 1}});
+        description["subdevices"].push_back({{"uid", "absent"}});
+        description["master"] = made.subDevices.front();
+        backend().createAggregateDevice(*CXValue::initWithPlist(description), made.deviceID);
+        _made.emplace(uid, std::move(made));
+        return uid;
+    }
+    void unplug(const std::string& uid) override
+    {
+        const Made& made = _made.at(uid);
+        backend().destroyAggregateDevice(made.deviceID);
+        for (const std::string& each : made.subDevices)
+            _devices->unplug(each);
+    }
+    void rename(const std::string& uid, const std::string& name) override
+    {
+        const CXRef<CXValue> value = CXValue::initWithPlist(name);
+        const CXObject* object = value.get();
+        writeValue(backend(), _made.at(uid).deviceID, at(kAudioObjectPropertyName), object);
+    }
+    void letTimePass() override { _devices->letTimePass(); }
+
+private:
+    struct Made {
+        AudioObjectID deviceID = kAudioObjectUnknown;
+        std::vector<std::string> subDevices;
+    };
+
+    const std::unique_ptr<ConformanceRig> _devices;
+    std::map<std::string, Made> _made;
+    int _count = 0;
+};

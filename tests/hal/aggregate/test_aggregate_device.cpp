@@ -1,0 +1,418 @@
+#include "CXRealtime.h"
+#include "CXValue.h"
+#include "HALReads.h"
+#include "simulated.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <numbers>
+
+namespace {
+
+constexpr uint32_t input = kAudioObjectPropertyScopeInput;
+constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
+constexpr uint64_t second = 1'000'000'000;
+
+/// Devices on the stepped clock, and aggregates of them.
+class AggregateDevices : public testing::Test {
+protected:
+    AudioObjectID aggregate(const CXPlist& description, HALStatus expected = kAudioHardwareNoError)
+    {
+        AudioObjectID device = kAudioObjectUnknown;
+        EXPECT_EQ(hal->createAggregateDevice(*CXValue::initWithPlist(description), device), expected)
+            << description;
+        return device;
+    }
+    AudioObjectID aggregateOf(const std::vector<std::string>& uids, const std::string& clock = {})
+    {
+        CXPlist description{{"uid", "aggregate"}, {"name", "All"}, {"subdevices", CXPlist::array()}};
+        for (const std::string& uid : uids)
+            description["subdevices"].push_back({{"uid", uid}, {"drift", 1}});
+        if (!clock.empty())
+            description["master"] = clock;
+        return aggregate(description);
+    }
+    CXPlist composition(AudioObjectID device)
+    {
+        const auto pointer = readValue<CXObject*>(*hal, device, at(kAudioAggregateDevicePropertyComposition));
+        return CXRefCast<CXValue>(CXRef<CXObject>::adopt(*pointer))->plist();
+    }
+    uint32_t channels(AudioObjectID device, uint32_t scope)
+    {
+        uint32_t count = 0;
+        for (const AudioObjectID stream :
+             readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams, scope)))
+            count +=
+                readValue<AudioStreamBasicDescription>(*hal, stream, at(kAudioStreamPropertyVirtualFormat))
+                    ->channelsPerFrame;
+        return count;
+    }
+    std::vector<AudioAggregateSubDeviceStatus> status(AudioObjectID device)
+    {
+        auto all = readList<AudioAggregateSubDeviceStatus>(*hal, device,
+                                                           at(kAudioAggregateDevicePropertySubDeviceStatus));
+        return all;
+    }
+    void settle()
+    {
+        hal->settle();
+        hal->settle(); // what following the first changes has changed
+    }
+    void advance(double seconds)
+    {
+        for (; seconds > 0.0; seconds -= 0.1) {
+            hal->advance(second / 10);
+            settle();
+        }
+    }
+
+    const CXRef<SimulatedBackend> hal = SimulatedBackend::init(SimulatedClock::Stepped);
+};
+
+/// An IO callback that copies the aggregate's input channels to its output channels as far as there are both, and
+/// watches the time.
+class Copier {
+public:
+    Copier(HALBackend& hal, AudioObjectID device) : _hal(hal), _device(device)
+    {
+        EXPECT_EQ(_hal.createIOProc(
+                      device,
+                      [this](const AudioTimeStamp* now, const AudioBufferList* in, const AudioTimeStamp*,
+                             AudioBufferList* out, const AudioTimeStamp*) { _copy(*now, in, out); },
+                      _proc),
+                  kAudioHardwareNoError);
+        status = _hal.start(device, _proc);
+    }
+    ~Copier() { _hal.destroyIOProc(_device, _proc); }
+    Copier(const Copier&) = delete;
+    Copier& operator=(const Copier&) = delete;
+
+    HALStatus status;
+    uint64_t cycles = 0, backwards = 0, withoutData = 0;
+    double sampleTime = -1.0;
+    std::map<uint32_t, float> peaks; // of input streams, since they were cleared
+
+private:
+    static AudioBuffer& buffer(const AudioBufferList* list, uint32_t index)
+    {
+        return const_cast<AudioBuffer&>(*(&list->buffers[0] + index));
+    }
+    void _copy(const AudioTimeStamp& now, const AudioBufferList* in, AudioBufferList* out)
+    {
+        ++cycles;
+        backwards += now.sampleTime < sampleTime;
+        sampleTime = now.sampleTime;
+        const CXRealtimeExemption exemption("the test's own bookkeeping");
+        for (uint32_t stream = 0; in && stream < in->numberBuffers; ++stream) {
+            const AudioBuffer& from = buffer(in, stream);
+            withoutData += !from.data;
+            for (uint32_t i = 0; i < from.dataByteSize / sizeof(float); ++i)
+                peaks[stream] = std::max(peaks[stream], std::abs(static_cast<const float*>(from.data)[i]));
+            if (out && stream < out->numberBuffers && buffer(out, stream).dataByteSize == from.dataByteSize)
+                std::memcpy(buffer(out, stream).data, from.data, from.dataByteSize);
+        }
+    }
+
+    HALBackend& _hal;
+    const AudioObjectID _device;
+    AudioDeviceIOProcID _proc = nullptr;
+};
+
+/// What came out of a device, as one channel.
+struct Recording {
+    std::vector<float> samples;
+    SimulatedSink sink()
+    {
+        return [this](uint64_t, uint32_t frames, uint32_t channelCount, double, const float* all) {
+            const CXRealtimeExemption exemption("the test's own bookkeeping");
+            for (uint32_t i = 0; all && i < frames; ++i)
+                samples.push_back(all[size_t{i} * channelCount]);
+        };
+    }
+};
+
+TEST_F(AggregateDevices, refusesWhatItCannotBe)
+{
+    hal->plug(aDevice().uid("taken").outputs(2));
+    const CXPlist one = CXPlist::array({{{"uid", "a"}}});
+    const CXPlist rows[] = {
+        CXPlist(),
+        "text",
+        CXPlist::array(),
+        CXPlist::object(),
+        {{"uid", "x"}},
+        {{"uid", "x"}, {"subdevices", CXPlist::array()}},
+        {{"uid", "x"}, {"subdevices", "a"}},
+        {{"uid", "x"}, {"subdevices", {"a"}}},
+        {{"uid", "x"}, {"subdevices", CXPlist::array({{{"uid", 7}}})}},
+        {{"uid", "x"}, {"subdevices", CXPlist::array({{{"uid", ""}}})}},
+        {{"uid", "x"}, {"subdevices", CXPlist::array({{{"uid", "a"}, {"drift", "much"}}})}},
+        {{"uid", 7}, {"subdevices", one}},
+        {{"uid", ""}, {"subdevices", one}},
+        {{"uid", "x"}, {"name", 7}, {"subdevices", one}},
+        {{"uid", "x"}, {"master", 7}, {"subdevices", one}},
+        {{"uid", "x"}, {"master", "not among them"}, {"subdevices", one}},
+        {{"uid", "x"}, {"private", "yes"}, {"subdevices", one}},
+        {{"uid", "x"}, {"stacked", 1}, {"subdevices", one}},
+        {{"uid", "taken"}, {"subdevices", one}},
+    };
+    for (const CXPlist& row : rows)
+        aggregate(row, kAudioHardwareIllegalOperationError);
+    EXPECT_EQ(readDevices(*hal).size(), 1U);
+    EXPECT_EQ(hal->destroyAggregateDevice(hal->deviceID("taken")), kAudioHardwareIllegalOperationError);
+    EXPECT_EQ(hal->destroyAggregateDevice(4711), kAudioHardwareBadDeviceError);
+}
+
+TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
+{
+    hal->plug(aDevice()
+                  .uid("a")
+                  .name("A")
+                  .inputs(2)
+                  .outputs(4)
+                  .latency(HALDirection::Output, 30)
+                  .bufferFrameSize(256));
+    hal->plug(aDevice()
+                  .uid("b")
+                  .name("B")
+                  .outputs(2)
+                  .outputs(1)
+                  .sampleRates({48000.0, 96000.0})
+                  .latency(HALDirection::Output, 10));
+    const AudioObjectID device = aggregateOf({"a", "b", "a", "missing"}, "b");
+    EXPECT_EQ(channels(device, input), 2U);
+    EXPECT_EQ(channels(device, output), 7U);
+    EXPECT_EQ(readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams, output)).size(), 3U);
+    EXPECT_EQ(readValue<uint32_t>(*hal, device, at(kAudioDevicePropertyTransportType)),
+              kAudioDeviceTransportTypeAggregate);
+    EXPECT_EQ(readValue<uint32_t>(*hal, device, at(kAudioObjectPropertyClass)), kAudioAggregateDeviceClassID);
+    EXPECT_EQ(readList<AudioObjectID>(*hal, device, at(kAudioAggregateDevicePropertyActiveSubDeviceList)),
+              (std::vector{hal->deviceID("a"), hal->deviceID("b")}));
+    const CXPlist subDevices = composition(device)["subdevices"];
+    ASSERT_EQ(subDevices.size(), 3U) << "one that comes twice counts once";
+    EXPECT_EQ(subDevices[0]["uid"], "a");
+    EXPECT_EQ(subDevices[0]["channels-in"], 2);
+    EXPECT_EQ(subDevices[0]["channels-out"], 4);
+    EXPECT_EQ(subDevices[2]["channels-out"], 0);
+    EXPECT_EQ(readList<AudioValueRange>(*hal, device, at(kAudioDevicePropertyAvailableNominalSampleRates)),
+              (std::vector<AudioValueRange>{{48000, 48000}, {96000, 96000}}));
+    EXPECT_EQ(readValue<uint32_t>(*hal, device, at(kAudioDevicePropertyBufferFrameSize)), 512U)
+        << "the clock's";
+    // The longest way: through the ring to the device that does not lead.
+    EXPECT_GT(readValue<uint32_t>(*hal, device, at(kAudioDevicePropertyLatency, output)).value_or(0), 256U);
+
+    EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyNominalSampleRate), 96000.0),
+              kAudioHardwareNoError);
+    EXPECT_EQ(readValue<double>(*hal, hal->deviceID("a"), at(kAudioDevicePropertyNominalSampleRate)),
+              96000.0);
+    EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyNominalSampleRate), 44100.0),
+              kAudioHardwareIllegalOperationError);
+    EXPECT_EQ(hal->destroyAggregateDevice(device), kAudioHardwareNoError);
+    EXPECT_EQ(readDevices(*hal).size(), 2U);
+}
+
+TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
+{
+    // A tone on each of two inputs, played by the other's outputs, through clocks 300 ppm apart; and another rate.
+    Recording plain, bridged, converted;
+    hal->plug(
+        aDevice().uid("clock").inputs(2).outputs(2).hears(simulatedTone(1000.0)).playsInto(bridged.sink()));
+    hal->plug(aDevice()
+                  .uid("other")
+                  .inputs(2)
+                  .outputs(2)
+                  .drift(300.0)
+                  .bufferFrameSize(128)
+                  .hears(simulatedTone(1000.0))
+                  .playsInto(plain.sink()));
+    hal->plug(aDevice()
+                  .uid("slow")
+                  .inputs(2)
+                  .outputs(2)
+                  .sampleRate(44100.0)
+                  .sampleRates({44100.0})
+                  .drift(-80.0)
+                  .hears(simulatedTone(1000.0))
+                  .playsInto(converted.sink()));
+    const AudioObjectID device = aggregateOf({"other", "slow", "clock"}, "clock");
+    Copier copier(*hal, device);
+    ASSERT_EQ(copier.status, kAudioHardwareNoError);
+    advance(20.0);
+    const auto before = status(device);
+    advance(5.0);
+    const auto after = status(device);
+    ASSERT_EQ(after.size(), 3U);
+    EXPECT_NEAR(after[0].partsPerMillion, 300.0, 0.2);
+    EXPECT_NEAR(after[1].partsPerMillion, -80.0, 0.2);
+    EXPECT_TRUE(after[2].isClock && after[0].isCompensated && !after[2].isCompensated);
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(after[i].resynchronisations, 0U) << i;
+        EXPECT_EQ(after[i].lostFrames, before[i].lostFrames) << i;
+    }
+    EXPECT_EQ(copier.backwards + copier.withoutData, 0U);
+    for (const Recording* recording : {&plain, &bridged, &converted}) {
+        const size_t count = recording->samples.size();
+        double power = 0.0, worstStep = 0.0;
+        for (size_t i = count / 2; i < count; ++i) {
+            power += std::pow(static_cast<double>(recording->samples[i]), 2);
+            worstStep = std::max(worstStep, std::abs(static_cast<double>(recording->samples[i]) -
+                                                     static_cast<double>(recording->samples[i - 1])));
+        }
+        EXPECT_NEAR(power / static_cast<double>(count - count / 2), 0.125, 1e-3);
+        EXPECT_LT(worstStep, 0.5 * 2.0 * std::numbers::pi * 1000.0 / 44100.0 * 1.01) << "a click";
+    }
+}
+
+TEST_F(AggregateDevices, leavesDevicesOfOneClockAsTheyAre)
+{
+    std::vector<double> steps;
+    Recording recording;
+    hal->plug(aDevice().uid("a").inputs(1).clockDomain(7).hears(simulatedRamp()));
+    hal->plug(aDevice().uid("b").outputs(1).clockDomain(7).playsInto(recording.sink()));
+    const AudioObjectID device = aggregateOf({"a", "b"}, "a");
+    Copier copier(*hal, device);
+    advance(2.0);
+    EXPECT_FALSE(status(device)[1].isCompensated);
+    for (size_t i = recording.samples.size() / 2; i < recording.samples.size(); ++i)
+        ASSERT_EQ(recording.samples[i], recording.samples[i - 1] + 1.0F / 16777216.0F) << "not bit for bit";
+}
+
+TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
+{
+    const SimulatedDeviceBuilder clock = aDevice().uid("clock").inputs(1).hears(simulatedTone(500.0));
+    const SimulatedDeviceBuilder other =
+        aDevice().uid("other").inputs(1).drift(-50.0).hears(simulatedTone(700.0));
+    hal->plug(clock);
+    const AudioObjectID device = aggregateOf({"clock", "other"}, "clock");
+    Copier copier(*hal, device);
+    ASSERT_EQ(copier.status, kAudioHardwareNoError);
+    advance(0.5);
+    EXPECT_EQ(channels(device, input), 1U) << "nothing is known of one that was never there";
+
+    hal->plug(other);
+    advance(1.0);
+    EXPECT_EQ(channels(device, input), 2U);
+    copier.peaks.clear();
+    advance(0.5);
+    EXPECT_GT(copier.peaks[1], 0.4F);
+
+    for (int round = 0; round < 3; ++round) {
+        hal->unplug("other");
+        advance(0.2);
+        const uint64_t cycles = copier.cycles;
+        copier.peaks.clear();
+        advance(0.5);
+        EXPECT_GT(copier.cycles, cycles + 40) << "the rest runs on";
+        EXPECT_EQ(copier.peaks[1], 0.0F);
+        EXPECT_GT(copier.peaks[0], 0.4F);
+        EXPECT_EQ(channels(device, input), 2U) << "its place is kept";
+        hal->plug(other);
+        advance(0.5);
+        copier.peaks.clear();
+        advance(0.5);
+        EXPECT_GT(copier.peaks[1], 0.4F);
+    }
+
+    hal->unplug("clock"); // the next takes over
+    advance(0.2);
+    const uint64_t cycles = copier.cycles;
+    advance(0.5);
+    EXPECT_GT(copier.cycles, cycles + 40);
+    EXPECT_TRUE(status(device)[1].isClock);
+    hal->unplug("other"); // and when there is none, one that comes
+    advance(0.2);
+    hal->plug(clock);
+    advance(0.5);
+    EXPECT_TRUE(status(device)[0].isClock);
+    EXPECT_EQ(copier.backwards, 0U);
+    EXPECT_EQ(copier.withoutData, 0U);
+}
+
+TEST_F(AggregateDevices, survivesWhatSubDevicesDo)
+{
+    hal->plug(aDevice().uid("clock").inputs(2).outputs(2));
+    hal->plug(aDevice().uid("other").inputs(2).outputs(2).drift(100.0).hears(simulatedTone(700.0)));
+    const AudioObjectID device = aggregateOf({"clock", "other"}, "clock");
+    Copier copier(*hal, device);
+    const auto change = [&](const std::string& uid, const CXBlock<void(SimulatedDeviceBuilder&)>& how) {
+        hal->reconfigure(uid, how);
+        advance(1.0);
+        const uint64_t cycles = copier.cycles;
+        copier.peaks.clear();
+        advance(0.5);
+        EXPECT_GT(copier.cycles, cycles + 5);
+        EXPECT_GT(copier.peaks[1], 0.4F);
+    };
+    advance(1.0);
+    hal->loseCycles("other", 90);
+    change("other", [](SimulatedDeviceBuilder& other) { other.sampleRate(96000.0); });
+    change("other", [](SimulatedDeviceBuilder& other) { other.bufferFrameSize(2048); });
+    hal->loseCycles("clock", 90);
+    change("clock", [](SimulatedDeviceBuilder& clock) { clock.bufferFrameSize(64); });
+    change("clock", [](SimulatedDeviceBuilder& clock) { clock.sampleRate(44100.0); });
+    EXPECT_EQ(readValue<double>(*hal, device, at(kAudioDevicePropertyNominalSampleRate)), 44100.0);
+    change("other", [](SimulatedDeviceBuilder& other) { other.inputs(6); });
+    EXPECT_EQ(channels(device, input), 10U);
+    change("other", [](SimulatedDeviceBuilder& other) { other.drift(-81250.0); }); // not at all what it says
+    EXPECT_NEAR(status(device)[1].partsPerMillion, -81250.0, 100.0);
+    EXPECT_EQ(copier.backwards, 0U);
+    EXPECT_EQ(hal->destroyAggregateDevice(device), kAudioHardwareNoError); // while it runs
+    const uint64_t cycles = copier.cycles;
+    advance(0.3);
+    EXPECT_EQ(copier.cycles, cycles);
+}
+
+TEST_F(AggregateDevices, joinsManyDevicesOfManyChannels)
+{
+    std::vector<std::string> uids;
+    for (int i = 0; i < 32; ++i) {
+        uids.push_back("device-" + std::to_string(i));
+        hal->plug(aDevice()
+                      .uid(uids.back())
+                      .inputs(i == 5 ? 500 : 2)
+                      .outputs(2)
+                      .drift(10.0 * i)
+                      .hears(simulatedTone(1000.0)));
+    }
+    const AudioObjectID device = aggregateOf(uids, uids[0]);
+    Copier copier(*hal, device);
+    ASSERT_EQ(copier.status, kAudioHardwareNoError);
+    advance(1.0);
+    copier.peaks.clear();
+    advance(0.2);
+    EXPECT_EQ(channels(device, input), 562U);
+    EXPECT_EQ(copier.peaks.size(), 32U);
+    for (const auto& [stream, peak] : copier.peaks)
+        EXPECT_GT(peak, 0.4F) << stream;
+}
+
+TEST_F(AggregateDevices, takesOverNoFailureThatIsNotItsOwn)
+{
+    const AudioObjectID device = aggregateOf({"a", "b"}, "a");
+    {
+        const Copier none(*hal, device);
+        EXPECT_EQ(none.status, kAudioHardwareUnspecifiedError) << "nobody is there";
+    }
+    hal->plug(aDevice().uid("a").inputs(1));
+    hal->plug(aDevice().uid("b").inputs(1));
+    settle();
+    hal->failStarts(kAudioHardwareUnspecifiedError);
+    {
+        const Copier failed(*hal, device);
+        EXPECT_EQ(failed.status, kAudioHardwareUnspecifiedError);
+    }
+    hal->failStarts(kAudioHardwareNoError);
+    Copier copier(*hal, device);
+    EXPECT_EQ(copier.status, kAudioHardwareNoError);
+    advance(0.2);
+    EXPECT_GT(copier.cycles, 10U);
+    AudioObjectID nested =
+        aggregate({{"uid", "nested"}, {"subdevices", CXPlist::array({{{"uid", "aggregate"}}})}});
+    EXPECT_TRUE(
+        readList<AudioObjectID>(*hal, nested, at(kAudioAggregateDevicePropertyActiveSubDeviceList)).empty());
+}
+
+} // namespace

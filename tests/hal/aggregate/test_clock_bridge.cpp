@@ -1,0 +1,98 @@
+#include "CXRealtime.h"
+#include "ClockBridge.h"
+#include "Random.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <thread>
+
+namespace {
+
+constexpr uint64_t cycleNanoseconds(uint32_t frames)
+{
+    return uint64_t{frames} * 1'000'000'000 / 48000;
+}
+
+/// Frames whose value is their number, on two channels, the second negative.
+std::vector<float> numbered(uint64_t first, uint32_t frames)
+{
+    std::vector<float> samples;
+    for (uint64_t frame = first; frame < first + frames; ++frame) {
+        samples.push_back(static_cast<float>(frame % 1000000));
+        samples.push_back(-samples.back());
+    }
+    return samples;
+}
+
+/// Between clocks that are one, frames must come out as they went in, each once and in order, while two threads do
+/// their cycles at whatever pace the machine gives them.
+TEST(ClockBridge, passesEveryFrameOnceBetweenTwoThreads)
+{
+    const CXRef<ClockBridge> bridge = ClockBridge::initWithSettings({48000.0, 48000.0, 64, 48, 2, false});
+    std::atomic<uint64_t> written{0}, taken{0};
+    constexpr uint64_t total = 400'000;
+    std::thread writer([&] {
+        Random random(3);
+        for (uint64_t frame = 1; frame < total;) {
+            const uint32_t frames = 1 + random.below(64);
+            std::vector<float> samples = numbered(frame, frames);
+            const HALStreamBlock stream{samples.data(), 2};
+            while (frame > taken + 600) // as far ahead as a clock could be
+                std::this_thread::yield();
+            {
+                const CXRealtimeScope realtime;
+                bridge->write(1'000'000'000 + frame * 20833, frame, std::span(&stream, 1), frames);
+            }
+            written = frame += frames;
+        }
+    });
+    float last = 0.0F;
+    uint64_t breaks = 0, silent = 0, wrongPairs = 0;
+    std::vector<float> samples(96);
+    for (uint64_t frame = 1; frame + 48 < total;) {
+        while (frame + 200 > written && written < total)
+            std::this_thread::yield();
+        const HALStreamBlock stream{samples.data(), 2};
+        {
+            const CXRealtimeScope realtime;
+            bridge->read(1'000'000'000 + frame * 20833, frame, std::span(&stream, 1), 48);
+        }
+        taken = frame += 48;
+        for (size_t i = 0; i < 96; i += 2) {
+            wrongPairs += samples[i] != -samples[i + 1];
+            silent += samples[i] == 0.0F;
+            // A fade is no whole number; frames after it go on by one.
+            const bool isWhole = samples[i] == std::floor(samples[i]);
+            breaks += isWhole && last != 0.0F && samples[i] != last + 1.0F && samples[i] != 0.0F;
+            last = isWhole ? samples[i] : 0.0F;
+        }
+    }
+    writer.join();
+    EXPECT_EQ(wrongPairs, 0U);
+    EXPECT_LE(breaks, bridge->status().resynchronisations + 1U);
+    EXPECT_LT(silent, total / 50);
+}
+
+TEST(ClockBridge, isSilentBeforeThereIsSoundAndSurvivesCyclesThatDoNotFit)
+{
+    const CXRef<ClockBridge> bridge = ClockBridge::initWithSettings({48000.0, 48000.0, 64, 64, 2, true});
+    std::vector<float> output(128, 5.0F);
+    const HALStreamBlock stream{output.data(), 2}, none{nullptr, 2};
+    bridge->read(1'000'000'000, 0, std::span(&stream, 1), 64);
+    EXPECT_TRUE(std::ranges::all_of(output, [](float sample) { return sample == 0.0F; }));
+    std::vector<float> large(1024, 1.0F);
+    const HALStreamBlock tooLong{large.data(), 2};
+    bridge->write(1'000'000'000, 0, std::span(&tooLong, 1), 512); // longer than was agreed
+    for (uint64_t cycle = 0; cycle < 2000; ++cycle)               // nobody reads: it must not run over
+        bridge->write(1'000'000'000 + cycle * cycleNanoseconds(64), cycle * 64, std::span(&none, 1), 64);
+    for (uint64_t cycle = 1; cycle < 200; ++cycle)
+        bridge->read(4'000'000'000 + cycle * cycleNanoseconds(64), 190000 + cycle * 64, std::span(&stream, 1),
+                     64);
+    EXPECT_TRUE(std::ranges::all_of(output, [](float sample) { return sample == 0.0F; }));
+    EXPECT_FALSE(ClockBridge::initWithSettings({1000.0, 192000.0, 64, 64, 2, true})) << "too far apart";
+}
+
+} // namespace

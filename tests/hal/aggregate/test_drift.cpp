@@ -1,0 +1,116 @@
+#include "DriftTable.h"
+
+#include <cmath>
+
+namespace {
+
+TEST(Drift, keepsTheDelayWhateverTheClocksDo)
+{
+    for (const DriftScenario& scenario : driftScenarios(90.0))
+        expectSteadyDelay(scenario);
+}
+
+TEST(Drift, leavesTonesClean)
+{
+    struct {
+        uint32_t writer, reader;
+        double partsPerMillion, wander, lateness;
+    } const rows[] = {
+        {64, 64, 200.0, 0.0, 1.0},  {256, 256, -500.0, 0.0, 1.0}, {1024, 1024, 50.0, 0.0, 1.0},
+        {64, 1024, 0.0, 10.0, 1.0}, {512, 512, 200.0, 0.0, 0.0},
+    };
+    for (const auto& row : rows) {
+        DriftScenario scenario;
+        scenario.writer.frameCount = row.writer;
+        scenario.reader.frameCount = row.reader;
+        scenario.writer.partsPerMillion = row.partsPerMillion;
+        scenario.writer.wanderPartsPerMillion = row.wander;
+        scenario.lateness = row.lateness;
+        scenario.seconds = 40.0;
+        for (const double hertz : {1000.0, 10000.0}) {
+            const DriftTone tone = simulateDriftOfTone(scenario, hertz, 15.0);
+            std::printf("%4u to %4u frames, %+4.0f ppm: %5.0f Hz %.1f dB, worst tenth of a second %.1f dB\n",
+                        row.writer, row.reader, row.partsPerMillion, hertz, tone.signalToNoise,
+                        tone.worstBlock);
+            EXPECT_GE(tone.signalToNoise, 100.0);
+            EXPECT_GE(tone.worstBlock, row.lateness == 0.0 ? 120.0 : 85.0);
+        }
+    }
+}
+
+double meanDelay(const DriftOutcome& outcome, double from, double to)
+{
+    double sum = 0.0;
+    int count = 0;
+    for (const DriftPoint& point : outcome.points)
+        if (point.seconds >= from && point.seconds < to) {
+            sum += point.delayFrames;
+            ++count;
+        }
+    return sum / count;
+}
+
+/// What went wrong costs the sound that was missing and little more, and leaves the delay as it was.
+TEST(Drift, comesBackToTheSameDelayAfterAFault)
+{
+    using Kind = DriftFault::Kind;
+    struct {
+        const char* why;
+        DriftFault fault;
+        double mostLostSeconds;
+        uint32_t mostResynchronisations;
+    } const rows[] = {
+        {"a burst after a stall is not a faster clock", {Kind::ThreadStalls, true, 40.0, 1.0}, 1.05, 0},
+        {"nor on the side that reads", {Kind::ThreadStalls, false, 40.0, 1.0}, 0.0, 0},
+        {"a clock that stood still is another clock", {Kind::ClockPauses, true, 40.0, 1.0}, 1.2, 1},
+        {"on either side", {Kind::ClockPauses, false, 40.0, 1.0}, 0.0, 1},
+        {"lost cycles stay where they were", {Kind::LosesCycles, true, 40.0, 0.3}, 0.31, 0},
+        {"and so do those of the reader", {Kind::LosesCycles, false, 40.0, 0.3}, 0.0, 0},
+        {"a rate that changes is followed", {Kind::RateChanges, true, 40.0, 0.0, 100.0}, 0.0, 0},
+        {"also down", {Kind::RateChanges, false, 40.0, 0.0, 100.0}, 0.0, 0},
+        {"and so is a rate that is not what was said",
+         {Kind::RateChanges, true, 0.0, 0.0, -81250.0},
+         0.5,
+         30},
+    };
+    for (const auto& row : rows)
+        for (const uint32_t frames : {64U, 512U}) {
+            DriftScenario scenario;
+            scenario.writer.frameCount = scenario.reader.frameCount = frames;
+            scenario.writer.partsPerMillion = 100.0;
+            scenario.seconds = 110.0;
+            scenario.faults = {row.fault};
+            const DriftOutcome outcome = simulateDrift(scenario);
+            EXPECT_NEAR(meanDelay(outcome, 30.0, 40.0), meanDelay(outcome, 100.0, 110.0), 1.0)
+                << row.why << ", " << frames;
+            EXPECT_LE(static_cast<double>(outcome.lostFrames) / 48000.0, row.mostLostSeconds)
+                << row.why << ", " << frames;
+            EXPECT_LE(outcome.resynchronisations, row.mostResynchronisations) << row.why << ", " << frames;
+        }
+}
+
+TEST(Drift, convertsBetweenRatesAndLeavesOneClockAlone)
+{
+    DriftScenario scenario;
+    scenario.seconds = 60.0;
+    scenario.writer.rate = 44100.0;
+    scenario.writer.partsPerMillion = 80.0;
+    DriftOutcome outcome = simulateDrift(scenario);
+    EXPECT_LT(outcome.wanderFrames, 1.0);
+    EXPECT_EQ(outcome.lostFrames + outcome.resynchronisations, 0U);
+    EXPECT_GE(simulateDriftOfTone(scenario, 1000.0, 15.0).signalToNoise, 100.0);
+
+    scenario.writer = scenario.reader;
+    scenario.compensates = false;
+    outcome = simulateDrift(scenario);
+    EXPECT_EQ(outcome.ratioErrorRMS, 0.0);
+    EXPECT_LT(outcome.wanderFrames, 0.01);
+    EXPECT_EQ(outcome.lostFrames + outcome.resynchronisations, 0U);
+
+    scenario.writer.partsPerMillion = 300.0; // left alone though it should not be
+    outcome = simulateDrift(scenario);
+    EXPECT_GE(outcome.resynchronisations, 1U);
+    EXPECT_LE(outcome.resynchronisations, 8U);
+}
+
+} // namespace
