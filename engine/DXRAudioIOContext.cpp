@@ -15,10 +15,8 @@ constexpr uint64_t patienceTicks =
 
 bool DXRAudioIOContext::enter() noexcept
 {
-    if (unsafe.fetch_add(1) == 0)
-        return true;
-    unsafe.fetch_sub(1);
-    return false;
+    uint32_t nobody = 0;
+    return unsafe.compare_exchange_strong(nobody, 1);
 }
 
 void DXRAudioIOContext::waitForTurn(CXDispatchQueue& queue) noexcept

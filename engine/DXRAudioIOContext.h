@@ -21,7 +21,8 @@ struct DXRStreamBuffers {
 /// The handshake between cycles, on the device's IO thread, and start and stop, as work of the runner's queue:
 ///
 ///   start   raises `unsafe`, installs the callback, starts the device, and lowers it when the context is ready
-///   cycle   (1) raises `unsafe`; if it was not 0 lowers it again and is over
+///   cycle   (1) raises `unsafe` if it is 0, else is over. Not for a moment either way: stop would take a cycle that is
+///           over for one that is to come
 ///           (2) enters the queue: runs there itself when that is idle, else leaves its work there and waits
 ///           (3) in the queue lowers `unsafe`; if it was 2 or more, stop came between (1) and (3): ends the callback
 ///           (4) else runs the nodes, still in the queue
