@@ -2,7 +2,6 @@
 #include "FrameCopy.h"
 #include "InstructionSet.h"
 #include "ManagedComputer.h"
-#include "Random.h"
 
 #include <algorithm>
 
@@ -149,17 +148,6 @@ TEST_F(DXRDeviceNodeTest, hearsBeforeAndPlaysAfterItsBlockSoThatOutputIsABufferL
     out->performIOWithSampleTime(77, nullptr);
     out->performIOWithSampleTime(77, both);
     EXPECT_EQ(frames, (std::vector<float>{3, 4})) << "what the block wrote last";
-}
-
-TEST_F(DXRDeviceNodeTest, refusesABufferBeyondAnyUse)
-{
-    plug(aDevice().uid("small").outputs(2));
-    const auto node =
-        DXRDeviceNode::nodeWithDevice(device("small", output), DXRDeviceNode::Channels(1000, 1), idle);
-    const std::vector<uint32_t> map{1, 2};
-    node->startIOWithSampleRate(48000, 1U << 20, map);
-    node->performIOWithSampleTime(0, nullptr);
-    EXPECT_TRUE(node->usageMap().empty());
 }
 
 TEST_F(DXRDeviceNodeTest, endsTheProcessWithAClearMessageWhenABlockThrows)

@@ -3,6 +3,7 @@
 #include "EngineComputer.h"
 
 #include <cmath>
+#include <functional>
 
 namespace {
 
@@ -28,12 +29,29 @@ protected:
             }
         }));
     }
-    SimulatedSink keep()
+    SimulatedSink keep() { return keepChannel(0); }
+    SimulatedSink keepChannel(uint32_t channel)
     {
-        return [this](uint64_t, uint32_t frameCount, uint32_t channels, double, const float* samples) {
-            for (uint32_t frame = 0; samples && frame < frameCount; ++frame)
-                played.push_back(samples[size_t{frame} * channels]);
-        };
+        return
+            [this, channel](uint64_t, uint32_t frameCount, uint32_t channels, double, const float* samples) {
+                for (uint32_t frame = 0; samples && frame < frameCount; ++frame)
+                    played.push_back(samples[size_t{frame} * channels + channel]);
+            };
+    }
+    std::vector<AudioObjectID> privateAggregates()
+    {
+        std::vector<AudioObjectID> ids = readDevices(hal);
+        std::erase_if(ids, [&](AudioObjectID each) {
+            const auto uid = readText(hal, each, at(kAudioDevicePropertyDeviceUID));
+            return !uid || !uid->starts_with("DXR:");
+        });
+        return ids;
+    }
+    CXPlist compositionOf(AudioObjectID aggregate)
+    {
+        const auto pointer =
+            readValue<CXObject*>(hal, aggregate, at(kAudioAggregateDevicePropertyComposition));
+        return pointer ? CXRefCast<CXValue>(CXRef<CXObject>::adopt(*pointer))->plist() : CXPlist();
     }
     SimulatedDeviceBuilder looper()
     {
@@ -154,6 +172,82 @@ TEST_F(EngineCyclesTest, runsDevicesOfMoreChannelsThanFitAStack)
     hal.stepCycles(3);
     EXPECT_EQ(played.back(), 0.5F);
     EXPECT_EQ(runner->sampleTime(), 3U * 64);
+}
+
+TEST_F(EngineCyclesTest, runsTwoDevicesAsOneOfWhichTheFirstGivesTheClock)
+{
+    plugged(aDevice().uid("in").inputs(2).outputs(2).hears(simulatedRamp()).clockDomain(1));
+    plugged(aDevice().uid("out").outputs(2).outputs(4).playsInto(keepChannel(5)).clockDomain(1));
+    ASSERT_TRUE(
+        runner->addDevice(device("out", output), DXRDeviceRunner::Channels{6, 5},
+                          [this](uint64_t, DXRBuffer& out) { std::ranges::copy(buffer, out.samples()); }));
+    buffer.reserve(4096);
+    ASSERT_TRUE(runner->addDevice(device("in", input), std::nullopt, [this](uint64_t, DXRBuffer& in) {
+        buffer.assign(in.samples(), in.samples() + size_t{2} * in.frameCount());
+    }));
+    runner->start();
+    EXPECT_EQ(runner->activeDevices().size(), 2U);
+    const std::vector<AudioObjectID> aggregates = privateAggregates();
+    ASSERT_EQ(aggregates.size(), 1U);
+    const CXPlist made = compositionOf(aggregates[0]);
+    EXPECT_EQ(made["name"], "DXRDeviceAggregate");
+    EXPECT_EQ(made["master"], "in");
+    ASSERT_EQ(made["subdevices"].size(), 2U);
+    EXPECT_EQ(made["subdevices"][0]["uid"], "in");
+    EXPECT_EQ(made["subdevices"][1]["drift"], 1);
+
+    hal.stepCycles(200);
+    EXPECT_EQ(runner->sampleTime() % 512, 0U);
+    EXPECT_GT(runner->sampleTime(), 190U * 512);
+    for (size_t frame = played.size() - 100 * 512; frame < played.size(); ++frame)
+        ASSERT_EQ(played[frame], played[frame - 1] + step) << frame;
+
+    const uint64_t before = runner->sampleTime();
+    unplugged("in"); // the clock: the other goes on alone
+    EXPECT_EQ(runner->activeDevices(), Devices{device("out", output)});
+    EXPECT_TRUE(privateAggregates().empty());
+    hal.stepCycles(10);
+    EXPECT_EQ(runner->sampleTime(), before + 10U * 512);
+    plugged(aDevice().uid("in").inputs(2).outputs(2).hears(simulatedRamp()).clockDomain(1));
+    EXPECT_EQ(runner->activeDevices().size(), 2U);
+    hal.stepCycles(10);
+    EXPECT_GT(runner->sampleTime(), before + 15U * 512);
+    runner->stop();
+    EXPECT_TRUE(privateAggregates().empty());
+}
+
+// Devices of which each has a clock and a rate of its own: time goes on for all, at the pace of the first.
+TEST_F(EngineCyclesTest, runsFourDevicesOfDifferentClocksAndRates)
+{
+    for (int i = 0; i < 4; ++i) {
+        const std::string uid = "device " + std::to_string(i);
+        plugged(aDevice()
+                    .uid(uid)
+                    .inputs(1)
+                    .outputs(2)
+                    .drift(i * 100.0 - 150.0)
+                    .sampleRate(i % 2 == 0 ? 48000 : 44100));
+        ASSERT_TRUE(
+            runner->addDevice(device(uid, i % 2 == 0), std::nullopt, [this](uint64_t time, DXRBuffer&) {
+                isInOrder = isInOrder && (lastTime == none || time == lastTime || time == lastTime + 512);
+                lastTime = time;
+                ++cycles;
+            }));
+    }
+    runner->setSampleRate(48000);
+    runner->setFrameCount(512);
+    runner->start();
+    EXPECT_EQ(runner->activeDevices().size(), 4U);
+    hal.advance(1'000'000'000);
+    EXPECT_TRUE(isInOrder);
+    EXPECT_NEAR(static_cast<double>(runner->sampleTime()), 48000, 2048);
+    EXPECT_EQ(cycles, 4 * (runner->sampleTime() / 512));
+    unplugged("device 2");
+    unplugged("device 0");
+    EXPECT_EQ(runner->activeDevices().size(), 2U);
+    const uint64_t before = runner->sampleTime();
+    hal.advance(1'000'000'000);
+    EXPECT_NEAR(static_cast<double>(runner->sampleTime() - before), 48000, 2048);
 }
 
 } // namespace
