@@ -273,25 +273,36 @@ void CXDispatchQueue::dispatchSyncBypassOnce(BorrowedWork block)
     _bypass(Drain::Once, block);
 }
 
-void CXDispatchQueue::_bypass(Drain drain, BorrowedWork block)
+bool CXDispatchQueue::dispatchSyncBypassOnceIfIdle(BorrowedWork block)
+{
+    return _bypassIfIdle(Drain::Once, block);
+}
+
+bool CXDispatchQueue::_bypassIfIdle(Drain drain, BorrowedWork block)
 {
     _checkNotCancelled(0);
     _checkNotOwner();
     Item* idle = nullptr;
-    if (!_queue.compare_exchange_strong(idle, mark())) {
-        SynchronousItem item(CXDispatchHousekeepingLane, block);
-        if (_push(item)) {
-            // Idle after all. The item has to go through the lanes now, with what came after it; its reply is
-            // sent to a thread that need not wait.
-            drain == Drain::Once ? _drainOnce() : _drain();
-        }
-        item.reply.wait();
-        return;
-    }
+    if (!_queue.compare_exchange_strong(idle, mark()))
+        return false;
     // As if an item had been pushed and taken at once, less two exchanges.
     _becomeOwner();
     run(block);
     drain == Drain::Once ? _stopEarly() : _runUntilIdle();
+    return true;
+}
+
+void CXDispatchQueue::_bypass(Drain drain, BorrowedWork block)
+{
+    if (_bypassIfIdle(drain, block))
+        return;
+    SynchronousItem item(CXDispatchHousekeepingLane, block);
+    if (_push(item)) {
+        // Idle after all. The item has to go through the lanes now, with what came after it; its reply is
+        // sent to a thread that need not wait.
+        drain == Drain::Once ? _drainOnce() : _drain();
+    }
+    item.reply.wait();
 }
 
 // --- The right to drain ---

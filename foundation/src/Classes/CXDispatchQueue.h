@@ -71,6 +71,8 @@ public:
     /// The same, but leaves to the queue's thread what arrives meanwhile, all but the lane 0 work that came
     /// before `block` and at most one item of lane 1.
     void dispatchSyncBypassOnce(BorrowedWork block) CX_REALTIME;
+    /// The same where it need not wait. False, and nothing has happened, when the queue is busy.
+    bool dispatchSyncBypassOnceIfIdle(BorrowedWork block) CX_REALTIME;
 
     /// Has messages on the receiver's port delivered here. On a cancelled queue, cancels the receiver
     /// instead. Returns when it is done, as do the three below. CXDispatchReceiver and CXDispatchTimer call
@@ -113,6 +115,7 @@ private:
 
     bool _push(Item& item) noexcept CX_REALTIME;
     void _wakeThread() CX_REALTIME;
+    bool _bypassIfIdle(Drain drain, BorrowedWork block) CX_REALTIME;
     void _bypass(Drain drain, BorrowedWork block) CX_REALTIME;
     void _waitForRight() noexcept;
     void _becomeOwner() CX_REALTIME;

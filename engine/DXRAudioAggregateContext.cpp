@@ -1,0 +1,172 @@
+#include "DXRAudioAggregateContext.h"
+
+#include "AggregateComposition.h"
+#include "CXPlistAdditions.h"
+#include "CXStringAdditions.h"
+#include "CXValue.h"
+#include "DXRDeviceManager.h"
+#include "DXRDeviceRunner.h"
+#include "QDL.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr int mostWaits = 300;
+constexpr std::chrono::milliseconds wait(10);
+
+/// A random UUID (RFC 4122, version 4) as text.
+std::string newUUID()
+{
+    std::random_device random;
+    uint32_t words[4];
+    for (uint32_t& word : words)
+        word = random();
+    words[1] = (words[1] & 0xFFFF0FFF) | 0x4000;
+    words[2] = (words[2] & 0x3FFFFFFF) | 0x80000000;
+    char text[40];
+    std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%04X%08X", words[0], words[1] >> 16,
+                  words[1] & 0xFFFF, words[2] >> 16, words[2] & 0xFFFF, words[3]);
+    return text;
+}
+
+} // namespace
+
+CXRef<DXRAudioAggregateContext>
+DXRAudioAggregateContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner, const DXRDeviceNodes& nodes,
+                                         Viables viables, const std::vector<std::string>& deviceUIDs)
+{
+    auto context = CXRef<DXRAudioAggregateContext>::adopt(
+        new DXRAudioAggregateContext(runner, nodes, std::move(viables)));
+    context->_deviceUID = _uniqueDeviceUID();
+    context->_deviceID = context->_createAggregateDevice(deviceUIDs, context->_clockDeviceUID(deviceUIDs));
+    if (context->_deviceID == kAudioObjectUnknown)
+        return nullptr;
+    context->_waitForChannels();
+    return context;
+}
+
+DXRAudioAggregateContext::~DXRAudioAggregateContext()
+{
+    _destroyAggregateDevice();
+}
+
+std::string DXRAudioAggregateContext::_uniqueDeviceUID()
+{
+    char prefix[24];
+    std::snprintf(prefix, sizeof prefix, "DXR:%X:", static_cast<unsigned>(getpid()));
+    return prefix + newUUID();
+}
+
+AudioObjectID DXRAudioAggregateContext::_plugInIDFromBundleID(const std::optional<std::string>& bundleID)
+{
+    if (!bundleID)
+        return kAudioObjectUnknown;
+    const CXRef<CXValue> text = CXValue::initWithPlist(*bundleID);
+    const CXObject* input = text.get();
+    AudioObjectID plugInID = kAudioObjectUnknown;
+    AudioValueTranslation translation{&input, sizeof input, &plugInID, sizeof plugInID};
+    uint32_t size = sizeof translation;
+    constexpr AudioObjectPropertyAddress address{kAudioHardwarePropertyPlugInForBundleID,
+                                                 kAudioObjectPropertyScopeGlobal,
+                                                 kAudioObjectPropertyElementMain};
+    const HALStatus status =
+        AudioObjectGetPropertyData(kAudioObjectSystemObject, &address, 0, nullptr, &size, &translation);
+    return status == kAudioHardwareNoError ? plugInID : kAudioObjectUnknown;
+}
+
+/// The first that is the device of a node which can run; parts of aggregates do not count.
+std::optional<std::string>
+DXRAudioAggregateContext::_clockDeviceUID(const std::vector<std::string>& deviceUIDs) const
+{
+    const auto clock = std::ranges::find_if(deviceUIDs, [this](const std::string& uid) {
+        return std::ranges::any_of(
+            _viables, [&](const CXRef<DXRDeviceNode>& node) { return node->device()->deviceUID() == uid; });
+    });
+    return clock == deviceUIDs.end() ? std::nullopt : std::optional(*clock);
+}
+
+AudioObjectID
+DXRAudioAggregateContext::_createAggregateDevice(const std::vector<std::string>& deviceUIDs,
+                                                 const std::optional<std::string>& clockDeviceUID) const
+{
+    CXPlist subdevices = CXPlist::array();
+    for (const std::string& uid : deviceUIDs) {
+        CXPlist subdevice{{aggregateUIDKey, uid}};
+        if (clockDeviceUID && uid != *clockDeviceUID)
+            subdevice["drift"] = 1;
+        subdevices.push_back(std::move(subdevice));
+    }
+    CXPlist description{{aggregateUIDKey, _deviceUID},
+                        {"name", "DXRDeviceAggregate"},
+                        {aggregateSubdevicesKey, std::move(subdevices)},
+                        {"private", 1},
+                        {"stacked", 0}};
+    if (clockDeviceUID)
+        description["master"] = *clockDeviceUID;
+    AudioObjectID deviceID = kAudioObjectUnknown;
+    const HALStatus status =
+        AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(std::move(description)).get(), &deviceID);
+    return status == kAudioHardwareNoError ? deviceID : kAudioObjectUnknown;
+}
+
+void DXRAudioAggregateContext::_destroyAggregateDevice()
+{
+    if (_deviceID != kAudioObjectUnknown)
+        AudioHardwareDestroyAggregateDevice(_deviceID);
+    _deviceID = kAudioObjectUnknown;
+}
+
+void DXRAudioAggregateContext::_waitForChannels() const
+{
+    const auto hasChannels = [this](bool isInput) {
+        return QDLAudioDeviceChannelCount(_deviceID, isInput) > 0;
+    };
+    for (int waits = 0; waits < mostWaits && !hasChannels(true) && !hasChannels(false); ++waits)
+        std::this_thread::sleep_for(wait);
+}
+
+CXPlist DXRAudioAggregateContext::_composition() const
+{
+    return aggregateComposition(_deviceID);
+}
+
+std::vector<uint32_t> DXRAudioAggregateContext::_channelMapForNode(const CXRef<DXRDeviceNode>& node) const
+{
+    std::vector<uint32_t> map;
+    const bool isInput = node->isInput();
+    const auto channelsOf = [isInput](const CXPlist& subdevice, const CXPlist& uid) {
+        const CXRef<DXRDevice> device =
+            uid.is_string()
+                ? DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uid.get<std::string>(), isInput)
+                : nullptr;
+        return device ? device->channelCount()
+                      : static_cast<uint32_t>(safeIntegerForKey(subdevice, aggregateChannelsKey(isInput)));
+    };
+    const auto appendChannelsOf = [&](const std::string& wanted, const CXPlist& subdevices) {
+        uint32_t offset = 0;
+        for (const CXPlist& subdevice : subdevices) {
+            const CXPlist uid = vtObjectForKey(subdevice, aggregateUIDKey, CXPlistKind::String);
+            const uint32_t channels = channelsOf(subdevice, uid);
+            for (uint32_t channel = 1; uid == wanted && channel <= channels; ++channel)
+                map.push_back(offset + channel);
+            if (uid == wanted)
+                return;
+            offset += channels;
+        }
+    };
+    if (_viables.contains(node)) {
+        const CXPlist subdevices = vtObjectForKey(_composition(), aggregateSubdevicesKey, CXPlistKind::Array);
+        for (const std::string& uid : node->deviceUIDs())
+            appendChannelsOf(uid, subdevices);
+    }
+    const uint32_t channelCount = node->device()->channelCount();
+    if (map.size() < channelCount)
+        map.resize(channelCount, 0);
+    return map;
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "CXPlist.h"
+#include "DXRAudioContext.h"
+
+/// Runs nodes of two and more devices from one private aggregate device that it makes of them, and that lives as long
+/// as the context. The first of the devices that a node stands for gives the clock; the others are brought to it.
+class DXR_EXPORT DXRAudioAggregateContext final : public DXRAudioContext {
+public:
+    /// Null when the aggregate cannot be made. Waits, for about three seconds at the longest, until the new device says
+    /// what channels it has.
+    static CXRef<DXRAudioAggregateContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
+                                                          const DXRDeviceNodes& nodes, Viables viables,
+                                                          const std::vector<std::string>& deviceUIDs);
+
+    /// "DXR:", the process ID in hexadecimal, and a UUID that nobody else has.
+    static std::string _uniqueDeviceUID();
+    /// The plug-in of that bundle ID; 0 for none.
+    static AudioObjectID _plugInIDFromBundleID(const std::optional<std::string>& bundleID);
+    /// What the aggregate is made of, as it says itself; null when it does not.
+    CXPlist _composition() const;
+
+protected:
+    const char* className() const override { return "DXRAudioAggregateContext"; }
+    /// A node's own channels within the aggregate's, which lie in the order of its sub-devices.
+    std::vector<uint32_t> _channelMapForNode(const CXRef<DXRDeviceNode>& node) const override;
+
+private:
+    using DXRAudioContext::DXRAudioContext;
+    ~DXRAudioAggregateContext() override;
+
+    std::optional<std::string> _clockDeviceUID(const std::vector<std::string>& deviceUIDs) const;
+    AudioObjectID _createAggregateDevice(const std::vector<std::string>& deviceUIDs,
+                                         const std::optional<std::string>& clockDeviceUID) const;
+    void _destroyAggregateDevice();
+    void _waitForChannels() const;
+};

@@ -1,0 +1,101 @@
+#pragma once
+
+#include "AudioHardware.h"
+#include "DXRAudioIOContext.h"
+#include "DXRDeviceNode.h"
+
+#include <set>
+
+class DXRDeviceRunner;
+
+/// Runs the nodes of a runner from the IO callback of one audio device: a single device here, several as one in
+/// DXRAudioAggregateContext, none in DXRAudioTimerContext. Where the device runs at another frame count or rate than
+/// the runner, a converter stands between. A runner makes one, starts it once, and stops it before it lets it go.
+/// Threads:   as work of the runner's queue; what never changes (deviceID, deviceUID, viableNodes, description) any.
+///            The cycle is on the device's IO thread and counts as work of the queue: DXRAudioIOContext says how.
+/// Real time: the cycle, but for the new converter after the device has changed its frame count or rate.
+/// Owns:      the runner, which owns it, until it is stopped and let go.
+/// Fails:     start() answers false, and the context then does nothing. A device that changes its streams stops and has
+///            the runner start anew.
+class DXR_EXPORT DXRAudioContext : public CXObject {
+public:
+    using Viables = std::set<CXRef<DXRDeviceNode>>;
+
+    /// The context that fits what can run now, not started: an aggregate of several devices, one device, or the timer
+    /// without any. `nodes` are the runner's own and live as long as it. Null when no aggregate can be made.
+    static CXRef<DXRAudioContext> audioContextWithRunner(const CXRef<DXRDeviceRunner>& runner,
+                                                         const DXRDeviceNodes& nodes);
+    /// For one device: that of one of `viables`.
+    static CXRef<DXRAudioContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
+                                                 const DXRDeviceNodes& nodes, Viables viables);
+
+    AudioObjectID deviceID() const noexcept { return _deviceID; } ///< 0 when there is none
+    const std::string& deviceUID() const noexcept { return _deviceUID; }
+    /// The nodes whose devices run in this context.
+    const Viables& viableNodes() const noexcept { return _viables; }
+
+    /// Starts IO; whether the device started. One that refuses the runner's frame count or rate is taken as it is.
+    virtual bool start();
+    /// Ends IO; no node is called once it has returned. Nothing happens when there is none.
+    virtual void stop();
+
+    /// "<DXRAudioContext: address, (ID) UID>", the latter when there is a device.
+    std::string description() const override;
+
+protected:
+    DXRAudioContext(const CXRef<DXRDeviceRunner>& runner, const DXRDeviceNodes& nodes, Viables viables);
+    ~DXRAudioContext() override;
+
+    virtual const char* className() const { return "DXRAudioContext"; }
+
+    // -- Steps of start(), as work of the queue
+
+    virtual bool _frameCount(uint32_t* frameCount) const; ///< of the device; false when it does not say
+    virtual bool _setFrameCount(uint32_t frameCount);
+    virtual bool _sampleRate(double* sampleRate) const
+        CX_REALTIME; ///< Hz; false when the device does not say
+    virtual bool _setSampleRate(double sampleRate);
+    /// For each channel of the node's device the context channel that carries it, from 1; 0 for none.
+    virtual std::vector<uint32_t> _channelMapForNode(const CXRef<DXRDeviceNode>& node) const;
+    /// Starts the nodes, and tells the runner at what rate and frame count.
+    void _startIO();
+    void _stopIO();
+
+    // -- Steps of a cycle
+
+    /// One cycle whose first frame is at `sampleTime` of the device.
+    virtual void _performIO(uint64_t sampleTime, const DXRStreamBuffers& buffers) CX_REALTIME;
+    /// Adds up the channels, and tells how many frames there are by the first buffer that has data; either pointer may
+    /// be null.
+    static void _channelCount(uint32_t* channelCount, uint32_t* frameCount,
+                              const AudioBufferList* streamBuffers) CX_REALTIME;
+    /// Writes an entry for each channel, at most `room`; those of a buffer with less than `frameCount` frames are null.
+    static void _sampleBuffers(DXRChannelEntry* entries, uint32_t room, uint32_t frameCount,
+                               const AudioBufferList* streamBuffers) CX_REALTIME;
+
+    AudioObjectID _deviceID = kAudioObjectUnknown; // both set as the context is made, and not changed after
+    std::string _deviceUID;
+    const DXRDeviceNodes& _nodes; // the runner's
+    const Viables _viables;
+    const CXRef<CXDispatchQueue> _queue; // the runner's
+    const CXRef<DXRDeviceRunner> _runner;
+
+private:
+    CXRef<DXRAudioIOContext> _makeRecord();
+    void _listenForRate(DXRAudioIOContext& record) const;
+    void _askForFormat();
+    static void _callback(DXRAudioContext& context, DXRAudioIOContext& record, const AudioTimeStamp* now,
+                          const DXRStreamBuffers& buffers) noexcept CX_REALTIME;
+    static void _takeTurn(DXRAudioContext& context, DXRAudioIOContext& record, bool isHere) noexcept
+        CX_REALTIME;
+    static void _sayFarewell(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID);
+    static void _endCallback(DXRAudioIOContext& record, AudioObjectID deviceID);
+
+    bool _followRate(DXRAudioIOContext& record, uint64_t sampleTime, double* sampleRate) const noexcept
+        CX_REALTIME;
+    void _leaveForNewLayout(DXRAudioIOContext& record) CX_REALTIME;
+    DXRAudioConverter* _converterFor(DXRAudioIOContext& record) const CX_REALTIME;
+    void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2]) CX_REALTIME;
+
+    CXRef<DXRAudioIOContext> _iocontext CX_OWNED_BY_QUEUE(_queue); // null while no callback is installed
+};

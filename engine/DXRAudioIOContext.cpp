@@ -1,0 +1,69 @@
+#include "DXRAudioIOContext.h"
+
+#include "Futex.h"
+#include "HostClock.h"
+
+using platform::Futex;
+
+namespace {
+
+// Far beyond any honest work of the queue: it is there to break a circle, when somebody waits for the hardware there.
+constexpr uint64_t patienceTicks =
+    500'000'000 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
+
+} // namespace
+
+bool DXRAudioIOContext::enter() noexcept
+{
+    uint32_t nobody = 0;
+    return unsafe.compare_exchange_strong(nobody, 1);
+}
+
+void DXRAudioIOContext::waitForTurn(CXDispatchQueue& queue) noexcept
+{
+    _turn.store(Waiting);
+    queue.dispatchAsync(CXDispatchHousekeepingLane, turn);
+    if (unsafe.load() >= 2)
+        _abandonTurn();
+    const CXRealtimeExemption exemption("the queue is busy, and it is what keeps cycles and changes apart");
+    const uint64_t deadline = platform::HostClock::nowTicks() + patienceTicks;
+    for (uint32_t seen = _turn.load(); seen == Waiting || seen == Running; seen = _turn.load()) {
+        const bool isInTime = Futex::wait(_turn, seen, seen == Waiting ? deadline : Futex::noDeadline);
+        if (!isInTime && _abandonTurn())
+            return;
+    }
+}
+
+bool DXRAudioIOContext::claimTurn() noexcept
+{
+    uint32_t waiting = Waiting;
+    return _turn.compare_exchange_strong(waiting, Running);
+}
+
+void DXRAudioIOContext::finishTurn() noexcept
+{
+    // The record outlives the wake-up: the work that calls this holds it.
+    _turn.store(Done);
+    Futex::wakeOne(&_turn);
+}
+
+bool DXRAudioIOContext::_abandonTurn() noexcept
+{
+    uint32_t waiting = Waiting;
+    return _turn.compare_exchange_strong(waiting, Abandoned);
+}
+
+bool DXRAudioIOContext::stopCycles() noexcept
+{
+    if (unsafe.fetch_add(1) == 0)
+        return true;
+    if (_abandonTurn())
+        Futex::wakeOne(&_turn);
+    return false;
+}
+
+void DXRAudioIOContext::forgetWork()
+{
+    turn = nullptr;
+    farewell = nullptr;
+}

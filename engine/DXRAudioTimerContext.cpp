@@ -1,0 +1,101 @@
+#include "DXRAudioTimerContext.h"
+
+#include "CXErrorAdditions.h"
+#include "DXRDeviceRunner.h"
+#include "LogSink.h"
+#include "autimebase.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+namespace {
+
+constexpr std::nullptr_t nil = nullptr;
+constexpr uint32_t defaultFrameCount = 512;
+constexpr double defaultSampleRate = 44100.0;
+
+} // namespace
+
+CXRef<DXRAudioTimerContext> DXRAudioTimerContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner,
+                                                                 const DXRDeviceNodes& nodes, Viables viables)
+{
+    return CXRef<DXRAudioTimerContext>::adopt(new DXRAudioTimerContext(runner, nodes, std::move(viables)));
+}
+
+bool DXRAudioTimerContext::start()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    CX_ASSERT(_timer == nil);
+    _frames = _runner->frameCount() != 0 ? _runner->frameCount() : defaultFrameCount;
+    _rate = _runner->sampleRate() != 0.0 ? _runner->sampleRate() : defaultSampleRate;
+    _framesElapsed = 0;
+    // Not rounded to cycles: about a second's worth of frames, in which the first fires may find their pace.
+    const double frames = _frames;
+    _discontinuityThreshold = static_cast<uint64_t>((_rate + (frames - 1)) / frames * frames);
+    _clock.reset(auclock_create(autimebase_abstime(), _runner->sampleTime(), _rate));
+    _timer = CXDispatchTimer::init();
+    CX_ASSERT(_clock && _timer);
+    _timer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
+        if (const CXRef<DXRAudioTimerContext> self = weak.lock())
+            self->_fire();
+    });
+    const uint64_t now = auclock_abstime_to_sampletime(_clock.get(), autimebase_abstime());
+    _nextSampleTime = _frames * (now / _frames + 1);
+    _timer->setDispatchQueue(_queue);
+    _timer->setTimeoutAbsolute(auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime), 0);
+    _startIO();
+    return true;
+}
+
+void DXRAudioTimerContext::stop()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (!_timer)
+        return;
+    _timer->cancel();
+    _timer = nullptr;
+    _clock.reset();
+    _stopIO();
+}
+
+bool DXRAudioTimerContext::_frameCount(uint32_t* frameCount) const
+{
+    *frameCount = _frames;
+    return true;
+}
+
+bool DXRAudioTimerContext::_sampleRate(double* sampleRate) const
+{
+    *sampleRate = _rate;
+    return true;
+}
+
+void DXRAudioTimerContext::_fire()
+{
+    const uint64_t now = auclock_abstime_to_sampletime(_clock.get(), autimebase_abstime());
+    const uint64_t cycle = now - now % _frames;
+    if (_framesElapsed > _discontinuityThreshold && cycle != _nextSampleTime) {
+        const auto difference = [](uint64_t a, uint64_t b) { return static_cast<int64_t>(a - b); };
+        char text[200];
+        std::snprintf(text, sizeof text,
+                      ": Timer clock discontinuity: %" PRIu64 " -> %" PRIu64 " (%" PRId64 "), %" PRIu64
+                      " -> %" PRIu64 " (%" PRId64 ")\n",
+                      cycle, _nextSampleTime, difference(cycle, _nextSampleTime), _nextSampleTime, now,
+                      difference(now, _nextSampleTime));
+        platform::LogSink::log(description() + text);
+    }
+    _framesElapsed += _frames;
+    _nextSampleTime = cycle + _frames;
+    const CXRealtimeScope realtime;
+    _timer->setTimeoutAbsolute(auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime), 0);
+    _performIO(cycle);
+}
+
+void DXRAudioTimerContext::_performIO(uint64_t sampleTime) noexcept
+{
+    for (const auto& direction : _nodes) {
+        for (const CXRef<DXRDeviceNode>& node : direction)
+            node->performIOWithSampleTime(sampleTime, nullptr);
+    }
+    _runner->setSampleTime(sampleTime + _frames);
+}

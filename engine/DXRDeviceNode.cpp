@@ -1,0 +1,132 @@
+#include "DXRDeviceNode.h"
+
+#include "CXErrorAdditions.h"
+#include "DXRDeviceAggregateNode.h"
+#include "DXRDeviceRunner.h"
+#include "FrameCopy.h"
+#include "LogSink.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+constexpr uint64_t mostSamples = uint64_t{1} << 26; // of a buffer: a quarter of a gigabyte
+
+/// For a block that threw: says so, and ends the process. Nothing is left to go on with: the cycle is lost, and so is
+/// what the block meant to do.
+[[noreturn]] void endOfThrowingBlock(const DXRDeviceNode& node, const char* what) noexcept
+{
+    const CXRealtimeExemption exemption("the process ends");
+    platform::LogSink::log("Error: The IO block of " + node.description() + " threw an exception (" + what +
+                           "). The process ends.");
+    std::abort();
+}
+
+} // namespace
+
+CXRef<DXRDeviceNode> DXRDeviceNode::nodeWithDevice(const CXRef<DXRDevice>& device,
+                                                   const std::optional<Channels>& channels,
+                                                   const DXRIOBlock& ioblock)
+{
+    if (!device)
+        return nullptr;
+    if (device->isAggregate())
+        return DXRDeviceAggregateNode::initWithDevice(device, channels, ioblock);
+    return initWithDevice(device, channels, ioblock);
+}
+
+CXRef<DXRDeviceNode> DXRDeviceNode::initWithDevice(const CXRef<DXRDevice>& device,
+                                                   const std::optional<Channels>& channels,
+                                                   const DXRIOBlock& ioblock)
+{
+    return device ? CXRef<DXRDeviceNode>::adopt(new DXRDeviceNode(device, channels, ioblock)) : nullptr;
+}
+
+DXRDeviceNode::DXRDeviceNode(const CXRef<DXRDevice>& device, const std::optional<Channels>& channels,
+                             const DXRIOBlock& ioblock)
+    : _device(device), _isInput(device->isInput()), _ioblock(ioblock),
+      _channels(channels ? *channels : device->preferredStereoChannels())
+{}
+
+DXRDeviceNode::~DXRDeviceNode() = default;
+
+CXRef<DXRDeviceRunner> DXRDeviceNode::runner() const
+{
+    return _runner.lock();
+}
+
+void DXRDeviceNode::setRunner(const CXRef<DXRDeviceRunner>& runner)
+{
+    _runner = runner;
+}
+
+std::vector<std::string> DXRDeviceNode::deviceUIDs() const
+{
+    return {_device->deviceUID()};
+}
+
+bool DXRDeviceNode::isViable() const
+{
+    return _ioblock && _device->isConnected();
+}
+
+void DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount,
+                                          std::span<const uint32_t> channelMap)
+{
+    if (!_ioblock || uint64_t{frameCount} * _channels.size() > mostSamples)
+        return;
+    const uint32_t deviceChannels = _device->channelCount();
+    Channels map;
+    _usageMap.clear();
+    for (const uint32_t channel : _channels) {
+        const uint32_t index = channel - 1; // of channel 0 a number that no device has
+        const uint32_t entry = index < deviceChannels && index < channelMap.size() ? channelMap[index] : 0;
+        map.push_back(entry);
+        if (entry != 0 && std::ranges::find(_usageMap, entry) == _usageMap.end())
+            _usageMap.push_back(entry);
+    }
+    _channelMap = std::move(map);
+    _buffer = DXRBuffer::initWithSampleRate(sampleRate, frameCount, static_cast<uint32_t>(_channels.size()));
+}
+
+void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) noexcept
+{
+    if (!_ioblock || !_channelMap)
+        return;
+    const FrameBlock frames{_buffer->samples(), _buffer->channelCount(), _buffer->frameCount()};
+    if (samples && _isInput)
+        copyEntriesToFrames(samples, *_channelMap, frames);
+    else if (samples)
+        copyFramesToEntries(frames, *_channelMap, samples);
+    else if (_isInput)
+        _buffer->mute();
+    _callBlock(sampleTime);
+}
+
+void DXRDeviceNode::stopIO()
+{
+    _channelMap.reset();
+    _usageMap.clear();
+    _buffer = nullptr;
+}
+
+void DXRDeviceNode::_callBlock(uint64_t sampleTime) noexcept
+{
+    try {
+        _ioblock(sampleTime, *_buffer);
+    } catch (const std::exception& exception) {
+        endOfThrowingBlock(*this, exception.what());
+    } catch (...) {
+        endOfThrowingBlock(*this, "of an unknown kind");
+    }
+}
+
+std::string DXRDeviceNode::description() const
+{
+    char text[80];
+    std::snprintf(text, sizeof text, "<%s: %p, %s, ", className(), static_cast<const void*>(this),
+                  _isInput ? "input" : "output");
+    return text + _device->deviceUID() + ">";
+}

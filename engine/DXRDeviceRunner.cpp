@@ -1,0 +1,438 @@
+#include "DXRDeviceRunner.h"
+
+#include "CXErrorAdditions.h"
+#include "DXRAudioContext.h"
+#include "DXRDeviceManager.h"
+#include "QDL.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+
+namespace {
+
+constexpr size_t notFound = std::numeric_limits<int64_t>::max();
+
+DXRDeviceManager& manager()
+{
+    return DXRDeviceManager::sharedDeviceManager();
+}
+
+} // namespace
+
+// ---- Life
+
+CXRef<DXRDeviceRunner> DXRDeviceRunner::init()
+{
+    CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
+    if (!queue)
+        return nullptr;
+    queue->setRealTime();
+    auto runner = CXRef<DXRDeviceRunner>::adopt(new DXRDeviceRunner(std::move(queue)));
+    runner->_kvo->updateAllValues();
+    return runner;
+}
+
+DXRDeviceRunner::DXRDeviceRunner(CXRef<CXDispatchQueue> queue)
+    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _queue(std::move(queue))
+{}
+
+DXRDeviceRunner::~DXRDeviceRunner() CX_UNCHECKED_QUEUE // nobody else has it any more
+{
+    for (const DeviceNotifierEntry& entry : _deviceNotifierMap)
+        manager().removeDeviceNotifier(entry.wrapper);
+    _queue->cancel();
+}
+
+std::span<const DXRKVOProperty> DXRDeviceRunner::_observableProperties() noexcept
+{
+    using Runner = DXRDeviceRunner;
+    static constexpr std::array properties{
+        DXRKVOProperty::of<&Runner::frameCount, &Runner::_kvo_frameCount>("frameCount"),
+        DXRKVOProperty::of<&Runner::sampleRate, &Runner::_kvo_sampleRate>("sampleRate"),
+        DXRKVOProperty::of<&Runner::devices, &Runner::_kvo_devices>("devices"),
+        DXRKVOProperty::of<&Runner::activeDevices, &Runner::_kvo_activeDevices>("activeDevices"),
+        DXRKVOProperty::of<&Runner::isRunning, &Runner::_kvo_isRunning>("isRunning"),
+    };
+    return properties;
+}
+
+// ---- Frame count and rate
+
+uint32_t DXRDeviceRunner::frameCount() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_frameCount : frameCountOfIO();
+}
+
+double DXRDeviceRunner::sampleRate() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_sampleRate : sampleRateOfIO();
+}
+
+bool DXRDeviceRunner::setFrameCount(uint32_t frameCount)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    return frameCount <= mostFrames && _request(_frameCounts, frameCount, "frameCount");
+}
+
+bool DXRDeviceRunner::setSampleRate(double sampleRate)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    return (sampleRate == 0.0 || QDLAudioDeviceSampleRateIsValid(sampleRate)) &&
+           _request(_sampleRates, sampleRate, "sampleRate");
+}
+
+template <class Value>
+bool DXRDeviceRunner::_request(std::array<std::atomic<Value>, 2>& values, Value value, const char* key)
+{
+    bool isAccepted = false;
+    _queue->dispatchSync([&] {
+        if (_running)
+            return;
+        values[0] = value;
+        _kvo->updateValueForKey(key);
+        isAccepted = true;
+    });
+    return isAccepted;
+}
+
+// ---- Devices
+
+DXRDeviceRunner::Devices DXRDeviceRunner::devices() const
+{
+    if (_kvo->isUpdateInProgress())
+        return _kvo_devices.value_or(Devices());
+    Devices devices;
+    _queue->dispatchSyncImmed([&] {
+        for (const auto& direction : _nodes) {
+            for (const CXRef<DXRDeviceNode>& node : direction)
+                devices.insert(node->device());
+        }
+    });
+    return devices;
+}
+
+DXRDeviceRunner::Devices DXRDeviceRunner::activeDevices() const
+{
+    if (_kvo->isUpdateInProgress())
+        return _kvo_activeDevices.value_or(Devices());
+    Devices devices;
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        for (const auto& direction : _nodes) {
+            for (const CXRef<DXRDeviceNode>& node : direction) {
+                if (_isViable(node))
+                    devices.insert(node->device());
+            }
+        }
+    });
+    return devices;
+}
+
+bool DXRDeviceRunner::addDevice(const CXRef<DXRDevice>& device, const std::optional<Channels>& channels,
+                                const DXRIOBlock& ioblock)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    if (!device || !ioblock)
+        return false;
+    bool isAdded = false;
+    _queue->dispatchSync([&] {
+        if (_nodeForDevice(device, nullptr))
+            return;
+        const CXRef<DXRDeviceNode> node = DXRDeviceNode::nodeWithDevice(device, channels, ioblock);
+        _stopDispatchStart([&] {
+            _nodes[node->isInput() ? 0 : 1].push_back(node);
+            node->setRunner(CXRef(this));
+        });
+        _propertiesChanged();
+        isAdded = true;
+    });
+    return isAdded;
+}
+
+void DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    if (!device)
+        return;
+    _queue->dispatchSync([&] {
+        size_t index = notFound;
+        const CXRef<DXRDeviceNode> node = _nodeForDevice(device, &index);
+        if (!node)
+            return;
+        _stopDispatchStart([&] {
+            node->setRunner(nullptr);
+            auto& nodes = _nodes[node->isInput() ? 0 : 1];
+            nodes.erase(nodes.begin() + static_cast<std::ptrdiff_t>(index));
+        });
+        _propertiesChanged();
+    });
+}
+
+CXRef<DXRDeviceNode> DXRDeviceRunner::_nodeForDevice(const CXRef<DXRDevice>& device, size_t* index) const
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (index)
+        *index = notFound;
+    if (!device)
+        return nullptr;
+    const auto& nodes = _nodes[device->isInput() ? 0 : 1];
+    const auto found = std::ranges::find(nodes, device, &DXRDeviceNode::device);
+    if (found == nodes.end())
+        return nullptr;
+    if (index)
+        *index = static_cast<size_t>(found - nodes.begin());
+    return *found;
+}
+
+// ---- Running
+
+bool DXRDeviceRunner::isRunning() const
+{
+    return _kvo->isUpdateInProgress() ? _kvo_isRunning : _running.load();
+}
+
+void DXRDeviceRunner::start()
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    _queue->dispatchSync([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        if (_running)
+            return;
+        _running = true;
+        _deviceNotifier = [weak = CXWeak(*this)](const Devices& connected, const Devices& disconnected,
+                                                 const Devices& /*updated*/) {
+            if (const CXRef<DXRDeviceRunner> strongSelf = weak.lock())
+                strongSelf->_devicesChanged(connected, disconnected);
+        };
+        addDeviceNotifier(_deviceNotifier);
+        _start();
+        _propertiesChanged();
+    });
+}
+
+void DXRDeviceRunner::stop()
+{
+    if (_queue->isDispatchedOnCurrentThread())
+        _queue->dispatchAsync([self = CXRef(this)] { self->_stopRunning(); });
+    else
+        _queue->dispatchSync([&] { _stopRunning(); });
+}
+
+void DXRDeviceRunner::_stopRunning()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (!_running)
+        return;
+    removeDeviceNotifier(_deviceNotifier);
+    _deviceNotifier = nullptr;
+    _stop();
+    _frameCounts[1] = 0;
+    _sampleRates[1] = 0.0;
+    _sampleTime = 0;
+    _running = false;
+    _propertiesChanged();
+}
+
+void DXRDeviceRunner::_start()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes);
+    if (_context)
+        _context->start();
+}
+
+void DXRDeviceRunner::_stop()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (_context)
+        _context->stop();
+    _context = nullptr;
+}
+
+void DXRDeviceRunner::_stopDispatchStart(CXBlockRef<void()> block)
+{
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        if (_running)
+            _stop();
+        if (block)
+            block();
+        if (_running)
+            _start();
+    });
+}
+
+void DXRDeviceRunner::audioContextDidStartWithSampleRate(double sampleRate, uint32_t frameCount)
+{
+    if (_frameCounts[1] != 0)
+        return;
+    _frameCounts[1] = frameCount;
+    _sampleRates[1] = sampleRate;
+    _propertiesChanged();
+}
+
+void DXRDeviceRunner::audioContextDidStopFromConfigChange()
+{
+    _stopDispatchStart(nullptr);
+    _propertiesChanged();
+}
+
+void DXRDeviceRunner::_devicesChanged(const Devices& connected, const Devices& disconnected)
+{
+    DXRDeviceRunner* const strongSelf = this; // as the assertion calls it
+    CX_ASSERT(strongSelf->_running);
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (!_shouldRestartForDevicesConnected(connected, disconnected))
+        return;
+    _stopDispatchStart(nullptr);
+    _propertiesChanged();
+}
+
+bool DXRDeviceRunner::_shouldRestartForDevicesConnected(const Devices& connected,
+                                                        const Devices& disconnected) const
+{
+    for (const auto& direction : _nodes) {
+        for (const CXRef<DXRDeviceNode>& node : direction) {
+            if ((_isViable(node) ? disconnected : connected).contains(node->device()))
+                return true;
+        }
+    }
+    return false;
+}
+
+bool DXRDeviceRunner::_isViable(const CXRef<DXRDeviceNode>& node) const
+{
+    return _context && _context->viableNodes().contains(node);
+}
+
+// ---- Following
+
+void DXRDeviceRunner::setNotifier(const CXRef<platform::WorkQueue>& queue, const Notifier& block)
+{
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        _notifierQueue = queue;
+        _notifierBlock = block;
+    });
+}
+
+void DXRDeviceRunner::addDeviceNotifier(const DeviceNotifier& block)
+{
+    if (!block)
+        return;
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        if (_notifierEntry(block))
+            return;
+        const DeviceNotifier wrapper = _wrapped(block);
+        _deviceNotifierMap.push_back({block, wrapper});
+        manager().addDeviceNotifier(nullptr, wrapper);
+    });
+}
+
+void DXRDeviceRunner::removeDeviceNotifier(const DeviceNotifier& block)
+{
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        DeviceNotifierEntry* const entry = _notifierEntry(block);
+        if (!entry)
+            return;
+        const DeviceNotifier wrapper = entry->wrapper;
+        _deviceNotifierMap.erase(_deviceNotifierMap.begin() + (entry - _deviceNotifierMap.data()));
+        manager().removeDeviceNotifier(wrapper);
+    });
+}
+
+DXRDeviceRunner::DeviceNotifierEntry* DXRDeviceRunner::_notifierEntry(const DeviceNotifier& block)
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    const auto found = std::ranges::find(_deviceNotifierMap, block, &DeviceNotifierEntry::block);
+    return found == _deviceNotifierMap.end() ? nullptr : &*found;
+}
+
+/// What the manager calls, on its own queue, for a caller's block: it only hops onto the runner's queue.
+DXRDeviceRunner::DeviceNotifier DXRDeviceRunner::_wrapped(const DeviceNotifier& block)
+{
+    return [weak = CXWeak(*this), block](const Devices& connected, const Devices& disconnected,
+                                         const Devices& changed) {
+        const CXRef<DXRDeviceRunner> strongSelf = weak.lock();
+        if (!strongSelf)
+            return;
+        CX_ASSERT_NOT_ON_QUEUE(strongSelf->_queue);
+        strongSelf->_queue->dispatchAsync([weak, block, connected, disconnected, changed] {
+            const CXRef<DXRDeviceRunner> runner = weak.lock();
+            if (runner && runner->_notifierEntry(block))
+                block(connected, disconnected, changed);
+        });
+    };
+}
+
+CXRef<DXRPropertyListener>
+DXRDeviceRunner::propertyListenerWithObjectID(AudioObjectID objectID, const AudioObjectPropertyAddress* addr,
+                                              const CXRef<CXObject>& target,
+                                              const DXRPropertyListener::Block& block)
+{
+    const auto wrapper = [weakTarget = CXWeak(target), block](const CXRef<CXObject>& runner,
+                                                              const AudioObjectPropertyAddress* changed) {
+        // By value: the caller's address is gone when the queue comes to it.
+        const auto call = [weakTarget, block, address = *changed] {
+            if (const CXRef<CXObject> strongTarget = weakTarget.lock(); strongTarget && block)
+                block(strongTarget, &address);
+        };
+        const CXRef<CXDispatchQueue>& queue = static_cast<DXRDeviceRunner&>(*runner)._queue;
+        if (queue->isDispatchedOnCurrentThread())
+            call();
+        else
+            queue->dispatchAsync(call);
+    };
+    return DXRPropertyListener::initWithObjectID(objectID, addr, nullptr, CXRef<CXObject>(this), wrapper);
+}
+
+void DXRDeviceRunner::_propertiesChanged()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    std::string signature = _stateSignature();
+    if (signature == _signature)
+        return;
+    _signature = std::move(signature);
+    if (const Notifier notifier = _notifierBlock) {
+        if (_notifierQueue)
+            _notifierQueue->async(notifier);
+        else
+            notifier();
+    }
+    _kvo->updateAllValues();
+}
+
+/// "1@512/48000[1@7F9A1C0(1/2):1@7F9A2E0(1/2)]": running, frames, rate; for each node whether it is viable, its device,
+/// and its channels, 0 for one that is not in use. Channels are looked up by their own number although the usage map
+/// lists context channels: it is all the same for telling one state from another.
+std::string DXRDeviceRunner::_stateSignature() const
+{
+    char text[80];
+    std::snprintf(text, sizeof text, "%d@%u/%g", _running ? 1 : 0, frameCount(), sampleRate());
+    std::string signature = std::string(text) + "[";
+    const char* separator = "";
+    for (const auto& direction : _nodes) {
+        auto nodes = direction;
+        std::ranges::sort(nodes, {}, [](const CXRef<DXRDeviceNode>& node) { return node->device(); });
+        for (const CXRef<DXRDeviceNode>& node : nodes) {
+            const bool isViable = _isViable(node);
+            const Channels usageMap = node->usageMap();
+            std::snprintf(text, sizeof text, "%s%d@%lX(", separator, isViable ? 1 : 0,
+                          reinterpret_cast<unsigned long>(node->device().get()));
+            signature += text;
+            separator = "";
+            for (const uint32_t channel : node->channels()) {
+                const uint32_t index = channel - 1; // of channel 0 beyond every map
+                const bool isUsed = isViable && index < usageMap.size() && usageMap[index] != 0;
+                signature += separator + std::to_string(isUsed ? channel : 0);
+                separator = "/";
+            }
+            signature += ")";
+            separator = ":";
+        }
+    }
+    return signature + "]";
+}

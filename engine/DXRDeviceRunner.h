@@ -1,0 +1,160 @@
+#pragma once
+
+#include "CXDispatchQueue.h"
+#include "DXRDeviceManagerNotifier.h"
+#include "DXRDeviceNode.h"
+#include "DXRKVOHelper.h"
+#include "DXRPropertyListener.h"
+
+#include <atomic>
+#include <set>
+
+class DXRAudioContext;
+
+/// Runs audio on one or several devices at once, at one frame count and sample rate: the application adds devices, each
+/// with the channels it wants and a block that is called once a cycle, and starts. Devices may be absent, come and go,
+/// or run at another frame count or rate; the blocks are called all the same, by a timer when no device is there at all.
+///
+/// Where neither was asked for, frame count and rate are those of the devices that IO starts with, 512 frames at
+/// 44100 Hz without any, and stay until stop().
+/// Observable keys, by kvo(): frameCount, sampleRate, devices, activeDevices, isRunning.
+/// Threads:   any. What changes the runner waits for its queue; on the queue, that is from its notifiers and, without any
+///            device, from IO blocks, it asserts, except stop(), which then is for later, setNotifier() and the device
+///            notifiers. Waiting for the queue while holding DXRDeviceManager::lock() may be for ever. Observers are
+///            called on the main thread.
+/// Real time: sampleTime(). IO blocks are called on the IO thread of a device, or on the queue, one at a time.
+/// Owns:      its devices' nodes, and while it runs itself: stop it before letting it go.
+/// Fails:     what cannot be done answers false. A device that refuses to start leaves the runner without IO until its
+///            devices next change.
+class DXR_EXPORT DXRDeviceRunner final : public CXObject {
+public:
+    using Devices = DXRDeviceManagerNotifier::Devices;
+    using Channels = DXRDeviceNode::Channels;
+    using Notifier = CXBlock<void()>;
+    using DeviceNotifier = DXRDeviceManagerNotifier::Block;
+    /// Of a cycle: far more than makes sense, and little enough for buffers to be made.
+    static constexpr uint32_t mostFrames = 1U << 20;
+
+    /// Null when the system has no thread to give.
+    static CXRef<DXRDeviceRunner> init();
+
+    // -- Frame count and rate, in effect while it runs, else as asked for
+
+    uint32_t frameCount() const; ///< frames a cycle; 0 when nothing was asked for and it does not run
+    double sampleRate() const;   ///< Hz; 0.0 as above
+    /// False while it runs, and for more than mostFrames. 0 leaves it to the devices.
+    bool setFrameCount(uint32_t frameCount);
+    /// False while it runs, and for what is no rate (QDLAudioDeviceSampleRateIsValid()) but 0.0, which leaves it to the
+    /// devices.
+    bool setSampleRate(double sampleRate);
+
+    // -- Devices
+
+    /// Adds a device with the block that is called for it; `channels`, from 1, are its preferred stereo channels if not
+    /// given. A running runner stops for a moment. False without a device or block, and when the device is there already.
+    bool addDevice(const CXRef<DXRDevice>& device, const std::optional<Channels>& channels,
+                   const DXRIOBlock& ioblock);
+    /// Nothing happens when it is not there.
+    void removeDevice(const CXRef<DXRDevice>& device);
+    Devices devices() const;
+    /// Those that run now.
+    Devices activeDevices() const;
+
+    // -- Running
+
+    bool isRunning() const;
+    /// Nothing happens when it runs already.
+    void start();
+    /// No block is called once it has returned; called on the queue, it takes effect a little later. Nothing happens when
+    /// it does not run.
+    void stop();
+    /// Frames since start(), of the next cycle; 0 when stopped.
+    uint64_t sampleTime() const noexcept CX_REALTIME { return _sampleTime.load(std::memory_order_relaxed); }
+
+    // -- Following
+
+    /// Calls `block` whenever something observable has changed: on `queue`, or on the runner's own without one. Replaces
+    /// the one before; an empty block is none.
+    void setNotifier(const CXRef<platform::WorkQueue>& queue, const Notifier& block);
+    /// Calls `block` on the runner's queue when devices of the computer come, go or change, as a notifier of the device
+    /// manager would be. The same block is added once. Never called after its removal.
+    void addDeviceNotifier(const DeviceNotifier& block);
+    void removeDeviceNotifier(const DeviceNotifier& block);
+    /// A listener, not started, that calls `block` on the runner's queue. The caller keeps it.
+    CXRef<DXRPropertyListener> propertyListenerWithObjectID(AudioObjectID objectID,
+                                                            const AudioObjectPropertyAddress* addr,
+                                                            const CXRef<CXObject>& target,
+                                                            const DXRPropertyListener::Block& block);
+    const CXRef<DXRKVOHelper>& kvo() const noexcept { return _kvo; }
+    const CXRef<CXDispatchQueue>& queue() const noexcept { return _queue; }
+
+    // -- For contexts, in a cycle or on the queue
+
+    void setSampleTime(uint64_t sampleTime) noexcept CX_REALTIME
+    {
+        _sampleTime.store(sampleTime, std::memory_order_relaxed);
+    }
+    /// As frameCount() and sampleRate() outside announcements.
+    uint32_t frameCountOfIO() const noexcept CX_REALTIME { return _inEffectElseRequested(_frameCounts); }
+    double sampleRateOfIO() const noexcept CX_REALTIME { return _inEffectElseRequested(_sampleRates); }
+    /// IO has started; the first time after start() these are in effect until stop().
+    void audioContextDidStartWithSampleRate(double sampleRate, uint32_t frameCount);
+    /// The device has changed its streams: a new context is wanted.
+    void audioContextDidStopFromConfigChange();
+
+private:
+    struct DeviceNotifierEntry {
+        DeviceNotifier block;   // the caller's
+        DeviceNotifier wrapper; // what the manager has
+    };
+
+    explicit DXRDeviceRunner(CXRef<CXDispatchQueue> queue);
+    ~DXRDeviceRunner() override;
+
+    static std::span<const DXRKVOProperty> _observableProperties() noexcept;
+
+    template <class Value>
+    static Value _inEffectElseRequested(const std::array<std::atomic<Value>, 2>& values) noexcept
+    {
+        const Value inEffect = values[1].load(std::memory_order_relaxed);
+        return inEffect != 0 ? inEffect : values[0].load(std::memory_order_relaxed);
+    }
+    template <class Value>
+    bool _request(std::array<std::atomic<Value>, 2>& values, Value value, const char* key);
+
+    void _start() CX_ON_QUEUE(_queue);
+    void _stop() CX_ON_QUEUE(_queue);
+    void _stopRunning();
+    void _stopDispatchStart(CXBlockRef<void()> block);
+    bool _shouldRestartForDevicesConnected(const Devices& connected, const Devices& disconnected) const
+        CX_ON_QUEUE(_queue);
+    void _devicesChanged(const Devices& connected, const Devices& disconnected);
+    CXRef<DXRDeviceNode> _nodeForDevice(const CXRef<DXRDevice>& device, size_t* index) const;
+    DeviceNotifierEntry* _notifierEntry(const DeviceNotifier& block);
+    DeviceNotifier _wrapped(const DeviceNotifier& block);
+    void _propertiesChanged();
+    std::string _stateSignature() const CX_ON_QUEUE(_queue);
+    bool _isViable(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
+
+    const CXRef<DXRKVOHelper> _kvo;
+    // What observers were told last; written and read on the main thread.
+    uint32_t _kvo_frameCount = 0;
+    double _kvo_sampleRate = 0.0;
+    std::optional<Devices> _kvo_devices;
+    std::optional<Devices> _kvo_activeDevices;
+    bool _kvo_isRunning = false;
+
+    const CXRef<CXDispatchQueue> _queue;
+    // Everything below is changed as work of the queue. What getters and cycles read too is atomic, each for itself.
+    CXRef<platform::WorkQueue> _notifierQueue CX_OWNED_BY_QUEUE(_queue);
+    Notifier _notifierBlock CX_OWNED_BY_QUEUE(_queue);
+    std::array<std::atomic<uint32_t>, 2> _frameCounts{}; // requested, and in effect: 0 while stopped
+    std::array<std::atomic<double>, 2> _sampleRates{};   // the same, in Hz
+    std::atomic<uint64_t> _sampleTime{0};                // written by cycles; by stop once there is none
+    std::atomic<bool> _running{false};
+    DXRDeviceNodes _nodes;                            // not changed while a context has them
+    std::string _signature CX_OWNED_BY_QUEUE(_queue); // of the state last published
+    std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
+    DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
+    CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped
+};

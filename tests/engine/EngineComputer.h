@@ -1,0 +1,36 @@
+#pragma once
+
+#include "CXDispatchQueue.h"
+#include "DXRAudioContext.h"
+#include "DXRDeviceRunner.h"
+#include "ManagedComputer.h"
+
+/// A simulated computer with a runner.
+class EngineComputer : public ManagedComputer {
+protected:
+    ~EngineComputer() override
+    {
+        runner->stop();
+        settleEngine();
+    }
+
+    /// Waits until every change so far has been through the manager and the runner.
+    void settleEngine()
+    {
+        settle();
+        runner->queue()->dispatchSync([] {});
+        settleHardware();
+    }
+    void plugged(const SimulatedDeviceBuilder& device)
+    {
+        plug(device);
+        settleEngine();
+    }
+    void unplugged(const std::string& uid)
+    {
+        unplug(uid);
+        settleEngine();
+    }
+
+    const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
+};

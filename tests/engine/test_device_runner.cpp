@@ -1,0 +1,317 @@
+#include "CXException.h"
+#include "DXRAudioTimerContext.h"
+#include "EngineComputer.h"
+#include "SerialQueue.h"
+
+#include <functional>
+#include <future>
+
+namespace {
+
+using Channels = DXRDeviceRunner::Channels;
+
+const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
+
+class DXRDeviceRunnerTest : public EngineComputer {
+protected:
+    static SimulatedDeviceBuilder headset()
+    {
+        return aDevice().uid("headset").name("Headset").inputs(1).outputs(2);
+    }
+};
+
+std::string reasonOf(const std::function<void()>& body)
+{
+    try {
+        body();
+    } catch (const CXException& exception) {
+        return exception.reason().value_or("");
+    }
+    return "(none)";
+}
+
+TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
+{
+    EXPECT_EQ(runner->frameCount(), 0U);
+    EXPECT_EQ(runner->sampleRate(), 0.0);
+    plugged(headset());
+    ASSERT_TRUE(runner->addDevice(device("headset", output), std::nullopt, idle));
+    runner->start();
+    runner->start();
+    EXPECT_TRUE(runner->isRunning());
+    EXPECT_EQ(runner->frameCount(), 512U) << "the device's";
+    EXPECT_EQ(runner->sampleRate(), 48000.0);
+    EXPECT_FALSE(runner->setFrameCount(64));
+    EXPECT_FALSE(runner->setSampleRate(44100));
+    EXPECT_EQ(runner->frameCount(), 512U);
+    runner->stop();
+    runner->stop();
+    EXPECT_FALSE(runner->isRunning());
+    EXPECT_EQ(runner->frameCount(), 0U);
+
+    EXPECT_TRUE(runner->setFrameCount(64));
+    EXPECT_TRUE(runner->setSampleRate(96000));
+    runner->start();
+    EXPECT_EQ(readValue<uint32_t>(hal, device("headset", output)->deviceID(),
+                                  at(kAudioDevicePropertyBufferFrameSize)),
+              64U)
+        << "the device was asked to follow";
+    hal.reconfigure("headset",
+                    [](auto& it) { it.noStreams(HALDirection::Output).outputs(1).bufferFrameSize(256); });
+    hal.stepCycles(2);
+    settleEngine();
+    EXPECT_EQ(runner->frameCount(), 64U) << "of the first context of the run";
+    EXPECT_EQ(runner->sampleRate(), 96000.0);
+    runner->stop();
+    EXPECT_EQ(runner->frameCount(), 64U);
+    for (const double rate : {-48000.0, 1.0, 2e6, std::nan("")})
+        EXPECT_FALSE(runner->setSampleRate(rate)) << rate;
+    EXPECT_FALSE(runner->setFrameCount(UINT32_MAX));
+    EXPECT_TRUE(runner->setSampleRate(0.0));
+}
+
+TEST_F(DXRDeviceRunnerTest, hasOneNodeForEachDeviceAndDirection)
+{
+    plugged(headset());
+    const CXRef<DXRDevice> mic = device("headset", input), phones = device("headset", output);
+    EXPECT_FALSE(runner->addDevice(nullptr, std::nullopt, idle));
+    EXPECT_FALSE(runner->addDevice(mic, std::nullopt, nullptr));
+    EXPECT_TRUE(runner->addDevice(mic, std::nullopt, idle));
+    EXPECT_TRUE(runner->addDevice(phones, Channels{2}, idle));
+    EXPECT_FALSE(runner->addDevice(phones, Channels{1}, idle));
+    EXPECT_EQ(runner->devices(), (Devices{mic, phones}));
+    EXPECT_TRUE(runner->activeDevices().empty()) << "not while it is stopped";
+    runner->start();
+    EXPECT_EQ(runner->activeDevices(), (Devices{mic, phones}));
+    runner->removeDevice(nullptr);
+    runner->removeDevice(mic);
+    runner->removeDevice(mic);
+    EXPECT_EQ(runner->devices(), Devices{phones});
+    EXPECT_EQ(runner->activeDevices(), Devices{phones});
+    unplugged("headset");
+    EXPECT_EQ(runner->devices(), Devices{phones}) << "an absent device stays";
+    EXPECT_TRUE(runner->activeDevices().empty());
+}
+
+TEST_F(DXRDeviceRunnerTest, tellsOfEveryChangeOnceAndOfNoneTwice)
+{
+    plugged(headset());
+    const auto notifierQueue = platform::SerialQueue::initWithLabel("listener");
+    int heard = 0, heardThere = 0;
+    std::vector<std::string> seen;
+    const auto observations = runner->kvo()->observe(
+        runner->kvo()->observableKeys(), [&](const std::string& key, DXRKVOChange change) {
+            if (change == DXRKVOChange::Will) {
+                EXPECT_FALSE(key == "isRunning" && runner->isRunning())
+                    << "the old value until it is announced";
+            } else {
+                seen.push_back(key);
+            }
+        });
+    settleEngine();
+    seen.clear();
+    runner->setNotifier(nullptr, [&] {
+        EXPECT_TRUE(runner->queue()->isDispatchedOnCurrentThread());
+        ++heard;
+    });
+    const CXRef<DXRDevice> phones = device("headset", output);
+    runner->addDevice(phones, std::nullopt, idle);
+    EXPECT_EQ(heard, 1);
+    runner->addDevice(phones, std::nullopt, idle);
+    runner->removeDevice(device("headset", input));
+    runner->stop();
+    EXPECT_EQ(heard, 1) << "nothing changed";
+    runner->start();
+    EXPECT_EQ(heard, 2) << "all that starting changes is one change";
+    settleEngine();
+    EXPECT_EQ(seen, (std::vector<std::string>{"frameCount", "sampleRate", "devices", "activeDevices",
+                                              "isRunning"}));
+
+    runner->setNotifier(notifierQueue, [&] {
+        EXPECT_TRUE(notifierQueue->isCurrent());
+        ++heardThere;
+    });
+    unplugged("headset");
+    notifierQueue->sync([] {});
+    EXPECT_EQ(heardThere, 1);
+    EXPECT_EQ(heard, 2);
+    runner->setNotifier(nullptr, nullptr);
+}
+
+TEST_F(DXRDeviceRunnerTest, restartsForItsOwnDevicesOnly)
+{
+    plugged(headset());
+    const CXRef<DXRDevice> phones = device("headset", output);
+    runner->addDevice(phones, std::nullopt, idle);
+    runner->start();
+    hal.stepCycles(5);
+    const uint64_t before = runner->sampleTime();
+    EXPECT_EQ(before, 5U * 512);
+    const auto procCount = [&] {
+        uint32_t running = 0;
+        for (const AudioObjectID each : readDevices(hal))
+            running += readValue<uint32_t>(hal, each, at(kAudioDevicePropertyDeviceIsRunning)).value_or(0);
+        return running;
+    };
+    plugged(aDevice().uid("other").outputs(2));
+    unplugged("other");
+    EXPECT_EQ(procCount(), 1U);
+    EXPECT_EQ(runner->sampleTime(), before);
+    unplugged("headset");
+    EXPECT_TRUE(runner->activeDevices().empty());
+    EXPECT_EQ(procCount(), 0U);
+    plugged(headset());
+    EXPECT_EQ(runner->activeDevices(), Devices{phones});
+    const uint64_t back = runner->sampleTime();
+    EXPECT_GE(back, before);
+    hal.stepCycles(1);
+    EXPECT_EQ(runner->sampleTime(), back + 512);
+    runner->stop();
+    EXPECT_EQ(runner->sampleTime(), 0U);
+}
+
+TEST_F(DXRDeviceRunnerTest, tellsDeviceNotifiersOnItsQueueUntilTheyAreRemoved)
+{
+    int calls = 0;
+    DXRDeviceRunner::DeviceNotifier notifier;
+    notifier = [&](const Devices& connected, const Devices&, const Devices& updated) {
+        EXPECT_TRUE(runner->queue()->isDispatchedOnCurrentThread());
+        EXPECT_TRUE(std::ranges::includes(updated, connected));
+        ++calls;
+    };
+    runner->addDeviceNotifier(notifier);
+    runner->addDeviceNotifier(notifier);
+    plugged(headset());
+    EXPECT_EQ(calls, 1);
+    // Removed while a call waits in the queue: it is not made.
+    std::promise<void> entered, leave;
+    runner->queue()->dispatchAsync([&] {
+        entered.set_value();
+        leave.get_future().wait();
+        runner->removeDeviceNotifier(notifier);
+    });
+    entered.get_future().wait();
+    hal.unplug("headset");
+    settle();
+    leave.set_value();
+    settleEngine();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(DXRDeviceRunnerTest, listensToPropertiesOnItsQueue)
+{
+    const AudioObjectID deviceID = plug(headset().volume(HALDirection::Output, 0.5F));
+    AudioObjectPropertyAddress seen{};
+    CXRef<CXObject> target = CXDispatchTimer::init();
+    const AudioObjectPropertyAddress volume =
+        at(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput);
+    const auto listener = runner->propertyListenerWithObjectID(
+        deviceID, &volume, target,
+        [&](const CXRef<CXObject>& given, const AudioObjectPropertyAddress* address) {
+            EXPECT_TRUE(runner->queue()->isDispatchedOnCurrentThread());
+            EXPECT_EQ(given, target);
+            seen = *address;
+        });
+    listener->start();
+    writeValue(hal, deviceID, volume, 0.25F);
+    settleEngine();
+    EXPECT_EQ(seen, volume);
+    seen = {};
+    target = nullptr;
+    writeValue(hal, deviceID, volume, 0.75F);
+    settleEngine();
+    EXPECT_EQ(seen, AudioObjectPropertyAddress{}) << "its target is gone";
+}
+
+TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
+{
+    plugged(headset());
+    const CXRef<DXRDevice> phones = device("headset", output);
+    const std::function<void()> forbidden[] = {
+        [&] { runner->setFrameCount(64); },
+        [&] { runner->setSampleRate(48000); },
+        [&] { runner->addDevice(phones, std::nullopt, idle); },
+        [&] { runner->removeDevice(phones); },
+        [&] { runner->start(); },
+    };
+    runner->queue()->dispatchSync([&] {
+        for (const auto& call : forbidden) {
+            const std::string reason = reasonOf(call);
+            EXPECT_NE(reason.find("![_queue isDispatchedOnCurrentThread]"), std::string::npos) << reason;
+            EXPECT_NE(reason.find("DXRDeviceRunner"), std::string::npos) << reason;
+        }
+        EXPECT_TRUE(runner->devices().empty());
+        EXPECT_TRUE(runner->activeDevices().empty());
+        runner->setNotifier(nullptr, nullptr);
+    });
+    runner->start();
+    runner->queue()->dispatchSync([&] {
+        runner->stop();
+        EXPECT_TRUE(runner->isRunning()) << "later";
+    });
+    settleEngine();
+    EXPECT_FALSE(runner->isRunning());
+    const CXRef<DXRAudioContext> context = DXRAudioContext::audioContextWithRunner(runner, {});
+    EXPECT_NE(reasonOf([&] { context->start(); }).find("[_queue isDispatchedOnCurrentThread]"),
+              std::string::npos);
+}
+
+TEST_F(DXRDeviceRunnerTest, leavesNothingBehind)
+{
+    plugged(headset());
+    auto block = std::make_shared<int>(0);
+    {
+        const CXRef<DXRDeviceRunner> passing = DXRDeviceRunner::init();
+        passing->addDevice(device("headset", output), std::nullopt,
+                           [block](uint64_t, DXRBuffer&) { ++*block; });
+        passing->start();
+        hal.stepCycles(3);
+        passing->stop();
+        settleHardware();
+    }
+    EXPECT_EQ(*block, 3);
+    EXPECT_EQ(block.use_count(), 1);
+}
+
+// The timer counts real time, so the bounds are wide: it must keep pace with the clock, in whole cycles.
+TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
+{
+    plugged(headset());
+    const CXRef<DXRDevice> mic = device("headset", input), phones = device("headset", output);
+    runner->setFrameCount(480);
+    runner->setSampleRate(48000);
+    std::atomic<uint32_t> cycles{0};
+    std::atomic<bool> isWrong{false};
+    std::atomic<uint64_t> last{0};
+    runner->addDevice(mic, std::nullopt, [&](uint64_t time, DXRBuffer& buffer) {
+        const bool isSilent = std::all_of(buffer.samples(), buffer.samples() + 480 * buffer.channelCount(),
+                                          [](float x) { return x == 0; });
+        isWrong = isWrong || !isSilent || time % 480 != 0 || time < last;
+        buffer.samples()[0] = 1;
+        last = time;
+    });
+    runner->addDevice(phones, std::nullopt, [&](uint64_t time, DXRBuffer&) {
+        isWrong = isWrong || time != last;
+        ++cycles;
+    });
+    unplugged("headset");
+    const auto begin = std::chrono::steady_clock::now();
+    runner->start();
+    while (cycles < 50)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+    uint64_t time = 0;
+    runner->queue()->dispatchSync([&] {
+        time = runner->sampleTime();
+        EXPECT_EQ(time, last + 480);
+        runner->stop();
+    });
+    EXPECT_FALSE(isWrong);
+    EXPECT_NEAR(static_cast<double>(time), taken.count() * 48000, 4800);
+    settleEngine();
+    const uint32_t after = cycles;
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(cycles, after) << "no call after stop";
+}
+
+} // namespace
