@@ -50,7 +50,8 @@ function(dxr_test NAME)
     list(APPEND properties LABELS "${ARG_LABELS}")
   endif()
   if(ARG_PRELOAD) # before the address sanitizer's, which by itself would not have that
-    list(APPEND properties ENVIRONMENT "LD_PRELOAD=${ARG_PRELOAD};ASAN_OPTIONS=verify_asan_link_order=0")
+    list(APPEND properties ENVIRONMENT "LD_PRELOAD=${ARG_PRELOAD}"
+         ENVIRONMENT_MODIFICATION "ASAN_OPTIONS=set:verify_asan_link_order=0")
   endif()
   if(ARG_SERIAL)
     list(APPEND properties RUN_SERIAL TRUE)
