@@ -2,6 +2,8 @@
 
 #include "EngineComputer.h"
 
+#include <future>
+
 namespace {
 
 constexpr float step = 1.0F / (1U << 24); // between two frames of a ramp
@@ -30,7 +32,7 @@ protected:
     {
         return
             [this, channel](uint64_t, uint32_t frameCount, uint32_t channels, double, const float* samples) {
-                for (uint32_t frame = 0; samples && frame < frameCount; ++frame)
+                for (uint32_t frame = 0; samples && channel < channels && frame < frameCount; ++frame)
                     played.push_back(samples[size_t{frame} * channels + channel]);
             };
     }
@@ -105,6 +107,32 @@ TEST_F(EngineCyclesTest, followsARateThatAnotherProgramChanges)
     }
     EXPECT_EQ(longestJump, 0U);
     EXPECT_FALSE(wentBack);
+}
+
+// A cycle sees it first, for the thread that tells of it is held up.
+TEST_F(EngineCyclesTest, playsOnNewChannelsThatNobodyHasHeardOfYet)
+{
+    plugged(aDevice().uid("grows").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(keep(3)));
+    loop("grows", "grows", {3, 4});
+    runner->start();
+    std::promise<void> held, release;
+    const auto name = at(kAudioObjectPropertyName);
+    const auto listener =
+        DXRPropertyListener::initWithObjectID(hal.deviceID("grows"), &name, nullptr, CXRef<CXObject>(runner),
+                                              [&](const CXRef<CXObject>&, const AudioObjectPropertyAddress*) {
+                                                  held.set_value();
+                                                  release.get_future().wait();
+                                              });
+    listener->start();
+    hal.reconfigure("grows", [](auto& it) { it.name("Held"); });
+    held.get_future().wait();
+    hal.reconfigure("grows", [](auto& it) { it.outputs(2); });
+    hal.stepCycles(1);
+    runner->queue()->dispatchSync([] {});
+    hal.stepCycles(10);
+    release.set_value();
+    listener->stop();
+    EXPECT_GT(exactFrames(), 8U * frames);
 }
 
 TEST_F(EngineCyclesTest, runsDevicesOfMoreChannelsThanFitAStack)
