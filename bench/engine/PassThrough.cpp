@@ -202,10 +202,17 @@ public:
             if (_audio.getDeviceInfo(i).name.find(passage.source) == std::string::npos)
                 continue;
             RtAudio::StreamParameters ends{i, 2, 0};
+            RtAudio::StreamOptions options;
+            options.flags = RTAUDIO_JACK_DONT_CONNECT; // by itself it connects without being heard
+            options.streamName = "rtaudio";
             unsigned frameCount = passage.frameCount;
             _audio.openStream(&ends, &ends, RTAUDIO_FLOAT32, static_cast<unsigned>(passage.rate), &frameCount,
-                              _process, this);
+                              _process, this, &options);
             _audio.startStream();
+            TestClient& client = passage.client;
+            const uint32_t node = client.nodeID("rtaudio");
+            client.link(client.nodeID(passage.source), "capture_FL", node, "inport 0");
+            client.link(node, "outport 1", client.nodeID(passage.sink), "playback_FR");
             return;
         }
         throw std::runtime_error("RtAudio does not see the device");
