@@ -12,7 +12,6 @@
 
 #include <array>
 #include <atomic>
-#include <memory>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -78,8 +77,10 @@ struct Watch {
     }
     void hear(const DXRBuffer& buffer)
     {
-        if (listens && buffer.samples()[0] != 0)
-            soundAt = listens.exchange(false) ? nowNanoseconds() : soundAt.load();
+        if (!listens || buffer.samples()[0] == 0)
+            return;
+        soundAt = nowNanoseconds();
+        listens = false; // by which the other thread knows that it is said
     }
 };
 
@@ -159,9 +160,10 @@ void runOn(const char* title, Computer& computer)
 template <class Kind> void inProcessOfItsOwn(const char* title)
 {
     if (fork() == 0) {
-        const auto computer = std::make_unique<Kind>();
-        runOn(title, *computer);
-        std::fflush(stdout);
+        {
+            Kind computer; // gone before the end, with its server
+            runOn(title, computer);
+        }
         _exit(0);
     }
     wait(nullptr);

@@ -206,40 +206,6 @@ TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
     EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);
 }
 
-// Devices of which each has a clock and a rate of its own: time goes on for all, at the pace of the first.
-TEST_F(EngineCyclesTest, runsFourDevicesOfDifferentClocksAndRates)
-{
-    uint32_t calls = 0;
-    for (int i = 0; i < 4; ++i) {
-        const std::string uid = "device " + std::to_string(i);
-        plugged(aDevice()
-                    .uid(uid)
-                    .inputs(1)
-                    .outputs(2)
-                    .drift(i * 100.0 - 150.0)
-                    .sampleRate(i % 2 == 0 ? 48000 : 44100));
-        ASSERT_TRUE(runner->addDevice(device(uid, i % 2 == 0), std::nullopt, [&](uint64_t time, DXRBuffer&) {
-            wentBack = wentBack || time < nextTime;
-            nextTime = time;
-            ++calls;
-        }));
-    }
-    runner->setSampleRate(48000);
-    runner->setFrameCount(frames);
-    runner->start();
-    EXPECT_EQ(runner->activeDevices().size(), 4U);
-    hal.advance(1'000'000'000);
-    EXPECT_FALSE(wentBack);
-    EXPECT_NEAR(static_cast<double>(runner->sampleTime()), 48000, 4 * frames);
-    EXPECT_EQ(calls, 4 * (runner->sampleTime() / frames));
-    unplugged("device 2");
-    unplugged("device 0");
-    EXPECT_EQ(runner->activeDevices().size(), 2U);
-    const uint64_t before = runner->sampleTime();
-    hal.advance(1'000'000'000);
-    EXPECT_NEAR(static_cast<double>(runner->sampleTime() - before), 48000, 4 * frames);
-}
-
 TEST_F(EngineCyclesTest, endsTheProcessWithAClearMessageWhenABlockThrows)
 {
     plugged(aDevice().uid("thrower").outputs(2));
