@@ -57,11 +57,12 @@ TEST(FrameCopy, movesChannelsAsTheRuleSays)
     };
     for (const InstructionSet& set : availableInstructionSets()) {
         useInstructionSet(set);
-        for (const auto& [what, streams, map] : rows) {
+        for (const auto& row : rows) {
+            const std::vector<uint32_t>& map = row.map;
             for (const uint32_t frameCount : {1U, 7U, 8U, 67U}) {
-                SCOPED_TRACE(std::string(set.name) + ", " + what + ", " + std::to_string(frameCount));
+                SCOPED_TRACE(std::string(set.name) + ", " + row.what + ", " + std::to_string(frameCount));
                 const auto channels = static_cast<uint32_t>(map.size());
-                Hardware hardware(streams, frameCount), reference = Hardware(streams, frameCount);
+                Hardware hardware(row.streams, frameCount), reference(row.streams, frameCount);
                 std::vector<float> frames(size_t{channels} * frameCount, -1), expected = frames;
                 const auto byTheRule = [&](const auto& move) {
                     for (uint32_t c = 0; c < channels; ++c) {
