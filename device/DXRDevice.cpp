@@ -605,6 +605,12 @@ bool DXRDevice::refreshIfIncomplete()
     return true;
 }
 
+bool DXRDevice::refreshIfChannelsChanged()
+{
+    const uint32_t there = _hardware().channelCount();
+    return there != 0 && there != channelCount() && _updateCachedProperties();
+}
+
 // ---- Following the hardware
 
 void DXRDevice::_updatePropertyListeners()

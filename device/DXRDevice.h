@@ -59,6 +59,9 @@ public:
     /// Reads the hardware once more when the last time something could not be read; whether it did.
     bool refreshIfIncomplete();
     bool isIncomplete() const noexcept { return _isIncomplete.load(); }
+    /// For whoever is about to use the channels and cannot wait for the news: reads the hardware anew when it has
+    /// another number of them than channelCount(); whether it did.
+    bool refreshIfChannelsChanged();
 
     // -- Queries
 

@@ -92,8 +92,7 @@ CXRef<DXRAudioContext> DXRAudioContext::audioContextWithRunner(const CXRef<DXRDe
 CXRef<DXRAudioContext> DXRAudioContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner,
                                                        const DXRDeviceNodes& nodes, Viables viables)
 {
-    const auto context =
-        CXRef<DXRAudioContext>::adopt(new DXRAudioContext(runner, nodes, std::move(viables)));
+    auto context = CXRef<DXRAudioContext>::adopt(new DXRAudioContext(runner, nodes, std::move(viables)));
     for (const auto& direction : nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction) {
             if (context->_deviceID == kAudioObjectUnknown && context->_viables.contains(node)) {

@@ -80,7 +80,7 @@ void DXRAudioTimerContext::_fire()
         std::snprintf(text, sizeof text,
                       ": Timer clock discontinuity: %" PRIu64 " -> %" PRIu64 " (%" PRId64 "), %" PRIu64
                       " -> %" PRIu64 " (%" PRId64 ")\n",
-                      cycle, _nextSampleTime, difference(cycle, _nextSampleTime), _nextSampleTime, now,
+                      _nextSampleTime, cycle, difference(cycle, _nextSampleTime), _nextSampleTime, now,
                       difference(now, _nextSampleTime));
         platform::LogSink::log(description() + text);
     }

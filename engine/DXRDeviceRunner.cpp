@@ -237,6 +237,11 @@ void DXRDeviceRunner::_stopRunning()
 void DXRDeviceRunner::_start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
+    // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
+    for (const auto& direction : _nodes) {
+        for (const CXRef<DXRDeviceNode>& node : direction)
+            node->device()->refreshIfChannelsChanged();
+    }
     _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes);
     if (_context)
         _context->start();

@@ -52,7 +52,7 @@ struct HALDirectionState {
 };
 
 /// What an aggregate device is made of.
-struct HALAggregateState {
+struct HALAggregateState { // NOLINT(bugprone-exception-escape): moving a property list throws nothing
     CXPlist composition;
     std::vector<AudioObjectID> activeSubDevices;
     bool operator==(const HALAggregateState&) const = default;

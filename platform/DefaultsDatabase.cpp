@@ -342,6 +342,7 @@ DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
         std::string value = textOf(statement.get(), 1);
         const auto before = rows.find(key);
         const bool isSame = before != rows.end() && before->second->value() == value;
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): each turn has a value of its own
         CXRef<DefaultsRow> row = isSame ? before->second : DefaultsRow::initWithValue(std::move(value));
         found.emplace(std::move(key), std::move(row));
     }
@@ -354,7 +355,7 @@ DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
     rows = std::move(found);
     _dataVersion = version;
     return Reading::Done;
-}
+} // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): rows are counted
 
 bool DefaultsDatabase::begin()
 {

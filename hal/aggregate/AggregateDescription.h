@@ -9,7 +9,7 @@
 
 /// What an aggregate device was asked to be made of; AudioHardwareCreateAggregateDevice says what it may hold.
 /// Threads: immutable, any.
-struct AggregateDescription {
+struct AggregateDescription { // NOLINT(bugprone-exception-escape): moving a property list throws nothing
     struct SubDevice {
         std::string uid;
         bool isCompensated = true; ///< when its clock is another than the aggregate's

@@ -13,6 +13,7 @@ uint32_t sum(const std::vector<uint32_t>& channels)
 std::vector<HALStreamBlock> blocksOf(const std::vector<uint32_t>& channels)
 {
     std::vector<HALStreamBlock> blocks;
+    blocks.reserve(channels.size());
     for (const uint32_t count : channels)
         blocks.push_back({nullptr, count});
     return blocks;
@@ -51,7 +52,8 @@ bool halTakeBlocks(const AudioBufferList* list, std::span<HALStreamBlock> blocks
     if ((list ? list->numberBuffers : 0) != blocks.size())
         return false;
     for (uint32_t stream = 0; stream < blocks.size(); ++stream) {
-        const AudioBuffer& buffer = bufferOf(*list, stream);
+        const AudioBuffer& buffer =
+            bufferOf(*list, stream); // NOLINT(clang-analyzer-core.NonNullParamChecker)
         if (buffer.numberChannels != blocks[stream].channelCount)
             return false;
         blocks[stream].samples = static_cast<float*>(buffer.data);

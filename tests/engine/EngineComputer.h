@@ -32,5 +32,7 @@ protected:
         settleEngine();
     }
 
+    using Channels = DXRDeviceRunner::Channels;
+
     const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
 };

@@ -1,5 +1,6 @@
+#include "CXDispatchTimer.h"
 #include "CXException.h"
-#include "DXRAudioTimerContext.h"
+#include "CapturedLog.h"
 #include "EngineComputer.h"
 #include "SerialQueue.h"
 
@@ -7,8 +8,6 @@
 #include <future>
 
 namespace {
-
-using Channels = DXRDeviceRunner::Channels;
 
 const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 
@@ -18,6 +17,8 @@ protected:
     {
         return aDevice().uid("headset").name("Headset").inputs(1).outputs(2);
     }
+    CXRef<DXRDevice> mic() { return device("headset", input); }
+    CXRef<DXRDevice> phones() { return device("headset", output); }
 };
 
 std::string reasonOf(const std::function<void()>& body)
@@ -32,65 +33,31 @@ std::string reasonOf(const std::function<void()>& body)
 
 TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
 {
-    EXPECT_EQ(runner->frameCount(), 0U);
-    EXPECT_EQ(runner->sampleRate(), 0.0);
     plugged(headset());
-    ASSERT_TRUE(runner->addDevice(device("headset", output), std::nullopt, idle));
+    ASSERT_TRUE(runner->addDevice(phones(), std::nullopt, idle));
     runner->start();
     runner->start();
-    EXPECT_TRUE(runner->isRunning());
     EXPECT_EQ(runner->frameCount(), 512U) << "the device's";
     EXPECT_EQ(runner->sampleRate(), 48000.0);
     EXPECT_FALSE(runner->setFrameCount(64));
     EXPECT_FALSE(runner->setSampleRate(44100));
-    EXPECT_EQ(runner->frameCount(), 512U);
     runner->stop();
     runner->stop();
-    EXPECT_FALSE(runner->isRunning());
     EXPECT_EQ(runner->frameCount(), 0U);
+    EXPECT_EQ(runner->sampleRate(), 0.0);
 
     EXPECT_TRUE(runner->setFrameCount(64));
     EXPECT_TRUE(runner->setSampleRate(96000));
     runner->start();
-    EXPECT_EQ(readValue<uint32_t>(hal, device("headset", output)->deviceID(),
-                                  at(kAudioDevicePropertyBufferFrameSize)),
-              64U)
+    EXPECT_EQ(readValue<uint32_t>(hal, phones()->deviceID(), at(kAudioDevicePropertyBufferFrameSize)), 64U)
         << "the device was asked to follow";
-    hal.reconfigure("headset",
-                    [](auto& it) { it.noStreams(HALDirection::Output).outputs(1).bufferFrameSize(256); });
-    hal.stepCycles(2);
-    settleEngine();
-    EXPECT_EQ(runner->frameCount(), 64U) << "of the first context of the run";
-    EXPECT_EQ(runner->sampleRate(), 96000.0);
+    EXPECT_EQ(readValue<double>(hal, phones()->deviceID(), at(kAudioDevicePropertyNominalSampleRate)), 96000);
     runner->stop();
     EXPECT_EQ(runner->frameCount(), 64U);
     for (const double rate : {-48000.0, 1.0, 2e6, std::nan("")})
         EXPECT_FALSE(runner->setSampleRate(rate)) << rate;
     EXPECT_FALSE(runner->setFrameCount(UINT32_MAX));
     EXPECT_TRUE(runner->setSampleRate(0.0));
-}
-
-TEST_F(DXRDeviceRunnerTest, hasOneNodeForEachDeviceAndDirection)
-{
-    plugged(headset());
-    const CXRef<DXRDevice> mic = device("headset", input), phones = device("headset", output);
-    EXPECT_FALSE(runner->addDevice(nullptr, std::nullopt, idle));
-    EXPECT_FALSE(runner->addDevice(mic, std::nullopt, nullptr));
-    EXPECT_TRUE(runner->addDevice(mic, std::nullopt, idle));
-    EXPECT_TRUE(runner->addDevice(phones, Channels{2}, idle));
-    EXPECT_FALSE(runner->addDevice(phones, Channels{1}, idle));
-    EXPECT_EQ(runner->devices(), (Devices{mic, phones}));
-    EXPECT_TRUE(runner->activeDevices().empty()) << "not while it is stopped";
-    runner->start();
-    EXPECT_EQ(runner->activeDevices(), (Devices{mic, phones}));
-    runner->removeDevice(nullptr);
-    runner->removeDevice(mic);
-    runner->removeDevice(mic);
-    EXPECT_EQ(runner->devices(), Devices{phones});
-    EXPECT_EQ(runner->activeDevices(), Devices{phones});
-    unplugged("headset");
-    EXPECT_EQ(runner->devices(), Devices{phones}) << "an absent device stays";
-    EXPECT_TRUE(runner->activeDevices().empty());
 }
 
 TEST_F(DXRDeviceRunnerTest, tellsOfEveryChangeOnceAndOfNoneTwice)
@@ -101,69 +68,59 @@ TEST_F(DXRDeviceRunnerTest, tellsOfEveryChangeOnceAndOfNoneTwice)
     std::vector<std::string> seen;
     const auto observations = runner->kvo()->observe(
         runner->kvo()->observableKeys(), [&](const std::string& key, DXRKVOChange change) {
-            if (change == DXRKVOChange::Will) {
+            if (change == DXRKVOChange::Will)
                 EXPECT_FALSE(key == "isRunning" && runner->isRunning())
                     << "the old value until it is announced";
-            } else {
+            else
                 seen.push_back(key);
-            }
         });
     settleEngine();
     seen.clear();
-    runner->setNotifier(nullptr, [&] {
-        EXPECT_TRUE(runner->queue()->isDispatchedOnCurrentThread());
-        ++heard;
-    });
-    const CXRef<DXRDevice> phones = device("headset", output);
-    runner->addDevice(phones, std::nullopt, idle);
+    runner->setNotifier(nullptr, [&] { heard += runner->queue()->isDispatchedOnCurrentThread() ? 1 : 100; });
+    EXPECT_TRUE(runner->addDevice(phones(), std::nullopt, idle));
     EXPECT_EQ(heard, 1);
-    runner->addDevice(phones, std::nullopt, idle);
-    runner->removeDevice(device("headset", input));
+    EXPECT_FALSE(runner->addDevice(phones(), Channels{1}, idle));
+    EXPECT_FALSE(runner->addDevice(nullptr, std::nullopt, idle));
+    EXPECT_FALSE(runner->addDevice(mic(), std::nullopt, nullptr));
+    runner->removeDevice(nullptr);
+    runner->removeDevice(mic());
     runner->stop();
     EXPECT_EQ(heard, 1) << "nothing changed";
+    EXPECT_TRUE(runner->activeDevices().empty()) << "not while it is stopped";
     runner->start();
     EXPECT_EQ(heard, 2) << "all that starting changes is one change";
     settleEngine();
     EXPECT_EQ(seen, (std::vector<std::string>{"frameCount", "sampleRate", "devices", "activeDevices",
                                               "isRunning"}));
-
-    runner->setNotifier(notifierQueue, [&] {
-        EXPECT_TRUE(notifierQueue->isCurrent());
-        ++heardThere;
-    });
+    runner->setNotifier(notifierQueue, [&] { heardThere += notifierQueue->isCurrent() ? 1 : 100; });
     unplugged("headset");
     notifierQueue->sync([] {});
     EXPECT_EQ(heardThere, 1);
     EXPECT_EQ(heard, 2);
+    EXPECT_EQ(runner->devices(), Devices{phones()}) << "an absent device stays";
+    runner->removeDevice(phones());
+    EXPECT_TRUE(runner->devices().empty());
     runner->setNotifier(nullptr, nullptr);
 }
 
 TEST_F(DXRDeviceRunnerTest, restartsForItsOwnDevicesOnly)
 {
     plugged(headset());
-    const CXRef<DXRDevice> phones = device("headset", output);
-    runner->addDevice(phones, std::nullopt, idle);
+    runner->addDevice(phones(), std::nullopt, idle);
     runner->start();
     hal.stepCycles(5);
-    const uint64_t before = runner->sampleTime();
-    EXPECT_EQ(before, 5U * 512);
-    const auto procCount = [&] {
-        uint32_t running = 0;
-        for (const AudioObjectID each : readDevices(hal))
-            running += readValue<uint32_t>(hal, each, at(kAudioDevicePropertyDeviceIsRunning)).value_or(0);
-        return running;
-    };
+    EXPECT_EQ(runner->sampleTime(), 5U * 512);
+    uint32_t starts = 0;
+    hal.beforeRead(kAudioDevicePropertyBufferFrameSize, 1, [&] { ++starts; }); // which a start asks for
     plugged(aDevice().uid("other").outputs(2));
     unplugged("other");
-    EXPECT_EQ(procCount(), 1U);
-    EXPECT_EQ(runner->sampleTime(), before);
+    EXPECT_EQ(starts, 0U);
     unplugged("headset");
     EXPECT_TRUE(runner->activeDevices().empty());
-    EXPECT_EQ(procCount(), 0U);
     plugged(headset());
-    EXPECT_EQ(runner->activeDevices(), Devices{phones});
+    EXPECT_EQ(runner->activeDevices(), Devices{phones()});
     const uint64_t back = runner->sampleTime();
-    EXPECT_GE(back, before);
+    EXPECT_GE(back, 5U * 512);
     hal.stepCycles(1);
     EXPECT_EQ(runner->sampleTime(), back + 512);
     runner->stop();
@@ -173,8 +130,8 @@ TEST_F(DXRDeviceRunnerTest, restartsForItsOwnDevicesOnly)
 TEST_F(DXRDeviceRunnerTest, tellsDeviceNotifiersOnItsQueueUntilTheyAreRemoved)
 {
     int calls = 0;
-    DXRDeviceRunner::DeviceNotifier notifier;
-    notifier = [&](const Devices& connected, const Devices&, const Devices& updated) {
+    const DXRDeviceRunner::DeviceNotifier notifier = [&](const Devices& connected, const Devices&,
+                                                         const Devices& updated) {
         EXPECT_TRUE(runner->queue()->isDispatchedOnCurrentThread());
         EXPECT_TRUE(std::ranges::includes(updated, connected));
         ++calls;
@@ -203,8 +160,7 @@ TEST_F(DXRDeviceRunnerTest, listensToPropertiesOnItsQueue)
     const AudioObjectID deviceID = plug(headset().volume(HALDirection::Output, 0.5F));
     AudioObjectPropertyAddress seen{};
     CXRef<CXObject> target = CXDispatchTimer::init();
-    const AudioObjectPropertyAddress volume =
-        at(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput);
+    const auto volume = at(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput);
     const auto listener = runner->propertyListenerWithObjectID(
         deviceID, &volume, target,
         [&](const CXRef<CXObject>& given, const AudioObjectPropertyAddress* address) {
@@ -226,12 +182,11 @@ TEST_F(DXRDeviceRunnerTest, listensToPropertiesOnItsQueue)
 TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
 {
     plugged(headset());
-    const CXRef<DXRDevice> phones = device("headset", output);
     const std::function<void()> forbidden[] = {
         [&] { runner->setFrameCount(64); },
         [&] { runner->setSampleRate(48000); },
-        [&] { runner->addDevice(phones, std::nullopt, idle); },
-        [&] { runner->removeDevice(phones); },
+        [&] { runner->addDevice(phones(), std::nullopt, idle); },
+        [&] { runner->removeDevice(phones()); },
         [&] { runner->start(); },
     };
     runner->queue()->dispatchSync([&] {
@@ -242,7 +197,6 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
         }
         EXPECT_TRUE(runner->devices().empty());
         EXPECT_TRUE(runner->activeDevices().empty());
-        runner->setNotifier(nullptr, nullptr);
     });
     runner->start();
     runner->queue()->dispatchSync([&] {
@@ -251,59 +205,54 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
     });
     settleEngine();
     EXPECT_FALSE(runner->isRunning());
-    const CXRef<DXRAudioContext> context = DXRAudioContext::audioContextWithRunner(runner, {});
+    const DXRDeviceNodes nodes;
+    const CXRef<DXRAudioContext> context = DXRAudioContext::audioContextWithRunner(runner, nodes);
     EXPECT_NE(reasonOf([&] { context->start(); }).find("[_queue isDispatchedOnCurrentThread]"),
               std::string::npos);
-}
-
-TEST_F(DXRDeviceRunnerTest, leavesNothingBehind)
-{
-    plugged(headset());
-    auto block = std::make_shared<int>(0);
-    {
-        const CXRef<DXRDeviceRunner> passing = DXRDeviceRunner::init();
-        passing->addDevice(device("headset", output), std::nullopt,
-                           [block](uint64_t, DXRBuffer&) { ++*block; });
-        passing->start();
-        hal.stepCycles(3);
-        passing->stop();
-        settleHardware();
-    }
-    EXPECT_EQ(*block, 3);
-    EXPECT_EQ(block.use_count(), 1);
+    runner->queue()->dispatchSync([&] {
+        context->start();
+        EXPECT_NE(reasonOf([&] { context->start(); }).find("_timer == nil"), std::string::npos);
+        context->stop();
+    });
 }
 
 // The timer counts real time, so the bounds are wide: it must keep pace with the clock, in whole cycles.
 TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
 {
+    constexpr uint32_t frames = 480;
     plugged(headset());
-    const CXRef<DXRDevice> mic = device("headset", input), phones = device("headset", output);
-    runner->setFrameCount(480);
+    runner->setFrameCount(frames);
     runner->setSampleRate(48000);
     std::atomic<uint32_t> cycles{0};
     std::atomic<bool> isWrong{false};
     std::atomic<uint64_t> last{0};
-    runner->addDevice(mic, std::nullopt, [&](uint64_t time, DXRBuffer& buffer) {
-        const bool isSilent = std::all_of(buffer.samples(), buffer.samples() + 480 * buffer.channelCount(),
+    runner->addDevice(mic(), std::nullopt, [&](uint64_t time, DXRBuffer& buffer) {
+        const bool isSilent = std::all_of(buffer.samples(), buffer.samples() + frames * buffer.channelCount(),
                                           [](float x) { return x == 0; });
-        isWrong = isWrong || !isSilent || time % 480 != 0 || time < last;
+        isWrong = isWrong || !isSilent || time % frames != 0 || time <= last;
         buffer.samples()[0] = 1;
         last = time;
     });
-    runner->addDevice(phones, std::nullopt, [&](uint64_t time, DXRBuffer&) {
+    runner->addDevice(phones(), std::nullopt, [&](uint64_t time, DXRBuffer&) {
         isWrong = isWrong || time != last;
+        // Late once, when a second has passed and a gap is worth a line in the log.
+        for (const auto end =
+                 std::chrono::steady_clock::now() + std::chrono::milliseconds(cycles == 105 ? 35 : 0);
+             std::chrono::steady_clock::now() < end;) {
+        }
         ++cycles;
     });
     unplugged("headset");
+    const CapturedLog log;
     const auto begin = std::chrono::steady_clock::now();
     runner->start();
-    while (cycles < 50)
+    while (cycles < 120)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
     uint64_t time = 0;
     runner->queue()->dispatchSync([&] {
         time = runner->sampleTime();
-        EXPECT_EQ(time, last + 480);
+        EXPECT_EQ(time, last + frames);
         runner->stop();
     });
     EXPECT_FALSE(isWrong);
@@ -312,6 +261,19 @@ TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
     const uint32_t after = cycles;
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(cycles, after) << "no call after stop";
+    ASSERT_FALSE(log.lines().empty());
+    unsigned long long expected = 0, cycle = 0, expectedAgain = 0, now = 0;
+    long long late = 0, lateNow = 0;
+    EXPECT_EQ(std::sscanf(log.lines()[0].c_str(),
+                          "<DXRAudioTimerContext: %*[^>]>: Timer clock discontinuity: %llu -> %llu (%lld), "
+                          "%llu -> %llu (%lld)",
+                          &expected, &cycle, &late, &expectedAgain, &now, &lateNow),
+              6)
+        << log.lines()[0];
+    EXPECT_GE(late, 2 * frames);
+    EXPECT_TRUE(cycle == expected + static_cast<uint64_t>(late) && expectedAgain == expected &&
+                now - now % frames == cycle && now == expected + static_cast<uint64_t>(lateNow))
+        << log.lines()[0];
 }
 
 } // namespace

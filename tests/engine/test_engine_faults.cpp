@@ -1,7 +1,8 @@
-// A runner among devices that come and go, in real time.
+// A runner among devices that come and go, in real time. The sanitizers and the checking library look on.
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
+#include "HALReads.h"
 #include "MainQueue.h"
 #include "Random.h"
 #include "simulated.h"
@@ -18,6 +19,9 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
+constexpr uint32_t frames = 64;
+constexpr double rate = 48000;
+
 SimulatedBackend& backend()
 {
     static const CXRef<SimulatedBackend> made = [] {
@@ -28,22 +32,53 @@ SimulatedBackend& backend()
     return *made;
 }
 
-SimulatedDeviceBuilder describe(int i)
+std::string uidOf(uint32_t i)
 {
-    return aDevice()
-        .uid("device " + std::to_string(i))
-        .inputs(2)
-        .outputs(2)
-        .bufferFrameSize(64)
-        .sampleRate(i % 2 == 0 ? 48000 : 44100)
-        .sampleRates({44100, 48000})
-        .drift(i * 50.0);
+    return "device " + std::to_string(i);
 }
 
-CXRef<DXRDevice> device(int i, bool isInput)
+void plug(uint32_t i)
 {
-    return DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID("device " + std::to_string(i),
-                                                                       isInput);
+    backend().plug(aDevice()
+                       .uid(uidOf(i))
+                       .inputs(2)
+                       .outputs(2)
+                       .bufferFrameSize(frames)
+                       .drift(i * 50.0)
+                       .sampleRates({44100, rate})
+                       .sampleRate(i % 2 == 0 ? rate : 44100));
+}
+
+void unplug(uint32_t i)
+{
+    backend().unplug(uidOf(i));
+}
+
+void setRate(uint32_t i, double newRate)
+{
+    writeValue(backend(), backend().deviceID(uidOf(i)), at(kAudioDevicePropertyNominalSampleRate), newRate);
+}
+
+void setOutputs(uint32_t i, uint32_t channels)
+{
+    backend().reconfigure(uidOf(i), [=](auto& it) { it.noStreams(HALDirection::Output).outputs(channels); });
+}
+
+CXRef<DXRDevice> device(uint32_t i, bool isInput)
+{
+    return DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uidOf(i), isInput);
+}
+
+/// A runner over devices that are there already.
+CXRef<DXRDeviceRunner> runnerAmong(uint32_t devices)
+{
+    backend(); // before the manager looks for one
+    for (uint32_t i = 0; i < devices; ++i)
+        plug(i);
+    DXRDeviceManager::sharedDeviceManager();
+    backend().settle();
+    DXRDeviceManager::queue().sync([] {});
+    return DXRDeviceRunner::init();
 }
 
 std::chrono::milliseconds stressTime()
@@ -52,178 +87,195 @@ std::chrono::milliseconds stressTime()
     return seconds ? std::chrono::seconds(std::atoi(seconds)) : std::chrono::milliseconds(1500);
 }
 
-/// Runs `body` again and again on a thread of its own.
-class Busy {
-public:
-    Busy(std::atomic<bool>& isOver, std::function<void()> body)
-        : _thread([&isOver, body = std::move(body)] {
-              while (!isOver)
-                  body();
-          })
-    {}
-    ~Busy() { _thread.join(); }
-    Busy(const Busy&) = delete;
-    Busy& operator=(const Busy&) = delete;
+bool eventually(const std::function<bool()>& condition)
+{
+    for (const auto deadline = Clock::now() + 20s; !condition(); std::this_thread::sleep_for(1ms)) {
+        platform::MainQueue::shared().drain();
+        if (Clock::now() > deadline)
+            return false;
+    }
+    return true;
+}
 
-private:
-    std::thread _thread;
-};
-
-/// Counts calls of IO blocks, and those that overlap or that come when none may.
+/// Looks at the calls of IO blocks: whether they overlap, or come when none may, and how the time goes.
 struct Watch {
     DXRIOBlock block(std::chrono::microseconds length = 0us)
     {
         return [this, length](uint64_t time, DXRBuffer& buffer) {
             if (inside.fetch_add(1) != 0 || isClosed)
                 ++faults;
-            if (time < lastTime)
-                ++steps;
-            lastTime = time;
-            buffer.samples()[0] = 0.5F;
-            for (const auto until = Clock::now() + length; Clock::now() < until;) {
+            const Clock::time_point now = Clock::now();
+            stepsBack += time < lastTime;
+            if (time != lastTime) {
+                // More than a cycle at once may only be what passed meanwhile.
+                const std::chrono::duration<double> passed = now - std::exchange(lastChange, now);
+                jumps += static_cast<double>(time - lastTime) > passed.count() * rate + frames;
+                lastTime = time;
             }
+            buffer.samples()[0] = 0.5F;
             ++calls;
+            for (const auto until = now + (isHeld.exchange(false) ? 3ms : length); Clock::now() < until;) {
+            }
             --inside;
         };
     }
+    void open()
+    {
+        isClosed = false;
+        lastTime = 0;
+        lastChange = Clock::now();
+    }
+    /// Returns in the middle of a cycle, which lasts some milliseconds then.
+    void hold()
+    {
+        isHeld = true;
+        while (isHeld)
+            std::this_thread::yield();
+    }
+    void expectNoFault() const
+    {
+        EXPECT_EQ(inside, 0);
+        EXPECT_EQ(faults, 0U);
+        EXPECT_EQ(stepsBack, 0U);
+        EXPECT_EQ(jumps, 0U);
+        EXPECT_GT(calls, 0U);
+    }
+    std::atomic<uint32_t> calls{0}, faults{0}, stepsBack{0}, jumps{0};
     std::atomic<int> inside{0};
-    std::atomic<bool> isClosed{false};
-    std::atomic<uint64_t> lastTime{0};
-    std::atomic<uint32_t> calls{0}, faults{0}, steps{0};
+    std::atomic<bool> isClosed{false}, isHeld{false};
+    // Of the blocks, which do not overlap, and of open(), while there are none.
+    uint64_t lastTime = 0;
+    Clock::time_point lastChange{};
 };
 
-void serveMainQueue()
+TEST(EngineFaults, keepsTimeThroughFaultsInTheMiddleOfACycle)
 {
-    platform::MainQueue::shared().drain();
+    const struct {
+        const char* what;
+        std::function<void()> strike, mend;
+        size_t active; // devices that run on
+    } faults[] = {
+        {"the clock unplugged", [] { unplug(0); }, [] { plug(0); }, 2},
+        {"another unplugged", [] { unplug(1); }, [] { plug(1); }, 2},
+        {"all unplugged", [] { unplug(0), unplug(1); }, [] { plug(1), plug(0); }, 0},
+        {"a new layout of the clock", [] { setOutputs(0, 4); }, [] { setOutputs(0, 2); }, 4},
+        {"a new rate of the clock", [] { setRate(0, 44100); }, [] { setRate(0, rate); }, 4},
+        {"a new rate of another", [] { setRate(1, rate); }, [] { setRate(1, 44100); }, 4},
+    };
+    const CXRef<DXRDeviceRunner> runner = runnerAmong(2);
+    runner->setSampleRate(rate);
+    runner->setFrameCount(frames);
+    Watch watch;
+    for (const uint32_t i : {0U, 1U}) {
+        for (const bool isInput : {true, false})
+            ASSERT_TRUE(runner->addDevice(device(i, isInput), std::nullopt, watch.block()));
+    }
+    watch.open();
+    runner->start();
+    const auto runsWith = [&](size_t active) {
+        return eventually([&, calls = watch.calls + 200] {
+            return runner->activeDevices().size() == active && watch.calls > calls;
+        });
+    };
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.what);
+        watch.hold();
+        fault.strike();
+        ASSERT_TRUE(runsWith(fault.active));
+        watch.hold();
+        fault.mend();
+        ASSERT_TRUE(runsWith(4));
+    }
+    runner->stop();
+    watch.expectNoFault();
+    unplug(0);
+    unplug(1);
 }
 
-// No deadlock, no call after stop, no use of what is gone, and nothing on the IO threads that does not belong there: the
-// sanitizers and the checking library look on.
 TEST(EngineStress, survivesEveryCallFromFourThreadsWhileDevicesComeAndGo)
 {
-    constexpr int devices = 3;
-    backend();
-    const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
+    constexpr uint32_t devices = 3;
+    const CXRef<DXRDeviceRunner> runner = runnerAmong(0);
     Watch watch;
-    std::atomic<bool> isOver{false};
-    std::atomic<uint32_t> done{0};
-    std::atomic<uint64_t> seeds{1};
-    {
-        const Busy hands(isOver, [random = Random(7)]() mutable {
-            const int i = static_cast<int>(random.below(devices));
-            const std::string uid = "device " + std::to_string(i);
-            switch (random.below(4)) {
-            case 0:
-                backend().plug(describe(i));
-                break;
-            case 1:
-                backend().unplug(uid);
-                break;
-            case 2:
-                backend().reconfigure(
-                    uid, [&](auto& it) { it.noStreams(HALDirection::Input).inputs(1 + random.below(4)); });
-                break;
-            default:
-                backend().plug(describe(0));
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(random.below(8)));
-        });
-        const auto client = [&] {
-            thread_local Random random(seeds++);
-            const int i = static_cast<int>(random.below(devices));
-            const CXRef<DXRDevice> one = device(i, random.below(2) == 0);
-            switch (random.below(8)) {
-            case 0:
-                runner->start();
-                break;
-            case 1:
-                runner->stop();
-                break;
-            case 2:
-            case 3:
-                runner->addDevice(one, std::nullopt, watch.block());
-                break;
-            case 4:
-                runner->removeDevice(one);
-                break;
-            case 5:
-                runner->setFrameCount(random.below(2) == 0 ? 64 : 100);
-                break;
-            case 6:
-                EXPECT_LE(runner->activeDevices().size(), 2U * devices);
-                break;
-            default:
-                std::this_thread::sleep_for(std::chrono::milliseconds(random.below(10)));
-                break;
-            }
-            ++done;
+    std::atomic<uint32_t> done{0}, changes{0};
+    const auto change = [&](Random& random) {
+        const uint32_t i = random.below(devices);
+        const std::function<void()> acts[] = {
+            [&] { plug(i); },
+            [&] { plug(0); },
+            [&] { unplug(i); },
+            [&] { setOutputs(i, 1 + random.below(4)); },
+            [&] { setRate(i, random.below(2) == 0 ? 44100 : rate); },
         };
-        const Busy a(isOver, client), b(isOver, client), c(isOver, client), d(isOver, client);
-        for (const auto end = Clock::now() + stressTime(); Clock::now() < end || done < 200;) {
-            serveMainQueue();
-            std::this_thread::sleep_for(1ms);
+        acts[random.below(std::size(acts))]();
+        ++changes;
+        std::this_thread::sleep_for(std::chrono::milliseconds(random.below(8)));
+    };
+    const auto call = [&](Random& random) {
+        const CXRef<DXRDevice> one = device(random.below(devices), random.below(2) == 0);
+        const std::function<void()> acts[] = {
+            [&] { runner->start(); },
+            [&] { runner->stop(); },
+            [&] { runner->addDevice(one, std::nullopt, watch.block()); },
+            [&] { runner->addDevice(one, std::nullopt, watch.block()); },
+            [&] { runner->removeDevice(one); },
+            [&] { runner->setFrameCount(random.below(2) == 0 ? frames : 100); },
+            [&] { EXPECT_LE(runner->activeDevices().size(), 2U * devices); },
+            [&] { std::this_thread::sleep_for(std::chrono::milliseconds(random.below(10))); },
+        };
+        acts[random.below(std::size(acts))]();
+        ++done;
+    };
+    {
+        std::vector<std::jthread> threads;
+        for (uint32_t seed = 0; seed < 5; ++seed) {
+            threads.emplace_back([&, seed](const std::stop_token& isOver) {
+                for (Random random(seed); !isOver.stop_requested();)
+                    seed == 0 ? change(random) : call(random);
+            });
         }
-        isOver = true;
+        const auto end = Clock::now() + stressTime();
+        while (Clock::now() < end || done < 200)
+            EXPECT_TRUE(eventually([looks = 0]() mutable { return ++looks > 1; }));
     }
     runner->stop();
     watch.isClosed = true;
     std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(watch.inside, 0);
     EXPECT_EQ(watch.faults, 0U);
     EXPECT_GT(watch.calls, 0U);
-    std::printf("%u calls of clients, %u of IO blocks\n", done.load(), watch.calls.load());
-    for (int i = 0; i < devices; ++i)
-        backend().unplug("device " + std::to_string(i));
+    std::printf("%u calls of clients, %u changes of devices, %u calls of IO blocks\n", done.load(),
+                changes.load(), watch.calls.load());
+    for (uint32_t i = 0; i < devices; ++i)
+        unplug(i);
 }
 
-// stop returns in the middle of everything, a thousand times: then no block is running and none comes.
+// stop returns in the middle of everything, a thousand times: then no block is running and none comes. Blocks of all
+// lengths, up to ten times the cycle.
 TEST(EngineStress, callsNoBlockOnceStopHasReturned)
 {
-    backend().plug(describe(0));
-    backend().settle();
-    const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
-    Watch watch;
-    DXRDeviceManager::sharedDeviceManager();
-    DXRDeviceManager::queue().sync([] {});
-    ASSERT_TRUE(runner->addDevice(device(0, true), std::nullopt, watch.block()));
-    ASSERT_TRUE(runner->addDevice(device(0, false), std::nullopt, watch.block(200us)));
-    Random random(3);
-    for (const auto end = Clock::now() + stressTime() / 2; Clock::now() < end;) {
-        watch.isClosed = false;
-        watch.lastTime = 0;
-        runner->start();
-        std::this_thread::sleep_for(std::chrono::microseconds(random.below(5000)));
-        runner->stop();
-        watch.isClosed = true;
-        ASSERT_EQ(watch.inside, 0);
-        std::this_thread::sleep_for(std::chrono::microseconds(random.below(2000)));
-        serveMainQueue();
+    for (const auto length : {0us, 200us, 13333us}) {
+        const CXRef<DXRDeviceRunner> runner = runnerAmong(1);
+        Watch watch;
+        ASSERT_TRUE(runner->addDevice(device(0, true), std::nullopt, watch.block()));
+        ASSERT_TRUE(runner->addDevice(device(0, false), std::nullopt, watch.block(length)));
+        Random random(3);
+        for (const auto end = Clock::now() + stressTime() / 6; Clock::now() < end;) {
+            watch.open();
+            runner->start();
+            std::this_thread::sleep_for(std::chrono::microseconds(random.below(5000)));
+            const uint32_t calls = watch.calls;
+            ASSERT_TRUE(length < 1ms || eventually([&] { return watch.calls > calls + 4; }));
+            const auto begin = Clock::now();
+            runner->stop();
+            watch.isClosed = true;
+            ASSERT_EQ(watch.inside, 0);
+            ASSERT_LT(Clock::now() - begin, 1s) << "calls get their turn all the same";
+            std::this_thread::sleep_for(std::chrono::microseconds(random.below(2000)));
+        }
+        watch.expectNoFault();
     }
-    EXPECT_EQ(watch.faults, 0U);
-    EXPECT_EQ(watch.steps, 0U);
-    EXPECT_GT(watch.calls, 0U);
-    backend().unplug("device 0");
-}
-
-TEST(EngineFaults, livesWithABlockThatOverrunsItsDeadlineTenTimesOver)
-{
-    backend().plug(describe(0));
-    const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
-    Watch watch;
-    DXRDeviceManager::sharedDeviceManager();
-    backend().settle();
-    DXRDeviceManager::queue().sync([] {});
-    ASSERT_TRUE(runner->addDevice(device(0, false), std::nullopt, watch.block(13333us)));
-    runner->start();
-    while (watch.calls < 20)
-        std::this_thread::sleep_for(1ms);
-    const auto begin = Clock::now();
-    EXPECT_EQ(runner->devices().size(), 1U);
-    runner->stop();
-    EXPECT_LT(Clock::now() - begin, 1s) << "calls get their turn all the same";
-    EXPECT_EQ(watch.inside, 0);
-    EXPECT_EQ(watch.steps, 0U);
-    backend().unplug("device 0");
+    unplug(0);
 }
 
 } // namespace

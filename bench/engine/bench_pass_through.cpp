@@ -1,0 +1,83 @@
+// How late is what passes from a device to a device, and what does it cost the audio thread, beside a bare JACK client,
+// pw-loopback, PortAudio and RtAudio on the same private server? Outputs of the engine are a buffer late by design. The
+// CPU time of a cycle is all of the audio thread's, waking up and PipeWire's own work included, which every client has;
+// of pw-loopback it is the process's. Median of a second and a half each.
+
+#include "Contest.h"
+#include "LatencyProbe.h"
+#include "NodeView.h"
+#include "PassThrough.h"
+#include "VirtualDevices.h"
+
+#include <cmath>
+#include <cstdio>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+constexpr double rate = 48000;
+constexpr double seconds = 1.5;
+
+/// How late, in frames: the median and what 95 of 100 cycles keep to; and microseconds of CPU time a cycle.
+std::vector<double> measure(const PassThroughMaker& maker, const Passage& passage, LatencyProbe& probe)
+{
+    std::vector<double> figures(3, std::nan(""));
+    try {
+        const std::unique_ptr<PassThrough> candidate = maker.make(passage);
+        std::this_thread::sleep_for(std::chrono::seconds(1)); // by then every loop has found its pace
+        const PassThrough::Usage before = candidate->usage();
+        const auto latencies = probe.measure(static_cast<size_t>(seconds * rate / passage.frameCount));
+        const PassThrough::Usage after = candidate->usage();
+        if (!latencies.empty()) {
+            figures[0] = latencies[latencies.size() / 2];
+            figures[1] = latencies[latencies.size() * 95 / 100];
+        }
+        if (after.cycles > before.cycles)
+            figures[2] = static_cast<double>(after.nanoseconds - before.nanoseconds) / 1000 /
+                         static_cast<double>(after.cycles - before.cycles);
+    } catch (const std::exception& exception) {
+        std::fprintf(stderr, "%s: %s\n", maker.name, exception.what());
+    }
+    return figures;
+}
+
+void compare(const Passage& passage)
+{
+    const bool isOneDevice = passage.source == passage.sink;
+    LatencyProbe probe(passage.client, {passage.source, isOneDevice ? "playback_FL" : "input_FL"},
+                       {passage.sink, isOneDevice ? "capture_FR" : "monitor_FR"}, passage.rate);
+    std::vector<std::string> names;
+    std::vector<double> columns[3];
+    for (const PassThroughMaker& maker : passThroughMakers()) {
+        if (maker.needsOneDevice && !isOneDevice)
+            continue;
+        const std::vector<double> figures = measure(maker, passage, probe);
+        names.emplace_back(maker.name);
+        for (size_t i = 0; i < figures.size(); ++i)
+            columns[i].push_back(figures[i]);
+    }
+    FigureTable table(std::to_string(passage.frameCount) + " frames, " +
+                      (isOneDevice ? "in and out of one device" : "from one device to another"));
+    table.addColumn("late", names, columns[0]);
+    table.addColumn("at 95 %", names, columns[1]);
+    table.addColumn("us of CPU", names, columns[2]);
+    table.print("", 1);
+}
+
+} // namespace
+
+int main()
+{
+    PrivateServer server;
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "duplex", .mediaClass = "Audio/Duplex"});
+    devices.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
+    devices.plug({.name = "sink"});
+    MetadataView settings(devices.client(), "settings");
+    for (const uint32_t frameCount : {64U, 128U, 512U}) {
+        settings.set("clock.force-quantum", std::to_string(frameCount));
+        compare({server, devices.client(), "duplex", "duplex", frameCount, rate});
+        compare({server, devices.client(), "source", "sink", frameCount, rate});
+    }
+}
