@@ -268,6 +268,10 @@ TEST(SineFit, measuresNoiseThatIsThereAndNoneThatIsNot)
     fill(0.0, 24100);
     EXPECT_LT(SineFit::of(tone, 997, 48000).worstBlock, 20.0);
     EXPECT_EQ(SineFit::of({}, 997, 48000).signalToNoise, 0.0);
+    fill(0.0, SIZE_MAX);
+    const SineFit found = SineFit::nearTo(std::span(tone).first(4800), 997.2, 48000);
+    EXPECT_NEAR(found.frequency, 997, 1e-5);
+    EXPECT_GT(found.signalToNoise, 120.0);
 }
 
 } // namespace

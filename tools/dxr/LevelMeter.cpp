@@ -1,6 +1,7 @@
 #include "LevelMeter.h"
 
 #include "DisplayText.h"
+#include "LevelBar.h"
 #include "TextFormat.h"
 
 #include <algorithm>
@@ -8,24 +9,9 @@
 
 namespace {
 
-constexpr float floorDecibels = -60.0F;
-constexpr float yellowFromDecibels = -12.0F;
-constexpr float redFromDecibels = -3.0F;
 constexpr float fallDecibelsPerSecond = 24.0F;
 constexpr uint32_t mostBars = 8;
 constexpr size_t labelWidth = 7; // "out 8" and a gap
-constexpr const char* eighths[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
-
-/// Where a level stands on a bar, 0 to 1.
-double positionOf(float decibels)
-{
-    return std::clamp(1.0 - double{decibels} / double{floorDecibels}, 0.0, 1.0);
-}
-
-float decibelsOf(float level)
-{
-    return level > 0.0F ? 20.0F * std::log10(level) : -1000.0F;
-}
 
 } // namespace
 
@@ -78,32 +64,8 @@ std::vector<std::string> LevelMeter::draw(const std::string& label, const std::v
         const std::string level = fitRight(formatLevel(double{_shown[bar]}), 9);
         const size_t room = width > labelWidth + level.size() + 1 ? width - labelWidth - level.size() - 1 : 0;
         std::string line = fitLeft(label + number, labelWidth);
-        line.append(_bar(_shown[bar], room, terminal)).append(" ").append(level);
+        line.append(levelBar(_shown[bar], room, terminal)).append(" ").append(level);
         lines.push_back(std::move(line));
     }
     return lines;
-}
-
-std::string LevelMeter::_bar(float level, size_t width, const Terminal& terminal) const
-{
-    const auto full = static_cast<size_t>(std::lround(positionOf(decibelsOf(level)) * double(width) * 8.0));
-    const auto columnOf = [&](float decibels) {
-        return static_cast<size_t>(positionOf(decibels) * static_cast<double>(width));
-    };
-    const std::pair<size_t, Style> zones[] = {{columnOf(yellowFromDecibels), Style::Green},
-                                              {columnOf(redFromDecibels), Style::Yellow},
-                                              {width, Style::Red}};
-    std::string bar;
-    size_t column = 0;
-    for (const auto& [end, style] : zones) {
-        std::string part;
-        for (; column < end && column * 8 < full; ++column)
-            part += full - column * 8 >= 8 ? "█" : eighths[full - column * 8];
-        if (!part.empty())
-            bar += terminal.styled(part, style);
-    }
-    std::string rest;
-    for (; column < width; ++column)
-        rest += "·";
-    return bar + terminal.styled(rest, Style::Dim);
 }

@@ -26,8 +26,6 @@ public:
                                   const Terminal& terminal);
 
 private:
-    std::string _bar(float level, size_t width, const Terminal& terminal) const;
-
     const uint32_t _channelCount;
     // The largest since it was last taken. The IO thread raises it, the reader takes it back to 0; both by
     // atomic exchange, so that no peak is lost between them. Nothing else depends on it.
