@@ -13,6 +13,7 @@ public:
                                                           const DXRDeviceNodes& nodes, Viables viables,
                                                           const std::vector<std::string>& deviceUIDs);
 
+    DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Aggregate; }
     /// "DXR:", the process ID in hexadecimal, and a UUID that nobody else has.
     static std::string _uniqueDeviceUID();
     /// The plug-in of that bundle ID; 0 for none.
