@@ -1,10 +1,10 @@
 #include "Resamplers.h"
 
 #include "PlainSampler.h"
+#include "SamplerateResampler.h"
 #include "ausampler.h"
 
 #include <cstring>
-#include <samplerate.h>
 #include <soxr.h>
 #include <speex/speex_resampler.h>
 #include <stdexcept>
@@ -159,29 +159,6 @@ private:
     SpeexResamplerState* _speex;
 };
 
-class Samplerate final : public Resampler {
-public:
-    Samplerate(uint32_t rateIn, uint32_t rateOut, uint32_t channels, int type)
-        : _ratio(static_cast<double>(rateOut) / rateIn)
-    {
-        int error = 0;
-        _state = src_new(type, static_cast<int>(channels), &error);
-        if (error != 0)
-            throw std::runtime_error(src_strerror(error));
-    }
-    ~Samplerate() override { src_delete(_state); }
-    uint32_t convert(const float* input, uint32_t frames, float* output) override
-    {
-        SRC_DATA data{input, output, static_cast<long>(frames), roomFrames, 0, 0, 0, _ratio};
-        src_process(_state, &data);
-        return static_cast<uint32_t>(data.output_frames_gen);
-    }
-
-private:
-    SRC_STATE* _state;
-    const double _ratio;
-};
-
 template <class Type, class... Setting> ResamplerKind kind(const char* name, Setting... setting)
 {
     return {name,
@@ -189,6 +166,14 @@ template <class Type, class... Setting> ResamplerKind kind(const char* name, Set
                 return std::make_unique<Type>(rateIn, rateOut, channels, setting...);
             },
             !std::is_same_v<Type, Feedback>};
+}
+
+ResamplerKind samplerate(const char* name, int type)
+{
+    return {name, [type](uint32_t rateIn, uint32_t rateOut, uint32_t channels) {
+                return std::make_unique<SamplerateResampler>(static_cast<double>(rateOut) / rateIn, channels,
+                                                             type);
+            }};
 }
 
 } // namespace
@@ -206,8 +191,8 @@ const std::vector<ResamplerKind>& resamplerKinds()
         kind<Soxr>("soxr, low", static_cast<unsigned long>(SOXR_LQ)),
         kind<Speex>("speexdsp, quality 0", 0),
         kind<Speex>("speexdsp, quality 3", 3),
-        kind<Samplerate>("libsamplerate, linear", static_cast<int>(SRC_LINEAR)),
-        kind<Samplerate>("libsamplerate, sinc fastest", static_cast<int>(SRC_SINC_FASTEST)),
+        samplerate("libsamplerate, linear", SRC_LINEAR),
+        samplerate("libsamplerate, sinc fastest", SRC_SINC_FASTEST),
     };
     return kinds;
 }

@@ -5,12 +5,12 @@
 #include "CompensatingResampler.h"
 #include "Contest.h"
 #include "InstructionSet.h"
+#include "SamplerateResampler.h"
 #include "ToneFit.h"
 
 #include <cstdio>
 #include <memory>
 #include <numbers>
-#include <samplerate.h>
 #include <soxr.h>
 #include <stdexcept>
 #include <zita-resampler/vresampler.h>
@@ -28,15 +28,8 @@ constexpr double partsPerMillion = 100.0;
 constexpr double outputPerInput = 1.0 + partsPerMillion * 1e-6;
 constexpr uint32_t roomFrames = 1 << 14;
 
-/// Takes a block of interleaved frames; answers the frames that came out.
-class Compensator {
-public:
-    virtual ~Compensator() = default;
-    virtual uint32_t convert(const float* input, uint32_t frames, float* output) = 0;
-};
-
 /// With all that an aggregate does to the samples: into planar channels, and out again.
-class Ours final : public Compensator {
+class Ours final : public Resampler {
 public:
     explicit Ours(uint32_t channels) : _channels(channels), _samples(channels)
     {
@@ -74,28 +67,7 @@ private:
     CompensatingResampler::Walk _walk{64, 0.0, 1.0 / outputPerInput, 0.0};
 };
 
-class Samplerate final : public Compensator {
-public:
-    Samplerate(uint32_t channels, int type)
-    {
-        int error = 0;
-        _state = src_new(type, static_cast<int>(channels), &error);
-        if (error != 0)
-            throw std::runtime_error(src_strerror(error));
-    }
-    ~Samplerate() override { src_delete(_state); }
-    uint32_t convert(const float* input, uint32_t frames, float* output) override
-    {
-        SRC_DATA data{input, output, static_cast<long>(frames), roomFrames, 0, 0, 0, outputPerInput};
-        src_process(_state, &data);
-        return static_cast<uint32_t>(data.output_frames_gen);
-    }
-
-private:
-    SRC_STATE* _state;
-};
-
-class Swresample final : public Compensator {
+class Swresample final : public Resampler {
 public:
     Swresample(uint32_t channels, int taps, bool isLinear)
     {
@@ -124,7 +96,7 @@ private:
     SwrContext* _context = nullptr;
 };
 
-class Soxr final : public Compensator {
+class Soxr final : public Resampler {
 public:
     explicit Soxr(uint32_t channels, unsigned long quality)
     {
@@ -148,7 +120,7 @@ private:
     soxr_t _soxr;
 };
 
-class Zita final : public Compensator {
+class Zita final : public Resampler {
 public:
     Zita(uint32_t channels, uint32_t halfLength)
     {
@@ -172,7 +144,7 @@ private:
 
 struct Kind {
     const char* name;
-    std::function<std::unique_ptr<Compensator>(uint32_t channels)> make;
+    std::function<std::unique_ptr<Resampler>(uint32_t channels)> make;
 };
 
 template <class Type, class... Setting> Kind kind(const char* name, Setting... setting)
@@ -180,12 +152,19 @@ template <class Type, class... Setting> Kind kind(const char* name, Setting... s
     return {name, [=](uint32_t channels) { return std::make_unique<Type>(channels, setting...); }};
 }
 
+Kind samplerate(const char* name, int type)
+{
+    return {name, [type](uint32_t channels) {
+                return std::make_unique<SamplerateResampler>(outputPerInput, channels, type);
+            }};
+}
+
 const Kind kinds[] = {
     kind<Ours>("dxr"),
-    kind<Samplerate>("libsamplerate, linear", static_cast<int>(SRC_LINEAR)),
-    kind<Samplerate>("libsamplerate, sinc fastest", static_cast<int>(SRC_SINC_FASTEST)),
-    kind<Samplerate>("libsamplerate, sinc medium", static_cast<int>(SRC_SINC_MEDIUM_QUALITY)),
-    kind<Samplerate>("libsamplerate, sinc best", static_cast<int>(SRC_SINC_BEST_QUALITY)),
+    samplerate("libsamplerate, linear", SRC_LINEAR),
+    samplerate("libsamplerate, sinc fastest", SRC_SINC_FASTEST),
+    samplerate("libsamplerate, sinc medium", SRC_SINC_MEDIUM_QUALITY),
+    samplerate("libsamplerate, sinc best", SRC_SINC_BEST_QUALITY),
     kind<Swresample>("libswresample, default", 32, false),
     kind<Swresample>("libswresample, 64, linear", 64, true),
     kind<Soxr>("soxr, variable rate", static_cast<unsigned long>(SOXR_HQ)),
@@ -202,11 +181,11 @@ void printSpeed()
             for (size_t i = 0; i < input.size(); ++i)
                 input[i] = static_cast<float>(std::sin(0.02 * static_cast<double>(i)));
             Contest contest;
-            std::vector<std::unique_ptr<Compensator>> compensators;
+            std::vector<std::unique_ptr<Resampler>> resamplers;
             for (const Kind& kind : kinds) {
-                compensators.push_back(kind.make(channels));
-                contest.add(kind.name, [&, compensator = compensators.back().get()] {
-                    return uint64_t{compensator->convert(input.data(), frames, output.data())} * channels;
+                resamplers.push_back(kind.make(channels));
+                contest.add(kind.name, [&, resampler = resamplers.back().get()] {
+                    return uint64_t{resampler->convert(input.data(), frames, output.data())} * channels;
                 });
             }
             table.addColumn(std::to_string(channels) + "ch x " + std::to_string(frames), contest.names(),
@@ -235,7 +214,7 @@ void printSets()
     table.print(best.name);
 }
 
-std::vector<float> converted(Compensator& compensator, double hertz)
+std::vector<float> converted(Resampler& resampler, double hertz)
 {
     constexpr uint32_t block = 512;
     std::vector<float> input(block), output(roomFrames), all;
@@ -243,7 +222,7 @@ std::vector<float> converted(Compensator& compensator, double hertz)
         for (float& sample : input)
             sample = static_cast<float>(
                 0.5 * std::sin(2 * std::numbers::pi * hertz / rate * static_cast<double>(fed++)));
-        const uint32_t made = compensator.convert(input.data(), block, output.data());
+        const uint32_t made = resampler.convert(input.data(), block, output.data());
         all.insert(all.end(), output.begin(), output.begin() + made);
     }
     all.erase(all.begin(), all.begin() + static_cast<ptrdiff_t>(all.size() / 3)); // the start

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace {
 
@@ -31,6 +32,7 @@ constexpr double mostEarly = 4.0; // jitters
 constexpr double mostLate = 2.0;
 constexpr double leastDoubt = 3e6; // nanoseconds; what is nearer is never called wrong
 constexpr double doubtJitters = 20.0;
+constexpr double mostOtherRate = 0.4; // of the rate it had: further off, a device cannot go
 constexpr double trendSeconds = 1.5;
 constexpr double trendJitters = 10.0;
 constexpr double leastTrend = 1000.0; // nanoseconds
@@ -68,7 +70,7 @@ ClockTracker::Outcome ClockTracker::update(uint64_t hostNanoseconds, uint64_t fr
         return Outcome::Ignored;
     const double due = _time + frames * (_period + 0.5 * frames * _change);
     const double error = static_cast<double>(hostNanoseconds) - due;
-    if (std::abs(error) > std::max(leastDoubt, doubtJitters * _jitter))
+    if (std::abs(error) > _doubtBound())
         return _doubt(hostNanoseconds, frame);
     _doubtful = 0;
     ++_count;
@@ -124,6 +126,11 @@ void ClockTracker::_follow(double error, double frames) noexcept
     _watchForTrend(weighed, frames);
 }
 
+double ClockTracker::_doubtBound() const noexcept
+{
+    return std::max(leastDoubt, doubtJitters * _jitter);
+}
+
 double ClockTracker::_weighed(double error) const noexcept
 {
     return error < 0.0 ? earlyWeight * std::max(error, -mostEarly * _jitter)
@@ -154,22 +161,31 @@ void ClockTracker::_watchForTrend(double error, double frames) noexcept
 
 ClockTracker::Outcome ClockTracker::_doubt(uint64_t host, uint64_t frame) noexcept
 {
-    if (_doubtful++ == 0) {
-        _doubtHost = _firstDoubtHost = host;
+    // What the stamps say of the rate, they say only of a time without another stall or jump in it.
+    const double sinceLast = static_cast<double>(host - std::exchange(_lastDoubtHost, host));
+    const double due = static_cast<double>(frame - std::exchange(_lastDoubtFrame, frame)) * _period;
+    const bool isNew = _doubtful == 0;
+    const bool isBroken = std::abs(sinceLast - due) > std::max(_doubtBound(), mostOtherRate * due);
+    if (isNew)
+        _firstDoubtHost = host;
+    if (isNew || isBroken) {
+        _doubtful = 1;
+        _doubtHost = host;
         _doubtFrame = frame;
-        return Outcome::Ignored;
+    } else {
+        ++_doubtful;
     }
     const double elapsed = static_cast<double>(host - _doubtHost);
     const double frames = static_cast<double>(frame - _doubtFrame);
-    if (_doubtful < 8 || elapsed < 0.1 * second || frames <= 0.0)
+    const bool isEnough = static_cast<double>(host - _firstDoubtHost) > 3.0 * second;
+    if (!isEnough && (_doubtful < 8 || elapsed < 0.1 * second))
         return Outcome::Ignored;
     // They agree with each other. At the old rate: the clock has paused or jumped. At another one that a device
     // can have: its rate was changed, or was never what it said. Otherwise it is catching up: wait for the end.
     const double period = elapsed / frames;
     const double against = period / _period;
     const bool isOldRate = std::abs(against - 1.0) < 0.01;
-    const bool isNewRate = against > 0.7 && against < 1.4 && elapsed > 0.4 * second;
-    const bool isEnough = static_cast<double>(host - _firstDoubtHost) > 3.0 * second;
+    const bool isNewRate = std::abs(against - 1.0) < mostOtherRate && elapsed > 0.4 * second;
     if (isOldRate || isNewRate || isEnough) {
         _begin(host, frame, isOldRate ? _period : isNewRate ? period : _nominalPeriod);
         return Outcome::Resynchronised;

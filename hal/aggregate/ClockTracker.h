@@ -40,6 +40,7 @@ public:
 private:
     void _begin(uint64_t host, uint64_t frame, double period) noexcept CX_REALTIME;
     void _follow(double error, double frames) noexcept CX_REALTIME;
+    double _doubtBound() const noexcept CX_REALTIME;
     double _weighed(double error) const noexcept CX_REALTIME;
     void _watchForTrend(double error, double frames) noexcept CX_REALTIME;
     Outcome _doubt(uint64_t host, uint64_t frame) noexcept CX_REALTIME;
@@ -63,5 +64,7 @@ private:
     uint32_t _doubtful = 0;
     uint64_t _doubtHost = 0;
     uint64_t _doubtFrame = 0;
+    uint64_t _lastDoubtHost = 0;
+    uint64_t _lastDoubtFrame = 0;
     uint64_t _firstDoubtHost = 0;
 };

@@ -222,6 +222,8 @@ void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
     const auto frameCount = static_cast<uint32_t>(std::min<uint64_t>(clock.duration, _mostFrames));
     const PipeWireTimeline::Step step = _timeline.advance(
         {clock.id, clock.position, clock.nsec, static_cast<uint32_t>(clock.duration), clock.rate.denom});
+    if (step.wasCounted)
+        return _skipCycle(frameCount);
     if (step.lostFrames)
         _table->reportOverload();
     _noteClock(position);
@@ -254,6 +256,16 @@ void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
     // The device did not wait: what was given too late is lost, though the clock's count shows no gap.
     if (!step.lostFrames && clock.next_nsec > clock.nsec && platform::HostClock::nowTicks() > clock.next_nsec)
         _table->reportOverload();
+}
+
+/// Takes what has come, and gives silence.
+void PipeWireDeviceIO::_skipCycle(uint32_t frameCount) noexcept
+{
+    for (void* const port : _inputPorts)
+        portSamples(port, frameCount, false);
+    for (void* const port : _outputPorts)
+        if (float* samples = portSamples(port, frameCount, true))
+            std::fill_n(samples, frameCount, 0.0F);
 }
 
 void PipeWireDeviceIO::_noteClock(const spa_io_position& position) noexcept

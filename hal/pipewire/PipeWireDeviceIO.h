@@ -72,6 +72,7 @@ private:
 
     static void _process(void* data, spa_io_position* position);
     void _cycle(const spa_io_position& position) noexcept CX_REALTIME;
+    void _skipCycle(uint32_t frameCount) noexcept CX_REALTIME;
     void _noteClock(const spa_io_position& position) noexcept CX_REALTIME;
     void _addPorts(std::vector<void*>& ports, bool inputs, size_t count);
     static PipeWireProperties _propertiesOf(const Wishes& wishes);

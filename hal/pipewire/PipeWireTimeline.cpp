@@ -4,6 +4,7 @@
 
 namespace {
 
+constexpr uint64_t catchingUpNanoseconds = 1'000'000'000;
 constexpr uint64_t mostSeconds = 60; // a longer gap in a clock's count is a clock set anew
 
 /// The frames from the start of one cycle to that of the next, by the time between them: not less than the first
@@ -25,14 +26,26 @@ PipeWireTimeline::Step PipeWireTimeline::advance(const Clock& clock) noexcept
         _isPaused = false;
         _sampleTime += _last.frameCount;
         _last = clock;
-        return {_sampleTime, false};
+        _lostFrames = 0;
+        return {_sampleTime, false, false};
     }
     const bool isSameClock = clock.id == _last.id && clock.rate == _last.rate;
     const uint64_t counted = clock.position - _last.position; // huge when the count went back
+    const bool isSameMoment = isSameClock && counted == 0 && clock.nanoseconds == _last.nanoseconds;
+    if (clock.nanoseconds - _lastLoss > catchingUpNanoseconds)
+        _lostFrames = 0;
+    if (isSameMoment && _lostFrames >= clock.frameCount) {
+        _lostFrames -= clock.frameCount;
+        return {_sampleTime, false, true};
+    }
     const bool isCounted = isSameClock && counted >= _last.frameCount && counted <= mostSeconds * clock.rate;
     const uint64_t frames = isCounted ? counted : framesByTime(_last, clock);
-    const bool lostFrames = frames > _last.frameCount;
+    const uint64_t lost = frames - _last.frameCount;
+    if (lost > 0) {
+        _lostFrames += lost;
+        _lastLoss = clock.nanoseconds;
+    }
     _sampleTime += frames;
     _last = clock;
-    return {_sampleTime, lostFrames};
+    return {_sampleTime, lost > 0, false};
 }

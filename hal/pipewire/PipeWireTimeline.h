@@ -21,6 +21,11 @@ public:
     struct Step {
         uint64_t sampleTime; ///< of the first frame of this cycle
         bool lostFrames;     ///< whether frames between the last cycle and this one were never delivered
+        /// Whether this cycle must not be run: it is one of those that were told to be lost. A thread that is late finds
+        /// the clock of a later cycle in the cycles that it catches up with, so that one seems to be missing first, and
+        /// in the end one comes twice. Were that run, it would be counted twice, and the sample time would go ahead of
+        /// the clock.
+        bool wasCounted;
     };
 
     Step advance(const Clock& clock) noexcept CX_REALTIME;
@@ -30,5 +35,7 @@ public:
 private:
     Clock _last{};
     uint64_t _sampleTime = 0;
+    uint64_t _lostFrames = 0; // of late, which may come after all
+    uint64_t _lastLoss = 0;   // nanoseconds
     bool _isPaused = true;
 };

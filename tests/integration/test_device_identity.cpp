@@ -3,6 +3,7 @@
 #include "FakeCard.h"
 #include "FakeUSBBus.h"
 #include "PipeWireTest.h"
+#include "ToolProcess.h"
 
 #include <algorithm>
 #include <memory>
@@ -115,18 +116,21 @@ TEST_F(DeviceIdentity, tellsTwoUnitsWithoutSerialNumbersApart)
     EXPECT_EQ(connected(withoutSerial + "03140000"), one);
     EXPECT_EQ(one->overrideForKey("unit"), CXPlist(1));
 
-    // A reference to neither, kept from a third port, could mean both: whoever asks can tell.
+    // A reference to neither, kept from a third port, could mean both: the library takes one, the command asks.
     std::string elsewhere = storedOne;
     elsewhere.replace(elsewhere.rfind("03140000"), 8, "03990000");
-    const CXRef<DXRDeviceReference> ambiguous = DXRDeviceReference::initWithString(elsewhere);
-    const auto devices = manager().connectedDevices();
-    EXPECT_EQ(std::ranges::count_if(devices,
-                                    [&](const CXRef<DXRDevice>& device) {
-                                        return ambiguous->isGenericallyEqual(device->reference().get());
-                                    }),
-              2);
     const CXRef<DXRDevice> chosen = manager().deviceWithReference(elsewhere);
     EXPECT_TRUE(chosen == one || chosen == other);
+    setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
+    const ToolResult ambiguous = runTool({"info", elsewhere});
+    EXPECT_EQ(ambiguous.status, 1);
+    for (const char* candidate : {"could be 2 devices", "03140000", "03120000"})
+        EXPECT_NE(ambiguous.errors.find(candidate), std::string::npos) << ambiguous.errors;
+    const ToolResult exact = runTool({"ref", other->reference()->string()});
+    EXPECT_NE(exact.output.find("03120000"), std::string::npos) << exact.output << exact.errors;
+    unplug(second);
+    ASSERT_TRUE(eventually([&] { return !other->isConnected(); }));
+    EXPECT_EQ(runTool({"info", elsewhere}).status, 0) << "only one is left";
 }
 
 TEST_F(DeviceIdentity, knowsAUnitByItsSerialNumberWhereverItIs)

@@ -47,6 +47,26 @@ std::optional<DeviceReport> readHidden(const std::string& wanted)
                                                                                : std::nullopt;
 }
 
+/// What is there in this direction and could be meant: the device itself, else all of its model.
+std::vector<DeviceReport> readReferred(const DXRDeviceReference& reference)
+{
+    DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
+    const CXRef<DXRDevice> first = manager.deviceWithReference(reference.string());
+    if (!first || !first->isConnected())
+        return {};
+    std::vector<CXRef<DXRDevice>> devices{first};
+    if (!reference.isEqual(first->reference().get())) {
+        for (const CXRef<DXRDevice>& device : manager.connectedDevices())
+            if (device != first && reference.isGenericallyEqual(device->reference().get()))
+                devices.push_back(device);
+    }
+    std::vector<DeviceReport> reports;
+    for (const CXRef<DXRDevice>& device : devices)
+        if (std::optional<DeviceReport> report = DeviceReport::read(device->deviceID()))
+            reports.push_back(*std::move(report));
+    return reports;
+}
+
 DeviceReport findReferred(const std::string& text, std::optional<HALDirection> direction)
 {
     const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(text);
@@ -56,11 +76,11 @@ DeviceReport findReferred(const std::string& text, std::optional<HALDirection> d
         const bool isInput = side == HALDirection::Input;
         if (direction.value_or(side) != side || reference->isInput().value_or(isInput) != isInput)
             continue;
-        const CXRef<DXRDevice> device = DXRDeviceManager::sharedDeviceManager().deviceWithReference(
-            reference->deviceReferenceWithInput(isInput)->string());
-        const AudioObjectID deviceID = device ? device->deviceID() : kAudioObjectUnknown;
-        if (const std::optional<DeviceReport> report = DeviceReport::read(deviceID))
-            return *report;
+        const std::vector<DeviceReport> found = readReferred(*reference->deviceReferenceWithInput(isInput));
+        if (found.size() > 1)
+            failAmbiguous(text, found);
+        if (!found.empty())
+            return found.front();
     }
     throw ToolFailure("the device of the reference " + quoted(text) + " is not connected");
 }
