@@ -95,6 +95,7 @@ TEST_F(DxrCommand, tellsWrongUsageFromFailure)
         {{"set", "zoo-speakers", "--simulated", "--volume", "nan"}, 2},
         {{"set", "zoo-speakers", "--simulated", "--mute", "maybe"}, 2},
         {{"record", "x.wav", "--in", "zoo-ramp", "--seconds", "-1"}, 2},
+        {{"trace"}, 2},
         {{"--help"}, 0},
         {{"--version"}, 0},
         {{"info", "nobody", "--simulated"}, 1},
@@ -112,6 +113,8 @@ TEST_F(DxrCommand, tellsWrongUsageFromFailure)
         {{"loop", "--in", "zoo-ramp", "--out", "zoo-speakers", "--simulated", "--frames", "4294967295"}, 1},
         {{"play", good, "--out", "zoo-speakers:1", "--channels", "1,1", "--simulated"}, 1},
         {{"play", good, "--out", "zoo-speakers", "--channels", "2", "--simulated"}, 1},
+        {{"trace", "/nowhere/x.json", "--simulated"}, 1},
+        {{"trace", "/dev/full", "--simulated"}, 1},
         {{"resample", good, path("out.wav")}, 2},
         {{"resample", good, path("out.wav"), "--rate", "0"}, 2},
         {{"resample", good, path("out.wav"), "--rate", "44100.5x"}, 2},
@@ -316,6 +319,25 @@ TEST_F(DxrCommand, loopsUntilItIsStoppedAndTellsWhatHappened)
         << loop.output();
     EXPECT_NE(loop.output().find("frames moved"), std::string::npos) << loop.output();
     EXPECT_NE(loop.output().find(" ppm"), std::string::npos) << "a clock that was followed";
+}
+
+TEST_F(DxrCommand, writesATraceThatIsWholeOrSaysWhyNot)
+{
+    const ToolResult traced = runTool({"trace", path("run.json"), "--in", "zoo-loopback", "--out",
+                                       "zoo-speakers", "--simulated", "--seconds", "1"});
+    EXPECT_EQ(traced.status, 0) << traced.errors;
+    size_t cycles = 0;
+    for (const json& event : json::parse(std::ifstream(path("run.json"))))
+        cycles += event.at("name") == "aggregate cycle";
+    EXPECT_NEAR(static_cast<double>(cycles), 90, 60);
+    std::stringstream svg;
+    svg << std::ifstream(path("run.svg")).rdbuf();
+    EXPECT_TRUE(svg.str().starts_with("<svg") && svg.str().ends_with("</svg>\n"));
+    EXPECT_NE(svg.str().find("Loop-back Cable -&gt; Built-in Speakers"), std::string::npos);
+
+    ToolProcess full({"trace", path("full.json"), "--simulated"}, false, 50'001);
+    EXPECT_EQ(full.finish(), 1);
+    EXPECT_EQ(linesOf(full.errors()).size(), 1U) << full.errors();
 }
 
 TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)
