@@ -95,6 +95,7 @@ TEST_F(DxrCommand, tellsWrongUsageFromFailure)
         {{"set", "zoo-speakers", "--simulated", "--volume", "nan"}, 2},
         {{"set", "zoo-speakers", "--simulated", "--mute", "maybe"}, 2},
         {{"record", "x.wav", "--in", "zoo-ramp", "--seconds", "-1"}, 2},
+        {{"trace"}, 2},
         {{"--help"}, 0},
         {{"--version"}, 0},
         {{"info", "nobody", "--simulated"}, 1},
@@ -106,6 +107,14 @@ TEST_F(DxrCommand, tellsWrongUsageFromFailure)
         {{"set", "speakers", "--simulated", "--volume", "25%", "--source", "line out"}, 0},
         {{"record", "/nowhere/x.wav", "--in", "zoo-ramp", "--simulated", "--seconds", "0.1"}, 1},
         {{"record", "/dev/full", "--in", "zoo-ramp", "--simulated", "--seconds", "0.1"}, 1},
+        {{"loop", "--in", "zoo-ramp", "--in", "zoo-ramp:1", "--out", "zoo-speakers", "--simulated"}, 1},
+        {{"loop", "--in", "zoo-ramp:3", "--out", "zoo-speakers", "--simulated"}, 1},
+        {{"loop", "--in", "zoo-ramp", "--out", "zoo-speakers", "--simulated", "--rate", "5"}, 1},
+        {{"loop", "--in", "zoo-ramp", "--out", "zoo-speakers", "--simulated", "--frames", "4294967295"}, 1},
+        {{"play", good, "--out", "zoo-speakers:1", "--channels", "1,1", "--simulated"}, 1},
+        {{"play", good, "--out", "zoo-speakers", "--channels", "2", "--simulated"}, 1},
+        {{"trace", "/nowhere/x.json", "--simulated"}, 1},
+        {{"trace", "/dev/full", "--simulated"}, 1},
         {{"resample", good, path("out.wav")}, 2},
         {{"resample", good, path("out.wav"), "--rate", "0"}, 2},
         {{"resample", good, path("out.wav"), "--rate", "44100.5x"}, 2},
@@ -297,14 +306,38 @@ TEST_F(DxrCommand, leavesAValidRecordingWhateverEndsIt)
 
 TEST_F(DxrCommand, loopsUntilItIsStoppedAndTellsWhatHappened)
 {
-    ToolProcess loop({"loop", "--in", "zoo-ramp", "--out", "zoo-speakers", "--simulated"});
-    ASSERT_TRUE(loop.waitFor("The ring adds 1536 frames (32.0 ms)"));
+    ToolProcess loop({"loop", "--in", "zoo-ramp:1", "--in", "zoo-usb-mic", "--out", "zoo-speakers", "--out",
+                      "zoo-surround:3-6", "--frames", "480", "--rate", "22050", "--simulated"},
+                     true);
+    ASSERT_TRUE(loop.waitFor("held back by a block of 480 frames (21.8 ms)")) << loop.output();
+    ASSERT_TRUE(loop.waitFor("in USB Micropho…")) << loop.output();
     loop.signal(SIGTERM);
-    EXPECT_EQ(loop.finish(), 0) << loop.errors();
+    EXPECT_EQ(loop.finish(), 0) << loop.output();
+    EXPECT_NE(
+        loop.output().find("Ramp Generator + USB Microphone -> Built-in Speakers + Living Room Receiver"),
+        std::string::npos)
+        << loop.output();
     EXPECT_NE(loop.output().find("frames moved"), std::string::npos) << loop.output();
-    const ToolResult differing =
-        runTool({"loop", "--in", "zoo-ramp", "--out", "zoo-speakers", "--simulated", "--rate", "22050"});
-    EXPECT_EQ(differing.status, 1);
+    EXPECT_NE(loop.output().find(" ppm"), std::string::npos) << "a clock that was followed";
+}
+
+TEST_F(DxrCommand, writesATraceThatIsWholeOrSaysWhyNot)
+{
+    const ToolResult traced = runTool({"trace", path("run.json"), "--in", "zoo-loopback", "--out",
+                                       "zoo-speakers", "--simulated", "--seconds", "1"});
+    EXPECT_EQ(traced.status, 0) << traced.errors;
+    size_t cycles = 0;
+    for (const json& event : json::parse(std::ifstream(path("run.json"))))
+        cycles += event.at("name") == "aggregate cycle";
+    EXPECT_NEAR(static_cast<double>(cycles), 90, 60);
+    std::stringstream svg;
+    svg << std::ifstream(path("run.svg")).rdbuf();
+    EXPECT_TRUE(svg.str().starts_with("<svg") && svg.str().ends_with("</svg>\n"));
+    EXPECT_NE(svg.str().find("Loop-back Cable -&gt; Built-in Speakers"), std::string::npos);
+
+    ToolProcess full({"trace", path("full.json"), "--simulated"}, false, 50'001);
+    EXPECT_EQ(full.finish(), 1);
+    EXPECT_EQ(linesOf(full.errors()).size(), 1U) << full.errors();
 }
 
 TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)

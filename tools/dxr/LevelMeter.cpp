@@ -11,7 +11,7 @@ namespace {
 
 constexpr float fallDecibelsPerSecond = 24.0F;
 constexpr uint32_t mostBars = 8;
-constexpr size_t labelWidth = 7; // "out 8" and a gap
+constexpr size_t leastLabelWidth = 7; // "out 8" and a gap
 
 } // namespace
 
@@ -28,16 +28,32 @@ void LevelMeter::note(const AudioBufferList* list) noexcept
         const auto* samples = static_cast<const float*>(buffer.data);
         const size_t count = samples ? buffer.dataByteSize / sizeof(float) : 0;
         for (uint32_t channel = 0; channel < buffer.numberChannels && number < _channelCount;
-             ++channel, ++number) {
-            float peak = 0.0F;
-            for (size_t k = channel; k < count; k += buffer.numberChannels)
-                peak = std::max(peak, std::fabs(samples[k]));
-            float before = _peaks[number].load(std::memory_order_relaxed);
-            while (peak > before &&
-                   !_peaks[number].compare_exchange_weak(before, peak, std::memory_order_relaxed)) {
-            }
-        }
+             ++channel, ++number)
+            _raise(number, samples + channel, count > channel ? count - channel : 0, buffer.numberChannels);
     }
+}
+
+void LevelMeter::note(const DXRBuffer& buffer) noexcept
+{
+    const size_t channels = buffer.channelCount();
+    for (uint32_t channel = 0; channel < std::min<size_t>(channels, _channelCount); ++channel)
+        _raise(channel, buffer.samples() + channel, channels * buffer.frameCount() - channel, channels);
+}
+
+/// Takes every `stride`th of `count` samples.
+void LevelMeter::_raise(uint32_t channel, const float* samples, size_t count, size_t stride) noexcept
+{
+    float peak = 0.0F;
+    for (size_t k = 0; k < count; k += stride)
+        peak = std::max(peak, std::fabs(samples[k]));
+    float before = _peaks[channel].load(std::memory_order_relaxed);
+    while (peak > before && !_peaks[channel].compare_exchange_weak(before, peak, std::memory_order_relaxed)) {
+    }
+}
+
+size_t LevelMeter::lineCount(Detail detail) const noexcept
+{
+    return detail == Detail::Loudest || _channelCount > mostBars ? 1 : _channelCount;
 }
 
 std::vector<float> LevelMeter::takePeaks()
@@ -49,13 +65,14 @@ std::vector<float> LevelMeter::takePeaks()
 }
 
 std::vector<std::string> LevelMeter::draw(const std::string& label, const std::vector<float>& peaks,
-                                          size_t width, const Terminal& terminal)
+                                          size_t width, const Terminal& terminal, Detail detail)
 {
     const auto now = std::chrono::steady_clock::now();
     const float seconds = std::min(1.0F, std::chrono::duration<float>(now - _drawn).count());
     _drawn = now;
     const float fall = std::pow(10.0F, -fallDecibelsPerSecond * seconds / 20.0F);
-    const size_t bars = _channelCount > mostBars ? 1 : _channelCount;
+    const size_t bars = std::min<size_t>(lineCount(detail), _channelCount);
+    const size_t labelWidth = std::max(leastLabelWidth, displayWidth(label) + 3);
     std::vector<std::string> lines;
     for (size_t bar = 0; bar < bars; ++bar) {
         const float peak = bars == 1 && !peaks.empty() ? *std::ranges::max_element(peaks) : peaks[bar];

@@ -12,6 +12,7 @@
 #include "ResampleCommand.h"
 #include "SetCommand.h"
 #include "ToolFailure.h"
+#include "TraceCommand.h"
 #include "WatchCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -33,6 +34,7 @@ void registerCommands(CLI::App& app)
     registerLoopCommand(app);
     registerPlayCommand(app);
     registerRecordCommand(app);
+    registerTraceCommand(app);
     registerDemoCommand(app);
     registerResampleCommand(app);
     registerPlotCommand(app);
