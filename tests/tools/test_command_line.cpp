@@ -374,6 +374,61 @@ TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)
     EXPECT_EQ(unseen.output, "") << "nobody is shown what cannot be kept";
 }
 
+/// The terminal is as it was before the tool had it whole.
+void expectGivenBack(ToolProcess& tool)
+{
+    EXPECT_TRUE(tool.isCooked());
+    const std::string& output = tool.output();
+    EXPECT_GT(output.rfind("\x1B[?1049l"), output.rfind("\x1B[?1049h")) << "the other screen";
+    EXPECT_GT(output.rfind("\x1B[?25h"), output.rfind("\x1B[?25l")) << "the cursor";
+    EXPECT_GT(output.rfind("\x1B[?7h"), output.rfind("\x1B[?7l")) << "long lines";
+}
+
+TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndGivesItBack)
+{
+    ToolProcess monitor({"monitor", "--simulated"}, true);
+    ASSERT_TRUE(monitor.waitFor("USB Microphone")) << monitor.output();
+    ASSERT_TRUE(monitor.waitFor("-12.0 dB")) << "what the microphone hears";
+    EXPECT_FALSE(monitor.isCooked());
+    ASSERT_TRUE(monitor.waitFor("connected     Wireless Headphones"));
+    ASSERT_TRUE(monitor.waitFor("default       output: Wireless Headphones"));
+    ASSERT_TRUE(monitor.waitFor("out Wireless Headphones")) << "it goes where the default goes";
+    monitor.resize(40, 12);
+    ASSERT_TRUE(monitor.waitFor("q quits   l plays the inputs on the ou…")) << monitor.output();
+    monitor.press("l");
+    ASSERT_TRUE(monitor.waitFor("l silences"));
+    monitor.press("xyz\x1B[Aq");
+    EXPECT_EQ(monitor.finish(), 0);
+    expectGivenBack(monitor);
+
+    struct {
+        const char* why;
+        std::vector<std::string> arguments;
+        int signal;
+        int status;
+    } const rows[] = {
+        {"Ctrl-C", {"--in", "zoo-usb-mic", "--out", "zoo-surround:1,2"}, SIGINT, 0},
+        {"asked to end", {}, SIGTERM, 0},
+        {"a fault of its own", {}, SIGSEGV, 128 + SIGSEGV},
+        {"aborted", {}, SIGABRT, 128 + SIGABRT},
+    };
+    for (const auto& row : rows) {
+        std::vector<std::string> arguments{"monitor", "--simulated"};
+        arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+        ToolProcess ended(arguments, true);
+        ASSERT_TRUE(ended.waitFor("q quits")) << row.why;
+        ended.signal(row.signal);
+        EXPECT_EQ(ended.finish(), row.status) << row.why;
+        expectGivenBack(ended);
+    }
+    const ToolResult plain = runTool({"monitor", "--simulated"});
+    EXPECT_EQ(plain.status, 1);
+    EXPECT_EQ(linesOf(plain.errors).size(), 1U) << plain.errors;
+    ToolProcess unknown({"monitor", "--simulated", "--in", "nobody"}, true);
+    EXPECT_EQ(unknown.finish(), 1);
+    EXPECT_EQ(unknown.output().find("\x1B[?1049h"), std::string::npos) << "an error stays to be read";
+}
+
 /// Writes a second of a sine of its own frequency and loudness in each of three channels.
 void writeTones(const std::string& path, int rate, const double (&hertz)[3])
 {

@@ -2,6 +2,7 @@
 #include "DemoPicture.h"
 #include "DisplayText.h"
 #include "ListCommand.h"
+#include "MonitorView.h"
 
 #include <gtest/gtest.h>
 
@@ -155,6 +156,38 @@ TEST_F(ToolText, findsWhateverIsNotTrueOfADemo)
         EXPECT_EQ(DemoClaim::ofTime(run).isTrue, row.isTimeGood) << row.why;
         EXPECT_EQ(DemoClaim::ofSound(run, 0.6).isTrue, row.isSoundGood) << row.why;
     }
+}
+
+TEST_F(ToolText, fitsTheMonitorIntoEveryTerminal)
+{
+    MonitorState state;
+    state.context = "2 devices as one";
+    state.sampleRate = 48000;
+    state.frameCount = 512;
+    state.usedSeconds = 0.02;
+    state.cycleSeconds = 0.01;
+    state.devices.resize(3);
+    state.devices[0] = {"in", "\x1B[2Jhostile\n", true, "runs", 44100, "+12.3 ppm", 400, 2.0F};
+    state.devices[1].name = std::string(4096, 'x');
+    state.devices[2] = {"out", "スピーカー (内蔵オーディオ アナログステレオ)", false, "gone", 0, "", 0, 0.0F};
+    state.others = {{"other\x07", 1, 2, 48000}};
+    state.news.assign(50, "\x1B]0;news\x07");
+    state.keys = "q quits";
+    const Terminal terminal; // no colours: it is none
+    for (size_t columns = 0; columns < 200; columns += columns < 20 ? 1 : 7) {
+        for (size_t rows = 1; rows < 60; rows += rows < 12 ? 1 : 7) {
+            const std::vector<std::string> lines = monitorLines(state, columns, rows, terminal);
+            EXPECT_EQ(lines.size(), rows);
+            for (const std::string& line : lines) {
+                EXPECT_LE(displayWidth(line), columns) << line.substr(0, 200);
+                EXPECT_EQ(line.find_first_of("\x1B\n\x07"), std::string::npos);
+            }
+        }
+    }
+    const std::vector<std::string> lines = monitorLines(state, 79, 24, terminal);
+    EXPECT_NE(lines[1].find("20.00 of 10.00 ms"), std::string::npos) << lines[1];
+    EXPECT_TRUE(lines.back().starts_with("q quits"));
+    EXPECT_EQ(monitorLines({}, 79, 24, terminal).size(), 24U);
 }
 
 TEST_F(ToolText, drawsAPictureThatNoTextCanBreak)

@@ -2,6 +2,7 @@
 
 #include "DisplayText.h"
 #include "SvgDrawing.h"
+#include "SvgShapes.h"
 #include "TextFormat.h"
 
 #include <algorithm>
@@ -20,14 +21,11 @@ constexpr double panelHeight = 96.0;
 constexpr double panelGap = 30.0;
 constexpr size_t textColumns = 120; // of the results
 
-constexpr const char* ink = "#1d2433";
-constexpr const char* faint = "#8a93a6";
-constexpr const char* grid = "#e6e9f0";
 constexpr const char* deviceColours[] = {"#e07a3f", "#3b82c4", "#43a68b"};
 constexpr const char* contextColours[] = {"#c8ccd6", "#e9c46a", "#9cc5e3",
                                           "#5b8def"}; // by how many devices run
 
-constexpr SvgDrawing::TextStyle title{ink, 13.0, "end", true};
+constexpr SvgDrawing::TextStyle title{svgInk, 13.0, "end", true};
 
 using Point = SvgDrawing::Point;
 
@@ -93,10 +91,10 @@ void Picture::_title(const std::string& results)
     _drawing.text(
         {24.0, 36.0},
         formatText("dxr demo: devices come and go in %.1f s, and the time goes on", _history.seconds),
-        {ink, 20.0, "start", true});
+        {svgInk, 20.0, "start", true});
     double y = 60.0;
     for (const std::string& line : wrapped(results, textColumns)) {
-        _drawing.text({24.0, y}, line, {faint, 12.0});
+        _drawing.text({24.0, y}, line, {svgFaint, 12.0});
         y += 17.0;
     }
 }
@@ -106,8 +104,8 @@ void Picture::_seconds(double bottom)
     const int step = _history.seconds > 40.0 ? 10 : _history.seconds > 20.0 ? 5 : 1;
     for (int second = 0; second <= static_cast<int>(_history.seconds + 0.01); second += step) {
         const double x = _x(second);
-        _drawing.line({x, firstTop}, {x, bottom}, grid);
-        _drawing.text({x, bottom + 18.0}, formatText("%d s", second), {faint, 11.0, "middle"});
+        _drawing.line({x, firstTop}, {x, bottom}, svgGrid);
+        _drawing.text({x, bottom + 18.0}, formatText("%d s", second), {svgFaint, 11.0, "middle"});
     }
 }
 
@@ -124,7 +122,7 @@ void Picture::_contexts()
                            3.0);
         const std::string what = count == 0 ? "timer" : count == 1 ? "one" : formatText("%zu as one", count);
         if (to - from > 7.0 * static_cast<double>(what.size()))
-            _drawing.text({(from + to) / 2.0, _top + 15.0}, what, {ink, 11.0, "middle"});
+            _drawing.text({(from + to) / 2.0, _top + 15.0}, what, {svgInk, 11.0, "middle"});
     }
     _top += 22.0 + panelGap;
 }
@@ -133,8 +131,8 @@ void Picture::_lanes()
 {
     for (const DemoStage::Device device : DemoStage::devices) {
         const DemoStage::Facts& facts = DemoStage::factsOf(device);
-        _drawing.text({left - 12.0, _top + 12.0}, facts.name, {ink, 12.0, "end"});
-        _drawing.text({left - 12.0, _top + 25.0}, formatRate(facts.sampleRate), {faint, 10.0, "end"});
+        _drawing.text({left - 12.0, _top + 12.0}, facts.name, {svgInk, 12.0, "end"});
+        _drawing.text({left - 12.0, _top + 25.0}, formatRate(facts.sampleRate), {svgFaint, 10.0, "end"});
         for (const DemoHistory::Presence& presence : _history.presences) {
             if (presence.device != device)
                 continue;
@@ -159,9 +157,9 @@ void Picture::_notes(DemoStage::Device device)
         const std::string what = clipToWidth(singleLine(note.what), 40);
         const double length = 5.6 * static_cast<double>(displayWidth(what));
         const bool isAtEnd = x + length > right;
-        _drawing.circle({x, _top + barHeight / 2.0}, 4.0, "#fff", ink);
+        _drawing.circle({x, _top + barHeight / 2.0}, 4.0, "#fff", svgInk);
         if (x >= roomFrom || isAtEnd)
-            _drawing.text({x, _top + barHeight + 13.0}, what, {ink, 10.5, isAtEnd ? "end" : "start"});
+            _drawing.text({x, _top + barHeight + 13.0}, what, {svgInk, 10.5, isAtEnd ? "end" : "start"});
         roomFrom = x + length + 8.0;
     }
 }
@@ -171,11 +169,11 @@ double Picture::_panel(const Panel& panel)
 {
     const double top = _top;
     _drawing.text({left - 60.0, top + 12.0}, panel.name, title);
-    _drawing.text({left - 60.0, top + 27.0}, panel.unit, {faint, 10.5, "end"});
+    _drawing.text({left - 60.0, top + 27.0}, panel.unit, {svgFaint, 10.5, "end"});
     for (double value = panel.least; value <= panel.most + panel.step / 2.0; value += panel.step) {
         const double y = top + panelHeight * (panel.most - value) / (panel.most - panel.least);
-        _drawing.line({left, y}, {right, y}, grid);
-        _drawing.text({left - 8.0, y + 4.0}, formatText(panel.format, value), {faint, 10.5, "end"});
+        _drawing.line({left, y}, {right, y}, svgGrid);
+        _drawing.text({left - 8.0, y + 4.0}, formatText(panel.format, value), {svgFaint, 10.5, "end"});
     }
     _top += panelHeight + panelGap;
     return top;
@@ -229,7 +227,7 @@ void Picture::_times()
     if (_history.cycles.empty())
         return;
     const DemoHistory::Cycle& first = _history.cycles.front();
-    Curve time{ink, {}}, late{"#c75d6b", {}};
+    Curve time{svgInk, {}}, late{"#c75d6b", {}};
     double most = 50.0; // ms that is shown at least
     for (const DemoHistory::Cycle& cycle : _history.cycles) {
         const double sampleSeconds = cycle.sampleSeconds - first.sampleSeconds;

@@ -16,7 +16,8 @@ public:
 
     /// Adds the devices, with blocks that keep this alive, to a session that has not started.
     void addTo(RunnerSession& session);
-    void open() noexcept { _isOpen.store(true, std::memory_order_relaxed); }
+    void open() noexcept { setOpen(true); }
+    void setOpen(bool isOpen) noexcept { _isOpen.store(isOpen, std::memory_order_relaxed); }
     /// Frames that have passed since then.
     uint64_t framesPassed() const noexcept { return _framesPassed.load(std::memory_order_relaxed); }
     DeviceMeters& meters() noexcept { return _meters; }

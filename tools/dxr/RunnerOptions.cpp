@@ -30,11 +30,12 @@ CLI::Option* RunnerOptions::addSeconds(const std::string& what)
     return _command.add_option("--seconds", _seconds, what)->check(CLI::PositiveNumber);
 }
 
-void RunnerOptions::find()
+CXRef<SimulatedBackend> RunnerOptions::find()
 {
-    _hardware.apply();
+    CXRef<SimulatedBackend> simulated = _hardware.apply();
     _foundInputs = DeviceSelection::findAll(_inputs, HALDirection::Input);
     _foundOutputs = DeviceSelection::findAll(_outputs, HALDirection::Output);
+    return simulated;
 }
 
 void RunnerOptions::takeDefaults()

@@ -17,8 +17,9 @@ public:
     CLI::Option* addOutputs(const std::string& what) { return _addDevices("--out", _outputs, what); }
     CLI::Option* addSeconds(const std::string& what);
 
-    /// Makes the chosen hardware the process's, and finds the devices that were named. Throws ToolFailure.
-    void find();
+    /// Makes the chosen hardware the process's, and finds the devices that were named. Answers the simulated
+    /// computer's backend, if it is that. Throws ToolFailure.
+    CXRef<SimulatedBackend> find();
     /// Takes the default input and output, as far as there are, where nothing was named.
     void takeDefaults();
     const std::vector<DeviceSelection>& inputs() const { return _foundInputs; }

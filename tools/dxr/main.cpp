@@ -5,6 +5,7 @@
 #include "Interrupts.h"
 #include "ListCommand.h"
 #include "LoopCommand.h"
+#include "MonitorCommand.h"
 #include "PlayCommand.h"
 #include "PlotResponseCommand.h"
 #include "RecordCommand.h"
@@ -35,6 +36,7 @@ void registerCommands(CLI::App& app)
     registerPlayCommand(app);
     registerRecordCommand(app);
     registerTraceCommand(app);
+    registerMonitorCommand(app);
     registerDemoCommand(app);
     registerResampleCommand(app);
     registerPlotCommand(app);
