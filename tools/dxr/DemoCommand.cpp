@@ -124,9 +124,7 @@ Demo::Demo(const Options& options)
             throw ToolFailure("the simulated computer has lost a device");
     }
     _remember();
-    std::vector<CXRef<DXRDevice>> outputs;
-    for (const Device output : DemoStage::outputs)
-        outputs.push_back(_devices[output]);
+    const std::array outputs{_devices[DemoStage::Monitors], _devices[DemoStage::Headphones]};
     _engine = std::make_unique<DemoEngine>(_devices[DemoStage::Microphone], outputs, options.seconds + 5.0);
 }
 

@@ -170,7 +170,8 @@ double Picture::_panel(const Panel& panel)
     const double top = _top;
     _drawing.text({left - 60.0, top + 12.0}, panel.name, title);
     _drawing.text({left - 60.0, top + 27.0}, panel.unit, {svgFaint, 10.5, "end"});
-    for (double value = panel.least; value <= panel.most + panel.step / 2.0; value += panel.step) {
+    for (long i = 0; i <= std::lround((panel.most - panel.least) / panel.step); ++i) {
+        const double value = panel.least + static_cast<double>(i) * panel.step;
         const double y = top + panelHeight * (panel.most - value) / (panel.most - panel.least);
         _drawing.line({left, y}, {right, y}, svgGrid);
         _drawing.text({left - 8.0, y + 4.0}, formatText(panel.format, value), {svgFaint, 10.5, "end"});
