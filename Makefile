@@ -1,8 +1,10 @@
 # The two commands of the README, and what developers use besides. CMake does the building.
 JOBS ?= $(shell nproc)
 DEMO_ARGS ?=
+PREFIX ?= /usr/local
+BUILD_DIR ?= build/release
 
-.PHONY: help demo test check asan tsan lint bench soak format install clean
+.PHONY: help release demo test check asan tsan lint bench soak format install clean
 help:
 	@sed -n 's/^## //p' $(firstword $(MAKEFILE_LIST))
 
@@ -13,9 +15,7 @@ define build
 endef
 
 ## make demo     devices come and go while audio runs; needs no sound hardware
-demo:
-	@scripts/install-packages build
-	$(call build,release)
+demo: release
 	build/release/tools/dxr/dxr demo $(DEMO_ARGS)
 
 ## make test     builds and runs the tests
@@ -49,9 +49,14 @@ soak:
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
-install: 
+## make release  builds library, command and examples
+release:
+	@scripts/install-packages build
 	$(call build,release)
-	cmake --install build/release
+
+## make install  under PREFIX, /usr/local if not said; DESTDIR goes before it
+install: release
+	DESTDIR="$(DESTDIR)" cmake --install "$(BUILD_DIR)" --prefix "$(PREFIX)"
 
 clean:
 	rm -rf build out

@@ -47,7 +47,7 @@ DXRAudioAggregateContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner, c
     context->_deviceID = context->_createAggregateDevice(deviceUIDs, context->_clockDeviceUID(deviceUIDs));
     if (context->_deviceID == kAudioObjectUnknown)
         return nullptr;
-    context->_waitForChannels();
+    context->_waitForChannels(deviceUIDs);
     return context;
 }
 
@@ -122,12 +122,19 @@ void DXRAudioAggregateContext::_destroyAggregateDevice()
     _deviceID = kAudioObjectUnknown;
 }
 
-void DXRAudioAggregateContext::_waitForChannels() const
+/// Not for devices that have all gone meanwhile, as a sound server's do when it ends: nothing comes of them, and until
+/// the queue goes on, the timer cannot take over.
+void DXRAudioAggregateContext::_waitForChannels(const std::vector<std::string>& deviceUIDs) const
 {
+    const auto isThere = [](const std::string& uid) {
+        return QDLAudioDeviceIDFromUID(uid) != kAudioObjectUnknown;
+    };
     const auto hasChannels = [this](bool isInput) {
         return QDLAudioDeviceChannelCount(_deviceID, isInput) > 0;
     };
-    for (int waits = 0; waits < mostWaits && !hasChannels(true) && !hasChannels(false); ++waits)
+    for (int waits = 0; waits < mostWaits && !hasChannels(true) && !hasChannels(false) &&
+                        std::ranges::any_of(deviceUIDs, isThere);
+         ++waits)
         std::this_thread::sleep_for(wait);
 }
 

@@ -8,11 +8,12 @@
 class DXR_EXPORT DXRAudioAggregateContext final : public DXRAudioContext {
 public:
     /// Null when the aggregate cannot be made. Waits, for about three seconds at the longest, until the new device says
-    /// what channels it has.
+    /// what channels it has or none of the devices is there any more.
     static CXRef<DXRAudioAggregateContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
                                                           const DXRDeviceNodes& nodes, Viables viables,
                                                           const std::vector<std::string>& deviceUIDs);
 
+    DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Aggregate; }
     /// "DXR:", the process ID in hexadecimal, and a UUID that nobody else has.
     static std::string _uniqueDeviceUID();
     /// The plug-in of that bundle ID; 0 for none.
@@ -33,5 +34,5 @@ private:
     AudioObjectID _createAggregateDevice(const std::vector<std::string>& deviceUIDs,
                                          const std::optional<std::string>& clockDeviceUID) const;
     void _destroyAggregateDevice();
-    void _waitForChannels() const;
+    void _waitForChannels(const std::vector<std::string>& deviceUIDs) const;
 };

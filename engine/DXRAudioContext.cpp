@@ -5,6 +5,7 @@
 #include "DXRAudioTimerContext.h"
 #include "DXRDeviceRunner.h"
 #include "GlobalQueue.h"
+#include "HostClock.h"
 #include "QDL.h"
 
 #include <algorithm>
@@ -18,6 +19,8 @@ constexpr uint32_t defaultFrameCount = 512;
 constexpr double defaultSampleRate = 44100.0;
 // Of one direction, on the stack of an IO thread: 16 bytes each. A device with more has them in its record.
 constexpr uint32_t mostStackEntries = 1024;
+constexpr double ticksPerSecond =
+    1e9 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
 
 constexpr AudioObjectPropertyAddress bufferFrameSize{
     kAudioDevicePropertyBufferFrameSize, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
@@ -309,6 +312,8 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     record.hasTime = hasSampleTime(now) && now->sampleTime >= 0.0 && now->sampleTime < pastLast;
     record.sampleTime = record.hasTime ? static_cast<uint64_t>(now->sampleTime) : 0;
     record.buffers = buffers;
+    record.dueTicks = now && (now->flags & kAudioTimeStampHostTimeValid) != 0 ? now->hostTime : 0;
+    record.beginTicks = context._runner->isTraced() ? platform::HostClock::nowTicks() : 0;
     record.freshRate.reset();
     if (record.rateChanged.load(std::memory_order_relaxed) && record.rateChanged.exchange(false))
         record.lastSampleTime = DXRAudioIOContext::noSampleTime;
@@ -368,7 +373,10 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         if (lists[direction])
             _sampleBuffers(entries[direction], static_cast<uint32_t>(count), frameCount, lists[direction]);
     }
-    _performNodes(converter, entries);
+    if (DXRCycleTrace* const trace = _runner->cycleTrace())
+        _performTraced(*trace, record, converter, entries);
+    else
+        _performNodes(converter, entries);
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.
@@ -430,6 +438,24 @@ void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChann
         sampleTime += _runner->frameCountOfIO();
     }
     _runner->setSampleTime(sampleTime);
+}
+
+void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record,
+                                     DXRAudioConverter* converter, const DXRChannelEntry* const samples[2])
+{
+    DXRCycleRecord traced = _runner->traceRecord(this);
+    traced.frameCount = record.frameCount;
+    traced.deviceSampleTime = record.sampleTime;
+    traced.dueTicks = record.dueTicks;
+    if (record.dueTicks != 0 && record.sampleRate > 0.0)
+        traced.deadlineTicks =
+            record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
+    traced.blocksBeginTicks = platform::HostClock::nowTicks();
+    traced.beginTicks = record.beginTicks != 0 ? record.beginTicks : traced.blocksBeginTicks;
+    _performNodes(converter, samples);
+    traced.endTicks = platform::HostClock::nowTicks();
+    traced.runnerFrameCount = static_cast<uint32_t>(_runner->sampleTime() - traced.sampleTime);
+    trace.write(traced);
 }
 
 void DXRAudioContext::_channelCount(uint32_t* channelCount, uint32_t* frameCount,

@@ -2,6 +2,7 @@
 
 #include "AudioHardware.h"
 #include "DXRAudioIOContext.h"
+#include "DXRCycleTrace.h"
 #include "DXRDeviceNode.h"
 
 #include <set>
@@ -31,6 +32,10 @@ public:
 
     AudioObjectID deviceID() const noexcept { return _deviceID; } ///< 0 when there is none
     const std::string& deviceUID() const noexcept { return _deviceUID; }
+    virtual DXRCycleRecord::Context kind() const noexcept CX_REALTIME
+    {
+        return DXRCycleRecord::Context::Device;
+    }
     /// The nodes whose devices run in this context.
     const Viables& viableNodes() const noexcept { return _viables; }
 
@@ -96,6 +101,8 @@ private:
     void _leaveForNewLayout(DXRAudioIOContext& record) CX_REALTIME;
     DXRAudioConverter* _converterFor(DXRAudioIOContext& record) const CX_REALTIME;
     void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2]) CX_REALTIME;
+    void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
+                        const DXRChannelEntry* const samples[2]) CX_REALTIME;
 
     CXRef<DXRAudioIOContext> _iocontext CX_OWNED_BY_QUEUE(_queue); // null while no callback is installed
 };

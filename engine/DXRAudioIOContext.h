@@ -72,6 +72,8 @@ public:
     // -- The cycle that has passed (1), set by it
 
     uint64_t sampleTime = 0; ///< the device's
+    uint64_t dueTicks = 0;   ///< when it was to begin; 0 when the device does not say
+    uint64_t beginTicks = 0; ///< when it came in, for the runner's trace; 0 while there is none
     DXRStreamBuffers buffers{};
     bool hasTime = false; ///< whether the device says when it is; else the cycle is skipped
     /// The nominal rate where it was to be read again; nothing when it was not, or is not readable.

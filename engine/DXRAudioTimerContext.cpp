@@ -2,6 +2,7 @@
 
 #include "CXErrorAdditions.h"
 #include "DXRDeviceRunner.h"
+#include "HostClock.h"
 #include "LogSink.h"
 #include "autimebase.h"
 
@@ -72,7 +73,8 @@ bool DXRAudioTimerContext::_sampleRate(double* sampleRate) const
 
 void DXRAudioTimerContext::_fire()
 {
-    const uint64_t now = auclock_abstime_to_sampletime(_clock.get(), autimebase_abstime());
+    const uint64_t beginTicks = autimebase_abstime();
+    const uint64_t now = auclock_abstime_to_sampletime(_clock.get(), beginTicks);
     const uint64_t cycle = now - now % _frames;
     if (_framesElapsed > _discontinuityThreshold && cycle != _nextSampleTime) {
         const auto difference = [](uint64_t a, uint64_t b) { return static_cast<int64_t>(a - b); };
@@ -88,7 +90,25 @@ void DXRAudioTimerContext::_fire()
     _nextSampleTime = cycle + _frames;
     const CXRealtimeScope realtime;
     _timer->setTimeoutAbsolute(auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime), 0);
-    _performIO(cycle);
+    if (DXRCycleTrace* const trace = _runner->cycleTrace())
+        _performTraced(*trace, cycle, beginTicks);
+    else
+        _performIO(cycle);
+}
+
+void DXRAudioTimerContext::_performTraced(DXRCycleTrace& trace, uint64_t sampleTime,
+                                          uint64_t beginTicks) noexcept
+{
+    DXRCycleRecord traced = _runner->traceRecord(this);
+    traced.frameCount = traced.runnerFrameCount = _frames;
+    traced.sampleTime = traced.deviceSampleTime = sampleTime;
+    traced.dueTicks = auclock_sampletime_to_abstime(_clock.get(), sampleTime);
+    traced.deadlineTicks = auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime);
+    traced.beginTicks = beginTicks;
+    traced.blocksBeginTicks = platform::HostClock::nowTicks();
+    _performIO(sampleTime);
+    traced.endTicks = platform::HostClock::nowTicks();
+    trace.write(traced);
 }
 
 void DXRAudioTimerContext::_performIO(uint64_t sampleTime) noexcept

@@ -16,6 +16,7 @@ public:
     static CXRef<DXRAudioTimerContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
                                                       const DXRDeviceNodes& nodes, Viables viables);
 
+    DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Timer; }
     /// Always true.
     bool start() override;
     void stop() override;
@@ -36,6 +37,7 @@ private:
     void _fire();
     using DXRAudioContext::_performIO;
     void _performIO(uint64_t sampleTime) noexcept CX_REALTIME;
+    void _performTraced(DXRCycleTrace& trace, uint64_t sampleTime, uint64_t beginTicks) noexcept CX_REALTIME;
 
     uint32_t _frames = 0;                          // of a cycle
     double _rate = 0.0;                            // Hz

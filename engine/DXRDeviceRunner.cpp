@@ -3,6 +3,7 @@
 #include "CXErrorAdditions.h"
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
+#include "HostClock.h"
 #include "QDL.h"
 
 #include <algorithm>
@@ -41,6 +42,8 @@ DXRDeviceRunner::~DXRDeviceRunner() CX_UNCHECKED_QUEUE // nobody else has it any
 {
     for (const DeviceNotifierEntry& entry : _deviceNotifierMap)
         manager().removeDeviceNotifier(entry.wrapper);
+    if (_cycleTrace)
+        _cycleTrace->giveBack();
     _queue->cancel();
 }
 
@@ -230,6 +233,7 @@ void DXRDeviceRunner::_stopRunning()
     _frameCounts[1] = 0;
     _sampleRates[1] = 0.0;
     _sampleTime = 0;
+    _contextNumber = 0;
     _running = false;
     _propertiesChanged();
 }
@@ -237,21 +241,26 @@ void DXRDeviceRunner::_stopRunning()
 void DXRDeviceRunner::_start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
+    const uint64_t beginTicks = platform::HostClock::nowTicks();
+    ++_contextNumber;
     // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction)
             node->device()->refreshIfChannelsChanged();
     }
     _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes);
-    if (_context)
-        _context->start();
+    const bool isStarted = _context && _context->start();
+    using enum DXRCycleRecord::Event;
+    _traceContext(isStarted ? ContextStarted : ContextFailed, beginTicks);
 }
 
 void DXRDeviceRunner::_stop()
 {
     CX_ASSERT_ON_QUEUE(_queue);
+    const uint64_t beginTicks = platform::HostClock::nowTicks();
     if (_context)
         _context->stop();
+    _traceContext(DXRCycleRecord::Event::ContextStopped, beginTicks);
     _context = nullptr;
 }
 
@@ -309,6 +318,51 @@ bool DXRDeviceRunner::_shouldRestartForDevicesConnected(const Devices& connected
 bool DXRDeviceRunner::_isViable(const CXRef<DXRDeviceNode>& node) const
 {
     return _context && _context->viableNodes().contains(node);
+}
+
+// ---- Tracing
+
+bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
+{
+    bool isSet = true;
+    CXRef<DXRCycleTrace> before; // let go off the queue: it may be large
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        if (trace == _cycleTrace)
+            return;
+        isSet = !trace || trace->take();
+        if (!isSet)
+            return;
+        before = std::exchange(_cycleTrace, trace);
+        if (before)
+            before->giveBack();
+        _isTraced = bool(trace);
+        if (_contextState != DXRCycleRecord::Event::ContextStopped)
+            _traceContext(_contextState, platform::HostClock::nowTicks());
+    });
+    return isSet;
+}
+
+DXRCycleRecord DXRDeviceRunner::traceRecord(const DXRAudioContext* context) const noexcept
+{
+    DXRCycleRecord record;
+    record.context = context ? context->kind() : DXRCycleRecord::Context::None;
+    record.contextNumber = _contextNumber;
+    record.deviceID = context ? context->deviceID() : kAudioObjectUnknown;
+    record.sampleTime = sampleTime();
+    return record;
+}
+
+void DXRDeviceRunner::_traceContext(DXRCycleRecord::Event event, uint64_t beginTicks)
+{
+    _contextState = event;
+    if (!_cycleTrace)
+        return;
+    DXRCycleRecord record = traceRecord(_context.get());
+    record.event = event;
+    record.beginTicks = beginTicks;
+    record.endTicks = platform::HostClock::nowTicks();
+    _cycleTrace->write(record);
 }
 
 // ---- Following

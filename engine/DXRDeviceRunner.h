@@ -1,6 +1,7 @@
 #pragma once
 
 #include "CXDispatchQueue.h"
+#include "DXRCycleTrace.h"
 #include "DXRDeviceManagerNotifier.h"
 #include "DXRDeviceNode.h"
 #include "DXRKVOHelper.h"
@@ -85,6 +86,10 @@ public:
                                                             const AudioObjectPropertyAddress* addr,
                                                             const CXRef<CXObject>& target,
                                                             const DXRPropertyListener::Block& block);
+    /// Has every cycle and every change of context written to `trace` from now on, instead of to the one before; null is
+    /// none. Where a context runs, the trace begins with its start. False, and nothing changes, when another runner has
+    /// it. Not from an IO block.
+    bool setCycleTrace(const CXRef<DXRCycleTrace>& trace);
     const CXRef<DXRKVOHelper>& kvo() const noexcept { return _kvo; }
     const CXRef<CXDispatchQueue>& queue() const noexcept { return _queue; }
 
@@ -97,6 +102,12 @@ public:
     /// As frameCount() and sampleRate() outside announcements.
     uint32_t frameCountOfIO() const noexcept CX_REALTIME { return _inEffectElseRequested(_frameCounts); }
     double sampleRateOfIO() const noexcept CX_REALTIME { return _inEffectElseRequested(_sampleRates); }
+    /// Whether somebody looks. Any thread: of use as a hint, before a cycle has its turn.
+    bool isTraced() const noexcept CX_REALTIME { return _isTraced.load(std::memory_order_relaxed); }
+    /// Null when nobody looks.
+    DXRCycleTrace* cycleTrace() const noexcept CX_REALTIME { return _cycleTrace.get(); }
+    /// What all records of a context have in common, and the sample time now.
+    DXRCycleRecord traceRecord(const DXRAudioContext* context) const noexcept CX_REALTIME;
     /// IO has started; the first time after start() these are in effect until stop().
     void audioContextDidStartWithSampleRate(double sampleRate, uint32_t frameCount);
     /// The device has changed its streams: a new context is wanted.
@@ -123,6 +134,7 @@ private:
     bool _request(std::array<std::atomic<Value>, 2>& values, Value value, const char* key);
 
     void _start() CX_ON_QUEUE(_queue);
+    void _traceContext(DXRCycleRecord::Event event, uint64_t beginTicks) CX_ON_QUEUE(_queue);
     void _stop() CX_ON_QUEUE(_queue);
     void _stopRunning();
     void _stopDispatchStart(CXBlockRef<void()> block);
@@ -152,6 +164,11 @@ private:
     std::array<std::atomic<double>, 2> _sampleRates{};   // the same, in Hz
     std::atomic<uint64_t> _sampleTime{0};                // written by cycles; by stop once there is none
     std::atomic<bool> _running{false};
+    uint32_t _contextNumber = 0; // of contexts since start()
+    DXRCycleRecord::Event _contextState =
+        DXRCycleRecord::Event::ContextStopped;        // what became of the last one
+    CXRef<DXRCycleTrace> _cycleTrace;                 // where records go; taken
+    std::atomic<bool> _isTraced{false};               // whether there is one
     DXRDeviceNodes _nodes;                            // not changed while a context has them
     std::string _signature CX_OWNED_BY_QUEUE(_queue); // of the state last published
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);

@@ -3,8 +3,10 @@
 #include <csignal>
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace {
@@ -82,6 +84,7 @@ bool ToolProcess::_readSome(std::chrono::steady_clock::time_point until)
         if (count > 0) {
             text->append(bytes, static_cast<size_t>(count));
         } else {
+            isCooked();
             close(*fd);
             *fd = -1;
         }
@@ -101,6 +104,25 @@ bool ToolProcess::waitFor(const std::string& text)
 void ToolProcess::signal(int number) const
 {
     kill(_child, number);
+}
+
+void ToolProcess::press(const std::string& keys) const
+{
+    [[maybe_unused]] const ssize_t written = write(_outputFD, keys.data(), keys.size());
+}
+
+void ToolProcess::resize(unsigned short columns, unsigned short rows) const
+{
+    const winsize size{rows, columns, 0, 0};
+    ioctl(_outputFD, TIOCSWINSZ, &size);
+}
+
+bool ToolProcess::isCooked()
+{
+    termios modes{};
+    if (_outputFD >= 0 && tcgetattr(_outputFD, &modes) == 0)
+        _isCooked = (modes.c_lflag & (ECHO | ICANON)) == (ECHO | ICANON);
+    return _isCooked;
 }
 
 int ToolProcess::finish(std::chrono::seconds limit)

@@ -22,6 +22,12 @@ public:
     /// Reads its output until `text` has come; false when it ends, or half a minute passes, before that.
     bool waitFor(const std::string& text);
     void signal(int number) const;
+    /// On a terminal: presses keys, and gives it another size.
+    void press(const std::string& keys) const;
+    void resize(unsigned short columns, unsigned short rows) const;
+    /// On a terminal: whether it shows what is typed, and gives it line by line, as a shell leaves it; after the end,
+    /// whether it did then.
+    bool isCooked();
     /// Waits for its end and answers the exit status; 128 and the signal when one has killed it.
     int finish(std::chrono::seconds limit = patience);
 
@@ -34,6 +40,7 @@ private:
     pid_t _child = -1;
     int _outputFD = -1, _errorFD = -1;
     std::string _output, _errors;
+    bool _isCooked = false;
 };
 
 struct ToolResult {

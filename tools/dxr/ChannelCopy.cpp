@@ -39,21 +39,6 @@ Channel channelAt(const AudioBufferList& list, uint32_t wanted) noexcept
 
 } // namespace
 
-ChannelMap straightChannelMap(uint32_t frameChannels, uint32_t deviceChannels, uint32_t stereoLeft,
-                              uint32_t stereoRight)
-{
-    ChannelMap map(deviceChannels, channelOfNone);
-    for (uint32_t channel = 0; channel < std::min(frameChannels, deviceChannels); ++channel)
-        map[channel] = channel;
-    const bool hasPair =
-        stereoLeft >= 1 && stereoRight >= 1 && stereoLeft <= deviceChannels && stereoRight <= deviceChannels;
-    if (frameChannels == 1 && deviceChannels > 1 && hasPair) {
-        map[0] = channelOfNone;
-        map[stereoLeft - 1] = map[stereoRight - 1] = 0;
-    }
-    return map;
-}
-
 uint32_t cycleFrameCount(const AudioBufferList* list) noexcept
 {
     uint32_t frames = 0;

@@ -1,22 +1,13 @@
 #pragma once
 
+#include "ChannelMap.h"
 #include "FrameRing.h"
 
 #include <dxr/AudioHardware.h>
-#include <vector>
 
 // Between the buffers of an IO cycle, one per stream, and frames with all channels side by side.
 // Threads:   any.
-// Real time: yes, but for making a map.
-
-/// For each channel of a device, from 0, the channel of the frames that it plays; channelOfNone plays
-/// nothing.
-using ChannelMap = std::vector<uint32_t>;
-inline constexpr uint32_t channelOfNone = UINT32_MAX;
-
-/// Channel for channel. A single channel goes to the `stereo` pair (from 1) of a device with more.
-ChannelMap straightChannelMap(uint32_t frameChannels, uint32_t deviceChannels, uint32_t stereoLeft,
-                              uint32_t stereoRight);
+// Real time: yes.
 
 /// The frames of the cycle; 0 when no buffer has data, or there is no list.
 uint32_t cycleFrameCount(const AudioBufferList* list) noexcept CX_REALTIME;

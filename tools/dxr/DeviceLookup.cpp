@@ -67,11 +67,11 @@ std::vector<DeviceReport> readReferred(const DXRDeviceReference& reference)
     return reports;
 }
 
-DeviceReport findReferred(const std::string& text, std::optional<HALDirection> direction)
+std::optional<DeviceReport> findReferred(const std::string& text, std::optional<HALDirection> direction)
 {
     const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(text);
     if (!reference)
-        throw ToolFailure(quoted(text) + " is no device reference");
+        return std::nullopt;
     for (const HALDirection side : {HALDirection::Output, HALDirection::Input}) {
         const bool isInput = side == HALDirection::Input;
         if (direction.value_or(side) != side || reference->isInput().value_or(isInput) != isInput)
@@ -87,7 +87,8 @@ DeviceReport findReferred(const std::string& text, std::optional<HALDirection> d
 
 } // namespace
 
-DeviceReport DeviceLookup::find(const std::string& wanted, std::optional<HALDirection> direction)
+std::optional<DeviceReport> DeviceLookup::findIfKnown(const std::string& wanted,
+                                                      std::optional<HALDirection> direction)
 {
     if (isDeviceReference(wanted))
         return findReferred(wanted, direction);
@@ -124,6 +125,15 @@ DeviceReport DeviceLookup::find(const std::string& wanted, std::optional<HALDire
         if (found.size() == 1)
             return found.front();
     }
+    return std::nullopt;
+}
+
+DeviceReport DeviceLookup::find(const std::string& wanted, std::optional<HALDirection> direction)
+{
+    if (const std::optional<DeviceReport> found = findIfKnown(wanted, direction))
+        return *found;
+    if (isDeviceReference(wanted))
+        throw ToolFailure(quoted(wanted) + " is no device reference");
     throw ToolFailure(formatText("no %s%sdevice %s; 'dxr list' shows what is there",
                                  direction ? nameOf(*direction) : "", direction ? " " : "",
                                  quoted(wanted).c_str()));

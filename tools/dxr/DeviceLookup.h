@@ -11,4 +11,7 @@ public:
     /// whatever the case. Hidden devices are found by ID or UID only. With a direction, the device must have channels in
     /// it, and names are looked for among those that do. Throws ToolFailure, with the candidates when there are several.
     static DeviceReport find(const std::string& wanted, std::optional<HALDirection> direction = std::nullopt);
+    /// The same, but nothing where find() would say that there is no such device, or that a text is no reference.
+    static std::optional<DeviceReport> findIfKnown(const std::string& wanted,
+                                                   std::optional<HALDirection> direction = std::nullopt);
 };

@@ -1,6 +1,5 @@
 #include "DeviceSettings.h"
 
-#include "DeviceLookup.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
@@ -37,18 +36,4 @@ void setBufferFrameSize(const std::string& name, AudioObjectID deviceID, uint32_
 {
     const std::string what = formatText("cycle of %u frames", frameCount);
     setAndWait(name, deviceID, addressOf(kAudioDevicePropertyBufferFrameSize), frameCount, what.c_str());
-}
-
-DeviceReport preparedDevice(const std::string& wanted, HALDirection direction, std::optional<double> rate,
-                            std::optional<uint32_t> frameCount)
-{
-    const DeviceReport found = DeviceLookup::find(wanted, direction);
-    if (rate && *rate != found.sampleRate)
-        setSampleRate(found.shortName(), found.deviceID, *rate);
-    if (frameCount)
-        setBufferFrameSize(found.shortName(), found.deviceID, *frameCount);
-    const std::optional<DeviceReport> now = DeviceReport::read(found.deviceID);
-    if (!now || (*now)[direction].channelCount == 0)
-        throw ToolFailure(found.shortName() + ": the device is gone");
-    return *now;
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "DeviceProperties.h"
-#include "DeviceReport.h"
 
 #include <cmath>
 #include <functional>
@@ -32,8 +31,3 @@ void setAndWait(const std::string& name, AudioObjectID objectID, const AudioObje
 void setSampleRate(const std::string& name, AudioObjectID deviceID, double rate);
 /// The frames of a cycle.
 void setBufferFrameSize(const std::string& name, AudioObjectID deviceID, uint32_t frameCount);
-
-/// Finds the device that the user means, sets its rate and cycle if asked to, and answers it as it is then.
-/// Throws ToolFailure.
-DeviceReport preparedDevice(const std::string& wanted, HALDirection direction, std::optional<double> rate,
-                            std::optional<uint32_t> frameCount);

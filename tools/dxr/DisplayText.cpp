@@ -110,6 +110,21 @@ std::string fitRight(std::string_view text, size_t width)
     return std::string(width - std::min(width, displayWidth(clipped)), ' ') + clipped;
 }
 
+std::vector<std::string> wrapped(std::string_view text, size_t width)
+{
+    std::vector<std::string> lines;
+    while (!text.empty()) {
+        std::string_view line = fittingStart(text, width);
+        const bool isCut = line.size() < text.size() && text[line.size()] != ' ';
+        if (const size_t space = line.rfind(' '); isCut && space != std::string_view::npos)
+            line = line.substr(0, space);
+        text.remove_prefix(line.size());
+        lines.emplace_back(line.substr(0, line.find_last_not_of(' ') + 1));
+        text.remove_prefix(std::min(text.size(), text.find_first_not_of(' ')));
+    }
+    return lines;
+}
+
 std::string foldCase(std::string_view text)
 {
     std::string folded;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Text from outside, made fit for a terminal and measured in the columns it takes there.
 // Threads: any. The program's character type locale must be a UTF-8 one (main() sees to it).
@@ -20,5 +21,7 @@ std::string clipToWidth(std::string_view text, size_t width);
 /// Printable `text`, clipped or filled with spaces to exactly `width` columns.
 std::string fitLeft(std::string_view text, size_t width);
 std::string fitRight(std::string_view text, size_t width);
+/// Printable `text` in lines of at most `width` columns, broken at spaces where there are any.
+std::vector<std::string> wrapped(std::string_view text, size_t width);
 /// `text` with every letter in lower case, to compare what people typed.
 std::string foldCase(std::string_view text);

@@ -1,39 +1,35 @@
 #include "FilePlayer.h"
 
 #include <algorithm>
-#include <dxr/HostClock.h>
 
 namespace {
 
 constexpr double ringSeconds = 2.0;
-constexpr double ticksPerSecond =
-    1e9 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
 
 } // namespace
 
-CXRef<FilePlayer> FilePlayer::initWithFile(SoundFileReader file, const DeviceReport& device, ChannelMap map)
+CXRef<FilePlayer> FilePlayer::initWithFile(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
+                                           std::vector<ChannelMap> maps)
 {
-    return CXRef<FilePlayer>::adopt(new FilePlayer(std::move(file), device, std::move(map)));
+    return CXRef<FilePlayer>::adopt(new FilePlayer(std::move(file), outputs, std::move(maps)));
 }
 
-FilePlayer::FilePlayer(SoundFileReader file, const DeviceReport& device, ChannelMap map)
-    : _device(device), _map(std::move(map)), _file(std::move(file)),
-      _ring(_file.channelCount(), static_cast<uint64_t>(ringSeconds * _file.sampleRate())),
-      _monitor(device.sampleRate), _meter(device[HALDirection::Output].channelCount)
+FilePlayer::FilePlayer(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
+                       std::vector<ChannelMap> maps)
+    : _outputs(outputs), _maps(std::move(maps)), _file(std::move(file)),
+      _ring(_file.channelCount(), static_cast<uint64_t>(ringSeconds * _file.sampleRate()))
 {
+    _meters.add("out", outputs);
     feed();
 }
 
-void FilePlayer::addTo(AudioRun& run)
+void FilePlayer::addTo(RunnerSession& session)
 {
-    run.add(DeviceIO::initWithDevice(
-        _device,
-        AudioDeviceIOBlock([self = CXRef<FilePlayer>(this)](const AudioTimeStamp* now, const AudioBufferList*,
-                                                            const AudioTimeStamp*, AudioBufferList* output,
-                                                            const AudioTimeStamp* outputTime) {
-            self->_giveOutput(now, output, outputTime);
-        }),
-        _monitor));
+    for (size_t output = 0; output < _outputs.size(); ++output)
+        session.add(_outputs[output],
+                    [self = CXRef<FilePlayer>(this), output](uint64_t sampleTime, DXRBuffer& buffer) {
+                        self->_play(output, sampleTime, buffer);
+                    });
 }
 
 void FilePlayer::feed()
@@ -42,39 +38,44 @@ void FilePlayer::feed()
         _isFed.store(true, std::memory_order_release);
 }
 
-bool FilePlayer::isOver() const noexcept
+std::optional<uint64_t> FilePlayer::endTime() const noexcept
 {
-    const uint64_t end = _endTicks.load(std::memory_order_relaxed);
-    return end != 0 && platform::HostClock::nowTicks() >= end;
+    const uint64_t time = _endTime.load(std::memory_order_relaxed);
+    return time != 0 ? std::optional(time) : std::nullopt;
 }
 
-void FilePlayer::_giveOutput(const AudioTimeStamp* now, AudioBufferList* output,
-                             const AudioTimeStamp* outputTime) noexcept
+/// The blocks of a cycle come in the order of the outputs: the first takes frames for all, the last gives their room back.
+void FilePlayer::_play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept
 {
-    const CXRealtimeScope realtime;
-    const uint32_t frameCount = cycleFrameCount(output);
-    if (!_isPlaying && _monitor.isSettled()) {
-        _isPlaying = true;
-        _monitor.beginCounting();
+    if (output == 0)
+        _take(buffer.frameCount());
+    const uint32_t channels = buffer.channelCount();
+    const ChannelMap& map = _maps[output];
+    buffer.mute();
+    for (uint64_t frame = 0; _isPlaying && frame < _given; ++frame) {
+        const float* const from = _ring.frameToRead(frame);
+        for (uint32_t channel = 0; channel < channels; ++channel)
+            if (map[channel] < _ring.channelCount())
+                buffer.samples()[frame * channels + channel] = from[map[channel]];
     }
-    _monitor.noteCycle(now, outputTime, frameCount);
-    if (!_isPlaying || !output || frameCount == 0 || _endTicks.load(std::memory_order_relaxed) != 0)
-        return;
+    _meters.note(output, buffer);
+    if (output + 1 == _outputs.size() && _isPlaying)
+        _giveBack(sampleTime, buffer.frameCount());
+}
+
+void FilePlayer::_take(uint32_t frameCount) noexcept
+{
+    _isPlaying = _isOpen.load(std::memory_order_relaxed) && _endTime.load(std::memory_order_relaxed) == 0;
+    _given = _isPlaying ? std::min<uint64_t>(frameCount, _ring.readableFrames()) : 0;
+}
+
+void FilePlayer::_giveBack(uint64_t sampleTime, uint32_t frameCount) noexcept
+{
     const bool isFed = _isFed.load(std::memory_order_acquire);
-    const uint64_t given = std::min<uint64_t>(frameCount, _ring.readableFrames());
-    copyRingToCycle(_ring, given, _map, *output, 0);
-    _meter.note(output);
-    _framesPlayed.store(_framesPlayed.load(std::memory_order_relaxed) + given, std::memory_order_relaxed);
-    if (given == frameCount && (_ring.readableFrames() > 0 || !isFed))
-        return;
-    if (!isFed) {
+    _ring.commitRead(_given);
+    _framesPlayed.store(_framesPlayed.load(std::memory_order_relaxed) + _given, std::memory_order_relaxed);
+    if (isFed && _ring.readableFrames() == 0)
+        _endTime.store(sampleTime + _given, std::memory_order_relaxed);
+    else if (_given < frameCount && !isFed)
         _underruns.store(_underruns.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        return;
-    }
-    // Two more cycles of silence see the last frame through whatever stands between here and the loudspeaker.
-    const double framesLeft = 3.0 * frameCount + _device[HALDirection::Output].latencyFrames +
-                              _device[HALDirection::Output].safetyOffsetFrames;
-    const uint64_t from = outputTime ? outputTime->hostTime : platform::HostClock::nowTicks();
-    _endTicks.store(from + static_cast<uint64_t>(framesLeft / _device.sampleRate * ticksPerSecond),
-                    std::memory_order_relaxed);
 }

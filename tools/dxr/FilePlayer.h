@@ -1,52 +1,57 @@
 #pragma once
 
-#include "AudioRun.h"
-#include "ChannelCopy.h"
-#include "LevelMeter.h"
+#include "ChannelMap.h"
+#include "DeviceMeters.h"
+#include "RunnerSession.h"
 #include "SoundFileReader.h"
 
-/// Plays a sound file on a device, every frame once. The file is read ahead into a ring, which the device's
-/// IO thread empties; the first frame is given once the device has settled and the ring is full. Threads: the
-/// callback on the device's IO thread, the rest on one other. Real time: the callback.
+/// Plays a sound file on every output of a runner, every frame once. The file is read ahead into a ring, which the
+/// runner's cycles empty; the first frame is given after open().
+/// Threads:   the blocks in the runner's cycles, the rest on one other thread.
+/// Real time: the blocks.
 class FilePlayer final : public CXObject {
 public:
-    /// The device runs at the file's rate. Reads ahead. Throws ToolFailure when the file cannot be read.
-    static CXRef<FilePlayer> initWithFile(SoundFileReader file, const DeviceReport& device, ChannelMap map);
+    /// The runner is to run at the file's rate; `maps` says for each output which of the file's channels it plays on the
+    /// channels it has. Reads ahead. Throws ToolFailure when the file cannot be read.
+    static CXRef<FilePlayer> initWithFile(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
+                                          std::vector<ChannelMap> maps);
 
-    /// Adds the callback to `run`. Throws ToolFailure.
-    void addTo(AudioRun& run);
+    /// Adds the devices, with blocks that keep this alive, to a session that has not started.
+    void addTo(RunnerSession& session);
+    void open() noexcept { _isOpen.store(true, std::memory_order_relaxed); }
     /// Reads on; to be called every so often, a few times a second at least. Throws ToolFailure.
     void feed();
-    /// Whether the last frame has been heard.
-    bool isOver() const noexcept;
+    /// The runner's sample time behind the last frame of the file; nothing until that has been given.
+    std::optional<uint64_t> endTime() const noexcept;
 
     uint64_t framesPlayed() const noexcept { return _framesPlayed.load(std::memory_order_relaxed); }
     uint64_t frameCount() const noexcept { return _file.frameCount(); }
     /// Cycles in which the file could not be read fast enough; nothing of it is left out.
     uint64_t underruns() const noexcept { return _underruns.load(std::memory_order_relaxed); }
-    CycleMonitor& monitor() noexcept { return _monitor; }
-    LevelMeter& meter() noexcept { return _meter; }
+    DeviceMeters& meters() noexcept { return _meters; }
 
 private:
-    FilePlayer(SoundFileReader file, const DeviceReport& device, ChannelMap map);
+    FilePlayer(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
+               std::vector<ChannelMap> maps);
     ~FilePlayer() override = default;
 
-    void _giveOutput(const AudioTimeStamp* now, AudioBufferList* output,
-                     const AudioTimeStamp* outputTime) noexcept CX_REALTIME;
+    void _play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;
+    void _take(uint32_t frameCount) noexcept CX_REALTIME;
+    void _giveBack(uint64_t sampleTime, uint32_t frameCount) noexcept CX_REALTIME;
 
-    const DeviceReport _device;
-    const ChannelMap _map;
-    SoundFileReader _file; // of the feeding thread
+    const std::vector<DeviceSelection> _outputs;
+    const std::vector<ChannelMap> _maps; // by output
+    SoundFileReader _file;               // of the feeding thread
     FrameRing _ring;
-    CycleMonitor _monitor;
-    LevelMeter _meter;
-    bool _isPlaying = false; // of the IO thread
+    DeviceMeters _meters;
+    // Of the runner's cycles: frames that all outputs play in this one, whether they play at all.
+    uint64_t _given = 0;
+    bool _isPlaying = false;
 
+    std::atomic<bool> _isOpen{false}; // a wish; nothing hangs on when it is seen
     // Raised by feed() after the last frame has gone into the ring: its release pairs with the acquire of the
-    // callback, which, having seen it, finds the ring complete, and may take an empty one for the end.
+    // blocks, which, having seen it, find the ring complete, and may take an empty one for the end.
     std::atomic<bool> _isFed{false};
-    // When the last frame is heard at the device, in host ticks; 0 until it has been given. Stands for
-    // itself.
-    std::atomic<uint64_t> _endTicks{0};
-    std::atomic<uint64_t> _framesPlayed{0}, _underruns{0}; // statistics of the callback
+    std::atomic<uint64_t> _endTime{0}; // 0 until the last frame has been given; stands for itself
+    std::atomic<uint64_t> _framesPlayed{0}, _underruns{0}; // statistics of the blocks
 };

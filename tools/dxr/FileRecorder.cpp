@@ -8,43 +8,51 @@ constexpr double ringSeconds = 4.0; // disks fall asleep
 
 } // namespace
 
-CXRef<FileRecorder> FileRecorder::initWithDevice(const DeviceReport& device)
+CXRef<FileRecorder> FileRecorder::initWithInputs(const std::vector<DeviceSelection>& inputs)
 {
-    return CXRef<FileRecorder>::adopt(new FileRecorder(device));
+    return CXRef<FileRecorder>::adopt(new FileRecorder(inputs));
 }
 
-FileRecorder::FileRecorder(const DeviceReport& device)
-    : _device(device), _ring(std::max(1U, device[HALDirection::Input].channelCount),
-                             static_cast<uint64_t>(ringSeconds * device.sampleRate)),
-      _monitor(device.sampleRate), _meter(device[HALDirection::Input].channelCount)
-{}
-
-void FileRecorder::addTo(AudioRun& run)
+FileRecorder::FileRecorder(const std::vector<DeviceSelection>& inputs) : _inputs(inputs)
 {
-    run.add(DeviceIO::initWithDevice(
-        _device,
-        AudioDeviceIOBlock([self = CXRef<FileRecorder>(this)](
-                               const AudioTimeStamp* now, const AudioBufferList* input,
-                               const AudioTimeStamp* inputTime, AudioBufferList*,
-                               const AudioTimeStamp*) { self->_takeInput(now, input, inputTime); }),
-        _monitor));
+    for (const DeviceSelection& input : inputs)
+        _heard.add(static_cast<uint32_t>(input.channels.size()));
+    _meters.add("in", inputs);
 }
 
-void FileRecorder::_takeInput(const AudioTimeStamp* now, const AudioBufferList* input,
-                              const AudioTimeStamp* inputTime) noexcept
+void FileRecorder::addTo(RunnerSession& session)
 {
-    const CXRealtimeScope realtime;
-    const uint32_t frameCount = cycleFrameCount(input);
-    if (!_isRecording && _monitor.isSettled()) {
-        _isRecording = true;
-        _monitor.beginCounting();
+    for (size_t input = 0; input < _inputs.size(); ++input)
+        session.add(_inputs[input],
+                    [self = CXRef<FileRecorder>(this), input](uint64_t sampleTime, DXRBuffer& buffer) {
+                        self->_hear(input, sampleTime, buffer);
+                    });
+}
+
+void FileRecorder::open(double sampleRate)
+{
+    _ring = std::make_unique<FrameRing>(channelCount(), static_cast<uint64_t>(ringSeconds * sampleRate));
+    _isOpen.store(true, std::memory_order_release);
+}
+
+/// The blocks of a cycle come in the order of the inputs: with the last, all have been heard.
+void FileRecorder::_hear(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept
+{
+    _heard.note(input, sampleTime, buffer);
+    _meters.note(input, buffer);
+    if (input + 1 == _inputs.size() && _isOpen.load(std::memory_order_acquire))
+        _keep(sampleTime, buffer.frameCount());
+}
+
+void FileRecorder::_keep(uint64_t sampleTime, uint32_t frameCount) noexcept
+{
+    const uint64_t kept = std::min<uint64_t>(frameCount, _ring->writableFrames());
+    for (uint32_t channel = 0; channel < channelCount(); ++channel) {
+        const auto from = _heard.channel(channel, sampleTime, frameCount);
+        for (uint64_t frame = 0; frame < kept; ++frame)
+            _ring->frameToWrite(frame)[channel] = from.samples[frame * from.stride];
     }
-    _monitor.noteCycle(now, inputTime, frameCount);
-    if (!_isRecording || !input)
-        return;
-    _meter.note(input);
-    const uint64_t kept = std::min<uint64_t>(frameCount, _ring.writableFrames());
-    copyCycleToRing(*input, kept, _ring);
+    _ring->commitWrite(kept);
     if (kept < frameCount)
         _droppedFrames.store(_droppedFrames.load(std::memory_order_relaxed) + frameCount - kept,
                              std::memory_order_relaxed);

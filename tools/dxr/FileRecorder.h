@@ -1,37 +1,41 @@
 #pragma once
 
-#include "AudioRun.h"
-#include "ChannelCopy.h"
-#include "LevelMeter.h"
+#include "DeviceMeters.h"
+#include "FrameRing.h"
+#include "RunnerInputs.h"
+#include "RunnerSession.h"
 
-/// Hears a device and keeps its frames until they are written down.
-/// Threads:   the callback on the device's IO thread, the rest on one other.
-/// Real time: the callback.
+/// Hears the inputs of a runner, their channels side by side, and keeps the frames until they are written down.
+/// Threads:   the blocks in the runner's cycles, the rest on one other thread.
+/// Real time: the blocks.
 class FileRecorder final : public CXObject {
 public:
-    static CXRef<FileRecorder> initWithDevice(const DeviceReport& device);
+    static CXRef<FileRecorder> initWithInputs(const std::vector<DeviceSelection>& inputs);
 
-    /// Adds the callback to `run`. Throws ToolFailure.
-    void addTo(AudioRun& run);
-
-    /// What has been heard and not yet written; the reader's side is the caller's.
-    FrameRing& ring() noexcept { return _ring; }
+    /// Adds the devices, with blocks that keep this alive, to a session that has not started.
+    void addTo(RunnerSession& session);
+    uint32_t channelCount() const noexcept { return _heard.channelCount(); }
+    /// Keeps what is heard from now on; once. `sampleRate` is the runner's, in Hz.
+    void open(double sampleRate);
+    bool isOpen() const noexcept { return _isOpen.load(std::memory_order_relaxed); }
+    /// What has been heard since then and not yet been written; the reader's side is the caller's.
+    FrameRing& ring() noexcept { return *_ring; }
     /// Frames that were heard while the ring was full, because they could not be written fast enough.
     uint64_t droppedFrames() const noexcept { return _droppedFrames.load(std::memory_order_relaxed); }
-    CycleMonitor& monitor() noexcept { return _monitor; }
-    LevelMeter& meter() noexcept { return _meter; }
+    DeviceMeters& meters() noexcept { return _meters; }
 
 private:
-    explicit FileRecorder(const DeviceReport& device);
+    explicit FileRecorder(const std::vector<DeviceSelection>& inputs);
     ~FileRecorder() override = default;
 
-    void _takeInput(const AudioTimeStamp* now, const AudioBufferList* input,
-                    const AudioTimeStamp* inputTime) noexcept CX_REALTIME;
+    void _hear(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept CX_REALTIME;
+    void _keep(uint64_t sampleTime, uint32_t frameCount) noexcept CX_REALTIME;
 
-    const DeviceReport _device;
-    FrameRing _ring;
-    CycleMonitor _monitor;
-    LevelMeter _meter;
-    bool _isRecording = false; // of the IO thread
-    std::atomic<uint64_t> _droppedFrames{0};
+    const std::vector<DeviceSelection> _inputs;
+    RunnerInputs _heard;
+    DeviceMeters _meters;
+    std::unique_ptr<FrameRing> _ring; // made by open()
+    // Raised once there is a ring: its release pairs with the acquire of the blocks, which then find it.
+    std::atomic<bool> _isOpen{false};
+    std::atomic<uint64_t> _droppedFrames{0}; // has one writer and stands for itself
 };

@@ -18,6 +18,7 @@ namespace {
 // Written by the signal handler, on whichever thread takes the signal.
 std::atomic<bool> asked{false};
 std::atomic<int> wakeDescriptor{-1};
+std::atomic<void (*)()> lastAct{nullptr};
 std::atomic<bool> isWorkLeftBehind{false};
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
@@ -25,8 +26,11 @@ constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 extern "C" void noteSignal(int signal)
 {
-    if (asked.exchange(true))
-        _exit(128 + signal); // asked twice: what we are waiting for does not come
+    if (asked.exchange(true)) { // asked twice: what we are waiting for does not come
+        if (void (*const act)() = lastAct)
+            act();
+        _exit(128 + signal);
+    }
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = write(wakeDescriptor.load(), &one, sizeof one);
 }
@@ -99,6 +103,11 @@ bool Interrupts::runUnlessAsked(std::function<void()> work, int graceMillisecond
     }
     end.get();
     return true;
+}
+
+void Interrupts::setLastAct(void (*act)()) noexcept
+{
+    lastAct = act;
 }
 
 void Interrupts::endProcess(int status)

@@ -26,6 +26,8 @@ public:
     /// unfinished; it must own what it uses, and the process must then end by endProcess(). What `work`
     /// throws is thrown here.
     bool runUnlessAsked(std::function<void()> work, int graceMilliseconds = 0) const;
+    /// What is done before a second Ctrl-C ends the process, in the signal's handler; null for nothing.
+    static void setLastAct(void (*act)()) noexcept;
     /// Ends the process with `status`: in the usual way, or at once when work was left behind. Output is
     /// flushed.
     [[noreturn]] static void endProcess(int status);

@@ -1,6 +1,7 @@
 #include "LevelMeter.h"
 
 #include "DisplayText.h"
+#include "LevelBar.h"
 #include "TextFormat.h"
 
 #include <algorithm>
@@ -8,24 +9,9 @@
 
 namespace {
 
-constexpr float floorDecibels = -60.0F;
-constexpr float yellowFromDecibels = -12.0F;
-constexpr float redFromDecibels = -3.0F;
 constexpr float fallDecibelsPerSecond = 24.0F;
 constexpr uint32_t mostBars = 8;
-constexpr size_t labelWidth = 7; // "out 8" and a gap
-constexpr const char* eighths[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
-
-/// Where a level stands on a bar, 0 to 1.
-double positionOf(float decibels)
-{
-    return std::clamp(1.0 - double{decibels} / double{floorDecibels}, 0.0, 1.0);
-}
-
-float decibelsOf(float level)
-{
-    return level > 0.0F ? 20.0F * std::log10(level) : -1000.0F;
-}
+constexpr size_t leastLabelWidth = 7; // "out 8" and a gap
 
 } // namespace
 
@@ -42,16 +28,32 @@ void LevelMeter::note(const AudioBufferList* list) noexcept
         const auto* samples = static_cast<const float*>(buffer.data);
         const size_t count = samples ? buffer.dataByteSize / sizeof(float) : 0;
         for (uint32_t channel = 0; channel < buffer.numberChannels && number < _channelCount;
-             ++channel, ++number) {
-            float peak = 0.0F;
-            for (size_t k = channel; k < count; k += buffer.numberChannels)
-                peak = std::max(peak, std::fabs(samples[k]));
-            float before = _peaks[number].load(std::memory_order_relaxed);
-            while (peak > before &&
-                   !_peaks[number].compare_exchange_weak(before, peak, std::memory_order_relaxed)) {
-            }
-        }
+             ++channel, ++number)
+            _raise(number, samples + channel, count > channel ? count - channel : 0, buffer.numberChannels);
     }
+}
+
+void LevelMeter::note(const DXRBuffer& buffer) noexcept
+{
+    const size_t channels = buffer.channelCount();
+    for (uint32_t channel = 0; channel < std::min<size_t>(channels, _channelCount); ++channel)
+        _raise(channel, buffer.samples() + channel, channels * buffer.frameCount() - channel, channels);
+}
+
+/// Takes every `stride`th of `count` samples.
+void LevelMeter::_raise(uint32_t channel, const float* samples, size_t count, size_t stride) noexcept
+{
+    float peak = 0.0F;
+    for (size_t k = 0; k < count; k += stride)
+        peak = std::max(peak, std::fabs(samples[k]));
+    float before = _peaks[channel].load(std::memory_order_relaxed);
+    while (peak > before && !_peaks[channel].compare_exchange_weak(before, peak, std::memory_order_relaxed)) {
+    }
+}
+
+size_t LevelMeter::lineCount(Detail detail) const noexcept
+{
+    return detail == Detail::Loudest || _channelCount > mostBars ? 1 : _channelCount;
 }
 
 std::vector<float> LevelMeter::takePeaks()
@@ -63,13 +65,14 @@ std::vector<float> LevelMeter::takePeaks()
 }
 
 std::vector<std::string> LevelMeter::draw(const std::string& label, const std::vector<float>& peaks,
-                                          size_t width, const Terminal& terminal)
+                                          size_t width, const Terminal& terminal, Detail detail)
 {
     const auto now = std::chrono::steady_clock::now();
     const float seconds = std::min(1.0F, std::chrono::duration<float>(now - _drawn).count());
     _drawn = now;
     const float fall = std::pow(10.0F, -fallDecibelsPerSecond * seconds / 20.0F);
-    const size_t bars = _channelCount > mostBars ? 1 : _channelCount;
+    const size_t bars = std::min<size_t>(lineCount(detail), _channelCount);
+    const size_t labelWidth = std::max(leastLabelWidth, displayWidth(label) + 3);
     std::vector<std::string> lines;
     for (size_t bar = 0; bar < bars; ++bar) {
         const float peak = bars == 1 && !peaks.empty() ? *std::ranges::max_element(peaks) : peaks[bar];
@@ -78,32 +81,8 @@ std::vector<std::string> LevelMeter::draw(const std::string& label, const std::v
         const std::string level = fitRight(formatLevel(double{_shown[bar]}), 9);
         const size_t room = width > labelWidth + level.size() + 1 ? width - labelWidth - level.size() - 1 : 0;
         std::string line = fitLeft(label + number, labelWidth);
-        line.append(_bar(_shown[bar], room, terminal)).append(" ").append(level);
+        line.append(levelBar(_shown[bar], room, terminal)).append(" ").append(level);
         lines.push_back(std::move(line));
     }
     return lines;
-}
-
-std::string LevelMeter::_bar(float level, size_t width, const Terminal& terminal) const
-{
-    const auto full = static_cast<size_t>(std::lround(positionOf(decibelsOf(level)) * double(width) * 8.0));
-    const auto columnOf = [&](float decibels) {
-        return static_cast<size_t>(positionOf(decibels) * static_cast<double>(width));
-    };
-    const std::pair<size_t, Style> zones[] = {{columnOf(yellowFromDecibels), Style::Green},
-                                              {columnOf(redFromDecibels), Style::Yellow},
-                                              {width, Style::Red}};
-    std::string bar;
-    size_t column = 0;
-    for (const auto& [end, style] : zones) {
-        std::string part;
-        for (; column < end && column * 8 < full; ++column)
-            part += full - column * 8 >= 8 ? "█" : eighths[full - column * 8];
-        if (!part.empty())
-            bar += terminal.styled(part, style);
-    }
-    std::string rest;
-    for (; column < width; ++column)
-        rest += "·";
-    return bar + terminal.styled(rest, Style::Dim);
 }

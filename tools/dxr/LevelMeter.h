@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <dxr/AudioHardware.h>
+#include <dxr/DXRBuffer.h>
 #include <memory>
 #include <vector>
 
@@ -17,16 +18,21 @@ public:
 
     /// Takes the cycle's samples into account.
     void note(const AudioBufferList* list) noexcept CX_REALTIME;
+    void note(const DXRBuffer& buffer) noexcept CX_REALTIME;
 
+    /// How much is drawn: every channel, unless there are very many, or only the loudest of them.
+    enum class Detail { Channels, Loudest };
+    /// The lines that draw() makes.
+    size_t lineCount(Detail detail) const noexcept;
     /// The peak of each channel since the last call, 1.0 being full scale.
     std::vector<float> takePeaks();
     /// Bars for such peaks, one a line, each `width` columns wide, after `label`. The bars fall slowly, so
-    /// that short peaks can be seen. Many channels are shown as their loudest.
+    /// that short peaks can be seen.
     std::vector<std::string> draw(const std::string& label, const std::vector<float>& peaks, size_t width,
-                                  const Terminal& terminal);
+                                  const Terminal& terminal, Detail detail = Detail::Channels);
 
 private:
-    std::string _bar(float level, size_t width, const Terminal& terminal) const;
+    void _raise(uint32_t channel, const float* samples, size_t count, size_t stride) noexcept CX_REALTIME;
 
     const uint32_t _channelCount;
     // The largest since it was last taken. The IO thread raises it, the reader takes it back to 0; both by

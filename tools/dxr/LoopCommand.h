@@ -2,5 +2,5 @@
 
 #include <CLI/CLI.hpp>
 
-/// Adds `dxr loop`, which carries one device's input to another's output until Ctrl-C or for so many seconds.
+/// Adds `dxr loop`, which plays what devices hear on other devices, until Ctrl-C or for so many seconds.
 void registerLoopCommand(CLI::App& app);

@@ -1,10 +1,10 @@
 #include "PlayCommand.h"
 
-#include "DeviceSettings.h"
+#include "DeviceProperties.h"
 #include "DisplayText.h"
 #include "FilePlayer.h"
-#include "HardwareChoice.h"
-#include "LiveLines.h"
+#include "RunnerOptions.h"
+#include "SessionScreen.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
@@ -14,117 +14,133 @@
 
 namespace {
 
+constexpr const char* about =
+    "The same on all of them, at the rate of the file: for devices that run at another it is\n"
+    "converted. One that goes is taken up again when it comes back; the file goes on meanwhile.";
+
 struct Options {
-    explicit Options(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
-    std::string file, output;
-    std::optional<uint32_t> frames;
-    std::optional<double> rate;
+    explicit Options(CLI::App& command) : audio(command, about) {}
+    RunnerOptions audio;
+    std::string file;
     std::vector<uint32_t> channels;
 };
 
-ChannelMap mapFor(const Options& options, const SoundFileReader& file, const DeviceReport& device)
+ChannelMap mapFor(const Options& options, const SoundFileReader& file, const DeviceSelection& output)
 {
-    const DirectionReport& side = device[HALDirection::Output];
-    if (options.channels.empty()) {
-        const std::array<uint32_t, 2> stereo = side.stereoChannels.value_or(std::array<uint32_t, 2>{1, 2});
-        return straightChannelMap(file.channelCount(), side.channelCount, stereo[0], stereo[1]);
-    }
-    ChannelMap map;
-    for (const uint32_t channel : options.channels) {
+    const auto count = static_cast<uint32_t>(output.channels.size());
+    if (options.channels.empty())
+        return straightChannelMap(file.channelCount(), output);
+    ChannelMap map(count, channelOfNone);
+    if (options.channels.size() > count)
+        throw ToolFailure(output.shortName() +
+                          formatText(": %u channels are meant, not %zu", count, options.channels.size()));
+    for (size_t i = 0; i < options.channels.size(); ++i) {
+        const uint32_t channel = options.channels[i];
         if (channel > file.channelCount())
             throw ToolFailure(formatText("the file has %u channels, not %u", file.channelCount(), channel));
-        map.push_back(channel == 0 ? channelOfNone : channel - 1);
+        map[i] = channel == 0 ? channelOfNone : channel - 1;
     }
-    if (map.size() > side.channelCount)
-        throw ToolFailure(device.shortName() +
-                          formatText(": has %u channels, not %zu", side.channelCount, map.size()));
     return map;
 }
 
-void draw(LiveLines& live, FilePlayer& player, double rate, const Terminal& terminal)
+/// How far, and a bar of the way.
+std::string statusOf(const FilePlayer& player, double rate, size_t width)
 {
-    if (!terminal.isLive())
-        return;
-    const size_t width = terminal.columns() - 1;
-    std::vector<std::string> lines = player.meter().draw("out", player.meter().takePeaks(), width, terminal);
     const std::string times = formatSeconds(static_cast<double>(player.framesPlayed()) / rate) + " of " +
-                              formatSeconds(static_cast<double>(player.frameCount()) / rate);
-    const size_t room = width > times.size() + 2 ? width - times.size() - 2 : 0;
+                              formatSeconds(static_cast<double>(player.frameCount()) / rate) + "  ";
+    const size_t room = width > times.size() ? width - times.size() : 0;
     const auto done =
         static_cast<size_t>(static_cast<double>(room) * static_cast<double>(player.framesPlayed()) /
                             static_cast<double>(player.frameCount()));
     std::string bar;
     for (size_t i = 0; i < room; ++i)
         bar += i < done ? "━" : "─";
-    lines.push_back(clipToWidth(times, width) + "  " + bar);
-    live.draw(lines);
+    return times + bar;
 }
 
-void printResult(FilePlayer& player, double rate)
+/// The runner's sample time at which everything up to `endTime` has been heard: outputs are a block behind, and a cycle
+/// or two lie between here and the loudspeaker, beside what the device says itself.
+uint64_t heardTime(const RunnerSession& session, uint64_t endTime)
 {
-    CycleMonitor& monitor = player.monitor();
-    std::cout << formatCount(player.framesPlayed(), "frame", "frames") << " of "
-              << formatCount(player.frameCount(), "", "") << "played ("
-              << formatSeconds(static_cast<double>(player.framesPlayed()) / rate) << "), cycles of "
-              << monitor.cycleFrames() << " frames: " << formatCount(monitor.gaps(), "gap", "gaps") << " ("
-              << formatCount(monitor.lostFrames(), "frame", "frames") << "), "
-              << formatCount(player.underruns(), "underrun", "underruns") << "\n";
+    const AudioObjectID device = session.contextDevice();
+    const auto frames = [device](uint32_t selector) {
+        return readValue<uint32_t>(device, addressOf(selector, HALDirection::Output)).value_or(0);
+    };
+    return endTime + session.frameCount() +
+           uint64_t{2} * std::max(session.frameCount(), session.statistics().cycleFrames()) +
+           frames(kAudioDevicePropertyLatency) + frames(kAudioDevicePropertySafetyOffset);
 }
 
-void run(const Options& options)
+void playToTheEnd(RunnerSession& session, FilePlayer& player, SessionScreen& screen)
 {
-    constexpr int tickMilliseconds = 30;
-    SoundFileReader file(options.file);
-    options.hardware.apply();
-    if (options.rate && *options.rate != file.sampleRate())
-        throw ToolFailure("the file is at " + formatRate(file.sampleRate()) +
-                          " and is not converted; leave --rate out");
-    const DeviceReport device =
-        preparedDevice(options.output, HALDirection::Output, file.sampleRate(), options.frames);
-    ChannelMap map = mapFor(options, file, device);
-    const double rate = file.sampleRate();
-    const Interrupts interrupts;
-    std::cout << clipToWidth(singleLine(std::filesystem::path(options.file).filename().string()), 40)
-              << " -> " << device.shortName() << ", "
-              << formatCount(file.channelCount(), "channel", "channels") << ", " << formatRate(rate)
-              << std::endl;
-    const CXRef<FilePlayer> player = FilePlayer::initWithFile(std::move(file), device, std::move(map));
-    const Terminal terminal;
-    LiveLines live(terminal);
-    AudioRun run(interrupts);
-    player->addTo(run);
-    try {
-        if (!run.start())
-            return;
-        while (run.wait(tickMilliseconds) && !player->isOver()) {
-            player->feed();
-            draw(live, *player, rate, terminal);
+    bool isOpen = false;
+    std::optional<uint64_t> heard;
+    while (screen.wait() && !(heard && session.sampleTime() >= *heard)) {
+        if (!isOpen && session.isSettled()) {
+            isOpen = true;
+            session.beginCounting();
+            player.open();
         }
-        run.stop();
+        player.feed();
+        if (const std::optional<uint64_t> end = player.endTime(); end && !heard)
+            heard = heardTime(session, *end);
+        screen.draw(player.meters(), statusOf(player, session.sampleRate(), screen.width()));
+    }
+}
+
+std::string resultOf(const FilePlayer& player, double rate)
+{
+    return formatCount(player.framesPlayed(), "frame", "frames") + " of " +
+           formatCount(player.frameCount(), "", "") + "played (" +
+           formatSeconds(static_cast<double>(player.framesPlayed()) / rate) + "), " +
+           formatCount(player.underruns(), "underrun", "underruns");
+}
+
+void run(Options& options)
+{
+    SoundFileReader file(options.file);
+    if (options.audio.sampleRate().value_or(file.sampleRate()) != file.sampleRate())
+        throw ToolFailure(
+            "the file is at " + formatRate(file.sampleRate()) +
+            " and is played so; devices that run otherwise are brought to it. Leave --rate out");
+    options.audio.find();
+    std::vector<ChannelMap> maps;
+    for (const DeviceSelection& output : options.audio.outputs())
+        maps.push_back(mapFor(options, file, output));
+    const double rate = file.sampleRate();
+    const uint32_t channels = file.channelCount();
+    const Interrupts interrupts;
+    RunnerSession session(interrupts, options.audio.frameCount(), rate);
+    const CXRef<FilePlayer> player =
+        FilePlayer::initWithFile(std::move(file), options.audio.outputs(), std::move(maps));
+    player->addTo(session);
+    if (!session.start())
+        return;
+    std::cout << clipToWidth(singleLine(std::filesystem::path(options.file).filename().string()), 40)
+              << " -> " << namesOf(options.audio.outputs()) << ", "
+              << formatCount(channels, "channel", "channels") << ", " << formatRate(rate) << std::endl;
+    SessionScreen screen(session);
+    try {
+        playToTheEnd(session, *player, screen);
     } catch (const ToolFailure&) {
-        live.clear();
-        printResult(*player, rate);
+        screen.finish(resultOf(*player, rate));
         throw;
     }
-    live.clear();
-    printResult(*player, rate);
+    session.stop();
+    screen.finish(resultOf(*player, rate));
 }
 
 } // namespace
 
 void registerPlayCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("play", "Play a sound file on a device");
+    CLI::App* command = app.add_subcommand("play", "Play a sound file on devices");
     const auto options = std::make_shared<Options>(*command);
     command->add_option("file", options->file, "The file: WAV, or what else libsndfile reads")->required();
-    command->add_option("--out", options->output, "The device: ID, UID, or a part of its name")->required();
-    command->add_option("--frames", options->frames, "Frames of a cycle")->check(CLI::PositiveNumber);
-    command->add_option("--rate", options->rate, "Insist on this rate, in Hz; the file's is used anyway")
-        ->check(CLI::PositiveNumber);
+    options->audio.addOutputs("A device to play on")->required();
     command
         ->add_option("--channels", options->channels,
-                     "For each channel of the device, which of the file it plays; 0 for none: 2,1")
+                     "For each channel of a device, which of the file it plays; 0 for none: 2,1")
         ->delimiter(',');
     command->callback([options] { run(*options); });
 }

@@ -1,10 +1,9 @@
 #include "RecordCommand.h"
 
-#include "DeviceSettings.h"
 #include "DisplayText.h"
 #include "FileRecorder.h"
-#include "HardwareChoice.h"
-#include "LiveLines.h"
+#include "RunnerOptions.h"
+#include "SessionScreen.h"
 #include "SoundFileWriter.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
@@ -14,91 +13,98 @@
 
 namespace {
 
+constexpr const char* about =
+    "All of them to one file, their channels side by side in the order given. A device that\n"
+    "goes is silent until it comes back.";
+
 struct Options {
-    explicit Options(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
-    std::string file, input;
-    std::optional<uint32_t> frames;
-    std::optional<double> rate;
-    std::optional<double> seconds;
+    explicit Options(CLI::App& command) : audio(command, about) {}
+    RunnerOptions audio;
+    std::string file;
 };
 
-void printResult(const SoundFileWriter& file, FileRecorder& recorder, double rate)
+/// Writes what `recorder` hears until `mostFrames` are written or the user has had enough. Answers whether one of that came
+/// true, and not the end of all patience with devices that give nothing.
+bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t mostFrames,
+            SessionScreen& screen)
 {
-    CycleMonitor& monitor = recorder.monitor();
-    std::cout << formatCount(file.framesWritten(), "frame", "frames") << " written ("
-              << formatSeconds(static_cast<double>(file.framesWritten()) / rate) << "), cycles of "
-              << monitor.cycleFrames() << " frames: " << formatCount(monitor.gaps(), "gap", "gaps") << " ("
-              << formatCount(monitor.lostFrames() + recorder.droppedFrames(), "frame", "frames")
-              << " lost)\n";
-}
-
-void draw(LiveLines& live, FileRecorder& recorder, double seconds, const Terminal& terminal)
-{
-    if (!terminal.isLive())
-        return;
-    const size_t width = terminal.columns() - 1;
-    std::vector<std::string> lines =
-        recorder.meter().draw("in", recorder.meter().takePeaks(), width, terminal);
-    lines.push_back(clipToWidth(formatSeconds(seconds) + " recorded   Ctrl-C ends", width));
-    live.draw(lines);
-}
-
-/// Writes what `recorder` hears until `mostFrames` are written or the user asks to stop.
-void record(SoundFileWriter& file, FileRecorder& recorder, AudioRun& run, uint64_t mostFrames, double rate)
-{
-    constexpr int tickMilliseconds = 30;
-    const Terminal terminal;
-    LiveLines live(terminal);
-    bool goesOn = run.start();
-    while (goesOn && file.framesWritten() < mostFrames) {
-        goesOn = run.wait(tickMilliseconds);
-        file.drain(recorder.ring(), mostFrames - file.framesWritten());
-        draw(live, recorder, static_cast<double>(file.framesWritten()) / rate, terminal);
+    constexpr double patienceSeconds = 10.0;
+    const double rate = session.sampleRate();
+    double lastFrameAt = session.seconds();
+    while (screen.wait() && file.framesWritten() < mostFrames) {
+        if (!recorder.isOpen() && session.isSettled()) {
+            session.beginCounting();
+            recorder.open(rate);
+        }
+        const uint64_t before = file.framesWritten();
+        if (recorder.isOpen())
+            file.drain(recorder.ring(), mostFrames - file.framesWritten());
+        if (file.framesWritten() != before)
+            lastFrameAt = session.seconds();
+        if (mostFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
+            return false; // nobody may be there to end it
+        screen.draw(recorder.meters(), formatSeconds(static_cast<double>(file.framesWritten()) / rate) +
+                                           " recorded   Ctrl-C ends");
     }
-    run.stop();
-    file.drain(recorder.ring(), mostFrames - file.framesWritten());
+    return true;
 }
 
-void run(const Options& options)
+/// What was heard before the end and is not written yet.
+void writeTheRest(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t mostFrames)
 {
-    options.hardware.apply();
-    const DeviceReport device =
-        preparedDevice(options.input, HALDirection::Input, options.rate, options.frames);
-    const double rate = device.sampleRate;
-    const uint32_t channels = device[HALDirection::Input].channelCount;
-    const uint64_t mostFrames =
-        options.seconds ? static_cast<uint64_t>(std::llround(*options.seconds * rate)) : UINT64_MAX;
+    session.stop();
+    if (recorder.isOpen())
+        file.drain(recorder.ring(), mostFrames - file.framesWritten());
+    file.finish();
+}
+
+std::string resultOf(const SoundFileWriter& file, const FileRecorder& recorder, double rate)
+{
+    return formatCount(file.framesWritten(), "frame", "frames") + " written (" +
+           formatSeconds(static_cast<double>(file.framesWritten()) / rate) + "), " +
+           formatCount(recorder.droppedFrames(), "", "") + "left out because the disk was too slow";
+}
+
+void run(Options& options)
+{
+    options.audio.find();
     const Interrupts interrupts;
-    SoundFileWriter file(options.file, channels, rate, options.seconds.value_or(0.0));
-    std::cout << device.shortName() << " -> " << clipToWidth(singleLine(options.file), 60) << ", "
-              << formatCount(channels, "channel", "channels") << ", " << formatRate(rate) << std::endl;
-    const CXRef<FileRecorder> recorder = FileRecorder::initWithDevice(device);
-    AudioRun run(interrupts);
-    recorder->addTo(run);
+    RunnerSession session(interrupts, options.audio.frameCount(), options.audio.sampleRate());
+    const CXRef<FileRecorder> recorder = FileRecorder::initWithInputs(options.audio.inputs());
+    recorder->addTo(session);
+    if (!session.start())
+        return;
+    const double rate = session.sampleRate();
+    const std::optional<double> seconds = options.audio.seconds();
+    const uint64_t mostFrames = seconds ? static_cast<uint64_t>(std::llround(*seconds * rate)) : UINT64_MAX;
+    SoundFileWriter file(options.file, recorder->channelCount(), rate, seconds.value_or(0.0));
+    std::cout << namesOf(options.audio.inputs()) << " -> " << clipToWidth(singleLine(options.file), 60)
+              << ", " << formatCount(recorder->channelCount(), "channel", "channels") << ", "
+              << formatRate(rate) << std::endl;
+    SessionScreen screen(session);
+    bool isComplete = false;
     try {
-        record(file, *recorder, run, mostFrames, rate);
+        isComplete = record(session, *recorder, file, mostFrames, screen);
+        writeTheRest(session, *recorder, file, mostFrames);
     } catch (const ToolFailure&) {
-        file.drain(recorder->ring(), mostFrames - file.framesWritten()); // what was heard before
         file.finish();
-        printResult(file, *recorder, rate);
+        screen.finish(resultOf(file, *recorder, rate));
         throw;
     }
-    file.finish();
-    printResult(file, *recorder, rate);
+    screen.finish(resultOf(file, *recorder, rate));
+    if (!isComplete)
+        throw ToolFailure("the devices give no more cycles");
 }
 
 } // namespace
 
 void registerRecordCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("record", "Record what a device hears to a WAV file");
+    CLI::App* command = app.add_subcommand("record", "Record what devices hear to a WAV file");
     const auto options = std::make_shared<Options>(*command);
     command->add_option("file", options->file, "The WAV file to write; one that is there is replaced")
         ->required();
-    command->add_option("--in", options->input, "The device: ID, UID, or a part of its name")->required();
-    command->add_option("--frames", options->frames, "Frames of a cycle")->check(CLI::PositiveNumber);
-    command->add_option("--rate", options->rate, "The sample rate in Hz")->check(CLI::PositiveNumber);
-    command->add_option("--seconds", options->seconds, "End after so much sound")->check(CLI::PositiveNumber);
+    options->audio.addInputs("A device to hear")->required();
+    options->audio.addSeconds("End after so much sound");
     command->callback([options] { run(*options); });
 }

@@ -2,6 +2,6 @@
 
 #include <CLI/CLI.hpp>
 
-/// Adds `dxr record FILE.wav`, which writes what a device hears to a WAV file until Ctrl-C or for so many
+/// Adds `dxr record FILE.wav`, which writes what devices hear to a WAV file until Ctrl-C or for so many
 /// seconds.
 void registerRecordCommand(CLI::App& app);

@@ -2,11 +2,10 @@
 
 #include "SimulatedZoo.h"
 
-#include <chrono>
 #include <functional>
 
-SimulatedVisitor::SimulatedVisitor(CXRef<SimulatedBackend> backend)
-    : _backend(std::move(backend)), _thread([this] { _visit(); })
+SimulatedVisitor::SimulatedVisitor(CXRef<SimulatedBackend> backend, std::chrono::milliseconds pause)
+    : _backend(std::move(backend)), _pauseBetween(pause), _thread([this] { _visit(); })
 {}
 
 SimulatedVisitor::~SimulatedVisitor()
@@ -22,7 +21,7 @@ SimulatedVisitor::~SimulatedVisitor()
 bool SimulatedVisitor::_pause()
 {
     std::unique_lock lock(_mutex);
-    return !_left.wait_for(lock, std::chrono::milliseconds(400), [this] { return _isOver; });
+    return !_left.wait_for(lock, _pauseBetween, [this] { return _isOver; });
 }
 
 void SimulatedVisitor::_visit()

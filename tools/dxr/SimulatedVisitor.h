@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <dxr/simulated.h>
 #include <mutex>
@@ -9,7 +10,9 @@
 /// again, until it goes. Threads: its own.
 class SimulatedVisitor {
 public:
-    explicit SimulatedVisitor(CXRef<SimulatedBackend> backend);
+    /// `pause` is from each of its deeds to the next.
+    explicit SimulatedVisitor(CXRef<SimulatedBackend> backend,
+                              std::chrono::milliseconds pause = std::chrono::milliseconds(400));
     ~SimulatedVisitor();
     SimulatedVisitor(const SimulatedVisitor&) = delete;
     SimulatedVisitor& operator=(const SimulatedVisitor&) = delete;
@@ -19,6 +22,7 @@ private:
     bool _pause();
 
     const CXRef<SimulatedBackend> _backend;
+    const std::chrono::milliseconds _pauseBetween;
     std::mutex _mutex;
     std::condition_variable _left;
     bool _isOver = false; // under the mutex

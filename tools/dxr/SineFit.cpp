@@ -11,6 +11,7 @@ constexpr double mostDecibels = 300.0; // what is left over may be exactly nothi
 
 struct BlockFit {
     double amplitude, signalEnergy, noiseEnergy;
+    double phase; // radians, at the first frame
 };
 
 /// Solves three linear equations by Cramer's rule; they are far from singular for a block of many periods.
@@ -48,7 +49,7 @@ BlockFit fitBlock(std::span<const float> block, double radiansPerFrame)
         }
     }
     const std::array<double, 3> weights = solve(normal, right);
-    BlockFit fit{std::hypot(weights[0], weights[1]), 0.0, 0.0};
+    BlockFit fit{std::hypot(weights[0], weights[1]), 0.0, 0.0, std::atan2(weights[1], weights[0])};
     for (size_t frame = 0; frame < block.size(); ++frame) {
         const std::array<double, 3> values = basis(frame);
         const double sine = weights[0] * values[0] + weights[1] * values[1];
@@ -75,6 +76,7 @@ SineFit SineFit::of(std::span<const float> samples, double frequency, double sam
     const auto blockFrames = static_cast<size_t>(blockSeconds * sampleRate);
     const double radiansPerFrame = 2.0 * std::numbers::pi * frequency / sampleRate;
     SineFit fit;
+    fit.frequency = frequency;
     double signal = 0.0;
     double noise = 0.0;
     size_t blocks = 0;
@@ -90,5 +92,27 @@ SineFit SineFit::of(std::span<const float> samples, double frequency, double sam
     if (blocks > 0)
         fit.amplitude /= static_cast<double>(blocks);
     fit.signalToNoise = decibels(signal, noise);
+    return fit;
+}
+
+SineFit SineFit::nearTo(std::span<const float> samples, double frequency, double sampleRate)
+{
+    constexpr int rounds = 3; // each leaves a small part of the error before it
+    SineFit fit;
+    if (samples.size() < 8)
+        return fit;
+    double radiansPerFrame = 2.0 * std::numbers::pi * frequency / sampleRate;
+    const size_t half = samples.size() / 2;
+    for (int round = 0; round < rounds; ++round) {
+        // At the right frequency the second half begins with the phase that the first ends with.
+        const double gained = fitBlock(samples.subspan(half, half), radiansPerFrame).phase -
+                              fitBlock(samples.first(half), radiansPerFrame).phase -
+                              radiansPerFrame * static_cast<double>(half);
+        radiansPerFrame += std::remainder(gained, 2.0 * std::numbers::pi) / static_cast<double>(half);
+    }
+    const BlockFit block = fitBlock(samples, radiansPerFrame);
+    fit.amplitude = block.amplitude;
+    fit.frequency = radiansPerFrame * sampleRate / (2.0 * std::numbers::pi);
+    fit.signalToNoise = fit.worstBlock = decibels(block.signalEnergy, block.noiseEnergy);
     return fit;
 }

@@ -5,6 +5,7 @@
 #include "Interrupts.h"
 #include "ListCommand.h"
 #include "LoopCommand.h"
+#include "MonitorCommand.h"
 #include "PlayCommand.h"
 #include "PlotResponseCommand.h"
 #include "RecordCommand.h"
@@ -12,6 +13,7 @@
 #include "ResampleCommand.h"
 #include "SetCommand.h"
 #include "ToolFailure.h"
+#include "TraceCommand.h"
 #include "WatchCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -33,6 +35,8 @@ void registerCommands(CLI::App& app)
     registerLoopCommand(app);
     registerPlayCommand(app);
     registerRecordCommand(app);
+    registerTraceCommand(app);
+    registerMonitorCommand(app);
     registerDemoCommand(app);
     registerResampleCommand(app);
     registerPlotCommand(app);

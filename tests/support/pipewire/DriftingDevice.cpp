@@ -42,8 +42,9 @@ double nowNanoseconds()
 } // namespace
 
 DriftingDevice::DriftingDevice(const std::string& remote, const std::string& name, Direction direction,
-                               double partsPerMillion)
-    : _client(remote), _name(name), _direction(direction), _ratio(1.0 + partsPerMillion * 1e-6)
+                               double partsPerMillion, const std::string& clockName)
+    : _client(remote), _name(name), _clockName(clockName.empty() ? "test." + name : clockName),
+      _direction(direction), _ratio(1.0 + partsPerMillion * 1e-6)
 {
     static const pw_stream_events events = [] {
         pw_stream_events all{};
@@ -57,15 +58,17 @@ DriftingDevice::DriftingDevice(const std::string& remote, const std::string& nam
     uint8_t space[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
     const spa_pod* formats[] = {stereoFormat(builder)};
+    NodeProperties properties{
+        {PW_KEY_MEDIA_CLASS, isSink ? "Audio/Sink" : "Audio/Source"},
+        {PW_KEY_NODE_NAME, name},
+        {PW_KEY_NODE_DESCRIPTION, "Drifting " + name},
+        {PW_KEY_NODE_DRIVER, "true"},
+        {PW_KEY_PRIORITY_DRIVER, "1000"},
+        {"adapter.auto-port-config", "{ mode = dsp monitor = true position = preserve }"}};
+    if (!clockName.empty())
+        properties["clock.name"] = clockName;
     _client.locked([&] {
-        _stream = pw_stream_new(_client.core(), name.c_str(),
-                                newProperties({{PW_KEY_MEDIA_CLASS, isSink ? "Audio/Sink" : "Audio/Source"},
-                                               {PW_KEY_NODE_NAME, name},
-                                               {PW_KEY_NODE_DESCRIPTION, "Drifting " + name},
-                                               {PW_KEY_NODE_DRIVER, "true"},
-                                               {PW_KEY_PRIORITY_DRIVER, "1000"},
-                                               {"adapter.auto-port-config",
-                                                "{ mode = dsp monitor = true position = preserve }"}}));
+        _stream = pw_stream_new(_client.core(), name.c_str(), newProperties(properties));
         pw_stream_add_listener(_stream, &_listener, &events, this);
         pw_stream_connect(_stream, isSink ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT, PW_ID_ANY,
                           static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS |
@@ -96,7 +99,7 @@ void DriftingDevice::_ioChanged(void* data, uint32_t id, void* area, uint32_t /*
     if (id == SPA_IO_Clock) {
         auto* clock = static_cast<spa_io_clock*>(area);
         if (clock)
-            std::snprintf(clock->name, sizeof clock->name, "test.%s", self->_name.c_str());
+            std::snprintf(clock->name, sizeof clock->name, "%s", self->_clockName.c_str());
         self->_clock = clock;
     } else if (id == SPA_IO_Position) {
         self->_position = static_cast<spa_io_position*>(area);
@@ -128,14 +131,15 @@ void DriftingDevice::_process(void* data)
 
 void DriftingDevice::_receive(const float* samples, uint32_t frameCount) noexcept
 {
-    for (uint32_t frame = 0; frame < frameCount; ++frame) {
-        const int64_t value = std::llrint(samples[size_t{2} * frame] / step);
+    for (uint32_t i = 0; i < 2 * frameCount; ++i) {
+        Received& received = _received[i % 2];
+        const int64_t value = std::llrint(samples[i] / step);
         if (value == 0)
             continue; // silence before, between and after ramps
-        if (_last != 0 && value != ((_last + 1) & rampMask))
-            ++_breaks;
-        _last = value;
-        ++_framesReceived;
+        if (received.last != 0 && value != ((received.last + 1) & rampMask))
+            ++received.breaks;
+        received.last = value;
+        ++received.frames;
     }
 }
 

@@ -9,26 +9,32 @@
 #include <thread>
 
 /// A stereo device with a clock of its own that is fast or slow by some parts per million: a sink that checks the
-/// ramp it receives, or a source that gives one. The ramp counts frames in steps of 2^-24, from 1.
+/// ramps it receives, one in each channel, or a source that gives one. The ramp counts frames in steps of 2^-24, from 1.
 /// Threads: one; it runs two of its own.
 class DriftingDevice {
 public:
     enum class Direction { Sink, Source };
 
+    /// Devices of one `clockName` say that they go by one clock, and should then drift alike; each has its own if empty.
     DriftingDevice(const std::string& remote, const std::string& name, Direction direction,
-                   double partsPerMillion);
+                   double partsPerMillion, const std::string& clockName = "");
     ~DriftingDevice();
     DriftingDevice(const DriftingDevice&) = delete;
     DriftingDevice& operator=(const DriftingDevice&) = delete;
 
-    /// Frames of the ramp that came, and how often one did not follow the one before.
-    uint64_t framesReceived() const noexcept { return _framesReceived; }
-    uint64_t breaks() const noexcept { return _breaks; }
+    /// Frames of the ramp in channel 0 or 1 that came, and how often one did not follow the one before.
+    uint64_t framesReceived(size_t channel = 0) const noexcept { return _received[channel].frames; }
+    uint64_t breaks(size_t channel = 0) const noexcept { return _received[channel].breaks; }
 
 private:
     static void _stateChanged(void* data, pw_stream_state before, pw_stream_state now, const char* error);
     static void _ioChanged(void* data, uint32_t id, void* area, uint32_t size);
     static void _process(void* data);
+
+    struct Received {
+        int64_t last = 0;
+        std::atomic<uint64_t> frames{0}, breaks{0};
+    };
 
     void _receive(const float* samples, uint32_t frameCount) noexcept;
     void _give(float* samples, uint32_t frameCount) noexcept;
@@ -36,7 +42,7 @@ private:
     double _driveCycle(double nowNanoseconds) noexcept;
 
     TestClient _client;
-    const std::string _name;
+    const std::string _name, _clockName;
     const Direction _direction;
     const double _ratio; // device frames per nominal frame
     pw_stream* _stream = nullptr;
@@ -47,8 +53,6 @@ private:
     std::atomic<bool> _ended{false};
     uint64_t _framesDriven = 0;
     uint64_t _framesGiven = 0;
-    int64_t _last = 0;
-    std::atomic<uint64_t> _framesReceived{0};
-    std::atomic<uint64_t> _breaks{0};
+    Received _received[2];
     std::thread _driver;
 };

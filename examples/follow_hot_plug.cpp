@@ -1,0 +1,43 @@
+// Tells which devices come and go, in a poll loop of its own, until the standard input ends or brings a line.
+#include <cstdio>
+#include <dxr/DXRDeviceManager.h>
+#include <dxr/LogSink.h>
+#include <dxr/MainQueue.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+
+void tell(const char* what, const DXRDeviceManager::Devices& devices)
+{
+    for (const CXRef<DXRDevice>& device : devices)
+        std::printf("%-13s%s %s\n", what, device->isInput() ? "input " : "output",
+                    platform::printableText(device->name()).c_str());
+    std::fflush(stdout);
+}
+
+} // namespace
+
+int main()
+{
+    // What is to run on the main thread waits in the main queue, whose descriptor is readable as long as there is any.
+    // With a loop of Qt's or GLib's, hand the descriptor to that instead.
+    platform::MainQueue& mainQueue = platform::MainQueue::shared();
+    DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
+    const DXRDeviceManager::NotifierBlock notifier = [](const DXRDeviceManager::Devices& connected,
+                                                        const DXRDeviceManager::Devices& disconnected,
+                                                        const DXRDeviceManager::Devices& /*updated*/) {
+        tell("connected", connected);
+        tell("disconnected", disconnected);
+    };
+    // First follow, then ask: nothing falls between. What comes in between is told twice.
+    manager.addDeviceNotifier(CXRef<platform::WorkQueue>(&mainQueue), notifier);
+    tell("present", manager.connectedDevices());
+
+    pollfd waited[] = {{mainQueue.fd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+    do {
+        poll(waited, 2, -1);
+        mainQueue.drain();
+    } while (waited[1].revents == 0);
+    manager.removeDeviceNotifier(notifier);
+}

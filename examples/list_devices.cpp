@@ -1,0 +1,23 @@
+// Lists the audio devices, a line for each direction of each.
+#include <algorithm>
+#include <cstdio>
+#include <dxr/dxr.h>
+#include <vector>
+
+int main()
+{
+    const DXRDeviceManager::Devices connected = DXRDeviceManager::sharedDeviceManager().connectedDevices();
+    std::vector<CXRef<DXRDevice>> devices(connected.begin(), connected.end());
+    std::ranges::sort(devices, {}, [](const CXRef<DXRDevice>& device) {
+        return std::pair(device->displayName(), device->isInput());
+    });
+    for (const CXRef<DXRDevice>& device : devices) {
+        // A device calls itself whatever it likes: on a terminal, only the printable form of that is safe.
+        const std::string name = platform::printableText(device->displayName());
+        std::printf("%-6s  %3u ch  %8.0f Hz  %s%s\n", device->isInput() ? "input" : "output",
+                    device->channelCount(), device->sampleRate(), name.c_str(),
+                    device->isDefault() ? "  (default)" : "");
+    }
+    if (devices.empty())
+        std::puts("No audio devices.");
+}

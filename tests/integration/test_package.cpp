@@ -1,0 +1,123 @@
+// What a stranger does: installs the library, and builds and runs programs on that alone.
+
+#include "PrivateServer.h"
+#include "VirtualDevices.h"
+
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class Package : public testing::Test {
+protected:
+    Package()
+    {
+        std::string pattern = fs::temp_directory_path() / "dxr-package-XXXXXX";
+        folder = mkdtemp(pattern.data());
+        setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
+    }
+    ~Package() override { fs::remove_all(folder); }
+
+    /// Runs a shell command in the folder; its exit status, and what it printed in `output`.
+    int run(const std::string& command)
+    {
+        FILE* const pipe = popen(("cd " + folder.string() + " && (" + command + ") 2>&1").c_str(), "r");
+        std::array<char, 4096> block{};
+        output.clear();
+        while (const size_t count = std::fread(block.data(), 1, block.size(), pipe))
+            output.append(block.data(), count);
+        const int status = pclose(pipe);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    static std::string textOf(const fs::path& path)
+    {
+        std::stringstream text;
+        text << std::ifstream(path).rdbuf();
+        return text.str();
+    }
+    /// Waits until the file says so.
+    static bool comesToSay(const fs::path& path, const std::string& what)
+    {
+        for (int tries = 0; tries < 1000; ++tries) {
+            if (textOf(path).find(what) != std::string::npos)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    PrivateServer server;
+    fs::path folder;
+    std::string output;
+};
+
+TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
+{
+    // Into a staging folder, and used from there: nothing in it may depend on where it was to go.
+    ASSERT_EQ(run("make -C " DXR_SOURCE_DIR
+                  " --no-print-directory -o release install BUILD_DIR=" DXR_BUILD_DIR
+                  " PREFIX=/opt/dxr DESTDIR=" +
+                  (folder / "stage").string()),
+              0)
+        << output;
+    const std::string prefix = folder / "stage/opt/dxr";
+    EXPECT_EQ(run(prefix + "/bin/dxr --version"), 0) << output;
+    fs::copy(DXR_SOURCE_DIR "/examples", folder / "examples");
+    ASSERT_EQ(run("cmake -S examples -B built -DCMAKE_PREFIX_PATH=" + prefix +
+                  " -DCMAKE_CXX_COMPILER='" DXR_COMPILER "' -DCMAKE_CXX_FLAGS='" DXR_SANITIZER_FLAGS
+                  "' && cmake --build built -j2"),
+              0)
+        << output;
+    const std::string flags = "$(PKG_CONFIG_PATH=" + prefix + "/" DXR_LIBRARY_FOLDER "/pkgconfig pkg-config ";
+    ASSERT_EQ(run(DXR_COMPILER " " DXR_SANITIZER_FLAGS
+                               " -std=c++20 examples/list_devices.cpp -o by-pkg-config " +
+                  flags + "--cflags --libs dxr) -Wl,-rpath," + prefix + "/" DXR_LIBRARY_FOLDER),
+              0)
+        << output;
+
+    EXPECT_EQ(run("./by-pkg-config"), 0) << output;
+    EXPECT_EQ(output, "No audio devices.\n");
+    EXPECT_EQ(run("built/play_on_two"), 1);
+    EXPECT_EQ(run("built/record_while_playing x.wav"), 1);
+    EXPECT_EQ(run("built/test_without_hardware"), 0) << output;
+
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "in", .mediaClass = "Audio/Source/Virtual", .channelCount = 1});
+    FILE* const follower =
+        popen(("cd " + folder.string() + " && built/follow_hot_plug > followed").c_str(), "w");
+    EXPECT_TRUE(comesToSay(folder / "followed", "present      input  Virtual in\n"));
+    devices.plug({.name = "one", .properties = {{"node.description", "First \x1B[2J"}}});
+    devices.plug({.name = "two"});
+    EXPECT_TRUE(comesToSay(folder / "followed", "connected    output Virtual two\n"));
+    EXPECT_EQ(run("built/list_devices"), 0);
+    EXPECT_NE(output.find("output    2 ch     48000 Hz  First \\x1B[2J"), std::string::npos) << output;
+    EXPECT_NE(output.find("input     1 ch     48000 Hz  Virtual in"), std::string::npos) << output;
+    EXPECT_EQ(run("built/play_on_two 0.3"), 0) << output;
+    EXPECT_NE(output.find("Playing on Virtual two\n"), std::string::npos) << output;
+    EXPECT_EQ(run(prefix + "/bin/dxr set in --default && " + prefix + "/bin/dxr set two --default"), 0)
+        << output;
+    EXPECT_EQ(run("built/record_while_playing recording.wav"), 0) << output;
+    SF_INFO info{};
+    SNDFILE* const recording = sf_open((folder / "recording.wav").c_str(), SFM_READ, &info);
+    EXPECT_TRUE(recording && info.frames == 3 * 48000 && info.channels == 1 && info.samplerate == 48000);
+    sf_close(recording);
+
+    devices.unplug("two");
+    EXPECT_TRUE(comesToSay(folder / "followed", "disconnected output Virtual two\n"));
+    EXPECT_EQ(pclose(follower), 0) << "ends with its input";
+}
+
+} // namespace

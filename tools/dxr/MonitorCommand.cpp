@@ -1,0 +1,334 @@
+#include "MonitorCommand.h"
+
+#include "DeviceWatch.h"
+#include "EngineAggregate.h"
+#include "LoopPatch.h"
+#include "MonitorView.h"
+#include "RunnerOptions.h"
+#include "SimulatedVisitor.h"
+#include "TerminalScreen.h"
+#include "TextFormat.h"
+#include "ToolFailure.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <dxr/HostClock.h>
+#include <dxr/LogSink.h>
+#include <dxr/MainQueue.h>
+#include <mutex>
+#include <poll.h>
+
+namespace {
+
+constexpr size_t mostNews = 200;
+constexpr std::chrono::milliseconds visitorsPause(1500); // for people to see
+
+/// Takes the library's log lines while the terminal shows something else.
+/// Threads: any.
+class LogLines {
+public:
+    LogLines()
+    {
+        platform::LogSink::setWriter([kept = _kept](std::string_view line) {
+            const std::scoped_lock lock(kept->mutex);
+            kept->lines.emplace_back(line.substr(0, line.find('\n')));
+        });
+    }
+    ~LogLines() { platform::LogSink::setWriter({}); }
+    LogLines(const LogLines&) = delete;
+    LogLines& operator=(const LogLines&) = delete;
+
+    std::vector<std::string> take()
+    {
+        const std::scoped_lock lock(_kept->mutex);
+        return std::exchange(_kept->lines, {});
+    }
+
+private:
+    struct Kept {
+        std::mutex mutex;
+        std::vector<std::string> lines; // under the mutex
+    };
+    const std::shared_ptr<Kept> _kept = std::make_shared<Kept>(); // with the writer, which may be under way
+};
+
+double secondsOf(uint64_t ticks)
+{
+    using platform::HostClock;
+    return static_cast<double>(ticks) * HostClock::nanosecondsNumerator / HostClock::nanosecondsDenominator /
+           1e9;
+}
+
+/// The monitor of what was named, or of the default devices, whichever these are.
+class Monitor {
+public:
+    Monitor(const RunnerOptions& options, const CXRef<SimulatedBackend>& simulated);
+
+    void run();
+
+private:
+    bool _wait();
+    void _open();
+    void _start();
+    std::array<std::vector<DeviceSelection>, 2> _selectDefaults() const;
+    void _noteCycles(std::span<const DXRCycleRecord> records);
+    void _obey(const std::string& keys);
+    void _follow();
+    void _tell(const std::string& what);
+    MonitorState _state();
+    MonitorState::Device _stateOf(const DeviceSelection& selection, size_t meter);
+    std::string _context() const;
+
+    const RunnerOptions& _options;
+    const Interrupts _interrupts;
+    LogLines _log;
+    DeviceWatch _watch{false};
+    const std::unique_ptr<SimulatedVisitor> _visitor; // none on real hardware
+    TerminalScreen _screen;
+    const Terminal _terminal;
+
+    std::array<std::vector<DeviceSelection>, 2> _selections; // inputs, outputs
+    CXRef<LoopPatch> _patch;
+    std::unique_ptr<RunnerSession> _session; // none while the default devices do not start
+    std::vector<double> _levels;             // of the meters, as shown
+    std::vector<DeviceReport> _reports;      // of all devices there are
+    std::deque<std::string> _news;
+    double _usedSeconds = 0.0, _longestSeconds = 0.0, _cycleSeconds = 0.0;
+    const uint64_t _begunTicks = platform::HostClock::nowTicks();
+    bool _isCounting = false, _isHeard = false, _isOver = false;
+};
+
+Monitor::Monitor(const RunnerOptions& options, const CXRef<SimulatedBackend>& simulated)
+    : _options(options),
+      _visitor(simulated ? std::make_unique<SimulatedVisitor>(simulated, visitorsPause) : nullptr)
+{
+    _watch.begin();
+    _reports = DeviceReport::readAll(DeviceReport::Hidden::No);
+}
+
+void Monitor::run()
+{
+    _open();
+    while (!_isOver) {
+        if (_session)
+            _session->poll();
+        _follow();
+        if (_session && !_isCounting && _session->isSettled()) {
+            _session->beginCounting();
+            _isCounting = true;
+        }
+        const TerminalScreen::Size size = _screen.size();
+        const size_t columns = size.columns - (size.columns > 1); // some terminals go on below from the last
+        _screen.draw(monitorLines(_state(), columns, size.rows, _terminal));
+        _isOver = !_wait();
+    }
+}
+
+/// False when the user has had enough.
+bool Monitor::_wait()
+{
+    constexpr int tickMilliseconds = 100;
+    pollfd waited[] = {{_interrupts.fd(), POLLIN, 0},
+                       {_screen.keyboard(), POLLIN, 0},
+                       {_watch.fd(), POLLIN, 0},
+                       {platform::MainQueue::shared().fd(), POLLIN, 0}};
+    poll(waited, std::size(waited), tickMilliseconds); // a new size of the terminal interrupts it
+    if ((waited[1].revents & (POLLERR | POLLHUP)) != 0)
+        return false; // the terminal is gone
+    if (waited[1].revents != 0)
+        _obey(_screen.takeKeys());
+    return !_interrupts.wasAsked() && !_isOver;
+}
+
+void Monitor::_obey(const std::string& keys)
+{
+    for (const char key : keys) {
+        if (key == 'q' || key == 'Q')
+            _isOver = true;
+        if (key != 'l' && key != 'L')
+            continue;
+        _isHeard = !_isHeard;
+        if (_patch)
+            _patch->setOpen(_isHeard);
+    }
+}
+
+/// Begins to watch what was named, or what the default devices are now.
+void Monitor::_open()
+{
+    _selections =
+        _options.namesDevices() ? std::array{_options.inputs(), _options.outputs()} : _selectDefaults();
+    _session = nullptr;
+    _isCounting = false;
+    try {
+        _start();
+    } catch (const ToolFailure& failure) {
+        _session = nullptr;
+        if (_options.namesDevices())
+            throw;
+        _tell(failure.what());
+    }
+}
+
+void Monitor::_start()
+{
+    _session = std::make_unique<RunnerSession>(_interrupts, _options.frameCount(), _options.sampleRate());
+    _patch = LoopPatch::initWithSelections(_selections[0], _selections[1]);
+    _patch->setOpen(_isHeard);
+    _patch->addTo(*_session);
+    _session->setRecords([this](std::span<const DXRCycleRecord> records) { _noteCycles(records); });
+    _levels.assign(_selections[0].size() + _selections[1].size(), 0.0);
+    _isOver = !_session->start();
+}
+
+std::array<std::vector<DeviceSelection>, 2> Monitor::_selectDefaults() const
+{
+    std::array<std::vector<DeviceSelection>, 2> selections;
+    for (const DeviceReport& report : _reports)
+        for (const HALDirection direction : halDirections)
+            if (report[direction].isDefault && report[direction].device)
+                selections[static_cast<size_t>(direction)].push_back(DeviceSelection::of(report, direction));
+    return selections;
+}
+
+void Monitor::_noteCycles(std::span<const DXRCycleRecord> records)
+{
+    for (const DXRCycleRecord& record : records) {
+        if (record.event != DXRCycleRecord::Event::Cycle || record.dueTicks == 0 ||
+            record.deadlineTicks <= record.dueTicks)
+            continue;
+        const double used = secondsOf(record.endTicks - std::min(record.endTicks, record.dueTicks));
+        _usedSeconds = std::max(_usedSeconds, used);
+        _cycleSeconds = secondsOf(record.deadlineTicks - record.dueTicks);
+        if (_isCounting)
+            _longestSeconds = std::max(_longestSeconds, used);
+    }
+}
+
+/// Takes in what has happened to the devices.
+void Monitor::_follow()
+{
+    using enum DeviceWatch::Kind;
+    bool hasNewDefault = false;
+    const std::vector<DeviceWatch::Event> events = _watch.next();
+    for (const DeviceWatch::Event& event : events) {
+        const bool isOurs = EngineAggregate::isUID(event.device.uid);
+        const bool isOfCycles =
+            event.kind == Changed && (event.what == "running" || event.what == "buffer_frames");
+        const bool isSame = event.kind == Default && event.what == "system output"; // mostly the output's
+        if (!isOurs && !isOfCycles && !isSame)
+            _tell(event.text());
+        hasNewDefault = hasNewDefault || event.kind == Default;
+    }
+    if (!events.empty())
+        _reports = DeviceReport::readAll(DeviceReport::Hidden::No);
+    if (_session)
+        for (const std::string& news : _session->takeNews())
+            if (news.find("Cycles") != std::string::npos || news.find("No cycles") != std::string::npos)
+                _tell(news.substr(news.find("  ") + 2));
+    for (const std::string& line : _log.take())
+        _tell(line);
+    if (hasNewDefault && !_options.namesDevices())
+        _open();
+}
+
+void Monitor::_tell(const std::string& what)
+{
+    const double seconds = secondsOf(platform::HostClock::nowTicks() - _begunTicks);
+    _news.push_back(formatText("%8s  ", formatSeconds(seconds).c_str()) + what);
+    if (_news.size() > mostNews)
+        _news.pop_front();
+}
+
+std::string Monitor::_context() const
+{
+    if (!_session)
+        return "nothing runs";
+    if (_session->contextDevice() == kAudioObjectUnknown)
+        return "no device: a timer keeps the time";
+    const auto count = std::ranges::count_if(_session->devices(), &DeviceTally::isThere);
+    return count > 1 ? formatText("%zu devices as one", static_cast<size_t>(count)) : "one device";
+}
+
+MonitorState::Device Monitor::_stateOf(const DeviceSelection& selection, size_t meter)
+{
+    constexpr double fall = 0.8; // of a picture
+    const bool isInput = meter < _selections[0].size();
+    MonitorState::Device device;
+    device.direction = isInput ? "in" : "out";
+    device.name = selection.device->displayName();
+    device.sampleRate = selection.device->sampleRate();
+    const auto tally = std::ranges::find(_session->devices(), selection.report.uid, &DeviceTally::uid);
+    if (tally != _session->devices().end()) {
+        device.isThere = tally->isThere();
+        device.clock = !device.isThere ? "" : tally->clockText() == "clock" ? "leads" : tally->clockText();
+        device.lostFrames = tally->lostFrames();
+    }
+    device.state = device.isThere ? "runs" : "gone";
+    float peak = 0.0F;
+    for (const float each : _patch->meters().takePeaks(meter))
+        peak = std::max(peak, each);
+    _levels[meter] = std::max(double{peak}, _levels[meter] * fall);
+    device.level = static_cast<float>(_levels[meter] < 1e-5 ? 0.0 : _levels[meter]);
+    return device;
+}
+
+MonitorState Monitor::_state()
+{
+    constexpr double fall = 0.9; // of a picture
+    MonitorState state;
+    state.seconds = secondsOf(platform::HostClock::nowTicks() - _begunTicks);
+    state.context = _context();
+    state.news = _news;
+    state.keys =
+        _isHeard ? "q quits   l silences the outputs" : "q quits   l plays the inputs on the outputs";
+    for (const DeviceReport& report : _reports) {
+        const bool isWatched =
+            std::ranges::any_of(_selections, [&](const std::vector<DeviceSelection>& each) {
+                return std::ranges::any_of(
+                    each, [&](const DeviceSelection& one) { return one.report.uid == report.uid; });
+            });
+        if (!isWatched && !EngineAggregate::isUID(report.uid))
+            state.others.push_back({report.shortName(), report[HALDirection::Input].channelCount,
+                                    report[HALDirection::Output].channelCount, report.sampleRate});
+    }
+    if (!_session)
+        return state;
+    const CycleStatistics& cycles = _session->statistics();
+    state.sampleRate = _session->sampleRate();
+    state.frameCount = _session->frameCount();
+    state.usedSeconds = _usedSeconds;
+    state.longestSeconds = _longestSeconds;
+    state.cycleSeconds = _cycleSeconds;
+    _usedSeconds *= fall;
+    state.cycles = cycles.cycles();
+    state.lateCycles = cycles.lateCycles();
+    state.gaps = cycles.gaps();
+    state.lostFrames = cycles.lostFrames();
+    state.restarts = cycles.restarts();
+    state.timerSeconds = static_cast<double>(cycles.timerFrames()) / std::max(_session->sampleRate(), 1.0);
+    size_t meter = 0;
+    for (const std::vector<DeviceSelection>& direction : _selections)
+        for (const DeviceSelection& selection : direction)
+            state.devices.push_back(_stateOf(selection, meter++));
+    return state;
+}
+
+} // namespace
+
+void registerMonitorCommand(CLI::App& app)
+{
+    CLI::App* command =
+        app.add_subcommand("monitor", "Show devices, levels, cycles and clocks on the whole terminal");
+    const auto options = std::make_shared<RunnerOptions>(
+        *command,
+        "It runs the devices that are named, or the default ones, whichever these are. The outputs are "
+        "silent, until the key l has them play what the inputs hear; q ends it.");
+    options->addInputs("A device to hear");
+    options->addOutputs("A device to run");
+    command->callback([options] {
+        const CXRef<SimulatedBackend> simulated = options->find();
+        Monitor(*options, simulated).run();
+    });
+}

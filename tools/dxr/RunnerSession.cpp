@@ -1,0 +1,222 @@
+#include "RunnerSession.h"
+
+#include "DeviceProperties.h"
+#include "TextFormat.h"
+#include "ToolFailure.h"
+
+#include <algorithm>
+#include <dxr/HostClock.h>
+#include <dxr/MainQueue.h>
+
+using Event = DXRCycleRecord::Event;
+using Context = DXRCycleRecord::Context;
+
+namespace {
+
+double milliseconds(uint64_t ticks)
+{
+    using HostClock = platform::HostClock;
+    return static_cast<double>(ticks) * HostClock::nanosecondsNumerator / HostClock::nanosecondsDenominator /
+           1e6;
+}
+
+} // namespace
+
+RunnerSession::RunnerSession(const Interrupts& interrupts, std::optional<uint32_t> frameCount,
+                             std::optional<double> sampleRate)
+    : _interrupts(interrupts), _runner(DXRDeviceRunner::init()), _batch(1024)
+{
+    if (!_runner)
+        throw ToolFailure("the system has no thread to give");
+    if (frameCount && !_runner->setFrameCount(*frameCount))
+        throw ToolFailure(formatText("no device runs in blocks of %u frames", *frameCount));
+    if (sampleRate && !_runner->setSampleRate(*sampleRate))
+        throw ToolFailure("no device runs at " + formatRate(*sampleRate));
+    _runner->setCycleTrace(_trace);
+}
+
+RunnerSession::~RunnerSession()
+{
+    _records = nullptr; // may have thrown, and would again
+    stop();
+}
+
+void RunnerSession::add(const DeviceSelection& selection, const DXRIOBlock& block)
+{
+    _runner->addDevice(selection.device, selection.channels, block);
+    if (std::ranges::find(_devices, selection.report.uid, &DeviceTally::uid) == _devices.end())
+        _devices.emplace_back(selection);
+}
+
+bool RunnerSession::start()
+{
+    _started = Clock::now();
+    if (!_interrupts.runUnlessAsked([runner = _runner] { runner->start(); })) {
+        _runner = nullptr; // whoever is still starting it has it now
+        return false;
+    }
+    poll();
+    if (_hasFailed)
+        throw ToolFailure(_names() + ": " + (_devices.size() > 1 ? "do" : "does") + " not start");
+    _frameCount = _runner->frameCount();
+    _sampleRate = _runner->sampleRate();
+    return !_interrupts.wasAsked();
+}
+
+void RunnerSession::stop()
+{
+    constexpr int graceMilliseconds = 300;
+    if (!_runner)
+        return;
+    const bool hasStopped =
+        _interrupts.runUnlessAsked([runner = _runner] { runner->stop(); }, graceMilliseconds);
+    _runner = nullptr;
+    if (hasStopped)
+        _readTrace();
+}
+
+bool RunnerSession::wait(int milliseconds)
+{
+    const bool goesOn = _interrupts.wait(milliseconds, platform::MainQueue::shared().fd());
+    poll();
+    return goesOn;
+}
+
+double RunnerSession::seconds() const
+{
+    return std::chrono::duration<double>(Clock::now() - _started).count();
+}
+
+// ---- What has happened
+
+void RunnerSession::poll()
+{
+    platform::MainQueue::shared().drain();
+    _readTrace();
+    _lookAtDevices();
+    _readSubDevices();
+    _lookForHang();
+}
+
+void RunnerSession::_readTrace()
+{
+    while (const size_t count = _trace->read(_batch)) {
+        const std::span<const DXRCycleRecord> records(_batch.data(), count);
+        for (const DXRCycleRecord& record : records) {
+            _statistics.note(record);
+            _contextDevice = record.event == Event::ContextStopped ? kAudioObjectUnknown : record.deviceID;
+            _isAggregate = record.context == Context::Aggregate && _contextDevice != kAudioObjectUnknown;
+            if (record.event == Event::Cycle) {
+                if (std::exchange(_isHanging, false))
+                    _tell(formatText("Cycles are back after %.1f s", seconds() - _lastCycleAt));
+                _lastCycleAt = seconds();
+            } else if (record.event == Event::ContextFailed && _frameCount != 0) {
+                _tell("The devices do not start; waiting until something changes");
+            }
+            _hasFailed = record.event == Event::ContextFailed;
+        }
+        if (_records)
+            _records(records);
+    }
+}
+
+void RunnerSession::_lookAtDevices()
+{
+    for (DeviceTally& device : _devices) {
+        const double away = device.secondsAway();
+        const DeviceTally::Change change = device.look(seconds());
+        if (change == DeviceTally::Change::None)
+            continue;
+        const bool areOthersThere = std::ranges::any_of(_devices, &DeviceTally::isThere);
+        if (change == DeviceTally::Change::Gone)
+            _tell(device.name() + (areOthersThere ? " is gone; the others go on"
+                                                  : " is gone; time goes on without a device"));
+        else if (change == DeviceTally::Change::Back)
+            _tell(device.name() + formatText(" is back after %.1f s", device.secondsAway() - away));
+        else
+            _tell(device.name() + " was gone for a moment");
+    }
+}
+
+/// The parts of the aggregate that the runner has made; they tell of jumps that its own cycles do not show.
+void RunnerSession::_readSubDevices()
+{
+    if (!_isAggregate)
+        return;
+    for (const auto& status : readList<AudioAggregateSubDeviceStatus>(
+             _contextDevice, addressOf(kAudioAggregateDevicePropertySubDeviceStatus))) {
+        const std::optional<std::string> uid =
+            readString(status.deviceID, addressOf(kAudioDevicePropertyDeviceUID));
+        const auto device = uid ? std::ranges::find(_devices, *uid, &DeviceTally::uid) : _devices.end();
+        if (device != _devices.end() && device->noteStatus(status))
+            _statistics.disturb();
+    }
+}
+
+void RunnerSession::_lookForHang()
+{
+    constexpr double patienceSeconds = 5.0;
+    if (_isHanging || _hasFailed || seconds() - _lastCycleAt < patienceSeconds)
+        return;
+    _isHanging = true;
+    _tell(formatText("No cycles for %.0f s: waiting for ", patienceSeconds) + _names());
+}
+
+bool RunnerSession::isSettled() const
+{
+    constexpr double patienceSeconds = 3.0;
+    return _statistics.isSettled(_sampleRate) || seconds() >= patienceSeconds;
+}
+
+void RunnerSession::beginCounting()
+{
+    _statistics.beginCounting();
+    for (DeviceTally& device : _devices)
+        device.beginCounting();
+}
+
+// ---- Telling
+
+void RunnerSession::_tell(const std::string& what)
+{
+    _news.push_back(formatSeconds(seconds()) + "  " + what);
+}
+
+std::string RunnerSession::_names() const
+{
+    std::string names;
+    for (const DeviceTally& device : _devices)
+        names += (names.empty() ? "" : ", ") + device.name();
+    return names;
+}
+
+std::vector<std::string> RunnerSession::report() const
+{
+    const CycleStatistics& all = _statistics;
+    std::vector<std::string> lines;
+    lines.push_back(
+        formatCount(all.cycles(), "cycle", "cycles") + formatText(" of %u frames: ", all.cycleFrames()) +
+        formatCount(all.gaps(), "gap", "gaps") + " (" + formatCount(all.lostFrames(), "frame", "frames") +
+        " lost), " + formatCount(all.lateCycles(), "late cycle", "late cycles") + " (" +
+        formatCount(all.lateByUs(), "", "") + "by us)");
+    lines.push_back(formatText("latest cycle %.2f ms after it was due, longest run %.2f ms",
+                               milliseconds(all.largestLateness()), milliseconds(all.longestRun())));
+    if (all.restarts() > 0 || all.timerCycles() > 0)
+        lines.push_back(formatCount(all.restarts(), "restart", "restarts") + ", " +
+                        formatSeconds(static_cast<double>(all.timerFrames()) / _sampleRate) +
+                        " without any device");
+    if (all.missingRecords() > 0)
+        lines.push_back(formatCount(all.missingRecords(), "cycle was", "cycles were") +
+                        " not seen, being too many");
+    for (const DeviceTally& device : _devices) {
+        std::string line = device.name() + ": " + formatCount(device.overloads(), "overload", "overloads");
+        if (!device.clockText().empty())
+            line +=
+                ", " + formatCount(device.resynchronisations(), "resynchronisation", "resynchronisations") +
+                " (" + formatCount(device.lostFrames(), "frame", "frames") + " lost), " + device.clockText();
+        if (device.secondsAway() > 0.0 || !device.isThere())
+            line += device.isThere() ? formatText(", away for %.1f s", device.secondsAway()) : ", gone";
+        lines.push_back(std::move(line));
+    }
+    return lines;
+}

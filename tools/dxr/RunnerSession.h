@@ -1,0 +1,82 @@
+#pragma once
+
+#include "CycleStatistics.h"
+#include "DeviceTally.h"
+#include "Interrupts.h"
+
+#include <chrono>
+#include <dxr/DXRDeviceRunner.h>
+#include <functional>
+
+/// A runner over the devices of a command, from its start until the user has had enough: its cycles counted, and news of
+/// what comes and goes. Devices that go do not end it.
+/// Threads: one, which also serves the main queue.
+class RunnerSession {
+public:
+    /// Sees every record of the runner's trace, in order. What it throws comes out of whatever looks or stops here.
+    using Records = std::function<void(std::span<const DXRCycleRecord>)>;
+
+    /// Where frame count (of a block) and rate, in Hz, are not given, the devices decide. Throws ToolFailure for such as
+    /// no device has.
+    RunnerSession(const Interrupts& interrupts, std::optional<uint32_t> frameCount,
+                  std::optional<double> sampleRate);
+    ~RunnerSession();
+    RunnerSession(const RunnerSession&) = delete;
+    RunnerSession& operator=(const RunnerSession&) = delete;
+
+    void add(const DeviceSelection& selection, const DXRIOBlock& block);
+    void setRecords(Records records) { _records = std::move(records); }
+    /// False when the user asked to stop meanwhile. Throws ToolFailure when the devices do not start.
+    bool start();
+    /// Lets so much time pass, or less when there is something to do, and looks what has happened. False when the user
+    /// has asked to stop.
+    bool wait(int milliseconds);
+    /// Looks what has happened.
+    void poll();
+    /// Stops the runner, if it runs. A server that hangs is not waited for once the user has asked.
+    void stop();
+
+    /// Whether devices give their cycles smoothly by now, or it is no use to wait longer; then beginCounting(), once.
+    bool isSettled() const;
+    void beginCounting();
+
+    uint32_t frameCount() const { return _frameCount; } ///< of a block, once started
+    double sampleRate() const { return _sampleRate; }   ///< Hz, once started
+    double seconds() const;                             ///< of the clock on the wall, since start()
+    const CycleStatistics& statistics() const { return _statistics; }
+    const std::vector<DeviceTally>& devices() const { return _devices; }
+    uint64_t sampleTime() const { return _runner ? _runner->sampleTime() : 0; } ///< of the next block
+    /// The device whose cycles the runner's are; 0 for the timer.
+    AudioObjectID contextDevice() const { return _contextDevice; }
+    /// What has become of devices since the last call, a line each.
+    std::vector<std::string> takeNews() { return std::exchange(_news, {}); }
+    /// What the cycles and the devices were like, a line each, for the end of a command.
+    std::vector<std::string> report() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void _readTrace();
+    void _lookAtDevices();
+    void _readSubDevices();
+    void _lookForHang();
+    void _tell(const std::string& what);
+    std::string _names() const;
+
+    const Interrupts& _interrupts;
+    CXRef<DXRDeviceRunner> _runner; // null when it was left behind in a server that hangs
+    const CXRef<DXRCycleTrace> _trace = DXRCycleTrace::init();
+    std::vector<DXRCycleRecord> _batch;
+    Records _records;
+    CycleStatistics _statistics;
+    std::vector<DeviceTally> _devices; // each once, whatever its directions
+    std::vector<std::string> _news;
+    Clock::time_point _started;
+    uint32_t _frameCount = 0;
+    double _sampleRate = 0.0;
+    AudioObjectID _contextDevice = kAudioObjectUnknown;
+    bool _isAggregate = false;
+    bool _hasFailed = false;   // the last context did not start
+    double _lastCycleAt = 0.0; // seconds()
+    bool _isHanging = false;
+};
