@@ -54,16 +54,6 @@ std::string timeText(double seconds)
                                : formatText("%.3g s", seconds);
 }
 
-/// A step of 1, 2 or 5 times a power of ten, some five to `span`.
-double niceStep(double span)
-{
-    const double decade = std::pow(10.0, std::floor(std::log10(span / 5.0)));
-    for (const double factor : {1.0, 2.0, 5.0})
-        if (span / (decade * factor) <= 6.0)
-            return decade * factor;
-    return decade * 10.0;
-}
-
 } // namespace
 
 // ---- Taking in
@@ -167,7 +157,7 @@ double CyclePicture::_x(double seconds) const
 std::string CyclePicture::_timeGrid(double top, double bottom) const
 {
     std::string grid;
-    const double step = niceStep(_duration());
+    const double step = svgNiceStep(_duration());
     for (double at = 0.0; at <= _duration() * 1.0001; at += step) {
         grid += svgLine(_x(at), top, _x(at), bottom);
         grid += svgText(_x(at), bottom + 16.0, formatText("%g s", at), svgFaint, 11.0, "middle");
@@ -260,8 +250,7 @@ std::string CyclePicture::_progressPanel(double top, double sampleRate) const
 {
     const double height = panelHeight * 0.6, bottom = top + height;
     std::string panel = svgText(left, top - 10.0,
-                                "the runner's time less the clock on the wall: down while no block is "
-                                "called, never up by more than a cycle",
+                                "the runner's time less the clock on the wall: down while no block is called",
                                 svgInk, 13.0, "start", "600");
     std::vector<std::pair<double, double>> points; // seconds, and seconds of difference
     for (const Stretch& stretch : _stretches)
@@ -275,7 +264,7 @@ std::string CyclePicture::_progressPanel(double top, double sampleRate) const
     const double span = std::max(1.3 * (most.second - least.second), 0.005);
     const double middle = (most.second + least.second) / 2.0;
     const auto y = [&](double difference) { return bottom - height * ((difference - middle) / span + 0.5); };
-    const double step = niceStep(span);
+    const double step = svgNiceStep(span);
     for (double value = std::ceil((middle - span / 2.0) / step) * step; value <= middle + span / 2.0;
          value += step) {
         panel += svgLine(left, y(value), right, y(value));
