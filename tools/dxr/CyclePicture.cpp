@@ -20,6 +20,7 @@ constexpr double width = 1000.0, left = 190.0, right = 960.0;
 constexpr double firstTop = 92.0, laneHeight = 26.0, barHeight = 14.0, panelHeight = 170.0, panelGap = 52.0;
 // The times that are shown, in decades of seconds.
 constexpr double firstDecade = -6.5, lastDecade = -1.0;
+constexpr int firstLine = -6, lastLine = -1; // of their grid
 
 constexpr const char* latenessColour = "#e07a3f";
 constexpr const char* runColour = "#3b82c4";
@@ -52,16 +53,6 @@ std::string timeText(double seconds)
     return seconds < 0.9995e-3 ? formatText("%.3g µs", seconds * 1e6)
            : seconds < 0.9995  ? formatText("%.3g ms", seconds * 1e3)
                                : formatText("%.3g s", seconds);
-}
-
-/// A step of 1, 2 or 5 times a power of ten, some five to `span`.
-double niceStep(double span)
-{
-    const double decade = std::pow(10.0, std::floor(std::log10(span / 5.0)));
-    for (const double factor : {1.0, 2.0, 5.0})
-        if (span / (decade * factor) <= 6.0)
-            return decade * factor;
-    return decade * 10.0;
 }
 
 } // namespace
@@ -167,8 +158,9 @@ double CyclePicture::_x(double seconds) const
 std::string CyclePicture::_timeGrid(double top, double bottom) const
 {
     std::string grid;
-    const double step = niceStep(_duration());
-    for (double at = 0.0; at <= _duration() * 1.0001; at += step) {
+    const double step = svgNiceStep(_duration());
+    for (int i = 0; i * step <= _duration() * 1.0001; ++i) {
+        const double at = i * step;
         grid += svgLine(_x(at), top, _x(at), bottom);
         grid += svgText(_x(at), bottom + 16.0, formatText("%g s", at), svgFaint, 11.0, "middle");
     }
@@ -231,7 +223,7 @@ std::string CyclePicture::_timesPanel(double top) const
     const auto y = [&](double seconds) { return bottom - panelHeight * shareOf(seconds); };
     std::string panel =
         svgText(left, top - 10.0, "the worst cycle of each moment", svgInk, 13.0, "start", "600");
-    for (double decade = std::ceil(firstDecade); decade <= lastDecade; ++decade) {
+    for (int decade = firstLine; decade <= lastLine; ++decade) {
         const double seconds = std::pow(10.0, decade);
         panel += svgLine(left, y(seconds), right, y(seconds));
         panel += svgText(left - 8.0, y(seconds) + 4.0, timeText(seconds), svgFaint, 11.0, "end");
@@ -260,8 +252,7 @@ std::string CyclePicture::_progressPanel(double top, double sampleRate) const
 {
     const double height = panelHeight * 0.6, bottom = top + height;
     std::string panel = svgText(left, top - 10.0,
-                                "the runner's time less the clock on the wall: down while no block is "
-                                "called, never up by more than a cycle",
+                                "the runner's time less the clock on the wall: down while no block is called",
                                 svgInk, 13.0, "start", "600");
     std::vector<std::pair<double, double>> points; // seconds, and seconds of difference
     for (const Stretch& stretch : _stretches)
@@ -275,9 +266,10 @@ std::string CyclePicture::_progressPanel(double top, double sampleRate) const
     const double span = std::max(1.3 * (most.second - least.second), 0.005);
     const double middle = (most.second + least.second) / 2.0;
     const auto y = [&](double difference) { return bottom - height * ((difference - middle) / span + 0.5); };
-    const double step = niceStep(span);
-    for (double value = std::ceil((middle - span / 2.0) / step) * step; value <= middle + span / 2.0;
-         value += step) {
+    const double step = svgNiceStep(span);
+    for (int i = static_cast<int>(std::ceil((middle - span / 2.0) / step)); i * step <= middle + span / 2.0;
+         ++i) {
+        const double value = i * step;
         panel += svgLine(left, y(value), right, y(value));
         panel += svgText(left - 8.0, y(value) + 4.0,
                          formatText("%.4g ms", std::abs(value) < step / 2.0 ? 0.0 : value * 1e3), svgFaint,
@@ -313,12 +305,12 @@ std::string CyclePicture::_distributionPanel(double top) const
     };
     std::string panel = svgText(left, top - 10.0, "how many cycles took how long (both scales logarithmic)",
                                 svgInk, 13.0, "start", "600");
-    for (double decade = std::ceil(firstDecade); decade <= lastDecade; ++decade) {
+    for (int decade = firstLine; decade <= lastLine; ++decade) {
         const double seconds = std::pow(10.0, decade);
         panel += svgLine(x(seconds), top, x(seconds), bottom);
         panel += svgText(x(seconds), bottom + 16.0, timeText(seconds), svgFaint, 11.0, "middle");
     }
-    for (double decade = 0.0; decade <= mostDecades; ++decade) {
+    for (int decade = 0; decade <= mostDecades; ++decade) {
         const auto count = static_cast<uint64_t>(std::pow(10.0, decade));
         panel += svgLine(left, y(count), right, y(count));
         panel += svgText(left - 8.0, y(count) + 4.0, formatCount(count, "", ""), svgFaint, 11.0, "end");

@@ -1,6 +1,7 @@
 #include "PlotDriftCommand.h"
 
 #include "DisplayText.h"
+#include "SvgShapes.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
@@ -43,16 +44,6 @@ std::string text(double x, double y, const char* anchor, const std::string& what
            what + "</text>\n";
 }
 
-/// A step of 1, 2 or 5 times a power of ten, some five to `span`.
-double niceStep(double span)
-{
-    const double decade = std::pow(10.0, std::floor(std::log10(span / 5.0)));
-    for (const double factor : {1.0, 2.0, 5.0})
-        if (span / (decade * factor) <= 6.0)
-            return decade * factor;
-    return decade * 10.0;
-}
-
 /// One panel over `points`, which are those of the whole run from `from` seconds on.
 std::string panelDrawing(const Panel& panel, const std::vector<DriftPoint>& points, double top,
                          double seconds)
@@ -74,7 +65,7 @@ std::string panelDrawing(const Panel& panel, const std::vector<DriftPoint>& poin
         return std::clamp(bottom - panelHeight * ((value - middle) / span + 0.5), top, bottom);
     };
     std::string svg = text(left, top - 8, "start", panel.title);
-    const double step = niceStep(span);
+    const double step = svgNiceStep(span);
     const int digits = std::max(0, static_cast<int>(-std::floor(std::log10(step))));
     for (double value = std::ceil((middle - span / 2.0) / step) * step; value <= middle + span / 2.0;
          value += step) {
@@ -83,7 +74,7 @@ std::string panelDrawing(const Panel& panel, const std::vector<DriftPoint>& poin
         svg += text(left - 8, y(value) + 4, "end",
                     formatText("%.*f", digits, std::abs(value) < step / 2 ? 0.0 : value));
     }
-    const double timeStep = niceStep(seconds);
+    const double timeStep = svgNiceStep(seconds);
     for (double when = 0.0; when <= seconds * 1.0001; when += timeStep) {
         svg += formatText("<line x1=\"%.1f\" y1=\"%g\" x2=\"%.1f\" y2=\"%g\" stroke=\"#ddd\"/>\n", x(when),
                           top, x(when), bottom);

@@ -3,6 +3,8 @@
 #include "DisplayText.h"
 #include "TextFormat.h"
 
+#include <cmath>
+
 namespace {
 
 std::string escaped(const std::string& text)
@@ -30,6 +32,15 @@ std::string escaped(const std::string& text)
 }
 
 } // namespace
+
+double svgNiceStep(double span)
+{
+    const double decade = std::pow(10.0, std::floor(std::log10(span / 5.0)));
+    for (const double factor : {1.0, 2.0, 5.0})
+        if (span / (decade * factor) <= 6.0)
+            return decade * factor;
+    return decade * 10.0;
+}
 
 std::string svgHead(double width, double height)
 {

@@ -10,6 +10,8 @@ inline constexpr const char* svgInk = "#1d2433";
 inline constexpr const char* svgFaint = "#8a93a6";
 inline constexpr const char* svgGrid = "#e6e9f0";
 
+/// How far apart the lines of a grid stand: 1, 2 or 5 times a power of ten, some five to `span`, which is above 0.
+double svgNiceStep(double span);
 /// The picture's beginning, with a light ground; "</svg>" is to follow what is in it.
 std::string svgHead(double width, double height);
 /// `content` is any text: made printable, and safe in an SVG.
