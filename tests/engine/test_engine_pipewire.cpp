@@ -112,14 +112,17 @@ TEST_F(EngineOnPipeWire, loopsTwoDevicesAtOnceExactly)
     runner->start();
     // The server says whose clock is whose once both run; until then the second is brought to the first's.
     ASSERT_TRUE(eventually([&] { return hearings[0].frames > 96000 && hearings[1].frames > 96000; }));
-    uint64_t before[2];
-    for (size_t i = 0; i < 2; ++i)
-        before[i] = hearings[i].breaks;
+    uint64_t breaks[2], jumps[2];
+    for (size_t i = 0; i < 2; ++i) {
+        breaks[i] = hearings[i].breaks;
+        jumps[i] = hearings[i].jumps;
+    }
     std::this_thread::sleep_for(soakOr(2s));
     EXPECT_EQ(runner->activeDevices().size(), 4U);
     runner->stop();
     for (size_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(hearings[i].breaks, before[i]) << names[i];
+        constexpr uint64_t faded = 2 * 64; // frames, around each jump
+        EXPECT_LE(hearings[i].breaks - breaks[i], faded * (hearings[i].jumps - jumps[i])) << names[i];
         std::printf("%s: %llu frames heard, %llu jumps between cycles\n", names[i],
                     static_cast<unsigned long long>(hearings[i].frames),
                     static_cast<unsigned long long>(hearings[i].jumps));
