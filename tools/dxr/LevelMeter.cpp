@@ -20,19 +20,6 @@ LevelMeter::LevelMeter(uint32_t channelCount)
       _shown(std::min(channelCount, mostBars), 0.0F)
 {}
 
-void LevelMeter::note(const AudioBufferList* list) noexcept
-{
-    uint32_t number = 0;
-    for (uint32_t i = 0; list && i < list->numberBuffers; ++i) {
-        const AudioBuffer& buffer = list->buffers[i];
-        const auto* samples = static_cast<const float*>(buffer.data);
-        const size_t count = samples ? buffer.dataByteSize / sizeof(float) : 0;
-        for (uint32_t channel = 0; channel < buffer.numberChannels && number < _channelCount;
-             ++channel, ++number)
-            _raise(number, samples + channel, count > channel ? count - channel : 0, buffer.numberChannels);
-    }
-}
-
 void LevelMeter::note(const DXRBuffer& buffer) noexcept
 {
     const size_t channels = buffer.channelCount();

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <dxr/AudioHardware.h>
 #include <dxr/DXRBuffer.h>
 #include <memory>
 #include <vector>
@@ -17,7 +16,6 @@ public:
     explicit LevelMeter(uint32_t channelCount);
 
     /// Takes the cycle's samples into account.
-    void note(const AudioBufferList* list) noexcept CX_REALTIME;
     void note(const DXRBuffer& buffer) noexcept CX_REALTIME;
 
     /// How much is drawn: every channel, unless there are very many, or only the loudest of them.
