@@ -355,7 +355,7 @@ DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
     rows = std::move(found);
     _dataVersion = version;
     return Reading::Done;
-} // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): rows are counted
+}
 
 bool DefaultsDatabase::begin()
 {
