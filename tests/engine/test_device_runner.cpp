@@ -101,6 +101,7 @@ TEST_F(DXRDeviceRunnerTest, tellsOfEveryChangeOnceAndOfNoneTwice)
     runner->removeDevice(phones());
     EXPECT_TRUE(runner->devices().empty());
     runner->setNotifier(nullptr, nullptr);
+    notifierQueue->sync([] {}); // it was told once more
 }
 
 TEST_F(DXRDeviceRunnerTest, restartsForItsOwnDevicesOnly)

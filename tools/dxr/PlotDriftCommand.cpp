@@ -67,15 +67,19 @@ std::string panelDrawing(const Panel& panel, const std::vector<DriftPoint>& poin
     std::string svg = text(left, top - 8, "start", panel.title);
     const double step = svgNiceStep(span);
     const int digits = std::max(0, static_cast<int>(-std::floor(std::log10(step))));
-    for (double value = std::ceil((middle - span / 2.0) / step) * step; value <= middle + span / 2.0;
-         value += step) {
+    for (auto line = static_cast<int64_t>(std::ceil((middle - span / 2.0) / step));; ++line) {
+        const double value = static_cast<double>(line) * step;
+        if (value > middle + span / 2.0)
+            break;
         svg += formatText("<line x1=\"%g\" y1=\"%.1f\" x2=\"%g\" y2=\"%.1f\" stroke=\"#ddd\"/>\n", left,
                           y(value), right, y(value));
         svg += text(left - 8, y(value) + 4, "end",
                     formatText("%.*f", digits, std::abs(value) < step / 2 ? 0.0 : value));
     }
     const double timeStep = svgNiceStep(seconds);
-    for (double when = 0.0; when <= seconds * 1.0001; when += timeStep) {
+    const auto lastTime = static_cast<int>(seconds * 1.0001 / timeStep);
+    for (int line = 0; line <= lastTime; ++line) {
+        const double when = line * timeStep;
         svg += formatText("<line x1=\"%.1f\" y1=\"%g\" x2=\"%.1f\" y2=\"%g\" stroke=\"#ddd\"/>\n", x(when),
                           top, x(when), bottom);
         svg += text(x(when), bottom + 16, "middle", formatText("%g s", when));

@@ -50,7 +50,10 @@ std::string grid(const Axes& axes)
 {
     std::string svg = "<g stroke=\"#ddd\">\n";
     std::string labels;
-    for (double decibels = lowestDecibels; decibels <= highestDecibels; decibels += 20) {
+    constexpr double step = 20.0;
+    constexpr auto lines = static_cast<int>((highestDecibels - lowestDecibels) / step);
+    for (int line = 0; line <= lines; ++line) {
+        const double decibels = lowestDecibels + line * step;
         const double y = Axes::y(decibels);
         svg += formatText("<line x1=\"%g\" y1=\"%.1f\" x2=\"%g\" y2=\"%.1f\"/>\n", left, y, right, y);
         labels += label(left - 8, y + 4, "end", formatText("%g dB", decibels));
