@@ -424,7 +424,7 @@ bool Demo::_sumUp()
                                 DemoClaim::ofSound(_history, rememberedVolume)};
     std::cout << "\n" << _terminal.styled("What was true", Style::Bold) << "\n";
     const size_t width = _terminal.columns();
-    constexpr size_t indent = 11;
+    constexpr size_t indent = 12;
     const auto say = [&](const std::string& mark, Style style, const std::string& about,
                          const std::string& text) {
         std::string label = _terminal.styled(fitLeft(mark, 4), style) +
