@@ -52,8 +52,8 @@ bool halTakeBlocks(const AudioBufferList* list, std::span<HALStreamBlock> blocks
     if ((list ? list->numberBuffers : 0) != blocks.size())
         return false;
     for (uint32_t stream = 0; stream < blocks.size(); ++stream) {
-        const AudioBuffer& buffer =
-            bufferOf(*list, stream); // NOLINT(clang-analyzer-core.NonNullParamChecker)
+        // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): without a list there is no stream
+        const AudioBuffer& buffer = bufferOf(*list, stream);
         if (buffer.numberChannels != blocks[stream].channelCount)
             return false;
         blocks[stream].samples = static_cast<float*>(buffer.data);
