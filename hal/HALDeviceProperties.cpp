@@ -50,7 +50,7 @@ HALStatus answerWhole(const HALDeviceView& device, uint32_t selector, HALPropert
         writer.put(state.transportType);
         return done;
     case kAudioDevicePropertyDeviceIsRunning:
-        writer.put(uint32_t{device.isRunning || state.isRunningElsewhere});
+        writer.put(uint32_t{(device.isRunning && !state.isStalled) || state.isRunningElsewhere});
         return done;
     case kAudioDevicePropertyIsHidden:
         writer.put(uint32_t{state.isHidden});

@@ -88,7 +88,8 @@ std::vector<Address> halChangedAddresses(const HALDeviceState& before, const HAL
                      kAudioAggregateDevicePropertyActiveSubDeviceList);
     }
     changes.note(before.isHidden != after.isHidden, kAudioDevicePropertyIsHidden);
-    changes.note(before.isRunningElsewhere != after.isRunningElsewhere, kAudioDevicePropertyDeviceIsRunning);
+    changes.note(before.isRunningElsewhere != after.isRunningElsewhere || before.isStalled != after.isStalled,
+                 kAudioDevicePropertyDeviceIsRunning);
     changes.note(before.clockDomain != after.clockDomain, kAudioDevicePropertyClockDomain);
     changes.note(before.nominalSampleRate != after.nominalSampleRate, kAudioDevicePropertyNominalSampleRate);
     changes.note(before.actualSampleRate != after.actualSampleRate, kAudioDevicePropertyActualSampleRate);

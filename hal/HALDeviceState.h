@@ -67,6 +67,7 @@ struct HALDeviceState {
     uint32_t transportType = kAudioDeviceTransportTypeUnknown;
     bool isHidden = false;
     bool isRunningElsewhere = false;          ///< running, though not for this process
+    bool isStalled = false;                   ///< IO was started and delivers no cycles at present: 'goin' is 0
     uint32_t clockDomain = 0;                 ///< devices of one domain do not drift apart; 0: unknown
     double nominalSampleRate = 48000.0;       ///< Hz
     double actualSampleRate = 0.0;            ///< Hz, as measured; 0: take the nominal one
