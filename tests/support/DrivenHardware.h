@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <map>
+#include <string>
 #include <vector>
 
 /// Devices whose cycles the test makes itself, with lists and times of its own choice.
@@ -16,8 +17,8 @@ public:
     std::atomic<double> sampleRate{48000.0}; ///< of every device, as its IO thread reads it
     /// Runs a cycle of the device that was started last, as its hardware would; without effect after its stop.
     AudioDeviceIOBlock callback;
-    uint32_t starts = 0; ///< so far
-    HALStatus startStatus = kAudioHardwareNoError;
+    std::atomic<uint32_t> starts{0};                           ///< tried so far
+    std::atomic<HALStatus> startStatus{kAudioHardwareNoError}; ///< of the next ones
 
     void plug(const SimulatedDeviceBuilder& builder)
     {
@@ -46,38 +47,51 @@ private:
 
         HALStatus startIO(const CXRef<HALIOProcTable>& table, HALDeadline /*deadline*/) override
         {
+            ++_hardware.starts;
             if (_hardware.startStatus)
                 return _hardware.startStatus;
-            table->prepare(_channels(HALDirection::Input), _channels(HALDirection::Output), 8192);
-            const auto isOver = _isOver = CXRef<Flag>::adopt(new Flag);
-            _hardware.callback = [this, table,
-                                  isOver](const AudioTimeStamp* now, const AudioBufferList* input,
-                                          const AudioTimeStamp* inputTime, AudioBufferList* output,
-                                          const AudioTimeStamp* outputTime) {
-                if (isOver->value)
+            const auto run = _run = CXRef<Run>::adopt(new Run);
+            run->prepare(*table, _channels(HALDirection::Input), _channels(HALDirection::Output));
+            _hardware.callback = [this, table, run](const AudioTimeStamp* now, const AudioBufferList* input,
+                                                    const AudioTimeStamp* inputTime, AudioBufferList* output,
+                                                    const AudioTimeStamp* outputTime) {
+                if (run->isOver)
                     return;
-                HALStreamBlock in{}, out{};
                 HALCycle cycle;
                 cycle.now = *now;
                 cycle.inputTime = inputTime ? *inputTime : *now;
                 cycle.outputTime = outputTime ? *outputTime : *now;
-                cycle.input = _blocks(input, in, cycle.frameCount);
-                cycle.output = _blocks(output, out, cycle.frameCount);
+                const std::vector<HALStreamBlock> in = _blocks(input, cycle.frameCount);
+                const std::vector<HALStreamBlock> out = _blocks(output, cycle.frameCount);
+                cycle.input = in;
+                cycle.output = out;
+                run->prepare(*table, _channelsOf(in), _channelsOf(out));
                 table->setTiming(_hardware.sampleRate, cycle.frameCount);
                 table->runCycle(cycle);
             };
-            ++_hardware.starts;
             return kAudioHardwareNoError;
         }
         void stopIO() override
         {
-            if (_isOver)
-                _isOver->value = true;
+            if (_run)
+                _run->isOver = true;
         }
 
     private:
-        struct Flag : CXObject {
-            std::atomic<bool> value{false};
+        /// From one start to its stop.
+        struct Run : CXObject {
+            std::atomic<bool> isOver{false};
+            std::vector<uint32_t> inputs, outputs; // of each stream, as prepared
+
+            void prepare(HALIOProcTable& table, std::vector<uint32_t> newInputs,
+                         std::vector<uint32_t> newOutputs)
+            {
+                if (inputs == newInputs && outputs == newOutputs)
+                    return;
+                inputs = std::move(newInputs);
+                outputs = std::move(newOutputs);
+                table.prepare(inputs, outputs, 1U << 20);
+            }
         };
 
         std::vector<uint32_t> _channels(HALDirection direction) const
@@ -87,21 +101,28 @@ private:
                 channels.push_back(stream.channelCount);
             return channels;
         }
-        /// The one stream of the list.
-        static std::span<const HALStreamBlock> _blocks(const AudioBufferList* list, HALStreamBlock& block,
-                                                       uint32_t& frameCount)
+        static std::vector<uint32_t> _channelsOf(const std::vector<HALStreamBlock>& blocks)
         {
-            if (!list)
-                return {};
-            const AudioBuffer& buffer = list->buffers[0];
-            block = {static_cast<float*>(buffer.data), buffer.numberChannels};
-            frameCount = buffer.dataByteSize / (buffer.numberChannels * static_cast<uint32_t>(sizeof(float)));
-            return {&block, 1};
+            std::vector<uint32_t> channels;
+            for (const HALStreamBlock& block : blocks)
+                channels.push_back(block.channelCount);
+            return channels;
+        }
+        static std::vector<HALStreamBlock> _blocks(const AudioBufferList* list, uint32_t& frameCount)
+        {
+            std::vector<HALStreamBlock> blocks;
+            for (uint32_t stream = 0; list && stream < list->numberBuffers; ++stream) {
+                const AudioBuffer& buffer = *(&list->buffers[0] + stream);
+                blocks.push_back({static_cast<float*>(buffer.data), buffer.numberChannels});
+                frameCount =
+                    buffer.dataByteSize / (buffer.numberChannels * static_cast<uint32_t>(sizeof(float)));
+            }
+            return blocks;
         }
 
         DrivenHardware& _hardware;
         const HALDeviceState _state;
-        CXRef<Flag> _isOver;
+        CXRef<Run> _run;
     };
 
     DrivenHardware() = default;
