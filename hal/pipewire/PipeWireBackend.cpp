@@ -152,10 +152,24 @@ HALStatus PipeWireBackend::chooseDefaultDevice(HALDefault which, AudioObjectID d
     });
 }
 
+namespace {
+
+// Before the thread that waits for the reply gives up, so that it hears of the failure.
+constexpr std::chrono::milliseconds maxStartTime{1400};
+
+PipeWireRun::Time startDeadline()
+{
+    return std::chrono::steady_clock::now() + maxStartTime;
+}
+
+} // namespace
+
 HALStatus PipeWireBackend::startIO(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table)
 {
-    const HALStatus status = _engine->carryOut(
-        [=](PipeWireHardware& hardware, const Reply& reply) { hardware.startIO(deviceID, table, reply); });
+    const HALStatus status =
+        _engine->carryOut([=, deadline = startDeadline()](PipeWireHardware& hardware, const Reply& reply) {
+            hardware.startIO(deviceID, table, deadline, reply);
+        });
     if (status)
         stopIO(deviceID); // a server that only hangs would start it later
     return status;
@@ -165,4 +179,32 @@ void PipeWireBackend::stopIO(AudioObjectID deviceID)
 {
     _engine->carryOut(
         [=](PipeWireHardware& hardware, const Reply& reply) { hardware.stopIO(deviceID, reply); });
+}
+
+HALStatus PipeWireBackend::startTogether(uint64_t groupNumber, std::span<const PipeWireGroupMember> members,
+                                         const CXRef<HALIOProcTable>& table)
+{
+    const HALStatus status =
+        _engine->carryOut([=, deadline = startDeadline(),
+                           all = std::vector<PipeWireGroupMember>(members.begin(), members.end())](
+                              PipeWireHardware& hardware, const Reply& reply) {
+            hardware.startTogether(groupNumber, all, table, deadline, reply);
+        });
+    if (status)
+        stopTogether(groupNumber);
+    return status;
+}
+
+HALStatus PipeWireBackend::setGroupMember(uint64_t groupNumber, size_t place, AudioObjectID deviceID)
+{
+    const CXRef<HALIOProcTable> table = ioProcTable(deviceID);
+    return _engine->carryOut([=](PipeWireHardware& hardware, const Reply& reply) {
+        hardware.setGroupMember(groupNumber, place, deviceID, table, reply);
+    });
+}
+
+void PipeWireBackend::stopTogether(uint64_t groupNumber)
+{
+    _engine->carryOut(
+        [=](PipeWireHardware& hardware, const Reply& reply) { hardware.stopTogether(groupNumber, reply); });
 }

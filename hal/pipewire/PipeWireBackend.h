@@ -4,7 +4,10 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+
+struct PipeWireGroupMember;
 
 /// The devices of a PipeWire server: sinks, sources and cards as they come and go, their volumes, routes, rates and
 /// cycle lengths, and audio through them. It follows the server through its end and its return.
@@ -16,6 +19,14 @@ public:
     /// `remote` is a remote name or the path of a server's socket; nothing means the user's own server, found as
     /// every client of PipeWire finds it. Throws std::runtime_error when the process has no descriptors left.
     static CXRef<PipeWireBackend> initWithRemote(const std::optional<std::string>& remote = std::nullopt);
+
+    // -- Several devices in one cycle, as PipeWireHardware says. Not on IO threads.
+    HALStatus startTogether(uint64_t groupNumber, std::span<const PipeWireGroupMember> members,
+                            const CXRef<HALIOProcTable>& table);
+    HALStatus setGroupMember(uint64_t groupNumber, size_t place, AudioObjectID deviceID);
+    void stopTogether(uint64_t groupNumber);
+    using HALModelBackend::ioProcTable;
+    using HALModelBackend::notifier;
 
 protected:
     HALStatus setNominalSampleRate(AudioObjectID deviceID, double rate) override;
