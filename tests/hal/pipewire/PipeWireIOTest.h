@@ -45,25 +45,26 @@ inline size_t breaksOf(const std::vector<float>& ramp)
     return breaks;
 }
 
-/// Counts the lost cycles that the device reports.
+/// Counts the overloads that are reported for a device.
 class OverloadCounter {
 public:
-    OverloadCounter(HALBackend& hal, AudioObjectID device)
-        : _hal(hal), _device(device), _listener{nullptr, nullptr,
-                                                [this](uint32_t count, const AudioObjectPropertyAddress*) {
-                                                    _count += count;
-                                                },
-                                                nullptr}
+    OverloadCounter(HALNotifier& notifier, AudioObjectID device)
+        : _notifier(notifier),
+          _device(device), _listener{
+                               nullptr, nullptr,
+                               [this](uint32_t count, const AudioObjectPropertyAddress*) { _count += count; },
+                               nullptr}
     {
-        _hal.addListener(_device, at(kAudioDeviceProcessorOverload), _listener);
+        _notifier.addListener(_device, at(kAudioDeviceProcessorOverload), _listener);
     }
-    ~OverloadCounter() { _hal.removeListener(_device, at(kAudioDeviceProcessorOverload), _listener); }
+    OverloadCounter(PipeWireBackend& hal, AudioObjectID device) : OverloadCounter(hal.notifier(), device) {}
+    ~OverloadCounter() { _notifier.removeListener(_device, at(kAudioDeviceProcessorOverload), _listener); }
     OverloadCounter(const OverloadCounter&) = delete;
     OverloadCounter& operator=(const OverloadCounter&) = delete;
     size_t count() const noexcept { return _count; }
 
 private:
-    HALBackend& _hal;
+    HALNotifier& _notifier;
     const AudioObjectID _device;
     std::atomic<size_t> _count{0};
     const HALListener _listener;
