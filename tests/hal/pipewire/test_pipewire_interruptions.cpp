@@ -46,7 +46,7 @@ TEST(PipeWireInterruptions, aStartFailsWhereNoCycleCanCome)
         std::unique_ptr<MonitorTap> keepsItRunning;
         if (row.isPaused) {
             keepsItRunning = std::make_unique<MonitorTap>(client, client.nodeID("sink"), "monitor_FL", 1);
-            std::this_thread::sleep_for(100ms); // the server must have started it
+            ASSERT_TRUE(eventually([&] { return isRunning(*hal, device); })); // for the tap
             client.commandNode(client.nodeID("sink"), SPA_NODE_COMMAND_Pause);
         }
         const RunningProc proc(*hal, device, playingRamp());
