@@ -136,12 +136,12 @@ uint32_t PipeWireDevice::groupDomain() const
     return _clockDomain();
 }
 
-PipeWireDeviceIO::Wishes PipeWireDevice::wishes(const PipeWireClockSettings& settings) const
+PipeWireDeviceIO::WantedTiming PipeWireDevice::wantedTiming(const PipeWireClockSettings& settings) const
 {
     // What runs at a forced rate would be at another one without.
     const bool followsOthers = settings.forcedRate == 0;
     const std::vector<AudioValueRange> rates = _sampleRates(settings);
-    const double rate = !runs.empty()   ? runs.front()->wishes().rate
+    const double rate = !runs.empty()   ? runs.front()->wantedTiming().rate
                         : followsOthers ? _idleRate(settings, rates)
                                         : _defaultRate(settings, rates);
     return {wantedRate.value_or(rate), wantedFrameCount.value_or(settings.frameCount), wantedRate.has_value(),

@@ -62,7 +62,7 @@ public:
     /// Devices of one group domain can run in one cycle. 0: with no other.
     uint32_t groupDomain() const;
     /// What IO on it asks of the graph. Other clients' forced values do not count: they pass.
-    PipeWireDeviceIO::Wishes wishes(const PipeWireClockSettings& settings) const;
+    PipeWireDeviceIO::WantedTiming wantedTiming(const PipeWireClockSettings& settings) const;
     /// Whether it has the rate, and no client has asked for another.
     bool canRunAt(double rate, const PipeWireClockSettings& settings) const;
     /// The longest cycle that may come.

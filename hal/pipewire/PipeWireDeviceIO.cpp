@@ -81,7 +81,7 @@ bool PipeWireDeviceIO::isOnIOThread() noexcept
 
 PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake& wake,
                                    const CXRef<HALIOProcTable>& table,
-                                   std::span<const PipeWireChannels> members, const Wishes& wishes,
+                                   std::span<const PipeWireChannels> members, const WantedTiming& wanted,
                                    uint32_t maxFrames, PipeWireTimeline& timeline)
     : _session(session), _wake(wake), _table(table), _maxFrames(maxFrames), _timeline(timeline),
       _listener(std::make_unique<Listener>())
@@ -99,7 +99,7 @@ PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake&
     }();
     _addStreams(members);
 
-    PipeWireProperties properties = _propertiesOf(wishes);
+    PipeWireProperties properties = _propertiesOf(wanted);
     properties.set(PW_KEY_MEDIA_TYPE, "Audio");
     properties.set(PW_KEY_MEDIA_CATEGORY, "Duplex");
     properties.set(PW_KEY_MEDIA_ROLE, "DSP");
@@ -158,23 +158,23 @@ void PipeWireDeviceIO::_addStreams(std::span<const PipeWireChannels> members)
     _table->prepare(channelsOf(_inputBlocks), channelsOf(_outputBlocks), _maxFrames);
 }
 
-PipeWireProperties PipeWireDeviceIO::_propertiesOf(const Wishes& wishes)
+PipeWireProperties PipeWireDeviceIO::_propertiesOf(const WantedTiming& wanted)
 {
-    const std::string rate = std::to_string(std::lround(wishes.rate));
+    const std::string rate = std::to_string(std::lround(wanted.rate));
     PipeWireProperties properties;
     properties.set(PW_KEY_NODE_RATE, "1/" + rate);
-    properties.set(PW_KEY_NODE_LATENCY, std::to_string(wishes.frameCount) + "/" + rate);
-    properties.set(PW_KEY_NODE_FORCE_RATE, wishes.forcesRate ? rate : "0");
+    properties.set(PW_KEY_NODE_LATENCY, std::to_string(wanted.frameCount) + "/" + rate);
+    properties.set(PW_KEY_NODE_FORCE_RATE, wanted.forcesRate ? rate : "0");
     properties.set(PW_KEY_NODE_FORCE_QUANTUM,
-                   wishes.forcesFrameCount ? std::to_string(wishes.frameCount) : "0");
+                   wanted.forcesFrameCount ? std::to_string(wanted.frameCount) : "0");
     return properties;
 }
 
-void PipeWireDeviceIO::setWishes(const Wishes& wishes)
+void PipeWireDeviceIO::setWantedTiming(const WantedTiming& wanted)
 {
     if (!_filter)
         return;
-    pw_properties* properties = _propertiesOf(wishes).copy();
+    pw_properties* properties = _propertiesOf(wanted).copy();
     pw_filter_update_properties(_filter, nullptr, &properties->dict);
     pw_properties_free(properties);
 }

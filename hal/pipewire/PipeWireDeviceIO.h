@@ -49,26 +49,26 @@ struct PipeWireClockSeen {
 class PipeWireDeviceIO {
 public:
     /// What is asked of the graph. A forced value was chosen by a client; the others are suggestions.
-    struct Wishes {
+    struct WantedTiming {
         double rate = 48000.0; ///< Hz
         uint32_t frameCount = 512;
         bool forcesRate = false;
         bool forcesFrameCount = false;
-        bool operator==(const Wishes&) const = default;
+        bool operator==(const WantedTiming&) const = default;
     };
 
     /// Begins to make the node, with no member present. Signals `wake` when clock(), isAlive(), isPaused() or the
     /// state of a link has changed, and when frames were lost. `timeline` goes on from where it was, and outlives
     /// this. `maxFrames` is the longest cycle that can come.
     PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake& wake, const CXRef<HALIOProcTable>& table,
-                     std::span<const PipeWireChannels> members, const Wishes& wishes, uint32_t maxFrames,
-                     PipeWireTimeline& timeline);
+                     std::span<const PipeWireChannels> members, const WantedTiming& wanted,
+                     uint32_t maxFrames, PipeWireTimeline& timeline);
     /// No cycle runs afterwards.
     ~PipeWireDeviceIO();
     PipeWireDeviceIO(const PipeWireDeviceIO&) = delete;
     PipeWireDeviceIO& operator=(const PipeWireDeviceIO&) = delete;
 
-    void setWishes(const Wishes& wishes);
+    void setWantedTiming(const WantedTiming& wanted);
     /// The node's own id on the server; nothing while it has none.
     std::optional<uint32_t> nodeID() const;
     /// Gives the ports of the node as the server lists them. Links are made once all are known.
@@ -110,7 +110,7 @@ private:
     void _addStreams(std::span<const PipeWireChannels> members);
     void _addPorts(std::vector<void*>& ports, bool isInput, size_t first, size_t count);
     void _link(Member& member);
-    static PipeWireProperties _propertiesOf(const Wishes& wishes);
+    static PipeWireProperties _propertiesOf(const WantedTiming& wanted);
 
     static void _process(void* data, spa_io_position* position);
     void _cycle(const spa_io_position& position) noexcept CX_REALTIME;

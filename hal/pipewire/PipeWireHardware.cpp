@@ -178,8 +178,8 @@ void PipeWireHardware::setBufferFrameSize(AudioObjectID deviceID, uint32_t frame
         [](const PipeWireClockSeen& clock, double wanted) { return clock.frameCount == wanted; }, frameCount);
 }
 
-/// Answers when the clock of every run of the device shows what is wanted; at once when there is none: it counts from
-/// the next start on.
+/// Replies when the clock of every run of the device shows what is wanted; at once when it has no run: the value then
+/// takes effect with the next start.
 void PipeWireHardware::_finishWhenRuns(AudioObjectID deviceID, const Reply& reply,
                                        bool (*shows)(const PipeWireClockSeen&, double), double wanted)
 {

@@ -10,19 +10,19 @@ using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds firstRetryDelay = 20ms; // many interruptions end by themselves in less
 constexpr std::chrono::milliseconds maxRetryDelay = 1s;
-constexpr auto recoveredAfter = 2s; // a fault this long after the last retry is a new one
+constexpr auto recoveredAfter = 5s; // a fault this long after the last retry is a new one
 constexpr auto firstPatience = 2s;  // without a first cycle, though nothing else is wrong
 constexpr auto minPatience = 700ms; // and without a next one
 constexpr auto lookInterval = 500ms;
-constexpr auto maxRestoring = 1s;
+constexpr auto restoringTime = 300ms; // of our own force on the rate
 
 } // namespace
 
 PipeWireRun::PipeWireRun(const Environment& environment, Setup setup, CXRef<PipeWireReply> reply)
     : _environment(environment), _table(std::move(setup.table)), _maxFrames(setup.maxFrames),
       _timeline(setup.timeline ? *setup.timeline : _ownTimeline), _members(std::move(setup.members)),
-      _linked(_members.size()), _stalled(_members.size()), _wishes(setup.wishes),
-      _retryDelay(firstRetryDelay), _startReply(std::move(reply)), _startDeadline(setup.deadline)
+      _linked(_members.size()), _wanted(setup.wanted), _retryDelay(firstRetryDelay),
+      _startReply(std::move(reply)), _startDeadline(setup.deadline)
 {
     _timeline.pause();
     _makeIO(std::chrono::steady_clock::now());
@@ -41,7 +41,7 @@ void PipeWireRun::setDevice(size_t place, PipeWireDevice* device, const CXRef<HA
 {
     _members[place].device = device;
     _members[place].table = table;
-    _stalled[place] = false;
+    _linked[place].isStalled = false;
     _changed = true;
     if (!_io && device)
         _makeIO(std::chrono::steady_clock::now());
@@ -58,7 +58,7 @@ void PipeWireRun::deviceChanged(const PipeWireDevice& device)
         if (_isOfOneDevice() && member.channels != device.channels()) {
             member.channels = device.channels();
             _makeIO(std::chrono::steady_clock::now());
-        } else if (_endsOf(member) != _linked[place]) {
+        } else if (_endsOf(member) != _linked[place].ends) {
             _linkMember(place);
         }
     }
@@ -78,23 +78,23 @@ void PipeWireRun::connectionLost()
     _hasCycles = false;
 }
 
-void PipeWireRun::setWishes(const PipeWireDeviceIO::Wishes& wishes)
+void PipeWireRun::setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted)
 {
-    _wishes = wishes;
+    _wanted = wanted;
     _restoringUntil.reset();
     if (_io)
-        _io->setWishes(wishes);
+        _io->setWantedTiming(wanted);
 }
 
 void PipeWireRun::restoreRate(Time now)
 {
-    if (!_io || _wishes.forcesRate || _clock.rate == _wishes.rate)
+    if (!_io || _wanted.forcesRate)
         return;
     // A running graph keeps its rate unless a client forces another; letting go afterwards changes nothing.
-    PipeWireDeviceIO::Wishes forced = _wishes;
+    PipeWireDeviceIO::WantedTiming forced = _wanted;
     forced.forcesRate = true;
-    _io->setWishes(forced);
-    _restoringUntil = now + maxRestoring;
+    _io->setWantedTiming(forced);
+    _restoringUntil = now + restoringTime;
 }
 
 // ---- The node and its links
@@ -114,7 +114,7 @@ void PipeWireRun::_makeIO(Time now)
     for (const Member& member : _members)
         channels.push_back(member.channels);
     _io = std::make_unique<PipeWireDeviceIO>(_environment.session, _environment.wake, _table, channels,
-                                             _wishes, _maxFrames, _timeline);
+                                             _wanted, _maxFrames, _timeline);
     _cyclesSeen = _overloadsSeen = 0;
     _lastCycle = now;
     _hasCycles = false;
@@ -126,9 +126,10 @@ void PipeWireRun::_makeIO(Time now)
 
 void PipeWireRun::_linkMember(size_t place)
 {
-    _linked[place] = _endsOf(_members[place]);
+    _linked[place].ends = _endsOf(_members[place]);
+    _linked[place].since = std::chrono::steady_clock::now();
     if (_io)
-        _io->setMember(place, _linked[place]);
+        _io->setMember(place, _linked[place].ends);
     _environment.wake.signal();
 }
 
@@ -145,11 +146,7 @@ PipeWireRun::Time PipeWireRun::update(Time now)
         _retryWhenDue(remedy, now);
     else
         _retryAt.reset();
-    for (size_t place = 0; place < _members.size(); ++place)
-        if (_stalled[place] && _getsCycles(place)) {
-            _stalled[place] = false;
-            _changed = true;
-        }
+    _lookAtMembers(now);
     if (_startReply && !_hasStarted() && now >= _startDeadline)
         _hasFailed = true;
     return _nextLook(now);
@@ -172,8 +169,21 @@ void PipeWireRun::_look(Time now)
         _clock = clock;
         _changed = true;
     }
-    if (_restoringUntil && (_clock.rate == _wishes.rate || now >= *_restoringUntil))
-        setWishes(_wishes);
+    if (_restoringUntil && now >= *_restoringUntil)
+        setWantedTiming(_wanted);
+}
+
+/// A member is stalled from an attempt to mend something, or from some time without cycles, until it has cycles.
+void PipeWireRun::_lookAtMembers(Time now)
+{
+    for (size_t place = 0; place < _members.size(); ++place) {
+        Linked& linked = _linked[place];
+        const bool getsCycles = _getsCycles(place);
+        const bool isLate = linked.ends && now - linked.since > firstPatience;
+        const bool isStalled = !getsCycles && (linked.isStalled || isLate);
+        _changed = _changed || isStalled != linked.isStalled;
+        linked.isStalled = isStalled;
+    }
 }
 
 PipeWireRun::Remedy PipeWireRun::_remedy(Time now) const
@@ -210,10 +220,8 @@ void PipeWireRun::_retryWhenDue(Remedy remedy, Time now)
     if (remedy == Remedy::Node)
         _makeIO(now);
     for (size_t place = 0; place < _members.size(); ++place)
-        if (!_getsCycles(place)) {
-            _stalled[place] = true;
-            _changed = true;
-        }
+        if (!_getsCycles(place))
+            _linked[place].isStalled = _changed = true;
     if (remedy == Remedy::Links)
         _io->mendLinks();
     if (isNew && !_startReply)
@@ -231,7 +239,7 @@ bool PipeWireRun::_getsCycles(size_t place) const
 bool PipeWireRun::_hasStarted() const
 {
     for (size_t place = 0; place < _members.size(); ++place)
-        if (_linked[place] &&
+        if (_linked[place].ends &&
             (!_getsCycles(place) || (_io->links(place) && !_io->links(place)->hasStarted())))
             return false;
     return _hasCycles;
@@ -245,7 +253,7 @@ void PipeWireRun::finishStart()
 
 bool PipeWireRun::_isAnyPresent() const
 {
-    return std::ranges::any_of(_linked, [](const auto& ends) { return ends.has_value(); });
+    return std::ranges::any_of(_linked, [](const Linked& each) { return each.ends.has_value(); });
 }
 
 /// Such a run follows the device when it has other streams; a group keeps those it was started with.
@@ -258,7 +266,7 @@ bool PipeWireRun::isStalled(const PipeWireDevice& device) const
 {
     for (size_t place = 0; place < _members.size(); ++place)
         if (_members[place].device == &device)
-            return _stalled[place];
+            return _linked[place].isStalled;
     return false;
 }
 

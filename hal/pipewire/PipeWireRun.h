@@ -34,7 +34,7 @@ public:
     struct Setup {
         CXRef<HALIOProcTable> table;
         std::vector<Member> members;
-        PipeWireDeviceIO::Wishes wishes;
+        PipeWireDeviceIO::WantedTiming wanted;
         uint32_t maxFrames = 0;
         PipeWireTimeline* timeline = nullptr; ///< to go on with, outlives the run; null: a new one
         Time deadline;                        ///< of the first cycle
@@ -53,7 +53,7 @@ public:
     void deviceChanged(const PipeWireDevice& device);
     void deviceDisappears(const PipeWireDevice& device);
     void connectionLost();
-    void setWishes(const PipeWireDeviceIO::Wishes& wishes);
+    void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted);
     /// The graph keeps the rate that another client forced for a while: asks for our own again.
     void restoreRate(Time now);
 
@@ -66,18 +66,24 @@ public:
 
     // -- What is known
     const std::vector<Member>& members() const noexcept { return _members; }
-    const PipeWireDeviceIO::Wishes& wishes() const noexcept { return _wishes; }
+    const PipeWireDeviceIO::WantedTiming& wantedTiming() const noexcept { return _wanted; }
     bool hasFailed() const noexcept { return _hasFailed; } ///< the start has, and the run is to be ended
     bool isStalled(const PipeWireDevice& device) const;
     PipeWireClockSeen clock() const noexcept { return _clock; }
 
 private:
     enum class Remedy { None, Links, Node };
+    struct Linked {
+        std::optional<PipeWireEnds> ends; // nothing: not linked
+        Time since;
+        bool isStalled = false;
+    };
 
     std::optional<PipeWireEnds> _endsOf(const Member& member) const;
     void _makeIO(Time now);
     void _linkMember(size_t place);
     void _look(Time now);
+    void _lookAtMembers(Time now);
     Remedy _remedy(Time now) const;
     void _retryWhenDue(Remedy remedy, Time now);
     bool _getsCycles(size_t place) const;
@@ -94,9 +100,8 @@ private:
     PipeWireTimeline _ownTimeline;
     PipeWireTimeline& _timeline;
     std::vector<Member> _members;
-    std::vector<std::optional<PipeWireEnds>> _linked; // what each member is linked to
-    std::vector<bool> _stalled;                       // by member
-    PipeWireDeviceIO::Wishes _wishes;
+    std::vector<Linked> _linked; // by member
+    PipeWireDeviceIO::WantedTiming _wanted;
     std::unique_ptr<PipeWireDeviceIO> _io; // null without a connection
 
     PipeWireClockSeen _clock; // of the last node that had cycles

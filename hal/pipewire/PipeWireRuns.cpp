@@ -56,7 +56,7 @@ void PipeWireRuns::startGroup(uint64_t number, std::vector<PipeWireRun::Member> 
             continue;
         first = first ? first : member.device;
         if (member.device->groupDomain() == 0 || member.device->groupDomain() != first->groupDomain() ||
-            member.device->wishes(_settings).rate != first->wishes(_settings).rate)
+            member.device->wantedTiming(_settings).rate != first->wantedTiming(_settings).rate)
             return reply->finish(kAudioHardwareIllegalOperationError);
     }
     if (!first)
@@ -83,7 +83,7 @@ HALStatus PipeWireRuns::setGroupMember(uint64_t number, size_t place, PipeWireDe
 
 bool PipeWireRuns::_canJoin(const PipeWireRun& run, const PipeWireDevice& device) const
 {
-    return device.groupDomain() != 0 && device.canRunAt(run.wishes().rate, _settings) &&
+    return device.groupDomain() != 0 && device.canRunAt(run.wantedTiming().rate, _settings) &&
            std::ranges::all_of(run.members(), [&](const PipeWireRun::Member& member) {
                return !member.device || member.device->groupDomain() == device.groupDomain();
            });
@@ -106,14 +106,14 @@ PipeWireRun::Setup PipeWireRuns::_setupOf(std::vector<PipeWireRun::Member> membe
     for (const PipeWireRun::Member& member : members) {
         if (!member.device)
             continue;
-        const PipeWireDeviceIO::Wishes wishes = member.device->wishes(_settings);
-        if (isFirst || (wishes.forcesRate && !setup.wishes.forcesRate)) {
-            setup.wishes.rate = wishes.rate;
-            setup.wishes.forcesRate = wishes.forcesRate;
+        const PipeWireDeviceIO::WantedTiming wanted = member.device->wantedTiming(_settings);
+        if (isFirst || (wanted.forcesRate && !setup.wanted.forcesRate)) {
+            setup.wanted.rate = wanted.rate;
+            setup.wanted.forcesRate = wanted.forcesRate;
         }
-        if (isFirst || (wishes.forcesFrameCount && !setup.wishes.forcesFrameCount)) {
-            setup.wishes.frameCount = wishes.frameCount;
-            setup.wishes.forcesFrameCount = wishes.forcesFrameCount;
+        if (isFirst || (wanted.forcesFrameCount && !setup.wanted.forcesFrameCount)) {
+            setup.wanted.frameCount = wanted.frameCount;
+            setup.wanted.forcesFrameCount = wanted.forcesFrameCount;
         }
         setup.maxFrames = std::max(setup.maxFrames, member.device->mostFrames(_settings));
         isFirst = false;
@@ -176,20 +176,20 @@ void PipeWireRuns::setClockSettings(const PipeWireClockSettings& settings)
 void PipeWireRuns::setRate(const PipeWireDevice& device, double rate)
 {
     for (PipeWireRun* const run : device.runs) {
-        PipeWireDeviceIO::Wishes wishes = run->wishes();
-        wishes.rate = rate;
-        wishes.forcesRate = true;
-        run->setWishes(wishes);
+        PipeWireDeviceIO::WantedTiming wanted = run->wantedTiming();
+        wanted.rate = rate;
+        wanted.forcesRate = true;
+        run->setWantedTiming(wanted);
     }
 }
 
 void PipeWireRuns::setFrameCount(const PipeWireDevice& device, uint32_t frameCount)
 {
     for (PipeWireRun* const run : device.runs) {
-        PipeWireDeviceIO::Wishes wishes = run->wishes();
-        wishes.frameCount = frameCount;
-        wishes.forcesFrameCount = true;
-        run->setWishes(wishes);
+        PipeWireDeviceIO::WantedTiming wanted = run->wantedTiming();
+        wanted.frameCount = frameCount;
+        wanted.forcesFrameCount = true;
+        run->setWantedTiming(wanted);
     }
 }
 
