@@ -25,9 +25,10 @@ struct HALGroupMember {
 /// Threads: one at a time, never an IO thread.
 class DXR_EXPORT HALGroupIO : public CXObject {
 public:
-    /// The member at `place` has gone (both null), or is there again. The others' cycles go on meanwhile.
-    virtual void setMember(size_t place, const CXRef<HALDeviceDriver>& device,
-                           const CXRef<HALIOProcTable>& table) = 0;
+    /// The member at `place` has gone (both null), or is there again. The others' cycles go on meanwhile. 'nope' when the
+    /// device cannot run with the others.
+    virtual HALStatus setMember(size_t place, const CXRef<HALDeviceDriver>& device,
+                                const CXRef<HALIOProcTable>& table) = 0;
     /// No cycle runs after it has returned.
     virtual void stop() = 0;
 };

@@ -90,7 +90,7 @@ private:
                     return;
                 inputs = std::move(newInputs);
                 outputs = std::move(newOutputs);
-                table.prepare(inputs, outputs, 1U << 20);
+                table.prepare(inputs, outputs, 8192);
             }
         };
 

@@ -128,10 +128,13 @@ void AggregateIO::setMember(size_t place, const CXRef<HALDevice>& device)
     const auto member = static_cast<size_t>(std::ranges::find(_plan.group, place) - _plan.group.begin());
     if (slot.device)
         slot.device->groupRunEnds();
+    slot.device = nullptr;
+    const HALStatus status = device ? _group->setMember(member, device->driverRef(), device->table())
+                                    : _group->setMember(member, nullptr, nullptr);
+    if (!device || status)
+        return;
     slot.device = device;
-    _group->setMember(member, device ? device->driverRef() : nullptr, device ? device->table() : nullptr);
-    if (device)
-        device->groupRunBegins();
+    device->groupRunBegins();
 }
 
 // ---- The others

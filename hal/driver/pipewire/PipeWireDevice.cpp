@@ -1,6 +1,7 @@
 #include "PipeWireDevice.h"
 
 #include "PipeWireNaming.h"
+#include "PipeWireRun.h"
 
 #include <algorithm>
 #include <cmath>
@@ -68,6 +69,11 @@ std::array<uint32_t, 2> stereoPair(const std::vector<const PipeWirePort*>& ports
     return pair[0] != 0 && pair[1] != 0 ? pair : std::array<uint32_t, 2>{1, 2};
 }
 
+bool isOffered(const std::vector<AudioValueRange>& rates, double rate)
+{
+    return std::ranges::any_of(rates, [rate](const AudioValueRange& each) { return each.minimum == rate; });
+}
+
 /// What a port says, in frames, on top of the one cycle that every device has.
 uint32_t latencyFrames(const PipeWireLatency& latency, double rate, uint32_t frameCount)
 {
@@ -107,6 +113,44 @@ PipeWireEnds PipeWireDevice::ends() const
         return all;
     };
     return {ids(HALDirection::Input), ids(HALDirection::Output)};
+}
+
+PipeWireChannels PipeWireDevice::channels() const
+{
+    return {static_cast<uint32_t>(_ports(HALDirection::Input).size()),
+            static_cast<uint32_t>(_ports(HALDirection::Output).size())};
+}
+
+/// Only nodes that can follow another's cycle: the server's virtual devices, and ALSA's, which resample then. A stream
+/// that drives its own graph does not pace itself as a follower.
+uint32_t PipeWireDevice::groupDomain() const
+{
+    for (const HALDirection direction : halDirections) {
+        const PipeWireNode* half = node(direction);
+        if (!half)
+            continue;
+        const std::string& factory = half->properties()["factory.name"];
+        if (factory != "support.null-audio-sink" && !factory.starts_with("api.alsa.pcm."))
+            return 0;
+    }
+    return _clockDomain();
+}
+
+PipeWireDeviceIO::WantedTiming PipeWireDevice::wantedTiming(const PipeWireClockSettings& settings) const
+{
+    // What runs at a forced rate would be at another one without.
+    const bool followsOthers = settings.forcedRate == 0;
+    const std::vector<AudioValueRange> rates = _sampleRates(settings);
+    const double rate = !runs.empty()   ? runs.front()->wantedTiming().rate
+                        : followsOthers ? _idleRate(settings, rates)
+                                        : _defaultRate(settings, rates);
+    return {wantedRate.value_or(rate), wantedFrameCount.value_or(settings.frameCount), wantedRate.has_value(),
+            wantedFrameCount.has_value()};
+}
+
+bool PipeWireDevice::canRunAt(double rate, const PipeWireClockSettings& settings) const
+{
+    return wantedRate.value_or(rate) == rate && isOffered(_sampleRates(settings), rate);
 }
 
 uint32_t PipeWireDevice::mostFrames(const PipeWireClockSettings& settings) const
@@ -157,18 +201,20 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
     state.transportType = pipeWireTransportType(properties);
     state.isHidden = pipeWireIsHidden(half->properties());
     state.clockDomain = _clockDomain();
+    state.groupDomain = groupDomain();
     state.sampleRates = _sampleRates(settings);
     state.nominalSampleRate = _nominalRate(settings, state.sampleRates);
     state.bufferFrameSize = _frameCount(settings);
     state.bufferFrameSizeRange = {static_cast<double>(settings.leastFrames),
                                   static_cast<double>(settings.mostFrames)};
-    if (io && io->clock().rate > 0.0)
-        state.actualSampleRate = io->clock().rate * io->clock().rateRatio;
+    if (const PipeWireClockSeen clock = _runningClock(); clock.rate > 0.0)
+        state.actualSampleRate = clock.rate * clock.rateRatio;
+    state.isStalled = _isStalled();
     for (const HALDirection direction : halDirections) {
         state[direction] = _describe(direction, state);
         const PipeWireNode* each = node(direction);
         state.isRunningElsewhere =
-            state.isRunningElsewhere || (each && each->isRunning() && !io && !isEndingIO);
+            state.isRunningElsewhere || (each && each->isRunning() && runs.empty() && !isEndingIO);
     }
     return state;
 }
@@ -248,32 +294,55 @@ std::vector<AudioValueRange> PipeWireDevice::_sampleRates(const PipeWireClockSet
     return ranges;
 }
 
+PipeWireClockSeen PipeWireDevice::_runningClock() const
+{
+    for (const PipeWireRun* run : runs)
+        if (run->clock().rate > 0.0)
+            return run->clock();
+    return {};
+}
+
+bool PipeWireDevice::_isStalled() const
+{
+    return !runs.empty() &&
+           std::ranges::all_of(runs, [this](const PipeWireRun* run) { return run->isStalled(*this); });
+}
+
 double PipeWireDevice::_nominalRate(const PipeWireClockSettings& settings,
                                     const std::vector<AudioValueRange>& rates) const
 {
-    const auto isOffered = [&](double rate) {
-        return std::ranges::any_of(rates,
-                                   [rate](const AudioValueRange& each) { return each.minimum == rate; });
-    };
-    if (io && io->clock().rate > 0.0)
-        return io->clock().rate;
+    if (const PipeWireClockSeen clock = _runningClock(); clock.rate > 0.0)
+        return clock.rate;
     if (wantedRate)
         return *wantedRate;
-    if (settings.forcedRate != 0)
-        return settings.forcedRate;
+    return settings.forcedRate != 0 ? settings.forcedRate : _idleRate(settings, rates);
+}
+
+/// The rate of a device that we do not run: of other clients while they run it, else the one that IO will ask for. A
+/// node that does not run keeps the format that it had last; that means nothing.
+double PipeWireDevice::_idleRate(const PipeWireClockSettings& settings,
+                                 const std::vector<AudioValueRange>& rates) const
+{
     for (const HALDirection direction : halDirections) {
         const PipeWireNode* half = node(direction);
-        const std::optional<uint32_t> rate = half ? half->formatRate() : std::nullopt;
-        if (rate && isOffered(*rate))
+        const std::optional<uint32_t> rate =
+            half && half->isRunning() && runs.empty() && !isEndingIO ? half->formatRate() : std::nullopt;
+        if (rate && isOffered(rates, *rate))
             return *rate;
     }
-    return isOffered(settings.rate) ? settings.rate : rates.front().minimum;
+    return _defaultRate(settings, rates);
+}
+
+double PipeWireDevice::_defaultRate(const PipeWireClockSettings& settings,
+                                    const std::vector<AudioValueRange>& rates)
+{
+    return isOffered(rates, settings.rate) ? settings.rate : rates.front().minimum;
 }
 
 uint32_t PipeWireDevice::_frameCount(const PipeWireClockSettings& settings) const
 {
-    if (io && io->clock().frameCount > 0)
-        return io->clock().frameCount;
+    if (const PipeWireClockSeen clock = _runningClock(); clock.frameCount > 0)
+        return clock.frameCount;
     if (wantedFrameCount)
         return *wantedFrameCount;
     return settings.forcedFrameCount != 0 ? settings.forcedFrameCount : settings.frameCount;

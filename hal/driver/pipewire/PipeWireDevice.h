@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 
+class PipeWireRun;
+
 /// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its IO.
 /// Threads: the loop's.
 class PipeWireDevice {
@@ -56,6 +58,13 @@ public:
     std::optional<uint32_t> cardDevice(HALDirection direction) const;
     PipeWireCard* card() const { return _mirror.card(_parts.card); }
     PipeWireEnds ends() const;
+    PipeWireChannels channels() const;
+    /// Devices of one group domain can run in one cycle. 0: with no other.
+    uint32_t groupDomain() const;
+    /// What IO on it asks of the graph. Other clients' forced values do not count: they pass.
+    PipeWireDeviceIO::WantedTiming wantedTiming(const PipeWireClockSettings& settings) const;
+    /// Whether it has the rate, and no client has asked for another.
+    bool canRunAt(double rate, const PipeWireClockSettings& settings) const;
     /// The longest cycle that may come.
     uint32_t mostFrames(const PipeWireClockSettings& settings) const;
 
@@ -65,13 +74,19 @@ public:
     std::optional<double> wantedRate;         ///< Hz, chosen by a client of ours
     std::optional<uint32_t> wantedFrameCount; ///< chosen by a client of ours
     PipeWireTimeline timeline;
-    std::unique_ptr<PipeWireDeviceIO> io; ///< while it runs
-    bool isEndingIO = false;              ///< the node still says that it runs, for us
+    std::vector<PipeWireRun*> runs; ///< of its own and of groups; not owned
+    bool isEndingIO = false;        ///< the node still says that it runs, because of us
+    void leaveRun(const PipeWireRun& run) { std::erase(runs, &run); }
 
 private:
     std::vector<AudioValueRange> _sampleRates(const PipeWireClockSettings& settings) const;
+    PipeWireClockSeen _runningClock() const;
+    bool _isStalled() const;
     double _nominalRate(const PipeWireClockSettings& settings,
                         const std::vector<AudioValueRange>& rates) const;
+    double _idleRate(const PipeWireClockSettings& settings, const std::vector<AudioValueRange>& rates) const;
+    static double _defaultRate(const PipeWireClockSettings& settings,
+                               const std::vector<AudioValueRange>& rates);
     uint32_t _frameCount(const PipeWireClockSettings& settings) const;
     HALDirectionState _describe(HALDirection direction, const HALDeviceState& device);
     void _describeRoutes(HALDirection direction, HALDirectionState& state) const;

@@ -2,6 +2,57 @@
 
 using Reply = PipeWireEngine::Reply;
 
+/// Devices of one graph that run in one cycle.
+class PipeWireDeviceDriver::Group final : public HALGroupIO {
+public:
+    explicit Group(CXRef<PipeWireEngine> engine) : _engine(std::move(engine)) {}
+
+    HALStatus start(std::span<const HALGroupMember> members, const CXRef<HALIOProcTable>& table,
+                    HALDeadline deadline)
+    {
+        std::vector<PipeWireGroupMember> all;
+        for (const HALGroupMember& each : members)
+            all.push_back({numberOf(each.device), each.table, each.inputChannels, each.outputChannels});
+        return _engine->carryOut(
+            [number = _number, all, table, deadline](PipeWireHardware& hardware, const Reply& reply) {
+                hardware.startTogether(number, all, table, deadline, reply);
+            },
+            deadline);
+    }
+
+    HALStatus setMember(size_t place, const CXRef<HALDeviceDriver>& device,
+                        const CXRef<HALIOProcTable>& table) override
+    {
+        return _engine->carryOut(
+            [group = _number, place, number = numberOf(device), table](PipeWireHardware& hardware,
+                                                                       const Reply& reply) {
+                hardware.setGroupMember(group, place, number, table, reply);
+            },
+            HALDeadline::max()); // for the loop alone, which waits for no server
+    }
+
+    void stop() override
+    {
+        _engine->carryOut([number = _number](PipeWireHardware& hardware,
+                                             const Reply& reply) { hardware.stopTogether(number, reply); },
+                          HALDeadline::max());
+    }
+
+private:
+    static AudioObjectID numberOf(const CXRef<HALDeviceDriver>& device)
+    {
+        return device ? static_cast<PipeWireDeviceDriver&>(*device).number() : kAudioObjectUnknown;
+    }
+    static uint64_t nextNumber()
+    {
+        static std::atomic<uint64_t> last{0};
+        return ++last;
+    }
+
+    const CXRef<PipeWireEngine> _engine;
+    const uint64_t _number = nextNumber();
+};
+
 CXRef<PipeWireDeviceDriver> PipeWireDeviceDriver::initWithNumber(AudioObjectID number,
                                                                  CXRef<PipeWireEngine> engine)
 {
@@ -57,8 +108,8 @@ HALStatus PipeWireDeviceDriver::setDataSource(HALDirection direction, uint32_t s
 HALStatus PipeWireDeviceDriver::startIO(const CXRef<HALIOProcTable>& table, HALDeadline deadline)
 {
     const HALStatus status = _engine->carryOut(
-        [number = _number, table](PipeWireHardware& hardware, const Reply& reply) {
-            hardware.startIO(number, table, reply);
+        [number = _number, table, deadline](PipeWireHardware& hardware, const Reply& reply) {
+            hardware.startIO(number, table, deadline, reply);
         },
         deadline);
     if (status)
@@ -71,4 +122,17 @@ void PipeWireDeviceDriver::stopIO()
     _engine->carryOut([number = _number](PipeWireHardware& hardware,
                                          const Reply& reply) { hardware.stopIO(number, reply); },
                       HALDeadline::max()); // for the loop alone, which waits for no server
+}
+
+HALStatus PipeWireDeviceDriver::startTogether(std::span<const HALGroupMember> members,
+                                              const CXRef<HALIOProcTable>& table, HALDeadline deadline,
+                                              CXRef<HALGroupIO>& group)
+{
+    const auto started = CXRef<Group>::adopt(new Group(_engine));
+    const HALStatus status = started->start(members, table, deadline);
+    if (status)
+        started->stop(); // a server that only hangs would start it later
+    else
+        group = started;
+    return status;
 }

@@ -19,8 +19,12 @@ public:
     HALStatus setDataSource(HALDirection direction, uint32_t sourceID, HALDeadline deadline) override;
     HALStatus startIO(const CXRef<HALIOProcTable>& table, HALDeadline deadline) override;
     void stopIO() override;
+    HALStatus startTogether(std::span<const HALGroupMember> members, const CXRef<HALIOProcTable>& table,
+                            HALDeadline deadline, CXRef<HALGroupIO>& group) override;
 
 private:
+    class Group;
+
     PipeWireDeviceDriver(AudioObjectID number, CXRef<PipeWireEngine> engine)
         : _number(number), _engine(std::move(engine))
     {}

@@ -10,10 +10,10 @@
 namespace {
 
 constexpr double audibleRatioChange = 20e-6;         // smaller ones are noise of the measurement
-constexpr uint64_t ratioNanoseconds = 1'000'000'000; // between two announcements
+constexpr uint64_t ratioNanoseconds = 1'000'000'000; // between two reports of it
 
-constexpr size_t portsAtOnce =
-    64; // each is work for the audio thread, whose queue loses what it has no room for
+// Each is work for the audio thread, whose queue drops what it has no room for.
+constexpr size_t portBatchSize = 64;
 
 thread_local bool insideCycle __attribute__((tls_model("initial-exec"))) = false;
 
@@ -37,7 +37,7 @@ void deinterleave(const float* from, float* to, size_t channel, size_t channelCo
 /// The samples of a port in this cycle; null when it has none, or not enough.
 float* portSamples(void* port, uint32_t frameCount, bool isOutput) noexcept
 {
-    pw_buffer* buffer = pw_filter_dequeue_buffer(port);
+    pw_buffer* buffer = port ? pw_filter_dequeue_buffer(port) : nullptr;
     if (!buffer)
         return nullptr;
     spa_data& data = buffer->buffer->datas[0];
@@ -79,92 +79,130 @@ bool PipeWireDeviceIO::isOnIOThread() noexcept
     return insideCycle;
 }
 
-PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const CXRef<HALIOProcTable>& table,
-                                   PipeWireEnds ends, const Wishes& wishes, uint32_t mostFrames,
-                                   PipeWireTimeline& timeline, PipeWireLoop::Work changed)
-    : _session(session), _table(table), _ends(std::move(ends)), _mostFrames(mostFrames), _timeline(timeline),
-      _changed(std::move(changed)),
-      _wake(pw_loop_add_event(
-          session.loop().get(),
-          [](void* self, uint64_t) { static_cast<PipeWireDeviceIO*>(self)->_changed(); }, this)),
-      _listener(std::make_unique<Listener>()), _links(session),
-      _inputSamples(_ends.capturePorts.size() * mostFrames),
-      _outputSamples(_ends.playbackPorts.size() * mostFrames)
+PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake& wake,
+                                   const CXRef<HALIOProcTable>& table,
+                                   std::span<const PipeWireChannels> members, const WantedTiming& wanted,
+                                   uint32_t maxFrames, PipeWireTimeline& timeline)
+    : _session(session), _wake(wake), _table(table), _maxFrames(maxFrames), _timeline(timeline),
+      _listener(std::make_unique<Listener>())
 {
     static const pw_filter_events events = [] {
         pw_filter_events all{};
         all.version = PW_VERSION_FILTER_EVENTS;
-        all.state_changed = [](void* self, pw_filter_state, pw_filter_state, const char*) {
-            if (!static_cast<PipeWireDeviceIO*>(self)->_isEnding)
-                static_cast<PipeWireDeviceIO*>(self)->_changed();
+        all.state_changed = [](void* data, pw_filter_state, pw_filter_state now, const char*) {
+            auto* self = static_cast<PipeWireDeviceIO*>(data);
+            self->_hadCycles = self->_hadCycles || now == PW_FILTER_STATE_STREAMING;
+            self->_wake.signal();
         };
         all.process = _process;
         return all;
     }();
-    const auto channels = [](size_t count) {
-        return count > 0 ? std::vector{static_cast<uint32_t>(count)} : std::vector<uint32_t>();
-    };
-    _table->prepare(channels(_ends.capturePorts.size()), channels(_ends.playbackPorts.size()), _mostFrames);
+    _addStreams(members);
 
-    PipeWireProperties properties = _propertiesOf(wishes);
+    PipeWireProperties properties = _propertiesOf(wanted);
     properties.set(PW_KEY_MEDIA_TYPE, "Audio");
     properties.set(PW_KEY_MEDIA_CATEGORY, "Duplex");
     properties.set(PW_KEY_MEDIA_ROLE, "DSP");
     properties.set(PW_KEY_NODE_NAME, "dxr");
     properties.set(PW_KEY_NODE_AUTOCONNECT, "false");
     // Without a port to be driven through, only this gives it cycles.
-    if (_ends.capturePorts.empty() && _ends.playbackPorts.empty())
+    if (_inputs.empty() && _outputs.empty())
         properties.set(PW_KEY_NODE_ALWAYS_PROCESS, "true");
-    _filter = pw_filter_new(session.core(), "dxr", properties.copy());
+    _filter = session.isConnected() ? pw_filter_new(session.core(), "dxr", properties.copy()) : nullptr;
     if (!_filter)
         return;
     pw_filter_add_listener(_filter, &_listener->hook, &events, this);
     pw_filter_connect(_filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0);
-    _addPorts(_inputPorts, true, _ends.capturePorts.size());
-    _addPorts(_outputPorts, false, _ends.playbackPorts.size());
+    size_t first = 0;
+    for (Stream& stream : _inputs)
+        _addPorts(stream.ports, true, std::exchange(first, first + stream.ports.size()), stream.ports.size());
+    first = 0;
+    for (Stream& stream : _outputs)
+        _addPorts(stream.ports, false, std::exchange(first, first + stream.ports.size()),
+                  stream.ports.size());
 }
 
 PipeWireDeviceIO::~PipeWireDeviceIO()
 {
-    _isEnding = true;
-    if (_filter)
-        pw_filter_destroy(_filter); // waits for the audio thread to leave it
-    pw_loop_destroy_source(_session.loop().get(), _wake);
+    if (!_filter)
+        return;
+    spa_hook_remove(&_listener->hook); // its last changes of state mean nothing
+    pw_filter_destroy(_filter);        // waits for the audio thread to leave it
 }
 
-PipeWireProperties PipeWireDeviceIO::_propertiesOf(const Wishes& wishes)
+/// Makes room for the streams of all members, and for the longest cycle, so that another cycle length rebuilds nothing.
+void PipeWireDeviceIO::_addStreams(std::span<const PipeWireChannels> members)
 {
-    const std::string rate = std::to_string(std::lround(wishes.rate));
+    const auto add = [this](std::vector<Stream>& streams, std::vector<HALStreamBlock>& blocks,
+                            uint32_t channels) {
+        if (channels == 0)
+            return;
+        streams.push_back({std::vector<void*>(channels), std::vector<float>(size_t{channels} * _maxFrames)});
+        blocks.push_back({streams.back().samples.data(), channels});
+    };
+    size_t captureCount = 0;
+    size_t playbackCount = 0;
+    for (const PipeWireChannels& channels : members) {
+        _members.push_back({channels, captureCount, playbackCount, {}, {}});
+        captureCount += channels.capture;
+        playbackCount += channels.playback;
+        add(_inputs, _inputBlocks, channels.capture);
+        add(_outputs, _outputBlocks, channels.playback);
+    }
+    const auto channelsOf = [](const std::vector<HALStreamBlock>& blocks) {
+        std::vector<uint32_t> channels;
+        for (const HALStreamBlock& block : blocks)
+            channels.push_back(block.channelCount);
+        return channels;
+    };
+    _table->prepare(channelsOf(_inputBlocks), channelsOf(_outputBlocks), _maxFrames);
+}
+
+PipeWireProperties PipeWireDeviceIO::_propertiesOf(const WantedTiming& wanted)
+{
+    const std::string rate = std::to_string(std::lround(wanted.rate));
     PipeWireProperties properties;
     properties.set(PW_KEY_NODE_RATE, "1/" + rate);
-    properties.set(PW_KEY_NODE_LATENCY, std::to_string(wishes.frameCount) + "/" + rate);
-    properties.set(PW_KEY_NODE_FORCE_RATE, wishes.forcesRate ? rate : "0");
+    properties.set(PW_KEY_NODE_LATENCY, std::to_string(wanted.frameCount) + "/" + rate);
+    properties.set(PW_KEY_NODE_FORCE_RATE, wanted.forcesRate ? rate : "0");
     properties.set(PW_KEY_NODE_FORCE_QUANTUM,
-                   wishes.forcesFrameCount ? std::to_string(wishes.frameCount) : "0");
+                   wanted.forcesFrameCount ? std::to_string(wanted.frameCount) : "0");
     return properties;
 }
 
-void PipeWireDeviceIO::setWishes(const Wishes& wishes)
+void PipeWireDeviceIO::setWantedTiming(const WantedTiming& wanted)
 {
     if (!_filter)
         return;
-    pw_properties* properties = _propertiesOf(wishes).copy();
+    pw_properties* properties = _propertiesOf(wanted).copy();
     pw_filter_update_properties(_filter, nullptr, &properties->dict);
     pw_properties_free(properties);
 }
 
-void PipeWireDeviceIO::_addPorts(std::vector<void*>& ports, bool inputs, size_t count)
+void PipeWireDeviceIO::_addPorts(std::vector<void*>& ports, bool isInput, size_t first, size_t count)
 {
     for (size_t channel = 0; channel < count; ++channel) {
         const PipeWireProperties properties{
             {PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
-            {PW_KEY_PORT_NAME, (inputs ? "input_" : "output_") + std::to_string(channel + 1)}};
-        ports.push_back(pw_filter_add_port(_filter, inputs ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
-                                           PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.copy(), nullptr,
-                                           0));
-        if (channel % portsAtOnce == portsAtOnce - 1)
+            {PW_KEY_PORT_NAME, (isInput ? "input_" : "output_") + std::to_string(first + channel + 1)}};
+        ports[channel] =
+            pw_filter_add_port(_filter, isInput ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
+                               PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.copy(), nullptr, 0);
+        if ((first + channel) % portBatchSize == portBatchSize - 1)
             _session.waitForAudioThread();
     }
+}
+
+// ---- The node and its links
+
+bool PipeWireDeviceIO::isAlive() const
+{
+    return _filter && pw_filter_get_state(_filter, nullptr) >= PW_FILTER_STATE_CONNECTING;
+}
+
+bool PipeWireDeviceIO::isPaused() const
+{
+    return _hadCycles && pw_filter_get_state(_filter, nullptr) == PW_FILTER_STATE_PAUSED;
 }
 
 std::optional<uint32_t> PipeWireDeviceIO::nodeID() const
@@ -173,27 +211,55 @@ std::optional<uint32_t> PipeWireDeviceIO::nodeID() const
     return id == SPA_ID_INVALID ? std::nullopt : std::optional(id);
 }
 
-void PipeWireDeviceIO::linkPorts(const std::vector<PipeWirePort>& own)
+void PipeWireDeviceIO::setOwnPorts(const std::vector<PipeWirePort>& own)
 {
-    std::vector<uint32_t> inputs(_ends.capturePorts.size());
-    std::vector<uint32_t> outputs(_ends.playbackPorts.size());
-    size_t known = 0;
-    for (const PipeWirePort& port : own) {
-        std::vector<uint32_t>& ids = port.isInput ? inputs : outputs;
-        if (port.index < ids.size()) {
-            ids[port.index] = port.id;
-            ++known;
-        }
-    }
-    if (_isLinked || known < inputs.size() + outputs.size())
+    const auto idsOf = [&own](const std::vector<Stream>& streams, bool isInput) {
+        size_t count = 0;
+        for (const Stream& stream : streams)
+            count += stream.ports.size();
+        std::vector<uint32_t> ids(count, SPA_ID_INVALID);
+        for (const PipeWirePort& port : own)
+            if (port.isInput == isInput && port.index < ids.size())
+                ids[port.index] = port.id;
+        return std::ranges::find(ids, SPA_ID_INVALID) == ids.end() ? ids : std::vector<uint32_t>();
+    };
+    if (!_ownInputs.empty() || !_ownOutputs.empty())
         return;
-    _isLinked = true;
+    std::vector<uint32_t> inputs = idsOf(_inputs, true);
+    std::vector<uint32_t> outputs = idsOf(_outputs, false);
+    if (inputs.empty() != _inputs.empty() || outputs.empty() != _outputs.empty())
+        return; // not all have been announced
+    _ownInputs = std::move(inputs);
+    _ownOutputs = std::move(outputs);
+    for (Member& member : _members)
+        _link(member);
+}
+
+void PipeWireDeviceIO::setMember(size_t place, const std::optional<PipeWireEnds>& ends)
+{
+    Member& member = _members[place];
+    member.links.reset(); // of a device that has gone, the server has destroyed them before
+    member.ends = ends;
+    _link(member);
+}
+
+void PipeWireDeviceIO::_link(Member& member)
+{
+    if (!member.ends || (_ownInputs.empty() && _ownOutputs.empty()))
+        return;
     std::vector<PipeWireLinks::Ends> links;
-    for (size_t channel = 0; channel < inputs.size(); ++channel)
-        links.emplace_back(_ends.capturePorts[channel], inputs[channel]);
-    for (size_t channel = 0; channel < outputs.size(); ++channel)
-        links.emplace_back(outputs[channel], _ends.playbackPorts[channel]);
-    _links.make(std::move(links));
+    for (size_t channel = 0; channel < member.channels.capture; ++channel)
+        links.emplace_back(member.ends->capturePorts[channel], _ownInputs[member.firstCapture + channel]);
+    for (size_t channel = 0; channel < member.channels.playback; ++channel)
+        links.emplace_back(_ownOutputs[member.firstPlayback + channel], member.ends->playbackPorts[channel]);
+    member.links = std::make_unique<PipeWireLinks>(_session, _wake, std::move(links));
+}
+
+void PipeWireDeviceIO::mendLinks()
+{
+    for (const Member& member : _members)
+        if (member.links && member.links->isBroken())
+            member.links->mend();
 }
 
 PipeWireClockSeen PipeWireDeviceIO::clock() const
@@ -219,60 +285,75 @@ void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
     const spa_io_clock& clock = position.clock;
     if (clock.rate.denom == 0 || clock.duration == 0)
         return;
-    const auto frameCount = static_cast<uint32_t>(std::min<uint64_t>(clock.duration, _mostFrames));
+    const auto frameCount = static_cast<uint32_t>(std::min<uint64_t>(clock.duration, _maxFrames));
     const PipeWireTimeline::Step step = _timeline.advance(
         {clock.id, clock.position, clock.nsec, static_cast<uint32_t>(clock.duration), clock.rate.denom});
     if (step.wasCounted)
         return _skipCycle(frameCount);
     if (step.lostFrames)
-        _table->reportOverload();
+        _noteOverload();
     _noteClock(position);
 
     const double ratio = clock.rate_diff > 0.5 && clock.rate_diff < 2.0 ? clock.rate_diff : 1.0;
     const auto sampleTime = static_cast<double>(step.sampleTime);
     const auto nanoseconds = static_cast<double>(clock.nsec);
     const double cycleNanoseconds = frameCount * 1e9 / (clock.rate.denom * ratio);
-    const size_t inputCount = _inputPorts.size();
-    const size_t outputCount = _outputPorts.size();
-    for (size_t channel = 0; channel < inputCount; ++channel)
-        interleave(portSamples(_inputPorts[channel], frameCount, false), _inputSamples.data(), channel,
-                   inputCount, frameCount);
-
-    const HALStreamBlock input{_inputSamples.data(), static_cast<uint32_t>(inputCount)};
-    const HALStreamBlock output{_outputSamples.data(), static_cast<uint32_t>(outputCount)};
     HALCycle cycle;
     cycle.frameCount = frameCount;
     cycle.now = timeStamp(sampleTime, nanoseconds, ratio);
-    // What was captured ended as this cycle began; what is given now is heard from the next on.
+    // The input ended as this cycle began; the output is heard from the next cycle on.
     cycle.inputTime = timeStamp(sampleTime - frameCount, nanoseconds - cycleNanoseconds, ratio);
     cycle.outputTime = timeStamp(sampleTime + frameCount, nanoseconds + cycleNanoseconds, ratio);
-    cycle.input = std::span(&input, inputCount > 0 ? 1 : 0);
-    cycle.output = std::span(&output, outputCount > 0 ? 1 : 0);
-    _table->runCycle(cycle);
-
-    for (size_t channel = 0; channel < outputCount; ++channel)
-        if (float* samples = portSamples(_outputPorts[channel], frameCount, true))
-            deinterleave(_outputSamples.data(), samples, channel, outputCount, frameCount);
-    // The device did not wait: what was given too late is lost, though the clock's count shows no gap.
+    _runProcs(cycle);
+    // The device did not wait: output that came too late is lost, though the clock's count shows no gap.
     if (!step.lostFrames && clock.next_nsec > clock.nsec && platform::HostClock::nowTicks() > clock.next_nsec)
-        _table->reportOverload();
+        _noteOverload();
 }
 
-/// Takes what has come, and gives silence.
+/// Takes the input of all members, calls the IO callbacks, and gives the members their output.
+void PipeWireDeviceIO::_runProcs(HALCycle& cycle) noexcept
+{
+    const uint32_t frameCount = cycle.frameCount;
+    for (Stream& stream : _inputs)
+        for (size_t channel = 0; channel < stream.ports.size(); ++channel)
+            interleave(portSamples(stream.ports[channel], frameCount, false), stream.samples.data(), channel,
+                       stream.ports.size(), frameCount);
+    for (size_t i = 0; i < _outputs.size(); ++i) {
+        Stream& stream = _outputs[i];
+        // A single channel needs no interleaving: its samples are written where the port has them.
+        float* const direct =
+            stream.ports.size() == 1 ? portSamples(stream.ports[0], frameCount, true) : nullptr;
+        _outputBlocks[i].samples = direct ? direct : stream.samples.data();
+    }
+    cycle.input = _inputBlocks;
+    cycle.output = _outputBlocks;
+    _table->runCycle(cycle);
+
+    for (const Stream& stream : _outputs)
+        for (size_t channel = 0; stream.ports.size() > 1 && channel < stream.ports.size(); ++channel)
+            if (float* samples = portSamples(stream.ports[channel], frameCount, true))
+                deinterleave(stream.samples.data(), samples, channel, stream.ports.size(), frameCount);
+}
+
+/// Takes the input, and gives silence.
 void PipeWireDeviceIO::_skipCycle(uint32_t frameCount) noexcept
 {
-    for (void* const port : _inputPorts)
-        portSamples(port, frameCount, false);
-    for (void* const port : _outputPorts)
-        if (float* samples = portSamples(port, frameCount, true))
-            std::fill_n(samples, frameCount, 0.0F);
+    for (const Stream& stream : _inputs)
+        for (void* const port : stream.ports)
+            portSamples(port, frameCount, false);
+    for (const Stream& stream : _outputs)
+        for (void* const port : stream.ports)
+            if (float* samples = portSamples(port, frameCount, true))
+                std::fill_n(samples, frameCount, 0.0F);
 }
 
 void PipeWireDeviceIO::_noteClock(const spa_io_position& position) noexcept
 {
     const spa_io_clock& clock = position.clock;
     const auto frameCount = static_cast<uint32_t>(clock.duration);
-    bool changed = _rate.load(std::memory_order_relaxed) != clock.rate.denom ||
+    const uint64_t cycleCount = _cycleCount.load(std::memory_order_relaxed) + 1;
+    _cycleCount.store(cycleCount, std::memory_order_relaxed);
+    bool changed = cycleCount == 1 || _rate.load(std::memory_order_relaxed) != clock.rate.denom ||
                    _frameCount.load(std::memory_order_relaxed) != frameCount;
     const double ratio = _rateRatio.load(std::memory_order_relaxed);
     if (std::abs(clock.rate_diff - ratio) > audibleRatioChange && clock.rate_diff > 0.5 &&
@@ -286,6 +367,13 @@ void PipeWireDeviceIO::_noteClock(const spa_io_position& position) noexcept
     _rate.store(clock.rate.denom, std::memory_order_relaxed);
     _frameCount.store(frameCount, std::memory_order_relaxed);
     _table->setTiming(clock.rate.denom, frameCount);
-    const CXRealtimeExemption exemption("writes to a counter of the kernel's, which never waits");
-    pw_loop_signal_event(_session.loop().get(), _wake);
+    _wake.signal();
+}
+
+/// Reports lost frames: to the table at once, to the members' own tables from the loop.
+void PipeWireDeviceIO::_noteOverload() noexcept
+{
+    _table->reportOverload();
+    _overloadCount.store(_overloadCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    _wake.signal();
 }

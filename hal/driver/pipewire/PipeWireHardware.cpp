@@ -6,9 +6,6 @@
 
 namespace {
 
-// A node goes on for a moment after its last client has left it.
-constexpr std::chrono::milliseconds afterglow{150};
-
 bool areClose(const std::vector<float>& a, const std::vector<float>& b)
 {
     return std::ranges::equal(a, b, [](float x, float y) { return std::abs(x - y) <= 1e-5F; });
@@ -19,11 +16,7 @@ bool areClose(const std::vector<float>& a, const std::vector<float>& b)
 PipeWireHardware::PipeWireHardware(PipeWireLoop& loop, PipeWireModel& model,
                                    const std::optional<std::string>& remote)
     : _model(model), _session(loop, *this, remote), _mirror(_session, *this), _devices(loop, _mirror, *this),
-      _ioEnded(loop, [this] {
-          for (PipeWireDevice* device : _devices.all())
-              if (std::exchange(device->isEndingIO, false))
-                  _publish(*device);
-      })
+      _runs(loop, _session, _mirror, *this)
 {}
 
 PipeWireHardware::~PipeWireHardware()
@@ -41,6 +34,7 @@ void PipeWireHardware::sessionConnected()
 void PipeWireHardware::sessionDisconnected()
 {
     _devices.forgetAll();
+    _runs.connectionLost();
     _mirror.disconnected();
     for (const Pending& pending : std::exchange(_pending, {}))
         pending.reply->finish(kAudioHardwareUnspecifiedError);
@@ -74,6 +68,7 @@ void PipeWireHardware::clockSettingsChanged()
     if (settings == _settings)
         return;
     _settings = settings;
+    _runs.setClockSettings(settings);
     for (PipeWireDevice* device : _devices.all())
         _publish(*device);
 }
@@ -103,12 +98,9 @@ void PipeWireHardware::enumerated()
     _model.enumerated();
 }
 
-void PipeWireHardware::portAppeared(uint32_t nodeID)
+void PipeWireHardware::portAppeared(uint32_t /*nodeID*/)
 {
-    for (const auto& [deviceID, table] : _running)
-        if (PipeWireDevice* device = _devices.deviceWithID(deviceID);
-            device && device->io && device->io->nodeID() == nodeID)
-            _linkIO(*device);
+    _runs.portAppeared();
 }
 
 // ---- The devices
@@ -123,17 +115,12 @@ void PipeWireHardware::deviceAppeared(PipeWireDevice& device)
 void PipeWireHardware::deviceChanged(PipeWireDevice& device)
 {
     _publish(device);
-    const auto running = _running.find(device.objectID);
-    if (running != _running.end() && device.io && device.io->ends() != device.ends()) {
-        device.io.reset();
-        _makeIO(device, running->second);
-    }
+    _runs.deviceChanged(device);
 }
 
 void PipeWireHardware::deviceDisappears(PipeWireDevice& device)
 {
-    device.io.reset();
-    _running.erase(device.objectID);
+    _runs.deviceDisappears(device);
     _model.deviceDisappeared(device.objectID);
 }
 
@@ -173,10 +160,10 @@ void PipeWireHardware::setNominalSampleRate(AudioObjectID deviceID, double rate,
     if (!device)
         return reply->finish(kAudioHardwareBadDeviceError);
     device->wantedRate = rate;
-    _applyWishes(*device, reply, [this, deviceID, rate] {
-        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
-        return !now || !now->io || now->io->clock().rate == rate;
-    });
+    _runs.setRate(*device, rate);
+    _finishWhenRuns(
+        deviceID, reply, [](const PipeWireClockSeen& clock, double wanted) { return clock.rate == wanted; },
+        rate);
 }
 
 void PipeWireHardware::setBufferFrameSize(AudioObjectID deviceID, uint32_t frameCount, const Reply& reply)
@@ -185,20 +172,27 @@ void PipeWireHardware::setBufferFrameSize(AudioObjectID deviceID, uint32_t frame
     if (!device)
         return reply->finish(kAudioHardwareBadDeviceError);
     device->wantedFrameCount = frameCount;
-    _applyWishes(*device, reply, [this, deviceID, frameCount] {
-        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
-        return !now || !now->io || now->io->clock().frameCount == frameCount;
-    });
+    _runs.setFrameCount(*device, frameCount);
+    _finishWhenRuns(
+        deviceID, reply,
+        [](const PipeWireClockSeen& clock, double wanted) { return clock.frameCount == wanted; }, frameCount);
 }
 
-void PipeWireHardware::_applyWishes(PipeWireDevice& device, const Reply& reply, std::function<bool()> shows)
+/// Replies when the clock of every run of the device shows what is wanted; at once when it has no run: the value then
+/// takes effect with the next start.
+void PipeWireHardware::_finishWhenRuns(AudioObjectID deviceID, const Reply& reply,
+                                       bool (*shows)(const PipeWireClockSeen&, double), double wanted)
 {
-    if (!device.io) { // they count from the next start on
-        _publish(device);
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (device->runs.empty()) {
+        _publish(*device);
         return reply->finish(kAudioHardwareNoError);
     }
-    device.io->setWishes(_wishes(device));
-    _finishWhen(reply, std::move(shows));
+    _finishWhen(reply, [this, deviceID, shows, wanted] {
+        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
+        return !now || std::ranges::all_of(
+                           now->runs, [&](const PipeWireRun* run) { return shows(run->clock(), wanted); });
+    });
 }
 
 void PipeWireHardware::setVolume(AudioObjectID deviceID, HALDirection direction, uint32_t element,
@@ -282,63 +276,53 @@ void PipeWireHardware::chooseDefaultDevice(HALDefault which, AudioObjectID devic
 
 // ---- IO
 
-PipeWireDeviceIO::Wishes PipeWireHardware::_wishes(PipeWireDevice& device) const
+void PipeWireHardware::startIO(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table,
+                               PipeWireRun::Time deadline, const Reply& reply)
 {
-    const HALDeviceState state = device.describe(_settings);
-    return {device.wantedRate.value_or(state.nominalSampleRate),
-            device.wantedFrameCount.value_or(state.bufferFrameSize), device.wantedRate.has_value(),
-            device.wantedFrameCount.has_value()};
-}
-
-void PipeWireHardware::startIO(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table, const Reply& reply)
-{
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device)
-        return reply->finish(kAudioHardwareBadDeviceError);
-    device->isEndingIO = false;
-    device->io.reset();
-    device->timeline.pause();
-    _running[deviceID] = table;
-    _makeIO(*device, table);
-    _finishWhen(reply, [this, deviceID] {
-        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
-        return !now || (now->io && now->io->clock().rate > 0.0);
-    });
-}
-
-void PipeWireHardware::_makeIO(PipeWireDevice& device, const CXRef<HALIOProcTable>& table)
-{
-    const PipeWireDeviceIO::Wishes wishes = _wishes(device);
-    device.io = std::make_unique<PipeWireDeviceIO>(
-        _session, table, device.ends(), wishes, device.mostFrames(_settings), device.timeline,
-        [this, deviceID = device.objectID] { _ioChanged(deviceID); });
-}
-
-void PipeWireHardware::_ioChanged(AudioObjectID deviceID)
-{
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device || !device->io)
-        return;
-    _linkIO(*device);
-    if (device->io->clock().rate > 0.0)
-        _publish(*device);
-    _finishShown();
-}
-
-void PipeWireHardware::_linkIO(PipeWireDevice& device)
-{
-    if (const std::optional<uint32_t> nodeID = device.io->nodeID())
-        device.io->linkPorts(_mirror.portsOfNode(*nodeID));
+    if (PipeWireDevice* device = _devices.deviceWithID(deviceID))
+        _runs.start(*device, table, deadline, reply);
+    else
+        reply->finish(kAudioHardwareBadDeviceError);
 }
 
 void PipeWireHardware::stopIO(AudioObjectID deviceID, const Reply& reply)
 {
-    _running.erase(deviceID);
-    if (PipeWireDevice* device = _devices.deviceWithID(deviceID); device && device->io) {
-        device->io.reset();
-        device->isEndingIO = true;
-        _ioEnded.start(afterglow);
-        _publish(*device);
+    if (PipeWireDevice* device = _devices.deviceWithID(deviceID))
+        _runs.stop(*device);
+    reply->finish(kAudioHardwareNoError);
+}
+
+void PipeWireHardware::startTogether(uint64_t groupNumber, const std::vector<PipeWireGroupMember>& members,
+                                     const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
+                                     const Reply& reply)
+{
+    std::vector<PipeWireRun::Member> all;
+    for (const PipeWireGroupMember& member : members) {
+        PipeWireDevice* device = _devices.deviceWithID(member.deviceID);
+        if (!device && member.deviceID != kAudioObjectUnknown)
+            return reply->finish(kAudioHardwareBadDeviceError);
+        if (member.inputChannels.size() > 1 || member.outputChannels.size() > 1)
+            return reply->finish(kAudioHardwareIllegalOperationError); // no device of this server's
+        const auto channels = [](const std::vector<uint32_t>& streams) {
+            return streams.empty() ? 0 : streams.front();
+        };
+        all.push_back(
+            {device, member.table, {channels(member.inputChannels), channels(member.outputChannels)}});
     }
+    _runs.startGroup(groupNumber, std::move(all), table, deadline, reply);
+}
+
+void PipeWireHardware::setGroupMember(uint64_t groupNumber, size_t place, AudioObjectID deviceID,
+                                      const CXRef<HALIOProcTable>& table, const Reply& reply)
+{
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (!device && deviceID != kAudioObjectUnknown)
+        return reply->finish(kAudioHardwareBadDeviceError);
+    reply->finish(_runs.setGroupMember(groupNumber, place, device, table));
+}
+
+void PipeWireHardware::stopTogether(uint64_t groupNumber, const Reply& reply)
+{
+    _runs.stopGroup(groupNumber);
     reply->finish(kAudioHardwareNoError);
 }

@@ -1,13 +1,14 @@
 #pragma once
 
 #include "PipeWireSession.h"
+#include "PipeWireWake.h"
 
 #include <memory>
 #include <utility>
 #include <vector>
 
-/// Links between ports of the server. Many at once take a server time that grows with the square of their number,
-/// and more file descriptors than fit into a message: they are made a few at a time, each lot when the one before
+/// Links between ports of the server. The time that many links made at once take grows with the square of their
+/// number, and their file descriptors do not fit into one message: they are made in batches, each when the one before
 /// has settled.
 /// Threads: the loop's.
 class PipeWireLinks {
@@ -15,13 +16,20 @@ public:
     /// An output port and the input port it is linked to, by their ids on the server.
     using Ends = std::pair<uint32_t, uint32_t>;
 
-    explicit PipeWireLinks(PipeWireSession& session);
+    /// Begins to make a link for each of `ends`. Signals `wake` when the state of a link has changed.
+    PipeWireLinks(PipeWireSession& session, const PipeWireWake& wake, std::vector<Ends> ends);
     ~PipeWireLinks();
     PipeWireLinks(const PipeWireLinks&) = delete;
     PipeWireLinks& operator=(const PipeWireLinks&) = delete;
 
-    /// Makes these links, the first of them now.
-    void make(std::vector<Ends> all);
+    /// Whether a link was refused, has been destroyed, or carries no samples any more.
+    bool isBroken() const;
+    /// Whether any link carries samples.
+    bool isActive() const;
+    /// Whether all links of the first batch carry samples. The later ones follow while IO runs.
+    bool hasStarted() const;
+    /// Makes the broken links anew.
+    void mend();
 
 private:
     class Link;
@@ -30,7 +38,8 @@ private:
     void _settled();
 
     PipeWireSession& _session;
+    const PipeWireWake& _wake;
     std::vector<Ends> _waiting; // the next is last
     std::vector<std::unique_ptr<Link>> _links;
-    size_t _unsettled = 0;
+    size_t _unsettledCount = 0;
 };

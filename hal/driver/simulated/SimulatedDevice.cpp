@@ -25,14 +25,15 @@ public:
         : _machine(std::move(machine)), _run(std::move(run))
     {}
 
-    void setMember(size_t place, const CXRef<HALDeviceDriver>& device,
-                   const CXRef<HALIOProcTable>& table) override
+    HALStatus setMember(size_t place, const CXRef<HALDeviceDriver>& device,
+                        const CXRef<HALIOProcTable>& table) override
     {
         const auto member = CXRefCast<SimulatedDevice>(device);
         if (member && !enter(*member))
-            return;
+            return kAudioHardwareIllegalOperationError;
         _run->setMember(place, member, table);
         _machine->scheduler.reschedule(_run);
+        return kAudioHardwareNoError;
     }
 
     void stop() override
