@@ -48,9 +48,9 @@ public:
         clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
         _nanoseconds =
             static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
-        rusage usage{};
-        getrusage(RUSAGE_THREAD, &usage);
-        _wakeUps = static_cast<uint64_t>(usage.ru_nvcsw);
+        rusage spent{};
+        getrusage(RUSAGE_THREAD, &spent);
+        _wakeUps = static_cast<uint64_t>(spent.ru_nvcsw);
         ++_cycles;
     }
     PassThrough::Usage usage() const noexcept { return {_cycles, _nanoseconds, _wakeUps}; }
