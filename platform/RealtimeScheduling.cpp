@@ -3,6 +3,7 @@
 #include "HostClock.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <sched.h>
@@ -99,11 +100,13 @@ bool askRealtimeKit()
 
 } // namespace
 
-RealtimeOutcome makeCurrentThreadRealtime(const RealtimePolicy& /*policy*/)
+RealtimeOutcome makeCurrentThreadRealtime()
 {
     if (becomeFifo())
-        return RealtimeOutcome::Fifo;
-    return askRealtimeKit() ? RealtimeOutcome::RealtimeKit : RealtimeOutcome::Refused;
+        return {RealtimeGrant::Fifo, 0};
+    const int refused = errno;
+    return askRealtimeKit() ? RealtimeOutcome{RealtimeGrant::RealtimeKit, 0}
+                            : RealtimeOutcome{RealtimeGrant::None, refused};
 }
 
 } // namespace platform

@@ -34,7 +34,7 @@ private:
 
     void _run()
     {
-        if (platform::makeCurrentThreadRealtime() == platform::RealtimeOutcome::Refused)
+        if (platform::makeCurrentThreadRealtime().grant == platform::RealtimeGrant::None)
             platform::LogSink::log(
                 "No real-time scheduling for a simulated device: its cycles may come late");
         while (_waitUntilDue()) {

@@ -1,9 +1,9 @@
+#include "BackOff.h"
 #include "CXDispatchQueue.h"
 #include "CXDispatchReceiver.h"
-#include "CXDispatchSource.h"
 #include "CXDispatchTimer.h"
-#include "CXThreadSetRealtime.h"
 #include "CXTimeBase.h"
+#include "CXWeak.h"
 #include "CapturedLog.h"
 
 #include <gtest/gtest.h>
@@ -240,22 +240,62 @@ TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndServesWhatIsAllowedAfte
     EXPECT_FALSE(late->handler()) << "a cancelled queue cancels what comes";
 }
 
-TEST(CXDispatchTimer, letsWorkAndOtherTimersThroughWhenItIsAlwaysDue)
+/// Whether the queue's thread ends, given far longer than it needs.
+bool threadEnds(const CXDispatchQueue& queue)
 {
+    for (int i = 0; i < 20'000 && queue.thread() != 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return queue.thread() == 0;
+}
+
+TEST(CXDispatchQueue, endsItsThreadWhenItIsCancelledWhileBorrowed)
+{
+    const CXRef<CXDispatchQueue> fromWithin = CXDispatchQueue::init();
+    fromWithin->dispatchSyncBypass([&] { fromWithin->cancel(); });
+    EXPECT_TRUE(threadEnds(*fromWithin));
+
+    const CXRef<CXDispatchQueue> fromOutside = CXDispatchQueue::init();
+    fromOutside->dispatchSyncBypass([&] { std::thread([&] { fromOutside->cancel(); }).join(); });
+    EXPECT_TRUE(threadEnds(*fromOutside));
+}
+
+TEST(CXDispatchTimer, letsWorkMessagesAndOtherTimersThroughWhenItIsAlwaysDue)
+{
+    constexpr int enough = 3;
+    constexpr int fireLimit = 10'000;
     const TestQueue queue;
+    std::atomic<int> fires{0};
     std::atomic<int> others{0};
+    std::atomic<int> messages{0};
     const CXRef<CXDispatchTimer> restless = CXDispatchTimer::init();
-    restless->setTimeoutHandler([](const CXRef<CXDispatchTimer>& self) { self->setTimeoutAbsolute(1, 0); });
+    restless->setTimeoutHandler([&](const CXRef<CXDispatchTimer>& self) {
+        ++fires;
+        self->setTimeoutAbsolute(1, 0);
+    });
     restless->setTimeoutAbsolute(1, 0);
     restless->setDispatchQueue(queue.ref());
     const CXRef<CXDispatchTimer> other = CXDispatchTimer::init();
     other->setTimeoutHandler([&](const CXRef<CXDispatchTimer>&) { ++others; });
-    other->setTimeoutAbsolute(now(), millisecond);
+    other->setTimeoutAbsolute(now(), 1);
     other->setDispatchQueue(queue.ref());
-    while (others < 3)
+    const CXRef<platform::Port> port = platform::Port::init();
+    const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
+    receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte>) {
+        ++messages;
+        port->send({}); // as restless as the timer
+    });
+    receiver->setDispatchQueue(queue.ref());
+    port->send({});
+    while ((others < enough || messages < enough) && fires < fireLimit)
         queue.settle();
+    EXPECT_GE(others, enough);
+    EXPECT_GE(messages, enough);
+    const int firesBefore = fires;
+    while (fires < firesBefore + enough)
+        queue.settle(); // nor do messages keep the timer from firing
     restless->cancel();
     other->cancel();
+    receiver->cancel();
 }
 
 /// When a timer of 20 ms fires that begins three periods behind and sleeps through two more; from its grid's start.
@@ -330,31 +370,42 @@ TEST(CXDispatchTimer, firesEqualDeadlinesInOrderAndFollowsUpdates)
         timer->cancel();
 }
 
-/// Another thread cancels it, and the queue hears of that, just before it enters.
-class CancelledOnTheWayIn final : public CXDispatchSource {
-public:
-    explicit CancelledOnTheWayIn(const TestQueue& queue) : _testQueue(queue) {}
-    ~CancelledOnTheWayIn() override = default;
-    bool isOnTheQueue = false;
-
-private:
-    void _enter(CXDispatchQueue& /*queue*/) override
-    {
-        std::thread([this] { cancel(); }).join();
-        _testQueue.settle();
-        isOnTheQueue = true;
-    }
-    void _leave(CXDispatchQueue& /*queue*/) override { isOnTheQueue = false; }
-    const TestQueue& _testQueue;
-};
-
-TEST(CXDispatchSource, staysOnNoQueueWhenItIsCancelledOnTheWayIn)
+// Two queues, of which one adopts the other's timer while a third thread cancels it: none waits for another, and the
+// timer is on no queue afterwards.
+TEST(CXDispatchSource, endsOnNoQueueWhenItIsCancelledWhileItMoves)
 {
-    const TestQueue queue;
-    const auto source = CXRef<CancelledOnTheWayIn>::adopt(new CancelledOnTheWayIn(queue));
-    source->setDispatchQueue(queue.ref());
-    EXPECT_FALSE(source->isOnTheQueue);
-    EXPECT_FALSE(source->queue());
+    const TestQueue first;
+    const TestQueue second;
+    const TestQueue canceller;
+    for (int round = 0; round < 3000; ++round) {
+        CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+        const CXWeak<CXDispatchTimer> weak(timer);
+        timer->setDispatchQueue(first.ref());
+        std::atomic<int> ready{0};
+        const auto meet = [&ready](int pauses) {
+            ++ready;
+            for (int spins = 0; ready < 2; ++spins)
+                spins < 10'000 ? platform::BackOff::pause() : std::this_thread::yield();
+            for (int i = 0; i < pauses; ++i)
+                platform::BackOff::pause();
+        };
+        canceller->dispatchAsync([&, round] {
+            meet(round % 8);
+            timer->cancel();
+        });
+        second->dispatchSync([&, round] {
+            meet(round / 8 % 8);
+            try {
+                timer->setDispatchQueue(second.ref());
+            } catch (const CXException&) { // cancelled before it moved
+            }
+        });
+        for (const TestQueue* queue : {&canceller, &first, &second})
+            queue->settle();
+        ASSERT_FALSE(timer->queue()) << round;
+        timer = nullptr;
+        ASSERT_FALSE(weak.lock()) << "a queue still has it, round " << round;
+    }
 }
 
 TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
@@ -425,18 +476,83 @@ TEST(CXDispatchReceiver, hearsOfADescriptorAsLongAsItIsReadable)
     close(ends[1]);
 }
 
-TEST(CXThreadSetRealtime, saysWhenItIsRefused)
+// The message arrives while its queue is borrowed, so that the queue's thread is awake but may not deliver it yet.
+TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const CXRef<platform::Port> ports[] = {platform::Port::init(),
+                                           platform::Port::initWithDescriptor(ends[0])};
+    for (const CXRef<platform::Port>& port : ports) {
+        const bool isDescriptor = port == ports[1];
+        const TestQueue first;
+        const TestQueue second;
+        const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
+        std::promise<bool> wasOnSecond;
+        receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>& self, std::span<const std::byte>) {
+            self->cancel();
+            wasOnSecond.set_value(second->isDispatchedOnCurrentThread());
+        });
+        receiver->setDispatchQueue(first.ref());
+        first->dispatchSyncBypass([&] {
+            if (isDescriptor)
+                EXPECT_EQ(write(ends[1], "x", 1), 1);
+            else
+                EXPECT_EQ(port->send({}), platform::Port::SendResult::Sent);
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(50)); // for the first queue's thread to wake
+            receiver->setDispatchQueue(nullptr);
+            receiver->setDispatchQueue(isDescriptor ? nullptr : second.ref());
+        });
+        first.settle();
+        if (isDescriptor)
+            receiver->setDispatchQueue(second.ref());
+        std::future<bool> result = wasOnSecond.get_future();
+        ASSERT_EQ(result.wait_for(std::chrono::seconds(20)), std::future_status::ready)
+            << "descriptor: " << isDescriptor;
+        EXPECT_TRUE(result.get()) << "descriptor: " << isDescriptor;
+        second.settle();
+    }
+    ports[1]->close();
+    close(ends[0]);
+    close(ends[1]);
+}
+
+/// Whether the thread runs under real-time scheduling, or a refusal was logged.
+bool isSettled(pthread_t thread, const CapturedLog& log)
+{
+    int policy = SCHED_OTHER;
+    sched_param parameters{};
+    pthread_getschedparam(thread, &policy, &parameters);
+    return (policy & ~SCHED_RESET_ON_FORK) != SCHED_OTHER || !log.lines().empty();
+}
+
+TEST(CXDispatchQueue, isRealTimeWhenSetRealTimeReturnsThoughItIsBorrowedAndATimerIsAlwaysDue)
 {
     const CapturedLog log;
     const TestQueue queue;
-    int policy = SCHED_OTHER;
-    queue->setRealTime();
-    queue->dispatchSync([&] { policy = sched_getscheduler(0) & ~SCHED_RESET_ON_FORK; });
-    if (policy == SCHED_OTHER) {
-        EXPECT_EQ(log.lines(), std::vector<std::string>{"thread_policy_set returned 1 for period 1000000"});
-    } else {
-        EXPECT_TRUE(log.lines().empty());
-    }
+    const CXRef<CXDispatchTimer> restless = CXDispatchTimer::init();
+    restless->setTimeoutHandler([](const CXRef<CXDispatchTimer>& self) { self->setTimeoutAbsolute(1, 0); });
+    restless->setTimeoutAbsolute(1, 0);
+    std::thread other;
+    while (queue->owner() != 0)
+        std::this_thread::yield();
+    queue->dispatchSyncBypass([&] {
+        restless->setDispatchQueue(queue.ref());
+        other = std::thread([&] {
+            queue->setRealTime();
+            EXPECT_TRUE(isSettled(queue->thread(), log));
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the other thread to push
+    });
+    other.join();
+    restless->cancel();
+
+    const CapturedLog laterLog;
+    const TestQueue later;
+    later->dispatchSyncBypass([&] { later->setRealTime(); }); // cannot wait for the queue's own thread
+    later.settle();
+    EXPECT_TRUE(isSettled(later->thread(), laterLog));
 }
 
 // Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait.
