@@ -142,6 +142,8 @@ private:
     ~Pooled() override = default;
 };
 
+struct alignas(64) Aligned final : CXTFAObject {};
+
 TEST(CXTFAObject, takesItsMemoryFromTheFastAllocatorAndGivesItBack)
 {
     const void* where = nullptr;
@@ -152,6 +154,8 @@ TEST(CXTFAObject, takesItsMemoryFromTheFastAllocatorAndGivesItBack)
         where = object.get();
         std::memset(object->bytes, 7, sizeof object->bytes);
     }
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(addressOf(CXRef<Aligned>::adopt(new Aligned).get()) % alignof(Aligned), 0U);
 }
 
 #ifndef DXR_SANITIZED // the sanitizers touch pages of their own and do not fit into a limited address space

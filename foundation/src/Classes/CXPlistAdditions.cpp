@@ -60,8 +60,7 @@ bool isEqualNumber(const CXPlist& value, const CXPlist& other)
 {
     if (!isNumber(other) && !other.is_string())
         return false;
-    if (value == other)
-        return true;
+    // Not by ==, to which the largest unsigned number and -1 are the same.
     const double a = CXDoubleValue(value);
     const double b = CXDoubleValue(other);
     if (isNumber(other) && (a == b || (std::isnan(a) && std::isnan(b))))
