@@ -5,6 +5,7 @@
 #include "CXTimeBase.h"
 #include "CXWeak.h"
 #include "CapturedLog.h"
+#include "Privileges.h"
 
 #include <gtest/gtest.h>
 
@@ -553,6 +554,19 @@ TEST(CXDispatchQueue, isRealTimeWhenSetRealTimeReturnsThoughItIsBorrowedAndATime
     later->dispatchSyncBypass([&] { later->setRealTime(); }); // cannot wait for the queue's own thread
     later.settle();
     EXPECT_TRUE(isSettled(later->thread(), laterLog));
+}
+
+TEST(CXDispatchQueueDeathTest, logsARefusalOfRealTimeWithItsError)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto refused = [] {
+        giveUpPrivileges();
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+        const CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
+        queue->setRealTime();
+        std::exit(queue->realTimeGrant() == CXRealtimeGrant::None ? 0 : 1);
+    };
+    EXPECT_EXIT(refused(), testing::ExitedWithCode(0), "thread_policy_set returned 1 for period 1000000\n$");
 }
 
 // Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait.
