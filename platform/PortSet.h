@@ -37,9 +37,9 @@ public:
     std::optional<Received> takeMessage();
     /// Waits for the signal and takes it; messages stay where they are.
     void waitForSignal() noexcept;
-    /// Raises the signal. False when the set is closed: nobody will see it.
+    /// Raises the signal. False when the set is closed.
     bool signal() noexcept CX_REALTIME;
-    /// Refuses signals from now on, forgets its ports' messages. Whether a signal had come that nobody took.
+    /// Refuses signals from now on, forgets its ports' messages. Whether a signal was pending.
     bool close();
 
     /// `port` leaves the set it belongs to, if any, and enters this one.
@@ -60,7 +60,7 @@ private:
     /// Waits until one of `bits` is up; false at the deadline.
     bool _sleepUntil(uint32_t bits, uint64_t deadlineTicks) noexcept;
 
-    // The word that the thread sleeps on. Whoever has something to say raises a bit and, if the word says
+    // The word that the thread sleeps on. A sender raises a bit and, if the word says
     // that the thread sleeps and the bit is news, wakes it. The thread says that it sleeps by an exchange
     // from "none of my bits", so that a bit raised before is seen and one raised after changes the word under
     // the sleeper. One order for all of it, which is what makes closed against signalled a decision:

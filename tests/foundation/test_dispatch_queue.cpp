@@ -191,7 +191,7 @@ TEST(CXDispatchQueue, assertsItsRulesWithFileAndLine)
         std::string::npos);
 }
 
-// Where the assertion is raised as queue work, nobody can catch it.
+// Where the assertion is raised as queue work, it cannot be caught.
 TEST(CXDispatchQueueDeathTest, endsTheProcessAtABrokenRule)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -73,7 +73,7 @@ inline signal(isSent)
     }
 }
 
-/* Everything on the stack moves to the lanes, the oldest first. What hangs below the head is nobody else's. */
+/* Everything on the stack moves to the lanes, the oldest first. What hangs below the head is this thread's. */
 inline take_arrivals()
 {
     d_step {
@@ -255,7 +255,7 @@ proctype thread()
     do
     :: finished -> break
     :: else ->
-       /* Asleep. Only a signal or the timer ends it: nothing tells it that the queue is finished. */
+       /* Asleep. Only a signal or the timer ends it: it does not look whether the queue is finished. */
 end_asleep:
        if
        :: atomic { signalled -> signalled = false; become_owner() };

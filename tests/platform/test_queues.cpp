@@ -93,7 +93,7 @@ TEST(GlobalQueue, runsWorkSideBySide)
     std::promise<void> first;
     std::promise<void> second;
     GlobalQueue::highPriority().async([&] {
-        second.get_future().wait(); // would wait for ever on one thread
+        second.get_future().wait(); // would wait forever on one thread
         first.set_value();
     });
     GlobalQueue::highPriority().async([&] { second.set_value(); });

@@ -175,7 +175,7 @@ TEST(RealtimeScheduling, leavesTheProcessAsItWasWhenRealtimeKitRefuses)
     EXPECT_EQ(after.rlim_max, before.rlim_max) << "without privileges it could not be raised again";
 }
 
-TEST(RealtimeScheduling, goesOnWithoutWhereNobodyGrantsIt)
+TEST(RealtimeScheduling, goesOnWithoutAGrantWhereThereIsNoRealtimeKit)
 {
     giveUpPrivileges();
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);

@@ -101,7 +101,7 @@ private:
     //
     // Exactly one thread at a time has the right to drain, and only it runs work. The head of the stack of pending items
     // says where the right is:
-    //   null         nobody has it; the queue is idle
+    //   null         no thread has it; the queue is idle
     //   the mark     a thread has it, and nothing has arrived since it last took the stack
     //   an item      a thread has it, or will: items have arrived. The chain ends at null or at the mark.
     // Pushing is one exchange of the head. A push onto null takes the right along and must pass it on: to the queue's

@@ -29,7 +29,7 @@ inline constexpr uint32_t CXDispatchAfterCancel = 0x100;  ///< allowed once the 
 /// Threads:   any, unless a method says otherwise. A callback that throws ends the process.
 /// Real time: pushing asynchronous work made beforehand (making a CXBlock of a lambda allocates), as long as no
 ///            more than a thousand pieces wait in the whole process (TFA_reserve for 16 bytes prepares for
-///            more); and a bypass, which on an idle queue neither waits nor wakes anybody. The synchronous
+///            more); and a bypass, which on an idle queue neither waits nor wakes a thread. The synchronous
 ///            forms wait.
 /// Fails:     wrong use asserts, with "CXDispatchQueue" and a line: a lane other than 0 and 1, work for a
 ///            cancelled queue, waiting for the queue from itself.
@@ -58,7 +58,7 @@ public:
     /// Runs `block` on the queue some time after the call.
     void dispatchAsync(const Work& block) CX_REALTIME { dispatchAsync(CXDispatchClientLane, block); }
     void dispatchAsync(uint32_t flags, const Work& block) CX_REALTIME;
-    /// From the queue itself, runs `block` at once and answers true; from elsewhere as dispatchSync, and
+    /// From the queue itself, runs `block` at once and returns true; from elsewhere as dispatchSync, and
     /// false. Null does nothing.
     bool dispatchSyncImmed(BorrowedWork block) { return dispatchSyncImmed(CXDispatchClientLane, block); }
     bool dispatchSyncImmed(uint32_t flags, BorrowedWork block);
@@ -94,7 +94,7 @@ public:
     /// after the work that is there. Work allowed after that runs on whichever thread brings it.
     void cancel();
 
-    /// For CX_ASSERT_ON_QUEUE: tells the analysis what has just been checked.
+    /// For CX_ASSERT_ON_QUEUE: states to the analysis what has just been checked.
     void assumeCurrent() const noexcept CX_ASSERTS_QUEUE {}
 
 private:
@@ -119,7 +119,7 @@ private:
     CXDispatchTimerList _timers; // guarded by the right to drain
 };
 
-/// Asserts that the caller runs as work of `queue`, and tells the compiler's analysis so.
+/// Asserts that the caller runs as work of `queue`, and states so to the compiler's analysis.
 #define CX_ASSERT_ON_QUEUE(queue)                                                                            \
     ((queue)->isDispatchedOnCurrentThread()                                                                  \
          ? (queue)->assumeCurrent()                                                                          \

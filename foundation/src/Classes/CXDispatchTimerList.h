@@ -9,7 +9,7 @@
 #include <vector>
 
 /// The timers of a dispatch queue by deadline, equal deadlines in the order they were scheduled.
-/// Threads:   one at a time, with whatever guards the queue's work; firstDeadline() on any.
+/// Threads:   one at a time, with the right to run the queue's work; firstDeadline() on any.
 /// Real time: reschedule(), and fireDue() as the handlers are.
 /// Owns:      a reference to each timer, until it is removed.
 class CXDispatchTimerList {
@@ -51,6 +51,6 @@ private:
     Entry* _last = nullptr;
     uint64_t _pass = 0; // counts the calls of fireDue()
     // The first entry's. Read without the guard: it is only when to look, and a reader that misses a change to an earlier
-    // one is woken by whoever made it.
+    // one is woken by the thread that made it.
     std::atomic<uint64_t> _firstDeadline{platform::Futex::noDeadline};
 };

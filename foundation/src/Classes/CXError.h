@@ -11,7 +11,7 @@
 
 class CXException;
 
-/// An error as a value: a domain, a code, and what to tell the user.
+/// An error as a value: a domain, a code, and a message for the user.
 /// Threads: immutable, any.
 class DXR_EXPORT CXError final : public CXObject {
 public:

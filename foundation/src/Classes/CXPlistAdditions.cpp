@@ -29,9 +29,9 @@ int32_t intValue(const CXPlist& value)
     if (value.is_number_integer())
         return static_cast<int32_t>(static_cast<uint32_t>(value.get<int64_t>()));
     const double real = std::trunc(CXDoubleValue(value));
-    constexpr double least = std::numeric_limits<int32_t>::min();
-    constexpr double most = std::numeric_limits<int32_t>::max();
-    return std::isnan(real) ? 0 : static_cast<int32_t>(std::fmax(least, std::fmin(most, real)));
+    constexpr double min = std::numeric_limits<int32_t>::min();
+    constexpr double max = std::numeric_limits<int32_t>::max();
+    return std::isnan(real) ? 0 : static_cast<int32_t>(std::fmax(min, std::fmin(max, real)));
 }
 
 bool boolValue(const CXPlist& value)

@@ -42,8 +42,8 @@ constexpr size_t maxBytesMadePresent = size_t{256} * 1024;
 
 // The free blocks of every class: blocks of class k hold 2^k bytes.
 constinit AtomicStackPair gAllocationQueues[classCount];
-// Of every class's newest chunk the first block that was never used, 0 when none is left. Whoever takes one exchanges it
-// for the block behind it. A chunk stays with its class, so an address never comes back here. Release and acquire: the
+// Of every class's newest chunk the first block that was never used, 0 when none is left. The thread that takes it
+// exchanges it for the block behind it. A chunk stays with its class, so an address never comes back here. Release and acquire: the
 // chunk's first word is written before its blocks are seen.
 constinit std::atomic<uintptr_t> gUnusedBlocks[largestSmallClass + 1] = {};
 // The next chunk of the newest region, its address a multiple of the chunk size, plus the number of chunks that are left.
@@ -289,7 +289,7 @@ void TFASpentBlocks::add(void* block) noexcept
     _first = link;
     if (!_last)
         _last = link;
-    if (++_count == mostBlocks)
+    if (++_count == maxBlocks)
         giveBack();
 }
 
