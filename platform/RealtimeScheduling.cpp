@@ -104,7 +104,7 @@ struct Reply {
 
 Reply askFor(uint32_t priority, sd_bus* bus)
 {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     const int result = sd_bus_call_method(bus, serviceName, objectPath, serviceName, "MakeThreadRealtime",
                                           &error, nullptr, "tu", static_cast<uint64_t>(gettid()), priority);
     const bool isRefusal = sd_bus_error_has_name(&error, SD_BUS_ERROR_FAILED) == 0;
