@@ -43,7 +43,7 @@ private:
 
     void _main()
     {
-        if (platform::makeCurrentThreadRealtime() == platform::RealtimeOutcome::Refused)
+        if (platform::makeCurrentThreadRealtime().grant == platform::RealtimeGrant::None)
             platform::LogSink::log(
                 "No real-time scheduling for a simulated device: its cycles may come late");
         while (_waitUntilDue()) {
