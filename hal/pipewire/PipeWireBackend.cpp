@@ -18,12 +18,16 @@ constexpr std::chrono::milliseconds mostForEnumeration{2000};
 class PipeWireBackend::Engine final : PipeWireModel {
 public:
     Engine(PipeWireBackend& backend, const std::optional<std::string>& remote)
-        : _backend(backend), _enumerateUntil(std::chrono::steady_clock::now() + mostForEnumeration)
+        : _backend(backend), _enumerateUntil(std::chrono::steady_clock::now() + mostForEnumeration),
+          _loop([this, remote] {
+              PipeWireModel& model = *this;
+              _hardware = std::make_unique<PipeWireHardware>(_loop, model, remote);
+              _hardware->connect();
+          })
     {
-        _loop.post([this, remote] {
-            PipeWireModel& model = *this;
-            _hardware = std::make_unique<PipeWireHardware>(_loop, model, remote);
-            _hardware->connect();
+        _loop.post([this] {
+            if (!_hardware)
+                enumerated(); // without a loop there is nothing to wait for
         });
     }
     ~Engine()
