@@ -90,6 +90,13 @@ PipeWireNode* PipeWireDevice::node(HALDirection direction) const
     return serial == 0 ? nullptr : _mirror.node(serial);
 }
 
+bool PipeWireDevice::isPresent() const
+{
+    return std::ranges::all_of(std::array{_parts.sink, _parts.source}, [this](uint64_t serial) {
+        return serial == 0 || _mirror.node(serial) != nullptr;
+    });
+}
+
 std::vector<const PipeWirePort*> PipeWireDevice::_ports(HALDirection direction) const
 {
     const PipeWireNode* half = node(direction);
@@ -144,11 +151,9 @@ std::optional<PipeWireDevice::VolumePlace> PipeWireDevice::volumePlace(HALDirect
 HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
 {
     HALDeviceState state;
-    const PipeWireNode* half = node(HALDirection::Output);
-    if (!half)
-        half = node(HALDirection::Input);
-    if (!half)
+    if (!isPresent())
         return state;
+    const PipeWireNode* half = node(_parts.sink != 0 ? HALDirection::Output : HALDirection::Input);
     const PipeWireNodeProperties properties(half->properties(), card() ? &card()->properties() : nullptr);
     state.uid = _uid;
     state.name = pipeWireDeviceName(properties, _parts.isWholeCard);

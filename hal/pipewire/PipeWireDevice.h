@@ -11,7 +11,8 @@
 #include <optional>
 #include <string>
 
-/// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its IO.
+/// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its
+/// IO.
 /// Threads: the loop's.
 class PipeWireDevice {
 public:
@@ -42,7 +43,10 @@ public:
         return _nodeNames[static_cast<size_t>(direction)];
     }
 
-    /// Everything the HAL says of the device now.
+    /// Whether every node it is made of still exists. Between a node's removal and the lot of changes it is
+    /// part of, the device outlives it.
+    bool isPresent() const;
+    /// The state of the device now; an empty one when it is not present.
     HALDeviceState describe(const PipeWireClockSettings& settings);
     /// Null when the device has none in the direction, or it is gone.
     PipeWireNode* node(HALDirection direction) const;

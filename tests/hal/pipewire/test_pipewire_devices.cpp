@@ -237,6 +237,57 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     }));
 }
 
+// Whoever reads or listens while devices go finds each as it was, or gone: nothing in between.
+TEST_F(PipeWireDevices, goAllAtOnceWithoutAFalseValue)
+{
+    constexpr int count = 400;
+    const auto name = at(kAudioObjectPropertyName);
+    const auto uid = at(kAudioDevicePropertyDeviceUID);
+    std::atomic<size_t> falseValues{0}, announcements{0};
+    const HALListener listener{
+        nullptr, nullptr, [&](uint32_t, const AudioObjectPropertyAddress*) { ++announcements; }, nullptr};
+    MetadataView settings(devices.client(), "settings");
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < count; ++i)
+            devices.plug({.name = "sink" + std::to_string(i)});
+        ASSERT_TRUE(eventually([&] { return readDevices(*hal).size() == count; }));
+        std::atomic<uint64_t> cycles{0};
+        std::vector<std::unique_ptr<RunningProc>> procs;
+        for (const AudioObjectID device : readDevices(*hal)) {
+            for (const auto& address :
+                 {name, uid, at(kAudioDevicePropertyTransportType), at(kAudioDevicePropertyStreams, output)})
+                EXPECT_EQ(hal->addListener(device, address, listener), 0);
+            if (procs.size() < 20)
+                procs.push_back(std::make_unique<RunningProc>(*hal, device, [&](auto...) { ++cycles; }));
+        }
+        EXPECT_TRUE(eventually([&] { return cycles > 1000; }));
+        std::atomic<bool> done{false};
+        std::thread reader([&] {
+            while (!done)
+                for (const AudioObjectID device : readDevices(*hal)) {
+                    const auto channels =
+                        readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams, output)).size();
+                    const bool isFalse = readText(*hal, device, uid) == "" ||
+                                         readText(*hal, device, name) == "" ||
+                                         (channels == 0 && readText(*hal, device, uid).has_value());
+                    falseValues += isFalse ? 1 : 0;
+                }
+        });
+        std::thread user([&] { // stops IO on devices that go just then
+            for (auto& proc : procs)
+                proc.reset();
+        });
+        devices.unplugAll();
+        settings.set("clock.force-quantum", round % 2 == 0 ? "256" : "0"); // which changes every device
+        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+        done = true;
+        user.join();
+        reader.join();
+    }
+    EXPECT_EQ(falseValues, 0U);
+    EXPECT_EQ(announcements, 0U);
+}
+
 double processorMilliseconds()
 {
     timespec used{};
