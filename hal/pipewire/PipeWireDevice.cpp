@@ -102,6 +102,8 @@ std::vector<const PipeWirePort*> PipeWireDevice::_ports(HALDirection direction) 
     const PipeWireNode* half = node(direction);
     if (!half)
         return {};
+    if (_parts.isMonitor)
+        return half->monitorPorts();
     return direction == HALDirection::Output ? half->playbackPorts() : half->capturePorts();
 }
 
@@ -128,14 +130,16 @@ uint32_t PipeWireDevice::mostFrames(const PipeWireClockSettings& settings) const
 std::optional<uint32_t> PipeWireDevice::cardDevice(HALDirection direction) const
 {
     const PipeWireNode* half = node(direction);
-    return half && card() ? half->properties().number("card.profile.device") : std::nullopt;
+    return half && card() && !_parts.isMonitor ? half->properties().number("card.profile.device")
+                                               : std::nullopt;
 }
 
 std::optional<PipeWireDevice::VolumePlace> PipeWireDevice::volumePlace(HALDirection direction) const
 {
     const PipeWireNode* half = node(direction);
     // A duplex node has one volume, and it is that of what is played.
-    if (!half || (half->kind() == PipeWireNode::Kind::Duplex && direction == HALDirection::Input))
+    if (!half || _parts.isMonitor ||
+        (half->kind() == PipeWireNode::Kind::Duplex && direction == HALDirection::Input))
         return std::nullopt;
     if (const std::optional<uint32_t> device = cardDevice(direction)) {
         const std::optional<PipeWireRoute> route =
@@ -161,6 +165,11 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
     state.modelUID = pipeWireModelUID(properties);
     state.transportType = pipeWireTransportType(properties);
     state.isHidden = pipeWireIsHidden(half->properties());
+    if (_parts.isMonitor) {
+        state.name = "Monitor of " + state.name;
+        state.modelUID.reset(); // no input of another unit of the model stands in for it
+        state.isHidden = true;
+    }
     state.clockDomain = _clockDomain();
     state.sampleRates = _sampleRates(settings);
     state.nominalSampleRate = _nominalRate(settings, state.sampleRates);

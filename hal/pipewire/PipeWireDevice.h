@@ -13,6 +13,7 @@
 
 /// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its
 /// IO.
+/// The monitor of a sink is a device of its own, hidden and without a volume.
 /// Threads: the loop's.
 class PipeWireDevice {
 public:
@@ -22,6 +23,7 @@ public:
         uint64_t source = 0;
         uint64_t card = 0;
         bool isWholeCard = false; ///< a sink and a source of one card
+        bool isMonitor = false;   ///< the input is what is played to the sink that is `source`
         friend bool operator==(const Parts&, const Parts&) = default;
         friend auto operator<=>(const Parts&, const Parts&) = default;
     };

@@ -22,7 +22,7 @@ protected:
 };
 
 /// Makes devices of the server's nodes: of a card with one sink and one source one device, of every other node one
-/// of its own, each with a UID that no other has.
+/// of its own, each with a UID that no other has; and of each sink's monitor one that hides.
 /// A card's nodes come one after the other, and a node may come before its ports: what looks unfinished is kept
 /// back for a moment, lest clients see devices that are replaced at once.
 /// Threads: the loop's.
@@ -51,10 +51,15 @@ private:
 
     void _update(uint64_t serial, Patience patience);
     std::vector<PipeWireDevice::Parts> _partsOf(const PipeWireGroup& group) const;
-    bool _looksUnfinished(const PipeWireGroup& group, const PipeWireDevice::Parts& parts) const;
+    static const PipeWireDevice* _monitored(const Devices& devices, const PipeWireDevice::Parts& parts);
+    bool _looksUnfinished(const Devices& devices, const PipeWireGroup& group,
+                          const PipeWireDevice::Parts& parts) const;
+    const PipeWireNode* _nodeOf(const PipeWireDevice::Parts& parts) const;
     void _add(Devices& devices, const PipeWireGroup& group, const PipeWireDevice::Parts& parts);
     void _remove(const std::unique_ptr<PipeWireDevice>& device);
-    std::string _newUID(const PipeWireGroup& group, const PipeWireDevice::Parts& parts) const;
+    std::string _uniqueUID(const std::string& uid) const;
+    std::string _newUID(const Devices& devices, const PipeWireGroup& group,
+                        const PipeWireDevice::Parts& parts) const;
     std::string _nodeName(uint64_t serial) const;
     void _patienceEnded();
 

@@ -158,6 +158,50 @@ TEST_F(DxrOnPipeWire, playsARampThatComesBackExactlyFromTheMonitor)
     }
 }
 
+/// The first channel of a recording.
+std::vector<float> firstChannelOf(const std::string& path)
+{
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file)
+        return {};
+    const auto channels = static_cast<size_t>(info.channels);
+    std::vector<float> samples(static_cast<size_t>(info.frames) * channels);
+    sf_readf_float(file, samples.data(), info.frames);
+    sf_close(file);
+    for (size_t frame = 0; frame < samples.size() / channels; ++frame)
+        samples[frame] = samples[frame * channels];
+    samples.resize(samples.size() / channels);
+    return samples;
+}
+
+TEST_F(DxrOnPipeWire, recordsExactlyWhatASinkPlays)
+{
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "speakers", .properties = {{"node.description", "Speakers"}}});
+    devices.view("speakers").setVolumes({0.125F, 0.125F}); // which is the sink's affair
+    EXPECT_EQ(runTool({"list"}).output.find("Monitor of"), std::string::npos);
+    EXPECT_NE(runTool({"list", "--all"}).output.find("Monitor of Speakers"), std::string::npos);
+
+    constexpr int rate = 48000;
+    writeRamp(path("ramp.wav"), rate, rate);
+    ToolProcess record({"record", path("heard.wav"), "--in", "Monitor of Speakers"});
+    ASSERT_TRUE(record.waitFor("Monitor of Speakers ->")) << record.output() << record.errors();
+    const ToolResult played = runTool({"play", path("ramp.wav"), "--out", "Speakers", "--frames", "512"});
+    ASSERT_EQ(played.status, 0) << played.errors;
+    record.signal(SIGINT);
+    EXPECT_EQ(record.finish(), 0) << record.errors();
+    const std::vector<float> heard = firstChannelOf(path("heard.wav"));
+    const size_t lost =
+        static_cast<size_t>(numberBefore(played.output, "gap") + numberBefore(played.output, "underrun") +
+                            std::max(0L, numberBefore(record.output(), "gap")) +
+                            std::max(0L, numberBefore(record.output(), "overload")));
+    EXPECT_LE(breaksOf(heard), 2 * lost) << played.output << record.output();
+    if (lost == 0) {
+        EXPECT_EQ(std::ranges::count_if(heard, [](float sample) { return sample != 0.0F; }), rate);
+    }
+}
+
 TEST_F(DxrOnPipeWire, seesTheServerDieAndComeBack)
 {
     VirtualDevices devices(server.remote());
