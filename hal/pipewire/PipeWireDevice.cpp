@@ -201,6 +201,10 @@ HALDirectionState PipeWireDevice::_describe(HALDirection direction, const HALDev
     state.stereoChannels = stereoPair(ports);
     state.latencyFrames = latencyFrames(half->latency(direction == HALDirection::Output),
                                         device.nominalSampleRate, device.bufferFrameSize);
+    if (state.latencyFrames == 0 && !_parts.isMonitor)
+        state.latencyFrames = static_cast<uint32_t>(
+            std::lround(std::min(10.0, pipeWireNetworkSeconds({half->properties(), nullptr})) *
+                        device.nominalSampleRate));
     state.canBeDefault = !device.isHidden;
     _describeRoutes(direction, state);
 

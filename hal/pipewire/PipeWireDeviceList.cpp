@@ -33,7 +33,8 @@ void PipeWireDeviceList::forgetAll()
 void PipeWireDeviceList::enumerated()
 {
     _isEnumerated = true;
-    // By name, so that of several with equal UIDs each gets the same one again, whatever order they come in.
+    // By name, so that of several with equal UIDs each gets the same one again,
+    // whatever order they come in.
     std::vector<std::pair<std::string, uint64_t>> inOrder;
     for (const uint64_t serial : std::exchange(_waiting, {})) {
         const PipeWireGroup group = _mirror.group(serial);
@@ -137,7 +138,8 @@ std::vector<PipeWireDevice::Parts> PipeWireDeviceList::_partsOf(const PipeWireGr
     return all;
 }
 
-/// The device of the sink that the monitor of `parts` belongs to; null while that is kept back.
+/// The device of the sink that the monitor of `parts` belongs to; null while
+/// that is kept back.
 const PipeWireDevice* PipeWireDeviceList::_monitored(const Devices& devices,
                                                      const PipeWireDevice::Parts& parts)
 {
@@ -183,6 +185,34 @@ std::string PipeWireDeviceList::_uniqueUID(const std::string& uid) const
     return unique;
 }
 
+/// The group whose device has the UID that a newer device of `parts` is to
+/// have.
+std::optional<uint64_t> PipeWireDeviceList::_groupToDisplace(const std::string& uid,
+                                                             const PipeWireDevice::Parts& parts) const
+{
+    const auto holder = _byUID.find(uid);
+    if (parts.isMonitor || holder == _byUID.end() || !_isNewer(parts, *holder->second))
+        return std::nullopt;
+    for (const auto& [serial, devices] : _groups)
+        for (const std::unique_ptr<PipeWireDevice>& device : devices)
+            if (device.get() == holder->second)
+                return serial;
+    return std::nullopt;
+}
+
+/// Whether both are network devices, and the server made the one of `parts`
+/// after the other.
+bool PipeWireDeviceList::_isNewer(const PipeWireDevice::Parts& parts, const PipeWireDevice& other) const
+{
+    const PipeWireNode* newer = _nodeOf(parts);
+    const PipeWireNode* older = _nodeOf(other.parts());
+    const auto isNetwork = [](const PipeWireNode* node) {
+        return node && !node->cardID() && pipeWireIsNetwork({node->properties(), nullptr});
+    };
+    return isNetwork(newer) && isNetwork(older) &&
+           newer->properties().number("object.serial") > older->properties().number("object.serial");
+}
+
 std::string PipeWireDeviceList::_nodeName(uint64_t serial) const
 {
     const PipeWireNode* node = serial == 0 ? nullptr : _mirror.node(serial);
@@ -193,8 +223,14 @@ void PipeWireDeviceList::_add(Devices& devices, const PipeWireGroup& group,
                               const PipeWireDevice::Parts& parts)
 {
     const std::string uid = _newUID(devices, group, parts);
-    // A monitor has no node's name: the session manager names the sink itself where there is no source, and
-    // that does not make the monitor a default device.
+    const std::optional<uint64_t> displaced = _groupToDisplace(uid, parts);
+    if (displaced)
+        for (const std::unique_ptr<PipeWireDevice>& older : std::exchange(_groups.at(*displaced), {}))
+            _remove(older);
+
+    // A monitor has no node's name: the session manager names the sink itself
+    // where there is no source, and that does not make the monitor a default
+    // device.
     const std::string sourceName = parts.isMonitor ? std::string() : _nodeName(parts.source);
     PipeWireDevice& device = *devices.emplace_back(
         std::make_unique<PipeWireDevice>(_mirror, parts, _uniqueUID(uid), sourceName, _nodeName(parts.sink)));
@@ -204,6 +240,8 @@ void PipeWireDeviceList::_add(Devices& devices, const PipeWireGroup& group,
     _byUID[device.uid()] = &device;
     _client.deviceAppeared(device);
     _byID[device.objectID] = &device;
+    if (displaced)
+        _update(*displaced, Patience::None); // under other UIDs
 }
 
 void PipeWireDeviceList::_remove(const std::unique_ptr<PipeWireDevice>& device)

@@ -106,6 +106,7 @@ TEST(PipeWireNaming, mapsTheTransport)
          kAudioDeviceTransportTypeHDMI},
         {{{"device.api", "bluez5"}}, kAudioDeviceTransportTypeBluetooth},
         {{{"node.name", "raop_sink.livingroom"}}, kAudioDeviceTransportTypeAirPlay},
+        {{{"node.name", "raop-sink-12-1"}, {"node.virtual", "true"}}, kAudioDeviceTransportTypeAirPlay},
         {{{"node.network", "true"}}, kAudioDeviceTransportTypeNetwork},
         {{{"device.api", "alsa"}}, kAudioDeviceTransportTypeBuiltIn},
         {{{"node.virtual", "true"}}, kAudioDeviceTransportTypeVirtual},
@@ -113,6 +114,35 @@ TEST(PipeWireNaming, mapsTheTransport)
     };
     for (const auto& row : rows)
         EXPECT_EQ(pipeWireTransportType({row.node, nullptr}), row.transport) << row.node["device.bus"];
+}
+
+TEST(PipeWireNaming, findsTheLatencyOfANetworkNode)
+{
+    const struct {
+        const char* why;
+        PipeWireProperties node;
+        double seconds;
+    } rows[] = {
+        {"a receiver asks for cycles of half its buffer",
+         {{"node.network", "true"},
+          {"rtp.session", "A"},
+          {"media.class", "Audio/Source"},
+          {"node.latency", "1200/48000"}},
+         0.05},
+        {"a sender for those of a packet",
+         {{"node.network", "true"},
+          {"rtp.session", "A"},
+          {"media.class", "Audio/Sink"},
+          {"node.latency", "480/48000"}},
+         0.01},
+        {"as it says",
+         {{"node.network", "true"}, {"sess.latency.msec", "30"}, {"node.latency", "1/2"}},
+         0.03},
+        {"of another device it is only a wish", {{"node.latency", "1200/48000"}}, 0.0},
+        {"nonsense", {{"node.network", "true"}, {"node.latency", "1200/0"}}, 0.0},
+    };
+    for (const auto& row : rows)
+        EXPECT_DOUBLE_EQ(pipeWireNetworkSeconds({row.node, nullptr}), row.seconds) << row.why;
 }
 
 TEST(PipeWireText, keepsWhatIsUTF8AndReplacesTheRest)
