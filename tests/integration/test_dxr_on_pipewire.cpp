@@ -6,6 +6,7 @@
 #include <csignal>
 #include <sndfile.h>
 #include <sys/wait.h>
+#include <thread>
 
 namespace {
 
@@ -233,6 +234,52 @@ TEST_F(DxrOnPipeWire, seesTheServerDieAndComeBack)
     EXPECT_EQ(runTool({"play", path("ramp.wav"), "--out", "first"}).status, 0);
     watch.signal(SIGINT);
     EXPECT_EQ(watch.finish(), 0) << watch.errors();
+}
+
+/// How many objects of each type the server has, with the values of its metadata and the names of its nodes.
+std::map<std::string, int> serverContents()
+{
+    std::map<std::string, int> contents;
+    for (const json& object : json::parse(outputOf("pw-dump 2>/dev/null"))) {
+        ++contents[object.value("type", "")];
+        for (const json& entry : object.value("metadata", json::array()))
+            ++contents[entry.dump()];
+        ++contents[object.value("/info/props/node.name"_json_pointer, "")];
+    }
+    return contents;
+}
+
+bool comesTo(const std::map<std::string, int>& contents)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (serverContents() != contents)
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+    return true;
+}
+
+// Killed at any moment of a start: while nothing is asked yet, between a request and its answer, while sound runs.
+TEST_F(DxrOnPipeWire, leavesNothingOnTheServerWhenItIsKilled)
+{
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "sink", .channelCount = 8});
+    devices.plug({.name = "source", .mediaClass = "Audio/Source/Virtual", .channelCount = 8});
+    devices.view("sink"); // returns when the server has them all
+    const std::map<std::string, int> before = serverContents();
+    for (int round = 0; round < 16; ++round) {
+        const bool whileItHangs = round % 2 != 0;
+        ToolProcess loop({"loop", "--in", "source", "--out", "sink", "--rate", "96000", "--frames", "64"});
+        if (whileItHangs) {
+            ASSERT_TRUE(loop.waitFor("source ->")) << loop.errors();
+            std::this_thread::sleep_for(std::chrono::milliseconds(round));
+            server.hang(); // with requests of the start unread
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10 * round));
+        loop.signal(SIGKILL);
+        loop.finish();
+        server.resume();
+        ASSERT_TRUE(comesTo(before)) << "round " << round << "\n" << outputOf("pw-dump");
+    }
 }
 
 TEST_F(DxrOnPipeWire, stopsAtOnceWhenTheServerHangs)

@@ -82,9 +82,14 @@ protected:
         desk.run("from-others.conf <<");
         desk.begin("pipewire -c");
         studio.begin("pipewire -c");
+        const CXRef<PipeWireBackend> atTheStudio = PipeWireBackend::initWithRemote(studio.server.remote());
+        EXPECT_NE(waitForDevice(*atTheStudio, "to-desk"), kAudioObjectUnknown);
+        EXPECT_NE(waitForDevice(*hal, "Studio A"), kAudioObjectUnknown);
     }
 
     Machine studio{"studio"}, desk{"desk"};
+    const CXRef<PipeWireBackend> hal =
+        PipeWireBackend::initWithRemote(desk.server.remote()); // the desk's devices
 };
 
 void writeTone(const std::string& path, int seconds)
@@ -123,9 +128,7 @@ TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
                   .mediaClass = "Audio/Source/Virtual",
                   .channelCount = 1,
                   .properties = {{"node.description", "Desk Microphone"}}});
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(desk.server.remote());
-    const AudioObjectID first = waitForDevice(*hal, "Studio A");
-    ASSERT_NE(first, kAudioObjectUnknown);
+    const AudioObjectID first = deviceWithUID(*hal, "Studio A");
     EXPECT_EQ(readValue<uint32_t>(*hal, first, at(kAudioDevicePropertyTransportType)),
               kAudioDeviceTransportTypeNetwork);
     EXPECT_EQ(readValue<uint32_t>(*hal, first, at(kAudioDevicePropertyLatency, input)), 2400U) << "50 ms";
@@ -150,6 +153,38 @@ TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
     })) << "the new sender has the UID";
     EXPECT_NE(waitForDevice(*hal, "Studio A#2"), kAudioObjectUnknown) << "and the one left over another";
     EXPECT_EQ(deviceWithUID(*hal, "Studio A"), second);
+}
+
+/// From the slowest device of a report to the fastest; the one that leads is at 0.
+double spreadOfClocks(const std::string& report)
+{
+    double slowest = 0.0, fastest = 0.0;
+    for (size_t unit = report.find(" ppm"); unit != std::string::npos; unit = report.find(" ppm", unit + 1)) {
+        const double each = std::atof(report.c_str() + report.find_last_of(' ', unit - 1));
+        slowest = std::min(slowest, each);
+        fastest = std::max(fastest, each);
+    }
+    return fastest - slowest;
+}
+
+// What another machine plays goes to two sinks of this one, whose clocks differ. The network node follows one of them.
+TEST_F(SeveralMachines, driftIsFoundWhileOnePlaysWhatTheOtherSends)
+{
+    const char* const soak = std::getenv("DXR_SOAK_SECONDS");
+    const int seconds = soak ? std::atoi(soak) : 8;
+    const DriftingDevice fast(desk.server.remote(), "fast", DriftingDevice::Direction::Sink, 300.0);
+    const DriftingDevice slow(desk.server.remote(), "slow", DriftingDevice::Direction::Sink, -200.0);
+    writeTone(studio.server.folder() / "song.wav", seconds + 30);
+    studio.begin("dxr play");
+    setenv("PIPEWIRE_REMOTE", desk.server.remote().c_str(), 1);
+    const ToolResult loop = runTool({"loop", "--in", "Studio A", "--out", "fast", "--out", "slow", "--frames",
+                                     "512", "--seconds", std::to_string(seconds)},
+                                    std::chrono::seconds(seconds + 60));
+    studio.end(SIGINT);
+    EXPECT_EQ(loop.status, 0) << loop.errors;
+    std::printf("%s%s", loop.output.c_str(), loop.errors.c_str());
+    EXPECT_NEAR(spreadOfClocks(loop.output), 500.0, seconds >= 60 ? 1.0 : 150.0);
+    EXPECT_GE(fast.framesReceived(), 48000U * static_cast<uint64_t>(seconds) * 9 / 10);
 }
 
 } // namespace
