@@ -56,7 +56,7 @@ protected:
     ~PipeWireMirrorClient() = default;
 };
 
-/// The devices of the server as it tells of them: nodes, cards, ports, defaults and settings, kept up to
+/// The devices of the server: nodes, cards, ports, defaults and settings, kept up to
 /// date. One change costs the same however many objects there are.
 /// Threads: the loop's.
 class PipeWireMirror {

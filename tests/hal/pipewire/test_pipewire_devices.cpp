@@ -273,7 +273,7 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     }));
 }
 
-// Whoever reads or listens while devices go finds each as it was, or gone: nothing in between.
+// A read or a listener that meets devices as they go finds each as it was, or gone: nothing in between.
 TEST_F(PipeWireDevices, goAllAtOnceWithoutAFalseValue)
 {
     constexpr int count = 400;

@@ -145,23 +145,6 @@ TEST(PipeWireNaming, findsTheLatencyOfANetworkNode)
         EXPECT_DOUBLE_EQ(pipeWireNetworkSeconds({row.node, nullptr}), row.seconds) << row.why;
 }
 
-TEST(PipeWireText, keepsWhatIsUTF8AndReplacesTheRest)
-{
-    struct {
-        const char* bytes;
-        const char* text;
-    } const rows[] = {
-        {"plain \x1B[31m \xC3\xA9 \xF0\x9F\x8E\xA7", "plain \x1B[31m \xC3\xA9 \xF0\x9F\x8E\xA7"},
-        {"\xC3", "\xEF\xBF\xBD"},                                                 // cut short
-        {"\xC0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD"},                                 // longer than need be
-        {"\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},                 // half of a pair
-        {"\xF4\x90\x80\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"}, // beyond the last
-        {"a\xFFz", "a\xEF\xBF\xBDz"},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(pipeWireText(row.bytes), row.text);
-}
-
 TEST(PipeWireVolume, showsCubeRootsAndMovesAllChannelsInBalance)
 {
     PipeWireVolume volume;
