@@ -1,6 +1,7 @@
 #include "DXRAudioConverter.h"
 
 #include "CXErrorAdditions.h"
+#include "NumberText.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,7 +10,39 @@
 
 namespace {
 
-constexpr uint32_t headroomFrames = 16; // what a sampler may produce or need beyond the ratio of the rates
+constexpr uint32_t headroomFrames = 16;
+constexpr double maxBufferFrames = 1U << 30; // keeps every count within 32 bits
+
+/// Device frames that are read together: a sampler's read takes at least one frame of the other side, so a shorter cycle
+/// than one such frame is collected until there is a whole one.
+uint32_t framesReadTogether(uint32_t contextFrameCount, double convertedPerContext)
+{
+    const double convertedFrames = contextFrameCount * convertedPerContext;
+    if (contextFrameCount == 0 || convertedFrames >= 1)
+        return contextFrameCount;
+    const double cycles = std::ceil(1 / convertedFrames);
+    CX_ASSERT(cycles * contextFrameCount <= maxBufferFrames);
+    return static_cast<uint32_t>(cycles) * contextFrameCount;
+}
+
+/// The room in frames that each buffer needs. With D device frames a cycle, B read together, F frames a node cycle and r
+/// converted frames per device frame:
+///   - Output: a read takes at most B r + 2 frames, and the nodes add F while fewer are held: below B r + 2 + F.
+///   - Input alone: fewer than F frames stay, a write adds at most D r + r + 1.
+///   - Input with output: node cycles move F frames from one buffer to the other, so the sum of both changes only by
+///     writes, by reads, and by padding, after which the input is empty and the output holds fewer than F; at first both
+///     hold F / 2. From either moment on, frames written exceed frames read by what the two samplers' phases can differ:
+///     a writer's lies in 0 … r + 1 frames, a reader's in 0 … max(r, 2), and a read is up to B r < 2 behind where it is
+///     collected. Before the cycle's own read, D r more are there: at most F + D r + r + 1 + max(r, 2) + 2.
+/// All of it is at most F + ceil(B r) + 2 ceil(r) + 7. At equal rates no sampler has a phase.
+uint32_t bufferFramesNeeded(uint32_t framesTogether, uint32_t convertedFrameCount, double convertedPerContext)
+{
+    double frames = std::ceil(framesTogether * convertedPerContext) + convertedFrameCount + headroomFrames;
+    if (convertedPerContext != 1)
+        frames += 2 * std::ceil(convertedPerContext);
+    CX_ASSERT(frames <= maxBufferFrames);
+    return static_cast<uint32_t>(frames);
+}
 
 /// Copies `frameCount` frames between two lists of channels.
 void copyFrames(const std::vector<ausampler_iovec>& from, const std::vector<ausampler_iovec>& to,
@@ -55,6 +88,7 @@ DXRAudioConverter::initWithNodes(const Nodes nodes[2], const uint32_t channelCou
                                  uint32_t contextFrameCount, uint32_t convertedFrameCount)
 {
     CX_ASSERT(contextSampleRate > 0 && convertedSampleRate > 0);
+    CX_ASSERT(std::isfinite(contextSampleRate) && std::isfinite(convertedSampleRate));
     return CXRef<DXRAudioConverter>::adopt(new DXRAudioConverter(nodes, channelCounts, contextSampleRate,
                                                                  convertedSampleRate, contextFrameCount,
                                                                  convertedFrameCount));
@@ -68,11 +102,9 @@ DXRAudioConverter::DXRAudioConverter(const Nodes nodes[2], const uint32_t channe
       _convertedFrameCount(convertedFrameCount),
       _convertedSampleRate(convertedSampleRate), _contains{!nodes[INPUT].empty(), !nodes[OUTPUT].empty()}
 {
-    uint32_t contextFrames = contextFrameCount;
-    if (contextSampleRate != convertedSampleRate)
-        contextFrames =
-            static_cast<uint32_t>(std::ceil(contextFrameCount * convertedSampleRate / contextSampleRate));
-    _bufferFrameCountMax = contextFrames + convertedFrameCount + headroomFrames;
+    const double convertedPerContext = convertedSampleRate / contextSampleRate;
+    _framesReadTogether = framesReadTogether(contextFrameCount, convertedPerContext);
+    _bufferFrameCountMax = bufferFramesNeeded(_framesReadTogether, convertedFrameCount, convertedPerContext);
     for (const Direction direction : {INPUT, OUTPUT}) {
         _collectUsage(direction);
         _prepare(direction);
@@ -111,8 +143,12 @@ void DXRAudioConverter::_prepare(Direction direction)
         _samplers[direction] = ausampler_create(used);
         CX_ASSERT(_samplers[direction] != nullptr);
     }
+    if (direction == OUTPUT && _framesReadTogether != _contextFrameCount)
+        _collected.assign(size_t{used} * _framesReadTogether, 0);
     _deviceSide[direction].resize(used);
     _bufferSide[direction].resize(used);
+    if (direction == OUTPUT)
+        _collectedSide.resize(used);
     _nodeEntries[direction].assign(_contextChannelCounts[direction], DXRChannelEntry{nullptr, 0});
 }
 
@@ -154,14 +190,39 @@ void DXRAudioConverter::_giveOutput(const DXRChannelEntry* entries, uint32_t buf
 {
     _pointAtBuffer(OUTPUT, 0);
     _pointAtDevice(OUTPUT, entries);
-    if (_samplers[OUTPUT]) {
-        ausampler_read_iovec(_samplers[OUTPUT], _bufferSide[OUTPUT].data(), _deviceSide[OUTPUT].data(),
-                             _contextFrameCount, _convertedSampleRate, _contextSampleRate);
+    if (_framesReadTogether != _contextFrameCount) {
+        _giveCollectedOutput();
+    } else if (_samplers[OUTPUT]) {
+        _readOutput(_deviceSide[OUTPUT]);
     } else {
         CX_ASSERT(bufferFramesConsumed == _contextFrameCount);
         copyFrames(_bufferSide[OUTPUT], _deviceSide[OUTPUT], bufferFramesConsumed);
     }
     _dropFrames(OUTPUT, bufferFramesConsumed);
+}
+
+void DXRAudioConverter::_readOutput(const std::vector<ausampler_iovec>& to) noexcept
+{
+    ausampler_read_iovec(_samplers[OUTPUT], _bufferSide[OUTPUT].data(), to.data(), _framesReadTogether,
+                         _convertedSampleRate, _contextSampleRate);
+}
+
+/// The next cycle of what was read together, read when the last has been given out.
+void DXRAudioConverter::_giveCollectedOutput() noexcept
+{
+    const uint32_t used = _usageChannelCounts[OUTPUT];
+    const auto pointAtFrame = [&](uint32_t frame) {
+        for (uint32_t i = 0; i < used; ++i)
+            _collectedSide[i] = {_collected.data() + size_t{frame} * used + i, used * sizeof(float)};
+    };
+    if (_collectedFrames == 0) {
+        pointAtFrame(0);
+        _readOutput(_collectedSide);
+        _collectedFrames = _framesReadTogether;
+    }
+    pointAtFrame(_framesReadTogether - _collectedFrames);
+    copyFrames(_collectedSide, _deviceSide[OUTPUT], _contextFrameCount);
+    _collectedFrames -= _contextFrameCount;
 }
 
 uint32_t DXRAudioConverter::_performInput(uint64_t* sampleTime)
@@ -203,7 +264,9 @@ uint32_t DXRAudioConverter::_outputFramesNeeded() const noexcept
 {
     if (!_samplers[OUTPUT])
         return _contextFrameCount;
-    return ausampler_read_frames_in(_samplers[OUTPUT], _contextFrameCount, _convertedSampleRate,
+    if (_collectedFrames > 0)
+        return 0;
+    return ausampler_read_frames_in(_samplers[OUTPUT], _framesReadTogether, _convertedSampleRate,
                                     _contextSampleRate);
 }
 
@@ -296,16 +359,13 @@ std::string DXRAudioConverter::description() const
         detail += "input [" + joined(_usageMaps[INPUT]) + "]";
     if (_contains[OUTPUT])
         detail += (detail.empty() ? "" : ", ") + ("output [" + joined(_usageMaps[OUTPUT]) + "]");
-    char text[120];
-    if (_contextFrameCount != _convertedFrameCount) {
-        std::snprintf(text, sizeof text, ", frameCount: %u -> %u", _contextFrameCount, _convertedFrameCount);
-        detail += text;
-    }
-    if (_contextSampleRate != _convertedSampleRate) {
-        std::snprintf(text, sizeof text, ", sampleRate: %ghz -> %ghz", _contextSampleRate,
-                      _convertedSampleRate);
-        detail += text;
-    }
+    if (_contextFrameCount != _convertedFrameCount)
+        detail += ", frameCount: " + std::to_string(_contextFrameCount) + " -> " +
+                  std::to_string(_convertedFrameCount);
+    if (_contextSampleRate != _convertedSampleRate)
+        detail += ", sampleRate: " + numberText(_contextSampleRate) + "hz -> " +
+                  numberText(_convertedSampleRate) + "hz";
+    char text[60];
     std::snprintf(text, sizeof text, "<DXRAudioConverter: %p, ", static_cast<const void*>(this));
     return text + detail + ">";
 }

@@ -69,6 +69,8 @@ private:
 
     void _takeInput(const DXRChannelEntry* entries);
     void _giveOutput(const DXRChannelEntry* entries, uint32_t bufferFramesConsumed);
+    void _readOutput(const std::vector<ausampler_iovec>& to) noexcept;
+    void _giveCollectedOutput() noexcept;
     void _dropFrames(Direction direction, uint32_t frames) noexcept;
     const DXRChannelEntry* _nodeEntriesAt(Direction direction, uint32_t frame) noexcept;
     float* _bufferAt(Direction direction, uint32_t frame) const noexcept;
@@ -90,6 +92,13 @@ private:
     // Interleaved frames of the used channels; without a used channel there is no memory, only the count.
     std::vector<float> _buffers[2];
     ausampler* _samplers[2] = {};
+
+    // Device frames that one read makes: a cycle, or several where a cycle is worth less than one converted frame. Those
+    // are collected here, interleaved, _collectedFrames of them still to be given out.
+    uint32_t _framesReadTogether = 0;
+    uint32_t _collectedFrames = 0;
+    std::vector<float> _collected;
+    std::vector<ausampler_iovec> _collectedSide;
 
     // One entry per used channel, on the device and in the buffer; set anew for each move.
     std::vector<ausampler_iovec> _deviceSide[2], _bufferSide[2];

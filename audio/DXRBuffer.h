@@ -26,10 +26,11 @@ public:
 
     /// Forbidden: a buffer has a format. Fails an assertion.
     static CXRef<DXRBuffer> init();
-    /// frameCount * channelCount samples at `sampleRate` Hz, silent when `zeroFill`. Allocates.
+    /// frameCount * channelCount samples at `sampleRate` Hz, silent when `zeroFill`. Allocates. Null when there is no memory for so
+    /// many.
     static CXRef<DXRBuffer> initWithSampleRate(double sampleRate, uint32_t frameCount, uint32_t channelCount,
                                                bool zeroFill = true);
-    /// A copy of format and samples. Allocates.
+    /// A copy of format and samples. Allocates. Null when there is no memory.
     static CXRef<DXRBuffer> initWithBuffer(const DXRBuffer& buffer);
     /// initWithBuffer of this one.
     CXRef<DXRBuffer> copy() const { return initWithBuffer(*this); }
@@ -84,7 +85,7 @@ public:
     std::string description() const override;
 
 private:
-    DXRBuffer(double sampleRate, uint32_t frameCount, uint32_t channelCount);
+    DXRBuffer(double sampleRate, uint32_t frameCount, uint32_t channelCount, float* samples) noexcept;
     ~DXRBuffer() override;
 
     size_t _sampleCount() const noexcept { return size_t{_channelCount} * _frameCount; }

@@ -87,8 +87,9 @@ void DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount
         if (entry != 0 && std::ranges::find(_usageMap, entry) == _usageMap.end())
             _usageMap.push_back(entry);
     }
-    _channelMap = std::move(map);
     _buffer = DXRBuffer::initWithSampleRate(sampleRate, frameCount, static_cast<uint32_t>(_channels.size()));
+    if (_buffer)
+        _channelMap = std::move(map);
 }
 
 void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) noexcept

@@ -4,6 +4,7 @@
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
+#include "NumberText.h"
 #include "QDL.h"
 
 #include <algorithm>
@@ -470,8 +471,8 @@ void DXRDeviceRunner::_propertiesChanged()
 std::string DXRDeviceRunner::_stateSignature() const
 {
     char text[80];
-    std::snprintf(text, sizeof text, "%d@%u/%g", _running ? 1 : 0, frameCount(), sampleRate());
-    std::string signature = std::string(text) + "[";
+    std::snprintf(text, sizeof text, "%d@%u/", _running ? 1 : 0, frameCount());
+    std::string signature = text + numberText(sampleRate()) + "[";
     const char* separator = "";
     for (const auto& direction : _nodes) {
         auto nodes = direction;

@@ -91,6 +91,8 @@ public:
                 drain(_frame + k, channel, _out[size_t{k} * _channels + channel - 1]);
         _frame += _device.frames;
     }
+    /// What the nodes hear before the first input, and play.
+    void hears(float sample) { std::ranges::fill(_heard, sample); }
     /// What the device gives or takes in place of its streams.
     std::vector<DXRChannelEntry>& entries(size_t direction) { return _entries[direction]; }
 
@@ -117,16 +119,48 @@ private:
     uint64_t _frame = 0;
 };
 
-// Ten hours of audio through converters of all kinds. At equal rates the output is the input, late by one and
+// Every plausible format: nothing breaks, the nodes' time keeps to the ratio of the rates, and the level to what was
+// played, also where a device's cycle is worth less than one frame of the nodes.
+TEST(DXRAudioConverter, keepsTimeAndLevelInEveryFormat)
+{
+    constexpr double rates[] = {8000, 11025, 44100, 48000, 96000, 192000};
+    constexpr uint32_t frameCounts[] = {1, 16, 64, 256, 480, 1024};
+    for (const double deviceRate : rates)
+        for (const double clientRate : rates)
+            for (const uint32_t deviceFrames : frameCounts)
+                for (const uint32_t clientFrames : frameCounts)
+                    for (const auto& [hasInput, hasOutput] :
+                         {std::pair(true, true), {true, false}, {false, true}}) {
+                        Loop loop({deviceRate, deviceFrames}, {clientRate, clientFrames}, 1, {1}, hasInput,
+                                  hasOutput);
+                        loop.hears(0.5F); // what it plays without an input
+                        float peak = 0, last = 0;
+                        const uint32_t cycles = std::max(20U, 3000 / deviceFrames);
+                        for (uint32_t i = 0; i < cycles; ++i)
+                            loop.cycle([](uint64_t) { return 0.5F; },
+                                       [&](uint64_t, uint32_t, float sample) {
+                                           peak = std::max(peak, std::abs(sample));
+                                           last = sample;
+                                       });
+                        const double r = clientRate / deviceRate;
+                        const double due = static_cast<double>(cycles) * deviceFrames * r;
+                        const std::string format = loop.converter->description();
+                        ASSERT_NEAR(static_cast<double>(loop.sampleTime), due, clientFrames + 2 * r + 4)
+                            << format;
+                        if (hasOutput) {
+                            ASSERT_LT(peak, 0.8F) << format;
+                            ASSERT_NEAR(last, 0.5F, due > 4 * clientFrames + 100 ? 0.01F : 0.8F) << format;
+                        }
+                        ASSERT_FALSE(::testing::Test::HasFailure()) << format;
+                    }
+}
+
+// Half an hour of audio through converters of all kinds. At equal rates the output is the input, late by one and
 // the same number of frames; at other rates a tone stays a tone, so that no frame is lost or repeated at any
 // seam.
-TEST(DXRAudioConverter, runsForTenHoursInStep)
+TEST(DXRAudioConverter, runsInStep)
 {
-#ifdef DXR_SANITIZED
-    constexpr double wantedSeconds = 3'600;
-#else
-    constexpr double wantedSeconds = 36'000;
-#endif
+    constexpr double wantedSeconds = 1'800;
     constexpr double rates[] = {44100, 48000, 96000, 88200, 32000, 44100.5};
     Random random(42);
     double seconds = 0;
@@ -159,7 +193,7 @@ TEST(DXRAudioConverter, runsForTenHoursInStep)
             last = static_cast<double>(sample);
         };
         // A tone needs a sine a frame; the counts alone, and at equal rates every frame, are cheap.
-        const double wanted = isExact ? 60 : 3;
+        const double wanted = isExact ? 20 : 3;
         const auto cycles = static_cast<uint64_t>(wanted * device.rate / device.frames);
         for (uint64_t i = 0; i < cycles; ++i)
             loop.cycle(given, got);
@@ -190,7 +224,7 @@ TEST(DXRAudioConverter, runsWholeNodeCyclesAndKeepsTheRest)
     }
 }
 
-// The device gives half the frames that its output asks for, so that input runs short all the time.
+// The first read of the output takes more than the device has given.
 TEST(DXRAudioConverter, makesUpMissingInputFromTheOldestFrame)
 {
     int repeated = 0;
@@ -215,7 +249,7 @@ TEST(DXRAudioConverter, makesUpMissingInputFromTheOldestFrame)
         const DXRChannelEntry* const samples[2] = {&device[0], &device[1]};
         converter->performIOWithSampleTime(&time, samples);
     }
-    EXPECT_GT(repeated, 100);
+    EXPECT_GT(repeated, 0);
 }
 
 TEST(DXRAudioConverter, stepsADirectionWhoseNodesUseNoChannel)
