@@ -1,6 +1,7 @@
 #include "DXRAudioContext.h"
 
 #include "CXErrorAdditions.h"
+#include "CXFourCharCode.h"
 #include "DXRAudioAggregateContext.h"
 #include "DXRAudioTimerContext.h"
 #include "DXRDeviceRunner.h"
@@ -14,11 +15,10 @@
 
 namespace {
 
-constexpr std::nullptr_t nil = nullptr;
 constexpr uint32_t defaultFrameCount = 512;
 constexpr double defaultSampleRate = 44100.0;
 // Of one direction, on the stack of an IO thread: 16 bytes each. A device with more has them in its record.
-constexpr uint32_t mostStackEntries = 1024;
+constexpr uint32_t maxStackEntries = 1024;
 constexpr double ticksPerSecond =
     1e9 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
 
@@ -46,6 +46,12 @@ bool writeProperty(AudioObjectID deviceID, const AudioObjectPropertyAddress& add
            kAudioHardwareNoError;
 }
 
+/// " (status 'what')".
+std::string statusText(HALStatus status)
+{
+    return " (status '" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
+}
+
 /// The buffers of a list, which has as many as it says, whatever its declared bound.
 std::span<const AudioBuffer> buffersOf(const AudioBufferList* list)
 {
@@ -70,7 +76,8 @@ uint32_t frameCountOf(const AudioBuffer& buffer)
 // ---- Life
 
 CXRef<DXRAudioContext> DXRAudioContext::audioContextWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                               const DXRDeviceNodes& nodes)
+                                                               const DXRDeviceNodes& nodes,
+                                                               DXRDeviceRunnerError* error)
 {
     Viables viables;
     std::vector<std::string> deviceUIDs;
@@ -85,22 +92,36 @@ CXRef<DXRAudioContext> DXRAudioContext::audioContextWithRunner(const CXRef<DXRDe
             }
         }
     }
-    if (deviceUIDs.size() >= 2 && viables.size() > 1)
-        return DXRAudioAggregateContext::initWithRunner(runner, nodes, std::move(viables), deviceUIDs);
+    if (deviceUIDs.size() >= 2 && viables.size() > 1) {
+        HALStatus status = kAudioHardwareNoError;
+        auto context =
+            DXRAudioAggregateContext::initWithRunner(runner, nodes, std::move(viables), deviceUIDs, &status);
+        if (!context && error)
+            *error = {"", status, "cannot combine the devices" + statusText(status)};
+        return context;
+    }
     if (!viables.empty())
-        return initWithRunner(runner, nodes, std::move(viables));
+        return initWithRunner(runner, nodes, std::move(viables), deviceUIDs);
     return DXRAudioTimerContext::initWithRunner(runner, nodes, std::move(viables));
 }
 
 CXRef<DXRAudioContext> DXRAudioContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                       const DXRDeviceNodes& nodes, Viables viables)
+                                                       const DXRDeviceNodes& nodes, Viables viables,
+                                                       const std::vector<std::string>& deviceUIDs)
 {
     auto context = CXRef<DXRAudioContext>::adopt(new DXRAudioContext(runner, nodes, std::move(viables)));
-    for (const auto& direction : nodes) {
-        for (const CXRef<DXRDeviceNode>& node : direction) {
-            if (context->_deviceID == kAudioObjectUnknown && context->_viables.contains(node)) {
-                context->_deviceID = node->device()->deviceID();
-                context->_deviceUID = node->device()->deviceUID();
+    // An aggregate beside the one device that is there of its parts: the device itself, which carries both.
+    const auto isOneOf = [&](const CXRef<DXRDeviceNode>& node, bool isListed) {
+        return context->_viables.contains(node) &&
+               (!isListed || std::ranges::find(deviceUIDs, node->device()->deviceUID()) != deviceUIDs.end());
+    };
+    for (const bool isListed : {true, false}) {
+        for (const auto& direction : nodes) {
+            for (const CXRef<DXRDeviceNode>& node : direction) {
+                if (context->_deviceID == kAudioObjectUnknown && isOneOf(node, isListed)) {
+                    context->_deviceID = node->device()->deviceID();
+                    context->_deviceUID = node->device()->deviceUID();
+                }
             }
         }
     }
@@ -115,7 +136,7 @@ DXRAudioContext::DXRAudioContext(const CXRef<DXRDeviceRunner>& runner, const DXR
 // noexcept as it is, a broken promise ends the process here.
 DXRAudioContext::~DXRAudioContext() CX_UNCHECKED_QUEUE // nobody else has it any more
 {
-    CX_ASSERT(_iocontext == NULL); // NOLINT(modernize-use-nullptr): the text of the assertion
+    CX_ASSERT_SAYING(!_iocontext, "_iocontext == NULL");
 }
 
 std::string DXRAudioContext::description() const
@@ -133,9 +154,9 @@ std::string DXRAudioContext::description() const
 bool DXRAudioContext::start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    CX_ASSERT(_iocontext == nil);
+    CX_ASSERT_SAYING(!_iocontext, "_iocontext == nil");
     const CXRef<DXRAudioIOContext> record = _makeRecord();
-    if (AudioDeviceCreateIOProcIDWithBlock(
+    if (const HALStatus status = AudioDeviceCreateIOProcIDWithBlock(
             &record->procID, _deviceID, nullptr,
             [record, context = this](const AudioTimeStamp* now, const AudioBufferList* input,
                                      const AudioTimeStamp* inputTime, AudioBufferList* output,
@@ -143,26 +164,97 @@ bool DXRAudioContext::start()
                 _callback(*context, *record, now,
                           {hasSampleTime(inputTime) ? input : nullptr,
                            hasSampleTime(outputTime) ? output : nullptr});
-            }) != kAudioHardwareNoError) {
+            });
+        status != kAudioHardwareNoError) {
         record->forgetWork();
-        return false;
+        return _fail(status, "cannot use");
     }
-    for (const bool isInput : {true, false}) {
-        const size_t direction = isInput ? 0 : 1;
-        record->channels[direction] = QDLAudioDeviceChannelCount(_deviceID, isInput);
-        if (record->channels[direction] > mostStackEntries)
-            record->entries[direction].resize(record->channels[direction]);
-    }
+    _readStreams(*record);
+    _followLayouts();
     _listenForRate(*record);
     _askForFormat();
-    if (AudioDeviceStart(_deviceID, record->procID) != kAudioHardwareNoError) {
+    const HALStatus status = AudioDeviceStart(_deviceID, record->procID);
+    if (status != kAudioHardwareNoError) {
         _endCallback(*record, _deviceID);
-        return false;
+        _stopFollowingLayouts();
+        return _fail(status, "cannot start");
     }
     _iocontext = record;
-    _startIO();
+    if (!_startIO()) {
+        _iocontext = nullptr;
+        _endCallback(*record, _deviceID); // cycles are kept out, so none waits for this queue
+        _stopFollowingLayouts();
+        return false;
+    }
     record->unsafe.fetch_sub(1); // cycles may come in
     return true;
+}
+
+/// `text` is what was not possible with the device.
+bool DXRAudioContext::_fail(HALStatus status, std::string text)
+{
+    const CXRef<DXRDevice> device = _viables.size() == 1 ? (*_viables.begin())->device() : nullptr;
+    const std::string name = device ? "'" + device->displayName() + "'" : "the devices";
+    _error = {device ? device->deviceUID() : "", status, text + " " + name + statusText(status)};
+    return false;
+}
+
+void DXRAudioContext::_readStreams(DXRAudioIOContext& record) const
+{
+    for (const bool isInput : {true, false}) {
+        const size_t direction = isInput ? 0 : 1;
+        record.streamChannels[direction] = streamChannelCountsOf(_deviceID, isInput);
+        for (const uint32_t count : record.streamChannels[direction])
+            record.channels[direction] += count;
+        if (record.channels[direction] > maxStackEntries)
+            record.entries[direction].resize(record.channels[direction]);
+    }
+}
+
+DXRAudioContext::Layouts DXRAudioContext::_readLayouts() const
+{
+    Layouts layouts{channelLayoutOf(_deviceID, _deviceUID), {}};
+    // Whether the aggregate's own parts are there is for the hardware to make good, and for the runner by its devices.
+    for (ChannelPart& part : layouts.context)
+        part.isThere = true;
+    for (const CXRef<DXRDeviceNode>& node : _viables) {
+        if (node->device()->deviceID() != _deviceID)
+            layouts.nodes[node] = channelLayoutOf(node->device()->deviceID(), node->device()->deviceUID());
+    }
+    return layouts;
+}
+
+/// Starts anew when a part of an aggregate comes, goes or changes its channels: cycles cannot always see it.
+void DXRAudioContext::_followLayouts()
+{
+    std::set<AudioObjectID> aggregates{_deviceID};
+    for (const CXRef<DXRDeviceNode>& node : _viables) {
+        if (node->device()->isAggregate())
+            aggregates.insert(node->device()->deviceID());
+    }
+    for (const AudioObjectID aggregate : aggregates) {
+        for (const uint32_t selector :
+             {kAudioAggregateDevicePropertyComposition, kAudioAggregateDevicePropertyActiveSubDeviceList}) {
+            const AudioObjectPropertyAddress address{selector, kAudioObjectPropertyScopeGlobal,
+                                                     kAudioObjectPropertyElementMain};
+            _layoutListeners.push_back(_runner->propertyListenerWithObjectID(
+                aggregate, &address, CXRef<CXObject>(this),
+                [](const CXRef<CXObject>& target, const AudioObjectPropertyAddress*) {
+                    auto& context = static_cast<DXRAudioContext&>(*target);
+                    CX_ASSERT_ON_QUEUE(context._queue);
+                    if (context._iocontext && !(context._readLayouts() == context._layouts))
+                        context._runner->audioContextDidStopFromConfigChange();
+                }));
+            _layoutListeners.back()->start();
+        }
+    }
+    _layouts = _readLayouts();
+}
+
+void DXRAudioContext::_stopFollowingLayouts()
+{
+    for (const CXRef<DXRPropertyListener>& listener : std::exchange(_layoutListeners, {}))
+        listener->stop();
 }
 
 CXRef<DXRAudioIOContext> DXRAudioContext::_makeRecord()
@@ -198,12 +290,12 @@ void DXRAudioContext::_askForFormat()
         _setSampleRate(sampleRate);
 }
 
-void DXRAudioContext::_startIO()
+bool DXRAudioContext::_startIO()
 {
     CX_ASSERT_ON_QUEUE(_queue);
     uint32_t deviceFrameCount = 0;
     double deviceSampleRate = 0.0;
-    if (!_frameCount(&deviceFrameCount) || deviceFrameCount > DXRDeviceRunner::mostFrames)
+    if (!_frameCount(&deviceFrameCount) || deviceFrameCount > DXRDeviceRunner::maxFrames)
         deviceFrameCount = 0;
     if (!_sampleRate(&deviceSampleRate) || !QDLAudioDeviceSampleRateIsValid(deviceSampleRate))
         deviceSampleRate = 0.0;
@@ -222,17 +314,31 @@ void DXRAudioContext::_startIO()
             // What the node's device had when it was last looked at need not be what there is an entry for now.
             for (uint32_t& channel : map)
                 channel = !_iocontext || channel <= _iocontext->channels[direction] ? channel : 0;
-            node->startIOWithSampleRate(sampleRate, frameCount, map);
+            if (!node->startIOWithSampleRate(sampleRate, frameCount, map)) {
+                _stopIO();
+                _error = {node->device()->deviceUID(), kAudioHardwareNoError,
+                          "too many channels of '" + node->device()->displayName() + "' for buffers of " +
+                              std::to_string(frameCount) +
+                              " frames: " + std::to_string(node->channels().size())};
+                return false;
+            }
         }
     }
     _runner->audioContextDidStartWithSampleRate(sampleRate, frameCount);
+    return true;
 }
 
 std::vector<uint32_t> DXRAudioContext::_channelMapForNode(const CXRef<DXRDeviceNode>& node) const
 {
-    std::vector<uint32_t> map(node->device()->channelCount(), 0);
-    for (uint32_t channel = 1; channel <= map.size() && _viables.contains(node); ++channel)
-        map[channel - 1] = channel;
+    const uint32_t channelCount = node->device()->channelCount();
+    std::vector<uint32_t> map;
+    if (const auto layout = _layouts.nodes.find(node); layout != _layouts.nodes.end()) {
+        map = channelMapBetween(layout->second, _layouts.context, node->isInput());
+    } else if (_viables.contains(node)) {
+        for (uint32_t channel = 1; channel <= channelCount; ++channel)
+            map.push_back(channel);
+    }
+    map.resize(std::max<size_t>(map.size(), channelCount), 0);
     return map;
 }
 
@@ -245,6 +351,7 @@ void DXRAudioContext::stop()
         else
             record->keeper = CXRef<CXObject>(this);
     }
+    _stopFollowingLayouts();
     _stopIO();
 }
 
@@ -344,16 +451,12 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     CX_ASSERT_ON_QUEUE(_queue);
     DXRAudioIOContext& record = *_iocontext;
     const AudioBufferList* const lists[2] = {buffers.input, buffers.output};
-    uint32_t channels[2] = {}, frames[2] = {};
-    for (size_t direction = 0; direction < 2; ++direction) {
-        if (lists[direction])
-            _channelCount(&channels[direction], &frames[direction], lists[direction]);
-    }
-    const uint32_t frameCount = frames[0] != 0 ? frames[0] : frames[1];
+    const uint32_t inputFrames = lists[0] ? _frameCountOf(lists[0]) : 0;
+    const uint32_t frameCount = inputFrames != 0 || !lists[1] ? inputFrames : _frameCountOf(lists[1]);
     double sampleRate = 0.0;
     if (frameCount == 0 || !_followRate(record, sampleTime, &sampleRate))
         return;
-    if (!std::ranges::equal(channels, record.channels))
+    if (!_hasStreams(lists[0], record.streamChannels[0]) || !_hasStreams(lists[1], record.streamChannels[1]))
         return _leaveForNewLayout(record);
     if (frameCount != record.frameCount || sampleRate != record.sampleRate) {
         record.frameCount = frameCount;
@@ -367,7 +470,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     DXRChannelEntry* entries[2];
     for (size_t direction = 0; direction < 2; ++direction) {
         const size_t count = record.channels[direction];
-        entries[direction] = count > mostStackEntries
+        entries[direction] = count > maxStackEntries
                                  ? record.entries[direction].data()
                                  : static_cast<DXRChannelEntry*>(alloca(count * sizeof(DXRChannelEntry)));
         if (lists[direction])
@@ -458,19 +561,29 @@ void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOConte
     trace.write(traced);
 }
 
-void DXRAudioContext::_channelCount(uint32_t* channelCount, uint32_t* frameCount,
-                                    const AudioBufferList* streamBuffers)
+uint32_t DXRAudioContext::_frameCountOf(const AudioBufferList* streamBuffers)
 {
-    uint32_t channels = 0, frames = 0;
+    uint32_t frames = 0;
     for (const AudioBuffer& buffer : buffersOf(streamBuffers)) {
-        channels += buffer.numberChannels;
         if (frames == 0)
             frames = frameCountOf(buffer);
     }
-    if (channelCount)
-        *channelCount = channels;
-    if (frameCount)
-        *frameCount = frames;
+    return frames;
+}
+
+bool DXRAudioContext::_hasStreams(const AudioBufferList* streamBuffers,
+                                  std::span<const uint32_t> channelCounts)
+{
+    size_t stream = 0;
+    for (uint32_t i = 0; streamBuffers && i < streamBuffers->numberBuffers; ++i) {
+        const uint32_t channels = buffersOf(streamBuffers)[i].numberChannels;
+        if (channels == 0)
+            continue;
+        if (stream == channelCounts.size() || channelCounts[stream] != channels)
+            return false;
+        ++stream;
+    }
+    return stream == channelCounts.size();
 }
 
 void DXRAudioContext::_sampleBuffers(DXRChannelEntry* entries, uint32_t room, uint32_t frameCount,

@@ -57,9 +57,11 @@ public:
 
     static constexpr uint64_t noSampleTime = std::numeric_limits<uint64_t>::max();
 
-    std::atomic<uint32_t> unsafe{0};        ///< cycles, starts and stops under way
-    AudioDeviceIOProcID procID = nullptr;   ///< the callback
-    uint32_t channels[2] = {};              ///< of the device when it was installed, input and output
+    std::atomic<uint32_t> unsafe{0};      ///< cycles, starts and stops under way
+    AudioDeviceIOProcID procID = nullptr; ///< the callback
+    /// Of the device when it was installed, input and output: the channels of each stream, and all together.
+    std::vector<uint32_t> streamChannels[2];
+    uint32_t channels[2] = {};
     uint32_t frameCount = 0;                ///< of the device's last cycle
     double sampleRate = 0.0;                ///< the device's nominal rate as last read, Hz
     uint64_t lastSampleTime = noSampleTime; ///< the device's, of the last cycle

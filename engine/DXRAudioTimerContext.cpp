@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr std::nullptr_t nil = nullptr;
 constexpr uint32_t defaultFrameCount = 512;
 constexpr double defaultSampleRate = 44100.0;
 
@@ -26,7 +25,7 @@ CXRef<DXRAudioTimerContext> DXRAudioTimerContext::initWithRunner(const CXRef<DXR
 bool DXRAudioTimerContext::start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    CX_ASSERT(_timer == nil);
+    CX_ASSERT_SAYING(!_timer, "_timer == nil");
     _frames = _runner->frameCount() != 0 ? _runner->frameCount() : defaultFrameCount;
     _rate = _runner->sampleRate() != 0.0 ? _runner->sampleRate() : defaultSampleRate;
     _framesElapsed = 0;
@@ -44,8 +43,10 @@ bool DXRAudioTimerContext::start()
     _nextSampleTime = _frames * (now / _frames + 1);
     _timer->setDispatchQueue(_queue);
     _timer->setTimeoutAbsolute(auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime), 0);
-    _startIO();
-    return true;
+    if (_startIO())
+        return true;
+    stop();
+    return false;
 }
 
 void DXRAudioTimerContext::stop()

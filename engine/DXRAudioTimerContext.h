@@ -17,7 +17,6 @@ public:
                                                       const DXRDeviceNodes& nodes, Viables viables);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Timer; }
-    /// Always true.
     bool start() override;
     void stop() override;
 

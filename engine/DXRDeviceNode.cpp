@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr uint64_t mostSamples = uint64_t{1} << 26; // of a buffer: a quarter of a gigabyte
-
 /// For a block that threw: says so, and ends the process. Nothing is left to go on with: the cycle is lost, and so is
 /// what the block meant to do.
 [[noreturn]] void endOfThrowingBlock(const DXRDeviceNode& node, const char* what) noexcept
@@ -72,11 +70,13 @@ bool DXRDeviceNode::isViable() const
     return _ioblock && _device->isConnected();
 }
 
-void DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount,
+bool DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount,
                                           std::span<const uint32_t> channelMap)
 {
-    if (!_ioblock || uint64_t{frameCount} * _channels.size() > mostSamples)
-        return;
+    if (!_ioblock)
+        return true;
+    if (uint64_t{frameCount} * _channels.size() > maxSamples)
+        return false;
     const uint32_t deviceChannels = _device->channelCount();
     Channels map;
     _usageMap.clear();
@@ -88,8 +88,10 @@ void DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount
             _usageMap.push_back(entry);
     }
     _buffer = DXRBuffer::initWithSampleRate(sampleRate, frameCount, static_cast<uint32_t>(_channels.size()));
-    if (_buffer)
-        _channelMap = std::move(map);
+    if (!_buffer)
+        return false;
+    _channelMap = std::move(map);
+    return true;
 }
 
 void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) noexcept

@@ -14,6 +14,7 @@
 namespace {
 
 constexpr size_t notFound = std::numeric_limits<int64_t>::max();
+constexpr uint32_t firstPause = 100, longestPause = 10'000; // milliseconds, between starts that fail
 
 DXRDeviceManager& manager()
 {
@@ -31,6 +32,10 @@ CXRef<DXRDeviceRunner> DXRDeviceRunner::init()
         return nullptr;
     queue->setRealTime();
     auto runner = CXRef<DXRDeviceRunner>::adopt(new DXRDeviceRunner(std::move(queue)));
+    runner->_stopWork = [weak = CXWeak(*runner)] {
+        if (const CXRef<DXRDeviceRunner> self = weak.lock())
+            self->_stopRunning();
+    };
     runner->_kvo->updateAllValues();
     return runner;
 }
@@ -57,6 +62,7 @@ std::span<const DXRKVOProperty> DXRDeviceRunner::_observableProperties() noexcep
         DXRKVOProperty::of<&Runner::devices, &Runner::_kvo_devices>("devices"),
         DXRKVOProperty::of<&Runner::activeDevices, &Runner::_kvo_activeDevices>("activeDevices"),
         DXRKVOProperty::of<&Runner::isRunning, &Runner::_kvo_isRunning>("isRunning"),
+        DXRKVOProperty::of<&Runner::error, &Runner::_kvo_error>("error"),
     };
     return properties;
 }
@@ -76,7 +82,7 @@ double DXRDeviceRunner::sampleRate() const
 bool DXRDeviceRunner::setFrameCount(uint32_t frameCount)
 {
     CX_ASSERT_NOT_ON_QUEUE(_queue);
-    return frameCount <= mostFrames && _request(_frameCounts, frameCount, "frameCount");
+    return frameCount <= maxFrames && _request(_frameCounts, frameCount, "frameCount");
 }
 
 bool DXRDeviceRunner::setSampleRate(double sampleRate)
@@ -125,7 +131,7 @@ DXRDeviceRunner::Devices DXRDeviceRunner::activeDevices() const
         CX_ASSERT_ON_QUEUE(_queue);
         for (const auto& direction : _nodes) {
             for (const CXRef<DXRDeviceNode>& node : direction) {
-                if (_isViable(node))
+                if (_isActive(node))
                     devices.insert(node->device());
             }
         }
@@ -144,6 +150,9 @@ bool DXRDeviceRunner::addDevice(const CXRef<DXRDevice>& device, const std::optio
         if (_nodeForDevice(device, nullptr))
             return;
         const CXRef<DXRDeviceNode> node = DXRDeviceNode::nodeWithDevice(device, channels, ioblock);
+        const uint32_t frames = std::max(frameCountOfIO(), 1U);
+        if (uint64_t{frames} * node->channels().size() > DXRDeviceNode::maxSamples)
+            return;
         _stopDispatchStart([&] {
             _nodes[node->isInput() ? 0 : 1].push_back(node);
             node->setRunner(CXRef(this));
@@ -196,6 +205,18 @@ bool DXRDeviceRunner::isRunning() const
     return _kvo->isUpdateInProgress() ? _kvo_isRunning : _running.load();
 }
 
+DXRDeviceRunnerError DXRDeviceRunner::error() const
+{
+    if (_kvo->isUpdateInProgress())
+        return _kvo_error;
+    DXRDeviceRunnerError error;
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        error = _error;
+    });
+    return error;
+}
+
 void DXRDeviceRunner::start()
 {
     CX_ASSERT_NOT_ON_QUEUE(_queue);
@@ -218,7 +239,7 @@ void DXRDeviceRunner::start()
 void DXRDeviceRunner::stop()
 {
     if (_queue->isDispatchedOnCurrentThread())
-        _queue->dispatchAsync([self = CXRef(this)] { self->_stopRunning(); });
+        _queue->dispatchAsync(_stopWork);
     else
         _queue->dispatchSync([&] { _stopRunning(); });
 }
@@ -235,6 +256,8 @@ void DXRDeviceRunner::_stopRunning()
     _sampleRates[1] = 0.0;
     _sampleTime = 0;
     _contextNumber = 0;
+    _retryMilliseconds = 0;
+    _error = {};
     _running = false;
     _propertiesChanged();
 }
@@ -249,15 +272,46 @@ void DXRDeviceRunner::_start()
         for (const CXRef<DXRDeviceNode>& node : direction)
             node->device()->refreshIfChannelsChanged();
     }
-    _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes);
+    _error = {};
+    _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes, &_error);
     const bool isStarted = _context && _context->start();
+    if (_context)
+        _error = _context->error();
+    if (isStarted)
+        _retryMilliseconds = 0;
+    else
+        _retryLater();
     using enum DXRCycleRecord::Event;
     _traceContext(isStarted ? ContextStarted : ContextFailed, beginTicks);
+}
+
+void DXRDeviceRunner::_retryLater()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    _retryMilliseconds =
+        _retryMilliseconds == 0 ? firstPause : std::min(2 * _retryMilliseconds, longestPause);
+    _retryTimer = CXDispatchTimer::init();
+    if (!_retryTimer)
+        return;
+    _retryTimer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
+        const CXRef<DXRDeviceRunner> self = weak.lock();
+        if (!self || !self->_running)
+            return;
+        self->_stopDispatchStart(nullptr);
+        self->_propertiesChanged();
+    });
+    _retryTimer->setDispatchQueue(_queue);
+    constexpr uint64_t ticksPerMillisecond =
+        1'000'000 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
+    _retryTimer->setTimeoutAbsolute(
+        platform::HostClock::nowTicks() + _retryMilliseconds * ticksPerMillisecond, 0);
 }
 
 void DXRDeviceRunner::_stop()
 {
     CX_ASSERT_ON_QUEUE(_queue);
+    if (const CXRef<CXDispatchTimer> timer = std::exchange(_retryTimer, nullptr))
+        timer->cancel();
     const uint64_t beginTicks = platform::HostClock::nowTicks();
     if (_context)
         _context->stop();
@@ -295,8 +349,7 @@ void DXRDeviceRunner::audioContextDidStopFromConfigChange()
 
 void DXRDeviceRunner::_devicesChanged(const Devices& connected, const Devices& disconnected)
 {
-    DXRDeviceRunner* const strongSelf = this; // as the assertion calls it
-    CX_ASSERT(strongSelf->_running);
+    CX_ASSERT_SAYING(_running, "strongSelf->_running");
     CX_ASSERT_ON_QUEUE(_queue);
     if (!_shouldRestartForDevicesConnected(connected, disconnected))
         return;
@@ -309,7 +362,9 @@ bool DXRDeviceRunner::_shouldRestartForDevicesConnected(const Devices& connected
 {
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction) {
-            if ((_isViable(node) ? disconnected : connected).contains(node->device()))
+            const bool hasCome = connected.contains(node->device()),
+                       hasGone = disconnected.contains(node->device());
+            if (_error ? hasCome || hasGone : _isViable(node) ? hasGone : hasCome)
                 return true;
         }
     }
@@ -478,15 +533,15 @@ std::string DXRDeviceRunner::_stateSignature() const
         auto nodes = direction;
         std::ranges::sort(nodes, {}, [](const CXRef<DXRDeviceNode>& node) { return node->device(); });
         for (const CXRef<DXRDeviceNode>& node : nodes) {
-            const bool isViable = _isViable(node);
+            const bool isActive = _isActive(node);
             const Channels usageMap = node->usageMap();
-            std::snprintf(text, sizeof text, "%s%d@%lX(", separator, isViable ? 1 : 0,
+            std::snprintf(text, sizeof text, "%s%d@%lX(", separator, isActive ? 1 : 0,
                           reinterpret_cast<unsigned long>(node->device().get()));
             signature += text;
             separator = "";
             for (const uint32_t channel : node->channels()) {
                 const uint32_t index = channel - 1; // of channel 0 beyond every map
-                const bool isUsed = isViable && index < usageMap.size() && usageMap[index] != 0;
+                const bool isUsed = isActive && index < usageMap.size() && usageMap[index] != 0;
                 signature += separator + std::to_string(isUsed ? channel : 0);
                 separator = "/";
             }
@@ -494,5 +549,5 @@ std::string DXRDeviceRunner::_stateSignature() const
             separator = ":";
         }
     }
-    return signature + "]";
+    return signature + "]" + _error.text;
 }

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "CXDispatchQueue.h"
+#include "CXDispatchTimer.h"
 #include "DXRCycleTrace.h"
 #include "DXRDeviceManagerNotifier.h"
 #include "DXRDeviceNode.h"
+#include "DXRDeviceRunnerError.h"
 #include "DXRKVOHelper.h"
 #include "DXRPropertyListener.h"
 
@@ -18,15 +20,15 @@ class DXRAudioContext;
 ///
 /// Where neither was asked for, frame count and rate are those of the devices that IO starts with, 512 frames at
 /// 44100 Hz without any, and stay until stop().
-/// Observable keys, by kvo(): frameCount, sampleRate, devices, activeDevices, isRunning.
-/// Threads:   any. What changes the runner waits for its queue; on the queue, that is from its notifiers and, without any
-///            device, from IO blocks, it asserts, except stop(), which then is for later, setNotifier() and the device
-///            notifiers. Waiting for the queue while holding DXRDeviceManager::lock() may be for ever. Observers are
-///            called on the main thread.
-/// Real time: sampleTime(). IO blocks are called on the IO thread of a device, or on the queue, one at a time.
+/// Observable keys, by kvo(): frameCount, sampleRate, devices, activeDevices, isRunning, error.
+/// Threads:   any. What changes the runner waits for its queue; on the queue, that is from IO blocks and from its
+///            notifiers, it asserts, except stop(), which then takes effect a little later, setNotifier() and the device
+///            notifiers. Waiting for the queue while holding DXRDeviceManager::lock() can deadlock. Observers are called on
+///            the main thread.
+/// Real time: sampleTime(), and stop() from an IO block. IO blocks are called on the IO thread of a device, or on the queue, one at a time.
 /// Owns:      its devices' nodes, and while it runs itself: stop it before letting it go.
-/// Fails:     what cannot be done answers false. A device that refuses to start leaves the runner without IO until its
-///            devices next change.
+/// Fails:     what cannot be done returns false. A device that refuses to start leaves the runner without IO and with an
+///            error(); it is tried again after 0.1 s, then after pauses that double up to 10 s, and when devices change.
 class DXR_EXPORT DXRDeviceRunner final : public CXObject {
 public:
     using Devices = DXRDeviceManagerNotifier::Devices;
@@ -34,7 +36,7 @@ public:
     using Notifier = CXBlock<void()>;
     using DeviceNotifier = DXRDeviceManagerNotifier::Block;
     /// Of a cycle: far more than makes sense, and little enough for buffers to be made.
-    static constexpr uint32_t mostFrames = 1U << 20;
+    static constexpr uint32_t maxFrames = 1U << 20;
 
     /// Null when the system has no thread to give.
     static CXRef<DXRDeviceRunner> init();
@@ -43,7 +45,7 @@ public:
 
     uint32_t frameCount() const; ///< frames a cycle; 0 when nothing was asked for and it does not run
     double sampleRate() const;   ///< Hz; 0.0 as above
-    /// False while it runs, and for more than mostFrames. 0 leaves it to the devices.
+    /// False while it runs, and for more than maxFrames. 0 leaves it to the devices.
     bool setFrameCount(uint32_t frameCount);
     /// False while it runs, and for what is no rate (QDLAudioDeviceSampleRateIsValid()) but 0.0, which leaves it to the
     /// devices.
@@ -52,7 +54,8 @@ public:
     // -- Devices
 
     /// Adds a device with the block that is called for it; `channels`, from 1, are its preferred stereo channels if not
-    /// given. A running runner stops for a moment. False without a device or block, and when the device is there already.
+    /// given. A running runner stops for a moment. False without a device or block, when the device is there already, and
+    /// for more than DXRDeviceNode::maxSamples in one cycle.
     bool addDevice(const CXRef<DXRDevice>& device, const std::optional<Channels>& channels,
                    const DXRIOBlock& ioblock);
     /// Nothing happens when it is not there.
@@ -64,6 +67,8 @@ public:
     // -- Running
 
     bool isRunning() const;
+    /// Why there is no IO; an empty one when there is nothing wrong.
+    DXRDeviceRunnerError error() const;
     /// Nothing happens when it runs already.
     void start();
     /// No block is called once it has returned; called on the queue, it takes effect a little later. Nothing happens when
@@ -147,6 +152,12 @@ private:
     void _propertiesChanged();
     std::string _stateSignature() const CX_ON_QUEUE(_queue);
     bool _isViable(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
+    /// Viable, and its context has started.
+    bool _isActive(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue)
+    {
+        return !_error && _isViable(node);
+    }
+    void _retryLater() CX_ON_QUEUE(_queue);
 
     const CXRef<DXRKVOHelper> _kvo;
     // What observers were told last; written and read on the main thread.
@@ -155,6 +166,7 @@ private:
     std::optional<Devices> _kvo_devices;
     std::optional<Devices> _kvo_activeDevices;
     bool _kvo_isRunning = false;
+    DXRDeviceRunnerError _kvo_error;
 
     const CXRef<CXDispatchQueue> _queue;
     // Everything below is changed as work of the queue. What getters and cycles read too is atomic, each for itself.
@@ -172,6 +184,10 @@ private:
     DXRDeviceNodes _nodes;                            // not changed while a context has them
     std::string _signature CX_OWNED_BY_QUEUE(_queue); // of the state last published
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
-    DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
-    CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped
+    DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);     // the runner's own; empty while stopped
+    CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue);    // null while stopped
+    DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last start of a context
+    CXRef<CXDispatchTimer> _retryTimer CX_OWNED_BY_QUEUE(_queue); // null unless a start has failed
+    uint32_t _retryMilliseconds CX_OWNED_BY_QUEUE(_queue) = 0;    // the last pause; 0: none has failed
+    CXDispatchQueue::Work _stopWork; // made beforehand: an IO block may call stop()
 };

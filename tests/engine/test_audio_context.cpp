@@ -191,21 +191,69 @@ TEST_F(DXRAudioContextTest, givesACycleUpRatherThanWaitInACircle)
     EXPECT_EQ(calls, 2U);
 }
 
-TEST_F(DXRAudioContextTest, staysIdleWhenTheDeviceWillNotStart)
+TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
 {
+    const auto heard = std::make_shared<std::atomic<int>>(0);
     backend().hardware->failStarts(kAudioHardwareUnspecifiedError);
+    runner->removeDevice(device(true));
+    runner->setNotifier(nullptr, [heard] { ++*heard; });
     runner->start();
     EXPECT_TRUE(runner->isRunning());
     EXPECT_EQ(runner->frameCount(), 0U);
-    Cycle(0).run();
-    EXPECT_EQ(calls, 0U);
+    EXPECT_TRUE(runner->activeDevices().empty());
+    EXPECT_EQ(runner->error().deviceUID, "duplex");
+    EXPECT_EQ(runner->error().status, kAudioHardwareUnspecifiedError);
+    EXPECT_NE(runner->error().text.find("cannot start '"), std::string::npos) << runner->error().text;
+    const uint32_t registrations = backend().registrations;
+    while (backend().registrations < registrations + 2) // two tries that fail
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(*heard, 1) << "the same error is no news";
     backend().hardware->failStarts(0);
-    unplug();
-    plug();
-    EXPECT_EQ(runner->frameCount(), 512U) << "of the timer, which came first";
+    while (runner->error())
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    settle();
+    EXPECT_EQ(runner->frameCount(), frames);
+    EXPECT_EQ(runner->activeDevices().size(), 1U);
+    EXPECT_GE(*heard, 2);
+}
+
+// A hundred times the channels: more samples in a cycle than buffers hold.
+TEST_F(DXRAudioContextTest, refusesNodesThatNoBufferHolds)
+{
+    const auto channelsFor = [](uint64_t frameCount) {
+        return DXRDeviceRunner::Channels(DXRDeviceNode::maxSamples / frameCount + 1, 1);
+    };
+    const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
+    runner->removeDevice(device(false));
+    ASSERT_TRUE(runner->setFrameCount(1U << 20));
+    EXPECT_FALSE(runner->addDevice(device(false), channelsFor(1U << 20), idle)) << "known beforehand";
+    ASSERT_TRUE(runner->setFrameCount(0));
+    ASSERT_TRUE(runner->addDevice(device(false), channelsFor(1U << 20), idle));
+    ASSERT_TRUE(runner->setFrameCount(1U << 20));
+    runner->start();
+    EXPECT_EQ(runner->error().deviceUID, "duplex");
+    EXPECT_NE(runner->error().text.find("too many channels"), std::string::npos) << runner->error().text;
+    EXPECT_TRUE(runner->activeDevices().empty());
+    unplug(); // nor by the timer
+    EXPECT_TRUE(runner->error());
+}
+
+// One stream of four channels in place of two of two, and the other way round.
+TEST_F(DXRAudioContextTest, restartsForAnotherSplitOfTheSameChannels)
+{
+    runner->start();
     Cycle(0).run();
-    Cycle(64).run();
-    EXPECT_EQ(runner->activeDevices().size(), 2U);
+    const uint32_t registrations = backend().registrations;
+    Cycle split(64);
+    struct {
+        uint32_t count;
+        AudioBuffer buffers[2];
+    } two{2, {{1, frames * 4, split.samples}, {1, frames * 4, split.samples + frames}}};
+    backend().callback(&split.now, reinterpret_cast<const AudioBufferList*>(&two), &split.inputTime,
+                       &split.output, &split.outputTime);
+    EXPECT_EQ(calls, 1U);
+    settle();
+    EXPECT_EQ(backend().registrations, registrations + 1);
 }
 
 } // namespace
