@@ -2,6 +2,7 @@
 
 #include "CXErrorAdditions.h"
 #include "NumberText.h"
+#include "RateConversion.h"
 
 #include <algorithm>
 #include <cmath>
@@ -85,19 +86,22 @@ DXRConverterNode::~DXRConverterNode() = default;
 CXRef<DXRAudioConverter>
 DXRAudioConverter::initWithNodes(const Nodes nodes[2], const uint32_t channelCounts[2],
                                  double contextSampleRate, double convertedSampleRate,
-                                 uint32_t contextFrameCount, uint32_t convertedFrameCount)
+                                 uint32_t contextFrameCount, uint32_t convertedFrameCount,
+                                 DXRConversionQuality quality)
 {
     CX_ASSERT(contextSampleRate > 0 && convertedSampleRate > 0);
     CX_ASSERT(std::isfinite(contextSampleRate) && std::isfinite(convertedSampleRate));
     return CXRef<DXRAudioConverter>::adopt(new DXRAudioConverter(nodes, channelCounts, contextSampleRate,
                                                                  convertedSampleRate, contextFrameCount,
-                                                                 convertedFrameCount));
+                                                                 convertedFrameCount, quality));
 }
 
 DXRAudioConverter::DXRAudioConverter(const Nodes nodes[2], const uint32_t channelCounts[2],
                                      double contextSampleRate, double convertedSampleRate,
-                                     uint32_t contextFrameCount, uint32_t convertedFrameCount)
-    : _nodes{nodes[INPUT], nodes[OUTPUT]}, _contextChannelCounts{channelCounts[INPUT], channelCounts[OUTPUT]},
+                                     uint32_t contextFrameCount, uint32_t convertedFrameCount,
+                                     DXRConversionQuality quality)
+    : _quality(quality), _nodes{nodes[INPUT], nodes[OUTPUT]}, _contextChannelCounts{channelCounts[INPUT],
+                                                                                    channelCounts[OUTPUT]},
       _contextFrameCount(contextFrameCount), _contextSampleRate(contextSampleRate),
       _convertedFrameCount(convertedFrameCount),
       _convertedSampleRate(convertedSampleRate), _contains{!nodes[INPUT].empty(), !nodes[OUTPUT].empty()}
@@ -114,11 +118,7 @@ DXRAudioConverter::DXRAudioConverter(const Nodes nodes[2], const uint32_t channe
     }
 }
 
-DXRAudioConverter::~DXRAudioConverter()
-{
-    for (ausampler* const sampler : _samplers)
-        ausampler_destroy(sampler);
-}
+DXRAudioConverter::~DXRAudioConverter() = default;
 
 void DXRAudioConverter::_collectUsage(Direction direction)
 {
@@ -140,8 +140,11 @@ void DXRAudioConverter::_prepare(Direction direction)
     _bufferFrameSizes[direction] = static_cast<uint32_t>(used * sizeof(float));
     _buffers[direction].assign(size_t{used} * _bufferFrameCountMax, 0);
     if (_contains[direction] && _contextSampleRate != _convertedSampleRate) {
-        _samplers[direction] = ausampler_create(used);
-        CX_ASSERT(_samplers[direction] != nullptr);
+        const bool isInput = direction == INPUT;
+        _conversions[direction] =
+            RateConversion::make(_quality, used, isInput ? _contextSampleRate : _convertedSampleRate,
+                                 isInput ? _convertedSampleRate : _contextSampleRate,
+                                 std::max(_bufferFrameCountMax, _framesReadTogether));
     }
     if (direction == OUTPUT && _framesReadTogether != _contextFrameCount)
         _collected.assign(size_t{used} * _framesReadTogether, 0);
@@ -170,18 +173,14 @@ void DXRAudioConverter::performIOWithSampleTime(uint64_t* sampleTime, const DXRC
 void DXRAudioConverter::_takeInput(const DXRChannelEntry* entries)
 {
     const uint32_t held = _bufferFrameCounts[INPUT];
-    ausampler* const sampler = _samplers[INPUT];
-    _bufferFrameCounts[INPUT] += sampler
-                                     ? ausampler_write_frames_out(sampler, _contextFrameCount,
-                                                                  _contextSampleRate, _convertedSampleRate)
-                                     : _contextFrameCount;
+    RateConversion* const conversion = _conversions[INPUT].get();
+    _bufferFrameCounts[INPUT] += conversion ? conversion->framesOut(_contextFrameCount) : _contextFrameCount;
     CX_ASSERT(_bufferFrameCounts[INPUT] <= _bufferFrameCountMax); // before anything is written
 
     _pointAtDevice(INPUT, entries);
     _pointAtBuffer(INPUT, held);
-    if (sampler)
-        ausampler_write_iovec(sampler, _deviceSide[INPUT].data(), _bufferSide[INPUT].data(),
-                              _contextFrameCount, _contextSampleRate, _convertedSampleRate);
+    if (conversion)
+        conversion->write(_deviceSide[INPUT].data(), _bufferSide[INPUT].data(), _contextFrameCount);
     else
         copyFrames(_deviceSide[INPUT], _bufferSide[INPUT], _contextFrameCount);
 }
@@ -192,7 +191,7 @@ void DXRAudioConverter::_giveOutput(const DXRChannelEntry* entries, uint32_t buf
     _pointAtDevice(OUTPUT, entries);
     if (_framesReadTogether != _contextFrameCount) {
         _giveCollectedOutput();
-    } else if (_samplers[OUTPUT]) {
+    } else if (_conversions[OUTPUT]) {
         _readOutput(_deviceSide[OUTPUT]);
     } else {
         CX_ASSERT(bufferFramesConsumed == _contextFrameCount);
@@ -203,8 +202,7 @@ void DXRAudioConverter::_giveOutput(const DXRChannelEntry* entries, uint32_t buf
 
 void DXRAudioConverter::_readOutput(const std::vector<ausampler_iovec>& to) noexcept
 {
-    ausampler_read_iovec(_samplers[OUTPUT], _bufferSide[OUTPUT].data(), to.data(), _framesReadTogether,
-                         _convertedSampleRate, _contextSampleRate);
+    _conversions[OUTPUT]->read(_bufferSide[OUTPUT].data(), to.data(), _framesReadTogether);
 }
 
 /// The next cycle of what was read together, read when the last has been given out.
@@ -262,12 +260,11 @@ uint32_t DXRAudioConverter::_performInputOutput(uint64_t* sampleTime)
 
 uint32_t DXRAudioConverter::_outputFramesNeeded() const noexcept
 {
-    if (!_samplers[OUTPUT])
+    if (!_conversions[OUTPUT])
         return _contextFrameCount;
     if (_collectedFrames > 0)
         return 0;
-    return ausampler_read_frames_in(_samplers[OUTPUT], _framesReadTogether, _convertedSampleRate,
-                                    _contextSampleRate);
+    return _conversions[OUTPUT]->framesIn(_framesReadTogether);
 }
 
 bool DXRAudioConverter::_performInputCallBack(uint64_t sampleTime, uint32_t* bufferFramesConsumed)

@@ -2,12 +2,16 @@
 
 #include "CXExport.h"
 #include "CXRef.h"
+#include "DXRConversionQuality.h"
 #include "DXRConverterNode.h"
 #include "ausampler.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+class RateConversion;
 
 /// Stands between a device, which runs at its own frame count and sample rate (the context side), and that
 /// device's nodes, which always see the frame count and rate they were promised (the converted side).
@@ -19,7 +23,7 @@
 /// entries.
 /// Threads:   one thread at a time, the IO thread of the context.
 /// Real time: performIOWithSampleTime; creation and description allocate.
-/// Owns:      its nodes, strongly, a buffer per direction and, between different rates, a sampler per
+/// Owns:      its nodes, strongly, a buffer per direction and, between different rates, a conversion per
 ///            direction.
 /// Fails:     a broken invariant is a failed assertion.
 class DXR_EXPORT DXRAudioConverter final : public CXObject {
@@ -29,9 +33,10 @@ public:
     /// `nodes` and `channelCounts` are pairs, input and output: the nodes, and how many channels the device
     /// has in the direction. Rates in Hz, above 0. Channel numbers of a node that the device does not have
     /// are left out.
-    static CXRef<DXRAudioConverter> initWithNodes(const Nodes nodes[2], const uint32_t channelCounts[2],
-                                                  double contextSampleRate, double convertedSampleRate,
-                                                  uint32_t contextFrameCount, uint32_t convertedFrameCount);
+    static CXRef<DXRAudioConverter>
+    initWithNodes(const Nodes nodes[2], const uint32_t channelCounts[2], double contextSampleRate,
+                  double convertedSampleRate, uint32_t contextFrameCount, uint32_t convertedFrameCount,
+                  DXRConversionQuality quality = DXRConversionQuality::Standard);
 
     uint32_t contextFrameCount() const noexcept { return _contextFrameCount; }     ///< of a device cycle
     uint32_t convertedFrameCount() const noexcept { return _convertedFrameCount; } ///< of a node cycle
@@ -52,7 +57,8 @@ private:
     enum Direction { INPUT = 0, OUTPUT = 1 };
 
     DXRAudioConverter(const Nodes nodes[2], const uint32_t channelCounts[2], double contextSampleRate,
-                      double convertedSampleRate, uint32_t contextFrameCount, uint32_t convertedFrameCount);
+                      double convertedSampleRate, uint32_t contextFrameCount, uint32_t convertedFrameCount,
+                      DXRConversionQuality quality);
     ~DXRAudioConverter() override;
 
     void _collectUsage(Direction direction);
@@ -77,6 +83,7 @@ private:
     void _pointAtDevice(Direction direction, const DXRChannelEntry* entries) noexcept;
     void _pointAtBuffer(Direction direction, uint32_t frame) noexcept;
 
+    const DXRConversionQuality _quality;
     const Nodes _nodes[2];
     const uint32_t _contextChannelCounts[2];
     const uint32_t _contextFrameCount;
@@ -91,7 +98,7 @@ private:
     uint32_t _bufferFrameSizes[2] = {}; // bytes
     // Interleaved frames of the used channels; without a used channel there is no memory, only the count.
     std::vector<float> _buffers[2];
-    ausampler* _samplers[2] = {};
+    std::unique_ptr<RateConversion> _conversions[2]; // between different rates
 
     // Device frames that one read makes: a cycle, or several where a cycle is worth less than one converted frame. Those
     // are collected here, interleaved, _collectedFrames of them still to be given out.

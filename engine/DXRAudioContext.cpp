@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <alloca.h>
 #include <cstdio>
+#include <iterator>
 
 namespace {
 
@@ -186,6 +187,8 @@ bool DXRAudioContext::start()
         _stopFollowingLayouts();
         return false;
     }
+    if (record->frameCount != 0)
+        _converterFor(*record);  // its filter is expensive to build: not in the first cycle
     record->unsafe.fetch_sub(1); // cycles may come in
     return true;
 }
@@ -218,8 +221,16 @@ DXRAudioContext::Layouts DXRAudioContext::_readLayouts() const
     for (ChannelPart& part : layouts.context)
         part.isThere = true;
     for (const CXRef<DXRDeviceNode>& node : _viables) {
-        if (node->device()->deviceID() != _deviceID)
-            layouts.nodes[node] = channelLayoutOf(node->device()->deviceID(), node->device()->deviceUID());
+        const DXRDevice& device = *node->device();
+        if (device.deviceID() == _deviceID)
+            continue;
+        ChannelLayout& layout = layouts.nodes[node];
+        if (device.isAggregate())
+            layout = channelLayoutOf(device.deviceID(), device.deviceUID());
+        else // as the context knows it: itself it may be gone
+            std::ranges::copy_if(
+                layouts.context, std::back_inserter(layout),
+                [uid = device.deviceUID()](const ChannelPart& part) { return part.uid == uid; });
     }
     return layouts;
 }
@@ -522,8 +533,9 @@ DXRAudioConverter* DXRAudioContext::_converterFor(DXRAudioIOContext& record) con
         DXRAudioConverter::Nodes nodes[2];
         for (size_t direction = 0; direction < 2; ++direction)
             nodes[direction].assign(_nodes[direction].begin(), _nodes[direction].end());
-        record.converter = DXRAudioConverter::initWithNodes(nodes, record.channels, record.sampleRate,
-                                                            sampleRate, record.frameCount, frameCount);
+        record.converter =
+            DXRAudioConverter::initWithNodes(nodes, record.channels, record.sampleRate, sampleRate,
+                                             record.frameCount, frameCount, _runner->conversionQuality());
     }
     return record.converter.get();
 }

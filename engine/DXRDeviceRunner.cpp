@@ -92,6 +92,18 @@ bool DXRDeviceRunner::setSampleRate(double sampleRate)
            _request(_sampleRates, sampleRate, "sampleRate");
 }
 
+bool DXRDeviceRunner::setConversionQuality(DXRConversionQuality quality)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    bool isAccepted = false;
+    _queue->dispatchSync([&] {
+        isAccepted = !_running;
+        if (isAccepted)
+            _conversionQuality = quality;
+    });
+    return isAccepted;
+}
+
 template <class Value>
 bool DXRDeviceRunner::_request(std::array<std::atomic<Value>, 2>& values, Value value, const char* key)
 {

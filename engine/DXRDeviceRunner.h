@@ -2,6 +2,7 @@
 
 #include "CXDispatchQueue.h"
 #include "CXDispatchTimer.h"
+#include "DXRConversionQuality.h"
 #include "DXRCycleTrace.h"
 #include "DXRDeviceManagerNotifier.h"
 #include "DXRDeviceNode.h"
@@ -50,6 +51,13 @@ public:
     /// False while it runs, and for what is no rate (QDLAudioDeviceSampleRateIsValid()) but 0.0, which leaves it to the
     /// devices.
     bool setSampleRate(double sampleRate);
+
+    /// How rates are converted where a device does not run at the runner's; Standard at first. False while it runs.
+    bool setConversionQuality(DXRConversionQuality quality);
+    DXRConversionQuality conversionQuality() const noexcept CX_REALTIME
+    {
+        return _conversionQuality.load(std::memory_order_relaxed);
+    }
 
     // -- Devices
 
@@ -174,7 +182,8 @@ private:
     Notifier _notifierBlock CX_OWNED_BY_QUEUE(_queue);
     std::array<std::atomic<uint32_t>, 2> _frameCounts{}; // requested, and in effect: 0 while stopped
     std::array<std::atomic<double>, 2> _sampleRates{};   // the same, in Hz
-    std::atomic<uint64_t> _sampleTime{0};                // written by cycles; by stop once there is none
+    std::atomic<DXRConversionQuality> _conversionQuality{DXRConversionQuality::Standard};
+    std::atomic<uint64_t> _sampleTime{0}; // written by cycles; by stop once there is none
     std::atomic<bool> _running{false};
     uint32_t _contextNumber = 0; // of contexts since start()
     DXRCycleRecord::Event _contextState =

@@ -14,19 +14,23 @@ TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
     constexpr uint64_t total = 100'000;
     const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init(61);
     std::atomic<bool> isWritten{false};
-    std::thread writer([&] {
+    std::atomic<uint64_t> read{0};
+    std::thread writer([&, seen = uint64_t{0}]() mutable {
         for (uint64_t i = 0; i < total; ++i) {
             DXRCycleRecord record;
             record.sampleTime = i;
             record.endTicks = ~i;
             trace->write(record);
-            if (i % 64 == 0)
+            if (i % 4096 != 100)
+                continue;
+            while (read == seen) // the reader has its turn, however busy the machine is
                 std::this_thread::yield();
+            seen = read;
         }
         isWritten = true;
     });
     std::vector<DXRCycleRecord> batch(17);
-    uint64_t read = 0, wrong = 0;
+    uint64_t wrong = 0;
     for (bool isOver = false; !isOver;) {
         isOver = isWritten; // what was written before this is seen below
         while (const size_t count = trace->read(batch)) {

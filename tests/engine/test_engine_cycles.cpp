@@ -242,7 +242,10 @@ TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
         EXPECT_EQ(heard, expected) << when;
         EXPECT_EQ(heardOfC, (std::vector<float>{0.75F, 0.75F})) << when;
     };
+    unplugged("a");
     runner->start();
+    expectHeard("started without the first part", {0, 0, 0.5F, 0.5F});
+    plugged(part("a", 0.25F));
     expectHeard("all there", {0.25F, 0.25F, 0.5F, 0.5F});
     unplugged("a");
     expectHeard("the first part absent", {0, 0, 0.5F, 0.5F});
@@ -261,10 +264,10 @@ TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
     plugged(aDevice().uid("a").outputs(2).outputs(2).clockDomain(1));
     plugged(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(0)));
     plugged(aDevice().uid("loop").inputs(2).clockDomain(1).hears(simulatedRamp()));
-    loop("loop", "b", {1, 2});
     ASSERT_TRUE(runner->addDevice(device("a", output), Channels{1, 2}, [](uint64_t, DXRBuffer& given) {
         std::fill_n(given.samples(), size_t{given.frameCount()} * 2, -1.0F);
     }));
+    loop("loop", "b", {1, 2});
     runner->start();
     hal.stepCycles(10);
     hal.reconfigure("a", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2); });
