@@ -1,6 +1,7 @@
 #include "DXRAudioConverter.h"
 
 #include "CXErrorAdditions.h"
+#include "HostClock.h"
 #include "NumberText.h"
 #include "RateConversion.h"
 
@@ -155,8 +156,33 @@ void DXRAudioConverter::_prepare(Direction direction)
     _nodeEntries[direction].assign(_contextChannelCounts[direction], DXRChannelEntry{nullptr, 0});
 }
 
-void DXRAudioConverter::performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2])
+uint64_t DXRCycleTimes::ticksAt(double first, double frames) const noexcept
 {
+    constexpr double ticksPerNanosecond =
+        double{platform::HostClock::nanosecondsDenominator} / platform::HostClock::nanosecondsNumerator;
+    const double nanoseconds = first + frames * framePeriod;
+    return framePeriod > 0 && nanoseconds > 0 ? static_cast<uint64_t>(nanoseconds * ticksPerNanosecond) : 0;
+}
+
+/// When the frame at that place of a buffer was, or will be, at the device.
+uint64_t DXRAudioConverter::_hostTimeOf(Direction direction, uint32_t frame) const noexcept
+{
+    const RateConversion* const conversion = _conversions[direction].get();
+    const double position = conversion ? conversion->nextPosition() : 0;
+    const double deviceFrames = _contextSampleRate / _convertedSampleRate; // of one converted frame
+    if (direction == INPUT) {
+        // The frame behind the last held one comes from `position` after this cycle's end.
+        const double missing = static_cast<double>(_bufferFrameCounts[INPUT]) - frame;
+        return _times.ticksAt(_times.input, _contextFrameCount + position - missing * deviceFrames);
+    }
+    // The next read begins `position` frames into the buffer, and is heard after what has been collected.
+    return _times.ticksAt(_times.output, _collectedFrames + (frame - position) * deviceFrames);
+}
+
+void DXRAudioConverter::performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2],
+                                                const DXRCycleTimes& times)
+{
+    _times = times;
     if (_convertedFrameCount == 0)
         return;
     if (_contains[INPUT])
@@ -273,8 +299,9 @@ bool DXRAudioConverter::_performInputCallBack(uint64_t sampleTime, uint32_t* buf
     if (_bufferFrameCounts[INPUT] - *bufferFramesConsumed < _convertedFrameCount)
         return false;
     const DXRChannelEntry* const entries = _nodeEntriesAt(INPUT, *bufferFramesConsumed);
+    const uint64_t hostTime = _hostTimeOf(INPUT, *bufferFramesConsumed);
     for (const CXRef<DXRConverterNode>& node : _nodes[INPUT])
-        node->performIOWithSampleTime(sampleTime, entries);
+        node->performIOWithSampleTime(sampleTime, entries, hostTime);
     *bufferFramesConsumed += _convertedFrameCount;
     return true;
 }
@@ -284,8 +311,10 @@ void DXRAudioConverter::_performOutputCallBack(uint64_t sampleTime)
     const DXRChannelEntry* const entries = _nodeEntriesAt(OUTPUT, _bufferFrameCounts[OUTPUT]);
     _bufferFrameCounts[OUTPUT] += _convertedFrameCount;
     CX_ASSERT(_bufferFrameCounts[OUTPUT] <= _bufferFrameCountMax); // before the nodes write
+    const uint64_t hostTime =
+        _hostTimeOf(OUTPUT, _bufferFrameCounts[OUTPUT]); // what a node makes now comes next
     for (const CXRef<DXRConverterNode>& node : _nodes[OUTPUT])
-        node->performIOWithSampleTime(sampleTime, entries);
+        node->performIOWithSampleTime(sampleTime, entries, hostTime);
 }
 
 void DXRAudioConverter::_slideInputBuffer(uint32_t bufferFramesConsumed)

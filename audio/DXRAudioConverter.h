@@ -4,6 +4,7 @@
 #include "CXRef.h"
 #include "DXRConversionQuality.h"
 #include "DXRConverterNode.h"
+#include "DXRCycleTimes.h"
 #include "ausampler.h"
 
 #include <cstdint>
@@ -46,8 +47,9 @@ public:
     /// One device cycle of contextFrameCount() frames. `sampleTime` is the nodes' time, in converted frames;
     /// it advances by convertedFrameCount() for every node cycle. `samples` is the pair of the device's
     /// channel entries, input and output, as many as `channelCounts` said; a null entry, or a null array, is
-    /// silence on input and ignored on output. Does nothing when a node cycle has no frames.
-    void performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2]) CX_REALTIME;
+    /// silence on input and ignored on output. Does nothing when a node cycle has no frames. `times` are the device's.
+    void performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2],
+                                 const DXRCycleTimes& times = {}) CX_REALTIME;
 
     /// "<DXRAudioConverter: address, input [1, 2], output [1, 2], frameCount: 512 -> 256, sampleRate: 44100hz
     /// -> 48000hz>", with what applies.
@@ -78,6 +80,7 @@ private:
     void _readOutput(const std::vector<ausampler_iovec>& to) noexcept;
     void _giveCollectedOutput() noexcept;
     void _dropFrames(Direction direction, uint32_t frames) noexcept;
+    uint64_t _hostTimeOf(Direction direction, uint32_t frame) const noexcept;
     const DXRChannelEntry* _nodeEntriesAt(Direction direction, uint32_t frame) noexcept;
     float* _bufferAt(Direction direction, uint32_t frame) const noexcept;
     void _pointAtDevice(Direction direction, const DXRChannelEntry* entries) noexcept;
@@ -106,6 +109,8 @@ private:
     uint32_t _collectedFrames = 0;
     std::vector<float> _collected;
     std::vector<ausampler_iovec> _collectedSide;
+
+    DXRCycleTimes _times; // of this cycle
 
     // One entry per used channel, on the device and in the buffer; set anew for each move.
     std::vector<ausampler_iovec> _deviceSide[2], _bufferSide[2];

@@ -5,6 +5,7 @@
 #include "DXRAudioAggregateContext.h"
 #include "DXRAudioTimerContext.h"
 #include "DXRDeviceRunner.h"
+#include "DeviceClock.h"
 #include "GlobalQueue.h"
 #include "HostClock.h"
 #include "QDL.h"
@@ -162,7 +163,7 @@ bool DXRAudioContext::start()
             [record, context = this](const AudioTimeStamp* now, const AudioBufferList* input,
                                      const AudioTimeStamp* inputTime, AudioBufferList* output,
                                      const AudioTimeStamp* outputTime) {
-                _callback(*context, *record, now,
+                _callback(*context, *record, {now, inputTime, outputTime},
                           {hasSampleTime(inputTime) ? input : nullptr,
                            hasSampleTime(outputTime) ? output : nullptr});
             });
@@ -419,9 +420,10 @@ bool DXRAudioContext::_setSampleRate(double sampleRate)
 
 // ---- The cycle
 
-void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& record,
-                                const AudioTimeStamp* now, const DXRStreamBuffers& buffers) noexcept
+void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& record, const Stamps& stamps,
+                                const DXRStreamBuffers& buffers) noexcept
 {
+    const AudioTimeStamp* const now = stamps.now;
     const CXRealtimeScope realtime;
     if (!record.enter())
         return;
@@ -430,6 +432,8 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     record.hasTime = hasSampleTime(now) && now->sampleTime >= 0.0 && now->sampleTime < pastLast;
     record.sampleTime = record.hasTime ? static_cast<uint64_t>(now->sampleTime) : 0;
     record.buffers = buffers;
+    record.inputSampleTime = buffers.input ? stamps.input->sampleTime : 0.0;
+    record.outputSampleTime = buffers.output ? stamps.output->sampleTime : 0.0;
     record.dueTicks = now && (now->flags & kAudioTimeStampHostTimeValid) != 0 ? now->hostTime : 0;
     record.beginTicks = context._runner->isTraced() ? platform::HostClock::nowTicks() : 0;
     record.freshRate.reset();
@@ -469,6 +473,8 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         return;
     if (!_hasStreams(lists[0], record.streamChannels[0]) || !_hasStreams(lists[1], record.streamChannels[1]))
         return _leaveForNewLayout(record);
+    if (sampleRate != record.sampleRate || record.lastSampleTime >= sampleTime)
+        record.clock->reset();
     if (frameCount != record.frameCount || sampleRate != record.sampleRate) {
         record.frameCount = frameCount;
         record.sampleRate = sampleRate;
@@ -487,10 +493,15 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         if (lists[direction])
             _sampleBuffers(entries[direction], static_cast<uint32_t>(count), frameCount, lists[direction]);
     }
+    const DXRCycleTimes times =
+        record.dueTicks == 0
+            ? DXRCycleTimes()
+            : record.clock->follow(record.dueTicks, record.sampleTime, record.inputSampleTime,
+                                   record.outputSampleTime, record.sampleRate);
     if (DXRCycleTrace* const trace = _runner->cycleTrace())
-        _performTraced(*trace, record, converter, entries);
+        _performTraced(*trace, record, converter, entries, times);
     else
-        _performNodes(converter, entries);
+        _performNodes(converter, entries, times);
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.
@@ -540,23 +551,29 @@ DXRAudioConverter* DXRAudioContext::_converterFor(DXRAudioIOContext& record) con
     return record.converter.get();
 }
 
-void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2])
+void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
+                                    const DXRCycleTimes& times)
 {
     uint64_t sampleTime = _runner->sampleTime();
     if (converter) {
-        converter->performIOWithSampleTime(&sampleTime, samples);
+        converter->performIOWithSampleTime(&sampleTime, samples, times);
     } else {
+        const uint32_t frameCount = _runner->frameCountOfIO();
+        // What an output block makes is played after the buffer that goes out now.
+        const uint64_t hostTimes[2] = {times.ticksAt(times.input, 0),
+                                       times.ticksAt(times.output, frameCount)};
         for (size_t direction = 0; direction < 2; ++direction) {
             for (const CXRef<DXRDeviceNode>& node : _nodes[direction])
-                node->performIOWithSampleTime(sampleTime, samples[direction]);
+                node->performIOWithSampleTime(sampleTime, samples[direction], hostTimes[direction]);
         }
-        sampleTime += _runner->frameCountOfIO();
+        sampleTime += frameCount;
     }
     _runner->setSampleTime(sampleTime);
 }
 
 void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record,
-                                     DXRAudioConverter* converter, const DXRChannelEntry* const samples[2])
+                                     DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
+                                     const DXRCycleTimes& times)
 {
     DXRCycleRecord traced = _runner->traceRecord(this);
     traced.frameCount = record.frameCount;
@@ -567,7 +584,7 @@ void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOConte
             record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
     traced.blocksBeginTicks = platform::HostClock::nowTicks();
     traced.beginTicks = record.beginTicks != 0 ? record.beginTicks : traced.blocksBeginTicks;
-    _performNodes(converter, samples);
+    _performNodes(converter, samples, times);
     traced.endTicks = platform::HostClock::nowTicks();
     traced.runnerFrameCount = static_cast<uint32_t>(_runner->sampleTime() - traced.sampleTime);
     trace.write(traced);

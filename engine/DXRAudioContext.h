@@ -113,7 +113,10 @@ private:
     void _stopFollowingLayouts();
     void _listenForRate(DXRAudioIOContext& record) const;
     void _askForFormat();
-    static void _callback(DXRAudioContext& context, DXRAudioIOContext& record, const AudioTimeStamp* now,
+    struct Stamps {
+        const AudioTimeStamp *now, *input, *output;
+    };
+    static void _callback(DXRAudioContext& context, DXRAudioIOContext& record, const Stamps& stamps,
                           const DXRStreamBuffers& buffers) noexcept CX_REALTIME;
     static void _takeTurn(DXRAudioContext& context, DXRAudioIOContext& record, bool isHere) noexcept
         CX_REALTIME;
@@ -124,9 +127,10 @@ private:
         CX_REALTIME;
     void _leaveForNewLayout(DXRAudioIOContext& record) CX_REALTIME;
     DXRAudioConverter* _converterFor(DXRAudioIOContext& record) const CX_REALTIME;
-    void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2]) CX_REALTIME;
+    void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
+                       const DXRCycleTimes& times) CX_REALTIME;
     void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
-                        const DXRChannelEntry* const samples[2]) CX_REALTIME;
+                        const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;
 
     DXRDeviceRunnerError _error;
     Layouts _layouts; // since start()

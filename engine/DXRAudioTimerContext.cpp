@@ -114,9 +114,13 @@ void DXRAudioTimerContext::_performTraced(DXRCycleTrace& trace, uint64_t sampleT
 
 void DXRAudioTimerContext::_performIO(uint64_t sampleTime) noexcept
 {
-    for (const auto& direction : _nodes) {
-        for (const CXRef<DXRDeviceNode>& node : direction)
-            node->performIOWithSampleTime(sampleTime, nullptr);
+    // As a device would have it: what it hears began a cycle ago, what it is given is played after this one.
+    const uint64_t now = auclock_sampletime_to_abstime(_clock.get(), sampleTime);
+    const uint64_t next = auclock_sampletime_to_abstime(_clock.get(), sampleTime + _frames);
+    const uint64_t hostTimes[2] = {now - (next - now), next};
+    for (size_t direction = 0; direction < 2; ++direction) {
+        for (const CXRef<DXRDeviceNode>& node : _nodes[direction])
+            node->performIOWithSampleTime(sampleTime, nullptr, hostTimes[direction]);
     }
     _runner->setSampleTime(sampleTime + _frames);
 }

@@ -94,7 +94,8 @@ bool DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount
     return true;
 }
 
-void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) noexcept
+void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples,
+                                            uint64_t hostTime) noexcept
 {
     if (!_ioblock || !_channelMap)
         return;
@@ -105,6 +106,7 @@ void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChanne
         copyFramesToEntries(frames, *_channelMap, samples);
     else if (_isInput)
         _buffer->mute();
+    _buffer->setHostTime(hostTime);
     _callBlock(sampleTime);
 }
 

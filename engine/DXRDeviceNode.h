@@ -13,7 +13,7 @@
 class DXRDeviceRunner;
 
 /// What an application does with one device in one cycle: `buffer` holds the input that was just taken, or takes the
-/// output to be played one cycle later. `sampleTime` counts the runner's frames. Called where IO runs: it must keep
+/// output to be played one cycle later; its hostTime() is when. `sampleTime` counts the runner's frames. Called where IO runs: it must keep
 /// the real-time rules, and not throw, which ends the process.
 using DXRIOBlock = CXBlock<void(uint64_t sampleTime, DXRBuffer& buffer)>;
 
@@ -64,8 +64,8 @@ public:
                                              std::span<const uint32_t> channelMap);
     /// One cycle: copies, and calls the block. `samples` has an entry for every context channel; without it an input
     /// node hears silence and an output node is not heard.
-    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) noexcept override
-        CX_REALTIME;
+    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples,
+                                 uint64_t hostTime) noexcept override CX_REALTIME;
     void stopIO();
 
     /// "<DXRDeviceNode: address, input, UID>".

@@ -21,7 +21,7 @@ public:
         return CXRef<TestNode>::adopt(new TestNode(std::move(usage), std::move(body)));
     }
     std::vector<uint32_t> usageMap() const override { return _usage; }
-    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) override
+    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples, uint64_t) override
     {
         _body(sampleTime, samples);
     }
