@@ -4,11 +4,13 @@
 #include "CXStringAdditions.h"
 #include "CXValue.h"
 #include "DXRDeviceRunner.h"
+#include "DXRPropertyAddress.h"
 #include "QDL.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <thread>
 #include <unistd.h>
@@ -142,4 +144,21 @@ void DXRAudioAggregateContext::_waitForChannels(const std::vector<std::string>& 
 CXPlist DXRAudioAggregateContext::_composition() const
 {
     return aggregateComposition(_deviceID);
+}
+
+std::vector<DXRRunnerCounts::Device> DXRAudioAggregateContext::countsOfDevices(uint64_t lostFrames) const
+{
+    std::vector<DXRRunnerCounts::Device> counts;
+    const auto data = DXRPropertyAddress::initWithSelector(kAudioAggregateDevicePropertySubDeviceStatus)
+                          ->dataForObjectID(_deviceID);
+    for (size_t at = 0; data && at + sizeof(AudioAggregateSubDeviceStatus) <= data->size();
+         at += sizeof(AudioAggregateSubDeviceStatus)) {
+        AudioAggregateSubDeviceStatus status;
+        std::memcpy(&status, data->data() + at, sizeof status);
+        const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
+        if (uid)
+            counts.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),
+                              status.resynchronisations});
+    }
+    return counts;
 }

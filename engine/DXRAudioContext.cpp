@@ -481,7 +481,12 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         const CXRealtimeExemption exemption("the converter for the old format goes");
         record.converter = nullptr;
     }
+    // A device's sample time goes on by what it has lost.
+    const uint64_t expected = record.lastSampleTime + record.lastFrameCount;
+    const bool isNext = record.lastSampleTime < sampleTime && record.lastFrameCount != 0;
+    const uint64_t lostFrames = isNext && sampleTime > expected ? sampleTime - expected : 0;
     record.lastSampleTime = sampleTime;
+    record.lastFrameCount = frameCount;
     DXRAudioConverter* const converter = _converterFor(record);
 
     DXRChannelEntry* entries[2];
@@ -502,6 +507,21 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         _performTraced(*trace, record, converter, entries, times);
     else
         _performNodes(converter, entries, times);
+    const uint64_t deadline = _deadlineOf(record);
+    _runner->noteCycle(deadline != 0 && platform::HostClock::nowTicks() > deadline, lostFrames);
+}
+
+/// When the next cycle is due, in ticks; 0 where the device does not say.
+uint64_t DXRAudioContext::_deadlineOf(const DXRAudioIOContext& record) noexcept
+{
+    if (record.dueTicks == 0 || !(record.sampleRate > 0.0))
+        return 0;
+    return record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
+}
+
+std::vector<DXRRunnerCounts::Device> DXRAudioContext::countsOfDevices(uint64_t lostFrames) const
+{
+    return {{_deviceUID, lostFrames, 0}};
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.
@@ -579,9 +599,7 @@ void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOConte
     traced.frameCount = record.frameCount;
     traced.deviceSampleTime = record.sampleTime;
     traced.dueTicks = record.dueTicks;
-    if (record.dueTicks != 0 && record.sampleRate > 0.0)
-        traced.deadlineTicks =
-            record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
+    traced.deadlineTicks = _deadlineOf(record);
     traced.blocksBeginTicks = platform::HostClock::nowTicks();
     traced.beginTicks = record.beginTicks != 0 ? record.beginTicks : traced.blocksBeginTicks;
     _performNodes(converter, samples, times);

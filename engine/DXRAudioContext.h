@@ -6,6 +6,7 @@
 #include "DXRCycleTrace.h"
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
+#include "DXRRunnerCounts.h"
 
 #include <map>
 #include <set>
@@ -51,6 +52,9 @@ public:
     const DXRDeviceRunnerError& error() const noexcept { return _error; }
     /// Ends IO; no node is called once it has returned. Nothing happens when there is none.
     virtual void stop();
+
+    /// What has become of the frames of each of its devices; `lostFrames` are those that its own cycles show.
+    virtual std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t lostFrames) const;
 
     /// "<DXRAudioContext: address, (ID) UID>", the latter when there is a device.
     std::string description() const override;
@@ -129,6 +133,7 @@ private:
     DXRAudioConverter* _converterFor(DXRAudioIOContext& record) const CX_REALTIME;
     void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
                        const DXRCycleTimes& times) CX_REALTIME;
+    static uint64_t _deadlineOf(const DXRAudioIOContext& record) noexcept CX_REALTIME;
     void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
                         const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;
 

@@ -68,6 +68,7 @@ public:
     uint32_t frameCount = 0;                ///< of the device's last cycle
     double sampleRate = 0.0;                ///< the device's nominal rate as last read, Hz
     uint64_t lastSampleTime = noSampleTime; ///< the device's, of the last cycle
+    uint32_t lastFrameCount = 0;            ///< and its frames
     CXRef<DXRAudioConverter> converter;     ///< null while the device runs as the runner does
 
     /// The device says that its rate has changed: the next cycle forgets `lastSampleTime` and reads it.

@@ -95,6 +95,8 @@ void DXRAudioTimerContext::_fire()
         _performTraced(*trace, cycle, beginTicks);
     else
         _performIO(cycle);
+    const bool isLate = autimebase_abstime() > auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime);
+    _runner->noteCycle(isLate, 0);
 }
 
 void DXRAudioTimerContext::_performTraced(DXRCycleTrace& trace, uint64_t sampleTime,

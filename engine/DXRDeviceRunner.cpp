@@ -13,6 +13,8 @@
 
 namespace {
 
+using Restart = DXRRunnerCounts::Restart;
+
 constexpr size_t notFound = std::numeric_limits<int64_t>::max();
 constexpr uint32_t firstPause = 100, longestPause = 10'000; // milliseconds, between starts that fail
 
@@ -165,7 +167,7 @@ bool DXRDeviceRunner::addDevice(const CXRef<DXRDevice>& device, const std::optio
         const uint32_t frames = std::max(frameCountOfIO(), 1U);
         if (uint64_t{frames} * node->channels().size() > DXRDeviceNode::maxSamples)
             return;
-        _stopDispatchStart([&] {
+        _stopDispatchStart(Restart::Nodes, [&] {
             _nodes[node->isInput() ? 0 : 1].push_back(node);
             node->setRunner(CXRef(this));
         });
@@ -185,7 +187,7 @@ void DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
         const CXRef<DXRDeviceNode> node = _nodeForDevice(device, &index);
         if (!node)
             return;
-        _stopDispatchStart([&] {
+        _stopDispatchStart(Restart::Nodes, [&] {
             node->setRunner(nullptr);
             auto& nodes = _nodes[node->isInput() ? 0 : 1];
             nodes.erase(nodes.begin() + static_cast<std::ptrdiff_t>(index));
@@ -268,6 +270,8 @@ void DXRDeviceRunner::_stopRunning()
     _sampleRates[1] = 0.0;
     _sampleTime = 0;
     _contextNumber = 0;
+    _cycles = _lateCycles = 0;
+    _lastRestart = Restart::None;
     _retryMilliseconds = 0;
     _error = {};
     _running = false;
@@ -279,6 +283,7 @@ void DXRDeviceRunner::_start()
     CX_ASSERT_ON_QUEUE(_queue);
     const uint64_t beginTicks = platform::HostClock::nowTicks();
     ++_contextNumber;
+    _lostFrames = 0;
     // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction)
@@ -309,7 +314,7 @@ void DXRDeviceRunner::_retryLater()
         const CXRef<DXRDeviceRunner> self = weak.lock();
         if (!self || !self->_running)
             return;
-        self->_stopDispatchStart(nullptr);
+        self->_stopDispatchStart(Restart::Retry, nullptr);
         self->_propertiesChanged();
     });
     _retryTimer->setDispatchQueue(_queue);
@@ -331,7 +336,7 @@ void DXRDeviceRunner::_stop()
     _context = nullptr;
 }
 
-void DXRDeviceRunner::_stopDispatchStart(CXBlockRef<void()> block)
+void DXRDeviceRunner::_stopDispatchStart(Restart reason, CXBlockRef<void()> block)
 {
     _queue->dispatchSyncImmed([&] {
         CX_ASSERT_ON_QUEUE(_queue);
@@ -339,8 +344,10 @@ void DXRDeviceRunner::_stopDispatchStart(CXBlockRef<void()> block)
             _stop();
         if (block)
             block();
-        if (_running)
+        if (_running) {
+            _lastRestart = reason;
             _start();
+        }
     });
 }
 
@@ -355,7 +362,7 @@ void DXRDeviceRunner::audioContextDidStartWithSampleRate(double sampleRate, uint
 
 void DXRDeviceRunner::audioContextDidStopFromConfigChange()
 {
-    _stopDispatchStart(nullptr);
+    _stopDispatchStart(Restart::Layout, nullptr);
     _propertiesChanged();
 }
 
@@ -365,7 +372,7 @@ void DXRDeviceRunner::_devicesChanged(const Devices& connected, const Devices& d
     CX_ASSERT_ON_QUEUE(_queue);
     if (!_shouldRestartForDevicesConnected(connected, disconnected))
         return;
-    _stopDispatchStart(nullptr);
+    _stopDispatchStart(Restart::Devices, nullptr);
     _propertiesChanged();
 }
 
@@ -388,7 +395,22 @@ bool DXRDeviceRunner::_isViable(const CXRef<DXRDeviceNode>& node) const
     return _context && _context->viableNodes().contains(node);
 }
 
-// ---- Tracing
+// ---- Tracing and counting
+
+DXRRunnerCounts DXRDeviceRunner::counts() const
+{
+    DXRRunnerCounts counts;
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        counts.cycles = _cycles;
+        counts.lateCycles = _lateCycles;
+        counts.restarts = _contextNumber > 0 ? _contextNumber - 1 : 0;
+        counts.lastRestart = _lastRestart;
+        if (_context && !_error)
+            counts.devices = _context->countsOfDevices(_lostFrames);
+    });
+    return counts;
+}
 
 bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
 {

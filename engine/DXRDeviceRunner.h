@@ -9,6 +9,7 @@
 #include "DXRDeviceRunnerError.h"
 #include "DXRKVOHelper.h"
 #include "DXRPropertyListener.h"
+#include "DXRRunnerCounts.h"
 
 #include <atomic>
 #include <set>
@@ -85,6 +86,10 @@ public:
     /// Frames since start(), of the next cycle; 0 when stopped.
     uint64_t sampleTime() const noexcept CX_REALTIME { return _sampleTime.load(std::memory_order_relaxed); }
 
+    /// What has happened since start(). Waits for the queue, not for a cycle to come. From an IO block, too, where it
+    /// allocates.
+    DXRRunnerCounts counts() const;
+
     // -- Following
 
     /// Calls `block` whenever something observable has changed: on `queue`, or on the runner's own without one. Replaces
@@ -111,6 +116,17 @@ public:
     void setSampleTime(uint64_t sampleTime) noexcept CX_REALTIME
     {
         _sampleTime.store(sampleTime, std::memory_order_relaxed);
+    }
+    /// Of a cycle: whether it ended late, and the frames its device has lost before it.
+    void noteCycle(bool isLate, uint64_t lostFrames) noexcept CX_REALTIME
+    {
+        // Cycles are work of one queue: one adds at a time.
+        const auto add = [](std::atomic<uint64_t>& count, uint64_t more) {
+            count.store(count.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
+        };
+        add(_cycles, 1);
+        add(_lateCycles, isLate ? 1 : 0);
+        add(_lostFrames, lostFrames);
     }
     /// As frameCount() and sampleRate() outside announcements.
     uint32_t frameCountOfIO() const noexcept CX_REALTIME { return _inEffectElseRequested(_frameCounts); }
@@ -150,7 +166,7 @@ private:
     void _traceContext(DXRCycleRecord::Event event, uint64_t beginTicks) CX_ON_QUEUE(_queue);
     void _stop() CX_ON_QUEUE(_queue);
     void _stopRunning();
-    void _stopDispatchStart(CXBlockRef<void()> block);
+    void _stopDispatchStart(DXRRunnerCounts::Restart reason, CXBlockRef<void()> block);
     bool _shouldRestartForDevicesConnected(const Devices& connected, const Devices& disconnected) const
         CX_ON_QUEUE(_queue);
     void _devicesChanged(const Devices& connected, const Devices& disconnected);
@@ -193,8 +209,11 @@ private:
     DXRDeviceNodes _nodes;                            // not changed while a context has them
     std::string _signature CX_OWNED_BY_QUEUE(_queue); // of the state last published
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
-    DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);     // the runner's own; empty while stopped
-    CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue);    // null while stopped
+    DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
+    CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped
+    // Since start(); the last of the present context.
+    std::atomic<uint64_t> _cycles{0}, _lateCycles{0}, _lostFrames{0};
+    DXRRunnerCounts::Restart _lastRestart CX_OWNED_BY_QUEUE(_queue) = DXRRunnerCounts::Restart::None;
     DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last start of a context
     CXRef<CXDispatchTimer> _retryTimer CX_OWNED_BY_QUEUE(_queue); // null unless a start has failed
     uint32_t _retryMilliseconds CX_OWNED_BY_QUEUE(_queue) = 0;    // the last pause; 0: none has failed

@@ -4,6 +4,7 @@
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
 #include "DrivenBackend.h"
+#include "HostClock.h"
 
 #include <gtest/gtest.h>
 
@@ -320,6 +321,21 @@ TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
             EXPECT_LT(worst, 200);
         }
     }
+}
+
+TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)
+{
+    runner->start();
+    uint64_t late = 0;
+    for (const int64_t seconds : {-10, 10, -10}) { // from now, when the cycle is to begin
+        Cycle one(static_cast<double>(64 * runner->counts().cycles));
+        one.now.flags |= kAudioTimeStampHostTimeValid;
+        one.now.hostTime = platform::HostClock::nowTicks() + static_cast<uint64_t>(seconds * 1'000'000'000);
+        one.run();
+        late += seconds < 0;
+        EXPECT_EQ(runner->counts().lateCycles, late);
+    }
+    EXPECT_EQ(runner->counts().cycles, 3U);
 }
 
 // One stream of four channels in place of two of two, and the other way round.
