@@ -185,7 +185,7 @@ void DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
     _queue->dispatchSync([&] {
         size_t index = notFound;
         const CXRef<DXRDeviceNode> node = _nodeForDevice(device, &index);
-        if (!node)
+        if (!node || _isDefaultNode(node))
             return;
         _stopDispatchStart(Restart::Nodes, [&] {
             node->setRunner(nullptr);
@@ -194,6 +194,98 @@ void DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
         });
         _propertiesChanged();
     });
+}
+
+bool DXRDeviceRunner::addDefaultDevice(Direction direction, const std::optional<Channels>& channels,
+                                       const DXRIOBlock& ioblock)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    if (!ioblock)
+        return false;
+    manager(); // listens to the hardware before this does
+    bool isAdded = false;
+    _queue->dispatchSync([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        const size_t place = direction == Direction::Input ? 0 : 1;
+        if (_followedDefaults[place])
+            return;
+        const AudioObjectPropertyAddress address{
+            place == 0 ? kAudioHardwarePropertyDefaultInputDevice : kAudioHardwarePropertyDefaultOutputDevice,
+            kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
+        const CXRef<DXRPropertyListener> listener = propertyListenerWithObjectID(
+            kAudioObjectSystemObject, &address, CXRef<CXObject>(this),
+            [place](const CXRef<CXObject>& runner, const AudioObjectPropertyAddress*) {
+                static_cast<DXRDeviceRunner&>(*runner)._followDefault(place);
+            });
+        _followedDefaults[place] = {channels, ioblock, nullptr, listener};
+        if (!_defaultsNotifier) {
+            _defaultsNotifier = [weak = CXWeak(*this)](const Devices&, const Devices&, const Devices&) {
+                if (const CXRef<DXRDeviceRunner> self = weak.lock())
+                    self->_followDefaults();
+            };
+            addDeviceNotifier(_defaultsNotifier);
+        }
+        listener->start();
+        _followDefault(place);
+        isAdded = true;
+    });
+    return isAdded;
+}
+
+void DXRDeviceRunner::removeDefaultDevice(Direction direction)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    _queue->dispatchSync([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        const size_t place = direction == Direction::Input ? 0 : 1;
+        if (!_followedDefaults[place])
+            return;
+        const FollowedDefault followed = *std::exchange(_followedDefaults[place], std::nullopt);
+        followed.listener->stop();
+        if (!_followedDefaults[0] && !_followedDefaults[1])
+            removeDeviceNotifier(std::exchange(_defaultsNotifier, nullptr));
+        if (followed.node)
+            _stopDispatchStart(Restart::Nodes, [&] { std::erase(_nodes[place], followed.node); });
+        _propertiesChanged();
+    });
+}
+
+void DXRDeviceRunner::_followDefaults()
+{
+    _followDefault(0);
+    _followDefault(1);
+}
+
+/// Changes over when the default device is another one that is known, and not added by itself.
+void DXRDeviceRunner::_followDefault(size_t direction)
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    std::optional<FollowedDefault>& followed = _followedDefaults[direction];
+    if (!followed)
+        return;
+    const CXRef<DXRDevice> device =
+        direction == 0 ? manager().defaultInputDevice() : manager().defaultOutputDevice();
+    if (!device || _nodeForDevice(device, nullptr))
+        return;
+    const CXRef<DXRDeviceNode> node =
+        DXRDeviceNode::nodeWithDevice(device, followed->channels, followed->ioblock);
+    _stopDispatchStart(Restart::Devices, [&] {
+        auto& nodes = _nodes[direction];
+        const auto before = std::ranges::find(nodes, followed->node);
+        if (before == nodes.end())
+            nodes.push_back(node);
+        else
+            *before = node; // in its place: later outputs write over earlier ones
+        node->setRunner(CXRef(this));
+        followed->node = node;
+    });
+    _propertiesChanged();
+}
+
+bool DXRDeviceRunner::_isDefaultNode(const CXRef<DXRDeviceNode>& node) const
+{
+    return std::ranges::any_of(_followedDefaults,
+                               [&](const auto& followed) { return followed && followed->node == node; });
 }
 
 CXRef<DXRDeviceNode> DXRDeviceRunner::_nodeForDevice(const CXRef<DXRDevice>& device, size_t* index) const

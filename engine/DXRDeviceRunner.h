@@ -35,6 +35,7 @@ class DXR_EXPORT DXRDeviceRunner final : public CXObject {
 public:
     using Devices = DXRDeviceManagerNotifier::Devices;
     using Channels = DXRDeviceNode::Channels;
+    enum class Direction { Input, Output };
     using Notifier = CXBlock<void()>;
     using DeviceNotifier = DXRDeviceManagerNotifier::Block;
     /// Of a cycle: far more than makes sense, and little enough for buffers to be made.
@@ -67,7 +68,13 @@ public:
     /// for more than DXRDeviceNode::maxSamples in one cycle.
     bool addDevice(const CXRef<DXRDevice>& device, const std::optional<Channels>& channels,
                    const DXRIOBlock& ioblock);
-    /// Nothing happens when it is not there.
+    /// Adds the default device of a direction, whichever it is: when it changes the runner changes over, and the sample
+    /// time goes on. Where there is none, or the new one was added by itself, the block stays with the last one; it is
+    /// first called when there has been a default device. False without a block, and when it is followed already.
+    bool addDefaultDevice(Direction direction, const std::optional<Channels>& channels,
+                          const DXRIOBlock& ioblock);
+    void removeDefaultDevice(Direction direction);
+    /// Nothing happens when it is not there, or is there as the default device.
     void removeDevice(const CXRef<DXRDevice>& device);
     Devices devices() const;
     /// Those that run now.
@@ -170,6 +177,17 @@ private:
     bool _shouldRestartForDevicesConnected(const Devices& connected, const Devices& disconnected) const
         CX_ON_QUEUE(_queue);
     void _devicesChanged(const Devices& connected, const Devices& disconnected);
+    /// A default device that is followed.
+    struct FollowedDefault {
+        std::optional<Channels> channels;
+        DXRIOBlock ioblock;
+        CXRef<DXRDeviceNode> node; // null until there has been a default device
+        CXRef<DXRPropertyListener> listener;
+    };
+    void _followDefaults();
+    void _followDefault(size_t direction);
+    bool _isDefaultNode(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
+
     CXRef<DXRDeviceNode> _nodeForDevice(const CXRef<DXRDevice>& device, size_t* index) const;
     DeviceNotifierEntry* _notifierEntry(const DeviceNotifier& block);
     DeviceNotifier _wrapped(const DeviceNotifier& block);
@@ -203,11 +221,14 @@ private:
     std::atomic<bool> _running{false};
     uint32_t _contextNumber = 0; // of contexts since start()
     DXRCycleRecord::Event _contextState =
-        DXRCycleRecord::Event::ContextStopped;        // what became of the last one
-    CXRef<DXRCycleTrace> _cycleTrace;                 // where records go; taken
-    std::atomic<bool> _isTraced{false};               // whether there is one
-    DXRDeviceNodes _nodes;                            // not changed while a context has them
-    std::string _signature CX_OWNED_BY_QUEUE(_queue); // of the state last published
+        DXRCycleRecord::Event::ContextStopped; // what became of the last one
+    CXRef<DXRCycleTrace> _cycleTrace;          // where records go; taken
+    std::atomic<bool> _isTraced{false};        // whether there is one
+    DXRDeviceNodes _nodes;                     // not changed while a context has them
+    std::array<std::optional<FollowedDefault>, 2>
+        _followedDefaults CX_OWNED_BY_QUEUE(_queue);            // input, output
+    DeviceNotifier _defaultsNotifier CX_OWNED_BY_QUEUE(_queue); // a default device may be new to the manager
+    std::string _signature CX_OWNED_BY_QUEUE(_queue);           // of the state last published
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
     DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
     CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped

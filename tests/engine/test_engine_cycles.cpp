@@ -278,6 +278,63 @@ TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
     EXPECT_EQ(std::ranges::count(played, -1.0F), 0) << "what is for the other device";
 }
 
+// A hundred changes of the default device while a ramp plays: nothing is lost but the buffer that a new device begins with,
+// and the sample time goes on without a step. The new device may also be one that has just come.
+TEST_F(EngineCyclesTest, followsTheDefaultDevice)
+{
+    using Direction = DXRDeviceRunner::Direction;
+    uint64_t dueTime = 0, steps = 0, next = 1;
+    const DXRIOBlock ramp = [&](uint64_t time, DXRBuffer& given) {
+        steps += time != std::exchange(dueTime, time + given.frameCount());
+        for (uint32_t frame = 0; frame < given.frameCount(); ++frame)
+            given.samples()[size_t{frame} * given.channelCount()] = static_cast<float>(next++ & 0x3FFFFF);
+    };
+    size_t silence = 0, longestSilence = 0;
+    uint64_t heard = 0, skipped = 0;
+    const SimulatedSink listener = [&](uint64_t, uint32_t frameCount, uint32_t channels, double,
+                                       const float* samples) {
+        for (uint32_t frame = 0; samples && frame < frameCount; ++frame) {
+            const auto number = static_cast<uint64_t>(samples[size_t{frame} * channels]);
+            silence = number == 0 ? silence + 1 : 0;
+            longestSilence = std::max(longestSilence, silence);
+            skipped += number != 0 && number > heard + 1 + frames;
+            heard = number == 0 ? heard : number;
+        }
+    };
+    const auto speaker = [&](const char* uid) { return aDevice().uid(uid).outputs(2).playsInto(listener); };
+    EXPECT_FALSE(runner->addDefaultDevice(Direction::Output, std::nullopt, nullptr));
+    ASSERT_TRUE(runner->addDefaultDevice(Direction::Output, std::nullopt, ramp)) << "before there is any";
+    EXPECT_FALSE(runner->addDefaultDevice(Direction::Output, std::nullopt, ramp));
+    EXPECT_TRUE(runner->devices().empty());
+    plugged(speaker("one"));
+    ASSERT_TRUE(runner->setFrameCount(frames));
+    runner->start();
+    EXPECT_EQ(runner->activeDevices(), Devices{device("one", output)});
+    plugged(speaker("two"));
+    for (int change = 0; change < 100; ++change) {
+        hal.stepCycles(4);
+        const char* const uid = change % 2 == 0 ? "two" : "one";
+        ASSERT_TRUE(hal.setDefault(HALDirection::Output, uid));
+        settleEngine();
+        ASSERT_EQ(runner->activeDevices(), Devices{device(uid, output)});
+    }
+    hal.stepCycles(4);
+    std::printf("100 changes of the default device: longest silence %zu frames\n", longestSilence);
+    EXPECT_EQ(longestSilence, frames) << "the buffer that every output begins with";
+    EXPECT_EQ(skipped, 0U);
+    EXPECT_EQ(steps, 0U);
+    EXPECT_EQ(runner->counts().restarts, 100U);
+
+    runner->removeDevice(device("one", output));
+    EXPECT_EQ(runner->devices().size(), 1U) << "the default device is removed as such";
+    ASSERT_TRUE(runner->addDevice(device("two", output), std::nullopt, [](uint64_t, DXRBuffer&) {}));
+    hal.setDefault(HALDirection::Output, "two");
+    settleEngine();
+    EXPECT_EQ(runner->devices().size(), 2U) << "one that was added by itself is not taken over";
+    runner->removeDefaultDevice(Direction::Output);
+    EXPECT_EQ(runner->devices(), Devices{device("two", output)});
+}
+
 // The calls that no device is needed for, on an IO thread: stop() must allocate nothing there, the others assert.
 TEST_F(EngineCyclesTest, stopsFromAnIOBlock)
 {
