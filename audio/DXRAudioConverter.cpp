@@ -1,6 +1,9 @@
 #include "DXRAudioConverter.h"
 
 #include "CXErrorAdditions.h"
+#include "HostClock.h"
+#include "NumberText.h"
+#include "RateConversion.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,7 +12,39 @@
 
 namespace {
 
-constexpr uint32_t headroomFrames = 16; // what a sampler may produce or need beyond the ratio of the rates
+constexpr uint32_t headroomFrames = 16;
+constexpr double maxBufferFrames = 1U << 30; // keeps every count within 32 bits
+
+/// Device frames that are read together: a sampler's read takes at least one frame of the other side, so a shorter cycle
+/// than one such frame is collected until there is a whole one.
+uint32_t framesReadTogether(uint32_t contextFrameCount, double convertedPerContext)
+{
+    const double convertedFrames = contextFrameCount * convertedPerContext;
+    if (contextFrameCount == 0 || convertedFrames >= 1)
+        return contextFrameCount;
+    const double cycles = std::ceil(1 / convertedFrames);
+    CX_ASSERT(cycles * contextFrameCount <= maxBufferFrames);
+    return static_cast<uint32_t>(cycles) * contextFrameCount;
+}
+
+/// The room in frames that each buffer needs. With D device frames a cycle, B read together, F frames a node cycle and r
+/// converted frames per device frame:
+///   - Output: a read takes at most B r + 2 frames, and the nodes add F while fewer are held: below B r + 2 + F.
+///   - Input alone: fewer than F frames stay, a write adds at most D r + r + 1.
+///   - Input with output: node cycles move F frames from one buffer to the other, so the sum of both changes only by
+///     writes, by reads, and by padding, after which the input is empty and the output holds fewer than F; at first both
+///     hold F / 2. From either moment on, frames written exceed frames read by what the two samplers' phases can differ:
+///     a writer's lies in 0 … r + 1 frames, a reader's in 0 … max(r, 2), and a read is up to B r < 2 behind where it is
+///     collected. Before the cycle's own read, D r more are there: at most F + D r + r + 1 + max(r, 2) + 2.
+/// All of it is at most F + ceil(B r) + 2 ceil(r) + 7. At equal rates no sampler has a phase.
+uint32_t bufferFramesNeeded(uint32_t framesTogether, uint32_t convertedFrameCount, double convertedPerContext)
+{
+    double frames = std::ceil(framesTogether * convertedPerContext) + convertedFrameCount + headroomFrames;
+    if (convertedPerContext != 1)
+        frames += 2 * std::ceil(convertedPerContext);
+    CX_ASSERT(frames <= maxBufferFrames);
+    return static_cast<uint32_t>(frames);
+}
 
 /// Copies `frameCount` frames between two lists of channels.
 void copyFrames(const std::vector<ausampler_iovec>& from, const std::vector<ausampler_iovec>& to,
@@ -52,27 +87,29 @@ DXRConverterNode::~DXRConverterNode() = default;
 CXRef<DXRAudioConverter>
 DXRAudioConverter::initWithNodes(const Nodes nodes[2], const uint32_t channelCounts[2],
                                  double contextSampleRate, double convertedSampleRate,
-                                 uint32_t contextFrameCount, uint32_t convertedFrameCount)
+                                 uint32_t contextFrameCount, uint32_t convertedFrameCount,
+                                 DXRConversionQuality quality)
 {
     CX_ASSERT(contextSampleRate > 0 && convertedSampleRate > 0);
+    CX_ASSERT(std::isfinite(contextSampleRate) && std::isfinite(convertedSampleRate));
     return CXRef<DXRAudioConverter>::adopt(new DXRAudioConverter(nodes, channelCounts, contextSampleRate,
                                                                  convertedSampleRate, contextFrameCount,
-                                                                 convertedFrameCount));
+                                                                 convertedFrameCount, quality));
 }
 
 DXRAudioConverter::DXRAudioConverter(const Nodes nodes[2], const uint32_t channelCounts[2],
                                      double contextSampleRate, double convertedSampleRate,
-                                     uint32_t contextFrameCount, uint32_t convertedFrameCount)
-    : _nodes{nodes[INPUT], nodes[OUTPUT]}, _contextChannelCounts{channelCounts[INPUT], channelCounts[OUTPUT]},
+                                     uint32_t contextFrameCount, uint32_t convertedFrameCount,
+                                     DXRConversionQuality quality)
+    : _quality(quality), _nodes{nodes[INPUT], nodes[OUTPUT]}, _contextChannelCounts{channelCounts[INPUT],
+                                                                                    channelCounts[OUTPUT]},
       _contextFrameCount(contextFrameCount), _contextSampleRate(contextSampleRate),
       _convertedFrameCount(convertedFrameCount),
       _convertedSampleRate(convertedSampleRate), _contains{!nodes[INPUT].empty(), !nodes[OUTPUT].empty()}
 {
-    uint32_t contextFrames = contextFrameCount;
-    if (contextSampleRate != convertedSampleRate)
-        contextFrames =
-            static_cast<uint32_t>(std::ceil(contextFrameCount * convertedSampleRate / contextSampleRate));
-    _bufferFrameCountMax = contextFrames + convertedFrameCount + headroomFrames;
+    const double convertedPerContext = convertedSampleRate / contextSampleRate;
+    _framesReadTogether = framesReadTogether(contextFrameCount, convertedPerContext);
+    _bufferFrameCountMax = bufferFramesNeeded(_framesReadTogether, convertedFrameCount, convertedPerContext);
     for (const Direction direction : {INPUT, OUTPUT}) {
         _collectUsage(direction);
         _prepare(direction);
@@ -82,11 +119,7 @@ DXRAudioConverter::DXRAudioConverter(const Nodes nodes[2], const uint32_t channe
     }
 }
 
-DXRAudioConverter::~DXRAudioConverter()
-{
-    for (ausampler* const sampler : _samplers)
-        ausampler_destroy(sampler);
-}
+DXRAudioConverter::~DXRAudioConverter() = default;
 
 void DXRAudioConverter::_collectUsage(Direction direction)
 {
@@ -108,16 +141,48 @@ void DXRAudioConverter::_prepare(Direction direction)
     _bufferFrameSizes[direction] = static_cast<uint32_t>(used * sizeof(float));
     _buffers[direction].assign(size_t{used} * _bufferFrameCountMax, 0);
     if (_contains[direction] && _contextSampleRate != _convertedSampleRate) {
-        _samplers[direction] = ausampler_create(used);
-        CX_ASSERT(_samplers[direction] != nullptr);
+        const bool isInput = direction == INPUT;
+        _conversions[direction] =
+            RateConversion::make(_quality, used, isInput ? _contextSampleRate : _convertedSampleRate,
+                                 isInput ? _convertedSampleRate : _contextSampleRate,
+                                 std::max(_bufferFrameCountMax, _framesReadTogether));
     }
+    if (direction == OUTPUT && _framesReadTogether != _contextFrameCount)
+        _collected.assign(size_t{used} * _framesReadTogether, 0);
     _deviceSide[direction].resize(used);
     _bufferSide[direction].resize(used);
+    if (direction == OUTPUT)
+        _collectedSide.resize(used);
     _nodeEntries[direction].assign(_contextChannelCounts[direction], DXRChannelEntry{nullptr, 0});
 }
 
-void DXRAudioConverter::performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2])
+uint64_t DXRCycleTimes::ticksAt(double first, double frames) const noexcept
 {
+    constexpr double ticksPerNanosecond =
+        double{platform::HostClock::nanosecondsDenominator} / platform::HostClock::nanosecondsNumerator;
+    const double nanoseconds = first + frames * framePeriod;
+    return framePeriod > 0 && nanoseconds > 0 ? static_cast<uint64_t>(nanoseconds * ticksPerNanosecond) : 0;
+}
+
+/// When the frame at that place of a buffer was, or will be, at the device.
+uint64_t DXRAudioConverter::_hostTimeOf(Direction direction, uint32_t frame) const noexcept
+{
+    const RateConversion* const conversion = _conversions[direction].get();
+    const double position = conversion ? conversion->nextPosition() : 0;
+    const double deviceFrames = _contextSampleRate / _convertedSampleRate; // of one converted frame
+    if (direction == INPUT) {
+        // The frame behind the last held one comes from `position` after this cycle's end.
+        const double missing = static_cast<double>(_bufferFrameCounts[INPUT]) - frame;
+        return _times.ticksAt(_times.input, _contextFrameCount + position - missing * deviceFrames);
+    }
+    // The next read begins `position` frames into the buffer, and is heard after what has been collected.
+    return _times.ticksAt(_times.output, _collectedFrames + (frame - position) * deviceFrames);
+}
+
+void DXRAudioConverter::performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2],
+                                                const DXRCycleTimes& times)
+{
+    _times = times;
     if (_convertedFrameCount == 0)
         return;
     if (_contains[INPUT])
@@ -134,18 +199,14 @@ void DXRAudioConverter::performIOWithSampleTime(uint64_t* sampleTime, const DXRC
 void DXRAudioConverter::_takeInput(const DXRChannelEntry* entries)
 {
     const uint32_t held = _bufferFrameCounts[INPUT];
-    ausampler* const sampler = _samplers[INPUT];
-    _bufferFrameCounts[INPUT] += sampler
-                                     ? ausampler_write_frames_out(sampler, _contextFrameCount,
-                                                                  _contextSampleRate, _convertedSampleRate)
-                                     : _contextFrameCount;
+    RateConversion* const conversion = _conversions[INPUT].get();
+    _bufferFrameCounts[INPUT] += conversion ? conversion->framesOut(_contextFrameCount) : _contextFrameCount;
     CX_ASSERT(_bufferFrameCounts[INPUT] <= _bufferFrameCountMax); // before anything is written
 
     _pointAtDevice(INPUT, entries);
     _pointAtBuffer(INPUT, held);
-    if (sampler)
-        ausampler_write_iovec(sampler, _deviceSide[INPUT].data(), _bufferSide[INPUT].data(),
-                              _contextFrameCount, _contextSampleRate, _convertedSampleRate);
+    if (conversion)
+        conversion->write(_deviceSide[INPUT].data(), _bufferSide[INPUT].data(), _contextFrameCount);
     else
         copyFrames(_deviceSide[INPUT], _bufferSide[INPUT], _contextFrameCount);
 }
@@ -154,14 +215,38 @@ void DXRAudioConverter::_giveOutput(const DXRChannelEntry* entries, uint32_t buf
 {
     _pointAtBuffer(OUTPUT, 0);
     _pointAtDevice(OUTPUT, entries);
-    if (_samplers[OUTPUT]) {
-        ausampler_read_iovec(_samplers[OUTPUT], _bufferSide[OUTPUT].data(), _deviceSide[OUTPUT].data(),
-                             _contextFrameCount, _convertedSampleRate, _contextSampleRate);
+    if (_framesReadTogether != _contextFrameCount) {
+        _giveCollectedOutput();
+    } else if (_conversions[OUTPUT]) {
+        _readOutput(_deviceSide[OUTPUT]);
     } else {
         CX_ASSERT(bufferFramesConsumed == _contextFrameCount);
         copyFrames(_bufferSide[OUTPUT], _deviceSide[OUTPUT], bufferFramesConsumed);
     }
     _dropFrames(OUTPUT, bufferFramesConsumed);
+}
+
+void DXRAudioConverter::_readOutput(const std::vector<ausampler_iovec>& to) noexcept
+{
+    _conversions[OUTPUT]->read(_bufferSide[OUTPUT].data(), to.data(), _framesReadTogether);
+}
+
+/// The next cycle of what was read together, read when the last has been given out.
+void DXRAudioConverter::_giveCollectedOutput() noexcept
+{
+    const uint32_t used = _usageChannelCounts[OUTPUT];
+    const auto pointAtFrame = [&](uint32_t frame) {
+        for (uint32_t i = 0; i < used; ++i)
+            _collectedSide[i] = {_collected.data() + size_t{frame} * used + i, used * sizeof(float)};
+    };
+    if (_collectedFrames == 0) {
+        pointAtFrame(0);
+        _readOutput(_collectedSide);
+        _collectedFrames = _framesReadTogether;
+    }
+    pointAtFrame(_framesReadTogether - _collectedFrames);
+    copyFrames(_collectedSide, _deviceSide[OUTPUT], _contextFrameCount);
+    _collectedFrames -= _contextFrameCount;
 }
 
 uint32_t DXRAudioConverter::_performInput(uint64_t* sampleTime)
@@ -201,10 +286,11 @@ uint32_t DXRAudioConverter::_performInputOutput(uint64_t* sampleTime)
 
 uint32_t DXRAudioConverter::_outputFramesNeeded() const noexcept
 {
-    if (!_samplers[OUTPUT])
+    if (!_conversions[OUTPUT])
         return _contextFrameCount;
-    return ausampler_read_frames_in(_samplers[OUTPUT], _contextFrameCount, _convertedSampleRate,
-                                    _contextSampleRate);
+    if (_collectedFrames > 0)
+        return 0;
+    return _conversions[OUTPUT]->framesIn(_framesReadTogether);
 }
 
 bool DXRAudioConverter::_performInputCallBack(uint64_t sampleTime, uint32_t* bufferFramesConsumed)
@@ -213,8 +299,9 @@ bool DXRAudioConverter::_performInputCallBack(uint64_t sampleTime, uint32_t* buf
     if (_bufferFrameCounts[INPUT] - *bufferFramesConsumed < _convertedFrameCount)
         return false;
     const DXRChannelEntry* const entries = _nodeEntriesAt(INPUT, *bufferFramesConsumed);
+    const uint64_t hostTime = _hostTimeOf(INPUT, *bufferFramesConsumed);
     for (const CXRef<DXRConverterNode>& node : _nodes[INPUT])
-        node->performIOWithSampleTime(sampleTime, entries);
+        node->performIOWithSampleTime(sampleTime, entries, hostTime);
     *bufferFramesConsumed += _convertedFrameCount;
     return true;
 }
@@ -224,8 +311,10 @@ void DXRAudioConverter::_performOutputCallBack(uint64_t sampleTime)
     const DXRChannelEntry* const entries = _nodeEntriesAt(OUTPUT, _bufferFrameCounts[OUTPUT]);
     _bufferFrameCounts[OUTPUT] += _convertedFrameCount;
     CX_ASSERT(_bufferFrameCounts[OUTPUT] <= _bufferFrameCountMax); // before the nodes write
+    const uint64_t hostTime =
+        _hostTimeOf(OUTPUT, _bufferFrameCounts[OUTPUT]); // what a node makes now comes next
     for (const CXRef<DXRConverterNode>& node : _nodes[OUTPUT])
-        node->performIOWithSampleTime(sampleTime, entries);
+        node->performIOWithSampleTime(sampleTime, entries, hostTime);
 }
 
 void DXRAudioConverter::_slideInputBuffer(uint32_t bufferFramesConsumed)
@@ -296,16 +385,13 @@ std::string DXRAudioConverter::description() const
         detail += "input [" + joined(_usageMaps[INPUT]) + "]";
     if (_contains[OUTPUT])
         detail += (detail.empty() ? "" : ", ") + ("output [" + joined(_usageMaps[OUTPUT]) + "]");
-    char text[120];
-    if (_contextFrameCount != _convertedFrameCount) {
-        std::snprintf(text, sizeof text, ", frameCount: %u -> %u", _contextFrameCount, _convertedFrameCount);
-        detail += text;
-    }
-    if (_contextSampleRate != _convertedSampleRate) {
-        std::snprintf(text, sizeof text, ", sampleRate: %ghz -> %ghz", _contextSampleRate,
-                      _convertedSampleRate);
-        detail += text;
-    }
+    if (_contextFrameCount != _convertedFrameCount)
+        detail += ", frameCount: " + std::to_string(_contextFrameCount) + " -> " +
+                  std::to_string(_convertedFrameCount);
+    if (_contextSampleRate != _convertedSampleRate)
+        detail += ", sampleRate: " + numberText(_contextSampleRate) + "hz -> " +
+                  numberText(_convertedSampleRate) + "hz";
+    char text[60];
     std::snprintf(text, sizeof text, "<DXRAudioConverter: %p, ", static_cast<const void*>(this));
     return text + detail + ">";
 }

@@ -2,12 +2,17 @@
 
 #include "CXExport.h"
 #include "CXRef.h"
+#include "DXRConversionQuality.h"
 #include "DXRConverterNode.h"
+#include "DXRCycleTimes.h"
 #include "ausampler.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+class RateConversion;
 
 /// Stands between a device, which runs at its own frame count and sample rate (the context side), and that
 /// device's nodes, which always see the frame count and rate they were promised (the converted side).
@@ -19,7 +24,7 @@
 /// entries.
 /// Threads:   one thread at a time, the IO thread of the context.
 /// Real time: performIOWithSampleTime; creation and description allocate.
-/// Owns:      its nodes, strongly, a buffer per direction and, between different rates, a sampler per
+/// Owns:      its nodes, strongly, a buffer per direction and, between different rates, a conversion per
 ///            direction.
 /// Fails:     a broken invariant is a failed assertion.
 class DXR_EXPORT DXRAudioConverter final : public CXObject {
@@ -29,9 +34,10 @@ public:
     /// `nodes` and `channelCounts` are pairs, input and output: the nodes, and how many channels the device
     /// has in the direction. Rates in Hz, above 0. Channel numbers of a node that the device does not have
     /// are left out.
-    static CXRef<DXRAudioConverter> initWithNodes(const Nodes nodes[2], const uint32_t channelCounts[2],
-                                                  double contextSampleRate, double convertedSampleRate,
-                                                  uint32_t contextFrameCount, uint32_t convertedFrameCount);
+    static CXRef<DXRAudioConverter>
+    initWithNodes(const Nodes nodes[2], const uint32_t channelCounts[2], double contextSampleRate,
+                  double convertedSampleRate, uint32_t contextFrameCount, uint32_t convertedFrameCount,
+                  DXRConversionQuality quality = DXRConversionQuality::Standard);
 
     uint32_t contextFrameCount() const noexcept { return _contextFrameCount; }     ///< of a device cycle
     uint32_t convertedFrameCount() const noexcept { return _convertedFrameCount; } ///< of a node cycle
@@ -41,8 +47,9 @@ public:
     /// One device cycle of contextFrameCount() frames. `sampleTime` is the nodes' time, in converted frames;
     /// it advances by convertedFrameCount() for every node cycle. `samples` is the pair of the device's
     /// channel entries, input and output, as many as `channelCounts` said; a null entry, or a null array, is
-    /// silence on input and ignored on output. Does nothing when a node cycle has no frames.
-    void performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2]) CX_REALTIME;
+    /// silence on input and ignored on output. Does nothing when a node cycle has no frames. `times` are the device's.
+    void performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2],
+                                 const DXRCycleTimes& times = {}) CX_REALTIME;
 
     /// "<DXRAudioConverter: address, input [1, 2], output [1, 2], frameCount: 512 -> 256, sampleRate: 44100hz
     /// -> 48000hz>", with what applies.
@@ -52,7 +59,8 @@ private:
     enum Direction { INPUT = 0, OUTPUT = 1 };
 
     DXRAudioConverter(const Nodes nodes[2], const uint32_t channelCounts[2], double contextSampleRate,
-                      double convertedSampleRate, uint32_t contextFrameCount, uint32_t convertedFrameCount);
+                      double convertedSampleRate, uint32_t contextFrameCount, uint32_t convertedFrameCount,
+                      DXRConversionQuality quality);
     ~DXRAudioConverter() override;
 
     void _collectUsage(Direction direction);
@@ -69,12 +77,16 @@ private:
 
     void _takeInput(const DXRChannelEntry* entries);
     void _giveOutput(const DXRChannelEntry* entries, uint32_t bufferFramesConsumed);
+    void _readOutput(const std::vector<ausampler_iovec>& to) noexcept;
+    void _giveCollectedOutput() noexcept;
     void _dropFrames(Direction direction, uint32_t frames) noexcept;
+    uint64_t _hostTimeOf(Direction direction, uint32_t frame) const noexcept;
     const DXRChannelEntry* _nodeEntriesAt(Direction direction, uint32_t frame) noexcept;
     float* _bufferAt(Direction direction, uint32_t frame) const noexcept;
     void _pointAtDevice(Direction direction, const DXRChannelEntry* entries) noexcept;
     void _pointAtBuffer(Direction direction, uint32_t frame) noexcept;
 
+    const DXRConversionQuality _quality;
     const Nodes _nodes[2];
     const uint32_t _contextChannelCounts[2];
     const uint32_t _contextFrameCount;
@@ -89,7 +101,16 @@ private:
     uint32_t _bufferFrameSizes[2] = {}; // bytes
     // Interleaved frames of the used channels; without a used channel there is no memory, only the count.
     std::vector<float> _buffers[2];
-    ausampler* _samplers[2] = {};
+    std::unique_ptr<RateConversion> _conversions[2]; // between different rates
+
+    // Device frames that one read makes: a cycle, or several where a cycle is worth less than one converted frame. Those
+    // are collected here, interleaved, _collectedFrames of them still to be given out.
+    uint32_t _framesReadTogether = 0;
+    uint32_t _collectedFrames = 0;
+    std::vector<float> _collected;
+    std::vector<ausampler_iovec> _collectedSide;
+
+    DXRCycleTimes _times; // of this cycle
 
     // One entry per used channel, on the device and in the buffer; set anew for each move.
     std::vector<ausampler_iovec> _deviceSide[2], _bufferSide[2];

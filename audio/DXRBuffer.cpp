@@ -2,6 +2,7 @@
 
 #include "CXErrorAdditions.h"
 #include "InstructionSet.h"
+#include "NumberText.h"
 #include "SampleKernels.h"
 #include "TFA.h"
 
@@ -56,7 +57,13 @@ CXRef<DXRBuffer> DXRBuffer::init()
 CXRef<DXRBuffer> DXRBuffer::initWithSampleRate(double sampleRate, uint32_t frameCount, uint32_t channelCount,
                                                bool zeroFill)
 {
-    auto buffer = CXRef<DXRBuffer>::adopt(new DXRBuffer(sampleRate, frameCount, channelCount));
+    constexpr size_t maxSamples = SIZE_MAX / sizeof(float);
+    if (channelCount != 0 && frameCount > maxSamples / channelCount)
+        return nullptr;
+    auto* const samples = static_cast<float*>(TFA_malloc(size_t{channelCount} * frameCount * sizeof(float)));
+    if (!samples)
+        return nullptr;
+    auto buffer = CXRef<DXRBuffer>::adopt(new DXRBuffer(sampleRate, frameCount, channelCount, samples));
     if (zeroFill)
         buffer->mute();
     return buffer;
@@ -66,13 +73,13 @@ CXRef<DXRBuffer> DXRBuffer::initWithBuffer(const DXRBuffer& buffer)
 {
     CXRef<DXRBuffer> copy =
         initWithSampleRate(buffer._sampleRate, buffer._frameCount, buffer._channelCount, false);
-    copy->copyFromBuffer(&buffer);
+    if (copy) // by its memory: a buffer whose rate is not a number equals none, not even its copy
+        copy->copyFromInterleavedFloats(buffer._samples);
     return copy;
 }
 
-DXRBuffer::DXRBuffer(double sampleRate, uint32_t frameCount, uint32_t channelCount)
-    : _channelCount(channelCount), _frameCount(frameCount), _sampleRate(sampleRate),
-      _samples(static_cast<float*>(TFA_malloc(_sampleCount() * sizeof(float))))
+DXRBuffer::DXRBuffer(double sampleRate, uint32_t frameCount, uint32_t channelCount, float* samples) noexcept
+    : _channelCount(channelCount), _frameCount(frameCount), _sampleRate(sampleRate), _samples(samples)
 {}
 
 DXRBuffer::~DXRBuffer()
@@ -277,8 +284,8 @@ void DXRBuffer::processFramesWithBlock(const FramesBlock& block)
 
 std::string DXRBuffer::description() const
 {
-    char text[120];
-    std::snprintf(text, sizeof text, "<DXRBuffer: %p, %u/%u@%ghz>", static_cast<const void*>(this),
-                  _channelCount, _frameCount, _sampleRate);
-    return text;
+    char text[80];
+    std::snprintf(text, sizeof text, "<DXRBuffer: %p, %u/%u@", static_cast<const void*>(this), _channelCount,
+                  _frameCount);
+    return text + numberText(_sampleRate) + "hz>";
 }

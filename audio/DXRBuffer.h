@@ -26,10 +26,11 @@ public:
 
     /// Forbidden: a buffer has a format. Fails an assertion.
     static CXRef<DXRBuffer> init();
-    /// frameCount * channelCount samples at `sampleRate` Hz, silent when `zeroFill`. Allocates.
+    /// frameCount * channelCount samples at `sampleRate` Hz, silent when `zeroFill`. Allocates. Null when there is no memory for so
+    /// many.
     static CXRef<DXRBuffer> initWithSampleRate(double sampleRate, uint32_t frameCount, uint32_t channelCount,
                                                bool zeroFill = true);
-    /// A copy of format and samples. Allocates.
+    /// A copy of format and samples. Allocates. Null when there is no memory.
     static CXRef<DXRBuffer> initWithBuffer(const DXRBuffer& buffer);
     /// initWithBuffer of this one.
     CXRef<DXRBuffer> copy() const { return initWithBuffer(*this); }
@@ -37,6 +38,10 @@ public:
     double sampleRate() const noexcept { return _sampleRate; } ///< Hz
     uint32_t frameCount() const noexcept { return _frameCount; }
     uint32_t channelCount() const noexcept { return _channelCount; }
+    /// In an IO block: when the first frame was at the device, of input, or will be played, of output; in host ticks, 0 when
+    /// the device does not say.
+    uint64_t hostTime() const noexcept CX_REALTIME { return _hostTime; }
+    void setHostTime(uint64_t ticks) noexcept CX_REALTIME { _hostTime = ticks; }
     /// Channel c, from 0, of frame k is samples()[k * channelCount() + c].
     float* samples() noexcept CX_REALTIME { return _samples; }
     const float* samples() const noexcept CX_REALTIME { return _samples; }
@@ -84,7 +89,7 @@ public:
     std::string description() const override;
 
 private:
-    DXRBuffer(double sampleRate, uint32_t frameCount, uint32_t channelCount);
+    DXRBuffer(double sampleRate, uint32_t frameCount, uint32_t channelCount, float* samples) noexcept;
     ~DXRBuffer() override;
 
     size_t _sampleCount() const noexcept { return size_t{_channelCount} * _frameCount; }
@@ -94,5 +99,6 @@ private:
     const uint32_t _channelCount;
     const uint32_t _frameCount;
     const double _sampleRate;
+    uint64_t _hostTime = 0;
     float* const _samples; // a fast-allocator block, freed in the destructor
 };

@@ -1,23 +1,23 @@
 #include "DXRValueRange.h"
 
+#include "NumberText.h"
 #include "SampleRateHash.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cmath>
 #include <cstring>
 #include <iterator>
 
 namespace {
 
-/// The range in `unit`s of 1 / `divisor`, as a person would write it.
-std::string described(const AudioValueRange& range, bool isRange, double divisor, const char* unit)
+/// The range divided by `divisor`, with `unit` behind it.
+std::string described(const AudioValueRange& range, double divisor, const char* unit)
 {
-    char text[80];
-    if (isRange)
-        std::snprintf(text, sizeof text, "%g - %g%s", range.minimum / divisor, range.maximum / divisor, unit);
-    else
-        std::snprintf(text, sizeof text, "%g%s", range.minimum / divisor, unit);
-    return text;
+    const std::string minimum = numberText(range.minimum / divisor),
+                      maximum = numberText(range.maximum / divisor);
+    const bool isSingle =
+        range.minimum == range.maximum || (std::isnan(range.minimum) && std::isnan(range.maximum));
+    return isSingle ? minimum + unit : minimum + " - " + maximum + unit;
 }
 
 } // namespace
@@ -80,12 +80,12 @@ std::vector<double> DXRValueRange::containedValues(std::span<const double> value
 
 std::string DXRValueRange::description() const
 {
-    return described(_range, isRange(), 1, "");
+    return described(_range, 1, "");
 }
 
 std::string DXRValueRange::descriptionForSampleRate() const
 {
-    return described(_range, isRange(), 1000, "kHz");
+    return described(_range, 1000, "kHz");
 }
 
 bool DXRValueRange::isEqual(const CXObject* other) const

@@ -1,6 +1,7 @@
 #include "StreamFormat.h"
 
 #include "CXFourCharCode.h"
+#include "NumberText.h"
 #include "SampleRateHash.h"
 
 #include <cstdio>
@@ -55,9 +56,7 @@ size_t hash(const AudioStreamBasicDescription& format) noexcept
 
 std::string rateText(double sampleRate)
 {
-    char text[40];
-    std::snprintf(text, sizeof text, "%gkHz", sampleRate / 1000);
-    return text;
+    return numberText(sampleRate / 1000) + "kHz";
 }
 
 std::vector<std::string> parts(const AudioStreamBasicDescription& format, std::string rate,

@@ -10,9 +10,9 @@
 // Threads:   a clock never changes; any. To move the epoch or the rate, make another.
 // Real time: everything but creating and destroying.
 
-extern "C" {
+DXR_BEGIN_C
 
-struct auclock {
+typedef struct auclock {
     uint64_t epoch_abstime;    ///< host ticks
     uint64_t epoch_sampletime; ///< frames
     double rate;               ///< Hz, as given
@@ -21,28 +21,28 @@ struct auclock {
     int64_t abs_to_sample_den;  ///< rate denominator * frequency numerator
     int64_t abs_to_sample_bias; ///< half the rate's numerator
     int64_t sample_to_abs_bias; ///< half the frequency's numerator
-};
+} auclock;
 
 /// A clock on which `epoch_sampletime` is the sample time at host time `epoch_abstime`, over the shared time
 /// base. `rate` is in Hz, finite and above 0: with a rate of 0 no sample ever comes, and
 /// auclock_sampletime_to_abstime divides by zero. The caller destroys it. Null when there is no memory.
-[[nodiscard]] DXR_EXPORT auclock* auclock_create(uint64_t epoch_abstime, uint64_t epoch_sampletime,
-                                                 double rate) noexcept;
+DXR_NODISCARD DXR_EXPORT auclock* auclock_create(uint64_t epoch_abstime, uint64_t epoch_sampletime,
+                                                 double rate) DXR_NOEXCEPT;
 /// Another with the same values.
-[[nodiscard]] DXR_EXPORT auclock* auclock_create_copy(const auclock* clock) noexcept;
+DXR_NODISCARD DXR_EXPORT auclock* auclock_create_copy(const auclock* clock) DXR_NOEXCEPT;
 /// Null does nothing.
-DXR_EXPORT void auclock_destroy(auclock* clock) noexcept;
+DXR_EXPORT void auclock_destroy(auclock* clock) DXR_NOEXCEPT;
 
-DXR_EXPORT uint64_t auclock_epoch_abstime(const auclock* clock) noexcept CX_REALTIME;
-DXR_EXPORT uint64_t auclock_epoch_sampletime(const auclock* clock) noexcept CX_REALTIME;
-DXR_EXPORT double auclock_rate(const auclock* clock) noexcept CX_REALTIME;
+DXR_EXPORT uint64_t auclock_epoch_abstime(const auclock* clock) DXR_NOEXCEPT CX_REALTIME;
+DXR_EXPORT uint64_t auclock_epoch_sampletime(const auclock* clock) DXR_NOEXCEPT CX_REALTIME;
+DXR_EXPORT double auclock_rate(const auclock* clock) DXR_NOEXCEPT CX_REALTIME;
 
 /// The sample time at a host time. The numbers before the epoch mean nothing.
-DXR_EXPORT uint64_t auclock_abstime_to_sampletime(const auclock* clock, uint64_t abstime) noexcept
+DXR_EXPORT uint64_t auclock_abstime_to_sampletime(const auclock* clock, uint64_t abstime) DXR_NOEXCEPT
     CX_REALTIME;
 /// The host time at a sample time, half a sample's worth of ticks late. The numbers before the epoch mean
 /// nothing.
-DXR_EXPORT uint64_t auclock_sampletime_to_abstime(const auclock* clock, uint64_t sampletime) noexcept
+DXR_EXPORT uint64_t auclock_sampletime_to_abstime(const auclock* clock, uint64_t sampletime) DXR_NOEXCEPT
     CX_REALTIME;
 
-} // extern "C"
+DXR_END_C

@@ -1,5 +1,6 @@
 #include "ausampler.h"
 
+#include "CXErrorAdditions.h"
 #include "DenormalFlush.h"
 #include "InstructionSet.h"
 #include "SamplerKernels.h"
@@ -8,6 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <numbers>
 
 namespace {
@@ -95,6 +97,16 @@ private:
     uint64_t _stride;
 };
 
+/// Whether rates can be converted: positive, finite, and their ratio too, either way.
+bool canConvert(double rateIn, double rateOut) noexcept
+{
+    const auto isPositive = [](double value) {
+        return value > 0 && value <= std::numeric_limits<double>::max();
+    };
+    return isPositive(rateIn) && isPositive(rateOut) && isPositive(rateIn / rateOut) &&
+           isPositive(rateOut / rateIn);
+}
+
 /// How many frames a call moves on each side, and where it leaves the phase.
 struct Move {
     uint32_t framesIn;
@@ -131,6 +143,8 @@ uint32_t framesNeeded(double phase, double ratio, uint32_t count) noexcept
 
 Move moveForRead(const ausampler& sampler, uint32_t framesOut, double rateIn, double rateOut) noexcept
 {
+    if (!canConvert(rateIn, rateOut))
+        return {0, 0, sampler.phase};
     if (framesOut == 0 || rateIn == rateOut)
         return {framesOut, framesOut, sampler.phase};
     const uint32_t framesIn = framesNeeded(sampler.phase, rateIn / rateOut, framesOut);
@@ -141,6 +155,8 @@ Move moveForRead(const ausampler& sampler, uint32_t framesOut, double rateIn, do
 
 Move moveForWrite(const ausampler& sampler, uint32_t framesIn, double rateIn, double rateOut) noexcept
 {
+    if (!canConvert(rateIn, rateOut))
+        return {0, 0, sampler.phase};
     if (framesIn == 0 || rateIn == rateOut)
         return {framesIn, framesIn, sampler.phase};
     const double ratio = rateIn / rateOut;
@@ -420,7 +436,11 @@ private:
 void perform(ausampler& sampler, const ChannelTable& input, const ChannelTable& output, const Move& move,
              double ratio) noexcept
 {
+    if (move.framesIn == 0)
+        return;
     if (sampler.channel_count > 0) {
+        for (uint32_t channel = 0; channel < sampler.channel_count; ++channel)
+            CX_ASSERT(move.framesOut == 0 || input[channel].base != output[channel].base);
         const DenormalFlush flush;
         Resampling(sampler, input, output, move, ratio).run();
     }
@@ -430,17 +450,17 @@ void perform(ausampler& sampler, const ChannelTable& input, const ChannelTable& 
 uint32_t read(ausampler* sampler, const ChannelTable& input, const ChannelTable& output, uint32_t framesOut,
               double rateIn, double rateOut) noexcept
 {
-    if (framesOut > 0)
-        perform(*sampler, input, output, moveForRead(*sampler, framesOut, rateIn, rateOut), rateIn / rateOut);
-    return framesOut;
+    const Move move = moveForRead(*sampler, framesOut, rateIn, rateOut);
+    perform(*sampler, input, output, move, rateIn / rateOut);
+    return move.framesOut;
 }
 
 uint32_t write(ausampler* sampler, const ChannelTable& input, const ChannelTable& output, uint32_t framesIn,
                double rateIn, double rateOut) noexcept
 {
-    if (framesIn > 0)
-        perform(*sampler, input, output, moveForWrite(*sampler, framesIn, rateIn, rateOut), rateIn / rateOut);
-    return framesIn;
+    const Move move = moveForWrite(*sampler, framesIn, rateIn, rateOut);
+    perform(*sampler, input, output, move, rateIn / rateOut);
+    return move.framesIn;
 }
 
 } // namespace

@@ -1,23 +1,23 @@
 #include "DXRAudioAggregateContext.h"
 
 #include "AggregateComposition.h"
-#include "CXPlistAdditions.h"
 #include "CXStringAdditions.h"
 #include "CXValue.h"
-#include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
+#include "DXRPropertyAddress.h"
 #include "QDL.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <thread>
 #include <unistd.h>
 
 namespace {
 
-constexpr int mostWaits = 300;
+constexpr int maxWaits = 300;
 constexpr std::chrono::milliseconds wait(10);
 
 /// A random UUID (RFC 4122, version 4) as text.
@@ -39,12 +39,14 @@ std::string newUUID()
 
 CXRef<DXRAudioAggregateContext>
 DXRAudioAggregateContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner, const DXRDeviceNodes& nodes,
-                                         Viables viables, const std::vector<std::string>& deviceUIDs)
+                                         Viables viables, const std::vector<std::string>& deviceUIDs,
+                                         HALStatus* status)
 {
     auto context = CXRef<DXRAudioAggregateContext>::adopt(
         new DXRAudioAggregateContext(runner, nodes, std::move(viables)));
     context->_deviceUID = _uniqueDeviceUID();
-    context->_deviceID = context->_createAggregateDevice(deviceUIDs, context->_clockDeviceUID(deviceUIDs));
+    context->_deviceID =
+        context->_createAggregateDevice(deviceUIDs, context->_clockDeviceUID(deviceUIDs), status);
     if (context->_deviceID == kAudioObjectUnknown)
         return nullptr;
     context->_waitForChannels(deviceUIDs);
@@ -93,7 +95,8 @@ DXRAudioAggregateContext::_clockDeviceUID(const std::vector<std::string>& device
 
 AudioObjectID
 DXRAudioAggregateContext::_createAggregateDevice(const std::vector<std::string>& deviceUIDs,
-                                                 const std::optional<std::string>& clockDeviceUID) const
+                                                 const std::optional<std::string>& clockDeviceUID,
+                                                 HALStatus* status) const
 {
     CXPlist subdevices = CXPlist::array();
     for (const std::string& uid : deviceUIDs) {
@@ -110,9 +113,9 @@ DXRAudioAggregateContext::_createAggregateDevice(const std::vector<std::string>&
     if (clockDeviceUID)
         description["master"] = *clockDeviceUID;
     AudioObjectID deviceID = kAudioObjectUnknown;
-    const HALStatus status =
+    *status =
         AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(std::move(description)).get(), &deviceID);
-    return status == kAudioHardwareNoError ? deviceID : kAudioObjectUnknown;
+    return *status == kAudioHardwareNoError ? deviceID : kAudioObjectUnknown;
 }
 
 void DXRAudioAggregateContext::_destroyAggregateDevice()
@@ -132,7 +135,7 @@ void DXRAudioAggregateContext::_waitForChannels(const std::vector<std::string>& 
     const auto hasChannels = [this](bool isInput) {
         return QDLAudioDeviceChannelCount(_deviceID, isInput) > 0;
     };
-    for (int waits = 0; waits < mostWaits && !hasChannels(true) && !hasChannels(false) &&
+    for (int waits = 0; waits < maxWaits && !hasChannels(true) && !hasChannels(false) &&
                         std::ranges::any_of(deviceUIDs, isThere);
          ++waits)
         std::this_thread::sleep_for(wait);
@@ -143,37 +146,19 @@ CXPlist DXRAudioAggregateContext::_composition() const
     return aggregateComposition(_deviceID);
 }
 
-std::vector<uint32_t> DXRAudioAggregateContext::_channelMapForNode(const CXRef<DXRDeviceNode>& node) const
+std::vector<DXRRunnerCounts::Device> DXRAudioAggregateContext::countsOfDevices(uint64_t lostFrames) const
 {
-    std::vector<uint32_t> map;
-    const bool isInput = node->isInput();
-    const auto channelsOf = [isInput](const CXPlist& subdevice, const CXPlist& uid) {
-        const CXRef<DXRDevice> device =
-            uid.is_string()
-                ? DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uid.get<std::string>(), isInput)
-                : nullptr;
-        return device ? device->channelCount()
-                      : static_cast<uint32_t>(safeIntegerForKey(subdevice, aggregateChannelsKey(isInput)));
-    };
-    const auto appendChannelsOf = [&](const std::string& wanted, const CXPlist& subdevices) {
-        uint32_t offset = 0;
-        for (const CXPlist& subdevice : subdevices) {
-            const CXPlist uid = vtObjectForKey(subdevice, aggregateUIDKey, CXPlistKind::String);
-            const uint32_t channels = channelsOf(subdevice, uid);
-            for (uint32_t channel = 1; uid == wanted && channel <= channels; ++channel)
-                map.push_back(offset + channel);
-            if (uid == wanted)
-                return;
-            offset += channels;
-        }
-    };
-    if (_viables.contains(node)) {
-        const CXPlist subdevices = vtObjectForKey(_composition(), aggregateSubdevicesKey, CXPlistKind::Array);
-        for (const std::string& uid : node->deviceUIDs())
-            appendChannelsOf(uid, subdevices);
+    std::vector<DXRRunnerCounts::Device> counts;
+    const auto data = DXRPropertyAddress::initWithSelector(kAudioAggregateDevicePropertySubDeviceStatus)
+                          ->dataForObjectID(_deviceID);
+    for (size_t at = 0; data && at + sizeof(AudioAggregateSubDeviceStatus) <= data->size();
+         at += sizeof(AudioAggregateSubDeviceStatus)) {
+        AudioAggregateSubDeviceStatus status;
+        std::memcpy(&status, data->data() + at, sizeof status);
+        const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
+        if (uid)
+            counts.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),
+                              status.resynchronisations});
     }
-    const uint32_t channelCount = node->device()->channelCount();
-    if (map.size() < channelCount)
-        map.resize(channelCount, 0);
-    return map;
+    return counts;
 }

@@ -7,13 +7,16 @@
 /// as the context. The first of the devices that a node stands for gives the clock; the others are brought to it.
 class DXR_EXPORT DXRAudioAggregateContext final : public DXRAudioContext {
 public:
-    /// Null when the aggregate cannot be made. Waits, for about three seconds at the longest, until the new device says
+    /// Null when the aggregate cannot be made, for the reason in `status`. Waits, for about three seconds at the longest, until the new device says
     /// what channels it has or none of the devices is there any more.
     static CXRef<DXRAudioAggregateContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
                                                           const DXRDeviceNodes& nodes, Viables viables,
-                                                          const std::vector<std::string>& deviceUIDs);
+                                                          const std::vector<std::string>& deviceUIDs,
+                                                          HALStatus* status);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Aggregate; }
+    /// Those of the aggregate's parts; what the cycles show is the clock's.
+    std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t lostFrames) const override;
     /// "DXR:", the process ID in hexadecimal, and a UUID that nobody else has.
     static std::string _uniqueDeviceUID();
     /// The plug-in of that bundle ID; 0 for none.
@@ -23,8 +26,6 @@ public:
 
 protected:
     const char* className() const override { return "DXRAudioAggregateContext"; }
-    /// A node's own channels within the aggregate's, which lie in the order of its sub-devices.
-    std::vector<uint32_t> _channelMapForNode(const CXRef<DXRDeviceNode>& node) const override;
 
 private:
     using DXRAudioContext::DXRAudioContext;
@@ -32,7 +33,8 @@ private:
 
     std::optional<std::string> _clockDeviceUID(const std::vector<std::string>& deviceUIDs) const;
     AudioObjectID _createAggregateDevice(const std::vector<std::string>& deviceUIDs,
-                                         const std::optional<std::string>& clockDeviceUID) const;
+                                         const std::optional<std::string>& clockDeviceUID,
+                                         HALStatus* status) const;
     void _destroyAggregateDevice();
     void _waitForChannels(const std::vector<std::string>& deviceUIDs) const;
 };

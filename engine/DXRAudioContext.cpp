@@ -1,9 +1,11 @@
 #include "DXRAudioContext.h"
 
 #include "CXErrorAdditions.h"
+#include "CXFourCharCode.h"
 #include "DXRAudioAggregateContext.h"
 #include "DXRAudioTimerContext.h"
 #include "DXRDeviceRunner.h"
+#include "DeviceClock.h"
 #include "GlobalQueue.h"
 #include "HostClock.h"
 #include "QDL.h"
@@ -11,14 +13,14 @@
 #include <algorithm>
 #include <alloca.h>
 #include <cstdio>
+#include <iterator>
 
 namespace {
 
-constexpr std::nullptr_t nil = nullptr;
 constexpr uint32_t defaultFrameCount = 512;
 constexpr double defaultSampleRate = 44100.0;
 // Of one direction, on the stack of an IO thread: 16 bytes each. A device with more has them in its record.
-constexpr uint32_t mostStackEntries = 1024;
+constexpr uint32_t maxStackEntries = 1024;
 constexpr double ticksPerSecond =
     1e9 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
 
@@ -46,6 +48,12 @@ bool writeProperty(AudioObjectID deviceID, const AudioObjectPropertyAddress& add
            kAudioHardwareNoError;
 }
 
+/// " (status 'what')".
+std::string statusText(HALStatus status)
+{
+    return " (status '" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
+}
+
 /// The buffers of a list, which has as many as it says, whatever its declared bound.
 std::span<const AudioBuffer> buffersOf(const AudioBufferList* list)
 {
@@ -70,7 +78,8 @@ uint32_t frameCountOf(const AudioBuffer& buffer)
 // ---- Life
 
 CXRef<DXRAudioContext> DXRAudioContext::audioContextWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                               const DXRDeviceNodes& nodes)
+                                                               const DXRDeviceNodes& nodes,
+                                                               DXRDeviceRunnerError* error)
 {
     Viables viables;
     std::vector<std::string> deviceUIDs;
@@ -85,22 +94,36 @@ CXRef<DXRAudioContext> DXRAudioContext::audioContextWithRunner(const CXRef<DXRDe
             }
         }
     }
-    if (deviceUIDs.size() >= 2 && viables.size() > 1)
-        return DXRAudioAggregateContext::initWithRunner(runner, nodes, std::move(viables), deviceUIDs);
+    if (deviceUIDs.size() >= 2 && viables.size() > 1) {
+        HALStatus status = kAudioHardwareNoError;
+        auto context =
+            DXRAudioAggregateContext::initWithRunner(runner, nodes, std::move(viables), deviceUIDs, &status);
+        if (!context && error)
+            *error = {"", status, "cannot combine the devices" + statusText(status)};
+        return context;
+    }
     if (!viables.empty())
-        return initWithRunner(runner, nodes, std::move(viables));
+        return initWithRunner(runner, nodes, std::move(viables), deviceUIDs);
     return DXRAudioTimerContext::initWithRunner(runner, nodes, std::move(viables));
 }
 
 CXRef<DXRAudioContext> DXRAudioContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                       const DXRDeviceNodes& nodes, Viables viables)
+                                                       const DXRDeviceNodes& nodes, Viables viables,
+                                                       const std::vector<std::string>& deviceUIDs)
 {
     auto context = CXRef<DXRAudioContext>::adopt(new DXRAudioContext(runner, nodes, std::move(viables)));
-    for (const auto& direction : nodes) {
-        for (const CXRef<DXRDeviceNode>& node : direction) {
-            if (context->_deviceID == kAudioObjectUnknown && context->_viables.contains(node)) {
-                context->_deviceID = node->device()->deviceID();
-                context->_deviceUID = node->device()->deviceUID();
+    // An aggregate beside the one device that is there of its parts: the device itself, which carries both.
+    const auto isOneOf = [&](const CXRef<DXRDeviceNode>& node, bool isListed) {
+        return context->_viables.contains(node) &&
+               (!isListed || std::ranges::find(deviceUIDs, node->device()->deviceUID()) != deviceUIDs.end());
+    };
+    for (const bool isListed : {true, false}) {
+        for (const auto& direction : nodes) {
+            for (const CXRef<DXRDeviceNode>& node : direction) {
+                if (context->_deviceID == kAudioObjectUnknown && isOneOf(node, isListed)) {
+                    context->_deviceID = node->device()->deviceID();
+                    context->_deviceUID = node->device()->deviceUID();
+                }
             }
         }
     }
@@ -115,7 +138,7 @@ DXRAudioContext::DXRAudioContext(const CXRef<DXRDeviceRunner>& runner, const DXR
 // noexcept as it is, a broken promise ends the process here.
 DXRAudioContext::~DXRAudioContext() CX_UNCHECKED_QUEUE // nobody else has it any more
 {
-    CX_ASSERT(_iocontext == NULL); // NOLINT(modernize-use-nullptr): the text of the assertion
+    CX_ASSERT_SAYING(!_iocontext, "_iocontext == NULL");
 }
 
 std::string DXRAudioContext::description() const
@@ -133,36 +156,117 @@ std::string DXRAudioContext::description() const
 bool DXRAudioContext::start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    CX_ASSERT(_iocontext == nil);
+    CX_ASSERT_SAYING(!_iocontext, "_iocontext == nil");
     const CXRef<DXRAudioIOContext> record = _makeRecord();
-    if (AudioDeviceCreateIOProcIDWithBlock(
+    if (const HALStatus status = AudioDeviceCreateIOProcIDWithBlock(
             &record->procID, _deviceID, nullptr,
             [record, context = this](const AudioTimeStamp* now, const AudioBufferList* input,
                                      const AudioTimeStamp* inputTime, AudioBufferList* output,
                                      const AudioTimeStamp* outputTime) {
-                _callback(*context, *record, now,
+                _callback(*context, *record, {now, inputTime, outputTime},
                           {hasSampleTime(inputTime) ? input : nullptr,
                            hasSampleTime(outputTime) ? output : nullptr});
-            }) != kAudioHardwareNoError) {
+            });
+        status != kAudioHardwareNoError) {
         record->forgetWork();
-        return false;
+        return _fail(status, "cannot use");
     }
-    for (const bool isInput : {true, false}) {
-        const size_t direction = isInput ? 0 : 1;
-        record->channels[direction] = QDLAudioDeviceChannelCount(_deviceID, isInput);
-        if (record->channels[direction] > mostStackEntries)
-            record->entries[direction].resize(record->channels[direction]);
-    }
+    _readStreams(*record);
+    _followLayouts();
     _listenForRate(*record);
     _askForFormat();
-    if (AudioDeviceStart(_deviceID, record->procID) != kAudioHardwareNoError) {
+    const HALStatus status = AudioDeviceStart(_deviceID, record->procID);
+    if (status != kAudioHardwareNoError) {
         _endCallback(*record, _deviceID);
-        return false;
+        _stopFollowingLayouts();
+        return _fail(status, "cannot start");
     }
     _iocontext = record;
-    _startIO();
+    if (!_startIO()) {
+        _iocontext = nullptr;
+        _endCallback(*record, _deviceID); // cycles are kept out, so none waits for this queue
+        _stopFollowingLayouts();
+        return false;
+    }
+    if (record->frameCount != 0)
+        _converterFor(*record);  // its filter is expensive to build: not in the first cycle
     record->unsafe.fetch_sub(1); // cycles may come in
     return true;
+}
+
+/// `text` is what was not possible with the device.
+bool DXRAudioContext::_fail(HALStatus status, std::string text)
+{
+    const CXRef<DXRDevice> device = _viables.size() == 1 ? (*_viables.begin())->device() : nullptr;
+    const std::string name = device ? "'" + device->displayName() + "'" : "the devices";
+    _error = {device ? device->deviceUID() : "", status, text + " " + name + statusText(status)};
+    return false;
+}
+
+void DXRAudioContext::_readStreams(DXRAudioIOContext& record) const
+{
+    for (const bool isInput : {true, false}) {
+        const size_t direction = isInput ? 0 : 1;
+        record.streamChannels[direction] = streamChannelCountsOf(_deviceID, isInput);
+        for (const uint32_t count : record.streamChannels[direction])
+            record.channels[direction] += count;
+        if (record.channels[direction] > maxStackEntries)
+            record.entries[direction].resize(record.channels[direction]);
+    }
+}
+
+DXRAudioContext::Layouts DXRAudioContext::_readLayouts() const
+{
+    Layouts layouts{channelLayoutOf(_deviceID, _deviceUID), {}};
+    // Whether the aggregate's own parts are there is for the hardware to make good, and for the runner by its devices.
+    for (ChannelPart& part : layouts.context)
+        part.isThere = true;
+    for (const CXRef<DXRDeviceNode>& node : _viables) {
+        const DXRDevice& device = *node->device();
+        if (device.deviceID() == _deviceID)
+            continue;
+        ChannelLayout& layout = layouts.nodes[node];
+        if (device.isAggregate())
+            layout = channelLayoutOf(device.deviceID(), device.deviceUID());
+        else // as the context knows it: itself it may be gone
+            std::ranges::copy_if(
+                layouts.context, std::back_inserter(layout),
+                [uid = device.deviceUID()](const ChannelPart& part) { return part.uid == uid; });
+    }
+    return layouts;
+}
+
+/// Starts anew when a part of an aggregate comes, goes or changes its channels: cycles cannot always see it.
+void DXRAudioContext::_followLayouts()
+{
+    std::set<AudioObjectID> aggregates{_deviceID};
+    for (const CXRef<DXRDeviceNode>& node : _viables) {
+        if (node->device()->isAggregate())
+            aggregates.insert(node->device()->deviceID());
+    }
+    for (const AudioObjectID aggregate : aggregates) {
+        for (const uint32_t selector :
+             {kAudioAggregateDevicePropertyComposition, kAudioAggregateDevicePropertyActiveSubDeviceList}) {
+            const AudioObjectPropertyAddress address{selector, kAudioObjectPropertyScopeGlobal,
+                                                     kAudioObjectPropertyElementMain};
+            _layoutListeners.push_back(_runner->propertyListenerWithObjectID(
+                aggregate, &address, CXRef<CXObject>(this),
+                [](const CXRef<CXObject>& target, const AudioObjectPropertyAddress*) {
+                    auto& context = static_cast<DXRAudioContext&>(*target);
+                    CX_ASSERT_ON_QUEUE(context._queue);
+                    if (context._iocontext && !(context._readLayouts() == context._layouts))
+                        context._runner->audioContextDidStopFromConfigChange();
+                }));
+            _layoutListeners.back()->start();
+        }
+    }
+    _layouts = _readLayouts();
+}
+
+void DXRAudioContext::_stopFollowingLayouts()
+{
+    for (const CXRef<DXRPropertyListener>& listener : std::exchange(_layoutListeners, {}))
+        listener->stop();
 }
 
 CXRef<DXRAudioIOContext> DXRAudioContext::_makeRecord()
@@ -198,12 +302,12 @@ void DXRAudioContext::_askForFormat()
         _setSampleRate(sampleRate);
 }
 
-void DXRAudioContext::_startIO()
+bool DXRAudioContext::_startIO()
 {
     CX_ASSERT_ON_QUEUE(_queue);
     uint32_t deviceFrameCount = 0;
     double deviceSampleRate = 0.0;
-    if (!_frameCount(&deviceFrameCount) || deviceFrameCount > DXRDeviceRunner::mostFrames)
+    if (!_frameCount(&deviceFrameCount) || deviceFrameCount > DXRDeviceRunner::maxFrames)
         deviceFrameCount = 0;
     if (!_sampleRate(&deviceSampleRate) || !QDLAudioDeviceSampleRateIsValid(deviceSampleRate))
         deviceSampleRate = 0.0;
@@ -222,17 +326,31 @@ void DXRAudioContext::_startIO()
             // What the node's device had when it was last looked at need not be what there is an entry for now.
             for (uint32_t& channel : map)
                 channel = !_iocontext || channel <= _iocontext->channels[direction] ? channel : 0;
-            node->startIOWithSampleRate(sampleRate, frameCount, map);
+            if (!node->startIOWithSampleRate(sampleRate, frameCount, map)) {
+                _stopIO();
+                _error = {node->device()->deviceUID(), kAudioHardwareNoError,
+                          "too many channels of '" + node->device()->displayName() + "' for buffers of " +
+                              std::to_string(frameCount) +
+                              " frames: " + std::to_string(node->channels().size())};
+                return false;
+            }
         }
     }
     _runner->audioContextDidStartWithSampleRate(sampleRate, frameCount);
+    return true;
 }
 
 std::vector<uint32_t> DXRAudioContext::_channelMapForNode(const CXRef<DXRDeviceNode>& node) const
 {
-    std::vector<uint32_t> map(node->device()->channelCount(), 0);
-    for (uint32_t channel = 1; channel <= map.size() && _viables.contains(node); ++channel)
-        map[channel - 1] = channel;
+    const uint32_t channelCount = node->device()->channelCount();
+    std::vector<uint32_t> map;
+    if (const auto layout = _layouts.nodes.find(node); layout != _layouts.nodes.end()) {
+        map = channelMapBetween(layout->second, _layouts.context, node->isInput());
+    } else if (_viables.contains(node)) {
+        for (uint32_t channel = 1; channel <= channelCount; ++channel)
+            map.push_back(channel);
+    }
+    map.resize(std::max<size_t>(map.size(), channelCount), 0);
     return map;
 }
 
@@ -245,6 +363,7 @@ void DXRAudioContext::stop()
         else
             record->keeper = CXRef<CXObject>(this);
     }
+    _stopFollowingLayouts();
     _stopIO();
 }
 
@@ -301,9 +420,10 @@ bool DXRAudioContext::_setSampleRate(double sampleRate)
 
 // ---- The cycle
 
-void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& record,
-                                const AudioTimeStamp* now, const DXRStreamBuffers& buffers) noexcept
+void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& record, const Stamps& stamps,
+                                const DXRStreamBuffers& buffers) noexcept
 {
+    const AudioTimeStamp* const now = stamps.now;
     const CXRealtimeScope realtime;
     if (!record.enter())
         return;
@@ -312,6 +432,8 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     record.hasTime = hasSampleTime(now) && now->sampleTime >= 0.0 && now->sampleTime < pastLast;
     record.sampleTime = record.hasTime ? static_cast<uint64_t>(now->sampleTime) : 0;
     record.buffers = buffers;
+    record.inputSampleTime = buffers.input ? stamps.input->sampleTime : 0.0;
+    record.outputSampleTime = buffers.output ? stamps.output->sampleTime : 0.0;
     record.dueTicks = now && (now->flags & kAudioTimeStampHostTimeValid) != 0 ? now->hostTime : 0;
     record.beginTicks = context._runner->isTraced() ? platform::HostClock::nowTicks() : 0;
     record.freshRate.reset();
@@ -344,39 +466,62 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     CX_ASSERT_ON_QUEUE(_queue);
     DXRAudioIOContext& record = *_iocontext;
     const AudioBufferList* const lists[2] = {buffers.input, buffers.output};
-    uint32_t channels[2] = {}, frames[2] = {};
-    for (size_t direction = 0; direction < 2; ++direction) {
-        if (lists[direction])
-            _channelCount(&channels[direction], &frames[direction], lists[direction]);
-    }
-    const uint32_t frameCount = frames[0] != 0 ? frames[0] : frames[1];
+    const uint32_t inputFrames = lists[0] ? _frameCountOf(lists[0]) : 0;
+    const uint32_t frameCount = inputFrames != 0 || !lists[1] ? inputFrames : _frameCountOf(lists[1]);
     double sampleRate = 0.0;
     if (frameCount == 0 || !_followRate(record, sampleTime, &sampleRate))
         return;
-    if (!std::ranges::equal(channels, record.channels))
+    if (!_hasStreams(lists[0], record.streamChannels[0]) || !_hasStreams(lists[1], record.streamChannels[1]))
         return _leaveForNewLayout(record);
+    if (sampleRate != record.sampleRate || record.lastSampleTime >= sampleTime)
+        record.clock->reset();
     if (frameCount != record.frameCount || sampleRate != record.sampleRate) {
         record.frameCount = frameCount;
         record.sampleRate = sampleRate;
         const CXRealtimeExemption exemption("the converter for the old format goes");
         record.converter = nullptr;
     }
+    // A device's sample time goes on by what it has lost.
+    const uint64_t expected = record.lastSampleTime + record.lastFrameCount;
+    const bool isNext = record.lastSampleTime < sampleTime && record.lastFrameCount != 0;
+    const uint64_t lostFrames = isNext && sampleTime > expected ? sampleTime - expected : 0;
     record.lastSampleTime = sampleTime;
+    record.lastFrameCount = frameCount;
     DXRAudioConverter* const converter = _converterFor(record);
 
     DXRChannelEntry* entries[2];
     for (size_t direction = 0; direction < 2; ++direction) {
         const size_t count = record.channels[direction];
-        entries[direction] = count > mostStackEntries
+        entries[direction] = count > maxStackEntries
                                  ? record.entries[direction].data()
                                  : static_cast<DXRChannelEntry*>(alloca(count * sizeof(DXRChannelEntry)));
         if (lists[direction])
             _sampleBuffers(entries[direction], static_cast<uint32_t>(count), frameCount, lists[direction]);
     }
+    const DXRCycleTimes times =
+        record.dueTicks == 0
+            ? DXRCycleTimes()
+            : record.clock->follow(record.dueTicks, record.sampleTime, record.inputSampleTime,
+                                   record.outputSampleTime, record.sampleRate);
     if (DXRCycleTrace* const trace = _runner->cycleTrace())
-        _performTraced(*trace, record, converter, entries);
+        _performTraced(*trace, record, converter, entries, times);
     else
-        _performNodes(converter, entries);
+        _performNodes(converter, entries, times);
+    const uint64_t deadline = _deadlineOf(record);
+    _runner->noteCycle(deadline != 0 && platform::HostClock::nowTicks() > deadline, lostFrames);
+}
+
+/// When the next cycle is due, in ticks; 0 where the device does not say.
+uint64_t DXRAudioContext::_deadlineOf(const DXRAudioIOContext& record) noexcept
+{
+    if (record.dueTicks == 0 || !(record.sampleRate > 0.0))
+        return 0;
+    return record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
+}
+
+std::vector<DXRRunnerCounts::Device> DXRAudioContext::countsOfDevices(uint64_t lostFrames) const
+{
+    return {{_deviceUID, lostFrames, 0}};
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.
@@ -419,58 +564,73 @@ DXRAudioConverter* DXRAudioContext::_converterFor(DXRAudioIOContext& record) con
         DXRAudioConverter::Nodes nodes[2];
         for (size_t direction = 0; direction < 2; ++direction)
             nodes[direction].assign(_nodes[direction].begin(), _nodes[direction].end());
-        record.converter = DXRAudioConverter::initWithNodes(nodes, record.channels, record.sampleRate,
-                                                            sampleRate, record.frameCount, frameCount);
+        record.converter =
+            DXRAudioConverter::initWithNodes(nodes, record.channels, record.sampleRate, sampleRate,
+                                             record.frameCount, frameCount, _runner->conversionQuality());
     }
     return record.converter.get();
 }
 
-void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2])
+void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
+                                    const DXRCycleTimes& times)
 {
     uint64_t sampleTime = _runner->sampleTime();
     if (converter) {
-        converter->performIOWithSampleTime(&sampleTime, samples);
+        converter->performIOWithSampleTime(&sampleTime, samples, times);
     } else {
+        const uint32_t frameCount = _runner->frameCountOfIO();
+        // What an output block makes is played after the buffer that goes out now.
+        const uint64_t hostTimes[2] = {times.ticksAt(times.input, 0),
+                                       times.ticksAt(times.output, frameCount)};
         for (size_t direction = 0; direction < 2; ++direction) {
             for (const CXRef<DXRDeviceNode>& node : _nodes[direction])
-                node->performIOWithSampleTime(sampleTime, samples[direction]);
+                node->performIOWithSampleTime(sampleTime, samples[direction], hostTimes[direction]);
         }
-        sampleTime += _runner->frameCountOfIO();
+        sampleTime += frameCount;
     }
     _runner->setSampleTime(sampleTime);
 }
 
 void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record,
-                                     DXRAudioConverter* converter, const DXRChannelEntry* const samples[2])
+                                     DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
+                                     const DXRCycleTimes& times)
 {
     DXRCycleRecord traced = _runner->traceRecord(this);
     traced.frameCount = record.frameCount;
     traced.deviceSampleTime = record.sampleTime;
     traced.dueTicks = record.dueTicks;
-    if (record.dueTicks != 0 && record.sampleRate > 0.0)
-        traced.deadlineTicks =
-            record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
+    traced.deadlineTicks = _deadlineOf(record);
     traced.blocksBeginTicks = platform::HostClock::nowTicks();
     traced.beginTicks = record.beginTicks != 0 ? record.beginTicks : traced.blocksBeginTicks;
-    _performNodes(converter, samples);
+    _performNodes(converter, samples, times);
     traced.endTicks = platform::HostClock::nowTicks();
     traced.runnerFrameCount = static_cast<uint32_t>(_runner->sampleTime() - traced.sampleTime);
     trace.write(traced);
 }
 
-void DXRAudioContext::_channelCount(uint32_t* channelCount, uint32_t* frameCount,
-                                    const AudioBufferList* streamBuffers)
+uint32_t DXRAudioContext::_frameCountOf(const AudioBufferList* streamBuffers)
 {
-    uint32_t channels = 0, frames = 0;
+    uint32_t frames = 0;
     for (const AudioBuffer& buffer : buffersOf(streamBuffers)) {
-        channels += buffer.numberChannels;
         if (frames == 0)
             frames = frameCountOf(buffer);
     }
-    if (channelCount)
-        *channelCount = channels;
-    if (frameCount)
-        *frameCount = frames;
+    return frames;
+}
+
+bool DXRAudioContext::_hasStreams(const AudioBufferList* streamBuffers,
+                                  std::span<const uint32_t> channelCounts)
+{
+    size_t stream = 0;
+    for (uint32_t i = 0; streamBuffers && i < streamBuffers->numberBuffers; ++i) {
+        const uint32_t channels = buffersOf(streamBuffers)[i].numberChannels;
+        if (channels == 0)
+            continue;
+        if (stream == channelCounts.size() || channelCounts[stream] != channels)
+            return false;
+        ++stream;
+    }
+    return stream == channelCounts.size();
 }
 
 void DXRAudioContext::_sampleBuffers(DXRChannelEntry* entries, uint32_t room, uint32_t frameCount,

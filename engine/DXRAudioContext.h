@@ -1,10 +1,14 @@
 #pragma once
 
 #include "AudioHardware.h"
+#include "ChannelLayout.h"
 #include "DXRAudioIOContext.h"
 #include "DXRCycleTrace.h"
 #include "DXRDeviceNode.h"
+#include "DXRDeviceRunnerError.h"
+#include "DXRRunnerCounts.h"
 
+#include <map>
 #include <set>
 
 class DXRDeviceRunner;
@@ -23,12 +27,15 @@ public:
     using Viables = std::set<CXRef<DXRDeviceNode>>;
 
     /// The context that fits what can run now, not started: an aggregate of several devices, one device, or the timer
-    /// without any. `nodes` are the runner's own and live as long as it. Null when no aggregate can be made.
+    /// without any. `nodes` are the runner's own and live as long as it. Null when no aggregate can be made, for the reason
+    /// in `error`.
     static CXRef<DXRAudioContext> audioContextWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                         const DXRDeviceNodes& nodes);
-    /// For one device: that of one of `viables`.
+                                                         const DXRDeviceNodes& nodes,
+                                                         DXRDeviceRunnerError* error = nullptr);
+    /// For one device: that of one of `viables`, one with the UID of `deviceUIDs` if there is any.
     static CXRef<DXRAudioContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                 const DXRDeviceNodes& nodes, Viables viables);
+                                                 const DXRDeviceNodes& nodes, Viables viables,
+                                                 const std::vector<std::string>& deviceUIDs);
 
     AudioObjectID deviceID() const noexcept { return _deviceID; } ///< 0 when there is none
     const std::string& deviceUID() const noexcept { return _deviceUID; }
@@ -39,10 +46,15 @@ public:
     /// The nodes whose devices run in this context.
     const Viables& viableNodes() const noexcept { return _viables; }
 
-    /// Starts IO; whether the device started. One that refuses the runner's frame count or rate is taken as it is.
+    /// Starts IO; false, and error() says why, when it did not. A device that refuses the runner's frame count or rate is
+    /// taken as it is.
     virtual bool start();
+    const DXRDeviceRunnerError& error() const noexcept { return _error; }
     /// Ends IO; no node is called once it has returned. Nothing happens when there is none.
     virtual void stop();
+
+    /// What has become of the frames of each of its devices; `lostFrames` are those that its own cycles show.
+    virtual std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t lostFrames) const;
 
     /// "<DXRAudioContext: address, (ID) UID>", the latter when there is a device.
     std::string description() const override;
@@ -61,19 +73,21 @@ protected:
         CX_REALTIME; ///< Hz; false when the device does not say
     virtual bool _setSampleRate(double sampleRate);
     /// For each channel of the node's device the context channel that carries it, from 1; 0 for none.
-    virtual std::vector<uint32_t> _channelMapForNode(const CXRef<DXRDeviceNode>& node) const;
-    /// Starts the nodes, and tells the runner at what rate and frame count.
-    void _startIO();
+    std::vector<uint32_t> _channelMapForNode(const CXRef<DXRDeviceNode>& node) const;
+    /// Starts the nodes, and reports to the runner at what rate and frame count. False, with an error, when a node's buffer
+    /// cannot be made; none is started then.
+    [[nodiscard]] bool _startIO();
     void _stopIO();
 
     // -- Steps of a cycle
 
     /// One cycle whose first frame is at `sampleTime` of the device.
     virtual void _performIO(uint64_t sampleTime, const DXRStreamBuffers& buffers) CX_REALTIME;
-    /// Adds up the channels, and tells how many frames there are by the first buffer that has data; either pointer may
-    /// be null.
-    static void _channelCount(uint32_t* channelCount, uint32_t* frameCount,
-                              const AudioBufferList* streamBuffers) CX_REALTIME;
+    /// The frames of the first buffer that has data.
+    static uint32_t _frameCountOf(const AudioBufferList* streamBuffers) CX_REALTIME;
+    /// Whether the streams are those of `channelCounts`; a null list has none. Streams without channels do not count.
+    static bool _hasStreams(const AudioBufferList* streamBuffers, std::span<const uint32_t> channelCounts)
+        CX_REALTIME;
     /// Writes an entry for each channel, at most `room`; those of a buffer with less than `frameCount` frames are null.
     static void _sampleBuffers(DXRChannelEntry* entries, uint32_t room, uint32_t frameCount,
                                const AudioBufferList* streamBuffers) CX_REALTIME;
@@ -86,10 +100,27 @@ protected:
     const CXRef<DXRDeviceRunner> _runner;
 
 private:
+    /// What a context knows of the channels: of its device, and of each aggregate that a node wants, whose parts may come
+    /// and go without a change of their devices' own.
+    struct Layouts {
+        ChannelLayout context;
+        std::map<CXRef<DXRDeviceNode>, ChannelLayout>
+            nodes; // viable ones on another device than the context's
+        bool operator==(const Layouts& other) const = default;
+    };
+
+    bool _fail(HALStatus status, std::string text);
     CXRef<DXRAudioIOContext> _makeRecord();
+    void _readStreams(DXRAudioIOContext& record) const;
+    Layouts _readLayouts() const;
+    void _followLayouts();
+    void _stopFollowingLayouts();
     void _listenForRate(DXRAudioIOContext& record) const;
     void _askForFormat();
-    static void _callback(DXRAudioContext& context, DXRAudioIOContext& record, const AudioTimeStamp* now,
+    struct Stamps {
+        const AudioTimeStamp *now, *input, *output;
+    };
+    static void _callback(DXRAudioContext& context, DXRAudioIOContext& record, const Stamps& stamps,
                           const DXRStreamBuffers& buffers) noexcept CX_REALTIME;
     static void _takeTurn(DXRAudioContext& context, DXRAudioIOContext& record, bool isHere) noexcept
         CX_REALTIME;
@@ -100,9 +131,14 @@ private:
         CX_REALTIME;
     void _leaveForNewLayout(DXRAudioIOContext& record) CX_REALTIME;
     DXRAudioConverter* _converterFor(DXRAudioIOContext& record) const CX_REALTIME;
-    void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2]) CX_REALTIME;
+    void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
+                       const DXRCycleTimes& times) CX_REALTIME;
+    static uint64_t _deadlineOf(const DXRAudioIOContext& record) noexcept CX_REALTIME;
     void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
-                        const DXRChannelEntry* const samples[2]) CX_REALTIME;
+                        const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;
 
+    DXRDeviceRunnerError _error;
+    Layouts _layouts; // since start()
+    std::vector<CXRef<DXRPropertyListener>> _layoutListeners;
     CXRef<DXRAudioIOContext> _iocontext CX_OWNED_BY_QUEUE(_queue); // null while no callback is installed
 };

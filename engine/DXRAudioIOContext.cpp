@@ -1,5 +1,6 @@
 #include "DXRAudioIOContext.h"
 
+#include "DeviceClock.h"
 #include "Futex.h"
 #include "HostClock.h"
 
@@ -12,6 +13,15 @@ constexpr uint64_t patienceTicks =
     500'000'000 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
 
 } // namespace
+
+CXRef<DXRAudioIOContext> DXRAudioIOContext::init()
+{
+    return CXRef<DXRAudioIOContext>::adopt(new DXRAudioIOContext);
+}
+
+DXRAudioIOContext::DXRAudioIOContext() : clock(std::make_unique<DeviceClock>()) {}
+
+DXRAudioIOContext::~DXRAudioIOContext() = default;
 
 bool DXRAudioIOContext::enter() noexcept
 {

@@ -7,7 +7,10 @@
 
 #include <atomic>
 #include <limits>
+#include <memory>
 #include <optional>
+
+class DeviceClock;
 
 /// The lists of one cycle, null for a direction without data.
 struct DXRStreamBuffers {
@@ -53,16 +56,19 @@ struct DXRStreamBuffers {
 /// Real time: the steps of a cycle.
 class DXR_EXPORT DXRAudioIOContext final : public CXObject {
 public:
-    static CXRef<DXRAudioIOContext> init() { return CXRef<DXRAudioIOContext>::adopt(new DXRAudioIOContext); }
+    static CXRef<DXRAudioIOContext> init();
 
     static constexpr uint64_t noSampleTime = std::numeric_limits<uint64_t>::max();
 
-    std::atomic<uint32_t> unsafe{0};        ///< cycles, starts and stops under way
-    AudioDeviceIOProcID procID = nullptr;   ///< the callback
-    uint32_t channels[2] = {};              ///< of the device when it was installed, input and output
+    std::atomic<uint32_t> unsafe{0};      ///< cycles, starts and stops under way
+    AudioDeviceIOProcID procID = nullptr; ///< the callback
+    /// Of the device when it was installed, input and output: the channels of each stream, and all together.
+    std::vector<uint32_t> streamChannels[2];
+    uint32_t channels[2] = {};
     uint32_t frameCount = 0;                ///< of the device's last cycle
     double sampleRate = 0.0;                ///< the device's nominal rate as last read, Hz
     uint64_t lastSampleTime = noSampleTime; ///< the device's, of the last cycle
+    uint32_t lastFrameCount = 0;            ///< and its frames
     CXRef<DXRAudioConverter> converter;     ///< null while the device runs as the runner does
 
     /// The device says that its rate has changed: the next cycle forgets `lastSampleTime` and reads it.
@@ -75,6 +81,8 @@ public:
     uint64_t dueTicks = 0;   ///< when it was to begin; 0 when the device does not say
     uint64_t beginTicks = 0; ///< when it came in, for the runner's trace; 0 while there is none
     DXRStreamBuffers buffers{};
+    double inputSampleTime = 0, outputSampleTime = 0; ///< the device's, of the first frames
+    const std::unique_ptr<DeviceClock> clock;
     bool hasTime = false; ///< whether the device says when it is; else the cycle is skipped
     /// The nominal rate where it was to be read again; nothing when it was not, or is not readable.
     std::optional<double> freshRate;
@@ -108,8 +116,8 @@ public:
 private:
     enum Turn : uint32_t { None, Waiting, Running, Done, Abandoned };
 
-    DXRAudioIOContext() = default;
-    ~DXRAudioIOContext() override = default;
+    DXRAudioIOContext();
+    ~DXRAudioIOContext() override;
 
     bool _abandonTurn() noexcept CX_REALTIME;
 

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr std::nullptr_t nil = nullptr;
 constexpr uint32_t defaultFrameCount = 512;
 constexpr double defaultSampleRate = 44100.0;
 
@@ -26,7 +25,7 @@ CXRef<DXRAudioTimerContext> DXRAudioTimerContext::initWithRunner(const CXRef<DXR
 bool DXRAudioTimerContext::start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    CX_ASSERT(_timer == nil);
+    CX_ASSERT_SAYING(!_timer, "_timer == nil");
     _frames = _runner->frameCount() != 0 ? _runner->frameCount() : defaultFrameCount;
     _rate = _runner->sampleRate() != 0.0 ? _runner->sampleRate() : defaultSampleRate;
     _framesElapsed = 0;
@@ -44,8 +43,10 @@ bool DXRAudioTimerContext::start()
     _nextSampleTime = _frames * (now / _frames + 1);
     _timer->setDispatchQueue(_queue);
     _timer->setTimeoutAbsolute(auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime), 0);
-    _startIO();
-    return true;
+    if (_startIO())
+        return true;
+    stop();
+    return false;
 }
 
 void DXRAudioTimerContext::stop()
@@ -94,6 +95,8 @@ void DXRAudioTimerContext::_fire()
         _performTraced(*trace, cycle, beginTicks);
     else
         _performIO(cycle);
+    const bool isLate = autimebase_abstime() > auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime);
+    _runner->noteCycle(isLate, 0);
 }
 
 void DXRAudioTimerContext::_performTraced(DXRCycleTrace& trace, uint64_t sampleTime,
@@ -113,9 +116,13 @@ void DXRAudioTimerContext::_performTraced(DXRCycleTrace& trace, uint64_t sampleT
 
 void DXRAudioTimerContext::_performIO(uint64_t sampleTime) noexcept
 {
-    for (const auto& direction : _nodes) {
-        for (const CXRef<DXRDeviceNode>& node : direction)
-            node->performIOWithSampleTime(sampleTime, nullptr);
+    // As a device would have it: what it hears began a cycle ago, what it is given is played after this one.
+    const uint64_t now = auclock_sampletime_to_abstime(_clock.get(), sampleTime);
+    const uint64_t next = auclock_sampletime_to_abstime(_clock.get(), sampleTime + _frames);
+    const uint64_t hostTimes[2] = {now - (next - now), next};
+    for (size_t direction = 0; direction < 2; ++direction) {
+        for (const CXRef<DXRDeviceNode>& node : _nodes[direction])
+            node->performIOWithSampleTime(sampleTime, nullptr, hostTimes[direction]);
     }
     _runner->setSampleTime(sampleTime + _frames);
 }

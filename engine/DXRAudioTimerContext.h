@@ -17,7 +17,7 @@ public:
                                                       const DXRDeviceNodes& nodes, Viables viables);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Timer; }
-    /// Always true.
+    std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t) const override { return {}; }
     bool start() override;
     void stop() override;
 

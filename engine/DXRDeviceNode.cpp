@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr uint64_t mostSamples = uint64_t{1} << 26; // of a buffer: a quarter of a gigabyte
-
 /// For a block that threw: says so, and ends the process. Nothing is left to go on with: the cycle is lost, and so is
 /// what the block meant to do.
 [[noreturn]] void endOfThrowingBlock(const DXRDeviceNode& node, const char* what) noexcept
@@ -72,11 +70,13 @@ bool DXRDeviceNode::isViable() const
     return _ioblock && _device->isConnected();
 }
 
-void DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount,
+bool DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount,
                                           std::span<const uint32_t> channelMap)
 {
-    if (!_ioblock || uint64_t{frameCount} * _channels.size() > mostSamples)
-        return;
+    if (!_ioblock)
+        return true;
+    if (uint64_t{frameCount} * _channels.size() > maxSamples)
+        return false;
     const uint32_t deviceChannels = _device->channelCount();
     Channels map;
     _usageMap.clear();
@@ -87,11 +87,15 @@ void DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount
         if (entry != 0 && std::ranges::find(_usageMap, entry) == _usageMap.end())
             _usageMap.push_back(entry);
     }
-    _channelMap = std::move(map);
     _buffer = DXRBuffer::initWithSampleRate(sampleRate, frameCount, static_cast<uint32_t>(_channels.size()));
+    if (!_buffer)
+        return false;
+    _channelMap = std::move(map);
+    return true;
 }
 
-void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) noexcept
+void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples,
+                                            uint64_t hostTime) noexcept
 {
     if (!_ioblock || !_channelMap)
         return;
@@ -102,6 +106,7 @@ void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChanne
         copyFramesToEntries(frames, *_channelMap, samples);
     else if (_isInput)
         _buffer->mute();
+    _buffer->setHostTime(hostTime);
     _callBlock(sampleTime);
 }
 

@@ -13,7 +13,7 @@
 class DXRDeviceRunner;
 
 /// What an application does with one device in one cycle: `buffer` holds the input that was just taken, or takes the
-/// output to be played one cycle later. `sampleTime` counts the runner's frames. Called where IO runs: it must keep
+/// output to be played one cycle later; its hostTime() is when. `sampleTime` counts the runner's frames. Called where IO runs: it must keep
 /// the real-time rules, and not throw, which ends the process.
 using DXRIOBlock = CXBlock<void(uint64_t sampleTime, DXRBuffer& buffer)>;
 
@@ -27,11 +27,12 @@ using DXRIOBlock = CXBlock<void(uint64_t sampleTime, DXRBuffer& buffer)>;
 ///            to which a cycle counts.
 /// Real time: performIOWithSampleTime. Starting, stopping and usageMap allocate.
 /// Owns:      the device, the block, the buffer. The runner only weakly: it owns its nodes.
-/// Fails:     without an IO block, or with channels and frames beyond 2^26 samples, the node does nothing. Channels that the device lacks have a place in the buffer and
-///            no source.
+/// Fails:     without an IO block the node does nothing. Channels that the device lacks have a place in the buffer and no
+///            source.
 class DXR_EXPORT DXRDeviceNode : public DXRConverterNode {
 public:
-    using Channels = std::vector<uint32_t>; ///< numbers from 1
+    using Channels = std::vector<uint32_t>;                   ///< numbers from 1
+    static constexpr uint64_t maxSamples = uint64_t{1} << 26; ///< of a buffer: a quarter of a gigabyte
 
     /// A node of the class that fits the device: a DXRDeviceAggregateNode for an aggregate. Null without a device.
     /// Without `channels` it takes the device's preferred stereo channels.
@@ -58,11 +59,13 @@ public:
 
     /// Makes the buffer, of `frameCount` frames at `sampleRate` Hz. `channelMap` says for each device channel, from 1,
     /// which context channel carries it, from 1; 0 for none.
-    void startIOWithSampleRate(double sampleRate, uint32_t frameCount, std::span<const uint32_t> channelMap);
+    /// False when the buffer cannot be made: more than maxSamples, or no memory.
+    [[nodiscard]] bool startIOWithSampleRate(double sampleRate, uint32_t frameCount,
+                                             std::span<const uint32_t> channelMap);
     /// One cycle: copies, and calls the block. `samples` has an entry for every context channel; without it an input
     /// node hears silence and an output node is not heard.
-    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) noexcept override
-        CX_REALTIME;
+    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples,
+                                 uint64_t hostTime) noexcept override CX_REALTIME;
     void stopIO();
 
     /// "<DXRDeviceNode: address, input, UID>".

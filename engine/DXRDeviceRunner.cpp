@@ -4,6 +4,7 @@
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
+#include "NumberText.h"
 #include "QDL.h"
 
 #include <algorithm>
@@ -12,7 +13,10 @@
 
 namespace {
 
+using Restart = DXRRunnerCounts::Restart;
+
 constexpr size_t notFound = std::numeric_limits<int64_t>::max();
+constexpr uint32_t firstPause = 100, longestPause = 10'000; // milliseconds, between starts that fail
 
 DXRDeviceManager& manager()
 {
@@ -30,6 +34,10 @@ CXRef<DXRDeviceRunner> DXRDeviceRunner::init()
         return nullptr;
     queue->setRealTime();
     auto runner = CXRef<DXRDeviceRunner>::adopt(new DXRDeviceRunner(std::move(queue)));
+    runner->_stopWork = [weak = CXWeak(*runner)] {
+        if (const CXRef<DXRDeviceRunner> self = weak.lock())
+            self->_stopRunning();
+    };
     runner->_kvo->updateAllValues();
     return runner;
 }
@@ -56,6 +64,7 @@ std::span<const DXRKVOProperty> DXRDeviceRunner::_observableProperties() noexcep
         DXRKVOProperty::of<&Runner::devices, &Runner::_kvo_devices>("devices"),
         DXRKVOProperty::of<&Runner::activeDevices, &Runner::_kvo_activeDevices>("activeDevices"),
         DXRKVOProperty::of<&Runner::isRunning, &Runner::_kvo_isRunning>("isRunning"),
+        DXRKVOProperty::of<&Runner::error, &Runner::_kvo_error>("error"),
     };
     return properties;
 }
@@ -75,7 +84,7 @@ double DXRDeviceRunner::sampleRate() const
 bool DXRDeviceRunner::setFrameCount(uint32_t frameCount)
 {
     CX_ASSERT_NOT_ON_QUEUE(_queue);
-    return frameCount <= mostFrames && _request(_frameCounts, frameCount, "frameCount");
+    return frameCount <= maxFrames && _request(_frameCounts, frameCount, "frameCount");
 }
 
 bool DXRDeviceRunner::setSampleRate(double sampleRate)
@@ -83,6 +92,18 @@ bool DXRDeviceRunner::setSampleRate(double sampleRate)
     CX_ASSERT_NOT_ON_QUEUE(_queue);
     return (sampleRate == 0.0 || QDLAudioDeviceSampleRateIsValid(sampleRate)) &&
            _request(_sampleRates, sampleRate, "sampleRate");
+}
+
+bool DXRDeviceRunner::setConversionQuality(DXRConversionQuality quality)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    bool isAccepted = false;
+    _queue->dispatchSync([&] {
+        isAccepted = !_running;
+        if (isAccepted)
+            _conversionQuality = quality;
+    });
+    return isAccepted;
 }
 
 template <class Value>
@@ -124,7 +145,7 @@ DXRDeviceRunner::Devices DXRDeviceRunner::activeDevices() const
         CX_ASSERT_ON_QUEUE(_queue);
         for (const auto& direction : _nodes) {
             for (const CXRef<DXRDeviceNode>& node : direction) {
-                if (_isViable(node))
+                if (_isActive(node))
                     devices.insert(node->device());
             }
         }
@@ -143,7 +164,10 @@ bool DXRDeviceRunner::addDevice(const CXRef<DXRDevice>& device, const std::optio
         if (_nodeForDevice(device, nullptr))
             return;
         const CXRef<DXRDeviceNode> node = DXRDeviceNode::nodeWithDevice(device, channels, ioblock);
-        _stopDispatchStart([&] {
+        const uint32_t frames = std::max(frameCountOfIO(), 1U);
+        if (uint64_t{frames} * node->channels().size() > DXRDeviceNode::maxSamples)
+            return;
+        _stopDispatchStart(Restart::Nodes, [&] {
             _nodes[node->isInput() ? 0 : 1].push_back(node);
             node->setRunner(CXRef(this));
         });
@@ -161,15 +185,107 @@ void DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
     _queue->dispatchSync([&] {
         size_t index = notFound;
         const CXRef<DXRDeviceNode> node = _nodeForDevice(device, &index);
-        if (!node)
+        if (!node || _isDefaultNode(node))
             return;
-        _stopDispatchStart([&] {
+        _stopDispatchStart(Restart::Nodes, [&] {
             node->setRunner(nullptr);
             auto& nodes = _nodes[node->isInput() ? 0 : 1];
             nodes.erase(nodes.begin() + static_cast<std::ptrdiff_t>(index));
         });
         _propertiesChanged();
     });
+}
+
+bool DXRDeviceRunner::addDefaultDevice(Direction direction, const std::optional<Channels>& channels,
+                                       const DXRIOBlock& ioblock)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    if (!ioblock)
+        return false;
+    manager(); // listens to the hardware before this does
+    bool isAdded = false;
+    _queue->dispatchSync([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        const size_t place = direction == Direction::Input ? 0 : 1;
+        if (_followedDefaults[place])
+            return;
+        const AudioObjectPropertyAddress address{
+            place == 0 ? kAudioHardwarePropertyDefaultInputDevice : kAudioHardwarePropertyDefaultOutputDevice,
+            kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
+        const CXRef<DXRPropertyListener> listener = propertyListenerWithObjectID(
+            kAudioObjectSystemObject, &address, CXRef<CXObject>(this),
+            [place](const CXRef<CXObject>& runner, const AudioObjectPropertyAddress*) {
+                static_cast<DXRDeviceRunner&>(*runner)._followDefault(place);
+            });
+        _followedDefaults[place] = {channels, ioblock, nullptr, listener};
+        if (!_defaultsNotifier) {
+            _defaultsNotifier = [weak = CXWeak(*this)](const Devices&, const Devices&, const Devices&) {
+                if (const CXRef<DXRDeviceRunner> self = weak.lock())
+                    self->_followDefaults();
+            };
+            addDeviceNotifier(_defaultsNotifier);
+        }
+        listener->start();
+        _followDefault(place);
+        isAdded = true;
+    });
+    return isAdded;
+}
+
+void DXRDeviceRunner::removeDefaultDevice(Direction direction)
+{
+    CX_ASSERT_NOT_ON_QUEUE(_queue);
+    _queue->dispatchSync([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        const size_t place = direction == Direction::Input ? 0 : 1;
+        if (!_followedDefaults[place])
+            return;
+        const FollowedDefault followed = *std::exchange(_followedDefaults[place], std::nullopt);
+        followed.listener->stop();
+        if (!_followedDefaults[0] && !_followedDefaults[1])
+            removeDeviceNotifier(std::exchange(_defaultsNotifier, nullptr));
+        if (followed.node)
+            _stopDispatchStart(Restart::Nodes, [&] { std::erase(_nodes[place], followed.node); });
+        _propertiesChanged();
+    });
+}
+
+void DXRDeviceRunner::_followDefaults()
+{
+    _followDefault(0);
+    _followDefault(1);
+}
+
+/// Changes over when the default device is another one that is known, and not added by itself.
+void DXRDeviceRunner::_followDefault(size_t direction)
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    std::optional<FollowedDefault>& followed = _followedDefaults[direction];
+    if (!followed)
+        return;
+    const CXRef<DXRDevice> device =
+        direction == 0 ? manager().defaultInputDevice() : manager().defaultOutputDevice();
+    if (!device || _nodeForDevice(device, nullptr))
+        return;
+    const CXRef<DXRDeviceNode> node =
+        DXRDeviceNode::nodeWithDevice(device, followed->channels, followed->ioblock);
+    _stopDispatchStart(Restart::Devices, [&] {
+        auto& nodes = _nodes[direction];
+        const auto before = std::ranges::find(nodes, followed->node);
+        if (before == nodes.end())
+            nodes.push_back(node);
+        else
+            *before = node; // in its place: later outputs write over earlier ones
+        node->setRunner(CXRef(this));
+        followed->node = node;
+    });
+    _propertiesChanged();
+}
+
+bool DXRDeviceRunner::_isDefaultNode(const CXRef<DXRDeviceNode>& node) const
+{
+    return std::ranges::any_of(_followedDefaults,
+                               [&](const auto& followed) { return followed && followed->node == node; });
 }
 
 CXRef<DXRDeviceNode> DXRDeviceRunner::_nodeForDevice(const CXRef<DXRDevice>& device, size_t* index) const
@@ -195,6 +311,18 @@ bool DXRDeviceRunner::isRunning() const
     return _kvo->isUpdateInProgress() ? _kvo_isRunning : _running.load();
 }
 
+DXRDeviceRunnerError DXRDeviceRunner::error() const
+{
+    if (_kvo->isUpdateInProgress())
+        return _kvo_error;
+    DXRDeviceRunnerError error;
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        error = _error;
+    });
+    return error;
+}
+
 void DXRDeviceRunner::start()
 {
     CX_ASSERT_NOT_ON_QUEUE(_queue);
@@ -217,7 +345,7 @@ void DXRDeviceRunner::start()
 void DXRDeviceRunner::stop()
 {
     if (_queue->isDispatchedOnCurrentThread())
-        _queue->dispatchAsync([self = CXRef(this)] { self->_stopRunning(); });
+        _queue->dispatchAsync(_stopWork);
     else
         _queue->dispatchSync([&] { _stopRunning(); });
 }
@@ -234,6 +362,10 @@ void DXRDeviceRunner::_stopRunning()
     _sampleRates[1] = 0.0;
     _sampleTime = 0;
     _contextNumber = 0;
+    _cycles = _lateCycles = 0;
+    _lastRestart = Restart::None;
+    _retryMilliseconds = 0;
+    _error = {};
     _running = false;
     _propertiesChanged();
 }
@@ -243,20 +375,52 @@ void DXRDeviceRunner::_start()
     CX_ASSERT_ON_QUEUE(_queue);
     const uint64_t beginTicks = platform::HostClock::nowTicks();
     ++_contextNumber;
+    _lostFrames = 0;
     // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction)
             node->device()->refreshIfChannelsChanged();
     }
-    _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes);
+    _error = {};
+    _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes, &_error);
     const bool isStarted = _context && _context->start();
+    if (_context)
+        _error = _context->error();
+    if (isStarted)
+        _retryMilliseconds = 0;
+    else
+        _retryLater();
     using enum DXRCycleRecord::Event;
     _traceContext(isStarted ? ContextStarted : ContextFailed, beginTicks);
+}
+
+void DXRDeviceRunner::_retryLater()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    _retryMilliseconds =
+        _retryMilliseconds == 0 ? firstPause : std::min(2 * _retryMilliseconds, longestPause);
+    _retryTimer = CXDispatchTimer::init();
+    if (!_retryTimer)
+        return;
+    _retryTimer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
+        const CXRef<DXRDeviceRunner> self = weak.lock();
+        if (!self || !self->_running)
+            return;
+        self->_stopDispatchStart(Restart::Retry, nullptr);
+        self->_propertiesChanged();
+    });
+    _retryTimer->setDispatchQueue(_queue);
+    constexpr uint64_t ticksPerMillisecond =
+        1'000'000 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
+    _retryTimer->setTimeoutAbsolute(
+        platform::HostClock::nowTicks() + _retryMilliseconds * ticksPerMillisecond, 0);
 }
 
 void DXRDeviceRunner::_stop()
 {
     CX_ASSERT_ON_QUEUE(_queue);
+    if (const CXRef<CXDispatchTimer> timer = std::exchange(_retryTimer, nullptr))
+        timer->cancel();
     const uint64_t beginTicks = platform::HostClock::nowTicks();
     if (_context)
         _context->stop();
@@ -264,7 +428,7 @@ void DXRDeviceRunner::_stop()
     _context = nullptr;
 }
 
-void DXRDeviceRunner::_stopDispatchStart(CXBlockRef<void()> block)
+void DXRDeviceRunner::_stopDispatchStart(Restart reason, CXBlockRef<void()> block)
 {
     _queue->dispatchSyncImmed([&] {
         CX_ASSERT_ON_QUEUE(_queue);
@@ -272,8 +436,10 @@ void DXRDeviceRunner::_stopDispatchStart(CXBlockRef<void()> block)
             _stop();
         if (block)
             block();
-        if (_running)
+        if (_running) {
+            _lastRestart = reason;
             _start();
+        }
     });
 }
 
@@ -288,18 +454,17 @@ void DXRDeviceRunner::audioContextDidStartWithSampleRate(double sampleRate, uint
 
 void DXRDeviceRunner::audioContextDidStopFromConfigChange()
 {
-    _stopDispatchStart(nullptr);
+    _stopDispatchStart(Restart::Layout, nullptr);
     _propertiesChanged();
 }
 
 void DXRDeviceRunner::_devicesChanged(const Devices& connected, const Devices& disconnected)
 {
-    DXRDeviceRunner* const strongSelf = this; // as the assertion calls it
-    CX_ASSERT(strongSelf->_running);
+    CX_ASSERT_SAYING(_running, "strongSelf->_running");
     CX_ASSERT_ON_QUEUE(_queue);
     if (!_shouldRestartForDevicesConnected(connected, disconnected))
         return;
-    _stopDispatchStart(nullptr);
+    _stopDispatchStart(Restart::Devices, nullptr);
     _propertiesChanged();
 }
 
@@ -308,7 +473,9 @@ bool DXRDeviceRunner::_shouldRestartForDevicesConnected(const Devices& connected
 {
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction) {
-            if ((_isViable(node) ? disconnected : connected).contains(node->device()))
+            const bool hasCome = connected.contains(node->device()),
+                       hasGone = disconnected.contains(node->device());
+            if (_error ? hasCome || hasGone : _isViable(node) ? hasGone : hasCome)
                 return true;
         }
     }
@@ -320,7 +487,22 @@ bool DXRDeviceRunner::_isViable(const CXRef<DXRDeviceNode>& node) const
     return _context && _context->viableNodes().contains(node);
 }
 
-// ---- Tracing
+// ---- Tracing and counting
+
+DXRRunnerCounts DXRDeviceRunner::counts() const
+{
+    DXRRunnerCounts counts;
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        counts.cycles = _cycles;
+        counts.lateCycles = _lateCycles;
+        counts.restarts = _contextNumber > 0 ? _contextNumber - 1 : 0;
+        counts.lastRestart = _lastRestart;
+        if (_context && !_error)
+            counts.devices = _context->countsOfDevices(_lostFrames);
+    });
+    return counts;
+}
 
 bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
 {
@@ -470,22 +652,22 @@ void DXRDeviceRunner::_propertiesChanged()
 std::string DXRDeviceRunner::_stateSignature() const
 {
     char text[80];
-    std::snprintf(text, sizeof text, "%d@%u/%g", _running ? 1 : 0, frameCount(), sampleRate());
-    std::string signature = std::string(text) + "[";
+    std::snprintf(text, sizeof text, "%d@%u/", _running ? 1 : 0, frameCount());
+    std::string signature = text + numberText(sampleRate()) + "[";
     const char* separator = "";
     for (const auto& direction : _nodes) {
         auto nodes = direction;
         std::ranges::sort(nodes, {}, [](const CXRef<DXRDeviceNode>& node) { return node->device(); });
         for (const CXRef<DXRDeviceNode>& node : nodes) {
-            const bool isViable = _isViable(node);
+            const bool isActive = _isActive(node);
             const Channels usageMap = node->usageMap();
-            std::snprintf(text, sizeof text, "%s%d@%lX(", separator, isViable ? 1 : 0,
+            std::snprintf(text, sizeof text, "%s%d@%lX(", separator, isActive ? 1 : 0,
                           reinterpret_cast<unsigned long>(node->device().get()));
             signature += text;
             separator = "";
             for (const uint32_t channel : node->channels()) {
                 const uint32_t index = channel - 1; // of channel 0 beyond every map
-                const bool isUsed = isViable && index < usageMap.size() && usageMap[index] != 0;
+                const bool isUsed = isActive && index < usageMap.size() && usageMap[index] != 0;
                 signature += separator + std::to_string(isUsed ? channel : 0);
                 separator = "/";
             }
@@ -493,5 +675,5 @@ std::string DXRDeviceRunner::_stateSignature() const
             separator = ":";
         }
     }
-    return signature + "]";
+    return signature + "]" + _error.text;
 }

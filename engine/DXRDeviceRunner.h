@@ -1,11 +1,15 @@
 #pragma once
 
 #include "CXDispatchQueue.h"
+#include "CXDispatchTimer.h"
+#include "DXRConversionQuality.h"
 #include "DXRCycleTrace.h"
 #include "DXRDeviceManagerNotifier.h"
 #include "DXRDeviceNode.h"
+#include "DXRDeviceRunnerError.h"
 #include "DXRKVOHelper.h"
 #include "DXRPropertyListener.h"
+#include "DXRRunnerCounts.h"
 
 #include <atomic>
 #include <set>
@@ -18,23 +22,24 @@ class DXRAudioContext;
 ///
 /// Where neither was asked for, frame count and rate are those of the devices that IO starts with, 512 frames at
 /// 44100 Hz without any, and stay until stop().
-/// Observable keys, by kvo(): frameCount, sampleRate, devices, activeDevices, isRunning.
-/// Threads:   any. What changes the runner waits for its queue; on the queue, that is from its notifiers and, without any
-///            device, from IO blocks, it asserts, except stop(), which then is for later, setNotifier() and the device
-///            notifiers. Waiting for the queue while holding DXRDeviceManager::lock() may be for ever. Observers are
-///            called on the main thread.
-/// Real time: sampleTime(). IO blocks are called on the IO thread of a device, or on the queue, one at a time.
+/// Observable keys, by kvo(): frameCount, sampleRate, devices, activeDevices, isRunning, error.
+/// Threads:   any. What changes the runner waits for its queue; on the queue, that is from IO blocks and from its
+///            notifiers, it asserts, except stop(), which then takes effect a little later, setNotifier() and the device
+///            notifiers. Waiting for the queue while holding DXRDeviceManager::lock() can deadlock. Observers are called on
+///            the main thread.
+/// Real time: sampleTime(), and stop() from an IO block. IO blocks are called on the IO thread of a device, or on the queue, one at a time.
 /// Owns:      its devices' nodes, and while it runs itself: stop it before letting it go.
-/// Fails:     what cannot be done answers false. A device that refuses to start leaves the runner without IO until its
-///            devices next change.
+/// Fails:     what cannot be done returns false. A device that refuses to start leaves the runner without IO and with an
+///            error(); it is tried again after 0.1 s, then after pauses that double up to 10 s, and when devices change.
 class DXR_EXPORT DXRDeviceRunner final : public CXObject {
 public:
     using Devices = DXRDeviceManagerNotifier::Devices;
     using Channels = DXRDeviceNode::Channels;
+    enum class Direction { Input, Output };
     using Notifier = CXBlock<void()>;
     using DeviceNotifier = DXRDeviceManagerNotifier::Block;
     /// Of a cycle: far more than makes sense, and little enough for buffers to be made.
-    static constexpr uint32_t mostFrames = 1U << 20;
+    static constexpr uint32_t maxFrames = 1U << 20;
 
     /// Null when the system has no thread to give.
     static CXRef<DXRDeviceRunner> init();
@@ -43,19 +48,33 @@ public:
 
     uint32_t frameCount() const; ///< frames a cycle; 0 when nothing was asked for and it does not run
     double sampleRate() const;   ///< Hz; 0.0 as above
-    /// False while it runs, and for more than mostFrames. 0 leaves it to the devices.
+    /// False while it runs, and for more than maxFrames. 0 leaves it to the devices.
     bool setFrameCount(uint32_t frameCount);
     /// False while it runs, and for what is no rate (QDLAudioDeviceSampleRateIsValid()) but 0.0, which leaves it to the
     /// devices.
     bool setSampleRate(double sampleRate);
 
+    /// How rates are converted where a device does not run at the runner's; Standard at first. False while it runs.
+    bool setConversionQuality(DXRConversionQuality quality);
+    DXRConversionQuality conversionQuality() const noexcept CX_REALTIME
+    {
+        return _conversionQuality.load(std::memory_order_relaxed);
+    }
+
     // -- Devices
 
     /// Adds a device with the block that is called for it; `channels`, from 1, are its preferred stereo channels if not
-    /// given. A running runner stops for a moment. False without a device or block, and when the device is there already.
+    /// given. A running runner stops for a moment. False without a device or block, when the device is there already, and
+    /// for more than DXRDeviceNode::maxSamples in one cycle.
     bool addDevice(const CXRef<DXRDevice>& device, const std::optional<Channels>& channels,
                    const DXRIOBlock& ioblock);
-    /// Nothing happens when it is not there.
+    /// Adds the default device of a direction, whichever it is: when it changes the runner changes over, and the sample
+    /// time goes on. Where there is none, or the new one was added by itself, the block stays with the last one; it is
+    /// first called when there has been a default device. False without a block, and when it is followed already.
+    bool addDefaultDevice(Direction direction, const std::optional<Channels>& channels,
+                          const DXRIOBlock& ioblock);
+    void removeDefaultDevice(Direction direction);
+    /// Nothing happens when it is not there, or is there as the default device.
     void removeDevice(const CXRef<DXRDevice>& device);
     Devices devices() const;
     /// Those that run now.
@@ -64,6 +83,8 @@ public:
     // -- Running
 
     bool isRunning() const;
+    /// Why there is no IO; an empty one when there is nothing wrong.
+    DXRDeviceRunnerError error() const;
     /// Nothing happens when it runs already.
     void start();
     /// No block is called once it has returned; called on the queue, it takes effect a little later. Nothing happens when
@@ -71,6 +92,10 @@ public:
     void stop();
     /// Frames since start(), of the next cycle; 0 when stopped.
     uint64_t sampleTime() const noexcept CX_REALTIME { return _sampleTime.load(std::memory_order_relaxed); }
+
+    /// What has happened since start(). Waits for the queue, not for a cycle to come. From an IO block, too, where it
+    /// allocates.
+    DXRRunnerCounts counts() const;
 
     // -- Following
 
@@ -98,6 +123,17 @@ public:
     void setSampleTime(uint64_t sampleTime) noexcept CX_REALTIME
     {
         _sampleTime.store(sampleTime, std::memory_order_relaxed);
+    }
+    /// Of a cycle: whether it ended late, and the frames its device has lost before it.
+    void noteCycle(bool isLate, uint64_t lostFrames) noexcept CX_REALTIME
+    {
+        // Cycles are work of one queue: one adds at a time.
+        const auto add = [](std::atomic<uint64_t>& count, uint64_t more) {
+            count.store(count.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
+        };
+        add(_cycles, 1);
+        add(_lateCycles, isLate ? 1 : 0);
+        add(_lostFrames, lostFrames);
     }
     /// As frameCount() and sampleRate() outside announcements.
     uint32_t frameCountOfIO() const noexcept CX_REALTIME { return _inEffectElseRequested(_frameCounts); }
@@ -137,16 +173,33 @@ private:
     void _traceContext(DXRCycleRecord::Event event, uint64_t beginTicks) CX_ON_QUEUE(_queue);
     void _stop() CX_ON_QUEUE(_queue);
     void _stopRunning();
-    void _stopDispatchStart(CXBlockRef<void()> block);
+    void _stopDispatchStart(DXRRunnerCounts::Restart reason, CXBlockRef<void()> block);
     bool _shouldRestartForDevicesConnected(const Devices& connected, const Devices& disconnected) const
         CX_ON_QUEUE(_queue);
     void _devicesChanged(const Devices& connected, const Devices& disconnected);
+    /// A default device that is followed.
+    struct FollowedDefault {
+        std::optional<Channels> channels;
+        DXRIOBlock ioblock;
+        CXRef<DXRDeviceNode> node; // null until there has been a default device
+        CXRef<DXRPropertyListener> listener;
+    };
+    void _followDefaults();
+    void _followDefault(size_t direction);
+    bool _isDefaultNode(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
+
     CXRef<DXRDeviceNode> _nodeForDevice(const CXRef<DXRDevice>& device, size_t* index) const;
     DeviceNotifierEntry* _notifierEntry(const DeviceNotifier& block);
     DeviceNotifier _wrapped(const DeviceNotifier& block);
     void _propertiesChanged();
     std::string _stateSignature() const CX_ON_QUEUE(_queue);
     bool _isViable(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
+    /// Viable, and its context has started.
+    bool _isActive(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue)
+    {
+        return !_error && _isViable(node);
+    }
+    void _retryLater() CX_ON_QUEUE(_queue);
 
     const CXRef<DXRKVOHelper> _kvo;
     // What observers were told last; written and read on the main thread.
@@ -155,6 +208,7 @@ private:
     std::optional<Devices> _kvo_devices;
     std::optional<Devices> _kvo_activeDevices;
     bool _kvo_isRunning = false;
+    DXRDeviceRunnerError _kvo_error;
 
     const CXRef<CXDispatchQueue> _queue;
     // Everything below is changed as work of the queue. What getters and cycles read too is atomic, each for itself.
@@ -162,16 +216,27 @@ private:
     Notifier _notifierBlock CX_OWNED_BY_QUEUE(_queue);
     std::array<std::atomic<uint32_t>, 2> _frameCounts{}; // requested, and in effect: 0 while stopped
     std::array<std::atomic<double>, 2> _sampleRates{};   // the same, in Hz
-    std::atomic<uint64_t> _sampleTime{0};                // written by cycles; by stop once there is none
+    std::atomic<DXRConversionQuality> _conversionQuality{DXRConversionQuality::Standard};
+    std::atomic<uint64_t> _sampleTime{0}; // written by cycles; by stop once there is none
     std::atomic<bool> _running{false};
     uint32_t _contextNumber = 0; // of contexts since start()
     DXRCycleRecord::Event _contextState =
-        DXRCycleRecord::Event::ContextStopped;        // what became of the last one
-    CXRef<DXRCycleTrace> _cycleTrace;                 // where records go; taken
-    std::atomic<bool> _isTraced{false};               // whether there is one
-    DXRDeviceNodes _nodes;                            // not changed while a context has them
-    std::string _signature CX_OWNED_BY_QUEUE(_queue); // of the state last published
+        DXRCycleRecord::Event::ContextStopped; // what became of the last one
+    CXRef<DXRCycleTrace> _cycleTrace;          // where records go; taken
+    std::atomic<bool> _isTraced{false};        // whether there is one
+    DXRDeviceNodes _nodes;                     // not changed while a context has them
+    std::array<std::optional<FollowedDefault>, 2>
+        _followedDefaults CX_OWNED_BY_QUEUE(_queue);            // input, output
+    DeviceNotifier _defaultsNotifier CX_OWNED_BY_QUEUE(_queue); // a default device may be new to the manager
+    std::string _signature CX_OWNED_BY_QUEUE(_queue);           // of the state last published
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
     DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
     CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped
+    // Since start(); the last of the present context.
+    std::atomic<uint64_t> _cycles{0}, _lateCycles{0}, _lostFrames{0};
+    DXRRunnerCounts::Restart _lastRestart CX_OWNED_BY_QUEUE(_queue) = DXRRunnerCounts::Restart::None;
+    DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last start of a context
+    CXRef<CXDispatchTimer> _retryTimer CX_OWNED_BY_QUEUE(_queue); // null unless a start has failed
+    uint32_t _retryMilliseconds CX_OWNED_BY_QUEUE(_queue) = 0;    // the last pause; 0: none has failed
+    CXDispatchQueue::Work _stopWork; // made beforehand: an IO block may call stop()
 };

@@ -2,3 +2,16 @@
 
 /// Marks what the library shows to its clients; everything else is hidden.
 #define DXR_EXPORT __attribute__((visibility("default")))
+
+// The library's C functions are declared between these two, and compile as C and as C++.
+#ifdef __cplusplus
+#define DXR_BEGIN_C extern "C" {
+#define DXR_END_C }
+#define DXR_NOEXCEPT noexcept
+#define DXR_NODISCARD [[nodiscard]]
+#else
+#define DXR_BEGIN_C
+#define DXR_END_C
+#define DXR_NOEXCEPT
+#define DXR_NODISCARD __attribute__((warn_unused_result))
+#endif

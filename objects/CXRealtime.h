@@ -3,11 +3,16 @@
 #include "CXExport.h"
 
 /// On a declaration: an IO thread may call this. It takes no lock, allocates nothing and never waits.
-#if defined(__has_cpp_attribute) && __has_cpp_attribute(clang::nonblocking)
+#if defined(__cplusplus) && defined(__has_cpp_attribute)
+#if __has_cpp_attribute(clang::nonblocking)
 #define CX_REALTIME [[clang::nonblocking]]
-#else
+#endif
+#endif
+#ifndef CX_REALTIME
 #define CX_REALTIME
 #endif
+
+#ifdef __cplusplus
 
 /// Opens a stretch of real-time work on the current thread. It costs one thread-local increment; the tests'
 /// checking library watches the count and ends the test at the first allocation, lock or wait below it.
@@ -34,3 +39,5 @@ public:
     CXRealtimeExemption(const CXRealtimeExemption&) = delete;
     CXRealtimeExemption& operator=(const CXRealtimeExemption&) = delete;
 };
+
+#endif // __cplusplus

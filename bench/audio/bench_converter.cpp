@@ -16,7 +16,7 @@ public:
         return CXRef<DXRConverterNode>::adopt(new Mover(frames, isInput));
     }
     std::vector<uint32_t> usageMap() const override { return {1, 2}; }
-    void performIOWithSampleTime(uint64_t, const DXRChannelEntry* samples) override
+    void performIOWithSampleTime(uint64_t, const DXRChannelEntry* samples, uint64_t) override
     {
         for (size_t c = 0; c < 2; ++c)
             for (size_t k = 0; k < _frames.size() / 2; ++k) {

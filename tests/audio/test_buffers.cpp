@@ -283,6 +283,9 @@ TEST(DXRBuffer, silencesACopyBetweenFormatsAndAddsNothing)
     EXPECT_EQ(loudness(*copy->copy()), 0.5F);
     EXPECT_TRUE(copy->isEqualCFS(alike.get()));
     EXPECT_THROW(DXRBuffer::init(), CXException);
+    EXPECT_EQ(loudness(*loud(std::numeric_limits<double>::quiet_NaN(), 8, 2)->copy()), 0.25F);
+    for (const uint32_t side : {1U << 31, UINT32_MAX}) // bytes past 64 bits, and bytes that no computer has
+        EXPECT_FALSE(DXRBuffer::initWithSampleRate(48000, side, side));
     EXPECT_NE(copy->description().find(", 2/8@44100hz>"), std::string::npos);
 }
 

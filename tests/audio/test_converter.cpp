@@ -21,7 +21,7 @@ public:
         return CXRef<TestNode>::adopt(new TestNode(std::move(usage), std::move(body)));
     }
     std::vector<uint32_t> usageMap() const override { return _usage; }
-    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples) override
+    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples, uint64_t) override
     {
         _body(sampleTime, samples);
     }
@@ -42,7 +42,7 @@ struct Format {
 class Loop {
 public:
     Loop(Format device, Format client, uint32_t channels, std::vector<uint32_t> usage, bool hasInput = true,
-         bool hasOutput = true)
+         bool hasOutput = true, DXRConversionQuality quality = DXRConversionQuality::Standard)
         : _device(device), _client(client), _channels(channels), _usage(usage),
           _in(size_t{channels} * device.frames), _out(size_t{channels} * device.frames),
           _heard(size_t{client.frames} * channels)
@@ -67,7 +67,7 @@ public:
                 }));
         const uint32_t counts[2] = {channels, channels};
         converter = DXRAudioConverter::initWithNodes(nodes, counts, device.rate, client.rate, device.frames,
-                                                     client.frames);
+                                                     client.frames, quality);
         for (uint32_t c = 0; c < channels; ++c) {
             _entries[0].push_back({&_in[c], channels});
             _entries[1].push_back({&_out[c], channels});
@@ -91,6 +91,8 @@ public:
                 drain(_frame + k, channel, _out[size_t{k} * _channels + channel - 1]);
         _frame += _device.frames;
     }
+    /// What the nodes hear before the first input, and play.
+    void hears(float sample) { std::ranges::fill(_heard, sample); }
     /// What the device gives or takes in place of its streams.
     std::vector<DXRChannelEntry>& entries(size_t direction) { return _entries[direction]; }
 
@@ -117,16 +119,97 @@ private:
     uint64_t _frame = 0;
 };
 
-// Ten hours of audio through converters of all kinds. At equal rates the output is the input, late by one and
+// Every plausible format: nothing breaks, the nodes' time keeps to the ratio of the rates, and the level to what was
+// played, also where a device's cycle is worth less than one frame of the nodes.
+TEST(DXRAudioConverter, keepsTimeAndLevelInEveryFormat)
+{
+    constexpr double rates[] = {8000, 11025, 44100, 48000, 96000, 192000};
+    constexpr uint32_t frameCounts[] = {1, 16, 64, 256, 480, 1024};
+    uint32_t round = 0;
+    for (const double deviceRate : rates)
+        for (const double clientRate : rates)
+            for (const uint32_t deviceFrames : frameCounts)
+                for (const uint32_t clientFrames : frameCounts)
+                    for (const auto& [hasInput, hasOutput] :
+                         {std::pair(true, true), {true, false}, {false, true}}) {
+                        const bool isHigh = ++round % 17 == 0; // some: making a filter takes long
+                        Loop loop({deviceRate, deviceFrames}, {clientRate, clientFrames}, 1, {1}, hasInput,
+                                  hasOutput,
+                                  isHigh ? DXRConversionQuality::High : DXRConversionQuality::Standard);
+                        loop.hears(0.5F); // what it plays without an input
+                        float peak = 0, last = 0;
+                        const uint32_t cycles = std::max(20U, 3000 / deviceFrames);
+                        for (uint32_t i = 0; i < cycles; ++i)
+                            loop.cycle([](uint64_t) { return 0.5F; },
+                                       [&](uint64_t, uint32_t, float sample) {
+                                           peak = std::max(peak, std::abs(sample));
+                                           last = sample;
+                                       });
+                        const double r = clientRate / deviceRate;
+                        const double due = static_cast<double>(cycles) * deviceFrames * r;
+                        const std::string format = loop.converter->description();
+                        ASSERT_NEAR(static_cast<double>(loop.sampleTime), due,
+                                    clientFrames + (isHigh ? 40 * std::max(r, 1.0) : 2 * r + 4))
+                            << format;
+                        if (hasOutput && !isHigh) {
+                            ASSERT_LT(peak, 0.8F) << format;
+                            ASSERT_NEAR(last, 0.5F, due > 4 * clientFrames + 100 ? 0.01F : 0.8F) << format;
+                        }
+                        ASSERT_FALSE(::testing::Test::HasFailure()) << format;
+                    }
+}
+
+// A loop plays what it hears: the tone of a device at 48 kHz must come back from clients at other rates as it was, and the
+// nodes' time keep to the ratio. The error is what remains beside the best fitting tone.
+TEST(DXRAudioConverter, keepsATonePureAtHighQuality)
+{
+    const struct {
+        Format client;
+        uint32_t deviceFrames;
+        DXRConversionQuality quality;
+        double maxError; // dB, for a tone at full scale
+    } rows[] = {
+        {{44100, 441}, 512, DXRConversionQuality::High, -110},
+        {{96000, 100}, 512, DXRConversionQuality::High, -110},
+        {{44100, 512}, 16, DXRConversionQuality::High, -110},
+        {{32000, 7}, 480, DXRConversionQuality::High, -110},
+        {{44100, 441}, 512, DXRConversionQuality::Standard, -20},
+    };
+    for (const auto& row : rows) {
+        constexpr double rate = 48000, frequency = 10'000, step = 2 * std::numbers::pi * frequency / rate;
+        Loop loop({rate, row.deviceFrames}, row.client, 1, {1}, true, true, row.quality);
+        const uint64_t wanted = 48'000, settled = 9'600; // frames; whole turns of the tone
+        double sine = 0, cosine = 0, power = 0;
+        uint64_t cycles = 0;
+        for (uint64_t frame = 0; frame < wanted; frame += row.deviceFrames, ++cycles)
+            loop.cycle([](uint64_t k) { return static_cast<float>(std::sin(step * static_cast<double>(k))); },
+                       [&](uint64_t k, uint32_t, float sample) {
+                           if (k < settled || k >= wanted)
+                               return;
+                           const auto x = static_cast<double>(sample);
+                           sine += x * std::sin(step * static_cast<double>(k));
+                           cosine += x * std::cos(step * static_cast<double>(k));
+                           power += x * x;
+                       });
+        const double frames = static_cast<double>(wanted - settled);
+        const double tone = 2 * (sine * sine + cosine * cosine) / frames;
+        const double error = 10 * std::log10(std::max(power - tone, 1e-30) / (frames / 2));
+        const std::string format = loop.converter->description();
+        EXPECT_LT(error, row.maxError) << format;
+        EXPECT_NEAR(10 * std::log10(tone / (frames / 2)), 0,
+                    row.quality == DXRConversionQuality::High ? 0.01 : 3)
+            << format;
+        const double due = static_cast<double>(cycles) * row.deviceFrames * row.client.rate / rate;
+        EXPECT_NEAR(static_cast<double>(loop.sampleTime), due, row.client.frames + 100.0) << format;
+    }
+}
+
+// Half an hour of audio through converters of all kinds. At equal rates the output is the input, late by one and
 // the same number of frames; at other rates a tone stays a tone, so that no frame is lost or repeated at any
 // seam.
-TEST(DXRAudioConverter, runsForTenHoursInStep)
+TEST(DXRAudioConverter, runsInStep)
 {
-#ifdef DXR_SANITIZED
-    constexpr double wantedSeconds = 3'600;
-#else
-    constexpr double wantedSeconds = 36'000;
-#endif
+    constexpr double wantedSeconds = 1'800;
     constexpr double rates[] = {44100, 48000, 96000, 88200, 32000, 44100.5};
     Random random(42);
     double seconds = 0;
@@ -159,7 +242,7 @@ TEST(DXRAudioConverter, runsForTenHoursInStep)
             last = static_cast<double>(sample);
         };
         // A tone needs a sine a frame; the counts alone, and at equal rates every frame, are cheap.
-        const double wanted = isExact ? 60 : 3;
+        const double wanted = isExact ? 20 : 3;
         const auto cycles = static_cast<uint64_t>(wanted * device.rate / device.frames);
         for (uint64_t i = 0; i < cycles; ++i)
             loop.cycle(given, got);
@@ -190,7 +273,7 @@ TEST(DXRAudioConverter, runsWholeNodeCyclesAndKeepsTheRest)
     }
 }
 
-// The device gives half the frames that its output asks for, so that input runs short all the time.
+// The first read of the output takes more than the device has given.
 TEST(DXRAudioConverter, makesUpMissingInputFromTheOldestFrame)
 {
     int repeated = 0;
@@ -215,7 +298,7 @@ TEST(DXRAudioConverter, makesUpMissingInputFromTheOldestFrame)
         const DXRChannelEntry* const samples[2] = {&device[0], &device[1]};
         converter->performIOWithSampleTime(&time, samples);
     }
-    EXPECT_GT(repeated, 100);
+    EXPECT_GT(repeated, 0);
 }
 
 TEST(DXRAudioConverter, stepsADirectionWhoseNodesUseNoChannel)

@@ -232,6 +232,36 @@ TEST(Sampler, countsFramesAsPublished)
     EXPECT_EQ(sampler->phase, before);
 }
 
+TEST(Sampler, convertsNothingAtRatesThatAreNone)
+{
+    constexpr double none = std::numeric_limits<double>::quiet_NaN(),
+                     endless = std::numeric_limits<double>::infinity();
+    const struct {
+        double rateIn, rateOut;
+    } rows[] = {{0, 48000},         {48000, 0},      {-44100, 48000}, {44100, -48000},  {-1, -1},
+                {none, 48000},      {48000, none},   {none, none},    {endless, 48000}, {48000, endless},
+                {endless, endless}, {1e300, 1e-300}, {1e-300, 1e300}};
+    const Sampler sampler = aSampler(1);
+    const float in[4] = {1, 1, 1, 1};
+    float out[4] = {7, 7, 7, 7};
+    for (const auto& row : rows) {
+        EXPECT_EQ(ausampler_read_frames_in(sampler.get(), 4, row.rateIn, row.rateOut), 0U);
+        EXPECT_EQ(ausampler_write_frames_out(sampler.get(), 4, row.rateIn, row.rateOut), 0U);
+        EXPECT_EQ(ausampler_read_interleaved(sampler.get(), in, out, 4, row.rateIn, row.rateOut), 0U);
+        EXPECT_EQ(ausampler_write_interleaved(sampler.get(), in, out, 4, row.rateIn, row.rateOut), 0U);
+    }
+    EXPECT_EQ(out[0], 7);
+    EXPECT_EQ(sampler->phase, 1);
+    EXPECT_EQ(sampler->channel_states[0].history[3], 0);
+}
+
+TEST(Sampler, refusesToWorkInPlace)
+{
+    const Sampler sampler = aSampler(1);
+    float samples[8] = {};
+    EXPECT_DEATH(ausampler_read_interleaved(sampler.get(), samples, samples, 8, 48000, 48000), "base");
+}
+
 TEST(Sampler, delaysByTwoFramesAtEqualRates)
 {
     const Sampler sampler = aSampler(2);

@@ -1,8 +1,12 @@
+#include "CommaLocale.h"
+#include "DXRAudioConverter.h"
+#include "DXRBuffer.h"
 #include "DXRRangedStream.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 
@@ -21,6 +25,8 @@ CXRef<DXRRangedStream> aRangedStream(double rate, double minimum, double maximum
     return DXRRangedStream::initWithDesc(&desc);
 }
 
+constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+
 TEST(DXRValueRange, describesAndJudgesItself)
 {
     const struct {
@@ -34,6 +40,7 @@ TEST(DXRValueRange, describesAndJudgesItself)
         {48000, 0, "48000 - 0", "48 - 0kHz", false},
         {96000, 48000, "96000 - 48000", "96 - 48kHz", false},
         {0, 0, "0", "0kHz", false},
+        {notANumber, notANumber, "?", "?kHz", false},
     };
     for (const auto& row : rows) {
         const CXRef<DXRValueRange> range = DXRValueRange::initWithMin(row.min, row.max);
@@ -104,6 +111,23 @@ TEST(Streams, describeThemselvesShortly)
               "48kHz");
     EXPECT_EQ(DXRRangedStream::init()->descriptionWithoutChannelCount(1), "(44.1kHz, 2ch)");
     EXPECT_EQ(aRangedStream(0, 8000, 192000)->description(), "(8 - 192kHz, 2ch)");
+}
+
+// A host application may well call setlocale().
+TEST(Streams, writeNumbersAlikeInEveryLocale)
+{
+    const CommaLocale locale;
+    EXPECT_EQ(DXRValueRange::initWithMin(44100.5, 48000)->description(), "44100.5 - 48000");
+    EXPECT_EQ(DXRValueRange::initWithValue(44100)->descriptionForSampleRate(), "44.1kHz");
+    EXPECT_EQ(DXRBasicStream::init()->description(), "(44.1kHz, 2ch)");
+    EXPECT_NE(DXRBuffer::initWithSampleRate(44100.5, 8, 2)->description().find("@44100.5hz"),
+              std::string::npos);
+    const DXRAudioConverter::Nodes nodes[2];
+    const uint32_t counts[2] = {};
+    EXPECT_NE(DXRAudioConverter::initWithNodes(nodes, counts, 44100.5, 48000, 8, 8)
+                  ->description()
+                  .find("44100.5hz -> 48000hz"),
+              std::string::npos);
 }
 
 TEST(Streams, offerTheRateMostWanted)

@@ -4,10 +4,12 @@
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
 #include "DrivenHardware.h"
+#include "HostClock.h"
 
 #include <gtest/gtest.h>
 
 #include <future>
+#include <random>
 #include <thread>
 
 namespace {
@@ -191,21 +193,167 @@ TEST_F(DXRAudioContextTest, givesACycleUpRatherThanWaitInACircle)
     EXPECT_EQ(calls, 2U);
 }
 
-TEST_F(DXRAudioContextTest, staysIdleWhenTheDeviceWillNotStart)
+TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
 {
+    const auto heard = std::make_shared<std::atomic<int>>(0);
     backend().startStatus = (kAudioHardwareUnspecifiedError);
+    runner->removeDevice(device(true));
+    runner->setNotifier(nullptr, [heard] { ++*heard; });
     runner->start();
     EXPECT_TRUE(runner->isRunning());
     EXPECT_EQ(runner->frameCount(), 0U);
-    Cycle(0).run();
-    EXPECT_EQ(calls, 0U);
+    EXPECT_TRUE(runner->activeDevices().empty());
+    EXPECT_EQ(runner->error().deviceUID, "duplex");
+    EXPECT_EQ(runner->error().status, kAudioHardwareUnspecifiedError);
+    EXPECT_NE(runner->error().text.find("cannot start '"), std::string::npos) << runner->error().text;
+    const uint32_t registrations = backend().starts;
+    while (backend().starts < registrations + 2) // two tries that fail
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(*heard, 1) << "the same error is no news";
     backend().startStatus = (0);
-    unplug();
-    plug();
-    EXPECT_EQ(runner->frameCount(), 512U) << "of the timer, which came first";
+    while (runner->error())
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    settle();
+    EXPECT_EQ(runner->frameCount(), frames);
+    EXPECT_EQ(runner->activeDevices().size(), 1U);
+    EXPECT_GE(*heard, 2);
+}
+
+// A hundred times the channels: more samples in a cycle than buffers hold.
+TEST_F(DXRAudioContextTest, refusesNodesThatNoBufferHolds)
+{
+    const auto channelsFor = [](uint64_t frameCount) {
+        return DXRDeviceRunner::Channels(DXRDeviceNode::maxSamples / frameCount + 1, 1);
+    };
+    const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
+    runner->removeDevice(device(false));
+    ASSERT_TRUE(runner->setFrameCount(1U << 20));
+    EXPECT_FALSE(runner->addDevice(device(false), channelsFor(1U << 20), idle)) << "known beforehand";
+    ASSERT_TRUE(runner->setFrameCount(0));
+    ASSERT_TRUE(runner->addDevice(device(false), channelsFor(1U << 20), idle));
+    ASSERT_TRUE(runner->setFrameCount(1U << 20));
+    runner->start();
+    EXPECT_EQ(runner->error().deviceUID, "duplex");
+    EXPECT_NE(runner->error().text.find("too many channels"), std::string::npos) << runner->error().text;
+    EXPECT_TRUE(runner->activeDevices().empty());
+    unplug(); // nor by the timer
+    EXPECT_TRUE(runner->error());
+}
+
+// A device 300 ppm off, whose stamps are late by some 50 us, as threads wake: the time of a block's first frame against
+// when that frame really was, or was played, at the device; an hour of it in a soak. Samples carry their own frame's number, so that converters and
+// their delays are in it.
+TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
+{
+    const struct {
+        uint32_t runnerFrames;
+        double runnerRate, partsPerMillion;
+        DXRConversionQuality quality;
+    } rows[] = {
+        {64, 48000, 300, DXRConversionQuality::Standard},  {64, 48000, -300, DXRConversionQuality::Standard},
+        {100, 48000, 300, DXRConversionQuality::Standard}, {64, 44100, -300, DXRConversionQuality::Standard},
+        {441, 44100, 300, DXRConversionQuality::High},
+    };
+    constexpr double deviceRate = 48000, begin = 1e12; // ns
+    constexpr uint64_t turn = 1 << 14;                 // frames after which numbers begin again
+    const double seconds = std::getenv("DXR_SOAK_SECONDS") ? 3600 : 60;
+    for (const auto& row : rows) {
+        const double period = 1e9 / (deviceRate * (1 + row.partsPerMillion * 1e-6));
+        const auto numberOf = [](double frame) { return frame - std::floor(frame / turn) * turn; };
+        const auto frameAt = [&](uint64_t nanoseconds) {
+            return (static_cast<double>(nanoseconds) - begin) / period;
+        };
+        std::vector<double> errors[2]; // ns; input, output
+        for (auto& each : errors)
+            each.reserve(static_cast<size_t>(seconds * 1000));
+        const auto note = [&](size_t direction, double off) {
+            if (std::abs(off) < turn / 2 && errors[direction].size() < errors[direction].capacity())
+                errors[direction].push_back(std::abs(off * period));
+        };
+        // Frames around the turn are no line: left out.
+        const auto isFarFromTurn = [](double number) { return number > 2000 && number < turn - 2000; };
+        for (const bool isInput : {true, false})
+            runner->removeDevice(device(isInput));
+        runner->addDevice(device(true), DXRDeviceRunner::Channels{1}, [&](uint64_t, DXRBuffer& buffer) {
+            const double number = static_cast<double>(buffer.samples()[0]);
+            if (isFarFromTurn(number))
+                note(0, number - numberOf(frameAt(buffer.hostTime())));
+        });
+        runner->addDevice(device(false), DXRDeviceRunner::Channels{1}, [&](uint64_t, DXRBuffer& buffer) {
+            const double first = frameAt(buffer.hostTime());
+            for (uint32_t k = 0; k < buffer.frameCount(); ++k)
+                buffer.samples()[k] = static_cast<float>(numberOf(first + k * deviceRate / row.runnerRate));
+        });
+        runner->setFrameCount(row.runnerFrames);
+        runner->setSampleRate(row.runnerRate);
+        backend().sampleRate = deviceRate;
+        ASSERT_TRUE(runner->setConversionQuality(row.quality));
+        runner->start();
+        std::mt19937 random(1);
+        std::normal_distribution<double> jitter(0, 50e3);
+        const auto cycles = static_cast<uint64_t>(seconds * deviceRate / frames);
+        for (uint64_t cycle = 1; cycle <= cycles; ++cycle) {
+            const double now = static_cast<double>(cycle * frames);
+            Cycle one(now);
+            one.now.hostTime = static_cast<uint64_t>(begin + now * period + std::abs(jitter(random)));
+            one.now.flags |= kAudioTimeStampHostTimeValid;
+            one.inputTime.sampleTime = now - frames - 17; // with a safety offset
+            one.outputTime.sampleTime = now + frames + 5;
+            for (uint32_t k = 0; k < frames; ++k)
+                one.samples[2 * k] = static_cast<float>(numberOf(one.inputTime.sampleTime + k));
+            one.run();
+            const double played = static_cast<double>(one.samples[2 * frames]);
+            if (cycle * frames > 4800 && isFarFromTurn(numberOf(one.outputTime.sampleTime)) &&
+                isFarFromTurn(played))
+                note(1, played - numberOf(one.outputTime.sampleTime));
+        }
+        runner->stop();
+        for (const size_t direction : {0U, 1U}) {
+            std::vector<double>& all = errors[direction];
+            ASSERT_GT(all.size(), 1000U);
+            std::ranges::sort(all);
+            const double median = all[all.size() / 2] / 1e3, worst = all.back() / 1e3;
+            std::printf(
+                "%u frames at %.0f Hz, %+.0f ppm, %s: error of the time %.2f us median, %.1f us at worst\n",
+                row.runnerFrames, row.runnerRate, row.partsPerMillion, direction == 0 ? "input" : "output",
+                median, worst);
+            EXPECT_LT(median, 20);
+            EXPECT_LT(worst, 200);
+        }
+    }
+}
+
+TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)
+{
+    runner->start();
+    uint64_t late = 0;
+    for (const int64_t seconds : {-10, 10, -10}) { // from now, when the cycle is to begin
+        Cycle one(static_cast<double>(64 * runner->counts().cycles));
+        one.now.flags |= kAudioTimeStampHostTimeValid;
+        one.now.hostTime = platform::HostClock::nowTicks() + static_cast<uint64_t>(seconds * 1'000'000'000);
+        one.run();
+        late += seconds < 0;
+        EXPECT_EQ(runner->counts().lateCycles, late);
+    }
+    EXPECT_EQ(runner->counts().cycles, 3U);
+}
+
+// One stream of four channels in place of two of two, and the other way round.
+TEST_F(DXRAudioContextTest, restartsForAnotherSplitOfTheSameChannels)
+{
+    runner->start();
     Cycle(0).run();
-    Cycle(64).run();
-    EXPECT_EQ(runner->activeDevices().size(), 2U);
+    const uint32_t registrations = backend().starts;
+    Cycle split(64);
+    struct {
+        uint32_t count;
+        AudioBuffer buffers[2];
+    } two{2, {{1, frames * 4, split.samples}, {1, frames * 4, split.samples + frames}}};
+    backend().callback(&split.now, reinterpret_cast<const AudioBufferList*>(&two), &split.inputTime,
+                       &split.output, &split.outputTime);
+    EXPECT_EQ(calls, 1U);
+    settle();
+    EXPECT_EQ(backend().starts, registrations + 1);
 }
 
 } // namespace

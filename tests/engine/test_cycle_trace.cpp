@@ -14,19 +14,23 @@ TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
     constexpr uint64_t total = 100'000;
     const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init(61);
     std::atomic<bool> isWritten{false};
-    std::thread writer([&] {
+    std::atomic<uint64_t> read{0};
+    std::thread writer([&, seen = uint64_t{0}]() mutable {
         for (uint64_t i = 0; i < total; ++i) {
             DXRCycleRecord record;
             record.sampleTime = i;
             record.endTicks = ~i;
             trace->write(record);
-            if (i % 64 == 0)
+            if (i % 4096 != 100)
+                continue;
+            while (read == seen) // the reader has its turn, however busy the machine is
                 std::this_thread::yield();
+            seen = read;
         }
         isWritten = true;
     });
     std::vector<DXRCycleRecord> batch(17);
-    uint64_t read = 0, wrong = 0;
+    uint64_t wrong = 0;
     for (bool isOver = false; !isOver;) {
         isOver = isWritten; // what was written before this is seen below
         while (const size_t count = trace->read(batch)) {
@@ -89,16 +93,36 @@ TEST_F(RunnerTrace, tellsCyclesAndContextsAsTheyWere)
             lost += each.deviceSampleTime - first[i - 1].deviceSampleTime - 256;
     }
     EXPECT_EQ(lost, 512U);
+    DXRRunnerCounts counts = runner->counts();
+    EXPECT_EQ(counts.cycles, first.size() - 1);
+    EXPECT_EQ(counts.restarts, 0U);
+    ASSERT_EQ(counts.devices.size(), 1U);
+    EXPECT_EQ(counts.devices[0].uid, "out");
+    EXPECT_EQ(counts.devices[0].lostFrames, 512U);
 
     runner->addDevice(device("in", input), std::nullopt, idle); // both as one
     hal.stepCycles(20);
+    using Restart = DXRRunnerCounts::Restart;
+    EXPECT_EQ(runner->counts().lastRestart, Restart::Nodes);
+    EXPECT_EQ(runner->counts().devices.size(), 2U);
+    hal.reconfigure("out", [](auto& it) { it.outputs(2); });
+    settleEngine();
+    EXPECT_EQ(runner->counts().lastRestart, Restart::Layout);
+    hal.reconfigure("out", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2); });
+    settleEngine();
+    records();
     unplugged("in");
     unplugged("out"); // the timer
     while (runner->sampleTime() < 200U * 256)
         std::this_thread::yield();
+    counts = runner->counts();
+    EXPECT_EQ(counts.lastRestart, Restart::Devices);
+    EXPECT_EQ(counts.restarts, 5U);
+    EXPECT_TRUE(counts.devices.empty());
     runner->stop();
+    EXPECT_EQ(runner->counts().cycles, 0U);
     std::vector<std::pair<Event, Context>> seen;
-    uint32_t number = 1;
+    uint32_t number = 4;
     uint64_t sampleTime = 0;
     for (const DXRCycleRecord& each : records()) {
         number += each.event == Event::ContextStarted;
@@ -108,12 +132,12 @@ TEST_F(RunnerTrace, tellsCyclesAndContextsAsTheyWere)
         if (seen.empty() || seen.back() != std::pair(each.event, each.context))
             seen.emplace_back(each.event, each.context);
     }
-    const std::vector<std::pair<Event, Context>> expected{
-        {Event::ContextStopped, Context::Device}, {Event::ContextStarted, Context::Aggregate},
-        {Event::Cycle, Context::Aggregate},       {Event::ContextStopped, Context::Aggregate},
-        {Event::ContextStarted, Context::Device}, {Event::ContextStopped, Context::Device},
-        {Event::ContextStarted, Context::Timer},  {Event::Cycle, Context::Timer},
-        {Event::ContextStopped, Context::Timer}};
+    const std::vector<std::pair<Event, Context>> expected{{Event::ContextStopped, Context::Aggregate},
+                                                          {Event::ContextStarted, Context::Device},
+                                                          {Event::ContextStopped, Context::Device},
+                                                          {Event::ContextStarted, Context::Timer},
+                                                          {Event::Cycle, Context::Timer},
+                                                          {Event::ContextStopped, Context::Timer}};
     EXPECT_EQ(seen, expected);
 }
 

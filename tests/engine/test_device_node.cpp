@@ -1,3 +1,4 @@
+#include "ChannelLayout.h"
 #include "DXRDeviceNode.h"
 #include "FrameCopy.h"
 #include "InstructionSet.h"
@@ -85,6 +86,34 @@ TEST(FrameCopy, movesChannelsAsTheRuleSays)
     }
 }
 
+// What a node's channels are among a context's: parts in any order, absent, unknown, or of another width.
+TEST(ChannelLayout, findsEveryChannelOfANodeAmongThoseOfItsContext)
+{
+    const ChannelPart a{"a", {2, 1}, true}, b{"b", {3, 2}, true}, c{"c", {0, 4}, true};
+    ChannelPart absent = a, wide = b;
+    absent.isThere = false;
+    wide.channelCounts = {5, 2};
+    using Map = std::vector<uint32_t>;
+    const struct {
+        const char* what;
+        ChannelLayout node, context;
+        Map inputs, outputs;
+    } rows[] = {
+        {"the device itself", {a}, {a}, {1, 2}, {1}},
+        {"behind others", {b}, {a, c, b}, {3, 4, 5}, {6, 7}},
+        {"parts in another order", {b, a}, {a, b}, {3, 4, 5, 1, 2}, {2, 3, 1}},
+        {"an absent part keeps its place", {absent, b}, {b}, {0, 0, 1, 2, 3}, {0, 1, 2}},
+        {"an absent part that the context has", {absent, b}, {a, b}, {0, 0, 3, 4, 5}, {0, 2, 3}},
+        {"a part that the context does not have", {a, b}, {c, b}, {0, 0, 1, 2, 3}, {0, 5, 6}},
+        {"more channels than the context knows of", {wide}, {a, b}, {3, 4, 5, 0, 0}, {2, 3}},
+        {"nothing", {}, {a, b}, {}, {}},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(channelMapBetween(row.node, row.context, true), row.inputs) << row.what;
+        EXPECT_EQ(channelMapBetween(row.node, row.context, false), row.outputs) << row.what;
+    }
+}
+
 TEST_F(DXRDeviceNodeTest, takesTheChannelsAskedForOrThePreferredPair)
 {
     plug(aDevice().uid("interface").inputs(6).outputs(2).stereoChannels(HALDirection::Input, 3, 4));
@@ -98,10 +127,10 @@ TEST_F(DXRDeviceNodeTest, takesTheChannelsAskedForOrThePreferredPair)
     EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(in, std::nullopt, noBlock)->isViable());
 
     const std::vector<uint32_t> map{7, 8, 0, 10, 11, 12};
-    node->startIOWithSampleRate(48000, 4, map);
+    ASSERT_TRUE(node->startIOWithSampleRate(48000, 4, map));
     EXPECT_EQ(node->usageMap(), DXRDeviceNode::Channels{10}) << "a channel without a source is not in use";
     const auto odd = DXRDeviceNode::nodeWithDevice(in, DXRDeviceNode::Channels{7, 0, 2, 2, 1}, idle);
-    odd->startIOWithSampleRate(48000, 4, map);
+    ASSERT_TRUE(odd->startIOWithSampleRate(48000, 4, map));
     EXPECT_EQ(odd->usageMap(), (DXRDeviceNode::Channels{8, 7})) << "what the device has, once, in order";
     odd->stopIO();
     EXPECT_TRUE(odd->usageMap().empty());
@@ -122,24 +151,25 @@ TEST_F(DXRDeviceNodeTest, hearsBeforeAndPlaysAfterItsBlockSoThatOutputIsABufferL
     const auto out = DXRDeviceNode::nodeWithDevice(device("duplex", output), std::nullopt,
                                                    [&](uint64_t time, DXRBuffer& buffer) {
                                                        EXPECT_EQ(time, 77U);
+                                                       EXPECT_EQ(buffer.hostTime(), 5U);
                                                        buffer.samples()[0] = next++;
                                                        buffer.samples()[1] = next++;
                                                    });
-    in->performIOWithSampleTime(0, entries);
+    in->performIOWithSampleTime(0, entries, 5);
     EXPECT_EQ(heard[1], 0) << "not started";
     const std::vector<uint32_t> map{1, 2};
-    in->startIOWithSampleRate(48000, 1, map);
-    out->startIOWithSampleRate(48000, 1, map);
-    in->performIOWithSampleTime(0, entries);
+    ASSERT_TRUE(in->startIOWithSampleRate(48000, 1, map));
+    ASSERT_TRUE(out->startIOWithSampleRate(48000, 1, map));
+    in->performIOWithSampleTime(0, entries, 5);
     EXPECT_TRUE(std::ranges::equal(heard, std::vector<float>{0, 10, 0})) << "no data is silence";
-    in->performIOWithSampleTime(0, nullptr);
+    in->performIOWithSampleTime(0, nullptr, 5);
     EXPECT_TRUE(std::ranges::equal(heard, std::vector<float>{0, 0, 0}));
 
     const DXRChannelEntry both[] = {{&frames[0], 2}, {&frames[1], 2}};
-    out->performIOWithSampleTime(77, both);
+    out->performIOWithSampleTime(77, both, 5);
     EXPECT_EQ(frames, (std::vector<float>{0, 0}));
-    out->performIOWithSampleTime(77, nullptr);
-    out->performIOWithSampleTime(77, both);
+    out->performIOWithSampleTime(77, nullptr, 5);
+    out->performIOWithSampleTime(77, both, 5);
     EXPECT_EQ(frames, (std::vector<float>{3, 4})) << "what the block wrote last";
 }
 

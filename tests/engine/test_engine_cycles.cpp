@@ -1,5 +1,6 @@
 // The whole path from a device's input to its output, cycle by cycle.
 
+#include "CXException.h"
 #include "EngineComputer.h"
 
 #include <future>
@@ -8,6 +9,13 @@ namespace {
 
 constexpr float step = 1.0F / (1U << 24); // between two frames of a ramp
 constexpr uint32_t frames = 512;
+
+SimulatedSource constant(float level)
+{
+    return [level](uint64_t, uint32_t frameCount, uint32_t channels, double, float* samples) {
+        std::fill_n(samples, size_t{frameCount} * channels, level);
+    };
+}
 
 /// Plays what it hears: the input block keeps a buffer, the output block gives it away.
 class EngineCyclesTest : public EngineComputer {
@@ -204,6 +212,155 @@ TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
     EXPECT_EQ(made["subdevices"][0]["drift"], 1);
     runner->stop();
     EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);
+}
+
+// The hardware keeps the channels of a part that is absent; what the other device plays must not land in them.
+TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
+{
+    const auto part = [&](const char* uid, float level) {
+        return aDevice().uid(uid).inputs(2).clockDomain(1).hears(constant(level));
+    };
+    plugged(part("a", 0.25F));
+    plugged(part("b", 0.5F));
+    plugged(part("c", 0.75F));
+    const CXPlist both{{"uid", "both"}, {"name", "Both"}, {"subdevices", {{{"uid", "a"}}, {{"uid", "b"}}}}};
+    AudioObjectID aggregate = kAudioObjectUnknown;
+    ASSERT_EQ(AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(both).get(), &aggregate), 0);
+    settleEngine();
+    std::vector<float> heard, heardOfC;
+    heard.reserve(8), heardOfC.reserve(8);
+    const auto keepLast = [](std::vector<float>& last) {
+        return [&last](uint64_t, DXRBuffer& given) {
+            last.assign(given.samples(), given.samples() + given.channelCount());
+        };
+    };
+    ASSERT_TRUE(runner->addDevice(device("both", input), Channels{1, 2, 3, 4}, keepLast(heard)));
+    ASSERT_TRUE(runner->addDevice(device("c", input), Channels{1, 2}, keepLast(heardOfC)));
+    const auto expectHeard = [&](const char* when, const std::vector<float>& expected) {
+        settleEngine();
+        hal.stepCycles(60);
+        EXPECT_EQ(heard, expected) << when;
+        EXPECT_EQ(heardOfC, (std::vector<float>{0.75F, 0.75F})) << when;
+    };
+    unplugged("a");
+    runner->start();
+    expectHeard("started without the first part", {0, 0, 0.5F, 0.5F});
+    plugged(part("a", 0.25F));
+    expectHeard("all there", {0.25F, 0.25F, 0.5F, 0.5F});
+    unplugged("a");
+    expectHeard("the first part absent", {0, 0, 0.5F, 0.5F});
+    plugged(part("a", 0.25F));
+    expectHeard("back again", {0.25F, 0.25F, 0.5F, 0.5F});
+    unplugged("b");
+    expectHeard("the second part absent", {0.25F, 0.25F, 0, 0});
+    unplugged("a");
+    expectHeard("both absent", {0, 0, 0, 0});
+    runner->stop();
+    EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);
+}
+
+TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
+{
+    plugged(aDevice().uid("a").outputs(2).outputs(2).clockDomain(1));
+    plugged(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(0)));
+    plugged(aDevice().uid("loop").inputs(2).clockDomain(1).hears(simulatedRamp()));
+    ASSERT_TRUE(runner->addDevice(device("a", output), Channels{1, 2}, [](uint64_t, DXRBuffer& given) {
+        std::fill_n(given.samples(), size_t{given.frameCount()} * 2, -1.0F);
+    }));
+    loop("loop", "b", {1, 2});
+    runner->start();
+    hal.stepCycles(10);
+    hal.reconfigure("a", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2); });
+    hal.reconfigure("b", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2).outputs(2); });
+    settleEngine();
+    hal.stepCycles(100);
+    EXPECT_GT(exactFrames(), 20U * frames);
+    EXPECT_EQ(std::ranges::count(played, -1.0F), 0) << "what is for the other device";
+}
+
+// A hundred changes of the default device while a ramp plays: nothing is lost but the buffer that a new device begins with,
+// and the sample time goes on without a step. The new device may also be one that has just come.
+TEST_F(EngineCyclesTest, followsTheDefaultDevice)
+{
+    using Direction = DXRDeviceRunner::Direction;
+    uint64_t dueTime = 0, steps = 0, next = 1;
+    const DXRIOBlock ramp = [&](uint64_t time, DXRBuffer& given) {
+        steps += time != std::exchange(dueTime, time + given.frameCount());
+        for (uint32_t frame = 0; frame < given.frameCount(); ++frame)
+            given.samples()[size_t{frame} * given.channelCount()] = static_cast<float>(next++ & 0x3FFFFF);
+    };
+    size_t silence = 0, longestSilence = 0;
+    uint64_t heard = 0, skipped = 0;
+    const SimulatedSink listener = [&](uint64_t, uint32_t frameCount, uint32_t channels, double,
+                                       const float* samples) {
+        for (uint32_t frame = 0; samples && frame < frameCount; ++frame) {
+            const auto number = static_cast<uint64_t>(samples[size_t{frame} * channels]);
+            silence = number == 0 ? silence + 1 : 0;
+            longestSilence = std::max(longestSilence, silence);
+            skipped += number != 0 && number > heard + 1 + frames;
+            heard = number == 0 ? heard : number;
+        }
+    };
+    const auto speaker = [&](const char* uid) { return aDevice().uid(uid).outputs(2).playsInto(listener); };
+    EXPECT_FALSE(runner->addDefaultDevice(Direction::Output, std::nullopt, nullptr));
+    ASSERT_TRUE(runner->addDefaultDevice(Direction::Output, std::nullopt, ramp)) << "before there is any";
+    EXPECT_FALSE(runner->addDefaultDevice(Direction::Output, std::nullopt, ramp));
+    EXPECT_TRUE(runner->devices().empty());
+    plugged(speaker("one"));
+    ASSERT_TRUE(runner->setFrameCount(frames));
+    runner->start();
+    EXPECT_EQ(runner->activeDevices(), Devices{device("one", output)});
+    plugged(speaker("two"));
+    for (int change = 0; change < 100; ++change) {
+        hal.stepCycles(4);
+        const char* const uid = change % 2 == 0 ? "two" : "one";
+        ASSERT_TRUE(hal.setDefault(HALDirection::Output, uid));
+        settleEngine();
+        ASSERT_EQ(runner->activeDevices(), Devices{device(uid, output)});
+    }
+    hal.stepCycles(4);
+    std::printf("100 changes of the default device: longest silence %zu frames\n", longestSilence);
+    EXPECT_EQ(longestSilence, frames) << "the buffer that every output begins with";
+    EXPECT_EQ(skipped, 0U);
+    EXPECT_EQ(steps, 0U);
+    EXPECT_EQ(runner->counts().restarts, 100U);
+
+    runner->removeDevice(device("one", output));
+    EXPECT_EQ(runner->devices().size(), 1U) << "the default device is removed as such";
+    ASSERT_TRUE(runner->addDevice(device("two", output), std::nullopt, [](uint64_t, DXRBuffer&) {}));
+    hal.setDefault(HALDirection::Output, "two");
+    settleEngine();
+    EXPECT_EQ(runner->devices().size(), 2U) << "one that was added by itself is not taken over";
+    runner->removeDefaultDevice(Direction::Output);
+    EXPECT_EQ(runner->devices(), Devices{device("two", output)});
+}
+
+// The calls that no device is needed for, on an IO thread: stop() must allocate nothing there, the others assert.
+TEST_F(EngineCyclesTest, stopsFromAnIOBlock)
+{
+    plugged(aDevice().uid("out").outputs(2));
+    uint32_t asserted = 0, calls = 0;
+    ASSERT_TRUE(runner->addDevice(device("out", output), std::nullopt, [&](uint64_t, DXRBuffer&) {
+        runner->stop();
+        ++calls;
+        const CXRealtimeExemption exemption("assertions that fail");
+        const std::function<void()> forbidden[] = {[&] { runner->start(); },
+                                                   [&] { runner->setFrameCount(64); }};
+        for (const auto& call : forbidden) {
+            try {
+                call();
+            } catch (const CXException&) {
+                ++asserted;
+            }
+        }
+    }));
+    runner->start();
+    hal.stepCycles(1);
+    settleEngine();
+    EXPECT_FALSE(runner->isRunning());
+    hal.stepCycles(5);
+    EXPECT_EQ(calls, 1U);
+    EXPECT_EQ(asserted, 2U);
 }
 
 TEST_F(EngineCyclesTest, endsTheProcessWithAClearMessageWhenABlockThrows)

@@ -28,6 +28,7 @@ RunnerSession::RunnerSession(const Interrupts& interrupts, std::optional<uint32_
 {
     if (!_runner)
         throw ToolFailure("the system has no thread to give");
+    _runner->setConversionQuality(DXRConversionQuality::High);
     if (frameCount && !_runner->setFrameCount(*frameCount))
         throw ToolFailure(formatText("no device runs in blocks of %u frames", *frameCount));
     if (sampleRate && !_runner->setSampleRate(*sampleRate))

@@ -41,3 +41,8 @@ DXR_EXPORT void CXSetDebugEnabled(bool enabled);
     (static_cast<bool>(condition) ? static_cast<void>(0)                                                     \
                                   : _CXFailedAssertion(static_cast<const char*>(__PRETTY_FUNCTION__),        \
                                                        #condition, __FILE__, __LINE__))
+/// The same, where the text to be reported is not that of the condition.
+#define CX_ASSERT_SAYING(condition, text)                                                                    \
+    (static_cast<bool>(condition) ? static_cast<void>(0)                                                     \
+                                  : _CXFailedAssertion(static_cast<const char*>(__PRETTY_FUNCTION__), text,  \
+                                                       __FILE__, __LINE__))

@@ -1,0 +1,7 @@
+#pragma once
+
+#include <string>
+
+/// `value` in at most six digits, as printf's %g writes it in the C locale, whatever locale the application has set.
+/// "?" for what is not a number.
+std::string numberText(double value);

@@ -1,0 +1,12 @@
+#include "UseOfC.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(CFunctions, areOfUseFromC)
+{
+    EXPECT_STREQ(useOfC(), nullptr);
+}
+
+} // namespace
