@@ -54,6 +54,7 @@ private:
     DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties);
     ~DXRKVOHelper() override = default;
 
+    using Registration = DXRKVOObservation::Registration;
     /// What is to be published, as places in the table.
     using Pass = std::vector<uint8_t>;
 
@@ -62,8 +63,8 @@ private:
     void _runWaiting(const Pass& pass);
     void _run(const Pass& first);
     void _announce(const DXRKVOProperty& property, DXRKVOChange change);
-    /// Those that there are; forgets the others.
-    std::vector<CXRef<DXRKVOObservation>> _observers();
+    /// Under _lock. What has ended holds nothing any more, so that nothing is destroyed here but the registrations.
+    void _forgetEnded();
 
     const CXWeak<CXObject> _obj;
     const std::span<const DXRKVOProperty> _properties;
@@ -74,5 +75,5 @@ private:
     const CXRef<DXRRecursiveMutex> _lock; // of all below
     std::vector<Pass> _waiting;           // on their way to the main thread
     std::vector<Pass> _postponed;         // came due inside another, in a nested run of the main queue
-    std::vector<CXWeak<DXRKVOObservation>> _observations;
+    std::vector<CXRef<Registration>> _registrations;
 };
