@@ -184,12 +184,6 @@ std::optional<double> DXRDeviceHardware::volume(std::span<const uint32_t> channe
     return *volume > 0.0 ? std::min(*volume, 1.0) : 0.0; // NaN, too, is 0
 }
 
-std::optional<bool> DXRDeviceHardware::isTapEnabled() const
-{
-    const auto enabled = DXRPropertyAddress::deviceTapEnabled()->uint32ForObjectID(_deviceID);
-    return enabled ? std::optional(*enabled != 0) : std::nullopt;
-}
-
 bool DXRDeviceHardware::setSampleRate(double rate) const
 {
     return DXRPropertyAddress::deviceSampleRate()->setDouble(rate, _deviceID);
@@ -210,9 +204,4 @@ bool DXRDeviceHardware::setVolume(double scalar, uint32_t element) const
 {
     return DXRPropertyAddress::deviceVolumeScalar(_scope(), element)
         ->setFloat(static_cast<float>(scalar), _deviceID);
-}
-
-bool DXRDeviceHardware::setTapEnabled(bool enabled) const
-{
-    return DXRPropertyAddress::deviceTapEnabled()->setUInt32(enabled ? 1 : 0, _deviceID);
 }

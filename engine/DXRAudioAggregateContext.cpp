@@ -173,7 +173,7 @@ std::vector<uint32_t> DXRAudioAggregateContext::_channelMapForNode(const CXRef<D
             appendChannelsOf(uid, subdevices);
     }
     const uint32_t channelCount = node->device()->channelCount();
-    if (map.size() < channelCount)
+    if (_viables.contains(node) && map.size() < channelCount)
         map.resize(channelCount, 0);
     return map;
 }

@@ -230,8 +230,8 @@ void DXRAudioContext::_startIO()
 
 std::vector<uint32_t> DXRAudioContext::_channelMapForNode(const CXRef<DXRDeviceNode>& node) const
 {
-    std::vector<uint32_t> map(node->device()->channelCount(), 0);
-    for (uint32_t channel = 1; channel <= map.size() && _viables.contains(node); ++channel)
+    std::vector<uint32_t> map(_viables.contains(node) ? node->device()->channelCount() : 0, 0);
+    for (uint32_t channel = 1; channel <= map.size(); ++channel)
         map[channel - 1] = channel;
     return map;
 }

@@ -2,6 +2,7 @@
 
 #include "CXErrorAdditions.h"
 #include "DXRAudioContext.h"
+#include "DXRDeviceControl.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
 #include "QDL.h"
@@ -246,7 +247,7 @@ void DXRDeviceRunner::_start()
     // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction)
-            node->device()->refreshIfChannelsChanged();
+            DXRDeviceControl(*node->device()).refreshIfChannelsChanged();
     }
     _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes);
     const bool isStarted = _context && _context->start();

@@ -3,6 +3,7 @@
 #include "CXErrorAdditions.h"
 #include "CXJSON.h"
 #include "CXPlistAdditions.h"
+#include "DXRDeviceControl.h"
 #include "DXRDeviceInfoList.h"
 #include "DXRDeviceManagerPrivate.h"
 #include "DXRPropertyAddress.h"
@@ -263,7 +264,7 @@ CXRef<DXRDevice> DXRDeviceManager::_deviceWithReference(const DXRDeviceReference
         if (const CXRef<DXRDeviceInfo> info = list->firstGenericallyEqual(reference))
             return _deviceOfInfo(*info, input, true, archive);
     }
-    CXRef<DXRDevice> device = archive ? DXRDevice::initWithArchive(*archive, CXRef(this)) : nullptr;
+    CXRef<DXRDevice> device = archive ? DXRDeviceControl::initWithArchive(*archive, CXRef(this)) : nullptr;
     if (device) {
         const CXRef<DXRDeviceInfo> info = DXRDeviceInfo::init();
         info->reference = reference.deviceReferenceWithInput(std::nullopt);
@@ -280,11 +281,11 @@ CXRef<DXRDevice> DXRDeviceManager::_deviceOfInfo(DXRDeviceInfo& info, bool input
     CXRef<DXRDevice> device = info.live(input) ? info.live(input) : info.stashed(input);
     if (device || !archive)
         return device;
-    device = DXRDevice::initWithArchive(*archive, CXRef(this));
+    device = DXRDeviceControl::initWithArchive(*archive, CXRef(this));
     if (!device)
         return nullptr;
     if (isGenericMatch)
-        device->setDeviceReference(info.reference->deviceReferenceWithInput(input));
+        DXRDeviceControl(*device).setDeviceReference(info.reference->deviceReferenceWithInput(input));
     info.stashed(input) = device;
     return device;
 }
@@ -446,7 +447,7 @@ bool DXRDeviceManager::_keep(DXRDeviceInfo& info, Changes& changes)
     if (!reference)
         return false;
     for (const bool isInput : bothDirections) {
-        if (info.live(isInput) && !info.live(isInput)->confirmGenericChannelCounts()) {
+        if (info.live(isInput) && !DXRDeviceControl(*info.live(isInput)).confirmGenericChannelCounts()) {
             changes.needsAnother = true;
             return false;
         }
@@ -456,7 +457,7 @@ bool DXRDeviceManager::_keep(DXRDeviceInfo& info, Changes& changes)
     _updateDeviceInfo(info, info.deviceID, changes.connected, &changes.disconnected);
     for (const bool isInput : bothDirections) {
         if (isMended && info.live(isInput))
-            info.live(isInput)->setDeviceReference(info.currentReference(isInput));
+            DXRDeviceControl(*info.live(isInput)).setDeviceReference(info.currentReference(isInput));
     }
     return true;
 }
@@ -480,7 +481,7 @@ void DXRDeviceManager::_archiveGone(Changes& changes)
         _archivedDevices->add(info->archiveOrder, info);
         for (const bool isInput : bothDirections) {
             if (const CXRef<DXRDevice>& device = info->live(isInput)) {
-                device->disconnect();
+                DXRDeviceControl(*device).disconnect();
                 changes.disconnected.insert(device);
             }
         }
@@ -532,23 +533,23 @@ void DXRDeviceManager::_updateDeviceInfo(DXRDeviceInfo& info, AudioObjectID devi
         CXRef<DXRDevice>& stashed = info.stashed(isInput);
         const CXRef<DXRDeviceReference>& reference = info.currentReference(isInput);
         if (reference && live) {
-            live->connect(deviceID, reference);
+            DXRDeviceControl(*live).connect(deviceID, reference);
             if (!disconnected)
                 connected.insert(live);
-            else if (live->refreshIfIncomplete())
+            else if (DXRDeviceControl(*live).refreshIfIncomplete())
                 _updatedDevices.insert(live);
         } else if (reference) {
             if (stashed) {
                 live = std::exchange(stashed, nullptr);
-                live->connect(deviceID, reference);
+                DXRDeviceControl(*live).connect(deviceID, reference);
             } else {
-                live = DXRDevice::initWithDeviceID(deviceID, reference, CXRef(this));
+                live = DXRDeviceControl::initWithDeviceID(deviceID, reference, CXRef(this));
             }
             if (live)
                 connected.insert(live);
         } else if (live) {
             stashed = std::exchange(live, nullptr);
-            stashed->disconnect();
+            DXRDeviceControl(*stashed).disconnect();
             if (disconnected)
                 disconnected->insert(stashed);
         }
@@ -599,22 +600,26 @@ void DXRDeviceManager::_resetDisplayNames(DXRDeviceInfo& info)
     for (const CXRef<DXRDevice>& device : {info.input, info._input, info.output, info._output}) {
         if (!device)
             continue;
-        const bool isNew = device->updateDisplayName(std::nullopt);
-        if (device->updateDisplayNameWithSource(std::nullopt) || isNew)
+        const DXRDeviceControl control(*device);
+        const bool isNew = control.updateDisplayName(std::nullopt);
+        if (control.updateDisplayNameWithSource(std::nullopt) || isNew)
             _updatedDevices.insert(device);
     }
 }
 
 void DXRDeviceManager::_updateDeviceDisplayNames()
 {
-    _number([](const DXRDevice& device) { return device.name(); },
-            [](DXRDevice& device, const auto& name) { return device.updateDisplayName(name); });
+    _number(
+        [](const DXRDevice& device) { return device.name(); },
+        [](DXRDevice& device, const auto& name) { return DXRDeviceControl(device).updateDisplayName(name); });
 }
 
 void DXRDeviceManager::_updateDeviceDisplayNamesWithSource()
 {
     _number([](const DXRDevice& device) { return device.nameWithSource(); },
-            [](DXRDevice& device, const auto& name) { return device.updateDisplayNameWithSource(name); });
+            [](DXRDevice& device, const auto& name) {
+                return DXRDeviceControl(device).updateDisplayNameWithSource(name);
+            });
 }
 
 template <class Name, class Update> void DXRDeviceManager::_number(const Name& name, const Update& update)

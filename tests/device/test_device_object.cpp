@@ -1,5 +1,5 @@
 #include "CXFourCharCode.h"
-#include "DXRDevice.h"
+#include "DXRDeviceControl.h"
 #include "SerialQueue.h"
 #include "SimulatedComputer.h"
 
@@ -33,7 +33,8 @@ protected:
     CXRef<DXRDevice> deviceFor(const SimulatedDeviceBuilder& builder, bool isInput = false)
     {
         const AudioObjectID id = hal.plug(builder);
-        return DXRDevice::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, isInput), keeper);
+        return DXRDeviceControl::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, isInput),
+                                                  keeper);
     }
     const CXRef<Keeper> keeper = Keeper::init();
 };
@@ -69,10 +70,10 @@ TEST_F(DXRDeviceTest, keepsWhatTheHardwareSays)
               ", connected (" + std::to_string(device->deviceID()) + "), output, box (Box, line)>");
     EXPECT_EQ(deviceFor(aDevice().uid("deaf").outputs(2), input), nullptr);
     const AudioObjectID id = hal.deviceID("box");
-    EXPECT_EQ(DXRDevice::initWithDeviceID(id, nullptr), nullptr);
-    EXPECT_EQ(DXRDevice::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, std::nullopt)),
+    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(id, nullptr), nullptr);
+    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, std::nullopt)),
               nullptr);
-    EXPECT_EQ(DXRDevice::initWithDeviceID(0, device->reference()), nullptr);
+    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(0, device->reference()), nullptr);
 }
 
 TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareIsSilent)
@@ -151,7 +152,7 @@ TEST_F(DXRDeviceTest, writesWhatItCan)
     EXPECT_FALSE(device->setVolume(0.3));
     EXPECT_EQ(device->volume(), 1.0);
     hal.failWrites(0);
-    device->disconnect();
+    DXRDeviceControl(*device).disconnect();
     EXPECT_FALSE(device->setVolume(0.3) || device->setMuted(false) || device->setSource("Line") ||
                  device->setSampleRate(48000));
 }
@@ -229,8 +230,8 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
 {
     const auto device =
         deviceFor(aDevice().uid("mic").name("USB Mic").inputs(1).volume(HALDirection::Input, 0.5F), input);
-    EXPECT_TRUE(device->updateDisplayName("USB Mic 2"));
-    EXPECT_FALSE(device->updateDisplayName("USB Mic 2"));
+    EXPECT_TRUE(DXRDeviceControl(*device).updateDisplayName("USB Mic 2"));
+    EXPECT_FALSE(DXRDeviceControl(*device).updateDisplayName("USB Mic 2"));
     EXPECT_EQ(device->displayName(), "USB Mic 2");
     std::vector<std::string> keys;
     const auto observations = device->kvo()->observe(device->kvo()->observableKeys(),
@@ -238,37 +239,36 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
                                                          if (change == DXRKVOChange::Did)
                                                              keys.push_back(key);
                                                      });
-    device->disconnect();
+    DXRDeviceControl(*device).disconnect();
     EXPECT_EQ(keys, (std::vector<std::string>{"displayName", "isConnected", "isDefault", "deviceID"}));
     EXPECT_EQ(device->displayName(), "⚠️ USB Mic");
     EXPECT_EQ(device->volume(), 0.5);
     hal.reconfigure("mic", [](auto& mic) { mic.name("Unheard"); });
     settleHardware();
     EXPECT_EQ(device->name(), "USB Mic");
-    device->connect(hal.deviceID("mic"), device->reference());
+    DXRDeviceControl(*device).connect(hal.deviceID("mic"), device->reference());
     EXPECT_EQ(device->name(), "Unheard");
     EXPECT_EQ(device->displayName(), "USB Mic 2");
     // Gone in the middle of being read: nothing of it is stored.
-    device->disconnect();
+    DXRDeviceControl(*device).disconnect();
     hal.reconfigure("mic", [](auto& mic) { mic.name("Half"); });
     const AudioObjectID id = hal.deviceID("mic");
     hal.beforeRead(kAudioDevicePropertyTransportType, 1, [this] { hal.unplug("mic"); });
-    device->connect(id, device->reference());
+    DXRDeviceControl(*device).connect(id, device->reference());
     EXPECT_EQ(device->name(), "Unheard");
 }
 
 TEST_F(DXRDeviceTest, asksAgainForWhatCouldNotBeRead)
 {
     const auto device = deviceFor(aDevice().uid("box").name("Box").outputs(2));
-    EXPECT_FALSE(device->isIncomplete());
+    EXPECT_FALSE(DXRDeviceControl(*device).refreshIfIncomplete());
     hal.failReads(kAudioObjectPropertyName, 1, 100, kAudioHardwareUnspecifiedError);
     hal.reconfigure("box", [](auto& box) { box.name("Crate"); });
     settleHardware();
-    EXPECT_TRUE(device->isIncomplete());
     hal.failReads(kAudioObjectPropertyName, 1, 0, 0);
-    EXPECT_TRUE(device->refreshIfIncomplete());
+    EXPECT_TRUE(DXRDeviceControl(*device).refreshIfIncomplete());
     EXPECT_EQ(device->name(), "Crate");
-    EXPECT_FALSE(device->refreshIfIncomplete());
+    EXPECT_FALSE(DXRDeviceControl(*device).refreshIfIncomplete());
 }
 
 TEST_F(DXRDeviceTest, obeysOverrides)
@@ -296,7 +296,7 @@ TEST_F(DXRDeviceTest, comesBackFromItsArchive)
                                       .mute(outputs, true));
     const CXPlist archive = device->archive();
     EXPECT_EQ(archive.size(), 16U);
-    const auto restored = DXRDevice::initWithArchive(CXPlist::parse(archive.dump()));
+    const auto restored = DXRDeviceControl::initWithArchive(CXPlist::parse(archive.dump()));
     ASSERT_TRUE(restored);
     EXPECT_EQ(restored->archive(), archive);
     EXPECT_FALSE(restored->isConnected());
@@ -309,18 +309,18 @@ TEST(DXRDeviceArchive, isReadAsFarAsItMakesSense)
     const auto with = [&](const char* key, const CXPlist& value) {
         CXPlist archive = least;
         archive[key] = value;
-        return DXRDevice::initWithArchive(archive);
+        return DXRDeviceControl::initWithArchive(archive);
     };
     const std::pair<const char*, CXPlist> refused[] = {
         {"vn", 2}, {"vn", "1"}, {"vn", nullptr}, {"ref", "{\"uid\":\"x\"}"}, {"ref", "x"},   {"ref", 3},
-        {"c", 0},  {"c", -1},   {"c", "2"},      {"c", 4294967296.0},        {"c", nullptr}, {"c", 0.5},
+        {"c", 0},  {"c", -1},   {"c", "2"},      {"c", 4294967295U},         {"c", nullptr}, {"c", 0.5},
     };
     for (const auto& [key, value] : refused)
         EXPECT_EQ(with(key, value), nullptr) << key << " " << value.dump();
-    EXPECT_EQ(DXRDevice::initWithArchive(nullptr), nullptr);
-    EXPECT_EQ(DXRDevice::initWithArchive(CXPlist::array()), nullptr);
+    EXPECT_EQ(DXRDeviceControl::initWithArchive(nullptr), nullptr);
+    EXPECT_EQ(DXRDeviceControl::initWithArchive(CXPlist::array()), nullptr);
 
-    const auto plain = DXRDevice::initWithArchive(least);
+    const auto plain = DXRDeviceControl::initWithArchive(least);
     ASSERT_TRUE(plain);
     EXPECT_TRUE(plain->isInput());
     EXPECT_EQ(plain->sampleRate(), 44100.0);
@@ -331,7 +331,16 @@ TEST(DXRDeviceArchive, isReadAsFarAsItMakesSense)
         EXPECT_EQ(with("sc", pair)->preferredStereoChannels(), (std::vector<uint32_t>{1, 2})) << pair.dump();
     EXPECT_EQ(with("sc", {2, 1})->preferredStereoChannels(), (std::vector<uint32_t>{2, 1}));
     EXPECT_EQ(with("c", 1)->preferredStereoChannels(), (std::vector<uint32_t>{1, 1}));
-    EXPECT_TRUE(with("ar", {44100, 0})->availableSampleRates().empty());
+    for (const CXPlist& rate : {CXPlist(0), CXPlist(-1), CXPlist(INFINITY), CXPlist(NAN), CXPlist("1")}) {
+        EXPECT_EQ(with("r", rate)->sampleRate(), 44100.0) << rate;
+        EXPECT_TRUE(with("ar", CXPlist::array({44100, rate}))->availableSampleRates().empty()) << rate;
+    }
+    for (const CXPlist& volume : {CXPlist(-0.1), CXPlist(1.1), CXPlist(NAN), CXPlist("1")})
+        EXPECT_EQ(DXRDeviceControl::initWithArchive(
+                      {{"vn", 1}, {"ref", R"({"uid":"x","i":true})"}, {"c", 2}, {"hv", true}, {"v", volume}})
+                      ->volume(),
+                  1.0)
+            << volume;
     EXPECT_EQ(with("ar", {44100, 8000.5})->availableSampleRates(), (std::vector<double>{44100, 8000.5}));
     EXPECT_TRUE(with("as", {"Line", 2})->availableSources().empty());
     EXPECT_EQ(with("n", 7)->name(), "");
