@@ -101,10 +101,13 @@ CXRef<DXRDevice> DXRDevice::_initWithDeviceID(AudioObjectID deviceID,
         return nullptr;
     CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(deviceReference, keeper));
     device->_deviceID = deviceID;
-    // Listening first: a change that the reading below does not see any more is reported then.
+    // Listening first: a change that the reading below is too early for is reported then.
     device->_updatePropertyListeners();
-    if (!device->_updateCachedProperties())
+    device->_isMade = device->_updateCachedProperties();
+    if (!device->_isMade) {
+        device->_disconnect(); // a callback may hold it still
         return nullptr;
+    }
     device->_logAdded();
     return device;
 }
@@ -122,6 +125,7 @@ CXRef<DXRDevice> DXRDevice::_initWithArchive(const CXPlist& archive, const CXRef
         return nullptr;
     CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(reference, keeper));
     *device->_values = std::move(values);
+    device->_isMade = true;
     device->_kvo->updateAllValues();
     device->_logAdded();
     return device;
@@ -129,7 +133,12 @@ CXRef<DXRDevice> DXRDevice::_initWithArchive(const CXPlist& archive, const CXRef
 
 DXRDevice::DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper)
     : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _mutex(DXRRecursiveMutex::init()),
-      _overrides(DXRDeviceOverrides::initWithDeviceReference(reference)),
+      _overrides(DXRDeviceOverrides::initWithDeviceReference(reference,
+                                                             [weak = CXWeak(*this)] {
+                                                                 if (const CXRef<DXRDevice> self =
+                                                                         weak.lock())
+                                                                     self->_overridesChanged();
+                                                             })),
       _values(std::make_unique<DXRDeviceValues>()), _reference(std::move(reference)), _keeper(keeper),
       _hasKeeper(keeper), _self(*this)
 {}
@@ -171,7 +180,8 @@ void DXRDevice::_disconnect()
     _deviceID = kAudioObjectUnknown;
     _isIncomplete = false;
     _updatePropertyListeners();
-    _kvo->updateValuesForKeys({"displayName", "isConnected", "isDefault", "deviceID"});
+    _kvo->updateValuesForKeys(
+        {"displayName", "displayNameWithSource", "isConnected", "isDefault", "deviceID"});
 }
 
 void DXRDevice::_setDeviceReference(const CXRef<DXRDeviceReference>& deviceReference)
@@ -394,50 +404,55 @@ bool DXRDevice::setVolume(double volume)
         volume = 0.0;
     else if (volume > double{0.999F})
         volume = 1.0;
+    // Before the write, because its notification may come before it has returned.
+    _mutex->execute([&] { ++_volumeSetPending; });
     const DXRDeviceHardware hardware = _hardware();
-    if (hardware.setVolume(volume, kAudioObjectPropertyElementMain)) {
+    bool isSet = hardware.setVolume(volume, kAudioObjectPropertyElementMain);
+    if (!isSet)
+        for (const uint32_t channel : preferredStereoChannels())
+            isSet |= hardware.setVolume(volume, channel);
+    if (isSet)
         _updateCachedVolumeProperty(volume);
-        return true;
-    }
-    bool isSet = false;
-    for (const uint32_t channel : preferredStereoChannels()) {
-        if (hardware.setVolume(volume, channel)) {
-            _updateCachedVolumeProperty(volume);
-            isSet = true;
-        }
-    }
+    else
+        _endVolumeWrite(VolumeWrite::Refused);
     return isSet;
 }
 
 void DXRDevice::_updateCachedVolumeProperty(double volume)
 {
-    if (_deviceID == kAudioObjectUnknown || !_hardware().isPresent())
-        return;
     const bool isNew = _locked([&] {
-        const bool differs = _values->hasVolume && _values->volume != volume;
+        const bool differs =
+            _deviceID != kAudioObjectUnknown && _values->hasVolume && _values->volume != volume;
         if (differs) {
             _values->volume = volume;
-            ++_volumeSetPending;
             ++_volumeWrites;
         }
         return differs;
     });
     if (!isNew)
-        return;
+        return _endVolumeWrite(VolumeWrite::Unchanged);
     platform::GlobalQueue::highPriority().after(settlingNanoseconds, [weak = CXWeak(*this)] {
         if (const CXRef<DXRDevice> self = weak.lock())
-            self->_settleVolume();
+            self->_endVolumeWrite(VolumeWrite::Settled);
     });
     _kvo->updateValueForKey("volume");
 }
 
-void DXRDevice::_settleVolume()
+void DXRDevice::_endVolumeWrite(VolumeWrite result)
 {
-    if (!_locked([&] { return --_volumeSetPending == 0; }))
+    double before = 0.0;
+    const bool isReadNow = _locked([&] {
+        if (--_volumeSetPending != 0)
+            return false;
+        before = _values->volume;
+        return std::exchange(_hasUnreadVolume, false) || result == VolumeWrite::Settled;
+    });
+    if (!isReadNow)
         return;
     _updateCachedProperties();
-    if (_isIncomplete)
-        _tellKeeper(); // who asks again
+    // The keeper retries what could not be read, and has not heard of a volume that is not the one written.
+    if (_isIncomplete || _locked([&] { return _values->volume != before; }))
+        _tellKeeper();
 }
 
 // ---- Settings and storage
@@ -455,6 +470,12 @@ std::vector<std::string> DXRDevice::overrideKeys() const
 void DXRDevice::setOverride(const CXPlist& value, const std::string& key)
 {
     _overrides->setObject(value, key);
+    _overridesChanged();
+}
+
+void DXRDevice::_overridesChanged()
+{
+    _kvo->updateValuesForKeys({"isMuted", "volume"});
 }
 
 CXPlist DXRDevice::archive() const
@@ -515,10 +536,14 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
         _storedTicket = readings.ticket;
         _isIncomplete = readings.isIncomplete;
         DXRDeviceValues& values = readings.values;
-        // The count belongs to a generic reference; with another count it is another device.
-        if (_values->channelCount != 0 && _reference->isGeneric())
+        // The count belongs to a generic reference; with another count it is another device. A count that was not the
+        // reference's came from an archive, and gives way.
+        const bool isGeneric = _values->channelCount != 0 && _reference->isGeneric();
+        if (isGeneric && _reference->channelCount(isInput()) != values.channelCount)
             values.channelCount = _values->channelCount;
-        if (_volumeSetPending != 0 || readings.volumeWrites != _volumeWrites)
+        // The hardware's volume is a float: one that is equal as such is the volume that was written.
+        if (_volumeSetPending != 0 || readings.volumeWrites != _volumeWrites ||
+            static_cast<float>(values.volume) == static_cast<float>(_values->volume))
             values.volume = _values->volume;
         *_values = std::move(values);
         return true;
@@ -576,7 +601,7 @@ HALStatus DXRDevice::__propertyListener(AudioObjectID /*objectID*/, uint32_t cou
     return kAudioHardwareNoError;
 }
 
-bool DXRDevice::_needsRefresh(uint32_t selector) const
+bool DXRDevice::_needsRefresh(uint32_t selector)
 {
     constexpr uint32_t modelName = CXFourCharCode("lmod");
     const DXRReadCheck reads;
@@ -590,18 +615,30 @@ bool DXRDevice::_needsRefresh(uint32_t selector) const
     case kAudioDevicePropertyDataSource:
         return true;
     case kAudioDevicePropertyMute:
-        if (_hardware().isMuted().value_or(false) != isMuted())
+        if (_hardware().isMuted().value_or(false) != _locked([&] { return _values->isMuted; }))
             return true;
         break;
     case kAudioDevicePropertyVolumeDecibels:
     case kAudioDevicePropertyVolumeScalar:
-        if (_hardware().volume(preferredStereoChannels()).value_or(1.0) != volume())
+        if (_hasOtherVolume())
             return true;
         break;
     default:
         return false;
     }
     return reads.hasFailed(); // it may have changed
+}
+
+bool DXRDevice::_hasOtherVolume()
+{
+    const std::optional<double> known = _locked([&] {
+        _hasUnreadVolume = _volumeSetPending != 0;
+        return _hasUnreadVolume ? std::nullopt : std::optional(_values->volume);
+    });
+    if (!known)
+        return false;
+    const double now = _hardware().volume(preferredStereoChannels()).value_or(1.0);
+    return static_cast<float>(now) != static_cast<float>(*known);
 }
 
 void DXRDevice::_refreshFromHardware()
@@ -612,6 +649,8 @@ void DXRDevice::_refreshFromHardware()
 
 void DXRDevice::_tellKeeper()
 {
+    if (!_isMade)
+        return; // whoever makes it reads the values after this
     const CXRef<DXRDeviceKeeper> keeper = _hasKeeper ? _keeper.lock() : DXRDeviceKeeper::shared();
     if (keeper)
         keeper->updateQueue().async([keeper, self = CXRef(this)] { keeper->deviceWasUpdated(self); });

@@ -116,15 +116,18 @@ private:
     bool _updateCachedProperties();
     bool _readAndStore();
     bool _store(AudioObjectID deviceID, Readings readings);
+    enum class VolumeWrite { Refused, Unchanged, Settled };
     void _updateCachedVolumeProperty(double volume);
-    void _settleVolume();
+    void _endVolumeWrite(VolumeWrite result);
+    void _overridesChanged();
     bool _flag(const char* overrideKey, const bool& field) const;
     std::string _nameWithSource() const;
 
     void _updatePropertyListeners();
     static HALStatus __propertyListener(AudioObjectID objectID, uint32_t count,
                                         const AudioObjectPropertyAddress* addresses, void* weakDevice);
-    bool _needsRefresh(uint32_t selector) const;
+    bool _needsRefresh(uint32_t selector);
+    bool _hasOtherVolume();
     void _refreshFromHardware();
     void _tellKeeper();
 
@@ -164,7 +167,10 @@ private:
     std::optional<std::string> _displayName;
     std::optional<std::string> _displayNameWithSource;
     CXRef<DXRDeviceReference> _reference;
-    uint32_t _volumeSetPending = 0; // local volume writes in their settling time
+    // Local volume writes, from before the hardware is asked to the end of their settling time. Meanwhile the hardware's
+    // notifications about its volume are only noted: they are about these writes, or are read at the end.
+    uint32_t _volumeSetPending = 0;
+    bool _hasUnreadVolume = false;
 
     AudioObjectID _listenedID = kAudioObjectUnknown; // the device the listener is installed on
     // Refreshes run side by side: on the notification thread, the manager's queue, and when a volume has settled.
@@ -174,7 +180,8 @@ private:
     uint64_t _storedTicket = 0;
     uint64_t _volumeWrites = 0; // local ones so far: a reading from before one does not replace it
     std::atomic<bool> _isIncomplete{
-        false}; // something could not be read; read again by _refreshIfIncomplete()
+        false};                       // something could not be read; read again by _refreshIfIncomplete()
+    std::atomic<bool> _isMade{false}; // the first fill has succeeded: the keeper may be notified
     const CXWeak<DXRDeviceKeeper> _keeper;
     const bool _hasKeeper;
     CXWeak<DXRDevice> _self; // passed to the listener: a callback may be running when the device ends

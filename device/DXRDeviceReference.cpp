@@ -206,6 +206,15 @@ std::optional<bool> DXRDeviceReference::isInput() const
     return value && isNumber(*value) ? std::optional(CXDoubleValue(*value) != 0.0) : std::nullopt;
 }
 
+std::optional<uint32_t> DXRDeviceReference::channelCount(bool input) const
+{
+    if (!isGeneric())
+        return std::nullopt;
+    const CXPlist* const value = _attributes[input ? InputChannels : OutputChannels];
+    const double count = value && isNumber(*value) ? CXDoubleValue(*value) : 0.0;
+    return count >= 0.0 && count < 4294967296.0 ? static_cast<uint32_t>(count) : 0;
+}
+
 bool DXRDeviceReference::isEqual(const CXObject* other) const
 {
     const CXRef<const DXRDeviceReference> reference = referenceIn(other);

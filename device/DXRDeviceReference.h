@@ -48,6 +48,8 @@ public:
     /// The unique ID without what changes from place to place; nothing when it has no such form.
     std::optional<std::string> genericUID() const { return _stringAttribute(GID); }
     bool isGeneric() const noexcept { return _attributes[GID] != nullptr; }
+    /// Channels of the described device in a direction, 0 without any; nothing unless the reference is generic.
+    std::optional<uint32_t> channelCount(bool input) const;
     /// True for input, false for output, nothing for the device as a whole.
     std::optional<bool> isInput() const;
 

@@ -1,5 +1,7 @@
 #include "CXFourCharCode.h"
 #include "DXRDeviceControl.h"
+#include "DXRDeviceOverrides.h"
+#include "GlobalQueue.h"
 #include "SerialQueue.h"
 #include "SimulatedComputer.h"
 
@@ -240,7 +242,8 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
                                                              keys.push_back(key);
                                                      });
     DXRDeviceControl(*device).disconnect();
-    EXPECT_EQ(keys, (std::vector<std::string>{"displayName", "isConnected", "isDefault", "deviceID"}));
+    EXPECT_EQ(keys, (std::vector<std::string>{"displayName", "displayNameWithSource", "isConnected",
+                                              "isDefault", "deviceID"}));
     EXPECT_EQ(device->displayName(), "⚠️ USB Mic");
     EXPECT_EQ(device->volume(), 0.5);
     hal.reconfigure("mic", [](auto& mic) { mic.name("Unheard"); });
@@ -271,17 +274,123 @@ TEST_F(DXRDeviceTest, asksAgainForWhatCouldNotBeRead)
     EXPECT_FALSE(DXRDeviceControl(*device).refreshIfIncomplete());
 }
 
-TEST_F(DXRDeviceTest, obeysOverrides)
+TEST_F(DXRDeviceTest, obeysAndAnnouncesOverrides)
 {
-    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F));
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, true));
+    std::vector<std::string> heard;
+    const auto observations = device->kvo()->observe(
+        DXRKVOHelper::Keys{"volume", "isMuted"}, [&](const std::string& key, DXRKVOChange change) {
+            heard.push_back(key + (change == DXRKVOChange::Will ? " was " : " is ") +
+                            (key == "volume"     ? std::to_string(device->volume())
+                             : device->isMuted() ? "on"
+                                                 : "off"));
+        });
     device->setOverride(false, "hv");
-    device->setOverride(true, "hm");
     EXPECT_FALSE(device->hasVolume());
-    EXPECT_EQ(device->volume(), 1.0);
-    EXPECT_TRUE(device->hasMute());
+    EXPECT_EQ(std::exchange(heard, {}),
+              (std::vector<std::string>{"volume was 0.500000", "volume is 1.000000"}));
+    // Set by another application, or another object of this one.
+    DXRDeviceOverrides::initWithDeviceReference(device->reference())->setObject(false, "hm");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (heard.empty() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        settleHardware();
+    }
+    EXPECT_EQ(heard, (std::vector<std::string>{"isMuted was on", "isMuted is off"}));
+    EXPECT_FALSE(device->hasMute());
     device->setOverride(nullptr, "hv");
     EXPECT_EQ(device->overrideForKey("hv"), nullptr);
     EXPECT_EQ(device->volume(), 0.5);
+}
+
+/// A driver of many steps: what it costs in reads of the hardware and calls of the keeper.
+TEST_F(DXRDeviceTest, isNotAskedAboutItsOwnVolume)
+{
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.0F));
+    settleHardware();
+    keeper->updatesSinceLast();
+    uint64_t reads = 0;
+    std::function<void()> countOne = [&] {
+        ++reads;
+        hal.beforeRead(kAudioObjectPropertySelectorWildcard, 1, countOne);
+    };
+    hal.beforeRead(kAudioObjectPropertySelectorWildcard, 1, countOne);
+    for (int i = 1; i <= 100; ++i) {
+        EXPECT_TRUE(device->setVolume(i / 123.0)); // no float
+        settleHardware();
+        EXPECT_EQ(device->volume(), i / 123.0);
+    }
+    EXPECT_EQ(keeper->updatesSinceLast(), 0);
+    // The settled volume is the one that was written, and no news; another one is.
+    std::vector<double> seen;
+    const auto observation = device->kvo()->observe(
+        "volume", [&](const std::string&, DXRKVOChange) { seen.push_back(device->volume()); });
+    const auto settleVolume = [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        platform::GlobalQueue::highPriority().sync([] {});
+        settleHardware();
+    };
+    settleVolume();
+    EXPECT_TRUE(seen.empty());
+    EXPECT_EQ(keeper->updatesSinceLast(), 0);
+    RecordProperty("reads", std::to_string(reads));
+    std::printf("a slider of 100 steps: %llu reads\n", static_cast<unsigned long long>(reads));
+    EXPECT_LT(reads, 100U);
+    EXPECT_TRUE(device->setVolume(0.5));
+    hal.reconfigure("box", [](auto& box) { box.volume(outputs, 0.25F); });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (device->volume() != 0.25 && std::chrono::steady_clock::now() < deadline)
+        settleVolume();
+    EXPECT_GT(keeper->updatesSinceLast(), 0);
+    hal.beforeRead(kAudioObjectPropertySelectorWildcard, 1, {});
+}
+
+TEST_F(DXRDeviceTest, isSilentUntilItIsMade)
+{
+    const AudioObjectID id = hal.plug(aDevice().uid("short").outputs(2));
+    const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithDeviceID(id, output);
+    hal.beforeRead(kAudioObjectPropertyManufacturer, 1, [&] { // when it listens, and has read nothing yet
+        hal.reconfigure("short", [](auto& it) { it.name("Changed"); });
+        settleHardware();
+        hal.unplug("short");
+        settleHardware();
+    });
+    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(id, reference, keeper), nullptr);
+    EXPECT_EQ(keeper->updatesSinceLast(), 0);
+}
+
+TEST_F(DXRDeviceTest, takesTheChannelsOfItsReferenceOverThoseOfItsArchive)
+{
+    const auto monitor = deviceFor(aDevice()
+                                       .uid("AppleGFXHDAEngineOutputDP:1:2:{1}")
+                                       .transport(kAudioDeviceTransportTypeDisplayPort)
+                                       .outputs(8));
+    ASSERT_TRUE(monitor->reference()->isGeneric());
+    CXPlist archive = monitor->archive();
+    archive["c"] = 2;
+    const auto device = DXRDeviceControl::initWithArchive(archive, keeper);
+    const DXRDeviceControl control(*device);
+    control.connect(monitor->deviceID(), monitor->reference());
+    EXPECT_EQ(device->channelCount(), 8U);
+    EXPECT_TRUE(control.confirmGenericChannelCounts());
+    hal.reconfigure(monitor->deviceUID(), [](auto& it) { it.noStreams(outputs).outputs(6); });
+    settleHardware();
+    EXPECT_EQ(device->channelCount(), 8U) << "another count is another device";
+    EXPECT_FALSE(control.confirmGenericChannelCounts());
+}
+
+TEST_F(DXRDeviceTest, takesNoRateThatIsNoNumber)
+{
+    const auto device =
+        deviceFor(aDevice().uid("box").outputs(2).sampleRates({48000, INFINITY}).sampleRate(NAN));
+    int announced = 0;
+    const auto observation = device->kvo()->observe("sampleRate", [&](auto&, auto) { ++announced; });
+    hal.reconfigure("box", [](auto& it) { it.name("New"); });
+    settleHardware();
+    EXPECT_EQ(announced, 0);
+    EXPECT_EQ(device->sampleRate(), 44100.0);
+    const auto restored = DXRDeviceControl::initWithArchive(CXPlist::parse(device->archive().dump()));
+    EXPECT_EQ(restored->availableSampleRates(), (std::vector<double>{48000}));
 }
 
 TEST_F(DXRDeviceTest, comesBackFromItsArchive)
