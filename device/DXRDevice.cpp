@@ -132,7 +132,8 @@ CXRef<DXRDevice> DXRDevice::_initWithArchive(const CXPlist& archive, const CXRef
 }
 
 DXRDevice::DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper)
-    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _mutex(DXRRecursiveMutex::init()),
+    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties(), &_isInKeepersUpdate)),
+      _mutex(DXRRecursiveMutex::init()),
       _overrides(DXRDeviceOverrides::initWithDeviceReference(reference,
                                                              [weak = CXWeak(*this)] {
                                                                  if (const CXRef<DXRDevice> self =
@@ -647,11 +648,21 @@ void DXRDevice::_refreshFromHardware()
     _tellKeeper();
 }
 
+CXRef<DXRDeviceKeeper> DXRDevice::_owner() const
+{
+    return _hasKeeper ? _keeper.lock() : DXRDeviceKeeper::shared();
+}
+
+bool DXRDevice::_isInKeepersUpdate(const CXObject& device)
+{
+    const CXRef<DXRDeviceKeeper> keeper = static_cast<const DXRDevice&>(device)._owner();
+    return keeper && keeper->updateQueue().isCurrent();
+}
+
 void DXRDevice::_tellKeeper()
 {
     if (!_isMade)
-        return; // whoever makes it reads the values after this
-    const CXRef<DXRDeviceKeeper> keeper = _hasKeeper ? _keeper.lock() : DXRDeviceKeeper::shared();
-    if (keeper)
+        return; // its maker reads the values after this
+    if (const CXRef<DXRDeviceKeeper> keeper = _owner())
         keeper->updateQueue().async([keeper, self = CXRef(this)] { keeper->deviceWasUpdated(self); });
 }

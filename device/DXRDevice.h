@@ -130,6 +130,8 @@ private:
     bool _hasOtherVolume();
     void _refreshFromHardware();
     void _tellKeeper();
+    CXRef<DXRDeviceKeeper> _owner() const;
+    static bool _isInKeepersUpdate(const CXObject& device);
 
     template <class Value, class Live>
     Value _value(const std::optional<Value>& published, const Live& live) const;

@@ -22,13 +22,15 @@ private:
 
 } // namespace
 
-CXRef<DXRKVOHelper> DXRKVOHelper::initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties)
+CXRef<DXRKVOHelper> DXRKVOHelper::initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties,
+                                                 IsChanging isChanging)
 {
-    return CXRef<DXRKVOHelper>::adopt(new DXRKVOHelper(object, properties));
+    return CXRef<DXRKVOHelper>::adopt(new DXRKVOHelper(object, properties, isChanging));
 }
 
-DXRKVOHelper::DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties)
-    : _obj(object), _properties(properties), _lock(DXRRecursiveMutex::init())
+DXRKVOHelper::DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties,
+                           IsChanging isChanging)
+    : _obj(object), _properties(properties), _isChanging(isChanging), _lock(DXRRecursiveMutex::init())
 {}
 
 DXRKVOHelper::Keys DXRKVOHelper::observableKeys() const
@@ -100,7 +102,7 @@ void DXRKVOHelper::_update(Pass pass)
 {
     if (pass.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
         return;
-    if (platform::MainQueue::shared().isCurrent())
+    if (!_isForMainQueue())
         return _run(pass);
     const bool isNew = _lock->execond([&] {
         if (std::ranges::find(_waiting, pass) != _waiting.end())
@@ -111,6 +113,14 @@ void DXRKVOHelper::_update(Pass pass)
     if (isNew)
         platform::MainQueue::shared().async(
             [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass); });
+}
+
+bool DXRKVOHelper::_isForMainQueue() const
+{
+    if (!platform::MainQueue::shared().isCurrent())
+        return true;
+    const CXRef<CXObject> object = _isChanging ? _obj.lock() : nullptr;
+    return object && _isChanging(*object);
 }
 
 void DXRKVOHelper::_runWaiting(const Pass& pass)

@@ -26,13 +26,18 @@ class DXR_EXPORT DXRKVOHelper final : public CXObject {
 public:
     using Keys = std::vector<std::string>;
 
-    /// `properties` is the table of the object's class, in the order of its keys; it outlives everything.
-    static CXRef<DXRKVOHelper> initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties);
+    /// Whether the calling thread is in the middle of a change of the object, and may hold its locks.
+    using IsChanging = bool (*)(const CXObject& object);
+
+    /// `properties` is the table of the object's class, in the order of its keys; it outlives everything. While
+    /// `isChanging`, the main thread announces later, as other threads do.
+    static CXRef<DXRKVOHelper> initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties,
+                                              IsChanging isChanging = nullptr);
 
     /// The keys that can be observed, in their order; none once the object is gone.
     Keys observableKeys() const;
 
-    /// Calls `block` around every change of the property from now on, while the answer is held. Null for a key that
+    /// Calls `block` around every change of the property from now on, while the result is held. Null for a key that
     /// the object does not publish.
     [[nodiscard]] CXRef<DXRKVOObservation> observe(const std::string& key, DXRKVOObservation::Block block);
     /// The same for several keys.
@@ -51,7 +56,7 @@ public:
     }
 
 private:
-    DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties);
+    DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties, IsChanging isChanging);
     ~DXRKVOHelper() override = default;
 
     using Registration = DXRKVOObservation::Registration;
@@ -60,6 +65,7 @@ private:
 
     std::optional<uint8_t> _placeOf(std::string_view key) const;
     void _update(Pass pass);
+    bool _isForMainQueue() const;
     void _runWaiting(const Pass& pass);
     void _run(const Pass& first);
     void _announce(const DXRKVOProperty& property, DXRKVOChange change);
@@ -68,6 +74,7 @@ private:
 
     const CXWeak<CXObject> _obj;
     const std::span<const DXRKVOProperty> _properties;
+    const IsChanging _isChanging; // may be null
     // The thread in a will-change announcement, and the one in a pass; 0: none. Everyone asks only whether it is
     // themselves, and nobody else stores that: no order is needed, and no lock.
     std::atomic<pthread_t> _updating{0};

@@ -149,9 +149,9 @@ std::vector<uint32_t> DXRAudioAggregateContext::_channelMapForNode(const CXRef<D
     const bool isInput = node->isInput();
     const auto channelsOf = [isInput](const CXPlist& subdevice, const CXPlist& uid) {
         const CXRef<DXRDevice> device =
-            uid.is_string()
-                ? DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uid.get<std::string>(), isInput)
-                : nullptr;
+            uid.is_string() ? DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(
+                                  uid.get<std::string>(), isInput, DXRDeviceManager::HiddenDevices::Leave)
+                            : nullptr;
         return device ? device->channelCount()
                       : static_cast<uint32_t>(safeIntegerForKey(subdevice, aggregateChannelsKey(isInput)));
     };
