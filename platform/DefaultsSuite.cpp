@@ -77,7 +77,7 @@ void DefaultsSuite::_loadFirst()
                 _snapshot = DefaultsSnapshot::initWithRows({});
         } else if (!_isRead) {
             _database.setMaximumWait(shortPatience);
-            if (!_read() && !_database.wasLocked())
+            if (!_read() && _isUnreadable)
                 _complain();
         }
     }
@@ -113,13 +113,13 @@ DefaultsSuite::Again DefaultsSuite::announceChanges(Retry retry)
     {
         const std::lock_guard store(_storeMutex);
         _database.setMaximumWait(shortPatience);
-        const bool isRead = _read();
-        const bool isLocked = !isRead && _database.wasLocked();
+        // Opening a file that cannot be read is a change itself, and would follow from the one before forever.
+        const bool isRead = (retry == Retry::Yes || !_isUnreadable) && _read();
         if (retry == Retry::Yes)
             _storePending();
-        if (isLocked)
+        if (!isRead && !_isUnreadable)
             again = Again::Soon;
-        else if ((!isRead || !_pending.empty()) && _database.mayRecover())
+        else if ((_isUnreadable || !_pending.empty()) && _database.mayRecover())
             again = Again::Later;
     }
     for (const CXBlock<void()>& changed : _observersOfChanges())
@@ -152,13 +152,16 @@ bool DefaultsSuite::_read()
             _pending.insert(_pending.begin(), [known](const DefaultsSnapshot&) { return known; });
         }
         const DefaultsDatabase::Reading reading = _database.read(_stored);
-        if (reading == DefaultsDatabase::Reading::Unchanged)
+        if (reading == DefaultsDatabase::Reading::Unchanged) {
+            _isUnreadable = false;
             return true;
+        }
         isRead = reading == DefaultsDatabase::Reading::Done;
         if (!isRead && _database.isOpen())
             break; // a second try is for a file that was damaged, and has been closed
     }
     _isRead = _isRead || isRead;
+    _isUnreadable = !isRead && !_database.wasLocked();
     _publish();
     return isRead;
 }

@@ -76,6 +76,7 @@ private:
     DefaultsChanges _unsaved;   // what they came to, over _stored
     bool _isFailing = false;    // logged
     bool _isRead = false;       // the store could be read at least once
+    bool _isUnreadable = false; // the last reading failed, and not for a lock
 
     // Never held over work on the disk. Guards what the threads of this process see.
     std::mutex _mutex;

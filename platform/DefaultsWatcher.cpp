@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <thread>
 #include <unistd.h>
 
 namespace platform {
@@ -84,7 +85,7 @@ void DefaultsWatcher::_serve()
             isNeededLater |= again == DefaultsSuite::Again::Later;
         }
         if (isNeededSoon)
-            _wait(soonInterval);
+            std::this_thread::sleep_for(soonInterval); // opening the file in vain is an event, too
         else if (!hasEvents)
             _wait(intervalWithoutEvents);
         else if (isNeededLater)
