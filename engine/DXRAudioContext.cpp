@@ -342,11 +342,13 @@ bool DXRAudioContext::_startIO()
 
 std::vector<uint32_t> DXRAudioContext::_channelMapForNode(const CXRef<DXRDeviceNode>& node) const
 {
+    if (!_viables.contains(node)) // nothing is made for what is not there
+        return {};
     const uint32_t channelCount = node->device()->channelCount();
     std::vector<uint32_t> map;
     if (const auto layout = _layouts.nodes.find(node); layout != _layouts.nodes.end()) {
         map = channelMapBetween(layout->second, _layouts.context, node->isInput());
-    } else if (_viables.contains(node)) {
+    } else {
         for (uint32_t channel = 1; channel <= channelCount; ++channel)
             map.push_back(channel);
     }
