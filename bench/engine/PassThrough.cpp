@@ -2,7 +2,7 @@
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
-#include "PipeWireBackend.h"
+#include "PipeWireDriver.h"
 #include "PrivateProcess.h"
 
 #include <RtAudio.h>
@@ -68,7 +68,8 @@ class EnginePassThrough final : public MeteredPassThrough {
 public:
     explicit EnginePassThrough(const Passage& passage) : _heard(passage.frameCount)
     {
-        static const bool isChosen = HALSetBackend(PipeWireBackend::initWithRemote(passage.server.remote()));
+        static const bool isChosen =
+            HALSetHardwareDriver(PipeWireDriver::initWithRemote(passage.server.remote()));
         if (!isChosen)
             throw std::runtime_error("another backend was there first");
         _runner = DXRDeviceRunner::init();

@@ -3,7 +3,7 @@
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
-#include "DrivenBackend.h"
+#include "DrivenHardware.h"
 
 #include <gtest/gtest.h>
 
@@ -14,11 +14,11 @@ namespace {
 
 constexpr uint32_t frames = 64;
 
-DrivenBackend& backend()
+DrivenHardware& backend()
 {
-    static const CXRef<DrivenBackend> driven = [] {
-        CXRef<DrivenBackend> made = DrivenBackend::init();
-        HALSetBackend(made);
+    static const CXRef<DrivenHardware> driven = [] {
+        CXRef<DrivenHardware> made = DrivenHardware::init();
+        HALSetHardwareDriver(made);
         return made;
     }();
     return *driven;
@@ -71,20 +71,20 @@ protected:
     }
     void plug()
     {
-        backend().hardware->plug(aDevice().uid("duplex").inputs(2).outputs(2).bufferFrameSize(frames));
+        backend().plug(aDevice().uid("duplex").inputs(2).outputs(2).bufferFrameSize(frames));
         settle();
     }
     void unplug()
     {
-        backend().hardware->unplug("duplex");
+        backend().unplug("duplex");
         settle();
     }
     void settle()
     {
-        backend().hardware->settle();
+        backend().settle();
         DXRDeviceManager::sharedDeviceManager();
         DXRDeviceManager::queue().sync([] {});
-        backend().hardware->settle();
+        backend().settle();
         runner->queue()->dispatchSync([] {});
     }
 
@@ -105,7 +105,7 @@ TEST_F(DXRAudioContextTest, skipsCyclesThatSayNothing)
     absent.run();
     EXPECT_EQ(calls, 0U);
     EXPECT_EQ(runner->sampleTime(), 0U);
-    EXPECT_EQ(backend().registrations, 1U);
+    EXPECT_EQ(backend().starts, 1U);
     Cycle(0).run();
     EXPECT_EQ(calls, 1U);
 }
@@ -131,7 +131,7 @@ TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
 
 TEST_F(DXRAudioContextTest, restartsForANewLayoutAndLeavesTheOldCallbackDeaf)
 {
-    const uint32_t registrations = backend().registrations;
+    const uint32_t registrations = backend().starts;
     runner->start();
     Cycle(0).run();
     const AudioDeviceIOBlock old = backend().callback;
@@ -141,7 +141,7 @@ TEST_F(DXRAudioContextTest, restartsForANewLayoutAndLeavesTheOldCallbackDeaf)
     Cycle(128).run(old);
     EXPECT_EQ(calls, 1U);
     settle();
-    EXPECT_EQ(backend().registrations, registrations + 2);
+    EXPECT_EQ(backend().starts, registrations + 2);
     Cycle(192).run();
     EXPECT_EQ(calls, 2U);
     EXPECT_EQ(runner->sampleTime(), 2 * frames) << "time goes on";
@@ -193,13 +193,13 @@ TEST_F(DXRAudioContextTest, givesACycleUpRatherThanWaitInACircle)
 
 TEST_F(DXRAudioContextTest, staysIdleWhenTheDeviceWillNotStart)
 {
-    backend().hardware->failStarts(kAudioHardwareUnspecifiedError);
+    backend().startStatus = (kAudioHardwareUnspecifiedError);
     runner->start();
     EXPECT_TRUE(runner->isRunning());
     EXPECT_EQ(runner->frameCount(), 0U);
     Cycle(0).run();
     EXPECT_EQ(calls, 0U);
-    backend().hardware->failStarts(0);
+    backend().startStatus = (0);
     unplug();
     plug();
     EXPECT_EQ(runner->frameCount(), 512U) << "of the timer, which came first";

@@ -63,7 +63,7 @@ class EngineOnPipeWire : public testing::Test {
 protected:
     EngineOnPipeWire()
     {
-        HALSetBackend(PipeWireBackend::initWithRemote(server.remote()));
+        HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote()));
         plugDevices();
         runner = DXRDeviceRunner::init();
         runner->setFrameCount(128);

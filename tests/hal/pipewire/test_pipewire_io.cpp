@@ -42,7 +42,7 @@ size_t breaksOf(const std::vector<float>& ramp)
 /// Counts the lost cycles that the device reports.
 class OverloadCounter {
 public:
-    OverloadCounter(HALBackend& hal, AudioObjectID device)
+    OverloadCounter(HALModel& hal, AudioObjectID device)
         : _hal(hal), _device(device), _listener{nullptr, nullptr,
                                                 [this](uint32_t count, const AudioObjectPropertyAddress*) {
                                                     _count += count;
@@ -57,7 +57,7 @@ public:
     size_t count() const noexcept { return _count; }
 
 private:
-    HALBackend& _hal;
+    HALModel& _hal;
     const AudioObjectID _device;
     std::atomic<size_t> _count{0};
     const HALListener _listener;
@@ -68,7 +68,7 @@ TEST(PipeWireIO, playsARampThatComesBackExactlyFromTheMonitor)
     PrivateServer server;
     VirtualDevices devices(server.remote());
     devices.plug({.name = "sink"});
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     const AudioObjectID device = waitForDevice(*hal, "sink");
     const uint32_t node = devices.client().nodeID("sink");
     for (const double rate : {44100.0, 48000.0, 96000.0}) {
@@ -100,7 +100,7 @@ TEST(PipeWireIO, carriesFromASourceOfOneClockAndToASinkOfAnother)
     PrivateServer server;
     DriftingDevice source(server.remote(), "fast", DriftingDevice::Direction::Source, 1000.0);
     DriftingDevice sink(server.remote(), "slow", DriftingDevice::Direction::Sink, -500.0);
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     const AudioObjectID in = waitForDevice(*hal, "fast");
     const AudioObjectID out = waitForDevice(*hal, "slow");
     std::atomic<uint64_t> heard{0};
@@ -135,7 +135,7 @@ TEST(PipeWireIO, followsWhatAnotherClientMakesOfTheGraph)
     PrivateServer server;
     VirtualDevices devices(server.remote());
     devices.plug({.name = "sink"});
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     const AudioObjectID device = waitForDevice(*hal, "sink");
     std::atomic<uint32_t> frames{0};
     std::atomic<double> rateOnIOThread{0.0};
