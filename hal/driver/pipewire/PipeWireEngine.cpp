@@ -6,8 +6,6 @@
 namespace {
 
 constexpr std::chrono::seconds maxWaitForEnumeration{2};
-// A process that has no more threads has none for the loop either; then nothing was ever reported.
-constexpr std::chrono::seconds maxWaitForEnd{10};
 
 } // namespace
 
@@ -41,14 +39,14 @@ void PipeWireEngine::_beginWhenReady()
 void PipeWireEngine::stop()
 {
     const Reply reply = PipeWireReply::make();
-    _loop.post([this, reply] {
+    const bool hasThread = _loop.post([this, reply] {
         _hardware.reset();
         _drivers.clear();
         _sink = nullptr;
         reply->finish(kAudioHardwareNoError);
     });
-    if (!_loop.isCurrent())
-        reply->wait(std::chrono::steady_clock::now() + maxWaitForEnd);
+    if (hasThread && !_loop.isCurrent()) // without a thread nothing was ever reported
+        reply->wait(HALDeadline::max());
 }
 
 HALStatus PipeWireEngine::carryOut(const Work& work, HALDeadline deadline)

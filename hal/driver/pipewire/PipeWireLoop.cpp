@@ -41,7 +41,7 @@ void PipeWireLoop::_startThread()
     }
 }
 
-void PipeWireLoop::post(Work work)
+bool PipeWireLoop::post(Work work)
 {
     const std::scoped_lock lock(_mutex);
     _posted.push_back(std::move(work));
@@ -51,6 +51,7 @@ void PipeWireLoop::post(Work work)
         pw_loop_signal_event(_loop, _wake); // one descriptor write, which any thread may do
     else
         _hasPosted.notify_one();
+    return _hasThread;
 }
 
 void PipeWireLoop::_run()

@@ -34,8 +34,8 @@ public:
     PipeWireLoop(const PipeWireLoop&) = delete;
     PipeWireLoop& operator=(const PipeWireLoop&) = delete;
 
-    /// Runs `work` on the loop's thread soon, in the order it was posted.
-    void post(Work work);
+    /// Runs `work` on the loop's thread soon, in the order it was posted. False when there is no thread yet.
+    bool post(Work work);
     bool isCurrent() const noexcept { return _threadID.load() == std::this_thread::get_id(); }
     /// For what is added to the loop on its own thread. Null before `started` is called, never afterwards.
     pw_loop* get() const noexcept { return _loop; }

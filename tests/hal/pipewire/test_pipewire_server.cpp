@@ -296,6 +296,9 @@ TEST(PipeWireServer, runsFortyDevicesWithAThousandDescriptors)
 // more.
 TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the undefined-behaviour sanitizer needs descriptors to look at virtual tables";
+#endif
     PrivateServer server;
     EXPECT_TRUE(runInChild([&] {
         int logged = 0;
