@@ -48,7 +48,9 @@ CXRef<DXRRecursiveMutex> DXRRecursiveMutex::init()
 
 void DXRMutex::lock()
 {
-    pthread_mutex_lock(&_mutex);
+    if (pthread_mutex_lock(&_mutex) != 0) // an error-checking one that this thread holds
+        _CXFailedAssertion("-[DXRMutex lock]", "pthread_mutex_lock(&_mutex) == 0", "DXRSynchronization",
+                           __LINE__);
     ++_count;
 }
 

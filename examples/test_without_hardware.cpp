@@ -18,8 +18,8 @@ void expect(bool isTrue, const char* what)
 
 int main()
 {
-    const CXRef<SimulatedBackend> computer = SimulatedBackend::init(SimulatedClock::Stepped);
-    HALSetBackend(computer);
+    const CXRef<SimulatedHardware> computer = SimulatedHardware::init(SimulatedClock::Stepped);
+    HALSetHardwareDriver(computer);
 
     const AudioObjectID speakers = computer->plug(aDevice().uid("speakers").name("Speakers").outputs(2));
     const AudioObjectID cable = computer->plug(aDevice().uid("cable").inputs(2).outputs(2).loopsBack());

@@ -13,9 +13,9 @@ namespace {
 /// A manager of no devices but those of the last few inputs: it forgets none.
 DXRDeviceManager& manager()
 {
-    static const CXRef<SimulatedBackend> hal = [] {
-        CXRef<SimulatedBackend> made = SimulatedBackend::init(SimulatedClock::Stepped);
-        HALSetBackend(made);
+    static const CXRef<SimulatedHardware> hal = [] {
+        CXRef<SimulatedHardware> made = SimulatedHardware::init(SimulatedClock::Stepped);
+        HALSetHardwareDriver(made);
         return made;
     }();
     static CXRef<DXRDeviceManager> current;

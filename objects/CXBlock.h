@@ -8,8 +8,20 @@
 
 template <class Signature> class CXBlock;
 
+/// Whether `callable` is of a kind that can be empty, and is.
+template <class Callable> constexpr bool CXIsEmptyCallable(const Callable& callable) noexcept
+{
+    if constexpr (std::is_pointer_v<Callable> || std::is_member_pointer_v<Callable>)
+        return callable == nullptr;
+    else if constexpr (std::is_class_v<Callable> && std::is_constructible_v<bool, const Callable&>)
+        return !static_cast<bool>(callable);
+    else
+        return false;
+}
+
 /// A counted callable with identity: copies share it and `==` compares it, so that what was registered can be
-/// found again. An empty block is false and must not be called.
+/// found again. An empty block is false and must not be called; so is one that is made of an empty callable (a null
+/// function pointer, an empty std::function).
 /// Threads:   copies from any thread; whether the callable may run on several is its own matter.
 /// Real time: calling and copying; making one allocates.
 template <class Result, class... Arguments> class CXBlock<Result(Arguments...)> {
@@ -20,9 +32,11 @@ public:
     requires(!std::same_as<std::remove_cvref_t<Callable>, CXBlock> &&
              std::is_invocable_r_v<Result, std::remove_cvref_t<Callable>&, Arguments...>)
         CXBlock(Callable&& callable)
-        : _body(
-              CXRef<Body>::adopt(new Bound<std::remove_cvref_t<Callable>>(std::forward<Callable>(callable))))
-    {}
+    {
+        if (!CXIsEmptyCallable(callable))
+            _body = CXRef<Body>::adopt(
+                new Bound<std::remove_cvref_t<Callable>>(std::forward<Callable>(callable)));
+    }
 
     Result operator()(Arguments... arguments) const
     {

@@ -20,11 +20,8 @@ public:
              std::is_invocable_r_v<Result, Callable&, Arguments...>) CXBlockRef(Callable&& callable)
     noexcept // NOLINT: borrows, whatever it is given
     {
-        if constexpr (std::is_constructible_v<bool, Callable&> &&
-                      std::is_class_v<std::remove_cvref_t<Callable>>) {
-            if (!static_cast<bool>(callable))
-                return;
-        }
+        if (CXIsEmptyCallable(callable))
+            return;
         _callable = const_cast<void*>(static_cast<const void*>(std::addressof(callable)));
         _invoke = [](void* body, Arguments... arguments) -> Result {
             return static_cast<Result>((*static_cast<std::remove_reference_t<Callable>*>(body))(

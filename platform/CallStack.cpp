@@ -1,6 +1,5 @@
 #include "CallStack.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -27,7 +26,8 @@ std::string demangled(const char* name)
 std::string frameText(size_t number, void* address)
 {
     Dl_info info{};
-    const bool known = dladdr(address, &info) != 0;
+    // The call is before the address that it returns to, which may belong to the next function when it never returns.
+    const bool known = dladdr(static_cast<const char*>(address) - 1, &info) != 0;
     const char* module = known && info.dli_fname ? info.dli_fname : "?";
     if (const char* slash = std::strrchr(module, '/'))
         module = slash + 1;
@@ -41,15 +41,13 @@ std::string frameText(size_t number, void* address)
 
 } // namespace
 
-std::vector<std::string> CallStack::symbols(size_t skip)
+std::vector<std::string> CallStack::symbols()
 {
     std::array<void*, 256> addresses{};
     const auto count = static_cast<size_t>(backtrace(addresses.data(), static_cast<int>(addresses.size())));
-    const size_t first = std::min(skip + 1, count);
     std::vector<std::string> frames;
-    frames.reserve(count - first);
-    for (size_t i = first; i < count; ++i)
-        frames.push_back(frameText(i - first, addresses[i]));
+    for (size_t i = 1; i < count; ++i) // without this function
+        frames.push_back(frameText(i - 1, addresses[i]));
     return frames;
 }
 

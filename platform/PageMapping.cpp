@@ -6,6 +6,12 @@
 
 namespace platform {
 
+namespace {
+
+constexpr size_t pageSize = 4096;
+
+} // namespace
+
 PageMapping::Result PageMapping::map(size_t byteSize, Touch touch) noexcept
 {
     const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (touch == Touch::Now ? MAP_POPULATE : MAP_NORESERVE);
@@ -15,31 +21,39 @@ PageMapping::Result PageMapping::map(size_t byteSize, Touch touch) noexcept
     return {static_cast<std::byte*>(address), 0};
 }
 
-PageMapping::Result PageMapping::moveToAlignment(std::byte* address, size_t alignment) noexcept
+PageMapping::Result PageMapping::mapAligned(size_t byteSize, size_t alignment) noexcept
 {
-    // Room for one aligned stretch wherever the system puts it; what lies around that stretch goes back.
-    const size_t roomSize = 2 * alignment;
-    void* const room = mmap(nullptr, roomSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (room == MAP_FAILED) {
-        const int error = errno;
-        munmap(address, alignment);
-        return {nullptr, error};
-    }
-    auto* const start = static_cast<std::byte*>(room);
-    const size_t before = (alignment - reinterpret_cast<uintptr_t>(start) % alignment) % alignment;
-    std::byte* const aligned = start + before;
-    const void* const moved =
-        mremap(address, alignment, alignment, MREMAP_MAYMOVE | MREMAP_FIXED, static_cast<void*>(aligned));
-    const int error = moved == MAP_FAILED ? errno : 0;
-    if (error != 0) {
-        munmap(address, alignment);
-        munmap(start, roomSize);
-        return {nullptr, error};
-    }
-    if (before > 0)
-        munmap(start, before);
-    munmap(aligned + alignment, roomSize - before - alignment);
+    // Longer by what may lie before the first aligned address. What is left over goes back, and the next mapping fills the
+    // hole: to the kernel they are one mapping then.
+    const size_t roomSize = byteSize + alignment - pageSize;
+    const Result room = map(roomSize, Touch::Later);
+    if (!room.address)
+        return room;
+    const size_t before = (alignment - reinterpret_cast<uintptr_t>(room.address) % alignment) % alignment;
+    std::byte* const aligned = room.address + before;
+    unmap(room.address, before);
+    unmap(aligned + byteSize, roomSize - before - byteSize);
+    madvise(aligned, byteSize, MADV_NOHUGEPAGE); // refused by a kernel that has none, and that is fine
     return {aligned, 0};
+}
+
+bool PageMapping::makePresent(std::byte* address, size_t byteSize) noexcept
+{
+    if (madvise(address, byteSize, MADV_POPULATE_WRITE) == 0)
+        return true;
+    if (errno != EINVAL)
+        return false;
+    for (size_t offset = 0; offset < byteSize; offset += pageSize) { // before Linux 5.14
+        volatile std::byte& byte = address[offset];
+        byte = byte;
+    }
+    return true;
+}
+
+void PageMapping::unmap(std::byte* address, size_t byteSize) noexcept
+{
+    if (byteSize > 0)
+        munmap(address, byteSize);
 }
 
 } // namespace platform

@@ -31,17 +31,17 @@ public:
     enum class SendResult {
         Sent,
         Full,  ///< as many wait as the limit allows; nothing was sent
-        Closed ///< nobody will ever receive
+        Closed ///< the receiving end is gone
     };
     /// Appends a copy of `message`. Never waits for room.
     SendResult send(std::span<const std::byte> message);
     /// Drops what waits and refuses what comes: the receiving end is gone.
     void close();
 
-    /// Whatever the receiving end has attached, kept alive here; an empty reference at first.
+    /// What the receiving end has attached, kept alive here; an empty reference at first.
     CXRef<CXObject> context() const;
     void setContext(CXRef<CXObject> context);
-    /// For whoever took a message out: it has been dealt with.
+    /// The receiver is done with the message that it took.
     void messageHandled();
 
 private:

@@ -13,25 +13,47 @@ CXRef<PortSet> PortSet::init()
 
 PortSet::Event PortSet::waitForEvent(uint64_t deadlineTicks)
 {
-    Event event{Event::Kind::Timeout, nullptr, {}};
     do {
         for (int turn = 0; turn < 2; ++turn) {
             const bool isSignals = std::exchange(_isSignalsTurn, !_isSignalsTurn);
-            if (isSignals && _takeSignal()) {
-                event.kind = Event::Kind::Signal;
-                return event;
-            }
-            if (!isSignals && _takeMessage(event))
-                return event;
+            if (isSignals && _takeSignal())
+                return Event::Signal;
+            if (!isSignals && (_word.load(std::memory_order_relaxed) & hasMessages) != 0)
+                return Event::Message;
         }
     } while (_sleepUntil(signalled | hasMessages, deadlineTicks));
-    return event;
+    return Event::Timeout;
 }
 
 void PortSet::waitForSignal() noexcept
 {
     while (!_takeSignal())
         _sleepUntil(signalled, Futex::noDeadline);
+}
+
+std::optional<PortSet::Received> PortSet::takeMessage()
+{
+    while ((_word.load(std::memory_order_relaxed) & hasMessages) != 0) {
+        CXRef<Port> port;
+        {
+            const std::scoped_lock lock(_mutex);
+            if (_ready.empty()) {
+                _word.fetch_and(~hasMessages);
+                return std::nullopt;
+            }
+            port = std::move(_ready.front());
+            _ready.pop_front();
+            if (_ready.empty())
+                _word.fetch_and(~hasMessages);
+        }
+        bool hasMore = false;
+        std::optional<Port::Message> message = port->_take(*this, hasMore);
+        if (hasMore)
+            _list(*port);
+        if (message)
+            return Received{std::move(port), std::move(*message)};
+    }
+    return std::nullopt;
 }
 
 bool PortSet::signal() noexcept
@@ -86,31 +108,6 @@ bool PortSet::_takeSignal() noexcept
            (_word.fetch_and(~signalled) & signalled) != 0;
 }
 
-bool PortSet::_takeMessage(Event& event)
-{
-    while ((_word.load(std::memory_order_relaxed) & hasMessages) != 0) {
-        CXRef<Port> port;
-        {
-            const std::scoped_lock lock(_mutex);
-            if (_ready.empty()) {
-                _word.fetch_and(~hasMessages);
-                return false;
-            }
-            port = std::move(_ready.front());
-            _ready.pop_front();
-        }
-        bool hasMore = false;
-        std::optional<Port::Message> message = port->_take(*this, hasMore);
-        if (hasMore)
-            _list(*port);
-        if (message) {
-            event = {Event::Kind::Message, std::move(port), std::move(*message)};
-            return true;
-        }
-    }
-    return false;
-}
-
 void PortSet::_raise(uint32_t bit) noexcept
 {
     const uint32_t before = _word.fetch_or(bit);
@@ -123,9 +120,10 @@ bool PortSet::_sleepUntil(uint32_t bits, uint64_t deadlineTicks) noexcept
     // Near a deadline even the watching would make the thread late.
     constexpr uint64_t nearTicks = 50'000;
     const auto isUp = [&] { return (_word.load(std::memory_order_acquire) & bits) != 0; };
-    const bool isNear =
-        deadlineTicks != Futex::noDeadline && HostClock::nowTicks() + nearTicks > deadlineTicks;
-    if (!isNear && _spin.watch(isUp))
+    const uint64_t now = deadlineTicks == Futex::noDeadline ? 0 : HostClock::nowTicks();
+    if (deadlineTicks <= now)
+        return isUp();
+    if (now + nearTicks <= deadlineTicks && _spin.watch(isUp))
         return true;
     uint32_t word = _word.load();
     bool isInTime = true;

@@ -7,31 +7,39 @@
 #include <atomic>
 #include <deque>
 #include <mutex>
+#include <optional>
 
 namespace platform {
 
 /// What one thread waits for: messages on any of its ports, its own signal, and a deadline.
 /// The signal is a port of its own that holds one empty message: raising it again before it is taken does
 /// nothing, so repeated wake-ups cost nothing.
-/// Threads:   waitForEvent(), waitForSignal() and close() on one thread; everything else on any.
+/// Threads:   waitForEvent(), takeMessage(), waitForSignal() and close() on one thread; everything else on any.
 /// Real time: signal().
 class DXR_EXPORT PortSet final : public CXObject {
 public:
     static CXRef<PortSet> init();
 
-    struct Event {
-        enum class Kind { Signal, Message, Timeout } kind;
-        CXRef<Port> port;      ///< of a message
-        Port::Message message; ///< of a message
+    enum class Event {
+        Signal,  ///< it has been taken
+        Message, ///< takeMessage() may have one
+        Timeout
     };
-    /// Waits until there is something or the host clock reads `deadlineTicks`. Signal and messages take turns
-    /// when both are there; ports with messages take turns among themselves.
+    /// Waits for the signal or a message until the host clock reads `deadlineTicks`; with a deadline that has passed, only
+    /// looks. Signal and messages take turns when both are there.
     Event waitForEvent(uint64_t deadlineTicks = Futex::noDeadline);
+    struct Received {
+        CXRef<Port> port;
+        Port::Message message;
+    };
+    /// The next message; nothing when none is left. Ports with messages take turns. The caller calls the port's
+    /// messageHandled() afterwards.
+    std::optional<Received> takeMessage();
     /// Waits for the signal and takes it; messages stay where they are.
     void waitForSignal() noexcept;
-    /// Raises the signal. False when the set is closed: nobody will see it.
+    /// Raises the signal. False when the set is closed.
     bool signal() noexcept CX_REALTIME;
-    /// Refuses signals from now on, forgets its ports' messages. Whether a signal had come that nobody took.
+    /// Refuses signals from now on, forgets its ports' messages. Whether a signal was pending.
     bool close();
 
     /// `port` leaves the set it belongs to, if any, and enters this one.
@@ -48,12 +56,11 @@ private:
     /// `port` has a message.
     void _list(Port& port);
     bool _takeSignal() noexcept;
-    bool _takeMessage(Event& event);
     void _raise(uint32_t bit) noexcept;
     /// Waits until one of `bits` is up; false at the deadline.
     bool _sleepUntil(uint32_t bits, uint64_t deadlineTicks) noexcept;
 
-    // The word that the thread sleeps on. Whoever has something to say raises a bit and, if the word says
+    // The word that the thread sleeps on. A sender raises a bit and, if the word says
     // that the thread sleeps and the bit is news, wakes it. The thread says that it sleeps by an exchange
     // from "none of my bits", so that a bit raised before is seen and one raised after changes the word under
     // the sleeper. One order for all of it, which is what makes closed against signalled a decision:

@@ -3,6 +3,7 @@
 #include "HostClock.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <sched.h>
@@ -19,7 +20,7 @@ constexpr int fifoPriority = 80;
 
 constexpr const char* serviceName = "org.freedesktop.RealtimeKit1";
 constexpr const char* objectPath = "/org/freedesktop/RealtimeKit1";
-constexpr uint64_t answerMicroseconds = 1'000'000;
+constexpr uint64_t replyMicroseconds = 1'000'000;
 
 struct CloseBus {
     void operator()(sd_bus* bus) const noexcept
@@ -37,17 +38,35 @@ bool becomeFifo()
     return sched_setscheduler(0, SCHED_FIFO | SCHED_RESET_ON_FORK, &parameters) == 0;
 }
 
-/// RealtimeKit serves only processes that let the kernel end a runaway real-time thread.
-bool limitRealtimeTime(int64_t microseconds)
-{
-    rlimit limit{};
-    if (getrlimit(RLIMIT_RTTIME, &limit) != 0)
-        return false;
-    const auto wanted = static_cast<rlim_t>(microseconds);
-    limit.rlim_cur = std::min(limit.rlim_cur, wanted);
-    limit.rlim_max = std::min(limit.rlim_max, wanted);
-    return setrlimit(RLIMIT_RTTIME, &limit) == 0;
-}
+/// The process's limit for real-time threads that never sleep. RealtimeKit serves only processes that let the kernel end
+/// such a thread. Put back at the end, unless it is kept; without privileges the kernel refuses to raise the hard limit
+/// again, so that nothing is lowered for a request that is known to fail.
+class LoweredRuntimeLimit {
+public:
+    explicit LoweredRuntimeLimit(int64_t microseconds)
+    {
+        if (getrlimit(RLIMIT_RTTIME, &_before) != 0)
+            return;
+        const auto wanted = static_cast<rlim_t>(microseconds);
+        const rlimit lowered{std::min(_before.rlim_cur, wanted), std::min(_before.rlim_max, wanted)};
+        _isLowered = setrlimit(RLIMIT_RTTIME, &lowered) == 0;
+    }
+    ~LoweredRuntimeLimit()
+    {
+        if (_isLowered && !_isKept)
+            setrlimit(RLIMIT_RTTIME, &_before);
+    }
+    LoweredRuntimeLimit(const LoweredRuntimeLimit&) = delete;
+    LoweredRuntimeLimit& operator=(const LoweredRuntimeLimit&) = delete;
+
+    bool isLowered() const noexcept { return _isLowered; }
+    void keep() noexcept { _isKept = true; }
+
+private:
+    rlimit _before{};
+    bool _isLowered = false;
+    bool _isKept = false;
+};
 
 uint64_t nowMicroseconds()
 {
@@ -77,33 +96,56 @@ Bus openSystemBus(uint64_t deadlineMicroseconds)
     return sd_bus_is_ready(bus.get()) > 0 ? std::move(bus) : nullptr;
 }
 
-bool askRealtimeKit()
+/// What RealtimeKit replied.
+struct Reply {
+    int error;      ///< an errno value; 0 when it did what was asked
+    bool isRefusal; ///< it may not, rather than cannot, do it
+};
+
+Reply askFor(uint32_t priority, sd_bus* bus)
 {
-    const Bus bus = openSystemBus(nowMicroseconds() + answerMicroseconds);
+    sd_bus_error error{};
+    const int result = sd_bus_call_method(bus, serviceName, objectPath, serviceName, "MakeThreadRealtime",
+                                          &error, nullptr, "tu", static_cast<uint64_t>(gettid()), priority);
+    const bool isRefusal = sd_bus_error_has_name(&error, SD_BUS_ERROR_FAILED) == 0;
+    sd_bus_error_free(&error);
+    return {std::max(0, -result), result < 0 && isRefusal};
+}
+
+/// `kernelError` is the outcome's where there is no RealtimeKit.
+RealtimeOutcome askRealtimeKit(int kernelError)
+{
+    const Bus bus = openSystemBus(nowMicroseconds() + replyMicroseconds);
     if (!bus)
-        return false;
-    sd_bus_set_method_call_timeout(bus.get(), answerMicroseconds);
-    int64_t longestMicroseconds = 0;
-    int32_t highestPriority = 0;
+        return {RealtimeGrant::None, kernelError};
+    sd_bus_set_method_call_timeout(bus.get(), replyMicroseconds);
+    int64_t maxMicroseconds = 0;
+    int32_t maxPriority = 0;
     if (sd_bus_get_property_trivial(bus.get(), serviceName, objectPath, serviceName, "RTTimeUSecMax", nullptr,
-                                    'x', &longestMicroseconds) < 0 ||
+                                    'x', &maxMicroseconds) < 0 ||
         sd_bus_get_property_trivial(bus.get(), serviceName, objectPath, serviceName, "MaxRealtimePriority",
-                                    nullptr, 'i', &highestPriority) < 0)
-        return false;
-    if (highestPriority < 1 || !limitRealtimeTime(longestMicroseconds))
-        return false;
-    const auto priority = static_cast<uint32_t>(std::min(highestPriority, fifoPriority));
-    return sd_bus_call_method(bus.get(), serviceName, objectPath, serviceName, "MakeThreadRealtime", nullptr,
-                              nullptr, "tu", static_cast<uint64_t>(gettid()), priority) >= 0;
+                                    nullptr, 'i', &maxPriority) < 0 ||
+        maxPriority < 1)
+        return {RealtimeGrant::None, kernelError};
+    // First for a priority that there is not: whether this user may have one is decided before the priority is looked at.
+    constexpr uint32_t noPriority = 0;
+    if (const Reply reply = askFor(noPriority, bus.get()); reply.isRefusal)
+        return {RealtimeGrant::None, reply.error};
+    LoweredRuntimeLimit limit(maxMicroseconds);
+    if (!limit.isLowered())
+        return {RealtimeGrant::None, errno};
+    const Reply reply = askFor(static_cast<uint32_t>(std::min(maxPriority, fifoPriority)), bus.get());
+    if (reply.error != 0)
+        return {RealtimeGrant::None, reply.error};
+    limit.keep();
+    return {RealtimeGrant::RealtimeKit, 0};
 }
 
 } // namespace
 
-RealtimeOutcome makeCurrentThreadRealtime(const RealtimePolicy& /*policy*/)
+RealtimeOutcome makeCurrentThreadRealtime()
 {
-    if (becomeFifo())
-        return RealtimeOutcome::Fifo;
-    return askRealtimeKit() ? RealtimeOutcome::RealtimeKit : RealtimeOutcome::Refused;
+    return becomeFifo() ? RealtimeOutcome{RealtimeGrant::Fifo, 0} : askRealtimeKit(errno);
 }
 
 } // namespace platform

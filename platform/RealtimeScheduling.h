@@ -1,25 +1,21 @@
 #pragma once
 
-#include <cstdint>
-
 namespace platform {
 
-/// How an IO thread wants to be scheduled. Computation, within constraint of the start of each period.
-struct RealtimePolicy {
-    uint64_t periodNanoseconds = 1'000'000;
-    uint64_t computationNanoseconds = 100'000;
-    uint64_t constraintNanoseconds = 1'000'000;
+enum class RealtimeGrant {
+    None,
+    Fifo,       ///< SCHED_FIFO, from the kernel
+    RealtimeKit ///< SCHED_RR, from RealtimeKit on the system bus
 };
 
-enum class RealtimeOutcome {
-    Fifo,        ///< SCHED_FIFO, granted by the kernel
-    RealtimeKit, ///< SCHED_RR, granted by RealtimeKit on the system bus
-    Refused,     ///< neither; the thread runs as before
+struct RealtimeOutcome {
+    RealtimeGrant grant;
+    int error; ///< an errno value; 0 with a grant
 };
 
-/// Puts the calling thread under real-time scheduling. Waits: for a RealtimeKit that is stuck, a few seconds.
-/// SCHED_DEADLINE could express the policy whole, but would throttle an IO block that runs over its
-/// computation; a fixed priority below the sound server's keeps the promise that matters.
-RealtimeOutcome makeCurrentThreadRealtime(const RealtimePolicy& policy = {});
+/// Puts the calling thread under real-time scheduling. Without a grant the thread runs as before, and the error is
+/// RealtimeKit's, or the kernel's where there is no RealtimeKit. Waits: for a RealtimeKit that is stuck, a few seconds.
+/// SCHED_DEADLINE would throttle an IO block that runs over its time; a fixed priority below the sound server's does not.
+RealtimeOutcome makeCurrentThreadRealtime();
 
 } // namespace platform

@@ -27,7 +27,7 @@ public:
 
     void run()
     {
-        current = this;
+        const Turn turn(*this);
         while (const Work work = _next()) {
             work();
             _endTurn();
@@ -44,16 +44,36 @@ public:
                 return false;
             _busy = true;
         }
-        const Line* const before = std::exchange(current, this);
-        work();
-        current = before;
+        {
+            const Turn turn(*this);
+            work();
+        }
         _endTurn();
         return true;
     }
 
-    bool isCurrent() const noexcept { return current == this; }
+    bool isCurrent() const noexcept
+    {
+        const Turn* turn = Turn::current;
+        while (turn && &turn->line != this)
+            turn = turn->outer;
+        return turn != nullptr;
+    }
 
 private:
+    /// While it lives, the calling thread runs the line's work. Turns nest: work of one queue may run another's on the same
+    /// thread, and is still that queue's work.
+    struct Turn {
+        explicit Turn(const Line& turnLine) : line(turnLine), outer(std::exchange(current, this)) {}
+        ~Turn() { current = outer; }
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+        const Line& line;
+        const Turn* const outer;
+        static thread_local const Turn* current;
+    };
+
     /// The next piece of work; empty when the queue is closed and nothing is left.
     Work _next()
     {
@@ -74,8 +94,6 @@ private:
         _changed.notify_one();
     }
 
-    static thread_local const Line* current;
-
     std::mutex _mutex;
     std::condition_variable _changed;
     std::deque<Work> _waiting;
@@ -83,7 +101,7 @@ private:
     bool _busy = false; // work is running, on the queue's thread or on one that waits for it
 };
 
-thread_local const SerialQueue::Line* SerialQueue::Line::current = nullptr;
+thread_local const SerialQueue::Line::Turn* SerialQueue::Line::Turn::current = nullptr;
 
 CXRef<SerialQueue> SerialQueue::initWithLabel(std::string label)
 {

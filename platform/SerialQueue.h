@@ -8,7 +8,7 @@ namespace platform {
 /// Work that is queued when the last reference goes is still run.
 class DXR_EXPORT SerialQueue final : public WorkQueue {
 public:
-    /// The thread takes the label as its name, cut to 15 bytes.
+    /// The thread takes the label as its name, cut to 15 bytes at a whole character.
     static CXRef<SerialQueue> initWithLabel(std::string label);
 
     void async(Work work) override;

@@ -1,5 +1,7 @@
 #include "Thread.h"
 
+#include "Utf8.h"
+
 #include <csignal>
 #include <pthread.h>
 #include <sys/prctl.h>
@@ -8,6 +10,8 @@
 namespace platform {
 
 namespace {
+
+constexpr size_t maxNameBytes = 15; // the kernel's, without the terminator
 
 /// Blocks every signal while it lives, so that a thread started meanwhile is born with them blocked.
 class SignalsBlocked {
@@ -31,11 +35,16 @@ private:
 Thread::Thread(const std::string& name, std::function<void()> body)
 {
     const SignalsBlocked blocked;
-    _thread = std::thread([shortName = name.substr(0, 15), run = std::move(body)] {
+    _thread = std::thread([shortName = std::string(utf8Prefix(name, maxNameBytes)), run = std::move(body)] {
         pthread_setname_np(pthread_self(), shortName.c_str());
         prctl(PR_SET_TIMERSLACK, 1UL); // nanosecond: the default 50 µs would make every timed wait late
         run();
     });
+}
+
+void Thread::setCurrentName(std::string_view name)
+{
+    pthread_setname_np(pthread_self(), std::string(utf8Prefix(name, maxNameBytes)).c_str());
 }
 
 Thread& Thread::operator=(Thread&& other) noexcept

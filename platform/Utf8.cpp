@@ -1,5 +1,6 @@
 #include "Utf8.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace platform {
@@ -20,6 +21,18 @@ size_t utf8CharacterLength(std::string_view text) noexcept
     if (lead >= 0xF0 && lead <= 0xF4)
         return tail(1, lead == 0xF0 ? 0x90 : 0x80, lead == 0xF4 ? 0x8F : 0xBF) && tail(2) && tail(3) ? 4 : 0;
     return 0;
+}
+
+std::string_view utf8Prefix(std::string_view text, size_t maxBytes) noexcept
+{
+    size_t size = 0;
+    while (size < text.size()) {
+        const size_t length = std::max<size_t>(utf8CharacterLength(text.substr(size)), 1);
+        if (size + length > maxBytes)
+            break;
+        size += length;
+    }
+    return text.substr(0, size);
 }
 
 std::string utf8Replaced(std::string_view text)

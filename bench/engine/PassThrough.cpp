@@ -2,7 +2,7 @@
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
-#include "PipeWireBackend.h"
+#include "PipeWireDriver.h"
 #include "PrivateProcess.h"
 
 #include <RtAudio.h>
@@ -21,6 +21,7 @@
 #include <spa/param/audio/format-utils.h>
 #include <spa/param/param.h>
 #include <stdexcept>
+#include <sys/resource.h>
 #include <thread>
 #include <time.h>
 
@@ -38,7 +39,7 @@ void waitFor(const char* what, const std::function<bool()>& condition)
     }
 }
 
-/// Cycles of an audio thread, and its CPU time, which every candidate's callback looks at once a cycle.
+/// Cycles of an audio thread, its CPU time and its wake-ups, which every candidate's callback looks at once a cycle.
 class CycleMeter {
 public:
     void tick() noexcept
@@ -47,12 +48,15 @@ public:
         clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
         _nanoseconds =
             static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
+        rusage spent{};
+        getrusage(RUSAGE_THREAD, &spent);
+        _wakeUps = static_cast<uint64_t>(spent.ru_nvcsw);
         ++_cycles;
     }
-    PassThrough::Usage usage() const noexcept { return {_cycles, _nanoseconds}; }
+    PassThrough::Usage usage() const noexcept { return {_cycles, _nanoseconds, _wakeUps}; }
 
 private:
-    std::atomic<uint64_t> _cycles{0}, _nanoseconds{0};
+    std::atomic<uint64_t> _cycles{0}, _nanoseconds{0}, _wakeUps{0};
 };
 
 class MeteredPassThrough : public PassThrough {
@@ -68,7 +72,8 @@ class EnginePassThrough final : public MeteredPassThrough {
 public:
     explicit EnginePassThrough(const Passage& passage) : _heard(passage.frameCount)
     {
-        static const bool isChosen = HALSetBackend(PipeWireBackend::initWithRemote(passage.server.remote()));
+        static const bool isChosen =
+            HALSetHardwareDriver(PipeWireDriver::initWithRemote(passage.server.remote()));
         if (!isChosen)
             throw std::runtime_error("another backend was there first");
         _runner = DXRDeviceRunner::init();
@@ -278,14 +283,19 @@ public:
     Usage usage() const override
     {
         uint64_t all = 0;
+        uint64_t wakeUps = 0;
         for (const auto& task :
              std::filesystem::directory_iterator("/proc/" + std::to_string(_process) + "/task")) {
             uint64_t nanoseconds = 0;
             std::ifstream(task.path() / "schedstat") >> nanoseconds;
             all += nanoseconds;
+            std::ifstream status(task.path() / "status");
+            for (std::string key; status >> key;)
+                if (uint64_t count = 0; key == "voluntary_ctxt_switches:" && status >> count)
+                    wakeUps += count;
         }
         const std::chrono::duration<double> time = std::chrono::steady_clock::now().time_since_epoch();
-        return {static_cast<uint64_t>(time.count() * _cyclesPerSecond), all};
+        return {static_cast<uint64_t>(time.count() * _cyclesPerSecond), all, wakeUps};
     }
 
 private:

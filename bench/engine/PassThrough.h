@@ -21,6 +21,7 @@ public:
     struct Usage {
         uint64_t cycles;
         uint64_t nanoseconds; ///< of CPU time on the audio thread
+        uint64_t wakeUps;     ///< of the audio thread: how often it waited
     };
     /// Since it started.
     virtual Usage usage() const = 0;

@@ -6,7 +6,7 @@
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
-#include "DrivenBackend.h"
+#include "DrivenHardware.h"
 
 #include <array>
 #include <cstring>
@@ -14,11 +14,11 @@
 
 namespace {
 
-DrivenBackend& backend()
+DrivenHardware& backend()
 {
-    static const CXRef<DrivenBackend> driven = [] {
-        CXRef<DrivenBackend> made = DrivenBackend::init();
-        HALSetBackend(made);
+    static const CXRef<DrivenHardware> driven = [] {
+        CXRef<DrivenHardware> made = DrivenHardware::init();
+        HALSetHardwareDriver(made);
         return made;
     }();
     return *driven;
@@ -35,10 +35,10 @@ public:
                                                                 std::vector<float>(size_t{channels} * frames)}
     {
         backend().sampleRate = deviceRate;
-        backend().hardware->plug(
+        backend().plug(
             aDevice().uid(_uid).inputs(channels).outputs(channels).bufferFrameSize(frames).sampleRate(
                 deviceRate));
-        backend().hardware->settle();
+        backend().settle();
         DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
         DXRDeviceManager::queue().sync([] {});
         _runner->setFrameCount(frames);

@@ -19,10 +19,10 @@ namespace {
 constexpr double rate = 48000;
 constexpr double seconds = 1.5;
 
-/// How late, in frames: the median and what 95 of 100 cycles keep to; and microseconds of CPU time a cycle.
+/// How late, in frames: the median and what 95 of 100 cycles keep to; microseconds of CPU time and wake-ups a cycle.
 std::vector<double> measure(const PassThroughMaker& maker, const Passage& passage, LatencyProbe& probe)
 {
-    std::vector<double> figures(3, std::nan(""));
+    std::vector<double> figures(4, std::nan(""));
     try {
         const std::unique_ptr<PassThrough> candidate = maker.make(passage);
         std::this_thread::sleep_for(std::chrono::seconds(1)); // by then every loop has found its pace
@@ -33,9 +33,11 @@ std::vector<double> measure(const PassThroughMaker& maker, const Passage& passag
             figures[0] = latencies[latencies.size() / 2];
             figures[1] = latencies[latencies.size() * 95 / 100];
         }
-        if (after.cycles > before.cycles)
-            figures[2] = static_cast<double>(after.nanoseconds - before.nanoseconds) / 1000 /
-                         static_cast<double>(after.cycles - before.cycles);
+        if (after.cycles > before.cycles) {
+            const auto cycles = static_cast<double>(after.cycles - before.cycles);
+            figures[2] = static_cast<double>(after.nanoseconds - before.nanoseconds) / 1000 / cycles;
+            figures[3] = static_cast<double>(after.wakeUps - before.wakeUps) / cycles;
+        }
     } catch (const std::exception& exception) {
         std::fprintf(stderr, "%s: %s\n", maker.name, exception.what());
     }
@@ -48,7 +50,7 @@ void compare(const Passage& passage)
     LatencyProbe probe(passage.client, {passage.source, isOneDevice ? "playback_FL" : "input_FL"},
                        {passage.sink, isOneDevice ? "capture_FR" : "monitor_FR"}, passage.rate);
     std::vector<std::string> names;
-    std::vector<double> columns[3];
+    std::vector<double> columns[4];
     for (const PassThroughMaker& maker : passThroughMakers()) {
         if (maker.needsOneDevice && !isOneDevice)
             continue;
@@ -62,6 +64,7 @@ void compare(const Passage& passage)
     table.addColumn("late", names, columns[0]);
     table.addColumn("at 95 %", names, columns[1]);
     table.addColumn("us of CPU", names, columns[2]);
+    table.addColumn("wake-ups", names, columns[3]);
     table.print("", 1);
 }
 

@@ -5,7 +5,7 @@
 #include "Comparison.h"
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
-#include "PipeWireBackend.h"
+#include "PipeWireDriver.h"
 #include "PrivateServer.h"
 #include "VirtualDevices.h"
 #include "simulated.h"
@@ -37,7 +37,7 @@ public:
 
 class SimulatedComputer final : public Computer {
 public:
-    SimulatedComputer() { HALSetBackend(_backend); }
+    SimulatedComputer() { HALSetHardwareDriver(_backend); }
     void plug(const char* name) override
     {
         _backend->plug(aDevice().uid(name).inputs(2).outputs(2).bufferFrameSize(frames).loopsBack());
@@ -45,12 +45,12 @@ public:
     void unplug(const char* name) override { _backend->unplug(name); }
 
 private:
-    const CXRef<SimulatedBackend> _backend = SimulatedBackend::init();
+    const CXRef<SimulatedHardware> _backend = SimulatedHardware::init();
 };
 
 class PipeWireComputer final : public Computer {
 public:
-    PipeWireComputer() { HALSetBackend(PipeWireBackend::initWithRemote(_server.remote())); }
+    PipeWireComputer() { HALSetHardwareDriver(PipeWireDriver::initWithRemote(_server.remote())); }
     void plug(const char* name) override { _devices.plug({.name = name, .mediaClass = "Audio/Duplex"}); }
     void unplug(const char* name) override { _devices.unplug(name); }
 

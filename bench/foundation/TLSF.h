@@ -16,7 +16,7 @@ public:
         block->size = (size - 2 * headerSize) | freeBit;
         Block* const end = block->following();
         end->previous = block;
-        end->size = 0; // in use for ever
+        end->size = 0; // in use forever
         _insert(block);
     }
 

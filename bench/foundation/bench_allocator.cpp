@@ -1,4 +1,4 @@
-// What does a block cost, alone, between threads and at worst, beside the C library, mimalloc, jemalloc and
+// What does a block cost, alone, between threads, at worst and when there is none yet, beside the C library, mimalloc, jemalloc and
 // TLSF under a mutex, which is what real-time programs use?
 
 #include "Comparison.h"
@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <fstream>
+#include <iterator>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <x86intrin.h>
@@ -33,25 +35,29 @@ TLSF& tlsf()
     return *pool;
 }
 
-/// A peer's functions from its own library, so that it does not take over the process's malloc.
-Allocator peer(const char* name, const char* library, const char* allocate, const char* release)
+/// Adds a peer's functions from its own library, so that it does not take over the process's malloc.
+void addPeer(std::vector<Allocator>& all, const char* name, const char* library, const char* allocate,
+             const char* release)
 {
-    void* const handle = dlopen(library, RTLD_NOW | RTLD_LOCAL);
-    if (!handle) {
-        std::fprintf(stderr, "%s\n", dlerror());
-        std::exit(1);
-    }
-    return {name, reinterpret_cast<void* (*)(size_t)>(dlsym(handle, allocate)),
-            reinterpret_cast<void (*)(void*)>(dlsym(handle, release))};
+    if (void* const handle = dlopen(library, RTLD_NOW | RTLD_LOCAL))
+        all.push_back({name, reinterpret_cast<void* (*)(size_t)>(dlsym(handle, allocate)),
+                       reinterpret_cast<void (*)(void*)>(dlsym(handle, release))});
+    else
+        std::fprintf(stderr, "%s is left out: %s\n", name, dlerror());
 }
 
-std::vector<Allocator> allocators()
+const std::vector<Allocator>& allocators()
 {
-    return {{"TFA", [](size_t size) { return TFA_malloc(size); }, [](void* pointer) { TFA_free(pointer); }},
+    static const std::vector<Allocator> all = [] {
+        std::vector<Allocator> found = {
+            {"TFA", [](size_t size) { return TFA_malloc(size); }, [](void* p) { TFA_free(p); }},
             {"glibc", __libc_malloc, __libc_free},
-            peer("mimalloc", "libmimalloc.so.2.0", "mi_malloc", "mi_free"),
-            peer("jemalloc", "libjemalloc.so.2", "malloc", "free"),
             {"TLSF", [](size_t size) { return tlsf().allocate(size); }, [](void* p) { tlsf().release(p); }}};
+        addPeer(found, "mimalloc", "libmimalloc.so.2.0", "mi_malloc", "mi_free");
+        addPeer(found, "jemalloc", "libjemalloc.so.2", "malloc", "free");
+        return found;
+    }();
+    return all;
 }
 
 void touch(void* block)
@@ -200,6 +206,24 @@ void tail(const char* what, size_t count, const std::vector<Allocator>& candidat
     }
 }
 
+size_t mappingCount()
+{
+    std::ifstream maps("/proc/self/maps");
+    return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
+}
+
+void growth(size_t size, size_t count)
+{
+    for (const Allocator& allocator : allocators()) {
+        const size_t before = mappingCount();
+        tail(("growing: " + std::to_string(count) + " blocks of " + std::to_string(size) +
+              " bytes, none freed")
+                 .c_str(),
+             count, {allocator}, [size](const Allocator& a) { touch(a.allocate(size)); });
+        std::printf("    %-9s %zu mappings more\n", allocator.name, mappingCount() - before);
+    }
+}
+
 /// Blocks that are always there, in turn: what the handing over costs by itself.
 Allocator noAllocator()
 {
@@ -274,8 +298,8 @@ int main(int, char** arguments)
         touch(block);
         allocator.release(block);
     });
-    tail("growing: half a million blocks of 256 bytes, none freed", 500'000, allocators(),
-         [](const Allocator& allocator) { touch(allocator.allocate(256)); });
+    growth(256, 500'000);
+    growth(4096, 30'000);
     if (!TFA_reserve(512, 500'000))
         return 1;
     tail("the same of 512 bytes after TFA_reserve", 500'000, {allocators().front()},

@@ -79,8 +79,8 @@ void archiveDevices(DXRDeviceManager& manager, int count)
 /// One row of the table, in a process of its own: there is one hardware and one manager in each.
 void measure(int count, int archivedCount)
 {
-    const CXRef<SimulatedBackend> hal = SimulatedBackend::init(SimulatedClock::Stepped);
-    HALSetBackend(hal);
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    HALSetHardwareDriver(hal);
     for (int i = 0; i < count; ++i)
         hal->plug(deviceNumber("device", i));
     hal->settle();

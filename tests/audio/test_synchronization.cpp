@@ -44,6 +44,19 @@ TEST(DXRMutex, runsDeferredWorkAfterTheOutermostUnlockInOrder)
     EXPECT_EQ(order, "acbd");
 }
 
+TEST(DXRMutex, assertsALockThatIsRefused)
+{
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+    const CXRef<DXRMutex> mutex = DXRMutex::initWithAttr(&attributes);
+    pthread_mutexattr_destroy(&attributes);
+    mutex->lock();
+    EXPECT_THROW(mutex->lock(), CXException);
+    mutex->unlock();
+    EXPECT_TRUE(isFree(*mutex)) << "held once";
+}
+
 TEST(DXRMutex, assertsAnUnlockTooMany)
 {
     const CXRef<DXRMutex> mutex = DXRMutex::init();

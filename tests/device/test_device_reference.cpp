@@ -191,8 +191,8 @@ TEST(GenericUID, seesADeviceThatHasJustCome)
 
 TEST(DeviceReference, describesAPresentDevice)
 {
-    const CXRef<SimulatedBackend> hal = SimulatedBackend::init(SimulatedClock::Stepped);
-    HALSetBackend(hal);
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    HALSetHardwareDriver(hal);
     const Bus bus(std::vector<USBDevice>{{0x03140000}});
     const AudioObjectID unit = hal->plug(SimulatedDeviceBuilder()
                                              .uid("unit:03140000")

@@ -16,11 +16,11 @@ constexpr bool output = false;
 constexpr AudioObjectID nobody = 0x00FFFFFF;
 
 /// The one simulated computer of the process; each test finds and leaves it empty.
-SimulatedBackend& hardware()
+SimulatedHardware& hardware()
 {
-    static const CXRef<SimulatedBackend> backend = [] {
-        CXRef<SimulatedBackend> made = SimulatedBackend::init(SimulatedClock::Stepped);
-        HALSetBackend(made);
+    static const CXRef<SimulatedHardware> backend = [] {
+        CXRef<SimulatedHardware> made = SimulatedHardware::init(SimulatedClock::Stepped);
+        HALSetHardwareDriver(made);
         return made;
     }();
     return *backend;
@@ -48,7 +48,7 @@ protected:
         EXPECT_NE(list, nullptr);
         return taken(list, count);
     }
-    SimulatedBackend& hal = hardware();
+    SimulatedHardware& hal = hardware();
 };
 
 TEST_F(QDL, answersFallbacksWithoutDevices)

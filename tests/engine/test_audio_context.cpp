@@ -3,7 +3,7 @@
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
-#include "DrivenBackend.h"
+#include "DrivenHardware.h"
 #include "HostClock.h"
 
 #include <gtest/gtest.h>
@@ -16,11 +16,11 @@ namespace {
 
 constexpr uint32_t frames = 64;
 
-DrivenBackend& backend()
+DrivenHardware& backend()
 {
-    static const CXRef<DrivenBackend> driven = [] {
-        CXRef<DrivenBackend> made = DrivenBackend::init();
-        HALSetBackend(made);
+    static const CXRef<DrivenHardware> driven = [] {
+        CXRef<DrivenHardware> made = DrivenHardware::init();
+        HALSetHardwareDriver(made);
         return made;
     }();
     return *driven;
@@ -73,20 +73,20 @@ protected:
     }
     void plug()
     {
-        backend().hardware->plug(aDevice().uid("duplex").inputs(2).outputs(2).bufferFrameSize(frames));
+        backend().plug(aDevice().uid("duplex").inputs(2).outputs(2).bufferFrameSize(frames));
         settle();
     }
     void unplug()
     {
-        backend().hardware->unplug("duplex");
+        backend().unplug("duplex");
         settle();
     }
     void settle()
     {
-        backend().hardware->settle();
+        backend().settle();
         DXRDeviceManager::sharedDeviceManager();
         DXRDeviceManager::queue().sync([] {});
-        backend().hardware->settle();
+        backend().settle();
         runner->queue()->dispatchSync([] {});
     }
 
@@ -107,7 +107,7 @@ TEST_F(DXRAudioContextTest, skipsCyclesThatSayNothing)
     absent.run();
     EXPECT_EQ(calls, 0U);
     EXPECT_EQ(runner->sampleTime(), 0U);
-    EXPECT_EQ(backend().registrations, 1U);
+    EXPECT_EQ(backend().starts, 1U);
     Cycle(0).run();
     EXPECT_EQ(calls, 1U);
 }
@@ -133,7 +133,7 @@ TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
 
 TEST_F(DXRAudioContextTest, restartsForANewLayoutAndLeavesTheOldCallbackDeaf)
 {
-    const uint32_t registrations = backend().registrations;
+    const uint32_t startsBefore = backend().starts;
     runner->start();
     Cycle(0).run();
     const AudioDeviceIOBlock old = backend().callback;
@@ -143,7 +143,7 @@ TEST_F(DXRAudioContextTest, restartsForANewLayoutAndLeavesTheOldCallbackDeaf)
     Cycle(128).run(old);
     EXPECT_EQ(calls, 1U);
     settle();
-    EXPECT_EQ(backend().registrations, registrations + 2);
+    EXPECT_EQ(backend().starts, startsBefore + 2);
     Cycle(192).run();
     EXPECT_EQ(calls, 2U);
     EXPECT_EQ(runner->sampleTime(), 2 * frames) << "time goes on";
@@ -196,7 +196,7 @@ TEST_F(DXRAudioContextTest, givesACycleUpRatherThanWaitInACircle)
 TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
 {
     const auto heard = std::make_shared<std::atomic<int>>(0);
-    backend().hardware->failStarts(kAudioHardwareUnspecifiedError);
+    backend().startStatus = kAudioHardwareUnspecifiedError;
     runner->removeDevice(device(true));
     runner->setNotifier(nullptr, [heard] { ++*heard; });
     runner->start();
@@ -206,11 +206,11 @@ TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
     EXPECT_EQ(runner->error().deviceUID, "duplex");
     EXPECT_EQ(runner->error().status, kAudioHardwareUnspecifiedError);
     EXPECT_NE(runner->error().text.find("cannot start '"), std::string::npos) << runner->error().text;
-    const uint32_t registrations = backend().registrations;
-    while (backend().registrations < registrations + 2) // two tries that fail
+    const uint32_t startsBefore = backend().starts;
+    while (backend().starts < startsBefore + 2) // two tries that fail
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(*heard, 1) << "the same error is no news";
-    backend().hardware->failStarts(0);
+    backend().startStatus = 0;
     while (runner->error())
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     settle();
@@ -343,7 +343,7 @@ TEST_F(DXRAudioContextTest, restartsForAnotherSplitOfTheSameChannels)
 {
     runner->start();
     Cycle(0).run();
-    const uint32_t registrations = backend().registrations;
+    const uint32_t startsBefore = backend().starts;
     Cycle split(64);
     struct {
         uint32_t count;
@@ -353,7 +353,7 @@ TEST_F(DXRAudioContextTest, restartsForAnotherSplitOfTheSameChannels)
                        &split.output, &split.outputTime);
     EXPECT_EQ(calls, 1U);
     settle();
-    EXPECT_EQ(backend().registrations, registrations + 1);
+    EXPECT_EQ(backend().starts, startsBefore + 1);
 }
 
 } // namespace

@@ -22,11 +22,11 @@ using Clock = std::chrono::steady_clock;
 constexpr uint32_t frames = 64;
 constexpr double rate = 48000;
 
-SimulatedBackend& backend()
+SimulatedHardware& backend()
 {
-    static const CXRef<SimulatedBackend> made = [] {
-        CXRef<SimulatedBackend> backend = SimulatedBackend::init(SimulatedClock::RealTime);
-        HALSetBackend(backend);
+    static const CXRef<SimulatedHardware> made = [] {
+        CXRef<SimulatedHardware> backend = SimulatedHardware::init(SimulatedClock::RealTime);
+        HALSetHardwareDriver(backend);
         return backend;
     }();
     return *made;

@@ -3,6 +3,7 @@
 #include "CXStringAdditions.h"
 #include "CXThreadAdditions.h"
 #include "CXURLAdditions.h"
+#include "CXValue.h"
 
 #include <gtest/gtest.h>
 
@@ -112,11 +113,18 @@ TEST(PlistEquality, toleratesSmallDifferencesAndOneKey)
         {"the other side's entry is the one asked", {{"k", "1.5"}}, {{"k", 1.5}}, true},
         {"nor does a number read a list", 1, {1}, false},
         {"not a number", std::nan(""), std::nan(""), true},
+        {"the same bits with and without a sign", UINT64_MAX, -1, false},
+        {"with and without a sign", uint64_t{7}, int64_t{7}, true},
         {"nothing and nothing", nullptr, nullptr, true},
     };
     for (const auto& row : rows)
         EXPECT_EQ(vtIsEqual(row.value, row.other, "t"), row.isEqual) << row.why;
     EXPECT_FALSE(vtIsEqual(CXPlist{{"t", 1}}, CXPlist::object())) << "no key is ignored unless asked";
+
+    const auto valueOf = [](const CXPlist& plist) { return CXValue::initWithPlist(plist); };
+    EXPECT_FALSE(valueOf({{"k", {UINT64_MAX}}})->isEqual(valueOf({{"k", {-1}}}).get()));
+    EXPECT_TRUE(valueOf({{"k", {uint64_t{7}}}})->isEqual(valueOf({{"k", {7}}}).get()));
+    EXPECT_EQ(valueOf(uint64_t{7})->hash(), valueOf(7)->hash());
 }
 
 TEST(Strings, areCutCleanedAndReplaced)
@@ -158,6 +166,9 @@ TEST(Strings, areCutCleanedAndReplaced)
 
 TEST(ScanFloatArray, skipsWhatMayStandBetweenNumbers)
 {
+    constexpr float infinity = std::numeric_limits<float>::infinity();
+    const std::string tinyTimes100 = "0." + std::string(60, '0') + "1e2";
+    const std::string hugeBy100 = "1" + std::string(60, '0') + "e-2";
     struct {
         std::string_view text;
         int32_t count;
@@ -167,11 +178,15 @@ TEST(ScanFloatArray, skipsWhatMayStandBetweenNumbers)
         {"{1.5, 2, 3}", 3, 3, {1.5F, 2, 3}},
         {"w=1 h=x", 2, 1, {1}},
         {"größe: -2.5e1*.5", 2, 2, {-25, 0.5F}},
-        {"1e999 1e-999 2.", 3, 3, {std::numeric_limits<float>::infinity(), 0, 2}},
+        {"1e999 1e-999 2.", 3, 3, {infinity, 0, 2}},
         {"1;2", 2, 1, {1}},
         {"nan inf", 1, 0, {}},
         {"1\n2", 2, 1, {1}},
         {"- 1", 1, 0, {}},
+        // Out of a float's range as they are read, and the exponent's sign does not say to which side.
+        {tinyTimes100, 1, 1, {0}},
+        {hugeBy100, 1, 1, {infinity}},
+        {"-0.1e40 1e-99999999999999999999 0.001e99999999999999999999", 3, 3, {-infinity, 0, infinity}},
         {"\xFF 1", 1, 0, {}},
         {"1", 0, 0, {}},
         {"1", -4, -4, {}},

@@ -1,10 +1,11 @@
+#include "BackOff.h"
 #include "CXDispatchQueue.h"
 #include "CXDispatchReceiver.h"
-#include "CXDispatchSource.h"
 #include "CXDispatchTimer.h"
-#include "CXThreadSetRealtime.h"
 #include "CXTimeBase.h"
+#include "CXWeak.h"
 #include "CapturedLog.h"
+#include "Privileges.h"
 
 #include <gtest/gtest.h>
 
@@ -146,7 +147,7 @@ TEST(CXDispatchQueue, isBorrowedByABypassWhenIdleAndWaitedForWhenBusy)
             hasOvertaken = !hasClientRun;
         });
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // for the other thread to push
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the other thread to push
     gate.open();
     other.join();
     EXPECT_EQ(inside, queue->thread());
@@ -190,7 +191,7 @@ TEST(CXDispatchQueue, assertsItsRulesWithFileAndLine)
         std::string::npos);
 }
 
-// Where the assertion is raised as queue work, nobody can catch it.
+// Where the assertion is raised as queue work, it cannot be caught.
 TEST(CXDispatchQueueDeathTest, endsTheProcessAtABrokenRule)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -240,121 +241,148 @@ TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndServesWhatIsAllowedAfte
     EXPECT_FALSE(late->handler()) << "a cancelled queue cancels what comes";
 }
 
-TEST(CXDispatchTimer, letsWorkAndOtherTimersThroughWhenItIsAlwaysDue)
+/// Whether the queue's thread ends, given far longer than it needs.
+bool threadEnds(const CXDispatchQueue& queue)
 {
+    for (int i = 0; i < 20'000 && queue.thread() != 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return queue.thread() == 0;
+}
+
+TEST(CXDispatchQueue, endsItsThreadWhenItIsCancelledWhileBorrowed)
+{
+    const CXRef<CXDispatchQueue> fromWithin = CXDispatchQueue::init();
+    fromWithin->dispatchSyncBypass([&] { fromWithin->cancel(); });
+    EXPECT_TRUE(threadEnds(*fromWithin));
+
+    const CXRef<CXDispatchQueue> fromOutside = CXDispatchQueue::init();
+    fromOutside->dispatchSyncBypass([&] { std::thread([&] { fromOutside->cancel(); }).join(); });
+    EXPECT_TRUE(threadEnds(*fromOutside));
+}
+
+TEST(CXDispatchTimer, letsWorkMessagesAndOtherTimersThroughWhenItIsAlwaysDue)
+{
+    constexpr int enough = 3;
+    constexpr int fireLimit = 10'000;
     const TestQueue queue;
+    std::atomic<int> fires{0};
     std::atomic<int> others{0};
+    std::atomic<int> messages{0};
     const CXRef<CXDispatchTimer> restless = CXDispatchTimer::init();
-    restless->setTimeoutHandler([](const CXRef<CXDispatchTimer>& self) { self->setTimeoutAbsolute(1, 0); });
+    restless->setTimeoutHandler([&](const CXRef<CXDispatchTimer>& self) {
+        ++fires;
+        self->setTimeoutAbsolute(1, 0);
+    });
     restless->setTimeoutAbsolute(1, 0);
     restless->setDispatchQueue(queue.ref());
     const CXRef<CXDispatchTimer> other = CXDispatchTimer::init();
     other->setTimeoutHandler([&](const CXRef<CXDispatchTimer>&) { ++others; });
-    other->setTimeoutAbsolute(now(), millisecond);
+    other->setTimeoutAbsolute(now(), 1);
     other->setDispatchQueue(queue.ref());
-    while (others < 3)
+    const CXRef<platform::Port> port = platform::Port::init();
+    const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
+    receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte>) {
+        ++messages;
+        port->send({}); // as restless as the timer
+    });
+    receiver->setDispatchQueue(queue.ref());
+    port->send({});
+    while ((others < enough || messages < enough) && fires < fireLimit)
         queue.settle();
+    EXPECT_GE(others, enough);
+    EXPECT_GE(messages, enough);
+    const int firesBefore = fires;
+    while (fires < firesBefore + enough)
+        queue.settle(); // nor do messages keep the timer from firing
     restless->cancel();
     other->cancel();
+    receiver->cancel();
 }
 
-/// When a timer of 20 ms fires that begins three periods behind and sleeps through two more; from its grid's start.
-std::vector<uint64_t> firesOfALateTimer()
+TEST(CXDispatchTimerList, firesWhatIsDueOnceInOrderAndLeavesOutMissedPeriods)
+{
+    CXDispatchTimerList list;
+    std::string order;
+    const auto timerFor = [&](char c, uint64_t deadline, uint64_t interval) {
+        CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+        timer->setTimeoutAbsolute(deadline, interval);
+        timer->setTimeoutHandler([&order, c](const CXRef<CXDispatchTimer>&) { order += c; });
+        return timer;
+    };
+    const CXRef<CXDispatchTimer> repeating = timerFor('r', 100, 20);
+    const CXRef<CXDispatchTimer> first = timerFor('a', 150, 0);
+    const CXRef<CXDispatchTimer> second = timerFor('b', 150, 0);
+    const CXRef<CXDispatchTimer> removed = timerFor('x', 150, 0);
+    EXPECT_TRUE(list.add(first));
+    EXPECT_FALSE(list.add(second)) << "no earlier than the first";
+    EXPECT_TRUE(list.add(repeating));
+    EXPECT_FALSE(list.add(removed));
+    list.remove(*removed);
+
+    list.fireDue(99);
+    EXPECT_EQ(order, "");
+    list.fireDue(165);
+    EXPECT_EQ(order, "rab");
+    EXPECT_EQ(list.firstDeadline(), 180U) << "three periods fell out, and the grid stays";
+    first->setTimeoutAbsolute(170, 0);
+    EXPECT_TRUE(list.reschedule(*first));
+    list.fireDue(180);
+    EXPECT_EQ(order, "rabar");
+    EXPECT_EQ(list.firstDeadline(), 200U);
+    EXPECT_EQ(list.timers().size(), 3U) << "a one-shot timer stays until it is removed";
+}
+
+TEST(CXDispatchTimer, firesSoonerWhenAThreadThatBorrowsTheQueueSaysSo)
 {
     const TestQueue queue;
     const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
-    std::vector<uint64_t> fired;
-    std::promise<void> enough;
-    const uint64_t start = now() - 35 * millisecond;
-    timer->setTimeoutHandler([&](const CXRef<CXDispatchTimer>& self) {
-        EXPECT_TRUE(queue->isDispatchedOnCurrentThread());
-        fired.push_back(now() - start);
-        if (fired.size() == 1)
-            std::this_thread::sleep_for(std::chrono::milliseconds(45));
-        if (fired.size() == 3) {
-            self->cancel();
-            enough.set_value();
-        }
-    });
-    timer->setTimeoutAbsolute(start, 20 * millisecond);
+    std::promise<void> fired;
+    timer->setTimeoutHandler([&](const CXRef<CXDispatchTimer>&) { fired.set_value(); });
+    timer->setTimeoutAbsolute(now() + 3600'000 * millisecond, 0);
     timer->setDispatchQueue(queue.ref());
-    enough.get_future().wait();
-    queue.settle();
-    EXPECT_EQ(fired.size(), 3U);
-    EXPECT_FALSE(timer->queue());
-    return fired;
+    while (queue->owner() != 0)
+        std::this_thread::yield();
+    queue->dispatchSyncBypass([&] { timer->setTimeoutAbsolute(now() + millisecond, 0); });
+    EXPECT_EQ(fired.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    timer->cancel();
 }
 
-TEST(CXDispatchTimer, leavesOutMissedPeriodsAndStaysOnItsGrid)
+// Two queues, of which one adopts the other's timer while a third thread cancels it: none waits for another, and the
+// timer is on no queue afterwards.
+TEST(CXDispatchSource, endsOnNoQueueWhenItIsCancelledWhileItMoves)
 {
-    const auto isOnGrid = [](uint64_t time) { return time % (20 * millisecond) < 10 * millisecond; };
-    const auto isAsPromised = [&](const std::vector<uint64_t>& fired) {
-        return fired[0] < 39 * millisecond && isOnGrid(fired[1]) && isOnGrid(fired[2]) &&
-               fired[2] > fired[1] + 5 * millisecond; // not one after the other to catch up
-    };
-    // A busy machine may be late once or twice; a timer that is wrong is wrong every time.
-    bool wasAsPromised = false;
-    for (int attempt = 0; attempt < 20 && !wasAsPromised; ++attempt)
-        wasAsPromised = isAsPromised(firesOfALateTimer());
-    EXPECT_TRUE(wasAsPromised);
-}
-
-TEST(CXDispatchTimer, firesEqualDeadlinesInOrderAndFollowsUpdates)
-{
-    const TestQueue queue;
-    std::string order;
-    std::promise<void> last;
-    const auto timerFor = [&](char c, uint64_t deadline) {
-        const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
-        timer->setTimeoutAbsolute(deadline, 0);
-        timer->setTimeoutHandler([&order, &last, c](const CXRef<CXDispatchTimer>& self) {
-            order += c;
-            if (c == 'd' && order.size() < 6)
-                self->setTimeoutAbsolute(now() + millisecond, 0); // a one-shot arms itself again
-            else if (c == 'd')
-                last.set_value();
+    const TestQueue first;
+    const TestQueue second;
+    const TestQueue canceller;
+    for (int round = 0; round < 3000; ++round) {
+        CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+        const CXWeak<CXDispatchTimer> weak(timer);
+        timer->setDispatchQueue(first.ref());
+        std::atomic<int> ready{0};
+        const auto meet = [&ready](int pauses) {
+            ++ready;
+            for (int spins = 0; ready < 2; ++spins)
+                spins < 10'000 ? platform::BackOff::pause() : std::this_thread::yield();
+            for (int i = 0; i < pauses; ++i)
+                platform::BackOff::pause();
+        };
+        canceller->dispatchAsync([&, round] {
+            meet(round % 8);
+            timer->cancel();
         });
-        timer->setDispatchQueue(queue.ref());
-        return timer;
-    };
-    const uint64_t soon = now() + 300 * millisecond; // after what follows, on a busy machine too
-    const CXRef<CXDispatchTimer> timers[] = {timerFor('b', soon), timerFor('d', soon + 10 * millisecond),
-                                             timerFor('c', soon), timerFor('x', soon),
-                                             timerFor('a', now() + 3600'000 * millisecond)};
-    timers[3]->setDispatchQueue(nullptr);
-    // Earlier than the thread sleeps for, and brought by a thread that has borrowed the queue.
-    queue->dispatchSyncBypass([&] { timers[4]->setTimeoutAbsolute(now() + millisecond, 0); });
-    last.get_future().wait();
-    EXPECT_EQ(order, "abcddd");
-    for (const CXRef<CXDispatchTimer>& timer : timers)
-        timer->cancel();
-}
-
-/// Another thread cancels it, and the queue hears of that, just before it enters.
-class CancelledOnTheWayIn final : public CXDispatchSource {
-public:
-    explicit CancelledOnTheWayIn(const TestQueue& queue) : _testQueue(queue) {}
-    ~CancelledOnTheWayIn() override = default;
-    bool isOnTheQueue = false;
-
-private:
-    void _enter(CXDispatchQueue& /*queue*/) override
-    {
-        std::thread([this] { cancel(); }).join();
-        _testQueue.settle();
-        isOnTheQueue = true;
+        second->dispatchSync([&, round] {
+            meet(round / 8 % 8);
+            try {
+                timer->setDispatchQueue(second.ref());
+            } catch (const CXException&) { // cancelled before it moved
+            }
+        });
+        for (const TestQueue* queue : {&canceller, &first, &second})
+            queue->settle();
+        ASSERT_FALSE(timer->queue()) << round;
+        timer = nullptr;
+        ASSERT_FALSE(weak.lock()) << "a queue still has it, round " << round;
     }
-    void _leave(CXDispatchQueue& /*queue*/) override { isOnTheQueue = false; }
-    const TestQueue& _testQueue;
-};
-
-TEST(CXDispatchSource, staysOnNoQueueWhenItIsCancelledOnTheWayIn)
-{
-    const TestQueue queue;
-    const auto source = CXRef<CancelledOnTheWayIn>::adopt(new CancelledOnTheWayIn(queue));
-    source->setDispatchQueue(queue.ref());
-    EXPECT_FALSE(source->isOnTheQueue);
-    EXPECT_FALSE(source->queue());
 }
 
 TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
@@ -425,18 +453,96 @@ TEST(CXDispatchReceiver, hearsOfADescriptorAsLongAsItIsReadable)
     close(ends[1]);
 }
 
-TEST(CXThreadSetRealtime, saysWhenItIsRefused)
+// The message arrives while its queue is borrowed, so that the queue's thread is awake but may not deliver it yet.
+TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const CXRef<platform::Port> ports[] = {platform::Port::init(),
+                                           platform::Port::initWithDescriptor(ends[0])};
+    for (const CXRef<platform::Port>& port : ports) {
+        const bool isDescriptor = port == ports[1];
+        const TestQueue first;
+        const TestQueue second;
+        const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
+        std::promise<bool> wasOnSecond;
+        receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>& self, std::span<const std::byte>) {
+            self->cancel();
+            wasOnSecond.set_value(second->isDispatchedOnCurrentThread());
+        });
+        receiver->setDispatchQueue(first.ref());
+        first->dispatchSyncBypass([&] {
+            if (isDescriptor)
+                EXPECT_EQ(write(ends[1], "x", 1), 1);
+            else
+                EXPECT_EQ(port->send({}), platform::Port::SendResult::Sent);
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(50)); // for the first queue's thread to wake
+            receiver->setDispatchQueue(nullptr);
+            receiver->setDispatchQueue(isDescriptor ? nullptr : second.ref());
+        });
+        first.settle();
+        if (isDescriptor)
+            receiver->setDispatchQueue(second.ref());
+        std::future<bool> result = wasOnSecond.get_future();
+        ASSERT_EQ(result.wait_for(std::chrono::seconds(20)), std::future_status::ready)
+            << "descriptor: " << isDescriptor;
+        EXPECT_TRUE(result.get()) << "descriptor: " << isDescriptor;
+        second.settle();
+    }
+    ports[1]->close();
+    close(ends[0]);
+    close(ends[1]);
+}
+
+/// Whether the thread runs under real-time scheduling, or a refusal was logged.
+bool isSettled(pthread_t thread, const CapturedLog& log)
+{
+    int policy = SCHED_OTHER;
+    sched_param parameters{};
+    pthread_getschedparam(thread, &policy, &parameters);
+    return (policy & ~SCHED_RESET_ON_FORK) != SCHED_OTHER || !log.lines().empty();
+}
+
+TEST(CXDispatchQueue, isRealTimeWhenSetRealTimeReturnsThoughItIsBorrowedAndATimerIsAlwaysDue)
 {
     const CapturedLog log;
     const TestQueue queue;
-    int policy = SCHED_OTHER;
-    queue->setRealTime();
-    queue->dispatchSync([&] { policy = sched_getscheduler(0) & ~SCHED_RESET_ON_FORK; });
-    if (policy == SCHED_OTHER) {
-        EXPECT_EQ(log.lines(), std::vector<std::string>{"thread_policy_set returned 1 for period 1000000"});
-    } else {
-        EXPECT_TRUE(log.lines().empty());
-    }
+    const CXRef<CXDispatchTimer> restless = CXDispatchTimer::init();
+    restless->setTimeoutHandler([](const CXRef<CXDispatchTimer>& self) { self->setTimeoutAbsolute(1, 0); });
+    restless->setTimeoutAbsolute(1, 0);
+    std::thread other;
+    while (queue->owner() != 0)
+        std::this_thread::yield();
+    queue->dispatchSyncBypass([&] {
+        restless->setDispatchQueue(queue.ref());
+        other = std::thread([&] {
+            queue->setRealTime();
+            EXPECT_TRUE(isSettled(queue->thread(), log));
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the other thread to push
+    });
+    other.join();
+    restless->cancel();
+
+    const CapturedLog laterLog;
+    const TestQueue later;
+    later->dispatchSyncBypass([&] { later->setRealTime(); }); // cannot wait for the queue's own thread
+    later.settle();
+    EXPECT_TRUE(isSettled(later->thread(), laterLog));
+}
+
+TEST(CXDispatchQueueDeathTest, logsARefusalOfRealTimeWithItsError)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto refused = [] {
+        giveUpPrivileges();
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+        const CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
+        queue->setRealTime();
+        std::exit(queue->realTimeGrant() == CXRealtimeGrant::None ? 0 : 1);
+    };
+    EXPECT_EXIT(refused(), testing::ExitedWithCode(0), "thread_policy_set returned 1 for period 1000000\n$");
 }
 
 // Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait.

@@ -55,6 +55,52 @@ TEST(CXStackTrace, listsTheOutermostCallFirst)
     EXPECT_LT(start, text.size() / 2) << text;
 }
 
+std::string deepTrace;
+const void* reportersCaller = nullptr;
+
+__attribute__((noinline)) void reportFromHere()
+{
+    reportersCaller = __builtin_return_address(0);
+    deepTrace = CXStackTrace::fromCurrentStack()->description();
+}
+
+__attribute__((noinline)) void reportFromDepth(int depth) // NOLINT: recursion on purpose
+{
+    depth > 0 ? reportFromDepth(depth - 1) : reportFromHere();
+    asm volatile("" ::: "memory"); // no jump instead of a call
+}
+
+TEST(CXStackTrace, keepsTheReportingFunctionOfADeepStack)
+{
+    reportFromDepth(40);
+    std::vector<std::string> lines;
+    std::istringstream text(deepTrace);
+    for (std::string line; std::getline(text, line);)
+        lines.push_back(line);
+    ASSERT_EQ(lines.size(), 32U);
+    std::ostringstream address;
+    address << ' ' << reportersCaller << ' ';
+    EXPECT_NE(lines[30].find(address.str()), std::string::npos) << "its caller: " << lines[30];
+}
+
+// The call below is the last of its function, and what it returns to belongs to the next.
+extern "C" DXR_EXPORT __attribute__((noinline)) void functionThatFails()
+{
+    _CXFailedAssertion(nullptr, nullptr, nullptr, 1);
+}
+extern "C" DXR_EXPORT __attribute__((noinline)) void functionBehindIt() {}
+
+TEST(CXStackTrace, namesTheFunctionWhoseCallNeverReturns)
+{
+    functionBehindIt();
+    try {
+        functionThatFails();
+    } catch (const CXException& exception) {
+        const std::string text = CXStackTrace::fromException(exception)->description();
+        EXPECT_NE(text.find(" functionThatFails + "), std::string::npos) << text;
+    }
+}
+
 TEST(CXFailedAssertion, namesWhatItWasGiven)
 {
     struct {
@@ -92,6 +138,9 @@ TEST(CXError, laterEntriesReplaceGivenOnesOfTheSameKey)
     EXPECT_EQ(suggestionOf(error), "2 of x");
     EXPECT_EQ(error->underlyingError(), cause);
     EXPECT_EQ(suggestionOf(CXError::errorWithDomain("d", 0, "title", nullptr)), "(none)");
+    const CXRef<CXError> untitled = CXError::errorWithDomain("d", 0, std::nullopt, "open failed: %s", "x");
+    EXPECT_EQ(suggestionOf(untitled), "open failed: x");
+    EXPECT_EQ(untitled->userInfo().size(), 1U) << "no title";
 }
 
 TEST(CXError, reportsAnExceptionWithItsOwnUserInfo)
@@ -127,7 +176,10 @@ TEST(DXRDebugLogDeathTest, isOffUnlessADebugCenterWasThereAtTheFirstLine)
         std::exit(log.lines().empty() ? 0 : 1);
     };
     const auto inTime = [] {
-        CXRegisterDebugCenter([] { return true; });
+        CXRegisterDebugCenter([] {
+            DXRDebugLog("dropped: this is what decides");
+            return true;
+        });
         const CapturedLog log;
         DXRDebugLogWithStack("%s!", "here");
         DXRDebugLogWithStack(nullptr);

@@ -92,65 +92,6 @@ TEST(CXLockFreeReference, assertsWhenItsSlotsRunOutAndKeepsWhatItHolds)
     EXPECT_EQ(Witness::alive, 0) << "what the slots still hold goes with the reference";
 }
 
-/// The packed word itself, to break what no caller can: found by its value.
-std::atomic<uint64_t>& wordInside(CXLockFreeReference& reference)
-{
-    auto* at = reinterpret_cast<std::atomic<uint64_t>*>(&reference);
-    while (*at != reference.packedWord())
-        ++at;
-    return *at;
-}
-
-TEST(CXLockFreeReference, assertsAtTheLineWhereItsWordIsFoundBroken)
-{
-    CXRef<Witness> a = Witness::init();
-    CXRef<Witness> b = Witness::init();
-    using Operation = bool (*)(CXLockFreeReference&, const CXRef<Witness>&, const CXRef<Witness>&);
-    const Operation read = [](auto& reference, auto&, auto&) {
-        return bool(reference.copyObjectReference());
-    };
-    const Operation replaceOther = [](auto& reference, auto& first, auto& second) {
-        return reference.setObjectReference(first, second);
-    };
-    const Operation replace = [](auto& reference, auto& first, auto& second) {
-        return reference.setObjectReference(second, first) && reference.setObjectReference(first, second);
-    };
-    enum Fault { TooManyReaders, EmptySlot, ReadersForgotten };
-    const struct {
-        const char* reason;
-        Fault fault;
-        Operation operation;
-    } rows[] = {
-        {"CXLockFreeReference:112", TooManyReaders, read},
-        {"CXLockFreeReference:119", EmptySlot, read},
-        {"CXLockFreeReference:135", ReadersForgotten, read},
-        {"CXLockFreeReference:180", TooManyReaders, replace},
-        {"CXLockFreeReference:206", ReadersForgotten, replaceOther},
-        {"CXLockFreeReference:250", ReadersForgotten, replace},
-    };
-    for (const auto& row : rows) {
-        const CXRef<CXLockFreeReference> reference = CXLockFreeReference::initWithObjectReference(a);
-        std::atomic<uint64_t>& word = wordInside(*reference);
-        std::atomic<bool> isOver{false};
-        std::thread forgetting([&] {
-            while (row.fault == ReadersForgotten && !isOver)
-                word &= ~uint64_t{0xFFF};
-        });
-        if (row.fault == TooManyReaders)
-            word |= 0xFFF;
-        if (row.fault == EmptySlot)
-            reference->setObject(nullptr, 0);
-        std::string reason = "(none)";
-        while (reason == "(none)") // until the other thread strikes at the right moment
-            reason = reasonOf([&] { row.operation(*reference, a, b); });
-        isOver = true;
-        forgetting.join();
-        EXPECT_EQ(reason, row.reason);
-    }
-    a = b = nullptr;
-    Witness::alive = 0; // a step that broke off keeps what it had retained
-}
-
 // Every interleaving of two readers and two writers is explored in tests/models; this is for what a model
 // leaves out: memory orders, slots used again and again, and objects that end on any thread.
 TEST(CXLockFreeReference, readersNeverSeeAnEndedObjectUnderFire)

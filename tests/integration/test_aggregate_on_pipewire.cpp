@@ -27,7 +27,7 @@ protected:
     }
 
     PrivateServer server;
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
 };
 
 TEST_F(AggregateOnPipeWire, findsTheRatioOfTwoClocksAndLosesNothing)

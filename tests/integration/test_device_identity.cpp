@@ -19,7 +19,7 @@ protected:
         std::unique_ptr<FakeCard> card;
     };
 
-    DeviceIdentity() { HALSetBackend(PipeWireBackend::initWithRemote(server.remote())); }
+    DeviceIdentity() { HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote())); }
 
     /// `arrival` is what the session manager adds to the name: ".2" for the second of it.
     Plugged plug(const std::string& place, const std::string& arrival = "", const std::string& serial = "")

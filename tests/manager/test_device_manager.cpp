@@ -345,7 +345,7 @@ TEST_F(DXRDeviceManagerTest, refusesToWaitForItsOwnQueue)
 
 TEST(DXRDeviceManagerStart, worksForWhoeverHoldsTheLock)
 {
-    HALSetBackend(SimulatedBackend::init(SimulatedClock::Stepped));
+    HALSetHardwareDriver(SimulatedHardware::init(SimulatedClock::Stepped));
     DXRDeviceManager::lock().execute([] {
         DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
         EXPECT_EQ(DXRDeviceManager::init().get(), &manager);

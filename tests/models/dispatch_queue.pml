@@ -4,8 +4,13 @@
 
    What only the thread with the right can see or change is one step; every look at what others change is its own.
 
+   -DFAULT_... leaves one protection out, and the promise that it keeps is then broken:
+     FAULT_FINISHED_ELSEWHERE   a borrower runs the step that ends the thread
+     FAULT_UNHEARD_WAIT         the thread that gives the right up does not look whether the queue's thread waits
+     FAULT_CLOSED_UNDRAINED     the thread ends without a look at the signal that came last
+
    Looked for: two threads with the right at once, two signals under way, an item lost or run twice or before
-   one that came first, and a thread that waits for ever. */
+   one that came first, and a thread that waits forever. */
 
 #define NUL 0
 #define MARK 1
@@ -13,7 +18,7 @@
 #define B 3
 #define ONCE 4              /* the bypasses', lane 0 */
 #define WHOLE 5
-#define FINISH 6            /* lane 1 */
+#define FINISH 6            /* lane 1, for the queue's thread only */
 
 byte head = NUL;
 byte next[7];
@@ -22,6 +27,8 @@ byte owner = 0;
 byte ran[7];
 byte fires = 0;
 byte done = 0;
+byte threadId;              /* the queue's thread */
+bool threadEnded;
 chan lane0 = [4] of { byte };
 chan lane1 = [4] of { byte };
 
@@ -66,7 +73,7 @@ inline signal(isSent)
     }
 }
 
-/* Everything on the stack moves to the lanes, the oldest first. What hangs below the head is nobody else's. */
+/* Everything on the stack moves to the lanes, the oldest first. What hangs below the head is this thread's. */
 inline take_arrivals()
 {
     d_step {
@@ -84,16 +91,24 @@ inline take_arrivals()
     }
 }
 
-inline run_pass()
+#ifdef FAULT_FINISHED_ELSEWHERE
+#define is_for_another_thread false
+#else
+#define is_for_another_thread (lane1?[FINISH] && me != threadId && !threadEnded)
+#endif
+
+/* `mayGoOn` is false when the item that is next is for another thread. */
+inline run_pass(mayGoOn)
 {
     atomic {
         do
         :: nempty(lane0) -> lane0?i; run_item(i)
         :: empty(lane0) -> break
         od;
+        mayGoOn = !is_for_another_thread;
         if
-        :: nempty(lane1) -> lane1?i; run_item(i)
-        :: empty(lane1)
+        :: nempty(lane1) && mayGoOn -> lane1?i; run_item(i)
+        :: empty(lane1) || !mayGoOn
         fi;
         i = 0
     }
@@ -105,23 +120,31 @@ inline give_up(isGone)
     if
     :: atomic { head == MARK -> head = NUL; owner = 0 };
        isGone = true;
+#ifndef FAULT_UNHEARD_WAIT
        if
        :: threadWaits ->
            if
            :: atomic { head == NUL -> head = MARK };
-              atomic {
-                  signal(isGone);
-                  if
-                  :: !isGone -> become_owner()
-                  :: else
-                  fi
-              }
+              pass_on(isGone)
            :: else
            fi
        :: else
        fi
+#endif
     :: else -> isGone = false
     fi
+}
+
+/* With the right, not the owner: it goes to the thread, or is taken back when that has ended. */
+inline pass_on(isGone)
+{
+    atomic {
+        signal(isGone);
+        if
+        :: !isGone -> become_owner()
+        :: else
+        fi
+    }
 }
 
 /* As the owner. The thread looks for urgent work before a pass or does not: both are tried. */
@@ -130,26 +153,24 @@ inline run_until_idle(isGone)
     do
     :: atomic { (len(lane0) + len(lane1) == 0 || head > MARK) -> take_arrivals() };
        if
-       :: atomic { len(lane0) + len(lane1) > 0 -> run_pass() }
+       :: len(lane0) + len(lane1) > 0
        :: len(lane0) + len(lane1) == 0 -> give_up(isGone);
            if
            :: isGone -> break
            :: !isGone
            fi
        fi
-    :: atomic { len(lane0) + len(lane1) > 0 -> run_pass() }
+    :: atomic { len(lane0) + len(lane1) > 0 -> run_pass(isGone) };
+       if
+       :: !isGone -> owner = 0; pass_on(isGone); /* handed over */
+           if
+           :: isGone -> break
+           :: !isGone
+           fi
+       :: isGone
+       fi
     od;
     isGone = false
-}
-
-inline hand_over(isGone)
-{
-    owner = 0;
-    signal(isGone);
-    if
-    :: !isGone -> become_owner(); run_until_idle(isGone)
-    :: isGone
-    fi
 }
 
 inline stop_early(isGone)
@@ -160,7 +181,11 @@ inline stop_early(isGone)
     :: len(lane0) + len(lane1) > 0
     fi;
     if
-    :: !isGone -> hand_over(isGone)
+    :: !isGone -> owner = 0; pass_on(isGone);
+        if
+        :: !isGone -> run_until_idle(isGone)
+        :: isGone
+        fi
     :: else
     fi;
     isGone = false
@@ -213,7 +238,7 @@ proctype bypass(byte item)
        if
        :: flag -> become_owner();
            if
-           :: item == ONCE -> take_arrivals(); run_pass(); stop_early(flag)
+           :: item == ONCE -> take_arrivals(); run_pass(flag); stop_early(flag)
            :: else -> run_until_idle(flag)
            fi
        :: else
@@ -227,30 +252,41 @@ proctype thread()
 {
     byte h, i, k;
     bool flag;
-end_asleep:
     do
     :: finished -> break
-    :: !finished && fires == 0 -> /* the timer is due */
+    :: else ->
+       /* Asleep. Only a signal or the timer ends it: it does not look whether the queue is finished. */
+end_asleep:
        if
-       :: atomic { head == NUL -> head = MARK }
-       :: else ->
-           threadWaits = true;
+       :: atomic { signalled -> signalled = false; become_owner() };
+          run_until_idle(flag)
+       :: !signalled && fires == 0 /* the timer is due: a look, and no sleep */
+       fi;
+       if
+       :: fires == 0 ->
            if
            :: atomic { head == NUL -> head = MARK }
-           :: else -> atomic { signalled -> signalled = false }
+           :: else ->
+               threadWaits = true;
+               if
+               :: atomic { head == NUL -> head = MARK }
+               :: else -> atomic { signalled -> signalled = false }
+               fi;
+               threadWaits = false
            fi;
-           threadWaits = false
-       fi;
-       atomic { become_owner(); fires++ };
-       run_until_idle(flag)
-    :: atomic { !finished && signalled -> signalled = false; become_owner() };
-       run_until_idle(flag)
+           atomic { become_owner(); fires++ };
+           run_until_idle(flag)
+       :: else
+       fi
     od;
+    threadEnded = true;
     atomic { flag = signalled; closed = true };
+#ifndef FAULT_CLOSED_UNDRAINED
     if
     :: flag -> become_owner(); run_until_idle(flag)
     :: else
     fi;
+#endif
     done++
 }
 
@@ -258,7 +294,7 @@ byte expected = 0;
 
 init {
     atomic {
-        run thread();
+        threadId = run thread() + 1;
 #ifdef WITH_PRODUCER
         run producer(); expected++;
 #endif

@@ -1,9 +1,11 @@
-#include "CXBlock.h"
+#include "CXBlockRef.h"
 #include "CXWeak.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -75,7 +77,14 @@ TEST(CXBlock, hasTheIdentityOfWhatItWasMadeFrom)
     EXPECT_EQ(block(3), 5);
     EXPECT_TRUE(block == copy);
     EXPECT_FALSE(block == other);
+    int (*const function)(int) = std::abs;
+    int (*const nullFunction)(int) = nullptr;
     EXPECT_FALSE(CXBlock<int(int)>());
+    EXPECT_FALSE(CXBlock<int(int)>(nullFunction));
+    EXPECT_FALSE(CXBlock<int(int)>(std::function<int(int)>()));
+    EXPECT_FALSE(CXBlockRef<int(int)>(nullFunction));
+    EXPECT_EQ(CXBlock<int(int)>(std::function<int(int)>(block))(1), 6);
+    EXPECT_EQ(CXBlock<int(int)>(function)(-3), 3);
 }
 
 } // namespace

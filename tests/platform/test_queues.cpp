@@ -53,6 +53,22 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
     });
     EXPECT_TRUE(current);
     EXPECT_TRUE(refused);
+
+    const CXRef<SerialQueue> inner = SerialQueue::initWithLabel("vierzehn bytesä");
+    queue->sync([&] {
+        inner->sync([&] { // on this thread: it is idle
+            EXPECT_TRUE(inner->isCurrent());
+            EXPECT_TRUE(queue->isCurrent());
+        });
+        EXPECT_FALSE(inner->isCurrent());
+    });
+    std::promise<std::string> name;
+    inner->async([&] {
+        char text[16];
+        pthread_getname_np(pthread_self(), text, sizeof text);
+        name.set_value(text);
+    });
+    EXPECT_EQ(name.get_future().get(), "vierzehn bytes") << "cut at a whole character";
 }
 
 TEST(WorkQueue, delaysWorkAndKeepsTheOrderOfDeadlines)
@@ -77,7 +93,7 @@ TEST(GlobalQueue, runsWorkSideBySide)
     std::promise<void> first;
     std::promise<void> second;
     GlobalQueue::highPriority().async([&] {
-        second.get_future().wait(); // would wait for ever on one thread
+        second.get_future().wait(); // would wait forever on one thread
         first.set_value();
     });
     GlobalQueue::highPriority().async([&] { second.set_value(); });

@@ -1,12 +1,13 @@
 #include "RealtimeScheduling.h"
 
+#include "Privileges.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <linux/capability.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -20,15 +21,6 @@
 // Each test leaves its process without privileges, or with other limits: CTest gives every one its own.
 namespace platform {
 namespace {
-
-void giveUpPrivileges()
-{
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct none[2]{};
-    ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
-    const rlimit noPriority{0, 0};
-    ASSERT_EQ(setrlimit(RLIMIT_RTPRIO, &noPriority), 0);
-}
 
 /// A bus of our own, in place of the system's.
 class PrivateBus {
@@ -73,10 +65,12 @@ private:
     bool _isUp = false;
 };
 
-/// Stands in for RealtimeKit on that bus, and notes what it was asked.
+/// Stands in for RealtimeKit on that bus, and notes what it was asked. Like that, it looks at the policy first and at the
+/// priority then.
 class FakeRealtimeKit {
 public:
-    FakeRealtimeKit()
+    enum class Policy { Grants, Refuses };
+    explicit FakeRealtimeKit(Policy policy) : _policy(policy)
     {
         static const sd_bus_vtable members[] = {
             SD_BUS_VTABLE_START(0),
@@ -125,11 +119,16 @@ private:
         uint64_t thread = 0;
         uint32_t priority = 0;
         sd_bus_message_read(call, "tu", &thread, &priority);
+        if (static_cast<FakeRealtimeKit*>(self)->_policy == Policy::Refuses)
+            return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "not for you");
+        if (priority == 0)
+            return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "no such priority");
         static_cast<FakeRealtimeKit*>(self)->askedThread = thread;
         static_cast<FakeRealtimeKit*>(self)->askedPriority = priority;
         return sd_bus_reply_method_return(call, "");
     }
 
+    const Policy _policy;
     sd_bus* _bus = nullptr;
     std::atomic<bool> _stopped{false};
     std::thread _thread;
@@ -137,7 +136,7 @@ private:
 
 TEST(RealtimeScheduling, takesAFixedPriorityThatItsChildrenDoNotInherit)
 {
-    if (makeCurrentThreadRealtime() != RealtimeOutcome::Fifo)
+    if (makeCurrentThreadRealtime().grant != RealtimeGrant::Fifo)
         GTEST_SKIP() << "needs the privilege to be scheduled in real time";
     EXPECT_EQ(sched_getscheduler(0) & ~SCHED_RESET_ON_FORK, SCHED_FIFO);
     int child = -1;
@@ -149,9 +148,9 @@ TEST(RealtimeScheduling, asksRealtimeKitWithinTheLimitsItNames)
 {
     const PrivateBus bus;
     ASSERT_TRUE(bus.isUp());
-    const FakeRealtimeKit kit;
+    const FakeRealtimeKit kit(FakeRealtimeKit::Policy::Grants);
     giveUpPrivileges();
-    EXPECT_EQ(makeCurrentThreadRealtime(), RealtimeOutcome::RealtimeKit);
+    EXPECT_EQ(makeCurrentThreadRealtime().grant, RealtimeGrant::RealtimeKit);
     EXPECT_EQ(kit.askedThread, static_cast<uint64_t>(gettid()));
     EXPECT_EQ(kit.askedPriority, 20U);
     rlimit limit{};
@@ -159,11 +158,28 @@ TEST(RealtimeScheduling, asksRealtimeKitWithinTheLimitsItNames)
     EXPECT_LE(limit.rlim_max, 200'000U) << "RealtimeKit refuses processes without this limit";
 }
 
-TEST(RealtimeScheduling, goesOnWithoutWhereNobodyGrantsIt)
+TEST(RealtimeScheduling, leavesTheProcessAsItWasWhenRealtimeKitRefuses)
+{
+    const PrivateBus bus;
+    ASSERT_TRUE(bus.isUp());
+    const FakeRealtimeKit kit(FakeRealtimeKit::Policy::Refuses);
+    giveUpPrivileges();
+    rlimit before{};
+    getrlimit(RLIMIT_RTTIME, &before);
+    const RealtimeOutcome outcome = makeCurrentThreadRealtime();
+    EXPECT_EQ(outcome.grant, RealtimeGrant::None);
+    EXPECT_EQ(outcome.error, EACCES);
+    rlimit after{};
+    getrlimit(RLIMIT_RTTIME, &after);
+    EXPECT_EQ(after.rlim_cur, before.rlim_cur);
+    EXPECT_EQ(after.rlim_max, before.rlim_max) << "without privileges it could not be raised again";
+}
+
+TEST(RealtimeScheduling, goesOnWithoutAGrantWhereThereIsNoRealtimeKit)
 {
     giveUpPrivileges();
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    EXPECT_EQ(makeCurrentThreadRealtime(), RealtimeOutcome::Refused);
+    EXPECT_EQ(makeCurrentThreadRealtime().grant, RealtimeGrant::None);
     EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
 }
 
@@ -179,7 +195,7 @@ TEST(RealtimeScheduling, doesNotWaitLongForABusThatIsStuck)
     ASSERT_EQ(listen(listener, 4), 0);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + path).c_str(), 1);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(makeCurrentThreadRealtime(), RealtimeOutcome::Refused);
+    EXPECT_EQ(makeCurrentThreadRealtime().grant, RealtimeGrant::None);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15))
         << "half a minute without a limit";
     close(listener);

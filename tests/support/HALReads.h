@@ -1,13 +1,24 @@
 #pragma once
 
 #include "CXValue.h"
-#include "HALBackend.h"
+#include "HALModel.h"
+#include "SimulatedHardware.h"
 
 #include <optional>
 #include <string>
 #include <vector>
 
-// Reading properties in tests, from a backend at hand. Nothing answers where the HAL answers an error.
+// Reading properties in tests. Nothing where the HAL returns an error.
+
+/// The model of the process, for a test whose hardware it uses.
+inline HALModel& modelOf(SimulatedHardware& /*hardware*/)
+{
+    return *halActiveModel();
+}
+inline HALModel& modelOf(HALModel& model)
+{
+    return model;
+}
 
 inline AudioObjectPropertyAddress at(uint32_t selector, uint32_t scope = kAudioObjectPropertyScopeGlobal,
                                      uint32_t element = kAudioObjectPropertyElementMain)
@@ -16,31 +27,31 @@ inline AudioObjectPropertyAddress at(uint32_t selector, uint32_t scope = kAudioO
 }
 
 template <class Value>
-std::optional<Value> readValue(HALBackend& hal, AudioObjectID object,
-                               const AudioObjectPropertyAddress& address)
+std::optional<Value> readValue(auto& hal, AudioObjectID object, const AudioObjectPropertyAddress& address)
 {
     Value value{};
     uint32_t size = 0;
-    if (hal.readProperty(object, address, {}, std::as_writable_bytes(std::span(&value, 1)), size) != 0 ||
+    if (modelOf(hal).readProperty(object, address, {}, std::as_writable_bytes(std::span(&value, 1)), size) !=
+            0 ||
         size != sizeof value)
         return std::nullopt;
     return value;
 }
 
 template <class Value>
-std::vector<Value> readList(HALBackend& hal, AudioObjectID object, const AudioObjectPropertyAddress& address)
+std::vector<Value> readList(auto& hal, AudioObjectID object, const AudioObjectPropertyAddress& address)
 {
     uint32_t size = 0;
-    if (hal.propertySize(object, address, {}, size) != 0)
+    if (modelOf(hal).propertySize(object, address, {}, size) != 0)
         return {};
-    std::vector<Value> values(size / sizeof(Value) + 16); // room for what comes in between
-    if (hal.readProperty(object, address, {}, std::as_writable_bytes(std::span(values)), size) != 0)
+    std::vector<Value> values(size / sizeof(Value) + 16); // room for objects that come in between
+    if (modelOf(hal).readProperty(object, address, {}, std::as_writable_bytes(std::span(values)), size) != 0)
         return {};
     values.resize(size / sizeof(Value));
     return values;
 }
 
-inline std::optional<std::string> readText(HALBackend& hal, AudioObjectID object,
+inline std::optional<std::string> readText(auto& hal, AudioObjectID object,
                                            const AudioObjectPropertyAddress& address)
 {
     const auto pointer = readValue<CXObject*>(hal, object, address);
@@ -51,19 +62,19 @@ inline std::optional<std::string> readText(HALBackend& hal, AudioObjectID object
 }
 
 template <class Value>
-HALStatus writeValue(HALBackend& hal, AudioObjectID object, const AudioObjectPropertyAddress& address,
+HALStatus writeValue(auto& hal, AudioObjectID object, const AudioObjectPropertyAddress& address,
                      const Value& value)
 {
-    return hal.writeProperty(object, address, {}, std::as_bytes(std::span(&value, 1)));
+    return modelOf(hal).writeProperty(object, address, {}, std::as_bytes(std::span(&value, 1)));
 }
 
-inline std::vector<AudioObjectID> readDevices(HALBackend& hal)
+inline std::vector<AudioObjectID> readDevices(auto& hal)
 {
     return readList<AudioObjectID>(hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDevices));
 }
 
 /// The device of that UID; 0 when there is none.
-inline AudioObjectID deviceWithUID(HALBackend& hal, const std::string& uid)
+inline AudioObjectID deviceWithUID(auto& hal, const std::string& uid)
 {
     for (const AudioObjectID device : readDevices(hal)) {
         if (readText(hal, device, at(kAudioDevicePropertyDeviceUID)) == uid)

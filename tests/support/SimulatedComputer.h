@@ -28,14 +28,14 @@ protected:
         }
     }
 
-    SimulatedBackend& hal = _hardware();
+    SimulatedHardware& hal = _hardware();
 
 private:
-    static SimulatedBackend& _hardware()
+    static SimulatedHardware& _hardware()
     {
-        static const CXRef<SimulatedBackend> backend = [] {
-            CXRef<SimulatedBackend> made = SimulatedBackend::init(SimulatedClock::Stepped);
-            HALSetBackend(made);
+        static const CXRef<SimulatedHardware> backend = [] {
+            CXRef<SimulatedHardware> made = SimulatedHardware::init(SimulatedClock::Stepped);
+            HALSetHardwareDriver(made);
             return made;
         }();
         return *backend;

@@ -24,11 +24,11 @@ class ToolAudio : public testing::Test {
 protected:
     static constexpr int64_t second = 1'000'000'000; // ticks of the stepped clock
 
-    static SimulatedBackend& hardware()
+    static SimulatedHardware& hardware()
     {
-        static const CXRef<SimulatedBackend> backend = [] {
-            CXRef<SimulatedBackend> made = SimulatedBackend::init(SimulatedClock::Stepped);
-            HALSetBackend(made);
+        static const CXRef<SimulatedHardware> backend = [] {
+            CXRef<SimulatedHardware> made = SimulatedHardware::init(SimulatedClock::Stepped);
+            HALSetHardwareDriver(made);
             return made;
         }();
         return *backend;
@@ -121,7 +121,7 @@ protected:
         return all;
     }
 
-    SimulatedBackend& hal = hardware();
+    SimulatedHardware& hal = hardware();
     Interrupts interrupts;
     std::vector<float> played, alsoPlayed;
 };

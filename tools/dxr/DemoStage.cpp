@@ -24,10 +24,10 @@ void putOnTheBus(uint32_t location)
         [location] { return platform::USBRegistryContents::initWithDevices({{location}}, {}); });
 }
 
-CXRef<SimulatedBackend> openHardware()
+CXRef<SimulatedHardware> openHardware()
 {
-    CXRef<SimulatedBackend> backend = SimulatedBackend::init(SimulatedClock::RealTime);
-    HALSetBackend(backend);
+    CXRef<SimulatedHardware> backend = SimulatedHardware::init(SimulatedClock::RealTime);
+    HALSetHardwareDriver(backend);
     return backend;
 }
 

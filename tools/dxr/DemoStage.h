@@ -47,7 +47,7 @@ public:
     DemoRecording& recordingOf(Device output) { return *_recordings[output]; }
 
 private:
-    const CXRef<SimulatedBackend> _backend;
+    const CXRef<SimulatedHardware> _backend;
     uint32_t _location; // of the headphones, as the bus knows it
     std::array<std::unique_ptr<DemoRecording>, devices.size()> _recordings; // none for the microphone
 };

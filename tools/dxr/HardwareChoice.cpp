@@ -7,11 +7,11 @@ HardwareChoice::HardwareChoice(CLI::App& command)
     command.add_flag("--simulated", _isSimulated, "Use a simulated computer's devices instead of this one's");
 }
 
-CXRef<SimulatedBackend> HardwareChoice::apply() const
+CXRef<SimulatedHardware> HardwareChoice::apply() const
 {
     if (!_isSimulated)
         return nullptr;
-    CXRef<SimulatedBackend> backend = SimulatedZoo::open();
-    HALSetBackend(backend);
+    CXRef<SimulatedHardware> backend = SimulatedZoo::open();
+    HALSetHardwareDriver(backend);
     return backend;
 }

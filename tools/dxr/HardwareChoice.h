@@ -12,7 +12,7 @@ public:
 
     /// Makes the chosen hardware the process's: the simulated computer, whose backend it answers, or the real
     /// one, for which it answers none. Call it once, before anything else touches a device.
-    CXRef<SimulatedBackend> apply() const;
+    CXRef<SimulatedHardware> apply() const;
 
 private:
     bool _isSimulated = false;

@@ -63,7 +63,7 @@ double secondsOf(uint64_t ticks)
 /// The monitor of what was named, or of the default devices, whichever these are.
 class Monitor {
 public:
-    Monitor(const RunnerOptions& options, const CXRef<SimulatedBackend>& simulated);
+    Monitor(const RunnerOptions& options, const CXRef<SimulatedHardware>& simulated);
 
     void run();
 
@@ -99,7 +99,7 @@ private:
     bool _isCounting = false, _isHeard = false, _isOver = false;
 };
 
-Monitor::Monitor(const RunnerOptions& options, const CXRef<SimulatedBackend>& simulated)
+Monitor::Monitor(const RunnerOptions& options, const CXRef<SimulatedHardware>& simulated)
     : _options(options),
       _visitor(simulated ? std::make_unique<SimulatedVisitor>(simulated, visitorsPause) : nullptr)
 {
@@ -328,7 +328,7 @@ void registerMonitorCommand(CLI::App& app)
     options->addInputs("A device to hear");
     options->addOutputs("A device to run");
     command->callback([options] {
-        const CXRef<SimulatedBackend> simulated = options->find();
+        const CXRef<SimulatedHardware> simulated = options->find();
         Monitor(*options, simulated).run();
     });
 }

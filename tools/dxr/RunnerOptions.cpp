@@ -30,9 +30,9 @@ CLI::Option* RunnerOptions::addSeconds(const std::string& what)
     return _command.add_option("--seconds", _seconds, what)->check(CLI::PositiveNumber);
 }
 
-CXRef<SimulatedBackend> RunnerOptions::find()
+CXRef<SimulatedHardware> RunnerOptions::find()
 {
-    CXRef<SimulatedBackend> simulated = _hardware.apply();
+    CXRef<SimulatedHardware> simulated = _hardware.apply();
     _foundInputs = DeviceSelection::findAll(_inputs, HALDirection::Input);
     _foundOutputs = DeviceSelection::findAll(_outputs, HALDirection::Output);
     return simulated;

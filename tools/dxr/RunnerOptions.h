@@ -19,7 +19,7 @@ public:
 
     /// Makes the chosen hardware the process's, and finds the devices that were named. Answers the simulated
     /// computer's backend, if it is that. Throws ToolFailure.
-    CXRef<SimulatedBackend> find();
+    CXRef<SimulatedHardware> find();
     /// Takes the default input and output, as far as there are, where nothing was named.
     void takeDefaults();
     const std::vector<DeviceSelection>& inputs() const { return _foundInputs; }

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-SimulatedVisitor::SimulatedVisitor(CXRef<SimulatedBackend> backend, std::chrono::milliseconds pause)
+SimulatedVisitor::SimulatedVisitor(CXRef<SimulatedHardware> backend, std::chrono::milliseconds pause)
     : _backend(std::move(backend)), _pauseBetween(pause), _thread([this] { _visit(); })
 {}
 

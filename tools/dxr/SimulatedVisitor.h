@@ -11,7 +11,7 @@
 class SimulatedVisitor {
 public:
     /// `pause` is from each of its deeds to the next.
-    explicit SimulatedVisitor(CXRef<SimulatedBackend> backend,
+    explicit SimulatedVisitor(CXRef<SimulatedHardware> backend,
                               std::chrono::milliseconds pause = std::chrono::milliseconds(400));
     ~SimulatedVisitor();
     SimulatedVisitor(const SimulatedVisitor&) = delete;
@@ -21,7 +21,7 @@ private:
     void _visit();
     bool _pause();
 
-    const CXRef<SimulatedBackend> _backend;
+    const CXRef<SimulatedHardware> _backend;
     const std::chrono::milliseconds _pauseBetween;
     std::mutex _mutex;
     std::condition_variable _left;

@@ -1,10 +1,10 @@
 #include "SimulatedZoo.h"
 
-CXRef<SimulatedBackend> SimulatedZoo::open()
+CXRef<SimulatedHardware> SimulatedZoo::open()
 {
     using enum HALDirection;
     constexpr float tone = 0.25F;
-    CXRef<SimulatedBackend> backend = SimulatedBackend::init(SimulatedClock::RealTime);
+    CXRef<SimulatedHardware> backend = SimulatedHardware::init(SimulatedClock::RealTime);
     backend->plug(aDevice()
                       .uid("zoo-speakers")
                       .name("Built-in Speakers")

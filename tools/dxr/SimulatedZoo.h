@@ -14,7 +14,7 @@ public:
     /// - "Loop-back Cable" (zoo-loopback): what is played into it comes back from its input
     /// - "Ramp Generator" (zoo-ramp): stereo input whose every frame tells its own sample time
     /// - "Service Port" (zoo-hidden): hidden, with an escape sequence in its name
-    static CXRef<SimulatedBackend> open();
+    static CXRef<SimulatedHardware> open();
     /// The device that comes and goes in scripts: "Wireless Headphones" (zoo-headphones), stereo both ways.
     static SimulatedDeviceBuilder headphones();
 };

@@ -73,7 +73,7 @@ void print(const std::vector<DeviceWatch::Event>& events, const Options& options
 
 void run(const Options& options)
 {
-    const CXRef<SimulatedBackend> simulated = options.hardware.apply();
+    const CXRef<SimulatedHardware> simulated = options.hardware.apply();
     const Terminal terminal;
     DeviceWatch watch(options.all);
     print(watch.begin(), options, terminal);

@@ -1,15 +1,15 @@
 #pragma once
 
-#include "CXBlockRef.h"
+#include "CXDispatchDrain.h"
+#include "CXDispatchTimerList.h"
 #include "CXErrorAdditions.h"
 #include "CXQueueChecks.h"
 #include "CXRef.h"
+#include "CXThreadSetRealtime.h"
 #include "PortSet.h"
-#include "TFASpentBlocks.h"
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <pthread.h>
 #include <string>
@@ -29,26 +29,26 @@ inline constexpr uint32_t CXDispatchAfterCancel = 0x100;  ///< allowed once the 
 /// Threads:   any, unless a method says otherwise. A callback that throws ends the process.
 /// Real time: pushing asynchronous work made beforehand (making a CXBlock of a lambda allocates), as long as no
 ///            more than a thousand pieces wait in the whole process (TFA_reserve for 16 bytes prepares for
-///            more); and a bypass, which on an idle queue neither waits nor wakes anybody. The synchronous
+///            more); and a bypass, which on an idle queue neither waits nor wakes a thread. The synchronous
 ///            forms wait.
 /// Fails:     wrong use asserts, with "CXDispatchQueue" and a line: a lane other than 0 and 1, work for a
 ///            cancelled queue, waiting for the queue from itself.
 /// Its thread keeps a queue alive until it is cancelled and its work is done.
 class CX_QUEUE_CAPABILITY DXR_EXPORT CXDispatchQueue final : public CXObject {
 public:
-    using Work = CXBlock<void()>;
-    using BorrowedWork = CXBlockRef<void()>;
+    using Work = CXDispatchDrain::Work;
+    using BorrowedWork = CXDispatchDrain::BorrowedWork;
 
     /// A queue without a name of its own.
     static CXRef<CXDispatchQueue> init() { return initWithName(std::nullopt); }
-    /// Its thread takes the name, cut to the kernel's 15 bytes. Null when the system has no thread to give.
+    /// Its thread takes the name, cut to the kernel's 15 bytes. Null when no thread can be created.
     static CXRef<CXDispatchQueue> initWithName(std::optional<std::string> name);
 
     const std::optional<std::string>& name() const noexcept { return _name; }
     /// Which thread is running queue work now; 0 for none.
-    pthread_t owner() const noexcept CX_REALTIME { return _owner.load(std::memory_order_relaxed); }
+    pthread_t owner() const noexcept CX_REALTIME { return _drain.owner(); }
     /// The queue's own thread; 0 once it has ended.
-    pthread_t thread() const noexcept { return _thread.load(); }
+    pthread_t thread() const noexcept { return _drain.thread(); }
     /// Whether the calling thread is running this queue's work, its own or borrowed.
     bool isDispatchedOnCurrentThread() const noexcept CX_REALTIME { return owner() == pthread_self(); }
 
@@ -58,7 +58,7 @@ public:
     /// Runs `block` on the queue some time after the call.
     void dispatchAsync(const Work& block) CX_REALTIME { dispatchAsync(CXDispatchClientLane, block); }
     void dispatchAsync(uint32_t flags, const Work& block) CX_REALTIME;
-    /// From the queue itself, runs `block` at once and answers true; from elsewhere as dispatchSync, and
+    /// From the queue itself, runs `block` at once and returns true; from elsewhere as dispatchSync, and
     /// false. Null does nothing.
     bool dispatchSyncImmed(BorrowedWork block) { return dispatchSyncImmed(CXDispatchClientLane, block); }
     bool dispatchSyncImmed(uint32_t flags, BorrowedWork block);
@@ -85,119 +85,41 @@ public:
     /// Schedules the timer anew by its own deadline and interval, soon.
     void updateTimer(const CXRef<CXDispatchTimer>& timer);
 
-    /// Puts the queue's thread under real-time scheduling; a refusal is logged. Returns when it is done.
+    /// Puts the queue's thread under real-time scheduling; a refusal is logged. Returns when it is done; from work that
+    /// runs on a borrowing thread, at once, and the queue's thread does it before its next work.
     void setRealTime();
+    /// What setRealTime() has obtained; None before.
+    CXRealtimeGrant realTimeGrant() const noexcept { return _realTimeGrant.load(); }
     /// No new work from now on, except with CXDispatchAfterCancel; timers are cancelled. The thread ends
     /// after the work that is there. Work allowed after that runs on whichever thread brings it.
     void cancel();
 
-    /// For CX_ASSERT_ON_QUEUE: tells the analysis what has just been checked.
+    /// For CX_ASSERT_ON_QUEUE: states to the analysis what has just been checked.
     void assumeCurrent() const noexcept CX_ASSERTS_QUEUE {}
 
 private:
-    struct Item;
-    struct AsynchronousItem;
-    struct SynchronousItem;
-    class TimerEntry;
-    /// Items one behind the other.
-    struct Lane {
-        Item* first = nullptr;
-        Item* last = nullptr;
-    };
-    enum class Drain { UntilIdle, Once };
-
     explicit CXDispatchQueue(std::optional<std::string> name);
     ~CXDispatchQueue() override;
 
     void _checkLane(uint32_t flags) const;
     void _checkNotCancelled(uint32_t flags) const;
     void _checkNotOwner() const;
-
-    bool _push(Item& item) noexcept CX_REALTIME;
-    void _wakeThread() CX_REALTIME;
-    bool _bypassIfIdle(Drain drain, BorrowedWork block) CX_REALTIME;
-    void _bypass(Drain drain, BorrowedWork block) CX_REALTIME;
-    void _waitForRight() noexcept;
-    void _becomeOwner() CX_REALTIME;
-    void _drain() CX_REALTIME;
-    void _drainOnce() CX_REALTIME;
-    void _runUntilIdle() CX_REALTIME;
-    void _runPass() noexcept CX_REALTIME;
-    void _stopEarly() CX_REALTIME;
-    bool _giveUpIfIdle() CX_REALTIME;
-    void _handOver() CX_REALTIME;
-    void _letItemsGather() const noexcept CX_REALTIME;
-    void _takeArrivals() noexcept CX_REALTIME;
-    void _append(const Lane& chain, uint32_t lane) noexcept CX_REALTIME;
-    Item* _next(uint32_t lane) noexcept CX_REALTIME;
-    void _invoke(Item* item) noexcept CX_REALTIME;
-    bool _areLanesEmpty() const noexcept { return _lanes[0].first == nullptr && _lanes[1].first == nullptr; }
-    bool _isQueueThread() const noexcept { return pthread_self() == _thread.load(std::memory_order_relaxed); }
     bool _isCancelled() const noexcept { return _cancelled.load() != 0; }
+    void _async(uint32_t lane, CXDispatchDrain::RunBy runBy, const Work& block) CX_REALTIME;
 
     void _workloop();
-    void _deliver(const platform::PortSet::Event& event) noexcept;
-    void _fireTimers() noexcept;
-    CXRef<TimerEntry> _nextDue(uint64_t now) const noexcept;
-    void _schedule(TimerEntry& entry) noexcept;
-    void _unschedule(TimerEntry& entry) noexcept;
-    void _publishFirstDeadline() noexcept;
-    void _cancelTimers();
-
-    /// The head of the stack while it is being drained; never an item.
-    static Item* mark() noexcept { return reinterpret_cast<Item*>(UINTPTR_MAX); }
-
-    // --- Pushing and draining ---
-    //
-    // Exactly one thread at a time has the right to drain, and only it runs work. The head of the stack of
-    // pending items says where the right is:
-    //   null         nobody has it; the queue is idle
-    //   the mark     somebody has it, and nothing has arrived since it last took what was there
-    //   an item      somebody has it, or will: items have arrived. The chain ends at null or at the mark.
-    // Pushing is one exchange of the head. A push onto null takes the right along and must pass it on: to the
-    // queue's thread by the port set's signal, or, for a bypass, to itself. A push onto anything else leaves
-    // the item to whoever has the right. An exchange from null to the mark takes the right without an item;
-    // the exchange from the mark to null gives it up and fails if something has arrived. So a signal always
-    // carries the right, and there is never more than one under way. A drain that stops early sends it to the
-    // queue's thread and leaves the head as it is. A set that is closed (the thread has ended) refuses the
-    // signal, and the right stays with the sender, which drains.
-    //
-    // The queue's own thread needs the right for timers and receivers too. When it finds somebody else has
-    // it, it raises `_threadWaits` and tries once more; whoever gives the right up looks at that flag
-    // afterwards, takes the right again if it can, and sends it over. All these are sequentially consistent:
-    // one of the two sees the other.
-    //
-    // The exchange that pushes releases the item, the one that takes the stack acquires it. What the right
-    // guards (_owner, the lanes, the timers) passes with it through the same exchanges and the signal.
-    alignas(64) std::atomic<Item*> _queue{nullptr};
-    // Raised after work of lane 0 was pushed onto a busy queue, so that a drain with a long lane 1 need not
-    // take the stack after every item to look for it, and fight the pushing threads for its head.
-    alignas(64) std::atomic<bool> _urgent{false};
-    std::atomic<bool> _threadWaits{false};
-    std::atomic<uint32_t> _cancelled{0}; // bit 0: requested, bit 1: finished
-
-    // --- Guarded by the right to drain ---
-    alignas(64) std::atomic<pthread_t> _owner{0}; // read by all, each for a look whether it is itself
-    Lane _lanes[2];                               // taken from the stack, in order of arrival
-    uint32_t _arrivedTogether = 0;                // how many items the stack held when it was last taken
-    TFASpentBlocks _spentItems;
-    std::map<const CXDispatchTimer*, CXRef<TimerEntry>> _timerMap;
-    TimerEntry* _firstTimer = nullptr; // by ascending deadline, equal ones in the order they were scheduled
-    TimerEntry* _lastTimer = nullptr;
-    uint64_t _timerPass = 0;
-    // Something only the queue's thread can do: a borrower sends it the right instead of giving it up.
-    bool _needsThread = false;
-    bool _wantsRealTime = false;
-    // The first timer's, for the queue's thread to sleep by; it reads this without the right, and whoever
-    // makes it earlier sets _needsThread.
-    std::atomic<uint64_t> _nextDeadline{platform::Futex::noDeadline};
+    void _deliverMessage() noexcept;
 
     const std::optional<std::string> _name;
     const CXRef<platform::PortSet> _portset; // the receivers' ports, and the signal
-    std::atomic<pthread_t> _thread{0};
+    std::atomic<uint32_t> _cancelled{
+        0}; // bit 0: requested, bit 1: finished; the second by the queue's thread
+    std::atomic<CXRealtimeGrant> _realTimeGrant{CXRealtimeGrant::None};
+    CXDispatchDrain _drain;
+    CXDispatchTimerList _timers; // guarded by the right to drain
 };
 
-/// Asserts that the caller runs as work of `queue`, and tells the compiler's analysis so.
+/// Asserts that the caller runs as work of `queue`, and states so to the compiler's analysis.
 #define CX_ASSERT_ON_QUEUE(queue)                                                                            \
     ((queue)->isDispatchedOnCurrentThread()                                                                  \
          ? (queue)->assumeCurrent()                                                                          \

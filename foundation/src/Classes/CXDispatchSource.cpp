@@ -33,31 +33,33 @@ void CXDispatchSource::setDispatchQueue(const CXRef<CXDispatchQueue>& queue)
     if (!queue)
         return;
     _enter(*queue);
-    // Cancelled on the way in: then nobody may have found it on the queue. A cancellation that is not seen here
-    // finds the queue when it finishes.
-    if (_cancelled.load() == 0)
-        return;
-    _leave(*queue);
-    _queue->setObjectReference(nullptr, queue);
+    if ((_cancelled.fetch_or(0) & cancelRequested) != 0)
+        _leaveForGood(queue);
 }
 
 void CXDispatchSource::cancel()
 {
-    const CXRef<CXDispatchQueue> queue = this->queue();
     const uint32_t before = _cancelled.fetch_or(cancelRequested);
+    const CXRef<CXDispatchQueue> queue = this->queue();
     if (!queue)
-        _finishCancel();
+        _finishCancel(nullptr);
     else if ((before & cancelRequested) == 0)
         queue->dispatchAsyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel,
-                                  [self = CXRef(this)] { self->_finishCancel(); });
+                                  [self = CXRef(this), queue] { self->_finishCancel(queue); });
 }
 
-void CXDispatchSource::_finishCancel()
+/// On `queue`, or on none.
+void CXDispatchSource::_finishCancel(const CXRef<CXDispatchQueue>& queue)
 {
     if ((_cancelled.fetch_or(cancelDone) & cancelDone) != 0)
         return;
     _handler->setObjectReference(nullptr);
-    if (const CXRef<CXDispatchQueue> queue = this->queue())
-        _leave(*queue);
-    _queue->setObjectReference(nullptr);
+    if (queue)
+        _leaveForGood(queue);
+}
+
+void CXDispatchSource::_leaveForGood(const CXRef<CXDispatchQueue>& queue)
+{
+    _leave(*queue);
+    _queue->setObjectReference(nullptr, queue);
 }

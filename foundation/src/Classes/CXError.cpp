@@ -6,11 +6,9 @@
 
 namespace {
 
-CXError::UserInfo filledUserInfo(const std::optional<CXError::UserInfo>& given,
-                                 const std::optional<std::string>& title,
+CXError::UserInfo filledUserInfo(CXError::UserInfo userInfo, const std::optional<std::string>& title,
                                  const CXRef<CXError>& underlyingError, const char* format, va_list arguments)
 {
-    CXError::UserInfo userInfo = given.value_or(CXError::UserInfo());
     if (title)
         userInfo[CXError::localizedDescriptionKey] = CXValue::initWithPlist(*title);
     if (format && *format != '\0')
@@ -28,13 +26,12 @@ CXRef<CXError> CXError::errorWithDomain(std::string domain, int32_t code,
 {
     va_list arguments;
     va_start(arguments, format);
-    UserInfo info = filledUserInfo(std::nullopt, title, nullptr, format, arguments);
+    UserInfo info = filledUserInfo({}, title, nullptr, format, arguments);
     va_end(arguments);
     return CXRef<CXError>::adopt(new CXError(std::move(domain), code, std::move(info)));
 }
 
-CXRef<CXError> CXError::errorWithDomain(std::string domain, int32_t code,
-                                        const std::optional<UserInfo>& userInfo,
+CXRef<CXError> CXError::errorWithDomain(std::string domain, int32_t code, const UserInfo& userInfo,
                                         const std::optional<std::string>& title, const char* format, ...)
 {
     va_list arguments;
@@ -45,8 +42,7 @@ CXRef<CXError> CXError::errorWithDomain(std::string domain, int32_t code,
 }
 
 CXRef<CXError> CXError::errorWithDomain(std::string domain, int32_t code,
-                                        const CXRef<CXError>& underlyingError,
-                                        const std::optional<UserInfo>& userInfo,
+                                        const CXRef<CXError>& underlyingError, const UserInfo& userInfo,
                                         const std::optional<std::string>& title, const char* format, ...)
 {
     va_list arguments;

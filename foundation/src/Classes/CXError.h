@@ -11,7 +11,7 @@
 
 class CXException;
 
-/// An error as a value: a domain, a code, and what to tell the user.
+/// An error as a value: a domain, a code, and a message for the user.
 /// Threads: immutable, any.
 class DXR_EXPORT CXError final : public CXObject {
 public:
@@ -24,15 +24,14 @@ public:
     static CXRef<CXError> errorWithDomain(std::string domain, int32_t code,
                                           const std::optional<std::string>& title, const char* format, ...)
         CX_PRINTF(4, 5);
-    /// The same, on top of `userInfo`: title and description replace entries of the same key.
-    static CXRef<CXError> errorWithDomain(std::string domain, int32_t code,
-                                          const std::optional<UserInfo>& userInfo,
+    /// The same, on top of `userInfo`: title and description replace entries of the same key. An empty dictionary stands
+    /// for none; were it optional, std::nullopt for a title would fit it too.
+    static CXRef<CXError> errorWithDomain(std::string domain, int32_t code, const UserInfo& userInfo,
                                           const std::optional<std::string>& title, const char* format, ...)
         CX_PRINTF(5, 6);
     /// The same, with the error that caused this one, if there is one, kept under underlyingErrorKey.
     static CXRef<CXError> errorWithDomain(std::string domain, int32_t code,
-                                          const CXRef<CXError>& underlyingError,
-                                          const std::optional<UserInfo>& userInfo,
+                                          const CXRef<CXError>& underlyingError, const UserInfo& userInfo,
                                           const std::optional<std::string>& title, const char* format, ...)
         CX_PRINTF(6, 7);
     /// An error that reports `exception`, in the domain "NSExceptionErrorDomain" with code 0: its user info,

@@ -29,9 +29,9 @@ int32_t intValue(const CXPlist& value)
     if (value.is_number_integer())
         return static_cast<int32_t>(static_cast<uint32_t>(value.get<int64_t>()));
     const double real = std::trunc(CXDoubleValue(value));
-    constexpr double least = std::numeric_limits<int32_t>::min();
-    constexpr double most = std::numeric_limits<int32_t>::max();
-    return std::isnan(real) ? 0 : static_cast<int32_t>(std::fmax(least, std::fmin(most, real)));
+    constexpr double min = std::numeric_limits<int32_t>::min();
+    constexpr double max = std::numeric_limits<int32_t>::max();
+    return std::isnan(real) ? 0 : static_cast<int32_t>(std::fmax(min, std::fmin(max, real)));
 }
 
 bool boolValue(const CXPlist& value)
@@ -60,8 +60,7 @@ bool isEqualNumber(const CXPlist& value, const CXPlist& other)
 {
     if (!isNumber(other) && !other.is_string())
         return false;
-    if (value == other)
-        return true;
+    // Not by ==, to which the largest unsigned number and -1 are the same.
     const double a = CXDoubleValue(value);
     const double b = CXDoubleValue(other);
     if (isNumber(other) && (a == b || (std::isnan(a) && std::isnan(b))))

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr size_t mostFramesShown = 32;
+constexpr size_t maxFramesShown = 32;
 
 std::vector<std::string> outermostFirst(const std::vector<std::string>& innermostFirst)
 {
@@ -16,7 +16,7 @@ std::vector<std::string> outermostFirst(const std::vector<std::string>& innermos
 
 CXRef<CXStackTrace> CXStackTrace::fromCurrentStack()
 {
-    return initWithCrawlFrames(outermostFirst(platform::CallStack::symbols(1)));
+    return initWithCrawlFrames(outermostFirst(platform::CallStack::symbols()));
 }
 
 CXRef<CXStackTrace> CXStackTrace::initWithException(const CXException& exception)
@@ -35,8 +35,8 @@ std::string CXStackTrace::description() const
 {
     if (_frames.empty())
         return "(N/A)";
-    const bool tooDeep = _frames.size() > mostFramesShown;
-    const size_t first = tooDeep ? _frames.size() - mostFramesShown - 1 : 0;
+    const bool tooDeep = _frames.size() > maxFramesShown;
+    const size_t first = tooDeep ? _frames.size() - maxFramesShown - 1 : 0;
     const size_t end = tooDeep ? _frames.size() - 1 : _frames.size();
     std::string text = _frames[first];
     for (size_t i = first + 1; i < end; ++i)

@@ -11,9 +11,9 @@ class CXException;
 /// Threads: immutable, any.
 class DXR_EXPORT CXStackTrace final : public CXObject {
 public:
-    /// The calling thread's stack now.
+    /// The calling thread's stack now; this function is the innermost call.
     static CXRef<CXStackTrace> fromCurrentStack();
-    /// The stack at the place where `exception` was made.
+    /// The stack at the place where `exception` was made; its constructor is the innermost call.
     static CXRef<CXStackTrace> fromException(const CXException& exception)
     {
         return initWithException(exception);
@@ -22,8 +22,8 @@ public:
     /// `frames` as they are, outermost first.
     static CXRef<CXStackTrace> initWithCrawlFrames(std::vector<std::string> frames);
 
-    /// A frame a line, or "(N/A)" without any. Of 33 frames or more, the 32 innermost but without the very
-    /// innermost, which in so deep a stack is only the reporting function; a shorter one is shown whole.
+    /// A frame a line, or "(N/A)" without any. Of 33 frames or more, the 32 innermost but without the very innermost,
+    /// which is the function that took the stack; a shorter one is shown whole.
     std::string description() const override;
 
 private:

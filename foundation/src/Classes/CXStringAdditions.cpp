@@ -85,6 +85,25 @@ size_t numberLength(std::string_view text)
     return end;
 }
 
+/// Whether an unsigned number, as numberLength() measured it and not 0, is below 1.
+bool isBelowOne(std::string_view number)
+{
+    const size_t mantissaEnd = std::min(number.find_first_of("eE"), number.size());
+    const std::string_view mantissa = number.substr(0, mantissaEnd);
+    // The whole part's significant digits, or as a negative number the zeros between the point and the first other digit.
+    const auto point = static_cast<int64_t>(std::min(mantissa.find('.'), mantissa.size()));
+    const auto first = static_cast<int64_t>(mantissa.find_first_of("123456789"));
+    const int64_t digits = first < point ? point - first : point + 1 - first;
+    std::string_view exponentText = number.substr(std::min(mantissaEnd + 1, number.size()));
+    if (exponentText.starts_with('+'))
+        exponentText.remove_prefix(1);
+    int64_t exponent = 0;
+    if (std::from_chars(exponentText.data(), exponentText.data() + exponentText.size(), exponent).ec ==
+        std::errc::result_out_of_range)
+        return exponentText.starts_with('-');
+    return exponent <= -digits;
+}
+
 /// The number at the start of `text`, as numberLength() measured it.
 template <class Real> Real numberValue(std::string_view text)
 {
@@ -93,12 +112,7 @@ template <class Real> Real numberValue(std::string_view text)
         text.remove_prefix(1);
     Real value = 0;
     if (std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc::result_out_of_range) {
-        // Too large or too small, which it does not say: the sign of the exponent does, where there is one.
-        const size_t exponent = text.find_first_of("eE");
-        const bool isTiny = exponent != std::string_view::npos
-                                ? text[exponent + 1] == '-'
-                                : text.find_first_of("123456789") > text.find('.');
-        value = isTiny ? Real{0} : std::numeric_limits<Real>::infinity();
+        value = isBelowOne(text) ? Real{0} : std::numeric_limits<Real>::infinity(); // it does not say which
     }
     return isNegative ? -value : value;
 }

@@ -1,23 +1,27 @@
 #include "CXThreadSetRealtime.h"
 
+#include "DXRDebugLog.h"
 #include "HostClock.h"
 #include "LogSink.h"
-#include "RealtimeScheduling.h"
 
-#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 
-void CXThreadSetRealtime()
+CXRealtimeGrant CXThreadSetRealtime()
 {
-    constexpr uint32_t periodNanoseconds = 1'000'000;
-    const platform::RealtimePolicy policy{periodNanoseconds, periodNanoseconds / 10, periodNanoseconds};
-    if (platform::makeCurrentThreadRealtime(policy) != platform::RealtimeOutcome::Refused)
-        return;
+    const platform::RealtimeOutcome outcome = platform::makeCurrentThreadRealtime();
+    if (outcome.grant != CXRealtimeGrant::None) {
+        DXRDebugLog("real-time scheduling: %s",
+                    outcome.grant == CXRealtimeGrant::Fifo ? "SCHED_FIFO" : "SCHED_RR from RealtimeKit");
+        return outcome.grant;
+    }
     using platform::HostClock;
-    const uint64_t periodTicks =
-        uint64_t{periodNanoseconds} * HostClock::nanosecondsDenominator / HostClock::nanosecondsNumerator;
+    constexpr uint64_t periodNanoseconds = 1'000'000;
+    constexpr uint64_t periodTicks =
+        periodNanoseconds * HostClock::nanosecondsDenominator / HostClock::nanosecondsNumerator;
     char line[96];
-    std::snprintf(line, sizeof line, "thread_policy_set returned %i for period %u", EPERM,
+    std::snprintf(line, sizeof line, "thread_policy_set returned %i for period %u", outcome.error,
                   static_cast<unsigned>(periodTicks));
     platform::LogSink::log(line);
+    return outcome.grant;
 }

@@ -1,5 +1,28 @@
 #include "CXValue.h"
 
+#include <algorithm>
+
+namespace {
+
+/// As ==, to which the largest unsigned number and -1 are the same.
+bool isSame(const CXPlist& a, const CXPlist& b)
+{
+    if (a.is_number_integer() && b.is_number_integer() && a.type() != b.type()) {
+        const CXPlist& withSign = a.is_number_unsigned() ? b : a;
+        return withSign.get<int64_t>() >= 0 && a == b;
+    }
+    if (a.is_array() && b.is_array())
+        return std::equal(a.begin(), a.end(), b.begin(), b.end(), isSame);
+    if (!a.is_object() || !b.is_object())
+        return a == b;
+    return a.size() == b.size() && std::ranges::all_of(a.items(), [&](const auto& entry) {
+               const auto other = b.find(entry.key());
+               return other != b.end() && isSame(entry.value(), *other);
+           });
+}
+
+} // namespace
+
 CXRef<CXValue> CXValue::initWithPlist(CXPlist plist)
 {
     return CXRef<CXValue>::adopt(new CXValue(std::move(plist)));
@@ -22,10 +45,13 @@ std::string CXValue::description() const
 bool CXValue::isEqual(const CXObject* other) const
 {
     const auto* value = dynamic_cast<const CXValue*>(other);
-    return value && value->_plist == _plist;
+    return value && isSame(_plist, value->_plist);
 }
 
 size_t CXValue::hash() const
 {
-    return std::hash<CXPlist>()(_plist);
+    // Equal values may be of different types, one with a sign and one without.
+    if (_plist.is_number())
+        return std::hash<double>()(_plist.get<double>());
+    return _plist.is_string() ? std::hash<std::string>()(string()) : _plist.size();
 }

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr size_t mostFramesShown = 32;
+constexpr size_t maxFramesShown = 32;
 
 struct DebugCenter {
     std::mutex mutex;
@@ -17,6 +17,8 @@ struct DebugCenter {
     std::once_flag asked;
     bool active = false; // written once, under `asked`
 };
+
+thread_local bool isAsking = false; // the callback is running on this thread
 
 DebugCenter& debugCenter()
 {
@@ -39,6 +41,8 @@ void CXRegisterDebugCenter(CXBlock<bool()> isActive)
 
 bool DXRDebugLogIsActive()
 {
+    if (isAsking)
+        return false; // the callback logs: to wait for it here would be forever
     DebugCenter& center = debugCenter();
     std::call_once(center.asked, [&] {
         CXBlock<bool()> isActive;
@@ -46,6 +50,10 @@ bool DXRDebugLogIsActive()
             const std::scoped_lock lock(center.mutex);
             isActive = center.isActive;
         }
+        struct Asking {
+            Asking() { isAsking = true; }
+            ~Asking() { isAsking = false; }
+        } const asking;
         center.active = isActive && isActive();
     });
     return center.active;
@@ -65,8 +73,10 @@ void DXRDebugLogWithStack(const char* format, ...)
 {
     if (!DXRDebugLogIsActive())
         return;
-    std::vector<std::string> frames = platform::CallStack::symbols(1);
-    frames.resize(std::min(frames.size(), mostFramesShown));
+    std::vector<std::string> frames = platform::CallStack::symbols();
+    if (!frames.empty())
+        frames.erase(frames.begin()); // this function
+    frames.resize(std::min(frames.size(), maxFramesShown));
     if (format) {
         va_list arguments;
         va_start(arguments, format);

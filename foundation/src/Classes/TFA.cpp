@@ -1,10 +1,12 @@
 #include "TFA.h"
 
 #include "AtomicStackPair.h"
+#include "BackOff.h"
 #include "PageMapping.h"
 #include "TFASpentBlocks.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cstdint>
@@ -31,12 +33,22 @@ constexpr size_t firstBlockOffset = 16;
 constexpr size_t smallestRequest = 16;
 constexpr unsigned largestSmallClass = 12; // 4096 bytes
 constexpr unsigned classCount = 64;
-// Touching a page for the first time costs an IO thread more than the block is worth, so new pages come
-// present; above this size that would rather waste memory, and only TFA_reserve asks for it.
-constexpr size_t mostBytesMadePresent = size_t{256} * 1024;
+// Chunks are cut from regions of the system's, so that a request for one rarely enters the kernel, and a process that
+// holds many does not run out of mappings (65,530 by default).
+constexpr size_t chunksPerRegion = 64;
+// The pages of a new large block come present, in one call where an IO thread would take a fault for each; above this size
+// that would rather waste memory, and only TFA_reserve asks for it.
+constexpr size_t maxBytesMadePresent = size_t{256} * 1024;
 
-// The free blocks of every class: blocks of class k hold 2^k bytes. Nothing else is shared.
+// The free blocks of every class: blocks of class k hold 2^k bytes.
 constinit AtomicStackPair gAllocationQueues[classCount];
+// Of every class's newest chunk the first block that was never used, 0 when none is left. The thread that takes it
+// exchanges it for the block behind it. A chunk stays with its class, so an address never comes back here. Release and acquire: the
+// chunk's first word is written before its blocks are seen.
+constinit std::atomic<uintptr_t> gUnusedBlocks[largestSmallClass + 1] = {};
+// The next chunk of the newest region, its address a multiple of the chunk size, plus the number of chunks that are left.
+// Taking one adds a chunk's size and subtracts 1.
+constinit std::atomic<uintptr_t> gUnusedChunks{0};
 // Where this thread takes and puts them. The model: an IO thread's first call must not allocate.
 constinit thread_local AtomicStackPair::Side gSides[classCount]
     __attribute__((tls_model("initial-exec"))) = {};
@@ -107,7 +119,7 @@ void* newLargeBlock(unsigned sizeClass, size_t requestedSize, Pages pages) noexc
         return nullptr;
     }
     const size_t mappingSize = blockSize(sizeClass) + pageSize;
-    const bool present = pages == Pages::Present || mappingSize <= mostBytesMadePresent;
+    const bool present = pages == Pages::Present || mappingSize <= maxBytesMadePresent;
     const PageMapping::Result mapping =
         PageMapping::map(mappingSize, present ? PageMapping::Touch::Now : PageMapping::Touch::Later);
     if (!mapping.address) {
@@ -119,36 +131,54 @@ void* newLargeBlock(unsigned sizeClass, size_t requestedSize, Pages pages) noexc
     return block;
 }
 
-/// A new chunk's first block, the others linked behind it in ascending order: first, then next … to last.
+/// A chunk that is the caller's, its pages not yet present; null on failure, which is reported.
+std::byte* newChunk(size_t requestedSize) noexcept
+{
+    constexpr size_t regionSize = chunksPerRegion * chunkSize;
+    uintptr_t unused = gUnusedChunks.load();
+    for (platform::BackOff backOff;; backOff.wait()) {
+        if (const uintptr_t left = unused % chunkSize; left > 0) {
+            if (gUnusedChunks.compare_exchange_strong(unused, unused + chunkSize - 1))
+                return reinterpret_cast<std::byte*>(unused - left); // NOLINT: an address and a count
+            continue;
+        }
+        const PageMapping::Result region = PageMapping::mapAligned(regionSize, chunkSize);
+        if (!region.address)
+            break;
+        const auto start = reinterpret_cast<uintptr_t>(region.address);
+        if (gUnusedChunks.compare_exchange_strong(unused, start + chunkSize + chunksPerRegion - 1))
+            return region.address;
+        PageMapping::unmap(region.address, regionSize); // another thread was first
+    }
+    // There may still be room for one.
+    const PageMapping::Result chunk = PageMapping::mapAligned(chunkSize, chunkSize);
+    if (!chunk.address)
+        reportFailure("vm_allocate", chunkSize, requestedSize, chunk.error);
+    return chunk.address;
+}
+
+/// The block behind `block` in its chunk; 0 when it is the last.
+uintptr_t blockAfter(uintptr_t block, size_t size) noexcept
+{
+    size_t offset = block % chunkSize + size;
+    if (offset % pageSize == 0)
+        offset += size; // would be taken for a large block
+    return offset + size <= chunkSize ? block - block % chunkSize + offset : 0;
+}
+
+/// Blocks linked in ascending order: first, then next … to last.
 struct Chain {
     AtomicStack::Link* first = nullptr;
     AtomicStack::Link* last = nullptr;
     size_t count = 0;
 };
 
-/// A chunk's blocks; an empty chain on failure, which is reported.
-Chain newChunk(unsigned sizeClass, size_t requestedSize) noexcept
+/// `block` and those behind it in its chunk.
+Chain chainFrom(uintptr_t block, size_t size) noexcept
 {
-    PageMapping::Result chunk = PageMapping::map(chunkSize, PageMapping::Touch::Now);
-    if (!chunk.address) {
-        reportFailure("vm_allocate", chunkSize, requestedSize, chunk.error);
-        return {};
-    }
-    if (reinterpret_cast<uintptr_t>(chunk.address) % chunkSize != 0) {
-        chunk = PageMapping::moveToAlignment(chunk.address, chunkSize);
-        if (!chunk.address) {
-            reportFailure("vm_remap", chunkSize, requestedSize, chunk.error);
-            return {};
-        }
-    }
-    *reinterpret_cast<uint64_t*>(chunk.address) = sizeClass;
-
-    const size_t size = blockSize(sizeClass);
     Chain chain;
-    for (size_t offset = firstBlockOffset; offset + size <= chunkSize; offset += size) {
-        if (offset % pageSize == 0)
-            continue; // would be taken for a large block
-        auto* const link = new (chunk.address + offset) AtomicStack::Link{nullptr, nullptr};
+    for (; block != 0; block = blockAfter(block, size)) {
+        auto* const link = new (reinterpret_cast<void*>(block)) AtomicStack::Link{nullptr, nullptr}; // NOLINT
         if (chain.last)
             chain.last->linkTo(link);
         else
@@ -159,15 +189,67 @@ Chain newChunk(unsigned sizeClass, size_t requestedSize) noexcept
     return chain;
 }
 
+/// Gives a chunk to a class. The address of its first block.
+uintptr_t assignChunk(std::byte* chunk, unsigned sizeClass) noexcept
+{
+    *reinterpret_cast<uint64_t*>(chunk) = sizeClass;
+    return reinterpret_cast<uintptr_t>(chunk) + firstBlockOffset;
+}
+
+/// The next block of the class's newest chunk that was never used; null when none is left. What was on the list would
+/// have been found there, so blocks come out as if all the chunk's had been on it from the start.
+void* takeUnusedBlock(unsigned sizeClass) noexcept
+{
+    std::atomic<uintptr_t>& unused = gUnusedBlocks[sizeClass];
+    uintptr_t block = unused.load(std::memory_order_acquire);
+    for (platform::BackOff backOff; block != 0; backOff.wait()) {
+        if (unused.compare_exchange_strong(block, blockAfter(block, blockSize(sizeClass)),
+                                           std::memory_order_acq_rel, std::memory_order_acquire))
+            break;
+    }
+    return reinterpret_cast<void*>(block); // NOLINT: an address or 0
+}
+
 /// What a request finds when its list is empty. Apart from TFA_malloc(), which would save registers for it.
 [[gnu::noinline]] void* newBlock(unsigned sizeClass, size_t requestedSize) noexcept
 {
     if (sizeClass > largestSmallClass)
         return newLargeBlock(sizeClass, requestedSize, Pages::PresentWhenSmall);
-    const Chain chain = newChunk(sizeClass, requestedSize);
-    if (chain.count > 1)
-        pushBlocks(sizeClass, chain.first->next, chain.last);
-    return chain.first;
+    if (void* const block = takeUnusedBlock(sizeClass))
+        return block;
+    std::byte* const chunk = newChunk(requestedSize);
+    if (!chunk)
+        return nullptr;
+    const uintptr_t first = assignChunk(chunk, sizeClass);
+    const uintptr_t second = blockAfter(first, blockSize(sizeClass));
+    uintptr_t none = 0;
+    if (!gUnusedBlocks[sizeClass].compare_exchange_strong(none, second, std::memory_order_release,
+                                                          std::memory_order_relaxed)) {
+        // Another thread has made a chunk for this class meanwhile, and there is room for one.
+        const Chain chain = chainFrom(second, blockSize(sizeClass));
+        pushBlocks(sizeClass, chain.first, chain.last);
+    }
+    return reinterpret_cast<void*>(first); // NOLINT: an address
+}
+
+/// A chunk's blocks or one large block, all pages present; an empty chain on failure, which is reported.
+Chain newPresentBlocks(unsigned sizeClass, size_t requestedSize) noexcept
+{
+    if (sizeClass > largestSmallClass) {
+        void* const block = newLargeBlock(sizeClass, requestedSize, Pages::Present);
+        if (!block)
+            return {};
+        auto* const link = new (block) AtomicStack::Link{nullptr, nullptr};
+        return {link, link, 1};
+    }
+    std::byte* const chunk = newChunk(requestedSize);
+    if (!chunk)
+        return {};
+    if (!PageMapping::makePresent(chunk, chunkSize)) {
+        reportFailure("vm_allocate", chunkSize, requestedSize, errno);
+        return {}; // the chunk is lost, and there is no memory for it either
+    }
+    return chainFrom(assignChunk(chunk, sizeClass), blockSize(sizeClass));
 }
 
 /// The class of a block in use; ends the process when its header was overwritten.
@@ -207,7 +289,7 @@ void TFASpentBlocks::add(void* block) noexcept
     _first = link;
     if (!_last)
         _last = link;
-    if (++_count == mostBlocks)
+    if (++_count == maxBlocks)
         giveBack();
 }
 
@@ -275,13 +357,7 @@ bool TFA_reserve(size_t size, size_t count) noexcept
 {
     const unsigned sizeClass = classOf(size);
     for (size_t added = 0; added < count;) {
-        Chain chain;
-        if (sizeClass <= largestSmallClass) {
-            chain = newChunk(sizeClass, size);
-        } else if (void* const block = newLargeBlock(sizeClass, size, Pages::Present)) {
-            auto* const link = new (block) AtomicStack::Link{nullptr, nullptr};
-            chain = {link, link, 1};
-        }
+        const Chain chain = newPresentBlocks(sizeClass, size);
         if (chain.count == 0)
             return false;
         pushBlocks(sizeClass, chain.first, chain.last);

@@ -3,7 +3,7 @@
 #include "CXRealtime.h"
 
 /// Blocks of the fast allocator, all of one size, that go back together: one exchange of the list's head for
-/// all of them, where freeing each alone would fight with whoever allocates that size.
+/// all of them, where freeing each alone would fight with threads that allocate that size.
 /// Threads:   one at a time.
 /// Real time: everything.
 /// Owns:      the blocks, until giveBack().
@@ -20,7 +20,7 @@ public:
     void giveBack() noexcept CX_REALTIME;
 
 private:
-    static constexpr unsigned mostBlocks = 64;
+    static constexpr unsigned maxBlocks = 64;
 
     void* _first = nullptr; // linked through their first words
     void* _last = nullptr;

@@ -15,7 +15,7 @@ class AggregateRig final : public ConformanceRig {
 public:
     explicit AggregateRig(std::unique_ptr<ConformanceRig> devices) : _devices(std::move(devices)) {}
 
-    HALBackend& backend() override { return _devices->backend(); }
+    HALModel& model() override { return _devices->model(); }
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
@@ -30,14 +30,14 @@ public:
             description["subdevices"].push_back({{"uid", each}, {"drift", 1}});
         description["subdevices"].push_back({{"uid", "absent"}});
         description["master"] = made.subDevices.front();
-        backend().createAggregateDevice(*CXValue::initWithPlist(description), made.deviceID);
+        model().createAggregateDevice(*CXValue::initWithPlist(description), made.deviceID);
         _made.emplace(uid, std::move(made));
         return uid;
     }
     void unplug(const std::string& uid) override
     {
         const Made& made = _made.at(uid);
-        backend().destroyAggregateDevice(made.deviceID);
+        model().destroyAggregateDevice(made.deviceID);
         for (const std::string& each : made.subDevices)
             _devices->unplug(each);
     }
@@ -45,7 +45,7 @@ public:
     {
         const CXRef<CXValue> value = CXValue::initWithPlist(name);
         const CXObject* object = value.get();
-        writeValue(backend(), _made.at(uid).deviceID, at(kAudioObjectPropertyName), object);
+        writeValue(model(), _made.at(uid).deviceID, at(kAudioObjectPropertyName), object);
     }
     void letTimePass() override { _devices->letTimePass(); }
 

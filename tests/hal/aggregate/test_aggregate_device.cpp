@@ -20,7 +20,7 @@ constexpr uint32_t input = kAudioObjectPropertyScopeInput;
 constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
 constexpr uint64_t second = 1'000'000'000;
 
-std::vector<AudioAggregateSubDeviceStatus> status(HALBackend& hal, AudioObjectID device)
+std::vector<AudioAggregateSubDeviceStatus> status(HALModel& hal, AudioObjectID device)
 {
     return readList<AudioAggregateSubDeviceStatus>(hal, device,
                                                    at(kAudioAggregateDevicePropertySubDeviceStatus));
@@ -32,7 +32,7 @@ protected:
     AudioObjectID aggregate(const CXPlist& description, HALStatus expected = kAudioHardwareNoError)
     {
         AudioObjectID device = kAudioObjectUnknown;
-        EXPECT_EQ(hal->createAggregateDevice(*CXValue::initWithPlist(description), device), expected)
+        EXPECT_EQ(model->createAggregateDevice(*CXValue::initWithPlist(description), device), expected)
             << description;
         return device;
     }
@@ -47,16 +47,17 @@ protected:
     }
     CXPlist composition(AudioObjectID device)
     {
-        const auto pointer = readValue<CXObject*>(*hal, device, at(kAudioAggregateDevicePropertyComposition));
+        const auto pointer =
+            readValue<CXObject*>(*model, device, at(kAudioAggregateDevicePropertyComposition));
         return CXRefCast<CXValue>(CXRef<CXObject>::adopt(*pointer))->plist();
     }
     uint32_t channels(AudioObjectID device, uint32_t scope)
     {
         uint32_t count = 0;
         for (const AudioObjectID stream :
-             readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams, scope)))
+             readList<AudioObjectID>(*model, device, at(kAudioDevicePropertyStreams, scope)))
             count +=
-                readValue<AudioStreamBasicDescription>(*hal, stream, at(kAudioStreamPropertyVirtualFormat))
+                readValue<AudioStreamBasicDescription>(*model, stream, at(kAudioStreamPropertyVirtualFormat))
                     ->channelsPerFrame;
         return count;
     }
@@ -73,14 +74,15 @@ protected:
         }
     }
 
-    const CXRef<SimulatedBackend> hal = SimulatedBackend::init(SimulatedClock::Stepped);
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
 };
 
 /// An IO callback that copies the aggregate's input channels to its output channels as far as there are both, and
 /// watches the time.
 class Copier {
 public:
-    Copier(HALBackend& hal, AudioObjectID device) : _hal(hal), _device(device)
+    Copier(HALModel& hal, AudioObjectID device) : _hal(hal), _device(device)
     {
         EXPECT_EQ(_hal.createIOProc(
                       device,
@@ -120,7 +122,7 @@ private:
         }
     }
 
-    HALBackend& _hal;
+    HALModel& _hal;
     const AudioObjectID _device;
     AudioDeviceIOProcID _proc = nullptr;
 };
@@ -165,9 +167,9 @@ TEST_F(AggregateDevices, refusesWhatItCannotBe)
     };
     for (const CXPlist& row : rows)
         aggregate(row, kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(readDevices(*hal).size(), 1U);
-    EXPECT_EQ(hal->destroyAggregateDevice(hal->deviceID("taken")), kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(hal->destroyAggregateDevice(4711), kAudioHardwareBadDeviceError);
+    EXPECT_EQ(readDevices(*model).size(), 1U);
+    EXPECT_EQ(model->destroyAggregateDevice(hal->deviceID("taken")), kAudioHardwareIllegalOperationError);
+    EXPECT_EQ(model->destroyAggregateDevice(4711), kAudioHardwareBadDeviceError);
 }
 
 TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
@@ -189,11 +191,12 @@ TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
     const AudioObjectID device = aggregateOf({"a", "b", "a", "missing"}, "b");
     EXPECT_EQ(channels(device, input), 2U);
     EXPECT_EQ(channels(device, output), 7U);
-    EXPECT_EQ(readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams, output)).size(), 3U);
-    EXPECT_EQ(readValue<uint32_t>(*hal, device, at(kAudioDevicePropertyTransportType)),
+    EXPECT_EQ(readList<AudioObjectID>(*model, device, at(kAudioDevicePropertyStreams, output)).size(), 3U);
+    EXPECT_EQ(readValue<uint32_t>(*model, device, at(kAudioDevicePropertyTransportType)),
               kAudioDeviceTransportTypeAggregate);
-    EXPECT_EQ(readValue<uint32_t>(*hal, device, at(kAudioObjectPropertyClass)), kAudioAggregateDeviceClassID);
-    EXPECT_EQ(readList<AudioObjectID>(*hal, device, at(kAudioAggregateDevicePropertyActiveSubDeviceList)),
+    EXPECT_EQ(readValue<uint32_t>(*model, device, at(kAudioObjectPropertyClass)),
+              kAudioAggregateDeviceClassID);
+    EXPECT_EQ(readList<AudioObjectID>(*model, device, at(kAudioAggregateDevicePropertyActiveSubDeviceList)),
               (std::vector{hal->deviceID("a"), hal->deviceID("b")}));
     const CXPlist subDevices = composition(device)["subdevices"];
     ASSERT_EQ(subDevices.size(), 3U) << "one that comes twice counts once";
@@ -201,21 +204,21 @@ TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
     EXPECT_EQ(subDevices[0]["channels-in"], 2);
     EXPECT_EQ(subDevices[0]["channels-out"], 4);
     EXPECT_EQ(subDevices[2]["channels-out"], 0);
-    EXPECT_EQ(readList<AudioValueRange>(*hal, device, at(kAudioDevicePropertyAvailableNominalSampleRates)),
+    EXPECT_EQ(readList<AudioValueRange>(*model, device, at(kAudioDevicePropertyAvailableNominalSampleRates)),
               (std::vector<AudioValueRange>{{48000, 48000}, {96000, 96000}}));
-    EXPECT_EQ(readValue<uint32_t>(*hal, device, at(kAudioDevicePropertyBufferFrameSize)), 512U)
+    EXPECT_EQ(readValue<uint32_t>(*model, device, at(kAudioDevicePropertyBufferFrameSize)), 512U)
         << "the clock's";
     // The longest way: through the ring to the device that does not lead.
-    EXPECT_GT(readValue<uint32_t>(*hal, device, at(kAudioDevicePropertyLatency, output)).value_or(0), 256U);
+    EXPECT_GT(readValue<uint32_t>(*model, device, at(kAudioDevicePropertyLatency, output)).value_or(0), 256U);
 
-    EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyNominalSampleRate), 96000.0),
+    EXPECT_EQ(writeValue(*model, device, at(kAudioDevicePropertyNominalSampleRate), 96000.0),
               kAudioHardwareNoError);
-    EXPECT_EQ(readValue<double>(*hal, hal->deviceID("a"), at(kAudioDevicePropertyNominalSampleRate)),
+    EXPECT_EQ(readValue<double>(*model, hal->deviceID("a"), at(kAudioDevicePropertyNominalSampleRate)),
               96000.0);
-    EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyNominalSampleRate), 44100.0),
+    EXPECT_EQ(writeValue(*model, device, at(kAudioDevicePropertyNominalSampleRate), 44100.0),
               kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(hal->destroyAggregateDevice(device), kAudioHardwareNoError);
-    EXPECT_EQ(readDevices(*hal).size(), 2U);
+    EXPECT_EQ(model->destroyAggregateDevice(device), kAudioHardwareNoError);
+    EXPECT_EQ(readDevices(*model).size(), 2U);
 }
 
 TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
@@ -242,12 +245,12 @@ TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
                   .hears(simulatedTone(1000.0))
                   .playsInto(converted.sink()));
     const AudioObjectID device = aggregateOf({"other", "slow", "clock"}, "clock");
-    Copier copier(*hal, device);
+    Copier copier(*model, device);
     ASSERT_EQ(copier.status, kAudioHardwareNoError);
     advance(20.0);
-    const auto before = status(*hal, device);
+    const auto before = status(*model, device);
     advance(5.0);
-    const auto after = status(*hal, device);
+    const auto after = status(*model, device);
     ASSERT_EQ(after.size(), 3U);
     EXPECT_NEAR(after[0].partsPerMillion, 300.0, 0.2);
     EXPECT_NEAR(after[1].partsPerMillion, -80.0, 0.2);
@@ -277,9 +280,9 @@ TEST_F(AggregateDevices, leavesDevicesOfOneClockAsTheyAre)
     hal->plug(aDevice().uid("a").inputs(1).clockDomain(7).hears(simulatedRamp()));
     hal->plug(aDevice().uid("b").outputs(1).clockDomain(7).playsInto(recording.sink()));
     const AudioObjectID device = aggregateOf({"a", "b"}, "a");
-    Copier copier(*hal, device);
+    Copier copier(*model, device);
     advance(2.0);
-    EXPECT_FALSE(status(*hal, device)[1].isCompensated);
+    EXPECT_FALSE(status(*model, device)[1].isCompensated);
     for (size_t i = recording.samples.size() / 2; i < recording.samples.size(); ++i)
         ASSERT_EQ(recording.samples[i], recording.samples[i - 1] + 1.0F / 16777216.0F) << "not bit for bit";
 }
@@ -291,7 +294,7 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
         aDevice().uid("other").inputs(1).drift(-50.0).hears(simulatedTone(700.0));
     hal->plug(clock);
     const AudioObjectID device = aggregateOf({"clock", "other"}, "clock");
-    Copier copier(*hal, device);
+    Copier copier(*model, device);
     ASSERT_EQ(copier.status, kAudioHardwareNoError);
     advance(0.5);
     EXPECT_EQ(channels(device, input), 1U) << "nothing is known of one that was never there";
@@ -325,12 +328,12 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
     const uint64_t cycles = copier.cycles;
     advance(0.5);
     EXPECT_GT(copier.cycles, cycles + 40);
-    EXPECT_TRUE(status(*hal, device)[1].isClock);
+    EXPECT_TRUE(status(*model, device)[1].isClock);
     hal->unplug("other"); // and when there is none, one that comes
     advance(0.2);
     hal->plug(clock);
     advance(0.5);
-    EXPECT_TRUE(status(*hal, device)[0].isClock);
+    EXPECT_TRUE(status(*model, device)[0].isClock);
     EXPECT_EQ(copier.backwards, 0U);
     EXPECT_EQ(copier.withoutData, 0U);
 }
@@ -340,7 +343,7 @@ TEST_F(AggregateDevices, survivesWhatSubDevicesDo)
     hal->plug(aDevice().uid("clock").inputs(2).outputs(2));
     hal->plug(aDevice().uid("other").inputs(2).outputs(2).drift(100.0).hears(simulatedTone(700.0)));
     const AudioObjectID device = aggregateOf({"clock", "other"}, "clock");
-    Copier copier(*hal, device);
+    Copier copier(*model, device);
     const auto change = [&](const std::string& uid, const CXBlock<void(SimulatedDeviceBuilder&)>& how) {
         hal->reconfigure(uid, how);
         advance(1.0);
@@ -357,13 +360,13 @@ TEST_F(AggregateDevices, survivesWhatSubDevicesDo)
     hal->loseCycles("clock", 90);
     change("clock", [](SimulatedDeviceBuilder& clock) { clock.bufferFrameSize(64); });
     change("clock", [](SimulatedDeviceBuilder& clock) { clock.sampleRate(44100.0); });
-    EXPECT_EQ(readValue<double>(*hal, device, at(kAudioDevicePropertyNominalSampleRate)), 44100.0);
+    EXPECT_EQ(readValue<double>(*model, device, at(kAudioDevicePropertyNominalSampleRate)), 44100.0);
     change("other", [](SimulatedDeviceBuilder& other) { other.inputs(6); });
     EXPECT_EQ(channels(device, input), 10U);
     change("other", [](SimulatedDeviceBuilder& other) { other.drift(-81250.0); }); // not at all what it says
-    EXPECT_NEAR(status(*hal, device)[1].partsPerMillion, -81250.0, 100.0);
+    EXPECT_NEAR(status(*model, device)[1].partsPerMillion, -81250.0, 100.0);
     EXPECT_EQ(copier.backwards, 0U);
-    EXPECT_EQ(hal->destroyAggregateDevice(device), kAudioHardwareNoError); // while it runs
+    EXPECT_EQ(model->destroyAggregateDevice(device), kAudioHardwareNoError); // while it runs
     const uint64_t cycles = copier.cycles;
     advance(0.3);
     EXPECT_EQ(copier.cycles, cycles);
@@ -382,7 +385,7 @@ TEST_F(AggregateDevices, joinsManyDevicesOfManyChannels)
                       .hears(simulatedTone(1000.0)));
     }
     const AudioObjectID device = aggregateOf(uids, uids[0]);
-    Copier copier(*hal, device);
+    Copier copier(*model, device);
     ASSERT_EQ(copier.status, kAudioHardwareNoError);
     advance(1.0);
     copier.peaks.clear();
@@ -397,7 +400,7 @@ TEST_F(AggregateDevices, takesOverNoFailureThatIsNotItsOwn)
 {
     const AudioObjectID device = aggregateOf({"a", "b"}, "a");
     {
-        const Copier none(*hal, device);
+        const Copier none(*model, device);
         EXPECT_EQ(none.status, kAudioHardwareUnspecifiedError) << "nobody is there";
     }
     hal->plug(aDevice().uid("a").inputs(1));
@@ -405,24 +408,25 @@ TEST_F(AggregateDevices, takesOverNoFailureThatIsNotItsOwn)
     settle();
     hal->failStarts(kAudioHardwareUnspecifiedError);
     {
-        const Copier failed(*hal, device);
+        const Copier failed(*model, device);
         EXPECT_EQ(failed.status, kAudioHardwareUnspecifiedError);
     }
     hal->failStarts(kAudioHardwareNoError);
-    Copier copier(*hal, device);
+    Copier copier(*model, device);
     EXPECT_EQ(copier.status, kAudioHardwareNoError);
     advance(0.2);
     EXPECT_GT(copier.cycles, 10U);
     AudioObjectID nested =
         aggregate({{"uid", "nested"}, {"subdevices", CXPlist::array({{{"uid", "aggregate"}}})}});
-    EXPECT_TRUE(
-        readList<AudioObjectID>(*hal, nested, at(kAudioAggregateDevicePropertyActiveSubDeviceList)).empty());
+    EXPECT_TRUE(readList<AudioObjectID>(*model, nested, at(kAudioAggregateDevicePropertyActiveSubDeviceList))
+                    .empty());
 }
 
 /// With an IO thread for each device: tracks are taken away and joined under running cycles, and runs are ended.
 TEST(AggregateDevicesInRealTime, keepsGoingWhileSubDevicesComeAndGo)
 {
-    const CXRef<SimulatedBackend> hal = SimulatedBackend::init(SimulatedClock::RealTime);
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::RealTime);
+    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
     const auto aDeviceCalled = [](const char* uid) {
         return aDevice().uid(uid).inputs(2).outputs(2).bufferFrameSize(64).drift(50.0).hears(
             simulatedTone(500.0));
@@ -434,7 +438,7 @@ TEST(AggregateDevicesInRealTime, keepsGoingWhileSubDevicesComeAndGo)
         description["subdevices"].push_back({{"uid", uid}});
     }
     AudioObjectID device = kAudioObjectUnknown;
-    ASSERT_EQ(hal->createAggregateDevice(*CXValue::initWithPlist(description), device),
+    ASSERT_EQ(model->createAggregateDevice(*CXValue::initWithPlist(description), device),
               kAudioHardwareNoError);
     std::atomic<uint64_t> cycles{0}, backwards{0};
     std::atomic<double> last{-1.0};
@@ -444,8 +448,8 @@ TEST(AggregateDevicesInRealTime, keepsGoingWhileSubDevicesComeAndGo)
         ++cycles;
     };
     AudioDeviceIOProcID proc = nullptr;
-    ASSERT_EQ(hal->createIOProc(device, count, proc), kAudioHardwareNoError);
-    ASSERT_EQ(hal->start(device, proc), kAudioHardwareNoError);
+    ASSERT_EQ(model->createIOProc(device, count, proc), kAudioHardwareNoError);
+    ASSERT_EQ(model->start(device, proc), kAudioHardwareNoError);
     Random random(11);
     for (int round = 0; round < 60; ++round) {
         const char* uid = uids[random.below(3)];
@@ -455,7 +459,7 @@ TEST(AggregateDevicesInRealTime, keepsGoingWhileSubDevicesComeAndGo)
         } else if (!hal->unplug(uid)) {
             hal->plug(aDeviceCalled(uid));
         }
-        status(*hal, device);
+        status(*model, device);
         std::this_thread::sleep_for(std::chrono::milliseconds(random.below(20)));
     }
     for (const char* uid : uids)
@@ -467,9 +471,9 @@ TEST(AggregateDevicesInRealTime, keepsGoingWhileSubDevicesComeAndGo)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     EXPECT_GE(cycles, before + 20);
     EXPECT_EQ(backwards, 0U);
-    for (const AudioAggregateSubDeviceStatus& each : status(*hal, device))
+    for (const AudioAggregateSubDeviceStatus& each : status(*model, device))
         EXPECT_EQ(each.isRunning, 1U);
-    EXPECT_EQ(hal->destroyAggregateDevice(device), kAudioHardwareNoError);
+    EXPECT_EQ(model->destroyAggregateDevice(device), kAudioHardwareNoError);
 }
 
 } // namespace

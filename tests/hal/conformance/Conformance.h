@@ -10,10 +10,10 @@
 #include <mutex>
 #include <vector>
 
-/// A test of the promises in HALBackend.h, over whichever backend the program was linked with.
+/// A test of the promises in HALModel.h, over the driver that the program was linked with.
 class Conformance : public testing::Test {
 protected:
-    HALBackend& hal() { return rig->backend(); }
+    HALModel& hal() { return rig->model(); }
 
     /// Waits, for so long that only a fault can take longer, until `condition` holds.
     bool eventually(const std::function<bool()>& condition)
@@ -61,10 +61,10 @@ protected:
     std::unique_ptr<ConformanceRig> rig = makeConformanceRig();
 };
 
-/// Notes what it is told of one object.
+/// Records the changes that are announced of one object.
 class RecordingListener {
 public:
-    RecordingListener(HALBackend& hal, AudioObjectID object, AudioObjectPropertyAddress address,
+    RecordingListener(HALModel& hal, AudioObjectID object, AudioObjectPropertyAddress address,
                       CXRef<platform::WorkQueue> queue = nullptr, std::function<void()> whenCalled = {})
         : _hal(hal), _object(object),
           _address(address), _listener{nullptr, nullptr,
@@ -98,7 +98,7 @@ public:
     }
 
 private:
-    HALBackend& _hal;
+    HALModel& _hal;
     const AudioObjectID _object;
     const AudioObjectPropertyAddress _address;
     mutable std::mutex _mutex;

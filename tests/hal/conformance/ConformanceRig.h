@@ -1,20 +1,20 @@
 #pragma once
 
-#include "HALBackend.h"
+#include "HALModel.h"
 
 #include <functional>
 #include <memory>
 #include <string>
 
-/// The hands on the hardware that the conformance suite needs; each backend's tests bring their own.
+/// What the conformance suite does to the hardware; each driver's tests implement it.
 /// Changes may take effect a little later: the suite waits for what it wants to see.
 class ConformanceRig {
 public:
     virtual ~ConformanceRig() = default;
 
-    virtual HALBackend& backend() = 0;
+    virtual HALModel& model() = 0;
     /// Plugs in a device with so many channels per direction (a direction with 0 is absent), and volume and
-    /// mute where it has outputs. Answers its UID.
+    /// mute where it has outputs. Returns its UID.
     virtual std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) = 0;
     virtual void unplug(const std::string& uid) = 0;
     /// Changes what the device calls itself.

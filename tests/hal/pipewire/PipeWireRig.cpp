@@ -1,7 +1,7 @@
 #include "AggregateRig.h"
 #include "ConformanceRig.h"
 
-#include "PipeWireBackend.h"
+#include "PipeWireDriver.h"
 #include "PrivateServer.h"
 #include "VirtualDevices.h"
 
@@ -12,7 +12,7 @@ namespace {
 
 class PipeWireRig final : public ConformanceRig {
 public:
-    HALBackend& backend() override { return *_hal; }
+    HALModel& model() override { return *_model; }
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
@@ -35,7 +35,7 @@ public:
 private:
     PrivateServer _server;
     VirtualDevices _devices{_server.remote()};
-    const CXRef<PipeWireBackend> _hal = PipeWireBackend::initWithRemote(_server.remote());
+    const CXRef<HALModel> _model = HALModel::initWithDriver(PipeWireDriver::initWithRemote(_server.remote()));
     int _count = 0;
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "HALReads.h"
-#include "PipeWireBackend.h"
+#include "PipeWireDriver.h"
 #include "PrivateServer.h"
 #include "VirtualDevices.h"
 
@@ -27,14 +27,14 @@ inline bool eventually(const std::function<bool()>& condition)
 }
 
 /// Waits for a device with all its channels; 0 when it does not come.
-inline AudioObjectID waitForDevice(HALBackend& hal, const std::string& uid)
+inline AudioObjectID waitForDevice(HALModel& hal, const std::string& uid)
 {
     AudioObjectID device = kAudioObjectUnknown;
     eventually([&] { return (device = deviceWithUID(hal, uid)) != kAudioObjectUnknown; });
     return device;
 }
 
-inline uint32_t channelsOf(HALBackend& hal, AudioObjectID device, uint32_t scope)
+inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
 {
     uint32_t channels = 0;
     for (const AudioObjectID stream :
@@ -48,7 +48,7 @@ inline uint32_t channelsOf(HALBackend& hal, AudioObjectID device, uint32_t scope
 /// An IO callback that runs as long as this lives.
 class RunningProc {
 public:
-    RunningProc(HALBackend& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
+    RunningProc(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
         : _hal(hal), _device(device)
     {
         EXPECT_EQ(_hal.createIOProc(device, block, _proc), kAudioHardwareNoError);
@@ -61,7 +61,7 @@ public:
     HALStatus status = kAudioHardwareNoError; ///< of its start
 
 private:
-    HALBackend& _hal;
+    HALModel& _hal;
     const AudioObjectID _device;
     AudioDeviceIOProcID _proc = nullptr;
 };

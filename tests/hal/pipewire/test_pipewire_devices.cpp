@@ -13,7 +13,7 @@ namespace {
 struct WithServer : testing::Test {
     PrivateServer server;
     VirtualDevices devices{server.remote()};
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
 
     std::string text(AudioObjectID device, uint32_t selector)
     {
@@ -274,7 +274,7 @@ TEST(PipeWireDefaults, areTheSessionManagersToSettle)
     devices.plug({.name = "first", .properties = {{"priority.session", "1000"}}});
     devices.plug({.name = "second", .properties = {{"priority.session", "500"}}});
     devices.plug({.name = "mic", .mediaClass = "Audio/Source", .properties = {{"priority.session", "1000"}}});
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     const auto isDefault = [&](uint32_t selector, const char* uid) {
         const auto device = readValue<AudioObjectID>(*hal, kAudioObjectSystemObject, at(selector));
         return device && readText(*hal, *device, at(kAudioDevicePropertyDeviceUID)) == uid;

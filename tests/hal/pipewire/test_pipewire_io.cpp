@@ -1,74 +1,16 @@
 #include "DriftingDevice.h"
-#include "MonitorTap.h"
-#include "PipeWireTest.h"
+#include "PipeWireIOTest.h"
 
 #include <atomic>
-#include <cmath>
 
 namespace {
-
-constexpr float step = 1.0F / 16777216.0F;
-constexpr uint64_t rampMask = 0xFFFFFF;
-
-/// A ramp that counts the device's sample time: what is lost in between is lost from the ramp, too.
-AudioDeviceIOBlock playingRamp()
-{
-    return [](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList* out,
-              const AudioTimeStamp*) {
-        AudioBuffer& buffer = out->buffers[0];
-        auto* samples = static_cast<float*>(buffer.data);
-        const uint32_t frames = buffer.dataByteSize / (buffer.numberChannels * 4);
-        for (uint32_t frame = 0; frame < frames; ++frame)
-            for (uint32_t channel = 0; channel < buffer.numberChannels; ++channel)
-                *samples++ =
-                    static_cast<float>((static_cast<uint64_t>(now->sampleTime) + frame + 1) & rampMask) *
-                    step;
-    };
-}
-
-/// How often a sample does not follow the one before. A stretch of silence, which a lost cycle may leave, is one break.
-size_t breaksOf(const std::vector<float>& ramp)
-{
-    size_t breaks = 0;
-    int64_t last = 0;
-    for (const float sample : ramp) {
-        const int64_t value = std::llround(sample / step);
-        breaks += value != 0 && last != 0 && value != last + 1;
-        last = value != 0 ? value : last;
-    }
-    return breaks;
-}
-
-/// Counts the lost cycles that the device reports.
-class OverloadCounter {
-public:
-    OverloadCounter(HALBackend& hal, AudioObjectID device)
-        : _hal(hal), _device(device), _listener{nullptr, nullptr,
-                                                [this](uint32_t count, const AudioObjectPropertyAddress*) {
-                                                    _count += count;
-                                                },
-                                                nullptr}
-    {
-        _hal.addListener(_device, at(kAudioDeviceProcessorOverload), _listener);
-    }
-    ~OverloadCounter() { _hal.removeListener(_device, at(kAudioDeviceProcessorOverload), _listener); }
-    OverloadCounter(const OverloadCounter&) = delete;
-    OverloadCounter& operator=(const OverloadCounter&) = delete;
-    size_t count() const noexcept { return _count; }
-
-private:
-    HALBackend& _hal;
-    const AudioObjectID _device;
-    std::atomic<size_t> _count{0};
-    const HALListener _listener;
-};
 
 TEST(PipeWireIO, playsARampThatComesBackExactlyFromTheMonitor)
 {
     PrivateServer server;
     VirtualDevices devices(server.remote());
     devices.plug({.name = "sink"});
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     const AudioObjectID device = waitForDevice(*hal, "sink");
     const uint32_t node = devices.client().nodeID("sink");
     for (const double rate : {44100.0, 48000.0, 96000.0}) {
@@ -100,7 +42,7 @@ TEST(PipeWireIO, carriesFromASourceOfOneClockAndToASinkOfAnother)
     PrivateServer server;
     DriftingDevice source(server.remote(), "fast", DriftingDevice::Direction::Source, 1000.0);
     DriftingDevice sink(server.remote(), "slow", DriftingDevice::Direction::Sink, -500.0);
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     const AudioObjectID in = waitForDevice(*hal, "fast");
     const AudioObjectID out = waitForDevice(*hal, "slow");
     std::atomic<uint64_t> heard{0};
@@ -135,7 +77,7 @@ TEST(PipeWireIO, followsWhatAnotherClientMakesOfTheGraph)
     PrivateServer server;
     VirtualDevices devices(server.remote());
     devices.plug({.name = "sink"});
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     const AudioObjectID device = waitForDevice(*hal, "sink");
     std::atomic<uint32_t> frames{0};
     std::atomic<double> rateOnIOThread{0.0};

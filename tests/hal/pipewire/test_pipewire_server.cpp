@@ -27,7 +27,7 @@ TEST(PipeWireServer, mayComeLaterIntoAFolderThatComesLater)
     const fs::path parent = fs::temp_directory_path() / ("dxr-later-" + std::to_string(getpid()));
     const fs::path folder = parent / "run" / "user";
     ASSERT_EQ(setenv("PIPEWIRE_RUNTIME_DIR", folder.c_str(), 1), 0);
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote();
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote());
     EXPECT_LT(secondsOf([&] { EXPECT_TRUE(readDevices(*hal).empty()); }), 1.0)
         << "where there is no server there is nothing to wait for";
     {
@@ -46,7 +46,7 @@ TEST(PipeWireServer, tellsOfEveryDeviceThatIsThereAtTheFirstQuestion)
     VirtualDevices devices(server.remote());
     for (int i = 0; i < 20; ++i)
         devices.plug({.name = "sink" + std::to_string(i)});
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     EXPECT_EQ(readDevices(*hal).size(), 20U);
 }
 
@@ -56,7 +56,7 @@ TEST(PipeWireServer, takesItsDevicesAlongWhenItDiesAndBringsThemBack)
     auto devices = std::make_unique<VirtualDevices>(server.remote());
     devices->plug({.name = "sink"});
     devices->plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     std::atomic<size_t> told{0};
     const HALListener listener{nullptr, nullptr, [&](uint32_t, const AudioObjectPropertyAddress*) { ++told; },
                                nullptr};
@@ -97,7 +97,7 @@ TEST(PipeWireServer, keepsNobodyWaitingWhileItHangs)
     PrivateServer server;
     VirtualDevices devices(server.remote());
     devices.plug({.name = "sink"});
-    CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     const AudioObjectID device = waitForDevice(*hal, "sink");
     std::atomic<uint64_t> cycles{0};
     auto proc = std::make_unique<RunningProc>(*hal, device, counting(cycles));
@@ -119,7 +119,8 @@ TEST(PipeWireServer, keepsNobodyWaitingWhileItHangs)
               8.0);
     // One that comes now finds a server that takes the connection and then says nothing.
     EXPECT_LT(secondsOf([&] {
-                  const CXRef<PipeWireBackend> late = PipeWireBackend::initWithRemote(server.remote());
+                  const CXRef<HALModel> late =
+                      HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
                   EXPECT_TRUE(readDevices(*late).empty());
               }),
               8.0);
@@ -139,7 +140,7 @@ TEST(PipeWireServer, keepsNobodyWaitingWhileItHangs)
 TEST(PipeWireServer, diesWithoutHarmWhileEverythingIsUnderWay)
 {
     PrivateServer server;
-    const CXRef<PipeWireBackend> hal = PipeWireBackend::initWithRemote(server.remote());
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
     std::atomic<bool> done{false};
     std::thread user([&] {
         while (!done)

@@ -16,7 +16,7 @@ constexpr SimulatedClock clockUnderTest = SimulatedClock::Stepped;
 
 class SimulatedRig final : public ConformanceRig {
 public:
-    HALBackend& backend() override { return *_hal; }
+    HALModel& model() override { return *_model; }
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
@@ -44,7 +44,8 @@ public:
     }
 
 private:
-    const CXRef<SimulatedBackend> _hal = SimulatedBackend::init(clockUnderTest);
+    const CXRef<SimulatedHardware> _hal = SimulatedHardware::init(clockUnderTest);
+    const CXRef<HALModel> _model = HALModel::initWithDriver(_hal);
     int _count = 0;
 };
 

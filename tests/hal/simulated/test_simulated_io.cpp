@@ -19,7 +19,7 @@ std::span<float> samplesOf(const AudioBufferList* list, size_t stream = 0)
     return {static_cast<float*>(buffer.data), buffer.dataByteSize / sizeof(float)};
 }
 
-AudioDeviceIOProcID started(HALBackend& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
+AudioDeviceIOProcID started(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
 {
     AudioDeviceIOProcID proc = nullptr;
     EXPECT_EQ(hal.createIOProc(device, block, proc), kAudioHardwareNoError);
@@ -48,7 +48,8 @@ const AudioDeviceIOBlock passingThrough =
 
 class SimulatedIO : public testing::Test {
 protected:
-    const CXRef<SimulatedBackend> hal = SimulatedBackend::init(SimulatedClock::Stepped);
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
 };
 
 TEST_F(SimulatedIO, carriesARampFromTheSourceThroughTheCallbackToTheSinkExactly)
@@ -56,7 +57,7 @@ TEST_F(SimulatedIO, carriesARampFromTheSourceThroughTheCallbackToTheSinkExactly)
     std::vector<float> played;
     const AudioObjectID device = hal->plug(
         aDevice().uid("duplex").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(keepIn(played)));
-    started(*hal, device, passingThrough);
+    started(*model, device, passingThrough);
     hal->stepCycles(100);
     ASSERT_EQ(played.size(), 100U * 512 * 2);
     for (size_t frame = 1; frame < played.size() / 2; ++frame)
@@ -68,12 +69,12 @@ TEST_F(SimulatedIO, addsTheOutputsOfSeveralCallbacks)
     std::vector<float> played;
     const AudioObjectID device =
         hal->plug(aDevice().uid("mix").outputs(2).outputs(1).playsInto(keepIn(played)));
-    started(*hal, device, playing(0.25F));
-    const AudioDeviceIOProcID second = started(*hal, device, playing(0.5F));
-    started(*hal, device, playing(-0.125F));
+    started(*model, device, playing(0.25F));
+    const AudioDeviceIOProcID second = started(*model, device, playing(0.5F));
+    started(*model, device, playing(-0.125F));
     hal->stepCycles(1);
     EXPECT_TRUE(std::ranges::equal(std::span(played).first(3), std::vector{0.625F, 0.625F, 0.0F}));
-    hal->stop(device, second);
+    model->stop(device, second);
     hal->stepCycles(1);
     EXPECT_EQ(played.back(), 0.0F) << "the second stream was not written to by anyone";
     EXPECT_EQ(played[played.size() - 3], 0.125F);
@@ -88,11 +89,11 @@ TEST_F(SimulatedIO, playsThroughVolumeAndMuteByTheSlidersLaw)
                                                .channelVolumes(HALDirection::Output, {1.0F, 0.5F})
                                                .mute(HALDirection::Output, false)
                                                .playsInto(keepIn(played)));
-    started(*hal, device, playing(0.8F));
+    started(*model, device, playing(0.8F));
     hal->stepCycles(1);
     EXPECT_FLOAT_EQ(played[0], 0.8F);
     EXPECT_FLOAT_EQ(played[1], 0.1F);
-    writeValue(*hal, device, at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput), 1U);
+    writeValue(*model, device, at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput), 1U);
     played.clear();
     hal->stepCycles(1);
     EXPECT_TRUE(std::ranges::all_of(played, [](float sample) { return sample == 0.0F; }));
@@ -103,7 +104,7 @@ TEST_F(SimulatedIO, hearsItselfACycleLater)
     const AudioObjectID device = hal->plug(aDevice().uid("loop").inputs(2).outputs(2).loopsBack());
     std::vector<float> heard;
     heard.reserve(16);
-    started(*hal, device,
+    started(*model, device,
             [&](const AudioTimeStamp*, const AudioBufferList* in, const AudioTimeStamp*, AudioBufferList* out,
                 const AudioTimeStamp*) {
                 heard.push_back(samplesOf(in)[0]);
@@ -132,7 +133,7 @@ TEST_F(SimulatedIO, letsEachDeviceRunOnItsOwnClock)
                                                    .sampleRate(all[i].rate)
                                                    .drift(all[i].partsPerMillion)
                                                    .bufferFrameSize(all[i].frames));
-        started(*hal, device,
+        started(*model, device,
                 [&last, &first, i](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*,
                                    AudioBufferList*, const AudioTimeStamp*) {
                     if (first[i] == 0.0)
@@ -154,13 +155,13 @@ TEST_F(SimulatedIO, tellsOfLostCyclesByAJumpInSampleTimeAndANotification)
     const AudioObjectID device = hal->plug(aDevice().uid("lossy").outputs(2));
     std::vector<double> times;
     times.reserve(16);
-    started(*hal, device,
+    started(*model, device,
             [&](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
                 const AudioTimeStamp*) { times.push_back(now->sampleTime); });
     std::atomic<int> overloads{0};
     const HALListener listener{nullptr, nullptr,
                                [&](uint32_t, const AudioObjectPropertyAddress*) { ++overloads; }, nullptr};
-    hal->addListener(device, at(kAudioDeviceProcessorOverload), listener);
+    model->addListener(device, at(kAudioDeviceProcessorOverload), listener);
     hal->stepCycles(2);
     EXPECT_TRUE(hal->loseCycles("lossy", 3));
     hal->stepCycles(2);
@@ -169,25 +170,25 @@ TEST_F(SimulatedIO, tellsOfLostCyclesByAJumpInSampleTimeAndANotification)
     ASSERT_EQ(times.size(), 4U);
     EXPECT_EQ(times[2] - times[1], 4 * 512.0);
     EXPECT_EQ(times[3] - times[2], 512.0);
-    hal->removeListener(device, at(kAudioDeviceProcessorOverload), listener);
+    model->removeListener(device, at(kAudioDeviceProcessorOverload), listener);
 }
 
 TEST_F(SimulatedIO, goesOnWhenStreamsChangeUnderACallback)
 {
     const AudioObjectID device = hal->plug(aDevice().uid("shape").outputs(2));
     std::atomic<uint32_t> channels{0};
-    started(*hal, device,
+    started(*model, device,
             [&](const AudioTimeStamp*, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList* out,
                 const AudioTimeStamp*) { channels = out ? out->buffers[0].numberChannels : 99; });
     hal->stepCycles(1);
     EXPECT_EQ(channels, 2U);
-    const auto before = readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams));
+    const auto before = readList<AudioObjectID>(*model, device, at(kAudioDevicePropertyStreams));
     hal->reconfigure("shape", [](SimulatedDeviceBuilder& each) {
         each.noStreams(HALDirection::Output).outputs(6).inputs(1);
     });
     hal->stepCycles(1);
     EXPECT_EQ(channels, 6U);
-    const auto after = readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams));
+    const auto after = readList<AudioObjectID>(*model, device, at(kAudioDevicePropertyStreams));
     ASSERT_EQ(after.size(), 2U);
     EXPECT_EQ(after[1], before[0]) << "the output stream keeps its object by its place";
     hal->reconfigure("shape", [](SimulatedDeviceBuilder& each) { each.noStreams(HALDirection::Output); });
@@ -199,7 +200,7 @@ TEST_F(SimulatedIO, mayBeUnpluggedByItsOwnCallback)
 {
     const AudioObjectID device = hal->plug(aDevice().uid("suicidal").outputs(2));
     int calls = 0;
-    started(*hal, device,
+    started(*model, device,
             [&](const AudioTimeStamp*, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
                 const AudioTimeStamp*) {
                 const CXRealtimeExemption exemption("pulling the plug is the test's, not the library's");
@@ -222,16 +223,16 @@ TEST_F(SimulatedIO, playsAFileAndWritesOneThatReadsBackTheSame)
                                                    .outputs(2)
                                                    .hears(simulatedRamp())
                                                    .playsInto(simulatedFileSink(path)));
-        const AudioDeviceIOProcID proc = started(*hal, device, passingThrough);
+        const AudioDeviceIOProcID proc = started(*model, device, passingThrough);
         hal->stepCycles(300);
-        hal->stop(device, proc); // writes what was kept back
+        model->stop(device, proc); // writes what was kept back
     }
     std::string error;
     const SimulatedSource source = simulatedFileSource(path, &error);
     ASSERT_TRUE(source) << error;
     const AudioObjectID device =
         hal->plug(aDevice().uid("reader").inputs(2).outputs(2).hears(source).playsInto(keepIn(played)));
-    started(*hal, device, passingThrough);
+    started(*model, device, passingThrough);
     hal->stepCycles(300);
     for (size_t frame = 1; frame < 300 * 512; ++frame)
         ASSERT_EQ(played[2 * frame], played[2 * frame - 2] + 1.0F / (1U << 24)) << frame;

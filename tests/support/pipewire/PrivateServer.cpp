@@ -70,6 +70,11 @@ PrivateServer::~PrivateServer()
 
 void PrivateServer::_writeConfiguration(const Options& options) const
 {
+    std::string modules = configuration;
+    if (!options.withoutModule.empty()) {
+        const size_t name = modules.find("libpipewire-module-" + options.withoutModule + " ");
+        modules.erase(modules.rfind('{', name), modules.find('}', name) + 1 - modules.rfind('{', name));
+    }
     std::filesystem::create_directories(_folder);
     std::ofstream file(_folder / "server.conf");
     file << "context.properties = {\n"
@@ -81,7 +86,7 @@ void PrivateServer::_writeConfiguration(const Options& options) const
          << "\n    default.clock.min-quantum = 16\n    default.clock.max-quantum = 8192\n"
             "    settings.check-quantum = false\n    settings.check-rate = false\n"
             "    clock.power-of-two-quantum = false\n}\n"
-         << configuration << "context.objects = [\n"
+         << modules << "context.objects = [\n"
          << (options.metadata ? "    { factory = metadata args = { metadata.name = default } }\n" : "")
          << drivers << "]\n";
 }

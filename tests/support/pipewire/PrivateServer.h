@@ -14,6 +14,7 @@ public:
         uint32_t rate = 48000;       ///< Hz, while no client asks for another
         uint32_t frameCount = 512;   ///< of a cycle, while no client asks for another
         std::string runtimeFolder{}; ///< where the socket goes; a new one when empty
+        std::string withoutModule{}; ///< a module not to load, "link-factory"; none when empty
     };
 
     PrivateServer() : PrivateServer(Options{}) {}

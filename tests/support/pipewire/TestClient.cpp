@@ -118,8 +118,9 @@ bool TestClient::waitUntil(const std::function<bool()>& isTrue, std::chrono::sec
     return is;
 }
 
-std::optional<uint32_t> TestClient::_find(const std::string& type, const NodeProperties& properties) const
+std::vector<uint32_t> TestClient::_find(const std::string& type, const NodeProperties& properties) const
 {
+    std::vector<uint32_t> ids;
     for (const auto& [id, global] : _globals) {
         bool matches = global.type == type;
         for (const auto& [key, value] : properties) {
@@ -127,17 +128,24 @@ std::optional<uint32_t> TestClient::_find(const std::string& type, const NodePro
             matches = matches && found != global.properties.end() && found->second == value;
         }
         if (matches)
-            return id;
+            ids.push_back(id);
     }
-    return std::nullopt;
+    return ids;
+}
+
+std::vector<uint32_t> TestClient::idsOf(const std::string& type, const NodeProperties& properties) const
+{
+    std::vector<uint32_t> ids;
+    locked([&] { ids = _find(type, properties); });
+    return ids;
 }
 
 uint32_t TestClient::idOf(const std::string& type, const NodeProperties& properties)
 {
-    std::optional<uint32_t> id;
-    if (!waitUntil([&] { return (id = _find(type, properties)).has_value(); }))
+    std::vector<uint32_t> ids;
+    if (!waitUntil([&] { return !(ids = _find(type, properties)).empty(); }))
         throw std::runtime_error("no such object on the server: " + type);
-    return *id;
+    return ids.front();
 }
 
 uint32_t TestClient::nodeID(const std::string& nodeName)
@@ -190,4 +198,34 @@ pw_proxy* TestClient::link(uint32_t outputNode, const std::string& outputPort, u
 void TestClient::destroy(pw_proxy* proxy)
 {
     locked([&] { pw_proxy_destroy(proxy); });
+}
+
+void TestClient::destroyObject(uint32_t id)
+{
+    locked([&] { pw_registry_destroy(_registry, id); });
+    sync();
+}
+
+void TestClient::commandNode(uint32_t nodeID, uint32_t command)
+{
+    pw_proxy* proxy = nullptr;
+    locked([&] {
+        proxy = bind(nodeID, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE);
+        const spa_command sent = SPA_NODE_COMMAND_INIT(command);
+        pw_node_send_command(reinterpret_cast<pw_node*>(proxy), &sent);
+    });
+    sync();
+    destroy(proxy);
+}
+
+void TestClient::permit(uint32_t clientID, uint32_t objectID, uint32_t permissions)
+{
+    pw_proxy* proxy = nullptr;
+    locked([&] {
+        proxy = bind(clientID, PW_TYPE_INTERFACE_Client, PW_VERSION_CLIENT);
+        const pw_permission permission = PW_PERMISSION_INIT(objectID, permissions);
+        pw_client_update_permissions(reinterpret_cast<pw_client*>(proxy), 1, &permission);
+    });
+    sync();
+    destroy(proxy);
 }

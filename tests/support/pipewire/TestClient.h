@@ -34,6 +34,8 @@ public:
     /// Throws std::runtime_error when it does not come.
     uint32_t idOf(const std::string& type, const NodeProperties& properties);
     uint32_t nodeID(const std::string& nodeName);
+    /// The ids of all objects of this type with these properties.
+    std::vector<uint32_t> idsOf(const std::string& type, const NodeProperties& properties) const;
     /// A property the registry told of an object; empty when it told none.
     std::string property(uint32_t id, const std::string& key) const;
 
@@ -47,6 +49,14 @@ public:
                    const std::string& inputPort);
     /// Destroys what create(), bind() or link() answered.
     void destroy(pw_proxy* proxy);
+
+    // -- What any client may do to others' objects; each returns once the server has done it
+
+    void destroyObject(uint32_t id);
+    /// SPA_NODE_COMMAND_…
+    void commandNode(uint32_t nodeID, uint32_t command);
+    /// What the other client may do with an object: PW_PERM_…
+    void permit(uint32_t clientID, uint32_t objectID, uint32_t permissions);
 
     pw_core* core() const noexcept { return _core; }
     pw_context* context() const noexcept { return _context; }
@@ -63,7 +73,7 @@ private:
     static void _global(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
                         const spa_dict* properties);
     static void _globalRemove(void* data, uint32_t id);
-    std::optional<uint32_t> _find(const std::string& type, const NodeProperties& properties) const;
+    std::vector<uint32_t> _find(const std::string& type, const NodeProperties& properties) const;
 
     pw_thread_loop* _loop = nullptr;
     pw_context* _context = nullptr;

@@ -1,0 +1,166 @@
+#include "CXDispatchTimerList.h"
+
+#include "CXErrorAdditions.h"
+#include "CXTFAObject.h"
+#include "HostClock.h"
+
+using platform::Futex;
+
+namespace {
+
+/// a + b, or the latest moment there is.
+uint64_t laterBy(uint64_t a, uint64_t b) noexcept
+{
+    uint64_t sum = 0;
+    return __builtin_add_overflow(a, b, &sum) ? Futex::noDeadline : sum;
+}
+
+} // namespace
+
+/// A timer in the list.
+class CXDispatchTimerList::Entry final : public CXTFAObject {
+public:
+    /// Null where there is no memory.
+    static CXRef<Entry> initWithTimer(const CXRef<CXDispatchTimer>& timer)
+    {
+        return CXRef<Entry>::adopt(new Entry(timer));
+    }
+
+    /// Takes over what the timer is set to, as if it had never been scheduled.
+    void reload() noexcept
+    {
+        deadline = 0;
+        absoluteStart = timer->deadline();
+        interval = timer->interval();
+    }
+
+    /// After a fire: the next deadline that lies after `now`; none for a one-shot timer.
+    void advance(uint64_t now) noexcept
+    {
+        if (interval == 0) {
+            deadline = 0;
+            absoluteStart = 0;
+            return;
+        }
+        // The first multiple past `now`: periods that were missed are left out.
+        deadline = laterBy(now, interval - (now - deadline) % interval);
+        if (absoluteStart != 0)
+            absoluteStart = deadline;
+    }
+
+    const CXRef<CXDispatchTimer> timer;
+    Entry* previous = nullptr;
+    Entry* next = nullptr;
+    bool isLinked = false;
+    uint64_t deadline = 0;      // host ticks; 0: not scheduled
+    uint64_t absoluteStart = 0; // host ticks; 0: none
+    uint64_t interval = 0;      // host ticks; 0: one-shot
+    uint64_t pass = 0;          // the list's when it was called last
+
+private:
+    explicit Entry(const CXRef<CXDispatchTimer>& entryTimer) : timer(entryTimer) { reload(); }
+    ~Entry() override = default;
+};
+
+CXDispatchTimerList::CXDispatchTimerList() = default;
+
+CXDispatchTimerList::~CXDispatchTimerList() = default;
+
+bool CXDispatchTimerList::add(const CXRef<CXDispatchTimer>& timer)
+{
+    CXRef<Entry> entry = _entries.contains(timer.get()) ? nullptr : Entry::initWithTimer(timer);
+    if (!entry)
+        _CXFailedAssertion(nullptr, nullptr, "CXDispatchQueue", __LINE__);
+    _schedule(*_entries.emplace(timer.get(), std::move(entry)).first->second);
+    return _publishFirstDeadline();
+}
+
+void CXDispatchTimerList::remove(const CXDispatchTimer& timer)
+{
+    const auto found = _entries.find(&timer);
+    if (found == _entries.end())
+        return;
+    _unschedule(*found->second);
+    const CXRef<Entry> entry = std::move(found->second); // its end may come back here: after the map
+    _entries.erase(found);
+    _publishFirstDeadline();
+}
+
+bool CXDispatchTimerList::reschedule(const CXDispatchTimer& timer)
+{
+    const auto found = _entries.find(&timer);
+    if (found == _entries.end())
+        return false;
+    _unschedule(*found->second);
+    found->second->reload();
+    _schedule(*found->second);
+    return _publishFirstDeadline();
+}
+
+std::vector<CXRef<CXDispatchTimer>> CXDispatchTimerList::timers() const
+{
+    std::vector<CXRef<CXDispatchTimer>> all;
+    for (const auto& [timer, entry] : _entries)
+        all.push_back(entry->timer);
+    return all;
+}
+
+void CXDispatchTimerList::fireDue(uint64_t now) noexcept
+{
+    ++_pass;
+    while (const CXRef<Entry> entry = _nextDue(now)) { // a reference: its handler may remove it
+        entry->pass = _pass;
+        _unschedule(*entry);
+        entry->advance(now);
+        _schedule(*entry);
+        _publishFirstDeadline();
+        if (const CXDispatchTimer::Handler handler = entry->timer->handler())
+            handler(entry->timer);
+    }
+}
+
+/// The first timer that is due and has not been called in this pass; null when there is none.
+CXRef<CXDispatchTimerList::Entry> CXDispatchTimerList::_nextDue(uint64_t now) const noexcept
+{
+    Entry* entry = _first;
+    while (entry != nullptr && entry->pass == _pass)
+        entry = entry->next;
+    return CXRef<Entry>(entry != nullptr && entry->deadline <= now ? entry : nullptr);
+}
+
+/// Enters the entry by its deadline, or its start, or its interval from now; without any of them it waits for
+/// reschedule().
+void CXDispatchTimerList::_schedule(Entry& entry) noexcept
+{
+    if (entry.deadline == 0)
+        entry.deadline = entry.absoluteStart;
+    if (entry.deadline == 0 && entry.interval != 0)
+        entry.deadline = laterBy(platform::HostClock::nowTicks(), entry.interval);
+    if (entry.deadline == 0)
+        return;
+    Entry* before = _last;
+    while (before != nullptr && before->deadline > entry.deadline)
+        before = before->previous;
+    entry.previous = before;
+    entry.next = before != nullptr ? before->next : _first;
+    (entry.next != nullptr ? entry.next->previous : _last) = &entry;
+    (before != nullptr ? before->next : _first) = &entry;
+    entry.isLinked = true;
+}
+
+void CXDispatchTimerList::_unschedule(Entry& entry) noexcept
+{
+    if (!entry.isLinked)
+        return;
+    (entry.previous != nullptr ? entry.previous->next : _first) = entry.next;
+    (entry.next != nullptr ? entry.next->previous : _last) = entry.previous;
+    entry.previous = nullptr;
+    entry.next = nullptr;
+    entry.isLinked = false;
+}
+
+bool CXDispatchTimerList::_publishFirstDeadline() noexcept
+{
+    const uint64_t first = _first != nullptr ? _first->deadline : Futex::noDeadline;
+    return _firstDeadline.exchange(first) > first;
+}

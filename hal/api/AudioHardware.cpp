@@ -1,0 +1,141 @@
+#include "AudioHardware.h"
+
+#include "HALModel.h"
+#include "HALReadFailures.h"
+#include "HALReadInterception.h"
+
+namespace {
+
+using Address = AudioObjectPropertyAddress;
+
+std::span<const std::byte> bytesOf(const void* data, uint32_t size)
+{
+    return {static_cast<const std::byte*>(data), size};
+}
+
+thread_local uint64_t readFailures = 0;
+
+HALStatus noted(HALStatus status)
+{
+    if (status != kAudioHardwareNoError && status != kAudioHardwareUnknownPropertyError)
+        ++readFailures;
+    return status;
+}
+
+bool isAbsent(const void* data, uint32_t size)
+{
+    return !data && size > 0;
+}
+
+} // namespace
+
+uint64_t halReadFailures() noexcept
+{
+    return readFailures;
+}
+
+HALStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID, const Address* address,
+                                         uint32_t qualifierDataSize, const void* qualifierData,
+                                         uint32_t* dataSize)
+{
+    if (!address || !dataSize || isAbsent(qualifierData, qualifierDataSize))
+        return kAudioHardwareIllegalOperationError;
+    if (const HALStatus status = halIntercepted(objectID, *address, true))
+        return noted(status);
+    return noted(halActiveModel()->propertySize(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
+                                                *dataSize));
+}
+
+HALStatus AudioObjectGetPropertyData(AudioObjectID objectID, const Address* address,
+                                     uint32_t qualifierDataSize, const void* qualifierData,
+                                     uint32_t* dataSize, void* data)
+{
+    if (!address || !dataSize || isAbsent(data, *dataSize) || isAbsent(qualifierData, qualifierDataSize))
+        return kAudioHardwareIllegalOperationError;
+    if (const HALStatus status = halIntercepted(objectID, *address, false))
+        return noted(status);
+    return noted(halActiveModel()->readProperty(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
+                                                {static_cast<std::byte*>(data), *dataSize}, *dataSize));
+}
+
+HALStatus AudioObjectSetPropertyData(AudioObjectID objectID, const Address* address,
+                                     uint32_t qualifierDataSize, const void* qualifierData, uint32_t dataSize,
+                                     const void* data)
+{
+    if (!address || isAbsent(data, dataSize) || isAbsent(qualifierData, qualifierDataSize))
+        return kAudioHardwareIllegalOperationError;
+    return halActiveModel()->writeProperty(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
+                                           bytesOf(data, dataSize));
+}
+
+HALStatus AudioObjectAddPropertyListener(AudioObjectID objectID, const Address* address,
+                                         AudioObjectPropertyListenerProc listener, void* clientData)
+{
+    if (!address || !listener)
+        return kAudioHardwareIllegalOperationError;
+    return halActiveModel()->addListener(objectID, *address, {listener, clientData, {}, {}});
+}
+
+HALStatus AudioObjectRemovePropertyListener(AudioObjectID objectID, const Address* address,
+                                            AudioObjectPropertyListenerProc listener, void* clientData)
+{
+    if (!address || !listener)
+        return kAudioHardwareIllegalOperationError;
+    return halActiveModel()->removeListener(objectID, *address, {listener, clientData, {}, {}});
+}
+
+HALStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID, const Address* address,
+                                              const CXRef<platform::WorkQueue>& queue,
+                                              const AudioObjectPropertyListenerBlock& listener)
+{
+    if (!address || !listener)
+        return kAudioHardwareIllegalOperationError;
+    return halActiveModel()->addListener(objectID, *address, {nullptr, nullptr, listener, queue});
+}
+
+HALStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID objectID, const Address* address,
+                                                 const CXRef<platform::WorkQueue>& queue,
+                                                 const AudioObjectPropertyListenerBlock& listener)
+{
+    if (!address || !listener)
+        return kAudioHardwareIllegalOperationError;
+    return halActiveModel()->removeListener(objectID, *address, {nullptr, nullptr, listener, queue});
+}
+
+HALStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* procID, AudioObjectID deviceID,
+                                             const CXRef<platform::WorkQueue>& queue,
+                                             const AudioDeviceIOBlock& block)
+{
+    if (!procID || !block || queue)
+        return kAudioHardwareIllegalOperationError;
+    *procID = nullptr;
+    return halActiveModel()->createIOProc(deviceID, block, *procID);
+}
+
+HALStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID)
+{
+    return halActiveModel()->destroyIOProc(deviceID, procID);
+}
+
+HALStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID)
+{
+    return halActiveModel()->start(deviceID, procID);
+}
+
+HALStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID)
+{
+    return halActiveModel()->stop(deviceID, procID);
+}
+
+HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioObjectID* deviceID)
+{
+    if (!description || !deviceID)
+        return kAudioHardwareIllegalOperationError;
+    *deviceID = kAudioObjectUnknown;
+    return halActiveModel()->createAggregateDevice(*description, *deviceID);
+}
+
+HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID)
+{
+    return halActiveModel()->destroyAggregateDevice(deviceID);
+}

@@ -1,0 +1,484 @@
+#include "AggregateDevice.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+constexpr std::chrono::seconds maxWaitToFollow{2};
+
+HALDeadline deadlineFromNow()
+{
+    return std::chrono::steady_clock::now() + maxWaitToFollow;
+}
+
+/// Whether both go by one clock.
+bool shareClock(const HALDeviceState& a, const HALDeviceState& b)
+{
+    return a.clockDomain != 0 && a.clockDomain == b.clockDomain;
+}
+
+/// Whether both can run in one cycle, without a bridge.
+bool sharesCycles(const HALDeviceState& a, const HALDeviceState& b)
+{
+    return a.groupDomain != 0 && a.groupDomain == b.groupDomain && a.nominalSampleRate == b.nominalSampleRate;
+}
+
+bool hasStreams(const HALDeviceState& state)
+{
+    return std::ranges::any_of(state.directions,
+                               [](const HALDirectionState& each) { return !each.streams.empty(); });
+}
+
+/// The rates within both lists.
+std::vector<AudioValueRange> commonRates(const std::vector<AudioValueRange>& a,
+                                         const std::vector<AudioValueRange>& b)
+{
+    std::vector<AudioValueRange> common;
+    for (const AudioValueRange& one : a)
+        for (const AudioValueRange& other : b) {
+            const AudioValueRange both{std::max(one.minimum, other.minimum),
+                                       std::min(one.maximum, other.maximum)};
+            if (both.minimum <= both.maximum && std::ranges::find(common, both) == common.end())
+                common.push_back(both);
+        }
+    return common;
+}
+
+} // namespace
+
+CXRef<AggregateDevice> AggregateDevice::initWithDescription(AggregateDescription description,
+                                                            HALDriverSink& sink, DeviceFinder findDevice)
+{
+    return CXRef<AggregateDevice>::adopt(
+        new AggregateDevice(std::move(description), sink, std::move(findDevice)));
+}
+
+AggregateDevice::AggregateDevice(AggregateDescription description, HALDriverSink& sink,
+                                 DeviceFinder findDevice)
+    : _description(std::move(description)), _sink(sink), _findDevice(std::move(findDevice)),
+      _name(_description.name), _subDevices(_description.subDevices.size())
+{}
+
+// ---- Its state
+
+HALDeviceState AggregateDevice::look()
+{
+    const std::scoped_lock lock(_mutex);
+    _lookAtSubDevices();
+    return _composedState();
+}
+
+void AggregateDevice::_lookAtSubDevices()
+{
+    for (size_t place = 0; place < _subDevices.size(); ++place) {
+        SubDevice& subDevice = _subDevices[place];
+        subDevice.device = _findDevice(_description.subDevices[place].uid);
+        if (!subDevice.device)
+            continue;
+        HALDeviceState state = subDevice.device->state();
+        if (state.aggregate) // one made of aggregates might be made of itself
+            subDevice.device = nullptr;
+        else
+            subDevice.state = std::move(state);
+    }
+}
+
+const AggregateDevice::SubDevice* AggregateDevice::_leader() const
+{
+    const auto isPresent = [](const SubDevice& each) { return each.device && hasStreams(each.state); };
+    if (_io) {
+        if (isPresent(_subDevices[_io->plan().leader]))
+            return &_subDevices[_io->plan().leader];
+        for (const size_t place : _io->plan().group) // the group's cycle goes on without its first leader
+            if (isPresent(_subDevices[place]))
+                return &_subDevices[place];
+    }
+    if (_description.clock && isPresent(_subDevices[*_description.clock]))
+        return &_subDevices[*_description.clock];
+    const auto first = std::ranges::find_if(_subDevices, isPresent);
+    return first == _subDevices.end() ? nullptr : &*first;
+}
+
+HALDeviceState AggregateDevice::_composedState() const
+{
+    HALDeviceState state;
+    state.uid = _description.uid;
+    state.name = _name;
+    state.transportType = kAudioDeviceTransportTypeAggregate;
+    state.aggregate.emplace();
+    state.aggregate->composition = _composition();
+    state.aggregate->subDeviceStatus = _readStatus;
+    for (const SubDevice& each : _subDevices)
+        if (each.device)
+            state.aggregate->activeSubDevices.push_back(each.device->objectID());
+    if (const SubDevice* leader = _leader()) {
+        state.clockDomain = leader->state.clockDomain;
+        state.nominalSampleRate = leader->state.nominalSampleRate;
+        state.actualSampleRate = leader->state.actualSampleRate;
+        state.bufferFrameSize = leader->state.bufferFrameSize;
+        state.bufferFrameSizeRange = leader->state.bufferFrameSizeRange;
+        state.sampleRates = leader->state.sampleRates;
+        state.isStalled = _io && leader->state.isStalled;
+        for (const SubDevice& each : _subDevices)
+            if (each.device)
+                state.sampleRates = commonRates(state.sampleRates, each.state.sampleRates);
+        if (state.sampleRates.empty()) // those that cannot follow are converted
+            state.sampleRates = leader->state.sampleRates;
+    }
+    for (const HALDirection direction : halDirections)
+        _composeDirection(state, direction);
+    return state;
+}
+
+void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection direction) const
+{
+    HALDirectionState& whole = state[direction];
+    whole.canBeDefault = false;
+    for (const SubDevice& each : _subDevices) {
+        const HALDirectionState& part = each.state[direction];
+        if (part.streams.empty())
+            continue;
+        for (HALStreamState stream : part.streams) {
+            stream.objectID = kAudioObjectUnknown; // the aggregate's own
+            whole.streams.push_back(stream);
+        }
+        for (uint32_t channel = 0; channel < part.channelCount(); ++channel)
+            whole.channelNames.push_back(channel < part.channelNames.size()
+                                             ? part.channelNames[channel]
+                                             : each.state.name + " " + std::to_string(channel + 1));
+        if (!each.device)
+            continue;
+        whole.latencyFrames = std::max(whole.latencyFrames, _pathLatency(each, direction));
+        whole.safetyOffsetFrames = std::max(whole.safetyOffsetFrames, part.safetyOffsetFrames);
+        // One control for all that have one.
+        if (part.mainVolume && !whole.mainVolume)
+            whole.mainVolume = part.mainVolume;
+        if (part.muted)
+            whole.muted = whole.muted.value_or(true) && *part.muted;
+    }
+    if (whole.channelCount() >= 2)
+        whole.stereoChannels = std::array{1U, 2U};
+}
+
+uint32_t AggregateDevice::_pathLatency(const SubDevice& subDevice, HALDirection direction) const
+{
+    const uint32_t own = subDevice.state[direction].latencyFrames;
+    const SubDevice* leader = _leader();
+    const auto place = static_cast<size_t>(&subDevice - _subDevices.data());
+    if (!leader || leader == &subDevice || (_io && _io->isInGroup(place)) ||
+        (!_io && sharesCycles(leader->state, subDevice.state)))
+        return own;
+    const bool isInput = direction == HALDirection::Input;
+    const HALDeviceState& writer = isInput ? subDevice.state : leader->state;
+    const HALDeviceState& reader = isInput ? leader->state : subDevice.state;
+    DriftController::Settings settings;
+    settings.writerRate = writer.nominalSampleRate;
+    settings.readerRate = reader.nominalSampleRate;
+    const double frames = DriftController::delayFor(settings, writer.bufferFrameSize, reader.bufferFrameSize);
+    const double seconds = frames / writer.nominalSampleRate + own / subDevice.state.nominalSampleRate;
+    // A cycle of the leader is in its time stamps already.
+    const double inLeaders = seconds * leader->state.nominalSampleRate - leader->state.bufferFrameSize;
+    return static_cast<uint32_t>(std::lround(std::max(0.0, inLeaders)));
+}
+
+CXPlist AggregateDevice::_composition() const
+{
+    CXPlist composition = _description.dictionary;
+    composition["name"] = _name;
+    CXPlist subDevices = CXPlist::array();
+    for (size_t place = 0; place < _subDevices.size(); ++place) {
+        const AggregateDescription::SubDevice& described = _description.subDevices[place];
+        const HALDeviceState& state = _subDevices[place].state;
+        CXPlist entry{{"uid", described.uid},
+                      {"drift", described.isCompensated && place != _description.clock ? 1 : 0},
+                      {"channels-in", state[HALDirection::Input].channelCount()},
+                      {"channels-out", state[HALDirection::Output].channelCount()}};
+        if (!state.name.empty())
+            entry["name"] = state.name;
+        subDevices.push_back(std::move(entry));
+    }
+    composition["subdevices"] = std::move(subDevices);
+    return composition;
+}
+
+void AggregateDevice::_publish()
+{
+    std::vector<AggregateStatus::SubDevice> status(_subDevices.size());
+    const SubDevice* leader = _leader();
+    for (size_t place = 0; place < status.size(); ++place) {
+        const SubDevice& each = _subDevices[place];
+        status[place].deviceID = each.device ? each.device->objectID() : kAudioObjectUnknown;
+        if (!_io)
+            continue;
+        status[place].isClock = &each == leader;
+        status[place].isRunning = each.device && _io->isInGroup(place);
+        status[place].track = _io->track(place);
+    }
+    _status->set(std::move(status));
+    _sink.deviceChanged(*this, _composedState());
+}
+
+// ---- Following the sub-devices
+
+void AggregateDevice::refresh()
+{
+    const std::scoped_lock lock(_mutex);
+    if (_isEnded)
+        return;
+    _lookAtSubDevices();
+    _follow(deadlineFromNow());
+    _publish();
+}
+
+void AggregateDevice::_follow(HALDeadline deadline)
+{
+    if (_table && _mustBeginAgain())
+        _begin(deadline);
+    else if (_io)
+        _joinPresent(deadline);
+}
+
+void AggregateDevice::end()
+{
+    const std::scoped_lock lock(_mutex);
+    _isEnded = true;
+    _io = nullptr;
+    _table = nullptr;
+}
+
+// ---- Writes
+
+HALStatus AggregateDevice::setName(const std::string& name, HALDeadline /*deadline*/)
+{
+    const std::scoped_lock lock(_mutex);
+    _name = name;
+    _publish();
+    return kAudioHardwareNoError;
+}
+
+/// Writes to every sub-device that `takes` the value; the leader's status counts, since the aggregate runs as it does.
+template <class Takes, class Write>
+HALStatus AggregateDevice::_writeToAll(Takes takes, Write write, HALDeadline deadline)
+{
+    const std::scoped_lock lock(_mutex);
+    const SubDevice* leader = _leader();
+    HALStatus result = kAudioHardwareUnspecifiedError;
+    for (const SubDevice& each : _subDevices) {
+        if (!each.device || !takes(each.state))
+            continue;
+        const HALStatus status = write(each.device->driver());
+        if (&each == leader || result != kAudioHardwareNoError)
+            result = status;
+    }
+    _lookAtSubDevices();
+    _follow(deadline);
+    _publish();
+    return result;
+}
+
+HALStatus AggregateDevice::setNominalSampleRate(double rate, HALDeadline deadline)
+{
+    return _writeToAll([=](const HALDeviceState& state) { return state.canSampleRate(rate); },
+                       [=](HALDeviceDriver& driver) { return driver.setNominalSampleRate(rate, deadline); },
+                       deadline);
+}
+
+HALStatus AggregateDevice::setBufferFrameSize(uint32_t frameCount, HALDeadline deadline)
+{
+    return _writeToAll(
+        [=](const HALDeviceState& state) {
+            return frameCount >= state.bufferFrameSizeRange.minimum &&
+                   frameCount <= state.bufferFrameSizeRange.maximum;
+        },
+        [=](HALDeviceDriver& driver) { return driver.setBufferFrameSize(frameCount, deadline); }, deadline);
+}
+
+HALStatus AggregateDevice::setVolume(HALDirection direction, uint32_t element, float scalar,
+                                     HALDeadline deadline)
+{
+    if (element != kAudioObjectPropertyElementMain)
+        return kAudioHardwareIllegalOperationError;
+    return _writeToAll(
+        [=](const HALDeviceState& state) { return state[direction].mainVolume.has_value(); },
+        [=](HALDeviceDriver& driver) { return driver.setVolume(direction, element, scalar, deadline); },
+        deadline);
+}
+
+HALStatus AggregateDevice::setMuted(HALDirection direction, bool muted, HALDeadline deadline)
+{
+    return _writeToAll([=](const HALDeviceState& state) { return state[direction].muted.has_value(); },
+                       [=](HALDeviceDriver& driver) { return driver.setMuted(direction, muted, deadline); },
+                       deadline);
+}
+
+// ---- Running
+
+HALStatus AggregateDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadline deadline)
+{
+    const std::scoped_lock lock(_mutex);
+    if (_isEnded)
+        return kAudioHardwareBadDeviceError;
+    _table = table;
+    _refusedGroup.clear();
+    _lookAtSubDevices();
+    const HALStatus status = _begin(deadline);
+    if (status)
+        _table = nullptr;
+    _publish();
+    return status;
+}
+
+void AggregateDevice::stopIO()
+{
+    const std::scoped_lock lock(_mutex);
+    _io = nullptr;
+    _table = nullptr;
+    if (!_isEnded)
+        _publish();
+}
+
+bool AggregateDevice::_isCompensated(size_t place) const
+{
+    const SubDevice* leader = _leader();
+    return _description.subDevices[place].isCompensated &&
+           !(leader && shareClock(leader->state, _subDevices[place].state));
+}
+
+AggregateTrackShape AggregateDevice::_shapeOf(const SubDevice& subDevice) const
+{
+    AggregateTrackShape shape;
+    shape.deviceID = subDevice.device ? subDevice.device->objectID() : kAudioObjectUnknown;
+    for (const HALStreamState& stream : subDevice.state[HALDirection::Input].streams)
+        shape.inputChannels.push_back(stream.channelCount);
+    for (const HALStreamState& stream : subDevice.state[HALDirection::Output].streams)
+        shape.outputChannels.push_back(stream.channelCount);
+    shape.sampleRate = subDevice.state.nominalSampleRate;
+    shape.maxFrames = subDevice.state.bufferFrameSize;
+    return shape;
+}
+
+/// The places that can run in the leader's cycle, absent ones that could before they went included.
+std::vector<size_t> AggregateDevice::_groupOf(size_t leader) const
+{
+    std::vector<size_t> group;
+    for (size_t place = 0; place < _subDevices.size(); ++place)
+        if (place == leader || (hasStreams(_subDevices[place].state) &&
+                                sharesCycles(_subDevices[leader].state, _subDevices[place].state)))
+            group.push_back(place);
+    return group;
+}
+
+AggregateIO::Plan AggregateDevice::_planFor(size_t leader, std::vector<size_t> group) const
+{
+    const HALDeviceState& state = _subDevices[leader].state;
+    AggregateIO::Plan plan;
+    plan.leader = leader;
+    plan.group = std::move(group);
+    plan.sampleRate = state.nominalSampleRate;
+    // Room for every cycle that may be asked for, so that another cycle length is not another run.
+    plan.maxFrames =
+        std::max(state.bufferFrameSize, static_cast<uint32_t>(state.bufferFrameSizeRange.maximum));
+    for (const SubDevice& each : _subDevices)
+        plan.layout.push_back(_shapeOf(each));
+    return plan;
+}
+
+AggregateIO::Devices AggregateDevice::_devices() const
+{
+    AggregateIO::Devices devices;
+    devices.reserve(_subDevices.size());
+    for (const SubDevice& each : _subDevices)
+        devices.push_back(each.device);
+    return devices;
+}
+
+/// Starts, or starts again, with the first sub-device that can lead.
+HALStatus AggregateDevice::_begin(HALDeadline deadline)
+{
+    _io = nullptr;
+    HALStatus status = kAudioHardwareUnspecifiedError;
+    std::vector<size_t> candidates;
+    if (const SubDevice* leader = _leader())
+        candidates.push_back(static_cast<size_t>(leader - _subDevices.data()));
+    for (size_t place = 0; place < _subDevices.size(); ++place)
+        if (std::ranges::find(candidates, place) == candidates.end())
+            candidates.push_back(place);
+    for (const size_t place : candidates) {
+        const SubDevice& candidate = _subDevices[place];
+        if (!candidate.device || !hasStreams(candidate.state))
+            continue;
+        std::vector<size_t> group = _groupOf(place);
+        if (group.size() > 1 && group != _refusedGroup) {
+            status = _beginWith(place, group, deadline);
+            if (status == kAudioHardwareIllegalOperationError)
+                _refusedGroup = group;
+        }
+        if (group.size() == 1 || group == _refusedGroup)
+            status = _beginWith(place, {place}, deadline);
+        if (status == kAudioHardwareNoError || std::chrono::steady_clock::now() >= deadline)
+            break;
+    }
+    return status;
+}
+
+HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, HALDeadline deadline)
+{
+    _io = std::make_unique<AggregateIO>(_table, _planFor(leader, std::move(group)), _sampleTime);
+    // The others first, so that their frames are there when the first cycle comes.
+    _joinPresent(deadline);
+    const HALStatus status = _io->start(_devices(), deadline);
+    if (status)
+        _io = nullptr;
+    return status;
+}
+
+bool AggregateDevice::_mustBeginAgain() const
+{
+    const SubDevice* leader = _leader();
+    if (!_io || !leader)
+        return leader != nullptr || _io;
+    const AggregateIO::Plan& plan = _io->plan();
+    const auto place = static_cast<size_t>(leader - _subDevices.data());
+    if (!_io->isInGroup(place) || leader->state.nominalSampleRate != plan.sampleRate ||
+        leader->state.bufferFrameSize > plan.maxFrames)
+        return true;
+    // A device of the same UID that is another object: the callback on the old one has ended with it.
+    if (plan.group.size() == 1 && _shapeOf(*leader).deviceID != plan.layout[place].deviceID)
+        return true;
+    const std::vector<size_t> group = _groupOf(place);
+    if (group != plan.group && group != _refusedGroup)
+        return true;
+    for (size_t each = 0; each < _subDevices.size(); ++each) {
+        const AggregateTrackShape now = _shapeOf(_subDevices[each]);
+        if (now.inputChannels != plan.layout[each].inputChannels ||
+            now.outputChannels != plan.layout[each].outputChannels)
+            return true;
+    }
+    return false;
+}
+
+void AggregateDevice::_joinPresent(HALDeadline deadline)
+{
+    const SubDevice* leader = _leader();
+    for (size_t place = 0; place < _subDevices.size(); ++place) {
+        const SubDevice& subDevice = _subDevices[place];
+        if (_io->isInGroup(place)) {
+            _io->setMember(place, subDevice.device);
+            continue;
+        }
+        if (!subDevice.device || !leader) {
+            _io->detach(place);
+            continue;
+        }
+        const CXRef<AggregateTrack>& track = _io->track(place);
+        const AggregateTrackShape shape = _shapeOf(subDevice);
+        const uint32_t leaderFrames = leader->state.bufferFrameSize;
+        const bool isCompensated = _isCompensated(place);
+        // One that does not start stays silent until it changes: the others do not wait for it.
+        if (hasStreams(subDevice.state) &&
+            (!track || track->shape() != shape || track->leaderFrames() != leaderFrames ||
+             track->isCompensated() != isCompensated))
+            _io->attach(place, subDevice.device, shape, leaderFrames, isCompensated, deadline);
+    }
+}

@@ -1,0 +1,8 @@
+#include "HALDefaultDriver.h"
+
+#include "PipeWireDriver.h"
+
+CXRef<HALHardwareDriver> halMakeDefaultDriver()
+{
+    return PipeWireDriver::initWithRemote();
+}

@@ -1,0 +1,379 @@
+#include "PipeWireDeviceIO.h"
+
+#include "HostClock.h"
+
+#include <algorithm>
+#include <cmath>
+#include <pipewire/filter.h>
+#include <pipewire/pipewire.h>
+
+namespace {
+
+constexpr double audibleRatioChange = 20e-6;         // smaller ones are noise of the measurement
+constexpr uint64_t ratioNanoseconds = 1'000'000'000; // between two reports of it
+
+// Each is work for the audio thread, whose queue drops what it has no room for.
+constexpr size_t portBatchSize = 64;
+
+thread_local bool insideCycle __attribute__((tls_model("initial-exec"))) = false;
+
+/// Channel `channel` of interleaved samples, from one port's block; silence without one.
+void interleave(const float* from, float* to, size_t channel, size_t channelCount,
+                uint32_t frameCount) noexcept
+{
+    float* sample = to + channel;
+    for (uint32_t frame = 0; frame < frameCount; ++frame, sample += channelCount)
+        *sample = from ? from[frame] : 0.0F;
+}
+
+void deinterleave(const float* from, float* to, size_t channel, size_t channelCount,
+                  uint32_t frameCount) noexcept
+{
+    const float* sample = from + channel;
+    for (uint32_t frame = 0; frame < frameCount; ++frame, sample += channelCount)
+        to[frame] = *sample;
+}
+
+/// The samples of a port in this cycle; null when it has none, or not enough.
+float* portSamples(void* port, uint32_t frameCount, bool isOutput) noexcept
+{
+    pw_buffer* buffer = port ? pw_filter_dequeue_buffer(port) : nullptr;
+    if (!buffer)
+        return nullptr;
+    spa_data& data = buffer->buffer->datas[0];
+    const size_t bytes = size_t{frameCount} * sizeof(float);
+    float* samples = nullptr;
+    if (isOutput) {
+        const bool fits = data.data && bytes <= data.maxsize;
+        data.chunk->offset = 0;
+        data.chunk->stride = sizeof(float);
+        data.chunk->size = fits ? static_cast<uint32_t>(bytes) : 0;
+        samples = fits ? static_cast<float*>(data.data) : nullptr;
+    } else if (data.data && data.chunk->offset <= data.maxsize &&
+               bytes <= data.maxsize - data.chunk->offset && bytes <= data.chunk->size) {
+        samples = reinterpret_cast<float*>(static_cast<std::byte*>(data.data) + data.chunk->offset);
+    }
+    pw_filter_queue_buffer(port, buffer); // goes out with the end of the cycle
+    return samples;
+}
+
+AudioTimeStamp timeStamp(double sampleTime, double nanoseconds, double rateRatio) noexcept
+{
+    AudioTimeStamp time{};
+    time.sampleTime = sampleTime;
+    time.hostTime = nanoseconds > 0.0 ? static_cast<uint64_t>(nanoseconds) : 0;
+    time.rateScalar = 1.0 / rateRatio;
+    time.flags =
+        kAudioTimeStampSampleTimeValid | kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
+    return time;
+}
+
+} // namespace
+
+struct PipeWireDeviceIO::Listener {
+    spa_hook hook{};
+};
+
+bool PipeWireDeviceIO::isOnIOThread() noexcept
+{
+    return insideCycle;
+}
+
+PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake& wake,
+                                   const CXRef<HALIOProcTable>& table,
+                                   std::span<const PipeWireChannels> members, const WantedTiming& wanted,
+                                   uint32_t maxFrames, PipeWireTimeline& timeline)
+    : _session(session), _wake(wake), _table(table), _maxFrames(maxFrames), _timeline(timeline),
+      _listener(std::make_unique<Listener>())
+{
+    static const pw_filter_events events = [] {
+        pw_filter_events all{};
+        all.version = PW_VERSION_FILTER_EVENTS;
+        all.state_changed = [](void* data, pw_filter_state, pw_filter_state now, const char*) {
+            auto* self = static_cast<PipeWireDeviceIO*>(data);
+            self->_hadCycles = self->_hadCycles || now == PW_FILTER_STATE_STREAMING;
+            self->_wake.signal();
+        };
+        all.process = _process;
+        return all;
+    }();
+    _addStreams(members);
+
+    PipeWireProperties properties = _propertiesOf(wanted);
+    properties.set(PW_KEY_MEDIA_TYPE, "Audio");
+    properties.set(PW_KEY_MEDIA_CATEGORY, "Duplex");
+    properties.set(PW_KEY_MEDIA_ROLE, "DSP");
+    properties.set(PW_KEY_NODE_NAME, "dxr");
+    properties.set(PW_KEY_NODE_AUTOCONNECT, "false");
+    // Without a port to be driven through, only this gives it cycles.
+    if (_inputs.empty() && _outputs.empty())
+        properties.set(PW_KEY_NODE_ALWAYS_PROCESS, "true");
+    _filter = session.isConnected() ? pw_filter_new(session.core(), "dxr", properties.copy()) : nullptr;
+    if (!_filter)
+        return;
+    pw_filter_add_listener(_filter, &_listener->hook, &events, this);
+    pw_filter_connect(_filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0);
+    size_t first = 0;
+    for (Stream& stream : _inputs)
+        _addPorts(stream.ports, true, std::exchange(first, first + stream.ports.size()), stream.ports.size());
+    first = 0;
+    for (Stream& stream : _outputs)
+        _addPorts(stream.ports, false, std::exchange(first, first + stream.ports.size()),
+                  stream.ports.size());
+}
+
+PipeWireDeviceIO::~PipeWireDeviceIO()
+{
+    if (!_filter)
+        return;
+    spa_hook_remove(&_listener->hook); // its last changes of state mean nothing
+    pw_filter_destroy(_filter);        // waits for the audio thread to leave it
+}
+
+/// Makes room for the streams of all members, and for the longest cycle, so that another cycle length rebuilds nothing.
+void PipeWireDeviceIO::_addStreams(std::span<const PipeWireChannels> members)
+{
+    const auto add = [this](std::vector<Stream>& streams, std::vector<HALStreamBlock>& blocks,
+                            uint32_t channels) {
+        if (channels == 0)
+            return;
+        streams.push_back({std::vector<void*>(channels), std::vector<float>(size_t{channels} * _maxFrames)});
+        blocks.push_back({streams.back().samples.data(), channels});
+    };
+    size_t captureCount = 0;
+    size_t playbackCount = 0;
+    for (const PipeWireChannels& channels : members) {
+        _members.push_back({channels, captureCount, playbackCount, {}, {}});
+        captureCount += channels.capture;
+        playbackCount += channels.playback;
+        add(_inputs, _inputBlocks, channels.capture);
+        add(_outputs, _outputBlocks, channels.playback);
+    }
+    const auto channelsOf = [](const std::vector<HALStreamBlock>& blocks) {
+        std::vector<uint32_t> channels;
+        for (const HALStreamBlock& block : blocks)
+            channels.push_back(block.channelCount);
+        return channels;
+    };
+    _table->prepare(channelsOf(_inputBlocks), channelsOf(_outputBlocks), _maxFrames);
+}
+
+PipeWireProperties PipeWireDeviceIO::_propertiesOf(const WantedTiming& wanted)
+{
+    const std::string rate = std::to_string(std::lround(wanted.rate));
+    PipeWireProperties properties;
+    properties.set(PW_KEY_NODE_RATE, "1/" + rate);
+    properties.set(PW_KEY_NODE_LATENCY, std::to_string(wanted.frameCount) + "/" + rate);
+    properties.set(PW_KEY_NODE_FORCE_RATE, wanted.forcesRate ? rate : "0");
+    properties.set(PW_KEY_NODE_FORCE_QUANTUM,
+                   wanted.forcesFrameCount ? std::to_string(wanted.frameCount) : "0");
+    return properties;
+}
+
+void PipeWireDeviceIO::setWantedTiming(const WantedTiming& wanted)
+{
+    if (!_filter)
+        return;
+    pw_properties* properties = _propertiesOf(wanted).copy();
+    pw_filter_update_properties(_filter, nullptr, &properties->dict);
+    pw_properties_free(properties);
+}
+
+void PipeWireDeviceIO::_addPorts(std::vector<void*>& ports, bool isInput, size_t first, size_t count)
+{
+    for (size_t channel = 0; channel < count; ++channel) {
+        const PipeWireProperties properties{
+            {PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
+            {PW_KEY_PORT_NAME, (isInput ? "input_" : "output_") + std::to_string(first + channel + 1)}};
+        ports[channel] =
+            pw_filter_add_port(_filter, isInput ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
+                               PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.copy(), nullptr, 0);
+        if ((first + channel) % portBatchSize == portBatchSize - 1)
+            _session.waitForAudioThread();
+    }
+}
+
+// ---- The node and its links
+
+bool PipeWireDeviceIO::isAlive() const
+{
+    return _filter && pw_filter_get_state(_filter, nullptr) >= PW_FILTER_STATE_CONNECTING;
+}
+
+bool PipeWireDeviceIO::isPaused() const
+{
+    return _hadCycles && pw_filter_get_state(_filter, nullptr) == PW_FILTER_STATE_PAUSED;
+}
+
+std::optional<uint32_t> PipeWireDeviceIO::nodeID() const
+{
+    const uint32_t id = _filter ? pw_filter_get_node_id(_filter) : SPA_ID_INVALID;
+    return id == SPA_ID_INVALID ? std::nullopt : std::optional(id);
+}
+
+void PipeWireDeviceIO::setOwnPorts(const std::vector<PipeWirePort>& own)
+{
+    const auto idsOf = [&own](const std::vector<Stream>& streams, bool isInput) {
+        size_t count = 0;
+        for (const Stream& stream : streams)
+            count += stream.ports.size();
+        std::vector<uint32_t> ids(count, SPA_ID_INVALID);
+        for (const PipeWirePort& port : own)
+            if (port.isInput == isInput && port.index < ids.size())
+                ids[port.index] = port.id;
+        return std::ranges::find(ids, SPA_ID_INVALID) == ids.end() ? ids : std::vector<uint32_t>();
+    };
+    if (!_ownInputs.empty() || !_ownOutputs.empty())
+        return;
+    std::vector<uint32_t> inputs = idsOf(_inputs, true);
+    std::vector<uint32_t> outputs = idsOf(_outputs, false);
+    if (inputs.empty() != _inputs.empty() || outputs.empty() != _outputs.empty())
+        return; // not all have been announced
+    _ownInputs = std::move(inputs);
+    _ownOutputs = std::move(outputs);
+    for (Member& member : _members)
+        _link(member);
+}
+
+void PipeWireDeviceIO::setMember(size_t place, const std::optional<PipeWireEnds>& ends)
+{
+    Member& member = _members[place];
+    member.links.reset(); // of a device that has gone, the server has destroyed them before
+    member.ends = ends;
+    _link(member);
+}
+
+void PipeWireDeviceIO::_link(Member& member)
+{
+    if (!member.ends || (_ownInputs.empty() && _ownOutputs.empty()))
+        return;
+    std::vector<PipeWireLinks::Ends> links;
+    for (size_t channel = 0; channel < member.channels.capture; ++channel)
+        links.emplace_back(member.ends->capturePorts[channel], _ownInputs[member.firstCapture + channel]);
+    for (size_t channel = 0; channel < member.channels.playback; ++channel)
+        links.emplace_back(_ownOutputs[member.firstPlayback + channel], member.ends->playbackPorts[channel]);
+    member.links = std::make_unique<PipeWireLinks>(_session, _wake, std::move(links));
+}
+
+void PipeWireDeviceIO::mendLinks()
+{
+    for (const Member& member : _members)
+        if (member.links && member.links->isBroken())
+            member.links->mend();
+}
+
+PipeWireClockSeen PipeWireDeviceIO::clock() const
+{
+    return {static_cast<double>(_rate.load(std::memory_order_relaxed)),
+            _frameCount.load(std::memory_order_relaxed), _rateRatio.load(std::memory_order_relaxed)};
+}
+
+// ---- The audio thread
+
+void PipeWireDeviceIO::_process(void* data, spa_io_position* position)
+{
+    if (!position)
+        return;
+    const CXRealtimeScope realtime;
+    insideCycle = true;
+    static_cast<PipeWireDeviceIO*>(data)->_cycle(*position);
+    insideCycle = false;
+}
+
+void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
+{
+    const spa_io_clock& clock = position.clock;
+    if (clock.rate.denom == 0 || clock.duration == 0)
+        return;
+    const auto frameCount = static_cast<uint32_t>(std::min<uint64_t>(clock.duration, _maxFrames));
+    const PipeWireTimeline::Step step = _timeline.advance(
+        {clock.id, clock.position, clock.nsec, static_cast<uint32_t>(clock.duration), clock.rate.denom});
+    if (step.wasCounted)
+        return _skipCycle(frameCount);
+    if (step.lostFrames)
+        _noteOverload();
+    _noteClock(position);
+
+    const double ratio = clock.rate_diff > 0.5 && clock.rate_diff < 2.0 ? clock.rate_diff : 1.0;
+    const auto sampleTime = static_cast<double>(step.sampleTime);
+    const auto nanoseconds = static_cast<double>(clock.nsec);
+    const double cycleNanoseconds = frameCount * 1e9 / (clock.rate.denom * ratio);
+    HALCycle cycle;
+    cycle.frameCount = frameCount;
+    cycle.now = timeStamp(sampleTime, nanoseconds, ratio);
+    // The input ended as this cycle began; the output is heard from the next cycle on.
+    cycle.inputTime = timeStamp(sampleTime - frameCount, nanoseconds - cycleNanoseconds, ratio);
+    cycle.outputTime = timeStamp(sampleTime + frameCount, nanoseconds + cycleNanoseconds, ratio);
+    _runProcs(cycle);
+    // The device did not wait: output that came too late is lost, though the clock's count shows no gap.
+    if (!step.lostFrames && clock.next_nsec > clock.nsec && platform::HostClock::nowTicks() > clock.next_nsec)
+        _noteOverload();
+}
+
+/// Takes the input of all members, calls the IO callbacks, and gives the members their output.
+void PipeWireDeviceIO::_runProcs(HALCycle& cycle) noexcept
+{
+    const uint32_t frameCount = cycle.frameCount;
+    for (Stream& stream : _inputs)
+        for (size_t channel = 0; channel < stream.ports.size(); ++channel)
+            interleave(portSamples(stream.ports[channel], frameCount, false), stream.samples.data(), channel,
+                       stream.ports.size(), frameCount);
+    for (size_t i = 0; i < _outputs.size(); ++i) {
+        Stream& stream = _outputs[i];
+        // A single channel needs no interleaving: its samples are written where the port has them.
+        float* const direct =
+            stream.ports.size() == 1 ? portSamples(stream.ports[0], frameCount, true) : nullptr;
+        _outputBlocks[i].samples = direct ? direct : stream.samples.data();
+    }
+    cycle.input = _inputBlocks;
+    cycle.output = _outputBlocks;
+    _table->runCycle(cycle);
+
+    for (const Stream& stream : _outputs)
+        for (size_t channel = 0; stream.ports.size() > 1 && channel < stream.ports.size(); ++channel)
+            if (float* samples = portSamples(stream.ports[channel], frameCount, true))
+                deinterleave(stream.samples.data(), samples, channel, stream.ports.size(), frameCount);
+}
+
+/// Takes the input, and gives silence.
+void PipeWireDeviceIO::_skipCycle(uint32_t frameCount) noexcept
+{
+    for (const Stream& stream : _inputs)
+        for (void* const port : stream.ports)
+            portSamples(port, frameCount, false);
+    for (const Stream& stream : _outputs)
+        for (void* const port : stream.ports)
+            if (float* samples = portSamples(port, frameCount, true))
+                std::fill_n(samples, frameCount, 0.0F);
+}
+
+void PipeWireDeviceIO::_noteClock(const spa_io_position& position) noexcept
+{
+    const spa_io_clock& clock = position.clock;
+    const auto frameCount = static_cast<uint32_t>(clock.duration);
+    const uint64_t cycleCount = _cycleCount.load(std::memory_order_relaxed) + 1;
+    _cycleCount.store(cycleCount, std::memory_order_relaxed);
+    bool changed = cycleCount == 1 || _rate.load(std::memory_order_relaxed) != clock.rate.denom ||
+                   _frameCount.load(std::memory_order_relaxed) != frameCount;
+    const double ratio = _rateRatio.load(std::memory_order_relaxed);
+    if (std::abs(clock.rate_diff - ratio) > audibleRatioChange && clock.rate_diff > 0.5 &&
+        clock.rate_diff < 2.0 && clock.nsec > _ratioNanoseconds + ratioNanoseconds) {
+        _ratioNanoseconds = clock.nsec;
+        _rateRatio.store(clock.rate_diff, std::memory_order_relaxed);
+        changed = true;
+    }
+    if (!changed)
+        return;
+    _rate.store(clock.rate.denom, std::memory_order_relaxed);
+    _frameCount.store(frameCount, std::memory_order_relaxed);
+    _table->setTiming(clock.rate.denom, frameCount);
+    _wake.signal();
+}
+
+/// Reports lost frames: to the table at once, to the members' own tables from the loop.
+void PipeWireDeviceIO::_noteOverload() noexcept
+{
+    _table->reportOverload();
+    _overloadCount.store(_overloadCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    _wake.signal();
+}

@@ -1,0 +1,328 @@
+#include "PipeWireHardware.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace {
+
+bool areClose(const std::vector<float>& a, const std::vector<float>& b)
+{
+    return std::ranges::equal(a, b, [](float x, float y) { return std::abs(x - y) <= 1e-5F; });
+}
+
+} // namespace
+
+PipeWireHardware::PipeWireHardware(PipeWireLoop& loop, PipeWireModel& model,
+                                   const std::optional<std::string>& remote)
+    : _model(model), _session(loop, *this, remote), _mirror(_session, *this), _devices(loop, _mirror, *this),
+      _runs(loop, _session, _mirror, *this)
+{}
+
+PipeWireHardware::~PipeWireHardware()
+{
+    _session.disconnect(); // while everything that hears of it is still there
+}
+
+// ---- The session
+
+void PipeWireHardware::sessionConnected()
+{
+    _mirror.connected();
+}
+
+void PipeWireHardware::sessionDisconnected()
+{
+    _devices.forgetAll();
+    _runs.connectionLost();
+    _mirror.disconnected();
+    for (const Pending& pending : std::exchange(_pending, {}))
+        pending.reply->finish(kAudioHardwareUnspecifiedError);
+}
+
+void PipeWireHardware::sessionFoundNoServer()
+{
+    _model.enumerated();
+}
+
+void PipeWireHardware::globalAppeared(uint32_t id, const char* type, const PipeWireProperties& properties)
+{
+    _mirror.globalAppeared(id, type, properties);
+}
+
+void PipeWireHardware::globalDisappeared(uint32_t id)
+{
+    _mirror.globalDisappeared(id);
+}
+
+// ---- The mirror
+
+void PipeWireHardware::groupChanged(uint64_t serial)
+{
+    _devices.groupChanged(serial);
+}
+
+void PipeWireHardware::clockSettingsChanged()
+{
+    const PipeWireClockSettings settings = _mirror.clockSettings();
+    if (settings == _settings)
+        return;
+    _settings = settings;
+    _runs.setClockSettings(settings);
+    for (PipeWireDevice* device : _devices.all())
+        _publish(*device);
+}
+
+void PipeWireHardware::defaultsChanged()
+{
+    const PipeWireDefaultNames names = _mirror.defaultNames();
+    const auto idOf = [this](const std::string& name, HALDirection direction) {
+        const PipeWireDevice* device = _devices.deviceWithNode(name, direction);
+        return device ? device->objectID : kAudioObjectUnknown;
+    };
+    const AudioObjectID output = idOf(names.sink, HALDirection::Output);
+    _model.defaultChanged(HALDefault::Input, idOf(names.source, HALDirection::Input));
+    _model.defaultChanged(HALDefault::Output, output);
+    _model.defaultChanged(HALDefault::SystemOutput, output);
+}
+
+void PipeWireHardware::changesEnded()
+{
+    _finishShown();
+}
+
+void PipeWireHardware::enumerated()
+{
+    _devices.enumerated();
+    defaultsChanged();
+    _model.enumerated();
+}
+
+void PipeWireHardware::portAppeared(uint32_t /*nodeID*/)
+{
+    _runs.portAppeared();
+}
+
+// ---- The devices
+
+void PipeWireHardware::deviceAppeared(PipeWireDevice& device)
+{
+    device.objectID = _model.deviceAppeared(device.describe(_settings));
+    // One that was kept back may have been the default all along.
+    defaultsChanged();
+}
+
+void PipeWireHardware::deviceChanged(PipeWireDevice& device)
+{
+    _publish(device);
+    _runs.deviceChanged(device);
+}
+
+void PipeWireHardware::deviceDisappears(PipeWireDevice& device)
+{
+    _runs.deviceDisappears(device);
+    _model.deviceDisappeared(device.objectID);
+}
+
+void PipeWireHardware::_publish(PipeWireDevice& device)
+{
+    _model.deviceChanged(device.objectID, device.describe(_settings));
+}
+
+// ---- Writes
+
+/// Answers `reply` when the server has taken everything sent so far and `shows` is true.
+void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> shows)
+{
+    if (!_session.isConnected())
+        return reply->finish(kAudioHardwareUnspecifiedError);
+    _pending.push_back({reply, std::move(shows)});
+    _session.sync(this, [this, reply] {
+        reply->accept();
+        _finishShown();
+    });
+}
+
+void PipeWireHardware::_finishShown()
+{
+    if (!_mirror.isTold())
+        return; // whoever reads after a write has answered finds the new value: the model comes first
+    std::erase_if(_pending, [](const Pending& pending) {
+        if (!pending.reply->isOver() && pending.reply->isAccepted() && pending.shows())
+            pending.reply->finish(kAudioHardwareNoError);
+        return pending.reply->isOver();
+    });
+}
+
+void PipeWireHardware::setNominalSampleRate(AudioObjectID deviceID, double rate, const Reply& reply)
+{
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (!device)
+        return reply->finish(kAudioHardwareBadDeviceError);
+    device->wantedRate = rate;
+    _runs.setRate(*device, rate);
+    _finishWhenRuns(
+        deviceID, reply, [](const PipeWireClockSeen& clock, double wanted) { return clock.rate == wanted; },
+        rate);
+}
+
+void PipeWireHardware::setBufferFrameSize(AudioObjectID deviceID, uint32_t frameCount, const Reply& reply)
+{
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (!device)
+        return reply->finish(kAudioHardwareBadDeviceError);
+    device->wantedFrameCount = frameCount;
+    _runs.setFrameCount(*device, frameCount);
+    _finishWhenRuns(
+        deviceID, reply,
+        [](const PipeWireClockSeen& clock, double wanted) { return clock.frameCount == wanted; }, frameCount);
+}
+
+/// Replies when the clock of every run of the device shows what is wanted; at once when it has no run: the value then
+/// takes effect with the next start.
+void PipeWireHardware::_finishWhenRuns(AudioObjectID deviceID, const Reply& reply,
+                                       bool (*shows)(const PipeWireClockSeen&, double), double wanted)
+{
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (device->runs.empty()) {
+        _publish(*device);
+        return reply->finish(kAudioHardwareNoError);
+    }
+    _finishWhen(reply, [this, deviceID, shows, wanted] {
+        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
+        return !now || std::ranges::all_of(
+                           now->runs, [&](const PipeWireRun* run) { return shows(run->clock(), wanted); });
+    });
+}
+
+void PipeWireHardware::setVolume(AudioObjectID deviceID, HALDirection direction, uint32_t element,
+                                 float scalar, const Reply& reply)
+{
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (!device)
+        return reply->finish(kAudioHardwareBadDeviceError);
+    PipeWireVolumeProps change;
+    change.amplitudes = device->volume(direction).amplitudesAfter(element, scalar);
+    _setVolumeProps(*device, direction, change, reply);
+}
+
+void PipeWireHardware::setMuted(AudioObjectID deviceID, HALDirection direction, bool muted,
+                                const Reply& reply)
+{
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (!device)
+        return reply->finish(kAudioHardwareBadDeviceError);
+    PipeWireVolumeProps change;
+    change.isMuted = muted;
+    _setVolumeProps(*device, direction, change, reply);
+}
+
+void PipeWireHardware::_setVolumeProps(PipeWireDevice& device, HALDirection direction,
+                                       const PipeWireVolumeProps& change, const Reply& reply)
+{
+    const std::optional<PipeWireDevice::VolumePlace> place = device.volumePlace(direction);
+    if (!place)
+        return reply->finish(kAudioHardwareUnknownPropertyError);
+    if (place->route)
+        device.card()->setRoute(*place->route, place->cardDevice, change);
+    else
+        device.node(direction)->setVolumeProps(change);
+    _finishWhen(reply, [this, deviceID = device.objectID, direction, change] {
+        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
+        const std::optional<PipeWireDevice::VolumePlace> there =
+            now ? now->volumePlace(direction) : std::nullopt;
+        return !there ||
+               ((!change.isMuted || there->props.isMuted == change.isMuted) &&
+                (change.amplitudes.empty() || areClose(there->props.amplitudes, change.amplitudes)));
+    });
+}
+
+void PipeWireHardware::setDataSource(AudioObjectID deviceID, HALDirection direction, uint32_t sourceID,
+                                     const Reply& reply)
+{
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (!device)
+        return reply->finish(kAudioHardwareBadDeviceError);
+    const std::optional<uint32_t> cardDevice = device->cardDevice(direction);
+    if (!cardDevice)
+        return reply->finish(kAudioHardwareUnknownPropertyError);
+    const bool isInput = direction == HALDirection::Input;
+    for (const PipeWireRoute& route : device->card()->routes(*cardDevice, isInput))
+        if (PipeWireDevice::sourceID(route) == sourceID)
+            device->card()->setRoute(route.index, *cardDevice, {});
+    _finishWhen(reply, [this, deviceID, cardDevice, isInput, sourceID] {
+        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
+        const PipeWireCard* card = now ? now->card() : nullptr;
+        const std::optional<PipeWireRoute> active =
+            card ? card->activeRoute(*cardDevice, isInput) : std::nullopt;
+        return !card || (active && PipeWireDevice::sourceID(*active) == sourceID);
+    });
+}
+
+void PipeWireHardware::chooseDefaultDevice(HALDefault which, AudioObjectID deviceID, const Reply& reply)
+{
+    const HALDirection direction = which == HALDefault::Input ? HALDirection::Input : HALDirection::Output;
+    const PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (!device)
+        return reply->finish(kAudioHardwareBadDeviceError);
+    const std::string name = device->nodeName(direction);
+    if (name.empty() || !_mirror.setDefault(direction == HALDirection::Input, name))
+        return reply->finish(kAudioHardwareUnspecifiedError);
+    _finishWhen(reply, [this, name, direction] {
+        const PipeWireDefaultNames names = _mirror.defaultNames();
+        return name == (direction == HALDirection::Input ? names.source : names.sink);
+    });
+}
+
+// ---- IO
+
+void PipeWireHardware::startIO(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table,
+                               PipeWireRun::Time deadline, const Reply& reply)
+{
+    if (PipeWireDevice* device = _devices.deviceWithID(deviceID))
+        _runs.start(*device, table, deadline, reply);
+    else
+        reply->finish(kAudioHardwareBadDeviceError);
+}
+
+void PipeWireHardware::stopIO(AudioObjectID deviceID, const Reply& reply)
+{
+    if (PipeWireDevice* device = _devices.deviceWithID(deviceID))
+        _runs.stop(*device);
+    reply->finish(kAudioHardwareNoError);
+}
+
+void PipeWireHardware::startTogether(uint64_t groupNumber, const std::vector<PipeWireGroupMember>& members,
+                                     const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
+                                     const Reply& reply)
+{
+    std::vector<PipeWireRun::Member> all;
+    for (const PipeWireGroupMember& member : members) {
+        PipeWireDevice* device = _devices.deviceWithID(member.deviceID);
+        if (!device && member.deviceID != kAudioObjectUnknown)
+            return reply->finish(kAudioHardwareBadDeviceError);
+        if (member.inputChannels.size() > 1 || member.outputChannels.size() > 1)
+            return reply->finish(kAudioHardwareIllegalOperationError); // no device of this server's
+        const auto channels = [](const std::vector<uint32_t>& streams) {
+            return streams.empty() ? 0 : streams.front();
+        };
+        all.push_back(
+            {device, member.table, {channels(member.inputChannels), channels(member.outputChannels)}});
+    }
+    _runs.startGroup(groupNumber, std::move(all), table, deadline, reply);
+}
+
+void PipeWireHardware::setGroupMember(uint64_t groupNumber, size_t place, AudioObjectID deviceID,
+                                      const CXRef<HALIOProcTable>& table, const Reply& reply)
+{
+    PipeWireDevice* device = _devices.deviceWithID(deviceID);
+    if (!device && deviceID != kAudioObjectUnknown)
+        return reply->finish(kAudioHardwareBadDeviceError);
+    reply->finish(_runs.setGroupMember(groupNumber, place, device, table));
+}
+
+void PipeWireHardware::stopTogether(uint64_t groupNumber, const Reply& reply)
+{
+    _runs.stopGroup(groupNumber);
+    reply->finish(kAudioHardwareNoError);
+}

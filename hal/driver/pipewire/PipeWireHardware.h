@@ -1,0 +1,103 @@
+#pragma once
+
+#include "PipeWireDeviceList.h"
+#include "PipeWireMirror.h"
+#include "PipeWireModel.h"
+#include "PipeWireReply.h"
+#include "PipeWireRuns.h"
+#include "PipeWireSession.h"
+
+#include <functional>
+#include <list>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// A device that runs in one cycle with others.
+struct PipeWireGroupMember {
+    AudioObjectID deviceID = kAudioObjectUnknown; ///< unknown while it is absent: its streams are silent
+    CXRef<HALIOProcTable> table;                  ///< the device's own, for its overloads; null while absent
+    std::vector<uint32_t> inputChannels;          ///< of each stream, also while absent
+    std::vector<uint32_t> outputChannels;
+};
+
+/// The loop's half of the backend: keeps the model in step with the server, and carries out what clients ask.
+/// Every write answers through its reply, at once when nothing is to be waited for.
+/// Threads: the loop's.
+class PipeWireHardware final : PipeWireSessionClient,
+                               PipeWireMirrorClient,
+                               PipeWireDeviceListClient,
+                               PipeWireRunsClient {
+public:
+    PipeWireHardware(PipeWireLoop& loop, PipeWireModel& model, const std::optional<std::string>& remote);
+    ~PipeWireHardware();
+    PipeWireHardware(const PipeWireHardware&) = delete;
+    PipeWireHardware& operator=(const PipeWireHardware&) = delete;
+
+    void connect() { _session.connect(); }
+
+    using Reply = CXRef<PipeWireReply>;
+    void setNominalSampleRate(AudioObjectID deviceID, double rate, const Reply& reply);
+    void setBufferFrameSize(AudioObjectID deviceID, uint32_t frameCount, const Reply& reply);
+    void setVolume(AudioObjectID deviceID, HALDirection direction, uint32_t element, float scalar,
+                   const Reply& reply);
+    void setMuted(AudioObjectID deviceID, HALDirection direction, bool muted, const Reply& reply);
+    void setDataSource(AudioObjectID deviceID, HALDirection direction, uint32_t sourceID, const Reply& reply);
+    void chooseDefaultDevice(HALDefault which, AudioObjectID deviceID, const Reply& reply);
+
+    /// 'what' when no cycle has come by the deadline; then nothing is left of the start.
+    void startIO(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
+                 const Reply& reply);
+    void stopIO(AudioObjectID deviceID, const Reply& reply);
+    /// Runs the members in one cycle through `table`, with the streams of all in their order: those of one group
+    /// domain and equal rates, else 'nope'. `groupNumber` names the group until stopTogether().
+    void startTogether(uint64_t groupNumber, const std::vector<PipeWireGroupMember>& members,
+                       const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline, const Reply& reply);
+    /// The member has gone (unknown, null), or is there again. 'nope' when the device cannot run with the others.
+    void setGroupMember(uint64_t groupNumber, size_t place, AudioObjectID deviceID,
+                        const CXRef<HALIOProcTable>& table, const Reply& reply);
+    void stopTogether(uint64_t groupNumber, const Reply& reply);
+
+private:
+    /// A write that the server has been asked for, until its effect shows.
+    struct Pending {
+        Reply reply;
+        std::function<bool()> shows;
+    };
+
+    void sessionConnected() override;
+    void sessionDisconnected() override;
+    void sessionFoundNoServer() override;
+    void globalAppeared(uint32_t id, const char* type, const PipeWireProperties& properties) override;
+    void globalDisappeared(uint32_t id) override;
+
+    void groupChanged(uint64_t serial) override;
+    void clockSettingsChanged() override;
+    void defaultsChanged() override;
+    void changesEnded() override;
+    void enumerated() override;
+    void portAppeared(uint32_t nodeID) override;
+
+    void deviceAppeared(PipeWireDevice& device) override;
+    void deviceChanged(PipeWireDevice& device) override;
+    void deviceDisappears(PipeWireDevice& device) override;
+
+    void runChanged(PipeWireDevice& device) override { _publish(device); }
+    void runsUpdated() override { _finishShown(); }
+
+    void _publish(PipeWireDevice& device);
+    void _finishWhen(const Reply& reply, std::function<bool()> shows);
+    void _finishShown();
+    void _setVolumeProps(PipeWireDevice& device, HALDirection direction, const PipeWireVolumeProps& change,
+                         const Reply& reply);
+    void _finishWhenRuns(AudioObjectID deviceID, const Reply& reply,
+                         bool (*shows)(const PipeWireClockSeen& clock, double wanted), double wanted);
+
+    PipeWireModel& _model;
+    PipeWireSession _session;
+    PipeWireMirror _mirror;
+    PipeWireDeviceList _devices;
+    PipeWireRuns _runs;
+    PipeWireClockSettings _settings;
+    std::list<Pending> _pending;
+};

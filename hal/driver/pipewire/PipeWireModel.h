@@ -1,0 +1,18 @@
+#pragma once
+
+#include "HALHardwareDriver.h"
+
+/// What the loop's half of the backend tells the half that answers the HAL's clients.
+/// Threads: called on the loop's thread.
+class PipeWireModel {
+public:
+    virtual AudioObjectID deviceAppeared(const HALDeviceState& state) = 0;
+    virtual void deviceChanged(AudioObjectID deviceID, const HALDeviceState& state) = 0;
+    virtual void deviceDisappeared(AudioObjectID deviceID) = 0;
+    virtual void defaultChanged(HALDefault which, AudioObjectID deviceID) = 0;
+    /// The devices that were there when we came are all told, or there is no server to tell of any.
+    virtual void enumerated() = 0;
+
+protected:
+    ~PipeWireModel() = default;
+};

@@ -1,0 +1,112 @@
+#pragma once
+
+#include "HALDeviceDriver.h"
+#include "SimulatedDeviceDescription.h"
+
+#include <functional>
+#include <mutex>
+
+class SimulatedMachine;
+class SimulatedRun;
+
+/// The driver of a simulated device: its description, its clock, and what happens in a cycle around the callbacks.
+/// Threads: any; the cycle's functions on the IO thread of the run that the device is in, with lock() held.
+/// Waits:   every function but those of the cycle waits for a running cycle, except on the IO thread.
+class SimulatedDevice final : public HALDeviceDriver {
+public:
+    static CXRef<SimulatedDevice> initWithDescription(SimulatedDeviceDescription description,
+                                                      const CXRef<SimulatedMachine>& machine);
+
+    SimulatedDeviceDescription currentDescription() const;
+    /// The state of the description; waits for no cycle.
+    HALDeviceState state() const;
+    const std::string& uid() const noexcept { return _uid; }
+    /// Changes the description between two cycles and reports it. A running device goes on with it. '!dev' when it is
+    /// no longer plugged in.
+    HALStatus alter(const std::function<void(SimulatedDeviceDescription&)>& change);
+    /// The ID that clients know it by; 0 before it was reported.
+    AudioObjectID objectID() const noexcept { return _objectID; }
+    void setObjectID(AudioObjectID deviceID) noexcept { _objectID = deviceID; }
+    /// It is no longer plugged in; its cycles are over on return. False when this was known.
+    bool unplug();
+    /// False when it does not run.
+    bool loseCycles(uint64_t count);
+
+    HALStatus setNominalSampleRate(double rate, HALDeadline deadline) override;
+    HALStatus setBufferFrameSize(uint32_t frameCount, HALDeadline deadline) override;
+    HALStatus setVolume(HALDirection direction, uint32_t element, float scalar,
+                        HALDeadline deadline) override;
+    HALStatus setMuted(HALDirection direction, bool muted, HALDeadline deadline) override;
+    HALStatus setDataSource(HALDirection direction, uint32_t sourceID, HALDeadline deadline) override;
+    HALStatus startIO(const CXRef<HALIOProcTable>& table, HALDeadline deadline) override;
+    void stopIO() override;
+    HALStatus startTogether(std::span<const HALGroupMember> members, const CXRef<HALIOProcTable>& table,
+                            HALDeadline deadline, CXRef<HALGroupIO>& group) override;
+
+    // -- For the run that it is in
+
+    std::unique_lock<std::recursive_mutex> lock() const { return std::unique_lock(_mutex); }
+    /// The first cycle is due at `firstCycleTicks`; sample time goes on where it stopped.
+    void begin(uint64_t firstCycleTicks);
+    uint64_t nextCycleTicks() const;
+    uint64_t cycleTicks() const;
+    /// The cycle that is due, with the input that the device hears.
+    HALCycle beginCycle(uint64_t lostCycles);
+    /// Runs the device's own callbacks. `isMixed`: what they play is added to the output blocks.
+    void runCallbacks(const HALCycle& cycle, bool isMixed);
+    bool hasCallbacks() const noexcept { return bool(_table); }
+    /// Plays the output blocks; the next cycle follows.
+    void endCycle();
+    void reportOverload();
+
+private:
+    class Group;
+
+    SimulatedDevice(SimulatedDeviceDescription description, const CXRef<SimulatedMachine>& machine);
+    ~SimulatedDevice() override;
+
+    HALStatus _write(const std::function<void(SimulatedDeviceDescription&)>& change);
+    CXRef<SimulatedRun> _run() const;
+    void _leaveRun();
+
+    // Everything below is called under the lock.
+    bool _isPrepared() const;
+    void _prepare();
+    void _prepareBetweenCycles();
+    void _anchor(double ticks);
+    double _ticksPerFrame() const;
+    double _ticksAt(uint64_t sampleTime) const;
+    AudioTimeStamp _stampAt(double sampleTime) const;
+    void _hear();
+    void _play();
+    float _gain(HALDirection direction, uint32_t channel) const;
+    void _applyVolume(HALDirection direction, std::vector<float>& samples) const;
+
+    const CXRef<SimulatedMachine> _machine;
+    const std::string _uid;
+    std::atomic<bool> _isPluggedIn{true};
+    std::atomic<AudioObjectID> _objectID{kAudioObjectUnknown};
+    CXRef<SimulatedRun> _currentRun; // under the membership mutex; none while it does not run
+    bool _isInGroup = false;         // under the membership mutex
+
+    mutable std::mutex _stateMutex; // taken after every other lock
+    HALDeviceState _state;          // a copy of the description's
+
+    // Held through a cycle; recursive, because a callback may change the device that runs it.
+    mutable std::recursive_mutex _mutex;
+    SimulatedDeviceDescription _description;
+    CXRef<HALIOProcTable> _table; // of its own callbacks; none while startIO() is not in effect
+    uint64_t _sampleTime = 0;     // of the next cycle
+    uint64_t _anchorSampleTime = 0;
+    double _anchorTicks = 0.0;
+    bool _isInCycle = false;
+    uint32_t _blockFrames = 0; // of the blocks below
+    bool _mustPrepare = false; // a callback has changed the description: between two cycles
+
+    // One direction's samples, all channels interleaved, and the same cut in streams. [0] input, [1] output.
+    std::array<std::vector<float>, 2> _samples;
+    std::array<std::vector<std::vector<float>>, 2> _streams;
+    std::array<std::vector<HALStreamBlock>, 2> _blocks;
+    std::vector<std::vector<float>> _mixedStreams; // the output of its own callbacks, in a group
+    std::vector<HALStreamBlock> _mixedBlocks;
+};

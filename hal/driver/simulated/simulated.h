@@ -1,0 +1,8 @@
+#pragma once
+
+// Audio hardware in memory: for tests of hot-plug code, for demonstrations, and where there is no sound
+// server.
+
+#include "SimulatedDeviceBuilder.h"
+#include "SimulatedHardware.h"
+#include "SimulatedSignal.h"

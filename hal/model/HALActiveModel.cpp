@@ -1,0 +1,40 @@
+#include "HALDefaultDriver.h"
+#include "HALModel.h"
+
+#include <mutex>
+
+namespace {
+
+// Made once and kept until the process ends: threads of the hardware run until then.
+struct Active {
+    std::mutex mutex;
+    CXRef<HALModel> model;
+};
+
+Active& active()
+{
+    static auto* made = new Active;
+    return *made;
+}
+
+} // namespace
+
+bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver)
+{
+    const std::scoped_lock lock(active().mutex);
+    if (!driver || active().model)
+        return false;
+    active().model = HALModel::initWithDriver(driver);
+    return true;
+}
+
+const CXRef<HALModel>& halActiveModel()
+{
+    static const CXRef<HALModel>& model = []() -> const CXRef<HALModel>& {
+        const std::scoped_lock lock(active().mutex);
+        if (!active().model)
+            active().model = HALModel::initWithDriver(halMakeDefaultDriver());
+        return active().model;
+    }();
+    return model;
+}

@@ -1,8 +1,0 @@
-#include "HALDefaultBackend.h"
-
-#include "PipeWireBackend.h"
-
-CXRef<HALBackend> halMakeDefaultBackend()
-{
-    return PipeWireBackend::initWithRemote();
-}
