@@ -7,13 +7,15 @@
 #include "DXRDeviceArchive.h"
 #include "DXRDeviceHardware.h"
 #include "DXRDeviceOverrides.h"
+#include "DXRDeviceValues.h"
+#include "DXRReadCheck.h"
 #include "GlobalQueue.h"
-#include "HALReadFailures.h"
 #include "QDL.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <tuple>
 
 namespace {
 
@@ -35,21 +37,12 @@ std::string joined(const std::string& first, const char* separator, const std::s
 
 } // namespace
 
-/// What one refresh has read.
+/// The result of one reading of the hardware.
 struct DXRDevice::Readings {
-    uint64_t ticket;
-    std::optional<uint64_t> volumeWrites; // before it was read; none: a write was settling
-    uint32_t channelCount;
-    std::string manufacturer, model, name;
-    std::optional<bool> muted;
-    std::vector<uint32_t> preferredStereoChannels;
-    double sampleRate;
-    std::vector<double> availableSampleRates;
-    std::string source;
-    std::vector<std::string> availableSources;
-    std::string transportType;
-    std::optional<double> volume;
-    bool isIncomplete; // something could not be read that may be there
+    uint64_t ticket = 0;
+    std::optional<uint64_t> volumeWrites; // before it was read; nothing: a write was settling
+    DXRDeviceValues values;
+    bool isIncomplete = false;
 };
 
 std::span<const DXRKVOProperty> DXRDevice::_observableProperties() noexcept
@@ -100,43 +93,55 @@ template <class Value, class Live> Value DXRDevice::_value(const Value& publishe
 
 // ---- Creation and identity
 
-CXRef<DXRDevice> DXRDevice::initWithDeviceID(AudioObjectID deviceID,
-                                             const CXRef<DXRDeviceReference>& deviceReference,
-                                             const CXRef<DXRDeviceKeeper>& keeper)
+CXRef<DXRDevice> DXRDevice::_initWithDeviceID(AudioObjectID deviceID,
+                                              const CXRef<DXRDeviceReference>& deviceReference,
+                                              const CXRef<DXRDeviceKeeper>& keeper)
 {
     if (deviceID == kAudioObjectUnknown || !deviceReference || !deviceReference->isInput())
         return nullptr;
     CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(deviceReference, keeper));
     device->_deviceID = deviceID;
-    // Listening first: a change that the reading below does not see any more is reported then.
+    // Listening first: a change that the reading below is too early for is reported then.
     device->_updatePropertyListeners();
-    if (!device->_updateCachedProperties())
+    device->_isMade = device->_updateCachedProperties();
+    if (!device->_isMade) {
+        device->_disconnect(); // a callback may hold it still
         return nullptr;
+    }
     device->_logAdded();
     return device;
 }
 
-CXRef<DXRDevice> DXRDevice::initWithArchive(const CXPlist& archive, const CXRef<DXRDeviceKeeper>& keeper)
+CXRef<DXRDevice> DXRDevice::_initWithArchive(const CXPlist& archive, const CXRef<DXRDeviceKeeper>& keeper)
 {
     if (!archive.is_object())
         return nullptr;
     const CXPlist version = vtObjectForKey(archive, "vn", CXPlistKind::Number);
-    const DXRDeviceArchive values(archive);
-    const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(values.string("ref"));
+    const CXRef<DXRDeviceReference> reference =
+        DXRDeviceReference::initWithString(DXRDeviceArchive(archive).string("ref"));
+    DXRDeviceValues values = DXRDeviceValues::ofArchive(archive);
     if (version.is_null() || CXDoubleValue(version) != archiveVersion || !reference ||
-        !reference->isInput() || values.count("c") == 0)
+        !reference->isInput() || values.channelCount == 0)
         return nullptr;
     CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(reference, keeper));
-    device->_load(values);
+    *device->_values = std::move(values);
+    device->_isMade = true;
     device->_kvo->updateAllValues();
     device->_logAdded();
     return device;
 }
 
 DXRDevice::DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper)
-    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _mutex(DXRRecursiveMutex::init()),
-      _overrides(DXRDeviceOverrides::initWithDeviceReference(reference)), _reference(std::move(reference)),
-      _keeper(keeper), _hasKeeper(keeper), _self(*this)
+    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties(), &_isInKeepersUpdate)),
+      _mutex(DXRRecursiveMutex::init()),
+      _overrides(DXRDeviceOverrides::initWithDeviceReference(reference,
+                                                             [weak = CXWeak(*this)] {
+                                                                 if (const CXRef<DXRDevice> self =
+                                                                         weak.lock())
+                                                                     self->_overridesChanged();
+                                                             })),
+      _values(std::make_unique<DXRDeviceValues>()), _reference(std::move(reference)), _keeper(keeper),
+      _hasKeeper(keeper), _self(*this)
 {}
 
 DXRDevice::~DXRDevice()
@@ -151,7 +156,7 @@ void DXRDevice::_logAdded() const
         DXRDebugLog("Added %s: %s\n", description().c_str(), CXJSONWithPlist(archive()).c_str());
 }
 
-void DXRDevice::connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
+void DXRDevice::_connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
 {
     if (!deviceReference)
         return;
@@ -171,30 +176,21 @@ void DXRDevice::connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>&
         _kvo->updateAllValues(); // the old values, but connected
 }
 
-void DXRDevice::disconnect()
+void DXRDevice::_disconnect()
 {
     _deviceID = kAudioObjectUnknown;
     _isIncomplete = false;
     _updatePropertyListeners();
-    _kvo->updateValuesForKeys({"displayName", "isConnected", "isDefault", "deviceID"});
+    _kvo->updateValuesForKeys(
+        {"displayName", "displayNameWithSource", "isConnected", "isDefault", "deviceID"});
 }
 
-void DXRDevice::setDeviceReference(const CXRef<DXRDeviceReference>& deviceReference)
+void DXRDevice::_setDeviceReference(const CXRef<DXRDeviceReference>& deviceReference)
 {
     if (!deviceReference)
         return;
     _mutex->execute([&] { _reference = deviceReference; });
     _kvo->updateValuesForKeys({"deviceUID", "reference"});
-}
-
-bool DXRDevice::updateDisplayName(const std::optional<std::string>& displayName)
-{
-    return _updateDisplayName(_displayName, displayName, "displayName");
-}
-
-bool DXRDevice::updateDisplayNameWithSource(const std::optional<std::string>& displayNameWithSource)
-{
-    return _updateDisplayName(_displayNameWithSource, displayNameWithSource, "displayNameWithSource");
 }
 
 bool DXRDevice::_updateDisplayName(std::optional<std::string>& field, const std::optional<std::string>& name,
@@ -211,7 +207,7 @@ bool DXRDevice::_updateDisplayName(std::optional<std::string>& field, const std:
     return isNew;
 }
 
-bool DXRDevice::confirmGenericChannelCounts() const
+bool DXRDevice::_confirmGenericChannelCounts() const
 {
     return !_locked([&] { return _reference->isGeneric(); }) || channelCount() == _hardware().channelCount();
 }
@@ -220,22 +216,22 @@ bool DXRDevice::confirmGenericChannelCounts() const
 
 uint32_t DXRDevice::channelCount() const
 {
-    return _value(_kvo_channelCount, [&] { return _channelCount; });
+    return _value(_kvo_channelCount, [&] { return _values->channelCount; });
 }
 
 std::string DXRDevice::manufacturer() const
 {
-    return _value(_kvo_manufacturer, [&] { return _manufacturer; });
+    return _value(_kvo_manufacturer, [&] { return _values->manufacturer; });
 }
 
 std::string DXRDevice::model() const
 {
-    return _value(_kvo_model, [&] { return _model; });
+    return _value(_kvo_model, [&] { return _values->model; });
 }
 
 std::string DXRDevice::name() const
 {
-    return _value(_kvo_name, [&] { return _name; });
+    return _value(_kvo_name, [&] { return _values->name; });
 }
 
 std::string DXRDevice::nameWithSource() const
@@ -245,13 +241,15 @@ std::string DXRDevice::nameWithSource() const
 
 std::string DXRDevice::_nameWithSource() const
 {
-    return _name == _source ? _name : joined(_name, ": ", _source);
+    const auto& [name, source] = std::tie(_values->name, _values->source);
+    return name == source ? name : joined(name, ": ", source);
 }
 
 std::string DXRDevice::displayName() const
 {
-    return _value(_kvo_displayName,
-                  [&] { return _deviceID != 0 ? _displayName.value_or(_name) : absentMark + _name; });
+    return _value(_kvo_displayName, [&] {
+        return _deviceID != 0 ? _displayName.value_or(_values->name) : absentMark + _values->name;
+    });
 }
 
 std::string DXRDevice::displayNameWithSource() const
@@ -264,12 +262,12 @@ std::string DXRDevice::displayNameWithSource() const
 
 std::string DXRDevice::transportType() const
 {
-    return _locked([&] { return _transportType; });
+    return _locked([&] { return _values->transportType; });
 }
 
 std::vector<uint32_t> DXRDevice::preferredStereoChannels() const
 {
-    return _value(_kvo_preferredStereoChannels, [&] { return _preferredStereoChannels; });
+    return _value(_kvo_preferredStereoChannels, [&] { return _values->preferredStereoChannels; });
 }
 
 CXRef<DXRDeviceReference> DXRDevice::reference() const
@@ -313,22 +311,22 @@ uint32_t DXRDevice::scope() const
 
 std::vector<double> DXRDevice::availableSampleRates() const
 {
-    return _value(_kvo_availableSampleRates, [&] { return _availableSampleRates; });
+    return _value(_kvo_availableSampleRates, [&] { return _values->availableSampleRates; });
 }
 
 double DXRDevice::sampleRate() const
 {
-    return _value(_kvo_sampleRate, [&] { return _sampleRate; });
+    return _value(_kvo_sampleRate, [&] { return _values->sampleRate; });
 }
 
 std::vector<std::string> DXRDevice::availableSources() const
 {
-    return _value(_kvo_availableSources, [&] { return _availableSources; });
+    return _value(_kvo_availableSources, [&] { return _values->availableSources; });
 }
 
 std::string DXRDevice::source() const
 {
-    return _value(_kvo_source, [&] { return _source; });
+    return _value(_kvo_source, [&] { return _values->source; });
 }
 
 bool DXRDevice::_flag(const char* overrideKey, const bool& field) const
@@ -339,24 +337,24 @@ bool DXRDevice::_flag(const char* overrideKey, const bool& field) const
 
 bool DXRDevice::hasMute() const
 {
-    return _flag("hm", _hasMute);
+    return _flag("hm", _values->hasMute);
 }
 
 bool DXRDevice::hasVolume() const
 {
-    return _flag("hv", _hasVolume);
+    return _flag("hv", _values->hasVolume);
 }
 
 bool DXRDevice::isMuted() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_isMuted : hasMute() && _locked([&] { return _muted; });
+    return _kvo->isUpdateInProgress() ? _kvo_isMuted : hasMute() && _locked([&] { return _values->isMuted; });
 }
 
 double DXRDevice::volume() const
 {
     if (_kvo->isUpdateInProgress())
         return _kvo_volume;
-    return hasVolume() ? _locked([&] { return _volume; }) : 1.0;
+    return hasVolume() ? _locked([&] { return _values->volume; }) : 1.0;
 }
 
 std::string DXRDevice::description() const
@@ -367,7 +365,7 @@ std::string DXRDevice::description() const
     std::string text = start;
     if (deviceID != kAudioObjectUnknown)
         text += "connected (" + std::to_string(deviceID) + "), ";
-    const std::string names = _locked([&] { return joined(_name, ", ", _source); });
+    const std::string names = _locked([&] { return joined(_values->name, ", ", _values->source); });
     return text + (isInput() ? "input, " : "output, ") +
            _locked([&] { return _reference->deviceUID().value_or(""); }) +
            (names.empty() ? "" : " (" + names + ")") + ">";
@@ -378,7 +376,8 @@ std::string DXRDevice::description() const
 bool DXRDevice::setSampleRate(double sampleRate)
 {
     if (_deviceID == kAudioObjectUnknown || !_locked([&] {
-            return std::ranges::find(_availableSampleRates, sampleRate) != _availableSampleRates.end();
+            return std::ranges::find(_values->availableSampleRates, sampleRate) !=
+                   _values->availableSampleRates.end();
         }))
         return false;
     return _hardware().setSampleRate(sampleRate);
@@ -406,50 +405,55 @@ bool DXRDevice::setVolume(double volume)
         volume = 0.0;
     else if (volume > double{0.999F})
         volume = 1.0;
+    // Before the write, because its notification may come before it has returned.
+    _mutex->execute([&] { ++_volumeSetPending; });
     const DXRDeviceHardware hardware = _hardware();
-    if (hardware.setVolume(volume, kAudioObjectPropertyElementMain)) {
+    bool isSet = hardware.setVolume(volume, kAudioObjectPropertyElementMain);
+    if (!isSet)
+        for (const uint32_t channel : preferredStereoChannels())
+            isSet |= hardware.setVolume(volume, channel);
+    if (isSet)
         _updateCachedVolumeProperty(volume);
-        return true;
-    }
-    bool isSet = false;
-    for (const uint32_t channel : preferredStereoChannels()) {
-        if (hardware.setVolume(volume, channel)) {
-            _updateCachedVolumeProperty(volume);
-            isSet = true;
-        }
-    }
+    else
+        _endVolumeWrite(VolumeWrite::Refused);
     return isSet;
 }
 
 void DXRDevice::_updateCachedVolumeProperty(double volume)
 {
-    if (_deviceID == kAudioObjectUnknown || !_hardware().isPresent())
-        return;
     const bool isNew = _locked([&] {
-        const bool differs = _hasVolume && _volume != volume;
+        const bool differs =
+            _deviceID != kAudioObjectUnknown && _values->hasVolume && _values->volume != volume;
         if (differs) {
-            _volume = volume;
-            ++_volumeSetPending;
+            _values->volume = volume;
             ++_volumeWrites;
         }
         return differs;
     });
     if (!isNew)
-        return;
+        return _endVolumeWrite(VolumeWrite::Unchanged);
     platform::GlobalQueue::highPriority().after(settlingNanoseconds, [weak = CXWeak(*this)] {
         if (const CXRef<DXRDevice> self = weak.lock())
-            self->_settleVolume();
+            self->_endVolumeWrite(VolumeWrite::Settled);
     });
     _kvo->updateValueForKey("volume");
 }
 
-void DXRDevice::_settleVolume()
+void DXRDevice::_endVolumeWrite(VolumeWrite result)
 {
-    if (!_locked([&] { return --_volumeSetPending == 0; }))
+    double before = 0.0;
+    const bool isReadNow = _locked([&] {
+        if (--_volumeSetPending != 0)
+            return false;
+        before = _values->volume;
+        return std::exchange(_hasUnreadVolume, false) || result == VolumeWrite::Settled;
+    });
+    if (!isReadNow)
         return;
     _updateCachedProperties();
-    if (_isIncomplete)
-        _tellKeeper(); // who asks again
+    // The keeper retries what could not be read, and has not heard of a volume that is not the one written.
+    if (_isIncomplete || _locked([&] { return _values->volume != before; }))
+        _tellKeeper();
 }
 
 // ---- Settings and storage
@@ -467,48 +471,21 @@ std::vector<std::string> DXRDevice::overrideKeys() const
 void DXRDevice::setOverride(const CXPlist& value, const std::string& key)
 {
     _overrides->setObject(value, key);
+    _overridesChanged();
+}
+
+void DXRDevice::_overridesChanged()
+{
+    _kvo->updateValuesForKeys({"isMuted", "volume"});
 }
 
 CXPlist DXRDevice::archive() const
 {
     return _locked([&] {
-        return CXPlist{{"vn", archiveVersion},
-                       {"ref", _reference->string()},
-                       {"c", _channelCount},
-                       {"n", _name},
-                       {"m", _manufacturer},
-                       {"md", _model},
-                       {"t", _transportType},
-                       {"s", _source},
-                       {"sc", _preferredStereoChannels},
-                       {"ar", _availableSampleRates},
-                       {"r", _sampleRate},
-                       {"as", _availableSources},
-                       {"hm", _hasMute},
-                       {"mt", _muted},
-                       {"hv", _hasVolume},
-                       {"v", _volume}};
+        CXPlist archive{{"vn", archiveVersion}, {"ref", _reference->string()}};
+        _values->addTo(archive);
+        return archive;
     });
-}
-
-void DXRDevice::_load(const DXRDeviceArchive& archive)
-{
-    _channelCount = archive.count("c");
-    _name = archive.string("n");
-    _manufacturer = archive.string("m");
-    _model = archive.string("md");
-    _transportType = archive.string("t");
-    _source = archive.string("s");
-    _preferredStereoChannels = archive.channels("sc", _channelCount);
-    if (_preferredStereoChannels.size() != 2)
-        _preferredStereoChannels = {1, _channelCount < 2 ? 1U : 2U};
-    _availableSampleRates = archive.positiveNumbers("ar");
-    _sampleRate = archive.number("r", 44100.0);
-    _availableSources = archive.strings("as");
-    _hasMute = archive.number("hm", 0.0) != 0.0;
-    _muted = archive.number("mt", 0.0) != 0.0;
-    _hasVolume = archive.number("hv", 0.0) != 0.0;
-    _volume = archive.number("v", 1.0);
 }
 
 // ---- Refreshing
@@ -531,8 +508,8 @@ bool DXRDevice::_updateCachedProperties()
 bool DXRDevice::_readAndStore()
 {
     const DXRDeviceHardware hardware = _hardware();
-    const uint64_t failuresBefore = halReadFailures();
-    Readings readings{};
+    const DXRReadCheck reads;
+    Readings readings;
     _mutex->execute([&] {
         readings.ticket = ++_lastTicket;
         if (_volumeSetPending == 0)
@@ -540,64 +517,41 @@ bool DXRDevice::_readAndStore()
     });
     if (hardware.deviceID() == kAudioObjectUnknown || !hardware.isPresent())
         return false;
-    readings.channelCount = hardware.channelCount();
-    if (readings.channelCount == 0)
+    const uint32_t channelCount = hardware.channelCount();
+    if (channelCount == 0)
         return false;
-    _read(hardware, readings);
-    if (!hardware.isPresent()) // it went while it was read
+    readings.values = DXRDeviceValues::ofHardware(hardware, channelCount);
+    if (!hardware.isPresent()) // it was removed meanwhile
         return false;
-    readings.isIncomplete = halReadFailures() != failuresBefore;
+    readings.isIncomplete = reads.hasFailed();
     return _store(hardware.deviceID(), std::move(readings));
-}
-
-void DXRDevice::_read(const DXRDeviceHardware& hardware, Readings& readings)
-{
-    readings.manufacturer = hardware.manufacturer();
-    readings.model = hardware.model();
-    readings.name = hardware.name();
-    readings.muted = hardware.isMuted();
-    readings.preferredStereoChannels = hardware.preferredStereoChannels(readings.channelCount);
-    readings.sampleRate = hardware.sampleRate();
-    readings.availableSampleRates = hardware.availableSampleRates(readings.sampleRate);
-    readings.source = hardware.source();
-    for (const auto& [name, sourceID] : hardware.sources())
-        readings.availableSources.push_back(name);
-    readings.availableSources = sortedCaseInsensitively(std::move(readings.availableSources));
-    readings.transportType = hardware.transportType();
-    readings.volume = hardware.volume(readings.preferredStereoChannels);
 }
 
 bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
 {
     return _locked([&] {
         if (_deviceID != deviceID)
-            return false; // unplugged, or plugged in anew, meanwhile
+            return false; // unplugged, or plugged in again, meanwhile
         if (readings.ticket < _storedTicket)
             return true;
         _storedTicket = readings.ticket;
         _isIncomplete = readings.isIncomplete;
-        // A device known by its description keeps the count that is part of it; another count is another device.
-        if (_channelCount == 0 || !_reference->isGeneric())
-            _channelCount = readings.channelCount;
-        _manufacturer = std::move(readings.manufacturer);
-        _model = std::move(readings.model);
-        _name = std::move(readings.name);
-        _hasMute = readings.muted.has_value();
-        _muted = readings.muted.value_or(false);
-        _preferredStereoChannels = std::move(readings.preferredStereoChannels);
-        _sampleRate = readings.sampleRate;
-        _availableSampleRates = std::move(readings.availableSampleRates);
-        _source = std::move(readings.source);
-        _availableSources = std::move(readings.availableSources);
-        _transportType = std::move(readings.transportType);
-        _hasVolume = readings.volume.has_value();
-        if (_volumeSetPending == 0 && readings.volumeWrites == _volumeWrites)
-            _volume = readings.volume.value_or(1.0);
+        DXRDeviceValues& values = readings.values;
+        // The count belongs to a generic reference; with another count it is another device. A count that was not the
+        // reference's came from an archive, and gives way.
+        const bool isGeneric = _values->channelCount != 0 && _reference->isGeneric();
+        if (isGeneric && _reference->channelCount(isInput()) != values.channelCount)
+            values.channelCount = _values->channelCount;
+        // The hardware's volume is a float: one that is equal as such is the volume that was written.
+        if (_volumeSetPending != 0 || readings.volumeWrites != _volumeWrites ||
+            static_cast<float>(values.volume) == static_cast<float>(_values->volume))
+            values.volume = _values->volume;
+        *_values = std::move(values);
         return true;
     });
 }
 
-bool DXRDevice::refreshIfIncomplete()
+bool DXRDevice::_refreshIfIncomplete()
 {
     if (!_isIncomplete || _deviceID == kAudioObjectUnknown)
         return false;
@@ -605,7 +559,7 @@ bool DXRDevice::refreshIfIncomplete()
     return true;
 }
 
-bool DXRDevice::refreshIfChannelsChanged()
+bool DXRDevice::_refreshIfChannelsChanged()
 {
     const uint32_t there = _hardware().channelCount();
     return there != 0 && there != channelCount() && _updateCachedProperties();
@@ -624,7 +578,6 @@ void DXRDevice::_updatePropertyListeners()
         removed = _listenedID;
         added = wanted;
         _listenedID = wanted;
-        _listening = wanted != kAudioObjectUnknown;
     });
     for (const AudioObjectPropertyAddress& address : listenedAddresses) {
         if (removed != kAudioObjectUnknown)
@@ -649,10 +602,10 @@ HALStatus DXRDevice::__propertyListener(AudioObjectID /*objectID*/, uint32_t cou
     return kAudioHardwareNoError;
 }
 
-bool DXRDevice::_needsRefresh(uint32_t selector) const
+bool DXRDevice::_needsRefresh(uint32_t selector)
 {
     constexpr uint32_t modelName = CXFourCharCode("lmod");
-    const uint64_t failuresBefore = halReadFailures();
+    const DXRReadCheck reads;
     switch (selector) {
     case kAudioDevicePropertyPreferredChannelsForStereo:
     case kAudioObjectPropertyManufacturer:
@@ -663,18 +616,30 @@ bool DXRDevice::_needsRefresh(uint32_t selector) const
     case kAudioDevicePropertyDataSource:
         return true;
     case kAudioDevicePropertyMute:
-        if (_hardware().isMuted().value_or(false) != isMuted())
+        if (_hardware().isMuted().value_or(false) != _locked([&] { return _values->isMuted; }))
             return true;
         break;
     case kAudioDevicePropertyVolumeDecibels:
     case kAudioDevicePropertyVolumeScalar:
-        if (_hardware().volume(preferredStereoChannels()).value_or(1.0) != volume())
+        if (_hasOtherVolume())
             return true;
         break;
     default:
         return false;
     }
-    return halReadFailures() != failuresBefore; // it may have changed
+    return reads.hasFailed(); // it may have changed
+}
+
+bool DXRDevice::_hasOtherVolume()
+{
+    const std::optional<double> known = _locked([&] {
+        _hasUnreadVolume = _volumeSetPending != 0;
+        return _hasUnreadVolume ? std::nullopt : std::optional(_values->volume);
+    });
+    if (!known)
+        return false;
+    const double now = _hardware().volume(preferredStereoChannels()).value_or(1.0);
+    return static_cast<float>(now) != static_cast<float>(*known);
 }
 
 void DXRDevice::_refreshFromHardware()
@@ -683,9 +648,21 @@ void DXRDevice::_refreshFromHardware()
     _tellKeeper();
 }
 
+CXRef<DXRDeviceKeeper> DXRDevice::_owner() const
+{
+    return _hasKeeper ? _keeper.lock() : DXRDeviceKeeper::shared();
+}
+
+bool DXRDevice::_isInKeepersUpdate(const CXObject& device)
+{
+    const CXRef<DXRDeviceKeeper> keeper = static_cast<const DXRDevice&>(device)._owner();
+    return keeper && keeper->updateQueue().isCurrent();
+}
+
 void DXRDevice::_tellKeeper()
 {
-    const CXRef<DXRDeviceKeeper> keeper = _hasKeeper ? _keeper.lock() : DXRDeviceKeeper::shared();
-    if (keeper)
+    if (!_isMade)
+        return; // its maker reads the values after this
+    if (const CXRef<DXRDeviceKeeper> keeper = _owner())
         keeper->updateQueue().async([keeper, self = CXRef(this)] { keeper->deviceWasUpdated(self); });
 }

@@ -8,70 +8,38 @@
 #include "DXRSynchronization.h"
 
 #include <atomic>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-class DXRDeviceArchive;
 class DXRDeviceHardware;
 class DXRDeviceOverrides;
+struct DXRDeviceValues;
 
-/// One audio device in one direction: the input side of a headset and its output side are two. It keeps what the
-/// hardware says, renews that when the hardware reports a change, tells observers (kvo()), and carries out the few
-/// writes there are. It outlives its hardware: a disconnected device keeps its last values, and one that was never
-/// here can be made from an archive. The device manager makes, connects, names and keeps devices; clients get theirs
-/// from it.
+/// One audio device in one direction: the input and the output of a headset are two. It keeps a copy of the hardware's
+/// values, refreshes it when the hardware reports a change, announces changes to observers (kvo()), and does the few
+/// writes there are. It outlives its hardware: a disconnected device keeps its last values, and an absent one can be
+/// made from an archive. Clients get devices from the device manager, which makes, connects, names and keeps them.
 ///
 /// Observable keys: channelCount, manufacturer, model, name, nameWithSource, displayName, displayNameWithSource,
 /// preferredStereoChannels, reference, isConnected, isDefault, availableSampleRates, sampleRate, availableSources,
 /// source, isMuted, volume, deviceID, deviceUID.
-/// Threads:   any. Observers are called on the main thread. What the manager calls (connect to updateDisplayName…),
-///            on one thread at a time.
-/// Real time: no. Queries take a lock for a moment and ask no hardware, but for isDefault(); writes wait for it.
-/// Fails:     quietly: what the hardware does not say is empty, 0, 44100 Hz, volume 1, channels 1 and 2, or false;
-///            writes answer whether the hardware accepted them, and false for a device that is not connected.
+/// Threads:   any. Observers are called on the main thread.
+/// Real time: no. Queries take a lock for a moment and ask no hardware, except isDefault(); writes wait for it.
+/// Fails:     silently: a value that cannot be read is empty, 0, 44100 Hz, volume 1, channels 1 and 2, or false; writes
+///            return whether the hardware accepted them, and false for a device that is not connected.
 class DXR_EXPORT DXRDevice final : public CXObject {
 public:
-    // -- Creation and identity, for the manager
-
-    /// The device that is there under this ID, in the direction of the reference. Null when it does not answer, has
-    /// no channels in that direction, or the reference has none. `keeper` hears of its changes; without one the
-    /// shared keeper does.
-    static CXRef<DXRDevice> initWithDeviceID(AudioObjectID deviceID,
-                                             const CXRef<DXRDeviceReference>& deviceReference,
-                                             const CXRef<DXRDeviceKeeper>& keeper = nullptr);
-    /// A device that is not connected, as archive() once described it. Null for another version than 1, without a
-    /// reference that has a direction, or without channels; whatever else is missing or of the wrong kind is as for
-    /// hardware that does not say.
-    static CXRef<DXRDevice> initWithArchive(const CXPlist& archive,
-                                            const CXRef<DXRDeviceKeeper>& keeper = nullptr);
-    /// Makes this hardware device its own and reads it anew; nothing happens when it is already, by an equal
-    /// reference.
-    void connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference);
-    /// Lets the hardware go, and keeps the values.
-    void disconnect();
-    void setDeviceReference(const CXRef<DXRDeviceReference>& deviceReference);
-    /// The name to show instead of the device's own, or none; whether it is another than before.
-    bool updateDisplayName(const std::optional<std::string>& displayName);
-    bool updateDisplayNameWithSource(const std::optional<std::string>& displayNameWithSource);
-    /// Whether a device that is known by its description still has as many channels as that says.
-    bool confirmGenericChannelCounts() const;
-    /// Reads the hardware once more when the last time something could not be read; whether it did.
-    bool refreshIfIncomplete();
-    bool isIncomplete() const noexcept { return _isIncomplete.load(); }
-    /// For whoever is about to use the channels and cannot wait for the news: reads the hardware anew when it has
-    /// another number of them than channelCount(); whether it did.
-    bool refreshIfChannelsChanged();
-
     // -- Queries
 
     uint32_t channelCount() const;
     std::string manufacturer() const;
     std::string model() const;
     std::string name() const;
-    /// "Name: Source"; the one of them there is, or only once what both are.
+    /// "Name: Source"; just one of them when the other is empty or the same.
     std::string nameWithSource() const;
-    /// The name to show users, told from those of like devices; of a device that is not connected "⚠️ Name".
+    /// The name to show users, which differs from those of like devices; "⚠️ Name" when it is not connected.
     std::string displayName() const;
     std::string displayNameWithSource() const;
     /// The transport code as four characters, "grup" for an aggregate; empty when unknown.
@@ -103,8 +71,8 @@ public:
     [[nodiscard]] bool setSampleRate(double sampleRate);
     [[nodiscard]] bool setSource(const std::optional<std::string>& source);
     [[nodiscard]] bool setMuted(bool muted);
-    /// 0 to 1; within a thousandth of an end it is the end. volume() answers the new value at once, and what the
-    /// hardware makes of it a quarter of a second after the last such write: a slider does not jump meanwhile.
+    /// 0 to 1; within a thousandth of an end it is the end. volume() returns the new value at once, and the hardware's
+    /// from a quarter of a second after the last write on: a slider does not jump in between.
     [[nodiscard]] bool setVolume(double volume);
 
     // -- Settings, storage, observation
@@ -122,33 +90,48 @@ public:
     std::string description() const override;
 
 private:
+    friend class DXRDeviceControl;
     struct Readings;
 
+    static CXRef<DXRDevice> _initWithDeviceID(AudioObjectID deviceID,
+                                              const CXRef<DXRDeviceReference>& deviceReference,
+                                              const CXRef<DXRDeviceKeeper>& keeper);
+    static CXRef<DXRDevice> _initWithArchive(const CXPlist& archive, const CXRef<DXRDeviceKeeper>& keeper);
     DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper);
     ~DXRDevice() override;
 
     static std::span<const DXRKVOProperty> _observableProperties() noexcept;
 
     void _logAdded() const;
-    void _load(const DXRDeviceArchive& archive);
+    void _connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference);
+    void _disconnect();
+    void _setDeviceReference(const CXRef<DXRDeviceReference>& deviceReference);
+    bool _updateDisplayName(std::optional<std::string>& field, const std::optional<std::string>& name,
+                            const char* key);
+    bool _confirmGenericChannelCounts() const;
+    bool _refreshIfIncomplete();
+    bool _refreshIfChannelsChanged();
+
     DXRDeviceHardware _hardware() const;
     bool _updateCachedProperties();
     bool _readAndStore();
-    static void _read(const DXRDeviceHardware& hardware, Readings& readings);
     bool _store(AudioObjectID deviceID, Readings readings);
+    enum class VolumeWrite { Refused, Unchanged, Settled };
     void _updateCachedVolumeProperty(double volume);
-    void _settleVolume();
-    bool _updateDisplayName(std::optional<std::string>& field, const std::optional<std::string>& name,
-                            const char* key);
+    void _endVolumeWrite(VolumeWrite result);
+    void _overridesChanged();
     bool _flag(const char* overrideKey, const bool& field) const;
     std::string _nameWithSource() const;
 
     void _updatePropertyListeners();
     static HALStatus __propertyListener(AudioObjectID objectID, uint32_t count,
                                         const AudioObjectPropertyAddress* addresses, void* weakDevice);
-    bool _needsRefresh(uint32_t selector) const;
+    bool _needsRefresh(uint32_t selector);
+    bool _hasOtherVolume();
     void _refreshFromHardware();
     void _tellKeeper();
+    CXRef<DXRDeviceKeeper> _owner() const;
+    static bool _isInKeepersUpdate(const CXObject& device);
 
     template <class Value, class Live>
     Value _value(const std::optional<Value>& published, const Live& live) const;
@@ -156,7 +139,7 @@ private:
     template <class Live> auto _locked(const Live& live) const;
 
     const CXRef<DXRKVOHelper> _kvo;
-    // What observers were told last. Written by the helper, on the main thread, and read there only.
+    // The values last announced to observers. Written by the helper and read, both on the main thread only.
     uint32_t _kvo_channelCount = 0;
     std::optional<std::string> _kvo_manufacturer;
     std::optional<std::string> _kvo_model;
@@ -177,40 +160,31 @@ private:
     uint32_t _kvo_deviceID = 0;
     std::optional<std::string> _kvo_deviceUID;
 
-    const CXRef<DXRRecursiveMutex>
-        _mutex; // of all below that is neither const nor atomic; never held in a HAL call
+    // Guards all below that is neither const nor atomic; never held in a HAL call.
+    const CXRef<DXRRecursiveMutex> _mutex;
     const CXRef<DXRDeviceOverrides> _overrides;
-    uint32_t _channelCount = 0;
-    // Stored by the manager's thread alone, sometimes without the mutex; a look at it is enough for everyone else.
+    const std::unique_ptr<DXRDeviceValues> _values;
+    // Stored by the owner's thread alone, sometimes without the mutex; other threads read one value at a time.
     std::atomic<AudioObjectID> _deviceID{kAudioObjectUnknown};
-    std::string _manufacturer;
-    std::string _model;
-    std::string _name;
     std::optional<std::string> _displayName;
     std::optional<std::string> _displayNameWithSource;
-    std::vector<uint32_t> _preferredStereoChannels{1, 2};
     CXRef<DXRDeviceReference> _reference;
-    std::string _transportType;
-    std::vector<double> _availableSampleRates;
-    double _sampleRate = 44100.0;
-    std::vector<std::string> _availableSources;
-    std::string _source;
-    bool _hasMute = false;
-    bool _muted = false;
-    bool _hasVolume = false;
-    double _volume = 1.0;
-    uint32_t _volumeSetPending = 0; // local volume writes in their settling time
-    bool _listening = false;
+    // Local volume writes, from before the hardware is asked to the end of their settling time. Meanwhile the hardware's
+    // notifications about its volume are only noted: they are about these writes, or are read at the end.
+    uint32_t _volumeSetPending = 0;
+    bool _hasUnreadVolume = false;
 
-    AudioObjectID _listenedID = kAudioObjectUnknown; // what the listener is installed on while _listening
+    AudioObjectID _listenedID = kAudioObjectUnknown; // the device the listener is installed on
     // Refreshes run side by side: on the notification thread, the manager's queue, and when a volume has settled.
-    // Each takes a ticket before it reads; one that began earlier than what is stored already stores nothing, since
-    // whatever it saw and the later one did not has been announced since and brings another refresh.
+    // Each takes a ticket before it reads. One that began before the stored one stores nothing: a change that it saw
+    // and the later one did not is announced after it, and causes another refresh.
     uint64_t _lastTicket = 0;
     uint64_t _storedTicket = 0;
     uint64_t _volumeWrites = 0; // local ones so far: a reading from before one does not replace it
-    std::atomic<bool> _isIncomplete{false};
+    std::atomic<bool> _isIncomplete{
+        false};                       // something could not be read; read again by _refreshIfIncomplete()
+    std::atomic<bool> _isMade{false}; // the first fill has succeeded: the keeper may be notified
     const CXWeak<DXRDeviceKeeper> _keeper;
     const bool _hasKeeper;
-    CXWeak<DXRDevice> _self; // what the listener gets: a callback may be under way when the device ends
+    CXWeak<DXRDevice> _self; // passed to the listener: a callback may be running when the device ends
 };

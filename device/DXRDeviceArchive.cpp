@@ -3,49 +3,65 @@
 #include "CXPlistAdditions.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
-bool isNumber(const CXPlist& value)
+std::optional<double> numberIn(const CXPlist& value)
 {
-    return value.is_number() || value.is_boolean();
+    return value.is_number() || value.is_boolean() ? std::optional(CXDoubleValue(value)) : std::nullopt;
 }
 
-uint32_t countIn(const CXPlist& value)
+/// 0 unless it is a number from 1 to `maximum`.
+uint32_t countIn(const CXPlist& value, uint32_t maximum)
 {
-    if (!isNumber(value))
-        return 0;
-    const double number = CXDoubleValue(value);
-    return number >= 0.0 && number < 4294967296.0 ? static_cast<uint32_t>(number) : 0;
+    const double number = numberIn(value).value_or(0.0);
+    return number >= 1.0 && number < maximum + 1.0 ? static_cast<uint32_t>(number) : 0;
 }
 
-/// The items of an array when `accepts` all of them, each as an Item; else none.
-template <class Item, class Accepts> std::vector<Item> itemsIn(const CXPlist& array, const Accepts& accepts)
+std::optional<double> rateIn(const CXPlist& value)
+{
+    const std::optional<double> rate = numberIn(value);
+    return rate && std::isfinite(*rate) && *rate > 0.0 ? rate : std::nullopt;
+}
+
+/// What `read` makes of each item of an array; empty when it makes nothing of one.
+template <class Item, class Read> std::vector<Item> itemsIn(const CXPlist& array, const Read& read)
 {
     std::vector<Item> items;
-    if (!array.is_array() || !std::ranges::all_of(array, accepts))
+    if (!array.is_array())
         return items;
     items.reserve(array.size());
-    for (const CXPlist& item : array) {
-        if constexpr (std::is_arithmetic_v<Item>)
-            items.push_back(static_cast<Item>(CXDoubleValue(item)));
-        else
-            items.push_back(item.template get<Item>());
+    for (const CXPlist& each : array) {
+        std::optional<Item> item = read(each);
+        if (!item)
+            return {};
+        items.push_back(*std::move(item));
     }
     return items;
 }
 
 } // namespace
 
-uint32_t DXRDeviceArchive::count(const char* key) const
+uint32_t DXRDeviceArchive::channelCount(const char* key) const
 {
-    return countIn(safeObjectForKey(_dictionary, key));
+    return countIn(safeObjectForKey(_dictionary, key), maximumChannelCount);
 }
 
-double DXRDeviceArchive::number(const char* key, double fallback) const
+std::optional<double> DXRDeviceArchive::rate(const char* key) const
 {
-    const CXPlist value = vtObjectForKey(_dictionary, key, CXPlistKind::Number);
-    return value.is_null() ? fallback : CXDoubleValue(value);
+    return rateIn(safeObjectForKey(_dictionary, key));
+}
+
+std::optional<double> DXRDeviceArchive::scalar(const char* key) const
+{
+    const std::optional<double> number = numberIn(safeObjectForKey(_dictionary, key));
+    return number && *number >= 0.0 && *number <= 1.0 ? number : std::nullopt;
+}
+
+bool DXRDeviceArchive::flag(const char* key) const
+{
+    return numberIn(safeObjectForKey(_dictionary, key)).value_or(0.0) != 0.0;
 }
 
 std::string DXRDeviceArchive::string(const char* key) const
@@ -57,19 +73,19 @@ std::string DXRDeviceArchive::string(const char* key) const
 std::vector<uint32_t> DXRDeviceArchive::channels(const char* key, uint32_t channelCount) const
 {
     return itemsIn<uint32_t>(safeObjectForKey(_dictionary, key), [channelCount](const CXPlist& item) {
-        const uint32_t channel = countIn(item);
-        return channel >= 1 && channel <= channelCount;
+        const uint32_t channel = countIn(item, channelCount);
+        return channel != 0 ? std::optional(channel) : std::nullopt;
     });
 }
 
-std::vector<double> DXRDeviceArchive::positiveNumbers(const char* key) const
+std::vector<double> DXRDeviceArchive::rates(const char* key) const
 {
-    return itemsIn<double>(safeObjectForKey(_dictionary, key),
-                           [](const CXPlist& item) { return isNumber(item) && CXDoubleValue(item) > 0.0; });
+    return itemsIn<double>(safeObjectForKey(_dictionary, key), rateIn);
 }
 
 std::vector<std::string> DXRDeviceArchive::strings(const char* key) const
 {
-    return itemsIn<std::string>(safeObjectForKey(_dictionary, key),
-                                [](const CXPlist& item) { return item.is_string(); });
+    return itemsIn<std::string>(safeObjectForKey(_dictionary, key), [](const CXPlist& item) {
+        return item.is_string() ? std::optional(item.get<std::string>()) : std::nullopt;
+    });
 }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstring>
 #include <cwctype>
 #include <locale.h> // NOLINT(modernize-deprecated-headers): uselocale is POSIX
@@ -22,6 +23,12 @@ std::optional<std::string> textIn(const CXRef<CXObject>& object)
 std::string textOr(const DXRPropertyAddress& address, AudioObjectID deviceID)
 {
     return textIn(address.objectForObjectID(deviceID)).value_or("");
+}
+
+/// A NaN would differ from itself at every comparison, and neither it nor infinity can be archived.
+bool isRate(double rate)
+{
+    return std::isfinite(rate) && rate > 0.0;
 }
 
 /// `text` in lower case, whatever the process's language.
@@ -108,7 +115,8 @@ std::vector<uint32_t> DXRDeviceHardware::preferredStereoChannels(uint32_t channe
 double DXRDeviceHardware::sampleRate() const
 {
     constexpr double fallback = 44100.0;
-    return DXRPropertyAddress::deviceSampleRate()->doubleForObjectID(_deviceID).value_or(fallback);
+    const std::optional<double> rate = DXRPropertyAddress::deviceSampleRate()->doubleForObjectID(_deviceID);
+    return rate && isRate(*rate) ? *rate : fallback;
 }
 
 std::vector<double> DXRDeviceHardware::availableSampleRates(double sampleRate) const
@@ -122,7 +130,7 @@ std::vector<double> DXRDeviceHardware::availableSampleRates(double sampleRate) c
         if (range->isRange()) {
             const std::vector<double> contained = range->containedValues(usual);
             rates.insert(contained.begin(), contained.end());
-        } else {
+        } else if (isRate(range->min())) {
             rates.insert(range->min());
         }
     }
@@ -184,12 +192,6 @@ std::optional<double> DXRDeviceHardware::volume(std::span<const uint32_t> channe
     return *volume > 0.0 ? std::min(*volume, 1.0) : 0.0; // NaN, too, is 0
 }
 
-std::optional<bool> DXRDeviceHardware::isTapEnabled() const
-{
-    const auto enabled = DXRPropertyAddress::deviceTapEnabled()->uint32ForObjectID(_deviceID);
-    return enabled ? std::optional(*enabled != 0) : std::nullopt;
-}
-
 bool DXRDeviceHardware::setSampleRate(double rate) const
 {
     return DXRPropertyAddress::deviceSampleRate()->setDouble(rate, _deviceID);
@@ -210,9 +212,4 @@ bool DXRDeviceHardware::setVolume(double scalar, uint32_t element) const
 {
     return DXRPropertyAddress::deviceVolumeScalar(_scope(), element)
         ->setFloat(static_cast<float>(scalar), _deviceID);
-}
-
-bool DXRDeviceHardware::setTapEnabled(bool enabled) const
-{
-    return DXRPropertyAddress::deviceTapEnabled()->setUInt32(enabled ? 1 : 0, _deviceID);
 }

@@ -9,41 +9,39 @@
 #include <string>
 #include <vector>
 
-/// One direction of a hardware device, as it is this moment: every call asks the hardware.
+/// One direction of a hardware device now: every call asks the hardware.
 /// Threads:   immutable; any.
 /// Real time: no.
-/// Fails:     quietly, with the value named; writes answer whether the hardware accepted them.
+/// Fails:     with the value named; writes return whether the hardware accepted them.
 class DXRDeviceHardware {
 public:
     DXRDeviceHardware(AudioObjectID deviceID, bool isInput) noexcept : _deviceID(deviceID), _isInput(isInput)
     {}
 
     AudioObjectID deviceID() const noexcept { return _deviceID; }
-    /// Whether it still answers.
+    /// Whether its unique ID can still be read.
     bool isPresent() const;
     uint32_t channelCount() const;    ///< 0 when it cannot be read
-    std::string manufacturer() const; ///< empty when it does not say, as the next two
+    std::string manufacturer() const; ///< empty when unknown, like the next two
     std::string model() const;
     std::string name() const;
     std::string transportType() const; ///< four characters; empty when unknown
-    /// Channel numbers from 1, always two: the first channels when it does not say.
+    /// Channel numbers from 1, always two: the first channels when unknown.
     std::vector<uint32_t> preferredStereoChannels(uint32_t channelCount) const;
     double sampleRate() const; ///< Hz; 44100 when it cannot be read
-    /// Hz, ascending. Of a range, those of four usual rates that lie in it; `sampleRate` when there is nothing else.
+    /// Hz, ascending. Of a range, those of four usual rates that lie in it; `sampleRate` when that leaves none.
     std::vector<double> availableSampleRates(double sampleRate) const;
     std::map<std::string, uint32_t> sources() const; ///< IDs by name; the nameless are left out
     std::string source() const;                      ///< the current one's name; empty when there is none
     std::optional<bool> isMuted() const;             ///< nothing without such a control
     /// Scalar 0 to 1: of the main control, else the mean of the channels' controls; nothing without any.
     std::optional<double> volume(std::span<const uint32_t> channels) const;
-    std::optional<bool> isTapEnabled() const; ///< nothing without a tap
 
     bool setSampleRate(double rate) const;
     bool setSource(uint32_t sourceID) const;
     bool setMuted(bool muted) const;
     /// Of the main control (element 0) or a channel's.
     bool setVolume(double scalar, uint32_t element) const;
-    bool setTapEnabled(bool enabled) const;
 
 private:
     uint32_t _scope() const noexcept

@@ -8,6 +8,8 @@
 #include "DefaultsSuite.h"
 #include "Utf8.h"
 
+#include <algorithm>
+#include <cmath>
 #include <utility>
 #include <vector>
 
@@ -32,6 +34,23 @@ CXPlist overridesIn(const CXRef<DefaultsRow>& row)
     return overrides && overrides->is_object() ? std::move(*overrides) : CXPlist::object();
 }
 
+/// JSON has no others, and would store null.
+bool hasFiniteNumbers(const CXPlist& value)
+{
+    if (value.is_structured())
+        return std::ranges::all_of(value, hasFiniteNumbers);
+    return !value.is_number_float() || std::isfinite(value.get<double>());
+}
+
+/// Where the entry for the reference is, or would be.
+std::string keyOfEntry(const DXRDeviceReference& reference, const DefaultsSnapshot& now)
+{
+    const CXRef<DXRDeviceOverridesEntry> entry =
+        DXRDeviceOverridesIndex::initWithSnapshot(DefaultsSnapshot::initWithRows(now.rows()))
+            ->entryForReference(reference);
+    return entry ? entry->key() : reference.string();
+}
+
 /// What writes `overrides` under the key: an entry without any is removed. Nothing when it could not be read again,
 /// which would lose the whole entry.
 DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, const DefaultsSnapshot& now)
@@ -49,62 +68,67 @@ DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, con
 } // namespace
 
 CXRef<DXRDeviceOverrides>
-DXRDeviceOverrides::initWithDeviceReference(const CXRef<DXRDeviceReference>& reference)
+DXRDeviceOverrides::initWithDeviceReference(const CXRef<DXRDeviceReference>& reference,
+                                            const CXBlock<void()>& changed)
 {
     if (!reference)
         return nullptr;
-    CXRef<DXRDeviceOverrides> overrides = _observing(reference->string());
-    const std::string key = overrides->_takeValue(*reference);
-    if (key == overrides->_key)
-        return overrides;
-    overrides = _observing(key); // an entry that was there already, under another text
-    overrides->_observeValue();
+    auto overrides = CXRef<DXRDeviceOverrides>::adopt(new DXRDeviceOverrides(reference, changed));
+    overrides->_find();
     return overrides;
 }
 
-CXRef<DXRDeviceOverrides> DXRDeviceOverrides::_observing(const std::string& key)
-{
-    auto overrides = CXRef<DXRDeviceOverrides>::adopt(new DXRDeviceOverrides(key));
-    overrides->_observer =
-        overrides->_defaults->addObserver(key, [weak = CXWeak<DXRDeviceOverrides>(overrides)] {
-            if (const CXRef<DXRDeviceOverrides> self = weak.lock())
-                self->_observeValue();
-        });
-    return overrides;
-}
-
-DXRDeviceOverrides::DXRDeviceOverrides(std::string key)
-    : _mutex(DXRRecursiveMutex::init()), _defaults(suite()), _key(std::move(key))
+DXRDeviceOverrides::DXRDeviceOverrides(const CXRef<DXRDeviceReference>& reference,
+                                       const CXBlock<void()>& changed)
+    : _mutex(DXRRecursiveMutex::init()), _defaults(suite()), _reference(reference), _changed(changed),
+      _key(reference->string())
 {}
-
-std::string DXRDeviceOverrides::_takeValue(const DXRDeviceReference& reference)
-{
-    std::string key = _key;
-    _mutex->execute([&] { // read and kept in one step, as in _observeValue(): the later reading stays
-        const auto index = DXRDeviceOverridesIndex::current(*_defaults);
-        const CXRef<DXRDeviceOverridesEntry> entry = index->entryForReference(reference);
-        if (!entry)
-            return;
-        key = entry->key();
-        if (key == _key)
-            _overrides = entry->overrides();
-    });
-    return key;
-}
 
 DXRDeviceOverrides::~DXRDeviceOverrides()
 {
     _defaults->removeObserver(_observer);
 }
 
+/// Takes the place of the entry for the reference, and follows it. Called again when the store could not be read the
+/// first time.
+void DXRDeviceOverrides::_find()
+{
+    const bool isLoaded = _defaults->load(); // from the disk; everything below is in memory
+    const CXRef<DXRDeviceOverridesEntry> entry =
+        DXRDeviceOverridesIndex::current(*_defaults)->entryForReference(*_reference);
+    const std::string key = entry ? entry->key() : _reference->string();
+    const uint64_t observer = _defaults->addObserver(key, [weak = CXWeak<DXRDeviceOverrides>(*this)] {
+        if (const CXRef<DXRDeviceOverrides> self = weak.lock())
+            self->_storeChanged();
+    });
+    uint64_t before = 0;
+    _mutex->execute([&] {
+        _isFound = isLoaded;
+        _key = key;
+        before = std::exchange(_observer, observer);
+    });
+    _defaults->removeObserver(before);
+    _observeValue(); // it may have changed before it was observed
+}
+
 void DXRDeviceOverrides::_observeValue()
 {
-    // The suite is asked under the mutex: a value set meanwhile must not be replaced by the one before it.
+    // The snapshot is taken under the mutex, so that of two readings the later one stays.
     _mutex->execute([&] {
         const CXRef<DXRDeviceOverridesEntry> entry =
             DXRDeviceOverridesIndex::current(*_defaults)->entryForKey(_key);
         _overrides = entry ? entry->overrides() : CXPlist::object();
     });
+}
+
+void DXRDeviceOverrides::_storeChanged()
+{
+    if (_mutex->execond([&] { return _isFound; }))
+        _observeValue();
+    else
+        _find();
+    if (_changed)
+        _changed();
 }
 
 std::vector<std::string> DXRDeviceOverrides::keys() const
@@ -170,14 +194,20 @@ std::optional<std::string> DXRDeviceOverrides::stringForKey(const std::optional<
 void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std::string>& key)
 {
     // Half the limits for one value leaves room for what else is in the entry.
-    if (!key || !CXPlistFitsJSON(value) ||
+    if (!key || !CXPlistFitsJSON(value) || !hasFiniteNumbers(value) ||
         key->size() + CXJSONWithPlist(value).size() > CXJSONMaximumBytes / 2)
         return;
+    std::optional<std::string> entryKey; // nothing: not known yet
+    _mutex->execute([&] {
+        if (_isFound)
+            entryKey = _key;
+    });
     // The edit works on what is stored at that moment, and not on what is known here, so that no override which
     // another process has just set is lost.
-    const auto edit = [entryKey = _key, key = platform::utf8Replaced(*key), value,
+    const auto edit = [entryKey, reference = _reference, key = platform::utf8Replaced(*key), value,
                        owner = _ownerBundleID()](const DefaultsSnapshot& now) {
-        CXPlist overrides = overridesIn(now.row(entryKey));
+        const std::string found = entryKey ? *entryKey : keyOfEntry(*reference, now);
+        CXPlist overrides = overridesIn(now.row(found));
         const std::string ownerKey = _ownerKeyForKey(key);
         overrides.erase(key);
         overrides.erase(ownerKey);
@@ -185,12 +215,13 @@ void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
             overrides[key] = value;
         if (!value.is_null() && owner)
             overrides[ownerKey] = *owner;
-        return changesFor(entryKey, overrides, now);
+        return changesFor(found, overrides, now);
     };
-    _mutex->execute([&] {
-        _defaults->update(edit);
+    _defaults->update(edit);
+    if (entryKey)
         _observeValue();
-    });
+    else
+        _find();
     _defaults->synchronize();
 }
 
@@ -230,5 +261,6 @@ std::string DXRDeviceOverrides::_ownerKeyForKey(std::string_view key)
 
 std::optional<std::string> DXRDeviceOverrides::_ownerBundleID()
 {
-    return CXMainBundleIdentifier();
+    const std::optional<std::string> identifier = CXMainBundleIdentifier();
+    return identifier ? std::optional(platform::utf8Replaced(*identifier)) : std::nullopt; // as it is stored
 }

@@ -35,7 +35,12 @@ private:
 /// Threads: immutable, any.
 class DXRDeviceOverridesIndex final : public CXObject {
 public:
-    /// What `suite` holds now.
+    static CXRef<DXRDeviceOverridesIndex> initWithSnapshot(CXRef<platform::DefaultsSnapshot> snapshot)
+    {
+        return CXRef<DXRDeviceOverridesIndex>::adopt(
+            new DXRDeviceOverridesIndex(std::move(snapshot), nullptr));
+    }
+    /// What `suite` holds now, as far as it is in memory.
     static CXRef<DXRDeviceOverridesIndex> current(platform::DefaultsSuite& suite);
 
     /// The first entry whose reference is equal to this one, or else generically equal; null without one.

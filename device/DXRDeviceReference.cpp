@@ -5,6 +5,7 @@
 #include "CXJSON.h"
 #include "CXPlistAdditions.h"
 #include "CXValue.h"
+#include "DXRDeviceDescription.h"
 #include "JRCoreGenericUID.h"
 #include "QDL.h"
 #include "Utf8.h"
@@ -89,32 +90,33 @@ bool isDeviceReference(std::string_view text)
 CXRef<DXRDeviceReference> DXRDeviceReference::initWithDeviceID(AudioObjectID deviceID,
                                                                std::optional<bool> input)
 {
-    const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(deviceID);
-    if (!uid || uid->starts_with(privateAggregatePrefix))
-        return nullptr;
-    const uint32_t inputCount = QDLAudioDeviceChannelCount(deviceID, true);
-    const uint32_t outputCount = QDLAudioDeviceChannelCount(deviceID, false);
-    if (input && (*input ? inputCount : outputCount) == 0)
-        return nullptr;
+    return initWithDescription(DXRDeviceDescription::ofDevice(deviceID), input);
+}
 
+CXRef<DXRDeviceReference> DXRDeviceReference::initWithDescription(const DXRDeviceDescription& description,
+                                                                  std::optional<bool> input)
+{
+    const std::optional<std::string>& uid = description.uid;
+    if (!uid || uid->starts_with(privateAggregatePrefix) || (input && description.channelCount(*input) == 0))
+        return nullptr;
     CXPlist attributes = {{"uid", platform::utf8Replaced(*uid)}};
     if (input)
         attributes["i"] = *input;
-    const uint32_t transport = QDLAudioDeviceTransportTypeFromDeviceID(deviceID);
+    const uint32_t transport = description.transportType;
     const std::optional<std::string> genericUID = _genericUIDForTransport(transport, *uid);
     if (!genericUID)
         return _initWithAttributes(std::move(attributes));
 
     attributes["t"] = stringWithFourCharCode(transport);
     setUnlessMissing(attributes, "gid", genericUID);
-    if (inputCount != 0)
-        attributes["ic"] = inputCount;
-    if (outputCount != 0)
-        attributes["oc"] = outputCount;
-    setUnlessMissing(attributes, "m", QDLAudioDeviceManufacturerFromDeviceID(deviceID));
-    if (const std::optional<std::string> model = QDLAudioDeviceModelUIDFromDeviceID(deviceID))
+    if (const uint32_t count = description.channelCount(true); count != 0)
+        attributes["ic"] = count;
+    if (const uint32_t count = description.channelCount(false); count != 0)
+        attributes["oc"] = count;
+    setUnlessMissing(attributes, "m", description.manufacturer);
+    if (const std::optional<std::string>& model = description.model)
         setUnlessMissing(attributes, "md", _genericUIDForTransport(transport, *model).value_or(*model));
-    setUnlessMissing(attributes, "n", QDLAudioDeviceNameFromDeviceID(deviceID));
+    setUnlessMissing(attributes, "n", description.name);
     return _initWithAttributes(std::move(attributes));
 }
 
@@ -155,6 +157,8 @@ CXRef<DXRDeviceReference> DXRDeviceReference::deviceReferenceWithInput(std::opti
 CXRef<DXRDeviceReference> DXRDeviceReference::_initWithAttributes(CXPlist attributes)
 {
     std::string text = CXJSONWithPlist(attributes);
+    if (text.size() > CXJSONMaximumBytes)
+        return nullptr;
     return CXRef<DXRDeviceReference>::adopt(new DXRDeviceReference(std::move(text), std::move(attributes)));
 }
 
@@ -204,6 +208,15 @@ std::optional<bool> DXRDeviceReference::isInput() const
 {
     const CXPlist* const value = _attributes[Input];
     return value && isNumber(*value) ? std::optional(CXDoubleValue(*value) != 0.0) : std::nullopt;
+}
+
+std::optional<uint32_t> DXRDeviceReference::channelCount(bool input) const
+{
+    if (!isGeneric())
+        return std::nullopt;
+    const CXPlist* const value = _attributes[input ? InputChannels : OutputChannels];
+    const double count = value && isNumber(*value) ? CXDoubleValue(*value) : 0.0;
+    return count >= 0.0 && count < 4294967296.0 ? static_cast<uint32_t>(count) : 0;
 }
 
 bool DXRDeviceReference::isEqual(const CXObject* other) const

@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+struct DXRDeviceDescription;
+
 /// Whether `text` has the look of a reference: at least two characters, from "{" to "}".
 DXR_EXPORT bool isDeviceReference(std::string_view text);
 
@@ -23,8 +25,12 @@ DXR_EXPORT bool isDeviceReference(std::string_view text);
 class DXR_EXPORT DXRDeviceReference final : public CXObject {
 public:
     /// To a present device; `input` chooses a direction, nothing means the device as a whole. Empty for a device
-    /// without unique ID, for the library's own aggregates, and when the device has no channels in the direction.
+    /// without unique ID, for the library's own aggregates, when the device has no channels in the direction, and for
+    /// attributes that would make a text too long to be read (CXJSON.h).
     static CXRef<DXRDeviceReference> initWithDeviceID(AudioObjectID deviceID, std::optional<bool> input);
+    /// The same of a description that has been read.
+    static CXRef<DXRDeviceReference> initWithDescription(const DXRDeviceDescription& description,
+                                                         std::optional<bool> input);
     /// To the device of this unique ID, present or not. A present device is referred to as a whole, whatever
     /// `input` says; an absent one is not described and is never generic.
     static CXRef<DXRDeviceReference> initWithDeviceUID(const std::optional<std::string>& deviceUID,
@@ -32,7 +38,7 @@ public:
     /// From a stored text, which is kept as it is. Empty when it is no JSON dictionary from its first character to
     /// its last, or beyond the limits of CXJSON.h. A null attribute counts as missing.
     static CXRef<DXRDeviceReference> initWithString(std::string_view text);
-    /// The same device in this direction, or as a whole.
+    /// The same device in this direction, or as a whole. Empty when its text would be too long.
     CXRef<DXRDeviceReference> deviceReferenceWithInput(std::optional<bool> input) const;
 
     /// The text: what to store.
@@ -48,6 +54,8 @@ public:
     /// The unique ID without what changes from place to place; nothing when it has no such form.
     std::optional<std::string> genericUID() const { return _stringAttribute(GID); }
     bool isGeneric() const noexcept { return _attributes[GID] != nullptr; }
+    /// Channels of the described device in a direction, 0 without any; nothing unless the reference is generic.
+    std::optional<uint32_t> channelCount(bool input) const;
     /// True for input, false for output, nothing for the device as a whole.
     std::optional<bool> isInput() const;
 

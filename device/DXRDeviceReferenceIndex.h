@@ -37,10 +37,15 @@ public:
         return firstIn(_generic, reference.genericHash(),
                        [&](const Entry& entry) { return entry.first->isGenericallyEqual(&reference); });
     }
-    void clear()
+    /// All values whose references are generically equal, in the order of adding.
+    std::vector<Value> allGenericallyEqual(const DXRDeviceReference& reference) const
     {
-        _exact.clear();
-        _generic.clear();
+        std::vector<Value> values;
+        if (const auto found = _generic.find(reference.genericHash()); found != _generic.end())
+            for (const Entry& entry : found->second)
+                if (entry.first->isGenericallyEqual(&reference))
+                    values.push_back(entry.second);
+        return values;
     }
 
 private:

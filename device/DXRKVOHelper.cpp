@@ -3,6 +3,7 @@
 #include "MainQueue.h"
 
 #include <algorithm>
+#include <iterator>
 #include <numeric>
 
 namespace {
@@ -21,13 +22,15 @@ private:
 
 } // namespace
 
-CXRef<DXRKVOHelper> DXRKVOHelper::initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties)
+CXRef<DXRKVOHelper> DXRKVOHelper::initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties,
+                                                 IsChanging isChanging)
 {
-    return CXRef<DXRKVOHelper>::adopt(new DXRKVOHelper(object, properties));
+    return CXRef<DXRKVOHelper>::adopt(new DXRKVOHelper(object, properties, isChanging));
 }
 
-DXRKVOHelper::DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties)
-    : _obj(object), _properties(properties), _lock(DXRRecursiveMutex::init())
+DXRKVOHelper::DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties,
+                           IsChanging isChanging)
+    : _obj(object), _properties(properties), _isChanging(isChanging), _lock(DXRRecursiveMutex::init())
 {}
 
 DXRKVOHelper::Keys DXRKVOHelper::observableKeys() const
@@ -45,10 +48,12 @@ CXRef<DXRKVOObservation> DXRKVOHelper::observe(const std::string& key, DXRKVOObs
 {
     if (!_placeOf(key) || !block)
         return nullptr;
-    auto observation = CXRef<DXRKVOObservation>::adopt(new DXRKVOObservation(key, std::move(block)));
-    _observers(); // forgets those that have ended
-    _lock->execute([&] { _observations.emplace_back(observation); });
-    return observation;
+    const auto registration = Registration::init(key, std::move(block));
+    _lock->execute([&] {
+        _forgetEnded();
+        _registrations.push_back(registration);
+    });
+    return CXRef<DXRKVOObservation>::adopt(new DXRKVOObservation(registration));
 }
 
 std::vector<CXRef<DXRKVOObservation>> DXRKVOHelper::observe(const Keys& keys,
@@ -97,7 +102,7 @@ void DXRKVOHelper::_update(Pass pass)
 {
     if (pass.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
         return;
-    if (platform::MainQueue::shared().isCurrent())
+    if (!_isForMainQueue())
         return _run(pass);
     const bool isNew = _lock->execond([&] {
         if (std::ranges::find(_waiting, pass) != _waiting.end())
@@ -108,6 +113,14 @@ void DXRKVOHelper::_update(Pass pass)
     if (isNew)
         platform::MainQueue::shared().async(
             [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass); });
+}
+
+bool DXRKVOHelper::_isForMainQueue() const
+{
+    if (!platform::MainQueue::shared().isCurrent())
+        return true;
+    const CXRef<CXObject> object = _isChanging ? _obj.lock() : nullptr;
+    return object && _isChanging(*object);
 }
 
 void DXRKVOHelper::_runWaiting(const Pass& pass)
@@ -145,26 +158,23 @@ void DXRKVOHelper::_run(const Pass& first)
 
 void DXRKVOHelper::_announce(const DXRKVOProperty& property, DXRKVOChange change)
 {
-    std::vector<CXRef<DXRKVOObservation>> observers = _observers();
-    std::erase_if(observers, [&](const auto& each) { return each->key() != property.key(); });
+    std::vector<CXRef<Registration>> registrations;
+    _lock->execute([&] {
+        _forgetEnded();
+        std::ranges::copy_if(_registrations, std::back_inserter(registrations),
+                             [&](const auto& each) { return each->key == property.key(); });
+    });
     std::optional<Mark> updating;
     if (change == DXRKVOChange::Will)
         updating.emplace(_updating);
-    for (const CXRef<DXRKVOObservation>& observer : observers)
-        observer->_call(change);
+    for (const CXRef<Registration>& registration : registrations) {
+        // Asked for only now: an observer before this one may have ended it, and destroyed what the block uses.
+        if (const DXRKVOObservation::Block block = registration->block())
+            block(registration->key, change);
+    }
 }
 
-std::vector<CXRef<DXRKVOObservation>> DXRKVOHelper::_observers()
+void DXRKVOHelper::_forgetEnded()
 {
-    std::vector<CXRef<DXRKVOObservation>> observers; // dropped by the caller, who does not hold the lock
-    _lock->execute([&] {
-        std::erase_if(_observations, [&](const auto& each) {
-            CXRef<DXRKVOObservation> observer = each.lock();
-            const bool isGone = !observer;
-            if (!isGone)
-                observers.push_back(std::move(observer));
-            return isGone;
-        });
-    });
-    return observers;
+    std::erase_if(_registrations, [](const auto& each) { return !each->block(); });
 }

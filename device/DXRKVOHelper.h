@@ -26,13 +26,18 @@ class DXR_EXPORT DXRKVOHelper final : public CXObject {
 public:
     using Keys = std::vector<std::string>;
 
-    /// `properties` is the table of the object's class, in the order of its keys; it outlives everything.
-    static CXRef<DXRKVOHelper> initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties);
+    /// Whether the calling thread is in the middle of a change of the object, and may hold its locks.
+    using IsChanging = bool (*)(const CXObject& object);
+
+    /// `properties` is the table of the object's class, in the order of its keys; it outlives everything. While
+    /// `isChanging`, the main thread announces later, as other threads do.
+    static CXRef<DXRKVOHelper> initWithObject(CXObject& object, std::span<const DXRKVOProperty> properties,
+                                              IsChanging isChanging = nullptr);
 
     /// The keys that can be observed, in their order; none once the object is gone.
     Keys observableKeys() const;
 
-    /// Calls `block` around every change of the property from now on, while the answer is held. Null for a key that
+    /// Calls `block` around every change of the property from now on, while the result is held. Null for a key that
     /// the object does not publish.
     [[nodiscard]] CXRef<DXRKVOObservation> observe(const std::string& key, DXRKVOObservation::Block block);
     /// The same for several keys.
@@ -51,22 +56,25 @@ public:
     }
 
 private:
-    DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties);
+    DXRKVOHelper(CXObject& object, std::span<const DXRKVOProperty> properties, IsChanging isChanging);
     ~DXRKVOHelper() override = default;
 
+    using Registration = DXRKVOObservation::Registration;
     /// What is to be published, as places in the table.
     using Pass = std::vector<uint8_t>;
 
     std::optional<uint8_t> _placeOf(std::string_view key) const;
     void _update(Pass pass);
+    bool _isForMainQueue() const;
     void _runWaiting(const Pass& pass);
     void _run(const Pass& first);
     void _announce(const DXRKVOProperty& property, DXRKVOChange change);
-    /// Those that there are; forgets the others.
-    std::vector<CXRef<DXRKVOObservation>> _observers();
+    /// Under _lock. What has ended holds nothing any more, so that nothing is destroyed here but the registrations.
+    void _forgetEnded();
 
     const CXWeak<CXObject> _obj;
     const std::span<const DXRKVOProperty> _properties;
+    const IsChanging _isChanging; // may be null
     // The thread in a will-change announcement, and the one in a pass; 0: none. Everyone asks only whether it is
     // themselves, and nobody else stores that: no order is needed, and no lock.
     std::atomic<pthread_t> _updating{0};
@@ -74,5 +82,5 @@ private:
     const CXRef<DXRRecursiveMutex> _lock; // of all below
     std::vector<Pass> _waiting;           // on their way to the main thread
     std::vector<Pass> _postponed;         // came due inside another, in a nested run of the main queue
-    std::vector<CXWeak<DXRKVOObservation>> _observations;
+    std::vector<CXRef<Registration>> _registrations;
 };

@@ -4,31 +4,48 @@
 #include "CXExport.h"
 #include "DXRKVOProperty.h"
 
-#include <atomic>
 #include <mutex>
 #include <string>
 
-/// An observer of one property, for as long as somebody holds this. It keeps neither the object nor the helper.
-/// Threads:   any. The block runs on the main thread. Once the observation was ended there, it is not called again;
-///            one ended elsewhere may be called a last time meanwhile.
+/// An observer of one property, from DXRKVOHelper::observe() until its last reference is dropped. It keeps neither
+/// the object nor the helper alive.
+/// Threads:   any. The block runs on the main thread. Once the observation has ended there, the block is not called
+///            again; one that ends on another thread may be called once more meanwhile.
 /// Real time: no.
 class DXR_EXPORT DXRKVOObservation final : public CXObject {
 public:
     using Block = CXBlock<void(const std::string& key, DXRKVOChange change)>;
 
-    const std::string& key() const noexcept { return _key; }
-    /// Ends the observation, as dropping the last reference to this does.
-    void end();
+    const std::string& key() const noexcept { return _registration->key; }
+    /// Ends the observation, as dropping the last reference does.
+    void end() { _registration->end(); }
 
 private:
     friend class DXRKVOHelper;
 
-    DXRKVOObservation(std::string key, Block block) : _key(std::move(key)), _block(std::move(block)) {}
-    ~DXRKVOObservation() override = default;
+    /// What the helper keeps. It holds no reference to the observation: it would delay the end of one that is dropped.
+    class Registration final : public CXObject {
+    public:
+        static CXRef<Registration> init(std::string key, Block block)
+        {
+            return CXRef<Registration>::adopt(new Registration(std::move(key), std::move(block)));
+        }
+        /// Empty once the observation has ended.
+        Block block() const;
+        void end();
 
-    void _call(DXRKVOChange change) const;
+        const std::string key;
 
-    const std::string _key;
-    mutable std::mutex _mutex; // not held during a call
-    Block _block;              // under the mutex; empty: ended
+    private:
+        Registration(std::string name, Block block) : key(std::move(name)), _block(std::move(block)) {}
+        ~Registration() override = default;
+
+        mutable std::mutex _mutex; // not held during a call
+        Block _block;              // under the mutex; empty: ended
+    };
+
+    explicit DXRKVOObservation(CXRef<Registration> registration) : _registration(std::move(registration)) {}
+    ~DXRKVOObservation() override { end(); }
+
+    const CXRef<Registration> _registration;
 };

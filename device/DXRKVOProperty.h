@@ -53,6 +53,8 @@ private:
     template <class Value> static bool _isNil(const std::optional<Value>& value) { return !value; }
     template <class Value> static bool _isNil(const CXRef<Value>& value) { return !value; }
     template <class Value> static bool _isEqual(const Value& a, const Value& b) { return a == b; }
+    // NaN is equal to NaN: it would be announced at every update.
+    static bool _isEqual(double a, double b) { return a == b || (a != a && b != b); }
     template <class Value> static bool _isEqual(const CXRef<Value>& a, const CXRef<Value>& b)
     {
         return a->isEqual(b.get());

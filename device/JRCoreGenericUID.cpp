@@ -3,9 +3,9 @@
 #include "AudioHardware.h"
 #include "USBRegistry.h"
 
-#include <array>
+#include <cctype>
+#include <cstdio>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -17,7 +17,6 @@ using platform::USBRegistryContents;
 
 constexpr std::string_view usbEngine = "AppleUSBAudioEngine";
 constexpr std::string_view displayPortEngine = "AppleGFXHDAEngineOutputDP:";
-constexpr size_t locationDigits = 8;
 
 std::vector<std::string_view> split(std::string_view text)
 {
@@ -39,13 +38,9 @@ std::string join(const std::vector<std::string_view>& parts)
     return joined;
 }
 
-/// -1 for what is no hexadecimal digit.
-int hexadecimalValue(char character)
+bool isHexadecimalDigit(char character)
 {
-    if (character >= '0' && character <= '9')
-        return character - '0';
-    const char lower = static_cast<char>(character | 0x20);
-    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
+    return std::isxdigit(static_cast<unsigned char>(character)) != 0;
 }
 
 std::optional<std::string> genericUSBEngineUID(const std::string& deviceUID)
@@ -69,50 +64,33 @@ std::optional<std::string> genericUSBEngineUID(const std::string& deviceUID)
     return join(parts);
 }
 
-/// The eight characters as a location: digits only, or fewer after spaces, as a number is printed padded with zeros
-/// or with spaces. Nothing when they are neither.
-std::optional<uint32_t> locationIn(std::string_view eight, bool& isPaddedWithSpaces)
+/// `text` with its hexadecimal digits in upper case, as "%X" prints them.
+std::string withUpperDigits(std::string text)
 {
-    uint32_t location = 0;
-    bool hasDigit = false;
-    isPaddedWithSpaces = eight[0] == ' ';
-    for (const char each : eight) {
-        const int value = hexadecimalValue(each);
-        if (value < 0 && (each != ' ' || hasDigit))
-            return std::nullopt;
-        // A number padded with spaces has no zero in front.
-        if (value == 0 && isPaddedWithSpaces && !hasDigit)
-            return std::nullopt;
-        hasDigit = hasDigit || value >= 0;
-        location = location << 4 | static_cast<uint32_t>(value < 0 ? 0 : value);
-    }
-    return location;
+    for (char& each : text)
+        if (each >= 'a' && each <= 'f')
+            each = static_cast<char>(each - 'a' + 'A');
+    return text;
 }
 
-/// Where in the ID the present device that was listed first has its location; nothing when none has.
+/// Where the location of a present device is in the ID: of the device that is listed first.
 std::optional<size_t> endOfModelPart(const std::string& deviceUID, const USBRegistryContents& contents)
 {
-    std::optional<size_t> end;
-    const USBDevice* first = nullptr;
-    std::unordered_set<uint32_t>
-        seen; // of each location only its first place in the ID counts, and zeros before spaces
-    for (const bool wantsSpaces : {false, true}) {
-        for (size_t at = 0; at + locationDigits <= deviceUID.size(); ++at) {
-            bool hasSpaces = false;
-            const auto location =
-                locationIn(std::string_view(deviceUID).substr(at, locationDigits), hasSpaces);
-            const USBDevice* const device =
-                location && hasSpaces == wantsSpaces ? contents.deviceAtLocation(*location) : nullptr;
-            if (!device || !seen.insert(*location).second || at < 2 ||
-                hexadecimalValue(deviceUID[at - 1]) >= 0)
-                continue;
-            if (!first || device < first) { // listed before it
-                first = device;
-                end = at;
-            }
-        }
+    const std::string text = withUpperDigits(deviceUID);
+    for (const USBDevice& device : contents.devices()) {
+        if (device.locationID == 0)
+            continue;
+        char paddedWithZeros[16];
+        char paddedWithSpaces[16];
+        std::snprintf(paddedWithZeros, sizeof paddedWithZeros, "%08X", device.locationID);
+        std::snprintf(paddedWithSpaces, sizeof paddedWithSpaces, "%8X", device.locationID);
+        size_t at = text.find(paddedWithZeros);
+        if (at == std::string::npos)
+            at = text.find(paddedWithSpaces);
+        if (at != std::string::npos && at >= 2 && !isHexadecimalDigit(text[at - 1]))
+            return at;
     }
-    return end;
+    return std::nullopt;
 }
 
 std::optional<std::string> genericUSBUID(const std::string& deviceUID)

@@ -2,6 +2,7 @@
 
 #include "CXErrorAdditions.h"
 #include "DXRAudioContext.h"
+#include "DXRDeviceControl.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
 #include "NumberText.h"
@@ -379,7 +380,7 @@ void DXRDeviceRunner::_start()
     // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction)
-            node->device()->refreshIfChannelsChanged();
+            DXRDeviceControl(*node->device()).refreshIfChannelsChanged();
     }
     _error = {};
     _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes, &_error);
@@ -452,8 +453,11 @@ void DXRDeviceRunner::audioContextDidStartWithSampleRate(double sampleRate, uint
     _propertiesChanged();
 }
 
-void DXRDeviceRunner::audioContextDidStopFromConfigChange()
+void DXRDeviceRunner::audioContextDidStopFromConfigChange(const DXRAudioContext& context)
 {
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (_context.get() != &context)
+        return;
     _stopDispatchStart(Restart::Layout, nullptr);
     _propertiesChanged();
 }

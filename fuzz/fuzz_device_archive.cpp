@@ -2,7 +2,7 @@
 // reference.
 
 #include "CXJSON.h"
-#include "DXRDevice.h"
+#include "DXRDeviceControl.h"
 #include "DXRDeviceManagerPrivate.h"
 #include "Fuzz.h"
 #include "MainQueue.h"
@@ -43,7 +43,7 @@ void check(const CXRef<DXRDevice>& device)
     const CXPlist archive = device->archive();
     if (CXJSONWithPlist(archive).size() > CXJSONMaximumBytes)
         return;
-    const CXRef<DXRDevice> again = DXRDevice::initWithArchive(archive);
+    const CXRef<DXRDevice> again = DXRDeviceControl::initWithArchive(archive);
     mustHold(again && again->archive() == archive, "its archive is the same device");
 }
 

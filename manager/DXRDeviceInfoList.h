@@ -20,9 +20,13 @@ public:
     CXRef<DXRDeviceInfo> remove(uint64_t key);
     void setReference(DXRDeviceInfo& info, const CXRef<DXRDeviceReference>& reference);
 
-    /// The first to come whose reference is equal; null when there is none.
+    /// The first that was added whose reference is equal; null when there is none.
     CXRef<DXRDeviceInfo> firstEqual(const DXRDeviceReference& reference) const;
     CXRef<DXRDeviceInfo> firstGenericallyEqual(const DXRDeviceReference& reference) const;
+    std::vector<CXRef<DXRDeviceInfo>> allGenericallyEqual(const DXRDeviceReference& reference) const
+    {
+        return _index.allGenericallyEqual(reference);
+    }
 
 private:
     Infos _infos;

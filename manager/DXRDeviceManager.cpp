@@ -3,11 +3,12 @@
 #include "CXErrorAdditions.h"
 #include "CXJSON.h"
 #include "CXPlistAdditions.h"
+#include "DXRDeviceControl.h"
 #include "DXRDeviceInfoList.h"
 #include "DXRDeviceManagerPrivate.h"
 #include "DXRPropertyAddress.h"
 #include "DXRPropertyListener.h"
-#include "HALReadFailures.h"
+#include "DXRReadCheck.h"
 #include "QDL.h"
 #include "SerialQueue.h"
 
@@ -22,9 +23,9 @@ namespace {
 constexpr std::string_view archivePrefix = "DXRDevice:";
 constexpr std::array bothDirections{true, false}; // input first
 
-// What could not be read is asked for again, ever later, and then left until something happens.
+// A failed read is tried again after growing delays, and then with the next change.
 constexpr uint64_t firstRetryNanoseconds = 20'000'000;
-constexpr uint32_t mostRetries = 8;
+constexpr uint32_t maximumRetries = 8;
 
 struct Default {
     uint32_t selector;
@@ -100,7 +101,8 @@ std::span<const DXRKVOProperty> DXRDeviceManager::_observableProperties() noexce
 }
 
 DXRDeviceManager::DXRDeviceManager()
-    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())),
+    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties(),
+                                        [](const CXObject&) { return queue().isCurrent(); })),
       _archivedDevices(std::make_unique<DXRDeviceInfoList>()),
       _connectedDevicesByID(std::make_unique<DXRDeviceInfoList>())
 {}
@@ -132,7 +134,7 @@ CXRef<DXRPropertyListener> DXRDeviceManager::_listener(uint32_t selector, void (
     return listener;
 }
 
-// ---- What there is now
+// ---- The list
 
 DXRDeviceManager::Devices DXRDeviceManager::connectedDevices() const
 {
@@ -180,45 +182,63 @@ CXRef<DXRDevice> DXRDeviceManager::_liveDevice(AudioObjectID deviceID, bool inpu
 
 // ---- Looking up
 
-CXRef<DXRDevice> DXRDeviceManager::deviceWithDeviceID(AudioObjectID deviceID, bool input)
+CXRef<DXRDevice> DXRDeviceManager::deviceWithDeviceID(AudioObjectID deviceID, bool input,
+                                                      HiddenDevices hidden)
 {
-    CX_ASSERT(!queue().isCurrent());
     CXRef<DXRDevice> device = _liveDevice(deviceID, input);
-    if (!device && adoptHiddenDevice(QDLAudioDeviceUIDFromDeviceID(deviceID)))
+    if (!device && hidden == HiddenDevices::Adopt && _adoptIfHidden(QDLAudioDeviceUIDFromDeviceID(deviceID)))
         device = _liveDevice(deviceID, input);
     return device;
 }
 
 CXRef<DXRDevice> DXRDeviceManager::deviceWithDeviceUID(const std::optional<std::string>& deviceUID,
-                                                       bool input)
+                                                       bool input, HiddenDevices hidden)
 {
-    CX_ASSERT(!queue().isCurrent());
     const CXRef<DXRDeviceReference> reference =
         DXRDeviceReference::initWithDeviceUID(deviceUID, std::nullopt);
     if (!reference)
         return nullptr;
     const auto find = [&] {
         CXRef<DXRDevice> device;
-        lock().execute([&] { device = _deviceWithReference(*reference, input, nullptr); });
+        lock().execute([&] { device = _deviceWithReference(reference, input, nullptr); });
         return device;
     };
     CXRef<DXRDevice> device = find();
-    if (!device && adoptHiddenDevice(deviceUID))
+    if (!device && hidden == HiddenDevices::Adopt && _adoptIfHidden(deviceUID))
         device = find();
     return device;
 }
 
 CXRef<DXRDevice> DXRDeviceManager::deviceWithReference(const std::optional<std::string>& reference)
 {
+    const std::vector<CXRef<DXRDevice>> devices = devicesWithReference(reference);
+    return devices.empty() ? nullptr : devices.front();
+}
+
+std::vector<CXRef<DXRDevice>>
+DXRDeviceManager::devicesWithReference(const std::optional<std::string>& reference)
+{
     const CXRef<DXRDeviceReference> parsed =
         reference ? DXRDeviceReference::initWithString(*reference) : nullptr;
     const std::optional<bool> input = parsed ? parsed->isInput() : std::nullopt;
-    if (!input)
-        return nullptr;
-    const CXRef<DXRDeviceReference> whole = parsed->deviceReferenceWithInput(std::nullopt);
-    CXRef<DXRDevice> device;
-    lock().execute([&] { device = _deviceWithReference(*whole, *input, nullptr); });
-    return device;
+    const CXRef<DXRDeviceReference> whole = input ? parsed->deviceReferenceWithInput(std::nullopt) : nullptr;
+    std::vector<CXRef<DXRDevice>> devices;
+    const auto add = [&](const CXRef<DXRDeviceInfo>& info) {
+        const CXRef<DXRDevice> device = info ? _deviceOfInfo(*info, *input, false, nullptr) : nullptr;
+        if (device && std::ranges::find(devices, device) == devices.end())
+            devices.push_back(device);
+        return bool(info);
+    };
+    if (!whole)
+        return devices;
+    lock().execute([&] {
+        if (add(_connectedDevicesByID->firstEqual(*whole)))
+            return;
+        std::ranges::for_each(_connectedDevicesByID->allGenericallyEqual(*whole), add);
+        add(_archivedDevices->firstEqual(*whole));
+        std::ranges::for_each(_archivedDevices->allGenericallyEqual(*whole), add);
+    });
+    return devices;
 }
 
 CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> archive)
@@ -239,8 +259,10 @@ CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> 
     if (!input)
         return nullptr;
     const CXRef<DXRDeviceReference> whole = reference->deviceReferenceWithInput(std::nullopt);
+    if (!whole)
+        return nullptr;
     CXRef<DXRDevice> device;
-    lock().execute([&] { device = _deviceWithReference(*whole, *input, &*parsed); });
+    lock().execute([&] { device = _deviceWithReference(whole, *input, &*parsed); });
     return device;
 }
 
@@ -254,19 +276,19 @@ std::optional<std::vector<std::byte>> DXRDeviceManager::archiveForDevice(const C
     return archive;
 }
 
-CXRef<DXRDevice> DXRDeviceManager::_deviceWithReference(const DXRDeviceReference& reference, bool input,
-                                                        const CXPlist* archive)
+CXRef<DXRDevice> DXRDeviceManager::_deviceWithReference(const CXRef<DXRDeviceReference>& reference,
+                                                        bool input, const CXPlist* archive)
 {
     for (const auto* list : {_connectedDevicesByID.get(), _archivedDevices.get()}) {
-        if (const CXRef<DXRDeviceInfo> info = list->firstEqual(reference))
+        if (const CXRef<DXRDeviceInfo> info = list->firstEqual(*reference))
             return _deviceOfInfo(*info, input, false, archive);
-        if (const CXRef<DXRDeviceInfo> info = list->firstGenericallyEqual(reference))
+        if (const CXRef<DXRDeviceInfo> info = list->firstGenericallyEqual(*reference))
             return _deviceOfInfo(*info, input, true, archive);
     }
-    CXRef<DXRDevice> device = archive ? DXRDevice::initWithArchive(*archive, CXRef(this)) : nullptr;
+    CXRef<DXRDevice> device = archive ? DXRDeviceControl::initWithArchive(*archive, CXRef(this)) : nullptr;
     if (device) {
         const CXRef<DXRDeviceInfo> info = DXRDeviceInfo::init();
-        info->reference = reference.deviceReferenceWithInput(std::nullopt);
+        info->reference = reference;
         info->live(input) = device;
         info->archiveOrder = ++_archivedCount;
         _archivedDevices->add(info->archiveOrder, info);
@@ -280,11 +302,11 @@ CXRef<DXRDevice> DXRDeviceManager::_deviceOfInfo(DXRDeviceInfo& info, bool input
     CXRef<DXRDevice> device = info.live(input) ? info.live(input) : info.stashed(input);
     if (device || !archive)
         return device;
-    device = DXRDevice::initWithArchive(*archive, CXRef(this));
+    device = DXRDeviceControl::initWithArchive(*archive, CXRef(this));
     if (!device)
         return nullptr;
     if (isGenericMatch)
-        device->setDeviceReference(info.reference->deviceReferenceWithInput(input));
+        DXRDeviceControl(*device).setDeviceReference(info.reference->deviceReferenceWithInput(input));
     info.stashed(input) = device;
     return device;
 }
@@ -320,9 +342,9 @@ void DXRDeviceManager::addDeviceNotifier(const CXRef<platform::WorkQueue>& queue
     });
 }
 
-void DXRDeviceManager::removeDeviceNotifier(const NotifierBlock& block)
+void DXRDeviceManager::removeDeviceNotifier(const NotifierBlock& block, WhenRunning whenRunning)
 {
-    CXRef<DXRDeviceManagerNotifier> removed; // dropped without the lock
+    CXRef<DXRDeviceManagerNotifier> removed; // ended and dropped without the lock
     lock().execute([&] {
         const auto found =
             std::ranges::find_if(_notifiers, [&](const auto& each) { return each->block() == block; });
@@ -331,6 +353,8 @@ void DXRDeviceManager::removeDeviceNotifier(const NotifierBlock& block)
         removed = std::move(*found);
         _notifiers.erase(found);
     });
+    if (removed)
+        removed->end(whenRunning);
 }
 
 void DXRDeviceManager::setNeedsDevicesUpdate(bool needsUpdate)
@@ -351,10 +375,18 @@ void DXRDeviceManager::setNeedsDevicesUpdate(bool needsUpdate)
 bool DXRDeviceManager::adoptHiddenDevice(const std::optional<std::string>& deviceUID)
 {
     CX_ASSERT(!queue().isCurrent());
+    return _adoptIfHidden(deviceUID);
+}
+
+bool DXRDeviceManager::_adoptIfHidden(const std::optional<std::string>& deviceUID)
+{
     const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(deviceUID);
     if (deviceID == kAudioObjectUnknown || !QDLAudioDeviceIsHidden(deviceID))
         return false;
-    lock().execute([&] { _hiddenDeviceUIDs.insert(*deviceUID); });
+    const bool isNew = lock().execond([&] { return _hiddenDeviceUIDs.insert(*deviceUID).second; });
+    if (!isNew && queue().isCurrent())
+        return false; // in the list already, as far as it will be after the update that is running
+    CX_ASSERT(!queue().isCurrent());
     queue().sync([&] { _updateDeviceList(true); });
     return true;
 }
@@ -376,9 +408,13 @@ std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
     std::vector<AudioObjectID> ids(list, list + count);
     std::free(list);
     static const CXRef<DXRPropertyAddress>* const hidden = new CXRef(DXRPropertyAddress::deviceIsHidden());
-    std::erase_if(ids, [](AudioObjectID deviceID) {
+    std::erase_if(ids, [this](AudioObjectID deviceID) {
+        const DXRReadCheck read;
         uint32_t isHidden = 0;
-        return (*hidden)->getUInt32(&isHidden, deviceID) && isHidden != 0;
+        if ((*hidden)->getUInt32(&isHidden, deviceID))
+            return isHidden != 0;
+        // Until it can be read, which is tried soon, a listed device stays and another one does not show.
+        return read.hasFailed() && !_connectedDevicesByID->at(deviceID);
     });
     for (const std::string& uid : _hiddenDeviceUIDs) {
         if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(uid))
@@ -391,7 +427,7 @@ std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
 
 void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
 {
-    const uint64_t failuresBefore = halReadFailures();
+    const DXRReadCheck reads;
     Changes changes;
     Devices updated;
     std::vector<CXRef<DXRDeviceManagerNotifier>> notifiers;
@@ -413,7 +449,7 @@ void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
         updated.insert(changes.disconnected.begin(), changes.disconnected.end());
         if (!updated.empty())
             notifiers = _notifiers;
-        _retryAfter(halReadFailures() != failuresBefore);
+        _retryAfter(reads.hasFailed());
     });
     if (changes.needsAnother)
         setNeedsDevicesUpdate(true);
@@ -446,7 +482,7 @@ bool DXRDeviceManager::_keep(DXRDeviceInfo& info, Changes& changes)
     if (!reference)
         return false;
     for (const bool isInput : bothDirections) {
-        if (info.live(isInput) && !info.live(isInput)->confirmGenericChannelCounts()) {
+        if (info.live(isInput) && !DXRDeviceControl(*info.live(isInput)).confirmGenericChannelCounts()) {
             changes.needsAnother = true;
             return false;
         }
@@ -456,7 +492,7 @@ bool DXRDeviceManager::_keep(DXRDeviceInfo& info, Changes& changes)
     _updateDeviceInfo(info, info.deviceID, changes.connected, &changes.disconnected);
     for (const bool isInput : bothDirections) {
         if (isMended && info.live(isInput))
-            info.live(isInput)->setDeviceReference(info.currentReference(isInput));
+            DXRDeviceControl(*info.live(isInput)).setDeviceReference(info.currentReference(isInput));
     }
     return true;
 }
@@ -480,7 +516,7 @@ void DXRDeviceManager::_archiveGone(Changes& changes)
         _archivedDevices->add(info->archiveOrder, info);
         for (const bool isInput : bothDirections) {
             if (const CXRef<DXRDevice>& device = info->live(isInput)) {
-                device->disconnect();
+                DXRDeviceControl(*device).disconnect();
                 changes.disconnected.insert(device);
             }
         }
@@ -532,23 +568,23 @@ void DXRDeviceManager::_updateDeviceInfo(DXRDeviceInfo& info, AudioObjectID devi
         CXRef<DXRDevice>& stashed = info.stashed(isInput);
         const CXRef<DXRDeviceReference>& reference = info.currentReference(isInput);
         if (reference && live) {
-            live->connect(deviceID, reference);
+            DXRDeviceControl(*live).connect(deviceID, reference);
             if (!disconnected)
                 connected.insert(live);
-            else if (live->refreshIfIncomplete())
+            else if (DXRDeviceControl(*live).refreshIfIncomplete())
                 _updatedDevices.insert(live);
         } else if (reference) {
             if (stashed) {
                 live = std::exchange(stashed, nullptr);
-                live->connect(deviceID, reference);
+                DXRDeviceControl(*live).connect(deviceID, reference);
             } else {
-                live = DXRDevice::initWithDeviceID(deviceID, reference, CXRef(this));
+                live = DXRDeviceControl::initWithDeviceID(deviceID, reference, CXRef(this));
             }
             if (live)
                 connected.insert(live);
         } else if (live) {
             stashed = std::exchange(live, nullptr);
-            stashed->disconnect();
+            DXRDeviceControl(*stashed).disconnect();
             if (disconnected)
                 disconnected->insert(stashed);
         }
@@ -574,10 +610,10 @@ void DXRDeviceManager::_updateDevicePropertyListeners(DXRDeviceInfo& info)
     }
 }
 
-// Reads that fail are rare, and answered as if there were nothing; what is wrong by that is mended here.
+// A read that fails is rare, and counts as a missing value; the whole update is then made again.
 void DXRDeviceManager::_retryAfter(bool hasFailed)
 {
-    if (!hasFailed || _retries >= mostRetries) {
+    if (!hasFailed || _retries >= maximumRetries) {
         _retries = 0;
         return;
     }
@@ -599,22 +635,26 @@ void DXRDeviceManager::_resetDisplayNames(DXRDeviceInfo& info)
     for (const CXRef<DXRDevice>& device : {info.input, info._input, info.output, info._output}) {
         if (!device)
             continue;
-        const bool isNew = device->updateDisplayName(std::nullopt);
-        if (device->updateDisplayNameWithSource(std::nullopt) || isNew)
+        const DXRDeviceControl control(*device);
+        const bool isNew = control.updateDisplayName(std::nullopt);
+        if (control.updateDisplayNameWithSource(std::nullopt) || isNew)
             _updatedDevices.insert(device);
     }
 }
 
 void DXRDeviceManager::_updateDeviceDisplayNames()
 {
-    _number([](const DXRDevice& device) { return device.name(); },
-            [](DXRDevice& device, const auto& name) { return device.updateDisplayName(name); });
+    _number(
+        [](const DXRDevice& device) { return device.name(); },
+        [](DXRDevice& device, const auto& name) { return DXRDeviceControl(device).updateDisplayName(name); });
 }
 
 void DXRDeviceManager::_updateDeviceDisplayNamesWithSource()
 {
     _number([](const DXRDevice& device) { return device.nameWithSource(); },
-            [](DXRDevice& device, const auto& name) { return device.updateDisplayNameWithSource(name); });
+            [](DXRDevice& device, const auto& name) {
+                return DXRDeviceControl(device).updateDisplayNameWithSource(name);
+            });
 }
 
 template <class Name, class Update> void DXRDeviceManager::_number(const Name& name, const Update& update)
@@ -631,14 +671,23 @@ template <class Name, class Update> void DXRDeviceManager::_number(const Name& n
             if (const CXRef<DXRDevice>& device = info->live(isInput))
                 groups[name(*device)].push_back(device);
         }
+        const auto isPlainName = [&](const std::string& shown) {
+            const auto found = groups.find(shown);
+            return found != groups.end() && found->second.size() == 1;
+        };
         for (const auto& [shared, devices] : groups) {
             if (devices.size() == 1) {
                 show(devices.front(), std::nullopt);
                 continue;
             }
             size_t number = 0;
-            for (const CXRef<DXRDevice>& device : devices)
-                show(device, shared + " " + std::to_string(++number));
+            for (const CXRef<DXRDevice>& device : devices) {
+                std::string shown;
+                do
+                    shown = shared + " " + std::to_string(++number);
+                while (isPlainName(shown));
+                show(device, shown);
+            }
         }
     }
 }
@@ -673,6 +722,13 @@ bool DXRDeviceManager::_updateDefaultDevices()
 
 void DXRDeviceManager::_defaultDevicesChanged()
 {
-    if (lock().execond([&] { return _updateDefaultDevices(); }))
+    bool hasChanged = false;
+    lock().execute([&] {
+        const DXRReadCheck reads;
+        hasChanged = _updateDefaultDevices();
+        if (reads.hasFailed())
+            _retryAfter(true); // this change is not announced again
+    });
+    if (hasChanged)
         _updateDeviceList(false);
 }

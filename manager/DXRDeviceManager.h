@@ -14,25 +14,27 @@ class DXRDeviceInfo;
 class DXRDeviceInfoList;
 class DXRPropertyListener;
 
-/// Owns every DXRDevice of the process: follows the hardware's device list, tells who came, went and changed, gives
-/// devices of one name numbers, and keeps those that are gone, so that a device which comes back, under whatever ID
-/// and in whatever port, is the same object. Clients get their devices here: by ID, unique ID, reference or archive.
-/// Hidden devices are no part of the list until somebody asks for one by ID or unique ID.
+/// Owns every DXRDevice of the process: follows the hardware's device list, notifies of devices that connect, disconnect
+/// and change, numbers devices with equal names, and keeps absent devices, so that a device which returns, under any ID
+/// and in any port, is the same object. Clients get their devices here: by ID, unique ID, reference or archive.
+/// Hidden devices are not in the list until a client looks one up by ID or unique ID.
 ///
 /// Observable keys, by kvo(): connectedDevices, defaultInputDevice, defaultOutputDevice, soundEffectsDevice.
 /// Threads:   any. The list is brought up to date on queue(); all state is under lock(), which clients may take around
-///            several calls. Observers are called on the main thread, notifiers where they say.
-/// Real time: no. Queries wait for an update in progress, which reads the hardware; the default devices are asked of
+///            several calls. Observers are called on the main thread, never inside an update; notifiers as registered.
+/// Real time: no. Queries wait for an update in progress, which reads the hardware; the default devices are read from
 ///            the hardware each time. sharedDeviceManager() the first time, adoptHiddenDevice(), and the two look-ups
-///            by ID and unique ID, which may adopt, wait for the queue: on the queue itself they assert, and whoever
-///            holds the lock may wait for ever.
-/// Fails:     with an empty reference. A look-up that finds nothing, text that is no reference or archive.
+///            that adopt a hidden device wait for queue(): on the queue itself they assert, and a caller that holds the
+///            lock, or anything that a notifier waits for, may deadlock. HiddenDevices::Leave never waits.
+/// Fails:     with an empty reference: a look-up without a result, text that is no reference or archive.
 class DXR_EXPORT DXRDeviceManager final : public DXRDeviceKeeper {
 public:
     using Devices = DXRDeviceManagerNotifier::Devices;
     using NotifierBlock = DXRDeviceManagerNotifier::Block;
+    using WhenRunning = DXRDeviceManagerNotifier::WhenRunning;
+    enum class HiddenDevices { Leave, Adopt };
 
-    /// The process's manager. The first call makes it, and answers when it has met the devices that are there.
+    /// The process's manager. The first call makes it, and returns after the initial enumeration.
     static DXRDeviceManager& sharedDeviceManager();
     /// The same manager: there is one in a process.
     static CXRef<DXRDeviceManager> init() { return CXRef(&sharedDeviceManager()); }
@@ -40,7 +42,7 @@ public:
     /// The serial queue of all updates, "DXRDeviceManager".
     static platform::WorkQueue& queue();
 
-    // -- What there is now
+    // -- The list
 
     /// Both directions of every device count.
     Devices connectedDevices() const;
@@ -50,13 +52,18 @@ public:
 
     // -- Looking up. Devices that are not connected are found by all but the first.
 
-    CXRef<DXRDevice> deviceWithDeviceID(AudioObjectID deviceID, bool input);
-    CXRef<DXRDevice> deviceWithDeviceUID(const std::optional<std::string>& deviceUID, bool input);
+    CXRef<DXRDevice> deviceWithDeviceID(AudioObjectID deviceID, bool input,
+                                        HiddenDevices hidden = HiddenDevices::Adopt);
+    CXRef<DXRDevice> deviceWithDeviceUID(const std::optional<std::string>& deviceUID, bool input,
+                                         HiddenDevices hidden = HiddenDevices::Adopt);
     /// By a reference's text, which names a direction. A device with an equal reference comes first, then one that is
     /// equal generically; connected ones before others.
     CXRef<DXRDevice> deviceWithReference(const std::optional<std::string>& reference);
-    /// The device that archiveForDevice() described: the one there is, else a new one that is not connected, and will
-    /// be when its hardware comes.
+    /// All devices that the reference may mean, the one above first. Only that one if it is connected and its reference
+    /// equal; else every device of the same model, present or not, and an absent one with an equal reference.
+    std::vector<CXRef<DXRDevice>> devicesWithReference(const std::optional<std::string>& reference);
+    /// The device that archiveForDevice() described: the known one, else a new one that is not connected until its
+    /// hardware is.
     CXRef<DXRDevice> deviceFromArchive(std::span<const std::byte> archive);
     /// Everything about a device in bytes: "DXRDevice:" and JSON. Nothing for no device.
     static std::optional<std::vector<std::byte>> archiveForDevice(const CXRef<DXRDevice>& device);
@@ -68,8 +75,9 @@ public:
     /// Calls `block` after every update in which a device came, went or changed: asynchronously on `queue`, or without
     /// one on the manager's queue, which it must not keep waiting. The same block is registered once.
     void addDeviceNotifier(const CXRef<platform::WorkQueue>& queue, const NotifierBlock& block);
-    /// It may be called once more by an update that is under way.
-    void removeDeviceNotifier(const NotifierBlock& block);
+    /// The block is not called from now on. A call that is running on another thread may still be when this returns, unless
+    /// `whenRunning` says Wait; then the caller must hold nothing that the block may wait for.
+    void removeDeviceNotifier(const NotifierBlock& block, WhenRunning whenRunning = WhenRunning::Return);
     const CXRef<DXRKVOHelper>& kvo() const noexcept { return _kvo; }
 
     /// Has the list brought up to date soon; any number of requests until then is one. False does nothing.
@@ -116,13 +124,14 @@ private:
 
     /// Of a connected device.
     CXRef<DXRDevice> _liveDevice(AudioObjectID deviceID, bool input) const;
-    CXRef<DXRDevice> _deviceWithReference(const DXRDeviceReference& reference, bool input,
+    bool _adoptIfHidden(const std::optional<std::string>& deviceUID);
+    CXRef<DXRDevice> _deviceWithReference(const CXRef<DXRDeviceReference>& reference, bool input,
                                           const CXPlist* archive);
     CXRef<DXRDevice> _deviceOfInfo(DXRDeviceInfo& info, bool input, bool isGenericMatch,
                                    const CXPlist* archive);
 
     const CXRef<DXRKVOHelper> _kvo;
-    // What observers were told last; written and read on the main thread.
+    // The values last announced to observers; written and read on the main thread.
     Devices _kvo_connectedDevices;
     CXRef<DXRDevice> _kvo_defaultInputDevice;
     CXRef<DXRDevice> _kvo_defaultOutputDevice;

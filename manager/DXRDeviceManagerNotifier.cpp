@@ -1,5 +1,7 @@
 #include "DXRDeviceManagerNotifier.h"
 
+#include <algorithm>
+
 CXRef<DXRDeviceManagerNotifier> DXRDeviceManagerNotifier::initWithQueue(CXRef<platform::WorkQueue> queue,
                                                                         Block block)
 {
@@ -12,13 +14,38 @@ DXRDeviceManagerNotifier::DXRDeviceManagerNotifier(CXRef<platform::WorkQueue> qu
 {}
 
 void DXRDeviceManagerNotifier::notify(const Devices& connected, const Devices& disconnected,
-                                      const Devices& updated) const
+                                      const Devices& updated)
 {
-    if (!_block)
-        return;
     if (_queue)
-        _queue->async(
-            [block = _block, connected, disconnected, updated] { block(connected, disconnected, updated); });
+        _queue->async([self = CXRef(this), connected, disconnected, updated] {
+            self->_call(connected, disconnected, updated);
+        });
     else
-        _block(connected, disconnected, updated);
+        _call(connected, disconnected, updated);
+}
+
+void DXRDeviceManagerNotifier::_call(const Devices& connected, const Devices& disconnected,
+                                     const Devices& updated)
+{
+    {
+        const std::lock_guard lock(_mutex);
+        if (_hasEnded || !_block)
+            return;
+        _callers.push_back(std::this_thread::get_id());
+    }
+    _block(connected, disconnected, updated);
+    const std::lock_guard lock(_mutex);
+    _callers.erase(std::ranges::find(_callers, std::this_thread::get_id()));
+    _returned.notify_all();
+}
+
+void DXRDeviceManagerNotifier::end(WhenRunning whenRunning)
+{
+    std::unique_lock lock(_mutex);
+    _hasEnded = true;
+    if (whenRunning == WhenRunning::Wait)
+        _returned.wait(lock, [this] {
+            return std::ranges::all_of(_callers,
+                                       [](auto each) { return each == std::this_thread::get_id(); });
+        });
 }

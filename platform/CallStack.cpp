@@ -1,5 +1,6 @@
 #include "CallStack.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -41,13 +42,16 @@ std::string frameText(size_t number, void* address)
 
 } // namespace
 
-std::vector<std::string> CallStack::symbols()
+[[gnu::noinline]] std::vector<std::string> CallStack::symbols()
 {
     std::array<void*, 256> addresses{};
-    const auto count = static_cast<size_t>(backtrace(addresses.data(), static_cast<int>(addresses.size())));
+    const auto count = backtrace(addresses.data(), static_cast<int>(addresses.size()));
+    const auto end = addresses.begin() + count;
+    // By its address: a sanitizer that stands before backtrace() adds a frame of its own.
+    auto frame = std::find(addresses.begin(), end, __builtin_return_address(0));
     std::vector<std::string> frames;
-    for (size_t i = 1; i < count; ++i) // without this function
-        frames.push_back(frameText(i - 1, addresses[i]));
+    for (; frame != end; ++frame)
+        frames.push_back(frameText(frames.size(), *frame));
     return frames;
 }
 

@@ -1,5 +1,6 @@
 #include "DataFolder.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -37,9 +38,52 @@ bool makeFolder(const std::string& path)
     return true;
 }
 
+std::string parentOf(const std::string& path)
+{
+    return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+}
+
+/// Whether making something in the folder, or in the nearest one above that exists, leaves it the user's.
+bool isOurs(std::string path, std::string& problem)
+{
+    struct stat state = {};
+    while (stat(path.c_str(), &state) != 0) {
+        if (errno != ENOENT || path == "/") {
+            problem = reason(path);
+            return false;
+        }
+        path = parentOf(path);
+    }
+    const bool isForEverybody = (state.st_mode & S_ISVTX) != 0; // as /tmp
+    if (state.st_uid == geteuid() || isForEverybody)
+        return true;
+    problem = path + " belongs to another user";
+    return false;
+}
+
+/// Whether the folder, if it exists, is one that nobody else can put anything in.
+bool isPrivate(const std::string& folder, std::string& problem)
+{
+    struct stat state = {};
+    if (lstat(folder.c_str(), &state) != 0) {
+        problem = reason(folder);
+        return errno == ENOENT;
+    }
+    const char* fault = nullptr;
+    if (!S_ISDIR(state.st_mode))
+        fault = S_ISLNK(state.st_mode) ? " is a link" : " is not a folder";
+    else if (state.st_uid != geteuid())
+        fault = " belongs to another user";
+    else if ((state.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+        fault = " may be written by others: chmod go-w";
+    if (fault)
+        problem = folder + fault;
+    return !fault;
+}
+
 } // namespace
 
-std::optional<std::string> userDataFolder(std::string& trouble)
+std::optional<std::string> userDataFolder(WhenMissing whenMissing, std::string& problem)
 {
     std::string folder = absolutePath("XDG_DATA_HOME");
     while (folder.size() > 1 && folder.ends_with('/'))
@@ -48,28 +92,37 @@ std::optional<std::string> userDataFolder(std::string& trouble)
     if (folder.empty()) {
         folder = absolutePath("HOME");
         steps = {"/.local", "/share", "/dxr"};
-    }
-    if (folder.empty()) {
-        trouble = "there is no home directory: neither XDG_DATA_HOME nor HOME names one";
-        return std::nullopt;
-    }
-    for (const std::string& step : steps) {
-        folder += step;
-        if (!makeFolder(folder)) {
-            trouble = reason(folder);
+        if (!folder.empty() && access(folder.c_str(), F_OK) != 0) {
+            problem = reason(folder);
             return std::nullopt;
         }
     }
-    struct stat state = {};
-    if (stat(folder.c_str(), &state) != 0) {
-        trouble = reason(folder);
+    if (folder.empty()) {
+        problem = "there is no home directory: neither XDG_DATA_HOME nor HOME names one";
         return std::nullopt;
     }
-    if (!S_ISDIR(state.st_mode) || state.st_uid != geteuid()) {
-        trouble = folder + (S_ISDIR(state.st_mode) ? " belongs to another user" : " is not a folder");
+    if (!isOurs(folder, problem))
         return std::nullopt;
+    for (const std::string& step : steps) {
+        folder += step;
+        if (whenMissing == WhenMissing::Make && !makeFolder(folder)) {
+            problem = reason(folder);
+            return std::nullopt;
+        }
     }
-    return folder;
+    return isPrivate(folder, problem) ? std::optional(folder) : std::nullopt;
+}
+
+std::vector<std::string> foldersToWatch(const std::string& folder)
+{
+    std::vector<std::string> folders;
+    for (std::string path = folder; !path.empty() && folders.size() < 2; path = parentOf(path)) {
+        if (access(path.c_str(), F_OK) == 0)
+            folders.insert(folders.begin(), path);
+        if (path == "/")
+            break;
+    }
+    return folders;
 }
 
 } // namespace platform

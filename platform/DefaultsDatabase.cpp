@@ -1,6 +1,5 @@
 #include "DefaultsDatabase.h"
 
-#include "DataFolder.h"
 #include "LogSink.h"
 
 #include <array>
@@ -85,9 +84,10 @@ private:
 /// another's opening it and its log would leave that log to the next file of the name.
 class OpeningLock {
 public:
-    OpeningLock(const std::string& path, Clock::time_point deadline)
-        // Only read, so that whoever watches the folder for writers is not woken.
-        : _descriptor(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR))
+    OpeningLock(const std::string& path, bool makes, Clock::time_point deadline)
+        // Only read, so that processes that watch the folder for writers are not woken.
+        : _descriptor(::open(path.c_str(), O_RDONLY | (makes ? O_CREAT : 0) | O_CLOEXEC | O_NOFOLLOW,
+                             S_IRUSR | S_IWUSR))
     {
         // No file: a folder that nobody writes to needs no lock.
         while (_descriptor >= 0 && flock(_descriptor, LOCK_EX | LOCK_NB) != 0) {
@@ -157,15 +157,27 @@ std::string suffixOfDamaged()
 
 } // namespace
 
-bool DefaultsDatabase::open()
+bool DefaultsDatabase::_locate(WhenMissing whenMissing)
+{
+    std::string problem;
+    const std::optional<std::string> folder = userDataFolder(whenMissing, problem);
+    // The real path: SQLite is told to follow no link, and any of the folders above may be one.
+    const std::unique_ptr<char, decltype(&std::free)> real(
+        folder ? realpath(folder->c_str(), nullptr) : nullptr, &std::free);
+    _folder = real ? real.get() : folder.value_or("");
+    _path = _folder.empty() ? "" : _folder + "/" + _suiteName + ".db";
+    return folder ? true : _failWith(problem, /*mayRecover=*/false);
+}
+
+bool DefaultsDatabase::open(WhenMissing whenMissing)
 {
     if (_connection && _isStillInPlace())
         return true;
     close();
     const FileSizeSignalBlock block;
     _waitEnds = Clock::now() + _maximumWait;
-    while (!_open()) {
-        // Some steps of opening answer "busy" without waiting, lest two processes wait for one another.
+    while (!_open(whenMissing)) {
+        // Some steps of opening return "busy" without waiting, lest two processes wait for one another.
         if ((_lastCode & 0xFF) != SQLITE_BUSY || Clock::now() >= _waitEnds)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -173,38 +185,33 @@ bool DefaultsDatabase::open()
     return true;
 }
 
-bool DefaultsDatabase::_open()
+bool DefaultsDatabase::_open(WhenMissing whenMissing)
 {
     _lastCode = SQLITE_OK;
-    std::string trouble;
-    const std::optional<std::string> folder = userDataFolder(trouble);
-    if (!folder)
-        return _failWith(trouble, /*mayRecover=*/false);
-    _folder = *folder;
-    _path = *folder + "/" + _suiteName + ".db";
-    // A link is the user's choice: then everything happens where it leads, so that no file stands without its log.
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(_path.c_str(), nullptr), &std::free);
-    if (real) {
-        _path = real.get();
-        _folder = _path.substr(0, _path.rfind('/'));
+    if (!_locate(whenMissing))
+        return false;
+    const bool makes = whenMissing == WhenMissing::Make;
+    const OpeningLock lock(_path + ".lock", makes, _waitEnds);
+    if (lock.isHeldByOther()) {
+        _failWith(_path + ".lock is held by another process");
+        _wasLocked = true;
+        return false;
     }
-    const OpeningLock lock(_path + ".lock", _waitEnds);
-    if (lock.isHeldByOther())
-        return _failWith(_path + ".lock is held by another process");
 
     // Made here, because SQLite would let others read it.
-    const int made = ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    const int made =
+        makes ? ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR) : -1;
     if (made >= 0)
         ::close(made);
-    else if (errno != EEXIST)
+    else if (makes && errno != EEXIST)
         return _failWith(_path + ": " + std::generic_category().message(errno));
     struct stat state = {};
-    if (stat(_path.c_str(), &state) != 0)
+    if (lstat(_path.c_str(), &state) != 0)
         return _failWith(_path + ": " + std::generic_category().message(errno));
     if (!S_ISREG(state.st_mode))
-        return _failWith(_path + " is not a file");
+        return _failWith(_path + (S_ISLNK(state.st_mode) ? " is a link" : " is not a file"));
     if (!mayBeDatabase(_path)) {
-        _trouble = "it is not a database";
+        _problem = "it is not a database";
         return _setAside() && _openFile(/*isWritable=*/true);
     }
 
@@ -215,9 +222,9 @@ bool DefaultsDatabase::_open()
     const int code = _lastCode & 0xFF;
     if (code != SQLITE_CANTOPEN && code != SQLITE_READONLY && code != SQLITE_PERM)
         return false;
-    trouble = _trouble;
+    const std::string problem = _problem;
     const bool canRead = _openFile(/*isWritable=*/false);
-    _trouble = trouble;
+    _problem = problem;
     return canRead;
 }
 
@@ -226,7 +233,8 @@ bool DefaultsDatabase::_openFile(bool isWritable)
     close();
     const auto openAs = [this](const std::string& name, int flags) {
         sqlite3_close(std::exchange(_connection, nullptr));
-        const int code = sqlite3_open_v2(name.c_str(), &_connection, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+        const int code = sqlite3_open_v2(name.c_str(), &_connection,
+                                         flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, nullptr);
         if (!_connection)
             return _failWith(_path + ": out of memory");
         sqlite3_extended_result_codes(_connection, 1);
@@ -241,7 +249,7 @@ bool DefaultsDatabase::_openFile(bool isWritable)
         isOpen = openAs(_path, SQLITE_OPEN_READWRITE);
         if (isOpen && sqlite3_db_readonly(_connection, "main") == 1) {
             _lastCode = SQLITE_READONLY;
-            _trouble = _path + " may not be written";
+            _problem = _path + " may not be written";
             close();
             return false;
         }
@@ -361,7 +369,7 @@ bool DefaultsDatabase::begin()
 {
     if (!_isWritable)
         close(); // what could only be read may be writable by now
-    if (!open() || !_isWritable)
+    if (!open(WhenMissing::Make) || !_isWritable)
         return false;
     const FileSizeSignalBlock block;
     _waitEnds = Clock::now() + _maximumWait;
@@ -411,21 +419,22 @@ void DefaultsDatabase::rollback()
         close(); // as in read()
 }
 
-bool DefaultsDatabase::isMissing() const
+bool DefaultsDatabase::isMissing()
 {
     struct stat now = {};
-    return !_path.empty() && stat(_path.c_str(), &now) != 0 && errno == ENOENT;
+    return _locate(WhenMissing::Leave) && lstat(_path.c_str(), &now) != 0 && errno == ENOENT;
 }
 
 bool DefaultsDatabase::_isStillInPlace() const
 {
     struct stat now = {};
-    return stat(_path.c_str(), &now) == 0 && now.st_ino == _identity.st_ino && now.st_dev == _identity.st_dev;
+    return lstat(_path.c_str(), &now) == 0 && now.st_ino == _identity.st_ino &&
+           now.st_dev == _identity.st_dev;
 }
 
 bool DefaultsDatabase::_setAside()
 {
-    const std::string damage = _trouble;
+    const std::string damage = _problem;
     const std::string name = _path + suffixOfDamaged();
     // The log goes first: beside a new file it would be taken for that file's.
     for (const char* part : {"-wal", "-shm", ""}) {
@@ -466,20 +475,22 @@ bool DefaultsDatabase::_number(const char* statement, int64_t& number)
 bool DefaultsDatabase::_fail(const char* step)
 {
     _lastCode = sqlite3_extended_errcode(_connection);
-    _trouble = _path + ": " + sqlite3_errmsg(_connection) + " (" + step + ")";
+    _problem = _path + ": " + sqlite3_errmsg(_connection) + " (" + step + ")";
     if (const int cause = sqlite3_system_errno(_connection); cause != 0)
-        _trouble += ": " + std::generic_category().message(cause);
+        _problem += ": " + std::generic_category().message(cause);
     else if (_lastCode > 0xFF)
-        _trouble += ": SQLite's " + std::to_string(_lastCode);
+        _problem += ": SQLite's " + std::to_string(_lastCode);
     _mayRecover = true;
+    _wasLocked = (_lastCode & 0xFF) == SQLITE_BUSY;
     return false;
 }
 
-bool DefaultsDatabase::_failWith(std::string trouble, bool mayRecover)
+bool DefaultsDatabase::_failWith(std::string problem, bool mayRecover)
 {
     _lastCode = SQLITE_OK;
-    _trouble = std::move(trouble);
+    _problem = std::move(problem);
     _mayRecover = mayRecover;
+    _wasLocked = false;
     return false;
 }
 

@@ -3,15 +3,17 @@
 #include "DefaultsWatcher.h"
 #include "LogSink.h"
 
+#include <thread>
+
 namespace platform {
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto patience = 3s;
-// Who could not store before does not make every later call wait as long.
-constexpr auto patienceInTrouble = 50ms;
+constexpr std::chrono::milliseconds patience = 3s;
+// After a failure, and for readers, who go on without.
+constexpr std::chrono::milliseconds shortPatience = 50ms;
 
 DefaultsRows merged(const DefaultsRows& stored, const DefaultsChanges& unsaved)
 {
@@ -41,31 +43,52 @@ CXRef<DefaultsSuite> DefaultsSuite::suiteNamed(const std::string& name)
     return suite;
 }
 
+bool DefaultsSuite::load()
+{
+    (void)snapshot();
+    const std::lock_guard lock(_mutex);
+    return _isLoaded;
+}
+
 CXRef<DefaultsSnapshot> DefaultsSuite::snapshot()
 {
-    std::unique_lock store(_storeMutex, std::try_to_lock);
-    if (!store.owns_lock()) {
-        {
-            const std::lock_guard lock(_mutex);
-            if (_snapshot)
-                return _snapshot;
-        }
-        store.lock();
+    {
+        const std::lock_guard lock(_mutex);
+        if (_snapshot)
+            return _snapshot;
     }
-    // Before the first use; after a failure to open it is for writers and the watcher to try again.
-    if (_database.isOpen() || !_snapshot) {
-        _database.setMaximumWait(_isInTrouble ? patienceInTrouble : patience);
-        if (!_read())
-            _complain();
-    }
+    _loadFirst();
     const std::lock_guard lock(_mutex);
     return _snapshot;
 }
 
+void DefaultsSuite::_loadFirst()
+{
+    {
+        std::unique_lock store(_storeMutex, std::try_to_lock);
+        const auto end = std::chrono::steady_clock::now() + shortPatience;
+        while (!store.owns_lock() && std::chrono::steady_clock::now() < end) { // another thread is storing
+            std::this_thread::sleep_for(1ms);
+            (void)store.try_lock();
+        }
+        if (!store.owns_lock()) {
+            const std::lock_guard lock(_mutex);
+            if (!_snapshot)
+                _snapshot = DefaultsSnapshot::initWithRows({});
+        } else if (!_isRead) {
+            _database.setMaximumWait(shortPatience);
+            if (!_read() && _isUnreadable)
+                _complain();
+        }
+    }
+    DefaultsWatcher::shared().follow(CXRef<DefaultsSuite>(this));
+}
+
 bool DefaultsSuite::update(const Edit& edit)
 {
+    (void)load(); // what cannot be stored is kept beside what is stored
     const std::lock_guard store(_storeMutex);
-    _database.setMaximumWait(_isInTrouble ? patienceInTrouble : patience);
+    _database.setMaximumWait(_isFailing ? shortPatience : patience);
     _pending.push_back(edit);
     const bool isStored = _storePending();
     if (!isStored) {
@@ -80,25 +103,28 @@ bool DefaultsSuite::update(const Edit& edit)
 bool DefaultsSuite::synchronize()
 {
     const std::lock_guard store(_storeMutex);
-    _database.setMaximumWait(_isInTrouble ? patienceInTrouble : patience);
+    _database.setMaximumWait(_isFailing ? shortPatience : patience);
     return _storePending();
 }
 
-bool DefaultsSuite::announceChanges(Retry retry)
+DefaultsSuite::Again DefaultsSuite::announceChanges(Retry retry)
 {
-    bool mayStoreLater = false;
+    Again again = Again::Never;
     {
         const std::lock_guard store(_storeMutex);
-        _database.setMaximumWait(patienceInTrouble);
-        if (_database.isOpen() || (retry == Retry::Yes && _pending.empty()))
-            _read();
+        _database.setMaximumWait(shortPatience);
+        // Opening a file that cannot be read is a change itself, and would follow from the one before forever.
+        const bool isRead = (retry == Retry::Yes || !_isUnreadable) && _read();
         if (retry == Retry::Yes)
             _storePending();
-        mayStoreLater = (!_pending.empty() || !_database.isOpen()) && _database.mayRecover();
+        if (!isRead && !_isUnreadable)
+            again = Again::Soon;
+        else if ((_isUnreadable || !_pending.empty()) && _database.mayRecover())
+            again = Again::Later;
     }
     for (const CXBlock<void()>& changed : _observersOfChanges())
         changed();
-    return mayStoreLater;
+    return again;
 }
 
 std::string DefaultsSuite::folder()
@@ -111,14 +137,14 @@ std::string DefaultsSuite::folder()
 bool DefaultsSuite::_read()
 {
     bool isRead = false;
-    if (_database.isMissing()) { // whoever removed the file meant it; the next writer makes another
+    if (_database.isMissing()) { // nothing was ever stored, or it was removed on purpose
         _database.close();
         _stored.clear();
         isRead = true;
     }
-    for (int attempt = 0; !isRead && attempt < 2 && _database.open(); ++attempt) {
+    for (int attempt = 0; !isRead && attempt < 2 && _database.open(WhenMissing::Leave); ++attempt) {
         if (_database.takeWasSetAside() && !_stored.empty()) {
-            // What was in the damaged file and is known here is not lost.
+            // The part of the damaged file that is in memory is not lost.
             DefaultsChanges known;
             for (const auto& [key, row] : _stored)
                 known.emplace(key, row->value());
@@ -126,23 +152,29 @@ bool DefaultsSuite::_read()
             _pending.insert(_pending.begin(), [known](const DefaultsSnapshot&) { return known; });
         }
         const DefaultsDatabase::Reading reading = _database.read(_stored);
-        if (reading == DefaultsDatabase::Reading::Unchanged)
+        if (reading == DefaultsDatabase::Reading::Unchanged) {
+            _isUnreadable = false;
             return true;
+        }
         isRead = reading == DefaultsDatabase::Reading::Done;
         if (!isRead && _database.isOpen())
             break; // a second try is for a file that was damaged, and has been closed
     }
+    _isRead = _isRead || isRead;
+    _isUnreadable = !isRead && !_database.wasLocked();
     _publish();
     return isRead;
 }
 
-/// Begins to write, knowing what is stored.
+/// Begins to write with _stored up to date.
 bool DefaultsSuite::_begin()
 {
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        if (_database.begin() && _read() && _database.isWriting())
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const bool hasBegun = _database.begin();
+        if (hasBegun && _read() && _database.isWriting())
             return true;
-        const bool isWorthAnother = !_database.isOpen(); // damaged, or taken away just now
+        // Another try for a file that was damaged or removed, and is closed or replaced by now.
+        const bool isWorthAnother = hasBegun ? !_database.isWriting() : !_database.isOpen();
         _database.rollback();
         if (!isWorthAnother)
             break;
@@ -175,7 +207,7 @@ bool DefaultsSuite::_storePending()
             _stored = std::move(rows);
             _pending.clear();
             _unsaved.clear();
-            _isInTrouble = false;
+            _isFailing = false;
             _publish();
             return true;
         }
@@ -202,27 +234,30 @@ void DefaultsSuite::_publish()
     CXRef<DefaultsSnapshot> snapshot = DefaultsSnapshot::initWithRows(merged(_stored, _unsaved));
     const std::lock_guard lock(_mutex);
     _snapshot = std::move(snapshot);
+    _isLoaded = _isRead;
 }
 
 void DefaultsSuite::_complain()
 {
-    if (!std::exchange(_isInTrouble, true))
+    if (!std::exchange(_isFailing, true))
         LogSink::log("Device settings are not kept, and last as long as this process: " +
-                     _database.trouble());
+                     _database.problem());
 }
 
 uint64_t DefaultsSuite::addObserver(const std::string& key, CXBlock<void()> changed)
 {
+    (void)load(); // so that only what changes later is announced
     uint64_t observer = 0;
     {
         const std::lock_guard lock(_mutex);
-        if (_observers.empty())
+        if (_observers.empty()) {
             _announced = _snapshot;
+            _isLoadAnnounced = _isLoaded;
+        }
         observer = ++_lastObserver;
         _observers[key].emplace(observer, std::move(changed));
         _keyOfObserver.emplace(observer, key);
     }
-    DefaultsWatcher::shared().follow(CXRef<DefaultsSuite>(this));
     return observer;
 }
 
@@ -246,12 +281,13 @@ std::vector<CXBlock<void()>> DefaultsSuite::_observersOfChanges()
 {
     const std::lock_guard lock(_mutex);
     std::vector<CXBlock<void()>> toCall;
-    if (_snapshot && _snapshot != _announced) {
+    const bool isLoadedNow = _isLoaded && !std::exchange(_isLoadAnnounced, _isLoaded);
+    if (_snapshot && (_snapshot != _announced || isLoadedNow)) {
         for (const auto& [key, observers] : _observers) {
             const CXRef<DefaultsRow> before = _announced ? _announced->row(key) : nullptr;
             const CXRef<DefaultsRow> now = _snapshot->row(key);
             const bool isSame = before == now || (before && now && before->value() == now->value());
-            if (!isSame)
+            if (!isSame || isLoadedNow)
                 for (const auto& [observer, changed] : observers)
                     toCall.push_back(changed);
         }

@@ -1,11 +1,15 @@
 #include "DefaultsWatcher.h"
 
+#include "DataFolder.h"
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <thread>
 #include <unistd.h>
 
 namespace platform {
@@ -14,13 +18,17 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds retryInterval{5};
-constexpr std::chrono::seconds intervalWithoutEvents{1};
+constexpr std::chrono::milliseconds retryInterval{5000};
+constexpr std::chrono::milliseconds soonInterval{100};
+constexpr std::chrono::milliseconds intervalWithoutEvents{1000};
 
 // A writer touches the database when it has committed; one that dies before that closes its log.
-constexpr uint32_t events = IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
+constexpr uint32_t eventsInside = IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM |
+                                  IN_DELETE | IN_MOVE_SELF | IN_DELETE_SELF;
+// Of the folders above, only that the next one appears.
+constexpr uint32_t eventsAbove = IN_CREATE | IN_MOVED_TO;
 
-/// Takes all there is to read; what it says does not matter.
+/// Reads and drops everything: that there is an event is enough.
 void drain(int descriptor)
 {
     alignas(inotify_event) std::array<char, 4096> bytes{};
@@ -66,23 +74,39 @@ void DefaultsWatcher::_serve()
         const bool isTimeToRetry = Clock::now() >= nextRetry;
         if (isTimeToRetry)
             nextRetry = Clock::now() + retryInterval;
-        bool hearsOfChanges = _folders >= 0 && _wakeUps >= 0;
-        bool mayStoreLater = false;
+        bool hasEvents = _folders >= 0 && _wakeUps >= 0;
+        bool isNeededSoon = false;
+        bool isNeededLater = false;
         for (const CXRef<DefaultsSuite>& suite : suites) {
-            // Before looking, so that what changes meanwhile is heard of. To watch a folder again is nothing.
-            const std::string folder = suite->folder();
-            if (!folder.empty() && inotify_add_watch(_folders, folder.c_str(), events) < 0)
-                hearsOfChanges = false;
-            mayStoreLater |=
+            hasEvents &= _watch(suite->folder()); // before reading, so that a later change is an event
+            const DefaultsSuite::Again again =
                 suite->announceChanges(isTimeToRetry ? DefaultsSuite::Retry::Yes : DefaultsSuite::Retry::No);
+            isNeededSoon |= again == DefaultsSuite::Again::Soon;
+            isNeededLater |= again == DefaultsSuite::Again::Later;
         }
-        if (!hearsOfChanges)
+        if (isNeededSoon)
+            std::this_thread::sleep_for(soonInterval); // opening the file in vain is an event, too
+        else if (!hasEvents)
             _wait(intervalWithoutEvents);
-        else if (mayStoreLater)
+        else if (isNeededLater)
             _wait(std::chrono::duration_cast<std::chrono::milliseconds>(nextRetry - Clock::now()));
         else
             _wait(std::nullopt);
     }
+}
+
+/// False when the system reports no events. Watching a folder again changes nothing.
+bool DefaultsWatcher::_watch(const std::string& folder) const
+{
+    // Outermost first, and again when another one has appeared meanwhile: none appears unseen.
+    for (std::vector<std::string> watched; watched != foldersToWatch(folder);) {
+        watched = foldersToWatch(folder);
+        for (const std::string& each : watched)
+            if (inotify_add_watch(_folders, each.c_str(), each == folder ? eventsInside : eventsAbove) < 0 &&
+                errno != ENOENT)
+                return false;
+    }
+    return true;
 }
 
 std::vector<CXRef<DefaultsSuite>> DefaultsWatcher::_followed()
@@ -91,7 +115,7 @@ std::vector<CXRef<DefaultsSuite>> DefaultsWatcher::_followed()
     return _suites;
 }
 
-/// Until something happens, or for so long.
+/// Until something changes, or for `interval`.
 void DefaultsWatcher::_wait(std::optional<std::chrono::milliseconds> interval) const
 {
     std::array<pollfd, 2> watched{{{_folders, POLLIN, 0}, {_wakeUps, POLLIN, 0}}};

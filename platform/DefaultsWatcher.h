@@ -26,6 +26,7 @@ public:
 private:
     DefaultsWatcher();
     void _serve();
+    bool _watch(const std::string& folder) const;
     std::vector<CXRef<DefaultsSuite>> _followed();
     void _wait(std::optional<std::chrono::milliseconds> interval) const;
 

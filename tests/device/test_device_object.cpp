@@ -1,5 +1,7 @@
 #include "CXFourCharCode.h"
-#include "DXRDevice.h"
+#include "DXRDeviceControl.h"
+#include "DXRDeviceOverrides.h"
+#include "GlobalQueue.h"
 #include "SerialQueue.h"
 #include "SimulatedComputer.h"
 
@@ -33,7 +35,8 @@ protected:
     CXRef<DXRDevice> deviceFor(const SimulatedDeviceBuilder& builder, bool isInput = false)
     {
         const AudioObjectID id = hal.plug(builder);
-        return DXRDevice::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, isInput), keeper);
+        return DXRDeviceControl::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, isInput),
+                                                  keeper);
     }
     const CXRef<Keeper> keeper = Keeper::init();
 };
@@ -69,10 +72,10 @@ TEST_F(DXRDeviceTest, keepsWhatTheHardwareSays)
               ", connected (" + std::to_string(device->deviceID()) + "), output, box (Box, line)>");
     EXPECT_EQ(deviceFor(aDevice().uid("deaf").outputs(2), input), nullptr);
     const AudioObjectID id = hal.deviceID("box");
-    EXPECT_EQ(DXRDevice::initWithDeviceID(id, nullptr), nullptr);
-    EXPECT_EQ(DXRDevice::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, std::nullopt)),
+    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(id, nullptr), nullptr);
+    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, std::nullopt)),
               nullptr);
-    EXPECT_EQ(DXRDevice::initWithDeviceID(0, device->reference()), nullptr);
+    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(0, device->reference()), nullptr);
 }
 
 TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareIsSilent)
@@ -151,7 +154,7 @@ TEST_F(DXRDeviceTest, writesWhatItCan)
     EXPECT_FALSE(device->setVolume(0.3));
     EXPECT_EQ(device->volume(), 1.0);
     hal.failWrites(0);
-    device->disconnect();
+    DXRDeviceControl(*device).disconnect();
     EXPECT_FALSE(device->setVolume(0.3) || device->setMuted(false) || device->setSource("Line") ||
                  device->setSampleRate(48000));
 }
@@ -229,8 +232,8 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
 {
     const auto device =
         deviceFor(aDevice().uid("mic").name("USB Mic").inputs(1).volume(HALDirection::Input, 0.5F), input);
-    EXPECT_TRUE(device->updateDisplayName("USB Mic 2"));
-    EXPECT_FALSE(device->updateDisplayName("USB Mic 2"));
+    EXPECT_TRUE(DXRDeviceControl(*device).updateDisplayName("USB Mic 2"));
+    EXPECT_FALSE(DXRDeviceControl(*device).updateDisplayName("USB Mic 2"));
     EXPECT_EQ(device->displayName(), "USB Mic 2");
     std::vector<std::string> keys;
     const auto observations = device->kvo()->observe(device->kvo()->observableKeys(),
@@ -238,50 +241,156 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
                                                          if (change == DXRKVOChange::Did)
                                                              keys.push_back(key);
                                                      });
-    device->disconnect();
-    EXPECT_EQ(keys, (std::vector<std::string>{"displayName", "isConnected", "isDefault", "deviceID"}));
+    DXRDeviceControl(*device).disconnect();
+    EXPECT_EQ(keys, (std::vector<std::string>{"displayName", "displayNameWithSource", "isConnected",
+                                              "isDefault", "deviceID"}));
     EXPECT_EQ(device->displayName(), "⚠️ USB Mic");
     EXPECT_EQ(device->volume(), 0.5);
     hal.reconfigure("mic", [](auto& mic) { mic.name("Unheard"); });
     settleHardware();
     EXPECT_EQ(device->name(), "USB Mic");
-    device->connect(hal.deviceID("mic"), device->reference());
+    DXRDeviceControl(*device).connect(hal.deviceID("mic"), device->reference());
     EXPECT_EQ(device->name(), "Unheard");
     EXPECT_EQ(device->displayName(), "USB Mic 2");
     // Gone in the middle of being read: nothing of it is stored.
-    device->disconnect();
+    DXRDeviceControl(*device).disconnect();
     hal.reconfigure("mic", [](auto& mic) { mic.name("Half"); });
     const AudioObjectID id = hal.deviceID("mic");
     hal.beforeRead(kAudioDevicePropertyTransportType, 1, [this] { hal.unplug("mic"); });
-    device->connect(id, device->reference());
+    DXRDeviceControl(*device).connect(id, device->reference());
     EXPECT_EQ(device->name(), "Unheard");
 }
 
 TEST_F(DXRDeviceTest, asksAgainForWhatCouldNotBeRead)
 {
     const auto device = deviceFor(aDevice().uid("box").name("Box").outputs(2));
-    EXPECT_FALSE(device->isIncomplete());
+    EXPECT_FALSE(DXRDeviceControl(*device).refreshIfIncomplete());
     hal.failReads(kAudioObjectPropertyName, 1, 100, kAudioHardwareUnspecifiedError);
     hal.reconfigure("box", [](auto& box) { box.name("Crate"); });
     settleHardware();
-    EXPECT_TRUE(device->isIncomplete());
     hal.failReads(kAudioObjectPropertyName, 1, 0, 0);
-    EXPECT_TRUE(device->refreshIfIncomplete());
+    EXPECT_TRUE(DXRDeviceControl(*device).refreshIfIncomplete());
     EXPECT_EQ(device->name(), "Crate");
-    EXPECT_FALSE(device->refreshIfIncomplete());
+    EXPECT_FALSE(DXRDeviceControl(*device).refreshIfIncomplete());
 }
 
-TEST_F(DXRDeviceTest, obeysOverrides)
+TEST_F(DXRDeviceTest, obeysAndAnnouncesOverrides)
 {
-    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F));
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, true));
+    std::vector<std::string> heard;
+    const auto observations = device->kvo()->observe(
+        DXRKVOHelper::Keys{"volume", "isMuted"}, [&](const std::string& key, DXRKVOChange change) {
+            heard.push_back(key + (change == DXRKVOChange::Will ? " was " : " is ") +
+                            (key == "volume"     ? std::to_string(device->volume())
+                             : device->isMuted() ? "on"
+                                                 : "off"));
+        });
     device->setOverride(false, "hv");
-    device->setOverride(true, "hm");
     EXPECT_FALSE(device->hasVolume());
-    EXPECT_EQ(device->volume(), 1.0);
-    EXPECT_TRUE(device->hasMute());
+    EXPECT_EQ(std::exchange(heard, {}),
+              (std::vector<std::string>{"volume was 0.500000", "volume is 1.000000"}));
+    // Set by another application, or another object of this one.
+    DXRDeviceOverrides::initWithDeviceReference(device->reference())->setObject(false, "hm");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (heard.empty() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        settleHardware();
+    }
+    EXPECT_EQ(heard, (std::vector<std::string>{"isMuted was on", "isMuted is off"}));
+    EXPECT_FALSE(device->hasMute());
     device->setOverride(nullptr, "hv");
     EXPECT_EQ(device->overrideForKey("hv"), nullptr);
     EXPECT_EQ(device->volume(), 0.5);
+}
+
+/// A driver of many steps: what it costs in reads of the hardware and calls of the keeper.
+TEST_F(DXRDeviceTest, isNotAskedAboutItsOwnVolume)
+{
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.0F));
+    settleHardware();
+    keeper->updatesSinceLast();
+    uint64_t reads = 0;
+    std::function<void()> countOne = [&] {
+        ++reads;
+        hal.beforeRead(kAudioObjectPropertySelectorWildcard, 1, countOne);
+    };
+    hal.beforeRead(kAudioObjectPropertySelectorWildcard, 1, countOne);
+    for (int i = 1; i <= 100; ++i) {
+        EXPECT_TRUE(device->setVolume(i / 123.0)); // no float
+        settleHardware();
+        EXPECT_EQ(device->volume(), i / 123.0);
+    }
+    EXPECT_EQ(keeper->updatesSinceLast(), 0);
+    // The settled volume is the one that was written, and no news; another one is.
+    std::vector<double> seen;
+    const auto observation = device->kvo()->observe(
+        "volume", [&](const std::string&, DXRKVOChange) { seen.push_back(device->volume()); });
+    const auto settleVolume = [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        platform::GlobalQueue::highPriority().sync([] {});
+        settleHardware();
+    };
+    settleVolume();
+    EXPECT_TRUE(seen.empty());
+    EXPECT_EQ(keeper->updatesSinceLast(), 0);
+    RecordProperty("reads", std::to_string(reads));
+    std::printf("a slider of 100 steps: %llu reads\n", static_cast<unsigned long long>(reads));
+    EXPECT_LT(reads, 100U);
+    EXPECT_TRUE(device->setVolume(0.5));
+    hal.reconfigure("box", [](auto& box) { box.volume(outputs, 0.25F); });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (device->volume() != 0.25 && std::chrono::steady_clock::now() < deadline)
+        settleVolume();
+    EXPECT_GT(keeper->updatesSinceLast(), 0);
+    hal.beforeRead(kAudioObjectPropertySelectorWildcard, 1, {});
+}
+
+TEST_F(DXRDeviceTest, isSilentUntilItIsMade)
+{
+    const AudioObjectID id = hal.plug(aDevice().uid("short").outputs(2));
+    const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithDeviceID(id, output);
+    hal.beforeRead(kAudioObjectPropertyManufacturer, 1, [&] { // when it listens, and has read nothing yet
+        hal.reconfigure("short", [](auto& it) { it.name("Changed"); });
+        settleHardware();
+        hal.unplug("short");
+        settleHardware();
+    });
+    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(id, reference, keeper), nullptr);
+    EXPECT_EQ(keeper->updatesSinceLast(), 0);
+}
+
+TEST_F(DXRDeviceTest, takesTheChannelsOfItsReferenceOverThoseOfItsArchive)
+{
+    const auto monitor = deviceFor(aDevice()
+                                       .uid("AppleGFXHDAEngineOutputDP:1:2:{1}")
+                                       .transport(kAudioDeviceTransportTypeDisplayPort)
+                                       .outputs(8));
+    ASSERT_TRUE(monitor->reference()->isGeneric());
+    CXPlist archive = monitor->archive();
+    archive["c"] = 2;
+    const auto device = DXRDeviceControl::initWithArchive(archive, keeper);
+    const DXRDeviceControl control(*device);
+    control.connect(monitor->deviceID(), monitor->reference());
+    EXPECT_EQ(device->channelCount(), 8U);
+    EXPECT_TRUE(control.confirmGenericChannelCounts());
+    hal.reconfigure(monitor->deviceUID(), [](auto& it) { it.noStreams(outputs).outputs(6); });
+    settleHardware();
+    EXPECT_EQ(device->channelCount(), 8U) << "another count is another device";
+    EXPECT_FALSE(control.confirmGenericChannelCounts());
+}
+
+TEST_F(DXRDeviceTest, takesNoRateThatIsNoNumber)
+{
+    const auto device =
+        deviceFor(aDevice().uid("box").outputs(2).sampleRates({48000, INFINITY}).sampleRate(NAN));
+    int announced = 0;
+    const auto observation = device->kvo()->observe("sampleRate", [&](auto&, auto) { ++announced; });
+    hal.reconfigure("box", [](auto& it) { it.name("New"); });
+    settleHardware();
+    EXPECT_EQ(announced, 0);
+    EXPECT_EQ(device->sampleRate(), 44100.0);
+    const auto restored = DXRDeviceControl::initWithArchive(CXPlist::parse(device->archive().dump()));
+    EXPECT_EQ(restored->availableSampleRates(), (std::vector<double>{48000}));
 }
 
 TEST_F(DXRDeviceTest, comesBackFromItsArchive)
@@ -296,7 +405,7 @@ TEST_F(DXRDeviceTest, comesBackFromItsArchive)
                                       .mute(outputs, true));
     const CXPlist archive = device->archive();
     EXPECT_EQ(archive.size(), 16U);
-    const auto restored = DXRDevice::initWithArchive(CXPlist::parse(archive.dump()));
+    const auto restored = DXRDeviceControl::initWithArchive(CXPlist::parse(archive.dump()));
     ASSERT_TRUE(restored);
     EXPECT_EQ(restored->archive(), archive);
     EXPECT_FALSE(restored->isConnected());
@@ -309,18 +418,18 @@ TEST(DXRDeviceArchive, isReadAsFarAsItMakesSense)
     const auto with = [&](const char* key, const CXPlist& value) {
         CXPlist archive = least;
         archive[key] = value;
-        return DXRDevice::initWithArchive(archive);
+        return DXRDeviceControl::initWithArchive(archive);
     };
     const std::pair<const char*, CXPlist> refused[] = {
         {"vn", 2}, {"vn", "1"}, {"vn", nullptr}, {"ref", "{\"uid\":\"x\"}"}, {"ref", "x"},   {"ref", 3},
-        {"c", 0},  {"c", -1},   {"c", "2"},      {"c", 4294967296.0},        {"c", nullptr}, {"c", 0.5},
+        {"c", 0},  {"c", -1},   {"c", "2"},      {"c", 4294967295U},         {"c", nullptr}, {"c", 0.5},
     };
     for (const auto& [key, value] : refused)
         EXPECT_EQ(with(key, value), nullptr) << key << " " << value.dump();
-    EXPECT_EQ(DXRDevice::initWithArchive(nullptr), nullptr);
-    EXPECT_EQ(DXRDevice::initWithArchive(CXPlist::array()), nullptr);
+    EXPECT_EQ(DXRDeviceControl::initWithArchive(nullptr), nullptr);
+    EXPECT_EQ(DXRDeviceControl::initWithArchive(CXPlist::array()), nullptr);
 
-    const auto plain = DXRDevice::initWithArchive(least);
+    const auto plain = DXRDeviceControl::initWithArchive(least);
     ASSERT_TRUE(plain);
     EXPECT_TRUE(plain->isInput());
     EXPECT_EQ(plain->sampleRate(), 44100.0);
@@ -331,7 +440,16 @@ TEST(DXRDeviceArchive, isReadAsFarAsItMakesSense)
         EXPECT_EQ(with("sc", pair)->preferredStereoChannels(), (std::vector<uint32_t>{1, 2})) << pair.dump();
     EXPECT_EQ(with("sc", {2, 1})->preferredStereoChannels(), (std::vector<uint32_t>{2, 1}));
     EXPECT_EQ(with("c", 1)->preferredStereoChannels(), (std::vector<uint32_t>{1, 1}));
-    EXPECT_TRUE(with("ar", {44100, 0})->availableSampleRates().empty());
+    for (const CXPlist& rate : {CXPlist(0), CXPlist(-1), CXPlist(INFINITY), CXPlist(NAN), CXPlist("1")}) {
+        EXPECT_EQ(with("r", rate)->sampleRate(), 44100.0) << rate;
+        EXPECT_TRUE(with("ar", CXPlist::array({44100, rate}))->availableSampleRates().empty()) << rate;
+    }
+    for (const CXPlist& volume : {CXPlist(-0.1), CXPlist(1.1), CXPlist(NAN), CXPlist("1")})
+        EXPECT_EQ(DXRDeviceControl::initWithArchive(
+                      {{"vn", 1}, {"ref", R"({"uid":"x","i":true})"}, {"c", 2}, {"hv", true}, {"v", volume}})
+                      ->volume(),
+                  1.0)
+            << volume;
     EXPECT_EQ(with("ar", {44100, 8000.5})->availableSampleRates(), (std::vector<double>{44100, 8000.5}));
     EXPECT_TRUE(with("as", {"Line", 2})->availableSources().empty());
     EXPECT_EQ(with("n", 7)->name(), "");

@@ -2,9 +2,14 @@
 #include "CXMainBundle.h"
 #include "DXRDeviceOverrides.h"
 #include "DefaultsSuite.h"
+#include "InChild.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <fcntl.h>
+#include <future>
+#include <sys/file.h>
 #include <thread>
 
 namespace {
@@ -106,6 +111,8 @@ TEST_F(DeviceOverrides, keepWhoSetThemAndRemoveWhatIsEmpty)
     overrides->setObject(nested(512), "deeper, in its entry");
     overrides->setObject(std::string(2000000, 'x'), "long");
     overrides->setObject(CXPlist(CXPlist::value_t::discarded), "nothing");
+    overrides->setObject(NAN, "not a number");
+    overrides->setObject(CXPlist::array({1, INFINITY}), "infinite");
     EXPECT_EQ(stored(), before) << "what could not be read again is not written";
     overrides->setObject(nullptr, "as deep as is read");
     overrides->setObject("caf\xE9", "\xFF");
@@ -165,6 +172,60 @@ TEST_F(DeviceOverrides, resetRemovesWhatThisApplicationSet)
               CXPlist::parse(R"({"b":2,"b[owner]":"other","c":3,"d[owner]":1,"d[owner][owner]":"me"})"));
     EXPECT_FALSE(stored().contains(R"({"uid":"mine"})"));
     EXPECT_TRUE(stored().contains("not a reference"));
+}
+
+TEST_F(DeviceOverrides, areResetByAnApplicationWithAnyName)
+{
+    CXSetMainBundleIdentifier("caf\xE9");
+    overridesFor(R"({"uid":"a"})")->setObject(1, "k");
+    DXRDeviceOverrides::performFactoryReset();
+    EXPECT_TRUE(stored().empty());
+}
+
+TEST_F(DeviceOverrides, areReadWhileTheStoreIsBusy)
+{
+    const CXRef<DXRDeviceOverrides> overrides = overridesFor(R"({"uid":"a"})");
+    overrides->setObject(1, "k");
+    std::promise<void> hasBegun;
+    std::promise<void> mayEnd;
+    std::thread busy([&] { // as when another process holds the file
+        suite()->update([&](const DefaultsSnapshot&) {
+            hasBegun.set_value();
+            mayEnd.get_future().wait();
+            return DefaultsChanges{};
+        });
+    });
+    hasBegun.get_future().wait();
+    std::thread writer([&] { overrides->setObject(2, "k"); });
+    auto reader = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 100; ++i) { // while the writer comes to wait
+            EXPECT_EQ(overrides->objectForKey("k"), CXPlist(1));
+            EXPECT_EQ(overridesFor(R"({"uid":"a"})")->objectForKey("k"), CXPlist(1));
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    EXPECT_EQ(reader.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    mayEnd.set_value();
+    busy.join();
+    writer.join();
+    reader.wait();
+    EXPECT_EQ(overrides->objectForKey("k"), CXPlist(2));
+}
+
+TEST_F(DeviceOverrides, areFoundOnceTheStoreCanBeRead)
+{
+    const bool isWritten = runInChild([] { write(R"({ "uid":"a" })", R"({"k":1})"); });
+    ASSERT_TRUE(isWritten);
+    const std::string lock =
+        std::string(secure_getenv("XDG_DATA_HOME")) + "/dxr/com.veltorrin.device-overrides.db.lock";
+    const int opener = open(lock.c_str(), O_RDONLY); // another process, opening the file
+    ASSERT_EQ(flock(opener, LOCK_EX), 0);
+    const CXRef<DXRDeviceOverrides> overrides = overridesFor(R"({"uid":"a"})");
+    EXPECT_TRUE(overrides->objectForKey("k").is_null());
+    close(opener);
+    EXPECT_TRUE(comesTrue([&] { return overrides->objectForKey("k") == CXPlist(1); }));
+    overrides->setObject(2, "k");
+    EXPECT_EQ(stored(), (std::map<std::string, CXPlist>{{R"({ "uid":"a" })", {{"k", 2}}}}));
 }
 
 TEST_F(DeviceOverrides, survivesBeingReleasedWhileOthersWrite)

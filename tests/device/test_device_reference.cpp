@@ -218,6 +218,7 @@ TEST(DeviceReference, describesAPresentDevice)
     EXPECT_FALSE(DXRDeviceReference::initWithDeviceID(own, std::nullopt)) << "the library's own";
     EXPECT_FALSE(DXRDeviceReference::initWithDeviceID(0x00FFFFFF, std::nullopt));
     EXPECT_FALSE(DXRDeviceReference::initWithDeviceUID(std::nullopt, true));
+    EXPECT_FALSE(DXRDeviceReference::initWithDeviceUID(std::string(1U << 20, 'x'), true)) << "not readable";
     EXPECT_EQ(DXRDeviceReference::initWithDeviceUID("gone", true)->string(), R"({"i":true,"uid":"gone"})");
 }
 

@@ -123,7 +123,7 @@ TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
     EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>2", "level<1", "level>2"}));
 }
 
-TEST_F(ObservableValues, areHeardAsLongAsTheObservationIsHeld)
+TEST_F(ObservableValues, areHeardUntilTheObservationEnds)
 {
     int heardCount = 0;
     CXRef<DXRKVOObservation> second;
@@ -133,7 +133,28 @@ TEST_F(ObservableValues, areHeardAsLongAsTheObservationIsHeld)
     third->end();
     lamp->liveLevel = 1;
     lamp->kvo->updateValueForKey("level");
-    EXPECT_LE(heardCount, 1); // ended during the first announcement
+    EXPECT_EQ(heardCount, 0) << "the first ended it before its turn";
+
+    // Also by an announcement inside its own call, and while others add observers all the time.
+    std::atomic<bool> isDone{false};
+    std::thread adder([&] {
+        while (!isDone)
+            (void)lamp->kvo->observe("level", [](auto&, auto) {});
+    });
+    for (int round = 0; round < 10'000; ++round) {
+        CXRef<DXRKVOObservation> own;
+        bool isAlive = true;
+        own = lamp->kvo->observe("level", [&](auto&, auto) {
+            EXPECT_TRUE(isAlive) << round;
+            own = nullptr;
+            isAlive = false;
+        });
+        ++lamp->liveLevel;
+        lamp->kvo->updateValueForKey("level");
+        EXPECT_FALSE(isAlive) << round;
+    }
+    isDone = true;
+    adder.join();
 }
 
 TEST(ObservableObject, mayEndWhileItsUpdateWaits)

@@ -81,6 +81,13 @@ protected:
         backend().unplug("duplex");
         settle();
     }
+    /// A restart waits for the end of the old callback, on another thread.
+    void awaitRestart()
+    {
+        while (runner->counts().restarts == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        settle();
+    }
     void settle()
     {
         backend().settle();
@@ -142,7 +149,7 @@ TEST_F(DXRAudioContextTest, restartsForANewLayoutAndLeavesTheOldCallbackDeaf)
     oneSided.run();
     Cycle(128).run(old);
     EXPECT_EQ(calls, 1U);
-    settle();
+    awaitRestart();
     EXPECT_EQ(backend().starts, startsBefore + 2);
     Cycle(192).run();
     EXPECT_EQ(calls, 2U);
@@ -352,7 +359,7 @@ TEST_F(DXRAudioContextTest, restartsForAnotherSplitOfTheSameChannels)
     backend().callback(&split.now, reinterpret_cast<const AudioBufferList*>(&two), &split.inputTime,
                        &split.output, &split.outputTime);
     EXPECT_EQ(calls, 1U);
-    settle();
+    awaitRestart();
     EXPECT_EQ(backend().starts, startsBefore + 1);
 }
 

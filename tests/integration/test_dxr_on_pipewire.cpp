@@ -6,6 +6,7 @@
 #include <csignal>
 #include <sndfile.h>
 #include <sys/wait.h>
+#include <thread>
 
 namespace {
 
@@ -158,6 +159,50 @@ TEST_F(DxrOnPipeWire, playsARampThatComesBackExactlyFromTheMonitor)
     }
 }
 
+/// The first channel of a recording.
+std::vector<float> firstChannelOf(const std::string& path)
+{
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file)
+        return {};
+    const auto channels = static_cast<size_t>(info.channels);
+    std::vector<float> samples(static_cast<size_t>(info.frames) * channels);
+    sf_readf_float(file, samples.data(), info.frames);
+    sf_close(file);
+    for (size_t frame = 0; frame < samples.size() / channels; ++frame)
+        samples[frame] = samples[frame * channels];
+    samples.resize(samples.size() / channels);
+    return samples;
+}
+
+TEST_F(DxrOnPipeWire, recordsExactlyWhatASinkPlays)
+{
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "speakers", .properties = {{"node.description", "Speakers"}}});
+    devices.view("speakers").setVolumes({0.125F, 0.125F}); // which is the sink's affair
+    EXPECT_EQ(runTool({"list"}).output.find("Monitor of"), std::string::npos);
+    EXPECT_NE(runTool({"list", "--all"}).output.find("Monitor of Speakers"), std::string::npos);
+
+    constexpr int rate = 48000;
+    writeRamp(path("ramp.wav"), rate, rate);
+    ToolProcess record({"record", path("heard.wav"), "--in", "Monitor of Speakers"});
+    ASSERT_TRUE(record.waitFor("Monitor of Speakers ->")) << record.output() << record.errors();
+    const ToolResult played = runTool({"play", path("ramp.wav"), "--out", "Speakers", "--frames", "512"});
+    ASSERT_EQ(played.status, 0) << played.errors;
+    record.signal(SIGINT);
+    EXPECT_EQ(record.finish(), 0) << record.errors();
+    const std::vector<float> heard = firstChannelOf(path("heard.wav"));
+    const size_t lost =
+        static_cast<size_t>(numberBefore(played.output, "gap") + numberBefore(played.output, "underrun") +
+                            std::max(0L, numberBefore(record.output(), "gap")) +
+                            std::max(0L, numberBefore(record.output(), "overload")));
+    EXPECT_LE(breaksOf(heard), 2 * lost) << played.output << record.output();
+    if (lost == 0) {
+        EXPECT_EQ(std::ranges::count_if(heard, [](float sample) { return sample != 0.0F; }), rate);
+    }
+}
+
 TEST_F(DxrOnPipeWire, seesTheServerDieAndComeBack)
 {
     VirtualDevices devices(server.remote());
@@ -189,6 +234,52 @@ TEST_F(DxrOnPipeWire, seesTheServerDieAndComeBack)
     EXPECT_EQ(runTool({"play", path("ramp.wav"), "--out", "first"}).status, 0);
     watch.signal(SIGINT);
     EXPECT_EQ(watch.finish(), 0) << watch.errors();
+}
+
+/// How many objects of each type the server has, with the values of its metadata and the names of its nodes.
+std::map<std::string, int> serverContents()
+{
+    std::map<std::string, int> contents;
+    for (const json& object : json::parse(outputOf("pw-dump 2>/dev/null"))) {
+        ++contents[object.value("type", "")];
+        for (const json& entry : object.value("metadata", json::array()))
+            ++contents[entry.dump()];
+        ++contents[object.value("/info/props/node.name"_json_pointer, "")];
+    }
+    return contents;
+}
+
+bool comesTo(const std::map<std::string, int>& contents)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (serverContents() != contents)
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+    return true;
+}
+
+// Killed at any moment of a start: while nothing is asked yet, between a request and its answer, while sound runs.
+TEST_F(DxrOnPipeWire, leavesNothingOnTheServerWhenItIsKilled)
+{
+    VirtualDevices devices(server.remote());
+    devices.plug({.name = "sink", .channelCount = 8});
+    devices.plug({.name = "source", .mediaClass = "Audio/Source/Virtual", .channelCount = 8});
+    devices.view("sink"); // returns when the server has them all
+    const std::map<std::string, int> before = serverContents();
+    for (int round = 0; round < 16; ++round) {
+        const bool whileItHangs = round % 2 != 0;
+        ToolProcess loop({"loop", "--in", "source", "--out", "sink", "--rate", "96000", "--frames", "64"});
+        if (whileItHangs) {
+            ASSERT_TRUE(loop.waitFor("source ->")) << loop.errors();
+            std::this_thread::sleep_for(std::chrono::milliseconds(round));
+            server.hang(); // with requests of the start unread
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10 * round));
+        loop.signal(SIGKILL);
+        loop.finish();
+        server.resume();
+        ASSERT_TRUE(comesTo(before)) << "round " << round << "\n" << outputOf("pw-dump");
+    }
 }
 
 TEST_F(DxrOnPipeWire, stopsAtOnceWhenTheServerHangs)

@@ -2,7 +2,10 @@
 #include "ManagedComputer.h"
 #include "SerialQueue.h"
 
+#include <atomic>
+#include <chrono>
 #include <future>
+#include <thread>
 
 namespace {
 
@@ -132,6 +135,10 @@ TEST_F(DXRDeviceManagerTest, numbersDevicesOfOneNameAsLongAsThereAreSeveral)
     plug(card("a")); // with a higher ID now
     EXPECT_EQ(b->displayName(), "USB Audio 1");
     EXPECT_EQ(a->displayName(), "USB Audio 2");
+    plug(aDevice().uid("d").name("USB Audio 2").outputs(2)); // a number that is taken
+    EXPECT_EQ(device("d", output)->displayName(), "USB Audio 2");
+    EXPECT_EQ(b->displayName(), "USB Audio 1");
+    EXPECT_EQ(a->displayName(), "USB Audio 3");
 }
 
 TEST_F(DXRDeviceManagerTest, tellsOfDefaultDevices)
@@ -325,6 +332,8 @@ TEST_F(DXRDeviceManagerTest, announcesTheListWithTheOldOneBefore)
 
 TEST_F(DXRDeviceManagerTest, refusesToWaitForItsOwnQueue)
 {
+    plug(headset());
+    const AudioObjectID shy = plug(aDevice().uid("shy").hidden().outputs(2));
     std::promise<int> refused;
     DXRDeviceManager::queue().async([&] {
         int count = 0;
@@ -336,11 +345,159 @@ TEST_F(DXRDeviceManagerTest, refusesToWaitForItsOwnQueue)
             }
         };
         expectRefusal([&] { manager.adoptHiddenDevice("x"); });
-        expectRefusal([&] { manager.deviceWithDeviceID(1, output); });
-        expectRefusal([&] { manager.deviceWithDeviceUID("x", output); });
+        expectRefusal([&] { manager.deviceWithDeviceID(shy, output); });
         refused.set_value(count);
+        // There is nothing to wait for.
+        EXPECT_TRUE(manager.deviceWithDeviceUID("headset", output));
+        EXPECT_EQ(manager.deviceWithDeviceUID("nobody", output), nullptr);
+        EXPECT_EQ(manager.deviceWithDeviceID(1, output), nullptr);
     });
-    EXPECT_EQ(refused.get_future().get(), 3);
+    EXPECT_EQ(refused.get_future().get(), 2);
+}
+
+TEST_F(DXRDeviceManagerTest, leavesHiddenDevicesAloneWhenAsked)
+{
+    using enum DXRDeviceManager::HiddenDevices;
+    const AudioObjectID shy = plug(aDevice().uid("shy").hidden().outputs(2));
+    DXRDeviceManager::queue().sync([&] { // where adopting is refused
+        EXPECT_EQ(manager.deviceWithDeviceUID("shy", output, Leave), nullptr);
+        EXPECT_EQ(manager.deviceWithDeviceID(shy, output, Leave), nullptr);
+    });
+    EXPECT_TRUE(manager.connectedDevices().empty());
+    ASSERT_TRUE(device("shy", output));
+    DXRDeviceManager::queue().sync([&] {
+        EXPECT_TRUE(manager.deviceWithDeviceUID("shy", output, Leave));
+        EXPECT_EQ(manager.deviceWithDeviceUID("shy", input), nullptr) << "adopted, and without inputs";
+    });
+}
+
+TEST_F(DXRDeviceManagerTest, callsObserversAfterTheUpdateOfAnAdoption)
+{
+    plug(aDevice().uid("shy").hidden().outputs(2));
+    const CXRef<DXRDevice> shy = manager.deviceFromArchive(
+        bytesOf(R"(DXRDevice:{"vn":1,"ref":"{\"uid\":\"shy\",\"i\":false}","c":2})"));
+    int calls = 0;
+    const auto observation = shy->kvo()->observe("isConnected", [&](const std::string&, DXRKVOChange change) {
+        if (change == DXRKVOChange::Will)
+            return;
+        ++calls;
+        EXPECT_EQ(device("shy", output), shy);
+        EXPECT_TRUE(manager.connectedDevices().contains(shy));
+        auto other = std::async(std::launch::async, [&] { return manager.connectedDevices().size(); });
+        EXPECT_EQ(other.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    });
+    EXPECT_TRUE(manager.adoptHiddenDevice(
+        "shy")); // on the main thread, which runs the update while the queue is idle
+    settle();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(DXRDeviceManagerTest, tellsOfADefaultDeviceThatCouldNotBeReadAtOnce)
+{
+    plug(headset());
+    plug(aDevice().uid("mic").inputs(1));
+    const CXRef<DXRDevice> mic = device("mic", input);
+    toldSinceLast();
+    hal.failReads(kAudioHardwarePropertyDefaultInputDevice, 1, 2, kAudioHardwareUnspecifiedError);
+    hal.setDefault(HALDirection::Input, "mic");
+    Devices updated;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (updated.empty() && std::chrono::steady_clock::now() < deadline) {
+        settle();
+        updated = toldSinceLast().updated;
+    }
+    EXPECT_EQ(updated, (Devices{device("headset", input), mic}));
+}
+
+TEST_F(DXRDeviceManagerTest, showsNoDeviceThatMayBeHidden)
+{
+    plug(headset());
+    toldSinceLast();
+    hal.failReads(kAudioDevicePropertyIsHidden, 1, 1'000'000, kAudioHardwareUnspecifiedError);
+    hal.plug(aDevice().uid("shy").hidden().outputs(2));
+    hal.plug(aDevice().uid("plain").outputs(2));
+    settle();
+    EXPECT_TRUE(told.empty()) << "the known device stays, too";
+    hal.failReads(kAudioDevicePropertyIsHidden, 1, 0, 0);
+    Devices connected;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (connected.empty() && std::chrono::steady_clock::now() < deadline) {
+        settle();
+        connected = toldSinceLast().connected;
+    }
+    EXPECT_EQ(connected, Devices{device("plain", output)});
+}
+
+TEST_F(DXRDeviceManagerTest, answersAllDevicesThatAReferenceMayMean)
+{
+    const auto monitor = [](const std::string& port) {
+        return aDevice()
+            .uid("AppleGFXHDAEngineOutputDP:" + port + ":{7}")
+            .transport(kAudioDeviceTransportTypeDisplayPort)
+            .outputs(2);
+    };
+    const AudioObjectID first = plug(monitor("1:1"));
+    plug(monitor("2:2"));
+    plug(monitor("3:3"));
+    const CXRef<DXRDevice> one = manager.deviceWithDeviceID(first, output);
+    const CXRef<DXRDevice> two = device("AppleGFXHDAEngineOutputDP:2:2:{7}", output);
+    const CXRef<DXRDevice> three = device("AppleGFXHDAEngineOutputDP:3:3:{7}", output);
+    using List = std::vector<CXRef<DXRDevice>>;
+    const std::string text = one->reference()->string();
+    EXPECT_EQ(manager.devicesWithReference(text), List{one});
+    std::string elsewhere = text;
+    elsewhere.replace(elsewhere.find("1:1"), 3, "9:9");
+    EXPECT_EQ(manager.devicesWithReference(elsewhere), (List{one, two, three}));
+    unplug(one->deviceUID());
+    EXPECT_EQ(manager.devicesWithReference(text), (List{two, three, one})) << "as deviceWithReference()";
+    EXPECT_EQ(manager.deviceWithReference(text), two);
+    EXPECT_TRUE(manager.devicesWithReference("{}").empty());
+}
+
+TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
+{
+    plug(headset());
+    const CXRef<DXRDevice> phones = device("headset", output);
+    std::atomic<bool> isDone{false};
+    std::thread changes([&] {
+        while (!isDone) {
+            manager.deviceWasUpdated(phones);
+            DXRDeviceManager::queue().sync([] {});
+        }
+    });
+    for (int round = 0; round < 500; ++round) {
+        const CXRef<platform::SerialQueue> queue =
+            round % 2 == 0 ? platform::SerialQueue::initWithLabel("own") : nullptr;
+        auto isAlive = std::make_unique<std::atomic<bool>>(true); // freed when the removal is over
+        std::atomic<int> calls{0};
+        const DXRDeviceManager::NotifierBlock block = [&, alive = isAlive.get()](const auto&...) {
+            ++calls;
+            std::this_thread::yield();
+            EXPECT_TRUE(*alive);
+        };
+        manager.addDeviceNotifier(queue, block);
+        while (calls == 0)
+            std::this_thread::yield();
+        manager.removeDeviceNotifier(block, DXRDeviceManager::WhenRunning::Wait);
+        *isAlive = false;
+        isAlive.reset();
+    }
+    isDone = true;
+    changes.join();
+
+    // By one that is called before it, and by itself.
+    int calls = 0;
+    DXRDeviceManager::NotifierBlock remover;
+    const DXRDeviceManager::NotifierBlock victim = [&](const auto&...) { calls += 100; };
+    remover = [&](const auto&...) {
+        ++calls;
+        manager.removeDeviceNotifier(victim, DXRDeviceManager::WhenRunning::Wait);
+        manager.removeDeviceNotifier(remover, DXRDeviceManager::WhenRunning::Wait);
+    };
+    manager.addDeviceNotifier(nullptr, remover);
+    manager.addDeviceNotifier(nullptr, victim);
+    unplug("headset");
+    EXPECT_EQ(calls, 1);
 }
 
 TEST(DXRDeviceManagerStart, worksForWhoeverHoldsTheLock)

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
@@ -105,8 +106,9 @@ void keepSomething()
 TEST_F(Defaults, keepValuesForTheNextProcessAndFromOtherUsers)
 {
     fs::remove_all(home);
+    inChild([] { EXPECT_EQ(contents(), ""); });
+    EXPECT_FALSE(fs::exists(home)) << "a read makes nothing";
     inChild([] {
-        EXPECT_EQ(contents(), "");
         EXPECT_TRUE(write("b", std::string("\0x\n", 3)));
         EXPECT_TRUE(write("a", "1"));
         EXPECT_TRUE(write("gone", "1"));
@@ -174,7 +176,28 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
          "is not a folder"},
         {"a folder in place of the file", [this] { fs::create_directories(file); }, "is not a file"},
         {"a pipe in place of the file", [this] { mkfifo(file.c_str(), 0600); }, "is not a file"},
-        {"a link to nowhere", [this] { fs::create_symlink("/nowhere/at/all", file); }, "No such file"},
+        {"a link in place of the file",
+         [this] {
+             std::ofstream(home / "victim") << "precious";
+             fs::create_symlink(home / "victim", file);
+         },
+         "is a link"},
+        {"a link in place of the folder",
+         [this] {
+             fs::rename(folder, home / "elsewhere");
+             fs::create_symlink(home / "elsewhere", folder);
+         },
+         "is a link"},
+        {"a folder that others may write to",
+         [this] { fs::permissions(folder, fs::perms::group_write, fs::perm_options::add); }, "chmod go-w"},
+        {"another user's home", // as root has with sudo -E
+         [this] {
+             fs::create_directories(home / "foreign");
+             EXPECT_EQ(chown((home / "foreign").c_str(), geteuid() == 0 ? 65534 : geteuid(), getegid()), 0);
+             unsetenv("XDG_DATA_HOME");
+             setenv("HOME", geteuid() == 0 ? (home / "foreign").c_str() : "/usr", 1);
+         },
+         "belongs to another user"},
         {"another program's database", [this] { Connection{file}("CREATE TABLE theirs(x)"); },
          "another program's"},
         {"a later version's",
@@ -224,6 +247,10 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
             EXPECT_EQ(log.lines().size(), 1U);
             EXPECT_NE(log.lines()[0].find(row.complaint), std::string::npos) << log.lines()[0];
         });
+        EXPECT_EQ(fs::exists(file) && fs::is_symlink(file) ? textOf(home / "victim") : "precious",
+                  "precious");
+        EXPECT_TRUE(!fs::exists(home / "foreign") || fs::is_empty(home / "foreign"));
+        EXPECT_TRUE(!fs::exists(home / "elsewhere") || fs::is_empty(home / "elsewhere"));
         fs::permissions(home, fs::perms::owner_all);
         if (fs::is_directory(folder))
             fs::permissions(folder, fs::perms::owner_all);
@@ -262,11 +289,6 @@ TEST_F(Defaults, setDamagedFilesAside)
                 return true;
         return false;
     };
-    const auto damagePage = [this](long page) {
-        std::fstream target(file, std::ios::binary | std::ios::in | std::ios::out);
-        target.seekp(page * 4096);
-        target << std::string(4096, 'x');
-    };
     keepSomething();
     Connection{file}("PRAGMA wal_checkpoint(TRUNCATE)");
     const std::string good = textOf(file);
@@ -295,15 +317,19 @@ TEST_F(Defaults, setDamagedFilesAside)
         inChild([] { EXPECT_EQ(contents(), "a=1 "); });
     }
 
-    // Damaged while it is in use, what is known is kept.
+    // Damaged while it is in use, which shows when the writing has begun: what is known is kept, and stored at once.
     inChild([&] {
         EXPECT_TRUE(write("b", std::string(9000, 'b')));
-        Connection{file}("PRAGMA wal_checkpoint(TRUNCATE)");
-        for (const long page : {0L, 1L, 2L, 3L})
-            damagePage(page);
+        Connection other(file);
+        other("PRAGMA wal_checkpoint(TRUNCATE)");
+        other("UPDATE entries SET value=value WHERE key='a'");
         const CapturedLog log;
+        { // in one go: the next file of the name is not meant
+            std::ofstream target(file, std::ios::binary | std::ios::in);
+            target << std::string(size_t{4} * 4096, 'x');
+        }
         EXPECT_TRUE(write("c", "3"));
-        EXPECT_EQ(log.lines().size(), 1U);
+        EXPECT_EQ(log.lines().size(), 1U) << testing::PrintToString(log.lines());
         EXPECT_EQ(contents(), "a=1 b=" + std::string(9000, 'b') + " c=3 ");
     });
     inChild([] { EXPECT_EQ(contents(), "a=1 b=" + std::string(9000, 'b') + " c=3 "); });
@@ -327,25 +353,43 @@ TEST_F(Defaults, waitForALockedDatabaseAndNoLonger)
     inChild([] { EXPECT_TRUE(write("a", "3")); });
 }
 
-TEST_F(Defaults, followALinkAndAFileThatIsExchanged)
+TEST_F(Defaults, areReadAsSoonAsAnotherProcessAllows)
+{
+    keepSomething();
+    inChild([&] {
+        const int opener =
+            open((file.string() + ".lock").c_str(), O_RDONLY); // another process, opening the file
+        ASSERT_EQ(flock(opener, LOCK_EX), 0);
+        const CapturedLog log;
+        EXPECT_EQ(contents(), "") << "it is not waited for";
+        std::atomic<int> calls{0};
+        suite()->addObserver("unknown", [&] { ++calls; });
+        EXPECT_EQ(flock(opener, LOCK_UN), 0);
+        EXPECT_TRUE(comesTrue([&] { return contents() == "old=1 "; }));
+        EXPECT_TRUE(comesTrue([&] { return calls == 1; })) << "what was looked up in vain may be there";
+        EXPECT_TRUE(log.lines().empty());
+    });
+}
+
+TEST_F(Defaults, followFilesAndFoldersThatAreExchanged)
 {
     inChild([&] {
-        const fs::path real = home / "elsewhere.db";
-        std::ofstream(real).flush();
-        fs::create_symlink(real, file);
         std::atomic<int> calls{0};
         suite()->addObserver("old", [&] { ++calls; });
         EXPECT_TRUE(write("old", "1"));
-        EXPECT_TRUE(fs::is_symlink(file));
-        EXPECT_GT(fs::file_size(real), 0U);
         EXPECT_TRUE(comesTrue([&] { return calls == 1; }));
 
+        fs::rename(folder, home / "away");
+        EXPECT_TRUE(comesTrue([&] { return calls == 2; })) << "gone with its folder";
+        fs::copy(home / "away", home / "new");
+        fs::rename(home / "new", folder);
+        EXPECT_TRUE(comesTrue([&] { return calls == 3; })) << "there again";
+        EXPECT_EQ(contents(), "old=1 ");
+
         for (const char* part : {"", "-wal", "-shm"})
-            fs::remove(real.string() + part);
-        EXPECT_TRUE(comesTrue([&] { return calls == 2; })) << "gone with the file";
-        EXPECT_EQ(contents(), "");
-        EXPECT_FALSE(fs::exists(real)) << "and it is not made again unasked";
-        std::ofstream(real).flush();
+            fs::remove(file.string() + part);
+        EXPECT_TRUE(comesTrue([&] { return calls == 4; })) << "gone with the file";
+        EXPECT_FALSE(fs::exists(file)) << "and it is not made again unasked";
         EXPECT_TRUE(write("new", "1"));
         EXPECT_EQ(contents(), "new=1 ");
     });

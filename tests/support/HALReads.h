@@ -73,6 +73,16 @@ inline std::vector<AudioObjectID> readDevices(auto& hal)
     return readList<AudioObjectID>(hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDevices));
 }
 
+/// Those that do not hide: without the monitors of sinks.
+inline std::vector<AudioObjectID> readShownDevices(HALModel& hal)
+{
+    std::vector<AudioObjectID> devices = readDevices(hal);
+    std::erase_if(devices, [&](AudioObjectID device) {
+        return readValue<uint32_t>(hal, device, at(kAudioDevicePropertyIsHidden)).value_or(1) != 0;
+    });
+    return devices;
+}
+
 /// The device of that UID; 0 when there is none.
 inline AudioObjectID deviceWithUID(auto& hal, const std::string& uid)
 {

@@ -36,17 +36,6 @@ std::string quoted(const std::string& text)
     throw ToolFailure(line);
 }
 
-/// The device that `wanted` names by ID or UID, when it hides.
-std::optional<DeviceReport> readHidden(const std::string& wanted)
-{
-    AudioObjectID deviceID = QDLAudioDeviceIDFromUID(wanted);
-    const auto [end, error] = std::from_chars(wanted.data(), wanted.data() + wanted.size(), deviceID);
-    if (error == std::errc() && end != wanted.data() + wanted.size())
-        deviceID = QDLAudioDeviceIDFromUID(wanted); // a UID that begins with digits
-    return deviceID != kAudioObjectUnknown && QDLAudioDeviceIsHidden(deviceID) ? DeviceReport::read(deviceID)
-                                                                               : std::nullopt;
-}
-
 /// What is there in this direction and could be meant: the device itself, else all of its model.
 std::vector<DeviceReport> readReferred(const DXRDeviceReference& reference)
 {
@@ -92,17 +81,21 @@ std::optional<DeviceReport> DeviceLookup::findIfKnown(const std::string& wanted,
 {
     if (isDeviceReference(wanted))
         return findReferred(wanted, direction);
-    std::vector<DeviceReport> all = DeviceReport::readAll(DeviceReport::Hidden::No);
-    if (const std::optional<DeviceReport> hidden = readHidden(wanted))
-        all.push_back(*hidden);
+    const std::vector<DeviceReport> all = DeviceReport::readAll(DeviceReport::Hidden::Yes);
     const auto hasDirection = [&](const DeviceReport& device) {
         return !direction || device[*direction].channelCount > 0;
     };
-    const auto isNamed = [&](const DeviceReport& device) { return device.displayName() == wanted; };
+    const auto isNamed = [&](const DeviceReport& device) {
+        return !device.isHidden && device.displayName() == wanted;
+    };
+    const auto hidesAndIsNamed = [&](const DeviceReport& device) {
+        return device.isHidden && device.displayName() == wanted;
+    };
     const std::string part = foldCase(wanted);
     const auto hasPart = [&](const DeviceReport& device) {
-        return !part.empty() && (foldCase(device.displayName()).find(part) != std::string::npos ||
-                                 foldCase(device.uid).find(part) != std::string::npos);
+        return !device.isHidden && !part.empty() &&
+               (foldCase(device.displayName()).find(part) != std::string::npos ||
+                foldCase(device.uid).find(part) != std::string::npos);
     };
 
     for (const DeviceReport& device : all) {
@@ -115,10 +108,11 @@ std::optional<DeviceReport> DeviceLookup::findIfKnown(const std::string& wanted,
     }
     for (const std::function<bool(const DeviceReport&)>& matches :
          {std::function<bool(const DeviceReport&)>(isNamed),
+          std::function<bool(const DeviceReport&)>(hidesAndIsNamed),
           std::function<bool(const DeviceReport&)>(hasPart)}) {
         std::vector<DeviceReport> found;
         for (const DeviceReport& device : all)
-            if (!device.isHidden && hasDirection(device) && matches(device))
+            if (hasDirection(device) && matches(device))
                 found.push_back(device);
         if (found.size() > 1)
             failAmbiguous(wanted, found);

@@ -6,12 +6,14 @@
 /// Threads: any.
 class DeviceLookup {
 public:
-    /// The device that the reference `wanted` names, or could name if it has moved; or the one of the ID or UID
-    /// `wanted`; else the one device of that display name; else the one whose display name or UID has `wanted` in it,
-    /// whatever the case. Hidden devices are found by ID or UID only. With a direction, the device must have channels in
-    /// it, and names are looked for among those that do. Throws ToolFailure, with the candidates when there are several.
+    /// The device that the reference `wanted` names, or could name if it has moved; or the one of the ID or
+    /// UID `wanted`; else the one device of that display name; else the one whose display name or UID has
+    /// `wanted` in it, whatever the case. Hidden devices are found by ID, UID or whole name. With a
+    /// direction, the device must have channels in it, and names are looked for among those that do. Throws
+    /// ToolFailure, with the candidates when there are several.
     static DeviceReport find(const std::string& wanted, std::optional<HALDirection> direction = std::nullopt);
-    /// The same, but nothing where find() would say that there is no such device, or that a text is no reference.
+    /// The same, but nothing where find() would say that there is no such device, or that a text is no
+    /// reference.
     static std::optional<DeviceReport> findIfKnown(const std::string& wanted,
                                                    std::optional<HALDirection> direction = std::nullopt);
 };

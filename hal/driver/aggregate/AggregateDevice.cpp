@@ -66,6 +66,7 @@ HALDeviceState AggregateDevice::look()
 {
     const std::scoped_lock lock(_mutex);
     _lookAtSubDevices();
+    _publishStatus();
     return _composedState();
 }
 
@@ -112,14 +113,15 @@ HALDeviceState AggregateDevice::_composedState() const
     for (const SubDevice& each : _subDevices)
         if (each.device)
             state.aggregate->activeSubDevices.push_back(each.device->objectID());
-    if (const SubDevice* leader = _leader()) {
+    const SubDevice* leader = _leader();
+    state.isStalled = _table && (!_io || !leader || leader->state.isStalled);
+    if (leader) {
         state.clockDomain = leader->state.clockDomain;
         state.nominalSampleRate = leader->state.nominalSampleRate;
         state.actualSampleRate = leader->state.actualSampleRate;
         state.bufferFrameSize = leader->state.bufferFrameSize;
         state.bufferFrameSizeRange = leader->state.bufferFrameSizeRange;
         state.sampleRates = leader->state.sampleRates;
-        state.isStalled = _io && leader->state.isStalled;
         for (const SubDevice& each : _subDevices)
             if (each.device)
                 state.sampleRates = commonRates(state.sampleRates, each.state.sampleRates);
@@ -202,7 +204,7 @@ CXPlist AggregateDevice::_composition() const
     return composition;
 }
 
-void AggregateDevice::_publish()
+void AggregateDevice::_publishStatus()
 {
     std::vector<AggregateStatus::SubDevice> status(_subDevices.size());
     const SubDevice* leader = _leader();
@@ -216,6 +218,11 @@ void AggregateDevice::_publish()
         status[place].track = _io->track(place);
     }
     _status->set(std::move(status));
+}
+
+void AggregateDevice::_publish()
+{
+    _publishStatus();
     _sink.deviceChanged(*this, _composedState());
 }
 

@@ -56,6 +56,7 @@ private:
     void _composeDirection(HALDeviceState& state, HALDirection direction) const;
     uint32_t _pathLatency(const SubDevice& subDevice, HALDirection direction) const;
     CXPlist _composition() const;
+    void _publishStatus();
     void _publish();
 
     bool _isCompensated(size_t place) const;

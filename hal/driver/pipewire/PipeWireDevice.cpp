@@ -96,11 +96,20 @@ PipeWireNode* PipeWireDevice::node(HALDirection direction) const
     return serial == 0 ? nullptr : _mirror.node(serial);
 }
 
+bool PipeWireDevice::isPresent() const
+{
+    return std::ranges::all_of(std::array{_parts.sink, _parts.source}, [this](uint64_t serial) {
+        return serial == 0 || _mirror.node(serial) != nullptr;
+    });
+}
+
 std::vector<const PipeWirePort*> PipeWireDevice::_ports(HALDirection direction) const
 {
     const PipeWireNode* half = node(direction);
     if (!half)
         return {};
+    if (_parts.isMonitor)
+        return half->monitorPorts();
     return direction == HALDirection::Output ? half->playbackPorts() : half->capturePorts();
 }
 
@@ -165,14 +174,16 @@ uint32_t PipeWireDevice::mostFrames(const PipeWireClockSettings& settings) const
 std::optional<uint32_t> PipeWireDevice::cardDevice(HALDirection direction) const
 {
     const PipeWireNode* half = node(direction);
-    return half && card() ? half->properties().number("card.profile.device") : std::nullopt;
+    return half && card() && !_parts.isMonitor ? half->properties().number("card.profile.device")
+                                               : std::nullopt;
 }
 
 std::optional<PipeWireDevice::VolumePlace> PipeWireDevice::volumePlace(HALDirection direction) const
 {
     const PipeWireNode* half = node(direction);
     // A duplex node has one volume, and it is that of what is played.
-    if (!half || (half->kind() == PipeWireNode::Kind::Duplex && direction == HALDirection::Input))
+    if (!half || _parts.isMonitor ||
+        (half->kind() == PipeWireNode::Kind::Duplex && direction == HALDirection::Input))
         return std::nullopt;
     if (const std::optional<uint32_t> device = cardDevice(direction)) {
         const std::optional<PipeWireRoute> route =
@@ -188,11 +199,9 @@ std::optional<PipeWireDevice::VolumePlace> PipeWireDevice::volumePlace(HALDirect
 HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
 {
     HALDeviceState state;
-    const PipeWireNode* half = node(HALDirection::Output);
-    if (!half)
-        half = node(HALDirection::Input);
-    if (!half)
+    if (!isPresent())
         return state;
+    const PipeWireNode* half = node(_parts.sink != 0 ? HALDirection::Output : HALDirection::Input);
     const PipeWireNodeProperties properties(half->properties(), card() ? &card()->properties() : nullptr);
     state.uid = _uid;
     state.name = pipeWireDeviceName(properties, _parts.isWholeCard);
@@ -200,6 +209,11 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
     state.modelUID = pipeWireModelUID(properties);
     state.transportType = pipeWireTransportType(properties);
     state.isHidden = pipeWireIsHidden(half->properties());
+    if (_parts.isMonitor) {
+        state.name = "Monitor of " + state.name;
+        state.modelUID.reset(); // no input of another unit of the model stands in for it
+        state.isHidden = true;
+    }
     state.clockDomain = _clockDomain();
     state.groupDomain = groupDomain();
     state.sampleRates = _sampleRates(settings);
@@ -233,6 +247,10 @@ HALDirectionState PipeWireDevice::_describe(HALDirection direction, const HALDev
     state.stereoChannels = stereoPair(ports);
     state.latencyFrames = latencyFrames(half->latency(direction == HALDirection::Output),
                                         device.nominalSampleRate, device.bufferFrameSize);
+    if (state.latencyFrames == 0 && !_parts.isMonitor)
+        state.latencyFrames = static_cast<uint32_t>(
+            std::lround(std::min(10.0, pipeWireNetworkSeconds({half->properties(), nullptr})) *
+                        device.nominalSampleRate));
     state.canBeDefault = !device.isHidden;
     _describeRoutes(direction, state);
 

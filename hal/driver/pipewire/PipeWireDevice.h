@@ -14,6 +14,7 @@
 class PipeWireRun;
 
 /// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its IO.
+/// The monitor of a sink is a device of its own, hidden and without a volume.
 /// Threads: the loop's.
 class PipeWireDevice {
 public:
@@ -23,6 +24,7 @@ public:
         uint64_t source = 0;
         uint64_t card = 0;
         bool isWholeCard = false; ///< a sink and a source of one card
+        bool isMonitor = false;   ///< the input is what is played to the sink that is `source`
         friend bool operator==(const Parts&, const Parts&) = default;
         friend auto operator<=>(const Parts&, const Parts&) = default;
     };
@@ -44,7 +46,10 @@ public:
         return _nodeNames[static_cast<size_t>(direction)];
     }
 
-    /// Everything the HAL says of the device now.
+    /// Whether every node it is made of still exists. Between a node's removal and the lot of changes it is
+    /// part of, the device outlives it.
+    bool isPresent() const;
+    /// The state of the device now; an empty one when it is not present.
     HALDeviceState describe(const PipeWireClockSettings& settings);
     /// Null when the device has none in the direction, or it is gone.
     PipeWireNode* node(HALDirection direction) const;

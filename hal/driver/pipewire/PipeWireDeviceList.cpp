@@ -33,7 +33,8 @@ void PipeWireDeviceList::forgetAll()
 void PipeWireDeviceList::enumerated()
 {
     _isEnumerated = true;
-    // By name, so that of several with equal UIDs each gets the same one again, whatever order they come in.
+    // By name, so that of several with equal UIDs each gets the same one again,
+    // whatever order they come in.
     std::vector<std::pair<std::string, uint64_t>> inOrder;
     for (const uint64_t serial : std::exchange(_waiting, {})) {
         const PipeWireGroup group = _mirror.group(serial);
@@ -88,7 +89,7 @@ void PipeWireDeviceList::_update(uint64_t serial, Patience allowed)
         const auto known = std::ranges::find(devices, parts, [](const auto& each) { return each->parts(); });
         if (known != devices.end())
             _client.deviceChanged(**known);
-        else if (allowed == Patience::Some && _looksUnfinished(group, parts))
+        else if (allowed == Patience::Some && _looksUnfinished(devices, group, parts))
             keepsBack = true;
         else
             _add(devices, group, parts);
@@ -118,39 +119,98 @@ std::vector<PipeWireDevice::Parts> PipeWireDeviceList::_partsOf(const PipeWireGr
             sources.push_back(node);
             break;
         case PipeWireNode::Kind::Duplex:
-            all.push_back({node->serial(), node->serial(), card, false});
+            all.push_back({node->serial(), node->serial(), card, false, false});
             break;
         }
     }
     if (group.card && all.empty() && sinks.size() == 1 && sources.size() == 1)
-        return {{sinks.front()->serial(), sources.front()->serial(), card, true}};
-    for (const PipeWireNode* sink : sinks)
-        all.push_back({sink->serial(), 0, card, false});
-    for (const PipeWireNode* source : sources)
-        all.push_back({0, source->serial(), card, false});
+        all.push_back({sinks.front()->serial(), sources.front()->serial(), card, true, false});
+    const bool isWholeCard = !all.empty() && all.front().isWholeCard;
+    if (!isWholeCard) {
+        for (const PipeWireNode* sink : sinks)
+            all.push_back({sink->serial(), 0, card, false, false});
+        for (const PipeWireNode* source : sources)
+            all.push_back({0, source->serial(), card, false, false});
+    }
+    for (const PipeWireNode* sink : sinks) // after the sinks' own devices, whose UIDs theirs are made of
+        if (!sink->monitorPorts().empty())
+            all.push_back({0, sink->serial(), card, isWholeCard, true});
     return all;
 }
 
-bool PipeWireDeviceList::_looksUnfinished(const PipeWireGroup& group,
+/// The device of the sink that the monitor of `parts` belongs to; null while
+/// that is kept back.
+const PipeWireDevice* PipeWireDeviceList::_monitored(const Devices& devices,
+                                                     const PipeWireDevice::Parts& parts)
+{
+    const auto sink =
+        std::ranges::find(devices, parts.source, [](const auto& each) { return each->parts().sink; });
+    return sink == devices.end() ? nullptr : sink->get();
+}
+
+bool PipeWireDeviceList::_looksUnfinished(const Devices& devices, const PipeWireGroup& group,
                                           const PipeWireDevice::Parts& parts) const
 {
     if (group.card && !parts.isWholeCard)
         return true; // the other half may be on its way
+    if (parts.isMonitor) {
+        const PipeWireNode* sink = _nodeOf(parts);
+        return !_monitored(devices, parts) || sink->monitorPorts().size() < sink->playbackPorts().size();
+    }
     const PipeWireNode* sink = parts.sink == 0 ? nullptr : _mirror.node(parts.sink);
     const PipeWireNode* source = parts.source == 0 ? nullptr : _mirror.node(parts.source);
     return (sink && sink->playbackPorts().empty()) || (source && source->capturePorts().empty());
 }
 
-std::string PipeWireDeviceList::_newUID(const PipeWireGroup& group, const PipeWireDevice::Parts& parts) const
+const PipeWireNode* PipeWireDeviceList::_nodeOf(const PipeWireDevice::Parts& parts) const
 {
-    const PipeWireNode* node = _mirror.node(parts.sink != 0 ? parts.sink : parts.source);
-    const PipeWireNodeProperties properties(node->properties(),
+    return _mirror.node(parts.sink != 0 ? parts.sink : parts.source);
+}
+
+std::string PipeWireDeviceList::_newUID(const Devices& devices, const PipeWireGroup& group,
+                                        const PipeWireDevice::Parts& parts) const
+{
+    if (parts.isMonitor)
+        return _monitored(devices, parts)->uid() + ".monitor";
+    const PipeWireNodeProperties properties(_nodeOf(parts)->properties(),
                                             group.card ? &group.card->properties() : nullptr);
-    const std::string uid = pipeWireUID(properties, parts.isWholeCard);
+    return pipeWireUID(properties, parts.isWholeCard);
+}
+
+std::string PipeWireDeviceList::_uniqueUID(const std::string& uid) const
+{
     std::string unique = uid;
     for (int number = 2; _byUID.contains(unique); ++number)
         unique = uid + "#" + std::to_string(number);
     return unique;
+}
+
+/// The group whose device has the UID that a newer device of `parts` is to
+/// have.
+std::optional<uint64_t> PipeWireDeviceList::_groupToDisplace(const std::string& uid,
+                                                             const PipeWireDevice::Parts& parts) const
+{
+    const auto holder = _byUID.find(uid);
+    if (parts.isMonitor || holder == _byUID.end() || !_isNewer(parts, *holder->second))
+        return std::nullopt;
+    for (const auto& [serial, devices] : _groups)
+        for (const std::unique_ptr<PipeWireDevice>& device : devices)
+            if (device.get() == holder->second)
+                return serial;
+    return std::nullopt;
+}
+
+/// Whether both are network devices, and the server made the one of `parts`
+/// after the other.
+bool PipeWireDeviceList::_isNewer(const PipeWireDevice::Parts& parts, const PipeWireDevice& other) const
+{
+    const PipeWireNode* newer = _nodeOf(parts);
+    const PipeWireNode* older = _nodeOf(other.parts());
+    const auto isNetwork = [](const PipeWireNode* node) {
+        return node && !node->cardID() && pipeWireIsNetwork({node->properties(), nullptr});
+    };
+    return isNetwork(newer) && isNetwork(older) &&
+           newer->properties().number("object.serial") > older->properties().number("object.serial");
 }
 
 std::string PipeWireDeviceList::_nodeName(uint64_t serial) const
@@ -162,14 +222,26 @@ std::string PipeWireDeviceList::_nodeName(uint64_t serial) const
 void PipeWireDeviceList::_add(Devices& devices, const PipeWireGroup& group,
                               const PipeWireDevice::Parts& parts)
 {
-    PipeWireDevice& device = *devices.emplace_back(std::make_unique<PipeWireDevice>(
-        _mirror, parts, _newUID(group, parts), _nodeName(parts.source), _nodeName(parts.sink)));
+    const std::string uid = _newUID(devices, group, parts);
+    const std::optional<uint64_t> displaced = _groupToDisplace(uid, parts);
+    if (displaced)
+        for (const std::unique_ptr<PipeWireDevice>& older : std::exchange(_groups.at(*displaced), {}))
+            _remove(older);
+
+    // A monitor has no node's name: the session manager names the sink itself
+    // where there is no source, and that does not make the monitor a default
+    // device.
+    const std::string sourceName = parts.isMonitor ? std::string() : _nodeName(parts.source);
+    PipeWireDevice& device = *devices.emplace_back(
+        std::make_unique<PipeWireDevice>(_mirror, parts, _uniqueUID(uid), sourceName, _nodeName(parts.sink)));
     for (const HALDirection direction : halDirections)
         if (const std::string& name = device.nodeName(direction); !name.empty())
             _byNode[static_cast<size_t>(direction)].emplace(name, &device);
     _byUID[device.uid()] = &device;
     _client.deviceAppeared(device);
     _byID[device.objectID] = &device;
+    if (displaced)
+        _update(*displaced, Patience::None); // under other UIDs
 }
 
 void PipeWireDeviceList::_remove(const std::unique_ptr<PipeWireDevice>& device)

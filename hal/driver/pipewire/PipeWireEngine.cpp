@@ -5,19 +5,37 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds maxWaitForEnumeration{2000};
+constexpr std::chrono::seconds maxWaitForEnumeration{2};
+// A process that has no more threads has none for the loop either; then nothing was ever reported.
+constexpr std::chrono::seconds maxWaitForEnd{10};
 
 } // namespace
+
+PipeWireEngine::PipeWireEngine(const std::optional<std::string>& remote)
+    : _remote(remote), _loop([this] {
+          _hasLoop = true;
+          _beginWhenReady();
+      })
+{}
 
 void PipeWireEngine::start(HALDriverSink& sink)
 {
     _enumerateUntil = std::chrono::steady_clock::now() + maxWaitForEnumeration;
     _loop.post([this, &sink] {
         _sink = &sink;
-        PipeWireModel& model = *this;
-        _hardware = std::make_unique<PipeWireHardware>(_loop, model, _remote);
-        _hardware->connect();
+        _beginWhenReady();
+        if (!_hardware)
+            enumerated(); // without a loop there is nothing to wait for
     });
+}
+
+void PipeWireEngine::_beginWhenReady()
+{
+    if (!_hasLoop || !_sink)
+        return;
+    PipeWireModel& model = *this;
+    _hardware = std::make_unique<PipeWireHardware>(_loop, model, _remote);
+    _hardware->connect();
 }
 
 void PipeWireEngine::stop()
@@ -30,7 +48,7 @@ void PipeWireEngine::stop()
         reply->finish(kAudioHardwareNoError);
     });
     if (!_loop.isCurrent())
-        reply->wait(HALDeadline::max());
+        reply->wait(std::chrono::steady_clock::now() + maxWaitForEnd);
 }
 
 HALStatus PipeWireEngine::carryOut(const Work& work, HALDeadline deadline)

@@ -29,9 +29,10 @@ public:
     void waitUntilEnumerated();
 
 private:
-    explicit PipeWireEngine(const std::optional<std::string>& remote) : _remote(remote) {}
+    explicit PipeWireEngine(const std::optional<std::string>& remote);
     ~PipeWireEngine() override = default;
 
+    void _beginWhenReady();
     AudioObjectID deviceAppeared(const HALDeviceState& state) override;
     void deviceChanged(AudioObjectID deviceID, const HALDeviceState& state) override;
     void deviceDisappeared(AudioObjectID deviceID) override;
@@ -47,7 +48,8 @@ private:
     std::atomic<bool> _isEnumerated{false};
 
     // The loop's.
-    HALDriverSink* _sink = nullptr;
+    bool _hasLoop = false;
+    HALDriverSink* _sink = nullptr; // from start() to stop()
     std::unordered_map<AudioObjectID, CXRef<HALDeviceDriver>>
         _drivers; // by the loop's own number of the device
     AudioObjectID _lastNumber = kAudioObjectUnknown;

@@ -126,7 +126,8 @@ void PipeWireHardware::deviceDisappears(PipeWireDevice& device)
 
 void PipeWireHardware::_publish(PipeWireDevice& device)
 {
-    _model.deviceChanged(device.objectID, device.describe(_settings));
+    if (device.isPresent()) // else its end is about to be reported, and nothing before that
+        _model.deviceChanged(device.objectID, device.describe(_settings));
 }
 
 // ---- Writes

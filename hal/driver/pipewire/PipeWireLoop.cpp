@@ -1,51 +1,112 @@
 #include "PipeWireLoop.h"
 
+#include "LogSink.h"
+#include "PipeWireTimer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <pipewire/pipewire.h>
-#include <stdexcept>
+#include <system_error>
 
 namespace {
 
-pw_loop* newLoop()
-{
-    pw_init(nullptr, nullptr); // counted; the library stays for the life of the process
-    pw_loop* loop = pw_loop_new(nullptr);
-    if (!loop)
-        throw std::runtime_error("no loop for PipeWire");
-    return loop;
-}
+constexpr std::chrono::seconds betweenAttempts{1};
 
 } // namespace
 
-PipeWireLoop::PipeWireLoop()
-    : _loop(newLoop()),
-      _wake(pw_loop_add_event(
-          _loop, [](void* self, uint64_t) { static_cast<PipeWireLoop*>(self)->_runPosted(); }, this)),
-      _thread("dxr-pipewire", [this] { _run(); })
-{}
+PipeWireLoop::PipeWireLoop(Work started) : _started(std::move(started))
+{
+    const std::scoped_lock lock(_mutex);
+    _startThread();
+}
 
 PipeWireLoop::~PipeWireLoop()
 {
     post([this] { _ended = true; });
     _thread.join();
+    if (!_loop)
+        return;
     pw_loop_destroy_source(_loop, _wake);
     pw_loop_destroy(_loop);
 }
 
+void PipeWireLoop::_startThread()
+{
+    try {
+        _thread = platform::Thread("dxr-pipewire", [this] { _run(); });
+        _hasThread = true;
+    } catch (const std::system_error& error) {
+        platform::LogSink::log(std::string("PipeWire: cannot create a thread: ") + error.what());
+    }
+}
+
 void PipeWireLoop::post(Work work)
 {
-    {
-        const std::scoped_lock lock(_mutex);
-        _posted.push_back(std::move(work));
-    }
-    pw_loop_signal_event(_loop, _wake); // one descriptor write, which any thread may do
+    const std::scoped_lock lock(_mutex);
+    _posted.push_back(std::move(work));
+    if (!_hasThread)
+        _startThread();
+    if (_wake)
+        pw_loop_signal_event(_loop, _wake); // one descriptor write, which any thread may do
+    else
+        _hasPosted.notify_one();
 }
 
 void PipeWireLoop::_run()
 {
+    _threadID = std::this_thread::get_id();
+    for (bool isFirst = true; !_ended && !_makeLoop(); isFirst = false) {
+        if (isFirst)
+            platform::LogSink::log(std::string("PipeWire: no loop, and no devices until there is one: ") +
+                                   std::strerror(errno));
+        _waitForWork();
+    }
+    if (!_loop)
+        return;
     pw_loop_enter(_loop);
-    while (!_ended)
-        pw_loop_iterate(_loop, -1);
+    _started();
+    _runPosted(); // what was posted before there was a loop to wake
+    while (!_ended) {
+        pw_loop_iterate(_loop, _millisecondsToDeadline());
+        _runTimers();
+    }
     pw_loop_leave(_loop);
+}
+
+/// False, with errno, when something is missing.
+bool PipeWireLoop::_makeLoop()
+{
+    pw_init(nullptr, nullptr); // counted; the library stays for the life of the process
+    pw_loop* loop = pw_loop_new(nullptr);
+    spa_source* wake =
+        loop ? pw_loop_add_event(
+                   loop, [](void* self, uint64_t) { static_cast<PipeWireLoop*>(self)->_runPosted(); }, this)
+             : nullptr;
+    if (!wake) {
+        const int error = errno;
+        if (loop)
+            pw_loop_destroy(loop);
+        pw_deinit(); // else it would keep what it could not load
+        errno = error;
+        return false;
+    }
+    const std::scoped_lock lock(_mutex);
+    _loop = loop;
+    _wake = wake;
+    return true;
+}
+
+void PipeWireLoop::_waitForWork()
+{
+    const auto until = Clock::now() + betweenAttempts;
+    while (!_ended && Clock::now() < until) {
+        {
+            std::unique_lock lock(_mutex);
+            _hasPosted.wait_until(lock, until, [this] { return !_posted.empty(); });
+        }
+        _runPosted();
+    }
 }
 
 void PipeWireLoop::_runPosted()
@@ -61,4 +122,21 @@ void PipeWireLoop::_runPosted()
         }
         work();
     }
+}
+
+/// -1 when nothing is to come.
+int PipeWireLoop::_millisecondsToDeadline() const
+{
+    if (_deadlines.empty())
+        return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(_deadlines.begin()->first - Clock::now());
+    return static_cast<int>(std::clamp<int64_t>(left.count(), 0, 60'000));
+}
+
+void PipeWireLoop::_runTimers()
+{
+    const auto now =
+        Clock::now(); // one that starts another in its work lets the descriptors have their turn first
+    while (!_deadlines.empty() && _deadlines.begin()->first <= now)
+        _deadlines.begin()->second->_fire();
 }

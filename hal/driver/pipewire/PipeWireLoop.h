@@ -4,21 +4,31 @@
 #include "Thread.h"
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <deque>
+#include <map>
 #include <mutex>
+#include <thread>
 
 struct pw_loop;
 struct spa_source;
+class PipeWireTimer;
 
-/// The one thread on which everything of PipeWire but the audio itself happens, so that none of it needs a lock.
-/// Threads:   post() from any thread; the rest says its own rule.
+/// The one thread on which everything of PipeWire but the audio itself happens, so that none of it needs a
+/// lock.
+/// Threads:   post() from any thread; the rest has its own rule.
 /// Real time: no.
+/// Fails:     a process without free descriptors gets no loop, and one that may have no more threads no
+///            thread; both are tried again about once a second. Until then get() is null and posted work runs
+///            without a loop.
 class PipeWireLoop {
 public:
     using Work = CXBlock<void()>;
+    using Clock = std::chrono::steady_clock;
 
-    /// Starts the thread. Throws std::runtime_error when the system has no descriptors for a loop.
-    PipeWireLoop();
+    /// Starts the thread, which calls `started` once, as soon as there is a loop.
+    explicit PipeWireLoop(Work started);
     /// Ends the thread after the work posted so far.
     ~PipeWireLoop();
     PipeWireLoop(const PipeWireLoop&) = delete;
@@ -26,18 +36,33 @@ public:
 
     /// Runs `work` on the loop's thread soon, in the order it was posted.
     void post(Work work);
-    bool isCurrent() const noexcept { return _thread.isCurrent(); }
-    /// For what is added to the loop on its own thread.
+    bool isCurrent() const noexcept { return _threadID.load() == std::this_thread::get_id(); }
+    /// For what is added to the loop on its own thread. Null before `started` is called, never afterwards.
     pw_loop* get() const noexcept { return _loop; }
 
 private:
-    void _run();
-    void _runPosted();
+    friend class PipeWireTimer; // its two places in _deadlines
+    using Deadlines = std::multimap<Clock::time_point, PipeWireTimer*>;
 
-    pw_loop* const _loop;
-    spa_source* const _wake;
+    void _startThread();
+    void _run();
+    bool _makeLoop();
+    void _waitForWork();
+    void _runPosted();
+    int _millisecondsToDeadline() const;
+    void _runTimers();
+
+    // The loop's thread's. Timers need no descriptors: the next deadline is how long the loop may sleep.
+    const Work _started;
+    pw_loop* _loop = nullptr;
+    Deadlines _deadlines;
+    bool _ended = false;
+
     std::mutex _mutex;
+    std::condition_variable _hasPosted; // for the time without a loop
     std::deque<Work> _posted;
-    bool _ended = false; // on the loop's thread
+    spa_source* _wake = nullptr; // set once, under the mutex
+    std::atomic<std::thread::id> _threadID;
+    bool _hasThread = false; // under the mutex, as the thread's start is
     platform::Thread _thread;
 };

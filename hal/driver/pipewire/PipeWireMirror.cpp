@@ -149,7 +149,7 @@ void PipeWireMirror::_cardDisappeared(uint32_t id)
     for (const uint32_t nodeID : std::set<uint32_t>(_nodesWanting[id]))
         _regroup(nodeID);
     _groups.erase(serial);
-    _groupDirty(serial);
+    _groupShrunk(serial);
 }
 
 void PipeWireMirror::_portAppeared(uint32_t id, const PipeWireProperties& properties)
@@ -230,7 +230,7 @@ void PipeWireMirror::_leaveGroup(uint32_t nodeID)
     members.nodeIDs.erase(nodeID);
     if (members.nodeIDs.empty() && !members.cardID)
         _groups.erase(serial);
-    _groupDirty(serial);
+    _groupShrunk(serial);
 }
 
 void PipeWireMirror::_groupDirty(uint64_t serial)
@@ -239,8 +239,14 @@ void PipeWireMirror::_groupDirty(uint64_t serial)
     _tellSoon();
 }
 
-/// Tells once the server's answer says that what belongs together has come: a node and its ports, say, or the ends
-/// of all ports of a node and then its own.
+void PipeWireMirror::_groupShrunk(uint64_t serial)
+{
+    _shrunkGroups.insert(serial);
+    _tellSoon();
+}
+
+/// Reports once the server's answer says that what belongs together has come: a node and its ports, say, or
+/// the ends of all ports of a node and then its own.
 void PipeWireMirror::_tellSoon()
 {
     if (_tellAsked || !_session.isConnected())
@@ -254,12 +260,16 @@ void PipeWireMirror::_tellSoon()
 
 void PipeWireMirror::_tell()
 {
+    const std::set<uint64_t> shrunk = std::exchange(_shrunkGroups, {});
     const std::set<uint64_t> groups = std::exchange(_dirtyGroups, {});
+    for (const uint64_t serial : shrunk)
+        _client.groupChanged(serial);
     if (std::exchange(_settingsDirty, false))
         _client.clockSettingsChanged();
     for (const uint64_t serial : groups)
-        _client.groupChanged(serial);
-    if (std::exchange(_defaultsDirty, false) || !groups.empty())
+        if (!shrunk.contains(serial))
+            _client.groupChanged(serial);
+    if (std::exchange(_defaultsDirty, false) || !groups.empty() || !shrunk.empty())
         _client.defaultsChanged();
     _client.changesEnded();
     if (_listedAll && !_enumerated && _unready.empty()) {

@@ -36,7 +36,9 @@ struct PipeWireDefaultNames {
     bool operator==(const PipeWireDefaultNames&) const = default;
 };
 
-/// Who hears what has changed. Called on the loop's thread, once for everything that came together.
+/// Receives the changes. Called on the loop's thread, once for everything that came together: groups that
+/// have lost something come first, so that nothing is said of what has gone, and its names are free for what
+/// has come.
 class PipeWireMirrorClient {
 public:
     /// The group, its card or its nodes have changed, appeared or gone.
@@ -54,8 +56,8 @@ protected:
     ~PipeWireMirrorClient() = default;
 };
 
-/// The devices of the server as it tells of them: nodes, cards, ports, defaults and settings, kept up to date. One
-/// change costs the same however many objects there are.
+/// The devices of the server: nodes, cards, ports, defaults and settings, kept up to
+/// date. One change costs the same however many objects there are.
 /// Threads: the loop's.
 class PipeWireMirror {
 public:
@@ -103,6 +105,7 @@ private:
     void _regroup(uint32_t nodeID);
     void _leaveGroup(uint32_t nodeID);
     void _groupDirty(uint64_t serial);
+    void _groupShrunk(uint64_t serial);
     void _tellSoon();
     void _tell();
 
@@ -124,6 +127,7 @@ private:
     uint32_t _settingsID = 0;
 
     std::set<uint64_t> _dirtyGroups;
+    std::set<uint64_t> _shrunkGroups; // those of them that have lost a node or their card
     bool _defaultsDirty = false;
     bool _settingsDirty = false;
     bool _tellAsked = false;

@@ -282,13 +282,36 @@ uint32_t pipeWireTransportType(const PipeWireNodeProperties& properties)
         return known->second;
     if (api.starts_with("bluez"))
         return kAudioDeviceTransportTypeBluetooth;
-    if (api == "raop" || name.starts_with("raop_"))
+    if (api == "raop" || name.starts_with("raop_") || name.starts_with("raop-sink-"))
         return kAudioDeviceTransportTypeAirPlay;
     if (properties.node().isTrue(PW_KEY_NODE_NETWORK))
         return kAudioDeviceTransportTypeNetwork;
     if (api == "alsa" && !properties.node().isTrue(PW_KEY_NODE_VIRTUAL))
         return kAudioDeviceTransportTypeBuiltIn;
     return kAudioDeviceTransportTypeVirtual;
+}
+
+bool pipeWireIsNetwork(const PipeWireNodeProperties& properties)
+{
+    const uint32_t transport = pipeWireTransportType(properties);
+    return transport == kAudioDeviceTransportTypeNetwork || transport == kAudioDeviceTransportTypeAirPlay;
+}
+
+double pipeWireNetworkSeconds(const PipeWireNodeProperties& properties)
+{
+    if (!pipeWireIsNetwork(properties))
+        return 0.0;
+    const PipeWireProperties& node = properties.node();
+    if (const std::optional<uint32_t> milliseconds = node.number("sess.latency.msec"))
+        return *milliseconds * 1e-3;
+    const std::string& latency = node[PW_KEY_NODE_LATENCY]; // "1200/48000"
+    uint32_t frames = 0;
+    uint32_t rate = 0;
+    if (std::sscanf(latency.c_str(), "%9u/%9u", &frames, &rate) != 2 || rate == 0)
+        return 0.0;
+    // A receiver of RTP asks for cycles of half of what it buffers.
+    const bool isReceiver = node.find("rtp.session") && !node[PW_KEY_MEDIA_CLASS].starts_with("Audio/Sink");
+    return (isReceiver ? 2.0 : 1.0) * frames / rate;
 }
 
 bool pipeWireIsHidden(const PipeWireProperties& node)

@@ -109,6 +109,11 @@ std::vector<const PipeWirePort*> PipeWireNode::capturePorts() const
     return _kind == Kind::Sink ? std::vector<const PipeWirePort*>() : _ports(false);
 }
 
+std::vector<const PipeWirePort*> PipeWireNode::monitorPorts() const
+{
+    return _kind == Kind::Sink ? _ports(false) : std::vector<const PipeWirePort*>();
+}
+
 void PipeWireNode::portAppeared(const PipeWirePort& port)
 {
     _allPorts[port.id] = port;

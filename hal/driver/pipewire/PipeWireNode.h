@@ -38,6 +38,8 @@ public:
     /// The ports that audio is played to (inputs) or recorded from, in channel order; no monitors.
     std::vector<const PipeWirePort*> playbackPorts() const;
     std::vector<const PipeWirePort*> capturePorts() const;
+    /// The ports of a sink that give back what is played to it.
+    std::vector<const PipeWirePort*> monitorPorts() const;
     void portAppeared(const PipeWirePort& port);
     void portDisappeared(uint32_t portID);
     /// Of the first playback port, or capture port; zero when it says none.

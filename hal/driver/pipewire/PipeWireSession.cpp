@@ -2,15 +2,31 @@
 
 #include "LogSink.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <pipewire/pipewire.h>
+#include <utility>
 
 namespace {
 
-// A server binds its socket a moment before it listens on it, and the kernel tells only of the first.
 constexpr std::chrono::milliseconds firstRetry{5};
 constexpr std::chrono::milliseconds lastRetry{1000};
+
+/// Whether an error that the core reports of itself is the server's reply to a request, on a connection that
+/// lives on: about an object that has just gone, or one that is not ours to use. All others end the
+/// connection, and there are many: a server that dies before it has read everything is ECONNRESET as well as
+/// EPIPE.
+bool isReply(int result)
+{
+    return result == -ENOENT || result == -EACCES || result == -EPERM;
+}
+
+/// Whether an attempt failed for want of a server, and not of something in this process.
+bool isServerAbsent(int error)
+{
+    return error == EHOSTDOWN || error == ECONNREFUSED || error == EAGAIN;
+}
 
 } // namespace
 
@@ -23,14 +39,8 @@ PipeWireSession::PipeWireSession(PipeWireLoop& loop, PipeWireSessionClient& clie
                                  std::optional<std::string> remote)
     : _loop(loop), _client(client), _remote(std::move(remote)), _listeners(std::make_unique<Listeners>()),
       _watch(loop, PipeWireSocketWatch::socketsOfRemote(_remote), [this] { _socketsChanged(); }),
-      _retryTimer(loop, [this] { _retry(); }), _lostTimer(loop, [this] { _connectionLost(); })
-{
-    // The real-time configuration also makes the audio thread a real-time thread.
-    _context =
-        pw_context_new(loop.get(), PipeWireProperties{{PW_KEY_CONFIG_NAME, "client-rt.conf"}}.copy(), 0);
-    if (!_context)
-        platform::LogSink::log(std::string("PipeWire: no context: ") + std::strerror(errno));
-}
+      _timer(loop, [this] { _turn(); }), _retryDelay(firstRetry)
+{}
 
 PipeWireSession::~PipeWireSession()
 {
@@ -39,13 +49,79 @@ PipeWireSession::~PipeWireSession()
         pw_context_destroy(_context);
 }
 
+// ---- States
+
 void PipeWireSession::connect()
 {
-    if (!_tryConnect())
-        _client.sessionFoundNoServer();
+    if (_state == State::Ended)
+        _try();
 }
 
-bool PipeWireSession::_tryConnect()
+void PipeWireSession::disconnect()
+{
+    _state = State::Ended;
+    _timer.stop();
+    _endConnection();
+}
+
+void PipeWireSession::_try()
+{
+    _timer.stop();
+    if (_makeConnection()) {
+        _state = State::Connected;
+        _connectedSince = PipeWireLoop::Clock::now();
+        _client.sessionConnected();
+    } else {
+        _wait();
+        _client.sessionFoundNoServer();
+    }
+}
+
+void PipeWireSession::_wait()
+{
+    _state = State::Waiting;
+    // The watch comes first: a socket that is made after the look is reported.
+    const bool isWatching = _watch.watch();
+    if (isWatching && !_watch.socketExists())
+        return;
+    _timer.start(_retryDelay);
+    _retryDelay = std::min(2 * _retryDelay, lastRetry);
+}
+
+void PipeWireSession::_turn()
+{
+    if (_state == State::Broken) {
+        if (PipeWireLoop::Clock::now() - _connectedSince >= lastRetry)
+            _retryDelay = firstRetry;
+        _endConnection();
+        _wait();
+    } else if (_state == State::Waiting) {
+        _try();
+    }
+}
+
+void PipeWireSession::_socketsChanged()
+{
+    // In every state: the change may be reported before the end of the connection to the last server is.
+    _retryDelay = firstRetry;
+    if (_state == State::Waiting)
+        _try();
+}
+
+void PipeWireSession::_coreError(void* data, uint32_t id, int /*sequence*/, int result,
+                                 const char* /*message*/)
+{
+    auto* self = static_cast<PipeWireSession*>(data);
+    // Errors about other objects come from races with their removal and mean nothing.
+    if (id != PW_ID_CORE || isReply(result) || self->_state != State::Connected)
+        return;
+    self->_state = State::Broken;
+    self->_timer.start(std::chrono::milliseconds(0));
+}
+
+// ---- The connection
+
+bool PipeWireSession::_makeConnection()
 {
     static const pw_core_events coreEvents = [] {
         pw_core_events events{};
@@ -56,22 +132,38 @@ bool PipeWireSession::_tryConnect()
     }();
     static const pw_registry_events registryEvents{PW_VERSION_REGISTRY_EVENTS, _global, _globalRemove};
 
-    if (_core || !_context)
-        return _core != nullptr;
+    if (!_context && !_makeContext())
+        return false;
     PipeWireProperties properties{{PW_KEY_APP_NAME, "dxr"}};
     if (_remote)
         properties.set(PW_KEY_REMOTE_NAME, *_remote);
     _core = pw_context_connect(_context, properties.copy(), 0);
-    if (!_core)
+    const int error = errno;
+    _registry = _core ? pw_core_get_registry(_core, PW_VERSION_REGISTRY, 0) : nullptr;
+    if (!_registry) {
+        if (_core)
+            pw_core_disconnect(std::exchange(_core, nullptr));
+        else if (!isServerAbsent(
+                     error)) // a context made when something was missing may lack parts of its own
+            pw_context_destroy(std::exchange(_context, nullptr));
         return false;
+    }
     pw_core_add_listener(_core, &_listeners->core, &coreEvents, this);
-    _registry = pw_core_get_registry(_core, PW_VERSION_REGISTRY, 0);
     pw_registry_add_listener(_registry, &_listeners->registry, &registryEvents, this);
-    _client.sessionConnected();
     return true;
 }
 
-void PipeWireSession::disconnect()
+bool PipeWireSession::_makeContext()
+{
+    // The real-time configuration also makes the audio thread a real-time thread.
+    _context =
+        pw_context_new(_loop.get(), PipeWireProperties{{PW_KEY_CONFIG_NAME, "client-rt.conf"}}.copy(), 0);
+    if (!_context && !std::exchange(_hasReported, true))
+        platform::LogSink::log(std::string("PipeWire: no context: ") + std::strerror(errno));
+    return _context != nullptr;
+}
+
+void PipeWireSession::_endConnection()
 {
     if (!_core)
         return;
@@ -80,31 +172,8 @@ void PipeWireSession::disconnect()
     spa_hook_remove(&_listeners->registry);
     spa_hook_remove(&_listeners->core);
     *_listeners = {};
-    pw_proxy_destroy(reinterpret_cast<pw_proxy*>(_registry));
-    pw_core_disconnect(_core);
-    _registry = nullptr;
-    _core = nullptr;
-}
-
-void PipeWireSession::_connectionLost()
-{
-    disconnect();
-    _socketsChanged(); // a new server may be there already
-}
-
-void PipeWireSession::_socketsChanged()
-{
-    _retryDelay = firstRetry;
-    _retry();
-}
-
-void PipeWireSession::_retry()
-{
-    _retryTimer.stop();
-    if (_tryConnect() || _retryDelay > lastRetry)
-        return; // from here on, only a change in the socket's folder is worth another try
-    _retryTimer.start(_retryDelay);
-    _retryDelay *= 2;
+    pw_proxy_destroy(reinterpret_cast<pw_proxy*>(std::exchange(_registry, nullptr)));
+    pw_core_disconnect(std::exchange(_core, nullptr));
 }
 
 void PipeWireSession::sync(const void* owner, PipeWireLoop::Work done)
@@ -149,16 +218,6 @@ void PipeWireSession::_coreDone(void* data, uint32_t id, int sequence)
         return;
     if (auto waiting = self->_syncs.extract(sequence))
         waiting.mapped().done();
-}
-
-void PipeWireSession::_coreError(void* data, uint32_t id, int /*sequence*/, int result,
-                                 const char* /*message*/)
-{
-    auto* self = static_cast<PipeWireSession*>(data);
-    // Errors about other objects come from races with their removal and mean nothing.
-    if (id != PW_ID_CORE || result != -EPIPE)
-        return;
-    self->_lostTimer.start(std::chrono::milliseconds(0)); // we are called by what is to be torn down
 }
 
 void PipeWireSession::_global(void* data, uint32_t id, uint32_t /*permissions*/, const char* type,

@@ -19,9 +19,10 @@ struct pw_proxy;
 class PipeWireSessionClient {
 public:
     virtual void sessionConnected() = 0;
-    /// Everything of the server is about to go: proxies, filters and listeners on them are to be destroyed now.
+    /// Everything of the server is about to go: proxies, filters and listeners on them are to be destroyed
+    /// now.
     virtual void sessionDisconnected() = 0;
-    /// Nobody listens on the server's socket.
+    /// An attempt found no server, or could not be made.
     virtual void sessionFoundNoServer() = 0;
     virtual void globalAppeared(uint32_t id, const char* type, const PipeWireProperties& properties) = 0;
     virtual void globalDisappeared(uint32_t id) = 0;
@@ -30,9 +31,23 @@ protected:
     ~PipeWireSessionClient() = default;
 };
 
-/// The connection to the server: it connects as soon as there is one, tells what objects the server has, and
-/// connects anew when the server comes back after its end. It never waits for the server: one that hangs is
-/// simply silent.
+/// The connection to the server: it connects as soon as there is one, reports the server's objects, and
+/// connects anew whenever the connection is lost. It never waits for the server: one that hangs is simply
+/// silent.
+///
+///   Ended ------ connect() --------> (try)
+///   (try) ------ connected --------> Connected
+///   (try) ------ no connection ----> Waiting
+///   Connected -- connection error -> Broken
+///   Broken ----- the loop's turn --> Waiting: the error comes from inside what is then torn down
+///   Waiting ---- timer, sockets ---> (try)
+///   any -------- disconnect() -----> Ended
+///
+/// While it waits, it tries at once when the sockets change. While a socket exists, and while changes cannot
+/// be reported, it also tries by a timer, after 5 ms at first and then up to a second: a server binds its
+/// socket a moment before it listens, and a stale socket looks like that of a server that is starting. The
+/// delay begins anew with a change of the sockets or a connection that lasted a second, so that a server that
+/// is found and lost over and over costs one attempt a second.
 /// Threads: the loop's.
 class PipeWireSession {
 public:
@@ -43,11 +58,11 @@ public:
     PipeWireSession& operator=(const PipeWireSession&) = delete;
 
     void connect();
-    /// Ends the connection, for good; the client is told.
+    /// Ends the connection and all attempts; the client is told.
     void disconnect();
     bool isConnected() const noexcept { return _core != nullptr; }
-    /// Calls `done` once the server has handled everything sent before; never, when the connection ends first.
-    /// `owner` is who must still be there then, and forgets it otherwise.
+    /// Calls `done` once the server has handled everything sent before; never, when the connection ends
+    /// first. `owner` is who must still be there then, and forgets it otherwise.
     void sync(const void* owner, PipeWireLoop::Work done);
     /// Calls nothing of this owner's any more.
     void forget(const void* owner);
@@ -57,8 +72,8 @@ public:
     /// Null without a connection.
     pw_proxy* create(const char* factory, const char* type, uint32_t version,
                      const PipeWireProperties& properties);
-    /// Returns once the audio thread has done what PipeWire has queued for it: a queue of some 400 places, which
-    /// loses what comes when it is full.
+    /// Returns once the audio thread has done what PipeWire has queued for it: a queue of some 400 places,
+    /// which loses what comes when it is full.
     void waitForAudioThread();
     pw_core* core() const noexcept { return _core; }
     PipeWireLoop& loop() const noexcept { return _loop; }
@@ -70,10 +85,15 @@ private:
         PipeWireLoop::Work done;
     };
 
-    bool _tryConnect();
-    void _connectionLost();
+    enum class State { Ended, Waiting, Connected, Broken };
+
+    void _try();
+    void _wait();
+    void _turn();
     void _socketsChanged();
-    void _retry();
+    bool _makeContext();
+    bool _makeConnection();
+    void _endConnection();
 
     static void _coreDone(void* data, uint32_t id, int sequence);
     static void _coreError(void* data, uint32_t id, int sequence, int result, const char* message);
@@ -90,8 +110,10 @@ private:
     pw_registry* _registry = nullptr;
     std::unordered_map<int, Sync> _syncs; // by the number the server gives back
 
+    State _state = State::Ended;
     PipeWireSocketWatch _watch;
-    PipeWireTimer _retryTimer;
-    std::chrono::milliseconds _retryDelay{0};
-    PipeWireTimer _lostTimer;
+    PipeWireTimer _timer; // while Waiting, or Broken
+    std::chrono::milliseconds _retryDelay;
+    PipeWireLoop::Clock::time_point _connectedSince;
+    bool _hasReported = false; // a context that cannot be made, once
 };

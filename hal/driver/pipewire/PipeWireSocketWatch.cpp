@@ -1,5 +1,6 @@
 #include "PipeWireSocketWatch.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <pipewire/pipewire.h>
@@ -40,16 +41,8 @@ std::vector<fs::path> PipeWireSocketWatch::socketsOfRemote(const std::optional<s
 
 PipeWireSocketWatch::PipeWireSocketWatch(PipeWireLoop& loop, std::vector<fs::path> sockets,
                                          PipeWireLoop::Work changed)
-    : _loop(loop), _sockets(std::move(sockets)), _changed(std::move(changed)),
-      _descriptor(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
-{
-    if (_descriptor < 0)
-        return; // without it a server that comes later is not seen; everything else works
-    _source = pw_loop_add_io(
-        _loop.get(), _descriptor, SPA_IO_IN, true,
-        [](void* self, int, uint32_t) { static_cast<PipeWireSocketWatch*>(self)->_readEvents(); }, this);
-    _watchAll();
-}
+    : _loop(loop), _sockets(std::move(sockets)), _changed(std::move(changed))
+{}
 
 PipeWireSocketWatch::~PipeWireSocketWatch()
 {
@@ -57,21 +50,46 @@ PipeWireSocketWatch::~PipeWireSocketWatch()
         pw_loop_destroy_source(_loop.get(), _source); // closes the descriptor
 }
 
-void PipeWireSocketWatch::_watchAll()
+bool PipeWireSocketWatch::watch()
+{
+    if (_source)
+        return _watchAll();
+    _descriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (_descriptor < 0)
+        return false;
+    _source = pw_loop_add_io(
+        _loop.get(), _descriptor, SPA_IO_IN, true,
+        [](void* self, int, uint32_t) { static_cast<PipeWireSocketWatch*>(self)->_readEvents(); }, this);
+    if (!_source)
+        close(_descriptor);
+    return _source && _watchAll();
+}
+
+bool PipeWireSocketWatch::socketExists() const
+{
+    return std::ranges::any_of(_sockets, [](const fs::path& socket) {
+        std::error_code unreadable;
+        return fs::exists(socket, unreadable);
+    });
+}
+
+bool PipeWireSocketWatch::_watchAll()
 {
     std::multimap<int, std::string> before;
     before.swap(_names);
+    bool watchesAll = true;
     for (const fs::path& socket : _sockets)
-        _watch(socket);
+        watchesAll = _watch(socket) && watchesAll;
     for (const auto& [watch, name] : before)
         if (!_names.contains(watch))
             inotify_rm_watch(_descriptor, watch);
+    return watchesAll;
 }
 
-void PipeWireSocketWatch::_watch(const fs::path& socket)
+bool PipeWireSocketWatch::_watch(const fs::path& socket)
 {
-    // A folder made between our look and the kernel's first report of it would be missed: look again, though not
-    // for ever at one that exists and may not be watched.
+    // A folder made between our look and the kernel's first report of it would be missed: look again, though
+    // only a few times at one that exists and may not be watched.
     for (int look = 0; look < 3; ++look) {
         fs::path waited = socket;
         int watch = -1;
@@ -85,8 +103,9 @@ void PipeWireSocketWatch::_watch(const fs::path& socket)
         if (watch >= 0 && (isSettled || look == 2))
             _names.emplace(watch, waited.filename());
         if (isSettled)
-            return;
+            return watch >= 0;
     }
+    return false;
 }
 
 void PipeWireSocketWatch::_readEvents()
@@ -97,10 +116,7 @@ void PipeWireSocketWatch::_readEvents()
         for (const char* at = room; at < room + size;) {
             inotify_event event;
             std::memcpy(&event, at, sizeof event);
-            const char* name = event.len > 0 ? at + sizeof event : "";
-            const auto [first, last] = _names.equal_range(event.wd);
-            for (auto waited = first; waited != last; ++waited)
-                concernsUs = concernsUs || event.len == 0 || waited->second == name;
+            concernsUs = concernsUs || _concernsUs(event, event.len > 0 ? at + sizeof event : "");
             at += sizeof event + event.len;
         }
     }
@@ -108,4 +124,13 @@ void PipeWireSocketWatch::_readEvents()
         return;
     _watchAll();
     _changed();
+}
+
+bool PipeWireSocketWatch::_concernsUs(const inotify_event& event, const char* name) const
+{
+    if ((event.mask & IN_Q_OVERFLOW) != 0)
+        return true; // the kernel had more reports than room for them
+    const auto [first, last] = _names.equal_range(event.wd);
+    return std::any_of(first, last,
+                       [&](const auto& waited) { return event.len == 0 || waited.second == name; });
 }

@@ -3,8 +3,9 @@
 #include "PipeWireLoop.h"
 
 #include <chrono>
+#include <optional>
 
-/// Calls work once, some time after it was last started.
+/// Calls work once, some time after it was last started. It has no descriptor of its own.
 /// Threads: the loop's.
 class PipeWireTimer {
 public:
@@ -13,12 +14,15 @@ public:
     PipeWireTimer(const PipeWireTimer&) = delete;
     PipeWireTimer& operator=(const PipeWireTimer&) = delete;
 
-    /// Calls the work `delay` from now instead of whenever it was to be called.
+    /// Calls the work `delay` from now, and no more at the time it was started for before.
     void start(std::chrono::milliseconds delay);
     void stop();
 
 private:
+    friend class PipeWireLoop;
+    void _fire();
+
     PipeWireLoop& _loop;
     const PipeWireLoop::Work _work;
-    spa_source* const _source;
+    std::optional<PipeWireLoop::Deadlines::iterator> _deadline; // while it runs
 };

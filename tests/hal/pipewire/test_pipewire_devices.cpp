@@ -116,7 +116,7 @@ TEST_F(PipeWireDevices, makesOneDeviceOfACardWithASinkAndASource)
     EXPECT_EQ(sourceName(device, value<uint32_t>(device, kAudioDevicePropertyDataSource, input), input),
               "Microphone");
     EXPECT_NE(waitForDevice(*hal, speakers.sinkName()), kAudioObjectUnknown);
-    EXPECT_EQ(readDevices(*hal).size(), 2U);
+    EXPECT_EQ(readShownDevices(*hal).size(), 2U);
 }
 
 TEST_F(PipeWireDevices, followsAndSetsTheRoutesOfACard)
@@ -201,6 +201,42 @@ TEST_F(PipeWireDevices, listsAndRunsWhatIsStrange)
     EXPECT_NE(waitForDevice(*hal, std::string(60000, 'y')), kAudioObjectUnknown);
 }
 
+TEST_F(PipeWireDevices, makesAHiddenInputOfWhatASinkPlays)
+{
+    devices.plug({.name = "speakers", .channelCount = 6, .properties = {{"node.description", "Speakers"}}});
+    FakeCard headset(server.remote(), {.name = "headset", .microphone = true});
+    const AudioObjectID speakers = waitForDevice(*hal, "speakers");
+    const AudioObjectID monitor = waitForDevice(*hal, "speakers.monitor");
+    EXPECT_EQ(text(monitor, kAudioObjectPropertyName), "Monitor of Speakers");
+    EXPECT_EQ(readValue<uint32_t>(*hal, monitor, at(kAudioDevicePropertyIsHidden)), 1U);
+    EXPECT_EQ(channelsOf(*hal, monitor, input), 6U);
+    EXPECT_EQ(channelsOf(*hal, monitor, output), 0U);
+    EXPECT_EQ(readValue<uint32_t>(*hal, monitor, at(kAudioDevicePropertyClockDomain)),
+              readValue<uint32_t>(*hal, speakers, at(kAudioDevicePropertyClockDomain)));
+    for (const uint32_t selector :
+         {kAudioDevicePropertyVolumeScalar, kAudioDevicePropertyMute, kAudioDevicePropertyDataSource})
+        EXPECT_EQ(readValue<uint32_t>(*hal, monitor, at(selector, input)), std::nullopt) << selector;
+
+    const AudioObjectID ofCard = waitForDevice(*hal, headset.deviceName() + ".monitor");
+    EXPECT_EQ(text(ofCard, kAudioObjectPropertyName), "Monitor of Fake Card");
+    EXPECT_EQ(readValue<uint32_t>(*hal, ofCard, at(kAudioDevicePropertyDataSource, input)), std::nullopt);
+
+    // Where there is no source, the session manager calls the sink the default source.
+    const auto defaultInput = at(kAudioHardwarePropertyDefaultInputDevice);
+    MetadataView metadata(devices.client(), "default");
+    metadata.set("default.audio.source", R"({ "name": "speakers" })");
+    metadata.set("default.audio.sink", R"({ "name": "speakers" })");
+    EXPECT_TRUE(eventually([&] {
+        return readValue<AudioObjectID>(*hal, kAudioObjectSystemObject,
+                                        at(kAudioHardwarePropertyDefaultOutputDevice)) == speakers;
+    }));
+    EXPECT_EQ(readValue<AudioObjectID>(*hal, kAudioObjectSystemObject, defaultInput), kAudioObjectUnknown);
+    EXPECT_NE(writeValue(*hal, kAudioObjectSystemObject, defaultInput, monitor), 0);
+
+    devices.unplug("speakers");
+    EXPECT_TRUE(eventually([&] { return deviceWithUID(*hal, "speakers.monitor") == kAudioObjectUnknown; }));
+}
+
 TEST_F(PipeWireDevices, tellsTwoOfOneNameApartAndKeepsTheirUIDs)
 {
     devices.plug({.name = "twin"});
@@ -210,7 +246,7 @@ TEST_F(PipeWireDevices, tellsTwoOfOneNameApartAndKeepsTheirUIDs)
     EXPECT_NE(second, kAudioObjectUnknown);
     EXPECT_NE(first, second);
     devices.unplug("twin");
-    EXPECT_TRUE(eventually([&] { return readDevices(*hal).size() == 1; }));
+    EXPECT_TRUE(eventually([&] { return readShownDevices(*hal).size() == 1; }));
     devices.plug({.name = "twin"});
     EXPECT_TRUE(eventually([&] {
         return deviceWithUID(*hal, "twin") != kAudioObjectUnknown &&
@@ -237,6 +273,57 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     }));
 }
 
+// A read or a listener that meets devices as they go finds each as it was, or gone: nothing in between.
+TEST_F(PipeWireDevices, goAllAtOnceWithoutAFalseValue)
+{
+    constexpr int count = 400;
+    const auto name = at(kAudioObjectPropertyName);
+    const auto uid = at(kAudioDevicePropertyDeviceUID);
+    std::atomic<size_t> falseValues{0}, announcements{0};
+    const HALListener listener{
+        nullptr, nullptr, [&](uint32_t, const AudioObjectPropertyAddress*) { ++announcements; }, nullptr};
+    MetadataView settings(devices.client(), "settings");
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < count; ++i)
+            devices.plug({.name = "sink" + std::to_string(i)});
+        ASSERT_TRUE(eventually([&] { return readShownDevices(*hal).size() == count; }));
+        std::atomic<uint64_t> cycles{0};
+        std::vector<std::unique_ptr<RunningProc>> procs;
+        for (const AudioObjectID device : readDevices(*hal)) {
+            for (const auto& address :
+                 {name, uid, at(kAudioDevicePropertyTransportType), at(kAudioDevicePropertyStreams, output)})
+                EXPECT_EQ(hal->addListener(device, address, listener), 0);
+            if (procs.size() < 20)
+                procs.push_back(std::make_unique<RunningProc>(*hal, device, [&](auto...) { ++cycles; }));
+        }
+        EXPECT_TRUE(eventually([&] { return cycles > 1000; }));
+        std::atomic<bool> done{false};
+        std::thread reader([&] {
+            while (!done)
+                for (const AudioObjectID device : readDevices(*hal)) {
+                    const uint32_t channels =
+                        channelsOf(*hal, device, output) + channelsOf(*hal, device, input);
+                    const bool isFalse = readText(*hal, device, uid) == "" ||
+                                         readText(*hal, device, name) == "" ||
+                                         (channels == 0 && readText(*hal, device, uid).has_value());
+                    falseValues += isFalse ? 1 : 0;
+                }
+        });
+        std::thread user([&] { // stops IO on devices that go just then
+            for (auto& proc : procs)
+                proc.reset();
+        });
+        devices.unplugAll();
+        settings.set("clock.force-quantum", round % 2 == 0 ? "256" : "0"); // which changes every device
+        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+        done = true;
+        user.join();
+        reader.join();
+    }
+    EXPECT_EQ(falseValues, 0U);
+    EXPECT_EQ(announcements, 0U);
+}
+
 double processorMilliseconds()
 {
     timespec used{};
@@ -254,7 +341,9 @@ TEST_F(PipeWireDevices, costTheSameHoweverManyCameBefore)
         const double before = processorMilliseconds();
         for (int i = 0; i < perRound; ++i)
             devices.plug({.name = "device-" + std::to_string(i)});
-        ASSERT_TRUE(eventually([&] { return readDevices(*hal).size() == perRound; }));
+        ASSERT_TRUE(eventually([&] {
+            return readDevices(*hal).size() == 2 * perRound; // each with its monitor
+        }));
         for (int i = 0; i < perRound; ++i)
             devices.unplug("device-" + std::to_string(i));
         ASSERT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));

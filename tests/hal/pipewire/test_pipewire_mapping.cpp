@@ -106,6 +106,7 @@ TEST(PipeWireNaming, mapsTheTransport)
          kAudioDeviceTransportTypeHDMI},
         {{{"device.api", "bluez5"}}, kAudioDeviceTransportTypeBluetooth},
         {{{"node.name", "raop_sink.livingroom"}}, kAudioDeviceTransportTypeAirPlay},
+        {{{"node.name", "raop-sink-12-1"}, {"node.virtual", "true"}}, kAudioDeviceTransportTypeAirPlay},
         {{{"node.network", "true"}}, kAudioDeviceTransportTypeNetwork},
         {{{"device.api", "alsa"}}, kAudioDeviceTransportTypeBuiltIn},
         {{{"node.virtual", "true"}}, kAudioDeviceTransportTypeVirtual},
@@ -115,21 +116,33 @@ TEST(PipeWireNaming, mapsTheTransport)
         EXPECT_EQ(pipeWireTransportType({row.node, nullptr}), row.transport) << row.node["device.bus"];
 }
 
-TEST(PipeWireText, keepsWhatIsUTF8AndReplacesTheRest)
+TEST(PipeWireNaming, findsTheLatencyOfANetworkNode)
 {
-    struct {
-        const char* bytes;
-        const char* text;
-    } const rows[] = {
-        {"plain \x1B[31m \xC3\xA9 \xF0\x9F\x8E\xA7", "plain \x1B[31m \xC3\xA9 \xF0\x9F\x8E\xA7"},
-        {"\xC3", "\xEF\xBF\xBD"},                                                 // cut short
-        {"\xC0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD"},                                 // longer than need be
-        {"\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},                 // half of a pair
-        {"\xF4\x90\x80\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"}, // beyond the last
-        {"a\xFFz", "a\xEF\xBF\xBDz"},
+    const struct {
+        const char* why;
+        PipeWireProperties node;
+        double seconds;
+    } rows[] = {
+        {"a receiver asks for cycles of half its buffer",
+         {{"node.network", "true"},
+          {"rtp.session", "A"},
+          {"media.class", "Audio/Source"},
+          {"node.latency", "1200/48000"}},
+         0.05},
+        {"a sender for those of a packet",
+         {{"node.network", "true"},
+          {"rtp.session", "A"},
+          {"media.class", "Audio/Sink"},
+          {"node.latency", "480/48000"}},
+         0.01},
+        {"as it says",
+         {{"node.network", "true"}, {"sess.latency.msec", "30"}, {"node.latency", "1/2"}},
+         0.03},
+        {"of another device it is only a wish", {{"node.latency", "1200/48000"}}, 0.0},
+        {"nonsense", {{"node.network", "true"}, {"node.latency", "1200/0"}}, 0.0},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(pipeWireText(row.bytes), row.text);
+        EXPECT_DOUBLE_EQ(pipeWireNetworkSeconds({row.node, nullptr}), row.seconds) << row.why;
 }
 
 TEST(PipeWireVolume, showsCubeRootsAndMovesAllChannelsInBalance)

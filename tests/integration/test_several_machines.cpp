@@ -1,0 +1,190 @@
+#include "DriftingDevice.h"
+#include "DxrOnPipeWire.h"
+#include "PipeWireTest.h"
+#include "PrivateProcess.h"
+#include "SessionManager.h"
+
+#include <csignal>
+#include <fstream>
+#include <sndfile.h>
+
+namespace {
+
+/// A computer of the document's: a server of its own, and what the document has it run.
+class Machine {
+public:
+    explicit Machine(std::string machineName) : _name(std::move(machineName)) {}
+    ~Machine()
+    {
+        for (const pid_t process : _running)
+            endPrivateProcess(process, SIGKILL);
+    }
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    /// The document's commands for it whose text has `part`: runs them to their end.
+    void run(const std::string& part)
+    {
+        const pid_t process = _start("set -e\n" + _commands(part));
+        int status = -1;
+        waitpid(process, &status, 0);
+        EXPECT_EQ(status, 0) << part;
+    }
+    /// The same, for one command that runs until end().
+    void begin(const std::string& part) { _running.push_back(_start("exec " + _commands(part))); }
+    /// Ends what was begun last.
+    void end(int signal)
+    {
+        endPrivateProcess(_running.back(), signal);
+        _running.pop_back();
+    }
+
+    PrivateServer server{{.metadata = false}};
+
+private:
+    std::string _commands(const std::string& part) const
+    {
+        std::ifstream file(DXR_DOCUMENT);
+        std::string commands;
+        bool isOurs = false;
+        for (std::string line; std::getline(file, line);) {
+            if (!line.starts_with("```")) {
+                commands += isOurs ? line + "\n" : "";
+                continue;
+            }
+            if (isOurs && commands.find(part) != std::string::npos)
+                return commands;
+            commands.clear();
+            isOurs = line == "```sh " + _name;
+        }
+        ADD_FAILURE() << "nothing for the " << _name << " about " << part;
+        return {};
+    }
+    pid_t _start(const std::string& commands)
+    {
+        const std::string tools = std::filesystem::path(DXR_TOOL).parent_path();
+        // A port that no other run of this test uses at the same time.
+        return startPrivateProcess({"sh", "-c", "cd; " + commands}, server.folder(),
+                                   {"DESK=127.0.0.1", "SAP_PORT=" + std::to_string(20000 + getpid() % 20000),
+                                    "PATH=" + tools + ":/usr/local/bin:/usr/bin:/bin"});
+    }
+
+    const std::string _name;
+    std::vector<pid_t> _running;
+    SessionManager _manager{server};
+};
+
+class SeveralMachines : public testing::Test {
+protected:
+    SeveralMachines()
+    {
+        studio.run("to-desk.conf <<");
+        desk.run("from-others.conf <<");
+        desk.begin("pipewire -c");
+        studio.begin("pipewire -c");
+        const CXRef<HALModel> atTheStudio = HALModel::initWithDriver(PipeWireDriver::initWithRemote(studio.server.remote()));
+        EXPECT_NE(waitForDevice(*atTheStudio, "to-desk"), kAudioObjectUnknown);
+        EXPECT_NE(waitForDevice(*hal, "Studio A"), kAudioObjectUnknown);
+    }
+
+    Machine studio{"studio"}, desk{"desk"};
+    const CXRef<PipeWireDriver> hal =
+        PipeWireDriver::initWithRemote(desk.server.remote()); // the desk's devices
+};
+
+void writeTone(const std::string& path, int seconds)
+{
+    SF_INFO info{};
+    info.samplerate = 48000;
+    info.channels = 2;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    std::vector<float> samples(size_t{96000} * static_cast<size_t>(seconds));
+    for (size_t i = 0; i < samples.size(); ++i)
+        samples[i] = 0.5F * std::sin(static_cast<float>(i / 2) * 0.05F);
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    sf_writef_float(file, samples.data(), info.samplerate * seconds);
+    sf_close(file);
+}
+
+/// The loudest sample of each channel.
+std::vector<float> peaksOf(const std::string& path)
+{
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (!file)
+        return {};
+    std::vector<float> peaks(static_cast<size_t>(info.channels));
+    for (std::vector<float> frame(peaks.size()); sf_readf_float(file, frame.data(), 1) == 1;)
+        for (size_t channel = 0; channel < peaks.size(); ++channel)
+            peaks[channel] = std::max(peaks[channel], std::abs(frame[channel]));
+    sf_close(file);
+    return peaks;
+}
+
+TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
+{
+    VirtualDevices devices(desk.server.remote());
+    devices.plug({.name = "mic",
+                  .mediaClass = "Audio/Source/Virtual",
+                  .channelCount = 1,
+                  .properties = {{"node.description", "Desk Microphone"}}});
+    const AudioObjectID first = deviceWithUID(*hal, "Studio A");
+    EXPECT_EQ(readValue<uint32_t>(*hal, first, at(kAudioDevicePropertyTransportType)),
+              kAudioDeviceTransportTypeNetwork);
+    EXPECT_EQ(readValue<uint32_t>(*hal, first, at(kAudioDevicePropertyLatency, input)), 2400U) << "50 ms";
+    EXPECT_EQ(channelsOf(*hal, first, input), 2U);
+
+    writeTone(studio.server.folder() / "song.wav", 8);
+    studio.begin("dxr play");
+    desk.run("dxr record");
+    studio.end(SIGINT);
+    const std::vector<float> peaks = peaksOf(desk.server.folder() / "both.wav");
+    ASSERT_EQ(peaks.size(), 3U);
+    EXPECT_NEAR(peaks[0], 0.5F, 0.1F);
+    EXPECT_NEAR(peaks[1], 0.5F, 0.1F);
+    EXPECT_EQ(peaks[2], 0.0F) << "the microphone's";
+
+    studio.end(SIGKILL);
+    studio.begin("pipewire -c");
+    AudioObjectID second = first;
+    EXPECT_TRUE(eventually([&] {
+        second = deviceWithUID(*hal, "Studio A");
+        return second != kAudioObjectUnknown && second != first;
+    })) << "the new sender has the UID";
+    EXPECT_NE(waitForDevice(*hal, "Studio A#2"), kAudioObjectUnknown) << "and the one left over another";
+    EXPECT_EQ(deviceWithUID(*hal, "Studio A"), second);
+}
+
+/// From the slowest device of a report to the fastest; the one that leads is at 0.
+double spreadOfClocks(const std::string& report)
+{
+    double slowest = 0.0, fastest = 0.0;
+    for (size_t unit = report.find(" ppm"); unit != std::string::npos; unit = report.find(" ppm", unit + 1)) {
+        const double each = std::atof(report.c_str() + report.find_last_of(' ', unit - 1));
+        slowest = std::min(slowest, each);
+        fastest = std::max(fastest, each);
+    }
+    return fastest - slowest;
+}
+
+// What another machine plays goes to two sinks of this one, whose clocks differ. The network node follows one of them.
+TEST_F(SeveralMachines, driftIsFoundWhileOnePlaysWhatTheOtherSends)
+{
+    const char* const soak = std::getenv("DXR_SOAK_SECONDS");
+    const int seconds = soak ? std::atoi(soak) : 8;
+    const DriftingDevice fast(desk.server.remote(), "fast", DriftingDevice::Direction::Sink, 300.0);
+    const DriftingDevice slow(desk.server.remote(), "slow", DriftingDevice::Direction::Sink, -200.0);
+    writeTone(studio.server.folder() / "song.wav", seconds + 30);
+    studio.begin("dxr play");
+    setenv("PIPEWIRE_REMOTE", desk.server.remote().c_str(), 1);
+    const ToolResult loop = runTool({"loop", "--in", "Studio A", "--out", "fast", "--out", "slow", "--frames",
+                                     "512", "--seconds", std::to_string(seconds)},
+                                    std::chrono::seconds(seconds + 60));
+    studio.end(SIGINT);
+    EXPECT_EQ(loop.status, 0) << loop.errors;
+    std::printf("%s%s", loop.output.c_str(), loop.errors.c_str());
+    EXPECT_NEAR(spreadOfClocks(loop.output), 500.0, seconds >= 60 ? 1.0 : 150.0);
+    EXPECT_GE(fast.framesReceived(), 48000U * static_cast<uint64_t>(seconds) * 9 / 10);
+}
+
+} // namespace
