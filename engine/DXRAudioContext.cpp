@@ -255,7 +255,7 @@ void DXRAudioContext::_followLayouts()
                     auto& context = static_cast<DXRAudioContext&>(*target);
                     CX_ASSERT_ON_QUEUE(context._queue);
                     if (context._iocontext && !(context._readLayouts() == context._layouts))
-                        context._runner->audioContextDidStopFromConfigChange();
+                        context._runner->audioContextDidStopFromConfigChange(context);
                 }));
             _layoutListeners.back()->start();
         }
@@ -390,12 +390,16 @@ void DXRAudioContext::_endCallback(DXRAudioIOContext& record, AudioObjectID devi
 void DXRAudioContext::_sayFarewell(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID)
 {
     const auto context = CXRefCast<DXRAudioContext>(std::exchange(record->keeper, nullptr));
-    platform::GlobalQueue::highPriority().async([record, deviceID, context] {
+    const bool needsRestart = record->needsRestart;
+    platform::GlobalQueue::highPriority().async([record, deviceID, context, needsRestart] {
         _endCallback(*record, deviceID);
+        // Not before: this farewell may have run at the end of the cycle, on the IO thread, which must not start a device,
+        // and whose device would call the new callback in the same cycle.
+        if (needsRestart)
+            context->_queue->dispatchAsync(
+                [context] { context->_runner->audioContextDidStopFromConfigChange(*context); });
         // The context may end with this, and a private device with it: nothing runs on that any more.
     });
-    if (record->needsRestart)
-        context->_runner->audioContextDidStopFromConfigChange();
 }
 
 // ---- The device's properties

@@ -453,8 +453,11 @@ void DXRDeviceRunner::audioContextDidStartWithSampleRate(double sampleRate, uint
     _propertiesChanged();
 }
 
-void DXRDeviceRunner::audioContextDidStopFromConfigChange()
+void DXRDeviceRunner::audioContextDidStopFromConfigChange(const DXRAudioContext& context)
 {
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (_context.get() != &context)
+        return;
     _stopDispatchStart(Restart::Layout, nullptr);
     _propertiesChanged();
 }

@@ -146,8 +146,8 @@ public:
     DXRCycleRecord traceRecord(const DXRAudioContext* context) const noexcept CX_REALTIME;
     /// IO has started; the first time after start() these are in effect until stop().
     void audioContextDidStartWithSampleRate(double sampleRate, uint32_t frameCount);
-    /// The device has changed its streams: a new context is wanted.
-    void audioContextDidStopFromConfigChange();
+    /// The device of the context has changed its streams: a new context is wanted, unless there is one already.
+    void audioContextDidStopFromConfigChange(const DXRAudioContext& context);
 
 private:
     struct DeviceNotifierEntry {

@@ -81,6 +81,13 @@ protected:
         backend().unplug("duplex");
         settle();
     }
+    /// A restart waits for the end of the old callback, on another thread.
+    void awaitRestart()
+    {
+        while (runner->counts().restarts == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        settle();
+    }
     void settle()
     {
         backend().settle();
@@ -133,7 +140,7 @@ TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
 
 TEST_F(DXRAudioContextTest, restartsForANewLayoutAndLeavesTheOldCallbackDeaf)
 {
-    const uint32_t registrations = backend().starts;
+    const uint32_t startsBefore = backend().starts;
     runner->start();
     Cycle(0).run();
     const AudioDeviceIOBlock old = backend().callback;
@@ -142,8 +149,8 @@ TEST_F(DXRAudioContextTest, restartsForANewLayoutAndLeavesTheOldCallbackDeaf)
     oneSided.run();
     Cycle(128).run(old);
     EXPECT_EQ(calls, 1U);
-    settle();
-    EXPECT_EQ(backend().starts, registrations + 2);
+    awaitRestart();
+    EXPECT_EQ(backend().starts, startsBefore + 2);
     Cycle(192).run();
     EXPECT_EQ(calls, 2U);
     EXPECT_EQ(runner->sampleTime(), 2 * frames) << "time goes on";
@@ -196,7 +203,7 @@ TEST_F(DXRAudioContextTest, givesACycleUpRatherThanWaitInACircle)
 TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
 {
     const auto heard = std::make_shared<std::atomic<int>>(0);
-    backend().startStatus = (kAudioHardwareUnspecifiedError);
+    backend().startStatus = kAudioHardwareUnspecifiedError;
     runner->removeDevice(device(true));
     runner->setNotifier(nullptr, [heard] { ++*heard; });
     runner->start();
@@ -206,11 +213,11 @@ TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
     EXPECT_EQ(runner->error().deviceUID, "duplex");
     EXPECT_EQ(runner->error().status, kAudioHardwareUnspecifiedError);
     EXPECT_NE(runner->error().text.find("cannot start '"), std::string::npos) << runner->error().text;
-    const uint32_t registrations = backend().starts;
-    while (backend().starts < registrations + 2) // two tries that fail
+    const uint32_t startsBefore = backend().starts;
+    while (backend().starts < startsBefore + 2) // two tries that fail
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_EQ(*heard, 1) << "the same error is no news";
-    backend().startStatus = (0);
+    backend().startStatus = 0;
     while (runner->error())
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     settle();
@@ -343,7 +350,7 @@ TEST_F(DXRAudioContextTest, restartsForAnotherSplitOfTheSameChannels)
 {
     runner->start();
     Cycle(0).run();
-    const uint32_t registrations = backend().starts;
+    const uint32_t startsBefore = backend().starts;
     Cycle split(64);
     struct {
         uint32_t count;
@@ -352,8 +359,8 @@ TEST_F(DXRAudioContextTest, restartsForAnotherSplitOfTheSameChannels)
     backend().callback(&split.now, reinterpret_cast<const AudioBufferList*>(&two), &split.inputTime,
                        &split.output, &split.outputTime);
     EXPECT_EQ(calls, 1U);
-    settle();
-    EXPECT_EQ(backend().starts, registrations + 1);
+    awaitRestart();
+    EXPECT_EQ(backend().starts, startsBefore + 1);
 }
 
 } // namespace

@@ -136,7 +136,8 @@ TEST_F(EngineCyclesTest, playsOnNewChannelsThatNobodyHasHeardOfYet)
     held.get_future().wait();
     hal.reconfigure("grows", [](auto& it) { it.outputs(2); });
     hal.stepCycles(1);
-    runner->queue()->dispatchSync([] {});
+    while (runner->counts().restarts == 0)
+        std::this_thread::yield();
     hal.stepCycles(10);
     release.set_value();
     listener->stop();
