@@ -82,14 +82,15 @@ protected:
         desk.run("from-others.conf <<");
         desk.begin("pipewire -c");
         studio.begin("pipewire -c");
-        const CXRef<HALModel> atTheStudio = HALModel::initWithDriver(PipeWireDriver::initWithRemote(studio.server.remote()));
+        const CXRef<HALModel> atTheStudio =
+            HALModel::initWithDriver(PipeWireDriver::initWithRemote(studio.server.remote()));
         EXPECT_NE(waitForDevice(*atTheStudio, "to-desk"), kAudioObjectUnknown);
         EXPECT_NE(waitForDevice(*hal, "Studio A"), kAudioObjectUnknown);
     }
 
     Machine studio{"studio"}, desk{"desk"};
-    const CXRef<PipeWireDriver> hal =
-        PipeWireDriver::initWithRemote(desk.server.remote()); // the desk's devices
+    const CXRef<HALModel> hal =
+        HALModel::initWithDriver(PipeWireDriver::initWithRemote(desk.server.remote())); // the desk's devices
 };
 
 void writeTone(const std::string& path, int seconds)

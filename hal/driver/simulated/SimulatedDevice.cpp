@@ -31,6 +31,9 @@ public:
         const auto member = CXRefCast<SimulatedDevice>(device);
         if (member && !enter(*member))
             return kAudioHardwareIllegalOperationError;
+        if (const std::vector<CXRef<SimulatedDevice>> present = _run->presentDevices();
+            member && !present.empty())
+            setCycle(*member, present.front()->state().bufferFrameSize);
         _run->setMember(place, member, table);
         _machine->scheduler.reschedule(_run);
         return kAudioHardwareNoError;
@@ -57,6 +60,13 @@ public:
         if (own)
             _machine->scheduler.remove(own);
         return true;
+    }
+
+    /// A group has one cycle length.
+    static void setCycle(SimulatedDevice& device, uint32_t frameCount)
+    {
+        if (device.state().bufferFrameSize != frameCount)
+            device.alter([=](SimulatedDeviceDescription& each) { each.state.bufferFrameSize = frameCount; });
     }
 
     void leave(SimulatedDevice& device)
@@ -283,8 +293,7 @@ HALStatus SimulatedDevice::startTogether(std::span<const HALGroupMember> members
             started->stop();
             return kAudioHardwareIllegalOperationError;
         }
-        if (member->state().bufferFrameSize != frameCount)
-            member->alter([=](SimulatedDeviceDescription& each) { each.state.bufferFrameSize = frameCount; });
+        Group::setCycle(*member, frameCount);
     }
     if (run->cycleTicks() == 0) {
         started->stop();

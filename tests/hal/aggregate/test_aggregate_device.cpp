@@ -287,6 +287,56 @@ TEST_F(AggregateDevices, leavesDevicesOfOneClockAsTheyAre)
         ASSERT_EQ(recording.samples[i], recording.samples[i - 1] + 1.0F / 16777216.0F) << "not bit for bit";
 }
 
+TEST_F(AggregateDevices, runsDevicesOfOneClockInOneCycle)
+{
+    Recording recording;
+    const SimulatedDeviceBuilder speakers =
+        aDevice().uid("b").outputs(1).clockDomain(7).playsInto(recording.sink());
+    hal->plug(aDevice().uid("a").inputs(1).clockDomain(7).bufferFrameSize(256).hears(simulatedRamp()));
+    hal->plug(speakers);
+    const AudioObjectID device = aggregateOf({"a", "b"}, "a");
+    std::map<AudioObjectID, std::atomic<int>> overloads;
+    for (const AudioObjectID each : {device, hal->deviceID("a"), hal->deviceID("b")}) {
+        std::atomic<int>& count = overloads[each];
+        model->addListener(
+            each, at(kAudioDeviceProcessorOverload),
+            {nullptr, nullptr, [&](uint32_t, const AudioObjectPropertyAddress*) { ++count; }, nullptr});
+    }
+    Copier copier(*model, device);
+    ASSERT_EQ(copier.status, kAudioHardwareNoError);
+    advance(0.5);
+    for (size_t i = 0; i < recording.samples.size(); ++i)
+        ASSERT_EQ(recording.samples[i], static_cast<float>(i) / 16777216.0F)
+            << "not bit for bit, from the first frame";
+    for (const char* uid : {"a", "b"})
+        EXPECT_EQ(readValue<uint32_t>(*model, hal->deviceID(uid), at(kAudioDevicePropertyDeviceIsRunning)),
+                  1U)
+            << uid;
+
+    const auto frames = at(kAudioDevicePropertyBufferFrameSize);
+    EXPECT_EQ(writeValue(*model, device, frames, 128U), kAudioHardwareNoError);
+    for (const AudioObjectID each : {device, hal->deviceID("a"), hal->deviceID("b")})
+        EXPECT_EQ(readValue<uint32_t>(*model, each, frames), 128U);
+    hal->loseCycles("b", 2);
+    advance(0.1);
+    for (const auto& [each, count] : overloads)
+        EXPECT_EQ(count, 1) << each;
+
+    hal->unplug("b");
+    const double before = copier.sampleTime;
+    const uint64_t cycles = copier.cycles;
+    advance(0.5);
+    EXPECT_EQ(copier.sampleTime - before, static_cast<double>((copier.cycles - cycles) * 128))
+        << "no restart";
+    recording.samples.clear();
+    hal->plug(speakers);
+    advance(0.5);
+    EXPECT_GT(recording.samples.size(), 20000U);
+    EXPECT_GT(recording.samples.back(), 0.0F);
+    EXPECT_EQ(copier.backwards, 0U);
+    EXPECT_EQ(copier.sampleTime - before, static_cast<double>((copier.cycles - cycles) * 128)) << "nor here";
+}
+
 TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
 {
     const SimulatedDeviceBuilder clock = aDevice().uid("clock").inputs(1).hears(simulatedTone(500.0));

@@ -22,6 +22,9 @@ public:
     {
         const std::string uid = "simulated-" + std::to_string(++_count);
         SimulatedDeviceBuilder device = aDevice().uid(uid).name(name);
+#ifdef DXR_TEST_ONE_CLOCK
+        device.clockDomain(1);
+#endif
         if (inputs > 0)
             device.inputs(inputs);
         if (outputs > 0)
@@ -29,7 +32,10 @@ public:
         _hal->plug(device);
         return uid;
     }
-    void unplug(const std::string& uid) override { _hal->unplug(uid); }
+    void unplug(const std::string& uid) override
+    {
+        _hal->unplug(uid);
+    }
     void rename(const std::string& uid, const std::string& name) override
     {
         _hal->reconfigure(uid, [name](SimulatedDeviceBuilder& device) { device.name(name); });

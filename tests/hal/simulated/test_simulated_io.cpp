@@ -6,8 +6,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <span>
 #include <vector>
 
@@ -210,50 +208,6 @@ TEST_F(SimulatedIO, mayBeUnpluggedByItsOwnCallback)
     hal->stepCycles(3);
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(hal->deviceID("suicidal"), kAudioObjectUnknown);
-}
-
-TEST_F(SimulatedIO, playsAFileAndWritesOneThatReadsBackTheSame)
-{
-    const std::string path = testing::TempDir() + "dxr_simulated_" + std::to_string(getpid()) + ".wav";
-    std::vector<float> played;
-    {
-        const AudioObjectID device = hal->plug(aDevice()
-                                                   .uid("writer")
-                                                   .inputs(2)
-                                                   .outputs(2)
-                                                   .hears(simulatedRamp())
-                                                   .playsInto(simulatedFileSink(path)));
-        const AudioDeviceIOProcID proc = started(*model, device, passingThrough);
-        hal->stepCycles(300);
-        model->stop(device, proc); // writes what was kept back
-    }
-    std::string error;
-    const SimulatedSource source = simulatedFileSource(path, &error);
-    ASSERT_TRUE(source) << error;
-    const AudioObjectID device =
-        hal->plug(aDevice().uid("reader").inputs(2).outputs(2).hears(source).playsInto(keepIn(played)));
-    started(*model, device, passingThrough);
-    hal->stepCycles(300);
-    for (size_t frame = 1; frame < 300 * 512; ++frame)
-        ASSERT_EQ(played[2 * frame], played[2 * frame - 2] + 1.0F / (1U << 24)) << frame;
-    std::filesystem::remove(path);
-}
-
-TEST(SimulatedFile, saysWhyAFileIsNoUse)
-{
-    const std::string path = testing::TempDir() + "dxr_bad_" + std::to_string(getpid()) + ".wav";
-    for (const std::string_view content :
-         {"", "RIFF", "this is not a sound file at all, however long it may be ......"}) {
-        std::ofstream(path) << content;
-        std::string error;
-        EXPECT_FALSE(simulatedFileSource(path, &error));
-        EXPECT_FALSE(error.empty());
-    }
-    std::filesystem::remove(path);
-    std::string error;
-    EXPECT_FALSE(simulatedFileSource(path, &error)) << "no such file";
-    EXPECT_FALSE(simulatedFileSink("/nonexistent/x.wav", &error));
-    EXPECT_NE(error.find("No such file"), std::string::npos) << error;
 }
 
 } // namespace
