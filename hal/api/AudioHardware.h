@@ -10,7 +10,7 @@
 
 // The audio hardware layer (HAL): objects with properties, listeners on them, and IO callbacks on devices.
 // Everything above speaks to the hardware through these records and functions alone; they forward to the one
-// active backend (HALSetBackend), or answer for a system without any device when there is none.
+// hardware driver of the process (HALSetHardwareDriver), or report a system without any device when there is none.
 
 class CXValue;
 

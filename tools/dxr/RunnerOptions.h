@@ -18,7 +18,7 @@ public:
     CLI::Option* addSeconds(const std::string& what);
 
     /// Makes the chosen hardware the process's, and finds the devices that were named. Answers the simulated
-    /// computer's backend, if it is that. Throws ToolFailure.
+    /// computer's hardware, if it is that. Throws ToolFailure.
     CXRef<SimulatedHardware> find();
     /// Takes the default input and output, as far as there are, where nothing was named.
     void takeDefaults();

@@ -21,8 +21,8 @@ struct PipeWireGroupMember {
     std::vector<uint32_t> outputChannels;
 };
 
-/// The loop's half of the backend: keeps the model in step with the server, and carries out what clients ask.
-/// Every write answers through its reply, at once when nothing is to be waited for.
+/// The loop's half of the driver: reports devices as the server has them, and carries out what clients ask.
+/// Every write finishes its reply, at once when there is nothing to wait for.
 /// Threads: the loop's.
 class PipeWireHardware final : PipeWireSessionClient,
                                PipeWireMirrorClient,

@@ -2,7 +2,7 @@
 
 #include "HALHardwareDriver.h"
 
-/// What the loop's half of the backend tells the half that answers the HAL's clients.
+/// Callback interface of the loop's half of the driver. Devices go by a number of the loop's own.
 /// Threads: called on the loop's thread.
 class PipeWireModel {
 public:

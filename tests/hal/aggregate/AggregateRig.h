@@ -9,7 +9,7 @@
 #include <map>
 #include <thread>
 
-/// Turns a backend's rig into one whose devices are aggregates: of one device for the input, which leads, and another
+/// Turns a driver's rig into one whose devices are aggregates: of one device for the input, which leads, and another
 /// for the output; where there are only outputs, of a device that leads and one that is absent.
 class AggregateRig final : public ConformanceRig {
 public:

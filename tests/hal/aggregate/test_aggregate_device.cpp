@@ -295,7 +295,7 @@ TEST_F(AggregateDevices, runsDevicesOfOneClockInOneCycle)
     hal->plug(aDevice().uid("a").inputs(1).clockDomain(7).bufferFrameSize(256).hears(simulatedRamp()));
     hal->plug(speakers);
     const AudioObjectID device = aggregateOf({"a", "b"}, "a");
-    std::map<AudioObjectID, std::atomic<int>> overloads;
+    static std::map<AudioObjectID, std::atomic<int>> overloads; // outlives the listeners
     for (const AudioObjectID each : {device, hal->deviceID("a"), hal->deviceID("b")}) {
         std::atomic<int>& count = overloads[each];
         model->addListener(

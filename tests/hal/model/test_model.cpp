@@ -170,19 +170,17 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
     };
     std::mutex mutex;
     std::set<std::tuple<AudioObjectID, uint32_t, uint32_t, uint32_t>> announced;
+    constexpr AudioObjectPropertyAddress anyAddress{kAudioObjectPropertySelectorWildcard,
+                                                    kAudioObjectPropertyScopeWildcard,
+                                                    kAudioObjectPropertyElementWildcard};
+    std::map<AudioObjectID, HALListener> listeners;
     for (const AudioObjectID object : objects) {
-        const HALListener listener{nullptr, nullptr,
-                                   [&, object](uint32_t count, const AudioObjectPropertyAddress* addresses) {
-                                       const std::scoped_lock lock(mutex);
-                                       for (const auto& each : std::span(addresses, count))
-                                           announced.emplace(object, each.selector, each.scope, each.element);
-                                   },
-                                   nullptr};
-        ASSERT_EQ(model->addListener(object,
-                                     {kAudioObjectPropertySelectorWildcard, kAudioObjectPropertyScopeWildcard,
-                                      kAudioObjectPropertyElementWildcard},
-                                     listener),
-                  0);
+        listeners[object].block = [&, object](uint32_t count, const AudioObjectPropertyAddress* addresses) {
+            const std::scoped_lock lock(mutex);
+            for (const auto& each : std::span(addresses, count))
+                announced.emplace(object, each.selector, each.scope, each.element);
+        };
+        ASSERT_EQ(model->addListener(object, anyAddress, listeners[object]), 0);
     }
     size_t changed = 0;
     for (const auto& [why, change] : changes) {
@@ -205,6 +203,8 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
         }
     }
     EXPECT_GT(changed, 68U);
+    for (const auto& [object, listener] : listeners)
+        model->removeListener(object, anyAddress, listener);
 }
 
 /// A queue that is never served.
@@ -254,6 +254,7 @@ TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
     hal->settle();
     queue->serve();
     EXPECT_EQ(calls, 2) << "later changes are announced again";
+    model->removeListener(device, mute, listener);
 }
 
 // One listener runs on the notification thread, the other on a queue; each removes the other while both run.

@@ -138,7 +138,7 @@ TEST(PipeWireServer, keepsNobodyWaitingWhileItHangs)
     EXPECT_TRUE(eventually([&] { return cycles > before + 10; }));
     proc.reset();
     server.hang();
-    EXPECT_LT(secondsOf([&] { hal = nullptr; }), 5.0) << "nor does the end of the backend";
+    EXPECT_LT(secondsOf([&] { hal = nullptr; }), 5.0) << "nor does the end of the driver";
     server.resume();
 }
 
