@@ -432,6 +432,7 @@ HALStatus HALModel::createAggregateDevice(const CXValue& description, AudioObjec
     if (deviceID == kAudioObjectUnknown) // the hardware has brought a device of that UID meanwhile
         return kAudioHardwareIllegalOperationError;
     _aggregates->add(deviceID, aggregate);
+    _aggregates->devicesChanged(); // what has changed since it looked
     return kAudioHardwareNoError;
 }
 
