@@ -156,12 +156,14 @@ void SimulatedRun::_runGroup(uint64_t lostCycles)
             own[place] = present[place]->beginCycle(lostCycles);
             if (std::exchange(isFirst, false))
                 cycle = own[place];
+            for (const HALStreamBlock& block : own[place].output) // the group may not fill them all
+                std::fill_n(block.samples, size_t{block.channelCount} * own[place].frameCount, 0.0F);
         }
     }
     if (cycle.frameCount != _groupFrames)
         _prepareGroup(cycle.frameCount);
     for (size_t place = 0; place < _members.size(); ++place)
-        _addBlocks(_members[place], own[place]);
+        _addBlocks(_members[place], own[place], cycle.frameCount);
 
     const double shift = _followTime(cycle, lostCycles);
     for (AudioTimeStamp* time : {&cycle.now, &cycle.inputTime, &cycle.outputTime})
@@ -185,11 +187,13 @@ void SimulatedRun::_reportOverload()
             each.table->reportOverload();
 }
 
-void SimulatedRun::_addBlocks(const Member& member, const HALCycle& own)
+/// One whose cycle length is being changed is silent until it is the group's.
+void SimulatedRun::_addBlocks(const Member& member, const HALCycle& own, uint32_t frameCount)
 {
-    const auto add = [](std::vector<HALStreamBlock>& all, std::span<const HALStreamBlock> blocks,
-                        const std::vector<uint32_t>& channels, float* otherwise) {
-        const bool fits = std::ranges::equal(blocks, channels, {}, &HALStreamBlock::channelCount);
+    const auto add = [&](std::vector<HALStreamBlock>& all, std::span<const HALStreamBlock> blocks,
+                         const std::vector<uint32_t>& channels, float* otherwise) {
+        const bool fits = own.frameCount == frameCount &&
+                          std::ranges::equal(blocks, channels, {}, &HALStreamBlock::channelCount);
         for (size_t stream = 0; stream < channels.size(); ++stream)
             all.push_back({fits ? blocks[stream].samples : otherwise, channels[stream]});
     };

@@ -52,7 +52,7 @@ private:
     void _prepareGroup(uint32_t frameCount);
     void _runGroup(uint64_t lostCycles);
     void _reportOverload();
-    void _addBlocks(const Member& member, const HALCycle& own);
+    void _addBlocks(const Member& member, const HALCycle& own, uint32_t frameCount);
     double _followTime(const HALCycle& leaders, uint64_t lostCycles);
 
     // Held through a cycle, and taken before the devices' locks; recursive, because a callback may unplug a member.
