@@ -68,7 +68,7 @@ public:
     /// for more than DXRDeviceNode::maxSamples in one cycle.
     bool addDevice(const CXRef<DXRDevice>& device, const std::optional<Channels>& channels,
                    const DXRIOBlock& ioblock);
-    /// Adds the default device of a direction, whichever it is: when it changes the runner changes over, and the sample
+    /// Adds the default device of a direction: when the default changes, the runner changes over, and the sample
     /// time goes on. Where there is none, or the new one was added by itself, the block stays with the last one; it is
     /// first called when there has been a default device. False without a block, and when it is followed already.
     bool addDefaultDevice(Direction direction, const std::optional<Channels>& channels,

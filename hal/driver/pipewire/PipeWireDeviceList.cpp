@@ -34,7 +34,7 @@ void PipeWireDeviceList::enumerated()
 {
     _isEnumerated = true;
     // By name, so that of several with equal UIDs each gets the same one again,
-    // whatever order they come in.
+    // in every order of arrival.
     std::vector<std::pair<std::string, uint64_t>> inOrder;
     for (const uint64_t serial : std::exchange(_waiting, {})) {
         const PipeWireGroup group = _mirror.group(serial);
