@@ -4,13 +4,11 @@
 #include "CXStringAdditions.h"
 #include "CXValue.h"
 #include "DXRDeviceRunner.h"
-#include "DXRPropertyAddress.h"
 #include "QDL.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <random>
 #include <thread>
 #include <unistd.h>
@@ -146,15 +144,18 @@ CXPlist DXRAudioAggregateContext::_composition() const
     return aggregateComposition(_deviceID);
 }
 
+std::vector<AudioObjectID> DXRAudioAggregateContext::_devicesOfNode(const CXRef<DXRDeviceNode>& node) const
+{
+    std::vector<AudioObjectID> devices;
+    for (const std::string& uid : node->deviceUIDs())
+        devices.push_back(QDLAudioDeviceIDFromUID(uid));
+    return devices;
+}
+
 std::vector<DXRRunnerCounts::Device> DXRAudioAggregateContext::countsOfDevices(uint64_t lostFrames) const
 {
     std::vector<DXRRunnerCounts::Device> counts;
-    const auto data = DXRPropertyAddress::initWithSelector(kAudioAggregateDevicePropertySubDeviceStatus)
-                          ->dataForObjectID(_deviceID);
-    for (size_t at = 0; data && at + sizeof(AudioAggregateSubDeviceStatus) <= data->size();
-         at += sizeof(AudioAggregateSubDeviceStatus)) {
-        AudioAggregateSubDeviceStatus status;
-        std::memcpy(&status, data->data() + at, sizeof status);
+    for (const AudioAggregateSubDeviceStatus& status : subDeviceStatusesOf(_deviceID)) {
         const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
         if (uid)
             counts.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),

@@ -513,6 +513,11 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         _performTraced(*trace, record, converter, entries, times);
     else
         _performNodes(converter, entries, times);
+    const auto now = static_cast<double>(sampleTime);
+    record.distances[0] = now - record.inputSampleTime;
+    record.distances[1] = record.outputSampleTime - now;
+    record.blockPlaces[0] = converter ? converter->placeOfLastBlock(true) : 0.0;
+    record.blockPlaces[1] = converter ? converter->placeOfLastBlock(false) : frameCount;
     const uint64_t deadline = _deadlineOf(record);
     _runner->noteCycle(deadline != 0 && platform::HostClock::nowTicks() > deadline, lostFrames);
 }
@@ -528,6 +533,55 @@ uint64_t DXRAudioContext::_deadlineOf(const DXRAudioIOContext& record) noexcept
 std::vector<DXRRunnerCounts::Device> DXRAudioContext::countsOfDevices(uint64_t lostFrames) const
 {
     return {{_deviceUID, lostFrames, 0}};
+}
+
+// ---- Latency
+
+std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    std::vector<DXRDeviceLatency> latencies;
+    if (!_iocontext || _iocontext->lastFrameCount == 0)
+        return latencies;
+    const SubDeviceStatuses statuses = subDeviceStatusesOf(_deviceID);
+    for (const auto& direction : _nodes) {
+        for (const CXRef<DXRDeviceNode>& node : direction) {
+            if (!_viables.contains(node))
+                continue;
+            const CyclePlacement placement = _placementOf(node->isInput(), statuses);
+            DXRDeviceLatency slowest;
+            for (const AudioObjectID device : _devicesOfNode(node)) {
+                DXRDeviceLatency latency = latencyOfPart(device, node->isInput(), placement, statuses);
+                if (latency.seconds() >= slowest.seconds())
+                    slowest = std::move(latency);
+            }
+            slowest.deviceUID = node->device()->deviceUID();
+            slowest.isInput = node->isInput();
+            latencies.push_back(std::move(slowest));
+        }
+    }
+    return latencies;
+}
+
+std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const CXRef<DXRDeviceNode>&) const
+{
+    return {_deviceID};
+}
+
+CyclePlacement DXRAudioContext::_placementOf(bool isInput, const SubDeviceStatuses& statuses) const
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    const DXRAudioIOContext& record = *_iocontext;
+    const size_t direction = isInput ? 0 : 1;
+    CyclePlacement placement;
+    const auto clock = std::ranges::find_if(statuses, [](const auto& status) { return status.isClock != 0; });
+    placement.clockID = clock != statuses.end() ? clock->deviceID : _deviceID;
+    placement.sampleRate = record.sampleRate;
+    placement.cycleFrames = record.lastFrameCount;
+    placement.distanceFrames = record.distances[direction];
+    placement.blockFrames = _runner->frameCountOfIO() * record.sampleRate / _runner->sampleRateOfIO();
+    placement.placeFrames = record.blockPlaces[direction];
+    return placement;
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.

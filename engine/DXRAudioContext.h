@@ -4,9 +4,11 @@
 #include "ChannelLayout.h"
 #include "DXRAudioIOContext.h"
 #include "DXRCycleTrace.h"
+#include "DXRDeviceLatency.h"
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
 #include "DXRRunnerCounts.h"
+#include "LatencyOfPart.h"
 
 #include <map>
 #include <set>
@@ -56,6 +58,9 @@ public:
     /// What has become of the frames of each of its devices; `lostFrames` are those that its own cycles show.
     virtual std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t lostFrames) const;
 
+    /// Of each viable node's device, inputs first; none before the first cycle.
+    std::vector<DXRDeviceLatency> latencies() const;
+
     /// "<DXRAudioContext: address, (ID) UID>", the latter when there is a device.
     std::string description() const override;
 
@@ -78,6 +83,9 @@ protected:
     /// cannot be made; none is started then.
     [[nodiscard]] bool _startIO();
     void _stopIO();
+
+    /// The devices whose samples a node carries, of which the slowest counts for its latency.
+    virtual std::vector<AudioObjectID> _devicesOfNode(const CXRef<DXRDeviceNode>& node) const;
 
     // -- Steps of a cycle
 
@@ -109,6 +117,7 @@ private:
         bool operator==(const Layouts& other) const = default;
     };
 
+    CyclePlacement _placementOf(bool isInput, const SubDeviceStatuses& statuses) const;
     bool _fail(HALStatus status, std::string text);
     CXRef<DXRAudioIOContext> _makeRecord();
     void _readStreams(DXRAudioIOContext& record) const;

@@ -70,6 +70,9 @@ public:
     uint64_t lastSampleTime = noSampleTime; ///< the device's, of the last cycle
     uint32_t lastFrameCount = 0;            ///< and its frames
     CXRef<DXRAudioConverter> converter;     ///< null while the device runs as the runner does
+    /// Of the last cycle that ran, input and output, in frames: from its time to its first frame, and from there to the
+    /// first of the last block.
+    double distances[2] = {}, blockPlaces[2] = {};
 
     /// The device says that its rate has changed: the next cycle forgets `lastSampleTime` and reads it.
     std::atomic<bool> rateChanged{false};

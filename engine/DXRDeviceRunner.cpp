@@ -508,6 +508,32 @@ DXRRunnerCounts DXRDeviceRunner::counts() const
     return counts;
 }
 
+std::vector<DXRDeviceLatency> DXRDeviceRunner::latencies() const
+{
+    std::vector<DXRDeviceLatency> latencies;
+    _queue->dispatchSyncImmed([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
+        if (_context && !_error)
+            latencies = _context->latencies();
+    });
+    return latencies;
+}
+
+std::optional<double> DXRDeviceRunner::roundTripSeconds(const CXRef<DXRDevice>& input,
+                                                        const CXRef<DXRDevice>& output) const
+{
+    const std::vector<DXRDeviceLatency> all = latencies();
+    const auto latencyOf = [&](const CXRef<DXRDevice>& device, bool isInput) {
+        return std::ranges::find_if(all, [&](const DXRDeviceLatency& each) {
+            return device && each.isInput == isInput && each.deviceUID == device->deviceUID();
+        });
+    };
+    const auto in = latencyOf(input, true), out = latencyOf(output, false);
+    if (in == all.end() || out == all.end())
+        return std::nullopt;
+    return in->seconds() + out->seconds();
+}
+
 bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
 {
     bool isSet = true;

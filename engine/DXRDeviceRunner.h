@@ -4,6 +4,7 @@
 #include "CXDispatchTimer.h"
 #include "DXRConversionQuality.h"
 #include "DXRCycleTrace.h"
+#include "DXRDeviceLatency.h"
 #include "DXRDeviceManagerNotifier.h"
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
@@ -96,6 +97,14 @@ public:
     /// What has happened since start(). Waits for the queue, not for a cycle to come. From an IO block, too, where it
     /// allocates.
     DXRRunnerCounts counts() const;
+
+    /// How long each device that runs keeps samples between its block and the air, as of the last cycle, inputs first;
+    /// none until a first cycle has run. An aggregate's is that of its slowest part. Waits as counts() does.
+    std::vector<DXRDeviceLatency> latencies() const;
+    /// What is heard by `input` and given to `output` in the same cycle is in the air again after so many seconds. Nothing
+    /// where one of them does not run.
+    std::optional<double> roundTripSeconds(const CXRef<DXRDevice>& input,
+                                           const CXRef<DXRDevice>& output) const;
 
     // -- Following
 
