@@ -3,7 +3,7 @@
 #include "AggregateComposition.h"
 #include "CXStringAdditions.h"
 #include "CXValue.h"
-#include "DXRDeviceRunner.h"
+#include "LatencyOfPart.h"
 #include "QDL.h"
 
 #include <algorithm>
@@ -36,12 +36,12 @@ std::string newUUID()
 } // namespace
 
 CXRef<DXRAudioAggregateContext>
-DXRAudioAggregateContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner, const DXRDeviceNodes& nodes,
-                                         Viables viables, const std::vector<std::string>& deviceUIDs,
-                                         HALStatus* status)
+DXRAudioAggregateContext::initWithIO(RunnerIO& io, const CXRef<CXObject>& runner, const DXRDeviceNodes& nodes,
+                                     Viables viables, const std::vector<std::string>& deviceUIDs,
+                                     HALStatus* status)
 {
     auto context = CXRef<DXRAudioAggregateContext>::adopt(
-        new DXRAudioAggregateContext(runner, nodes, std::move(viables)));
+        new DXRAudioAggregateContext(io, runner, nodes, std::move(viables)));
     context->_deviceUID = _uniqueDeviceUID();
     context->_deviceID =
         context->_createAggregateDevice(deviceUIDs, context->_clockDeviceUID(deviceUIDs), status);

@@ -9,10 +9,10 @@ class DXR_EXPORT DXRAudioAggregateContext final : public DXRAudioContext {
 public:
     /// Null when the aggregate cannot be made, for the reason in `status`. Waits, for about three seconds at the longest, until the new device says
     /// what channels it has or none of the devices is there any more.
-    static CXRef<DXRAudioAggregateContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                          const DXRDeviceNodes& nodes, Viables viables,
-                                                          const std::vector<std::string>& deviceUIDs,
-                                                          HALStatus* status);
+    static CXRef<DXRAudioAggregateContext> initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
+                                                      const DXRDeviceNodes& nodes, Viables viables,
+                                                      const std::vector<std::string>& deviceUIDs,
+                                                      HALStatus* status);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Aggregate; }
     /// Those of the aggregate's parts; what the cycles show is the clock's.

@@ -8,12 +8,12 @@
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
 #include "DXRRunnerCounts.h"
-#include "LatencyOfPart.h"
 
 #include <map>
 #include <set>
 
-class DXRDeviceRunner;
+class RunnerIO;
+struct CyclePlacement;
 
 /// Runs the nodes of a runner from the IO callback of one audio device: a single device here, several as one in
 /// DXRAudioAggregateContext, none in DXRAudioTimerContext. Where the device runs at another frame count or rate than
@@ -28,16 +28,11 @@ class DXR_EXPORT DXRAudioContext : public CXObject {
 public:
     using Viables = std::set<CXRef<DXRDeviceNode>>;
 
-    /// The context that fits what can run now, not started: an aggregate of several devices, one device, or the timer
-    /// without any. `nodes` are the runner's own and live as long as it. Null when no aggregate can be made, for the reason
-    /// in `error`.
-    static CXRef<DXRAudioContext> audioContextWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                         const DXRDeviceNodes& nodes,
-                                                         DXRDeviceRunnerError* error = nullptr);
-    /// For one device: that of one of `viables`, one with the UID of `deviceUIDs` if there is any.
-    static CXRef<DXRAudioContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                 const DXRDeviceNodes& nodes, Viables viables,
-                                                 const std::vector<std::string>& deviceUIDs);
+    /// For one device: that of one of `viables`, one with the UID of `deviceUIDs` if there is any. `nodes` are the runner's
+    /// own and live as long as `io`; `runner`, which may be null, is kept alive.
+    static CXRef<DXRAudioContext> initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
+                                             const DXRDeviceNodes& nodes, Viables viables,
+                                             const std::vector<std::string>& deviceUIDs);
 
     AudioObjectID deviceID() const noexcept { return _deviceID; } ///< 0 when there is none
     const std::string& deviceUID() const noexcept { return _deviceUID; }
@@ -65,7 +60,8 @@ public:
     std::string description() const override;
 
 protected:
-    DXRAudioContext(const CXRef<DXRDeviceRunner>& runner, const DXRDeviceNodes& nodes, Viables viables);
+    DXRAudioContext(RunnerIO& io, const CXRef<CXObject>& runner, const DXRDeviceNodes& nodes,
+                    Viables viables);
     ~DXRAudioContext() override;
 
     virtual const char* className() const { return "DXRAudioContext"; }
@@ -105,7 +101,7 @@ protected:
     const DXRDeviceNodes& _nodes; // the runner's
     const Viables _viables;
     const CXRef<CXDispatchQueue> _queue; // the runner's
-    const CXRef<DXRDeviceRunner> _runner;
+    RunnerIO& _io;                       // the runner's
 
 private:
     /// What a context knows of the channels: of its device, and of each aggregate that a node wants, whose parts may come
@@ -117,12 +113,14 @@ private:
         bool operator==(const Layouts& other) const = default;
     };
 
-    CyclePlacement _placementOf(bool isInput, const SubDeviceStatuses& statuses) const;
+    CyclePlacement _placementOf(bool isInput,
+                                const std::vector<AudioAggregateSubDeviceStatus>& statuses) const;
     bool _fail(HALStatus status, std::string text);
     CXRef<DXRAudioIOContext> _makeRecord();
     void _readStreams(DXRAudioIOContext& record) const;
     Layouts _readLayouts() const;
     void _followLayouts();
+    void _lookAtLayouts();
     void _stopFollowingLayouts();
     void _listenForRate(DXRAudioIOContext& record) const;
     void _askForFormat();
@@ -146,6 +144,7 @@ private:
     void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
                         const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;
 
+    const CXRef<CXObject> _runner; // kept alive
     DXRDeviceRunnerError _error;
     Layouts _layouts; // since start()
     std::vector<CXRef<DXRPropertyListener>> _layoutListeners;

@@ -58,6 +58,9 @@ class DXR_EXPORT DXRAudioIOContext final : public CXObject {
 public:
     static CXRef<DXRAudioIOContext> init();
 
+private:
+    friend class DXRAudioContext; // whose record it is
+
     static constexpr uint64_t noSampleTime = std::numeric_limits<uint64_t>::max();
 
     std::atomic<uint32_t> unsafe{0};      ///< cycles, starts and stops under way
@@ -116,7 +119,6 @@ public:
     bool stopCycles() noexcept;
     void forgetWork();
 
-private:
     enum Turn : uint32_t { None, Waiting, Running, Done, Abandoned };
 
     DXRAudioIOContext();

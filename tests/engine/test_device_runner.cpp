@@ -1,7 +1,9 @@
 #include "CXDispatchTimer.h"
 #include "CXException.h"
 #include "CapturedLog.h"
+#include "DXRAudioTimerContext.h"
 #include "EngineComputer.h"
+#include "RunnerIO.h"
 #include "SerialQueue.h"
 
 #include <functional>
@@ -207,7 +209,8 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
     settleEngine();
     EXPECT_FALSE(runner->isRunning());
     const DXRDeviceNodes nodes;
-    const CXRef<DXRAudioContext> context = DXRAudioContext::audioContextWithRunner(runner, nodes);
+    RunnerIO io(runner->queue());
+    const CXRef<DXRAudioContext> context = DXRAudioTimerContext::initWithIO(io, nullptr, nodes);
     EXPECT_NE(reasonOf([&] { context->start(); }).find("[_queue isDispatchedOnCurrentThread]"),
               std::string::npos);
     runner->queue()->dispatchSync([&] {
