@@ -3,7 +3,6 @@
 #include "AggregateComposition.h"
 #include "CXStringAdditions.h"
 #include "CXValue.h"
-#include "LatencyOfPart.h"
 #include "QDL.h"
 
 #include <algorithm>
@@ -150,16 +149,4 @@ std::vector<AudioObjectID> DXRAudioAggregateContext::_devicesOfNode(const CXRef<
     for (const std::string& uid : node->deviceUIDs())
         devices.push_back(QDLAudioDeviceIDFromUID(uid));
     return devices;
-}
-
-std::vector<DXRRunnerCounts::Device> DXRAudioAggregateContext::countsOfDevices(uint64_t lostFrames) const
-{
-    std::vector<DXRRunnerCounts::Device> counts;
-    for (const AudioAggregateSubDeviceStatus& status : subDeviceStatusesOf(_deviceID)) {
-        const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
-        if (uid)
-            counts.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),
-                              status.resynchronisations});
-    }
-    return counts;
 }

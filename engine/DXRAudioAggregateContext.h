@@ -15,8 +15,6 @@ public:
                                                       HALStatus* status);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Aggregate; }
-    /// Those of the aggregate's parts; what the cycles show is the clock's.
-    std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t lostFrames) const override;
     /// "DXR:", the process ID in hexadecimal, and a UUID that nobody else has.
     static std::string _uniqueDeviceUID();
     /// The plug-in of that bundle ID; 0 for none.

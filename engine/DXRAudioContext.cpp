@@ -507,11 +507,6 @@ uint64_t DXRAudioContext::_deadlineOf(const DXRAudioIOContext& record) noexcept
     return record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
 }
 
-std::vector<DXRRunnerCounts::Device> DXRAudioContext::countsOfDevices(uint64_t lostFrames) const
-{
-    return {{_deviceUID, lostFrames, 0}};
-}
-
 // ---- Latency
 
 std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const

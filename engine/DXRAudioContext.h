@@ -7,7 +7,6 @@
 #include "DXRDeviceLatency.h"
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
-#include "DXRRunnerCounts.h"
 
 #include <map>
 #include <set>
@@ -49,9 +48,6 @@ public:
     const DXRDeviceRunnerError& error() const noexcept { return _error; }
     /// Ends IO; no node is called once it has returned. Nothing happens when there is none.
     virtual void stop();
-
-    /// What has become of the frames of each of its devices; `lostFrames` are those that its own cycles show.
-    virtual std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t lostFrames) const;
 
     /// Of each viable node's device, inputs first; none before the first cycle.
     std::vector<DXRDeviceLatency> latencies() const;

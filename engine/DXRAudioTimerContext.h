@@ -17,7 +17,6 @@ public:
                                                   const DXRDeviceNodes& nodes);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Timer; }
-    std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t) const override { return {}; }
     bool start() override;
     void stop() override;
 

@@ -7,6 +7,7 @@
 #include "DXRDeviceControl.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
+#include "LatencyOfPart.h"
 #include "NumberText.h"
 #include "QDL.h"
 #include "RunnerIO.h"
@@ -413,6 +414,7 @@ void DXRDeviceRunner::_start()
     const bool isStarted = _context && _context->start();
     if (_context)
         _error = _context->error();
+    _countContext(isStarted);
     if (isStarted)
         _retryMilliseconds = 0;
     else
@@ -483,6 +485,7 @@ void DXRDeviceRunner::_stop()
     if (const CXRef<CXDispatchTimer> timer = std::exchange(_retryTimer, nullptr))
         timer->cancel();
     const uint64_t beginTicks = platform::HostClock::nowTicks();
+    _countContext(false);
     if (_context)
         _context->stop();
     _traceContext(DXRCycleRecord::Event::ContextStopped, beginTicks);
@@ -547,16 +550,37 @@ bool DXRDeviceRunner::_isViable(const CXRef<DXRDeviceNode>& node) const
 DXRRunnerCounts DXRDeviceRunner::counts() const
 {
     DXRRunnerCounts counts;
-    _queue->dispatchSyncImmed([&] {
-        CX_ASSERT_ON_QUEUE(_queue);
-        counts.cycles = _io->cycles;
-        counts.lateCycles = _io->lateCycles;
-        counts.restarts = _io->contextNumber > 0 ? _io->contextNumber - 1 : 0;
-        counts.lastRestart = _lastRestart;
-        if (_context && !_error)
-            counts.devices = _context->countsOfDevices(_io->lostFrames);
-    });
+    counts.cycles = _io->cycles;
+    counts.lateCycles = _io->lateCycles;
+    const uint32_t contexts = _io->contextNumber;
+    counts.restarts = contexts > 0 ? contexts - 1 : 0;
+    counts.lastRestart = _lastRestart;
+    CountedContext context;
+    {
+        const std::scoped_lock lock(_countsMutex);
+        context = _countedContext;
+    }
+    const uint64_t lostFrames = _io->lostFrames;
+    if (context.kind == DXRCycleRecord::Context::Device)
+        counts.devices.push_back({context.deviceUID, lostFrames, 0});
+    if (context.kind != DXRCycleRecord::Context::Aggregate)
+        return counts;
+    for (const AudioAggregateSubDeviceStatus& status : subDeviceStatusesOf(context.deviceID)) {
+        const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
+        if (uid) // what the aggregate's own cycles show is the clock's
+            counts.devices.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),
+                                      status.resynchronisations});
+    }
     return counts;
+}
+
+void DXRDeviceRunner::_countContext(bool isRunning)
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    const std::scoped_lock lock(_countsMutex);
+    _countedContext = isRunning
+                          ? CountedContext{_context->kind(), _context->deviceID(), _context->deviceUID()}
+                          : CountedContext();
 }
 
 std::vector<DXRDeviceLatency> DXRDeviceRunner::latencies() const

@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <set>
 
 class DXRAudioContext;
@@ -92,12 +93,11 @@ public:
     /// Frames since start(), of the next cycle; 0 when stopped.
     uint64_t sampleTime() const noexcept CX_REALTIME;
 
-    /// What has happened since start(). Waits for the queue, not for a cycle to come. From an IO block, too, where it
-    /// allocates.
+    /// What has happened since start(). Never waits for the queue; from an IO block, too, where it allocates.
     DXRRunnerCounts counts() const;
 
     /// How long each device that runs keeps samples between its block and the air, as of the last cycle, inputs first;
-    /// none until a first cycle has run. An aggregate's is that of its slowest part. Waits as counts() does.
+    /// none until a first cycle has run. An aggregate's is that of its slowest part. Waits for the queue.
     std::vector<DXRDeviceLatency> latencies() const;
     /// What is heard by `input` and given to `output` in the same cycle is in the air again after so many seconds. Nothing
     /// where one of them does not run.
@@ -140,6 +140,7 @@ private:
 
     void _start() CX_ON_QUEUE(_queue);
     CXRef<DXRAudioContext> _newContext() CX_ON_QUEUE(_queue);
+    void _countContext(bool isRunning) CX_ON_QUEUE(_queue);
     void _contextLostLayout(const CXObject& context);
     void _traceContext(DXRCycleRecord::Event event, uint64_t beginTicks) CX_ON_QUEUE(_queue);
     void _stop() CX_ON_QUEUE(_queue);
@@ -197,7 +198,15 @@ private:
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
     DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
     CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped
-    DXRRunnerCounts::Restart _lastRestart CX_OWNED_BY_QUEUE(_queue) = DXRRunnerCounts::Restart::None;
+    /// What counts() reads of the context that runs, if one does.
+    struct CountedContext {
+        DXRCycleRecord::Context kind = DXRCycleRecord::Context::None;
+        AudioObjectID deviceID = kAudioObjectUnknown;
+        std::string deviceUID;
+    };
+    mutable std::mutex _countsMutex; // nothing else happens under it
+    CountedContext _countedContext;  // under the mutex, changed as work of the queue
+    std::atomic<DXRRunnerCounts::Restart> _lastRestart{DXRRunnerCounts::Restart::None};
     DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last start of a context
     CXRef<CXDispatchTimer> _retryTimer CX_OWNED_BY_QUEUE(_queue); // null unless a start has failed
     uint32_t _retryMilliseconds CX_OWNED_BY_QUEUE(_queue) = 0;    // the last pause; 0: none has failed

@@ -80,8 +80,8 @@ public:
 
     // -- Tracing
 
-    uint32_t contextNumber = 0; ///< of contexts since the runner's start
-    CXRef<DXRCycleTrace> trace; ///< where records go; null when there is none
+    std::atomic<uint32_t> contextNumber{0}; ///< of contexts since the runner's start
+    CXRef<DXRCycleTrace> trace;             ///< where records go; null when there is none
     std::atomic<bool> isTraced{
         false}; ///< whether there is one: a hint, for a cycle that has not had its turn
 
