@@ -77,6 +77,7 @@ TEST_F(LatencyTest, isWhatARampMeasures)
         bool isOneDevice;
         uint32_t otherDomain;
     } kinds[] = {{"one device", true, 1}, {"two of one clock", false, 1}, {"two of two clocks", false, 2}};
+    constexpr double runnerRate = 48000;
     std::printf("round trip in frames     runner device other     said  measured\n");
     for (const auto& kind : kinds) {
         for (const double rate : {48000.0, 44100.0}) {
@@ -88,7 +89,7 @@ TEST_F(LatencyTest, isWhatARampMeasures)
                         plugged(duplex("one", {frames, rate, 1, 16, 40}));
                         plugged(duplex("other", {otherFrames, rate, kind.otherDomain, 24, 7}));
                         const char* const out = kind.isOneDevice ? "one" : "other";
-                        const double measured = measuredDelay("one", out, runnerFrames, 48000) * rate;
+                        const double measured = measuredDelay("one", out, runnerFrames, runnerRate) * rate;
                         const auto said = runner->roundTripSeconds(device("one", input), device(out, output));
                         EXPECT_TRUE(said);
                         std::printf("%-17s %5.1f kHz %6u %6u %5u %8.2f  %8.2f\n", kind.name, rate / 1000,
