@@ -278,7 +278,7 @@ TEST_F(DXRAudioContextTest, refusesNodesThatNoBufferHolds)
     EXPECT_TRUE(runner->error());
 }
 
-// A device 300 ppm off, whose stamps are late by some 50 us, as threads wake: the time of a block's first frame against
+// A device 300 ppm off, whose stamps are off by some 50 us, or late, as threads wake: the time of a block's first frame against
 // when that frame really was, or was played, at the device; an hour of it in a soak. Samples carry their own frame's number, so that converters and
 // their delays are in it.
 TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
@@ -287,10 +287,13 @@ TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
         uint32_t runnerFrames;
         double runnerRate, partsPerMillion;
         DXRConversionQuality quality;
+        bool isEarlyToo; ///< else stamps are only late
     } rows[] = {
-        {64, 48000, 300, DXRConversionQuality::Standard},  {64, 48000, -300, DXRConversionQuality::Standard},
-        {100, 48000, 300, DXRConversionQuality::Standard}, {64, 44100, -300, DXRConversionQuality::Standard},
-        {441, 44100, 300, DXRConversionQuality::High},
+        {64, 48000, 300, DXRConversionQuality::Standard, false},
+        {64, 48000, -300, DXRConversionQuality::Standard, true},
+        {100, 48000, 300, DXRConversionQuality::Standard, true},
+        {64, 44100, -300, DXRConversionQuality::Standard, false},
+        {441, 44100, 300, DXRConversionQuality::High, true},
     };
     constexpr double deviceRate = 48000, begin = 1e12; // ns
     constexpr uint64_t turn = 1 << 14;                 // frames after which numbers begin again
@@ -333,7 +336,9 @@ TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
         for (uint64_t cycle = 1; cycle <= cycles; ++cycle) {
             const double now = static_cast<double>(cycle * frames);
             Cycle one(now);
-            one.now.hostTime = static_cast<uint64_t>(begin + now * period + std::abs(jitter(random)));
+            const double off = jitter(random);
+            one.now.hostTime =
+                static_cast<uint64_t>(begin + now * period + (row.isEarlyToo ? off : std::abs(off)));
             one.now.flags |= kAudioTimeStampHostTimeValid;
             one.inputTime.sampleTime = now - frames - 17; // with a safety offset
             one.outputTime.sampleTime = now + frames + 5;
