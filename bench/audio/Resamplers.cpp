@@ -1,6 +1,7 @@
 #include "Resamplers.h"
 
 #include "PlainSampler.h"
+#include "RateConversion.h"
 #include "SamplerateResampler.h"
 #include "ausampler.h"
 
@@ -34,6 +35,30 @@ public:
 private:
     std::unique_ptr<ausampler, decltype(&ausampler_destroy)> _sampler;
     const double _rateIn, _rateOut;
+};
+
+class OursHigh final : public Resampler {
+public:
+    OursHigh(uint32_t rateIn, uint32_t rateOut, uint32_t channels)
+        : _conversion(
+              RateConversion::make(DXRConversionQuality::High, channels, rateIn, rateOut, roomFrames)),
+          _input(channels), _output(channels)
+    {}
+    uint32_t convert(const float* input, uint32_t frames, float* output) override
+    {
+        const uint32_t out = _conversion->framesOut(frames);
+        const size_t stride = _input.size() * sizeof(float);
+        for (size_t channel = 0; channel < _input.size(); ++channel) {
+            _input[channel] = {const_cast<float*>(input) + channel, stride};
+            _output[channel] = {output + channel, stride};
+        }
+        _conversion->write(_input.data(), _output.data(), frames);
+        return out;
+    }
+
+private:
+    const std::unique_ptr<RateConversion> _conversion;
+    std::vector<ausampler_iovec> _input, _output;
 };
 
 class Plain final : public Resampler {
@@ -182,6 +207,7 @@ const std::vector<ResamplerKind>& resamplerKinds()
 {
     static const std::vector<ResamplerKind> kinds{
         kind<Ours>("dxr"),
+        kind<OursHigh>("dxr, high quality"),
         kind<Plain>("the same rules, plain", PlainSampler::Seam::Published),
         kind<Plain>("plain, no block starts", PlainSampler::Seam::None),
         kind<Feedback>("the filter's feedback only"),
@@ -189,10 +215,12 @@ const std::vector<ResamplerKind>& resamplerKinds()
         kind<Swresample>("libswresample, default", 0),
         kind<Soxr>("soxr, quick", static_cast<unsigned long>(SOXR_QQ)),
         kind<Soxr>("soxr, low", static_cast<unsigned long>(SOXR_LQ)),
+        kind<Soxr>("soxr, high", static_cast<unsigned long>(SOXR_HQ)),
         kind<Speex>("speexdsp, quality 0", 0),
         kind<Speex>("speexdsp, quality 3", 3),
         samplerate("libsamplerate, linear", SRC_LINEAR),
         samplerate("libsamplerate, sinc fastest", SRC_SINC_FASTEST),
+        samplerate("libsamplerate, sinc best", SRC_SINC_BEST_QUALITY),
     };
     return kinds;
 }
