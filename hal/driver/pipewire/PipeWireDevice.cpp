@@ -162,9 +162,9 @@ bool PipeWireDevice::canRunAt(double rate, const PipeWireClockSettings& settings
     return wantedRate.value_or(rate) == rate && isOffered(_sampleRates(settings), rate);
 }
 
-uint32_t PipeWireDevice::mostFrames(const PipeWireClockSettings& settings) const
+uint32_t PipeWireDevice::maxFrames(const PipeWireClockSettings& settings) const
 {
-    uint32_t most = std::max({settings.mostFrames, settings.forcedFrameCount, 8192U});
+    uint32_t most = std::max({settings.maxFrames, settings.forcedFrameCount, 8192U});
     for (const HALDirection direction : halDirections)
         if (const PipeWireNode* half = node(direction))
             most = std::max(most, half->properties().number("clock.quantum-limit").value_or(0));
@@ -220,7 +220,7 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
     state.nominalSampleRate = _nominalRate(settings, state.sampleRates);
     state.bufferFrameSize = _frameCount(settings);
     state.bufferFrameSizeRange = {static_cast<double>(settings.leastFrames),
-                                  static_cast<double>(settings.mostFrames)};
+                                  static_cast<double>(settings.maxFrames)};
     if (const PipeWireClockSeen clock = _runningClock(); clock.rate > 0.0)
         state.actualSampleRate = clock.rate * clock.rateRatio;
     state.isStalled = _isStalled();

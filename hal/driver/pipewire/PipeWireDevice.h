@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HALDeviceState.h"
+#include "HALDeviceDriver.h"
 #include "PipeWireDeviceIO.h"
 #include "PipeWireMirror.h"
 #include "PipeWireTimeline.h"
@@ -71,11 +71,11 @@ public:
     /// Whether it has the rate, and no client has asked for another.
     bool canRunAt(double rate, const PipeWireClockSettings& settings) const;
     /// The longest cycle that may come.
-    uint32_t mostFrames(const PipeWireClockSettings& settings) const;
+    uint32_t maxFrames(const PipeWireClockSettings& settings) const;
 
     static uint32_t sourceID(const PipeWireRoute& route) noexcept { return route.index + 1; } ///< 0 is none
 
-    AudioObjectID objectID = kAudioObjectUnknown;
+    CXRef<HALDeviceDriver> driver;            ///< what the model knows it by; null before it is reported
     std::optional<double> wantedRate;         ///< Hz, chosen by a client of ours
     std::optional<uint32_t> wantedFrameCount; ///< chosen by a client of ours
     PipeWireTimeline timeline;

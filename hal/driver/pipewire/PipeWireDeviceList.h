@@ -43,8 +43,6 @@ public:
     /// Every device disappears; a new enumeration may begin.
     void forgetAll();
 
-    /// Null when there is none.
-    PipeWireDevice* deviceWithID(AudioObjectID objectID) const;
     /// The device whose sink, or source, has this node name. Null when there is
     /// none.
     PipeWireDevice* deviceWithNode(const std::string& nodeName, HALDirection direction) const;
@@ -74,7 +72,6 @@ private:
     const PipeWireMirror& _mirror;
     PipeWireDeviceListClient& _client;
     std::map<uint64_t, Devices> _groups; // by the group's serial
-    std::unordered_map<AudioObjectID, PipeWireDevice*> _byID;
     std::unordered_map<std::string, PipeWireDevice*> _byUID;
     std::array<std::unordered_multimap<std::string, PipeWireDevice*>, 2>
         _byNode;                 // by direction and node name

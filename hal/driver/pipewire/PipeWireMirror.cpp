@@ -328,7 +328,7 @@ PipeWireClockSettings PipeWireMirror::clockSettings() const
     take("clock.rate", settings.rate);
     take("clock.quantum", settings.frameCount);
     take("clock.min-quantum", settings.leastFrames);
-    take("clock.max-quantum", settings.mostFrames);
+    take("clock.max-quantum", settings.maxFrames);
     take("clock.force-rate", settings.forcedRate);
     take("clock.force-quantum", settings.forcedFrameCount);
     settings.allowedRates = _settings->numbers("clock.allowed-rates");

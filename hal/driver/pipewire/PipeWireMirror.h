@@ -23,7 +23,7 @@ struct PipeWireClockSettings {
     std::vector<uint32_t> allowedRates{}; ///< Hz
     uint32_t frameCount = 1024;           ///< of a cycle, when nobody asks for another
     uint32_t leastFrames = 32;
-    uint32_t mostFrames = 2048;
+    uint32_t maxFrames = 2048;
     uint32_t forcedRate = 0;       ///< Hz; 0 when none is
     uint32_t forcedFrameCount = 0; ///< 0 when none is
     bool operator==(const PipeWireClockSettings&) const = default;

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <mutex>
+#include <random>
 
 class SimulatedMachine;
 class SimulatedRun;
@@ -76,7 +77,8 @@ private:
     void _anchor(double ticks);
     double _ticksPerFrame() const;
     double _ticksAt(uint64_t sampleTime) const;
-    AudioTimeStamp _stampAt(double sampleTime) const;
+    double _ticksLate();
+    AudioTimeStamp _stampAt(double sampleTime, double ticksLate) const;
     void _hear();
     void _play();
     float _gain(HALDirection direction, uint32_t channel) const;
@@ -95,6 +97,7 @@ private:
     // Held through a cycle; recursive, because a callback may change the device that runs it.
     mutable std::recursive_mutex _mutex;
     SimulatedDeviceDescription _description;
+    std::minstd_rand _random;     // how late cycles are
     CXRef<HALIOProcTable> _table; // of its own callbacks; none while startIO() is not in effect
     uint64_t _sampleTime = 0;     // of the next cycle
     uint64_t _anchorSampleTime = 0;

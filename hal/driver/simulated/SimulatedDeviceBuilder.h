@@ -64,6 +64,10 @@ public:
     SimulatedDeviceBuilder& clockDomain(uint32_t domain);
     /// How much faster than nominal the device's clock runs against the host's, in parts per million.
     SimulatedDeviceBuilder& drift(double partsPerMillion);
+    /// How much later than its clock the time stamps of a cycle are: by so many seconds in the middle, 0.6 to 3 times
+    /// that as a rule, and once in 2000 cycles by up to 0.4 ms more, as threads of a computer are late. The same in
+    /// every run.
+    SimulatedDeviceBuilder& lateness(double seconds);
 
     /// What its inputs hear; silence without one.
     SimulatedDeviceBuilder& hears(SimulatedSource source);
