@@ -1,5 +1,6 @@
 #include "HALDefaultDriver.h"
 #include "HALModel.h"
+#include "LogSink.h"
 
 #include <mutex>
 
@@ -24,8 +25,12 @@ bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver)
     const std::scoped_lock lock(active().mutex);
     if (!driver || active().model)
         return false;
-    active().model = HALModel::initWithDriver(driver);
-    return true;
+    try {
+        active().model = HALModel::initWithDriver(driver);
+    } catch (const std::exception& error) { // no thread
+        platform::LogSink::log(std::string("Audio hardware: ") + error.what());
+    }
+    return bool(active().model);
 }
 
 const CXRef<HALModel>& halActiveModel()

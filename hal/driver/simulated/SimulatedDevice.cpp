@@ -255,10 +255,11 @@ HALStatus SimulatedDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
         if (!_currentRun)
             own = _currentRun = SimulatedRun::initWithDevice(CXRef(this));
     }
-    if (own)
-        _machine->scheduler.add(own);
+    const HALStatus status = own ? _machine->scheduler.add(own) : kAudioHardwareNoError;
+    if (status)
+        stopIO();
     if (_isPluggedIn)
-        return kAudioHardwareNoError;
+        return status;
     _leaveRun(); // unplugged meanwhile
     return kAudioHardwareBadDeviceError;
 }
@@ -301,7 +302,10 @@ HALStatus SimulatedDevice::startTogether(std::span<const HALGroupMember> members
         started->stop();
         return kAudioHardwareUnspecifiedError;
     }
-    _machine->scheduler.add(run);
+    if (const HALStatus status = _machine->scheduler.add(run)) {
+        started->stop();
+        return status;
+    }
     group = started;
     return kAudioHardwareNoError;
 }

@@ -16,8 +16,8 @@ public:
     SimulatedScheduler(const SimulatedScheduler&) = delete;
     SimulatedScheduler& operator=(const SimulatedScheduler&) = delete;
 
-    /// Begins the run's cycles.
-    void add(const CXRef<SimulatedRun>& run);
+    /// Begins the run's cycles; 'what' when there is no thread for them.
+    HALStatus add(const CXRef<SimulatedRun>& run);
     /// Ends them: on return no cycle of the run runs, on its IO thread the current one is the last.
     void remove(const CXRef<SimulatedRun>& run);
     /// Looks again at when the run's next cycle is due.
