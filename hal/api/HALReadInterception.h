@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 
 /// Called before a property, or its size when `isSize`, is read through the published functions, off the IO threads: any
 /// status but 0 is what they return. For fault tests; may call the HAL itself.

@@ -11,6 +11,8 @@
 class AggregateRegistry;
 class AggregateDevice;
 
+class CXValue;
+
 /// The HAL behind the published functions: the devices that a hardware driver reports, their properties and listeners,
 /// and aggregate devices made of them.
 /// Threads:   every function from any thread, listeners and IO callbacks included, without deadlock.

@@ -3,6 +3,7 @@
 #include "HALIOEvent.h"
 
 #include "Thread.h"
+#include "WorkQueue.h"
 
 #include <memory>
 #include <span>

@@ -1,6 +1,6 @@
 #include "PipeWireNaming.h"
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 #include "USBRegistry.h"
 
 #include <algorithm>
