@@ -5,7 +5,8 @@
 
 // The audio hardware layer (HAL): objects with properties, listeners on them, and IO callbacks on devices.
 // Everything above speaks to the hardware through these records and functions alone; they forward to the one
-// hardware driver of the process (HALSetHardwareDriver), or report a system without any device when there is none.
+// hardware driver of the process (HALSetHardwareDriver), or report a system without any device when there is
+// none.
 
 class CXValue;
 
@@ -61,24 +62,24 @@ DXR_EXPORT HALStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID
 /// Forgets the callback, stopping it first. Waits for its running cycle, except on the IO thread itself.
 DXR_EXPORT HALStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID);
 
-/// Joins devices, and stores the ID of the new one: their streams side by side, in cycles of the clock device, the
-/// others brought to its clock. `description` is a dictionary; numbers may be booleans:
+/// Joins devices, and stores the ID of the new one: their streams side by side, in cycles of the clock
+/// device, the others brought to its clock. `description` is a dictionary; numbers may be booleans:
 ///
 /// - "uid": string, unlike that of any device; needed.
 /// - "name": string; the UID without one.
-/// - "subdevices": array of dictionaries with a "uid" (string) and perhaps "drift" (number); needed, not empty. A UID
-///   that comes again counts once. One that is absent takes its place when it comes; an aggregate's never does. A
-///   sub-device is brought to the clock unless both are of one clock domain, or "drift" is 0: then it is not
-///   resampled, and jumps now and then if its clock is another after all.
-/// - "master": string, the UID of the sub-device whose clock leads; without one, or while that one is absent, the
-///   first that is there leads.
+/// - "subdevices": array of dictionaries with a "uid" (string) and perhaps "drift" (number); needed, not
+///   empty. A UID that comes again counts once. One that is absent takes its place when it comes; an
+///   aggregate's never does. A sub-device is brought to the clock unless both are of one clock domain, or
+///   "drift" is 0: then it is not resampled, and jumps now and then if its clock is another after all.
+/// - "master": string, the UID of the sub-device whose clock leads; without one, or while that one is absent,
+///   the first that is there leads.
 /// - "private": number; not zero for a device of this process only, which all are here.
 /// - "stacked": number; only 0 is supported.
 ///
 /// 'nope', and no device, for a description that is not like that, or a UID that is taken.
 DXR_EXPORT HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioObjectID* deviceID);
-/// Takes an aggregate device away again, running or not. '!dev' when there is none of that ID, 'nope' for a device
-/// that is no aggregate, and on its IO thread.
+/// Takes an aggregate device away again, running or not. '!dev' when there is none of that ID, 'nope' for a
+/// device that is no aggregate, and on its IO thread.
 DXR_EXPORT HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID);
 }
 

@@ -23,7 +23,7 @@ inline constexpr AudioObjectID kAudioObjectSystemObject = 1;
 inline constexpr HALStatus kAudioHardwareNoError = 0;
 /// 'stop': the device is not running, or the call needs one that is.
 inline constexpr HALStatus kAudioHardwareNotRunningError = static_cast<HALStatus>(CXFourCharCode("stop"));
-/// 'what': the hardware or the sound server failed, or did not answer in time.
+/// 'what': the hardware or the sound server failed, or did not reply in time.
 inline constexpr HALStatus kAudioHardwareUnspecifiedError = static_cast<HALStatus>(CXFourCharCode("what"));
 /// 'who?': the object has no such property in that scope and element.
 inline constexpr HALStatus kAudioHardwareUnknownPropertyError =
@@ -134,14 +134,14 @@ inline constexpr uint32_t kAudioDevicePropertyIOProcStreamUsage = CXFourCharCode
 inline constexpr uint32_t kAudioDeviceProcessorOverload = CXFourCharCode("over");
 
 // Of an aggregate device, global scope
-/// CXValue dictionary: the description it was created from, with what the sub-devices offer. Each dictionary of
-/// "subdevices" has "uid", "name", "channels-in" and "channels-out"; the channels of one that is absent are those
-/// it last had.
+/// CXValue dictionary: the description it was created from, with what the sub-devices offer. Each dictionary
+/// of "subdevices" has "uid", "name", "channels-in" and "channels-out"; the channels of one that is absent
+/// are those it last had.
 inline constexpr uint32_t kAudioAggregateDevicePropertyComposition = CXFourCharCode("acom");
 /// AudioObjectID array: the sub-devices that are there, in the order of the composition.
 inline constexpr uint32_t kAudioAggregateDevicePropertyActiveSubDeviceList = CXFourCharCode("agrp");
-/// AudioAggregateSubDeviceStatus array: how the sub-devices' clocks do, in the order of the composition. Changes all
-/// the time while the device runs, and is not announced.
+/// AudioAggregateSubDeviceStatus array: how the sub-devices' clocks do, in the order of the composition.
+/// Changes all the time while the device runs, and is not announced.
 inline constexpr uint32_t kAudioAggregateDevicePropertySubDeviceStatus = CXFourCharCode("agst");
 
 // Of a stream
@@ -218,7 +218,7 @@ struct AudioAggregateSubDeviceStatus {
 
 // ---- Callbacks
 
-/// Told of changes on `objectID`: `addressCount` addresses. The answer is ignored.
+/// Called after changes on `objectID`, with `addressCount` addresses. The result is ignored.
 using AudioObjectPropertyListenerProc = HALStatus (*)(AudioObjectID objectID, uint32_t addressCount,
                                                       const AudioObjectPropertyAddress* addresses,
                                                       void* clientData);

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-/// What an aggregate device was asked to be made of; AudioHardwareCreateAggregateDevice says what it may hold.
+/// What an aggregate device was asked to be made of; AudioHardwareCreateAggregateDevice says what it may
+/// hold.
 /// Threads: immutable, any.
 struct AggregateDescription { // NOLINT(bugprone-exception-escape): moving a property list throws nothing
     struct SubDevice {

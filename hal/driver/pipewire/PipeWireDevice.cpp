@@ -130,8 +130,8 @@ PipeWireChannels PipeWireDevice::channels() const
             static_cast<uint32_t>(_ports(HALDirection::Output).size())};
 }
 
-/// Only nodes that can follow another's cycle: the server's virtual devices, and ALSA's, which resample then. A stream
-/// that drives its own graph does not pace itself as a follower.
+/// Only nodes that can follow another's cycle: the server's virtual devices, and ALSA's, which resample then.
+/// A stream that drives its own graph does not pace itself as a follower.
 uint32_t PipeWireDevice::groupDomain() const
 {
     for (const HALDirection direction : halDirections) {
@@ -336,8 +336,8 @@ double PipeWireDevice::_nominalRate(const PipeWireClockSettings& settings,
     return settings.forcedRate != 0 ? settings.forcedRate : _idleRate(settings, rates);
 }
 
-/// The rate of a device that we do not run: of other clients while they run it, else the one that IO will ask for. A
-/// node that does not run keeps the format that it had last; that means nothing.
+/// The rate of a device that we do not run: of other clients while they run it, else the one that IO will ask
+/// for. A node that does not run keeps the format that it had last; that means nothing.
 double PipeWireDevice::_idleRate(const PipeWireClockSettings& settings,
                                  const std::vector<AudioValueRange>& rates) const
 {
@@ -375,7 +375,7 @@ uint32_t PipeWireDevice::_clockDomain() const
         const std::string& name = half->properties()["clock.name"];
         if (!name.empty())
             return domainOfClock(name);
-        // The server's own virtual devices run by the host's clock, whatever they are called.
+        // The server's own virtual devices run by the host's clock, under any name.
         if (half->properties()["factory.name"] == "support.null-audio-sink")
             return domainOfClock("clock.system.monotonic");
     }

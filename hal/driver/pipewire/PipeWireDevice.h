@@ -13,8 +13,8 @@
 
 class PipeWireRun;
 
-/// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its IO.
-/// The monitor of a sink is a device of its own, hidden and without a volume.
+/// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its
+/// IO. The monitor of a sink is a device of its own, hidden and without a volume.
 /// Threads: the loop's.
 class PipeWireDevice {
 public:

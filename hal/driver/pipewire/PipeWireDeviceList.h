@@ -28,7 +28,8 @@ protected:
 /// its node behind for a minute or more, and what it starts again is to be
 /// found as the one before. A card's nodes come one after the other, and a node
 /// may come before its ports: what looks unfinished is kept back for a moment,
-/// lest clients see devices that are replaced at once. Threads: the loop's.
+/// lest clients see devices that are replaced at once.
+/// Threads: the loop's.
 class PipeWireDeviceList {
 public:
     PipeWireDeviceList(PipeWireLoop& loop, const PipeWireMirror& mirror, PipeWireDeviceListClient& client);

@@ -13,16 +13,16 @@ class PipeWireHardware;
 class PipeWireLoop;
 class PipeWireReply;
 
-/// The devices of a PipeWire server: sinks, sources and cards as they come and go, their volumes, routes, rates and
-/// cycle lengths, and audio through them. It follows the server through its end and its return.
+/// The devices of a PipeWire server: sinks, sources and cards as they come and go, their volumes, routes,
+/// rates and cycle lengths, and audio through them. It follows the server through its end and its return.
 /// Threads: as HALHardwareDriver; two of its own: one for the server, PipeWire's for audio.
 /// Waits:   carryOut() until its deadline, waitUntilEnumerated() for two seconds once, stop() for the loop.
-/// Fails:   without a server there are no devices, until there is one. A server that hangs makes writes return 'what'
-///          at their deadline; reads go on returning what was last known.
+/// Fails:   without a server there are no devices, until there is one. A server that hangs makes writes
+///          return 'what' at their deadline; reads go on returning what was last known.
 class PipeWireDriver final : public HALHardwareDriver {
 public:
-    /// `remote` is a remote name or the path of a server's socket; nothing means the user's own server, found as
-    /// every client of PipeWire finds it.
+    /// `remote` is a remote name or the path of a server's socket; nothing means the user's own server, found
+    /// as every client of PipeWire finds it.
     static CXRef<PipeWireDriver> initWithRemote(const std::optional<std::string>& remote = std::nullopt);
 
     void start(HALDriverSink& sink) override;
@@ -47,8 +47,8 @@ private:
     HALDeadline _enumerateUntil; // set by start()
     std::mutex _mutex;
     std::condition_variable _enumerationEnded;
-    // Set once and never back, under _mutex; read without it by callers who need not wait. Acquire pairs with the
-    // release of the store, after the devices were reported.
+    // Set once and never back, under _mutex; read without it by callers who need not wait. Acquire pairs with
+    // the release of the store, after the devices were reported.
     std::atomic<bool> _isEnumerated{false};
 
     // The loop's.

@@ -188,8 +188,8 @@ void PipeWireHardware::setBufferFrameSize(PipeWireDevice& device, uint32_t frame
                     [=](const PipeWireClockSeen& clock) { return clock.frameCount == frameCount; });
 }
 
-/// Replies when the clock of every run of the device shows what is wanted; at once when it has no run: the value then
-/// takes effect with the next start.
+/// Replies when the clock of every run of the device shows what is wanted; at once when it has no run: the
+/// value then takes effect with the next start.
 void PipeWireHardware::_finishWhenRuns(PipeWireDevice& device, const Reply& reply,
                                        const std::function<bool(const PipeWireClockSeen&)>& shows)
 {

@@ -42,8 +42,8 @@ public:
     void startIO(PipeWireDevice& device, const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
                  const Reply& reply);
     void stopIO(PipeWireDevice& device, const Reply& reply);
-    /// Runs the members in one cycle through `table`, with the streams of all in their order: those of one group
-    /// domain and equal rates, else 'nope'. `groupNumber` names the group until stopTogether().
+    /// Runs the members in one cycle through `table`, with the streams of all in their order: those of one
+    /// group domain and equal rates, else 'nope'. `groupNumber` names the group until stopTogether().
     void startTogether(uint64_t groupNumber, const std::vector<HALGroupMember>& members,
                        const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline, const Reply& reply);
     /// The member has gone (both null), or is there again. 'nope' when the device cannot run with the others.

@@ -39,8 +39,8 @@ public:
     /// For what is added to the loop on its own thread. Null before `started` is called, never afterwards.
     pw_loop* get() const noexcept { return _loop; }
 
-    // What runs next by time. Timers need no descriptors: the next deadline is how long the loop may sleep. On the
-    // loop's thread.
+    // What runs next by time. Timers need no descriptors: the next deadline is how long the loop may sleep.
+    // On the loop's thread.
     using Deadline = std::multimap<Clock::time_point, Work>::iterator;
     /// Calls `work` once at `time`, unless it is taken back. The work has been taken out when it is called.
     Deadline callAt(Clock::time_point time, Work work) { return _deadlines.emplace(time, std::move(work)); }

@@ -10,7 +10,8 @@
 class SimulatedMachine;
 class SimulatedRun;
 
-/// The driver of a simulated device: its description, its clock, and what happens in a cycle around the callbacks.
+/// The driver of a simulated device: its description, its clock, and what happens in a cycle around the
+/// callbacks.
 /// Threads: any; the cycle's functions on the IO thread of the run that the device is in, with lock() held.
 /// Waits:   every function but those of the cycle waits for a running cycle, except on the IO thread.
 class SimulatedDevice final : public HALDeviceDriver {
@@ -22,8 +23,8 @@ public:
     /// The state of the description; waits for no cycle.
     HALDeviceState state() const;
     const std::string& uid() const noexcept { return _uid; }
-    /// Changes the description between two cycles and reports it. A running device goes on with it. '!dev' when it is
-    /// no longer plugged in.
+    /// Changes the description between two cycles and reports it. A running device goes on with it. '!dev'
+    /// when it is no longer plugged in.
     HALStatus alter(const std::function<void(SimulatedDeviceDescription&)>& change);
     /// The ID that clients know it by; 0 before it was reported.
     AudioObjectID objectID() const noexcept { return _objectID; }

@@ -6,7 +6,8 @@
 #include <map>
 #include <thread>
 
-/// Runs cycles when they fall due: on the stepped clock when told, on the real-time clock on a thread for each run.
+/// Runs cycles when they fall due: on the stepped clock as the application asks, on the real-time clock on a
+/// thread for each run.
 /// Threads: any; advance() and stepCycles() on one at a time, which is the IO thread then.
 /// Waits:   remove() for a running cycle, except on the IO thread.
 class SimulatedScheduler {
