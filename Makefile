@@ -4,7 +4,7 @@ DEMO_ARGS ?=
 PREFIX ?= /usr/local
 BUILD_DIR ?= build/release
 
-.PHONY: help release demo test check asan tsan lint bench soak format install clean
+.PHONY: help release demo test check asan tsan lint coverage bench soak format install clean
 help:
 	@sed -n 's/^## //p' $(firstword $(MAKEFILE_LIST))
 
@@ -35,6 +35,14 @@ asan tsan:
 lint:
 	@scripts/install-packages build tests checks
 	scripts/lint
+
+## make coverage which lines the tests reach: build/coverage/report.txt, and report.html beside it
+coverage:
+	@scripts/install-packages build tests release
+	$(call build,coverage)
+	-ctest --preset coverage -j $(JOBS) -LE soak --quiet
+	gcovr --root . --exclude tests --exclude fuzz --exclude bench --exclude-throw-branches --print-summary \
+	    --txt build/coverage/report.txt --html-details build/coverage/report.html build/coverage
 
 ## make bench    speed, each measure beside its peers
 bench:
