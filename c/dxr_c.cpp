@@ -751,6 +751,14 @@ dxr_status dxr_set_log(dxr_log_callback callback, void* user)
     });
 }
 
+dxr_status dxr_hardware_error(const char** text)
+{
+    return guarded(__func__, [&] {
+        require(text, "text");
+        *text = newText(HALHardwareUnavailableReason());
+    });
+}
+
 // ---- Devices
 
 dxr_status dxr_devices(dxr_device* const** devices, size_t* count)

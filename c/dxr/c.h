@@ -92,6 +92,9 @@ DXR_C_API dxr_status dxr_set_application(const char *identifier);
 typedef void (*dxr_log_callback)(const char *line, void *user);
 DXR_C_API dxr_status dxr_set_log(dxr_log_callback callback, void *user);
 
+/* Why no devices can be found: "cannot connect to the PipeWire server at …"; empty when they can. */
+DXR_C_API dxr_status dxr_hardware_error(const char **text);
+
 /* ---- Devices */
 
 /* Everything about a device at one moment; in memory of its own. */

@@ -10,7 +10,7 @@
 from . import simulated
 from ._audio import Callback, Cycle, Runner, Samples, Sound, State, loop, play, record
 from ._devices import Change, Changes, Device, Direction, Settings, changes, default, device, device_from_archive, devices
-from ._library import ArgumentError, Error, NotFoundError, RefusedError, StateError, check, decoded, encoded, lib
+from ._library import ArgumentError, Error, NotFoundError, RefusedError, StateError, check, decoded, encoded, lib, result, taken
 
 __version__: str = decoded(lib.dxr_version())
 
@@ -20,8 +20,13 @@ def set_application(identifier: str) -> None:
     check(lib.dxr_set_application(encoded(identifier, "the identifier")))
 
 
+def hardware_error() -> str:
+    """Why no devices can be found, "cannot connect to the PipeWire server at …"; empty when they can."""
+    return taken(result(lib.dxr_hardware_error))
+
+
 __all__ = [
     "ArgumentError", "Callback", "Change", "Changes", "Cycle", "Device", "Direction", "Error", "NotFoundError",
     "RefusedError", "Runner", "Samples", "Settings", "Sound", "State", "StateError", "changes", "default", "device",
-    "device_from_archive", "devices", "loop", "play", "record", "set_application", "simulated",
+    "device_from_archive", "devices", "hardware_error", "loop", "play", "record", "set_application", "simulated",
 ]  # fmt: skip

@@ -29,6 +29,11 @@ void PipeWireDriver::waitUntilEnumerated()
     _engine->waitUntilEnumerated();
 }
 
+std::string PipeWireDriver::unavailableReason() const
+{
+    return _engine->unavailableReason();
+}
+
 HALStatus PipeWireDriver::chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline)
 {
     const auto* chosen = dynamic_cast<PipeWireDeviceDriver*>(&device);

@@ -21,6 +21,7 @@ public:
     void start(HALDriverSink& sink) override;
     void stop() override;
     void waitUntilEnumerated() override;
+    std::string unavailableReason() const override;
     HALStatus chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline) override;
 
 private:

@@ -105,6 +105,14 @@ void PipeWireEngine::defaultChanged(HALDefault which, AudioObjectID deviceID)
     _sink->defaultChanged(which, driver == _drivers.end() ? nullptr : driver->second.get());
 }
 
+std::string PipeWireEngine::unavailableReason() const
+{
+    if (_hasServer)
+        return {};
+    return "cannot connect to the PipeWire server at " +
+           PipeWireSocketWatch::socketsOfRemote(_remote).front().string();
+}
+
 void PipeWireEngine::enumerated()
 {
     const std::scoped_lock lock(_mutex);

@@ -27,6 +27,7 @@ public:
     /// Has the loop carry `work` out and waits for its reply; not inside a cycle, which must not wait.
     HALStatus carryOut(const Work& work, HALDeadline deadline);
     void waitUntilEnumerated();
+    std::string unavailableReason() const;
 
 private:
     explicit PipeWireEngine(const std::optional<std::string>& remote);
@@ -37,6 +38,7 @@ private:
     void deviceChanged(AudioObjectID deviceID, const HALDeviceState& state) override;
     void deviceDisappeared(AudioObjectID deviceID) override;
     void defaultChanged(HALDefault which, AudioObjectID deviceID) override;
+    void serverFound(bool isFound) override { _hasServer = isFound; }
     void enumerated() override;
 
     const std::optional<std::string> _remote;
@@ -46,6 +48,8 @@ private:
     // Set once and never back, under _mutex; read without it by callers who need not wait. Acquire pairs with the
     // release of the store, after the devices were reported.
     std::atomic<bool> _isEnumerated{false};
+
+    std::atomic<bool> _hasServer{false}; // stands for itself
 
     // The loop's.
     bool _hasLoop = false;

@@ -28,12 +28,14 @@ PipeWireHardware::~PipeWireHardware()
 
 void PipeWireHardware::sessionConnected()
 {
+    _model.serverFound(true);
     _mirror.connected();
 }
 
 void PipeWireHardware::sessionDisconnected()
 {
     _devices.forgetAll();
+    _model.serverFound(false);
     _runs.connectionLost();
     _mirror.disconnected();
     for (const Pending& pending : std::exchange(_pending, {}))

@@ -10,6 +10,8 @@ public:
     virtual void deviceChanged(AudioObjectID deviceID, const HALDeviceState& state) = 0;
     virtual void deviceDisappeared(AudioObjectID deviceID) = 0;
     virtual void defaultChanged(HALDefault which, AudioObjectID deviceID) = 0;
+    /// There is a server now, or none any more.
+    virtual void serverFound(bool isFound) = 0;
     /// The devices that were there when we came are all told, or there is no server to tell of any.
     virtual void enumerated() = 0;
 
