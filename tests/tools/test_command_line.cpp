@@ -481,6 +481,24 @@ TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)
     EXPECT_EQ(unseen.output, "") << "nobody is shown what cannot be kept";
 }
 
+TEST_F(DxrCommand, writesItsManualAndCompletesItself)
+{
+    ASSERT_EQ(runTool({"manual", path("man")}).status, 0);
+    EXPECT_EQ(runTool({"manual", "/dev/null/man"}).status, 1);
+    const std::string groff = "for page in man/*.1; do groff -man -Tutf8 -ww $page; done 2>&1 > pages; ";
+    const ToolResult pages =
+        pipeline(folder, groff + "ls man | wc -l; grep -c 'the default output if not given' pages");
+    EXPECT_GT(std::stoi(pages.output), 15) << pages.output << pages.errors;
+    EXPECT_EQ(linesOf(pages.output).size(), 2U) << "no warning: " << pages.output;
+    const std::string complete =
+        "dxr() { d \"$@\"; }; d completion bash > c; . ./c; _dxr; echo ${COMPREPLY[@]}";
+    EXPECT_EQ(pipeline(folder, "COMP_WORDS=(dxr pl) COMP_CWORD=1; " + complete).output, "play plot\n");
+    EXPECT_EQ(pipeline(folder, "COMP_WORDS=(dxr play --out zoo-s) COMP_CWORD=3; " + complete).output,
+              "zoo-speakers zoo-surround\n");
+    for (const char* shell : {"zsh", "fish"})
+        EXPECT_NE(runTool({"completion", shell}).output.find("record"), std::string::npos);
+}
+
 /// The terminal is as it was before the tool had it whole.
 void expectGivenBack(ToolProcess& tool)
 {

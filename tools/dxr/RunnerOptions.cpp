@@ -18,7 +18,7 @@ const CLI::Validator aboveZero(
         double number = 0.0;
         return CLI::detail::lexical_cast(text, number) && number > 0.0 ? std::string() : "must be above 0";
     },
-    "above 0");
+    "");
 
 std::streambuf& nowhere()
 {

@@ -7,6 +7,7 @@
 #include "ListCommand.h"
 #include "LoopCommand.h"
 #include "MonitorCommand.h"
+#include "PagesCommand.h"
 #include "PlayCommand.h"
 #include "PlotResponseCommand.h"
 #include "RecordCommand.h"
@@ -44,6 +45,7 @@ void registerCommands(CLI::App& app)
     registerResampleCommand(app);
     registerPlotCommand(app);
     registerAggregateCommand(app);
+    registerPagesCommands(app);
 }
 
 /// How many letters must be added, removed or changed to make one word of the other.
