@@ -13,9 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <pthread.h>
-#include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -58,16 +56,18 @@ protected:
     dxr_runner* runner = nullptr;
 };
 
-std::set<std::string> namesIn(const char* path, const char* pattern)
+/// The functions named in the lines of a file that begin with `beginning`: what stands before `end`.
+std::set<std::string> namesIn(const char* path, const std::string& beginning, char end)
 {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    const std::string all = text.str();
-    const std::regex name(pattern);
     std::set<std::string> names;
-    for (auto match = std::sregex_iterator(all.begin(), all.end(), name); match != std::sregex_iterator();
-         ++match)
-        names.insert((*match)[1]);
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        const size_t stop = line.find(end);
+        if (!line.starts_with(beginning) || stop == std::string::npos)
+            continue;
+        const size_t start = line.find_last_of(" *", stop) + 1;
+        names.insert(line.substr(start, stop - start));
+    }
     return names;
 }
 
@@ -78,9 +78,9 @@ TEST_F(CInterface, isWhatAProgramInC99Uses)
 
 TEST_F(CInterface, exportsWhatItsHeaderDeclaresUnderOneVersion)
 {
-    const std::set<std::string> declared = namesIn(DXR_C_HEADER, "\nDXR_C_API [^;(]*?(dxr_[a-z_]+)\\(");
+    const std::set<std::string> declared = namesIn(DXR_C_HEADER, "DXR_C_API", '(');
     EXPECT_GE(declared.size(), 45U);
-    EXPECT_EQ(declared, namesIn(DXR_MAP, " (dxr_[a-z_]+);"));
+    EXPECT_EQ(declared, namesIn(DXR_MAP, "        dxr_", ';'));
     void* const library = dlopen(nullptr, RTLD_NOW);
     for (const std::string& name : declared)
         EXPECT_TRUE(dlvsym(library, name.c_str(), "DXR_C_1")) << name;

@@ -83,9 +83,9 @@ std::string wave(uint32_t declaredBytes, size_t heldBytes)
 /// Runs a shell's command in `folder`, where `d` is dxr on the simulated computer.
 ToolResult pipeline(const std::filesystem::path& folder, const std::string& command)
 {
-    const std::string shell = "cd " + folder.string() + "; d() { " DXR_TOOL " \"$@\" --simulated; }; { " +
-                              command + "; } 2> errors";
-    FILE* const pipe = popen(("bash -o pipefail -c '" + shell + "'").c_str(), "r");
+    std::ofstream(folder / "script") << "cd " << folder << "; d() { " DXR_TOOL " \"$@\" --simulated; }; { "
+                                     << command << "; } 2> errors";
+    FILE* const pipe = popen(("bash -o pipefail " + (folder / "script").string()).c_str(), "r");
     std::array<char, 4096> block{};
     ToolResult result{};
     while (const size_t count = std::fread(block.data(), 1, block.size(), pipe))
