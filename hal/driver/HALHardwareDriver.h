@@ -42,6 +42,8 @@ public:
     /// Returns after the initial enumeration, or after a bounded time. Called before clients read the list of
     /// devices; not on IO threads.
     virtual void waitUntilEnumerated() {}
+    /// Why devices cannot be found now, for a user; empty when they can.
+    virtual std::string unavailableReason() const { return {}; }
     /// Makes `device`, which has streams in the direction and can be default there, the default device.
     /// 'nope' where the defaults are not the application's to choose.
     virtual HALStatus chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline);
@@ -51,3 +53,7 @@ public:
 /// change, when there is a driver already. Without a call, the first HAL function picks PipeWire, or no
 /// devices where PipeWire was not built in.
 DXR_EXPORT bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver);
+
+/// Why the process's hardware has no devices: "cannot connect to the PipeWire server at …"; empty when it can be asked for
+/// them. Returns after the initial enumeration.
+DXR_EXPORT std::string HALHardwareUnavailableReason();

@@ -33,6 +33,13 @@ bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver)
     return bool(active().model);
 }
 
+std::string HALHardwareUnavailableReason()
+{
+    HALHardwareDriver& driver = halActiveModel()->driver();
+    driver.waitUntilEnumerated();
+    return driver.unavailableReason();
+}
+
 const CXRef<HALModel>& halActiveModel()
 {
     static const CXRef<HALModel>& model = []() -> const CXRef<HALModel>& {

@@ -70,6 +70,8 @@ public:
 
     void settle() override;
 
+    HALHardwareDriver& driver() const noexcept { return *_driver; }
+
 private:
     using Devices = std::map<AudioObjectID, CXRef<HALDevice>>;
 

@@ -5,6 +5,7 @@
 #include "PipeWireHardware.h"
 #include "PipeWireLoop.h"
 #include "PipeWireReply.h"
+#include "PipeWireSocketWatch.h"
 
 namespace {
 
@@ -89,6 +90,14 @@ void PipeWireDriver::enumerated()
     const std::scoped_lock lock(_mutex);
     _isEnumerated = true;
     _enumerationEnded.notify_all();
+}
+
+std::string PipeWireDriver::unavailableReason() const
+{
+    if (_hasServer)
+        return {};
+    return "cannot connect to the PipeWire server at " +
+           PipeWireSocketWatch::socketsOfRemote(_remote).front().string();
 }
 
 HALStatus PipeWireDriver::chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline)

@@ -28,12 +28,15 @@ public:
     void start(HALDriverSink& sink) override;
     void stop() override;
     void waitUntilEnumerated() override;
+    std::string unavailableReason() const override;
     HALStatus chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline) override;
 
     using Reply = CXRef<PipeWireReply>;
     using Work = CXBlock<void(PipeWireHardware&, const Reply&)>;
     /// Has the loop carry `work` out and waits for its reply; not inside a cycle, which must not wait.
     HALStatus carryOut(const Work& work, HALDeadline deadline);
+    /// From the loop: there is a server now, or none any more.
+    void serverFound(bool isFound) { _hasServer = isFound; }
     /// From the loop: the devices that were there at the beginning are reported, or there is no server.
     void enumerated();
 
@@ -50,6 +53,8 @@ private:
     // Set once and never back, under _mutex; read without it by callers who need not wait. Acquire pairs with
     // the release of the store, after the devices were reported.
     std::atomic<bool> _isEnumerated{false};
+
+    std::atomic<bool> _hasServer{false}; // stands for itself
 
     // The loop's.
     bool _hasLoop = false;

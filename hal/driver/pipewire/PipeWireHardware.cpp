@@ -34,12 +34,14 @@ PipeWireHardware::~PipeWireHardware()
 
 void PipeWireHardware::sessionConnected()
 {
+    _owner.serverFound(true);
     _mirror.connected();
 }
 
 void PipeWireHardware::sessionDisconnected()
 {
     _devices.forgetAll();
+    _owner.serverFound(false);
     _runs.connectionLost();
     _mirror.disconnected();
     for (const Pending& pending : std::exchange(_pending, {}))
