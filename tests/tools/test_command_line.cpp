@@ -87,6 +87,8 @@ TEST_F(DxrCommand, tellsWrongUsageFromFailure)
         {{"nonsense"}, 2},
         {{"list", "--nonsense"}, 2},
         {{"info", "--simulated"}, 2},
+        {{"list", "--hardware", "nowhere"}, 1},
+        {{"list", "--hardware", "alsa", "--simulated"}, 2},
         {{"play", "x.wav"}, 2},
         {{"loop", "--in", "zoo-ramp"}, 2},
         {{"set", "zoo-speakers", "--simulated"}, 2},
