@@ -233,7 +233,7 @@ HALStatus AlsaDevice::_start(HALDeadline deadline, AlsaRun::WhenRefused whenRefu
     const HALStatus status = _run->start(deadline, whenRefused);
     if (status && whenRefused == AlsaRun::WhenRefused::End)
         _run.reset();
-    return status;
+    return status && !_card->info() ? kAudioHardwareBadDeviceError : status;
 }
 
 void AlsaDevice::stopIO()

@@ -25,14 +25,6 @@ size_t placeOf(HALDirection direction)
     return static_cast<size_t>(direction);
 }
 
-HALStatus statusOf(int error)
-{
-    if (error == 0)
-        return kAudioHardwareNoError;
-    return error == -ENODEV || error == -ENOENT ? kAudioHardwareBadDeviceError
-                                                : kAudioHardwareUnspecifiedError;
-}
-
 } // namespace
 
 AlsaRun::AlsaRun(AlsaRunSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable> table,
@@ -68,7 +60,7 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
     _thread = platform::Thread("dxr-alsa-io", [this] { _run(); });
     std::unique_lock lock(_mutex);
     if (_settled.wait_until(lock, deadline, [this] { return _startError.has_value(); }))
-        return statusOf(*_startError);
+        return *_startError ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
     return kAudioHardwareUnspecifiedError;
 }
 

@@ -39,7 +39,8 @@ protected:
     AudioObjectID device(const std::string& uid)
     {
         AudioObjectID found = kAudioObjectUnknown;
-        EXPECT_TRUE(eventually([&] { return (found = deviceWithUID(*hal, uid)) != kAudioObjectUnknown; })) << uid;
+        EXPECT_TRUE(eventually([&] { return (found = deviceWithUID(*hal, uid)) != kAudioObjectUnknown; }))
+            << uid;
         return found;
     }
     template <class Value>
@@ -58,11 +59,12 @@ class Ramp {
 public:
     Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID)
     {
-        EXPECT_EQ(_hal.createIOProc(_deviceID,
-                                    [this](const AudioTimeStamp* now, const AudioBufferList* in,
-                                           const AudioTimeStamp* inTime, AudioBufferList* out,
-                                           const AudioTimeStamp* outTime) { _cycle(*now, in, *inTime, out, *outTime); },
-                                    _procID),
+        EXPECT_EQ(_hal.createIOProc(
+                      _deviceID,
+                      [this](const AudioTimeStamp* now, const AudioBufferList* in,
+                             const AudioTimeStamp* inTime, AudioBufferList* out,
+                             const AudioTimeStamp* outTime) { _cycle(*now, in, *inTime, out, *outTime); },
+                      _procID),
                   kAudioHardwareNoError);
     }
     ~Ramp() { stop(); }
@@ -77,11 +79,13 @@ public:
     }
 
     std::atomic<uint64_t> cycles{0};
-    std::atomic<uint64_t> heard{0};     ///< frames that continued the ramp
-    std::atomic<uint64_t> jumps{0};     ///< frames that did not, silence left out
-    std::atomic<uint64_t> backwards{0}; ///< sample times that were not the last one's plus its frames, or later
-    std::atomic<uint64_t> gaps{0};      ///< sample times that were later
-    std::atomic<double> latencyFrames{0.0}; ///< between a sample's output and its input time, less what was measured
+    std::atomic<uint64_t> heard{0}; ///< frames that continued the ramp
+    std::atomic<uint64_t> jumps{0}; ///< frames that did not, silence left out
+    std::atomic<uint64_t> backwards{
+        0};                        ///< sample times that were not the last one's plus its frames, or later
+    std::atomic<uint64_t> gaps{0}; ///< sample times that were later
+    std::atomic<double> latencyFrames{
+        0.0}; ///< between a sample's output and its input time, less what was measured
     std::atomic<float> step{1.0F / 1048576.0F};
 
 private:
@@ -99,7 +103,8 @@ private:
                 } else if (sample == _last + step || sample < _last - 0.9F) {
                     ++heard;
                     // What was played at sample time t carries t.
-                    const double time = std::fmod(inTime.sampleTime + frame, 1.0 / static_cast<double>(step.load()));
+                    const double time =
+                        std::fmod(inTime.sampleTime + frame, 1.0 / static_cast<double>(step.load()));
                     latencyFrames = time - std::round(static_cast<double>(sample / step));
                 } else {
                     ++jumps;
@@ -113,7 +118,8 @@ private:
             frames = buffer.dataByteSize / (buffer.numberChannels * 4);
             for (uint32_t i = 0; i < frames * buffer.numberChannels; ++i) {
                 const double time = outTime.sampleTime + i / buffer.numberChannels;
-                samples[i] = static_cast<float>(std::fmod(time, 1.0 / static_cast<double>(step.load()))) * step;
+                samples[i] =
+                    static_cast<float>(std::fmod(time, 1.0 / static_cast<double>(step.load()))) * step;
             }
         }
         if (now.sampleTime < _next)

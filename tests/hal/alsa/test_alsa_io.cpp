@@ -58,8 +58,9 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
         EXPECT_TRUE(eventually([&] { return ramp.heard > 20'000; }));
         // Two directions that start one after the other are apart by the time between: only then it is not 0.
-        if (card.canLink)
+        if (card.canLink) {
             EXPECT_EQ(ramp.latencyFrames, 0.0);
+        }
         ramp.stop();
         EXPECT_EQ(ramp.jumps, 0U);
         EXPECT_EQ(ramp.backwards, 0U);
@@ -96,18 +97,21 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
         Ramp ramp(*hal, id);
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
         for (int round = 0; round < (isStuck ? 1 : 3); ++round) {
-            EXPECT_TRUE(eventually([before = ramp.cycles.load(), &ramp] { return ramp.cycles > before + 5; }));
+            EXPECT_TRUE(
+                eventually([before = ramp.cycles.load(), &ramp] { return ramp.cycles > before + 5; }));
             row.stop(number);
-            if (isStuck) // told to clients, then mended
-                EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 0U; }));
+            EXPECT_TRUE(!isStuck || eventually([&] {
+                return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 0U;
+            })) << "that it delivers nothing is not reported";
             row.let(number);
             const uint64_t heard = ramp.heard;
             const uint64_t before = ramp.cycles;
             EXPECT_TRUE(eventually([&] { return ramp.cycles > before + 20; }));
-            if (row.playback && row.capture)
-                EXPECT_TRUE(eventually([&] { return ramp.heard > heard + 2000; }));
+            EXPECT_TRUE(!row.playback || !row.capture ||
+                        eventually([&] { return ramp.heard > heard + 2000; }));
         }
-        EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
+        EXPECT_TRUE(
+            eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
         EXPECT_TRUE(isStuck || eventually([&] { return overloads.count > 0; }));
         ramp.stop();
         EXPECT_EQ(ramp.backwards, 0U);
@@ -172,10 +176,11 @@ TEST_F(AlsaTest, measuresTheClockAndKeepsItThroughAnOverload)
     std::atomic<double> scalar{0.0};
     AudioDeviceIOProcID proc = nullptr;
     const AudioObjectID id = device(uidOf("unit"));
-    hal->createIOProc(id,
-                      [&](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
-                          const AudioTimeStamp*) { scalar = now->rateScalar; },
-                      proc);
+    hal->createIOProc(
+        id,
+        [&](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
+            const AudioTimeStamp*) { scalar = now->rateScalar; },
+        proc);
     ASSERT_EQ(hal->start(id, proc), kAudioHardwareNoError);
     const auto isMeasured = [&] { return std::abs(scalar - 1.0 / 1.0002) < 10e-6; };
     EXPECT_TRUE(eventually(isMeasured)) << scalar;
@@ -201,7 +206,8 @@ TEST(AlsaTimeline, keepsItsClockThroughAnInterruption)
     timeline.interrupt();
     now += 1'000'000'000;
     const AlsaTimeline::Step after = cycle(1);
-    EXPECT_NEAR(static_cast<double>(after.sampleTime - last), 48512.0, 2.0) << "the frames that were lost count";
+    EXPECT_NEAR(static_cast<double>(after.sampleTime - last), 48512.0, 2.0)
+        << "the frames that were lost count";
     EXPECT_NEAR(after.rateRatio, 1.0, 1e-6);
     // Stamps that cannot be true do not throw it off.
     timeline.interrupt();
