@@ -2,6 +2,8 @@
 
 #include "HALDeviceDriver.h"
 
+#include <string_view>
+
 /// The default devices of a computer.
 enum class HALDefault : uint32_t { Input = 0, Output = 1, SystemOutput = 2 };
 
@@ -49,9 +51,14 @@ public:
     virtual HALStatus chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline);
 };
 
-/// Makes `driver` the process's audio hardware. Call it once, before any other HAL function; false, and no
-/// change, when there is a driver already. Without a call, the first HAL function picks PipeWire, or no
-/// devices where PipeWire was not built in.
+/// A driver that the library brings: "pipewire", the devices of the user's PipeWire server; "alsa", the sound cards
+/// themselves, which no sound server may be using; "alsa:2", with rings of two cycles instead of three. Null for any other
+/// name, and for a driver that was not built in.
+DXR_EXPORT CXRef<HALHardwareDriver> HALMakeHardwareDriver(std::string_view name);
+
+/// Makes `driver` the process's audio hardware. Call it once, before any other HAL function; false, and no change, when
+/// there is a driver already. Without a call, the first HAL function picks PipeWire; ALSA where PipeWire was not built in,
+/// and where the machine has sound cards and no sound server is running or about to; no devices where neither was built in.
 DXR_EXPORT bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver);
 
 /// Why the process's hardware has no devices: "cannot connect to the PipeWire server at …"; empty when it can be asked for

@@ -34,10 +34,12 @@ bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver)
 }
 
 std::string HALHardwareUnavailableReason()
-{
+try {
     HALHardwareDriver& driver = halActiveModel()->driver();
     driver.waitUntilEnumerated();
     return driver.unavailableReason();
+} catch (const std::exception& error) { // no thread
+    return std::string("cannot use the audio hardware: ") + error.what();
 }
 
 const CXRef<HALModel>& halActiveModel()

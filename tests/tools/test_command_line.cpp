@@ -120,6 +120,8 @@ TEST_F(DxrCommand, tellsWrongUsageFromFailure)
         {{"record", path("x.flac"), "--simulated", "--bits", "32"}, 1},
         {{"record", "-", "--simulated", "--format", "aiff"}, 1},
         {{"play", "-", "--simulated", "--format", "s16:0:2"}, 1},
+        {{"list", "--hardware", "nowhere"}, 1},
+        {{"list", "--hardware", "alsa", "--simulated"}, 2},
         {{"set", "zoo-speakers", "--simulated"}, 2},
         {{"set", "zoo-speakers", "--simulated", "--volume", "1.01"}, 2},
         {{"set", "zoo-speakers", "--simulated", "--volume", "50"}, 2},
