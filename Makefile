@@ -74,7 +74,7 @@ dist:
 
 ## make deb      Debian packages, in build/deb
 deb: dist
-	@scripts/install-packages build packages
+	@scripts/install-packages build packaging
 	rm -rf build/deb && mkdir -p build/deb && tar -xzf build/dxr-$(VERSION).tar.gz -C build/deb
 	cd build/deb/dxr-$(VERSION) && dpkg-buildpackage -us -uc -b -j$(JOBS)
 	lintian --fail-on error,warning build/deb/*.changes
