@@ -4,7 +4,7 @@ DEMO_ARGS ?=
 PREFIX ?= /usr/local
 BUILD_DIR ?= build/release
 
-.PHONY: help release demo test check asan tsan lint bench soak format install clean
+.PHONY: help release demo test check asan tsan lint coverage bench soak format install dist deb clean
 help:
 	@sed -n 's/^## //p' $(firstword $(MAKEFILE_LIST))
 
@@ -36,6 +36,14 @@ lint:
 	@scripts/install-packages build tests checks
 	scripts/lint
 
+## make coverage which lines the tests reach: build/coverage/report.txt, and report.html beside it
+coverage:
+	@scripts/install-packages build tests release
+	$(call build,coverage)
+	-ctest --preset coverage -j $(JOBS) -LE soak --quiet
+	gcovr --root . --exclude tests --exclude fuzz --exclude bench --exclude-throw-branches --print-summary \
+	    --txt build/coverage/report.txt --html-details build/coverage/report.html build/coverage
+
 ## make bench    speed, each measure beside its peers
 bench:
 	@scripts/install-packages build tests bench
@@ -57,6 +65,19 @@ release:
 ## make install  under PREFIX, /usr/local if not said; DESTDIR goes before it
 install: release
 	DESTDIR="$(DESTDIR)" cmake --install "$(BUILD_DIR)" --prefix "$(PREFIX)"
+
+## make dist     a tarball of what is committed, which builds without git
+VERSION := $(shell sed -n 's/^project(dxr VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+dist:
+	@mkdir -p build
+	git archive --prefix=dxr-$(VERSION)/ HEAD | gzip -9n > build/dxr-$(VERSION).tar.gz
+
+## make deb      Debian packages, in build/deb
+deb: dist
+	@scripts/install-packages build packaging
+	rm -rf build/deb && mkdir -p build/deb && tar -xzf build/dxr-$(VERSION).tar.gz -C build/deb
+	cd build/deb/dxr-$(VERSION) && dpkg-buildpackage -us -uc -b -j$(JOBS)
+	lintian --fail-on error,warning build/deb/*.changes
 
 clean:
 	rm -rf build out

@@ -47,7 +47,7 @@ struct AudioBuffer {
     void* data;              ///< not owned; null when there is no data this cycle
 };
 
-/// All streams of one direction in one cycle. `buffers` has numberBuffers entries, whatever the declared
+/// All streams of one direction in one cycle. `buffers` has numberBuffers entries, regardless of the declared
 /// bound.
 struct AudioBufferList {
     uint32_t numberBuffers;

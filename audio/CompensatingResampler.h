@@ -10,15 +10,15 @@
 /// Reads a stream of samples at positions between its frames: what brings a stream from one device's clock to
 /// another's, by a ratio that is steered all the time and is never far from the one it was made for.
 ///
-/// A windowed sinc in 512 phases with linear interpolation between them. The window is Kaiser's (J. F. Kaiser,
-/// "Nonrecursive digital filter design using the I0-sinh window function", 1974); its lengths and shape follow
-/// the formulas in Oppenheim and Schafer, "Discrete-Time Signal Processing", 7.5.3, for 112 dB. The error of
-/// the linear interpolation at w radians per frame is (w / 512)^2 / 8, which is -122 dB at 10 kHz of 48. With
-/// the pass band's edge at half the rate, whole positions are read as they are, bit for bit.
+/// A windowed sinc in 512 phases with linear interpolation between them. The window is Kaiser's (J. F.
+/// Kaiser, "Nonrecursive digital filter design using the I0-sinh window function", 1974); its lengths and
+/// shape follow the formulas in Oppenheim and Schafer, "Discrete-Time Signal Processing", 7.5.3, for 112 dB.
+/// The error of the linear interpolation at w radians per frame is (w / 512)^2 / 8, which is -122 dB at 10
+/// kHz of 48. With the pass band's edge at half the rate, whole positions are read as they are, bit for bit.
 ///
-/// A neighbouring phase lies 1/512 frame away, so clocks that differ by a few hundred parts per million use the
-/// same two rows for many frames; that is why a large table costs nothing, and why neither symmetric storage nor
-/// fewer phases with cubic interpolation would gain anything.
+/// A neighbouring phase lies 1/512 frame away, so clocks that differ by a few hundred parts per million use
+/// the same two rows for many frames; that is why a large table costs nothing, and why neither symmetric
+/// storage nor fewer phases with cubic interpolation would gain anything.
 /// Threads:   any; it does not change after it was made.
 /// Real time: read().
 class CompensatingResampler final : public CXObject {
@@ -27,10 +27,12 @@ public:
     static constexpr double mostRatio = 32.0;
 
     /// For about `ratio` input frames per output frame; above 1 the filter is lowered, and lengthened. What
-    /// folds lies in its transition, above 0.88 of half the output's rate. Null when the ratio is not within 1 / mostRatio … mostRatio.
+    /// folds lies in its transition, above 0.88 of half the output's rate. Null when the ratio is not within
+    /// 1 / mostRatio … mostRatio.
     static CXRef<CompensatingResampler> initWithRatio(double ratio);
 
-    /// How many input frames from a position's whole part backwards, and beyond it onwards, a frame is made of.
+    /// How many input frames from a position's whole part backwards, and beyond it onwards, a frame is made
+    /// of.
     uint32_t framesBefore() const noexcept CX_REALTIME { return _tapCount / 2 - 1; }
     uint32_t framesAfter() const noexcept CX_REALTIME { return _tapCount / 2; }
 

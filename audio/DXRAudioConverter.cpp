@@ -15,8 +15,8 @@ namespace {
 constexpr uint32_t headroomFrames = 16;
 constexpr double maxBufferFrames = 1U << 30; // keeps every count within 32 bits
 
-/// Device frames that are read together: a sampler's read takes at least one frame of the other side, so a shorter cycle
-/// than one such frame is collected until there is a whole one.
+/// Device frames that are read together: a sampler's read takes at least one frame of the other side, so a
+/// shorter cycle than one such frame is collected until there is a whole one.
 uint32_t framesReadTogether(uint32_t contextFrameCount, double convertedPerContext)
 {
     const double convertedFrames = contextFrameCount * convertedPerContext;
@@ -27,14 +27,19 @@ uint32_t framesReadTogether(uint32_t contextFrameCount, double convertedPerConte
     return static_cast<uint32_t>(cycles) * contextFrameCount;
 }
 
-/// The room in frames that each buffer needs. With D device frames a cycle, B read together, F frames a node cycle and r
-/// converted frames per device frame:
-///   - Output: a read takes at most B r + 2 frames, and the nodes add F while fewer are held: below B r + 2 + F.
+/// The room in frames that each buffer needs. With D device frames a cycle, B read together, F frames a node
+/// cycle and r converted frames per device frame:
+///   - Output: a read takes at most B r + 2 frames, and the nodes add F while fewer are held: below B r + 2 +
+///     F.
 ///   - Input alone: fewer than F frames stay, a write adds at most D r + r + 1.
-///   - Input with output: node cycles move F frames from one buffer to the other, so the sum of both changes only by
-///     writes, by reads, and by padding, after which the input is empty and the output holds fewer than F; at first both
-///     hold F / 2. From either moment on, frames written exceed frames read by what the two samplers' phases can differ:
-///     a writer's lies in 0 … r + 1 frames, a reader's in 0 … max(r, 2), and a read is up to B r < 2 behind where it is
+///   - Input with output: node cycles move F frames from one buffer to the other, so the sum of both changes
+///     only by
+///     writes, by reads, and by padding, after which the input is empty and the output holds fewer than F; at
+///     first both
+///     hold F / 2. From either moment on, frames written exceed frames read by what the two samplers' phases
+///     can differ:
+///     a writer's lies in 0 … r + 1 frames, a reader's in 0 … max(r, 2), and a read is up to B r < 2 behind
+///     where it is
 ///     collected. Before the cycle's own read, D r more are there: at most F + D r + r + 1 + max(r, 2) + 2.
 /// All of it is at most F + ceil(B r) + 2 ceil(r) + 7. At equal rates no sampler has a phase.
 uint32_t bufferFramesNeeded(uint32_t framesTogether, uint32_t convertedFrameCount, double convertedPerContext)

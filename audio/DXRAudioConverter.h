@@ -47,7 +47,8 @@ public:
     /// One device cycle of contextFrameCount() frames. `sampleTime` is the nodes' time, in converted frames;
     /// it advances by convertedFrameCount() for every node cycle. `samples` is the pair of the device's
     /// channel entries, input and output, as many as `channelCounts` said; a null entry, or a null array, is
-    /// silence on input and ignored on output. Does nothing when a node cycle has no frames. `times` are the device's.
+    /// silence on input and ignored on output. Does nothing when a node cycle has no frames. `times` are the
+    /// device's.
     void performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2],
                                  const DXRCycleTimes& times = {}) CX_REALTIME;
     /// Where the first frame of the last block of an input, or output, is in the device's cycle that ran it: device frames
@@ -107,8 +108,8 @@ private:
     std::vector<float> _buffers[2];
     std::unique_ptr<RateConversion> _conversions[2]; // between different rates
 
-    // Device frames that one read makes: a cycle, or several where a cycle is worth less than one converted frame. Those
-    // are collected here, interleaved, _collectedFrames of them still to be given out.
+    // Device frames that one read makes: a cycle, or several where a cycle is worth less than one converted
+    // frame. Those are collected here, interleaved, _collectedFrames of them still to be given out.
     uint32_t _framesReadTogether = 0;
     uint32_t _collectedFrames = 0;
     std::vector<float> _collected;

@@ -12,7 +12,8 @@
 /// zero and 32768 below, rounded away from zero and limited; NaN becomes 0. Back, the scales are 1/32767 and
 /// 1/32768. Mixes of 16-bit numbers are limited to -32768 … 32767. Results are the same to the bit on every
 /// processor.
-/// Threads:   unlocked; one thread at a time. Whoever hands a buffer on does the synchronising.
+/// Threads:   unlocked; one thread at a time. The caller synchronises when it passes a buffer to another
+///            thread.
 /// Real time: everything but creation and descriptions; nothing here waits.
 /// Fails:     foreign memory must hold channelCount() * frameCount() samples; nothing checks it.
 class DXR_EXPORT DXRBuffer final : public CXObject {
@@ -26,8 +27,8 @@ public:
 
     /// Forbidden: a buffer has a format. Fails an assertion.
     static CXRef<DXRBuffer> init();
-    /// frameCount * channelCount samples at `sampleRate` Hz, silent when `zeroFill`. Allocates. Null when there is no memory for so
-    /// many.
+    /// frameCount * channelCount samples at `sampleRate` Hz, silent when `zeroFill`. Allocates. Null when
+    /// there is no memory for so many.
     static CXRef<DXRBuffer> initWithSampleRate(double sampleRate, uint32_t frameCount, uint32_t channelCount,
                                                bool zeroFill = true);
     /// A copy of format and samples. Allocates. Null when there is no memory.
@@ -38,8 +39,8 @@ public:
     double sampleRate() const noexcept { return _sampleRate; } ///< Hz
     uint32_t frameCount() const noexcept { return _frameCount; }
     uint32_t channelCount() const noexcept { return _channelCount; }
-    /// In an IO block: when the first frame was at the device, of input, or will be played, of output; in host ticks, 0 when
-    /// the device does not say.
+    /// In an IO block: when the first frame was at the device, of input, or will be played, of output; in
+    /// host ticks, 0 when the device does not say.
     uint64_t hostTime() const noexcept CX_REALTIME { return _hostTime; }
     void setHostTime(uint64_t ticks) noexcept CX_REALTIME { _hostTime = ticks; }
     /// Channel c, from 0, of frame k is samples()[k * channelCount() + c].

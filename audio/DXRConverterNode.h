@@ -15,8 +15,9 @@ public:
     virtual std::vector<uint32_t> usageMap() const = 0;
     /// One cycle. `samples` has an entry for every device channel of the direction, in device order, null
     /// where no node uses the channel; itself null when there is no data at all. Input nodes read what it
-    /// points to, output nodes write it. `hostTime`, in ticks, is when the first frame of an input node's cycle was at the
-    /// device, and when that of what an output node makes now, for the next cycle, will be; 0 when that is not known.
+    /// points to, output nodes write it. `hostTime`, in ticks, is when the first frame of an input node's
+    /// cycle was at the device, and when that of what an output node makes now, for the next cycle, will be;
+    /// 0 when that is not known.
     virtual void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples,
                                          uint64_t hostTime) CX_REALTIME = 0;
 

@@ -5,7 +5,9 @@
 #include "CXRef.h"
 
 /// A hardware buffer's descriptor as an object, to be compared and used as a key. It does not own the
-/// samples. Threads:   immutable; any. Real time: everything but creation.
+/// samples.
+/// Threads: immutable; any.
+/// Real time: everything but creation.
 class DXR_EXPORT DXRCoreBuffer final : public CXObject {
 public:
     /// Copies the descriptor; null for a null pointer.

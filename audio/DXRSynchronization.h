@@ -27,8 +27,8 @@ public:
     /// Lets go once. Without a lock asserts "_count > 0".
     void unlock();
 
-    // Each runs the callable with the mutex held and answers what it answers; a null one is not called, takes
-    // no lock, and answers false or an empty reference.
+    // Each runs the callable with the mutex held and returns its result; a null one is not called, takes
+    // no lock, and gives false or an empty reference.
     void execute(CXBlockRef<void()> block);
     template <class T>
     void execute(const CXRef<T>& object, CXBlockRef<void(const std::type_identity_t<CXRef<T>>&)> block)

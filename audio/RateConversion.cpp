@@ -46,8 +46,8 @@ private:
     ausampler* const _sampler;
 };
 
-/// The resampler at a fixed ratio. Its input lies in one array per channel: what the next frames still need, from the front,
-/// and the call's input behind that.
+/// The resampler at a fixed ratio. Its input lies in one array per channel: what the next frames still need,
+/// from the front, and the call's input behind that.
 class FilterConversion final : public RateConversion {
 public:
     FilterConversion(CXRef<CompensatingResampler> filter, uint32_t channelCount, double step,

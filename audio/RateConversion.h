@@ -7,14 +7,14 @@
 #include <memory>
 #include <vector>
 
-/// Moves a stream of frames from one rate to another at a fixed ratio, block by block: what a converter needs of the sampler
-/// and of the resampler alike. One is driven in one direction, by reads or by writes.
+/// Moves a stream of frames from one rate to another at a fixed ratio, block by block: what a converter needs
+/// of the sampler and of the resampler alike. One is driven in one direction, by reads or by writes.
 /// Threads:   one at a time.
 /// Real time: everything but making one.
 class RateConversion {
 public:
-    /// For `channelCount` channels, and calls of at most `maxFrames` frames on the side with more. High quality is not to be
-    /// had beyond the resampler's ratios: then the sampler converts.
+    /// For `channelCount` channels, and calls of at most `maxFrames` frames on the side with more. High
+    /// quality is not to be had beyond the resampler's ratios: then the sampler converts.
     static std::unique_ptr<RateConversion> make(DXRConversionQuality quality, uint32_t channelCount,
                                                 double rateIn, double rateOut, uint32_t maxFrames);
     virtual ~RateConversion();

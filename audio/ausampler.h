@@ -11,13 +11,16 @@
 // produces all it computes. One sampler is driven in one direction only, by reads or by writes, because both
 // carry the same phase and history.
 //
-// Delay:     two input frames; where the low-pass runs, its own in addition, at low frequencies at most 0.4 input frames.
-// Rates:     Hz, finite and positive, their ratio too. Others convert nothing: the functions return 0 and change
+// Delay: two input frames; where the low-pass runs, its own in addition, at low frequencies at most 0.4 input
+// frames. Rates: Hz, finite and positive, their ratio too. Others convert nothing: the functions return 0 and
+// change
 //            nothing.
-// Overlap:   a call's output must not overlap its input, at equal rates neither: the result would depend on the
+// Overlap: a call's output must not overlap its input, at equal rates neither: the result would depend on the
 //            processor. Asserted where a channel's output begins where its input does.
-// Min block: a read takes at least one input frame. Its block must be worth one, out_frames * rate_in / rate_out >= 1:
-//            reads of less run ahead of the input, and what they produce does not stay bounded. Collect output frames
+// Min block: a read takes at least one input frame. Its block must be worth one, out_frames * rate_in /
+// rate_out >= 1:
+//            reads of less run ahead of the input, and what they produce does not stay bounded. Collect
+//            output frames
 //            until the block is long enough. Writes may be as short as one frame.
 // Threads:   one thread at a time for each sampler.
 // Real time: everything but ausampler_create and ausampler_destroy.

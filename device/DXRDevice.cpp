@@ -537,8 +537,8 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
         _storedTicket = readings.ticket;
         _isIncomplete = readings.isIncomplete;
         DXRDeviceValues& values = readings.values;
-        // The count belongs to a generic reference; with another count it is another device. A count that was not the
-        // reference's came from an archive, and gives way.
+        // The count belongs to a generic reference; with another count it is another device. A count that was
+        // not the reference's came from an archive, and gives way.
         const bool isGeneric = _values->channelCount != 0 && _reference->isGeneric();
         if (isGeneric && _reference->channelCount(isInput()) != values.channelCount)
             values.channelCount = _values->channelCount;
@@ -595,7 +595,7 @@ HALStatus DXRDevice::__propertyListener(AudioObjectID /*objectID*/, uint32_t cou
         return kAudioHardwareNoError;
     for (uint32_t i = 0; i < count; ++i) {
         if (self->_needsRefresh(addresses[i].selector)) {
-            self->_refreshFromHardware(); // of everything, whatever else has changed
+            self->_refreshFromHardware(); // of everything, not only of what has changed
             break;
         }
     }

@@ -17,18 +17,21 @@ class DXRDeviceHardware;
 class DXRDeviceOverrides;
 struct DXRDeviceValues;
 
-/// One audio device in one direction: the input and the output of a headset are two. It keeps a copy of the hardware's
-/// values, refreshes it when the hardware reports a change, announces changes to observers (kvo()), and does the few
-/// writes there are. It outlives its hardware: a disconnected device keeps its last values, and an absent one can be
-/// made from an archive. Clients get devices from the device manager, which makes, connects, names and keeps them.
+/// One audio device in one direction: the input and the output of a headset are two. It keeps a copy of the
+/// hardware's values, refreshes it when the hardware reports a change, announces changes to observers
+/// (kvo()), and does the few writes there are. It outlives its hardware: a disconnected device keeps its last
+/// values, and an absent one can be made from an archive. Clients get devices from the device manager, which
+/// makes, connects, names and keeps them.
 ///
-/// Observable keys: channelCount, manufacturer, model, name, nameWithSource, displayName, displayNameWithSource,
-/// preferredStereoChannels, reference, isConnected, isDefault, availableSampleRates, sampleRate, availableSources,
-/// source, isMuted, volume, deviceID, deviceUID.
+/// Observable keys: channelCount, manufacturer, model, name, nameWithSource, displayName,
+/// displayNameWithSource, preferredStereoChannels, reference, isConnected, isDefault, availableSampleRates,
+/// sampleRate, availableSources, source, isMuted, volume, deviceID, deviceUID.
 /// Threads:   any. Observers are called on the main thread.
-/// Real time: no. Queries take a lock for a moment and ask no hardware, except isDefault(); writes wait for it.
-/// Fails:     silently: a value that cannot be read is empty, 0, 44100 Hz, volume 1, channels 1 and 2, or false; writes
-///            return whether the hardware accepted them, and false for a device that is not connected.
+/// Real time: no. Queries take a lock for a moment and ask no hardware, except isDefault(); writes wait for
+///            it.
+/// Fails:     silently: a value that cannot be read is empty, 0, 44100 Hz, volume 1, channels 1 and 2, or
+///            false; writes return whether the hardware accepted them, and false for a device that is not
+///            connected.
 class DXR_EXPORT DXRDevice final : public CXObject {
 public:
     // -- Queries
@@ -71,8 +74,8 @@ public:
     [[nodiscard]] bool setSampleRate(double sampleRate);
     [[nodiscard]] bool setSource(const std::optional<std::string>& source);
     [[nodiscard]] bool setMuted(bool muted);
-    /// 0 to 1; within a thousandth of an end it is the end. volume() returns the new value at once, and the hardware's
-    /// from a quarter of a second after the last write on: a slider does not jump in between.
+    /// 0 to 1; within a thousandth of an end it is the end. volume() returns the new value at once, and the
+    /// hardware's from a quarter of a second after the last write on: a slider does not jump in between.
     [[nodiscard]] bool setVolume(double volume);
 
     // -- Settings, storage, observation
@@ -164,20 +167,22 @@ private:
     const CXRef<DXRRecursiveMutex> _mutex;
     const CXRef<DXRDeviceOverrides> _overrides;
     const std::unique_ptr<DXRDeviceValues> _values;
-    // Stored by the owner's thread alone, sometimes without the mutex; other threads read one value at a time.
+    // Stored by the owner's thread alone, sometimes without the mutex; other threads read one value at a
+    // time.
     std::atomic<AudioObjectID> _deviceID{kAudioObjectUnknown};
     std::optional<std::string> _displayName;
     std::optional<std::string> _displayNameWithSource;
     CXRef<DXRDeviceReference> _reference;
-    // Local volume writes, from before the hardware is asked to the end of their settling time. Meanwhile the hardware's
-    // notifications about its volume are only noted: they are about these writes, or are read at the end.
+    // Local volume writes, from before the hardware is asked to the end of their settling time. Meanwhile the
+    // hardware's notifications about its volume are only noted: they are about these writes, or are read at
+    // the end.
     uint32_t _volumeSetPending = 0;
     bool _hasUnreadVolume = false;
 
     AudioObjectID _listenedID = kAudioObjectUnknown; // the device the listener is installed on
-    // Refreshes run side by side: on the notification thread, the manager's queue, and when a volume has settled.
-    // Each takes a ticket before it reads. One that began before the stored one stores nothing: a change that it saw
-    // and the later one did not is announced after it, and causes another refresh.
+    // Refreshes run side by side: on the notification thread, the manager's queue, and when a volume has
+    // settled. Each takes a ticket before it reads. One that began before the stored one stores nothing: a
+    // change that it saw and the later one did not is announced after it, and causes another refresh.
     uint64_t _lastTicket = 0;
     uint64_t _storedTicket = 0;
     uint64_t _volumeWrites = 0; // local ones so far: a reading from before one does not replace it

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-/// Reads the values of a device's archive, which may hold anything: what is missing, of the wrong kind, or nothing that
-/// hardware could report is empty, 0, false or nothing.
+/// Reads the values of a device's archive, which may hold anything: what is missing, of the wrong kind, or
+/// nothing that hardware could report is empty, 0, false or nothing.
 /// Threads:   immutable; any, while the dictionary it was made for is there.
 /// Real time: no.
 class DXRDeviceArchive {

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-/// The properties of a hardware device that its references are made of. While they stay equal, so do the references,
-/// which are expensive to build.
+/// The properties of a hardware device that its references are made of. While they stay equal, so do the
+/// references, which are expensive to build.
 /// Threads:   a plain record.
 struct DXRDeviceDescription {
     std::optional<std::string> uid;

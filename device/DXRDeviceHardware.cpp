@@ -31,7 +31,7 @@ bool isRate(double rate)
     return std::isfinite(rate) && rate > 0.0;
 }
 
-/// `text` in lower case, whatever the process's language.
+/// `text` in lower case, in every locale.
 std::wstring lowered(const std::string& text)
 {
     static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);

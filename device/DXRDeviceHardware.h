@@ -29,7 +29,8 @@ public:
     /// Channel numbers from 1, always two: the first channels when unknown.
     std::vector<uint32_t> preferredStereoChannels(uint32_t channelCount) const;
     double sampleRate() const; ///< Hz; 44100 when it cannot be read
-    /// Hz, ascending. Of a range, those of four usual rates that lie in it; `sampleRate` when that leaves none.
+    /// Hz, ascending. Of a range, those of four usual rates that lie in it; `sampleRate` when that leaves
+    /// none.
     std::vector<double> availableSampleRates(double sampleRate) const;
     std::map<std::string, uint32_t> sources() const; ///< IDs by name; the nameless are left out
     std::string source() const;                      ///< the current one's name; empty when there is none

@@ -15,8 +15,8 @@ public:
     /// Values of the device have changed, or it has been removed. Called on the queue.
     virtual void deviceWasUpdated(const CXRef<DXRDevice>& device) = 0;
 
-    /// The owner of devices that were made without a keeper; null at first. Any thread. A keeper that is set lives as
-    /// long as the process.
+    /// The owner of devices that were made without a keeper; null at first. Any thread. A keeper that is set
+    /// lives as long as the process.
     static CXRef<DXRDeviceKeeper> shared();
     static void setShared(const CXRef<DXRDeviceKeeper>& keeper);
 };

@@ -51,8 +51,8 @@ std::string keyOfEntry(const DXRDeviceReference& reference, const DefaultsSnapsh
     return entry ? entry->key() : reference.string();
 }
 
-/// What writes `overrides` under the key: an entry without any is removed. Nothing when it could not be read again,
-/// which would lose the whole entry.
+/// What writes `overrides` under the key: an entry without any is removed. Nothing when it could not be read
+/// again, which would lose the whole entry.
 DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, const DefaultsSnapshot& now)
 {
     const CXRef<DefaultsRow> row = now.row(key);
@@ -89,8 +89,8 @@ DXRDeviceOverrides::~DXRDeviceOverrides()
     _defaults->removeObserver(_observer);
 }
 
-/// Takes the place of the entry for the reference, and follows it. Called again when the store could not be read the
-/// first time.
+/// Takes the place of the entry for the reference, and follows it. Called again when the store could not be
+/// read the first time.
 void DXRDeviceOverrides::_find()
 {
     const bool isLoaded = _defaults->load(); // from the disk; everything below is in memory
@@ -202,8 +202,8 @@ void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
         if (_isFound)
             entryKey = _key;
     });
-    // The edit works on what is stored at that moment, and not on what is known here, so that no override which
-    // another process has just set is lost.
+    // The edit works on what is stored at that moment, and not on what is known here, so that no override
+    // which another process has just set is lost.
     const auto edit = [entryKey, reference = _reference, key = platform::utf8Replaced(*key), value,
                        owner = _ownerBundleID()](const DefaultsSnapshot& now) {
         const std::string found = entryKey ? *entryKey : keyOfEntry(*reference, now);

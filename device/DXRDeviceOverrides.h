@@ -14,18 +14,19 @@ namespace platform {
 class DefaultsSuite;
 }
 
-/// A device's remembered settings, the overrides: a small dictionary that every application of the user shares, kept
-/// in the suite "com.veltorrin.device-overrides" under the device's reference. Beside each override stands which
-/// application set it. An override that another application sets is seen here soon after.
+/// A device's remembered settings, the overrides: a small dictionary that every application of the user
+/// shares, kept in the suite "com.veltorrin.device-overrides" under the device's reference. Beside each
+/// override stands which application set it. An override that another application sets is seen here soon
+/// after.
 /// Threads:   any.
-/// Real time: no. Reading takes a lock for a moment, also while another thread writes; writing waits for the disk, for
-///            a few seconds at most.
+/// Real time: no. Reading takes a lock for a moment, also while another thread writes; writing waits for the
+///            disk, for a few seconds at most.
 /// Fails:     by keeping what cannot be stored in memory, for the life of the process; logged once.
 class DXR_EXPORT DXRDeviceOverrides final : public CXObject {
 public:
-    /// The overrides of the device that the reference is equal to, or else generically equal to: the entry that is
-    /// there already keeps its place. An empty reference for an empty one. `changed` is called after a change by anyone,
-    /// on the thread that watches the store.
+    /// The overrides of the device that the reference is equal to, or else generically equal to: the entry
+    /// that is there already keeps its place. An empty reference for an empty one. `changed` is called after
+    /// a change by anyone, on the thread that watches the store.
     static CXRef<DXRDeviceOverrides> initWithDeviceReference(const CXRef<DXRDeviceReference>& reference,
                                                              const CXBlock<void()>& changed = {});
 
@@ -42,9 +43,9 @@ public:
     /// The value when it is a string.
     std::optional<std::string> stringForKey(const std::optional<std::string>& key) const;
 
-    /// Sets the override for all applications, as this application's; null removes it. Returns when it is on the
-    /// disk. Does nothing without a key, and for a value that could not be read back: too deep, too long (CXJSON.h), or
-    /// with a number that is not finite.
+    /// Sets the override for all applications, as this application's; null removes it. Returns when it is on
+    /// the disk. Does nothing without a key, and for a value that could not be read back: too deep, too long
+    /// (CXJSON.h), or with a number that is not finite.
     void setObject(const CXPlist& value, const std::optional<std::string>& key);
 
     /// Removes every override, of any device, that this application was the last to set. Does nothing for an

@@ -30,8 +30,8 @@ private:
     const CXPlist _overrides;
 };
 
-/// All entries of the suite at one time, found by reference without a search: each is parsed once for the whole
-/// process, however many devices look for theirs.
+/// All entries of the suite at one time, found by reference without a search: each is parsed once for the
+/// whole process, however many devices look for theirs.
 /// Threads: immutable, any.
 class DXRDeviceOverridesIndex final : public CXObject {
 public:

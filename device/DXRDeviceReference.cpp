@@ -48,8 +48,8 @@ size_t hashOfValue(const CXPlist* value) noexcept
     return value->size(); // no device has such an attribute
 }
 
-/// Stored by earlier versions: the generic ID of an engine may still hold its interface behind an emptied serial
-/// number.
+/// Stored by earlier versions: the generic ID of an engine may still hold its interface behind an emptied
+/// serial number.
 void mendGenericUID(CXPlist& attributes)
 {
     const auto transport = attributes.find("t");

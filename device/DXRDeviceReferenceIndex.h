@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-/// Values under the references they belong to, found by equal and by generically equal ones at a cost that does not
-/// grow with their number. Among several the one that was added first is found. A reference may be there for any
-/// number of values.
+/// Values under the references they belong to, found by equal and by generically equal ones at a cost that
+/// does not grow with their number. Among several the one that was added first is found. A reference may be
+/// there for any number of values.
 /// Threads:   unlocked; one thread at a time.
 /// Real time: no.
 template <class Value> class DXRDeviceReferenceIndex {

@@ -8,8 +8,8 @@
 
 class DXRDeviceHardware;
 
-/// What is known of one direction of a device besides who it is: read from the hardware, kept while that is away, and
-/// written to and read from archives.
+/// What is known of one direction of a device besides who it is: read from the hardware, kept while that is
+/// away, and written to and read from archives.
 /// Threads:   a plain record.
 struct DXRDeviceValues {
     uint32_t channelCount = 0;
@@ -26,8 +26,8 @@ struct DXRDeviceValues {
 
     /// Asks the hardware for everything but the channel count.
     static DXRDeviceValues ofHardware(const DXRDeviceHardware& hardware, uint32_t channelCount);
-    /// What is missing, or is nothing that hardware could report, keeps its value from above; a channel count of 0 then
-    /// means that the archive is none.
+    /// What is missing, or is nothing that hardware could report, keeps its value from above; a channel count
+    /// of 0 then means that the archive is none.
     static DXRDeviceValues ofArchive(const CXPlist& archive);
     void addTo(CXPlist& archive) const;
 };

@@ -127,7 +127,7 @@ void DXRKVOHelper::_runWaiting(const Pass& pass)
 {
     const bool isNested = _processing.load(std::memory_order_relaxed) == pthread_self();
     _lock->execute([&] {
-        std::erase(_waiting, pass); // from here on, whoever asks again is heard again
+        std::erase(_waiting, pass); // from here on, a new request is a new pass
         if (isNested)
             _postponed.push_back(pass);
     });
@@ -168,7 +168,8 @@ void DXRKVOHelper::_announce(const DXRKVOProperty& property, DXRKVOChange change
     if (change == DXRKVOChange::Will)
         updating.emplace(_updating);
     for (const CXRef<Registration>& registration : registrations) {
-        // Asked for only now: an observer before this one may have ended it, and destroyed what the block uses.
+        // Asked for only now: an observer before this one may have ended it, and destroyed what the block
+        // uses.
         if (const DXRKVOObservation::Block block = registration->block())
             block(registration->key, change);
     }

@@ -7,10 +7,10 @@
 #include <mutex>
 #include <string>
 
-/// An observer of one property, from DXRKVOHelper::observe() until its last reference is dropped. It keeps neither
-/// the object nor the helper alive.
-/// Threads:   any. The block runs on the main thread. Once the observation has ended there, the block is not called
-///            again; one that ends on another thread may be called once more meanwhile.
+/// An observer of one property, from DXRKVOHelper::observe() until its last reference is dropped. It keeps
+/// neither the object nor the helper alive.
+/// Threads:   any. The block runs on the main thread. Once the observation has ended there, the block is not
+///            called again; one that ends on another thread may be called once more meanwhile.
 /// Real time: no.
 class DXR_EXPORT DXRKVOObservation final : public CXObject {
 public:
@@ -23,7 +23,8 @@ public:
 private:
     friend class DXRKVOHelper;
 
-    /// What the helper keeps. It holds no reference to the observation: it would delay the end of one that is dropped.
+    /// What the helper keeps. It holds no reference to the observation: it would delay the end of one that is
+    /// dropped.
     class Registration final : public CXObject {
     public:
         static CXRef<Registration> init(std::string key, Block block)

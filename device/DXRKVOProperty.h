@@ -6,14 +6,14 @@
 #include <optional>
 #include <string_view>
 
-/// The two moments of an announcement. At the first, getters on the announcing thread answer the old value.
+/// The two moments of an announcement. At the first, getters on the announcing thread return the old value.
 enum class DXRKVOChange { Will, Did };
 
-/// One observable property of a class: its key, its getter, and the field that keeps what observers were told
-/// last, its published copy. A class makes a table of these where its own fields can be named:
+/// One observable property of a class: its key, its getter, and the field that keeps what observers were
+/// given last, its published copy. A class makes a table of these where its own fields can be named:
 /// `DXRKVOProperty::of<&DXRDevice::name, &DXRDevice::_kvo_name>("name")`.
-/// A copy that is an empty optional or reference is nil, and announced at every update, whatever the getter
-/// answers. Objects are compared by isEqual().
+/// A copy that is an empty optional or reference is nil, and announced at every update, even when the getter
+/// returns the same. Objects are compared by isEqual().
 /// Threads:   immutable; any. publish() on the main thread.
 class DXRKVOProperty {
 public:
@@ -23,7 +23,8 @@ public:
     }
 
     constexpr std::string_view key() const noexcept { return _key; }
-    /// Unless the published copy is what the getter answers: calls `announce`, renews the copy, and calls it again.
+    /// Unless the published copy is what the getter returns: calls `announce`, renews the copy, and calls it
+    /// again.
     void publish(CXObject& object, const CXBlockRef<void(DXRKVOChange)>& announce) const
     {
         _step(object, announce);

@@ -11,9 +11,9 @@
 
 class DXRPropertyListener;
 
-/// One property of hardware objects, by its address, and how to read and write it as values.
-/// The factories at the end are the catalogue of every property that the library touches; what each one's value
-/// is stands beside its code in AudioHardware.h.
+/// One property of hardware objects, by its address, and how to read and write it as values. The factories at
+/// the end are the catalogue of every property that the library touches; what each one's value is stands
+/// beside its code in AudioHardware.h.
 /// Threads:   immutable; any.
 /// Real time: the plain queries.
 /// Fails:     quietly: object 0, an object that is gone or does not know the property, and a value of another
@@ -21,7 +21,7 @@ class DXRPropertyListener;
 class DXR_EXPORT DXRPropertyAddress final : public CXObject {
 public:
     using Ref = CXRef<DXRPropertyAddress>;
-    /// Told of a change of the property, with the target that the listener was made for.
+    /// Called after a change of the property, with the target that the listener was made for.
     using ListenerBlock = CXBlock<void(const CXRef<CXObject>& target, const Ref& address)>;
 
     /// All fields 0.
@@ -48,14 +48,14 @@ public:
     size_t hash() const override;
 
     /// A listener, not started, that calls `block` with `target` as long as that lives. It is called on the
-    /// hardware's notification thread, whatever the queue, and holds neither the target nor this address: whoever
-    /// wants to hear keeps both.
+    /// hardware's notification thread, whatever the queue, and holds neither the target nor this address:
+    /// whoever wants to hear keeps both.
     CXRef<DXRPropertyListener> listenerWithObjectID(AudioObjectID objectID,
                                                     const CXRef<platform::WorkQueue>& queue,
                                                     const CXRef<CXObject>& target,
                                                     const ListenerBlock& block) const;
 
-    // -- Reading. The first four store the value only when they answer true.
+    // -- Reading. The first four store the value only when they return true.
 
     /// Bytes of the value now. The pointer may be null.
     bool getSize(uint32_t* size, AudioObjectID objectID) const;

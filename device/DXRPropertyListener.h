@@ -6,14 +6,15 @@
 #include <mutex>
 
 /// Calls a block whenever a property of a hardware object changes, until it is stopped or gone.
-/// Threads:   start() and stop() from any, the block included; not both at the same time. The block runs on the queue given, or without one on the hardware's
-///            notification thread; once stop() has returned on any other thread, it is not running and never will.
+/// Threads:   start() and stop() from any, the block included; not both at the same time. The block runs on
+///            the queue given, or without one on the hardware's notification thread; once stop() has returned
+///            on any other thread, it is not running and never will.
 /// Real time: no; stop() waits for a block that is running elsewhere.
 /// Owns:      the queue and the block. The target is only held for the length of a call; once it is gone the
 ///            listener is deaf.
 class DXR_EXPORT DXRPropertyListener final : public CXObject {
 public:
-    /// Told of one changed address, valid for the call only.
+    /// Receives one changed address, valid for the call only.
     using Block =
         CXBlock<void(const CXRef<CXObject>& target, const AudioObjectPropertyAddress* changedAddress)>;
 
@@ -23,7 +24,8 @@ public:
                                                        CXRef<platform::WorkQueue> queue,
                                                        const CXRef<CXObject>& target, Block block);
 
-    /// Listens from now on; nothing happens when it does already. When the hardware refuses, it stays stopped.
+    /// Listens from now on; nothing happens when it does already. When the hardware refuses, it stays
+    /// stopped.
     void start();
     /// Listens no more; nothing happens when it does not.
     void stop();

@@ -34,7 +34,7 @@ template <class Value> Value valueOr(Value fallback, AudioObjectID objectID, con
     return status == kAudioHardwareNoError && size == sizeof value ? value : fallback;
 }
 
-/// Bytes of the property's value now; 0 when it cannot be told.
+/// Bytes of the property's value now; 0 when it cannot be read.
 uint32_t sizeOf(AudioObjectID objectID, const Address& address)
 {
     uint32_t size = 0;
@@ -43,7 +43,7 @@ uint32_t sizeOf(AudioObjectID objectID, const Address& address)
 }
 
 /// The bytes of a property of variable size, aligned for any record; none when they cannot be read. A list
-/// that grows between the two questions is asked for again: to answer "none" would unplug everything for a
+/// that grows between the two questions is asked for again: returning "none" would unplug everything for a
 /// moment.
 std::vector<std::byte> bytesOf(AudioObjectID objectID, const Address& address)
 {
@@ -287,7 +287,7 @@ AudioObjectID* QDLAudioDeviceIDList(uint32_t* count)
         else
             devices.insert(boom);
     }
-    // One more than needed: malloc(0) may answer null, which would look like a failure.
+    // One more than needed: malloc(0) may return null, which would look like a failure.
     auto* list = static_cast<AudioObjectID*>(std::malloc((devices.size() + 1) * sizeof(AudioObjectID)));
     if (!list)
         return nullptr;

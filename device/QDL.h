@@ -6,11 +6,12 @@
 #include <string>
 #include <vector>
 
-// Small questions to the audio hardware, each answered with a plain value: one property read (or written),
-// for callers that want no device object. Threads:   any. Real time: no; they allocate, and the writes may
-// wait for the hardware. Fails:     quietly, with the value named below; nothing is logged. Object ID 0 is no
-// object, as argument and as
-//            result.
+// Small questions to the audio hardware, each with a plain value as its result: one property read (or
+// written), for callers that want no device object.
+// Threads: any.
+// Real time: no; they allocate, and the writes may wait for the hardware.
+// Fails: quietly, with the value named below; nothing is logged. Object ID 0 is no object, as argument and as
+//        result.
 // `input` chooses the direction: the device's input when true, its output when false.
 
 extern "C" {
@@ -45,7 +46,7 @@ DXR_EXPORT bool QDLAudioDeviceSampleRateIsValid(double sampleRate);
 
 /// Every device, in no particular order, in memory from malloc() that the caller frees, never null while
 /// there is memory; stores how many they are in `count`, if given. The device of QDLAudioDeviceBoomAudioID()
-/// is among them exactly when it is not hidden, whatever the hardware lists. Devices that come and go
+/// is among them exactly when it is not hidden, regardless of the hardware's list. Devices that come and go
 /// meanwhile may be missing.
 DXR_EXPORT AudioObjectID* QDLAudioDeviceIDList(uint32_t* count);
 

@@ -1,4 +1,5 @@
-// Tells which devices come and go, in a poll loop of its own, until the standard input ends or brings a line.
+// Prints which devices come and go, in a poll loop of its own, until the standard input ends or brings a
+// line.
 #include <cstdio>
 #include <dxr/DXRDeviceManager.h>
 #include <dxr/LogSink.h>
@@ -8,7 +9,7 @@
 
 namespace {
 
-void tell(const char* what, const DXRDeviceManager::Devices& devices)
+void print(const char* what, const DXRDeviceManager::Devices& devices)
 {
     for (const CXRef<DXRDevice>& device : devices)
         std::printf("%-13s%s %s\n", what, device->isInput() ? "input " : "output",
@@ -20,19 +21,19 @@ void tell(const char* what, const DXRDeviceManager::Devices& devices)
 
 int main()
 {
-    // What is to run on the main thread waits in the main queue, whose descriptor is readable as long as there is any.
-    // With a loop of Qt's or GLib's, hand the descriptor to that instead.
+    // What is to run on the main thread waits in the main queue, whose descriptor is readable as long as
+    // there is any. With a loop of Qt's or GLib's, hand the descriptor to that instead.
     platform::MainQueue& mainQueue = platform::MainQueue::shared();
     DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
     const DXRDeviceManager::NotifierBlock notifier = [](const DXRDeviceManager::Devices& connected,
                                                         const DXRDeviceManager::Devices& disconnected,
                                                         const DXRDeviceManager::Devices& /*updated*/) {
-        tell("connected", connected);
-        tell("disconnected", disconnected);
+        print("connected", connected);
+        print("disconnected", disconnected);
     };
-    // First follow, then ask: nothing falls between. What comes in between is told twice.
+    // Follow first, then list: nothing is missed, and what comes in between is printed twice.
     manager.addDeviceNotifier(CXRef<platform::WorkQueue>(&mainQueue), notifier);
-    tell("present", manager.connectedDevices());
+    print("present", manager.connectedDevices());
 
     pollfd waited[] = {{mainQueue.fd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
     do {

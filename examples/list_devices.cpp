@@ -12,7 +12,7 @@ int main()
         return std::pair(device->displayName(), device->isInput());
     });
     for (const CXRef<DXRDevice>& device : devices) {
-        // A device calls itself whatever it likes: on a terminal, only the printable form of that is safe.
+        // A device chooses its own name: on a terminal, only its printable form is safe.
         const std::string name = platform::printableText(device->displayName());
         std::printf("%-6s  %3u ch  %8.0f Hz  %s%s\n", device->isInput() ? "input" : "output",
                     device->channelCount(), device->sampleRate(), name.c_str(),

@@ -1,5 +1,6 @@
-// A hardware driver of the application's own: one virtual output device whose cycles come from a timer thread, and which
-// measures what is played into it. Replace the timer by your hardware's interrupt, socket or callback.
+// A hardware driver of the application's own: one virtual output device whose cycles come from a timer
+// thread, and which measures what is played into it. Replace the timer by your hardware's interrupt, socket
+// or callback.
 #include <atomic>
 #include <chrono>
 #include <cmath>

@@ -11,8 +11,8 @@
 
 namespace {
 
-// The runner calls it once a cycle for each device, on a real-time thread: no lock, no allocation, no waiting. What it
-// plays follows from the sample time alone, so that both devices play the same.
+// The runner calls it once a cycle for each device, on a real-time thread: no lock, no allocation, no
+// waiting. What it plays follows from the sample time alone, so that both devices play the same.
 void playTone(uint64_t sampleTime, DXRBuffer& buffer)
 {
     const double turnsPerFrame = 440.0 / buffer.sampleRate();

@@ -44,7 +44,7 @@ int main(int argc, char** argv)
     // Memory for all of it, before the first cycle: the blocks run in real time and must not ask for any.
     std::vector<float> recording(frames);
     std::atomic<size_t> recorded{0}; // frames; written by the block, looked at by the loop below
-    runner->setSampleRate(rate);     // whatever the devices run at
+    runner->setSampleRate(rate);     // the devices may run at others
     runner->addDevice(input, DXRDeviceRunner::Channels{1}, [&](uint64_t, DXRBuffer& buffer) {
         const size_t done = recorded.load(std::memory_order_relaxed);
         const size_t count = std::min<size_t>(buffer.frameCount(), recording.size() - done);

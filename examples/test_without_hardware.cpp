@@ -1,5 +1,6 @@
-// How an application tests its own device code without hardware: a simulated computer whose clock only moves when it is
-// told to, so that what fails once fails every time. Ends with status 0 when everything is as it should be.
+// How an application tests its own device code without hardware: a simulated computer whose clock only moves
+// when it is told to, so that what fails once fails every time. Ends with status 0 when everything is as it
+// should be.
 #include <cstdio>
 #include <dxr/QDL.h>
 #include <dxr/simulated.h>
@@ -26,7 +27,7 @@ int main()
     expect(QDLAudioDeviceDefaultOutputDeviceID() == speakers, "the first output is the default");
     computer->unplug("speakers");
     expect(QDLAudioDeviceDefaultOutputDeviceID() == cable, "the default moves on when it is unplugged");
-    expect(!QDLAudioDeviceUIDFromDeviceID(speakers), "what is unplugged answers nothing");
+    expect(!QDLAudioDeviceUIDFromDeviceID(speakers), "an unplugged device has no UID");
 
     // An echo: what is played into the cable comes back a cycle later.
     float heard = 0.0F;

@@ -1,5 +1,5 @@
-// Runs a fuzz target without libFuzzer: over its corpus, and then over simple changes of it for some seconds, the same
-// ones in every run. usage: fuzz_TARGET CORPUS-FOLDER SECONDS
+// Runs a fuzz target without libFuzzer: over its corpus, and then over simple changes of it for some seconds,
+// the same ones in every run. usage: fuzz_TARGET CORPUS-FOLDER SECONDS
 
 #include "Fuzz.h"
 #include "Random.h"

@@ -1,5 +1,5 @@
-// Archives of devices that are not there: nothing, or a device that can be listed, archived again and found by its
-// reference.
+// Archives of devices that are not there: nothing, or a device that can be listed, archived again and found
+// by its reference.
 
 #include "CXJSON.h"
 #include "DXRDeviceControl.h"

@@ -1,5 +1,5 @@
-// Device references from texts that clients kept: nothing, or a reference whose promises hold. Two lines are two
-// references, which are compared as well.
+// Device references from texts that clients kept: nothing, or a reference whose promises hold. Two lines are
+// two references, which are compared as well.
 
 #include "CXJSON.h"
 #include "DXRDeviceReference.h"

@@ -1,5 +1,5 @@
-// Generic unique IDs: nothing, or the ID up to the location of a present device. The first line lists locations in hexadecimal,
-// eight digits each; the rest is the unique ID.
+// Generic unique IDs: nothing, or the ID up to the location of a present device. The first line lists
+// locations in hexadecimal, eight digits each; the rest is the unique ID.
 
 #include "AudioHardware.h"
 #include "Fuzz.h"

@@ -6,9 +6,9 @@
 
 #include <array>
 
-/// One physical device, present or not: its device objects, one per direction, and its reference. A device object
-/// moves between the live and the stashed place as its direction comes and goes, and is never replaced, so that
-/// clients keep the same object across unplug and replug.
+/// One physical device, present or not: its device objects, one per direction, and its reference. A device
+/// object moves between the live and the stashed place as its direction comes and goes, and is never
+/// replaced, so that clients keep the same object across unplug and replug.
 /// Threads:   the manager's lock guards all of it.
 class DXRDeviceInfo final : public CXObject {
 public:
@@ -24,10 +24,10 @@ public:
     CXRef<DXRDevice>& live(bool isInput) { return isInput ? input : output; }
     CXRef<DXRDevice>& stashed(bool isInput) { return isInput ? _input : _output; }
 
-    /// Reads the description of the device with this ID, and makes the references anew if it has changed. The reference
-    /// of the device as a whole is null when it cannot be read, one of a direction when it has no channels there. Returns
-    /// whether references that were incomplete, because something could not be read, are complete now: they may be equal
-    /// to the old ones and still contain more.
+    /// Reads the description of the device with this ID, and makes the references anew if it has changed. The
+    /// reference of the device as a whole is null when it cannot be read, one of a direction when it has no
+    /// channels there. Returns whether references that were incomplete, because something could not be read,
+    /// are complete now: they may be equal to the old ones and still contain more.
     bool identify(AudioObjectID forDeviceID);
     const CXRef<DXRDeviceReference>& currentReference() const noexcept { return _current; }
     const CXRef<DXRDeviceReference>& currentReference(bool isInput) const noexcept

@@ -14,18 +14,21 @@ class DXRDeviceInfo;
 class DXRDeviceInfoList;
 class DXRPropertyListener;
 
-/// Owns every DXRDevice of the process: follows the hardware's device list, notifies of devices that connect, disconnect
-/// and change, numbers devices with equal names, and keeps absent devices, so that a device which returns, under any ID
-/// and in any port, is the same object. Clients get their devices here: by ID, unique ID, reference or archive.
-/// Hidden devices are not in the list until a client looks one up by ID or unique ID.
+/// Owns every DXRDevice of the process: follows the hardware's device list, notifies of devices that connect,
+/// disconnect and change, numbers devices with equal names, and keeps absent devices, so that a device which
+/// returns, under any ID and in any port, is the same object. Clients get their devices here: by ID, unique
+/// ID, reference or archive. Hidden devices are not in the list until a client looks one up by ID or unique
+/// ID.
 ///
 /// Observable keys, by kvo(): connectedDevices, defaultInputDevice, defaultOutputDevice, soundEffectsDevice.
-/// Threads:   any. The list is brought up to date on queue(); all state is under lock(), which clients may take around
-///            several calls. Observers are called on the main thread, never inside an update; notifiers as registered.
-/// Real time: no. Queries wait for an update in progress, which reads the hardware; the default devices are read from
-///            the hardware each time. sharedDeviceManager() the first time, adoptHiddenDevice(), and the two look-ups
-///            that adopt a hidden device wait for queue(): on the queue itself they assert, and a caller that holds the
-///            lock, or anything that a notifier waits for, may deadlock. HiddenDevices::Leave never waits.
+/// Threads:   any. The list is brought up to date on queue(); all state is under lock(), which clients may
+///            take around several calls. Observers are called on the main thread, never inside an update;
+///            notifiers as registered.
+/// Real time: no. Queries wait for an update in progress, which reads the hardware; the default devices are
+///            read from the hardware each time. sharedDeviceManager() the first time, adoptHiddenDevice(),
+///            and the two look-ups that adopt a hidden device wait for queue(): on the queue itself they
+///            assert, and a caller that holds the lock, or anything that a notifier waits for, may deadlock.
+///            HiddenDevices::Leave never waits.
 /// Fails:     with an empty reference: a look-up without a result, text that is no reference or archive.
 class DXR_EXPORT DXRDeviceManager final : public DXRDeviceKeeper {
 public:
@@ -56,14 +59,15 @@ public:
                                         HiddenDevices hidden = HiddenDevices::Adopt);
     CXRef<DXRDevice> deviceWithDeviceUID(const std::optional<std::string>& deviceUID, bool input,
                                          HiddenDevices hidden = HiddenDevices::Adopt);
-    /// By a reference's text, which names a direction. A device with an equal reference comes first, then one that is
-    /// equal generically; connected ones before others.
+    /// By a reference's text, which names a direction. A device with an equal reference comes first, then one
+    /// that is equal generically; connected ones before others.
     CXRef<DXRDevice> deviceWithReference(const std::optional<std::string>& reference);
-    /// All devices that the reference may mean, the one above first. Only that one if it is connected and its reference
-    /// equal; else every device of the same model, present or not, and an absent one with an equal reference.
+    /// All devices that the reference may mean, the one above first. Only that one if it is connected and its
+    /// reference equal; else every device of the same model, present or not, and an absent one with an equal
+    /// reference.
     std::vector<CXRef<DXRDevice>> devicesWithReference(const std::optional<std::string>& reference);
-    /// The device that archiveForDevice() described: the known one, else a new one that is not connected until its
-    /// hardware is.
+    /// The device that archiveForDevice() described: the known one, else a new one that is not connected
+    /// until its hardware is.
     CXRef<DXRDevice> deviceFromArchive(std::span<const std::byte> archive);
     /// Everything about a device in bytes: "DXRDevice:" and JSON. Nothing for no device.
     static std::optional<std::vector<std::byte>> archiveForDevice(const CXRef<DXRDevice>& device);
@@ -72,17 +76,20 @@ public:
 
     // -- Following
 
-    /// Calls `block` after every update in which a device came, went or changed: asynchronously on `queue`, or without
-    /// one on the manager's queue, which it must not keep waiting. The same block is registered once.
+    /// Calls `block` after every update in which a device came, went or changed: asynchronously on `queue`,
+    /// or without one on the manager's queue, which it must not keep waiting. The same block is registered
+    /// once.
     void addDeviceNotifier(const CXRef<platform::WorkQueue>& queue, const NotifierBlock& block);
-    /// The block is not called from now on. A call that is running on another thread may still be when this returns, unless
-    /// `whenRunning` says Wait; then the caller must hold nothing that the block may wait for.
+    /// The block is not called from now on. A call that is running on another thread may still be when this
+    /// returns, unless `whenRunning` says Wait; then the caller must hold nothing that the block may wait
+    /// for.
     void removeDeviceNotifier(const NotifierBlock& block, WhenRunning whenRunning = WhenRunning::Return);
     const CXRef<DXRKVOHelper>& kvo() const noexcept { return _kvo; }
 
     /// Has the list brought up to date soon; any number of requests until then is one. False does nothing.
     void setNeedsDevicesUpdate(bool needsUpdate);
-    /// Makes a hidden device part of the list for good. False, and nothing happens, when it is not there or not hidden.
+    /// Makes a hidden device part of the list for good. False, and nothing happens, when it is not there or
+    /// not hidden.
     bool adoptHiddenDevice(const std::optional<std::string>& deviceUID);
 
     // -- For DXRDevice

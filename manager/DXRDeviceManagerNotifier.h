@@ -15,8 +15,8 @@
 class DXR_EXPORT DXRDeviceManagerNotifier final : public CXObject {
 public:
     using Devices = std::set<CXRef<DXRDevice>>;
-    /// Receives the devices that have connected, that have disconnected, and that have changed in any way, the former two
-    /// included.
+    /// Receives the devices that have connected, that have disconnected, and that have changed in any way,
+    /// the former two included.
     using Block =
         CXBlock<void(const Devices& connected, const Devices& disconnected, const Devices& updated)>;
     enum class WhenRunning { Return, Wait };
@@ -28,8 +28,8 @@ public:
 
     /// Calls the block, unless end() was called: some time later on the queue, or without one at once.
     void notify(const Devices& connected, const Devices& disconnected, const Devices& updated);
-    /// The block is not called from now on. A call that is running on another thread is over when this returns, if
-    /// `whenRunning` says Wait: the caller then holds nothing that the block may wait for.
+    /// The block is not called from now on. A call that is running on another thread is over when this
+    /// returns, if `whenRunning` says Wait: the caller then holds nothing that the block may wait for.
     void end(WhenRunning whenRunning);
 
 private:

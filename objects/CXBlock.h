@@ -20,8 +20,8 @@ template <class Callable> constexpr bool CXIsEmptyCallable(const Callable& calla
 }
 
 /// A counted callable with identity: copies share it and `==` compares it, so that what was registered can be
-/// found again. An empty block is false and must not be called; so is one that is made of an empty callable (a null
-/// function pointer, an empty std::function).
+/// found again. An empty block is false and must not be called; so is one that is made of an empty callable
+/// (a null function pointer, an empty std::function).
 /// Threads:   copies from any thread; whether the callable may run on several is its own matter.
 /// Real time: calling and copying; making one allocates.
 template <class Result, class... Arguments> class CXBlock<Result(Arguments...)> {

@@ -10,7 +10,9 @@ template <class Signature> class CXBlockRef;
 
 /// A callable that the caller keeps for the length of a call: how a function takes one that it does not
 /// store. Made from anything that can be called, a CXBlock included, without a copy; false when made from an
-/// empty one. Threads:   as the callable. Real time: everything.
+/// empty one.
+/// Threads: as the callable.
+/// Real time: everything.
 template <class Result, class... Arguments> class CXBlockRef<Result(Arguments...)> {
 public:
     CXBlockRef() noexcept = default;
@@ -18,7 +20,7 @@ public:
     template <class Callable>
     requires(!std::same_as<std::remove_cvref_t<Callable>, CXBlockRef> &&
              std::is_invocable_r_v<Result, Callable&, Arguments...>) CXBlockRef(Callable&& callable)
-    noexcept // NOLINT: borrows, whatever it is given
+    noexcept // NOLINT: borrows every kind of callable
     {
         if (CXIsEmptyCallable(callable))
             return;

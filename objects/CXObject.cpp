@@ -87,7 +87,7 @@ bool CXObject::Control::retainUnlessGone() noexcept
 {
     uint32_t count = strong.load(std::memory_order_relaxed);
     while (count != 0) {
-        // Acquire: whoever let the weak reference see the object published it before.
+        // Acquire: the thread that made the weak reference published the object before.
         if (strong.compare_exchange_weak(count, count + 1, std::memory_order_acquire,
                                          std::memory_order_relaxed))
             return true;

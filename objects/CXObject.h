@@ -13,7 +13,7 @@ template <class T> class CXWeak;
 
 /// The root of everything that is shared: a strong count inside the object, a weak one beside it.
 /// Objects are born in a static `initWith…` with one reference, which CXRef takes over, and are destroyed by
-/// whoever drops the last. Destructors are not public.
+/// the thread that drops the last. Destructors are not public.
 /// Threads:   retain, release and weak references from any thread; what a class adds says its own rule.
 /// Real time: retain and release, except a release that drops the last reference: that runs the destructor
 ///            and frees. Making an object's first weak reference allocates its control block.
@@ -58,8 +58,9 @@ private:
     void _destroy() const noexcept;
 
     // Odd: twice the strong count, plus one. Even: the Control that holds it. It changes from odd to even
-    // once, by whoever makes the first weak reference, with a compare-and-swap that carries the count over;
-    // retain and release use compare-and-swap on the odd form so that none is lost in the change. The release
-    // of that exchange pairs with the acquiring load in retain and release: they go on to use the Control.
+    // once, by the thread that makes the first weak reference, with a compare-and-swap that carries the count
+    // over; retain and release use compare-and-swap on the odd form so that none is lost in the change. The
+    // release of that exchange pairs with the acquiring load in retain and release: they go on to use the
+    // Control.
     mutable std::atomic<uintptr_t> _count{3};
 };

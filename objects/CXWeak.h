@@ -2,7 +2,7 @@
 
 #include "CXRef.h"
 
-/// A reference that does not keep its object alive; lock() answers the object while somebody does.
+/// A reference that does not keep its object alive; lock() returns the object while a CXRef does.
 /// Threads:   one CXWeak object is for one thread at a time; lock() may race with the object's end.
 /// Real time: lock() and copying. Making the first weak reference to an object allocates.
 template <class T> class CXWeak {

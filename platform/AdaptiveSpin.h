@@ -6,10 +6,12 @@
 
 namespace platform {
 
-/// Whether watching a word for a moment before sleeping on it pays: an answer that comes within the moment
+/// Whether watching a word for a moment before sleeping on it pays: a reply that comes within the moment
 /// saves two trips through the scheduler. Watches while that has worked lately; when it has not, tries again
 /// only once in a while, so that a thread which mostly sleeps costs next to nothing. Never watches on one
-/// processor. Threads:   one. Real time: as `isReady`.
+/// processor.
+/// Threads: one.
+/// Real time: as `isReady`.
 class AdaptiveSpin {
 public:
     /// Watches for at most about `mostSpins` pauses. Whether `isReady` became true.

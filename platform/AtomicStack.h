@@ -10,16 +10,16 @@ namespace platform {
 /// A lock-free last-in-first-out list of blocks of memory, linked through their own first words.
 /// Threads:   every call from any thread at once.
 /// Real time: yes; a pop that loses an exchange waits a bounded moment and tries again.
-/// Blocks must stay mapped for the life of the process: a pop may read the first words of a block that another
-/// thread has just taken, and throws away what it read.
+/// Blocks must stay mapped for the life of the process: a pop may read the first words of a block that
+/// another thread has just taken, and throws away what it read.
 class AtomicStack {
 public:
     /// The first words of a block that is on a stack. Made without values: the push writes them.
     struct Link {
         Link* next;
-        // A block that will be popped a little after this one, as far as the pushing thread can tell; any address
-        // will do. A thread that takes what another gave back finds every block in the other's cache: along
-        // the links alone it would wait for one after the other.
+        // A block that will be popped a little after this one, as far as the pushing thread knows; any
+        // address will do. A thread that takes what another gave back finds every block in the other's cache:
+        // along the links alone it would wait for one after the other.
         void* later;
 
         void linkTo(Link* successor) noexcept { __atomic_store_n(&next, successor, __ATOMIC_RELAXED); }
@@ -37,8 +37,9 @@ public:
 
     /// How many pops there have been, read before isEmptySince().
     uint64_t popCount() const noexcept CX_REALTIME { return __atomic_load_n(&_head.pops, __ATOMIC_ACQUIRE); }
-    /// Whether the stack is empty and has not been popped from since `popCount` was read. If it was seen empty
-    /// after that reading too, it has been empty all the time between: what was pushed would still be here.
+    /// Whether the stack is empty and has not been popped from since `popCount` was read. If it was seen
+    /// empty after that reading too, it has been empty all the time between: what was pushed would still be
+    /// here.
     bool isEmptySince(uint64_t popCount) const noexcept CX_REALTIME;
 
 private:
@@ -77,8 +78,8 @@ private:
 #define DXR_HIDDEN_FROM_THREAD_SANITIZER inline
 #endif
 
-/// The links of a block that may no longer be ours to read: its new owner may be writing there. What is read then
-/// is thrown away, so the race is harmless and hidden from the thread sanitizer.
+/// The links of a block that may no longer be ours to read: its new owner may be writing there. What is read
+/// then is thrown away, so the race is harmless and hidden from the thread sanitizer.
 DXR_HIDDEN_FROM_THREAD_SANITIZER AtomicStack::Link AtomicStack::_linksOf(const Link* block) noexcept
 {
     return {__atomic_load_n(&block->next, __ATOMIC_RELAXED),

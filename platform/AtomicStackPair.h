@@ -6,11 +6,11 @@ namespace platform {
 
 /// A lock-free list of blocks that keeps threads out of one another's way: two stacks, and every thread stays
 /// with one of them until it has a reason to change. A push that loses an exchange there goes to the other; a
-/// pop that finds it empty tries the other, and the thread stays where there was something. So two threads that
-/// both take and give back part after their first collision, and where one only gives back what another takes,
-/// the taker empties one stack while the other fills.
-/// Last in, first out for threads that do not collide: the stack that a thread is on lies on top of the other,
-/// which it reaches only through its end.
+/// pop that finds it empty tries the other, and the thread stays where there was something. So two threads
+/// that both take and give back part after their first collision, and where one only gives back what another
+/// takes, the taker empties one stack while the other fills.
+/// Last in, first out for threads that do not collide: the stack that a thread is on lies on top of the
+/// other, which it reaches only through its end.
 /// Threads:   every call from any thread at once, each with a `Side` of its own.
 /// Real time: yes; as AtomicStack.
 class AtomicStackPair {
@@ -27,10 +27,11 @@ public:
 private:
     Link* _popFromOther(Side& side) noexcept;
 
-    // There is no protocol between the stacks but the order of looks in _popFromOther(): a block may move from
-    // the one not yet looked at to the one already found empty, and then the answer "none" would be wrong though
-    // never fewer than one was there; whoever keeps blocks in reserve relies on the answer. So the first stack
-    // is looked at again, and null is the answer only if nothing came and went there meanwhile.
+    // There is no protocol between the stacks but the order of looks in _popFromOther(): a block may move
+    // from the one not yet looked at to the one already found empty, and then the result "none" would be
+    // wrong though never fewer than one was there; a caller that keeps blocks in reserve relies on the
+    // result. So the first stack is looked at again, and null is the result only if nothing came and went
+    // there meanwhile.
     AtomicStack _stacks[2];
 };
 

@@ -11,7 +11,7 @@ namespace platform {
 /// Real time: yes.
 class BackOff {
 public:
-    /// `firstPauses` suits how long whoever was faster goes on for: a word that is changed once in a while, or
+    /// `firstPauses` suits how long the faster thread goes on for: a word that is changed once in a while, or
     /// one that threads change again and again.
     explicit BackOff(uint32_t firstPauses = 8) noexcept : _pauses(firstPauses) {}
 
@@ -23,7 +23,7 @@ public:
             _pauses *= 2;
     }
 
-    /// Tells the processor that this thread is spinning.
+    /// Hints to the processor that this thread is spinning.
     static void pause() noexcept
     {
 #if defined(__x86_64__) || defined(__i386__)

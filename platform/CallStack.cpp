@@ -27,7 +27,8 @@ std::string demangled(const char* name)
 std::string frameText(size_t number, void* address)
 {
     Dl_info info{};
-    // The call is before the address that it returns to, which may belong to the next function when it never returns.
+    // The call is before the address that it returns to, which may belong to the next function when it never
+    // returns.
     const bool known = dladdr(static_cast<const char*>(address) - 1, &info) != 0;
     const char* module = known && info.dli_fname ? info.dli_fname : "?";
     if (const char* slash = std::strrchr(module, '/'))

@@ -5,13 +5,14 @@
 
 namespace platform {
 
-/// The current thread's call stack as text, innermost call first: the function that calls `CallStack::symbols`.
+/// The current thread's call stack as text, innermost call first: the function that calls
+/// `CallStack::symbols`.
 /// Threads:   any.
 /// Real time: no; it reads symbol tables and allocates.
 class CallStack {
 public:
-    /// One line a frame: number, module, return address, demangled name and offset; the address alone where no name is
-    /// known. At most 256 frames.
+    /// One line a frame: number, module, return address, demangled name and offset; the address alone where
+    /// no name is known. At most 256 frames.
     static std::vector<std::string> symbols();
 };
 

@@ -80,8 +80,8 @@ private:
     bool _wasPending = false;
 };
 
-/// Keeps other processes from opening the database or setting it aside at the same moment: a file renamed between
-/// another's opening it and its log would leave that log to the next file of the name.
+/// Keeps other processes from opening the database or setting it aside at the same moment: a file renamed
+/// between another's opening it and its log would leave that log to the next file of the name.
 class OpeningLock {
 public:
     OpeningLock(const std::string& path, bool makes, Clock::time_point deadline)
@@ -113,8 +113,8 @@ private:
     bool _isHeldByOther = false;
 };
 
-/// Whether the file is empty, cannot be read here, or begins as a database does. SQLite itself takes a short file for
-/// an empty one and writes over it.
+/// Whether the file is empty, cannot be read here, or begins as a database does. SQLite itself takes a short
+/// file for an empty one and writes over it.
 bool mayBeDatabase(const std::string& path)
 {
     constexpr std::string_view head("SQLite format 3\0", 16);
@@ -161,7 +161,7 @@ bool DefaultsDatabase::_locate(WhenMissing whenMissing)
 {
     std::string problem;
     const std::optional<std::string> folder = userDataFolder(whenMissing, problem);
-    // The real path: SQLite is told to follow no link, and any of the folders above may be one.
+    // The real path: SQLite is set to follow no link, and any of the folders above may be one.
     const std::unique_ptr<char, decltype(&std::free)> real(
         folder ? realpath(folder->c_str(), nullptr) : nullptr, &std::free);
     _folder = real ? real.get() : folder.value_or("");
@@ -177,7 +177,8 @@ bool DefaultsDatabase::open(WhenMissing whenMissing)
     const FileSizeSignalBlock block;
     _waitEnds = Clock::now() + _maximumWait;
     while (!_open(whenMissing)) {
-        // Some steps of opening return "busy" without waiting, lest two processes wait for one another.
+        // Some steps of opening return "busy" without waiting, so that two processes cannot wait for one
+        // another.
         if ((_lastCode & 0xFF) != SQLITE_BUSY || Clock::now() >= _waitEnds)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -239,7 +240,7 @@ bool DefaultsDatabase::_openFile(bool isWritable)
             return _failWith(_path + ": out of memory");
         sqlite3_extended_result_codes(_connection, 1);
         sqlite3_busy_handler(_connection, &_waitForOthers, this);
-        // Without this, the last to leave would remove the log of whatever file has the name by then.
+        // Without this, the last to leave would remove the log of another file that has the name by then.
         int keepsLog = 1;
         sqlite3_file_control(_connection, "main", SQLITE_FCNTL_PERSIST_WAL, &keepsLog);
         return code == SQLITE_OK && _execute("PRAGMA trusted_schema=OFF");
@@ -404,8 +405,8 @@ bool DefaultsDatabase::commit(const DefaultsChanges& changes)
         return false;
     }
     _isInTransaction = false;
-    // After the commit, so that whoever looks now sees it: the log is written before it counts. A process that
-    // dies in between is heard of by its closing the file.
+    // After the commit, so that a process that looks now sees it: the log is written before it counts. A
+    // process that dies in between is heard of by its closing the file.
     utimensat(AT_FDCWD, _path.c_str(), nullptr, 0);
     return true;
 }

@@ -14,8 +14,9 @@ struct sqlite3_stmt;
 namespace platform {
 
 /// The database of one suite: SQLite with a write-ahead log, one row a key.
-/// A damaged file is set aside under another name and a new one begun. A file of another program or of a later version,
-/// and a link, are left alone and not used. Where writing is not allowed, the database is only read.
+/// A damaged file is set aside under another name and a new one begun. A file of another program or of a
+/// later version, and a link, are left alone and not used. Where writing is not allowed, the database is only
+/// read.
 /// Threads:   unlocked; one thread at a time. Not in a child process after fork().
 /// Real time: no; all of it works on files. Waits for other processes for maximumWait() at most.
 /// Fails:     by returning false; problem() says why.
@@ -28,8 +29,8 @@ public:
     DefaultsDatabase(const DefaultsDatabase&) = delete;
     DefaultsDatabase& operator=(const DefaultsDatabase&) = delete;
 
-    /// Opens the database unless it is open and still the one under that name. A missing one is made, with its folder,
-    /// if `whenMissing` says so. False when it cannot be read.
+    /// Opens the database unless it is open and still the one under that name. A missing one is made, with
+    /// its folder, if `whenMissing` says so. False when it cannot be read.
     bool open(WhenMissing whenMissing);
     void close();
     bool isOpen() const noexcept { return _connection != nullptr; }

@@ -113,7 +113,8 @@ DefaultsSuite::Again DefaultsSuite::announceChanges(Retry retry)
     {
         const std::lock_guard store(_storeMutex);
         _database.setMaximumWait(shortPatience);
-        // Opening a file that cannot be read is a change itself, and would follow from the one before forever.
+        // Opening a file that cannot be read is a change itself, and would follow from the one before
+        // forever.
         const bool isRead = (retry == Retry::Yes || !_isUnreadable) && _read();
         if (retry == Retry::Yes)
             _storePending();
@@ -263,7 +264,7 @@ uint64_t DefaultsSuite::addObserver(const std::string& key, CXBlock<void()> chan
 
 void DefaultsSuite::removeObserver(uint64_t observer)
 {
-    CXBlock<void()> removed; // whatever it holds goes after the lock
+    CXBlock<void()> removed; // what it holds is released after the lock
     const std::lock_guard lock(_mutex);
     const auto key = _keyOfObserver.find(observer);
     if (key == _keyOfObserver.end())

@@ -13,44 +13,46 @@
 
 namespace platform {
 
-/// Texts by key that all programs of the user share and that outlive them: one database a suite, in the user's data
-/// directory. Keys are rows of their own: writers of different keys do not conflict, and writers of one see each
-/// other's values. The watcher keeps the memory of this process up to date.
+/// Texts by key that all programs of the user share and that outlive them: one database a suite, in the
+/// user's data directory. Keys are rows of their own: writers of different keys do not conflict, and writers
+/// of one see each other's values. The watcher keeps the memory of this process up to date.
 /// Threads:   any. Observers are called on the watcher's thread, with no lock held.
-/// Real time: no. snapshot() takes some microseconds, the first one some milliseconds; update() waits for the disk and,
-///            for a few seconds at most, for writers in other processes.
-/// Fails:     by keeping in memory what cannot be stored, and trying again with the next update and from time to
-///            time. Logged once, until storing succeeds again.
+/// Real time: no. snapshot() takes some microseconds, the first one some milliseconds; update() waits for the
+///            disk and, for a few seconds at most, for writers in other processes.
+/// Fails:     by keeping in memory what cannot be stored, and trying again with the next update and from time
+///            to time. Logged once, until storing succeeds again.
 class DefaultsSuite final : public CXObject {
 public:
     /// The suite of that name: one object for the whole process, which lives as long as it.
     static CXRef<DefaultsSuite> suiteNamed(const std::string& name);
 
-    /// Reads the store the first time; makes nothing there. Returns whether it could be read so far: when it is locked
-    /// just now, that happens a little later.
+    /// Reads the store the first time; makes nothing there. Returns whether it could be read so far: when it
+    /// is locked just now, that happens a little later.
     bool load();
     /// The content of the suite in memory, which follows the store within moments.
     CXRef<DefaultsSnapshot> snapshot();
 
-    /// Decides on changes, knowing what the suite holds. It is called while no one else in any process can change
-    /// that, must not use the suite, and may be called again, later too, when its changes could not be stored.
+    /// Decides on changes, knowing what the suite holds. It is called while no one else in any process can
+    /// change that, must not use the suite, and may be called again, later too, when its changes could not be
+    /// stored.
     using Edit = CXBlock<DefaultsChanges(const DefaultsSnapshot&)>;
-    /// Carries out `edit`. The changes are on the disk when this returns true; on false they are in memory, and every
-    /// reader of this process sees them.
+    /// Carries out `edit`. The changes are on the disk when this returns true; on false they are in memory,
+    /// and every reader of this process sees them.
     bool update(const Edit& edit);
     /// Tries to store what could not be stored before; whether everything is on the disk.
     bool synchronize();
 
-    /// Calls `changed` after each change of the key's value, by anyone, and when the store could be read only after this
-    /// was called; several changes may be one call. The result is for removeObserver(), after which one last call may
-    /// still be running.
+    /// Calls `changed` after each change of the key's value, by anyone, and when the store could be read only
+    /// after this was called; several changes may be one call. The result is for removeObserver(), after
+    /// which one last call may still be running.
     uint64_t addObserver(const std::string& key, CXBlock<void()> changed);
     void removeObserver(uint64_t observer);
 
     enum class Retry { No, Yes };
     enum class Again { Never, Soon, Later };
-    /// For the watcher: reads changes of other processes, tries again to store what could not be stored if `retry` says
-    /// so, and calls the observers of every key that changed since the last time. Returns when to try again.
+    /// For the watcher: reads changes of other processes, tries again to store what could not be stored if
+    /// `retry` says so, and calls the observers of every key that changed since the last time. Returns when
+    /// to try again.
     Again announceChanges(Retry retry);
     /// The folder in which changes of other processes show, which need not exist; empty while there is none.
     std::string folder();
@@ -68,7 +70,8 @@ private:
     void _complain();
     std::vector<CXBlock<void()>> _observersOfChanges();
 
-    // Taken first, and held over work on the disk: never by a reader after the first. Guards what is stored, and how.
+    // Taken first, and held over work on the disk: never by a reader after the first. Guards what is stored,
+    // and how.
     std::mutex _storeMutex;
     DefaultsDatabase _database;
     DefaultsRows _stored;       // as last read or written

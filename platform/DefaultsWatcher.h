@@ -11,8 +11,8 @@
 
 namespace platform {
 
-/// The one thread that watches the suites' folders for writers in other processes and calls the observers, started
-/// with the first observer.
+/// The one thread that watches the suites' folders for writers in other processes and calls the observers,
+/// started with the first observer.
 /// Threads: any.
 class DefaultsWatcher {
 public:

@@ -12,13 +12,13 @@ DelayTimer& DelayTimer::shared()
     return *timer;
 }
 
-void DelayTimer::schedule(uint64_t delayNanoseconds, CXRef<WorkQueue> queue, WorkQueue::Work work)
+void DelayTimer::schedule(uint64_t delayNanoseconds, Call call)
 {
     constexpr uint64_t longest =
         1'000'000'000ULL * 60 * 60 * 24 * 365; // a later deadline would overflow the clock
     const auto deadline = Clock::now() + std::chrono::nanoseconds(std::min(delayNanoseconds, longest));
     const std::scoped_lock lock(_mutex);
-    _pending.emplace(deadline, Delayed{std::move(queue), std::move(work)});
+    _pending.emplace(deadline, std::move(call));
     if (!_started) {
         Thread("dxr-delay", [this] { _run(); }).detach();
         _started = true;
@@ -35,9 +35,9 @@ void DelayTimer::_run()
         } else if (const auto first = _pending.begin()->first; first > Clock::now()) {
             _changed.wait_until(lock, first);
         } else {
-            Delayed due = std::move(_pending.extract(_pending.begin()).mapped());
+            Call due = std::move(_pending.extract(_pending.begin()).mapped());
             lock.unlock();
-            due.queue->async(std::move(due.work));
+            due();
             due = {}; // the queue's end may run application code, never under the lock
             lock.lock();
         }

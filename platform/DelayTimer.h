@@ -1,6 +1,6 @@
 #pragma once
 
-#include "WorkQueue.h"
+#include "CXBlock.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -9,26 +9,24 @@
 
 namespace platform {
 
-/// The one thread that hands delayed work to its queue when its time has come.
+/// The one thread that calls what hands delayed work to its queue when the time has come.
 /// Threads: any. It lives as long as the process.
 class DelayTimer {
 public:
     static DelayTimer& shared();
 
-    void schedule(uint64_t delayNanoseconds, CXRef<WorkQueue> queue, WorkQueue::Work work);
+    using Call = CXBlock<void()>;
+    /// Calls `call` `delayNanoseconds` from now at the earliest; it must be brief.
+    void schedule(uint64_t delayNanoseconds, Call call);
 
 private:
     using Clock = std::chrono::steady_clock;
-    struct Delayed {
-        CXRef<WorkQueue> queue;
-        WorkQueue::Work work;
-    };
 
     void _run();
 
     std::mutex _mutex;
     std::condition_variable _changed;
-    std::multimap<Clock::time_point, Delayed> _pending; // equal times keep the order they were scheduled in
+    std::multimap<Clock::time_point, Call> _pending; // equal times keep the order they were scheduled in
     bool _started = false;
 };
 

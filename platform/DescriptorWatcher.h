@@ -10,7 +10,8 @@
 namespace platform {
 
 /// The one thread that watches descriptors for ports, started with the first of them: a port's set sleeps on
-/// a word and cannot watch any itself. Threads: any.
+/// a word and cannot watch any itself.
+/// Threads: any.
 class DescriptorWatcher {
 public:
     static DescriptorWatcher& shared();

@@ -7,7 +7,7 @@ namespace platform {
 uint64_t HostClock::nowTicks() noexcept
 {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now); // answered in user space; cannot fail for this clock
+    clock_gettime(CLOCK_MONOTONIC, &now); // runs in user space; cannot fail for this clock
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(now.tv_nsec);
 }
 

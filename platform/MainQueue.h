@@ -9,7 +9,7 @@
 
 namespace platform {
 
-/// The queue of the application's main thread: whichever thread serves it, by run(), or by drain() from a
+/// The queue of the application's main thread: the thread that serves it, by run(), or by drain() from a
 /// loop of its own (Qt, GLib, poll) whenever fd() is readable.
 class DXR_EXPORT MainQueue final : public WorkQueue {
 public:
@@ -22,7 +22,7 @@ public:
 
     /// A descriptor that polls readable while work waits. Never read or close it.
     int fd() const noexcept { return _descriptor; }
-    /// Runs the work that waits now, not what that work adds. Answers how much it ran. Does not wait.
+    /// Runs the work that waits now, not what that work adds. Returns how much it ran. Does not wait.
     size_t drain();
     /// Serves the queue until stop(); for a program that has no loop.
     void run();

@@ -23,8 +23,8 @@ PageMapping::Result PageMapping::map(size_t byteSize, Touch touch) noexcept
 
 PageMapping::Result PageMapping::mapAligned(size_t byteSize, size_t alignment) noexcept
 {
-    // Longer by what may lie before the first aligned address. What is left over goes back, and the next mapping fills the
-    // hole: to the kernel they are one mapping then.
+    // Longer by what may lie before the first aligned address. What is left over goes back, and the next
+    // mapping fills the hole: to the kernel they are one mapping then.
     const size_t roomSize = byteSize + alignment - pageSize;
     const Result room = map(roomSize, Touch::Later);
     if (!room.address)

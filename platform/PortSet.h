@@ -14,7 +14,8 @@ namespace platform {
 /// What one thread waits for: messages on any of its ports, its own signal, and a deadline.
 /// The signal is a port of its own that holds one empty message: raising it again before it is taken does
 /// nothing, so repeated wake-ups cost nothing.
-/// Threads:   waitForEvent(), takeMessage(), waitForSignal() and close() on one thread; everything else on any.
+/// Threads:   waitForEvent(), takeMessage(), waitForSignal() and close() on one thread; everything else on
+///            any.
 /// Real time: signal().
 class DXR_EXPORT PortSet final : public CXObject {
 public:
@@ -25,15 +26,15 @@ public:
         Message, ///< takeMessage() may have one
         Timeout
     };
-    /// Waits for the signal or a message until the host clock reads `deadlineTicks`; with a deadline that has passed, only
-    /// looks. Signal and messages take turns when both are there.
+    /// Waits for the signal or a message until the host clock reads `deadlineTicks`; with a deadline that has
+    /// passed, only looks. Signal and messages take turns when both are there.
     Event waitForEvent(uint64_t deadlineTicks = Futex::noDeadline);
     struct Received {
         CXRef<Port> port;
         Port::Message message;
     };
-    /// The next message; nothing when none is left. Ports with messages take turns. The caller calls the port's
-    /// messageHandled() afterwards.
+    /// The next message; nothing when none is left. Ports with messages take turns. The caller calls the
+    /// port's messageHandled() afterwards.
     std::optional<Received> takeMessage();
     /// Waits for the signal and takes it; messages stay where they are.
     void waitForSignal() noexcept;
@@ -64,7 +65,7 @@ private:
     // that the thread sleeps and the bit is news, wakes it. The thread says that it sleeps by an exchange
     // from "none of my bits", so that a bit raised before is seen and one raised after changes the word under
     // the sleeper. One order for all of it, which is what makes closed against signalled a decision:
-    // whichever bit comes second sees the other.
+    // the bit that comes second sees the other.
     static constexpr uint32_t signalled = 1;
     static constexpr uint32_t hasMessages = 2; // the list below is not empty; changed under the mutex
     static constexpr uint32_t sleeping = 4;

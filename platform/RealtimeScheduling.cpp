@@ -38,9 +38,9 @@ bool becomeFifo()
     return sched_setscheduler(0, SCHED_FIFO | SCHED_RESET_ON_FORK, &parameters) == 0;
 }
 
-/// The process's limit for real-time threads that never sleep. RealtimeKit serves only processes that let the kernel end
-/// such a thread. Put back at the end, unless it is kept; without privileges the kernel refuses to raise the hard limit
-/// again, so that nothing is lowered for a request that is known to fail.
+/// The process's limit for real-time threads that never sleep. RealtimeKit serves only processes that let the
+/// kernel end such a thread. Put back at the end, unless it is kept; without privileges the kernel refuses to
+/// raise the hard limit again, so that nothing is lowered for a request that is known to fail.
 class LoweredRuntimeLimit {
 public:
     explicit LoweredRuntimeLimit(int64_t microseconds)
@@ -127,7 +127,8 @@ RealtimeOutcome askRealtimeKit(int kernelError)
                                     nullptr, 'i', &maxPriority) < 0 ||
         maxPriority < 1)
         return {RealtimeGrant::None, kernelError};
-    // First for a priority that there is not: whether this user may have one is decided before the priority is looked at.
+    // First for a priority that there is not: whether this user may have one is decided before the priority
+    // is looked at.
     constexpr uint32_t noPriority = 0;
     if (const Reply reply = askFor(noPriority, bus.get()); reply.isRefusal)
         return {RealtimeGrant::None, reply.error};

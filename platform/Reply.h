@@ -8,7 +8,7 @@
 
 namespace platform {
 
-/// The answer to one request, on the stack of the thread that waits for it.
+/// The reply to one request, on the stack of the thread that waits for it.
 /// Threads:   wait() on the thread that made it, once; send() on any other, once.
 /// Real time: send().
 class Reply {
@@ -22,7 +22,7 @@ private:
     static constexpr uint32_t pending = 0;
     static constexpr uint32_t sleeping = 1;
     static constexpr uint32_t sent = 2;
-    // What the answer is about is written before `sent` is stored and read after it is seen. The sender
+    // What the reply refers to is written before `sent` is stored and read after it is seen. The sender
     // touches nothing after its exchange but the address, which it may wake though nobody sleeps there any
     // more.
     std::atomic<uint32_t> _state{pending};

@@ -34,8 +34,8 @@ public:
         }
     }
 
-    /// Runs `work` on the calling thread if nothing runs or waits; whether it did. It ends the process when it throws,
-    /// as everything on a queue does.
+    /// Runs `work` on the calling thread if nothing runs or waits; whether it did. It ends the process when
+    /// it throws, as everything on a queue does.
     bool runIfIdle(const Work& work) noexcept
     {
         {
@@ -61,8 +61,8 @@ public:
     }
 
 private:
-    /// While it lives, the calling thread runs the line's work. Turns nest: work of one queue may run another's on the same
-    /// thread, and is still that queue's work.
+    /// While it lives, the calling thread runs the line's work. Turns nest: work of one queue may run
+    /// another's on the same thread, and is still that queue's work.
     struct Turn {
         explicit Turn(const Line& turnLine) : line(turnLine), outer(std::exchange(current, this)) {}
         ~Turn() { current = outer; }

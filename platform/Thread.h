@@ -7,7 +7,8 @@
 
 namespace platform {
 
-/// A named thread. The name is cut to the whole characters that fit into the kernel's 15 bytes. Signals stay with the application's threads.
+/// A named thread. The name is cut to the whole characters that fit into the kernel's 15 bytes. Signals stay
+/// with the application's threads.
 /// Threads: start and join from one thread at a time. Destroying it joins; from itself, it detaches.
 class Thread {
 public:

@@ -13,9 +13,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A device that the audio server knows of has been on the bus for longer than the shorter age: its card had to be
-// found first. So what is not in contents of that age is not there. An old hit does no harm: it is about a
-// device whose ID somebody still holds.
+// A device that the audio server knows of has been on the bus for longer than the shorter age: its card had
+// to be found first. So what is not in contents of that age is not there. An old hit does no harm: it is
+// about a device whose ID somebody still holds.
 constexpr std::chrono::milliseconds maximumAge{1000};
 constexpr std::chrono::milliseconds maximumAgeOfAMiss{20};
 
@@ -113,7 +113,7 @@ CXRef<USBRegistryContents> readFromSystem()
 }
 
 struct Registry {
-    std::mutex mutex; // held while the bus is read: whoever asks meanwhile wants that answer too
+    std::mutex mutex; // held while the bus is read: a caller that asks meanwhile gets that result too
     USBRegistry::Reader reader;
     CXRef<USBRegistryContents> contents;
     Clock::time_point readAt;

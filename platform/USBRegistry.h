@@ -20,8 +20,8 @@ struct USBDevice {
 
 /// One sound card on that bus.
 struct USBAudioEngine {
-    /// "AppleUSBAudioEngine:MAKER:PRODUCT:SERIAL:INTERFACE"; the location in hexadecimal where there is no serial
-    /// number.
+    /// "AppleUSBAudioEngine:MAKER:PRODUCT:SERIAL:INTERFACE"; the location in hexadecimal where there is no
+    /// serial number.
     std::string globalUniqueID;
     std::optional<std::string> serialNumber; ///< nothing when the device has none
     uint32_t locationID = 0;
@@ -54,28 +54,30 @@ private:
     std::unordered_map<std::string_view, size_t> _engineByID; // views of _engines
 };
 
-/// What the system knows of the devices on the universal serial bus, as far as audio devices are told apart by it.
-/// A location ID has the bus in its top 8 bits, then one hexadecimal digit for each hub port from the root, so that
-/// port 4 of a hub on port 1 of bus 3 is 0x03140000. Devices with a location are all but the root hubs.
+/// What the system knows of the devices on the universal serial bus, as far as it distinguishes audio
+/// devices. A location ID has the bus in its top 8 bits, then one hexadecimal digit for each hub port from
+/// the root, so that port 4 of a hub on port 1 of bus 3 is 0x03140000. Devices with a location are all but
+/// the root hubs.
 /// Threads:   any.
 /// Real time: no; it reads files of the system's.
-/// Fails:     with no devices, where the system does not tell (no udev, no /sys).
+/// Fails:     with no devices, where the system does not list them (no udev, no /sys).
 class DXR_EXPORT USBRegistry {
 public:
     using Reader = CXBlock<CXRef<USBRegistryContents>()>;
 
-    /// Asks about the contents: as they were a moment ago, and again, as they are now, when the answer is false.
-    /// So what is there is found at any time, and a thousand questions do not read the bus a thousand times.
+    /// Asks about the contents: as they were a moment ago, and again, as they are now, when the result is
+    /// false. So what is there is found at any time, and a thousand questions do not read the bus a thousand
+    /// times.
     static bool ask(CXBlockRef<bool(const USBRegistryContents&)> question);
     /// Forgets what was read: the next question reads again.
     static void refresh();
-    /// Asks `reader` instead of the system from now on, for devices that are simulated; an empty one brings the
-    /// system back. `reader` must not use the registry, and may be called on any thread.
+    /// Asks `reader` instead of the system from now on, for devices that are simulated; an empty one brings
+    /// the system back. `reader` must not use the registry, and may be called on any thread.
     static void setReader(Reader reader);
 };
 
-/// The location of a device from the kernel's name of it, "3-1.4"; nothing for other names, root hubs ("usb3")
-/// included.
+/// The location of a device from the kernel's name of it, "3-1.4"; nothing for other names, root hubs
+/// ("usb3") included.
 std::optional<uint32_t> usbLocationID(std::string_view kernelName) noexcept;
 
 } // namespace platform

@@ -23,7 +23,8 @@ void WorkQueue::sync(const Work& work)
 
 void WorkQueue::after(uint64_t delayNanoseconds, Work work)
 {
-    DelayTimer::shared().schedule(delayNanoseconds, CXRef<WorkQueue>(this), std::move(work));
+    DelayTimer::shared().schedule(delayNanoseconds,
+                                  [queue = CXRef<WorkQueue>(this), work] { queue->async(work); });
 }
 
 } // namespace platform

@@ -4,7 +4,7 @@
 
 namespace {
 
-// Null until the first use. Whoever finds null stores the same value as any other, and the sets are
+// Null until the first use. Each thread that finds null stores the same value, and the sets are
 // constants, so relaxed order is enough.
 std::atomic<const InstructionSet*> chosen{nullptr};
 

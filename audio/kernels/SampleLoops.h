@@ -20,8 +20,8 @@ template <int count> inline Lanes<count> clamped(Lanes<count> x, float low, floa
     return notBelow<count>(allLanes<count>(low), notAbove<count>(allLanes<count>(high), x));
 }
 
-/// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0; what is
-/// too low is so in the result too.
+/// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0; what
+/// is too low is so in the result too.
 template <int count> inline Ints<count> rounded(Lanes<count> x)
 {
     x = loadedOnce<count>(x);

@@ -14,8 +14,8 @@ struct SamplerPositions {
     uint32_t found = 0;          ///< how many of the arrays' entries are set, a multiple of `step`
     bool fitsInt = false;        ///< the positions are within 32 bits
 
-    // Left as they come: clearing them would cost as much as a small block. Vectors of them are read soon after
-    // they are written: aligned, so that none was written in two pieces.
+    // Left as they come: clearing them would cost as much as a small block. Vectors of them are read soon
+    // after they are written: aligned, so that none was written in two pieces.
     alignas(64) uint32_t index[capacity + step]; ///< of the first of the four samples around the position
     alignas(64) float t1[capacity + step];       ///< fraction / 6
     alignas(64) float t2[capacity + step];       ///< fraction squared / 2
@@ -47,8 +47,8 @@ struct SamplerFilter {
     static constexpr uint32_t maximumChannels = 16;
 
     float b0 = 0, b1 = 0, a1 = 0, a2 = 0;
-    /// The latest frames that went in: at its end the last one, dense, and the one before it in front of that.
-    /// What lies further in front is the kernels' own.
+    /// The latest frames that went in: at its end the last one, dense, and the one before it in front of
+    /// that. What lies further in front is the kernels' own.
     alignas(64) float x[2 * maximumChannels];
     alignas(64) float y1[maximumChannels], y2[maximumChannels];
 

@@ -151,7 +151,8 @@ public:
         _last = x;
     }
 
-    /// Filters the first `count` frames of a run and writes them to `output`, and what is still to be written.
+    /// Filters the first `count` frames of a run and writes them to `output`, and what is still to be
+    /// written.
     void run(Lanes<width> x, float* output, uint32_t count)
     {
         finish();

@@ -9,7 +9,7 @@
 /// of them; the medians are compared.
 class Contest {
 public:
-    /// `work` does a piece of work and answers how many units it did.
+    /// `work` does a piece of work and returns how many units it did.
     void add(const std::string& name, std::function<uint64_t()> work);
     /// Nanoseconds per unit of each candidate, in the order they were added.
     std::vector<double> run() const;

@@ -6,6 +6,6 @@
 class Resampler {
 public:
     virtual ~Resampler() = default;
-    /// Converts interleaved frames; answers the frames written to `output`, which has room for them.
+    /// Converts interleaved frames; returns the frames written to `output`, which has room for them.
     virtual uint32_t convert(const float* input, uint32_t frames, float* output) = 0;
 };

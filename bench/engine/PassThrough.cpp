@@ -236,7 +236,7 @@ private:
     RtAudio _audio{RtAudio::UNIX_JACK};
 };
 
-/// Gives a stream its port, as a session manager would. Answers the stream's node.
+/// Gives a stream its port, as a session manager would. Returns the stream's node.
 uint32_t configureStream(TestClient& client, const char* name, spa_direction direction, double rate)
 {
     uint8_t room[1024];

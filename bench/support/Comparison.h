@@ -89,7 +89,7 @@ inline void stayOnProcessor(unsigned processor)
 }
 
 /// A second thread for as long as it lives: with one alone the C library leaves its atomics out and flatters
-/// whoever relies on them.
+/// code that relies on them.
 class IdleThread {
 public:
     IdleThread()

@@ -3,6 +3,9 @@
 #include "HALModel.h"
 #include "HALReadFailures.h"
 #include "HALReadInterception.h"
+#include "LogSink.h"
+
+#include <exception>
 
 namespace {
 
@@ -27,6 +30,18 @@ bool isAbsent(const void* data, uint32_t size)
     return !data && size > 0;
 }
 
+/// What `call` returns for the model. Nothing may leave these functions: 'what' when there is no memory, or
+/// no thread for the model, which the next call tries to make again.
+template <class Call> HALStatus withModel(const Call& call)
+{
+    try {
+        return call(*halActiveModel());
+    } catch (const std::exception& error) {
+        platform::LogSink::log(std::string("Audio hardware: ") + error.what());
+        return kAudioHardwareUnspecifiedError;
+    }
+}
+
 } // namespace
 
 uint64_t halReadFailures() noexcept
@@ -42,8 +57,9 @@ HALStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID, const Address* 
         return kAudioHardwareIllegalOperationError;
     if (const HALStatus status = halIntercepted(objectID, *address, true))
         return noted(status);
-    return noted(halActiveModel()->propertySize(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
-                                                *dataSize));
+    return noted(withModel([&](HALModel& model) {
+        return model.propertySize(objectID, *address, bytesOf(qualifierData, qualifierDataSize), *dataSize);
+    }));
 }
 
 HALStatus AudioObjectGetPropertyData(AudioObjectID objectID, const Address* address,
@@ -54,8 +70,10 @@ HALStatus AudioObjectGetPropertyData(AudioObjectID objectID, const Address* addr
         return kAudioHardwareIllegalOperationError;
     if (const HALStatus status = halIntercepted(objectID, *address, false))
         return noted(status);
-    return noted(halActiveModel()->readProperty(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
-                                                {static_cast<std::byte*>(data), *dataSize}, *dataSize));
+    return noted(withModel([&](HALModel& model) {
+        return model.readProperty(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
+                                  {static_cast<std::byte*>(data), *dataSize}, *dataSize);
+    }));
 }
 
 HALStatus AudioObjectSetPropertyData(AudioObjectID objectID, const Address* address,
@@ -64,8 +82,10 @@ HALStatus AudioObjectSetPropertyData(AudioObjectID objectID, const Address* addr
 {
     if (!address || isAbsent(data, dataSize) || isAbsent(qualifierData, qualifierDataSize))
         return kAudioHardwareIllegalOperationError;
-    return halActiveModel()->writeProperty(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
-                                           bytesOf(data, dataSize));
+    return withModel([&](HALModel& model) {
+        return model.writeProperty(objectID, *address, bytesOf(qualifierData, qualifierDataSize),
+                                   bytesOf(data, dataSize));
+    });
 }
 
 HALStatus AudioObjectAddPropertyListener(AudioObjectID objectID, const Address* address,
@@ -73,7 +93,9 @@ HALStatus AudioObjectAddPropertyListener(AudioObjectID objectID, const Address* 
 {
     if (!address || !listener)
         return kAudioHardwareIllegalOperationError;
-    return halActiveModel()->addListener(objectID, *address, {listener, clientData, {}, {}});
+    return withModel([&](HALModel& model) {
+        return model.addListener(objectID, *address, {listener, clientData, {}, {}});
+    });
 }
 
 HALStatus AudioObjectRemovePropertyListener(AudioObjectID objectID, const Address* address,
@@ -81,7 +103,9 @@ HALStatus AudioObjectRemovePropertyListener(AudioObjectID objectID, const Addres
 {
     if (!address || !listener)
         return kAudioHardwareIllegalOperationError;
-    return halActiveModel()->removeListener(objectID, *address, {listener, clientData, {}, {}});
+    return withModel([&](HALModel& model) {
+        return model.removeListener(objectID, *address, {listener, clientData, {}, {}});
+    });
 }
 
 HALStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID, const Address* address,
@@ -90,7 +114,9 @@ HALStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID, const Addr
 {
     if (!address || !listener)
         return kAudioHardwareIllegalOperationError;
-    return halActiveModel()->addListener(objectID, *address, {nullptr, nullptr, listener, queue});
+    return withModel([&](HALModel& model) {
+        return model.addListener(objectID, *address, {nullptr, nullptr, listener, queue});
+    });
 }
 
 HALStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID objectID, const Address* address,
@@ -99,7 +125,9 @@ HALStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID objectID, const A
 {
     if (!address || !listener)
         return kAudioHardwareIllegalOperationError;
-    return halActiveModel()->removeListener(objectID, *address, {nullptr, nullptr, listener, queue});
+    return withModel([&](HALModel& model) {
+        return model.removeListener(objectID, *address, {nullptr, nullptr, listener, queue});
+    });
 }
 
 HALStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* procID, AudioObjectID deviceID,
@@ -109,22 +137,22 @@ HALStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* procID, AudioO
     if (!procID || !block || queue)
         return kAudioHardwareIllegalOperationError;
     *procID = nullptr;
-    return halActiveModel()->createIOProc(deviceID, block, *procID);
+    return withModel([&](HALModel& model) { return model.createIOProc(deviceID, block, *procID); });
 }
 
 HALStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID)
 {
-    return halActiveModel()->destroyIOProc(deviceID, procID);
+    return withModel([&](HALModel& model) { return model.destroyIOProc(deviceID, procID); });
 }
 
 HALStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID)
 {
-    return halActiveModel()->start(deviceID, procID);
+    return withModel([&](HALModel& model) { return model.start(deviceID, procID); });
 }
 
 HALStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID)
 {
-    return halActiveModel()->stop(deviceID, procID);
+    return withModel([&](HALModel& model) { return model.stop(deviceID, procID); });
 }
 
 HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioObjectID* deviceID)
@@ -132,10 +160,10 @@ HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioOb
     if (!description || !deviceID)
         return kAudioHardwareIllegalOperationError;
     *deviceID = kAudioObjectUnknown;
-    return halActiveModel()->createAggregateDevice(*description, *deviceID);
+    return withModel([&](HALModel& model) { return model.createAggregateDevice(*description, *deviceID); });
 }
 
 HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID)
 {
-    return halActiveModel()->destroyAggregateDevice(deviceID);
+    return withModel([&](HALModel& model) { return model.destroyAggregateDevice(deviceID); });
 }

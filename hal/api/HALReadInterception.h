@@ -1,9 +1,9 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 
-/// Called before a property, or its size when `isSize`, is read through the published functions, off the IO threads: any
-/// status but 0 is what they return. For fault tests; may call the HAL itself.
+/// Called before a property, or its size when `isSize`, is read through the published functions, off the IO
+/// threads: any status but 0 is what they return. For fault tests; may call the HAL itself.
 using HALReadInterceptor =
     CXBlock<HALStatus(AudioObjectID objectID, const AudioObjectPropertyAddress& address, bool isSize)>;
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 
 #include <cstdint>
 #include <span>

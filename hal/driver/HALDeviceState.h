@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 #include "CXBlock.h"
 #include "CXPlist.h"
 #include "HALDirection.h"
@@ -56,7 +56,8 @@ struct HALDirectionState {
 struct HALAggregateState { // NOLINT(bugprone-exception-escape): moving a property list throws nothing
     CXPlist composition;
     std::vector<AudioObjectID> activeSubDevices;
-    /// Reads the counters of the sub-devices, in the order of the composition. Any thread; never waits for hardware.
+    /// Reads the counters of the sub-devices, in the order of the composition. Any thread; never waits for
+    /// hardware.
     CXBlock<std::vector<AudioAggregateSubDeviceStatus>()> subDeviceStatus;
     bool operator==(const HALAggregateState&) const = default;
 };
@@ -94,8 +95,8 @@ struct HALDeviceState {
     bool canSampleRate(double rate) const noexcept;
 };
 
-/// Volume scalar (0..1, what a slider shows) and decibels by the cube law of Linux volume sliders: 60 dB for each
-/// decade of the scalar. Scalar 0 is halSilenceDecibels.
+/// Volume scalar (0..1, what a slider shows) and decibels by the cube law of Linux volume sliders: 60 dB for
+/// each decade of the scalar. Scalar 0 is halSilenceDecibels.
 float halDecibelsFromScalar(float scalar) noexcept;
 float halScalarFromDecibels(float decibels) noexcept;
 inline constexpr float halSilenceDecibels = -144.0F;

@@ -1,5 +1,6 @@
 #include "HALDefaultDriver.h"
 #include "HALModel.h"
+#include "LogSink.h"
 
 #include <mutex>
 
@@ -24,8 +25,21 @@ bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver)
     const std::scoped_lock lock(active().mutex);
     if (!driver || active().model)
         return false;
-    active().model = HALModel::initWithDriver(driver);
-    return true;
+    try {
+        active().model = HALModel::initWithDriver(driver);
+    } catch (const std::exception& error) { // no thread
+        platform::LogSink::log(std::string("Audio hardware: ") + error.what());
+    }
+    return bool(active().model);
+}
+
+std::string HALHardwareUnavailableReason()
+try {
+    HALHardwareDriver& driver = halActiveModel()->driver();
+    driver.waitUntilEnumerated();
+    return driver.unavailableReason();
+} catch (const std::exception& error) { // no thread
+    return std::string("cannot use the audio hardware: ") + error.what();
 }
 
 const CXRef<HALModel>& halActiveModel()

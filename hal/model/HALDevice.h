@@ -7,10 +7,10 @@
 #include <atomic>
 #include <mutex>
 
-/// A device as the HAL has it: the state that its properties are read from, its IO callbacks, and the driver that runs
-/// it. Announces what differs after each change.
-/// Threads: any; the driver is called on the calling thread with no lock held but the one that keeps starts and stops
-///          of this device apart.
+/// A device as the HAL has it: the state that its properties are read from, its IO callbacks, and the driver
+/// that runs it. Announces what differs after each change.
+/// Threads: any; the driver is called on the calling thread with no lock held but the one that keeps starts
+///          and stops of this device apart.
 /// Waits:   start(), stop(), destroyIOProc() for the driver and for running cycles; reads never.
 class HALDevice final : public CXObject {
 public:
@@ -33,11 +33,11 @@ public:
     HALStatus readStreamProperty(AudioObjectID streamID, const AudioObjectPropertyAddress& address,
                                  HALPropertyWriter& writer) const;
 
-    /// Takes `state` over and announces what differs. Streams keep their IDs by their place in their direction, new
-    /// ones get new IDs.
+    /// Takes `state` over and announces what differs. Streams keep their IDs by their place in their
+    /// direction, new ones get new IDs.
     void setState(HALDeviceState state);
-    /// The hardware has gone. On return no callback runs, unless one of them made this call, and none will again.
-    /// False when this was known.
+    /// The hardware has gone. On return no callback runs, unless one of them made this call, and none will
+    /// again. False when this was known.
     bool close();
 
     // -- IO, as the published functions of the same names say; not on an IO thread of the device

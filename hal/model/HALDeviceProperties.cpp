@@ -291,7 +291,7 @@ constexpr struct {
 constexpr std::array allScopes{kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyScopeInput,
                                kAudioObjectPropertyScopeOutput};
 
-/// A value and its status as a text: equal when a client could not tell them apart.
+/// A value and its status as a text: equal when a client sees no difference.
 std::string recordOf(const auto& read)
 {
     std::string record;
@@ -328,8 +328,8 @@ void addDeviceChanges(const HALDeviceView& before, const HALDeviceView& after, s
         }
 }
 
-/// What clients listen to on the device itself, though it is not read there: the format of its streams in a direction.
-/// And the current source is announced together with the list of sources.
+/// What clients listen to on the device itself, though it is not read there: the format of its streams in a
+/// direction. And the current source is announced together with the list of sources.
 void addDependentChanges(std::vector<Address>& changed, const std::vector<HALObjectChange>& streams,
                          const HALDeviceState& after)
 {

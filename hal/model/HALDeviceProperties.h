@@ -16,8 +16,9 @@ struct HALObjectChange {
     std::vector<AudioObjectPropertyAddress> addresses;
 };
 
-// One table of properties decides what is read and what is announced, so a readable property cannot go unannounced.
-// Not in it: stream usage, which belongs to one callback, and the sub-devices' counters, which change in every cycle.
+// One table of properties decides what is read and what is announced, so a readable property cannot go
+// unannounced. Not in it: stream usage, which belongs to one callback, and the sub-devices' counters, which
+// change in every cycle.
 
 /// Writes the value of a device's property; 'who?' when the device has none at that address.
 HALStatus halReadDevice(const HALDeviceView& device, const AudioObjectPropertyAddress& address,
@@ -25,8 +26,8 @@ HALStatus halReadDevice(const HALDeviceView& device, const AudioObjectPropertyAd
 /// The same for the stream at `index` of a direction.
 HALStatus halReadStream(const HALDeviceView& device, HALDirection direction, size_t index,
                         const AudioObjectPropertyAddress& address, HALPropertyWriter& writer);
-/// Every address of the device, and of each of its streams, whose value differs between two views of it. Streams that
-/// have come or gone have none.
+/// Every address of the device, and of each of its streams, whose value differs between two views of it.
+/// Streams that have come or gone have none.
 std::vector<HALObjectChange> halChanges(const HALDeviceView& before, const HALDeviceView& after);
 
 /// The one format of a stream: interleaved 32-bit floats at `rate` Hz.

@@ -2,8 +2,8 @@
 
 #include "HALDevice.h"
 
-/// Writes a property of a device: checks the value against its state and asks its driver. 'who?' for a property that it
-/// does not have, 'nope' for one that cannot be set, or not so.
+/// Writes a property of a device: checks the value against its state and asks its driver. 'who?' for a
+/// property that it does not have, 'nope' for one that cannot be set, or not so.
 /// Waits: for the driver, until `deadline` at most.
 HALStatus halWriteDevice(HALDevice& device, const AudioObjectPropertyAddress& address,
                          std::span<const std::byte> value, HALDeadline deadline);

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 
 #include <atomic>
 
-/// An object and address that an IO thread can announce without a lock, through HALNotifier::postFromIOThread().
-/// Owned by the IO that announces it.
+/// An object and address that an IO thread can announce without a lock, through
+/// HALNotifier::postFromIOThread(). Owned by the IO that announces it.
 class HALIOEvent final : public CXObject {
 public:
     AudioObjectID objectID = kAudioObjectUnknown; // set before IO starts
@@ -13,8 +13,8 @@ public:
 
 private:
     friend class HALNotifier;
-    // True from the post until the notification thread has taken the event; only the thread that turned it true may
-    // push it, so an event is on the list at most once and `_next` has one writer.
+    // True from the post until the notification thread has taken the event; only the thread that turned it
+    // true may push it, so an event is on the list at most once and `_next` has one writer.
     std::atomic<bool> _posted{false};
     HALIOEvent* _next = nullptr;
 };

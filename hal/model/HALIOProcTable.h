@@ -19,7 +19,7 @@ class HALNotifier;
 /// Waits:     destroy() and stop() for a running cycle, except on the IO thread itself.
 class DXR_EXPORT HALIOProcTable final : public CXObject {
 public:
-    /// Room for callbacks; a device with more answers 'nope'.
+    /// Room for callbacks; beyond that, adding one returns 'nope'.
     static constexpr size_t maxProcs = 64;
 
     /// For the device `deviceID`, whose lost cycles are announced through `notifier`, which outlives the
@@ -52,8 +52,9 @@ public:
     /// of that name.
     bool setStreamUsage(AudioDeviceIOProcID procID, HALDirection direction, std::span<const uint32_t> usage);
 
-    /// Makes room for cycles of the given streams (channels of each) and at most `maxFrames` frames. Waits for a running
-    /// cycle; a cycle that comes meanwhile, or does not fit, calls no callback and leaves silence.
+    /// Makes room for cycles of the given streams (channels of each) and at most `maxFrames` frames. Waits
+    /// for a running cycle; a cycle that comes meanwhile, or does not fit, calls no callback and leaves
+    /// silence.
     void prepare(std::span<const uint32_t> inputChannels, std::span<const uint32_t> outputChannels,
                  uint32_t maxFrames);
     /// The values of 'nsrt' (Hz) and 'fsiz' that the IO thread reads without a lock.
@@ -106,11 +107,11 @@ private:
     std::atomic<uint32_t> _frameSize{0};
 
     // Handshake between the IO thread and control, which holds _mutex.
-    // IO thread: _cycle becomes odd; reads _layout and the slots; calls; _cycle becomes even and wakes waiters.
-    // Control: takes the pointer out of its slot (or the layout); waits until _cycle is even or has moved on; only then
-    // frees the object.
-    // Both sides are sequentially consistent: control's store comes before its load of _cycle, the IO thread's increment
-    // before its load of the slots, so at least one of them sees the other.
+    // IO thread: _cycle becomes odd; reads _layout and the slots; calls; _cycle becomes even and wakes
+    // waiters. Control: takes the pointer out of its slot (or the layout); waits until _cycle is even or has
+    // moved on; only then frees the object.
+    // Both sides are sequentially consistent: control's store comes before its load of _cycle, the IO
+    // thread's increment before its load of the slots, so at least one of them sees the other.
     std::atomic<uint32_t> _cycle{0};
     std::atomic<Layout*> _layout{nullptr};
     std::array<std::atomic<Proc*>, maxProcs> _slots{};

@@ -11,19 +11,23 @@
 class AggregateRegistry;
 class AggregateDevice;
 
-/// The HAL behind the published functions: the devices that a hardware driver reports, their properties and listeners,
-/// and aggregate devices made of them.
+class CXValue;
+
+/// The HAL behind the published functions: the devices that a hardware driver reports, their properties and
+/// listeners, and aggregate devices made of them.
 /// Threads:   every function from any thread, listeners and IO callbacks included, without deadlock.
 /// Real time: on an IO thread, reads of 'nsrt' and 'fsiz' of the device that runs it, and stop().
 /// Waits:     property reads never wait for hardware, but the first read of the system object for the initial
 ///            enumeration; writes, start() and stop() may, for two seconds at most.
 /// Promises:  - object IDs are never reused in a process;
 ///            - unknown objects return '!obj', unknown properties 'who?', nothing crashes;
-///            - listeners are called on the one notification thread, or on their queue, with no lock held; when a
+///            - listeners are called on the one notification thread, or on their queue, with no lock held;
+///              when a
 ///              listener runs, a read returns the new value or a later one;
 ///            - a listener on any readable address is called after its value has changed;
 ///            - a device's sample time never repeats while it runs;
-///            - when a device goes, its callbacks are not called again, its objects return '!obj', and 'dev#' of the
+///            - when a device goes, its callbacks are not called again, its objects return '!obj', and 'dev#'
+///              of the
 ///              system object is announced.
 class HALModel final : public CXObject, public HALDriverSink {
 public:
@@ -35,8 +39,9 @@ public:
     /// Stores the size of the property's value now.
     HALStatus propertySize(AudioObjectID objectID, const Address& address,
                            std::span<const std::byte> qualifier, uint32_t& size);
-    /// Writes the value into `out` and stores the bytes written. '!siz' when `out` is too small. For a translation,
-    /// `out` holds the AudioValueTranslation to carry out. Objects come with a reference for the caller.
+    /// Writes the value into `out` and stores the bytes written. '!siz' when `out` is too small. For a
+    /// translation, `out` holds the AudioValueTranslation to carry out. Objects come with a reference for the
+    /// caller.
     HALStatus readProperty(AudioObjectID objectID, const Address& address,
                            std::span<const std::byte> qualifier, std::span<std::byte> out, uint32_t& size);
     HALStatus writeProperty(AudioObjectID objectID, const Address& address,
@@ -44,15 +49,16 @@ public:
 
     /// 'nope' when the same listener is there already for this object and address.
     HALStatus addListener(AudioObjectID objectID, const Address& address, const HALListener& listener);
-    /// Once this has returned on any other thread, `listener` is not running and will not run again. Works for objects
-    /// that are gone, too; 'nope' when there is no such listener.
+    /// Once this has returned on any other thread, `listener` is not running and will not run again. Works
+    /// for objects that are gone, too; 'nope' when there is no such listener.
     HALStatus removeListener(AudioObjectID objectID, const Address& address, const HALListener& listener);
 
     /// Registers an IO callback, stopped.
     HALStatus createIOProc(AudioObjectID deviceID, const AudioDeviceIOBlock& block,
                            AudioDeviceIOProcID& procID);
-    /// Removes it, running or not. On return from any other thread it is not running and will not run again; on the IO
-    /// thread, its current cycle is its last. '!dev' when the device is gone; the callback is removed then too.
+    /// Removes it, running or not. On return from any other thread it is not running and will not run again;
+    /// on the IO thread, its current cycle is its last. '!dev' when the device is gone; the callback is
+    /// removed then too.
     HALStatus destroyIOProc(AudioObjectID deviceID, AudioDeviceIOProcID procID);
     HALStatus start(AudioObjectID deviceID, AudioDeviceIOProcID procID);
     HALStatus stop(AudioObjectID deviceID, AudioDeviceIOProcID procID);
@@ -63,6 +69,8 @@ public:
     HALStatus destroyAggregateDevice(AudioObjectID deviceID);
 
     void settle() override;
+
+    HALHardwareDriver& driver() const noexcept { return *_driver; }
 
 private:
     using Devices = std::map<AudioObjectID, CXRef<HALDevice>>;

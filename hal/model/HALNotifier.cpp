@@ -23,10 +23,11 @@ bool matches(const AudioObjectPropertyAddress& pattern, const AudioObjectPropert
 
 /// Who is inside which listener, and who waits for which to be left.
 ///
-/// Protocol, under the one mutex: a call enters a registration unless it was removed, and leaves it. A removal marks the
-/// registration and waits until no other thread is inside, except threads that wait, directly or through others, for
-/// this thread to leave a listener: their removals can return only after this one. The thread whose wait would close
-/// such a circle always finds it complete, so one of the circle goes on and the others follow.
+/// Protocol, under the one mutex: a call enters a registration unless it was removed, and leaves it. A
+/// removal marks the registration and waits until no other thread is inside, except threads that wait,
+/// directly or through others, for this thread to leave a listener: their removals can return only after this
+/// one. The thread whose wait would close such a circle always finds it complete, so one of the circle goes
+/// on and the others follow.
 class HALNotifier::Calls {
 public:
     bool enter(const Registration& registration);
@@ -150,8 +151,8 @@ struct HALNotifier::Batch {
 };
 
 struct HALNotifier::State {
-    // Counts everything that could wake the thread; it sleeps on the value it last saw. Posts come before their
-    // increment (release) and are read after it (acquire), so none is missed.
+    // Counts everything that could wake the thread; it sleeps on the value it last saw. Posts come before
+    // their increment (release) and are read after it (acquire), so none is missed.
     std::atomic<uint32_t> wakeUps{0};
     // Events of IO threads, last first. Pushed with release by the IO threads, taken whole by the
     // notification thread with acquire: nothing is ever popped alone, so no address can be mistaken for an

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 #include "CXPlist.h"
 
 #include <cstring>
@@ -8,7 +8,8 @@
 #include <string>
 #include <type_traits>
 
-/// Takes the value of one property: counts its bytes, copies as many as there is room for, or keeps it for comparison.
+/// Takes the value of one property: counts its bytes, copies as many as there is room for, or keeps it for
+/// comparison.
 /// Threads: one.
 class HALPropertyWriter {
 public:
@@ -33,8 +34,8 @@ public:
     void putValue(const CXPlist& value);
     void putString(const std::string& text) { putValue(text); }
 
-    /// For a property whose buffer also carries the question: the record as the caller filled it in. False when the
-    /// buffer is too small, or none was given.
+    /// For a property whose buffer also carries the question: the record as the caller filled it in. False
+    /// when the buffer is too small, or none was given.
     template <class Record> bool take(Record& record, size_t bytes = sizeof(Record))
     {
         if (_room.size() < bytes)

@@ -31,7 +31,7 @@ HALStatus halReadSourceName(const HALDirectionState& state, HALPropertyWriter& w
 {
     if (state.dataSources.empty())
         return kAudioHardwareUnknownPropertyError;
-    if (writer.isRecording()) { // the answers to all questions there are
+    if (writer.isRecording()) { // the results of all possible qualifiers
         for (const HALDataSourceState& source : state.dataSources) {
             writer.put(source.sourceID);
             writer.putString(source.name);

@@ -4,7 +4,7 @@
 #include "HALIOProcTable.h"
 #include "HALPropertyWriter.h"
 
-// Properties whose buffer carries a question as well as the answer.
+// Properties whose buffer holds an argument as well as the result.
 
 /// Takes the translation out of the caller's buffer and checks it: input and output of exactly these sizes,
 /// nowhere null. The output may be larger.

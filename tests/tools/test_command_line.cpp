@@ -5,14 +5,17 @@
 #include <sndfile.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <numbers>
 #include <numeric>
 #include <sstream>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -25,6 +28,7 @@ protected:
     {
         std::string pattern = std::filesystem::temp_directory_path() / "dxr-tool-XXXXXX";
         folder = mkdtemp(pattern.data());
+        setenv("PIPEWIRE_REMOTE", "/nowhere", 1);
     }
     ~DxrCommand() override { std::filesystem::remove_all(folder); }
 
@@ -58,7 +62,7 @@ std::vector<float> samplesOf(const std::string& path, int& channels)
 {
     SF_INFO info{};
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    if (!file || info.format != (SF_FORMAT_WAV | SF_FORMAT_FLOAT)) {
+    if (!file || info.format != (SF_FORMAT_WAVEX | SF_FORMAT_FLOAT)) {
         sf_close(file);
         return {};
     }
@@ -76,6 +80,24 @@ std::string wave(uint32_t declaredBytes, size_t heldBytes)
            word(192000) + word(0x00200004) + "data" + word(declaredBytes) + std::string(heldBytes, '\0');
 }
 
+/// Runs a shell's command in `folder`, where `d` is dxr on the simulated computer.
+ToolResult pipeline(const std::filesystem::path& folder, const std::string& command)
+{
+    std::ofstream(folder / "script") << "cd " << folder << "; d() { " DXR_TOOL " \"$@\" --simulated; }; { "
+                                     << command << "; } 2> errors";
+    FILE* const pipe = popen(("bash -o pipefail " + (folder / "script").string()).c_str(), "r");
+    std::array<char, 4096> block{};
+    ToolResult result{};
+    while (const size_t count = std::fread(block.data(), 1, block.size(), pipe))
+        result.output.append(block.data(), count);
+    const int status = pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    std::stringstream errors;
+    errors << std::ifstream(folder / "errors").rdbuf();
+    result.errors = errors.str();
+    return result;
+}
+
 TEST_F(DxrCommand, tellsWrongUsageFromFailure)
 {
     const std::string good = file("good.wav", wave(8000, 8000));
@@ -87,8 +109,19 @@ TEST_F(DxrCommand, tellsWrongUsageFromFailure)
         {{"nonsense"}, 2},
         {{"list", "--nonsense"}, 2},
         {{"info", "--simulated"}, 2},
-        {{"play", "x.wav"}, 2},
-        {{"loop", "--in", "zoo-ramp"}, 2},
+        {{"play"}, 2},
+        {{"set", "zoo-speakers", "--simulated", "--volume", "+101%"}, 2},
+        {{"set", "zoo-speakers", "--simulated", "--volume", "+5%", "--mute", "toggle"}, 0},
+        {{"-V"}, 0},
+        {{"help"}, 0},
+        {{"list"}, 1}, // no server
+        {{"info", "1", "--simulated"}, 1},
+        {{"record", path("x.mp4"), "--simulated"}, 1},
+        {{"record", path("x.flac"), "--simulated", "--bits", "32"}, 1},
+        {{"record", "-", "--simulated", "--format", "aiff"}, 1},
+        {{"play", "-", "--simulated", "--format", "s16:0:2"}, 1},
+        {{"list", "--hardware", "nowhere"}, 1},
+        {{"list", "--hardware", "alsa", "--simulated"}, 2},
         {{"set", "zoo-speakers", "--simulated"}, 2},
         {{"set", "zoo-speakers", "--simulated", "--volume", "1.01"}, 2},
         {{"set", "zoo-speakers", "--simulated", "--volume", "50"}, 2},
@@ -189,8 +222,84 @@ TEST_F(DxrCommand, listsTheSameDevicesAsTableAndAsJSON)
     for (const json& device : devices)
         EXPECT_EQ(table.output.find(device["uid"].get<std::string>()) == std::string::npos,
                   device["hidden"].get<bool>());
-    for (const std::string& line : linesOf(table.output))
-        EXPECT_LE(line.size(), 80U) << line;
+    const ToolResult narrow = pipeline(folder, "COLUMNS=20 d list");
+    for (const std::string& line : linesOf(narrow.output))
+        EXPECT_LE(std::ranges::count_if(line, [](char c) { return (c & 0xC0) != 0x80; }), 20) << line;
+
+    // Every key is in the document, which names the version.
+    std::stringstream document;
+    document << std::ifstream(DXR_JSON_DOCUMENT).rdbuf();
+    EXPECT_NE(document.str().find("`schema` | " + std::to_string((*receiver)["schema"].get<int>())),
+              std::string::npos);
+    const std::function<void(const json&)> expectKeys = [&](const json& value) {
+        if (!value.is_structured())
+            return;
+        for (const auto& [key, inner] : value.items()) {
+            const bool isKnown =
+                !value.is_object() || document.str().find("| `" + key + "` |") != std::string::npos;
+            EXPECT_TRUE(isKnown) << key;
+            expectKeys(inner);
+        }
+    };
+    expectKeys(devices);
+}
+
+TEST_F(DxrCommand, namesTheCommandThatWasProbablyMeant)
+{
+    EXPECT_EQ(runTool({"lst"}).errors,
+              "no command 'lst'; did you mean 'list'?\nRun with --help for more information.\n");
+    EXPECT_EQ(linesOf(runTool({"x\x1B[2J"}).errors).at(0), "no command 'x\\x1B[2J'");
+    EXPECT_EQ(linesOf(runTool({"record", "x.wav", "--seconds", "-1"}).errors).at(0),
+              "--seconds: must be above 0");
+}
+
+TEST_F(DxrCommand, standsInAPipeline)
+{
+    const std::string record = "d record - --in zoo-ramp --rate 48000 --seconds 0.25 ";
+    struct {
+        const char* why;
+        std::string command;
+        int status;
+        const char* says;
+    } const rows[] = {
+        {"WAV", record + "| d play -", 0, "12,000 frames played"},
+        {"FLAC", record + "--format flac | d play -", 0, "12,000 frames played"},
+        {"Ogg, which is read from its end, too", record + "--format ogg | d play -", 0,
+         "12,000 frames played"},
+        {"Opus", record + "--format opus | d play -", 0, "12,000 frames played"},
+        {"raw", record + "--format s16 | d play - --format s16:48000:2", 0, "12,000 frames played"},
+        {"raw of another rate", record + "--format f32 | d play - --format f32:96000:1", 0,
+         "24,000 frames played"},
+        {"a header with a length, and more behind",
+         "d record x.wav --in zoo-ramp --seconds 0.25 --rate 48000 --quiet; "
+         "(cat x.wav; echo tail) | d play -",
+         0, "12,000 frames played"},
+        {"FLAC that came through a pipe into a file", record + "--format flac > x.flac; d play x.flac", 0,
+         "12,000 frames"},
+        {"by its name", "d record x.flac --in zoo-ramp --seconds 0.25 --quiet; head -c 4 x.flac", 0, "fLaC"},
+        {"a FIFO", "mkfifo f; " + record + "> f & d play f", 0, "12,000 frames played"},
+        {"only sound on standard output", record + "| head -c 4", 1,
+         "RIFF"}, // and the end of the pipe is an error
+        {"a reader that goes", "d record - --in zoo-ramp | head -c 4", 1, "RIFF"},
+        {"a full disk", "d record - --in zoo-ramp > /dev/full", 1, ""},
+        {"nothing comes", "d play - < /dev/null", 1, ""},
+        {"no sound comes", "echo Dear diary, nothing today. | d play -", 1, ""},
+        {"half a header", record + "| head -c 30 | d play -", 1, ""},
+        {"no default", "d play - --quiet < x.wav; d loop --seconds 0.1 --quiet", 0, ""},
+    };
+    for (const auto& row : rows) {
+        const ToolResult result = pipeline(folder, row.command);
+        EXPECT_EQ(result.status, row.status) << row.why << "\n" << result.output << result.errors;
+        EXPECT_NE(result.output.find(row.says), std::string::npos) << row.why << "\n"
+                                                                   << result.output << result.errors;
+    }
+    pipeline(folder, record + "> y.wav");
+    int channels = 0;
+    std::ifstream wave(path("y.wav"), std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(wave), {});
+    EXPECT_EQ(bytes.substr(20, 2), "\xFE\xFF") << "extensible";
+    EXPECT_EQ(bytes.substr(40, 4), std::string("\x03\0\0\0", 4)) << "left and right";
+    EXPECT_EQ(samplesOf(path("y.wav"), channels).size(), 24000U);
 }
 
 TEST_F(DxrCommand, remembersAndRefersToDevices)
@@ -372,6 +481,24 @@ TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)
     const ToolResult unseen = runTool({"demo", "--picture", "/dev/null/x.svg"});
     EXPECT_EQ(unseen.status, 1);
     EXPECT_EQ(unseen.output, "") << "nobody is shown what cannot be kept";
+}
+
+TEST_F(DxrCommand, writesItsManualAndCompletesItself)
+{
+    ASSERT_EQ(runTool({"manual", path("man")}).status, 0);
+    EXPECT_EQ(runTool({"manual", "/dev/null/man"}).status, 1);
+    const std::string groff = "for page in man/*.1; do groff -man -Tutf8 -ww $page; done 2>&1 > pages; ";
+    const ToolResult pages =
+        pipeline(folder, groff + "ls man | wc -l; grep -c 'the default output if not given' pages");
+    EXPECT_GT(std::stoi(pages.output), 15) << pages.output << pages.errors;
+    EXPECT_EQ(linesOf(pages.output).size(), 2U) << "no warning: " << pages.output;
+    const std::string complete =
+        "dxr() { d \"$@\"; }; d completion bash > c; . ./c; _dxr; echo ${COMPREPLY[@]}";
+    EXPECT_EQ(pipeline(folder, "COMP_WORDS=(dxr pl) COMP_CWORD=1; " + complete).output, "play plot\n");
+    EXPECT_EQ(pipeline(folder, "COMP_WORDS=(dxr play --out zoo-s) COMP_CWORD=3; " + complete).output,
+              "zoo-speakers zoo-surround\n");
+    for (const char* shell : {"zsh", "fish"})
+        EXPECT_NE(runTool({"completion", shell}).output.find("record"), std::string::npos);
 }
 
 /// The terminal is as it was before the tool had it whole.

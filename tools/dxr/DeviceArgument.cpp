@@ -4,7 +4,7 @@
 
 DeviceArgument::DeviceArgument(CLI::App& command) : _hardware(command)
 {
-    command.add_option("device", _device, "Its ID, UID, reference, or a part of its name")->required();
+    command.add_option("device", _device, "Its UID, reference, or a part of its name")->required();
     CLI::Option* const input = command.add_flag("--input", _input, "The input side");
     command.add_flag("--output", _output, "The output side; taken where there is one")->excludes(input);
 }

@@ -6,8 +6,8 @@
 #include "ToolFailure.h"
 
 #include <algorithm>
-#include <charconv>
 #include <dxr/DXRDeviceManager.h>
+#include <dxr/HALHardwareDriver.h>
 #include <dxr/QDL.h>
 #include <functional>
 
@@ -24,11 +24,10 @@ std::string quoted(const std::string& text)
 [[noreturn]] void failAmbiguous(const std::string& wanted, const std::vector<DeviceReport>& candidates)
 {
     std::string line =
-        formatText("%s could be %zu devices; use an ID or UID:", quoted(wanted).c_str(), candidates.size());
+        formatText("%s could be %zu devices; use a UID:", quoted(wanted).c_str(), candidates.size());
     for (size_t i = 0; i < std::min(candidates.size(), shownCandidates); ++i) {
         const DeviceReport& candidate = candidates[i];
-        line += formatText("\n  %u  %s  %s", candidate.deviceID,
-                           clipToWidth(singleLine(candidate.displayName()), shownText).c_str(),
+        line += formatText("\n  %s  %s", clipToWidth(singleLine(candidate.displayName()), shownText).c_str(),
                            clipToWidth(singleLine(candidate.uid), shownText).c_str());
     }
     if (candidates.size() > shownCandidates)
@@ -99,7 +98,7 @@ std::optional<DeviceReport> DeviceLookup::findIfKnown(const std::string& wanted,
     };
 
     for (const DeviceReport& device : all) {
-        if (std::to_string(device.deviceID) != wanted && device.uid != wanted)
+        if (device.uid != wanted)
             continue;
         if (!hasDirection(device))
             throw ToolFailure(formatText("%s has no %s channels", quoted(device.displayName()).c_str(),
@@ -128,7 +127,9 @@ DeviceReport DeviceLookup::find(const std::string& wanted, std::optional<HALDire
         return *found;
     if (isDeviceReference(wanted))
         throw ToolFailure(quoted(wanted) + " is no device reference");
-    throw ToolFailure(formatText("no %s%sdevice %s; 'dxr list' shows what is there",
+    if (const std::string reason = HALHardwareUnavailableReason(); !reason.empty())
+        throw ToolFailure(reason);
+    throw ToolFailure(formatText("no %s%sdevice %s; 'dxr list' shows UIDs and names",
                                  direction ? nameOf(*direction) : "", direction ? " " : "",
                                  quoted(wanted).c_str()));
 }

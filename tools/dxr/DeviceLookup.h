@@ -6,9 +6,9 @@
 /// Threads: any.
 class DeviceLookup {
 public:
-    /// The device that the reference `wanted` names, or could name if it has moved; or the one of the ID or
-    /// UID `wanted`; else the one device of that display name; else the one whose display name or UID has
-    /// `wanted` in it, ignoring case. Hidden devices are found by ID, UID or whole name. With a
+    /// The device that the reference `wanted` names, or could name if it has moved; or the one of the UID
+    /// `wanted`; else the one device of that display name; else the one whose display name or UID has
+    /// `wanted` in it, ignoring case. Hidden devices are found by UID or whole name. With a
     /// direction, the device must have channels in it, and names are looked for among those that do. Throws
     /// ToolFailure, with the candidates when there are several.
     static DeviceReport find(const std::string& wanted, std::optional<HALDirection> direction = std::nullopt);

@@ -269,7 +269,8 @@ CXPlist DeviceReport::json() const
     const auto text = [](const std::string& value) {
         return value.empty() ? CXPlist(nullptr) : CXPlist(value);
     };
-    return {{"id", deviceID},
+    return {{"schema", jsonSchema},
+            {"id", deviceID},
             {"uid", uid},
             {"name", name},
             {"manufacturer", text(manufacturer)},

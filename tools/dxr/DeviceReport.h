@@ -83,5 +83,8 @@ struct DeviceReport {
     CXPlist json() const;
 };
 
+/// The version of everything that is printed as JSON (docs/json.md); raised when a key goes or changes its meaning.
+inline constexpr int jsonSchema = 1;
+
 /// JSON text: bytes that are no UTF-8 are replaced, and on a terminal nothing but ASCII is printed.
 std::string jsonText(const CXPlist& json, int indent, bool onTerminal);

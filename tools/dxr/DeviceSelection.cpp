@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <dxr/HALHardwareDriver.h>
 
 namespace {
 
@@ -62,6 +63,19 @@ DeviceSelection DeviceSelection::of(const DeviceReport& report, HALDirection dir
 DeviceSelection DeviceSelection::find(const std::string& text, HALDirection direction)
 {
     const size_t colon = text.rfind(':');
+    if (text == "default" || text.starts_with("default:")) {
+        for (const DeviceReport& report : DeviceReport::readAll(DeviceReport::Hidden::Yes)) {
+            if (!report[direction].isDefault)
+                continue;
+            DeviceSelection selection =
+                text == "default" ? of(report, direction) : find(report.uid + text.substr(colon), direction);
+            selection.isDefault = true;
+            return selection;
+        }
+        const std::string reason = HALHardwareUnavailableReason();
+        throw ToolFailure(
+            reason.empty() ? formatText("there is no default %s; name a device", nameOf(direction)) : reason);
+    }
     std::optional<std::vector<uint32_t>> chosen;
     if (colon != std::string::npos)
         chosen = channelList(std::string_view(text).substr(colon + 1));
@@ -88,8 +102,7 @@ std::vector<DeviceSelection> DeviceSelection::findAll(const std::vector<std::str
         DeviceSelection selection = find(text, direction);
         if (std::ranges::find(selections, selection.device, &DeviceSelection::device) != selections.end())
             throw ToolFailure(selection.shortName() +
-                              ": is there twice; say all its channels at once, as in " +
-                              std::to_string(selection.report.deviceID) + ":1,2");
+                              ": is there twice; say all its channels at once, as in 'name:1,2'");
         selections.push_back(std::move(selection));
     }
     return selections;

@@ -9,10 +9,11 @@ struct DeviceSelection {
     CXRef<DXRDevice> device;
     std::vector<uint32_t> channels; ///< from 1, in the order of the user; all of them where he does not say
     bool areChannelsChosen = false;
+    bool isDefault = false; ///< the default device is meant, whichever that becomes
 
     /// All channels of a device. Throws ToolFailure when it has no device object.
     static DeviceSelection of(const DeviceReport& report, HALDirection direction);
-    /// The device that all of `text` names, with all its channels; else the one that it names up to its last colon, with
+    /// "default" is the direction's default device. Else the device that all of `text` names, with all its channels; else the one that it names up to its last colon, with
     /// the channels that stand behind: "1,2", "3-6" or both. Throws ToolFailure when there is none, as
     /// DeviceLookup::find() does, and for channels that it does not have.
     static DeviceSelection find(const std::string& text, HALDirection direction);

@@ -163,7 +163,7 @@ CXPlist DeviceWatch::Event::json() const
 {
     std::string word = wordFor(kind);
     std::ranges::replace(word, ' ', '_');
-    CXPlist line = {{"time", isoTime(when)}, {"event", word}};
+    CXPlist line = {{"schema", jsonSchema}, {"time", isoTime(when)}, {"event", word}};
     if (device.deviceID != kAudioObjectUnknown)
         line.update({{"id", device.deviceID}, {"uid", device.uid}, {"name", device.name}});
     if (kind == Kind::Changed)

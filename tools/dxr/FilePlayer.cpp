@@ -1,6 +1,9 @@
 #include "FilePlayer.h"
 
+#include "ToolFailure.h"
+
 #include <algorithm>
+#include <thread>
 
 namespace {
 
@@ -20,11 +23,14 @@ FilePlayer::FilePlayer(SoundFileReader file, const std::vector<DeviceSelection>&
       _ring(_file.channelCount(), static_cast<uint64_t>(ringSeconds * _file.sampleRate()))
 {
     _meters.add("out", outputs);
-    feed();
+    if (!isStream())
+        feed();
 }
 
 void FilePlayer::addTo(RunnerSession& session)
 {
+    if (isStream())
+        std::thread([self = CXRef<FilePlayer>(this)] { self->_readStream(); }).detach();
     for (size_t output = 0; output < _outputs.size(); ++output)
         session.add(_outputs[output],
                     [self = CXRef<FilePlayer>(this), output](uint64_t sampleTime, DXRBuffer& buffer) {
@@ -32,9 +38,24 @@ void FilePlayer::addTo(RunnerSession& session)
                     });
 }
 
+void FilePlayer::_readStream() noexcept
+{
+    constexpr std::chrono::milliseconds pause(10);
+    try {
+        while (_file.fill(_ring))
+            std::this_thread::sleep_for(pause);
+    } catch (const std::exception& failure) {
+        _failure = failure.what();
+        _hasFailed.store(true, std::memory_order_release);
+    }
+    _isFed.store(true, std::memory_order_release);
+}
+
 void FilePlayer::feed()
 {
-    if (!_isFed.load(std::memory_order_relaxed) && !_file.fill(_ring))
+    if (_hasFailed.load(std::memory_order_acquire))
+        throw ToolFailure(_failure);
+    if (!isStream() && !_isFed.load(std::memory_order_relaxed) && !_file.fill(_ring))
         _isFed.store(true, std::memory_order_release);
 }
 

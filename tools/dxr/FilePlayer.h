@@ -7,7 +7,8 @@
 
 /// Plays a sound file on every output of a runner, every frame once. The file is read ahead into a ring, which the
 /// runner's cycles empty; the first frame is given after open().
-/// Threads:   the blocks in the runner's cycles, the rest on one other thread.
+/// Threads:   the blocks in the runner's cycles, the rest on one other thread. What comes from a pipe, which may have to be
+///            waited for, is read on a thread of its own, which goes on as long as the pipe does.
 /// Real time: the blocks.
 class FilePlayer final : public CXObject {
 public:
@@ -26,6 +27,7 @@ public:
 
     uint64_t framesPlayed() const noexcept { return _framesPlayed.load(std::memory_order_relaxed); }
     uint64_t frameCount() const noexcept { return _file.frameCount(); }
+    bool isStream() const noexcept { return _file.isStream(); } ///< frameCount() is unknown
     /// Cycles in which the file could not be read fast enough; nothing of it is left out.
     uint64_t underruns() const noexcept { return _underruns.load(std::memory_order_relaxed); }
     DeviceMeters& meters() noexcept { return _meters; }
@@ -35,6 +37,7 @@ private:
                std::vector<ChannelMap> maps);
     ~FilePlayer() override = default;
 
+    void _readStream() noexcept;
     void _play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;
     void _take(uint32_t frameCount) noexcept CX_REALTIME;
     void _giveBack(uint64_t sampleTime, uint32_t frameCount) noexcept CX_REALTIME;
@@ -42,6 +45,8 @@ private:
     const std::vector<DeviceSelection> _outputs;
     const std::vector<ChannelMap> _maps; // by output
     SoundFileReader _file;               // of the feeding thread
+    std::string _failure;                // of a stream; published by _hasFailed
+    std::atomic<bool> _hasFailed{false};
     FrameRing _ring;
     DeviceMeters _meters;
     // Of the runner's cycles: frames that all outputs play in this one, whether they play at all.

@@ -1,11 +1,17 @@
 #include "ListCommand.h"
 
+#include "DeviceWatch.h"
 #include "DisplayText.h"
 #include "HardwareChoice.h"
+#include "Interrupts.h"
+#include "LiveLines.h"
 #include "Table.h"
 #include "TextFormat.h"
+#include "ToolFailure.h"
 
 #include <algorithm>
+#include <csignal>
+#include <dxr/HALHardwareDriver.h>
 #include <iostream>
 
 namespace {
@@ -15,6 +21,7 @@ struct Options {
     HardwareChoice hardware;
     bool all = false;
     bool json = false;
+    bool watch = false;
 };
 
 std::string channelsText(const DirectionReport& direction)
@@ -46,24 +53,55 @@ std::string defaultText(const DeviceReport& device)
     return text;
 }
 
-void run(const Options& options)
+std::vector<std::string> linesOf(const Options& options, const Terminal& terminal)
 {
-    options.hardware.apply();
     const std::vector<DeviceReport> devices =
         DeviceReport::readAll(options.all ? DeviceReport::Hidden::Yes : DeviceReport::Hidden::No);
-    const Terminal terminal;
+    if (const std::string reason = devices.empty() ? HALHardwareUnavailableReason() : ""; !reason.empty()) {
+        if (!options.watch)
+            throw ToolFailure(reason);
+        return {"Waiting: " + singleLine(reason)};
+    }
     if (options.json) {
         CXPlist list = CXPlist::array();
         for (const DeviceReport& device : devices)
             list.push_back(device.json());
-        std::cout << jsonText(list, 2, terminal.isLive()) << "\n";
-        return;
+        return {jsonText(list, options.watch ? -1 : 2, terminal.isLive())};
     }
-    if (devices.empty()) {
-        std::cout << "No audio devices.\n";
-        return;
-    }
-    for (const std::string& line : deviceTable(devices, terminal.columns(), terminal))
+    return devices.empty() ? std::vector<std::string>{"No audio devices."}
+                           : deviceTable(devices, terminal.columns(), terminal);
+}
+
+/// Prints the list, and again whenever it is another one: over the one before on a terminal, else below it.
+void watch(const Options& options, const Terminal& terminal)
+{
+    const Interrupts interrupts;
+    std::signal(SIGPIPE, SIG_DFL); // the reader of the lines has gone; nothing is left to put in order
+    LiveLines live(terminal);
+    DeviceWatch changes(options.all);
+    changes.begin();
+    std::vector<std::string> shown;
+    do {
+        changes.next();
+        std::vector<std::string> lines = linesOf(options, terminal);
+        if (lines == shown)
+            continue;
+        if (terminal.isLive())
+            live.draw(lines);
+        else
+            for (const std::string& line : lines)
+                std::cout << line << std::endl;
+        shown = std::move(lines);
+    } while (interrupts.wait(terminal.isLive() ? 500 : -1, changes.fd())); // the terminal may change its size
+}
+
+void run(const Options& options)
+{
+    options.hardware.apply();
+    const Terminal terminal;
+    if (options.watch)
+        return watch(options, terminal);
+    for (const std::string& line : linesOf(options, terminal))
         std::cout << line << "\n";
 }
 
@@ -73,8 +111,7 @@ std::vector<std::string> deviceTable(const std::vector<DeviceReport>& devices, s
                                      const Terminal& terminal)
 {
     constexpr size_t leastName = 12;
-    Table table({{"ID", 0, true, 10},
-                 {"NAME", leastName, false, 9},
+    Table table({{"NAME", leastName, false, 9},
                  {"VIA", 4, false, 3},
                  {"IN", 0, true, 7},
                  {"OUT", 0, true, 8},
@@ -86,8 +123,7 @@ std::vector<std::string> deviceTable(const std::vector<DeviceReport>& devices, s
         const std::string name = singleLine(device.displayName());
         const std::string uid = singleLine(device.uid);
         Table::Row row;
-        row.cells = {std::to_string(device.deviceID),
-                     name.empty() ? "(no name)" : name,
+        row.cells = {name.empty() ? "(no name)" : name,
                      singleLine(device.transportName()),
                      channelsText(device[HALDirection::Input]),
                      channelsText(device[HALDirection::Output]),
@@ -109,5 +145,6 @@ void registerListCommand(CLI::App& app)
     const auto options = std::make_shared<Options>(*command);
     command->add_flag("--all", options->all, "Hidden devices too");
     command->add_flag("--json", options->json, "A JSON array with everything about each device");
+    command->add_flag("--watch", options->watch, "Again whenever something changes, until Ctrl-C");
     command->callback([options] { run(*options); });
 }

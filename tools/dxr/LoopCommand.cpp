@@ -49,7 +49,7 @@ void run(RunnerOptions& options)
 {
     options.find();
     const Interrupts interrupts;
-    RunnerSession session(interrupts, options.frameCount(), options.sampleRate());
+    RunnerSession session(interrupts, options.frameCount(), options.sampleRate(), options.quality());
     const CXRef<LoopPatch> patch = LoopPatch::initWithSelections(options.inputs(), options.outputs());
     patch->addTo(session);
     if (!session.start())
@@ -69,8 +69,9 @@ void registerLoopCommand(CLI::App& app)
 {
     CLI::App* command = app.add_subcommand("loop", "Play what devices hear on other devices, or on the same");
     const auto options = std::make_shared<RunnerOptions>(*command, about);
-    options->addInputs("A device to hear")->required();
-    options->addOutputs("A device to play on")->required();
+    options->addInputs("A device to record; the default input if not given");
+    options->addOutputs("A device to play on; the default output if not given");
+    options->useDefaults();
     options->addSeconds("End after so much sound");
     command->callback([options] { run(*options); });
 }

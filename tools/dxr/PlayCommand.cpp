@@ -21,7 +21,7 @@ constexpr const char* about =
 struct Options {
     explicit Options(CLI::App& command) : audio(command, about) {}
     RunnerOptions audio;
-    std::string file;
+    std::string file, format;
     std::vector<uint32_t> channels;
 };
 
@@ -46,6 +46,8 @@ ChannelMap mapFor(const Options& options, const SoundFileReader& file, const Dev
 /// How far, and a bar of the way.
 std::string statusOf(const FilePlayer& player, double rate, size_t width)
 {
+    if (player.isStream())
+        return formatSeconds(static_cast<double>(player.framesPlayed()) / rate) + " played   Ctrl-C ends";
     const std::string times = formatSeconds(static_cast<double>(player.framesPlayed()) / rate) + " of " +
                               formatSeconds(static_cast<double>(player.frameCount()) / rate) + "  ";
     const size_t room = width > times.size() ? width - times.size() : 0;
@@ -90,27 +92,31 @@ void playToTheEnd(RunnerSession& session, FilePlayer& player, SessionScreen& scr
 
 std::string resultOf(const FilePlayer& player, double rate)
 {
-    return formatCount(player.framesPlayed(), "frame", "frames") + " of " +
-           formatCount(player.frameCount(), "", "") + "played (" +
-           formatSeconds(static_cast<double>(player.framesPlayed()) / rate) + "), " +
+    return formatCount(player.framesPlayed(), "frame", "frames") +
+           (player.isStream() ? std::string(" ") : " of " + formatCount(player.frameCount(), "", "")) +
+           "played (" + formatSeconds(static_cast<double>(player.framesPlayed()) / rate) + "), " +
            formatCount(player.underruns(), "underrun", "underruns");
 }
 
 void run(Options& options)
 {
-    SoundFileReader file(options.file);
+    SoundFileReader file(options.file, SoundFormat::toRead(options.format));
     if (options.audio.sampleRate().value_or(file.sampleRate()) != file.sampleRate())
         throw ToolFailure(
             "the file is at " + formatRate(file.sampleRate()) +
             " and is played so; devices that run otherwise are brought to it. Leave --rate out");
     options.audio.find();
     std::vector<ChannelMap> maps;
-    for (const DeviceSelection& output : options.audio.outputs())
+    for (const DeviceSelection& output : options.audio.outputs()) {
         maps.push_back(mapFor(options, file, output));
+        if (options.channels.empty() && output.channels.size() < file.channelCount())
+            std::cout << output.shortName() << ": " << file.channelCount() - output.channels.size() << " of "
+                      << file.channelCount() << " channels are not played; --channels chooses" << std::endl;
+    }
     const double rate = file.sampleRate();
     const uint32_t channels = file.channelCount();
     const Interrupts interrupts;
-    RunnerSession session(interrupts, options.audio.frameCount(), rate);
+    RunnerSession session(interrupts, options.audio.frameCount(), rate, options.audio.quality());
     const CXRef<FilePlayer> player =
         FilePlayer::initWithFile(std::move(file), options.audio.outputs(), std::move(maps));
     player->addTo(session);
@@ -134,10 +140,15 @@ void run(Options& options)
 
 void registerPlayCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("play", "Play a sound file on devices");
+    CLI::App* command = app.add_subcommand("play", "Play a sound file, or sound from a pipe, on devices");
     const auto options = std::make_shared<Options>(*command);
-    command->add_option("file", options->file, "The file: WAV, or what else libsndfile reads")->required();
-    options->audio.addOutputs("A device to play on")->required();
+    command
+        ->add_option("file", options->file,
+                     "WAV, FLAC, Ogg, or what else libsndfile reads; - is standard input")
+        ->required();
+    options->audio.addOutputs("A device to play on; the default output if not given");
+    options->audio.useDefaults();
+    command->add_option("--format", options->format, "Raw samples: s16:RATE:CHANNELS or f32:RATE:CHANNELS");
     command
         ->add_option("--channels", options->channels,
                      "For each channel of a device, which of the file it plays; 0 for none: 2,1")

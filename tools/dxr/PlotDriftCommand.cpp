@@ -1,13 +1,13 @@
 #include "PlotDriftCommand.h"
 
 #include "DisplayText.h"
+#include "DriftRun.h"
 #include "SvgShapes.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
 #include <algorithm>
 #include <cmath>
-#include <dxr/DriftSimulation.h>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -21,6 +21,7 @@ struct Options {
 };
 
 constexpr double width = 960, left = 90, right = 930, firstTop = 84, panelHeight = 150, panelGap = 40;
+constexpr size_t maxPoints = 2000; // of a curve
 constexpr const char* drawn = "#1f6fb4";
 constexpr const char* truth = "#d98b2b";
 
@@ -103,18 +104,23 @@ std::string describe(const DriftingClock& clock)
     return all;
 }
 
-std::string summary(const DriftOutcome& outcome)
+std::string summary(const DriftFigures& figures)
 {
     return formatText(
                "Settled after %.1f s; delay %.1f frames, wandering by %.3f at most; ratio within %.3f ppm "
                "rms; ",
-               outcome.settledSeconds, outcome.delayFrames, outcome.wanderFrames, outcome.ratioErrorRMS) +
-           formatCount(outcome.lostFrames, "frame", "frames") + " lost, " +
-           formatCount(outcome.resynchronisations, "resynchronisation", "resynchronisations");
+               figures.settledSeconds, figures.delayFrames, figures.wanderFrames, figures.ratioErrorRMS) +
+           formatCount(figures.lostFrames, "frame", "frames") + " lost, " +
+           formatCount(figures.resynchronisations, "resynchronisation", "resynchronisations");
 }
 
-std::string drawing(const DriftScenario& scenario, const DriftOutcome& outcome)
+std::string drawing(const DriftScenario& scenario, const DriftRun& run)
 {
+    std::vector<DriftPoint> points;
+    const size_t step = run.points().size() / maxPoints + 1;
+    for (size_t i = 0; i < run.points().size(); i += step)
+        points.push_back(run.points()[i]);
+    const double delay = run.figures().delayFrames;
     const Panel panels[] = {
         {"ratio over nominal, ppm (true ratio behind it)",
          1.0,
@@ -126,7 +132,7 @@ std::string drawing(const DriftScenario& scenario, const DriftOutcome& outcome)
            drawn}}},
         {"delay less its mean, frames",
          2.0,
-         {{[&](const DriftPoint& point) { return point.delayFrames - outcome.delayFrames; }, drawn}}},
+         {{[&](const DriftPoint& point) { return point.delayFrames - delay; }, drawn}}},
         {"level of the ring, frames",
          16.0,
          {{[](const DriftPoint& point) { return point.levelFrames; }, drawn}}},
@@ -137,26 +143,26 @@ std::string drawing(const DriftScenario& scenario, const DriftOutcome& outcome)
         "font-family=\"sans-serif\">\n<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n",
         width, height, width, height);
     svg +=
-        text(left, 26, "start", "From " + describe(scenario.writer) + " to " + describe(scenario.reader), 14);
-    svg += text(left, 48, "start", summary(outcome));
+        text(left, 26, "start", "From " + describe(scenario.source) + " to " + describe(scenario.reader), 14);
+    svg += text(left, 48, "start", summary(run.figures()));
     double top = firstTop;
     for (const Panel& panel : panels) {
-        svg += panelDrawing(panel, outcome.points, top, scenario.seconds);
+        svg += panelDrawing(panel, points, top, scenario.seconds);
         top += panelHeight + panelGap;
     }
     return svg + "</svg>\n";
 }
 
-void run(const Options& options)
+void plotRun(const Options& options)
 {
-    const DriftOutcome outcome = simulateDrift(options.scenario);
-    if (outcome.points.empty())
+    const DriftRun run(options.scenario);
+    if (run.points().empty())
         throw ToolFailure("nothing has passed in so short a time");
     std::ofstream file(options.file, std::ios::binary);
-    file << drawing(options.scenario, outcome);
+    file << drawing(options.scenario, run);
     if (!file.flush())
         throw ToolFailure(singleLine(options.file) + ": cannot be written");
-    std::cout << summary(outcome) << "\n";
+    std::cout << summary(run.figures()) << "\n";
 }
 
 } // namespace
@@ -170,7 +176,7 @@ void registerPlotDriftCommand(CLI::App& plot)
     const auto frames = CLI::Range(8, 8192);
     const auto rates = CLI::Range(8000.0, 768000.0);
     command
-        ->add_option("--ppm", scenario.writer.partsPerMillion,
+        ->add_option("--ppm", scenario.source.partsPerMillion,
                      "How much faster than nominal the source's clock runs")
         ->check(offset);
     command
@@ -178,24 +184,24 @@ void registerPlotDriftCommand(CLI::App& plot)
                      "The same of the clock it is brought to")
         ->check(offset);
     command
-        ->add_option("--wander", scenario.writer.wanderPartsPerMillion,
+        ->add_option("--wander", scenario.source.wanderPartsPerMillion,
                      "How far the source's clock wanders, in ppm")
         ->check(CLI::Range(0.0, 1000.0));
-    command->add_option("--wander-period", scenario.writer.wanderSeconds, "In how many seconds it comes back")
+    command->add_option("--wander-period", scenario.source.wanderSeconds, "In how many seconds it comes back")
         ->check(CLI::Range(10.0, 1e6));
-    command->add_option("--frames", scenario.writer.frameCount, "Frames of the source's cycle")
+    command->add_option("--frames", scenario.source.frameCount, "Frames of the source's cycle")
         ->check(frames);
     command->add_option("--reader-frames", scenario.reader.frameCount, "Frames of the other's cycle")
         ->check(frames);
-    command->add_option("--rate", scenario.writer.rate, "The source's nominal rate, in Hz")->check(rates);
+    command->add_option("--rate", scenario.source.rate, "The source's nominal rate, in Hz")->check(rates);
     command->add_option("--reader-rate", scenario.reader.rate, "The other's nominal rate, in Hz")
         ->check(rates);
     command
         ->add_option("--lateness", scenario.lateness, "How late threads wake: 1 as on a real server, 0 never")
         ->check(CLI::Range(0.0, 100.0));
     command->add_option("--seconds", scenario.seconds, "How long to simulate")
-        ->check(CLI::Range(1.0, 604800.0));
+        ->check(CLI::Range(1.0, 86400.0));
     command->add_option("file", options->file, "The SVG file to write; one that is there is replaced")
         ->required();
-    command->callback([options] { run(*options); });
+    command->callback([options] { plotRun(*options); });
 }

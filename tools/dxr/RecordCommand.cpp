@@ -20,7 +20,8 @@ constexpr const char* about =
 struct Options {
     explicit Options(CLI::App& command) : audio(command, about) {}
     RunnerOptions audio;
-    std::string file;
+    std::string file, format;
+    uint32_t bits = 0;
 };
 
 /// Writes what `recorder` hears until `mostFrames` are written or the user has had enough. Answers whether one of that came
@@ -67,9 +68,11 @@ std::string resultOf(const SoundFileWriter& file, const FileRecorder& recorder, 
 
 void run(Options& options)
 {
+    const SoundFormat format = SoundFormat::toWrite(options.file, options.format, options.bits);
     options.audio.find();
     const Interrupts interrupts;
-    RunnerSession session(interrupts, options.audio.frameCount(), options.audio.sampleRate());
+    RunnerSession session(interrupts, options.audio.frameCount(), options.audio.sampleRate(),
+                          options.audio.quality());
     const CXRef<FileRecorder> recorder = FileRecorder::initWithInputs(options.audio.inputs());
     recorder->addTo(session);
     if (!session.start())
@@ -77,7 +80,7 @@ void run(Options& options)
     const double rate = session.sampleRate();
     const std::optional<double> seconds = options.audio.seconds();
     const uint64_t mostFrames = seconds ? static_cast<uint64_t>(std::llround(*seconds * rate)) : UINT64_MAX;
-    SoundFileWriter file(options.file, recorder->channelCount(), rate, seconds.value_or(0.0));
+    SoundFileWriter file(options.file, format, recorder->channelCount(), rate, seconds.value_or(0.0));
     std::cout << namesOf(options.audio.inputs()) << " -> " << clipToWidth(singleLine(options.file), 60)
               << ", " << formatCount(recorder->channelCount(), "channel", "channels") << ", "
               << formatRate(rate) << std::endl;
@@ -100,11 +103,18 @@ void run(Options& options)
 
 void registerRecordCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("record", "Record what devices hear to a WAV file");
+    CLI::App* command = app.add_subcommand("record", "Record devices to a sound file, or into a pipe");
     const auto options = std::make_shared<Options>(*command);
-    command->add_option("file", options->file, "The WAV file to write; one that is there is replaced")
+    command
+        ->add_option("file", options->file,
+                     "The file to write; one that is there is replaced. - is standard output")
         ->required();
-    options->audio.addInputs("A device to hear")->required();
+    options->audio.addInputs("A device to record; the default input if not given");
+    options->audio.useDefaults();
     options->audio.addSeconds("End after so much sound");
+    command->add_option("--format", options->format,
+                        SoundFormat::names() + "; by the file's name if not given");
+    command->add_option("--bits", options->bits, "Of a sample: 16, 24, or 32 for floats")
+        ->check(CLI::IsMember({16, 24, 32}));
     command->callback([options] { run(*options); });
 }

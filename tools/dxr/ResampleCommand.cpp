@@ -130,9 +130,12 @@ void run(const Options& options)
 {
     refuseSameFile(options);
     SoundFileReader reader(options.input);
+    if (reader.isStream())
+        throw ToolFailure("the length of the input must be known: resample a file");
     const double seconds = static_cast<double>(reader.frameCount()) / reader.sampleRate();
     const Interrupts interrupts;
-    SoundFileWriter writer(options.output, reader.channelCount(), options.rate, seconds);
+    SoundFileWriter writer(options.output, SoundFormat::toWrite(options.output, "", 0), reader.channelCount(),
+                           options.rate, seconds);
     FileResampling resampling(reader, writer, options.rate);
     {
         Progress progress;

@@ -1,11 +1,33 @@
 #include "RunnerOptions.h"
 
+#include "ToolFailure.h"
+
+#include <algorithm>
+#include <iostream>
+
 namespace {
 
 constexpr const char* aboutDevices =
-    "A DEVICE is an ID, a UID, a reference, or a part of a name. CHANNELS are counted from 1,\n"
+    "A DEVICE is 'default', a UID, a reference, or a part of a name. CHANNELS are counted from 1,\n"
     "as in 'usb:1,2' or 'desk:3-6'; all of the device's if not given. --in and --out can be\n"
     "given several times.";
+
+/// CLI11's own prints the largest number there is, to its last digit.
+const CLI::Validator aboveZero(
+    [](std::string& text) {
+        double number = 0.0;
+        return CLI::detail::lexical_cast(text, number) && number > 0.0 ? std::string() : "must be above 0";
+    },
+    "");
+
+std::streambuf& nowhere()
+{
+    struct Nowhere final : std::streambuf {
+        int overflow(int character) override { return character; }
+    };
+    static Nowhere buffer;
+    return buffer;
+}
 
 } // namespace
 
@@ -14,9 +36,8 @@ RunnerOptions::RunnerOptions(CLI::App& command, const std::string& about)
 {
     command.footer(about + "\n\n" + aboutDevices);
     command.add_option("--frames", _frames, "Frames of a block; the devices' cycle if not given")
-        ->check(CLI::PositiveNumber);
-    command.add_option("--rate", _rate, "The sample rate in Hz; the devices' if not given")
-        ->check(CLI::PositiveNumber);
+        ->check(aboveZero);
+    command.add_option("--rate", _rate, "The sample rate in Hz; the devices' if not given")->check(aboveZero);
 }
 
 CLI::Option* RunnerOptions::_addDevices(const char* name, std::vector<std::string>& texts,
@@ -27,7 +48,21 @@ CLI::Option* RunnerOptions::_addDevices(const char* name, std::vector<std::strin
 
 CLI::Option* RunnerOptions::addSeconds(const std::string& what)
 {
-    return _command.add_option("--seconds", _seconds, what)->check(CLI::PositiveNumber);
+    return _command.add_option("--seconds,--duration", _seconds, what)->check(aboveZero);
+}
+
+void RunnerOptions::useDefaults()
+{
+    _usesDefaults = true;
+    _command.add_flag("--fast", _isFast, "Convert rates with less delay and cost, and more noise");
+    _command.add_flag("--quiet", _isQuiet, "Print nothing but errors");
+}
+
+void RunnerOptions::_takeDefault(HALDirection direction, std::vector<DeviceSelection>& found) const
+{
+    const bool isInput = direction == HALDirection::Input;
+    if (found.empty() && _command.get_option_no_throw(isInput ? "--in" : "--out"))
+        found.push_back(DeviceSelection::find("default", direction));
 }
 
 CXRef<SimulatedHardware> RunnerOptions::find()
@@ -35,6 +70,12 @@ CXRef<SimulatedHardware> RunnerOptions::find()
     CXRef<SimulatedHardware> simulated = _hardware.apply();
     _foundInputs = DeviceSelection::findAll(_inputs, HALDirection::Input);
     _foundOutputs = DeviceSelection::findAll(_outputs, HALDirection::Output);
+    if (_usesDefaults) {
+        _takeDefault(HALDirection::Input, _foundInputs);
+        _takeDefault(HALDirection::Output, _foundOutputs);
+    }
+    if (_isQuiet)
+        std::cout.rdbuf(&nowhere());
     return simulated;
 }
 

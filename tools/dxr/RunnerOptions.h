@@ -3,6 +3,8 @@
 #include "DeviceSelection.h"
 #include "HardwareChoice.h"
 
+#include <dxr/DXRConversionQuality.h>
+
 /// The options of the commands that run audio on devices: which, at what frame count and rate, and for how long.
 /// Threads: one.
 class RunnerOptions {
@@ -16,6 +18,8 @@ public:
     CLI::Option* addInputs(const std::string& what) { return _addDevices("--in", _inputs, what); }
     CLI::Option* addOutputs(const std::string& what) { return _addDevices("--out", _outputs, what); }
     CLI::Option* addSeconds(const std::string& what);
+    /// Where a direction that was added has no device, find() takes the default one; also adds --fast and --quiet.
+    void useDefaults();
 
     /// Makes the chosen hardware the process's, and finds the devices that were named. Answers the simulated
     /// computer's hardware, if it is that. Throws ToolFailure.
@@ -28,13 +32,20 @@ public:
     std::optional<uint32_t> frameCount() const { return _frames; }
     std::optional<double> sampleRate() const { return _rate; } ///< Hz
     std::optional<double> seconds() const { return _seconds; }
+    DXRConversionQuality quality() const
+    {
+        return _isFast ? DXRConversionQuality::Standard : DXRConversionQuality::High;
+    }
 
 private:
     CLI::Option* _addDevices(const char* name, std::vector<std::string>& texts, const std::string& what);
 
+    void _takeDefault(HALDirection direction, std::vector<DeviceSelection>& found) const;
+
     CLI::App& _command;
     HardwareChoice _hardware;
     std::vector<std::string> _inputs, _outputs;
+    bool _usesDefaults = false, _isFast = false, _isQuiet = false;
     std::optional<uint32_t> _frames;
     std::optional<double> _rate, _seconds;
     std::vector<DeviceSelection> _foundInputs, _foundOutputs;

@@ -23,12 +23,12 @@ double milliseconds(uint64_t ticks)
 } // namespace
 
 RunnerSession::RunnerSession(const Interrupts& interrupts, std::optional<uint32_t> frameCount,
-                             std::optional<double> sampleRate)
+                             std::optional<double> sampleRate, DXRConversionQuality quality)
     : _interrupts(interrupts), _runner(DXRDeviceRunner::init()), _batch(1024)
 {
     if (!_runner)
         throw ToolFailure("the system has no thread to give");
-    _runner->setConversionQuality(DXRConversionQuality::High);
+    _runner->setConversionQuality(quality);
     if (frameCount && !_runner->setFrameCount(*frameCount))
         throw ToolFailure(formatText("no device runs in blocks of %u frames", *frameCount));
     if (sampleRate && !_runner->setSampleRate(*sampleRate))
@@ -44,7 +44,15 @@ RunnerSession::~RunnerSession()
 
 void RunnerSession::add(const DeviceSelection& selection, const DXRIOBlock& block)
 {
-    _runner->addDevice(selection.device, selection.channels, block);
+    const bool isInput = selection.device->isInput();
+    if (selection.isDefault) {
+        using Direction = DXRDeviceRunner::Direction;
+        _runner->addDefaultDevice(isInput ? Direction::Input : Direction::Output, selection.channels, block);
+        _defaults[isInput ? HALDirection::Input : HALDirection::Output] = selection.device;
+    } else {
+        _runner->addDevice(selection.device, selection.channels, block);
+        _chosen.insert(selection.device);
+    }
     if (std::ranges::find(_devices, selection.report.uid, &DeviceTally::uid) == _devices.end())
         _devices.emplace_back(selection);
 }
@@ -95,6 +103,7 @@ void RunnerSession::poll()
     platform::MainQueue::shared().drain();
     _readTrace();
     _readCounts();
+    _lookAtDefaults();
     _lookAtDevices();
     _readSubDevices();
     _lookForHang();
@@ -161,6 +170,26 @@ void RunnerSession::_lookAtDevices()
             _tell(device.name() + formatText(" is back after %.1f s", device.secondsAway() - away));
         else
             _tell(device.name() + " was gone for a moment");
+    }
+}
+
+/// A default device that is followed has become another one.
+void RunnerSession::_lookAtDefaults()
+{
+    if (_defaults.empty() || !_runner)
+        return;
+    for (const CXRef<DXRDevice>& device : _runner->devices()) {
+        const HALDirection direction = device->isInput() ? HALDirection::Input : HALDirection::Output;
+        const auto followed = _defaults.find(direction);
+        if (followed == _defaults.end() || followed->second == device || _chosen.contains(device))
+            continue;
+        followed->second = device;
+        const std::optional<DeviceReport> report = DeviceReport::read(device->deviceID());
+        if (!report)
+            continue; // it is gone already
+        _tell(formatText("The default %s is now ", nameOf(direction)) + report->shortName());
+        if (std::ranges::find(_devices, report->uid, &DeviceTally::uid) == _devices.end())
+            _devices.emplace_back(DeviceSelection::of(*report, direction));
     }
 }
 

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <dxr/DXRDeviceRunner.h>
 #include <functional>
+#include <map>
 
 /// A runner over the devices of a command, from its start until the user has had enough: its cycles counted, and news of
 /// what comes and goes. Devices that go do not end it.
@@ -19,7 +20,8 @@ public:
     /// Where frame count (of a block) and rate, in Hz, are not given, the devices decide. Throws ToolFailure for such as
     /// no device has.
     RunnerSession(const Interrupts& interrupts, std::optional<uint32_t> frameCount,
-                  std::optional<double> sampleRate);
+                  std::optional<double> sampleRate,
+                  DXRConversionQuality quality = DXRConversionQuality::High);
     ~RunnerSession();
     RunnerSession(const RunnerSession&) = delete;
     RunnerSession& operator=(const RunnerSession&) = delete;
@@ -66,6 +68,7 @@ private:
     void _readTrace();
     void _readCounts();
     void _lookAtDevices();
+    void _lookAtDefaults();
     void _readSubDevices();
     void _lookForHang();
     void _tell(const std::string& what);
@@ -80,7 +83,9 @@ private:
     DXRRunnerCounts _lastCounts, _countsBefore; // as last read; when counting began
     uint64_t _lostBefore = 0;                   // with contexts that are over
     Counts _counts;
-    std::vector<DeviceTally> _devices; // each once, whatever its directions
+    std::vector<DeviceTally> _devices;                  // each once, whatever its directions
+    std::map<HALDirection, CXRef<DXRDevice>> _defaults; // that are followed, as they are now
+    DXRDeviceRunner::Devices _chosen;                   // that were added by themselves
     std::vector<std::string> _news;
     Clock::time_point _started;
     uint32_t _frameCount = 0;

@@ -7,6 +7,7 @@
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iostream>
 
@@ -26,8 +27,13 @@ struct Options {
     bool output = false;
 };
 
-/// "0.5" or "50%" as 0.5. Throws CLI::ValidationError for anything else.
-float volumeFrom(const std::string& text)
+struct Volume {
+    float value = 0.0F;
+    bool isRelative = false; ///< to be added to what there is
+};
+
+/// "0.5" or "50%" as 0.5; with a sign, as in "+5%", a change. Throws CLI::ValidationError for anything else.
+Volume volumeFrom(const std::string& text)
 {
     size_t used = 0;
     double value = NAN;
@@ -37,11 +43,13 @@ float volumeFrom(const std::string& text)
         used = 0;
     }
     const bool isPercent = used > 0 && text.substr(used) == "%";
+    const bool isRelative = text.starts_with('+') || text.starts_with('-');
     if (isPercent)
         value /= 100.0;
-    if (used == 0 || (!isPercent && used != text.size()) || !(value >= 0.0 && value <= 1.0))
-        throw CLI::ValidationError("--volume", "must be 0 to 1, or 0% to 100%");
-    return static_cast<float>(value);
+    if (used == 0 || (!isPercent && used != text.size()) ||
+        !(value >= (isRelative ? -1.0 : 0.0) && value <= 1.0))
+        throw CLI::ValidationError("--volume", "must be 0 to 1, or 0% to 100%, or a change such as +5%");
+    return {static_cast<float>(value), isRelative};
 }
 
 /// Makes the changes that one command line asks for on one device.
@@ -61,7 +69,7 @@ public:
         if (!_options.volume.empty())
             _setVolume(volumeFrom(_options.volume));
         if (!_options.mute.empty())
-            _setMute(_options.mute == "on");
+            _setMute(_options.mute == "toggle" ? !_report.isMuted.value_or(false) : _options.mute == "on");
         if (_options.source)
             _setSource(*_options.source);
         if (_options.rate)
@@ -94,15 +102,25 @@ private:
         return elements;
     }
 
-    void _setVolume(float volume)
+    float _volumeOf(uint32_t element) const
+    {
+        const bool isChannel = element > 0 && element <= _report.channelVolumes.size();
+        return (isChannel ? _report.channelVolumes[element - 1] : _report.volume).value_or(0.0F);
+    }
+
+    void _setVolume(const Volume& wanted)
     {
         constexpr double tolerance = 0.01; // hardware has steps
         const std::vector<uint32_t> elements = _volumeElements();
         if (elements.empty())
             _fail(formatText("its %s has no volume control", nameOf(_direction)));
-        for (const uint32_t element : elements)
+        float volume = wanted.value;
+        for (const uint32_t element : elements) {
+            if (wanted.isRelative)
+                volume = std::clamp(_volumeOf(element) + wanted.value, 0.0F, 1.0F);
             setAndWait(_name, _device.deviceID, _address(kAudioDevicePropertyVolumeScalar, element), volume,
                        "volume", tolerance);
+        }
         _done(formatText("%s volume %s", nameOf(_direction), formatPercent(double{volume}).c_str()) +
               (_options.channel ? formatText(" on channel %u", *_options.channel) : ""));
     }
@@ -182,12 +200,12 @@ void registerSetCommand(CLI::App& app)
 {
     CLI::App* command = app.add_subcommand("set", "Change a device's volume, mute, source or rate");
     const auto options = std::make_shared<Options>(*command);
-    command->add_option("device", options->device, "Its ID, UID, reference, or a part of its name")
-        ->required();
-    command->add_option("--volume", options->volume, "0 to 1, or 0% to 100%");
+    command->add_option("device", options->device, "Its UID, reference, or a part of its name")->required();
+    command->add_option("--volume", options->volume, "0 to 1, or 0% to 100%; +5% and -5% change it");
     command->add_option("--channel", options->channel, "Only this channel, from 1")
         ->check(CLI::PositiveNumber);
-    command->add_option("--mute", options->mute, "on or off")->check(CLI::IsMember({"on", "off"}));
+    command->add_option("--mute", options->mute, "on, off or toggle")
+        ->check(CLI::IsMember({"on", "off", "toggle"}));
     command->add_option("--source", options->source, "A data source, by its name or ID");
     command->add_option("--rate", options->rate, "The sample rate in Hz")->check(CLI::PositiveNumber);
     command->add_flag("--default", options->makeDefault, "Make it the default device");

@@ -7,18 +7,33 @@
 #include <algorithm>
 #include <cstring>
 
-SoundFileReader::SoundFileReader(const std::string& path) : _name(singleLine(path))
+SoundFileReader::SoundFileReader(const std::string& path, const SoundFormat& format)
+    : _name(path == "-" ? "standard input" : singleLine(path)),
+      _stream(SoundStream::open(path, SoundStream::Mode::Read))
 {
-    if (const std::string fault = waveFileFault(path); !fault.empty())
+    if (format.isRaw()) {
+        _info.format = format.code;
+        _info.samplerate = static_cast<int>(format.sampleRate);
+        _info.channels = static_cast<int>(format.channelCount);
+    } else if (const std::string fault = _stream ? "" : waveFileFault(path); !fault.empty()) {
         throw ToolFailure(_name + ": " + fault);
-    _file.reset(sf_open(path.c_str(), SFM_READ, &_info));
+    }
+    _file.reset(_stream ? _stream->openSound(_info) : sf_open(path.c_str(), SFM_READ, &_info));
+    if (_file && !_stream && (_info.frames <= 0 || _info.frames == SF_COUNT_MAX) &&
+        (_info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC) {
+        _stream = SoundStream::open(path, SoundStream::Mode::Read,
+                                    SoundStream::Files::Too); // it came through a pipe
+        _file.reset(_stream ? _stream->openSound(_info) : nullptr);
+    }
     if (!_file)
         throw ToolFailure(_name + ": no sound file: " + singleLine(sf_strerror(nullptr)));
-    constexpr int mostChannels = 1024;
+    constexpr int maxChannels = 1024;
     if (_info.frames <= 0)
         throw ToolFailure(_name + ": holds no sound");
-    if (_info.channels < 1 || _info.channels > mostChannels || _info.samplerate < 1)
+    if (_info.channels < 1 || _info.channels > maxChannels || _info.samplerate < 1)
         throw ToolFailure(_name + ": no sound file: its header makes no sense");
+    if (_stream)
+        _stream->begin();
 }
 
 bool SoundFileReader::fill(FrameRing& ring)
@@ -35,6 +50,8 @@ bool SoundFileReader::fill(FrameRing& ring)
         ring.commitWrite(static_cast<uint64_t>(got));
         _framesRead += static_cast<uint64_t>(got);
         left -= static_cast<uint64_t>(got);
+        if (got < wanted && _stream)
+            return false;
         if (got < wanted)
             throw ToolFailure(_name + ": cannot be read to its end" +
                               (sf_error(_file.get()) ? ": " + singleLine(sf_strerror(_file.get())) : ""));

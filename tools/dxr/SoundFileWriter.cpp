@@ -16,31 +16,65 @@ bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
     return seconds * sampleRate * channelCount * sizeof(float) > static_cast<double>(mostWaveBytes);
 }
 
+/// Which loudspeaker each channel is for, where their number says so.
+void setChannelMap(SNDFILE* file, uint32_t channelCount)
+{
+    constexpr int left = SF_CHANNEL_MAP_LEFT, right = SF_CHANNEL_MAP_RIGHT, middle = SF_CHANNEL_MAP_CENTER;
+    std::vector<int> map;
+    if (channelCount == 1)
+        map = {middle};
+    else if (channelCount == 2 || channelCount == 4)
+        map = {left, right, SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
+    else if (channelCount == 6 || channelCount == 8)
+        map = {left,
+               right,
+               middle,
+               SF_CHANNEL_MAP_LFE,
+               SF_CHANNEL_MAP_REAR_LEFT,
+               SF_CHANNEL_MAP_REAR_RIGHT,
+               SF_CHANNEL_MAP_SIDE_LEFT,
+               SF_CHANNEL_MAP_SIDE_RIGHT};
+    else
+        return;
+    sf_command(file, SFC_SET_CHANNEL_MAP_INFO, map.data(), static_cast<int>(channelCount * sizeof(int)));
+}
+
 } // namespace
 
-SoundFileWriter::SoundFileWriter(const std::string& path, uint32_t channelCount, double sampleRate,
-                                 double expectedSeconds)
-    : _name(singleLine(path)), _channelCount(channelCount),
-      _mostFrames(exceedsWave(expectedSeconds, sampleRate, channelCount)
+SoundFileWriter::SoundFileWriter(const std::string& path, const SoundFormat& format, uint32_t channelCount,
+                                 double sampleRate, double expectedSeconds)
+    : _name(path == "-" ? "standard output" : singleLine(path)), _channelCount(channelCount),
+      _mostFrames(!format.isWave() || path == "-" || exceedsWave(expectedSeconds, sampleRate, channelCount)
                       ? UINT64_MAX
                       : mostWaveBytes / (uint64_t{channelCount} * sizeof(float))),
-      _headerEvery(static_cast<uint64_t>(sampleRate))
+      _headerEvery(static_cast<uint64_t>(sampleRate)),
+      _stream(SoundStream::open(path, SoundStream::Mode::Write))
 {
+    if (_stream && !format.isStreamed())
+        throw ToolFailure(_name +
+                          ": this format needs a file; --format takes wav, flac, ogg, f32 and others");
     SF_INFO info{};
     info.channels = static_cast<int>(channelCount);
     info.samplerate = static_cast<int>(sampleRate);
-    info.format = (_mostFrames == UINT64_MAX ? SF_FORMAT_RF64 : SF_FORMAT_WAV) | SF_FORMAT_FLOAT;
+    info.format = format.code;
+    if (format.isWave() && !_stream && _mostFrames == UINT64_MAX)
+        info.format = SF_FORMAT_RF64 | (format.code & SF_FORMAT_SUBMASK);
     errno = 0;
-    _file.reset(sf_open(path.c_str(), SFM_WRITE, &info));
+    _file.reset(_stream ? _stream->openSound(info) : sf_open(path.c_str(), SFM_WRITE, &info));
     const int reason = errno;
     if (!_file)
         throw ToolFailure(_name + ": cannot be written: " +
                           (reason ? std::strerror(reason) : singleLine(sf_strerror(nullptr))));
     sf_command(_file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
     sf_command(_file.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
-    sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    sf_command(_file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
+    setChannelMap(_file.get(), channelCount);
+    if (!format.isOgg()) // which would get a second header
+        sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     if (sf_error(_file.get()))
         throw ToolFailure(_name + ": cannot be written: " + singleLine(sf_strerror(_file.get())));
+    if (_stream && !_stream->begin())
+        throw ToolFailure(_name + ": cannot be written: " + std::strerror(errno));
 }
 
 void SoundFileWriter::drain(FrameRing& ring, uint64_t mostFrames)
@@ -67,7 +101,7 @@ void SoundFileWriter::drain(FrameRing& ring, uint64_t mostFrames)
         if (_hasFailed)
             throw ToolFailure(_name + ": cannot be written on: " +
                               (reason ? std::strerror(reason) : singleLine(sf_strerror(_file.get()))));
-        if (before / _headerEvery != _framesWritten / _headerEvery)
+        if (!_stream && before / _headerEvery != _framesWritten / _headerEvery)
             sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     }
 }

@@ -1,20 +1,22 @@
 #pragma once
 
 #include "FrameRing.h"
+#include "SoundFormat.h"
+#include "SoundStream.h"
 
 #include <memory>
 #include <sndfile.h>
 #include <string>
 
-/// A 32-bit float WAV file that grows. Its header is kept true while it grows, so that what is on the disk
-/// can be read whatever happens to the process. One that is known to grow beyond the 4 GB of a WAV file is
-/// written as RF64, which readers of large files know. Threads: one.
+/// A sound file that grows, or sound into a pipe. A file's header is kept true while it grows, so that what is on the disk
+/// can be read whatever happens to the process. A WAV file that is known to grow beyond its 4 GB is written as RF64, which
+/// readers of large files know. Threads: one.
 class SoundFileWriter {
 public:
-    /// Makes or empties the file; `expectedSeconds` is 0 when nobody knows. Throws ToolFailure when that
-    /// cannot be done.
-    SoundFileWriter(const std::string& path, uint32_t channelCount, double sampleRate,
-                    double expectedSeconds);
+    /// Makes or empties the file; "-" is standard output. `expectedSeconds` is 0 when they are not known. Throws ToolFailure
+    /// when that cannot be done.
+    SoundFileWriter(const std::string& path, const SoundFormat& format, uint32_t channelCount,
+                    double sampleRate, double expectedSeconds);
     ~SoundFileWriter() { finish(); }
     SoundFileWriter(const SoundFileWriter&) = delete;
     SoundFileWriter& operator=(const SoundFileWriter&) = delete;
@@ -33,8 +35,9 @@ private:
 
     const std::string _name; // printable
     const uint32_t _channelCount;
-    const uint64_t _mostFrames;  // that the file can hold
-    const uint64_t _headerEvery; // frames
+    const uint64_t _mostFrames;                 // that the file can hold
+    const uint64_t _headerEvery;                // frames
+    const std::unique_ptr<SoundStream> _stream; // null for a file
     std::unique_ptr<SNDFILE, Closer> _file;
     uint64_t _framesWritten = 0;
     bool _hasFailed = false;

@@ -9,6 +9,7 @@
 namespace {
 
 constexpr size_t defaultColumns = 80;
+constexpr size_t columnsOfPipe = 10000; // as many as it takes: its reader looks for whole words
 constexpr size_t fewestColumns = 20;
 
 const char* codeOf(Style style)
@@ -49,8 +50,9 @@ size_t Terminal::columns() const
         return std::max<size_t>(size.ws_col, fewestColumns);
     const char* wanted = std::getenv("COLUMNS");
     const long columns = wanted ? std::strtol(wanted, nullptr, 10) : 0;
-    return columns > 0 && columns < 10000 ? std::max(static_cast<size_t>(columns), fewestColumns)
-                                          : defaultColumns;
+    if (columns > 0 && columns < 10000)
+        return std::max(static_cast<size_t>(columns), fewestColumns);
+    return ::isatty(STDOUT_FILENO) == 1 ? defaultColumns : columnsOfPipe;
 }
 
 std::string Terminal::styled(std::string_view text, Style style) const

@@ -1,11 +1,13 @@
 #include "AggregateCommand.h"
 #include "ArchiveCommand.h"
 #include "DemoCommand.h"
+#include "DisplayText.h"
 #include "InfoCommand.h"
 #include "Interrupts.h"
 #include "ListCommand.h"
 #include "LoopCommand.h"
 #include "MonitorCommand.h"
+#include "PagesCommand.h"
 #include "PlayCommand.h"
 #include "PlotResponseCommand.h"
 #include "RecordCommand.h"
@@ -17,10 +19,12 @@
 #include "WatchCommand.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <clocale>
 #include <cstdio>
 #include <dxr/DXRVersion.h>
 #include <iostream>
+#include <numeric>
 
 namespace {
 
@@ -41,12 +45,45 @@ void registerCommands(CLI::App& app)
     registerResampleCommand(app);
     registerPlotCommand(app);
     registerAggregateCommand(app);
+    registerPagesCommands(app);
 }
 
-/// Parses the command line and runs its command. Answers the exit status.
+/// How many letters must be added, removed or changed to make one word of the other.
+size_t distance(const std::string& a, const std::string& b)
+{
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < b.size(); ++j)
+            diagonal =
+                std::exchange(row[j + 1], std::min({row[j] + 1, row[j + 1] + 1, diagonal + (a[i] != b[j])}));
+    }
+    return row.back();
+}
+
+/// Refuses a first word that is not a command, with the one that was probably meant.
+void requireCommand(const CLI::App& app, const std::string& word)
+{
+    std::vector<std::string> names;
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(command->get_name());
+    if (word.empty() || word.starts_with('-') || std::ranges::find(names, word) != names.end())
+        return;
+    const std::string nearest =
+        *std::ranges::min_element(names, {}, [&](const std::string& name) { return distance(word, name); });
+    throw CLI::ValidationError("no command '" + singleLine(word) + "'" +
+                               (distance(word, nearest) <= 2 ? "; did you mean '" + nearest + "'?" : ""));
+}
+
+/// Parses the command line and runs its command. Returns the exit status.
 int runCommandLine(CLI::App& app, int argc, char** argv)
 {
     try {
+        const std::string first = argc > 1 ? argv[1] : "";
+        if (first == "help")
+            return app.exit(CLI::CallForHelp());
+        requireCommand(app, first);
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : ToolFailure::usageExitStatus;
@@ -68,7 +105,7 @@ int main(int argc, char** argv)
 try {
     std::setlocale(LC_CTYPE, "C.UTF-8"); // names are UTF-8, whatever the user's language
     CLI::App app{"Audio devices, found, followed and played together", "dxr"};
-    app.set_version_flag("--version", std::string("dxr ") + DXRVersionString());
+    app.set_version_flag("--version,-V", std::string("dxr ") + DXRVersionString());
     app.require_subcommand(1);
     registerCommands(app);
     Interrupts::endProcess(runCommandLine(app, argc, argv));

@@ -22,8 +22,8 @@ void run(CXDispatchDrain::BorrowedWork block) noexcept
 
 } // namespace
 
-/// A piece of work on its way: a link, with what there is to know about the item in the bits that an address leaves free.
-/// So four asynchronous items fit into the cache line that has to go from thread to thread.
+/// A piece of work on its way: a link, with what there is to know about the item in the bits that an address
+/// leaves free. So four asynchronous items fit into the cache line that has to go from thread to thread.
 struct alignas(8) CXDispatchDrain::Item {
     Item(uint32_t lane, RunBy runBy, bool isAsynchronous) noexcept
         : _word(lane | (isAsynchronous ? asynchronousBit : 0) |
@@ -64,8 +64,8 @@ struct CXDispatchDrain::SynchronousItem : Item {
 
 void CXDispatchDrain::reserveItems()
 {
-    // Once for all queues: the first push from an IO thread must not be what asks the system for the first chunk. Where
-    // that fails, a push will say so.
+    // Once for all queues: the first push from an IO thread must not be what asks the system for the first
+    // chunk. Where that fails, a push will say so.
     constexpr size_t itemsAtHand = 1000;
     [[maybe_unused]] static const bool hasItems = TFA_reserve(sizeof(AsynchronousItem), itemsAtHand);
 }
@@ -108,8 +108,8 @@ void CXDispatchDrain::bypass(Borrow borrow, BorrowedWork block)
         return;
     SynchronousItem item(urgentLane, RunBy::Anyone, block);
     if (_push(item)) {
-        // Idle after all. The item has to go through the lanes now, with what came after it; its reply is sent to a thread
-        // that need not wait.
+        // Idle after all. The item has to go through the lanes now, with what came after it; its reply is
+        // sent to a thread that need not wait.
         if (borrow == Borrow::UntilIdle) {
             _run();
         } else {
@@ -207,8 +207,8 @@ void CXDispatchDrain::_runUntilIdle()
     }
 }
 
-/// As the owner: runs what lane 0 has and one item of lane 1. False when it met work for the queue's thread, which is
-/// another one.
+/// As the owner: runs what lane 0 has and one item of lane 1. False when it met work for the queue's thread,
+/// which is another one.
 bool CXDispatchDrain::_runPass() noexcept
 {
     while (const Item* const item = _lanes[urgentLane].first) {
@@ -271,9 +271,9 @@ void CXDispatchDrain::_handOver()
 
 // --- Items ---
 
-/// Waits for a moment, a small part of a microsecond, when items come one close behind the other but fewer than would
-/// keep this thread busy. Taking each as it comes would fight the pushing threads for the head, and both would spend
-/// their time on that.
+/// Waits for a moment, a small part of a microsecond, when items come one close behind the other but fewer
+/// than would keep this thread busy. Taking each as it comes would fight the pushing threads for the head,
+/// and both would spend their time on that.
 void CXDispatchDrain::_letItemsGather() const noexcept
 {
     constexpr uint32_t pauses = 8;

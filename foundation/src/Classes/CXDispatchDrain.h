@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <pthread.h>
 
-/// The pending work of a dispatch queue, and the right to run it, which one thread at a time has: the queue's own, or one
-/// that borrows the queue. Lane 0 overtakes lane 1: before each item of lane 1 runs, everything of lane 0 that has arrived
-/// has run. Within a lane, order of arrival.
+/// The pending work of a dispatch queue, and the right to run it, which one thread at a time has: the queue's
+/// own, or one that borrows the queue. Lane 0 overtakes lane 1: before each item of lane 1 runs, everything
+/// of lane 0 that has arrived has run. Within a lane, order of arrival.
 /// Threads:   any, unless a function says otherwise. Work that throws ends the process.
-/// Real time: async(), with a block made beforehand and the item's memory reserved (reserveItems); bypassIfIdle(). sync()
-///            and bypass() wait.
+/// Real time: async(), with a block made beforehand and the item's memory reserved (reserveItems);
+///            bypassIfIdle(). sync() and bypass() wait.
 class CXDispatchDrain {
 public:
     using Work = CXBlock<void()>;
@@ -47,8 +47,8 @@ public:
     void sync(uint32_t lane, RunBy runBy, BorrowedWork block);
     /// False where there is no memory for the item.
     bool async(uint32_t lane, RunBy runBy, const Work& block) CX_REALTIME;
-    /// Runs `block` here, as work of lane 0, and then what `borrow` says. False, and nothing has happened, when the queue
-    /// is busy.
+    /// Runs `block` here, as work of lane 0, and then what `borrow` says. False, and nothing has happened,
+    /// when the queue is busy.
     bool bypassIfIdle(Borrow borrow, BorrowedWork block) CX_REALTIME;
     /// The same; waits as sync() when the queue is busy.
     void bypass(Borrow borrow, BorrowedWork block) CX_REALTIME;
@@ -99,28 +99,29 @@ private:
 
     // --- Pushing and draining ---
     //
-    // Exactly one thread at a time has the right to drain, and only it runs work. The head of the stack of pending items
-    // says where the right is:
-    //   null         no thread has it; the queue is idle
-    //   the mark     a thread has it, and nothing has arrived since it last took the stack
-    //   an item      a thread has it, or will: items have arrived. The chain ends at null or at the mark.
-    // Pushing is one exchange of the head. A push onto null takes the right along and must pass it on: to the queue's
-    // thread by the port set's signal, or, for a bypass, to itself. A push onto anything else leaves the item to the thread
-    // that has the right. An exchange from null to the mark takes the right without an item; the exchange from the mark to
-    // null gives it up and fails if something has arrived. So a signal always carries the right, and there is never more
-    // than one under way. A drain that stops early sends it to the queue's thread and leaves the head as it is; so does a
-    // borrowing thread that meets work for the queue's thread only. A set that is closed (the thread has ended) refuses the
-    // signal, and the right stays with the sender, which drains.
+    // Exactly one thread at a time has the right to drain, and only it runs work. The head of the stack of
+    // pending items says where the right is: null no thread has it; the queue is idle the mark a thread has
+    // it, and nothing has arrived since it last took the stack an item a thread has it, or will: items have
+    // arrived. The chain ends at null or at the mark. Pushing is one exchange of the head. A push onto null
+    // takes the right along and must pass it on: to the queue's thread by the port set's signal, or, for a
+    // bypass, to itself. A push onto anything else leaves the item to the thread that has the right. An
+    // exchange from null to the mark takes the right without an item; the exchange from the mark to null
+    // gives it up and fails if something has arrived. So a signal always carries the right, and there is
+    // never more than one under way. A drain that stops early sends it to the queue's thread and leaves the
+    // head as it is; so does a borrowing thread that meets work for the queue's thread only. A set that is
+    // closed (the thread has ended) refuses the signal, and the right stays with the sender, which drains.
     //
-    // The queue's own thread needs the right for timers and receivers too. When it finds that another thread has it, it
-    // raises `_threadWaits` and tries once more; a thread that gives the right up looks at that flag afterwards, takes the
-    // right again if it can, and sends it over. All these are sequentially consistent: one of the two sees the other.
+    // The queue's own thread needs the right for timers and receivers too. When it finds that another thread
+    // has it, it raises `_threadWaits` and tries once more; a thread that gives the right up looks at that
+    // flag afterwards, takes the right again if it can, and sends it over. All these are sequentially
+    // consistent: one of the two sees the other.
     //
-    // The exchange that pushes releases the item, the one that takes the stack acquires it. What the right guards (_owner,
-    // the lanes, the queue's timers and receivers) passes with it through the same exchanges and the signal.
+    // The exchange that pushes releases the item, the one that takes the stack acquires it. What the right
+    // guards (_owner, the lanes, the queue's timers and receivers) passes with it through the same exchanges
+    // and the signal.
     alignas(64) std::atomic<Item*> _head{nullptr};
-    // Raised after work of lane 0 was pushed onto a busy queue, so that a drain with a long lane 1 need not take the stack
-    // after every item to look for it, and fight the pushing threads for its head.
+    // Raised after work of lane 0 was pushed onto a busy queue, so that a drain with a long lane 1 need not
+    // take the stack after every item to look for it, and fight the pushing threads for its head.
     alignas(64) std::atomic<bool> _urgent{false};
     std::atomic<bool> _threadWaits{false};
 

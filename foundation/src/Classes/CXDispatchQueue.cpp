@@ -57,8 +57,8 @@ CXDispatchQueue::~CXDispatchQueue()
     assertThat(_drain.isIdle(), __LINE__);
 }
 
-/// One event and the timers that are due, in turn: neither a timer that is always late nor a port that always has
-/// messages keeps the other waiting.
+/// One event and the timers that are due, in turn: neither a timer that is always late nor a port that always
+/// has messages keeps the other waiting.
 void CXDispatchQueue::_workloop()
 {
     while ((_cancelled.load() & cancelFinished) == 0) {
@@ -85,7 +85,8 @@ void CXDispatchQueue::cancel()
     dispatchAsyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [self = CXRef(this)] {
         for (const CXRef<CXDispatchTimer>& timer : self->_timers.timers())
             timer->cancel();
-        // By the queue's thread, which would not hear of it when it sleeps and another one has borrowed the queue.
+        // By the queue's thread, which would not hear of it when it sleeps and another one has borrowed the
+        // queue.
         self->_async(CXDispatchClientLane, RunBy::QueueThread,
                      [self] { self->_cancelled.fetch_or(cancelFinished); });
     });
@@ -209,8 +210,8 @@ void CXDispatchQueue::removeReceiver(const CXRef<CXDispatchReceiver>& receiver)
     });
 }
 
-/// With the right, on the queue's thread. Only now is the message taken: until here the receiver could go to another
-/// queue, and the message with it.
+/// With the right, on the queue's thread. Only now is the message taken: until here the receiver could go to
+/// another queue, and the message with it.
 void CXDispatchQueue::_deliverMessage() noexcept
 {
     const std::optional<PortSet::Received> received = _portset->takeMessage();

@@ -27,8 +27,8 @@ inline constexpr uint32_t CXDispatchAfterCancel = 0x100;  ///< allowed once the 
 /// Lane 0 overtakes lane 1: before each item of lane 1 runs, everything of lane 0 that has arrived has run.
 /// Within a lane, order of arrival.
 /// Threads:   any, unless a method says otherwise. A callback that throws ends the process.
-/// Real time: pushing asynchronous work made beforehand (making a CXBlock of a lambda allocates), as long as no
-///            more than a thousand pieces wait in the whole process (TFA_reserve for 16 bytes prepares for
+/// Real time: pushing asynchronous work made beforehand (making a CXBlock of a lambda allocates), as long as
+///            no more than a thousand pieces wait in the whole process (TFA_reserve for 16 bytes prepares for
 ///            more); and a bypass, which on an idle queue neither waits nor wakes a thread. The synchronous
 ///            forms wait.
 /// Fails:     wrong use asserts, with "CXDispatchQueue" and a line: a lane other than 0 and 1, work for a
@@ -85,13 +85,13 @@ public:
     /// Schedules the timer anew by its own deadline and interval, soon.
     void updateTimer(const CXRef<CXDispatchTimer>& timer);
 
-    /// Puts the queue's thread under real-time scheduling; a refusal is logged. Returns when it is done; from work that
-    /// runs on a borrowing thread, at once, and the queue's thread does it before its next work.
+    /// Puts the queue's thread under real-time scheduling; a refusal is logged. Returns when it is done; from
+    /// work that runs on a borrowing thread, at once, and the queue's thread does it before its next work.
     void setRealTime();
     /// What setRealTime() has obtained; None before.
     CXRealtimeGrant realTimeGrant() const noexcept { return _realTimeGrant.load(); }
     /// No new work from now on, except with CXDispatchAfterCancel; timers are cancelled. The thread ends
-    /// after the work that is there. Work allowed after that runs on whichever thread brings it.
+    /// after the pending work. Work allowed after that runs on the thread that queues it.
     void cancel();
 
     /// For CX_ASSERT_ON_QUEUE: states to the analysis what has just been checked.

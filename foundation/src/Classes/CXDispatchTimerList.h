@@ -19,11 +19,11 @@ public:
     CXDispatchTimerList(const CXDispatchTimerList&) = delete;
     CXDispatchTimerList& operator=(const CXDispatchTimerList&) = delete;
 
-    // The functions that return a bool return whether the first deadline is earlier than before: a thread that sleeps
-    // until firstDeadline() has to look again.
+    // The functions that return a bool return whether the first deadline is earlier than before: a thread
+    // that sleeps until firstDeadline() has to look again.
 
-    /// Schedules a timer by its own deadline and interval. One that is in the list, or no memory for its entry,
-    /// asserts, with "CXDispatchQueue" and a line.
+    /// Schedules a timer by its own deadline and interval. One that is in the list, or no memory for its
+    /// entry, asserts, with "CXDispatchQueue" and a line.
     [[nodiscard]] bool add(const CXRef<CXDispatchTimer>& timer);
     /// Does nothing for a timer that is not in the list.
     void remove(const CXDispatchTimer& timer);
@@ -33,8 +33,9 @@ public:
 
     /// Host ticks; Futex::noDeadline when no timer is scheduled.
     uint64_t firstDeadline() const noexcept { return _firstDeadline.load(); }
-    /// Calls every timer due at `now` once, the earliest first. A handler may change the list; a timer that it makes due
-    /// again waits for the next call, so that a handler which always does so does not keep the caller here.
+    /// Calls every timer due at `now` once, the earliest first. A handler may change the list; a timer that
+    /// it makes due again waits for the next call, so that a handler which always does so does not keep the
+    /// caller here.
     void fireDue(uint64_t now) noexcept;
 
 private:
@@ -50,7 +51,7 @@ private:
     Entry* _first = nullptr; // by ascending deadline
     Entry* _last = nullptr;
     uint64_t _pass = 0; // counts the calls of fireDue()
-    // The first entry's. Read without the guard: it is only when to look, and a reader that misses a change to an earlier
-    // one is woken by the thread that made it.
+    // The first entry's. Read without the guard: it is only when to look, and a reader that misses a change
+    // to an earlier one is woken by the thread that made it.
     std::atomic<uint64_t> _firstDeadline{platform::Futex::noDeadline};
 };

@@ -24,8 +24,8 @@ public:
     static CXRef<CXError> errorWithDomain(std::string domain, int32_t code,
                                           const std::optional<std::string>& title, const char* format, ...)
         CX_PRINTF(4, 5);
-    /// The same, on top of `userInfo`: title and description replace entries of the same key. An empty dictionary stands
-    /// for none; were it optional, std::nullopt for a title would fit it too.
+    /// The same, on top of `userInfo`: title and description replace entries of the same key. An empty
+    /// dictionary stands for none; were it optional, std::nullopt for a title would fit it too.
     static CXRef<CXError> errorWithDomain(std::string domain, int32_t code, const UserInfo& userInfo,
                                           const std::optional<std::string>& title, const char* format, ...)
         CX_PRINTF(5, 6);

@@ -17,7 +17,7 @@ namespace {
 
 constexpr uint32_t notYetKnown = UINT32_MAX;
 
-// Any thread may find the value unknown and ask; all store the same answer, so relaxed is enough.
+// Any thread may find the value unknown and read it; all store the same value, so relaxed is enough.
 std::atomic<uint32_t> debuggerAttached{notYetKnown};
 std::atomic<bool> debugSwitch{false};
 

@@ -36,7 +36,7 @@ bool fits(const CXPlist& plist, size_t depthLeft)
 
 std::optional<CXPlist> CXPlistWithJSON(std::string_view text)
 {
-    // The parser takes a zero byte for the end of the text, whatever follows.
+    // The parser takes a zero byte for the end of the text.
     if (text.size() > CXJSONMaximumBytes || text.find('\0') != std::string_view::npos || isTooDeep(text))
         return std::nullopt;
     CXPlist plist = CXPlist::parse(text, nullptr, /*allow_exceptions=*/false);

@@ -19,13 +19,14 @@ inline constexpr size_t CXJSONMaximumBytes = 1U << 20;
 inline constexpr size_t CXJSONMaximumDepth = 512;
 
 /// The value that `text` stands for. Nothing when it is not JSON in UTF-8 from its first byte to its last, is
-/// longer or deeper than the limits above, or holds a number that no double can. Of equal keys in a dictionary
-/// the last counts.
+/// longer or deeper than the limits above, or holds a number that no double can. Of equal keys in a
+/// dictionary the last counts.
 DXR_EXPORT std::optional<CXPlist> CXPlistWithJSON(std::string_view text);
 
-/// `plist` as compact JSON in UTF-8 with sorted keys. Bytes that are not UTF-8 are replaced by U+FFFD, numbers
-/// that JSON does not know (infinite, not a number) by null.
+/// `plist` as compact JSON in UTF-8 with sorted keys. Bytes that are not UTF-8 are replaced by U+FFFD,
+/// numbers that JSON does not know (infinite, not a number) by null.
 DXR_EXPORT std::string CXJSONWithPlist(const CXPlist& plist);
 
-/// Whether `plist` is nested at most CXJSONMaximumDepth deep and whole, so that it can be written and read again.
+/// Whether `plist` is nested at most CXJSONMaximumDepth deep and whole, so that it can be written and read
+/// again.
 DXR_EXPORT bool CXPlistFitsJSON(const CXPlist& plist);

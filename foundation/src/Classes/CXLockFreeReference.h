@@ -10,7 +10,7 @@
 /// object retained, and no object ends while a reader is between finding it and retaining it.
 /// Threads:   every call from any thread.
 /// Real time: copyObjectReference() always. A replacement too while a slot is free; it allocates four more
-///            when none is, and whoever drops the last reference to an object destroys it.
+///            when none is; the thread that drops the last reference to an object destroys it.
 /// Fails:     too many readers or objects at once are our mistake and assert.
 class DXR_EXPORT CXLockFreeReference final : public CXTFAObject {
 public:
@@ -21,7 +21,7 @@ public:
 
     /// The current object, or an empty reference.
     CXRef<CXObject> copyObjectReference() const CX_REALTIME;
-    /// Replaces the current object, whatever it is, by `object`, which may be null.
+    /// Replaces the current object by `object`, which may be null.
     void setObjectReference(const CXRef<CXObject>& object);
     /// Replaces the current object by `object` if it is `expected`; either may be null. False, and no change,
     /// if it is another or another thread was faster. Equal arguments are true without a look at what is
@@ -33,7 +33,7 @@ public:
     CXObject* getObjectAtIndex(uint32_t index) const noexcept CX_REALTIME;
     /// Writes a slot; its old content's reference passes to the caller, that of `object` to the slot.
     void setObject(CXObject* object, uint32_t index) noexcept CX_REALTIME;
-    /// Puts `object`, whose reference passes to the slot, into the first free slot, and answers its index.
+    /// Puts `object`, whose reference passes to the slot, into the first free slot, and returns its index.
     uint32_t setObjectAtFreeIndex(CXObject* object);
     /// Generation, index and reader count, packed as below.
     uint64_t packedWord() const noexcept { return _girc.load(std::memory_order_acquire); }
@@ -43,7 +43,7 @@ private:
     static constexpr uint32_t noObject = 1023; // an index
 
     // Four strong references, some of them null, and where there are more. Slots are claimed by an exchange
-    // from null and cleared by whoever replaced the object; buckets are only ever added.
+    // from null and cleared by the thread that replaced the object; buckets are only ever added.
     struct Bucket {
         std::atomic<Bucket*> next;
         std::atomic<CXObject*> slots[slotsPerBucket];
@@ -70,7 +70,7 @@ private:
     // A reader counts itself, retains the object, and takes its count back. A writer first retains the old
     // object once for every reader counted, then swaps in the new index with a count of 0; a reader that
     // finds its generation gone therefore owns two retains and gives one back, and the writer may drop the
-    // slot's reference at once: whoever was counted holds one of its own, and nobody else can find the slot.
+    // slot's reference at once: each counted reader holds one of its own, and no other can find the slot.
     // The generation keeps a reader or writer from mistaking a slot used again for the one it read.
     //
     // All exchanges are sequentially consistent. They pair with the acquiring loads of the word: a slot and

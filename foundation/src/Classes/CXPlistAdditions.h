@@ -14,15 +14,16 @@
 // Threads:   any, each value as any object of the standard library.
 // Real time: no.
 
-/// The number that a value is: a boolean is 0 or 1, a string the number it begins with, anything else 0. What a value
-/// holds is not asked for by type elsewhere, because a boolean then is no number and the asking throws.
+/// The number that a value is: a boolean is 0 or 1, a string the number it begins with, anything else 0. What
+/// a value holds is not asked for by type elsewhere, because a boolean then is no number and the asking
+/// throws.
 DXR_EXPORT double CXDoubleValue(const CXPlist& value);
 
 // --- Arrays ---
 
-/// What `transform` answers for each element, in order. Throws a CXException if it answers null for one.
+/// What `transform` returns for each element, in order. Throws a CXException if it returns null for one.
 DXR_EXPORT CXPlist vt_map(const CXPlist& array, CXBlockRef<CXPlist(const CXPlist&)> transform);
-/// The same, less the elements that it answers null for.
+/// The same, less the elements that it returns null for.
 DXR_EXPORT CXPlist vt_compact_map(const CXPlist& array, CXBlockRef<CXPlist(const CXPlist&)> transform);
 /// The first element that `predicate` accepts, else null.
 DXR_EXPORT CXPlist vt_match(const CXPlist& array, CXBlockRef<bool(const CXPlist&)> predicate);

@@ -22,8 +22,8 @@ public:
     /// `frames` as they are, outermost first.
     static CXRef<CXStackTrace> initWithCrawlFrames(std::vector<std::string> frames);
 
-    /// A frame a line, or "(N/A)" without any. Of 33 frames or more, the 32 innermost but without the very innermost,
-    /// which is the function that took the stack; a shorter one is shown whole.
+    /// A frame a line, or "(N/A)" without any. Of 33 frames or more, the 32 innermost but without the very
+    /// innermost, which is the function that took the stack; a shorter one is shown whole.
     std::string description() const override;
 
 private:

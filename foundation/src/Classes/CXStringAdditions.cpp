@@ -48,7 +48,7 @@ bool isSpace(std::string_view character)
 /// Whether a scan for numbers passes over it.
 bool isSkipped(std::string_view character)
 {
-    // Unicode's letters, whatever locale the application has chosen.
+    // Unicode's letters, in every locale.
     static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     const char32_t c = codePointOf(character);
     if (c < 0x80)
@@ -90,7 +90,8 @@ bool isBelowOne(std::string_view number)
 {
     const size_t mantissaEnd = std::min(number.find_first_of("eE"), number.size());
     const std::string_view mantissa = number.substr(0, mantissaEnd);
-    // The whole part's significant digits, or as a negative number the zeros between the point and the first other digit.
+    // The whole part's significant digits, or as a negative number the zeros between the point and the first
+    // other digit.
     const auto point = static_cast<int64_t>(std::min(mantissa.find('.'), mantissa.size()));
     const auto first = static_cast<int64_t>(mantissa.find_first_of("123456789"));
     const int64_t digits = first < point ? point - first : point + 1 - first;

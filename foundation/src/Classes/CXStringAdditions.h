@@ -11,7 +11,9 @@
 #include <string_view>
 
 // What strings are asked for again and again. Strings are UTF-8; bytes that are not are passed on as they
-// are, each for a character of its own. Threads:   any. Real time: no.
+// are, each for a character of its own.
+// Threads: any.
+// Real time: no.
 
 /// A new random UUID, in its standard upper-case form.
 DXR_EXPORT std::string uuidString();
@@ -29,8 +31,8 @@ DXR_EXPORT std::string stringByTrimmingWhitespace(std::string_view text);
 /// number opens.
 DXR_EXPORT std::string stringByReplacingQuotesWithSmartQuotes(std::string_view text);
 /// Reads up to `count` numbers of `text` into `floats`, skipping letters and "*= ,:{}()[]" between them, and
-/// answers how many were read before something else, or the end, was met. Too large a number is infinite. A
-/// negative count is answered as it is, and nothing is written.
+/// returns how many were read before something else, or the end, was met. Too large a number is infinite. A
+/// negative count is returned as it is, and nothing is written.
 DXR_EXPORT int32_t scanFloatArray(std::string_view text, float* floats, int32_t count);
 /// Whether `text` begins with one of `prefixes`, an array of strings.
 DXR_EXPORT bool hasPrefixInArray(std::string_view text, const CXPlist& prefixes);

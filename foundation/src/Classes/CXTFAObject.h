@@ -12,7 +12,8 @@
 class DXR_EXPORT CXTFAObject : public CXObject {
 public:
     static void* operator new(size_t size) noexcept;
-    /// For a class that wants more than the 16 bytes a block is aligned to: pages of its own. Null above a page.
+    /// For a class that wants more than the 16 bytes a block is aligned to: pages of its own. Null above a
+    /// page.
     static void* operator new(size_t size, std::align_val_t alignment) noexcept;
     static void operator delete(void* pointer) noexcept;
     static void* operator new[](size_t) = delete; // objects are counted one by one

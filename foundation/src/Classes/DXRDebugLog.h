@@ -7,9 +7,9 @@
 // Threads:   any.
 // Real time: no; an inactive log only reads a flag, an active one formats and writes.
 
-/// Registers where the debug-log switch is read: `isActive` is called once, at the first debug line of the process, and
-/// its result is kept. Registering later changes nothing; without it nothing is ever logged. Debug lines that `isActive`
-/// writes itself are dropped, and those of other threads wait for it.
+/// Registers where the debug-log switch is read: `isActive` is called once, at the first debug line of the
+/// process, and its result is kept. Registering later changes nothing; without it nothing is ever logged.
+/// Debug lines that `isActive` writes itself are dropped, and those of other threads wait for it.
 DXR_EXPORT void CXRegisterDebugCenter(CXBlock<bool()> isActive);
 
 /// Whether debug lines are logged: for callers whose line is expensive to build.

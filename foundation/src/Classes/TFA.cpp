@@ -33,28 +33,28 @@ constexpr size_t firstBlockOffset = 16;
 constexpr size_t smallestRequest = 16;
 constexpr unsigned largestSmallClass = 12; // 4096 bytes
 constexpr unsigned classCount = 64;
-// Chunks are cut from regions of the system's, so that a request for one rarely enters the kernel, and a process that
-// holds many does not run out of mappings (65,530 by default).
+// Chunks are cut from regions of the system's, so that a request for one rarely enters the kernel, and a
+// process that holds many does not run out of mappings (65,530 by default).
 constexpr size_t chunksPerRegion = 64;
-// The pages of a new large block come present, in one call where an IO thread would take a fault for each; above this size
-// that would rather waste memory, and only TFA_reserve asks for it.
+// The pages of a new large block come present, in one call where an IO thread would take a fault for each;
+// above this size that would rather waste memory, and only TFA_reserve asks for it.
 constexpr size_t maxBytesMadePresent = size_t{256} * 1024;
 
 // The free blocks of every class: blocks of class k hold 2^k bytes.
 constinit AtomicStackPair gAllocationQueues[classCount];
-// Of every class's newest chunk the first block that was never used, 0 when none is left. The thread that takes it
-// exchanges it for the block behind it. A chunk stays with its class, so an address never comes back here. Release and acquire: the
-// chunk's first word is written before its blocks are seen.
+// Of every class's newest chunk the first block that was never used, 0 when none is left. The thread that
+// takes it exchanges it for the block behind it. A chunk stays with its class, so an address never comes back
+// here. Release and acquire: the chunk's first word is written before its blocks are seen.
 constinit std::atomic<uintptr_t> gUnusedBlocks[largestSmallClass + 1] = {};
-// The next chunk of the newest region, its address a multiple of the chunk size, plus the number of chunks that are left.
-// Taking one adds a chunk's size and subtracts 1.
+// The next chunk of the newest region, its address a multiple of the chunk size, plus the number of chunks
+// that are left. Taking one adds a chunk's size and subtracts 1.
 constinit std::atomic<uintptr_t> gUnusedChunks{0};
 // Where this thread takes and puts them. The model: an IO thread's first call must not allocate.
 constinit thread_local AtomicStackPair::Side gSides[classCount]
     __attribute__((tls_model("initial-exec"))) = {};
 
-/// The blocks that this thread gave back last: enough of them that one can be fetched from another processor in
-/// the time that so many pops take.
+/// The blocks that this thread gave back last: enough of them that one can be fetched from another processor
+/// in the time that so many pops take.
 struct Latest {
     static constexpr unsigned count = 4;
     void* blocks[count];
@@ -196,8 +196,8 @@ uintptr_t assignChunk(std::byte* chunk, unsigned sizeClass) noexcept
     return reinterpret_cast<uintptr_t>(chunk) + firstBlockOffset;
 }
 
-/// The next block of the class's newest chunk that was never used; null when none is left. What was on the list would
-/// have been found there, so blocks come out as if all the chunk's had been on it from the start.
+/// The next block of the class's newest chunk that was never used; null when none is left. What was on the
+/// list would have been found there, so blocks come out as if all the chunk's had been on it from the start.
 void* takeUnusedBlock(unsigned sizeClass) noexcept
 {
     std::atomic<uintptr_t>& unused = gUnusedBlocks[sizeClass];

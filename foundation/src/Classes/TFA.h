@@ -9,9 +9,9 @@
 // taken and given back on IO threads. A request gets the next power of two at or above it, 16 bytes at least;
 // a freed block goes back to the list of its size and is never returned to the system.
 // Threads:   every function from any thread at once.
-// Real time: TFA_free, and whatever finds a free block of the size: one exchange of a list's head, the same
-//            time for every size. Only a size that has run out asks the system for more; TFA_reserve prevents
-//            that.
+// Real time: TFA_free, and an allocation that finds a free block of its size: one exchange of a list's head,
+//            the same time for every size. Only a size that has run out asks the system for more; TFA_reserve
+//            prevents that.
 // Fails:     where the system has no memory to give, a line on standard error and null. Pointers that did not
 //            come from here are not detected.
 
@@ -27,7 +27,7 @@ extern "C" {
 /// null pointer allocates. On failure null, and `pointer` stays.
 [[nodiscard]] DXR_EXPORT void* TFA_realloc(void* pointer, size_t size) noexcept CX_REALTIME;
 /// As TFA_realloc, but on failure `pointer` goes to the C library's free(), which is not where it came from:
-/// kept as published. Whoever means to survive a failure uses TFA_realloc.
+/// kept as published. A caller that must survive a failure uses TFA_realloc.
 [[nodiscard]] DXR_EXPORT void* TFA_reallocf(void* pointer, size_t size) noexcept;
 /// Gives a block back. Null does nothing; a block whose header is damaged ends the process.
 DXR_EXPORT void TFA_free(void* pointer) noexcept CX_REALTIME;
@@ -39,8 +39,8 @@ DXR_EXPORT void TFA_free(void* pointer) noexcept CX_REALTIME;
 [[nodiscard]] DXR_EXPORT void* TFA_valloc(size_t size) noexcept CX_REALTIME;
 
 /// Adds at least `count` free blocks for requests of `size` bytes, their pages already present, so that as
-/// many requests find a block whatever else is in use. Not for an IO thread: it is what asks the system.
-/// False when the system gives less; what it gave stays.
+/// many requests find a block regardless of what is in use. Not for an IO thread: it asks the system for
+/// memory. False when the system gives less; what it gave stays.
 [[nodiscard]] DXR_EXPORT bool TFA_reserve(size_t size, size_t count) noexcept;
 
 /// An allocator as a table of callbacks, for containers that take theirs that way. `hint` and `info` are

@@ -1,13 +1,14 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 #include "CXPlist.h"
 
 #include <optional>
 #include <string>
 #include <vector>
 
-/// What an aggregate device was asked to be made of; AudioHardwareCreateAggregateDevice says what it may hold.
+/// What an aggregate device was asked to be made of; AudioHardwareCreateAggregateDevice says what it may
+/// hold.
 /// Threads: immutable, any.
 struct AggregateDescription { // NOLINT(bugprone-exception-escape): moving a property list throws nothing
     struct SubDevice {

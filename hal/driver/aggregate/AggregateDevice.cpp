@@ -264,7 +264,8 @@ HALStatus AggregateDevice::setName(const std::string& name, HALDeadline /*deadli
     return kAudioHardwareNoError;
 }
 
-/// Writes to every sub-device that `takes` the value; the leader's status counts, since the aggregate runs as it does.
+/// Writes to every sub-device that `takes` the value; the leader's status counts, since the aggregate runs as
+/// it does.
 template <class Takes, class Write>
 HALStatus AggregateDevice::_writeToAll(Takes takes, Write write, HALDeadline deadline)
 {

@@ -8,11 +8,12 @@
 #include <memory>
 #include <mutex>
 
-/// The driver of an aggregate device: its state is composed of its sub-devices' states, its cycles are theirs.
+/// The driver of an aggregate device: its state is composed of its sub-devices' states, its cycles are
+/// theirs.
 ///
-/// Its layout is stable: an absent sub-device keeps the streams it last had, silent. One that comes back while the
-/// device runs is joined again without touching the others. When the leader goes, the next sub-device present leads,
-/// until the device is stopped; time goes on.
+/// Its layout is stable: an absent sub-device keeps the streams it last had, silent. One that comes back
+/// while the device runs is joined again without touching the others. When the leader goes, the next
+/// sub-device present leads, until the device is stopped; time goes on.
 /// Threads: any, but IO threads.
 /// Waits:   every function, for the sub-devices, all of them together until the deadline; status reads never.
 class AggregateDevice final : public HALDeviceDriver {

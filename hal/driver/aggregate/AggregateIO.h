@@ -5,13 +5,13 @@
 
 /// One run of an aggregate's cycles under one leader.
 ///
-/// The sub-devices that can share the leader's cycle run with it as one group of the driver's, without a ring between;
-/// every other one has an IO callback of its own and a track. Sub-devices come and go while it runs; another leader
-/// outside the group, another rate or another layout is another run.
+/// The sub-devices that can share the leader's cycle run with it as one group of the driver's, without a ring
+/// between; every other one has an IO callback of its own and a track. Sub-devices come and go while it runs;
+/// another leader outside the group, another rate or another layout is another run.
 /// Threads:   control functions on one thread at a time, never on an IO thread.
 /// Real time: the callbacks.
-/// Waits:     start(), attach(), setMember() for the driver until their deadline; detach() and the end for cycles under
-///            way.
+/// Waits:     start(), attach(), setMember() for the driver until their deadline; detach() and the end for
+///            cycles under way.
 class AggregateIO final {
 public:
     /// How it runs; fixed for the run.
@@ -24,8 +24,8 @@ public:
     };
     using Devices = std::vector<CXRef<HALDevice>>; ///< by place; null while absent
 
-    /// `sampleTime` is that of the first cycle, and afterwards of the next one: it outlives the run, so that time never
-    /// goes back.
+    /// `sampleTime` is that of the first cycle, and afterwards of the next one: it outlives the run, so that
+    /// time never goes back.
     AggregateIO(CXRef<HALIOProcTable> table, Plan plan, std::atomic<uint64_t>& sampleTime);
     ~AggregateIO();
     AggregateIO(const AggregateIO&) = delete;
@@ -38,8 +38,8 @@ public:
     /// The member at `place` has gone (null), or is there again. The others' cycles go on.
     void setMember(size_t place, const CXRef<HALDevice>& device);
 
-    /// Lets the frames of a sub-device outside the group pass, with cycles of the leader of `leaderFrames`. A status
-    /// when it does not start.
+    /// Lets the frames of a sub-device outside the group pass, with cycles of the leader of `leaderFrames`. A
+    /// status when it does not start.
     HALStatus attach(size_t place, const CXRef<HALDevice>& device, const AggregateTrackShape& shape,
                      uint32_t leaderFrames, bool isCompensated, HALDeadline deadline);
     /// Ends that; its channels are silent.
@@ -52,10 +52,10 @@ private:
         CXRef<HALDevice> device;     // control's: a running member, or the device of the track
         CXRef<AggregateTrack> track; // control's
         AudioDeviceIOProcID procID = nullptr;
-        // Handshake with the leader's cycle, which must not find a track that is being freed: control takes the pointer
-        // out and waits until _cycle is even or has moved on; the leader makes _cycle odd before it looks. Both
-        // sequentially consistent, so that at least one sees the other. The sub-device's own callback holds a reference
-        // and is destroyed, waiting for its cycle, before the track goes.
+        // Handshake with the leader's cycle, which must not find a track that is being freed: control takes
+        // the pointer out and waits until _cycle is even or has moved on; the leader makes _cycle odd before
+        // it looks. Both sequentially consistent, so that at least one sees the other. The sub-device's own
+        // callback holds a reference and is destroyed, waiting for its cycle, before the track goes.
         std::atomic<AggregateTrack*> live{nullptr};
         size_t firstInput = 0, inputs = 0; // places of its streams among the aggregate's
         size_t firstOutput = 0, outputs = 0;

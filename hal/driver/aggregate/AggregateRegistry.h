@@ -21,7 +21,8 @@ public:
     CXRef<AggregateDevice> device(AudioObjectID deviceID) const;
     CXRef<AggregateDevice> remove(AudioObjectID deviceID);
 
-    /// Some device has come, gone or changed: the aggregates look at theirs soon. Any thread that may allocate.
+    /// Some device has come, gone or changed: the aggregates look at theirs soon. Any thread that may
+    /// allocate.
     void devicesChanged();
     /// Waits until every change so far has been followed. Not on the queue itself.
     void flush();

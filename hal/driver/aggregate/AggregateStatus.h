@@ -4,7 +4,8 @@
 
 #include <mutex>
 
-/// The sub-devices of an aggregate as clients read them: a snapshot of who runs, and the counters of the bridges.
+/// The sub-devices of an aggregate as clients read them: a snapshot of who runs, and the counters of the
+/// bridges.
 /// Threads: any.
 /// Waits:   no; nothing else happens under its lock.
 class AggregateStatus final : public CXObject {

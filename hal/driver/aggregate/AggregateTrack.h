@@ -14,15 +14,15 @@ struct AggregateTrackShape {
     bool operator==(const AggregateTrackShape&) const = default;
 };
 
-/// The way between a sub-device and the aggregate's cycles when another device leads: a bridge in either direction
-/// where there are channels, and the samples of one of the aggregate's cycles.
-/// Threads:   the functions of the sub-device on its IO thread, those of the leader on the leader's, which may be the
-///            same; status() on any.
+/// The way between a sub-device and the aggregate's cycles when another device leads: a bridge in either
+/// direction where there are channels, and the samples of one of the aggregate's cycles.
+/// Threads:   the functions of the sub-device on its IO thread, those of the leader on the leader's, which
+///            may be the same; status() on any.
 /// Real time: all but making it, and status().
 class AggregateTrack final : public CXObject {
 public:
-    /// Between `shape` and a leader with cycles of `leaderFrames` at `leaderRate` Hz. Null when the rates are too far
-    /// apart to be converted.
+    /// Between `shape` and a leader with cycles of `leaderFrames` at `leaderRate` Hz. Null when the rates are
+    /// too far apart to be converted.
     static CXRef<AggregateTrack> initWithShape(const AggregateTrackShape& shape, double leaderRate,
                                                uint32_t leaderFrames, bool isCompensated);
 
@@ -30,8 +30,8 @@ public:
     void run(const AudioTimeStamp& now, const AudioBufferList* input, AudioBufferList* output) noexcept
         CX_REALTIME;
 
-    /// The leader's cycle of at most `leaderFrames()` frames begins: the input blocks are filled now, the output blocks
-    /// are to be filled.
+    /// The leader's cycle of at most `leaderFrames()` frames begins: the input blocks are filled now, the
+    /// output blocks are to be filled.
     void begin(const AudioTimeStamp& now, uint32_t frameCount) noexcept CX_REALTIME;
     std::span<const HALStreamBlock> inputBlocks() const noexcept CX_REALTIME { return _inputBlocks; }
     std::span<const HALStreamBlock> outputBlocks() const noexcept CX_REALTIME { return _outputBlocks; }

@@ -54,13 +54,13 @@ void BridgeRing::commitWrite(uint64_t frameCount) noexcept
     _written.store(_written.load(std::memory_order_relaxed) + frameCount, std::memory_order_release);
 }
 
-void BridgeRing::tell(const WriterCycle& cycle) noexcept
+void BridgeRing::report(const WriterCycle& cycle) noexcept
 {
-    const uint64_t told = _cyclesTold.load(std::memory_order_relaxed);
-    if (told - _cyclesTaken.load(std::memory_order_acquire) == cycleCapacity)
+    const uint64_t reported = _cyclesReported.load(std::memory_order_relaxed);
+    if (reported - _cyclesTaken.load(std::memory_order_acquire) == cycleCapacity)
         return;
-    _cycles[told % cycleCapacity] = cycle;
-    _cyclesTold.store(told + 1, std::memory_order_release);
+    _cycles[reported % cycleCapacity] = cycle;
+    _cyclesReported.store(reported + 1, std::memory_order_release);
 }
 
 void BridgeRing::release(uint64_t frame) noexcept
@@ -71,7 +71,7 @@ void BridgeRing::release(uint64_t frame) noexcept
 bool BridgeRing::take(WriterCycle& cycle) noexcept
 {
     const uint64_t taken = _cyclesTaken.load(std::memory_order_relaxed);
-    if (taken == _cyclesTold.load(std::memory_order_acquire))
+    if (taken == _cyclesReported.load(std::memory_order_acquire))
         return false;
     cycle = _cycles[taken % cycleCapacity];
     _cyclesTaken.store(taken + 1, std::memory_order_release);

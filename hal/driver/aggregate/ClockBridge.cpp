@@ -56,14 +56,14 @@ void ClockBridge::write(uint64_t hostNanoseconds, uint64_t sampleTime, std::span
     _nextSampleTime = sampleTime + frameCount;
     _hasWritten = true;
     if (_ring.writableFrames() < frameCount)
-        return; // the reader has stopped; where it goes on, the cycle told of then shows what is missing
+        return; // the reader has stopped; where it goes on, the cycle reported then shows what is missing
     uint32_t channel = 0;
     for (const HALStreamBlock& block : blocks) {
         _ring.put(block, channel, 0, frameCount);
         channel += block.channelCount;
     }
     _ring.commitWrite(frameCount);
-    _ring.tell({hostNanoseconds, sampleTime + frameCount, _ring.writtenFrame(), frameCount});
+    _ring.report({hostNanoseconds, sampleTime + frameCount, _ring.writtenFrame(), frameCount});
 }
 
 void ClockBridge::_fillGap(uint64_t sampleTime, std::span<const HALStreamBlock> blocks,

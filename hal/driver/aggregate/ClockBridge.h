@@ -5,11 +5,11 @@
 
 #include <span>
 
-/// Carries frames from one device's cycles to another's, whatever their clocks: written on one IO thread, read on
-/// another or on the same, at a delay that does not change.
+/// Carries frames from one device's cycles to another's, each with its own clock: written on one IO thread,
+/// read on another or on the same, at a delay that does not change.
 ///
-/// What lacks is silence, faded at its edges, and counted; what comes when there is no room is left out. Neither
-/// moves the frames around it: cycles that a device lost stay lost where they were.
+/// What lacks is silence, faded at its edges, and counted; what comes when there is no room is left out.
+/// Neither moves the frames around it: cycles that a device lost stay lost where they were.
 /// Threads:   write() on the writing device's IO thread, read() on the reading device's; status() on any.
 /// Real time: everything but making it.
 class ClockBridge final : public CXObject {
@@ -25,8 +25,8 @@ public:
     /// Null when the rates are too far apart (CompensatingResampler::mostRatio).
     static CXRef<ClockBridge> initWithSettings(const Settings& settings);
 
-    /// Takes a cycle's samples, blocks of channelCount channels in all, at the time and the sample time at which the
-    /// cycle began.
+    /// Takes a cycle's samples, blocks of channelCount channels in all, at the time and the sample time at
+    /// which the cycle began.
     void write(uint64_t hostNanoseconds, uint64_t sampleTime, std::span<const HALStreamBlock> blocks,
                uint32_t frameCount) noexcept CX_REALTIME;
     /// Fills a cycle's blocks, of channelCount channels in all; one without samples is left out.

@@ -15,16 +15,17 @@ constexpr double memoryGrowth = 0.45; // a memory of everything would keep what 
 constexpr double settledMemorySeconds = 10.0;
 constexpr double mostMemorySeconds = 40.0;
 constexpr double muchJitter = 20e3;         // nanoseconds
-constexpr double driftMemorySeconds = 16.0; // from here on the rate's own drift can be told from noise
+constexpr double driftMemorySeconds = 16.0; // from here on the rate's own drift stands out from noise
 constexpr double parabolaMemory = 2.25; // a parabola through so many times the stamps is as certain as a line
 
 constexpr double firstJitter = 100e3; // nanoseconds
 constexpr double leastJitter = 500.0;
 constexpr double jitterSeconds = 2.0; // over which it is averaged
 
-// A stamp that is late says little, for threads wake late by very different times; none is early by much. So early
-// ones weigh more, and late ones count no more than one that is late by twice the usual jitter. Where lateness is
-// distributed exponentially that leaves less than half of the mean's noise, and costs 1.4 times it for symmetric noise.
+// A stamp that is late says little, for threads wake late by very different times; none is early by much. So
+// early ones weigh more, and late ones count no more than one that is late by twice the usual jitter. Where
+// lateness is distributed exponentially that leaves less than half of the mean's noise, and costs 1.4 times
+// it for symmetric noise.
 constexpr double weighingSeconds = 0.7; // from when on the errors are those of stamps
 constexpr double earlyWeight = 3.0;
 constexpr double lateWeight = 1.0 / 3.0;
@@ -102,8 +103,8 @@ void ClockTracker::_follow(double error, double frames) noexcept
     if (_isWeighing) {
         weighed = _weighed(error);
     } else {
-        // Weighing takes the earlier stamps for the truth. How much earlier they are is found out first, so that the
-        // line is moved there and not bent.
+        // Weighing takes the earlier stamps for the truth. How much earlier they are is found out first, so
+        // that the line is moved there and not bent.
         _earliness += std::min(0.5, 3.0 / (n + 1.0)) * _weighed(error - _earliness);
         if (memorySeconds >= weighingSeconds) {
             _isWeighing = true;
@@ -180,8 +181,9 @@ ClockTracker::Outcome ClockTracker::_doubt(uint64_t host, uint64_t frame) noexce
     const bool isEnough = static_cast<double>(host - _firstDoubtHost) > 3.0 * second;
     if (!isEnough && (_doubtful < 8 || elapsed < 0.1 * second))
         return Outcome::Ignored;
-    // They agree with each other. At the old rate: the clock has paused or jumped. At another one that a device
-    // can have: its rate was changed, or was never what it said. Otherwise it is catching up: wait for the end.
+    // They agree with each other. At the old rate: the clock has paused or jumped. At another one that a
+    // device can have: its rate was changed, or was never what it said. Otherwise it is catching up: wait for
+    // the end.
     const double period = elapsed / frames;
     const double against = period / _period;
     const bool isOldRate = std::abs(against - 1.0) < 0.01;

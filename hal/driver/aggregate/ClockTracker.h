@@ -4,14 +4,15 @@
 
 #include <cstdint>
 
-/// Tells a device's clock from the time stamps of its cycles: when a frame is due, how fast frames come.
+/// Estimates a device's clock from the time stamps of its cycles: when a frame is due, how fast frames come.
 ///
-/// A delay-locked loop, as in F. Adriaensen, "Using a DLL to filter time" (2005), but one whose bandwidth falls as
-/// what it knows grows: its gains are those of the growing-memory polynomial filter (N. Morrison, "Introduction to
-/// Sequential Smoothing and Prediction", 1969; E. Brookner, "Tracking and Kalman Filtering Made Easy", 1998,
-/// chapter 7), so that after n stamps it stands where a least-squares fit through all of them would, until its
-/// memory has reached what a wandering clock allows. From then on it also follows the rate's own drift. When the
-/// stamps show that the clock has moved away faster than the memory can follow, the memory is shortened.
+/// A delay-locked loop, as in F. Adriaensen, "Using a DLL to filter time" (2005), but one whose bandwidth
+/// falls as what it knows grows: its gains are those of the growing-memory polynomial filter (N. Morrison,
+/// "Introduction to Sequential Smoothing and Prediction", 1969; E. Brookner, "Tracking and Kalman Filtering
+/// Made Easy", 1998, chapter 7), so that after n stamps it stands where a least-squares fit through all of
+/// them would, until its memory has reached what a wandering clock allows. From then on it also follows the
+/// rate's own drift. When the stamps show that the clock has moved away faster than the memory can follow,
+/// the memory is shortened.
 /// Threads:   one at a time.
 /// Real time: everything.
 class ClockTracker {

@@ -5,8 +5,8 @@
 
 namespace {
 
-// The loop that pulls the reading rate, in radians per second: 3 / t, and no narrower than what follows a clock
-// that wanders by 20 ppm in ten minutes to a fraction of a frame.
+// The loop that pulls the reading rate, in radians per second: 3 / t, and no narrower than what follows a
+// clock that wanders by 20 ppm in ten minutes to a fraction of a frame.
 constexpr double narrowing = 3.0;
 constexpr double widestSeconds = 0.3;
 constexpr double narrowest = 0.15;
@@ -135,7 +135,8 @@ bool DriftController::_mustJump(double error, uint32_t frameCount, uint64_t endF
 {
     if (_settings.compensates)
         return std::abs(error) > std::clamp(delay() / 4.0, leastJump, mostJump);
-    // Left to themselves, clocks that differ after all move apart until there is nothing to read, or too much.
+    // Left to themselves, clocks that differ after all move apart until there is nothing to read, or too
+    // much.
     const CompensatingResampler::Walk end = _walk.after(frameCount);
     const auto lacking = static_cast<int64_t>(end.frame + _settings.framesAfter - endFrame);
     return (error < 0.0 && lacking > 0 && _hasSounded && -error > _margin()) || error > _longerCycle();

@@ -20,19 +20,20 @@ struct ReadPlan {
     uint64_t releasedFrame = 0;       ///< of the ring: nothing before it is needed any more
 };
 
-/// Steers how one device's frames are read in another device's cycles, so that their delay stays the same while
-/// the clocks drift. Pure arithmetic over time stamps: no threads, no ring, no samples.
+/// Steers how one device's frames are read in another device's cycles, so that their delay stays the same
+/// while the clocks drift. Pure arithmetic over time stamps: no threads, no ring, no samples.
 ///
-/// Both clocks are told from their stamps by a ClockTracker, on this thread. From the writer's clock at the moment
-/// of a cycle follows where reading must stand, and how fast it must go; that is fed forward. Reading itself moves
-/// like a weight on a spring towards that place: its rate is pulled, never set, by a second-order loop that is wide
-/// at first and then narrows, so that what noise the stamps leave becomes slow and harmless instead of a wobble in
-/// the sound. (F. Adriaensen, "Controlling adaptive resampling", Linux Audio Conference 2012, closes the loop over
-/// the measured level of the ring instead, which is known only to a cycle; feeding the clocks forward keeps that
-/// out of the loop, and the level decides nothing but whether frames are there.)
+/// Both clocks are estimated from their stamps by a ClockTracker, on this thread. From the writer's clock at
+/// the moment of a cycle follows where reading must stand, and how fast it must go; that is fed forward.
+/// Reading itself moves like a weight on a spring towards that place: its rate is pulled, never set, by a
+/// second-order loop that is wide at first and then narrows, so that what noise the stamps leave becomes slow
+/// and harmless instead of a wobble in the sound. (F. Adriaensen, "Controlling adaptive resampling", Linux
+/// Audio Conference 2012, closes the loop over the measured level of the ring instead, which is known only to
+/// a cycle; feeding the clocks forward keeps that out of the loop, and the level decides nothing but whether
+/// frames are there.)
 ///
-/// The delay is a cycle of each side, what the resampler reaches ahead, and a margin for late threads: with cycles
-/// of 64 frames or more not above three of the larger.
+/// The delay is a cycle of each side, what the resampler reaches ahead, and a margin for late threads: with
+/// cycles of 64 frames or more not above three of the larger.
 /// Threads:   one at a time, the reader's.
 /// Real time: everything.
 class DriftController {
@@ -50,12 +51,12 @@ public:
 
     /// Cycles of the writer, in order, before the next plan().
     void wrote(const WriterCycle& cycle) noexcept CX_REALTIME;
-    /// A cycle of the reader: its time, the device's sample time then, and its length. The ring holds the frames
-    /// from `firstFrame` to before `endFrame`.
+    /// A cycle of the reader: its time, the device's sample time then, and its length. The ring holds the
+    /// frames from `firstFrame` to before `endFrame`.
     ReadPlan plan(uint64_t hostNanoseconds, uint64_t sampleTime, uint32_t frameCount, uint64_t firstFrame,
                   uint64_t endFrame) noexcept CX_REALTIME;
 
-    // -- What to tell of it
+    // -- Status
 
     /// Input frames per output frame, over the nominal ratio.
     double ratio() const noexcept CX_REALTIME { return _walk.step / _nominalRatio; }

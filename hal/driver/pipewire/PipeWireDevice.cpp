@@ -130,8 +130,8 @@ PipeWireChannels PipeWireDevice::channels() const
             static_cast<uint32_t>(_ports(HALDirection::Output).size())};
 }
 
-/// Only nodes that can follow another's cycle: the server's virtual devices, and ALSA's, which resample then. A stream
-/// that drives its own graph does not pace itself as a follower.
+/// Only nodes that can follow another's cycle: the server's virtual devices, and ALSA's, which resample then.
+/// A stream that drives its own graph does not pace itself as a follower.
 uint32_t PipeWireDevice::groupDomain() const
 {
     for (const HALDirection direction : halDirections) {
@@ -162,9 +162,9 @@ bool PipeWireDevice::canRunAt(double rate, const PipeWireClockSettings& settings
     return wantedRate.value_or(rate) == rate && isOffered(_sampleRates(settings), rate);
 }
 
-uint32_t PipeWireDevice::mostFrames(const PipeWireClockSettings& settings) const
+uint32_t PipeWireDevice::maxFrames(const PipeWireClockSettings& settings) const
 {
-    uint32_t most = std::max({settings.mostFrames, settings.forcedFrameCount, 8192U});
+    uint32_t most = std::max({settings.maxFrames, settings.forcedFrameCount, 8192U});
     for (const HALDirection direction : halDirections)
         if (const PipeWireNode* half = node(direction))
             most = std::max(most, half->properties().number("clock.quantum-limit").value_or(0));
@@ -220,7 +220,7 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
     state.nominalSampleRate = _nominalRate(settings, state.sampleRates);
     state.bufferFrameSize = _frameCount(settings);
     state.bufferFrameSizeRange = {static_cast<double>(settings.leastFrames),
-                                  static_cast<double>(settings.mostFrames)};
+                                  static_cast<double>(settings.maxFrames)};
     if (const PipeWireClockSeen clock = _runningClock(); clock.rate > 0.0)
         state.actualSampleRate = clock.rate * clock.rateRatio;
     state.isStalled = _isStalled();
@@ -336,8 +336,8 @@ double PipeWireDevice::_nominalRate(const PipeWireClockSettings& settings,
     return settings.forcedRate != 0 ? settings.forcedRate : _idleRate(settings, rates);
 }
 
-/// The rate of a device that we do not run: of other clients while they run it, else the one that IO will ask for. A
-/// node that does not run keeps the format that it had last; that means nothing.
+/// The rate of a device that we do not run: of other clients while they run it, else the one that IO will ask
+/// for. A node that does not run keeps the format that it had last; that means nothing.
 double PipeWireDevice::_idleRate(const PipeWireClockSettings& settings,
                                  const std::vector<AudioValueRange>& rates) const
 {
@@ -375,7 +375,7 @@ uint32_t PipeWireDevice::_clockDomain() const
         const std::string& name = half->properties()["clock.name"];
         if (!name.empty())
             return domainOfClock(name);
-        // The server's own virtual devices run by the host's clock, whatever they are called.
+        // The server's own virtual devices run by the host's clock, under any name.
         if (half->properties()["factory.name"] == "support.null-audio-sink")
             return domainOfClock("clock.system.monotonic");
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HALDeviceState.h"
+#include "HALDeviceDriver.h"
 #include "PipeWireDeviceIO.h"
 #include "PipeWireMirror.h"
 #include "PipeWireTimeline.h"
@@ -13,8 +13,8 @@
 
 class PipeWireRun;
 
-/// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its IO.
-/// The monitor of a sink is a device of its own, hidden and without a volume.
+/// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its
+/// IO. The monitor of a sink is a device of its own, hidden and without a volume.
 /// Threads: the loop's.
 class PipeWireDevice {
 public:
@@ -71,11 +71,11 @@ public:
     /// Whether it has the rate, and no client has asked for another.
     bool canRunAt(double rate, const PipeWireClockSettings& settings) const;
     /// The longest cycle that may come.
-    uint32_t mostFrames(const PipeWireClockSettings& settings) const;
+    uint32_t maxFrames(const PipeWireClockSettings& settings) const;
 
     static uint32_t sourceID(const PipeWireRoute& route) noexcept { return route.index + 1; } ///< 0 is none
 
-    AudioObjectID objectID = kAudioObjectUnknown;
+    CXRef<HALDeviceDriver> driver;            ///< what the model knows it by; null before it is reported
     std::optional<double> wantedRate;         ///< Hz, chosen by a client of ours
     std::optional<uint32_t> wantedFrameCount; ///< chosen by a client of ours
     PipeWireTimeline timeline;

@@ -1,19 +1,17 @@
 #include "PipeWireDeviceDriver.h"
 
-using Reply = PipeWireEngine::Reply;
+#include "PipeWireHardware.h"
 
 /// Devices of one graph that run in one cycle.
 class PipeWireDeviceDriver::Group final : public HALGroupIO {
 public:
-    explicit Group(CXRef<PipeWireEngine> engine) : _engine(std::move(engine)) {}
+    explicit Group(CXRef<PipeWireDriver> owner) : _owner(std::move(owner)) {}
 
     HALStatus start(std::span<const HALGroupMember> members, const CXRef<HALIOProcTable>& table,
                     HALDeadline deadline)
     {
-        std::vector<PipeWireGroupMember> all;
-        for (const HALGroupMember& each : members)
-            all.push_back({numberOf(each.device), each.table, each.inputChannels, each.outputChannels});
-        return _engine->carryOut(
+        const std::vector<HALGroupMember> all(members.begin(), members.end());
+        return _owner->carryOut(
             [number = _number, all, table, deadline](PipeWireHardware& hardware, const Reply& reply) {
                 hardware.startTogether(number, all, table, deadline, reply);
             },
@@ -23,95 +21,100 @@ public:
     HALStatus setMember(size_t place, const CXRef<HALDeviceDriver>& device,
                         const CXRef<HALIOProcTable>& table) override
     {
-        return _engine->carryOut(
-            [group = _number, place, number = numberOf(device), table](PipeWireHardware& hardware,
-                                                                       const Reply& reply) {
-                hardware.setGroupMember(group, place, number, table, reply);
+        return _owner->carryOut(
+            [number = _number, place, device, table](PipeWireHardware& hardware, const Reply& reply) {
+                hardware.setGroupMember(number, place, device, table, reply);
             },
             HALDeadline::max()); // for the loop alone, which waits for no server
     }
 
     void stop() override
     {
-        _engine->carryOut([number = _number](PipeWireHardware& hardware,
-                                             const Reply& reply) { hardware.stopTogether(number, reply); },
-                          HALDeadline::max());
+        _owner->carryOut([number = _number](PipeWireHardware& hardware,
+                                            const Reply& reply) { hardware.stopTogether(number, reply); },
+                         HALDeadline::max());
     }
 
 private:
-    static AudioObjectID numberOf(const CXRef<HALDeviceDriver>& device)
-    {
-        return device ? static_cast<PipeWireDeviceDriver&>(*device).number() : kAudioObjectUnknown;
-    }
     static uint64_t nextNumber()
     {
         static std::atomic<uint64_t> last{0};
         return ++last;
     }
 
-    const CXRef<PipeWireEngine> _engine;
+    const CXRef<PipeWireDriver> _owner;
     const uint64_t _number = nextNumber();
 };
 
-CXRef<PipeWireDeviceDriver> PipeWireDeviceDriver::initWithNumber(AudioObjectID number,
-                                                                 CXRef<PipeWireEngine> engine)
+CXRef<PipeWireDeviceDriver> PipeWireDeviceDriver::initWithDevice(PipeWireDevice& device,
+                                                                 CXRef<PipeWireDriver> owner)
 {
-    return CXRef<PipeWireDeviceDriver>::adopt(new PipeWireDeviceDriver(number, std::move(engine)));
+    return CXRef<PipeWireDeviceDriver>::adopt(new PipeWireDeviceDriver(device, std::move(owner)));
+}
+
+HALStatus PipeWireDeviceDriver::_carryOut(const Work& work, HALDeadline deadline)
+{
+    return _owner->carryOut(
+        [self = CXRef(this), work](PipeWireHardware& hardware, const Reply& reply) {
+            if (self->_device)
+                work(hardware, *self->_device, reply);
+            else
+                reply->finish(kAudioHardwareBadDeviceError);
+        },
+        deadline);
+}
+
+HALStatus PipeWireDeviceDriver::chooseAsDefault(HALDefault which, HALDeadline deadline)
+{
+    return _carryOut([=](PipeWireHardware& hardware, PipeWireDevice& device,
+                         const Reply& reply) { hardware.chooseDefaultDevice(which, device, reply); },
+                     deadline);
 }
 
 HALStatus PipeWireDeviceDriver::setNominalSampleRate(double rate, HALDeadline deadline)
 {
-    return _engine->carryOut(
-        [number = _number, rate](PipeWireHardware& hardware, const Reply& reply) {
-            hardware.setNominalSampleRate(number, rate, reply);
-        },
-        deadline);
+    return _carryOut([=](PipeWireHardware& hardware, PipeWireDevice& device,
+                         const Reply& reply) { hardware.setNominalSampleRate(device, rate, reply); },
+                     deadline);
 }
 
 HALStatus PipeWireDeviceDriver::setBufferFrameSize(uint32_t frameCount, HALDeadline deadline)
 {
-    return _engine->carryOut(
-        [number = _number, frameCount](PipeWireHardware& hardware, const Reply& reply) {
-            hardware.setBufferFrameSize(number, frameCount, reply);
-        },
-        deadline);
+    return _carryOut([=](PipeWireHardware& hardware, PipeWireDevice& device,
+                         const Reply& reply) { hardware.setBufferFrameSize(device, frameCount, reply); },
+                     deadline);
 }
 
 HALStatus PipeWireDeviceDriver::setVolume(HALDirection direction, uint32_t element, float scalar,
                                           HALDeadline deadline)
 {
-    return _engine->carryOut(
-        [=, number = _number](PipeWireHardware& hardware, const Reply& reply) {
-            hardware.setVolume(number, direction, element, scalar, reply);
+    return _carryOut(
+        [=](PipeWireHardware& hardware, PipeWireDevice& device, const Reply& reply) {
+            hardware.setVolume(device, direction, element, scalar, reply);
         },
         deadline);
 }
 
 HALStatus PipeWireDeviceDriver::setMuted(HALDirection direction, bool muted, HALDeadline deadline)
 {
-    return _engine->carryOut(
-        [=, number = _number](PipeWireHardware& hardware, const Reply& reply) {
-            hardware.setMuted(number, direction, muted, reply);
-        },
-        deadline);
+    return _carryOut([=](PipeWireHardware& hardware, PipeWireDevice& device,
+                         const Reply& reply) { hardware.setMuted(device, direction, muted, reply); },
+                     deadline);
 }
 
 HALStatus PipeWireDeviceDriver::setDataSource(HALDirection direction, uint32_t sourceID, HALDeadline deadline)
 {
-    return _engine->carryOut(
-        [=, number = _number](PipeWireHardware& hardware, const Reply& reply) {
-            hardware.setDataSource(number, direction, sourceID, reply);
-        },
-        deadline);
+    return _carryOut([=](PipeWireHardware& hardware, PipeWireDevice& device,
+                         const Reply& reply) { hardware.setDataSource(device, direction, sourceID, reply); },
+                     deadline);
 }
 
 HALStatus PipeWireDeviceDriver::startIO(const CXRef<HALIOProcTable>& table, HALDeadline deadline)
 {
-    const HALStatus status = _engine->carryOut(
-        [number = _number, table, deadline](PipeWireHardware& hardware, const Reply& reply) {
-            hardware.startIO(number, table, deadline, reply);
-        },
-        deadline);
+    const HALStatus status =
+        _carryOut([=](PipeWireHardware& hardware, PipeWireDevice& device,
+                      const Reply& reply) { hardware.startIO(device, table, deadline, reply); },
+                  deadline);
     if (status)
         stopIO(); // a server that only hangs would start it later
     return status;
@@ -119,16 +122,16 @@ HALStatus PipeWireDeviceDriver::startIO(const CXRef<HALIOProcTable>& table, HALD
 
 void PipeWireDeviceDriver::stopIO()
 {
-    _engine->carryOut([number = _number](PipeWireHardware& hardware,
-                                         const Reply& reply) { hardware.stopIO(number, reply); },
-                      HALDeadline::max()); // for the loop alone, which waits for no server
+    _carryOut([](PipeWireHardware& hardware, PipeWireDevice& device,
+                 const Reply& reply) { hardware.stopIO(device, reply); },
+              HALDeadline::max()); // for the loop alone, which waits for no server
 }
 
 HALStatus PipeWireDeviceDriver::startTogether(std::span<const HALGroupMember> members,
                                               const CXRef<HALIOProcTable>& table, HALDeadline deadline,
                                               CXRef<HALGroupIO>& group)
 {
-    const auto started = CXRef<Group>::adopt(new Group(_engine));
+    const auto started = CXRef<Group>::adopt(new Group(_owner));
     const HALStatus status = started->start(members, table, deadline);
     if (status)
         started->stop(); // a server that only hangs would start it later

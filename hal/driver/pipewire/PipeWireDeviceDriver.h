@@ -1,16 +1,20 @@
 #pragma once
 
-#include "PipeWireEngine.h"
+#include "PipeWireDriver.h"
+
+class PipeWireDevice;
 
 /// The driver of one device of the server: hands every request to the loop.
-/// Threads: as HALDeviceDriver.
+/// Threads: as HALDeviceDriver; device() and forgetDevice() on the loop's.
 class PipeWireDeviceDriver final : public HALDeviceDriver {
 public:
-    /// For the device that the loop knows by `number`.
-    static CXRef<PipeWireDeviceDriver> initWithNumber(AudioObjectID number, CXRef<PipeWireEngine> engine);
+    static CXRef<PipeWireDeviceDriver> initWithDevice(PipeWireDevice& device, CXRef<PipeWireDriver> owner);
 
-    AudioObjectID number() const noexcept { return _number; }
+    /// Null when the device has gone.
+    PipeWireDevice* device() const noexcept { return _device; }
+    void forgetDevice() noexcept { _device = nullptr; }
 
+    HALStatus chooseAsDefault(HALDefault which, HALDeadline deadline);
     HALStatus setNominalSampleRate(double rate, HALDeadline deadline) override;
     HALStatus setBufferFrameSize(uint32_t frameCount, HALDeadline deadline) override;
     HALStatus setVolume(HALDirection direction, uint32_t element, float scalar,
@@ -24,12 +28,17 @@ public:
 
 private:
     class Group;
+    using Reply = PipeWireDriver::Reply;
+    using Work = CXBlock<void(PipeWireHardware&, PipeWireDevice&, const Reply&)>;
 
-    PipeWireDeviceDriver(AudioObjectID number, CXRef<PipeWireEngine> engine)
-        : _number(number), _engine(std::move(engine))
+    PipeWireDeviceDriver(PipeWireDevice& device, CXRef<PipeWireDriver> owner)
+        : _owner(std::move(owner)), _device(&device)
     {}
     ~PipeWireDeviceDriver() override = default;
 
-    const AudioObjectID _number;
-    const CXRef<PipeWireEngine> _engine;
+    /// '!dev' when the device has gone.
+    HALStatus _carryOut(const Work& work, HALDeadline deadline);
+
+    const CXRef<PipeWireDriver> _owner;
+    PipeWireDevice* _device; // the loop's
 };

@@ -130,7 +130,8 @@ PipeWireDeviceIO::~PipeWireDeviceIO()
     pw_filter_destroy(_filter);        // waits for the audio thread to leave it
 }
 
-/// Makes room for the streams of all members, and for the longest cycle, so that another cycle length rebuilds nothing.
+/// Makes room for the streams of all members, and for the longest cycle, so that another cycle length
+/// rebuilds nothing.
 void PipeWireDeviceIO::_addStreams(std::span<const PipeWireChannels> members)
 {
     const auto add = [this](std::vector<Stream>& streams, std::vector<HALStreamBlock>& blocks,

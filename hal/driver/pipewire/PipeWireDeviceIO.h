@@ -39,12 +39,13 @@ struct PipeWireClockSeen {
     bool operator==(const PipeWireClockSeen&) const = default;
 };
 
-/// Runs the cycles of one device, or of several in one graph: one node on the server with a port for each channel of
-/// each member, linked to the members' ports. Each cycle of the graph reaches the node on PipeWire's audio thread,
-/// goes through the IO callbacks with the streams of all members in order, and back.
-/// A member that is absent keeps its ports, unlinked and silent: the others never notice how it comes and goes.
-/// Threads:   the loop's, except for _process(), which is the audio thread's from the constructor's end to the
-///            destructor's.
+/// Runs the cycles of one device, or of several in one graph: one node on the server with a port for each
+/// channel of each member, linked to the members' ports. Each cycle of the graph reaches the node on
+/// PipeWire's audio thread, goes through the IO callbacks with the streams of all members in order, and back.
+/// A member that is absent keeps its ports, unlinked and silent: the others never notice how it comes and
+/// goes.
+/// Threads:   the loop's, except for _process(), which is the audio thread's from the constructor's end to
+///            the destructor's.
 /// Real time: _process().
 class PipeWireDeviceIO {
 public:
@@ -57,9 +58,9 @@ public:
         bool operator==(const WantedTiming&) const = default;
     };
 
-    /// Begins to make the node, with no member present. Signals `wake` when clock(), isAlive(), isPaused() or the
-    /// state of a link has changed, and when frames were lost. `timeline` goes on from where it was, and outlives
-    /// this. `maxFrames` is the longest cycle that can come.
+    /// Begins to make the node, with no member present. Signals `wake` when clock(), isAlive(), isPaused() or
+    /// the state of a link has changed, and when frames were lost. `timeline` goes on from where it was, and
+    /// outlives this. `maxFrames` is the longest cycle that can come.
     PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake& wake, const CXRef<HALIOProcTable>& table,
                      std::span<const PipeWireChannels> members, const WantedTiming& wanted,
                      uint32_t maxFrames, PipeWireTimeline& timeline);
@@ -130,16 +131,17 @@ private:
     std::vector<uint32_t> _ownInputs, _ownOutputs; // ids of the node's ports; empty until all are known
     std::vector<Member> _members;
 
-    // Set up before the node can have cycles, the audio thread's from then on: the loop changes neither the streams
-    // nor their ports until the filter is destroyed, which waits for the audio thread to leave it. Members come and
-    // go by links alone; PipeWire itself gives and takes a port's buffers on the audio thread.
+    // Set up before the node can have cycles, the audio thread's from then on: the loop changes neither the
+    // streams nor their ports until the filter is destroyed, which waits for the audio thread to leave it.
+    // Members come and go by links alone; PipeWire itself gives and takes a port's buffers on the audio
+    // thread.
     std::vector<Stream> _inputs, _outputs;
     std::vector<HALStreamBlock> _inputBlocks, _outputBlocks; // of one cycle
     uint64_t _ratioNanoseconds = 0;                          // when the ratio was last reported
 
     // Written by the audio thread alone, read by the loop, which is woken after every change but that of
-    // _cycleCount, which it looks at from time to time. Relaxed: each value is complete by itself, nothing else is
-    // published through it, and a reader that mixes two cycles is woken again.
+    // _cycleCount, which it looks at from time to time. Relaxed: each value is complete by itself, nothing
+    // else is published through it, and a reader that mixes two cycles is woken again.
     std::atomic<uint32_t> _rate{0};
     std::atomic<uint32_t> _frameCount{0};
     std::atomic<double> _rateRatio{1.0};

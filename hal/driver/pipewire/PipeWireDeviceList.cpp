@@ -239,7 +239,6 @@ void PipeWireDeviceList::_add(Devices& devices, const PipeWireGroup& group,
             _byNode[static_cast<size_t>(direction)].emplace(name, &device);
     _byUID[device.uid()] = &device;
     _client.deviceAppeared(device);
-    _byID[device.objectID] = &device;
     if (displaced)
         _update(*displaced, Patience::None); // under other UIDs
 }
@@ -247,7 +246,6 @@ void PipeWireDeviceList::_add(Devices& devices, const PipeWireGroup& group,
 void PipeWireDeviceList::_remove(const std::unique_ptr<PipeWireDevice>& device)
 {
     _client.deviceDisappears(*device);
-    _byID.erase(device->objectID);
     _byUID.erase(device->uid());
     for (const HALDirection direction : halDirections) {
         auto& byName = _byNode[static_cast<size_t>(direction)];
@@ -256,12 +254,6 @@ void PipeWireDeviceList::_remove(const std::unique_ptr<PipeWireDevice>& device)
         if (each != last)
             byName.erase(each);
     }
-}
-
-PipeWireDevice* PipeWireDeviceList::deviceWithID(AudioObjectID objectID) const
-{
-    const auto found = _byID.find(objectID);
-    return found == _byID.end() ? nullptr : found->second;
 }
 
 PipeWireDevice* PipeWireDeviceList::deviceWithNode(const std::string& nodeName, HALDirection direction) const
@@ -274,7 +266,7 @@ PipeWireDevice* PipeWireDeviceList::deviceWithNode(const std::string& nodeName, 
 std::vector<PipeWireDevice*> PipeWireDeviceList::all() const
 {
     std::vector<PipeWireDevice*> devices;
-    for (const auto& [objectID, device] : _byID)
+    for (const auto& [uid, device] : _byUID)
         devices.push_back(device);
     return devices;
 }

@@ -28,7 +28,8 @@ protected:
 /// its node behind for a minute or more, and what it starts again is to be
 /// found as the one before. A card's nodes come one after the other, and a node
 /// may come before its ports: what looks unfinished is kept back for a moment,
-/// lest clients see devices that are replaced at once. Threads: the loop's.
+/// lest clients see devices that are replaced at once.
+/// Threads: the loop's.
 class PipeWireDeviceList {
 public:
     PipeWireDeviceList(PipeWireLoop& loop, const PipeWireMirror& mirror, PipeWireDeviceListClient& client);
@@ -43,8 +44,6 @@ public:
     /// Every device disappears; a new enumeration may begin.
     void forgetAll();
 
-    /// Null when there is none.
-    PipeWireDevice* deviceWithID(AudioObjectID objectID) const;
     /// The device whose sink, or source, has this node name. Null when there is
     /// none.
     PipeWireDevice* deviceWithNode(const std::string& nodeName, HALDirection direction) const;
@@ -74,7 +73,6 @@ private:
     const PipeWireMirror& _mirror;
     PipeWireDeviceListClient& _client;
     std::map<uint64_t, Devices> _groups; // by the group's serial
-    std::unordered_map<AudioObjectID, PipeWireDevice*> _byID;
     std::unordered_map<std::string, PipeWireDevice*> _byUID;
     std::array<std::unordered_multimap<std::string, PipeWireDevice*>, 2>
         _byNode;                 // by direction and node name

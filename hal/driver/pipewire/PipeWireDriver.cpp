@@ -1,7 +1,17 @@
 #include "PipeWireDriver.h"
 
 #include "PipeWireDeviceDriver.h"
-#include "PipeWireEngine.h"
+#include "PipeWireDeviceIO.h"
+#include "PipeWireHardware.h"
+#include "PipeWireLoop.h"
+#include "PipeWireReply.h"
+#include "PipeWireSocketWatch.h"
+
+namespace {
+
+constexpr std::chrono::seconds maxWaitForEnumeration{2};
+
+} // namespace
 
 CXRef<PipeWireDriver> PipeWireDriver::initWithRemote(const std::optional<std::string>& remote)
 {
@@ -9,34 +19,90 @@ CXRef<PipeWireDriver> PipeWireDriver::initWithRemote(const std::optional<std::st
 }
 
 PipeWireDriver::PipeWireDriver(const std::optional<std::string>& remote)
-    : _engine(PipeWireEngine::initWithRemote(remote))
+    : _remote(remote), _loop(std::make_unique<PipeWireLoop>([this] {
+          _hasLoop = true;
+          _beginWhenReady();
+      }))
 {}
 
 PipeWireDriver::~PipeWireDriver() = default;
 
 void PipeWireDriver::start(HALDriverSink& sink)
 {
-    _engine->start(sink);
+    _enumerateUntil = std::chrono::steady_clock::now() + maxWaitForEnumeration;
+    _loop->post([this, &sink] {
+        _sink = &sink;
+        _beginWhenReady();
+        if (!_hardware)
+            enumerated(); // without a loop there is nothing to wait for
+    });
+}
+
+void PipeWireDriver::_beginWhenReady()
+{
+    if (!_hasLoop || !_sink)
+        return;
+    _hardware = std::make_unique<PipeWireHardware>(*_loop, *this, *_sink, _remote);
+    _hardware->connect();
 }
 
 void PipeWireDriver::stop()
 {
-    _engine->stop();
+    const Reply reply = PipeWireReply::make();
+    const bool hasThread = _loop->post([this, reply] {
+        _hardware.reset();
+        _sink = nullptr;
+        reply->finish(kAudioHardwareNoError);
+    });
+    if (hasThread && !_loop->isCurrent()) // without a thread nothing was ever reported
+        reply->wait(HALDeadline::max());
+}
+
+HALStatus PipeWireDriver::carryOut(const Work& work, HALDeadline deadline)
+{
+    const Reply reply = PipeWireReply::make();
+    if (_loop->isCurrent()) { // the end of a callback's closure may call anything
+        if (_hardware)
+            work(*_hardware, reply);
+        return kAudioHardwareNoError;
+    }
+    _loop->post([this, work, reply] { // whose end runs what was posted
+        if (_hardware)
+            work(*_hardware, reply);
+        else
+            reply->finish(kAudioHardwareUnspecifiedError);
+    });
+    return PipeWireDeviceIO::isOnIOThread() ? kAudioHardwareNoError : reply->wait(deadline);
 }
 
 void PipeWireDriver::waitUntilEnumerated()
 {
-    _engine->waitUntilEnumerated();
+    if (_isEnumerated.load(std::memory_order_acquire) || _loop->isCurrent() ||
+        PipeWireDeviceIO::isOnIOThread())
+        return;
+    std::unique_lock lock(_mutex);
+    _enumerationEnded.wait_until(lock, _enumerateUntil, [this] { return _isEnumerated.load(); });
+    _isEnumerated = true; // a server that hangs is waited for once
+}
+
+void PipeWireDriver::enumerated()
+{
+    const std::scoped_lock lock(_mutex);
+    _isEnumerated = true;
+    _enumerationEnded.notify_all();
+}
+
+std::string PipeWireDriver::unavailableReason() const
+{
+    if (_hasServer)
+        return {};
+    return "cannot connect to the PipeWire server at " +
+           PipeWireSocketWatch::socketsOfRemote(_remote).front().string();
 }
 
 HALStatus PipeWireDriver::chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline)
 {
-    const auto* chosen = dynamic_cast<PipeWireDeviceDriver*>(&device);
-    if (!chosen) // the server knows nothing of aggregate devices
-        return kAudioHardwareIllegalOperationError;
-    return _engine->carryOut(
-        [which, number = chosen->number()](PipeWireHardware& hardware, const PipeWireEngine::Reply& reply) {
-            hardware.chooseDefaultDevice(which, number, reply);
-        },
-        deadline);
+    auto* chosen = dynamic_cast<PipeWireDeviceDriver*>(&device);
+    return chosen ? chosen->chooseAsDefault(which, deadline)
+                  : kAudioHardwareIllegalOperationError; // the server knows nothing of aggregate devices
 }

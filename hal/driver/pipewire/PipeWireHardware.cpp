@@ -11,12 +11,18 @@ bool areClose(const std::vector<float>& a, const std::vector<float>& b)
     return std::ranges::equal(a, b, [](float x, float y) { return std::abs(x - y) <= 1e-5F; });
 }
 
+/// Null when the device is absent or has gone.
+PipeWireDevice* deviceOf(const CXRef<HALDeviceDriver>& driver)
+{
+    return driver ? static_cast<PipeWireDeviceDriver&>(*driver).device() : nullptr;
+}
+
 } // namespace
 
-PipeWireHardware::PipeWireHardware(PipeWireLoop& loop, PipeWireModel& model,
+PipeWireHardware::PipeWireHardware(PipeWireLoop& loop, PipeWireDriver& owner, HALDriverSink& sink,
                                    const std::optional<std::string>& remote)
-    : _model(model), _session(loop, *this, remote), _mirror(_session, *this), _devices(loop, _mirror, *this),
-      _runs(loop, _session, _mirror, *this)
+    : _owner(owner), _sink(sink), _session(loop, *this, remote), _mirror(_session, *this),
+      _devices(loop, _mirror, *this), _runs(loop, _session, _mirror, *this)
 {}
 
 PipeWireHardware::~PipeWireHardware()
@@ -28,12 +34,14 @@ PipeWireHardware::~PipeWireHardware()
 
 void PipeWireHardware::sessionConnected()
 {
+    _owner.serverFound(true);
     _mirror.connected();
 }
 
 void PipeWireHardware::sessionDisconnected()
 {
     _devices.forgetAll();
+    _owner.serverFound(false);
     _runs.connectionLost();
     _mirror.disconnected();
     for (const Pending& pending : std::exchange(_pending, {}))
@@ -42,7 +50,7 @@ void PipeWireHardware::sessionDisconnected()
 
 void PipeWireHardware::sessionFoundNoServer()
 {
-    _model.enumerated();
+    _owner.enumerated();
 }
 
 void PipeWireHardware::globalAppeared(uint32_t id, const char* type, const PipeWireProperties& properties)
@@ -76,14 +84,14 @@ void PipeWireHardware::clockSettingsChanged()
 void PipeWireHardware::defaultsChanged()
 {
     const PipeWireDefaultNames names = _mirror.defaultNames();
-    const auto idOf = [this](const std::string& name, HALDirection direction) {
+    const auto driverOf = [this](const std::string& name, HALDirection direction) -> HALDeviceDriver* {
         const PipeWireDevice* device = _devices.deviceWithNode(name, direction);
-        return device ? device->objectID : kAudioObjectUnknown;
+        return device ? device->driver.get() : nullptr;
     };
-    const AudioObjectID output = idOf(names.sink, HALDirection::Output);
-    _model.defaultChanged(HALDefault::Input, idOf(names.source, HALDirection::Input));
-    _model.defaultChanged(HALDefault::Output, output);
-    _model.defaultChanged(HALDefault::SystemOutput, output);
+    HALDeviceDriver* const output = driverOf(names.sink, HALDirection::Output);
+    _sink.defaultChanged(HALDefault::Input, driverOf(names.source, HALDirection::Input));
+    _sink.defaultChanged(HALDefault::Output, output);
+    _sink.defaultChanged(HALDefault::SystemOutput, output);
 }
 
 void PipeWireHardware::changesEnded()
@@ -95,7 +103,7 @@ void PipeWireHardware::enumerated()
 {
     _devices.enumerated();
     defaultsChanged();
-    _model.enumerated();
+    _owner.enumerated();
 }
 
 void PipeWireHardware::portAppeared(uint32_t /*nodeID*/)
@@ -107,7 +115,8 @@ void PipeWireHardware::portAppeared(uint32_t /*nodeID*/)
 
 void PipeWireHardware::deviceAppeared(PipeWireDevice& device)
 {
-    device.objectID = _model.deviceAppeared(device.describe(_settings));
+    device.driver = PipeWireDeviceDriver::initWithDevice(device, CXRef(&_owner));
+    _sink.deviceAdded(device.driver, device.describe(_settings));
     // One that was kept back may have been the default all along.
     defaultsChanged();
 }
@@ -121,18 +130,19 @@ void PipeWireHardware::deviceChanged(PipeWireDevice& device)
 void PipeWireHardware::deviceDisappears(PipeWireDevice& device)
 {
     _runs.deviceDisappears(device);
-    _model.deviceDisappeared(device.objectID);
+    _sink.deviceRemoved(*device.driver);
+    static_cast<PipeWireDeviceDriver&>(*device.driver).forgetDevice();
 }
 
 void PipeWireHardware::_publish(PipeWireDevice& device)
 {
     if (device.isPresent()) // else its end is about to be reported, and nothing before that
-        _model.deviceChanged(device.objectID, device.describe(_settings));
+        _sink.deviceChanged(*device.driver, device.describe(_settings));
 }
 
 // ---- Writes
 
-/// Answers `reply` when the server has taken everything sent so far and `shows` is true.
+/// Finishes `reply` when the server has taken everything sent so far and `shows` is true.
 void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> shows)
 {
     if (!_session.isConnected())
@@ -144,10 +154,20 @@ void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> sho
     });
 }
 
+/// The same for a device; it is over as well when the device has gone.
+void PipeWireHardware::_finishWhen(const PipeWireDevice& device, const Reply& reply,
+                                   std::function<bool(const PipeWireDevice&)> shows)
+{
+    _finishWhen(reply, [driver = device.driver, shows = std::move(shows)] {
+        const PipeWireDevice* now = deviceOf(driver);
+        return !now || shows(*now);
+    });
+}
+
 void PipeWireHardware::_finishShown()
 {
     if (!_mirror.isTold())
-        return; // whoever reads after a write has answered finds the new value: the model comes first
+        return; // a read after the write has returned finds the new value: the model comes first
     std::erase_if(_pending, [](const Pending& pending) {
         if (!pending.reply->isOver() && pending.reply->isAccepted() && pending.shows())
             pending.reply->finish(kAudioHardwareNoError);
@@ -155,67 +175,49 @@ void PipeWireHardware::_finishShown()
     });
 }
 
-void PipeWireHardware::setNominalSampleRate(AudioObjectID deviceID, double rate, const Reply& reply)
+void PipeWireHardware::setNominalSampleRate(PipeWireDevice& device, double rate, const Reply& reply)
 {
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device)
-        return reply->finish(kAudioHardwareBadDeviceError);
-    device->wantedRate = rate;
-    _runs.setRate(*device, rate);
-    _finishWhenRuns(
-        deviceID, reply, [](const PipeWireClockSeen& clock, double wanted) { return clock.rate == wanted; },
-        rate);
+    device.wantedRate = rate;
+    _runs.setRate(device, rate);
+    _finishWhenRuns(device, reply, [=](const PipeWireClockSeen& clock) { return clock.rate == rate; });
 }
 
-void PipeWireHardware::setBufferFrameSize(AudioObjectID deviceID, uint32_t frameCount, const Reply& reply)
+void PipeWireHardware::setBufferFrameSize(PipeWireDevice& device, uint32_t frameCount, const Reply& reply)
 {
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device)
-        return reply->finish(kAudioHardwareBadDeviceError);
-    device->wantedFrameCount = frameCount;
-    _runs.setFrameCount(*device, frameCount);
-    _finishWhenRuns(
-        deviceID, reply,
-        [](const PipeWireClockSeen& clock, double wanted) { return clock.frameCount == wanted; }, frameCount);
+    device.wantedFrameCount = frameCount;
+    _runs.setFrameCount(device, frameCount);
+    _finishWhenRuns(device, reply,
+                    [=](const PipeWireClockSeen& clock) { return clock.frameCount == frameCount; });
 }
 
-/// Replies when the clock of every run of the device shows what is wanted; at once when it has no run: the value then
-/// takes effect with the next start.
-void PipeWireHardware::_finishWhenRuns(AudioObjectID deviceID, const Reply& reply,
-                                       bool (*shows)(const PipeWireClockSeen&, double), double wanted)
+/// Replies when the clock of every run of the device shows what is wanted; at once when it has no run: the
+/// value then takes effect with the next start.
+void PipeWireHardware::_finishWhenRuns(PipeWireDevice& device, const Reply& reply,
+                                       const std::function<bool(const PipeWireClockSeen&)>& shows)
 {
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (device->runs.empty()) {
-        _publish(*device);
+    if (device.runs.empty()) {
+        _publish(device);
         return reply->finish(kAudioHardwareNoError);
     }
-    _finishWhen(reply, [this, deviceID, shows, wanted] {
-        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
-        return !now || std::ranges::all_of(
-                           now->runs, [&](const PipeWireRun* run) { return shows(run->clock(), wanted); });
+    _finishWhen(device, reply, [shows](const PipeWireDevice& now) {
+        return std::ranges::all_of(now.runs, [&](const PipeWireRun* run) { return shows(run->clock()); });
     });
 }
 
-void PipeWireHardware::setVolume(AudioObjectID deviceID, HALDirection direction, uint32_t element,
+void PipeWireHardware::setVolume(PipeWireDevice& device, HALDirection direction, uint32_t element,
                                  float scalar, const Reply& reply)
 {
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device)
-        return reply->finish(kAudioHardwareBadDeviceError);
     PipeWireVolumeProps change;
-    change.amplitudes = device->volume(direction).amplitudesAfter(element, scalar);
-    _setVolumeProps(*device, direction, change, reply);
+    change.amplitudes = device.volume(direction).amplitudesAfter(element, scalar);
+    _setVolumeProps(device, direction, change, reply);
 }
 
-void PipeWireHardware::setMuted(AudioObjectID deviceID, HALDirection direction, bool muted,
+void PipeWireHardware::setMuted(PipeWireDevice& device, HALDirection direction, bool muted,
                                 const Reply& reply)
 {
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device)
-        return reply->finish(kAudioHardwareBadDeviceError);
     PipeWireVolumeProps change;
     change.isMuted = muted;
-    _setVolumeProps(*device, direction, change, reply);
+    _setVolumeProps(device, direction, change, reply);
 }
 
 void PipeWireHardware::_setVolumeProps(PipeWireDevice& device, HALDirection direction,
@@ -228,45 +230,36 @@ void PipeWireHardware::_setVolumeProps(PipeWireDevice& device, HALDirection dire
         device.card()->setRoute(*place->route, place->cardDevice, change);
     else
         device.node(direction)->setVolumeProps(change);
-    _finishWhen(reply, [this, deviceID = device.objectID, direction, change] {
-        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
-        const std::optional<PipeWireDevice::VolumePlace> there =
-            now ? now->volumePlace(direction) : std::nullopt;
+    _finishWhen(device, reply, [direction, change](const PipeWireDevice& now) {
+        const std::optional<PipeWireDevice::VolumePlace> there = now.volumePlace(direction);
         return !there ||
                ((!change.isMuted || there->props.isMuted == change.isMuted) &&
                 (change.amplitudes.empty() || areClose(there->props.amplitudes, change.amplitudes)));
     });
 }
 
-void PipeWireHardware::setDataSource(AudioObjectID deviceID, HALDirection direction, uint32_t sourceID,
+void PipeWireHardware::setDataSource(PipeWireDevice& device, HALDirection direction, uint32_t sourceID,
                                      const Reply& reply)
 {
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device)
-        return reply->finish(kAudioHardwareBadDeviceError);
-    const std::optional<uint32_t> cardDevice = device->cardDevice(direction);
+    const std::optional<uint32_t> cardDevice = device.cardDevice(direction);
     if (!cardDevice)
         return reply->finish(kAudioHardwareUnknownPropertyError);
     const bool isInput = direction == HALDirection::Input;
-    for (const PipeWireRoute& route : device->card()->routes(*cardDevice, isInput))
+    for (const PipeWireRoute& route : device.card()->routes(*cardDevice, isInput))
         if (PipeWireDevice::sourceID(route) == sourceID)
-            device->card()->setRoute(route.index, *cardDevice, {});
-    _finishWhen(reply, [this, deviceID, cardDevice, isInput, sourceID] {
-        const PipeWireDevice* now = _devices.deviceWithID(deviceID);
-        const PipeWireCard* card = now ? now->card() : nullptr;
+            device.card()->setRoute(route.index, *cardDevice, {});
+    _finishWhen(device, reply, [cardDevice, isInput, sourceID](const PipeWireDevice& now) {
+        const PipeWireCard* card = now.card();
         const std::optional<PipeWireRoute> active =
             card ? card->activeRoute(*cardDevice, isInput) : std::nullopt;
         return !card || (active && PipeWireDevice::sourceID(*active) == sourceID);
     });
 }
 
-void PipeWireHardware::chooseDefaultDevice(HALDefault which, AudioObjectID deviceID, const Reply& reply)
+void PipeWireHardware::chooseDefaultDevice(HALDefault which, const PipeWireDevice& device, const Reply& reply)
 {
     const HALDirection direction = which == HALDefault::Input ? HALDirection::Input : HALDirection::Output;
-    const PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device)
-        return reply->finish(kAudioHardwareBadDeviceError);
-    const std::string name = device->nodeName(direction);
+    const std::string name = device.nodeName(direction);
     if (name.empty() || !_mirror.setDefault(direction == HALDirection::Input, name))
         return reply->finish(kAudioHardwareUnspecifiedError);
     _finishWhen(reply, [this, name, direction] {
@@ -277,30 +270,26 @@ void PipeWireHardware::chooseDefaultDevice(HALDefault which, AudioObjectID devic
 
 // ---- IO
 
-void PipeWireHardware::startIO(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table,
+void PipeWireHardware::startIO(PipeWireDevice& device, const CXRef<HALIOProcTable>& table,
                                PipeWireRun::Time deadline, const Reply& reply)
 {
-    if (PipeWireDevice* device = _devices.deviceWithID(deviceID))
-        _runs.start(*device, table, deadline, reply);
-    else
-        reply->finish(kAudioHardwareBadDeviceError);
+    _runs.start(device, table, deadline, reply);
 }
 
-void PipeWireHardware::stopIO(AudioObjectID deviceID, const Reply& reply)
+void PipeWireHardware::stopIO(PipeWireDevice& device, const Reply& reply)
 {
-    if (PipeWireDevice* device = _devices.deviceWithID(deviceID))
-        _runs.stop(*device);
+    _runs.stop(device);
     reply->finish(kAudioHardwareNoError);
 }
 
-void PipeWireHardware::startTogether(uint64_t groupNumber, const std::vector<PipeWireGroupMember>& members,
+void PipeWireHardware::startTogether(uint64_t groupNumber, const std::vector<HALGroupMember>& members,
                                      const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
                                      const Reply& reply)
 {
     std::vector<PipeWireRun::Member> all;
-    for (const PipeWireGroupMember& member : members) {
-        PipeWireDevice* device = _devices.deviceWithID(member.deviceID);
-        if (!device && member.deviceID != kAudioObjectUnknown)
+    for (const HALGroupMember& member : members) {
+        PipeWireDevice* device = deviceOf(member.device);
+        if (!device && member.device)
             return reply->finish(kAudioHardwareBadDeviceError);
         if (member.inputChannels.size() > 1 || member.outputChannels.size() > 1)
             return reply->finish(kAudioHardwareIllegalOperationError); // no device of this server's
@@ -313,11 +302,12 @@ void PipeWireHardware::startTogether(uint64_t groupNumber, const std::vector<Pip
     _runs.startGroup(groupNumber, std::move(all), table, deadline, reply);
 }
 
-void PipeWireHardware::setGroupMember(uint64_t groupNumber, size_t place, AudioObjectID deviceID,
+void PipeWireHardware::setGroupMember(uint64_t groupNumber, size_t place,
+                                      const CXRef<HALDeviceDriver>& driver,
                                       const CXRef<HALIOProcTable>& table, const Reply& reply)
 {
-    PipeWireDevice* device = _devices.deviceWithID(deviceID);
-    if (!device && deviceID != kAudioObjectUnknown)
+    PipeWireDevice* device = deviceOf(driver);
+    if (!device && driver)
         return reply->finish(kAudioHardwareBadDeviceError);
     reply->finish(_runs.setGroupMember(groupNumber, place, device, table));
 }

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "PipeWireDeviceDriver.h"
 #include "PipeWireDeviceList.h"
 #include "PipeWireMirror.h"
-#include "PipeWireModel.h"
 #include "PipeWireReply.h"
 #include "PipeWireRuns.h"
 #include "PipeWireSession.h"
@@ -13,14 +13,6 @@
 #include <string>
 #include <vector>
 
-/// A device that runs in one cycle with others.
-struct PipeWireGroupMember {
-    AudioObjectID deviceID = kAudioObjectUnknown; ///< unknown while it is absent: its streams are silent
-    CXRef<HALIOProcTable> table;                  ///< the device's own, for its overloads; null while absent
-    std::vector<uint32_t> inputChannels;          ///< of each stream, also while absent
-    std::vector<uint32_t> outputChannels;
-};
-
 /// The loop's half of the driver: reports devices as the server has them, and carries out what clients ask.
 /// Every write finishes its reply, at once when there is nothing to wait for.
 /// Threads: the loop's.
@@ -29,7 +21,8 @@ class PipeWireHardware final : PipeWireSessionClient,
                                PipeWireDeviceListClient,
                                PipeWireRunsClient {
 public:
-    PipeWireHardware(PipeWireLoop& loop, PipeWireModel& model, const std::optional<std::string>& remote);
+    PipeWireHardware(PipeWireLoop& loop, PipeWireDriver& owner, HALDriverSink& sink,
+                     const std::optional<std::string>& remote);
     ~PipeWireHardware();
     PipeWireHardware(const PipeWireHardware&) = delete;
     PipeWireHardware& operator=(const PipeWireHardware&) = delete;
@@ -37,24 +30,24 @@ public:
     void connect() { _session.connect(); }
 
     using Reply = CXRef<PipeWireReply>;
-    void setNominalSampleRate(AudioObjectID deviceID, double rate, const Reply& reply);
-    void setBufferFrameSize(AudioObjectID deviceID, uint32_t frameCount, const Reply& reply);
-    void setVolume(AudioObjectID deviceID, HALDirection direction, uint32_t element, float scalar,
+    void setNominalSampleRate(PipeWireDevice& device, double rate, const Reply& reply);
+    void setBufferFrameSize(PipeWireDevice& device, uint32_t frameCount, const Reply& reply);
+    void setVolume(PipeWireDevice& device, HALDirection direction, uint32_t element, float scalar,
                    const Reply& reply);
-    void setMuted(AudioObjectID deviceID, HALDirection direction, bool muted, const Reply& reply);
-    void setDataSource(AudioObjectID deviceID, HALDirection direction, uint32_t sourceID, const Reply& reply);
-    void chooseDefaultDevice(HALDefault which, AudioObjectID deviceID, const Reply& reply);
+    void setMuted(PipeWireDevice& device, HALDirection direction, bool muted, const Reply& reply);
+    void setDataSource(PipeWireDevice& device, HALDirection direction, uint32_t sourceID, const Reply& reply);
+    void chooseDefaultDevice(HALDefault which, const PipeWireDevice& device, const Reply& reply);
 
     /// 'what' when no cycle has come by the deadline; then nothing is left of the start.
-    void startIO(AudioObjectID deviceID, const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
+    void startIO(PipeWireDevice& device, const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
                  const Reply& reply);
-    void stopIO(AudioObjectID deviceID, const Reply& reply);
-    /// Runs the members in one cycle through `table`, with the streams of all in their order: those of one group
-    /// domain and equal rates, else 'nope'. `groupNumber` names the group until stopTogether().
-    void startTogether(uint64_t groupNumber, const std::vector<PipeWireGroupMember>& members,
+    void stopIO(PipeWireDevice& device, const Reply& reply);
+    /// Runs the members in one cycle through `table`, with the streams of all in their order: those of one
+    /// group domain and equal rates, else 'nope'. `groupNumber` names the group until stopTogether().
+    void startTogether(uint64_t groupNumber, const std::vector<HALGroupMember>& members,
                        const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline, const Reply& reply);
-    /// The member has gone (unknown, null), or is there again. 'nope' when the device cannot run with the others.
-    void setGroupMember(uint64_t groupNumber, size_t place, AudioObjectID deviceID,
+    /// The member has gone (both null), or is there again. 'nope' when the device cannot run with the others.
+    void setGroupMember(uint64_t groupNumber, size_t place, const CXRef<HALDeviceDriver>& driver,
                         const CXRef<HALIOProcTable>& table, const Reply& reply);
     void stopTogether(uint64_t groupNumber, const Reply& reply);
 
@@ -87,13 +80,16 @@ private:
 
     void _publish(PipeWireDevice& device);
     void _finishWhen(const Reply& reply, std::function<bool()> shows);
+    void _finishWhen(const PipeWireDevice& device, const Reply& reply,
+                     std::function<bool(const PipeWireDevice&)> shows);
     void _finishShown();
     void _setVolumeProps(PipeWireDevice& device, HALDirection direction, const PipeWireVolumeProps& change,
                          const Reply& reply);
-    void _finishWhenRuns(AudioObjectID deviceID, const Reply& reply,
-                         bool (*shows)(const PipeWireClockSeen& clock, double wanted), double wanted);
+    void _finishWhenRuns(PipeWireDevice& device, const Reply& reply,
+                         const std::function<bool(const PipeWireClockSeen&)>& shows);
 
-    PipeWireModel& _model;
+    PipeWireDriver& _owner;
+    HALDriverSink& _sink;
     PipeWireSession _session;
     PipeWireMirror _mirror;
     PipeWireDeviceList _devices;

@@ -48,7 +48,8 @@ public:
     /// Whether the server is done with it, for better or worse.
     bool isSettled() const noexcept { return _isSettled; }
     bool isActive() const noexcept { return _isActive; }
-    /// Of a node that was suspended and resumes, a link may stay paused, and silent, for as long as it exists.
+    /// Of a node that was suspended and resumes, a link may stay paused, and silent, for as long as it
+    /// exists.
     bool isBroken() const noexcept { return _hasFailed || (_wasActive && !_isActive); }
 
 private:

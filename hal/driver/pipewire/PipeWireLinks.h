@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
-/// Links between ports of the server. The time that many links made at once take grows with the square of their
-/// number, and their file descriptors do not fit into one message: they are made in batches, each when the one before
-/// has settled.
+/// Links between ports of the server. The time that many links made at once take grows with the square of
+/// their number, and their file descriptors do not fit into one message: they are made in batches, each when
+/// the one before has settled.
 /// Threads: the loop's.
 class PipeWireLinks {
 public:

@@ -1,7 +1,6 @@
 #include "PipeWireLoop.h"
 
 #include "LogSink.h"
-#include "PipeWireTimer.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -139,5 +138,5 @@ void PipeWireLoop::_runTimers()
     const auto now =
         Clock::now(); // one that starts another in its work lets the descriptors have their turn first
     while (!_deadlines.empty() && _deadlines.begin()->first <= now)
-        _deadlines.begin()->second->_fire();
+        _deadlines.extract(_deadlines.begin()).mapped()();
 }

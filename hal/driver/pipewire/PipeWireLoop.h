@@ -13,7 +13,6 @@
 
 struct pw_loop;
 struct spa_source;
-class PipeWireTimer;
 
 /// The one thread on which everything of PipeWire but the audio itself happens, so that none of it needs a
 /// lock.
@@ -40,10 +39,14 @@ public:
     /// For what is added to the loop on its own thread. Null before `started` is called, never afterwards.
     pw_loop* get() const noexcept { return _loop; }
 
-private:
-    friend class PipeWireTimer; // its two places in _deadlines
-    using Deadlines = std::multimap<Clock::time_point, PipeWireTimer*>;
+    // What runs next by time. Timers need no descriptors: the next deadline is how long the loop may sleep.
+    // On the loop's thread.
+    using Deadline = std::multimap<Clock::time_point, Work>::iterator;
+    /// Calls `work` once at `time`, unless it is taken back. The work has been taken out when it is called.
+    Deadline callAt(Clock::time_point time, Work work) { return _deadlines.emplace(time, std::move(work)); }
+    void takeBack(Deadline deadline) { _deadlines.erase(deadline); }
 
+private:
     void _startThread();
     void _run();
     bool _makeLoop();
@@ -52,10 +55,10 @@ private:
     int _millisecondsToDeadline() const;
     void _runTimers();
 
-    // The loop's thread's. Timers need no descriptors: the next deadline is how long the loop may sleep.
+    // The loop's thread's.
     const Work _started;
     pw_loop* _loop = nullptr;
-    Deadlines _deadlines;
+    std::multimap<Clock::time_point, Work> _deadlines;
     bool _ended = false;
 
     std::mutex _mutex;

@@ -24,7 +24,7 @@ PipeWireMirror::~PipeWireMirror() = default;
 void PipeWireMirror::connected()
 {
     _listedAll = _enumerated = false;
-    // What the server lists now comes before its answer to this.
+    // What the server lists now comes before its reply to this.
     _session.sync(this, [this] {
         _listedAll = true;
         _tellSoon();
@@ -54,7 +54,7 @@ void PipeWireMirror::disconnected()
     _tell();
 }
 
-// ---- What the session tells
+// ---- From the session
 
 void PipeWireMirror::globalAppeared(uint32_t id, const std::string& type,
                                     const PipeWireProperties& properties)
@@ -245,7 +245,7 @@ void PipeWireMirror::_groupShrunk(uint64_t serial)
     _tellSoon();
 }
 
-/// Reports once the server's answer says that what belongs together has come: a node and its ports, say, or
+/// Reports once the server's reply shows that what belongs together has come: a node and its ports, say, or
 /// the ends of all ports of a node and then its own.
 void PipeWireMirror::_tellSoon()
 {
@@ -328,7 +328,7 @@ PipeWireClockSettings PipeWireMirror::clockSettings() const
     take("clock.rate", settings.rate);
     take("clock.quantum", settings.frameCount);
     take("clock.min-quantum", settings.leastFrames);
-    take("clock.max-quantum", settings.mostFrames);
+    take("clock.max-quantum", settings.maxFrames);
     take("clock.force-rate", settings.forcedRate);
     take("clock.force-quantum", settings.forcedFrameCount);
     settings.allowedRates = _settings->numbers("clock.allowed-rates");

@@ -23,7 +23,7 @@ struct PipeWireClockSettings {
     std::vector<uint32_t> allowedRates{}; ///< Hz
     uint32_t frameCount = 1024;           ///< of a cycle, when nobody asks for another
     uint32_t leastFrames = 32;
-    uint32_t mostFrames = 2048;
+    uint32_t maxFrames = 2048;
     uint32_t forcedRate = 0;       ///< Hz; 0 when none is
     uint32_t forcedFrameCount = 0; ///< 0 when none is
     bool operator==(const PipeWireClockSettings&) const = default;
@@ -47,7 +47,7 @@ public:
     virtual void defaultsChanged() = 0;
     /// After the calls above for one lot of changes.
     virtual void changesEnded() = 0;
-    /// Everything that was there when the connection was made has been told.
+    /// Everything that was there when the connection was made has been reported.
     virtual void enumerated() = 0;
     /// A port of some node, ours among them, has appeared.
     virtual void portAppeared(uint32_t nodeID) = 0;
@@ -66,7 +66,7 @@ public:
     PipeWireMirror(const PipeWireMirror&) = delete;
     PipeWireMirror& operator=(const PipeWireMirror&) = delete;
 
-    // -- What the session tells
+    // -- From the session
     void connected();
     void disconnected();
     void globalAppeared(uint32_t id, const std::string& type, const PipeWireProperties& properties);
@@ -81,7 +81,7 @@ public:
     std::vector<PipeWirePort> portsOfNode(uint32_t nodeID) const;
     PipeWireClockSettings clockSettings() const;
     PipeWireDefaultNames defaultNames() const;
-    /// Whether the client has been told of everything that is known.
+    /// Whether everything that is known has been reported to the client.
     bool isTold() const noexcept { return !_tellAsked; }
 
     /// Asks for another default device. False when the server keeps no defaults.

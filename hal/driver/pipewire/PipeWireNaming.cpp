@@ -1,6 +1,6 @@
 #include "PipeWireNaming.h"
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 #include "USBRegistry.h"
 
 #include <algorithm>
@@ -74,8 +74,8 @@ std::string sanitized(std::string name)
     return name;
 }
 
-/// The card's name without its number of arrival. The name is made of where the card is, which may itself end in
-/// what looks like such a number: the function of a PCI device.
+/// The card's name without its number of arrival. The name is made of where the card is, which may itself end
+/// in what looks like such a number: the function of a PCI device.
 std::string cardName(const PipeWireProperties& card)
 {
     const std::string& name = card[PW_KEY_DEVICE_NAME];
@@ -90,7 +90,8 @@ std::string cardName(const PipeWireProperties& card)
     return endsInPCIFunction(name) ? name : withoutArrivalNumber(name);
 }
 
-/// Whether a name was made by the session manager, which then also numbered it, and not by whoever made the node.
+/// Whether a name was made by the session manager, which then also numbered it, and not by the node's
+/// creator.
 bool isNamedBySessionManager(const PipeWireNodeProperties& properties, const std::string& name)
 {
     return properties[PW_KEY_DEVICE_API] == "alsa" || name.starts_with("alsa_");
@@ -138,7 +139,8 @@ std::optional<uint32_t> locationInBusPath(std::string_view path)
     return platform::usbLocationID(name);
 }
 
-/// Where the sound card is, when it is one of this computer's: known by its bus path, or by its number and its ports.
+/// Where the sound card is, when it is one of this computer's: known by its bus path, or by its number and
+/// its ports.
 std::optional<uint32_t> registeredLocation(const std::string& busPath, const std::string& cardNumber)
 {
     constexpr uint32_t ports = 0x00FFFFFF;

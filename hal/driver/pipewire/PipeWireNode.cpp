@@ -130,7 +130,7 @@ void PipeWireNode::portDisappeared(uint32_t portID)
         _changed();
 }
 
-/// Latency is told by ports, and all channels of a device have the same: the first tells it for all.
+/// Ports report their latency, and all channels of a device have the same: the first port's counts.
 void PipeWireNode::_followLatency()
 {
     const auto follow = [this](std::unique_ptr<PipeWirePortLatency>& latency,

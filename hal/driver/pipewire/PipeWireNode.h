@@ -18,8 +18,9 @@ public:
     /// What a node of this media class is; nothing when it is no device.
     static std::optional<Kind> kindOfMediaClass(const std::string& mediaClass);
 
-    /// Follows node `id` of the server. `serial` names it for as long as this process lives; the server's own id may
-    /// name another node soon. Calls `changed` after every change, for the first time when everything is known.
+    /// Follows node `id` of the server. `serial` names it for as long as this process lives; the server's own
+    /// id may name another node soon. Calls `changed` after every change, for the first time when everything
+    /// is known.
     PipeWireNode(PipeWireSession& session, uint32_t id, uint64_t serial, Kind kind,
                  const PipeWireProperties& properties, PipeWireLoop::Work changed);
     ~PipeWireNode();
@@ -29,7 +30,7 @@ public:
     uint32_t id() const noexcept { return _id; }
     uint64_t serial() const noexcept { return _serial; }
     Kind kind() const noexcept { return _kind; }
-    bool isReady() const noexcept { return _isReady; } ///< everything the server tells of it has come
+    bool isReady() const noexcept { return _isReady; } ///< everything the server reports of it has come
     bool isRunning() const noexcept { return _isRunning; }
     const PipeWireProperties& properties() const noexcept { return _properties; }
     /// The card it belongs to, by its id on the server.

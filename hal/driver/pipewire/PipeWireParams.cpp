@@ -48,7 +48,7 @@ void PipeWireParams::commit()
 {
     for (List& list : _lists) {
         if (!list.isFresh)
-            list.arriving.clear(); // asked, and the answer was nothing
+            list.arriving.clear(); // asked for, and there is none
         list.isFresh = true;
         list.complete = list.arriving;
     }

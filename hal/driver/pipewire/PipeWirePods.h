@@ -10,8 +10,8 @@
 
 struct spa_pod;
 
-// The parameters of PipeWire's objects as plain values, read and built. What comes from the server is not trusted:
-// a value of the wrong type is one that is not there.
+// The parameters of PipeWire's objects as plain values, read and built. What comes from the server is not
+// trusted: a value of the wrong type is one that is not there.
 // Threads: any.
 
 /// Volume and mute, of a node or of the active route of a card.
@@ -27,7 +27,7 @@ struct PipeWireRoute {
     bool isInput = false;
     bool isUnplugged = false;
     std::string description;        ///< as the server has it
-    std::string portType;           ///< "hdmi", "headphones"; empty when not told
+    std::string portType;           ///< "hdmi", "headphones"; empty when unknown
     std::vector<uint32_t> devices;  ///< the card's sub-devices it can serve
     std::vector<uint32_t> profiles; ///< the card's profiles it exists in; empty means all
     std::optional<uint32_t> device; ///< for an active route: the sub-device it serves

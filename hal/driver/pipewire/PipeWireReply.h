@@ -6,8 +6,8 @@
 #include <mutex>
 #include <optional>
 
-/// What one thread waits for while the loop's thread has a write carried out: that the server has taken it, and
-/// then, for a moment longer, that its effect shows.
+/// What one thread waits for while the loop's thread has a write carried out: that the server has taken it,
+/// and then, for a moment longer, that its effect shows.
 /// Threads: any.
 /// Waits:   wait() only, for a bounded time.
 class PipeWireReply final : public CXObject {
@@ -21,8 +21,8 @@ public:
     bool isAccepted() const;
     bool isOver() const;
 
-    /// The status; success when the server has taken the write but shows no effect yet; 'what' when it does not reply
-    /// by `deadline`.
+    /// The status; success when the server has taken the write but shows no effect yet; 'what' when it does
+    /// not reply by `deadline`.
     HALStatus wait(HALDeadline deadline);
 
 private:

@@ -173,7 +173,8 @@ void PipeWireRun::_look(Time now)
         setWantedTiming(_wanted);
 }
 
-/// A member is stalled from an attempt to mend something, or from some time without cycles, until it has cycles.
+/// A member is stalled from an attempt to mend something, or from some time without cycles, until it has
+/// cycles.
 void PipeWireRun::_lookAtMembers(Time now)
 {
     for (size_t place = 0; place < _members.size(); ++place) {

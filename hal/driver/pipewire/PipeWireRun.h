@@ -11,10 +11,10 @@
 
 class PipeWireDevice;
 
-/// IO of one device or of a group, from its start to its stop. While it is to run it does: a link or the node that
-/// another client has destroyed, suspended or paused is made anew, 20 ms later at first and at least once a second
-/// while that fails. That is reported as an overload; a member that gets no cycles is stalled meanwhile.
-/// One member's rate or cycle length, once asked for, is that of all members.
+/// IO of one device or of a group, from its start to its stop. While it is to run it does: a link or the node
+/// that another client has destroyed, suspended or paused is made anew, 20 ms later at first and at least
+/// once a second while that fails. That is reported as an overload; a member that gets no cycles is stalled
+/// meanwhile. One member's rate or cycle length, once asked for, is that of all members.
 /// Threads: the loop's.
 class PipeWireRun {
 public:
@@ -40,7 +40,8 @@ public:
         Time deadline;                        ///< of the first cycle
     };
 
-    /// Begins to start: `reply` gets the status once every member has cycles. Without that by the deadline, hasFailed().
+    /// Begins to start: `reply` gets the status once every member has cycles. Without that by the deadline,
+    /// hasFailed().
     PipeWireRun(const Environment& environment, Setup setup, CXRef<PipeWireReply> reply);
     ~PipeWireRun();
     PipeWireRun(const PipeWireRun&) = delete;
@@ -57,7 +58,8 @@ public:
     /// The graph keeps the rate that another client forced for a while: asks for our own again.
     void restoreRate(Time now);
 
-    /// Looks at everything that may have changed, and does what is due. Returns when to be called again at the latest.
+    /// Looks at everything that may have changed, and does what is due. Returns when to be called again at
+    /// the latest.
     Time update(Time now);
     /// Whether members are to be described anew since the last call.
     bool takeChanged() { return std::exchange(_changed, false); }

@@ -115,7 +115,7 @@ PipeWireRun::Setup PipeWireRuns::_setupOf(std::vector<PipeWireRun::Member> membe
             setup.wanted.frameCount = wanted.frameCount;
             setup.wanted.forcesFrameCount = wanted.forcesFrameCount;
         }
-        setup.maxFrames = std::max(setup.maxFrames, member.device->mostFrames(_settings));
+        setup.maxFrames = std::max(setup.maxFrames, member.device->maxFrames(_settings));
         isFirst = false;
     }
     setup.members = std::move(members);

@@ -20,8 +20,8 @@ protected:
     ~PipeWireRunsClient() = default;
 };
 
-/// All IO of a process: one run for each device and each group that was started. One timer and one descriptor serve
-/// them all.
+/// All IO of a process: one run for each device and each group that was started. One timer and one descriptor
+/// serve them all.
 /// Threads: the loop's.
 class PipeWireRuns {
 public:

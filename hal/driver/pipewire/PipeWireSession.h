@@ -58,7 +58,7 @@ public:
     PipeWireSession& operator=(const PipeWireSession&) = delete;
 
     void connect();
-    /// Ends the connection and all attempts; the client is told.
+    /// Ends the connection and all attempts, and reports it to the client.
     void disconnect();
     bool isConnected() const noexcept { return _core != nullptr; }
     /// Calls `done` once the server has handled everything sent before; never, when the connection ends

@@ -7,8 +7,8 @@ namespace {
 constexpr uint64_t catchingUpNanoseconds = 1'000'000'000;
 constexpr uint64_t mostSeconds = 60; // a longer gap in a clock's count is a clock set anew
 
-/// The frames from the start of one cycle to that of the next, by the time between them: not less than the first
-/// cycle's own, and more only when at least half a cycle is missing.
+/// The frames from the start of one cycle to that of the next, by the time between them: not less than the
+/// first cycle's own, and more only when at least half a cycle is missing.
 uint64_t framesByTime(const PipeWireTimeline::Clock& last, const PipeWireTimeline::Clock& now) noexcept
 {
     if (now.nanoseconds <= last.nanoseconds)

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-/// The sample time of a running device, made of the clocks of whatever drives it: it only grows, by the frames that
+/// The sample time of a running device, made of the clocks of its drivers: it only grows, by the frames that
 /// went by, also when the clock is another one from now on or starts again.
 /// Threads: one at a time; the audio thread's while IO runs.
 /// Real time: yes.
@@ -21,10 +21,10 @@ public:
     struct Step {
         uint64_t sampleTime; ///< of the first frame of this cycle
         bool lostFrames;     ///< whether frames between the last cycle and this one were never delivered
-        /// Whether this cycle must not be run: it is one of those that were told to be lost. A thread that is late finds
-        /// the clock of a later cycle in the cycles that it catches up with, so that one seems to be missing first, and
-        /// in the end one comes twice. Were that run, it would be counted twice, and the sample time would go ahead of
-        /// the clock.
+        /// Whether this cycle must not be run: it is one of those reported as lost. A thread that is late
+        /// finds the clock of a later cycle in the cycles that it catches up with, so that one seems to be
+        /// missing first, and in the end one comes twice. Were that run, it would be counted twice, and the
+        /// sample time would go ahead of the clock.
         bool wasCounted;
     };
 

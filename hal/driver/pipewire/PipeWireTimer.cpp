@@ -12,18 +12,15 @@ PipeWireTimer::~PipeWireTimer()
 void PipeWireTimer::start(std::chrono::milliseconds delay)
 {
     stop();
-    _deadline = _loop._deadlines.emplace(PipeWireLoop::Clock::now() + delay, this);
+    _deadline = _loop.callAt(PipeWireLoop::Clock::now() + delay, [this] {
+        _deadline.reset();
+        _work();
+    });
 }
 
 void PipeWireTimer::stop()
 {
     if (_deadline)
-        _loop._deadlines.erase(*_deadline);
+        _loop.takeBack(*_deadline);
     _deadline.reset();
-}
-
-void PipeWireTimer::_fire()
-{
-    stop();
-    _work();
 }

@@ -19,10 +19,7 @@ public:
     void stop();
 
 private:
-    friend class PipeWireLoop;
-    void _fire();
-
     PipeWireLoop& _loop;
     const PipeWireLoop::Work _work;
-    std::optional<PipeWireLoop::Deadlines::iterator> _deadline; // while it runs
+    std::optional<PipeWireLoop::Deadline> _deadline; // while it runs
 };

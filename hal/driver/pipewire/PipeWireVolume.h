@@ -4,9 +4,10 @@
 #include <optional>
 #include <vector>
 
-/// The volume of one direction of a device between two ways to say it: scalars per element, as sliders show them,
-/// and linear amplitudes per channel, as the server has them. The scalar is the cube root of the amplitude.
-/// Element 0 is the loudest channel; writing it moves all channels and keeps their balance, also through silence.
+/// The volume of one direction of a device between two ways to say it: scalars per element, as sliders show
+/// them, and linear amplitudes per channel, as the server has them. The scalar is the cube root of the
+/// amplitude. Element 0 is the loudest channel; writing it moves all channels and keeps their balance, also
+/// through silence.
 /// Threads: a value; one thread at a time.
 class PipeWireVolume {
 public:

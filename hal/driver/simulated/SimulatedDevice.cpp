@@ -3,6 +3,7 @@
 #include "SimulatedMachine.h"
 
 #include <algorithm>
+#include <numbers>
 
 namespace {
 
@@ -100,7 +101,8 @@ CXRef<SimulatedDevice> SimulatedDevice::initWithDescription(SimulatedDeviceDescr
 SimulatedDevice::SimulatedDevice(SimulatedDeviceDescription description,
                                  const CXRef<SimulatedMachine>& machine)
     : _machine(machine), _uid(description.state.uid), _state(description.state),
-      _description(std::move(description))
+      _description(std::move(description)),
+      _random(static_cast<std::minstd_rand::result_type>(std::hash<std::string>{}(_uid)))
 {
     // Late enough for the input time of the first cycle to be a frame number too.
     _sampleTime = uint64_t{_description.state.bufferFrameSize} +
@@ -253,10 +255,11 @@ HALStatus SimulatedDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
         if (!_currentRun)
             own = _currentRun = SimulatedRun::initWithDevice(CXRef(this));
     }
-    if (own)
-        _machine->scheduler.add(own);
+    const HALStatus status = own ? _machine->scheduler.add(own) : kAudioHardwareNoError;
+    if (status)
+        stopIO();
     if (_isPluggedIn)
-        return kAudioHardwareNoError;
+        return status;
     _leaveRun(); // unplugged meanwhile
     return kAudioHardwareBadDeviceError;
 }
@@ -299,7 +302,10 @@ HALStatus SimulatedDevice::startTogether(std::span<const HALGroupMember> members
         started->stop();
         return kAudioHardwareUnspecifiedError;
     }
-    _machine->scheduler.add(run);
+    if (const HALStatus status = _machine->scheduler.add(run)) {
+        started->stop();
+        return status;
+    }
     group = started;
     return kAudioHardwareNoError;
 }
@@ -334,10 +340,12 @@ HALCycle SimulatedDevice::beginCycle(uint64_t lostCycles)
     HALCycle cycle;
     const auto start = static_cast<double>(_sampleTime);
     cycle.frameCount = state.bufferFrameSize;
-    cycle.now = _stampAt(start);
-    cycle.inputTime = _stampAt(start - state.bufferFrameSize - state[HALDirection::Input].safetyOffsetFrames);
+    const double late = _ticksLate();
+    cycle.now = _stampAt(start, late);
+    cycle.inputTime =
+        _stampAt(start - state.bufferFrameSize - state[HALDirection::Input].safetyOffsetFrames, late);
     cycle.outputTime =
-        _stampAt(start + state.bufferFrameSize + state[HALDirection::Output].safetyOffsetFrames);
+        _stampAt(start + state.bufferFrameSize + state[HALDirection::Output].safetyOffsetFrames, late);
     cycle.input = _blocks[0];
     cycle.output = _blocks[1];
     return cycle;
@@ -435,12 +443,23 @@ double SimulatedDevice::_ticksAt(uint64_t sampleTime) const
     return _anchorTicks + static_cast<double>(sampleTime - _anchorSampleTime) * _ticksPerFrame();
 }
 
-AudioTimeStamp SimulatedDevice::_stampAt(double sampleTime) const
+double SimulatedDevice::_ticksLate()
+{
+    const double middle = _description.latenessSeconds * ticksPerSecond;
+    if (middle <= 0.0)
+        return 0.0;
+    std::exponential_distribution<double> tail(std::numbers::ln2);
+    std::uniform_real_distribution<double> even(0.0, 1.0);
+    const double rare = even(_random) < 1.0 / 2000.0 ? even(_random) * 0.4e-3 * ticksPerSecond : 0.0;
+    return middle * (0.6 + 0.4 * tail(_random)) + rare;
+}
+
+AudioTimeStamp SimulatedDevice::_stampAt(double sampleTime, double ticksLate) const
 {
     AudioTimeStamp stamp{};
     stamp.sampleTime = sampleTime;
     const double ticks =
-        _anchorTicks + (sampleTime - static_cast<double>(_anchorSampleTime)) * _ticksPerFrame();
+        _anchorTicks + (sampleTime - static_cast<double>(_anchorSampleTime)) * _ticksPerFrame() + ticksLate;
     stamp.hostTime = ticks > 0.0 ? static_cast<uint64_t>(ticks) : 0;
     stamp.rateScalar = 1.0 / (1.0 + _description.driftPartsPerMillion * 1e-6);
     stamp.flags =

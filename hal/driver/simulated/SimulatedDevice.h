@@ -5,11 +5,13 @@
 
 #include <functional>
 #include <mutex>
+#include <random>
 
 class SimulatedMachine;
 class SimulatedRun;
 
-/// The driver of a simulated device: its description, its clock, and what happens in a cycle around the callbacks.
+/// The driver of a simulated device: its description, its clock, and what happens in a cycle around the
+/// callbacks.
 /// Threads: any; the cycle's functions on the IO thread of the run that the device is in, with lock() held.
 /// Waits:   every function but those of the cycle waits for a running cycle, except on the IO thread.
 class SimulatedDevice final : public HALDeviceDriver {
@@ -21,8 +23,8 @@ public:
     /// The state of the description; waits for no cycle.
     HALDeviceState state() const;
     const std::string& uid() const noexcept { return _uid; }
-    /// Changes the description between two cycles and reports it. A running device goes on with it. '!dev' when it is
-    /// no longer plugged in.
+    /// Changes the description between two cycles and reports it. A running device goes on with it. '!dev'
+    /// when it is no longer plugged in.
     HALStatus alter(const std::function<void(SimulatedDeviceDescription&)>& change);
     /// The ID that clients know it by; 0 before it was reported.
     AudioObjectID objectID() const noexcept { return _objectID; }
@@ -76,7 +78,8 @@ private:
     void _anchor(double ticks);
     double _ticksPerFrame() const;
     double _ticksAt(uint64_t sampleTime) const;
-    AudioTimeStamp _stampAt(double sampleTime) const;
+    double _ticksLate();
+    AudioTimeStamp _stampAt(double sampleTime, double ticksLate) const;
     void _hear();
     void _play();
     float _gain(HALDirection direction, uint32_t channel) const;
@@ -95,6 +98,7 @@ private:
     // Held through a cycle; recursive, because a callback may change the device that runs it.
     mutable std::recursive_mutex _mutex;
     SimulatedDeviceDescription _description;
+    std::minstd_rand _random;     // how late cycles are
     CXRef<HALIOProcTable> _table; // of its own callbacks; none while startIO() is not in effect
     uint64_t _sampleTime = 0;     // of the next cycle
     uint64_t _anchorSampleTime = 0;

@@ -190,6 +190,12 @@ SimulatedDeviceBuilder& SimulatedDeviceBuilder::drift(double partsPerMillion)
     return *this;
 }
 
+SimulatedDeviceBuilder& SimulatedDeviceBuilder::lateness(double seconds)
+{
+    _description->latenessSeconds = seconds;
+    return *this;
+}
+
 SimulatedDeviceBuilder& SimulatedDeviceBuilder::hears(SimulatedSource source)
 {
     _description->source = std::move(source);

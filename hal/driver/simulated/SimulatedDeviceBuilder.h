@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 #include "HALDirection.h"
 #include "SimulatedSignal.h"
 
@@ -10,7 +10,7 @@
 
 struct SimulatedDeviceDescription;
 
-/// Describes a simulated device; every call alters the description and answers it, so that calls chain:
+/// Describes a simulated device; every call alters the description and returns it, so that calls chain:
 /// `aDevice().uid("usb-1").outputs(2).volume(HALDirection::Output, 0.5F)`. A fresh one is a visible virtual
 /// device named "Device" without streams, at 48000 Hz, taking 44100 to 192000 Hz, with 512-frame cycles.
 /// Threads:   one. Copies are independent.
@@ -64,6 +64,10 @@ public:
     SimulatedDeviceBuilder& clockDomain(uint32_t domain);
     /// How much faster than nominal the device's clock runs against the host's, in parts per million.
     SimulatedDeviceBuilder& drift(double partsPerMillion);
+    /// How much later than its clock the time stamps of a cycle are: by so many seconds in the middle, 0.6 to
+    /// 3 times that as a rule, and once in 2000 cycles by up to 0.4 ms more, as threads of a computer are
+    /// late. The same in every run.
+    SimulatedDeviceBuilder& lateness(double seconds);
 
     /// What its inputs hear; silence without one.
     SimulatedDeviceBuilder& hears(SimulatedSource source);

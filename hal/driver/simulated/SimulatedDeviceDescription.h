@@ -7,6 +7,7 @@
 struct SimulatedDeviceDescription {
     HALDeviceState state;
     double driftPartsPerMillion = 0.0;
+    double latenessSeconds = 0.0;
     bool loopsBack = false;
     SimulatedSource source;
     SimulatedSink sink;

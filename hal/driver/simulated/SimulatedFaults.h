@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AudioHardware.h"
+#include "AudioHardwareTypes.h"
 
 #include <atomic>
 #include <mutex>
@@ -14,7 +14,7 @@ public:
     void failWrites(HALStatus status) { _writeStatus = status; }
     void failStarts(HALStatus status) { _startStatus = status; }
 
-    /// What the read about to be answered answers instead; 0 to go on.
+    /// What the read that is about to be carried out returns instead; 0 to go on.
     HALStatus statusOfRead(uint32_t selector, bool isSize);
     HALStatus statusOfWrite() const { return _writeStatus; }
     HALStatus statusOfStart() const { return _startStatus; }

@@ -15,8 +15,8 @@ enum class SimulatedClock {
     RealTime ///< as the host's, each running device, or group of devices, on an IO thread of its own
 };
 
-/// A computer's audio hardware in memory: devices are plugged, changed, unplugged and made to fail as the application
-/// asks. Give it to HALSetHardwareDriver().
+/// A computer's audio hardware in memory: devices are plugged, changed, unplugged and made to fail as the
+/// application asks. Give it to HALSetHardwareDriver().
 /// Threads:   any; the stepping functions on one thread at a time, which then is the IO thread.
 /// Devices of one clock domain that run in one aggregate run in one cycle, at the cycle length of the first.
 class DXR_EXPORT SimulatedHardware final : public HALHardwareDriver {
@@ -26,13 +26,14 @@ public:
 
     // -- Plugging. Announced like any change; each returns whether the device or devices were there.
 
-    /// Plugs the device in; the first that can becomes the default of a direction. 0, and no change, when one of its UID
-    /// is plugged in already, or the HAL does not use this hardware yet (the device is then reported when it does).
+    /// Plugs the device in; the first that can becomes the default of a direction. 0, and no change, when one
+    /// of its UID is plugged in already, or the HAL does not use this hardware yet (the device is then
+    /// reported when it does).
     AudioObjectID plug(const SimulatedDeviceBuilder& device);
     /// Its callbacks are over on return, unless one of them calls this.
     bool unplug(const std::string& uid);
-    /// Lets `change` alter any part of the device's description: name, streams, rates, controls, signals. Only the UID
-    /// stays.
+    /// Lets `change` alter any part of the device's description: name, streams, rates, controls, signals.
+    /// Only the UID stays.
     bool reconfigure(const std::string& uid, const CXBlock<void(SimulatedDeviceBuilder&)>& change);
     /// The default for the direction, and for output the system's default, too; the empty UID is none.
     bool setDefault(HALDirection direction, const std::string& uid);
@@ -42,11 +43,12 @@ public:
 
     // -- Faults. Reads fail for the whole process: install rules on one computer only.
 
-    /// Counting from now and from 1, the `nth` to `nth + count - 1` reads of `selector` (any for '****') on any object
-    /// return `status`. Reads of sizes count as well. Replaces the rule before; count 0 removes it.
+    /// Counting from now and from 1, the `nth` to `nth + count - 1` reads of `selector` (any for '****') on
+    /// any object return `status`. Reads of sizes count as well. Replaces the rule before; count 0 removes
+    /// it.
     void failReads(uint32_t selector, uint64_t nth, uint64_t count, HALStatus status);
-    /// Calls `script` once, before the `nth` read of data (not of a size) of `selector` is carried out, on the reading
-    /// thread: the place to change a value between the read of its size and the read of its data.
+    /// Calls `script` once, before the `nth` read of data (not of a size) of `selector` is carried out, on
+    /// the reading thread: the place to change a value between the read of its size and the read of its data.
     void beforeRead(uint32_t selector, uint64_t nth, CXBlock<void()> script);
     /// Property writes and starts return `status` from now on, and do nothing; 0 ends this.
     void failWrites(HALStatus status);
@@ -63,7 +65,8 @@ public:
     /// The simulated host time in ticks; the host clock's on a real-time clock.
     uint64_t nowTicks() const;
 
-    /// Waits until every change so far has been delivered to the listeners without a queue. Not from a listener.
+    /// Waits until every change so far has been delivered to the listeners without a queue. Not from a
+    /// listener.
     void settle();
 
     void start(HALDriverSink& sink) override;

@@ -13,7 +13,8 @@ public:
     SimulatedFaults faults;
     SimulatedScheduler scheduler;
 
-    // One change of the hardware at a time, from its first step to the sink's last. Taken before any other lock.
+    // One change of the hardware at a time, from its first step to the sink's last. Taken before any other
+    // lock.
     std::mutex scriptMutex;
     HALDriverSink* sink = nullptr; // under scriptMutex; null before start() and after stop()
 

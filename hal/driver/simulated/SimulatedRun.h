@@ -55,7 +55,8 @@ private:
     void _addBlocks(const Member& member, const HALCycle& own, uint32_t frameCount);
     double _followTime(const HALCycle& leaders, uint64_t lostCycles);
 
-    // Held through a cycle, and taken before the devices' locks; recursive, because a callback may unplug a member.
+    // Held through a cycle, and taken before the devices' locks; recursive, because a callback may unplug a
+    // member.
     mutable std::recursive_mutex _mutex;
     std::vector<Member> _members;
     CXRef<HALIOProcTable> _groupTable; // none for a device by itself

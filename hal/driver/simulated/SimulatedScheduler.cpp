@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <system_error>
 
 /// Runs one run's cycles when they fall due, until stop().
 class SimulatedScheduler::IOThread final : public CXObject {
@@ -89,12 +90,16 @@ SimulatedScheduler::SimulatedScheduler(bool isStepped) : _isStepped(isStepped) {
 
 SimulatedScheduler::~SimulatedScheduler() = default;
 
-void SimulatedScheduler::add(const CXRef<SimulatedRun>& run)
-{
+HALStatus SimulatedScheduler::add(const CXRef<SimulatedRun>& run)
+try {
     run->begin(nowTicks());
     const CXRef<IOThread> thread = _isStepped ? nullptr : IOThread::initWithRun(run);
     const std::scoped_lock lock(_mutex);
     _threads.emplace(run, thread);
+    return kAudioHardwareNoError;
+} catch (const std::system_error& error) {
+    platform::LogSink::log(std::string("Simulated device: cannot create a thread: ") + error.what());
+    return kAudioHardwareUnspecifiedError;
 }
 
 void SimulatedScheduler::remove(const CXRef<SimulatedRun>& run)

@@ -6,7 +6,8 @@
 #include <map>
 #include <thread>
 
-/// Runs cycles when they fall due: on the stepped clock when told, on the real-time clock on a thread for each run.
+/// Runs cycles when they fall due: on the stepped clock as the application asks, on the real-time clock on a
+/// thread for each run.
 /// Threads: any; advance() and stepCycles() on one at a time, which is the IO thread then.
 /// Waits:   remove() for a running cycle, except on the IO thread.
 class SimulatedScheduler {
@@ -16,8 +17,8 @@ public:
     SimulatedScheduler(const SimulatedScheduler&) = delete;
     SimulatedScheduler& operator=(const SimulatedScheduler&) = delete;
 
-    /// Begins the run's cycles.
-    void add(const CXRef<SimulatedRun>& run);
+    /// Begins the run's cycles; 'what' when there is no thread for them.
+    HALStatus add(const CXRef<SimulatedRun>& run);
     /// Ends them: on return no cycle of the run runs, on its IO thread the current one is the last.
     void remove(const CXRef<SimulatedRun>& run);
     /// Looks again at when the run's next cycle is due.

@@ -11,8 +11,10 @@
 #include <future>
 #include <map>
 #include <set>
+#include <sys/resource.h>
 #include <thread>
 #include <tuple>
+#include <unistd.h>
 
 namespace {
 
@@ -420,6 +422,49 @@ TEST_F(HALModelDrivers, aSecondDeviceOfOneUIDIsRefused)
     EXPECT_EQ(hardware->sink->deviceAdded(second, ScriptedHardware::stateOf("one", 1)), kAudioObjectUnknown);
     hardware->sink->deviceRemoved(*second);
     EXPECT_EQ(readDevices(*model).size(), 1U);
+}
+
+// ---- Without threads
+
+/// In a child process that may have no thread besides its own until maySpawn(): the functions return 'what' and throw
+/// nothing, and go on when there is a thread again.
+int callsWithoutThreads()
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NPROC, &limit);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = 1;
+    const bool isLimited = setrlimit(RLIMIT_NPROC, &limit) == 0 && setresuid(65534, 65534, 65534) == 0;
+    const auto setDriver = [] { return HALSetHardwareDriver(SimulatedHardware::init()); };
+    const AudioObjectPropertyAddress devices = at(kAudioHardwarePropertyDevices);
+    uint32_t size = 0;
+    const bool refused =
+        !setDriver() && AudioObjectGetPropertyDataSize(kAudioObjectSystemObject, &devices, 0, nullptr,
+                                                       &size) == kAudioHardwareUnspecifiedError;
+    limit.rlim_cur = before;
+    setrlimit(RLIMIT_NPROC, &limit);
+    const CXRef<SimulatedHardware> hardware = SimulatedHardware::init();
+    const bool recovers = HALSetHardwareDriver(hardware);
+    const AudioObjectID device = hardware->plug(aDevice().uid("one").outputs(2));
+    AudioDeviceIOProcID proc = nullptr;
+    AudioDeviceCreateIOProcIDWithBlock(&proc, device, nullptr,
+                                       [](const AudioTimeStamp*, const AudioBufferList*,
+                                          const AudioTimeStamp*, AudioBufferList*, const AudioTimeStamp*) {});
+    limit.rlim_cur = 1;
+    setrlimit(RLIMIT_NPROC, &limit);
+    const bool startFails = AudioDeviceStart(device, proc) == kAudioHardwareUnspecifiedError;
+    limit.rlim_cur = before;
+    setrlimit(RLIMIT_NPROC, &limit);
+    const bool starts = AudioDeviceStart(device, proc) == kAudioHardwareNoError;
+    std::fprintf(stderr, "limited %d refused %d recovers %d startFails %d starts %d\n", isLimited, refused,
+                 recovers, startFails, starts);
+    return isLimited && refused && recovers && startFails && starts ? 0 : 1;
+}
+
+TEST(HALFunctionsDeathTest, returnAnErrorWithoutThreads)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(_exit(callsWithoutThreads()), testing::ExitedWithCode(0), "starts 1");
 }
 
 } // namespace

@@ -22,15 +22,24 @@ public:
                             : outputs == 0 ? "Audio/Source/Virtual"
                                            : "Audio/Duplex";
         device.properties = {{PW_KEY_NODE_DESCRIPTION, name}};
+#ifdef DXR_TEST_CLOCK_EACH
+        device.properties["clock.name"] = "clock." + uid; // no group with the others: bridges
+#endif
         _devices.plugExported(device);
         return uid;
     }
-    void unplug(const std::string& uid) override { _devices.unplug(uid); }
+    void unplug(const std::string& uid) override
+    {
+        _devices.unplug(uid);
+    }
     void rename(const std::string& uid, const std::string& name) override
     {
         _devices.change(uid, {{PW_KEY_NODE_DESCRIPTION, name}});
     }
-    void letTimePass() override { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }
+    void letTimePass() override
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
 
 private:
     PrivateServer _server;

@@ -125,7 +125,8 @@ TEST(PipeWireServer, keepsNobodyWaitingWhileItHangs)
               8.0);
     // One that comes now finds a server that takes the connection and then says nothing.
     EXPECT_LT(secondsOf([&] {
-                  const CXRef<HALModel> late = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
+                  const CXRef<HALModel> late =
+                      HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
                   EXPECT_TRUE(readDevices(*late).empty());
               }),
               8.0);

@@ -148,6 +148,34 @@ TEST_F(SimulatedIO, letsEachDeviceRunOnItsOwnClock)
     }
 }
 
+/// Stamps are late by what was asked in the middle, the same in every run, and sample time does not mind.
+TEST_F(SimulatedIO, stampsCyclesAsLateAsAskedFor)
+{
+    constexpr double lateness = 100e-6;
+    std::vector<std::vector<double>> runs;
+    for (int run = 0; run < 2; ++run) {
+        const CXRef<SimulatedHardware> hardware = SimulatedHardware::init(SimulatedClock::Stepped);
+        const CXRef<HALModel> own = HALModel::initWithDriver(hardware);
+        const AudioObjectID device = hardware->plug(aDevice().uid("late").outputs(1).lateness(lateness));
+        std::vector<double>& late = runs.emplace_back(4001); // the callback may not allocate
+        const uint64_t first = hardware->nowTicks() + 512 * 1'000'000'000ULL / 48000;
+        size_t cycle = 0;
+        started(*own, device,
+                [&](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*,
+                    AudioBufferList*, const AudioTimeStamp*) {
+                    const double due = static_cast<double>(cycle) * 512.0 / 48000.0;
+                    late[cycle++] = static_cast<double>(now->hostTime - first) * 1e-9 - due;
+                });
+        hardware->stepCycles(4000);
+        late.resize(cycle);
+    }
+    EXPECT_EQ(runs[0], runs[1]);
+    std::ranges::sort(runs[0]);
+    EXPECT_NEAR(runs[0][runs[0].size() / 2], lateness, 5e-6);
+    EXPECT_GE(runs[0].front(), 0.6 * lateness - 1e-8);
+    EXPECT_GT(runs[0].back(), 2.0 * lateness);
+}
+
 TEST_F(SimulatedIO, tellsOfLostCyclesByAJumpInSampleTimeAndANotification)
 {
     const AudioObjectID device = hal->plug(aDevice().uid("lossy").outputs(2));

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-/// Sends frames through what lies between two ports, and measures how late they come back. Each frame is the number of
-/// its time, in steps of 2^-24, so that one that is lost, repeated or brought to another rate tells its time still.
+/// Sends frames through what is connected between two ports, and measures how late they come back. Each frame is the number of
+/// its time, in steps of 2^-24, so that one that is lost, repeated or resampled still states its time.
 /// Threads: one; frames are sent and heard on PipeWire's audio thread.
 class LatencyProbe {
 public:

@@ -2,7 +2,7 @@
 
 #include "PipeWireDriver.h"
 
-CXRef<HALHardwareDriver> halMakeDefaultDriver()
+CXRef<HALHardwareDriver> halMakePipeWireDriver()
 {
     return PipeWireDriver::initWithRemote();
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "CXExport.h"
-
 #include <cstdint>
 #include <vector>
 
@@ -67,7 +65,7 @@ struct DriftOutcome {
 };
 
 /// Runs the controller.
-DXR_EXPORT DriftOutcome simulateDrift(const DriftScenario& scenario);
+DriftOutcome simulateDrift(const DriftScenario& scenario);
 
 struct DriftTone {
     double signalToNoise = 0.0; ///< dB, of all tenths of a second together
@@ -77,4 +75,4 @@ struct DriftTone {
 /// Sends a sine of `hertz` through the whole path and compares each tenth of a second from `fromSeconds` on with the
 /// sine, of any level, phase and frequency, that fits it best: what is left is noise, and the sidebands of a ratio that
 /// wobbles.
-DXR_EXPORT DriftTone simulateDriftOfTone(const DriftScenario& scenario, double hertz, double fromSeconds);
+DriftTone simulateDriftOfTone(const DriftScenario& scenario, double hertz, double fromSeconds);

@@ -1,0 +1,7 @@
+#include "HALDefaultDriver.h"
+
+// A build without PipeWire.
+CXRef<HALHardwareDriver> halMakePipeWireDriver()
+{
+    return nullptr;
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "AlsaDevice.h"
+#include "AlsaFolderWatch.h"
+#include "Thread.h"
+
+#include <filesystem>
+#include <map>
+
+/// The sound cards of this machine without a sound server: a device for each PCM, volumes, inputs and jacks, as cards
+/// come and go. The default devices are the process's own.
+/// Threads: as HALHardwareDriver; one of its own watches the cards, and each device that runs has one.
+/// Fails:   without cards there are no devices, until there are. A card that another program uses stays listed when it was
+///          free before; starting it returns 'what'.
+class AlsaDriver final : public HALHardwareDriver {
+public:
+    /// A device's ring is `periodCount` cycles long: 3, or 2 for less latency and less time for each cycle. `system` is
+    /// where the kernel's device tree is seen.
+    static CXRef<AlsaDriver> init(uint32_t periodCount = 3, std::filesystem::path system = "/sys");
+
+    void start(HALDriverSink& sink) override;
+    void stop() override;
+    HALStatus chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline) override;
+
+private:
+    struct Entry {
+        CXRef<AlsaCard> card;
+        AlsaCardInfo info;
+        AlsaIdentity identity;
+        std::vector<CXRef<AlsaDevice>> devices;
+    };
+
+    AlsaDriver(uint32_t periodCount, std::filesystem::path system);
+    ~AlsaDriver() override;
+
+    void _run();
+    void _wake() const noexcept;
+    void _scan();
+    void _fileChanged(AlsaFolderWatch::Event event, const std::string& name);
+    void _cardAppeared(int number);
+    void _cardGone(int number);
+    bool _openCard(int number);
+    void _addDevices(Entry& entry);
+    void _useChanged(int number, unsigned pcm);
+    void _readCard(int number);
+    void _reportNews();
+    void _updateDefaults();
+    CXRef<AlsaDevice> _bestDefault(HALDirection direction, const std::string& chosenUID,
+                                   const CXRef<AlsaDevice>& current) const;
+
+    const uint32_t _periodCount;
+    const std::filesystem::path _system;
+    const int _wakeUps; // eventfd: a device has news, or the thread is to end
+    std::atomic<bool> _isStopping{false};
+
+    // start() and then the thread's
+    HALDriverSink* _sink = nullptr;
+    AlsaFolderWatch _folder;
+    std::map<int, Entry> _cards; // by number
+
+    std::mutex _defaultsMutex;               // guards what follows; held while the sink is called
+    std::vector<CXRef<AlsaDevice>> _devices; // that are added
+    std::array<std::string, 3> _chosen;      // UIDs, by HALDefault; empty: none chosen
+    std::array<CXRef<AlsaDevice>, 3> _defaults;
+
+    platform::Thread _thread;
+};

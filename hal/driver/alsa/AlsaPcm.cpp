@@ -1,0 +1,326 @@
+#include "AlsaPcm.h"
+
+#include "AlsaQuiet.h"
+#include "HostClock.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::array<uint32_t, 13> usualRates{8000,  11025, 16000,  22050,  32000,  44100, 48000,
+                                              88200, 96000, 176400, 192000, 352800, 384000};
+constexpr snd_pcm_uframes_t minCycleFrames = 16;
+constexpr snd_pcm_uframes_t maxCycleFrames = 8192;
+constexpr uint32_t usualChannels = 8; // of a device that takes any number
+constexpr uint32_t maxChannels = 256;
+constexpr uint64_t maxStampAge = 1'000'000'000; // nanoseconds; an older one is nonsense
+
+snd_pcm_stream_t streamOf(HALDirection direction)
+{
+    return direction == HALDirection::Input ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK;
+}
+
+/// An error as one: what should be negative or 0 and is neither is a driver's nonsense.
+int failure(int result)
+{
+    return result < 0 ? result : 0;
+}
+
+int setAccess(snd_pcm_t* pcm, snd_pcm_hw_params_t* hardware, bool& isMapped)
+{
+    isMapped = snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_MMAP_INTERLEAVED) == 0;
+    return isMapped ? 0 : snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED);
+}
+
+int setFormat(snd_pcm_t* pcm, snd_pcm_hw_params_t* hardware, snd_pcm_format_t& chosen)
+{
+    for (const snd_pcm_format_t format : alsaFormats) {
+        if (snd_pcm_hw_params_set_format(pcm, hardware, format) == 0) {
+            chosen = format;
+            return 0;
+        }
+    }
+    return -EINVAL;
+}
+
+} // namespace
+
+// ---- Opening
+
+std::unique_ptr<AlsaPcm> AlsaPcm::open(const std::string& name, HALDirection direction,
+                                       const AlsaSetup& setup, int& error)
+{
+    const AlsaQuiet quiet;
+    snd_pcm_t* opened = nullptr;
+    error = failure(snd_pcm_open(&opened, name.c_str(), streamOf(direction), SND_PCM_NONBLOCK));
+    if (error)
+        return nullptr;
+    std::unique_ptr<AlsaPcm> pcm(new AlsaPcm(opened, direction, setup));
+    error = pcm->_configure();
+    return error ? nullptr : std::move(pcm);
+}
+
+AlsaPcm::AlsaPcm(snd_pcm_t* pcm, HALDirection direction, const AlsaSetup& setup)
+    : _pcm(pcm), _isCapture(direction == HALDirection::Input), _setup(setup)
+{}
+
+AlsaPcm::~AlsaPcm()
+{
+    const AlsaQuiet quiet;
+    snd_pcm_drop(_pcm);
+    snd_pcm_close(_pcm);
+}
+
+int AlsaPcm::_configure()
+{
+    snd_pcm_hw_params_t* hardware = nullptr;
+    snd_pcm_hw_params_alloca(&hardware);
+    _ringChannels = _setup.channelCount;
+    if (const int error = failure(snd_pcm_hw_params_any(_pcm, hardware)))
+        return error;
+    if (const int error = setAccess(_pcm, hardware, _isMapped))
+        return error;
+    if (const int error = setFormat(_pcm, hardware, _format))
+        return error;
+    if (const int error = snd_pcm_hw_params_set_rate(_pcm, hardware, _setup.rate, 0))
+        return error;
+    // What else runs on the device may leave it fewer or more channels than it had when it was asked.
+    if (const int error = snd_pcm_hw_params_set_channels_near(_pcm, hardware, &_ringChannels))
+        return error;
+    if (_ringChannels == 0 || _ringChannels > maxChannels)
+        return -EINVAL;
+    if (const int error = _configureRing(hardware))
+        return error;
+    if (const int error = _configureStart())
+        return error;
+    if (!_isMapped)
+        _scratch.resize(size_t{_setup.frameCount} * _ringChannels *
+                        static_cast<size_t>(snd_pcm_format_physical_width(_format) / 8));
+    const int count = snd_pcm_poll_descriptors_count(_pcm);
+    if (count <= 0 || count > 16)
+        return -EINVAL;
+    _descriptors.resize(static_cast<size_t>(count));
+    return snd_pcm_poll_descriptors(_pcm, _descriptors.data(), static_cast<unsigned>(count)) == count
+               ? 0
+               : -EINVAL;
+}
+
+/// Periods of one cycle where the device can, else of about that: cycles are made of what has come, not of periods.
+int AlsaPcm::_configureRing(snd_pcm_hw_params_t* hardware)
+{
+    snd_pcm_uframes_t period = _setup.frameCount;
+    snd_pcm_uframes_t ring = snd_pcm_uframes_t{_setup.frameCount} * _setup.periodCount;
+    int direction = 0;
+    if (const int error = snd_pcm_hw_params_set_period_size_near(_pcm, hardware, &period, &direction))
+        return error;
+    if (const int error = snd_pcm_hw_params_set_buffer_size_near(_pcm, hardware, &ring))
+        return error;
+    if (const int error = failure(snd_pcm_hw_params(_pcm, hardware)))
+        return error;
+    if (const int error = snd_pcm_hw_params_get_buffer_size(hardware, &_ringFrames))
+        return error;
+    _periodCount = static_cast<uint32_t>(
+        std::min<snd_pcm_uframes_t>(_setup.periodCount, _ringFrames / _setup.frameCount));
+    if (_periodCount < 2)
+        return -EINVAL;
+    _unused = _ringFrames - snd_pcm_uframes_t{_periodCount} * _setup.frameCount;
+    return 0;
+}
+
+int AlsaPcm::_configureStart()
+{
+    snd_pcm_sw_params_t* software = nullptr;
+    snd_pcm_sw_params_alloca(&software);
+    snd_pcm_uframes_t boundary = 0;
+    if (const int error = snd_pcm_sw_params_current(_pcm, software))
+        return error;
+    if (const int error = snd_pcm_sw_params_get_boundary(software, &boundary))
+        return error;
+    const snd_pcm_uframes_t wake = _setup.frameCount + (_isCapture ? 0 : _unused);
+    // It starts when it is told to, and stops when it runs empty or over: with a threshold beyond the ring it would go on
+    // without a word.
+    int error = snd_pcm_sw_params_set_start_threshold(_pcm, software, boundary);
+    error = error ? error : snd_pcm_sw_params_set_stop_threshold(_pcm, software, _ringFrames);
+    error = error ? error : snd_pcm_sw_params_set_avail_min(_pcm, software, wake);
+    error = error ? error : snd_pcm_sw_params_set_tstamp_mode(_pcm, software, SND_PCM_TSTAMP_ENABLE);
+    if (error)
+        return error;
+    snd_pcm_sw_params_set_tstamp_type(_pcm, software, SND_PCM_TSTAMP_TYPE_MONOTONIC); // else see stamp()
+    return failure(snd_pcm_sw_params(_pcm, software));
+}
+
+std::optional<AlsaAbilities> AlsaPcm::probe(const std::string& name, HALDirection direction, int& error)
+{
+    const AlsaQuiet quiet;
+    snd_pcm_t* pcm = nullptr;
+    error = failure(snd_pcm_open(&pcm, name.c_str(), streamOf(direction), SND_PCM_NONBLOCK));
+    if (error)
+        return std::nullopt;
+    const std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> closer(pcm, snd_pcm_close);
+    snd_pcm_hw_params_t* hardware = nullptr;
+    snd_pcm_hw_params_alloca(&hardware);
+    bool isMapped = false;
+    auto format = SND_PCM_FORMAT_UNKNOWN;
+    error = failure(snd_pcm_hw_params_any(pcm, hardware));
+    error = error ? error : setAccess(pcm, hardware, isMapped);
+    error = error ? error : setFormat(pcm, hardware, format);
+    AlsaAbilities can;
+    unsigned minChannels = 0;
+    snd_pcm_uframes_t minPeriod = 0, maxRing = 0;
+    int side = 0;
+    error = error ? error : snd_pcm_hw_params_get_channels_min(hardware, &minChannels);
+    error = error ? error : snd_pcm_hw_params_get_channels_max(hardware, &can.channelCount);
+    error = error ? error : snd_pcm_hw_params_get_period_size_min(hardware, &minPeriod, &side);
+    error = error ? error : snd_pcm_hw_params_get_buffer_size_max(hardware, &maxRing);
+    for (const uint32_t rate : usualRates)
+        if (!error && snd_pcm_hw_params_test_rate(pcm, hardware, rate, 0) == 0)
+            can.rates.push_back(rate);
+    if (can.channelCount > usualChannels)
+        can.channelCount = std::max(minChannels, usualChannels);
+    can.minFrames = static_cast<uint32_t>(std::clamp(minPeriod, minCycleFrames, 2 * maxCycleFrames));
+    can.maxFrames = static_cast<uint32_t>(std::min(maxRing / 2, maxCycleFrames));
+    const bool isUsable = can.channelCount > 0 && can.channelCount <= maxChannels && !can.rates.empty() &&
+                          can.minFrames <= can.maxFrames;
+    if (!error && !isUsable)
+        error = -EINVAL;
+    return error ? std::nullopt : std::optional(can);
+}
+
+// ---- Running
+
+bool AlsaPcm::link(AlsaPcm& other)
+{
+    const AlsaQuiet quiet;
+    return snd_pcm_link(_pcm, other._pcm) == 0;
+}
+
+int AlsaPcm::prepare()
+{
+    const AlsaQuiet quiet;
+    snd_pcm_drop(_pcm); // it may still run, after an error of the other direction
+    return failure(snd_pcm_prepare(_pcm));
+}
+
+int AlsaPcm::fill() noexcept
+{
+    _transferred = 0;
+    for (uint32_t cycle = 0; !_isCapture && cycle < _periodCount; ++cycle)
+        if (const int error = _transfer(nullptr, _setup.frameCount))
+            return error;
+    return 0;
+}
+
+int AlsaPcm::start()
+{
+    const AlsaQuiet quiet;
+    return failure(snd_pcm_start(_pcm));
+}
+
+int AlsaPcm::errorIn(std::span<const pollfd> polled) const noexcept
+{
+    int all = 0;
+    for (const pollfd& each : polled)
+        all |= each.revents;
+    // Of a device that is gone the kernel may report this alone: its state still reads as running.
+    if ((all & (POLLNVAL | POLLHUP)) != 0)
+        return -ENODEV;
+    if ((all & POLLERR) == 0)
+        return 0;
+    switch (snd_pcm_state(_pcm)) {
+    case SND_PCM_STATE_XRUN:
+        return -EPIPE;
+    case SND_PCM_STATE_SUSPENDED:
+        return -ESTRPIPE;
+    case SND_PCM_STATE_DISCONNECTED:
+        return -ENODEV;
+    default:
+        return -EIO;
+    }
+}
+
+int AlsaPcm::isReady() noexcept
+{
+    const snd_pcm_sframes_t available = snd_pcm_avail_update(_pcm);
+    if (available < 0)
+        return static_cast<int>(available);
+    if (static_cast<snd_pcm_uframes_t>(available) > _ringFrames)
+        return -EPIPE;
+    const snd_pcm_uframes_t needed = _setup.frameCount + (_isCapture ? 0 : _unused);
+    return static_cast<snd_pcm_uframes_t>(available) >= needed ? 1 : 0;
+}
+
+AlsaPcm::Stamp AlsaPcm::stamp() noexcept
+{
+    snd_pcm_uframes_t available = 0;
+    snd_htimestamp_t time{};
+    const uint64_t now = platform::HostClock::nowTicks();
+    const int error = snd_pcm_htimestamp(_pcm, &available, &time);
+    uint64_t stamp = static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
+    // Some drivers have no stamps, or stamps of another clock.
+    if (error < 0 || stamp > now + maxStampAge || stamp + maxStampAge < now)
+        stamp = now;
+    available = std::min(available, _ringFrames);
+    const uint64_t inRing = _isCapture ? available : _ringFrames - available;
+    return {stamp, _isCapture ? _transferred + inRing : _transferred - std::min(_transferred, inRing)};
+}
+
+int AlsaPcm::transfer(float* samples) noexcept
+{
+    return _transfer(samples, _setup.frameCount);
+}
+
+int AlsaPcm::_transfer(float* samples, snd_pcm_uframes_t frameCount) noexcept
+{
+    const int error =
+        _isMapped ? _transferMapped(samples, frameCount) : _transferByCalls(samples, frameCount);
+    _transferred += error ? 0 : frameCount;
+    return error;
+}
+
+void AlsaPcm::_convert(float* samples, std::byte* ring, size_t frameCount) const noexcept
+{
+    if (_isCapture)
+        alsaDecode(_format, ring, _ringChannels, samples, _setup.channelCount, frameCount);
+    else
+        alsaEncode(_format, samples, _setup.channelCount, ring, _ringChannels, frameCount);
+}
+
+int AlsaPcm::_transferMapped(float* samples, snd_pcm_uframes_t frameCount) noexcept
+{
+    while (frameCount > 0) {
+        const snd_pcm_channel_area_t* areas = nullptr;
+        snd_pcm_uframes_t offset = 0;
+        snd_pcm_uframes_t count = frameCount;
+        if (const int error = snd_pcm_mmap_begin(_pcm, &areas, &offset, &count); error < 0)
+            return error;
+        if (count == 0 || count > frameCount)
+            return -EPIPE;
+        auto* const ring =
+            static_cast<std::byte*>(areas[0].addr) + areas[0].first / 8 + offset * (areas[0].step / 8);
+        _convert(samples, ring, count);
+        const snd_pcm_sframes_t done = snd_pcm_mmap_commit(_pcm, offset, count);
+        if (done < 0 || static_cast<snd_pcm_uframes_t>(done) != count)
+            return done < 0 ? static_cast<int>(done) : -EPIPE;
+        samples = samples ? samples + count * _setup.channelCount : nullptr;
+        frameCount -= count;
+    }
+    return 0;
+}
+
+int AlsaPcm::_transferByCalls(float* samples, snd_pcm_uframes_t frameCount) noexcept
+{
+    if (!_isCapture)
+        _convert(samples, _scratch.data(), frameCount);
+    const size_t frameBytes = _scratch.size() / _setup.frameCount;
+    for (snd_pcm_uframes_t moved = 0; moved < frameCount;) {
+        std::byte* const place = _scratch.data() + moved * frameBytes;
+        const snd_pcm_sframes_t count = _isCapture ? snd_pcm_readi(_pcm, place, frameCount - moved)
+                                                   : snd_pcm_writei(_pcm, place, frameCount - moved);
+        if (count <= 0) // it said before that there was room
+            return count < 0 && count != -EAGAIN ? static_cast<int>(count) : -EPIPE;
+        moved += std::min(static_cast<snd_pcm_uframes_t>(count), frameCount - moved);
+    }
+    if (_isCapture)
+        _convert(samples, _scratch.data(), frameCount);
+    return 0;
+}

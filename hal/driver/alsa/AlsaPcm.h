@@ -1,0 +1,93 @@
+#pragma once
+
+#include "AlsaFormat.h"
+#include "CXRealtime.h"
+#include "HALDirection.h"
+
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+/// How one direction of a device is to run.
+struct AlsaSetup {
+    uint32_t channelCount = 0;
+    uint32_t rate = 0;        ///< Hz
+    uint32_t frameCount = 0;  ///< of a cycle
+    uint32_t periodCount = 3; ///< cycles that the ring is long; fewer where it has no room
+};
+
+/// What one direction of a device can do.
+struct AlsaAbilities {
+    uint32_t channelCount = 0;
+    std::vector<uint32_t> rates; ///< Hz, ascending
+    uint32_t minFrames = 0;      ///< of a cycle
+    uint32_t maxFrames = 0;
+};
+
+/// One direction of a device, open. Frames go in and out through its ring, mapped or by read and write.
+/// Threads:   one at a time.
+/// Real time: where marked.
+/// Fails:     with a negative errno: -EPIPE is an overload, -ESTRPIPE a suspend, -ENODEV a device that is gone.
+class AlsaPcm {
+public:
+    /// Null, and `error`, when the device is gone, used by another program or not able to run like this.
+    static std::unique_ptr<AlsaPcm> open(const std::string& name, HALDirection direction,
+                                         const AlsaSetup& setup, int& error);
+    /// Asks a device that no one uses; none, and `error`, when it cannot be asked or has nothing that we can use.
+    static std::optional<AlsaAbilities> probe(const std::string& name, HALDirection direction, int& error);
+    ~AlsaPcm();
+    AlsaPcm(const AlsaPcm&) = delete;
+    AlsaPcm& operator=(const AlsaPcm&) = delete;
+
+    /// From now on prepare() and start() act on both. False when they cannot be linked.
+    bool link(AlsaPcm& other);
+    int prepare();
+    /// Fills the ring with periodCount cycles of silence.
+    int fill() noexcept;
+    int start();
+    /// For poll(); the same until the end.
+    const std::vector<pollfd>& descriptors() const noexcept { return _descriptors; }
+    /// Cycles that the ring holds.
+    uint32_t periodCount() const noexcept { return _periodCount; }
+
+    /// Where the device's clock was at a moment.
+    struct Stamp {
+        uint64_t hostNanoseconds;
+        uint64_t position; ///< frames captured or played since prepare()
+    };
+
+    /// The error in what poll() returned for the descriptors; 0 when there is none.
+    int errorIn(std::span<const pollfd> polled) const noexcept;
+    /// Whether a cycle's frames have been captured, or can be written without more than periodCount cycles waiting in
+    /// the ring; or an error.
+    int isReady() noexcept CX_REALTIME;
+    Stamp stamp() noexcept CX_REALTIME;
+    /// Moves one cycle's interleaved frames of `channelCount` channels.
+    int transfer(float* samples) noexcept CX_REALTIME;
+
+private:
+    AlsaPcm(snd_pcm_t* pcm, HALDirection direction, const AlsaSetup& setup);
+    int _configure();
+    int _configureRing(snd_pcm_hw_params_t* hardware);
+    int _configureStart();
+    int _transfer(float* samples, snd_pcm_uframes_t frameCount) noexcept;
+    int _transferMapped(float* samples, snd_pcm_uframes_t frameCount) noexcept;
+    int _transferByCalls(float* samples, snd_pcm_uframes_t frameCount) noexcept;
+    void _convert(float* samples, std::byte* ring, size_t frameCount) const noexcept;
+
+    snd_pcm_t* const _pcm;
+    const bool _isCapture;
+    const AlsaSetup _setup;
+    snd_pcm_format_t _format = SND_PCM_FORMAT_UNKNOWN;
+    bool _isMapped = false;
+    uint32_t _ringChannels = 0;
+    uint32_t _periodCount = 0;
+    snd_pcm_uframes_t _ringFrames = 0;
+    snd_pcm_uframes_t _unused =
+        0; // frames of the ring that stay empty: it is longer than the cycles that are wanted
+    uint64_t _transferred = 0;       // frames since prepare()
+    std::vector<std::byte> _scratch; // one cycle, where the ring is not mapped
+    std::vector<pollfd> _descriptors;
+};

@@ -1,0 +1,153 @@
+#include "AlsaReservation.h"
+
+#include "HostClock.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <utility>
+
+namespace {
+
+constexpr const char* interface = "org.freedesktop.ReserveDevice1";
+// Above a sound server's, which steps aside for programs that want a card for themselves.
+constexpr int32_t priority = 10;
+constexpr uint64_t waitMicroseconds = 1'000'000;
+
+uint64_t nowMicroseconds()
+{
+    return platform::HostClock::nowTicks() / 1000;
+}
+
+int readPriority(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
+{
+    return sd_bus_message_append(reply, "i", priority);
+}
+
+int readName(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
+{
+    return sd_bus_message_append(reply, "s", "dxr");
+}
+
+} // namespace
+
+const sd_bus_vtable AlsaReservation::methods[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD(
+        "RequestRelease", "i", "b",
+        [](sd_bus_message* message, void* data, sd_bus_error*) {
+            auto* const self = static_cast<AlsaReservation*>(data);
+            int32_t theirs = 0;
+            if (const int error = sd_bus_message_read(message, "i", &theirs); error < 0)
+                return error;
+            if (!self->_isHeld || theirs <= priority || self->_request)
+                return sd_bus_reply_method_return(message, "b", static_cast<int>(!self->_isHeld));
+            self->_request = sd_bus_message_ref(message); // the reply comes when the card is closed
+            return 1;
+        },
+        SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_PROPERTY("Priority", "i", readPriority, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_PROPERTY("ApplicationName", "s", readName, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_PROPERTY("ApplicationDeviceName", "s", readName, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+    SD_BUS_VTABLE_END,
+};
+
+AlsaReservation::AlsaReservation(int cardNumber)
+    : _name(std::string(interface) + ".Audio" + std::to_string(cardNumber)),
+      _path("/org/freedesktop/ReserveDevice1/Audio" + std::to_string(cardNumber))
+{}
+
+AlsaReservation::~AlsaReservation()
+{
+    _disconnect();
+}
+
+/// The library's own way of waiting for the bus would wait half a minute for one that is stuck.
+bool AlsaReservation::_connect()
+{
+    if (_bus && sd_bus_is_open(_bus) > 0)
+        return true;
+    _disconnect();
+    if (sd_bus_open_user(&_bus) < 0) {
+        _bus = nullptr;
+        return false;
+    }
+    sd_bus_set_method_call_timeout(_bus, waitMicroseconds);
+    const uint64_t deadline = nowMicroseconds() + waitMicroseconds;
+    while (sd_bus_is_ready(_bus) == 0) {
+        const uint64_t now = nowMicroseconds();
+        const int processed = sd_bus_process(_bus, nullptr);
+        if (processed < 0 || now >= deadline)
+            break;
+        if (processed == 0)
+            sd_bus_wait(_bus, deadline - now);
+    }
+    if (sd_bus_is_ready(_bus) > 0 &&
+        sd_bus_add_object_vtable(_bus, nullptr, _path.c_str(), interface, methods, this) >= 0)
+        return true;
+    _disconnect();
+    return false;
+}
+
+void AlsaReservation::_disconnect()
+{
+    sd_bus_message_unref(std::exchange(_request, nullptr));
+    sd_bus_close_unref(std::exchange(_bus, nullptr)); // without a flush, which could wait
+    _isHeld = false;
+}
+
+int AlsaReservation::acquire()
+{
+    if (!_connect() || _isHeld)
+        return 0;
+    int result = sd_bus_request_name(_bus, _name.c_str(), SD_BUS_NAME_ALLOW_REPLACEMENT);
+    const bool isOwned = result == -EEXIST;
+    if (isOwned) {
+        if (!_askOwner())
+            return -EBUSY;
+        result = sd_bus_request_name(_bus, _name.c_str(),
+                                     SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING);
+    }
+    if (result == -EEXIST)
+        return -EBUSY;
+    _isHeld = result >= 0;
+    return isOwned ? 1 : 0; // a bus that fails otherwise refuses no one
+}
+
+/// Whether the owner has closed the card.
+bool AlsaReservation::_askOwner()
+{
+    sd_bus_message* reply = nullptr;
+    int isReleased = 0;
+    const int result = sd_bus_call_method(_bus, _name.c_str(), _path.c_str(), interface, "RequestRelease",
+                                          nullptr, &reply, "i", priority);
+    const bool isAnswered = result >= 0 && sd_bus_message_read(reply, "b", &isReleased) >= 0;
+    sd_bus_message_unref(reply);
+    return isAnswered && isReleased != 0;
+}
+
+void AlsaReservation::release()
+{
+    if (std::exchange(_isHeld, false) && _bus)
+        sd_bus_release_name(_bus, _name.c_str());
+}
+
+int AlsaReservation::descriptor() const
+{
+    return _bus ? sd_bus_get_fd(_bus) : -1;
+}
+
+void AlsaReservation::process(const std::function<void()>& yield)
+{
+    while (_bus && sd_bus_process(_bus, nullptr) > 0)
+        ;
+    if (_bus && sd_bus_is_open(_bus) <= 0)
+        return _disconnect();
+    if (!_request)
+        return;
+    yield();
+    if (sd_bus_message* const request = std::exchange(_request, nullptr)) {
+        sd_bus_reply_method_return(request, "b", static_cast<int>(!_isHeld));
+        sd_bus_message_unref(request);
+        sd_bus_flush(_bus);
+    }
+}

@@ -1,0 +1,334 @@
+#include "AlsaRun.h"
+
+#include "AlsaCard.h"
+#include "LogSink.h"
+#include "RealtimeScheduling.h"
+
+#include <algorithm>
+#include <cmath>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int minStallMilliseconds = 2000; // without an interrupt for so long, a device is stuck
+constexpr int firstRetryMilliseconds = 50;
+constexpr int lastRetryMilliseconds = 1000;
+constexpr int maxBusyTries = 20;
+constexpr uint32_t maxRestarts = 5;          // without a cycle between them
+constexpr double audibleRatioChange = 20e-6; // smaller ones are noise of the measurement
+constexpr uint64_t ratioNanoseconds = 5'000'000'000;
+
+size_t placeOf(HALDirection direction)
+{
+    return static_cast<size_t>(direction);
+}
+
+} // namespace
+
+AlsaRun::AlsaRun(AlsaRunSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable> table,
+                 AlsaTimeline& timeline, std::function<void()> changed)
+    : _setup(std::move(setup)), _card(std::move(card)), _table(std::move(table)), _timeline(timeline),
+      _changed(std::move(changed)), _wakeUps(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    const auto prepare = [this](const std::optional<AlsaSetup>& side, std::vector<float>& samples) {
+        if (!side)
+            return std::vector<uint32_t>();
+        samples.resize(size_t{side->channelCount} * _setup.frameCount);
+        return std::vector{side->channelCount};
+    };
+    const std::vector<uint32_t> inputs = prepare(_setup.input, _input);
+    _table->prepare(inputs, prepare(_setup.output, _output), _setup.frameCount);
+    _table->setTiming(_setup.rate, _setup.frameCount);
+    _timeline.begin(_setup.rate);
+}
+
+AlsaRun::~AlsaRun()
+{
+    _wish = Wish::Stop;
+    _wake();
+    _thread.join();
+    close(_wakeUps);
+}
+
+// ---- Control
+
+HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
+{
+    _whenRefused = whenRefused;
+    _thread = platform::Thread("dxr-alsa-io", [this] { _run(); });
+    std::unique_lock lock(_mutex);
+    if (_settled.wait_until(lock, deadline, [this] { return _startError.has_value(); }))
+        return *_startError ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
+    return kAudioHardwareUnspecifiedError;
+}
+
+void AlsaRun::yield()
+{
+    Wish expected = Wish::Run;
+    if (_wish.compare_exchange_strong(expected, Wish::Yield))
+        _wake();
+}
+
+void AlsaRun::_wake() const noexcept
+{
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(_wakeUps, &one, sizeof one);
+}
+
+// ---- The IO thread
+
+void AlsaRun::_run()
+{
+    platform::makeCurrentThreadRealtime();
+    int delay = firstRetryMilliseconds;
+    while (_wish != Wish::Stop) {
+        Wish yielded = Wish::Yield;
+        _wish.compare_exchange_strong(yielded, Wish::Run);
+        _hadCycle = false;
+        int error = _open();
+        if (error == 0)
+            error = _runOnce();
+        _close();
+        _noteStart(error);
+        if (_wish == Wish::Stop)
+            return;
+        _timeline.interrupt();
+        _setStalled(true, error);
+        delay = _hadCycle ? firstRetryMilliseconds : std::min(2 * delay, lastRetryMilliseconds);
+        _sleep(_wish == Wish::Yield ? lastRetryMilliseconds : delay);
+    }
+}
+
+int AlsaRun::_open()
+{
+    const int reserved = _card->reserve(*this);
+    if (reserved < 0)
+        return reserved;
+    _polled.assign(1, {_wakeUps, POLLIN, 0});
+    for (const HALDirection direction : halDirections) {
+        const std::optional<AlsaSetup>& side =
+            direction == HALDirection::Input ? _setup.input : _setup.output;
+        _first[placeOf(direction)] = _polled.size();
+        if (!side)
+            continue;
+        int error = 0;
+        auto& pcm = _pcms[placeOf(direction)];
+        pcm = AlsaPcm::open(_setup.pcmName, direction, *side, error);
+        // A program that has just given the card to us needs a moment to close it.
+        for (int tries = 0; error == -EBUSY && reserved > 0 && tries < maxBusyTries && _wish == Wish::Run;
+             ++tries) {
+            _sleep(firstRetryMilliseconds);
+            pcm = AlsaPcm::open(_setup.pcmName, direction, *side, error);
+        }
+        if (!pcm)
+            return error;
+        _polled.insert(_polled.end(), pcm->descriptors().begin(), pcm->descriptors().end());
+    }
+    _isLinked = _pcms[0] && _pcms[1] && _pcms[0]->link(*_pcms[1]);
+    return 0;
+}
+
+void AlsaRun::_close()
+{
+    for (auto& pcm : _pcms)
+        pcm.reset();
+    _card->unreserve(*this);
+}
+
+/// Runs the open device until it has to be closed.
+int AlsaRun::_runOnce()
+{
+    uint32_t restarts = 0;
+    int error = _begin();
+    for (;;) {
+        error = error ? error : _wait();
+        if (error == 0) {
+            _cycle(error);
+            if (error == 0) {
+                restarts = 0;
+                if (!std::exchange(_hadCycle, true))
+                    _noteStart(0);
+                if (isStalled())
+                    _setStalled(false, 0);
+                if (std::exchange(_hasNews, false))
+                    _changed();
+            }
+        }
+        if (error) {
+            const bool isInterrupted = error == -EPIPE || error == -ESTRPIPE;
+            if (!isInterrupted || ++restarts > maxRestarts)
+                return error;
+            error = _restart();
+        }
+    }
+}
+
+int AlsaRun::_begin() noexcept
+{
+    AlsaPcm* const input = _pcms[0].get();
+    AlsaPcm* const output = _pcms[1].get();
+    AlsaPcm& lead = input ? *input : *output;
+    const bool isApart = input && output && !_isLinked;
+    _cycleCount = 0;
+    int error = lead.prepare();
+    if (error == 0 && isApart)
+        error = output->prepare();
+    // Full before it starts: a linked start does not wait for frames, and a direction that is behind stays behind.
+    for (const auto& pcm : _pcms)
+        if (error == 0 && pcm)
+            error = pcm->fill();
+    if (error == 0)
+        error = lead.start();
+    return error == 0 && isApart ? output->start() : error;
+}
+
+int AlsaRun::_restart() noexcept
+{
+    if (_hadCycle)
+        _table->reportOverload();
+    _timeline.interrupt();
+    return _begin(); // after a suspend too: what was in the ring is old
+}
+
+/// Waits until every direction has a cycle's frames.
+int AlsaRun::_wait() noexcept
+{
+    std::array<bool, 2> isReady{!_pcms[0], !_pcms[1]};
+    for (;;) {
+        for (size_t place = 0; place < 2; ++place) {
+            if (isReady[place])
+                continue;
+            const int ready = _pcms[place]->isReady();
+            if (ready < 0)
+                return ready;
+            isReady[place] = ready > 0;
+        }
+        if (isReady[0] && isReady[1])
+            // A late device has its next cycle at once; a wish must not wait for it to catch up.
+            return _wish.load(std::memory_order_relaxed) == Wish::Run ? 0 : -ECANCELED;
+        if (const int error = _poll(isReady))
+            return error;
+    }
+}
+
+int AlsaRun::_poll(std::span<const bool> isReady) noexcept
+{
+    for (size_t i = 1; i < _polled.size(); ++i) { // what is ready would end the wait at once, again and again
+        const bool ready = isReady[i < _first[1] ? 0 : 1];
+        _polled[i].fd = (_polled[i].fd < 0) == ready ? _polled[i].fd : ~_polled[i].fd;
+        _polled[i].revents = 0;
+    }
+    const int cycleMilliseconds = static_cast<int>(1000ULL * _setup.frameCount / _setup.rate);
+    const int count =
+        poll(_polled.data(), _polled.size(), std::max(minStallMilliseconds, 4 * cycleMilliseconds));
+    if (count < 0)
+        return errno == EINTR ? 0 : -errno;
+    if (count == 0)
+        return -ETIMEDOUT;
+    if (_polled[0].revents != 0)
+        return -ECANCELED;
+    for (size_t place = 0; place < 2; ++place) {
+        const size_t end = place == 0 ? _first[1] : _polled.size();
+        if (!_pcms[place] || isReady[place])
+            continue;
+        if (const int error =
+                _pcms[place]->errorIn(std::span(_polled).subspan(_first[place], end - _first[place])))
+            return error;
+    }
+    return 0;
+}
+
+void AlsaRun::_cycle(int& error) noexcept
+{
+    const CXRealtimeScope realtime;
+    AlsaPcm* const input = _pcms[0].get();
+    AlsaPcm* const output = _pcms[1].get();
+    const AlsaPcm::Stamp stamp = (input ? *input : *output).stamp();
+    const uint64_t due = ++_cycleCount * _setup.frameCount;
+    const AlsaTimeline::Step step =
+        _timeline.advance(stamp.hostNanoseconds, stamp.position, due, _setup.frameCount);
+    _noteRatio(step);
+    if (input && (error = input->transfer(_input.data())) != 0)
+        return;
+    HALCycle cycle;
+    cycle.frameCount = _setup.frameCount;
+    _fillTimes(cycle, step);
+    const HALStreamBlock inputBlock{_input.data(), input ? _setup.input->channelCount : 0};
+    const HALStreamBlock outputBlock{_output.data(), output ? _setup.output->channelCount : 0};
+    if (input)
+        cycle.input = {&inputBlock, 1};
+    if (output)
+        cycle.output = {&outputBlock, 1};
+    _table->runCycle(cycle);
+    if (output)
+        error = output->transfer(_output.data());
+}
+
+/// The cycle began when its last frame of input had come; its output is behind what the ring holds.
+void AlsaRun::_fillTimes(HALCycle& cycle, const AlsaTimeline::Step& step) const noexcept
+{
+    const auto at = [&step](double frames) {
+        AudioTimeStamp time{};
+        time.sampleTime = static_cast<double>(step.sampleTime) + frames;
+        time.hostTime =
+            static_cast<uint64_t>(std::max(0.0, step.nanoseconds + frames * step.nanosecondsPerFrame));
+        time.rateScalar = 1.0 / step.rateRatio;
+        time.flags =
+            kAudioTimeStampSampleTimeValid | kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
+        return time;
+    };
+    const double frames = _setup.frameCount;
+    cycle.now = at(0.0);
+    cycle.inputTime = at(-frames);
+    cycle.outputTime = at(_pcms[1] ? (_pcms[1]->periodCount() - 1) * frames : 0.0);
+}
+
+void AlsaRun::_noteRatio(const AlsaTimeline::Step& step) noexcept
+{
+    const auto now = static_cast<uint64_t>(step.nanoseconds);
+    if (_ratioNanoseconds == 0)
+        _ratioNanoseconds = now; // at first it is not known well
+    if (now < _ratioNanoseconds + ratioNanoseconds)
+        return;
+    _ratioNanoseconds = now;
+    if (std::abs(step.rateRatio - rateRatio()) < audibleRatioChange)
+        return;
+    _rateRatio.store(step.rateRatio, std::memory_order_relaxed);
+    _hasNews = true;
+}
+
+// ---- Between cycles
+
+void AlsaRun::_noteStart(int error)
+{
+    const std::scoped_lock lock(_mutex);
+    if (!_startError)
+        _startError = error;
+    _settled.notify_all();
+    if (*_startError != 0 && _whenRefused == WhenRefused::End)
+        _wish = Wish::Stop;
+}
+
+void AlsaRun::_setStalled(bool isStalled, int error)
+{
+    if (isStalled && _wish != Wish::Yield && error != -ENODEV && !std::exchange(_isLogged, true))
+        platform::LogSink::log("audio device '" + platform::printableText(_setup.deviceName) +
+                               "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
+    if (_isStalled.exchange(isStalled, std::memory_order_relaxed) != isStalled)
+        _changed();
+}
+
+/// Until the time has passed or something else is wished for.
+void AlsaRun::_sleep(int milliseconds) const noexcept
+{
+    pollfd wakeUps{_wakeUps, POLLIN, 0};
+    uint64_t count = 0;
+    const Wish before = _wish;
+    if (before == Wish::Stop)
+        return;
+    [[maybe_unused]] const ssize_t size = read(_wakeUps, &count, sizeof count);
+    if (_wish == before)
+        poll(&wakeUps, 1, milliseconds);
+}

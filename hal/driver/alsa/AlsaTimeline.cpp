@@ -1,0 +1,45 @@
+#include "AlsaTimeline.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+constexpr double maxInterruptionSeconds = 60.0; // what looks longer is a stamp that cannot be true
+
+} // namespace
+
+void AlsaTimeline::begin(double rate)
+{
+    _rate = rate;
+    _tracker.emplace(rate);
+    _isAligned = false;
+}
+
+/// Finds the origin by which the tracker's clock goes on through the interruption as if the device had run on: the rate
+/// that it has learned stays.
+void AlsaTimeline::_align(uint64_t hostNanoseconds, uint64_t position, uint64_t due) noexcept
+{
+    _isAligned = true;
+    double start = static_cast<double>(_next);
+    if (_tracker->isKnown()) {
+        const double now = _tracker->frameAt(static_cast<double>(hostNanoseconds));
+        const double dueNow = now + static_cast<double>(due) - static_cast<double>(position);
+        start = std::clamp(std::round(dueNow), start, start + maxInterruptionSeconds * _rate);
+    } else {
+        start = std::max(start, static_cast<double>(due));
+    }
+    _origin = static_cast<uint64_t>(start) - due;
+}
+
+AlsaTimeline::Step AlsaTimeline::advance(uint64_t hostNanoseconds, uint64_t position, uint64_t due,
+                                         uint32_t frameCount) noexcept
+{
+    if (!_isAligned)
+        _align(hostNanoseconds, position, due);
+    _tracker->update(hostNanoseconds, _origin + position);
+    const uint64_t sampleTime = std::max(_next, _origin + due);
+    _next = sampleTime + frameCount;
+    const double ratio = _tracker->rateRatio();
+    return {sampleTime, std::max(0.0, _tracker->timeOf(sampleTime)), 1e9 / (_rate * ratio), ratio};
+}

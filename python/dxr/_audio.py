@@ -1,0 +1,293 @@
+"""Audio on devices: runners, and play(), record() and loop() on top of them."""
+
+from __future__ import annotations
+
+import time
+import weakref
+from collections.abc import Callable, Sequence
+from dataclasses import dataclass
+from typing import Any, Literal
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
+from ._devices import Device, Direction, default, device_list, direction_number
+from ._library import ArgumentError, check, decoded, ffi, in_callback, lib, owned, release, result
+
+Samples = NDArray[np.float32]
+
+
+@dataclass
+class Cycle:
+    """One device's part of one cycle, for the length of a callback."""
+
+    samples: Samples
+    """frames x channels: what was recorded, or silence to be overwritten with what to play."""
+    sample_time: int
+    """Frames since the runner's start, of the first frame."""
+    host_time: int
+    """When the first frame was at the device or will be, in nanoseconds of time.monotonic_ns(); 0 when not known."""
+    sample_rate: float
+
+
+Callback = Callable[[Cycle], object]
+
+
+@dataclass(frozen=True)
+class State:
+    """Of a runner, now. Counts are since its start."""
+
+    is_running: bool
+    frames: int
+    sample_rate: float
+    sample_time: int
+    cycles: int
+    late_cycles: int
+    lost_frames: int
+    restarts: int
+    error: str
+    """Why there is no audio although it runs; empty when there is."""
+
+
+def _samples_of(array: ArrayLike) -> Samples:
+    """As 32-bit floats, frames x channels."""
+    given = np.asarray(array)
+    if given.ndim not in (1, 2) or given.size == 0:
+        raise ArgumentError(f"samples are frames, or frames x channels, and some: not of shape {given.shape}")
+    if given.dtype.kind == "i":
+        samples = given.astype(np.float32) / -float(np.iinfo(given.dtype).min)
+    elif given.dtype.kind == "f":
+        samples = given.astype(np.float32)
+    else:
+        raise TypeError(f"samples are floats or signed integers, not {given.dtype}")
+    return samples[:, None] if samples.ndim == 1 else samples
+
+
+class Sound:
+    """Frames in the library's memory, which a runner plays, or records into, without Python."""
+
+    def __init__(self, frames: int, channels: int, sample_rate: float, repeats: bool = False) -> None:
+        _require_whole(frames, "frames")
+        _require_whole(channels, "channels")
+        self.handle = owned(self, result(lib.dxr_sound_new, frames, channels, sample_rate, repeats))
+        # The array keeps the memory: it may outlive this object.
+        check(lib.dxr_retain(self.handle))
+        handle = self.handle
+        memory = ffi.gc(result(lib.dxr_sound_samples, handle), lambda _: release(handle))
+        buffer = ffi.buffer(memory, frames * channels * 4)
+        self.samples: Samples = np.frombuffer(buffer, np.float32).reshape(frames, channels)
+
+    @property
+    def position(self) -> int:
+        """Frames that have been played or recorded so far."""
+        return result(lib.dxr_sound_position, self.handle)
+
+
+def _require_whole(number: int, name: str) -> None:
+    if not isinstance(number, (int, np.integer)) or not 0 < number < 2**31:
+        raise ArgumentError(f"{name} is to be a whole number above 0, not {number!r}")
+
+
+class Runner:
+    """Audio on one or several devices at once, at one rate and frame count, whatever the devices have. A context manager:
+    it runs inside `with`. Devices may be absent, come and go; callbacks are called all the same.
+
+    Callbacks run on the device's real-time thread and need the interpreter: keep them short. One that raises stops the
+    runner; wait(), stop() and the end of `with` raise it. One that returns something true stops it, too."""
+
+    def __init__(self, sample_rate: float = 0.0, frames: int = 0, quality: Literal["high", "fast"] = "high") -> None:
+        if quality not in ("high", "fast"):
+            raise ArgumentError(f"the quality is 'high' or 'fast', not {quality!r}")
+        if not isinstance(frames, (int, np.integer)) or not 0 <= frames < 2**31:
+            raise ArgumentError(f"frames are a whole number from 0, not {frames!r}")
+        self._kept: list[Any] = []
+        self._failure: list[BaseException] = []
+        self.handle = result(lib.dxr_runner_new)
+        self.close = weakref.finalize(self, release, self.handle, self._kept)
+        """Ends it for good."""
+        check(lib.dxr_runner_set_format(self.handle, frames, sample_rate))
+        check(lib.dxr_runner_set_quality(self.handle, quality == "high"))
+
+    def add(
+        self, device: Device | Direction, what: Callback | Sound, channels: Sequence[int] | None = None
+    ) -> None:
+        """Has `what` called for the device once a cycle, or played or recorded. 'input' and 'output' stand for the default
+        devices, followed as they change. `channels`, from 1, are the device's stereo pair if not given."""
+        node = ffi.new("dxr_node *")
+        node.size = ffi.sizeof("dxr_node")
+        if isinstance(device, Device):
+            node.device = device.handle
+        else:
+            node.default_of = direction_number(device)
+        if channels is not None:
+            numbers = [int(channel) for channel in channels]
+            if not numbers or min(numbers) < 1 or max(numbers) > 4096:
+                raise ArgumentError(f"channels are numbers from 1, not {channels!r}")
+            node.channels = kept = ffi.new("uint32_t[]", numbers)
+            node.channel_count = len(kept)
+        if isinstance(what, Sound):
+            node.sound = what.handle
+        elif callable(what):
+            node.io = callback = self._io(what)
+            self._kept.append(callback)
+        else:
+            raise TypeError(f"a callback or a dxr.Sound is wanted, not {type(what).__name__}")
+        check(lib.dxr_runner_add(self.handle, node))
+
+    def remove(self, device: Device | Direction) -> None:
+        if isinstance(device, Device):
+            check(lib.dxr_runner_remove(self.handle, device.handle))
+        else:
+            check(lib.dxr_runner_remove_default(self.handle, direction_number(device)))
+
+    def _io(self, callback: Callback) -> Any:
+        failure = self._failure
+
+        def io(cycle: Any, _user: Any) -> int:
+            in_callback.depth = getattr(in_callback, "depth", 0) + 1
+            try:
+                buffer = ffi.buffer(cycle.samples, cycle.frames * cycle.channels * 4)
+                samples = np.frombuffer(buffer, np.float32).reshape(cycle.frames, cycle.channels)
+                made = Cycle(samples, cycle.sample_time, cycle.host_time, cycle.sample_rate)
+                return 1 if callback(made) else 0
+            finally:
+                in_callback.depth -= 1
+
+        def failed(_kind: Any, error: BaseException, _traceback: Any) -> None:
+            failure.append(error)
+
+        return ffi.callback("dxr_io", io, error=1, onerror=failed)
+
+    def start(self) -> None:
+        self._failure.clear()
+        check(lib.dxr_runner_start(self.handle))
+
+    def stop(self) -> None:
+        """No callback runs after it. Raises what a callback has raised."""
+        check(lib.dxr_runner_stop(self.handle))
+        if self._failure:
+            raise self._failure.pop(0)
+
+    def wait(self, seconds: float | None = None) -> bool:
+        """Waits until a callback has stopped it, for so long at most. Whether it has stopped."""
+        end = None if seconds is None else time.monotonic() + seconds
+        while self.is_running and not self._failure and (end is None or time.monotonic() < end):
+            time.sleep(0.01)
+        if self._failure:
+            self.stop()
+        return not self.is_running
+
+    @property
+    def state(self) -> State:
+        state = ffi.new("dxr_runner_state *")
+        state.size = ffi.sizeof("dxr_runner_state")
+        check(lib.dxr_runner_get_state(self.handle, state))
+        return State(
+            bool(state.is_running), state.frames, state.sample_rate, state.sample_time, state.cycles,
+            state.late_cycles, state.lost_frames, state.restarts, decoded(state.error),
+        )  # fmt: skip
+
+    @property
+    def is_running(self) -> bool:
+        return self.state.is_running
+
+    @property
+    def active_devices(self) -> list[Device]:
+        """Those that run now."""
+        return device_list(lib.dxr_runner_active_devices, self.handle)
+
+    def __enter__(self) -> Runner:
+        self.start()
+        return self
+
+    def __exit__(self, kind: object, *_error: object) -> None:
+        try:
+            self.stop()
+        except BaseException:
+            if kind is None:
+                raise
+        finally:
+            self.close()
+
+
+Where = Device | Direction | Sequence[Device] | None
+
+
+def _chosen(device: Where, direction: Direction) -> list[tuple[Device | Direction, Device]]:
+    """What to add to a runner, and the device that it is now."""
+    if device is None or isinstance(device, str):
+        if device not in (None, direction):
+            raise ArgumentError(f"not {device!r} but an {direction}, or a dxr.Device: see dxr.device()")
+        return [(direction, default(direction))]
+    chosen = [device] if isinstance(device, Device) else list(device)
+    for each in chosen:
+        if not isinstance(each, Device):
+            raise TypeError(f"a dxr.Device is wanted, not {type(each).__name__}")
+        if each.direction != direction:
+            raise ArgumentError(f"{each.name!r} is an {each.direction}, not an {direction}")
+    return [(each, each) for each in chosen]
+
+
+def _channels(count: int, device: Device) -> list[int]:
+    if count > device.channels:
+        raise ArgumentError(f"{count} channels are wanted, {device.name!r} has {device.channels}")
+    return list(device.stereo_channels) if count == 2 else list(range(1, count + 1))
+
+
+def _wait_for(runner: Runner, sounds: list[Sound], frames: int) -> None:
+    while any(sound.position < frames for sound in sounds):
+        time.sleep(0.01)
+
+
+def play(samples: ArrayLike, sample_rate: float, device: Where = None, wait: bool = True) -> Runner:
+    """Plays samples, frames or frames x channels, on a device, on several at once, or on the default output. A single
+    channel is played on two. Returns when all has been heard, or with `wait=False` a runner that plays."""
+    array = _samples_of(samples)
+    runner = Runner(sample_rate)
+    sounds = []
+    for where, now in _chosen(device, "output"):
+        channels = array.shape[1] if array.shape[1] > 1 or now.channels < 2 else 2
+        sound = Sound(len(array), channels, sample_rate)
+        sound.samples[:] = array
+        runner.add(where, sound, _channels(channels, now))
+        sounds.append(sound)
+    runner.start()
+    if wait:
+        with runner:
+            _wait_for(runner, sounds, len(array))
+            state = runner.state  # a block, and a cycle or two, lie between here and the loudspeaker
+            end = state.sample_time + 4 * state.frames
+            while runner.state.sample_time < end:
+                time.sleep(0.005)
+    return runner
+
+
+def record(frames: int, sample_rate: float = 48000.0, channels: int | None = None, device: Where = None) -> Samples:
+    """So many frames of a device, of several side by side, or of the default input: frames x channels, all of a device's
+    channels if not said otherwise."""
+    _require_whole(frames, "frames")
+    runner = Runner(sample_rate)
+    sounds = []
+    for where, now in _chosen(device, "input"):
+        count = now.channels if channels is None else channels
+        sound = Sound(frames, count, sample_rate)
+        runner.add(where, sound, _channels(count, now))
+        sounds.append(sound)
+    with runner:
+        _wait_for(runner, sounds, frames)
+    return sounds[0].samples if len(sounds) == 1 else np.hstack([sound.samples for sound in sounds])
+
+
+def loop(input: Where = None, output: Where = None, frames: int = 256, sample_rate: float = 48000.0) -> Runner:
+    """A runner, running, that plays what an input hears on an output, without Python in between: `with dxr.loop(): ...`."""
+    (source, from_device), = _chosen(input, "input")
+    channels = 2 if from_device.channels > 1 else 1
+    runner = Runner(sample_rate, frames)
+    way = Sound(frames * 16, channels, sample_rate, repeats=True)
+    runner.add(source, way, _channels(channels, from_device))
+    for where, now in _chosen(output, "output"):
+        runner.add(where, way, _channels(channels, now))
+    runner.start()
+    return runner
+
+

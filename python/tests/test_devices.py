@@ -1,0 +1,66 @@
+import threading
+
+import pytest
+
+import dxr
+
+
+def test_a_device_has_properties_that_can_be_set(computer, cable):
+    source, output = cable
+    assert dxr.default("output") == output and output.is_default and not output.is_input
+    assert (output.name, output.uid, output.channels, output.transport) == ("Cable", "cable", 2, "virt")
+    output.volume = 0.5
+    output.muted = True
+    output.source = "Mic"
+    output.sample_rate = 44100
+    computer.settle()  # values are the hardware's, when it has followed
+    assert (output.volume, output.muted, output.source, output.sample_rate) == (0.5, True, "Mic", 44100)
+    assert output.counterpart == source and source.counterpart == output
+    assert dxr.device("cab", "output") == dxr.device(output.reference, "output") == output
+    assert dxr.device_from_archive(output.archive()) == output
+    assert len({output, dxr.device("cable", "output"), source}) == 2
+
+
+def test_settings_are_a_mapping(cable):
+    settings = cable[1].settings
+    settings["gain"] = [1, 2.5, "ü"]
+    assert dict(settings) == {"gain": [1, 2.5, "ü"]}
+    del settings["gain"]
+    assert "gain" not in settings and len(settings) == 0
+    with pytest.raises(KeyError):
+        del settings["gain"]
+
+
+def test_changes_are_iterated_and_devices_stay_the_same(computer, cable):
+    with dxr.changes(timeout=30) as changes:
+        computer.unplug("cable")
+        assert {next(changes), next(changes)} == {dxr.Change("disconnected", each) for each in cable}
+        assert not cable[0].is_connected and "Cable" in cable[0].name
+        computer.plug("cable", name="Cable", inputs=2, outputs=2)
+        assert {next(changes), next(changes)} >= {dxr.Change("connected", cable[0])}
+        threading.Timer(0.1, changes.close).start()
+        assert len(list(changes)) < 20, "ends when it is closed, from another thread"
+    assert list(dxr.changes(timeout=0.01)) == []
+
+
+BAD = {
+    "a name that is not UTF-8": (lambda d: dxr.device("\udcff", "output"), dxr.ArgumentError, "not UTF-8"),
+    "a name with a null": (lambda d: dxr.device("a\0b", "output"), dxr.ArgumentError, "null character"),
+    "no text": (lambda d: dxr.device(7, "output"), TypeError, "text, not int"),
+    "no such device": (lambda d: dxr.device("trumpet", "output"), dxr.NotFoundError, "no outputs fit 'trumpet'"),
+    "no direction": (lambda d: dxr.default("sideways"), ValueError, "'input' or 'output'"),
+    "a volume": (lambda d: setattr(d, "volume", 1.5), ValueError, "not from 0 to 1"),
+    "a rate": (lambda d: setattr(d, "sample_rate", 12345), dxr.RefusedError, "does not take this sample rate"),
+    "a source": (lambda d: setattr(d, "source", "Radio"), dxr.RefusedError, "does not take this source"),
+    "an archive": (lambda d: dxr.device_from_archive(b"junk"), LookupError, "not an archived device"),
+    "a setting": (lambda d: d.settings.update(x=float("nan")), ValueError, "not JSON compliant"),
+    "hardware twice": (lambda d: dxr.simulated.Computer(), dxr.StateError, "other hardware already"),
+    "a field": (lambda d: dxr.simulated._described("x", {"colour": 1}), TypeError, "no 'colour'"),
+}
+
+
+@pytest.mark.parametrize("case", BAD)
+def test_bad_input_raises_with_the_librarys_text(cable, case):
+    call, error, text = BAD[case]
+    with pytest.raises(error, match=text):
+        call(cable[1])

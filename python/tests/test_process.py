@@ -1,0 +1,121 @@
+"""How processes end: in any order, with cycles running."""
+
+import os
+import signal
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+BEGIN = """
+import dxr, os, sys, threading, time, gc
+computer = dxr.simulated.Computer()
+source, output = computer.plug("cable", inputs=2, outputs=2, frames=32)
+def tone(cycle): cycle.samples[:] = 0.5
+runner = dxr.Runner(48000, 32)
+runner.add(output, tone)
+runner.start()
+time.sleep(0.05)
+changes = dxr.changes()
+"""
+
+ENDS = {
+    "by falling off the end": ("", 0),
+    "by sys.exit": ("sys.exit(3)", 3),
+    "by an exception": ("raise RuntimeError('x')", 1),
+    "by a thread that goes on": ("threading.Thread(target=lambda: list(changes), daemon=True).start()", 0),
+    "with everything deleted first": ("del runner, changes, computer, output, source; gc.collect()", 0),
+    "with a cycle of garbage": ("runner.me = runner; del runner; gc.collect(); time.sleep(0.05)", 0),
+    "collecting garbage in the callback": (
+        "runner2 = dxr.Runner(48000, 32)\n"
+        "runner2.add(source, lambda cycle: (globals().pop('runner', None), gc.collect(), None)[2])\n"
+        "runner2.start(); time.sleep(0.2)",
+        0,
+    ),
+    "by os._exit": ("os._exit(4)", 4),
+    "by a signal": ("os.kill(os.getpid(), 15)", -signal.SIGTERM),
+}
+
+
+@pytest.mark.parametrize("end", ENDS)
+def test_the_interpreter_ends_while_cycles_run(script, end):
+    text, wanted = ENDS[end]
+    status, _, errors = script(BEGIN + text)
+    assert status == wanted and "Fatal" not in errors, errors
+
+
+def test_a_fork_is_refused_and_the_parent_goes_on(script):
+    status, out, errors = script(BEGIN + """
+child = os.fork()
+if child == 0:
+    try: dxr.devices()
+    except dxr.Error as error: print(error, flush=True)
+    sys.exit(5)
+assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 5
+before = runner.state.cycles
+time.sleep(0.1)
+assert runner.state.cycles > before
+""")
+    assert status == 0, errors
+    assert out == "dxr_devices: the process is a fork() of one that used dxr\n"
+
+
+def test_ctrl_c_ends_what_waits(script):
+    status, out, errors = script(BEGIN + """
+threading.Timer(0.2, lambda: os.kill(os.getpid(), 2)).start()
+try: dxr.record(48000 * 60)
+except KeyboardInterrupt: print("interrupted")
+""")
+    assert (status, out) == (0, "interrupted\n"), errors
+
+
+EXAMPLES = sorted((Path(__file__).parents[1] / "examples").glob("*.py"))
+
+
+@pytest.mark.parametrize("example", EXAMPLES, ids=lambda path: path.stem)
+def test_examples_run(example, tmp_path):
+    done = subprocess.run([sys.executable, example, "--simulated"], capture_output=True, text=True, timeout=100, cwd=tmp_path)
+    assert done.returncode == 0 and done.stdout, done.stderr
+
+
+@pytest.mark.skipif("DXR_PRIVATE_SERVER" not in os.environ, reason="needs the test build's server")
+def test_on_a_sound_server(script):
+    with subprocess.Popen(os.environ["DXR_PRIVATE_SERVER"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as server:
+        remote = server.stdout.readline().strip()
+        status, out, errors = script(
+            """
+import dxr, time, numpy as np
+names = sorted((each.direction, each.uid) for each in dxr.devices())
+assert names == [("input", "mic"), ("output", "one"), ("output", "two")], names
+one, two = dxr.device("one", "output"), dxr.device("two", "output")
+count = 0
+def tone(cycle):
+    global count
+    count += 1
+    cycle.samples[:] = 0.25
+runner = dxr.Runner(48000, 256)
+runner.add(one, tone); runner.add(two, tone)
+with runner:
+    assert set(runner.active_devices) == {one, two}
+    heard = dxr.record(9600, device=dxr.device("one.monitor", "input"))
+assert count > 20, count
+assert heard.max() == 0.25, heard.max()
+assert dxr.record(4800, channels=1, device=dxr.device("mic", "input")).shape == (4800, 1)
+""",
+            PIPEWIRE_REMOTE=remote,
+        )
+        server.stdin.close()
+    assert status == 0, errors
+
+
+def test_it_installs_with_pip(tmp_path):
+    package = Path(__file__).parents[1]
+    if not (package / "pyproject.toml").exists():
+        pytest.skip("not in the source tree")
+    command = [sys.executable, "-m", "pip", "install", "--no-build-isolation", "--no-deps", "--no-index", "-q", "--target", tmp_path / "site", "."]
+    copy = tmp_path / "source"
+    subprocess.run(["cp", "-rL", package, copy], check=True)  # a build leaves files where it is made
+    done = subprocess.run(command, cwd=copy, capture_output=True, text=True, timeout=300)
+    assert done.returncode == 0, done.stderr
+    assert {"c.h", "py.typed", "__init__.py"} <= set(os.listdir(tmp_path / "site" / "dxr"))

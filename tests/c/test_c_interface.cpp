@@ -1,0 +1,412 @@
+#include "CXRealtime.h"
+#include "UseOfCInterface.h"
+
+#include <dxr/c.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <dlfcn.h>
+#include <fstream>
+#include <functional>
+#include <pthread.h>
+#include <set>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+/// A simulated computer with one cable: what is played into it comes back.
+class CInterface : public testing::Test {
+protected:
+    void simulate(dxr_clock clock = DXR_CLOCK_STEPPED)
+    {
+        cable.uid = "cable";
+        cable.inputs = cable.outputs = 2;
+        cable.loops_back = 1;
+        cable.has_volume = 1;
+        cable.volume = 1.0;
+        ASSERT_EQ(dxr_simulated_new(clock, &computer), DXR_OK);
+        ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
+        ASSERT_EQ(dxr_device_with_uid("cable", DXR_OUTPUT, &output), DXR_OK);
+        ASSERT_EQ(dxr_device_with_uid("cable", DXR_INPUT, &input), DXR_OK);
+        ASSERT_EQ(dxr_runner_new(&runner), DXR_OK);
+        ASSERT_EQ(dxr_runner_set_format(runner, 256, 48000.0), DXR_OK);
+    }
+    dxr_status add(dxr_device* device, dxr_io io, void* user, dxr_sound* sound = nullptr)
+    {
+        dxr_node node = DXR_INIT(dxr_node);
+        node.device = device;
+        node.io = io;
+        node.user = user;
+        node.sound = sound;
+        return dxr_runner_add(runner, &node);
+    }
+    void advance(uint64_t milliseconds) { dxr_simulated_advance(computer, milliseconds * 1'000'000); }
+
+    dxr_simulated_device cable = DXR_INIT(dxr_simulated_device);
+    dxr_computer* computer = nullptr;
+    dxr_device *input = nullptr, *output = nullptr;
+    dxr_runner* runner = nullptr;
+};
+
+/// The functions named in the lines of a file that begin with `beginning`: what stands before `end`.
+std::set<std::string> namesIn(const char* path, const std::string& beginning, char end)
+{
+    std::set<std::string> names;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        const size_t stop = line.find(end);
+        if (!line.starts_with(beginning) || stop == std::string::npos)
+            continue;
+        const size_t start = line.find_last_of(" *", stop) + 1;
+        names.insert(line.substr(start, stop - start));
+    }
+    return names;
+}
+
+TEST_F(CInterface, isWhatAProgramInC99Uses)
+{
+    EXPECT_STREQ(useOfCInterface(), nullptr);
+}
+
+TEST_F(CInterface, exportsWhatItsHeaderDeclaresUnderOneVersion)
+{
+    const std::set<std::string> declared = namesIn(DXR_C_HEADER, "DXR_C_API", '(');
+    EXPECT_GE(declared.size(), 45U);
+    EXPECT_EQ(declared, namesIn(DXR_MAP, "        dxr_", ';'));
+    void* const library = dlopen(nullptr, RTLD_NOW);
+    for (const std::string& name : declared)
+        EXPECT_TRUE(dlvsym(library, name.c_str(), "DXR_C_1")) << name;
+}
+
+TEST_F(CInterface, refusesWhatMakesNoSenseWithASentence)
+{
+    simulate();
+    dxr_sound* sound = nullptr;
+    ASSERT_EQ(dxr_sound_new(64, 1, 48000.0, 0, &sound), DXR_OK);
+    const void* const stale = sound;
+    dxr_device* device = nullptr;
+    const auto node = [&](const std::function<void(dxr_node&)>& change) {
+        dxr_node made = DXR_INIT(dxr_node);
+        made.device = output;
+        made.io = [](const dxr_cycle*, void*) { return 0; };
+        change(made);
+        return dxr_runner_add(runner, &made);
+    };
+    const uint32_t zero = 0, one = 1;
+    const dxr_device_info* info = nullptr;
+    ASSERT_EQ(dxr_device_get_info(output, &info), DXR_OK);
+    const std::vector<std::tuple<const char*, dxr_status, dxr_status>> rows = {
+        {"handle is null", dxr_device_get_info(nullptr, &info), DXR_ERROR_ARGUMENT},
+        {"info is null", dxr_device_get_info(output, nullptr), DXR_ERROR_ARGUMENT},
+        {"of a device, not of a runner", dxr_runner_start(reinterpret_cast<dxr_runner*>(output)),
+         DXR_ERROR_HANDLE},
+        {"never was one", dxr_retain(&rows), DXR_ERROR_HANDLE},
+        {"uid is not UTF-8", dxr_device_with_uid("\xC3\x28", DXR_INPUT, &device), DXR_ERROR_TEXT},
+        {"not a reference", dxr_device_with_reference("headset", &device), DXR_ERROR_TEXT},
+        {"no device has this UID", dxr_device_with_uid("none", DXR_INPUT, &device), DXR_ERROR_NOT_FOUND},
+        {"direction is neither", dxr_default_device(7, &device), DXR_ERROR_ARGUMENT},
+        {"not an archived device", dxr_device_from_archive("junk", 4, &device), DXR_ERROR_NOT_FOUND},
+        {"volume is not from 0 to 1", dxr_device_set_volume(output, std::nan("")), DXR_ERROR_ARGUMENT},
+        {"does not take this source", dxr_device_set_source(output, "Line"), DXR_ERROR_REFUSED},
+        {"not JSON", dxr_device_set_setting(output, "key", "{"), DXR_ERROR_TEXT},
+        {"size is not the size", node([](dxr_node& n) { n.size = 0; }), DXR_ERROR_ARGUMENT},
+        {"one of node->device", node([](dxr_node& n) { n.default_of = DXR_OUTPUT; }), DXR_ERROR_ARGUMENT},
+        {"one of node->io", node([](dxr_node& n) { n.io = nullptr; }), DXR_ERROR_ARGUMENT},
+        {"channels is null", node([](dxr_node& n) { n.channel_count = 1; }), DXR_ERROR_ARGUMENT},
+        {"from 1 to 4096", node([&](dxr_node& n) { n.channels = &zero, n.channel_count = 1; }),
+         DXR_ERROR_ARGUMENT},
+        {"sound has 1 channels", node([&](dxr_node& n) { n.io = nullptr, n.sound = sound; }),
+         DXR_ERROR_ARGUMENT},
+        {"sample rate", dxr_runner_set_format(runner, 64, -1.0), DXR_ERROR_ARGUMENT},
+        {"no frames", dxr_sound_new(0, 1, 48000.0, 0, &sound), DXR_ERROR_ARGUMENT},
+        {"more than 2^31", dxr_sound_new(UINT64_MAX, 1, 48000.0, 0, &sound), DXR_ERROR_ARGUMENT},
+        {"other hardware already", dxr_simulated_new(DXR_CLOCK_STEPPED, &computer), DXR_ERROR_STATE},
+        {"plugged in", dxr_simulated_plug(computer, &cable), DXR_ERROR_STATE},
+        {"", node([&](dxr_node& n) { n.channels = &one, n.channel_count = 1; }), DXR_OK},
+        {"has this device", node([](dxr_node&) {}), DXR_ERROR_STATE},
+        {"", dxr_free(info), DXR_OK},
+        {"memory was freed", dxr_free(info), DXR_ERROR_HANDLE},
+        {"", dxr_release(stale), DXR_OK},
+        {"was released", dxr_release(stale), DXR_ERROR_HANDLE},
+        {"", dxr_release(nullptr), DXR_OK},
+        {"", dxr_runner_start(runner), DXR_OK},
+        {"runner runs", dxr_runner_set_format(runner, 64, 0.0), DXR_ERROR_STATE},
+    };
+    for (const auto& [why, status, wanted] : rows)
+        EXPECT_EQ(status, wanted) << why;
+    // The sentences, each beside its call.
+    EXPECT_EQ(dxr_release(stale), DXR_ERROR_HANDLE);
+    EXPECT_STREQ(dxr_error_text(), "dxr_release: the handle was released, or never was one");
+    EXPECT_EQ(dxr_runner_start(reinterpret_cast<dxr_runner*>(output)), DXR_ERROR_HANDLE);
+    EXPECT_STREQ(dxr_error_text(), "dxr_runner_start: the handle is of a device, not of a runner");
+    std::thread([] { EXPECT_STREQ(dxr_error_text(), "") << "each thread has its own"; }).join();
+}
+
+TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
+{
+    simulate();
+    const dxr_device_info* info = nullptr;
+    ASSERT_EQ(dxr_device_set_volume(output, 0.75), DXR_OK);
+    ASSERT_EQ(dxr_device_get_info(output, &info), DXR_OK);
+    EXPECT_EQ(std::string(info->uid) + " " + info->transport, "cable virt");
+    EXPECT_TRUE(info->is_connected && info->is_default && info->has_volume && info->channels == 2);
+    EXPECT_EQ(info->volume, 0.75);
+    EXPECT_EQ(info->stereo_channels[1], 2U);
+    ASSERT_GE(info->sample_rate_count, 2U);
+    EXPECT_LT(info->sample_rates[0], info->sample_rates[1]);
+    dxr_device* found = nullptr;
+    EXPECT_EQ(dxr_device_with_reference(info->reference, &found), DXR_OK);
+    EXPECT_EQ(found, output);
+    EXPECT_EQ(dxr_free(info), DXR_OK);
+    const void* archive = nullptr;
+    size_t size = 0;
+    ASSERT_EQ(dxr_device_archive(input, &archive, &size), DXR_OK);
+    EXPECT_EQ(dxr_device_from_archive(archive, size, &found), DXR_OK);
+    EXPECT_EQ(found, input);
+    EXPECT_EQ(dxr_device_counterpart(input, &found), DXR_OK);
+    EXPECT_EQ(found, output);
+
+    const char* json = nullptr;
+    EXPECT_EQ(dxr_device_set_setting(output, "gain", "[1,2]"), DXR_OK);
+    EXPECT_EQ(dxr_device_get_setting(output, "gain", &json), DXR_OK);
+    EXPECT_STREQ(json, "[1,2]");
+    EXPECT_EQ(dxr_device_setting_keys(output, &json), DXR_OK);
+    EXPECT_STREQ(json, "[\"gain\"]");
+    EXPECT_EQ(dxr_device_set_setting(output, "gain", "null"), DXR_OK);
+
+    dxr_device* const* devices = nullptr;
+    size_t count = 0;
+    ASSERT_EQ(dxr_devices(&devices, &count), DXR_OK);
+    EXPECT_EQ(std::vector(devices, devices + count), (std::vector{output, input}))
+        << "by name, outputs first";
+    EXPECT_EQ(dxr_free(devices), DXR_OK);
+    ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
+    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    EXPECT_EQ(dxr_device_set_volume(output, 0.5), DXR_ERROR_STATE) << "absent";
+}
+
+TEST_F(CInterface, playsAndRecordsSoundsFrameByFrame)
+{
+    simulate();
+    dxr_sound *played = nullptr, *recorded = nullptr;
+    float *from = nullptr, *to = nullptr;
+    ASSERT_EQ(dxr_sound_new(5000, 2, 48000.0, 0, &played), DXR_OK);
+    ASSERT_EQ(dxr_sound_new(9000, 2, 48000.0, 0, &recorded), DXR_OK);
+    ASSERT_EQ(dxr_sound_samples(played, &from), DXR_OK);
+    ASSERT_EQ(dxr_sound_samples(recorded, &to), DXR_OK);
+    for (uint32_t i = 0; i < 10000; ++i)
+        from[i] = static_cast<float>(i + 1) / 16384.0F;
+    ASSERT_EQ(add(output, nullptr, nullptr, played), DXR_OK);
+    ASSERT_EQ(add(input, nullptr, nullptr, recorded), DXR_OK);
+    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+    advance(500);
+    uint64_t done = 0;
+    EXPECT_EQ(dxr_sound_position(played, &done), DXR_OK);
+    EXPECT_EQ(done, 5000U);
+    const float* const begin = std::find(to, to + 18000, from[0]);
+    ASSERT_LE(begin, to + 8000);
+    EXPECT_TRUE(std::equal(from, from + 10000, begin)) << "every frame once, in order";
+    EXPECT_TRUE(std::all_of(begin + 10000, static_cast<const float*>(to + 18000),
+                            [](float sample) { return sample == 0.0F; }));
+}
+
+TEST_F(CInterface, aRepeatingSoundCarriesAnInputToAnOutput)
+{
+    cable.tone = 1000.0;
+    simulate();
+    dxr_sound* way = nullptr;
+    ASSERT_EQ(dxr_sound_new(1000, 2, 48000.0, 1, &way), DXR_OK);
+    cable.loops_back = 0;
+    ASSERT_EQ(dxr_simulated_change(computer, &cable), DXR_OK);
+    ASSERT_EQ(add(input, nullptr, nullptr, way), DXR_OK);
+    ASSERT_EQ(add(output, nullptr, nullptr, way), DXR_OK);
+    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+    advance(500);
+    float* samples = nullptr;
+    uint64_t done = 0;
+    ASSERT_EQ(dxr_sound_samples(way, &samples), DXR_OK);
+    ASSERT_EQ(dxr_sound_position(way, &done), DXR_OK);
+    EXPECT_GT(done, 40000U) << "both ways";
+    EXPECT_NEAR(*std::max_element(samples, samples + 2000), 0.5F, 0.01F);
+}
+
+TEST_F(CInterface, anAudioCallbackGetsSilenceAndMayEndItAll)
+{
+    simulate();
+    struct Seen {
+        dxr_runner* runner;
+        int calls = 0;
+        bool wasSilent = true;
+        dxr_status list = DXR_OK, stop = DXR_OK, released = DXR_ERROR_INTERNAL;
+    } seen{runner};
+    ASSERT_EQ(
+        add(
+            output,
+            [](const dxr_cycle* cycle, void* user) {
+                Seen& it = *static_cast<Seen*>(user);
+                dxr_device* const* devices = nullptr;
+                size_t count = 0;
+                it.wasSilent &= std::all_of(cycle->samples, cycle->samples + cycle->frames * cycle->channels,
+                                            [](float sample) { return sample == 0.0F; });
+                std::fill_n(cycle->samples, cycle->frames * cycle->channels, 1.0F);
+                it.list = dxr_devices(&devices, &count);
+                it.stop = dxr_runner_stop(it.runner);
+                if (++it.calls < 3)
+                    return 0;
+                const CXRealtimeExemption exemption("a lock: the way out for languages that collect garbage");
+                it.released = dxr_release(it.runner);
+                return 1;
+            },
+            &seen),
+        DXR_OK);
+    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+    advance(100);
+    EXPECT_EQ(seen.calls, 3) << "none after the one that wanted no more";
+    EXPECT_TRUE(seen.wasSilent) << "also when the last cycle was not";
+    EXPECT_EQ(seen.list, DXR_ERROR_THREAD);
+    EXPECT_EQ(seen.stop, DXR_ERROR_THREAD);
+    EXPECT_EQ(seen.released, DXR_OK);
+    EXPECT_EQ(dxr_runner_stop(runner), DXR_ERROR_HANDLE);
+}
+
+TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
+{
+    simulate();
+    struct Seen {
+        dxr_follower* follower = nullptr;
+        int calls = 0;
+        char thread[16] = "";
+        dxr_status released = DXR_ERROR_INTERNAL;
+        std::vector<dxr_device*> devices;
+    } seen;
+    ASSERT_EQ(dxr_follow(
+                  [](dxr_device* device, dxr_change change, void* user) {
+                      Seen& it = *static_cast<Seen*>(user);
+                      ++it.calls;
+                      pthread_getname_np(pthread_self(), it.thread, sizeof it.thread);
+                      if (change == DXR_DISCONNECTED)
+                          it.devices.push_back(device);
+                      if (it.devices.size() == 2) // in its own callback
+                          it.released = dxr_release(it.follower);
+                  },
+                  &seen, &seen.follower),
+              DXR_OK);
+    ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
+    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    EXPECT_STREQ(seen.thread, "dxr.events");
+    EXPECT_EQ(seen.released, DXR_OK);
+    std::ranges::sort(seen.devices);
+    EXPECT_EQ(seen.devices, (std::vector{std::min(input, output), std::max(input, output)}));
+    const int before = seen.calls;
+    ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
+    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    EXPECT_EQ(seen.calls, before);
+    EXPECT_EQ(dxr_release(seen.follower), DXR_ERROR_HANDLE);
+}
+
+TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
+{
+    simulate();
+    std::atomic<int> notices{0};
+    ASSERT_EQ(dxr_runner_follow(
+                  runner, [](void* user) { ++*static_cast<std::atomic<int>*>(user); }, &notices),
+              DXR_OK);
+    ASSERT_EQ(add(
+                  output, [](const dxr_cycle*, void*) { return 0; }, nullptr),
+              DXR_OK);
+    ASSERT_EQ(dxr_simulated_fail(computer, 1, 0), DXR_OK);
+    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+    dxr_runner_state state = DXR_INIT(dxr_runner_state);
+    ASSERT_EQ(dxr_runner_get_state(runner, &state), DXR_OK);
+    EXPECT_TRUE(state.is_running);
+    EXPECT_STRNE(state.error, "");
+    ASSERT_EQ(dxr_simulated_fail(computer, 0, 0), DXR_OK);
+    ASSERT_EQ(dxr_runner_stop(runner), DXR_OK);
+    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+    advance(100);
+    ASSERT_EQ(dxr_runner_get_state(runner, &state), DXR_OK);
+    EXPECT_STREQ(state.error, "");
+    EXPECT_EQ(state.frames, 256U);
+    EXPECT_GE(state.cycles, 15U);
+    ASSERT_EQ(dxr_runner_follow(runner, nullptr, nullptr), DXR_OK);
+    EXPECT_GT(notices, 0);
+}
+
+TEST_F(CInterface, isRefusedInTheChildOfAFork)
+{
+    simulate(DXR_CLOCK_REAL_TIME);
+    ASSERT_EQ(add(
+                  output, [](const dxr_cycle*, void*) { return 0; }, nullptr),
+              DXR_OK);
+    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+    const pid_t child = fork();
+    if (child == 0) {
+        dxr_device* const* devices = nullptr;
+        size_t count = 0;
+        const bool isRefused = dxr_devices(&devices, &count) == DXR_ERROR_FORKED &&
+                               std::strstr(dxr_error_text(), "fork()") &&
+                               dxr_release(runner) == DXR_ERROR_FORKED && dxr_version();
+        std::exit(isRefused ? 0 : 1); // as a program does, with all that runs at the end
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(dxr_runner_stop(runner), DXR_OK) << "the parent goes on";
+}
+
+TEST_F(CInterface, takesManyThreadsAtOnce)
+{
+    simulate(DXR_CLOCK_REAL_TIME);
+    ASSERT_EQ(add(
+                  output, [](const dxr_cycle*, void*) { return 0; }, nullptr),
+              DXR_OK);
+    std::atomic<bool> isOver{false};
+    std::atomic<int> stray{0}; // calls of followers that are over
+    struct Watch {
+        std::atomic<int>* stray;
+        std::atomic<bool> isReleased{false};
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            while (!isOver) {
+                dxr_device* const* devices = nullptr;
+                size_t count = 0;
+                EXPECT_EQ(dxr_devices(&devices, &count), DXR_OK);
+                EXPECT_EQ(dxr_free(devices), DXR_OK);
+                Watch watch{&stray};
+                dxr_follower* follower = nullptr;
+                EXPECT_EQ(dxr_follow(
+                              [](dxr_device*, dxr_change, void* user) {
+                                  const Watch& it = *static_cast<Watch*>(user);
+                                  *it.stray += it.isReleased ? 1 : 0;
+                              },
+                              &watch, &follower),
+                          DXR_OK);
+                std::this_thread::yield();
+                EXPECT_EQ(dxr_release(follower), DXR_OK);
+                watch.isReleased = true;
+            }
+        });
+    }
+    for (int round = 0; round < 40; ++round) {
+        EXPECT_EQ(dxr_runner_start(runner), DXR_OK);
+        EXPECT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
+        EXPECT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
+        EXPECT_EQ(dxr_runner_stop(runner), DXR_OK);
+    }
+    isOver = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(stray, 0);
+}
+
+} // namespace

@@ -1,0 +1,50 @@
+#include "AggregateRig.h"
+#include "ConformanceRig.h"
+
+#include "AlsaDriver.h"
+#include "FakedCards.h"
+
+#include <chrono>
+#include <map>
+#include <thread>
+
+namespace {
+
+class AlsaRig final : public ConformanceRig {
+public:
+    HALModel& model() override { return *_model; }
+
+    std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
+    {
+        FakedCardOptions card;
+        card.name = name;
+        card.longName = "unit " + std::to_string(++_count);
+        card.capture = inputs;
+        card.playback = outputs;
+        const std::string uid = "alsa:" + card.longName + ":0";
+        _cards[uid] = FakedCards::plug(card);
+        return uid;
+    }
+    void unplug(const std::string& uid) override { FakedCards::unplug(_cards.at(uid)); }
+    void rename(const std::string& uid, const std::string& name) override
+    {
+        FakedCards::rename(_cards.at(uid), name);
+    }
+    void letTimePass() override { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }
+
+private:
+    const CXRef<HALModel> _model = HALModel::initWithDriver(AlsaDriver::init(3, "/nowhere"));
+    std::map<std::string, int> _cards;
+    int _count = 0;
+};
+
+} // namespace
+
+std::unique_ptr<ConformanceRig> makeConformanceRig()
+{
+#ifdef DXR_TEST_AGGREGATES
+    return std::make_unique<AggregateRig>(std::make_unique<AlsaRig>());
+#else
+    return std::make_unique<AlsaRig>();
+#endif
+}

@@ -1,0 +1,319 @@
+#include "AlsaTest.h"
+
+#include "AlsaReservation.h"
+#include "SoundServerSearch.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uint32_t input = kAudioObjectPropertyScopeInput;
+constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
+
+// The faked card's controls.
+constexpr unsigned playbackVolume = 1, playbackSwitch = 2, captureVolume = 3, captureSource = 5,
+                   headphoneJack = 6;
+
+TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
+{
+    FakedCardOptions card = aCard();
+    card.pcmCount = 3;
+    card.components = "USB1235:8211";
+    const int number = FakedCards::plug(card);
+    for (unsigned pcm = 0; pcm < 3; ++pcm) {
+        const AudioObjectID id = device(uidOf("unit", pcm));
+        EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyClockDomain), static_cast<uint32_t>(number) + 1);
+        EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyTransportType), kAudioDeviceTransportTypeUSB);
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), pcm == 0)
+            << "the card's controls are its first PCM's";
+    }
+    FakedCards::unplug(number);
+    EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+    // Another card gets its number.
+    EXPECT_EQ(FakedCards::plug(aCard("other")), number);
+    device(uidOf("other"));
+    EXPECT_EQ(readDevices(*hal).size(), 1U);
+}
+
+TEST_F(AlsaTest, setsVolumesByDecibelsAndHearsOfOthersChanges)
+{
+    const int card = FakedCards::plug(aCard());
+    const AudioObjectID id = device(uidOf("unit"));
+    const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
+    const auto left = at(kAudioDevicePropertyVolumeScalar, output, 1);
+    // Its steps are 1 dB; half a slider is -18.06 dB. What was asked for is read again.
+    EXPECT_EQ(writeValue(*hal, id, volume, 0.5F), kAudioHardwareNoError);
+    EXPECT_EQ(FakedCards::control(card, playbackVolume), 64 - 18);
+    EXPECT_EQ(readValue<float>(*hal, id, volume), 0.5F);
+    // The main volume keeps the balance, and is the louder channel's.
+    EXPECT_EQ(writeValue(*hal, id, left, 0.25F), kAudioHardwareNoError);
+    EXPECT_EQ(readValue<float>(*hal, id, volume), 0.5F);
+    EXPECT_EQ(writeValue(*hal, id, volume, 1.0F), kAudioHardwareNoError);
+    EXPECT_FLOAT_EQ(readValue<float>(*hal, id, left).value_or(0), 0.5F);
+    EXPECT_EQ(FakedCards::control(card, playbackVolume, 1), 64);
+    EXPECT_EQ(writeValue(*hal, id, volume, 0.0F), kAudioHardwareNoError);
+    EXPECT_EQ(FakedCards::control(card, playbackVolume, 1), 0);
+
+    FakedCards::setControl(card, playbackVolume, 4, 4); // -60 dB
+    EXPECT_TRUE(
+        eventually([&] { return std::abs(readValue<float>(*hal, id, volume).value_or(9) - 0.1F) < 1e-4F; }));
+    FakedCards::setControl(card, playbackSwitch, 0, 0);
+    EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyMute, output) == 1U; }));
+    EXPECT_EQ(writeValue(*hal, id, at(kAudioDevicePropertyMute, output), 0U), kAudioHardwareNoError);
+    EXPECT_EQ(FakedCards::control(card, playbackSwitch, 1), 1);
+    FakedCards::setControl(card, captureVolume, 30, 30);
+    EXPECT_TRUE(eventually([&] { return read<float>(id, kAudioDevicePropertyVolumeScalar, input) == 1.0F; }));
+}
+
+TEST_F(AlsaTest, offersInputsAndJacksAsSources)
+{
+    const int card = FakedCards::plug(aCard());
+    const AudioObjectID id = device(uidOf("unit"));
+    const auto source = at(kAudioDevicePropertyDataSource, input);
+    const auto before = readValue<uint32_t>(*hal, id, source);
+    EXPECT_EQ(readList<uint32_t>(*hal, id, at(kAudioDevicePropertyDataSources, input)).size(), 2U);
+    EXPECT_EQ(writeValue(*hal, id, source, *before + 1), kAudioHardwareNoError);
+    EXPECT_EQ(FakedCards::control(card, captureSource), 1);
+    EXPECT_EQ(readValue<uint32_t>(*hal, id, source), *before + 1);
+
+    const auto jack = at(kAudioDevicePropertyDataSource, output);
+    const auto speaker = readValue<uint32_t>(*hal, id, jack);
+    FakedCards::setControl(card, headphoneJack, 1, 1);
+    EXPECT_TRUE(eventually([&] { return readValue<uint32_t>(*hal, id, jack) != speaker; }));
+    EXPECT_EQ(writeValue(*hal, id, jack, *speaker), kAudioHardwareIllegalOperationError) << "a plug chooses";
+}
+
+TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
+{
+    const int card = FakedCards::plug(aCard("late")); // as udev gives rights a moment after the card has come
+    FakedCards::setRights(card, false);
+    const int busy = FakedCards::plug(aCard("busy"));
+    FakedCards::setBusy(busy, true);
+    FakedCards::setRights(card, true);
+    device(uidOf("late"));
+    FakedCards::setBusy(busy, false);
+    const AudioObjectID id = device(uidOf("busy"));
+    EXPECT_EQ(readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates)).size(),
+              3U);
+    // Known once, it stays listed, and shows that it is used.
+    FakedCards::setBusy(busy, true);
+    EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
+    FakedCards::setBusy(busy, false);
+    EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 0U; }));
+}
+
+// Texts without an end or a meaning, counts of billions, lists that never end, ranges upside down.
+TEST_F(AlsaTest, survivesACardThatSaysNonsense)
+{
+    FakedCardOptions card = aCard();
+    card.isHostile = true;
+    const int number = FakedCards::plug(card);
+    EXPECT_TRUE(eventually([&] { return !readDevices(*hal).empty(); }));
+    const AudioObjectID id = readDevices(*hal).front();
+    const auto name = readText(*hal, id, at(kAudioObjectPropertyName));
+    ASSERT_TRUE(name);
+    EXPECT_EQ(name->find('\xFE'), std::string::npos) << "not UTF-8";
+    EXPECT_FALSE(read<float>(id, kAudioDevicePropertyVolumeScalar, output));
+    Ramp ramp(*hal, id);
+    EXPECT_EQ(ramp.start(), kAudioHardwareNoError);
+    EXPECT_TRUE(eventually([&] { return ramp.cycles > 3; }));
+    ramp.stop();
+    FakedCards::unplug(number);
+    EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+}
+
+TEST_F(AlsaTest, leavesOutWhatCannotRun)
+{
+    struct {
+        const char* why;
+        void (*change)(FakedCardOptions&);
+    } const rows[] = {
+        {"no rate that is used", [](FakedCardOptions& card) { card.rates = {12345}; }},
+        {"no format that is used", [](FakedCardOptions& card) { card.formats = {}; }},
+        {"no PCM", [](FakedCardOptions& card) { card.pcmCount = 0; }},
+        {"no channels", [](FakedCardOptions& card) { card.playback = card.capture = 0; }},
+        {"periods that are too long", [](FakedCardOptions& card) { card.minPeriod = 16384; }},
+        {"a ring that is too short", [](FakedCardOptions& card) { card.minPeriod = 4, card.maxBuffer = 16; }},
+    };
+    for (const auto& row : rows) {
+        FakedCardOptions card = aCard(row.why);
+        row.change(card);
+        FakedCards::plug(card);
+    }
+    FakedCards::plug(aCard("last"));
+    device(uidOf("last"));
+    EXPECT_EQ(readDevices(*hal).size(), 1U);
+}
+
+TEST_F(AlsaTest, keepsDefaultDevicesOfTheProcess)
+{
+    const auto defaultOutput = [&] {
+        return read<AudioObjectID>(kAudioObjectSystemObject, kAudioHardwarePropertyDefaultOutputDevice);
+    };
+    const int first = FakedCards::plug(aCard("first"));
+    const AudioObjectID firstID = device(uidOf("first"));
+    const int second = FakedCards::plug(aCard("second"));
+    const AudioObjectID secondID = device(uidOf("second"));
+    EXPECT_TRUE(eventually([&] { return defaultOutput() == firstID; }))
+        << "one that comes takes nothing over";
+    EXPECT_EQ(
+        writeValue(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDefaultOutputDevice), secondID),
+        kAudioHardwareNoError);
+    EXPECT_TRUE(eventually([&] { return defaultOutput() == secondID; }));
+    FakedCards::unplug(second);
+    EXPECT_TRUE(eventually([&] { return defaultOutput() == firstID; }));
+    FakedCards::plug(aCard("second"));
+    EXPECT_TRUE(eventually([&] { return defaultOutput() == deviceWithUID(*hal, uidOf("second")); }))
+        << "the chosen one is back";
+    FakedCards::unplug(first);
+}
+
+// ---- By the driver's parts
+
+class Folder {
+public:
+    Folder() : path(fs::temp_directory_path() / ("alsa-test-" + std::to_string(getpid())))
+    {
+        fs::create_directories(path);
+    }
+    ~Folder() { fs::remove_all(path); }
+    void write(const fs::path& file, const std::string& text) const
+    {
+        fs::create_directories((path / file).parent_path());
+        std::ofstream(path / file) << text << "\n";
+    }
+    const fs::path path;
+};
+
+TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
+{
+    const Folder folder;
+    const auto connect = [&](int card, const std::string& device) {
+        fs::create_directories(folder.path / "devices" / device);
+        fs::create_directories(folder.path / "class/sound" / ("card" + std::to_string(card)));
+        fs::create_directory_symlink(folder.path / "devices" / device, folder.path / "class/sound" /
+                                                                           ("card" + std::to_string(card)) /
+                                                                           "device");
+    };
+    folder.write("devices/usb3/3-1.4/idVendor", "1235");
+    folder.write("devices/usb3/3-1.4/idProduct", "8211");
+    folder.write("devices/usb3/3-1.4/serial", "S\xFF"
+                                              "1");
+    folder.write("devices/usb3/3-2/idVendor", "1235");
+    folder.write("devices/usb3/3-2/idProduct", "8211");
+    connect(0, "usb3/3-1.4/3-1.4:1.0");
+    connect(1, "usb3/3-2/3-2:1.0");
+    connect(2, "pci0000:00/0000:00:1f.3");
+    const AlsaCardInfo info{"id", "driver", "name", "long name at irq 17", ""};
+    struct {
+        int card;
+        const char *key, *place;
+    } const rows[] = {
+        {0,
+         "usb:1235:8211:S\xEF\xBF\xBD"
+         "1",
+         "03140000"},
+        {1, "usb:1235:8211:03200000", "03200000"}, // without a serial number: where it is plugged in
+        {2, "0000:00:1f.3", "0000:00:1f.3"},
+        {3, "long name at irq 17", "long name at irq 17"}, // not in the device tree
+    };
+    for (const auto& row : rows) {
+        const AlsaIdentity identity = alsaIdentity(row.card, info, folder.path);
+        EXPECT_EQ(identity.key, row.key);
+        EXPECT_EQ(identity.place, row.place);
+    }
+}
+
+TEST(SoundServerSearch, findsAServerThatRunsOrIsAboutTo)
+{
+    unsetenv("PIPEWIRE_REMOTE");
+    unsetenv("PULSE_SERVER");
+    unsetenv("XDG_RUNTIME_DIR");
+    struct {
+        const char *why, *file, *text;
+        bool isExpected;
+    } const rows[] = {
+        {"nothing", "run/other", "", false},
+        {"another program", "processes/12/comm", "pipewire-thing", false},
+        {"a server", "processes/12/comm", "pulseaudio", true},
+        {"its session manager alone", "processes/7/comm", "wireplumber", true},
+        {"the system's socket", "run/pipewire/pipewire-0", "", true},
+    };
+    for (const auto& row : rows) {
+        const Folder folder;
+        folder.write(row.file, row.text);
+        folder.write("cards/controlC0", "");
+        const SoundServerSearch search(folder.path / "processes", folder.path / "run", folder.path / "cards");
+        EXPECT_EQ(search.isServerExpected(), row.isExpected) << row.why;
+        EXPECT_TRUE(search.hasCards());
+    }
+    const SoundServerSearch nowhere("/nowhere", "/nowhere", "/nowhere");
+    EXPECT_FALSE(nowhere.hasCards());
+    setenv("PIPEWIRE_REMOTE", "elsewhere", 1);
+    EXPECT_TRUE(nowhere.isServerExpected());
+}
+
+/// A session bus of the test's own.
+class Bus {
+public:
+    Bus()
+    {
+        int ends[2];
+        if (pipe(ends) != 0)
+            return;
+        const std::string print = "--print-address=" + std::to_string(ends[1]);
+        _process = fork();
+        if (_process == 0) {
+            execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", print.c_str(), nullptr);
+            _exit(1);
+        }
+        close(ends[1]);
+        char address[512]{};
+        const ssize_t size = ::read(ends[0], address, sizeof address - 1);
+        close(ends[0]);
+        if (size > 1)
+            setenv("DBUS_SESSION_BUS_ADDRESS", std::string(address, static_cast<size_t>(size - 1)).c_str(),
+                   1);
+    }
+    ~Bus()
+    {
+        kill(_process, SIGKILL);
+        waitpid(_process, nullptr, 0);
+    }
+
+private:
+    pid_t _process = -1;
+};
+
+TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
+{
+    const Bus bus;
+    AlsaReservation ours(3), theirs(3), other(4);
+    EXPECT_EQ(ours.acquire(), 0);
+    EXPECT_EQ(other.acquire(), 0) << "another card";
+    std::atomic<int> result{1};
+    std::thread asks([&] { result = theirs.acquire(); }); // of equal priority: refused
+    while (result == 1) {
+        ours.process([] { ADD_FAILURE() << "given up for an equal"; });
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    asks.join();
+    EXPECT_EQ(result, -EBUSY);
+    ours.release();
+    EXPECT_EQ(theirs.acquire(), 0);
+    theirs.release();
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    unsetenv("XDG_RUNTIME_DIR");
+    AlsaReservation alone(3);
+    EXPECT_EQ(alone.acquire(), 0) << "no bus, no one to ask";
+    EXPECT_EQ(alone.descriptor(), -1);
+}
+
+} // namespace

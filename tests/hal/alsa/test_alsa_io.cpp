@@ -1,0 +1,257 @@
+#include "AlsaTest.h"
+
+#include "CapturedLog.h"
+
+#include <cmath>
+
+namespace {
+
+/// Counts announcements of lost cycles.
+class Overloads {
+public:
+    Overloads(HALModel& hal, AudioObjectID device) : _hal(hal), _device(device)
+    {
+        _listener.block = [this](uint32_t, const AudioObjectPropertyAddress*) { ++count; };
+        _hal.addListener(_device, at(kAudioDeviceProcessorOverload), _listener);
+    }
+    ~Overloads() { _hal.removeListener(_device, at(kAudioDeviceProcessorOverload), _listener); }
+    Overloads(const Overloads&) = delete;
+    Overloads& operator=(const Overloads&) = delete;
+
+    std::atomic<int> count{0};
+
+private:
+    HALModel& _hal;
+    const AudioObjectID _device;
+    HALListener _listener;
+};
+
+// What is played comes back in the input at its own sample time: times, latency and samples are exact on every card.
+TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
+{
+    using Card = FakedCardOptions;
+    struct {
+        const char* why;
+        void (*change)(Card&);
+        float step = 1.0F / 1048576.0F;
+    } const rows[] = {
+        {"as most are", [](Card&) {}},
+        {"its directions cannot be linked", [](Card& card) { card.canLink = false; }},
+        {"no time stamps", [](Card& card) { card.hasStamps = false; }},
+        {"positions are asked for", [](Card& card) { card.mapsStatus = false; }},
+        {"read and write alone", [](Card& card) { card.mapsSamples = false; }},
+        {"neither is mapped", [](Card& card) { card.mapsSamples = card.mapsStatus = false; }},
+        {"16 bits", [](Card& card) { card.formats = {FakedFormat::S16}; }, 1.0F / 32768.0F},
+        {"24 bits in three bytes", [](Card& card) { card.formats = {FakedFormat::S24Packed}; }},
+        {"float", [](Card& card) { card.formats = {FakedFormat::Float}; }},
+        {"its position moves by a millisecond", [](Card& card) { card.granularity = 48; }},
+        {"a clock that is fast", [](Card& card) { card.partsPerMillion = 300.0; }},
+        {"one rate", [](Card& card) { card.rates = {44100}; }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        Card card = aCard(row.why);
+        row.change(card);
+        const int number = FakedCards::plug(card);
+        Ramp ramp(*hal, device(uidOf(row.why)));
+        ramp.step = row.step;
+        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+        EXPECT_TRUE(eventually([&] { return ramp.heard > 20'000; }));
+        // Two directions that start one after the other are apart by the time between: only then it is not 0.
+        if (card.canLink) {
+            EXPECT_EQ(ramp.latencyFrames, 0.0);
+        }
+        ramp.stop();
+        EXPECT_EQ(ramp.jumps, 0U);
+        EXPECT_EQ(ramp.backwards, 0U);
+        EXPECT_EQ(ramp.gaps, 0U);
+        FakedCards::unplug(number);
+    }
+}
+
+TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
+{
+    struct {
+        const char* why;
+        unsigned playback, capture;
+        void (*stop)(int card);
+        void (*let)(int card);
+    } const rows[] = {
+        {"an overload", 2, 2, FakedCards::overload, [](int) {}},
+        {"an overload of an input alone", 0, 2, FakedCards::overload, [](int) {}},
+        {"an overload of an output alone", 2, 0, FakedCards::overload, [](int) {}},
+        {"a suspend", 2, 2, [](int card) { FakedCards::setSuspended(card, true); },
+         [](int card) { FakedCards::setSuspended(card, false); }},
+        {"a card that is stuck for a while", 2, 2, [](int card) { FakedCards::setStuck(card, true); },
+         [](int card) { FakedCards::setStuck(card, false); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        FakedCardOptions card = aCard(row.why);
+        card.playback = row.playback;
+        card.capture = row.capture;
+        const int number = FakedCards::plug(card);
+        const AudioObjectID id = device(uidOf(row.why));
+        const Overloads overloads(*hal, id);
+        const bool isStuck = row.why[0] == 'a' && std::string(row.why).find("stuck") != std::string::npos;
+        Ramp ramp(*hal, id);
+        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+        for (int round = 0; round < (isStuck ? 1 : 3); ++round) {
+            EXPECT_TRUE(
+                eventually([before = ramp.cycles.load(), &ramp] { return ramp.cycles > before + 5; }));
+            row.stop(number);
+            EXPECT_TRUE(!isStuck || eventually([&] {
+                return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 0U;
+            })) << "that it delivers nothing is not reported";
+            row.let(number);
+            const uint64_t heard = ramp.heard;
+            const uint64_t before = ramp.cycles;
+            EXPECT_TRUE(eventually([&] { return ramp.cycles > before + 20; }));
+            EXPECT_TRUE(!row.playback || !row.capture ||
+                        eventually([&] { return ramp.heard > heard + 2000; }));
+        }
+        EXPECT_TRUE(
+            eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
+        EXPECT_TRUE(isStuck || eventually([&] { return overloads.count > 0; }));
+        ramp.stop();
+        EXPECT_EQ(ramp.backwards, 0U);
+        FakedCards::unplug(number);
+    }
+}
+
+// A card that is gone is left alone: no call after call, no line after line, and its device goes at once.
+TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
+{
+    for (const bool mapsStatus : {true, false}) {
+        const CapturedLog log;
+        FakedCardOptions card = aCard();
+        card.mapsStatus = mapsStatus;
+        const int number = FakedCards::plug(card);
+        Ramp ramp(*hal, device(uidOf("unit")));
+        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+        FakedCards::unplug(number);
+        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+        ramp.stop();
+        const uint64_t before = FakedCards::ioctlCount();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(FakedCards::ioctlCount(), before);
+        EXPECT_FALSE(FakedCards::isOpen(number));
+        EXPECT_TRUE(log.lines().empty());
+    }
+}
+
+TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
+{
+    struct {
+        const char* why;
+        void (*spoil)(int card, bool isSpoilt);
+    } const rows[] = {
+        {"another program has it", FakedCards::setBusy},
+        {"its clock stands still", FakedCards::setStuck},
+        {"its rights are gone", [](int card, bool isSpoilt) { FakedCards::setRights(card, !isSpoilt); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        const int number = FakedCards::plug(aCard(row.why));
+        const AudioObjectID id = device(uidOf(row.why));
+        Ramp ramp(*hal, id);
+        row.spoil(number, true);
+        EXPECT_EQ(ramp.start(), kAudioHardwareUnspecifiedError);
+        EXPECT_EQ(ramp.cycles, 0U);
+        EXPECT_FALSE(FakedCards::isOpen(number)) << "something is left running";
+        row.spoil(number, false);
+        EXPECT_EQ(ramp.start(), kAudioHardwareNoError);
+        ramp.stop();
+        FakedCards::unplug(number);
+    }
+}
+
+TEST_F(AlsaTest, measuresTheClockAndKeepsItThroughAnOverload)
+{
+    FakedCardOptions card = aCard();
+    card.partsPerMillion = 200.0;
+    card.isElastic = true;
+    const int number = FakedCards::plug(card);
+    AlsaTimeline timeline; // the driver's own clock, as it is read by clients: rate scalar of the time stamps
+    std::atomic<double> scalar{0.0};
+    AudioDeviceIOProcID proc = nullptr;
+    const AudioObjectID id = device(uidOf("unit"));
+    hal->createIOProc(
+        id,
+        [&](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
+            const AudioTimeStamp*) { scalar = now->rateScalar; },
+        proc);
+    ASSERT_EQ(hal->start(id, proc), kAudioHardwareNoError);
+    const auto isMeasured = [&] { return std::abs(scalar - 1.0 / 1.0002) < 10e-6; };
+    EXPECT_TRUE(eventually(isMeasured)) << scalar;
+    FakedCards::overload(number);
+    EXPECT_TRUE(eventually(isMeasured)) << scalar;
+    hal->destroyIOProc(id, proc);
+}
+
+// By the driver's parts: what a card's stamps make of sample times.
+TEST(AlsaTimeline, keepsItsClockThroughAnInterruption)
+{
+    AlsaTimeline timeline;
+    timeline.begin(48000.0);
+    uint64_t now = 1'000'000'000'000;
+    const auto cycle = [&](uint64_t number) {
+        now += 512 * 1'000'000'000ULL / 48000;
+        return timeline.advance(now, number * 512, number * 512, 512);
+    };
+    uint64_t last = 0;
+    for (uint64_t number = 1; number <= 100; ++number)
+        last = cycle(number).sampleTime;
+    EXPECT_EQ(last, 512U * 100);
+    timeline.interrupt();
+    now += 1'000'000'000;
+    const AlsaTimeline::Step after = cycle(1);
+    EXPECT_NEAR(static_cast<double>(after.sampleTime - last), 48512.0, 2.0)
+        << "the frames that were lost count";
+    EXPECT_NEAR(after.rateRatio, 1.0, 1e-6);
+    // Stamps that cannot be true do not throw it off.
+    timeline.interrupt();
+    const AlsaTimeline::Step odd = timeline.advance(UINT64_MAX / 2, 512, 512, 512);
+    EXPECT_GE(odd.sampleTime, after.sampleTime + 512);
+    EXPECT_LE(odd.sampleTime, after.sampleTime + 61 * 48000);
+}
+
+TEST(AlsaFormat, roundsClipsAndKeepsWhatFits)
+{
+    struct {
+        const char* why;
+        float in;
+        int32_t s16, s24, s32;
+    } const rows[] = {
+        {"full scale up", 1.0F, 32767, 8388607, 2147483520},
+        {"full scale down", -1.0F, -32768, -8388608, INT32_MIN},
+        {"beyond clips", 7.0F, 32767, 8388607, 2147483520},
+        {"half a step rounds", -0.5F / 32768.0F, 0, -128, -32768},
+        {"nothing", std::nanf(""), 0, 0, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        std::byte ring[16];
+        const auto encoded = [&](snd_pcm_format_t format, auto value, size_t size) {
+            alsaEncode(format, &row.in, 1, ring, 1, 1);
+            std::memcpy(&value, ring, size);
+            return value;
+        };
+        EXPECT_EQ(encoded(SND_PCM_FORMAT_S16, int16_t{0}, 2), row.s16);
+        EXPECT_EQ(encoded(SND_PCM_FORMAT_S32, int32_t{0}, 4), row.s32);
+        EXPECT_EQ(encoded(SND_PCM_FORMAT_S24, int32_t{0}, 4), row.s24);
+        EXPECT_EQ(encoded(SND_PCM_FORMAT_S24_3LE, int32_t{0}, 3) << 8 >> 8, row.s24);
+    }
+    // More channels than the ring has, and fewer.
+    const float wide[]{0.1F, 0.5F, 0.2F, -0.5F};
+    int16_t narrow[3]{9, 9, 9};
+    alsaEncode(SND_PCM_FORMAT_S16, wide, 2, reinterpret_cast<std::byte*>(narrow), 1, 2);
+    EXPECT_EQ(narrow[1], 6554);
+    EXPECT_EQ(narrow[2], 9);
+    float back[4]{9, 9, 9, 9};
+    alsaDecode(SND_PCM_FORMAT_S16, reinterpret_cast<std::byte*>(narrow), 1, back, 2, 2);
+    EXPECT_EQ(back[1], 0.0F);
+    EXPECT_NEAR(back[2], 0.2F, 1e-4F);
+}
+
+} // namespace

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "FakedPcm.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+
+/// A lock of the faked kernel's own: a program's thread that holds it is in the kernel, where no check of its real-time work
+/// looks. A thread of higher priority that waits sleeps, so that the holder can go on.
+class FakedLock {
+public:
+    void lock() noexcept;
+    void unlock() noexcept { _isHeld.store(false, std::memory_order_release); }
+
+private:
+    std::atomic<bool> _isHeld{false}; // acquired by the exchange that finds it false, released by the store
+};
+
+/// The cards, the files that stand for their devices, and the clock's thread.
+/// Threads: any; every function takes the lock, but those of FakedPcmGroup, called with it.
+class FakedKernel final : public FakedPcmGroup {
+public:
+    static FakedKernel& shared();
+
+    int plug(const FakedCardOptions& options);
+    void unplug(int number);
+    /// Calls `change` with the card under the lock. Device files are as the card then says; a changed time is seen at once.
+    template <class Change> auto with(int number, Change change)
+    {
+        const Guard guard(_lock);
+        FakedCard& card = *_cards.at(number);
+        update(card);
+        const auto result = change(card);
+        _wakeClock();
+        return result;
+    }
+    void setState(int number, int state); ///< of its PCMs that run
+    void setControl(int number, unsigned control, long left, long right);
+    /// Programs that watch the folder see the file change, or be opened and closed.
+    void touch(int number);
+    void use(int number);
+    bool isOpen(int number);
+
+    // -- What programs do. Errors are negative; a descriptor that is not a card's is not owned.
+    int open(const char* path, int flags);
+    bool owns(int descriptor);
+    void close(int descriptor);
+    int ioctl(int descriptor, unsigned long request, void* argument);
+    /// The file and place to map; negative: the error.
+    int mapped(int descriptor, unsigned long offset, off_t& place);
+    /// Before a poll: positions in mapped memory may have moved.
+    void look(int descriptor);
+    /// What poll() reports besides readiness.
+    short pollErrors(int descriptor);
+
+    const std::string folder;
+    std::atomic<uint64_t> ioctlCount{0};
+
+private:
+    struct Control {
+        FakedCard* card;
+        int descriptor, peer;
+        int isSubscribed;
+    };
+    struct Guard {
+        explicit Guard(FakedLock& held) : lock(held) { lock.lock(); }
+        ~Guard() { lock.unlock(); }
+        FakedLock& lock;
+    };
+
+    FakedKernel();
+    FakedPcmList linked(const FakedPcm& pcm) override;
+    int link(FakedPcm& pcm, int descriptor) override;
+    void update(FakedCard& card) override;
+    void clockNeeded() override;
+
+    void _makeFiles(const FakedCard& card, bool isThere) const;
+    int _openControl(FakedCard& card, int flags);
+    int _openPcm(FakedCard& card, unsigned pcm, bool isCapture, int flags);
+    int _controlIoctl(Control& control, unsigned long request, void* argument);
+    void _announce(FakedCard& card, unsigned control);
+    void _wakeClock() const;
+    void _runClock();
+
+    FakedLock _lock; // guards what follows
+    std::map<int, std::unique_ptr<FakedCard>> _cards;
+    std::vector<std::unique_ptr<FakedCard>> _gone;  // whose files may still be open
+    std::map<int, std::unique_ptr<FakedPcm>> _pcms; // by descriptor
+    std::map<int, Control> _controls;
+    unsigned _groups = 0;
+    bool _hasClock = false;
+    const int _wakeUps;
+};

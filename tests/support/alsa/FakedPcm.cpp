@@ -1,0 +1,440 @@
+#include "FakedPcm.h"
+
+#include "FakedLibrary.h"
+#include "FakedParameters.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t page = 4096; // of the status, then of the program's positions, then the ring
+
+void setTime(volatile void* to, int64_t nanoseconds)
+{
+    const timespec time = fakedTime(nanoseconds);
+    std::memcpy(const_cast<void*>(to), &time, sizeof time);
+}
+
+} // namespace
+
+FakedPcm::FakedPcm(FakedCard& ofCard, unsigned pcm, bool captures, int itsDescriptor, int peer,
+                   FakedPcmGroup& group)
+    : card(ofCard), number(pcm), isCapture(captures), descriptor(itsDescriptor), _group(group), _peer(peer),
+      _file(memfd_create("faked-pcm", MFD_CLOEXEC))
+{
+    const unsigned channels = isCapture ? card.options.capture : card.options.playback;
+    _size = 2 * page + size_t{card.options.maxBuffer} * 4 * channels;
+    if (ftruncate(_file, static_cast<off_t>(_size)) == 0)
+        _memory = static_cast<char*>(FakedLibrary::mmap(_size, _file));
+    _status = reinterpret_cast<snd_pcm_mmap_status*>(_memory);
+    _control = reinterpret_cast<snd_pcm_mmap_control*>(_memory + page);
+    _control->avail_min = 1;
+    char full[page]{};
+    if (!isCapture) // ready is a pipe with room
+        FakedLibrary::write(descriptor, full, page);
+    setState(SNDRV_PCM_STATE_OPEN);
+}
+
+FakedPcm::~FakedPcm()
+{
+    munmap(_memory, _size);
+    FakedLibrary::close(_file);
+    FakedLibrary::close(_peer);
+}
+
+// ---- State
+
+bool FakedPcm::runs() const
+{
+    return state() == SNDRV_PCM_STATE_RUNNING || state() == SNDRV_PCM_STATE_DRAINING;
+}
+
+void FakedPcm::setState(int state)
+{
+    _status->state = state;
+    showReadiness();
+}
+
+void FakedPcm::stop(int state)
+{
+    for (FakedPcm* const each : _group.linked(*this)) {
+        if (!each->runs() && state == SNDRV_PCM_STATE_XRUN)
+            continue;
+        each->_trigger = fakedNow();
+        each->setState(state);
+    }
+}
+
+snd_pcm_uframes_t FakedPcm::_available() const
+{
+    auto available =
+        static_cast<snd_pcm_sframes_t>(_status->hw_ptr - _control->appl_ptr + (isCapture ? 0 : _buffer));
+    const auto boundary = static_cast<snd_pcm_sframes_t>(_boundary);
+    if (available < 0)
+        available += boundary;
+    else if (available >= boundary)
+        available -= boundary;
+    return static_cast<snd_pcm_uframes_t>(available);
+}
+
+/// As the kernel's poll has it.
+void FakedPcm::showReadiness()
+{
+    switch (state()) {
+    case SNDRV_PCM_STATE_RUNNING:
+    case SNDRV_PCM_STATE_PREPARED:
+    case SNDRV_PCM_STATE_PAUSED:
+        return _setReady(_available() >= _control->avail_min);
+    case SNDRV_PCM_STATE_DRAINING:
+        return _setReady(isCapture);
+    default:
+        return _setReady(true);
+    }
+}
+
+void FakedPcm::_setReady(bool isReady)
+{
+    if (isReady == std::exchange(_isReady, isReady))
+        return;
+    static char full[page];
+    if (isCapture && isReady)
+        FakedLibrary::write(_peer, full, 1);
+    else if (isCapture)
+        FakedLibrary::read(descriptor, full, 1);
+    else if (isReady)
+        FakedLibrary::read(_peer, full, page);
+    else
+        FakedLibrary::write(descriptor, full, page);
+}
+
+int FakedPcm::_stateError() const
+{
+    switch (state()) {
+    case SNDRV_PCM_STATE_PREPARED:
+    case SNDRV_PCM_STATE_RUNNING:
+    case SNDRV_PCM_STATE_PAUSED:
+    case SNDRV_PCM_STATE_DRAINING:
+        return 0;
+    case SNDRV_PCM_STATE_XRUN:
+        return -EPIPE;
+    case SNDRV_PCM_STATE_SUSPENDED:
+        return -ESTRPIPE;
+    case SNDRV_PCM_STATE_DISCONNECTED:
+        return -ENODEV;
+    default:
+        return -EBADFD;
+    }
+}
+
+// ---- Time
+
+char* FakedPcm::_samples(int64_t frame) const
+{
+    return _memory + 2 * page + static_cast<size_t>(frame) % _buffer * _channels * _bytes;
+}
+
+int64_t FakedPcm::nextInterrupt() const
+{
+    const auto period = static_cast<int64_t>(_period);
+    return card.timeOf(static_cast<double>(_startFrame + (_done / period + 1) * period));
+}
+
+double FakedPcm::lastFrameBeforeOverload() const
+{
+    if (state() != SNDRV_PCM_STATE_RUNNING || _stopThreshold >= _boundary)
+        return HUGE_VAL;
+    const auto left = static_cast<int64_t>(_stopThreshold) - 1 - static_cast<int64_t>(_available());
+    return static_cast<double>(_startFrame + _done + left) + 0.5;
+}
+
+void FakedPcm::advance(int64_t nanoseconds)
+{
+    if (!runs() || card.isSuspended)
+        return;
+    int64_t to = static_cast<int64_t>(std::floor(card.frameAt(nanoseconds))) - _startFrame;
+    to -= to % card.options.granularity;
+    for (int64_t frame = std::max(_done, to - static_cast<int64_t>(FakedCard::wireFrames)); frame < to;
+         ++frame) {
+        if (isCapture)
+            card.record(number, _startFrame + frame, _samples(frame), _channels, _bytes);
+        else
+            card.play(number, _startFrame + frame, _samples(frame), _channels, _bytes);
+    }
+    _done = std::max(_done, to);
+    _status->hw_ptr = static_cast<snd_pcm_uframes_t>(_done) % _boundary;
+    _stamp = nanoseconds;
+    if (_hasStamps && card.options.hasStamps) {
+        setTime(&_status->tstamp, nanoseconds);
+        setTime(&_status->audio_tstamp, static_cast<int64_t>(static_cast<double>(_done) * 1e9 / _rate));
+    }
+    const snd_pcm_uframes_t available = _available();
+    if (state() == SNDRV_PCM_STATE_DRAINING && !isCapture && available >= _buffer)
+        stop(SNDRV_PCM_STATE_SETUP);
+    else if (state() == SNDRV_PCM_STATE_RUNNING && available >= _stopThreshold)
+        stop(SNDRV_PCM_STATE_XRUN);
+    showReadiness();
+}
+
+// ---- What programs ask for
+
+int FakedPcm::_setParameters(snd_pcm_hw_params& parameters)
+{
+    if (const int error = fakedRefine(parameters, card.options, isCapture))
+        return error;
+    unsigned* const formats = parameters.masks[SNDRV_PCM_HW_PARAM_FORMAT].bits;
+    unsigned& accesses = parameters.masks[SNDRV_PCM_HW_PARAM_ACCESS].bits[0];
+    accesses &= ~accesses + 1; // the first
+    for (unsigned word = 0, isFound = 0; word < 8; ++word) {
+        formats[word] = isFound ? 0 : formats[word] & (~formats[word] + 1);
+        isFound |= formats[word];
+    }
+    for (const unsigned each : {SNDRV_PCM_HW_PARAM_CHANNELS, SNDRV_PCM_HW_PARAM_RATE,
+                                SNDRV_PCM_HW_PARAM_PERIOD_SIZE, SNDRV_PCM_HW_PARAM_BUFFER_SIZE}) {
+        const snd_interval& i = fakedInterval(parameters, each);
+        const unsigned value = each == SNDRV_PCM_HW_PARAM_BUFFER_SIZE ? i.max - i.openmax : i.min + i.openmin;
+        if (const int error = fakedChoose(parameters, each, value, card.options, isCapture))
+            return error;
+    }
+    const auto value = [&](unsigned each) { return fakedInterval(parameters, each).min; };
+    _channels = value(SNDRV_PCM_HW_PARAM_CHANNELS);
+    if (_rate != value(SNDRV_PCM_HW_PARAM_RATE))
+        card.setRate(_rate = value(SNDRV_PCM_HW_PARAM_RATE));
+    _period = value(SNDRV_PCM_HW_PARAM_PERIOD_SIZE);
+    _buffer = value(SNDRV_PCM_HW_PARAM_BUFFER_SIZE);
+    _bytes = value(SNDRV_PCM_HW_PARAM_SAMPLE_BITS) / 8;
+    for (_boundary = _buffer; _boundary * 2 <= LONG_MAX - _buffer;)
+        _boundary *= 2;
+    std::memset(_samples(0), 0, _buffer * _channels * _bytes);
+    _startThreshold = 1;
+    _stopThreshold = _buffer;
+    _control->avail_min = _period;
+    _control->appl_ptr = _status->hw_ptr = 0;
+    setState(SNDRV_PCM_STATE_SETUP);
+    return 0;
+}
+
+int FakedPcm::_prepare()
+{
+    if (state() == SNDRV_PCM_STATE_OPEN)
+        return -EBADFD;
+    if (runs())
+        return -EBUSY;
+    for (FakedPcm* const each : _group.linked(*this)) {
+        if (each->runs())
+            continue;
+        each->_control->appl_ptr = each->_status->hw_ptr = 0;
+        each->_done = 0;
+        each->setState(SNDRV_PCM_STATE_PREPARED);
+    }
+    return 0;
+}
+
+int FakedPcm::_start()
+{
+    const FakedPcmList all = _group.linked(*this);
+    for (const FakedPcm* const each : all) {
+        if (each->state() != SNDRV_PCM_STATE_PREPARED)
+            return -EBADFD;
+        if (!each->isCapture && each->_stopThreshold < each->_boundary && each->_available() >= each->_buffer)
+            return -EPIPE; // nothing to play
+    }
+    const int64_t now = fakedNow();
+    for (FakedPcm* const each : all) {
+        each->_startFrame = static_cast<int64_t>(std::floor(each->card.frameAt(now)));
+        each->_done = 0;
+        each->_trigger = each->_stamp = now;
+        each->setState(SNDRV_PCM_STATE_RUNNING);
+    }
+    _group.clockNeeded();
+    return 0;
+}
+
+/// Without waiting, as of a descriptor that does not block.
+int FakedPcm::_drain()
+{
+    if (!isCapture && state() == SNDRV_PCM_STATE_PREPARED && _available() < _buffer)
+        _start();
+    setState(state() == SNDRV_PCM_STATE_RUNNING ? SNDRV_PCM_STATE_DRAINING : SNDRV_PCM_STATE_SETUP);
+    return state() == SNDRV_PCM_STATE_DRAINING && !isCapture ? -EAGAIN : 0;
+}
+
+int FakedPcm::_resume()
+{
+    if (state() != SNDRV_PCM_STATE_SUSPENDED)
+        return -EBADFD;
+    if (card.isSuspended)
+        return -EAGAIN;
+    for (FakedPcm* const each : _group.linked(*this)) {
+        if (each->state() != SNDRV_PCM_STATE_SUSPENDED)
+            continue;
+        each->_startFrame = static_cast<int64_t>(each->card.frameAt(fakedNow())) - each->_done;
+        each->setState(SNDRV_PCM_STATE_RUNNING);
+    }
+    return 0;
+}
+
+int FakedPcm::_synchronise(snd_pcm_sync_ptr& pointers)
+{
+    if (pointers.flags & SNDRV_PCM_SYNC_PTR_HWSYNC) {
+        _group.update(card);
+        if (const int error = _stateError())
+            return error;
+    }
+    if (pointers.flags & SNDRV_PCM_SYNC_PTR_APPL)
+        pointers.c.control.appl_ptr = _control->appl_ptr;
+    else
+        _control->appl_ptr = pointers.c.control.appl_ptr;
+    if (pointers.flags & SNDRV_PCM_SYNC_PTR_AVAIL_MIN)
+        pointers.c.control.avail_min = _control->avail_min;
+    else
+        _control->avail_min = pointers.c.control.avail_min;
+    pointers.s.status = *_status;
+    showReadiness();
+    return 0;
+}
+
+void FakedPcm::_fill(snd_pcm_status& status)
+{
+    _group.update(card);
+    status = {};
+    status.state = _status->state;
+    if (card.options.hasStamps) {
+        setTime(&status.trigger_tstamp, _trigger);
+        setTime(&status.tstamp, runs() ? _stamp : fakedNow());
+        setTime(&status.driver_tstamp, runs() ? _stamp : fakedNow());
+    }
+    status.appl_ptr = _control->appl_ptr;
+    status.hw_ptr = _status->hw_ptr;
+    status.avail = status.avail_max = _available();
+    const snd_pcm_uframes_t waiting = isCapture ? status.avail : _buffer - status.avail;
+    status.delay = static_cast<snd_pcm_sframes_t>(waiting);
+}
+
+int FakedPcm::_transfer(snd_xferi& transfer)
+{
+    if (isCapture && state() == SNDRV_PCM_STATE_PREPARED && transfer.frames >= _startThreshold)
+        _start();
+    snd_pcm_uframes_t done = 0;
+    int error = 0;
+    while (done < transfer.frames) {
+        _group.update(card);
+        if ((error = _stateError()) != 0)
+            break;
+        const auto count =
+            std::min({transfer.frames - done, _available(), _buffer - _control->appl_ptr % _buffer});
+        if (count == 0) {
+            error = -EAGAIN; // programs that would wait are not served
+            break;
+        }
+        char* const ring = _samples(static_cast<int64_t>(_control->appl_ptr));
+        char* const theirs = static_cast<char*>(transfer.buf) + done * _channels * _bytes;
+        std::memcpy(isCapture ? theirs : ring, isCapture ? ring : theirs, count * _channels * _bytes);
+        _control->appl_ptr = (_control->appl_ptr + count) % _boundary;
+        done += count;
+        if (!isCapture && state() == SNDRV_PCM_STATE_PREPARED && _buffer - _available() >= _startThreshold)
+            _start();
+        showReadiness();
+    }
+    transfer.result = done ? static_cast<snd_pcm_sframes_t>(done) : error;
+    return done ? 0 : error;
+}
+
+int FakedPcm::ioctl(unsigned long request, void* argument)
+{
+    switch (request) {
+    case SNDRV_PCM_IOCTL_PVERSION:
+        *static_cast<int*>(argument) = SNDRV_PCM_VERSION;
+        return 0;
+    case SNDRV_PCM_IOCTL_INFO:
+        card.describe(*static_cast<snd_pcm_info*>(argument), number, isCapture);
+        return 0;
+    case SNDRV_PCM_IOCTL_TTSTAMP:
+    case SNDRV_PCM_IOCTL_USER_PVERSION:
+    case SNDRV_PCM_IOCTL_TSTAMP:
+        return 0;
+    case SNDRV_PCM_IOCTL_HW_REFINE:
+        return fakedRefine(*static_cast<snd_pcm_hw_params*>(argument), card.options, isCapture);
+    case SNDRV_PCM_IOCTL_HW_PARAMS:
+        return _setParameters(*static_cast<snd_pcm_hw_params*>(argument));
+    case SNDRV_PCM_IOCTL_HW_FREE:
+        setState(SNDRV_PCM_STATE_OPEN);
+        return 0;
+    case SNDRV_PCM_IOCTL_SW_PARAMS: {
+        auto& parameters = *static_cast<snd_pcm_sw_params*>(argument);
+        _startThreshold = parameters.start_threshold;
+        _stopThreshold = parameters.stop_threshold;
+        _hasStamps = parameters.tstamp_mode == SNDRV_PCM_TSTAMP_ENABLE;
+        _control->avail_min = parameters.avail_min;
+        parameters.boundary = _boundary;
+        showReadiness();
+        return 0;
+    }
+    case SNDRV_PCM_IOCTL_STATUS:
+    case SNDRV_PCM_IOCTL_STATUS_EXT:
+        _fill(*static_cast<snd_pcm_status*>(argument));
+        return 0;
+    case SNDRV_PCM_IOCTL_DELAY:
+    case SNDRV_PCM_IOCTL_HWSYNC: {
+        _group.update(card);
+        const int error = _stateError();
+        const snd_pcm_uframes_t waiting = isCapture ? _available() : _buffer - _available();
+        if (!error && request == SNDRV_PCM_IOCTL_DELAY)
+            *static_cast<snd_pcm_sframes_t*>(argument) = static_cast<snd_pcm_sframes_t>(waiting);
+        return error;
+    }
+    case SNDRV_PCM_IOCTL_SYNC_PTR:
+        return _synchronise(*static_cast<snd_pcm_sync_ptr*>(argument));
+    case SNDRV_PCM_IOCTL_CHANNEL_INFO: {
+        auto& info = *static_cast<snd_pcm_channel_info*>(argument);
+        info.offset = 0;
+        info.first = info.channel * _bytes * 8;
+        info.step = _channels * _bytes * 8;
+        return 0;
+    }
+    case SNDRV_PCM_IOCTL_PREPARE:
+        return _prepare();
+    case SNDRV_PCM_IOCTL_START:
+        return _start();
+    case SNDRV_PCM_IOCTL_DROP:
+        if (state() == SNDRV_PCM_STATE_OPEN)
+            return -EBADFD;
+        stop(SNDRV_PCM_STATE_SETUP);
+        return 0;
+    case SNDRV_PCM_IOCTL_DRAIN:
+        return _drain();
+    case SNDRV_PCM_IOCTL_XRUN:
+        stop(SNDRV_PCM_STATE_XRUN);
+        return 0;
+    case SNDRV_PCM_IOCTL_RESUME:
+        return _resume();
+    case SNDRV_PCM_IOCTL_LINK:
+        return _group.link(*this, static_cast<int>(std::bit_cast<intptr_t>(argument)));
+    case SNDRV_PCM_IOCTL_UNLINK:
+        return std::exchange(link, 0U) ? 0 : -EALREADY;
+    case SNDRV_PCM_IOCTL_WRITEI_FRAMES:
+    case SNDRV_PCM_IOCTL_READI_FRAMES:
+        return _transfer(*static_cast<snd_xferi*>(argument));
+    default:
+        return -ENOTTY;
+    }
+}
+
+int FakedPcm::mapped(unsigned long offset, off_t& place) const
+{
+    place = static_cast<off_t>(2 * page + offset);
+    if (offset == SNDRV_PCM_MMAP_OFFSET_STATUS_OLD || offset == SNDRV_PCM_MMAP_OFFSET_STATUS_NEW)
+        place = 0;
+    else if (offset == SNDRV_PCM_MMAP_OFFSET_CONTROL_OLD || offset == SNDRV_PCM_MMAP_OFFSET_CONTROL_NEW)
+        place = page;
+    else
+        return card.options.mapsSamples ? _file : -1;
+    return card.options.mapsStatus ? _file : -1;
+}
