@@ -8,6 +8,7 @@
 #include <cmath>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -57,7 +58,11 @@ AlsaRun::~AlsaRun()
 HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
 {
     _whenRefused = whenRefused;
-    _thread = platform::Thread("dxr-alsa-io", [this] { _run(); });
+    try {
+        _thread = platform::Thread("dxr-alsa-io", [this] { _run(); });
+    } catch (const std::system_error&) { // the process may have no more threads
+        return kAudioHardwareUnspecifiedError;
+    }
     std::unique_lock lock(_mutex);
     if (_settled.wait_until(lock, deadline, [this] { return _startError.has_value(); }))
         return *_startError ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
