@@ -51,7 +51,7 @@ bench:
 
 ## make soak     the long runs: an hour of audio, the fuzzers
 soak:
-	@scripts/install-packages build tests checks
+	@scripts/install-packages build tests checks kernel
 	scripts/soak
 
 format:

@@ -4,6 +4,8 @@
 #include "AlsaRun.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <fstream>
 
 namespace {
 
@@ -109,6 +111,19 @@ bool AlsaCard::isUsedElsewhere(unsigned pcm, HALDirection direction, bool isOurs
     const unsigned count = snd_pcm_info_get_subdevices_count(info);
     const unsigned free = snd_pcm_info_get_subdevices_avail(info);
     return count - std::min(count, free) > (isOurs ? 1U : 0U);
+}
+
+std::optional<AlsaAbilities> AlsaCard::abilitiesInUse(unsigned pcm, HALDirection direction) const
+{
+    std::ifstream file("/proc/asound/card" + std::to_string(_number) + "/pcm" + std::to_string(pcm) +
+                       (direction == HALDirection::Input ? "c" : "p") + "/sub0/hw_params");
+    unsigned channels = 0, rate = 0, ring = 0;
+    for (std::string line; std::getline(file, line);) { // "rate: 48000 (48000/1)"
+        std::sscanf(line.c_str(), "channels: %5u", &channels);
+        std::sscanf(line.c_str(), "rate: %7u", &rate);
+        std::sscanf(line.c_str(), "buffer_size: %8u", &ring);
+    }
+    return AlsaPcm::usable(AlsaAbilities{channels, {rate}, 0, ring / 2});
 }
 
 AlsaCard::Event AlsaCard::readEvents()

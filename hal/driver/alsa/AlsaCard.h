@@ -2,6 +2,7 @@
 
 #include "AlsaControls.h"
 #include "AlsaIdentity.h"
+#include "AlsaPcm.h"
 #include "AlsaReservation.h"
 #include "CXObject.h"
 
@@ -24,6 +25,9 @@ public:
     std::vector<AlsaPcmInfo> pcms();
     /// How many more programs than ours use a direction of a PCM; `isOurs` when we do.
     bool isUsedElsewhere(unsigned pcm, HALDirection direction, bool isOurs);
+
+    /// What a direction of a PCM does for another program just now; none when that is not to be seen.
+    std::optional<AlsaAbilities> abilitiesInUse(unsigned pcm, HALDirection direction) const;
 
     /// Calls `work` with the control device, which no other thread uses meanwhile.
     template <class Work> auto withControls(Work work)

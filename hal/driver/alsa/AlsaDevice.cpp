@@ -34,24 +34,26 @@ AlsaDevice::AlsaDevice(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t pe
 
 bool AlsaDevice::_probe()
 {
-    bool isBusy = false;
+    bool isUnknown = false;
     for (const HALDirection direction : halDirections) {
         const auto place = static_cast<size_t>(direction);
         if (!_pcm.has[place] || _isProbed[place])
             continue;
         int error = 0;
-        _abilities[place] = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
+        auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
         // Asked once more after the next use; otherwise never, for to ask is a use.
         _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES;
-        isBusy = isBusy || !_isProbed[place];
+        if (!_isProbed[place] && !_abilities[place])
+            can = _card->abilitiesInUse(_pcm.number, direction);
+        if (_isProbed[place] || can)
+            _abilities[place] = std::move(can);
+        isUnknown = isUnknown || (!_isProbed[place] && !_abilities[place]);
     }
-    return !isBusy && (_abilities[0] || _abilities[1]);
+    return !isUnknown && (_abilities[0] || _abilities[1]);
 }
 
 bool AlsaDevice::add(HALDriverSink& sink, const AlsaIdentity& identity, bool isOnly)
 {
-    if (isAdded())
-        return true;
     if (!_probe())
         return false;
     _card->withControls([this](snd_ctl_t* card) { _controls.find(card, _pcm); });
@@ -68,6 +70,21 @@ bool AlsaDevice::add(HALDriverSink& sink, const AlsaIdentity& identity, bool isO
     }
     _sink = deviceID == kAudioObjectUnknown ? nullptr : &sink;
     return _sink != nullptr;
+}
+
+/// What was known by its use alone is known for good when it is free.
+void AlsaDevice::learn(const AlsaIdentity& identity, bool isOnly)
+{
+    const auto isKnown = [this](size_t place) { return _isProbed[place] || !_pcm.has[place]; };
+    if ((isKnown(0) && isKnown(1)) || !_probe())
+        return;
+    const HALDeviceState described = _describe(identity, isOnly);
+    _change([&](HALDeviceState& state) {
+        for (const HALDirection direction : halDirections)
+            state[direction].streams = described[direction].streams;
+        state.sampleRates = described.sampleRates;
+        state.bufferFrameSizeRange = described.bufferFrameSizeRange;
+    });
 }
 
 HALDeviceState AlsaDevice::_describe(const AlsaIdentity& identity, bool isOnly) const

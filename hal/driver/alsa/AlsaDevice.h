@@ -16,9 +16,11 @@ public:
 
     /// What is read again.
     enum class Part { Run, Use, Values, Controls };
-    /// Adds the device to `sink`, once it could be asked what it can do, as `identity` says. A device in use stays unknown
-    /// until it is free. False while it is not added.
+    /// Adds the device to `sink`, as `identity` says, once it could be asked what it can do, or shows what it does for
+    /// another program. False while neither is known.
     bool add(HALDriverSink& sink, const AlsaIdentity& identity, bool isOnly);
+    /// Asks a device that was in use when it was added, if it is free now.
+    void learn(const AlsaIdentity& identity, bool isOnly);
     /// Reports what has changed.
     void refresh(Part part);
     void setIdentity(const AlsaIdentity& identity, bool isOnly);

@@ -190,6 +190,7 @@ void AlsaDriver::_useChanged(int number, unsigned pcm)
         if (device->pcm().number != pcm)
             continue;
         if (device->isAdded()) {
+            device->learn(card->second.identity, card->second.devices.size() == 1);
             device->refresh(AlsaDevice::Part::Use);
         } else {
             _addDevices(card->second);

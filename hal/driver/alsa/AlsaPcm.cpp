@@ -177,13 +177,24 @@ std::optional<AlsaAbilities> AlsaPcm::probe(const std::string& name, HALDirectio
             can.rates.push_back(rate);
     if (can.channelCount > usualChannels)
         can.channelCount = std::max(minChannels, usualChannels);
-    can.minFrames = static_cast<uint32_t>(std::clamp(minPeriod, minCycleFrames, 2 * maxCycleFrames));
+    can.minFrames = static_cast<uint32_t>(std::min(minPeriod, 2 * maxCycleFrames));
     can.maxFrames = static_cast<uint32_t>(std::min(maxRing / 2, maxCycleFrames));
+    if (error)
+        return std::nullopt;
+    const std::optional<AlsaAbilities> found = usable(can);
+    error = found ? 0 : -EINVAL;
+    return found;
+}
+
+std::optional<AlsaAbilities> AlsaPcm::usable(AlsaAbilities can)
+{
+    can.minFrames = std::max(can.minFrames, uint32_t{minCycleFrames});
+    can.maxFrames = std::min(can.maxFrames, uint32_t{maxCycleFrames});
+    std::erase_if(can.rates,
+                  [](uint32_t rate) { return std::ranges::find(usualRates, rate) == usualRates.end(); });
     const bool isUsable = can.channelCount > 0 && can.channelCount <= maxChannels && !can.rates.empty() &&
                           can.minFrames <= can.maxFrames;
-    if (!error && !isUsable)
-        error = -EINVAL;
-    return error ? std::nullopt : std::optional(can);
+    return isUsable ? std::optional(can) : std::nullopt;
 }
 
 // ---- Running

@@ -37,6 +37,8 @@ public:
                                          const AlsaSetup& setup, int& error);
     /// Asks a device that no one uses; none, and `error`, when it cannot be asked or has nothing that we can use.
     static std::optional<AlsaAbilities> probe(const std::string& name, HALDirection direction, int& error);
+    /// What of `can` the driver can use.
+    static std::optional<AlsaAbilities> usable(AlsaAbilities can);
     ~AlsaPcm();
     AlsaPcm(const AlsaPcm&) = delete;
     AlsaPcm& operator=(const AlsaPcm&) = delete;

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -57,7 +58,11 @@ AlsaRun::~AlsaRun()
 HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
 {
     _whenRefused = whenRefused;
-    _thread = platform::Thread("dxr-alsa-io", [this] { _run(); });
+    try {
+        _thread = platform::Thread("dxr-alsa-io", [this] { _run(); });
+    } catch (const std::system_error&) { // the process may have no more threads
+        return kAudioHardwareUnspecifiedError;
+    }
     std::unique_lock lock(_mutex);
     if (_settled.wait_until(lock, deadline, [this] { return _startError.has_value(); }))
         return *_startError ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
@@ -192,33 +197,30 @@ int AlsaRun::_restart() noexcept
     return _begin(); // after a suspend too: what was in the ring is old
 }
 
-/// Waits until every direction has a cycle's frames.
+/// Waits until the input has a cycle's frames, and then until the output has room: with one clock it has, and one interrupt
+/// has been enough.
 int AlsaRun::_wait() noexcept
 {
-    std::array<bool, 2> isReady{!_pcms[0], !_pcms[1]};
-    for (;;) {
-        for (size_t place = 0; place < 2; ++place) {
-            if (isReady[place])
-                continue;
+    for (size_t place = 0; place < 2; ++place) {
+        while (_pcms[place]) {
             const int ready = _pcms[place]->isReady();
             if (ready < 0)
                 return ready;
-            isReady[place] = ready > 0;
+            if (ready > 0)
+                break;
+            if (const int error = _poll(place))
+                return error;
         }
-        if (isReady[0] && isReady[1])
-            // A late device has its next cycle at once; a wish must not wait for it to catch up.
-            return _wish.load(std::memory_order_relaxed) == Wish::Run ? 0 : -ECANCELED;
-        if (const int error = _poll(isReady))
-            return error;
     }
+    // A late device has its next cycle at once; a wish must not wait for it to catch up.
+    return _wish.load(std::memory_order_relaxed) == Wish::Run ? 0 : -ECANCELED;
 }
 
-int AlsaRun::_poll(std::span<const bool> isReady) noexcept
+int AlsaRun::_poll(size_t place) noexcept
 {
     for (size_t i = 1; i < _polled.size(); ++i) { // what is ready would end the wait at once, again and again
-        const bool ready = isReady[i < _first[1] ? 0 : 1];
-        _polled[i].fd = (_polled[i].fd < 0) == ready ? _polled[i].fd : ~_polled[i].fd;
-        _polled[i].revents = 0;
+        const bool isAwaited = place == (i < _first[1] ? 0 : 1);
+        _polled[i].fd = (_polled[i].fd >= 0) == isAwaited ? _polled[i].fd : ~_polled[i].fd;
     }
     const int cycleMilliseconds = static_cast<int>(1000ULL * _setup.frameCount / _setup.rate);
     const int count =
@@ -229,15 +231,8 @@ int AlsaRun::_poll(std::span<const bool> isReady) noexcept
         return -ETIMEDOUT;
     if (_polled[0].revents != 0)
         return -ECANCELED;
-    for (size_t place = 0; place < 2; ++place) {
-        const size_t end = place == 0 ? _first[1] : _polled.size();
-        if (!_pcms[place] || isReady[place])
-            continue;
-        if (const int error =
-                _pcms[place]->errorIn(std::span(_polled).subspan(_first[place], end - _first[place])))
-            return error;
-    }
-    return 0;
+    const size_t end = place == 0 ? _first[1] : _polled.size();
+    return _pcms[place]->errorIn(std::span(_polled).subspan(_first[place], end - _first[place]));
 }
 
 void AlsaRun::_cycle(int& error) noexcept

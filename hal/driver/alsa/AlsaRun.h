@@ -53,7 +53,7 @@ private:
     int _begin() noexcept;
     int _restart() noexcept;
     int _wait() noexcept;
-    int _poll(std::span<const bool> isReady) noexcept;
+    int _poll(size_t place) noexcept;
     void _cycle(int& error) noexcept CX_REALTIME;
     void _fillTimes(HALCycle& cycle, const AlsaTimeline::Step& step) const noexcept CX_REALTIME;
     void _noteRatio(const AlsaTimeline::Step& step) noexcept CX_REALTIME;

@@ -259,6 +259,7 @@ int FakedKernel::_openControl(FakedCard& card, int flags)
         return -errno;
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
     _controls[ends[0]] = {&card, ends[0], ends[1], 0};
+    _isOurs.at(static_cast<size_t>(ends[0])) = true;
     return ends[0];
 }
 
@@ -279,18 +280,16 @@ int FakedKernel::_openPcm(FakedCard& card, unsigned number, bool isCapture, int 
     _pcms[descriptor] =
         std::make_unique<FakedPcm>(card, number, isCapture, descriptor, ends[isCapture ? 1 : 0], *this);
     fcntl(descriptor, F_SETFL, flags & O_NONBLOCK);
+    _isOurs.at(static_cast<size_t>(descriptor)) = true;
     return descriptor;
-}
-
-bool FakedKernel::owns(int descriptor)
-{
-    const Guard guard(_lock);
-    return _pcms.contains(descriptor) || _controls.contains(descriptor);
 }
 
 void FakedKernel::close(int descriptor)
 {
+    if (!owns(descriptor))
+        return;
     const Guard guard(_lock);
+    _isOurs.at(static_cast<size_t>(descriptor)) = false;
     if (const auto pcm = _pcms.find(descriptor); pcm != _pcms.end()) {
         pcm->second->stop(SNDRV_PCM_STATE_SETUP);
         _pcms.erase(pcm);
@@ -352,6 +351,8 @@ int FakedKernel::mapped(int descriptor, unsigned long offset, off_t& place)
 
 void FakedKernel::look(int descriptor)
 {
+    if (!owns(descriptor))
+        return;
     const Guard guard(_lock);
     if (const auto pcm = _pcms.find(descriptor); pcm != _pcms.end())
         pcm->second->showReadiness();
@@ -359,6 +360,8 @@ void FakedKernel::look(int descriptor)
 
 short FakedKernel::pollErrors(int descriptor)
 {
+    if (!owns(descriptor))
+        return 0;
     const Guard guard(_lock);
     const auto pcm = _pcms.find(descriptor);
     const auto control = _controls.find(descriptor);

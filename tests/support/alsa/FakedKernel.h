@@ -44,7 +44,12 @@ public:
 
     // -- What programs do. Errors are negative; a descriptor that is not a card's is not owned.
     int open(const char* path, int flags);
-    bool owns(int descriptor);
+    /// Without the lock: what is no card's does not wait for one that a sanitizer's report may hold.
+    bool owns(int descriptor) const
+    {
+        const auto place = static_cast<size_t>(descriptor);
+        return place < _isOurs.size() && _isOurs[place].load(std::memory_order_acquire);
+    }
     void close(int descriptor);
     int ioctl(int descriptor, unsigned long request, void* argument);
     /// The file and place to map; negative: the error.
@@ -83,7 +88,8 @@ private:
     void _wakeClock() const;
     void _runClock();
 
-    FakedLock _lock; // guards what follows
+    std::array<std::atomic<bool>, 4096> _isOurs{}; // by descriptor; written under the lock
+    FakedLock _lock;                               // guards what follows
     std::map<int, std::unique_ptr<FakedCard>> _cards;
     std::vector<std::unique_ptr<FakedCard>> _gone;  // whose files may still be open
     std::map<int, std::unique_ptr<FakedPcm>> _pcms; // by descriptor

@@ -2,6 +2,7 @@
 
 #include "FakedKernel.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -15,11 +16,25 @@
 
 namespace {
 
-/// The definition that comes after this library's.
-template <class Function> Function* hidden(const char* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
+/// A definition that comes after this library's. Found when it is first needed, which may be before this library's own
+/// constructors; by relaxed atomics, for every thread finds the same.
+template <class Function> class Hidden {
+public:
+    constexpr explicit Hidden(const char* name) : _name(name) {}
+    Function* get()
+    {
+        Function* found = _found.load(std::memory_order_relaxed);
+        if (!found) {
+            found = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, _name));
+            _found.store(found, std::memory_order_relaxed);
+        }
+        return found;
+    }
+
+private:
+    const char* const _name;
+    std::atomic<Function*> _found{nullptr};
+};
 
 using Open = int(const char*, int, ...);
 using Map = void*(void*, size_t, int, int, int, off_t);
@@ -69,47 +84,47 @@ template <class Wait> int pollCards(pollfd* files, nfds_t count, Wait wait)
 
 ssize_t FakedLibrary::read(int descriptor, void* to, size_t size)
 {
-    static auto* const original = hidden<ssize_t(int, void*, size_t)>("read");
-    return original(descriptor, to, size);
+    static constinit Hidden<ssize_t(int, void*, size_t)> original("read");
+    return original.get()(descriptor, to, size);
 }
 
 ssize_t FakedLibrary::write(int descriptor, const void* from, size_t size)
 {
-    static auto* const original = hidden<ssize_t(int, const void*, size_t)>("write");
-    return original(descriptor, from, size);
+    static constinit Hidden<ssize_t(int, const void*, size_t)> original("write");
+    return original.get()(descriptor, from, size);
 }
 
 int FakedLibrary::close(int descriptor)
 {
-    static auto* const original = hidden<int(int)>("close");
-    return original(descriptor);
+    static constinit Hidden<int(int)> original("close");
+    return original.get()(descriptor);
 }
 
 int FakedLibrary::open(const char* path, int flags, mode_t mode)
 {
-    static auto* const original = hidden<Open>("open");
-    return original(path, flags, mode);
+    static constinit Hidden<Open> original("open");
+    return original.get()(path, flags, mode);
 }
 
 void* FakedLibrary::mmap(size_t size, int file)
 {
-    static auto* const original = hidden<Map>("mmap");
-    return original(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    static constinit Hidden<Map> original("mmap");
+    return original.get()(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
 }
 
 void FakedLibrary::wait(int descriptor, long nanoseconds)
 {
     pollfd file{descriptor, POLLIN, 0};
     const timespec time{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
-    static auto* const original = hidden<int(pollfd*, nfds_t, const timespec*, const sigset_t*)>("ppoll");
-    original(&file, 1, &time, nullptr);
+    static constinit Hidden<int(pollfd*, nfds_t, const timespec*, const sigset_t*)> original("ppoll");
+    original.get()(&file, 1, &time, nullptr);
 }
 
 void FakedLibrary::sleep(long nanoseconds)
 {
     const timespec time{0, nanoseconds};
-    static auto* const original = hidden<int(const timespec*, timespec*)>("nanosleep");
-    original(&time, nullptr);
+    static constinit Hidden<int(const timespec*, timespec*)> original("nanosleep");
+    original.get()(&time, nullptr);
 }
 
 // ---- In place of the C library's
@@ -125,8 +140,8 @@ FAKED_EXPORT int open(const char* path, int flags, ...)
         mode = va_arg(list, mode_t);
         va_end(list);
     }
-    static auto* const original = hidden<Open>("open");
-    return openCards(original, path, flags, mode);
+    static constinit Hidden<Open> original("open");
+    return openCards(original.get(), path, flags, mode);
 }
 
 FAKED_EXPORT int open64(const char* path, int flags, ...)
@@ -138,8 +153,8 @@ FAKED_EXPORT int open64(const char* path, int flags, ...)
         mode = va_arg(list, mode_t);
         va_end(list);
     }
-    static auto* const original = hidden<Open>("open64");
-    return openCards(original, path, flags, mode);
+    static constinit Hidden<Open> original("open64");
+    return openCards(original.get(), path, flags, mode);
 }
 
 // The forms that check sizes, which alsa-lib calls.
@@ -168,28 +183,28 @@ FAKED_EXPORT int ioctl(int descriptor, unsigned long request, ...) noexcept
     const unsigned long type = (request >> 8) & 255;
     if ((type == 'A' || type == 'U') && FakedKernel::shared().owns(descriptor))
         return result(FakedKernel::shared().ioctl(descriptor, request, argument));
-    static auto* const original = hidden<int(int, unsigned long, ...)>("ioctl");
-    return original(descriptor, request, argument);
+    static constinit Hidden<int(int, unsigned long, ...)> original("ioctl");
+    return original.get()(descriptor, request, argument);
 }
 
 FAKED_EXPORT void* mmap(void* at, size_t size, int protection, int flags, int descriptor,
                         off_t offset) noexcept
 {
-    static auto* const original = hidden<Map>("mmap");
-    return mapCards(original, at, size, protection, flags, descriptor, offset);
+    static constinit Hidden<Map> original("mmap");
+    return mapCards(original.get(), at, size, protection, flags, descriptor, offset);
 }
 
 FAKED_EXPORT void* mmap64(void* at, size_t size, int protection, int flags, int descriptor,
                           off_t offset) noexcept
 {
-    static auto* const original = hidden<Map>("mmap64");
-    return mapCards(original, at, size, protection, flags, descriptor, offset);
+    static constinit Hidden<Map> original("mmap64");
+    return mapCards(original.get(), at, size, protection, flags, descriptor, offset);
 }
 
 FAKED_EXPORT int poll(pollfd* files, nfds_t count, int milliseconds)
 {
-    static auto* const original = hidden<int(pollfd*, nfds_t, int)>("poll");
-    return pollCards(files, count, [&] { return original(files, count, milliseconds); });
+    static constinit Hidden<int(pollfd*, nfds_t, int)> original("poll");
+    return pollCards(files, count, [&] { return original.get()(files, count, milliseconds); });
 }
 
 FAKED_EXPORT int __poll_chk(pollfd* files, nfds_t count, int milliseconds, size_t)
@@ -211,8 +226,8 @@ FAKED_EXPORT ssize_t __read_chk(int descriptor, void* to, size_t size, size_t)
 
 FAKED_EXPORT int inotify_add_watch(int descriptor, const char* path, uint32_t mask) noexcept
 {
-    static auto* const original = hidden<int(int, const char*, uint32_t)>("inotify_add_watch");
-    return original(descriptor, isCards(path) ? FakedKernel::shared().folder.c_str() : path, mask);
+    static constinit Hidden<int(int, const char*, uint32_t)> original("inotify_add_watch");
+    return original.get()(descriptor, isCards(path) ? FakedKernel::shared().folder.c_str() : path, mask);
 }
 
 } // extern "C"
