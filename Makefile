@@ -4,7 +4,7 @@ DEMO_ARGS ?=
 PREFIX ?= /usr/local
 BUILD_DIR ?= build/release
 
-.PHONY: help release demo test check asan tsan lint bench soak format install dist deb clean
+.PHONY: help release demo test check asan tsan lint bench soak format install dist deb manual clean
 help:
 	@sed -n 's/^## //p' $(firstword $(MAKEFILE_LIST))
 
@@ -58,8 +58,15 @@ release:
 install: release
 	DESTDIR="$(DESTDIR)" cmake --install "$(BUILD_DIR)" --prefix "$(PREFIX)"
 
+## make manual   the manual and the API reference, in build/manual/html
+manual:
+	@scripts/install-packages packages
+	mkdir -p build/manual
+	doxygen docs/manual/Doxyfile
+	scripts/check-manual
+
 ## make dist     a tarball of what is committed, which builds without git
-VERSION := $(shell sed -n 's/^project(dxr VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+VERSION := $(word 3,$(shell grep -oE 'dxr VERSION [0-9.]+' CMakeLists.txt))
 dist:
 	@mkdir -p build
 	git archive --prefix=dxr-$(VERSION)/ HEAD | gzip -9n > build/dxr-$(VERSION).tar.gz
