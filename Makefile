@@ -60,7 +60,7 @@ install: release
 
 ## make manual   the manual and the API reference, in build/manual/html
 manual:
-	@scripts/install-packages packages
+	@scripts/install-packages packaging
 	mkdir -p build/manual
 	doxygen docs/manual/Doxyfile
 	scripts/check-manual
@@ -73,7 +73,7 @@ dist:
 
 ## make deb      Debian packages, in build/deb
 deb: dist
-	@scripts/install-packages build packages
+	@scripts/install-packages build packaging
 	rm -rf build/deb && mkdir -p build/deb && tar -xzf build/dxr-$(VERSION).tar.gz -C build/deb
 	cd build/deb/dxr-$(VERSION) && dpkg-buildpackage -us -uc -b -j$(JOBS)
 	lintian --fail-on error,warning build/deb/*.changes
