@@ -164,8 +164,8 @@ uint64_t DXRCycleTimes::ticksAt(double first, double frames) const noexcept
     return framePeriod > 0 && nanoseconds > 0 ? static_cast<uint64_t>(nanoseconds * ticksPerNanosecond) : 0;
 }
 
-/// When the frame at that place of a buffer was, or will be, at the device.
-uint64_t DXRAudioConverter::_hostTimeOf(Direction direction, uint32_t frame) const noexcept
+/// Where a frame of a buffer is in the device's cycle: device frames after its first, of input or output.
+double DXRAudioConverter::_placeOf(Direction direction, uint32_t frame) const noexcept
 {
     const RateConversion* const conversion = _conversions[direction].get();
     const double position = conversion ? conversion->nextPosition() : 0;
@@ -173,10 +173,17 @@ uint64_t DXRAudioConverter::_hostTimeOf(Direction direction, uint32_t frame) con
     if (direction == INPUT) {
         // The frame behind the last held one comes from `position` after this cycle's end.
         const double missing = static_cast<double>(_bufferFrameCounts[INPUT]) - frame;
-        return _times.ticksAt(_times.input, _contextFrameCount + position - missing * deviceFrames);
+        return _contextFrameCount + position - missing * deviceFrames;
     }
     // The next read begins `position` frames into the buffer, and is heard after what has been collected.
-    return _times.ticksAt(_times.output, _collectedFrames + (frame - position) * deviceFrames);
+    return _collectedFrames + (frame - position) * deviceFrames;
+}
+
+/// Returns when the first frame of the block, which is at `frame` of the buffer, was or will be at the device.
+uint64_t DXRAudioConverter::_beginBlock(Direction direction, uint32_t frame) noexcept
+{
+    const double place = _lastPlaces[direction] = _placeOf(direction, frame);
+    return _times.ticksAt(direction == INPUT ? _times.input : _times.output, place);
 }
 
 void DXRAudioConverter::performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2],
@@ -299,7 +306,7 @@ bool DXRAudioConverter::_performInputCallBack(uint64_t sampleTime, uint32_t* buf
     if (_bufferFrameCounts[INPUT] - *bufferFramesConsumed < _convertedFrameCount)
         return false;
     const DXRChannelEntry* const entries = _nodeEntriesAt(INPUT, *bufferFramesConsumed);
-    const uint64_t hostTime = _hostTimeOf(INPUT, *bufferFramesConsumed);
+    const uint64_t hostTime = _beginBlock(INPUT, *bufferFramesConsumed);
     for (const CXRef<DXRConverterNode>& node : _nodes[INPUT])
         node->performIOWithSampleTime(sampleTime, entries, hostTime);
     *bufferFramesConsumed += _convertedFrameCount;
@@ -312,7 +319,7 @@ void DXRAudioConverter::_performOutputCallBack(uint64_t sampleTime)
     _bufferFrameCounts[OUTPUT] += _convertedFrameCount;
     CX_ASSERT(_bufferFrameCounts[OUTPUT] <= _bufferFrameCountMax); // before the nodes write
     const uint64_t hostTime =
-        _hostTimeOf(OUTPUT, _bufferFrameCounts[OUTPUT]); // what a node makes now comes next
+        _beginBlock(OUTPUT, _bufferFrameCounts[OUTPUT]); // what a node makes now comes next
     for (const CXRef<DXRConverterNode>& node : _nodes[OUTPUT])
         node->performIOWithSampleTime(sampleTime, entries, hostTime);
 }

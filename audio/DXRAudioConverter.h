@@ -50,6 +50,9 @@ public:
     /// silence on input and ignored on output. Does nothing when a node cycle has no frames. `times` are the device's.
     void performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2],
                                  const DXRCycleTimes& times = {}) CX_REALTIME;
+    /// Where the first frame of the last block of an input, or output, is in the device's cycle that ran it: device frames
+    /// after the cycle's first. Negative for input that was kept from earlier cycles.
+    double placeOfLastBlock(bool isInput) const noexcept { return _lastPlaces[isInput ? INPUT : OUTPUT]; }
 
     /// "<DXRAudioConverter: address, input [1, 2], output [1, 2], frameCount: 512 -> 256, sampleRate: 44100hz
     /// -> 48000hz>", with what applies.
@@ -80,7 +83,8 @@ private:
     void _readOutput(const std::vector<ausampler_iovec>& to) noexcept;
     void _giveCollectedOutput() noexcept;
     void _dropFrames(Direction direction, uint32_t frames) noexcept;
-    uint64_t _hostTimeOf(Direction direction, uint32_t frame) const noexcept;
+    double _placeOf(Direction direction, uint32_t frame) const noexcept;
+    uint64_t _beginBlock(Direction direction, uint32_t frame) noexcept;
     const DXRChannelEntry* _nodeEntriesAt(Direction direction, uint32_t frame) noexcept;
     float* _bufferAt(Direction direction, uint32_t frame) const noexcept;
     void _pointAtDevice(Direction direction, const DXRChannelEntry* entries) noexcept;
@@ -110,7 +114,8 @@ private:
     std::vector<float> _collected;
     std::vector<ausampler_iovec> _collectedSide;
 
-    DXRCycleTimes _times; // of this cycle
+    DXRCycleTimes _times;       // of this cycle
+    double _lastPlaces[2] = {}; // placeOfLastBlock()
 
     // One entry per used channel, on the device and in the buffer; set anew for each move.
     std::vector<ausampler_iovec> _deviceSide[2], _bufferSide[2];

@@ -3,14 +3,11 @@
 #include "AggregateComposition.h"
 #include "CXStringAdditions.h"
 #include "CXValue.h"
-#include "DXRDeviceRunner.h"
-#include "DXRPropertyAddress.h"
 #include "QDL.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <random>
 #include <thread>
 #include <unistd.h>
@@ -38,12 +35,12 @@ std::string newUUID()
 } // namespace
 
 CXRef<DXRAudioAggregateContext>
-DXRAudioAggregateContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner, const DXRDeviceNodes& nodes,
-                                         Viables viables, const std::vector<std::string>& deviceUIDs,
-                                         HALStatus* status)
+DXRAudioAggregateContext::initWithIO(RunnerIO& io, const CXRef<CXObject>& runner, const DXRDeviceNodes& nodes,
+                                     Viables viables, const std::vector<std::string>& deviceUIDs,
+                                     HALStatus* status)
 {
     auto context = CXRef<DXRAudioAggregateContext>::adopt(
-        new DXRAudioAggregateContext(runner, nodes, std::move(viables)));
+        new DXRAudioAggregateContext(io, runner, nodes, std::move(viables)));
     context->_deviceUID = _uniqueDeviceUID();
     context->_deviceID =
         context->_createAggregateDevice(deviceUIDs, context->_clockDeviceUID(deviceUIDs), status);
@@ -146,19 +143,10 @@ CXPlist DXRAudioAggregateContext::_composition() const
     return aggregateComposition(_deviceID);
 }
 
-std::vector<DXRRunnerCounts::Device> DXRAudioAggregateContext::countsOfDevices(uint64_t lostFrames) const
+std::vector<AudioObjectID> DXRAudioAggregateContext::_devicesOfNode(const CXRef<DXRDeviceNode>& node) const
 {
-    std::vector<DXRRunnerCounts::Device> counts;
-    const auto data = DXRPropertyAddress::initWithSelector(kAudioAggregateDevicePropertySubDeviceStatus)
-                          ->dataForObjectID(_deviceID);
-    for (size_t at = 0; data && at + sizeof(AudioAggregateSubDeviceStatus) <= data->size();
-         at += sizeof(AudioAggregateSubDeviceStatus)) {
-        AudioAggregateSubDeviceStatus status;
-        std::memcpy(&status, data->data() + at, sizeof status);
-        const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
-        if (uid)
-            counts.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),
-                              status.resynchronisations});
-    }
-    return counts;
+    std::vector<AudioObjectID> devices;
+    for (const std::string& uid : node->deviceUIDs())
+        devices.push_back(QDLAudioDeviceIDFromUID(uid));
+    return devices;
 }

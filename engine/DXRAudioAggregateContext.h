@@ -9,14 +9,12 @@ class DXR_EXPORT DXRAudioAggregateContext final : public DXRAudioContext {
 public:
     /// Null when the aggregate cannot be made, for the reason in `status`. Waits, for about three seconds at the longest, until the new device says
     /// what channels it has or none of the devices is there any more.
-    static CXRef<DXRAudioAggregateContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                          const DXRDeviceNodes& nodes, Viables viables,
-                                                          const std::vector<std::string>& deviceUIDs,
-                                                          HALStatus* status);
+    static CXRef<DXRAudioAggregateContext> initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
+                                                      const DXRDeviceNodes& nodes, Viables viables,
+                                                      const std::vector<std::string>& deviceUIDs,
+                                                      HALStatus* status);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Aggregate; }
-    /// Those of the aggregate's parts; what the cycles show is the clock's.
-    std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t lostFrames) const override;
     /// "DXR:", the process ID in hexadecimal, and a UUID that nobody else has.
     static std::string _uniqueDeviceUID();
     /// The plug-in of that bundle ID; 0 for none.
@@ -26,6 +24,7 @@ public:
 
 protected:
     const char* className() const override { return "DXRAudioAggregateContext"; }
+    std::vector<AudioObjectID> _devicesOfNode(const CXRef<DXRDeviceNode>& node) const override;
 
 private:
     using DXRAudioContext::DXRAudioContext;

@@ -2,13 +2,12 @@
 
 #include "CXErrorAdditions.h"
 #include "CXFourCharCode.h"
-#include "DXRAudioAggregateContext.h"
-#include "DXRAudioTimerContext.h"
-#include "DXRDeviceRunner.h"
 #include "DeviceClock.h"
 #include "GlobalQueue.h"
 #include "HostClock.h"
+#include "LatencyOfPart.h"
 #include "QDL.h"
+#include "RunnerIO.h"
 
 #include <algorithm>
 #include <alloca.h>
@@ -77,41 +76,11 @@ uint32_t frameCountOf(const AudioBuffer& buffer)
 
 // ---- Life
 
-CXRef<DXRAudioContext> DXRAudioContext::audioContextWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                               const DXRDeviceNodes& nodes,
-                                                               DXRDeviceRunnerError* error)
+CXRef<DXRAudioContext> DXRAudioContext::initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
+                                                   const DXRDeviceNodes& nodes, Viables viables,
+                                                   const std::vector<std::string>& deviceUIDs)
 {
-    Viables viables;
-    std::vector<std::string> deviceUIDs;
-    for (const auto& direction : nodes) {
-        for (const CXRef<DXRDeviceNode>& node : direction) {
-            if (!node->isViable())
-                continue;
-            viables.insert(node);
-            for (std::string& uid : node->deviceUIDs()) {
-                if (std::ranges::find(deviceUIDs, uid) == deviceUIDs.end())
-                    deviceUIDs.push_back(std::move(uid));
-            }
-        }
-    }
-    if (deviceUIDs.size() >= 2 && viables.size() > 1) {
-        HALStatus status = kAudioHardwareNoError;
-        auto context =
-            DXRAudioAggregateContext::initWithRunner(runner, nodes, std::move(viables), deviceUIDs, &status);
-        if (!context && error)
-            *error = {"", status, "cannot combine the devices" + statusText(status)};
-        return context;
-    }
-    if (!viables.empty())
-        return initWithRunner(runner, nodes, std::move(viables), deviceUIDs);
-    return DXRAudioTimerContext::initWithRunner(runner, nodes, std::move(viables));
-}
-
-CXRef<DXRAudioContext> DXRAudioContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                       const DXRDeviceNodes& nodes, Viables viables,
-                                                       const std::vector<std::string>& deviceUIDs)
-{
-    auto context = CXRef<DXRAudioContext>::adopt(new DXRAudioContext(runner, nodes, std::move(viables)));
+    auto context = CXRef<DXRAudioContext>::adopt(new DXRAudioContext(io, runner, nodes, std::move(viables)));
     // An aggregate beside the one device that is there of its parts: the device itself, which carries both.
     const auto isOneOf = [&](const CXRef<DXRDeviceNode>& node, bool isListed) {
         return context->_viables.contains(node) &&
@@ -130,9 +99,9 @@ CXRef<DXRAudioContext> DXRAudioContext::initWithRunner(const CXRef<DXRDeviceRunn
     return context;
 }
 
-DXRAudioContext::DXRAudioContext(const CXRef<DXRDeviceRunner>& runner, const DXRDeviceNodes& nodes,
+DXRAudioContext::DXRAudioContext(RunnerIO& io, const CXRef<CXObject>& runner, const DXRDeviceNodes& nodes,
                                  Viables viables)
-    : _nodes(nodes), _viables(std::move(viables)), _queue(runner->queue()), _runner(runner)
+    : _nodes(nodes), _viables(std::move(viables)), _queue(io.queue), _io(io), _runner(runner)
 {}
 
 // noexcept as it is, a broken promise ends the process here.
@@ -244,23 +213,31 @@ void DXRAudioContext::_followLayouts()
         if (node->device()->isAggregate())
             aggregates.insert(node->device()->deviceID());
     }
+    const CXDispatchQueue::Work look = [weak = CXWeak(*this)] {
+        if (const CXRef<DXRAudioContext> self = weak.lock())
+            self->_lookAtLayouts();
+    };
     for (const AudioObjectID aggregate : aggregates) {
         for (const uint32_t selector :
              {kAudioAggregateDevicePropertyComposition, kAudioAggregateDevicePropertyActiveSubDeviceList}) {
             const AudioObjectPropertyAddress address{selector, kAudioObjectPropertyScopeGlobal,
                                                      kAudioObjectPropertyElementMain};
-            _layoutListeners.push_back(_runner->propertyListenerWithObjectID(
-                aggregate, &address, CXRef<CXObject>(this),
-                [](const CXRef<CXObject>& target, const AudioObjectPropertyAddress*) {
-                    auto& context = static_cast<DXRAudioContext&>(*target);
-                    CX_ASSERT_ON_QUEUE(context._queue);
-                    if (context._iocontext && !(context._readLayouts() == context._layouts))
-                        context._runner->audioContextDidStopFromConfigChange(context);
+            _layoutListeners.push_back(DXRPropertyListener::initWithObjectID(
+                aggregate, &address, nullptr, CXRef<CXObject>(_queue),
+                [look](const CXRef<CXObject>& queue, const AudioObjectPropertyAddress*) {
+                    static_cast<CXDispatchQueue&>(*queue).dispatchAsync(look);
                 }));
             _layoutListeners.back()->start();
         }
     }
     _layouts = _readLayouts();
+}
+
+void DXRAudioContext::_lookAtLayouts()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (_iocontext && !(_readLayouts() == _layouts))
+        _io.onNewLayout(*this);
 }
 
 void DXRAudioContext::_stopFollowingLayouts()
@@ -292,11 +269,11 @@ void DXRAudioContext::_listenForRate(DXRAudioIOContext& record) const
 /// Failures do not matter: cycles adapt to whatever the device runs at.
 void DXRAudioContext::_askForFormat()
 {
-    const uint32_t frameCount = _runner->frameCount();
+    const uint32_t frameCount = _io.frameCount.value();
     uint32_t deviceFrameCount = 0;
     if (frameCount != 0 && (!_frameCount(&deviceFrameCount) || deviceFrameCount != frameCount))
         _setFrameCount(frameCount);
-    const double sampleRate = _runner->sampleRate();
+    const double sampleRate = _io.sampleRate.value();
     double deviceSampleRate = 0.0;
     if (sampleRate > 0.0 && (!_sampleRate(&deviceSampleRate) || deviceSampleRate != sampleRate))
         _setSampleRate(sampleRate);
@@ -307,15 +284,15 @@ bool DXRAudioContext::_startIO()
     CX_ASSERT_ON_QUEUE(_queue);
     uint32_t deviceFrameCount = 0;
     double deviceSampleRate = 0.0;
-    if (!_frameCount(&deviceFrameCount) || deviceFrameCount > DXRDeviceRunner::maxFrames)
+    if (!_frameCount(&deviceFrameCount) || deviceFrameCount > DXRDeviceNode::maxFrames)
         deviceFrameCount = 0;
     if (!_sampleRate(&deviceSampleRate) || !QDLAudioDeviceSampleRateIsValid(deviceSampleRate))
         deviceSampleRate = 0.0;
     const auto firstOf = [](auto wanted, auto offered, auto otherwise) {
         return wanted != 0 ? wanted : offered != 0 ? offered : otherwise;
     };
-    const uint32_t frameCount = firstOf(_runner->frameCount(), deviceFrameCount, defaultFrameCount);
-    const double sampleRate = firstOf(_runner->sampleRate(), deviceSampleRate, defaultSampleRate);
+    const uint32_t frameCount = firstOf(_io.frameCount.value(), deviceFrameCount, defaultFrameCount);
+    const double sampleRate = firstOf(_io.sampleRate.value(), deviceSampleRate, defaultSampleRate);
     if (_iocontext && deviceFrameCount != 0 && deviceSampleRate != 0.0) {
         _iocontext->frameCount = deviceFrameCount;
         _iocontext->sampleRate = deviceSampleRate;
@@ -336,7 +313,7 @@ bool DXRAudioContext::_startIO()
             }
         }
     }
-    _runner->audioContextDidStartWithSampleRate(sampleRate, frameCount);
+    _io.contextDidStart(sampleRate, frameCount);
     return true;
 }
 
@@ -396,8 +373,7 @@ void DXRAudioContext::_sayFarewell(const CXRef<DXRAudioIOContext>& record, Audio
         // Not before: this farewell may have run at the end of the cycle, on the IO thread, which must not start a device,
         // and whose device would call the new callback in the same cycle.
         if (needsRestart)
-            context->_queue->dispatchAsync(
-                [context] { context->_runner->audioContextDidStopFromConfigChange(*context); });
+            context->_queue->dispatchAsync([context] { context->_io.onNewLayout(*context); });
         // The context may end with this, and a private device with it: nothing runs on that any more.
     });
 }
@@ -441,7 +417,8 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     record.inputSampleTime = buffers.input ? stamps.input->sampleTime : 0.0;
     record.outputSampleTime = buffers.output ? stamps.output->sampleTime : 0.0;
     record.dueTicks = now && (now->flags & kAudioTimeStampHostTimeValid) != 0 ? now->hostTime : 0;
-    record.beginTicks = context._runner->isTraced() ? platform::HostClock::nowTicks() : 0;
+    record.beginTicks =
+        context._io.isTraced.load(std::memory_order_relaxed) ? platform::HostClock::nowTicks() : 0;
     record.freshRate.reset();
     if (record.rateChanged.load(std::memory_order_relaxed) && record.rateChanged.exchange(false))
         record.lastSampleTime = DXRAudioIOContext::noSampleTime;
@@ -509,12 +486,17 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
             ? DXRCycleTimes()
             : record.clock->follow(record.dueTicks, record.sampleTime, record.inputSampleTime,
                                    record.outputSampleTime, record.sampleRate);
-    if (DXRCycleTrace* const trace = _runner->cycleTrace())
+    if (DXRCycleTrace* const trace = _io.trace.get())
         _performTraced(*trace, record, converter, entries, times);
     else
         _performNodes(converter, entries, times);
+    const auto now = static_cast<double>(sampleTime);
+    record.distances[0] = now - record.inputSampleTime;
+    record.distances[1] = record.outputSampleTime - now;
+    record.blockPlaces[0] = converter ? converter->placeOfLastBlock(true) : 0.0;
+    record.blockPlaces[1] = converter ? converter->placeOfLastBlock(false) : frameCount;
     const uint64_t deadline = _deadlineOf(record);
-    _runner->noteCycle(deadline != 0 && platform::HostClock::nowTicks() > deadline, lostFrames);
+    _io.noteCycle(deadline != 0 && platform::HostClock::nowTicks() > deadline, lostFrames);
 }
 
 /// When the next cycle is due, in ticks; 0 where the device does not say.
@@ -525,9 +507,53 @@ uint64_t DXRAudioContext::_deadlineOf(const DXRAudioIOContext& record) noexcept
     return record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
 }
 
-std::vector<DXRRunnerCounts::Device> DXRAudioContext::countsOfDevices(uint64_t lostFrames) const
+// ---- Latency
+
+std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const
 {
-    return {{_deviceUID, lostFrames, 0}};
+    CX_ASSERT_ON_QUEUE(_queue);
+    std::vector<DXRDeviceLatency> latencies;
+    if (!_iocontext || _iocontext->lastFrameCount == 0)
+        return latencies;
+    const SubDeviceStatuses statuses = subDeviceStatusesOf(_deviceID);
+    for (const auto& direction : _nodes) {
+        for (const CXRef<DXRDeviceNode>& node : direction) {
+            if (!_viables.contains(node))
+                continue;
+            const CyclePlacement placement = _placementOf(node->isInput(), statuses);
+            DXRDeviceLatency slowest;
+            for (const AudioObjectID device : _devicesOfNode(node)) {
+                DXRDeviceLatency latency = latencyOfPart(device, node->isInput(), placement, statuses);
+                if (latency.seconds() >= slowest.seconds())
+                    slowest = std::move(latency);
+            }
+            slowest.deviceUID = node->device()->deviceUID();
+            slowest.isInput = node->isInput();
+            latencies.push_back(std::move(slowest));
+        }
+    }
+    return latencies;
+}
+
+std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const CXRef<DXRDeviceNode>&) const
+{
+    return {_deviceID};
+}
+
+CyclePlacement DXRAudioContext::_placementOf(bool isInput, const SubDeviceStatuses& statuses) const
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    const DXRAudioIOContext& record = *_iocontext;
+    const size_t direction = isInput ? 0 : 1;
+    CyclePlacement placement;
+    const auto clock = std::ranges::find_if(statuses, [](const auto& status) { return status.isClock != 0; });
+    placement.clockID = clock != statuses.end() ? clock->deviceID : _deviceID;
+    placement.sampleRate = record.sampleRate;
+    placement.cycleFrames = record.lastFrameCount;
+    placement.distanceFrames = record.distances[direction];
+    placement.blockFrames = _io.frameCount.value() * record.sampleRate / _io.sampleRate.value();
+    placement.placeFrames = record.blockPlaces[direction];
+    return placement;
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.
@@ -559,8 +585,8 @@ void DXRAudioContext::_leaveForNewLayout(DXRAudioIOContext& record)
 /// Null when none is needed.
 DXRAudioConverter* DXRAudioContext::_converterFor(DXRAudioIOContext& record) const
 {
-    const uint32_t frameCount = _runner->frameCountOfIO();
-    const double sampleRate = _runner->sampleRateOfIO();
+    const uint32_t frameCount = _io.frameCount.value();
+    const double sampleRate = _io.sampleRate.value();
     if (record.frameCount == frameCount && record.sampleRate == sampleRate)
         return nullptr;
     if (!record.converter || record.converter->convertedFrameCount() != frameCount ||
@@ -572,7 +598,7 @@ DXRAudioConverter* DXRAudioContext::_converterFor(DXRAudioIOContext& record) con
             nodes[direction].assign(_nodes[direction].begin(), _nodes[direction].end());
         record.converter =
             DXRAudioConverter::initWithNodes(nodes, record.channels, record.sampleRate, sampleRate,
-                                             record.frameCount, frameCount, _runner->conversionQuality());
+                                             record.frameCount, frameCount, _io.conversionQuality);
     }
     return record.converter.get();
 }
@@ -580,11 +606,11 @@ DXRAudioConverter* DXRAudioContext::_converterFor(DXRAudioIOContext& record) con
 void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
                                     const DXRCycleTimes& times)
 {
-    uint64_t sampleTime = _runner->sampleTime();
+    uint64_t sampleTime = _io.sampleTime.load(std::memory_order_relaxed);
     if (converter) {
         converter->performIOWithSampleTime(&sampleTime, samples, times);
     } else {
-        const uint32_t frameCount = _runner->frameCountOfIO();
+        const uint32_t frameCount = _io.frameCount.value();
         // What an output block makes is played after the buffer that goes out now.
         const uint64_t hostTimes[2] = {times.ticksAt(times.input, 0),
                                        times.ticksAt(times.output, frameCount)};
@@ -594,14 +620,14 @@ void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChann
         }
         sampleTime += frameCount;
     }
-    _runner->setSampleTime(sampleTime);
+    _io.setSampleTime(sampleTime);
 }
 
 void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record,
                                      DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
                                      const DXRCycleTimes& times)
 {
-    DXRCycleRecord traced = _runner->traceRecord(this);
+    DXRCycleRecord traced = _io.record(kind(), _deviceID);
     traced.frameCount = record.frameCount;
     traced.deviceSampleTime = record.sampleTime;
     traced.dueTicks = record.dueTicks;
@@ -610,7 +636,8 @@ void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOConte
     traced.beginTicks = record.beginTicks != 0 ? record.beginTicks : traced.blocksBeginTicks;
     _performNodes(converter, samples, times);
     traced.endTicks = platform::HostClock::nowTicks();
-    traced.runnerFrameCount = static_cast<uint32_t>(_runner->sampleTime() - traced.sampleTime);
+    traced.runnerFrameCount =
+        static_cast<uint32_t>(_io.sampleTime.load(std::memory_order_relaxed) - traced.sampleTime);
     trace.write(traced);
 }
 

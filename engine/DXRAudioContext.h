@@ -4,14 +4,15 @@
 #include "ChannelLayout.h"
 #include "DXRAudioIOContext.h"
 #include "DXRCycleTrace.h"
+#include "DXRDeviceLatency.h"
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
-#include "DXRRunnerCounts.h"
 
 #include <map>
 #include <set>
 
-class DXRDeviceRunner;
+class RunnerIO;
+struct CyclePlacement;
 
 /// Runs the nodes of a runner from the IO callback of one audio device: a single device here, several as one in
 /// DXRAudioAggregateContext, none in DXRAudioTimerContext. Where the device runs at another frame count or rate than
@@ -26,16 +27,11 @@ class DXR_EXPORT DXRAudioContext : public CXObject {
 public:
     using Viables = std::set<CXRef<DXRDeviceNode>>;
 
-    /// The context that fits what can run now, not started: an aggregate of several devices, one device, or the timer
-    /// without any. `nodes` are the runner's own and live as long as it. Null when no aggregate can be made, for the reason
-    /// in `error`.
-    static CXRef<DXRAudioContext> audioContextWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                         const DXRDeviceNodes& nodes,
-                                                         DXRDeviceRunnerError* error = nullptr);
-    /// For one device: that of one of `viables`, one with the UID of `deviceUIDs` if there is any.
-    static CXRef<DXRAudioContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                 const DXRDeviceNodes& nodes, Viables viables,
-                                                 const std::vector<std::string>& deviceUIDs);
+    /// For one device: that of one of `viables`, one with the UID of `deviceUIDs` if there is any. `nodes` are the runner's
+    /// own and live as long as `io`; `runner`, which may be null, is kept alive.
+    static CXRef<DXRAudioContext> initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
+                                             const DXRDeviceNodes& nodes, Viables viables,
+                                             const std::vector<std::string>& deviceUIDs);
 
     AudioObjectID deviceID() const noexcept { return _deviceID; } ///< 0 when there is none
     const std::string& deviceUID() const noexcept { return _deviceUID; }
@@ -53,14 +49,15 @@ public:
     /// Ends IO; no node is called once it has returned. Nothing happens when there is none.
     virtual void stop();
 
-    /// What has become of the frames of each of its devices; `lostFrames` are those that its own cycles show.
-    virtual std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t lostFrames) const;
+    /// Of each viable node's device, inputs first; none before the first cycle.
+    std::vector<DXRDeviceLatency> latencies() const;
 
     /// "<DXRAudioContext: address, (ID) UID>", the latter when there is a device.
     std::string description() const override;
 
 protected:
-    DXRAudioContext(const CXRef<DXRDeviceRunner>& runner, const DXRDeviceNodes& nodes, Viables viables);
+    DXRAudioContext(RunnerIO& io, const CXRef<CXObject>& runner, const DXRDeviceNodes& nodes,
+                    Viables viables);
     ~DXRAudioContext() override;
 
     virtual const char* className() const { return "DXRAudioContext"; }
@@ -78,6 +75,9 @@ protected:
     /// cannot be made; none is started then.
     [[nodiscard]] bool _startIO();
     void _stopIO();
+
+    /// The devices whose samples a node carries, of which the slowest counts for its latency.
+    virtual std::vector<AudioObjectID> _devicesOfNode(const CXRef<DXRDeviceNode>& node) const;
 
     // -- Steps of a cycle
 
@@ -97,7 +97,7 @@ protected:
     const DXRDeviceNodes& _nodes; // the runner's
     const Viables _viables;
     const CXRef<CXDispatchQueue> _queue; // the runner's
-    const CXRef<DXRDeviceRunner> _runner;
+    RunnerIO& _io;                       // the runner's
 
 private:
     /// What a context knows of the channels: of its device, and of each aggregate that a node wants, whose parts may come
@@ -109,11 +109,14 @@ private:
         bool operator==(const Layouts& other) const = default;
     };
 
+    CyclePlacement _placementOf(bool isInput,
+                                const std::vector<AudioAggregateSubDeviceStatus>& statuses) const;
     bool _fail(HALStatus status, std::string text);
     CXRef<DXRAudioIOContext> _makeRecord();
     void _readStreams(DXRAudioIOContext& record) const;
     Layouts _readLayouts() const;
     void _followLayouts();
+    void _lookAtLayouts();
     void _stopFollowingLayouts();
     void _listenForRate(DXRAudioIOContext& record) const;
     void _askForFormat();
@@ -137,6 +140,7 @@ private:
     void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
                         const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;
 
+    const CXRef<CXObject> _runner; // kept alive
     DXRDeviceRunnerError _error;
     Layouts _layouts; // since start()
     std::vector<CXRef<DXRPropertyListener>> _layoutListeners;

@@ -58,6 +58,9 @@ class DXR_EXPORT DXRAudioIOContext final : public CXObject {
 public:
     static CXRef<DXRAudioIOContext> init();
 
+private:
+    friend class DXRAudioContext; // whose record it is
+
     static constexpr uint64_t noSampleTime = std::numeric_limits<uint64_t>::max();
 
     std::atomic<uint32_t> unsafe{0};      ///< cycles, starts and stops under way
@@ -70,6 +73,9 @@ public:
     uint64_t lastSampleTime = noSampleTime; ///< the device's, of the last cycle
     uint32_t lastFrameCount = 0;            ///< and its frames
     CXRef<DXRAudioConverter> converter;     ///< null while the device runs as the runner does
+    /// Of the last cycle that ran, input and output, in frames: from its time to its first frame, and from there to the
+    /// first of the last block.
+    double distances[2] = {}, blockPlaces[2] = {};
 
     /// The device says that its rate has changed: the next cycle forgets `lastSampleTime` and reads it.
     std::atomic<bool> rateChanged{false};
@@ -113,7 +119,6 @@ public:
     bool stopCycles() noexcept;
     void forgetWork();
 
-private:
     enum Turn : uint32_t { None, Waiting, Running, Done, Abandoned };
 
     DXRAudioIOContext();

@@ -1,9 +1,9 @@
 #include "DXRAudioTimerContext.h"
 
 #include "CXErrorAdditions.h"
-#include "DXRDeviceRunner.h"
 #include "HostClock.h"
 #include "LogSink.h"
+#include "RunnerIO.h"
 #include "autimebase.h"
 
 #include <cinttypes>
@@ -16,23 +16,23 @@ constexpr double defaultSampleRate = 44100.0;
 
 } // namespace
 
-CXRef<DXRAudioTimerContext> DXRAudioTimerContext::initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                                 const DXRDeviceNodes& nodes, Viables viables)
+CXRef<DXRAudioTimerContext> DXRAudioTimerContext::initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
+                                                             const DXRDeviceNodes& nodes)
 {
-    return CXRef<DXRAudioTimerContext>::adopt(new DXRAudioTimerContext(runner, nodes, std::move(viables)));
+    return CXRef<DXRAudioTimerContext>::adopt(new DXRAudioTimerContext(io, runner, nodes, {}));
 }
 
 bool DXRAudioTimerContext::start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
     CX_ASSERT_SAYING(!_timer, "_timer == nil");
-    _frames = _runner->frameCount() != 0 ? _runner->frameCount() : defaultFrameCount;
-    _rate = _runner->sampleRate() != 0.0 ? _runner->sampleRate() : defaultSampleRate;
+    _frames = _io.frameCount.value() != 0 ? _io.frameCount.value() : defaultFrameCount;
+    _rate = _io.sampleRate.value() != 0.0 ? _io.sampleRate.value() : defaultSampleRate;
     _framesElapsed = 0;
     // Not rounded to cycles: about a second's worth of frames, in which the first fires may find their pace.
     const double frames = _frames;
     _discontinuityThreshold = static_cast<uint64_t>((_rate + (frames - 1)) / frames * frames);
-    _clock.reset(auclock_create(autimebase_abstime(), _runner->sampleTime(), _rate));
+    _clock.reset(auclock_create(autimebase_abstime(), _io.sampleTime, _rate));
     _timer = CXDispatchTimer::init();
     CX_ASSERT(_clock && _timer);
     _timer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
@@ -91,18 +91,18 @@ void DXRAudioTimerContext::_fire()
     _nextSampleTime = cycle + _frames;
     const CXRealtimeScope realtime;
     _timer->setTimeoutAbsolute(auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime), 0);
-    if (DXRCycleTrace* const trace = _runner->cycleTrace())
+    if (DXRCycleTrace* const trace = _io.trace.get())
         _performTraced(*trace, cycle, beginTicks);
     else
         _performIO(cycle);
     const bool isLate = autimebase_abstime() > auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime);
-    _runner->noteCycle(isLate, 0);
+    _io.noteCycle(isLate, 0);
 }
 
 void DXRAudioTimerContext::_performTraced(DXRCycleTrace& trace, uint64_t sampleTime,
                                           uint64_t beginTicks) noexcept
 {
-    DXRCycleRecord traced = _runner->traceRecord(this);
+    DXRCycleRecord traced = _io.record(kind(), kAudioObjectUnknown);
     traced.frameCount = traced.runnerFrameCount = _frames;
     traced.sampleTime = traced.deviceSampleTime = sampleTime;
     traced.dueTicks = auclock_sampletime_to_abstime(_clock.get(), sampleTime);
@@ -124,5 +124,5 @@ void DXRAudioTimerContext::_performIO(uint64_t sampleTime) noexcept
         for (const CXRef<DXRDeviceNode>& node : _nodes[direction])
             node->performIOWithSampleTime(sampleTime, nullptr, hostTimes[direction]);
     }
-    _runner->setSampleTime(sampleTime + _frames);
+    _io.setSampleTime(sampleTime + _frames);
 }

@@ -13,11 +13,10 @@
 /// Real time: a cycle.
 class DXR_EXPORT DXRAudioTimerContext final : public DXRAudioContext {
 public:
-    static CXRef<DXRAudioTimerContext> initWithRunner(const CXRef<DXRDeviceRunner>& runner,
-                                                      const DXRDeviceNodes& nodes, Viables viables);
+    static CXRef<DXRAudioTimerContext> initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
+                                                  const DXRDeviceNodes& nodes);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Timer; }
-    std::vector<DXRRunnerCounts::Device> countsOfDevices(uint64_t) const override { return {}; }
     bool start() override;
     void stop() override;
 

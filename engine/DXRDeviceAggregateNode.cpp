@@ -7,6 +7,18 @@
 
 #include <set>
 
+// Here, where both classes are known.
+CXRef<DXRDeviceNode> DXRDeviceNode::nodeWithDevice(const CXRef<DXRDevice>& device,
+                                                   const std::optional<Channels>& channels,
+                                                   const DXRIOBlock& ioblock)
+{
+    if (!device)
+        return nullptr;
+    if (device->isAggregate())
+        return DXRDeviceAggregateNode::initWithDevice(device, channels, ioblock);
+    return initWithDevice(device, channels, ioblock);
+}
+
 CXRef<DXRDeviceAggregateNode> DXRDeviceAggregateNode::initWithDevice(const CXRef<DXRDevice>& device,
                                                                      const std::optional<Channels>& channels,
                                                                      const DXRIOBlock& ioblock)

@@ -1,8 +1,6 @@
 #include "DXRDeviceNode.h"
 
 #include "CXErrorAdditions.h"
-#include "DXRDeviceAggregateNode.h"
-#include "DXRDeviceRunner.h"
 #include "FrameCopy.h"
 #include "LogSink.h"
 
@@ -24,17 +22,6 @@ namespace {
 
 } // namespace
 
-CXRef<DXRDeviceNode> DXRDeviceNode::nodeWithDevice(const CXRef<DXRDevice>& device,
-                                                   const std::optional<Channels>& channels,
-                                                   const DXRIOBlock& ioblock)
-{
-    if (!device)
-        return nullptr;
-    if (device->isAggregate())
-        return DXRDeviceAggregateNode::initWithDevice(device, channels, ioblock);
-    return initWithDevice(device, channels, ioblock);
-}
-
 CXRef<DXRDeviceNode> DXRDeviceNode::initWithDevice(const CXRef<DXRDevice>& device,
                                                    const std::optional<Channels>& channels,
                                                    const DXRIOBlock& ioblock)
@@ -49,16 +36,6 @@ DXRDeviceNode::DXRDeviceNode(const CXRef<DXRDevice>& device, const std::optional
 {}
 
 DXRDeviceNode::~DXRDeviceNode() = default;
-
-CXRef<DXRDeviceRunner> DXRDeviceNode::runner() const
-{
-    return _runner.lock();
-}
-
-void DXRDeviceNode::setRunner(const CXRef<DXRDeviceRunner>& runner)
-{
-    _runner = runner;
-}
 
 std::vector<std::string> DXRDeviceNode::deviceUIDs() const
 {

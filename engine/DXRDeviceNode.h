@@ -32,6 +32,7 @@ using DXRIOBlock = CXBlock<void(uint64_t sampleTime, DXRBuffer& buffer)>;
 class DXR_EXPORT DXRDeviceNode : public DXRConverterNode {
 public:
     using Channels = std::vector<uint32_t>;                   ///< numbers from 1
+    static constexpr uint32_t maxFrames = 1U << 20;           ///< of a cycle; keeps allocations bounded
     static constexpr uint64_t maxSamples = uint64_t{1} << 26; ///< of a buffer: a quarter of a gigabyte
 
     /// A node of the class that fits the device: a DXRDeviceAggregateNode for an aggregate. Null without a device.

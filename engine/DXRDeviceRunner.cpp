@@ -1,12 +1,16 @@
 #include "DXRDeviceRunner.h"
 
 #include "CXErrorAdditions.h"
-#include "DXRAudioContext.h"
+#include "CXFourCharCode.h"
+#include "DXRAudioAggregateContext.h"
+#include "DXRAudioTimerContext.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
+#include "LatencyOfPart.h"
 #include "NumberText.h"
 #include "QDL.h"
+#include "RunnerIO.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -39,20 +43,26 @@ CXRef<DXRDeviceRunner> DXRDeviceRunner::init()
         if (const CXRef<DXRDeviceRunner> self = weak.lock())
             self->_stopRunning();
     };
+    // It holds the blocks, and nobody else calls them.
+    runner->_io->onFormat = [self = runner.get()] { self->_propertiesChanged(); };
+    runner->_io->onNewLayout = [self = runner.get()](const CXObject& context) {
+        self->_contextLostLayout(context);
+    };
     runner->_kvo->updateAllValues();
     return runner;
 }
 
 DXRDeviceRunner::DXRDeviceRunner(CXRef<CXDispatchQueue> queue)
-    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _queue(std::move(queue))
+    : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _queue(queue),
+      _io(std::make_unique<RunnerIO>(std::move(queue)))
 {}
 
 DXRDeviceRunner::~DXRDeviceRunner() CX_UNCHECKED_QUEUE // nobody else has it any more
 {
     for (const DeviceNotifierEntry& entry : _deviceNotifierMap)
         manager().removeDeviceNotifier(entry.wrapper);
-    if (_cycleTrace)
-        _cycleTrace->giveBack();
+    if (_io->trace)
+        _io->trace->giveBack();
     _queue->cancel();
 }
 
@@ -74,25 +84,25 @@ std::span<const DXRKVOProperty> DXRDeviceRunner::_observableProperties() noexcep
 
 uint32_t DXRDeviceRunner::frameCount() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_frameCount : frameCountOfIO();
+    return _kvo->isUpdateInProgress() ? _kvo_frameCount : _io->frameCount.value();
 }
 
 double DXRDeviceRunner::sampleRate() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_sampleRate : sampleRateOfIO();
+    return _kvo->isUpdateInProgress() ? _kvo_sampleRate : _io->sampleRate.value();
 }
 
 bool DXRDeviceRunner::setFrameCount(uint32_t frameCount)
 {
     CX_ASSERT_NOT_ON_QUEUE(_queue);
-    return frameCount <= maxFrames && _request(_frameCounts, frameCount, "frameCount");
+    return frameCount <= maxFrames && _request(_io->frameCount.requested, frameCount, "frameCount");
 }
 
 bool DXRDeviceRunner::setSampleRate(double sampleRate)
 {
     CX_ASSERT_NOT_ON_QUEUE(_queue);
     return (sampleRate == 0.0 || QDLAudioDeviceSampleRateIsValid(sampleRate)) &&
-           _request(_sampleRates, sampleRate, "sampleRate");
+           _request(_io->sampleRate.requested, sampleRate, "sampleRate");
 }
 
 bool DXRDeviceRunner::setConversionQuality(DXRConversionQuality quality)
@@ -102,19 +112,24 @@ bool DXRDeviceRunner::setConversionQuality(DXRConversionQuality quality)
     _queue->dispatchSync([&] {
         isAccepted = !_running;
         if (isAccepted)
-            _conversionQuality = quality;
+            _io->conversionQuality = quality;
     });
     return isAccepted;
 }
 
+DXRConversionQuality DXRDeviceRunner::conversionQuality() const noexcept
+{
+    return _io->conversionQuality.load(std::memory_order_relaxed);
+}
+
 template <class Value>
-bool DXRDeviceRunner::_request(std::array<std::atomic<Value>, 2>& values, Value value, const char* key)
+bool DXRDeviceRunner::_request(std::atomic<Value>& requested, Value value, const char* key)
 {
     bool isAccepted = false;
     _queue->dispatchSync([&] {
         if (_running)
             return;
-        values[0] = value;
+        requested = value;
         _kvo->updateValueForKey(key);
         isAccepted = true;
     });
@@ -165,7 +180,7 @@ bool DXRDeviceRunner::addDevice(const CXRef<DXRDevice>& device, const std::optio
         if (_nodeForDevice(device, nullptr))
             return;
         const CXRef<DXRDeviceNode> node = DXRDeviceNode::nodeWithDevice(device, channels, ioblock);
-        const uint32_t frames = std::max(frameCountOfIO(), 1U);
+        const uint32_t frames = std::max(_io->frameCount.value(), 1U);
         if (uint64_t{frames} * node->channels().size() > DXRDeviceNode::maxSamples)
             return;
         _stopDispatchStart(Restart::Nodes, [&] {
@@ -251,6 +266,17 @@ void DXRDeviceRunner::removeDefaultDevice(Direction direction)
     });
 }
 
+// Of the node, whose own unit knows nothing of runners.
+CXRef<DXRDeviceRunner> DXRDeviceNode::runner() const
+{
+    return _runner.lock();
+}
+
+void DXRDeviceNode::setRunner(const CXRef<DXRDeviceRunner>& runner)
+{
+    _runner = runner;
+}
+
 void DXRDeviceRunner::_followDefaults()
 {
     _followDefault(0);
@@ -307,6 +333,11 @@ CXRef<DXRDeviceNode> DXRDeviceRunner::_nodeForDevice(const CXRef<DXRDevice>& dev
 
 // ---- Running
 
+uint64_t DXRDeviceRunner::sampleTime() const noexcept
+{
+    return _io->sampleTime.load(std::memory_order_relaxed);
+}
+
 bool DXRDeviceRunner::isRunning() const
 {
     return _kvo->isUpdateInProgress() ? _kvo_isRunning : _running.load();
@@ -359,11 +390,7 @@ void DXRDeviceRunner::_stopRunning()
     removeDeviceNotifier(_deviceNotifier);
     _deviceNotifier = nullptr;
     _stop();
-    _frameCounts[1] = 0;
-    _sampleRates[1] = 0.0;
-    _sampleTime = 0;
-    _contextNumber = 0;
-    _cycles = _lateCycles = 0;
+    _io->reset();
     _lastRestart = Restart::None;
     _retryMilliseconds = 0;
     _error = {};
@@ -375,24 +402,59 @@ void DXRDeviceRunner::_start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
     const uint64_t beginTicks = platform::HostClock::nowTicks();
-    ++_contextNumber;
-    _lostFrames = 0;
+    ++_io->contextNumber;
+    _io->lostFrames = 0;
     // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction)
             DXRDeviceControl(*node->device()).refreshIfChannelsChanged();
     }
     _error = {};
-    _context = DXRAudioContext::audioContextWithRunner(CXRef(this), _nodes, &_error);
+    _context = _newContext();
     const bool isStarted = _context && _context->start();
     if (_context)
         _error = _context->error();
+    _countContext(isStarted);
     if (isStarted)
         _retryMilliseconds = 0;
     else
         _retryLater();
     using enum DXRCycleRecord::Event;
     _traceContext(isStarted ? ContextStarted : ContextFailed, beginTicks);
+}
+
+/// The context that fits what can run now: an aggregate of several devices, one device, or the timer without any. Null, with
+/// an error, when no aggregate can be made.
+CXRef<DXRAudioContext> DXRDeviceRunner::_newContext()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    DXRAudioContext::Viables viables;
+    std::vector<std::string> deviceUIDs;
+    for (const auto& direction : _nodes) {
+        for (const CXRef<DXRDeviceNode>& node : direction) {
+            if (!node->isViable())
+                continue;
+            viables.insert(node);
+            for (std::string& uid : node->deviceUIDs()) {
+                if (std::ranges::find(deviceUIDs, uid) == deviceUIDs.end())
+                    deviceUIDs.push_back(std::move(uid));
+            }
+        }
+    }
+    if (deviceUIDs.size() >= 2 && viables.size() > 1) {
+        HALStatus status = kAudioHardwareNoError;
+        auto context = DXRAudioAggregateContext::initWithIO(*_io, CXRef<CXObject>(this), _nodes,
+                                                            std::move(viables), deviceUIDs, &status);
+        if (!context)
+            _error = {"", status,
+                      "cannot combine the devices (status '" +
+                          stringWithFourCharCode(static_cast<uint32_t>(status)) + "')"};
+        return context;
+    }
+    if (!viables.empty())
+        return DXRAudioContext::initWithIO(*_io, CXRef<CXObject>(this), _nodes, std::move(viables),
+                                           deviceUIDs);
+    return DXRAudioTimerContext::initWithIO(*_io, CXRef<CXObject>(this), _nodes);
 }
 
 void DXRDeviceRunner::_retryLater()
@@ -423,6 +485,7 @@ void DXRDeviceRunner::_stop()
     if (const CXRef<CXDispatchTimer> timer = std::exchange(_retryTimer, nullptr))
         timer->cancel();
     const uint64_t beginTicks = platform::HostClock::nowTicks();
+    _countContext(false);
     if (_context)
         _context->stop();
     _traceContext(DXRCycleRecord::Event::ContextStopped, beginTicks);
@@ -444,16 +507,7 @@ void DXRDeviceRunner::_stopDispatchStart(Restart reason, CXBlockRef<void()> bloc
     });
 }
 
-void DXRDeviceRunner::audioContextDidStartWithSampleRate(double sampleRate, uint32_t frameCount)
-{
-    if (_frameCounts[1] != 0)
-        return;
-    _frameCounts[1] = frameCount;
-    _sampleRates[1] = sampleRate;
-    _propertiesChanged();
-}
-
-void DXRDeviceRunner::audioContextDidStopFromConfigChange(const DXRAudioContext& context)
+void DXRDeviceRunner::_contextLostLayout(const CXObject& context)
 {
     CX_ASSERT_ON_QUEUE(_queue);
     if (_context.get() != &context)
@@ -496,16 +550,63 @@ bool DXRDeviceRunner::_isViable(const CXRef<DXRDeviceNode>& node) const
 DXRRunnerCounts DXRDeviceRunner::counts() const
 {
     DXRRunnerCounts counts;
+    counts.cycles = _io->cycles;
+    counts.lateCycles = _io->lateCycles;
+    const uint32_t contexts = _io->contextNumber;
+    counts.restarts = contexts > 0 ? contexts - 1 : 0;
+    counts.lastRestart = _lastRestart;
+    CountedContext context;
+    {
+        const std::scoped_lock lock(_countsMutex);
+        context = _countedContext;
+    }
+    const uint64_t lostFrames = _io->lostFrames;
+    if (context.kind == DXRCycleRecord::Context::Device)
+        counts.devices.push_back({context.deviceUID, lostFrames, 0});
+    if (context.kind != DXRCycleRecord::Context::Aggregate)
+        return counts;
+    for (const AudioAggregateSubDeviceStatus& status : subDeviceStatusesOf(context.deviceID)) {
+        const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
+        if (uid) // what the aggregate's own cycles show is the clock's
+            counts.devices.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),
+                                      status.resynchronisations});
+    }
+    return counts;
+}
+
+void DXRDeviceRunner::_countContext(bool isRunning)
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    const std::scoped_lock lock(_countsMutex);
+    _countedContext = isRunning
+                          ? CountedContext{_context->kind(), _context->deviceID(), _context->deviceUID()}
+                          : CountedContext();
+}
+
+std::vector<DXRDeviceLatency> DXRDeviceRunner::latencies() const
+{
+    std::vector<DXRDeviceLatency> latencies;
     _queue->dispatchSyncImmed([&] {
         CX_ASSERT_ON_QUEUE(_queue);
-        counts.cycles = _cycles;
-        counts.lateCycles = _lateCycles;
-        counts.restarts = _contextNumber > 0 ? _contextNumber - 1 : 0;
-        counts.lastRestart = _lastRestart;
         if (_context && !_error)
-            counts.devices = _context->countsOfDevices(_lostFrames);
+            latencies = _context->latencies();
     });
-    return counts;
+    return latencies;
+}
+
+std::optional<double> DXRDeviceRunner::roundTripSeconds(const CXRef<DXRDevice>& input,
+                                                        const CXRef<DXRDevice>& output) const
+{
+    const std::vector<DXRDeviceLatency> all = latencies();
+    const auto latencyOf = [&](const CXRef<DXRDevice>& device, bool isInput) {
+        return std::ranges::find_if(all, [&](const DXRDeviceLatency& each) {
+            return device && each.isInput == isInput && each.deviceUID == device->deviceUID();
+        });
+    };
+    const auto in = latencyOf(input, true), out = latencyOf(output, false);
+    if (in == all.end() || out == all.end())
+        return std::nullopt;
+    return in->seconds() + out->seconds();
 }
 
 bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
@@ -514,41 +615,32 @@ bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
     CXRef<DXRCycleTrace> before; // let go off the queue: it may be large
     _queue->dispatchSyncImmed([&] {
         CX_ASSERT_ON_QUEUE(_queue);
-        if (trace == _cycleTrace)
+        if (trace == _io->trace)
             return;
         isSet = !trace || trace->take();
         if (!isSet)
             return;
-        before = std::exchange(_cycleTrace, trace);
+        before = std::exchange(_io->trace, trace);
         if (before)
             before->giveBack();
-        _isTraced = bool(trace);
+        _io->isTraced = bool(trace);
         if (_contextState != DXRCycleRecord::Event::ContextStopped)
             _traceContext(_contextState, platform::HostClock::nowTicks());
     });
     return isSet;
 }
 
-DXRCycleRecord DXRDeviceRunner::traceRecord(const DXRAudioContext* context) const noexcept
-{
-    DXRCycleRecord record;
-    record.context = context ? context->kind() : DXRCycleRecord::Context::None;
-    record.contextNumber = _contextNumber;
-    record.deviceID = context ? context->deviceID() : kAudioObjectUnknown;
-    record.sampleTime = sampleTime();
-    return record;
-}
-
 void DXRDeviceRunner::_traceContext(DXRCycleRecord::Event event, uint64_t beginTicks)
 {
     _contextState = event;
-    if (!_cycleTrace)
+    if (!_io->trace)
         return;
-    DXRCycleRecord record = traceRecord(_context.get());
+    DXRCycleRecord record = _context ? _io->record(_context->kind(), _context->deviceID())
+                                     : _io->record(DXRCycleRecord::Context::None, kAudioObjectUnknown);
     record.event = event;
     record.beginTicks = beginTicks;
     record.endTicks = platform::HostClock::nowTicks();
-    _cycleTrace->write(record);
+    _io->trace->write(record);
 }
 
 // ---- Following

@@ -4,6 +4,7 @@
 #include "CXDispatchTimer.h"
 #include "DXRConversionQuality.h"
 #include "DXRCycleTrace.h"
+#include "DXRDeviceLatency.h"
 #include "DXRDeviceManagerNotifier.h"
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
@@ -12,9 +13,12 @@
 #include "DXRRunnerCounts.h"
 
 #include <atomic>
+#include <memory>
+#include <mutex>
 #include <set>
 
 class DXRAudioContext;
+class RunnerIO;
 
 /// Runs audio on one or several devices at once, at one frame count and sample rate: the application adds devices, each
 /// with the channels it wants and a block that is called once a cycle, and starts. Devices may be absent, come and go,
@@ -38,8 +42,7 @@ public:
     enum class Direction { Input, Output };
     using Notifier = CXBlock<void()>;
     using DeviceNotifier = DXRDeviceManagerNotifier::Block;
-    /// Of a cycle: far more than makes sense, and little enough for buffers to be made.
-    static constexpr uint32_t maxFrames = 1U << 20;
+    static constexpr uint32_t maxFrames = DXRDeviceNode::maxFrames; ///< of a cycle
 
     /// Null when the system has no thread to give.
     static CXRef<DXRDeviceRunner> init();
@@ -56,10 +59,7 @@ public:
 
     /// How rates are converted where a device does not run at the runner's; Standard at first. False while it runs.
     bool setConversionQuality(DXRConversionQuality quality);
-    DXRConversionQuality conversionQuality() const noexcept CX_REALTIME
-    {
-        return _conversionQuality.load(std::memory_order_relaxed);
-    }
+    DXRConversionQuality conversionQuality() const noexcept CX_REALTIME;
 
     // -- Devices
 
@@ -91,11 +91,18 @@ public:
     /// it does not run.
     void stop();
     /// Frames since start(), of the next cycle; 0 when stopped.
-    uint64_t sampleTime() const noexcept CX_REALTIME { return _sampleTime.load(std::memory_order_relaxed); }
+    uint64_t sampleTime() const noexcept CX_REALTIME;
 
-    /// What has happened since start(). Waits for the queue, not for a cycle to come. From an IO block, too, where it
-    /// allocates.
+    /// What has happened since start(). Never waits for the queue; from an IO block, too, where it allocates.
     DXRRunnerCounts counts() const;
+
+    /// How long each device that runs keeps samples between its block and the air, as of the last cycle, inputs first;
+    /// none until a first cycle has run. An aggregate's is that of its slowest part. Waits for the queue.
+    std::vector<DXRDeviceLatency> latencies() const;
+    /// What is heard by `input` and given to `output` in the same cycle is in the air again after so many seconds. Nothing
+    /// where one of them does not run.
+    std::optional<double> roundTripSeconds(const CXRef<DXRDevice>& input,
+                                           const CXRef<DXRDevice>& output) const;
 
     // -- Following
 
@@ -118,37 +125,6 @@ public:
     const CXRef<DXRKVOHelper>& kvo() const noexcept { return _kvo; }
     const CXRef<CXDispatchQueue>& queue() const noexcept { return _queue; }
 
-    // -- For contexts, in a cycle or on the queue
-
-    void setSampleTime(uint64_t sampleTime) noexcept CX_REALTIME
-    {
-        _sampleTime.store(sampleTime, std::memory_order_relaxed);
-    }
-    /// Of a cycle: whether it ended late, and the frames its device has lost before it.
-    void noteCycle(bool isLate, uint64_t lostFrames) noexcept CX_REALTIME
-    {
-        // Cycles are work of one queue: one adds at a time.
-        const auto add = [](std::atomic<uint64_t>& count, uint64_t more) {
-            count.store(count.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
-        };
-        add(_cycles, 1);
-        add(_lateCycles, isLate ? 1 : 0);
-        add(_lostFrames, lostFrames);
-    }
-    /// As frameCount() and sampleRate() outside announcements.
-    uint32_t frameCountOfIO() const noexcept CX_REALTIME { return _inEffectElseRequested(_frameCounts); }
-    double sampleRateOfIO() const noexcept CX_REALTIME { return _inEffectElseRequested(_sampleRates); }
-    /// Whether somebody looks. Any thread: of use as a hint, before a cycle has its turn.
-    bool isTraced() const noexcept CX_REALTIME { return _isTraced.load(std::memory_order_relaxed); }
-    /// Null when nobody looks.
-    DXRCycleTrace* cycleTrace() const noexcept CX_REALTIME { return _cycleTrace.get(); }
-    /// What all records of a context have in common, and the sample time now.
-    DXRCycleRecord traceRecord(const DXRAudioContext* context) const noexcept CX_REALTIME;
-    /// IO has started; the first time after start() these are in effect until stop().
-    void audioContextDidStartWithSampleRate(double sampleRate, uint32_t frameCount);
-    /// The device of the context has changed its streams: a new context is wanted, unless there is one already.
-    void audioContextDidStopFromConfigChange(const DXRAudioContext& context);
-
 private:
     struct DeviceNotifierEntry {
         DeviceNotifier block;   // the caller's
@@ -160,16 +136,12 @@ private:
 
     static std::span<const DXRKVOProperty> _observableProperties() noexcept;
 
-    template <class Value>
-    static Value _inEffectElseRequested(const std::array<std::atomic<Value>, 2>& values) noexcept
-    {
-        const Value inEffect = values[1].load(std::memory_order_relaxed);
-        return inEffect != 0 ? inEffect : values[0].load(std::memory_order_relaxed);
-    }
-    template <class Value>
-    bool _request(std::array<std::atomic<Value>, 2>& values, Value value, const char* key);
+    template <class Value> bool _request(std::atomic<Value>& requested, Value value, const char* key);
 
     void _start() CX_ON_QUEUE(_queue);
+    CXRef<DXRAudioContext> _newContext() CX_ON_QUEUE(_queue);
+    void _countContext(bool isRunning) CX_ON_QUEUE(_queue);
+    void _contextLostLayout(const CXObject& context);
     void _traceContext(DXRCycleRecord::Event event, uint64_t beginTicks) CX_ON_QUEUE(_queue);
     void _stop() CX_ON_QUEUE(_queue);
     void _stopRunning();
@@ -214,16 +186,10 @@ private:
     // Everything below is changed as work of the queue. What getters and cycles read too is atomic, each for itself.
     CXRef<platform::WorkQueue> _notifierQueue CX_OWNED_BY_QUEUE(_queue);
     Notifier _notifierBlock CX_OWNED_BY_QUEUE(_queue);
-    std::array<std::atomic<uint32_t>, 2> _frameCounts{}; // requested, and in effect: 0 while stopped
-    std::array<std::atomic<double>, 2> _sampleRates{};   // the same, in Hz
-    std::atomic<DXRConversionQuality> _conversionQuality{DXRConversionQuality::Standard};
-    std::atomic<uint64_t> _sampleTime{0}; // written by cycles; by stop once there is none
+    const std::unique_ptr<RunnerIO> _io; // shared with the contexts
     std::atomic<bool> _running{false};
-    uint32_t _contextNumber = 0; // of contexts since start()
     DXRCycleRecord::Event _contextState =
         DXRCycleRecord::Event::ContextStopped; // what became of the last one
-    CXRef<DXRCycleTrace> _cycleTrace;          // where records go; taken
-    std::atomic<bool> _isTraced{false};        // whether there is one
     DXRDeviceNodes _nodes;                     // not changed while a context has them
     std::array<std::optional<FollowedDefault>, 2>
         _followedDefaults CX_OWNED_BY_QUEUE(_queue);            // input, output
@@ -232,9 +198,15 @@ private:
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
     DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
     CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped
-    // Since start(); the last of the present context.
-    std::atomic<uint64_t> _cycles{0}, _lateCycles{0}, _lostFrames{0};
-    DXRRunnerCounts::Restart _lastRestart CX_OWNED_BY_QUEUE(_queue) = DXRRunnerCounts::Restart::None;
+    /// What counts() reads of the context that runs, if one does.
+    struct CountedContext {
+        DXRCycleRecord::Context kind = DXRCycleRecord::Context::None;
+        AudioObjectID deviceID = kAudioObjectUnknown;
+        std::string deviceUID;
+    };
+    mutable std::mutex _countsMutex; // nothing else happens under it
+    CountedContext _countedContext;  // under the mutex, changed as work of the queue
+    std::atomic<DXRRunnerCounts::Restart> _lastRestart{DXRRunnerCounts::Restart::None};
     DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last start of a context
     CXRef<CXDispatchTimer> _retryTimer CX_OWNED_BY_QUEUE(_queue); // null unless a start has failed
     uint32_t _retryMilliseconds CX_OWNED_BY_QUEUE(_queue) = 0;    // the last pause; 0: none has failed

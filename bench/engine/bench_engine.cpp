@@ -5,8 +5,8 @@
 #include "Contest.h"
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
-#include "DXRDeviceRunner.h"
 #include "DrivenHardware.h"
+#include "RunnerIO.h"
 
 #include <array>
 #include <cstring>
@@ -41,8 +41,8 @@ public:
         backend().settle();
         DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
         DXRDeviceManager::queue().sync([] {});
-        _runner->setFrameCount(frames);
-        _runner->setSampleRate(48000);
+        _io.frameCount.requested = frames;
+        _io.sampleRate.requested = 48000;
         std::vector<uint32_t> all;
         for (uint32_t channel = 1; channel <= channels; ++channel)
             all.push_back(channel);
@@ -54,8 +54,8 @@ public:
             _nodes[isInput ? 0 : 1].push_back(node);
             viables.insert(node);
         }
-        _context = DXRAudioContext::initWithRunner(_runner, _nodes, viables);
-        _runner->queue()->dispatchSync([&] { _context->start(); });
+        _context = DXRAudioContext::initWithIO(_io, nullptr, _nodes, viables, {});
+        _io.queue->dispatchSync([&] { _context->start(); });
         _callback = backend().callback;
         for (size_t direction = 0; direction < 2; ++direction) {
             _times[direction].flags = kAudioTimeStampSampleTimeValid;
@@ -65,7 +65,7 @@ public:
     }
     ~Engine()
     {
-        _runner->queue()->dispatchSync([&] { _context->stop(); });
+        _io.queue->dispatchSync([&] { _context->stop(); });
     }
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
@@ -81,7 +81,7 @@ private:
     static inline int _devices = 0;
 
     const std::string _uid;
-    const CXRef<DXRDeviceRunner> _runner = (backend(), DXRDeviceRunner::init());
+    RunnerIO _io{CXDispatchQueue::init()};
     DXRDeviceNodes _nodes;
     CXRef<DXRAudioContext> _context;
     AudioDeviceIOBlock _callback;

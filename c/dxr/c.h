@@ -197,6 +197,21 @@ typedef struct dxr_runner_state {
     char error[256];      /* why there is no audio although it runs; empty when there is */
 } dxr_runner_state;
 
+/* How long one direction of a device keeps samples between a block and the air, by what holds them: frames of the device. Those
+ * of an input and of an output add up to the pair's round trip. */
+typedef struct dxr_latency {
+    size_t size;
+    double seconds; /* of all below */
+    double frames;
+    double sample_rate;      /* of the device, Hz */
+    double device_frames;    /* its own */
+    double safety_frames;    /* what the hardware keeps between itself and the cycle */
+    double cycle_frames;     /* the hardware's buffer */
+    double block_frames;     /* output only: what is made is played one block later */
+    double converter_frames; /* where frame counts or rates differ */
+    double ring_frames;      /* between clocks */
+} dxr_latency;
+
 /* `frames` at `sample_rate`, of `channels`, all silent. One that repeats starts again at its end: a loop to play, the last
  * seconds to record, or, recorded into and played by one runner, a way through. */
 DXR_C_API dxr_status dxr_sound_new(uint64_t frames, uint32_t channels, double sample_rate, int repeats,
@@ -223,6 +238,8 @@ DXR_C_API dxr_status dxr_runner_stop(dxr_runner *runner);
 DXR_C_API dxr_status dxr_runner_get_state(dxr_runner *runner, dxr_runner_state *state);
 /* Those that run now. */
 DXR_C_API dxr_status dxr_runner_active_devices(dxr_runner *runner, dxr_device *const **devices, size_t *count);
+/* As of the last cycle; DXR_ERROR_STATE for a device that does not run, or before a first cycle. */
+DXR_C_API dxr_status dxr_runner_get_latency(dxr_runner *runner, dxr_device *device, dxr_latency *latency);
 /* Calls back when its state or its active devices have changed; one at a time, null for none. */
 typedef void (*dxr_runner_callback)(void *user);
 DXR_C_API dxr_status dxr_runner_follow(dxr_runner *runner, dxr_runner_callback callback, void *user);

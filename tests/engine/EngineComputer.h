@@ -17,9 +17,11 @@ protected:
     /// Waits until every change so far has been through the manager and the runner.
     void settleEngine()
     {
-        settle();
-        runner->queue()->dispatchSync([] {});
-        settleHardware();
+        for (int round = 0; round < 2; ++round) { // a restart changes devices, which may ask for another
+            settle();
+            runner->queue()->dispatchSync([] {});
+            settleHardware();
+        }
     }
     void plugged(const SimulatedDeviceBuilder& device)
     {

@@ -70,6 +70,26 @@ protected:
         return {};
     }
 
+    /// An aggregate that another program has made.
+    AudioObjectID aggregateOf(const std::vector<std::string>& uids)
+    {
+        CXPlist made{{"uid", "both"}, {"name", "Both"}, {"subdevices", CXPlist::array()}};
+        for (const std::string& uid : uids)
+            made["subdevices"].push_back({{"uid", uid}});
+        AudioObjectID aggregate = kAudioObjectUnknown;
+        EXPECT_EQ(AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(made).get(), &aggregate), 0);
+        settleEngine();
+        return aggregate;
+    }
+    static DXRIOBlock keepLast(std::vector<float>& last)
+    {
+        last.reserve(8);
+        return [&last](uint64_t, DXRBuffer& given) {
+            last.assign(given.samples(), given.samples() + given.channelCount());
+        };
+    }
+
+    const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
     std::vector<float> buffer, played;
     uint64_t nextTime = 0, longestJump = 0;
     bool wentBack = false;
@@ -146,13 +166,8 @@ TEST_F(EngineCyclesTest, playsOnNewChannelsThatNobodyHasHeardOfYet)
 
 TEST_F(EngineCyclesTest, runsDevicesOfMoreChannelsThanFitAStack)
 {
-    plugged(aDevice()
-                .uid("wide")
-                .inputs(3000)
-                .outputs(3000)
-                .bufferFrameSize(64)
-                .hears(simulatedRamp())
-                .playsInto(keep()));
+    const auto wide = aDevice().uid("wide").inputs(3000).outputs(3000).bufferFrameSize(64);
+    plugged(SimulatedDeviceBuilder(wide).hears(simulatedRamp()).playsInto(keep()));
     loop("wide", "wide", {3000, 1});
     runner->start();
     hal.stepCycles(10);
@@ -161,56 +176,89 @@ TEST_F(EngineCyclesTest, runsDevicesOfMoreChannelsThanFitAStack)
 
 TEST_F(EngineCyclesTest, runsTwoDevicesAsOneOfWhichTheFirstGivesTheClock)
 {
-    plugged(aDevice().uid("in").inputs(2).outputs(2).hears(simulatedRamp()).clockDomain(1));
+    const auto in = aDevice().uid("in").inputs(2).outputs(2).hears(simulatedRamp()).clockDomain(1);
+    plugged(in);
     plugged(aDevice().uid("out").outputs(2).outputs(4).playsInto(keep(5)).clockDomain(1));
     loop("in", "out", {6, 5});
+    // The aggregate takes a while to report its channels: the reads after those of the devices themselves fail.
+    hal.failReads(kAudioDevicePropertyStreamConfiguration, 11, 8, kAudioHardwareUnspecifiedError);
     runner->start();
+    hal.failReads(kAudioDevicePropertyStreamConfiguration, 1, 0, 0);
     EXPECT_EQ(runner->activeDevices().size(), 2U);
     const CXPlist made = composition();
     EXPECT_EQ(made["name"], "DXRDeviceAggregate");
     EXPECT_EQ(made["master"], "in");
+    EXPECT_TRUE(made["private"] == 1 && made["stacked"] == 0);
     ASSERT_EQ(made["subdevices"].size(), 2U);
     EXPECT_EQ(made["subdevices"][0]["uid"], "in");
+    EXPECT_EQ(made["subdevices"][0]["drift"], 0) << "the clock is not compensated";
     EXPECT_EQ(made["subdevices"][1]["drift"], 1);
     hal.stepCycles(200);
-    EXPECT_GT(runner->sampleTime(), 190U * frames);
-    EXPECT_GT(exactFrames(), 100U * frames);
+    EXPECT_EQ(runner->sampleTime(), 200U * frames);
+    EXPECT_GT(exactFrames(), 190U * frames);
+    EXPECT_EQ(runner->counts().restarts, 0U);
     unplugged("in");
     EXPECT_TRUE(composition().is_null()) << "the other goes on alone";
-    plugged(aDevice().uid("in").inputs(2).outputs(2).hears(simulatedRamp()).clockDomain(1));
+    plugged(in);
     EXPECT_EQ(composition()["master"], "in");
     runner->stop();
     EXPECT_TRUE(composition().is_null());
 }
 
-// An aggregate that somebody else has made: its parts count, and none of them can give the clock.
+// Nothing is made for a device that is not there: its block is called, and hears and plays nothing.
+TEST_F(EngineCyclesTest, callsTheBlocksOfAbsentDevicesWithoutChannels)
+{
+    plugged(aDevice().uid("here").inputs(2).hears(constant(0.5F)));
+    plugged(aDevice().uid("away").inputs(2).hears(constant(0.75F)));
+    std::vector<float> here, away;
+    ASSERT_TRUE(runner->addDevice(device("here", input), Channels{2, 1}, keepLast(here)));
+    ASSERT_TRUE(runner->addDevice(device("away", input), Channels{1, 2}, keepLast(away)));
+    unplugged("away");
+    runner->start();
+    hal.stepCycles(2);
+    EXPECT_EQ(here, (std::vector<float>{0.5F, 0.5F}));
+    EXPECT_EQ(away, (std::vector<float>{0, 0}));
+    EXPECT_EQ(runner->activeDevices(), Devices{device("here", input)});
+    EXPECT_EQ(runner->latencies().size(), 1U);
+}
+
+// An aggregate that another program has made: its parts count, and none of them can give the clock.
 TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
 {
     plugged(aDevice().uid("a").inputs(2).outputs(1).clockDomain(1).hears(simulatedRamp()));
     plugged(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(1)));
     plugged(aDevice().uid("c").inputs(1).clockDomain(1));
-    const CXPlist both{
-        {"uid", "both"}, {"name", "Both"}, {"subdevices", {{{"uid", "a"}}, {{"uid", "b"}}}}, {"master", "a"}};
-    AudioObjectID aggregate = kAudioObjectUnknown;
-    ASSERT_EQ(AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(both).get(), &aggregate), 0);
-    settleEngine();
-    const auto node = [&](bool isInput) {
-        return DXRDeviceNode::nodeWithDevice(device("both", isInput), std::nullopt,
-                                             [](uint64_t, DXRBuffer&) {});
+    const AudioObjectID aggregate = aggregateOf({"a", "b"});
+    const auto uidsOf = [&](bool isInput) {
+        return DXRDeviceNode::nodeWithDevice(device("both", isInput), std::nullopt, idle)->deviceUIDs();
     };
-    EXPECT_EQ(node(input)->deviceUIDs(), std::vector<std::string>{"a"}) << "the part with inputs";
-    EXPECT_EQ(node(output)->deviceUIDs(), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(uidsOf(input), std::vector<std::string>{"a"}) << "the part with inputs";
+    EXPECT_EQ(uidsOf(output), (std::vector<std::string>{"a", "b"}));
+    const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init();
+    ASSERT_TRUE(runner->setCycleTrace(trace));
+    ASSERT_TRUE(runner->addDevice(device("both", output), Channels{3, 1}, idle));
+    runner->start();
+    std::vector<DXRCycleRecord> records(9);
+    ASSERT_EQ(trace->read(records), 1U);
+    EXPECT_EQ(records[0].context, DXRCycleRecord::Context::Device) << "one node needs no aggregate of ours";
+    EXPECT_EQ(records[0].deviceID, aggregate);
+    runner->stop();
+    runner->removeDevice(device("both", output));
     loop("both", "both", {3, 1});
     runner->start();
-    CXPlist made = composition();
-    EXPECT_FALSE(made.contains("master"));
+    EXPECT_FALSE(composition().contains("master"));
     hal.stepCycles(100);
     EXPECT_GT(exactFrames(), 50U * frames) << "channel 3 of the aggregate is channel 2 of b";
-    ASSERT_TRUE(runner->addDevice(device("c", input), std::nullopt, [](uint64_t, DXRBuffer&) {}));
-    made = composition();
+    EXPECT_EQ(runner->latencies().size(), 2U);
+    ASSERT_TRUE(runner->addDevice(device("c", input), std::nullopt, idle));
+    CXPlist made = composition();
     EXPECT_EQ(made["master"], "c") << "the first that is a device of a node";
     EXPECT_EQ(made["subdevices"].size(), 3U);
     EXPECT_EQ(made["subdevices"][0]["drift"], 1);
+    unplugged("b");
+    made = composition();
+    ASSERT_EQ(made["subdevices"].size(), 2U) << "only parts that are there";
+    EXPECT_EQ(made["subdevices"][0]["uid"], "a");
     runner->stop();
     EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);
 }
@@ -224,17 +272,8 @@ TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
     plugged(part("a", 0.25F));
     plugged(part("b", 0.5F));
     plugged(part("c", 0.75F));
-    const CXPlist both{{"uid", "both"}, {"name", "Both"}, {"subdevices", {{{"uid", "a"}}, {{"uid", "b"}}}}};
-    AudioObjectID aggregate = kAudioObjectUnknown;
-    ASSERT_EQ(AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(both).get(), &aggregate), 0);
-    settleEngine();
+    const AudioObjectID aggregate = aggregateOf({"a", "b"});
     std::vector<float> heard, heardOfC;
-    heard.reserve(8), heardOfC.reserve(8);
-    const auto keepLast = [](std::vector<float>& last) {
-        return [&last](uint64_t, DXRBuffer& given) {
-            last.assign(given.samples(), given.samples() + given.channelCount());
-        };
-    };
     ASSERT_TRUE(runner->addDevice(device("both", input), Channels{1, 2, 3, 4}, keepLast(heard)));
     ASSERT_TRUE(runner->addDevice(device("c", input), Channels{1, 2}, keepLast(heardOfC)));
     const auto expectHeard = [&](const char* when, const std::vector<float>& expected) {
@@ -320,7 +359,6 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
         ASSERT_EQ(runner->activeDevices(), Devices{device(uid, output)});
     }
     hal.stepCycles(4);
-    std::printf("100 changes of the default device: longest silence %zu frames\n", longestSilence);
     EXPECT_EQ(longestSilence, frames) << "the buffer that every output begins with";
     EXPECT_EQ(skipped, 0U);
     EXPECT_EQ(steps, 0U);

@@ -37,33 +37,24 @@ std::string uidOf(uint32_t i)
     return "device " + std::to_string(i);
 }
 
-void plug(uint32_t i)
+void plug(uint32_t i, bool isHidden = false)
 {
-    backend().plug(aDevice()
-                       .uid(uidOf(i))
-                       .inputs(2)
-                       .outputs(2)
-                       .bufferFrameSize(frames)
-                       .drift(i * 50.0)
-                       .sampleRates({44100, rate})
-                       .sampleRate(i % 2 == 0 ? rate : 44100));
+    auto builder = aDevice().uid(uidOf(i)).inputs(2).outputs(2).bufferFrameSize(frames).drift(i * 50.0);
+    builder.sampleRates({44100, rate}).sampleRate(i % 2 == 0 ? rate : 44100).hidden(isHidden);
+    backend().plug(builder);
 }
-
 void unplug(uint32_t i)
 {
     backend().unplug(uidOf(i));
 }
-
 void setRate(uint32_t i, double newRate)
 {
     writeValue(backend(), backend().deviceID(uidOf(i)), at(kAudioDevicePropertyNominalSampleRate), newRate);
 }
-
 void setOutputs(uint32_t i, uint32_t channels)
 {
     backend().reconfigure(uidOf(i), [=](auto& it) { it.noStreams(HALDirection::Output).outputs(channels); });
 }
-
 CXRef<DXRDevice> device(uint32_t i, bool isInput)
 {
     return DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uidOf(i), isInput);
@@ -79,12 +70,6 @@ CXRef<DXRDeviceRunner> runnerAmong(uint32_t devices)
     backend().settle();
     DXRDeviceManager::queue().sync([] {});
     return DXRDeviceRunner::init();
-}
-
-std::chrono::milliseconds stressTime()
-{
-    const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
-    return seconds ? std::chrono::seconds(std::atoi(seconds)) : std::chrono::milliseconds(1500);
 }
 
 bool eventually(const std::function<bool()>& condition)
@@ -193,71 +178,56 @@ TEST(EngineFaults, keepsTimeThroughFaultsInTheMiddleOfACycle)
 }
 
 // Two runners on the same devices, one of them hidden. Four threads make every call on one; a fifth starts and stops the
-// other, and looks that no block runs once stop has returned; a sixth changes the devices. Blocks take up to ten cycles,
+// other and checks that no block runs once stop has returned; a sixth changes the devices. Blocks take up to ten cycles,
 // notifiers and observers call back.
 TEST(EngineStress, survivesEveryCallOnTwoRunnersWhileDevicesComeAndGo)
 {
     constexpr uint32_t devices = 3, hidden = devices;
     const CXRef<DXRDeviceRunner> runner = runnerAmong(0), other = DXRDeviceRunner::init();
-    backend().plug(aDevice().uid(uidOf(hidden)).inputs(2).outputs(2).bufferFrameSize(frames).hidden());
+    plug(hidden, true);
     Watch watch, otherWatch;
-    std::atomic<uint32_t> done{0}, changes{0}, stops{0};
-    std::atomic<int64_t> longest{0};
-    const auto timed = [&](const std::function<void()>& act) {
-        const auto begin = Clock::now();
-        act();
-        const int64_t taken = (Clock::now() - begin) / 1us;
-        for (int64_t before = longest; taken > before && !longest.compare_exchange_weak(before, taken);) {
-        }
+    std::atomic<uint32_t> calls{0}, stops{0};
+    using Acts = std::vector<std::function<void()>>;
+    const auto oneOf = [](Random& random, const Acts& acts) {
+        acts[random.below(static_cast<uint32_t>(acts.size()))]();
     };
-    const auto aLength = [](Random& random) {
-        constexpr std::chrono::microseconds lengths[] = {0us, 0us, 200us, 13333us};
-        return lengths[random.below(std::size(lengths))];
+    const auto pause = [](Random& random, uint32_t milliseconds) {
+        std::this_thread::sleep_for(std::chrono::microseconds(random.below(1000 * milliseconds)));
+    };
+    const auto longBlock = [](Watch& its, Random& random) {
+        return its.block(random.below(2) == 0 ? 0us : random.below(2) == 0 ? 200us : 13333us);
     };
     const auto change = [&](Random& random) {
         const uint32_t i = random.below(devices);
-        const std::function<void()> acts[] = {
-            [&] { plug(i); },
-            [&] { plug(0); },
-            [&] { unplug(i); },
-            [&] { setOutputs(i, 1 + random.below(4)); },
-            [&] { setRate(i, random.below(2) == 0 ? 44100 : rate); },
-        };
-        acts[random.below(std::size(acts))]();
-        ++changes;
-        std::this_thread::sleep_for(std::chrono::milliseconds(random.below(8)));
+        oneOf(random, {[&] { plug(i); }, [&] { plug(0); }, [&] { unplug(i); },
+                       [&] { setOutputs(i, 1 + random.below(4)); },
+                       [&] { setRate(i, random.below(2) == 0 ? 44100 : rate); }});
+        pause(random, 8);
     };
     const auto call = [&](Random& random) {
         const CXRef<DXRDevice> one = device(random.below(devices + 1), random.below(2) == 0);
-        const std::function<void()> acts[] = {
-            [&] { runner->start(); },
-            [&] { runner->stop(); },
-            [&] { runner->addDevice(one, std::nullopt, watch.block(aLength(random))); },
-            [&] { runner->addDevice(one, std::nullopt, watch.block()); },
-            [&] { runner->removeDevice(one); },
-            [&] { runner->setFrameCount(random.below(2) == 0 ? frames : 100); },
-            [&] { EXPECT_LE(runner->activeDevices().size(), 2U * (devices + 1)); },
-        };
-        timed(acts[random.below(std::size(acts))]);
-        std::this_thread::sleep_for(std::chrono::milliseconds(random.below(10)));
-        ++done;
+        oneOf(random, {[&] { runner->start(); }, [&] { runner->stop(); },
+                       [&] { runner->addDevice(one, std::nullopt, longBlock(watch, random)); },
+                       [&] { runner->removeDevice(one); },
+                       [&] { runner->setFrameCount(random.below(2) == 0 ? frames : 100); },
+                       [&] { EXPECT_LE(runner->latencies().size(), 2U * (devices + 1)); },
+                       [&] { EXPECT_LE(runner->activeDevices().size(), 2U * (devices + 1)); }});
+        pause(random, 10);
+        ++calls;
     };
     const auto startAndStop = [&](Random& random) {
         if (random.below(8) == 0) {
             for (const bool isInput : {true, false})
                 other->removeDevice(device(0, isInput));
-            timed([&] {
-                other->addDevice(device(0, random.below(2) == 0), std::nullopt,
-                                 otherWatch.block(aLength(random)));
-            });
+            other->addDevice(device(0, random.below(2) == 0), std::nullopt, longBlock(otherWatch, random));
         }
         otherWatch.open();
-        timed([&] { other->start(); });
-        std::this_thread::sleep_for(std::chrono::microseconds(random.below(5000)));
-        timed([&] { other->stop(); });
+        other->start();
+        pause(random, 5);
+        other->stop();
         otherWatch.isClosed = true;
         ASSERT_EQ(otherWatch.inside, 0);
-        std::this_thread::sleep_for(std::chrono::microseconds(random.below(2000)));
+        pause(random, 2);
         ++stops;
     };
     runner->setNotifier(nullptr, [&] { runner->activeDevices(); });
@@ -273,8 +243,9 @@ TEST(EngineStress, survivesEveryCallOnTwoRunnersWhileDevicesComeAndGo)
                     seed == 0 ? change(random) : seed == 1 ? startAndStop(random) : call(random);
             });
         }
-        const auto end = Clock::now() + stressTime();
-        while (Clock::now() < end || done < 200 || stops < 50)
+        const char* const soak = std::getenv("DXR_SOAK_SECONDS");
+        const auto end = Clock::now() + (soak ? std::chrono::seconds(std::atoi(soak)) : 1500ms);
+        while (Clock::now() < end || calls < 200 || stops < 50)
             EXPECT_TRUE(eventually([looks = 0]() mutable { return ++looks > 1; }));
     }
     runner->setNotifier(nullptr, nullptr);
@@ -286,10 +257,6 @@ TEST(EngineStress, survivesEveryCallOnTwoRunnersWhileDevicesComeAndGo)
         EXPECT_EQ(each->faults, 0U);
         EXPECT_GT(each->calls, 0U);
     }
-    std::printf(
-        "%u calls of clients, the longest %.1f ms, %u stops, %u changes of devices, %u calls of IO blocks\n",
-        done.load(), static_cast<double>(longest) / 1e3, stops.load(), changes.load(),
-        watch.calls + otherWatch.calls);
     for (uint32_t i = 0; i <= hidden; ++i)
         unplug(i);
 }

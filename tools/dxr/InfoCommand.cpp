@@ -100,6 +100,12 @@ void printDirection(const Terminal& terminal, const DeviceReport& device, HALDir
                    }));
     printField(terminal, "  Latency", framesText(direction.latencyFrames, device.sampleRate));
     printField(terminal, "  Safety offset", framesText(direction.safetyOffsetFrames, device.sampleRate));
+    // What a runner with the device's own cycles reports.
+    const bool isInput = which == HALDirection::Input;
+    printField(terminal, isInput ? "  Air to block" : "  Block to air",
+               framesText(direction.latencyFrames + direction.safetyOffsetFrames +
+                              (isInput ? 1 : 2) * device.bufferFrameSize,
+                          device.sampleRate));
 }
 
 void run(const Options& options)

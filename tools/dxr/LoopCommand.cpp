@@ -31,14 +31,17 @@ void runLoop(RunnerSession& session, LoopPatch& patch, std::optional<double> sec
             opened = session.seconds();
             session.beginCounting();
             patch.open();
-            screen.print(formatText("Sound passes, held back by a block of %u frames (%.1f ms)",
-                                    session.frameCount(), 1000.0 * session.frameCount() / rate));
+            const std::optional<double> roundTrip = session.roundTripSeconds();
+            screen.print(formatText("Sound passes, in blocks of %u frames", session.frameCount()) +
+                         (roundTrip ? formatText("; round trip %.0f frames (%.1f ms)", *roundTrip * rate,
+                                                 1000.0 * *roundTrip)
+                                    : std::string()));
         }
-        const CycleStatistics& cycles = session.statistics();
+        const RunnerSession::Counts& counts = session.counts();
         screen.draw(patch.meters(),
-                    formatSeconds(passed()) + "  " + formatCount(cycles.lostFrames(), "frame", "frames") +
-                        " lost, " + formatCount(cycles.lateCycles(), "late cycle", "late cycles") + ", " +
-                        formatCount(cycles.restarts(), "restart", "restarts") + "   Ctrl-C ends");
+                    formatSeconds(passed()) + "  " + formatCount(counts.lostFrames, "frame", "frames") +
+                        " lost, " + formatCount(counts.lateCycles, "late cycle", "late cycles") + ", " +
+                        formatCount(counts.restarts, "restart", "restarts") + "   Ctrl-C ends");
     }
 }
 

@@ -303,10 +303,10 @@ MonitorState Monitor::_state()
     state.cycleSeconds = _cycleSeconds;
     _usedSeconds *= fall;
     state.cycles = cycles.cycles();
-    state.lateCycles = cycles.lateCycles();
     state.gaps = cycles.gaps();
-    state.lostFrames = cycles.lostFrames();
-    state.restarts = cycles.restarts();
+    state.lateCycles = _session->counts().lateCycles;
+    state.lostFrames = _session->counts().lostFrames;
+    state.restarts = _session->counts().restarts;
     state.timerSeconds = static_cast<double>(cycles.timerFrames()) / std::max(_session->sampleRate(), 1.0);
     size_t meter = 0;
     for (const std::vector<DeviceSelection>& direction : _selections)

@@ -103,6 +103,7 @@ void RunnerSession::poll()
     platform::MainQueue::shared().drain();
     _readTrace();
     _lookAtDefaults();
+    _readCounts();
     _lookAtDevices();
     _readSubDevices();
     _lookForHang();
@@ -128,6 +129,30 @@ void RunnerSession::_readTrace()
         if (_records)
             _records(records);
     }
+}
+
+void RunnerSession::_readCounts()
+{
+    if (!_runner)
+        return;
+    const DXRRunnerCounts now = _runner->counts();
+    if (now.restarts != _lastCounts.restarts)
+        _lostBefore += _lastCounts.lostFrames();
+    _lastCounts = now;
+    _counts = {now.lateCycles - _countsBefore.lateCycles,
+               _lostBefore + now.lostFrames() - _countsBefore.lostFrames(),
+               now.restarts - _countsBefore.restarts};
+}
+
+std::optional<double> RunnerSession::roundTripSeconds() const
+{
+    const std::vector<DXRDeviceLatency> all =
+        _runner ? _runner->latencies() : std::vector<DXRDeviceLatency>();
+    const auto input = std::ranges::find(all, true, &DXRDeviceLatency::isInput);
+    const auto output = std::ranges::find(all, false, &DXRDeviceLatency::isInput);
+    if (input == all.end() || output == all.end())
+        return std::nullopt;
+    return input->seconds() + output->seconds();
 }
 
 void RunnerSession::_lookAtDevices()
@@ -201,6 +226,10 @@ bool RunnerSession::isSettled() const
 void RunnerSession::beginCounting()
 {
     _statistics.beginCounting();
+    _readCounts();
+    _countsBefore = _lastCounts;
+    _lostBefore = 0;
+    _counts = {};
     for (DeviceTally& device : _devices)
         device.beginCounting();
 }

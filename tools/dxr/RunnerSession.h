@@ -46,6 +46,13 @@ public:
     double sampleRate() const { return _sampleRate; }   ///< Hz, once started
     double seconds() const;                             ///< of the clock on the wall, since start()
     const CycleStatistics& statistics() const { return _statistics; }
+    /// What the runner has counted since beginCounting(); frames also with contexts that are over.
+    struct Counts {
+        uint64_t lateCycles = 0, lostFrames = 0, restarts = 0;
+    };
+    const Counts& counts() const { return _counts; }
+    /// From the air at the first input to the air at the first output, seconds; nothing while one does not run.
+    std::optional<double> roundTripSeconds() const;
     const std::vector<DeviceTally>& devices() const { return _devices; }
     uint64_t sampleTime() const { return _runner ? _runner->sampleTime() : 0; } ///< of the next block
     /// The device whose cycles the runner's are; 0 for the timer.
@@ -59,6 +66,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void _readTrace();
+    void _readCounts();
     void _lookAtDevices();
     void _lookAtDefaults();
     void _readSubDevices();
@@ -72,9 +80,12 @@ private:
     std::vector<DXRCycleRecord> _batch;
     Records _records;
     CycleStatistics _statistics;
-    std::vector<DeviceTally> _devices;                  // each once, whatever its directions
     std::map<HALDirection, CXRef<DXRDevice>> _defaults; // that are followed, as they are now
     DXRDeviceRunner::Devices _chosen;                   // that were added by themselves
+    DXRRunnerCounts _lastCounts, _countsBefore; // as last read; when counting began
+    uint64_t _lostBefore = 0;                   // with contexts that are over
+    Counts _counts;
+    std::vector<DeviceTally> _devices; // each once, whatever its directions
     std::vector<std::string> _news;
     Clock::time_point _started;
     uint32_t _frameCount = 0;

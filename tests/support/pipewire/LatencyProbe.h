@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-/// Sends frames through whatever lies between two ports, and tells how late they come back. Each frame is the number of
+/// Sends frames through what lies between two ports, and measures how late they come back. Each frame is the number of
 /// its time, in steps of 2^-24, so that one that is lost, repeated or brought to another rate tells its time still.
 /// Threads: one; frames are sent and heard on PipeWire's audio thread.
 class LatencyProbe {
@@ -22,7 +22,7 @@ public:
     LatencyProbe(const LatencyProbe&) = delete;
     LatencyProbe& operator=(const LatencyProbe&) = delete;
 
-    /// Waits for `count` cycles with sound and answers how late each was, in frames, in ascending order; fewer when
+    /// Waits for `count` cycles with sound and returns how late each was, in frames, in ascending order; fewer when
     /// they do not come within some seconds.
     std::vector<double> measure(size_t count);
 

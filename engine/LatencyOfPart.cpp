@@ -1,0 +1,83 @@
+#include "LatencyOfPart.h"
+
+#include "DXRPropertyAddress.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+uint32_t scopeOf(bool isInput)
+{
+    return isInput ? kAudioObjectPropertyScopeInput : kAudioObjectPropertyScopeOutput;
+}
+
+double safetyOffsetOf(AudioObjectID deviceID, bool isInput)
+{
+    return DXRPropertyAddress::deviceSafetyOffset(scopeOf(isInput))->uint32ForObjectID(deviceID).value_or(0);
+}
+
+/// The device's own, and on top of it that of its slowest stream.
+double reportedLatencyOf(AudioObjectID deviceID, bool isInput)
+{
+    const uint32_t scope = scopeOf(isInput);
+    uint32_t ofStreams = 0;
+    for (const AudioObjectID stream :
+         DXRPropertyAddress::deviceStreams(scope)->uint32ArrayForObjectID(deviceID))
+        ofStreams = std::max(ofStreams,
+                             DXRPropertyAddress::streamLatency(scope)->uint32ForObjectID(stream).value_or(0));
+    return DXRPropertyAddress::deviceLatency(scope)->uint32ForObjectID(deviceID).value_or(0) +
+           static_cast<double>(ofStreams);
+}
+
+/// The delay of the ring between a part and the clock's cycles, in the writer's frames; 0 where there is none.
+double ringDelayOf(AudioObjectID deviceID, bool isInput, const SubDeviceStatuses& statuses)
+{
+    const auto found = std::ranges::find(statuses, deviceID, &AudioAggregateSubDeviceStatus::deviceID);
+    if (found == statuses.end() || found->isClock != 0)
+        return 0.0;
+    return isInput ? found->inputDelayFrames : found->outputDelayFrames;
+}
+
+} // namespace
+
+SubDeviceStatuses subDeviceStatusesOf(AudioObjectID aggregateID)
+{
+    const auto data = DXRPropertyAddress::initWithSelector(kAudioAggregateDevicePropertySubDeviceStatus)
+                          ->dataForObjectID(aggregateID);
+    SubDeviceStatuses statuses(data ? data->size() / sizeof(AudioAggregateSubDeviceStatus) : 0);
+    if (!statuses.empty())
+        std::memcpy(statuses.data(), data->data(), statuses.size() * sizeof statuses[0]);
+    return statuses;
+}
+
+DXRDeviceLatency latencyOfPart(AudioObjectID deviceID, bool isInput, const CyclePlacement& placement,
+                               const SubDeviceStatuses& statuses)
+{
+    DXRDeviceLatency latency;
+    latency.isInput = isInput;
+    latency.sampleRate =
+        DXRPropertyAddress::deviceSampleRate()->doubleForObjectID(deviceID).value_or(placement.sampleRate);
+    const double perClockFrame = latency.sampleRate / placement.sampleRate;
+    latency.deviceFrames = reportedLatencyOf(deviceID, isInput);
+    latency.safetyOffsetFrames = safetyOffsetOf(deviceID, isInput);
+    if (const double delay = ringDelayOf(deviceID, isInput, statuses); delay > 0.0) {
+        // The delay is from the beginning of the cycle that wrote to the beginning of the cycle that reads, and one
+        // cycle of the writer, which for input is the capture of what it wrote.
+        latency.cycleFrames =
+            DXRPropertyAddress::deviceBufferFrameSize()->uint32ForObjectID(deviceID).value_or(0);
+        latency.ringFrames =
+            isInput ? delay - latency.cycleFrames : (delay - placement.cycleFrames) * perClockFrame;
+    } else {
+        // As the clock's time stamps have it, whose safety offset need not be this device's.
+        latency.cycleFrames =
+            (placement.distanceFrames - safetyOffsetOf(placement.clockID, isInput)) * perClockFrame;
+    }
+    if (isInput) {
+        latency.converterFrames = -placement.placeFrames * perClockFrame;
+    } else {
+        latency.blockFrames = placement.blockFrames * perClockFrame;
+        latency.converterFrames = placement.placeFrames * perClockFrame - latency.blockFrames;
+    }
+    return latency;
+}

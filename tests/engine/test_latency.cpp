@@ -1,0 +1,110 @@
+// What the runner says of latency against what a ramp through it measures.
+
+#include "EngineComputer.h"
+
+#include <cmath>
+
+namespace {
+
+constexpr double ticksPerSecond = 1e9; // of simulated hardware
+
+/// Devices that hear the time, in seconds, and note how late it is when it is played.
+class LatencyTest : public EngineComputer {
+protected:
+    struct Shape {
+        uint32_t frames;
+        double rate;
+        uint32_t clockDomain, safetyOffset, latency;
+    };
+
+    double seconds() const { return static_cast<double>(hal.nowTicks()) / ticksPerSecond - _begin; }
+    /// A cycle's first frame was taken a cycle and the safety offset ago, and is played as much later.
+    SimulatedDeviceBuilder duplex(const char* uid, const Shape& shape)
+    {
+        const auto away = [this, shape](double frame, double sign) {
+            return seconds() +
+                   (frame + sign * (shape.frames + shape.safetyOffset + shape.latency)) / shape.rate;
+        };
+        return aDevice()
+            .uid(uid)
+            .inputs(1)
+            .outputs(1)
+            .sampleRates({shape.rate})
+            .sampleRate(shape.rate)
+            .bufferFrameSize(shape.frames)
+            .bufferFrameSizeRange(shape.frames, shape.frames)
+            .clockDomain(shape.clockDomain)
+            .latency(HALDirection::Input, shape.latency, shape.safetyOffset)
+            .latency(HALDirection::Output, shape.latency, shape.safetyOffset)
+            .hears([away](uint64_t, uint32_t frameCount, uint32_t, double, float* samples) {
+                for (uint32_t frame = 0; frame < frameCount; ++frame)
+                    samples[frame] = static_cast<float>(away(frame, -1));
+            })
+            .playsInto([this, away](uint64_t, uint32_t frameCount, uint32_t, double, const float* samples) {
+                for (uint32_t frame = 0; samples && frame < frameCount && samples[frame] != 0; ++frame)
+                    _late = away(frame, 1) - static_cast<double>(samples[frame]);
+            });
+    }
+    /// Plays what `in` hears on `out` for some seconds. Returns the last frame's delay, in seconds.
+    double measuredDelay(const char* in, const char* out, uint32_t runnerFrames, double runnerRate)
+    {
+        _begin += seconds(); // small numbers are exact
+        runner->setFrameCount(runnerFrames);
+        runner->setSampleRate(runnerRate);
+        _kept.assign(runnerFrames, 0.0F);
+        EXPECT_TRUE(runner->addDevice(device(in, input), Channels{1}, [this](uint64_t, DXRBuffer& heard) {
+            std::copy_n(heard.samples(), _kept.size(), _kept.begin());
+        }));
+        EXPECT_TRUE(runner->addDevice(device(out, output), Channels{1}, [this](uint64_t, DXRBuffer& given) {
+            std::ranges::copy(_kept, given.samples());
+        }));
+        EXPECT_TRUE(runner->latencies().empty());
+        runner->start();
+        EXPECT_FALSE(runner->roundTripSeconds(device(in, input), device(out, output)));
+        hal.advance(static_cast<uint64_t>(3 * ticksPerSecond));
+        return _late;
+    }
+
+private:
+    double _begin = 0, _late = 0;
+    std::vector<float> _kept;
+};
+
+TEST_F(LatencyTest, isWhatARampMeasures)
+{
+    const struct {
+        const char* name;
+        bool isOneDevice;
+        uint32_t otherDomain;
+    } kinds[] = {{"one device", true, 1}, {"two of one clock", false, 1}, {"two of two clocks", false, 2}};
+    constexpr double runnerRate = 48000;
+    std::printf("round trip in frames     runner device other     said  measured\n");
+    for (const auto& kind : kinds) {
+        for (const double rate : {48000.0, 44100.0}) {
+            for (const uint32_t runnerFrames : {64U, 256U, 512U}) {
+                for (const uint32_t frames : {64U, 256U, 512U}) {
+                    for (const uint32_t otherFrames : {64U, 256U, 512U}) {
+                        if (otherFrames != frames && kind.otherDomain == 1)
+                            continue; // these have one cycle
+                        plugged(duplex("one", {frames, rate, 1, 16, 40}));
+                        plugged(duplex("other", {otherFrames, rate, kind.otherDomain, 24, 7}));
+                        const char* const out = kind.isOneDevice ? "one" : "other";
+                        const double measured = measuredDelay("one", out, runnerFrames, runnerRate) * rate;
+                        const auto said = runner->roundTripSeconds(device("one", input), device(out, output));
+                        EXPECT_TRUE(said);
+                        std::printf("%-17s %5.1f kHz %6u %6u %5u %8.2f  %8.2f\n", kind.name, rate / 1000,
+                                    runnerFrames, frames, otherFrames, said.value_or(0) * rate, measured);
+                        EXPECT_NEAR(said.value_or(0) * rate, measured, 0.5);
+                        runner->stop();
+                        runner->removeDevice(device("one", input));
+                        runner->removeDevice(device(out, output));
+                        unplugged("one");
+                        unplugged("other");
+                    }
+                }
+            }
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,144 @@
+// A runner between devices of a real server: what it says of latency and of times, against what a probe measures.
+
+#include "DXRDeviceManager.h"
+#include "DXRDeviceRunner.h"
+#include "LatencyProbe.h"
+#include "PipeWireDriver.h"
+#include "PrivateServer.h"
+#include "VirtualDevices.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr double serverRate = 48000;
+constexpr double period = 1 << 24; // of the probe's numbers, frames
+
+CXRef<DXRDevice> waitForDevice(const std::string& uid, bool isInput)
+{
+    CXRef<DXRDevice> device;
+    for (int looks = 0; looks < 2000 && !(device && device->isConnected()); ++looks) {
+        device = DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uid, isInput);
+        std::this_thread::sleep_for(10ms);
+    }
+    return device;
+}
+
+/// Passes what a source hears on to a sink, and notes how far the times of the input's blocks are off.
+class PassOn {
+public:
+    PassOn(const std::string& source, const std::string& sink, uint32_t frames, double rate)
+        : _in(waitForDevice(source, true)), _out(waitForDevice(sink, false)), _heard(frames)
+    {
+        _errors.reserve(100'000);
+        _runner->setFrameCount(frames);
+        _runner->setSampleRate(rate);
+        _runner->addDevice(_in, DXRDeviceRunner::Channels{1}, [this](uint64_t, DXRBuffer& buffer) {
+            std::copy_n(buffer.samples(), _heard.size(), _heard.begin());
+            if (buffer.samples()[0] != 0 && _errors.size() < _errors.capacity())
+                _errors.push_back(_timeError(buffer));
+        });
+        _runner->addDevice(_out, DXRDeviceRunner::Channels{2}, [this](uint64_t, DXRBuffer& buffer) {
+            std::ranges::copy(_heard, buffer.samples());
+        });
+        _runner->start();
+    }
+    ~PassOn() { _runner->stop(); }
+
+    double saidSeconds() const { return _runner->roundTripSeconds(_in, _out).value_or(0); }
+    /// Microseconds, in ascending order, of `count` blocks from now on.
+    std::vector<double> timeErrors(size_t count)
+    {
+        std::vector<double> errors;
+        for (int looks = 0; looks < 3000 && errors.size() < count; ++looks) {
+            std::this_thread::sleep_for(10ms);
+            _runner->queue()->dispatchSync([&] {
+                errors.insert(errors.end(), _errors.begin(), _errors.end());
+                _errors.clear();
+            });
+        }
+        std::ranges::sort(errors);
+        return errors;
+    }
+
+private:
+    /// A sample is the number of the time at which it was sent.
+    double _timeError(const DXRBuffer& buffer) const
+    {
+        const double number = static_cast<double>(buffer.samples()[0]) * period;
+        const double now = std::fmod(static_cast<double>(buffer.hostTime()) * 1e-9 * serverRate, period);
+        const double off = std::remainder(now - number, period);
+        return std::abs(off) / serverRate * 1e6;
+    }
+
+    const CXRef<DXRDevice> _in, _out;
+    const CXRef<DXRDeviceRunner> _runner = DXRDeviceRunner::init();
+    std::vector<float> _heard;
+    std::vector<double> _errors;
+};
+
+class EngineOnPipeWire : public testing::Test {
+protected:
+    EngineOnPipeWire()
+    {
+        HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote()));
+        devices.plug({.name = "duplex", .mediaClass = "Audio/Duplex"});
+        devices.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
+        devices.plug({.name = "sink"});
+    }
+    PrivateServer server;
+    VirtualDevices devices{server.remote()};
+    MetadataView settings{devices.client(), "settings"};
+};
+
+// A device that drives the server takes its frames a cycle before, and gives them a cycle after, as its time stamps have it;
+// a virtual one that follows has no buffer of its own.
+TEST_F(EngineOnPipeWire, saysTheLatencyThatAProbeMeasures)
+{
+    std::printf("round trip in frames            runner device     said  measured\n");
+    for (const double rate : {48000.0, 44100.0}) {
+        settings.set("clock.force-rate", std::to_string(static_cast<int>(rate)));
+        for (const uint32_t quantum : {64U, 256U, 512U}) {
+            settings.set("clock.force-quantum", std::to_string(quantum));
+            for (const bool isOneDevice : {true, false}) {
+                const std::string source = isOneDevice ? "duplex" : "source",
+                                  sink = isOneDevice ? "duplex" : "sink";
+                LatencyProbe probe(devices.client(), {source, isOneDevice ? "playback_FL" : "input_FL"},
+                                   {sink, isOneDevice ? "capture_FR" : "monitor_FR"}, rate);
+                for (const uint32_t frames : {64U, 256U, 512U}) {
+                    const PassOn runner(source, sink, frames, rate);
+                    probe.measure(20); // by then every loop has found its pace
+                    const std::vector<double> late = probe.measure(41);
+                    ASSERT_EQ(late.size(), 41U);
+                    const double measured = late[20] + (isOneDevice ? 0 : quantum);
+                    const double said = runner.saidSeconds() * rate;
+                    std::printf("%-11s at %5.1f kHz %13u %6u %8.1f  %8.1f\n",
+                                isOneDevice ? "one device" : "two devices", rate / 1000, frames, quantum,
+                                said, measured);
+                    EXPECT_NEAR(said, measured, 1.0);
+                }
+            }
+        }
+    }
+}
+
+TEST_F(EngineOnPipeWire, saysWhenABlocksFramesWereHeard)
+{
+    settings.set("clock.force-quantum", "256");
+    LatencyProbe probe(devices.client(), {"duplex", "playback_FL"}, {"duplex", "capture_FR"}, serverRate);
+    PassOn runner("duplex", "duplex", 256, serverRate);
+    runner.timeErrors(200);
+    const std::vector<double> errors = runner.timeErrors(1000);
+    ASSERT_GE(errors.size(), 1000U);
+    std::printf("time of a block on the server: off by %.1f us median, %.1f us worst\n",
+                errors[errors.size() / 2], errors.back());
+    EXPECT_LT(errors[errors.size() / 2], 20);
+}
+
+} // namespace
