@@ -47,7 +47,7 @@ soak:
 	scripts/soak
 
 format:
-	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+	git ls-files '*.h' '*.cpp' ':!python' | xargs clang-format -i
 
 ## make release  builds library, command and examples
 release:

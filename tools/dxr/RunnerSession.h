@@ -82,8 +82,8 @@ private:
     CycleStatistics _statistics;
     std::map<HALDirection, CXRef<DXRDevice>> _defaults; // that are followed, as they are now
     DXRDeviceRunner::Devices _chosen;                   // that were added by themselves
-    DXRRunnerCounts _lastCounts, _countsBefore; // as last read; when counting began
-    uint64_t _lostBefore = 0;                   // with contexts that are over
+    DXRRunnerCounts _lastCounts, _countsBefore;         // as last read; when counting began
+    uint64_t _lostBefore = 0;                           // with contexts that are over
     Counts _counts;
     std::vector<DeviceTally> _devices; // each once, whatever its directions
     std::vector<std::string> _news;
