@@ -1170,8 +1170,11 @@ dxr_status dxr_simulated_advance(dxr_computer* computer, uint64_t nanoseconds)
 dxr_status dxr_simulated_settle(dxr_computer* computer)
 {
     return guarded(__func__, [&] {
-        computerOf(computer)->settle();
-        DXRDeviceManager::queue().sync([] {});
+        const CXRef<SimulatedHardware> hardware = computerOf(computer);
+        for (int round = 0; round < 3; ++round) { // an update may ask for another
+            hardware->settle();
+            DXRDeviceManager::queue().sync([] {});
+        }
         waitForEvents();
     });
 }
