@@ -4,7 +4,7 @@ DEMO_ARGS ?=
 PREFIX ?= /usr/local
 BUILD_DIR ?= build/release
 
-.PHONY: help release demo test check asan tsan lint coverage bench soak format install dist deb clean
+.PHONY: help release demo test check asan tsan lint coverage bench soak format install dist deb manual clean
 help:
 	@sed -n 's/^## //p' $(firstword $(MAKEFILE_LIST))
 
@@ -55,7 +55,7 @@ soak:
 	scripts/soak
 
 format:
-	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+	git ls-files '*.h' '*.cpp' ':!python' | xargs clang-format -i
 
 ## make release  builds library, command and examples
 release:
@@ -66,8 +66,15 @@ release:
 install: release
 	DESTDIR="$(DESTDIR)" cmake --install "$(BUILD_DIR)" --prefix "$(PREFIX)"
 
+## make manual   the manual and the API reference, in build/manual/html
+manual:
+	@scripts/install-packages packaging
+	mkdir -p build/manual
+	doxygen docs/manual/Doxyfile
+	scripts/check-manual
+
 ## make dist     a tarball of what is committed, which builds without git
-VERSION := $(shell sed -n 's/^project(dxr VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+VERSION := $(word 3,$(shell grep -oE 'dxr VERSION [0-9.]+' CMakeLists.txt))
 dist:
 	@mkdir -p build
 	git archive --prefix=dxr-$(VERSION)/ HEAD | gzip -9n > build/dxr-$(VERSION).tar.gz

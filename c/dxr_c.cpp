@@ -1067,6 +1067,23 @@ dxr_status dxr_runner_get_state(dxr_runner* runner, dxr_runner_state* state)
     });
 }
 
+dxr_status dxr_runner_get_latency(dxr_runner* runner, dxr_device* device, dxr_latency* latency)
+{
+    return guarded(__func__, [&] {
+        const CXRef<DXRDevice> wanted = deviceOf(device);
+        (void)readStruct(latency, "latency");
+        for (const DXRDeviceLatency& each : runnerOf(runner)->runner->latencies()) {
+            if (each.deviceUID != wanted->deviceUID() || each.isInput != wanted->isInput())
+                continue;
+            *latency = {sizeof *latency,      each.seconds(),          each.frames(),    each.sampleRate,
+                        each.deviceFrames,    each.safetyOffsetFrames, each.cycleFrames, each.blockFrames,
+                        each.converterFrames, each.ringFrames};
+            return;
+        }
+        fail(DXR_ERROR_STATE, "the device does not run in this runner");
+    });
+}
+
 dxr_status dxr_runner_active_devices(dxr_runner* runner, dxr_device* const** devices, size_t* count)
 {
     return guarded(__func__, [&] {
@@ -1153,8 +1170,11 @@ dxr_status dxr_simulated_advance(dxr_computer* computer, uint64_t nanoseconds)
 dxr_status dxr_simulated_settle(dxr_computer* computer)
 {
     return guarded(__func__, [&] {
-        computerOf(computer)->settle();
-        DXRDeviceManager::queue().sync([] {});
+        const CXRef<SimulatedHardware> hardware = computerOf(computer);
+        for (int round = 0; round < 3; ++round) { // an update may ask for another
+            hardware->settle();
+            DXRDeviceManager::queue().sync([] {});
+        }
         waitForEvents();
     });
 }

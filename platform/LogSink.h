@@ -21,8 +21,8 @@ public:
     static void setWriter(Writer writer);
 };
 
-/// `text` with every control character but tab and newline, and every byte that is not UTF-8, made visible
-/// (as \x1B), so that what a device calls itself cannot drive the terminal that shows it.
+/// `text` with every control character but tab and newline, and every byte that is not UTF-8, replaced by its hexadecimal
+/// code, so that a device's name cannot drive the terminal that shows it.
 DXR_EXPORT std::string printableText(std::string_view text);
 
 } // namespace platform

@@ -8,7 +8,7 @@
 """
 
 from . import simulated
-from ._audio import Callback, Cycle, Runner, Samples, Sound, State, loop, play, record
+from ._audio import Callback, Cycle, Latency, Runner, Samples, Sound, State, loop, play, record
 from ._devices import Change, Changes, Device, Direction, Settings, changes, default, device, device_from_archive, devices
 from ._library import ArgumentError, Error, NotFoundError, RefusedError, StateError, check, decoded, encoded, lib, result, taken
 
@@ -26,7 +26,7 @@ def hardware_error() -> str:
 
 
 __all__ = [
-    "ArgumentError", "Callback", "Change", "Changes", "Cycle", "Device", "Direction", "Error", "NotFoundError",
+    "ArgumentError", "Callback", "Change", "Changes", "Cycle", "Device", "Direction", "Error", "Latency", "NotFoundError",
     "RefusedError", "Runner", "Samples", "Settings", "Sound", "State", "StateError", "changes", "default", "device",
     "device_from_archive", "devices", "hardware_error", "loop", "play", "record", "set_application", "simulated",
 ]  # fmt: skip

@@ -49,6 +49,22 @@ class State:
     """Why there is no audio although it runs; empty when there is."""
 
 
+@dataclass(frozen=True)
+class Latency:
+    """How long one direction of a device keeps samples between a callback and the air, by what holds them, in frames of the
+    device. Those of an input and of an output add up to the pair's round trip."""
+
+    seconds: float
+    frames: float
+    sample_rate: float
+    device_frames: float
+    safety_frames: float
+    cycle_frames: float
+    block_frames: float
+    converter_frames: float
+    ring_frames: float
+
+
 def _samples_of(array: ArrayLike) -> Samples:
     """As 32-bit floats, frames x channels."""
     given = np.asarray(array)
@@ -186,6 +202,13 @@ class Runner:
             bool(state.is_running), state.frames, state.sample_rate, state.sample_time, state.cycles,
             state.late_cycles, state.lost_frames, state.restarts, decoded(state.error),
         )  # fmt: skip
+
+    def latency(self, device: Device) -> Latency:
+        """Of a device that runs, as of the last cycle."""
+        latency = ffi.new("dxr_latency *")
+        latency.size = ffi.sizeof("dxr_latency")
+        check(lib.dxr_runner_get_latency(self.handle, device.handle, latency))
+        return Latency(*(getattr(latency, name) for name in Latency.__dataclass_fields__))
 
     @property
     def is_running(self) -> bool:

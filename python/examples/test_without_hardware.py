@@ -12,8 +12,8 @@ runner.add(source, lambda cycle: heard.append(cycle.samples.copy()))
 runner.add(output, lambda cycle: cycle.samples.fill(0.5))
 with runner:
     computer.advance(1.0)  # a second of audio, in no time
+    samples = np.concatenate(heard)
     computer.unplug("cable")
     assert not runner.active_devices and not source.is_connected
-samples = np.concatenate(heard)
 assert samples[0, 0] == 0.0 and samples[-512:].min() == 0.5, "an echo: what is played comes back"
 print(f"ok: {len(heard)} cycles")

@@ -37,6 +37,7 @@ def test_arrays_of_many_kinds_play(cable, samples, channels):
     with dxr.play(samples, 48000, wait=False) as runner:
         assert runner.active_devices == [cable[1]]
         assert abs(dxr.record(9600)).max() == pytest.approx(0.25, abs=0.01)
+        assert 0 < runner.latency(cable[1]).seconds < 0.1  # there has been a cycle
 
 
 def test_one_call_plays_on_two_devices_through_a_replug(computer, cable):

@@ -79,6 +79,20 @@ def test_examples_run(example, tmp_path):
     assert done.returncode == 0 and done.stdout, done.stderr
 
 
+def test_the_readmes_programs_run(script):
+    readme = (Path(__file__).parents[1] / "README.md").read_text(encoding="utf-8")
+    blocks = readme.split("```python\n")[1:]
+    program = "".join(block.split("```")[0] for block in blocks).replace("dxr.changes()", "dxr.changes(timeout=0.1)")
+    simulated = """
+import dxr
+computer = dxr.simulated.Computer()
+computer.plug("headset", name="Headset", inputs=1, outputs=2, volume=1.0, tone=440)
+computer.plug("desk", outputs=2, sample_rate=44100)
+"""
+    status, _, errors = script(simulated + program)
+    assert status == 0, errors
+
+
 @pytest.mark.skipif("DXR_PRIVATE_SERVER" not in os.environ, reason="needs the test build's server")
 def test_on_a_sound_server(script):
     with subprocess.Popen(os.environ["DXR_PRIVATE_SERVER"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as server:

@@ -336,6 +336,12 @@ TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
     EXPECT_STREQ(state.error, "");
     EXPECT_EQ(state.frames, 256U);
     EXPECT_GE(state.cycles, 15U);
+    dxr_latency latency = DXR_INIT(dxr_latency);
+    ASSERT_EQ(dxr_runner_get_latency(runner, output, &latency), DXR_OK);
+    EXPECT_EQ(latency.block_frames, 256.0) << "what is made is played one block later";
+    EXPECT_GE(latency.frames, latency.block_frames + latency.cycle_frames);
+    EXPECT_NEAR(latency.seconds, latency.frames / 48000.0, 1e-9);
+    EXPECT_EQ(dxr_runner_get_latency(runner, input, &latency), DXR_ERROR_STATE);
     ASSERT_EQ(dxr_runner_follow(runner, nullptr, nullptr), DXR_OK);
     EXPECT_GT(notices, 0);
 }
