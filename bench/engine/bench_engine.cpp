@@ -6,6 +6,7 @@
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
 #include "DrivenHardware.h"
+#include "QDL.h"
 #include "RunnerIO.h"
 
 #include <array>
@@ -90,6 +91,37 @@ private:
     std::array<AudioTimeStamp, 2> _times{};
 };
 
+/// The way from the hardware to a callback that does nothing, which the engine's figures contain.
+class Bare {
+public:
+    Bare(uint32_t channels, uint32_t frames) : _samples(size_t{channels} * frames)
+    {
+        const std::string uid = "bare " + std::to_string(++_devices);
+        backend().plug(aDevice().uid(uid).inputs(channels).outputs(channels).bufferFrameSize(frames));
+        backend().settle();
+        const AudioObjectID device = QDLAudioDeviceIDFromUID(uid);
+        AudioDeviceIOProcID proc = nullptr;
+        AudioDeviceCreateIOProcIDWithBlock(&proc, device, nullptr, [](auto...) {});
+        AudioDeviceStart(device, proc);
+        _callback = backend().callback;
+        _time.flags = kAudioTimeStampSampleTimeValid;
+        _list = {1, {{channels, channels * frames * 4, _samples.data()}}};
+    }
+    void cycle()
+    {
+        _time.sampleTime += 1;
+        _callback(&_time, &_list, &_time, &_list, &_time);
+    }
+
+private:
+    static inline int _devices = 0;
+
+    std::vector<float> _samples;
+    AudioDeviceIOBlock _callback;
+    AudioBufferList _list{};
+    AudioTimeStamp _time{};
+};
+
 /// The same samples moved without an engine, node by node.
 class Mover {
 public:
@@ -128,6 +160,7 @@ void compare(size_t nodeCount, uint32_t frames, Directions directions)
     for (const uint32_t channels : {2U, 8U, 32U}) {
         Engine plain(channels, frames, nodeCount, directions, 48000);
         Engine converting(channels, frames, nodeCount, directions, 44100);
+        Bare bare(channels, frames);
         Mover mover(channels, frames, nodeCount);
         constexpr uint64_t cycles = 100;
         Contest contest;
@@ -139,6 +172,7 @@ void compare(size_t nodeCount, uint32_t frames, Directions directions)
             });
         };
         add("engine", [&plain] { plain.cycle(); });
+        add("of it, the way to the callback", [&bare] { bare.cycle(); });
         add("plain loop", [&mover] { mover.loop(); });
         add("memcpy", [&mover] { mover.copy(); });
         add("engine, 44.1 kHz device", [&converting] { converting.cycle(); });
