@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 
 namespace {
@@ -13,9 +14,10 @@ constexpr size_t maxPcms = 64; // of a card; upper limit of what is listed
 constexpr std::chrono::milliseconds yieldTime{500};
 constexpr int maxEventsAtOnce = 1000;
 
-std::string text(const char* bytes)
+/// A text of the kernel's, in a field of `size` bytes, which may lack its end.
+std::string text(const char* bytes, size_t size)
 {
-    return bytes ? bytes : "";
+    return bytes ? std::string(bytes, strnlen(bytes, size)) : std::string();
 }
 
 snd_pcm_stream_t streamOf(size_t direction)
@@ -61,9 +63,10 @@ std::optional<AlsaCardInfo> AlsaCard::info()
     snd_ctl_card_info_alloca(&info);
     if (snd_ctl_card_info(_control, info) < 0)
         return std::nullopt;
-    return AlsaCardInfo{text(snd_ctl_card_info_get_id(info)), text(snd_ctl_card_info_get_driver(info)),
-                        text(snd_ctl_card_info_get_name(info)), text(snd_ctl_card_info_get_longname(info)),
-                        text(snd_ctl_card_info_get_components(info))};
+    return AlsaCardInfo{
+        text(snd_ctl_card_info_get_id(info), 16), text(snd_ctl_card_info_get_driver(info), 16),
+        text(snd_ctl_card_info_get_name(info), 32), text(snd_ctl_card_info_get_longname(info), 80),
+        text(snd_ctl_card_info_get_components(info), 128)};
 }
 
 std::vector<AlsaPcmInfo> AlsaCard::pcms()
@@ -86,8 +89,8 @@ std::vector<AlsaPcmInfo> AlsaCard::pcms()
             snd_pcm_info_set_stream(info, streamOf(direction));
             if (snd_ctl_pcm_info(_control, info) < 0)
                 continue;
-            pcm.id = text(snd_pcm_info_get_id(info));
-            pcm.name = text(snd_pcm_info_get_name(info));
+            pcm.id = text(snd_pcm_info_get_id(info), 64);
+            pcm.name = text(snd_pcm_info_get_name(info), 80);
             pcm.has[direction] = true;
             pcm.isFirst[direction] = !std::exchange(hasFirst[direction], true);
         }

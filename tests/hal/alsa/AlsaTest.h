@@ -60,13 +60,15 @@ class Ramp {
 public:
     Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID)
     {
-        EXPECT_EQ(_hal.createIOProc(
-                      _deviceID,
-                      [this](const AudioTimeStamp* now, const AudioBufferList* in,
-                             const AudioTimeStamp* inTime, AudioBufferList* out,
-                             const AudioTimeStamp* outTime) { _cycle(*now, in, *inTime, out, *outTime); },
-                      _procID),
-                  kAudioHardwareNoError);
+        EXPECT_EQ(
+            _hal.createIOProc(
+                _deviceID,
+                [this](const AudioTimeStamp* now, const AudioBufferList* in, const AudioTimeStamp* inTime,
+                       AudioBufferList* out, const AudioTimeStamp* outTime) {
+                    _cycle(*now, in, inTime ? *inTime : *now, out, outTime ? *outTime : *now);
+                },
+                _procID),
+            kAudioHardwareNoError);
     }
     ~Ramp() { stop(); }
     Ramp(const Ramp&) = delete;
