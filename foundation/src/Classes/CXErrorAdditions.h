@@ -43,6 +43,6 @@ DXR_EXPORT void CXSetDebugEnabled(bool enabled);
                                                        #condition, __FILE__, __LINE__))
 /// The same, where the text to be reported is not that of the condition.
 #define CX_ASSERT_SAYING(condition, text)                                                                    \
-    (static_cast<bool>(condition) ? static_cast<void>(0)                                                     \
-                                  : _CXFailedAssertion(static_cast<const char*>(__PRETTY_FUNCTION__), text,  \
-                                                       __FILE__, __LINE__))
+    (static_cast<bool>(condition)                                                                            \
+         ? static_cast<void>(0)                                                                              \
+         : _CXFailedAssertion(static_cast<const char*>(__PRETTY_FUNCTION__), text, __FILE__, __LINE__))

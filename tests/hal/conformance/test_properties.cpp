@@ -1,3 +1,4 @@
+#include "AudioHardware.h"
 #include "Conformance.h"
 
 #include <thread>

@@ -1,3 +1,4 @@
+#include "AudioHardware.h"
 #include "CXValue.h"
 #include "HALReads.h"
 #include "SerialQueue.h"
