@@ -158,6 +158,7 @@ TEST_F(EngineCyclesTest, playsOnNewChannelsThatNobodyHasHeardOfYet)
     hal.stepCycles(1);
     while (runner->counts().restarts == 0)
         std::this_thread::yield();
+    EXPECT_EQ(runner->activeDevices().size(), 2U) << "which waits for the end of the restart";
     hal.stepCycles(10);
     release.set_value();
     listener->stop();
