@@ -44,7 +44,7 @@ public:
     using DeviceNotifier = DXRDeviceManagerNotifier::Block;
     static constexpr uint32_t maxFrames = DXRDeviceNode::maxFrames; ///< of a cycle
 
-    /// Null when the system has no thread to give.
+    /// Null when cannot create a thread.
     static CXRef<DXRDeviceRunner> init();
 
     // -- Frame count and rate, in effect while it runs, else as asked for

@@ -164,7 +164,7 @@ void Demo::run()
     if (!_perform(interrupts))
         throw ToolFailure("stopped before the end of the story");
     if (!_sumUp())
-        throw ToolFailure("not all of the story was true");
+        throw ToolFailure("demo: some checks failed");
 }
 
 void Demo::_introduce()
@@ -173,7 +173,7 @@ void Demo::_introduce()
     const auto say = [&](const std::string& text, Style style) {
         std::cout << _terminal.styled(clipToWidth(text, width), style) << "\n";
     };
-    say(std::string("dxr ") + DXRVersionString() + ": audio devices, found, followed and played together",
+    say(std::string("dxr ") + DXRVersionString() + ": discovers, monitors and combines audio devices",
         Style::Bold);
     say("A simulated computer: real threads and real time, but no sound hardware.", Style::Dim);
     std::cout << "\n";

@@ -14,7 +14,7 @@ DemoEngine::DemoEngine(const CXRef<DXRDevice>& microphone, std::span<const CXRef
       _cycles(std::make_unique_for_overwrite<Cycle[]>(_mostCycles))
 {
     if (!_runner)
-        throw ToolFailure("the system has no thread to give");
+        throw ToolFailure("cannot create a thread");
     _runner->setSampleRate(sampleRate);
     _runner->setFrameCount(frameCount);
     _runner->addDevice(microphone, DXRDeviceRunner::Channels{1},

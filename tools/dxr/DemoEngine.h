@@ -17,7 +17,7 @@ public:
     static constexpr double toneFrequency = 440.0; ///< Hz, of the tone that it plays itself
     static constexpr double toneAmplitude = 0.25;
 
-    /// Keeps the cycles of `seconds`. Throws ToolFailure when the system has no thread to give.
+    /// Keeps the cycles of `seconds`. Throws ToolFailure when cannot create a thread.
     DemoEngine(const CXRef<DXRDevice>& microphone, std::span<const CXRef<DXRDevice>> outputs, double seconds);
     ~DemoEngine() { _runner->stop(); }
     DemoEngine(const DemoEngine&) = delete;

@@ -67,7 +67,7 @@ void run(RunnerOptions& options)
 
 void registerLoopCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("loop", "Play what devices hear on other devices, or on the same");
+    CLI::App* command = app.add_subcommand("loop", "Route inputs to outputs");
     const auto options = std::make_shared<RunnerOptions>(*command, about);
     options->addInputs("A device to record; the default input if not given");
     options->addOutputs("A device to play on; the default output if not given");

@@ -157,7 +157,7 @@ void plotRun(const Options& options)
 {
     const DriftRun run(options.scenario);
     if (run.points().empty())
-        throw ToolFailure("nothing has passed in so short a time");
+        throw ToolFailure("--seconds is too short");
     std::ofstream file(options.file, std::ios::binary);
     file << drawing(options.scenario, run);
     if (!file.flush())

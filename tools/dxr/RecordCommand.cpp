@@ -96,7 +96,7 @@ void run(Options& options)
     }
     screen.finish(resultOf(file, *recorder, rate));
     if (!isComplete)
-        throw ToolFailure("the devices give no more cycles");
+        throw ToolFailure("the devices stopped delivering audio");
 }
 
 } // namespace

@@ -27,7 +27,7 @@ RunnerSession::RunnerSession(const Interrupts& interrupts, std::optional<uint32_
     : _interrupts(interrupts), _runner(DXRDeviceRunner::init()), _batch(1024)
 {
     if (!_runner)
-        throw ToolFailure("the system has no thread to give");
+        throw ToolFailure("cannot create a thread");
     _runner->setConversionQuality(quality);
     if (frameCount && !_runner->setFrameCount(*frameCount))
         throw ToolFailure(formatText("no device runs in blocks of %u frames", *frameCount));

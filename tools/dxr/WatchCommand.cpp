@@ -91,7 +91,7 @@ void run(const Options& options)
 void registerWatchCommand(CLI::App& app)
 {
     CLI::App* command =
-        app.add_subcommand("watch", "Tell what connects, disconnects and changes, until Ctrl-C");
+        app.add_subcommand("watch", "Report devices that connect, disconnect or change, until Ctrl-C");
     const auto options = std::make_shared<Options>(*command);
     command->add_flag("--all", options->all, "Hidden devices too");
     command->add_flag("--json", options->json, "A JSON object per line");

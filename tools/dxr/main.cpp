@@ -104,7 +104,7 @@ int runCommandLine(CLI::App& app, int argc, char** argv)
 int main(int argc, char** argv)
 try {
     std::setlocale(LC_CTYPE, "C.UTF-8"); // names are UTF-8, whatever the user's language
-    CLI::App app{"Audio devices, found, followed and played together", "dxr"};
+    CLI::App app{"Discovers, monitors and combines audio devices", "dxr"};
     app.set_version_flag("--version,-V", std::string("dxr ") + DXRVersionString());
     app.require_subcommand(1);
     registerCommands(app);
