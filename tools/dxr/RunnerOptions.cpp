@@ -25,8 +25,8 @@ std::streambuf& nowhere()
     struct Nowhere final : std::streambuf {
         int overflow(int character) override { return character; }
     };
-    static Nowhere buffer;
-    return buffer;
+    static auto* buffer = new Nowhere; // never destroyed: std::cout is flushed when all else has ended
+    return *buffer;
 }
 
 } // namespace
