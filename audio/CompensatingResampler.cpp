@@ -44,7 +44,7 @@ double windowedSinc(double x, double half, double stretch)
 
 CXRef<CompensatingResampler> CompensatingResampler::initWithRatio(double ratio)
 {
-    if (!(ratio >= 1.0 / mostRatio && ratio <= mostRatio))
+    if (!(ratio >= 1.0 / maxRatio && ratio <= maxRatio))
         return nullptr;
     // A ratio within what is steered is no conversion: the filter stays as it is, and so does its length.
     const double stretch = ratio < 1.01 ? 1.0 : ratio;
@@ -55,7 +55,7 @@ CXRef<CompensatingResampler> CompensatingResampler::initWithRatio(double ratio)
 CompensatingResampler::CompensatingResampler(uint32_t tapCount, double ratio)
     : _tapCount(tapCount), _table(size_t{phaseCount + 1} * tapCount)
 {
-    static_assert(usualTaps * mostRatio <= PolyphaseInput::maximumTaps);
+    static_assert(usualTaps * maxRatio <= PolyphaseInput::maximumTaps);
     const double half = tapCount / 2.0;
     std::vector<double> row(tapCount);
     for (uint32_t phase = 0; phase <= phaseCount; ++phase) {

@@ -24,11 +24,11 @@
 class CompensatingResampler final : public CXObject {
 public:
     /// The farthest nominal ratio either way.
-    static constexpr double mostRatio = 32.0;
+    static constexpr double maxRatio = 32.0;
 
     /// For about `ratio` input frames per output frame; above 1 the filter is lowered, and lengthened. What
     /// folds lies in its transition, above 0.88 of half the output's rate. Null when the ratio is not within
-    /// 1 / mostRatio … mostRatio.
+    /// Between 1 / maxRatio and maxRatio.
     static CXRef<CompensatingResampler> initWithRatio(double ratio);
 
     /// How many input frames from a position's whole part backwards, and beyond it onwards, a frame is made

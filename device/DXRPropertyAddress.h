@@ -48,8 +48,8 @@ public:
     size_t hash() const override;
 
     /// A listener, not started, that calls `block` with `target` as long as that lives. It is called on the
-    /// hardware's notification thread, whatever the queue, and holds neither the target nor this address:
-    /// whoever wants to hear keeps both.
+    /// hardware's notification thread, also when a queue is given, and holds neither the target nor this address:
+    /// the caller keeps both.
     CXRef<DXRPropertyListener> listenerWithObjectID(AudioObjectID objectID,
                                                     const CXRef<platform::WorkQueue>& queue,
                                                     const CXRef<CXObject>& target,

@@ -7,7 +7,7 @@
  * Structs   begin with their size, which the caller sets to sizeof: fields are only ever added at the end. Fields that are
  *           zero have their default. DXR_INIT does both: `dxr_node node = DXR_INIT(dxr_node);`
  * Text      is UTF-8.
- * Errors    are statuses. dxr_error_text() has the sentence for the last one on the calling thread. Whatever is passed, a
+ * Errors    are statuses. dxr_error_text() has the sentence for the last one on the calling thread. With any argument a
  *           function returns: it does not abort, and no C++ exception leaves it.
  * Threads   any, also those the library did not make. Functions wait for locks and for the hardware, two seconds at most.
  * Callbacks for changes are called one at a time on the library's thread "dxr.events", where every function may be called.
@@ -230,7 +230,7 @@ DXR_C_API dxr_status dxr_sound_samples(dxr_sound* sound, float** samples);
 DXR_C_API dxr_status dxr_sound_position(dxr_sound* sound, uint64_t* frames);
 
 DXR_C_API dxr_status dxr_runner_new(dxr_runner** runner);
-/* Frames of a cycle and Hz, whatever the devices have; 0 leaves it to them. Not while it runs. */
+/* Frames of a cycle and Hz of all blocks; devices may run at others. 0: as the devices run. Not while it runs. */
 DXR_C_API dxr_status dxr_runner_set_format(dxr_runner* runner, uint32_t frames, double sample_rate);
 /* How rates are converted where a device runs at another. Not while it runs. */
 DXR_C_API dxr_status dxr_runner_set_quality(dxr_runner* runner, dxr_quality quality);

@@ -105,7 +105,7 @@ def _require_whole(number: int, name: str) -> None:
 
 
 class Runner:
-    """Audio on one or several devices at once, at one rate and frame count, whatever the devices have. A context manager:
+    """Audio on one or several devices at once, at one rate and frame count; the devices may run at others. A context manager:
     it runs inside `with`. Devices may be absent, come and go; callbacks are called all the same.
 
     Callbacks run on the device's real-time thread and need the interpreter: keep them short. One that raises stops the

@@ -122,7 +122,7 @@ TEST(CompensatingResampler, refusesRatiosThatItHasNoFilterFor)
 {
     for (const double ratio : {0.0, -1.0, 33.0, 1.0 / 33.0, std::nan("")})
         EXPECT_FALSE(CompensatingResampler::initWithRatio(ratio)) << ratio;
-    EXPECT_TRUE(CompensatingResampler::initWithRatio(CompensatingResampler::mostRatio));
+    EXPECT_TRUE(CompensatingResampler::initWithRatio(CompensatingResampler::maxRatio));
 }
 
 } // namespace

@@ -5,9 +5,9 @@
 #include <dxr/HostClock.h>
 
 DemoRecording::DemoRecording(double sampleRate, double seconds)
-    : _sampleRate(sampleRate), _mostFrames(static_cast<size_t>(seconds * sampleRate)),
-      _mostCycles(_mostFrames / 32), // shorter cycles are not asked for
-      _frames(std::make_unique_for_overwrite<Frame[]>(_mostFrames)),
+    : _sampleRate(sampleRate), _maxFrames(static_cast<size_t>(seconds * sampleRate)),
+      _mostCycles(_maxFrames / 32), // shorter cycles are not asked for
+      _frames(std::make_unique_for_overwrite<Frame[]>(_maxFrames)),
       _cycles(std::make_unique_for_overwrite<Cycle[]>(_mostCycles))
 {}
 
@@ -24,7 +24,7 @@ void DemoRecording::_keep(uint64_t sampleTime, uint32_t frameCount, uint32_t cha
 {
     const size_t cycle = _cycleCount.load(std::memory_order_relaxed);
     const size_t frame = cycle == 0 ? 0 : _cycles[cycle - 1].frame + _cycles[cycle - 1].frameCount;
-    if (cycle == _mostCycles || frame + frameCount > _mostFrames)
+    if (cycle == _mostCycles || frame + frameCount > _maxFrames)
         return;
     float peak = 0.0F;
     for (size_t k = 0; k < frameCount; ++k) {

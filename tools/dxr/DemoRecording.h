@@ -50,7 +50,7 @@ private:
         CX_REALTIME;
 
     const double _sampleRate;
-    const size_t _mostFrames, _mostCycles;
+    const size_t _maxFrames, _mostCycles;
     const std::unique_ptr<Frame[]> _frames; // not cleared: memory comes with what is written
     const std::unique_ptr<Cycle[]> _cycles;
     // The writer's. What is before _cycleCount is not written again: its release hands it to readers' acquire.

@@ -2,8 +2,8 @@
 
 #include <bit>
 
-FrameRing::FrameRing(uint32_t channelCount, uint64_t leastFrames)
-    : _channelCount(channelCount), _mask(std::bit_ceil(leastFrames) - 1), _samples((_mask + 1) * channelCount)
+FrameRing::FrameRing(uint32_t channelCount, uint64_t minFrames)
+    : _channelCount(channelCount), _mask(std::bit_ceil(minFrames) - 1), _samples((_mask + 1) * channelCount)
 {}
 
 uint64_t FrameRing::writableFrames() const noexcept

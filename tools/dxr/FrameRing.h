@@ -10,8 +10,8 @@
 /// Real time: everything but making it; nothing here waits.
 class FrameRing { // NOLINT(clang-analyzer-optin.performance.Padding): the padding keeps the two sides apart
 public:
-    /// Room for at least `leastFrames` frames of `channelCount` samples.
-    FrameRing(uint32_t channelCount, uint64_t leastFrames);
+    /// Room for at least `minFrames` frames of `channelCount` samples.
+    FrameRing(uint32_t channelCount, uint64_t minFrames);
 
     uint32_t channelCount() const noexcept { return _channelCount; }
     uint64_t capacity() const noexcept { return _mask + 1; }

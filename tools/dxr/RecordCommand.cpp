@@ -24,25 +24,25 @@ struct Options {
     uint32_t bits = 0;
 };
 
-/// Writes what `recorder` hears until `mostFrames` are written or the user has had enough. Answers whether one of that came
+/// Writes what `recorder` hears until `maxFrames` are written or the user has had enough. Answers whether one of that came
 /// true, and not the end of all patience with devices that give nothing.
-bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t mostFrames,
+bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames,
             SessionScreen& screen)
 {
     constexpr double patienceSeconds = 10.0;
     const double rate = session.sampleRate();
     double lastFrameAt = session.seconds();
-    while (screen.wait() && file.framesWritten() < mostFrames) {
+    while (screen.wait() && file.framesWritten() < maxFrames) {
         if (!recorder.isOpen() && session.isSettled()) {
             session.beginCounting();
             recorder.open(rate);
         }
         const uint64_t before = file.framesWritten();
         if (recorder.isOpen())
-            file.drain(recorder.ring(), mostFrames - file.framesWritten());
+            file.drain(recorder.ring(), maxFrames - file.framesWritten());
         if (file.framesWritten() != before)
             lastFrameAt = session.seconds();
-        if (mostFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
+        if (maxFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
             return false; // nobody may be there to end it
         screen.draw(recorder.meters(), formatSeconds(static_cast<double>(file.framesWritten()) / rate) +
                                            " recorded   Ctrl-C ends");
@@ -51,11 +51,11 @@ bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& fil
 }
 
 /// What was heard before the end and is not written yet.
-void writeTheRest(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t mostFrames)
+void writeTheRest(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames)
 {
     session.stop();
     if (recorder.isOpen())
-        file.drain(recorder.ring(), mostFrames - file.framesWritten());
+        file.drain(recorder.ring(), maxFrames - file.framesWritten());
     file.finish();
 }
 
@@ -79,7 +79,7 @@ void run(Options& options)
         return;
     const double rate = session.sampleRate();
     const std::optional<double> seconds = options.audio.seconds();
-    const uint64_t mostFrames = seconds ? static_cast<uint64_t>(std::llround(*seconds * rate)) : UINT64_MAX;
+    const uint64_t maxFrames = seconds ? static_cast<uint64_t>(std::llround(*seconds * rate)) : UINT64_MAX;
     SoundFileWriter file(options.file, format, recorder->channelCount(), rate, seconds.value_or(0.0));
     std::cout << namesOf(options.audio.inputs()) << " -> " << clipToWidth(singleLine(options.file), 60)
               << ", " << formatCount(recorder->channelCount(), "channel", "channels") << ", "
@@ -87,8 +87,8 @@ void run(Options& options)
     SessionScreen screen(session);
     bool isComplete = false;
     try {
-        isComplete = record(session, *recorder, file, mostFrames, screen);
-        writeTheRest(session, *recorder, file, mostFrames);
+        isComplete = record(session, *recorder, file, maxFrames, screen);
+        writeTheRest(session, *recorder, file, maxFrames);
     } catch (const ToolFailure&) {
         file.finish();
         screen.finish(resultOf(file, *recorder, rate));

@@ -44,9 +44,9 @@ void setChannelMap(SNDFILE* file, uint32_t channelCount)
 SoundFileWriter::SoundFileWriter(const std::string& path, const SoundFormat& format, uint32_t channelCount,
                                  double sampleRate, double expectedSeconds)
     : _name(path == "-" ? "standard output" : singleLine(path)), _channelCount(channelCount),
-      _mostFrames(!format.isWave() || path == "-" || exceedsWave(expectedSeconds, sampleRate, channelCount)
-                      ? UINT64_MAX
-                      : mostWaveBytes / (uint64_t{channelCount} * sizeof(float))),
+      _maxFrames(!format.isWave() || path == "-" || exceedsWave(expectedSeconds, sampleRate, channelCount)
+                     ? UINT64_MAX
+                     : mostWaveBytes / (uint64_t{channelCount} * sizeof(float))),
       _headerEvery(static_cast<uint64_t>(sampleRate)),
       _stream(SoundStream::open(path, SoundStream::Mode::Write))
 {
@@ -57,7 +57,7 @@ SoundFileWriter::SoundFileWriter(const std::string& path, const SoundFormat& for
     info.channels = static_cast<int>(channelCount);
     info.samplerate = static_cast<int>(sampleRate);
     info.format = format.code;
-    if (format.isWave() && !_stream && _mostFrames == UINT64_MAX)
+    if (format.isWave() && !_stream && _maxFrames == UINT64_MAX)
         info.format = SF_FORMAT_RF64 | (format.code & SF_FORMAT_SUBMASK);
     errno = 0;
     _file.reset(_stream ? _stream->openSound(info) : sf_open(path.c_str(), SFM_WRITE, &info));
@@ -77,13 +77,13 @@ SoundFileWriter::SoundFileWriter(const std::string& path, const SoundFormat& for
         throw ToolFailure(_name + ": cannot be written: " + std::strerror(errno));
 }
 
-void SoundFileWriter::drain(FrameRing& ring, uint64_t mostFrames)
+void SoundFileWriter::drain(FrameRing& ring, uint64_t maxFrames)
 {
     constexpr uint64_t framesAtOnce = 4096;
-    uint64_t left = _hasFailed ? 0 : std::min(ring.readableFrames(), mostFrames);
+    uint64_t left = _hasFailed ? 0 : std::min(ring.readableFrames(), maxFrames);
     std::vector<float> samples(std::min(left, framesAtOnce) * _channelCount);
     while (left > 0) {
-        const uint64_t count = std::min({left, framesAtOnce, _mostFrames - _framesWritten});
+        const uint64_t count = std::min({left, framesAtOnce, _maxFrames - _framesWritten});
         _hasFailed = count == 0;
         if (_hasFailed)
             throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; say --seconds and it will be RF64");

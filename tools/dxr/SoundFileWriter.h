@@ -21,9 +21,9 @@ public:
     SoundFileWriter(const SoundFileWriter&) = delete;
     SoundFileWriter& operator=(const SoundFileWriter&) = delete;
 
-    /// Writes up to `mostFrames` frames from the reader's side of `ring`. Throws ToolFailure when the file
+    /// Writes up to `maxFrames` frames from the reader's side of `ring`. Throws ToolFailure when the file
     /// takes no more; what went before is in it.
-    void drain(FrameRing& ring, uint64_t mostFrames);
+    void drain(FrameRing& ring, uint64_t maxFrames);
     uint64_t framesWritten() const noexcept { return _framesWritten; }
     /// Closes the file, whole frames only.
     void finish() noexcept;
@@ -35,7 +35,7 @@ private:
 
     const std::string _name; // printable
     const uint32_t _channelCount;
-    const uint64_t _mostFrames;                 // that the file can hold
+    const uint64_t _maxFrames;                  // that the file can hold
     const uint64_t _headerEvery;                // frames
     const std::unique_ptr<SoundStream> _stream; // null for a file
     std::unique_ptr<SNDFILE, Closer> _file;

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <bit>
 
-BridgeRing::BridgeRing(uint32_t channelCount, uint64_t leastFrames, uint32_t repeatedFrames)
-    : _mask(std::bit_ceil(std::max<uint64_t>(leastFrames, repeatedFrames)) - 1), _repeated(repeatedFrames),
+BridgeRing::BridgeRing(uint32_t channelCount, uint64_t minFrames, uint32_t repeatedFrames)
+    : _mask(std::bit_ceil(std::max<uint64_t>(minFrames, repeatedFrames)) - 1), _repeated(repeatedFrames),
       _samples((_mask + 1 + repeatedFrames) * channelCount), _places(channelCount), _cycles(cycleCapacity)
 {
     for (uint32_t channel = 0; channel < channelCount; ++channel)

@@ -12,9 +12,9 @@
 /// Real time: everything but making it; nothing here waits.
 class BridgeRing { // NOLINT(clang-analyzer-optin.performance.Padding): the padding keeps the two sides apart
 public:
-    /// Room for at least `leastFrames` frames. The last `repeatedFrames` at most of a read may reach over the
+    /// Room for at least `minFrames` frames. The last `repeatedFrames` at most of a read may reach over the
     /// end of the memory: as many frames from its beginning are repeated there.
-    BridgeRing(uint32_t channelCount, uint64_t leastFrames, uint32_t repeatedFrames);
+    BridgeRing(uint32_t channelCount, uint64_t minFrames, uint32_t repeatedFrames);
 
     uint64_t capacity() const noexcept { return _mask + 1; }
 

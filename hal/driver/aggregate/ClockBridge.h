@@ -22,7 +22,7 @@ public:
         uint32_t channelCount = 2;
         bool compensates = true; ///< false: the clocks are one; frames pass unchanged between equal rates
     };
-    /// Null when the rates are too far apart (CompensatingResampler::mostRatio).
+    /// Null when the rates are too far apart (CompensatingResampler::maxRatio).
     static CXRef<ClockBridge> initWithSettings(const Settings& settings);
 
     /// Takes a cycle's samples, blocks of channelCount channels in all, at the time and the sample time at

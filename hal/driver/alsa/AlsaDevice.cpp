@@ -274,7 +274,7 @@ HALStatus AlsaDevice::setBufferFrameSize(uint32_t frameCount, HALDeadline deadli
     return _retime(0.0, frameCount, deadline);
 }
 
-/// Changes the rate or the frames of a cycle, whichever is not 0; what runs begins again.
+/// Changes the rate and the frames of a cycle; 0 leaves a value as it is. A running device is restarted.
 HALStatus AlsaDevice::_retime(double rate, uint32_t frameCount, HALDeadline deadline)
 {
     const auto set = [this](double newRate, uint32_t newFrameCount) {

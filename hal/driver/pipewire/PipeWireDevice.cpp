@@ -219,7 +219,7 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
     state.sampleRates = _sampleRates(settings);
     state.nominalSampleRate = _nominalRate(settings, state.sampleRates);
     state.bufferFrameSize = _frameCount(settings);
-    state.bufferFrameSizeRange = {static_cast<double>(settings.leastFrames),
+    state.bufferFrameSizeRange = {static_cast<double>(settings.minFrames),
                                   static_cast<double>(settings.maxFrames)};
     if (const PipeWireClockSeen clock = _runningClock(); clock.rate > 0.0)
         state.actualSampleRate = clock.rate * clock.rateRatio;

@@ -327,7 +327,7 @@ PipeWireClockSettings PipeWireMirror::clockSettings() const
     };
     take("clock.rate", settings.rate);
     take("clock.quantum", settings.frameCount);
-    take("clock.min-quantum", settings.leastFrames);
+    take("clock.min-quantum", settings.minFrames);
     take("clock.max-quantum", settings.maxFrames);
     take("clock.force-rate", settings.forcedRate);
     take("clock.force-quantum", settings.forcedFrameCount);

@@ -22,7 +22,7 @@ struct PipeWireClockSettings {
     uint32_t rate = 48000;                ///< Hz, when nobody asks for another
     std::vector<uint32_t> allowedRates{}; ///< Hz
     uint32_t frameCount = 1024;           ///< of a cycle, when nobody asks for another
-    uint32_t leastFrames = 32;
+    uint32_t minFrames = 32;
     uint32_t maxFrames = 2048;
     uint32_t forcedRate = 0;       ///< Hz; 0 when none is
     uint32_t forcedFrameCount = 0; ///< 0 when none is

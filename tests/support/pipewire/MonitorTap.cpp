@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <thread>
 
-MonitorTap::MonitorTap(TestClient& client, uint32_t nodeID, const std::string& port, size_t mostFrames)
-    : _client(client), _samples(mostFrames)
+MonitorTap::MonitorTap(TestClient& client, uint32_t nodeID, const std::string& port, size_t maxFrames)
+    : _client(client), _samples(maxFrames)
 {
     static const pw_filter_events events = [] {
         pw_filter_events all{};

@@ -11,8 +11,8 @@
 /// Threads: one; samples arrive on PipeWire's audio thread.
 class MonitorTap {
 public:
-    /// Room for `mostFrames` frames; what comes later is dropped.
-    MonitorTap(TestClient& client, uint32_t nodeID, const std::string& port, size_t mostFrames);
+    /// Room for `maxFrames` frames; what comes later is dropped.
+    MonitorTap(TestClient& client, uint32_t nodeID, const std::string& port, size_t maxFrames);
     ~MonitorTap();
     MonitorTap(const MonitorTap&) = delete;
     MonitorTap& operator=(const MonitorTap&) = delete;
