@@ -1,17 +1,33 @@
 #pragma once
 
 #include "HALDeviceDriver.h"
+#include "HALVolume.h"
 #include "PipeWireDeviceIO.h"
 #include "PipeWireMirror.h"
 #include "PipeWireTimeline.h"
-#include "HALVolume.h"
 
 #include <array>
 #include <memory>
 #include <optional>
 #include <string>
 
-class PipeWireRun;
+class PipeWireDevice;
+
+/// IO that a device takes part in, as the device sees it.
+/// Threads: the loop's.
+class PipeWireDeviceRun {
+public:
+    virtual const PipeWireDeviceIO::WantedTiming& wantedTiming() const noexcept = 0;
+    /// Asks the graph for another rate or cycle length.
+    virtual void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted) = 0;
+    virtual void deviceChanged(const PipeWireDevice& device) = 0; ///< its ports may have changed
+    virtual void deviceDisappears(const PipeWireDevice& device) = 0;
+    virtual bool isStalled(const PipeWireDevice& device) const = 0;
+    virtual PipeWireClockSeen clock() const noexcept = 0;
+
+protected:
+    ~PipeWireDeviceRun() = default;
+};
 
 /// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its
 /// IO. The monitor of a sink is a device of its own, hidden and without a volume.
@@ -55,10 +71,7 @@ public:
     PipeWireNode* node(HALDirection direction) const;
     std::optional<VolumePlace> volumePlace(HALDirection direction) const;
     /// As last described.
-    const HALVolume& volume(HALDirection direction) const
-    {
-        return _volumes[static_cast<size_t>(direction)];
-    }
+    const HALVolume& volume(HALDirection direction) const { return _volumes[static_cast<size_t>(direction)]; }
     /// The card's sub-device behind the direction; nothing without a card that has routes.
     std::optional<uint32_t> cardDevice(HALDirection direction) const;
     PipeWireCard* card() const { return _mirror.card(_parts.card); }
@@ -79,9 +92,9 @@ public:
     std::optional<double> wantedRate;         ///< Hz, chosen by a client of ours
     std::optional<uint32_t> wantedFrameCount; ///< chosen by a client of ours
     PipeWireTimeline timeline;
-    std::vector<PipeWireRun*> runs; ///< of its own and of groups; not owned
-    bool isEndingIO = false;        ///< the node still says that it runs, because of us
-    void leaveRun(const PipeWireRun& run) { std::erase(runs, &run); }
+    std::vector<PipeWireDeviceRun*> runs; ///< of its own and of groups; not owned
+    bool isEndingIO = false;              ///< the node still says that it runs, because of us
+    void leaveRun(const PipeWireDeviceRun& run) { std::erase(runs, &run); }
 
 private:
     std::vector<AudioValueRange> _sampleRates(const PipeWireClockSettings& settings) const;
@@ -102,5 +115,5 @@ private:
     const Parts _parts;
     const std::string _uid;
     const std::array<std::string, 2> _nodeNames; // by direction
-    std::array<HALVolume, 2> _volumes;      // by direction
+    std::array<HALVolume, 2> _volumes;           // by direction
 };
