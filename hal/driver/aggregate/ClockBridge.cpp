@@ -10,7 +10,7 @@ uint64_t ringFrames(const ClockBridge::Settings& settings, const CompensatingRes
 {
     const double ratio = settings.writerRate / settings.readerRate;
     // Three of each cycle for the delay, as much again for cycles that come late and in bursts.
-    const double cycles = 8.0 * (settings.mostWriterFrames + settings.mostReaderFrames * ratio);
+    const double cycles = 8.0 * (settings.maxWriterFrames + settings.maxReaderFrames * ratio);
     return static_cast<uint64_t>(cycles) + 4096 + resampler.framesBefore() + resampler.framesAfter();
 }
 
@@ -50,7 +50,7 @@ ClockBridge::ClockBridge(const Settings& settings, CXRef<CompensatingResampler> 
 void ClockBridge::write(uint64_t hostNanoseconds, uint64_t sampleTime, std::span<const HALStreamBlock> blocks,
                         uint32_t frameCount) noexcept
 {
-    if (frameCount > _settings.mostWriterFrames)
+    if (frameCount > _settings.maxWriterFrames)
         return;
     _fillGap(sampleTime, blocks, frameCount);
     _nextSampleTime = sampleTime + frameCount;

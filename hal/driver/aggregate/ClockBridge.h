@@ -17,8 +17,8 @@ public:
     struct Settings {
         double writerRate = 48000.0; ///< nominal, Hz
         double readerRate = 48000.0;
-        uint32_t mostWriterFrames = 512; ///< of the longest cycle; a longer one is left out
-        uint32_t mostReaderFrames = 512;
+        uint32_t maxWriterFrames = 512; ///< of the longest cycle; a longer one is left out
+        uint32_t maxReaderFrames = 512;
         uint32_t channelCount = 2;
         bool compensates = true; ///< false: the clocks are one; frames pass unchanged between equal rates
     };

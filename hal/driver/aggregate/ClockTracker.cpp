@@ -13,13 +13,13 @@ constexpr double second = 1e9; // nanoseconds
 constexpr double firstMemorySeconds = 0.1;
 constexpr double memoryGrowth = 0.45; // a memory of everything would keep what the first stamps got wrong
 constexpr double settledMemorySeconds = 10.0;
-constexpr double mostMemorySeconds = 40.0;
+constexpr double maxMemorySeconds = 40.0;
 constexpr double muchJitter = 20e3;         // nanoseconds
 constexpr double driftMemorySeconds = 16.0; // from here on the rate's own drift stands out from noise
 constexpr double parabolaMemory = 2.25; // a parabola through so many times the stamps is as certain as a line
 
 constexpr double firstJitter = 100e3; // nanoseconds
-constexpr double leastJitter = 500.0;
+constexpr double minJitter = 500.0;
 constexpr double jitterSeconds = 2.0; // over which it is averaged
 
 // A stamp that is late says little, for threads wake late by very different times; none is early by much. So
@@ -29,14 +29,14 @@ constexpr double jitterSeconds = 2.0; // over which it is averaged
 constexpr double weighingSeconds = 0.7; // from when on the errors are those of stamps
 constexpr double earlyWeight = 3.0;
 constexpr double lateWeight = 1.0 / 3.0;
-constexpr double mostEarly = 4.0; // jitters
-constexpr double mostLate = 2.0;
-constexpr double leastDoubt = 3e6; // nanoseconds; what is nearer is never called wrong
+constexpr double maxEarly = 4.0; // jitters
+constexpr double maxLate = 2.0;
+constexpr double minDoubt = 3e6; // nanoseconds; what is nearer is never called wrong
 constexpr double doubtJitters = 20.0;
-constexpr double mostOtherRate = 0.4; // of the rate it had: further off, a device cannot go
+constexpr double maxOtherRate = 0.4; // of the rate it had: further off, a device cannot go
 constexpr double trendSeconds = 1.5;
 constexpr double trendJitters = 10.0;
-constexpr double leastTrend = 1000.0; // nanoseconds
+constexpr double minTrend = 1000.0; // nanoseconds
 
 } // namespace
 
@@ -87,18 +87,18 @@ void ClockTracker::_follow(double error, double frames) noexcept
     const double perSecond = second / (frames * _nominalPeriod);
     const double share = std::min(1.0, 1.0 / (jitterSeconds * perSecond) + 1.0 / static_cast<double>(_count));
     const double tolerated =
-        2.0 * mostEarly * _jitter; // so that one wild stamp does not open the door to others
-    _jitter = std::max(leastJitter, _jitter + share * (std::min(std::abs(error), tolerated) - _jitter));
+        2.0 * maxEarly * _jitter; // so that one wild stamp does not open the door to others
+    _jitter = std::max(minJitter, _jitter + share * (std::min(std::abs(error), tolerated) - _jitter));
 
     // The less the stamps lie, the less of them it takes, and the sooner a change is seen.
-    const double needed = mostMemorySeconds * _jitter / muchJitter;
-    const double mostMemory =
-        std::clamp(needed, settledMemorySeconds, mostMemorySeconds) * second / _nominalPeriod;
-    _memory = std::min(_memory + memoryGrowth * frames, mostMemory);
+    const double needed = maxMemorySeconds * _jitter / muchJitter;
+    const double maxMemory =
+        std::clamp(needed, settledMemorySeconds, maxMemorySeconds) * second / _nominalPeriod;
+    _memory = std::min(_memory + memoryGrowth * frames, maxMemory);
     const double memorySeconds = _memory * _nominalPeriod / second;
     const double n = std::max(2.0, _memory / frames);
     // At the very first a large error is the rate's, not the stamp's.
-    const double bound = memorySeconds < firstMemorySeconds ? leastDoubt : mostEarly * _jitter;
+    const double bound = memorySeconds < firstMemorySeconds ? minDoubt : maxEarly * _jitter;
     double weighed = std::clamp(error, -bound, bound);
     if (_isWeighing) {
         weighed = _weighed(error);
@@ -129,13 +129,13 @@ void ClockTracker::_follow(double error, double frames) noexcept
 
 double ClockTracker::_doubtBound() const noexcept
 {
-    return std::max(leastDoubt, doubtJitters * _jitter);
+    return std::max(minDoubt, doubtJitters * _jitter);
 }
 
 double ClockTracker::_weighed(double error) const noexcept
 {
-    return error < 0.0 ? earlyWeight * std::max(error, -mostEarly * _jitter)
-                       : lateWeight * std::min(error, mostLate * _jitter);
+    return error < 0.0 ? earlyWeight * std::max(error, -maxEarly * _jitter)
+                       : lateWeight * std::min(error, maxLate * _jitter);
 }
 
 void ClockTracker::_watchForTrend(double error, double frames) noexcept
@@ -144,7 +144,7 @@ void ClockTracker::_watchForTrend(double error, double frames) noexcept
     _trend += std::min(1.0, share) * (error - _trend);
     _trendFrames += frames;
     // The mean of n errors is uncertain by their size over the root of n.
-    const double certain = trendJitters * _jitter * std::sqrt(std::min(1.0, share)) + leastTrend;
+    const double certain = trendJitters * _jitter * std::sqrt(std::min(1.0, share)) + minTrend;
     const double perSecond = second / _nominalPeriod; // frames
     if (std::abs(_trend) > 4.0 * certain && _memory > perSecond) {
         // Another rate altogether: begin to learn it again, from where the clock is.
@@ -166,7 +166,7 @@ ClockTracker::Outcome ClockTracker::_doubt(uint64_t host, uint64_t frame) noexce
     const double sinceLast = static_cast<double>(host - std::exchange(_lastDoubtHost, host));
     const double due = static_cast<double>(frame - std::exchange(_lastDoubtFrame, frame)) * _period;
     const bool isNew = _doubtful == 0;
-    const bool isBroken = std::abs(sinceLast - due) > std::max(_doubtBound(), mostOtherRate * due);
+    const bool isBroken = std::abs(sinceLast - due) > std::max(_doubtBound(), maxOtherRate * due);
     if (isNew)
         _firstDoubtHost = host;
     if (isNew || isBroken) {
@@ -187,7 +187,7 @@ ClockTracker::Outcome ClockTracker::_doubt(uint64_t host, uint64_t frame) noexce
     const double period = elapsed / frames;
     const double against = period / _period;
     const bool isOldRate = std::abs(against - 1.0) < 0.01;
-    const bool isNewRate = std::abs(against - 1.0) < mostOtherRate && elapsed > 0.4 * second;
+    const bool isNewRate = std::abs(against - 1.0) < maxOtherRate && elapsed > 0.4 * second;
     if (isOldRate || isNewRate || isEnough) {
         _begin(host, frame, isOldRate ? _period : isNewRate ? period : _nominalPeriod);
         return Outcome::Resynchronised;

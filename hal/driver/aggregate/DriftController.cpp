@@ -11,23 +11,23 @@ constexpr double narrowing = 3.0;
 constexpr double widestSeconds = 0.3;
 constexpr double narrowest = 0.15;
 constexpr double damping = 0.9;
-constexpr double mostPull = 2e-3; // of the rate: a hundred frames a second, and three cents
+constexpr double maxPull = 2e-3; // of the rate: a hundred frames a second, and three cents
 
 // How late threads may be beyond their cycles.
-constexpr double leastMargin = 32.0; // frames
-constexpr double mostMarginSeconds = 0.005;
+constexpr double minMargin = 32.0; // frames
+constexpr double maxMarginSeconds = 0.005;
 constexpr double shortagesApartSeconds = 10.0; // nearer ones show that the margin is too small
 constexpr double sparedFrames = 8.0; // what is added to a margin that was too small, beyond the lack
 
-constexpr double leastJump = 24.0; // frames: less is pulled
-constexpr double mostJump = 480.0;
-constexpr uint64_t mostGapFrames = 1U << 20; // a longer gap in the sample time is a clock set anew
+constexpr double minJump = 24.0; // frames: less is pulled
+constexpr double maxJump = 480.0;
+constexpr uint64_t maxGapFrames = 1U << 20; // a longer gap in the sample time is a clock set anew
 
 double marginFor(const DriftController::Settings& settings, double longerCycle)
 {
     // With the frames that the resampler reaches ahead, at most a cycle.
     const double usual = longerCycle - settings.framesAfter;
-    return std::max(leastMargin, std::min(usual, mostMarginSeconds * settings.writerRate));
+    return std::max(minMargin, std::min(usual, maxMarginSeconds * settings.writerRate));
 }
 
 } // namespace
@@ -57,7 +57,7 @@ ReadPlan DriftController::plan(uint64_t hostNanoseconds, uint64_t sampleTime, ui
 {
     const uint64_t gap = sampleTime - _nextSampleTime;
     if (_hasRead && gap > 0 &&
-        gap < mostGapFrames) // the cycles that the reader lost have passed all the same
+        gap < maxGapFrames) // the cycles that the reader lost have passed all the same
         _walk = _walk.after(static_cast<uint32_t>(gap));
     _hasRead = true;
     _nextSampleTime = sampleTime + frameCount;
@@ -134,7 +134,7 @@ double DriftController::_error(double target) const noexcept
 bool DriftController::_mustJump(double error, uint32_t frameCount, uint64_t endFrame) const noexcept
 {
     if (_settings.compensates)
-        return std::abs(error) > std::clamp(delay() / 4.0, leastJump, mostJump);
+        return std::abs(error) > std::clamp(delay() / 4.0, minJump, maxJump);
     // Left to themselves, clocks that differ after all move apart until there is nothing to read, or too
     // much.
     const CompensatingResampler::Walk end = _walk.after(frameCount);
@@ -165,7 +165,7 @@ void DriftController::_steer(double error, uint32_t frameCount) noexcept
     const double stiffness = std::min(width * elapsed, 0.5);
     const double pull =
         stiffness * (width * error / _settings.readerRate + 2.0 * damping * (wanted - _walk.step));
-    const double limit = mostPull * wanted;
+    const double limit = maxPull * wanted;
     const double next = std::clamp(_walk.step + pull, wanted - limit, wanted + limit);
     _walk.stepChange = (next - _walk.step) / frameCount;
 }

@@ -301,7 +301,7 @@ void AlsaRun::_setStalled(bool isStalled, int error)
         _changed();
 }
 
-/// Until the time has passed or something else is wished for.
+/// Until the time has passed or something else is requested.
 void AlsaRun::_sleep(int milliseconds) const noexcept
 {
     pollfd wakeUps{_wakeUps, POLLIN, 0};

@@ -5,7 +5,7 @@
 namespace {
 
 constexpr uint64_t catchingUpNanoseconds = 1'000'000'000;
-constexpr uint64_t mostSeconds = 60; // a longer gap in a clock's count is a clock set anew
+constexpr uint64_t maxSeconds = 60; // a longer gap in a clock's count is a clock set anew
 
 /// The frames from the start of one cycle to that of the next, by the time between them: not less than the
 /// first cycle's own, and more only when at least half a cycle is missing.
@@ -38,7 +38,7 @@ PipeWireTimeline::Step PipeWireTimeline::advance(const Clock& clock) noexcept
         _lostFrames -= clock.frameCount;
         return {_sampleTime, false, true};
     }
-    const bool isCounted = isSameClock && counted >= _last.frameCount && counted <= mostSeconds * clock.rate;
+    const bool isCounted = isSameClock && counted >= _last.frameCount && counted <= maxSeconds * clock.rate;
     const uint64_t frames = isCounted ? counted : framesByTime(_last, clock);
     const uint64_t lost = frames - _last.frameCount;
     if (lost > 0) {
