@@ -1,5 +1,6 @@
 #include "AlsaTest.h"
 
+#include "CXValue.h"
 #include "CapturedLog.h"
 
 #include <cmath>
@@ -71,19 +72,26 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
 
 TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
 {
+    enum class Report { None, Overload, Stall };
+    const auto nothing = [](int) {};
     struct {
         const char* why;
         unsigned playback, capture;
+        Report report;
         void (*stop)(int card);
         void (*let)(int card);
+        int rounds = 3;
     } const rows[] = {
-        {"an overload", 2, 2, FakedCards::overload, [](int) {}},
-        {"an overload of an input alone", 0, 2, FakedCards::overload, [](int) {}},
-        {"an overload of an output alone", 2, 0, FakedCards::overload, [](int) {}},
-        {"a suspend", 2, 2, [](int card) { FakedCards::setSuspended(card, true); },
+        {"an overload", 2, 2, Report::Overload, FakedCards::overload, nothing},
+        {"an overload of an input alone", 0, 2, Report::Overload, FakedCards::overload, nothing},
+        {"an overload of an output alone", 2, 0, Report::Overload, FakedCards::overload, nothing},
+        {"a suspend", 2, 2, Report::Overload, [](int card) { FakedCards::setSuspended(card, true); },
          [](int card) { FakedCards::setSuspended(card, false); }},
-        {"a card that is stuck for a while", 2, 2, [](int card) { FakedCards::setStuck(card, true); },
-         [](int card) { FakedCards::setStuck(card, false); }},
+        {"a card that is stuck for a while", 2, 2, Report::Stall,
+         [](int card) { FakedCards::setStuck(card, true); },
+         [](int card) { FakedCards::setStuck(card, false); }, 1},
+        {"a pause that this process did not ask for", 2, 2, Report::None, FakedCards::pause, nothing, 1},
+        {"a wait that a signal ends", 2, 2, Report::None, FakedCards::interruptWaits, nothing},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
@@ -93,10 +101,10 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
         const int number = FakedCards::plug(card);
         const AudioObjectID id = device(uidOf(row.why));
         const Overloads overloads(*hal, id);
-        const bool isStuck = row.why[0] == 'a' && std::string(row.why).find("stuck") != std::string::npos;
+        const bool isStuck = row.report == Report::Stall;
         Ramp ramp(*hal, id);
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
-        for (int round = 0; round < (isStuck ? 1 : 3); ++round) {
+        for (int round = 0; round < row.rounds; ++round) {
             EXPECT_TRUE(
                 eventually([before = ramp.cycles.load(), &ramp] { return ramp.cycles > before + 5; }));
             row.stop(number);
@@ -112,7 +120,7 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
         }
         EXPECT_TRUE(
             eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
-        EXPECT_TRUE(isStuck || eventually([&] { return overloads.count > 0; }));
+        EXPECT_TRUE(row.report != Report::Overload || eventually([&] { return overloads.count > 0; }));
         ramp.stop();
         EXPECT_EQ(ramp.backwards, 0U);
         FakedCards::unplug(number);
@@ -187,6 +195,39 @@ TEST_F(AlsaTest, measuresTheClockAndKeepsItThroughAnOverload)
     FakedCards::overload(number);
     EXPECT_TRUE(eventually(isMeasured)) << scalar;
     hal->destroyIOProc(id, proc);
+}
+
+TEST_F(AlsaTest, findsTheRatioOfTwoCardsInAnAggregate)
+{
+    FakedCards::plug(aCard("leader"));
+    FakedCardOptions card = aCard("other");
+    card.partsPerMillion = 200.0;
+    FakedCards::plug(card);
+    device(uidOf("leader"));
+    device(uidOf("other"));
+    const CXPlist description{
+        {"uid", "both"},
+        {"name", "Both"},
+        {"master", uidOf("leader")},
+        {"subdevices", {{{"uid", uidOf("leader")}}, {{"uid", uidOf("other")}, {"drift", 1}}}}};
+    AudioObjectID both = kAudioObjectUnknown;
+    ASSERT_EQ(hal->createAggregateDevice(*CXValue::initWithPlist(description), both), kAudioHardwareNoError);
+    AudioDeviceIOProcID proc = nullptr;
+    hal->createIOProc(
+        both,
+        [](const AudioTimeStamp*, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
+           const AudioTimeStamp*) {},
+        proc);
+    ASSERT_EQ(hal->start(both, proc), kAudioHardwareNoError);
+    double found = 0.0;
+    EXPECT_TRUE(eventually([&] {
+        const auto status = readList<AudioAggregateSubDeviceStatus>(
+            *hal, both, at(kAudioAggregateDevicePropertySubDeviceStatus));
+        found = status.size() == 2 ? status[1].partsPerMillion : 0.0;
+        return std::abs(found - 200.0) < 2.0;
+    })) << found;
+    hal->destroyIOProc(both, proc);
+    hal->destroyAggregateDevice(both);
 }
 
 // By the driver's parts: what a card's stamps make of sample times.

@@ -20,6 +20,7 @@ public:
 
     const int number;
     FakedCardOptions options;
+    unsigned interruptedWaits = 0; ///< to come
     bool isGone = false, isBusy = false, mayOpen = true, isSuspended = false, isStuck = false;
 
     // -- The clock, in frames

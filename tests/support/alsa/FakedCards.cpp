@@ -23,6 +23,16 @@ void FakedCards::overload(int card)
     FakedKernel::shared().setState(card, SNDRV_PCM_STATE_XRUN);
 }
 
+void FakedCards::pause(int card)
+{
+    FakedKernel::shared().setState(card, SNDRV_PCM_STATE_PAUSED);
+}
+
+void FakedCards::interruptWaits(int card)
+{
+    FakedKernel::shared().with(card, [](FakedCard& each) { return each.interruptedWaits = 3; });
+}
+
 void FakedCards::setPartsPerMillion(int card, double partsPerMillion)
 {
     FakedKernel::shared().with(card,

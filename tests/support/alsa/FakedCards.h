@@ -45,6 +45,10 @@ public:
     static void rename(int card, const std::string& name); ///< as a rule of udev might
     /// What runs stops, as if the program had been late.
     static void overload(int card);
+    /// What runs stands still until it is stopped.
+    static void pause(int card);
+    /// A signal ends the next waits for its PCMs.
+    static void interruptWaits(int card);
     static void setPartsPerMillion(int card, double partsPerMillion);
     static void setSuspended(int card, bool isSuspended);
     /// Its clock stands still and nothing is interrupted.

@@ -349,13 +349,17 @@ int FakedKernel::mapped(int descriptor, unsigned long offset, off_t& place)
     return file < 0 ? -ENXIO : file;
 }
 
-void FakedKernel::look(int descriptor)
+bool FakedKernel::look(int descriptor)
 {
     if (!owns(descriptor))
-        return;
+        return true;
     const Guard guard(_lock);
-    if (const auto pcm = _pcms.find(descriptor); pcm != _pcms.end())
-        pcm->second->showReadiness();
+    const auto pcm = _pcms.find(descriptor);
+    if (pcm == _pcms.end())
+        return true;
+    pcm->second->showReadiness();
+    unsigned& interrupted = pcm->second->card.interruptedWaits;
+    return interrupted == 0 || interrupted-- == 0;
 }
 
 short FakedKernel::pollErrors(int descriptor)

@@ -54,8 +54,8 @@ public:
     int ioctl(int descriptor, unsigned long request, void* argument);
     /// The file and place to map; negative: the error.
     int mapped(int descriptor, unsigned long offset, off_t& place);
-    /// Before a poll: positions in mapped memory may have moved.
-    void look(int descriptor);
+    /// Before a poll: positions in mapped memory may have moved. False when a signal ends the poll.
+    bool look(int descriptor);
     /// What poll() reports besides readiness.
     short pollErrors(int descriptor);
 

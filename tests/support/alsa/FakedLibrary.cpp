@@ -70,8 +70,8 @@ void* mapCards(Map* original, void* at, size_t size, int protection, int flags, 
 template <class Wait> int pollCards(pollfd* files, nfds_t count, Wait wait)
 {
     for (nfds_t i = 0; i < count; ++i)
-        if (files[i].fd >= 0)
-            FakedKernel::shared().look(files[i].fd);
+        if (files[i].fd >= 0 && !FakedKernel::shared().look(files[i].fd))
+            return result(-EINTR);
     const int ready = wait();
     for (nfds_t i = 0; ready > 0 && i < count; ++i)
         if (files[i].fd >= 0 && files[i].revents)
