@@ -11,7 +11,7 @@
 namespace {
 
 constexpr double originSeconds = 10.0; // of the host clock, so that no stamp is near zero
-constexpr size_t mostPoints = 2000;
+constexpr size_t maxPoints = 2000;
 constexpr double settledAfter = 15.0;
 
 /// A cycle, when it is run: what its thread knows, and what is true.
@@ -243,7 +243,7 @@ DriftOutcome simulateDrift(const DriftScenario& scenario)
     outcome.lostFrames = controller.lostFrames();
     outcome.resynchronisations = controller.resynchronisations();
     summarise(points, scenario.seconds, outcome);
-    const size_t step = points.size() / mostPoints + 1;
+    const size_t step = points.size() / maxPoints + 1;
     for (size_t i = 0; i < points.size(); i += step)
         outcome.points.push_back(points[i]);
     return outcome;

@@ -58,8 +58,8 @@ TEST(Drift, comesBackToTheSameDelayAfterAFault)
     struct {
         const char* why;
         DriftFault fault;
-        double mostLostSeconds;
-        uint32_t mostResynchronisations;
+        double maxLostSeconds;
+        uint32_t maxResynchronisations;
     } const rows[] = {
         {"a burst after a stall is not a faster clock", {Kind::ThreadStalls, true, 40.0, 1.0}, 1.05, 0},
         {"nor on the side that reads", {Kind::ThreadStalls, false, 40.0, 1.0}, 0.0, 0},
@@ -84,9 +84,9 @@ TEST(Drift, comesBackToTheSameDelayAfterAFault)
             const DriftOutcome outcome = simulateDrift(scenario);
             EXPECT_NEAR(meanDelay(outcome, 30.0, 40.0), meanDelay(outcome, 100.0, 110.0), 2.0)
                 << row.why << ", " << frames;
-            EXPECT_LE(static_cast<double>(outcome.lostFrames) / 48000.0, row.mostLostSeconds)
+            EXPECT_LE(static_cast<double>(outcome.lostFrames) / 48000.0, row.maxLostSeconds)
                 << row.why << ", " << frames;
-            EXPECT_LE(outcome.resynchronisations, row.mostResynchronisations) << row.why << ", " << frames;
+            EXPECT_LE(outcome.resynchronisations, row.maxResynchronisations) << row.why << ", " << frames;
         }
 }
 
