@@ -1,5 +1,6 @@
 #include "DXRAudioContext.h"
 
+#include "CXDispatchTimer.h"
 #include "CXErrorAdditions.h"
 #include "CXFourCharCode.h"
 #include "DeviceClock.h"
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <alloca.h>
+#include <cmath>
 #include <cstdio>
 #include <iterator>
 
@@ -22,6 +24,8 @@ constexpr double defaultSampleRate = 44100.0;
 constexpr uint32_t maxStackEntries = 1024;
 constexpr double ticksPerSecond =
     1e9 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
+constexpr auto ringTicks =
+    static_cast<uint64_t>(0.2 * ticksPerSecond); // between two looks at an aggregate's rings
 
 constexpr AudioObjectPropertyAddress bufferFrameSize{
     kAudioDevicePropertyBufferFrameSize, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
@@ -147,19 +151,20 @@ bool DXRAudioContext::start()
     const HALStatus status = AudioDeviceStart(_deviceID, record->procID);
     if (status != kAudioHardwareNoError) {
         _endCallback(*record, _deviceID);
-        _stopFollowingLayouts();
+        _stopFollowing();
         return _fail(status, "cannot start");
     }
     _iocontext = record;
     if (!_startIO()) {
         _iocontext = nullptr;
         _endCallback(*record, _deviceID); // cycles are kept out, so none waits for this queue
-        _stopFollowingLayouts();
+        _stopFollowing();
         return false;
     }
     if (record->frameCount != 0)
         _converterFor(*record);  // its filter is expensive to build: not in the first cycle
     record->unsafe.fetch_sub(1); // cycles may come in
+    _followRings();
     return true;
 }
 
@@ -240,8 +245,10 @@ void DXRAudioContext::_lookAtLayouts()
         _io.onNewLayout(*this);
 }
 
-void DXRAudioContext::_stopFollowingLayouts()
+void DXRAudioContext::_stopFollowing()
 {
+    if (const CXRef<CXDispatchTimer> timer = std::exchange(_ringTimer, nullptr))
+        timer->cancel();
     for (const CXRef<DXRPropertyListener>& listener : std::exchange(_layoutListeners, {}))
         listener->stop();
 }
@@ -342,7 +349,7 @@ void DXRAudioContext::stop()
         else
             record->keeper = CXRef<CXObject>(this);
     }
-    _stopFollowingLayouts();
+    _stopFollowing();
     _stopIO();
 }
 
@@ -516,44 +523,91 @@ std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const
     if (!_iocontext || _iocontext->lastFrameCount == 0)
         return latencies;
     const SubDeviceStatuses statuses = subDeviceStatusesOf(_deviceID);
-    for (const auto& direction : _nodes) {
-        for (const CXRef<DXRDeviceNode>& node : direction) {
-            if (!_viables.contains(node))
-                continue;
-            const CyclePlacement placement = _placementOf(node->isInput(), statuses);
-            DXRDeviceLatency slowest;
-            for (const AudioObjectID device : _devicesOfNode(node)) {
-                DXRDeviceLatency latency = latencyOfPart(device, node->isInput(), placement, statuses);
-                if (latency.seconds() >= slowest.seconds())
-                    slowest = std::move(latency);
-            }
-            slowest.deviceUID = node->device()->deviceUID();
-            slowest.isInput = node->isInput();
-            latencies.push_back(std::move(slowest));
+    const std::array<CyclePlacement, 2> placements = _placements();
+    for (size_t direction = 0; direction < _nodes.size(); ++direction) {
+        for (const CXRef<DXRDeviceNode>& node : _nodes[direction]) {
+            if (_viables.contains(node))
+                latencies.push_back(_latencyOf(*node, placements[direction], statuses));
         }
     }
     return latencies;
 }
 
-std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const CXRef<DXRDeviceNode>&) const
+/// That of the slowest of the node's devices. From any thread.
+DXRDeviceLatency DXRAudioContext::_latencyOf(const DXRDeviceNode& node, CyclePlacement placement,
+                                             const SubDeviceStatuses& statuses) const
+{
+    const auto clock = std::ranges::find_if(statuses, [](const auto& status) { return status.isClock != 0; });
+    placement.clockID = clock != statuses.end() ? clock->deviceID : _deviceID;
+    DXRDeviceLatency slowest;
+    for (const AudioObjectID device : _devicesOfNode(node)) {
+        DXRDeviceLatency latency = latencyOfPart(device, node.isInput(), placement, statuses);
+        if (latency.seconds() >= slowest.seconds())
+            slowest = std::move(latency);
+    }
+    slowest.deviceUID = node.device()->deviceUID();
+    slowest.isInput = node.isInput();
+    return slowest;
+}
+
+std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const DXRDeviceNode&) const
 {
     return {_deviceID};
 }
 
-CyclePlacement DXRAudioContext::_placementOf(bool isInput, const SubDeviceStatuses& statuses) const
+/// Of the last cycle, input and output; the clock is not in it.
+std::array<CyclePlacement, 2> DXRAudioContext::_placements() const
 {
     CX_ASSERT_ON_QUEUE(_queue);
     const DXRAudioIOContext& record = *_iocontext;
-    const size_t direction = isInput ? 0 : 1;
-    CyclePlacement placement;
-    const auto clock = std::ranges::find_if(statuses, [](const auto& status) { return status.isClock != 0; });
-    placement.clockID = clock != statuses.end() ? clock->deviceID : _deviceID;
-    placement.sampleRate = record.sampleRate;
-    placement.cycleFrames = record.lastFrameCount;
-    placement.distanceFrames = record.distances[direction];
-    placement.blockFrames = _io.frameCount.value() * record.sampleRate / _io.sampleRate.value();
-    placement.placeFrames = record.blockPlaces[direction];
-    return placement;
+    std::array<CyclePlacement, 2> placements;
+    for (size_t direction = 0; direction < placements.size(); ++direction) {
+        placements[direction].sampleRate = record.sampleRate;
+        placements[direction].cycleFrames = record.lastFrameCount;
+        placements[direction].distanceFrames = record.distances[direction];
+        placements[direction].blockFrames =
+            _io.frameCount.value() * record.sampleRate / _io.sampleRate.value();
+        placements[direction].placeFrames = record.blockPlaces[direction];
+    }
+    return placements;
+}
+
+/// An aggregate's time stamps are its clock device's: what the rings of its other parts hold, blocks learn in this way.
+void DXRAudioContext::_followRings()
+{
+    if (subDeviceStatusesOf(_deviceID).size() < 2)
+        return;
+    _ringTimer = CXDispatchTimer::init();
+    _ringTimer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
+        if (const CXRef<DXRAudioContext> self = weak.lock())
+            self->_lookAtRings();
+    });
+    _ringTimer->setDispatchQueue(_queue);
+    _ringTimer->setTimeoutAbsolute(0, ringTicks);
+}
+
+/// Rings are read on another thread: no cycle shall wait for this queue meanwhile.
+void DXRAudioContext::_lookAtRings()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (!_iocontext || _iocontext->lastFrameCount == 0)
+        return;
+    platform::GlobalQueue::highPriority().async([self = CXRef(this), placements = _placements()] {
+        const SubDeviceStatuses statuses = subDeviceStatusesOf(self->_deviceID);
+        std::vector<std::pair<CXRef<DXRDeviceNode>, int64_t>> offsets;
+        for (const CXRef<DXRDeviceNode>& node : self->_viables) {
+            const CyclePlacement& placement = placements[node->isInput() ? 0 : 1];
+            const double seconds = secondsAfterClock(self->_latencyOf(*node, placement, statuses), placement);
+            if (!statuses.empty() && std::isfinite(seconds))
+                offsets.emplace_back(node, std::llround(seconds * ticksPerSecond));
+        }
+        self->_queue->dispatchAsync([self, offsets = std::move(offsets)] {
+            for (const auto& [node, ticks] : offsets) {
+                if (self->_ringTimer)
+                    node->setHostTimeOffset(ticks);
+            }
+        });
+    });
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.

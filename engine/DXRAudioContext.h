@@ -8,10 +8,12 @@
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
 
+#include <array>
 #include <map>
 #include <set>
 
 class RunnerIO;
+class CXDispatchTimer;
 struct CyclePlacement;
 
 /// Runs the nodes of a runner from the IO callback of one audio device: a single device here, several as one in
@@ -77,7 +79,7 @@ protected:
     void _stopIO();
 
     /// The devices whose samples a node carries, of which the slowest counts for its latency.
-    virtual std::vector<AudioObjectID> _devicesOfNode(const CXRef<DXRDeviceNode>& node) const;
+    virtual std::vector<AudioObjectID> _devicesOfNode(const DXRDeviceNode& node) const;
 
     // -- Steps of a cycle
 
@@ -109,15 +111,18 @@ private:
         bool operator==(const Layouts& other) const = default;
     };
 
-    CyclePlacement _placementOf(bool isInput,
+    std::array<CyclePlacement, 2> _placements() const;
+    DXRDeviceLatency _latencyOf(const DXRDeviceNode& node, CyclePlacement placement,
                                 const std::vector<AudioAggregateSubDeviceStatus>& statuses) const;
+    void _followRings();
+    void _lookAtRings();
+    void _stopFollowing();
     bool _fail(HALStatus status, std::string text);
     CXRef<DXRAudioIOContext> _makeRecord();
     void _readStreams(DXRAudioIOContext& record) const;
     Layouts _readLayouts() const;
     void _followLayouts();
     void _lookAtLayouts();
-    void _stopFollowingLayouts();
     void _listenForRate(DXRAudioIOContext& record) const;
     void _askForFormat();
     struct Stamps {
@@ -144,5 +149,6 @@ private:
     DXRDeviceRunnerError _error;
     Layouts _layouts; // since start()
     std::vector<CXRef<DXRPropertyListener>> _layoutListeners;
+    CXRef<CXDispatchTimer> _ringTimer; // while the device is an aggregate that runs
     CXRef<DXRAudioIOContext> _iocontext CX_OWNED_BY_QUEUE(_queue); // null while no callback is installed
 };
