@@ -57,7 +57,7 @@ std::string statusText(HALStatus status)
     return " (status '" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
 }
 
-/// The buffers of a list, which has as many as it says, whatever its declared bound.
+/// All buffers of a list: numberBuffers of them, more than its declaration has room for.
 std::span<const AudioBuffer> buffersOf(const AudioBufferList* list)
 {
     return {&list->buffers[0], list->numberBuffers};
@@ -108,7 +108,7 @@ DXRAudioContext::DXRAudioContext(RunnerIO& io, const CXRef<CXObject>& runner, co
     : _nodes(nodes), _viables(std::move(viables)), _queue(io.queue), _io(io), _runner(runner)
 {}
 
-// noexcept as it is, a broken promise ends the process here.
+// A failed assertion ends the process here: destructors are noexcept.
 DXRAudioContext::~DXRAudioContext() CX_UNCHECKED_QUEUE // nobody else has it any more
 {
     CX_ASSERT_SAYING(!_iocontext, "_iocontext == NULL");
@@ -258,7 +258,7 @@ CXRef<DXRAudioIOContext> DXRAudioContext::_makeRecord()
     CXRef<DXRAudioIOContext> record = DXRAudioIOContext::init();
     record->unsafe.store(1); // keeps cycles out until the context is ready
     record->turn = [record, context = this] { _takeTurn(*context, *record, false); };
-    record->farewell = [record, deviceID = _deviceID] { _sayFarewell(record, deviceID); };
+    record->ending = [record, deviceID = _deviceID] { _endLater(record, deviceID); };
     return record;
 }
 
@@ -273,7 +273,7 @@ void DXRAudioContext::_listenForRate(DXRAudioIOContext& record) const
     record.rateListener->start();
 }
 
-/// Failures do not matter: cycles adapt to whatever the device runs at.
+/// Failures do not matter: cycles adapt to the format that the device runs at.
 void DXRAudioContext::_askForFormat()
 {
     const uint32_t frameCount = _io.frameCount.value();
@@ -371,13 +371,13 @@ void DXRAudioContext::_endCallback(DXRAudioIOContext& record, AudioObjectID devi
 }
 
 /// Work of the queue that a cycle leaves behind when the end of the callback has fallen to it.
-void DXRAudioContext::_sayFarewell(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID)
+void DXRAudioContext::_endLater(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID)
 {
     const auto context = CXRefCast<DXRAudioContext>(std::exchange(record->keeper, nullptr));
     const bool needsRestart = record->needsRestart;
     platform::GlobalQueue::highPriority().async([record, deviceID, context, needsRestart] {
         _endCallback(*record, deviceID);
-        // Not before: this farewell may have run at the end of the cycle, on the IO thread, which must not start a device,
+        // Not before: the work above may run at the end of the cycle, on the IO thread, which must not start a device,
         // and whose device would call the new callback in the same cycle.
         if (needsRestart)
             context->_queue->dispatchAsync([context] { context->_io.onNewLayout(*context); });
@@ -416,7 +416,7 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     const CXRealtimeScope realtime;
     if (!record.enter())
         return;
-    // From here to its turn the cycle has the record, and the context is there, whatever stop does.
+    // Until its turn the cycle owns the record, and the context stays alive even if stop() runs.
     constexpr double pastLast = 0x1p64;
     record.hasTime = hasSampleTime(now) && now->sampleTime >= 0.0 && now->sampleTime < pastLast;
     record.sampleTime = record.hasTime ? static_cast<uint64_t>(now->sampleTime) : 0;
@@ -444,7 +444,7 @@ void DXRAudioContext::_takeTurn(DXRAudioContext& context, DXRAudioIOContext& rec
     CX_ASSERT_ON_QUEUE(context._queue);
     const bool isClaimed = isHere || record.claimTurn();
     if (!record.leaveUnlessStopped())
-        context._queue->dispatchAsync(record.farewell);
+        context._queue->dispatchAsync(record.ending);
     else if (isClaimed && record.hasTime && context._iocontext.get() == &record)
         context._performIO(record.sampleTime, record.buffers);
     if (isClaimed && !isHere)
@@ -572,7 +572,8 @@ std::array<CyclePlacement, 2> DXRAudioContext::_placements() const
     return placements;
 }
 
-/// An aggregate's time stamps are its clock device's: what the rings of its other parts hold, blocks learn in this way.
+/// The time stamps of an aggregate are those of its clock device. The delays of the other parts' rings are added to the
+/// host times of their nodes' buffers.
 void DXRAudioContext::_followRings()
 {
     if (subDeviceStatusesOf(_deviceID).size() < 2)
@@ -586,7 +587,7 @@ void DXRAudioContext::_followRings()
     _ringTimer->setTimeoutAbsolute(0, ringTicks);
 }
 
-/// Rings are read on another thread: no cycle shall wait for this queue meanwhile.
+/// Rings are read on another thread, so that no cycle has to wait for this queue meanwhile.
 void DXRAudioContext::_lookAtRings()
 {
     CX_ASSERT_ON_QUEUE(_queue);
@@ -633,7 +634,7 @@ void DXRAudioContext::_leaveForNewLayout(DXRAudioIOContext& record)
     record.needsRestart = true;
     record.keeper = CXRef<CXObject>(this);
     _iocontext = nullptr; // the callback has the record still
-    _queue->dispatchAsync(record.farewell);
+    _queue->dispatchAsync(record.ending);
 }
 
 /// Null when none is needed.

@@ -23,7 +23,7 @@ struct CyclePlacement;
 ///            The cycle is on the device's IO thread and counts as work of the queue: DXRAudioIOContext says how.
 /// Real time: the cycle, but for the new converter after the device has changed its frame count or rate.
 /// Owns:      the runner, which owns it, until it is stopped and let go.
-/// Fails:     start() answers false, and the context then does nothing. A device that changes its streams stops and has
+/// Fails:     start() returns false, and the context then does nothing. A device that changes its streams stops and has
 ///            the runner start anew.
 class DXR_EXPORT DXRAudioContext : public CXObject {
 public:
@@ -132,7 +132,7 @@ private:
                           const DXRStreamBuffers& buffers) noexcept CX_REALTIME;
     static void _takeTurn(DXRAudioContext& context, DXRAudioIOContext& record, bool isHere) noexcept
         CX_REALTIME;
-    static void _sayFarewell(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID);
+    static void _endLater(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID);
     static void _endCallback(DXRAudioIOContext& record, AudioObjectID deviceID);
 
     bool _followRate(DXRAudioIOContext& record, uint64_t sampleTime, double* sampleRate) const noexcept

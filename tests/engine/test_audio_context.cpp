@@ -5,6 +5,7 @@
 #include "DXRDeviceRunner.h"
 #include "DrivenHardware.h"
 #include "HostClock.h"
+#include "RunnerIO.h"
 
 #include <gtest/gtest.h>
 
@@ -229,6 +230,26 @@ TEST_F(DXRAudioContextTest, losesACycleRatherThanWaitInACircle)
     EXPECT_EQ(calls, 1U) << "that cycle is lost";
     Cycle(128).run();
     EXPECT_EQ(calls, 2U);
+}
+
+// A cycle that waits for the queue does not hold up a stop on that queue, which must not wait for the cycle either.
+TEST_F(DXRAudioContextTest, callsAWaitingCycleAwayWhenItStops)
+{
+    RunnerIO io(runner->queue());
+    const DXRDeviceNodes nodes{{{DXRDeviceNode::nodeWithDevice(device(true), std::nullopt,
+                                                               [this](uint64_t, DXRBuffer&) { ++calls; })}}};
+    EXPECT_TRUE(isPrompt([&] {
+        io.queue->dispatchSync([&] {
+            const auto context = DXRAudioContext::initWithIO(io, nullptr, nodes, {nodes[0][0]}, {});
+            ASSERT_TRUE(context->start());
+            std::thread cycle([callback = backend().callback] { Cycle(64).run(callback); });
+            std::this_thread::sleep_for(100ms); // until it waits
+            context->stop();
+            cycle.join();
+        });
+    }));
+    settle();
+    EXPECT_EQ(calls, 0U);
 }
 
 TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
