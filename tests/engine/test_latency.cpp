@@ -110,7 +110,7 @@ TEST_F(LatencyTest, isWhatARampMeasures)
     }
 }
 
-// A block's host time is that of its own device, whatever a ring holds; the device's own latency is not in it.
+// A block's host time is that of its own device: the delay of the ring is in it, the device's own latency is not.
 TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
 {
     constexpr double rate = 48000;
