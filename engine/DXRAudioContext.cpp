@@ -7,6 +7,7 @@
 #include "GlobalQueue.h"
 #include "HostClock.h"
 #include "LatencyOfPart.h"
+#include "PropertyValue.h"
 #include "QDL.h"
 #include "RunnerIO.h"
 
@@ -31,25 +32,6 @@ constexpr AudioObjectPropertyAddress bufferFrameSize{
     kAudioDevicePropertyBufferFrameSize, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
 constexpr AudioObjectPropertyAddress nominalSampleRate{
     kAudioDevicePropertyNominalSampleRate, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-
-template <class Value>
-bool readProperty(AudioObjectID deviceID, const AudioObjectPropertyAddress& address, Value* value)
-{
-    Value read{};
-    uint32_t size = sizeof read;
-    if (AudioObjectGetPropertyData(deviceID, &address, 0, nullptr, &size, &read) != kAudioHardwareNoError ||
-        size != sizeof read)
-        return false;
-    *value = read;
-    return true;
-}
-
-template <class Value>
-bool writeProperty(AudioObjectID deviceID, const AudioObjectPropertyAddress& address, Value value)
-{
-    return AudioObjectSetPropertyData(deviceID, &address, 0, nullptr, sizeof value, &value) ==
-           kAudioHardwareNoError;
-}
 
 /// " (status 'what')".
 std::string statusText(HALStatus status)
@@ -389,22 +371,26 @@ void DXRAudioContext::_endLater(const CXRef<DXRAudioIOContext>& record, AudioObj
 
 bool DXRAudioContext::_frameCount(uint32_t* frameCount) const
 {
-    return readProperty(_deviceID, bufferFrameSize, frameCount);
+    const auto read = propertyValue<uint32_t>(_deviceID, bufferFrameSize);
+    *frameCount = read.value_or(*frameCount);
+    return read.has_value();
 }
 
 bool DXRAudioContext::_setFrameCount(uint32_t frameCount)
 {
-    return writeProperty(_deviceID, bufferFrameSize, frameCount);
+    return setPropertyValue(_deviceID, bufferFrameSize, frameCount);
 }
 
 bool DXRAudioContext::_sampleRate(double* sampleRate) const
 {
-    return readProperty(_deviceID, nominalSampleRate, sampleRate);
+    const auto read = propertyValue<double>(_deviceID, nominalSampleRate);
+    *sampleRate = read.value_or(*sampleRate);
+    return read.has_value();
 }
 
 bool DXRAudioContext::_setSampleRate(double sampleRate)
 {
-    return writeProperty(_deviceID, nominalSampleRate, sampleRate);
+    return setPropertyValue(_deviceID, nominalSampleRate, sampleRate);
 }
 
 // ---- The cycle

@@ -95,8 +95,8 @@ public:
         for (const auto& [clock, uid] :
              {std::pair{&_scenario.source, sourceUID}, {&_scenario.reader, readerUID}})
             if (clock->wanderPartsPerMillion != 0.0)
-                _hardware->reconfigure(uid, [&](SimulatedDeviceBuilder& device) {
-                    device.drift((ratioAt(*clock, seconds()) - 1.0) * 1e6);
+                _hardware->reconfigure(uid, [ratio = ratioAt(*clock, seconds())](auto& device) {
+                    device.drift((ratio - 1.0) * 1e6);
                 });
         _hardware->advance(static_cast<uint64_t>(step * 1e9));
     }
