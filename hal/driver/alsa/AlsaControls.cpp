@@ -10,22 +10,22 @@
 
 namespace {
 
-constexpr unsigned maxControls = 4096; // of a card; upper limit of what is looked at
-constexpr unsigned maxItems = 64;      // of a choice
-constexpr unsigned maxValues = 128;    // of a control: the kernel's
-constexpr size_t maxNameBytes = 44;    // the kernel's, too
+constexpr unsigned maxItems = 64; // of a choice; upper limit of what is listed
 constexpr uint32_t internalSource = 1;
 constexpr uint32_t firstItemSource = 1;
 
-// Volumes by preference; what is not listed comes last.
-constexpr std::array<std::string_view, 2 * 6> preferredNames{
-    "Capture", "Mic", "Line",    "PCM",       "Digital",  "Input", // of an input
-    "Master",  "PCM", "Speaker", "Headphone", "Line Out", "Digital"};
+using Element = snd_mixer_elem_t*;
+using Channel = snd_mixer_selem_channel_id_t;
 
-bool isOutputJack(const std::string& name)
+size_t placeOf(HALDirection direction)
 {
-    return name.find("Headphone") != std::string::npos || name.find("Line Out") != std::string::npos ||
-           name.find("HDMI") != std::string::npos || name.find("Speaker") != std::string::npos;
+    return static_cast<size_t>(direction);
+}
+
+bool isOutputJack(std::string_view name)
+{
+    return std::ranges::any_of(std::array{"Headphone", "Line Out", "HDMI", "Speaker"},
+                               [&](const char* each) { return name.find(each) != std::string::npos; });
 }
 
 /// "HDMI/DP,pcm=3 Jack" is of PCM 3; -1 without a number.
@@ -46,305 +46,302 @@ std::string labelOfJack(const std::string& name)
 
 } // namespace
 
-struct AlsaControls::Name {
-    unsigned number;
-    snd_ctl_elem_iface_t interface;
-    unsigned pcm;
-    unsigned index;
-    std::string name;
+/// What alsa-lib has twice, and the elements' names by preference; what is not listed comes last.
+struct AlsaControls::Functions {
+    std::array<std::string_view, 6> preferred;
+    int (*hasVolume)(Element);
+    int (*hasSwitch)(Element);
+    int (*isJoined)(Element);
+    int (*hasChannel)(Element, Channel);
+    int (*range)(Element, long*, long*);
+    int (*decibelRange)(Element, long*, long*); // hundredths
+    int (*get)(Element, Channel, long*);
+    int (*set)(Element, Channel, long);
+    int (*toDecibels)(Element, long, long*);
+    int (*fromDecibels)(Element, long, int, long*);
+    int (*getSwitch)(Element, Channel, int*);
+    int (*setSwitches)(Element, int);
 };
 
-// ---- Finding
+const AlsaControls::Functions AlsaControls::functions[2] = {
+    {{"Capture", "Mic", "Line", "PCM", "Digital", "Input"},
+     snd_mixer_selem_has_capture_volume,
+     snd_mixer_selem_has_capture_switch,
+     snd_mixer_selem_has_capture_volume_joined,
+     snd_mixer_selem_has_capture_channel,
+     snd_mixer_selem_get_capture_volume_range,
+     snd_mixer_selem_get_capture_dB_range,
+     snd_mixer_selem_get_capture_volume,
+     snd_mixer_selem_set_capture_volume,
+     snd_mixer_selem_ask_capture_vol_dB,
+     snd_mixer_selem_ask_capture_dB_vol,
+     snd_mixer_selem_get_capture_switch,
+     snd_mixer_selem_set_capture_switch_all},
+    {{"Master", "PCM", "Speaker", "Headphone", "Line Out", "Digital"},
+     snd_mixer_selem_has_playback_volume,
+     snd_mixer_selem_has_playback_switch,
+     snd_mixer_selem_has_playback_volume_joined,
+     snd_mixer_selem_has_playback_channel,
+     snd_mixer_selem_get_playback_volume_range,
+     snd_mixer_selem_get_playback_dB_range,
+     snd_mixer_selem_get_playback_volume,
+     snd_mixer_selem_set_playback_volume,
+     snd_mixer_selem_ask_playback_vol_dB,
+     snd_mixer_selem_ask_playback_dB_vol,
+     snd_mixer_selem_get_playback_switch,
+     snd_mixer_selem_set_playback_switch_all},
+};
 
-void AlsaControls::find(snd_ctl_t* card, const AlsaPcmInfo& pcm)
+namespace {
+
+/// Between the steps of a volume control and amplitudes: by decibels where they are known, else as a slider's position.
+class Scale {
+public:
+    template <class Functions>
+    Scale(const Functions& side, Element element)
+        : _element(element), _toDecibels(side.toDecibels), _fromDecibels(side.fromDecibels)
+    {
+        if (element && side.range(element, &_min, &_max) >= 0 &&
+            side.decibelRange(element, &_minDecibels, &_maxDecibels) < 0)
+            _maxDecibels = _minDecibels;
+    }
+    bool isUsable() const { return _min < _max; }
+
+    float amplitudeOf(long step) const
+    {
+        long decibels = 0;
+        if (step <= _min || step >= _max)
+            return step <= _min ? 0.0F : 1.0F;
+        if (_minDecibels >= _maxDecibels || _toDecibels(_element, step, &decibels) < 0)
+            return static_cast<float>(std::pow(static_cast<double>(step - _min) / _range(), 3.0));
+        const long below = std::clamp(decibels, _minDecibels, _maxDecibels) - _maxDecibels;
+        return static_cast<float>(std::pow(10.0, static_cast<double>(below) / 2000.0));
+    }
+
+    /// The nearest one.
+    long stepOf(float amplitude) const
+    {
+        if (!(amplitude > 0.0F))
+            return _min;
+        const long offset = std::lround(2000.0 * std::log10(static_cast<double>(amplitude)));
+        const long wanted = std::max(_minDecibels, _maxDecibels + offset);
+        long below = 0, above = 0, belowDecibels = 0, aboveDecibels = 0;
+        if (_minDecibels >= _maxDecibels || _fromDecibels(_element, wanted, -1, &below) < 0 ||
+            _fromDecibels(_element, wanted, 1, &above) < 0 ||
+            _toDecibels(_element, below, &belowDecibels) < 0 ||
+            _toDecibels(_element, above, &aboveDecibels) < 0)
+            return _min + std::lround(std::cbrt(static_cast<double>(amplitude)) * _range());
+        const bool isAboveNearer = std::abs(aboveDecibels - wanted) < std::abs(wanted - belowDecibels);
+        return std::clamp(isAboveNearer ? above : below, _min, _max);
+    }
+
+private:
+    double _range() const { return static_cast<double>(_max) - static_cast<double>(_min); }
+
+    Element const _element;
+    int (*const _toDecibels)(Element, long, long*);
+    int (*const _fromDecibels)(Element, long, int, long*);
+    long _min = 0, _max = 0;
+    long _minDecibels = 0, _maxDecibels = 0; // hundredths; equal where they are not known
+};
+
+} // namespace
+
+// ---- Volume and mute
+
+/// The element with what `has` looks for that suits the direction best. A card's elements are its first PCM's.
+Element AlsaControls::_find(const AlsaMixer& mixer, HALDirection direction, int (*has)(Element)) const
 {
-    const AlsaQuiet quiet;
-    _card = card;
-    const std::vector<Name> names = _names();
-    for (const HALDirection direction : halDirections) {
-        const std::string way = direction == HALDirection::Input ? "Capture" : "Playback";
-        Side& side = _side(direction);
-        side = {};
-        if (!pcm.has[static_cast<size_t>(direction)])
+    const auto& preferred = functions[placeOf(direction)].preferred;
+    const bool isInputMute = has == functions[placeOf(HALDirection::Input)].hasSwitch;
+    Element best = nullptr;
+    auto bestPlace = preferred.end();
+    Element each = _pcm.isFirst[placeOf(direction)] ? snd_mixer_first_elem(mixer.elements) : nullptr;
+    for (; each; each = snd_mixer_elem_next(each)) {
+        const std::string_view name = snd_mixer_selem_get_name(each);
+        const auto place = std::ranges::find(preferred, name);
+        const bool isCommon =
+            snd_mixer_selem_has_common_volume(each) || snd_mixer_selem_has_common_switch(each);
+        // An element of both directions belongs to the one that its name is usual for; a microphone's, among the
+        // outputs, is what plays it through; one of a group of switches chooses an input.
+        const bool isOther = (isCommon && place == preferred.end()) ||
+                             (direction == HALDirection::Output && name.starts_with("Mic")) ||
+                             (isInputMute && snd_mixer_selem_has_capture_switch_exclusive(each));
+        if (snd_mixer_selem_get_index(each) != 0 || !has(each) || isOther)
             continue;
-        side.volume = _pick(names, pcm, direction, way + " Volume", SND_CTL_ELEM_TYPE_INTEGER);
-        side.mute = _pick(names, pcm, direction, way + " Switch", SND_CTL_ELEM_TYPE_BOOLEAN);
-    }
-    if (pcm.has[0]) {
-        Side& input = _side(HALDirection::Input);
-        input.choice = _pick(names, pcm, HALDirection::Input, "Capture Source", SND_CTL_ELEM_TYPE_ENUMERATED);
-        if (!input.choice)
-            input.choice =
-                _pick(names, pcm, HALDirection::Input, "Input Source", SND_CTL_ELEM_TYPE_ENUMERATED);
-    }
-    _findJacks(names, pcm);
-}
-
-std::vector<AlsaControls::Name> AlsaControls::_names() const
-{
-    std::vector<Name> names;
-    snd_ctl_elem_list_t* list = nullptr;
-    snd_ctl_elem_list_alloca(&list);
-    if (snd_ctl_elem_list(_card, list) < 0)
-        return names;
-    const unsigned count = std::min(snd_ctl_elem_list_get_count(list), maxControls);
-    if (count == 0 || snd_ctl_elem_list_alloc_space(list, count) < 0)
-        return names;
-    if (snd_ctl_elem_list(_card, list) == 0) {
-        const unsigned used = std::min(snd_ctl_elem_list_get_used(list), count);
-        for (unsigned i = 0; i < used; ++i) {
-            const char* const name = snd_ctl_elem_list_get_name(list, i);
-            names.push_back({snd_ctl_elem_list_get_numid(list, i), snd_ctl_elem_list_get_interface(list, i),
-                             snd_ctl_elem_list_get_device(list, i), snd_ctl_elem_list_get_index(list, i),
-                             std::string(name, strnlen(name, maxNameBytes))});
+        if (!best || place < bestPlace) {
+            best = each;
+            bestPlace = place;
         }
     }
-    snd_ctl_elem_list_free_space(list);
-    return names;
+    return best;
 }
 
-/// The control whose name ends in `ending` that suits the PCM best.
-AlsaControls::Element AlsaControls::_pick(const std::vector<Name>& names, const AlsaPcmInfo& pcm,
-                                          HALDirection direction, const std::string& ending,
-                                          snd_ctl_elem_type_t type) const
+/// Reads the steps of each channel, or the one for all. Null when there is no volume.
+Element AlsaControls::_readVolume(const AlsaMixer& mixer, HALDirection direction)
 {
-    const bool isInput = direction == HALDirection::Input;
-    const auto first = preferredNames.begin() + (isInput ? 0 : 6);
-    const auto rank = [&](const Name& each) {
-        const std::string_view what = std::string_view(each.name).substr(0, each.name.size() - ending.size());
-        const auto preferred = std::find_if(first, first + 6, [&](std::string_view name) {
-            return what.empty() ? name == "Capture" : what.substr(0, what.size() - 1) == name;
-        });
-        return preferred - first;
-    };
-    const Name* best = nullptr;
-    for (const Name& each : names) {
-        const bool isOurs = each.pcm == pcm.number && (each.pcm != 0 || pcm.isFirst[isInput ? 0 : 1]);
-        const bool isCards = each.pcm == 0 && pcm.isFirst[isInput ? 0 : 1];
-        // What a microphone plays through to the output is no volume of it.
-        const bool isMonitor = !isInput && each.name.starts_with("Mic");
-        if (each.interface != SND_CTL_ELEM_IFACE_MIXER || each.index != 0 || each.number == 0 || isMonitor ||
-            !(isOurs || isCards) || !each.name.ends_with(ending))
+    const Functions& side = functions[placeOf(direction)];
+    Volume& volume = _volumes[placeOf(direction)];
+    Element const element = _find(mixer, direction, side.hasVolume);
+    const Scale scale(side, element);
+    if (!scale.isUsable())
+        return nullptr;
+    const unsigned count = side.isJoined(element) ? 1 : SND_MIXER_SCHN_LAST + 1;
+    std::vector<float> amplitudes = volume.amplitudes.amplitudes();
+    unsigned channel = 0;
+    for (; channel < count && side.hasChannel(element, static_cast<Channel>(channel)); ++channel) {
+        long step = 0;
+        side.get(element, static_cast<Channel>(channel), &step);
+        amplitudes.resize(std::max<size_t>(amplitudes.size(), channel + 1));
+        if (channel >= volume.steps.size())
+            volume.steps.push_back(step);
+        else if (volume.steps[channel] == step)
             continue;
-        if (!best || rank(each) < rank(*best))
-            best = &each;
+        volume.steps[channel] = step;
+        amplitudes[channel] = scale.amplitudeOf(step);
     }
-    return best ? _describe(*best, type) : Element();
+    amplitudes.resize(channel);
+    volume.steps.resize(channel);
+    volume.amplitudes.setAmplitudes(amplitudes);
+    return channel > 0 ? element : nullptr;
 }
 
-/// Nothing when the control is of another type, or describes itself as it cannot be.
-AlsaControls::Element AlsaControls::_describe(const Name& name, snd_ctl_elem_type_t type) const
-{
-    snd_ctl_elem_info_t* info = nullptr;
-    snd_ctl_elem_info_alloca(&info);
-    snd_ctl_elem_id_t* id = nullptr;
-    snd_ctl_elem_id_alloca(&id);
-    snd_ctl_elem_info_set_numid(info, name.number);
-    if (snd_ctl_elem_info(_card, info) < 0 || snd_ctl_elem_info_get_type(info) != type ||
-        snd_ctl_elem_info_is_readable(info) == 0)
-        return {};
-    Element element{.number = name.number, .name = name.name};
-    element.count = std::min(snd_ctl_elem_info_get_count(info), maxValues);
-    element.max = 1;
-    if (type == SND_CTL_ELEM_TYPE_INTEGER) {
-        element.min = snd_ctl_elem_info_get_min(info);
-        element.max = snd_ctl_elem_info_get_max(info);
-        snd_ctl_elem_id_set_numid(id, name.number);
-        if (snd_ctl_get_dB_range(_card, id, &element.minDecibels, &element.maxDecibels) < 0 ||
-            element.minDecibels >= element.maxDecibels)
-            element.minDecibels = element.maxDecibels = 0;
-    } else if (type == SND_CTL_ELEM_TYPE_ENUMERATED) {
-        const unsigned items = std::min(snd_ctl_elem_info_get_items(info), maxItems);
-        for (unsigned item = 0; item < items; ++item) {
-            snd_ctl_elem_info_set_item(info, item);
-            if (snd_ctl_elem_info(_card, info) < 0)
-                break;
-            const char* const text = snd_ctl_elem_info_get_item_name(info);
-            element.items.push_back(platform::utf8Replaced(std::string_view(text, strnlen(text, 64))));
-        }
-        element.max = static_cast<long>(element.items.size()) - 1;
-    }
-    return element.count > 0 && element.min < element.max ? element : Element();
-}
-
-void AlsaControls::_findJacks(const std::vector<Name>& names, const AlsaPcmInfo& pcm)
-{
-    for (const Name& each : names) {
-        if (each.interface != SND_CTL_ELEM_IFACE_CARD || !each.name.ends_with(" Jack") ||
-            each.name.ends_with("Phantom Jack"))
-            continue;
-        const bool isOutput = isOutputJack(each.name);
-        const int number = pcmOfJack(each.name);
-        if (number >= 0 ? static_cast<unsigned>(number) != pcm.number : !pcm.isFirst[isOutput ? 1 : 0])
-            continue;
-        if (const Element jack = _describe(each, SND_CTL_ELEM_TYPE_BOOLEAN))
-            _side(isOutput ? HALDirection::Output : HALDirection::Input).jacks.push_back(jack);
-    }
-}
-
-// ---- Values
-
-bool AlsaControls::_values(const Element& element, std::vector<long>& values) const
-{
-    snd_ctl_elem_value_t* value = nullptr;
-    snd_ctl_elem_value_alloca(&value);
-    snd_ctl_elem_value_set_numid(value, element.number);
-    if (!element || snd_ctl_elem_read(_card, value) < 0)
-        return false;
-    values.clear();
-    for (unsigned i = 0; i < element.count; ++i) {
-        const long raw = element.items.empty()
-                             ? snd_ctl_elem_value_get_integer(value, i)
-                             : static_cast<long>(snd_ctl_elem_value_get_enumerated(value, i));
-        values.push_back(std::clamp(raw, element.min, element.max));
-    }
-    return true;
-}
-
-int AlsaControls::_write(const Element& element, const std::vector<long>& values) const
-{
-    snd_ctl_elem_value_t* value = nullptr;
-    snd_ctl_elem_value_alloca(&value);
-    snd_ctl_elem_value_set_numid(value, element.number);
-    for (unsigned i = 0; i < values.size(); ++i) {
-        if (element.items.empty())
-            snd_ctl_elem_value_set_integer(value, i, values[i]);
-        else
-            snd_ctl_elem_value_set_enumerated(value, i, static_cast<unsigned>(values[i]));
-    }
-    return std::min(0, snd_ctl_elem_write(_card, value));
-}
-
-float AlsaControls::_scalar(const Side& side, unsigned channel, long raw) const
-{
-    const Element& volume = side.volume;
-    if (const auto written = side.written.find(channel);
-        written != side.written.end() && written->second.raw == raw)
-        return written->second.scalar;
-    if (raw <= volume.min)
-        return 0.0F;
-    if (raw >= volume.max)
-        return 1.0F;
-    snd_ctl_elem_id_t* id = nullptr;
-    snd_ctl_elem_id_alloca(&id);
-    snd_ctl_elem_id_set_numid(id, volume.number);
-    long decibels = 0;
-    if (volume.minDecibels == volume.maxDecibels || snd_ctl_convert_to_dB(_card, id, raw, &decibels) < 0)
-        return static_cast<float>((static_cast<double>(raw) - static_cast<double>(volume.min)) /
-                                  (static_cast<double>(volume.max) - static_cast<double>(volume.min)));
-    const auto below =
-        static_cast<float>(std::clamp(decibels, volume.minDecibels, volume.maxDecibels) - volume.maxDecibels);
-    return std::min(1.0F, halScalarFromDecibels(below / 100.0F));
-}
-
-long AlsaControls::_raw(const Element& volume, float scalar) const
-{
-    if (!(scalar > 0.0F))
-        return volume.min;
-    snd_ctl_elem_id_t* id = nullptr;
-    snd_ctl_elem_id_alloca(&id);
-    snd_ctl_elem_id_set_numid(id, volume.number);
-    const double decibels = static_cast<double>(halDecibelsFromScalar(scalar)) * 100.0;
-    const long wanted = std::max(volume.minDecibels, volume.maxDecibels + std::lround(decibels));
-    long below = 0, above = 0, belowDecibels = 0, aboveDecibels = 0;
-    if (volume.minDecibels == volume.maxDecibels ||
-        snd_ctl_convert_from_dB(_card, id, wanted, &below, -1) < 0 ||
-        snd_ctl_convert_from_dB(_card, id, wanted, &above, 1) < 0 ||
-        snd_ctl_convert_to_dB(_card, id, below, &belowDecibels) < 0 ||
-        snd_ctl_convert_to_dB(_card, id, above, &aboveDecibels) < 0) {
-        const double range = static_cast<double>(volume.max) - static_cast<double>(volume.min);
-        above = below = volume.min + std::lround(static_cast<double>(scalar) * range);
-    }
-    const bool isAboveNearer = std::abs(aboveDecibels - wanted) < std::abs(wanted - belowDecibels);
-    return std::clamp(isAboveNearer ? above : below, volume.min, volume.max);
-}
-
-void AlsaControls::read(HALDirection direction, uint32_t channelCount, HALDirectionState& state)
+void AlsaControls::read(const AlsaMixer& mixer, HALDirection direction, uint32_t channelCount,
+                        HALDirectionState& state)
 {
     const AlsaQuiet quiet;
-    const Side& side = _side(direction);
     state.mainVolume.reset();
     state.channelVolumes.clear();
     state.muted.reset();
-    std::vector<long> values;
-    if (_values(side.volume, values)) {
-        float loudest = 0.0F;
-        for (unsigned i = 0; i < values.size(); ++i) {
-            const float scalar = _scalar(side, i, values[i]);
-            loudest = std::max(loudest, scalar);
-            if (values.size() == channelCount && channelCount > 1)
-                state.channelVolumes.emplace_back(scalar);
-        }
-        state.mainVolume = loudest;
+    if (_readVolume(mixer, direction)) {
+        const Volume& volume = _volumes[placeOf(direction)];
+        state.mainVolume = volume.amplitudes.mainScalar();
+        if (volume.steps.size() == channelCount && channelCount > 1)
+            state.channelVolumes = volume.amplitudes.channelScalars();
     }
-    if (_values(side.mute, values))
-        state.muted = std::ranges::all_of(values, [](long isOn) { return isOn == 0; });
-    _readSources(side, direction, state);
+    const Functions& side = functions[placeOf(direction)];
+    if (Element const mute = _find(mixer, direction, side.hasSwitch)) {
+        state.muted = true;
+        for (unsigned channel = 0; side.hasChannel(mute, static_cast<Channel>(channel)); ++channel)
+            if (int isOn = 0; side.getSwitch(mute, static_cast<Channel>(channel), &isOn) >= 0 && isOn)
+                state.muted = false;
+    }
+    state.dataSources.clear();
+    state.dataSourceID.reset();
+    if (snd_hctl_elem_t* const choice = _choice(mixer, direction))
+        _readChoice(choice, state);
+    else
+        _readJacks(mixer, direction, state);
 }
 
-int AlsaControls::setVolume(HALDirection direction, uint32_t element, float scalar)
+int AlsaControls::setVolume(const AlsaMixer& mixer, HALDirection direction, uint32_t element, float scalar)
 {
     const AlsaQuiet quiet;
-    Side& side = _side(direction);
-    std::vector<long> values;
-    if (!_values(side.volume, values) || element > values.size())
+    const Functions& side = functions[placeOf(direction)];
+    Volume& volume = _volumes[placeOf(direction)];
+    Element const control = _readVolume(mixer, direction);
+    if (!control || element > volume.steps.size())
         return -ENOENT;
-    std::vector<float> scalars;
-    for (unsigned i = 0; i < values.size(); ++i)
-        scalars.push_back(_scalar(side, i, values[i]));
-    const float loudest = *std::ranges::max_element(scalars);
-    for (unsigned i = 0; i < values.size(); ++i) {
-        if (element != 0 && element != i + 1)
+    const std::vector<float> wanted = volume.amplitudes.amplitudesAfter(element, scalar);
+    const Scale scale(side, control);
+    int error = 0;
+    for (unsigned channel = 0; channel < wanted.size() && error >= 0; ++channel) {
+        if (element != 0 && element != channel + 1)
             continue;
-        const float balance = element == 0 && loudest > 0.0F ? scalars[i] / loudest : 1.0F;
-        const float wanted = scalar * balance;
-        values[i] = _raw(side.volume, wanted);
-        side.written[i] = {wanted, values[i]};
+        volume.steps[channel] = scale.stepOf(wanted[channel]);
+        error = side.set(control, static_cast<Channel>(channel), volume.steps[channel]);
     }
-    return _write(side.volume, values);
+    volume.amplitudes.setAmplitudes(wanted);
+    return std::min(error, 0);
 }
 
-int AlsaControls::setMuted(HALDirection direction, bool muted)
+int AlsaControls::setMuted(const AlsaMixer& mixer, HALDirection direction, bool muted) const
 {
     const AlsaQuiet quiet;
-    const Side& side = _side(direction);
-    return side.mute ? _write(side.mute, std::vector<long>(side.mute.count, muted ? 0 : 1)) : -ENOENT;
+    const Functions& side = functions[placeOf(direction)];
+    Element const mute = _find(mixer, direction, side.hasSwitch);
+    return mute ? std::min(side.setSwitches(mute, muted ? 0 : 1), 0) : -ENOENT;
 }
 
 // ---- Data sources
 
-void AlsaControls::_readSources(const Side& side, HALDirection direction, HALDirectionState& state) const
+/// The control that chooses what the card records; null when there is none.
+snd_hctl_elem_t* AlsaControls::_choice(const AlsaMixer& mixer, HALDirection direction) const
 {
-    state.dataSources.clear();
-    state.dataSourceID.reset();
-    std::vector<long> values;
-    if (_values(side.choice, values)) {
-        for (uint32_t item = 0; item < side.choice.items.size(); ++item)
-            state.dataSources.push_back({firstItemSource + item, side.choice.items[item]});
-        state.dataSourceID = firstItemSource + static_cast<uint32_t>(values[0]);
-        return;
+    if (direction != HALDirection::Input || !_pcm.isFirst[0])
+        return nullptr;
+    snd_ctl_elem_info_t* info = nullptr;
+    snd_ctl_elem_info_alloca(&info);
+    for (auto* each = snd_hctl_first_elem(mixer.all); each; each = snd_hctl_elem_next(each)) {
+        const std::string_view name = snd_hctl_elem_get_name(each);
+        if ((name.ends_with("Capture Source") || name.ends_with("Input Source")) &&
+            snd_hctl_elem_get_index(each) == 0 && snd_hctl_elem_info(each, info) >= 0 &&
+            snd_ctl_elem_info_get_type(info) == SND_CTL_ELEM_TYPE_ENUMERATED)
+            return each;
     }
-    if (side.jacks.empty())
-        return;
-    state.dataSources.push_back(
-        {internalSource, direction == HALDirection::Input ? "Internal Microphone" : "Internal Speaker"});
-    state.dataSourceID = internalSource;
-    for (const Element& jack : side.jacks) {
+    return nullptr;
+}
+
+void AlsaControls::_readChoice(snd_hctl_elem_t* choice, HALDirectionState& state) const
+{
+    snd_ctl_elem_info_t* info = nullptr;
+    snd_ctl_elem_info_alloca(&info);
+    snd_ctl_elem_value_t* value = nullptr;
+    snd_ctl_elem_value_alloca(&value);
+    for (unsigned item = 0, count = 1; item < count; ++item) {
+        snd_ctl_elem_info_set_item(info, item);
+        if (snd_hctl_elem_info(choice, info) < 0)
+            break;
+        count = std::min(snd_ctl_elem_info_get_items(info), maxItems);
+        state.dataSources.push_back(
+            {firstItemSource + item, platform::utf8Replaced(snd_ctl_elem_info_get_item_name(info))});
+    }
+    if (snd_hctl_elem_read(choice, value) >= 0 &&
+        snd_ctl_elem_value_get_enumerated(value, 0) < state.dataSources.size())
+        state.dataSourceID = firstItemSource + snd_ctl_elem_value_get_enumerated(value, 0);
+}
+
+void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirection direction, HALDirectionState& state) const
+{
+    const bool isOutput = direction == HALDirection::Output;
+    snd_ctl_elem_value_t* value = nullptr;
+    snd_ctl_elem_value_alloca(&value);
+    for (auto* each = snd_hctl_first_elem(mixer.all); each; each = snd_hctl_elem_next(each)) {
+        const std::string name = snd_hctl_elem_get_name(each);
+        const int number = pcmOfJack(name);
+        const bool isOurs =
+            number >= 0 ? static_cast<unsigned>(number) == _pcm.number : _pcm.isFirst[placeOf(direction)];
+        if (snd_hctl_elem_get_interface(each) != SND_CTL_ELEM_IFACE_CARD || !name.ends_with(" Jack") ||
+            name.ends_with("Phantom Jack") || isOutputJack(name) != isOutput || !isOurs ||
+            snd_hctl_elem_read(each, value) < 0)
+            continue;
+        if (state.dataSources.empty()) {
+            state.dataSources.push_back(
+                {internalSource, isOutput ? "Internal Speaker" : "Internal Microphone"});
+            state.dataSourceID = internalSource;
+        }
         // Kept as long as the card is there: numbers of controls are from 1, so none is the internal one's.
-        const uint32_t sourceID = internalSource + jack.number;
-        state.dataSources.push_back({sourceID, labelOfJack(jack.name)});
-        if (state.dataSourceID == internalSource && _values(jack, values) && values[0] != 0)
+        const uint32_t sourceID = internalSource + snd_hctl_elem_get_numid(each);
+        state.dataSources.push_back({sourceID, labelOfJack(name)});
+        if (state.dataSourceID == internalSource && snd_ctl_elem_value_get_boolean(value, 0))
             state.dataSourceID = sourceID;
     }
 }
 
 /// Jacks choose by themselves.
-int AlsaControls::setDataSource(HALDirection direction, uint32_t sourceID)
+int AlsaControls::setDataSource(const AlsaMixer& mixer, HALDirection direction, uint32_t sourceID) const
 {
     const AlsaQuiet quiet;
-    const Side& side = _side(direction);
-    const uint32_t item = sourceID - firstItemSource;
-    if (!side.choice || item >= side.choice.items.size())
+    snd_hctl_elem_t* const choice = _choice(mixer, direction);
+    if (!choice)
         return -ENOENT;
-    return _write(side.choice, std::vector<long>(side.choice.count, static_cast<long>(item)));
+    snd_ctl_elem_info_t* info = nullptr;
+    snd_ctl_elem_info_alloca(&info);
+    snd_ctl_elem_value_t* value = nullptr;
+    snd_ctl_elem_value_alloca(&value);
+    if (const int error = snd_hctl_elem_info(choice, info); error < 0)
+        return error;
+    for (unsigned i = 0; i < std::min(snd_ctl_elem_info_get_count(info), 128U); ++i)
+        snd_ctl_elem_value_set_enumerated(value, i, sourceID - firstItemSource);
+    return std::min(snd_hctl_elem_write(choice, value), 0);
 }

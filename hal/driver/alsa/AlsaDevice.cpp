@@ -27,75 +27,76 @@ CXRef<AlsaDevice> AlsaDevice::init(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm,
 
 AlsaDevice::AlsaDevice(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t periodCount,
                        std::function<void()> wake)
-    : _card(card), _pcm(std::move(pcm)), _periodCount(periodCount), _wake(std::move(wake))
+    : _card(card), _pcm(pcm), _periodCount(periodCount),
+      _wake(std::move(wake)), _isProbed{!pcm.has[0], !pcm.has[1]}, _controls(std::move(pcm))
 {}
 
 // ---- What it is
 
 bool AlsaDevice::_probe()
 {
-    bool isUnknown = false;
+    bool isKnown = true;
     for (const HALDirection direction : halDirections) {
         const auto place = static_cast<size_t>(direction);
-        if (!_pcm.has[place] || _isProbed[place])
+        if (_isProbed[place])
             continue;
         int error = 0;
         auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
         // Asked once more after the next use; otherwise never, for to ask is a use.
         _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES;
-        if (!_isProbed[place] && !_abilities[place])
-            can = _card->abilitiesInUse(_pcm.number, direction);
-        if (_isProbed[place] || can)
-            _abilities[place] = std::move(can);
-        isUnknown = isUnknown || (!_isProbed[place] && !_abilities[place]);
+        if (!_isProbed[place])
+            can = _abilities[place] ? _abilities[place] : _card->abilitiesInUse(_pcm.number, direction);
+        _abilities[place] = std::move(can);
+        isKnown = isKnown && (_isProbed[place] || _abilities[place]);
     }
-    return !isUnknown && (_abilities[0] || _abilities[1]);
+    return isKnown && (_abilities[0] || _abilities[1]);
 }
 
-bool AlsaDevice::add(HALDriverSink& sink, const AlsaIdentity& identity, bool isOnly)
+bool AlsaDevice::update(HALDriverSink& sink)
 {
-    if (!_probe())
+    const auto identity = _card->identity();
+    if (!identity || !_probe())
         return false;
-    _card->withControls([this](snd_ctl_t* card) { _controls.find(card, _pcm); });
-    HALDeviceState state = _describe(identity, isOnly);
-    if (state.sampleRates.empty())
+    HALDeviceState described = _describe(*identity);
+    if (described.sampleRates.empty())
         return false; // its directions have no rate in common
-    _readControls(state);
+    described.isRunningElsewhere = _isUsedElsewhere(_isRunning());
+    _change([&](HALDeviceState& state) {
+        state.name = described.name;
+        for (const HALDirection direction : halDirections)
+            state[direction].streams = described[direction].streams;
+        state.sampleRates = described.sampleRates;
+        state.bufferFrameSizeRange = described.bufferFrameSizeRange;
+        state.isRunningElsewhere = described.isRunningElsewhere;
+    });
     const std::scoped_lock lock(_stateMutex);
-    _state = state;
+    if (!_sink)
+        _add(sink, *identity, described);
+    return _sink != nullptr;
+}
+
+/// _stateMutex is held.
+void AlsaDevice::_add(HALDriverSink& sink, const AlsaIdentity& identity, HALDeviceState state)
+{
+    _readControls(state);
+    _state = std::move(state);
     AudioObjectID deviceID = sink.deviceAdded(CXRef<AlsaDevice>(this), _state);
     if (deviceID == kAudioObjectUnknown) { // another unit with the same serial number
         _state.uid += "@" + identity.place;
         deviceID = sink.deviceAdded(CXRef<AlsaDevice>(this), _state);
     }
     _sink = deviceID == kAudioObjectUnknown ? nullptr : &sink;
-    return _sink != nullptr;
 }
 
-/// What was known by its use alone is known for good when it is free.
-void AlsaDevice::learn(const AlsaIdentity& identity, bool isOnly)
-{
-    const auto isKnown = [this](size_t place) { return _isProbed[place] || !_pcm.has[place]; };
-    if ((isKnown(0) && isKnown(1)) || !_probe())
-        return;
-    const HALDeviceState described = _describe(identity, isOnly);
-    _change([&](HALDeviceState& state) {
-        for (const HALDirection direction : halDirections)
-            state[direction].streams = described[direction].streams;
-        state.sampleRates = described.sampleRates;
-        state.bufferFrameSizeRange = described.bufferFrameSizeRange;
-    });
-}
-
-HALDeviceState AlsaDevice::_describe(const AlsaIdentity& identity, bool isOnly) const
+HALDeviceState AlsaDevice::_describe(const AlsaIdentity& identity) const
 {
     HALDeviceState state;
     state.uid = "alsa:" + identity.key + ":" + std::to_string(_pcm.number);
-    state.name = alsaDeviceName(identity, _pcm, isOnly);
+    state.name = alsaDeviceName(identity, _pcm);
     state.manufacturer = identity.manufacturer;
     state.modelUID = identity.modelUID;
     state.transportType = alsaTransportType(identity, _pcm);
-    state.clockDomain = static_cast<uint32_t>(_card->number()) + 1;
+    state.clockDomain = static_cast<uint32_t>(_card->number) + 1;
     std::vector<uint32_t> rates;
     uint32_t minFrames = 0;
     uint32_t maxFrames = UINT32_MAX;
@@ -124,28 +125,22 @@ HALDeviceState AlsaDevice::_describe(const AlsaIdentity& identity, bool isOnly) 
 
 void AlsaDevice::_readControls(HALDeviceState& state)
 {
-    _card->withControls([&](snd_ctl_t*) {
+    _card->withControls([&](const AlsaMixer& mixer) {
         for (const HALDirection direction : halDirections)
-            if (_abilities[static_cast<size_t>(direction)])
-                _controls.read(direction, state[direction].channelCount(), state[direction]);
+            if (const uint32_t channels = state[direction].channelCount())
+                _controls.read(mixer, direction, channels, state[direction]);
     });
 }
 
-void AlsaDevice::_readUse(HALDeviceState& state, bool isOurs)
+bool AlsaDevice::_isUsedElsewhere(bool isOurs)
 {
-    state.isRunningElsewhere = std::ranges::any_of(halDirections, [&](HALDirection direction) {
+    return std::ranges::any_of(halDirections, [&](HALDirection direction) {
         const bool has = _abilities[static_cast<size_t>(direction)].has_value();
         return has && _card->isUsedElsewhere(_pcm.number, direction, isOurs);
     });
 }
 
 // ---- Reports
-
-bool AlsaDevice::isAdded() const
-{
-    const std::scoped_lock lock(_stateMutex);
-    return _sink != nullptr;
-}
 
 HALDeviceState AlsaDevice::state() const
 {
@@ -163,34 +158,35 @@ void AlsaDevice::_change(const std::function<void(HALDeviceState&)>& change)
         _sink->deviceChanged(*this, _state);
 }
 
-void AlsaDevice::setIdentity(const AlsaIdentity& identity, bool isOnly)
+void AlsaDevice::refreshControls()
 {
-    _change([&](HALDeviceState& state) { state.name = alsaDeviceName(identity, _pcm, isOnly); });
+    _change([this](HALDeviceState& state) { _readControls(state); });
 }
 
-void AlsaDevice::refresh(Part part)
+void AlsaDevice::refreshRun()
 {
-    if (part == Part::Controls)
-        _card->withControls([this](snd_ctl_t* card) { _controls.find(card, _pcm); });
-    bool isRunning = false;
+    if (!_hasRunChanged.exchange(false, std::memory_order_relaxed))
+        return;
     bool isStalled = false;
     double ratio = 1.0;
     {
         const std::scoped_lock lock(_ioMutex);
-        isRunning = _run != nullptr;
         isStalled = _run && _run->isStalled();
         ratio = _run ? _run->rateRatio() : 1.0;
     }
+    const bool isUsedElsewhere = _isUsedElsewhere(_isRunning());
     _change([&](HALDeviceState& state) {
-        if (part == Part::Run) {
-            state.isStalled = isStalled;
-            state.actualSampleRate = isRunning && ratio != 1.0 ? ratio * state.nominalSampleRate : 0.0;
-        }
-        if (part == Part::Run || part == Part::Use)
-            _readUse(state, isRunning && !isStalled);
-        else
-            _readControls(state);
+        state.isStalled = isStalled;
+        state.actualSampleRate = ratio != 1.0 ? ratio * state.nominalSampleRate : 0.0;
+        state.isRunningElsewhere = isUsedElsewhere;
     });
+}
+
+/// Whether this process has it open.
+bool AlsaDevice::_isRunning() const
+{
+    const std::scoped_lock lock(_ioMutex);
+    return _run && !_run->isStalled();
 }
 
 void AlsaDevice::remove()
@@ -226,31 +222,34 @@ HALStatus AlsaDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadline de
                 _table = nullptr;
         }
     }
-    _hasNews = true;
-    _wake();
+    _runChanged();
     return status;
+}
+
+/// On the IO thread, too.
+void AlsaDevice::_runChanged()
+{
+    _hasRunChanged.store(true, std::memory_order_relaxed); // read after the wake-up
+    _wake();
 }
 
 /// Starts the run that the state describes. _ioMutex is held.
 HALStatus AlsaDevice::_start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused)
 {
     const HALDeviceState now = state();
-    AlsaRunSetup setup{
-        .pcmName = _card->pcmName(_pcm.number), .deviceName = now.name, .input = {}, .output = {}};
-    setup.rate = static_cast<uint32_t>(std::lround(now.nominalSampleRate));
-    setup.frameCount = now.bufferFrameSize;
-    for (const HALDirection direction : halDirections)
-        if (const uint32_t channels = now[direction].channelCount())
-            (direction == HALDirection::Input ? setup.input : setup.output) =
-                AlsaSetup{channels, setup.rate, setup.frameCount, _periodCount};
-    _run = std::make_unique<AlsaRun>(setup, _card, _table, _timeline, [this] {
-        _hasNews.store(true, std::memory_order_relaxed);
-        _wake();
-    });
+    const AlsaRunSetup setup{
+        .pcmName = _card->pcmName(_pcm.number),
+        .deviceName = now.name,
+        .channels = {now.directions[0].channelCount(), now.directions[1].channelCount()},
+        .rate = static_cast<uint32_t>(std::lround(now.nominalSampleRate)),
+        .frameCount = now.bufferFrameSize,
+        .periodCount = _periodCount,
+    };
+    _run = std::make_unique<AlsaRun>(setup, _card, _table, _timeline, [this] { _runChanged(); });
     const HALStatus status = _run->start(deadline, whenRefused);
     if (status && whenRefused == AlsaRun::WhenRefused::End)
         _run.reset();
-    return status && !_card->info() ? kAudioHardwareBadDeviceError : status;
+    return status && !_card->identity() ? kAudioHardwareBadDeviceError : status;
 }
 
 void AlsaDevice::stopIO()
@@ -260,8 +259,7 @@ void AlsaDevice::stopIO()
         _run.reset();
         _table = nullptr;
     }
-    _hasNews = true;
-    _wake();
+    _runChanged();
 }
 
 HALStatus AlsaDevice::setNominalSampleRate(double rate, HALDeadline deadline)
@@ -306,25 +304,26 @@ HALStatus AlsaDevice::_retime(double rate, uint32_t frameCount, HALDeadline dead
 
 // ---- Controls
 
-HALStatus AlsaDevice::_control(const std::function<int(AlsaControls&)>& write)
+HALStatus AlsaDevice::_control(const std::function<int(const AlsaMixer&)>& write)
 {
-    const int error = _card->withControls([&](snd_ctl_t*) { return write(_controls); });
-    refresh(Part::Values);
+    const int error = _card->withControls(write);
+    refreshControls();
     return statusOf(error);
 }
 
 HALStatus AlsaDevice::setVolume(HALDirection direction, uint32_t element, float scalar,
                                 HALDeadline /*deadline*/)
 {
-    return _control([=](AlsaControls& controls) { return controls.setVolume(direction, element, scalar); });
+    return _control(
+        [=, this](auto& mixer) { return _controls.setVolume(mixer, direction, element, scalar); });
 }
 
 HALStatus AlsaDevice::setMuted(HALDirection direction, bool muted, HALDeadline /*deadline*/)
 {
-    return _control([=](AlsaControls& controls) { return controls.setMuted(direction, muted); });
+    return _control([=, this](auto& mixer) { return _controls.setMuted(mixer, direction, muted); });
 }
 
 HALStatus AlsaDevice::setDataSource(HALDirection direction, uint32_t sourceID, HALDeadline /*deadline*/)
 {
-    return _control([=](AlsaControls& controls) { return controls.setDataSource(direction, sourceID); });
+    return _control([=, this](auto& mixer) { return _controls.setDataSource(mixer, direction, sourceID); });
 }

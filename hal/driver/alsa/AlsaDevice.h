@@ -7,34 +7,27 @@
 #include <atomic>
 
 /// One PCM of a card with its two directions: a device.
-/// Threads: as HALDeviceDriver; add(), refresh() and remove() on the watching thread.
+/// Threads: as HALDeviceDriver; update(), refresh…() and remove() on the watching thread.
 class AlsaDevice final : public HALDeviceDriver {
 public:
-    /// `wake` makes the watching thread call refresh() soon; it may be called on the IO thread.
+    /// `wake` makes the watching thread call refreshRun() soon; it may be called on the IO thread.
     static CXRef<AlsaDevice> init(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t periodCount,
                                   std::function<void()> wake);
 
-    /// What is read again.
-    enum class Part { Run, Use, Values, Controls };
-    /// Adds the device to `sink`, as `identity` says, once it could be asked what it can do, or shows what it does for
-    /// another program. False while neither is known.
-    bool add(HALDriverSink& sink, const AlsaIdentity& identity, bool isOnly);
-    /// Asks a device that was in use when it was added, if it is free now.
-    void learn(const AlsaIdentity& identity, bool isOnly);
-    /// Reports what has changed.
-    void refresh(Part part);
-    void setIdentity(const AlsaIdentity& identity, bool isOnly);
-    /// Whether the run has something to report.
-    bool takeNews() noexcept { return _hasNews.exchange(false, std::memory_order_relaxed); }
+    /// Adds the device to `sink` once it could be asked what it can do, or shows what it does for another program; asks
+    /// again one that was in use then, and reports its name and who uses it. False while the device is not added.
+    bool update(HALDriverSink& sink);
+    /// Reports what has changed: of its controls, or of its run if that has something to report.
+    void refreshControls();
+    void refreshRun();
     /// Ends IO and removes the device from the sink.
     void remove();
     /// Ends IO; nothing is reported from now on.
     void detach();
 
-    bool isAdded() const;
     HALDeviceState state() const;
     const AlsaPcmInfo& pcm() const noexcept { return _pcm; }
-    int cardNumber() const noexcept { return _card->number(); }
+    int cardNumber() const noexcept { return _card->number; }
 
     HALStatus setNominalSampleRate(double rate, HALDeadline deadline) override;
     HALStatus setBufferFrameSize(uint32_t frameCount, HALDeadline deadline) override;
@@ -51,13 +44,16 @@ private:
     ~AlsaDevice() override = default;
 
     bool _probe();
-    HALDeviceState _describe(const AlsaIdentity& identity, bool isOnly) const;
+    HALDeviceState _describe(const AlsaIdentity& identity) const;
+    void _add(HALDriverSink& sink, const AlsaIdentity& identity, HALDeviceState state);
     void _readControls(HALDeviceState& state);
-    void _readUse(HALDeviceState& state, bool isOurs);
+    bool _isUsedElsewhere(bool isOurs);
+    bool _isRunning() const;
+    void _runChanged();
     void _change(const std::function<void(HALDeviceState&)>& change);
     HALStatus _retime(double rate, uint32_t frameCount, HALDeadline deadline);
     HALStatus _start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused);
-    HALStatus _control(const std::function<int(AlsaControls&)>& write);
+    HALStatus _control(const std::function<int(const AlsaMixer&)>& write);
 
     const CXRef<AlsaCard> _card;
     const AlsaPcmInfo _pcm;
@@ -65,9 +61,9 @@ private:
     const std::function<void()> _wake;
 
     std::array<std::optional<AlsaAbilities>, 2> _abilities; // the watching thread's; not changed once added
-    std::array<bool, 2> _isProbed{};
-    AlsaControls _controls; // under the card's lock
-    std::atomic<bool> _hasNews{false};
+    std::array<bool, 2> _isProbed;                          // the watching thread's
+    AlsaControls _controls;                                 // under the card's lock
+    std::atomic<bool> _hasRunChanged{false};
 
     // Taken before _stateMutex, and never while the sink is called: stopIO() needs it.
     mutable std::mutex _ioMutex;

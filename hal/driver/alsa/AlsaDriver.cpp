@@ -1,7 +1,5 @@
 #include "AlsaDriver.h"
 
-#include "AlsaQuiet.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <poll.h>
@@ -19,13 +17,13 @@ HALDirection directionOf(HALDefault which)
 
 } // namespace
 
-CXRef<AlsaDriver> AlsaDriver::init(uint32_t periodCount, std::filesystem::path system)
+CXRef<AlsaDriver> AlsaDriver::init(uint32_t periodCount, std::filesystem::path root)
 {
-    return CXRef<AlsaDriver>::adopt(new AlsaDriver(periodCount, std::move(system)));
+    return CXRef<AlsaDriver>::adopt(new AlsaDriver(periodCount, std::move(root)));
 }
 
-AlsaDriver::AlsaDriver(uint32_t periodCount, std::filesystem::path system)
-    : _periodCount(std::clamp(periodCount, 2U, 16U)), _system(std::move(system)),
+AlsaDriver::AlsaDriver(uint32_t periodCount, std::filesystem::path root)
+    : _periodCount(std::clamp(periodCount, 2U, 16U)), _root(std::move(root)),
       _wakeUps(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {}
 
@@ -71,7 +69,7 @@ void AlsaDriver::_run()
         std::vector<int> numbers;
         for (const auto& [number, entry] : _cards) {
             polled.push_back(entry.card->descriptor());
-            polled.push_back({entry.card->reservationDescriptor(), POLLIN, 0});
+            polled.push_back({entry.card->reservation().descriptor(), POLLIN, 0});
             numbers.push_back(number);
         }
         if (poll(polled.data(), polled.size(), -1) < 0 && errno != EINTR)
@@ -85,9 +83,11 @@ void AlsaDriver::_run()
                 _readCard(numbers[i]);
         _folder.read(
             [this](AlsaFolderWatch::Event event, const std::string& name) { _fileChanged(event, name); });
-        for (auto& [number, entry] : _cards)
-            entry.card->processReservation();
-        _reportNews();
+        for (auto& [number, entry] : _cards) {
+            entry.card->reservation().process();
+            for (const CXRef<AlsaDevice>& device : entry.devices)
+                device->refreshRun();
+        }
     }
 }
 
@@ -102,65 +102,44 @@ void AlsaDriver::_fileChanged(AlsaFolderWatch::Event event, const std::string& n
     if (event == AlsaFolderWatch::Event::Unknown)
         return _scan();
     int number = -1;
-    unsigned pcm = 0;
     if (std::sscanf(name.c_str(), "controlC%3d", &number) == 1 && number >= 0) {
         if (event == AlsaFolderWatch::Event::Gone)
             _cardGone(number);
         else if (event == AlsaFolderWatch::Event::Appeared)
             _cardAppeared(number);
-    } else if (std::sscanf(name.c_str(), "pcmC%3dD%5u", &number, &pcm) == 2) {
-        if (event != AlsaFolderWatch::Event::Gone)
-            _useChanged(number, pcm);
+    } else if (std::sscanf(name.c_str(), "pcmC%3d", &number) == 1 && event != AlsaFolderWatch::Event::Gone) {
+        _updateDevices(number);
     }
 }
 
 /// A card's control device comes last, and the card is complete then; its rights may come later.
 void AlsaDriver::_cardAppeared(int number)
 {
-    const auto known = _cards.find(number);
-    if (known != _cards.end()) {
-        const auto info = known->second.card->info();
-        Entry& entry = known->second;
-        const bool isSame = info && info->id == entry.info.id && info->components == entry.info.components;
-        if (isSame && *info == entry.info)
+    if (!_cards.contains(number)) {
+        Entry entry;
+        entry.card = AlsaCard::open(number, _root);
+        if (!entry.card)
             return;
-        if (isSame) {
-            entry.info = *info;
-            entry.identity = alsaIdentity(number, *info, _system);
-            for (const CXRef<AlsaDevice>& device : entry.devices)
-                device->setIdentity(entry.identity, entry.devices.size() == 1);
-            return;
-        }
-        _cardGone(number); // another card has its number
+        for (const AlsaPcmInfo& pcm : entry.card->pcms())
+            entry.devices.push_back(AlsaDevice::init(entry.card, pcm, _periodCount, [this] { _wake(); }));
+        _cards.emplace(number, std::move(entry));
     }
-    if (_openCard(number))
-        _updateDefaults();
+    _updateDevices(number);
 }
 
-bool AlsaDriver::_openCard(int number)
+/// A device that could not be asked before may be free now.
+void AlsaDriver::_updateDevices(int number)
 {
-    int error = 0;
-    Entry entry;
-    entry.card = AlsaCard::open(number, error);
-    const auto info = entry.card ? entry.card->info() : std::nullopt;
-    if (!info)
-        return false;
-    entry.info = *info;
-    entry.identity = alsaIdentity(number, *info, _system);
-    for (const AlsaPcmInfo& pcm : entry.card->pcms())
-        entry.devices.push_back(AlsaDevice::init(entry.card, pcm, _periodCount, [this] { _wake(); }));
-    _addDevices(_cards.emplace(number, std::move(entry)).first->second);
-    return true;
-}
-
-void AlsaDriver::_addDevices(Entry& entry)
-{
-    for (const CXRef<AlsaDevice>& device : entry.devices) {
-        if (device->isAdded() || !device->add(*_sink, entry.identity, entry.devices.size() == 1))
-            continue;
+    const auto card = _cards.find(number);
+    if (card == _cards.end())
+        return;
+    for (const CXRef<AlsaDevice>& device : card->second.devices) {
+        const bool isAdded = device->update(*_sink);
         const std::scoped_lock lock(_defaultsMutex);
-        _devices.push_back(device);
+        if (isAdded && std::ranges::find(_devices, device) == _devices.end())
+            _devices.push_back(device);
     }
+    _updateDefaults();
 }
 
 void AlsaDriver::_cardGone(int number)
@@ -180,46 +159,15 @@ void AlsaDriver::_cardGone(int number)
     _updateDefaults();
 }
 
-/// A device that could not be asked before may be free now.
-void AlsaDriver::_useChanged(int number, unsigned pcm)
-{
-    const auto card = _cards.find(number);
-    if (card == _cards.end())
-        return;
-    for (const CXRef<AlsaDevice>& device : card->second.devices) {
-        if (device->pcm().number != pcm)
-            continue;
-        if (device->isAdded()) {
-            device->learn(card->second.identity, card->second.devices.size() == 1);
-            device->refresh(AlsaDevice::Part::Use);
-        } else {
-            _addDevices(card->second);
-            _updateDefaults();
-        }
-    }
-}
-
 void AlsaDriver::_readCard(int number)
 {
     const auto card = _cards.find(number);
-    if (card == _cards.end())
-        return;
-    const AlsaCard::Event event = card->second.card->readEvents();
-    if (event == AlsaCard::Event::Gone)
+    const int events = card == _cards.end() ? 0 : card->second.card->readEvents();
+    if (events < 0)
         return _cardGone(number);
-    if (event == AlsaCard::Event::None)
-        return;
-    for (const CXRef<AlsaDevice>& device : card->second.devices)
-        device->refresh(event == AlsaCard::Event::Controls ? AlsaDevice::Part::Controls
-                                                           : AlsaDevice::Part::Values);
-}
-
-void AlsaDriver::_reportNews()
-{
-    for (auto& [number, entry] : _cards)
-        for (const CXRef<AlsaDevice>& device : entry.devices)
-            if (device->takeNews())
-                device->refresh(AlsaDevice::Part::Run);
+    if (events > 0)
+        for (const CXRef<AlsaDevice>& device : card->second.devices)
+            device->refreshControls();
 }
 
 // ---- Default devices

@@ -14,9 +14,9 @@
 ///          free before; starting it returns 'what'.
 class AlsaDriver final : public HALHardwareDriver {
 public:
-    /// A device's ring is `periodCount` cycles long: 3, or 2 for less latency and less time for each cycle. `system` is
-    /// where the kernel's device tree is seen.
-    static CXRef<AlsaDriver> init(uint32_t periodCount = 3, std::filesystem::path system = "/sys");
+    /// A device's ring is `periodCount` cycles long: 3, or 2 for less latency and less time for each cycle. The kernel's
+    /// /sys and /proc are below `root`.
+    static CXRef<AlsaDriver> init(uint32_t periodCount = 3, std::filesystem::path root = "/");
 
     void start(HALDriverSink& sink) override;
     void stop() override;
@@ -25,12 +25,10 @@ public:
 private:
     struct Entry {
         CXRef<AlsaCard> card;
-        AlsaCardInfo info;
-        AlsaIdentity identity;
         std::vector<CXRef<AlsaDevice>> devices;
     };
 
-    AlsaDriver(uint32_t periodCount, std::filesystem::path system);
+    AlsaDriver(uint32_t periodCount, std::filesystem::path root);
     ~AlsaDriver() override;
 
     void _run();
@@ -39,18 +37,15 @@ private:
     void _fileChanged(AlsaFolderWatch::Event event, const std::string& name);
     void _cardAppeared(int number);
     void _cardGone(int number);
-    bool _openCard(int number);
-    void _addDevices(Entry& entry);
-    void _useChanged(int number, unsigned pcm);
+    void _updateDevices(int number);
     void _readCard(int number);
-    void _reportNews();
     void _updateDefaults();
     CXRef<AlsaDevice> _bestDefault(HALDirection direction, const std::string& chosenUID,
                                    const CXRef<AlsaDevice>& current) const;
 
     const uint32_t _periodCount;
-    const std::filesystem::path _system;
-    const int _wakeUps; // eventfd: a device has news, or the thread is to end
+    const std::filesystem::path _root;
+    const int _wakeUps; // eventfd: a run has changed, or the thread is to end
     std::atomic<bool> _isStopping{false};
 
     // start() and then the thread's

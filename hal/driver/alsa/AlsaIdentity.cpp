@@ -1,6 +1,5 @@
 #include "AlsaIdentity.h"
 
-#include "AlsaControls.h"
 #include "AudioHardwareTypes.h"
 #include "USBRegistry.h"
 #include "Utf8.h"
@@ -80,10 +79,10 @@ AlsaIdentity alsaIdentity(int cardNumber, const AlsaCardInfo& info, const fs::pa
     return identity;
 }
 
-std::string alsaDeviceName(const AlsaIdentity& card, const AlsaPcmInfo& pcm, bool isOnly)
+std::string alsaDeviceName(const AlsaIdentity& card, const AlsaPcmInfo& pcm)
 {
     const std::string& own = pcm.name.empty() ? pcm.id : pcm.name;
-    return isOnly || own.empty() ? card.name : card.name + " " + platform::utf8Replaced(own);
+    return pcm.isOnly || own.empty() ? card.name : card.name + " " + platform::utf8Replaced(own);
 }
 
 uint32_t alsaTransportType(const AlsaIdentity& card, const AlsaPcmInfo& pcm)

@@ -1,16 +1,23 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
 
-struct AlsaPcmInfo;
+/// A PCM of a card. Text as the kernel has it: any bytes.
+struct AlsaPcmInfo {
+    unsigned number = 0;
+    std::string id = {}, name = {};
+    std::array<bool, 2> has{};     ///< by HALDirection
+    std::array<bool, 2> isFirst{}; ///< by HALDirection: whether the card's controls are this one's
+    bool isOnly = false;           ///< whether the card has no other
+};
 
-/// What a card says of itself, as it came: any bytes.
+/// What a card reports of itself. Text as the kernel has it: any bytes.
 struct AlsaCardInfo {
     std::string id, driver, name, longName, components;
-    bool operator==(const AlsaCardInfo&) const = default;
 };
 
 /// Which unit a card is, and what it is called. Nothing of it depends on the number that the kernel gave the card.
@@ -25,7 +32,6 @@ struct AlsaIdentity {
 
 /// `system` is where the kernel's device tree is seen: /sys.
 AlsaIdentity alsaIdentity(int cardNumber, const AlsaCardInfo& info, const std::filesystem::path& system);
-/// The name of one of a card's devices; `isOnly` when it has no other.
-std::string alsaDeviceName(const AlsaIdentity& card, const AlsaPcmInfo& pcm, bool isOnly);
+std::string alsaDeviceName(const AlsaIdentity& card, const AlsaPcmInfo& pcm);
 /// As the card's, but for outputs that lead to a screen.
 uint32_t alsaTransportType(const AlsaIdentity& card, const AlsaPcmInfo& pcm);

@@ -9,38 +9,49 @@ namespace {
 
 constexpr std::array<uint32_t, 13> usualRates{8000,  11025, 16000,  22050,  32000,  44100, 48000,
                                               88200, 96000, 176400, 192000, 352800, 384000};
-constexpr snd_pcm_uframes_t minCycleFrames = 16;
-constexpr snd_pcm_uframes_t maxCycleFrames = 8192;
+constexpr uint32_t minCycleFrames = 16;
+constexpr uint32_t maxCycleFrames = 8192;
 constexpr uint32_t usualChannels = 8; // of a device that takes any number
 constexpr uint32_t maxChannels = 256;
 constexpr uint64_t maxStampAge = 1'000'000'000; // nanoseconds; an older one is nonsense
 
-snd_pcm_stream_t streamOf(HALDirection direction)
-{
-    return direction == HALDirection::Input ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK;
-}
+/// The error of the calls so far.
+class Calls {
+public:
+    /// Whether this one has failed.
+    bool failed(int result) noexcept { return (_error = std::min(result, 0)) < 0; }
+    int error() const noexcept { return _error; }
 
-/// An error as one: what should be negative or 0 and is neither is a driver's nonsense.
-int failure(int result)
-{
-    return result < 0 ? result : 0;
-}
+private:
+    int _error = 0;
+};
 
-int setAccess(snd_pcm_t* pcm, snd_pcm_hw_params_t* hardware, bool& isMapped)
+/// Opens a direction of a device, and leaves of its configurations those that the driver can use.
+int openUsable(const std::string& name, HALDirection direction, snd_pcm_t*& pcm,
+               snd_pcm_hw_params_t* hardware, bool& isMapped, snd_pcm_format_t& chosen)
 {
+    const auto stream = direction == HALDirection::Input ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK;
+    Calls calls;
+    if (calls.failed(snd_pcm_open(&pcm, name.c_str(), stream, SND_PCM_NONBLOCK)) ||
+        calls.failed(snd_pcm_hw_params_any(pcm, hardware)))
+        return calls.error();
     isMapped = snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_MMAP_INTERLEAVED) == 0;
-    return isMapped ? 0 : snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED);
+    if (!isMapped && calls.failed(snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED)))
+        return calls.error();
+    const auto format = std::ranges::find_if(alsaFormats, [&](snd_pcm_format_t each) {
+        return snd_pcm_hw_params_set_format(pcm, hardware, each) == 0;
+    });
+    if (format == alsaFormats.end())
+        return -EINVAL;
+    chosen = *format;
+    return 0;
 }
 
-int setFormat(snd_pcm_t* pcm, snd_pcm_hw_params_t* hardware, snd_pcm_format_t& chosen)
+void closeQuietly(snd_pcm_t* pcm)
 {
-    for (const snd_pcm_format_t format : alsaFormats) {
-        if (snd_pcm_hw_params_set_format(pcm, hardware, format) == 0) {
-            chosen = format;
-            return 0;
-        }
-    }
-    return -EINVAL;
+    const AlsaQuiet quiet;
+    snd_pcm_drop(pcm);
+    snd_pcm_close(pcm);
 }
 
 } // namespace
@@ -51,136 +62,98 @@ std::unique_ptr<AlsaPcm> AlsaPcm::open(const std::string& name, HALDirection dir
                                        const AlsaSetup& setup, int& error)
 {
     const AlsaQuiet quiet;
-    snd_pcm_t* opened = nullptr;
-    error = failure(snd_pcm_open(&opened, name.c_str(), streamOf(direction), SND_PCM_NONBLOCK));
-    if (error)
-        return nullptr;
-    std::unique_ptr<AlsaPcm> pcm(new AlsaPcm(opened, direction, setup));
-    error = pcm->_configure();
+    std::unique_ptr<AlsaPcm> pcm(new AlsaPcm(direction, setup));
+    error = pcm->_configure(name, direction);
     return error ? nullptr : std::move(pcm);
 }
 
-AlsaPcm::AlsaPcm(snd_pcm_t* pcm, HALDirection direction, const AlsaSetup& setup)
-    : _pcm(pcm), _isCapture(direction == HALDirection::Input), _setup(setup)
-{}
-
 AlsaPcm::~AlsaPcm()
 {
-    const AlsaQuiet quiet;
-    snd_pcm_drop(_pcm);
-    snd_pcm_close(_pcm);
-}
-
-int AlsaPcm::_configure()
-{
-    snd_pcm_hw_params_t* hardware = nullptr;
-    snd_pcm_hw_params_alloca(&hardware);
-    _ringChannels = _setup.channelCount;
-    if (const int error = failure(snd_pcm_hw_params_any(_pcm, hardware)))
-        return error;
-    if (const int error = setAccess(_pcm, hardware, _isMapped))
-        return error;
-    if (const int error = setFormat(_pcm, hardware, _format))
-        return error;
-    if (const int error = snd_pcm_hw_params_set_rate(_pcm, hardware, _setup.rate, 0))
-        return error;
-    // What else runs on the device may leave it fewer or more channels than it had when it was asked.
-    if (const int error = snd_pcm_hw_params_set_channels_near(_pcm, hardware, &_ringChannels))
-        return error;
-    if (_ringChannels == 0 || _ringChannels > maxChannels)
-        return -EINVAL;
-    if (const int error = _configureRing(hardware))
-        return error;
-    if (const int error = _configureStart())
-        return error;
-    if (!_isMapped)
-        _scratch.resize(size_t{_setup.frameCount} * _ringChannels *
-                        static_cast<size_t>(snd_pcm_format_physical_width(_format) / 8));
-    const int count = snd_pcm_poll_descriptors_count(_pcm);
-    if (count <= 0 || count > 16)
-        return -EINVAL;
-    _descriptors.resize(static_cast<size_t>(count));
-    return snd_pcm_poll_descriptors(_pcm, _descriptors.data(), static_cast<unsigned>(count)) == count
-               ? 0
-               : -EINVAL;
+    if (_pcm)
+        closeQuietly(_pcm);
 }
 
 /// Periods of one cycle where the device can, else of about that: cycles are made of what has come, not of periods.
-int AlsaPcm::_configureRing(snd_pcm_hw_params_t* hardware)
+int AlsaPcm::_configure(const std::string& name, HALDirection direction)
 {
+    snd_pcm_hw_params_t* hardware = nullptr;
+    snd_pcm_hw_params_alloca(&hardware);
     snd_pcm_uframes_t period = _setup.frameCount;
     snd_pcm_uframes_t ring = snd_pcm_uframes_t{_setup.frameCount} * _setup.periodCount;
-    int direction = 0;
-    if (const int error = snd_pcm_hw_params_set_period_size_near(_pcm, hardware, &period, &direction))
-        return error;
-    if (const int error = snd_pcm_hw_params_set_buffer_size_near(_pcm, hardware, &ring))
-        return error;
-    if (const int error = failure(snd_pcm_hw_params(_pcm, hardware)))
-        return error;
-    if (const int error = snd_pcm_hw_params_get_buffer_size(hardware, &_ringFrames))
-        return error;
+    int side = 0;
+    Calls calls;
+    // What else runs on the device may leave it fewer or more channels than it had when it was asked.
+    _ringChannels = _setup.channelCount;
+    if (calls.failed(openUsable(name, direction, _pcm, hardware, _isMapped, _format)) ||
+        calls.failed(snd_pcm_hw_params_set_rate(_pcm, hardware, _setup.rate, 0)) ||
+        calls.failed(snd_pcm_hw_params_set_channels_near(_pcm, hardware, &_ringChannels)) ||
+        calls.failed(snd_pcm_hw_params_set_period_size_near(_pcm, hardware, &period, &side)) ||
+        calls.failed(snd_pcm_hw_params_set_buffer_size_near(_pcm, hardware, &ring)) ||
+        calls.failed(snd_pcm_hw_params(_pcm, hardware)) ||
+        calls.failed(snd_pcm_hw_params_get_buffer_size(hardware, &_ringFrames)))
+        return calls.error();
     _periodCount = static_cast<uint32_t>(
         std::min<snd_pcm_uframes_t>(_setup.periodCount, _ringFrames / _setup.frameCount));
-    if (_periodCount < 2)
+    if (_periodCount < 2 || _ringChannels == 0 || _ringChannels > maxChannels)
         return -EINVAL;
     _unused = _ringFrames - snd_pcm_uframes_t{_periodCount} * _setup.frameCount;
-    return 0;
+    const int sampleBytes = snd_pcm_format_physical_width(_format) / 8;
+    _scratch.resize(_isMapped ? 0
+                              : size_t{_setup.frameCount} * _ringChannels * static_cast<size_t>(sampleBytes));
+    if (calls.failed(_configureStart()))
+        return calls.error();
+    return snd_pcm_poll_descriptors(_pcm, &_descriptor, 1) == 1 ? 0 : -EINVAL;
 }
 
+/// It starts when start() is called, and stops when it runs empty or over: with a threshold beyond the ring it would go on
+/// unnoticed.
 int AlsaPcm::_configureStart()
 {
     snd_pcm_sw_params_t* software = nullptr;
     snd_pcm_sw_params_alloca(&software);
     snd_pcm_uframes_t boundary = 0;
-    if (const int error = snd_pcm_sw_params_current(_pcm, software))
-        return error;
-    if (const int error = snd_pcm_sw_params_get_boundary(software, &boundary))
-        return error;
     const snd_pcm_uframes_t wake = _setup.frameCount + (_isCapture ? 0 : _unused);
-    // It starts when it is told to, and stops when it runs empty or over: with a threshold beyond the ring it would go on
-    // without a word.
-    int error = snd_pcm_sw_params_set_start_threshold(_pcm, software, boundary);
-    error = error ? error : snd_pcm_sw_params_set_stop_threshold(_pcm, software, _ringFrames);
-    error = error ? error : snd_pcm_sw_params_set_avail_min(_pcm, software, wake);
-    error = error ? error : snd_pcm_sw_params_set_tstamp_mode(_pcm, software, SND_PCM_TSTAMP_ENABLE);
-    if (error)
-        return error;
+    Calls calls;
+    if (calls.failed(snd_pcm_sw_params_current(_pcm, software)) ||
+        calls.failed(snd_pcm_sw_params_get_boundary(software, &boundary)) ||
+        calls.failed(snd_pcm_sw_params_set_start_threshold(_pcm, software, boundary)) ||
+        calls.failed(snd_pcm_sw_params_set_stop_threshold(_pcm, software, _ringFrames)) ||
+        calls.failed(snd_pcm_sw_params_set_avail_min(_pcm, software, wake)) ||
+        calls.failed(snd_pcm_sw_params_set_tstamp_mode(_pcm, software, SND_PCM_TSTAMP_ENABLE)))
+        return calls.error();
     snd_pcm_sw_params_set_tstamp_type(_pcm, software, SND_PCM_TSTAMP_TYPE_MONOTONIC); // else see stamp()
-    return failure(snd_pcm_sw_params(_pcm, software));
+    return std::min(snd_pcm_sw_params(_pcm, software), 0);
 }
 
 std::optional<AlsaAbilities> AlsaPcm::probe(const std::string& name, HALDirection direction, int& error)
 {
     const AlsaQuiet quiet;
     snd_pcm_t* pcm = nullptr;
-    error = failure(snd_pcm_open(&pcm, name.c_str(), streamOf(direction), SND_PCM_NONBLOCK));
-    if (error)
-        return std::nullopt;
-    const std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> closer(pcm, snd_pcm_close);
     snd_pcm_hw_params_t* hardware = nullptr;
     snd_pcm_hw_params_alloca(&hardware);
     bool isMapped = false;
     auto format = SND_PCM_FORMAT_UNKNOWN;
-    error = failure(snd_pcm_hw_params_any(pcm, hardware));
-    error = error ? error : setAccess(pcm, hardware, isMapped);
-    error = error ? error : setFormat(pcm, hardware, format);
+    error = openUsable(name, direction, pcm, hardware, isMapped, format);
+    const std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> closer(pcm, snd_pcm_close);
     AlsaAbilities can;
     unsigned minChannels = 0;
     snd_pcm_uframes_t minPeriod = 0, maxRing = 0;
     int side = 0;
-    error = error ? error : snd_pcm_hw_params_get_channels_min(hardware, &minChannels);
-    error = error ? error : snd_pcm_hw_params_get_channels_max(hardware, &can.channelCount);
-    error = error ? error : snd_pcm_hw_params_get_period_size_min(hardware, &minPeriod, &side);
-    error = error ? error : snd_pcm_hw_params_get_buffer_size_max(hardware, &maxRing);
-    for (const uint32_t rate : usualRates)
-        if (!error && snd_pcm_hw_params_test_rate(pcm, hardware, rate, 0) == 0)
-            can.rates.push_back(rate);
+    Calls calls;
+    if (calls.failed(error) || calls.failed(snd_pcm_hw_params_get_channels_min(hardware, &minChannels)) ||
+        calls.failed(snd_pcm_hw_params_get_channels_max(hardware, &can.channelCount)) ||
+        calls.failed(snd_pcm_hw_params_get_period_size_min(hardware, &minPeriod, &side)) ||
+        calls.failed(snd_pcm_hw_params_get_buffer_size_max(hardware, &maxRing))) {
+        error = calls.error();
+        return std::nullopt;
+    }
+    std::ranges::copy_if(usualRates, std::back_inserter(can.rates), [&](uint32_t rate) {
+        return snd_pcm_hw_params_test_rate(pcm, hardware, rate, 0) == 0;
+    });
     if (can.channelCount > usualChannels)
         can.channelCount = std::max(minChannels, usualChannels);
-    can.minFrames = static_cast<uint32_t>(std::min(minPeriod, 2 * maxCycleFrames));
-    can.maxFrames = static_cast<uint32_t>(std::min(maxRing / 2, maxCycleFrames));
-    if (error)
-        return std::nullopt;
+    can.minFrames = static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(minPeriod, UINT32_MAX));
+    can.maxFrames = static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(maxRing / 2, maxCycleFrames));
     const std::optional<AlsaAbilities> found = usable(can);
     error = found ? 0 : -EINVAL;
     return found;
@@ -188,8 +161,8 @@ std::optional<AlsaAbilities> AlsaPcm::probe(const std::string& name, HALDirectio
 
 std::optional<AlsaAbilities> AlsaPcm::usable(AlsaAbilities can)
 {
-    can.minFrames = std::max(can.minFrames, uint32_t{minCycleFrames});
-    can.maxFrames = std::min(can.maxFrames, uint32_t{maxCycleFrames});
+    can.minFrames = std::max(can.minFrames, minCycleFrames);
+    can.maxFrames = std::min(can.maxFrames, maxCycleFrames);
     std::erase_if(can.rates,
                   [](uint32_t rate) { return std::ranges::find(usualRates, rate) == usualRates.end(); });
     const bool isUsable = can.channelCount > 0 && can.channelCount <= maxChannels && !can.rates.empty() &&
@@ -209,14 +182,14 @@ int AlsaPcm::prepare()
 {
     const AlsaQuiet quiet;
     snd_pcm_drop(_pcm); // it may still run, after an error of the other direction
-    return failure(snd_pcm_prepare(_pcm));
+    return std::min(snd_pcm_prepare(_pcm), 0);
 }
 
 int AlsaPcm::fill() noexcept
 {
     _transferred = 0;
     for (uint32_t cycle = 0; !_isCapture && cycle < _periodCount; ++cycle)
-        if (const int error = _transfer(nullptr, _setup.frameCount))
+        if (const int error = transfer(nullptr))
             return error;
     return 0;
 }
@@ -224,18 +197,15 @@ int AlsaPcm::fill() noexcept
 int AlsaPcm::start()
 {
     const AlsaQuiet quiet;
-    return failure(snd_pcm_start(_pcm));
+    return std::min(snd_pcm_start(_pcm), 0);
 }
 
-int AlsaPcm::errorIn(std::span<const pollfd> polled) const noexcept
+int AlsaPcm::errorIn(short events) const noexcept
 {
-    int all = 0;
-    for (const pollfd& each : polled)
-        all |= each.revents;
     // Of a device that is gone the kernel may report this alone: its state still reads as running.
-    if ((all & (POLLNVAL | POLLHUP)) != 0)
+    if ((events & (POLLNVAL | POLLHUP)) != 0)
         return -ENODEV;
-    if ((all & POLLERR) == 0)
+    if ((events & POLLERR) == 0)
         return 0;
     switch (snd_pcm_state(_pcm)) {
     case SND_PCM_STATE_XRUN:
@@ -277,14 +247,8 @@ AlsaPcm::Stamp AlsaPcm::stamp() noexcept
 
 int AlsaPcm::transfer(float* samples) noexcept
 {
-    return _transfer(samples, _setup.frameCount);
-}
-
-int AlsaPcm::_transfer(float* samples, snd_pcm_uframes_t frameCount) noexcept
-{
-    const int error =
-        _isMapped ? _transferMapped(samples, frameCount) : _transferByCalls(samples, frameCount);
-    _transferred += error ? 0 : frameCount;
+    const int error = _isMapped ? _transferMapped(samples) : _transferByCalls(samples);
+    _transferred += error ? 0 : _setup.frameCount;
     return error;
 }
 
@@ -296,15 +260,15 @@ void AlsaPcm::_convert(float* samples, std::byte* ring, size_t frameCount) const
         alsaEncode(_format, samples, _setup.channelCount, ring, _ringChannels, frameCount);
 }
 
-int AlsaPcm::_transferMapped(float* samples, snd_pcm_uframes_t frameCount) noexcept
+int AlsaPcm::_transferMapped(float* samples) noexcept
 {
-    while (frameCount > 0) {
+    for (snd_pcm_uframes_t left = _setup.frameCount; left > 0;) {
         const snd_pcm_channel_area_t* areas = nullptr;
         snd_pcm_uframes_t offset = 0;
-        snd_pcm_uframes_t count = frameCount;
+        snd_pcm_uframes_t count = left;
         if (const int error = snd_pcm_mmap_begin(_pcm, &areas, &offset, &count); error < 0)
             return error;
-        if (count == 0 || count > frameCount)
+        if (count == 0 || count > left)
             return -EPIPE;
         auto* const ring =
             static_cast<std::byte*>(areas[0].addr) + areas[0].first / 8 + offset * (areas[0].step / 8);
@@ -313,25 +277,26 @@ int AlsaPcm::_transferMapped(float* samples, snd_pcm_uframes_t frameCount) noexc
         if (done < 0 || static_cast<snd_pcm_uframes_t>(done) != count)
             return done < 0 ? static_cast<int>(done) : -EPIPE;
         samples = samples ? samples + count * _setup.channelCount : nullptr;
-        frameCount -= count;
+        left -= count;
     }
     return 0;
 }
 
-int AlsaPcm::_transferByCalls(float* samples, snd_pcm_uframes_t frameCount) noexcept
+int AlsaPcm::_transferByCalls(float* samples) noexcept
 {
     if (!_isCapture)
-        _convert(samples, _scratch.data(), frameCount);
+        _convert(samples, _scratch.data(), _setup.frameCount);
     const size_t frameBytes = _scratch.size() / _setup.frameCount;
-    for (snd_pcm_uframes_t moved = 0; moved < frameCount;) {
+    for (snd_pcm_uframes_t moved = 0; moved < _setup.frameCount;) {
         std::byte* const place = _scratch.data() + moved * frameBytes;
-        const snd_pcm_sframes_t count = _isCapture ? snd_pcm_readi(_pcm, place, frameCount - moved)
-                                                   : snd_pcm_writei(_pcm, place, frameCount - moved);
-        if (count <= 0) // it said before that there was room
+        const snd_pcm_uframes_t left = _setup.frameCount - moved;
+        const snd_pcm_sframes_t count =
+            _isCapture ? snd_pcm_readi(_pcm, place, left) : snd_pcm_writei(_pcm, place, left);
+        if (count <= 0) // isReady() has found room
             return count < 0 && count != -EAGAIN ? static_cast<int>(count) : -EPIPE;
-        moved += std::min(static_cast<snd_pcm_uframes_t>(count), frameCount - moved);
+        moved += std::min(static_cast<snd_pcm_uframes_t>(count), left);
     }
     if (_isCapture)
-        _convert(samples, _scratch.data(), frameCount);
+        _convert(samples, _scratch.data(), _setup.frameCount);
     return 0;
 }

@@ -6,7 +6,6 @@
 
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -50,7 +49,7 @@ public:
     int fill() noexcept;
     int start();
     /// For poll(); the same until the end.
-    const std::vector<pollfd>& descriptors() const noexcept { return _descriptors; }
+    const pollfd& descriptor() const noexcept { return _descriptor; }
     /// Cycles that the ring holds.
     uint32_t periodCount() const noexcept { return _periodCount; }
 
@@ -60,26 +59,26 @@ public:
         uint64_t position; ///< frames captured or played since prepare()
     };
 
-    /// The error in what poll() returned for the descriptors; 0 when there is none.
-    int errorIn(std::span<const pollfd> polled) const noexcept;
+    /// The error in what poll() returned for the descriptor; 0 when there is none.
+    int errorIn(short events) const noexcept;
     /// Whether a cycle's frames have been captured, or can be written without more than periodCount cycles waiting in
     /// the ring; or an error.
     int isReady() noexcept CX_REALTIME;
     Stamp stamp() noexcept CX_REALTIME;
-    /// Moves one cycle's interleaved frames of `channelCount` channels.
+    /// Moves one cycle's interleaved frames of `channelCount` channels; null `samples` are silence.
     int transfer(float* samples) noexcept CX_REALTIME;
 
 private:
-    AlsaPcm(snd_pcm_t* pcm, HALDirection direction, const AlsaSetup& setup);
-    int _configure();
-    int _configureRing(snd_pcm_hw_params_t* hardware);
+    AlsaPcm(HALDirection direction, const AlsaSetup& setup)
+        : _isCapture(direction == HALDirection::Input), _setup(setup)
+    {}
+    int _configure(const std::string& name, HALDirection direction);
     int _configureStart();
-    int _transfer(float* samples, snd_pcm_uframes_t frameCount) noexcept;
-    int _transferMapped(float* samples, snd_pcm_uframes_t frameCount) noexcept;
-    int _transferByCalls(float* samples, snd_pcm_uframes_t frameCount) noexcept;
+    int _transferMapped(float* samples) noexcept;
+    int _transferByCalls(float* samples) noexcept;
     void _convert(float* samples, std::byte* ring, size_t frameCount) const noexcept;
 
-    snd_pcm_t* const _pcm;
+    snd_pcm_t* _pcm = nullptr;
     const bool _isCapture;
     const AlsaSetup _setup;
     snd_pcm_format_t _format = SND_PCM_FORMAT_UNKNOWN;
@@ -87,9 +86,8 @@ private:
     uint32_t _ringChannels = 0;
     uint32_t _periodCount = 0;
     snd_pcm_uframes_t _ringFrames = 0;
-    snd_pcm_uframes_t _unused =
-        0; // frames of the ring that stay empty: it is longer than the cycles that are wanted
-    uint64_t _transferred = 0;       // frames since prepare()
+    snd_pcm_uframes_t _unused = 0; // frames of the ring that stay empty: it is longer than the cycles wanted
+    uint64_t _transferred = 0;     // frames since prepare()
     std::vector<std::byte> _scratch; // one cycle, where the ring is not mapped
-    std::vector<pollfd> _descriptors;
+    pollfd _descriptor{};
 };

@@ -2,8 +2,8 @@
 
 #include "HostClock.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <utility>
 
 namespace {
@@ -12,6 +12,7 @@ constexpr const char* interface = "org.freedesktop.ReserveDevice1";
 // Above a sound server's, which steps aside for programs that want a card for themselves.
 constexpr int32_t priority = 10;
 constexpr uint64_t waitMicroseconds = 1'000'000;
+constexpr std::chrono::milliseconds yieldTime{500};
 
 uint64_t nowMicroseconds()
 {
@@ -39,8 +40,9 @@ const sd_bus_vtable AlsaReservation::methods[] = {
             int32_t theirs = 0;
             if (const int error = sd_bus_message_read(message, "i", &theirs); error < 0)
                 return error;
-            if (!self->_isHeld || theirs <= priority || self->_request)
-                return sd_bus_reply_method_return(message, "b", static_cast<int>(!self->_isHeld));
+            const bool isFree = self->_holders.empty();
+            if (isFree || theirs <= priority || self->_request)
+                return sd_bus_reply_method_return(message, "b", static_cast<int>(isFree));
             self->_request = sd_bus_message_ref(message); // the reply comes when the card is closed
             return 1;
         },
@@ -92,25 +94,25 @@ void AlsaReservation::_disconnect()
 {
     sd_bus_message_unref(std::exchange(_request, nullptr));
     sd_bus_close_unref(std::exchange(_bus, nullptr)); // without a flush, which could wait
-    _isHeld = false;
 }
 
-int AlsaReservation::acquire()
+int AlsaReservation::acquire(Holder& holder)
 {
-    if (!_connect() || _isHeld)
-        return 0;
-    int result = sd_bus_request_name(_bus, _name.c_str(), SD_BUS_NAME_ALLOW_REPLACEMENT);
-    const bool isOwned = result == -EEXIST;
-    if (isOwned) {
-        if (!_askOwner())
-            return -EBUSY;
-        result = sd_bus_request_name(_bus, _name.c_str(),
-                                     SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING);
-    }
-    if (result == -EEXIST)
+    const std::scoped_lock lock(_mutex);
+    const int result = _holders.empty() && _connect() ? _acquireName() : 0;
+    if (result >= 0)
+        _holders.push_back(&holder);
+    return result;
+}
+
+int AlsaReservation::_acquireName()
+{
+    if (sd_bus_request_name(_bus, _name.c_str(), SD_BUS_NAME_ALLOW_REPLACEMENT) != -EEXIST)
+        return 0; // a bus that fails otherwise refuses nobody
+    if (!_askOwner())
         return -EBUSY;
-    _isHeld = result >= 0;
-    return isOwned ? 1 : 0; // a bus that fails otherwise refuses no one
+    const uint64_t flags = SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING;
+    return sd_bus_request_name(_bus, _name.c_str(), flags) == -EEXIST ? -EBUSY : 1;
 }
 
 /// Whether the owner has closed the card.
@@ -120,33 +122,41 @@ bool AlsaReservation::_askOwner()
     int isReleased = 0;
     const int result = sd_bus_call_method(_bus, _name.c_str(), _path.c_str(), interface, "RequestRelease",
                                           nullptr, &reply, "i", priority);
-    const bool isAnswered = result >= 0 && sd_bus_message_read(reply, "b", &isReleased) >= 0;
+    const bool hasReply = result >= 0 && sd_bus_message_read(reply, "b", &isReleased) >= 0;
     sd_bus_message_unref(reply);
-    return isAnswered && isReleased != 0;
+    return hasReply && isReleased != 0;
 }
 
-void AlsaReservation::release()
+void AlsaReservation::release(Holder& holder)
 {
-    if (std::exchange(_isHeld, false) && _bus)
+    const std::scoped_lock lock(_mutex);
+    if (std::erase(_holders, &holder) == 0 || !_holders.empty())
+        return;
+    if (_bus)
         sd_bus_release_name(_bus, _name.c_str());
+    _released.notify_all();
 }
 
-int AlsaReservation::descriptor() const
+int AlsaReservation::descriptor()
 {
+    const std::scoped_lock lock(_mutex);
     return _bus ? sd_bus_get_fd(_bus) : -1;
 }
 
-void AlsaReservation::process(const std::function<void()>& yield)
+void AlsaReservation::process()
 {
+    std::unique_lock lock(_mutex);
     while (_bus && sd_bus_process(_bus, nullptr) > 0)
         ;
     if (_bus && sd_bus_is_open(_bus) <= 0)
         return _disconnect();
     if (!_request)
         return;
-    yield();
+    for (Holder* const holder : _holders)
+        holder->yield();
+    _released.wait_for(lock, yieldTime, [this] { return _holders.empty(); });
     if (sd_bus_message* const request = std::exchange(_request, nullptr)) {
-        sd_bus_reply_method_return(request, "b", static_cast<int>(!_isHeld));
+        sd_bus_reply_method_return(request, "b", static_cast<int>(_holders.empty()));
         sd_bus_message_unref(request);
         sd_bus_flush(_bus);
     }

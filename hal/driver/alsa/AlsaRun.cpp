@@ -1,6 +1,5 @@
 #include "AlsaRun.h"
 
-#include "AlsaCard.h"
 #include "LogSink.h"
 #include "RealtimeScheduling.h"
 
@@ -21,11 +20,6 @@ constexpr uint32_t maxRestarts = 5;          // without a cycle between them
 constexpr double audibleRatioChange = 20e-6; // smaller ones are noise of the measurement
 constexpr uint64_t ratioNanoseconds = 5'000'000'000;
 
-size_t placeOf(HALDirection direction)
-{
-    return static_cast<size_t>(direction);
-}
-
 } // namespace
 
 AlsaRun::AlsaRun(AlsaRunSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable> table,
@@ -33,21 +27,20 @@ AlsaRun::AlsaRun(AlsaRunSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable>
     : _setup(std::move(setup)), _card(std::move(card)), _table(std::move(table)), _timeline(timeline),
       _changed(std::move(changed)), _wakeUps(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-    const auto prepare = [this](const std::optional<AlsaSetup>& side, std::vector<float>& samples) {
-        if (!side)
-            return std::vector<uint32_t>();
-        samples.resize(size_t{side->channelCount} * _setup.frameCount);
-        return std::vector{side->channelCount};
-    };
-    const std::vector<uint32_t> inputs = prepare(_setup.input, _input);
-    _table->prepare(inputs, prepare(_setup.output, _output), _setup.frameCount);
+    std::array<std::vector<uint32_t>, 2> streams;
+    for (size_t place = 0; place < 2; ++place) {
+        if (const uint32_t channels = _setup.channels[place])
+            streams[place] = {channels};
+        _samples[place].resize(size_t{_setup.channels[place]} * _setup.frameCount);
+    }
+    _table->prepare(streams[0], streams[1], _setup.frameCount);
     _table->setTiming(_setup.rate, _setup.frameCount);
     _timeline.begin(_setup.rate);
 }
 
 AlsaRun::~AlsaRun()
 {
-    _wish = Wish::Stop;
+    _request = Request::Stop;
     _wake();
     _thread.join();
     close(_wakeUps);
@@ -71,8 +64,8 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
 
 void AlsaRun::yield()
 {
-    Wish expected = Wish::Run;
-    if (_wish.compare_exchange_strong(expected, Wish::Yield))
+    Request expected = Request::Run;
+    if (_request.compare_exchange_strong(expected, Request::Yield))
         _wake();
 }
 
@@ -88,50 +81,48 @@ void AlsaRun::_run()
 {
     platform::makeCurrentThreadRealtime();
     int delay = firstRetryMilliseconds;
-    while (_wish != Wish::Stop) {
-        Wish yielded = Wish::Yield;
-        _wish.compare_exchange_strong(yielded, Wish::Run);
+    while (_request != Request::Stop) {
+        Request yielded = Request::Yield;
+        _request.compare_exchange_strong(yielded, Request::Run);
         _hadCycle = false;
         int error = _open();
         if (error == 0)
             error = _runOnce();
         _close();
         _noteStart(error);
-        if (_wish == Wish::Stop)
+        if (_request == Request::Stop)
             return;
         _timeline.interrupt();
         _setStalled(true, error);
         delay = _hadCycle ? firstRetryMilliseconds : std::min(2 * delay, lastRetryMilliseconds);
-        _sleep(_wish == Wish::Yield ? lastRetryMilliseconds : delay);
+        _sleep(_request == Request::Yield ? lastRetryMilliseconds : delay);
     }
 }
 
 int AlsaRun::_open()
 {
-    const int reserved = _card->reserve(*this);
+    const int reserved = _card->reservation().acquire(*this);
     if (reserved < 0)
         return reserved;
-    _polled.assign(1, {_wakeUps, POLLIN, 0});
-    for (const HALDirection direction : halDirections) {
-        const std::optional<AlsaSetup>& side =
-            direction == HALDirection::Input ? _setup.input : _setup.output;
-        _first[placeOf(direction)] = _polled.size();
-        if (!side)
-            continue;
-        int error = 0;
-        auto& pcm = _pcms[placeOf(direction)];
-        pcm = AlsaPcm::open(_setup.pcmName, direction, *side, error);
-        // A program that has just given the card to us needs a moment to close it.
-        for (int tries = 0; error == -EBUSY && reserved > 0 && tries < maxBusyTries && _wish == Wish::Run;
-             ++tries) {
-            _sleep(firstRetryMilliseconds);
-            pcm = AlsaPcm::open(_setup.pcmName, direction, *side, error);
-        }
-        if (!pcm)
+    for (const HALDirection direction : halDirections)
+        if (const int error = _open(direction, reserved > 0))
             return error;
-        _polled.insert(_polled.end(), pcm->descriptors().begin(), pcm->descriptors().end());
-    }
     _isLinked = _pcms[0] && _pcms[1] && _pcms[0]->link(*_pcms[1]);
+    return 0;
+}
+
+/// A program that has just given the card to us needs a moment to close it: it `mayBeBusy`.
+int AlsaRun::_open(HALDirection direction, bool mayBeBusy)
+{
+    const auto place = static_cast<size_t>(direction);
+    const AlsaSetup side{_setup.channels[place], _setup.rate, _setup.frameCount, _setup.periodCount};
+    int error = 0;
+    for (int tries = 0; side.channelCount > 0; ++tries) {
+        _pcms[place] = AlsaPcm::open(_setup.pcmName, direction, side, error);
+        if (error != -EBUSY || !mayBeBusy || tries == maxBusyTries || !_shallRun())
+            return error;
+        _sleep(firstRetryMilliseconds);
+    }
     return 0;
 }
 
@@ -139,7 +130,7 @@ void AlsaRun::_close()
 {
     for (auto& pcm : _pcms)
         pcm.reset();
-    _card->unreserve(*this);
+    _card->reservation().release(*this);
 }
 
 /// Runs the open device until it has to be closed.
@@ -201,38 +192,33 @@ int AlsaRun::_restart() noexcept
 /// has been enough.
 int AlsaRun::_wait() noexcept
 {
-    for (size_t place = 0; place < 2; ++place) {
-        while (_pcms[place]) {
-            const int ready = _pcms[place]->isReady();
+    for (const auto& pcm : _pcms) {
+        while (pcm) {
+            const int ready = pcm->isReady();
             if (ready < 0)
                 return ready;
             if (ready > 0)
                 break;
-            if (const int error = _poll(place))
+            if (const int error = _poll(*pcm))
                 return error;
         }
     }
-    // A late device has its next cycle at once; a wish must not wait for it to catch up.
-    return _wish.load(std::memory_order_relaxed) == Wish::Run ? 0 : -ECANCELED;
+    // A late device has its next cycle at once; a request must not wait for it to catch up.
+    return _shallRun() ? 0 : -ECANCELED;
 }
 
-int AlsaRun::_poll(size_t place) noexcept
+int AlsaRun::_poll(const AlsaPcm& pcm) noexcept
 {
-    for (size_t i = 1; i < _polled.size(); ++i) { // what is ready would end the wait at once, again and again
-        const bool isAwaited = place == (i < _first[1] ? 0 : 1);
-        _polled[i].fd = (_polled[i].fd >= 0) == isAwaited ? _polled[i].fd : ~_polled[i].fd;
-    }
+    // Without the other direction: what is ready would end the wait at once, again and again.
+    std::array<pollfd, 2> polled{pollfd{_wakeUps, POLLIN, 0}, pcm.descriptor()};
     const int cycleMilliseconds = static_cast<int>(1000ULL * _setup.frameCount / _setup.rate);
     const int count =
-        poll(_polled.data(), _polled.size(), std::max(minStallMilliseconds, 4 * cycleMilliseconds));
+        poll(polled.data(), polled.size(), std::max(minStallMilliseconds, 4 * cycleMilliseconds));
     if (count < 0)
         return errno == EINTR ? 0 : -errno;
     if (count == 0)
         return -ETIMEDOUT;
-    if (_polled[0].revents != 0)
-        return -ECANCELED;
-    const size_t end = place == 0 ? _first[1] : _polled.size();
-    return _pcms[place]->errorIn(std::span(_polled).subspan(_first[place], end - _first[place]));
+    return polled[0].revents != 0 ? -ECANCELED : pcm.errorIn(polled[1].revents);
 }
 
 void AlsaRun::_cycle(int& error) noexcept
@@ -245,20 +231,20 @@ void AlsaRun::_cycle(int& error) noexcept
     const AlsaTimeline::Step step =
         _timeline.advance(stamp.hostNanoseconds, stamp.position, due, _setup.frameCount);
     _noteRatio(step);
-    if (input && (error = input->transfer(_input.data())) != 0)
+    if (input && (error = input->transfer(_samples[0].data())) != 0)
         return;
     HALCycle cycle;
     cycle.frameCount = _setup.frameCount;
     _fillTimes(cycle, step);
-    const HALStreamBlock inputBlock{_input.data(), input ? _setup.input->channelCount : 0};
-    const HALStreamBlock outputBlock{_output.data(), output ? _setup.output->channelCount : 0};
+    const HALStreamBlock inputBlock{_samples[0].data(), _setup.channels[0]};
+    const HALStreamBlock outputBlock{_samples[1].data(), _setup.channels[1]};
     if (input)
         cycle.input = {&inputBlock, 1};
     if (output)
         cycle.output = {&outputBlock, 1};
     _table->runCycle(cycle);
     if (output)
-        error = output->transfer(_output.data());
+        error = output->transfer(_samples[1].data());
 }
 
 /// The cycle began when its last frame of input had come; its output is behind what the ring holds.
@@ -303,12 +289,12 @@ void AlsaRun::_noteStart(int error)
         _startError = error;
     _settled.notify_all();
     if (*_startError != 0 && _whenRefused == WhenRefused::End)
-        _wish = Wish::Stop;
+        _request = Request::Stop;
 }
 
 void AlsaRun::_setStalled(bool isStalled, int error)
 {
-    if (isStalled && _wish != Wish::Yield && error != -ENODEV && !std::exchange(_isLogged, true))
+    if (isStalled && _request != Request::Yield && error != -ENODEV && !std::exchange(_isLogged, true))
         platform::LogSink::log("audio device '" + platform::printableText(_setup.deviceName) +
                                "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
     if (_isStalled.exchange(isStalled, std::memory_order_relaxed) != isStalled)
@@ -320,10 +306,10 @@ void AlsaRun::_sleep(int milliseconds) const noexcept
 {
     pollfd wakeUps{_wakeUps, POLLIN, 0};
     uint64_t count = 0;
-    const Wish before = _wish;
-    if (before == Wish::Stop)
+    const Request before = _request;
+    if (before == Request::Stop)
         return;
     [[maybe_unused]] const ssize_t size = read(_wakeUps, &count, sizeof count);
-    if (_wish == before)
+    if (_request == before)
         poll(&wakeUps, 1, milliseconds);
 }

@@ -254,7 +254,7 @@ HALDirectionState PipeWireDevice::_describe(HALDirection direction, const HALDev
     state.canBeDefault = !device.isHidden;
     _describeRoutes(direction, state);
 
-    PipeWireVolume& volume = _volumes[static_cast<size_t>(direction)];
+    HALVolume& volume = _volumes[static_cast<size_t>(direction)];
     const VolumePlace place = volumePlace(direction).value_or(VolumePlace{});
     volume.setAmplitudes(place.props.amplitudes);
     state.mainVolume = volume.mainScalar();

@@ -4,7 +4,7 @@
 #include "PipeWireDeviceIO.h"
 #include "PipeWireMirror.h"
 #include "PipeWireTimeline.h"
-#include "PipeWireVolume.h"
+#include "HALVolume.h"
 
 #include <array>
 #include <memory>
@@ -55,7 +55,7 @@ public:
     PipeWireNode* node(HALDirection direction) const;
     std::optional<VolumePlace> volumePlace(HALDirection direction) const;
     /// As last described.
-    const PipeWireVolume& volume(HALDirection direction) const
+    const HALVolume& volume(HALDirection direction) const
     {
         return _volumes[static_cast<size_t>(direction)];
     }
@@ -102,5 +102,5 @@ private:
     const Parts _parts;
     const std::string _uid;
     const std::array<std::string, 2> _nodeNames; // by direction
-    std::array<PipeWireVolume, 2> _volumes;      // by direction
+    std::array<HALVolume, 2> _volumes;      // by direction
 };

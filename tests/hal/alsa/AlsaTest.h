@@ -10,7 +10,28 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+/// A folder of the test's own.
+class Folder {
+public:
+    Folder() : path(fs::temp_directory_path() / ("alsa-test-" + std::to_string(getpid())))
+    {
+        fs::create_directories(path);
+    }
+    ~Folder() { fs::remove_all(path); }
+    void write(const fs::path& file, const std::string& text) const
+    {
+        fs::create_directories((path / file).parent_path());
+        std::ofstream(path / file) << text << "\n";
+    }
+    const fs::path path;
+};
 
 /// The driver over faked cards, whose time waits for a late test.
 class AlsaTest : public testing::Test {
@@ -51,7 +72,8 @@ protected:
         return readValue<Value>(*hal, object, at(selector, scope));
     }
 
-    const CXRef<AlsaDriver> driver = AlsaDriver::init(3, "/nowhere");
+    const Folder root; // in place of /sys and /proc: empty
+    const CXRef<AlsaDriver> driver = AlsaDriver::init(3, root.path);
     const CXRef<HALModel> hal = HALModel::initWithDriver(driver);
 };
 

@@ -5,12 +5,8 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sys/wait.h>
 #include <unistd.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -175,22 +171,53 @@ TEST_F(AlsaTest, keepsDefaultDevicesOfTheProcess)
     FakedCards::unplug(first);
 }
 
-// ---- By the driver's parts
+TEST_F(AlsaTest, findsTheVolumeByItsName)
+{
+    const struct {
+        const char* control;
+        bool isOutputs, isInputs;
+    } rows[] = {
+        {"Master Volume", true, false}, // of both directions, as few drivers name it
+        {"PCM Playback Volume", true, false},  {"Line Volume", false, true},
+        {"Mic Playback Volume", false, false}, // plays the microphone through
+        {"Bass Volume", false, false},
+    };
+    for (const auto& row : rows) {
+        FakedCardOptions card = aCard(row.control);
+        card.volumeNames = {row.control, "Other Volume"};
+        const int number = FakedCards::plug(card);
+        const AudioObjectID id = device(uidOf(row.control));
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), row.isOutputs)
+            << row.control;
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, input).has_value(), row.isInputs)
+            << row.control;
+        FakedCards::unplug(number);
+    }
+}
 
-class Folder {
-public:
-    Folder() : path(fs::temp_directory_path() / ("alsa-test-" + std::to_string(getpid())))
-    {
-        fs::create_directories(path);
-    }
-    ~Folder() { fs::remove_all(path); }
-    void write(const fs::path& file, const std::string& text) const
-    {
-        fs::create_directories((path / file).parent_path());
-        std::ofstream(path / file) << text << "\n";
-    }
-    const fs::path path;
-};
+TEST_F(AlsaTest, showsADeviceInUseByWhatItDoes)
+{
+    const int card = FakedCards::plug(aCard("before"));
+    FakedCards::unplug(card);
+    for (const char* direction : {"p", "c"})
+        root.write("proc/asound/card" + std::to_string(card) + "/pcm0" + direction + "/sub0/hw_params",
+                   "access: MMAP_INTERLEAVED\nchannels: 2\nrate: 96000 (96000/1)\nbuffer_size: 4096");
+    FakedCardOptions options = aCard("busy");
+    options.isBusy = true;
+    ASSERT_EQ(FakedCards::plug(options), card);
+    const AudioObjectID id = device(uidOf("busy"));
+    const auto rateCount = [&] {
+        return readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates))
+            .size();
+    };
+    EXPECT_EQ(rateCount(), 1U);
+    EXPECT_EQ(read<double>(id, kAudioDevicePropertyNominalSampleRate), 96000.0);
+    EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning), 1U);
+    FakedCards::setBusy(card, false);
+    EXPECT_TRUE(eventually([&] { return rateCount() == 3; })) << "not asked again when it was free";
+}
+
+// ---- By the driver's parts
 
 TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
 {
@@ -292,16 +319,27 @@ private:
     pid_t _process = -1;
 };
 
+/// A program that uses a card until it is asked to give it up.
+class Program final : public AlsaReservation::Holder {
+public:
+    explicit Program(int card) : reservation(card) {}
+    int acquire() { return reservation.acquire(*this); }
+    void release() { reservation.release(*this); }
+    void yield() override { ADD_FAILURE() << "given up for an equal"; }
+
+    AlsaReservation reservation;
+};
+
 TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
 {
     const Bus bus;
-    AlsaReservation ours(3), theirs(3), other(4);
+    Program ours(3), theirs(3), other(4);
     EXPECT_EQ(ours.acquire(), 0);
     EXPECT_EQ(other.acquire(), 0) << "another card";
     std::atomic<int> result{1};
     std::thread asks([&] { result = theirs.acquire(); }); // of equal priority: refused
     while (result == 1) {
-        ours.process([] { ADD_FAILURE() << "given up for an equal"; });
+        ours.reservation.process();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     asks.join();
@@ -311,9 +349,9 @@ TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
     theirs.release();
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
     unsetenv("XDG_RUNTIME_DIR");
-    AlsaReservation alone(3);
+    Program alone(3);
     EXPECT_EQ(alone.acquire(), 0) << "no bus, no one to ask";
-    EXPECT_EQ(alone.descriptor(), -1);
+    EXPECT_EQ(alone.reservation.descriptor(), -1);
 }
 
 } // namespace

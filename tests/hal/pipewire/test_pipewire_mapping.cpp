@@ -1,7 +1,7 @@
 #include "AudioHardware.h"
 #include "PipeWireNaming.h"
 #include "PipeWireTimeline.h"
-#include "PipeWireVolume.h"
+#include "HALVolume.h"
 #include "USBRegistry.h"
 
 #include <gtest/gtest.h>
@@ -145,9 +145,9 @@ TEST(PipeWireNaming, findsTheLatencyOfANetworkNode)
         EXPECT_DOUBLE_EQ(pipeWireNetworkSeconds({row.node, nullptr}), row.seconds) << row.why;
 }
 
-TEST(PipeWireVolume, showsCubeRootsAndMovesAllChannelsInBalance)
+TEST(HALVolume, showsCubeRootsAndMovesAllChannelsInBalance)
 {
-    PipeWireVolume volume;
+    HALVolume volume;
     EXPECT_EQ(volume.mainScalar(), std::nullopt);
     volume.setAmplitudes({0.125F, 0.001F, 8.0F});
     EXPECT_EQ(volume.mainScalar(), 1.0F) << "louder than full reads as full";

@@ -53,6 +53,9 @@ FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
       _partsPerMillion(cardOptions.partsPerMillion),
       _wireChannels(std::max(options.playback, options.capture)), _wires(options.pcmCount)
 {
+    isBusy = options.isBusy;
+    controls[0].name = options.volumeNames[0];
+    controls[2].name = options.volumeNames[1];
     for (Wire& wire : _wires) {
         wire.samples.resize(wireFrames * _wireChannels);
         wire.frames.assign(wireFrames, -1);
@@ -127,7 +130,8 @@ void FakedCard::record(unsigned pcm, int64_t frame, char* samples, unsigned chan
 
 template <size_t size> void FakedCard::_text(unsigned char (&to)[size], const std::string& from) const
 {
-    std::memset(to, options.isHostile ? 0xFE : 0, size);
+    std::memset(to, 0, size);
+    std::memset(to, 0xFE, options.isHostile ? size - 1 : 0);
     if (!options.isHostile)
         std::memcpy(to, from.data(), std::min(from.size(), size - 1));
 }
@@ -138,8 +142,10 @@ void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
     id.numid = control;
     id.iface = controls[control - 1].interface;
     _text(id.name, controls[control - 1].name);
-    if (options.isHostile) // an ending that a program looks for, and no end
-        std::memcpy(id.name + sizeof id.name - 16, "\xFEPlayback Volume", 16);
+    if (options.isHostile) // an ending that programs look for; no two are equal
+        std::memcpy(id.name + sizeof id.name - 17, "\xFEPlayback Volume", 16);
+    if (options.isHostile)
+        id.name[0] = static_cast<unsigned char>(control);
 }
 
 unsigned FakedCard::_find(const snd_ctl_elem_id& id) const
@@ -251,7 +257,7 @@ int FakedCard::ioctl(unsigned long request, void* argument, unsigned& changed)
         return 0;
     case SNDRV_CTL_IOCTL_ELEM_LIST: {
         auto& list = *static_cast<snd_ctl_elem_list*>(argument);
-        list.count = options.isHostile ? 4'000'000'000U : static_cast<unsigned>(controls.size());
+        list.count = static_cast<unsigned>(controls.size());
         list.used = 0;
         for (unsigned i = list.offset; i < controls.size() && list.used < list.space; ++i)
             name(i + 1, list.pids[list.used++]);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -19,6 +20,9 @@ struct FakedCardOptions {
     unsigned playback = 2, capture = 2; ///< channels of each PCM; 0: no such direction
     std::vector<unsigned> rates{44100, 48000, 96000};
     std::vector<FakedFormat> formats{FakedFormat::S16, FakedFormat::S32, FakedFormat::S24Packed};
+    /// Of its first control, and the third.
+    std::array<const char*, 2> volumeNames{"Master Playback Volume", "Capture Volume"};
+    bool isBusy = false;                        ///< as setBusy()
     unsigned minPeriod = 16, maxBuffer = 65536; ///< frames
     double partsPerMillion = 0.0;               ///< how much faster than nominal
     unsigned granularity = 1;                   ///< frames by which its position moves
@@ -27,7 +31,7 @@ struct FakedCardOptions {
     bool mapsSamples = true;                    ///< false: samples go by read and write alone
     bool hasStamps = true;                      ///< false: its time stamps are 0
     bool canLink = true;
-    bool isHostile = false; ///< texts of any bytes without an end, controls that cannot be
+    bool isHostile = false; ///< texts of any bytes, lists without an end, controls that cannot be
 };
 
 /// Sound cards in place of the kernel's, for this process. The unmodified alsa-lib runs above them: a program linked with

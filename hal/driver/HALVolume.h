@@ -4,14 +4,13 @@
 #include <optional>
 #include <vector>
 
-/// The volume of one direction of a device between two ways to say it: scalars per element, as sliders show
-/// them, and linear amplitudes per channel, as the server has them. The scalar is the cube root of the
-/// amplitude. Element 0 is the loudest channel; writing it moves all channels and keeps their balance, also
-/// through silence.
+/// The volume of one direction of a device, in both units: scalars per element, as sliders show them, and linear
+/// amplitudes per channel, as hardware has them. The scalar is the cube root of the amplitude. Element 0 is the loudest
+/// channel; writing it moves all channels and keeps their balance, also through silence.
 /// Threads: a value; one thread at a time.
-class PipeWireVolume {
+class HALVolume {
 public:
-    /// What the server has now.
+    /// What the hardware has now.
     void setAmplitudes(const std::vector<float>& amplitudes);
     const std::vector<float>& amplitudes() const noexcept { return _amplitudes; }
 

@@ -1,4 +1,4 @@
-#include "PipeWireVolume.h"
+#include "HALVolume.h"
 
 #include <algorithm>
 #include <cmath>
@@ -21,7 +21,7 @@ double cube(float scalar)
 
 } // namespace
 
-void PipeWireVolume::setAmplitudes(const std::vector<float>& amplitudes)
+void HALVolume::setAmplitudes(const std::vector<float>& amplitudes)
 {
     const auto loudest = std::ranges::max_element(amplitudes);
     if (amplitudes.size() != _amplitudes.size())
@@ -33,14 +33,14 @@ void PipeWireVolume::setAmplitudes(const std::vector<float>& amplitudes)
     _amplitudes = amplitudes;
 }
 
-std::optional<float> PipeWireVolume::mainScalar() const
+std::optional<float> HALVolume::mainScalar() const
 {
     if (_amplitudes.empty())
         return std::nullopt;
     return scalarOf(*std::ranges::max_element(_amplitudes));
 }
 
-std::vector<std::optional<float>> PipeWireVolume::channelScalars() const
+std::vector<std::optional<float>> HALVolume::channelScalars() const
 {
     std::vector<std::optional<float>> scalars;
     for (const float amplitude : _amplitudes)
@@ -48,7 +48,7 @@ std::vector<std::optional<float>> PipeWireVolume::channelScalars() const
     return scalars;
 }
 
-std::vector<float> PipeWireVolume::amplitudesAfter(uint32_t element, float scalar) const
+std::vector<float> HALVolume::amplitudesAfter(uint32_t element, float scalar) const
 {
     std::vector<float> after = _amplitudes;
     if (element == 0) {
