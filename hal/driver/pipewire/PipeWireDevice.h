@@ -1,10 +1,10 @@
 #pragma once
 
 #include "HALDeviceDriver.h"
+#include "HALVolume.h"
 #include "PipeWireDeviceIO.h"
 #include "PipeWireMirror.h"
 #include "PipeWireTimeline.h"
-#include "HALVolume.h"
 
 #include <array>
 #include <memory>
@@ -55,10 +55,7 @@ public:
     PipeWireNode* node(HALDirection direction) const;
     std::optional<VolumePlace> volumePlace(HALDirection direction) const;
     /// As last described.
-    const HALVolume& volume(HALDirection direction) const
-    {
-        return _volumes[static_cast<size_t>(direction)];
-    }
+    const HALVolume& volume(HALDirection direction) const { return _volumes[static_cast<size_t>(direction)]; }
     /// The card's sub-device behind the direction; nothing without a card that has routes.
     std::optional<uint32_t> cardDevice(HALDirection direction) const;
     PipeWireCard* card() const { return _mirror.card(_parts.card); }
@@ -102,5 +99,5 @@ private:
     const Parts _parts;
     const std::string _uid;
     const std::array<std::string, 2> _nodeNames; // by direction
-    std::array<HALVolume, 2> _volumes;      // by direction
+    std::array<HALVolume, 2> _volumes;           // by direction
 };
