@@ -14,6 +14,7 @@ play Loop-back "PCM 1" "PCM 1" 1024 alsa
 play Loop-back "PCM 1" "PCM 1" 512 alsa
 play "Loop-back, two devices" "PCM 2" "PCM 1" 512 alsa
 play "HD audio" HDA HDA 1024 alsa
+play "HD audio" HDA HDA 2048 alsa
 play "HD audio, output" "" HDA 1024 alsa
 play USB "" "QEMU USB" 1024 alsa
 exit $bad

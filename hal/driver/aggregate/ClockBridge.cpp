@@ -120,7 +120,7 @@ void ClockBridge::_readBlock(const HALStreamBlock& block, uint32_t firstChannel,
 
 void ClockBridge::_publish() noexcept
 {
-    _partsPerMillion.store((_controller.ratio() - 1.0) * 1e6, std::memory_order_relaxed);
+    _partsPerMillion.store((_controller.clockRatio() - 1.0) * 1e6, std::memory_order_relaxed);
     _levelFrames.store(_controller.level(), std::memory_order_relaxed);
     _delayFrames.store(_controller.delay(), std::memory_order_relaxed);
     _resynchronisations.store(_controller.resynchronisations(), std::memory_order_relaxed);

@@ -34,7 +34,7 @@ public:
               uint32_t frameCount) noexcept CX_REALTIME;
 
     struct Status {
-        double partsPerMillion = 0.0; ///< how much faster than nominal frames are read, per frame of output
+        double partsPerMillion = 0.0; ///< how much faster than nominal the writer runs, against the reader
         double levelFrames = 0.0;     ///< of the ring, after the reading position
         double delayFrames = 0.0;     ///< that is held, in frames of the writer
         uint32_t resynchronisations = 0;

@@ -123,7 +123,7 @@ double DriftController::delay() const noexcept
 
 double DriftController::_wantedRatio() const noexcept
 {
-    return _nominalRatio * _writer.rateRatio() / _reader.rateRatio();
+    return _nominalRatio * clockRatio();
 }
 
 double DriftController::_error(double target) const noexcept

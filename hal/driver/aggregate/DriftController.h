@@ -58,8 +58,10 @@ public:
 
     // -- Status
 
-    /// Input frames per output frame, over the nominal ratio.
+    /// Input frames per output frame, over the nominal ratio: the clocks', and what pulls the delay to where it is held.
     double ratio() const noexcept CX_REALTIME { return _walk.step / _nominalRatio; }
+    /// How much faster than nominal the writer's clock runs, against the reader's.
+    double clockRatio() const noexcept CX_REALTIME { return _writer.rateRatio() / _reader.rateRatio(); }
     /// Frames between the reading position and the end of what was written, at the last plan.
     double level() const noexcept CX_REALTIME { return _level; }
     /// The delay that is held, in the writer's frames.

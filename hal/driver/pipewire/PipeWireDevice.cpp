@@ -1,7 +1,6 @@
 #include "PipeWireDevice.h"
 
 #include "PipeWireNaming.h"
-#include "PipeWireRun.h"
 
 #include <algorithm>
 #include <cmath>
@@ -314,7 +313,7 @@ std::vector<AudioValueRange> PipeWireDevice::_sampleRates(const PipeWireClockSet
 
 PipeWireClockSeen PipeWireDevice::_runningClock() const
 {
-    for (const PipeWireRun* run : runs)
+    for (const PipeWireDeviceRun* run : runs)
         if (run->clock().rate > 0.0)
             return run->clock();
     return {};
@@ -323,7 +322,7 @@ PipeWireClockSeen PipeWireDevice::_runningClock() const
 bool PipeWireDevice::_isStalled() const
 {
     return !runs.empty() &&
-           std::ranges::all_of(runs, [this](const PipeWireRun* run) { return run->isStalled(*this); });
+           std::ranges::all_of(runs, [this](const PipeWireDeviceRun* run) { return run->isStalled(*this); });
 }
 
 double PipeWireDevice::_nominalRate(const PipeWireClockSettings& settings,

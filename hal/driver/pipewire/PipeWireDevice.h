@@ -11,7 +11,23 @@
 #include <optional>
 #include <string>
 
-class PipeWireRun;
+class PipeWireDevice;
+
+/// IO that a device takes part in, as the device sees it.
+/// Threads: the loop's.
+class PipeWireDeviceRun {
+public:
+    virtual const PipeWireDeviceIO::WantedTiming& wantedTiming() const noexcept = 0;
+    /// Asks the graph for another rate or cycle length.
+    virtual void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted) = 0;
+    virtual void deviceChanged(const PipeWireDevice& device) = 0; ///< its ports may have changed
+    virtual void deviceDisappears(const PipeWireDevice& device) = 0;
+    virtual bool isStalled(const PipeWireDevice& device) const = 0;
+    virtual PipeWireClockSeen clock() const noexcept = 0;
+
+protected:
+    ~PipeWireDeviceRun() = default;
+};
 
 /// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its
 /// IO. The monitor of a sink is a device of its own, hidden and without a volume.
@@ -76,9 +92,9 @@ public:
     std::optional<double> wantedRate;         ///< Hz, chosen by a client of ours
     std::optional<uint32_t> wantedFrameCount; ///< chosen by a client of ours
     PipeWireTimeline timeline;
-    std::vector<PipeWireRun*> runs; ///< of its own and of groups; not owned
-    bool isEndingIO = false;        ///< the node still says that it runs, because of us
-    void leaveRun(const PipeWireRun& run) { std::erase(runs, &run); }
+    std::vector<PipeWireDeviceRun*> runs; ///< of its own and of groups; not owned
+    bool isEndingIO = false;              ///< the node still says that it runs, because of us
+    void leaveRun(const PipeWireDeviceRun& run) { std::erase(runs, &run); }
 
 private:
     std::vector<AudioValueRange> _sampleRates(const PipeWireClockSettings& settings) const;

@@ -5,13 +5,13 @@
 /// Devices of one graph that run in one cycle.
 class PipeWireDeviceDriver::Group final : public HALGroupIO {
 public:
-    explicit Group(CXRef<PipeWireDriver> owner) : _owner(std::move(owner)) {}
+    explicit Group(CXRef<PipeWireRequests> requests) : _requests(std::move(requests)) {}
 
     HALStatus start(std::span<const HALGroupMember> members, const CXRef<HALIOProcTable>& table,
                     HALDeadline deadline)
     {
         const std::vector<HALGroupMember> all(members.begin(), members.end());
-        return _owner->carryOut(
+        return _requests->carryOut(
             [number = _number, all, table, deadline](PipeWireHardware& hardware, const Reply& reply) {
                 hardware.startTogether(number, all, table, deadline, reply);
             },
@@ -21,7 +21,7 @@ public:
     HALStatus setMember(size_t place, const CXRef<HALDeviceDriver>& device,
                         const CXRef<HALIOProcTable>& table) override
     {
-        return _owner->carryOut(
+        return _requests->carryOut(
             [number = _number, place, device, table](PipeWireHardware& hardware, const Reply& reply) {
                 hardware.setGroupMember(number, place, device, table, reply);
             },
@@ -30,9 +30,9 @@ public:
 
     void stop() override
     {
-        _owner->carryOut([number = _number](PipeWireHardware& hardware,
-                                            const Reply& reply) { hardware.stopTogether(number, reply); },
-                         HALDeadline::max());
+        _requests->carryOut([number = _number](PipeWireHardware& hardware,
+                                               const Reply& reply) { hardware.stopTogether(number, reply); },
+                            HALDeadline::max());
     }
 
 private:
@@ -42,22 +42,21 @@ private:
         return ++last;
     }
 
-    const CXRef<PipeWireDriver> _owner;
+    const CXRef<PipeWireRequests> _requests;
     const uint64_t _number = nextNumber();
 };
 
-CXRef<PipeWireDeviceDriver> PipeWireDeviceDriver::initWithDevice(PipeWireDevice& device,
-                                                                 CXRef<PipeWireDriver> owner)
+CXRef<PipeWireDeviceDriver> PipeWireDeviceDriver::init(CXRef<PipeWireRequests> requests)
 {
-    return CXRef<PipeWireDeviceDriver>::adopt(new PipeWireDeviceDriver(device, std::move(owner)));
+    return CXRef<PipeWireDeviceDriver>::adopt(new PipeWireDeviceDriver(std::move(requests)));
 }
 
 HALStatus PipeWireDeviceDriver::_carryOut(const Work& work, HALDeadline deadline)
 {
-    return _owner->carryOut(
+    return _requests->carryOut(
         [self = CXRef(this), work](PipeWireHardware& hardware, const Reply& reply) {
-            if (self->_device)
-                work(hardware, *self->_device, reply);
+            if (PipeWireDevice* const device = hardware.deviceOf(self.get()))
+                work(hardware, *device, reply);
             else
                 reply->finish(kAudioHardwareBadDeviceError);
         },
@@ -131,7 +130,7 @@ HALStatus PipeWireDeviceDriver::startTogether(std::span<const HALGroupMember> me
                                               const CXRef<HALIOProcTable>& table, HALDeadline deadline,
                                               CXRef<HALGroupIO>& group)
 {
-    const auto started = CXRef<Group>::adopt(new Group(_owner));
+    const auto started = CXRef<Group>::adopt(new Group(_requests));
     const HALStatus status = started->start(members, table, deadline);
     if (status)
         started->stop(); // a server that only hangs would start it later

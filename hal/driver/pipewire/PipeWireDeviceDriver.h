@@ -1,18 +1,14 @@
 #pragma once
 
-#include "PipeWireDriver.h"
+#include "PipeWireRequests.h"
 
 class PipeWireDevice;
 
 /// The driver of one device of the server: hands every request to the loop.
-/// Threads: as HALDeviceDriver; device() and forgetDevice() on the loop's.
+/// Threads: as HALDeviceDriver.
 class PipeWireDeviceDriver final : public HALDeviceDriver {
 public:
-    static CXRef<PipeWireDeviceDriver> initWithDevice(PipeWireDevice& device, CXRef<PipeWireDriver> owner);
-
-    /// Null when the device has gone.
-    PipeWireDevice* device() const noexcept { return _device; }
-    void forgetDevice() noexcept { _device = nullptr; }
+    static CXRef<PipeWireDeviceDriver> init(CXRef<PipeWireRequests> requests);
 
     HALStatus chooseAsDefault(HALDefault which, HALDeadline deadline);
     HALStatus setNominalSampleRate(double rate, HALDeadline deadline) override;
@@ -28,17 +24,14 @@ public:
 
 private:
     class Group;
-    using Reply = PipeWireDriver::Reply;
+    using Reply = PipeWireRequests::Reply;
     using Work = CXBlock<void(PipeWireHardware&, PipeWireDevice&, const Reply&)>;
 
-    PipeWireDeviceDriver(PipeWireDevice& device, CXRef<PipeWireDriver> owner)
-        : _owner(std::move(owner)), _device(&device)
-    {}
+    explicit PipeWireDeviceDriver(CXRef<PipeWireRequests> requests) : _requests(std::move(requests)) {}
     ~PipeWireDeviceDriver() override = default;
 
     /// '!dev' when the device has gone.
     HALStatus _carryOut(const Work& work, HALDeadline deadline);
 
-    const CXRef<PipeWireDriver> _owner;
-    PipeWireDevice* _device; // the loop's
+    const CXRef<PipeWireRequests> _requests;
 };

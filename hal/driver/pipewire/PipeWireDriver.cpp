@@ -2,7 +2,6 @@
 
 #include "PipeWireDeviceDriver.h"
 #include "PipeWireDeviceIO.h"
-#include "PipeWireHardware.h"
 #include "PipeWireLoop.h"
 #include "PipeWireReply.h"
 #include "PipeWireSocketWatch.h"
@@ -42,7 +41,8 @@ void PipeWireDriver::_beginWhenReady()
 {
     if (!_hasLoop || !_sink)
         return;
-    _hardware = std::make_unique<PipeWireHardware>(*_loop, *this, *_sink, _remote);
+    PipeWireHardwareOwner& owner = *this;
+    _hardware = std::make_unique<PipeWireHardware>(*_loop, owner, *_sink, _remote);
     _hardware->connect();
 }
 
@@ -83,6 +83,11 @@ void PipeWireDriver::waitUntilEnumerated()
     std::unique_lock lock(_mutex);
     _enumerationEnded.wait_until(lock, _enumerateUntil, [this] { return _isEnumerated.load(); });
     _isEnumerated = true; // a server that hangs is waited for once
+}
+
+CXRef<HALDeviceDriver> PipeWireDriver::makeDriver()
+{
+    return PipeWireDeviceDriver::init(CXRef(this));
 }
 
 void PipeWireDriver::enumerated()

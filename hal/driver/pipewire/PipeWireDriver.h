@@ -1,6 +1,7 @@
 #pragma once
 
-#include "HALHardwareDriver.h"
+#include "PipeWireHardware.h"
+#include "PipeWireRequests.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -9,9 +10,7 @@
 #include <optional>
 #include <string>
 
-class PipeWireHardware;
 class PipeWireLoop;
-class PipeWireReply;
 
 /// The devices of a PipeWire server: sinks, sources and cards as they come and go, their volumes, routes,
 /// rates and cycle lengths, and audio through them. It follows the server through its end and its return.
@@ -19,7 +18,7 @@ class PipeWireReply;
 /// Waits:   carryOut() until its deadline, waitUntilEnumerated() for two seconds once, stop() for the loop.
 /// Fails:   without a server there are no devices, until there is one. A server that hangs makes writes
 ///          return 'what' at their deadline; reads go on returning what was last known.
-class PipeWireDriver final : public HALHardwareDriver {
+class PipeWireDriver final : public PipeWireRequests, PipeWireHardwareOwner {
 public:
     /// `remote` is a remote name or the path of a server's socket; nothing means the user's own server, found
     /// as every client of PipeWire finds it.
@@ -31,19 +30,15 @@ public:
     std::string unavailableReason() const override;
     HALStatus chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline) override;
 
-    using Reply = CXRef<PipeWireReply>;
-    using Work = CXBlock<void(PipeWireHardware&, const Reply&)>;
-    /// Has the loop carry `work` out and waits for its reply; not inside a cycle, which must not wait.
-    HALStatus carryOut(const Work& work, HALDeadline deadline);
-    /// From the loop: there is a server now, or none any more.
-    void serverFound(bool isFound) { _hasServer = isFound; }
-    /// From the loop: the devices that were there at the beginning are reported, or there is no server.
-    void enumerated();
+    HALStatus carryOut(const Work& work, HALDeadline deadline) override;
 
 private:
     explicit PipeWireDriver(const std::optional<std::string>& remote);
     ~PipeWireDriver() override;
 
+    CXRef<HALDeviceDriver> makeDriver() override;
+    void serverFound(bool isFound) override { _hasServer = isFound; }
+    void enumerated() override;
     void _beginWhenReady();
 
     const std::optional<std::string> _remote;

@@ -11,15 +11,9 @@ bool areClose(const std::vector<float>& a, const std::vector<float>& b)
     return std::ranges::equal(a, b, [](float x, float y) { return std::abs(x - y) <= 1e-5F; });
 }
 
-/// Null when the device is absent or has gone.
-PipeWireDevice* deviceOf(const CXRef<HALDeviceDriver>& driver)
-{
-    return driver ? static_cast<PipeWireDeviceDriver&>(*driver).device() : nullptr;
-}
-
 } // namespace
 
-PipeWireHardware::PipeWireHardware(PipeWireLoop& loop, PipeWireDriver& owner, HALDriverSink& sink,
+PipeWireHardware::PipeWireHardware(PipeWireLoop& loop, PipeWireHardwareOwner& owner, HALDriverSink& sink,
                                    const std::optional<std::string>& remote)
     : _owner(owner), _sink(sink), _session(loop, *this, remote), _mirror(_session, *this),
       _devices(loop, _mirror, *this), _runs(loop, _session, _mirror, *this)
@@ -115,7 +109,7 @@ void PipeWireHardware::portAppeared(uint32_t /*nodeID*/)
 
 void PipeWireHardware::deviceAppeared(PipeWireDevice& device)
 {
-    device.driver = PipeWireDeviceDriver::initWithDevice(device, CXRef(&_owner));
+    device.driver = _owner.makeDriver();
     _sink.deviceAdded(device.driver, device.describe(_settings));
     // One that was kept back may have been the default all along.
     defaultsChanged();
@@ -131,7 +125,14 @@ void PipeWireHardware::deviceDisappears(PipeWireDevice& device)
 {
     _runs.deviceDisappears(device);
     _sink.deviceRemoved(*device.driver);
-    static_cast<PipeWireDeviceDriver&>(*device.driver).forgetDevice();
+}
+
+PipeWireDevice* PipeWireHardware::deviceOf(const HALDeviceDriver* driver) const
+{
+    const std::vector<PipeWireDevice*> all = _devices.all();
+    const auto found =
+        std::ranges::find(all, driver, [](const PipeWireDevice* each) { return each->driver.get(); });
+    return !driver || found == all.end() ? nullptr : *found;
 }
 
 void PipeWireHardware::_publish(PipeWireDevice& device)
@@ -158,8 +159,8 @@ void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> sho
 void PipeWireHardware::_finishWhen(const PipeWireDevice& device, const Reply& reply,
                                    std::function<bool(const PipeWireDevice&)> shows)
 {
-    _finishWhen(reply, [driver = device.driver, shows = std::move(shows)] {
-        const PipeWireDevice* now = deviceOf(driver);
+    _finishWhen(reply, [this, driver = device.driver, shows = std::move(shows)] {
+        const PipeWireDevice* now = deviceOf(driver.get());
         return !now || shows(*now);
     });
 }
@@ -200,7 +201,8 @@ void PipeWireHardware::_finishWhenRuns(PipeWireDevice& device, const Reply& repl
         return reply->finish(kAudioHardwareNoError);
     }
     _finishWhen(device, reply, [shows](const PipeWireDevice& now) {
-        return std::ranges::all_of(now.runs, [&](const PipeWireRun* run) { return shows(run->clock()); });
+        return std::ranges::all_of(now.runs,
+                                   [&](const PipeWireDeviceRun* run) { return shows(run->clock()); });
     });
 }
 
@@ -288,7 +290,7 @@ void PipeWireHardware::startTogether(uint64_t groupNumber, const std::vector<HAL
 {
     std::vector<PipeWireRun::Member> all;
     for (const HALGroupMember& member : members) {
-        PipeWireDevice* device = deviceOf(member.device);
+        PipeWireDevice* device = deviceOf(member.device.get());
         if (!device && member.device)
             return reply->finish(kAudioHardwareBadDeviceError);
         if (member.inputChannels.size() > 1 || member.outputChannels.size() > 1)
@@ -306,7 +308,7 @@ void PipeWireHardware::setGroupMember(uint64_t groupNumber, size_t place,
                                       const CXRef<HALDeviceDriver>& driver,
                                       const CXRef<HALIOProcTable>& table, const Reply& reply)
 {
-    PipeWireDevice* device = deviceOf(driver);
+    PipeWireDevice* device = deviceOf(driver.get());
     if (!device && driver)
         return reply->finish(kAudioHardwareBadDeviceError);
     reply->finish(_runs.setGroupMember(groupNumber, place, device, table));

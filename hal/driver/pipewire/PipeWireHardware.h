@@ -1,6 +1,6 @@
 #pragma once
 
-#include "PipeWireDeviceDriver.h"
+#include "HALHardwareDriver.h"
 #include "PipeWireDeviceList.h"
 #include "PipeWireMirror.h"
 #include "PipeWireReply.h"
@@ -13,6 +13,20 @@
 #include <string>
 #include <vector>
 
+/// Callback interface of the hardware's owner. Called on the loop's thread.
+class PipeWireHardwareOwner {
+public:
+    /// What the model will know a device by.
+    virtual CXRef<HALDeviceDriver> makeDriver() = 0;
+    /// There is a server now, or none any more.
+    virtual void serverFound(bool isFound) = 0;
+    /// The devices that were there at the beginning are reported, or there is no server.
+    virtual void enumerated() = 0;
+
+protected:
+    ~PipeWireHardwareOwner() = default;
+};
+
 /// The loop's half of the driver: reports devices as the server has them, and carries out what clients ask.
 /// Every write finishes its reply, at once when there is nothing to wait for.
 /// Threads: the loop's.
@@ -21,13 +35,15 @@ class PipeWireHardware final : PipeWireSessionClient,
                                PipeWireDeviceListClient,
                                PipeWireRunsClient {
 public:
-    PipeWireHardware(PipeWireLoop& loop, PipeWireDriver& owner, HALDriverSink& sink,
+    PipeWireHardware(PipeWireLoop& loop, PipeWireHardwareOwner& owner, HALDriverSink& sink,
                      const std::optional<std::string>& remote);
     ~PipeWireHardware();
     PipeWireHardware(const PipeWireHardware&) = delete;
     PipeWireHardware& operator=(const PipeWireHardware&) = delete;
 
     void connect() { _session.connect(); }
+    /// Null when the device is absent or has gone.
+    PipeWireDevice* deviceOf(const HALDeviceDriver* driver) const;
 
     using Reply = CXRef<PipeWireReply>;
     void setNominalSampleRate(PipeWireDevice& device, double rate, const Reply& reply);
@@ -88,7 +104,7 @@ private:
     void _finishWhenRuns(PipeWireDevice& device, const Reply& reply,
                          const std::function<bool(const PipeWireClockSeen&)>& shows);
 
-    PipeWireDriver& _owner;
+    PipeWireHardwareOwner& _owner;
     HALDriverSink& _sink;
     PipeWireSession _session;
     PipeWireMirror _mirror;

@@ -1,7 +1,5 @@
 #include "PipeWireRun.h"
 
-#include "PipeWireDevice.h"
-
 #include <algorithm>
 
 namespace {

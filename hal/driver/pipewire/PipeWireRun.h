@@ -1,7 +1,6 @@
 #pragma once
 
-#include "PipeWireDeviceIO.h"
-#include "PipeWireMirror.h"
+#include "PipeWireDevice.h"
 #include "PipeWireReply.h"
 
 #include <chrono>
@@ -9,14 +8,12 @@
 #include <optional>
 #include <vector>
 
-class PipeWireDevice;
-
 /// IO of one device or of a group, from its start to its stop. While it is to run it does: a link or the node
 /// that another client has destroyed, suspended or paused is made anew, 20 ms later at first and at least
 /// once a second while that fails. That is reported as an overload; a member that gets no cycles is stalled
 /// meanwhile. One member's rate or cycle length, once asked for, is that of all members.
 /// Threads: the loop's.
-class PipeWireRun {
+class PipeWireRun final : public PipeWireDeviceRun {
 public:
     using Time = std::chrono::steady_clock::time_point;
 
@@ -50,11 +47,10 @@ public:
     // -- Changes
     /// The member at `place` has gone (null), or is there again.
     void setDevice(size_t place, PipeWireDevice* device, const CXRef<HALIOProcTable>& table);
-    /// The ports of a member may have changed.
-    void deviceChanged(const PipeWireDevice& device);
-    void deviceDisappears(const PipeWireDevice& device);
+    void deviceChanged(const PipeWireDevice& device) override;
+    void deviceDisappears(const PipeWireDevice& device) override;
     void connectionLost();
-    void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted);
+    void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted) override;
     /// The graph keeps the rate that another client forced for a while: asks for our own again.
     void restoreRate(Time now);
 
@@ -68,10 +64,10 @@ public:
 
     // -- What is known
     const std::vector<Member>& members() const noexcept { return _members; }
-    const PipeWireDeviceIO::WantedTiming& wantedTiming() const noexcept { return _wanted; }
+    const PipeWireDeviceIO::WantedTiming& wantedTiming() const noexcept override { return _wanted; }
     bool hasFailed() const noexcept { return _hasFailed; } ///< the start has, and the run is to be ended
-    bool isStalled(const PipeWireDevice& device) const;
-    PipeWireClockSeen clock() const noexcept { return _clock; }
+    bool isStalled(const PipeWireDevice& device) const override;
+    PipeWireClockSeen clock() const noexcept override { return _clock; }
 
 private:
     enum class Remedy { None, Links, Node };

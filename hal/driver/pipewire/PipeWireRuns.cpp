@@ -175,7 +175,7 @@ void PipeWireRuns::setClockSettings(const PipeWireClockSettings& settings)
 
 void PipeWireRuns::setRate(const PipeWireDevice& device, double rate)
 {
-    for (PipeWireRun* const run : device.runs) {
+    for (PipeWireDeviceRun* const run : device.runs) {
         PipeWireDeviceIO::WantedTiming wanted = run->wantedTiming();
         wanted.rate = rate;
         wanted.forcesRate = true;
@@ -185,7 +185,7 @@ void PipeWireRuns::setRate(const PipeWireDevice& device, double rate)
 
 void PipeWireRuns::setFrameCount(const PipeWireDevice& device, uint32_t frameCount)
 {
-    for (PipeWireRun* const run : device.runs) {
+    for (PipeWireDeviceRun* const run : device.runs) {
         PipeWireDeviceIO::WantedTiming wanted = run->wantedTiming();
         wanted.frameCount = frameCount;
         wanted.forcesFrameCount = true;
@@ -195,13 +195,13 @@ void PipeWireRuns::setFrameCount(const PipeWireDevice& device, uint32_t frameCou
 
 void PipeWireRuns::deviceChanged(const PipeWireDevice& device)
 {
-    for (PipeWireRun* const run : device.runs)
+    for (PipeWireDeviceRun* const run : device.runs)
         run->deviceChanged(device);
 }
 
 void PipeWireRuns::deviceDisappears(PipeWireDevice& device)
 {
-    for (PipeWireRun* const run : std::exchange(device.runs, {}))
+    for (PipeWireDeviceRun* const run : std::exchange(device.runs, {}))
         run->deviceDisappears(device);
     _runs.erase({&device, 0});
     std::erase(_ending, &device);

@@ -1,7 +1,5 @@
 #include "SimulatedDevice.h"
 
-#include "SimulatedMachine.h"
-
 #include <algorithm>
 #include <numbers>
 
@@ -32,8 +30,7 @@ public:
         const auto member = CXRefCast<SimulatedDevice>(device);
         if (member && !enter(*member))
             return kAudioHardwareIllegalOperationError;
-        if (const std::vector<CXRef<SimulatedDevice>> present = _run->presentDevices();
-            member && !present.empty())
+        if (const auto present = devicesOf(*_run); member && !present.empty())
             setCycle(*member, present.front()->state().bufferFrameSize);
         _run->setMember(place, member, table);
         _machine->scheduler.reschedule(_run);
@@ -43,7 +40,7 @@ public:
     void stop() override
     {
         _machine->scheduler.remove(_run);
-        for (const CXRef<SimulatedDevice>& member : _run->presentDevices())
+        for (const CXRef<SimulatedDevice>& member : devicesOf(*_run))
             leave(*member);
     }
 
@@ -61,6 +58,14 @@ public:
         if (own)
             _machine->scheduler.remove(own);
         return true;
+    }
+
+    static std::vector<CXRef<SimulatedDevice>> devicesOf(const SimulatedRun& run)
+    {
+        std::vector<CXRef<SimulatedDevice>> devices;
+        for (const CXRef<SimulatedRunMember>& member : run.presentMembers())
+            devices.push_back(CXRefCast<SimulatedDevice>(member));
+        return devices;
     }
 
     /// A group has one cycle length.
@@ -208,7 +213,7 @@ HALStatus SimulatedDevice::setBufferFrameSize(uint32_t frameCount, HALDeadline /
         return status;
     const CXRef<SimulatedRun> run = _run(); // of one cycle length for all
     for (const CXRef<SimulatedDevice>& other :
-         run ? run->presentDevices() : std::vector<CXRef<SimulatedDevice>>())
+         run ? Group::devicesOf(*run) : std::vector<CXRef<SimulatedDevice>>())
         if (other.get() != this)
             other->alter(set);
     return kAudioHardwareNoError;
@@ -291,7 +296,7 @@ HALStatus SimulatedDevice::startTogether(std::span<const HALGroupMember> members
     const CXRef<SimulatedRun> run = SimulatedRun::initWithGroup(members, table);
     const auto started = CXRef<Group>::adopt(new Group(_machine, run));
     const uint32_t frameCount = state().bufferFrameSize;
-    for (const CXRef<SimulatedDevice>& member : run->presentDevices()) {
+    for (const CXRef<SimulatedDevice>& member : Group::devicesOf(*run)) {
         if (!started->enter(*member)) {
             started->stop();
             return kAudioHardwareIllegalOperationError;

@@ -1,20 +1,17 @@
 #pragma once
 
-#include "HALDeviceDriver.h"
 #include "SimulatedDeviceDescription.h"
+#include "SimulatedMachine.h"
 
 #include <functional>
 #include <mutex>
 #include <random>
 
-class SimulatedMachine;
-class SimulatedRun;
-
 /// The driver of a simulated device: its description, its clock, and what happens in a cycle around the
 /// callbacks.
 /// Threads: any; the cycle's functions on the IO thread of the run that the device is in, with lock() held.
 /// Waits:   every function but those of the cycle waits for a running cycle, except on the IO thread.
-class SimulatedDevice final : public HALDeviceDriver {
+class SimulatedDevice final : public SimulatedRunMember {
 public:
     static CXRef<SimulatedDevice> initWithDescription(SimulatedDeviceDescription description,
                                                       const CXRef<SimulatedMachine>& machine);
@@ -45,21 +42,15 @@ public:
     HALStatus startTogether(std::span<const HALGroupMember> members, const CXRef<HALIOProcTable>& table,
                             HALDeadline deadline, CXRef<HALGroupIO>& group) override;
 
-    // -- For the run that it is in
-
-    std::unique_lock<std::recursive_mutex> lock() const { return std::unique_lock(_mutex); }
-    /// The first cycle is due at `firstCycleTicks`; sample time goes on where it stopped.
-    void begin(uint64_t firstCycleTicks);
-    uint64_t nextCycleTicks() const;
-    uint64_t cycleTicks() const;
-    /// The cycle that is due, with the input that the device hears.
-    HALCycle beginCycle(uint64_t lostCycles);
-    /// Runs the device's own callbacks. `isMixed`: what they play is added to the output blocks.
-    void runCallbacks(const HALCycle& cycle, bool isMixed);
-    bool hasCallbacks() const noexcept { return bool(_table); }
-    /// Plays the output blocks; the next cycle follows.
-    void endCycle();
-    void reportOverload();
+    std::unique_lock<std::recursive_mutex> lock() const override { return std::unique_lock(_mutex); }
+    void begin(uint64_t firstCycleTicks) override;
+    uint64_t nextCycleTicks() const override;
+    uint64_t cycleTicks() const override;
+    HALCycle beginCycle(uint64_t lostCycles) override;
+    void runCallbacks(const HALCycle& cycle, bool isMixed) override;
+    bool hasCallbacks() const noexcept override { return bool(_table); }
+    void endCycle() override;
+    void reportOverload() override;
 
 private:
     class Group;

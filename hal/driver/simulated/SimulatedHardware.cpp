@@ -2,7 +2,6 @@
 
 #include "HALReadInterception.h"
 #include "SimulatedDevice.h"
-#include "SimulatedMachine.h"
 #include "Utf8.h"
 
 #include <algorithm>
@@ -31,45 +30,14 @@ bool canBeDefault(const HALDeviceState& state, HALDefault which)
     return !state.isHidden && side.canBeDefault && !side.streams.empty();
 }
 
-// ---- Under the script mutex
-
-void setDefault(SimulatedMachine& machine, HALDefault which, const CXRef<SimulatedDevice>& device)
-{
-    {
-        const std::scoped_lock lock(machine.devicesMutex);
-        machine.defaults[static_cast<size_t>(which)] = device;
-    }
-    if (machine.sink)
-        machine.sink->defaultChanged(which, device.get());
-}
-
-/// Gives each vacant default to the first device that can be it.
-void electDefaults(SimulatedMachine& machine)
-{
-    for (const HALDefault which : allDefaults) {
-        CXRef<SimulatedDevice> elected;
-        {
-            const std::scoped_lock lock(machine.devicesMutex);
-            if (machine.defaults[static_cast<size_t>(which)])
-                continue;
-            const auto found = std::ranges::find_if(machine.devices, [&](const CXRef<SimulatedDevice>& each) {
-                return canBeDefault(each->state(), which);
-            });
-            if (found != machine.devices.end())
-                elected = *found;
-        }
-        if (elected)
-            setDefault(machine, which, elected);
-    }
-}
-
-void report(SimulatedMachine& machine, const CXRef<SimulatedDevice>& device)
-{
-    if (machine.sink)
-        device->setObjectID(machine.sink->deviceAdded(device, device->state()));
-}
-
 } // namespace
+
+/// The devices that are plugged in.
+struct SimulatedHardware::Plugged {
+    std::mutex mutex;                               // guards the rest; held for look-ups only
+    std::vector<CXRef<SimulatedDevice>> devices;    // in the order they came
+    std::array<CXRef<SimulatedDevice>, 3> defaults; // by HALDefault
+};
 
 CXRef<SimulatedHardware> SimulatedHardware::init(SimulatedClock clock)
 {
@@ -77,7 +45,8 @@ CXRef<SimulatedHardware> SimulatedHardware::init(SimulatedClock clock)
 }
 
 SimulatedHardware::SimulatedHardware(SimulatedClock clock)
-    : _machine(SimulatedMachine::init(clock == SimulatedClock::Stepped))
+    : _machine(SimulatedMachine::init(clock == SimulatedClock::Stepped)),
+      _plugged(std::make_unique<Plugged>())
 {}
 
 SimulatedHardware::~SimulatedHardware() = default;
@@ -88,26 +57,65 @@ void SimulatedHardware::start(HALDriverSink& sink)
     _machine->sink = &sink;
     std::vector<CXRef<SimulatedDevice>> devices;
     {
-        const std::scoped_lock lock(_machine->devicesMutex);
-        devices = _machine->devices;
+        const std::scoped_lock lock(_plugged->mutex);
+        devices = _plugged->devices;
     }
     for (const CXRef<SimulatedDevice>& device : devices)
-        report(*_machine, device);
+        _report(device);
     for (const HALDefault which : allDefaults)
-        ::setDefault(*_machine, which, _machine->defaults[static_cast<size_t>(which)]);
+        _setDefault(which, _plugged->defaults[static_cast<size_t>(which)]);
 }
 
 void SimulatedHardware::stop()
 {
     std::vector<CXRef<SimulatedDevice>> devices;
     {
-        const std::scoped_lock lock(_machine->devicesMutex);
-        devices = _machine->devices;
+        const std::scoped_lock lock(_plugged->mutex);
+        devices = _plugged->devices;
     }
     for (const CXRef<SimulatedDevice>& device : devices)
         unplug(device->uid());
     const std::scoped_lock script(_machine->scriptMutex);
     _machine->sink = nullptr;
+}
+
+// ---- Under the script mutex
+
+void SimulatedHardware::_setDefault(HALDefault which, const CXRef<SimulatedDevice>& device)
+{
+    {
+        const std::scoped_lock lock(_plugged->mutex);
+        _plugged->defaults[static_cast<size_t>(which)] = device;
+    }
+    if (_machine->sink)
+        _machine->sink->defaultChanged(which, device.get());
+}
+
+/// Gives each vacant default to the first device that can be it.
+void SimulatedHardware::_electDefaults()
+{
+    for (const HALDefault which : allDefaults) {
+        CXRef<SimulatedDevice> elected;
+        {
+            const std::scoped_lock lock(_plugged->mutex);
+            if (_plugged->defaults[static_cast<size_t>(which)])
+                continue;
+            const auto found =
+                std::ranges::find_if(_plugged->devices, [&](const CXRef<SimulatedDevice>& each) {
+                    return canBeDefault(each->state(), which);
+                });
+            if (found != _plugged->devices.end())
+                elected = *found;
+        }
+        if (elected)
+            _setDefault(which, elected);
+    }
+}
+
+void SimulatedHardware::_report(const CXRef<SimulatedDevice>& device)
+{
+    if (_machine->sink)
+        device->setObjectID(_machine->sink->deviceAdded(device, device->state()));
 }
 
 // ---- Plugging
@@ -121,14 +129,14 @@ AudioObjectID SimulatedHardware::plug(const SimulatedDeviceBuilder& builder)
     makeValid(description.state);
     const CXRef<SimulatedDevice> device =
         SimulatedDevice::initWithDescription(std::move(description), _machine);
-    report(*_machine, device);
+    _report(device);
     if (_machine->sink && device->objectID() == kAudioObjectUnknown) // an aggregate has that UID
         return kAudioObjectUnknown;
     {
-        const std::scoped_lock lock(_machine->devicesMutex);
-        _machine->devices.push_back(device);
+        const std::scoped_lock lock(_plugged->mutex);
+        _plugged->devices.push_back(device);
     }
-    electDefaults(*_machine);
+    _electDefaults();
     return device->objectID();
 }
 
@@ -139,15 +147,15 @@ bool SimulatedHardware::unplug(const std::string& uid)
         return false;
     const std::scoped_lock script(_machine->scriptMutex);
     {
-        const std::scoped_lock lock(_machine->devicesMutex);
-        std::erase(_machine->devices, device);
-        for (CXRef<SimulatedDevice>& each : _machine->defaults)
+        const std::scoped_lock lock(_plugged->mutex);
+        std::erase(_plugged->devices, device);
+        for (CXRef<SimulatedDevice>& each : _plugged->defaults)
             if (each == device)
                 each = nullptr;
     }
     if (_machine->sink)
         _machine->sink->deviceRemoved(*device);
-    electDefaults(*_machine);
+    _electDefaults();
     return true;
 }
 
@@ -183,7 +191,7 @@ bool SimulatedHardware::_setDefaults(std::initializer_list<HALDefault> which, co
     if (!device && !uid.empty())
         return false;
     for (const HALDefault each : which)
-        ::setDefault(*_machine, each, device);
+        _setDefault(each, device);
     return true;
 }
 
@@ -206,10 +214,10 @@ AudioObjectID SimulatedHardware::deviceID(const std::string& uid) const
 
 CXRef<SimulatedDevice> SimulatedHardware::_device(const std::string& uid) const
 {
-    const std::scoped_lock lock(_machine->devicesMutex);
+    const std::scoped_lock lock(_plugged->mutex);
     const auto found =
-        std::ranges::find(_machine->devices, uid, [](const auto& each) { return each->uid(); });
-    return found == _machine->devices.end() ? nullptr : *found;
+        std::ranges::find(_plugged->devices, uid, [](const auto& each) { return each->uid(); });
+    return found == _plugged->devices.end() ? nullptr : *found;
 }
 
 // ---- Faults

@@ -4,6 +4,7 @@
 #include "SimulatedDeviceBuilder.h"
 
 #include <initializer_list>
+#include <memory>
 #include <string>
 
 class SimulatedMachine;
@@ -81,5 +82,11 @@ private:
     void _interceptReads();
     bool _setDefaults(std::initializer_list<HALDefault> which, const std::string& uid);
 
+    struct Plugged;
+    void _setDefault(HALDefault which, const CXRef<SimulatedDevice>& device);
+    void _electDefaults();
+    void _report(const CXRef<SimulatedDevice>& device);
+
     const CXRef<SimulatedMachine> _machine;
+    const std::unique_ptr<Plugged> _plugged;
 };

@@ -8,7 +8,10 @@
 /// Threads: any; each part has its own rule.
 class SimulatedMachine final : public CXObject {
 public:
-    static CXRef<SimulatedMachine> init(bool isStepped);
+    static CXRef<SimulatedMachine> init(bool isStepped)
+    {
+        return CXRef<SimulatedMachine>::adopt(new SimulatedMachine(isStepped));
+    }
 
     SimulatedFaults faults;
     SimulatedScheduler scheduler;
@@ -21,11 +24,7 @@ public:
     // Which run each device is in. Held for look-ups only.
     std::mutex membershipMutex;
 
-    mutable std::mutex devicesMutex;                // what follows; held for look-ups only
-    std::vector<CXRef<SimulatedDevice>> devices;    // plugged in, in the order they came
-    std::array<CXRef<SimulatedDevice>, 3> defaults; // by HALDefault
-
 private:
-    explicit SimulatedMachine(bool isStepped);
-    ~SimulatedMachine() override;
+    explicit SimulatedMachine(bool isStepped) : scheduler(isStepped) {}
+    ~SimulatedMachine() override = default;
 };

@@ -1,10 +1,8 @@
 #include "SimulatedRun.h"
 
-#include "SimulatedDevice.h"
-
 #include <algorithm>
 
-CXRef<SimulatedRun> SimulatedRun::initWithDevice(const CXRef<SimulatedDevice>& device)
+CXRef<SimulatedRun> SimulatedRun::initWithDevice(const CXRef<SimulatedRunMember>& device)
 {
     auto run = CXRef<SimulatedRun>::adopt(new SimulatedRun);
     run->_members.push_back({device, nullptr, {}, {}});
@@ -17,8 +15,8 @@ CXRef<SimulatedRun> SimulatedRun::initWithGroup(std::span<const HALGroupMember> 
     auto run = CXRef<SimulatedRun>::adopt(new SimulatedRun);
     run->_groupTable = table;
     for (const HALGroupMember& each : members)
-        run->_members.push_back(
-            {CXRefCast<SimulatedDevice>(each.device), each.table, each.inputChannels, each.outputChannels});
+        run->_members.push_back({CXRefCast<SimulatedRunMember>(each.device), each.table, each.inputChannels,
+                                 each.outputChannels});
     return run;
 }
 
@@ -30,7 +28,7 @@ void SimulatedRun::begin(uint64_t nowTicks)
             each.device->begin(nowTicks + _leader()->cycleTicks());
 }
 
-void SimulatedRun::setMember(size_t place, const CXRef<SimulatedDevice>& device,
+void SimulatedRun::setMember(size_t place, const CXRef<SimulatedRunMember>& device,
                              const CXRef<HALIOProcTable>& table)
 {
     const std::scoped_lock lock(_mutex);
@@ -41,7 +39,7 @@ void SimulatedRun::setMember(size_t place, const CXRef<SimulatedDevice>& device,
         device->begin(due);
 }
 
-std::optional<size_t> SimulatedRun::placeOf(const SimulatedDevice& device) const
+std::optional<size_t> SimulatedRun::placeOf(const SimulatedRunMember& device) const
 {
     const std::scoped_lock lock(_mutex);
     for (size_t place = 0; _groupTable && place < _members.size(); ++place)
@@ -50,9 +48,9 @@ std::optional<size_t> SimulatedRun::placeOf(const SimulatedDevice& device) const
     return std::nullopt;
 }
 
-std::vector<CXRef<SimulatedDevice>> SimulatedRun::presentDevices() const
+std::vector<CXRef<SimulatedRunMember>> SimulatedRun::presentMembers() const
 {
-    std::vector<CXRef<SimulatedDevice>> present;
+    std::vector<CXRef<SimulatedRunMember>> present;
     const std::scoped_lock lock(_mutex);
     for (const Member& each : _members)
         if (each.device)
@@ -66,9 +64,9 @@ void SimulatedRun::end()
     _isEnded = true;
 }
 
-const CXRef<SimulatedDevice>& SimulatedRun::_leader() const
+const CXRef<SimulatedRunMember>& SimulatedRun::_leader() const
 {
-    static const CXRef<SimulatedDevice> none;
+    static const CXRef<SimulatedRunMember> none;
     const auto present = std::ranges::find_if(_members, [](const Member& each) { return bool(each.device); });
     return present == _members.end() ? none : present->device;
 }
@@ -76,14 +74,14 @@ const CXRef<SimulatedDevice>& SimulatedRun::_leader() const
 uint64_t SimulatedRun::nextCycleTicks() const
 {
     const std::scoped_lock lock(_mutex);
-    const CXRef<SimulatedDevice>& leader = _leader();
+    const CXRef<SimulatedRunMember>& leader = _leader();
     return leader && !_isEnded ? leader->nextCycleTicks() : UINT64_MAX;
 }
 
 uint64_t SimulatedRun::cycleTicks() const
 {
     const std::scoped_lock lock(_mutex);
-    const CXRef<SimulatedDevice>& leader = _leader();
+    const CXRef<SimulatedRunMember>& leader = _leader();
     return leader ? leader->cycleTicks() : 0;
 }
 
@@ -110,7 +108,7 @@ void SimulatedRun::runCycle()
     ++_cycles;
     if (_groupTable)
         return _runGroup(lost);
-    const CXRef<SimulatedDevice> device = _leader();
+    const CXRef<SimulatedRunMember> device = _leader();
     const auto held = device->lock();
     if (lost > 0)
         device->reportOverload();
@@ -138,7 +136,7 @@ void SimulatedRun::_prepareGroup(uint32_t frameCount)
 void SimulatedRun::_runGroup(uint64_t lostCycles)
 {
     // A callback may unplug a member: the cycle goes on with those that it began with.
-    std::vector<CXRef<SimulatedDevice>> present(_members.size());
+    std::vector<CXRef<SimulatedRunMember>> present(_members.size());
     std::vector<std::unique_lock<std::recursive_mutex>> held;
     for (size_t place = 0; place < _members.size(); ++place)
         if ((present[place] = _members[place].device))

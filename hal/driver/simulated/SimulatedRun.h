@@ -5,7 +5,24 @@
 #include <mutex>
 #include <optional>
 
-class SimulatedDevice;
+/// A simulated device as the run sees it.
+/// Threads: the IO thread of the run, with lock() held.
+class SimulatedRunMember : public HALDeviceDriver {
+public:
+    virtual std::unique_lock<std::recursive_mutex> lock() const = 0;
+    /// The first cycle is due at `firstCycleTicks`; sample time goes on where it stopped.
+    virtual void begin(uint64_t firstCycleTicks) = 0;
+    virtual uint64_t nextCycleTicks() const = 0;
+    virtual uint64_t cycleTicks() const = 0;
+    /// The cycle that is due, with the input that the device hears.
+    virtual HALCycle beginCycle(uint64_t lostCycles) = 0;
+    /// Runs the device's own callbacks. `isMixed`: what they play is added to the output blocks.
+    virtual void runCallbacks(const HALCycle& cycle, bool isMixed) = 0;
+    virtual bool hasCallbacks() const noexcept = 0;
+    /// Plays the output blocks; the next cycle follows.
+    virtual void endCycle() = 0;
+    virtual void reportOverload() = 0;
+};
 
 /// Simulated devices that run in one cycle: one device with its own callbacks, or the members of a group.
 /// Threads: any; runCycle() on one thread at a time, the IO thread.
@@ -13,17 +30,17 @@ class SimulatedDevice;
 class SimulatedRun final : public CXObject {
 public:
     /// A device by itself.
-    static CXRef<SimulatedRun> initWithDevice(const CXRef<SimulatedDevice>& device);
+    static CXRef<SimulatedRun> initWithDevice(const CXRef<SimulatedRunMember>& device);
     /// `members` in one cycle through `table`. Absent ones have no device.
     static CXRef<SimulatedRun> initWithGroup(std::span<const HALGroupMember> members,
                                              const CXRef<HALIOProcTable>& table);
 
     /// The first cycle is due one cycle after `nowTicks`.
     void begin(uint64_t nowTicks);
-    void setMember(size_t place, const CXRef<SimulatedDevice>& device, const CXRef<HALIOProcTable>& table);
+    void setMember(size_t place, const CXRef<SimulatedRunMember>& device, const CXRef<HALIOProcTable>& table);
     /// The device's place in a group; nothing when it is no member.
-    std::optional<size_t> placeOf(const SimulatedDevice& device) const;
-    std::vector<CXRef<SimulatedDevice>> presentDevices() const;
+    std::optional<size_t> placeOf(const SimulatedRunMember& device) const;
+    std::vector<CXRef<SimulatedRunMember>> presentMembers() const;
     /// No cycle runs any callback afterwards.
     void end();
 
@@ -39,8 +56,8 @@ public:
 
 private:
     struct Member {
-        CXRef<SimulatedDevice> device; // null while absent
-        CXRef<HALIOProcTable> table;   // for its overloads
+        CXRef<SimulatedRunMember> device; // null while absent
+        CXRef<HALIOProcTable> table;      // for its overloads
         std::vector<uint32_t> inputChannels, outputChannels;
     };
 
@@ -48,7 +65,7 @@ private:
     ~SimulatedRun() override = default;
 
     // Everything below is called under the lock.
-    const CXRef<SimulatedDevice>& _leader() const;
+    const CXRef<SimulatedRunMember>& _leader() const;
     void _prepareGroup(uint32_t frameCount);
     void _runGroup(uint64_t lostCycles);
     void _reportOverload();
