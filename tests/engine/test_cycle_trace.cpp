@@ -136,7 +136,8 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
         step.change();
         settleEngine();
         EXPECT_GE(runner->sampleTime(), time) << restarts;
-        const std::vector<DXRCycleRecord> all = records();
+        std::vector<DXRCycleRecord> all = records();
+        std::erase_if(all, [](const DXRCycleRecord& each) { return each.event == Event::Cycle; });
         const DXRRunnerCounts counts = runner->counts();
         EXPECT_EQ(counts.lastRestart, step.reason);
         EXPECT_EQ(counts.restarts, ++restarts);
