@@ -406,7 +406,7 @@ TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)
 TEST(StreamBuffers, giveFramesAndChannels)
 {
     struct Steps : DXRAudioContext {
-        using DXRAudioContext::_frameCountOf, DXRAudioContext::_sampleBuffers;
+        using DXRAudioContext::_frameCountOf, DXRAudioContext::_hasStreams, DXRAudioContext::_sampleBuffers;
     };
     float samples[16] = {};
     struct {
@@ -415,6 +415,10 @@ TEST(StreamBuffers, giveFramesAndChannels)
     } five{5, {{0, 64, samples}, {2, 64, nullptr}, {2, 7, samples}, {2, 32, samples}, {1, 12, samples + 8}}};
     const auto* const list = reinterpret_cast<const AudioBufferList*>(&five);
     EXPECT_EQ(Steps::_frameCountOf(list), 4U);
+    using Streams = std::vector<uint32_t>;
+    EXPECT_TRUE(Steps::_hasStreams(list, Streams{2, 2, 2, 1})) << "one without channels is none";
+    for (const Streams& other : {Streams{2, 2, 2}, {2, 2, 2, 1, 1}, {2, 2, 1, 2}, {0, 2, 2, 2, 1}})
+        EXPECT_FALSE(Steps::_hasStreams(list, other));
     DXRChannelEntry entries[8] = {};
     Steps::_sampleBuffers(entries, 7, 3, list);
     const float* const expected[] = {nullptr, nullptr,     nullptr,     nullptr,

@@ -57,6 +57,12 @@ TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
     EXPECT_EQ(runner->sampleRate(), 0.0);
 
     unplugged("headset");
+    constexpr uint32_t max = DXRDeviceRunner::maxFrames;
+    plugged(headset().bufferFrameSizeRange(max, max).bufferFrameSize(max));
+    runner->start();
+    EXPECT_EQ(runner->frameCount(), max);
+    runner->stop();
+    unplugged("headset");
     plugged(headset());
     EXPECT_TRUE(runner->setFrameCount(64));
     EXPECT_TRUE(runner->setSampleRate(96000));
