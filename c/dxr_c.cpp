@@ -19,7 +19,6 @@
 #include <cstring>
 #include <mutex>
 #include <pthread.h>
-#include <ranges>
 #include <system_error>
 #include <tuple>
 #include <unordered_map>
@@ -443,7 +442,8 @@ struct DeviceValues {
         info.has_mute = device.hasMute();
         info.is_muted = device.isMuted();
         info.channels = device.channelCount();
-        std::ranges::copy(device.preferredStereoChannels() | std::views::take(2), info.stereo_channels);
+        const std::vector<uint32_t> stereo = device.preferredStereoChannels();
+        std::copy_n(stereo.begin(), std::min<size_t>(stereo.size(), 2), info.stereo_channels);
         info.sample_rate = device.sampleRate();
         info.volume = device.volume();
     }

@@ -10,7 +10,7 @@ DXRDeviceDescription DXRDeviceDescription::ofDevice(AudioObjectID deviceID)
     if (!description.uid)
         return description;
     for (const bool isInput : {false, true})
-        description.channelCounts[isInput ? 1 : 0] = QDLAudioDeviceChannelCount(deviceID, isInput);
+        description.channelCounts[isInput ? 0 : 1] = QDLAudioDeviceChannelCount(deviceID, isInput);
     description.transportType = QDLAudioDeviceTransportTypeFromDeviceID(deviceID);
     if (JRCoreTransportCouldBeGeneric(description.transportType)) {
         description.manufacturer = QDLAudioDeviceManufacturerFromDeviceID(deviceID);

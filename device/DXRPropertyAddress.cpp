@@ -2,41 +2,21 @@
 
 #include "CXValue.h"
 #include "DXRPropertyListener.h"
+#include "PropertyValue.h"
 
 #include <algorithm>
 #include <cstring>
 
 namespace {
 
-/// Reads exactly one Value; false, and nothing stored, for anything else.
+/// Stores the value where it can be read; `value` may be null.
 template <class Value>
 bool readValue(const AudioObjectPropertyAddress& address, AudioObjectID objectID, Value* value)
 {
-    if (objectID == kAudioObjectUnknown)
-        return false;
-    Value read{};
-    uint32_t size = sizeof read;
-    if (AudioObjectGetPropertyData(objectID, &address, 0, nullptr, &size, &read) != kAudioHardwareNoError ||
-        size != sizeof read)
-        return false;
-    if (value)
-        *value = read;
-    return true;
-}
-
-template <class Value>
-std::optional<Value> valueOf(const AudioObjectPropertyAddress& address, AudioObjectID objectID)
-{
-    Value value{};
-    return readValue(address, objectID, &value) ? std::optional(value) : std::nullopt;
-}
-
-template <class Value>
-bool writeValue(const AudioObjectPropertyAddress& address, AudioObjectID objectID, Value value)
-{
-    return objectID != kAudioObjectUnknown &&
-           AudioObjectSetPropertyData(objectID, &address, 0, nullptr, sizeof value, &value) ==
-               kAudioHardwareNoError;
+    const std::optional<Value> read = propertyValue<Value>(objectID, address);
+    if (read && value)
+        *value = *read;
+    return read.has_value();
 }
 
 /// `data` cut into Items, each made into something by `make`.
@@ -130,22 +110,22 @@ bool DXRPropertyAddress::getDouble(double* value, AudioObjectID objectID) const
 
 std::optional<uint32_t> DXRPropertyAddress::uint32ForObjectID(AudioObjectID objectID) const
 {
-    return valueOf<uint32_t>(_address, objectID);
+    return propertyValue<uint32_t>(objectID, _address);
 }
 
 std::optional<float> DXRPropertyAddress::floatForObjectID(AudioObjectID objectID) const
 {
-    return valueOf<float>(_address, objectID);
+    return propertyValue<float>(objectID, _address);
 }
 
 std::optional<double> DXRPropertyAddress::doubleForObjectID(AudioObjectID objectID) const
 {
-    return valueOf<double>(_address, objectID);
+    return propertyValue<double>(objectID, _address);
 }
 
 CXRef<CXObject> DXRPropertyAddress::objectForObjectID(AudioObjectID objectID) const
 {
-    return CXRef<CXObject>::adopt(valueOf<CXObject*>(_address, objectID).value_or(nullptr));
+    return CXRef<CXObject>::adopt(propertyValue<CXObject*>(objectID, _address).value_or(nullptr));
 }
 
 CXRef<CXObject> DXRPropertyAddress::objectForObjectID(AudioObjectID objectID, const void* data,
@@ -190,7 +170,7 @@ std::vector<uint32_t> DXRPropertyAddress::uint32ArrayForObjectID(AudioObjectID o
 
 CXRef<DXRValueRange> DXRPropertyAddress::valueRangeForObjectID(AudioObjectID objectID) const
 {
-    const auto range = valueOf<AudioValueRange>(_address, objectID);
+    const auto range = propertyValue<AudioValueRange>(objectID, _address);
     return range ? DXRValueRange::initWithRange(&*range) : nullptr;
 }
 
@@ -202,7 +182,7 @@ std::vector<CXRef<DXRValueRange>> DXRPropertyAddress::valueRangeArrayForObjectID
 
 CXRef<DXRBasicStream> DXRPropertyAddress::basicStreamForObjectID(AudioObjectID objectID) const
 {
-    const auto format = valueOf<AudioStreamBasicDescription>(_address, objectID);
+    const auto format = propertyValue<AudioStreamBasicDescription>(objectID, _address);
     return format ? DXRBasicStream::initWithDesc(&*format) : nullptr;
 }
 
@@ -215,7 +195,7 @@ DXRPropertyAddress::basicStreamArrayForObjectID(AudioObjectID objectID) const
 
 CXRef<DXRRangedStream> DXRPropertyAddress::rangedStreamForObjectID(AudioObjectID objectID) const
 {
-    const auto format = valueOf<AudioStreamRangedDescription>(_address, objectID);
+    const auto format = propertyValue<AudioStreamRangedDescription>(objectID, _address);
     return format ? DXRRangedStream::initWithDesc(&*format) : nullptr;
 }
 
@@ -228,15 +208,15 @@ DXRPropertyAddress::rangedStreamArrayForObjectID(AudioObjectID objectID) const
 
 bool DXRPropertyAddress::setUInt32(uint32_t value, AudioObjectID objectID) const
 {
-    return writeValue(_address, objectID, value);
+    return setPropertyValue(objectID, _address, value);
 }
 
 bool DXRPropertyAddress::setFloat(float value, AudioObjectID objectID) const
 {
-    return writeValue(_address, objectID, value);
+    return setPropertyValue(objectID, _address, value);
 }
 
 bool DXRPropertyAddress::setDouble(double value, AudioObjectID objectID) const
 {
-    return writeValue(_address, objectID, value);
+    return setPropertyValue(objectID, _address, value);
 }

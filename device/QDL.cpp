@@ -1,6 +1,7 @@
 #include "QDL.h"
 
 #include "CXValue.h"
+#include "PropertyValue.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -23,15 +24,6 @@ constexpr Address directed(uint32_t selector, bool input)
 {
     return {selector, input ? kAudioObjectPropertyScopeInput : kAudioObjectPropertyScopeOutput,
             kAudioObjectPropertyElementMain};
-}
-
-/// The value of a property of fixed size; `fallback` when it cannot be read whole.
-template <class Value> Value valueOr(Value fallback, AudioObjectID objectID, const Address& address)
-{
-    Value value{};
-    uint32_t size = sizeof value;
-    const HALStatus status = AudioObjectGetPropertyData(objectID, &address, 0, nullptr, &size, &value);
-    return status == kAudioHardwareNoError && size == sizeof value ? value : fallback;
 }
 
 /// Bytes of the property's value now; 0 when it cannot be read.
@@ -87,7 +79,7 @@ std::optional<std::string> stringOf(AudioObjectID objectID, uint32_t selector)
 {
     if (objectID == kAudioObjectUnknown)
         return std::nullopt;
-    return adoptString(valueOr<CXObject*>(nullptr, objectID, global(selector)));
+    return adoptString(propertyValue<CXObject*>(objectID, global(selector)).value_or(nullptr));
 }
 
 /// Has the HAL translate `input` into `output`; false when it does not.
@@ -152,20 +144,23 @@ private:
 
 AudioObjectID QDLAudioDeviceDefaultInputDeviceID()
 {
-    return valueOr<AudioObjectID>(0, kAudioObjectSystemObject,
-                                  global(kAudioHardwarePropertyDefaultInputDevice));
+    return propertyValue<AudioObjectID>(kAudioObjectSystemObject,
+                                        global(kAudioHardwarePropertyDefaultInputDevice))
+        .value_or(0);
 }
 
 AudioObjectID QDLAudioDeviceDefaultOutputDeviceID()
 {
-    return valueOr<AudioObjectID>(0, kAudioObjectSystemObject,
-                                  global(kAudioHardwarePropertyDefaultOutputDevice));
+    return propertyValue<AudioObjectID>(kAudioObjectSystemObject,
+                                        global(kAudioHardwarePropertyDefaultOutputDevice))
+        .value_or(0);
 }
 
 AudioObjectID QDLAudioDeviceDefaultSystemOutputDeviceID()
 {
-    return valueOr<AudioObjectID>(0, kAudioObjectSystemObject,
-                                  global(kAudioHardwarePropertyDefaultSystemOutputDevice));
+    return propertyValue<AudioObjectID>(kAudioObjectSystemObject,
+                                        global(kAudioHardwarePropertyDefaultSystemOutputDevice))
+        .value_or(0);
 }
 
 std::optional<std::string> QDLAudioDeviceDefaultInputDeviceUID()
@@ -221,12 +216,12 @@ std::optional<std::string> QDLAudioDeviceModelUIDFromDeviceID(AudioObjectID devi
 
 uint32_t QDLAudioDeviceTransportTypeFromDeviceID(AudioObjectID deviceID)
 {
-    return valueOr<uint32_t>(0, deviceID, global(kAudioDevicePropertyTransportType));
+    return propertyValue<uint32_t>(deviceID, global(kAudioDevicePropertyTransportType)).value_or(0);
 }
 
 bool QDLAudioDeviceIsHidden(AudioObjectID deviceID)
 {
-    return valueOr<uint32_t>(1, deviceID, global(kAudioDevicePropertyIsHidden)) != 0;
+    return propertyValue<uint32_t>(deviceID, global(kAudioDevicePropertyIsHidden)).value_or(1) != 0;
 }
 
 uint32_t QDLAudioDeviceChannelCount(AudioObjectID deviceID, bool input)
@@ -256,7 +251,8 @@ uint32_t QDLAudioDeviceStreamCount(AudioObjectID deviceID, bool input)
 
 double QDLAudioDeviceSampleRate(AudioObjectID deviceID, bool input)
 {
-    return valueOr(0.0, deviceID, directed(kAudioDevicePropertyNominalSampleRate, input));
+    return propertyValue<double>(deviceID, directed(kAudioDevicePropertyNominalSampleRate, input))
+        .value_or(0.0);
 }
 
 double QDLAudioDeviceMaximumSampleRate(bool input)
@@ -351,7 +347,7 @@ uint32_t* QDLDataSourceIDsFromDeviceID(AudioObjectID deviceID, bool input, uint3
 
 uint32_t QDLCurrentDataSourceForDeviceID(AudioObjectID deviceID, bool input)
 {
-    return valueOr<uint32_t>(0, deviceID, directed(kAudioDevicePropertyDataSource, input));
+    return propertyValue<uint32_t>(deviceID, directed(kAudioDevicePropertyDataSource, input)).value_or(0);
 }
 
 std::string QDLSourceNameFromDataSource(AudioObjectID deviceID, uint32_t sourceID, bool input)

@@ -143,10 +143,10 @@ CXPlist DXRAudioAggregateContext::_composition() const
     return aggregateComposition(_deviceID);
 }
 
-std::vector<AudioObjectID> DXRAudioAggregateContext::_devicesOfNode(const CXRef<DXRDeviceNode>& node) const
+std::vector<AudioObjectID> DXRAudioAggregateContext::_devicesOfNode(const DXRDeviceNode& node) const
 {
     std::vector<AudioObjectID> devices;
-    for (const std::string& uid : node->deviceUIDs())
+    for (const std::string& uid : node.deviceUIDs())
         devices.push_back(QDLAudioDeviceIDFromUID(uid));
     return devices;
 }

@@ -24,7 +24,7 @@ public:
 
 protected:
     const char* className() const override { return "DXRAudioAggregateContext"; }
-    std::vector<AudioObjectID> _devicesOfNode(const CXRef<DXRDeviceNode>& node) const override;
+    std::vector<AudioObjectID> _devicesOfNode(const DXRDeviceNode& node) const override;
 
 private:
     using DXRAudioContext::DXRAudioContext;

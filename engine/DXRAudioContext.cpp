@@ -1,16 +1,19 @@
 #include "DXRAudioContext.h"
 
+#include "CXDispatchTimer.h"
 #include "CXErrorAdditions.h"
 #include "CXFourCharCode.h"
 #include "DeviceClock.h"
 #include "GlobalQueue.h"
 #include "HostClock.h"
 #include "LatencyOfPart.h"
+#include "PropertyValue.h"
 #include "QDL.h"
 #include "RunnerIO.h"
 
 #include <algorithm>
 #include <alloca.h>
+#include <cmath>
 #include <cstdio>
 #include <iterator>
 
@@ -22,30 +25,13 @@ constexpr double defaultSampleRate = 44100.0;
 constexpr uint32_t maxStackEntries = 1024;
 constexpr double ticksPerSecond =
     1e9 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
+constexpr auto ringTicks =
+    static_cast<uint64_t>(0.2 * ticksPerSecond); // between two looks at an aggregate's rings
 
 constexpr AudioObjectPropertyAddress bufferFrameSize{
     kAudioDevicePropertyBufferFrameSize, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
 constexpr AudioObjectPropertyAddress nominalSampleRate{
     kAudioDevicePropertyNominalSampleRate, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-
-template <class Value>
-bool readProperty(AudioObjectID deviceID, const AudioObjectPropertyAddress& address, Value* value)
-{
-    Value read{};
-    uint32_t size = sizeof read;
-    if (AudioObjectGetPropertyData(deviceID, &address, 0, nullptr, &size, &read) != kAudioHardwareNoError ||
-        size != sizeof read)
-        return false;
-    *value = read;
-    return true;
-}
-
-template <class Value>
-bool writeProperty(AudioObjectID deviceID, const AudioObjectPropertyAddress& address, Value value)
-{
-    return AudioObjectSetPropertyData(deviceID, &address, 0, nullptr, sizeof value, &value) ==
-           kAudioHardwareNoError;
-}
 
 /// " (status 'what')".
 std::string statusText(HALStatus status)
@@ -53,7 +39,7 @@ std::string statusText(HALStatus status)
     return " (status '" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
 }
 
-/// The buffers of a list, which has as many as it says, whatever its declared bound.
+/// All buffers of a list: numberBuffers of them, more than its declaration has room for.
 std::span<const AudioBuffer> buffersOf(const AudioBufferList* list)
 {
     return {&list->buffers[0], list->numberBuffers};
@@ -104,7 +90,7 @@ DXRAudioContext::DXRAudioContext(RunnerIO& io, const CXRef<CXObject>& runner, co
     : _nodes(nodes), _viables(std::move(viables)), _queue(io.queue), _io(io), _runner(runner)
 {}
 
-// noexcept as it is, a broken promise ends the process here.
+// A failed assertion ends the process here: destructors are noexcept.
 DXRAudioContext::~DXRAudioContext() CX_UNCHECKED_QUEUE // nobody else has it any more
 {
     CX_ASSERT_SAYING(!_iocontext, "_iocontext == NULL");
@@ -147,19 +133,20 @@ bool DXRAudioContext::start()
     const HALStatus status = AudioDeviceStart(_deviceID, record->procID);
     if (status != kAudioHardwareNoError) {
         _endCallback(*record, _deviceID);
-        _stopFollowingLayouts();
+        _stopFollowing();
         return _fail(status, "cannot start");
     }
     _iocontext = record;
     if (!_startIO()) {
         _iocontext = nullptr;
         _endCallback(*record, _deviceID); // cycles are kept out, so none waits for this queue
-        _stopFollowingLayouts();
+        _stopFollowing();
         return false;
     }
     if (record->frameCount != 0)
         _converterFor(*record);  // its filter is expensive to build: not in the first cycle
     record->unsafe.fetch_sub(1); // cycles may come in
+    _followRings();
     return true;
 }
 
@@ -240,8 +227,10 @@ void DXRAudioContext::_lookAtLayouts()
         _io.onNewLayout(*this);
 }
 
-void DXRAudioContext::_stopFollowingLayouts()
+void DXRAudioContext::_stopFollowing()
 {
+    if (const CXRef<CXDispatchTimer> timer = std::exchange(_ringTimer, nullptr))
+        timer->cancel();
     for (const CXRef<DXRPropertyListener>& listener : std::exchange(_layoutListeners, {}))
         listener->stop();
 }
@@ -251,7 +240,7 @@ CXRef<DXRAudioIOContext> DXRAudioContext::_makeRecord()
     CXRef<DXRAudioIOContext> record = DXRAudioIOContext::init();
     record->unsafe.store(1); // keeps cycles out until the context is ready
     record->turn = [record, context = this] { _takeTurn(*context, *record, false); };
-    record->farewell = [record, deviceID = _deviceID] { _sayFarewell(record, deviceID); };
+    record->ending = [record, deviceID = _deviceID] { _endLater(record, deviceID); };
     return record;
 }
 
@@ -266,7 +255,7 @@ void DXRAudioContext::_listenForRate(DXRAudioIOContext& record) const
     record.rateListener->start();
 }
 
-/// Failures do not matter: cycles adapt to whatever the device runs at.
+/// Failures do not matter: cycles adapt to the format that the device runs at.
 void DXRAudioContext::_askForFormat()
 {
     const uint32_t frameCount = _io.frameCount.value();
@@ -342,7 +331,7 @@ void DXRAudioContext::stop()
         else
             record->keeper = CXRef<CXObject>(this);
     }
-    _stopFollowingLayouts();
+    _stopFollowing();
     _stopIO();
 }
 
@@ -364,13 +353,13 @@ void DXRAudioContext::_endCallback(DXRAudioIOContext& record, AudioObjectID devi
 }
 
 /// Work of the queue that a cycle leaves behind when the end of the callback has fallen to it.
-void DXRAudioContext::_sayFarewell(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID)
+void DXRAudioContext::_endLater(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID)
 {
     const auto context = CXRefCast<DXRAudioContext>(std::exchange(record->keeper, nullptr));
     const bool needsRestart = record->needsRestart;
     platform::GlobalQueue::highPriority().async([record, deviceID, context, needsRestart] {
         _endCallback(*record, deviceID);
-        // Not before: this farewell may have run at the end of the cycle, on the IO thread, which must not start a device,
+        // Not before: the work above may run at the end of the cycle, on the IO thread, which must not start a device,
         // and whose device would call the new callback in the same cycle.
         if (needsRestart)
             context->_queue->dispatchAsync([context] { context->_io.onNewLayout(*context); });
@@ -382,22 +371,26 @@ void DXRAudioContext::_sayFarewell(const CXRef<DXRAudioIOContext>& record, Audio
 
 bool DXRAudioContext::_frameCount(uint32_t* frameCount) const
 {
-    return readProperty(_deviceID, bufferFrameSize, frameCount);
+    const auto read = propertyValue<uint32_t>(_deviceID, bufferFrameSize);
+    *frameCount = read.value_or(*frameCount);
+    return read.has_value();
 }
 
 bool DXRAudioContext::_setFrameCount(uint32_t frameCount)
 {
-    return writeProperty(_deviceID, bufferFrameSize, frameCount);
+    return setPropertyValue(_deviceID, bufferFrameSize, frameCount);
 }
 
 bool DXRAudioContext::_sampleRate(double* sampleRate) const
 {
-    return readProperty(_deviceID, nominalSampleRate, sampleRate);
+    const auto read = propertyValue<double>(_deviceID, nominalSampleRate);
+    *sampleRate = read.value_or(*sampleRate);
+    return read.has_value();
 }
 
 bool DXRAudioContext::_setSampleRate(double sampleRate)
 {
-    return writeProperty(_deviceID, nominalSampleRate, sampleRate);
+    return setPropertyValue(_deviceID, nominalSampleRate, sampleRate);
 }
 
 // ---- The cycle
@@ -409,7 +402,7 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     const CXRealtimeScope realtime;
     if (!record.enter())
         return;
-    // From here to its turn the cycle has the record, and the context is there, whatever stop does.
+    // Until its turn the cycle owns the record, and the context stays alive even if stop() runs.
     constexpr double pastLast = 0x1p64;
     record.hasTime = hasSampleTime(now) && now->sampleTime >= 0.0 && now->sampleTime < pastLast;
     record.sampleTime = record.hasTime ? static_cast<uint64_t>(now->sampleTime) : 0;
@@ -437,7 +430,7 @@ void DXRAudioContext::_takeTurn(DXRAudioContext& context, DXRAudioIOContext& rec
     CX_ASSERT_ON_QUEUE(context._queue);
     const bool isClaimed = isHere || record.claimTurn();
     if (!record.leaveUnlessStopped())
-        context._queue->dispatchAsync(record.farewell);
+        context._queue->dispatchAsync(record.ending);
     else if (isClaimed && record.hasTime && context._iocontext.get() == &record)
         context._performIO(record.sampleTime, record.buffers);
     if (isClaimed && !isHere)
@@ -516,44 +509,92 @@ std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const
     if (!_iocontext || _iocontext->lastFrameCount == 0)
         return latencies;
     const SubDeviceStatuses statuses = subDeviceStatusesOf(_deviceID);
-    for (const auto& direction : _nodes) {
-        for (const CXRef<DXRDeviceNode>& node : direction) {
-            if (!_viables.contains(node))
-                continue;
-            const CyclePlacement placement = _placementOf(node->isInput(), statuses);
-            DXRDeviceLatency slowest;
-            for (const AudioObjectID device : _devicesOfNode(node)) {
-                DXRDeviceLatency latency = latencyOfPart(device, node->isInput(), placement, statuses);
-                if (latency.seconds() >= slowest.seconds())
-                    slowest = std::move(latency);
-            }
-            slowest.deviceUID = node->device()->deviceUID();
-            slowest.isInput = node->isInput();
-            latencies.push_back(std::move(slowest));
+    const std::array<CyclePlacement, 2> placements = _placements();
+    for (size_t direction = 0; direction < _nodes.size(); ++direction) {
+        for (const CXRef<DXRDeviceNode>& node : _nodes[direction]) {
+            if (_viables.contains(node))
+                latencies.push_back(_latencyOf(*node, placements[direction], statuses));
         }
     }
     return latencies;
 }
 
-std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const CXRef<DXRDeviceNode>&) const
+/// That of the slowest of the node's devices. From any thread.
+DXRDeviceLatency DXRAudioContext::_latencyOf(const DXRDeviceNode& node, CyclePlacement placement,
+                                             const SubDeviceStatuses& statuses) const
+{
+    const auto clock = std::ranges::find_if(statuses, [](const auto& status) { return status.isClock != 0; });
+    placement.clockID = clock != statuses.end() ? clock->deviceID : _deviceID;
+    DXRDeviceLatency slowest;
+    for (const AudioObjectID device : _devicesOfNode(node)) {
+        DXRDeviceLatency latency = latencyOfPart(device, node.isInput(), placement, statuses);
+        if (latency.seconds() >= slowest.seconds())
+            slowest = std::move(latency);
+    }
+    slowest.deviceUID = node.device()->deviceUID();
+    slowest.isInput = node.isInput();
+    return slowest;
+}
+
+std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const DXRDeviceNode&) const
 {
     return {_deviceID};
 }
 
-CyclePlacement DXRAudioContext::_placementOf(bool isInput, const SubDeviceStatuses& statuses) const
+/// Of the last cycle, input and output; the clock is not in it.
+std::array<CyclePlacement, 2> DXRAudioContext::_placements() const
 {
     CX_ASSERT_ON_QUEUE(_queue);
     const DXRAudioIOContext& record = *_iocontext;
-    const size_t direction = isInput ? 0 : 1;
-    CyclePlacement placement;
-    const auto clock = std::ranges::find_if(statuses, [](const auto& status) { return status.isClock != 0; });
-    placement.clockID = clock != statuses.end() ? clock->deviceID : _deviceID;
-    placement.sampleRate = record.sampleRate;
-    placement.cycleFrames = record.lastFrameCount;
-    placement.distanceFrames = record.distances[direction];
-    placement.blockFrames = _io.frameCount.value() * record.sampleRate / _io.sampleRate.value();
-    placement.placeFrames = record.blockPlaces[direction];
-    return placement;
+    std::array<CyclePlacement, 2> placements;
+    for (size_t direction = 0; direction < placements.size(); ++direction) {
+        placements[direction].sampleRate = record.sampleRate;
+        placements[direction].cycleFrames = record.lastFrameCount;
+        placements[direction].distanceFrames = record.distances[direction];
+        placements[direction].blockFrames =
+            _io.frameCount.value() * record.sampleRate / _io.sampleRate.value();
+        placements[direction].placeFrames = record.blockPlaces[direction];
+    }
+    return placements;
+}
+
+/// The time stamps of an aggregate are those of its clock device. The delays of the other parts' rings are added to the
+/// host times of their nodes' buffers.
+void DXRAudioContext::_followRings()
+{
+    if (subDeviceStatusesOf(_deviceID).size() < 2)
+        return;
+    _ringTimer = CXDispatchTimer::init();
+    _ringTimer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
+        if (const CXRef<DXRAudioContext> self = weak.lock())
+            self->_lookAtRings();
+    });
+    _ringTimer->setDispatchQueue(_queue);
+    _ringTimer->setTimeoutAbsolute(0, ringTicks);
+}
+
+/// Rings are read on another thread, so that no cycle has to wait for this queue meanwhile.
+void DXRAudioContext::_lookAtRings()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (!_iocontext || _iocontext->lastFrameCount == 0)
+        return;
+    platform::GlobalQueue::highPriority().async([self = CXRef(this), placements = _placements()] {
+        const SubDeviceStatuses statuses = subDeviceStatusesOf(self->_deviceID);
+        std::vector<std::pair<CXRef<DXRDeviceNode>, int64_t>> offsets;
+        for (const CXRef<DXRDeviceNode>& node : self->_viables) {
+            const CyclePlacement& placement = placements[node->isInput() ? 0 : 1];
+            const double seconds = secondsAfterClock(self->_latencyOf(*node, placement, statuses), placement);
+            if (!statuses.empty() && std::isfinite(seconds))
+                offsets.emplace_back(node, std::llround(seconds * ticksPerSecond));
+        }
+        self->_queue->dispatchAsync([self, offsets = std::move(offsets)] {
+            for (const auto& [node, ticks] : offsets) {
+                if (self->_ringTimer)
+                    node->setHostTimeOffset(ticks);
+            }
+        });
+    });
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.
@@ -579,7 +620,7 @@ void DXRAudioContext::_leaveForNewLayout(DXRAudioIOContext& record)
     record.needsRestart = true;
     record.keeper = CXRef<CXObject>(this);
     _iocontext = nullptr; // the callback has the record still
-    _queue->dispatchAsync(record.farewell);
+    _queue->dispatchAsync(record.ending);
 }
 
 /// Null when none is needed.

@@ -8,10 +8,12 @@
 #include "DXRDeviceNode.h"
 #include "DXRDeviceRunnerError.h"
 
+#include <array>
 #include <map>
 #include <set>
 
 class RunnerIO;
+class CXDispatchTimer;
 struct CyclePlacement;
 
 /// Runs the nodes of a runner from the IO callback of one audio device: a single device here, several as one in
@@ -21,7 +23,7 @@ struct CyclePlacement;
 ///            The cycle is on the device's IO thread and counts as work of the queue: DXRAudioIOContext says how.
 /// Real time: the cycle, but for the new converter after the device has changed its frame count or rate.
 /// Owns:      the runner, which owns it, until it is stopped and let go.
-/// Fails:     start() answers false, and the context then does nothing. A device that changes its streams stops and has
+/// Fails:     start() returns false, and the context then does nothing. A device that changes its streams stops and has
 ///            the runner start anew.
 class DXR_EXPORT DXRAudioContext : public CXObject {
 public:
@@ -77,7 +79,7 @@ protected:
     void _stopIO();
 
     /// The devices whose samples a node carries, of which the slowest counts for its latency.
-    virtual std::vector<AudioObjectID> _devicesOfNode(const CXRef<DXRDeviceNode>& node) const;
+    virtual std::vector<AudioObjectID> _devicesOfNode(const DXRDeviceNode& node) const;
 
     // -- Steps of a cycle
 
@@ -109,15 +111,18 @@ private:
         bool operator==(const Layouts& other) const = default;
     };
 
-    CyclePlacement _placementOf(bool isInput,
+    std::array<CyclePlacement, 2> _placements() const;
+    DXRDeviceLatency _latencyOf(const DXRDeviceNode& node, CyclePlacement placement,
                                 const std::vector<AudioAggregateSubDeviceStatus>& statuses) const;
+    void _followRings();
+    void _lookAtRings();
+    void _stopFollowing();
     bool _fail(HALStatus status, std::string text);
     CXRef<DXRAudioIOContext> _makeRecord();
     void _readStreams(DXRAudioIOContext& record) const;
     Layouts _readLayouts() const;
     void _followLayouts();
     void _lookAtLayouts();
-    void _stopFollowingLayouts();
     void _listenForRate(DXRAudioIOContext& record) const;
     void _askForFormat();
     struct Stamps {
@@ -127,7 +132,7 @@ private:
                           const DXRStreamBuffers& buffers) noexcept CX_REALTIME;
     static void _takeTurn(DXRAudioContext& context, DXRAudioIOContext& record, bool isHere) noexcept
         CX_REALTIME;
-    static void _sayFarewell(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID);
+    static void _endLater(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID);
     static void _endCallback(DXRAudioIOContext& record, AudioObjectID deviceID);
 
     bool _followRate(DXRAudioIOContext& record, uint64_t sampleTime, double* sampleRate) const noexcept
@@ -144,5 +149,6 @@ private:
     DXRDeviceRunnerError _error;
     Layouts _layouts; // since start()
     std::vector<CXRef<DXRPropertyListener>> _layoutListeners;
+    CXRef<CXDispatchTimer> _ringTimer; // while the device is an aggregate that runs
     CXRef<DXRAudioIOContext> _iocontext CX_OWNED_BY_QUEUE(_queue); // null while no callback is installed
 };

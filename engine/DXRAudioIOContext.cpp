@@ -8,8 +8,9 @@ using platform::Futex;
 
 namespace {
 
-// Far beyond any honest work of the queue: it is there to break a circle, when somebody waits for the hardware there.
-constexpr uint64_t patienceTicks =
+// How long a cycle waits for its turn: much longer than work of the queue takes. It ends a deadlock in which that work
+// waits for the hardware, and the hardware for this cycle.
+constexpr uint64_t turnTimeoutTicks =
     500'000'000 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
 
 } // namespace
@@ -36,7 +37,7 @@ void DXRAudioIOContext::waitForTurn(CXDispatchQueue& queue) noexcept
     if (unsafe.load() >= 2)
         _abandonTurn();
     const CXRealtimeExemption exemption("the queue is busy, and it is what keeps cycles and changes apart");
-    const uint64_t deadline = platform::HostClock::nowTicks() + patienceTicks;
+    const uint64_t deadline = platform::HostClock::nowTicks() + turnTimeoutTicks;
     for (uint32_t seen = _turn.load(); seen == Waiting || seen == Running; seen = _turn.load()) {
         const bool isInTime = Futex::wait(_turn, seen, seen == Waiting ? deadline : Futex::noDeadline);
         if (!isInTime && _abandonTurn())
@@ -75,5 +76,5 @@ bool DXRAudioIOContext::stopCycles() noexcept
 void DXRAudioIOContext::forgetWork()
 {
     turn = nullptr;
-    farewell = nullptr;
+    ending = nullptr;
 }

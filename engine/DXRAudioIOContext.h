@@ -45,8 +45,8 @@ struct DXRStreamBuffers {
 ///   - a context that is gone while a cycle uses it: until stop has run the runner keeps it, and a stop that leaves the
 ///     end to a cycle leaves the context to it too (`keeper`).
 ///
-/// A cycle that waits and whoever ends its waiting agree by `_turn`: the cycle makes it Waiting, its work Running and
-/// then Done, or the cycle's patience or stop Abandoned; Waiting is left by compare-and-swap, so by one of them. Only
+/// A cycle that waits and the thread that ends its waiting agree by `_turn`: the cycle makes it Waiting, its work Running and
+/// then Done, or the cycle's time limit or stop Abandoned; Waiting is left by compare-and-swap, so by one of them. Only
 /// work that made it Running may look at the cycle's buffers. The cycle looks for stop's mark after it has said Waiting,
 /// stop looks for Waiting after it has marked; both are sequentially consistent: at least one sees the other. While an
 /// abandoned cycle's work is under way, its mark keeps other cycles out. tests/models/io_handshake.pml goes through
@@ -100,11 +100,11 @@ private:
     /// The cycle's turn, and the end of the callback, as work of the queue. They hold this record, which they leave when
     /// forgetWork() says so.
     CXDispatchQueue::Work turn;
-    CXDispatchQueue::Work farewell;
+    CXDispatchQueue::Work ending;
 
     /// The context, while a cycle is to end its callback.
     CXRef<CXObject> keeper;
-    bool needsRestart = false; ///< whether the runner shall start anew after the farewell
+    bool needsRestart = false; ///< whether the runner starts a new context after the end of the callback
 
     /// Of a cycle: (1). False: it is over.
     bool enter() noexcept CX_REALTIME;

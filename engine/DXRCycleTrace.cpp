@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <bit>
 
-CXRef<DXRCycleTrace> DXRCycleTrace::init(uint32_t leastRecords)
+CXRef<DXRCycleTrace> DXRCycleTrace::init(uint32_t minRecords)
 {
-    const uint32_t records = std::clamp(leastRecords, 1U, mostRecords);
+    const uint32_t records = std::clamp(minRecords, 1U, maxRecords);
     return CXRef<DXRCycleTrace>::adopt(new DXRCycleTrace(std::bit_ceil(records)));
 }
 

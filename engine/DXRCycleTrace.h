@@ -41,19 +41,19 @@ struct DXRCycleRecord {
     uint64_t droppedRecords = 0; ///< how many before this one found no room
 };
 
-/// What every cycle of a runner was like, for whoever wants to know: DXRDeviceRunner::setCycleTrace(). The cycles write,
+/// A record of every cycle of a runner: DXRDeviceRunner::setCycleTrace(). The cycles write,
 /// the application reads every so often; what finds no room, since nobody read for too long, is dropped and counted.
 /// Threads:   one reads, at a time; the runner that has it writes.
 /// Real time: writing and reading; neither waits.
 class DXR_EXPORT DXRCycleTrace final : public CXObject {
 public:
     static constexpr uint32_t usualRecords = 8192; ///< ten seconds of cycles of 64 frames at 48 kHz, and some
-    static constexpr uint32_t mostRecords = 1U << 24;
+    static constexpr uint32_t maxRecords = 1U << 24;
 
-    /// Room for `leastRecords`, at least; no more than mostRecords. Allocates it all.
-    static CXRef<DXRCycleTrace> init(uint32_t leastRecords = usualRecords);
+    /// Room for `minRecords`, at least; no more than maxRecords. Allocates it all.
+    static CXRef<DXRCycleTrace> init(uint32_t minRecords = usualRecords);
 
-    /// Takes the oldest records, as many as there are and fit; answers how many.
+    /// Takes the oldest records, as many as there are and fit; returns how many.
     size_t read(std::span<DXRCycleRecord> records) noexcept CX_REALTIME;
     /// Records that found no room so far. Any thread.
     uint64_t droppedRecords() const noexcept CX_REALTIME { return _dropped.load(std::memory_order_relaxed); }

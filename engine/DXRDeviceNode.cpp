@@ -68,6 +68,7 @@ bool DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount
     if (!_buffer)
         return false;
     _channelMap = std::move(map);
+    _hostTimeOffset = 0;
     return true;
 }
 
@@ -83,7 +84,7 @@ void DXRDeviceNode::performIOWithSampleTime(uint64_t sampleTime, const DXRChanne
         copyFramesToEntries(frames, *_channelMap, samples);
     else if (_isInput)
         _buffer->mute();
-    _buffer->setHostTime(hostTime);
+    _buffer->setHostTime(hostTime != 0 ? hostTime + static_cast<uint64_t>(_hostTimeOffset) : 0);
     _callBlock(sampleTime);
 }
 

@@ -68,6 +68,8 @@ public:
     void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples,
                                  uint64_t hostTime) noexcept override CX_REALTIME;
     void stopIO();
+    /// Until it stops, the buffer's hostTime() is this many host ticks after the cycle's, before it if negative.
+    void setHostTimeOffset(int64_t ticks) noexcept { _hostTimeOffset = ticks; }
 
     /// "<DXRDeviceNode: address, input, UID>".
     std::string description() const override;
@@ -89,6 +91,7 @@ private:
     std::optional<Channels> _channelMap;
     Channels _usageMap;
     CXRef<DXRBuffer> _buffer;
+    int64_t _hostTimeOffset = 0; // host ticks
     const Channels _channels;
     CXWeak<DXRDeviceRunner> _runner;
 };

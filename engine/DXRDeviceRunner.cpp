@@ -199,6 +199,7 @@ void DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
     if (!device)
         return;
     _queue->dispatchSync([&] {
+        CX_ASSERT_ON_QUEUE(_queue);
         size_t index = notFound;
         const CXRef<DXRDeviceNode> node = _nodeForDevice(device, &index);
         if (!node || _isDefaultNode(node))

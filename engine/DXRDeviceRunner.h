@@ -44,7 +44,7 @@ public:
     using DeviceNotifier = DXRDeviceManagerNotifier::Block;
     static constexpr uint32_t maxFrames = DXRDeviceNode::maxFrames; ///< of a cycle
 
-    /// Null when cannot create a thread.
+    /// Null when no thread can be created.
     static CXRef<DXRDeviceRunner> init();
 
     // -- Frame count and rate, in effect while it runs, else as asked for
@@ -174,7 +174,7 @@ private:
     void _retryLater() CX_ON_QUEUE(_queue);
 
     const CXRef<DXRKVOHelper> _kvo;
-    // What observers were told last; written and read on the main thread.
+    // The values last reported to observers; written and read on the main thread.
     uint32_t _kvo_frameCount = 0;
     double _kvo_sampleRate = 0.0;
     std::optional<Devices> _kvo_devices;
@@ -188,9 +188,8 @@ private:
     Notifier _notifierBlock CX_OWNED_BY_QUEUE(_queue);
     const std::unique_ptr<RunnerIO> _io; // shared with the contexts
     std::atomic<bool> _running{false};
-    DXRCycleRecord::Event _contextState =
-        DXRCycleRecord::Event::ContextStopped; // what became of the last one
-    DXRDeviceNodes _nodes;                     // not changed while a context has them
+    DXRCycleRecord::Event _contextState = DXRCycleRecord::Event::ContextStopped; // of the last one
+    DXRDeviceNodes _nodes; // not changed while a context has them
     std::array<std::optional<FollowedDefault>, 2>
         _followedDefaults CX_OWNED_BY_QUEUE(_queue);            // input, output
     DeviceNotifier _defaultsNotifier CX_OWNED_BY_QUEUE(_queue); // a default device may be new to the manager

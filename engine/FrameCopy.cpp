@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr uint32_t mostPlanes = 8; // what the kernels take at once
+constexpr uint32_t maxPlanes = 8; // what the kernels take at once
 
 /// Channels of a map that move together: `count` from `first` on.
 struct Run {
@@ -41,7 +41,7 @@ public:
             ++run.count;
         if (run.entry.stride != 1)
             return true;
-        while (run.count < mostPlanes && first + run.count < _map.size() && _isPlane(first + run.count))
+        while (run.count < maxPlanes && first + run.count < _map.size() && _isPlane(first + run.count))
             ++run.count;
         if (run.count > 1)
             run.kind = Run::Kind::Planes;
@@ -116,7 +116,7 @@ void copyEntriesToFrames(const DXRChannelEntry* entries, std::span<const uint32_
             moveStream(run.entry.samples, run.entry.stride, to, frames.channelCount, run.count,
                        frames.frameCount);
         } else if (run.kind == Run::Kind::Planes) {
-            const float* planes[mostPlanes];
+            const float* planes[maxPlanes];
             for (size_t i = 0; i < run.count; ++i)
                 planes[i] = runs.entry(run.first + i).samples;
             instructionSet().samples->interleave(planes, to, static_cast<uint32_t>(run.count),
@@ -135,7 +135,7 @@ void copyFramesToEntries(const FrameBlock& frames, std::span<const uint32_t> map
             moveStream(from, frames.channelCount, run.entry.samples, run.entry.stride, run.count,
                        frames.frameCount);
         } else if (run.kind == Run::Kind::Planes) {
-            float* planes[mostPlanes];
+            float* planes[maxPlanes];
             for (size_t i = 0; i < run.count; ++i)
                 planes[i] = runs.entry(run.first + i).samples;
             instructionSet().samples->deinterleave(from, planes, static_cast<uint32_t>(run.count),

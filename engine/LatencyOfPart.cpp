@@ -81,3 +81,10 @@ DXRDeviceLatency latencyOfPart(AudioObjectID deviceID, bool isInput, const Cycle
     }
     return latency;
 }
+
+double secondsAfterClock(const DXRDeviceLatency& part, const CyclePlacement& placement)
+{
+    const double distance = (part.safetyOffsetFrames + part.cycleFrames + part.ringFrames) / part.sampleRate -
+                            placement.distanceFrames / placement.sampleRate;
+    return part.isInput ? -distance : distance;
+}

@@ -25,3 +25,7 @@ SubDeviceStatuses subDeviceStatusesOf(AudioObjectID aggregateID);
 /// The latency of a device that runs as the clock, or as another part of the aggregate with these `statuses`.
 DXRDeviceLatency latencyOfPart(AudioObjectID deviceID, bool isInput, const CyclePlacement& placement,
                                const SubDeviceStatuses& statuses);
+
+/// How many seconds later than the clock device's frames of the same cycle those of a part are at their device; negative
+/// where they are earlier, as those are that an input ring holds.
+double secondsAfterClock(const DXRDeviceLatency& part, const CyclePlacement& placement);

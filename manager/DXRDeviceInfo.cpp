@@ -14,7 +14,7 @@ bool DXRDeviceInfo::identify(AudioObjectID forDeviceID)
     _current = DXRDeviceReference::initWithDescription(_description, std::nullopt);
     for (const bool isInput : {false, true}) {
         const bool hasChannels = _current && _description.channelCount(isInput) > 0;
-        _directed[isInput ? 1 : 0] = hasChannels ? _current->deviceReferenceWithInput(isInput) : nullptr;
+        _directed[isInput ? 0 : 1] = hasChannels ? _current->deviceReferenceWithInput(isInput) : nullptr;
     }
     return wasIncomplete && !_isIncomplete;
 }

@@ -32,7 +32,7 @@ public:
     const CXRef<DXRDeviceReference>& currentReference() const noexcept { return _current; }
     const CXRef<DXRDeviceReference>& currentReference(bool isInput) const noexcept
     {
-        return _directed[isInput ? 1 : 0];
+        return _directed[isInput ? 0 : 1];
     }
     /// Takes over the description and references of `other`, and its listener.
     void adoptIdentityOf(DXRDeviceInfo& other);
@@ -45,5 +45,5 @@ private:
     bool _isIncomplete = false; // something could not be read
     DXRDeviceDescription _description;
     CXRef<DXRDeviceReference> _current;
-    std::array<CXRef<DXRDeviceReference>, 2> _directed; // output, input
+    std::array<CXRef<DXRDeviceReference>, 2> _directed; // input, output
 };

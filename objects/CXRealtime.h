@@ -29,7 +29,7 @@ public:
     static bool isChecked() noexcept;
 };
 
-/// Suspends the check on the current thread for as long as it lives: an honest exception, with its reason.
+/// Suspends the check on the current thread for as long as it lives: an exception to the rule, with its reason.
 /// Threads:   any. Exemptions nest.
 class DXR_EXPORT CXRealtimeExemption {
 public:

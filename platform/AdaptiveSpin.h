@@ -14,12 +14,12 @@ namespace platform {
 /// Real time: as `isReady`.
 class AdaptiveSpin {
 public:
-    /// Watches for at most about `mostSpins` pauses. Whether `isReady` became true.
+    /// Watches for at most about `maxSpins` pauses. Whether `isReady` became true.
     template <class Predicate> bool watch(Predicate isReady) noexcept
     {
         if (!_isWorthwhile())
             return false;
-        for (uint32_t i = 0; i < mostSpins; ++i) {
+        for (uint32_t i = 0; i < maxSpins; ++i) {
             if (isReady()) {
                 _misses = 0;
                 return true;
@@ -31,7 +31,7 @@ public:
     }
 
 private:
-    static constexpr uint32_t mostSpins = 1500;
+    static constexpr uint32_t maxSpins = 1500;
     static constexpr uint32_t missesToStop = 3;
     static constexpr uint32_t waitsPerTrial = 64;
 

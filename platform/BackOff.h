@@ -19,7 +19,7 @@ public:
     {
         for (uint32_t i = 0; i < _pauses; ++i)
             pause();
-        if (_pauses < mostPauses)
+        if (_pauses < maxPauses)
             _pauses *= 2;
     }
 
@@ -36,7 +36,7 @@ public:
     }
 
 private:
-    static constexpr uint32_t mostPauses = 96;
+    static constexpr uint32_t maxPauses = 96;
     uint32_t _pauses;
 };
 

@@ -107,7 +107,7 @@ bool DefaultsSuite::synchronize()
     return _storePending();
 }
 
-DefaultsSuite::Again DefaultsSuite::announceChanges(Retry retry)
+DefaultsWatcher::Again DefaultsSuite::announceChanges(Retry retry)
 {
     Again again = Again::Never;
     {

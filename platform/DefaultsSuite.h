@@ -3,6 +3,7 @@
 #include "CXBlock.h"
 #include "DefaultsDatabase.h"
 #include "DefaultsRows.h"
+#include "DefaultsWatcher.h"
 
 #include <cstdint>
 #include <map>
@@ -21,7 +22,7 @@ namespace platform {
 ///            disk and, for a few seconds at most, for writers in other processes.
 /// Fails:     by keeping in memory what cannot be stored, and trying again with the next update and from time
 ///            to time. Logged once, until storing succeeds again.
-class DefaultsSuite final : public CXObject {
+class DefaultsSuite final : public DefaultsWatcher::Client {
 public:
     /// The suite of that name: one object for the whole process, which lives as long as it.
     static CXRef<DefaultsSuite> suiteNamed(const std::string& name);
@@ -48,16 +49,13 @@ public:
     uint64_t addObserver(const std::string& key, CXBlock<void()> changed);
     void removeObserver(uint64_t observer);
 
-    enum class Retry { No, Yes };
-    enum class Again { Never, Soon, Later };
-    /// For the watcher: reads changes of other processes, tries again to store what could not be stored if
-    /// `retry` says so, and calls the observers of every key that changed since the last time. Returns when
-    /// to try again.
-    Again announceChanges(Retry retry);
-    /// The folder in which changes of other processes show, which need not exist; empty while there is none.
-    std::string folder();
-
 private:
+    using Again = DefaultsWatcher::Again;
+    using Retry = DefaultsWatcher::Retry;
+
+    Again announceChanges(Retry retry) override;
+    std::string folder() override;
+
     explicit DefaultsSuite(std::string name) : _database(std::move(name)) {}
     ~DefaultsSuite() override = default;
 

@@ -48,7 +48,7 @@ DefaultsWatcher::DefaultsWatcher()
     : _folders(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), _wakeUps(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {}
 
-void DefaultsWatcher::follow(const CXRef<DefaultsSuite>& suite)
+void DefaultsWatcher::follow(const CXRef<Client>& suite)
 {
     const std::lock_guard lock(_mutex);
     if (std::ranges::find(_suites, suite) != _suites.end())
@@ -70,19 +70,18 @@ void DefaultsWatcher::_serve()
 {
     Clock::time_point nextRetry = Clock::now() + retryInterval;
     for (;;) {
-        const std::vector<CXRef<DefaultsSuite>> suites = _followed();
+        const std::vector<CXRef<Client>> suites = _followed();
         const bool isTimeToRetry = Clock::now() >= nextRetry;
         if (isTimeToRetry)
             nextRetry = Clock::now() + retryInterval;
         bool hasEvents = _folders >= 0 && _wakeUps >= 0;
         bool isNeededSoon = false;
         bool isNeededLater = false;
-        for (const CXRef<DefaultsSuite>& suite : suites) {
+        for (const CXRef<Client>& suite : suites) {
             hasEvents &= _watch(suite->folder()); // before reading, so that a later change is an event
-            const DefaultsSuite::Again again =
-                suite->announceChanges(isTimeToRetry ? DefaultsSuite::Retry::Yes : DefaultsSuite::Retry::No);
-            isNeededSoon |= again == DefaultsSuite::Again::Soon;
-            isNeededLater |= again == DefaultsSuite::Again::Later;
+            const Again again = suite->announceChanges(isTimeToRetry ? Retry::Yes : Retry::No);
+            isNeededSoon |= again == Again::Soon;
+            isNeededLater |= again == Again::Later;
         }
         if (isNeededSoon)
             std::this_thread::sleep_for(soonInterval); // opening the file in vain is an event, too
@@ -109,7 +108,7 @@ bool DefaultsWatcher::_watch(const std::string& folder) const
     return true;
 }
 
-std::vector<CXRef<DefaultsSuite>> DefaultsWatcher::_followed()
+std::vector<CXRef<DefaultsWatcher::Client>> DefaultsWatcher::_followed()
 {
     const std::lock_guard lock(_mutex);
     return _suites;

@@ -25,13 +25,13 @@ DescriptorWatcher& DescriptorWatcher::shared()
 
 DescriptorWatcher::DescriptorWatcher() : _epoll(epoll_create1(EPOLL_CLOEXEC)) {}
 
-bool DescriptorWatcher::watch(int descriptor, const CXRef<Port>& port)
+bool DescriptorWatcher::watch(int descriptor, const CXRef<CXObject>& client, Readable readable)
 {
     const std::scoped_lock lock(_mutex);
     epoll_event event = eventFor(descriptor);
-    _watched.emplace(descriptor, Watched{port.get(), CXWeak<Port>(port)});
+    _watched.emplace(descriptor, Watched{client.get(), CXWeak<CXObject>(client), readable});
     if (epoll_ctl(_epoll, EPOLL_CTL_ADD, descriptor, &event) != 0) {
-        if (_watched.at(descriptor).identity == port.get())
+        if (_watched.at(descriptor).identity == client.get())
             _watched.erase(descriptor);
         return false;
     }
@@ -42,20 +42,20 @@ bool DescriptorWatcher::watch(int descriptor, const CXRef<Port>& port)
     return true;
 }
 
-void DescriptorWatcher::rearm(int descriptor, const Port& port)
+void DescriptorWatcher::rearm(int descriptor, const CXObject& client)
 {
     const std::scoped_lock lock(_mutex);
     const auto found = _watched.find(descriptor);
     epoll_event event = eventFor(descriptor);
-    if (found != _watched.end() && found->second.identity == &port)
+    if (found != _watched.end() && found->second.identity == &client)
         epoll_ctl(_epoll, EPOLL_CTL_MOD, descriptor, &event);
 }
 
-void DescriptorWatcher::forget(int descriptor, const Port& port)
+void DescriptorWatcher::forget(int descriptor, const CXObject& client)
 {
     const std::scoped_lock lock(_mutex);
     const auto found = _watched.find(descriptor);
-    if (found == _watched.end() || found->second.identity != &port)
+    if (found == _watched.end() || found->second.identity != &client)
         return;
     epoll_ctl(_epoll, EPOLL_CTL_DEL, descriptor, nullptr);
     _watched.erase(found);
@@ -67,15 +67,18 @@ void DescriptorWatcher::_serve()
         epoll_event event{};
         if (epoll_wait(_epoll, &event, 1, -1) != 1)
             continue; // interrupted
-        CXRef<Port> port;
+        CXRef<CXObject> client;
+        Readable readable = nullptr;
         {
             const std::scoped_lock lock(_mutex);
             const auto found = _watched.find(event.data.fd);
-            if (found != _watched.end())
-                port = found->second.port.lock();
+            if (found != _watched.end()) {
+                client = found->second.client.lock();
+                readable = found->second.readable;
+            }
         }
-        if (port)
-            port->send({});
+        if (client)
+            readable(*client);
         // The reference goes here, outside the lock: it may be the last, and its end calls forget().
     }
 }

@@ -9,7 +9,7 @@ namespace platform {
 
 namespace {
 
-constexpr size_t mostThreads = 8;
+constexpr size_t maxThreads = 8;
 constexpr int niceness = -10;
 
 thread_local bool servesGlobalQueue = false;
@@ -29,7 +29,7 @@ void GlobalQueue::async(Work work)
         return;
     const std::scoped_lock lock(_mutex);
     _waiting.push_back(std::move(work));
-    if (_waiting.size() > _idle && _threads < mostThreads) {
+    if (_waiting.size() > _idle && _threads < maxThreads) {
         Thread("dxr-global", [this] { _serve(); }).detach();
         ++_threads;
     }

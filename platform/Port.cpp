@@ -1,7 +1,6 @@
 #include "Port.h"
 
 #include "DescriptorWatcher.h"
-#include "PortSet.h"
 
 #include <algorithm>
 
@@ -15,7 +14,8 @@ CXRef<Port> Port::init(size_t queueLimit)
 CXRef<Port> Port::initWithDescriptor(int descriptor)
 {
     CXRef<Port> port = CXRef<Port>::adopt(new Port(1, descriptor));
-    return DescriptorWatcher::shared().watch(descriptor, port) ? port : nullptr;
+    const auto sendEmptyMessage = [](CXObject& client) { static_cast<Port&>(client).send({}); };
+    return DescriptorWatcher::shared().watch(descriptor, port, sendEmptyMessage) ? port : nullptr;
 }
 
 Port::Port(size_t queueLimit, int descriptor) : _queueLimit(queueLimit), _descriptor(descriptor) {}
@@ -28,7 +28,7 @@ Port::~Port()
 
 Port::SendResult Port::send(std::span<const std::byte> message)
 {
-    CXRef<PortSet> set;
+    CXRef<PortOwner> owner;
     {
         const std::scoped_lock lock(_mutex);
         if (_isClosed)
@@ -36,10 +36,10 @@ Port::SendResult Port::send(std::span<const std::byte> message)
         if (_messages.size() >= _queueLimit)
             return SendResult::Full;
         _messages.emplace_back(message.begin(), message.end());
-        set = _owner;
+        owner = _owner;
     }
-    if (set)
-        set->_list(*this);
+    if (owner)
+        owner->portHasMessage(*this);
     return SendResult::Sent;
 }
 
@@ -73,23 +73,23 @@ void Port::messageHandled()
         DescriptorWatcher::shared().rearm(_descriptor, *this);
 }
 
-bool Port::_join(CXRef<PortSet> set)
+bool Port::_join(CXRef<PortOwner> owner)
 {
     const std::scoped_lock lock(_mutex);
-    std::swap(_owner, set);
+    std::swap(_owner, owner);
     return !_messages.empty();
 }
 
-CXRef<PortSet> Port::_set() const
+bool Port::_belongsTo(const PortOwner& owner) const
 {
     const std::scoped_lock lock(_mutex);
-    return _owner;
+    return _owner.get() == &owner;
 }
 
-std::optional<Port::Message> Port::_take(const PortSet& set, bool& hasMore)
+std::optional<Port::Message> Port::_take(const PortOwner& owner, bool& hasMore)
 {
     const std::scoped_lock lock(_mutex);
-    if (_owner.get() != &set || _messages.empty())
+    if (_owner.get() != &owner || _messages.empty())
         return std::nullopt;
     Message message = std::move(_messages.front());
     _messages.pop_front();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CXRef.h"
+#include "PortOwner.h"
 
 #include <deque>
 #include <mutex>
@@ -50,17 +50,17 @@ private:
     Port(size_t queueLimit, int descriptor);
     ~Port() override;
 
-    /// Enters `set`, or none; whether messages wait.
-    bool _join(CXRef<PortSet> set);
-    CXRef<PortSet> _set() const;
-    /// The oldest message, if the port still belongs to `set`, and whether more wait behind it.
-    std::optional<Message> _take(const PortSet& set, bool& hasMore);
+    /// Belongs to `owner` from now on, or to none; whether messages wait.
+    bool _join(CXRef<PortOwner> owner);
+    bool _belongsTo(const PortOwner& owner) const;
+    /// The oldest message, if the port still belongs to `owner`, and whether more wait behind it.
+    std::optional<Message> _take(const PortOwner& owner, bool& hasMore);
 
     const size_t _queueLimit;
     const int _descriptor;     // -1 without one
     mutable std::mutex _mutex; // guards all below; never held together with a set's
     std::deque<Message> _messages;
-    CXRef<PortSet> _owner;
+    CXRef<PortOwner> _owner;
     CXRef<CXObject> _context;
     bool _isClosed = false;
 };

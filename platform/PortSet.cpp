@@ -49,7 +49,7 @@ std::optional<PortSet::Received> PortSet::takeMessage()
         bool hasMore = false;
         std::optional<Port::Message> message = port->_take(*this, hasMore);
         if (hasMore)
-            _list(*port);
+            portHasMessage(*port);
         if (message)
             return Received{std::move(port), std::move(*message)};
     }
@@ -80,17 +80,17 @@ bool PortSet::close()
 
 void PortSet::add(Port& port)
 {
-    if (port._join(CXRef<PortSet>(this)))
-        _list(port);
+    if (port._join(CXRef<PortOwner>(this)))
+        portHasMessage(port);
 }
 
 void PortSet::remove(Port& port)
 {
-    if (port._set().get() == this)
+    if (port._belongsTo(*this))
         port._join(nullptr); // if listed, it is dropped when its turn comes
 }
 
-void PortSet::_list(Port& port)
+void PortSet::portHasMessage(Port& port)
 {
     {
         const std::scoped_lock lock(_mutex);

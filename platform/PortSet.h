@@ -17,7 +17,7 @@ namespace platform {
 /// Threads:   waitForEvent(), takeMessage(), waitForSignal() and close() on one thread; everything else on
 ///            any.
 /// Real time: signal().
-class DXR_EXPORT PortSet final : public CXObject {
+class DXR_EXPORT PortSet final : public PortOwner {
 public:
     static CXRef<PortSet> init();
 
@@ -49,13 +49,10 @@ public:
     void remove(Port& port);
 
 private:
-    friend class Port;
-
     PortSet() = default;
     ~PortSet() override = default;
 
-    /// `port` has a message.
-    void _list(Port& port);
+    void portHasMessage(Port& port) override;
     bool _takeSignal() noexcept;
     void _raise(uint32_t bit) noexcept;
     /// Waits until one of `bits` is up; false at the deadline.

@@ -77,7 +77,7 @@ private:
 };
 
 /// Nothing but the low-pass's feedback, over as many frames as the rates ask for and up to four channels at
-/// once: each frame waits for a product and a difference of the frame before, whatever else is done, so no
+/// once: each frame waits for a product and a difference of the frame before, so no
 /// sampler with that filter takes less.
 class Feedback final : public Resampler {
 public:

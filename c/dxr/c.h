@@ -15,6 +15,7 @@
  *           their samples are due. There: no lock, no allocation, no file, no waiting, and of this header only dxr_now(),
  *           dxr_version() and dxr_error_text(); others return DXR_ERROR_THREAD. (dxr_release() works, and waits for a lock: for
  *           languages that collect garbage anywhere.) Callbacks must not throw.
+ * dlclose() does not unload the library: its threads run until the process ends.
  * fork()    ends dxr in the child of a process that has used it: functions return DXR_ERROR_FORKED. exec() is fine.
  */
 #ifndef DXR_C_H

@@ -12,7 +12,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from ._devices import Device, Direction, default, device_list, direction_number
-from ._library import ArgumentError, check, decoded, ffi, in_callback, lib, owned, release, result
+from ._library import ArgumentError, callbacks_change, check, decoded, ffi, in_callback, lib, owned, release, result
 
 Samples = NDArray[np.float32]
 
@@ -176,7 +176,8 @@ class Runner:
 
     def start(self) -> None:
         self._failure.clear()
-        check(lib.dxr_runner_start(self.handle))
+        with callbacks_change(begins=True):
+            check(lib.dxr_runner_start(self.handle))
 
     def stop(self) -> None:
         """No callback runs after it. Raises what a callback has raised."""

@@ -9,7 +9,7 @@ from collections.abc import Iterator, MutableMapping
 from dataclasses import dataclass
 from typing import Any, Literal
 
-from ._library import ArgumentError, NotFoundError, check, decoded, encoded, ffi, lib, owned, release, result, taken
+from ._library import ArgumentError, NotFoundError, callbacks_change, check, decoded, encoded, ffi, lib, owned, release, result, taken
 
 Direction = Literal["input", "output"]
 
@@ -228,7 +228,8 @@ class Changes:
 
         self._changes = changes
         self._timeout = timeout
-        self._close = weakref.finalize(self, release, result(lib.dxr_follow, note, ffi.NULL), note)
+        with callbacks_change(begins=True):
+            self._close = weakref.finalize(self, release, result(lib.dxr_follow, note, ffi.NULL), note)
 
     def __iter__(self) -> Changes:
         return self

@@ -5,9 +5,12 @@ from __future__ import annotations
 import os
 import re
 import threading
+import time
 import weakref
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from pathlib import Path
-from typing import Any, Callable
+from typing import Any
 
 import cffi
 
@@ -98,21 +101,49 @@ def taken(memory: Any) -> str:
 
 in_callback = threading.local()
 _unreleased: list[tuple[Any, Any]] = []
+_calls: list[object] = []  # under way on any thread, that begin or end callbacks
+_has_ended = False
+
+
+@contextmanager
+def callbacks_change(begins: bool) -> Iterator[None]:
+    """Around a call that begins or ends callbacks: the interpreter waits for it before it ends, and none begin after that."""
+    call = object()
+    _calls.append(call)
+    try:
+        if begins and _has_ended:
+            raise StateError("the interpreter is ending")
+        yield
+    finally:
+        _calls.remove(call)
 
 
 def release(handle: Any, kept: Any = None) -> None:
     """Releases a handle; `kept` is what its callbacks need until then. In an audio callback that would wait for itself:
     garbage that is collected there is released later, by another thread."""
     _unreleased.append((handle, kept))
-    while _unreleased and not getattr(in_callback, "depth", 0):
-        try:
-            each = _unreleased.pop()
-        except IndexError:
-            return
-        lib.dxr_release(each[0])
+    with callbacks_change(begins=False):
+        while _unreleased and not getattr(in_callback, "depth", 0):
+            try:
+                each = _unreleased.pop()
+            except IndexError:
+                return
+            lib.dxr_release(each[0])
 
 
 def owned(owner: Any, handle: Any, kept: Any = None) -> Any:
     """Releases `handle` with its owner, or before the interpreter ends: no callback comes after that."""
     weakref.finalize(owner, release, handle, kept)
     return handle
+
+
+def _end() -> None:
+    """No callback may be running, or begin, once the interpreter is taken apart: it would end the process."""
+    global _has_ended
+    _has_ended = True
+    deadline = time.monotonic() + 10.0
+    while _calls and time.monotonic() < deadline:
+        time.sleep(0.001)
+
+
+weakref.finalize(ffi, _end)  # the first to be made is the last that is called, after those of owned()

@@ -25,6 +25,19 @@ ENDS = {
     "by sys.exit": ("sys.exit(3)", 3),
     "by an exception": ("raise RuntimeError('x')", 1),
     "by a thread that goes on": ("threading.Thread(target=lambda: list(changes), daemon=True).start()", 0),
+    "by a thread that goes on starting": (
+        "def start():\n"
+        "    while True:\n"
+        "        again = dxr.Runner(48000, 32); again.add(source, tone); again.start(); more = dxr.changes()\n"
+        "threading.Thread(target=start, daemon=True).start(); time.sleep(0.05)",
+        0,
+    ),
+    "with the library closed": (  # as the interpreter does, but with time for the library's threads to run on
+        "import ctypes, _ctypes\n"
+        "library = ctypes.CDLL(os.environ.get('DXR_LIBRARY', 'libdxr.so.0.1'))._handle\n"
+        "_ctypes.dlclose(library); _ctypes.dlclose(library); time.sleep(0.2)",
+        0,
+    ),
     "with everything deleted first": ("del runner, changes, computer, output, source; gc.collect()", 0),
     "with a cycle of garbage": ("runner.me = runner; del runner; gc.collect(); time.sleep(0.05)", 0),
     "collecting garbage in the callback": (

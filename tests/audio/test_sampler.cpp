@@ -167,7 +167,7 @@ double aRate(Random& random)
     return random.between(1000.0, 200000.0);
 }
 
-// Every instruction set against the plain rules: whatever the rates, block lengths, channel counts, layouts
+// Every instruction set against the plain rules, for all rates, block lengths, channel counts, layouts
 // and places in memory, the same bits, the same state, and no touch outside the blocks.
 TEST(Sampler, givesTheReferencesBitsOnEveryInstructionSet)
 {

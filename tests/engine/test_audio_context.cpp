@@ -5,6 +5,7 @@
 #include "DXRDeviceRunner.h"
 #include "DrivenHardware.h"
 #include "HostClock.h"
+#include "RunnerIO.h"
 
 #include <gtest/gtest.h>
 
@@ -231,6 +232,26 @@ TEST_F(DXRAudioContextTest, losesACycleRatherThanWaitInACircle)
     EXPECT_EQ(calls, 2U);
 }
 
+// A cycle that waits for the queue does not hold up a stop on that queue, which must not wait for the cycle either.
+TEST_F(DXRAudioContextTest, callsAWaitingCycleAwayWhenItStops)
+{
+    RunnerIO io(runner->queue());
+    const DXRDeviceNodes nodes{{{DXRDeviceNode::nodeWithDevice(device(true), std::nullopt,
+                                                               [this](uint64_t, DXRBuffer&) { ++calls; })}}};
+    EXPECT_TRUE(isPrompt([&] {
+        io.queue->dispatchSync([&] {
+            const auto context = DXRAudioContext::initWithIO(io, nullptr, nodes, {nodes[0][0]}, {});
+            ASSERT_TRUE(context->start());
+            std::thread cycle([callback = backend().callback] { Cycle(64).run(callback); });
+            std::this_thread::sleep_for(100ms); // until it waits
+            context->stop();
+            cycle.join();
+        });
+    }));
+    settle();
+    EXPECT_EQ(calls, 0U);
+}
+
 TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
 {
     const auto heard = std::make_shared<std::atomic<int>>(0);
@@ -385,7 +406,7 @@ TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)
 TEST(StreamBuffers, giveFramesAndChannels)
 {
     struct Steps : DXRAudioContext {
-        using DXRAudioContext::_frameCountOf, DXRAudioContext::_sampleBuffers;
+        using DXRAudioContext::_frameCountOf, DXRAudioContext::_hasStreams, DXRAudioContext::_sampleBuffers;
     };
     float samples[16] = {};
     struct {
@@ -394,6 +415,10 @@ TEST(StreamBuffers, giveFramesAndChannels)
     } five{5, {{0, 64, samples}, {2, 64, nullptr}, {2, 7, samples}, {2, 32, samples}, {1, 12, samples + 8}}};
     const auto* const list = reinterpret_cast<const AudioBufferList*>(&five);
     EXPECT_EQ(Steps::_frameCountOf(list), 4U);
+    using Streams = std::vector<uint32_t>;
+    EXPECT_TRUE(Steps::_hasStreams(list, Streams{2, 2, 2, 1})) << "one without channels is none";
+    for (const Streams& other : {Streams{2, 2, 2}, {2, 2, 2, 1, 1}, {2, 2, 1, 2}, {0, 2, 2, 2, 1}})
+        EXPECT_FALSE(Steps::_hasStreams(list, other));
     DXRChannelEntry entries[8] = {};
     Steps::_sampleBuffers(entries, 7, 3, list);
     const float* const expected[] = {nullptr, nullptr,     nullptr,     nullptr,

@@ -110,6 +110,8 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
     ASSERT_TRUE(runner->setCycleTrace(trace));
     EXPECT_EQ(runner->counts().restarts, 0U) << "it does not run";
     runner->start();
+    plugged(aDevice().uid("other").outputs(2)); // is not the runner's
+    unplugged("other");
     const struct {
         std::function<void()> change;
         Restart reason;
@@ -122,15 +124,20 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
          Context::Aggregate, 2},
         {[&] { unplugged("in"); }, Restart::Devices, Context::Device, 1},
         {[&] { unplugged("out"); }, Restart::Devices, Context::Timer, 0},
+        {[&] { plugged(aDevice().uid("out").outputs(2)); }, Restart::Devices, Context::Device, 1},
+        {[&] { unplugged("out"); }, Restart::Devices, Context::Timer, 0},
         {[&] { runner->removeDevice(device("in", input)); }, Restart::Nodes, Context::Timer, 0},
     };
     uint32_t restarts = 0;
     for (const auto& step : steps) {
         hal.stepCycles(10);
         records();
+        const uint64_t time = runner->sampleTime();
         step.change();
         settleEngine();
-        const std::vector<DXRCycleRecord> all = records();
+        EXPECT_GE(runner->sampleTime(), time) << restarts;
+        std::vector<DXRCycleRecord> all = records();
+        std::erase_if(all, [](const DXRCycleRecord& each) { return each.event == Event::Cycle; });
         const DXRRunnerCounts counts = runner->counts();
         EXPECT_EQ(counts.lastRestart, step.reason);
         EXPECT_EQ(counts.restarts, ++restarts);
@@ -146,6 +153,7 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
         std::this_thread::yield();
     runner->stop();
     EXPECT_EQ(runner->counts().cycles, 0U);
+    EXPECT_EQ(runner->sampleTime(), 0U);
 }
 
 } // namespace

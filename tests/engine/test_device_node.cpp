@@ -1,5 +1,6 @@
 #include "ChannelLayout.h"
 #include "DXRDeviceNode.h"
+#include "DXRDeviceRunner.h"
 #include "FrameCopy.h"
 #include "InstructionSet.h"
 #include "ManagedComputer.h"
@@ -123,6 +124,9 @@ TEST_F(DXRDeviceNodeTest, takesTheChannelsAskedForOrThePreferredPair)
     EXPECT_EQ(node->deviceUIDs(), std::vector<std::string>{"interface"});
     EXPECT_TRUE(node->isViable());
     EXPECT_NE(node->description().find(", input, interface>"), std::string::npos) << node->description();
+    const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
+    node->setRunner(runner);
+    EXPECT_EQ(node->runner(), runner);
     EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(nullptr, std::nullopt, idle));
     EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(in, std::nullopt, noBlock)->isViable());
 

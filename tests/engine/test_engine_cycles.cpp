@@ -99,7 +99,7 @@ TEST_F(EngineCyclesTest, carriesEveryFrameExactlyAtEqualAndUnequalFrameCounts)
 {
     const struct {
         uint32_t runnerFrames, deviceFrames;
-        size_t mostLatency; // frames of silence or padding at the beginning
+        size_t maxLatency; // frames of silence or padding at the beginning
     } rows[] = {{0, 512, 1024}, {512, 512, 1024}, {96, 512, 1536}, {480, 64, 1536}, {7, 13, 64}};
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.runnerFrames) + " on " + std::to_string(row.deviceFrames));
@@ -114,7 +114,7 @@ TEST_F(EngineCyclesTest, carriesEveryFrameExactlyAtEqualAndUnequalFrameCounts)
         runner->start();
         hal.stepCycles(100);
         runner->stop();
-        EXPECT_LE(played.size() - exactFrames(), row.mostLatency);
+        EXPECT_LE(played.size() - exactFrames(), row.maxLatency);
         EXPECT_FALSE(wentBack);
         EXPECT_EQ(longestJump, 0U);
         unplugged("loop");

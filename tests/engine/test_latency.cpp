@@ -2,7 +2,9 @@
 
 #include "EngineComputer.h"
 
+#include <chrono>
 #include <cmath>
+#include <thread>
 
 namespace {
 
@@ -65,8 +67,9 @@ protected:
         return _late;
     }
 
-private:
     double _begin = 0, _late = 0;
+
+private:
     std::vector<float> _kept;
 };
 
@@ -105,6 +108,44 @@ TEST_F(LatencyTest, isWhatARampMeasures)
             }
         }
     }
+}
+
+// A block's host time is that of its own device: the delay of the ring is in it, the device's own latency is not.
+TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
+{
+    constexpr double rate = 48000;
+    constexpr uint32_t latency = 7;
+    plugged(duplex("clock", {256, rate, 1, 16, 40}));
+    plugged(duplex("other", {512, rate, 2, 24, latency}));
+    runner->setFrameCount(100);
+    double heardLate = 1; // seconds
+    const auto secondsOf = [this](const DXRBuffer& buffer) {
+        return static_cast<double>(buffer.hostTime()) / ticksPerSecond - _begin;
+    };
+    ASSERT_TRUE(runner->addDevice(device("clock", input), Channels{1}, [](uint64_t, DXRBuffer&) {}));
+    ASSERT_TRUE(runner->addDevice(device("other", input), Channels{1}, [&](uint64_t, DXRBuffer& heard) {
+        heardLate = secondsOf(heard) - static_cast<double>(heard.samples()[0]) - latency / rate;
+    }));
+    ASSERT_TRUE(runner->addDevice(device("other", output), Channels{1}, [&](uint64_t, DXRBuffer& given) {
+        for (uint32_t k = 0; k < given.frameCount(); ++k)
+            given.samples()[k] = static_cast<float>(secondsOf(given) + k / rate);
+    }));
+    runner->start();
+    const auto advance = [&](double seconds) {
+        _begin += this->seconds();
+        hal.advance(static_cast<uint64_t>(seconds * ticksPerSecond));
+    };
+    const auto framesOff = [&] {
+        return std::max(std::abs(heardLate), std::abs(_late - latency / rate)) * rate;
+    };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    advance(10); // until the clocks are known
+    while (framesOff() > 0.75 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10)); // rings are looked at in real time
+        advance(0.1);
+    }
+    advance(1);
+    EXPECT_LT(framesOff(), 1);
 }
 
 TEST_F(LatencyTest, saysWhatHoldsTheFrames)

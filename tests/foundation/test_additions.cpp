@@ -71,7 +71,7 @@ TEST(PlistDictionaries, convertWhatTheyHold)
         EXPECT_EQ(safeBoolForKey(values, row.key), row.boolean) << row.key;
     }
     EXPECT_EQ(vtIntForKey(values, "null", 7), 7);
-    EXPECT_EQ(vtFloatForKey(values, "list", 7.0F), 0.0F) << "what is present is converted, whatever it is";
+    EXPECT_EQ(vtFloatForKey(values, "list", 7.0F), 0.0F) << "what is present is converted, of any type";
     EXPECT_TRUE(vtBoolForKey(values, "absent", true));
     EXPECT_EQ(vtSizeForKey(values, "size", {1, 1}), (CXSize{640, 480}));
     EXPECT_EQ(vtSizeForKey(values, "sizeText", {1, 1}), (CXSize{3, 4.5}));

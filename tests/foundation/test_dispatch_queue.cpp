@@ -2,6 +2,7 @@
 #include "CXDispatchQueue.h"
 #include "CXDispatchReceiver.h"
 #include "CXDispatchTimer.h"
+#include "CXDispatchTimerList.h"
 #include "CXTimeBase.h"
 #include "CXWeak.h"
 #include "CapturedLog.h"

@@ -2,6 +2,7 @@
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
+#include "DriftingDevice.h"
 #include "LatencyProbe.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
@@ -125,6 +126,32 @@ TEST_F(EngineOnPipeWire, saysTheLatencyThatAProbeMeasures)
                 }
             }
         }
+    }
+}
+
+// Each device drives a graph of its own; between the two is an aggregate's ring.
+TEST_F(EngineOnPipeWire, saysTheLatencyBetweenTwoClocks)
+{
+    using Drifting = DriftingDevice;
+    constexpr double sourcePPM = 150, framesPerNanosecond = serverRate * (1 + sourcePPM * 1e-6) / 1e9;
+    const Drifting source(server.remote(), "fast", Drifting::Direction::Source, sourcePPM);
+    const Drifting sink(server.remote(), "slow", Drifting::Direction::Sink, -60);
+    for (const uint32_t quantum : {256U, 512U}) {
+        settings.set("clock.force-quantum", std::to_string(quantum));
+        const PassOn runner("fast", "slow", quantum, serverRate);
+        std::this_thread::sleep_for(6s); // until the clocks are known
+        std::vector<double> late, said;
+        for (int looks = 0; looks < 101; ++looks) {
+            std::this_thread::sleep_for(10ms);
+            const Drifting::Passage given = source.lastPassage(), heard = sink.lastPassage();
+            late.push_back((heard.nanoseconds - given.nanoseconds) * framesPerNanosecond -
+                           (heard.number - given.number));
+            said.push_back(runner.saidSeconds() * serverRate);
+        }
+        std::ranges::sort(late);
+        std::ranges::sort(said);
+        std::printf("two clocks at 48.0 kHz %17u %6u %8.1f  %8.1f\n", quantum, quantum, said[50], late[50]);
+        EXPECT_NEAR(said[50], late[50], 1.0);
     }
 }
 

@@ -38,7 +38,7 @@ TEST(CXObject, livesAsLongAsAStrongReferenceWithOrWithoutWeakOnes)
 }
 
 // Strong counts move to the control block while other threads change them: no change may be lost, and the
-// object must end exactly once, whoever is last.
+// object must end exactly once, on the thread that lets go last.
 TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
 {
     constexpr int rounds = 2000;

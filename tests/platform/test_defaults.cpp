@@ -344,7 +344,7 @@ TEST_F(Defaults, waitForALockedDatabaseAndNoLonger)
         const CapturedLog log;
         const auto start = std::chrono::steady_clock::now();
         EXPECT_FALSE(write("a", "1"));
-        EXPECT_FALSE(write("a", "2")) << "in trouble it waits less";
+        EXPECT_FALSE(write("a", "2")) << "while it cannot store, it waits less";
         EXPECT_LT(std::chrono::steady_clock::now() - start, 6s);
         EXPECT_EQ(contents(), "a=2 old=1 ");
         EXPECT_EQ(log.lines().size(), 1U);

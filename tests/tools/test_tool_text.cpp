@@ -1,14 +1,11 @@
-#include "DemoClaim.h"
-#include "DemoPicture.h"
+#include "DeviceTable.h"
 #include "DisplayText.h"
-#include "ListCommand.h"
 #include "MonitorView.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <clocale>
-#include <functional>
 
 namespace {
 
@@ -28,6 +25,7 @@ TEST_F(ToolText, cutsTextToTheColumnsItTakes)
         {"fits", "abc", 3, "abc"},
         {"one too many", "abcd", 3, "ab…"},
         {"wide letters take two columns", "日本語", 6, "日本語"},
+        {"nor is there room for half of one", "日本語", 2, "…"},
         {"half a wide letter is none", "日本語", 4, "日…"},
         {"combining marks take none", "e\u0301e\u0301", 2, "e\u0301e\u0301"},
         {"marks stay with their letter", "e\u0301e\u0301e\u0301", 2, "e\u0301…"},
@@ -75,89 +73,6 @@ TEST_F(ToolText, breaksTextAtSpaces)
     EXPECT_TRUE(wrapped("", 8).empty());
 }
 
-/// A run of 12 s as it should be: the headphones are away from second 3 to 5, all devices from 7 to 9.
-DemoHistory goodRun()
-{
-    using enum DemoStage::Device;
-    constexpr double cycle = 512 / 48000.0;
-    DemoHistory history;
-    history.seconds = 12.0;
-    history.contexts = {
-        {0, 3, Microphone}, {3, 2, Microphone}, {5, 3, Microphone}, {7, 0, Microphone}, {9, 3, Microphone}};
-    for (const DemoStage::Device device : {Microphone, Monitors})
-        history.presences.insert(history.presences.end(), {{device, 0, 7}, {device, 9, -1}});
-    history.presences.insert(history.presences.end(),
-                             {{Headphones, 0, 3}, {Headphones, 5, 7}, {Headphones, 9, -1}});
-    for (double seconds = 0.0; seconds < 12.0; seconds += cycle)
-        history.cycles.push_back({seconds, seconds});
-    for (double seconds = 0.05; seconds < 12.0; seconds += 0.1)
-        for (const DemoStage::Device output : DemoStage::outputs)
-            if (history.isThere(output, seconds))
-                history.tones.push_back(
-                    {seconds, output, {100, 100}, output == Monitors ? 0.5 : 0.5 * 0.216, 5});
-    history.notes.push_back({1.0, Monitors, "<script>&\"\x1B"});
-    return history;
-}
-
-TEST_F(ToolText, findsWhateverIsNotTrueOfADemo)
-{
-    struct {
-        const char* why;
-        std::function<void(DemoHistory&)> spoil;
-        bool isTimeGood, isSoundGood;
-    } const rows[] = {
-        {"nothing", [](DemoHistory&) {}, true, true},
-        {"a cycle comes twice",
-         [](auto& run) { run.cycles[50].sampleSeconds = run.cycles[49].sampleSeconds; }, false, true},
-        {"time runs ahead", [](auto& run) { run.cycles.back().sampleSeconds += 0.1; }, false, true},
-        {"a pause, and time that waits for it",
-         [](auto& run) {
-             for (size_t i = 200; i < run.cycles.size(); ++i)
-                 run.cycles[i].seconds += 0.05;
-         },
-         true, true},
-        {"the timer loses time",
-         [](auto& run) {
-             for (DemoHistory::Cycle& each : run.cycles)
-                 each.sampleSeconds -= 0.1 * std::clamp(each.seconds - 7.0, 0.0, 1.0);
-         },
-         false, true},
-        {"no cycle", [](auto& run) { run.cycles.clear(); }, false, true},
-        {"an output is silent",
-         [](auto& run) {
-             std::erase_if(run.tones, [](const auto& tone) { return tone.device == DemoStage::Headphones; });
-         },
-         true, false},
-        {"one stays silent when it is back",
-         [](auto& run) { std::erase_if(run.tones, [](const auto& tone) { return tone.seconds > 9.0; }); },
-         true, false},
-        {"noise",
-         [](auto& run) {
-             for (DemoHistory::Tone& tone : run.tones)
-                 tone.quality[1] = 70.0;
-         },
-         true, false},
-        {"the volume is not what was remembered",
-         [](auto& run) {
-             for (DemoHistory::Tone& tone : run.tones)
-                 tone.level = tone.seconds > 9.0 ? 0.5 : tone.level;
-         },
-         true, false},
-        {"out of tune", [](auto& run) { run.tones[40].pitchError = -1000.0; }, true, false},
-        {"a lost cycle now and then",
-         [](auto& run) {
-             run.tones[40].quality = {5, 5};
-         },
-         true, true},
-    };
-    for (const auto& row : rows) {
-        DemoHistory run = goodRun();
-        row.spoil(run);
-        EXPECT_EQ(DemoClaim::ofTime(run).isTrue, row.isTimeGood) << row.why;
-        EXPECT_EQ(DemoClaim::ofSound(run, 0.6).isTrue, row.isSoundGood) << row.why;
-    }
-}
-
 TEST_F(ToolText, fitsTheMonitorIntoEveryTerminal)
 {
     MonitorState state;
@@ -171,7 +86,7 @@ TEST_F(ToolText, fitsTheMonitorIntoEveryTerminal)
     state.devices[1].name = std::string(4096, 'x');
     state.devices[2] = {"out", "スピーカー (内蔵オーディオ アナログステレオ)", false, "gone", 0, "", 0, 0.0F};
     state.others = {{"other\x07", 1, 2, 48000}};
-    state.news.assign(50, "\x1B]0;news\x07");
+    state.messages.assign(50, "\x1B]0;news\x07");
     state.keys = "q quits";
     const Terminal terminal; // no colours: it is none
     for (size_t columns = 0; columns < 200; columns += columns < 20 ? 1 : 7) {
@@ -184,19 +99,16 @@ TEST_F(ToolText, fitsTheMonitorIntoEveryTerminal)
             }
         }
     }
+    // Columns stand apart, and what a narrow terminal leaves out is not the level.
+    state.devices[0].clock = "the same clock";
+    EXPECT_NE(monitorLines(state, 100, 24, terminal)[6].find("44.1 kHz  the same clock   400"),
+              std::string::npos)
+        << monitorLines(state, 100, 24, terminal)[6];
+    EXPECT_NE(monitorLines(state, 60, 24, terminal)[6].find("6.0 dB"), std::string::npos);
     const std::vector<std::string> lines = monitorLines(state, 79, 24, terminal);
     EXPECT_NE(lines[1].find("20.00 of 10.00 ms"), std::string::npos) << lines[1];
     EXPECT_TRUE(lines.back().starts_with("q quits"));
     EXPECT_EQ(monitorLines({}, 79, 24, terminal).size(), 24U);
-}
-
-TEST_F(ToolText, drawsAPictureThatNoTextCanBreak)
-{
-    const std::string svg = demoPicture(goodRun(), "a & b");
-    EXPECT_NE(svg.find("&lt;script&gt;&amp;&quot;\\x1B"), std::string::npos);
-    EXPECT_NE(svg.find("a &amp; b"), std::string::npos);
-    EXPECT_EQ(svg.find("nan"), std::string::npos);
-    EXPECT_TRUE(demoPicture({}, "").ends_with("</svg>\n")); // nothing at all
 }
 
 } // namespace

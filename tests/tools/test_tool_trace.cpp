@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <cmath>
 #include <fstream>
 #include <unistd.h>
 
@@ -171,8 +172,15 @@ TEST(CyclePicture, staysSmallAndWholeWhateverTheRunAndTheNames)
         if (i % 1000 == 0)
             picture.notePresence({i % 50'000 < 25'000, true});
     }
+    picture.remark(1, "<b>&");
+    picture.add({"a panel",
+                 -1.0,
+                 1.0,
+                 " dB",
+                 {{"none", "red", {}}, {"some", "blue", {{0.0, 0.5}, {1.0, std::nan("")}, {5000.0, 7.0}}}}});
     const std::string svg = picture.svg(48000, names, "title", "results");
     EXPECT_LT(svg.size(), 1'000'000U);
+    EXPECT_NE(svg.find("&lt;b&gt;&amp;"), std::string::npos);
     EXPECT_TRUE(svg.starts_with("<svg") && svg.ends_with("</svg>\n"));
     EXPECT_EQ(svg.find("nan"), std::string::npos);
     EXPECT_EQ(svg.find("inf"), std::string::npos);

@@ -1,24 +1,8 @@
-#include "AggregateCommand.h"
-#include "ArchiveCommand.h"
-#include "DemoCommand.h"
+#include "Commands.h"
 #include "DisplayText.h"
-#include "InfoCommand.h"
 #include "Interrupts.h"
-#include "ListCommand.h"
-#include "LoopCommand.h"
-#include "MonitorCommand.h"
-#include "PagesCommand.h"
-#include "PlayCommand.h"
-#include "PlotResponseCommand.h"
-#include "RecordCommand.h"
-#include "RememberCommand.h"
-#include "ResampleCommand.h"
-#include "SetCommand.h"
 #include "ToolFailure.h"
-#include "TraceCommand.h"
-#include "WatchCommand.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
@@ -28,25 +12,11 @@
 
 namespace {
 
-void registerCommands(CLI::App& app)
-{
-    registerListCommand(app);
-    registerWatchCommand(app);
-    registerInfoCommand(app);
-    registerSetCommand(app);
-    registerRememberCommands(app);
-    registerArchiveCommands(app);
-    registerLoopCommand(app);
-    registerPlayCommand(app);
-    registerRecordCommand(app);
-    registerTraceCommand(app);
-    registerMonitorCommand(app);
-    registerDemoCommand(app);
-    registerResampleCommand(app);
-    registerPlotCommand(app);
-    registerAggregateCommand(app);
-    registerPagesCommands(app);
-}
+constexpr void (*commands[])(CLI::App&) = {
+    registerListCommand,      registerWatchCommand,    registerInfoCommand,      registerSetCommand,
+    registerRememberCommands, registerArchiveCommands, registerLoopCommand,      registerPlayCommand,
+    registerRecordCommand,    registerTraceCommand,    registerMonitorCommand,   registerDemoCommand,
+    registerResampleCommand,  registerPlotCommand,     registerAggregateCommand, registerPagesCommands};
 
 /// How many letters must be added, removed or changed to make one word of the other.
 size_t distance(const std::string& a, const std::string& b)
@@ -103,11 +73,12 @@ int runCommandLine(CLI::App& app, int argc, char** argv)
 
 int main(int argc, char** argv)
 try {
-    std::setlocale(LC_CTYPE, "C.UTF-8"); // names are UTF-8, whatever the user's language
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // names are UTF-8 in every language
     CLI::App app{"Discovers, monitors and combines audio devices", "dxr"};
     app.set_version_flag("--version,-V", std::string("dxr ") + DXRVersionString());
     app.require_subcommand(1);
-    registerCommands(app);
+    for (const auto registerCommand : commands)
+        registerCommand(app);
     Interrupts::endProcess(runCommandLine(app, argc, argv));
 } catch (...) { // not even the message of what was wrong could be put together
     std::fputs("dxr: out of memory\n", stderr);

@@ -1,8 +1,10 @@
 #include "CXDispatchQueue.h"
 
-#include "CXDispatchReceiver.h"
-#include "CXDispatchTimer.h"
+#include "CXDispatchDrain.h"
+#include "CXDispatchMember.h"
+#include "CXDispatchTimerList.h"
 #include "HostClock.h"
+#include "PortSet.h"
 #include "Reply.h"
 #include "Thread.h"
 
@@ -36,7 +38,7 @@ CXRef<CXDispatchQueue> CXDispatchQueue::initWithName(std::optional<std::string> 
     platform::Reply started;
     try {
         platform::Thread(queue->_name.value_or("CXDispatchQueue"), [queue, &started] {
-            queue->_drain.threadBegins();
+            queue->_drain->threadBegins();
             started.send();
             queue->_workloop();
         }).detach();
@@ -48,13 +50,24 @@ CXRef<CXDispatchQueue> CXDispatchQueue::initWithName(std::optional<std::string> 
 }
 
 CXDispatchQueue::CXDispatchQueue(std::optional<std::string> name)
-    : _name(std::move(name)), _portset(PortSet::init()), _drain(*_portset)
+    : _name(std::move(name)), _portset(PortSet::init()), _drain(std::make_unique<CXDispatchDrain>(*_portset)),
+      _timers(std::make_unique<CXDispatchTimerList>())
 {}
 
 CXDispatchQueue::~CXDispatchQueue()
 {
     assertThat(owner() == 0, __LINE__);
-    assertThat(_drain.isIdle(), __LINE__);
+    assertThat(_drain->isIdle(), __LINE__);
+}
+
+pthread_t CXDispatchQueue::owner() const noexcept
+{
+    return _drain->owner();
+}
+
+pthread_t CXDispatchQueue::thread() const noexcept
+{
+    return _drain->thread();
 }
 
 /// One event and the timers that are due, in turn: neither a timer that is always late nor a port that always
@@ -62,20 +75,20 @@ CXDispatchQueue::~CXDispatchQueue()
 void CXDispatchQueue::_workloop()
 {
     while ((_cancelled.load() & cancelFinished) == 0) {
-        switch (_portset->waitForEvent(_timers.firstDeadline())) {
+        switch (_portset->waitForEvent(_timers->firstDeadline())) {
         case PortSet::Event::Signal:
-            _drain.runSignalled();
+            _drain->runSignalled();
             break;
         case PortSet::Event::Message:
-            _drain.takeAndRun([this] { _deliverMessage(); });
+            _drain->takeAndRun([this] { _deliverMessage(); });
             break;
         case PortSet::Event::Timeout:
             break;
         }
-        if (const uint64_t now = HostClock::nowTicks(); _timers.firstDeadline() <= now)
-            _drain.takeAndRun([this, now] { _timers.fireDue(now); });
+        if (const uint64_t now = HostClock::nowTicks(); _timers->firstDeadline() <= now)
+            _drain->takeAndRun([this, now] { _timers->fireDue(now); });
     }
-    _drain.threadEnds();
+    _drain->threadEnds();
 }
 
 void CXDispatchQueue::cancel()
@@ -83,12 +96,13 @@ void CXDispatchQueue::cancel()
     if ((_cancelled.fetch_or(cancelRequested) & cancelRequested) != 0)
         return;
     dispatchAsyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [self = CXRef(this)] {
-        for (const CXRef<CXDispatchTimer>& timer : self->_timers.timers())
+        for (const CXRef<CXDispatchMember>& timer : self->_timers->timers())
             timer->cancel();
         // By the queue's thread, which would not hear of it when it sleeps and another one has borrowed the
         // queue.
-        self->_async(CXDispatchClientLane, RunBy::QueueThread,
-                     [self] { self->_cancelled.fetch_or(cancelFinished); });
+        assertThat(self->_drain->async(CXDispatchClientLane, RunBy::QueueThread,
+                                       [self] { self->_cancelled.fetch_or(cancelFinished); }),
+                   __LINE__);
     });
 }
 
@@ -100,11 +114,11 @@ void CXDispatchQueue::setRealTime()
             _realTimeGrant.store(CXThreadSetRealtime());
     };
     if (!isDispatchedOnCurrentThread())
-        _drain.sync(CXDispatchHousekeepingLane, RunBy::QueueThread, step);
+        _drain->sync(CXDispatchHousekeepingLane, RunBy::QueueThread, step);
     else if (pthread_self() == thread())
         step();
     else
-        _async(CXDispatchHousekeepingLane, RunBy::QueueThread, step);
+        assertThat(_drain->async(CXDispatchHousekeepingLane, RunBy::QueueThread, step), __LINE__);
 }
 
 // --- Dispatching ---
@@ -129,19 +143,14 @@ void CXDispatchQueue::dispatchSync(uint32_t flags, BorrowedWork block)
     _checkLane(flags);
     _checkNotCancelled(flags);
     _checkNotOwner();
-    _drain.sync(flags & laneMask, RunBy::Anyone, block);
+    _drain->sync(flags & laneMask, RunBy::Anyone, block);
 }
 
 void CXDispatchQueue::dispatchAsync(uint32_t flags, const Work& block)
 {
     _checkLane(flags);
     _checkNotCancelled(flags);
-    _async(flags & laneMask, RunBy::Anyone, block);
-}
-
-void CXDispatchQueue::_async(uint32_t lane, RunBy runBy, const Work& block)
-{
-    assertThat(_drain.async(lane, runBy, block), __LINE__);
+    assertThat(_drain->async(flags & laneMask, RunBy::Anyone, block), __LINE__);
 }
 
 bool CXDispatchQueue::dispatchSyncImmed(uint32_t flags, BorrowedWork block)
@@ -168,41 +177,41 @@ void CXDispatchQueue::dispatchSyncBypass(BorrowedWork block)
 {
     _checkNotCancelled(0);
     _checkNotOwner();
-    _drain.bypass(Borrow::UntilIdle, block);
+    _drain->bypass(Borrow::UntilIdle, block);
 }
 
 void CXDispatchQueue::dispatchSyncBypassOnce(BorrowedWork block)
 {
     _checkNotCancelled(0);
     _checkNotOwner();
-    _drain.bypass(Borrow::Once, block);
+    _drain->bypass(Borrow::Once, block);
 }
 
 bool CXDispatchQueue::dispatchSyncBypassOnceIfIdle(BorrowedWork block)
 {
     _checkNotCancelled(0);
     _checkNotOwner();
-    return _drain.bypassIfIdle(Borrow::Once, block);
+    return _drain->bypassIfIdle(Borrow::Once, block);
 }
 
 // --- Receivers ---
 
-void CXDispatchQueue::addReceiver(const CXRef<CXDispatchReceiver>& receiver)
+void CXDispatchQueue::addReceiver(const CXRef<CXDispatchMember>& receiver)
 {
     dispatchSyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [&] {
         if (_isCancelled()) {
             receiver->cancel();
-        } else if (const CXRef<platform::Port>& port = receiver->port()) {
+        } else if (const CXRef<platform::Port> port = receiver->port()) {
             port->setContext(receiver);
             _portset->add(*port);
         }
     });
 }
 
-void CXDispatchQueue::removeReceiver(const CXRef<CXDispatchReceiver>& receiver)
+void CXDispatchQueue::removeReceiver(const CXRef<CXDispatchMember>& receiver)
 {
     dispatchSyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [&] {
-        const CXRef<platform::Port>& port = receiver->port();
+        const CXRef<platform::Port> port = receiver->port();
         if (!port || port->context() != receiver)
             return;
         _portset->remove(*port);
@@ -217,35 +226,33 @@ void CXDispatchQueue::_deliverMessage() noexcept
     const std::optional<PortSet::Received> received = _portset->takeMessage();
     if (!received)
         return;
-    if (const auto receiver = CXRefCast<CXDispatchReceiver>(received->port->context())) {
-        if (const CXDispatchReceiver::Handler handler = receiver->handler())
-            handler(receiver, received->message);
-    }
+    if (const auto receiver = CXRefCast<CXDispatchMember>(received->port->context()))
+        receiver->call(received->message);
     received->port->messageHandled();
 }
 
 // --- Timers ---
 
-void CXDispatchQueue::addTimer(const CXRef<CXDispatchTimer>& timer)
+void CXDispatchQueue::addTimer(const CXRef<CXDispatchMember>& timer)
 {
     dispatchSyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [&] {
         if (_isCancelled())
             timer->cancel();
-        else if (_timers.add(timer))
-            _drain.needThread();
+        else if (_timers->add(timer))
+            _drain->needThread();
     });
 }
 
-void CXDispatchQueue::removeTimer(const CXRef<CXDispatchTimer>& timer)
+void CXDispatchQueue::removeTimer(const CXRef<CXDispatchMember>& timer)
 {
-    dispatchSyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [&] { _timers.remove(*timer); });
+    dispatchSyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [&] { _timers->remove(*timer); });
 }
 
-void CXDispatchQueue::updateTimer(const CXRef<CXDispatchTimer>& timer)
+void CXDispatchQueue::updateTimer(const CXRef<CXDispatchMember>& timer)
 {
     const auto update = [this, timer] {
-        if (_timers.reschedule(*timer))
-            _drain.needThread();
+        if (_timers->reschedule(*timer))
+            _drain->needThread();
     };
     if (isDispatchedOnCurrentThread())
         update(); // no block is made: a handler on a real-time thread arms its timer again

@@ -1,21 +1,24 @@
 #pragma once
 
-#include "CXDispatchDrain.h"
-#include "CXDispatchTimerList.h"
+#include "CXBlockRef.h"
 #include "CXErrorAdditions.h"
 #include "CXQueueChecks.h"
 #include "CXRef.h"
 #include "CXThreadSetRealtime.h"
-#include "PortSet.h"
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <pthread.h>
 #include <string>
 
-class CXDispatchReceiver;
-class CXDispatchTimer;
+class CXDispatchDrain;
+class CXDispatchMember;
+class CXDispatchTimerList;
+namespace platform {
+class PortSet;
+}
 
 // The flags of a dispatch: the lane in bits 0 to 7, and what is added to it.
 inline constexpr uint32_t CXDispatchHousekeepingLane = 0; ///< overtakes client work; the queue's own steps
@@ -36,8 +39,8 @@ inline constexpr uint32_t CXDispatchAfterCancel = 0x100;  ///< allowed once the 
 /// Its thread keeps a queue alive until it is cancelled and its work is done.
 class CX_QUEUE_CAPABILITY DXR_EXPORT CXDispatchQueue final : public CXObject {
 public:
-    using Work = CXDispatchDrain::Work;
-    using BorrowedWork = CXDispatchDrain::BorrowedWork;
+    using Work = CXBlock<void()>;
+    using BorrowedWork = CXBlockRef<void()>;
 
     /// A queue without a name of its own.
     static CXRef<CXDispatchQueue> init() { return initWithName(std::nullopt); }
@@ -46,9 +49,9 @@ public:
 
     const std::optional<std::string>& name() const noexcept { return _name; }
     /// Which thread is running queue work now; 0 for none.
-    pthread_t owner() const noexcept CX_REALTIME { return _drain.owner(); }
+    pthread_t owner() const noexcept CX_REALTIME;
     /// The queue's own thread; 0 once it has ended.
-    pthread_t thread() const noexcept { return _drain.thread(); }
+    pthread_t thread() const noexcept;
     /// Whether the calling thread is running this queue's work, its own or borrowed.
     bool isDispatchedOnCurrentThread() const noexcept CX_REALTIME { return owner() == pthread_self(); }
 
@@ -77,13 +80,13 @@ public:
     /// Has messages on the receiver's port delivered here. On a cancelled queue, cancels the receiver
     /// instead. Returns when it is done, as do the three below. CXDispatchReceiver and CXDispatchTimer call
     /// these.
-    void addReceiver(const CXRef<CXDispatchReceiver>& receiver);
-    void removeReceiver(const CXRef<CXDispatchReceiver>& receiver);
+    void addReceiver(const CXRef<CXDispatchMember>& receiver);
+    void removeReceiver(const CXRef<CXDispatchMember>& receiver);
     /// Has the timer fire here. On a cancelled queue, cancels the timer instead. One that is here asserts.
-    void addTimer(const CXRef<CXDispatchTimer>& timer);
-    void removeTimer(const CXRef<CXDispatchTimer>& timer);
+    void addTimer(const CXRef<CXDispatchMember>& timer);
+    void removeTimer(const CXRef<CXDispatchMember>& timer);
     /// Schedules the timer anew by its own deadline and interval, soon.
-    void updateTimer(const CXRef<CXDispatchTimer>& timer);
+    void updateTimer(const CXRef<CXDispatchMember>& timer);
 
     /// Puts the queue's thread under real-time scheduling; a refusal is logged. Returns when it is done; from
     /// work that runs on a borrowing thread, at once, and the queue's thread does it before its next work.
@@ -105,7 +108,6 @@ private:
     void _checkNotCancelled(uint32_t flags) const;
     void _checkNotOwner() const;
     bool _isCancelled() const noexcept { return _cancelled.load() != 0; }
-    void _async(uint32_t lane, CXDispatchDrain::RunBy runBy, const Work& block) CX_REALTIME;
 
     void _workloop();
     void _deliverMessage() noexcept;
@@ -115,8 +117,8 @@ private:
     std::atomic<uint32_t> _cancelled{
         0}; // bit 0: requested, bit 1: finished; the second by the queue's thread
     std::atomic<CXRealtimeGrant> _realTimeGrant{CXRealtimeGrant::None};
-    CXDispatchDrain _drain;
-    CXDispatchTimerList _timers; // guarded by the right to drain
+    const std::unique_ptr<CXDispatchDrain> _drain;
+    const std::unique_ptr<CXDispatchTimerList> _timers; // guarded by the right to drain
 };
 
 /// Asserts that the caller runs as work of `queue`, and states so to the compiler's analysis.

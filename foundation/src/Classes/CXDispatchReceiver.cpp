@@ -42,6 +42,12 @@ void CXDispatchReceiver::setMessageHandler(const Handler& handler)
     StoredHandler::store(handler, storedHandler());
 }
 
+void CXDispatchReceiver::call(std::span<const std::byte> message)
+{
+    if (const Handler handler = this->handler())
+        handler(CXRef(this), message);
+}
+
 void CXDispatchReceiver::_enter(CXDispatchQueue& queue)
 {
     queue.addReceiver(CXRef(this));

@@ -26,7 +26,7 @@ public:
     static CXRef<CXDispatchReceiver> init(const CXRef<platform::Port>& port) { return init(port, 0); }
 
     /// An empty reference when it was given none and made none.
-    const CXRef<platform::Port>& port() const noexcept { return _port; }
+    CXRef<platform::Port> port() const override { return _port; }
     Handler handler() const;
     void setMessageHandler(const Handler& handler);
 
@@ -34,6 +34,7 @@ private:
     CXDispatchReceiver(CXRef<platform::Port> port, uint32_t disposition);
     ~CXDispatchReceiver() override;
 
+    void call(std::span<const std::byte> message) override;
     void _enter(CXDispatchQueue& queue) override;
     void _leave(CXDispatchQueue& queue) override;
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CXDispatchMember.h"
 #include "CXLockFreeReference.h"
 
 #include <atomic>
@@ -12,7 +13,7 @@ class CXDispatchQueue;
 /// Threads:   any, but setDispatchQueue() one at a time.
 /// Real time: the getters.
 /// A source on a queue is kept alive by it, and keeps it alive: cancel the source to be rid of it.
-class DXR_EXPORT CXDispatchSource : public CXObject {
+class DXR_EXPORT CXDispatchSource : public CXDispatchMember {
 public:
     /// Null before it has entered one, and after it was cancelled.
     CXRef<CXDispatchQueue> queue() const;
@@ -21,7 +22,7 @@ public:
     void setDispatchQueue(const CXRef<CXDispatchQueue>& queue);
     /// Calls its handler no more once this has run on the queue, before this returns if that is where the
     /// caller is. The handler is dropped.
-    void cancel();
+    void cancel() override;
 
 protected:
     CXDispatchSource();

@@ -33,6 +33,12 @@ void CXDispatchTimer::setTimeoutHandler(const Handler& handler)
     StoredHandler::store(handler, storedHandler());
 }
 
+void CXDispatchTimer::call(std::span<const std::byte> /*message*/)
+{
+    if (const Handler handler = this->handler())
+        handler(CXRef(this));
+}
+
 void CXDispatchTimer::_enter(CXDispatchQueue& queue)
 {
     queue.addTimer(CXRef(this));

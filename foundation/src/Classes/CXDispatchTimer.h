@@ -17,9 +17,9 @@ public:
 
     Handler handler() const;
     /// When to fire first, in host ticks; 0: one interval from when it is scheduled.
-    uint64_t deadline() const noexcept { return _deadline.load(); }
+    uint64_t deadline() const noexcept override { return _deadline.load(); }
     /// How often after that, in host ticks; 0: never again.
-    uint64_t interval() const noexcept { return _interval.load(); }
+    uint64_t interval() const noexcept override { return _interval.load(); }
 
     /// Fires at `deadline` and then every `interval`, both in host ticks and 0 for none. Periods missed are
     /// left out. Replaces what was set before.
@@ -30,6 +30,7 @@ private:
     CXDispatchTimer() = default;
     ~CXDispatchTimer() override = default;
 
+    void call(std::span<const std::byte> message) override;
     void _enter(CXDispatchQueue& queue) override;
     void _leave(CXDispatchQueue& queue) override;
 

@@ -21,7 +21,7 @@ uint64_t laterBy(uint64_t a, uint64_t b) noexcept
 class CXDispatchTimerList::Entry final : public CXTFAObject {
 public:
     /// Null where there is no memory.
-    static CXRef<Entry> initWithTimer(const CXRef<CXDispatchTimer>& timer)
+    static CXRef<Entry> initWithTimer(const CXRef<CXDispatchMember>& timer)
     {
         return CXRef<Entry>::adopt(new Entry(timer));
     }
@@ -48,7 +48,7 @@ public:
             absoluteStart = deadline;
     }
 
-    const CXRef<CXDispatchTimer> timer;
+    const CXRef<CXDispatchMember> timer;
     Entry* previous = nullptr;
     Entry* next = nullptr;
     bool isLinked = false;
@@ -58,7 +58,7 @@ public:
     uint64_t pass = 0;          // the list's when it was called last
 
 private:
-    explicit Entry(const CXRef<CXDispatchTimer>& entryTimer) : timer(entryTimer) { reload(); }
+    explicit Entry(const CXRef<CXDispatchMember>& entryTimer) : timer(entryTimer) { reload(); }
     ~Entry() override = default;
 };
 
@@ -66,7 +66,7 @@ CXDispatchTimerList::CXDispatchTimerList() = default;
 
 CXDispatchTimerList::~CXDispatchTimerList() = default;
 
-bool CXDispatchTimerList::add(const CXRef<CXDispatchTimer>& timer)
+bool CXDispatchTimerList::add(const CXRef<CXDispatchMember>& timer)
 {
     CXRef<Entry> entry = _entries.contains(timer.get()) ? nullptr : Entry::initWithTimer(timer);
     if (!entry)
@@ -75,7 +75,7 @@ bool CXDispatchTimerList::add(const CXRef<CXDispatchTimer>& timer)
     return _publishFirstDeadline();
 }
 
-void CXDispatchTimerList::remove(const CXDispatchTimer& timer)
+void CXDispatchTimerList::remove(const CXDispatchMember& timer)
 {
     const auto found = _entries.find(&timer);
     if (found == _entries.end())
@@ -86,7 +86,7 @@ void CXDispatchTimerList::remove(const CXDispatchTimer& timer)
     _publishFirstDeadline();
 }
 
-bool CXDispatchTimerList::reschedule(const CXDispatchTimer& timer)
+bool CXDispatchTimerList::reschedule(const CXDispatchMember& timer)
 {
     const auto found = _entries.find(&timer);
     if (found == _entries.end())
@@ -97,9 +97,9 @@ bool CXDispatchTimerList::reschedule(const CXDispatchTimer& timer)
     return _publishFirstDeadline();
 }
 
-std::vector<CXRef<CXDispatchTimer>> CXDispatchTimerList::timers() const
+std::vector<CXRef<CXDispatchMember>> CXDispatchTimerList::timers() const
 {
-    std::vector<CXRef<CXDispatchTimer>> all;
+    std::vector<CXRef<CXDispatchMember>> all;
     for (const auto& [timer, entry] : _entries)
         all.push_back(entry->timer);
     return all;
@@ -114,8 +114,7 @@ void CXDispatchTimerList::fireDue(uint64_t now) noexcept
         entry->advance(now);
         _schedule(*entry);
         _publishFirstDeadline();
-        if (const CXDispatchTimer::Handler handler = entry->timer->handler())
-            handler(entry->timer);
+        entry->timer->call({});
     }
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CXDispatchTimer.h"
+#include "CXDispatchMember.h"
 #include "Futex.h"
 
 #include <atomic>
@@ -24,12 +24,12 @@ public:
 
     /// Schedules a timer by its own deadline and interval. One that is in the list, or no memory for its
     /// entry, asserts, with "CXDispatchQueue" and a line.
-    [[nodiscard]] bool add(const CXRef<CXDispatchTimer>& timer);
+    [[nodiscard]] bool add(const CXRef<CXDispatchMember>& timer);
     /// Does nothing for a timer that is not in the list.
-    void remove(const CXDispatchTimer& timer);
+    void remove(const CXDispatchMember& timer);
     /// Schedules a timer anew by its own deadline and interval. Does nothing for one that is not in the list.
-    [[nodiscard]] bool reschedule(const CXDispatchTimer& timer);
-    std::vector<CXRef<CXDispatchTimer>> timers() const;
+    [[nodiscard]] bool reschedule(const CXDispatchMember& timer);
+    std::vector<CXRef<CXDispatchMember>> timers() const;
 
     /// Host ticks; Futex::noDeadline when no timer is scheduled.
     uint64_t firstDeadline() const noexcept { return _firstDeadline.load(); }
@@ -47,7 +47,7 @@ private:
     /// Whether the first deadline is earlier now.
     bool _publishFirstDeadline() noexcept;
 
-    std::map<const CXDispatchTimer*, CXRef<Entry>> _entries;
+    std::map<const CXDispatchMember*, CXRef<Entry>> _entries;
     Entry* _first = nullptr; // by ascending deadline
     Entry* _last = nullptr;
     uint64_t _pass = 0; // counts the calls of fireDue()

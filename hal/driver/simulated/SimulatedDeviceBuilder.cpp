@@ -140,6 +140,13 @@ SimulatedDeviceBuilder& SimulatedDeviceBuilder::channelVolumes(HALDirection dire
     return *this;
 }
 
+SimulatedDeviceBuilder& SimulatedDeviceBuilder::channelNames(HALDirection direction,
+                                                             std::vector<std::string> names)
+{
+    _description->state[direction].channelNames = std::move(names);
+    return *this;
+}
+
 SimulatedDeviceBuilder& SimulatedDeviceBuilder::mute(HALDirection direction, bool isMuted)
 {
     _description->state[direction].muted = isMuted;

@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <vector>
 
 struct SimulatedDeviceDescription;
 
@@ -53,6 +54,8 @@ public:
     /// A volume control on each channel from 1, scalar 0..1, and none on the main element. NaN gives a
     /// channel none.
     SimulatedDeviceBuilder& channelVolumes(HALDirection direction, std::initializer_list<float> scalars);
+    /// Names of the channels from 1, as "Front Left".
+    SimulatedDeviceBuilder& channelNames(HALDirection direction, std::vector<std::string> names);
     SimulatedDeviceBuilder& mute(HALDirection direction, bool isMuted);
     /// Adds a data source; the first of a direction is the current one.
     SimulatedDeviceBuilder& source(HALDirection direction, uint32_t sourceID, std::string name);

@@ -1,7 +1,7 @@
 #include "AudioHardware.h"
+#include "HALVolume.h"
 #include "PipeWireNaming.h"
 #include "PipeWireTimeline.h"
-#include "HALVolume.h"
 #include "USBRegistry.h"
 
 #include <gtest/gtest.h>

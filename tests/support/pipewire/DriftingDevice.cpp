@@ -126,7 +126,20 @@ void DriftingDevice::_process(void* data)
         block.chunk->stride = stereoFrame;
         block.chunk->size = frameCount * stereoFrame;
     }
+    self->_notePassage(static_cast<const float*>(block.data)[1]);
     pw_stream_queue_buffer(self->_stream, buffer);
+}
+
+/// A driver takes its frames in the cycle before, and gives them in the one after.
+void DriftingDevice::_notePassage(float sample)
+{
+    const spa_io_clock* clock = _clock;
+    if (!clock || sample == 0)
+        return;
+    const double cycle = static_cast<double>(clock->duration) / clock->rate.denom * 1e9 / _ratio;
+    const double begin = static_cast<double>(clock->nsec) + (_direction == Direction::Sink ? cycle : -cycle);
+    const std::scoped_lock lock(_passageMutex);
+    _passage = {static_cast<double>(sample / step), begin};
 }
 
 void DriftingDevice::_receive(const float* samples, uint32_t frameCount) noexcept

@@ -3,6 +3,7 @@
 #include "TestClient.h"
 
 #include <atomic>
+#include <mutex>
 #include <pipewire/stream.h>
 #include <spa/node/io.h>
 #include <string>
@@ -26,6 +27,16 @@ public:
     uint64_t framesReceived(size_t channel = 0) const noexcept { return _received[channel].frames; }
     uint64_t breaks(size_t channel = 0) const noexcept { return _received[channel].breaks; }
 
+    /// A frame of the ramp, and when it was taken or is played by this device's clock: the first of its last cycle.
+    struct Passage {
+        double number = 0, nanoseconds = 0;
+    };
+    Passage lastPassage() const
+    {
+        const std::scoped_lock lock(_passageMutex);
+        return _passage;
+    }
+
 private:
     static void _stateChanged(void* data, pw_stream_state before, pw_stream_state now, const char* error);
     static void _ioChanged(void* data, uint32_t id, void* area, uint32_t size);
@@ -38,6 +49,7 @@ private:
 
     void _receive(const float* samples, uint32_t frameCount) noexcept;
     void _give(float* samples, uint32_t frameCount) noexcept;
+    void _notePassage(float sample);
     void _drive();
     double _driveCycle(double nowNanoseconds) noexcept;
 
@@ -54,5 +66,7 @@ private:
     uint64_t _framesDriven = 0;
     uint64_t _framesGiven = 0;
     Received _received[2];
+    mutable std::mutex _passageMutex;
+    Passage _passage;
     std::thread _driver;
 };

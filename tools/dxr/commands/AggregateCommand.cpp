@@ -1,0 +1,177 @@
+#include "Commands.h"
+#include "DeviceLookup.h"
+#include "DeviceProperties.h"
+#include "DeviceSettings.h"
+#include "DisplayText.h"
+#include "HardwareChoice.h"
+#include "LiveLines.h"
+#include "RunnerSession.h"
+#include "TextFormat.h"
+#include "ToolFailure.h"
+
+#include <algorithm>
+#include <dxr/CXValue.h>
+#include <iostream>
+#include <unistd.h>
+
+namespace {
+
+struct Options {
+    explicit Options(CLI::App& command) : hardware(command) {}
+    HardwareChoice hardware;
+    std::string name;
+    std::vector<std::string> devices;
+    std::optional<std::string> clock;
+    std::optional<uint32_t> frames;
+    std::optional<double> rate, seconds;
+};
+
+/// An aggregate device for as long as this lives.
+class Aggregate {
+public:
+    explicit Aggregate(const Options& options)
+    {
+        CXPlist description{{"uid", "dxr-aggregate-" + std::to_string(getpid())},
+                            {"name", options.name},
+                            {"subdevices", CXPlist::array()},
+                            {"private", 1}};
+        for (const std::string& wanted : options.devices) {
+            const DeviceReport device = DeviceLookup::find(wanted);
+            description["subdevices"].push_back({{"uid", device.uid}});
+            _names.push_back(device.shortName());
+        }
+        if (options.clock)
+            description["master"] = DeviceLookup::find(*options.clock).uid;
+        const HALStatus status =
+            AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(description).get(), &_deviceID);
+        if (status != kAudioHardwareNoError)
+            throw ToolFailure("these devices cannot be joined: " + textOf(status) +
+                              (options.clock ? "; is the clock device one of them?" : ""));
+    }
+    ~Aggregate() { AudioHardwareDestroyAggregateDevice(_deviceID); }
+    Aggregate(const Aggregate&) = delete;
+    Aggregate& operator=(const Aggregate&) = delete;
+
+    AudioObjectID deviceID() const { return _deviceID; }
+    /// With its device objects, which are there a moment after it was made.
+    DeviceReport report() const
+    {
+        std::optional<DeviceReport> report;
+        comesTrue([&] {
+            report = DeviceReport::read(_deviceID);
+            return report && std::ranges::all_of(report->directions, [](const DirectionReport& direction) {
+                       return direction.channelCount == 0 || direction.device;
+                   });
+        });
+        if (!report)
+            throw ToolFailure("the aggregate is gone");
+        return *report;
+    }
+    /// One line for each sub-device.
+    std::vector<std::string> lines() const
+    {
+        const auto all = readList<AudioAggregateSubDeviceStatus>(
+            _deviceID, addressOf(kAudioAggregateDevicePropertySubDeviceStatus));
+        size_t widest = 0;
+        for (const std::string& name : _names)
+            widest = std::max(widest, displayWidth(name));
+        std::vector<std::string> lines;
+        for (size_t i = 0; i < std::min(all.size(), _names.size()); ++i)
+            lines.push_back(fitLeft(_names[i], widest) + "  " + _text(all[i]));
+        return lines;
+    }
+
+private:
+    static std::string _text(const AudioAggregateSubDeviceStatus& status)
+    {
+        if (status.deviceID == kAudioObjectUnknown)
+            return "absent";
+        if (status.isClock)
+            return "clock";
+        if (!status.isRunning)
+            return "does not run";
+        std::string text =
+            status.isCompensated ? formatText("%+9.3f ppm", status.partsPerMillion) : "same clock";
+        if (status.inputDelayFrames > 0.0)
+            text += formatText("  in %6.0f of %.0f frames", status.inputLevelFrames, status.inputDelayFrames);
+        if (status.outputDelayFrames > 0.0)
+            text +=
+                formatText("  out %6.0f of %.0f frames", status.outputLevelFrames, status.outputDelayFrames);
+        return text + "  " + formatCount(status.resynchronisations, "resync", "resyncs") + "  " +
+               formatCount(status.lostFrames, "frame", "frames") + " lost";
+    }
+
+    AudioObjectID _deviceID = kAudioObjectUnknown;
+    std::vector<std::string> _names; // printable
+};
+
+/// Runs the aggregate, silent, until the time is over or the user ends it.
+void runSession(RunnerSession& session, const Aggregate& aggregate, std::optional<double> seconds)
+{
+    constexpr int tickMilliseconds = 200;
+    const Terminal terminal;
+    LiveLines live(terminal);
+    session.beginCounting();
+    std::vector<std::string> last;
+    while (session.wait(tickMilliseconds) && !(seconds && session.seconds() >= *seconds)) {
+        for (const std::string& message : session.takeMessages())
+            live.printAbove(message);
+        std::vector<std::string> lines = last = aggregate.lines();
+        lines.push_back(formatSeconds(session.seconds()) + "   Ctrl-C ends");
+        for (std::string& line : lines)
+            line = clipToWidth(line, terminal.columns() - 1);
+        live.draw(lines);
+    }
+    live.clear();
+    session.stop();
+    for (const std::vector<std::string>& lines : {last, session.report()})
+        for (const std::string& line : lines)
+            std::cout << line << "\n";
+}
+
+void run(const Options& options)
+{
+    options.hardware.apply();
+    const Interrupts interrupts;
+    const Aggregate aggregate(options);
+    const std::string name = clipToWidth(singleLine(options.name), 40);
+    if (options.rate)
+        setSampleRate(name, aggregate.deviceID(), *options.rate);
+    if (options.frames)
+        setBufferFrameSize(name, aggregate.deviceID(), *options.frames);
+    const DeviceReport device = aggregate.report();
+    RunnerSession session(interrupts, std::nullopt, std::nullopt);
+    // One direction runs all of it; of two, the runner would make an aggregate of its own.
+    const bool hasOutput = device[HALDirection::Output].channelCount > 0;
+    session.add(DeviceSelection::of(device, hasOutput ? HALDirection::Output : HALDirection::Input),
+                [hasOutput](uint64_t, DXRBuffer& buffer) {
+                    if (hasOutput)
+                        buffer.mute();
+                });
+    std::cout << name << ": " << device[HALDirection::Input].channelCount << " in, "
+              << device[HALDirection::Output].channelCount << " out, " << formatRate(device.sampleRate)
+              << ", cycles of " << device.bufferFrameSize << " frames" << std::endl;
+    if (session.start())
+        runSession(session, aggregate, options.seconds);
+}
+
+} // namespace
+
+void registerAggregateCommand(CLI::App& app)
+{
+    CLI::App* aggregate = app.add_subcommand("aggregate", "Devices that are several devices");
+    aggregate->require_subcommand(1);
+    CLI::App* command = aggregate->add_subcommand(
+        "create", "Join devices to one for as long as this runs, and show how their clocks do");
+    const auto options = std::make_shared<Options>(*command);
+    command->add_option("name", options->name, "What to call it")->required();
+    command
+        ->add_option("devices", options->devices,
+                     "The devices, in the order of their channels: UID, reference, or a part of the name")
+        ->required();
+    command->add_option("--clock", options->clock, "The device whose clock leads; the first without it");
+    command->add_option("--frames", options->frames, "Frames of a cycle")->check(CLI::PositiveNumber);
+    command->add_option("--rate", options->rate, "The sample rate, in Hz")->check(CLI::PositiveNumber);
+    command->add_option("--seconds", options->seconds, "End after so long")->check(CLI::PositiveNumber);
+    command->callback([options] { run(*options); });
+}

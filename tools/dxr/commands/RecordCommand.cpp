@@ -1,0 +1,121 @@
+#include "Commands.h"
+
+#include "DisplayText.h"
+#include "FileRecorder.h"
+#include "RunnerOptions.h"
+#include "SessionScreen.h"
+#include "SoundFileWriter.h"
+#include "TextFormat.h"
+#include "ToolFailure.h"
+
+#include <cmath>
+#include <iostream>
+
+namespace {
+
+constexpr const char* about =
+    "All of them to one file, their channels side by side in the order given. A device that\n"
+    "goes is silent until it comes back.";
+
+struct Options {
+    explicit Options(CLI::App& command) : audio(command, about) {}
+    RunnerOptions audio;
+    std::string file, format;
+    uint32_t bits = 0;
+};
+
+/// Writes what `recorder` hears until `maxFrames` are written or the user ends it: true. False when devices give nothing for
+/// too long.
+bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames,
+            SessionScreen& screen)
+{
+    constexpr double patienceSeconds = 10.0;
+    const double rate = session.sampleRate();
+    double lastFrameAt = session.seconds();
+    while (screen.wait() && file.framesWritten() < maxFrames) {
+        if (!recorder.isOpen() && session.isSettled()) {
+            session.beginCounting();
+            recorder.open(rate);
+        }
+        const uint64_t before = file.framesWritten();
+        if (recorder.isOpen())
+            file.drain(recorder.ring(), maxFrames - file.framesWritten());
+        if (file.framesWritten() != before)
+            lastFrameAt = session.seconds();
+        if (maxFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
+            return false; // a program may have started it
+        screen.draw(recorder.meters(), formatSeconds(static_cast<double>(file.framesWritten()) / rate) +
+                                           " recorded   Ctrl-C ends");
+    }
+    return true;
+}
+
+/// What was heard before the end and is not written yet.
+void writeTheRest(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames)
+{
+    session.stop();
+    if (recorder.isOpen())
+        file.drain(recorder.ring(), maxFrames - file.framesWritten());
+    file.finish();
+}
+
+std::string resultOf(const SoundFileWriter& file, const FileRecorder& recorder, double rate)
+{
+    return formatCount(file.framesWritten(), "frame", "frames") + " written (" +
+           formatSeconds(static_cast<double>(file.framesWritten()) / rate) + "), " +
+           formatCount(recorder.droppedFrames(), "", "") + "left out because the disk was too slow, " +
+           formatCount(recorder.silentFrames(), "", "") + "silent for want of cycles";
+}
+
+void run(Options& options)
+{
+    const SoundFormat format = SoundFormat::toWrite(options.file, options.format, options.bits);
+    options.audio.find();
+    const Interrupts interrupts;
+    RunnerSession session(interrupts, options.audio.frameCount(), options.audio.sampleRate(),
+                          options.audio.quality());
+    const CXRef<FileRecorder> recorder = FileRecorder::initWithInputs(options.audio.inputs());
+    recorder->addTo(session);
+    if (!session.start())
+        return;
+    const double rate = session.sampleRate();
+    const std::optional<double> seconds = options.audio.seconds();
+    const uint64_t maxFrames = seconds ? static_cast<uint64_t>(std::llround(*seconds * rate)) : UINT64_MAX;
+    SoundFileWriter file(options.file, format, recorder->channelCount(), rate, seconds.value_or(0.0));
+    std::cout << namesOf(options.audio.inputs()) << " -> " << clipToWidth(singleLine(options.file), 60)
+              << ", " << formatCount(recorder->channelCount(), "channel", "channels") << ", "
+              << formatRate(rate) << std::endl;
+    SessionScreen screen(session);
+    bool isComplete = false;
+    try {
+        isComplete = record(session, *recorder, file, maxFrames, screen);
+        writeTheRest(session, *recorder, file, maxFrames);
+    } catch (const ToolFailure&) {
+        file.finish();
+        screen.finish(resultOf(file, *recorder, rate));
+        throw;
+    }
+    screen.finish(resultOf(file, *recorder, rate));
+    if (!isComplete)
+        throw ToolFailure("the devices stopped delivering audio");
+}
+
+} // namespace
+
+void registerRecordCommand(CLI::App& app)
+{
+    CLI::App* command = app.add_subcommand("record", "Record devices to a sound file, or into a pipe");
+    const auto options = std::make_shared<Options>(*command);
+    command
+        ->add_option("file", options->file,
+                     "The file to write; one that is there is replaced. - is standard output")
+        ->required();
+    options->audio.addInputs("A device to record; the default input if not given");
+    options->audio.useDefaults();
+    options->audio.addSeconds("End after so much sound");
+    command->add_option("--format", options->format,
+                        SoundFormat::names() + "; by the file's name if not given");
+    command->add_option("--bits", options->bits, "Of a sample: 16, 24, or 32 for floats")
+        ->check(CLI::IsMember({16, 24, 32}));
+    command->callback([options] { run(*options); });
+}

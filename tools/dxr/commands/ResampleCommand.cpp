@@ -1,0 +1,197 @@
+#include "Commands.h"
+#include "DisplayText.h"
+#include "Interrupts.h"
+#include "LiveLines.h"
+#include "SoundFileReader.h"
+#include "SoundFileWriter.h"
+#include "TextFormat.h"
+#include "ToolFailure.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <dxr/DXRAudioConverter.h>
+#include <filesystem>
+#include <iostream>
+#include <numeric>
+
+namespace {
+
+struct Options {
+    std::string input, output;
+    uint32_t rate = 0; // Hz
+    bool isFast = false;
+};
+
+constexpr uint32_t blockFrames = 1024; // of input
+
+/// The converter's only node: keeps what comes out.
+class ConvertedFrames final : public DXRConverterNode {
+public:
+    static constexpr uint32_t blockFrames = 256;
+    static CXRef<ConvertedFrames> init(uint32_t channelCount, uint64_t minFrames)
+    {
+        return CXRef<ConvertedFrames>::adopt(new ConvertedFrames(channelCount, minFrames));
+    }
+    std::vector<uint32_t> usageMap() const override
+    {
+        std::vector<uint32_t> channels(ring.channelCount());
+        std::iota(channels.begin(), channels.end(), 1U);
+        return channels;
+    }
+    void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples,
+                                 uint64_t hostTime) override
+    {
+        if (sampleTime == 0)
+            firstTicks = hostTime;
+        for (uint64_t frame = 0; frame < blockFrames; ++frame)
+            for (uint32_t channel = 0; channel < ring.channelCount(); ++channel)
+                ring.frameToWrite(frame)[channel] = samples[channel].samples[frame * samples[channel].stride];
+        ring.commitWrite(blockFrames);
+    }
+
+    FrameRing ring;
+    uint64_t firstTicks =
+        0; ///< when the first frame that came out was at the input, by the converter's reckoning
+
+private:
+    ConvertedFrames(uint32_t channelCount, uint64_t minFrames) : ring(channelCount, minFrames) {}
+    ~ConvertedFrames() override = default;
+};
+
+/// A file's way through the converter. What that is late by is cut off the start and made up at the end, so that the output
+/// begins and ends with the input.
+class FileResampling {
+public:
+    FileResampling(SoundFileReader& reader, SoundFileWriter& writer, const Options& options)
+        : _reader(reader), _writer(writer), _ratio(options.rate / reader.sampleRate()),
+          _total(static_cast<uint64_t>(std::llround(static_cast<double>(reader.frameCount()) * _ratio))),
+          _input(reader.channelCount(), blockFrames), _samples(size_t{blockFrames} * reader.channelCount()),
+          _output(ConvertedFrames::init(reader.channelCount(), static_cast<uint64_t>(blockFrames * _ratio) +
+                                                                   2 * ConvertedFrames::blockFrames))
+    {
+        const DXRAudioConverter::Nodes nodes[2] = {{_output}, {}};
+        const uint32_t channels[2] = {reader.channelCount(), 0};
+        _converter = DXRAudioConverter::initWithNodes(
+            nodes, channels, reader.sampleRate(), options.rate, blockFrames, ConvertedFrames::blockFrames,
+            options.isFast ? DXRConversionQuality::Standard : DXRConversionQuality::High);
+        for (uint32_t channel = 0; channel < reader.channelCount(); ++channel)
+            _entries.push_back({&_samples[channel], reader.channelCount()});
+    }
+
+    /// Converts the next block. False when the output is whole.
+    bool step()
+    {
+        const uint32_t channels = _reader.channelCount();
+        _mayHaveMore = _mayHaveMore && _reader.fill(_input);
+        const uint64_t frames = _input.readableFrames();
+        std::ranges::fill(_samples, 0.0F); // silent past the input's end
+        for (uint64_t frame = 0; frame < frames; ++frame)
+            std::copy_n(_input.frameToRead(frame), channels, &_samples[frame * channels]);
+        _input.commitRead(frames);
+
+        constexpr double beginTicks = 1e12; // of a clock that counts input frames
+        const double period = 1e9 / _reader.sampleRate();
+        const DXRChannelEntry* const entries[2] = {_entries.data(), nullptr};
+        _converter->performIOWithSampleTime(
+            &_sampleTime, entries, {beginTicks + static_cast<double>(_framesFed) * period, 0, period});
+        _framesFed += blockFrames;
+        if (!_late && _output->firstTicks != 0)
+            _late = static_cast<uint64_t>(std::max(
+                0.0, std::round((beginTicks - static_cast<double>(_output->firstTicks)) / period * _ratio)));
+        const uint64_t cut = std::min(_late.value_or(0), _output->ring.readableFrames());
+        _output->ring.commitRead(cut);
+        _late = _late ? std::optional(*_late - cut) : std::nullopt;
+        _writer.drain(_output->ring, _total - _writer.framesWritten());
+        return _writer.framesWritten() < _total;
+    }
+    double progress() const
+    {
+        return static_cast<double>(_writer.framesWritten()) /
+               static_cast<double>(std::max<uint64_t>(_total, 1));
+    }
+
+private:
+    SoundFileReader& _reader;
+    SoundFileWriter& _writer;
+    const double _ratio; // output over input
+    const uint64_t _total;
+    FrameRing _input;
+    std::vector<float> _samples; // a block, interleaved
+    std::vector<DXRChannelEntry> _entries;
+    const CXRef<ConvertedFrames> _output;
+    CXRef<DXRAudioConverter> _converter;
+    uint64_t _sampleTime = 0, _framesFed = 0;
+    std::optional<uint64_t> _late; // output frames still to be cut off
+    bool _mayHaveMore = true;
+};
+
+/// Shows how much of a conversion is done, once it has taken half a second.
+class Progress {
+public:
+    Progress() : _live(_terminal) {}
+    void show(double progress)
+    {
+        using namespace std::chrono_literals;
+        const auto now = std::chrono::steady_clock::now();
+        if (now - _begin < 500ms || now - _drawn < 100ms)
+            return;
+        _drawn = now;
+        const size_t width = std::min<size_t>(_terminal.columns() - 8, 60);
+        const auto filled = static_cast<size_t>(progress * static_cast<double>(width));
+        _live.draw(
+            {std::string(filled, '=') + std::string(width - filled, ' ') + " " + formatPercent(progress)});
+    }
+
+private:
+    const Terminal _terminal;
+    LiveLines _live;
+    const std::chrono::steady_clock::time_point _begin = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point _drawn;
+};
+
+void run(const Options& options)
+{
+    std::error_code ignored;
+    if (std::filesystem::equivalent(options.input, options.output, ignored))
+        throw ToolFailure(singleLine(options.output) + ": input and output are the same file");
+    SoundFileReader reader(options.input);
+    if (reader.isStream())
+        throw ToolFailure("the length of the input must be known: resample a file");
+    const double seconds = static_cast<double>(reader.frameCount()) / reader.sampleRate();
+    const Interrupts interrupts;
+    SoundFileWriter writer(options.output, SoundFormat::toWrite(options.output, "", 0), reader.channelCount(),
+                           options.rate, seconds);
+    FileResampling resampling(reader, writer, options);
+    {
+        Progress progress;
+        while (resampling.step()) {
+            if (interrupts.wasAsked())
+                throw ToolFailure("stopped; " + singleLine(options.output) + " holds the start");
+            progress.show(resampling.progress());
+        }
+    }
+    writer.finish();
+    std::cout << formatCount(reader.frameCount(), "frame", "frames") << " at "
+              << formatRate(reader.sampleRate()) << " -> "
+              << formatCount(writer.framesWritten(), "frame", "frames") << " at " << formatRate(options.rate)
+              << "\n";
+}
+
+} // namespace
+
+void registerResampleCommand(CLI::App& app)
+{
+    CLI::App* command = app.add_subcommand("resample", "Convert a sound file to another sample rate");
+    const auto options = std::make_shared<Options>();
+    command->add_option("input", options->input, "The sound file to read")->required();
+    command
+        ->add_option("output", options->output,
+                     "The file to write, in the format of its name; one that is there is replaced")
+        ->required();
+    command->add_option("--rate", options->rate, "The sample rate to convert to, in Hz")
+        ->required()
+        ->check(CLI::Range(100, 1'536'000));
+    command->add_flag("--fast", options->isFast, "Convert with less cost, and more noise");
+    command->callback([options] { run(*options); });
+}

@@ -1,0 +1,112 @@
+#include "SoundFileWriter.h"
+
+#include "DisplayText.h"
+#include "ToolFailure.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr uint64_t maxWaveBytes = 0xFFFFFFFFU - 4096; // of samples; the header's sizes have 32 bits
+
+bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
+{
+    return seconds * sampleRate * channelCount * sizeof(float) > static_cast<double>(maxWaveBytes);
+}
+
+/// Which loudspeaker each channel is for, where their number says so.
+void setChannelMap(SNDFILE* file, uint32_t channelCount)
+{
+    constexpr int left = SF_CHANNEL_MAP_LEFT, right = SF_CHANNEL_MAP_RIGHT, middle = SF_CHANNEL_MAP_CENTER;
+    std::vector<int> map;
+    if (channelCount == 1)
+        map = {middle};
+    else if (channelCount == 2 || channelCount == 4)
+        map = {left, right, SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
+    else if (channelCount == 6 || channelCount == 8)
+        map = {left,
+               right,
+               middle,
+               SF_CHANNEL_MAP_LFE,
+               SF_CHANNEL_MAP_REAR_LEFT,
+               SF_CHANNEL_MAP_REAR_RIGHT,
+               SF_CHANNEL_MAP_SIDE_LEFT,
+               SF_CHANNEL_MAP_SIDE_RIGHT};
+    else
+        return;
+    sf_command(file, SFC_SET_CHANNEL_MAP_INFO, map.data(), static_cast<int>(channelCount * sizeof(int)));
+}
+
+} // namespace
+
+SoundFileWriter::SoundFileWriter(const std::string& path, const SoundFormat& format, uint32_t channelCount,
+                                 double sampleRate, double expectedSeconds)
+    : _name(path == "-" ? "standard output" : singleLine(path)), _channelCount(channelCount),
+      _maxFrames(!format.isWave() || path == "-" || exceedsWave(expectedSeconds, sampleRate, channelCount)
+                     ? UINT64_MAX
+                     : maxWaveBytes / (uint64_t{channelCount} * sizeof(float))),
+      _headerEvery(static_cast<uint64_t>(sampleRate)),
+      _stream(SoundStream::open(path, SoundStream::Mode::Write))
+{
+    if (_stream && !format.isStreamed())
+        throw ToolFailure(_name +
+                          ": this format needs a file; --format takes wav, flac, ogg, f32 and others");
+    SF_INFO info{};
+    info.channels = static_cast<int>(channelCount);
+    info.samplerate = static_cast<int>(sampleRate);
+    info.format = format.code;
+    if (format.isWave() && !_stream && _maxFrames == UINT64_MAX)
+        info.format = SF_FORMAT_RF64 | (format.code & SF_FORMAT_SUBMASK);
+    errno = 0;
+    _file.reset(_stream ? _stream->openSound(info) : sf_open(path.c_str(), SFM_WRITE, &info));
+    const int reason = errno;
+    if (!_file)
+        throw ToolFailure(_name + ": cannot be written: " +
+                          (reason ? std::strerror(reason) : singleLine(sf_strerror(nullptr))));
+    sf_command(_file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+    sf_command(_file.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
+    sf_command(_file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
+    setChannelMap(_file.get(), channelCount);
+    if (!format.isOgg()) // which would get a second header
+        sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    if (sf_error(_file.get()))
+        throw ToolFailure(_name + ": cannot be written: " + singleLine(sf_strerror(_file.get())));
+    if (_stream && !_stream->begin())
+        throw ToolFailure(_name + ": cannot be written: " + std::strerror(errno));
+}
+
+void SoundFileWriter::drain(FrameRing& ring, uint64_t maxFrames)
+{
+    constexpr uint64_t framesAtOnce = 4096;
+    uint64_t left = _hasFailed ? 0 : std::min(ring.readableFrames(), maxFrames);
+    std::vector<float> samples(std::min(left, framesAtOnce) * _channelCount);
+    while (left > 0) {
+        const uint64_t count = std::min({left, framesAtOnce, _maxFrames - _framesWritten});
+        _hasFailed = count == 0;
+        if (_hasFailed)
+            throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; say --seconds and it will be RF64");
+        for (uint64_t frame = 0; frame < count; ++frame)
+            std::copy_n(ring.frameToRead(frame), _channelCount, &samples[frame * _channelCount]);
+        ring.commitRead(count);
+        errno = 0;
+        const sf_count_t written =
+            sf_writef_float(_file.get(), samples.data(), static_cast<sf_count_t>(count));
+        const int reason = errno;
+        const uint64_t before = _framesWritten;
+        _framesWritten += static_cast<uint64_t>(std::max<sf_count_t>(written, 0));
+        left -= count;
+        _hasFailed = static_cast<uint64_t>(written) != count;
+        if (_hasFailed)
+            throw ToolFailure(_name + ": cannot be written on: " +
+                              (reason ? std::strerror(reason) : singleLine(sf_strerror(_file.get()))));
+        if (!_stream && before / _headerEvery != _framesWritten / _headerEvery)
+            sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+    }
+}
+
+void SoundFileWriter::finish() noexcept
+{
+    _file.reset();
+}

@@ -1,0 +1,78 @@
+#include "ChannelMap.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace {
+
+/// The device's channels, from 0, that stereo is for.
+std::array<uint32_t, 2> stereoPair(const DeviceSelection& output)
+{
+    constexpr std::array<uint32_t, 2> firstTwo{1, 2};
+    const auto pair = output.report[HALDirection::Output].stereoChannels.value_or(firstTwo);
+    const auto isThere = [&](uint32_t channel) { return channel >= 1 && channel <= output.channels.size(); };
+    return !output.areChannelsChosen && isThere(pair[0]) && isThere(pair[1])
+               ? std::array{pair[0] - 1, pair[1] - 1}
+               : std::array<uint32_t, 2>{0, 1};
+}
+
+/// Which side a channel is heard on, in the order that sound files have: L and R, l and r behind or beside the listener, C in
+/// the middle, c behind; - is for deep effects, and is left out.
+std::string sidesOf(uint32_t channelCount)
+{
+    constexpr std::string_view known[] = {"",      "C",      "LR",      "LRC",     "LRlr",
+                                          "LRClr", "LRC-lr", "LRC-clr", "LRC-lrlr"};
+    if (channelCount < std::size(known))
+        return std::string(known[channelCount]);
+    std::string others;
+    for (uint32_t channel = 0; channel < channelCount; ++channel)
+        others += channel % 2 == 0 ? 'L' : 'R';
+    return others;
+}
+
+std::vector<ChannelShare> sharesOf(std::string_view sides, std::string_view full, std::string_view less)
+{
+    constexpr float behind = 0.70710678F; // -3 dB
+    std::vector<ChannelShare> shares;
+    float sum = 0.0F;
+    for (uint32_t channel = 0; channel < sides.size(); ++channel) {
+        const float gain = full.find(sides[channel]) != full.npos   ? 1.0F
+                           : less.find(sides[channel]) != less.npos ? behind
+                                                                    : 0.0F;
+        if (gain > 0.0F)
+            shares.push_back({channel, gain});
+        sum += gain;
+    }
+    for (ChannelShare& share : shares)
+        share.gain /= sum;
+    return shares;
+}
+
+} // namespace
+
+ChannelMap straightChannelMap(uint32_t frameChannels, const DeviceSelection& output)
+{
+    ChannelMap map(output.channels.size());
+    if (frameChannels == 1 && map.size() > 1) {
+        for (const uint32_t channel : stereoPair(output))
+            map[channel] = {{0}};
+        return map;
+    }
+    for (uint32_t channel = 0; channel < std::min<size_t>(frameChannels, map.size()); ++channel)
+        map[channel] = {{channel}};
+    return map;
+}
+
+ChannelMap downmixChannelMap(uint32_t frameChannels, const DeviceSelection& output)
+{
+    ChannelMap map(output.channels.size());
+    const std::string sides = sidesOf(frameChannels);
+    if (frameChannels <= map.size())
+        return straightChannelMap(frameChannels, output);
+    if (map.size() == 1)
+        return {sharesOf(sides, "LRC", "lrc")};
+    const std::array<uint32_t, 2> pair = stereoPair(output);
+    map[pair[0]] = sharesOf(sides, "L", "Clc");
+    map[pair[1]] = sharesOf(sides, "R", "Crc");
+    return map;
+}

@@ -1,0 +1,107 @@
+#include "FilePlayer.h"
+
+#include "ToolFailure.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace {
+
+constexpr double ringSeconds = 2.0;
+
+} // namespace
+
+CXRef<FilePlayer> FilePlayer::initWithFile(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
+                                           std::vector<ChannelMap> maps)
+{
+    return CXRef<FilePlayer>::adopt(new FilePlayer(std::move(file), outputs, std::move(maps)));
+}
+
+FilePlayer::FilePlayer(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
+                       std::vector<ChannelMap> maps)
+    : _outputs(outputs), _maps(std::move(maps)), _file(std::move(file)),
+      _ring(_file.channelCount(), static_cast<uint64_t>(ringSeconds * _file.sampleRate()))
+{
+    _meters.add("out", outputs);
+    if (!_isStream())
+        feed();
+}
+
+void FilePlayer::addTo(RunnerSession& session)
+{
+    if (_isStream())
+        std::thread([self = CXRef<FilePlayer>(this)] { self->_readStream(); }).detach();
+    for (size_t output = 0; output < _outputs.size(); ++output)
+        session.add(_outputs[output],
+                    [self = CXRef<FilePlayer>(this), output](uint64_t sampleTime, DXRBuffer& buffer) {
+                        self->_play(output, sampleTime, buffer);
+                    });
+}
+
+void FilePlayer::_readStream() noexcept
+{
+    constexpr std::chrono::milliseconds pause(10);
+    try {
+        while (_file.fill(_ring))
+            std::this_thread::sleep_for(pause);
+    } catch (const std::exception& failure) {
+        _failure = failure.what();
+        _hasFailed.store(true, std::memory_order_release);
+    }
+    _isFed.store(true, std::memory_order_release);
+}
+
+void FilePlayer::feed()
+{
+    if (_hasFailed.load(std::memory_order_acquire))
+        throw ToolFailure(_failure);
+    if (!_isStream() && !_isFed.load(std::memory_order_relaxed) && !_file.fill(_ring))
+        _isFed.store(true, std::memory_order_release);
+}
+
+std::optional<uint64_t> FilePlayer::frameCount() const noexcept
+{
+    return _isStream() || _file.frameCount() == UINT64_MAX ? std::nullopt : std::optional(_file.frameCount());
+}
+
+std::optional<uint64_t> FilePlayer::endTime() const noexcept
+{
+    const uint64_t time = _endTime.load(std::memory_order_relaxed);
+    return time != 0 ? std::optional(time) : std::nullopt;
+}
+
+/// The blocks of a cycle come in the order of the outputs: the first takes frames for all, the last gives their room back.
+void FilePlayer::_play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept
+{
+    if (output == 0)
+        _take(buffer.frameCount());
+    const uint32_t channels = buffer.channelCount();
+    const ChannelMap& map = _maps[output];
+    buffer.mute();
+    for (uint64_t frame = 0; _isPlaying && frame < _given; ++frame) {
+        const float* const from = _ring.frameToRead(frame);
+        for (uint32_t channel = 0; channel < channels; ++channel)
+            for (const ChannelShare& share : map[channel])
+                buffer.samples()[frame * channels + channel] += share.gain * from[share.channel];
+    }
+    _meters.note(output, buffer);
+    if (output + 1 == _outputs.size() && _isPlaying)
+        _giveBack(sampleTime, buffer.frameCount());
+}
+
+void FilePlayer::_take(uint32_t frameCount) noexcept
+{
+    _isPlaying = _isOpen.load(std::memory_order_relaxed) && _endTime.load(std::memory_order_relaxed) == 0;
+    _given = _isPlaying ? std::min<uint64_t>(frameCount, _ring.readableFrames()) : 0;
+}
+
+void FilePlayer::_giveBack(uint64_t sampleTime, uint32_t frameCount) noexcept
+{
+    const bool isFed = _isFed.load(std::memory_order_acquire);
+    _ring.commitRead(_given);
+    _framesPlayed.store(_framesPlayed.load(std::memory_order_relaxed) + _given, std::memory_order_relaxed);
+    if (isFed && _ring.readableFrames() == 0)
+        _endTime.store(sampleTime + _given, std::memory_order_relaxed);
+    else if (_given < frameCount && !isFed)
+        _underruns.store(_underruns.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}

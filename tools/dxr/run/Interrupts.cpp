@@ -1,0 +1,119 @@
+#include "Interrupts.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+// Written by the signal handler, on the thread that takes the signal.
+std::atomic<bool> asked{false};
+std::atomic<int> wakeDescriptor{-1};
+std::atomic<void (*)()> lastAct{nullptr};
+std::atomic<bool> isWorkLeftBehind{false};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+
+constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+extern "C" void noteSignal(int signal)
+{
+    if (asked.exchange(true)) { // asked twice: what we are waiting for does not come
+        if (void (*const act)() = lastAct)
+            act();
+        _exit(128 + signal);
+    }
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(wakeDescriptor.load(), &one, sizeof one);
+}
+
+void setHandler(int signal, void (*handler)(int))
+{
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    sigaction(signal, &action, nullptr);
+}
+
+} // namespace
+
+Interrupts::Interrupts()
+{
+    wakeDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    for (const int signal : endingSignals)
+        setHandler(signal, noteSignal);
+    setHandler(SIGPIPE, SIG_IGN);
+}
+
+Interrupts::~Interrupts()
+{
+    for (const int signal : endingSignals)
+        setHandler(signal, SIG_DFL);
+    setHandler(SIGPIPE, SIG_DFL);
+    close(wakeDescriptor.exchange(-1));
+}
+
+bool Interrupts::wasAsked() const noexcept
+{
+    return asked;
+}
+
+int Interrupts::fd() const noexcept
+{
+    return wakeDescriptor;
+}
+
+bool Interrupts::wait(int milliseconds, int otherFD) const
+{
+    pollfd waited[] = {{fd(), POLLIN, 0}, {otherFD, POLLIN, 0}};
+    poll(waited, 2, milliseconds);
+    return !wasAsked();
+}
+
+bool Interrupts::runUnlessAsked(std::function<void()> work, int graceMilliseconds) const
+{
+    auto ended = std::make_shared<std::promise<void>>();
+    std::future<void> end = ended->get_future();
+    std::thread([work = std::move(work), ended] {
+        try {
+            work();
+            ended->set_value();
+        } catch (...) {
+            ended->set_exception(std::current_exception());
+        }
+    }).detach();
+    constexpr std::chrono::milliseconds step{10};
+    std::chrono::milliseconds grace{graceMilliseconds};
+    while (end.wait_for(step) != std::future_status::ready) {
+        if (!wasAsked())
+            continue;
+        if (grace <= std::chrono::milliseconds::zero()) {
+            isWorkLeftBehind = true;
+            return false;
+        }
+        grace -= step;
+    }
+    end.get();
+    return true;
+}
+
+void Interrupts::setLastAct(void (*act)()) noexcept
+{
+    lastAct = act;
+}
+
+void Interrupts::endProcess(int status)
+{
+    std::cout.flush();
+    if (isWorkLeftBehind)
+        std::_Exit(status); // it waits for a server that does not answer, and would use what exit() destroys
+    std::exit(status);
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "ChannelMap.h"
+#include "DeviceMeters.h"
+#include "RunnerInputs.h"
+#include "RunnerSession.h"
+
+/// Plays all inputs of a runner on every output, the inputs' channels side by side: channel for channel, or a single one on a
+/// stereo pair. Outputs are silent until open().
+/// Threads:   the blocks in the runner's cycles, the rest on one other thread.
+/// Real time: the blocks.
+class LoopPatch final : public CXObject {
+public:
+    static CXRef<LoopPatch> initWithSelections(const std::vector<DeviceSelection>& inputs,
+                                               const std::vector<DeviceSelection>& outputs);
+
+    /// Adds the devices, with blocks that keep this alive, to a session that has not started.
+    void addTo(RunnerSession& session);
+    void open() noexcept { setOpen(true); }
+    void setOpen(bool isOpen) noexcept { _isOpen.store(isOpen, std::memory_order_relaxed); }
+    /// Frames that have passed since then.
+    uint64_t framesPassed() const noexcept { return _framesPassed.load(std::memory_order_relaxed); }
+    DeviceMeters& meters() noexcept { return _meters; }
+
+private:
+    LoopPatch(const std::vector<DeviceSelection>& inputs, const std::vector<DeviceSelection>& outputs);
+    ~LoopPatch() override = default;
+
+    void _hear(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept CX_REALTIME;
+    void _play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;
+
+    const std::vector<DeviceSelection> _selections[2]; // inputs, outputs
+    RunnerInputs _inputs;
+    std::vector<ChannelMap> _maps;          // by output
+    DeviceMeters _meters;                   // of the inputs, then of the outputs
+    std::atomic<bool> _isOpen{false};       // takes effect in some cycle; orders nothing
+    std::atomic<uint64_t> _framesPassed{0}; // has one writer and stands for itself
+};

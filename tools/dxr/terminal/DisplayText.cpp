@@ -1,0 +1,145 @@
+#include "DisplayText.h"
+
+#include "TextFormat.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <cwctype>
+#include <dxr/LogSink.h>
+
+namespace {
+
+constexpr const char* ellipsis = "\xE2\x80\xA6";
+constexpr size_t marksPerLetter = 8; // what any script needs; more only serve to make a short line long
+
+struct Character {
+    std::string_view bytes;
+    wchar_t code = 0;
+    size_t width = 0; // columns
+};
+
+/// The first character of well-formed UTF-8; any other byte counts as a character of its own.
+Character firstCharacter(std::string_view text)
+{
+    const auto lead = static_cast<unsigned char>(text.front());
+    const size_t wanted = lead < 0xC0 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    Character character{text.substr(0, wanted)};
+    uint32_t code = wanted == 1 ? lead : lead & (0x7FU >> wanted);
+    for (const char byte : character.bytes.substr(1))
+        code = code << 6 | (static_cast<unsigned char>(byte) & 0x3FU);
+    character.code = static_cast<wchar_t>(code);
+    const int width = ::wcwidth(character.code);
+    character.width = width < 0 ? 1 : static_cast<size_t>(width);
+    return character;
+}
+
+template <class Use> void forEachCharacter(std::string_view text, Use use)
+{
+    while (!text.empty()) {
+        const Character character = firstCharacter(text);
+        text.remove_prefix(character.bytes.size());
+        if (!use(character))
+            return;
+    }
+}
+
+} // namespace
+
+std::string singleLine(std::string_view text)
+{
+    std::string line;
+    size_t marks = 0;
+    const std::string printable = platform::printableText(text);
+    forEachCharacter(printable, [&](const Character& character) {
+        marks = character.width == 0 ? marks + 1 : 0;
+        // Line and paragraph separators start a line on some terminals.
+        if (character.code == L'\n' || character.code == L'\t')
+            line += formatText("\\x%02X", static_cast<unsigned>(character.code));
+        else if (character.code == 0x2028 || character.code == 0x2029)
+            line += ' ';
+        else if (marks <= marksPerLetter)
+            line += character.bytes;
+        return true;
+    });
+    return line;
+}
+
+size_t displayWidth(std::string_view text)
+{
+    size_t width = 0;
+    forEachCharacter(text, [&](const Character& character) {
+        width += character.width;
+        return true;
+    });
+    return width;
+}
+
+std::string_view fittingStart(std::string_view text, size_t width)
+{
+    size_t used = 0;
+    size_t bytes = 0;
+    forEachCharacter(text, [&](const Character& character) {
+        used += character.width;
+        if (used > width && bytes > 0)
+            return false;
+        bytes += character.bytes.size();
+        return true;
+    });
+    return text.substr(0, bytes);
+}
+
+std::string clipToWidth(std::string_view text, size_t width)
+{
+    if (displayWidth(text) <= width)
+        return std::string(text);
+    if (width == 0)
+        return {};
+    const std::string_view start = width == 1 ? std::string_view() : fittingStart(text, width - 1);
+    return std::string(displayWidth(start) < width ? start : std::string_view()) +
+           ellipsis; // a wide letter may not fit
+}
+
+std::string fitLeft(std::string_view text, size_t width)
+{
+    std::string fitted = clipToWidth(text, width);
+    fitted.append(width - std::min(width, displayWidth(fitted)), ' ');
+    return fitted;
+}
+
+std::string fitRight(std::string_view text, size_t width)
+{
+    const std::string clipped = clipToWidth(text, width);
+    return std::string(width - std::min(width, displayWidth(clipped)), ' ') + clipped;
+}
+
+std::vector<std::string> wrapped(std::string_view text, size_t width)
+{
+    std::vector<std::string> lines;
+    while (!text.empty()) {
+        std::string_view line = fittingStart(text, width);
+        const bool isCut = line.size() < text.size() && text[line.size()] != ' ';
+        if (const size_t space = line.rfind(' '); isCut && space != std::string_view::npos)
+            line = line.substr(0, space);
+        text.remove_prefix(line.size());
+        lines.emplace_back(line.substr(0, line.find_last_not_of(' ') + 1));
+        text.remove_prefix(std::min(text.size(), text.find_first_not_of(' ')));
+    }
+    return lines;
+}
+
+std::string foldCase(std::string_view text)
+{
+    std::string folded;
+    forEachCharacter(text, [&](const Character& character) {
+        const auto lower = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(character.code)));
+        std::mbstate_t state{};
+        char bytes[16];
+        const size_t count = std::wcrtomb(bytes, lower, &state);
+        if (count == static_cast<size_t>(-1))
+            folded += character.bytes;
+        else
+            folded.append(bytes, count);
+        return true;
+    });
+    return folded;
+}
