@@ -146,4 +146,5 @@ def _end() -> None:
         time.sleep(0.001)
 
 
+os.register_at_fork(after_in_child=_calls.clear)  # other threads' calls end in the parent
 weakref.finalize(ffi, _end)  # the first to be made is the last that is called, after those of owned()

@@ -46,6 +46,7 @@ ENDS = {
         "runner2.start(); time.sleep(0.2)",
         0,
     ),
+    "by a fork of it": ("child = os.fork(); sys.exit(0 if child == 0 else os.waitpid(child, 0)[1])", 0),
     "by os._exit": ("os._exit(4)", 4),
     "by a signal": ("os.kill(os.getpid(), 15)", -signal.SIGTERM),
 }
@@ -56,22 +57,6 @@ def test_the_interpreter_ends_while_cycles_run(script, end):
     text, wanted = ENDS[end]
     status, _, errors = script(BEGIN + text)
     assert status == wanted and "Fatal" not in errors, errors
-
-
-def test_a_fork_is_refused_and_the_parent_goes_on(script):
-    status, out, errors = script(BEGIN + """
-child = os.fork()
-if child == 0:
-    try: dxr.devices()
-    except dxr.Error as error: print(error, flush=True)
-    sys.exit(5)
-assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 5
-before = runner.state.cycles
-time.sleep(0.1)
-assert runner.state.cycles > before
-""")
-    assert status == 0, errors
-    assert out == "dxr_devices: the process is a fork() of one that used dxr\n"
 
 
 def test_ctrl_c_ends_what_waits(script):

@@ -39,7 +39,7 @@ bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& fil
         }
         const uint64_t before = file.framesWritten();
         if (recorder.isOpen())
-            file.drain(recorder.ring(), maxFrames - file.framesWritten());
+            recorder.writeTo(file, maxFrames, false);
         if (file.framesWritten() != before)
             lastFrameAt = session.seconds();
         if (maxFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
@@ -55,7 +55,7 @@ void writeTheRest(RunnerSession& session, FileRecorder& recorder, SoundFileWrite
 {
     session.stop();
     if (recorder.isOpen())
-        file.drain(recorder.ring(), maxFrames - file.framesWritten());
+        recorder.writeTo(file, maxFrames, true);
     file.finish();
 }
 

@@ -52,6 +52,8 @@ DeviceSelection DeviceSelection::of(const DeviceReport& report, HALDirection dir
 {
     DeviceSelection selection;
     selection.device = report[direction].device;
+    if (!selection.device && !report.isHidden) // the manager adopts it a moment after the hardware has it
+        throw DeviceMissing(report.shortName() + ": is not ready yet");
     if (!selection.device)
         throw ToolFailure(report.shortName() + ": hides from applications, and runs no audio for them");
     for (uint32_t channel = 1; channel <= report[direction].channelCount; ++channel)

@@ -11,6 +11,8 @@ namespace {
 
 constexpr uint64_t maxWaveBytes = 0xFFFFFFFFU - 4096; // of samples; the header's sizes have 32 bits
 
+constexpr uint64_t framesAtOnce = 4096;
+
 bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
 {
     return seconds * sampleRate * channelCount * sizeof(float) > static_cast<double>(maxWaveBytes);
@@ -79,31 +81,42 @@ SoundFileWriter::SoundFileWriter(const std::string& path, const SoundFormat& for
 
 void SoundFileWriter::drain(FrameRing& ring, uint64_t maxFrames)
 {
-    constexpr uint64_t framesAtOnce = 4096;
     uint64_t left = _hasFailed ? 0 : std::min(ring.readableFrames(), maxFrames);
     std::vector<float> samples(std::min(left, framesAtOnce) * _channelCount);
     while (left > 0) {
-        const uint64_t count = std::min({left, framesAtOnce, _maxFrames - _framesWritten});
-        _hasFailed = count == 0;
-        if (_hasFailed)
-            throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; say --seconds and it will be RF64");
+        const uint64_t count = std::min(left, framesAtOnce);
         for (uint64_t frame = 0; frame < count; ++frame)
             std::copy_n(ring.frameToRead(frame), _channelCount, &samples[frame * _channelCount]);
         ring.commitRead(count);
-        errno = 0;
-        const sf_count_t written =
-            sf_writef_float(_file.get(), samples.data(), static_cast<sf_count_t>(count));
-        const int reason = errno;
-        const uint64_t before = _framesWritten;
-        _framesWritten += static_cast<uint64_t>(std::max<sf_count_t>(written, 0));
+        _write(samples, count);
         left -= count;
-        _hasFailed = static_cast<uint64_t>(written) != count;
-        if (_hasFailed)
-            throw ToolFailure(_name + ": cannot be written on: " +
-                              (reason ? std::strerror(reason) : singleLine(sf_strerror(_file.get()))));
-        if (!_stream && before / _headerEvery != _framesWritten / _headerEvery)
-            sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     }
+}
+
+void SoundFileWriter::writeSilence(uint64_t frameCount)
+{
+    const std::vector<float> samples(std::min(frameCount, framesAtOnce) * _channelCount);
+    for (uint64_t left = _hasFailed ? 0 : frameCount; left > 0; left -= std::min(left, framesAtOnce))
+        _write(samples, std::min(left, framesAtOnce));
+}
+
+/// Writes the first frames of `samples`.
+void SoundFileWriter::_write(const std::vector<float>& samples, uint64_t frameCount)
+{
+    const uint64_t count = std::min(frameCount, _maxFrames - _framesWritten);
+    errno = 0;
+    const sf_count_t written = sf_writef_float(_file.get(), samples.data(), static_cast<sf_count_t>(count));
+    const int reason = errno;
+    const uint64_t before = _framesWritten;
+    _framesWritten += static_cast<uint64_t>(std::max<sf_count_t>(written, 0));
+    _hasFailed = static_cast<uint64_t>(written) != frameCount;
+    if (_hasFailed && count < frameCount)
+        throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; say --seconds and it will be RF64");
+    if (_hasFailed)
+        throw ToolFailure(_name + ": cannot be written on: " +
+                          (reason ? std::strerror(reason) : singleLine(sf_strerror(_file.get()))));
+    if (!_stream && before / _headerEvery != _framesWritten / _headerEvery)
+        sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
 }
 
 void SoundFileWriter::finish() noexcept

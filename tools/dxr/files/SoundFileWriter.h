@@ -7,6 +7,7 @@
 #include <memory>
 #include <sndfile.h>
 #include <string>
+#include <vector>
 
 /// A sound file that grows, or sound into a pipe. A file's header is kept true while it grows, so that what is on the disk
 /// can be read however the process ends. A WAV file that is known to grow beyond its 4 GB is written as RF64, which
@@ -24,6 +25,7 @@ public:
     /// Writes up to `maxFrames` frames from the reader's side of `ring`. Throws ToolFailure when the file
     /// takes no more; what went before is in it.
     void drain(FrameRing& ring, uint64_t maxFrames);
+    void writeSilence(uint64_t frameCount);
     uint64_t framesWritten() const noexcept { return _framesWritten; }
     /// Closes the file, whole frames only.
     void finish() noexcept;
@@ -32,6 +34,8 @@ private:
     struct Closer {
         void operator()(SNDFILE* file) const { sf_close(file); }
     };
+
+    void _write(const std::vector<float>& samples, uint64_t frameCount);
 
     const std::string _name; // printable
     const uint32_t _channelCount;

@@ -22,6 +22,10 @@ FileRecorder::FileRecorder(const std::vector<DeviceSelection>& inputs) : _inputs
 
 void FileRecorder::addTo(RunnerSession& session)
 {
+    session.setRecords([self = CXRef<FileRecorder>(this)](std::span<const DXRCycleRecord> records) {
+        for (const DXRCycleRecord& record : records)
+            self->_note(record);
+    });
     for (size_t input = 0; input < _inputs.size(); ++input)
         session.add(_inputs[input],
                     [self = CXRef<FileRecorder>(this), input](uint64_t sampleTime, DXRBuffer& buffer) {
@@ -43,32 +47,59 @@ void FileRecorder::_hear(size_t input, uint64_t sampleTime, const DXRBuffer& buf
     _meters.note(input, buffer);
     if (input + 1 != _inputs.size() || !_isOpen.load(std::memory_order_acquire))
         return;
-    _fillGap(buffer.hostTime(), buffer.frameCount());
     _keep(sampleTime, buffer.frameCount());
 }
 
-/// Writes silence for the time since the last cycle's end, if that is long enough for a cycle to be missing. Time goes by the
-/// device's frames in between, so that a clock that drifts leaves no gaps.
-void FileRecorder::_fillGap(uint64_t hostTicks, uint32_t frameCount) noexcept
+/// Frames are missing where the device's sample time jumps, and where another context begins later than the last cycle ended.
+/// Times alone do not show it: a cycle that only came late has lost nothing.
+void FileRecorder::_note(const DXRCycleRecord& record)
 {
-    const double ticksOfFrame = 1.0 / (secondsOf(1) * _sampleRate);
-    const uint64_t late = _nextTicks != 0 && hostTicks > _nextTicks ? hostTicks - _nextTicks : 0;
-    const auto missing = static_cast<uint64_t>(static_cast<double>(late) / ticksOfFrame + 0.5);
-    _nextTicks = hostTicks == 0 ? 0 : hostTicks + static_cast<uint64_t>(frameCount * ticksOfFrame);
-    if (missing <= frameCount / 2)
+    if (record.event != DXRCycleRecord::Event::Cycle)
         return;
-    const uint64_t silent = std::min(missing, _ring->writableFrames());
-    for (uint64_t frame = 0; frame < silent; ++frame)
-        std::fill_n(_ring->frameToWrite(frame), channelCount(), 0.0F);
-    _ring->commitWrite(silent);
-    _silentFrames.store(_silentFrames.load(std::memory_order_relaxed) + silent, std::memory_order_relaxed);
-    _droppedFrames.store(_droppedFrames.load(std::memory_order_relaxed) + missing - silent,
-                         std::memory_order_relaxed);
+    const DXRCycleRecord last = std::exchange(_last, record);
+    if (!isOpen() || last.dueTicks == 0 || record.dueTicks == 0 ||
+        last.droppedRecords != record.droppedRecords)
+        return;
+    const double cycleSeconds = secondsOf(last.deadlineTicks - last.dueTicks);
+    double seconds = 0.0;
+    if (last.contextNumber != record.contextNumber)
+        seconds = secondsOf(record.dueTicks - last.dueTicks) - cycleSeconds;
+    else if (record.deviceSampleTime > last.deviceSampleTime + last.frameCount)
+        seconds = static_cast<double>(record.deviceSampleTime - last.deviceSampleTime - last.frameCount) *
+                  cycleSeconds / last.frameCount;
+    const auto frames = static_cast<uint64_t>(std::max(0.0, seconds) * _sampleRate + 0.5);
+    if (frames > 0)
+        _gaps.push_back({record.sampleTime, frames});
+}
+
+void FileRecorder::writeTo(SoundFileWriter& file, uint64_t maxFrames, bool isEnd)
+{
+    const uint64_t first = _firstSampleTime.load(std::memory_order_acquire);
+    if (first == UINT64_MAX)
+        return;
+    const auto writeUpTo = [&](uint64_t sampleTime) {
+        const uint64_t before = file.framesWritten(),
+                       wanted = sampleTime - std::min(sampleTime, first + _framesTaken);
+        file.drain(*_ring, std::min(wanted, maxFrames - before));
+        _framesTaken += file.framesWritten() - before;
+    };
+    for (; !_gaps.empty(); _gaps.pop_front()) {
+        writeUpTo(_gaps.front().sampleTime);
+        if (_gaps.front().sampleTime > first + _framesTaken && !isEnd)
+            return; // the ring was full there, or the file is
+        const uint64_t before = file.framesWritten();
+        if (_gaps.front().sampleTime > first)
+            file.writeSilence(std::min(_gaps.front().frameCount, maxFrames - before));
+        _silentFrames += file.framesWritten() - before;
+    }
+    writeUpTo(isEnd ? UINT64_MAX : _last.sampleTime + _last.runnerFrameCount);
 }
 
 void FileRecorder::_keep(uint64_t sampleTime, uint32_t frameCount) noexcept
 {
     const uint64_t kept = std::min<uint64_t>(frameCount, _ring->writableFrames());
+    if (_firstSampleTime.load(std::memory_order_relaxed) == UINT64_MAX)
+        _firstSampleTime.store(sampleTime, std::memory_order_release);
     for (uint32_t channel = 0; channel < channelCount(); ++channel) {
         const auto from = _heard.channel(channel, sampleTime, frameCount);
         for (uint64_t frame = 0; frame < kept; ++frame)
