@@ -389,7 +389,9 @@ TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
 TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)
 {
     runner->start();
-    Cycle(0).run(); // without a time it has none to be late for
+    Cycle untimed(0);
+    untimed.now.hostTime = 1; // not said to be valid: it has no time to be late for
+    untimed.run();
     uint64_t late = 0;
     for (const int64_t seconds : {-10, 10, -10}) { // from now, when the cycle is to begin
         Cycle one(static_cast<double>(64 * runner->counts().cycles));
