@@ -33,11 +33,58 @@ bool canBeDefault(const HALDeviceState& state, HALDefault which)
 } // namespace
 
 /// The devices that are plugged in.
-struct SimulatedHardware::Plugged {
+class SimulatedPlugged {
+public:
+    explicit SimulatedPlugged(SimulatedMachine& machine) : _machine(machine) {}
+
+    // Under the script mutex:
+    void setDefault(HALDefault which, const CXRef<SimulatedDevice>& device);
+    /// Gives each vacant default to the first device that can be it.
+    void electDefaults();
+    void report(const CXRef<SimulatedDevice>& device);
+
     std::mutex mutex;                               // guards the rest; held for look-ups only
     std::vector<CXRef<SimulatedDevice>> devices;    // in the order they came
     std::array<CXRef<SimulatedDevice>, 3> defaults; // by HALDefault
+
+private:
+    SimulatedMachine& _machine;
 };
+
+void SimulatedPlugged::setDefault(HALDefault which, const CXRef<SimulatedDevice>& device)
+{
+    {
+        const std::scoped_lock lock(mutex);
+        defaults[static_cast<size_t>(which)] = device;
+    }
+    if (_machine.sink)
+        _machine.sink->defaultChanged(which, device.get());
+}
+
+void SimulatedPlugged::electDefaults()
+{
+    for (const HALDefault which : allDefaults) {
+        CXRef<SimulatedDevice> elected;
+        {
+            const std::scoped_lock lock(mutex);
+            if (defaults[static_cast<size_t>(which)])
+                continue;
+            const auto found = std::ranges::find_if(devices, [&](const CXRef<SimulatedDevice>& each) {
+                return canBeDefault(each->state(), which);
+            });
+            if (found != devices.end())
+                elected = *found;
+        }
+        if (elected)
+            setDefault(which, elected);
+    }
+}
+
+void SimulatedPlugged::report(const CXRef<SimulatedDevice>& device)
+{
+    if (_machine.sink)
+        device->setObjectID(_machine.sink->deviceAdded(device, device->state()));
+}
 
 CXRef<SimulatedHardware> SimulatedHardware::init(SimulatedClock clock)
 {
@@ -46,7 +93,7 @@ CXRef<SimulatedHardware> SimulatedHardware::init(SimulatedClock clock)
 
 SimulatedHardware::SimulatedHardware(SimulatedClock clock)
     : _machine(SimulatedMachine::init(clock == SimulatedClock::Stepped)),
-      _plugged(std::make_unique<Plugged>())
+      _plugged(std::make_unique<SimulatedPlugged>(*_machine))
 {}
 
 SimulatedHardware::~SimulatedHardware() = default;
@@ -61,9 +108,9 @@ void SimulatedHardware::start(HALDriverSink& sink)
         devices = _plugged->devices;
     }
     for (const CXRef<SimulatedDevice>& device : devices)
-        _report(device);
+        _plugged->report(device);
     for (const HALDefault which : allDefaults)
-        _setDefault(which, _plugged->defaults[static_cast<size_t>(which)]);
+        _plugged->setDefault(which, _plugged->defaults[static_cast<size_t>(which)]);
 }
 
 void SimulatedHardware::stop()
@@ -79,45 +126,6 @@ void SimulatedHardware::stop()
     _machine->sink = nullptr;
 }
 
-// ---- Under the script mutex
-
-void SimulatedHardware::_setDefault(HALDefault which, const CXRef<SimulatedDevice>& device)
-{
-    {
-        const std::scoped_lock lock(_plugged->mutex);
-        _plugged->defaults[static_cast<size_t>(which)] = device;
-    }
-    if (_machine->sink)
-        _machine->sink->defaultChanged(which, device.get());
-}
-
-/// Gives each vacant default to the first device that can be it.
-void SimulatedHardware::_electDefaults()
-{
-    for (const HALDefault which : allDefaults) {
-        CXRef<SimulatedDevice> elected;
-        {
-            const std::scoped_lock lock(_plugged->mutex);
-            if (_plugged->defaults[static_cast<size_t>(which)])
-                continue;
-            const auto found =
-                std::ranges::find_if(_plugged->devices, [&](const CXRef<SimulatedDevice>& each) {
-                    return canBeDefault(each->state(), which);
-                });
-            if (found != _plugged->devices.end())
-                elected = *found;
-        }
-        if (elected)
-            _setDefault(which, elected);
-    }
-}
-
-void SimulatedHardware::_report(const CXRef<SimulatedDevice>& device)
-{
-    if (_machine->sink)
-        device->setObjectID(_machine->sink->deviceAdded(device, device->state()));
-}
-
 // ---- Plugging
 
 AudioObjectID SimulatedHardware::plug(const SimulatedDeviceBuilder& builder)
@@ -129,14 +137,14 @@ AudioObjectID SimulatedHardware::plug(const SimulatedDeviceBuilder& builder)
     makeValid(description.state);
     const CXRef<SimulatedDevice> device =
         SimulatedDevice::initWithDescription(std::move(description), _machine);
-    _report(device);
+    _plugged->report(device);
     if (_machine->sink && device->objectID() == kAudioObjectUnknown) // an aggregate has that UID
         return kAudioObjectUnknown;
     {
         const std::scoped_lock lock(_plugged->mutex);
         _plugged->devices.push_back(device);
     }
-    _electDefaults();
+    _plugged->electDefaults();
     return device->objectID();
 }
 
@@ -155,7 +163,7 @@ bool SimulatedHardware::unplug(const std::string& uid)
     }
     if (_machine->sink)
         _machine->sink->deviceRemoved(*device);
-    _electDefaults();
+    _plugged->electDefaults();
     return true;
 }
 
@@ -191,7 +199,7 @@ bool SimulatedHardware::_setDefaults(std::initializer_list<HALDefault> which, co
     if (!device && !uid.empty())
         return false;
     for (const HALDefault each : which)
-        _setDefault(each, device);
+        _plugged->setDefault(each, device);
     return true;
 }
 

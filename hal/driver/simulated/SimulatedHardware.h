@@ -8,6 +8,7 @@
 #include <string>
 
 class SimulatedMachine;
+class SimulatedPlugged;
 class SimulatedDevice;
 
 /// How a simulated computer's time passes.
@@ -82,11 +83,6 @@ private:
     void _interceptReads();
     bool _setDefaults(std::initializer_list<HALDefault> which, const std::string& uid);
 
-    struct Plugged;
-    void _setDefault(HALDefault which, const CXRef<SimulatedDevice>& device);
-    void _electDefaults();
-    void _report(const CXRef<SimulatedDevice>& device);
-
     const CXRef<SimulatedMachine> _machine;
-    const std::unique_ptr<Plugged> _plugged;
+    const std::unique_ptr<SimulatedPlugged> _plugged;
 };
