@@ -56,8 +56,7 @@ ReadPlan DriftController::plan(uint64_t hostNanoseconds, uint64_t sampleTime, ui
                                uint64_t firstFrame, uint64_t endFrame) noexcept
 {
     const uint64_t gap = sampleTime - _nextSampleTime;
-    if (_hasRead && gap > 0 &&
-        gap < maxGapFrames) // the cycles that the reader lost have passed all the same
+    if (_hasRead && gap > 0 && gap < maxGapFrames) // the cycles that the reader lost have passed all the same
         _walk = _walk.after(static_cast<uint32_t>(gap));
     _hasRead = true;
     _nextSampleTime = sampleTime + frameCount;
