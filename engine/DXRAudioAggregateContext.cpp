@@ -40,7 +40,7 @@ DXRAudioAggregateContext::initWithIO(RunnerIO& io, const CXRef<CXObject>& runner
                                      HALStatus* status)
 {
     auto context = CXRef<DXRAudioAggregateContext>::adopt(
-        new DXRAudioAggregateContext(io, runner, nodes, std::move(viables)));
+        new DXRAudioAggregateContext(io, runner, nodes, std::move(viables), deviceUIDs));
     context->_deviceUID = _uniqueDeviceUID();
     context->_deviceID =
         context->_createAggregateDevice(deviceUIDs, context->_clockDeviceUID(deviceUIDs), status);

@@ -66,7 +66,8 @@ CXRef<DXRAudioContext> DXRAudioContext::initWithIO(RunnerIO& io, const CXRef<CXO
                                                    const DXRDeviceNodes& nodes, Viables viables,
                                                    const std::vector<std::string>& deviceUIDs)
 {
-    auto context = CXRef<DXRAudioContext>::adopt(new DXRAudioContext(io, runner, nodes, std::move(viables)));
+    auto context =
+        CXRef<DXRAudioContext>::adopt(new DXRAudioContext(io, runner, nodes, std::move(viables), deviceUIDs));
     // An aggregate beside the one device that is there of its parts: the device itself, which carries both.
     const auto isOneOf = [&](const CXRef<DXRDeviceNode>& node, bool isListed) {
         return context->_viables.contains(node) &&
@@ -86,9 +87,26 @@ CXRef<DXRAudioContext> DXRAudioContext::initWithIO(RunnerIO& io, const CXRef<CXO
 }
 
 DXRAudioContext::DXRAudioContext(RunnerIO& io, const CXRef<CXObject>& runner, const DXRDeviceNodes& nodes,
-                                 Viables viables)
-    : _nodes(nodes), _viables(std::move(viables)), _queue(io.queue), _io(io), _runner(runner)
+                                 Viables viables, std::vector<std::string> deviceUIDs)
+    : _nodes(nodes), _viables(std::move(viables)), _queue(io.queue), _io(io), _runner(runner),
+      _deviceUIDs(std::move(deviceUIDs))
 {}
+
+std::vector<std::string> DXRAudioContext::deviceUIDsOf(const DXRDeviceNodes& nodes, const Viables& viables)
+{
+    std::vector<std::string> uids;
+    for (const auto& direction : nodes) {
+        for (const CXRef<DXRDeviceNode>& node : direction) {
+            if (!viables.contains(node))
+                continue;
+            for (std::string& uid : node->deviceUIDs()) {
+                if (std::ranges::find(uids, uid) == uids.end())
+                    uids.push_back(std::move(uid));
+            }
+        }
+    }
+    return uids;
+}
 
 // A failed assertion ends the process here: destructors are noexcept.
 DXRAudioContext::~DXRAudioContext() CX_UNCHECKED_QUEUE // nobody else has it any more
@@ -218,12 +236,13 @@ void DXRAudioContext::_followLayouts()
         }
     }
     _layouts = _readLayouts();
+    _queue->dispatchAsync(look); // for what has changed between the choice of the devices and the listeners
 }
 
 void DXRAudioContext::_lookAtLayouts()
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    if (_iocontext && !(_readLayouts() == _layouts))
+    if (_iocontext && (deviceUIDsOf(_nodes, _viables) != _deviceUIDs || !(_readLayouts() == _layouts)))
         _io.onNewLayout(*this);
 }
 
@@ -512,28 +531,14 @@ std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const
     const std::array<CyclePlacement, 2> placements = _placements();
     for (size_t direction = 0; direction < _nodes.size(); ++direction) {
         for (const CXRef<DXRDeviceNode>& node : _nodes[direction]) {
-            if (_viables.contains(node))
-                latencies.push_back(_latencyOf(*node, placements[direction], statuses));
+            if (!_viables.contains(node))
+                continue;
+            latencies.push_back(
+                latencyOfSlowest(_devicesOfNode(*node), node->isInput(), placements[direction], statuses));
+            latencies.back().deviceUID = node->device()->deviceUID();
         }
     }
     return latencies;
-}
-
-/// That of the slowest of the node's devices. From any thread.
-DXRDeviceLatency DXRAudioContext::_latencyOf(const DXRDeviceNode& node, CyclePlacement placement,
-                                             const SubDeviceStatuses& statuses) const
-{
-    const auto clock = std::ranges::find_if(statuses, [](const auto& status) { return status.isClock != 0; });
-    placement.clockID = clock != statuses.end() ? clock->deviceID : _deviceID;
-    DXRDeviceLatency slowest;
-    for (const AudioObjectID device : _devicesOfNode(node)) {
-        DXRDeviceLatency latency = latencyOfPart(device, node.isInput(), placement, statuses);
-        if (latency.seconds() >= slowest.seconds())
-            slowest = std::move(latency);
-    }
-    slowest.deviceUID = node.device()->deviceUID();
-    slowest.isInput = node.isInput();
-    return slowest;
 }
 
 std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const DXRDeviceNode&) const
@@ -541,13 +546,14 @@ std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const DXRDeviceNode&)
     return {_deviceID};
 }
 
-/// Of the last cycle, input and output; the clock is not in it.
+/// Of the last cycle, input and output.
 std::array<CyclePlacement, 2> DXRAudioContext::_placements() const
 {
     CX_ASSERT_ON_QUEUE(_queue);
     const DXRAudioIOContext& record = *_iocontext;
     std::array<CyclePlacement, 2> placements;
     for (size_t direction = 0; direction < placements.size(); ++direction) {
+        placements[direction].clockID = _deviceID;
         placements[direction].sampleRate = record.sampleRate;
         placements[direction].cycleFrames = record.lastFrameCount;
         placements[direction].distanceFrames = record.distances[direction];
@@ -564,6 +570,10 @@ void DXRAudioContext::_followRings()
 {
     if (subDeviceStatusesOf(_deviceID).size() < 2)
         return;
+    std::vector<RingPart> parts;
+    for (const CXRef<DXRDeviceNode>& node : _viables)
+        parts.push_back({node->isInput(), _devicesOfNode(*node)});
+    _ringParts = std::make_shared<const std::vector<RingPart>>(std::move(parts));
     _ringTimer = CXDispatchTimer::init();
     _ringTimer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
         if (const CXRef<DXRAudioContext> self = weak.lock())
@@ -573,28 +583,41 @@ void DXRAudioContext::_followRings()
     _ringTimer->setTimeoutAbsolute(0, ringTicks);
 }
 
-/// Rings are read on another thread, so that no cycle has to wait for this queue meanwhile.
+/// Rings are read on another thread, so that no cycle has to wait for this queue meanwhile. That thread keeps nothing
+/// alive: a private aggregate ends with its context, when stop() returns.
 void DXRAudioContext::_lookAtRings()
 {
     CX_ASSERT_ON_QUEUE(_queue);
     if (!_iocontext || _iocontext->lastFrameCount == 0)
         return;
-    platform::GlobalQueue::highPriority().async([self = CXRef(this), placements = _placements()] {
-        const SubDeviceStatuses statuses = subDeviceStatusesOf(self->_deviceID);
-        std::vector<std::pair<CXRef<DXRDeviceNode>, int64_t>> offsets;
-        for (const CXRef<DXRDeviceNode>& node : self->_viables) {
-            const CyclePlacement& placement = placements[node->isInput() ? 0 : 1];
-            const double seconds = secondsAfterClock(self->_latencyOf(*node, placement, statuses), placement);
-            if (!statuses.empty() && std::isfinite(seconds))
-                offsets.emplace_back(node, std::llround(seconds * ticksPerSecond));
-        }
-        self->_queue->dispatchAsync([self, offsets = std::move(offsets)] {
-            for (const auto& [node, ticks] : offsets) {
-                if (self->_ringTimer)
-                    node->setHostTimeOffset(ticks);
+    platform::GlobalQueue::highPriority().async(
+        [weak = CXWeak(*this), queue = _queue, parts = _ringParts, placements = _placements()] {
+            const SubDeviceStatuses statuses = subDeviceStatusesOf(placements[0].clockID);
+            std::vector<double> seconds;
+            for (const RingPart& part : *parts) {
+                const CyclePlacement& placement = placements[part.isInput ? 0 : 1];
+                seconds.push_back(secondsAfterClock(
+                    latencyOfSlowest(part.devices, part.isInput, placement, statuses), placement));
             }
+            if (!statuses.empty())
+                queue->dispatchAsync([weak, seconds = std::move(seconds)] {
+                    if (const CXRef<DXRAudioContext> self = weak.lock())
+                        self->_ringsAre(seconds);
+                });
         });
-    });
+}
+
+/// Each viable node's distance from the clock's time stamps.
+void DXRAudioContext::_ringsAre(const std::vector<double>& seconds)
+{
+    if (!_ringTimer)
+        return;
+    auto next = seconds.begin();
+    for (const CXRef<DXRDeviceNode>& node : _viables) {
+        if (std::isfinite(*next))
+            node->setHostTimeOffset(std::llround(*next * ticksPerSecond));
+        ++next;
+    }
 }
 
 /// The rate of this cycle. False when it was to be read and could not be, or is none to work with.

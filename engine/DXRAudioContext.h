@@ -10,6 +10,7 @@
 
 #include <array>
 #include <map>
+#include <memory>
 #include <set>
 
 class RunnerIO;
@@ -35,6 +36,9 @@ public:
                                              const DXRDeviceNodes& nodes, Viables viables,
                                              const std::vector<std::string>& deviceUIDs);
 
+    /// The UIDs of the devices that it takes to run the `viables` among `nodes`, each once, in the order of the nodes.
+    static std::vector<std::string> deviceUIDsOf(const DXRDeviceNodes& nodes, const Viables& viables);
+
     AudioObjectID deviceID() const noexcept { return _deviceID; } ///< 0 when there is none
     const std::string& deviceUID() const noexcept { return _deviceUID; }
     virtual DXRCycleRecord::Context kind() const noexcept CX_REALTIME
@@ -58,8 +62,8 @@ public:
     std::string description() const override;
 
 protected:
-    DXRAudioContext(RunnerIO& io, const CXRef<CXObject>& runner, const DXRDeviceNodes& nodes,
-                    Viables viables);
+    DXRAudioContext(RunnerIO& io, const CXRef<CXObject>& runner, const DXRDeviceNodes& nodes, Viables viables,
+                    std::vector<std::string> deviceUIDs);
     ~DXRAudioContext() override;
 
     virtual const char* className() const { return "DXRAudioContext"; }
@@ -111,11 +115,16 @@ private:
         bool operator==(const Layouts& other) const = default;
     };
 
+    /// What is read of an aggregate's rings for a node, in the order of the viable nodes.
+    struct RingPart {
+        bool isInput;
+        std::vector<AudioObjectID> devices;
+    };
+
     std::array<CyclePlacement, 2> _placements() const;
-    DXRDeviceLatency _latencyOf(const DXRDeviceNode& node, CyclePlacement placement,
-                                const std::vector<AudioAggregateSubDeviceStatus>& statuses) const;
     void _followRings();
     void _lookAtRings();
+    void _ringsAre(const std::vector<double>& seconds);
     void _stopFollowing();
     bool _fail(HALStatus status, std::string text);
     CXRef<DXRAudioIOContext> _makeRecord();
@@ -145,10 +154,12 @@ private:
     void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
                         const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;
 
-    const CXRef<CXObject> _runner; // kept alive
+    const CXRef<CXObject> _runner;              // kept alive
+    const std::vector<std::string> _deviceUIDs; // it was made for these
     DXRDeviceRunnerError _error;
     Layouts _layouts; // since start()
     std::vector<CXRef<DXRPropertyListener>> _layoutListeners;
-    CXRef<CXDispatchTimer> _ringTimer; // while the device is an aggregate that runs
+    std::shared_ptr<const std::vector<RingPart>> _ringParts; // since _followRings()
+    CXRef<CXDispatchTimer> _ringTimer;                       // while the device is an aggregate that runs
     CXRef<DXRAudioIOContext> _iocontext CX_OWNED_BY_QUEUE(_queue); // null while no callback is installed
 };

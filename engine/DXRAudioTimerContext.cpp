@@ -19,7 +19,7 @@ constexpr double defaultSampleRate = 44100.0;
 CXRef<DXRAudioTimerContext> DXRAudioTimerContext::initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
                                                              const DXRDeviceNodes& nodes)
 {
-    return CXRef<DXRAudioTimerContext>::adopt(new DXRAudioTimerContext(io, runner, nodes, {}));
+    return CXRef<DXRAudioTimerContext>::adopt(new DXRAudioTimerContext(io, runner, nodes, {}, {}));
 }
 
 bool DXRAudioTimerContext::start()

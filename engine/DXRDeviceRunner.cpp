@@ -430,18 +430,13 @@ CXRef<DXRAudioContext> DXRDeviceRunner::_newContext()
 {
     CX_ASSERT_ON_QUEUE(_queue);
     DXRAudioContext::Viables viables;
-    std::vector<std::string> deviceUIDs;
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction) {
-            if (!node->isViable())
-                continue;
-            viables.insert(node);
-            for (std::string& uid : node->deviceUIDs()) {
-                if (std::ranges::find(deviceUIDs, uid) == deviceUIDs.end())
-                    deviceUIDs.push_back(std::move(uid));
-            }
+            if (node->isViable())
+                viables.insert(node);
         }
     }
+    const std::vector<std::string> deviceUIDs = DXRAudioContext::deviceUIDsOf(_nodes, viables);
     if (deviceUIDs.size() >= 2 && viables.size() > 1) {
         HALStatus status = kAudioHardwareNoError;
         auto context = DXRAudioAggregateContext::initWithIO(*_io, CXRef<CXObject>(this), _nodes,

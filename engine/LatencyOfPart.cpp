@@ -82,6 +82,22 @@ DXRDeviceLatency latencyOfPart(AudioObjectID deviceID, bool isInput, const Cycle
     return latency;
 }
 
+DXRDeviceLatency latencyOfSlowest(const std::vector<AudioObjectID>& devices, bool isInput,
+                                  CyclePlacement placement, const SubDeviceStatuses& statuses)
+{
+    const auto clock = std::ranges::find_if(statuses, [](const auto& status) { return status.isClock != 0; });
+    if (clock != statuses.end())
+        placement.clockID = clock->deviceID;
+    DXRDeviceLatency slowest;
+    slowest.isInput = isInput;
+    for (const AudioObjectID device : devices) {
+        DXRDeviceLatency latency = latencyOfPart(device, isInput, placement, statuses);
+        if (latency.seconds() >= slowest.seconds())
+            slowest = std::move(latency);
+    }
+    return slowest;
+}
+
 double secondsAfterClock(const DXRDeviceLatency& part, const CyclePlacement& placement)
 {
     const double distance = (part.safetyOffsetFrames + part.cycleFrames + part.ringFrames) / part.sampleRate -

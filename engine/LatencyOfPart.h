@@ -26,6 +26,11 @@ SubDeviceStatuses subDeviceStatusesOf(AudioObjectID aggregateID);
 DXRDeviceLatency latencyOfPart(AudioObjectID deviceID, bool isInput, const CyclePlacement& placement,
                                const SubDeviceStatuses& statuses);
 
+/// The latency of the slowest of some devices, which is a default one without any. `placement` names the context's device as
+/// the clock; where that is an aggregate, its clock device counts.
+DXRDeviceLatency latencyOfSlowest(const std::vector<AudioObjectID>& devices, bool isInput,
+                                  CyclePlacement placement, const SubDeviceStatuses& statuses);
+
 /// How many seconds later than the clock device's frames of the same cycle those of a part are at their device; negative
 /// where they are earlier, as those are that an input ring holds.
 double secondsAfterClock(const DXRDeviceLatency& part, const CyclePlacement& placement);

@@ -55,7 +55,8 @@ public:
             _nodes[isInput ? 0 : 1].push_back(node);
             viables.insert(node);
         }
-        _context = DXRAudioContext::initWithIO(_io, nullptr, _nodes, viables, {});
+        _context = DXRAudioContext::initWithIO(_io, nullptr, _nodes, viables,
+                                               DXRAudioContext::deviceUIDsOf(_nodes, viables));
         _io.queue->dispatchSync([&] { _context->start(); });
         _callback = backend().callback;
         for (size_t direction = 0; direction < 2; ++direction) {

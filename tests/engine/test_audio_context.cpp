@@ -240,7 +240,7 @@ TEST_F(DXRAudioContextTest, callsAWaitingCycleAwayWhenItStops)
                                                                [this](uint64_t, DXRBuffer&) { ++calls; })}}};
     EXPECT_TRUE(isPrompt([&] {
         io.queue->dispatchSync([&] {
-            const auto context = DXRAudioContext::initWithIO(io, nullptr, nodes, {nodes[0][0]}, {});
+            const auto context = DXRAudioContext::initWithIO(io, nullptr, nodes, {nodes[0][0]}, {"duplex"});
             ASSERT_TRUE(context->start());
             std::thread cycle([callback = backend().callback] { Cycle(64).run(callback); });
             std::this_thread::sleep_for(100ms); // until it waits
