@@ -144,18 +144,8 @@ FAKED_EXPORT int open(const char* path, int flags, ...)
     return openCards(original.get(), path, flags, mode);
 }
 
-FAKED_EXPORT int open64(const char* path, int flags, ...)
-{
-    mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list list;
-        va_start(list, flags);
-        mode = va_arg(list, mode_t);
-        va_end(list);
-    }
-    static constinit Hidden<Open> original("open64");
-    return openCards(original.get(), path, flags, mode);
-}
+/// The same function where file offsets have 64 bits anyway.
+FAKED_EXPORT int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
 // The forms that check sizes, which alsa-lib calls.
 FAKED_EXPORT int __open_2(const char* path, int flags)
