@@ -7,8 +7,8 @@
 /// as the context. The first of the devices that a node stands for gives the clock; the others are brought to it.
 class DXR_EXPORT DXRAudioAggregateContext final : public DXRAudioContext {
 public:
-    /// Null when the aggregate cannot be made, for the reason in `status`. Waits, for about three seconds at the longest, until the new device says
-    /// what channels it has or none of the devices is there any more.
+    /// Null when the aggregate cannot be made, for the reason in `status`. Waits, for three seconds at most, until
+    /// the new device has channels or all of the devices have gone.
     static CXRef<DXRAudioAggregateContext> initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
                                                       const DXRDeviceNodes& nodes, Viables viables,
                                                       const std::vector<std::string>& deviceUIDs,

@@ -570,11 +570,13 @@ void DXRAudioContext::_followRings()
 {
     if (subDeviceStatusesOf(_deviceID).size() < 2)
         return;
+    _ringTimer = CXDispatchTimer::init();
+    if (!_ringTimer)
+        return; // no memory: host times are the clock device's
     std::vector<RingPart> parts;
     for (const CXRef<DXRDeviceNode>& node : _viables)
         parts.push_back({node->isInput(), _devicesOfNode(*node)});
     _ringParts = std::make_shared<const std::vector<RingPart>>(std::move(parts));
-    _ringTimer = CXDispatchTimer::init();
     _ringTimer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
         if (const CXRef<DXRAudioContext> self = weak.lock())
             self->_lookAtRings();
@@ -599,11 +601,13 @@ void DXRAudioContext::_lookAtRings()
                 seconds.push_back(secondsAfterClock(
                     latencyOfSlowest(part.devices, part.isInput, placement, statuses), placement));
             }
-            if (!statuses.empty())
-                queue->dispatchAsync([weak, seconds = std::move(seconds)] {
-                    if (const CXRef<DXRAudioContext> self = weak.lock())
-                        self->_ringsAre(seconds);
-                });
+            if (statuses.empty())
+                return;
+            queue->dispatchAsync(CXDispatchClientLane | CXDispatchAfterCancel, // the runner may be gone
+                                 [weak, seconds = std::move(seconds)] {
+                                     if (const CXRef<DXRAudioContext> self = weak.lock())
+                                         self->_ringsAre(seconds);
+                                 });
         });
 }
 

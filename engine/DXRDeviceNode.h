@@ -13,8 +13,8 @@
 class DXRDeviceRunner;
 
 /// What an application does with one device in one cycle: `buffer` holds the input that was just taken, or takes the
-/// output to be played one cycle later; its hostTime() is when. `sampleTime` counts the runner's frames. Called where IO runs: it must keep
-/// the real-time rules, and not throw, which ends the process.
+/// output to be played one cycle later; its hostTime() is when. `sampleTime` counts the runner's frames. Called where
+/// IO runs: it must keep the real-time rules, and not throw, which ends the process.
 using DXRIOBlock = CXBlock<void(uint64_t sampleTime, DXRBuffer& buffer)>;
 
 /// One device in one direction in a runner: the device, the channels that are wanted of it, and the application's

@@ -31,7 +31,8 @@ class RunnerIO;
 ///            notifiers, it asserts, except stop(), which then takes effect a little later, setNotifier() and the device
 ///            notifiers. Waiting for the queue while holding DXRDeviceManager::lock() can deadlock. Observers are called on
 ///            the main thread.
-/// Real time: sampleTime(), and stop() from an IO block. IO blocks are called on the IO thread of a device, or on the queue, one at a time.
+/// Real time: sampleTime(), and stop() from an IO block. IO blocks are called on the IO thread of a device, or on the
+///            queue, one at a time.
 /// Owns:      its devices' nodes, and while it runs itself: stop it before letting it go.
 /// Fails:     what cannot be done returns false. A device that refuses to start leaves the runner without IO and with an
 ///            error(); it is tried again after 0.1 s, then after pauses that double up to 10 s, and when devices change.
