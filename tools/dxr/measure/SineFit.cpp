@@ -45,8 +45,8 @@ SineFit SineFit::of(std::span<const double> samples, double frequency, double sa
         return fit;
     const double step = 2.0 * std::numbers::pi * frequency / sampleRate;
     const auto basis = [step](size_t frame) {
-        const double phase = step * static_cast<double>(frame);
-        return std::array{std::sin(phase), std::cos(phase), 1.0};
+        const double angle = step * static_cast<double>(frame);
+        return std::array{std::sin(angle), std::cos(angle), 1.0};
     };
     std::array<std::array<double, 3>, 3> normal{};
     std::array<double, 3> right{};
