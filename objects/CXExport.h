@@ -9,6 +9,9 @@
 #define DXR_END_C }
 #define DXR_NOEXCEPT noexcept
 #define DXR_NODISCARD [[nodiscard]]
+
+namespace dxr {}
+namespace platform = dxr; // what programs written before the first release call it
 #else
 #define DXR_BEGIN_C
 #define DXR_END_C
