@@ -17,7 +17,7 @@ DXR_EXPORT bool isDeviceReference(std::string_view text);
 
 /// Names one audio device, or one direction of it, in a form that outlives restarts and replugging: a text,
 /// which clients store, and the attributes that the text is the JSON of. References are compared by
-/// attributes. A device on a bus whose IDs tell where it is plugged in also has a generic ID and is described
+/// attributes. A device on a bus whose IDs say where it is plugged in also has a generic ID and is described
 /// (channels, maker, model, name), so that it is known again in another place: isGenericallyEqual().
 /// Threads:   immutable, any.
 /// Real time: no. Comparing and hashing neither allocates nor waits, but is not bounded.

@@ -10,7 +10,7 @@
 #include <span>
 
 /// One entry of a DXRCycleTrace: a cycle of a runner, or what became of the context that gives its cycles. Ticks are the
-/// host clock's (HostClock); 0 where nobody can tell.
+/// host clock's (HostClock); 0 where it is not known.
 struct DXRCycleRecord {
     enum class Event : uint8_t {
         Cycle,

@@ -36,7 +36,7 @@ public:
     /// Since the runner's start; the last since the context's.
     std::atomic<uint64_t> cycles{0}, lateCycles{0}, lostFrames{0};
 
-    // -- What the runner is told, as work of the queue
+    // -- What the runner is to be called for, as work of the queue
 
     CXBlock<void()> onFormat; ///< a frame count and a rate are in effect now
     /// The device of a context has changed its streams: a new context is wanted, unless there is one already.

@@ -1,5 +1,5 @@
 // How an application tests its own device code without hardware: a simulated computer whose clock only moves
-// when it is told to, so that what fails once fails every time. Ends with status 0 when everything is as it
+// at given moments, so that what fails once fails every time. Ends with status 0 when everything is as it
 // should be.
 #include <cstdio>
 #include <dxr/QDL.h>

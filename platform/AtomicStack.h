@@ -43,7 +43,7 @@ public:
     bool isEmptySince(uint64_t popCount) const noexcept CX_REALTIME;
 
 private:
-    // The head and the number of pops so far. A pop changes both together: the count is what tells it that
+    // The head and the number of pops so far. A pop changes both together: the count shows that
     // the head it read was taken and put back meanwhile, its successor no longer what it was. At 64 bits it
     // cannot come round while a thread sleeps between its read and its exchange. A push changes the head
     // alone; it does not look behind it, and a head can only come back after a pop.

@@ -21,7 +21,7 @@ inline double signalToNoise(const std::vector<float>& samples, double radiansPer
     return 10 * std::log10(signal / std::max(xx - signal, 1e-30));
 }
 
-/// The same at the best frequency near `radiansPerFrame`: some peers round the ratio they are told.
+/// The same at the best frequency near `radiansPerFrame`: some peers round the ratio they are given.
 inline double signalToNoiseNearby(const std::vector<float>& samples, double radiansPerFrame)
 {
     double low = radiansPerFrame * (1 - 1e-6), high = radiansPerFrame * (1 + 1e-6);

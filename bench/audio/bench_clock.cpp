@@ -116,7 +116,7 @@ void printSpeed()
 void printErrors()
 {
     std::mt19937_64 random(2);
-    std::printf("\ndouble precision: wrong answers in a million\n%-12s %12s %12s\n", "after", "to samples",
+    std::printf("\ndouble precision: wrong results in a million\n%-12s %12s %12s\n", "after", "to samples",
                 "to ticks");
     const struct {
         const char* name;

@@ -262,7 +262,7 @@ void waitUntilTheServerSleeps()
     std::this_thread::sleep_for(std::chrono::microseconds(300));
 }
 
-/// The time from a call to a sleeping server until its answer, in nanoseconds.
+/// The time from a call to a sleeping server until its reply, in nanoseconds.
 double sleepingRoundTrip(Server& server)
 {
     waitUntilTheServerSleeps();
@@ -271,7 +271,7 @@ double sleepingRoundTrip(Server& server)
     return static_cast<double>(nowNanoseconds() - start);
 }
 
-/// The time from a call until its answer, p50 or p99 of a hundred, in nanoseconds.
+/// The time from a call until its reply, p50 or p99 of a hundred, in nanoseconds.
 double roundTrip(Server& server, double part)
 {
     std::vector<uint64_t> times;

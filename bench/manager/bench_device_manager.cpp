@@ -2,7 +2,7 @@
 // first listing as a program's start, and an event as the moment between the plug and the menu.
 //
 // Beside ours in every row: what the bare questions to the hardware cost that any follower of the list must ask each
-// time (who are you, how many channels, on which bus), without an object, a name or a reference made of the answers.
+// time (UID, channels, bus), without an object, a name or a reference made of them.
 
 #include "Comparison.h"
 #include "DXRDeviceManager.h"
@@ -55,15 +55,15 @@ void askEveryDevice()
 {
     uint32_t count = 0;
     AudioObjectID* const list = QDLAudioDeviceIDList(&count);
-    size_t answers = 0;
+    size_t values = 0;
     for (uint32_t i = 0; i < count; ++i) {
-        answers += QDLAudioDeviceUIDFromDeviceID(list[i]).has_value() ? 1 : 0;
-        answers += QDLAudioDeviceChannelCount(list[i], true) + QDLAudioDeviceChannelCount(list[i], false);
-        answers += QDLAudioDeviceTransportTypeFromDeviceID(list[i]);
+        values += QDLAudioDeviceUIDFromDeviceID(list[i]).has_value() ? 1 : 0;
+        values += QDLAudioDeviceChannelCount(list[i], true) + QDLAudioDeviceChannelCount(list[i], false);
+        values += QDLAudioDeviceTransportTypeFromDeviceID(list[i]);
     }
     std::free(list);
     [[maybe_unused]] static volatile size_t kept = 0;
-    kept = answers;
+    kept = values;
 }
 
 /// Remembers `count` devices that are not here.
@@ -89,10 +89,10 @@ void measure(int count, int archivedCount)
     archiveDevices(manager, archivedCount);
     DXRDeviceManager::queue().sync([] {});
 
-    std::counting_semaphore<> told(0);
+    std::counting_semaphore<> notified(0);
     manager.addDeviceNotifier(nullptr, [&](const auto& connected, const auto& disconnected, const auto&) {
         if (!connected.empty() || !disconnected.empty())
-            told.release();
+            notified.release();
     });
     const double update = medianMilliseconds([&](int) {
         manager.setNeedsDevicesUpdate(true);
@@ -100,15 +100,15 @@ void measure(int count, int archivedCount)
     });
     const double plugNew = medianMilliseconds([&](int round) {
         hal->plug(deviceNumber("new", round));
-        told.acquire();
+        notified.acquire();
     });
     const double unplug = medianMilliseconds([&](int round) {
         hal->unplug("new-" + std::to_string(round));
-        told.acquire();
+        notified.acquire();
     });
     const double replug = medianMilliseconds([&](int round) {
         hal->plug(deviceNumber("new", round));
-        told.acquire();
+        notified.acquire();
     });
     const double questions = medianMilliseconds([](int) { askEveryDevice(); });
     std::printf("%8d %9d %14.2f %10.3f %10.3f %10.3f %10.3f %16.3f\n", count, archivedCount, firstListing,

@@ -24,7 +24,7 @@ def play(cycle: dxr.Cycle) -> None:
 
 
 runner = dxr.Runner(48000)
-runner.add("output", play)  # the default device, whichever that becomes
+runner.add("output", play)  # the default device, also after it has changed
 with dxr.changes(timeout) as changes, runner:
     for change in changes:
         print(f"{change.kind:12} {change.device.name}  playing on {[device.name for device in runner.active_devices]}")

@@ -1,4 +1,4 @@
-"""How a program tests its own device code without hardware: a computer in memory, whose clock only moves when told to."""
+"""How a program tests its own device code without hardware: a computer in memory, whose clock moves only when it is asked to."""
 
 import numpy as np
 

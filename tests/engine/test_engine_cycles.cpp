@@ -137,8 +137,8 @@ TEST_F(EngineCyclesTest, followsARateThatAnotherProgramChanges)
     EXPECT_FALSE(wentBack);
 }
 
-// A cycle sees it first, for the thread that tells of it is held up.
-TEST_F(EngineCyclesTest, playsOnNewChannelsThatNobodyHasHeardOfYet)
+// A cycle sees it first, for the thread that would announce it is held up.
+TEST_F(EngineCyclesTest, playsOnNewChannelsBeforeTheyAreAnnounced)
 {
     plugged(aDevice().uid("grows").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(keep(3)));
     loop("grows", "grows", {3, 4});

@@ -1,14 +1,14 @@
 /* Threads that take a block each and give it back, on a pair of stacks, every interleaving. There are as many blocks
-   as threads, so whoever asks while holding none must get one.
+   as threads, so a thread that asks while it holds none must get one.
 
-   Looked for: a block given to two threads, one lost, and "none" as the answer although one was there all the
+   Looked for: a block given to two threads, one lost, and "none" returned although one was there all the
    time. */
 
 #define NUL 0
 
 byte first[2];              /* the heads: a block, and how many were popped */
 byte pops[2];
-byte next[THREADS + 1];     /* a block's link, whoever reads it and whenever */
+byte next[THREADS + 1];     /* a block's link, read by any thread at any time */
 byte owner[THREADS + 1];
 byte finished = 0;
 
@@ -32,7 +32,7 @@ inline pop(s, b)
     count = 0; link = 0
 }
 
-/* Which stack a thread uses is for speed only: whichever it is, the answers must be right. */
+/* Which stack a thread uses is for speed only: with either, the results must be right. */
 inline choose(s)
 {
     if

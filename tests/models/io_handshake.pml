@@ -5,7 +5,7 @@
    held through a cycle: ending a callback and setting a rate wait for it, as hardware may.
 
    Looked for: nodes run after stop, or by a context or with buffers that are gone; a callback ended twice or never;
-   and anybody waiting for ever. */
+   and anybody waiting without end. */
 
 #define CYCLES 3
 
@@ -13,7 +13,7 @@ byte unsafe = 1;            /* raised by start, which is under way */
 bool queue = false;         /* whether somebody runs as its work */
 bool inCycle = false;       /* the device is in a cycle */
 byte ended = 0;             /* how often the callback was ended */
-bool stopped = false;       /* stop has returned, to whoever called it */
+bool stopped = false;       /* stop has returned to its caller */
 bool contextIsThere = true;
 bool keeper = false;        /* the context is left to the cycle that ends the callback */
 bool buffersAreThere = false;
