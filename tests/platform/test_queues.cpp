@@ -54,7 +54,7 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
     EXPECT_TRUE(current);
     EXPECT_TRUE(refused);
 
-    const CXRef<SerialQueue> inner = SerialQueue::initWithLabel("vierzehn bytesä");
+    const CXRef<SerialQueue> inner = SerialQueue::initWithLabel("inner");
     queue->sync([&] {
         inner->sync([&] { // on this thread: it is idle
             EXPECT_TRUE(inner->isCurrent());
@@ -62,13 +62,6 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
         });
         EXPECT_FALSE(inner->isCurrent());
     });
-    std::promise<std::string> name;
-    inner->async([&] {
-        char text[16];
-        pthread_getname_np(pthread_self(), text, sizeof text);
-        name.set_value(text);
-    });
-    EXPECT_EQ(name.get_future().get(), "vierzehn bytes") << "cut at a whole character";
 }
 
 TEST(WorkQueue, delaysWorkAndKeepsTheOrderOfDeadlines)
@@ -112,10 +105,10 @@ TEST(MainQueue, showsWaitingWorkThroughItsDescriptor)
             queue.async([&] { ++ran; }); // for the next drain
         });
     }).join();
-    EXPECT_TRUE(isReadable(queue.fd()));
-    EXPECT_EQ(queue.drain(), 1U);
-    EXPECT_TRUE(isReadable(queue.fd()));
-    EXPECT_EQ(queue.drain(), 1U);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(isReadable(queue.fd()));
+        EXPECT_EQ(queue.drain(), 1U);
+    }
     EXPECT_FALSE(isReadable(queue.fd()));
     EXPECT_EQ(ran, 2);
 }

@@ -45,7 +45,7 @@ bool isLocated(uint32_t location)
         [=](const USBRegistryContents& contents) { return contents.deviceAtLocation(location) != nullptr; });
 }
 
-TEST(USBRegistry, tellsUnitsOfOneModelApart)
+TEST(USBRegistry, distinguishesUnitsOfOneModel)
 {
     FakeUSBBus bus;
     bus.plug("3-1.4", 5, {.serial = " SERIAL1 "});
