@@ -2,8 +2,10 @@
 #include "CXPlistAdditions.h"
 #include "CXStringAdditions.h"
 #include "CXThreadAdditions.h"
+#include "CXTimeBase.h"
 #include "CXURLAdditions.h"
 #include "CXValue.h"
+#include "_multiplyRatio.h"
 
 #include <gtest/gtest.h>
 
@@ -164,7 +166,7 @@ TEST(Strings, areCutCleanedAndReplaced)
     EXPECT_STREQ(name, "fourteen bytes");
 }
 
-TEST(ScanFloatArray, skipsWhatMayStandBetweenNumbers)
+TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
 {
     constexpr float infinity = std::numeric_limits<float>::infinity();
     const std::string tinyTimes100 = "0." + std::string(60, '0') + "1e2";
@@ -197,6 +199,33 @@ TEST(ScanFloatArray, skipsWhatMayStandBetweenNumbers)
         EXPECT_TRUE(std::equal(row.read.begin(), row.read.end(), floats)) << row.text;
         EXPECT_EQ(floats[row.read.size()], -1.0F) << row.text;
     }
+}
+
+TEST(TimeBase, scalesExactlyAndCutsTowardsZero)
+{
+    struct {
+        const char* why;
+        uint64_t value;
+        uint32_t multiplier, divisor;
+        uint64_t result;
+    } const rows[] = {
+        {"one to one is untouched", UINT64_MAX, 1, 1, UINT64_MAX},
+        {"equal terms are untouched", UINT64_MAX - 1, 125, 125, UINT64_MAX - 1},
+        {"cut, not rounded", 2, 2, 3, 1},
+        {"a product beyond 64 bits", UINT64_MAX, 3, 125, 442721857769029238},
+        {"only the low bits of too large a result", UINT64_MAX, 4, 2, UINT64_MAX - 1},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(_multiplyRatio(row.value, row.multiplier, row.divisor), row.result) << row.why;
+
+    const CXRef<CXTimeBase> base = CXTimeBase::initWithRatio(125, 3); // of 24 MHz
+    EXPECT_EQ(base->absoluteFrequency(), 3.0 / 125.0 * 1e9);
+    EXPECT_EQ(base->nanosecondsFromAbsoluteTime(24'000'000), 1'000'000'000U);
+    EXPECT_EQ(base->absoluteTimeFromNanoseconds(1'000'000'000), 24'000'000U);
+    const CXRef<CXTimeBase> shared = CXTimeBase::sharedTimeBase();
+    EXPECT_EQ(CXTimeBase::sharedTimeBase(), shared);
+    const uint64_t before = shared->absoluteTime();
+    EXPECT_GE(shared->nanoseconds(), shared->nanosecondsFromAbsoluteTime(before));
 }
 
 TEST(URLs, areCheckedAndExtended)
