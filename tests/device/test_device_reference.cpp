@@ -34,7 +34,7 @@ struct Bus {
     ~Bus() { USBRegistry::setReader({}); }
 };
 
-TEST(DeviceReference, readsTextsAndAnswersNothingForOthers)
+TEST(DeviceReference, readsTextsOfOneDictionary)
 {
     struct {
         const char* why;
@@ -92,6 +92,9 @@ TEST(DeviceReference, comparesAttributes)
         {"other channels", first, R"({"uid":"m:1","gid":"m:","t":"usb ","ic":4,"n":"A"})", Neither},
         {"a number is its value", first, R"({"uid":"m:1","gid":"m:","t":"usb ","ic":2.0,"n":"A"})",
          Equal | Generic},
+        {"minus zero is zero", R"({"uid":-0})", R"({"uid":0})", Equal},
+        {"another model", R"({"uid":"a","gid":"g","t":"usb ","md":"1"})",
+         R"({"uid":"b","gid":"g","t":"usb ","md":"2"})", Neither},
         {"no transport", R"({"uid":"a","gid":"g"})", R"({"uid":"a","gid":"g"})", Neither},
         {"-1 is not the largest", R"({"uid":-1})", R"({"uid":18446744073709551615})", Neither},
         {"an old engine's interface is cut", R"({"uid":"e","t":"usb ","gid":"AppleUSBAudioEngine:M:P::1"})",
@@ -130,7 +133,7 @@ TEST(DeviceReference, changesDirection)
     EXPECT_EQ(whole->hash() ^ whole->deviceReferenceWithInput(false)->hash(), 2U);
 }
 
-TEST(GenericUID, blanksWhatChangesFromPlaceToPlace)
+TEST(GenericUID, blanksThePartsThatDependOnThePlace)
 {
     const Bus bus({{0x14100000}, {0}, {0x03140000}, {0xABCDEF12}},
                   {{"AppleUSBAudioEngine:Maker:Product:SERIAL1:1", "SERIAL1", 0x14100000, {}, {}},
@@ -177,14 +180,13 @@ TEST(GenericUID, blanksWhatChangesFromPlaceToPlace)
     EXPECT_FALSE(JRCoreTransportCouldBeGeneric(kAudioDeviceTransportTypeBluetooth));
 }
 
-TEST(GenericUID, seesADeviceThatHasJustCome)
+TEST(GenericUID, findsADeviceThatWasJustPluggedIn)
 {
     std::vector<USBDevice> devices;
     USBRegistry::setReader([&] { return USBRegistryContents::initWithDevices(devices, {}); });
     EXPECT_EQ(JRCoreCreateGenericUID(usb, "model:03140000"), std::nullopt);
     devices.push_back({0x03140000});
-    std::this_thread::sleep_for(
-        std::chrono::milliseconds(40)); // what is asked at once again is not read again
+    std::this_thread::sleep_for(std::chrono::milliseconds(40)); // a request at once would not read again
     EXPECT_EQ(JRCoreCreateGenericUID(usb, "model:03140000"), "model:");
     USBRegistry::setReader({});
 }

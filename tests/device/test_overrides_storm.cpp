@@ -17,8 +17,8 @@
 #include <unistd.h>
 #include <vector>
 
-// Eight processes write the settings of the same devices and of one each of their own, while one of them is killed every
-// 50 ms and starts again.
+// Eight processes write the settings of the same devices and of one each of their own. Every 50 ms one of them is killed
+// and starts again.
 
 namespace {
 
@@ -29,7 +29,7 @@ constexpr uint32_t writerCount = 8;
 constexpr uint32_t sharedDeviceCount = 2;
 constexpr uint32_t deviceCount = sharedDeviceCount + writerCount;
 
-/// What the processes tell one another outside the store.
+/// What the processes share outside the store.
 struct Board {
     enum Phase : int { Writing, Comparing };
     std::atomic<int> phase;
@@ -132,9 +132,8 @@ TEST(OverridesStorm, losesNoCommittedWriteAndAgreesInTheEnd)
     };
     for (uint32_t writer = 0; writer < writerCount; ++writer)
         start(writer);
-    int kills = 0;
-    for (const auto end = Clock::now() + std::chrono::seconds(DXR_STORM_SECONDS); Clock::now() < end;
-         ++kills) {
+    const auto end = Clock::now() + std::chrono::seconds(DXR_STORM_SECONDS);
+    while (Clock::now() < end || board.commits == 0) {
         std::this_thread::sleep_for(50ms);
         const uint32_t victim = random.below(writerCount);
         kill(writers[victim], SIGKILL);
@@ -142,11 +141,9 @@ TEST(OverridesStorm, losesNoCommittedWriteAndAgreesInTheEnd)
         start(victim);
     }
     std::this_thread::sleep_for(300ms); // the last to start see others write, too
-    // Everybody ends the write at hand before the contents count as final, which they do when they stay.
+    // Each process ends its write before the contents count as final, which they do when they stay.
     board.finalContents[0] = '\0';
-    const int64_t commitsBefore = board.commits;
     board.phase = Board::Comparing;
-    const Clock::time_point stopped = Clock::now();
     const Devices devices;
     std::string contents;
     while (contents != devices.contents() || board.finalContents[0] == '\0') {
@@ -157,8 +154,6 @@ TEST(OverridesStorm, losesNoCommittedWriteAndAgreesInTheEnd)
     }
     for (const pid_t writer : writers)
         waitpid(writer, nullptr, 0);
-    const auto agreedAfter = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - stopped);
-
     for (uint32_t writer = 0; writer < writerCount; ++writer) {
         EXPECT_TRUE(board.hasAgreed[writer]) << writer;
         for (uint32_t device = 0; device < deviceCount; ++device)
@@ -168,11 +163,6 @@ TEST(OverridesStorm, losesNoCommittedWriteAndAgreesInTheEnd)
     }
     EXPECT_EQ(board.lost, 0);
     EXPECT_EQ(board.torn, 0);
-    EXPECT_GT(commitsBefore, 0);
-    std::printf("%lld commits by %u processes, %d kills; 0 lost, 0 torn expected: %lld, %lld; all agreed "
-                "within %lld ms\n",
-                static_cast<long long>(board.commits), writerCount, kills, static_cast<long long>(board.lost),
-                static_cast<long long>(board.torn), static_cast<long long>(agreedAfter.count()));
 }
 
 } // namespace
