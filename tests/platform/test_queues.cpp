@@ -2,6 +2,7 @@
 #include "HostClock.h"
 #include "MainQueue.h"
 #include "SerialQueue.h"
+#include "Thread.h"
 
 #include <gtest/gtest.h>
 
@@ -64,6 +65,25 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
     });
 }
 
+TEST(Thread, isWaitedForByOthersAndDetachedByItself)
+{
+    std::atomic<bool> hasEnded{false};
+    {
+        const Thread thread("other", [&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            hasEnded = true;
+        });
+    }
+    EXPECT_TRUE(hasEnded);
+    std::promise<Thread*> own;
+    std::promise<void> done;
+    own.set_value(new Thread("itself", [&, self = own.get_future().share()] {
+        delete self.get();
+        done.set_value();
+    }));
+    done.get_future().wait();
+}
+
 TEST(WorkQueue, delaysWorkAndKeepsTheOrderOfDeadlines)
 {
     std::vector<int> order;
@@ -116,19 +136,16 @@ TEST(MainQueue, showsWaitingWorkThroughItsDescriptor)
 TEST(MainQueue, runsUntilItIsStoppedAndBelongsToTheThreadThatServesIt)
 {
     MainQueue& queue = MainQueue::shared();
-    std::atomic<bool> current{false};
-    std::thread server([&] { queue.run(); });
-    std::promise<void> served;
-    queue.async([&] {
-        current = queue.isCurrent();
-        served.set_value();
-    });
-    served.get_future().wait();
-    queue.stop();
-    server.join();
-    EXPECT_TRUE(current);
-    EXPECT_FALSE(queue.isCurrent());
-    EXPECT_FALSE(isReadable(queue.fd()));
+    for (int round = 0; round < 2; ++round) { // it can be run again
+        std::thread server([&] { queue.run(); });
+        std::promise<bool> isCurrent;
+        queue.async([&] { isCurrent.set_value(queue.isCurrent()); });
+        EXPECT_TRUE(isCurrent.get_future().get());
+        queue.stop();
+        server.join();
+        EXPECT_FALSE(queue.isCurrent());
+        EXPECT_FALSE(isReadable(queue.fd()));
+    }
 }
 
 } // namespace

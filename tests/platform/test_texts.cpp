@@ -19,6 +19,7 @@ TEST(Texts, areCleanedForPrintingAndCutAtWholeCharacters)
         {"eight-bit control character", "a\xC2\x9B!", "a\\xC2\\x9B!"},
         {"bare continuation byte", "a\x80", "a\\x80"},
         {"overlong slash", "\xC0\xAF", "\\xC0\\xAF"},
+        {"beyond the last character", "\xF5\x80", "\\xF5\\x80"},
         {"surrogate", "\xED\xA0\x80", "\\xED\\xA0\\x80"},
         {"cut short at the end", "x\xE2\x82", "x\\xE2\\x82"},
         {"right-to-left override", "a\xE2\x80\xAE!", "a\\xE2\\x80\\xAE!"},

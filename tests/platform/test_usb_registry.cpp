@@ -68,7 +68,7 @@ TEST(USBRegistry, distinguishesUnitsOfOneModel)
     EXPECT_EQ(engineOf(6)->globalUniqueID, "AppleUSBAudioEngine:Maker:Product:4213000:0");
 }
 
-TEST(USBRegistry, isEmptyWithoutASystemToAsk)
+TEST(USBRegistry, isEmptyWithoutUdev)
 {
     const FakeUSBBus empty;
     EXPECT_FALSE(isLocated(0x03140000));
