@@ -52,21 +52,12 @@ protected:
 
 TEST_F(DXRDeviceTest, keepsWhatTheHardwareReports)
 {
-    const auto device = deviceFor(aDevice()
-                                      .uid("box")
-                                      .name("Box")
-                                      .manufacturer("Maker")
-                                      .modelUID("model")
-                                      .transport(kAudioDeviceTransportTypeUSB)
-                                      .outputs(2)
-                                      .outputs(4)
-                                      .sampleRate(48000)
-                                      .stereoChannels(outputs, 3, 4)
-                                      .source(outputs, 1, "line")
-                                      .source(outputs, 2, "Phones")
-                                      .source(outputs, 3, "Äther")
-                                      .volume(outputs, 0.5F)
-                                      .mute(outputs, true));
+    SimulatedDeviceBuilder deviceBuilder = aDevice().uid("box").name("Box").manufacturer("Maker");
+    deviceBuilder.modelUID("model").transport(kAudioDeviceTransportTypeUSB).outputs(2).outputs(4);
+    deviceBuilder.sampleRate(48000).stereoChannels(outputs, 3, 4).source(outputs, 1, "line");
+    deviceBuilder.source(outputs, 2, "Phones").source(outputs, 3, "Äther").volume(outputs, 0.5F);
+    deviceBuilder.mute(outputs, true);
+    const auto device = deviceFor(deviceBuilder);
     ASSERT_TRUE(device);
     EXPECT_EQ(device->channelCount(), 6U);
     EXPECT_EQ(device->nameWithSource(), "Box: line");
@@ -130,16 +121,12 @@ TEST_F(DXRDeviceTest, listsUsualRatesOfARange)
     }
 }
 
-TEST_F(DXRDeviceTest, writesWhatItCan)
+TEST_F(DXRDeviceTest, writesSupportedValues)
 {
-    const auto device = deviceFor(aDevice()
-                                      .uid("box")
-                                      .outputs(2)
-                                      .sampleRates({44100, 48000})
-                                      .mute(outputs, false)
-                                      .volume(outputs, 1.0F)
-                                      .source(outputs, 1, "Line")
-                                      .source(outputs, 2, "Phones"));
+    SimulatedDeviceBuilder deviceBuilder = aDevice().uid("box").outputs(2).sampleRates({44100, 48000});
+    deviceBuilder.mute(outputs, false).volume(outputs, 1.0F).source(outputs, 1, "Line");
+    deviceBuilder.source(outputs, 2, "Phones");
+    const auto device = deviceFor(deviceBuilder);
     EXPECT_FALSE(device->setSampleRate(96000));
     EXPECT_TRUE(device->setSampleRate(44100));
     EXPECT_FALSE(device->setSource("Nothing"));
@@ -217,19 +204,16 @@ TEST_F(DXRDeviceTest, doesNotReadItsOwnVolume)
     EXPECT_LT(reads, 100);
     EXPECT_TRUE(device->setVolume(0.5));
     hal.reconfigure("box", [](auto& box) { box.volume(outputs, 0.25F); });
-    EXPECT_TRUE(becomesTrue([&] { return device->volume() == 0.25; })) << "another volume is news";
+    EXPECT_TRUE(becomesTrue([&] { return device->volume() == 0.25; })) << "another volume is reported";
     EXPECT_GT(keeper->updatesSinceLast(), 0);
     hal.beforeRead(kAudioObjectPropertySelectorWildcard, 1, {});
 }
 
-TEST_F(DXRDeviceTest, refreshesOnTheChangesThatMatter)
+TEST_F(DXRDeviceTest, refreshesOnlyOnObservableChanges)
 {
-    const auto device = deviceFor(aDevice()
-                                      .uid("box")
-                                      .outputs(2)
-                                      .sampleRates({44100, 48000})
-                                      .mute(outputs, false)
-                                      .volume(outputs, 0.5F));
+    SimulatedDeviceBuilder deviceBuilder = aDevice().uid("box").outputs(2).sampleRates({44100, 48000});
+    deviceBuilder.mute(outputs, false).volume(outputs, 0.5F);
+    const auto device = deviceFor(deviceBuilder);
     settleHardware();
     keeper->updatesSinceLast();
     const struct {
@@ -301,7 +285,7 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
     EXPECT_EQ(device->name(), "Heard");
 }
 
-TEST_F(DXRDeviceTest, asksAgainForWhatCouldNotBeRead)
+TEST_F(DXRDeviceTest, readsAgainAfterAFailure)
 {
     const auto device = deviceFor(aDevice().uid("box").name("Box").outputs(2));
     EXPECT_FALSE(DXRDeviceControl(*device).refreshIfIncomplete());
@@ -314,7 +298,7 @@ TEST_F(DXRDeviceTest, asksAgainForWhatCouldNotBeRead)
     EXPECT_FALSE(DXRDeviceControl(*device).refreshIfIncomplete());
 }
 
-TEST_F(DXRDeviceTest, obeysAndAnnouncesOverrides)
+TEST_F(DXRDeviceTest, appliesAndAnnouncesOverrides)
 {
     const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, true));
     std::vector<std::string> heard;
@@ -339,7 +323,7 @@ TEST_F(DXRDeviceTest, obeysAndAnnouncesOverrides)
     EXPECT_EQ(device->volume(), 0.5);
 }
 
-TEST_F(DXRDeviceTest, isSilentUntilItIsMade)
+TEST_F(DXRDeviceTest, reportsNothingBeforeItIsComplete)
 {
     const AudioObjectID id = hal.plug(aDevice().uid("short").outputs(2));
     const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithDeviceID(id, output);
@@ -353,7 +337,7 @@ TEST_F(DXRDeviceTest, isSilentUntilItIsMade)
     EXPECT_EQ(keeper->updatesSinceLast(), 0);
 }
 
-TEST_F(DXRDeviceTest, takesTheChannelsOfItsReferenceOverThoseOfItsArchive)
+TEST_F(DXRDeviceTest, prefersTheChannelsOfItsReferenceToThoseOfItsArchive)
 {
     const auto monitor = deviceFor(aDevice()
                                        .uid("AppleGFXHDAEngineOutputDP:1:2:{1}")
@@ -373,7 +357,7 @@ TEST_F(DXRDeviceTest, takesTheChannelsOfItsReferenceOverThoseOfItsArchive)
     EXPECT_FALSE(control.confirmGenericChannelCounts());
 }
 
-TEST_F(DXRDeviceTest, takesNoRateThatIsNoNumber)
+TEST_F(DXRDeviceTest, ignoresRatesThatAreNotFinite)
 {
     const auto device =
         deviceFor(aDevice().uid("box").outputs(2).sampleRates({48000, INFINITY}).sampleRate(NAN));
@@ -387,16 +371,12 @@ TEST_F(DXRDeviceTest, takesNoRateThatIsNoNumber)
     EXPECT_EQ(restored->availableSampleRates(), (std::vector<double>{48000}));
 }
 
-TEST_F(DXRDeviceTest, comesBackFromItsArchive)
+TEST_F(DXRDeviceTest, isRestoredFromItsArchive)
 {
-    const auto device = deviceFor(aDevice()
-                                      .uid("box")
-                                      .name("Box")
-                                      .outputs(4)
-                                      .stereoChannels(outputs, 3, 4)
-                                      .source(outputs, 1, "Line")
-                                      .volume(outputs, 0.5F)
-                                      .mute(outputs, true));
+    SimulatedDeviceBuilder deviceBuilder = aDevice().uid("box").name("Box").outputs(4);
+    deviceBuilder.stereoChannels(outputs, 3, 4).source(outputs, 1, "Line").volume(outputs, 0.5F);
+    deviceBuilder.mute(outputs, true);
+    const auto device = deviceFor(deviceBuilder);
     const CXPlist archive = device->archive();
     EXPECT_EQ(archive.size(), 16U);
     const auto restored = DXRDeviceControl::initWithArchive(CXPlist::parse(archive.dump()));

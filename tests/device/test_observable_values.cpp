@@ -123,7 +123,7 @@ TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
     EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>2", "level<1", "level>2"}));
 }
 
-TEST_F(ObservableValues, areHeardUntilTheObservationEnds)
+TEST_F(ObservableValues, areAnnouncedUntilTheObservationEnds)
 {
     int heardCount = 0;
     CXRef<DXRKVOObservation> second;

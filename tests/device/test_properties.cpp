@@ -13,7 +13,7 @@
 namespace {
 
 using Address = DXRPropertyAddress;
-constexpr AudioObjectID nobody = 0x00FFFFFF;
+constexpr AudioObjectID unknownID = 0x00FFFFFF;
 constexpr uint64_t always = UINT64_MAX / 2; // reads that fail
 constexpr HALDirection outputs = HALDirection::Output;
 
@@ -43,7 +43,7 @@ TEST_F(Properties, haveFallbacksWithoutADevice)
     EXPECT_TRUE(listed().empty());
     std::free(QDLAudioDeviceIDList(nullptr));
     EXPECT_EQ(QDLAudioDeviceMaximumSampleRate(output), 0.0);
-    for (const AudioObjectID device : {AudioObjectID{0}, nobody}) {
+    for (const AudioObjectID device : {AudioObjectID{0}, unknownID}) {
         uint32_t count = 99;
         EXPECT_FALSE(Address::deviceIsHidden()->getUInt32(&count, device));
         EXPECT_FALSE(Address::deviceIsHidden()->getSize(&count, device));
@@ -73,18 +73,10 @@ TEST_F(Properties, haveFallbacksWithoutADevice)
 TEST_F(Properties, describeADevice)
 {
     const AudioObjectID mic = hal.plug(aDevice().uid("mic").inputs(1).sampleRate(96000.0));
-    const AudioObjectID box = hal.plug(aDevice()
-                                           .uid("box")
-                                           .name("Büro")
-                                           .manufacturer("Maker")
-                                           .modelUID("m-1")
-                                           .transport(kAudioDeviceTransportTypeUSB)
-                                           .outputs(2)
-                                           .outputs(6)
-                                           .volume(outputs, 0.5F)
-                                           .mute(outputs, false)
-                                           .sampleRates({44100, 48000})
-                                           .sampleRate(44100.0));
+    SimulatedDeviceBuilder boxBuilder = aDevice().uid("box").name("Büro").manufacturer("Maker");
+    boxBuilder.modelUID("m-1").transport(kAudioDeviceTransportTypeUSB).outputs(2).outputs(6);
+    boxBuilder.volume(outputs, 0.5F).mute(outputs, false).sampleRates({44100, 48000}).sampleRate(44100.0);
+    const AudioObjectID box = hal.plug(boxBuilder);
     EXPECT_EQ(QDLAudioDeviceDefaultInputDeviceID(), mic);
     EXPECT_EQ(QDLAudioDeviceDefaultInputDeviceUID(), "mic");
     EXPECT_EQ(QDLAudioDeviceDefaultOutputDeviceID(), box);
@@ -174,12 +166,9 @@ TEST_F(Properties, areReadAgainWhileAListGrows)
 
 TEST_F(Properties, findDataSourcesByTheirNames)
 {
-    const AudioObjectID box = hal.plug(aDevice()
-                                           .uid("box")
-                                           .outputs(2)
-                                           .source(outputs, 7, "Speakers")
-                                           .source(outputs, 9, "Line")
-                                           .source(outputs, 11, "Line"));
+    SimulatedDeviceBuilder boxBuilder = aDevice().uid("box").outputs(2).source(outputs, 7, "Speakers");
+    boxBuilder.source(outputs, 9, "Line").source(outputs, 11, "Line");
+    const AudioObjectID box = hal.plug(boxBuilder);
     const auto sourceIDs = [&] {
         uint32_t count = 0;
         uint32_t* const list = QDLDataSourceIDsFromDeviceID(box, output, &count);
@@ -279,7 +268,7 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
     EXPECT_FALSE(weak.lock()) << "the listener does not keep it";
     EXPECT_EQ(changesAfterAToggle(), 0);
 
-    // Made by an address, it is called on the notification thread whatever queue is given.
+    // Made by an address, it is called on the notification thread even if a queue is given.
     const auto name = Address::objectName();
     listener = name->listenerWithObjectID(
         hal.deviceID("box"), queue, target, [&](const CXRef<CXObject>& who, const Address::Ref& what) {

@@ -25,7 +25,7 @@ public:
     }
     CXDispatchQueue* operator->() const { return _queue.get(); }
     const CXRef<CXDispatchQueue>& ref() const { return _queue; }
-    /// Everything that the queue had before this has run, and its thread is on its way to sleep.
+    /// Waits until all work that the queue had before has run.
     void settle() const
     {
         _queue->dispatchSync([] {});

@@ -128,7 +128,8 @@ TEST(CXDispatchQueue, assertsItsRulesWithFileAndLine)
         {"asynchronous, cancelled", reasonOf([&] { cancelled->dispatchAsync([] {}); })},
         {"bypass, cancelled", reasonOf([&] { cancelled->dispatchSyncBypass([] {}); })},
         {"synchronous, from the queue", onQueue([&] { queue->dispatchSync([] {}); })},
-        {"bypass, from the queue", onQueue([&] { queue->dispatchSyncBypassOnce([] {}); })},
+        {"single bypass, from the queue", onQueue([&] { queue->dispatchSyncBypassOnce([] {}); })},
+        {"whole bypass, from the queue", onQueue([&] { queue->dispatchSyncBypass([] {}); })},
         {"a cancelled timer", reasonOf([&] { timer->setDispatchQueue(queue.ref()); })},
         {"a cancelled receiver", reasonOf([&] { receiver->setDispatchQueue(queue.ref()); })},
     };
@@ -257,7 +258,7 @@ TEST(CXDispatchQueueDeathTest, logsARefusalOfRealTimeWithItsError)
 }
 
 // Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait.
-TEST(CXDispatchQueue, isFitForRealTimeThreads)
+TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
 {
     const TestQueue queue;
     const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();

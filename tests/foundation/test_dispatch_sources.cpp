@@ -39,7 +39,7 @@ TEST(CXDispatchTimer, letsWorkMessagesAndOtherTimersThroughWhenItIsAlwaysDue)
     });
     receiver->setDispatchQueue(queue.ref());
     port->send({});
-    const int firesAtStart = fires; // from here on, everything is on the queue
+    const int firesAtStart = fires; // from here on, all three are on the queue
     while ((others < enough || messages < enough) && fires < firesAtStart + fireLimit)
         queue.settle();
     EXPECT_GE(others, enough);
@@ -83,6 +83,12 @@ TEST(CXDispatchTimerList, firesWhatIsDueOnceInOrderAndLeavesOutMissedPeriods)
     EXPECT_EQ(order, "rabar");
     EXPECT_EQ(list.firstDeadline(), 200U);
     EXPECT_EQ(list.timers().size(), 3U) << "a one-shot timer stays until it is removed";
+
+    CXDispatchTimerList others;
+    EXPECT_FALSE(others.add(timerFor('n', 0, 0)));
+    EXPECT_EQ(others.firstDeadline(), platform::Futex::noDeadline) << "it waits for a deadline";
+    EXPECT_TRUE(others.add(timerFor('i', 0, 3600'000 * millisecond)));
+    EXPECT_GT(others.firstDeadline(), now()) << "an interval starts now";
 }
 
 TEST(CXDispatchTimer, firesSoonerWhenAThreadThatBorrowsTheQueueSetsAnEarlierDeadline)
@@ -165,7 +171,7 @@ TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
     receiver->cancel();
     queue.settle();
     EXPECT_FALSE(receiver->handler());
-    EXPECT_EQ(send("nobody"), platform::Port::SendResult::Sent) << "the port outlives the cancellation";
+    EXPECT_EQ(send("unread"), platform::Port::SendResult::Sent) << "the port outlives the cancellation";
     receiver = nullptr;
     EXPECT_EQ(send("closed"), platform::Port::SendResult::Closed);
     queue.settle();

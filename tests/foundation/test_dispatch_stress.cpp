@@ -8,7 +8,7 @@
 
 namespace {
 
-/// How long the test runs: longer when the environment says so.
+/// How long the test runs: longer in the soak.
 std::chrono::milliseconds stressTime()
 {
     const char* const seconds = std::getenv("DXR_SOAK_SECONDS");

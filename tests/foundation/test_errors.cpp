@@ -75,7 +75,7 @@ TEST(CXStackTrace, endsAtTheReportingFunctionHoweverDeepTheStack)
     EXPECT_NE(lines[30].find(address.str()), std::string::npos) << "its caller: " << lines[30];
 }
 
-// The call below is the last of its function, and what it returns to belongs to the next.
+// The call below is the last of its function, so that its return address belongs to the next.
 extern "C" DXR_EXPORT __attribute__((noinline)) void functionThatFails()
 {
     _CXFailedAssertion(nullptr, nullptr, nullptr, 1);

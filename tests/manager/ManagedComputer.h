@@ -9,7 +9,7 @@
 class ManagedComputer : public SimulatedComputer {
 protected:
     using Devices = DXRDeviceManager::Devices;
-    /// What a notifier was called with.
+    /// The arguments of one call of a notifier.
     struct Changes {
         Devices connected, disconnected, updated;
     };
@@ -29,7 +29,7 @@ protected:
     /// Waits until every change so far has been through the manager, and the main queue is empty.
     void settle()
     {
-        for (int round = 0; round < 3; ++round) { // an update may ask for another
+        for (int round = 0; round < 3; ++round) { // an update may request another
             settleHardware();
             DXRDeviceManager::queue().sync([] {});
         }

@@ -9,7 +9,7 @@ namespace {
 
 using Devices = DXRDeviceManager::Devices;
 
-/// All that a manager reports, comparable with another one.
+/// The state of a manager, comparable with that of another one.
 std::vector<std::string> stateOf(const DXRDeviceManager& manager)
 {
     std::vector<std::string> state;
@@ -28,16 +28,9 @@ std::vector<std::string> stateOf(const DXRDeviceManager& manager)
 
 SimulatedDeviceBuilder card(const std::string& uid)
 {
-    return aDevice()
-        .uid(uid)
-        .name("Card")
-        .manufacturer("Maker")
-        .inputs(1)
-        .outputs(2)
-        .source(HALDirection::Output, 1, "Line")
-        .source(HALDirection::Output, 2, "Phones")
-        .volume(HALDirection::Output, 0.5F)
-        .mute(HALDirection::Output, false);
+    SimulatedDeviceBuilder made = aDevice().uid(uid).name("Card").manufacturer("Maker").inputs(1).outputs(2);
+    made.source(HALDirection::Output, 1, "Line").source(HALDirection::Output, 2, "Phones");
+    return made.volume(HALDirection::Output, 0.5F).mute(HALDirection::Output, false);
 }
 
 std::string monitorUID(const std::string& port)
@@ -101,7 +94,7 @@ private:
     Devices _connected;
 };
 
-TEST_F(DXRDeviceFaults, areMendedForEveryReadThatFails)
+TEST_F(DXRDeviceFaults, recoversFromAnyFailedRead)
 {
     plug(card("a"));
     const CXRef<DXRDevice> a = device("a", output);
@@ -120,12 +113,12 @@ TEST_F(DXRDeviceFaults, areMendedForEveryReadThatFails)
     }
 }
 
-TEST_F(DXRDeviceFaults, ofManyKindsAtOnceLeaveNoTrace)
+TEST_F(DXRDeviceFaults, recoversFromManyFaultsAtOnce)
 {
     plug(card("a"));
     Random random(5);
     for (int round = 0; round < 20; ++round) {
-        std::thread reader([&] { // reads everything meanwhile
+        std::thread reader([&] { // reads all state meanwhile
             for (int i = 0; i < 50; ++i) {
                 stateOf(manager);
                 manager.deviceWithReference(R"({"uid":"a","i":false})");

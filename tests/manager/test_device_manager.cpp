@@ -34,11 +34,8 @@ std::string monitorUID(const std::string& port)
 }
 SimulatedDeviceBuilder monitor(const std::string& port)
 {
-    return aDevice()
-        .uid(monitorUID(port))
-        .name("Monitor")
-        .transport(kAudioDeviceTransportTypeDisplayPort)
-        .outputs(2);
+    SimulatedDeviceBuilder made = aDevice().uid(monitorUID(port)).name("Monitor").outputs(2);
+    return made.transport(kAudioDeviceTransportTypeDisplayPort);
 }
 
 TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
@@ -76,29 +73,6 @@ TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
     EXPECT_EQ(manager.deviceWithDeviceID(firstID, output), nullptr);
     EXPECT_EQ(phones->displayName(), "Headset");
     EXPECT_EQ(counts, (std::vector<size_t>{0, 2, 2, 0, 0, 2}));
-}
-
-TEST_F(DXRDeviceManagerTest, disconnectsAndReconnectsOneDirection)
-{
-    plug(headset());
-    const CXRef<DXRDevice> mic = device("headset", input);
-    const CXRef<DXRDevice> phones = device("headset", output);
-    changesSinceLast();
-    reconfigure("headset", [](auto& it) { it.noStreams(HALDirection::Input); });
-    Changes heard = changesSinceLast();
-    EXPECT_EQ(heard.disconnected, Devices{mic});
-    EXPECT_TRUE(heard.connected.empty());
-    EXPECT_TRUE(heard.updated.contains(mic));
-    EXPECT_EQ(manager.connectedDevices(), Devices{phones});
-    EXPECT_EQ(device("headset", input), mic);
-    EXPECT_EQ(manager.counterpartForDevice(phones), nullptr);
-
-    reconfigure("headset", [](auto& it) { it.inputs(1); });
-    heard = changesSinceLast();
-    EXPECT_EQ(heard.connected, Devices{mic});
-    EXPECT_TRUE(heard.disconnected.empty());
-    EXPECT_TRUE(mic->isConnected());
-    EXPECT_EQ(manager.counterpartForDevice(phones), mic);
 }
 
 TEST_F(DXRDeviceManagerTest, recognizesAMonitorOnAnotherPort)
@@ -286,7 +260,7 @@ TEST_F(DXRDeviceManagerTest, callsObserversAfterTheUpdateOfAnAdoption)
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(DXRDeviceManagerTest, bringsDevicesBackFromArchives)
+TEST_F(DXRDeviceManagerTest, restoresDevicesFromArchives)
 {
     plug(headset());
     const CXRef<DXRDevice> phones = device("headset", output);
@@ -311,6 +285,11 @@ TEST_F(DXRDeviceManagerTest, bringsDevicesBackFromArchives)
     reconfigure("far", [](auto& it) { it.inputs(1); });
     EXPECT_TRUE(farMic->isConnected());
     EXPECT_EQ(device("far", input), farMic);
+    EXPECT_EQ(manager.counterpartForDevice(far), farMic);
+    changesSinceLast();
+    reconfigure("far", [](auto& it) { it.noStreams(HALDirection::Input); });
+    EXPECT_EQ(changesSinceLast().disconnected, Devices{farMic});
+    EXPECT_EQ(manager.counterpartForDevice(far), nullptr);
 
     const std::string broken[] = {"",
                                   "DXRDevice:{",
@@ -383,8 +362,10 @@ TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
             EXPECT_TRUE(*alive);
         };
         manager.addDeviceNotifier(queue, block);
-        while (calls == 0)
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (calls == 0 && std::chrono::steady_clock::now() < deadline)
             std::this_thread::yield();
+        EXPECT_GT(calls, 0);
         manager.removeDeviceNotifier(block, DXRDeviceManager::WhenRunning::Wait);
         *isAlive = false;
     }
