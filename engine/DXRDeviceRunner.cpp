@@ -219,30 +219,20 @@ bool DXRDeviceRunner::addDefaultDevice(Direction direction, const std::optional<
     CX_ASSERT_NOT_ON_QUEUE(_queue);
     if (!ioblock)
         return false;
-    manager(); // listens to the hardware before this does
     bool isAdded = false;
     _queue->dispatchSync([&] {
         CX_ASSERT_ON_QUEUE(_queue);
         const size_t place = direction == Direction::Input ? 0 : 1;
         if (_followedDefaults[place])
             return;
-        const AudioObjectPropertyAddress address{
-            place == 0 ? kAudioHardwarePropertyDefaultInputDevice : kAudioHardwarePropertyDefaultOutputDevice,
-            kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-        const CXRef<DXRPropertyListener> listener = propertyListenerWithObjectID(
-            kAudioObjectSystemObject, &address, CXRef<CXObject>(this),
-            [place](const CXRef<CXObject>& runner, const AudioObjectPropertyAddress*) {
-                static_cast<DXRDeviceRunner&>(*runner)._followDefault(place);
-            });
-        _followedDefaults[place] = {channels, ioblock, nullptr, listener};
-        if (!_defaultsNotifier) {
+        _followedDefaults[place] = {channels, ioblock, nullptr};
+        if (!_defaultsNotifier) { // called for a change of the default device, too
             _defaultsNotifier = [weak = CXWeak(*this)](const Devices&, const Devices&, const Devices&) {
                 if (const CXRef<DXRDeviceRunner> self = weak.lock())
                     self->_followDefaults();
             };
             addDeviceNotifier(_defaultsNotifier);
         }
-        listener->start();
         _followDefault(place);
         isAdded = true;
     });
@@ -258,7 +248,6 @@ void DXRDeviceRunner::removeDefaultDevice(Direction direction)
         if (!_followedDefaults[place])
             return;
         const FollowedDefault followed = *std::exchange(_followedDefaults[place], std::nullopt);
-        followed.listener->stop();
         if (!_followedDefaults[0] && !_followedDefaults[1])
             removeDeviceNotifier(std::exchange(_defaultsNotifier, nullptr));
         if (followed.node)

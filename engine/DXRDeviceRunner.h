@@ -155,7 +155,6 @@ private:
         std::optional<Channels> channels;
         DXRIOBlock ioblock;
         CXRef<DXRDeviceNode> node; // null until there has been a default device
-        CXRef<DXRPropertyListener> listener;
     };
     void _followDefaults();
     void _followDefault(size_t direction);
@@ -193,7 +192,7 @@ private:
     DXRDeviceNodes _nodes; // not changed while a context has them
     std::array<std::optional<FollowedDefault>, 2>
         _followedDefaults CX_OWNED_BY_QUEUE(_queue);            // input, output
-    DeviceNotifier _defaultsNotifier CX_OWNED_BY_QUEUE(_queue); // a default device may be new to the manager
+    DeviceNotifier _defaultsNotifier CX_OWNED_BY_QUEUE(_queue); // empty while no default is followed
     std::string _signature CX_OWNED_BY_QUEUE(_queue);           // of the state last published
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
     DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped

@@ -5,9 +5,8 @@
 
 #include "Contest.h"
 #include "LatencyProbe.h"
-#include "NodeView.h"
 #include "PassThrough.h"
-#include "VirtualDevices.h"
+#include "TestClient.h"
 
 #include <cmath>
 #include <cstdio>
@@ -73,14 +72,13 @@ void compare(const Passage& passage)
 int main()
 {
     PrivateServer server;
-    VirtualDevices devices(server.remote());
+    TestClient devices(server.remote());
     devices.plug({.name = "duplex", .mediaClass = "Audio/Duplex"});
     devices.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
     devices.plug({.name = "sink"});
-    MetadataView settings(devices.client(), "settings");
     for (const uint32_t frameCount : {64U, 128U, 512U}) {
-        settings.set("clock.force-quantum", std::to_string(frameCount));
-        compare({server, devices.client(), "duplex", "duplex", frameCount, rate});
-        compare({server, devices.client(), "source", "sink", frameCount, rate});
+        devices.setMetadata("settings", "clock.force-quantum", std::to_string(frameCount));
+        compare({server, devices, "duplex", "duplex", frameCount, rate});
+        compare({server, devices, "source", "sink", frameCount, rate});
     }
 }

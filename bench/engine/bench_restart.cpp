@@ -7,7 +7,7 @@
 #include "DXRDeviceRunner.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
-#include "VirtualDevices.h"
+#include "TestClient.h"
 #include "simulated.h"
 
 #include <array>
@@ -56,7 +56,7 @@ public:
 
 private:
     PrivateServer _server;
-    VirtualDevices _devices{_server.remote()};
+    TestClient _devices{_server.remote()};
 };
 
 /// What the blocks see: the gaps between cycles, when sound comes, how the sample time goes.

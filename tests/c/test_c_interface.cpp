@@ -322,10 +322,9 @@ TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
     EXPECT_GE(latency.frames, latency.block_frames + latency.cycle_frames);
     EXPECT_NEAR(latency.seconds, latency.frames / 48000.0, 1e-9);
     EXPECT_EQ(dxr_runner_get_latency(runner, input, &latency), DXR_ERROR_STATE);
-    for (int i = 0; i < 20'000 && notices == 0; ++i) // on the thread of events
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    while (notices == 0) // on a thread of its own, which may be slow to come
+        std::this_thread::yield();
     ASSERT_EQ(dxr_runner_follow(runner, nullptr, nullptr), DXR_OK);
-    EXPECT_GT(notices, 0);
 }
 
 TEST_F(CInterface, isRefusedInTheChildOfAFork)

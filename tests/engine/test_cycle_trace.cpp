@@ -41,6 +41,10 @@ TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
         trace->write({});
     batch.resize(100);
     EXPECT_EQ(trace->read(batch), 64U);
+    const CXRef<DXRCycleTrace> smallest = DXRCycleTrace::init(1);
+    smallest->write({});
+    smallest->write({});
+    EXPECT_EQ(smallest->droppedRecords(), 1U);
 }
 
 class RunnerTrace : public EngineComputer {

@@ -95,7 +95,10 @@ TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
                                runner->sampleRate() == 0 && runner->activeDevices().empty();
             EXPECT_TRUE(isOld || !seen.empty()) << "old values until they are announced";
         });
+    runner->start();
+    runner->stop();
     settleEngine();
+    EXPECT_EQ(std::ranges::count(seen, "devices"), 0) << "there have been none yet";
     seen.clear();
     runner->setNotifier(nullptr, [&] { heard += runner->queue()->isDispatchedOnCurrentThread() ? 1 : 100; });
     const auto expectHeard = [&](int times, const char* what) {

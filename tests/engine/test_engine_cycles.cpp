@@ -370,6 +370,9 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
     EXPECT_EQ(runner->devices().size(), 2U) << "one that was added by itself is not taken over";
     runner->removeDefaultDevice(Direction::Output);
     EXPECT_EQ(runner->devices(), Devices{device("two", output)});
+    runner->removeDevice(device("two", output));
+    ASSERT_TRUE(runner->addDefaultDevice(Direction::Output, std::nullopt, ramp));
+    EXPECT_EQ(runner->devices(), Devices{device("two", output)}) << "at once where there is one";
 }
 
 // The calls that no device is needed for, on an IO thread: stop() must allocate nothing there, the others assert.

@@ -2,10 +2,11 @@
 #include "DXRDeviceOverrides.h"
 #include "FakeCard.h"
 #include "FakeUSBBus.h"
-#include "PipeWireTest.h"
+#include "HALIO.h"
+#include "PipeWireDriver.h"
+#include "PrivateServer.h"
 #include "ToolProcess.h"
 
-#include <algorithm>
 #include <memory>
 
 namespace {
@@ -93,7 +94,7 @@ TEST_F(DeviceIdentity, keepsAUnitsObjectAndSettingsWhenItMoves)
     EXPECT_EQ(connected(withoutSerial + "01913000"), device);
 }
 
-TEST_F(DeviceIdentity, tellsTwoUnitsWithoutSerialNumbersApart)
+TEST_F(DeviceIdentity, distinguishesTwoUnitsWithoutSerialNumbers)
 {
     Plugged first = plug("3-1.4");
     Plugged second = plug("3-1.2", ".2");

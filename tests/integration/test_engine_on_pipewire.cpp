@@ -1,4 +1,4 @@
-// A runner between devices of a real server: what it says of latency and of times, against what a probe measures.
+// A runner between devices of a real server: the latency and times that it reports, against a probe's measurement.
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
@@ -6,7 +6,6 @@
 #include "LatencyProbe.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
-#include "VirtualDevices.h"
 
 #include <gtest/gtest.h>
 
@@ -31,7 +30,7 @@ CXRef<DXRDevice> waitForDevice(const std::string& uid, bool isInput)
     return device;
 }
 
-/// Passes what a source hears on to a sink, and notes how far the times of the input's blocks are off.
+/// Passes the frames of a source on to a sink, and notes how far the times of the input's blocks are off.
 class PassOn {
 public:
     PassOn(const std::string& source, const std::string& sink, uint32_t frames, double rate)
@@ -52,7 +51,7 @@ public:
     }
     ~PassOn() { _runner->stop(); }
 
-    double saidSeconds() const { return _runner->roundTripSeconds(_in, _out).value_or(0); }
+    double reportedSeconds() const { return _runner->roundTripSeconds(_in, _out).value_or(0); }
     /// Microseconds, in ascending order, of `count` blocks from now on.
     std::vector<double> timeErrors(size_t count)
     {
@@ -89,28 +88,32 @@ protected:
     EngineOnPipeWire()
     {
         HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote()));
-        devices.plug({.name = "duplex", .mediaClass = "Audio/Duplex"});
-        devices.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
-        devices.plug({.name = "sink"});
+        client.plug({.name = "duplex", .mediaClass = "Audio/Duplex"});
+        client.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
+        client.plug({.name = "sink"});
     }
+    void force(const std::string& what, uint32_t value)
+    {
+        client.setMetadata("settings", "clock.force-" + what, std::to_string(value));
+    }
+
     PrivateServer server;
-    VirtualDevices devices{server.remote()};
-    MetadataView settings{devices.client(), "settings"};
+    TestClient client{server.remote()};
 };
 
 // A device that drives the server takes its frames a cycle before, and gives them a cycle after, as its time stamps have it;
 // a virtual one that follows has no buffer of its own.
-TEST_F(EngineOnPipeWire, saysTheLatencyThatAProbeMeasures)
+TEST_F(EngineOnPipeWire, reportsTheLatencyThatAProbeMeasures)
 {
-    std::printf("round trip in frames            runner device     said  measured\n");
+    std::printf("round trip in frames            runner device reported  measured\n");
     for (const double rate : {48000.0, 44100.0}) {
-        settings.set("clock.force-rate", std::to_string(static_cast<int>(rate)));
+        force("rate", static_cast<uint32_t>(rate));
         for (const uint32_t quantum : {64U, 256U, 512U}) {
-            settings.set("clock.force-quantum", std::to_string(quantum));
+            force("quantum", quantum);
             for (const bool isOneDevice : {true, false}) {
                 const std::string source = isOneDevice ? "duplex" : "source",
                                   sink = isOneDevice ? "duplex" : "sink";
-                LatencyProbe probe(devices.client(), {source, isOneDevice ? "playback_FL" : "input_FL"},
+                LatencyProbe probe(client, {source, isOneDevice ? "playback_FL" : "input_FL"},
                                    {sink, isOneDevice ? "capture_FR" : "monitor_FR"}, rate);
                 for (const uint32_t frames : {64U, 256U, 512U}) {
                     const PassOn runner(source, sink, frames, rate);
@@ -118,11 +121,11 @@ TEST_F(EngineOnPipeWire, saysTheLatencyThatAProbeMeasures)
                     const std::vector<double> late = probe.measure(41);
                     ASSERT_EQ(late.size(), 41U);
                     const double measured = late[20] + (isOneDevice ? 0 : quantum);
-                    const double said = runner.saidSeconds() * rate;
+                    const double reported = runner.reportedSeconds() * rate;
                     std::printf("%-11s at %5.1f kHz %13u %6u %8.1f  %8.1f\n",
                                 isOneDevice ? "one device" : "two devices", rate / 1000, frames, quantum,
-                                said, measured);
-                    EXPECT_NEAR(said, measured, 1.0);
+                                reported, measured);
+                    EXPECT_NEAR(reported, measured, 1.0);
                 }
             }
         }
@@ -130,35 +133,36 @@ TEST_F(EngineOnPipeWire, saysTheLatencyThatAProbeMeasures)
 }
 
 // Each device drives a graph of its own; between the two is an aggregate's ring.
-TEST_F(EngineOnPipeWire, saysTheLatencyBetweenTwoClocks)
+TEST_F(EngineOnPipeWire, reportsTheLatencyBetweenTwoClocks)
 {
     using Drifting = DriftingDevice;
     constexpr double sourcePPM = 150, framesPerNanosecond = serverRate * (1 + sourcePPM * 1e-6) / 1e9;
     const Drifting source(server.remote(), "fast", Drifting::Direction::Source, sourcePPM);
     const Drifting sink(server.remote(), "slow", Drifting::Direction::Sink, -60);
     for (const uint32_t quantum : {256U, 512U}) {
-        settings.set("clock.force-quantum", std::to_string(quantum));
+        force("quantum", quantum);
         const PassOn runner("fast", "slow", quantum, serverRate);
         std::this_thread::sleep_for(6s); // until the clocks are known
-        std::vector<double> late, said;
+        std::vector<double> late, reported;
         for (int looks = 0; looks < 101; ++looks) {
             std::this_thread::sleep_for(10ms);
             const Drifting::Passage given = source.lastPassage(), heard = sink.lastPassage();
             late.push_back((heard.nanoseconds - given.nanoseconds) * framesPerNanosecond -
                            (heard.number - given.number));
-            said.push_back(runner.saidSeconds() * serverRate);
+            reported.push_back(runner.reportedSeconds() * serverRate);
         }
         std::ranges::sort(late);
-        std::ranges::sort(said);
-        std::printf("two clocks at 48.0 kHz %17u %6u %8.1f  %8.1f\n", quantum, quantum, said[50], late[50]);
-        EXPECT_NEAR(said[50], late[50], 1.0);
+        std::ranges::sort(reported);
+        std::printf("two clocks at 48.0 kHz %17u %6u %8.1f  %8.1f\n", quantum, quantum, reported[50],
+                    late[50]);
+        EXPECT_NEAR(reported[50], late[50], 1.0);
     }
 }
 
-TEST_F(EngineOnPipeWire, saysWhenABlocksFramesWereHeard)
+TEST_F(EngineOnPipeWire, reportsWhenABlocksFramesWereReceived)
 {
-    settings.set("clock.force-quantum", "256");
-    LatencyProbe probe(devices.client(), {"duplex", "playback_FL"}, {"duplex", "capture_FR"}, serverRate);
+    force("quantum", 256);
+    LatencyProbe probe(client, {"duplex", "playback_FL"}, {"duplex", "capture_FR"}, serverRate);
     PassOn runner("duplex", "duplex", 256, serverRate);
     runner.timeErrors(200);
     const std::vector<double> errors = runner.timeErrors(1000);

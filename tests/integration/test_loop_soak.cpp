@@ -10,13 +10,11 @@ namespace {
 
 using nlohmann::json;
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
-/// A minute of it, where there is time; DXR_SOAK_SECONDS says so.
-int soakSecondsOr(int shortly)
+int soakSecondsOr(int otherwise)
 {
     const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
-    return seconds ? std::atoi(seconds) : shortly;
+    return seconds ? std::atoi(seconds) : otherwise;
 }
 
 /// Two sources that each give a ramp and two sinks that check what they receive, all by one clock: nothing has to be
@@ -32,12 +30,17 @@ struct Studio {
     /// Of all sinks and channels: the most breaks, the fewest frames.
     uint64_t breaks() const
     {
-        return std::max({sinks[0].breaks(0), sinks[0].breaks(1), sinks[1].breaks(0), sinks[1].breaks(1)});
+        uint64_t most = 0;
+        for (size_t i = 0; i < 4; ++i)
+            most = std::max(most, sinks[i / 2].breaks(i % 2));
+        return most;
     }
     uint64_t frames() const
     {
-        return std::min({sinks[0].framesReceived(0), sinks[0].framesReceived(1), sinks[1].framesReceived(0),
-                         sinks[1].framesReceived(1)});
+        uint64_t fewest = UINT64_MAX;
+        for (size_t i = 0; i < 4; ++i)
+            fewest = std::min(fewest, sinks[i / 2].framesReceived(i % 2));
+        return fewest;
     }
 
     DriftingDevice sources[2], sinks[2];
@@ -82,12 +85,12 @@ TEST_P(LoopSoak, losesNothingThatItDoesNotReport)
     const long late = numberBefore(loop.output, "by us");
     ASSERT_TRUE(gaps >= 0 && late >= 0) << loop.output;
     EXPECT_GT(studio.frames(), 48000U * static_cast<uint64_t>(seconds) * 9 / 10);
-    const long told = gaps + sumBefore(loop.output, "overload") +
-                      sumBefore(loop.output, "resynchronisation") + sumBefore(loop.output, "frames lost") +
-                      sumBefore(loop.output, "frame lost");
+    const long reported = gaps + sumBefore(loop.output, "overload") +
+                          sumBefore(loop.output, "resynchronisation") +
+                          sumBefore(loop.output, "frames lost") + sumBefore(loop.output, "frame lost");
     // What is missing is faded out and in, for 64 frames each, and so is the end of it all; where nothing is missing, every
     // frame is the one it was.
-    EXPECT_LE(studio.breaks(), static_cast<uint64_t>((2 + 2 * 64) * told + 64)) << loop.output;
+    EXPECT_LE(studio.breaks(), static_cast<uint64_t>((2 + 2 * 64) * reported + 64)) << loop.output;
     if (seconds >= 60) { // on a machine that has nothing else to do
         EXPECT_EQ(late, 0) << loop.output;
     }

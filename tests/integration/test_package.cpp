@@ -1,7 +1,7 @@
 // What a stranger does: installs the library, and builds and runs programs on that alone.
 
 #include "PrivateServer.h"
-#include "VirtualDevices.h"
+#include "TestClient.h"
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
@@ -48,15 +48,12 @@ protected:
         text << std::ifstream(path).rdbuf();
         return text.str();
     }
-    /// Waits until the file says so.
-    static bool comesToSay(const fs::path& path, const std::string& what)
+    /// Waits until the file has this text.
+    static bool waitForText(const fs::path& path, const std::string& text)
     {
-        for (int tries = 0; tries < 1000; ++tries) {
-            if (textOf(path).find(what) != std::string::npos)
-                return true;
+        for (int looks = 0; looks < 2000 && textOf(path).find(text) == std::string::npos; ++looks)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return textOf(path).find(text) != std::string::npos;
     }
 
     PrivateServer server;
@@ -94,14 +91,14 @@ TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
     EXPECT_EQ(run("built/record_while_playing x.wav"), 1);
     EXPECT_EQ(run("built/test_without_hardware"), 0) << output;
 
-    VirtualDevices devices(server.remote());
+    TestClient devices(server.remote());
     devices.plug({.name = "in", .mediaClass = "Audio/Source/Virtual", .channelCount = 1});
     FILE* const follower =
         popen(("cd " + folder.string() + " && built/follow_hot_plug > followed").c_str(), "w");
-    EXPECT_TRUE(comesToSay(folder / "followed", "present      input  Virtual in\n"));
+    EXPECT_TRUE(waitForText(folder / "followed", "present      input  Virtual in\n"));
     devices.plug({.name = "one", .properties = {{"node.description", "First \x1B[2J"}}});
     devices.plug({.name = "two"});
-    EXPECT_TRUE(comesToSay(folder / "followed", "connected    output Virtual two\n"));
+    EXPECT_TRUE(waitForText(folder / "followed", "connected    output Virtual two\n"));
     EXPECT_EQ(run("built/list_devices"), 0);
     EXPECT_NE(output.find("output    2 ch     48000 Hz  First \\x1B[2J"), std::string::npos) << output;
     EXPECT_NE(output.find("input     1 ch     48000 Hz  Virtual in"), std::string::npos) << output;
@@ -116,7 +113,7 @@ TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
     sf_close(recording);
 
     devices.unplug("two");
-    EXPECT_TRUE(comesToSay(folder / "followed", "disconnected output Virtual two\n"));
+    EXPECT_TRUE(waitForText(folder / "followed", "disconnected output Virtual two\n"));
     EXPECT_EQ(pclose(follower), 0) << "ends with its input";
 }
 

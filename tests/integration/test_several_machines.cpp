@@ -1,12 +1,12 @@
 #include "DriftingDevice.h"
 #include "DxrOnPipeWire.h"
-#include "PipeWireTest.h"
+#include "HALIO.h"
+#include "PipeWireDriver.h"
 #include "PrivateProcess.h"
-#include "SessionManager.h"
 
 #include <csignal>
 #include <fstream>
-#include <sndfile.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -39,7 +39,7 @@ public:
         _running.pop_back();
     }
 
-    PrivateServer server{{.metadata = false}};
+    PrivateServer server{{.sessionManager = true}};
 
 private:
     std::string _commands(const std::string& part) const
@@ -71,7 +71,6 @@ private:
 
     const std::string _name;
     std::vector<pid_t> _running;
-    SessionManager _manager{server};
 };
 
 class SeveralMachines : public testing::Test {
@@ -95,40 +94,25 @@ protected:
 
 void writeTone(const std::string& path, int seconds)
 {
-    SF_INFO info{};
-    info.samplerate = 48000;
-    info.channels = 2;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    std::vector<float> samples(size_t{96000} * static_cast<size_t>(seconds));
-    for (size_t i = 0; i < samples.size(); ++i)
-        samples[i] = 0.5F * std::sin(static_cast<float>(i / 2) * 0.05F);
-    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-    sf_writef_float(file, samples.data(), info.samplerate * seconds);
-    sf_close(file);
+    writeWave(path, 48000, sf_count_t{48000} * seconds,
+              [](size_t frame) { return 0.5F * std::sin(static_cast<float>(frame) * 0.05F); });
 }
 
-/// The loudest sample of each channel.
-std::vector<float> peaksOf(const std::string& path)
+float peakOf(const std::vector<float>& samples)
 {
-    SF_INFO info{};
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    if (!file)
-        return {};
-    std::vector<float> peaks(static_cast<size_t>(info.channels));
-    for (std::vector<float> frame(peaks.size()); sf_readf_float(file, frame.data(), 1) == 1;)
-        for (size_t channel = 0; channel < peaks.size(); ++channel)
-            peaks[channel] = std::max(peaks[channel], std::abs(frame[channel]));
-    sf_close(file);
-    return peaks;
+    float peak = 0.0F;
+    for (const float sample : samples)
+        peak = std::max(peak, std::abs(sample));
+    return peak;
 }
 
 TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
 {
-    VirtualDevices devices(desk.server.remote());
-    devices.plug({.name = "mic",
-                  .mediaClass = "Audio/Source/Virtual",
-                  .channelCount = 1,
-                  .properties = {{"node.description", "Desk Microphone"}}});
+    TestClient client(desk.server.remote());
+    client.plug({.name = "mic",
+                 .mediaClass = "Audio/Source/Virtual",
+                 .channelCount = 1,
+                 .properties = {{"node.description", "Desk Microphone"}}});
     const AudioObjectID first = deviceWithUID(*hal, "Studio A");
     EXPECT_EQ(readValue<uint32_t>(*hal, first, at(kAudioDevicePropertyTransportType)),
               kAudioDeviceTransportTypeNetwork);
@@ -139,11 +123,11 @@ TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
     studio.begin("dxr play");
     desk.run("dxr record");
     studio.end(SIGINT);
-    const std::vector<float> peaks = peaksOf(desk.server.folder() / "both.wav");
-    ASSERT_EQ(peaks.size(), 3U);
-    EXPECT_NEAR(peaks[0], 0.5F, 0.1F);
-    EXPECT_NEAR(peaks[1], 0.5F, 0.1F);
-    EXPECT_EQ(peaks[2], 0.0F) << "the microphone's";
+    const auto recorded = channelsOfWave(desk.server.folder() / "both.wav");
+    ASSERT_EQ(recorded.size(), 3U);
+    EXPECT_NEAR(peakOf(recorded[0]), 0.5F, 0.1F);
+    EXPECT_NEAR(peakOf(recorded[1]), 0.5F, 0.1F);
+    EXPECT_EQ(peakOf(recorded[2]), 0.0F) << "the microphone's";
 
     studio.end(SIGKILL);
     studio.begin("pipewire -c");

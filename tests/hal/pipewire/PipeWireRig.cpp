@@ -3,7 +3,7 @@
 
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
-#include "VirtualDevices.h"
+#include "TestClient.h"
 
 #include <chrono>
 #include <thread>
@@ -43,7 +43,7 @@ public:
 
 private:
     PrivateServer _server;
-    VirtualDevices _devices{_server.remote()};
+    TestClient _devices{_server.remote()};
     const CXRef<HALModel> _model = HALModel::initWithDriver(PipeWireDriver::initWithRemote(_server.remote()));
     int _count = 0;
 };

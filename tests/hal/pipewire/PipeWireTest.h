@@ -1,67 +1,53 @@
 #pragma once
 
-#include "HALReads.h"
+#include "HALIO.h"
+#include "MonitorTap.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
-#include "VirtualDevices.h"
+#include "Ramp.h"
 
-#include <gtest/gtest.h>
+/// A server of the test's own, another client of it, and the model over the driver.
+struct PipeWireSetup {
+    explicit PipeWireSetup(PrivateServer::Options options = {}) : server(std::move(options)) {}
 
-#include <chrono>
-#include <functional>
-#include <thread>
-
-constexpr uint32_t input = kAudioObjectPropertyScopeInput;
-constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
-
-/// Waits, for so long that only a fault can take longer.
-inline bool eventually(const std::function<bool()>& condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
-/// Waits for a device with all its channels; 0 when it does not come.
-inline AudioObjectID waitForDevice(HALModel& hal, const std::string& uid)
-{
-    AudioObjectID device = kAudioObjectUnknown;
-    eventually([&] { return (device = deviceWithUID(hal, uid)) != kAudioObjectUnknown; });
-    return device;
-}
-
-inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
-{
-    uint32_t channels = 0;
-    for (const AudioObjectID stream :
-         readList<AudioObjectID>(hal, device, at(kAudioDevicePropertyStreams, scope)))
-        channels += readValue<AudioStreamBasicDescription>(hal, stream, at(kAudioStreamPropertyVirtualFormat))
-                        .value_or(AudioStreamBasicDescription{})
-                        .channelsPerFrame;
-    return channels;
-}
-
-/// An IO callback that runs as long as this lives.
-class RunningProc {
-public:
-    RunningProc(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
-        : _hal(hal), _device(device)
+    AudioObjectID plug(const VirtualDevice& device)
     {
-        EXPECT_EQ(_hal.createIOProc(device, block, _proc), kAudioHardwareNoError);
-        status = _hal.start(device, _proc);
+        client.plug(device);
+        return waitForDevice(*hal, device.name);
     }
-    ~RunningProc() { _hal.destroyIOProc(_device, _proc); }
-    RunningProc(const RunningProc&) = delete;
-    RunningProc& operator=(const RunningProc&) = delete;
+    template <class Value>
+    std::optional<Value> read(AudioObjectID object, uint32_t selector,
+                              uint32_t scope = kAudioObjectPropertyScopeGlobal, uint32_t element = 0)
+    {
+        return readValue<Value>(*hal, object, at(selector, scope, element));
+    }
+    bool isRunning(AudioObjectID device)
+    {
+        return read<uint32_t>(device, kAudioDevicePropertyDeviceIsRunning) == 1U;
+    }
+    /// How many nodes the driver has made for IO.
+    size_t ownNodeCount() const
+    {
+        return client.idsOf(PW_TYPE_INTERFACE_Node, {{PW_KEY_NODE_NAME, "dxr"}}).size();
+    }
 
-    HALStatus status = kAudioHardwareNoError; ///< of its start
-
-private:
-    HALModel& _hal;
-    const AudioObjectID _device;
-    AudioDeviceIOProcID _proc = nullptr;
+    PrivateServer server;
+    TestClient client{server.remote()};
+    CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
 };
+
+class PipeWireTest : public testing::Test, protected PipeWireSetup {
+protected:
+    using PipeWireSetup::PipeWireSetup;
+};
+
+/// Plays a ramp that counts the sample time in every channel, below zero in every second stream.
+inline void playRamp(const IOCycle& cycle)
+{
+    for (uint32_t stream = 0; stream < cycle.output->numberBuffers; ++stream) {
+        const uint32_t channels = bufferOf(cycle.output, stream).numberChannels;
+        uint64_t sample = static_cast<uint64_t>(cycle.now.sampleTime) * channels;
+        for (float& each : cycle.out(stream))
+            each = rampSample(sample++ / channels) * (stream % 2 == 0 ? 1.0F : -1.0F);
+    }
+}

@@ -1,30 +1,28 @@
-#include "PipeWireIOTest.h"
-
-#include <atomic>
-#include <spa/node/command.h>
+#include "PipeWireTest.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+class PipeWireInterruptions : public PipeWireTest {
+protected:
+    void destroyObject(uint32_t id) { client.run("pw-cli destroy " + std::to_string(id)); }
+    void commandNode(const std::string& node, const std::string& command)
+    {
+        client.run("pw-cli send-command " + std::to_string(client.nodeID(node)) + " " + command + " '{}'");
+    }
+    /// The links of the one node that IO has.
+    std::vector<uint32_t> ownLinks()
+    {
+        return client.idsOf(PW_TYPE_INTERFACE_Link,
+                            {{PW_KEY_LINK_OUTPUT_NODE, std::to_string(client.nodeID("dxr"))}});
+    }
+    void destroyLinks()
+    {
+        for (const uint32_t link : ownLinks())
+            destroyObject(link);
+    }
+};
 
-size_t ownNodeCount(const TestClient& client)
-{
-    return client.idsOf(PW_TYPE_INTERFACE_Node, {{PW_KEY_NODE_NAME, "dxr"}}).size();
-}
-
-/// The links of the one node that IO has.
-std::vector<uint32_t> ownLinks(TestClient& client)
-{
-    return client.idsOf(PW_TYPE_INTERFACE_Link,
-                        {{PW_KEY_LINK_OUTPUT_NODE, std::to_string(client.nodeID("dxr"))}});
-}
-
-bool isRunning(HALModel& hal, AudioObjectID device)
-{
-    return readValue<uint32_t>(hal, device, at(kAudioDevicePropertyDeviceIsRunning)) == 1U;
-}
-
-TEST(PipeWireInterruptions, aStartFailsWhereNoCycleCanCome)
+TEST(PipeWireStart, failsWhereNoCycleCanCome)
 {
     const struct {
         const char* why;
@@ -37,116 +35,84 @@ TEST(PipeWireInterruptions, aStartFailsWhereNoCycleCanCome)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
-        PrivateServer server({.withoutModule = row.missingModule});
-        VirtualDevices devices(server.remote());
-        devices.plug({.name = "sink"});
-        const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-        const AudioObjectID device = waitForDevice(*hal, "sink");
-        TestClient& client = devices.client();
+        PipeWireSetup setup({.withoutModule = row.missingModule});
+        const AudioObjectID device = setup.plug({.name = "sink"});
         std::unique_ptr<MonitorTap> keepsItRunning;
         if (row.isPaused) {
-            keepsItRunning = std::make_unique<MonitorTap>(client, client.nodeID("sink"), "monitor_FL", 1);
-            ASSERT_TRUE(eventually([&] { return isRunning(*hal, device); })); // for the tap
-            client.commandNode(client.nodeID("sink"), SPA_NODE_COMMAND_Pause);
+            keepsItRunning = std::make_unique<MonitorTap>(setup.client, "sink", "monitor_FL");
+            ASSERT_TRUE(eventually([&] { return setup.isRunning(device); })); // for the tap
+            setup.client.run("pw-cli send-command sink Pause '{}'");
         }
-        const RunningProc proc(*hal, device, playingRamp());
+        const RunningProc proc(*setup.hal, device, eachCycle(playRamp));
         EXPECT_EQ(proc.status, kAudioHardwareUnspecifiedError);
-        EXPECT_TRUE(eventually([&] { return ownNodeCount(client) == 0; })) << "left behind";
+        EXPECT_TRUE(eventually([&] { return setup.ownNodeCount() == 0; })) << "left behind";
     }
 }
 
-TEST(PipeWireInterruptions, ioGoesOnAfterAnotherClientHasInterruptedIt)
+TEST_F(PipeWireInterruptions, ioGoesOnAfterAnotherClientHasInterruptedIt)
 {
-    PrivateServer server;
-    VirtualDevices devices(server.remote());
-    devices.plug({.name = "sink"});
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    const AudioObjectID device = waitForDevice(*hal, "sink");
-    TestClient& client = devices.client();
-    const uint32_t sink = client.nodeID("sink");
+    const AudioObjectID device = plug({.name = "sink"});
     const struct {
         const char* what;
         std::function<void()> interrupt;
     } rows[] = {
-        {"a link destroyed", [&] { client.destroyObject(ownLinks(client).front()); }},
-        {"all links destroyed",
-         [&] {
-             for (const uint32_t link : ownLinks(client))
-                 client.destroyObject(link);
-         }},
-        {"the node destroyed", [&] { client.destroyObject(client.nodeID("dxr")); }},
-        {"the node paused", [&] { client.commandNode(client.nodeID("dxr"), SPA_NODE_COMMAND_Pause); }},
-        {"the device suspended", [&] { client.commandNode(sink, SPA_NODE_COMMAND_Suspend); }},
-        {"the device paused", [&] { client.commandNode(sink, SPA_NODE_COMMAND_Pause); }},
+        {"a link destroyed", [&] { destroyObject(ownLinks().front()); }},
+        {"all links destroyed", [&] { destroyLinks(); }},
+        {"the node destroyed", [&] { destroyObject(client.nodeID("dxr")); }},
+        {"the node paused", [&] { commandNode("dxr", "Pause"); }},
+        {"the device suspended", [&] { commandNode("sink", "Suspend"); }},
+        {"the device paused", [&] { commandNode("sink", "Pause"); }},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        std::atomic<uint64_t> cycles{0};
-        std::atomic<uint64_t> backwards{0};
-        const OverloadCounter overloads(*hal, device);
-        const RunningProc proc(*hal, device,
-                               [&, last = -1.0](const AudioTimeStamp* now, const AudioBufferList*,
-                                                const AudioTimeStamp*, AudioBufferList* out,
-                                                const AudioTimeStamp*) mutable {
-                                   backwards += now->sampleTime <= last;
-                                   last = now->sampleTime;
-                                   playRamp(*now, out->buffers[0]);
-                                   ++cycles;
-                               });
+        CycleWitness witness;
+        const RecordingListener overloads(*hal, device, at(kAudioDeviceProcessorOverload));
+        const RunningProc proc(*hal, device, eachCycle([&](const IOCycle& cycle) {
+            witness.see(cycle);
+            playRamp(cycle);
+        }));
         ASSERT_EQ(proc.status, kAudioHardwareNoError);
-        const size_t overloadsBefore = overloads.count();
+        const size_t before = overloads.count();
         row.interrupt();
-        EXPECT_TRUE(eventually([&] { return overloads.count() > overloadsBefore; }));
-        const uint64_t cyclesBefore = cycles;
-        EXPECT_TRUE(eventually([&] { return cycles > cyclesBefore + 10 && isRunning(*hal, device); }));
-        for (const char* port : {"monitor_FL", "monitor_FR"}) {
-            const MonitorTap tap(client, sink, port, 1 << 16);
-            EXPECT_TRUE(tap.waitForFrames(4096)) << port;
-        }
-        EXPECT_EQ(backwards, 0U);
-        EXPECT_EQ(ownNodeCount(client), 1U);
+        EXPECT_TRUE(eventually([&] { return overloads.count() > before; }));
+        EXPECT_TRUE(witness.waitForMore());
+        EXPECT_TRUE(eventually([&] { return isRunning(device); }));
+        for (const char* port : {"monitor_FL", "monitor_FR"})
+            EXPECT_TRUE(MonitorTap(client, "sink", port).waitForFrames(4096)) << port;
+        EXPECT_EQ(witness.backwards, 0U);
+        EXPECT_EQ(ownNodeCount(), 1U);
     }
 }
 
-TEST(PipeWireInterruptions, aDeviceIsStalledForAsLongAsItsLinksAreRefused)
+TEST_F(PipeWireInterruptions, aDeviceIsStalledForAsLongAsItsLinksAreRefused)
 {
-    PrivateServer server;
-    VirtualDevices devices(server.remote());
-    devices.plug({.name = "sink"});
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    const AudioObjectID device = waitForDevice(*hal, "sink");
-    TestClient& client = devices.client();
-    const RunningProc proc(*hal, device, playingRamp());
-    EXPECT_TRUE(isRunning(*hal, device));
-
-    const uint32_t ours = client.idOf(PW_TYPE_INTERFACE_Client, {{PW_KEY_APP_NAME, "dxr"}});
-    const uint32_t factory = client.idOf(PW_TYPE_INTERFACE_Factory, {{PW_KEY_FACTORY_NAME, "link-factory"}});
-    client.permit(ours, factory, 0);
-    for (const uint32_t link : ownLinks(client))
-        client.destroyObject(link);
-    EXPECT_TRUE(eventually([&] { return !isRunning(*hal, device); }));
-    std::this_thread::sleep_for(300ms); // some attempts
-    EXPECT_FALSE(isRunning(*hal, device));
-    EXPECT_LE(ownNodeCount(client), 1U);
-
-    client.permit(ours, factory, PW_PERM_ALL);
-    EXPECT_TRUE(eventually([&] { return isRunning(*hal, device); }));
-    const MonitorTap tap(client, client.nodeID("sink"), "monitor_FR", 1 << 16);
-    EXPECT_TRUE(tap.waitForFrames(4096));
+    const AudioObjectID device = plug({.name = "sink"});
+    const RunningProc proc(*hal, device, eachCycle(playRamp));
+    EXPECT_TRUE(isRunning(device));
+    const auto permit = [&](uint32_t permissions) {
+        const uint32_t ours = client.idOf(PW_TYPE_INTERFACE_Client, {{PW_KEY_APP_NAME, "dxr"}});
+        const uint32_t factory =
+            client.idOf(PW_TYPE_INTERFACE_Factory, {{PW_KEY_FACTORY_NAME, "link-factory"}});
+        client.run("pw-cli permissions " + std::to_string(ours) + " " + std::to_string(factory) + " " +
+                   std::to_string(permissions));
+    };
+    permit(0);
+    destroyLinks();
+    EXPECT_TRUE(eventually([&] { return !isRunning(device); }));
+    sleepForMilliseconds(300); // some attempts
+    EXPECT_FALSE(isRunning(device));
+    EXPECT_LE(ownNodeCount(), 1U);
+    permit(PW_PERM_ALL);
+    EXPECT_TRUE(eventually([&] { return isRunning(device); }));
+    EXPECT_TRUE(MonitorTap(client, "sink", "monitor_FR").waitForFrames(4096));
 }
 
-TEST(PipeWireInterruptions, theRateComesBackAfterAnotherClientForcedOne)
+TEST_F(PipeWireInterruptions, theRateComesBackAfterAnotherClientForcedOne)
 {
-    PrivateServer server;
-    VirtualDevices devices(server.remote());
-    devices.plug({.name = "sink"});
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    const AudioObjectID device = waitForDevice(*hal, "sink");
-    MetadataView settings(devices.client(), "settings");
-    const auto rateIs = [&](double rate) {
-        return eventually([&] {
-            return readValue<double>(*hal, device, at(kAudioDevicePropertyNominalSampleRate)) == rate;
-        });
+    const AudioObjectID device = plug({.name = "sink"});
+    const auto rateBecomes = [&](double rate) {
+        return eventually(
+            [&] { return read<double>(device, kAudioDevicePropertyNominalSampleRate) == rate; });
     };
     const struct {
         const char* why;
@@ -162,20 +128,20 @@ TEST(PipeWireInterruptions, theRateComesBackAfterAnotherClientForcedOne)
         std::unique_ptr<RunningProc> proc;
         const auto letRun = [&](bool runs) {
             if (runs && !proc)
-                proc = std::make_unique<RunningProc>(*hal, device, playingRamp());
+                proc = std::make_unique<RunningProc>(*hal, device, eachCycle(playRamp));
             else if (!runs)
                 proc.reset();
         };
         letRun(row.runsBefore);
-        settings.set("clock.force-rate", "96000");
-        EXPECT_TRUE(rateIs(96000.0));
+        client.setMetadata("settings", "clock.force-rate", "96000");
+        EXPECT_TRUE(rateBecomes(96000.0));
         letRun(row.runsWhileForced);
-        EXPECT_TRUE(rateIs(96000.0));
-        settings.set("clock.force-rate", "0");
-        EXPECT_TRUE(rateIs(48000.0));
+        EXPECT_TRUE(rateBecomes(96000.0));
+        client.setMetadata("settings", "clock.force-rate", "0");
+        EXPECT_TRUE(rateBecomes(48000.0));
         letRun(row.runsAfter);
-        std::this_thread::sleep_for(50ms); // past the first cycles
-        EXPECT_TRUE(rateIs(48000.0));
+        sleepForMilliseconds(50); // past the first cycles
+        EXPECT_TRUE(rateBecomes(48000.0));
     }
 }
 

@@ -2,10 +2,7 @@
 #include "LogSink.h"
 #include "PipeWireTest.h"
 
-#include <algorithm>
-#include <atomic>
-#include <cstdlib>
-#include <fstream>
+#include <filesystem>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,18 +11,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Frames delivered to a callback that plays silence.
-AudioDeviceIOBlock counting(std::atomic<uint64_t>& cycles)
-{
-    return [&cycles](const AudioTimeStamp*, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
-                     const AudioTimeStamp*) { ++cycles; };
-}
-
 double secondsOf(const std::function<void()>& work)
 {
     const auto start = std::chrono::steady_clock::now();
     work();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+CXRef<HALModel> modelOver(const PrivateServer& server)
+{
+    return HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
 }
 
 TEST(PipeWireServer, mayComeLaterIntoAFolderThatComesLater)
@@ -34,116 +29,99 @@ TEST(PipeWireServer, mayComeLaterIntoAFolderThatComesLater)
     const fs::path folder = parent / "run" / "user";
     ASSERT_EQ(setenv("PIPEWIRE_RUNTIME_DIR", folder.c_str(), 1), 0);
     const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote());
-    EXPECT_LT(secondsOf([&] { EXPECT_TRUE(readDevices(*hal).empty()); }), 1.0)
-        << "where there is no server there is nothing to wait for";
+    EXPECT_TRUE(readDevices(*hal).empty());
     {
         PrivateServer server({.runtimeFolder = folder});
-        VirtualDevices devices(server.remote());
-        devices.plug({.name = "sink"});
+        TestClient client(server.remote());
+        client.plug({.name = "sink"});
         EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown);
     }
     EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
     fs::remove_all(parent);
 }
 
-TEST(PipeWireServer, tellsOfEveryDeviceThatIsThereAtTheFirstQuestion)
-{
-    PrivateServer server;
-    VirtualDevices devices(server.remote());
-    for (int i = 0; i < 20; ++i)
-        devices.plug({.name = "sink" + std::to_string(i)});
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    EXPECT_EQ(readShownDevices(*hal).size(), 20U);
-}
-
 TEST(PipeWireServer, takesItsDevicesAlongWhenItDiesAndBringsThemBack)
 {
     PrivateServer server;
-    auto devices = std::make_unique<VirtualDevices>(server.remote());
-    devices->plug({.name = "sink"});
-    devices->plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    std::atomic<size_t> told{0};
-    const HALListener listener{nullptr, nullptr, [&](uint32_t, const AudioObjectPropertyAddress*) { ++told; },
-                               nullptr};
-    hal->addListener(kAudioObjectSystemObject, at(kAudioHardwarePropertyDevices), listener);
     std::vector<AudioObjectID> seen;
+    auto client = std::make_unique<TestClient>(server.remote());
+    for (int i = 0; i < 20; ++i)
+        client->plug({.name = "device" + std::to_string(i)});
+    const CXRef<HALModel> hal = modelOver(server);
+    EXPECT_EQ(readShownDevices(*hal).size(), 20U) << "all of them at the first read";
+    const RecordingListener listener(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDevices));
     for (int life = 0; life < 3; ++life) {
-        const AudioObjectID sink = waitForDevice(*hal, "sink");
-        const AudioObjectID source = waitForDevice(*hal, "source");
-        for (const AudioObjectID device : {sink, source}) {
-            EXPECT_EQ(std::ranges::find(seen, device), seen.end()) << "an object ID came back";
+        const AudioObjectID sink = waitForDevice(*hal, "device1");
+        for (const AudioObjectID device : {sink, waitForDevice(*hal, "device2")}) {
+            EXPECT_EQ(std::ranges::count(seen, device), 0) << "an object ID came back";
             seen.push_back(device);
         }
-        std::atomic<uint64_t> cycles{0};
-        const RunningProc proc(*hal, sink, counting(cycles));
-        ASSERT_EQ(proc.status, kAudioHardwareNoError);
-        ASSERT_TRUE(eventually([&] { return cycles > 10; }));
-
-        const size_t before = told;
+        CycleWitness witness;
+        const RunningProc proc(*hal, sink, witnessing(witness));
+        ASSERT_TRUE(witness.waitForMore());
+        const size_t before = listener.count();
         server.kill();
-        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty() && told > before; }));
+        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty() && listener.count() > before; }));
         EXPECT_EQ(writeValue(*hal, sink, at(kAudioDevicePropertyMute, output), 1U),
                   kAudioHardwareBadObjectError);
-        const uint64_t after = cycles;
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        EXPECT_EQ(cycles, after) << "a cycle of a device that is gone";
-
-        devices.reset();
+        const uint64_t after = witness.cycles;
+        sleepForMilliseconds(30);
+        EXPECT_EQ(witness.cycles, after) << "a cycle of a device that is gone";
+        client.reset();
         server.start();
-        devices = std::make_unique<VirtualDevices>(server.remote());
-        devices->plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
-        devices->plug({.name = "sink"});
+        client = std::make_unique<TestClient>(server.remote());
+        client->plug({.name = "device2"});
+        client->plug({.name = "device1"});
     }
-    hal->removeListener(kAudioObjectSystemObject, at(kAudioHardwarePropertyDevices), listener);
 }
 
-TEST(PipeWireServer, keepsNobodyWaitingWhileItHangs)
+using PipeWireServerTest = PipeWireTest;
+
+TEST_F(PipeWireServerTest, keepsNobodyWaitingWhileItHangs)
 {
-    PrivateServer server;
-    VirtualDevices devices(server.remote());
-    devices.plug({.name = "sink"});
-    CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    const AudioObjectID device = waitForDevice(*hal, "sink");
-    std::atomic<uint64_t> cycles{0};
-    auto proc = std::make_unique<RunningProc>(*hal, device, counting(cycles));
-    ASSERT_TRUE(eventually([&] { return cycles > 10; }));
+    const AudioObjectID device = plug({.name = "sink"});
+    CycleWitness witness;
+    auto proc = std::make_unique<RunningProc>(*hal, device, witnessing(witness));
+    ASSERT_TRUE(witness.waitForMore());
 
     server.hang();
     const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
-    EXPECT_LT(secondsOf([&] { EXPECT_EQ(readValue<float>(*hal, device, volume), 1.0F); }), 1.0);
-    for (const auto& write : std::initializer_list<std::function<HALStatus()>>{
-             [&] { return writeValue(*hal, device, volume, 0.5F); },
-             [&] { return writeValue(*hal, device, at(kAudioDevicePropertyMute, output), 1U); },
-             [&] { return writeValue(*hal, device, at(kAudioDevicePropertyBufferFrameSize), 256U); }})
-        EXPECT_LT(secondsOf([&] { EXPECT_EQ(write(), kAudioHardwareUnspecifiedError); }), 5.0);
-    EXPECT_LT(secondsOf([&] { proc.reset(); }), 5.0) << "stopping waits for nobody";
-    EXPECT_LT(secondsOf([&] {
-                  const RunningProc another(*hal, device, counting(cycles));
-                  EXPECT_EQ(another.status, kAudioHardwareUnspecifiedError);
-              }),
-              8.0);
-    // One that comes now finds a server that takes the connection and then says nothing.
-    EXPECT_LT(secondsOf([&] {
-                  const CXRef<HALModel> late =
-                      HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-                  EXPECT_TRUE(readDevices(*late).empty());
-              }),
-              8.0);
+    const auto mute = at(kAudioDevicePropertyMute, output);
+    const auto frames = at(kAudioDevicePropertyBufferFrameSize);
+    const struct {
+        const char* what;
+        std::function<void()> work;
+        double maxSeconds;
+    } rows[] = {
+        {"a read", [&] { EXPECT_EQ(readValue<float>(*hal, device, volume), 1.0F); }, 1.0},
+        {"volume", [&] { EXPECT_EQ(writeValue(*hal, device, volume, 0.5F), kAudioHardwareUnspecifiedError); },
+         5.0},
+        {"mute", [&] { EXPECT_EQ(writeValue(*hal, device, mute, 1U), kAudioHardwareUnspecifiedError); }, 5.0},
+        {"frames", [&] { EXPECT_EQ(writeValue(*hal, device, frames, 256U), kAudioHardwareUnspecifiedError); },
+         5.0},
+        {"a stop", [&] { proc.reset(); }, 5.0},
+        {"a start",
+         [&] {
+             EXPECT_EQ(RunningProc(*hal, device, witnessing(witness)).status, kAudioHardwareUnspecifiedError);
+         },
+         8.0},
+        {"a connection", [&] { EXPECT_TRUE(readDevices(*modelOver(server)).empty()); }, 8.0},
+    };
+    for (const auto& row : rows)
+        EXPECT_LT(secondsOf(row.work), row.maxSeconds) << row.what;
 
     server.resume();
     EXPECT_TRUE(eventually([&] { return readValue<float>(*hal, device, volume) == 0.5F; }))
-        << "what was asked meanwhile is done now";
-    const uint64_t before = cycles;
-    proc = std::make_unique<RunningProc>(*hal, device, counting(cycles));
-    EXPECT_TRUE(eventually([&] { return cycles > before + 10; }));
+        << "requests made meanwhile are carried out";
+    proc = std::make_unique<RunningProc>(*hal, device, witnessing(witness));
+    EXPECT_TRUE(witness.waitForMore());
     proc.reset();
     server.hang();
-    EXPECT_LT(secondsOf([&] { hal = nullptr; }), 5.0) << "nor does the end of the driver";
+    EXPECT_LT(secondsOf([&] { hal = nullptr; }), 5.0) << "nor does the end of the driver wait";
     server.resume();
 }
 
-/// What is no server: it takes connections, sends each the same bytes, and counts them.
+/// Something other than a server: it accepts connections, sends each the same bytes, and counts them.
 class Impostor {
 public:
     enum class Then { Waits, HangsUp };
@@ -190,7 +168,7 @@ private:
     std::thread _thread;
 };
 
-/// Reports of finished requests that nobody has made, as a server writes them.
+/// Reports, as a server writes them, that requests are finished which nobody has made.
 std::string manyDone(size_t count)
 {
     const uint32_t message[] = {0, 1U << 24 | 40, 0, 0, 32, 14, 4, 4, 0, 0, 4, 4, 0x3FFFFFFF, 0};
@@ -216,15 +194,17 @@ TEST(PipeWireServer, mayTalkNonsenseForAWhile)
     for (const auto& row : rows) {
         PrivateServer server({}, false);
         auto impostor = std::make_unique<Impostor>(server.remote(), row.bytes, row.then);
-        const auto start = std::chrono::steady_clock::now();
-        const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-        EXPECT_TRUE(eventually([&] { return impostor->count >= 8; })) << "not tried again after " << row.why;
-        const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        CXRef<HALModel> hal;
+        const double seconds = secondsOf([&] {
+            hal = modelOver(server);
+            EXPECT_TRUE(eventually([&] { return impostor->count >= 8; }))
+                << "not tried again after " << row.why;
+        });
         EXPECT_LT(impostor->count, 12 + seconds) << "and not more often than makes sense: " << row.why;
         impostor.reset();
         server.start();
-        VirtualDevices devices(server.remote());
-        devices.plug({.name = "sink"});
+        TestClient client(server.remote());
+        client.plug({.name = "sink"});
         EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown) << row.why;
     }
 }
@@ -252,49 +232,39 @@ private:
     rlimit _before{};
 };
 
-TEST(PipeWireServer, isFoundAgainWhenDescriptorsRunOut)
+TEST_F(PipeWireServerTest, isFoundAgainWhenDescriptorsRunOut)
 {
-    PrivateServer server;
-    VirtualDevices devices(server.remote());
-    devices.plug({.name = "wide", .channelCount = 64});
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    const AudioObjectID before = waitForDevice(*hal, "wide");
-    std::atomic<uint64_t> cycles{0};
+    const AudioObjectID before = plug({.name = "wide", .channelCount = 64});
+    CycleWitness witness;
     {
         const DescriptorLimit limit(DescriptorLimit::used() + 40); // each channel takes two
-        const RunningProc proc(*hal, before, counting(cycles));
+        const RunningProc proc(*hal, before, witnessing(witness));
         EXPECT_TRUE(eventually([&] {
             const AudioObjectID now = deviceWithUID(*hal, "wide");
             return now != kAudioObjectUnknown && now != before;
         })) << "the connection is lost, and made again";
     }
-    const RunningProc proc(*hal, waitForDevice(*hal, "wide"), counting(cycles));
+    const RunningProc proc(*hal, waitForDevice(*hal, "wide"), witnessing(witness));
     EXPECT_EQ(proc.status, kAudioHardwareNoError);
-    const uint64_t count = cycles;
-    EXPECT_TRUE(eventually([&] { return cycles > count + 10; }));
+    EXPECT_TRUE(witness.waitForMore());
 }
 
-TEST(PipeWireServer, runsFortyDevicesWithAThousandDescriptors)
+TEST_F(PipeWireServerTest, runsFortyDevicesWithAThousandDescriptors)
 {
-    PrivateServer server;
-    VirtualDevices devices(server.remote());
     const DescriptorLimit limit(1024);
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    std::array<std::atomic<uint64_t>, 40> cycles{};
+    std::array<CycleWitness, 40> witnesses;
     std::vector<std::unique_ptr<RunningProc>> procs;
-    for (size_t i = 0; i < cycles.size(); ++i)
-        devices.plug({.name = "sink" + std::to_string(i)});
-    for (size_t i = 0; i < cycles.size(); ++i) {
-        const AudioObjectID device = waitForDevice(*hal, "sink" + std::to_string(i));
-        procs.push_back(std::make_unique<RunningProc>(*hal, device, counting(cycles[i])));
-        EXPECT_EQ(procs.back()->status, kAudioHardwareNoError) << i;
+    for (CycleWitness& each : witnesses) {
+        const AudioObjectID device = plug({.name = "sink" + std::to_string(procs.size())});
+        procs.push_back(std::make_unique<RunningProc>(*hal, device, witnessing(each)));
+        EXPECT_EQ(procs.back()->status, kAudioHardwareNoError) << procs.size();
     }
-    EXPECT_TRUE(
-        eventually([&] { return std::ranges::all_of(cycles, [](const auto& each) { return each > 10; }); }));
+    for (const CycleWitness& each : witnesses)
+        EXPECT_TRUE(each.waitForMore());
+    procs.clear();
 }
 
-// With too few descriptors at the first use: no crash, no exception, no devices; and devices when there are
-// more.
+// With too few descriptors at the first use: no crash, no exception, no devices; and devices when there are more.
 TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
 {
 #ifdef __SANITIZE_ADDRESS__
@@ -309,13 +279,13 @@ TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
             {
                 const DescriptorLimit limit(DescriptorLimit::used() + left);
                 const int before = logged;
-                hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
+                hal = modelOver(server);
                 readDevices(*hal);
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                sleepForMilliseconds(20);
                 EXPECT_LE(logged, before + 1);
             }
-            VirtualDevices devices(server.remote());
-            devices.plug({.name = "sink"});
+            TestClient client(server.remote());
+            client.plug({.name = "sink"});
             EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown) << "after " << left << " descriptors";
         }
     }));
@@ -351,22 +321,22 @@ TEST(PipeWireServer, isFoundAgainAfterEveryRestart)
     const int rounds = restarts ? std::atoi(restarts) : 10;
     const BusyMachine busy;
     PrivateServer server;
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
+    const CXRef<HALModel> hal = modelOver(server);
     std::atomic<bool> done{false};
     std::thread user([&] {
         for (uint32_t muted = 0; !done; muted ^= 1U)
             for (const AudioObjectID device : readDevices(*hal)) {
-                std::atomic<uint64_t> cycles{0};
                 AudioDeviceIOProcID proc = nullptr;
-                if (hal->createIOProc(device, counting(cycles), proc) == kAudioHardwareNoError)
+                if (hal->createIOProc(
+                        device, [](auto...) {}, proc) == kAudioHardwareNoError)
                     hal->start(device, proc);
                 writeValue(*hal, device, at(kAudioDevicePropertyMute, output), muted);
                 hal->destroyIOProc(device, proc);
             }
     });
     for (int round = 0; round < rounds; ++round) {
-        VirtualDevices devices(server.remote());
-        devices.plug({.name = "sink"});
+        TestClient client(server.remote());
+        client.plug({.name = "sink"});
         ASSERT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown) << "round " << round;
         std::this_thread::sleep_for(std::chrono::microseconds(300 * (round % 17)));
         server.kill();

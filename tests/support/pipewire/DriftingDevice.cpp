@@ -1,9 +1,9 @@
 #include "DriftingDevice.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <pthread.h>
 #include <spa/param/audio/format-utils.h>
 
@@ -22,21 +22,6 @@ const spa_pod* stereoFormat(spa_pod_builder& builder)
     format.position[0] = SPA_AUDIO_CHANNEL_FL;
     format.position[1] = SPA_AUDIO_CHANNEL_FR;
     return spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &format);
-}
-
-void sleepUntil(double nanoseconds)
-{
-    timespec time{};
-    time.tv_sec = static_cast<time_t>(nanoseconds / 1e9);
-    time.tv_nsec = static_cast<long>(nanoseconds - static_cast<double>(time.tv_sec) * 1e9);
-    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr);
-}
-
-double nowNanoseconds()
-{
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
 }
 
 } // namespace
@@ -169,14 +154,14 @@ void DriftingDevice::_drive()
     // A crystal does not wait for a processor; a thread without the right to precede others does.
     const sched_param precedence{.sched_priority = 60};
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &precedence);
-    double next = nowNanoseconds();
-    while (!_ended) {
-        sleepUntil(next);
-        next += _driveCycle(next);
-    }
+    using Nanoseconds = std::chrono::duration<double, std::nano>;
+    using Clock = std::chrono::steady_clock;
+    for (Nanoseconds next = Clock::now().time_since_epoch(); !_ended;
+         next += Nanoseconds(_driveCycle(next.count())))
+        std::this_thread::sleep_until(Clock::time_point(std::chrono::duration_cast<Clock::duration>(next)));
 }
 
-/// Runs one cycle of the graph, when this device is what drives it. Answers when the next is due.
+/// Runs one cycle of the graph, when this device drives it. Returns the nanoseconds to the next.
 double DriftingDevice::_driveCycle(double nowTime) noexcept
 {
     spa_io_clock* clock = _clock;

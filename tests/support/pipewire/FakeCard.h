@@ -2,11 +2,8 @@
 
 #include "TestClient.h"
 
-#include <map>
 #include <spa/monitor/device.h>
 #include <spa/pod/builder.h>
-#include <string>
-#include <vector>
 
 /// A sound card, exported to a server by the test's own process: a profile, routes with volume and mute, headphones
 /// that can be plugged, and a sink (and a source) that belong to it.
@@ -17,11 +14,17 @@ public:
         std::string name =
             "fake";              ///< the card is alsa_card.NAME, its nodes alsa_output.NAME.stereo and so on
         bool microphone = false; ///< whether it has a source too
-        NodeProperties properties{};     ///< of the card, on top of a serial number, a maker and a bus
-        NodeProperties nodeProperties{}; ///< of its nodes
+        NodeProperties properties{}; ///< of the card, on top of a serial number, a maker and a bus
     };
 
     enum Route : uint32_t { Speakers, Headphones, Microphone };
+
+    struct State {
+        bool headphonesPlugged = false;
+        uint32_t activeRoutes[2] = {Speakers, Microphone}; ///< of the sink and of the source
+        float amplitudes[3][2] = {{1, 1}, {1, 1}, {1, 1}}; ///< of each route and channel
+        bool muted[3] = {};                                ///< of each route
+    };
 
     FakeCard(const std::string& remote, Options options);
     ~FakeCard();
@@ -29,32 +32,14 @@ public:
     FakeCard& operator=(const FakeCard&) = delete;
 
     std::string sinkName() const { return "alsa_output." + _options.name + ".stereo"; }
-    std::string sourceName() const { return "alsa_input." + _options.name + ".stereo"; }
     std::string deviceName() const { return "alsa_card." + _options.name; }
 
     /// What the hardware does by itself, or another client through it.
-    void setHeadphonesPlugged(bool plugged);
-    void setRoute(Route route);
-    void setVolumes(Route route, std::vector<float> amplitudes);
-    void setMuted(Route route, bool muted);
-
-    Route outputRoute() const;
-    std::vector<float> volumes(Route route) const;
-    bool isMuted(Route route) const;
-    /// Waits until the card is as asked. False when it never is.
-    bool waitUntil(const std::function<bool(const FakeCard&)>& isTrue) const;
-
-    TestClient& client() noexcept { return _client; }
+    void change(const std::function<void(State&)>& change);
+    /// Waits until the card is in such a state. False when it never is.
+    bool waitUntil(const std::function<bool(const State&)>& isTrue) const;
 
 private:
-    struct RouteState {
-        const char* name;
-        const char* description;
-        const char* portType;
-        std::vector<float> amplitudes{1.0F, 1.0F};
-        bool muted = false;
-    };
-
     static int _addListener(void* object, spa_hook* listener, const spa_device_events* events, void* data);
     static int _sync(void* object, int sequence);
     static int _enumParams(void* object, int sequence, uint32_t id, uint32_t start, uint32_t count,
@@ -62,13 +47,11 @@ private:
     static int _setParam(void* object, uint32_t id, uint32_t flags, const spa_pod* param);
 
     const spa_pod* _param(spa_pod_builder& builder, uint32_t id, uint32_t index) const;
-    const spa_pod* _profile(spa_pod_builder& builder, uint32_t id, uint32_t index) const;
     const spa_pod* _route(spa_pod_builder& builder, uint32_t id, uint32_t route) const;
     void _takeRoute(const spa_pod* param);
     void _emitInfo(uint64_t changes);
-    void _changed(uint32_t paramID);
-    bool _isAvailable(uint32_t route) const;
-    pw_proxy* _makeNode(const std::string& name, const char* mediaClass, uint32_t cardID, int device);
+    void _changed();
+    void _makeNode(const std::string& name, const char* mediaClass, uint32_t cardID, int device);
 
     const Options _options;
     TestClient _client;
@@ -79,9 +62,7 @@ private:
     spa_dict _dictionary{};
     spa_param_info _params[4];
     spa_device_info _info{};
-    std::vector<RouteState> _routes;
-    uint32_t _activeRoutes[2] = {Speakers, Microphone}; // of the sink and of the source
-    bool _headphonesPlugged = false;
+    State _state;
     pw_proxy* _exported = nullptr;
     std::vector<pw_proxy*> _nodes;
 };

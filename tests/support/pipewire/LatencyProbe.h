@@ -1,47 +1,33 @@
 #pragma once
 
-#include "TestClient.h"
+#include "TestPort.h"
 
 #include <atomic>
-#include <pipewire/filter.h>
-#include <string>
-#include <vector>
 
-/// Sends frames through what is connected between two ports, and measures how late they come back. Each frame is the number of
-/// its time, in steps of 2^-24, so that one that is lost, repeated or resampled still states its time.
-/// Threads: one; frames are sent and heard on PipeWire's audio thread.
+/// Sends frames through what is connected between two ports, and measures how late they come back. Each frame is the
+/// number of its time, in steps of 2^-24, so that one that is lost, repeated or resampled still states its time.
+/// Threads: one; frames are sent and received on PipeWire's audio thread.
 class LatencyProbe {
 public:
     struct Port {
         std::string node, name;
     };
 
-    /// Frames go in at `into` and are heard at `outOf`. `rate` is the server's, Hz.
-    LatencyProbe(TestClient& client, const Port& into, const Port& outOf, double rate);
-    ~LatencyProbe();
-    LatencyProbe(const LatencyProbe&) = delete;
-    LatencyProbe& operator=(const LatencyProbe&) = delete;
+    /// Frames go in at `input` and come back at `output`. `rate` is the server's, Hz.
+    LatencyProbe(TestClient& client, const Port& input, const Port& output, double rate);
 
     /// Waits for `count` cycles with sound and returns how late each was, in frames, in ascending order; fewer when
     /// they do not come within some seconds.
     std::vector<double> measure(size_t count);
 
 private:
-    static void _send(void* data, spa_io_position* position);
-    static void _hear(void* data, spa_io_position* position);
-    uint32_t _timeOf(const spa_io_position* position) const noexcept;
-    pw_filter* _connect(const char* name, pw_direction direction, const pw_filter_events& events,
-                        spa_hook* listener, void** port);
+    double _timeOf(const spa_io_clock& clock) const noexcept;
+    void _send(const spa_io_clock& clock, float* samples) const noexcept;
+    void _receive(const spa_io_clock& clock, const float* samples) noexcept;
 
-    TestClient& _client;
     const double _rate;
-    pw_filter* _sender = nullptr;
-    pw_filter* _hearer = nullptr;
-    spa_hook _senderListener{}, _hearerListener{};
-    void* _output = nullptr;
-    void* _input = nullptr;
-    pw_proxy* _links[2] = {};
     std::vector<double> _latencies;
     std::atomic<size_t> _wanted{0},
-        _heard{0}; // the audio thread fills while it has heard less than is wanted
+        _received{0}; // the audio thread writes while it has received less than wanted
+    const TestPort _sender, _receiver;
 };

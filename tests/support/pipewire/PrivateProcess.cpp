@@ -2,11 +2,8 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,17 +50,4 @@ void endPrivateProcess(pid_t process, int signal)
     kill(process, signal);
     kill(process, SIGCONT);
     waitpid(process, nullptr, 0);
-}
-
-bool acceptsConnections(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        return false;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool accepts = connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    close(descriptor);
-    return accepts;
 }

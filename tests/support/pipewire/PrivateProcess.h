@@ -11,5 +11,3 @@ pid_t startPrivateProcess(const std::vector<std::string>& command, const std::fi
                           const std::vector<std::string>& variables = {});
 /// Sends `signal` (to a stopped process too) and waits for its end.
 void endPrivateProcess(pid_t process, int signal);
-/// Whether somebody listens on the local socket `path`.
-bool acceptsConnections(const std::string& path);

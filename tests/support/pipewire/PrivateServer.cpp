@@ -1,26 +1,51 @@
 #include "PrivateServer.h"
 
-#include "FolderWatch.h"
 #include "PrivateProcess.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+namespace fs = std::filesystem;
 
 namespace {
 
-std::filesystem::path newFolder()
-{
-    std::string path = std::filesystem::temp_directory_path() / "dxr-pipewire-XXXXXX";
-    if (!mkdtemp(path.data()))
-        throw std::runtime_error("no folder for a private server");
-    return path;
-}
+constexpr const char* wirePlumber = "/usr/share/wireplumber";
+
+// Without a session bus, what needs one (Bluetooth, reserving cards) makes WirePlumber exit.
+constexpr const char* withoutHardware = R"(
+default_access.properties["enable-flatpak-portal"] = false
+alsa_monitor.enabled = false
+v4l2_monitor.enabled = false
+libcamera_monitor.enabled = false
+)";
 
 // A forced frame count is taken as it is, and a rate of any client is allowed. The access module must be there:
 // without it clients get no permissions at all.
 constexpr const char* configuration = R"(
+context.properties = {
+    core.daemon = true
+    core.name = pipewire-0
+    support.dbus = false
+    link.max-buffers = 16
+    log.level = 1
+    default.clock.rate = 48000
+    default.clock.allowed-rates = [ 44100 48000 88200 96000 176400 192000 ]
+    default.clock.quantum = 512
+    default.clock.min-quantum = 16
+    default.clock.max-quantum = 8192
+    settings.check-quantum = false
+    settings.check-rate = false
+    clock.power-of-two-quantum = false
+}
 context.spa-libs = {
     audio.convert.* = audioconvert/libspa-audioconvert
     support.*       = support/libspa-support
@@ -49,13 +74,48 @@ constexpr const char* drivers = R"(
                priority.driver = 19000  node.group = pipewire.freewheel  node.freewheel = true } }
 )";
 
+fs::path newFolder()
+{
+    std::string path = fs::temp_directory_path() / "dxr-pipewire-XXXXXX";
+    if (!mkdtemp(path.data()))
+        throw std::runtime_error("no folder for a private server");
+    return path;
+}
+
+/// The socket is bound before the server listens on it: only a connection that succeeds proves that it does.
+bool acceptsConnections(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool accepts = connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(descriptor);
+    return accepts;
+}
+
+void copyWirePlumberConfiguration(const fs::path& to)
+{
+    if (!fs::exists(wirePlumber))
+        throw std::runtime_error("WirePlumber is not installed");
+    fs::copy(wirePlumber, to, fs::copy_options::recursive);
+    std::ofstream(to / "main.lua.d" / "80-headless.lua") << withoutHardware;
+    std::ifstream original(to / "wireplumber.conf");
+    std::ostringstream kept;
+    for (std::string line; std::getline(original, line);)
+        if (line.find("bluetooth.lua") == std::string::npos)
+            kept << line << '\n';
+    original.close();
+    std::ofstream(to / "wireplumber.conf") << kept.str();
+}
+
 } // namespace
 
-PrivateServer::PrivateServer(const Options& options, bool startNow)
-    : _ownsFolder(options.runtimeFolder.empty()),
-      _folder(_ownsFolder ? newFolder() : std::filesystem::path(options.runtimeFolder))
+PrivateServer::PrivateServer(Options options, bool startNow)
+    : _options(std::move(options)),
+      _folder(_options.runtimeFolder.empty() ? newFolder() : fs::path(_options.runtimeFolder))
 {
-    _writeConfiguration(options);
+    _writeConfiguration();
     if (startNow)
         start();
 }
@@ -64,69 +124,62 @@ PrivateServer::~PrivateServer()
 {
     kill();
     std::error_code ignored;
-    if (_ownsFolder)
-        std::filesystem::remove_all(_folder, ignored);
+    if (_options.runtimeFolder.empty())
+        fs::remove_all(_folder, ignored);
 }
 
-void PrivateServer::_writeConfiguration(const Options& options) const
+void PrivateServer::_writeConfiguration() const
 {
     std::string modules = configuration;
-    if (!options.withoutModule.empty()) {
-        const size_t name = modules.find("libpipewire-module-" + options.withoutModule + " ");
+    if (!_options.withoutModule.empty()) {
+        const size_t name = modules.find("libpipewire-module-" + _options.withoutModule + " ");
         modules.erase(modules.rfind('{', name), modules.find('}', name) + 1 - modules.rfind('{', name));
     }
-    std::filesystem::create_directories(_folder);
-    std::ofstream file(_folder / "server.conf");
-    file << "context.properties = {\n"
-            "    core.daemon = true\n    core.name = pipewire-0\n    support.dbus = false\n"
-            "    link.max-buffers = 16\n    log.level = 1\n"
-         << "    default.clock.rate = " << options.rate
-         << "\n    default.clock.allowed-rates = [ 44100 48000 88200 96000 176400 192000 ]\n"
-         << "    default.clock.quantum = " << options.frameCount
-         << "\n    default.clock.min-quantum = 16\n    default.clock.max-quantum = 8192\n"
-            "    settings.check-quantum = false\n    settings.check-rate = false\n"
-            "    clock.power-of-two-quantum = false\n}\n"
-         << modules << "context.objects = [\n"
-         << (options.metadata ? "    { factory = metadata args = { metadata.name = default } }\n" : "")
-         << drivers << "]\n";
+    fs::create_directories(_folder);
+    std::ofstream(_folder / "server.conf")
+        << modules << "context.objects = [\n"
+        << (_options.sessionManager ? "" : "    { factory = metadata args = { metadata.name = default } }\n")
+        << drivers << "]\n";
 }
 
 void PrivateServer::start()
 {
-    if (_process != 0)
+    if (_server != 0)
         return;
-    FolderWatch watch(_folder);
-    _process = startPrivateProcess({"pipewire", "-c", _folder / "server.conf"}, _folder);
-    // The socket is bound before the server listens on it; the lock file beside it is older. Accepting is told by
-    // a connection that succeeds.
-    if (!watch.waitUntil([this] { return acceptsConnections(remote()); }))
-        throw std::runtime_error("the private server did not come up");
+    _server = startPrivateProcess({"pipewire", "-c", _folder / "server.conf"}, _folder);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!acceptsConnections(remote())) {
+        if (std::chrono::steady_clock::now() > deadline)
+            throw std::runtime_error("the private server did not start");
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    if (_options.sessionManager)
+        _startSessionManager();
 }
 
-void PrivateServer::stop()
+void PrivateServer::_startSessionManager()
 {
-    _end(SIGTERM);
+    const fs::path own = _folder / "wireplumber";
+    if (!fs::exists(own))
+        copyWirePlumberConfiguration(own);
+    _sessionManager = startPrivateProcess(
+        {"wireplumber"}, _folder,
+        {"WIREPLUMBER_CONFIG_DIR=" + own.string(), "WIREPLUMBER_DATA_DIR=" + std::string(wirePlumber)});
 }
 
 void PrivateServer::kill()
 {
-    _end(SIGKILL);
+    for (pid_t* process : {&_sessionManager, &_server})
+        if (*process != 0)
+            endPrivateProcess(std::exchange(*process, 0), SIGKILL);
 }
 
 void PrivateServer::hang()
 {
-    ::kill(_process, SIGSTOP);
+    ::kill(_server, SIGSTOP);
 }
 
 void PrivateServer::resume()
 {
-    ::kill(_process, SIGCONT);
-}
-
-void PrivateServer::_end(int signal)
-{
-    if (_process == 0)
-        return;
-    endPrivateProcess(_process, signal);
-    _process = 0;
+    ::kill(_server, SIGCONT);
 }

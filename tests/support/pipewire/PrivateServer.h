@@ -4,22 +4,22 @@
 #include <string>
 #include <sys/types.h>
 
-/// A PipeWire server of the test's own: its own runtime folder and configuration, no session bus, no
-/// environment of the caller's, so that several run side by side. Nobody else can see it.
+/// A PipeWire server of the test's own: its own runtime folder and configuration, no session bus and none of the
+/// caller's environment, so that several run side by side.
 /// Threads: one. The server ends with the thread that started it.
 class PrivateServer {
 public:
     struct Options {
-        bool metadata = true;        ///< offer the `default` metadata; a session manager brings its own
-        uint32_t rate = 48000;       ///< Hz, while no client asks for another
-        uint32_t frameCount = 512;   ///< of a cycle, while no client asks for another
+        /// A WirePlumber beside it, which looks for no hardware; without one the server itself offers the `default`
+        /// metadata.
+        bool sessionManager = false;
         std::string runtimeFolder{}; ///< where the socket goes; a new one when empty
         std::string withoutModule{}; ///< a module not to load, "link-factory"; none when empty
     };
 
     PrivateServer() : PrivateServer(Options{}) {}
-    /// Starts the server unless told not to. Throws std::runtime_error when it does not come up.
-    explicit PrivateServer(const Options& options, bool startNow = true);
+    /// Starts the server unless `startNow` is false. Throws std::runtime_error on failure.
+    explicit PrivateServer(Options options, bool startNow = true);
     /// Kills the server and removes its folder.
     ~PrivateServer();
     PrivateServer(const PrivateServer&) = delete;
@@ -27,24 +27,22 @@ public:
 
     /// Starts it in the same folder as before and waits for its socket.
     void start();
-    /// Asks it to end, and waits until it has.
-    void stop();
-    /// Ends it with SIGKILL, and waits until it has.
+    /// Ends it with SIGKILL, and waits for its end.
     void kill();
-    /// Holds it with SIGSTOP: it keeps its sockets and answers nothing.
+    /// Stops the process: it keeps its sockets and handles no request.
     void hang();
     void resume();
 
     /// The runtime folder; its socket is `pipewire-0`.
     const std::filesystem::path& folder() const noexcept { return _folder; }
-    /// What a client gives as remote name to reach this server.
+    /// The remote name by which a client reaches this server.
     std::string remote() const { return _folder / "pipewire-0"; }
 
 private:
-    void _writeConfiguration(const Options& options) const;
-    void _end(int signal);
+    void _writeConfiguration() const;
+    void _startSessionManager();
 
-    const bool _ownsFolder;
+    const Options _options;
     const std::filesystem::path _folder;
-    pid_t _process = 0;
+    pid_t _server = 0, _sessionManager = 0;
 };

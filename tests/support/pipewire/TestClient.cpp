@@ -1,10 +1,14 @@
 #include "TestClient.h"
 
+#include <algorithm>
+#include <array>
+#include <cstdio>
 #include <stdexcept>
+#include <utility>
 
-// What the thread sanitizer finds in PipeWire's own libraries, which it sees only in part, is not ours to mend; nor
+// Findings of the thread sanitizer in PipeWire's own libraries, which it sees only in part, are not ours to mend; nor
 // does it see how they hand a port's buffers from the loop to the audio thread.
-// Here, because every test program that speaks PipeWire links this file.
+// Here, because every test program that uses PipeWire links this file.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() // NOLINT(bugprone-reserved-identifier): its name
 {
@@ -16,6 +20,42 @@ extern "C" const char* __tsan_default_suppressions() // NOLINT(bugprone-reserved
            "race:interleave\n";
 }
 
+namespace {
+
+NodeProperties nodeProperties(const VirtualDevice& device)
+{
+    NodeProperties all = device.properties; // insert() keeps them
+    all.insert({{PW_KEY_NODE_NAME, device.name},
+                {PW_KEY_NODE_DESCRIPTION, "Virtual " + device.name},
+                {PW_KEY_MEDIA_CLASS, device.mediaClass}});
+    return all;
+}
+
+std::string channelPositions(uint32_t channelCount)
+{
+    constexpr const char* surround[] = {"FL", "FR", "FC", "LFE", "RL", "RR"};
+    if (channelCount == 1)
+        return "[ MONO ]";
+    std::string positions = "[";
+    for (uint32_t i = 0; i < channelCount; ++i)
+        positions += std::string(" ") + (channelCount <= 6 ? surround[i] : "AUX" + std::to_string(i));
+    return positions + " ]";
+}
+
+NodeProperties nullDeviceProperties(const VirtualDevice& device)
+{
+    NodeProperties all = nodeProperties(device);
+    all.insert({{"factory.name", "support.null-audio-sink"},
+                {PW_KEY_AUDIO_CHANNELS, std::to_string(device.channelCount)},
+                {"audio.position", channelPositions(device.channelCount)},
+                {"monitor.channel-volumes", "false"},
+                // Nobody configures the ports of a node where no session manager runs.
+                {"adapter.auto-port-config", "{ mode = dsp monitor = true position = preserve }"}});
+    return all;
+}
+
+} // namespace
+
 pw_properties* newProperties(const NodeProperties& properties)
 {
     pw_properties* all = pw_properties_new(nullptr, nullptr);
@@ -24,7 +64,7 @@ pw_properties* newProperties(const NodeProperties& properties)
     return all;
 }
 
-TestClient::TestClient(const std::string& remote)
+TestClient::TestClient(const std::string& remote) : _remote(remote)
 {
     static const pw_core_events coreEvents = [] {
         pw_core_events events{};
@@ -54,6 +94,7 @@ TestClient::TestClient(const std::string& remote)
 
 TestClient::~TestClient()
 {
+    unplugAll();
     pw_thread_loop_stop(_loop);
     if (_core) {
         pw_proxy_destroy(reinterpret_cast<pw_proxy*>(_registry));
@@ -104,12 +145,12 @@ void TestClient::sync()
         _pendingSync = pw_core_sync(_core, PW_ID_CORE, 0);
     });
     if (!waitUntil([this] { return _synced; }))
-        throw std::runtime_error("the server does not answer");
+        throw std::runtime_error("the server does not reply");
 }
 
-bool TestClient::waitUntil(const std::function<bool()>& isTrue, std::chrono::seconds patience) const
+bool TestClient::waitUntil(const std::function<bool()>& isTrue) const
 {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     bool is = false;
     locked([&] {
         while (!(is = isTrue()) && std::chrono::steady_clock::now() < deadline)
@@ -140,7 +181,7 @@ std::vector<uint32_t> TestClient::idsOf(const std::string& type, const NodePrope
     return ids;
 }
 
-uint32_t TestClient::idOf(const std::string& type, const NodeProperties& properties)
+uint32_t TestClient::idOf(const std::string& type, const NodeProperties& properties) const
 {
     std::vector<uint32_t> ids;
     if (!waitUntil([&] { return !(ids = _find(type, properties)).empty(); }))
@@ -148,30 +189,19 @@ uint32_t TestClient::idOf(const std::string& type, const NodeProperties& propert
     return ids.front();
 }
 
-uint32_t TestClient::nodeID(const std::string& nodeName)
+uint32_t TestClient::nodeID(const std::string& nodeName) const
 {
     return idOf(PW_TYPE_INTERFACE_Node, {{PW_KEY_NODE_NAME, nodeName}});
 }
 
-std::string TestClient::property(uint32_t id, const std::string& key) const
-{
-    std::string value;
-    locked([&] {
-        const auto global = _globals.find(id);
-        if (global == _globals.end())
-            return;
-        const auto found = global->second.properties.find(key);
-        if (found != global->second.properties.end())
-            value = found->second;
-    });
-    return value;
-}
-
-pw_proxy* TestClient::create(const char* factory, const char* type, uint32_t version,
-                             const NodeProperties& properties)
+pw_proxy* TestClient::createNode(const NodeProperties& properties)
 {
     pw_properties* all = newProperties(properties);
-    auto* proxy = static_cast<pw_proxy*>(pw_core_create_object(_core, factory, type, version, &all->dict, 0));
+    pw_proxy* proxy = nullptr;
+    locked([&] {
+        proxy = static_cast<pw_proxy*>(
+            pw_core_create_object(_core, "adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, &all->dict, 0));
+    });
     pw_properties_free(all);
     return proxy;
 }
@@ -188,10 +218,15 @@ pw_proxy* TestClient::link(uint32_t outputNode, const std::string& outputPort, u
         return std::to_string(
             idOf(PW_TYPE_INTERFACE_Port, {{PW_KEY_NODE_ID, std::to_string(node)}, {PW_KEY_PORT_NAME, name}}));
     };
-    const NodeProperties ends{{PW_KEY_LINK_OUTPUT_PORT, port(outputNode, outputPort)},
-                              {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}};
+    pw_properties* ends = newProperties({{PW_KEY_LINK_OUTPUT_PORT, port(outputNode, outputPort)},
+                                         {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}});
     pw_proxy* proxy = nullptr;
-    locked([&] { proxy = create("link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK, ends); });
+    locked([&] {
+        proxy = static_cast<pw_proxy*>(pw_core_create_object(_core, "link-factory", PW_TYPE_INTERFACE_Link,
+                                                             PW_VERSION_LINK, &ends->dict, 0));
+    });
+    pw_properties_free(ends);
+    sync();
     return proxy;
 }
 
@@ -200,32 +235,106 @@ void TestClient::destroy(pw_proxy* proxy)
     locked([&] { pw_proxy_destroy(proxy); });
 }
 
-void TestClient::destroyObject(uint32_t id)
+void TestClient::plug(const VirtualDevice& device)
 {
-    locked([&] { pw_registry_destroy(_registry, id); });
+    _plugged.push_back({.name = device.name, .proxy = createNode(nullDeviceProperties(device))});
     sync();
 }
 
-void TestClient::commandNode(uint32_t nodeID, uint32_t command)
+void TestClient::plugBareNode(const VirtualDevice& device)
 {
-    pw_proxy* proxy = nullptr;
+    const pw_direction direction =
+        device.mediaClass == "Audio/Sink" ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT;
+    pw_filter* filter = nullptr;
     locked([&] {
-        proxy = bind(nodeID, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE);
-        const spa_command sent = SPA_NODE_COMMAND_INIT(command);
-        pw_node_send_command(reinterpret_cast<pw_node*>(proxy), &sent);
+        filter = pw_filter_new(_core, device.name.c_str(), newProperties(nodeProperties(device)));
+        for (uint32_t i = 0; i < device.channelCount; ++i)
+            pw_filter_add_port(filter, direction, PW_FILTER_PORT_FLAG_MAP_BUFFERS, 1,
+                               newProperties({{PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
+                                              {PW_KEY_PORT_NAME, "port_" + std::to_string(i)}}),
+                               nullptr, 0);
+        pw_filter_connect(filter, PW_FILTER_FLAG_NONE, nullptr, 0);
     });
+    _plugged.push_back({.name = device.name, .filter = filter});
+    waitUntil([&] { return pw_filter_get_state(filter, nullptr) >= PW_FILTER_STATE_PAUSED; });
     sync();
-    destroy(proxy);
 }
 
-void TestClient::permit(uint32_t clientID, uint32_t objectID, uint32_t permissions)
+void TestClient::plugExported(const VirtualDevice& device)
 {
-    pw_proxy* proxy = nullptr;
+    Plugged plugged{.name = device.name};
     locked([&] {
-        proxy = bind(clientID, PW_TYPE_INTERFACE_Client, PW_VERSION_CLIENT);
-        const pw_permission permission = PW_PERMISSION_INIT(objectID, permissions);
-        pw_client_update_permissions(reinterpret_cast<pw_client*>(proxy), 1, &permission);
+        pw_impl_factory* factory = pw_context_find_factory(_context, "adapter");
+        plugged.node = static_cast<pw_impl_node*>(
+            pw_impl_factory_create_object(factory, nullptr, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
+                                          newProperties(nullDeviceProperties(device)), 0));
+        pw_impl_node_set_active(plugged.node, true);
+        plugged.proxy =
+            static_cast<pw_proxy*>(pw_core_export(_core, PW_TYPE_INTERFACE_Node, nullptr, plugged.node, 0));
     });
+    _plugged.push_back(plugged);
+    nodeID(device.name);
     sync();
-    destroy(proxy);
+}
+
+void TestClient::change(const std::string& name, const NodeProperties& properties)
+{
+    pw_properties* all = newProperties(properties);
+    const auto plugged = std::ranges::find(_plugged, name, &Plugged::name);
+    locked([&] { pw_impl_node_update_properties(plugged->node, &all->dict); });
+    pw_properties_free(all);
+    sync();
+}
+
+void TestClient::_destroy(const Plugged& plugged) const
+{
+    locked([&] {
+        if (plugged.filter)
+            pw_filter_destroy(plugged.filter);
+        if (plugged.proxy)
+            pw_proxy_destroy(plugged.proxy);
+        if (plugged.node)
+            pw_impl_node_destroy(plugged.node);
+    });
+}
+
+void TestClient::unplug(const std::string& name)
+{
+    const auto last = std::ranges::find(_plugged.rbegin(), _plugged.rend(), name, &Plugged::name);
+    if (last == _plugged.rend())
+        throw std::runtime_error(name + " is not plugged");
+    _destroy(*last);
+    _plugged.erase(std::next(last).base());
+    sync();
+}
+
+void TestClient::unplugAll()
+{
+    for (const Plugged& each : std::exchange(_plugged, {}))
+        _destroy(each);
+}
+
+std::string TestClient::run(const std::string& command) const
+{
+    FILE* const pipe = popen(("PIPEWIRE_REMOTE='" + _remote + "' " + command).c_str(), "r");
+    std::string output;
+    std::array<char, 4096> block{};
+    while (const size_t count = std::fread(block.data(), 1, block.size(), pipe))
+        output.append(block.data(), count);
+    if (pclose(pipe) != 0)
+        throw std::runtime_error(command + ": " + output);
+    return output;
+}
+
+void TestClient::setVolumes(const std::string& nodeName, const std::vector<float>& amplitudes) const
+{
+    std::string list;
+    for (const float each : amplitudes)
+        list += std::to_string(each) + " ";
+    run("pw-cli set-param '" + nodeName + "' Props '{ channelVolumes: [ " + list + "] }'");
+}
+
+void TestClient::setMetadata(const std::string& name, const std::string& key, const std::string& value) const
+{
+    run("pw-metadata -n " + name + " 0 " + key + " '" + value + "' Spa:String:JSON");
 }

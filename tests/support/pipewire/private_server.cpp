@@ -1,14 +1,14 @@
 // A private server with a microphone and two sinks, for tests in other languages: prints its remote name, and ends with
 // its standard input.
 #include "PrivateServer.h"
-#include "VirtualDevices.h"
+#include "TestClient.h"
 
 #include <iostream>
 
 int main()
 {
     const PrivateServer server;
-    VirtualDevices devices(server.remote());
+    TestClient devices(server.remote());
     devices.plug({.name = "mic", .mediaClass = "Audio/Source/Virtual", .channelCount = 1});
     devices.plug({.name = "one"});
     devices.plug({.name = "two"});

@@ -1,0 +1,222 @@
+#pragma once
+
+#include "HALReads.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+// Running devices in tests, and listening to them.
+
+inline constexpr uint32_t input = kAudioObjectPropertyScopeInput;
+inline constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
+
+inline void sleepForMilliseconds(int milliseconds)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+/// Waits until `condition` holds, calling `meanwhile` in between. False after so long that only a fault takes longer.
+inline bool eventually(
+    const std::function<bool()>& condition,
+    const std::function<void()>& meanwhile = [] { sleepForMilliseconds(2); })
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        meanwhile();
+    }
+    return true;
+}
+
+/// Waits for a device; 0 when it does not come.
+inline AudioObjectID waitForDevice(HALModel& hal, const std::string& uid)
+{
+    AudioObjectID device = kAudioObjectUnknown;
+    eventually([&] { return (device = deviceWithUID(hal, uid)) != kAudioObjectUnknown; });
+    return device;
+}
+
+/// Of all streams of one direction.
+inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
+{
+    const auto bytes = readList<std::byte>(hal, device, at(kAudioDevicePropertyStreamConfiguration, scope));
+    uint32_t channels = 0;
+    for (size_t offset = offsetof(AudioBufferList, buffers); offset + sizeof(AudioBuffer) <= bytes.size();
+         offset += sizeof(AudioBuffer)) {
+        AudioBuffer buffer{};
+        std::memcpy(&buffer, bytes.data() + offset, sizeof buffer);
+        channels += buffer.numberChannels;
+    }
+    return channels;
+}
+
+inline const AudioBuffer& bufferOf(const AudioBufferList* list, uint32_t stream)
+{
+    return *(&list->buffers[0] + stream); // by pointer, past the declared bound of one
+}
+
+/// One call of an IO callback.
+struct IOCycle {
+    const AudioTimeStamp& now;
+    const AudioBufferList* input;
+    AudioBufferList* output;
+
+    static std::span<float> samplesOf(const AudioBufferList* list, uint32_t stream)
+    {
+        const AudioBuffer& buffer = bufferOf(list, stream);
+        return {static_cast<float*>(buffer.data), buffer.data ? buffer.dataByteSize / sizeof(float) : 0};
+    }
+    std::span<float> in(uint32_t stream = 0) const { return samplesOf(input, stream); }
+    std::span<float> out(uint32_t stream = 0) const { return samplesOf(output, stream); }
+    /// Of the first stream.
+    uint32_t frames() const
+    {
+        const AudioBuffer& buffer = bufferOf(output ? output : input, 0);
+        return buffer.dataByteSize / (buffer.numberChannels * static_cast<uint32_t>(sizeof(float)));
+    }
+};
+
+/// The IO callback that passes each of its calls to `body`.
+template <class Body> AudioDeviceIOBlock eachCycle(Body body)
+{
+    return
+        [body = std::move(body)](const AudioTimeStamp* now, const AudioBufferList* in, const AudioTimeStamp*,
+                                 AudioBufferList* out, const AudioTimeStamp*) mutable {
+            body(IOCycle{*now, in, out});
+        };
+}
+
+/// What a callback has seen, kept without locks.
+struct CycleWitness {
+    std::atomic<uint64_t> cycles{0};
+    std::atomic<uint64_t> backwards{0};  ///< sample times before the end of the preceding cycle
+    std::atomic<uint64_t> lostFrames{0}; ///< between cycles
+    std::atomic<uint32_t> frames{0};     ///< of the last cycle
+    std::atomic<double> sampleTime{-1.0};
+
+    void see(const IOCycle& cycle)
+    {
+        const double time = cycle.now.sampleTime;
+        backwards += time < _next;
+        lostFrames += _next >= 0.0 && time > _next ? static_cast<uint64_t>(time - _next) : 0;
+        frames = cycle.frames();
+        _next = time + frames;
+        sampleTime = time;
+        ++cycles;
+    }
+    /// Waits for `count` cycles more.
+    bool waitForMore(uint64_t count = 10) const
+    {
+        return eventually([this, end = cycles + count] { return cycles > end; });
+    }
+
+private:
+    double _next = -1.0; // the IO thread's
+};
+
+/// The callback that only looks.
+inline AudioDeviceIOBlock witnessing(CycleWitness& witness)
+{
+    return eachCycle([&witness](const IOCycle& cycle) { witness.see(cycle); });
+}
+
+/// An IO callback that runs until this is destroyed.
+class RunningProc {
+public:
+    RunningProc(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
+        : _hal(hal), _device(device)
+    {
+        EXPECT_EQ(_hal.createIOProc(device, block, id), kAudioHardwareNoError);
+        status = _hal.start(device, id);
+    }
+    ~RunningProc() { _hal.destroyIOProc(_device, id); }
+    RunningProc(const RunningProc&) = delete;
+    RunningProc& operator=(const RunningProc&) = delete;
+
+    AudioDeviceIOProcID id = nullptr;
+    HALStatus status = kAudioHardwareNoError; ///< of its start
+
+private:
+    HALModel& _hal;
+    const AudioObjectID _device;
+};
+
+inline constexpr AudioObjectPropertyAddress anyAddress{kAudioObjectPropertySelectorWildcard,
+                                                       kAudioObjectPropertyScopeWildcard,
+                                                       kAudioObjectPropertyElementWildcard};
+
+/// Records the changes that are announced of one object.
+class RecordingListener {
+public:
+    RecordingListener(HALModel& hal, AudioObjectID object, AudioObjectPropertyAddress address,
+                      CXRef<platform::WorkQueue> queue = nullptr, std::function<void()> whenCalled = {})
+        : _hal(hal), _object(object),
+          _address(address), _listener{nullptr, nullptr,
+                                       [this, whenCalled](uint32_t count,
+                                                          const AudioObjectPropertyAddress* addresses) {
+                                           {
+                                               const std::scoped_lock lock(_mutex);
+                                               _announced.insert(_announced.end(), addresses,
+                                                                 addresses + count);
+                                           }
+                                           if (whenCalled)
+                                               whenCalled();
+                                       },
+                                       std::move(queue)}
+    {
+        EXPECT_EQ(_hal.addListener(_object, _address, _listener), kAudioHardwareNoError);
+    }
+    ~RecordingListener() { remove(); }
+    RecordingListener(const RecordingListener&) = delete;
+    RecordingListener& operator=(const RecordingListener&) = delete;
+
+    HALStatus remove() { return _hal.removeListener(_object, _address, _listener); }
+    std::vector<AudioObjectPropertyAddress> announced() const
+    {
+        const std::scoped_lock lock(_mutex);
+        return _announced;
+    }
+    size_t count() const { return announced().size(); }
+    bool heard(const AudioObjectPropertyAddress& address) const
+    {
+        return std::ranges::count(announced(), address) > 0;
+    }
+    void clear()
+    {
+        const std::scoped_lock lock(_mutex);
+        _announced.clear();
+    }
+
+private:
+    HALModel& _hal;
+    const AudioObjectID _object;
+    const AudioObjectPropertyAddress _address;
+    mutable std::mutex _mutex;
+    std::vector<AudioObjectPropertyAddress> _announced;
+    const HALListener _listener;
+};
+
+/// An aggregate of these devices; the first leads unless `description` has another "master".
+inline AudioObjectID makeAggregate(HALModel& hal, const std::vector<std::string>& uids,
+                                   CXPlist description = {{"uid", "aggregate"}})
+{
+    description["subdevices"] = CXPlist::array();
+    for (const std::string& uid : uids)
+        description["subdevices"].push_back({{"uid", uid}, {"drift", 1}});
+    AudioObjectID device = kAudioObjectUnknown;
+    EXPECT_EQ(hal.createAggregateDevice(*CXValue::initWithPlist(description), device), kAudioHardwareNoError);
+    return device;
+}
+
+inline std::vector<AudioAggregateSubDeviceStatus> subDeviceStatus(HALModel& hal, AudioObjectID aggregate)
+{
+    return readList<AudioAggregateSubDeviceStatus>(hal, aggregate,
+                                                   at(kAudioAggregateDevicePropertySubDeviceStatus));
+}
