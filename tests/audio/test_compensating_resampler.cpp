@@ -93,8 +93,8 @@ TEST(CompensatingResampler, walksOnWhereABlockEnded)
         ASSERT_NEAR(pieces[i], whole[i], 1e-6F) << i;
 }
 
-/// At every ratio the tone must be the tone, at the place where the walk says, or be gone when it cannot be.
-TEST(CompensatingResampler, keepsTonesAndLetsNothingFold)
+/// At every ratio a tone below the output's limit is kept, at the position of the walk; one above it is removed.
+TEST(CompensatingResampler, keepsTonesAndRemovesAliases)
 {
     struct {
         double ratio, cyclesPerInputFrame, level;

@@ -1,4 +1,9 @@
-#include "UseOfC.h"
+#include "auclock.h"
+#include "ausampler.h"
+#include "autimebase.h"
+
+/// Goes through the C functions from C. Null, or the part that failed.
+const char* useOfC(void);
 
 const char* useOfC(void)
 {

@@ -1,5 +1,4 @@
 #include "CXRealtime.h"
-#include "UseOfCInterface.h"
 
 #include <dxr/c.h>
 #include <gtest/gtest.h>
@@ -20,9 +19,12 @@
 #include <unistd.h>
 #include <vector>
 
+/// A program in C99. Null, or the part that failed.
+extern "C" const char* useOfCInterface(void);
+
 namespace {
 
-/// A simulated computer with one cable: what is played into it comes back.
+/// A simulated computer with one cable: its outputs are its inputs.
 class CInterface : public testing::Test {
 protected:
     void simulate(dxr_clock clock = DXR_CLOCK_STEPPED)
@@ -72,7 +74,7 @@ std::set<std::string> namesIn(const char* path, const std::string& beginning, ch
     return names;
 }
 
-TEST_F(CInterface, isWhatAProgramInC99Uses)
+TEST_F(CInterface, isUsableFromC99)
 {
     EXPECT_STREQ(useOfCInterface(), nullptr);
 }
@@ -87,7 +89,7 @@ TEST_F(CInterface, exportsWhatItsHeaderDeclaresUnderOneVersion)
         EXPECT_TRUE(dlvsym(library, name.c_str(), "DXR_C_1")) << name;
 }
 
-TEST_F(CInterface, refusesWhatMakesNoSenseWithASentence)
+TEST_F(CInterface, refusesInvalidCallsWithAMessage)
 {
     simulate();
     dxr_sound* sound = nullptr;
@@ -143,10 +145,9 @@ TEST_F(CInterface, refusesWhatMakesNoSenseWithASentence)
     };
     for (const auto& [why, status, wanted] : rows)
         EXPECT_EQ(status, wanted) << why;
-    // The sentences, each beside its call.
-    EXPECT_EQ(dxr_release(stale), DXR_ERROR_HANDLE);
+    (void)dxr_release(stale);
     EXPECT_STREQ(dxr_error_text(), "dxr_release: the handle was released, or never was one");
-    EXPECT_EQ(dxr_runner_start(reinterpret_cast<dxr_runner*>(output)), DXR_ERROR_HANDLE);
+    (void)dxr_runner_start(reinterpret_cast<dxr_runner*>(output));
     EXPECT_STREQ(dxr_error_text(), "dxr_runner_start: the handle is of a device, not of a runner");
     std::thread([] { EXPECT_STREQ(dxr_error_text(), "") << "each thread has its own"; }).join();
 }
@@ -219,7 +220,7 @@ TEST_F(CInterface, playsAndRecordsSoundsFrameByFrame)
                             [](float sample) { return sample == 0.0F; }));
 }
 
-TEST_F(CInterface, anAudioCallbackGetsSilenceAndMayEndItAll)
+TEST_F(CInterface, givesAnAudioCallbackSilenceAndLetsItReleaseTheRunner)
 {
     simulate();
     struct Seen {
@@ -250,7 +251,7 @@ TEST_F(CInterface, anAudioCallbackGetsSilenceAndMayEndItAll)
         DXR_OK);
     ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
     advance(100);
-    EXPECT_EQ(seen.calls, 3) << "none after the one that wanted no more";
+    EXPECT_EQ(seen.calls, 3) << "none after the one that returned 1";
     EXPECT_TRUE(seen.wasSilent) << "also when the last cycle was not";
     EXPECT_EQ(seen.list, DXR_ERROR_THREAD);
     EXPECT_EQ(seen.stop, DXR_ERROR_THREAD);
@@ -317,7 +318,7 @@ TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
     EXPECT_GE(state.cycles, 15U);
     dxr_latency latency = DXR_INIT(dxr_latency);
     ASSERT_EQ(dxr_runner_get_latency(runner, output, &latency), DXR_OK);
-    EXPECT_EQ(latency.block_frames, 256.0) << "what is made is played one block later";
+    EXPECT_EQ(latency.block_frames, 256.0) << "a block is played one block later";
     EXPECT_GE(latency.frames, latency.block_frames + latency.cycle_frames);
     EXPECT_NEAR(latency.seconds, latency.frames / 48000.0, 1e-9);
     EXPECT_EQ(dxr_runner_get_latency(runner, input, &latency), DXR_ERROR_STATE);

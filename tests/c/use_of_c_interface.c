@@ -1,9 +1,7 @@
-#include "UseOfCInterface.h"
-
 #include <dxr/c.h>
 #include <string.h>
 
-/* What a program in C does: plays a sound on one end of a cable, records it from the other, and follows a replug. */
+/* What a program in C does: follows a device that disappears and returns, and plays on it. */
 
 #define TRY(call)                                                                                            \
     do {                                                                                                     \
@@ -20,69 +18,50 @@ static void note(dxr_device* device, dxr_change change, void* user)
     dxr_free(info);
 }
 
-static int fill(const dxr_cycle* cycle, void* user)
+static int play(const dxr_cycle* cycle, void* user)
 {
-    uint32_t i;
-    int* wasSilent = (int*)user;
-    for (i = 0; i < cycle->frames * cycle->channels; ++i) {
-        *wasSilent = *wasSilent && cycle->samples[i] == 0.0F;
-        cycle->samples[i] = 0.25F;
-    }
+    *(uint64_t*)user = cycle->sample_time;
     return cycle->sample_time >= 4096; /* enough */
 }
+
+const char* useOfCInterface(void);
 
 const char* useOfCInterface(void)
 {
     char seen[64] = "";
-    int wasSilent = 1, i;
-    uint64_t done = 0;
-    float* heard = NULL;
+    uint64_t played = 0;
     dxr_computer* computer;
     dxr_device *device, *again;
     dxr_follower* follower;
     dxr_runner* runner;
-    dxr_sound* sound;
-    dxr_runner_state state = DXR_INIT(dxr_runner_state);
-    dxr_simulated_device cable = DXR_INIT(dxr_simulated_device);
-    dxr_node in = DXR_INIT(dxr_node), out = DXR_INIT(dxr_node);
+    dxr_simulated_device speakers = DXR_INIT(dxr_simulated_device);
+    dxr_node node = DXR_INIT(dxr_node);
 
-    cable.uid = "cable";
-    cable.inputs = cable.outputs = 2;
-    cable.loops_back = 1;
+    speakers.uid = "speakers";
+    speakers.outputs = 2;
     TRY(dxr_simulated_new(DXR_CLOCK_STEPPED, &computer));
-    TRY(dxr_simulated_plug(computer, &cable));
+    TRY(dxr_simulated_plug(computer, &speakers));
     TRY(dxr_follow(note, seen, &follower));
-    TRY(dxr_device_with_uid("cable", DXR_OUTPUT, &device));
-    TRY(dxr_simulated_unplug(computer, "cable"));
+    TRY(dxr_device_with_uid("speakers", DXR_OUTPUT, &device));
+    TRY(dxr_simulated_unplug(computer, "speakers"));
     TRY(dxr_simulated_settle(computer));
-    TRY(dxr_simulated_plug(computer, &cable));
+    TRY(dxr_simulated_plug(computer, &speakers));
     TRY(dxr_simulated_settle(computer));
-    TRY(dxr_device_with_uid("cable", DXR_OUTPUT, &again));
+    TRY(dxr_device_with_uid("speakers", DXR_OUTPUT, &again));
     if (again != device || strcmp(seen, "-+") != 0)
-        return "one handle for a device, gone and back";
+        return "one handle for a device, gone and returned";
 
-    TRY(dxr_sound_new(8192, 2, 48000.0, 0, &sound));
-    in.default_of = DXR_INPUT;
-    in.sound = sound;
-    out.device = device;
-    out.io = fill;
-    out.user = &wasSilent;
+    node.default_of = DXR_OUTPUT;
+    node.io = play;
+    node.user = &played;
     TRY(dxr_runner_new(&runner));
-    TRY(dxr_runner_set_format(runner, 256, 48000.0));
-    TRY(dxr_runner_add(runner, &in));
-    TRY(dxr_runner_add(runner, &out));
+    TRY(dxr_runner_add(runner, &node));
     TRY(dxr_runner_start(runner));
     TRY(dxr_simulated_advance(computer, 200000000));
     TRY(dxr_runner_stop(runner));
-    TRY(dxr_runner_get_state(runner, &state));
-    TRY(dxr_sound_samples(sound, &heard));
-    TRY(dxr_sound_position(sound, &done));
-    for (i = 0; i < 8192 && heard[i] == 0.0F;)
-        ++i;
-    if (!wasSilent || state.is_running || done < 4096 || i == 8192 || heard[4096] != 0.25F)
-        return "what was played is recorded, and was silence to begin with";
+    if (played < 4096)
+        return "a callback on the default device";
     TRY(dxr_release(runner));
-    TRY(dxr_release(sound));
     TRY(dxr_release(device));
     TRY(dxr_release(again));
     TRY(dxr_release(follower));

@@ -80,7 +80,7 @@ TEST_F(ObservableValues, areAnnouncedAroundTheChange)
     EXPECT_EQ(lamp->kvo->observe("nothing", [](auto&, auto) {}), nullptr);
 }
 
-TEST_F(ObservableValues, dropWhatAnObserverAsksForDuringAnUpdate)
+TEST_F(ObservableValues, ignoreUpdatesThatAnObserverRequestsDuringOne)
 {
     int asked = 0;
     const auto busy = lamp->kvo->observe("level", [&](const std::string&, DXRKVOChange) {
@@ -103,10 +103,10 @@ TEST_F(ObservableValues, fromOtherThreadsComeLaterAndOnce)
         }
     }).join();
     EXPECT_TRUE(heardSinceLast().empty());
-    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // a main queue that nobody serves does not grow
+    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // an unserved main queue does not grow
     EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>1000"}));
     std::thread([&] { lamp->kvo->updateValueForKey("level"); }).join();
-    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // asked for anew after the first has run
+    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // requested again after the first has run
 }
 
 TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
@@ -123,7 +123,7 @@ TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
     EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>2", "level<1", "level>2"}));
 }
 
-TEST_F(ObservableValues, areHeardUntilTheObservationEnds)
+TEST_F(ObservableValues, areAnnouncedUntilTheObservationEnds)
 {
     int heardCount = 0;
     CXRef<DXRKVOObservation> second;

@@ -1,9 +1,12 @@
 #include "CXException.h"
+#include "CXJSON.h"
 #include "CXPlistAdditions.h"
 #include "CXStringAdditions.h"
 #include "CXThreadAdditions.h"
+#include "CXTimeBase.h"
 #include "CXURLAdditions.h"
 #include "CXValue.h"
+#include "_multiplyRatio.h"
 
 #include <gtest/gtest.h>
 
@@ -71,7 +74,8 @@ TEST(PlistDictionaries, convertWhatTheyHold)
         EXPECT_EQ(safeBoolForKey(values, row.key), row.boolean) << row.key;
     }
     EXPECT_EQ(vtIntForKey(values, "null", 7), 7);
-    EXPECT_EQ(vtFloatForKey(values, "list", 7.0F), 0.0F) << "what is present is converted, of any type";
+    EXPECT_EQ(vtIntForKey(CXPlist{{"k", std::nan("")}}, "k", 7), 0);
+    EXPECT_EQ(vtFloatForKey(values, "list", 7.0F), 0.0F) << "a present value of any type is converted";
     EXPECT_TRUE(vtBoolForKey(values, "absent", true));
     EXPECT_EQ(vtSizeForKey(values, "size", {1, 1}), (CXSize{640, 480}));
     EXPECT_EQ(vtSizeForKey(values, "sizeText", {1, 1}), (CXSize{3, 4.5}));
@@ -87,6 +91,30 @@ TEST(PlistDictionaries, convertWhatTheyHold)
     vt_safeSetObject(set, 1, "");
     safeSetBool(set, false, "off");
     EXPECT_EQ(set, (CXPlist{{"", 1}, {"off", false}}));
+}
+
+TEST(JSON, isReadWithinLimits)
+{
+    const auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+    const std::tuple<const char*, std::string, bool> rows[] = {
+        {"one brace", "{", false},
+        {"something behind it", "{}{}", false},
+        {"a zero byte within", std::string("{}\0}", 4), false},
+        {"no UTF-8", "\"\xFF\"", false},
+        {"half a surrogate pair", R"("\ud800")", false},
+        {"a number out of range", "1e999", false},
+        {"the largest number", "18446744073709551615", true},
+        {"as deep as is read", nested(512), true},
+        {"deeper", nested(513), false},
+        {"wide, not deep", "[" + nested(511) + "," + nested(511) + "]", true},
+        {"brackets in a string are not deep", R"("\")" + std::string(600, '[') + '"', true},
+        {"very deep", std::string(1'000'000, '{'), false},
+        {"too long", '"' + std::string(100'000'000, 'a') + '"', false},
+    };
+    for (const auto& [why, text, isRead] : rows)
+        EXPECT_EQ(CXPlistWithJSON(text).has_value(), isRead) << why;
+    EXPECT_TRUE(CXPlistFitsJSON(CXPlist::parse(nested(512))));
+    EXPECT_FALSE(CXPlistFitsJSON(CXPlist::parse(nested(513))));
 }
 
 TEST(PlistEquality, toleratesSmallDifferencesAndOneKey)
@@ -123,7 +151,9 @@ TEST(PlistEquality, toleratesSmallDifferencesAndOneKey)
 
     const auto valueOf = [](const CXPlist& plist) { return CXValue::initWithPlist(plist); };
     EXPECT_FALSE(valueOf({{"k", {UINT64_MAX}}})->isEqual(valueOf({{"k", {-1}}}).get()));
-    EXPECT_TRUE(valueOf({{"k", {uint64_t{7}}}})->isEqual(valueOf({{"k", {7}}}).get()));
+    for (const int number : {0, 7})
+        EXPECT_TRUE(
+            valueOf({{"k", {static_cast<uint64_t>(number)}}})->isEqual(valueOf({{"k", {number}}}).get()));
     EXPECT_EQ(valueOf(uint64_t{7})->hash(), valueOf(7)->hash());
 }
 
@@ -164,7 +194,7 @@ TEST(Strings, areCutCleanedAndReplaced)
     EXPECT_STREQ(name, "fourteen bytes");
 }
 
-TEST(ScanFloatArray, skipsWhatMayStandBetweenNumbers)
+TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
 {
     constexpr float infinity = std::numeric_limits<float>::infinity();
     const std::string tinyTimes100 = "0." + std::string(60, '0') + "1e2";
@@ -183,7 +213,7 @@ TEST(ScanFloatArray, skipsWhatMayStandBetweenNumbers)
         {"nan inf", 1, 0, {}},
         {"1\n2", 2, 1, {1}},
         {"- 1", 1, 0, {}},
-        // Out of a float's range as they are read, and the exponent's sign does not say to which side.
+        // Out of a float's range as they are read, and the exponent's sign alone does not decide to which side.
         {tinyTimes100, 1, 1, {0}},
         {hugeBy100, 1, 1, {infinity}},
         {"-0.1e40 1e-99999999999999999999 0.001e99999999999999999999", 3, 3, {-infinity, 0, infinity}},
@@ -197,6 +227,34 @@ TEST(ScanFloatArray, skipsWhatMayStandBetweenNumbers)
         EXPECT_TRUE(std::equal(row.read.begin(), row.read.end(), floats)) << row.text;
         EXPECT_EQ(floats[row.read.size()], -1.0F) << row.text;
     }
+}
+
+TEST(TimeBase, scalesExactlyAndCutsTowardsZero)
+{
+    struct {
+        const char* why;
+        uint64_t value;
+        uint32_t multiplier, divisor;
+        uint64_t result;
+    } const rows[] = {
+        {"one to one is untouched", UINT64_MAX, 1, 1, UINT64_MAX},
+        {"equal terms are untouched", UINT64_MAX - 1, 125, 125, UINT64_MAX - 1},
+        {"a divisor of one", 5, 3, 1, 15},
+        {"cut, not rounded", 2, 2, 3, 1},
+        {"a product beyond 64 bits", UINT64_MAX, 3, 125, 442721857769029238},
+        {"only the low bits of too large a result", UINT64_MAX, 4, 2, UINT64_MAX - 1},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(_multiplyRatio(row.value, row.multiplier, row.divisor), row.result) << row.why;
+
+    const CXRef<CXTimeBase> base = CXTimeBase::initWithRatio(125, 3); // of 24 MHz
+    EXPECT_EQ(base->absoluteFrequency(), 3.0 / 125.0 * 1e9);
+    EXPECT_EQ(base->nanosecondsFromAbsoluteTime(24'000'000), 1'000'000'000U);
+    EXPECT_EQ(base->absoluteTimeFromNanoseconds(1'000'000'000), 24'000'000U);
+    const CXRef<CXTimeBase> shared = CXTimeBase::sharedTimeBase();
+    EXPECT_EQ(CXTimeBase::sharedTimeBase(), shared);
+    const uint64_t before = shared->absoluteTime();
+    EXPECT_GE(shared->nanoseconds(), shared->nanosecondsFromAbsoluteTime(before));
 }
 
 TEST(URLs, areCheckedAndExtended)

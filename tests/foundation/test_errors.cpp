@@ -18,41 +18,33 @@ std::vector<std::string> frames(int count)
     return all;
 }
 
+std::vector<std::string> linesOf(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
 std::string suggestionOf(const CXRef<CXError>& error)
 {
     const auto found = error->userInfo().find(CXError::localizedRecoverySuggestionKey);
     return found == error->userInfo().end() ? "(none)" : found->second->description();
 }
 
-TEST(CXStackTrace, showsThirtyTwoFramesWithoutTheVeryInnermost)
+TEST(CXStackTrace, showsThirtyTwoFramesWithoutTheInnermost)
 {
-    EXPECT_EQ(CXStackTrace::initWithCrawlFrames({})->description(), "(N/A)");
-    const auto linesOf = [](int count) {
-        std::vector<std::string> lines;
-        std::istringstream text(CXStackTrace::initWithCrawlFrames(frames(count))->description());
-        for (std::string line; std::getline(text, line);)
-            lines.push_back(line);
-        return lines;
+    const auto shown = [](int count) {
+        return linesOf(CXStackTrace::initWithCrawlFrames(frames(count))->description());
     };
-    EXPECT_EQ(linesOf(32), frames(32));
-    EXPECT_EQ(linesOf(33), frames(32));
-    const std::vector<std::string> deep = linesOf(40);
+    EXPECT_EQ(shown(0), std::vector<std::string>{"(N/A)"});
+    EXPECT_EQ(shown(32), frames(32));
+    EXPECT_EQ(shown(33), frames(32));
+    const std::vector<std::string> deep = shown(40);
     ASSERT_EQ(deep.size(), 32U);
     EXPECT_EQ(deep.front(), "7");
     EXPECT_EQ(deep.back(), "38");
-}
-
-__attribute__((noinline)) CXRef<CXStackTrace> whereAmI()
-{
-    return CXStackTrace::fromCurrentStack();
-}
-
-TEST(CXStackTrace, listsTheOutermostCallFirst)
-{
-    const std::string text = whereAmI()->description();
-    const size_t start = text.find("__libc_start");
-    EXPECT_NE(start, std::string::npos) << text;
-    EXPECT_LT(start, text.size() / 2) << text;
 }
 
 std::string deepTrace;
@@ -70,20 +62,20 @@ __attribute__((noinline)) void reportFromDepth(int depth) // NOLINT: recursion o
     asm volatile("" ::: "memory"); // no jump instead of a call
 }
 
-TEST(CXStackTrace, keepsTheReportingFunctionOfADeepStack)
+TEST(CXStackTrace, endsAtTheReportingFunctionHoweverDeepTheStack)
 {
+    reportFromDepth(0);
+    const size_t start = deepTrace.find("__libc_start");
+    EXPECT_LT(start, deepTrace.size() / 2) << "the outermost call comes first: " << deepTrace;
     reportFromDepth(40);
-    std::vector<std::string> lines;
-    std::istringstream text(deepTrace);
-    for (std::string line; std::getline(text, line);)
-        lines.push_back(line);
+    const std::vector<std::string> lines = linesOf(deepTrace);
     ASSERT_EQ(lines.size(), 32U);
     std::ostringstream address;
     address << ' ' << reportersCaller << ' ';
     EXPECT_NE(lines[30].find(address.str()), std::string::npos) << "its caller: " << lines[30];
 }
 
-// The call below is the last of its function, and what it returns to belongs to the next.
+// The call below is the last of its function, so that its return address belongs to the next.
 extern "C" DXR_EXPORT __attribute__((noinline)) void functionThatFails()
 {
     _CXFailedAssertion(nullptr, nullptr, nullptr, 1);

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Counts those alive; says when it is touched after its end.
+/// Counts the living objects; isWhole() is false after the end of one.
 class Witness final : public CXTFAObject {
 public:
     static CXRef<Witness> init() { return CXRef<Witness>::adopt(new Witness); }
@@ -56,7 +56,7 @@ TEST(CXLockFreeReference, replacesOnlyWhatIsExpectedAndStepsItsGeneration)
         EXPECT_EQ(reference->packedWord(), word(1, 0));
         EXPECT_FALSE(reference->setObjectReference(b, nullptr));
         EXPECT_FALSE(reference->setObjectReference(nullptr, b));
-        EXPECT_TRUE(reference->setObjectReference(b, b)) << "equal arguments ask nothing";
+        EXPECT_TRUE(reference->setObjectReference(b, b)) << "equal arguments change nothing";
         EXPECT_EQ(reference->copyObjectReference(), a);
         EXPECT_EQ(reference->packedWord(), word(1, 0));
 
@@ -92,9 +92,9 @@ TEST(CXLockFreeReference, assertsWhenItsSlotsRunOutAndKeepsWhatItHolds)
     EXPECT_EQ(Witness::alive, 0) << "what the slots still hold goes with the reference";
 }
 
-// Every interleaving of two readers and two writers is explored in tests/models; this is for what a model
+// Every interleaving of two readers and two writers is explored in tests/models; this tests what a model
 // leaves out: memory orders, slots used again and again, and objects that end on any thread.
-TEST(CXLockFreeReference, readersNeverSeeAnEndedObjectUnderFire)
+TEST(CXLockFreeReference, givesReadersNoDestroyedObject)
 {
     {
         constexpr int readerCount = 2;

@@ -3,12 +3,14 @@
 #include "DXRDeviceManager.h"
 #include "SimulatedComputer.h"
 
+#include <chrono>
+
 /// A simulated computer whose devices are managed.
 class ManagedComputer : public SimulatedComputer {
 protected:
     using Devices = DXRDeviceManager::Devices;
-    /// What a notifier was told in one update.
-    struct Told {
+    /// The arguments of one call of a notifier.
+    struct Changes {
         Devices connected, disconnected, updated;
     };
 
@@ -16,7 +18,7 @@ protected:
     {
         manager.addDeviceNotifier(nullptr, _notifier);
         settle();
-        told.clear();
+        updates.clear();
     }
     ~ManagedComputer() override
     {
@@ -27,13 +29,23 @@ protected:
     /// Waits until every change so far has been through the manager, and the main queue is empty.
     void settle()
     {
-        for (int round = 0; round < 3; ++round) { // an update may ask for another
+        for (int round = 0; round < 3; ++round) { // an update may request another
             settleHardware();
             DXRDeviceManager::queue().sync([] {});
         }
         settleHardware();
     }
-    /// Plugs and settles.
+    /// Whether the condition holds within ten seconds of settling again and again.
+    template <class Condition> bool becomesTrue(Condition condition)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        do {
+            settle();
+            if (condition())
+                return true;
+        } while (std::chrono::steady_clock::now() < deadline);
+        return false;
+    }
     AudioObjectID plug(const SimulatedDeviceBuilder& device)
     {
         const AudioObjectID deviceID = hal.plug(device);
@@ -45,15 +57,20 @@ protected:
         EXPECT_TRUE(hal.unplug(uid)) << uid;
         settle();
     }
+    void reconfigure(const std::string& uid, const auto& change)
+    {
+        hal.reconfigure(uid, change);
+        settle();
+    }
     CXRef<DXRDevice> device(const std::string& uid, bool isInput)
     {
         return manager.deviceWithDeviceUID(uid, isInput);
     }
-    /// What was told since the last call, all updates together.
-    Told toldSinceLast()
+    /// The changes of all updates since the last call.
+    Changes changesSinceLast()
     {
-        Told all;
-        for (const Told& one : std::exchange(told, {})) {
+        Changes all;
+        for (const Changes& one : std::exchange(updates, {})) {
             all.connected.insert(one.connected.begin(), one.connected.end());
             all.disconnected.insert(one.disconnected.begin(), one.disconnected.end());
             all.updated.insert(one.updated.begin(), one.updated.end());
@@ -62,11 +79,11 @@ protected:
     }
 
     DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
-    std::vector<Told> told; // written on the manager's queue
+    std::vector<Changes> updates; // written on the manager's queue
 
 private:
     const DXRDeviceManager::NotifierBlock _notifier =
         [this](const Devices& connected, const Devices& disconnected, const Devices& updated) {
-            told.push_back({connected, disconnected, updated});
+            updates.push_back({connected, disconnected, updated});
         };
 };

@@ -1,4 +1,5 @@
 #include "CXBlockRef.h"
+#include "CXRealtime.h"
 #include "CXWeak.h"
 
 #include <gtest/gtest.h>
@@ -35,6 +36,18 @@ TEST(CXObject, livesAsLongAsAStrongReferenceWithOrWithoutWeakOnes)
     }
     EXPECT_EQ(ended, 1);
     EXPECT_FALSE(weak.lock());
+
+    CXRef<Counted> last = Counted::init(ended);
+    weak = CXWeak<Counted>(last);
+    CXWeak<Counted> copy = weak;
+    CXWeak<Counted> moved = std::move(weak);
+    EXPECT_EQ(copy.lock(), last);
+    EXPECT_EQ(moved.lock(), last);
+    Counted* const leaked = last.leak();
+    EXPECT_EQ(last, nullptr);
+    leaked->release();
+    EXPECT_EQ(ended, 2);
+    EXPECT_FALSE(moved.lock());
 }
 
 // Strong counts move to the control block while other threads change them: no change may be lost, and the
@@ -67,7 +80,20 @@ TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
     EXPECT_EQ(ended, rounds);
 }
 
-TEST(CXBlock, hasTheIdentityOfWhatItWasMadeFrom)
+TEST(CXRealtimeScope, isCheckedOutsideExemptions)
+{
+    EXPECT_FALSE(CXRealtimeScope::isChecked());
+    const CXRealtimeScope outer;
+    EXPECT_TRUE(CXRealtimeScope::isChecked());
+    {
+        const CXRealtimeScope inner;
+        const CXRealtimeExemption exemption("it is the subject");
+        EXPECT_FALSE(CXRealtimeScope::isChecked());
+    }
+    EXPECT_TRUE(CXRealtimeScope::isChecked());
+}
+
+TEST(CXBlock, hasTheIdentityOfItsFirstBlock)
 {
     int calls = 0;
     const CXBlock<int(int)> block = [&calls](int add) { return calls += add; };

@@ -2,6 +2,7 @@
 #include "HostClock.h"
 #include "MainQueue.h"
 #include "SerialQueue.h"
+#include "Thread.h"
 
 #include <gtest/gtest.h>
 
@@ -54,7 +55,7 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
     EXPECT_TRUE(current);
     EXPECT_TRUE(refused);
 
-    const CXRef<SerialQueue> inner = SerialQueue::initWithLabel("vierzehn bytesä");
+    const CXRef<SerialQueue> inner = SerialQueue::initWithLabel("inner");
     queue->sync([&] {
         inner->sync([&] { // on this thread: it is idle
             EXPECT_TRUE(inner->isCurrent());
@@ -62,13 +63,25 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
         });
         EXPECT_FALSE(inner->isCurrent());
     });
-    std::promise<std::string> name;
-    inner->async([&] {
-        char text[16];
-        pthread_getname_np(pthread_self(), text, sizeof text);
-        name.set_value(text);
-    });
-    EXPECT_EQ(name.get_future().get(), "vierzehn bytes") << "cut at a whole character";
+}
+
+TEST(Thread, isWaitedForByOthersAndDetachedByItself)
+{
+    std::atomic<bool> hasEnded{false};
+    {
+        const Thread thread("other", [&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            hasEnded = true;
+        });
+    }
+    EXPECT_TRUE(hasEnded);
+    std::promise<Thread*> own;
+    std::promise<void> done;
+    own.set_value(new Thread("itself", [&, self = own.get_future().share()] {
+        delete self.get();
+        done.set_value();
+    }));
+    done.get_future().wait();
 }
 
 TEST(WorkQueue, delaysWorkAndKeepsTheOrderOfDeadlines)
@@ -112,10 +125,10 @@ TEST(MainQueue, showsWaitingWorkThroughItsDescriptor)
             queue.async([&] { ++ran; }); // for the next drain
         });
     }).join();
-    EXPECT_TRUE(isReadable(queue.fd()));
-    EXPECT_EQ(queue.drain(), 1U);
-    EXPECT_TRUE(isReadable(queue.fd()));
-    EXPECT_EQ(queue.drain(), 1U);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(isReadable(queue.fd()));
+        EXPECT_EQ(queue.drain(), 1U);
+    }
     EXPECT_FALSE(isReadable(queue.fd()));
     EXPECT_EQ(ran, 2);
 }
@@ -123,19 +136,16 @@ TEST(MainQueue, showsWaitingWorkThroughItsDescriptor)
 TEST(MainQueue, runsUntilItIsStoppedAndBelongsToTheThreadThatServesIt)
 {
     MainQueue& queue = MainQueue::shared();
-    std::atomic<bool> current{false};
-    std::thread server([&] { queue.run(); });
-    std::promise<void> served;
-    queue.async([&] {
-        current = queue.isCurrent();
-        served.set_value();
-    });
-    served.get_future().wait();
-    queue.stop();
-    server.join();
-    EXPECT_TRUE(current);
-    EXPECT_FALSE(queue.isCurrent());
-    EXPECT_FALSE(isReadable(queue.fd()));
+    for (int round = 0; round < 2; ++round) { // it can be run again
+        std::thread server([&] { queue.run(); });
+        std::promise<bool> isCurrent;
+        queue.async([&] { isCurrent.set_value(queue.isCurrent()); });
+        EXPECT_TRUE(isCurrent.get_future().get());
+        queue.stop();
+        server.join();
+        EXPECT_FALSE(queue.isCurrent());
+        EXPECT_FALSE(isReadable(queue.fd()));
+    }
 }
 
 } // namespace

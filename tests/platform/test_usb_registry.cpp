@@ -45,7 +45,7 @@ bool isLocated(uint32_t location)
         [=](const USBRegistryContents& contents) { return contents.deviceAtLocation(location) != nullptr; });
 }
 
-TEST(USBRegistry, tellsUnitsOfOneModelApart)
+TEST(USBRegistry, distinguishesUnitsOfOneModel)
 {
     FakeUSBBus bus;
     bus.plug("3-1.4", 5, {.serial = " SERIAL1 "});
@@ -68,7 +68,7 @@ TEST(USBRegistry, tellsUnitsOfOneModelApart)
     EXPECT_EQ(engineOf(6)->globalUniqueID, "AppleUSBAudioEngine:Maker:Product:4213000:0");
 }
 
-TEST(USBRegistry, isEmptyWithoutASystemToAsk)
+TEST(USBRegistry, isEmptyWithoutUdev)
 {
     const FakeUSBBus empty;
     EXPECT_FALSE(isLocated(0x03140000));

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "CXDispatchQueue.h"
+#include "CXTimeBase.h"
+
+#include <future>
+#include <thread>
+
+constexpr uint64_t millisecond = 1'000'000; // host ticks
+
+inline uint64_t now()
+{
+    return CXTimeBase::sharedTimeBase()->absoluteTime();
+}
+
+/// A queue for one test, cancelled at its end.
+class TestQueue {
+public:
+    TestQueue() : _queue(CXDispatchQueue::initWithName("test")) {}
+    ~TestQueue()
+    {
+        _queue->cancel();
+        while (_queue->thread() != 0)
+            std::this_thread::yield();
+    }
+    CXDispatchQueue* operator->() const { return _queue.get(); }
+    const CXRef<CXDispatchQueue>& ref() const { return _queue; }
+    /// Waits until all work that the queue had before has run.
+    void settle() const
+    {
+        _queue->dispatchSync([] {});
+    }
+    /// Waits until no thread drains the queue, so that a bypass borrows it.
+    void waitUntilIdle() const
+    {
+        while (_queue->owner() != 0)
+            std::this_thread::yield();
+    }
+
+private:
+    const CXRef<CXDispatchQueue> _queue;
+};
+
+/// Keeps a queue busy until open().
+class Gate {
+public:
+    explicit Gate(const TestQueue& queue)
+    {
+        std::promise<void> entered;
+        queue->dispatchAsync([this, &entered] {
+            entered.set_value();
+            _opened.get_future().wait();
+        });
+        entered.get_future().wait();
+    }
+    void open() { _opened.set_value(); }
+
+private:
+    std::promise<void> _opened;
+};

@@ -1,0 +1,158 @@
+#include "AtomicStackPair.h"
+#include "HostClock.h"
+#include "PortSet.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+#include <unistd.h>
+
+namespace dxr {
+namespace {
+
+using enum Port::SendResult;
+using enum PortSet::Event;
+constexpr uint64_t passed = 1; // a deadline at which waitForEvent() only looks
+
+Port::SendResult send(Port& port, std::string_view text)
+{
+    return port.send(std::as_bytes(std::span(text)));
+}
+
+/// The messages that the set has, with the number of their port in `ports`.
+std::string takenFrom(PortSet& set, const std::vector<CXRef<Port>>& ports)
+{
+    std::string all;
+    while (const auto received = set.takeMessage()) {
+        const auto port = std::ranges::find(ports, received->port) - ports.begin();
+        all += std::to_string(port) + ':';
+        all.append(reinterpret_cast<const char*>(received->message.data()), received->message.size());
+        all += ' ';
+    }
+    return all;
+}
+
+TEST(PortSet, servesItsPortsAndItsSignalInTurns)
+{
+    const CXRef<PortSet> set = PortSet::init();
+    const std::vector<CXRef<Port>> ports = {Port::init(2), Port::init(), Port::init(0)};
+    EXPECT_EQ(send(*ports[0], "early"), Sent);
+    for (const CXRef<Port>& port : ports)
+        set->add(*port);
+    EXPECT_EQ(send(*ports[0], "b"), Sent);
+    EXPECT_EQ(send(*ports[0], "too many"), Full);
+    for (size_t i = 0; i < Port::defaultQueueLimit; ++i)
+        EXPECT_EQ(send(*ports[1], std::string(i, 'x')), Sent);
+    EXPECT_EQ(send(*ports[1], "too many"), Full);
+    EXPECT_EQ(send(*ports[2], "one"), Sent);
+    EXPECT_EQ(send(*ports[2], "a port holds one at least"), Full);
+    EXPECT_TRUE(set->signal());
+    EXPECT_TRUE(set->signal());
+    for (const PortSet::Event event : {Signal, Message, Message}) // taken with its first event only
+        EXPECT_EQ(set->waitForEvent(passed), event);
+    EXPECT_TRUE(set->signal());
+    EXPECT_EQ(set->waitForEvent(), Signal) << "though messages wait";
+    EXPECT_EQ(takenFrom(*set, ports), "0:early 1: 2:one 0:b 1:x 1:xx 1:xxx 1:xxxx ");
+    EXPECT_EQ(set->waitForEvent(passed), Timeout);
+}
+
+TEST(PortSet, losesNoMessageOfAPortThatMovesAndKeepsNoneOfOneThatLeaves)
+{
+    const CXRef<PortSet> first = PortSet::init();
+    const CXRef<PortSet> second = PortSet::init();
+    const std::vector<CXRef<Port>> ports = {Port::init(), Port::init()};
+    first->add(*ports[0]);
+    EXPECT_EQ(send(*ports[0], "a"), Sent);
+    second->add(*ports[0]);
+    first->remove(*ports[0]); // it is the second's
+    EXPECT_EQ(takenFrom(*first, ports), "");
+    EXPECT_EQ(first->waitForEvent(passed), Timeout);
+    EXPECT_EQ(takenFrom(*second, ports), "0:a ");
+    second->remove(*ports[0]);
+    EXPECT_EQ(send(*ports[0], "b"), Sent);
+    EXPECT_EQ(takenFrom(*second, ports), "");
+
+    first->add(*ports[1]);
+    EXPECT_EQ(send(*ports[1], "dropped"), Sent);
+    EXPECT_FALSE(first->close());
+    EXPECT_EQ(takenFrom(*first, ports), "");
+    EXPECT_FALSE(first->signal());
+    EXPECT_TRUE(second->signal());
+    EXPECT_TRUE(second->close()) << "a signal was pending";
+    ports[1]->close();
+    EXPECT_EQ(send(*ports[1], "c"), Closed);
+    second->add(*ports[1]);
+    EXPECT_EQ(takenFrom(*second, ports), "");
+}
+
+TEST(PortSet, sleepsUntilItsDeadlineASignalOrAMessage)
+{
+    const CXRef<PortSet> set = PortSet::init();
+    const CXRef<Port> port = Port::init();
+    set->add(*port);
+    const uint64_t deadline = HostClock::nowTicks() + 5'000'000;
+    EXPECT_EQ(set->waitForEvent(deadline), Timeout);
+    EXPECT_GE(HostClock::nowTicks(), deadline);
+    for (int round = 0; round < 2000; ++round) {
+        std::thread sender([&] { round % 2 == 0 ? (void)set->signal() : (void)send(*port, "x"); });
+        EXPECT_EQ(set->waitForEvent(), round % 2 == 0 ? Signal : Message);
+        EXPECT_EQ(set->takeMessage().has_value(), round % 2 != 0);
+        sender.join();
+    }
+    EXPECT_EQ(send(*port, "does not end it"), Sent);
+    std::thread sender([&] { set->signal(); });
+    set->waitForSignal();
+    sender.join();
+    EXPECT_TRUE(set->takeMessage());
+}
+
+TEST(Port, hasAMessageAsLongAsItsDescriptorIsReadable)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const CXRef<PortSet> set = PortSet::init();
+    CXRef<Port> port = Port::initWithDescriptor(ends[0]);
+    ASSERT_TRUE(port);
+    EXPECT_FALSE(Port::initWithDescriptor(ends[0])) << "one port a descriptor";
+    set->add(*port);
+    ASSERT_EQ(write(ends[1], "ab", 2), 2);
+    for (const char expected : {'a', 'b'}) { // one byte a message: the rest must bring another
+        ASSERT_EQ(set->waitForEvent(HostClock::nowTicks() + 20'000'000'000), Message);
+        EXPECT_TRUE(set->takeMessage());
+        EXPECT_FALSE(set->takeMessage()) << "only after the first has been handled";
+        char byte = 0;
+        ASSERT_EQ(read(ends[0], &byte, 1), 1);
+        EXPECT_EQ(byte, expected);
+        port->messageHandled();
+    }
+    port->close();
+    CXRef<Port> next = Port::initWithDescriptor(ends[0]);
+    EXPECT_TRUE(next) << "a closed port gives its descriptor back";
+    next = nullptr;
+    EXPECT_TRUE(Port::initWithDescriptor(ends[0])) << "and so does one that ends";
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_FALSE(Port::initWithDescriptor(ends[0]));
+}
+
+TEST(AtomicStackPair, findsBlocksOnBothStacks)
+{
+    AtomicStackPair pair;
+    AtomicStack::Link blocks[4];
+    blocks[0].linkTo(&blocks[1]);
+    AtomicStackPair::Side zero = 0;
+    AtomicStackPair::Side one = 1;
+    pair.pushChain(&blocks[0], &blocks[1], zero);
+    pair.pushChain(&blocks[2], &blocks[2], zero);
+    pair.pushChain(&blocks[3], &blocks[3], one);
+    EXPECT_EQ(pair.pop(zero), &blocks[2]) << "pushed last";
+    EXPECT_EQ(pair.pop(one), &blocks[3]);
+    EXPECT_EQ(pair.pop(one), &blocks[0]) << "from the other stack, where the thread stays";
+    EXPECT_EQ(one, 0);
+    EXPECT_EQ(pair.pop(zero), &blocks[1]);
+    EXPECT_EQ(pair.pop(zero), nullptr);
+}
+
+} // namespace
+} // namespace dxr
