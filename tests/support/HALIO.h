@@ -99,7 +99,7 @@ struct CycleWitness {
     std::atomic<uint64_t> backwards{0};  ///< sample times before the end of the preceding cycle
     std::atomic<uint64_t> lostFrames{0}; ///< between cycles
     std::atomic<uint32_t> frames{0};     ///< of the last cycle
-    std::atomic<double> sampleTime{-1.0};
+    std::atomic<double> sampleTime{-1.0}, rateScalar{0.0};
 
     void see(const IOCycle& cycle)
     {
@@ -109,6 +109,7 @@ struct CycleWitness {
         frames = cycle.frames();
         _next = time + frames;
         sampleTime = time;
+        rateScalar = cycle.now.rateScalar;
         ++cycles;
     }
     /// Waits for `count` cycles more.
@@ -184,7 +185,7 @@ public:
         return _announced;
     }
     size_t count() const { return announced().size(); }
-    bool heard(const AudioObjectPropertyAddress& address) const
+    bool includes(const AudioObjectPropertyAddress& address) const
     {
         return std::ranges::count(announced(), address) > 0;
     }

@@ -173,26 +173,4 @@ TEST_F(ConformanceIO, endsTheCallbacksOfADeviceThatIsUnplugged)
     EXPECT_EQ(hal().createIOProc(device, witnessing(witness), none), kAudioHardwareBadDeviceError);
 }
 
-TEST_F(ConformanceIO, startsAndStopsFromSeveralThreadsWhileTheDeviceGoes)
-{
-    const AudioObjectID device = plugged("Contended", 0, 2);
-    const auto use = [&] {
-        for (int round = 0; round < 20; ++round) {
-            CycleWitness witness;
-            AudioDeviceIOProcID proc = nullptr;
-            if (hal().createIOProc(device, witnessing(witness), proc) != kAudioHardwareNoError)
-                return;
-            hal().start(device, proc);
-            hal().stop(device, proc);
-            hal().destroyIOProc(device, proc);
-        }
-    };
-    std::thread users[] = {std::thread(use), std::thread(use)};
-    rig->letTimePass();
-    rig->unplug(uid);
-    for (std::thread& user : users)
-        user.join();
-    EXPECT_TRUE(eventually([&] { return readDevices(hal()).empty(); }));
-}
-
 } // namespace

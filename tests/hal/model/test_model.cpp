@@ -175,7 +175,7 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
                 continue;
             ++changed;
             const auto& [object, address, value] = before[i];
-            EXPECT_TRUE(listeners[object]->heard(address))
+            EXPECT_TRUE(listeners[object]->includes(address))
                 << why << ": '" << stringWithFourCharCode(address.selector) << "' in '"
                 << stringWithFourCharCode(address.scope) << "' element " << address.element << " of object "
                 << object;
