@@ -110,7 +110,7 @@ std::map<std::string, int> serverContents(const TestClient& client)
     return contents;
 }
 
-// Killed at any moment of a start: before its first request, between a request and the reply, while sound runs.
+// Killed at any moment of a start: before its first request, between request and reply, while sound runs.
 TEST_F(DxrOnPipeWire, leavesNothingOnTheServerWhenItIsKilled)
 {
     client.plug({.name = "sink", .channelCount = 8});

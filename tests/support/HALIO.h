@@ -21,7 +21,8 @@ inline void sleepForMilliseconds(int milliseconds)
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-/// Waits until `condition` holds, calling `meanwhile` in between. False after so long that only a fault takes longer.
+/// Waits until `condition` holds, calling `meanwhile` in between. False after so long that only a fault takes
+/// longer.
 inline bool eventually(
     const std::function<bool()>& condition,
     const std::function<void()>& meanwhile = [] { sleepForMilliseconds(2); })

@@ -390,8 +390,8 @@ void limitThreads(rlim_t count)
     setrlimit(RLIMIT_NPROC, &limit);
 }
 
-/// In a process of its own: without a further thread the functions return 'what' and throw nothing, and they work when
-/// there can be one again.
+/// In a process of its own: without a further thread the functions return 'what' and throw nothing, and they work
+/// when there can be one again.
 int callsWithoutThreads()
 {
     rlimit before{};

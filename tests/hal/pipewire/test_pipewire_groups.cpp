@@ -23,7 +23,7 @@ public:
         const auto all = subDeviceStatus(_hal, device);
         return place < all.size() && all[place].isRunning;
     }
-    /// Whether no sample is missing from a recording, or a lost cycle was reported: on a busy machine that happens.
+    /// Whether no sample is missing from a recording, or a lost cycle was reported, as happens on a busy machine.
     bool isWhole(MonitorTap& tap) const
     {
         const bool isUnbroken = breaksOf(tap.finish()) == 0;
