@@ -8,7 +8,7 @@ namespace {
 
 TEST_F(Conformance, letsAListenerReadTheNewValueAndCallBackInOnItsQueue)
 {
-    const auto queue = platform::SerialQueue::initWithLabel("listener");
+    const auto queue = dxr::SerialQueue::initWithLabel("listener");
     for (const bool isOnQueue : {false, true}) {
         const AudioObjectID device = plugged("Before", 0, 2);
         const auto name = at(kAudioObjectPropertyName);
@@ -90,13 +90,13 @@ TEST_F(Conformance, neverCallsAListenerAfterItsRemoval)
         for (uint32_t i = 0; !done; ++i)
             writeValue(hal(), device, at(kAudioDevicePropertyMute, output), i % 2);
     });
-    const auto queue = platform::SerialQueue::initWithLabel("storm");
+    const auto queue = dxr::SerialQueue::initWithLabel("storm");
     for (int round = 0; round < 200; ++round) {
         auto isRemoved = std::make_shared<std::atomic<bool>>(false);
         const HALListener listener{
             nullptr, nullptr,
             [isRemoved](uint32_t, const AudioObjectPropertyAddress*) { EXPECT_FALSE(*isRemoved); },
-            round % 2 == 0 ? CXRef<platform::WorkQueue>(queue) : nullptr};
+            round % 2 == 0 ? CXRef<dxr::WorkQueue>(queue) : nullptr};
         ASSERT_EQ(hal().addListener(device, anyAddress, listener), kAudioHardwareNoError);
         std::this_thread::yield();
         ASSERT_EQ(hal().removeListener(device, anyAddress, listener), kAudioHardwareNoError);
