@@ -14,12 +14,18 @@
 /// The `dxr` command against a server of the test's own, which has another client.
 class DxrOnPipeWire : public testing::Test {
 protected:
-    DxrOnPipeWire() { setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1); } // ours, and the tool's
-
     std::string path(const std::string& name) const { return server.folder() / name; }
 
     PrivateServer server;
-    TestClient client{server.remote()};
+    TestClient client{nameInEnvironment(server)};
+
+private:
+    /// For the tool, and before a client connects: the environment precedes a client's own choice.
+    static std::string nameInEnvironment(const PrivateServer& server)
+    {
+        setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
+        return server.remote();
+    }
 };
 
 /// The number before the first `words` in the tool's report; -1 when it is not there. Groups of three are joined.

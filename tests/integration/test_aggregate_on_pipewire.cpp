@@ -25,6 +25,11 @@ TEST(AggregateOnPipeWire, findsTheRatioOfTwoClocksAndLosesNothing)
     CycleWitness witness;
     const RunningProc proc(*hal, device, witnessing(witness));
     ASSERT_EQ(proc.status, kAudioHardwareNoError);
+    CycleWitness ofSource;
+    const RunningProc own(*hal, deviceWithUID(*hal, "source"), witnessing(ofSource));
+    EXPECT_TRUE(ofSource.waitForMore());
+    EXPECT_NEAR(ofSource.rateScalar, 1.0 / (1.0 + sourcePPM * 1e-6), 1e-9)
+        << "a faster clock, shorter frames";
     std::this_thread::sleep_for(std::chrono::seconds(DXR_DRIFT_SETTLING_SECONDS));
     const AudioAggregateSubDeviceStatus before = follower();
     const StallWatch machine(std::chrono::milliseconds(3)); // the delay has room for 5

@@ -23,17 +23,16 @@ protected:
     DeviceIdentity() { HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote())); }
 
     /// `arrival` is what the session manager adds to the name: ".2" for the second of it.
-    Plugged plug(const std::string& place, const std::string& arrival = "", const std::string& serial = "")
+    Plugged plug(const std::string& place, const std::string& arrival = "")
     {
         const uint32_t number = nextCard++;
-        bus.plug(place, number, {.serial = serial.empty() ? std::nullopt : std::optional(serial)});
-        const std::string model = serial.empty() ? "Maker_Product" : "Maker_Product_" + serial;
-        const FakeCard::Options options{.name = "usb-" + model + "-00" + arrival,
+        bus.plug(place, number, {});
+        const FakeCard::Options options{.name = "usb-Maker_Product-00" + arrival,
                                         .microphone = true,
-                                        .properties = {{"device.serial", model},
+                                        .properties = {{"device.serial", "Maker_Product"},
                                                        {"device.vendor.name", "Maker"},
                                                        {"device.product.name", "Product"},
-                                                       {"device.bus-id", "usb-" + model + "-00"},
+                                                       {"device.bus-id", "usb-Maker_Product-00"},
                                                        {"device.bus-path", FakeUSBBus::busPath(place)},
                                                        {"device.sysfs.path", bus.cardFolder(place)},
                                                        {"api.alsa.card", std::to_string(number)}}};
@@ -132,20 +131,6 @@ TEST_F(DeviceIdentity, distinguishesTwoUnitsWithoutSerialNumbers)
     unplug(second);
     ASSERT_TRUE(eventually([&] { return !other->isConnected(); }));
     EXPECT_EQ(runTool({"info", elsewhere}).status, 0) << "only one is left";
-}
-
-TEST_F(DeviceIdentity, knowsAUnitByItsSerialNumberWhereverItIs)
-{
-    const std::string uid = "alsa_card.usb-Maker_Product_SERIAL1-00";
-    Plugged unit = plug("3-1.4", "", "SERIAL1");
-    Plugged twin = plug("3-1.2", "", "SERIAL2");
-    const CXRef<DXRDevice> device = connected(uid);
-    ASSERT_TRUE(device);
-    EXPECT_NE(connected("alsa_card.usb-Maker_Product_SERIAL2-00"), device);
-    unplug(unit);
-    ASSERT_TRUE(eventually([&] { return !device->isConnected(); }));
-    unit = plug("1-1", ".2", "SERIAL1");
-    EXPECT_EQ(connected(uid), device);
 }
 
 } // namespace

@@ -98,7 +98,7 @@ TEST_P(LoopSoak, losesNothingThatItDoesNotReport)
 
 INSTANTIATE_TEST_SUITE_P(Frames, LoopSoak, testing::Values(64, 128, 512));
 
-// The blocks are called all the time, by a timer while there is no server; the trace says so.
+// The blocks are called all the time, by a timer without a server; the trace records both.
 TEST_F(TraceSoak, keepsTimeWhileTheServerIsGone)
 {
     const int seconds = soakSecondsOr(8);

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <span>
 
-/// Memory that ends, or begins, at a page nobody may touch: a read or write past it ends the test.
+/// Memory that ends, or begins, at an inaccessible page: a read or write past it ends the test.
 class GuardedMemory {
 public:
     enum class Guard { Behind, Before };

@@ -21,7 +21,8 @@ inline void sleepForMilliseconds(int milliseconds)
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-/// Waits until `condition` holds, calling `meanwhile` in between. False after so long that only a fault takes longer.
+/// Waits until `condition` holds, calling `meanwhile` in between. False after so long that only a fault takes
+/// longer.
 inline bool eventually(
     const std::function<bool()>& condition,
     const std::function<void()>& meanwhile = [] { sleepForMilliseconds(2); })
@@ -99,7 +100,7 @@ struct CycleWitness {
     std::atomic<uint64_t> backwards{0};  ///< sample times before the end of the preceding cycle
     std::atomic<uint64_t> lostFrames{0}; ///< between cycles
     std::atomic<uint32_t> frames{0};     ///< of the last cycle
-    std::atomic<double> sampleTime{-1.0};
+    std::atomic<double> sampleTime{-1.0}, rateScalar{0.0};
 
     void see(const IOCycle& cycle)
     {
@@ -109,6 +110,7 @@ struct CycleWitness {
         frames = cycle.frames();
         _next = time + frames;
         sampleTime = time;
+        rateScalar = cycle.now.rateScalar;
         ++cycles;
     }
     /// Waits for `count` cycles more.
@@ -184,7 +186,7 @@ public:
         return _announced;
     }
     size_t count() const { return announced().size(); }
-    bool heard(const AudioObjectPropertyAddress& address) const
+    bool includes(const AudioObjectPropertyAddress& address) const
     {
         return std::ranges::count(announced(), address) > 0;
     }

@@ -187,7 +187,7 @@ void* mmap(void* address, size_t size, int protection, int flags, int descriptor
     return original(address, size, protection, flags, descriptor, offset);
 }
 
-// Waiting on a futex has no function of its own. Waking somebody is allowed: it never waits.
+// Waiting on a futex has no function of its own. Waking a waiter is allowed: it never waits.
 long syscall(long number, ...) noexcept
 {
     va_list list;

@@ -20,7 +20,7 @@ protected:
             hal.unplug(readText(hal, device, at(kAudioDevicePropertyDeviceUID)).value_or(""));
     }
 
-    /// Waits until every change so far has been told to the hardware's listeners, and serves the main queue.
+    /// Waits until every change so far has been announced to the listeners, and serves the main queue.
     void settleHardware()
     {
         hal.settle();

@@ -1,13 +1,9 @@
 #pragma once
 
-#include "CXValue.h"
 #include "ConformanceRig.h"
-#include "HALReads.h"
+#include "HALIO.h"
 
-#include <algorithm>
-#include <chrono>
 #include <map>
-#include <thread>
 
 /// Turns a driver's rig into one whose devices are aggregates: of one device for the input, which leads, and another
 /// for the output; where there are only outputs, of a device that leads and one that is absent.
@@ -25,12 +21,10 @@ public:
             made.subDevices.push_back(_devices->plug(name + " in", inputs, 0));
         if (outputs > 0)
             made.subDevices.push_back(_devices->plug(name + " out", 0, outputs));
-        CXPlist description{{"uid", uid}, {"name", name}, {"subdevices", CXPlist::array()}, {"private", 1}};
-        for (const std::string& each : made.subDevices)
-            description["subdevices"].push_back({{"uid", each}, {"drift", 1}});
-        description["subdevices"].push_back({{"uid", "absent"}});
-        description["master"] = made.subDevices.front();
-        model().createAggregateDevice(*CXValue::initWithPlist(description), made.deviceID);
+        std::vector<std::string> all = made.subDevices;
+        all.emplace_back("absent");
+        made.deviceID = makeAggregate(
+            model(), all, {{"uid", uid}, {"name", name}, {"private", 1}, {"master", all.front()}});
         _made.emplace(uid, std::move(made));
         return uid;
     }

@@ -48,7 +48,7 @@ struct DriftScenario {
 struct DriftPoint {
     double seconds;
     double partsPerMillion;     ///< the reading rate over the nominal ratio
-    double truePartsPerMillion; ///< what it should be
+    double truePartsPerMillion; ///< the true ratio
     double delayFrames;         ///< from the writer's clock to the reading position, exactly
     double levelFrames;         ///< frames in the ring after the reading position
 };

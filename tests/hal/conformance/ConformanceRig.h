@@ -7,7 +7,7 @@
 #include <string>
 
 /// What the conformance suite does to the hardware; each driver's tests implement it.
-/// Changes may take effect a little later: the suite waits for what it wants to see.
+/// Changes may take effect a little later: the suite waits for each.
 class ConformanceRig {
 public:
     virtual ~ConformanceRig() = default;

@@ -1,14 +1,9 @@
 #include "AudioHardware.h"
 #include "Conformance.h"
 
-#include <thread>
-
 namespace {
 
-constexpr uint32_t input = kAudioObjectPropertyScopeInput;
-constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
-
-TEST_F(Conformance, answersAStatusForWhatIsNotThere)
+TEST_F(Conformance, returnsAStatusForWhatDoesNotExist)
 {
     const AudioObjectID device = plugged("Here", 2, 2);
     uint32_t size = 77;
@@ -42,29 +37,27 @@ TEST_F(Conformance, answersAStatusForWhatIsNotThere)
 TEST_F(Conformance, readsExactlyTheSizeItAnnouncesAndRefusesLessRoom)
 {
     const AudioObjectID device = plugged("Sizes", 2, 2);
-    const uint32_t selectors[] = {kAudioObjectPropertyClass,
-                                  kAudioObjectPropertyOwner,
-                                  kAudioDevicePropertyTransportType,
-                                  kAudioDevicePropertyNominalSampleRate,
-                                  kAudioDevicePropertyAvailableNominalSampleRates,
-                                  kAudioDevicePropertyBufferFrameSize,
-                                  kAudioDevicePropertyBufferFrameSizeRange,
-                                  kAudioDevicePropertyStreams,
-                                  kAudioDevicePropertyStreamConfiguration,
-                                  kAudioDevicePropertyLatency,
-                                  kAudioDevicePropertySafetyOffset,
-                                  kAudioDevicePropertyMute,
-                                  kAudioDevicePropertyVolumeScalar,
-                                  kAudioDevicePropertyIsHidden,
-                                  kAudioDevicePropertyDeviceIsRunning,
-                                  kAudioDevicePropertyClockDomain};
-    size_t answered = 0;
+    constexpr uint32_t selectors[] = {kAudioObjectPropertyClass,
+                                      kAudioDevicePropertyAvailableNominalSampleRates,
+                                      kAudioDevicePropertyStreams,
+                                      kAudioDevicePropertyStreamConfiguration,
+                                      kAudioDevicePropertyTransportType,
+                                      kAudioDevicePropertyNominalSampleRate,
+                                      kAudioDevicePropertyBufferFrameSize,
+                                      kAudioDevicePropertyBufferFrameSizeRange,
+                                      kAudioDevicePropertyLatency,
+                                      kAudioDevicePropertySafetyOffset,
+                                      kAudioDevicePropertyMute,
+                                      kAudioDevicePropertyVolumeScalar,
+                                      kAudioDevicePropertyIsHidden,
+                                      kAudioDevicePropertyClockDomain};
+    size_t readable = 0;
     for (const uint32_t selector : selectors) {
         for (const uint32_t scope : {kAudioObjectPropertyScopeGlobal, input, output}) {
             uint32_t announced = 0;
             if (hal().propertySize(device, at(selector, scope), {}, announced) != kAudioHardwareNoError)
                 continue;
-            ++answered;
+            ++readable;
             std::vector<std::byte> room(announced + 8);
             uint32_t written = 0;
             EXPECT_EQ(hal().readProperty(device, at(selector, scope), {}, room, written),
@@ -77,13 +70,12 @@ TEST_F(Conformance, readsExactlyTheSizeItAnnouncesAndRefusesLessRoom)
             }
         }
     }
-    EXPECT_GT(answered, 20U);
+    EXPECT_GT(readable, 18U);
 }
 
 TEST_F(Conformance, describesADeviceAndItsStreamsConsistently)
 {
-    std::string uid;
-    const AudioObjectID device = plugged("Six", 0, 6, &uid);
+    const AudioObjectID device = plugged("Six", 0, 6);
     EXPECT_EQ(readText(hal(), device, at(kAudioObjectPropertyName)), "Six");
     EXPECT_EQ(readText(hal(), device, at(kAudioDevicePropertyDeviceUID)), uid);
     EXPECT_TRUE(readList<AudioObjectID>(hal(), device, at(kAudioDevicePropertyStreams, input)).empty());
@@ -91,13 +83,11 @@ TEST_F(Conformance, describesADeviceAndItsStreamsConsistently)
     ASSERT_FALSE(streams.empty());
     uint32_t channels = 0;
     for (const AudioObjectID stream : streams) {
-        const auto format =
-            readValue<AudioStreamBasicDescription>(hal(), stream, at(kAudioStreamPropertyVirtualFormat));
+        const auto format = read<AudioStreamBasicDescription>(stream, kAudioStreamPropertyVirtualFormat);
         ASSERT_TRUE(format);
-        EXPECT_EQ(readValue<uint32_t>(hal(), stream, at(kAudioStreamPropertyStartingChannel)), channels + 1);
-        EXPECT_EQ(format->sampleRate,
-                  readValue<double>(hal(), device, at(kAudioDevicePropertyNominalSampleRate)));
-        EXPECT_EQ(readValue<AudioObjectID>(hal(), stream, at(kAudioObjectPropertyOwner)), device);
+        EXPECT_EQ(read<uint32_t>(stream, kAudioStreamPropertyStartingChannel), channels + 1);
+        EXPECT_EQ(format->sampleRate, read<double>(device, kAudioDevicePropertyNominalSampleRate));
+        EXPECT_EQ(read<AudioObjectID>(stream, kAudioObjectPropertyOwner), device);
         channels += format->channelsPerFrame;
     }
     EXPECT_EQ(channels, 6U);
@@ -105,19 +95,18 @@ TEST_F(Conformance, describesADeviceAndItsStreamsConsistently)
 
 TEST_F(Conformance, findsADeviceByItsUIDAndRefusesMalformedQuestions)
 {
-    std::string uid;
-    const AudioObjectID device = plugged("Found", 0, 2, &uid);
+    const AudioObjectID device = plugged("Found", 0, 2);
     const CXRef<CXValue> text = CXValue::initWithPlist(uid);
     CXObject* question = text.get();
-    AudioObjectID answer = 4711;
-    const AudioValueTranslation good{&question, sizeof question, &answer, sizeof answer};
+    AudioObjectID found = 4711;
+    const AudioValueTranslation good{&question, sizeof question, &found, sizeof found};
     const auto ask = [&](AudioValueTranslation translation, size_t bytes = sizeof(AudioValueTranslation)) {
         uint32_t size = 0;
         return hal().readProperty(kAudioObjectSystemObject, at(kAudioHardwarePropertyDeviceForUID), {},
                                   std::as_writable_bytes(std::span(&translation, 1)).first(bytes), size);
     };
     EXPECT_EQ(ask(good), kAudioHardwareNoError);
-    EXPECT_EQ(answer, device);
+    EXPECT_EQ(found, device);
 
     const auto with = [&](auto change) {
         AudioValueTranslation bad = good;
@@ -133,7 +122,7 @@ TEST_F(Conformance, findsADeviceByItsUIDAndRefusesMalformedQuestions)
     const CXRef<CXValue> unknown = CXValue::initWithPlist(uid + "?");
     question = unknown.get();
     EXPECT_EQ(ask(good), kAudioHardwareNoError);
-    EXPECT_EQ(answer, kAudioObjectUnknown);
+    EXPECT_EQ(found, kAudioObjectUnknown);
 }
 
 TEST_F(Conformance, takesOverControlsAndAnnouncesThem)
@@ -147,27 +136,26 @@ TEST_F(Conformance, takesOverControlsAndAnnouncesThem)
     EXPECT_EQ(writeValue(hal(), device, volume, 0.25F), kAudioHardwareNoError);
     EXPECT_TRUE(eventually([&] {
         return std::abs(readValue<float>(hal(), device, volume).value_or(9.0F) - 0.25F) < 1e-5F &&
-               listener.heard(volume);
+               listener.includes(volume);
     }));
     EXPECT_NEAR(readValue<float>(hal(), device, at(kAudioDevicePropertyVolumeDecibels, output)).value_or(0),
                 -36.12F, 0.01F);
 
     EXPECT_EQ(writeValue(hal(), device, mute, 1U), kAudioHardwareNoError);
-    EXPECT_TRUE(
-        eventually([&] { return readValue<uint32_t>(hal(), device, mute) == 1U && listener.heard(mute); }));
+    EXPECT_TRUE(eventually(
+        [&] { return readValue<uint32_t>(hal(), device, mute) == 1U && listener.includes(mute); }));
 
     EXPECT_EQ(writeValue(hal(), device, volume, 7.0F), kAudioHardwareNoError)
         << "beyond the end of the slider";
     EXPECT_TRUE(eventually([&] { return readValue<float>(hal(), device, volume) == 1.0F; }));
-    EXPECT_EQ(writeValue(hal(), device, volume, std::nanf("")), kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(writeValue(hal(), device, volume, 0.5), kAudioHardwareBadPropertySizeError)
-        << "a double is no float";
-    EXPECT_EQ(writeValue(hal(), device, at(kAudioDevicePropertyTransportType), 1U),
-              kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(writeValue(hal(), device, at(kAudioDevicePropertyNominalSampleRate), 12345.678),
-              kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(writeValue(hal(), device, at(kAudioDevicePropertyBufferFrameSize), 1U << 30),
-              kAudioHardwareIllegalOperationError);
+    const auto expectRefused = [&](const AudioObjectPropertyAddress& address, auto value, HALStatus status) {
+        EXPECT_EQ(writeValue(hal(), device, address, value), status) << address.selector;
+    };
+    expectRefused(volume, std::nanf(""), kAudioHardwareIllegalOperationError);
+    expectRefused(volume, 0.5, kAudioHardwareBadPropertySizeError); // a double is no float
+    expectRefused(at(kAudioDevicePropertyTransportType), 1U, kAudioHardwareIllegalOperationError);
+    expectRefused(at(kAudioDevicePropertyNominalSampleRate), 12345.678, kAudioHardwareIllegalOperationError);
+    expectRefused(at(kAudioDevicePropertyBufferFrameSize), 1U << 30, kAudioHardwareIllegalOperationError);
 }
 
 TEST_F(Conformance, announcesArrivalAndDepartureAndNeverReusesAnID)
@@ -176,43 +164,43 @@ TEST_F(Conformance, announcesArrivalAndDepartureAndNeverReusesAnID)
     std::vector<AudioObjectID> seen;
     for (int round = 0; round < 3; ++round) {
         const size_t before = listener.count();
-        std::string uid;
-        const AudioObjectID device = plugged("Comes and goes", 2, 2, &uid);
+        const AudioObjectID device = plugged("Comes and goes", 2, 2);
         EXPECT_TRUE(eventually([&] { return listener.count() > before; }));
-        const auto streams = readList<AudioObjectID>(hal(), device, at(kAudioDevicePropertyStreams, output));
-        for (const AudioObjectID id : streams) {
-            EXPECT_EQ(std::ranges::find(seen, id), seen.end());
-            seen.push_back(id);
-        }
-        EXPECT_EQ(std::ranges::find(seen, device), seen.end());
-        seen.push_back(device);
+        auto objects = readList<AudioObjectID>(hal(), device, at(kAudioDevicePropertyStreams, output));
+        objects.push_back(device);
+        for (const AudioObjectID id : objects)
+            EXPECT_EQ(std::ranges::count(seen, id), 0);
+        seen.insert(seen.end(), objects.begin(), objects.end());
 
         const size_t whilePlugged = listener.count();
         rig->unplug(uid);
         EXPECT_TRUE(
             eventually([&] { return readDevices(hal()).empty() && listener.count() > whilePlugged; }));
-        EXPECT_FALSE(readText(hal(), device, at(kAudioObjectPropertyName)));
-        for (const AudioObjectID id : streams)
-            EXPECT_FALSE(readValue<uint32_t>(hal(), id, at(kAudioObjectPropertyClass)));
+        for (const AudioObjectID id : objects)
+            EXPECT_FALSE(read<uint32_t>(id, kAudioObjectPropertyClass));
     }
 }
 
-TEST_F(Conformance, survivesReadersWhileDevicesComeAndGo)
+TEST_F(Conformance, survivesUsersWhileDevicesComeAndGo)
 {
     std::atomic<bool> done{false};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 2; ++i) {
-        readers.emplace_back([&] {
-            while (!done) {
-                for (const AudioObjectID device : readDevices(hal())) {
-                    readText(hal(), device, at(kAudioObjectPropertyName));
-                    channelsOf(device, output);
-                    readValue<float>(hal(), device, at(kAudioDevicePropertyVolumeScalar, output, 1));
-                    writeValue(hal(), device, at(kAudioDevicePropertyMute, output), 1U);
+    const auto use = [&] {
+        while (!done)
+            for (const AudioObjectID device : readDevices(hal())) {
+                readText(hal(), device, at(kAudioObjectPropertyName));
+                channelsOf(hal(), device, output);
+                readValue<float>(hal(), device, at(kAudioDevicePropertyVolumeScalar, output, 1));
+                writeValue(hal(), device, at(kAudioDevicePropertyMute, output), 1U);
+                AudioDeviceIOProcID proc = nullptr;
+                if (hal().createIOProc(
+                        device, [](auto...) {}, proc) == kAudioHardwareNoError) {
+                    hal().start(device, proc);
+                    hal().stop(device, proc);
+                    hal().destroyIOProc(device, proc);
                 }
             }
-        });
-    }
+    };
+    std::thread users[] = {std::thread(use), std::thread(use)};
     for (int round = 0; round < 20; ++round) {
         const std::string a = rig->plug("A", 2, 2);
         const std::string b = rig->plug("B", 0, 6);
@@ -221,12 +209,12 @@ TEST_F(Conformance, survivesReadersWhileDevicesComeAndGo)
         rig->unplug(b);
     }
     done = true;
-    for (std::thread& reader : readers)
-        reader.join();
+    for (std::thread& user : users)
+        user.join();
     EXPECT_TRUE(eventually([&] { return readDevices(hal()).empty(); }));
 }
 
-// What the published functions check before the model is asked.
+// The published functions check these before they call the model.
 TEST_F(Conformance, refusesNullPointers)
 {
     const AudioObjectPropertyAddress address = at(kAudioHardwarePropertyDevices);

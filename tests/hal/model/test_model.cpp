@@ -1,74 +1,67 @@
 #include "AudioHardware.h"
-#include "CXValue.h"
-#include "HALReads.h"
+#include "HALIO.h"
 #include "SerialQueue.h"
 #include "simulated.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <barrier>
-#include <chrono>
 #include <future>
 #include <map>
 #include <set>
 #include <sys/resource.h>
-#include <thread>
-#include <tuple>
 #include <unistd.h>
 
 namespace {
 
 // ---- Announcements
 
-constexpr uint32_t selectors[] = {
-    kAudioObjectPropertyClass,
-    kAudioObjectPropertyBaseClass,
-    kAudioObjectPropertyOwner,
-    kAudioObjectPropertyOwnedObjects,
-    kAudioObjectPropertyName,
-    kAudioObjectPropertyManufacturer,
-    kAudioObjectPropertyElementName,
-    kAudioDevicePropertyDeviceUID,
-    kAudioDevicePropertyModelUID,
-    kAudioDevicePropertyTransportType,
-    kAudioDevicePropertyRelatedDevices,
-    kAudioDevicePropertyClockDomain,
-    kAudioDevicePropertyDeviceIsRunning,
-    kAudioDevicePropertyDeviceCanBeDefaultDevice,
-    kAudioDevicePropertyDeviceCanBeDefaultSystemDevice,
-    kAudioDevicePropertyIsHidden,
-    kAudioDevicePropertyLatency,
-    kAudioDevicePropertySafetyOffset,
-    kAudioDevicePropertyStreams,
-    kAudioDevicePropertyStreamConfiguration,
-    kAudioDevicePropertyNominalSampleRate,
-    kAudioDevicePropertyActualSampleRate,
-    kAudioDevicePropertyAvailableNominalSampleRates,
-    kAudioDevicePropertyBufferFrameSize,
-    kAudioDevicePropertyBufferFrameSizeRange,
-    kAudioDevicePropertyPreferredChannelsForStereo,
-    kAudioDevicePropertyVolumeScalar,
-    kAudioDevicePropertyVolumeDecibels,
-    kAudioDevicePropertyVolumeRangeDecibels,
-    kAudioDevicePropertyMute,
-    kAudioDevicePropertyDataSource,
-    kAudioDevicePropertyDataSources,
-    kAudioAggregateDevicePropertyComposition,
-    kAudioAggregateDevicePropertyActiveSubDeviceList,
-    kAudioStreamPropertyIsActive,
-    kAudioStreamPropertyDirection,
-    kAudioStreamPropertyTerminalType,
-    kAudioStreamPropertyStartingChannel,
-    kAudioStreamPropertyVirtualFormat,
-    kAudioStreamPropertyPhysicalFormat,
-    kAudioStreamPropertyAvailableVirtualFormats,
-    kAudioStreamPropertyAvailablePhysicalFormats,
-    kAudioHardwarePropertyDevices,
-    kAudioHardwarePropertyDefaultInputDevice,
-    kAudioHardwarePropertyDefaultOutputDevice,
-    kAudioHardwarePropertyDefaultSystemOutputDevice,
-};
+constexpr uint32_t selectors[] = {kAudioObjectPropertyClass,
+                                  kAudioObjectPropertyBaseClass,
+                                  kAudioObjectPropertyOwner,
+                                  kAudioObjectPropertyOwnedObjects,
+                                  kAudioObjectPropertyName,
+                                  kAudioObjectPropertyManufacturer,
+                                  kAudioObjectPropertyElementName,
+                                  kAudioDevicePropertyDeviceUID,
+                                  kAudioDevicePropertyModelUID,
+                                  kAudioDevicePropertyTransportType,
+                                  kAudioDevicePropertyRelatedDevices,
+                                  kAudioDevicePropertyClockDomain,
+                                  kAudioDevicePropertyDeviceIsRunning,
+                                  kAudioDevicePropertyDeviceCanBeDefaultDevice,
+                                  kAudioDevicePropertyDeviceCanBeDefaultSystemDevice,
+                                  kAudioDevicePropertyIsHidden,
+                                  kAudioDevicePropertyLatency,
+                                  kAudioDevicePropertySafetyOffset,
+                                  kAudioDevicePropertyStreams,
+                                  kAudioDevicePropertyStreamConfiguration,
+                                  kAudioDevicePropertyNominalSampleRate,
+                                  kAudioDevicePropertyActualSampleRate,
+                                  kAudioDevicePropertyAvailableNominalSampleRates,
+                                  kAudioDevicePropertyBufferFrameSize,
+                                  kAudioDevicePropertyBufferFrameSizeRange,
+                                  kAudioDevicePropertyPreferredChannelsForStereo,
+                                  kAudioDevicePropertyVolumeScalar,
+                                  kAudioDevicePropertyVolumeDecibels,
+                                  kAudioDevicePropertyVolumeRangeDecibels,
+                                  kAudioDevicePropertyMute,
+                                  kAudioDevicePropertyDataSource,
+                                  kAudioDevicePropertyDataSources,
+                                  kAudioAggregateDevicePropertyComposition,
+                                  kAudioAggregateDevicePropertyActiveSubDeviceList,
+                                  kAudioStreamPropertyIsActive,
+                                  kAudioStreamPropertyDirection,
+                                  kAudioStreamPropertyTerminalType,
+                                  kAudioStreamPropertyStartingChannel,
+                                  kAudioStreamPropertyVirtualFormat,
+                                  kAudioStreamPropertyPhysicalFormat,
+                                  kAudioStreamPropertyAvailableVirtualFormats,
+                                  kAudioStreamPropertyAvailablePhysicalFormats,
+                                  kAudioHardwarePropertyDevices,
+                                  kAudioHardwarePropertyDefaultInputDevice,
+                                  kAudioHardwarePropertyDefaultOutputDevice,
+                                  kAudioHardwarePropertyDefaultSystemOutputDevice};
 
 /// A value as bytes, an object as its text; nothing where there is none.
 std::string valueAt(HALModel& model, AudioObjectID object, const AudioObjectPropertyAddress& address)
@@ -88,25 +81,23 @@ std::string valueAt(HALModel& model, AudioObjectID object, const AudioObjectProp
     return "=" + std::string(bytes.begin(), bytes.end());
 }
 
-using Place = std::pair<AudioObjectID, AudioObjectPropertyAddress>;
-
-struct Model {
-    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
-    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
+struct ValueAt {
+    AudioObjectID object;
+    AudioObjectPropertyAddress address;
+    std::string value;
 };
 
-class HALModelAnnouncements : public testing::Test, protected Model {
+class HALModelAnnouncements : public testing::Test {
 protected:
-    std::vector<std::pair<Place, std::string>> valuesOf(const std::vector<AudioObjectID>& objects)
+    std::vector<ValueAt> valuesOf(const std::vector<AudioObjectID>& objects)
     {
-        std::vector<std::pair<Place, std::string>> values;
+        std::vector<ValueAt> values;
         for (const AudioObjectID object : objects)
             for (const uint32_t selector : selectors)
-                for (const uint32_t scope : {kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyScopeInput,
-                                             kAudioObjectPropertyScopeOutput})
+                for (const uint32_t scope : {kAudioObjectPropertyScopeGlobal, input, output})
                     for (uint32_t element = 0; element < 4; ++element) {
                         const AudioObjectPropertyAddress address{selector, scope, element};
-                        values.emplace_back(Place{object, address}, valueAt(*model, object, address));
+                        values.push_back({object, address, valueAt(*model, object, address)});
                     }
         return values;
     }
@@ -116,6 +107,9 @@ protected:
         objects.insert(objects.begin(), {kAudioObjectSystemObject, device});
         return objects;
     }
+
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
 };
 
 TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges)
@@ -129,10 +123,7 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
                                                .source(HALDirection::Output, 1, "Speakers")
                                                .mute(HALDirection::Output, false));
     hal->plug(aDevice().uid("part").outputs(2));
-    AudioObjectID aggregate = kAudioObjectUnknown;
-    model->createAggregateDevice(
-        *CXValue::initWithPlist({{"uid", "all"}, {"subdevices", {{{"uid", "device"}}, {{"uid", "part"}}}}}),
-        aggregate);
+    const AudioObjectID aggregate = makeAggregate(*model, {"device", "part"});
     std::vector<AudioObjectID> objects = objectsOf(device);
     const std::vector<AudioObjectID> parts = objectsOf(aggregate);
     objects.insert(objects.end(), parts.begin() + 1, parts.end());
@@ -158,59 +149,42 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
                    .stereoChannels(HALDirection::Input, 2, 3)
                    .latency(HALDirection::Input, 3, 4);
     };
+    std::optional<RunningProc> running;
     const std::pair<const char*, std::function<void()>> changes[] = {
         {"another shape", [&] { hal->reconfigure("device", reshape); }},
-        {"running",
-         [&] {
-             AudioDeviceIOProcID proc = nullptr;
-             model->createIOProc(
-                 device, [](auto...) {}, proc);
-             model->start(device, proc);
-         }},
+        {"running", [&] { running.emplace(*model, device, [](auto...) {}); }},
         {"another default", [&] { hal->setDefault(HALDirection::Output, "part"); }},
         {"a device that goes", [&] { hal->unplug("part"); }},
         {"a device that comes", [&] { hal->plug(aDevice().uid("new").inputs(2)); }},
     };
-    std::mutex mutex;
-    std::set<std::tuple<AudioObjectID, uint32_t, uint32_t, uint32_t>> announced;
-    constexpr AudioObjectPropertyAddress anyAddress{kAudioObjectPropertySelectorWildcard,
-                                                    kAudioObjectPropertyScopeWildcard,
-                                                    kAudioObjectPropertyElementWildcard};
-    std::map<AudioObjectID, HALListener> listeners;
-    for (const AudioObjectID object : objects) {
-        listeners[object].block = [&, object](uint32_t count, const AudioObjectPropertyAddress* addresses) {
-            const std::scoped_lock lock(mutex);
-            for (const auto& each : std::span(addresses, count))
-                announced.emplace(object, each.selector, each.scope, each.element);
-        };
-        ASSERT_EQ(model->addListener(object, anyAddress, listeners[object]), 0);
-    }
+    std::map<AudioObjectID, std::unique_ptr<RecordingListener>> listeners;
+    for (const AudioObjectID object : objects)
+        listeners[object] = std::make_unique<RecordingListener>(*model, object, anyAddress);
     size_t changed = 0;
     for (const auto& [why, change] : changes) {
-        const auto before = valuesOf(objects);
+        const std::vector<ValueAt> before = valuesOf(objects);
         hal->settle();
-        announced.clear();
+        for (const auto& [object, listener] : listeners)
+            listener->clear();
         change();
         hal->settle();
-        hal->settle(); // and what the aggregate follows
-        const auto after = valuesOf(objects);
+        hal->settle(); // and the aggregate, which follows
+        const std::vector<ValueAt> after = valuesOf(objects);
         for (size_t i = 0; i < before.size(); ++i) {
-            const auto& [object, address] = before[i].first;
-            if (before[i].second == after[i].second)
+            if (before[i].value == after[i].value)
                 continue;
             ++changed;
-            EXPECT_TRUE(announced.contains({object, address.selector, address.scope, address.element}))
+            const auto& [object, address, value] = before[i];
+            EXPECT_TRUE(listeners[object]->includes(address))
                 << why << ": '" << stringWithFourCharCode(address.selector) << "' in '"
                 << stringWithFourCharCode(address.scope) << "' element " << address.element << " of object "
                 << object;
         }
     }
     EXPECT_GT(changed, 68U);
-    for (const auto& [object, listener] : listeners)
-        model->removeListener(object, anyAddress, listener);
 }
 
-/// A queue that is never served.
+/// A queue that runs its jobs only in serve().
 class UnservedQueue final : public dxr::WorkQueue {
 public:
     UnservedQueue() : WorkQueue("unserved") {}
@@ -240,24 +214,20 @@ TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
 {
     const AudioObjectID device =
         hal->plug(aDevice().uid("device").outputs(2).mute(HALDirection::Output, false));
-    const auto mute = at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput);
+    const auto mute = at(kAudioDevicePropertyMute, output);
     const auto queue = CXRef<UnservedQueue>::adopt(new UnservedQueue);
-    int calls = 0;
-    const HALListener listener{nullptr, nullptr,
-                               [&](uint32_t, const AudioObjectPropertyAddress*) { ++calls; }, queue};
-    model->addListener(device, mute, listener);
+    const RecordingListener listener(*model, device, mute, queue);
     for (uint32_t i = 0; i < 1000; ++i) {
         writeValue(*model, device, mute, (i + 1) % 2);
         hal->settle();
     }
     EXPECT_EQ(queue->count(), 1U);
     queue->serve();
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(listener.count(), 1U);
     writeValue(*model, device, mute, 1U);
     hal->settle();
     queue->serve();
-    EXPECT_EQ(calls, 2) << "later changes are announced again";
-    model->removeListener(device, mute, listener);
+    EXPECT_EQ(listener.count(), 2U) << "later changes are announced again";
 }
 
 // One listener runs on the notification thread, the other on a queue; each removes the other while both run.
@@ -265,7 +235,7 @@ TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
 {
     const AudioObjectID device =
         hal->plug(aDevice().uid("device").outputs(2).mute(HALDirection::Output, false));
-    const auto mute = at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput);
+    const auto mute = at(kAudioDevicePropertyMute, output);
     for (uint32_t round = 0; round < 200; ++round) {
         std::barrier both(2);
         std::promise<void> done[2];
@@ -290,7 +260,7 @@ TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
 
 // ---- Drivers
 
-/// Devices that do what the test says.
+/// Devices whose replies a test chooses.
 class ScriptedHardware final : public HALHardwareDriver {
 public:
     class Device final : public HALDeviceDriver {
@@ -328,16 +298,6 @@ public:
 
 class HALModelDrivers : public testing::Test {
 protected:
-    AudioObjectID aggregateOf(const std::vector<std::string>& uids)
-    {
-        CXPlist description{{"uid", "aggregate"}, {"subdevices", CXPlist::array()}};
-        for (const std::string& uid : uids)
-            description["subdevices"].push_back({{"uid", uid}});
-        AudioObjectID device = kAudioObjectUnknown;
-        EXPECT_EQ(model->createAggregateDevice(*CXValue::initWithPlist(description), device), 0);
-        return device;
-    }
-
     const CXRef<ScriptedHardware> hardware = CXRef<ScriptedHardware>::adopt(new ScriptedHardware);
     const CXRef<HALModel> model = HALModel::initWithDriver(hardware);
 };
@@ -378,16 +338,13 @@ TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
             return kAudioHardwareUnspecifiedError;
         };
     }
-    const AudioObjectID aggregate = aggregateOf({"a", "b", "c", "d"});
+    const AudioObjectID aggregate = makeAggregate(*model, {"a", "b", "c", "d"});
     EXPECT_EQ(writeValue(*model, aggregate, at(kAudioDevicePropertyNominalSampleRate), 96000.0),
               kAudioHardwareUnspecifiedError);
     EXPECT_EQ(deadlines.size(), 4U);
-    AudioDeviceIOProcID proc = nullptr;
-    model->createIOProc(
-        aggregate, [](auto...) {}, proc);
     EXPECT_EQ(std::set(deadlines.begin(), deadlines.end()).size(), 1U);
     deadlines.clear();
-    EXPECT_EQ(model->start(aggregate, proc), kAudioHardwareUnspecifiedError);
+    EXPECT_EQ(RunningProc(*model, aggregate, [](auto...) {}).status, kAudioHardwareUnspecifiedError);
     EXPECT_GE(deadlines.size(), 4U) << "each is tried";
     EXPECT_EQ(std::set(deadlines.begin(), deadlines.end()).size(), 1U);
 }
@@ -395,21 +352,18 @@ TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
 TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
 {
     const auto device = hardware->plug("a");
-    const AudioObjectID aggregate = aggregateOf({"a"});
+    const AudioObjectID aggregate = makeAggregate(*model, {"a"});
     std::promise<void> entered, mayLeave;
     device->whenAsked = [&](HALDeadline) {
         entered.set_value();
         mayLeave.get_future().wait();
         return kAudioHardwareUnspecifiedError;
     };
-    AudioDeviceIOProcID proc = nullptr;
-    model->createIOProc(
-        aggregate, [](auto...) {}, proc);
-    std::thread starter([&] { EXPECT_EQ(model->start(aggregate, proc), kAudioHardwareUnspecifiedError); });
+    std::thread starter([&] {
+        EXPECT_EQ(RunningProc(*model, aggregate, [](auto...) {}).status, kAudioHardwareUnspecifiedError);
+    });
     entered.get_future().wait();
-    const auto status = readList<AudioAggregateSubDeviceStatus>(
-        *model, aggregate, at(kAudioAggregateDevicePropertySubDeviceStatus));
-    EXPECT_EQ(status.size(), 1U);
+    EXPECT_EQ(subDeviceStatus(*model, aggregate).size(), 1U);
     for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "a")})
         EXPECT_EQ(readValue<double>(*model, each, at(kAudioDevicePropertyNominalSampleRate)), 48000.0);
     mayLeave.set_value();
@@ -427,35 +381,37 @@ TEST_F(HALModelDrivers, aSecondDeviceOfOneUIDIsRefused)
 
 // ---- Without threads
 
-/// In a child process that may have no thread besides its own until maySpawn(): the functions return 'what' and throw
-/// nothing, and go on when there is a thread again.
-int callsWithoutThreads()
+/// Sets how many threads the user's processes may have.
+void limitThreads(rlim_t count)
 {
     rlimit limit{};
     getrlimit(RLIMIT_NPROC, &limit);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = 1;
-    const bool isLimited = setrlimit(RLIMIT_NPROC, &limit) == 0 && setresuid(65534, 65534, 65534) == 0;
-    const auto setDriver = [] { return HALSetHardwareDriver(SimulatedHardware::init()); };
+    limit.rlim_cur = count;
+    setrlimit(RLIMIT_NPROC, &limit);
+}
+
+/// In a process of its own: without a further thread the functions return 'what' and throw nothing, and they work
+/// when there can be one again.
+int callsWithoutThreads()
+{
+    rlimit before{};
+    getrlimit(RLIMIT_NPROC, &before);
+    limitThreads(1);
+    const bool isLimited = setresuid(65534, 65534, 65534) == 0;
     const AudioObjectPropertyAddress devices = at(kAudioHardwarePropertyDevices);
     uint32_t size = 0;
-    const bool refused =
-        !setDriver() && AudioObjectGetPropertyDataSize(kAudioObjectSystemObject, &devices, 0, nullptr,
-                                                       &size) == kAudioHardwareUnspecifiedError;
-    limit.rlim_cur = before;
-    setrlimit(RLIMIT_NPROC, &limit);
+    const bool refused = !HALSetHardwareDriver(SimulatedHardware::init()) &&
+                         AudioObjectGetPropertyDataSize(kAudioObjectSystemObject, &devices, 0, nullptr,
+                                                        &size) == kAudioHardwareUnspecifiedError;
+    limitThreads(before.rlim_cur);
     const CXRef<SimulatedHardware> hardware = SimulatedHardware::init();
     const bool recovers = HALSetHardwareDriver(hardware);
     const AudioObjectID device = hardware->plug(aDevice().uid("one").outputs(2));
     AudioDeviceIOProcID proc = nullptr;
-    AudioDeviceCreateIOProcIDWithBlock(&proc, device, nullptr,
-                                       [](const AudioTimeStamp*, const AudioBufferList*,
-                                          const AudioTimeStamp*, AudioBufferList*, const AudioTimeStamp*) {});
-    limit.rlim_cur = 1;
-    setrlimit(RLIMIT_NPROC, &limit);
+    AudioDeviceCreateIOProcIDWithBlock(&proc, device, nullptr, [](auto...) {});
+    limitThreads(1);
     const bool startFails = AudioDeviceStart(device, proc) == kAudioHardwareUnspecifiedError;
-    limit.rlim_cur = before;
-    setrlimit(RLIMIT_NPROC, &limit);
+    limitThreads(before.rlim_cur);
     const bool starts = AudioDeviceStart(device, proc) == kAudioHardwareNoError;
     std::fprintf(stderr, "limited %d refused %d recovers %d startFails %d starts %d\n", isLimited, refused,
                  recovers, startFails, starts);

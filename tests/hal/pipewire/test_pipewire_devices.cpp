@@ -75,6 +75,7 @@ TEST_F(PipeWireDevices, describesNodesAsTheServerDoes)
     EXPECT_EQ(text(usb, kAudioDevicePropertyModelUID), "0x1235:0x8211");
     EXPECT_EQ(read<uint32_t>(usb, kAudioDevicePropertyTransportType), kAudioDeviceTransportTypeUSB);
     EXPECT_EQ(read<double>(usb, kAudioDevicePropertyNominalSampleRate), 96000.0);
+    EXPECT_EQ(read<uint32_t>(usb, kAudioDevicePropertyLatency, output), 0U);
     EXPECT_EQ(read<uint32_t>(mic, kAudioDevicePropertyClockDomain),
               read<uint32_t>(usb, kAudioDevicePropertyClockDomain));
     const struct {

@@ -23,7 +23,7 @@ public:
         const auto all = subDeviceStatus(_hal, device);
         return place < all.size() && all[place].isRunning;
     }
-    /// Whether no sample is missing from a recording, or a lost cycle was reported: on a busy machine that happens.
+    /// Whether no sample is missing from a recording, or a lost cycle was reported, as happens on a busy machine.
     bool isWhole(MonitorTap& tap) const
     {
         const bool isUnbroken = breaksOf(tap.finish()) == 0;
@@ -48,7 +48,7 @@ TEST_F(PipeWireGroups, theStreamsOfAllMembersPassInOneCycle)
         plug({.name = "duplex", .mediaClass = "Audio/Duplex", .properties = patient}),
         plug({.name = "mono", .channelCount = 1, .properties = patient}),
         plug({.name = "silent", .mediaClass = "Audio/Source/Virtual", .properties = patient})};
-    std::atomic<uint64_t> heard{0}, breaks{0};
+    std::atomic<uint64_t> received{0}, breaks{0};
     const Group group(*hal, {"duplex", "mono", "silent"},
                       eachCycle([&, last = int64_t{0}](const IOCycle& cycle) mutable {
                           playRamp(cycle);
@@ -58,7 +58,7 @@ TEST_F(PipeWireGroups, theStreamsOfAllMembersPassInOneCycle)
                               const int64_t value = std::llround(cycle.in()[i] / rampStep);
                               breaks += last != 0 && value != last + 1;
                               last = value;
-                              heard += value != 0;
+                              received += value != 0;
                           }
                       }));
     EXPECT_EQ(ownNodeCount(), 1U);
@@ -68,7 +68,7 @@ TEST_F(PipeWireGroups, theStreamsOfAllMembersPassInOneCycle)
     }
     MonitorTap first(client, "duplex", "capture_FR"), second(client, "mono", "monitor_MONO");
     ASSERT_TRUE(first.waitForFrames(24000) && second.waitForFrames(24000));
-    ASSERT_TRUE(eventually([&] { return heard > 24000; }));
+    ASSERT_TRUE(eventually([&] { return received > 24000; }));
     for (MonitorTap* tap : {&first, &second}) {
         std::vector<float> ramp = tap->finish();
         ramp.erase(ramp.begin(),

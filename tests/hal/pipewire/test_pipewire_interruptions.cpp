@@ -107,12 +107,18 @@ TEST_F(PipeWireInterruptions, aDeviceIsStalledForAsLongAsItsLinksAreRefused)
     EXPECT_TRUE(MonitorTap(client, "sink", "monitor_FR").waitForFrames(4096));
 }
 
-TEST_F(PipeWireInterruptions, theRateComesBackAfterAnotherClientForcedOne)
+TEST_F(PipeWireInterruptions, followsTheRateAndFramesThatAnotherClientForcesAndReturns)
 {
     const AudioObjectID device = plug({.name = "sink"});
-    const auto rateBecomes = [&](double rate) {
-        return eventually(
-            [&] { return read<double>(device, kAudioDevicePropertyNominalSampleRate) == rate; });
+    const auto timingBecomes = [&](double rate, uint32_t frames) {
+        return eventually([&] {
+            return read<double>(device, kAudioDevicePropertyNominalSampleRate) == rate &&
+                   read<uint32_t>(device, kAudioDevicePropertyBufferFrameSize) == frames;
+        });
+    };
+    const auto force = [&](const char* rate, const char* frames) {
+        client.setMetadata("settings", "clock.force-rate", rate);
+        client.setMetadata("settings", "clock.force-quantum", frames);
     };
     const struct {
         const char* why;
@@ -125,24 +131,34 @@ TEST_F(PipeWireInterruptions, theRateComesBackAfterAnotherClientForcedOne)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
+        CycleWitness witness;
         std::unique_ptr<RunningProc> proc;
         const auto letRun = [&](bool runs) {
             if (runs && !proc)
-                proc = std::make_unique<RunningProc>(*hal, device, eachCycle(playRamp));
+                proc = std::make_unique<RunningProc>(*hal, device, witnessing(witness));
             else if (!runs)
                 proc.reset();
         };
         letRun(row.runsBefore);
-        client.setMetadata("settings", "clock.force-rate", "96000");
-        EXPECT_TRUE(rateBecomes(96000.0));
+        force("96000", "256");
+        EXPECT_TRUE(timingBecomes(96000.0, 256));
         letRun(row.runsWhileForced);
-        EXPECT_TRUE(rateBecomes(96000.0));
-        client.setMetadata("settings", "clock.force-rate", "0");
-        EXPECT_TRUE(rateBecomes(48000.0));
+        EXPECT_TRUE(timingBecomes(96000.0, 256));
+        EXPECT_TRUE(!proc || eventually([&] { return witness.frames == 256; }));
+        force("0", "0");
+        EXPECT_TRUE(timingBecomes(48000.0, 512));
         letRun(row.runsAfter);
         sleepForMilliseconds(50); // past the first cycles
-        EXPECT_TRUE(rateBecomes(48000.0));
+        EXPECT_TRUE(timingBecomes(48000.0, 512));
+        EXPECT_EQ(witness.backwards, 0U);
     }
+    const CXRef<HALModel> other = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
+    const AudioObjectID same = waitForDevice(*other, "sink");
+    EXPECT_EQ(writeValue(*other, same, at(kAudioDevicePropertyNominalSampleRate), 96000.0), 0);
+    const RunningProc proc(*other, same, eachCycle(playRamp));
+    EXPECT_TRUE(eventually([&] {
+        return read<double>(device, kAudioDevicePropertyNominalSampleRate) == 96000.0;
+    })) << "another client runs it at a rate of its own";
 }
 
 } // namespace

@@ -31,7 +31,7 @@ TEST(PipeWireNaming, makesUIDsThatOutliveTheOrderOfArrival)
         const char* node;
         const char* uid;
     } const rows[] = {
-        {"a name of somebody's own stays", nullptr, false, "mix.2", "mix.2"},
+        {"a user's own name stays", nullptr, false, "mix.2", "mix.2"},
         {"second of its name", nullptr, false, "alsa_output.x.analog-stereo.2",
          "alsa_output.x.analog-stereo"},
         {"tenth of its name", nullptr, false, "alsa_output.x.analog-stereo.10",
@@ -52,7 +52,7 @@ TEST(PipeWireNaming, makesUIDsThatOutliveTheOrderOfArrival)
     EXPECT_EQ(uidOf({{"node.name", "caf\xE9"}}), "caf\xEF\xBF\xBD");
 }
 
-TEST(PipeWireNaming, tellsUSBDevicesWithoutASerialNumberByTheirPlace)
+TEST(PipeWireNaming, distinguishesUSBDevicesWithoutASerialNumberByTheirPlace)
 {
     PipeWireProperties card{{"device.name", "alsa_card.usb-Maker_Product-00"},
                             {"device.bus", "usb"},
@@ -135,7 +135,7 @@ TEST(PipeWireNaming, findsTheLatencyOfANetworkNode)
           {"media.class", "Audio/Sink"},
           {"node.latency", "480/48000"}},
          0.01},
-        {"as it says",
+        {"as its properties have it",
          {{"node.network", "true"}, {"sess.latency.msec", "30"}, {"node.latency", "1/2"}},
          0.03},
         {"of another device it is only a wish", {{"node.latency", "1200/48000"}}, 0.0},
@@ -166,7 +166,7 @@ TEST(HALVolume, showsCubeRootsAndMovesAllChannelsInBalance)
     }
 }
 
-TEST(PipeWireTimeline, neverGoesBackAndTellsWhatWasLost)
+TEST(PipeWireTimeline, neverGoesBackAndReportsLosses)
 {
     PipeWireTimeline timeline;
     const auto at = [&](uint32_t clock, uint64_t position, uint64_t milliseconds, uint32_t frames = 480) {

@@ -16,7 +16,7 @@ class DriftingDevice {
 public:
     enum class Direction { Sink, Source };
 
-    /// Devices of one `clockName` say that they go by one clock, and should then drift alike; each has its own if empty.
+    /// Devices of one `clockName` report one clock, and must drift alike; each has its own if empty.
     DriftingDevice(const std::string& remote, const std::string& name, Direction direction,
                    double partsPerMillion, const std::string& clockName = "");
     ~DriftingDevice();
