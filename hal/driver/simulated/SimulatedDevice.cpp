@@ -89,7 +89,7 @@ public:
             device._currentRun = own;
         }
         if (own)
-            _machine->scheduler.add(own);
+            device._runAlone(own);
     }
 
 private:
@@ -260,13 +260,22 @@ HALStatus SimulatedDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
         if (!_currentRun)
             own = _currentRun = SimulatedRun::initWithDevice(CXRef(this));
     }
-    const HALStatus status = own ? _machine->scheduler.add(own) : kAudioHardwareNoError;
+    const HALStatus status = own ? _runAlone(own) : kAudioHardwareNoError;
     if (status)
         stopIO();
     if (_isPluggedIn)
         return status;
     _leaveRun(); // unplugged meanwhile
     return kAudioHardwareBadDeviceError;
+}
+
+/// Of the run that was made for it. An unplug or a stop since then has found no run in the scheduler that it could remove.
+HALStatus SimulatedDevice::_runAlone(const CXRef<SimulatedRun>& own)
+{
+    const HALStatus status = _machine->scheduler.add(own);
+    if (_run() != own)
+        _machine->scheduler.remove(own);
+    return status;
 }
 
 void SimulatedDevice::stopIO()

@@ -61,6 +61,7 @@ private:
     HALStatus _write(const std::function<void(SimulatedDeviceDescription&)>& change);
     CXRef<SimulatedRun> _run() const;
     void _leaveRun();
+    HALStatus _runAlone(const CXRef<SimulatedRun>& own);
 
     // Everything below is called under the lock.
     bool _isPrepared() const;

@@ -211,4 +211,34 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedByItsOwnCallback)
     EXPECT_EQ(hal->deviceID("changes"), kAudioObjectUnknown);
 }
 
+// A device that is unplugged while it starts runs no more, wherever the start has come to.
+TEST(SimulatedInRealTime, isSilentAfterAnUnplugThatMeetsAStart)
+{
+    constexpr int rounds = 400;
+    std::array<std::atomic<bool>, rounds> isGone{};
+    std::atomic<int> late{0};
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::RealTime);
+    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
+    for (int round = 0; round < rounds; ++round) {
+        const AudioObjectID device =
+            hal->plug(aDevice()
+                          .uid("short-lived")
+                          .outputs(2)
+                          .bufferFrameSize(32)
+                          .playsInto([&, round](uint64_t, uint32_t, uint32_t, double, const float*) {
+                              late += isGone[round];
+                          }));
+        AudioDeviceIOProcID proc = nullptr;
+        ASSERT_EQ(model->createIOProc(device, playing(0.5F), proc), kAudioHardwareNoError);
+        std::thread start([&] { (void)model->start(device, proc); });
+        for (int wait = round % 20; wait > 0; --wait)
+            std::this_thread::yield();
+        EXPECT_TRUE(hal->unplug("short-lived"));
+        start.join();
+        isGone[round] = true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // many cycles
+    EXPECT_EQ(late, 0);
+}
+
 } // namespace
