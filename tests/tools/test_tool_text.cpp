@@ -82,7 +82,7 @@ TEST_F(ToolText, laysTheTableOutForEveryNameAndWidth)
             EXPECT_EQ(line.find_first_of("\x1B\n\xFF"), std::string::npos);
         }
     }
-    EXPECT_EQ(deviceTable(devices, 40, terminal)[5], "スピーカー (内…    -    -     -       -");
+    EXPECT_EQ(deviceTable(devices, 40, terminal)[5], "スピーカー (内…    -     -     -       -");
 }
 
 TEST_F(ToolText, fitsTheMonitorIntoEveryTerminal)
