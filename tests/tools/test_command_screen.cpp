@@ -116,6 +116,7 @@ void expectRestored(ToolProcess& tool)
 TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndRestoresIt)
 {
     ToolProcess monitor({"monitor", "--simulated"}, true);
+    ASSERT_TRUE(monitor.waitFor("\x1B[H\x1B[1mdxr monitor")) << "from the first line on";
     ASSERT_TRUE(monitor.waitFor("USB Microphone")) << monitor.output();
     ASSERT_TRUE(monitor.waitFor("-12.0 dB")) << "the microphone's tone";
     EXPECT_FALSE(monitor.isCooked());
