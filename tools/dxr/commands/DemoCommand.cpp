@@ -25,7 +25,7 @@
 namespace {
 
 using Device = DemoStage::Device;
-using platform::HostClock;
+using dxr::HostClock;
 
 constexpr double rememberedVolume = 0.6;
 constexpr const char* volumeKey = "volume";
@@ -130,7 +130,7 @@ Demo::Demo(const Options& options)
     _notifier = [this](const auto& connected, const auto& disconnected, const auto&) {
         _devicesChanged(connected, disconnected);
     };
-    _manager.addDeviceNotifier(CXRef<platform::WorkQueue>(&platform::MainQueue::shared()), _notifier);
+    _manager.addDeviceNotifier(CXRef<dxr::WorkQueue>(&dxr::MainQueue::shared()), _notifier);
     _patch = LoopPatch::initWithSelections({_devices[DemoStage::Microphone]},
                                            {_devices[DemoStage::Monitors], _devices[DemoStage::Headphones]});
     _patch->addTo(_session);

@@ -29,7 +29,7 @@ struct Options : RunnerOptions {
 class Monitor {
 public:
     explicit Monitor(Options& options);
-    ~Monitor() { platform::LogSink::setWriter({}); }
+    ~Monitor() { dxr::LogSink::setWriter({}); }
     Monitor(const Monitor&) = delete;
     Monitor& operator=(const Monitor&) = delete;
 
@@ -63,14 +63,14 @@ private:
     // The library's log, which would spoil the picture. Written on the main thread.
     const std::shared_ptr<std::vector<std::string>> _logLines = std::make_shared<std::vector<std::string>>();
     double _usedSeconds = 0.0, _longestSeconds = 0.0, _cycleSeconds = 0.0;
-    const uint64_t _startTicks = platform::HostClock::nowTicks();
+    const uint64_t _startTicks = dxr::HostClock::nowTicks();
     bool _isHeard = false, _isOver = false;
 };
 
 Monitor::Monitor(Options& options) : _options(options), _visitor(options.hardware().visitor(visitorsPause))
 {
-    platform::LogSink::setWriter([lines = _logLines](std::string_view line) {
-        platform::MainQueue::shared().async(
+    dxr::LogSink::setWriter([lines = _logLines](std::string_view line) {
+        dxr::MainQueue::shared().async(
             [lines, text = std::string(line.substr(0, line.find('\n')))] { lines->push_back(text); });
     });
     _watch.begin();
@@ -188,7 +188,7 @@ void Monitor::_readEvents()
 
 void Monitor::_print(const std::string& message)
 {
-    const double seconds = secondsOf(platform::HostClock::nowTicks() - _startTicks);
+    const double seconds = secondsOf(dxr::HostClock::nowTicks() - _startTicks);
     _messages.push_back(formatText("%8s  ", formatSeconds(seconds).c_str()) + message);
     if (_messages.size() > maxMessages)
         _messages.pop_front();
@@ -204,7 +204,7 @@ bool Monitor::_isUsed(const DeviceReport& report) const
 MonitorState Monitor::_state()
 {
     MonitorState state;
-    state.seconds = secondsOf(platform::HostClock::nowTicks() - _startTicks);
+    state.seconds = secondsOf(dxr::HostClock::nowTicks() - _startTicks);
     state.context = _session ? _session->contextText() : "nothing runs";
     state.messages = _messages;
     state.keys =

@@ -55,7 +55,7 @@ DemoStage::~DemoStage()
 {
     for (const Device device : devices)
         _unplug(device);
-    platform::USBRegistry::setReader({});
+    dxr::USBRegistry::setReader({});
 }
 
 std::optional<DemoStage::Step> DemoStage::performNext(double seconds)
@@ -103,8 +103,8 @@ void DemoStage::_unplug(Device device)
 void DemoStage::_setLocation(uint32_t location)
 {
     _location = location;
-    platform::USBRegistry::setReader(
-        [location] { return platform::USBRegistryContents::initWithDevices({{location}}, {}); });
+    dxr::USBRegistry::setReader(
+        [location] { return dxr::USBRegistryContents::initWithDevices({{location}}, {}); });
 }
 
 std::string DemoStage::uidOf(Device device) const

@@ -136,7 +136,7 @@ CXPlist DeviceWatch::Event::json() const
 
 void DeviceWatch::Changes::add(const Change& change)
 {
-    platform::MainQueue::shared().async(
+    dxr::MainQueue::shared().async(
         [self = CXRef<Changes>(this), change] { self->pending.push_back(change); });
 }
 
@@ -188,7 +188,7 @@ std::vector<DeviceWatch::Event> DeviceWatch::begin()
 
 std::vector<DeviceWatch::Event> DeviceWatch::next()
 {
-    platform::MainQueue::shared().drain();
+    dxr::MainQueue::shared().drain();
     std::vector<Event> events;
     std::set<AudioObjectID> readNow; // several changes of one device are read at once
     for (const Change& change : std::exchange(_changes->pending, {})) {

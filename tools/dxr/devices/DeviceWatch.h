@@ -37,7 +37,7 @@ public:
     /// Every device and default device; call it once, before next().
     std::vector<Event> begin();
     /// Polls readable when next() has work.
-    static int fd() noexcept { return platform::MainQueue::shared().fd(); }
+    static int fd() noexcept { return dxr::MainQueue::shared().fd(); }
     /// The events since the last call. Serves the main queue.
     std::vector<Event> next();
 
