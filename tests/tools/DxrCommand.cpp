@@ -1,13 +1,10 @@
 #include "DxrCommand.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <sndfile.h>
 #include <sstream>
 #include <sys/wait.h>
-#include <unistd.h>
 
 DxrCommand::DxrCommand()
 {
@@ -16,21 +13,40 @@ DxrCommand::DxrCommand()
     setenv("PIPEWIRE_REMOTE", "/nowhere", 1);
 }
 
-DxrCommand::~DxrCommand()
-{
-    std::filesystem::remove_all(folder);
-}
-
 std::string DxrCommand::file(const std::string& name, const std::string& content) const
 {
     std::ofstream(folder / name, std::ios::binary) << content;
     return folder / name;
 }
 
+ToolResult DxrCommand::pipeline(const std::string& command) const
+{
+    file("script", "cd " + folder.string() + "; d() { " DXR_TOOL " \"$@\" --simulated; }; { " + command +
+                       "; } > output 2> errors");
+    const int status = std::system(("bash -o pipefail " + (folder / "script").string()).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contentOf(folder / "output"),
+            contentOf(folder / "errors")};
+}
+
+void DxrCommand::expectRows(const std::vector<Row>& rows) const
+{
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.why);
+        const ToolResult result = pipeline(row.command);
+        EXPECT_EQ(result.status, row.status) << result.output << result.errors;
+        expectContains(result.output, row.printed);
+    }
+}
+
 std::string contentOf(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void expectContains(const std::string& text, const std::string& part)
+{
+    EXPECT_NE(text.find(part), std::string::npos) << part << "\nis not in\n" << text;
 }
 
 std::vector<std::string> linesOf(const std::string& text)
@@ -52,13 +68,11 @@ std::vector<float> samplesOf(const std::string& path, int& channels)
 {
     SF_INFO info{};
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    if (!file || info.format != (SF_FORMAT_WAVEX | SF_FORMAT_FLOAT)) {
-        sf_close(file);
-        return {};
-    }
+    const bool isFloat = file && info.format == (SF_FORMAT_WAVEX | SF_FORMAT_FLOAT);
+    std::vector<float> samples(isFloat ? static_cast<size_t>(info.frames * info.channels) : 0);
+    if (isFloat)
+        sf_readf_float(file, samples.data(), info.frames);
     channels = info.channels;
-    std::vector<float> samples(static_cast<size_t>(info.frames * info.channels));
-    sf_readf_float(file, samples.data(), info.frames);
     sf_close(file);
     return samples;
 }
@@ -68,19 +82,4 @@ std::string wave(uint32_t declaredBytes, size_t heldBytes)
     const auto word = [](uint32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); };
     return "RIFF" + word(36 + declaredBytes) + "WAVEfmt " + word(16) + word(0x00010003) + word(48000) +
            word(192000) + word(0x00200004) + "data" + word(declaredBytes) + std::string(heldBytes, '\0');
-}
-
-ToolResult DxrCommand::pipeline(const std::string& command) const
-{
-    std::ofstream(folder / "script") << "cd " << folder << "; d() { " DXR_TOOL " \"$@\" --simulated; }; { "
-                                     << command << "; } 2> errors";
-    FILE* const pipe = popen(("bash -o pipefail " + (folder / "script").string()).c_str(), "r");
-    std::array<char, 4096> block{};
-    ToolResult result{};
-    while (const size_t count = std::fread(block.data(), 1, block.size(), pipe))
-        result.output.append(block.data(), count);
-    const int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.errors = contentOf(folder / "errors");
-    return result;
 }

@@ -7,26 +7,36 @@
 
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
+
+using nlohmann::json;
 
 /// The `dxr` command without a server, in a folder of its own.
 class DxrCommand : public testing::Test {
 protected:
     DxrCommand();
-    ~DxrCommand() override;
+    ~DxrCommand() override { std::filesystem::remove_all(folder); }
 
-    std::string file(const std::string& name, const std::string& content = {}) const;
     std::string path(const std::string& name) const { return folder / name; }
-    /// Runs a shell's command in the folder, where `d` is dxr on the simulated computer.
+    std::string file(const std::string& name, const std::string& content) const;
+    /// Runs a shell command in the folder, where `d` is dxr on the simulated computer.
     ToolResult pipeline(const std::string& command) const;
+
+    /// A shell command, its status, and a part of its output.
+    struct Row {
+        const char* why;
+        std::string command;
+        int status;
+        const char* printed;
+    };
+    void expectRows(const std::vector<Row>& rows) const;
 
     std::filesystem::path folder;
 };
 
 std::vector<std::string> linesOf(const std::string& text);
 std::string contentOf(const std::string& path);
-/// Whether there is a character in it that drives a terminal.
+void expectContains(const std::string& text, const std::string& part);
+/// Whether a character in it controls a terminal.
 bool hasControls(const std::string& text);
 /// The samples of a 32-bit float WAV file, and its channels; nothing when it is none.
 std::vector<float> samplesOf(const std::string& path, int& channels);

@@ -14,8 +14,7 @@
 
 using enum HALDirection;
 
-// The tool's audio on a stepped clock: what should not be lost is compared sample by sample.
-
+/// The tool's audio on a stepped clock, where every sample can be compared.
 class ToolAudio : public testing::Test {
 protected:
     static constexpr int64_t second = 1'000'000'000; // ticks of the stepped clock
@@ -29,32 +28,23 @@ protected:
         }();
         return *backend;
     }
-    ~ToolAudio() override
+    ~ToolAudio() override { unplugAll(); }
+
+    void unplugAll()
     {
         for (const char* uid : {"in", "in2", "out", "out2"})
             hal.unplug(uid);
         settle();
+        played.clear();
+        alsoPlayed.clear();
     }
-
-    /// Waits until the manager, and with it every runner, has heard of all changes.
+    /// Waits until the manager, and with it every runner, knows of all changes.
     void settle()
     {
         for (int round = 0; round < 3; ++round) {
             hal.settle();
             DXRDeviceManager::queue().sync([] {});
         }
-    }
-    /// Waits until the runner has started so many new contexts, as work of its own queue.
-    void settle(RunnerSession& session, uint64_t restarts)
-    {
-        settle();
-        for (int look = 0; look < 10'000; ++look) {
-            session.poll();
-            if (session.statistics().restarts() == restarts)
-                return;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        FAIL() << session.statistics().restarts() << " restarts";
     }
     DeviceSelection plugged(const SimulatedDeviceBuilder& device, const std::string& text,
                             HALDirection direction)
@@ -63,8 +53,8 @@ protected:
         settle();
         return DeviceSelection::find(text, direction);
     }
-    /// The description of a device that plays into `played`, first channel only.
-    SimulatedDeviceBuilder player(const std::string& uid, std::vector<float>& into)
+    /// A device that plays its first channel into `into`.
+    static SimulatedDeviceBuilder player(const std::string& uid, std::vector<float>& into)
     {
         return aDevice().uid(uid).outputs(2).clockDomain(1).playsInto(SimulatedSink(
             [&into](uint64_t, uint32_t frames, uint32_t channels, double, const float* samples) {
@@ -77,16 +67,15 @@ protected:
     {
         return aDevice().uid(uid).inputs(2).clockDomain(1).hears(simulatedRamp());
     }
-    /// Lets the time pass that the devices take to settle, and then counts.
-    void begin(RunnerSession& session)
+    /// Starts the session, and lets it settle.
+    template <class Part> void start(RunnerSession& session, const CXRef<Part>& part)
     {
-        while (!session.isSettled()) {
-            hal.advance(second / 20);
-            session.poll();
-        }
-        session.beginCounting();
+        part->addTo(session);
+        ASSERT_TRUE(session.start());
+        while (!session.isCounting())
+            advance(session, second / 20);
     }
-    /// Lets time pass in small steps, so that the session sees everything.
+    /// In small steps, so that the session sees everything.
     void advance(RunnerSession& session, int64_t ticks)
     {
         for (; ticks > 0; ticks -= second / 10) {
@@ -108,13 +97,6 @@ protected:
         for (size_t i = 1; i < ramp.size(); ++i)
             jumps += ramp[i] != ramp[i - 1] + 1;
         return jumps;
-    }
-    static uint64_t resynchronisations(const RunnerSession& session)
-    {
-        uint64_t all = 0;
-        for (const SessionDevice& device : session.devices())
-            all += device.resynchronisations() + device.lostFrames();
-        return all;
     }
 
     SimulatedHardware& hal = hardware();

@@ -11,12 +11,12 @@
 
 namespace {
 
-[[noreturn]] void becomeTool(const std::vector<std::string>& arguments, size_t mostFileBytes)
+[[noreturn]] void becomeTool(const std::vector<std::string>& arguments, size_t maxFileBytes)
 {
-    if (mostFileBytes > 0) {
-        const rlimit limit{mostFileBytes, mostFileBytes};
+    if (maxFileBytes > 0) {
+        const rlimit limit{maxFileBytes, maxFileBytes};
         setrlimit(RLIMIT_FSIZE, &limit);
-        std::signal(SIGXFSZ, SIG_IGN); // writing answers an error instead, as it does on a full disk
+        std::signal(SIGXFSZ, SIG_IGN); // writing fails instead, as on a full disk
     }
     std::vector<char*> argv{const_cast<char*>("dxr")};
     for (const std::string& argument : arguments)
@@ -31,13 +31,13 @@ namespace {
 
 } // namespace
 
-ToolProcess::ToolProcess(const std::vector<std::string>& arguments, bool onTerminal, size_t mostFileBytes)
+ToolProcess::ToolProcess(const std::vector<std::string>& arguments, bool onTerminal, size_t maxFileBytes)
 {
     if (onTerminal) {
         const winsize size{40, 80, 0, 0};
         _child = forkpty(&_outputFD, nullptr, nullptr, &size);
         if (_child == 0)
-            becomeTool(arguments, mostFileBytes);
+            becomeTool(arguments, maxFileBytes);
         return;
     }
     int output[2], errors[2];
@@ -49,7 +49,7 @@ ToolProcess::ToolProcess(const std::vector<std::string>& arguments, bool onTermi
         dup2(errors[1], STDERR_FILENO);
         for (const int fd : {output[0], output[1], errors[0], errors[1]})
             close(fd);
-        becomeTool(arguments, mostFileBytes);
+        becomeTool(arguments, maxFileBytes);
     }
     close(output[1]);
     close(errors[1]);
@@ -131,7 +131,7 @@ int ToolProcess::finish(std::chrono::seconds limit)
     while (_readSome(until)) {
     }
     if (_outputFD >= 0 || _errorFD >= 0)
-        kill(_child, SIGKILL); // it hangs; the status will tell
+        kill(_child, SIGKILL); // it hangs; the status shows it
     int status = 0;
     waitpid(_child, &status, 0);
     _child = -1;

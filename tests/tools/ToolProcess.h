@@ -11,10 +11,10 @@ public:
     /// How long a run may take that should be over at once.
     static constexpr std::chrono::seconds patience{30};
 
-    /// Starts `dxr` with these arguments, its output in pipes; on a pseudo-terminal of 80 columns when `onTerminal`.
-    /// Files may grow to `mostFileBytes`, if not 0, as on a full disk.
+    /// Starts `dxr` with these arguments, its output in pipes; on a pseudo-terminal of 80 columns when
+    /// `onTerminal`. Files may grow to `maxFileBytes`, if not 0, as on a full disk.
     explicit ToolProcess(const std::vector<std::string>& arguments, bool onTerminal = false,
-                         size_t mostFileBytes = 0);
+                         size_t maxFileBytes = 0);
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
@@ -25,10 +25,10 @@ public:
     /// On a terminal: presses keys, and gives it another size.
     void press(const std::string& keys) const;
     void resize(unsigned short columns, unsigned short rows) const;
-    /// On a terminal: whether it shows what is typed, and gives it line by line, as a shell leaves it; after the end,
-    /// whether it did then.
+    /// On a terminal: whether it shows what is typed, and gives it line by line, as a shell leaves it; after
+    /// the end, whether it did then.
     bool isCooked();
-    /// Waits for its end and answers the exit status; 128 and the signal when one has killed it.
+    /// Waits for its end and returns the exit status; 128 plus the signal that has killed it.
     int finish(std::chrono::seconds limit = patience);
 
     const std::string& output() const { return _output; }

@@ -6,9 +6,13 @@
 
 namespace {
 
-using nlohmann::json;
+void expectWholeSVG(const std::string& svg)
+{
+    EXPECT_TRUE(svg.starts_with("<svg") && svg.ends_with("</svg>\n"));
+    EXPECT_EQ(svg.find("nan"), std::string::npos);
+}
 
-TEST_F(DxrCommand, loopsUntilItIsStoppedAndTellsWhatHappened)
+TEST_F(DxrCommand, loopsUntilItIsStoppedAndReports)
 {
     ToolProcess loop({"loop", "--in", "sim-ramp:1", "--in", "sim-usb-mic", "--out", "sim-speakers", "--out",
                       "sim-surround:3-6", "--frames", "480", "--rate", "22050", "--simulated"},
@@ -17,15 +21,12 @@ TEST_F(DxrCommand, loopsUntilItIsStoppedAndTellsWhatHappened)
     ASSERT_TRUE(loop.waitFor("in USB Micropho…")) << loop.output();
     loop.signal(SIGTERM);
     EXPECT_EQ(loop.finish(), 0) << loop.output();
-    EXPECT_NE(
-        loop.output().find("Ramp Generator + USB Microphone -> Built-in Speakers + Living Room Receiver"),
-        std::string::npos)
-        << loop.output();
-    EXPECT_NE(loop.output().find("frames moved"), std::string::npos) << loop.output();
-    EXPECT_NE(loop.output().find(" ppm"), std::string::npos) << "a clock that was followed";
+    for (const char* text : {"Ramp Generator + USB Microphone -> Built-in Speakers + Living Room Receiver",
+                             "frames moved", " ppm"})
+        expectContains(loop.output(), text);
 }
 
-TEST_F(DxrCommand, writesATraceThatIsWholeOrSaysWhyNot)
+TEST_F(DxrCommand, writesAWholeTrace)
 {
     const ToolResult traced = runTool({"trace", path("run.json"), "--in", "sim-loopback", "--out",
                                        "sim-speakers", "--simulated", "--seconds", "1"});
@@ -35,18 +36,17 @@ TEST_F(DxrCommand, writesATraceThatIsWholeOrSaysWhyNot)
         cycles += event.at("name") == "aggregate cycle";
     EXPECT_NEAR(static_cast<double>(cycles), 90, 60);
     const std::string svg = contentOf(path("run.svg"));
-    EXPECT_TRUE(svg.starts_with("<svg") && svg.ends_with("</svg>\n"));
-    EXPECT_NE(svg.find("Loop-back Cable -&gt; Built-in Speakers"), std::string::npos);
+    expectWholeSVG(svg);
+    expectContains(svg, "Loop-back Cable -&gt; Built-in Speakers");
 
     ToolProcess full({"trace", path("full.json"), "--simulated"}, false, 50'001);
     EXPECT_EQ(full.finish(), 1);
     EXPECT_EQ(linesOf(full.errors()).size(), 1U) << full.errors();
 }
 
-TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)
+TEST_F(DxrCommand, demonstratesItself)
 {
     const std::string picture = path("pictures/run.svg");
-    const char* const settings = std::getenv("XDG_DATA_HOME");
     ToolProcess demo({"demo", "--seconds", "9", "--picture", picture});
     const int status = demo.finish();
     const std::string& printed = demo.output();
@@ -56,120 +56,118 @@ TEST_F(DxrCommand, demonstratesItselfInPlainLinesAndLively)
           "no device: a timer keeps the time", "Studio Monitors alone", "Headphones is back after",
           "Headphones: volume 100% -> 60%, as remembered", "yes reported", "yes known", "yes time",
           " restarts, "})
-        EXPECT_NE(printed.find(line), std::string::npos) << line << "\n" << printed;
-    if (printed.find("0 late cycles") != std::string::npos) { // else the machine was too busy for good sound
-        EXPECT_NE(printed.find("yes sound"), std::string::npos) << printed;
-    }
+        expectContains(printed, line);
+    if (printed.find("0 late cycles") != std::string::npos) // else the machine was too busy for good sound
+        expectContains(printed, "yes sound");
     EXPECT_EQ(status, printed.find("\nNO ") == std::string::npos ? 0 : 1) << printed;
-    EXPECT_FALSE(std::filesystem::exists(settings)) << "the user's own settings are left alone";
+    EXPECT_FALSE(std::filesystem::exists(std::getenv("XDG_DATA_HOME"))) << "the user's settings";
     const std::string svg = contentOf(picture);
-    EXPECT_TRUE(svg.starts_with("<svg") && svg.ends_with("</svg>\n"));
+    expectWholeSVG(svg);
     for (const char* text :
          {"volume 100% -&gt; 60%", "drift of the clocks", "level of the tone", "Stage Microphone"})
-        EXPECT_NE(svg.find(text), std::string::npos) << text;
-    EXPECT_EQ(svg.find("nan"), std::string::npos);
+        expectContains(svg, text);
 
     ToolProcess lively({"demo", "--seconds", "60", "--picture", path("x.svg")}, true);
     ASSERT_TRUE(lively.waitFor("█"));
     lively.signal(SIGINT);
-    EXPECT_EQ(lively.finish(), 1) << "it has not shown everything";
-    EXPECT_GT(lively.output().rfind("\x1B[?25h"), lively.output().rfind("\x1B[?25l")); // the cursor is back
+    EXPECT_EQ(lively.finish(), 1) << "incomplete";
+    EXPECT_GT(lively.output().rfind("\x1B[?25h"), lively.output().rfind("\x1B[?25l")) << "the cursor";
 
     const ToolResult unseen = runTool({"demo", "--picture", "/dev/null/x.svg"});
     EXPECT_EQ(unseen.status, 1);
-    EXPECT_EQ(unseen.output, "") << "a picture that cannot be kept is reported first";
+    EXPECT_EQ(unseen.output, "") << "reported before the run";
 }
 
 TEST_F(DxrCommand, writesItsManualAndCompletesItself)
 {
     ASSERT_EQ(runTool({"manual", path("man")}).status, 0);
     EXPECT_EQ(runTool({"manual", "/dev/null/man"}).status, 1);
-    const std::string groff = "for page in man/*.1; do groff -man -Tutf8 -ww $page; done 2>&1 > pages; ";
     const ToolResult pages =
-        pipeline(groff + "ls man | wc -l; grep -c 'the default output if not given' pages");
+        pipeline("for page in man/*.1; do groff -man -Tutf8 -ww $page; done 2>&1 > pages; "
+                 "ls man | wc -l; grep -c 'the default output if not given' pages");
     EXPECT_GT(std::stoi(pages.output), 15) << pages.output << pages.errors;
     EXPECT_EQ(linesOf(pages.output).size(), 2U) << "no warning: " << pages.output;
     const std::string complete =
         "dxr() { d \"$@\"; }; d completion bash > c; . ./c; _dxr; echo ${COMPREPLY[@]}";
-    EXPECT_EQ(pipeline("COMP_WORDS=(dxr pl) COMP_CWORD=1; " + complete).output, "play plot\n");
-    EXPECT_EQ(pipeline("COMP_WORDS=(dxr play --out sim-s) COMP_CWORD=3; " + complete).output,
-              "sim-speakers sim-surround\n");
-    for (const char* shell : {"zsh", "fish"})
-        EXPECT_NE(runTool({"completion", shell}).output.find("record"), std::string::npos);
+    expectRows({
+        {"a command", "COMP_WORDS=(dxr pl) COMP_CWORD=1; " + complete, 0, "play plot\n"},
+        {"a command of a command", "COMP_WORDS=(dxr plot r) COMP_CWORD=2; " + complete, 0, "response\n"},
+        {"an option", "COMP_WORDS=(dxr play --dow) COMP_CWORD=2; " + complete, 0, "--downmix\n"},
+        {"a device", "COMP_WORDS=(dxr info sim-s) COMP_CWORD=2; " + complete, 0,
+         "sim-speakers sim-surround\n"},
+        {"a device of an option", "COMP_WORDS=(dxr play --out sim-s) COMP_CWORD=3; " + complete, 0,
+         "sim-speakers sim-surround\n"},
+        {"fish", "d completion fish; d completion words 'dxr loop'", 0,
+         "--quiet\tPrint nothing but errors\n"},
+        {"zsh", "d completion zsh", 0, "#compdef dxr\n"},
+    });
 }
 
-/// The terminal is as it was before the tool had it whole.
-void expectGivenBack(ToolProcess& tool)
+/// The terminal is as it was before.
+void expectRestored(ToolProcess& tool)
 {
     EXPECT_TRUE(tool.isCooked());
     const std::string& output = tool.output();
-    EXPECT_GT(output.rfind("\x1B[?1049l"), output.rfind("\x1B[?1049h")) << "the other screen";
-    EXPECT_GT(output.rfind("\x1B[?25h"), output.rfind("\x1B[?25l")) << "the cursor";
-    EXPECT_GT(output.rfind("\x1B[?7h"), output.rfind("\x1B[?7l")) << "long lines";
+    for (const auto& [restored, changed] :
+         {std::pair("\x1B[?1049l", "\x1B[?1049h"), {"\x1B[?25h", "\x1B[?25l"}, {"\x1B[?7h", "\x1B[?7l"}})
+        EXPECT_GT(output.rfind(restored), output.rfind(changed)) << restored;
 }
 
-TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndGivesItBack)
+TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndRestoresIt)
 {
     ToolProcess monitor({"monitor", "--simulated"}, true);
+    ASSERT_TRUE(monitor.waitFor("\x1B[H\x1B[1mdxr monitor")) << "from the first line on";
     ASSERT_TRUE(monitor.waitFor("USB Microphone")) << monitor.output();
-    ASSERT_TRUE(monitor.waitFor("-12.0 dB")) << "what the microphone hears";
+    ASSERT_TRUE(monitor.waitFor("-12.0 dB")) << "the microphone's tone";
     EXPECT_FALSE(monitor.isCooked());
     ASSERT_TRUE(monitor.waitFor("connected     Wireless Headphones"));
     ASSERT_TRUE(monitor.waitFor("default       output: Wireless Headphones"));
-    ASSERT_TRUE(monitor.waitFor("out  Wireless Headphones")) << "it goes where the default goes";
+    ASSERT_TRUE(monitor.waitFor("out  Wireless Headphones")) << "it follows the default";
     monitor.resize(40, 12);
     ASSERT_TRUE(monitor.waitFor("q quits   l plays the inputs on the ou…")) << monitor.output();
     monitor.press("l");
     ASSERT_TRUE(monitor.waitFor("l silences"));
     monitor.press("xyz\x1B[Aq");
     EXPECT_EQ(monitor.finish(), 0);
-    expectGivenBack(monitor);
+    expectRestored(monitor);
 
-    struct {
-        const char* why;
-        std::vector<std::string> arguments;
-        int signal;
-        int status;
-    } const rows[] = {
-        {"Ctrl-C", {"--in", "sim-usb-mic", "--out", "sim-surround:1,2"}, SIGINT, 0},
-        {"asked to end", {}, SIGTERM, 0},
-        {"a fault of its own", {}, SIGSEGV, 128 + SIGSEGV},
-        {"aborted", {}, SIGABRT, 128 + SIGABRT},
-    };
-    for (const auto& row : rows) {
-        std::vector<std::string> arguments{"monitor", "--simulated"};
-        arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-        ToolProcess ended(arguments, true);
-        ASSERT_TRUE(ended.waitFor("q quits")) << row.why;
-        ended.signal(row.signal);
-        EXPECT_EQ(ended.finish(), row.status) << row.why;
-        expectGivenBack(ended);
+    for (const int signal : {SIGINT, SIGTERM, SIGSEGV, SIGABRT}) {
+        ToolProcess ended({"monitor", "--simulated", "--in", "sim-usb-mic", "--out", "sim-surround:1,2"},
+                          true);
+        ASSERT_TRUE(ended.waitFor("q quits")) << signal;
+        ended.signal(signal);
+        EXPECT_EQ(ended.finish(), signal == SIGSEGV || signal == SIGABRT ? 128 + signal : 0);
+        expectRestored(ended);
     }
     const ToolResult plain = runTool({"monitor", "--simulated"});
     EXPECT_EQ(plain.status, 1);
     EXPECT_EQ(linesOf(plain.errors).size(), 1U) << plain.errors;
     ToolProcess unknown({"monitor", "--simulated", "--in", "nobody"}, true);
     EXPECT_EQ(unknown.finish(), 1);
-    EXPECT_EQ(unknown.output().find("\x1B[?1049h"), std::string::npos) << "an error stays to be read";
+    EXPECT_EQ(unknown.output().find("\x1B[?1049h"), std::string::npos) << "an error stays readable";
 }
 
 TEST_F(DxrCommand, drawsTheSamplersResponse)
 {
     const ToolResult result =
         runTool({"plot", "response", "--from", "48000", "--to", "44100", path("r.svg")});
-    EXPECT_EQ(result.status, 0) << result.errors;
     double hertz = 0, response = 0, alias = 0, noise = 0;
     const std::vector<std::string> lines = linesOf(result.output);
-    ASSERT_EQ(lines.size(), 6U) << result.output;
+    ASSERT_EQ(lines.size(), 6U) << result.output << result.errors;
     ASSERT_EQ(std::sscanf(lines[2].c_str(), "%lf Hz %lf dB %lf dB %lf dB", &hertz, &response, &alias, &noise),
               4);
     EXPECT_NEAR(hertz, 1000, 50);
     EXPECT_NEAR(response, 0, 0.05);
     EXPECT_NEAR(noise, 71.5, 3);
     EXPECT_LT(alias, -90);
-    const std::string drawing = contentOf(path("r.svg"));
-    EXPECT_TRUE(drawing.starts_with("<svg") && drawing.ends_with("</svg>\n"));
-    EXPECT_EQ(drawing.find("nan"), std::string::npos);
+    expectWholeSVG(contentOf(path("r.svg")));
+}
+
+TEST_F(DxrCommand, plotsHowClocksAreFollowed)
+{
+    const ToolResult result = runTool({"plot", "drift", "--ppm", "100", "--seconds", "60", path("d.svg")});
+    expectContains(result.output, "0 frames lost, 0 resynchronisations");
+    expectWholeSVG(contentOf(path("d.svg")));
 }
 
 } // namespace

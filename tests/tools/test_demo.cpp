@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 
 namespace {
@@ -43,7 +42,7 @@ struct DemoRun {
     }
 };
 
-TEST(DemoClaim, findsWhatIsNotTrueOfARun)
+TEST(DemoClaim, isRefutedByEachFault)
 {
     struct {
         const char* why;
@@ -107,20 +106,16 @@ TEST(DemoStretch, endsWhereAContextStarts)
     DXRCycleRecord started;
     started.event = Event::ContextStarted;
     started.endTicks = 10 * second;
-    run.tones.erase(std::remove_if(run.tones.begin(), run.tones.end(),
-                                   [](const DemoTone& tone) {
-                                       return tone.hostTicks > 9'850'000'000 &&
-                                              tone.hostTicks < 10'700'000'000;
-                                   }),
-                    run.tones.end());
+    std::erase_if(run.tones, [](const DemoTone& tone) {
+        return tone.hostTicks > 9'850'000'000 && tone.hostTicks < 10'700'000'000;
+    });
     run.tones[0].quality = 5.0;
     const std::vector<DemoStretch> cut = DemoStretch::cut(run.stretches, std::span(&started, 1));
     ASSERT_EQ(cut.size(), 6U);
     EXPECT_EQ(cut[4].to, 10 * second);
     EXPECT_EQ(cut[5].from, 10 * second);
     EXPECT_EQ(cut[5].to, 12 * second);
-    EXPECT_TRUE(DemoClaim::ofSound(run.tones, cut, 0.6).isTrue)
-        << "what is lost around it is not held against it";
+    EXPECT_TRUE(DemoClaim::ofSound(run.tones, cut, 0.6).isTrue) << "not judged around it";
 }
 
 } // namespace

@@ -18,7 +18,7 @@ constexpr void (*commands[])(CLI::App&) = {
     registerRecordCommand,    registerTraceCommand,    registerMonitorCommand,   registerDemoCommand,
     registerResampleCommand,  registerPlotCommand,     registerAggregateCommand, registerPagesCommands};
 
-/// How many letters must be added, removed or changed to make one word of the other.
+/// The edit distance of two words.
 size_t distance(const std::string& a, const std::string& b)
 {
     std::vector<size_t> row(b.size() + 1);
@@ -32,7 +32,7 @@ size_t distance(const std::string& a, const std::string& b)
     return row.back();
 }
 
-/// Refuses a first word that is not a command, with the one that was probably meant.
+/// Throws for an unknown command, with the most similar one.
 void requireCommand(const CLI::App& app, const std::string& word)
 {
     std::vector<std::string> names;
@@ -73,14 +73,14 @@ int runCommandLine(CLI::App& app, int argc, char** argv)
 
 int main(int argc, char** argv)
 try {
-    std::setlocale(LC_CTYPE, "C.UTF-8"); // names are UTF-8 in every language
+    std::setlocale(LC_CTYPE, "C.UTF-8"); // names are UTF-8
     CLI::App app{"Discovers, monitors and combines audio devices", "dxr"};
     app.set_version_flag("--version,-V", std::string("dxr ") + DXRVersionString());
     app.require_subcommand(1);
     for (const auto registerCommand : commands)
         registerCommand(app);
     Interrupts::endProcess(runCommandLine(app, argc, argv));
-} catch (...) { // not even the message of what was wrong could be put together
+} catch (...) { // no memory for a message
     std::fputs("dxr: out of memory\n", stderr);
     return ToolFailure::exitStatus;
 }

@@ -6,23 +6,21 @@
 
 #include <algorithm>
 #include <cmath>
+#include <dxr/CXStringAdditions.h>
 #include <fstream>
 
 namespace {
 
 std::string escaped(const std::string& text)
 {
-    std::string safe;
-    for (const char character : singleLine(text))
-        safe += character == '&'   ? "&amp;"
-                : character == '<' ? "&lt;"
-                : character == '>' ? "&gt;"
-                : character == '"' ? "&quot;"
-                                   : std::string(1, character);
+    std::string safe = singleLine(text);
+    for (const auto& [character, entity] :
+         {std::pair("&", "&amp;"), {"<", "&lt;"}, {">", "&gt;"}, {"\"", "&quot;"}}) // & first
+        simpleReplace(safe, character, entity);
     return safe;
 }
 
-/// 1, 2 or 5 times a power of ten: some five of it make `span`, which is above 0.
+/// 1, 2 or 5 times a power of ten, about a fifth of `span`, which is above 0.
 double niceStep(double span)
 {
     const double decade = std::pow(10.0, std::floor(std::log10(span / 5.0)));

@@ -1,52 +1,43 @@
 #pragma once
 
-#include <cstdio>
+#include <dxr/CXPlist.h>
 #include <dxr/DXRCycleTrace.h>
-#include <memory>
-#include <string>
+#include <fstream>
 
-/// Writes the trace of a runner as Chrome trace events, which chrome://tracing and Perfetto show: a track of cycles, with
-/// the blocks' run within each, a track of contexts, counters for how late cycles came and how long they took, and marks
-/// where something happened. Written as it comes: what is on the disk can be opened even if the process is killed, since
-/// readers of the format do not insist on its end.
+/// Writes the trace of a runner as Chrome trace events, for chrome://tracing and Perfetto: a track of cycles
+/// with their blocks, a track of contexts, counters for lateness and run time, and marks of events. A file
+/// that is cut short, because the process was killed, can still be opened.
 /// Threads: one.
 class ChromeTraceWriter {
 public:
-    /// Makes or empties the file; `title` is any text. Throws ToolFailure when it cannot be written.
+    /// Makes or empties the file; `title` may be any text. Throws ToolFailure when it cannot be written.
     ChromeTraceWriter(const std::string& path, const std::string& title);
-    ~ChromeTraceWriter() = default;
-    ChromeTraceWriter(const ChromeTraceWriter&) = delete;
-    ChromeTraceWriter& operator=(const ChromeTraceWriter&) = delete;
 
-    /// Records, in the order in which the runner wrote them. Throws ToolFailure when the file takes no more.
+    /// Records, in their order. Throws ToolFailure when they cannot be written.
     void write(std::span<const DXRCycleRecord> records);
-    /// A mark at the time of the last record, of any text.
-    void mark(const std::string& what);
-    /// Ends the file. Throws ToolFailure when it cannot be written to its end.
+    /// A mark at the time of the last record; any text.
+    void mark(const std::string& text) { _mark(_lastTicks != 0 ? _lastTicks : _beginTicks, text); }
+    /// Ends the file. Throws ToolFailure when it cannot be written.
     void finish();
 
 private:
-    struct Closer {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-
-    void _put(const std::string& event);
+    void _put(CXPlist event);
+    void _putTrackName(int track, const char* name);
+    void _putSpan(int track, const std::string& name, uint64_t beginTicks, uint64_t endTicks,
+                  const CXPlist& arguments = CXPlist::object());
+    void _putCounter(const char* name, uint64_t ticks, uint64_t value);
     void _putCycle(const DXRCycleRecord& record);
     void _putContext(const DXRCycleRecord& record);
-    void _putContextSpan(uint64_t endTicks);
-    void _mark(uint64_t ticks, const std::string& what);
+    void _endContext(uint64_t ticks);
+    void _mark(uint64_t ticks, const std::string& text);
     double _microseconds(uint64_t ticks) const;
-    void _check(bool isGood);
+    void _check();
 
     const std::string _name; // printable
-    std::unique_ptr<std::FILE, Closer> _file;
-    bool _isFirst = true;
+    std::ofstream _file;
     uint64_t _beginTicks = 0; // of the first record
     uint64_t _lastTicks = 0;
     DXRCycleRecord _lastCycle; // of context None after a change of context
-    DXRCycleRecord _context;   // the start of the one that runs; of context None while none does
+    DXRCycleRecord _context;   // the start of the present one; of context None without one
     uint64_t _droppedRecords = 0;
 };
-
-/// "device", "aggregate", "timer", or "none".
-const char* nameOf(DXRCycleRecord::Context context);

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t maxStretches = 800;
 constexpr double laneHeight = 26.0, barHeight = 14.0, panelHeight = 170.0;
-constexpr double shortestSeconds = 3.16e-7, longestSeconds = 0.1; // of the times that are shown
+constexpr double shortestSeconds = 3.16e-7, longestSeconds = 0.1; // of the axes
 
 constexpr const char* latenessColour = "#e07a3f";
 constexpr const char* runColour = "#3b82c4";
@@ -40,7 +40,7 @@ std::string timeText(double seconds)
 
 } // namespace
 
-// ---- Taking in
+// ---- Records
 
 void CyclePicture::Stretch::take(const Stretch& next)
 {
@@ -105,7 +105,7 @@ void CyclePicture::note(const DXRCycleRecord& record)
     stretch.latest = std::max(stretch.latest, begin - due);
     stretch.lateCycles += record.deadlineTicks != 0 && record.endTicks > record.deadlineTicks;
     if (record.context == Context::Timer)
-        return; // nobody hears it
+        return; // it plays on no device
     _lateness.note(begin - due);
     _waits.note(secondsAt(record.blocksBeginTicks) - begin);
     _runs.note(run);
@@ -141,7 +141,7 @@ double CyclePicture::_x(double seconds) const
     return Chart::left + (Chart::right - Chart::left) * _timeAxis().share(seconds);
 }
 
-/// Where cycles came from in a stretch; one too short for a cycle goes with the one before.
+/// The sources of the cycles in a stretch; in one too short for a cycle, those of the stretch before.
 uint32_t CyclePicture::_contextsIn(size_t stretch) const
 {
     const bool isShort = _stretchSeconds < 1.5 * _cycleSeconds;
@@ -149,16 +149,16 @@ uint32_t CyclePicture::_contextsIn(size_t stretch) const
                                                                        : _stretches[stretch].contexts;
 }
 
-/// The lanes of the contexts and of the devices, one under the other. Returns where they end.
+/// Lanes of the contexts and the devices. Returns the y below them.
 double CyclePicture::_drawLanes(Chart& chart, double top, const std::vector<std::string>& deviceNames) const
 {
     constexpr size_t maxLanes = 16, nameColumns = 24;
     const bool hasRemarks = !_remarks.empty();
-    chart.text({Chart::left - 12.0, top + 11.0}, "cycles come from", {Chart::ink, 12.0, "end"});
+    chart.text({Chart::left - 12.0, top + 11.0}, "source of the cycles", {Chart::ink, 12.0, "end"});
     _drawContexts(chart, top);
     for (size_t device = 0; device < std::min(deviceNames.size(), maxLanes); ++device) {
         top += device == 0 || !hasRemarks ? laneHeight : laneHeight + 12.0;
-        const std::string name = clipToWidth(singleLine(deviceNames[device]), nameColumns);
+        const std::string name = shortText(deviceNames[device], nameColumns);
         chart.text({Chart::left - 12.0, top + 11.0}, name, {Chart::ink, 12.0, "end"});
         _drawDevice(chart, top, device);
     }
@@ -188,7 +188,7 @@ void CyclePicture::_drawContexts(Chart& chart, double top) const
 
 void CyclePicture::_drawDevice(Chart& chart, double top, size_t device) const
 {
-    bool isConnected = false; // as last noted
+    bool isConnected = false;
     double from = 0.0;
     for (size_t i = 0; i <= _stretches.size(); ++i) {
         const double at = static_cast<double>(i) * _stretchSeconds;
@@ -204,7 +204,7 @@ void CyclePicture::_drawDevice(Chart& chart, double top, size_t device) const
     for (const Remark& remark : _remarks)
         if (remark.device == device) {
             chart.circle({_x(remark.seconds), top + barHeight / 2.0}, 4.0, Chart::ink);
-            chart.text({_x(remark.seconds), top + barHeight + 12.0}, clipToWidth(singleLine(remark.text), 40),
+            chart.text({_x(remark.seconds), top + barHeight + 12.0}, shortText(remark.text, 40),
                        {Chart::ink, 10.5, remark.seconds > 0.7 * _duration() ? "end" : "start"});
         }
 }
@@ -235,31 +235,30 @@ void CyclePicture::_drawProgress(Chart& chart, double top, double height, double
             points.push_back({stretch.firstSeconds, 1e3 * (runnerSeconds - stretch.firstSeconds)});
             differences.push_back(points.back().y);
         }
-    const auto [least, most] = std::ranges::minmax(differences.empty() ? std::vector{0.0} : differences);
-    const double room = std::max(0.15 * (most - least), 2.5);
-    ChartPanel(chart, top, height, "the runner's time less the wall clock: falls while no block is called",
-               _timeAxis(), {least - room, most + room, chartLabel(" ms")})
+    const auto [min, max] = std::ranges::minmax(differences.empty() ? std::vector{0.0} : differences);
+    const double room = std::max(0.15 * (max - min), 2.5);
+    ChartPanel(chart, top, height, "the runner's time less the clock: falls while no block is called",
+               _timeAxis(), {min - room, max + room, chartLabel(" ms")})
         .curve(points, Chart::ink);
 }
 
-/// Returns where it ends.
+/// Returns the y below it.
 double CyclePicture::_drawDistribution(Chart& chart, double top, double height) const
 {
     const struct {
         const TickHistogram& histogram;
         const char* name;
         const char* colour;
-    } curves[] = {{_lateness, "came in after it was due", latenessColour},
-                  {_waits, "waited for its turn", waitColour},
+    } curves[] = {{_lateness, "began after it was due", latenessColour},
+                  {_waits, "waited for the queue", waitColour},
                   {_runs, "blocks ran", runColour},
-                  {_ends, "done after it was due", endColour}};
+                  {_ends, "ended after it was due", endColour}};
     const double decades =
         std::max(1.0, std::ceil(std::log10(std::max<double>(1.0, static_cast<double>(_runs.count())))));
     ChartPanel panel(chart, top, height, "how many cycles took how long (both scales logarithmic)",
                      {shortestSeconds, longestSeconds, timeText, true},
                      {0.8, std::pow(10.0, decades),
-                      [](double count) { return formatCount(static_cast<uint64_t>(count + 0.5), "", ""); },
-                      true});
+                      [](double count) { return formatNumber(static_cast<uint64_t>(count + 0.5)); }, true});
     double row = panel.bottom() + 44.0;
     const auto cells = [&](const std::vector<std::string>& texts, const char* colour) {
         for (size_t i = 0; i < texts.size(); ++i)
@@ -267,9 +266,8 @@ double CyclePicture::_drawDistribution(Chart& chart, double top, double height) 
                        texts[i], {colour, 12.0, i == 0 ? "start" : "end"});
         row += 18.0;
     };
-    cells(
-        {formatCount(_runs.count(), "cycle", "cycles") + " of devices", "half", "99 %", "99.9 %", "longest"},
-        Chart::faint);
+    cells({formatCount(_runs.count(), "cycle") + " of devices", "half", "99 %", "99.9 %", "longest"},
+          Chart::faint);
     for (const auto& [histogram, name, colour] : curves) {
         std::vector<Chart::Point> steps;
         for (size_t bin = 0; bin < TickHistogram::binCount; ++bin)
@@ -297,8 +295,8 @@ std::string CyclePicture::svg(double sampleRate, const std::vector<std::string>&
     _drawTimes(ChartPanel(chart, top, panelHeight, "the worst cycle of each moment", _timeAxis(),
                           {shortestSeconds, longestSeconds, timeText, true},
                           {{"blocks ran", runColour},
-                           {"came in after it was due", latenessColour},
-                           {"what a cycle has, and cycles that took longer", deadlineColour}}));
+                           {"began after it was due", latenessColour},
+                           {"the duration of a cycle, and cycles that took longer", deadlineColour}}));
     top += panelHeight + ChartPanel::below;
     _drawProgress(chart, top, smallHeight, sampleRate);
     for (const Panel& each : _panels) {

@@ -1,26 +1,47 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 
-/// How long something took, how often: counts of durations in bins of equal ratio, 24 to a decade, from a hundred
-/// nanoseconds to ten seconds; what is shorter or longer is in the first or last. It does not grow.
+/// Counts durations in bins of equal ratio, 24 to a decade, from 100 ns to 10 s; others are in the first or
+/// last.
 /// Threads: one.
 class TickHistogram {
 public:
     static constexpr size_t binsPerDecade = 24;
     static constexpr size_t binCount = 8 * binsPerDecade;
-    static constexpr double shortestSeconds = 1e-7;
+    static constexpr double minSeconds = 1e-7;
 
-    void note(double seconds);
+    void note(double seconds)
+    {
+        const double place = std::log10(std::max(seconds, minSeconds) / minSeconds) * binsPerDecade;
+        ++_bins[std::min(static_cast<size_t>(place), binCount - 1)];
+        ++_count;
+        _longest = std::max(_longest, seconds);
+    }
     uint64_t count() const { return _count; }
     double longestSeconds() const { return _longest; }
     uint64_t countIn(size_t bin) const { return _bins[bin]; }
-    /// Where a bin begins; of binCount where the last ends.
-    static double beginOf(size_t bin);
-    /// What `share`, 0 to 1, of all durations do not exceed: to within a bin, and never more than the longest. 0 of none.
-    double quantileSeconds(double share) const;
+    /// binCount begins where the last bin ends.
+    static double beginOf(size_t bin)
+    {
+        return minSeconds * std::pow(10.0, static_cast<double>(bin) / binsPerDecade);
+    }
+    /// The duration that `share`, 0 to 1, of all do not exceed, to within a bin; 0 without any.
+    double quantileSeconds(double share) const
+    {
+        const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(_count)));
+        uint64_t seen = 0;
+        for (size_t bin = 0; bin < binCount; ++bin) {
+            seen += _bins[bin];
+            if (seen >= wanted && seen > 0)
+                return std::min(beginOf(bin + 1), _longest);
+        }
+        return _longest;
+    }
 
 private:
     std::array<uint64_t, binCount> _bins{};

@@ -1,7 +1,7 @@
 #include "Commands.h"
+
 #include "DeviceLookup.h"
 #include "DeviceProperties.h"
-#include "DeviceSettings.h"
 #include "DisplayText.h"
 #include "HardwareChoice.h"
 #include "LiveLines.h"
@@ -45,7 +45,7 @@ public:
         const HALStatus status =
             AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(description).get(), &_deviceID);
         if (status != kAudioHardwareNoError)
-            throw ToolFailure("these devices cannot be joined: " + textOf(status) +
+            throw ToolFailure("these devices cannot be combined: " + textOf(status) +
                               (options.clock ? "; is the clock device one of them?" : ""));
     }
     ~Aggregate() { AudioHardwareDestroyAggregateDevice(_deviceID); }
@@ -53,7 +53,7 @@ public:
     Aggregate& operator=(const Aggregate&) = delete;
 
     AudioObjectID deviceID() const { return _deviceID; }
-    /// With its device objects, which are there a moment after it was made.
+    /// Once the device manager has its device objects.
     DeviceReport report() const
     {
         std::optional<DeviceReport> report;
@@ -70,8 +70,7 @@ public:
     /// One line for each sub-device.
     std::vector<std::string> lines() const
     {
-        const auto all = readList<AudioAggregateSubDeviceStatus>(
-            _deviceID, addressOf(kAudioAggregateDevicePropertySubDeviceStatus));
+        const std::vector<AudioAggregateSubDeviceStatus> all = subDeviceStatus(_deviceID);
         size_t widest = 0;
         for (const std::string& name : _names)
             widest = std::max(widest, displayWidth(name));
@@ -89,7 +88,7 @@ private:
         if (status.isClock)
             return "clock";
         if (!status.isRunning)
-            return "does not run";
+            return "not running";
         std::string text =
             status.isCompensated ? formatText("%+9.3f ppm", status.partsPerMillion) : "same clock";
         if (status.inputDelayFrames > 0.0)
@@ -97,15 +96,15 @@ private:
         if (status.outputDelayFrames > 0.0)
             text +=
                 formatText("  out %6.0f of %.0f frames", status.outputLevelFrames, status.outputDelayFrames);
-        return text + "  " + formatCount(status.resynchronisations, "resync", "resyncs") + "  " +
-               formatCount(status.lostFrames, "frame", "frames") + " lost";
+        return text + "  " + formatCount(status.resynchronisations, "resync") + "  " +
+               formatCount(status.lostFrames, "frame") + " lost";
     }
 
     AudioObjectID _deviceID = kAudioObjectUnknown;
     std::vector<std::string> _names; // printable
 };
 
-/// Runs the aggregate, silent, until the time is over or the user ends it.
+/// Runs the aggregate silently until the time is over or the user ends it.
 void runSession(RunnerSession& session, const Aggregate& aggregate, std::optional<double> seconds)
 {
     constexpr int tickMilliseconds = 200;
@@ -129,19 +128,20 @@ void runSession(RunnerSession& session, const Aggregate& aggregate, std::optiona
             std::cout << line << "\n";
 }
 
-void run(const Options& options)
+void run(Options& options)
 {
     options.hardware.apply();
     const Interrupts interrupts;
     const Aggregate aggregate(options);
-    const std::string name = clipToWidth(singleLine(options.name), 40);
+    const std::string name = shortText(options.name, 40);
     if (options.rate)
         setSampleRate(name, aggregate.deviceID(), *options.rate);
     if (options.frames)
-        setBufferFrameSize(name, aggregate.deviceID(), *options.frames);
+        setAndWait(name, aggregate.deviceID(), DXRPropertyAddress::deviceBufferFrameSize(), *options.frames,
+                   formatText("cycle of %u frames", *options.frames));
     const DeviceReport device = aggregate.report();
     RunnerSession session(interrupts, std::nullopt, std::nullopt);
-    // One direction runs all of it; of two, the runner would make an aggregate of its own.
+    // One direction runs the whole; for both, the runner would create another aggregate.
     const bool hasOutput = device[HALDirection::Output].channelCount > 0;
     session.add(DeviceSelection::of(device, hasOutput ? HALDirection::Output : HALDirection::Input),
                 [hasOutput](uint64_t, DXRBuffer& buffer) {
@@ -159,19 +159,20 @@ void run(const Options& options)
 
 void registerAggregateCommand(CLI::App& app)
 {
-    CLI::App* aggregate = app.add_subcommand("aggregate", "Devices that are several devices");
+    CLI::App* aggregate = app.add_subcommand("aggregate", "Devices that consist of several devices");
     aggregate->require_subcommand(1);
-    CLI::App* command = aggregate->add_subcommand(
-        "create", "Join devices to one for as long as this runs, and show how their clocks do");
-    const auto options = std::make_shared<Options>(*command);
-    command->add_option("name", options->name, "What to call it")->required();
+    const auto [command, options] =
+        addCommand(*aggregate, "create",
+                   "Combine devices into one while this runs, and show how their clocks differ", run);
+    command.add_option("name", options.name, "The name of the new device")->required();
     command
-        ->add_option("devices", options->devices,
-                     "The devices, in the order of their channels: UID, reference, or a part of the name")
+        .add_option("devices", options.devices,
+                    "The devices, in the order of their channels: UID, reference, or a part of the name")
         ->required();
-    command->add_option("--clock", options->clock, "The device whose clock leads; the first without it");
-    command->add_option("--frames", options->frames, "Frames of a cycle")->check(CLI::PositiveNumber);
-    command->add_option("--rate", options->rate, "The sample rate, in Hz")->check(CLI::PositiveNumber);
-    command->add_option("--seconds", options->seconds, "End after so long")->check(CLI::PositiveNumber);
-    command->callback([options] { run(*options); });
+    command.add_option("--clock", options.clock,
+                       "The device whose clock the others follow; the first if not given");
+    command.add_option("--frames", options.frames, "Frames of a cycle")->check(CLI::PositiveNumber);
+    command.add_option("--rate", options.rate, "The sample rate in Hz")->check(CLI::PositiveNumber);
+    command.add_option("--seconds", options.seconds, "The duration; until Ctrl-C if not given")
+        ->check(CLI::PositiveNumber);
 }

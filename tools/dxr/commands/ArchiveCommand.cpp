@@ -8,57 +8,50 @@
 
 #include <cerrno>
 #include <cstring>
+#include <dxr/CXJSON.h>
 #include <dxr/DXRDeviceManager.h>
 #include <fstream>
 #include <iostream>
 
 namespace {
 
-constexpr size_t longestArchive = 1U << 20; // bytes; an archive takes some hundreds
-
 struct ShowOptions {
     explicit ShowOptions(CLI::App& command) : hardware(command) {}
     HardwareChoice hardware;
     std::string file;
-    bool json = false;
+    bool asJSON = false;
 };
 
-void archive(const DeviceArgument& argument)
+void archive(DeviceArgument& argument)
 {
-    const auto bytes = DXRDeviceManager::archiveForDevice(argument.find()).value();
+    const auto bytes = DXRDeviceManager::archiveForDevice(argument.device()).value();
     std::cout.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-std::string contentOf(const std::string& path)
+std::string contentOf(const std::string& path, const std::string& shown)
 {
-    const std::string shown = clipToWidth(singleLine(path), 60);
     std::ifstream file(path, std::ios::binary);
-    std::string content(longestArchive + 1, '\0');
+    std::string content(CXJSONMaximumBytes + 1, '\0');
     if (!file || !file.read(content.data(), static_cast<std::streamsize>(content.size())).eof())
-        throw ToolFailure(shown + ": " + (file ? "too large for a device's archive" : std::strerror(errno)));
+        throw ToolFailure(shown + ": " + (file ? "too large for a device archive" : std::strerror(errno)));
     content.resize(static_cast<size_t>(file.gcount()));
     return content;
 }
 
-void show(const ShowOptions& options)
+void show(ShowOptions& options)
 {
     options.hardware.apply();
-    const std::string content = contentOf(options.file);
+    const std::string shown = shortText(options.file, 60);
+    const std::string content = contentOf(options.file, shown);
     const CXRef<DXRDevice> device =
         DXRDeviceManager::sharedDeviceManager().deviceFromArchive(std::as_bytes(std::span(content)));
     if (!device)
-        throw ToolFailure(clipToWidth(singleLine(options.file), 60) + ": not a device's archive");
+        throw ToolFailure(shown + ": not a device archive");
     const Terminal terminal;
-    if (options.json) {
+    if (options.asJSON) {
         std::cout << jsonText(device->archive(), 2, terminal.isLive()) << "\n";
         return;
     }
-    std::string rates;
-    for (const double rate : device->availableSampleRates())
-        rates += (rates.empty() ? "" : ", ") + formatRate(rate);
-    std::string sources;
-    for (const std::string& source : device->availableSources())
-        sources += (sources.empty() ? "" : ", ") + source;
     const std::pair<const char*, std::string> fields[] = {
         {"Connected", device->isConnected() ? "yes, ID " + std::to_string(device->deviceID()) : "no"},
         {"Direction", device->isInput() ? "input" : "output"},
@@ -67,9 +60,9 @@ void show(const ShowOptions& options)
         {"Model", device->model()},
         {"Channels", std::to_string(device->channelCount())},
         {"Sample rate", formatRate(device->sampleRate())},
-        {"Possible rates", rates},
+        {"Possible rates", joined(device->availableSampleRates(), ", ", formatRate)},
         {"Source", device->source()},
-        {"Sources", sources},
+        {"Sources", joined(device->availableSources(), ", ")},
         {"Volume", device->hasVolume() ? formatPercent(device->volume()) : "no control"},
         {"Mute", !device->hasMute()  ? "no control"
                  : device->isMuted() ? "on"
@@ -80,10 +73,10 @@ void show(const ShowOptions& options)
         std::cout << formatText("%-16s", label) << (value.empty() ? "-" : singleLine(value)) << "\n";
 }
 
-void printReference(const DeviceArgument& argument)
+void printReference(DeviceArgument& argument)
 {
     const Terminal terminal;
-    const std::string text = argument.find()->reference()->string();
+    const std::string text = argument.device()->reference()->string();
     std::cout << jsonText(CXPlist::parse(text, nullptr, false), -1, terminal.isLive()) << "\n";
 }
 
@@ -91,17 +84,10 @@ void printReference(const DeviceArgument& argument)
 
 void registerArchiveCommands(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("archive", "Write what describes a device while it is absent");
-    const auto archived = std::make_shared<DeviceArgument>(*command);
-    command->callback([archived] { archive(*archived); });
-
-    command = app.add_subcommand("show", "Describe the device of an archive, absent or not");
-    const auto shown = std::make_shared<ShowOptions>(*command);
-    command->add_option("file", shown->file, "What 'dxr archive' has written")->required();
-    command->add_flag("--json", shown->json, "As JSON");
-    command->callback([shown] { show(*shown); });
-
-    command = app.add_subcommand("ref", "Print the reference that names a device wherever it is plugged in");
-    const auto referred = std::make_shared<DeviceArgument>(*command);
-    command->callback([referred] { printReference(*referred); });
+    addCommand(app, "archive", "Write the description of a device for when it is disconnected", archive);
+    addCommand(app, "ref", "Print the reference of a device, which names it in any port", printReference);
+    const auto [command, options] =
+        addCommand(app, "show", "Describe the device of an archive, connected or not", show);
+    command.add_option("file", options.file, "An archive by 'dxr archive'")->required();
+    command.add_flag("--json", options.asJSON, "As JSON");
 }

@@ -1,8 +1,24 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <memory>
 
-// Each adds one or a few commands to the command line; their files have their names.
+/// Adds a command to `parent`. Its options are constructed with it, if they can be, and passed to `run`.
+template <class Options>
+std::pair<CLI::App&, Options&> addCommand(CLI::App& parent, const char* name, const char* about,
+                                          void (*run)(Options&))
+{
+    CLI::App* const command = parent.add_subcommand(name, about);
+    std::shared_ptr<Options> options;
+    if constexpr (std::is_constructible_v<Options, CLI::App&>)
+        options = std::make_shared<Options>(*command);
+    else
+        options = std::make_shared<Options>();
+    command->callback([options, run] { run(*options); });
+    return {*command, *options};
+}
+
+// Each adds the commands of the file of its name.
 
 void registerListCommand(CLI::App& app);
 void registerWatchCommand(CLI::App& app);
@@ -20,5 +36,5 @@ void registerResampleCommand(CLI::App& app);
 void registerPlotCommand(CLI::App& app); ///< plot response, plot drift
 void registerPlotDriftCommand(CLI::App& plot);
 void registerAggregateCommand(CLI::App& app);
-/// manual, completion: made from the commands that `app` has; the last to be registered.
+/// manual, completion: about the commands of `app`, which must be registered before.
 void registerPagesCommands(CLI::App& app);

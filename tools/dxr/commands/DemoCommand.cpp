@@ -1,17 +1,18 @@
 #include "Commands.h"
+
 #include "CyclePicture.h"
 #include "DemoClaim.h"
-#include "DemoScript.h"
 #include "DeviceTable.h"
 #include "DisplayText.h"
 #include "LoopPatch.h"
-#include "PrivateSettings.h"
 #include "SessionScreen.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <dxr/CXMainBundle.h>
 #include <dxr/DXRDeviceManager.h>
 #include <dxr/DXRVersion.h>
@@ -24,6 +25,7 @@
 namespace {
 
 using Device = DemoStage::Device;
+using dxr::HostClock;
 
 constexpr double rememberedVolume = 0.6;
 constexpr const char* volumeKey = "volume";
@@ -34,11 +36,37 @@ constexpr const char* colours[] = {"#e07a3f", "#3b82c4", "#43a68b"}; // of the d
 struct Options {
     double seconds = 18.0;
     std::string picture = "out/demo.svg";
-    bool isSimulated = false; // it always is; the flag is taken because every command has it
+    bool isSimulated = false; // always; the option exists because every command has it
 };
 
-/// One run of the demo, from the first device to the picture: a session of the runner over simulated devices, to which the
-/// script happens, and what can be said of it.
+/// Stored settings for this process alone: empty at first, and removed at the end. The user's own are not
+/// used.
+/// Threads: one; no other may be running when it is made.
+class PrivateSettings {
+public:
+    PrivateSettings()
+    {
+        std::error_code ignored;
+        std::string folder = std::filesystem::temp_directory_path(ignored) / "dxr-demo-XXXXXX";
+        if (ignored || !mkdtemp(folder.data()))
+            throw ToolFailure(folder + ": cannot be made: " + std::strerror(errno));
+        _folder = folder;
+        setenv("XDG_DATA_HOME", folder.c_str(), 1); // the library's place for settings
+        CXSetMainBundleIdentifier("dxr.demo");
+    }
+    ~PrivateSettings()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(_folder, ignored);
+    }
+    PrivateSettings(const PrivateSettings&) = delete;
+    PrivateSettings& operator=(const PrivateSettings&) = delete;
+
+private:
+    std::filesystem::path _folder;
+};
+
+/// One run of the demo: a session over simulated devices, the script, and what is measured.
 class Demo {
 public:
     explicit Demo(const Options& options);
@@ -46,31 +74,28 @@ public:
     Demo(const Demo&) = delete;
     Demo& operator=(const Demo&) = delete;
 
-    /// Throws ToolFailure when not everything was as it is promised.
+    /// Throws ToolFailure when it is stopped, or a claim is not confirmed.
     void run();
 
 private:
-    static DXRDeviceManager& managerOf(DemoStage& stage);
-    DeviceSelection _selection(Device device) const;
     void _introduce() const;
     bool _perform();
-    void _doSteps();
+    void _performSteps();
     void _devicesChanged(const DXRDeviceManager::Devices& connected,
                          const DXRDeviceManager::Devices& disconnected);
     void _applySettings(const CXRef<DXRDevice>& device);
-    void _look();
-    void _print(const std::string& what) { _screen.print(formatSeconds(_session.seconds()) + "  " + what); }
-    bool _sumUp();
-    void _drawPicture(const std::string& results, std::span<const DemoTone> tones);
+    void _noteState();
+    void _print(const std::string& text) { _screen.print(formatSeconds(_session.seconds()) + "  " + text); }
     DemoClaim _reported() const;
     DemoClaim _known() const;
+    bool _sumUp();
+    void _drawPicture(const std::string& results, std::span<const DemoTone> tones);
 
     const Options _options;
     const PrivateSettings _settings;
     DemoStage _stage;
     DXRDeviceManager& _manager;
-    std::array<CXRef<DXRDevice>, DemoStage::devices.size()> _devices;
-    DemoScript _script;
+    std::vector<DeviceSelection> _devices; // by Device
     const Interrupts _interrupts;
     RunnerSession _session{_interrupts, frameCount, sampleRate};
     SessionScreen _screen{_session};
@@ -82,49 +107,41 @@ private:
     std::array<CyclePicture::Panel::Curve, DemoStage::devices.size()> _drifts;
     std::vector<DemoStretch> _stretches; // the last one's end is open
     std::string _context;                // as last printed
-    bool _isOpen = false;
-    // When the last step of each device was done, until its change is reported.
+    // Of each device, the time of its last step, until its change is reported.
     std::array<std::optional<uint64_t>, DemoStage::devices.size()> _pending;
-    size_t _stepsDone = 0, _stepsReported = 0;
-    double _slowestSeconds = 0.0;
-    std::vector<std::string> _headphoneUIDs; // under which they came
+    size_t _stepsReported = 0;
+    double _slowestSeconds = 0.0; // from a step to the report
+    std::string _firstUID;        // of the headphones
 };
 
-DXRDeviceManager& Demo::managerOf(DemoStage& stage)
-{
-    CXSetMainBundleIdentifier("dxr.demo");
-    for (const Device device : DemoStage::devices)
-        stage.plug(device);
-    return DXRDeviceManager::sharedDeviceManager();
-}
-
 Demo::Demo(const Options& options)
-    : _options(options), _stage(options.seconds + 5.0), _manager(managerOf(_stage)),
-      _script(_stage, options.seconds)
+    : _options(options), _stage(options.seconds), _manager(DXRDeviceManager::sharedDeviceManager()),
+      _firstUID(_stage.uidOf(DemoStage::Headphones))
 {
     for (const Device device : DemoStage::devices) {
-        _devices[device] =
-            _manager.deviceWithDeviceUID(_stage.uidOf(device), DemoStage::factsOf(device).isInput);
-        if (!_devices[device])
-            throw ToolFailure("a device of the simulated computer is missing");
-        _drifts[device] = {DemoStage::factsOf(device).name, colours[device], {}};
+        const DemoStage::Facts& facts = DemoStage::factsOf(device);
+        _devices.push_back(DeviceSelection::find(_stage.uidOf(device), facts.direction));
+        _drifts[device] = {facts.name, colours[device], {}};
     }
-    _headphoneUIDs.push_back(_stage.uidOf(DemoStage::Headphones));
-    _devices[DemoStage::Headphones]->setOverride(rememberedVolume, volumeKey);
-    if (!_devices[DemoStage::Headphones]->setVolume(rememberedVolume))
+    const CXRef<DXRDevice>& headphones = _devices[DemoStage::Headphones].device;
+    headphones->setOverride(rememberedVolume, volumeKey);
+    if (!headphones->setVolume(rememberedVolume))
         throw ToolFailure("the simulated headphones have no volume");
     _notifier = [this](const auto& connected, const auto& disconnected, const auto&) {
         _devicesChanged(connected, disconnected);
     };
     _manager.addDeviceNotifier(CXRef<dxr::WorkQueue>(&dxr::MainQueue::shared()), _notifier);
-    _patch =
-        LoopPatch::initWithSelections({_selection(DemoStage::Microphone)},
-                                      {_selection(DemoStage::Monitors), _selection(DemoStage::Headphones)});
+    _patch = LoopPatch::initWithSelections({_devices[DemoStage::Microphone]},
+                                           {_devices[DemoStage::Monitors], _devices[DemoStage::Headphones]});
     _patch->addTo(_session);
     _session.setRecords([this](std::span<const DXRCycleRecord> records) {
         _records.insert(_records.end(), records.begin(), records.end());
         for (const DXRCycleRecord& record : records)
             _picture.note(record);
+    });
+    _session.setSettled([this] {
+        _patch->setOpen();
+        _stretches.back().from = HostClock::nowTicks();
     });
 }
 
@@ -134,25 +151,16 @@ Demo::~Demo()
     _manager.removeDeviceNotifier(_notifier);
 }
 
-DeviceSelection Demo::_selection(Device device) const
-{
-    const std::optional<DeviceReport> report = DeviceReport::read(_devices[device]->deviceID());
-    if (!report)
-        throw ToolFailure("a device of the simulated computer is missing");
-    const bool isInput = DemoStage::factsOf(device).isInput;
-    return DeviceSelection::of(*report, isInput ? HALDirection::Input : HALDirection::Output);
-}
-
 void Demo::run()
 {
     const std::filesystem::path path(_options.picture);
     std::error_code ignored;
     if (path.has_parent_path())
         std::filesystem::create_directories(path.parent_path(), ignored);
-    const bool isThere = std::filesystem::exists(path, ignored);
-    if (!std::ofstream(path, std::ios::app)) // reported at once, not after the show
+    const bool exists = std::filesystem::exists(path, ignored);
+    if (!std::ofstream(path, std::ios::app)) // reported now, not after the run
         throw ToolFailure(singleLine(_options.picture) + ": cannot be written");
-    if (!isThere)
+    if (!exists)
         std::filesystem::remove(path, ignored);
     _introduce();
     if (!_perform())
@@ -176,7 +184,7 @@ void Demo::_introduce() const
         std::cout << row << "\n";
     std::cout << "\n";
     print("Stage Microphone -> Studio Monitors and Headphones", Style::Bold);
-    print(formatText("%s, blocks of %u frames; the devices run at other rates, and come and go.",
+    print(formatText("%s, blocks of %u frames; the devices run at other rates, and connect and disconnect.",
                      formatRate(sampleRate).c_str(), frameCount),
           Style::Dim);
     std::cout << std::endl;
@@ -185,35 +193,32 @@ void Demo::_introduce() const
 /// False when the user has ended it early.
 bool Demo::_perform()
 {
-    _stretches.push_back({dxr::HostClock::nowTicks(), 0, {true, true, true}});
+    _stretches.push_back({HostClock::nowTicks(), 0, {true, true, true}});
     bool goesOn = _session.start();
     while (goesOn && _session.seconds() < _options.seconds) {
-        _doSteps();
+        _performSteps();
         goesOn = _screen.wait();
-        _look();
+        _noteState();
         _screen.draw(_patch->meters(), formatSeconds(_session.seconds()) +
                                            formatText(" of %.0f s   ", _options.seconds) + _context);
     }
-    _stretches.back().to = dxr::HostClock::nowTicks();
+    _stretches.back().to = HostClock::nowTicks();
     _session.stop();
     _screen.finish("");
     return goesOn;
 }
 
-void Demo::_doSteps()
+void Demo::_performSteps()
 {
     for (;;) {
-        const uint64_t before = dxr::HostClock::nowTicks();
-        const std::optional<DemoScript::Step> step = _script.doNext(_session.seconds());
+        const uint64_t before = HostClock::nowTicks();
+        const std::optional<DemoStage::Step> step = _stage.performNext(_session.seconds());
         if (!step)
             return;
-        ++_stepsDone;
         _pending[step->device] = before;
-        if (step->isPlug && step->device == DemoStage::Headphones)
-            _headphoneUIDs.push_back(_stage.uidOf(DemoStage::Headphones));
         DemoStretch next = _stretches.back();
         _stretches.back().to = before;
-        next.from = dxr::HostClock::nowTicks();
+        next.from = HostClock::nowTicks();
         next.isPlugged[step->device] = step->isPlug;
         _stretches.push_back(next);
     }
@@ -222,21 +227,19 @@ void Demo::_doSteps()
 void Demo::_devicesChanged(const DXRDeviceManager::Devices& connected,
                            const DXRDeviceManager::Devices& disconnected)
 {
-    const uint64_t now = dxr::HostClock::nowTicks();
+    const uint64_t now = HostClock::nowTicks();
     for (const Device device : DemoStage::devices) {
-        if (!connected.contains(_devices[device]) && !disconnected.contains(_devices[device]))
+        const CXRef<DXRDevice>& object = _devices[device].device;
+        if (!_pending[device] || (!connected.contains(object) && !disconnected.contains(object)))
             continue;
-        if (_pending[device]) {
-            _slowestSeconds = std::max(_slowestSeconds, secondsOf(now - *_pending[device]));
-            ++_stepsReported;
-            _pending[device].reset();
-        }
+        _slowestSeconds = std::max(_slowestSeconds, secondsOf(now - *_pending[device]));
+        _pending[device].reset();
+        ++_stepsReported;
     }
     for (const CXRef<DXRDevice>& device : connected)
         _applySettings(device);
 }
 
-/// What is kept of the device is applied whenever it connects.
 void Demo::_applySettings(const CXRef<DXRDevice>& device)
 {
     const CXPlist remembered = device->overrideForKey(volumeKey);
@@ -251,44 +254,38 @@ void Demo::_applySettings(const CXRef<DXRDevice>& device)
         _picture.remark(*known, text);
 }
 
-/// Notes what runs, and by which clock.
-void Demo::_look()
+/// Notes the connected devices, their clocks, and the source of the cycles.
+void Demo::_noteState()
 {
-    if (!_isOpen && _session.isSettled()) {
-        _isOpen = true;
-        _session.beginCounting();
-        _patch->open();
-        _stretches.back().from = dxr::HostClock::nowTicks();
-    }
     std::vector<bool> isConnected;
     for (const Device device : DemoStage::devices) {
         const SessionDevice& status = _session.devices()[device];
         isConnected.push_back(status.isConnected());
         if (const std::optional<double> drift = status.partsPerMillion())
-            _drifts[device].points.push_back({_picture.secondsAt(dxr::HostClock::nowTicks()), *drift});
+            _drifts[device].points.push_back({_picture.secondsAt(HostClock::nowTicks()), *drift});
     }
     _picture.notePresence(isConnected);
     const std::string context = _session.contextText();
-    const bool isKnown =
+    const bool isComplete =
         context.find(" as one") == std::string::npos || context.find("clock of") != std::string::npos;
-    if (context != _context && isKnown)
+    if (context != _context && isComplete)
         _print(_context = context);
 }
 
-// ---- The end
+// ---- The results
 
 DemoClaim Demo::_reported() const
 {
-    return {_stepsReported == _script.stepCount(), "reported",
+    return {_stepsReported == DemoStage::stepCount, "reported",
             formatText("%zu of %zu connections and disconnections, the slowest after %.1f ms", _stepsReported,
-                       _script.stepCount(), 1e3 * _slowestSeconds)};
+                       DemoStage::stepCount, 1e3 * _slowestSeconds)};
 }
 
 DemoClaim Demo::_known() const
 {
-    const CXRef<DXRDevice>& headphones = _devices[DemoStage::Headphones];
+    const CXRef<DXRDevice>& headphones = _devices[DemoStage::Headphones].device;
     const bool isAsRemembered = std::abs(headphones->volume() - rememberedVolume) < 0.001;
-    const bool hasMoved = _headphoneUIDs.front() != _headphoneUIDs.back();
+    const bool hasMoved = _stage.uidOf(DemoStage::Headphones) != _firstUID;
     return {headphones->isConnected() && hasMoved && isAsRemembered, "known",
             "the headphones in another port are the same object, their volume " +
                 formatPercent(headphones->volume()) + " as remembered"};
@@ -301,18 +298,14 @@ bool Demo::_sumUp()
         _reported(), _known(), DemoClaim::ofTime(_records, sampleRate),
         DemoClaim::ofSound(tones, DemoStretch::cut(_stretches, _records), rememberedVolume)};
     const Terminal terminal;
-    const size_t width = terminal.columns();
-    constexpr size_t indent = 14;
     const auto print = [&](const std::string& mark, Style style, const std::string& about,
                            const std::string& text) {
-        std::string label = terminal.styled(fitLeft(mark, 4), style) +
-                            terminal.styled(fitLeft(about, indent - 4), Style::Dim);
-        for (const std::string& line : wrapped(text, width - std::min(width - 10, indent))) {
-            std::cout << label << line << "\n";
-            label = std::string(indent, ' ');
-        }
+        const std::string label =
+            terminal.styled(fitLeft(mark, 4), style) + terminal.styled(fitLeft(about, 10), Style::Dim);
+        for (const std::string& line : labelled(label, 14, text, terminal.columns()))
+            std::cout << line << "\n";
     };
-    std::cout << "\n" << terminal.styled("What was true", Style::Bold) << "\n";
+    std::cout << "\n" << terminal.styled("Confirmed", Style::Bold) << "\n";
     for (const DemoClaim& claim : claims)
         print(claim.isTrue ? "yes" : "NO", claim.isTrue ? Style::Green : Style::Red, claim.about, claim.text);
     _drawPicture(claims[3].text, tones);
@@ -325,9 +318,8 @@ void Demo::_drawPicture(const std::string& results, std::span<const DemoTone> to
 {
     std::vector<CyclePicture::Panel::Curve> levels, qualities;
     for (const Device device : DemoStage::outputs) {
-        const char* const name = DemoStage::factsOf(device).name;
-        levels.push_back({name, colours[device], {}});
-        qualities.push_back({name, colours[device], {}});
+        levels.push_back({DemoStage::factsOf(device).name, colours[device], {}});
+        qualities.push_back(levels.back());
         for (const DemoTone& tone : tones) {
             if (tone.output != device)
                 continue;
@@ -337,35 +329,31 @@ void Demo::_drawPicture(const std::string& results, std::span<const DemoTone> to
             qualities.back().points.push_back({seconds, tone.quality});
         }
     }
-    _picture.add({"drift of the clocks against the leader's",
-                  -300.0,
-                  300.0,
-                  " ppm",
-                  {_drifts.begin(), _drifts.end()}});
+    _picture.add({"drift of the clocks", -300.0, 300.0, " ppm", {_drifts.begin(), _drifts.end()}});
     _picture.add({"level of the tone", -48.0, 0.0, " dB", levels});
     _picture.add({"tone to all else", 0.0, 120.0, " dB", qualities});
     std::vector<std::string> names;
     for (const Device device : DemoStage::devices)
         names.emplace_back(DemoStage::factsOf(device).name);
-    Chart::writeFile(_options.picture,
-                     _picture.svg(sampleRate, names,
-                                  formatText("dxr demo: devices come and go in %.1f s, and the time goes on",
-                                             _options.seconds),
-                                  results));
+    const std::string title =
+        formatText("dxr demo: devices connect and disconnect in %.1f s; time goes on", _options.seconds);
+    Chart::writeFile(_options.picture, _picture.svg(sampleRate, names, title, results));
+}
+
+void runDemo(Options& options)
+{
+    Demo(options).run();
 }
 
 } // namespace
 
 void registerDemoCommand(CLI::App& app)
 {
-    CLI::App* command =
-        app.add_subcommand("demo", "Watch audio run while devices come and go, and measure it");
-    const auto options = std::make_shared<Options>();
-    command->add_option("--seconds", options->seconds, "How long; 18 if not given")
+    const auto [command, options] =
+        addCommand(app, "demo", "Run audio while devices connect and disconnect, and measure it", runDemo);
+    command.add_option("--seconds", options.seconds, "The duration; 18 if not given")
         ->check(CLI::Range(8.0, 120.0));
-    command->add_option("--picture", options->picture,
-                        "Where the picture of the run goes; out/demo.svg if not given");
-    command->add_flag("--simulated", options->isSimulated,
-                      "Without effect: the demo's hardware is simulated anyway");
-    command->callback([options] { Demo(*options).run(); });
+    command.add_option("--picture", options.picture, "The picture to write; out/demo.svg if not given");
+    command.add_flag("--simulated", options.isSimulated,
+                     "No effect: the demo's hardware is always simulated");
 }

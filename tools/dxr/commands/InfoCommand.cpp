@@ -1,74 +1,77 @@
 #include "Commands.h"
 
-#include "DeviceLookup.h"
+#include "DeviceArgument.h"
 #include "DisplayText.h"
-#include "HardwareChoice.h"
 #include "Terminal.h"
 #include "TextFormat.h"
 
-#include <algorithm>
 #include <iostream>
 
 namespace {
 
 struct Options {
-    explicit Options(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
-    std::string device;
-    bool json = false;
+    explicit Options(CLI::App& command) : device(command, DeviceArgument::Sides::Both) {}
+    DeviceArgument device;
+    bool asJSON = false;
 };
 
-constexpr size_t labelColumns = 18;
-
-/// Prints "label  value", with what does not fit on further lines under the value.
 void printField(const Terminal& terminal, const char* label, const std::string& value)
 {
-    const size_t room = std::max<size_t>(terminal.columns(), labelColumns + 20) - labelColumns;
-    std::string left = terminal.styled(fitLeft(label, labelColumns), Style::Dim);
-    std::string rest = value.empty() ? "-" : value;
-    while (!rest.empty()) {
-        std::string piece(fittingStart(rest, room));
-        if (const size_t space = piece.find_last_of(' ');
-            piece.size() < rest.size() && space != std::string::npos)
-            piece.erase(space + 1);
-        std::cout << left << piece << "\n";
-        rest.erase(0, piece.size());
-        left = std::string(labelColumns, ' ');
-    }
-}
-
-template <class Items, class Text> std::string joined(const Items& items, Text text)
-{
-    std::string line;
-    for (const auto& item : items)
-        line += (line.empty() ? "" : ", ") + text(item);
-    return line;
+    constexpr size_t indent = 18;
+    for (const std::string& line : labelled(terminal.styled(fitLeft(label, indent), Style::Dim), indent,
+                                            value.empty() ? "-" : value, terminal.columns()))
+        std::cout << line << "\n";
 }
 
 std::string rangeText(const AudioValueRange& range)
 {
-    if (range.minimum == range.maximum)
-        return formatRate(range.minimum);
-    return formatRate(range.minimum) + " to " + formatRate(range.maximum);
+    return formatRate(range.minimum) +
+           (range.minimum == range.maximum ? "" : " to " + formatRate(range.maximum));
 }
 
-std::string volumeText(const DirectionReport& direction)
+std::string volumeText(const std::optional<float>& volume)
 {
-    if (direction.volume)
-        return formatPercent(double{*direction.volume});
-    return direction.channelVolumes.empty() ? "no control" : "per channel";
+    return volume ? formatPercent(double{*volume}) : "-";
 }
 
 std::string framesText(uint32_t frames, double rate)
 {
-    const std::string text = formatCount(frames, "frame", "frames");
-    return rate > 0.0 ? text + formatText(" (%.1f ms)", 1000.0 * frames / rate) : text;
+    return formatCount(frames, "frame") +
+           (rate > 0.0 ? formatText(" (%.1f ms)", 1000.0 * frames / rate) : "");
+}
+
+std::string streamText(const DirectionReport::Stream& stream)
+{
+    return formatText("%u (%s)", stream.objectID, formatCount(stream.channelCount, "channel").c_str());
+}
+
+void printControls(const Terminal& terminal, const DirectionReport& direction)
+{
+    if (direction.stereoChannels)
+        printField(
+            terminal, "  Stereo on",
+            formatText("channels %u and %u", (*direction.stereoChannels)[0], (*direction.stereoChannels)[1]));
+    const bool isPerChannel = !direction.channelVolumes.empty();
+    printField(terminal, "  Volume",
+               direction.volume ? volumeText(direction.volume)
+               : isPerChannel   ? "per channel"
+                                : "no control");
+    if (isPerChannel)
+        printField(terminal, "  Channel volumes", joined(direction.channelVolumes, ", ", volumeText));
+    printField(terminal, "  Mute", !direction.isMuted ? "no control" : *direction.isMuted ? "on" : "off");
+    if (!direction.sources.empty())
+        printField(terminal, "  Sources",
+                   joined(direction.sources, ", ", [&](const DirectionReport::Source& source) {
+                       return singleLine(source.name) + formatText(" (%u)", source.sourceID) +
+                              (direction.currentSource == source.sourceID ? " *" : "");
+                   }));
 }
 
 void printDirection(const Terminal& terminal, const DeviceReport& device, HALDirection which)
 {
     const DirectionReport& direction = device[which];
-    std::cout << "\n" << terminal.styled(which == HALDirection::Input ? "Input" : "Output", Style::Bold);
+    const bool isInput = which == HALDirection::Input;
+    std::cout << "\n" << terminal.styled(isInput ? "Input" : "Output", Style::Bold);
     if (direction.streams.empty() && direction.channelCount == 0) {
         std::cout << "  none\n";
         return;
@@ -77,68 +80,50 @@ void printDirection(const Terminal& terminal, const DeviceReport& device, HALDir
               << (direction.isDefaultSystem ? "  default for sounds" : "") << "\n";
     printField(terminal, "  Channels",
                std::to_string(direction.channelCount) + (direction.channelNames.empty() ? "" : ": ") +
-                   joined(direction.channelNames, [](const std::string& name) {
+                   joined(direction.channelNames, ", ", [](const std::string& name) {
                        return name.empty() ? std::string("-") : singleLine(name);
                    }));
     if (direction.device)
         printField(terminal, "  Reference", singleLine(direction.device->reference()->string()));
-    printField(terminal, "  Streams", joined(direction.streams, [](const DirectionReport::Stream& stream) {
-                   return formatText("%u (%s)", stream.objectID,
-                                     formatCount(stream.channelCount, "channel", "channels").c_str());
-               }));
-    if (direction.stereoChannels)
-        printField(
-            terminal, "  Stereo on",
-            formatText("channels %u and %u", (*direction.stereoChannels)[0], (*direction.stereoChannels)[1]));
-    printField(terminal, "  Volume", volumeText(direction));
-    if (!direction.channelVolumes.empty())
-        printField(terminal, "  Channel volumes", joined(direction.channelVolumes, [](const auto& volume) {
-                       return volume ? formatPercent(double{*volume}) : std::string("-");
-                   }));
-    printField(terminal, "  Mute", !direction.isMuted ? "no control" : *direction.isMuted ? "on" : "off");
-    if (!direction.sources.empty())
-        printField(terminal, "  Sources",
-                   joined(direction.sources, [&](const DirectionReport::Source& source) {
-                       return singleLine(source.name) + formatText(" (%u)", source.sourceID) +
-                              (direction.currentSource == source.sourceID ? " *" : "");
-                   }));
+    printField(terminal, "  Streams", joined(direction.streams, ", ", streamText));
+    printControls(terminal, direction);
     printField(terminal, "  Latency", framesText(direction.latencyFrames, device.sampleRate));
     printField(terminal, "  Safety offset", framesText(direction.safetyOffsetFrames, device.sampleRate));
-    // What a runner with the device's own cycles reports.
-    const bool isInput = which == HALDirection::Input;
+    // As a runner with the device's own cycles reports it.
     printField(terminal, isInput ? "  Air to block" : "  Block to air",
                framesText(direction.latencyFrames + direction.safetyOffsetFrames +
                               (isInput ? 1 : 2) * device.bufferFrameSize,
                           device.sampleRate));
 }
 
-void run(const Options& options)
+void run(Options& options)
 {
-    options.hardware.apply();
-    const DeviceReport device = DeviceLookup::find(options.device);
+    const DeviceReport device = options.device.report();
     const Terminal terminal;
-    if (options.json) {
+    if (options.asJSON) {
         std::cout << jsonText(device.json(), 2, terminal.isLive()) << "\n";
         return;
     }
+    const double measured = device.actualSampleRate;
+    const std::pair<const char*, std::string> fields[] = {
+        {"ID", std::to_string(device.deviceID)},
+        {"UID", singleLine(device.uid)},
+        {"Manufacturer", singleLine(device.manufacturer)},
+        {"Model", singleLine(device.modelUID)},
+        {"Connected via", singleLine(device.transportName())},
+        {"Hidden", device.isHidden ? "yes" : "no"},
+        {"Running", device.isRunning ? "yes" : "no"},
+        {"Clock domain", device.clockDomain ? std::to_string(device.clockDomain) : "its own"},
+        {"Sample rate",
+         formatRate(device.sampleRate) + (measured > 0.0 ? formatText(" (measured %.3f Hz)", measured) : "")},
+        {"Possible rates", joined(device.sampleRates, ", ", rangeText)},
+        {"Cycle", framesText(device.bufferFrameSize, device.sampleRate)},
+        {"Possible cycles", formatText("%.0f to %.0f frames", device.bufferFrameSizeRange.minimum,
+                                       device.bufferFrameSizeRange.maximum)},
+    };
     std::cout << terminal.styled(singleLine(device.displayName()), Style::Bold) << "\n";
-    printField(terminal, "ID", std::to_string(device.deviceID));
-    printField(terminal, "UID", singleLine(device.uid));
-    printField(terminal, "Manufacturer", singleLine(device.manufacturer));
-    printField(terminal, "Model", singleLine(device.modelUID));
-    printField(terminal, "Connected via", singleLine(device.transportName()));
-    printField(terminal, "Hidden", device.isHidden ? "yes" : "no");
-    printField(terminal, "Running", device.isRunning ? "yes" : "no");
-    printField(terminal, "Clock domain", device.clockDomain ? std::to_string(device.clockDomain) : "its own");
-    printField(terminal, "Sample rate",
-               formatRate(device.sampleRate) +
-                   (device.actualSampleRate > 0.0 ? formatText(" (measured %.3f Hz)", device.actualSampleRate)
-                                                  : ""));
-    printField(terminal, "Possible rates", joined(device.sampleRates, rangeText));
-    printField(terminal, "Cycle", framesText(device.bufferFrameSize, device.sampleRate));
-    printField(terminal, "Possible cycles",
-               formatText("%.0f to %.0f frames", device.bufferFrameSizeRange.minimum,
-                          device.bufferFrameSizeRange.maximum));
+    for (const auto& [label, value] : fields)
+        printField(terminal, label, value);
     for (const HALDirection direction : halDirections)
         printDirection(terminal, device, direction);
 }
@@ -147,10 +132,6 @@ void run(const Options& options)
 
 void registerInfoCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("info", "Show everything about one device");
-    const auto options = std::make_shared<Options>(*command);
-    command->add_option("device", options->device, "Its ID, UID, reference, or a part of its name")
-        ->required();
-    command->add_flag("--json", options->json, "As JSON");
-    command->callback([options] { run(*options); });
+    const auto [command, options] = addCommand(app, "info", "Show all properties of a device", run);
+    command.add_flag("--json", options.asJSON, "As JSON");
 }

@@ -6,10 +6,8 @@
 #include "HardwareChoice.h"
 #include "Interrupts.h"
 #include "LiveLines.h"
-#include "SimulatedVisitor.h"
 #include "ToolFailure.h"
 
-#include <algorithm>
 #include <csignal>
 #include <dxr/HALHardwareDriver.h>
 #include <iostream>
@@ -19,41 +17,37 @@ namespace {
 struct Options {
     explicit Options(CLI::App& command) : hardware(command) {}
     HardwareChoice hardware;
-    bool all = false;
-    bool json = false;
-    bool watch = false;
+    bool withHidden = false, asJSON = false, watches = false;
 };
 
 std::vector<std::string> linesOf(const Options& options, const Terminal& terminal)
 {
     const std::vector<DeviceReport> devices =
-        DeviceReport::readAll(options.all ? DeviceReport::Hidden::Yes : DeviceReport::Hidden::No);
+        DeviceReport::readAll(options.withHidden ? DeviceReport::Hidden::Yes : DeviceReport::Hidden::No);
     if (const std::string reason = devices.empty() ? HALHardwareUnavailableReason() : ""; !reason.empty()) {
-        if (!options.watch)
+        if (!options.watches)
             throw ToolFailure(reason);
         return {"Waiting: " + singleLine(reason)};
     }
-    if (options.json) {
+    if (options.asJSON) {
         CXPlist list = CXPlist::array();
         for (const DeviceReport& device : devices)
             list.push_back(device.json());
-        return {jsonText(list, options.watch ? -1 : 2, terminal.isLive())};
+        return {jsonText(list, options.watches ? -1 : 2, terminal.isLive())};
     }
     return devices.empty() ? std::vector<std::string>{"No audio devices."}
                            : deviceTable(devices, terminal.columns(), terminal);
 }
 
-/// Prints the list, and again whenever it is another one: over the one before on a terminal, else below it.
-void watch(const Options& options, const Terminal& terminal, const CXRef<SimulatedHardware>& simulated)
+/// Prints the list, and again whenever it changes: on a terminal in place, else below.
+void watch(const Options& options, const Terminal& terminal)
 {
     const Interrupts interrupts;
-    std::signal(SIGPIPE, SIG_DFL); // the reader of the lines has gone
+    std::signal(SIGPIPE, SIG_DFL); // the end of the reader is the end
     LiveLines live(terminal);
-    DeviceWatch changes(options.all);
+    DeviceWatch changes(options.withHidden);
     changes.begin();
-    std::optional<SimulatedVisitor> visitor;
-    if (simulated)
-        visitor.emplace(simulated);
+    const auto visitor = options.hardware.visitor();
     std::vector<std::string> shown;
     do {
         changes.next();
@@ -66,15 +60,15 @@ void watch(const Options& options, const Terminal& terminal, const CXRef<Simulat
             for (const std::string& line : lines)
                 std::cout << line << std::endl;
         shown = std::move(lines);
-    } while (interrupts.wait(terminal.isLive() ? 500 : -1, changes.fd())); // the terminal may change its size
+    } while (interrupts.wait(terminal.isLive() ? 500 : -1, DeviceWatch::fd())); // the terminal may be resized
 }
 
-void run(const Options& options)
+void run(Options& options)
 {
-    const CXRef<SimulatedHardware> simulated = options.hardware.apply();
+    options.hardware.apply();
     const Terminal terminal;
-    if (options.watch)
-        return watch(options, terminal, simulated);
+    if (options.watches)
+        return watch(options, terminal);
     for (const std::string& line : linesOf(options, terminal))
         std::cout << line << "\n";
 }
@@ -83,10 +77,8 @@ void run(const Options& options)
 
 void registerListCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("list", "Show the audio devices");
-    const auto options = std::make_shared<Options>(*command);
-    command->add_flag("--all", options->all, "Hidden devices too");
-    command->add_flag("--json", options->json, "A JSON array with everything about each device");
-    command->add_flag("--watch", options->watch, "Again whenever something changes, until Ctrl-C");
-    command->callback([options] { run(*options); });
+    const auto [command, options] = addCommand(app, "list", "Show the audio devices", run);
+    command.add_flag("--all", options.withHidden, "Hidden devices too");
+    command.add_flag("--json", options.asJSON, "A JSON array of all properties of the devices");
+    command.add_flag("--watch", options.watches, "Again whenever something changes, until Ctrl-C");
 }

@@ -9,43 +9,53 @@
 
 namespace {
 
-constexpr const char* about =
-    "The channels of all inputs, side by side in the order given, are played on every output,\n"
-    "the first on its first channel and so on; a single one on both of a stereo pair. Devices\n"
-    "of different rates and clocks are brought together. One that goes is taken up again when\n"
-    "it comes back.";
+struct Options : RunnerOptions {
+    explicit Options(CLI::App& command)
+        : RunnerOptions(
+              command,
+              "The channels of all inputs, in the order given, are played on every output: the first\n"
+              "on its first channel, and so on; a single one on both channels of a stereo pair. Rates\n"
+              "and clocks of the devices are converted. A device that disconnects resumes when it\n"
+              "returns.")
+    {}
+};
 
-/// Runs the loop until it has lasted `seconds`, if given, or the user ends it.
+std::string roundTripText(const RunnerSession& session)
+{
+    const std::optional<double> in = session.latencySeconds(HALDirection::Input),
+                                out = session.latencySeconds(HALDirection::Output);
+    return in && out ? formatText("; round trip %.0f frames (%.1f ms)", (*in + *out) * session.sampleRate(),
+                                  1e3 * (*in + *out))
+                     : "";
+}
+
+/// Runs until `seconds` of sound have passed, if given, or the user ends it.
 void runLoop(RunnerSession& session, LoopPatch& patch, std::optional<double> seconds, SessionScreen& screen)
 {
-    constexpr double graceSeconds = 1.0; // cycles that are lost must not keep it running forever
+    constexpr double graceSeconds = 1.0; // lost cycles must not keep it running forever
     const double rate = session.sampleRate();
     const auto passed = [&] { return static_cast<double>(patch.framesPassed()) / rate; };
     std::optional<double> opened;
+    session.setSettled([&] {
+        opened = session.seconds();
+        patch.setOpen();
+        screen.print(formatText("Sound passes, in blocks of %u frames", session.frameCount()) +
+                     roundTripText(session));
+    });
     const auto isOver = [&] {
         return seconds && opened &&
                (passed() >= *seconds || session.seconds() - *opened >= *seconds + graceSeconds);
     };
     while (screen.wait() && !isOver()) {
-        if (!opened && session.isSettled()) {
-            opened = session.seconds();
-            session.beginCounting();
-            patch.open();
-            const std::optional<double> roundTrip = session.roundTripSeconds();
-            screen.print(formatText("Sound passes, in blocks of %u frames", session.frameCount()) +
-                         (roundTrip ? formatText("; round trip %.0f frames (%.1f ms)", *roundTrip * rate,
-                                                 1000.0 * *roundTrip)
-                                    : std::string()));
-        }
-        const RunnerSession::Counts& counts = session.counts();
-        screen.draw(patch.meters(),
-                    formatSeconds(passed()) + "  " + formatCount(counts.lostFrames, "frame", "frames") +
-                        " lost, " + formatCount(counts.lateCycles, "late cycle", "late cycles") + ", " +
-                        formatCount(counts.restarts, "restart", "restarts") + "   Ctrl-C ends");
+        const CycleStatistics& cycles = session.statistics();
+        screen.draw(patch.meters(), formatSeconds(passed()) + "  " +
+                                        formatCount(session.lostFrames(), "frame") + " lost, " +
+                                        formatCount(cycles.lateCycles(), "late cycle") + ", " +
+                                        formatCount(cycles.restarts(), "restart") + "   Ctrl-C ends");
     }
 }
 
-void run(RunnerOptions& options)
+void run(Options& options)
 {
     options.find();
     const Interrupts interrupts;
@@ -59,7 +69,7 @@ void run(RunnerOptions& options)
     SessionScreen screen(session);
     runLoop(session, *patch, options.seconds(), screen);
     session.stop();
-    screen.finish(formatCount(patch->framesPassed(), "frame", "frames") + " moved (" +
+    screen.finish(formatCount(patch->framesPassed(), "frame") + " moved (" +
                   formatSeconds(static_cast<double>(patch->framesPassed()) / session.sampleRate()) + ")");
 }
 
@@ -67,11 +77,9 @@ void run(RunnerOptions& options)
 
 void registerLoopCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("loop", "Route inputs to outputs");
-    const auto options = std::make_shared<RunnerOptions>(*command, about);
-    options->addInputs("A device to record; the default input if not given");
-    options->addOutputs("A device to play on; the default output if not given");
-    options->useDefaults();
-    options->addSeconds("End after so much sound");
-    command->callback([options] { run(*options); });
+    const auto [command, options] = addCommand(app, "loop", "Route inputs to outputs", run);
+    options.addInputs("A device to record; the default input if not given");
+    options.addOutputs("A device to play on; the default output if not given");
+    options.useDefaults();
+    options.addSeconds("End after so many seconds of sound");
 }

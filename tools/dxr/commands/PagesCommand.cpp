@@ -9,8 +9,8 @@
 #include <dxr/DXRVersion.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iostream>
+#include <sstream>
 
 namespace {
 
@@ -26,7 +26,7 @@ std::vector<const CLI::Option*> optionsOf(const CLI::App& command)
     return command.get_options([](const CLI::Option* option) { return !option->get_group().empty(); });
 }
 
-/// "--in DEVICE", "-h, --help", or the name of what stands by itself.
+/// "--in DEVICE", "-h, --help", or the name of an argument.
 std::string usageOf(const CLI::Option& option)
 {
     if (option.get_positional())
@@ -63,12 +63,13 @@ void writeOptions(std::ostream& page, const CLI::App& command)
 
 void writePage(std::ostream& page, const std::string& name, const CLI::App& command)
 {
+    const bool isWhole = command.get_parent() == nullptr; // of dxr itself
     std::string title = name;
     std::ranges::transform(title, title.begin(), [](char c) { return static_cast<char>(std::toupper(c)); });
     page << ".TH " << roff(title) << " 1 \"\" \"dxr " << DXRVersionString()
          << "\" \"User Commands\"\n.SH NAME\n"
          << roff(name) << " \\- " << roff(command.get_description()) << "\n.SH SYNOPSIS\n.B "
-         << (command.get_parent() ? "dxr " + command.get_name() : "dxr") << "\n";
+         << (isWhole ? "dxr" : "dxr " + command.get_name()) << "\n";
     for (const CLI::Option* option : optionsOf(command))
         if (option->get_positional())
             page << (option->get_required() ? "" : "[") << "\\fI" << roff(option->get_name(true)) << "\\fR"
@@ -78,138 +79,129 @@ void writePage(std::ostream& page, const std::string& name, const CLI::App& comm
         page << ".SH DESCRIPTION\n" << roff(command.get_footer()) << "\n";
     page << ".SH OPTIONS\n";
     writeOptions(page, command);
-    const auto commands = commandsOf(command);
+    const std::vector<const CLI::App*> commands = commandsOf(command);
     if (!commands.empty())
         page << ".SH COMMANDS\n";
     for (const CLI::App* each : commands)
-        page << ".TP\n.BR " << (command.get_parent() ? "" : "dxr\\-") << roff(each->get_name())
-             << (command.get_parent() ? "" : " (1)") << "\n"
+        page << ".TP\n.BR " << (isWhole ? "dxr\\-" : "") << roff(each->get_name()) << (isWhole ? " (1)" : "")
+             << "\n"
              << roff(each->get_description()) << "\n";
-    if (command.get_parent())
-        for (const CLI::App* each : commands) {
-            page << ".SS " << roff(command.get_name() + " " + each->get_name()) << "\n";
-            writeOptions(page, *each);
-        }
-    page << ".SH EXIT STATUS\n0 when all went well, 1 when something failed while it ran, 2 when the command "
-            "line made no "
-            "sense.\n.SH SEE ALSO\n.BR "
-         << (command.get_parent() ? "dxr (1)" : "pipewire (1)") << "\n";
+    for (const CLI::App* each : isWhole ? std::vector<const CLI::App*>() : commands) {
+        page << ".SS " << roff(command.get_name() + " " + each->get_name()) << "\n";
+        writeOptions(page, *each);
+    }
+    page << ".SH EXIT STATUS\n0 for success, 1 when something failed, 2 for a wrong command line.\n"
+            ".SH SEE ALSO\n.BR "
+         << (isWhole ? "pipewire (1)" : "dxr (1)") << "\n";
 }
 
-void writeManual(const CLI::App& app, const std::string& folder)
+void writeManualPage(const std::string& folder, const std::string& name, const CLI::App& command)
 {
-    const auto write = [&](const std::string& name, const CLI::App& command) {
-        std::ofstream page(std::filesystem::path(folder) / (name + ".1"));
-        writePage(page, name, command);
-        if (!page.flush())
-            throw ToolFailure(singleLine(folder) + ": cannot be written");
-    };
-    std::error_code ignored;
-    std::filesystem::create_directories(folder, ignored);
-    write("dxr", app);
-    for (const CLI::App* command : commandsOf(app))
-        write("dxr-" + command->get_name(), *command);
+    std::ofstream page(std::filesystem::path(folder) / (name + ".1"));
+    writePage(page, name, command);
+    if (!page.flush())
+        throw ToolFailure(singleLine(folder) + ": cannot be written");
 }
 
 // ---- Completions
 
-std::string wordsOf(const CLI::App& command)
+constexpr const char* bashCompletion =
+    R"(_dxr() {
+    local each words=$(dxr completion words "${COMP_WORDS[*]:0:COMP_CWORD}" 2>/dev/null | cut -f1)
+    COMPREPLY=()
+    while IFS= read -r each; do COMPREPLY+=("$each"); done < <(compgen -W "$words" -- "${COMP_WORDS[COMP_CWORD]}")
+}
+complete -o default -F _dxr dxr
+)";
+constexpr const char* zshCompletion = R"(#compdef dxr
+autoload -U +X bashcompinit && bashcompinit
+)"; // and then as bash
+constexpr const char* fishCompletion =
+    R"fish(complete -c dxr -n __fish_use_subcommand -f
+complete -c dxr -n 'string match -qr -- "^--(in|out)$" (commandline -opc)[-1]' -f
+complete -c dxr -a '(dxr completion words (commandline -opc | string join " ") 2>/dev/null)'
+)fish";
+
+void printDevices()
 {
-    std::string words;
-    for (const CLI::App* each : commandsOf(command))
-        words += (words.empty() ? "" : " ") + each->get_name();
-    for (const CLI::Option* option : optionsOf(command))
+    for (const DeviceReport& device : DeviceReport::readAll(DeviceReport::Hidden::No))
+        std::cout << singleLine(device.uid) << "\t" << singleLine(device.displayName()) << "\n";
+}
+
+/// What may follow on the words of `line`, each with its description.
+void printWords(const CLI::App& app, const std::string& line)
+{
+    const CLI::App* command = &app;
+    std::istringstream words(line);
+    std::string word;
+    while (words >> word)
+        for (const CLI::App* inner : commandsOf(*command))
+            if (inner->get_name() == word) {
+                command = inner;
+                break;
+            }
+    const bool isDevice = word == "--in" || word == "--out";
+    if (isDevice || command->get_option_no_throw("device"))
+        printDevices();
+    if (isDevice)
+        return;
+    for (const CLI::App* each : commandsOf(*command))
+        std::cout << each->get_name() << "\t" << each->get_description() << "\n";
+    for (const CLI::Option* option : optionsOf(*command))
         for (const std::string& name : option->get_lnames())
-            words += (words.empty() ? "--" : " --") + name;
-    return words;
+            std::cout << "--" << name << "\t" << option->get_description() << "\n";
 }
 
-bool takesDevice(const CLI::App& command)
+struct CompletionOptions {
+    explicit CompletionOptions(CLI::App& command) : hardware(command), app(*command.get_parent()) {}
+    HardwareChoice hardware;
+    const CLI::App& app;
+    std::string what, line;
+};
+
+void complete(CompletionOptions& options)
 {
-    return command.get_option_no_throw("device") != nullptr;
+    options.hardware.apply();
+    if (options.what == "words")
+        printWords(options.app, options.line);
+    else if (options.what == "devices")
+        printDevices();
+    else if (options.what == "fish")
+        std::cout << fishCompletion;
+    else
+        std::cout << (options.what == "zsh" ? zshCompletion : "") << bashCompletion;
 }
 
-/// What bash and zsh, which has bash's way, too, complete with.
-void writeBash(const CLI::App& app)
-{
-    std::cout << "_dxr() {\n"
-                 "    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} words device=\n"
-                 "    case ${COMP_WORDS[1]} in\n";
-    for (const CLI::App* command : commandsOf(app))
-        std::cout << "    " << command->get_name() << ") words='" << wordsOf(*command) << "'"
-                  << (takesDevice(*command) ? " device=yes" : "") << ";;\n";
-    std::cout
-        << "    esac\n"
-           "    [ \"$COMP_CWORD\" -eq 1 ] && words='"
-        << wordsOf(app)
-        << "' device=\n"
-           "    case $before in --in|--out) device=yes words=;; esac\n"
-           "    COMPREPLY=()\n"
-           "    [ -n \"$device\" ] && words=\"$words $(dxr completion devices 2>/dev/null | cut -f1)\"\n"
-           "    while IFS= read -r each; do COMPREPLY+=(\"$each\"); done < <(compgen -W \"$words\" -- "
-           "\"$word\")\n"
-           "}\n"
-           "complete -o default -F _dxr dxr\n";
-}
+struct ManualOptions {
+    explicit ManualOptions(CLI::App& command) : app(*command.get_parent()) {}
+    const CLI::App& app;
+    std::string folder;
+};
 
-std::string fishText(const std::string& text)
+void writeManual(ManualOptions& options)
 {
-    std::string quoted = "'";
-    for (const char c : text)
-        quoted += c == '\'' || c == '\\' ? std::string("\\") + c : std::string(1, c);
-    return quoted + "'";
-}
-
-void writeFish(const CLI::App& app)
-{
-    for (const CLI::App* command : commandsOf(app)) {
-        const std::string inCommand =
-            "complete -c dxr -n '__fish_seen_subcommand_from " + command->get_name() + "'";
-        std::cout << "complete -c dxr -n __fish_use_subcommand -f -a " << command->get_name() << " -d "
-                  << fishText(command->get_description()) << "\n";
-        if (takesDevice(*command))
-            std::cout << inCommand << " -f -a '(dxr completion devices)'\n";
-        for (const CLI::Option* option : optionsOf(*command))
-            for (const std::string& name : option->get_lnames())
-                std::cout << inCommand << " -l " << name << " -d " << fishText(option->get_description())
-                          << (name == "in" || name == "out"          ? " -x -a '(dxr completion devices)'"
-                              : option->get_items_expected_max() > 0 ? " -r"
-                                                                     : "")
-                          << "\n";
-    }
-}
-
-void writeCompletion(const CLI::App& app, const std::string& what)
-{
-    if (what == "devices") {
-        for (const DeviceReport& device : DeviceReport::readAll(DeviceReport::Hidden::No))
-            std::cout << singleLine(device.uid) << "\t" << singleLine(device.displayName()) << "\n";
-    } else if (what == "fish") {
-        writeFish(app);
-    } else {
-        if (what == "zsh")
-            std::cout << "#compdef dxr\nautoload -U +X bashcompinit && bashcompinit\n";
-        writeBash(app);
-    }
+    std::error_code ignored;
+    std::filesystem::create_directories(options.folder, ignored);
+    writeManualPage(options.folder, "dxr", options.app);
+    for (const CLI::App* command : commandsOf(options.app))
+        writeManualPage(options.folder, "dxr-" + command->get_name(), *command);
 }
 
 } // namespace
 
 void registerPagesCommands(CLI::App& app)
 {
-    const auto folder = std::make_shared<std::string>(), what = std::make_shared<std::string>();
-    CLI::App* manual = app.add_subcommand("manual", "Write the man pages of all commands");
-    manual->add_option("folder", *folder, "Where dxr.1, dxr-list.1 and the others go")->required();
-    manual->callback([&app, folder] { writeManual(app, *folder); });
+    const auto [manual, manualOptions] =
+        addCommand(app, "manual", "Write the man pages of all commands", writeManual);
+    manual.add_option("folder", manualOptions.folder, "The folder for dxr.1, dxr-list.1 and the others")
+        ->required();
 
-    CLI::App* completion = app.add_subcommand("completion", "Print what makes a shell complete the commands");
-    const auto hardware = std::make_shared<HardwareChoice>(*completion);
+    const auto [completion, options] =
+        addCommand(app, "completion", "Print a shell's completion of the commands", complete);
     completion
-        ->add_option("shell", *what, "bash, zsh or fish; devices for the UIDs and names that they ask for")
+        .add_option("shell", options.what,
+                    "bash, zsh or fish; for these, 'words' and 'devices' print candidates")
         ->required()
-        ->check(CLI::IsMember({"bash", "zsh", "fish", "devices"}));
-    completion->callback([&app, what, hardware] {
-        hardware->apply();
-        writeCompletion(app, *what);
-    });
+        ->check(CLI::IsMember({"bash", "zsh", "fish", "words", "devices"}));
+    completion.add_option("line", options.line, "For 'words': the command line before the word");
 }

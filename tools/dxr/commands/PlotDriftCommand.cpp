@@ -1,5 +1,6 @@
-#include "Chart.h"
 #include "Commands.h"
+
+#include "Chart.h"
 #include "DriftRun.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
@@ -23,7 +24,7 @@ struct Curve {
     std::function<double(const DriftPoint&)> value;
 };
 
-/// One panel over all points. Returns where it ends.
+/// Draws a panel. Returns its bottom.
 double draw(Chart& chart, double top, const std::string& title, double minSpan,
             const std::vector<Curve>& curves, const std::vector<DriftPoint>& points, double seconds)
 {
@@ -56,12 +57,12 @@ std::string describe(const DriftingClock& clock)
 
 std::string summary(const DriftFigures& figures)
 {
-    return formatText(
-               "Settled after %.1f s; delay %.1f frames, wandering by %.3f at most; ratio within %.3f ppm "
-               "rms; ",
-               figures.settledSeconds, figures.delayFrames, figures.wanderFrames, figures.ratioErrorRMS) +
-           formatCount(figures.lostFrames, "frame", "frames") + " lost, " +
-           formatCount(figures.resynchronisations, "resynchronisation", "resynchronisations");
+    return formatText("Settled after %.1f s; delay %.1f frames, varying by up to %.3f; ratio within %.3f ppm "
+                      "rms; ",
+                      figures.settledSeconds, figures.delayFrames, figures.wanderFrames,
+                      figures.ratioErrorRMS) +
+           formatCount(figures.lostFrames, "frame") + " lost, " +
+           formatCount(figures.resynchronisations, "resynchronisation");
 }
 
 void writeChart(const std::string& file, const DriftScenario& scenario, const DriftRun& run)
@@ -99,10 +100,10 @@ void writeChart(const std::string& file, const DriftScenario& scenario, const Dr
     for (const auto& panel : panels)
         top = draw(chart, top, panel.title, panel.minSpan, panel.curves, points, scenario.seconds) +
               ChartPanel::below;
-    chart.write(file, top);
+    Chart::writeFile(file, chart.svg(top));
 }
 
-void plotRun(const Options& options)
+void plotRun(Options& options)
 {
     const DriftRun run(options.scenario);
     if (run.points().empty())
@@ -115,39 +116,27 @@ void plotRun(const Options& options)
 
 void registerPlotDriftCommand(CLI::App& plot)
 {
-    CLI::App* command = plot.add_subcommand("drift", "How two devices whose clocks differ are kept together");
-    const auto options = std::make_shared<Options>();
-    DriftScenario& scenario = options->scenario;
-    const auto offset = CLI::Range(-100000.0, 100000.0);
-    const auto frames = CLI::Range(8, 8192);
-    const auto rates = CLI::Range(8000.0, 768000.0);
-    command
-        ->add_option("--ppm", scenario.source.partsPerMillion,
-                     "How much faster than nominal the source's clock runs")
-        ->check(offset);
-    command
-        ->add_option("--reader-ppm", scenario.reader.partsPerMillion,
-                     "The same of the clock it is brought to")
-        ->check(offset);
-    command
-        ->add_option("--wander", scenario.source.wanderPartsPerMillion,
-                     "How far the source's clock wanders, in ppm")
-        ->check(CLI::Range(0.0, 1000.0));
-    command->add_option("--wander-period", scenario.source.wanderSeconds, "In how many seconds it comes back")
-        ->check(CLI::Range(10.0, 1e6));
-    command->add_option("--frames", scenario.source.frameCount, "Frames of the source's cycle")
-        ->check(frames);
-    command->add_option("--reader-frames", scenario.reader.frameCount, "Frames of the other's cycle")
-        ->check(frames);
-    command->add_option("--rate", scenario.source.rate, "The source's nominal rate, in Hz")->check(rates);
-    command->add_option("--reader-rate", scenario.reader.rate, "The other's nominal rate, in Hz")
-        ->check(rates);
-    command
-        ->add_option("--lateness", scenario.lateness, "How late threads wake: 1 as on a real server, 0 never")
-        ->check(CLI::Range(0.0, 100.0));
-    command->add_option("--seconds", scenario.seconds, "How long to simulate")
-        ->check(CLI::Range(1.0, 86400.0));
-    command->add_option("file", options->file, "The SVG file to write; one that is there is replaced")
+    const auto [command, options] =
+        addCommand(plot, "drift", "How devices with different clocks are synchronised", plotRun);
+    DriftScenario& scenario = options.scenario;
+    const auto add = [&command = command](const char* name, auto& value, auto min, auto max,
+                                          const char* about) {
+        command.add_option(name, value, about)->check(CLI::Range(min, max));
+    };
+    add("--ppm", scenario.source.partsPerMillion, -1e5, 1e5,
+        "How much faster than nominal the source's clock runs");
+    add("--reader-ppm", scenario.reader.partsPerMillion, -1e5, 1e5,
+        "How much faster than nominal the reader's clock runs");
+    add("--wander", scenario.source.wanderPartsPerMillion, 0.0, 1000.0,
+        "How far the source's clock wanders, in ppm");
+    add("--wander-period", scenario.source.wanderSeconds, 10.0, 1e6, "The period of that, in seconds");
+    add("--frames", scenario.source.frameCount, 8, 8192, "Frames of the source's cycle");
+    add("--reader-frames", scenario.reader.frameCount, 8, 8192, "Frames of the reader's cycle");
+    add("--rate", scenario.source.rate, 8000.0, 768000.0, "The source's nominal rate, in Hz");
+    add("--reader-rate", scenario.reader.rate, 8000.0, 768000.0, "The reader's nominal rate, in Hz");
+    add("--lateness", scenario.lateness, 0.0, 100.0,
+        "How late threads wake up: 1 as on a real server, 0 never");
+    add("--seconds", scenario.seconds, 1.0, 86400.0, "The simulated duration");
+    command.add_option("file", options.file, "The SVG file to write; an existing one is replaced")
         ->required();
-    command->callback([options] { plotRun(*options); });
 }

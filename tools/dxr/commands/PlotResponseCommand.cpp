@@ -1,5 +1,6 @@
-#include "Chart.h"
 #include "Commands.h"
+
+#include "Chart.h"
 #include "SamplerMeasurement.h"
 #include "TextFormat.h"
 
@@ -45,7 +46,7 @@ void writeChart(const Options& options, const std::vector<ToneMeasurement>& tone
     }
     chart.text({(Chart::left + Chart::right) / 2, panel.bottom() + 40.0},
                "frequency of the tone at the input", {Chart::ink, 12.0, "middle"});
-    chart.write(options.file, panel.bottom() + 60.0);
+    Chart::writeFile(options.file, chart.svg(panel.bottom() + 60.0));
 }
 
 void printSummary(const std::vector<ToneMeasurement>& tones)
@@ -62,7 +63,7 @@ void printSummary(const std::vector<ToneMeasurement>& tones)
     }
 }
 
-void run(const Options& options)
+void run(Options& options)
 {
     const std::vector<ToneMeasurement> tones = measureSampler(options.from, options.to);
     writeChart(options, tones);
@@ -75,14 +76,12 @@ void registerPlotCommand(CLI::App& app)
 {
     CLI::App* plot = app.add_subcommand("plot", "Measure and draw");
     plot->require_subcommand(1);
-    CLI::App* command = plot->add_subcommand(
-        "response", "The sampler's frequency response, aliases and noise between two rates");
-    const auto options = std::make_shared<Options>();
+    const auto [command, options] = addCommand(
+        *plot, "response", "The sampler's frequency response, aliases and noise between two rates", run);
     const auto rates = CLI::Range(1000.0, 1'000'000.0);
-    command->add_option("--from", options->from, "The rate to convert from, in Hz")->required()->check(rates);
-    command->add_option("--to", options->to, "The rate to convert to, in Hz")->required()->check(rates);
-    command->add_option("file", options->file, "The SVG file to write; one that is there is replaced")
+    command.add_option("--from", options.from, "The rate to convert from, in Hz")->required()->check(rates);
+    command.add_option("--to", options.to, "The rate to convert to, in Hz")->required()->check(rates);
+    command.add_option("file", options.file, "The SVG file to write; an existing one is replaced")
         ->required();
-    command->callback([options] { run(*options); });
     registerPlotDriftCommand(*plot);
 }

@@ -14,8 +14,8 @@
 namespace {
 
 constexpr const char* about =
-    "All of them to one file, their channels side by side in the order given. A device that\n"
-    "goes is silent until it comes back.";
+    "All devices are recorded to one file, with their channels in the order given. A device that\n"
+    "disconnects is silent until it returns.";
 
 struct Options {
     explicit Options(CLI::App& command) : audio(command, about) {}
@@ -24,47 +24,34 @@ struct Options {
     uint32_t bits = 0;
 };
 
-/// Writes what `recorder` hears until `maxFrames` are written or the user ends it: true. False when devices give nothing for
-/// too long.
+/// Writes until the file has `maxFrames` or the user ends it. False when no audio comes for too long.
 bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames,
             SessionScreen& screen)
 {
     constexpr double patienceSeconds = 10.0;
     const double rate = session.sampleRate();
+    session.setSettled([&] { recorder.open(rate); });
     double lastFrameAt = session.seconds();
     while (screen.wait() && file.framesWritten() < maxFrames) {
-        if (!recorder.isOpen() && session.isSettled()) {
-            session.beginCounting();
-            recorder.open(rate);
-        }
         const uint64_t before = file.framesWritten();
         if (recorder.isOpen())
             recorder.writeTo(file, maxFrames, false);
         if (file.framesWritten() != before)
             lastFrameAt = session.seconds();
         if (maxFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
-            return false; // a program may have started it
+            return false; // a program that waits for the end would wait forever
         screen.draw(recorder.meters(), formatSeconds(static_cast<double>(file.framesWritten()) / rate) +
                                            " recorded   Ctrl-C ends");
     }
     return true;
 }
 
-/// What was heard before the end and is not written yet.
-void writeTheRest(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames)
-{
-    session.stop();
-    if (recorder.isOpen())
-        recorder.writeTo(file, maxFrames, true);
-    file.finish();
-}
-
 std::string resultOf(const SoundFileWriter& file, const FileRecorder& recorder, double rate)
 {
-    return formatCount(file.framesWritten(), "frame", "frames") + " written (" +
+    return formatCount(file.framesWritten(), "frame") + " written (" +
            formatSeconds(static_cast<double>(file.framesWritten()) / rate) + "), " +
-           formatCount(recorder.droppedFrames(), "", "") + "left out because the disk was too slow, " +
-           formatCount(recorder.silentFrames(), "", "") + "silent for want of cycles";
+           formatNumber(recorder.droppedFrames()) + " lost because the disk was too slow, " +
+           formatNumber(recorder.silentFrames()) + " silent because no cycle came";
 }
 
 void run(Options& options)
@@ -82,14 +69,16 @@ void run(Options& options)
     const std::optional<double> seconds = options.audio.seconds();
     const uint64_t maxFrames = seconds ? static_cast<uint64_t>(std::llround(*seconds * rate)) : UINT64_MAX;
     SoundFileWriter file(options.file, format, recorder->channelCount(), rate, seconds.value_or(0.0));
-    std::cout << namesOf(options.audio.inputs()) << " -> " << clipToWidth(singleLine(options.file), 60)
-              << ", " << formatCount(recorder->channelCount(), "channel", "channels") << ", "
-              << formatRate(rate) << std::endl;
+    std::cout << namesOf(options.audio.inputs()) << " -> " << shortText(options.file, 60) << ", "
+              << formatCount(recorder->channelCount(), "channel") << ", " << formatRate(rate) << std::endl;
     SessionScreen screen(session);
     bool isComplete = false;
     try {
         isComplete = record(session, *recorder, file, maxFrames, screen);
-        writeTheRest(session, *recorder, file, maxFrames);
+        session.stop();
+        if (recorder->isOpen())
+            recorder->writeTo(file, maxFrames, true); // the rest
+        file.finish();
     } catch (const ToolFailure&) {
         file.finish();
         screen.finish(resultOf(file, *recorder, rate));
@@ -104,18 +93,17 @@ void run(Options& options)
 
 void registerRecordCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("record", "Record devices to a sound file, or into a pipe");
-    const auto options = std::make_shared<Options>(*command);
+    const auto [command, options] =
+        addCommand(app, "record", "Record devices to a sound file, or into a pipe", run);
     command
-        ->add_option("file", options->file,
-                     "The file to write; one that is there is replaced. - is standard output")
+        .add_option("file", options.file,
+                    "The file to write; an existing one is replaced. - is standard output")
         ->required();
-    options->audio.addInputs("A device to record; the default input if not given");
-    options->audio.useDefaults();
-    options->audio.addSeconds("End after so much sound");
-    command->add_option("--format", options->format,
-                        SoundFormat::names() + "; by the file's name if not given");
-    command->add_option("--bits", options->bits, "Of a sample: 16, 24, or 32 for floats")
+    options.audio.addInputs("A device to record; the default input if not given");
+    options.audio.useDefaults();
+    options.audio.addSeconds("End after so many seconds of sound");
+    command.add_option("--format", options.format,
+                       SoundFormat::names() + "; by the file's name if not given");
+    command.add_option("--bits", options.bits, "Of a sample: 16, 24, or 32 for floats")
         ->check(CLI::IsMember({16, 24, 32}));
-    command->callback([options] { run(*options); });
 }

@@ -12,43 +12,39 @@ namespace {
 struct Options {
     explicit Options(CLI::App& command) : device(command) {}
     DeviceArgument device;
-    std::optional<std::string> key;
-    std::optional<std::string> value;
+    std::optional<std::string> key, value;
 };
 
-/// JSON where it is some, else a text.
+/// JSON, else plain text.
 CXPlist valueFrom(const std::string& text)
 {
     const CXPlist parsed = CXPlist::parse(text, nullptr, false);
     return parsed.is_discarded() ? CXPlist(text) : parsed;
 }
 
-void print(const DXRDevice& device)
+void remember(Options& options)
 {
+    const CXRef<DXRDevice> device = options.device.device();
     const Terminal terminal;
-    for (const std::string& key : device.overrideKeys())
-        std::cout << singleLine(key) << " = " << jsonText(device.overrideForKey(key), -1, terminal.isLive())
-                  << "\n";
-}
-
-void remember(const Options& options)
-{
-    const CXRef<DXRDevice> device = options.device.find();
-    if (!options.key)
-        return print(*device);
+    if (!options.key) {
+        for (const std::string& key : device->overrideKeys())
+            std::cout << singleLine(key) << " = "
+                      << jsonText(device->overrideForKey(key), -1, terminal.isLive()) << "\n";
+        return;
+    }
     if (!options.value)
         throw CLI::ValidationError("remember", "needs a VALUE for the KEY");
     const CXPlist value = valueFrom(*options.value);
     device->setOverride(value, *options.key);
     if (device->overrideForKey(*options.key) != value)
-        throw ToolFailure("this value cannot be remembered");
+        throw ToolFailure("this value cannot be stored");
 }
 
-void forget(const Options& options)
+void forget(Options& options)
 {
-    const CXRef<DXRDevice> device = options.device.find();
+    const CXRef<DXRDevice> device = options.device.device();
     if (options.key && device->overrideForKey(*options.key).is_null())
-        throw ToolFailure("nothing is remembered under '" + singleLine(*options.key) + "'");
+        throw ToolFailure("no setting '" + singleLine(*options.key) + "' is stored");
     for (const std::string& key : options.key ? std::vector{*options.key} : device->overrideKeys())
         device->setOverride(nullptr, key);
 }
@@ -57,16 +53,14 @@ void forget(const Options& options)
 
 void registerRememberCommands(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand(
-        "remember",
-        "Keep a setting of a device for every application (hv and hm: has volume, has mute), or show them");
-    const auto options = std::make_shared<Options>(*command);
-    command->add_option("key", options->key, "Which setting; all are shown without one");
-    command->add_option("value", options->value, "JSON, or any text");
-    command->callback([options] { remember(*options); });
+    const auto [command, options] = addCommand(
+        app, "remember",
+        "Store a setting of a device for all applications (hv and hm: has volume, has mute), or show them",
+        remember);
+    command.add_option("key", options.key, "The setting; without it, all are shown");
+    command.add_option("value", options.value, "JSON, or any text");
 
-    command = app.add_subcommand("forget", "Remove what is remembered of a device");
-    const auto forgotten = std::make_shared<Options>(*command);
-    command->add_option("key", forgotten->key, "Which setting; all without one");
-    command->callback([forgotten] { forget(*forgotten); });
+    const auto [forgetCommand, forgetOptions] =
+        addCommand(app, "forget", "Remove stored settings of a device", forget);
+    forgetCommand.add_option("key", forgetOptions.key, "The setting; all without it");
 }

@@ -1,6 +1,8 @@
 #include "Commands.h"
+
 #include "DisplayText.h"
 #include "Interrupts.h"
+#include "LevelBar.h"
 #include "LiveLines.h"
 #include "SoundFileReader.h"
 #include "SoundFileWriter.h"
@@ -14,6 +16,7 @@
 #include <filesystem>
 #include <iostream>
 #include <numeric>
+#include <optional>
 
 namespace {
 
@@ -25,7 +28,7 @@ struct Options {
 
 constexpr uint32_t blockFrames = 1024; // of input
 
-/// The converter's only node: keeps what comes out.
+/// The converter's only node: keeps the output.
 class ConvertedFrames final : public DXRConverterNode {
 public:
     static constexpr uint32_t blockFrames = 256;
@@ -51,16 +54,15 @@ public:
     }
 
     FrameRing ring;
-    uint64_t firstTicks =
-        0; ///< when the first frame that came out was at the input, by the converter's reckoning
+    uint64_t firstTicks = 0; ///< the input time of the first output frame, by the converter
 
 private:
     ConvertedFrames(uint32_t channelCount, uint64_t minFrames) : ring(channelCount, minFrames) {}
     ~ConvertedFrames() override = default;
 };
 
-/// A file's way through the converter. What that is late by is cut off the start and made up at the end, so that the output
-/// begins and ends with the input.
+/// Converts a file. The converter's delay is cut off at the start and added at the end: the output begins and
+/// ends with the input.
 class FileResampling {
 public:
     FileResampling(SoundFileReader& reader, SoundFileWriter& writer, const Options& options)
@@ -79,13 +81,13 @@ public:
             _entries.push_back({&_samples[channel], reader.channelCount()});
     }
 
-    /// Converts the next block. False when the output is whole.
+    /// Converts the next block. False when the output is complete.
     bool step()
     {
         const uint32_t channels = _reader.channelCount();
         _mayHaveMore = _mayHaveMore && _reader.fill(_input);
         const uint64_t frames = _input.readableFrames();
-        std::ranges::fill(_samples, 0.0F); // silent past the input's end
+        std::ranges::fill(_samples, 0.0F); // silence after the input's end
         for (uint64_t frame = 0; frame < frames; ++frame)
             std::copy_n(_input.frameToRead(frame), channels, &_samples[frame * channels]);
         _input.commitRead(frames);
@@ -96,12 +98,13 @@ public:
         _converter->performIOWithSampleTime(
             &_sampleTime, entries, {beginTicks + static_cast<double>(_framesFed) * period, 0, period});
         _framesFed += blockFrames;
-        if (!_late && _output->firstTicks != 0)
-            _late = static_cast<uint64_t>(std::max(
+        if (!_delay && _output->firstTicks != 0)
+            _delay = static_cast<uint64_t>(std::max(
                 0.0, std::round((beginTicks - static_cast<double>(_output->firstTicks)) / period * _ratio)));
-        const uint64_t cut = std::min(_late.value_or(0), _output->ring.readableFrames());
+        const uint64_t cut = std::min(_delay.value_or(0), _output->ring.readableFrames());
         _output->ring.commitRead(cut);
-        _late = _late ? std::optional(*_late - cut) : std::nullopt;
+        if (_delay)
+            *_delay -= cut;
         _writer.drain(_output->ring, _total - _writer.framesWritten());
         return _writer.framesWritten() < _total;
     }
@@ -122,11 +125,11 @@ private:
     const CXRef<ConvertedFrames> _output;
     CXRef<DXRAudioConverter> _converter;
     uint64_t _sampleTime = 0, _framesFed = 0;
-    std::optional<uint64_t> _late; // output frames still to be cut off
+    std::optional<uint64_t> _delay; // output frames still to be cut off; null: not known yet
     bool _mayHaveMore = true;
 };
 
-/// Shows how much of a conversion is done, once it has taken half a second.
+/// A progress bar, from half a second on.
 class Progress {
 public:
     Progress() : _live(_terminal) {}
@@ -137,10 +140,8 @@ public:
         if (now - _begin < 500ms || now - _drawn < 100ms)
             return;
         _drawn = now;
-        const size_t width = std::min<size_t>(_terminal.columns() - 8, 60);
-        const auto filled = static_cast<size_t>(progress * static_cast<double>(width));
-        _live.draw(
-            {std::string(filled, '=') + std::string(width - filled, ' ') + " " + formatPercent(progress)});
+        const auto [done, rest] = shareBar(progress, std::min<size_t>(_terminal.columns() - 8, 60), "━", "─");
+        _live.draw({done + rest + " " + formatPercent(progress)});
     }
 
 private:
@@ -150,14 +151,14 @@ private:
     std::chrono::steady_clock::time_point _drawn;
 };
 
-void run(const Options& options)
+void run(Options& options)
 {
     std::error_code ignored;
     if (std::filesystem::equivalent(options.input, options.output, ignored))
         throw ToolFailure(singleLine(options.output) + ": input and output are the same file");
     SoundFileReader reader(options.input);
     if (reader.isStream())
-        throw ToolFailure("the length of the input must be known: resample a file");
+        throw ToolFailure("cannot resample a pipe: its length is unknown");
     const double seconds = static_cast<double>(reader.frameCount()) / reader.sampleRate();
     const Interrupts interrupts;
     SoundFileWriter writer(options.output, SoundFormat::toWrite(options.output, "", 0), reader.channelCount(),
@@ -172,9 +173,8 @@ void run(const Options& options)
         }
     }
     writer.finish();
-    std::cout << formatCount(reader.frameCount(), "frame", "frames") << " at "
-              << formatRate(reader.sampleRate()) << " -> "
-              << formatCount(writer.framesWritten(), "frame", "frames") << " at " << formatRate(options.rate)
+    std::cout << formatCount(reader.frameCount(), "frame") << " at " << formatRate(reader.sampleRate())
+              << " -> " << formatCount(writer.framesWritten(), "frame") << " at " << formatRate(options.rate)
               << "\n";
 }
 
@@ -182,16 +182,15 @@ void run(const Options& options)
 
 void registerResampleCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("resample", "Convert a sound file to another sample rate");
-    const auto options = std::make_shared<Options>();
-    command->add_option("input", options->input, "The sound file to read")->required();
+    const auto [command, options] =
+        addCommand(app, "resample", "Convert a sound file to another sample rate", run);
+    command.add_option("input", options.input, "The sound file to read")->required();
     command
-        ->add_option("output", options->output,
-                     "The file to write, in the format of its name; one that is there is replaced")
+        .add_option("output", options.output,
+                    "The file to write, in the format of its name; an existing one is replaced")
         ->required();
-    command->add_option("--rate", options->rate, "The sample rate to convert to, in Hz")
+    command.add_option("--rate", options.rate, "The sample rate to convert to, in Hz")
         ->required()
         ->check(CLI::Range(100, 1'536'000));
-    command->add_flag("--fast", options->isFast, "Convert with less cost, and more noise");
-    command->callback([options] { run(*options); });
+    command.add_flag("--fast", options.isFast, "Convert with less cost, and more noise");
 }

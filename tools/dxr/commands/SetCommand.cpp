@@ -1,70 +1,57 @@
 #include "Commands.h"
 
-#include "DeviceLookup.h"
-#include "DeviceSettings.h"
+#include "DeviceArgument.h"
+#include "DeviceProperties.h"
 #include "DisplayText.h"
-#include "HardwareChoice.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
 #include <algorithm>
-#include <cmath>
 #include <iostream>
 
 namespace {
 
 struct Options {
-    explicit Options(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
-    std::string device;
-    std::string volume;
+    explicit Options(CLI::App& command) : device(command) {}
+    DeviceArgument device;
+    std::string volume, mute;
     std::optional<uint32_t> channel;
-    std::string mute;
     std::optional<std::string> source;
     std::optional<double> rate;
-    bool makeDefault = false;
-    bool input = false;
-    bool output = false;
+    bool makesDefault = false;
 };
 
 struct Volume {
     float value = 0.0F;
-    bool isRelative = false; ///< to be added to what there is
+    bool isRelative = false; ///< to be added to the present one
 };
 
-/// "0.5" or "50%" as 0.5; with a sign, as in "+5%", a change. Throws CLI::ValidationError for anything else.
+/// "0.5" or "50%" as 0.5; with a sign a change, "+5%". Throws CLI::ValidationError.
 Volume volumeFrom(const std::string& text)
 {
-    size_t used = 0;
-    double value = NAN;
-    try {
-        value = std::stod(text, &used);
-    } catch (const std::logic_error&) {
-        used = 0;
-    }
-    const bool isPercent = used > 0 && text.substr(used) == "%";
-    const bool isRelative = text.starts_with('+') || text.starts_with('-');
+    std::string number = text;
+    const bool isPercent = number.ends_with('%');
+    const bool isRelative = number.starts_with('+') || number.starts_with('-');
     if (isPercent)
+        number.pop_back();
+    double value = NAN;
+    if (CLI::detail::lexical_cast(number, value) && isPercent)
         value /= 100.0;
-    if (used == 0 || (!isPercent && used != text.size()) ||
-        !(value >= (isRelative ? -1.0 : 0.0) && value <= 1.0))
+    if (!(value >= (isRelative ? -1.0 : 0.0) && value <= 1.0))
         throw CLI::ValidationError("--volume", "must be 0 to 1, or 0% to 100%, or a change such as +5%");
     return {static_cast<float>(value), isRelative};
 }
 
-/// Makes the changes that one command line asks for on one device.
+/// Makes the changes of one command line.
 class Changes {
 public:
     Changes(const Options& options, const DeviceReport& device)
-        : _options(options), _device(device), _name(device.shortName())
-    {
-        const bool hasOutput = device[HALDirection::Output].channelCount > 0;
-        const bool isInput = options.input || (!options.output && !hasOutput);
-        _direction = isInput ? HALDirection::Input : HALDirection::Output;
-        _report = device[_direction];
-    }
+        : _options(options), _device(device), _name(device.shortName()),
+          _direction(device.direction(options.device.side())), _scope(scopeOf(_direction)),
+          _report(device[_direction])
+    {}
 
-    void make()
+    void make() const
     {
         if (!_options.volume.empty())
             _setVolume(volumeFrom(_options.volume));
@@ -72,23 +59,20 @@ public:
             _setMute(_options.mute == "toggle" ? !_report.isMuted.value_or(false) : _options.mute == "on");
         if (_options.source)
             _setSource(*_options.source);
-        if (_options.rate)
-            _setRate(*_options.rate);
-        if (_options.makeDefault)
+        if (_options.rate) {
+            setSampleRate(_name, _device.deviceID, *_options.rate);
+            _print("sample rate " + formatRate(*_options.rate));
+        }
+        if (_options.makesDefault)
             _makeDefault();
     }
 
 private:
-    AudioObjectPropertyAddress _address(uint32_t selector, uint32_t element = 0) const
-    {
-        return addressOf(selector, _direction, element);
-    }
-
     [[noreturn]] void _fail(const std::string& reason) const { throw ToolFailure(_name + ": " + reason); }
 
-    void _done(const std::string& what) const { std::cout << _name << ": " << what << "\n"; }
+    void _print(const std::string& what) const { std::cout << _name << ": " << what << "\n"; }
 
-    /// The elements that `--volume` moves: the channel asked for, else the main one, else every channel's.
+    /// The channel that was asked for, else the main element, else every channel with a control.
     std::vector<uint32_t> _volumeElements() const
     {
         if (_options.channel)
@@ -108,7 +92,7 @@ private:
         return (isChannel ? _report.channelVolumes[element - 1] : _report.volume).value_or(0.0F);
     }
 
-    void _setVolume(const Volume& wanted)
+    void _setVolume(const Volume& wanted) const
     {
         constexpr double tolerance = 0.01; // hardware has steps
         const std::vector<uint32_t> elements = _volumeElements();
@@ -118,79 +102,69 @@ private:
         for (const uint32_t element : elements) {
             if (wanted.isRelative)
                 volume = std::clamp(_volumeOf(element) + wanted.value, 0.0F, 1.0F);
-            setAndWait(_name, _device.deviceID, _address(kAudioDevicePropertyVolumeScalar, element), volume,
-                       "volume", tolerance);
+            setAndWait(_name, _device.deviceID, DXRPropertyAddress::deviceVolumeScalar(_scope, element),
+                       volume, "volume", tolerance);
         }
-        _done(formatText("%s volume %s", nameOf(_direction), formatPercent(double{volume}).c_str()) +
-              (_options.channel ? formatText(" on channel %u", *_options.channel) : ""));
+        _print(formatText("%s volume %s", nameOf(_direction), formatPercent(double{volume}).c_str()) +
+               (_options.channel ? formatText(" on channel %u", *_options.channel) : ""));
     }
 
-    void _setMute(bool isMuted)
+    void _setMute(bool isMuted) const
     {
-        const uint32_t element = _options.channel.value_or(0);
-        setAndWait<uint32_t>(_name, _device.deviceID, _address(kAudioDevicePropertyMute, element),
-                             isMuted ? 1 : 0, "mute");
-        _done(formatText("%s mute %s", nameOf(_direction), isMuted ? "on" : "off"));
+        const auto property = DXRPropertyAddress::deviceMute(_scope, _options.channel.value_or(0));
+        setAndWait<uint32_t>(_name, _device.deviceID, property, isMuted ? 1 : 0, "mute");
+        _print(formatText("%s mute %s", nameOf(_direction), isMuted ? "on" : "off"));
     }
 
-    void _setSource(const std::string& wanted)
+    void _setSource(const std::string& wanted) const
     {
-        const DirectionReport::Source* found = nullptr;
-        std::string known;
-        for (const DirectionReport::Source& source : _report.sources) {
-            known += (known.empty() ? "" : ", ") + singleLine(source.name);
-            const bool isExact = source.name == wanted || std::to_string(source.sourceID) == wanted;
-            if (isExact || (!found && foldCase(source.name) == foldCase(wanted)))
-                found = &source;
-        }
-        if (!found)
-            _fail(known.empty() ? formatText("its %s has no sources", nameOf(_direction))
-                                : formatText("no source '%s'; there is: %s", singleLine(wanted).c_str(),
-                                             clipToWidth(known, 200).c_str()));
-        setAndWait(_name, _device.deviceID, _address(kAudioDevicePropertyDataSource), found->sourceID,
+        using Source = DirectionReport::Source;
+        const auto isExact = [&](const Source& source) {
+            return source.name == wanted || std::to_string(source.sourceID) == wanted;
+        };
+        auto found = std::ranges::find_if(_report.sources, isExact);
+        if (found == _report.sources.end())
+            found = std::ranges::find(_report.sources, foldCase(wanted),
+                                      [](const Source& source) { return foldCase(source.name); });
+        if (_report.sources.empty())
+            _fail(formatText("its %s has no sources", nameOf(_direction)));
+        if (found == _report.sources.end())
+            _fail("no source '" + singleLine(wanted) +
+                  "'; there is: " + shortText(joined(_report.sources, ", ", &Source::name), 200));
+        setAndWait(_name, _device.deviceID, DXRPropertyAddress::deviceDataSource(_scope), found->sourceID,
                    "source");
-        _done(
-            formatText("%s source %s", nameOf(_direction), clipToWidth(singleLine(found->name), 40).c_str()));
+        _print(std::string(nameOf(_direction)) + " source " + shortText(found->name, 40));
     }
 
-    void _setRate(double rate)
-    {
-        setSampleRate(_name, _device.deviceID, rate);
-        _done("sample rate " + formatRate(rate));
-    }
-
-    void _makeDefault()
+    void _makeDefault() const
     {
         if (_report.channelCount == 0)
             _fail(formatText("it has no %s channels", nameOf(_direction)));
-        const uint32_t selector = _direction == HALDirection::Input
-                                      ? kAudioHardwarePropertyDefaultInputDevice
-                                      : kAudioHardwarePropertyDefaultOutputDevice;
-        setAndWait(_name, kAudioObjectSystemObject, addressOf(selector), _device.deviceID, "default device");
-        _done(formatText("default %s", nameOf(_direction)));
+        const auto property = _direction == HALDirection::Input
+                                  ? DXRPropertyAddress::hardwareDefaultInputDevice()
+                                  : DXRPropertyAddress::hardwareDefaultOutputDevice();
+        setAndWait(_name, kAudioObjectSystemObject, property, _device.deviceID, "default device");
+        _print(formatText("default %s", nameOf(_direction)));
     }
 
     const Options& _options;
     const DeviceReport& _device;
     const std::string _name;
-    HALDirection _direction = HALDirection::Output;
-    DirectionReport _report;
+    const HALDirection _direction;
+    const uint32_t _scope;
+    const DirectionReport& _report;
 };
 
-void run(const Options& options)
+void run(Options& options)
 {
     if (options.volume.empty() && options.mute.empty() && !options.source && !options.rate &&
-        !options.makeDefault)
+        !options.makesDefault)
         throw CLI::ValidationError("set", "needs one of --volume, --mute, --source, --rate, --default");
     if (options.channel && options.volume.empty() && options.mute.empty())
         throw CLI::ValidationError("--channel", "goes with --volume or --mute");
     if (!options.volume.empty())
-        volumeFrom(options.volume); // wrong usage is reported before a device is touched
-    options.hardware.apply();
-    std::optional<HALDirection> direction;
-    if (options.input || options.output)
-        direction = options.input ? HALDirection::Input : HALDirection::Output;
-    const DeviceReport device = DeviceLookup::find(options.device, direction);
+        volumeFrom(options.volume); // wrong usage is reported before a device is changed
+    const DeviceReport device = options.device.report();
     Changes(options, device).make();
 }
 
@@ -198,19 +172,13 @@ void run(const Options& options)
 
 void registerSetCommand(CLI::App& app)
 {
-    CLI::App* command = app.add_subcommand("set", "Change a device's volume, mute, source or rate");
-    const auto options = std::make_shared<Options>(*command);
-    command->add_option("device", options->device, "Its UID, reference, or a part of its name")->required();
-    command->add_option("--volume", options->volume, "0 to 1, or 0% to 100%; +5% and -5% change it");
-    command->add_option("--channel", options->channel, "Only this channel, from 1")
-        ->check(CLI::PositiveNumber);
-    command->add_option("--mute", options->mute, "on, off or toggle")
+    const auto [command, options] =
+        addCommand(app, "set", "Change a device's volume, mute, source or rate", run);
+    command.add_option("--volume", options.volume, "0 to 1, or 0% to 100%; +5% and -5% change it");
+    command.add_option("--channel", options.channel, "Only this channel, from 1")->check(CLI::PositiveNumber);
+    command.add_option("--mute", options.mute, "on, off or toggle")
         ->check(CLI::IsMember({"on", "off", "toggle"}));
-    command->add_option("--source", options->source, "A data source, by its name or ID");
-    command->add_option("--rate", options->rate, "The sample rate in Hz")->check(CLI::PositiveNumber);
-    command->add_flag("--default", options->makeDefault, "Make it the default device");
-    CLI::Option* input = command->add_flag("--input", options->input, "The input side");
-    command->add_flag("--output", options->output, "The output side; taken where there is one")
-        ->excludes(input);
-    command->callback([options] { run(*options); });
+    command.add_option("--source", options.source, "A data source, by its name or ID");
+    command.add_option("--rate", options.rate, "The sample rate in Hz")->check(CLI::PositiveNumber);
+    command.add_flag("--default", options.makesDefault, "Make it the default device");
 }

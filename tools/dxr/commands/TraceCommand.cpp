@@ -15,9 +15,8 @@
 namespace {
 
 constexpr const char* about =
-    "Runs devices as 'dxr loop' does, the default ones if none are named, and writes the times\n"
-    "of each cycle as Chrome trace events, which chrome://tracing and ui.perfetto.dev show, and\n"
-    "a picture of them beside it.";
+    "Runs devices like 'dxr loop', by default the default ones, and writes the times of every\n"
+    "cycle as Chrome trace events, for chrome://tracing and ui.perfetto.dev, and as a picture.";
 
 constexpr double usualSeconds = 10.0;
 
@@ -27,7 +26,6 @@ struct Options {
     std::string file;
 };
 
-/// Beside the trace: its name, but .svg.
 std::string pictureNameFor(const std::string& trace)
 {
     std::filesystem::path picture = trace;
@@ -35,7 +33,6 @@ std::string pictureNameFor(const std::string& trace)
     return picture == trace ? trace + ".svg" : picture.string();
 }
 
-/// Which devices are connected, for the picture.
 void notePresence(const RunnerSession& session, CyclePicture& picture)
 {
     std::vector<bool> isConnected;
@@ -47,20 +44,15 @@ void notePresence(const RunnerSession& session, CyclePicture& picture)
 void runTrace(RunnerSession& session, LoopPatch& patch, double seconds, ChromeTraceWriter& file,
               CyclePicture& picture, SessionScreen& screen)
 {
-    bool isOpen = false;
+    session.setSettled([&] { patch.setOpen(); });
     while (screen.wait() && session.seconds() < seconds) {
         for (const std::string& line : screen.lastMessages())
             file.mark(line);
         notePresence(session, picture);
-        if (!isOpen && session.isSettled()) {
-            isOpen = true;
-            session.beginCounting();
-            patch.open();
-        }
         const CycleStatistics& cycles = session.statistics();
         screen.draw(patch.meters(), formatSeconds(session.seconds()) + " of " + formatSeconds(seconds) +
-                                        ", " + formatCount(cycles.cyclesSeen(), "cycle", "cycles") + ", " +
-                                        formatCount(cycles.lateCycles(), "late", "late"));
+                                        ", " + formatCount(cycles.cyclesSeen(), "cycle") + ", " +
+                                        formatNumber(cycles.lateCycles()) + " late");
     }
 }
 
@@ -113,16 +105,14 @@ void run(Options& options)
 
 void registerTraceCommand(CLI::App& app)
 {
-    CLI::App* command =
-        app.add_subcommand("trace", "Write down when every cycle of a run was due, came and ended");
-    const auto options = std::make_shared<Options>(*command);
+    const auto [command, options] =
+        addCommand(app, "trace", "Record when every cycle of a run was due, began and ended", run);
     command
-        ->add_option(
-            "file", options->file,
-            "The JSON file to write, one that is there is replaced; the picture has its name, but .svg")
+        .add_option(
+            "file", options.file,
+            "The JSON file to write; an existing one is replaced. The picture has its name, with .svg")
         ->required();
-    options->audio.addInputs("A device to hear");
-    options->audio.addOutputs("A device to play on");
-    options->audio.addSeconds("For how long; 10 if not given");
-    command->callback([options] { run(*options); });
+    options.audio.addInputs("A device to record");
+    options.audio.addOutputs("A device to play on");
+    options.audio.addSeconds("The duration; 10 if not given");
 }

@@ -3,86 +3,55 @@
 #include "DeviceWatch.h"
 #include "HardwareChoice.h"
 #include "Interrupts.h"
-#include "SimulatedVisitor.h"
 #include "Terminal.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
 #include <csignal>
-#include <ctime>
 #include <iostream>
-#include <memory>
 
 namespace {
 
 struct Options {
     explicit Options(CLI::App& command) : hardware(command) {}
     HardwareChoice hardware;
-    bool all = false;
-    bool json = false;
-    bool identity = false;
+    bool withHidden = false, asJSON = false, withIdentity = false;
 };
 
-std::string localTime(std::chrono::system_clock::time_point when)
-{
-    const auto milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count();
-    const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
-    std::tm parts{};
-    localtime_r(&seconds, &parts);
-    return formatText("%02d:%02d:%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
-                      static_cast<int>(milliseconds % 1000));
-}
+// By DeviceWatch::Kind.
+constexpr Style styles[] = {Style::Plain, Style::Green, Style::Red, Style::Yellow, Style::Red, Style::Cyan};
 
-Style styleOf(DeviceWatch::Kind kind)
+std::string lineOf(const DeviceWatch::Event& event, const Options& options, const Terminal& terminal)
 {
-    switch (kind) {
-    case DeviceWatch::Kind::Connected:
-        return Style::Green;
-    case DeviceWatch::Kind::Disconnected:
-    case DeviceWatch::Kind::LostCycles:
-        return Style::Red;
-    case DeviceWatch::Kind::Changed:
-        return Style::Yellow;
-    case DeviceWatch::Kind::Default:
-        return Style::Cyan;
-    case DeviceWatch::Kind::Present:
-        break;
-    }
-    return Style::Plain;
+    const std::string identity = options.withIdentity ? event.identity() : "";
+    if (!options.asJSON)
+        return terminal.styled(formatLocalTime(event.when), Style::Dim) + "  " +
+               terminal.styled(event.text(), styles[static_cast<size_t>(event.kind)]) +
+               (identity.empty() ? "" : "  [" + identity + "]");
+    CXPlist line = event.json();
+    if (options.withIdentity)
+        line["identity"] = identity;
+    return jsonText(line, -1, terminal.isLive());
 }
 
 void print(const std::vector<DeviceWatch::Event>& events, const Options& options, const Terminal& terminal)
 {
-    for (const DeviceWatch::Event& event : events) {
-        const std::string identity = options.identity ? event.identity() : "";
-        if (options.json) {
-            CXPlist line = event.json();
-            if (options.identity)
-                line["identity"] = identity;
-            std::cout << jsonText(line, -1, terminal.isLive()) << std::endl;
-        } else {
-            std::cout << terminal.styled(localTime(event.when), Style::Dim) << "  "
-                      << terminal.styled(event.text(), styleOf(event.kind))
-                      << (identity.empty() ? "" : "  [" + identity + "]") << std::endl;
-        }
-        if (!std::cout)
+    for (const DeviceWatch::Event& event : events)
+        if (!(std::cout << lineOf(event, options, terminal) << std::endl))
             throw ToolFailure("cannot write to standard output");
-    }
 }
 
-void run(const Options& options)
+void run(Options& options)
 {
-    const CXRef<SimulatedHardware> simulated = options.hardware.apply();
+    options.hardware.apply();
     const Terminal terminal;
-    DeviceWatch watch(options.all);
+    DeviceWatch watch(options.withHidden);
     print(watch.begin(), options, terminal);
-    const std::unique_ptr<SimulatedVisitor> visitor =
-        simulated ? std::make_unique<SimulatedVisitor>(simulated) : nullptr;
+    const auto visitor = options.hardware.visitor();
     const Interrupts interrupts;
-    std::signal(SIGPIPE, SIG_DFL); // the reader of the lines has gone
+    std::signal(SIGPIPE, SIG_DFL); // the end of the reader is the end
     constexpr int forever = -1;
-    while (interrupts.wait(forever, watch.fd()))
+    while (interrupts.wait(forever, DeviceWatch::fd()))
         print(watch.next(), options, terminal);
 }
 
@@ -90,12 +59,10 @@ void run(const Options& options)
 
 void registerWatchCommand(CLI::App& app)
 {
-    CLI::App* command =
-        app.add_subcommand("watch", "Report devices that connect, disconnect or change, until Ctrl-C");
-    const auto options = std::make_shared<Options>(*command);
-    command->add_flag("--all", options->all, "Hidden devices too");
-    command->add_flag("--json", options->json, "A JSON object per line");
-    command->add_flag("--identity", options->identity,
-                      "Which objects stand for each device: the same after a replug");
-    command->callback([options] { run(*options); });
+    const auto [command, options] =
+        addCommand(app, "watch", "Report devices that connect, disconnect or change, until Ctrl-C", run);
+    command.add_flag("--all", options.withHidden, "Hidden devices too");
+    command.add_flag("--json", options.asJSON, "A JSON object per line");
+    command.add_flag("--identity", options.withIdentity,
+                     "The objects of each device: the same when it is connected again");
 }

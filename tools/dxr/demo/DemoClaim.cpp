@@ -1,5 +1,6 @@
 #include "DemoClaim.h"
 
+#include "CycleStatistics.h"
 #include "SineFit.h"
 #include "TextFormat.h"
 
@@ -11,19 +12,14 @@ using Context = DXRCycleRecord::Context;
 
 namespace {
 
-constexpr double minQuality = 80.0;     // dB: far below what can be heard, and far above what a fault leaves
+constexpr double minQuality = 80.0;     // dB: inaudible, and far better than any fault
 constexpr double spoiledQuality = 50.0; // dB
-constexpr double maxSpoiledShare = 0.1; // a busy machine makes any device lose a cycle now and then
+constexpr double maxSpoiledShare = 0.1; // on a busy machine any device loses a cycle now and then
 constexpr double levelTolerance = 0.02;
-constexpr double maxPitchError = 100.0; // ppm: a sixth of a cent, which cannot be heard
-constexpr uint64_t settlingTicks =
-    700'000'000;                           // after a disturbance, for cycles to come and clocks to be known
-constexpr uint64_t endTicks = 150'000'000; // before one: a tenth of a second must not reach into it
-
-double secondsFrom(uint64_t from, uint64_t to)
-{
-    return static_cast<double>(static_cast<int64_t>(to - from)) * 1e-9;
-}
+constexpr double maxPitchError = 100.0; // ppm: a sixth of a cent, inaudible
+// Left out of a stretch: until cycles come and clocks are measured, and where a tenth of a second would
+// exceed it.
+constexpr uint64_t settlingTicks = 700'000'000, endTicks = 150'000'000;
 
 double median(std::vector<double> values)
 {
@@ -32,7 +28,7 @@ double median(std::vector<double> values)
     return *middle;
 }
 
-/// How far the sample time of the timer's cycles strays from the clock, from the first to the last of them.
+/// The variation of the timer's sample time against the clock, seconds.
 double timerError(std::span<const DXRCycleRecord> cycles, double sampleRate)
 {
     double lowest = 0.0, highest = 0.0;
@@ -42,52 +38,51 @@ double timerError(std::span<const DXRCycleRecord> cycles, double sampleRate)
             continue;
         first = first ? first : &cycle;
         const double error = static_cast<double>(cycle.sampleTime - first->sampleTime) / sampleRate -
-                             secondsFrom(first->blocksBeginTicks, cycle.blocksBeginTicks);
+                             secondsOf(cycle.blocksBeginTicks - first->blocksBeginTicks);
         lowest = std::min(lowest, error);
         highest = std::max(highest, error);
     }
     return highest - lowest;
 }
 
-/// What an output played of the microphone in all stretches.
-struct StretchSound {
-    std::vector<double> qualities; // dB, of each tenth of a second
-    size_t spoiled = 0;            // of these: something was lost in them
-    double pitchError = 0.0;       // ppm, the largest of the others
-    bool isAsPromised = true;
-
-    /// Adds a stretch, which must have sound.
-    void add(std::span<const DemoTone> tones, DemoStage::Device output, uint64_t from, uint64_t to,
-             double amplitude)
-    {
-        std::vector<double> heard;
-        for (const DemoTone& tone : tones) {
-            if (tone.output != output || tone.hostTicks < from || tone.hostTicks > to)
-                continue;
-            heard.push_back(tone.quality);
-            if (tone.quality < spoiledQuality) {
-                ++spoiled;
-                continue;
-            }
-            isAsPromised = isAsPromised && std::abs(tone.level / amplitude - 1.0) < levelTolerance;
-            pitchError = std::max(pitchError, std::abs(tone.pitchError));
-        }
-        isAsPromised = isAsPromised && !heard.empty() && median(heard) >= minQuality;
-        qualities.insert(qualities.end(), heard.begin(), heard.end());
-    }
+/// The tones of an output in all stretches.
+struct OutputSound {
+    std::vector<double> qualities; // dB
+    size_t spoiled = 0;            // of these
+    double pitchError = 0.0;       // ppm, the maximum of the others
+    bool isTrue = true;
 };
 
-StretchSound soundOf(std::span<const DemoTone> tones, std::span<const DemoStretch> stretches,
-                     DemoStage::Device output, double amplitude)
+void addStretch(OutputSound& sound, std::span<const DemoTone> tones, DemoStage::Device output, uint64_t from,
+                uint64_t to, double amplitude)
 {
-    StretchSound sound;
+    std::vector<double> qualities;
+    for (const DemoTone& tone : tones) {
+        if (tone.output != output || tone.hostTicks < from || tone.hostTicks > to)
+            continue;
+        qualities.push_back(tone.quality);
+        if (tone.quality < spoiledQuality) {
+            ++sound.spoiled;
+            continue;
+        }
+        sound.isTrue = sound.isTrue && std::abs(tone.level / amplitude - 1.0) < levelTolerance;
+        sound.pitchError = std::max(sound.pitchError, std::abs(tone.pitchError));
+    }
+    sound.isTrue = sound.isTrue && !qualities.empty() && median(qualities) >= minQuality;
+    sound.qualities.insert(sound.qualities.end(), qualities.begin(), qualities.end());
+}
+
+OutputSound soundOf(std::span<const DemoTone> tones, std::span<const DemoStretch> stretches,
+                    DemoStage::Device output, double amplitude)
+{
+    OutputSound sound;
     for (const DemoStretch& stretch : stretches)
         if (stretch.isPlugged[DemoStage::Microphone] && stretch.isPlugged[output] &&
             stretch.from + settlingTicks + endTicks < stretch.to)
-            sound.add(tones, output, stretch.from + settlingTicks, stretch.to - endTicks, amplitude);
-    const auto max = maxSpoiledShare * static_cast<double>(sound.qualities.size());
-    sound.isAsPromised = sound.isAsPromised && !sound.qualities.empty() && sound.pitchError < maxPitchError &&
-                         static_cast<double>(sound.spoiled) <= max;
+            addStretch(sound, tones, output, stretch.from + settlingTicks, stretch.to - endTicks, amplitude);
+    const auto maxSpoiled = maxSpoiledShare * static_cast<double>(sound.qualities.size());
+    sound.isTrue = sound.isTrue && !sound.qualities.empty() && sound.pitchError < maxPitchError &&
+                   static_cast<double>(sound.spoiled) <= maxSpoiled;
     return sound;
 }
 
@@ -138,7 +133,7 @@ std::vector<DemoStretch> DemoStretch::cut(std::vector<DemoStretch> stretches,
 DemoClaim DemoClaim::ofTime(std::span<const DXRCycleRecord> records, double sampleRate)
 {
     std::vector<DXRCycleRecord> cycles;
-    double cycleSeconds = 0.0; // the longest
+    double cycleSeconds = 0.0; // maximum
     std::ranges::copy_if(records, std::back_inserter(cycles), [](const DXRCycleRecord& record) {
         return record.event == Event::Cycle && record.runnerFrameCount > 0;
     });
@@ -148,16 +143,16 @@ DemoClaim DemoClaim::ofTime(std::span<const DXRCycleRecord> records, double samp
     size_t back = 0, ahead = 0;
     for (size_t i = 1; i < cycles.size(); ++i) {
         const DXRCycleRecord &before = cycles[i - 1], &now = cycles[i];
-        const double pause = secondsFrom(before.blocksBeginTicks, now.blocksBeginTicks);
+        const double pause = secondsOf(now.blocksBeginTicks - before.blocksBeginTicks);
         const double step =
             static_cast<double>(static_cast<int64_t>(now.sampleTime - before.sampleTime)) / sampleRate;
         longestPause = std::max(longestPause, pause);
         back += now.sampleTime < before.sampleTime + before.runnerFrameCount;
-        ahead += step > pause + 2.0 * cycleSeconds; // cycles may come in haste after one that was late
+        ahead += step > pause + 2.0 * cycleSeconds; // cycles may follow fast after a late one
     }
     const double error = timerError(cycles, sampleRate);
     if (!cycles.empty())
-        missing = secondsFrom(cycles.front().blocksBeginTicks, cycles.back().blocksBeginTicks) -
+        missing = secondsOf(cycles.back().blocksBeginTicks - cycles.front().blocksBeginTicks) -
                   static_cast<double>(cycles.back().sampleTime - cycles.front().sampleTime) / sampleRate;
     return {
         !cycles.empty() && back == 0 && ahead == 0 && error < 2.0 * cycleSeconds, "time",
@@ -173,9 +168,9 @@ DemoClaim DemoClaim::ofSound(std::span<const DemoTone> tones, std::span<const De
     DemoClaim claim{true, "sound", "between disturbances: "};
     for (const DemoStage::Device output : DemoStage::outputs) {
         const double gain =
-            output == DemoStage::Headphones ? std::pow(volume, 3.0) : 1.0; // as a slider's cube law
-        const StretchSound sound = soundOf(tones, stretches, output, DemoStage::toneAmplitude * gain);
-        claim.isTrue = claim.isTrue && sound.isAsPromised;
+            output == DemoStage::Headphones ? std::pow(volume, 3.0) : 1.0; // a volume control is cubic
+        const OutputSound sound = soundOf(tones, stretches, output, DemoStage::toneAmplitude * gain);
+        claim.isTrue = claim.isTrue && sound.isTrue;
         claim.text +=
             (output == DemoStage::outputs.front() ? "" : "; ") + std::string(DemoStage::factsOf(output).name);
         claim.text +=

@@ -4,19 +4,19 @@
 
 #include <dxr/DXRCycleTrace.h>
 
-/// A tenth of a second of what an output played, measured by the microphone's tone, which must be in it.
+/// A tenth of a second of an output, measured by the microphone's tone.
 struct DemoTone {
     DemoStage::Device output;
     uint64_t hostTicks; ///< of its middle
-    double quality;     ///< dB, the tone over all else
+    double quality;     ///< dB, the tone to the rest
     double level;       ///< of the tone, peak
-    double pitchError;  ///< parts per million of what it must be
+    double pitchError;  ///< parts per million
 
-    /// All that the outputs of a stage have played.
+    /// Of everything that the outputs have played.
     static std::vector<DemoTone> measure(const DemoStage& stage);
 };
 
-/// A time in which no device came or went and the runner kept its context, in host ticks.
+/// A time in which no device was connected or disconnected and no context started, in host ticks.
 struct DemoStretch {
     uint64_t from, to;
     std::array<bool, DemoStage::devices.size()> isPlugged;
@@ -26,18 +26,17 @@ struct DemoStretch {
                                         std::span<const DXRCycleRecord> records);
 };
 
-/// Whether what the demo promises was true in one run of it.
+/// A claim about the library, and whether one run of the demo confirms it.
 /// Threads: any.
 struct DemoClaim {
     bool isTrue;
     std::string about; ///< a word
-    std::string text;  ///< with the figures
+    std::string text;  ///< with figures
 
-    /// Sample time never went back, and ahead by no more than the time in which no block was called; while there was no
-    /// device the timer kept it by the clock.
+    /// Sample time never goes back, nor ahead of the clock; without a device, the timer keeps it exactly.
     static DemoClaim ofTime(std::span<const DXRCycleRecord> records, double sampleRate);
-    /// In every stretch each output that was plugged in played the tone, at the level its volume makes of it. `volume` is the
-    /// headphones', 0 to 1.
+    /// In every stretch, each connected output plays the tone at the level of its volume, which is `volume`
+    /// (0 to 1) for the headphones.
     static DemoClaim ofSound(std::span<const DemoTone> tones, std::span<const DemoStretch> stretches,
                              double volume);
 };

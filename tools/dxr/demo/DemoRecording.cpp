@@ -4,7 +4,7 @@
 
 DemoRecording::DemoRecording(double sampleRate, double seconds)
     : _sampleRate(sampleRate), _maxFrames(static_cast<size_t>(seconds * sampleRate)),
-      _maxCycles(_maxFrames / 32), // shorter cycles are not asked for
+      _maxCycles(_maxFrames / 32), // cycles are longer
       _samples(std::make_unique_for_overwrite<float[]>(_maxFrames)),
       _cycles(std::make_unique_for_overwrite<Cycle[]>(_maxCycles))
 {}

@@ -6,32 +6,31 @@
 #include <span>
 #include <vector>
 
-/// What a simulated output plays on its first channel, kept to be measured, and when each cycle was.
+/// Records the first channel of a simulated output, and the time of each cycle.
 /// Threads:   the sink on the device's IO thread, of one device at a time; the rest on one other.
 /// Real time: the sink.
 class DemoRecording {
 public:
-    /// Room for `seconds` of a device at `sampleRate` Hz; what comes later is not kept.
+    /// Room for `seconds` at `sampleRate` Hz; then it is full.
     DemoRecording(double sampleRate, double seconds);
 
-    /// Keeps what it is given. This object must outlive the devices that have it.
+    /// This object must outlive the devices that play into it.
     SimulatedSink sink();
     double sampleRate() const noexcept { return _sampleRate; }
 
-    /// Unbroken samples, all of one plugging-in, and when they began.
+    /// Samples without a gap, and when the first was played.
     struct Stretch {
         uint64_t hostTicks;
         std::span<const float> samples;
     };
-    /// What was played, cut where the device was gone or lost cycles.
+    /// All samples, in stretches that end where the device disconnected or lost cycles.
     std::vector<Stretch> stretches() const;
 
 private:
-    /// Samples from `first` on, played at `hostTicks`.
     struct Cycle {
         uint64_t hostTicks;
         uint64_t sampleTime; // the device's
-        size_t first;
+        size_t first;        // of _samples
         uint32_t frameCount;
     };
     void _keep(uint64_t sampleTime, uint32_t frameCount, uint32_t channels, const float* samples) noexcept
@@ -39,8 +38,8 @@ private:
 
     const double _sampleRate;
     const size_t _maxFrames, _maxCycles;
-    const std::unique_ptr<float[]> _samples; // not cleared: memory comes with what is written
+    const std::unique_ptr<float[]> _samples; // not cleared: pages are allocated as they are written
     const std::unique_ptr<Cycle[]> _cycles;
-    // The writer's. What is before it is not written again: its release hands it to the reader's acquire.
+    // Written by the sink. Cycles below it are complete: its release pairs with the reader's acquire.
     std::atomic<size_t> _cycleCount{0};
 };

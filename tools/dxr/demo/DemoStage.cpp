@@ -4,31 +4,33 @@
 
 #include <dxr/USBRegistry.h>
 
+using enum DemoStage::Device;
+using enum HALDirection;
+
 namespace {
 
 constexpr DemoStage::Facts facts[] = {
-    {"Stage Microphone", true, 48000.0, 80.0},
-    {"Studio Monitors", false, 44100.0, -60.0},
-    {"Headphones", false, 96000.0, 150.0},
+    {"Stage Microphone", Input, 48000.0, 80.0},
+    {"Studio Monitors", Output, 44100.0, -60.0},
+    {"Headphones", Output, 96000.0, 150.0},
 };
 constexpr const char* uids[] = {"demo-microphone", "demo-monitors", "demo-headphones"};
+
+constexpr double scriptSeconds = 18.0;
+constexpr DemoStage::Step script[DemoStage::stepCount] = {
+    {4.0, Headphones, false},  {6.5, Headphones, true}, {10.0, Microphone, false}, {10.0, Monitors, false},
+    {10.0, Headphones, false}, {12.0, Monitors, true},  {13.0, Headphones, true},  {14.0, Microphone, true},
+};
 
 // Ports 2 and 3 of the hub on port 1 of the first bus.
 constexpr uint32_t firstLocation = 0x01120000;
 constexpr uint32_t secondLocation = 0x01130000;
 
-/// The bus as it is with a device at `location`.
-void putOnTheBus(uint32_t location)
-{
-    dxr::USBRegistry::setReader(
-        [location] { return dxr::USBRegistryContents::initWithDevices({{location}}, {}); });
-}
-
 CXRef<SimulatedHardware> openHardware()
 {
-    CXRef<SimulatedHardware> backend = SimulatedHardware::init(SimulatedClock::RealTime);
-    HALSetHardwareDriver(backend);
-    return backend;
+    CXRef<SimulatedHardware> hardware = SimulatedHardware::init(SimulatedClock::RealTime);
+    HALSetHardwareDriver(hardware);
+    return hardware;
 }
 
 } // namespace
@@ -38,23 +40,41 @@ const DemoStage::Facts& DemoStage::factsOf(Device device)
     return facts[device];
 }
 
-DemoStage::DemoStage(double seconds) : _backend(openHardware()), _location(firstLocation)
+DemoStage::DemoStage(double seconds) : _hardware(openHardware()), _seconds(seconds)
 {
-    putOnTheBus(_location);
+    constexpr double spareSeconds = 5.0;
+    _setLocation(firstLocation);
     for (const Device output : outputs)
-        _recordings[output] = std::make_unique<DemoRecording>(facts[output].sampleRate, seconds);
+        _recordings[output] =
+            std::make_unique<DemoRecording>(facts[output].sampleRate, seconds + spareSeconds);
+    for (const Device device : devices)
+        _plug(device);
 }
 
 DemoStage::~DemoStage()
 {
     for (const Device device : devices)
-        unplug(device);
+        _unplug(device);
     dxr::USBRegistry::setReader({});
 }
 
-void DemoStage::plug(Device device)
+std::optional<DemoStage::Step> DemoStage::performNext(double seconds)
 {
-    constexpr float fullVolume = 1.0F;
+    if (_stepsDone == stepCount || script[_stepsDone].seconds * _seconds / scriptSeconds > seconds)
+        return std::nullopt;
+    const Step& step = script[_stepsDone++];
+    if (step.isPlug)
+        _plug(step.device);
+    else
+        _unplug(step.device);
+    if (!step.isPlug && step.device == Headphones)
+        _setLocation(secondLocation); // where they return
+    return step;
+}
+
+void DemoStage::_plug(Device device)
+{
+    constexpr float fullVolume = 1.0F; // the device itself remembers nothing
     const Facts& fact = facts[device];
     SimulatedDeviceBuilder builder = aDevice()
                                          .uid(uidOf(device))
@@ -63,27 +83,28 @@ void DemoStage::plug(Device device)
                                          .sampleRate(fact.sampleRate)
                                          .sampleRates({fact.sampleRate})
                                          .drift(fact.partsPerMillion);
-    if (fact.isInput)
+    if (fact.direction == Input)
         builder.inputs(1)
             .transport(kAudioDeviceTransportTypeBuiltIn)
             .hears(simulatedTone(toneFrequency, toneAmplitude));
     else
         builder.outputs(2)
             .transport(device == Headphones ? kAudioDeviceTransportTypeUSB : kAudioDeviceTransportTypeHDMI)
-            .volume(HALDirection::Output, fullVolume)
+            .volume(Output, fullVolume)
             .playsInto(_recordings[device]->sink());
-    _backend->plug(builder);
+    _hardware->plug(builder);
 }
 
-void DemoStage::unplug(Device device)
+void DemoStage::_unplug(Device device)
 {
-    _backend->unplug(uidOf(device));
+    _hardware->unplug(uidOf(device));
 }
 
-void DemoStage::changePort()
+void DemoStage::_setLocation(uint32_t location)
 {
-    _location = secondLocation;
-    putOnTheBus(_location);
+    _location = location;
+    dxr::USBRegistry::setReader(
+        [location] { return dxr::USBRegistryContents::initWithDevices({{location}}, {}); });
 }
 
 std::string DemoStage::uidOf(Device device) const

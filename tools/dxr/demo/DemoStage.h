@@ -7,8 +7,9 @@
 #include <optional>
 #include <string>
 
-/// The demo's simulated computer: a microphone that hears a steady tone, and two outputs, each at a rate of its own and
-/// by a clock that runs a little fast or slow. None takes the rate of another.
+/// The demo's simulated computer: a microphone that records a steady tone, and two outputs, each with a rate
+/// and a clock of its own. By a script, the headphones disconnect and return at another port, then all
+/// devices disconnect and return.
 /// Threads: one; the devices' IO threads make and take the sound.
 class DemoStage {
 public:
@@ -20,33 +21,43 @@ public:
 
     struct Facts {
         const char* name;
-        bool isInput;
+        HALDirection direction;
         double sampleRate;      ///< Hz
         double partsPerMillion; ///< how much faster than nominal its clock runs
     };
     static const Facts& factsOf(Device device);
 
-    /// A computer without devices, made the process's hardware, whose outputs' sound is kept for `seconds`.
+    struct Step {
+        double seconds; ///< since the start
+        Device device;
+        bool isPlug; ///< else unplug
+    };
+    static constexpr size_t stepCount = 8;
+
+    /// Makes the computer the process's hardware, with all devices connected. The script takes `seconds`.
     explicit DemoStage(double seconds);
-    /// Nothing may run on the devices any more.
+    /// No audio may run.
     ~DemoStage();
     DemoStage(const DemoStage&) = delete;
     DemoStage& operator=(const DemoStage&) = delete;
 
-    /// Plugs the device in where it was, at full volume: it remembers nothing itself.
-    void plug(Device device);
-    void unplug(Device device);
-    /// The headphones go into another port of the bus when they are plugged in next, which gives them another UID.
-    void changePort();
+    /// Performs the script's next step that is due `seconds` after the start; null when none is.
+    std::optional<Step> performNext(double seconds);
 
-    /// Of the device as it is plugged in, or will be.
+    /// Another one for the headphones at another port.
     std::string uidOf(Device device) const;
-    /// Which device has, or had, that UID.
+    /// The device that has, or had, that UID.
     static std::optional<Device> deviceOf(const std::string& uid);
     const DemoRecording& recordingOf(Device output) const { return *_recordings[output]; }
 
 private:
-    const CXRef<SimulatedHardware> _backend;
-    uint32_t _location; // of the headphones, as the bus knows it
-    std::array<std::unique_ptr<DemoRecording>, devices.size()> _recordings; // none for the microphone
+    void _plug(Device device);
+    void _unplug(Device device);
+    void _setLocation(uint32_t location);
+
+    const CXRef<SimulatedHardware> _hardware;
+    const double _seconds;
+    size_t _stepsDone = 0;
+    uint32_t _location = 0;                                                 // of the headphones on the USB
+    std::array<std::unique_ptr<DemoRecording>, devices.size()> _recordings; // null for the microphone
 };

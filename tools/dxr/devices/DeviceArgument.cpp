@@ -2,18 +2,25 @@
 
 #include "DeviceLookup.h"
 
-DeviceArgument::DeviceArgument(CLI::App& command) : _hardware(command)
+DeviceArgument::DeviceArgument(CLI::App& command, Sides sides) : _hardware(command)
 {
     command.add_option("device", _device, "Its UID, reference, or a part of its name")->required();
-    CLI::Option* const input = command.add_flag("--input", _input, "The input side");
-    command.add_flag("--output", _output, "The output side; taken where there is one")->excludes(input);
+    if (sides == Sides::Both)
+        return;
+    CLI::Option* const input = command.add_flag("--input", _isInput, "The input side");
+    command.add_flag("--output", _isOutput, "The output side; the default where there is one")
+        ->excludes(input);
 }
 
-CXRef<DXRDevice> DeviceArgument::find() const
+DeviceReport DeviceArgument::report()
 {
     _hardware.apply();
-    std::optional<HALDirection> direction;
-    if (_input || _output)
-        direction = _input ? HALDirection::Input : HALDirection::Output;
-    return DeviceLookup::find(_device, direction).device(direction);
+    return DeviceLookup::find(_device, side());
+}
+
+std::optional<HALDirection> DeviceArgument::side() const
+{
+    return _isInput    ? std::optional(HALDirection::Input)
+           : _isOutput ? std::optional(HALDirection::Output)
+                       : std::nullopt;
 }

@@ -3,20 +3,25 @@
 #include "DeviceReport.h"
 #include "HardwareChoice.h"
 
-/// The DEVICE of a command and which side of it is meant: what commands have that work on one device object.
+/// The options of commands for one device: which one, on which hardware, and which side of it.
 /// Threads: one.
 class DeviceArgument {
 public:
-    /// Adds "device", "--input", "--output" and the choice of hardware to `command`. This object must live as long as
-    /// the command line is parsed and run.
-    explicit DeviceArgument(CLI::App& command);
+    enum class Sides { Both, Choice };
 
-    /// The device object; the output side where both are there and neither was asked for. Throws ToolFailure.
-    CXRef<DXRDevice> find() const;
+    /// Adds "device" and the choice of hardware to `command`, and --input and --output for a choice of sides.
+    /// This object must outlive the command line.
+    explicit DeviceArgument(CLI::App& command, Sides sides = Sides::Choice);
+
+    /// Selects the hardware and finds the device. Throws ToolFailure.
+    DeviceReport report();
+    /// Of the chosen side, else the output side where there is one. Throws ToolFailure.
+    CXRef<DXRDevice> device() { return report().device(side()); }
+    /// The side that the user has chosen.
+    std::optional<HALDirection> side() const;
 
 private:
     HardwareChoice _hardware;
     std::string _device;
-    bool _input = false;
-    bool _output = false;
+    bool _isInput = false, _isOutput = false;
 };

@@ -12,41 +12,41 @@
 
 namespace {
 
-constexpr size_t shownText = 60; // columns of a name in a message
-constexpr size_t shownCandidates = 10;
+constexpr size_t nameColumns = 60;
 
 std::string quoted(const std::string& text)
 {
-    return "'" + clipToWidth(singleLine(text), shownText) + "'";
+    return "'" + shortText(text, nameColumns) + "'";
 }
 
-[[noreturn]] void failAmbiguous(const std::string& wanted, const std::vector<DeviceReport>& candidates)
+/// The only one of `found`; null of none.
+std::optional<DeviceReport> onlyOne(const std::string& wanted, const std::vector<DeviceReport>& found)
 {
+    constexpr size_t maxCandidates = 10;
+    if (found.empty())
+        return std::nullopt;
+    if (found.size() == 1)
+        return found.front();
     std::string line =
-        formatText("%s could be %zu devices; use a UID:", quoted(wanted).c_str(), candidates.size());
-    for (size_t i = 0; i < std::min(candidates.size(), shownCandidates); ++i) {
-        const DeviceReport& candidate = candidates[i];
-        line += formatText("\n  %s  %s", clipToWidth(singleLine(candidate.displayName()), shownText).c_str(),
-                           clipToWidth(singleLine(candidate.uid), shownText).c_str());
-    }
-    if (candidates.size() > shownCandidates)
-        line += "\n  …";
-    throw ToolFailure(line);
+        formatText("%s could be %zu devices; use a UID:", quoted(wanted).c_str(), found.size());
+    for (const DeviceReport& candidate : std::span(found).first(std::min(found.size(), maxCandidates)))
+        line += "\n  " + shortText(candidate.displayName(), nameColumns) + "  " +
+                shortText(candidate.uid, nameColumns);
+    throw ToolFailure(line + (found.size() > maxCandidates ? "\n  …" : ""));
 }
 
-/// What is there in this direction and could be meant: the device itself, else all of its model.
+/// The connected devices that a reference can mean: the device itself, else all of its model.
 std::vector<DeviceReport> readReferred(const DXRDeviceReference& reference)
 {
     DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
     const CXRef<DXRDevice> first = manager.deviceWithReference(reference.string());
     if (!first || !first->isConnected())
         return {};
-    std::vector<CXRef<DXRDevice>> devices{first};
-    if (!reference.isEqual(first->reference().get())) {
+    DXRDeviceManager::Devices devices{first};
+    if (!reference.isEqual(first->reference().get()))
         for (const CXRef<DXRDevice>& device : manager.connectedDevices())
-            if (device != first && reference.isGenericallyEqual(device->reference().get()))
-                devices.push_back(device);
-    }
+            if (reference.isGenericallyEqual(device->reference().get()))
+                devices.insert(device);
     std::vector<DeviceReport> reports;
     for (const CXRef<DXRDevice>& device : devices)
         if (std::optional<DeviceReport> report = DeviceReport::read(device->deviceID()))
@@ -63,11 +63,9 @@ std::optional<DeviceReport> findReferred(const std::string& text, std::optional<
         const bool isInput = side == HALDirection::Input;
         if (direction.value_or(side) != side || reference->isInput().value_or(isInput) != isInput)
             continue;
-        const std::vector<DeviceReport> found = readReferred(*reference->deviceReferenceWithInput(isInput));
-        if (found.size() > 1)
-            failAmbiguous(text, found);
-        if (!found.empty())
-            return found.front();
+        if (std::optional<DeviceReport> found =
+                onlyOne(text, readReferred(*reference->deviceReferenceWithInput(isInput))))
+            return found;
     }
     throw DeviceMissing("the device of the reference " + quoted(text) + " is not connected");
 }
@@ -79,43 +77,33 @@ std::optional<DeviceReport> DeviceLookup::findIfKnown(const std::string& wanted,
 {
     if (isDeviceReference(wanted))
         return findReferred(wanted, direction);
-    const std::vector<DeviceReport> all = DeviceReport::readAll(DeviceReport::Hidden::Yes);
+    const std::string part = foldCase(wanted);
+    const auto isNamed = [&](const DeviceReport& device) { return device.displayName() == wanted; };
+    const auto hasPart = [&](const DeviceReport& device) {
+        return !part.empty() && (foldCase(device.displayName()).find(part) != std::string::npos ||
+                                 foldCase(device.uid).find(part) != std::string::npos);
+    };
+    using Matches = std::function<bool(const DeviceReport&)>;
+    const Matches inOrder[] = {
+        [&](const DeviceReport& device) { return !device.isHidden && isNamed(device); },
+        [&](const DeviceReport& device) { return device.isHidden && isNamed(device); },
+        [&](const DeviceReport& device) { return !device.isHidden && hasPart(device); },
+    };
+    std::vector<DeviceReport> all = DeviceReport::readAll(DeviceReport::Hidden::Yes);
     const auto hasDirection = [&](const DeviceReport& device) {
         return !direction || device[*direction].channelCount > 0;
     };
-    const auto isNamed = [&](const DeviceReport& device) {
-        return !device.isHidden && device.displayName() == wanted;
-    };
-    const auto hidesAndIsNamed = [&](const DeviceReport& device) {
-        return device.isHidden && device.displayName() == wanted;
-    };
-    const std::string part = foldCase(wanted);
-    const auto hasPart = [&](const DeviceReport& device) {
-        return !device.isHidden && !part.empty() &&
-               (foldCase(device.displayName()).find(part) != std::string::npos ||
-                foldCase(device.uid).find(part) != std::string::npos);
-    };
-
-    for (const DeviceReport& device : all) {
-        if (device.uid != wanted)
-            continue;
-        if (!hasDirection(device))
-            throw ToolFailure(formatText("%s has no %s channels", quoted(device.displayName()).c_str(),
-                                         nameOf(*direction)));
-        return device;
+    if (const auto device = std::ranges::find(all, wanted, &DeviceReport::uid); device != all.end()) {
+        if (!hasDirection(*device))
+            throw ToolFailure(quoted(device->displayName()) + " has no " + nameOf(*direction) + " channels");
+        return *device;
     }
-    for (const std::function<bool(const DeviceReport&)>& matches :
-         {std::function<bool(const DeviceReport&)>(isNamed),
-          std::function<bool(const DeviceReport&)>(hidesAndIsNamed),
-          std::function<bool(const DeviceReport&)>(hasPart)}) {
+    std::erase_if(all, [&](const DeviceReport& device) { return !hasDirection(device); });
+    for (const Matches& matches : inOrder) {
         std::vector<DeviceReport> found;
-        for (const DeviceReport& device : all)
-            if (hasDirection(device) && matches(device))
-                found.push_back(device);
-        if (found.size() > 1)
-            failAmbiguous(wanted, found);
-        if (found.size() == 1)
-            return found.front();
+        std::ranges::copy_if(all, std::back_inserter(found), matches);
+        if (std::optional<DeviceReport> device = onlyOne(wanted, found))
+            return device;
     }
     return std::nullopt;
 }
@@ -125,10 +113,10 @@ DeviceReport DeviceLookup::find(const std::string& wanted, std::optional<HALDire
     if (const std::optional<DeviceReport> found = findIfKnown(wanted, direction))
         return *found;
     if (isDeviceReference(wanted))
-        throw ToolFailure(quoted(wanted) + " is no device reference");
+        throw ToolFailure(quoted(wanted) + " is not a device reference");
     if (const std::string reason = HALHardwareUnavailableReason(); !reason.empty())
         throw DeviceMissing(reason);
-    throw DeviceMissing(formatText("no %s%sdevice %s; 'dxr list' shows UIDs and names",
-                                   direction ? nameOf(*direction) : "", direction ? " " : "",
+    throw DeviceMissing(formatText("no %sdevice %s; 'dxr list' shows UIDs and names",
+                                   direction ? (std::string(nameOf(*direction)) + " ").c_str() : "",
                                    quoted(wanted).c_str()));
 }

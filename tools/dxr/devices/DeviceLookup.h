@@ -3,24 +3,22 @@
 #include "DeviceReport.h"
 #include "ToolFailure.h"
 
-/// The failure of a command whose device is not connected; it may be later.
+/// Thrown for a device that is not connected, and may be later.
 class DeviceMissing : public ToolFailure {
 public:
     using ToolFailure::ToolFailure;
 };
 
-/// Finds the device a user means.
+/// Finds the device that a user names.
 /// Threads: any.
 class DeviceLookup {
 public:
-    /// The device that the reference `wanted` names, or could name if it has moved; or the one of the UID
-    /// `wanted`; else the one device of that display name; else the one whose display name or UID has
-    /// `wanted` in it, ignoring case. Hidden devices are found by UID or whole name. With a
-    /// direction, the device must have channels in it, and names are looked for among those that do. Throws
-    /// DeviceMissing, or ToolFailure with the candidates when there are several.
+    /// Where `wanted` is a reference, the device that it refers to. Else, in this order: the device of that
+    /// UID, of that display name, or with `wanted` in its display name or UID, ignoring case. Hidden devices
+    /// are found by their UID or whole name. With a direction, the device must have channels in it. Throws
+    /// DeviceMissing, or ToolFailure when several devices match.
     static DeviceReport find(const std::string& wanted, std::optional<HALDirection> direction = std::nullopt);
-    /// The same, but nothing where find() would say that there is no such device, or that a text is no
-    /// reference.
+    /// The same; null when there is no such device, or the text is no reference.
     static std::optional<DeviceReport> findIfKnown(const std::string& wanted,
                                                    std::optional<HALDirection> direction = std::nullopt);
 };

@@ -1,78 +1,69 @@
 #include "DeviceProperties.h"
 
+#include "TextFormat.h"
+#include "ToolFailure.h"
+
+#include <cstring>
 #include <dxr/CXFourCharCode.h>
-#include <dxr/CXValue.h>
+#include <thread>
 
 const char* nameOf(HALDirection direction) noexcept
 {
     return direction == HALDirection::Input ? "input" : "output";
 }
 
-AudioObjectPropertyAddress addressOf(uint32_t selector) noexcept
+std::vector<AudioAggregateSubDeviceStatus> subDeviceStatus(AudioObjectID aggregateID)
 {
-    return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
-}
-
-AudioObjectPropertyAddress addressOf(uint32_t selector, HALDirection direction, uint32_t element) noexcept
-{
-    return {selector, scopeOf(direction), element};
-}
-
-std::optional<std::vector<std::byte>> readBytes(AudioObjectID objectID,
-                                                const AudioObjectPropertyAddress& address)
-{
-    constexpr int tries = 8;
-    for (int i = 0; i < tries; ++i) {
-        uint32_t size = 0;
-        if (AudioObjectGetPropertyDataSize(objectID, &address, 0, nullptr, &size) != kAudioHardwareNoError)
-            return std::nullopt;
-        std::vector<std::byte> bytes(size);
-        const HALStatus status =
-            AudioObjectGetPropertyData(objectID, &address, 0, nullptr, &size, bytes.data());
-        if (status == kAudioHardwareNoError) {
-            bytes.resize(size);
-            return bytes;
-        }
-        if (status != kAudioHardwareBadPropertySizeError)
-            return std::nullopt;
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> readString(AudioObjectID objectID, const AudioObjectPropertyAddress& address)
-{
-    CXObject* object = readValue<CXObject*>(objectID, address).value_or(nullptr);
-    const CXRef<CXValue> value = CXRefCast<CXValue>(CXRef<CXObject>::adopt(object));
-    return value ? std::optional(value->string()) : std::nullopt;
-}
-
-bool isThere(AudioObjectID deviceID)
-{
-    uint32_t size = 0;
-    const AudioObjectPropertyAddress address = addressOf(kAudioDevicePropertyDeviceUID);
-    return AudioObjectGetPropertyDataSize(deviceID, &address, 0, nullptr, &size) == kAudioHardwareNoError;
+    const auto bytes = DXRPropertyAddress::initWithSelector(kAudioAggregateDevicePropertySubDeviceStatus)
+                           ->dataForObjectID(aggregateID);
+    std::vector<AudioAggregateSubDeviceStatus> all(
+        bytes ? bytes->size() / sizeof(AudioAggregateSubDeviceStatus) : 0);
+    if (!all.empty())
+        std::memcpy(all.data(), bytes->data(), all.size() * sizeof all[0]);
+    return all;
 }
 
 std::string textOf(HALStatus status)
 {
-    const auto explained = [status] {
-        switch (status) {
-        case kAudioHardwareNotRunningError:
-            return "it is not running";
-        case kAudioHardwareUnspecifiedError:
-            return "the hardware or the sound server failed, or did not answer in time";
-        case kAudioHardwareUnknownPropertyError:
-            return "it has no such property";
-        case kAudioHardwareBadPropertySizeError:
-            return "the value has the wrong size";
-        case kAudioHardwareIllegalOperationError:
-            return "it does not allow that";
-        case kAudioHardwareBadObjectError:
-        case kAudioHardwareBadDeviceError:
-            return "the device is gone";
-        default:
-            return "unknown status";
-        }
+    constexpr std::pair<HALStatus, const char*> known[] = {
+        {kAudioHardwareNotRunningError, "it is not running"},
+        {kAudioHardwareUnspecifiedError,
+         "the hardware or the sound server failed, or did not respond in time"},
+        {kAudioHardwareUnknownPropertyError, "it has no such property"},
+        {kAudioHardwareBadPropertySizeError, "the value has the wrong size"},
+        {kAudioHardwareIllegalOperationError, "it does not allow that"},
+        {kAudioHardwareBadObjectError, "the device is gone"},
+        {kAudioHardwareBadDeviceError, "the device is gone"},
     };
-    return std::string(explained()) + " ('" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
+    std::string text = "unknown status";
+    for (const auto& [code, meaning] : known)
+        if (code == status)
+            text = meaning;
+    return text + " ('" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
+}
+
+bool comesTrue(const std::function<bool()>& isDone)
+{
+    constexpr int tries = 200;
+    constexpr std::chrono::milliseconds step{10};
+    for (int i = 0; i < tries; ++i) {
+        if (isDone())
+            return true;
+        std::this_thread::sleep_for(step);
+    }
+    return false;
+}
+
+void failSetting(const std::string& name, const std::string& what, HALStatus status)
+{
+    throw ToolFailure(status == kAudioHardwareNoError
+                          ? name + ": did not take over the " + what
+                          : name + ": the " + what + " cannot be set: " + textOf(status));
+}
+
+void setSampleRate(const std::string& name, AudioObjectID deviceID, double rate)
+{
+    constexpr double tolerance = 1e-3; // Hz
+    setAndWait(name, deviceID, DXRPropertyAddress::deviceSampleRate(), rate,
+               "sample rate " + formatRate(rate), tolerance);
 }

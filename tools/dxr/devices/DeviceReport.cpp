@@ -5,108 +5,74 @@
 #include "ToolFailure.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <dxr/CXFourCharCode.h>
+#include <dxr/CXValue.h>
 #include <dxr/DXRDeviceManager.h>
 #include <dxr/QDL.h>
 #include <set>
 
+using Property = DXRPropertyAddress;
+
 namespace {
 
-std::set<AudioObjectID> deviceIDs(DeviceReport::Hidden hidden)
+AudioValueRange rangeOf(const CXRef<DXRValueRange>& range)
 {
-    std::set<AudioObjectID> devices;
-    for (const CXRef<DXRDevice>& device : DXRDeviceManager::sharedDeviceManager().connectedDevices())
-        devices.insert(device->deviceID());
-    devices.erase(kAudioObjectUnknown); // one that went meanwhile
-    if (hidden == DeviceReport::Hidden::Yes) {
-        uint32_t count = 0;
-        AudioObjectID* list = QDLAudioDeviceIDList(&count);
-        devices.insert(list, list + count);
-        std::free(list);
+    return range ? AudioValueRange{range->min(), range->max()} : AudioValueRange{};
+}
+
+std::string channelName(AudioObjectID deviceID, uint32_t scope, uint32_t channel)
+{
+    const CXRef<CXValue> name =
+        CXRefCast<CXValue>(Property::objectElementName(scope, channel)->objectForObjectID(deviceID));
+    return name ? name->string() : "";
+}
+
+void readChannels(AudioObjectID deviceID, uint32_t scope, DirectionReport& report)
+{
+    for (uint32_t channel = 1; channel <= report.channelCount; ++channel) {
+        report.channelNames.push_back(channelName(deviceID, scope, channel));
+        report.channelVolumes.push_back(
+            Property::deviceVolumeScalar(scope, channel)->floatForObjectID(deviceID));
     }
-    return devices;
-}
-
-void readManaged(AudioObjectID deviceID, bool input, DirectionReport& report)
-{
-    report.device = DXRDeviceManager::sharedDeviceManager().deviceWithDeviceID(deviceID, input);
-    if (report.device)
-        report.displayName = report.device->displayName();
-}
-
-std::vector<DirectionReport::Stream> readStreams(AudioObjectID deviceID, HALDirection direction)
-{
-    std::vector<DirectionReport::Stream> streams;
-    for (const AudioObjectID streamID :
-         readList<AudioObjectID>(deviceID, addressOf(kAudioDevicePropertyStreams, direction))) {
-        const auto format =
-            readValue<AudioStreamBasicDescription>(streamID, addressOf(kAudioStreamPropertyVirtualFormat));
-        streams.push_back({streamID, format ? format->channelsPerFrame : 0});
-    }
-    return streams;
-}
-
-std::vector<std::string> readChannelNames(AudioObjectID deviceID, HALDirection direction,
-                                          uint32_t channelCount)
-{
-    std::vector<std::string> names;
-    for (uint32_t channel = 1; channel <= channelCount; ++channel)
-        names.push_back(readString(deviceID, addressOf(kAudioObjectPropertyElementName, direction, channel))
-                            .value_or(""));
-    if (std::ranges::all_of(names, &std::string::empty))
-        names.clear();
-    return names;
-}
-
-std::vector<DirectionReport::Source> readSources(AudioObjectID deviceID, HALDirection direction)
-{
-    const bool input = direction == HALDirection::Input;
-    std::vector<DirectionReport::Source> sources;
-    for (const uint32_t sourceID :
-         readList<uint32_t>(deviceID, addressOf(kAudioDevicePropertyDataSources, direction)))
-        sources.push_back({sourceID, QDLSourceNameFromDataSource(deviceID, sourceID, input)});
-    return sources;
-}
-
-std::vector<std::optional<float>> readChannelVolumes(AudioObjectID deviceID, HALDirection direction,
-                                                     uint32_t channelCount)
-{
-    std::vector<std::optional<float>> volumes;
-    for (uint32_t channel = 1; channel <= channelCount; ++channel)
-        volumes.push_back(
-            readValue<float>(deviceID, addressOf(kAudioDevicePropertyVolumeScalar, direction, channel)));
-    if (std::ranges::none_of(volumes, [](const auto& volume) { return volume.has_value(); }))
-        volumes.clear();
-    return volumes;
+    if (std::ranges::all_of(report.channelNames, &std::string::empty))
+        report.channelNames.clear();
+    if (std::ranges::none_of(report.channelVolumes, &std::optional<float>::has_value))
+        report.channelVolumes.clear();
+    const std::vector<uint32_t> stereo =
+        Property::devicePreferredStereoChannels(scope)->uint32ArrayForObjectID(deviceID);
+    if (stereo.size() == 2)
+        report.stereoChannels = {stereo[0], stereo[1]};
 }
 
 DirectionReport readDirection(AudioObjectID deviceID, HALDirection direction)
 {
-    const bool input = direction == HALDirection::Input;
-    const auto word = [&](uint32_t selector) {
-        return readValue<uint32_t>(deviceID, addressOf(selector, direction));
-    };
+    const bool isInput = direction == HALDirection::Input;
+    const uint32_t scope = scopeOf(direction);
     DirectionReport report;
-    report.channelCount = QDLAudioDeviceChannelCount(deviceID, input);
+    report.channelCount = QDLAudioDeviceChannelCount(deviceID, isInput);
     if (report.channelCount > 0)
-        readManaged(deviceID, input, report);
-    report.channelNames = readChannelNames(deviceID, direction, report.channelCount);
-    report.streams = readStreams(deviceID, direction);
-    report.sources = readSources(deviceID, direction);
-    report.currentSource = word(kAudioDevicePropertyDataSource);
-    report.volume = readValue<float>(deviceID, addressOf(kAudioDevicePropertyVolumeScalar, direction));
-    report.channelVolumes = readChannelVolumes(deviceID, direction, report.channelCount);
-    if (const std::optional<uint32_t> muted = word(kAudioDevicePropertyMute))
+        report.device = DXRDeviceManager::sharedDeviceManager().deviceWithDeviceID(deviceID, isInput);
+    if (report.device)
+        report.displayName = report.device->displayName();
+    readChannels(deviceID, scope, report);
+    for (const AudioObjectID streamID : Property::deviceStreams(scope)->uint32ArrayForObjectID(deviceID)) {
+        const CXRef<DXRBasicStream> format =
+            Property::streamVirtualFormat(kAudioObjectPropertyScopeGlobal)->basicStreamForObjectID(streamID);
+        report.streams.push_back({streamID, format ? format->channelCount() : 0});
+    }
+    for (const uint32_t sourceID :
+         Property::deviceAvailableDataSources(scope)->uint32ArrayForObjectID(deviceID))
+        report.sources.push_back({sourceID, QDLSourceNameFromDataSource(deviceID, sourceID, isInput)});
+    report.currentSource = Property::deviceDataSource(scope)->uint32ForObjectID(deviceID);
+    report.volume = Property::deviceVolumeScalar(scope, 0)->floatForObjectID(deviceID);
+    if (const std::optional<uint32_t> muted = Property::deviceMute(scope, 0)->uint32ForObjectID(deviceID))
         report.isMuted = *muted != 0;
-    report.stereoChannels = readValue<std::array<uint32_t, 2>>(
-        deviceID, addressOf(kAudioDevicePropertyPreferredChannelsForStereo, direction));
-    report.latencyFrames = word(kAudioDevicePropertyLatency).value_or(0);
-    report.safetyOffsetFrames = word(kAudioDevicePropertySafetyOffset).value_or(0);
+    report.latencyFrames = Property::deviceLatency(scope)->uint32ForObjectID(deviceID).value_or(0);
+    report.safetyOffsetFrames = Property::deviceSafetyOffset(scope)->uint32ForObjectID(deviceID).value_or(0);
     report.isDefault =
-        deviceID == (input ? QDLAudioDeviceDefaultInputDeviceID() : QDLAudioDeviceDefaultOutputDeviceID());
-    report.isDefaultSystem = !input && deviceID == QDLAudioDeviceDefaultSystemOutputDeviceID();
+        deviceID == (isInput ? QDLAudioDeviceDefaultInputDeviceID() : QDLAudioDeviceDefaultOutputDeviceID());
+    report.isDefaultSystem = !isInput && deviceID == QDLAudioDeviceDefaultSystemOutputDeviceID();
     return report;
 }
 
@@ -115,7 +81,12 @@ template <class Value> CXPlist orNull(const std::optional<Value>& value)
     return value ? CXPlist(*value) : CXPlist(nullptr);
 }
 
-/// A volume as it was meant: 0.7, not the nearest float's 0.699999988.
+CXPlist orNull(const std::string& text)
+{
+    return text.empty() ? CXPlist(nullptr) : CXPlist(text);
+}
+
+/// 0.7, not the float's 0.699999988.
 CXPlist volumeJSON(const std::optional<float>& volume)
 {
     return volume ? CXPlist(std::round(double{*volume} * 1e6) / 1e6) : CXPlist(nullptr);
@@ -126,29 +97,37 @@ CXPlist rangeJSON(const AudioValueRange& range)
     return {{"minimum", range.minimum}, {"maximum", range.maximum}};
 }
 
+CXPlist sourceJSON(uint32_t sourceID, const std::string& name)
+{
+    return {{"id", sourceID}, {"name", name}};
+}
+
+template <class Items, class Convert> CXPlist arrayOf(const Items& items, Convert convert)
+{
+    CXPlist array = CXPlist::array();
+    for (const auto& item : items)
+        array.push_back(convert(item));
+    return array;
+}
+
 CXPlist directionJSON(const DirectionReport& report)
 {
-    CXPlist streams = CXPlist::array();
-    for (const DirectionReport::Stream& stream : report.streams)
-        streams.push_back({{"id", stream.objectID}, {"channels", stream.channelCount}});
-    CXPlist sources = CXPlist::array();
-    for (const DirectionReport::Source& source : report.sources)
-        sources.push_back({{"id", source.sourceID}, {"name", source.name}});
-    CXPlist current = nullptr;
-    if (report.currentSource)
-        current = {{"id", *report.currentSource}, {"name", report.currentSourceName()}};
-    CXPlist channelVolumes = CXPlist::array();
-    for (const std::optional<float>& volume : report.channelVolumes)
-        channelVolumes.push_back(volumeJSON(volume));
+    const auto streamJSON = [](const DirectionReport::Stream& stream) {
+        return CXPlist{{"id", stream.objectID}, {"channels", stream.channelCount}};
+    };
+    const auto sourceOf = [](const DirectionReport::Source& source) {
+        return sourceJSON(source.sourceID, source.name);
+    };
     return {{"channels", report.channelCount},
             {"channel_names", report.channelNames},
             {"display_name", report.device ? CXPlist(report.displayName) : CXPlist(nullptr)},
             {"reference", report.device ? CXPlist(report.device->reference()->string()) : CXPlist(nullptr)},
-            {"streams", streams},
-            {"sources", sources},
-            {"source", current},
+            {"streams", arrayOf(report.streams, streamJSON)},
+            {"sources", arrayOf(report.sources, sourceOf)},
+            {"source", report.currentSource ? sourceJSON(*report.currentSource, report.currentSourceName())
+                                            : CXPlist(nullptr)},
             {"volume", volumeJSON(report.volume)},
-            {"channel_volumes", channelVolumes},
+            {"channel_volumes", arrayOf(report.channelVolumes, volumeJSON)},
             {"mute", orNull(report.isMuted)},
             {"stereo_channels", orNull(report.stereoChannels)},
             {"latency_frames", report.latencyFrames},
@@ -187,49 +166,56 @@ std::optional<DeviceReport> DeviceReport::read(AudioObjectID deviceID)
     report.modelUID = QDLAudioDeviceModelUIDFromDeviceID(deviceID).value_or("");
     report.transportType = QDLAudioDeviceTransportTypeFromDeviceID(deviceID);
     report.isHidden = QDLAudioDeviceIsHidden(deviceID);
-    const auto word = [deviceID](uint32_t selector) {
-        return readValue<uint32_t>(deviceID, addressOf(selector)).value_or(0);
-    };
-    report.isRunning = word(kAudioDevicePropertyDeviceIsRunning) != 0;
-    report.clockDomain = word(kAudioDevicePropertyClockDomain);
-    report.sampleRate =
-        readValue<double>(deviceID, addressOf(kAudioDevicePropertyNominalSampleRate)).value_or(0.0);
-    report.actualSampleRate =
-        readValue<double>(deviceID, addressOf(kAudioDevicePropertyActualSampleRate)).value_or(0.0);
-    report.sampleRates =
-        readList<AudioValueRange>(deviceID, addressOf(kAudioDevicePropertyAvailableNominalSampleRates));
-    report.bufferFrameSize = word(kAudioDevicePropertyBufferFrameSize);
+    report.isRunning = Property::deviceIsRunning()->uint32ForObjectID(deviceID).value_or(0) != 0;
+    report.clockDomain = Property::deviceClockDomain()->uint32ForObjectID(deviceID).value_or(0);
+    report.sampleRate = Property::deviceSampleRate()->doubleForObjectID(deviceID).value_or(0.0);
+    report.actualSampleRate = Property::deviceActualSampleRate()->doubleForObjectID(deviceID).value_or(0.0);
+    for (const auto& range : Property::deviceAvailableSampleRates()->valueRangeArrayForObjectID(deviceID))
+        report.sampleRates.push_back(rangeOf(range));
+    report.bufferFrameSize = Property::deviceBufferFrameSize()->uint32ForObjectID(deviceID).value_or(0);
     report.bufferFrameSizeRange =
-        readValue<AudioValueRange>(deviceID, addressOf(kAudioDevicePropertyBufferFrameSizeRange))
-            .value_or(AudioValueRange{});
+        rangeOf(Property::deviceBufferFrameSizeRange()->valueRangeForObjectID(deviceID));
     for (const HALDirection direction : halDirections)
         report.directions[static_cast<size_t>(direction)] = readDirection(deviceID, direction);
-    // What was read while the device went is not worth telling.
-    return isThere(deviceID) ? std::optional(report) : std::nullopt;
+    // Values read while the device disconnected are incomplete.
+    return Property::deviceDeviceUID()->getSize(nullptr, deviceID) ? std::optional(report) : std::nullopt;
 }
 
 std::vector<DeviceReport> DeviceReport::readAll(Hidden hidden)
 {
+    std::set<AudioObjectID> devices;
+    for (const CXRef<DXRDevice>& device : DXRDeviceManager::sharedDeviceManager().connectedDevices())
+        devices.insert(device->deviceID()); // 0 if it has just disconnected
+    if (hidden == Hidden::Yes) {
+        uint32_t count = 0;
+        AudioObjectID* list = QDLAudioDeviceIDList(&count);
+        devices.insert(list, list + count);
+        std::free(list);
+    }
     std::vector<DeviceReport> reports;
-    for (const AudioObjectID deviceID : deviceIDs(hidden))
+    for (const AudioObjectID deviceID : devices)
         if (std::optional<DeviceReport> report = read(deviceID))
-            reports.push_back(std::move(*report));
+            reports.push_back(*std::move(report));
     return reports;
+}
+
+HALDirection DeviceReport::direction(std::optional<HALDirection> chosen) const
+{
+    return chosen.value_or((*this)[HALDirection::Output].channelCount > 0 ? HALDirection::Output
+                                                                          : HALDirection::Input);
 }
 
 const std::string& DeviceReport::displayName() const
 {
-    for (const HALDirection direction : {HALDirection::Output, HALDirection::Input}) {
+    for (const HALDirection direction : {HALDirection::Output, HALDirection::Input})
         if ((*this)[direction].device)
             return (*this)[direction].displayName;
-    }
     return name;
 }
 
-CXRef<DXRDevice> DeviceReport::device(std::optional<HALDirection> direction) const
+CXRef<DXRDevice> DeviceReport::device(std::optional<HALDirection> chosen) const
 {
-    const HALDirection shown = direction.value_or(
-        (*this)[HALDirection::Output].channelCount > 0 ? HALDirection::Output : HALDirection::Input);
+    const HALDirection shown = direction(chosen);
     const CXRef<DXRDevice>& found = (*this)[shown].device;
     if (!found)
         throw ToolFailure(shortName() + " has no " + nameOf(shown) + " channels");
@@ -238,70 +224,54 @@ CXRef<DXRDevice> DeviceReport::device(std::optional<HALDirection> direction) con
 
 std::string DeviceReport::shortName() const
 {
-    constexpr size_t columns = 40;
-    const std::string shown = clipToWidth(singleLine(displayName()), columns);
+    const std::string shown = shortText(displayName(), 40);
     return shown.empty() ? "(no name)" : shown;
 }
 
 std::string DeviceReport::transportName() const
 {
-    switch (transportType) {
-    case kAudioDeviceTransportTypeUnknown:
-        return "unknown";
-    case kAudioDeviceTransportTypeBuiltIn:
-        return "built-in";
-    case kAudioDeviceTransportTypeAggregate:
-        return "aggregate";
-    case kAudioDeviceTransportTypeVirtual:
-        return "virtual";
-    case kAudioDeviceTransportTypePCI:
-        return "pci";
-    case kAudioDeviceTransportTypeUSB:
-        return "usb";
-    case kAudioDeviceTransportTypeFireWire:
-        return "firewire";
-    case kAudioDeviceTransportTypeBluetooth:
-        return "bluetooth";
-    case kAudioDeviceTransportTypeHDMI:
-        return "hdmi";
-    case kAudioDeviceTransportTypeDisplayPort:
-        return "displayport";
-    case kAudioDeviceTransportTypeAirPlay:
-        return "airplay";
-    case kAudioDeviceTransportTypeNetwork:
-        return "network";
-    default:
-        return stringWithFourCharCode(transportType);
-    }
+    constexpr std::pair<uint32_t, const char*> names[] = {
+        {kAudioDeviceTransportTypeUnknown, "unknown"},
+        {kAudioDeviceTransportTypeBuiltIn, "built-in"},
+        {kAudioDeviceTransportTypeAggregate, "aggregate"},
+        {kAudioDeviceTransportTypeVirtual, "virtual"},
+        {kAudioDeviceTransportTypePCI, "pci"},
+        {kAudioDeviceTransportTypeUSB, "usb"},
+        {kAudioDeviceTransportTypeFireWire, "firewire"},
+        {kAudioDeviceTransportTypeBluetooth, "bluetooth"},
+        {kAudioDeviceTransportTypeHDMI, "hdmi"},
+        {kAudioDeviceTransportTypeDisplayPort, "displayport"},
+        {kAudioDeviceTransportTypeAirPlay, "airplay"},
+        {kAudioDeviceTransportTypeNetwork, "network"},
+    };
+    for (const auto& [type, text] : names)
+        if (type == transportType)
+            return text;
+    return stringWithFourCharCode(transportType);
 }
 
 CXPlist DeviceReport::json() const
 {
-    CXPlist rates = CXPlist::array();
-    for (const AudioValueRange& range : sampleRates)
-        rates.push_back(rangeJSON(range));
-    const auto text = [](const std::string& value) {
-        return value.empty() ? CXPlist(nullptr) : CXPlist(value);
-    };
+    const DirectionReport &input = (*this)[HALDirection::Input], &output = (*this)[HALDirection::Output];
     return {{"schema", jsonSchema},
             {"id", deviceID},
             {"uid", uid},
             {"name", name},
-            {"manufacturer", text(manufacturer)},
-            {"model", text(modelUID)},
+            {"manufacturer", orNull(manufacturer)},
+            {"model", orNull(modelUID)},
             {"transport", transportName()},
             {"hidden", isHidden},
             {"running", isRunning},
             {"clock_domain", clockDomain},
             {"sample_rate", sampleRate},
-            {"sample_rates", rates},
+            {"sample_rates", arrayOf(sampleRates, rangeJSON)},
             {"buffer_frames", bufferFrameSize},
             {"buffer_frames_range", rangeJSON(bufferFrameSizeRange)},
-            {"default_input", (*this)[HALDirection::Input].isDefault},
-            {"default_output", (*this)[HALDirection::Output].isDefault},
-            {"default_system_output", (*this)[HALDirection::Output].isDefaultSystem},
-            {"inputs", directionJSON((*this)[HALDirection::Input])},
-            {"outputs", directionJSON((*this)[HALDirection::Output])}};
+            {"default_input", input.isDefault},
+            {"default_output", output.isDefault},
+            {"default_system_output", output.isDefaultSystem},
+            {"inputs", directionJSON(input)},
+            {"outputs", directionJSON(output)}};
 }
 
 std::string jsonText(const CXPlist& json, int indent, bool onTerminal)

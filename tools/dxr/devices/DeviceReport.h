@@ -9,85 +9,88 @@
 #include <string>
 #include <vector>
 
-/// What a device says of itself in one direction.
+/// One direction of a device.
 struct DirectionReport {
-    CXRef<DXRDevice> device; ///< the manager's; none when the manager does not know it (yet)
-    std::string displayName; ///< devices of the same name have a number in it
     struct Stream {
-        AudioObjectID objectID = kAudioObjectUnknown;
-        uint32_t channelCount = 0;
+        AudioObjectID objectID;
+        uint32_t channelCount;
     };
     struct Source {
-        uint32_t sourceID = 0;
+        uint32_t sourceID;
         std::string name;
     };
 
+    CXRef<DXRDevice> device; ///< the manager's; null when the manager does not know it (yet)
+    std::string displayName; ///< numbered where devices have the same name
     uint32_t channelCount = 0;
-    std::vector<std::string> channelNames; ///< [c - 1] is channel c, "Front Left"; empty: none has a name
+    std::vector<std::string> channelNames; ///< [c - 1] of channel c, "Front Left"; empty when none has a name
     std::vector<Stream> streams;
     std::vector<Source> sources;
-    std::optional<uint32_t> currentSource; ///< none: the direction has no sources
-    std::optional<float> volume;           ///< of the main element, scalar 0..1; none: no control
+    std::optional<uint32_t> currentSource; ///< null: no sources
+    std::optional<float> volume;           ///< of the main element, 0 to 1; null: no control
     std::vector<std::optional<float>>
-        channelVolumes;          ///< [c - 1] is channel c; empty: no channel has a control
-    std::optional<bool> isMuted; ///< none: no control
+        channelVolumes;          ///< [c - 1] of channel c; empty: no channel has a control
+    std::optional<bool> isMuted; ///< null: no control
     std::optional<std::array<uint32_t, 2>> stereoChannels; ///< from 1
     uint32_t latencyFrames = 0;
     uint32_t safetyOffsetFrames = 0;
     bool isDefault = false;
     bool isDefaultSystem = false; ///< output only
 
-    /// The main volume, else that of the loudest channel; none without any control.
+    /// The main volume, else that of the loudest channel; null without any control.
     std::optional<float> shownVolume() const;
-    /// The name of the current source; empty when there is none.
+    /// Empty when there is none.
     std::string currentSourceName() const;
 };
 
-/// All that a device says of itself, as of one moment. Texts are as the device gave them: print them by
-/// singleLine(). Threads: any.
+/// Everything about a device, read at one moment. Texts are unprintable as they are: see singleLine().
+/// Threads: any.
 struct DeviceReport {
     AudioObjectID deviceID = kAudioObjectUnknown;
     std::string uid;
     std::string name;
-    std::string manufacturer; ///< empty: it does not say
-    std::string modelUID;     ///< empty: it does not say
+    std::string manufacturer; ///< empty: unknown
+    std::string modelUID;     ///< empty: unknown
     uint32_t transportType = kAudioDeviceTransportTypeUnknown;
     bool isHidden = false;
     bool isRunning = false;
     uint32_t clockDomain = 0;
     double sampleRate = 0.0;       ///< nominal, Hz
-    double actualSampleRate = 0.0; ///< Hz; 0: it does not say
+    double actualSampleRate = 0.0; ///< Hz; 0: unknown
     std::vector<AudioValueRange> sampleRates;
     uint32_t bufferFrameSize = 0;
     AudioValueRange bufferFrameSizeRange{};
     std::array<DirectionReport, 2> directions; ///< by HALDirection
 
-    /// The device as it is now; nothing when it is gone.
+    /// Null when the device is gone.
     static std::optional<DeviceReport> read(AudioObjectID deviceID);
-    /// Every device there is, by ID; those that hide only on demand.
     enum class Hidden { No, Yes };
+    /// Every device, by ID.
     static std::vector<DeviceReport> readAll(Hidden hidden);
 
     const DirectionReport& operator[](HALDirection direction) const
     {
         return directions[static_cast<size_t>(direction)];
     }
-    /// The name to show, which differs from those of other devices.
+    /// `chosen`, else the output where the device has one, else the input.
+    HALDirection direction(std::optional<HALDirection> chosen) const;
+    /// The name to show, unique among the devices.
     const std::string& displayName() const;
-    /// The device object of the direction; where that is open, the output's if there is one. Throws ToolFailure.
-    CXRef<DXRDevice> device(std::optional<HALDirection> direction) const;
-    /// Whether it is the private device that a runner has made of several, in any process.
-    bool isOfRunner() const { return uid.starts_with("DXR:"); }
-    /// The display name, made printable and cut to fit into a line among other things.
+    /// The display name, printable and short enough for a line of text.
     std::string shortName() const;
-    /// "usb", "built-in", …; the code's four characters for one that has no name.
+    /// The device object of direction(chosen). Throws ToolFailure when there is none.
+    CXRef<DXRDevice> device(std::optional<HALDirection> chosen) const;
+    /// Whether it is a runner's private aggregate, in any process.
+    bool isOfRunner() const { return uid.starts_with("DXR:"); }
+    /// "usb", "built-in", …; the four characters of an unknown code.
     std::string transportName() const;
-    /// As `dxr list --json` prints it.
+    /// As in docs/json.md.
     CXPlist json() const;
 };
 
-/// The version of everything that is printed as JSON (docs/json.md); raised when a key goes or changes its meaning.
+/// The version of everything that is printed as JSON (docs/json.md); raised when a key goes or changes its
+/// meaning.
 inline constexpr int jsonSchema = 1;
 
-/// JSON text: bytes that are no UTF-8 are replaced, and on a terminal nothing but ASCII is printed.
+/// JSON text: bytes that are not UTF-8 are replaced; for a terminal it is plain ASCII.
 std::string jsonText(const CXPlist& json, int indent, bool onTerminal);

@@ -3,17 +3,17 @@
 #include "DeviceLookup.h"
 #include "DeviceProperties.h"
 #include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <algorithm>
 #include <charconv>
 #include <dxr/HALHardwareDriver.h>
+#include <numeric>
 
 namespace {
 
 constexpr size_t maxChannels = 4096;
 
-/// The number that `text` begins with, which is taken off it; nothing when there is none.
+/// The number at the start of `text`, which is removed from it; null when there is none.
 std::optional<uint32_t> takeNumber(std::string_view& text)
 {
     uint32_t number = 0;
@@ -26,13 +26,12 @@ std::optional<uint32_t> takeNumber(std::string_view& text)
 
 bool takeCharacter(std::string_view& text, char character)
 {
-    const bool isThere = text.starts_with(character);
-    text.remove_prefix(isThere ? 1 : 0);
-    return isThere;
+    const bool isNext = text.starts_with(character);
+    text.remove_prefix(isNext ? 1 : 0);
+    return isNext;
 }
 
-} // namespace
-
+/// The channels of a list such as "1,2" or "3-6,1"; null when `text` is none.
 std::optional<std::vector<uint32_t>> channelList(std::string_view text)
 {
     std::vector<uint32_t> channels;
@@ -48,49 +47,53 @@ std::optional<std::vector<uint32_t>> channelList(std::string_view text)
     return text.empty() ? std::optional(std::move(channels)) : std::nullopt;
 }
 
+DeviceReport findDefault(HALDirection direction)
+{
+    for (const DeviceReport& report : DeviceReport::readAll(DeviceReport::Hidden::Yes))
+        if (report[direction].isDefault)
+            return report;
+    const std::string reason = HALHardwareUnavailableReason();
+    throw DeviceMissing(reason.empty() ? formatText("no default %s; name a device", nameOf(direction))
+                                       : reason);
+}
+
+} // namespace
+
 DeviceSelection DeviceSelection::of(const DeviceReport& report, HALDirection direction)
 {
-    DeviceSelection selection;
-    selection.device = report[direction].device;
-    if (!selection.device && !report.isHidden) // the manager adopts it a moment after the hardware has it
+    const CXRef<DXRDevice>& device = report[direction].device;
+    if (!device && !report.isHidden) // the manager adopts it shortly after the hardware reports it
         throw DeviceMissing(report.shortName() + ": is not ready yet");
-    if (!selection.device)
-        throw ToolFailure(report.shortName() + ": hides from applications, and runs no audio for them");
-    for (uint32_t channel = 1; channel <= report[direction].channelCount; ++channel)
-        selection.channels.push_back(channel);
-    selection.report = report;
-    return selection;
+    if (!device)
+        throw ToolFailure(report.shortName() + ": is hidden from applications, which cannot use it");
+    std::vector<uint32_t> channels(report[direction].channelCount);
+    std::iota(channels.begin(), channels.end(), 1U);
+    return {report, device, channels};
 }
 
 DeviceSelection DeviceSelection::find(const std::string& text, HALDirection direction)
 {
     const size_t colon = text.rfind(':');
     if (text == "default" || text.starts_with("default:")) {
-        for (const DeviceReport& report : DeviceReport::readAll(DeviceReport::Hidden::Yes)) {
-            if (!report[direction].isDefault)
-                continue;
-            DeviceSelection selection =
-                text == "default" ? of(report, direction) : find(report.uid + text.substr(colon), direction);
-            selection.isDefault = true;
-            return selection;
-        }
-        const std::string reason = HALHardwareUnavailableReason();
-        throw DeviceMissing(
-            reason.empty() ? formatText("there is no default %s; name a device", nameOf(direction)) : reason);
+        const DeviceReport report = findDefault(direction);
+        DeviceSelection selection =
+            text == "default" ? of(report, direction) : find(report.uid + text.substr(colon), direction);
+        selection.isDefault = true;
+        return selection;
     }
     std::optional<std::vector<uint32_t>> chosen;
     if (colon != std::string::npos)
         chosen = channelList(std::string_view(text).substr(colon + 1));
     if (!chosen)
         return of(DeviceLookup::find(text, direction), direction);
-    if (std::optional<DeviceReport> whole = DeviceLookup::findIfKnown(text, direction))
+    if (const std::optional<DeviceReport> whole = DeviceLookup::findIfKnown(text, direction))
         return of(*whole, direction);
     DeviceSelection selection = of(DeviceLookup::find(text.substr(0, colon), direction), direction);
-    const auto count = static_cast<uint32_t>(selection.channels.size());
     const uint32_t last = *std::ranges::max_element(*chosen);
-    if (last > count)
-        throw ToolFailure(selection.shortName() + formatText(": has %u %s channel%s, not %u", count,
-                                                             nameOf(direction), count == 1 ? "" : "s", last));
+    if (last > selection.channels.size())
+        throw ToolFailure(selection.shortName() +
+                          formatText(": has %zu %s channel%s, not %u", selection.channels.size(),
+                                     nameOf(direction), selection.channels.size() == 1 ? "" : "s", last));
     selection.channels = std::move(*chosen);
     selection.areChannelsChosen = true;
     return selection;
@@ -104,8 +107,13 @@ std::vector<DeviceSelection> DeviceSelection::findAll(const std::vector<std::str
         DeviceSelection selection = find(text, direction);
         if (std::ranges::find(selections, selection.device, &DeviceSelection::device) != selections.end())
             throw ToolFailure(selection.shortName() +
-                              ": is there twice; say all its channels at once, as in 'name:1,2'");
+                              ": is named twice; list its channels together, as in 'name:1,2'");
         selections.push_back(std::move(selection));
     }
     return selections;
+}
+
+std::string namesOf(const std::vector<DeviceSelection>& selections)
+{
+    return joined(selections, " + ", &DeviceSelection::shortName);
 }

@@ -11,12 +11,10 @@ std::string channelsText(const DirectionReport& direction)
     return direction.channelCount == 0 ? "-" : std::to_string(direction.channelCount);
 }
 
-/// The volume of the direction users turn: the output's, else the input's.
+/// Of the output, else of the input.
 std::string volumeText(const DeviceReport& device)
 {
-    const HALDirection shown =
-        device[HALDirection::Output].channelCount > 0 ? HALDirection::Output : HALDirection::Input;
-    const DirectionReport& direction = device[shown];
+    const DirectionReport& direction = device[device.direction(std::nullopt)];
     if (direction.isMuted.value_or(false))
         return "muted";
     const std::optional<float> volume = direction.shownVolume();
@@ -26,13 +24,14 @@ std::string volumeText(const DeviceReport& device)
 std::string defaultText(const DeviceReport& device)
 {
     const DirectionReport& output = device[HALDirection::Output];
-    std::string text = device[HALDirection::Input].isDefault ? "in" : "";
-    const auto add = [&text](const char* mark) { text += (text.empty() ? "" : "+") + std::string(mark); };
+    std::vector<std::string> marks;
+    if (device[HALDirection::Input].isDefault)
+        marks.emplace_back("in");
     if (output.isDefault)
-        add("out");
+        marks.emplace_back("out");
     if (output.isDefaultSystem)
-        add("sys");
-    return text;
+        marks.emplace_back("sys");
+    return joined(marks, "+");
 }
 
 } // namespace
@@ -51,18 +50,12 @@ std::vector<std::string> deviceTable(const std::vector<DeviceReport>& devices, s
                  {"UID", minName, false, 1}});
     for (const DeviceReport& device : devices) {
         const std::string name = singleLine(device.displayName());
-        const std::string uid = singleLine(device.uid);
-        Table::Row row;
-        row.cells = {name.empty() ? "(no name)" : name,
-                     singleLine(device.transportName()),
-                     channelsText(device[HALDirection::Input]),
-                     channelsText(device[HALDirection::Output]),
-                     formatRate(device.sampleRate),
-                     volumeText(device),
-                     defaultText(device),
-                     uid};
-        row.style = device.isHidden ? Style::Dim : Style::Plain;
-        table.add(row);
+        table.add(
+            {{name.empty() ? "(no name)" : name, singleLine(device.transportName()),
+              channelsText(device[HALDirection::Input]), channelsText(device[HALDirection::Output]),
+              formatRate(device.sampleRate), volumeText(device), defaultText(device), singleLine(device.uid)},
+             "",
+             device.isHidden ? Style::Dim : Style::Plain});
     }
     if (table.naturalWidth() > width)
         table.moveLastColumnToNotes();

@@ -5,38 +5,19 @@
 #include "TextFormat.h"
 
 #include <algorithm>
-#include <ctime>
 #include <dxr/QDL.h>
+#include <set>
 
 namespace {
 
 constexpr size_t nameColumns = 40;
 constexpr size_t valueColumns = 60;
+constexpr const char* words[] = {"present", "connected",   "disconnected",
+                                 "changed", "lost cycles", "default"}; // by DeviceWatch::Kind
 
-const char* wordFor(DeviceWatch::Kind kind)
-{
-    switch (kind) {
-    case DeviceWatch::Kind::Present:
-        return "present";
-    case DeviceWatch::Kind::Connected:
-        return "connected";
-    case DeviceWatch::Kind::Disconnected:
-        return "disconnected";
-    case DeviceWatch::Kind::Changed:
-        return "changed";
-    case DeviceWatch::Kind::LostCycles:
-        return "lost cycles";
-    case DeviceWatch::Kind::Default:
-        break;
-    }
-    return "default";
-}
-
-/// A value of a report's JSON as a reader wants it.
+/// A value of a report's JSON as text.
 std::string valueText(const std::string& key, const CXPlist& value)
 {
-    if (value.is_null())
-        return "none";
     if (value.is_boolean())
         return value.get<bool>() ? "on" : "off";
     if (value.is_number())
@@ -45,35 +26,18 @@ std::string valueText(const std::string& key, const CXPlist& value)
                                                                    : formatText("%g", value.get<double>());
     if (value.is_string())
         return singleLine(value.get<std::string>());
-    if (value.is_object() && value.contains("name"))
-        return valueText("name", value["name"]);
-    if (value.is_object() && value.contains("channels"))
-        return valueText("channels", value["channels"]);
+    for (const char* inner : {"name", "channels"})
+        if (value.is_object() && value.contains(inner))
+            return valueText(inner, value[inner]);
     if (value.is_object() && value.contains("minimum")) {
-        const std::string from = valueText(key, value["minimum"]);
-        const std::string to = valueText(key, value["maximum"]);
+        const std::string from = valueText(key, value["minimum"]), to = valueText(key, value["maximum"]);
         return from == to ? from : from + "…" + to;
     }
-    std::string list;
-    for (const CXPlist& item : value)
-        list += (list.empty() ? "" : ", ") + valueText(key, item);
+    const std::string list = joined(value, ", ", [&](const CXPlist& item) { return valueText(key, item); });
     return list.empty() ? "none" : list;
 }
 
-std::string isoTime(std::chrono::system_clock::time_point when)
-{
-    const auto milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count();
-    const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    char text[32];
-    const size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    return std::string(text, length) + formatText(".%03dZ", static_cast<int>(milliseconds % 1000));
-}
-
-/// What differs between two reports: key, before, now. The two directions' keys begin with "inputs/" or
-/// "outputs/".
+/// A value that differs between two reports. The keys of the directions begin with "inputs/" or "outputs/".
 struct Difference {
     std::string key;
     CXPlist from, to;
@@ -84,7 +48,8 @@ std::vector<Difference> differences(const CXPlist& before, const CXPlist& after,
     std::vector<Difference> found;
     for (const auto& [key, value] : after.items()) {
         const CXPlist& old = before[key];
-        if (old == value || key.starts_with("default_") || key == "reference") // reported in other ways
+        if (old == value || key.starts_with("default_") ||
+            key == "reference") // events of their own, or follow others
             continue;
         if (prefix.empty() && (key == "inputs" || key == "outputs"))
             std::ranges::move(differences(old, value, key + "/"), std::back_inserter(found));
@@ -94,7 +59,7 @@ std::vector<Difference> differences(const CXPlist& before, const CXPlist& after,
     return found;
 }
 
-/// Whether a display name changes because the name does, which is reported already: it gets or loses no number.
+/// Whether a display name changes only because the name does, which is another event: its number stays.
 bool isOfRename(const Difference& difference, const std::string& name)
 {
     const auto isNumbered = [&](const CXPlist& shown) {
@@ -104,66 +69,60 @@ bool isOfRename(const Difference& difference, const std::string& name)
            !isNumbered(difference.to);
 }
 
+/// "outputs/safety_offset_frames" as "output safety offset frames".
 std::string labelOf(std::string key)
 {
-    for (const auto& [from, to] : {std::pair("inputs/", "input "), std::pair("outputs/", "output ")})
-        if (key.starts_with(from))
-            key.replace(0, std::string_view(from).size(), to);
+    if (const size_t slash = key.find("s/"); slash != std::string::npos)
+        key.replace(slash, 2, " ");
     std::ranges::replace(key, '_', ' ');
     return key;
 }
 
 } // namespace
 
+// ---- Events
+
 std::string DeviceWatch::Event::text() const
 {
-    const std::string start = fitLeft(wordFor(kind), 14);
+    const std::string start = fitLeft(words[static_cast<size_t>(kind)], 14), name = device.shortName();
     switch (kind) {
     case Kind::Present:
     case Kind::Connected:
-        return start + device.shortName() +
+        return start + name +
                formatText("  %u in, %u out, %s  ", device[HALDirection::Input].channelCount,
                           device[HALDirection::Output].channelCount, formatRate(device.sampleRate).c_str()) +
-               clipToWidth(singleLine(device.uid), nameColumns);
+               shortText(device.uid, nameColumns);
     case Kind::Changed: {
-        if (what == "name") // reported under the name it had
-            return start + clipToWidth(singleLine(from.get<std::string>()), nameColumns) + ": is now " +
-                   device.shortName();
+        if (what == "name") // under the name that it had
+            return start + shortText(from.get<std::string>(), nameColumns) + ": is now " + name;
         const std::string key = what.substr(what.rfind('/') + 1);
-        return start + device.shortName() + ": " + labelOf(what) + " " +
-               clipToWidth(valueText(key, from), valueColumns) + " -> " +
-               clipToWidth(valueText(key, to), valueColumns);
+        return start + name + ": " + labelOf(what) + " " + clipToWidth(valueText(key, from), valueColumns) +
+               " -> " + clipToWidth(valueText(key, to), valueColumns);
     }
     case Kind::Default:
-        return start + what + ": " + (device.deviceID == kAudioObjectUnknown ? "none" : device.shortName());
+        return start + what + ": " + (device.deviceID == kAudioObjectUnknown ? "none" : name);
     case Kind::Disconnected:
     case Kind::LostCycles:
         break;
     }
-    return start + device.shortName();
+    return start + name;
 }
 
 std::string DeviceWatch::Event::identity() const
 {
     std::string text;
-    for (const HALDirection direction : halDirections) {
+    for (const HALDirection direction : halDirections)
         if (const CXRef<DXRDevice>& object = device[direction].device)
             text += (text.empty() ? "" : ", ") +
                     formatText("%s %p", nameOf(direction), static_cast<const void*>(object.get()));
-    }
     return text;
-}
-
-std::string DeviceWatch::Event::shortText() const
-{
-    return labelOf(what) + " " + clipToWidth(valueText(what.substr(what.rfind('/') + 1), to), valueColumns);
 }
 
 CXPlist DeviceWatch::Event::json() const
 {
-    std::string word = wordFor(kind);
+    std::string word = words[static_cast<size_t>(kind)];
     std::ranges::replace(word, ' ', '_');
-    CXPlist line = {{"schema", jsonSchema}, {"time", isoTime(when)}, {"event", word}};
+    CXPlist line = {{"schema", jsonSchema}, {"time", formatUTC(when)}, {"event", word}};
     if (device.deviceID != kAudioObjectUnknown)
         line.update({{"id", device.deviceID}, {"uid", device.uid}, {"name", device.name}});
     if (kind == Kind::Changed)
@@ -173,28 +132,74 @@ CXPlist DeviceWatch::Event::json() const
     return line;
 }
 
+// ---- Changes of the hardware
+
+void DeviceWatch::Changes::add(const Change& change)
+{
+    dxr::MainQueue::shared().async(
+        [self = CXRef<Changes>(this), change] { self->pending.push_back(change); });
+}
+
+DeviceWatch::DeviceWatch(bool withHidden)
+    : _withHidden(withHidden),
+      _notifier([changes = _changes](const auto& connected, const auto& disconnected, const auto& updated) {
+          const Moment now = std::chrono::system_clock::now();
+          if (!connected.empty() || !disconnected.empty())
+              changes->add({kAudioObjectSystemObject, kAudioHardwarePropertyDevices, now});
+          for (const CXRef<DXRDevice>& device : updated)
+              if (const AudioObjectID deviceID = device->deviceID())
+                  changes->add({deviceID, kAudioObjectPropertyName, now});
+      }),
+      _defaultsListener(_follow(kAudioObjectSystemObject))
+{
+    DXRDeviceManager::sharedDeviceManager().addDeviceNotifier(nullptr, _notifier);
+}
+
+DeviceWatch::~DeviceWatch()
+{
+    DXRDeviceManager::sharedDeviceManager().removeDeviceNotifier(_notifier);
+}
+
+CXRef<DXRPropertyListener> DeviceWatch::_follow(AudioObjectID objectID) const
+{
+    constexpr AudioObjectPropertyAddress everyProperty{kAudioObjectPropertySelectorWildcard,
+                                                       kAudioObjectPropertyScopeWildcard,
+                                                       kAudioObjectPropertyElementWildcard};
+    CXRef<DXRPropertyListener> listener = DXRPropertyListener::initWithObjectID(
+        objectID, &everyProperty, nullptr, _changes,
+        [objectID](const CXRef<CXObject>& changes, const AudioObjectPropertyAddress* changed) {
+            // The device manager reports the list, after it has read it.
+            if (objectID != kAudioObjectSystemObject || changed->selector != kAudioHardwarePropertyDevices)
+                static_cast<Changes&>(*changes).add(
+                    {objectID, changed->selector, std::chrono::system_clock::now()});
+        });
+    listener->start();
+    return listener;
+}
+
 std::vector<DeviceWatch::Event> DeviceWatch::begin()
 {
     std::vector<Event> events;
     const Moment now = std::chrono::system_clock::now();
-    _meetDevices(now, Kind::Present, events);
+    _compareDevices(now, Kind::Present, events);
     _readDefaults(now, events);
     return events;
 }
 
 std::vector<DeviceWatch::Event> DeviceWatch::next()
 {
+    dxr::MainQueue::shared().drain();
     std::vector<Event> events;
-    std::set<AudioObjectID> readNow; // several changes of one device are read and reported at once
-    for (const DeviceFollower::Change& change : _follower.take()) {
+    std::set<AudioObjectID> readNow; // several changes of one device are read at once
+    for (const Change& change : std::exchange(_changes->pending, {})) {
         if (change.objectID == kAudioObjectSystemObject) {
-            if (change.address.selector == kAudioHardwarePropertyDevices)
-                _meetDevices(change.when, Kind::Connected, events);
+            if (change.selector == kAudioHardwarePropertyDevices)
+                _compareDevices(change.when, Kind::Connected, events);
             _readDefaults(change.when, events);
-        } else if (change.address.selector == kAudioDeviceProcessorOverload) {
+        } else if (change.selector == kAudioDeviceProcessorOverload) {
             if (const auto known = _known.find(change.objectID);
-                known != _known.end() && _isShown(known->second))
-                events.push_back({Kind::LostCycles, change.when, known->second, {}, {}, {}});
+                known != _known.end() && _isShown(known->second.report))
+                events.push_back({Kind::LostCycles, change.when, known->second.report});
         } else if (readNow.insert(change.objectID).second) {
             _readAgain(change.objectID, change.when, events);
         }
@@ -202,34 +207,29 @@ std::vector<DeviceWatch::Event> DeviceWatch::next()
     return events;
 }
 
-void DeviceWatch::_meetDevices(Moment when, Kind kind, std::vector<Event>& events)
+void DeviceWatch::_compareDevices(Moment when, Kind kind, std::vector<Event>& events)
 {
     std::set<AudioObjectID> present;
     for (const DeviceReport& report :
          DeviceReport::readAll(_withHidden ? DeviceReport::Hidden::Yes : DeviceReport::Hidden::No))
         present.insert(report.deviceID);
-    for (auto known = _known.begin(); known != _known.end();) {
-        if (present.contains(known->first)) {
-            ++known;
-            continue;
-        }
-        if (_isShown(known->second))
-            events.push_back({Kind::Disconnected, when, known->second, {}, {}, {}});
-        _follower.forget(known->first);
-        known = _known.erase(known);
-    }
+    std::erase_if(_known, [&](const auto& known) {
+        const auto& [deviceID, device] = known;
+        if (!present.contains(deviceID) && _isShown(device.report))
+            events.push_back({Kind::Disconnected, when, device.report});
+        return !present.contains(deviceID);
+    });
     for (const AudioObjectID deviceID : present) {
         if (_known.contains(deviceID))
             continue;
-        _follower.follow(deviceID); // before it is read, so that no change falls between
+        CXRef<DXRPropertyListener> listener =
+            _follow(deviceID); // before it is read, so that no change is missed
         std::optional<DeviceReport> report = DeviceReport::read(deviceID);
-        if (!report) {
-            _follower.forget(deviceID);
+        if (!report)
             continue;
-        }
         if (_isShown(*report))
-            events.push_back({kind, when, *report, {}, {}, {}});
-        _known.emplace(deviceID, std::move(*report));
+            events.push_back({kind, when, *report});
+        _known.emplace(deviceID, Known{std::move(*report), std::move(listener)});
     }
 }
 
@@ -238,19 +238,16 @@ void DeviceWatch::_readAgain(AudioObjectID deviceID, Moment when, std::vector<Ev
     const auto known = _known.find(deviceID);
     std::optional<DeviceReport> report = DeviceReport::read(deviceID);
     if (known == _known.end() || !report)
-        return; // gone: the list of devices reports it
-    const DeviceReport before = std::exchange(known->second, std::move(*report));
-    const DeviceReport& now = known->second;
-    if (_isShown(before) && _isShown(now)) {
-        for (Difference& difference : differences(before.json(), now.json())) {
-            if (isOfRename(difference, now.name))
-                continue;
-            events.push_back({Kind::Changed, when, now, std::move(difference.key), std::move(difference.from),
-                              std::move(difference.to)});
-        }
-    } else if (_isShown(before) != _isShown(now)) {
-        events.push_back({_isShown(now) ? Kind::Connected : Kind::Disconnected, when, now, {}, {}, {}});
-    }
+        return; // disconnected: the list of devices reports it
+    const DeviceReport before = std::exchange(known->second.report, std::move(*report));
+    const DeviceReport& now = known->second.report;
+    if (_isShown(before) != _isShown(now))
+        events.push_back({_isShown(now) ? Kind::Connected : Kind::Disconnected, when, now});
+    if (!_isShown(before) || !_isShown(now))
+        return;
+    for (const Difference& difference : differences(before.json(), now.json()))
+        if (!isOfRename(difference, now.name))
+            events.push_back({Kind::Changed, when, now, difference.key, difference.from, difference.to});
 }
 
 void DeviceWatch::_readDefaults(Moment when, std::vector<Event>& events)
@@ -264,15 +261,12 @@ void DeviceWatch::_readDefaults(Moment when, std::vector<Event>& events)
         const auto before = _defaults.find(which);
         if (before != _defaults.end() && before->second == deviceID)
             continue;
-        if (deviceID != kAudioObjectUnknown && !_known.contains(deviceID) &&
-            !QDLAudioDeviceIsHidden(deviceID))
-            continue; // it is not listed yet; when it is, the defaults are looked at again
-        const bool isFirst = before == _defaults.end();
-        _defaults[which] = deviceID;
         const auto known = _known.find(deviceID);
-        if (known != _known.end())
-            events.push_back({Kind::Default, when, known->second, which, {}, {}});
-        else if (!isFirst)
-            events.push_back({Kind::Default, when, DeviceReport(), which, {}, {}});
+        const bool isKnown = known != _known.end(), isFirst = before == _defaults.end();
+        if (deviceID != kAudioObjectUnknown && !isKnown && !QDLAudioDeviceIsHidden(deviceID))
+            continue; // not listed yet; the defaults are read again when it is
+        _defaults[which] = deviceID;
+        if (isKnown || !isFirst)
+            events.push_back({Kind::Default, when, isKnown ? known->second.report : DeviceReport(), which});
     }
 }

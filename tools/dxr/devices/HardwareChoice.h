@@ -1,21 +1,25 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
-#include <dxr/simulated.h>
-#include <string>
+#include "SimulatedVisitor.h"
 
-/// The options that every command has: `--simulated` and `--hardware`.
+#include <CLI/CLI.hpp>
+
+/// The options `--simulated` and `--hardware`.
 /// Threads: one.
 class HardwareChoice {
 public:
-    /// Adds the options to `command`. This object must live as long as the command line is parsed and run.
+    /// Adds the options to `command`. This object must outlive the command line.
     explicit HardwareChoice(CLI::App& command);
 
-    /// Makes the chosen hardware the process's. Returns the simulated computer, or null for real hardware. Call it once,
-    /// before anything else touches a device. Throws ToolFailure for a driver that is not there.
-    CXRef<SimulatedHardware> apply() const;
+    /// Selects the process's hardware. Call it once, before any other use of devices. Throws ToolFailure for
+    /// an unknown driver.
+    void apply();
+    /// On simulated hardware: changes to its devices, for as long as the result lives. Null on real hardware.
+    std::unique_ptr<SimulatedVisitor>
+    visitor(std::chrono::milliseconds pause = SimulatedVisitor::usualPause) const;
 
 private:
     bool _isSimulated = false;
     std::string _driver;
+    CXRef<SimulatedHardware> _simulated; // null before apply(), and on real hardware
 };

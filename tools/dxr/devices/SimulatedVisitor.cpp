@@ -1,11 +1,31 @@
 #include "SimulatedVisitor.h"
 
-#include "SimulatedDevices.h"
-
 #include <functional>
 
-SimulatedVisitor::SimulatedVisitor(CXRef<SimulatedHardware> backend, std::chrono::milliseconds pause)
-    : _backend(std::move(backend)), _pauseBetween(pause), _thread([this] { _visit(); })
+using Device = SimulatedDeviceBuilder;
+using enum HALDirection;
+
+namespace {
+
+Device headphones()
+{
+    return aDevice()
+        .uid("sim-headphones")
+        .name("Wireless Headphones")
+        .manufacturer("Simulated")
+        .transport(kAudioDeviceTransportTypeBluetooth)
+        .inputs(1)
+        .outputs(2)
+        .sampleRates({16000.0, 48000.0})
+        .volume(Output, 0.5F)
+        .mute(Output, false)
+        .latency(Output, 4800);
+}
+
+} // namespace
+
+SimulatedVisitor::SimulatedVisitor(CXRef<SimulatedHardware> hardware, std::chrono::milliseconds pause)
+    : _hardware(std::move(hardware)), _pauseBetween(pause), _thread([this] { _visit(); })
 {}
 
 SimulatedVisitor::~SimulatedVisitor()
@@ -14,45 +34,35 @@ SimulatedVisitor::~SimulatedVisitor()
         const std::scoped_lock lock(_mutex);
         _isOver = true;
     }
-    _left.notify_one();
+    _ended.notify_one();
     _thread.join();
 }
 
 bool SimulatedVisitor::_pause()
 {
     std::unique_lock lock(_mutex);
-    return !_left.wait_for(lock, _pauseBetween, [this] { return _isOver; });
+    return !_ended.wait_for(lock, _pauseBetween, [this] { return _isOver; });
 }
 
 void SimulatedVisitor::_visit()
 {
-    const auto alter = [this](const char* uid, auto change) { _backend->reconfigure(uid, change); };
+    SimulatedHardware& hardware = *_hardware;
     const std::function<void()> steps[] = {
-        [&] { _backend->plug(SimulatedDevices::headphones()); },
-        [&] { _backend->setDefault(HALDirection::Output, "sim-headphones"); },
+        [&] { hardware.plug(headphones()); },
+        [&] { hardware.setDefault(Output, "sim-headphones"); },
+        [&] { hardware.reconfigure("sim-headphones", [](Device& device) { device.volume(Output, 0.35F); }); },
         [&] {
-            alter("sim-headphones",
-                  [](SimulatedDeviceBuilder& device) { device.volume(HALDirection::Output, 0.35F); });
+            hardware.reconfigure("sim-usb-mic", [](Device& device) { device.name("Interview Microphone"); });
         },
         [&] {
-            alter("sim-usb-mic", [](SimulatedDeviceBuilder& device) { device.name("Interview Microphone"); });
+            hardware.reconfigure("sim-speakers", [](Device& device) { device.currentSource(Output, 2); });
         },
+        [&] { hardware.unplug("sim-headphones"); },
+        [&] { hardware.reconfigure("sim-usb-mic", [](Device& device) { device.name("USB Microphone"); }); },
         [&] {
-            alter("sim-speakers",
-                  [](SimulatedDeviceBuilder& device) { device.currentSource(HALDirection::Output, 2); });
-        },
-        [&] { _backend->unplug("sim-headphones"); },
-        [&] { alter("sim-usb-mic", [](SimulatedDeviceBuilder& device) { device.name("USB Microphone"); }); },
-        [&] {
-            alter("sim-speakers",
-                  [](SimulatedDeviceBuilder& device) { device.currentSource(HALDirection::Output, 1); });
+            hardware.reconfigure("sim-speakers", [](Device& device) { device.currentSource(Output, 1); });
         },
     };
-    for (;;) {
-        for (const std::function<void()>& step : steps) {
-            if (!_pause())
-                return;
-            step();
-        }
-    }
+    for (size_t step = 0; _pause(); step = (step + 1) % std::size(steps))
+        steps[step]();
 }

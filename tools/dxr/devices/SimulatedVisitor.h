@@ -6,12 +6,15 @@
 #include <mutex>
 #include <thread>
 
-/// Changes to the simulated computer, again and again: headphones are plugged in and out, volumes turned, devices renamed. Threads: its own.
+/// Changes devices of the simulated computer, over and over: connects and disconnects headphones, renames a
+/// microphone, sets volumes and sources.
+/// Threads: its own makes the changes.
 class SimulatedVisitor {
 public:
-    /// `pause` is from each of its steps to the next.
-    explicit SimulatedVisitor(CXRef<SimulatedHardware> backend,
-                              std::chrono::milliseconds pause = std::chrono::milliseconds(400));
+    static constexpr std::chrono::milliseconds usualPause{400};
+
+    /// `pause` is the time between changes.
+    SimulatedVisitor(CXRef<SimulatedHardware> hardware, std::chrono::milliseconds pause);
     ~SimulatedVisitor();
     SimulatedVisitor(const SimulatedVisitor&) = delete;
     SimulatedVisitor& operator=(const SimulatedVisitor&) = delete;
@@ -20,10 +23,10 @@ private:
     void _visit();
     bool _pause();
 
-    const CXRef<SimulatedHardware> _backend;
+    const CXRef<SimulatedHardware> _hardware;
     const std::chrono::milliseconds _pauseBetween;
     std::mutex _mutex;
-    std::condition_variable _left;
+    std::condition_variable _ended;
     bool _isOver = false; // under the mutex
     std::thread _thread;
 };

@@ -2,39 +2,105 @@
 
 #include "DisplayText.h"
 #include "ToolFailure.h"
-#include "WaveCheck.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <utility>
+
+namespace {
+
+constexpr int maxChannels = 1024;
+
+/// Of a WAV file; 0 if it is compressed.
+uint64_t bytesPerSample(int format)
+{
+    switch (format & SF_FORMAT_SUBMASK) {
+    case SF_FORMAT_PCM_U8:
+    case SF_FORMAT_ALAW:
+    case SF_FORMAT_ULAW:
+        return 1;
+    case SF_FORMAT_PCM_16:
+        return 2;
+    case SF_FORMAT_PCM_24:
+        return 3;
+    case SF_FORMAT_PCM_32:
+    case SF_FORMAT_FLOAT:
+        return 4;
+    default:
+        return 0;
+    }
+}
+
+/// A chunk of a WAV file, with the declared size, and its first bytes copied to `data`; of size 0 when there
+/// is none.
+SF_CHUNK_INFO chunkNamed(SNDFILE* file, const char* name, void* data, uint32_t bytes)
+{
+    SF_CHUNK_INFO chunk{};
+    std::strcpy(chunk.id, name);
+    chunk.id_size = 4;
+    const SF_CHUNK_ITERATOR* const found = sf_get_chunk_iterator(file, &chunk);
+    if (!found || sf_get_chunk_size(found, &chunk) != SF_ERR_NO_ERROR)
+        return {};
+    const uint32_t size = std::exchange(chunk.datalen, bytes);
+    chunk.data = data;
+    if (data)
+        sf_get_chunk_data(found, &chunk);
+    chunk.datalen = size;
+    return chunk;
+}
+
+/// Whether a WAV file has fewer samples than its header declares, which libsndfile accepts.
+bool isCutShort(SNDFILE* file, const SF_INFO& info)
+{
+    uint64_t bytes = chunkNamed(file, "data", nullptr, 0).datalen;
+    if (bytes == UINT32_MAX) { // of an RF64 file, whose size is in this chunk; else unknown
+        uint64_t sizes[3] = {};
+        bytes = chunkNamed(file, "ds64", sizes, sizeof sizes).datalen > 0 ? sizes[1] : 0;
+    }
+    const uint64_t frameBytes = bytesPerSample(info.format) * static_cast<uint64_t>(info.channels);
+    return frameBytes > 0 && bytes / frameBytes > static_cast<uint64_t>(info.frames);
+}
+
+} // namespace
 
 SoundFileReader::SoundFileReader(const std::string& path, const SoundFormat& format)
     : _name(path == "-" ? "standard input" : singleLine(path)),
       _stream(SoundStream::open(path, SoundStream::Mode::Read))
 {
-    if (format.isRaw()) {
-        _info.format = format.code;
-        _info.samplerate = static_cast<int>(format.sampleRate);
-        _info.channels = static_cast<int>(format.channelCount);
-    } else if (const std::string fault = _stream ? "" : waveFileFault(path); !fault.empty()) {
-        throw ToolFailure(_name + ": " + fault);
-    }
-    _file.reset(_stream ? _stream->openSound(_info) : sf_open(path.c_str(), SFM_READ, &_info));
-    if (_file && !_stream && (_info.frames <= 0 || _info.frames == SF_COUNT_MAX) &&
-        (_info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC) {
-        _stream = SoundStream::open(path, SoundStream::Mode::Read,
-                                    SoundStream::Files::Too); // it came through a pipe
-        _file.reset(_stream ? _stream->openSound(_info) : nullptr);
-    }
-    if (!_file)
-        throw ToolFailure(_name + ": no sound file: " + singleLine(sf_strerror(nullptr)));
-    constexpr int maxChannels = 1024;
+    std::error_code ignored;
+    if (!_stream && std::filesystem::is_directory(path, ignored))
+        throw ToolFailure(_name + ": is a folder");
+    if (!_stream && !std::ifstream(path))
+        throw ToolFailure(_name + ": " + std::strerror(errno));
+    _info.format = format.code;
+    _info.samplerate = static_cast<int>(format.sampleRate);
+    _info.channels = static_cast<int>(format.channelCount);
+    _open(path);
     if (_info.frames <= 0)
         throw ToolFailure(_name + ": holds no sound");
     if (_info.channels < 1 || _info.channels > maxChannels || _info.samplerate < 1)
-        throw ToolFailure(_name + ": no sound file: its header makes no sense");
+        throw ToolFailure(_name + ": not a sound file: its header is invalid");
+    if (!_stream && !format.isRaw() && isCutShort(_file.get(), _info))
+        throw ToolFailure(_name + ": is cut short");
     _length = static_cast<uint64_t>(_info.frames);
     if (_stream)
         _stream->begin();
+}
+
+void SoundFileReader::_open(const std::string& path)
+{
+    _file.reset(_stream ? _stream->openSound(_info) : sf_open(path.c_str(), SFM_READ, &_info));
+    const bool isFLAC = (_info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC;
+    if (_file && !_stream && isFLAC && (_info.frames <= 0 || _info.frames == SF_COUNT_MAX)) {
+        // It was written to a pipe, and does not have its length.
+        _stream = SoundStream::open(path, SoundStream::Mode::Read, SoundStream::Files::Too);
+        _file.reset(_stream ? _stream->openSound(_info) : nullptr);
+    }
+    if (!_file)
+        throw ToolFailure(_name + ": not a sound file: " + singleLine(sf_strerror(nullptr)));
 }
 
 bool SoundFileReader::fill(FrameRing& ring)

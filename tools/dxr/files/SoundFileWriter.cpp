@@ -9,8 +9,7 @@
 
 namespace {
 
-constexpr uint64_t maxWaveBytes = 0xFFFFFFFFU - 4096; // of samples; the header's sizes have 32 bits
-
+constexpr uint64_t maxWaveBytes = 0xFFFFFFFFU - 4096; // of samples; sizes in the header have 32 bits
 constexpr uint64_t framesAtOnce = 4096;
 
 bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
@@ -18,27 +17,26 @@ bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
     return seconds * sampleRate * channelCount * sizeof(float) > static_cast<double>(maxWaveBytes);
 }
 
-/// Which loudspeaker each channel is for, where their number says so.
-void setChannelMap(SNDFILE* file, uint32_t channelCount)
+/// The loudspeakers of the channels, for a usual number of them.
+std::vector<int> channelMap(uint32_t channelCount)
 {
-    constexpr int left = SF_CHANNEL_MAP_LEFT, right = SF_CHANNEL_MAP_RIGHT, middle = SF_CHANNEL_MAP_CENTER;
     std::vector<int> map;
     if (channelCount == 1)
-        map = {middle};
-    else if (channelCount == 2 || channelCount == 4)
-        map = {left, right, SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
-    else if (channelCount == 6 || channelCount == 8)
-        map = {left,
-               right,
-               middle,
-               SF_CHANNEL_MAP_LFE,
-               SF_CHANNEL_MAP_REAR_LEFT,
-               SF_CHANNEL_MAP_REAR_RIGHT,
-               SF_CHANNEL_MAP_SIDE_LEFT,
-               SF_CHANNEL_MAP_SIDE_RIGHT};
-    else
-        return;
-    sf_command(file, SFC_SET_CHANNEL_MAP_INFO, map.data(), static_cast<int>(channelCount * sizeof(int)));
+        map = {SF_CHANNEL_MAP_CENTER};
+    if (channelCount == 2 || channelCount == 4)
+        map = {SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT, SF_CHANNEL_MAP_REAR_LEFT,
+               SF_CHANNEL_MAP_REAR_RIGHT};
+    if (channelCount == 6 || channelCount == 8)
+        map = {SF_CHANNEL_MAP_LEFT,      SF_CHANNEL_MAP_RIGHT,     SF_CHANNEL_MAP_CENTER,
+               SF_CHANNEL_MAP_LFE,       SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT,
+               SF_CHANNEL_MAP_SIDE_LEFT, SF_CHANNEL_MAP_SIDE_RIGHT};
+    map.resize(std::min<size_t>(map.size(), channelCount));
+    return map;
+}
+
+std::string reasonText(int error, SNDFILE* file)
+{
+    return error ? std::strerror(error) : singleLine(sf_strerror(file));
 }
 
 } // namespace
@@ -63,15 +61,20 @@ SoundFileWriter::SoundFileWriter(const std::string& path, const SoundFormat& for
         info.format = SF_FORMAT_RF64 | (format.code & SF_FORMAT_SUBMASK);
     errno = 0;
     _file.reset(_stream ? _stream->openSound(info) : sf_open(path.c_str(), SFM_WRITE, &info));
-    const int reason = errno;
     if (!_file)
-        throw ToolFailure(_name + ": cannot be written: " +
-                          (reason ? std::strerror(reason) : singleLine(sf_strerror(nullptr))));
+        throw ToolFailure(_name + ": cannot be written: " + reasonText(errno, nullptr));
+    _setUp(format);
+}
+
+void SoundFileWriter::_setUp(const SoundFormat& format)
+{
     sf_command(_file.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
     sf_command(_file.get(), SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
     sf_command(_file.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
-    setChannelMap(_file.get(), channelCount);
-    if (!format.isOgg()) // which would get a second header
+    if (std::vector<int> map = channelMap(_channelCount); !map.empty())
+        sf_command(_file.get(), SFC_SET_CHANNEL_MAP_INFO, map.data(),
+                   static_cast<int>(map.size() * sizeof(int)));
+    if (!format.isOgg()) // it would get a second header
         sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     if (sf_error(_file.get()))
         throw ToolFailure(_name + ": cannot be written: " + singleLine(sf_strerror(_file.get())));
@@ -100,7 +103,6 @@ void SoundFileWriter::writeSilence(uint64_t frameCount)
         _write(samples, std::min(left, framesAtOnce));
 }
 
-/// Writes the first frames of `samples`.
 void SoundFileWriter::_write(const std::vector<float>& samples, uint64_t frameCount)
 {
     const uint64_t count = std::min(frameCount, _maxFrames - _framesWritten);
@@ -111,15 +113,9 @@ void SoundFileWriter::_write(const std::vector<float>& samples, uint64_t frameCo
     _framesWritten += static_cast<uint64_t>(std::max<sf_count_t>(written, 0));
     _hasFailed = static_cast<uint64_t>(written) != frameCount;
     if (_hasFailed && count < frameCount)
-        throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; say --seconds and it will be RF64");
+        throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; with --seconds it becomes RF64");
     if (_hasFailed)
-        throw ToolFailure(_name + ": cannot be written on: " +
-                          (reason ? std::strerror(reason) : singleLine(sf_strerror(_file.get()))));
+        throw ToolFailure(_name + ": cannot be written: " + reasonText(reason, _file.get()));
     if (!_stream && before / _headerEvery != _framesWritten / _headerEvery)
         sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
-}
-
-void SoundFileWriter::finish() noexcept
-{
-    _file.reset();
 }

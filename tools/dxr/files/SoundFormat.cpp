@@ -1,12 +1,12 @@
 #include "SoundFormat.h"
 
 #include "DisplayText.h"
+#include "TextFormat.h"
 #include "ToolFailure.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <sndfile.h>
 
 namespace {
 
@@ -29,27 +29,6 @@ int codeNamed(const std::string& name)
 }
 
 } // namespace
-
-bool SoundFormat::isRaw() const
-{
-    return (code & SF_FORMAT_TYPEMASK) == SF_FORMAT_RAW;
-}
-
-bool SoundFormat::isWave() const
-{
-    return (code & SF_FORMAT_TYPEMASK) == SF_FORMAT_WAVEX;
-}
-
-bool SoundFormat::isOgg() const
-{
-    return (code & SF_FORMAT_TYPEMASK) == SF_FORMAT_OGG;
-}
-
-bool SoundFormat::isStreamed() const
-{
-    const int kind = code & SF_FORMAT_TYPEMASK;
-    return kind != SF_FORMAT_AIFF && kind != SF_FORMAT_AU && kind != SF_FORMAT_CAF;
-}
 
 SoundFormat SoundFormat::toWrite(const std::string& path, const std::string& named, uint32_t bits)
 {
@@ -90,8 +69,5 @@ SoundFormat SoundFormat::toRead(const std::string& named)
 
 std::string SoundFormat::names()
 {
-    std::string all;
-    for (const auto& each : formats)
-        all += (all.empty() ? "" : ", ") + std::string(each.name);
-    return all;
+    return joined(formats, ", ", [](const auto& each) { return each.name; });
 }

@@ -10,13 +10,13 @@
 
 namespace {
 
-constexpr uint64_t kept = 1U << 20;       // bytes behind the position, once the header is over
+constexpr uint64_t kept = 1U << 20;       // bytes before the position, after the header
 constexpr sf_count_t unknown = 1LL << 60; // a length that no stream reaches
 
 /// Kinds that libsndfile reads from front to back.
 constexpr std::array<std::string_view, 7> sequential{"RIFF", "RIFX", "RF64", "fLaC", ".snd", "FORM", "caff"};
 
-/// A stream's writer does not know its length: what says "none" is to say "until the end".
+/// Replaces a length of 0 in a header, whose writer did not know it, by the maximum.
 void openEnds(std::vector<char>& header)
 {
     const std::string_view text(header.data(), header.size());
@@ -85,7 +85,7 @@ SNDFILE* SoundStream::openSound(SF_INFO& info)
     if (magic == "fLaC")
         openEnds(_bytes);
     else if (!isRaw && std::ranges::find(sequential, magic) == sequential.end())
-        _readUpTo(UINT64_MAX); // one that is read from its end, too
+        _readUpTo(UINT64_MAX); // libsndfile reads its end first
     return sf_open_virtual(&io, SFM_READ, &info, this);
 }
 
@@ -94,7 +94,7 @@ bool SoundStream::begin()
     _hasBegun = true;
     if (_mode == Mode::Read)
         return true;
-    if (_bytes.size() > 4 && _bytes[0] == 'R') // FLAC has a word for it: 0
+    if (_bytes.size() > 4 && _bytes[0] == 'R') // in FLAC, 0 means unknown
         openEnds(_bytes);
     const bool isPassed = _pass(_bytes.data(), _bytes.size());
     _first = _end();
@@ -117,7 +117,7 @@ bool SoundStream::_readUpTo(uint64_t end)
 
 sf_count_t SoundStream::_read(void* bytes, sf_count_t count)
 {
-    // Behind the sound of a length that is not true there is nothing.
+    // Chunks after a declared length that is wrong do not exist.
     if (_position < _first || _position > _end() + kept)
         return 0;
     _readUpTo(_position + static_cast<uint64_t>(count));
@@ -133,7 +133,7 @@ sf_count_t SoundStream::_read(void* bytes, sf_count_t count)
     return static_cast<sf_count_t>(got);
 }
 
-/// Once begun, headers that are made anew are not written: there is no way back.
+/// Once begun, a new header is not written: it is in the past.
 sf_count_t SoundStream::_write(const void* bytes, sf_count_t count)
 {
     const auto size = static_cast<size_t>(count);

@@ -6,22 +6,27 @@
 #include <string>
 #include <vector>
 
-/// Sound that cannot be gone back in, from or to a pipe, as libsndfile wants its files: bytes are kept while a header is
-/// looked at or made. Threads: one.
+struct SoundCloser {
+    void operator()(SNDFILE* file) const { sf_close(file); }
+};
+using SoundHandle = std::unique_ptr<SNDFILE, SoundCloser>;
+
+/// A pipe as a file for libsndfile: keeps bytes while a header is read or written.
+/// Threads: one.
 class SoundStream {
 public:
     enum class Mode { Read, Write };
     enum class Files { No, Too };
 
-    /// "-" is standard input, or standard output; then everything else that is printed goes to standard error. Null for
-    /// what is a file, unless they are wanted, too, or is not there.
+    /// "-" is standard input or output; with the latter, all printed text goes to standard error. Null for a
+    /// missing file, and for a regular file unless `files` allows it.
     static std::unique_ptr<SoundStream> open(const std::string& path, Mode mode, Files files = Files::No);
     ~SoundStream();
     SoundStream(const SoundStream&) = delete;
     SoundStream& operator=(const SoundStream&) = delete;
 
     SNDFILE* openSound(SF_INFO& info);
-    /// The header has been read, or made: bytes pass from now on. False when they cannot be written.
+    /// Call it when the header is read, or written. False when that cannot be passed on.
     bool begin();
 
 private:
@@ -36,6 +41,6 @@ private:
     const int _descriptor;
     const Mode _mode;
     bool _hasBegun = false, _isOver = false;
-    std::vector<char> _bytes; // kept, from _first on
+    std::vector<char> _bytes; // from _first on
     uint64_t _first = 0, _position = 0;
 };

@@ -22,16 +22,16 @@ double ratioAt(const DriftingClock& clock, double seconds)
     return 1.0 + (clock.partsPerMillion + wander) * 1e-6;
 }
 
-/// As late as threads were on a real server, by the length of the cycle: 57 microseconds in the middle with 64 frames,
-/// 114 with 512 or more.
+/// The median lateness of threads on a real server: 57 microseconds with cycles of 64 frames, 114 with 512 or
+/// more.
 double lateness(const DriftingClock& clock)
 {
     const double along = std::clamp((clock.frameCount - 64.0) / (512.0 - 64.0), 0.0, 1.0);
     return (57.0 + (114.0 - 57.0) * along) * 1e-6;
 }
 
-/// A pair of channels that states each frame's place: a point that goes round in `period` frames. A resampler leaves
-/// the angle of so slow a turn as it is, to a thousandth of a frame and better.
+/// A pair of channels that encodes each frame's number as the angle of a slow rotation, which a resampler
+/// keeps to a thousandth of a frame.
 class PlaceSignal {
 public:
     static constexpr double period = 65536.0; // frames
@@ -45,14 +45,14 @@ public:
             pairs[2 * i + 1] = static_cast<float>(0.5 * std::sin(angle));
         }
     }
-    /// Modulo the period.
+    /// The frame's number, modulo the period.
     static double placeOf(const float* pair)
     {
         return std::atan2(pair[1], pair[0]) / (2.0 * std::numbers::pi) * period;
     }
 };
 
-/// The two devices and the aggregate of them, while it runs.
+/// The two devices and their aggregate, running.
 class Pair {
 public:
     explicit Pair(const DriftScenario& scenario) : _scenario(scenario)
@@ -77,7 +77,7 @@ public:
         if (AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(description).get(), &_aggregate) ||
             AudioDeviceCreateIOProcIDWithBlock(&_proc, _aggregate, nullptr, cycle) ||
             AudioDeviceStart(_aggregate, _proc))
-            throw ToolFailure("the two devices cannot be joined");
+            throw ToolFailure("the two devices cannot be combined");
     }
     ~Pair()
     {
@@ -105,8 +105,7 @@ public:
     double delayFrames() const { return _delayFrames; }
     AudioAggregateSubDeviceStatus status() const
     {
-        const auto all = readList<AudioAggregateSubDeviceStatus>(
-            _aggregate, addressOf(kAudioAggregateDevicePropertySubDeviceStatus));
+        const std::vector<AudioAggregateSubDeviceStatus> all = subDeviceStatus(_aggregate);
         return all.size() == 2 ? all[1] : AudioAggregateSubDeviceStatus{};
     }
 
@@ -124,10 +123,10 @@ private:
             .lateness(lateness(clock) * _scenario.lateness);
     }
 
-    /// How far the source's clock is ahead of the first frame of the cycle.
+    /// The frames from the first one of the cycle to the source's clock.
     void _measure(const float* first)
     {
-        if (std::hypot(first[0], first[1]) < 0.49F) // silence, or on the way up from it
+        if (std::hypot(first[0], first[1]) < 0.49F) // silence, or a fade from it
             return;
         const double now = seconds();
         const double ahead = _sourceFrame +
@@ -141,8 +140,7 @@ private:
     const CXRef<SimulatedHardware> _hardware = SimulatedHardware::init(SimulatedClock::Stepped);
     AudioObjectID _aggregate = kAudioObjectUnknown;
     AudioDeviceIOProcID _proc = nullptr;
-    double _sourceFrame = 0.0;   // the source's clock stood there
-    double _sourceSeconds = 0.0; // then
+    double _sourceFrame = 0.0, _sourceSeconds = 0.0; // the source's clock, and when it was read
     double _delayFrames = 0.0;
     bool _hasDelay = false;
 };

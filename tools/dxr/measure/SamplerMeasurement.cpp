@@ -25,7 +25,7 @@ double decibels(double ratio)
     return std::max(20 * std::log10(ratio), silentDecibels);
 }
 
-/// The tone at the output, without the start.
+/// The output, without its start.
 std::vector<double> sampledTone(double hertz, double rateIn, double rateOut)
 {
     const std::unique_ptr<ausampler, decltype(&ausampler_destroy)> sampler(ausampler_create(1),
@@ -43,7 +43,7 @@ std::vector<double> sampledTone(double hertz, double rateIn, double rateOut)
     return {all.begin() + settlingFrames, all.begin() + settlingFrames + measuredFrames};
 }
 
-/// The amplitude and phase of one frequency, seen through a window that lets its neighbours fall away quickly.
+/// The amplitude and phase of one frequency, with a window that suppresses its neighbours.
 std::complex<double> component(const std::vector<double>& samples, double hertz, double rate)
 {
     std::complex<double> sum = 0;
@@ -59,15 +59,15 @@ std::complex<double> component(const std::vector<double>& samples, double hertz,
     return 2.0 * sum / weight;
 }
 
-/// Where a frequency appears once it is sampled at `rate`.
+/// The frequency as sampled at `rate`.
 double folded(double hertz, double rate)
 {
     const double rest = std::fmod(std::abs(hertz), rate);
     return std::min(rest, rate - rest);
 }
 
-/// The loudest image: interpolation repeats the tone around every multiple of the input's rate, and what lies
-/// above half the output's rate folds back.
+/// The loudest image: interpolation repeats the tone around every multiple of the input rate, and frequencies
+/// above half the output rate fold back.
 double loudestAlias(const std::vector<double>& rest, double hertz, double rateIn, double rateOut)
 {
     double loudest = 0;
@@ -100,7 +100,7 @@ ToneMeasurement measured(double hertz, double rateIn, double rateOut)
 
 std::vector<ToneMeasurement> measureSampler(double rateIn, double rateOut)
 {
-    // Not to the very end: at half the rate a tone has no phase, at half the output's rate its image is itself.
+    // Below half the rate, where a tone has no phase, and is its own image.
     const double highestHertz = rateIn / 2 * 0.995;
     std::vector<ToneMeasurement> all;
     for (int i = 0; i < points; ++i)

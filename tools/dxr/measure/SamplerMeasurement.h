@@ -2,14 +2,14 @@
 
 #include <vector>
 
-/// What the sampler makes of a tone, in the block lengths of a device.
+/// A tone after the sampler.
 struct ToneMeasurement {
     double hertz;         ///< of the tone
-    double response;      ///< dB, of the tone over the tone that went in; not a number where it cannot pass
-    double alias;         ///< dB over the tone that went in: the loudest tone that was not there before
-    double signalToNoise; ///< dB, of the tone over all the rest; not a number where it cannot pass
+    double response;      ///< dB, against the input tone; NaN above half the output rate
+    double alias;         ///< dB, of the loudest new tone against the input tone
+    double signalToNoise; ///< dB, of the tone to the rest; NaN like the response
 };
 
-/// Sends tones from 20 Hz to the input's half rate through the sampler, one after the other. Rates in Hz.
+/// Samples tones from 20 Hz to half the input rate, in blocks of 512 frames. Rates in Hz.
 /// Threads: any.
 std::vector<ToneMeasurement> measureSampler(double rateIn, double rateOut);

@@ -7,17 +7,19 @@
 
 namespace {
 
-constexpr double maxDecibels = 300.0; // what is left over may be exactly nothing
+constexpr double maxDecibels = 300.0; // there may be no noise at all
 
-/// Solves three linear equations by Cramer's rule; they are far from singular for a block of many periods.
-std::array<double, 3> solve(const std::array<std::array<double, 3>, 3>& m, const std::array<double, 3>& right)
+using Row = std::array<double, 3>;
+
+/// Solves three linear equations by Cramer's rule; with many periods they are far from singular.
+Row solve(const std::array<Row, 3>& m, const Row& right)
 {
-    const auto determinant = [](const std::array<std::array<double, 3>, 3>& a) {
+    const auto determinant = [](const std::array<Row, 3>& a) {
         return a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
                a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
                a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
     };
-    std::array<double, 3> solution{};
+    Row solution{};
     for (size_t column = 0; column < 3; ++column) {
         auto replaced = m;
         for (size_t row = 0; row < 3; ++row)
@@ -46,24 +48,24 @@ SineFit SineFit::of(std::span<const double> samples, double frequency, double sa
     const double step = 2.0 * std::numbers::pi * frequency / sampleRate;
     const auto basis = [step](size_t frame) {
         const double angle = step * static_cast<double>(frame);
-        return std::array{std::sin(angle), std::cos(angle), 1.0};
+        return Row{std::sin(angle), std::cos(angle), 1.0};
     };
-    std::array<std::array<double, 3>, 3> normal{};
-    std::array<double, 3> right{};
+    std::array<Row, 3> normal{};
+    Row right{};
     for (size_t frame = 0; frame < samples.size(); ++frame) {
-        const std::array<double, 3> values = basis(frame);
+        const Row values = basis(frame);
         for (size_t row = 0; row < 3; ++row) {
             right[row] += values[row] * samples[frame];
             for (size_t column = 0; column < 3; ++column)
                 normal[row][column] += values[row] * values[column];
         }
     }
-    const std::array<double, 3> weights = solve(normal, right);
+    const Row weights = solve(normal, right);
     fit.amplitude = std::hypot(weights[0], weights[1]);
     fit.phase = std::atan2(weights[1], weights[0]);
     double signal = 0.0, noise = 0.0;
     for (size_t frame = 0; frame < samples.size(); ++frame) {
-        const std::array<double, 3> values = basis(frame);
+        const Row values = basis(frame);
         const double sine = weights[0] * values[0] + weights[1] * values[1];
         fit.rest.push_back(samples[frame] - sine);
         signal += sine * sine;
@@ -75,12 +77,12 @@ SineFit SineFit::of(std::span<const double> samples, double frequency, double sa
 
 SineFit SineFit::nearTo(std::span<const float> samples, double frequency, double sampleRate)
 {
-    constexpr int rounds = 3; // each leaves a small part of the error before it
+    constexpr int rounds = 3; // each reduces the error to a small part
     const std::vector<double> all(samples.begin(), samples.end());
     const std::span<const double> span = all;
     const size_t half = all.size() / 2;
     for (int round = 0; round < rounds && half >= 4; ++round) {
-        // At the right frequency the second half begins with the phase that the first ends with.
+        // At the right frequency, the phase is continuous from the first half to the second.
         const double gained = of(span.subspan(half, half), frequency, sampleRate).phase -
                               of(span.first(half), frequency, sampleRate).phase -
                               2.0 * std::numbers::pi * frequency / sampleRate * static_cast<double>(half);

@@ -5,7 +5,7 @@
 
 namespace {
 
-/// The device's channels, from 0, that stereo is for.
+/// The device's channels for stereo, from 0.
 std::array<uint32_t, 2> stereoPair(const DeviceSelection& output)
 {
     constexpr std::array<uint32_t, 2> firstTwo{1, 2};
@@ -16,28 +16,29 @@ std::array<uint32_t, 2> stereoPair(const DeviceSelection& output)
                : std::array<uint32_t, 2>{0, 1};
 }
 
-/// Which side a channel is heard on, in the order that sound files have: L and R, l and r behind or beside the listener, C in
-/// the middle, c behind; - is for deep effects, and is left out.
+/// The side of each channel, in the order of sound files: L and R, l and r behind or beside the listener, C
+/// in the middle, c behind it. The deep effects, -, are left out.
 std::string sidesOf(uint32_t channelCount)
 {
     constexpr std::string_view known[] = {"",      "C",      "LR",      "LRC",     "LRlr",
                                           "LRClr", "LRC-lr", "LRC-clr", "LRC-lrlr"};
     if (channelCount < std::size(known))
         return std::string(known[channelCount]);
-    std::string others;
-    for (uint32_t channel = 0; channel < channelCount; ++channel)
-        others += channel % 2 == 0 ? 'L' : 'R';
-    return others;
+    std::string pairs;
+    while (pairs.size() < channelCount)
+        pairs += "LR";
+    return pairs.substr(0, channelCount);
 }
 
+/// The channels on `full` sides, and those on `less` with -3 dB, scaled to full scale together.
 std::vector<ChannelShare> sharesOf(std::string_view sides, std::string_view full, std::string_view less)
 {
-    constexpr float behind = 0.70710678F; // -3 dB
+    constexpr float lessGain = 0.70710678F;
     std::vector<ChannelShare> shares;
     float sum = 0.0F;
     for (uint32_t channel = 0; channel < sides.size(); ++channel) {
         const float gain = full.find(sides[channel]) != full.npos   ? 1.0F
-                           : less.find(sides[channel]) != less.npos ? behind
+                           : less.find(sides[channel]) != less.npos ? lessGain
                                                                     : 0.0F;
         if (gain > 0.0F)
             shares.push_back({channel, gain});

@@ -1,16 +1,14 @@
 #include "CycleStatistics.h"
 
 #include <algorithm>
-#include <dxr/HostClock.h>
+#include <dxr/autimebase.h>
 
 using Event = DXRCycleRecord::Event;
 using Context = DXRCycleRecord::Context;
 
 double secondsOf(uint64_t ticks)
 {
-    using dxr::HostClock;
-    return static_cast<double>(static_cast<int64_t>(ticks)) * HostClock::nanosecondsNumerator /
-           HostClock::nanosecondsDenominator / 1e9;
+    return static_cast<double>(static_cast<int64_t>(ticks)) / autimebase_frequency(autimebase_get_shared());
 }
 
 void CycleStatistics::note(const DXRCycleRecord& record)
@@ -18,30 +16,18 @@ void CycleStatistics::note(const DXRCycleRecord& record)
     if (!_isCounting)
         _droppedBefore = record.droppedRecords;
     _droppedRecords = record.droppedRecords;
-    if (record.event != Event::Cycle)
-        return _noteEvent(record);
+    if (record.event != Event::Cycle) {
+        disturb();
+        _restarts += _isCounting && record.event == Event::ContextStarted;
+        return;
+    }
     ++_cyclesSeen;
     _smoothFrames += record.runnerFrameCount;
-    if (_isCounting) {
-        _frames += record.runnerFrameCount;
-        _stepsBack += record.sampleTime < _last.sampleTime;
-    }
-    if (record.context != Context::Timer) {
+    if (record.context != Context::Timer)
         _noteDeviceCycle(record);
-    } else if (_isCounting) {
-        ++_timerCycles;
+    else if (_isCounting)
         _timerFrames += record.runnerFrameCount;
-    }
     _last = record;
-}
-
-void CycleStatistics::_noteEvent(const DXRCycleRecord& record)
-{
-    disturb();
-    if (!_isCounting)
-        return;
-    _restarts += record.event == Event::ContextStarted;
-    _failedStarts += record.event == Event::ContextFailed;
 }
 
 void CycleStatistics::_noteDeviceCycle(const DXRCycleRecord& record)
@@ -55,7 +41,7 @@ void CycleStatistics::_noteDeviceCycle(const DXRCycleRecord& record)
         disturb();
     if (!_isCounting)
         return;
-    // The first that counts has nothing before it that could be missing.
+    // Before the first counted cycle nothing is missing.
     if (isGap && _cycles > 0) {
         ++_gaps;
         _lostFrames += record.deviceSampleTime > expected ? record.deviceSampleTime - expected : 0;

@@ -11,7 +11,7 @@ namespace {
 
 constexpr float fallDecibelsPerSecond = 24.0F;
 constexpr uint32_t maxBars = 8;   // of a device
-constexpr size_t maxLines = 16;   // a small terminal has 24, and some are for other things
+constexpr size_t maxLines = 16;   // of the 24 of a small terminal
 constexpr size_t labelWidth = 19; // of a name and a number
 
 } // namespace

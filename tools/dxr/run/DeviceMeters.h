@@ -9,19 +9,20 @@
 #include <dxr/DXRBuffer.h>
 #include <memory>
 
-/// The level meters of a command's devices, one under the other.
-/// Threads:   note() in a runner's cycles, the rest on one other thread; all are added before.
+/// Level meters of devices.
+/// Threads:   note() in a runner's cycles, the rest on one other thread; add() before the cycles.
 /// Real time: note().
 class DeviceMeters {
 public:
-    /// Adds a meter for each of `selections`, called "in" or "out" where it is alone, else by the devices' names.
+    /// Adds a meter for each of `selections`. A single one is labelled `direction`, several also by their
+    /// names.
     void add(const char* direction, const std::vector<DeviceSelection>& selections);
     void note(size_t meter, const DXRBuffer& buffer) noexcept CX_REALTIME;
 
-    /// The peak of each channel of a meter since it was last asked for or drawn, 1.0 being full scale.
+    /// The peak of each channel since the last call or draw(), 1.0 being full scale.
     std::vector<float> takePeaks(size_t meter);
-    /// A bar for each channel, or where there are very many for the loudest of a device, each `width` columns wide. Bars fall
-    /// slowly, so that short peaks can be seen.
+    /// Bars, `width` columns wide, for each channel, or where there are too many for the loudest of each
+    /// device. They fall slowly, to show short peaks.
     std::vector<std::string> draw(size_t width, const Terminal& terminal);
 
 private:
@@ -29,11 +30,11 @@ private:
         explicit Meter(uint32_t channels);
 
         const uint32_t channelCount;
-        // The largest since it was last taken. The IO thread raises it, the reader takes it back to 0; both by atomic
-        // exchange, so that no peak is lost between them. Nothing else depends on it.
+        // The largest since it was last taken. The IO thread raises it, the reader resets it to 0, both by
+        // atomic exchange, so that no peak is lost. Orders nothing else.
         const std::unique_ptr<std::atomic<float>[]> peaks;
         std::string label;
-        std::vector<float> shown; // what the bars stand at
+        std::vector<float> shown; // levels of the bars
     };
     static std::string _bar(const std::string& label, float level, size_t width, const Terminal& terminal);
 

@@ -5,11 +5,7 @@
 #include <algorithm>
 #include <thread>
 
-namespace {
-
 constexpr double ringSeconds = 2.0;
-
-} // namespace
 
 CXRef<FilePlayer> FilePlayer::initWithFile(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
                                            std::vector<ChannelMap> maps)
@@ -70,7 +66,8 @@ std::optional<uint64_t> FilePlayer::endTime() const noexcept
     return time != 0 ? std::optional(time) : std::nullopt;
 }
 
-/// The blocks of a cycle come in the order of the outputs: the first takes frames for all, the last gives their room back.
+/// The blocks of a cycle run in the order of the outputs: the first takes frames for all, the last returns
+/// them.
 void FilePlayer::_play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept
 {
     if (output == 0)

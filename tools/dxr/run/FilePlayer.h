@@ -5,30 +5,29 @@
 #include "RunnerSession.h"
 #include "SoundFileReader.h"
 
-/// Plays a sound file on every output of a runner, every frame once, or as often as it is read. The file is read ahead into a ring, which the
-/// runner's cycles empty; the first frame is given after open().
-/// Threads:   the blocks in the runner's cycles, the rest on one other thread. What comes from a pipe, which may have to be
-///            waited for, is read on a thread of its own, which goes on as long as the pipe does.
+/// Plays a sound file on every output of a runner, from open() on. The file is read ahead into a ring buffer.
+/// Threads:   the blocks in the runner's cycles, the rest on one other thread. A pipe is read on a thread of
+///            its own, which lasts as long as the pipe.
 /// Real time: the blocks.
 class FilePlayer final : public CXObject {
 public:
-    /// The runner is to run at the file's rate; `maps` says for each output which of the file's channels it plays on the
-    /// channels it has. Reads ahead. Throws ToolFailure when the file cannot be read.
+    /// For a runner at the file's rate; `maps`, by output, are of the file's channels. Throws ToolFailure
+    /// when the file cannot be read.
     static CXRef<FilePlayer> initWithFile(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
                                           std::vector<ChannelMap> maps);
 
     /// Adds the devices, with blocks that keep this alive, to a session that has not started.
     void addTo(RunnerSession& session);
     void open() noexcept { _isOpen.store(true, std::memory_order_relaxed); }
-    /// Reads on; to be called every so often, a few times a second at least. Throws ToolFailure.
+    /// Reads on; call it a few times a second. Throws ToolFailure.
     void feed();
-    /// The runner's sample time behind the last frame of the file; nothing until that has been given.
+    /// The runner's sample time after the last frame of the file; null before that is played.
     std::optional<uint64_t> endTime() const noexcept;
 
     uint64_t framesPlayed() const noexcept { return _framesPlayed.load(std::memory_order_relaxed); }
-    /// What is played in all; nothing for a pipe, or a file that is repeated until the user ends it.
+    /// Frames to play; null for a pipe, or a file that is repeated until the user ends it.
     std::optional<uint64_t> frameCount() const noexcept;
-    /// Cycles in which the file could not be read fast enough; nothing of it is left out.
+    /// Cycles with silence because the file was read too slowly; no frame of it is lost.
     uint64_t underruns() const noexcept { return _underruns.load(std::memory_order_relaxed); }
     DeviceMeters& meters() noexcept { return _meters; }
 
@@ -50,14 +49,14 @@ private:
     std::atomic<bool> _hasFailed{false};
     FrameRing _ring;
     DeviceMeters _meters;
-    // Of the runner's cycles: frames that all outputs play in this one, whether they play at all.
+    // Of the present cycle: frames that all outputs play, and whether they play at all.
     uint64_t _given = 0;
     bool _isPlaying = false;
 
     std::atomic<bool> _isOpen{false}; // takes effect in some cycle; orders nothing
-    // Raised by feed() after the last frame has gone into the ring: its release pairs with the acquire of the
-    // blocks, which, having seen it, find the ring complete, and may take an empty one for the end.
+    // Raised after the last frame was written to the ring. Its release pairs with the acquire of the blocks:
+    // once it is raised, an empty ring is the end.
     std::atomic<bool> _isFed{false};
-    std::atomic<uint64_t> _endTime{0}; // 0 until the last frame has been given; stands for itself
-    std::atomic<uint64_t> _framesPlayed{0}, _underruns{0}; // statistics of the blocks
+    std::atomic<uint64_t> _endTime{0};                     // 0: not yet; orders nothing
+    std::atomic<uint64_t> _framesPlayed{0}, _underruns{0}; // written by the blocks; order nothing
 };

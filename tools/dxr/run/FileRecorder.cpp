@@ -2,11 +2,7 @@
 
 #include <algorithm>
 
-namespace {
-
-constexpr double ringSeconds = 4.0; // disks fall asleep
-
-} // namespace
+constexpr double ringSeconds = 4.0; // a disk may have to start
 
 CXRef<FileRecorder> FileRecorder::initWithInputs(const std::vector<DeviceSelection>& inputs)
 {
@@ -40,18 +36,17 @@ void FileRecorder::open(double sampleRate)
     _isOpen.store(true, std::memory_order_release);
 }
 
-/// The blocks of a cycle come in the order of the inputs: with the last, all have been heard.
+/// The blocks of a cycle run in the order of the inputs; the last one keeps the frames of all.
 void FileRecorder::_hear(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept
 {
     _heard.note(input, sampleTime, buffer);
     _meters.note(input, buffer);
-    if (input + 1 != _inputs.size() || !_isOpen.load(std::memory_order_acquire))
-        return;
-    _keep(sampleTime, buffer.frameCount());
+    if (input + 1 == _inputs.size() && _isOpen.load(std::memory_order_acquire))
+        _keep(sampleTime, buffer.frameCount());
 }
 
-/// Frames are missing where the device's sample time jumps, and where another context begins later than the last cycle ended.
-/// Times alone do not show it: a cycle that only came late has lost nothing.
+/// Frames are missing where the device's sample time jumps, and where another context begins after the last
+/// cycle's end. A cycle that only came late has lost nothing.
 void FileRecorder::_note(const DXRCycleRecord& record)
 {
     if (record.event != DXRCycleRecord::Event::Cycle)

@@ -6,8 +6,8 @@
 #include "RunnerSession.h"
 #include "SoundFileWriter.h"
 
-/// Records the inputs of a runner, their channels side by side, and keeps the frames until they are written. What they hear
-/// lasts as long as it took: gaps are filled with silence.
+/// Records the inputs of a runner, as one row of channels, into a ring buffer until they are written. Lost
+/// frames are replaced by silence.
 /// Threads:   the blocks in the runner's cycles, the rest on one other thread.
 /// Real time: the blocks.
 class FileRecorder final : public CXObject {
@@ -17,15 +17,15 @@ public:
     /// Adds the devices, with blocks that keep this alive, to a session that has not started.
     void addTo(RunnerSession& session);
     uint32_t channelCount() const noexcept { return _heard.channelCount(); }
-    /// Keeps what is heard from now on; once. `sampleRate` is the runner's, in Hz.
+    /// Records from now on; once. `sampleRate` is the runner's, Hz.
     void open(double sampleRate);
     bool isOpen() const noexcept { return _isOpen.load(std::memory_order_relaxed); }
-    /// Writes what has been heard since then and not yet been written, up to so many frames in all, as far as the session has
-    /// read the trace; after the session's end, all of it. Throws ToolFailure.
+    /// Writes the frames recorded since the last call, until the file has `maxFrames`: those of cycles whose
+    /// records the session has read, or at the end all. Throws ToolFailure.
     void writeTo(SoundFileWriter& file, uint64_t maxFrames, bool isEnd);
-    /// Frames of silence that were written: cycles that were lost, and the time in which a device changed.
+    /// Frames of silence that were written: for lost cycles, and while a device changed.
     uint64_t silentFrames() const noexcept { return _silentFrames; }
-    /// Frames that were heard while the ring was full, because they could not be written fast enough.
+    /// Frames lost because the file was written too slowly.
     uint64_t droppedFrames() const noexcept { return _droppedFrames.load(std::memory_order_relaxed); }
     DeviceMeters& meters() noexcept { return _meters; }
 
@@ -40,18 +40,18 @@ private:
     const std::vector<DeviceSelection> _inputs;
     RunnerInputs _heard;
     DeviceMeters _meters;
-    std::unique_ptr<FrameRing> _ring; // made by open(), like the rate
+    std::unique_ptr<FrameRing> _ring; // made by open()
     double _sampleRate = 0.0;
-    // Of the writing thread: the last cycle in the trace, and where in the runner's time how many frames are missing.
+    // Frames that are missing before the runner's time `sampleTime`.
     struct Gap {
         uint64_t sampleTime, frameCount;
     };
-    DXRCycleRecord _last;
+    DXRCycleRecord _last; // cycle in the trace
     std::deque<Gap> _gaps;
     uint64_t _framesTaken = 0, _silentFrames = 0;
-    // Raised once there is a ring: its release pairs with the acquire of the blocks, which then find it.
+    // Raised once there is a ring. Its release pairs with the acquire of the blocks, which use the ring.
     std::atomic<bool> _isOpen{false};
-    // The runner's of the first frame in the ring; stored before that is handed over by the ring.
+    // The runner's, of the first frame in the ring; stored before that frame is written to the ring.
     std::atomic<uint64_t> _firstSampleTime{UINT64_MAX};
-    std::atomic<uint64_t> _droppedFrames{0}; // has one writer and stands for itself
+    std::atomic<uint64_t> _droppedFrames{0}; // has one writer; orders nothing
 };

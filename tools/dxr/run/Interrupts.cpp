@@ -1,5 +1,6 @@
 #include "Interrupts.h"
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -26,7 +27,7 @@ constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 extern "C" void noteSignal(int signal)
 {
-    if (asked.exchange(true)) { // asked twice: what we are waiting for does not come
+    if (asked.exchange(true)) { // for the second time: what the process waits for does not come
         if (void (*const act)() = lastAct)
             act();
         _exit(128 + signal);
@@ -35,29 +36,21 @@ extern "C" void noteSignal(int signal)
     [[maybe_unused]] const ssize_t written = write(wakeDescriptor.load(), &one, sizeof one);
 }
 
-void setHandler(int signal, void (*handler)(int))
-{
-    struct sigaction action {};
-    action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
-    sigaction(signal, &action, nullptr);
-}
-
 } // namespace
 
 Interrupts::Interrupts()
 {
     wakeDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     for (const int signal : endingSignals)
-        setHandler(signal, noteSignal);
-    setHandler(SIGPIPE, SIG_IGN);
+        setHandler(signal, noteSignal, SA_RESTART);
+    setHandler(SIGPIPE, SIG_IGN, SA_RESTART);
 }
 
 Interrupts::~Interrupts()
 {
     for (const int signal : endingSignals)
-        setHandler(signal, SIG_DFL);
-    setHandler(SIGPIPE, SIG_DFL);
+        setHandler(signal, SIG_DFL, SA_RESTART);
+    setHandler(SIGPIPE, SIG_DFL, SA_RESTART);
     close(wakeDescriptor.exchange(-1));
 }
 
@@ -110,10 +103,18 @@ void Interrupts::setLastAct(void (*act)()) noexcept
     lastAct = act;
 }
 
+void Interrupts::setHandler(int signal, void (*handler)(int), int flags)
+{
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigaction(signal, &action, nullptr);
+}
+
 void Interrupts::endProcess(int status)
 {
     std::cout.flush();
     if (isWorkLeftBehind)
-        std::_Exit(status); // it waits for a server that does not answer, and would use what exit() destroys
+        std::_Exit(status); // that work would use what exit() destroys
     std::exit(status);
 }

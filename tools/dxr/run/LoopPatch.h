@@ -5,8 +5,8 @@
 #include "RunnerInputs.h"
 #include "RunnerSession.h"
 
-/// Plays all inputs of a runner on every output, the inputs' channels side by side: channel for channel, or a single one on a
-/// stereo pair. Outputs are silent until open().
+/// Plays all inputs of a runner, as one row of channels, on every output: see straightChannelMap(). Outputs
+/// are silent until it is open.
 /// Threads:   the blocks in the runner's cycles, the rest on one other thread.
 /// Real time: the blocks.
 class LoopPatch final : public CXObject {
@@ -16,9 +16,8 @@ public:
 
     /// Adds the devices, with blocks that keep this alive, to a session that has not started.
     void addTo(RunnerSession& session);
-    void open() noexcept { setOpen(true); }
-    void setOpen(bool isOpen) noexcept { _isOpen.store(isOpen, std::memory_order_relaxed); }
-    /// Frames that have passed since then.
+    void setOpen(bool isOpen = true) noexcept { _isOpen.store(isOpen, std::memory_order_relaxed); }
+    /// Frames that were played.
     uint64_t framesPassed() const noexcept { return _framesPassed.load(std::memory_order_relaxed); }
     DeviceMeters& meters() noexcept { return _meters; }
 
@@ -34,5 +33,5 @@ private:
     std::vector<ChannelMap> _maps;          // by output
     DeviceMeters _meters;                   // of the inputs, then of the outputs
     std::atomic<bool> _isOpen{false};       // takes effect in some cycle; orders nothing
-    std::atomic<uint64_t> _framesPassed{0}; // has one writer and stands for itself
+    std::atomic<uint64_t> _framesPassed{0}; // has one writer; orders nothing
 };

@@ -4,33 +4,51 @@
 #include <dxr/DXRBuffer.h>
 #include <vector>
 
-/// What the inputs of a runner hear in one of its cycles, the channels of them all side by side, in the order the inputs
-/// were added. Nothing is copied on the way in: a buffer stays as it is until the cycle is over.
+/// The inputs of a runner in one of its cycles, as one row of channels in the order the inputs were added.
+/// Nothing is copied: the runner's buffers stay valid until the cycle is over.
 /// Threads:   add() before the runner starts; the rest in its cycles, which are one at a time.
 /// Real time: note() and channel().
 class RunnerInputs {
 public:
-    /// Frame k of a channel is samples[k * stride].
+    /// Sample k is samples[k * stride].
     struct Channel {
         const float* samples;
         uint32_t stride;
     };
 
-    /// Adds an input of so many channels; its number, from 0.
-    size_t add(uint32_t channelCount);
+    void add(uint32_t channelCount)
+    {
+        for (uint32_t number = 0; number < channelCount; ++number)
+            _channels.push_back({_buffers.size(), number});
+        _buffers.emplace_back();
+    }
     uint32_t channelCount() const noexcept { return static_cast<uint32_t>(_channels.size()); }
-    size_t inputCount() const noexcept { return _heard.size(); }
+    size_t inputCount() const noexcept { return _buffers.size(); }
 
-    /// What input number `input` hears at `sampleTime`.
-    void note(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept CX_REALTIME;
-    /// Channel number `channel`, from 0, of the `frameCount` frames at `sampleTime`; silence when there is no such
-    /// channel, or nothing was heard at that time. Good until the cycle is over.
-    Channel channel(uint32_t channel, uint64_t sampleTime, uint32_t frameCount) const noexcept CX_REALTIME;
+    /// The samples of input `input`, from 0, at `sampleTime`.
+    void note(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept CX_REALTIME
+    {
+        _buffers[input] = {sampleTime, buffer.samples(), buffer.frameCount(), buffer.channelCount()};
+    }
+    /// Channel `channel`, from 0, of the row at `sampleTime`; silence when there is no such channel, or its
+    /// input had no cycle then.
+    Channel channel(uint32_t channel, uint64_t sampleTime, uint32_t frameCount) const noexcept CX_REALTIME
+    {
+        static constexpr float silence = 0.0F;
+        if (channel >= _channels.size())
+            return {&silence, 0};
+        const Place& place = _channels[channel];
+        const Buffer& buffer = _buffers[place.input];
+        if (buffer.sampleTime != sampleTime || buffer.frameCount != frameCount ||
+            place.number >= buffer.channelCount)
+            return {&silence, 0};
+        return {buffer.samples + place.number, buffer.channelCount};
+    }
 
 private:
-    struct Heard {
+    struct Buffer {
         uint64_t sampleTime = UINT64_MAX;
-        const float* samples = nullptr; // the runner's, gone after the cycle
+        const float* samples = nullptr; // the runner's, invalid after the cycle
         uint32_t frameCount = 0;
         uint32_t channelCount = 0;
     };
@@ -39,6 +57,6 @@ private:
         uint32_t number; // within the input, from 0
     };
 
-    std::vector<Heard> _heard;    // by input
-    std::vector<Place> _channels; // side by side
+    std::vector<Buffer> _buffers; // by input
+    std::vector<Place> _channels;
 };

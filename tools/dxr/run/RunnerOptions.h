@@ -5,29 +5,31 @@
 
 #include <dxr/DXRConversionQuality.h>
 
-/// The options of the commands that run audio on devices: which, at what frame count and rate, and for how long.
+/// The options of commands that run audio: devices, frame count, rate, duration.
 /// Threads: one.
 class RunnerOptions {
 public:
-    /// Adds --frames, --rate, --wait and the choice of hardware to `command`, whose help ends with what it is `about`. This
-    /// object must live as long as the command line is parsed and run.
+    /// Adds --frames, --rate, --wait and the choice of hardware to `command`; its help ends with `about`.
+    /// This object must outlive the command line.
     RunnerOptions(CLI::App& command, const std::string& about);
 
-    /// Adds --in, or --out, which can be given several times, each with a DEVICE[:CHANNELS]. `what` says what for.
-    CLI::Option* addInputs(const std::string& what) { return _addDevices("--in", _inputs, what); }
-    CLI::Option* addOutputs(const std::string& what) { return _addDevices("--out", _outputs, what); }
-    CLI::Option* addSeconds(const std::string& what);
-    /// Where a direction that was added has no device, find() takes the default one; also adds --fast and --quiet.
+    /// Adds --in or --out, which may be repeated, with a DEVICE[:CHANNELS].
+    void addInputs(const std::string& about) { _addDevices("--in", _inputNames, about); }
+    void addOutputs(const std::string& about) { _addDevices("--out", _outputNames, about); }
+    void addSeconds(const std::string& about);
+    /// Without a device, find() takes the default one of each direction that was added. Adds --fast and
+    /// --quiet, too.
     void useDefaults();
 
-    /// Makes the chosen hardware the process's, and finds the devices that were named; with --wait, as soon as they are
-    /// connected. Returns the simulated computer's hardware, or null. Throws ToolFailure.
-    CXRef<SimulatedHardware> find();
-    /// Takes the default input and output, as far as there are, where nothing was named.
+    /// Selects the hardware and finds the devices, with --wait as soon as they are connected. Throws
+    /// ToolFailure.
+    void find();
+    /// Replaces the devices by the default ones that there are.
     void takeDefaults();
-    const std::vector<DeviceSelection>& inputs() const { return _foundInputs; }
-    const std::vector<DeviceSelection>& outputs() const { return _foundOutputs; }
-    bool namesDevices() const { return !_inputs.empty() || !_outputs.empty(); }
+    const HardwareChoice& hardware() const { return _hardware; }
+    const std::vector<DeviceSelection>& inputs() const { return _inputs; }
+    const std::vector<DeviceSelection>& outputs() const { return _outputs; }
+    bool namesDevices() const { return !_inputNames.empty() || !_outputNames.empty(); }
     std::optional<uint32_t> frameCount() const { return _frames; }
     std::optional<double> sampleRate() const { return _rate; } ///< Hz
     std::optional<double> seconds() const { return _seconds; }
@@ -37,20 +39,16 @@ public:
     }
 
 private:
-    CLI::Option* _addDevices(const char* name, std::vector<std::string>& texts, const std::string& what);
-
+    void _addDevices(const char* name, std::vector<std::string>& texts, const std::string& about);
     void _select();
-    void _waitForDevices(const CXRef<SimulatedHardware>& simulated);
-    void _takeDefault(HALDirection direction, std::vector<DeviceSelection>& found) const;
+    void _waitForDevices();
+    bool _needsDefault(const char* option, const std::vector<DeviceSelection>& found) const;
 
     CLI::App& _command;
     HardwareChoice _hardware;
-    std::vector<std::string> _inputs, _outputs;
+    std::vector<std::string> _inputNames, _outputNames;
     bool _usesDefaults = false, _isFast = false, _isQuiet = false, _waits = false;
     std::optional<uint32_t> _frames;
     std::optional<double> _rate, _seconds;
-    std::vector<DeviceSelection> _foundInputs, _foundOutputs;
+    std::vector<DeviceSelection> _inputs, _outputs;
 };
-
-/// "One + Another": the devices' names, printable.
-std::string namesOf(const std::vector<DeviceSelection>& selections);

@@ -90,60 +90,56 @@ void RunnerSession::poll()
 {
     dxr::MainQueue::shared().drain();
     _readTrace();
-    _readCounts();
     _updateDefaults();
     _updateDevices();
     _readSubDevices();
     _detectHang();
+    _settle();
 }
 
 void RunnerSession::_readTrace()
 {
     while (const size_t count = _trace->read(_batch)) {
         const std::span<const DXRCycleRecord> records(_batch.data(), count);
-        for (const DXRCycleRecord& record : records) {
-            _statistics.note(record);
-            _contextDevice = record.event == Event::ContextStopped ? kAudioObjectUnknown : record.deviceID;
-            _isAggregate = record.context == Context::Aggregate && _contextDevice != kAudioObjectUnknown;
-            if (record.event == Event::Cycle) {
-                if (std::exchange(_isHanging, false))
-                    _report(formatText("Cycles are back after %.1f s", seconds() - _lastCycleAt));
-                _lastCycleAt = seconds();
-            } else if (record.event == Event::ContextFailed && _frameCount != 0) {
-                _report("The devices do not start; waiting until something changes");
-            }
-            _hasFailed = record.event == Event::ContextFailed;
-            if (record.event == Event::ContextStarted)
-                for (SessionDevice& device : _devices)
-                    device.forgetStatus();
-        }
+        for (const DXRCycleRecord& record : records)
+            _noteRecord(record);
         if (_records)
             _records(records);
     }
 }
 
-void RunnerSession::_readCounts()
+void RunnerSession::_noteRecord(const DXRCycleRecord& record)
 {
-    if (!_runner)
-        return;
-    const DXRRunnerCounts now = _runner->counts();
-    if (now.restarts != _lastCounts.restarts)
-        _lostBefore += _lastCounts.lostFrames();
-    _lastCounts = now;
-    _counts = {now.lateCycles - _countsBefore.lateCycles,
-               _lostBefore + now.lostFrames() - _countsBefore.lostFrames(),
-               now.restarts - _countsBefore.restarts};
+    _statistics.note(record);
+    _contextDevice = record.event == Event::ContextStopped ? kAudioObjectUnknown : record.deviceID;
+    _isAggregate = record.context == Context::Aggregate && _contextDevice != kAudioObjectUnknown;
+    _hasFailed = record.event == Event::ContextFailed;
+    if (record.event == Event::Cycle) {
+        if (std::exchange(_isHanging, false))
+            _report(formatText("Cycles are back after %.1f s", seconds() - _lastCycleAt));
+        _lastCycleAt = seconds();
+    } else if (_hasFailed && _frameCount != 0) {
+        _report("The devices do not start; waiting until something changes");
+    } else if (record.event == Event::ContextStarted) {
+        for (SessionDevice& device : _devices)
+            device.forgetStatus();
+    }
 }
 
-std::optional<double> RunnerSession::roundTripSeconds() const
+uint64_t RunnerSession::lostFrames() const
+{
+    uint64_t lost = _statistics.lostFrames();
+    for (const SessionDevice& device : _devices)
+        lost += device.lostFrames();
+    return lost;
+}
+
+std::optional<double> RunnerSession::latencySeconds(HALDirection direction) const
 {
     const std::vector<DXRDeviceLatency> all =
         _runner ? _runner->latencies() : std::vector<DXRDeviceLatency>();
-    const auto input = std::ranges::find(all, true, &DXRDeviceLatency::isInput);
-    const auto output = std::ranges::find(all, false, &DXRDeviceLatency::isInput);
-    if (input == all.end() || output == all.end())
-        return std::nullopt;
-    return input->seconds() + output->seconds();
+    const auto found = std::ranges::find(all, direction == HALDirection::Input, &DXRDeviceLatency::isInput);
+    return found == all.end() ? std::nullopt : std::optional(found->seconds());
 }
 
 void RunnerSession::_updateDevices()
@@ -164,7 +160,6 @@ void RunnerSession::_updateDevices()
     }
 }
 
-/// A default device that is followed has become another one.
 void RunnerSession::_updateDefaults()
 {
     if (_defaults.empty() || !_runner)
@@ -177,20 +172,19 @@ void RunnerSession::_updateDefaults()
         followed->second = device;
         const std::optional<DeviceReport> report = DeviceReport::read(device->deviceID());
         if (!report)
-            continue; // it is gone already
+            continue; // disconnected already
         _report(formatText("The default %s is now ", nameOf(direction)) + report->shortName());
         if (std::ranges::find(_devices, report->uid, &SessionDevice::uid) == _devices.end())
             _devices.emplace_back(DeviceSelection::of(*report, direction));
     }
 }
 
-/// The parts of the aggregate that the runner has made: they have jumps that its own cycles do not show.
+/// Frames lost in parts of the runner's aggregate do not show in its cycles.
 void RunnerSession::_readSubDevices()
 {
     if (!_isAggregate)
         return;
-    for (const auto& status : readList<AudioAggregateSubDeviceStatus>(
-             _contextDevice, addressOf(kAudioAggregateDevicePropertySubDeviceStatus)))
+    for (const AudioAggregateSubDeviceStatus& status : subDeviceStatus(_contextDevice))
         for (SessionDevice& device : _devices)
             if (device.isConnected() && device.deviceID() == status.deviceID && device.noteStatus(status))
                 _statistics.disturb();
@@ -219,56 +213,52 @@ void RunnerSession::_detectHang()
     _report(formatText("No cycles for %.0f s: waiting for ", patienceSeconds) + _names());
 }
 
-bool RunnerSession::isSettled() const
+void RunnerSession::_settle()
 {
     constexpr double patienceSeconds = 3.0;
-    return _statistics.isSettled(_sampleRate) || seconds() >= patienceSeconds;
+    if (_isCounting || _frameCount == 0 ||
+        (!_statistics.isSettled(_sampleRate) && seconds() < patienceSeconds))
+        return;
+    beginCounting();
+    if (_settled)
+        _settled();
 }
 
 void RunnerSession::beginCounting()
 {
+    _isCounting = true;
     _statistics.beginCounting();
-    _readCounts();
-    _countsBefore = _lastCounts;
-    _lostBefore = 0;
-    _counts = {};
     for (SessionDevice& device : _devices)
         device.beginCounting();
 }
 
 // ---- Messages
 
-void RunnerSession::_report(const std::string& what)
+void RunnerSession::_report(const std::string& message)
 {
-    _messages.push_back(formatSeconds(seconds()) + "  " + what);
+    _messages.push_back(formatSeconds(seconds()) + "  " + message);
 }
 
 std::string RunnerSession::_names() const
 {
-    std::string names;
-    for (const SessionDevice& device : _devices)
-        names += (names.empty() ? "" : ", ") + device.name();
-    return names;
+    return joined(_devices, ", ", &SessionDevice::name);
 }
 
 std::vector<std::string> RunnerSession::report() const
 {
     const CycleStatistics& all = _statistics;
-    std::vector<std::string> lines;
-    lines.push_back(
-        formatCount(all.cycles(), "cycle", "cycles") + formatText(" of %u frames: ", all.cycleFrames()) +
-        formatCount(all.gaps(), "gap", "gaps") + " (" + formatCount(all.lostFrames(), "frame", "frames") +
-        " lost), " + formatCount(all.lateCycles(), "late cycle", "late cycles") + " (" +
-        formatCount(all.lateByUs(), "", "") + "by us)");
-    lines.push_back(formatText("latest cycle %.2f ms after it was due, longest run %.2f ms",
-                               1e3 * secondsOf(all.largestLateness()), 1e3 * secondsOf(all.longestRun())));
-    if (all.restarts() > 0 || all.timerCycles() > 0)
-        lines.push_back(formatCount(all.restarts(), "restart", "restarts") + ", " +
+    std::vector<std::string> lines{
+        formatCount(all.cycles(), "cycle") + formatText(" of %u frames: ", all.cycleFrames()) +
+            formatCount(all.gaps(), "gap") + " (" + formatCount(all.lostFrames(), "frame") + " lost), " +
+            formatCount(all.lateCycles(), "late cycle") + " (" + formatNumber(all.lateByUs()) + " by us)",
+        formatText("latest cycle %.2f ms after it was due, longest run %.2f ms",
+                   1e3 * secondsOf(all.largestLateness()), 1e3 * secondsOf(all.longestRun()))};
+    if (all.restarts() > 0 || all.timerFrames() > 0)
+        lines.push_back(formatCount(all.restarts(), "restart") + ", " +
                         formatSeconds(static_cast<double>(all.timerFrames()) / _sampleRate) +
                         " without any device");
     if (all.missingRecords() > 0)
-        lines.push_back(formatCount(all.missingRecords(), "cycle was", "cycles were") +
-                        " not seen, being too many");
+        lines.push_back(formatCount(all.missingRecords(), "cycle") + " not seen: the trace was full");
     for (const SessionDevice& device : _devices)
         lines.push_back(_reportOf(device));
     return lines;
@@ -276,10 +266,10 @@ std::vector<std::string> RunnerSession::report() const
 
 std::string RunnerSession::_reportOf(const SessionDevice& device) const
 {
-    std::string line = device.name() + ": " + formatCount(device.overloads(), "overload", "overloads");
+    std::string line = device.name() + ": " + formatCount(device.overloads(), "overload");
     if (!device.clockText().empty())
-        line += ", " + formatCount(device.resynchronisations(), "resynchronisation", "resynchronisations") +
-                " (" + formatCount(device.lostFrames(), "frame", "frames") + " lost), " + device.clockText();
+        line += ", " + formatCount(device.resynchronisations(), "resynchronisation") + " (" +
+                formatCount(device.lostFrames(), "frame") + " lost), " + device.clockText();
     if (!device.isConnected())
         return line + ", gone";
     return line + (device.secondsAway() > 0.0 ? formatText(", away for %.1f s", device.secondsAway()) : "");

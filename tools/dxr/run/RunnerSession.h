@@ -9,15 +9,16 @@
 #include <functional>
 #include <map>
 
-/// A runner over the devices of a command, from its start until the user ends it: its cycles counted, and a message for each
-/// device that comes or goes. Devices that disconnect do not end it.
-/// Threads: one, which also serves the main queue.
+/// A runner over the devices of a command until the user ends it, with statistics and messages. It goes on
+/// when devices disconnect.
+/// Threads: the main thread, whose queue it serves.
 class RunnerSession {
 public:
-    /// Is called with every record of the runner's trace, in order. What it throws leaves poll(), wait() and stop().
+    /// Receives every record of the runner's trace, in order. What it throws is thrown by poll(), wait() and
+    /// stop().
     using Records = std::function<void(std::span<const DXRCycleRecord>)>;
 
-    /// Where frame count (of a block) and rate, in Hz, are not given, the devices decide. Throws ToolFailure for such as
+    /// Without a frame count (of a block) or rate (Hz), the devices decide. Throws ToolFailure for one that
     /// no device has.
     RunnerSession(const Interrupts& interrupts, std::optional<uint32_t> frameCount,
                   std::optional<double> sampleRate,
@@ -28,73 +29,68 @@ public:
 
     void add(const DeviceSelection& selection, const DXRIOBlock& block);
     void setRecords(Records records) { _records = std::move(records); }
-    /// False when the user asked to stop meanwhile. Throws ToolFailure when the devices do not start.
+    /// Called once, when cycles come regularly, or after three seconds; the session counts from then on.
+    void setSettled(std::function<void()> settled) { _settled = std::move(settled); }
+    /// False when the user has asked to stop. Throws ToolFailure when the devices do not start.
     bool start();
-    /// Waits so long, or until there is something to do, and then as poll(). False when the user has asked to stop.
+    /// Waits for events, up to so long, and then polls. False when the user has asked to stop.
     bool wait(int milliseconds);
-    /// Reads what has happened: the trace, the devices, the counts.
+    /// Reads the trace, the devices and the counts.
     void poll();
-    /// Stops the runner, if it runs. A server that hangs is not waited for once the user has asked.
+    /// Stops the runner, if it runs. Does not wait for a server that hangs once the user has asked to stop.
     void stop();
-
-    /// Whether cycles come regularly by now, or it is no use to wait longer; then beginCounting(), once.
-    bool isSettled() const;
+    /// Counts from now on. Else from when it has settled.
     void beginCounting();
+    bool isCounting() const { return _isCounting; }
 
     uint32_t frameCount() const { return _frameCount; } ///< of a block, once started
     double sampleRate() const { return _sampleRate; }   ///< Hz, once started
-    double seconds() const;                             ///< of the clock on the wall, since start()
+    double seconds() const;                             ///< since start()
     const CycleStatistics& statistics() const { return _statistics; }
-    /// What the runner has counted since beginCounting(); frames also with contexts that are over.
-    struct Counts {
-        uint64_t lateCycles = 0, lostFrames = 0, restarts = 0;
-    };
-    const Counts& counts() const { return _counts; }
-    /// From the air at the first input to the air at the first output, seconds; nothing while one does not run.
-    std::optional<double> roundTripSeconds() const;
+    /// In gaps between cycles, and within aggregates.
+    uint64_t lostFrames() const;
+    /// From the air to the block of the first input, and from the block to the air of the first output; null
+    /// while it does not run.
+    std::optional<double> latencySeconds(HALDirection direction) const;
     const std::vector<SessionDevice>& devices() const { return _devices; }
     uint64_t sampleTime() const { return _runner ? _runner->sampleTime() : 0; } ///< of the next block
-    /// The device whose cycles the runner's are; 0 for the timer.
-    AudioObjectID contextDevice() const { return _contextDevice; }
-    /// What the cycles come from: "3 devices as one, by the clock of Desk", "Desk alone", "no device: …".
+    /// The source of the cycles: "3 devices as one, by the clock of Desk", "Desk alone", "no device: …".
     std::string contextText() const;
-    /// What has happened since the last call, a line each.
+    /// The messages since the last call, a line each.
     std::vector<std::string> takeMessages() { return std::exchange(_messages, {}); }
-    /// What the cycles and the devices were like, a line each, for the end of a command.
+    /// A summary of the cycles and devices, in lines.
     std::vector<std::string> report() const;
 
 private:
     using Clock = std::chrono::steady_clock;
 
     void _readTrace();
-    void _readCounts();
+    void _noteRecord(const DXRCycleRecord& record);
     void _updateDevices();
     void _updateDefaults();
     void _readSubDevices();
     void _detectHang();
-    void _report(const std::string& what);
+    void _settle();
+    void _report(const std::string& message);
     std::string _names() const;
     std::string _reportOf(const SessionDevice& device) const;
 
     const Interrupts& _interrupts;
-    CXRef<DXRDeviceRunner> _runner; // null when it was left behind in a server that hangs
+    CXRef<DXRDeviceRunner> _runner; // null once stopped, or left behind in a server that hangs
     const CXRef<DXRCycleTrace> _trace = DXRCycleTrace::init();
     std::vector<DXRCycleRecord> _batch;
     Records _records;
+    std::function<void()> _settled;
     CycleStatistics _statistics;
-    DXRRunnerCounts _lastCounts, _countsBefore; // as last read; when counting began
-    uint64_t _lostBefore = 0;                   // with contexts that are over
-    Counts _counts;
     std::vector<SessionDevice> _devices;                // each once, also when it has both directions
-    std::map<HALDirection, CXRef<DXRDevice>> _defaults; // that are followed, as they are now
-    DXRDeviceRunner::Devices _chosen;                   // that were added by themselves
+    std::map<HALDirection, CXRef<DXRDevice>> _defaults; // the current ones that are followed
+    DXRDeviceRunner::Devices _chosen;                   // all others
     std::vector<std::string> _messages;
     Clock::time_point _started;
     uint32_t _frameCount = 0;
     double _sampleRate = 0.0;
-    AudioObjectID _contextDevice = kAudioObjectUnknown;
-    bool _isAggregate = false;
+    AudioObjectID _contextDevice = kAudioObjectUnknown; // the one with the cycles; 0 for the timer
+    bool _isAggregate = false, _isCounting = false, _isHanging = false;
     bool _hasFailed = false;   // the last context did not start
     double _lastCycleAt = 0.0; // seconds()
-    bool _isHanging = false;
 };

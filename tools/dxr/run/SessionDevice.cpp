@@ -4,28 +4,17 @@
 
 #include <cmath>
 
-namespace {
-
-constexpr AudioObjectPropertyAddress overload{
-    kAudioDeviceProcessorOverload, kAudioObjectPropertyScopeWildcard, kAudioObjectPropertyElementWildcard};
-
-} // namespace
-
 SessionDevice::SessionDevice(const DeviceSelection& selection)
     : _uid(selection.report.uid), _name(selection.shortName()), _device(selection.device)
 {
     _listen(_device->deviceID());
 }
 
-SessionDevice::~SessionDevice()
-{
-    _listen(kAudioObjectUnknown);
-}
-
 void SessionDevice::_listen(AudioObjectID deviceID)
 {
-    if (_listener)
-        _listener->stop();
+    constexpr AudioObjectPropertyAddress overload{kAudioDeviceProcessorOverload,
+                                                  kAudioObjectPropertyScopeWildcard,
+                                                  kAudioObjectPropertyElementWildcard};
     _listener = nullptr;
     _deviceID = deviceID;
     if (deviceID == kAudioObjectUnknown)

@@ -5,46 +5,42 @@
 #include <atomic>
 #include <dxr/DXRPropertyListener.h>
 
-/// One device while a runner has it, in either direction or both: when it disconnects and returns, its overloads, and how it
-/// keeps to the clock of the others.
+/// A device that a runner uses, in either direction or both: its connection, overloads, and clock.
 /// Threads: one; overloads are reported on another.
 class SessionDevice {
 public:
-    enum class Change { None, Gone, Back, Blinked }; ///< Blinked: gone, and back already
+    enum class Change { None, Gone, Back, Blinked }; ///< Blinked: disconnected, and connected again
 
     explicit SessionDevice(const DeviceSelection& selection);
-    ~SessionDevice();
     SessionDevice(SessionDevice&&) = default;
-    SessionDevice& operator=(SessionDevice&&) = delete;
 
     const std::string& uid() const { return _uid; }
     const std::string& name() const { return _name; }    ///< printable
     AudioObjectID deviceID() const { return _deviceID; } ///< 0 while it is not connected
     bool isConnected() const { return _deviceID != kAudioObjectUnknown; }
-    double secondsAway() const { return _secondsAway; } ///< in all, up to its last return
+    double secondsAway() const { return _secondsAway; } ///< in total, up to its last return
 
-    /// Whether it has gone or come back since the last call, `seconds` after the beginning.
+    /// Whether it has disconnected or returned since the last call, `seconds` after the start.
     Change update(double seconds);
-    /// Notes its status as a part of an aggregate. True when its frames had to jump, or were missing, or it is brought to the
-    /// others' clock in another way than before.
+    /// Notes its status in an aggregate. True when frames were lost or skipped, or the compensation of its
+    /// clock changed.
     bool noteStatus(const AudioAggregateSubDeviceStatus& status);
-    /// Another context has started: its aggregate counts from the beginning.
+    /// For a new context, whose aggregate counts from 0.
     void forgetStatus() { _last.reset(); }
-    /// Counts from now on.
     void beginCounting();
 
     uint32_t overloads() const { return _overloads->count - _overloadsBefore; }
     uint64_t resynchronisations() const { return _resynchronisations; }
-    uint64_t lostFrames() const { return _lostFrames; }                       ///< silent for want of frames
-    bool isClock() const { return isConnected() && _last && _last->isClock; } ///< of the others
-    /// By how much its clock is faster than that; nothing where it has the same, or runs alone.
+    uint64_t lostFrames() const { return _lostFrames; }                       ///< replaced by silence
+    bool isClock() const { return isConnected() && _last && _last->isClock; } ///< of the aggregate
+    /// How much faster than that its clock runs; null where they are the same, or it runs alone.
     std::optional<double> partsPerMillion() const;
-    /// "clock", or "+12.3 ppm"; how it was brought to the others last. Empty where it ran alone.
+    /// "clock", "+12.3 ppm" or "the same clock", of the last aggregate; empty if there was none.
     const std::string& clockText() const { return _clockText; }
 
 private:
     struct Overloads final : CXObject {
-        std::atomic<uint32_t> count{0}; // raised where the hardware reports them; stands for itself
+        std::atomic<uint32_t> count{0}; // raised on the hardware's thread; orders nothing
     };
 
     void _listen(AudioObjectID deviceID);
@@ -56,7 +52,7 @@ private:
     AudioObjectID _deviceID = kAudioObjectUnknown;
     uint32_t _overloadsBefore = 0;
     double _goneAt = 0.0, _secondsAway = 0.0;
-    std::optional<AudioAggregateSubDeviceStatus> _last; // of this stay
+    std::optional<AudioAggregateSubDeviceStatus> _last; // since it was connected
     uint64_t _resynchronisations = 0, _lostFrames = 0;
     std::string _clockText;
 };

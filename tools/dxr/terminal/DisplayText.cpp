@@ -10,7 +10,7 @@
 namespace {
 
 constexpr const char* ellipsis = "\xE2\x80\xA6";
-constexpr size_t marksPerLetter = 8; // what any script needs; more only serve to make a short line long
+constexpr size_t marksPerLetter = 8; // enough for any script
 
 struct Character {
     std::string_view bytes;
@@ -18,7 +18,7 @@ struct Character {
     size_t width = 0; // columns
 };
 
-/// The first character of well-formed UTF-8; any other byte counts as a character of its own.
+/// The first character of well-formed UTF-8; any other byte is a character of its own.
 Character firstCharacter(std::string_view text)
 {
     const auto lead = static_cast<unsigned char>(text.front());
@@ -41,6 +41,21 @@ template <class Use> void forEachCharacter(std::string_view text, Use use)
         if (!use(character))
             return;
     }
+}
+
+/// The start of `text` that fits in `width` columns; at least one character.
+std::string_view fittingStart(std::string_view text, size_t width)
+{
+    size_t used = 0;
+    size_t bytes = 0;
+    forEachCharacter(text, [&](const Character& character) {
+        used += character.width;
+        if (used > width && bytes > 0)
+            return false;
+        bytes += character.bytes.size();
+        return true;
+    });
+    return text.substr(0, bytes);
 }
 
 } // namespace
@@ -74,20 +89,6 @@ size_t displayWidth(std::string_view text)
     return width;
 }
 
-std::string_view fittingStart(std::string_view text, size_t width)
-{
-    size_t used = 0;
-    size_t bytes = 0;
-    forEachCharacter(text, [&](const Character& character) {
-        used += character.width;
-        if (used > width && bytes > 0)
-            return false;
-        bytes += character.bytes.size();
-        return true;
-    });
-    return text.substr(0, bytes);
-}
-
 std::string clipToWidth(std::string_view text, size_t width)
 {
     if (displayWidth(text) <= width)
@@ -97,6 +98,11 @@ std::string clipToWidth(std::string_view text, size_t width)
     const std::string_view start = width == 1 ? std::string_view() : fittingStart(text, width - 1);
     return std::string(displayWidth(start) < width ? start : std::string_view()) +
            ellipsis; // a wide letter may not fit
+}
+
+std::string shortText(std::string_view text, size_t width)
+{
+    return clipToWidth(singleLine(text), width);
 }
 
 std::string fitLeft(std::string_view text, size_t width)
@@ -124,6 +130,17 @@ std::vector<std::string> wrapped(std::string_view text, size_t width)
         lines.emplace_back(line.substr(0, line.find_last_not_of(' ') + 1));
         text.remove_prefix(std::min(text.size(), text.find_first_not_of(' ')));
     }
+    return lines;
+}
+
+std::vector<std::string> labelled(const std::string& label, size_t indent, std::string_view text,
+                                  size_t width)
+{
+    constexpr size_t minColumns = 20;
+    std::vector<std::string> lines = wrapped(text, std::max(width, indent + minColumns) - indent);
+    lines.resize(std::max<size_t>(lines.size(), 1));
+    for (std::string& line : lines)
+        line.insert(0, &line == &lines.front() ? label : std::string(indent, ' '));
     return lines;
 }
 

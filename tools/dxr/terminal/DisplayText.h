@@ -5,23 +5,25 @@
 #include <string_view>
 #include <vector>
 
-// Text from outside, made fit for a terminal and measured in the columns it takes there.
-// Threads: any. The program's character type locale must be a UTF-8 one (main() sees to it).
+// Text from outside, made printable, and measured in the columns of a terminal.
+// Threads: any. The character type locale must be a UTF-8 one; main() sets it.
 
-/// `text` without anything that could move the cursor, start a line or drive the terminal: such bytes, and
-/// those that are no UTF-8, are shown as \x1B. Piles of combining marks on one letter are cut.
+/// `text` without anything that controls the terminal: control characters and bytes that are not UTF-8 are
+/// shown as \x1B; a pile of combining marks is cut.
 std::string singleLine(std::string_view text);
-/// The terminal columns that printable `text` takes: 2 for a wide character, 0 for a combining one.
+/// The columns of printable `text`: 2 for a wide character, 0 for a combining one.
 size_t displayWidth(std::string_view text);
-/// The start of printable `text` that fits in `width` columns; at least one character of it, if there is one.
-std::string_view fittingStart(std::string_view text, size_t width);
-/// Printable `text`, cut to at most `width` columns, with an ellipsis in the last one when something is
-/// missing.
+/// Printable `text`, cut to `width` columns, the last of which is an ellipsis when something is cut.
 std::string clipToWidth(std::string_view text, size_t width);
-/// Printable `text`, clipped or filled with spaces to exactly `width` columns.
+/// Any text, printable and cut.
+std::string shortText(std::string_view text, size_t width);
+/// Printable `text`, cut or filled with spaces to `width` columns.
 std::string fitLeft(std::string_view text, size_t width);
 std::string fitRight(std::string_view text, size_t width);
-/// Printable `text` in lines of at most `width` columns, broken at spaces where there are any.
+/// Printable `text` in lines of up to `width` columns, broken at spaces if possible.
 std::vector<std::string> wrapped(std::string_view text, size_t width);
-/// `text` with every letter in lower case, to compare what people typed.
+/// The same, up to `width` columns, behind `label`, which takes `indent` columns. Further lines are indented.
+std::vector<std::string> labelled(const std::string& label, size_t indent, std::string_view text,
+                                  size_t width);
+/// `text` in lower case, for comparisons.
 std::string foldCase(std::string_view text);

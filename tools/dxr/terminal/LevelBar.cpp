@@ -5,33 +5,34 @@
 
 namespace {
 
-constexpr float floorDecibels = -60.0F;
-constexpr float yellowFromDecibels = -12.0F;
-constexpr float redFromDecibels = -3.0F;
+constexpr float minDecibels = -60.0F, yellowDecibels = -12.0F, redDecibels = -3.0F;
 constexpr const char* eighths[] = {"", "▏", "▎", "▍", "▌", "▋", "▊", "▉"};
 
-/// Where a level stands on a bar, 0 to 1.
-double positionOf(float decibels)
+double shareOf(float decibels)
 {
-    return std::clamp(1.0 - double{decibels} / double{floorDecibels}, 0.0, 1.0);
+    return std::clamp(1.0 - double{decibels} / double{minDecibels}, 0.0, 1.0);
 }
 
-float decibelsOf(float level)
+std::string repeated(const char* text, size_t count)
 {
-    return level > 0.0F ? 20.0F * std::log10(level) : -1000.0F;
+    std::string all;
+    for (size_t i = 0; i < count; ++i)
+        all += text;
+    return all;
 }
 
 } // namespace
 
 std::string levelBar(float level, size_t width, const Terminal& terminal)
 {
-    const auto full = static_cast<size_t>(std::lround(positionOf(decibelsOf(level)) * double(width) * 8.0));
-    const auto columnOf = [&](float decibels) {
-        return static_cast<size_t>(positionOf(decibels) * static_cast<double>(width));
-    };
-    const std::pair<size_t, Style> zones[] = {{columnOf(yellowFromDecibels), Style::Green},
-                                              {columnOf(redFromDecibels), Style::Yellow},
-                                              {width, Style::Red}};
+    const float decibels = level > 0.0F ? 20.0F * std::log10(level) : minDecibels;
+    const auto columns = static_cast<double>(width);
+    const auto full =
+        static_cast<size_t>(std::lround(shareOf(decibels) * columns * 8.0)); // eighths of a column
+    const std::pair<size_t, Style> zones[] = {
+        {static_cast<size_t>(shareOf(yellowDecibels) * columns), Style::Green},
+        {static_cast<size_t>(shareOf(redDecibels) * columns), Style::Yellow},
+        {width, Style::Red}};
     std::string bar;
     size_t column = 0;
     for (const auto& [end, style] : zones) {
@@ -41,8 +42,12 @@ std::string levelBar(float level, size_t width, const Terminal& terminal)
         if (!part.empty())
             bar += terminal.styled(part, style);
     }
-    std::string rest;
-    for (; column < width; ++column)
-        rest += "·";
-    return bar + terminal.styled(rest, Style::Dim);
+    return bar + terminal.styled(repeated("·", width - column), Style::Dim);
+}
+
+std::pair<std::string, std::string> shareBar(double share, size_t width, const char* full, const char* rest)
+{
+    const auto count =
+        static_cast<size_t>(std::lround(std::clamp(share, 0.0, 1.0) * static_cast<double>(width)));
+    return {repeated(full, count), repeated(rest, width - count)};
 }

@@ -7,6 +7,7 @@ namespace {
 void put(std::string_view text)
 {
     std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
 }
 
 } // namespace
@@ -19,7 +20,6 @@ void LiveLines::draw(const std::vector<std::string>& lines)
     for (const std::string& line : lines)
         frame += line + "\n";
     put(frame);
-    std::fflush(stdout);
     _drawn = lines;
 }
 
@@ -28,7 +28,6 @@ void LiveLines::clear()
     if (_drawn.empty())
         return;
     put(_eraser() + "\x1B[?25h");
-    std::fflush(stdout);
     _drawn.clear();
 }
 
@@ -39,7 +38,6 @@ void LiveLines::printAbove(std::string_view line)
     for (const std::string& drawn : _drawn)
         frame += drawn + "\n";
     put(frame);
-    std::fflush(stdout);
 }
 
 std::string LiveLines::_eraser() const

@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
-/// The lines at the foot of a terminal that are redrawn in place: meters and progress. On a stream that is no
-/// terminal it draws nothing. The cursor is hidden while something is drawn, and comes back at the end,
-/// also after a failure. Threads: one.
+/// Lines at the foot of a terminal that are redrawn in place. Elsewhere nothing is drawn. The cursor is
+/// hidden meanwhile.
+/// Threads: one.
 class LiveLines {
 public:
     explicit LiveLines(const Terminal& terminal) : _terminal(terminal) {}
@@ -16,11 +16,10 @@ public:
     LiveLines(const LiveLines&) = delete;
     LiveLines& operator=(const LiveLines&) = delete;
 
-    /// Draws `lines` over what was drawn before; each must fit the terminal's width.
+    /// Replaces the lines; each must fit the terminal's width.
     void draw(const std::vector<std::string>& lines);
-    /// Takes what was drawn away.
     void clear();
-    /// Prints a lasting line above what is drawn, and flushes it.
+    /// Prints a lasting line above them, and flushes it.
     void printAbove(std::string_view line);
 
 private:

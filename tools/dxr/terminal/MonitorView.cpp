@@ -11,9 +11,9 @@
 namespace {
 
 constexpr size_t minName = 12, maxName = 32;
-constexpr double lateShare = 0.8; // of a cycle: from here on the next may be late
+constexpr double lateShare = 0.8; // of a cycle: above this, the next may be late
 
-/// A line of pieces in styles, cut where the width ends.
+/// A line of styled pieces, cut to the width.
 class Line {
 public:
     Line(size_t columns, const Terminal& terminal) : _room(columns), _terminal(terminal) {}
@@ -23,15 +23,6 @@ public:
         const std::string piece = clipToWidth(printable, _room);
         _room -= std::min(_room, displayWidth(piece));
         _text += _terminal.styled(piece, style);
-        return *this;
-    }
-    /// What has its own styles and takes `columns`; left out when there is no room for it.
-    Line& addStyled(const std::string& styled, size_t columns)
-    {
-        if (columns > _room)
-            return *this;
-        _room -= columns;
-        _text += styled;
         return *this;
     }
     size_t room() const { return _room; }
@@ -88,28 +79,23 @@ std::string View::cycle() const
     const double share = _state.usedSeconds / _state.cycleSeconds;
     const Style style = share > 1.0 ? Style::Red : share > lateShare ? Style::Yellow : Style::Green;
     const size_t width = std::min(maxBar, cycle.room() - std::min(cycle.room(), numbers));
-    const auto full =
-        static_cast<size_t>(std::lround(std::clamp(share, 0.0, 1.0) * static_cast<double>(width)));
-    std::string used, rest;
-    for (size_t i = 0; i < width; ++i)
-        (i < full ? used : rest) += i < full ? "█" : "·";
+    const auto [used, rest] = shareBar(share, width, "█", "·");
     cycle.add(used, style).add(rest, Style::Dim);
     cycle.add(formatText(" %.2f of %.2f ms", _state.usedSeconds * 1e3, _state.cycleSeconds * 1e3), style);
-    return cycle.add(formatText(", %.2f at most", _state.longestSeconds * 1e3)).text();
+    return cycle.add(formatText(", maximum %.2f", _state.longestSeconds * 1e3)).text();
 }
 
 std::vector<std::string> View::counts() const
 {
     Line counts = line();
-    counts.add("       " + formatCount(_state.cycles, "cycle", "cycles") + ", ");
-    counts.add(formatCount(_state.lateCycles, "late", "late"),
-               _state.lateCycles > 0 ? Style::Red : Style::Plain);
-    counts.add(", ").add(formatCount(_state.lostFrames, "frame", "frames") + " lost in " +
-                             formatCount(_state.gaps, "gap", "gaps"),
+    counts.add("       " + formatCount(_state.cycles, "cycle") + ", ");
+    counts.add(formatNumber(_state.lateCycles) + " late", _state.lateCycles > 0 ? Style::Red : Style::Plain);
+    counts.add(", ").add(formatCount(_state.lostFrames, "frame") + " lost in " +
+                             formatCount(_state.gaps, "gap"),
                          _state.gaps > 0 ? Style::Red : Style::Plain);
     Line more = line();
-    more.add("       " + formatCount(_state.restarts, "restart", "restarts") + ", " +
-             formatSeconds(_state.timerSeconds) + " without any device");
+    more.add("       " + formatCount(_state.restarts, "restart") + ", " + formatSeconds(_state.timerSeconds) +
+             " without any device");
     return {counts.text(), more.text()};
 }
 
@@ -124,7 +110,7 @@ std::vector<std::string> View::devices() const
                  {"LOST", 0, true, 1},
                  {"LEVEL", 0, true, 8}});
     for (const MonitorState::Device& device : _state.devices)
-        table.add({{device.direction, clipToWidth(singleLine(device.name), maxName), device.state,
+        table.add({{device.direction, shortText(device.name, maxName), device.isConnected ? "runs" : "gone",
                     formatRate(device.sampleRate), device.clock, std::to_string(device.lostFrames),
                     device.isConnected ? formatLevel(double{device.level}) : ""},
                    "",
@@ -150,7 +136,7 @@ std::vector<std::string> View::others() const
                                             formatRate(device.sampleRate).c_str()),
                              Style::Dim));
     if (!lines.empty())
-        lines.insert(lines.begin(), line().add("    ALSO THERE", Style::Bold).text());
+        lines.insert(lines.begin(), line().add("    OTHER DEVICES", Style::Bold).text());
     return lines;
 }
 
@@ -174,7 +160,7 @@ std::vector<std::string> monitorLines(const MonitorState& state, size_t columns,
     add(view.counts(), keysRow, false);
     add(view.devices(), keysRow, true);
     add(view.others(), keysRow, true);
-    // The latest messages, as many as there is room for, at the foot.
+    // The latest messages that fit.
     const size_t room = rows > lines.size() + keysRow + 1 ? rows - lines.size() - keysRow - 1 : 0;
     const size_t count = std::min(room, state.messages.size());
     std::vector<std::string> messages;

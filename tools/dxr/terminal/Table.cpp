@@ -9,12 +9,6 @@ namespace {
 constexpr size_t gap = 2; // columns between two columns
 constexpr const char* noteIndent = "      ";
 
-std::string withoutTrailingSpaces(std::string text)
-{
-    text.erase(text.find_last_not_of(' ') + 1);
-    return text;
-}
-
 } // namespace
 
 void Table::moveLastColumnToNotes()
@@ -43,10 +37,21 @@ std::vector<std::string> Table::lines(size_t width, const Terminal& terminal) co
 
 size_t Table::naturalWidth() const
 {
-    size_t width = 0;
-    for (const Placed& column : _placeNaturally())
-        width += column.width + (width == 0 ? 0 : gap);
+    return _totalWidth(_placeNaturally());
+}
+
+size_t Table::_totalWidth(const std::vector<Placed>& placed)
+{
+    size_t width = placed.empty() ? 0 : gap * (placed.size() - 1);
+    for (const Placed& column : placed)
+        width += column.width;
     return width;
+}
+
+size_t Table::_minWidth(const Placed& column) const
+{
+    const size_t min = _columns[column.index].minWidth;
+    return min == 0 ? column.width : std::min(min, column.width);
 }
 
 std::vector<Table::Placed> Table::_placeNaturally() const
@@ -64,31 +69,23 @@ std::vector<Table::Placed> Table::_placeNaturally() const
 std::vector<Table::Placed> Table::_place(size_t width) const
 {
     std::vector<Placed> placed = _placeNaturally();
-    const auto minOf = [this](const Placed& column) {
-        const size_t min = _columns[column.index].minWidth;
-        return min == 0 ? column.width : std::min(min, column.width);
+    const auto exceedsEvenShrunk = [&] {
+        size_t shrinkable = 0;
+        for (const Placed& column : placed)
+            shrinkable += column.width - _minWidth(column);
+        return _totalWidth(placed) > width + shrinkable;
     };
-    const auto total = [](const std::vector<Placed>& columns, auto widthOf) {
-        size_t sum = columns.empty() ? 0 : gap * (columns.size() - 1);
-        for (const Placed& column : columns)
-            sum += widthOf(column);
-        return sum;
-    };
-    while (placed.size() > 1 && total(placed, minOf) > width)
-        placed.erase(std::min_element(placed.begin(), placed.end(), [this](const Placed& a, const Placed& b) {
-            return _columns[a.index].priority < _columns[b.index].priority;
-        }));
-    // What is still too much is taken from the widest column that can give.
-    const auto widthOf = [](const Placed& column) { return column.width; };
-    while (total(placed, widthOf) > width) {
-        Placed* widest = nullptr;
-        for (Placed& column : placed)
-            if (column.width > minOf(column) && (!widest || column.width > widest->width))
-                widest = &column;
-        if (!widest)
+    while (placed.size() > 1 && exceedsEvenShrunk())
+        placed.erase(std::ranges::min_element(
+            placed, {}, [this](const Placed& column) { return _columns[column.index].priority; }));
+    while (_totalWidth(placed) > width) { // shrink the widest column that can
+        const auto widest = std::ranges::max_element(placed, {}, [this](const Placed& column) {
+            return column.width > _minWidth(column) ? column.width : 0;
+        });
+        const size_t shrinkable = widest->width - _minWidth(*widest);
+        if (shrinkable == 0)
             break;
-        const size_t excess = total(placed, widthOf) - width;
-        widest->width -= std::min(excess, widest->width - minOf(*widest));
+        widest->width -= std::min(_totalWidth(placed) - width, shrinkable);
     }
     return placed;
 }
@@ -102,5 +99,5 @@ std::string Table::_line(const std::vector<Placed>& placed, const std::vector<st
         const std::string& cell = cells[column.index];
         line += _columns[column.index].isNumber ? fitRight(cell, column.width) : fitLeft(cell, column.width);
     }
-    return withoutTrailingSpaces(line);
+    return line.substr(0, line.find_last_not_of(' ') + 1);
 }

@@ -8,30 +8,11 @@
 
 namespace {
 
-constexpr size_t defaultColumns = 80;
-constexpr size_t columnsOfPipe = 10000; // as many as it takes: its reader looks for whole words
-constexpr size_t fewestColumns = 20;
+constexpr size_t minColumns = 20, defaultColumns = 80;
+constexpr size_t pipeColumns = 10000; // nothing is cut: programs read it
 
-const char* codeOf(Style style)
-{
-    switch (style) {
-    case Style::Bold:
-        return "\x1B[1m";
-    case Style::Dim:
-        return "\x1B[2m";
-    case Style::Red:
-        return "\x1B[31m";
-    case Style::Green:
-        return "\x1B[32m";
-    case Style::Yellow:
-        return "\x1B[33m";
-    case Style::Cyan:
-        return "\x1B[36m";
-    case Style::Plain:
-        break;
-    }
-    return "";
-}
+// By Style.
+constexpr const char* codes[] = {"", "\x1B[1m", "\x1B[2m", "\x1B[31m", "\x1B[32m", "\x1B[33m", "\x1B[36m"};
 
 } // namespace
 
@@ -47,17 +28,17 @@ size_t Terminal::columns() const
 {
     winsize size{};
     if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
-        return std::max<size_t>(size.ws_col, fewestColumns);
+        return std::max<size_t>(size.ws_col, minColumns);
     const char* wanted = std::getenv("COLUMNS");
     const long columns = wanted ? std::strtol(wanted, nullptr, 10) : 0;
-    if (columns > 0 && columns < 10000)
-        return std::max(static_cast<size_t>(columns), fewestColumns);
-    return ::isatty(STDOUT_FILENO) == 1 ? defaultColumns : columnsOfPipe;
+    if (columns > 0 && columns < 10'000)
+        return std::max(static_cast<size_t>(columns), minColumns);
+    return ::isatty(STDOUT_FILENO) == 1 ? defaultColumns : pipeColumns;
 }
 
 std::string Terminal::styled(std::string_view text, Style style) const
 {
     if (!_hasColour || style == Style::Plain)
         return std::string(text);
-    return codeOf(style) + std::string(text) + "\x1B[0m";
+    return codes[static_cast<size_t>(style)] + std::string(text) + "\x1B[0m";
 }

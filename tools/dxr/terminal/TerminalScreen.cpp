@@ -13,13 +13,13 @@
 
 namespace {
 
-// The other screen, no cursor, and lines that are cut at the edge instead of going on below; and back.
+// The alternate screen, no cursor, no line wrap; and back.
 constexpr char enterSequence[] = "\x1B[?1049h\x1B[?25l\x1B[?7l\x1B[2J";
 constexpr char leaveSequence[] = "\x1B[?7h\x1B[?25h\x1B[?1049l";
 constexpr char controlZ = 0x1A;
 constexpr int deadlySignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGQUIT};
 
-// For the signal handlers. The modes are those from before, and stay what they are while isEntered.
+// For the signal handlers. The modes are from before, and do not change while isEntered.
 std::atomic<bool> isEntered{false};
 std::atomic<bool> hasModes{false};
 termios modesBefore;
@@ -29,7 +29,7 @@ void writeAll(const char* bytes, size_t count)
     while (count > 0) {
         const ssize_t written = ::write(STDOUT_FILENO, bytes, count);
         if (written < 0 && errno != EINTR)
-            return; // the terminal is gone
+            return; // the terminal was closed
         if (written > 0) {
             bytes += written;
             count -= static_cast<size_t>(written);
@@ -37,8 +37,8 @@ void writeAll(const char* bytes, size_t count)
     }
 }
 
-/// Gives the terminal back, once. May be called by a signal handler.
-void giveBack()
+/// Restores the terminal, once. Also called by signal handlers.
+void restoreTerminal()
 {
     if (!isEntered.exchange(false))
         return;
@@ -47,23 +47,15 @@ void giveBack()
         tcsetattr(STDIN_FILENO, TCSANOW, &modesBefore);
 }
 
-extern "C" void giveBackAndDie(int signal)
+extern "C" void restoreAndDie(int signal)
 {
-    giveBack();
-    raise(signal); // by its usual handler, which is back: SA_RESETHAND
+    restoreTerminal();
+    raise(signal); // to the default handler: SA_RESETHAND
 }
 
 extern "C" void noteNewSize(int)
 {
-    // That a wait was interrupted is enough: the size is asked before each picture.
-}
-
-void handle(int signal, void (*handler)(int), int flags)
-{
-    struct sigaction action {};
-    action.sa_handler = handler;
-    action.sa_flags = flags;
-    sigaction(signal, &action, nullptr);
+    // It interrupts the wait; the size is read before each picture.
 }
 
 } // namespace
@@ -77,19 +69,19 @@ TerminalScreen::TerminalScreen()
         _keyboard = STDIN_FILENO;
     }
     for (const int signal : deadlySignals)
-        handle(signal, giveBackAndDie, static_cast<int>(SA_RESETHAND | SA_NODEFER));
-    handle(SIGWINCH, noteNewSize, 0);
-    Interrupts::setLastAct(giveBack);
+        Interrupts::setHandler(signal, restoreAndDie, static_cast<int>(SA_RESETHAND | SA_NODEFER));
+    Interrupts::setHandler(SIGWINCH, noteNewSize, 0);
+    Interrupts::setLastAct(restoreTerminal);
     _enter();
 }
 
 TerminalScreen::~TerminalScreen()
 {
-    _leave();
+    restoreTerminal();
     Interrupts::setLastAct(nullptr);
-    handle(SIGWINCH, SIG_DFL, 0);
+    Interrupts::setHandler(SIGWINCH, SIG_DFL, 0);
     for (const int signal : deadlySignals)
-        handle(signal, SIG_DFL, 0);
+        Interrupts::setHandler(signal, SIG_DFL, 0);
     hasModes = false;
 }
 
@@ -100,22 +92,16 @@ void TerminalScreen::_enter()
         modes.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON);
         modes.c_cc[VMIN] = 0;
         modes.c_cc[VTIME] = 0;
-        modes.c_cc[VSUSP] =
-            _POSIX_VDISABLE; // Ctrl-Z comes as a key, so that the screen can be given back first
+        modes.c_cc[VSUSP] = _POSIX_VDISABLE; // Ctrl-Z is a key, so that the screen is restored first
         tcsetattr(STDIN_FILENO, TCSANOW, &modes);
     }
     isEntered = true;
     writeAll(enterSequence, sizeof enterSequence - 1);
 }
 
-void TerminalScreen::_leave()
-{
-    giveBack();
-}
-
 void TerminalScreen::_stopProcess()
 {
-    _leave();
+    restoreTerminal();
     raise(SIGSTOP);
     if (hasModes)
         tcgetattr(STDIN_FILENO, &modesBefore); // the shell may have changed them

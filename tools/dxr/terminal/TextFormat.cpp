@@ -3,6 +3,25 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
+
+namespace {
+
+/// With milliseconds.
+std::string formatTime(std::chrono::system_clock::time_point when, const char* format,
+                       std::tm* (*split)(const std::time_t*, std::tm*))
+{
+    using namespace std::chrono;
+    const auto milliseconds = duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count();
+    const std::time_t seconds = milliseconds / 1000;
+    std::tm parts{};
+    split(&seconds, &parts);
+    char text[32];
+    const size_t length = std::strftime(text, sizeof text, format, &parts);
+    return std::string(text, length) + formatText(".%03d", static_cast<int>(milliseconds % 1000));
+}
+
+} // namespace
 
 std::string formatText(const char* format, ...)
 {
@@ -43,14 +62,25 @@ std::string formatSeconds(double seconds)
     return formatText("%ld:%04.1f", minutes, std::fabs(seconds - 60.0 * static_cast<double>(minutes)));
 }
 
-std::string formatCount(uint64_t count, const char* singular, const char* plural)
+std::string formatNumber(uint64_t number)
 {
-    const std::string digits = std::to_string(count);
-    std::string text;
-    for (size_t i = 0; i < digits.size(); ++i) {
-        if (i > 0 && (digits.size() - i) % 3 == 0)
-            text += ',';
-        text += digits[i];
-    }
-    return text.append(" ").append(count == 1 ? singular : plural);
+    std::string text = std::to_string(number);
+    for (size_t end = text.size(); end > 3; end -= 3)
+        text.insert(end - 3, ",");
+    return text;
+}
+
+std::string formatCount(uint64_t count, const std::string& singular, const char* plural)
+{
+    return formatNumber(count) + " " + (count == 1 ? singular : plural ? plural : singular + "s");
+}
+
+std::string formatLocalTime(std::chrono::system_clock::time_point when)
+{
+    return formatTime(when, "%H:%M:%S", localtime_r);
+}
+
+std::string formatUTC(std::chrono::system_clock::time_point when)
+{
+    return formatTime(when, "%Y-%m-%dT%H:%M:%S", gmtime_r) + "Z";
 }

@@ -1,20 +1,42 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 
-// Numbers as people read them.
+// Numbers, times and lists as text.
 // Threads: any.
 
-/// As printf() would print it.
+/// Like printf().
 std::string formatText(const char* format, ...) __attribute__((format(printf, 1, 2)));
-/// A rate in Hz as "44.1 kHz"; "-" when it is 0.
+/// Hz as "44.1 kHz"; "-" when it is 0.
 std::string formatRate(double rate);
-/// A scalar 0..1 as "70%".
+/// 0 to 1 as "70%".
 std::string formatPercent(double scalar);
-/// A peak or level as decibels below full scale, "-6.0 dB"; "-inf dB" for silence.
+/// An amplitude as decibels below full scale, "-6.0 dB"; "-inf dB" for silence.
 std::string formatLevel(double amplitude);
-/// "0.0 s", "1:02.5" from a minute up.
+/// "0.0 s"; from a minute up "1:02.5".
 std::string formatSeconds(double seconds);
-/// "1 frame", "2 frames"; groups thousands.
-std::string formatCount(uint64_t count, const char* singular, const char* plural);
+/// "1,234".
+std::string formatNumber(uint64_t number);
+/// "1 frame", "2 frames"; the plural is "…s" if not given.
+std::string formatCount(uint64_t count, const std::string& singular, const char* plural = nullptr);
+
+/// "12:34:56.789", local time.
+std::string formatLocalTime(std::chrono::system_clock::time_point when);
+/// "2026-01-31T12:34:56.789Z".
+std::string formatUTC(std::chrono::system_clock::time_point when);
+
+/// The texts of the items, separated.
+template <class Items, class Text = std::identity>
+std::string joined(const Items& items, const char* separator, Text text = {})
+{
+    std::string line;
+    const char* before = "";
+    for (const auto& item : items) {
+        line += before + std::string(std::invoke(text, item));
+        before = separator;
+    }
+    return line;
+}

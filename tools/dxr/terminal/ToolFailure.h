@@ -3,13 +3,11 @@
 #include <stdexcept>
 #include <string>
 
-/// What a command could not do, as one line for the user; ends the tool with `exitStatus`.
-/// The text is printable: names of devices and files have been made so.
+/// Ends the command with one printable line for the user and `exitStatus`.
 class ToolFailure : public std::runtime_error {
 public:
     explicit ToolFailure(const std::string& line) : std::runtime_error(line) {}
 
     static constexpr int exitStatus = 1;
-    /// For a command line that makes no sense.
-    static constexpr int usageExitStatus = 2;
+    static constexpr int usageExitStatus = 2; ///< of a wrong command line
 };
