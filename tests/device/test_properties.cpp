@@ -240,7 +240,7 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
     hal.plug(aDevice().uid("box").outputs(2).mute(outputs, false));
     CXRef<Target> target = Target::init();
     const auto muted = Address::deviceMute(kAudioObjectPropertyScopeOutput, 0);
-    const CXRef<platform::SerialQueue> queue = platform::SerialQueue::initWithLabel("listener");
+    const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("listener");
     auto listener = DXRPropertyListener::initWithObjectID(
         hal.deviceID("box"), muted->address(), queue, target,
         [&](const CXRef<CXObject>& who, const AudioObjectPropertyAddress* what) {

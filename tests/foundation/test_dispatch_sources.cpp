@@ -31,7 +31,7 @@ TEST(CXDispatchTimer, letsWorkMessagesAndOtherTimersThroughWhenItIsAlwaysDue)
     other->setTimeoutHandler([&](const CXRef<CXDispatchTimer>&) { ++others; });
     other->setTimeoutAbsolute(now(), 1);
     other->setDispatchQueue(queue.ref());
-    const CXRef<platform::Port> port = platform::Port::init();
+    const CXRef<dxr::Port> port = dxr::Port::init();
     const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
     receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte>) {
         ++messages;
@@ -86,7 +86,7 @@ TEST(CXDispatchTimerList, firesWhatIsDueOnceInOrderAndLeavesOutMissedPeriods)
 
     CXDispatchTimerList others;
     EXPECT_FALSE(others.add(timerFor('n', 0, 0)));
-    EXPECT_EQ(others.firstDeadline(), platform::Futex::noDeadline) << "it waits for a deadline";
+    EXPECT_EQ(others.firstDeadline(), dxr::Futex::noDeadline) << "it waits for a deadline";
     EXPECT_TRUE(others.add(timerFor('i', 0, 3600'000 * millisecond)));
     EXPECT_GT(others.firstDeadline(), now()) << "an interval starts now";
 }
@@ -120,9 +120,9 @@ TEST(CXDispatchSource, endsOnNoQueueWhenItIsCancelledWhileItMoves)
         const auto meet = [&ready](int pauses) {
             ++ready;
             for (int spins = 0; ready < 2; ++spins)
-                spins < 10'000 ? platform::BackOff::pause() : std::this_thread::yield();
+                spins < 10'000 ? dxr::BackOff::pause() : std::this_thread::yield();
             for (int i = 0; i < pauses; ++i)
-                platform::BackOff::pause();
+                dxr::BackOff::pause();
         };
         canceller->dispatchAsync([&, round] {
             meet(round % 8);
@@ -148,7 +148,7 @@ TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
     const TestQueue queue;
     const uint32_t own = CXDispatchReceiverReleasesSendRight | CXDispatchReceiverReleasesReceiveRight;
     CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(nullptr, own);
-    const CXRef<platform::Port> port = receiver->port();
+    const CXRef<dxr::Port> port = receiver->port();
     std::promise<void> all;
     std::string received;
     receiver->setMessageHandler(
@@ -161,19 +161,19 @@ TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
         });
     const auto send = [&](std::string_view text) { return port->send(std::as_bytes(std::span(text))); };
     for (const char* text : {"early ", "b", "c"})
-        EXPECT_EQ(send(text), platform::Port::SendResult::Sent);
+        EXPECT_EQ(send(text), dxr::Port::SendResult::Sent);
     receiver->setDispatchQueue(queue.ref());
     const std::string longMessage(100'000, 'L');
-    EXPECT_EQ(send(longMessage), platform::Port::SendResult::Sent);
+    EXPECT_EQ(send(longMessage), dxr::Port::SendResult::Sent);
     all.get_future().wait();
     EXPECT_EQ(received, "early bc" + longMessage);
 
     receiver->cancel();
     queue.settle();
     EXPECT_FALSE(receiver->handler());
-    EXPECT_EQ(send("unread"), platform::Port::SendResult::Sent) << "the port outlives the cancellation";
+    EXPECT_EQ(send("unread"), dxr::Port::SendResult::Sent) << "the port outlives the cancellation";
     receiver = nullptr;
-    EXPECT_EQ(send("closed"), platform::Port::SendResult::Closed);
+    EXPECT_EQ(send("closed"), dxr::Port::SendResult::Closed);
     queue.settle();
     EXPECT_EQ(received.size(), 100'008U);
 }
@@ -184,9 +184,8 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
 {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
-    const CXRef<platform::Port> ports[] = {platform::Port::init(),
-                                           platform::Port::initWithDescriptor(ends[0])};
-    for (const CXRef<platform::Port>& port : ports) {
+    const CXRef<dxr::Port> ports[] = {dxr::Port::init(), dxr::Port::initWithDescriptor(ends[0])};
+    for (const CXRef<dxr::Port>& port : ports) {
         const bool isDescriptor = port == ports[1];
         SCOPED_TRACE(isDescriptor);
         const TestQueue first;
@@ -206,7 +205,7 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
             if (isDescriptor)
                 EXPECT_EQ(write(ends[1], "ab", 2), 2);
             else
-                EXPECT_EQ(port->send({}), platform::Port::SendResult::Sent);
+                EXPECT_EQ(port->send({}), dxr::Port::SendResult::Sent);
             std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the first's thread to wake
             receiver->setDispatchQueue(nullptr);
             receiver->setDispatchQueue(isDescriptor ? nullptr : second.ref());
@@ -215,7 +214,7 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
         if (isDescriptor)
             receiver->setDispatchQueue(second.ref());
         else
-            EXPECT_EQ(port->send({}), platform::Port::SendResult::Sent);
+            EXPECT_EQ(port->send({}), dxr::Port::SendResult::Sent);
         EXPECT_EQ(done.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
         receiver->cancel();
         second.settle();

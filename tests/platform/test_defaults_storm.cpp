@@ -16,9 +16,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-using platform::DefaultsChanges;
-using platform::DefaultsSnapshot;
-using platform::DefaultsSuite;
+using dxr::DefaultsChanges;
+using dxr::DefaultsSnapshot;
+using dxr::DefaultsSuite;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t writerCount = 8;

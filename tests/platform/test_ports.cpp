@@ -8,7 +8,7 @@
 #include <thread>
 #include <unistd.h>
 
-namespace platform {
+namespace dxr {
 namespace {
 
 using enum Port::SendResult;
@@ -155,4 +155,4 @@ TEST(AtomicStackPair, findsBlocksOnBothStacks)
 }
 
 } // namespace
-} // namespace platform
+} // namespace dxr

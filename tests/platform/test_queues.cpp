@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 namespace {
 
 bool isReadable(int descriptor)
@@ -149,4 +149,4 @@ TEST(MainQueue, runsUntilItIsStoppedAndBelongsToTheThreadThatServesIt)
 }
 
 } // namespace
-} // namespace platform
+} // namespace dxr

@@ -26,16 +26,15 @@ TEST(Texts, areCleanedForPrintingAndCutAtWholeCharacters)
         {"a null byte", std::string_view("a\0b", 3), "a\\x00b"},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(platform::printableText(row.text), row.printable) << row.why;
+        EXPECT_EQ(dxr::printableText(row.text), row.printable) << row.why;
 
-    EXPECT_EQ(platform::utf8Prefix("vierzehn bytesä", 15), "vierzehn bytes");
-    EXPECT_EQ(platform::utf8Prefix("\xFF\x80ä", 4), "\xFF\x80ä")
-        << "bytes that are not UTF-8 count one by one";
-    EXPECT_EQ(platform::utf8Prefix("\xFF\x80ä", 3), "\xFF\x80");
-    EXPECT_EQ(platform::utf8Replaced("a\xFF\xFEäx\xC3"), "a��äx�");
+    EXPECT_EQ(dxr::utf8Prefix("vierzehn bytesä", 15), "vierzehn bytes");
+    EXPECT_EQ(dxr::utf8Prefix("\xFF\x80ä", 4), "\xFF\x80ä") << "bytes that are not UTF-8 count one by one";
+    EXPECT_EQ(dxr::utf8Prefix("\xFF\x80ä", 3), "\xFF\x80");
+    EXPECT_EQ(dxr::utf8Replaced("a\xFF\xFEäx\xC3"), "a��äx�");
 
     const CapturedLog log;
-    platform::LogSink::log("one");
+    dxr::LogSink::log("one");
     EXPECT_EQ(log.lines(), std::vector<std::string>{"one"});
 }
 

@@ -41,7 +41,7 @@ int pcmOfJack(const std::string& name)
 /// "Headphone" of "Headphone Jack", "HDMI/DP" of "HDMI/DP,pcm=3 Jack".
 std::string labelOfJack(const std::string& name)
 {
-    return platform::utf8Replaced(name.substr(0, std::min(name.find(",pcm="), name.rfind(" Jack"))));
+    return dxr::utf8Replaced(name.substr(0, std::min(name.find(",pcm="), name.rfind(" Jack"))));
 }
 
 } // namespace
@@ -294,7 +294,7 @@ void AlsaControls::_readChoice(snd_hctl_elem_t* choice, HALDirectionState& state
             break;
         count = std::min(snd_ctl_elem_info_get_items(info), maxItems);
         state.dataSources.push_back(
-            {firstItemSource + item, platform::utf8Replaced(snd_ctl_elem_info_get_item_name(info))});
+            {firstItemSource + item, dxr::utf8Replaced(snd_ctl_elem_info_get_item_name(info))});
     }
     if (snd_hctl_elem_read(choice, value) >= 0 &&
         snd_ctl_elem_value_get_enumerated(value, 0) < state.dataSources.size())

@@ -37,7 +37,7 @@ void AlsaDriver::start(HALDriverSink& sink)
 {
     _sink = &sink;
     _scan();
-    _thread = platform::Thread("dxr-alsa", [this] { _run(); });
+    _thread = dxr::Thread("dxr-alsa", [this] { _run(); });
 }
 
 void AlsaDriver::stop()

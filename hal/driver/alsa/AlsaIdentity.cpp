@@ -19,7 +19,7 @@ std::string attribute(const fs::path& file)
     std::ifstream stream(file);
     std::string line;
     std::getline(stream, line);
-    return platform::utf8Replaced(line.substr(0, maxAttributeBytes));
+    return dxr::utf8Replaced(line.substr(0, maxAttributeBytes));
 }
 
 std::optional<std::string> unlessEmpty(std::string text)
@@ -41,7 +41,7 @@ bool isScreen(const AlsaPcmInfo& pcm)
 void identifyUSB(AlsaIdentity& identity, const fs::path& unit)
 {
     identity.place = unit.filename().string();
-    if (const auto location = platform::usbLocationID(identity.place)) {
+    if (const auto location = dxr::usbLocationID(identity.place)) {
         char digits[16];
         std::snprintf(digits, sizeof digits, "%08X", *location);
         identity.place = digits;
@@ -58,7 +58,7 @@ void identifyUSB(AlsaIdentity& identity, const fs::path& unit)
 AlsaIdentity alsaIdentity(int cardNumber, const AlsaCardInfo& info, const fs::path& system)
 {
     AlsaIdentity identity;
-    identity.name = platform::utf8Replaced(info.name.empty() ? info.id : info.name);
+    identity.name = dxr::utf8Replaced(info.name.empty() ? info.id : info.name);
     identity.transportType = contains(info.driver, "USB") || info.components.starts_with("USB")
                                  ? kAudioDeviceTransportTypeUSB
                              : contains(info.driver, "Dummy") || contains(info.driver, "Loopback")
@@ -70,19 +70,18 @@ AlsaIdentity alsaIdentity(int cardNumber, const AlsaCardInfo& info, const fs::pa
     if (!missing && fs::exists(device.parent_path() / "idVendor", missing))
         identifyUSB(identity, device.parent_path());
     else if (!missing)
-        identity.key = identity.place = platform::utf8Replaced(device.filename().string());
+        identity.key = identity.place = dxr::utf8Replaced(device.filename().string());
     else // the long name has the place, and the identifier is numbered by order of arrival
-        identity.key = identity.place =
-            platform::utf8Replaced(info.longName.empty() ? info.id : info.longName);
+        identity.key = identity.place = dxr::utf8Replaced(info.longName.empty() ? info.id : info.longName);
     if (!identity.modelUID && info.components.starts_with("USB"))
-        identity.modelUID = platform::utf8Replaced(info.components.substr(3, 9));
+        identity.modelUID = dxr::utf8Replaced(info.components.substr(3, 9));
     return identity;
 }
 
 std::string alsaDeviceName(const AlsaIdentity& card, const AlsaPcmInfo& pcm)
 {
     const std::string& own = pcm.name.empty() ? pcm.id : pcm.name;
-    return pcm.isOnly || own.empty() ? card.name : card.name + " " + platform::utf8Replaced(own);
+    return pcm.isOnly || own.empty() ? card.name : card.name + " " + dxr::utf8Replaced(own);
 }
 
 uint32_t alsaTransportType(const AlsaIdentity& card, const AlsaPcmInfo& pcm)

@@ -16,7 +16,7 @@ constexpr std::chrono::milliseconds yieldTime{500};
 
 uint64_t nowMicroseconds()
 {
-    return platform::HostClock::nowTicks() / 1000;
+    return dxr::HostClock::nowTicks() / 1000;
 }
 
 int readPriority(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)

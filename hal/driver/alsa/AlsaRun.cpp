@@ -52,7 +52,7 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
 {
     _whenRefused = whenRefused;
     try {
-        _thread = platform::Thread("dxr-alsa-io", [this] { _run(); });
+        _thread = dxr::Thread("dxr-alsa-io", [this] { _run(); });
     } catch (const std::system_error&) { // the process may have no more threads
         return kAudioHardwareUnspecifiedError;
     }
@@ -79,7 +79,7 @@ void AlsaRun::_wake() const noexcept
 
 void AlsaRun::_run()
 {
-    platform::makeCurrentThreadRealtime();
+    dxr::makeCurrentThreadRealtime();
     int delay = firstRetryMilliseconds;
     while (_request != Request::Stop) {
         Request yielded = Request::Yield;
@@ -295,8 +295,8 @@ void AlsaRun::_noteStart(int error)
 void AlsaRun::_setStalled(bool isStalled, int error)
 {
     if (isStalled && _request != Request::Yield && error != -ENODEV && !std::exchange(_isLogged, true))
-        platform::LogSink::log("audio device '" + platform::printableText(_setup.deviceName) +
-                               "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
+        dxr::LogSink::log("audio device '" + dxr::printableText(_setup.deviceName) +
+                          "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
     if (_isStalled.exchange(isStalled, std::memory_order_relaxed) != isStalled)
         _changed();
 }

@@ -139,7 +139,7 @@ TEST_F(PipeWireGroups, anOverloadIsReportedToTheGroupAndToEveryMember)
     const RecordingListener second(*hal, plug({.name = "second"}), at(kAudioDeviceProcessorOverload));
     const Group group(*hal, {"first", "second"}, eachCycle([count = 0](const IOCycle& cycle) mutable {
         // Computes through several cycles, once.
-        while (++count == 20 && platform::HostClock::nowTicks() < cycle.now.hostTime + 100'000'000)
+        while (++count == 20 && dxr::HostClock::nowTicks() < cycle.now.hostTime + 100'000'000)
             --count;
     }));
     for (const RecordingListener* each : {&group.overloads, &first, &second})

@@ -24,7 +24,7 @@ void MonitorTap::_record(const spa_io_clock& clock, const float* samples) noexce
     _next = clock.position + frames;
     std::copy(samples, samples + frames, _samples.begin() + static_cast<ptrdiff_t>(count));
     _count = count + frames;
-    if (platform::HostClock::nowTicks() > clock.next_nsec)
+    if (dxr::HostClock::nowTicks() > clock.next_nsec)
         ++_gaps; // so late that the samples may have been those of the next cycle
 }
 
