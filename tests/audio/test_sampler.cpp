@@ -35,26 +35,19 @@ class Block {
 public:
     Block(Layout layout, uint32_t channels, uint32_t frames, GuardedMemory::Guard guard, Random& random)
     {
-        const bool single = layout == Layout::Interleaved;
-        const uint32_t extra = layout == Layout::Scattered ? random.below(3) : 0;
-        const uint32_t stride = single                                           ? channels
-                                : layout == Layout::Scattered && random.below(2) ? 1
-                                                                                 : channels + extra;
-        _stride = layout == Layout::Noninterleaved ? 1 : stride;
+        const bool isScattered = layout == Layout::Scattered;
+        const bool isShared = layout == Layout::Interleaved || (isScattered && random.below(2));
+        _stride = isShared ? channels + (isScattered ? random.below(3) : 0) : 1;
+        const size_t floats = frames == 0 ? 0 : size_t{frames - 1} * _stride + (isShared ? channels : 1);
         for (uint32_t c = 0; c < channels; ++c) {
-            // Scattered with a stride of at least the channel count: side by side, but in places swapped.
-            if (c == 0 || _stride == 1) {
-                const size_t floats =
-                    frames == 0 ? 0 : size_t{frames - 1} * _stride + (_stride == 1 ? 1 : channels);
+            if (c == 0 || !isShared)
                 _memory.push_back(std::make_unique<GuardedMemory>(floats * sizeof(float), guard));
-            }
-            entries.push_back(
-                {_memory.back()->of<float>().data() + (_stride == 1 ? 0 : c), _stride * sizeof(float)});
+            pointers.push_back(_memory.back()->of<float>().data() + (isShared ? c : 0));
         }
-        if (layout == Layout::Scattered && channels > 1 && random.below(2))
-            std::swap(entries[random.below(channels)], entries[random.below(channels)]);
-        for (const ausampler_iovec& entry : entries)
-            pointers.push_back(static_cast<float*>(entry.base));
+        if (isScattered && random.below(2)) // channels in another order
+            std::swap(pointers[random.below(channels)], pointers[random.below(channels)]);
+        for (float* const pointer : pointers)
+            entries.push_back({pointer, _stride * sizeof(float)});
     }
     float& at(uint32_t frame, uint32_t channel) const { return pointers[channel][size_t{frame} * _stride]; }
 

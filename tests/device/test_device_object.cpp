@@ -80,7 +80,8 @@ TEST_F(DXRDeviceTest, keepsWhatTheHardwareReports)
 
 TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareReportsNothing)
 {
-    const auto device = deviceFor(aDevice().uid("plain").name("").outputs(1));
+    const auto device = deviceFor(aDevice().uid("plain").name("").transport(0).outputs(1));
+    EXPECT_EQ(device->transportType(), "");
     EXPECT_EQ(device->preferredStereoChannels(), (std::vector<uint32_t>{1, 1}));
     EXPECT_EQ(device->nameWithSource(), "");
     EXPECT_FALSE(device->hasVolume() || device->hasMute() || device->isMuted());
@@ -301,6 +302,7 @@ TEST_F(DXRDeviceTest, readsAgainAfterAFailure)
 TEST_F(DXRDeviceTest, appliesAndAnnouncesOverrides)
 {
     const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, true));
+    settleHardware(); // or a refresh would announce what the override must
     std::vector<std::string> heard;
     const auto observations = device->kvo()->observe(
         DXRKVOHelper::Keys{"volume", "isMuted"}, [&](const std::string& key, DXRKVOChange change) {

@@ -68,8 +68,14 @@ TEST(USBRegistry, distinguishesUnitsOfOneModel)
     EXPECT_EQ(engineOf(6)->globalUniqueID, "AppleUSBAudioEngine:Maker:Product:4213000:0");
 }
 
-TEST(USBRegistry, isEmptyWithoutUdev)
+TEST(USBRegistry, findsDevicesAndEnginesAndIsEmptyWithoutUdev)
 {
+    const auto contents = USBRegistryContents::initWithDevices({{1}, {0}, {2}}, {{"a", {}, 1, {}, {}}});
+    EXPECT_EQ(contents->deviceAtLocation(1), &contents->devices()[0]);
+    EXPECT_EQ(contents->deviceAtLocation(0), nullptr) << "0 is no location";
+    EXPECT_EQ(contents->engineWithGlobalUniqueID("a"), &contents->engines()[0]);
+    EXPECT_EQ(contents->engineWithGlobalUniqueID("b"), nullptr);
+
     const FakeUSBBus empty;
     EXPECT_FALSE(isLocated(0x03140000));
     EXPECT_EQ(engineOf(0), std::nullopt);
