@@ -50,10 +50,9 @@ timespec fakedTime(int64_t nanoseconds)
 
 FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
     : number(cardNumber), options(cardOptions), controls(usualControls),
-      _partsPerMillion(cardOptions.partsPerMillion),
       _wireChannels(std::max(options.playback, options.capture)), _wires(options.pcmCount)
 {
-    isBusy = options.isBusy;
+    setFault(FakedFault::Busy, options.isBusy);
     controls[0].name = options.volumeNames[0];
     controls[2].name = options.volumeNames[1];
     for (Wire& wire : _wires) {
@@ -66,14 +65,14 @@ FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
 
 double FakedCard::frameAt(int64_t nanoseconds) const
 {
-    const double passed = isStuck ? 0.0 : static_cast<double>(nanoseconds - _origin);
-    return _originFrame + passed * 1e-9 * _rate * (1.0 + _partsPerMillion * 1e-6);
+    const double passed = has(FakedFault::Stuck) ? 0.0 : static_cast<double>(nanoseconds - _origin);
+    return _originFrame + passed * 1e-9 * _rate * (1.0 + options.partsPerMillion * 1e-6);
 }
 
 int64_t FakedCard::timeOf(double frame) const
 {
-    return _origin + static_cast<int64_t>(
-                         std::ceil((frame - _originFrame) * 1e9 / (_rate * (1.0 + _partsPerMillion * 1e-6))));
+    return _origin + static_cast<int64_t>(std::ceil((frame - _originFrame) * 1e9 /
+                                                    (_rate * (1.0 + options.partsPerMillion * 1e-6))));
 }
 
 void FakedCard::holdAt(double frame, int64_t nanoseconds)
@@ -89,16 +88,12 @@ void FakedCard::setRate(unsigned rate)
     _rate = rate;
 }
 
-void FakedCard::setPartsPerMillion(double partsPerMillion)
+void FakedCard::setFault(FakedFault fault, bool isThere)
 {
     setRate(_rate);
-    _partsPerMillion = partsPerMillion;
-}
-
-void FakedCard::setStuck(bool stands)
-{
-    setRate(_rate);
-    isStuck = stands;
+    _faults[static_cast<size_t>(fault)] = isThere;
+    if (fault == FakedFault::InterruptWaits)
+        interruptedWaits = isThere ? 3 : 0;
 }
 
 // ---- The wire. Its copies are no calls of memcpy(), which the thread sanitizer would see in the kernel's place.
@@ -181,7 +176,7 @@ void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
     _text(info.name, "Faked PCM " + std::to_string(pcm));
     _text(info.subname, "subdevice #0");
     info.subdevices_count = 1;
-    info.subdevices_avail = isBusy ? 0 : 1;
+    info.subdevices_avail = has(FakedFault::Busy) ? 0 : 1;
 }
 
 void FakedCard::_describe(snd_ctl_elem_info& info, unsigned number_) const
@@ -246,14 +241,7 @@ int FakedCard::ioctl(unsigned long request, void* argument, unsigned& changed)
     case SNDRV_CTL_IOCTL_PCM_NEXT_DEVICE:
         number_ = number_ + 1 < static_cast<int>(options.pcmCount) ? number_ + 1 : options.isHostile ? 0 : -1;
         return 0;
-    case SNDRV_CTL_IOCTL_HWDEP_NEXT_DEVICE:
-    case SNDRV_CTL_IOCTL_RAWMIDI_NEXT_DEVICE:
-        number_ = -1;
-        return 0;
     case SNDRV_CTL_IOCTL_PCM_PREFER_SUBDEVICE:
-        return 0;
-    case SNDRV_CTL_IOCTL_POWER_STATE:
-        number_ = SNDRV_CTL_POWER_D0;
         return 0;
     case SNDRV_CTL_IOCTL_ELEM_LIST: {
         auto& list = *static_cast<snd_ctl_elem_list*>(argument);
