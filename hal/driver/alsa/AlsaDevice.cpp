@@ -62,9 +62,11 @@ void AlsaDevice::refresh()
     HALDeviceState now = _state;
     _describe(*cardName, now);
     _readControls(now);
-    if (!_isAdded && !now.sampleRates.empty()) // else its directions have no rate in common
+    if (now.sampleRates.empty()) // its directions have no rate in common
+        return;
+    if (!_isAdded)
         _add(std::move(now));
-    else if (_isAdded && !(now == _state))
+    else if (!(now == _state))
         _sink->deviceChanged(*this, _state = std::move(now));
 }
 
@@ -97,7 +99,6 @@ void AlsaDevice::_describe(const std::string& cardName, HALDeviceState& state) c
     state.isRunningElsewhere = false;
     const double ratio = _runState.rateRatio;
     state.actualSampleRate = ratio != 1.0 ? ratio * state.nominalSampleRate : 0.0;
-    state.sampleRates.clear();
     uint32_t minFrames = 0;
     uint32_t maxFrames = UINT32_MAX;
     for (const HALDirection direction : halDirections) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -40,7 +41,8 @@ void AlsaDriver::start(HALDriverSink& sink)
     const AlsaQuiet quiet;
     _sink = &sink;
     _watchFolder();
-    _openCards();
+    for (int number = 0; number < maxCards; ++number)
+        _openCard(number);
     _refresh();
     _thread = platform::Thread("dxr-alsa", [this] { _run(); });
 }
@@ -76,8 +78,10 @@ void AlsaDriver::_run()
             return;
         for (const auto& [number, entry] : _cards)
             entry.card->reservation().process();
-        _dropCardsThatAreGone();
-        _readFolder();
+        const std::vector<int> appeared = _readFolder();
+        _dropCardsThatAreGone(); // before the next card gets such a number
+        for (const int number : appeared)
+            _openCard(number);
         _refresh();
     }
 }
@@ -103,9 +107,11 @@ void AlsaDriver::_watchFolder()
     inotify_add_watch(_folder, "/dev/snd", cardAppears | cardIsUsed | IN_ONLYDIR);
 }
 
-/// A card's control device comes last, and the card is complete then; its rights may come later.
-void AlsaDriver::_readFolder()
+/// The numbers of the cards that may have appeared, or their rights: a card's control device comes last, and the card is
+/// complete then.
+std::vector<int> AlsaDriver::_readFolder()
 {
+    std::vector<int> numbers;
     alignas(inotify_event) char room[4096];
     for (ssize_t size; (size = read(_folder, room, sizeof room)) > 0;) {
         inotify_event event;
@@ -116,18 +122,14 @@ void AlsaDriver::_readFolder()
             if ((event.mask & IN_Q_OVERFLOW) != 0 ||
                 (event.wd == _devWatch && std::strcmp(name, "snd") == 0)) {
                 _watchFolder();
-                _openCards();
+                numbers.resize(maxCards);
+                std::iota(numbers.begin(), numbers.end(), 0);
             } else if ((event.mask & cardAppears) != 0 && std::sscanf(name, "controlC%3d", &number) == 1) {
-                _openCard(number);
+                numbers.push_back(number);
             }
         }
     }
-}
-
-void AlsaDriver::_openCards()
-{
-    for (int number = 0; number < maxCards; ++number)
-        _openCard(number);
+    return numbers;
 }
 
 void AlsaDriver::_openCard(int number)

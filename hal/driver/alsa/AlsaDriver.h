@@ -33,8 +33,7 @@ private:
     void _wait();
     void _wake() const noexcept;
     void _watchFolder();
-    void _readFolder();
-    void _openCards();
+    std::vector<int> _readFolder();
     void _openCard(int number);
     void _dropCardsThatAreGone();
     void _refresh();
