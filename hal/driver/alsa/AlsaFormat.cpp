@@ -96,4 +96,4 @@ constexpr std::array formats{
 
 } // namespace
 
-const std::span<const AlsaFormat> AlsaFormat::all = formats;
+constinit const std::span<const AlsaFormat> AlsaFormat::all = formats;

@@ -62,7 +62,11 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
     }
     std::unique_lock lock(_mutex);
     const bool isSettled = _settled.wait_until(lock, deadline, [this] { return _startError.has_value(); });
-    return isSettled && *_startError == 0 ? kAudioHardwareNoError : kAudioHardwareUnspecifiedError;
+    const int error = isSettled ? *_startError : -ETIMEDOUT;
+    if (error && error != -ENODEV)
+        platform::LogSink::log("cannot start audio device '" + platform::printableText(_setup.deviceName) +
+                               "': " + snd_strerror(error));
+    return error ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
 }
 
 void AlsaRun::yield()

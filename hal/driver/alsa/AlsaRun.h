@@ -13,10 +13,10 @@
 /// What a device keeps from run to run, and what a run reports of itself.
 struct AlsaRunState {
     AlsaTimeline timeline{}; ///< the run's while there is one
-    // Written by the run, each complete by itself; `changed` is called afterwards, on the IO thread outside cycles. It
-    // does not wait.
-    std::atomic<bool> isOpen{false};    ///< or about to be, or just closed
-    std::atomic<bool> isStalled{false}; ///< has had cycles, and has none now
+    // Written by the IO thread, read by AlsaDevice::refresh(), each complete by itself. `changed` is called afterwards, on the
+    // IO thread outside cycles or when the run ends; it does not wait.
+    std::atomic<bool> isOpen{false};    ///< from before the device is opened until it is closed
+    std::atomic<bool> isStalled{false}; ///< delivery failed, and no cycle has come since
     std::atomic<double> rateRatio{1.0}; ///< frames per nominal frame, when that has last changed audibly
     const std::function<void()> changed;
 };

@@ -160,8 +160,10 @@ TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
         const int number = FakedCards::plug(aCard(row.why));
         const AudioObjectID id = device(uidOf(row.why));
         Ramp ramp(*hal, id);
+        const CapturedLog log;
         FakedCards::set(number, row.fault);
         EXPECT_EQ(ramp.start(), kAudioHardwareUnspecifiedError);
+        EXPECT_EQ(log.lines().size(), 1U) << "the reason";
         EXPECT_EQ(ramp.cycles, 0U);
         EXPECT_FALSE(FakedCards::isOpen(number)) << "something is left running";
         FakedCards::set(number, row.fault, false);

@@ -11,27 +11,16 @@ namespace {
 
 const char* const sourceNames[] = {"Mic", "Line"};
 
+constexpr int mixer = SNDRV_CTL_ELEM_IFACE_MIXER, jack = SNDRV_CTL_ELEM_IFACE_CARD;
+constexpr int integer = SNDRV_CTL_ELEM_TYPE_INTEGER, boolean = SNDRV_CTL_ELEM_TYPE_BOOLEAN;
+
 const std::vector<FakedCard::Control> usualControls{
-    {SNDRV_CTL_ELEM_IFACE_MIXER,
-     "Master Playback Volume",
-     SNDRV_CTL_ELEM_TYPE_INTEGER,
-     2,
-     64,
-     true,
-     -6400,
-     {48, 48}},
-    {SNDRV_CTL_ELEM_IFACE_MIXER,
-     "Master Playback Switch",
-     SNDRV_CTL_ELEM_TYPE_BOOLEAN,
-     2,
-     1,
-     true,
-     0,
-     {1, 1}},
-    {SNDRV_CTL_ELEM_IFACE_MIXER, "Capture Volume", SNDRV_CTL_ELEM_TYPE_INTEGER, 2, 30, true, -1500, {15, 15}},
-    {SNDRV_CTL_ELEM_IFACE_MIXER, "Capture Switch", SNDRV_CTL_ELEM_TYPE_BOOLEAN, 2, 1, true, 0, {1, 1}},
-    {SNDRV_CTL_ELEM_IFACE_MIXER, "Capture Source", SNDRV_CTL_ELEM_TYPE_ENUMERATED, 1, 1, true, 0, {0, 0}},
-    {SNDRV_CTL_ELEM_IFACE_CARD, "Headphone Jack", SNDRV_CTL_ELEM_TYPE_BOOLEAN, 1, 1, false, 0, {0, 0}},
+    {mixer, "Master Playback Volume", integer, 2, 64, true, -6400, {48, 48}},
+    {mixer, "Master Playback Switch", boolean, 2, 1, true, 0, {1, 1}},
+    {mixer, "Capture Volume", integer, 2, 30, true, -1500, {15, 15}},
+    {mixer, "Capture Switch", boolean, 2, 1, true, 0, {1, 1}},
+    {mixer, "Capture Source", SNDRV_CTL_ELEM_TYPE_ENUMERATED, 1, 1, true, 0, {0, 0}},
+    {jack, "Headphone Jack", boolean, 1, 1, false, 0, {0, 0}},
 };
 
 } // namespace
