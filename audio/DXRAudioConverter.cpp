@@ -164,7 +164,7 @@ void DXRAudioConverter::_prepare(Direction direction)
 uint64_t DXRCycleTimes::ticksAt(double first, double frames) const noexcept
 {
     constexpr double ticksPerNanosecond =
-        double{platform::HostClock::nanosecondsDenominator} / platform::HostClock::nanosecondsNumerator;
+        double{dxr::HostClock::nanosecondsDenominator} / dxr::HostClock::nanosecondsNumerator;
     const double nanoseconds = first + frames * framePeriod;
     return framePeriod > 0 && nanoseconds > 0 ? static_cast<uint64_t>(nanoseconds * ticksPerNanosecond) : 0;
 }

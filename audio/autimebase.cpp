@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-using platform::HostClock;
+using dxr::HostClock;
 
 namespace {
 

@@ -45,7 +45,7 @@ struct Failure {
 dxr_status noteError(dxr_status status, const char* function, const char* text) noexcept
 {
     std::snprintf(errorText, sizeof errorText, "%s: %s", function, text);
-    const std::string_view whole = platform::utf8Prefix(errorText, sizeof errorText - 4);
+    const std::string_view whole = dxr::utf8Prefix(errorText, sizeof errorText - 4);
     errorText[whole.size()] = 0;
     return status;
 }
@@ -83,10 +83,10 @@ template <class Body> dxr_status guarded(const char* function, const Body& body)
 }
 
 /// Where callbacks for changes are called. Kept forever: it may be working when the process ends.
-platform::SerialQueue& events()
+dxr::SerialQueue& events()
 {
     static const auto* const queue =
-        new CXRef<platform::SerialQueue>(platform::SerialQueue::initWithLabel("dxr.events"));
+        new CXRef<dxr::SerialQueue>(dxr::SerialQueue::initWithLabel("dxr.events"));
     return **queue;
 }
 
@@ -286,7 +286,7 @@ std::string textOf(const char* text, const char* name)
     require(text, name);
     std::string_view rest = text;
     while (!rest.empty()) {
-        const size_t length = platform::utf8CharacterLength(rest);
+        const size_t length = dxr::utf8CharacterLength(rest);
         if (length == 0)
             fail(DXR_ERROR_TEXT, std::string(name) + " is not UTF-8");
         rest.remove_prefix(length);
@@ -619,7 +619,7 @@ Follower::Follower(dxr_device_callback callback, void* user)
             if (!connected.contains(device) && !disconnected.contains(device))
                 report(device, DXR_UPDATED);
     };
-    manager().addDeviceNotifier(CXRef<platform::WorkQueue>(&events()), _block);
+    manager().addDeviceNotifier(CXRef<dxr::WorkQueue>(&events()), _block);
 }
 
 /// One that repeats goes by the runner's time, so that an input and an output share a place in it.
@@ -651,7 +651,7 @@ void Runner::follow(const CXBlock<void()>& block)
         before = std::exchange(_notice, notice);
         if (!block && !before)
             return;
-        runner->setNotifier(block ? CXRef<platform::WorkQueue>(&events()) : nullptr,
+        runner->setNotifier(block ? CXRef<dxr::WorkQueue>(&events()) : nullptr,
                             block ? DXRDeviceRunner::Notifier([notice, block] {
                                 if (!notice->isOver.load())
                                     block();
@@ -703,7 +703,7 @@ const char* dxr_error_text()
 
 uint64_t dxr_now()
 {
-    return platform::HostClock::nowTicks();
+    return dxr::HostClock::nowTicks();
 }
 
 dxr_status dxr_retain(const void* handle)
@@ -745,8 +745,8 @@ dxr_status dxr_set_log(dxr_log_callback callback, void* user)
 {
     return guarded(__func__, [&] {
         if (!callback)
-            return platform::LogSink::setWriter({});
-        platform::LogSink::setWriter(
+            return dxr::LogSink::setWriter({});
+        dxr::LogSink::setWriter(
             [callback, user](std::string_view line) { callback(std::string(line).c_str(), user); });
     });
 }
@@ -1062,7 +1062,7 @@ dxr_status dxr_runner_get_state(dxr_runner* runner, dxr_runner_state* state)
         now.lost_frames = counts.lostFrames();
         now.restarts = counts.restarts;
         const std::string error = it.error().text;
-        std::ranges::copy(platform::utf8Prefix(error, sizeof now.error - 1), now.error);
+        std::ranges::copy(dxr::utf8Prefix(error, sizeof now.error - 1), now.error);
         std::memcpy(state, &now, sizeof now);
     });
 }

@@ -432,7 +432,7 @@ void DXRDevice::_updateCachedVolumeProperty(double volume)
     });
     if (!isNew)
         return _endVolumeWrite(VolumeWrite::Unchanged);
-    platform::GlobalQueue::highPriority().after(settlingNanoseconds, [weak = CXWeak(*this)] {
+    dxr::GlobalQueue::highPriority().after(settlingNanoseconds, [weak = CXWeak(*this)] {
         if (const CXRef<DXRDevice> self = weak.lock())
             self->_endVolumeWrite(VolumeWrite::Settled);
     });

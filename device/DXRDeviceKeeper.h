@@ -11,7 +11,7 @@ class DXRDevice;
 class DXR_EXPORT DXRDeviceKeeper : public CXObject {
 public:
     /// The serial queue that updates of devices run on. Any thread.
-    virtual platform::WorkQueue& updateQueue() const = 0;
+    virtual dxr::WorkQueue& updateQueue() const = 0;
     /// Values of the device have changed, or it has been removed. Called on the queue.
     virtual void deviceWasUpdated(const CXRef<DXRDevice>& device) = 0;
 

@@ -13,10 +13,10 @@
 #include <utility>
 #include <vector>
 
-using platform::DefaultsChanges;
-using platform::DefaultsRow;
-using platform::DefaultsSnapshot;
-using platform::DefaultsSuite;
+using dxr::DefaultsChanges;
+using dxr::DefaultsRow;
+using dxr::DefaultsSnapshot;
+using dxr::DefaultsSuite;
 
 namespace {
 
@@ -148,7 +148,7 @@ CXPlist DXRDeviceOverrides::objectForKey(const std::optional<std::string>& key) 
     CXPlist value;
     if (key)
         _mutex->execute([&] {
-            const auto found = _overrides.find(platform::utf8Replaced(*key));
+            const auto found = _overrides.find(dxr::utf8Replaced(*key));
             if (found != _overrides.end())
                 value = *found;
         });
@@ -204,7 +204,7 @@ void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
     });
     // The edit works on what is stored at that moment, and not on what is known here, so that no override
     // which another process has just set is lost.
-    const auto edit = [entryKey, reference = _reference, key = platform::utf8Replaced(*key), value,
+    const auto edit = [entryKey, reference = _reference, key = dxr::utf8Replaced(*key), value,
                        owner = _ownerBundleID()](const DefaultsSnapshot& now) {
         const std::string found = entryKey ? *entryKey : keyOfEntry(*reference, now);
         CXPlist overrides = overridesIn(now.row(found));
@@ -262,5 +262,5 @@ std::string DXRDeviceOverrides::_ownerKeyForKey(std::string_view key)
 std::optional<std::string> DXRDeviceOverrides::_ownerBundleID()
 {
     const std::optional<std::string> identifier = CXMainBundleIdentifier();
-    return identifier ? std::optional(platform::utf8Replaced(*identifier)) : std::nullopt; // as it is stored
+    return identifier ? std::optional(dxr::utf8Replaced(*identifier)) : std::nullopt; // as it is stored
 }

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 class DefaultsSuite;
 }
 
@@ -66,7 +66,7 @@ private:
     static std::optional<std::string> _ownerBundleID();
 
     const CXRef<DXRRecursiveMutex> _mutex; // never held over work on the disk
-    const CXRef<platform::DefaultsSuite> _defaults;
+    const CXRef<dxr::DefaultsSuite> _defaults;
     const CXRef<DXRDeviceReference> _reference;
     const CXBlock<void()> _changed;
     // Under _mutex:

@@ -4,8 +4,8 @@
 
 #include <mutex>
 
-using platform::DefaultsRow;
-using platform::DefaultsSnapshot;
+using dxr::DefaultsRow;
+using dxr::DefaultsSnapshot;
 
 CXRef<DXRDeviceOverridesEntry> DXRDeviceOverridesEntry::initWithRow(const std::string& key,
                                                                     const CXRef<DefaultsRow>& row)
@@ -25,7 +25,7 @@ DXRDeviceOverridesEntry::DXRDeviceOverridesEntry(CXRef<DefaultsRow> row, CXRef<D
     : _row(std::move(row)), _reference(std::move(reference)), _overrides(std::move(overrides))
 {}
 
-CXRef<DXRDeviceOverridesIndex> DXRDeviceOverridesIndex::current(platform::DefaultsSuite& suite)
+CXRef<DXRDeviceOverridesIndex> DXRDeviceOverridesIndex::current(dxr::DefaultsSuite& suite)
 {
     struct Latest {
         std::mutex mutex;

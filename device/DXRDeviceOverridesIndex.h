@@ -13,19 +13,19 @@ class DXRDeviceOverridesEntry final : public CXObject {
 public:
     /// Null when the key is no reference or the value no dictionary: such entries are not ours.
     static CXRef<DXRDeviceOverridesEntry> initWithRow(const std::string& key,
-                                                      const CXRef<platform::DefaultsRow>& row);
+                                                      const CXRef<dxr::DefaultsRow>& row);
 
     const std::string& key() const noexcept { return _reference->string(); }
     const CXRef<DXRDeviceReference>& reference() const noexcept { return _reference; }
     const CXPlist& overrides() const noexcept { return _overrides; }
-    const CXRef<platform::DefaultsRow>& row() const noexcept { return _row; }
+    const CXRef<dxr::DefaultsRow>& row() const noexcept { return _row; }
 
 private:
-    DXRDeviceOverridesEntry(CXRef<platform::DefaultsRow> row, CXRef<DXRDeviceReference> reference,
+    DXRDeviceOverridesEntry(CXRef<dxr::DefaultsRow> row, CXRef<DXRDeviceReference> reference,
                             CXPlist overrides);
     ~DXRDeviceOverridesEntry() override = default;
 
-    const CXRef<platform::DefaultsRow> _row;
+    const CXRef<dxr::DefaultsRow> _row;
     const CXRef<DXRDeviceReference> _reference;
     const CXPlist _overrides;
 };
@@ -35,13 +35,13 @@ private:
 /// Threads: immutable, any.
 class DXRDeviceOverridesIndex final : public CXObject {
 public:
-    static CXRef<DXRDeviceOverridesIndex> initWithSnapshot(CXRef<platform::DefaultsSnapshot> snapshot)
+    static CXRef<DXRDeviceOverridesIndex> initWithSnapshot(CXRef<dxr::DefaultsSnapshot> snapshot)
     {
         return CXRef<DXRDeviceOverridesIndex>::adopt(
             new DXRDeviceOverridesIndex(std::move(snapshot), nullptr));
     }
     /// What `suite` holds now, as far as it is in memory.
-    static CXRef<DXRDeviceOverridesIndex> current(platform::DefaultsSuite& suite);
+    static CXRef<DXRDeviceOverridesIndex> current(dxr::DefaultsSuite& suite);
 
     /// The first entry whose reference is equal to this one, or else generically equal; null without one.
     CXRef<DXRDeviceOverridesEntry> entryForReference(const DXRDeviceReference& reference) const;
@@ -49,11 +49,10 @@ public:
     CXRef<DXRDeviceOverridesEntry> entryForKey(const std::string& key) const;
 
 private:
-    DXRDeviceOverridesIndex(CXRef<platform::DefaultsSnapshot> snapshot,
-                            const DXRDeviceOverridesIndex* before);
+    DXRDeviceOverridesIndex(CXRef<dxr::DefaultsSnapshot> snapshot, const DXRDeviceOverridesIndex* before);
     ~DXRDeviceOverridesIndex() override = default;
 
-    const CXRef<platform::DefaultsSnapshot> _snapshot;
+    const CXRef<dxr::DefaultsSnapshot> _snapshot;
     std::unordered_map<std::string, CXRef<DXRDeviceOverridesEntry>> _byKey;
     DXRDeviceReferenceIndex<CXRef<DXRDeviceOverridesEntry>> _byReference;
 };

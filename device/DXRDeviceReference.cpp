@@ -77,7 +77,7 @@ CXRef<const DXRDeviceReference> referenceIn(const CXObject* object)
 void setUnlessMissing(CXPlist& attributes, const char* key, const std::optional<std::string>& text)
 {
     if (text)
-        attributes[key] = platform::utf8Replaced(*text);
+        attributes[key] = dxr::utf8Replaced(*text);
 }
 
 } // namespace
@@ -99,7 +99,7 @@ CXRef<DXRDeviceReference> DXRDeviceReference::initWithDescription(const DXRDevic
     const std::optional<std::string>& uid = description.uid;
     if (!uid || uid->starts_with(privateAggregatePrefix) || (input && description.channelCount(*input) == 0))
         return nullptr;
-    CXPlist attributes = {{"uid", platform::utf8Replaced(*uid)}};
+    CXPlist attributes = {{"uid", dxr::utf8Replaced(*uid)}};
     if (input)
         attributes["i"] = *input;
     const uint32_t transport = description.transportType;
@@ -127,7 +127,7 @@ CXRef<DXRDeviceReference> DXRDeviceReference::initWithDeviceUID(const std::optio
         return nullptr;
     if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(deviceUID))
         return initWithDeviceID(deviceID, std::nullopt);
-    CXPlist attributes = {{"uid", platform::utf8Replaced(*deviceUID)}};
+    CXPlist attributes = {{"uid", dxr::utf8Replaced(*deviceUID)}};
     if (input)
         attributes["i"] = *input;
     return _initWithAttributes(std::move(attributes));

@@ -111,13 +111,13 @@ void DXRKVOHelper::_update(Pass pass)
         return true;
     });
     if (isNew)
-        platform::MainQueue::shared().async(
+        dxr::MainQueue::shared().async(
             [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass); });
 }
 
 bool DXRKVOHelper::_isForMainQueue() const
 {
-    if (!platform::MainQueue::shared().isCurrent())
+    if (!dxr::MainQueue::shared().isCurrent())
         return true;
     const CXRef<CXObject> object = _isChanging ? _obj.lock() : nullptr;
     return object && _isChanging(*object);

@@ -70,9 +70,10 @@ size_t DXRPropertyAddress::hash() const
     return selector() ^ scope() ^ element();
 }
 
-CXRef<DXRPropertyListener>
-DXRPropertyAddress::listenerWithObjectID(AudioObjectID objectID, const CXRef<platform::WorkQueue>& /*queue*/,
-                                         const CXRef<CXObject>& target, const ListenerBlock& block) const
+CXRef<DXRPropertyListener> DXRPropertyAddress::listenerWithObjectID(AudioObjectID objectID,
+                                                                    const CXRef<dxr::WorkQueue>& /*queue*/,
+                                                                    const CXRef<CXObject>& target,
+                                                                    const ListenerBlock& block) const
 {
     const auto forward = [weakTarget = CXWeak(target), block](const CXRef<CXObject>& self,
                                                               const AudioObjectPropertyAddress* /*changed*/) {

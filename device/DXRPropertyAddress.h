@@ -51,7 +51,7 @@ public:
     /// hardware's notification thread, also when a queue is given, and holds neither the target nor this address:
     /// the caller keeps both.
     CXRef<DXRPropertyListener> listenerWithObjectID(AudioObjectID objectID,
-                                                    const CXRef<platform::WorkQueue>& queue,
+                                                    const CXRef<dxr::WorkQueue>& queue,
                                                     const CXRef<CXObject>& target,
                                                     const ListenerBlock& block) const;
 

@@ -2,7 +2,7 @@
 
 CXRef<DXRPropertyListener> DXRPropertyListener::initWithObjectID(AudioObjectID objectID,
                                                                  const AudioObjectPropertyAddress* addr,
-                                                                 CXRef<platform::WorkQueue> queue,
+                                                                 CXRef<dxr::WorkQueue> queue,
                                                                  const CXRef<CXObject>& target, Block block)
 {
     return CXRef<DXRPropertyListener>::adopt(new DXRPropertyListener(
@@ -10,7 +10,7 @@ CXRef<DXRPropertyListener> DXRPropertyListener::initWithObjectID(AudioObjectID o
 }
 
 DXRPropertyListener::DXRPropertyListener(AudioObjectID objectID, const AudioObjectPropertyAddress& addr,
-                                         CXRef<platform::WorkQueue> queue, const CXRef<CXObject>& target,
+                                         CXRef<dxr::WorkQueue> queue, const CXRef<CXObject>& target,
                                          Block block)
     : _queue(std::move(queue)), _target(target), _block(std::move(block)), _objectID(objectID), _addr(addr)
 {}

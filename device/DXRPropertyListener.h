@@ -21,7 +21,7 @@ public:
     /// Does not listen yet. A null `addr` is an address of zeros, which nothing matches.
     static CXRef<DXRPropertyListener> initWithObjectID(AudioObjectID objectID,
                                                        const AudioObjectPropertyAddress* addr,
-                                                       CXRef<platform::WorkQueue> queue,
+                                                       CXRef<dxr::WorkQueue> queue,
                                                        const CXRef<CXObject>& target, Block block);
 
     /// Listens from now on; nothing happens when it does already. When the hardware refuses, it stays
@@ -35,12 +35,12 @@ public:
 
 private:
     DXRPropertyListener(AudioObjectID objectID, const AudioObjectPropertyAddress& addr,
-                        CXRef<platform::WorkQueue> queue, const CXRef<CXObject>& target, Block block);
+                        CXRef<dxr::WorkQueue> queue, const CXRef<CXObject>& target, Block block);
     ~DXRPropertyListener() override;
 
     void _deliver(uint32_t count, const AudioObjectPropertyAddress* addresses) const;
 
-    const CXRef<platform::WorkQueue> _queue;
+    const CXRef<dxr::WorkQueue> _queue;
     const CXWeak<CXObject> _target;
     const Block _block;
     const AudioObjectID _objectID;

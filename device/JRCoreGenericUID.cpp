@@ -10,10 +10,10 @@
 
 namespace {
 
-using platform::USBAudioEngine;
-using platform::USBDevice;
-using platform::USBRegistry;
-using platform::USBRegistryContents;
+using dxr::USBAudioEngine;
+using dxr::USBDevice;
+using dxr::USBRegistry;
+using dxr::USBRegistryContents;
 
 constexpr std::string_view usbEngine = "AppleUSBAudioEngine";
 constexpr std::string_view displayPortEngine = "AppleGFXHDAEngineOutputDP:";

@@ -24,7 +24,7 @@ constexpr double defaultSampleRate = 44100.0;
 // Of one direction, on the stack of an IO thread: 16 bytes each. A device with more has them in its record.
 constexpr uint32_t maxStackEntries = 1024;
 constexpr double ticksPerSecond =
-    1e9 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
+    1e9 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
 constexpr auto ringTicks =
     static_cast<uint64_t>(0.2 * ticksPerSecond); // between two looks at an aggregate's rings
 
@@ -376,7 +376,7 @@ void DXRAudioContext::_endLater(const CXRef<DXRAudioIOContext>& record, AudioObj
 {
     const auto context = CXRefCast<DXRAudioContext>(std::exchange(record->keeper, nullptr));
     const bool needsRestart = record->needsRestart;
-    platform::GlobalQueue::highPriority().async([record, deviceID, context, needsRestart] {
+    dxr::GlobalQueue::highPriority().async([record, deviceID, context, needsRestart] {
         _endCallback(*record, deviceID);
         // Not before: the work above may run at the end of the cycle, on the IO thread, which must not start a device,
         // and whose device would call the new callback in the same cycle.
@@ -429,8 +429,7 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     record.inputSampleTime = buffers.input ? stamps.input->sampleTime : 0.0;
     record.outputSampleTime = buffers.output ? stamps.output->sampleTime : 0.0;
     record.dueTicks = now && (now->flags & kAudioTimeStampHostTimeValid) != 0 ? now->hostTime : 0;
-    record.beginTicks =
-        context._io.isTraced.load(std::memory_order_relaxed) ? platform::HostClock::nowTicks() : 0;
+    record.beginTicks = context._io.isTraced.load(std::memory_order_relaxed) ? dxr::HostClock::nowTicks() : 0;
     record.freshRate.reset();
     if (record.rateChanged.load(std::memory_order_relaxed) && record.rateChanged.exchange(false))
         record.lastSampleTime = DXRAudioIOContext::noSampleTime;
@@ -508,7 +507,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     record.blockPlaces[0] = converter ? converter->placeOfLastBlock(true) : 0.0;
     record.blockPlaces[1] = converter ? converter->placeOfLastBlock(false) : frameCount;
     const uint64_t deadline = _deadlineOf(record);
-    _io.noteCycle(deadline != 0 && platform::HostClock::nowTicks() > deadline, lostFrames);
+    _io.noteCycle(deadline != 0 && dxr::HostClock::nowTicks() > deadline, lostFrames);
 }
 
 /// When the next cycle is due, in ticks; 0 where the device does not say.
@@ -592,7 +591,7 @@ void DXRAudioContext::_lookAtRings()
     CX_ASSERT_ON_QUEUE(_queue);
     if (!_iocontext || _iocontext->lastFrameCount == 0)
         return;
-    platform::GlobalQueue::highPriority().async(
+    dxr::GlobalQueue::highPriority().async(
         [weak = CXWeak(*this), queue = _queue, parts = _ringParts, placements = _placements()] {
             const SubDeviceStatuses statuses = subDeviceStatusesOf(placements[0].clockID);
             std::vector<double> seconds;
@@ -700,10 +699,10 @@ void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOConte
     traced.deviceSampleTime = record.sampleTime;
     traced.dueTicks = record.dueTicks;
     traced.deadlineTicks = _deadlineOf(record);
-    traced.blocksBeginTicks = platform::HostClock::nowTicks();
+    traced.blocksBeginTicks = dxr::HostClock::nowTicks();
     traced.beginTicks = record.beginTicks != 0 ? record.beginTicks : traced.blocksBeginTicks;
     _performNodes(converter, samples, times);
-    traced.endTicks = platform::HostClock::nowTicks();
+    traced.endTicks = dxr::HostClock::nowTicks();
     traced.runnerFrameCount =
         static_cast<uint32_t>(_io.sampleTime.load(std::memory_order_relaxed) - traced.sampleTime);
     trace.write(traced);

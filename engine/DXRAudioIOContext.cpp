@@ -4,14 +4,14 @@
 #include "Futex.h"
 #include "HostClock.h"
 
-using platform::Futex;
+using dxr::Futex;
 
 namespace {
 
 // How long a cycle waits for its turn: much longer than work of the queue takes. It ends a deadlock in which that work
 // waits for the hardware, and the hardware for this cycle.
 constexpr uint64_t turnTimeoutTicks =
-    500'000'000 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
+    500'000'000 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
 
 } // namespace
 
@@ -37,7 +37,7 @@ void DXRAudioIOContext::waitForTurn(CXDispatchQueue& queue) noexcept
     if (unsafe.load() >= 2)
         _abandonTurn();
     const CXRealtimeExemption exemption("the queue is busy, and it is what keeps cycles and changes apart");
-    const uint64_t deadline = platform::HostClock::nowTicks() + turnTimeoutTicks;
+    const uint64_t deadline = dxr::HostClock::nowTicks() + turnTimeoutTicks;
     for (uint32_t seen = _turn.load(); seen == Waiting || seen == Running; seen = _turn.load()) {
         const bool isInTime = Futex::wait(_turn, seen, seen == Waiting ? deadline : Futex::noDeadline);
         if (!isInTime && _abandonTurn())

@@ -85,7 +85,7 @@ void DXRAudioTimerContext::_fire()
                       " -> %" PRIu64 " (%" PRId64 ")\n",
                       _nextSampleTime, cycle, difference(cycle, _nextSampleTime), _nextSampleTime, now,
                       difference(now, _nextSampleTime));
-        platform::LogSink::log(description() + text);
+        dxr::LogSink::log(description() + text);
     }
     _framesElapsed += _frames;
     _nextSampleTime = cycle + _frames;
@@ -108,9 +108,9 @@ void DXRAudioTimerContext::_performTraced(DXRCycleTrace& trace, uint64_t sampleT
     traced.dueTicks = auclock_sampletime_to_abstime(_clock.get(), sampleTime);
     traced.deadlineTicks = auclock_sampletime_to_abstime(_clock.get(), _nextSampleTime);
     traced.beginTicks = beginTicks;
-    traced.blocksBeginTicks = platform::HostClock::nowTicks();
+    traced.blocksBeginTicks = dxr::HostClock::nowTicks();
     _performIO(sampleTime);
-    traced.endTicks = platform::HostClock::nowTicks();
+    traced.endTicks = dxr::HostClock::nowTicks();
     trace.write(traced);
 }
 

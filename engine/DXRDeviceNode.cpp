@@ -15,8 +15,8 @@ namespace {
 [[noreturn]] void endOfThrowingBlock(const DXRDeviceNode& node, const char* what) noexcept
 {
     const CXRealtimeExemption exemption("the process ends");
-    platform::LogSink::log("Error: The IO block of " + node.description() + " threw an exception (" + what +
-                           "). The process ends.");
+    dxr::LogSink::log("Error: The IO block of " + node.description() + " threw an exception (" + what +
+                      "). The process ends.");
     std::abort();
 }
 

@@ -402,7 +402,7 @@ void DXRDeviceRunner::_stopRunning()
 void DXRDeviceRunner::_start()
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    const uint64_t beginTicks = platform::HostClock::nowTicks();
+    const uint64_t beginTicks = dxr::HostClock::nowTicks();
     ++_io->contextNumber;
     _io->lostFrames = 0;
     // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
@@ -470,9 +470,8 @@ void DXRDeviceRunner::_retryLater()
     });
     _retryTimer->setDispatchQueue(_queue);
     constexpr uint64_t ticksPerMillisecond =
-        1'000'000 * platform::HostClock::nanosecondsDenominator / platform::HostClock::nanosecondsNumerator;
-    _retryTimer->setTimeoutAbsolute(
-        platform::HostClock::nowTicks() + _retryMilliseconds * ticksPerMillisecond, 0);
+        1'000'000 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
+    _retryTimer->setTimeoutAbsolute(dxr::HostClock::nowTicks() + _retryMilliseconds * ticksPerMillisecond, 0);
 }
 
 void DXRDeviceRunner::_stop()
@@ -480,7 +479,7 @@ void DXRDeviceRunner::_stop()
     CX_ASSERT_ON_QUEUE(_queue);
     if (const CXRef<CXDispatchTimer> timer = std::exchange(_retryTimer, nullptr))
         timer->cancel();
-    const uint64_t beginTicks = platform::HostClock::nowTicks();
+    const uint64_t beginTicks = dxr::HostClock::nowTicks();
     _countContext(false);
     if (_context)
         _context->stop();
@@ -621,7 +620,7 @@ bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
             before->giveBack();
         _io->isTraced = bool(trace);
         if (_contextState != DXRCycleRecord::Event::ContextStopped)
-            _traceContext(_contextState, platform::HostClock::nowTicks());
+            _traceContext(_contextState, dxr::HostClock::nowTicks());
     });
     return isSet;
 }
@@ -635,13 +634,13 @@ void DXRDeviceRunner::_traceContext(DXRCycleRecord::Event event, uint64_t beginT
                                      : _io->record(DXRCycleRecord::Context::None, kAudioObjectUnknown);
     record.event = event;
     record.beginTicks = beginTicks;
-    record.endTicks = platform::HostClock::nowTicks();
+    record.endTicks = dxr::HostClock::nowTicks();
     _io->trace->write(record);
 }
 
 // ---- Following
 
-void DXRDeviceRunner::setNotifier(const CXRef<platform::WorkQueue>& queue, const Notifier& block)
+void DXRDeviceRunner::setNotifier(const CXRef<dxr::WorkQueue>& queue, const Notifier& block)
 {
     _queue->dispatchSyncImmed([&] {
         CX_ASSERT_ON_QUEUE(_queue);

@@ -109,7 +109,7 @@ public:
 
     /// Calls `block` whenever something observable has changed: on `queue`, or on the runner's own without one. Replaces
     /// the one before; an empty block is none.
-    void setNotifier(const CXRef<platform::WorkQueue>& queue, const Notifier& block);
+    void setNotifier(const CXRef<dxr::WorkQueue>& queue, const Notifier& block);
     /// Calls `block` on the runner's queue when devices of the computer come, go or change, as a notifier of the device
     /// manager would be. The same block is added once. Never called after its removal.
     void addDeviceNotifier(const DeviceNotifier& block);
@@ -185,7 +185,7 @@ private:
 
     const CXRef<CXDispatchQueue> _queue;
     // Everything below is changed as work of the queue. What getters and cycles read too is atomic, each for itself.
-    CXRef<platform::WorkQueue> _notifierQueue CX_OWNED_BY_QUEUE(_queue);
+    CXRef<dxr::WorkQueue> _notifierQueue CX_OWNED_BY_QUEUE(_queue);
     Notifier _notifierBlock CX_OWNED_BY_QUEUE(_queue);
     const std::unique_ptr<RunnerIO> _io; // shared with the contexts
     std::atomic<bool> _running{false};

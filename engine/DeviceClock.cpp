@@ -45,7 +45,7 @@ DXRCycleTimes DeviceClock::follow(uint64_t hostTicks, uint64_t now, double input
                                   double nominalRate) noexcept
 {
     constexpr double nanosecondsPerTick =
-        double{platform::HostClock::nanosecondsNumerator} / platform::HostClock::nanosecondsDenominator;
+        double{dxr::HostClock::nanosecondsNumerator} / dxr::HostClock::nanosecondsDenominator;
     if (!_tracker)
         _tracker.emplace(nominalRate);
     const double stamp = static_cast<double>(hostTicks) * nanosecondsPerTick;

@@ -13,7 +13,7 @@ void print(const char* what, const DXRDeviceManager::Devices& devices)
 {
     for (const CXRef<DXRDevice>& device : devices)
         std::printf("%-13s%s %s\n", what, device->isInput() ? "input " : "output",
-                    platform::printableText(device->name()).c_str());
+                    dxr::printableText(device->name()).c_str());
     std::fflush(stdout);
 }
 
@@ -23,7 +23,7 @@ int main()
 {
     // What is to run on the main thread waits in the main queue, whose descriptor is readable as long as
     // there is any. With a loop of Qt's or GLib's, hand the descriptor to that instead.
-    platform::MainQueue& mainQueue = platform::MainQueue::shared();
+    dxr::MainQueue& mainQueue = dxr::MainQueue::shared();
     DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
     const DXRDeviceManager::NotifierBlock notifier = [](const DXRDeviceManager::Devices& connected,
                                                         const DXRDeviceManager::Devices& disconnected,
@@ -32,7 +32,7 @@ int main()
         print("disconnected", disconnected);
     };
     // Follow first, then list: nothing is missed, and what comes in between is printed twice.
-    manager.addDeviceNotifier(CXRef<platform::WorkQueue>(&mainQueue), notifier);
+    manager.addDeviceNotifier(CXRef<dxr::WorkQueue>(&mainQueue), notifier);
     print("present", manager.connectedDevices());
 
     pollfd waited[] = {{mainQueue.fd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};

@@ -13,7 +13,7 @@ int main()
     });
     for (const CXRef<DXRDevice>& device : devices) {
         // A device chooses its own name: on a terminal, only its printable form is safe.
-        const std::string name = platform::printableText(device->displayName());
+        const std::string name = dxr::printableText(device->displayName());
         std::printf("%-6s  %3u ch  %8.0f Hz  %s%s\n", device->isInput() ? "input" : "output",
                     device->channelCount(), device->sampleRate(), name.c_str(),
                     device->isDefault() ? "  (default)" : "");

@@ -45,7 +45,7 @@ int main(int argc, char** argv)
     }
     runner->start(); // one that is unplugged from now on is played to again when it comes back
     for (const CXRef<DXRDevice>& device : runner->activeDevices())
-        std::printf("Playing on %s\n", platform::printableText(device->displayName()).c_str());
+        std::printf("Playing on %s\n", dxr::printableText(device->displayName()).c_str());
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     runner->stop();
 }

@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
         const auto archive = DXRDeviceManager::archiveForDevice(device);
         mustHold(archive && archive->size() >= 12, "it can be archived");
     }
-    while (platform::MainQueue::shared().drain() > 0) {
+    while (dxr::MainQueue::shared().drain() > 0) {
     }
     return 0;
 }

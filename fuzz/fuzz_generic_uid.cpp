@@ -13,9 +13,9 @@
 
 namespace {
 
-using platform::USBDevice;
-using platform::USBRegistry;
-using platform::USBRegistryContents;
+using dxr::USBDevice;
+using dxr::USBRegistry;
+using dxr::USBRegistryContents;
 
 /// Whether the generic ID ends where the ID has the location of one of the devices.
 bool endsAtALocation(const std::string& generic, const std::string& uid,

@@ -7,8 +7,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {
     const FuzzedText text(bytes, size);
     const std::string key(text.first);
-    const CXRef<DXRDeviceOverridesEntry> entry = DXRDeviceOverridesEntry::initWithRow(
-        key, platform::DefaultsRow::initWithValue(std::string(text.second)));
+    const CXRef<DXRDeviceOverridesEntry> entry =
+        DXRDeviceOverridesEntry::initWithRow(key, dxr::DefaultsRow::initWithValue(std::string(text.second)));
     if (entry) {
         mustHold(entry->key() == key, "the key is kept");
         mustHold(entry->overrides().is_object(), "an entry is a dictionary");

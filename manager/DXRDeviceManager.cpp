@@ -58,10 +58,10 @@ DXRRecursiveMutex& DXRDeviceManager::lock()
     return **mutex;
 }
 
-platform::WorkQueue& DXRDeviceManager::queue()
+dxr::WorkQueue& DXRDeviceManager::queue()
 {
-    static const CXRef<platform::SerialQueue>* const serial =
-        new CXRef(platform::SerialQueue::initWithLabel("DXRDeviceManager")); // never destroyed
+    static const CXRef<dxr::SerialQueue>* const serial =
+        new CXRef(dxr::SerialQueue::initWithLabel("DXRDeviceManager")); // never destroyed
     return **serial;
 }
 
@@ -332,7 +332,7 @@ CXRef<DXRDevice> DXRDeviceManager::counterpartForDevice(const CXRef<DXRDevice>& 
 
 // ---- Following
 
-void DXRDeviceManager::addDeviceNotifier(const CXRef<platform::WorkQueue>& queue, const NotifierBlock& block)
+void DXRDeviceManager::addDeviceNotifier(const CXRef<dxr::WorkQueue>& queue, const NotifierBlock& block)
 {
     if (!block)
         return;

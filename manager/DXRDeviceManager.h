@@ -43,7 +43,7 @@ public:
     static CXRef<DXRDeviceManager> init() { return CXRef(&sharedDeviceManager()); }
     static DXRRecursiveMutex& lock();
     /// The serial queue of all updates, "DXRDeviceManager".
-    static platform::WorkQueue& queue();
+    static dxr::WorkQueue& queue();
 
     // -- The list
 
@@ -79,7 +79,7 @@ public:
     /// Calls `block` after every update in which a device came, went or changed: asynchronously on `queue`,
     /// or without one on the manager's queue, which it must not keep waiting. The same block is registered
     /// once.
-    void addDeviceNotifier(const CXRef<platform::WorkQueue>& queue, const NotifierBlock& block);
+    void addDeviceNotifier(const CXRef<dxr::WorkQueue>& queue, const NotifierBlock& block);
     /// The block is not called from now on. A call that is running on another thread may still be when this
     /// returns, unless `whenRunning` says Wait; then the caller must hold nothing that the block may wait
     /// for.
@@ -94,7 +94,7 @@ public:
 
     // -- For DXRDevice
 
-    platform::WorkQueue& updateQueue() const override { return queue(); }
+    dxr::WorkQueue& updateQueue() const override { return queue(); }
     void deviceWasUpdated(const CXRef<DXRDevice>& device) override;
 
 private:

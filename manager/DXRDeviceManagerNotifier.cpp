@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
-CXRef<DXRDeviceManagerNotifier> DXRDeviceManagerNotifier::initWithQueue(CXRef<platform::WorkQueue> queue,
+CXRef<DXRDeviceManagerNotifier> DXRDeviceManagerNotifier::initWithQueue(CXRef<dxr::WorkQueue> queue,
                                                                         Block block)
 {
     return CXRef<DXRDeviceManagerNotifier>::adopt(
         new DXRDeviceManagerNotifier(std::move(queue), std::move(block)));
 }
 
-DXRDeviceManagerNotifier::DXRDeviceManagerNotifier(CXRef<platform::WorkQueue> queue, Block block)
+DXRDeviceManagerNotifier::DXRDeviceManagerNotifier(CXRef<dxr::WorkQueue> queue, Block block)
     : _queue(std::move(queue)), _block(std::move(block))
 {}
 

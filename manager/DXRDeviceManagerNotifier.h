@@ -21,9 +21,9 @@ public:
         CXBlock<void(const Devices& connected, const Devices& disconnected, const Devices& updated)>;
     enum class WhenRunning { Return, Wait };
 
-    static CXRef<DXRDeviceManagerNotifier> initWithQueue(CXRef<platform::WorkQueue> queue, Block block);
+    static CXRef<DXRDeviceManagerNotifier> initWithQueue(CXRef<dxr::WorkQueue> queue, Block block);
 
-    const CXRef<platform::WorkQueue>& queue() const noexcept { return _queue; } ///< null: the caller's thread
+    const CXRef<dxr::WorkQueue>& queue() const noexcept { return _queue; } ///< null: the caller's thread
     const Block& block() const noexcept { return _block; }
 
     /// Calls the block, unless end() was called: some time later on the queue, or without one at once.
@@ -33,12 +33,12 @@ public:
     void end(WhenRunning whenRunning);
 
 private:
-    DXRDeviceManagerNotifier(CXRef<platform::WorkQueue> queue, Block block);
+    DXRDeviceManagerNotifier(CXRef<dxr::WorkQueue> queue, Block block);
     ~DXRDeviceManagerNotifier() override = default;
 
     void _call(const Devices& connected, const Devices& disconnected, const Devices& updated);
 
-    const CXRef<platform::WorkQueue> _queue;
+    const CXRef<dxr::WorkQueue> _queue;
     const Block _block;
     std::mutex _mutex; // not held during a call; guards the rest
     std::condition_variable _returned;

@@ -2,7 +2,7 @@
 
 #include <thread>
 
-namespace platform {
+namespace dxr {
 
 bool AdaptiveSpin::_isWorthwhile() noexcept
 {
@@ -12,4 +12,4 @@ bool AdaptiveSpin::_isWorthwhile() noexcept
     return _misses < missesToStop || ++_skipped % waitsPerTrial == 0;
 }
 
-} // namespace platform
+} // namespace dxr

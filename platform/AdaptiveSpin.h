@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace platform {
+namespace dxr {
 
 /// Whether watching a word for a moment before sleeping on it pays: a reply that comes within the moment
 /// saves two trips through the scheduler. Watches while that has worked lately; when it has not, tries again
@@ -41,4 +41,4 @@ private:
     uint32_t _skipped = 0;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace platform {
+namespace dxr {
 
 /// A lock-free last-in-first-out list of blocks of memory, linked through their own first words.
 /// Threads:   every call from any thread at once.
@@ -136,4 +136,4 @@ inline bool AtomicStack::isEmptySince(uint64_t popCount) const noexcept
     return !__atomic_load_n(&_head.first, __ATOMIC_ACQUIRE) && this->popCount() == popCount;
 }
 
-} // namespace platform
+} // namespace dxr

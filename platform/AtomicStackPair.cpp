@@ -1,6 +1,6 @@
 #include "AtomicStackPair.h"
 
-namespace platform {
+namespace dxr {
 
 AtomicStackPair::Link* AtomicStackPair::_popFromOther(Side& side) noexcept
 {
@@ -19,4 +19,4 @@ AtomicStackPair::Link* AtomicStackPair::_popFromOther(Side& side) noexcept
     }
 }
 
-} // namespace platform
+} // namespace dxr

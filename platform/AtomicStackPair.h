@@ -2,7 +2,7 @@
 
 #include "AtomicStack.h"
 
-namespace platform {
+namespace dxr {
 
 /// A lock-free list of blocks that keeps threads out of one another's way: two stacks, and every thread stays
 /// with one of them until it has a reason to change. A push that loses an exchange there goes to the other; a
@@ -54,4 +54,4 @@ inline AtomicStackPair::Link* AtomicStackPair::pop(Side& side) noexcept
     return block ? block : _popFromOther(side);
 }
 
-} // namespace platform
+} // namespace dxr

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-namespace platform {
+namespace dxr {
 
 /// What to do after a lost exchange on a word that several threads change: stay away for a moment, twice as
 /// long each time, up to a bound that an IO thread can afford. Without it two threads that fight over one
@@ -40,4 +40,4 @@ private:
     uint32_t _pauses;
 };
 
-} // namespace platform
+} // namespace dxr

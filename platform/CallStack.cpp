@@ -10,7 +10,7 @@
 #include <execinfo.h>
 #include <memory>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -56,4 +56,4 @@ std::string frameText(size_t number, void* address)
     return frames;
 }
 
-} // namespace platform
+} // namespace dxr

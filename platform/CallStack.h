@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 
 /// The current thread's call stack as text, innermost call first: the function that calls
 /// `CallStack::symbols`.
@@ -16,4 +16,4 @@ public:
     static std::vector<std::string> symbols();
 };
 
-} // namespace platform
+} // namespace dxr

@@ -9,7 +9,7 @@
 #include <unistd.h>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -125,4 +125,4 @@ std::vector<std::string> foldersToWatch(const std::string& folder)
     return folders;
 }
 
-} // namespace platform
+} // namespace dxr

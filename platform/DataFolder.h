@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 
 enum class WhenMissing { Leave, Make };
 
@@ -20,4 +20,4 @@ std::optional<std::string> userDataFolder(WhenMissing whenMissing, std::string& 
 /// nearest folder above. Outermost first.
 std::vector<std::string> foldersToWatch(const std::string& folder);
 
-} // namespace platform
+} // namespace dxr

@@ -3,7 +3,7 @@
 #include <fstream>
 #include <string>
 
-namespace platform {
+namespace dxr {
 
 std::optional<bool> isDebuggerAttached()
 {
@@ -16,4 +16,4 @@ std::optional<bool> isDebuggerAttached()
     return std::nullopt;
 }
 
-} // namespace platform
+} // namespace dxr

@@ -17,7 +17,7 @@
 #include <thread>
 #include <unistd.h>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -506,4 +506,4 @@ int DefaultsDatabase::_waitForOthers(void* database, int)
     return 1;
 }
 
-} // namespace platform
+} // namespace dxr

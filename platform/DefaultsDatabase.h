@@ -11,7 +11,7 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-namespace platform {
+namespace dxr {
 
 /// The database of one suite: SQLite with a write-ahead log, one row a key.
 /// A damaged file is set aside under another name and a new one begun. A file of another program or of a
@@ -90,4 +90,4 @@ private:
     sqlite3_stmt* _dataVersionStatement = nullptr;
 };
 
-} // namespace platform
+} // namespace dxr

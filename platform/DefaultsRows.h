@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-namespace platform {
+namespace dxr {
 
 /// The stored value of one key. One that stays as it is stays the same object.
 /// Threads: immutable, any.
@@ -53,4 +53,4 @@ private:
     const DefaultsRows _rows;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -5,7 +5,7 @@
 
 #include <thread>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -297,4 +297,4 @@ std::vector<CXBlock<void()>> DefaultsSuite::_observersOfChanges()
     return toCall;
 }
 
-} // namespace platform
+} // namespace dxr

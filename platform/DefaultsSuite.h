@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 
 /// Texts by key that all programs of the user share and that outlive them: one database a suite, in the
 /// user's data directory. Keys are rows of their own: writers of different keys do not conflict, and writers
@@ -91,4 +91,4 @@ private:
     uint64_t _lastObserver = 0;
 };
 
-} // namespace platform
+} // namespace dxr

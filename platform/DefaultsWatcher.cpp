@@ -12,7 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -124,4 +124,4 @@ void DefaultsWatcher::_wait(std::optional<std::chrono::milliseconds> interval) c
     drain(_wakeUps);
 }
 
-} // namespace platform
+} // namespace dxr

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 
 /// The one thread that watches the suites' folders for writers in other processes and calls the observers,
 /// started with the first observer.
@@ -49,4 +49,4 @@ private:
     Thread _thread;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace platform {
+namespace dxr {
 
 DelayTimer& DelayTimer::shared()
 {
@@ -44,4 +44,4 @@ void DelayTimer::_run()
     }
 }
 
-} // namespace platform
+} // namespace dxr

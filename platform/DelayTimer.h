@@ -7,7 +7,7 @@
 #include <map>
 #include <mutex>
 
-namespace platform {
+namespace dxr {
 
 /// The one thread that calls what hands delayed work to its queue when the time has come.
 /// Threads: any. It lives as long as the process.
@@ -30,4 +30,4 @@ private:
     bool _started = false;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -2,7 +2,7 @@
 
 #include <sys/epoll.h>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -83,4 +83,4 @@ void DescriptorWatcher::_serve()
     }
 }
 
-} // namespace platform
+} // namespace dxr

@@ -6,7 +6,7 @@
 #include <map>
 #include <mutex>
 
-namespace platform {
+namespace dxr {
 
 /// The thread that watches descriptors for ports, started with the first of them: a port's set sleeps on a word
 /// and cannot watch any itself.
@@ -39,4 +39,4 @@ private:
     bool _isServing = false;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -8,7 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace platform {
+namespace dxr {
 
 static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t) &&
               std::atomic<uint32_t>::is_always_lock_free);
@@ -35,4 +35,4 @@ void Futex::wakeOne(const std::atomic<uint32_t>* word) noexcept
     errno = before; // an IO callback's caller may be looking at it
 }
 
-} // namespace platform
+} // namespace dxr

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-namespace platform {
+namespace dxr {
 
 /// Sleeping on a 32-bit word of this process until somebody changes it.
 /// Threads:   any.
@@ -22,4 +22,4 @@ public:
     static void wakeOne(const std::atomic<uint32_t>* word) noexcept CX_REALTIME;
 };
 
-} // namespace platform
+} // namespace dxr

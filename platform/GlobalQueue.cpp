@@ -5,7 +5,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -60,4 +60,4 @@ void GlobalQueue::_serve()
     }
 }
 
-} // namespace platform
+} // namespace dxr

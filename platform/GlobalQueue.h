@@ -6,7 +6,7 @@
 #include <deque>
 #include <mutex>
 
-namespace platform {
+namespace dxr {
 
 /// Runs work of the whole process side by side, on a few threads of raised priority where that is permitted.
 /// Work may wait; only so many pieces run at once.
@@ -31,4 +31,4 @@ private:
     size_t _idle = 0;
 };
 
-} // namespace platform
+} // namespace dxr

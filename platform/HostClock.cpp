@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-namespace platform {
+namespace dxr {
 
 uint64_t HostClock::nowTicks() noexcept
 {
@@ -11,4 +11,4 @@ uint64_t HostClock::nowTicks() noexcept
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(now.tv_nsec);
 }
 
-} // namespace platform
+} // namespace dxr

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace platform {
+namespace dxr {
 
 /// The host clock: monotonic ticks that every time stamp of the library counts in.
 /// Threads:   any.
@@ -20,4 +20,4 @@ public:
     static constexpr uint32_t nanosecondsDenominator = 1;
 };
 
-} // namespace platform
+} // namespace dxr

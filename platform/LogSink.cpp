@@ -7,7 +7,7 @@
 #include <mutex>
 #include <syslog.h>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -87,4 +87,4 @@ std::string printableText(std::string_view text)
     return printable;
 }
 
-} // namespace platform
+} // namespace dxr

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace platform {
+namespace dxr {
 
 /// Where log lines go: the system log and standard error, unless the application says otherwise.
 /// Threads:   any. Lines of several threads are not mixed.
@@ -25,4 +25,4 @@ public:
 /// code, so that a device's name cannot drive the terminal that shows it.
 DXR_EXPORT std::string printableText(std::string_view text);
 
-} // namespace platform
+} // namespace dxr

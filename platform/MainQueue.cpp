@@ -5,7 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-namespace platform {
+namespace dxr {
 
 MainQueue& MainQueue::shared()
 {
@@ -98,4 +98,4 @@ void MainQueue::_clearSignal() const noexcept
     [[maybe_unused]] const ssize_t got = read(_descriptor, &count, sizeof count);
 }
 
-} // namespace platform
+} // namespace dxr

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <sys/types.h>
 
-namespace platform {
+namespace dxr {
 
 /// The queue of the application's main thread: the thread that serves it, by run(), or by drain() from a
 /// loop of its own (Qt, GLib, poll) whenever fd() is readable.
@@ -45,4 +45,4 @@ private:
     std::atomic<bool> _stopped{false};
 };
 
-} // namespace platform
+} // namespace dxr

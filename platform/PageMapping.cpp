@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <sys/mman.h>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -56,4 +56,4 @@ void PageMapping::unmap(std::byte* address, size_t byteSize) noexcept
         munmap(address, byteSize);
 }
 
-} // namespace platform
+} // namespace dxr

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-namespace platform {
+namespace dxr {
 
 /// Memory straight from the system, zeroed and page-aligned, never from the C library's allocator.
 /// Threads:   any.
@@ -26,4 +26,4 @@ public:
     static void unmap(std::byte* address, size_t byteSize) noexcept;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace platform {
+namespace dxr {
 
 CXRef<Port> Port::init(size_t queueLimit)
 {
@@ -97,4 +97,4 @@ std::optional<Port::Message> Port::_take(const PortOwner& owner, bool& hasMore)
     return message;
 }
 
-} // namespace platform
+} // namespace dxr

@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 
 class PortSet;
 
@@ -65,4 +65,4 @@ private:
     bool _isClosed = false;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -2,7 +2,7 @@
 
 #include "CXRef.h"
 
-namespace platform {
+namespace dxr {
 
 class Port;
 
@@ -13,4 +13,4 @@ public:
     virtual void portHasMessage(Port& port) = 0;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace platform {
+namespace dxr {
 
 CXRef<PortSet> PortSet::init()
 {
@@ -141,4 +141,4 @@ bool PortSet::_sleepUntil(uint32_t bits, uint64_t deadlineTicks) noexcept
     return (word & bits) != 0;
 }
 
-} // namespace platform
+} // namespace dxr

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <optional>
 
-namespace platform {
+namespace dxr {
 
 /// What one thread waits for: messages on any of its ports, its own signal, and a deadline.
 /// The signal is a port of its own that holds one empty message: raising it again before it is taken does
@@ -76,4 +76,4 @@ private:
     std::deque<CXRef<Port>> _ready; // ports with messages, each once, the one to serve next in front
 };
 
-} // namespace platform
+} // namespace dxr

@@ -11,7 +11,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -149,4 +149,4 @@ RealtimeOutcome makeCurrentThreadRealtime()
     return becomeFifo() ? RealtimeOutcome{RealtimeGrant::Fifo, 0} : askRealtimeKit(errno);
 }
 
-} // namespace platform
+} // namespace dxr

@@ -1,6 +1,6 @@
 #pragma once
 
-namespace platform {
+namespace dxr {
 
 enum class RealtimeGrant {
     None,
@@ -19,4 +19,4 @@ struct RealtimeOutcome {
 /// below the sound server's does not.
 RealtimeOutcome makeCurrentThreadRealtime();
 
-} // namespace platform
+} // namespace dxr

@@ -1,6 +1,6 @@
 #include "Reply.h"
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -26,4 +26,4 @@ void Reply::send() noexcept
         Futex::wakeOne(address);
 }
 
-} // namespace platform
+} // namespace dxr

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
-namespace platform {
+namespace dxr {
 
 /// The reply to one request, on the stack of the thread that waits for it.
 /// Threads:   wait() on the thread that made it, once; send() on any other, once.
@@ -28,4 +28,4 @@ private:
     std::atomic<uint32_t> _state{pending};
 };
 
-} // namespace platform
+} // namespace dxr

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <utility>
 
-namespace platform {
+namespace dxr {
 
 class SerialQueue::Line final : public CXObject {
 public:
@@ -135,4 +135,4 @@ bool SerialQueue::isCurrent() const noexcept
     return _line->isCurrent();
 }
 
-} // namespace platform
+} // namespace dxr

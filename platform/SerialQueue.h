@@ -2,7 +2,7 @@
 
 #include "WorkQueue.h"
 
-namespace platform {
+namespace dxr {
 
 /// Runs work one piece at a time, in the order it came, on a thread of its own.
 /// Work that is queued when the last reference goes is still run.
@@ -26,4 +26,4 @@ private:
     const CXRef<Line> _line;
 };
 
-} // namespace platform
+} // namespace dxr

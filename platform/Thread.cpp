@@ -7,7 +7,7 @@
 #include <sys/prctl.h>
 #include <utility>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -75,4 +75,4 @@ void Thread::detach()
         _thread.detach();
 }
 
-} // namespace platform
+} // namespace dxr

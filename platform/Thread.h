@@ -5,7 +5,7 @@
 #include <string_view>
 #include <thread>
 
-namespace platform {
+namespace dxr {
 
 /// A named thread. The name is cut to the whole characters that fit into the kernel's 15 bytes. Signals stay
 /// with the application's threads.
@@ -32,4 +32,4 @@ private:
     std::thread _thread;
 };
 
-} // namespace platform
+} // namespace dxr

@@ -7,7 +7,7 @@
 #include <memory>
 #include <mutex>
 
-namespace platform {
+namespace dxr {
 
 namespace {
 
@@ -220,4 +220,4 @@ std::optional<uint32_t> usbLocationID(std::string_view kernelName) noexcept
     }
 }
 
-} // namespace platform
+} // namespace dxr

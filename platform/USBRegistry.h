@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 
 /// One device on the universal serial bus, a hub too.
 struct USBDevice {
@@ -80,4 +80,4 @@ public:
 /// ("usb3") included.
 std::optional<uint32_t> usbLocationID(std::string_view kernelName) noexcept;
 
-} // namespace platform
+} // namespace dxr

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
-namespace platform {
+namespace dxr {
 
 size_t utf8CharacterLength(std::string_view text) noexcept
 {
@@ -47,4 +47,4 @@ std::string utf8Replaced(std::string_view text)
     return replaced;
 }
 
-} // namespace platform
+} // namespace dxr

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace platform {
+namespace dxr {
 
 /// How many bytes at the start of `text` are one well-formed UTF-8 character (RFC 3629); 0 when none are.
 size_t utf8CharacterLength(std::string_view text) noexcept;
@@ -15,4 +15,4 @@ std::string_view utf8Prefix(std::string_view text, size_t maxBytes) noexcept;
 /// `text` with every byte that is not part of a well-formed character replaced by U+FFFD.
 std::string utf8Replaced(std::string_view text);
 
-} // namespace platform
+} // namespace dxr

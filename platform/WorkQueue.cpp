@@ -5,7 +5,7 @@
 #include <semaphore>
 #include <system_error>
 
-namespace platform {
+namespace dxr {
 
 void WorkQueue::sync(const Work& work)
 {
@@ -27,4 +27,4 @@ void WorkQueue::after(uint64_t delayNanoseconds, Work work)
                                   [queue = CXRef<WorkQueue>(this), work] { queue->async(work); });
 }
 
-} // namespace platform
+} // namespace dxr

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace platform {
+namespace dxr {
 
 /// Somewhere to run work: a serial queue, the main queue or the global one.
 /// Threads:   every call from any thread.
@@ -36,4 +36,4 @@ private:
     const std::string _label;
 };
 
-} // namespace platform
+} // namespace dxr

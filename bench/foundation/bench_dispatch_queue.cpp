@@ -326,12 +326,12 @@ private:
     static void _raise(std::atomic<uint32_t>& word, uint32_t value)
     {
         word.store(value);
-        platform::Futex::wakeOne(&word);
+        dxr::Futex::wakeOne(&word);
     }
     static void _await(std::atomic<uint32_t>& word, uint32_t value)
     {
         while (word.load() != value)
-            platform::Futex::wait(word, 1 - value);
+            dxr::Futex::wait(word, 1 - value);
     }
     void _serve()
     {

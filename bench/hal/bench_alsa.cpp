@@ -179,8 +179,8 @@ int main()
         std::vector<double> bare, ours, ratios;
         for (int round = 0; round < rounds; ++round) {
             // As the driver's thread is.
-            platform::Thread("bare", [&] {
-                platform::makeCurrentThreadRealtime();
+            dxr::Thread("bare", [&] {
+                dxr::makeCurrentThreadRealtime();
                 bare.push_back(bareLoop(bareCard, frames));
             }).join();
             ours.push_back(driver(*hal, devices[1], frames));

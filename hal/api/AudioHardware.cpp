@@ -37,7 +37,7 @@ template <class Call> HALStatus withModel(const Call& call)
     try {
         return call(*halActiveModel());
     } catch (const std::exception& error) {
-        platform::LogSink::log(std::string("Audio hardware: ") + error.what());
+        dxr::LogSink::log(std::string("Audio hardware: ") + error.what());
         return kAudioHardwareUnspecifiedError;
     }
 }
@@ -109,7 +109,7 @@ HALStatus AudioObjectRemovePropertyListener(AudioObjectID objectID, const Addres
 }
 
 HALStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID, const Address* address,
-                                              const CXRef<platform::WorkQueue>& queue,
+                                              const CXRef<dxr::WorkQueue>& queue,
                                               const AudioObjectPropertyListenerBlock& listener)
 {
     if (!address || !listener)
@@ -120,7 +120,7 @@ HALStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID, const Addr
 }
 
 HALStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID objectID, const Address* address,
-                                                 const CXRef<platform::WorkQueue>& queue,
+                                                 const CXRef<dxr::WorkQueue>& queue,
                                                  const AudioObjectPropertyListenerBlock& listener)
 {
     if (!address || !listener)
@@ -131,7 +131,7 @@ HALStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID objectID, const A
 }
 
 HALStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* procID, AudioObjectID deviceID,
-                                             const CXRef<platform::WorkQueue>& queue,
+                                             const CXRef<dxr::WorkQueue>& queue,
                                              const AudioDeviceIOBlock& block)
 {
     if (!procID || !block || queue)

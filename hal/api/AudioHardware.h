@@ -87,17 +87,17 @@ DXR_EXPORT HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID)
 /// one. The queue is kept alive while the listener is registered.
 DXR_EXPORT HALStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID,
                                                          const AudioObjectPropertyAddress* address,
-                                                         const CXRef<platform::WorkQueue>& queue,
+                                                         const CXRef<dxr::WorkQueue>& queue,
                                                          const AudioObjectPropertyListenerBlock& listener);
 /// As AudioObjectRemovePropertyListener, for the same object, address, queue and closure.
 DXR_EXPORT HALStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID objectID,
                                                             const AudioObjectPropertyAddress* address,
-                                                            const CXRef<platform::WorkQueue>& queue,
+                                                            const CXRef<dxr::WorkQueue>& queue,
                                                             const AudioObjectPropertyListenerBlock& listener);
 
 /// Registers `block` as an IO callback of the device, not yet started, and stores its identifier. With a
 /// queue the cycles would leave the IO thread and lose its promises: only a null queue is supported, 'nope'
 /// otherwise.
 DXR_EXPORT HALStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* procID, AudioObjectID deviceID,
-                                                        const CXRef<platform::WorkQueue>& queue,
+                                                        const CXRef<dxr::WorkQueue>& queue,
                                                         const AudioDeviceIOBlock& block);

@@ -20,7 +20,7 @@ CXRef<HALHardwareDriver> halMakeDefaultDriver()
     const SoundServerSearch search;
     if (search.hasCards() && !search.isServerExpected()) {
         if (const auto alsa = HALMakeHardwareDriver("alsa")) {
-            platform::LogSink::log("no sound server: using the sound cards directly (ALSA)");
+            dxr::LogSink::log("no sound server: using the sound cards directly (ALSA)");
             return alsa;
         }
     }

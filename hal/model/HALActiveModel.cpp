@@ -28,7 +28,7 @@ bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver)
     try {
         active().model = HALModel::initWithDriver(driver);
     } catch (const std::exception& error) { // no thread
-        platform::LogSink::log(std::string("Audio hardware: ") + error.what());
+        dxr::LogSink::log(std::string("Audio hardware: ") + error.what());
     }
     return bool(active().model);
 }

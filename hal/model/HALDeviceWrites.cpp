@@ -79,7 +79,7 @@ HALStatus writeName(const Write& write)
     const auto* name = dynamic_cast<const CXValue*>(object);
     if (!name || !name->plist().is_string())
         return kAudioHardwareIllegalOperationError;
-    return write.device.driver().setName(platform::utf8Replaced(name->string()), write.deadline);
+    return write.device.driver().setName(dxr::utf8Replaced(name->string()), write.deadline);
 }
 
 } // namespace

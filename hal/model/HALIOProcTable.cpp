@@ -278,7 +278,7 @@ void HALIOProcTable::_retire(std::unique_ptr<Proc> proc) // dies after the lock:
     if (isOnIOThread()) {
         // We may be inside the very callback: it is freed from elsewhere, once this cycle has ended.
         const CXRealtimeExemption exemption("handing over a callback that ends itself");
-        platform::GlobalQueue::highPriority().async(
+        dxr::GlobalQueue::highPriority().async(
             [self = CXRef(this), raw = proc.release()] { self->_retire(std::unique_ptr<Proc>(raw)); });
         return;
     }

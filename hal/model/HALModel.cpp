@@ -409,7 +409,7 @@ HALStatus HALModel::destroyIOProc(AudioObjectID deviceID, AudioDeviceIOProcID pr
 void HALModel::_stopIfIdleLater(AudioObjectID deviceID)
 {
     const CXRealtimeExemption exemption("a callback that stops its device hands the rest to another thread");
-    platform::GlobalQueue::highPriority().async([self = CXRef(this), deviceID] {
+    dxr::GlobalQueue::highPriority().async([self = CXRef(this), deviceID] {
         if (const CXRef<HALDevice> device = self->_device(deviceID))
             device->stopIfIdle();
     });

@@ -13,7 +13,7 @@ struct HALListener {
     AudioObjectPropertyListenerProc proc = nullptr;
     void* clientData = nullptr;
     AudioObjectPropertyListenerBlock block;
-    CXRef<platform::WorkQueue> queue;
+    CXRef<dxr::WorkQueue> queue;
 
     friend bool operator==(const HALListener&, const HALListener&) = default;
 };
@@ -66,5 +66,5 @@ private:
     static void _run(const std::shared_ptr<State>& state);
 
     const std::shared_ptr<State> _state;
-    platform::Thread _thread;
+    dxr::Thread _thread;
 };

@@ -17,7 +17,7 @@ constexpr HALDirection outputs = HALDirection::Output;
 class Keeper final : public DXRDeviceKeeper {
 public:
     static CXRef<Keeper> init() { return CXRef<Keeper>::adopt(new Keeper); }
-    platform::WorkQueue& updateQueue() const override { return *_queue; }
+    dxr::WorkQueue& updateQueue() const override { return *_queue; }
     void deviceWasUpdated(const CXRef<DXRDevice>& /*device*/) override { ++_updates; }
     int updatesSinceLast()
     {
@@ -26,7 +26,7 @@ public:
     }
 
 private:
-    const CXRef<platform::SerialQueue> _queue = platform::SerialQueue::initWithLabel("keeper");
+    const CXRef<dxr::SerialQueue> _queue = dxr::SerialQueue::initWithLabel("keeper");
     int _updates = 0;
 };
 
@@ -327,7 +327,7 @@ TEST_F(DXRDeviceTest, isNotAskedAboutItsOwnVolume)
         "volume", [&](const std::string&, DXRKVOChange) { seen.push_back(device->volume()); });
     const auto settleVolume = [&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        platform::GlobalQueue::highPriority().sync([] {});
+        dxr::GlobalQueue::highPriority().sync([] {});
         settleHardware();
     };
     settleVolume();

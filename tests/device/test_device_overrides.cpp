@@ -14,9 +14,9 @@
 
 namespace {
 
-using platform::DefaultsChanges;
-using platform::DefaultsSnapshot;
-using platform::DefaultsSuite;
+using dxr::DefaultsChanges;
+using dxr::DefaultsSnapshot;
+using dxr::DefaultsSuite;
 
 const std::string unitAtPort1 = R"({"gid":"m:","i":false,"t":"usb ","uid":"m:1"})";
 const std::string unitAtPort2 = R"({"gid":"m:","i":false,"t":"usb ","uid":"m:2"})";

@@ -12,10 +12,10 @@
 
 namespace {
 
-using platform::USBAudioEngine;
-using platform::USBDevice;
-using platform::USBRegistry;
-using platform::USBRegistryContents;
+using dxr::USBAudioEngine;
+using dxr::USBDevice;
+using dxr::USBRegistry;
+using dxr::USBRegistryContents;
 
 constexpr uint32_t usb = kAudioDeviceTransportTypeUSB;
 constexpr uint32_t displayPort = kAudioDeviceTransportTypeDisplayPort;

@@ -103,10 +103,10 @@ TEST_F(ObservableValues, fromOtherThreadsComeLaterAndOnce)
         }
     }).join();
     EXPECT_TRUE(heardSinceLast().empty());
-    EXPECT_EQ(platform::MainQueue::shared().drain(), 1U); // a main queue that nobody serves does not grow
+    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // a main queue that nobody serves does not grow
     EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>1000"}));
     std::thread([&] { lamp->kvo->updateValueForKey("level"); }).join();
-    EXPECT_EQ(platform::MainQueue::shared().drain(), 1U); // asked for anew after the first has run
+    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // asked for anew after the first has run
 }
 
 TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
@@ -116,7 +116,7 @@ TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
             return;
         lamp->liveLevel = 2;
         std::thread([&] { lamp->kvo->updateValueForKey("level"); }).join();
-        platform::MainQueue::shared().drain(); // a dialog with a loop of its own
+        dxr::MainQueue::shared().drain(); // a dialog with a loop of its own
     });
     lamp->liveLevel = 1;
     lamp->kvo->updateValueForKey("level");
@@ -163,7 +163,7 @@ TEST(ObservableObject, mayEndWhileItsUpdateWaits)
     const CXRef<DXRKVOHelper> kvo = lamp->kvo;
     std::thread([&] { kvo->updateAllValues(); }).join();
     lamp = nullptr;
-    platform::MainQueue::shared().drain();
+    dxr::MainQueue::shared().drain();
     EXPECT_TRUE(kvo->observableKeys().empty());
 }
 

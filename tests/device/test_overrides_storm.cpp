@@ -89,8 +89,7 @@ private:
 [[noreturn]] void runWriter(uint32_t writer, Board& board, uint32_t seed)
 {
     const Devices devices;
-    const CXRef<platform::DefaultsSuite> suite =
-        platform::DefaultsSuite::suiteNamed("com.veltorrin.device-overrides");
+    const CXRef<dxr::DefaultsSuite> suite = dxr::DefaultsSuite::suiteNamed("com.veltorrin.device-overrides");
     std::array<int64_t, deviceCount> numbers{};
     for (uint32_t device = 0; device < deviceCount; ++device) {
         numbers[device] = numberIn(devices[device].objectForKey(keyOf(writer)), board);

@@ -114,7 +114,7 @@ TEST_F(DXRPropertyListenerTest, callsItsTargetWhileBothLive)
     hal.plug(aDevice().uid("box").outputs(2).mute(HALDirection::Output, false));
     CXRef<Target> target = Target::init();
     const auto muted = Address::deviceMute(kAudioObjectPropertyScopeOutput, 0);
-    const CXRef<platform::SerialQueue> queue = platform::SerialQueue::initWithLabel("listener");
+    const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("listener");
     auto listener = DXRPropertyListener::initWithObjectID(
         hal.deviceID("box"), muted->address(), queue, target,
         [&](const CXRef<CXObject>& who, const AudioObjectPropertyAddress* what) {
@@ -149,7 +149,7 @@ TEST_F(DXRPropertyListenerTest, comesFromAnAddressForTheNotificationThread)
     hal.plug(aDevice().uid("box").outputs(2));
     const CXRef<Target> target = Target::init();
     const auto name = Address::objectName();
-    const CXRef<platform::SerialQueue> ignored = platform::SerialQueue::initWithLabel("ignored");
+    const CXRef<dxr::SerialQueue> ignored = dxr::SerialQueue::initWithLabel("ignored");
     const auto listener = name->listenerWithObjectID(
         hal.deviceID("box"), ignored, target, [&](const CXRef<CXObject>& who, const Address::Ref& what) {
             static_cast<Target&>(*who).changes += what == name && !ignored->isCurrent() ? 1 : 100;

@@ -396,7 +396,7 @@ TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)
     for (const int64_t seconds : {-10, 10, -10}) { // from now, when the cycle is to begin
         Cycle one(static_cast<double>(64 * runner->counts().cycles));
         one.now.flags |= kAudioTimeStampHostTimeValid;
-        one.now.hostTime = platform::HostClock::nowTicks() + static_cast<uint64_t>(seconds * 1'000'000'000);
+        one.now.hostTime = dxr::HostClock::nowTicks() + static_cast<uint64_t>(seconds * 1'000'000'000);
         one.run();
         late += seconds < 0;
         EXPECT_EQ(runner->counts().lateCycles, late);

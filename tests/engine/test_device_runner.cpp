@@ -84,7 +84,7 @@ TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
 TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
 {
     plugged(headset());
-    const auto notifierQueue = platform::SerialQueue::initWithLabel("listener");
+    const auto notifierQueue = dxr::SerialQueue::initWithLabel("listener");
     int heard = 0;
     std::vector<std::string> seen;
     const auto observations = runner->kvo()->observe(

@@ -63,7 +63,7 @@ CXRef<DXRDevice> device(uint32_t i, bool isInput)
 bool eventually(const std::function<bool()>& condition)
 {
     for (const auto deadline = Clock::now() + 20s; !condition(); std::this_thread::sleep_for(1ms)) {
-        platform::MainQueue::shared().drain();
+        dxr::MainQueue::shared().drain();
         if (Clock::now() > deadline)
             return false;
     }

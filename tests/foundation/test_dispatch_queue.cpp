@@ -280,7 +280,7 @@ TEST(CXDispatchTimer, letsWorkMessagesAndOtherTimersThroughWhenItIsAlwaysDue)
     other->setTimeoutHandler([&](const CXRef<CXDispatchTimer>&) { ++others; });
     other->setTimeoutAbsolute(now(), 1);
     other->setDispatchQueue(queue.ref());
-    const CXRef<platform::Port> port = platform::Port::init();
+    const CXRef<dxr::Port> port = dxr::Port::init();
     const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
     receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte>) {
         ++messages;
@@ -364,9 +364,9 @@ TEST(CXDispatchSource, endsOnNoQueueWhenItIsCancelledWhileItMoves)
         const auto meet = [&ready](int pauses) {
             ++ready;
             for (int spins = 0; ready < 2; ++spins)
-                spins < 10'000 ? platform::BackOff::pause() : std::this_thread::yield();
+                spins < 10'000 ? dxr::BackOff::pause() : std::this_thread::yield();
             for (int i = 0; i < pauses; ++i)
-                platform::BackOff::pause();
+                dxr::BackOff::pause();
         };
         canceller->dispatchAsync([&, round] {
             meet(round % 8);
@@ -392,7 +392,7 @@ TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
     const TestQueue queue;
     const uint32_t own = CXDispatchReceiverReleasesSendRight | CXDispatchReceiverReleasesReceiveRight;
     CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(nullptr, own);
-    const CXRef<platform::Port> port = receiver->port();
+    const CXRef<dxr::Port> port = receiver->port();
     std::promise<void> all;
     std::string received;
     receiver->setMessageHandler(
@@ -404,15 +404,15 @@ TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
                 all.set_value();
         });
     const auto send = [&](std::string_view text) { return port->send(std::as_bytes(std::span(text))); };
-    EXPECT_EQ(send("early "), platform::Port::SendResult::Sent);
+    EXPECT_EQ(send("early "), dxr::Port::SendResult::Sent);
     Gate gate(queue);
     for (const char* text : {"b", "c", "d", "e"})
-        EXPECT_EQ(send(text), platform::Port::SendResult::Sent);
-    EXPECT_EQ(send("too many"), platform::Port::SendResult::Full);
+        EXPECT_EQ(send(text), dxr::Port::SendResult::Sent);
+    EXPECT_EQ(send("too many"), dxr::Port::SendResult::Full);
     std::thread([&] { gate.open(); }).detach();
     receiver->setDispatchQueue(queue.ref());
     const std::string longMessage(100'000, 'L');
-    while (send(longMessage) == platform::Port::SendResult::Full)
+    while (send(longMessage) == dxr::Port::SendResult::Full)
         std::this_thread::yield();
     all.get_future().wait();
     EXPECT_EQ(received, "early bcde" + longMessage);
@@ -420,9 +420,9 @@ TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
     receiver->cancel();
     queue.settle();
     EXPECT_FALSE(receiver->handler());
-    EXPECT_EQ(send("nobody"), platform::Port::SendResult::Sent) << "the port outlives the cancellation";
+    EXPECT_EQ(send("nobody"), dxr::Port::SendResult::Sent) << "the port outlives the cancellation";
     receiver = nullptr;
-    EXPECT_EQ(send("closed"), platform::Port::SendResult::Closed);
+    EXPECT_EQ(send("closed"), dxr::Port::SendResult::Closed);
     queue.settle();
     EXPECT_EQ(received.size(), 100'010U);
 }
@@ -432,9 +432,9 @@ TEST(CXDispatchReceiver, hearsOfADescriptorAsLongAsItIsReadable)
     const TestQueue queue;
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
-    const CXRef<platform::Port> port = platform::Port::initWithDescriptor(ends[0]);
+    const CXRef<dxr::Port> port = dxr::Port::initWithDescriptor(ends[0]);
     ASSERT_TRUE(port);
-    EXPECT_FALSE(platform::Port::initWithDescriptor(ends[0])) << "one port a descriptor";
+    EXPECT_FALSE(dxr::Port::initWithDescriptor(ends[0])) << "one port a descriptor";
     const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
     std::promise<void> all;
     std::string received;
@@ -460,9 +460,8 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
 {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
-    const CXRef<platform::Port> ports[] = {platform::Port::init(),
-                                           platform::Port::initWithDescriptor(ends[0])};
-    for (const CXRef<platform::Port>& port : ports) {
+    const CXRef<dxr::Port> ports[] = {dxr::Port::init(), dxr::Port::initWithDescriptor(ends[0])};
+    for (const CXRef<dxr::Port>& port : ports) {
         const bool isDescriptor = port == ports[1];
         const TestQueue first;
         const TestQueue second;
@@ -477,7 +476,7 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
             if (isDescriptor)
                 EXPECT_EQ(write(ends[1], "x", 1), 1);
             else
-                EXPECT_EQ(port->send({}), platform::Port::SendResult::Sent);
+                EXPECT_EQ(port->send({}), dxr::Port::SendResult::Sent);
             std::this_thread::sleep_for(
                 std::chrono::milliseconds(50)); // for the first queue's thread to wake
             receiver->setDispatchQueue(nullptr);
@@ -612,7 +611,7 @@ TEST(CXDispatchQueueStress, keepsItsPromisesWhileEverybodyUsesItAtOnce)
         timer->setDispatchQueue(queue.ref());
         timers.push_back(timer);
     }
-    const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(platform::Port::init(100));
+    const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(dxr::Port::init(100));
     uint64_t nextMessage = 0;
     receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte> message) {
         enter([&] {
@@ -677,7 +676,7 @@ TEST(CXDispatchQueueStress, keepsItsPromisesWhileEverybodyUsesItAtOnce)
     });
     uint64_t sent = 0;
     while (!isOver()) {
-        if (receiver->port()->send(std::as_bytes(std::span(&sent, 1))) == platform::Port::SendResult::Sent)
+        if (receiver->port()->send(std::as_bytes(std::span(&sent, 1))) == dxr::Port::SendResult::Sent)
             ++sent;
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }

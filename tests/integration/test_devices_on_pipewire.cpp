@@ -15,7 +15,7 @@ bool eventually(const std::function<bool()>& condition)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!condition()) {
-        platform::MainQueue::shared().drain();
+        dxr::MainQueue::shared().drain();
         if (std::chrono::steady_clock::now() > deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -83,7 +83,7 @@ TEST_F(DevicesOnPipeWire, doesNotJumpBackWhileASliderMoves)
     });
     for (int i = 1; i <= 100; ++i) {
         EXPECT_TRUE(sink->setVolume(i / 200.0));
-        platform::MainQueue::shared().drain();
+        dxr::MainQueue::shared().drain();
         EXPECT_EQ(sink->volume(), i / 200.0);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

@@ -144,7 +144,7 @@ TEST_F(DXRDeviceFaults, aListThatChangesWhileItIsReadIsStillRead)
         DXRDeviceManager::queue().sync([] {});
         if (i % 1000 == 0) {
             ASSERT_TRUE(device("a", output)->isConnected());
-            platform::MainQueue::shared().drain();
+            dxr::MainQueue::shared().drain();
         }
     }
     EXPECT_TRUE(isSound());

@@ -275,7 +275,7 @@ TEST_F(DXRDeviceManagerTest, looksDevicesUpByReferenceOnlyWithADirection)
 
 TEST_F(DXRDeviceManagerTest, tellsEveryNotifierOnceWhereItWants)
 {
-    const CXRef<platform::SerialQueue> queue = platform::SerialQueue::initWithLabel("own");
+    const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("own");
     int here = 0;
     int there = 0;
     const DXRDeviceManager::NotifierBlock onManagersQueue = [&](const auto&...) {
@@ -466,8 +466,8 @@ TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
         }
     });
     for (int round = 0; round < 500; ++round) {
-        const CXRef<platform::SerialQueue> queue =
-            round % 2 == 0 ? platform::SerialQueue::initWithLabel("own") : nullptr;
+        const CXRef<dxr::SerialQueue> queue =
+            round % 2 == 0 ? dxr::SerialQueue::initWithLabel("own") : nullptr;
         auto isAlive = std::make_unique<std::atomic<bool>>(true); // freed when the removal is over
         std::atomic<int> calls{0};
         const DXRDeviceManager::NotifierBlock block = [&, alive = isAlive.get()](const auto&...) {

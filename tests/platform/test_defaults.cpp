@@ -19,9 +19,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using platform::DefaultsChanges;
-using platform::DefaultsSnapshot;
-using platform::DefaultsSuite;
+using dxr::DefaultsChanges;
+using dxr::DefaultsSnapshot;
+using dxr::DefaultsSuite;
 
 const std::string suiteName = "com.example.suite";
 

@@ -33,13 +33,13 @@ TEST(PrintableText, letsNoControlByteThrough)
         {"a null byte", std::string_view("a\0b", 3), "a\\x00b"},
     };
     for (const auto& row : rows)
-        EXPECT_EQ(platform::printableText(row.in), row.out) << row.why;
+        EXPECT_EQ(dxr::printableText(row.in), row.out) << row.why;
 }
 
 TEST(LogSink, writesToWhoeverIsRegistered)
 {
     const CapturedLog log;
-    platform::LogSink::log("one");
+    dxr::LogSink::log("one");
     EXPECT_EQ(log.lines(), std::vector<std::string>{"one"});
 }
 

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-namespace platform {
+namespace dxr {
 namespace {
 
 bool isReadable(int descriptor)
@@ -139,4 +139,4 @@ TEST(MainQueue, runsUntilItIsStoppedAndBelongsToTheThreadThatServesIt)
 }
 
 } // namespace
-} // namespace platform
+} // namespace dxr

@@ -19,7 +19,7 @@
 #include <unistd.h>
 
 // Each test leaves its process without privileges, or with other limits: CTest gives every one its own.
-namespace platform {
+namespace dxr {
 namespace {
 
 /// A bus of our own, in place of the system's.
@@ -203,4 +203,4 @@ TEST(RealtimeScheduling, doesNotWaitLongForABusThatIsStuck)
 }
 
 } // namespace
-} // namespace platform
+} // namespace dxr

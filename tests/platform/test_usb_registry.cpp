@@ -5,10 +5,10 @@
 
 namespace {
 
-using platform::USBAudioEngine;
-using platform::usbLocationID;
-using platform::USBRegistry;
-using platform::USBRegistryContents;
+using dxr::USBAudioEngine;
+using dxr::usbLocationID;
+using dxr::USBRegistry;
+using dxr::USBRegistryContents;
 
 TEST(USBLocationID, isTheBusAndADigitForEachPort)
 {

@@ -4,7 +4,7 @@
 
 CapturedLog::CapturedLog() : _lines(std::make_shared<Lines>())
 {
-    platform::LogSink::setWriter([lines = _lines](std::string_view line) {
+    dxr::LogSink::setWriter([lines = _lines](std::string_view line) {
         const std::scoped_lock lock(lines->mutex);
         lines->all.emplace_back(line);
     });
@@ -12,7 +12,7 @@ CapturedLog::CapturedLog() : _lines(std::make_shared<Lines>())
 
 CapturedLog::~CapturedLog()
 {
-    platform::LogSink::setWriter(nullptr);
+    dxr::LogSink::setWriter(nullptr);
 }
 
 std::vector<std::string> CapturedLog::lines() const

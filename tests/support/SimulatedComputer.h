@@ -24,7 +24,7 @@ protected:
     void settleHardware()
     {
         hal.settle();
-        while (platform::MainQueue::shared().drain() > 0) {
+        while (dxr::MainQueue::shared().drain() > 0) {
         }
     }
 

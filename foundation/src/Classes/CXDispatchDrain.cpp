@@ -59,7 +59,7 @@ struct CXDispatchDrain::SynchronousItem : Item {
         : Item(itemLane, runBy, false), block(work)
     {}
     const BorrowedWork block;
-    platform::Reply reply;
+    dxr::Reply reply;
 };
 
 void CXDispatchDrain::reserveItems()
@@ -128,7 +128,7 @@ void CXDispatchDrain::bypass(Borrow borrow, BorrowedWork block)
 bool CXDispatchDrain::_push(Item& item) noexcept
 {
     const bool isUrgent = item.lane() == urgentLane;
-    platform::BackOff backOff;
+    dxr::BackOff backOff;
     Item* head = _head.load(std::memory_order_relaxed);
     const auto linkTo = [&item](Item* before) { item.setNext(before == mark() ? nullptr : before); };
     for (linkTo(head); !_head.compare_exchange_strong(head, &item); linkTo(head)) {
@@ -280,7 +280,7 @@ void CXDispatchDrain::_letItemsGather() const noexcept
     if (_arrivedTogether < 2 || _arrivedTogether >= plentyOfItems)
         return;
     for (uint32_t i = 0; i < pauses; ++i)
-        platform::BackOff::pause();
+        dxr::BackOff::pause();
 }
 
 /// Moves everything on the stack to the lanes, in order of arrival.

@@ -29,7 +29,7 @@ public:
     };
 
     /// `wakeUp` is what the queue's thread sleeps on. It outlives this object.
-    explicit CXDispatchDrain(platform::PortSet& wakeUp) noexcept : _wakeUp(wakeUp) {}
+    explicit CXDispatchDrain(dxr::PortSet& wakeUp) noexcept : _wakeUp(wakeUp) {}
     CXDispatchDrain(const CXDispatchDrain&) = delete;
     CXDispatchDrain& operator=(const CXDispatchDrain&) = delete;
 
@@ -132,6 +132,6 @@ private:
     TFASpentBlocks _spentItems;
     bool _needsThread = false; // a borrowing thread sends the right to the queue's instead of giving it up
 
-    platform::PortSet& _wakeUp;
+    dxr::PortSet& _wakeUp;
     std::atomic<pthread_t> _thread{0};
 };

@@ -16,7 +16,7 @@ public:
     virtual void call(std::span<const std::byte> message) = 0;
 
     /// Where a receiver's messages arrive; null for a timer.
-    virtual CXRef<platform::Port> port() const { return nullptr; }
+    virtual CXRef<dxr::Port> port() const { return nullptr; }
     /// When a timer is to fire first, in host ticks; 0: one interval from when it is scheduled.
     virtual uint64_t deadline() const noexcept { return 0; }
     /// How often a timer fires after that, in host ticks; 0: never again.

@@ -10,8 +10,8 @@
 
 #include <system_error>
 
-using platform::HostClock;
-using platform::PortSet;
+using dxr::HostClock;
+using dxr::PortSet;
 using Borrow = CXDispatchDrain::Borrow;
 using RunBy = CXDispatchDrain::RunBy;
 
@@ -35,9 +35,9 @@ CXRef<CXDispatchQueue> CXDispatchQueue::initWithName(std::optional<std::string> 
 {
     CXDispatchDrain::reserveItems();
     CXRef<CXDispatchQueue> queue = CXRef<CXDispatchQueue>::adopt(new CXDispatchQueue(std::move(name)));
-    platform::Reply started;
+    dxr::Reply started;
     try {
-        platform::Thread(queue->_name.value_or("CXDispatchQueue"), [queue, &started] {
+        dxr::Thread(queue->_name.value_or("CXDispatchQueue"), [queue, &started] {
             queue->_drain->threadBegins();
             started.send();
             queue->_workloop();
@@ -201,7 +201,7 @@ void CXDispatchQueue::addReceiver(const CXRef<CXDispatchMember>& receiver)
     dispatchSyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [&] {
         if (_isCancelled()) {
             receiver->cancel();
-        } else if (const CXRef<platform::Port> port = receiver->port()) {
+        } else if (const CXRef<dxr::Port> port = receiver->port()) {
             port->setContext(receiver);
             _portset->add(*port);
         }
@@ -211,7 +211,7 @@ void CXDispatchQueue::addReceiver(const CXRef<CXDispatchMember>& receiver)
 void CXDispatchQueue::removeReceiver(const CXRef<CXDispatchMember>& receiver)
 {
     dispatchSyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [&] {
-        const CXRef<platform::Port> port = receiver->port();
+        const CXRef<dxr::Port> port = receiver->port();
         if (!port || port->context() != receiver)
             return;
         _portset->remove(*port);

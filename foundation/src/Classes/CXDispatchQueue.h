@@ -16,7 +16,7 @@
 class CXDispatchDrain;
 class CXDispatchMember;
 class CXDispatchTimerList;
-namespace platform {
+namespace dxr {
 class PortSet;
 }
 
@@ -113,7 +113,7 @@ private:
     void _deliverMessage() noexcept;
 
     const std::optional<std::string> _name;
-    const CXRef<platform::PortSet> _portset; // the receivers' ports, and the signal
+    const CXRef<dxr::PortSet> _portset; // the receivers' ports, and the signal
     std::atomic<uint32_t> _cancelled{
         0}; // bit 0: requested, bit 1: finished; the second by the queue's thread
     std::atomic<CXRealtimeGrant> _realTimeGrant{CXRealtimeGrant::None};

@@ -12,17 +12,17 @@ using StoredHandler = CXStoredBlock<void(const CXRef<CXDispatchReceiver>&, std::
 
 } // namespace
 
-CXRef<CXDispatchReceiver> CXDispatchReceiver::init(const CXRef<platform::Port>& port, uint32_t dealloc)
+CXRef<CXDispatchReceiver> CXDispatchReceiver::init(const CXRef<dxr::Port>& port, uint32_t dealloc)
 {
-    CXRef<platform::Port> own = port;
+    CXRef<dxr::Port> own = port;
     if (!own && (dealloc & makesOwnPort) == makesOwnPort)
-        own = platform::Port::init();
+        own = dxr::Port::init();
     CXRef<CXDispatchReceiver> receiver =
         CXRef<CXDispatchReceiver>::adopt(new CXDispatchReceiver(std::move(own), dealloc));
     return receiver->isWhole() ? receiver : nullptr;
 }
 
-CXDispatchReceiver::CXDispatchReceiver(CXRef<platform::Port> port, uint32_t disposition)
+CXDispatchReceiver::CXDispatchReceiver(CXRef<dxr::Port> port, uint32_t disposition)
     : _port(std::move(port)), _disposition(disposition)
 {}
 

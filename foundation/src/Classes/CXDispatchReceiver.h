@@ -21,23 +21,23 @@ public:
     using Handler = CXBlock<void(const CXRef<CXDispatchReceiver>&, std::span<const std::byte>)>;
 
     /// A receiver for `port`. Without one, and with both flags set, it makes its own.
-    static CXRef<CXDispatchReceiver> init(const CXRef<platform::Port>& port, uint32_t dealloc);
+    static CXRef<CXDispatchReceiver> init(const CXRef<dxr::Port>& port, uint32_t dealloc);
     /// The same without flags: the port is the caller's business.
-    static CXRef<CXDispatchReceiver> init(const CXRef<platform::Port>& port) { return init(port, 0); }
+    static CXRef<CXDispatchReceiver> init(const CXRef<dxr::Port>& port) { return init(port, 0); }
 
     /// An empty reference when it was given none and made none.
-    CXRef<platform::Port> port() const override { return _port; }
+    CXRef<dxr::Port> port() const override { return _port; }
     Handler handler() const;
     void setMessageHandler(const Handler& handler);
 
 private:
-    CXDispatchReceiver(CXRef<platform::Port> port, uint32_t disposition);
+    CXDispatchReceiver(CXRef<dxr::Port> port, uint32_t disposition);
     ~CXDispatchReceiver() override;
 
     void call(std::span<const std::byte> message) override;
     void _enter(CXDispatchQueue& queue) override;
     void _leave(CXDispatchQueue& queue) override;
 
-    const CXRef<platform::Port> _port;
+    const CXRef<dxr::Port> _port;
     const uint32_t _disposition;
 };

@@ -4,7 +4,7 @@
 #include "CXTFAObject.h"
 #include "HostClock.h"
 
-using platform::Futex;
+using dxr::Futex;
 
 namespace {
 
@@ -134,7 +134,7 @@ void CXDispatchTimerList::_schedule(Entry& entry) noexcept
     if (entry.deadline == 0)
         entry.deadline = entry.absoluteStart;
     if (entry.deadline == 0 && entry.interval != 0)
-        entry.deadline = laterBy(platform::HostClock::nowTicks(), entry.interval);
+        entry.deadline = laterBy(dxr::HostClock::nowTicks(), entry.interval);
     if (entry.deadline == 0)
         return;
     Entry* before = _last;

@@ -53,5 +53,5 @@ private:
     uint64_t _pass = 0; // counts the calls of fireDue()
     // The first entry's. Read without the guard: it is only when to look, and a reader that misses a change
     // to an earlier one is woken by the thread that made it.
-    std::atomic<uint64_t> _firstDeadline{platform::Futex::noDeadline};
+    std::atomic<uint64_t> _firstDeadline{dxr::Futex::noDeadline};
 };

@@ -23,7 +23,7 @@ std::atomic<bool> debugSwitch{false};
 
 bool askForDebugger()
 {
-    const std::optional<bool> attached = platform::isDebuggerAttached();
+    const std::optional<bool> attached = dxr::isDebuggerAttached();
     if (!attached)
         _CXFailedAssertion("AmIBeingDebugged", "junk == 0", "CXErrorAdditions", 62);
     return *attached;
@@ -42,18 +42,17 @@ std::string userInfoText(const CXError::UserInfo& userInfo)
 void CXLogError(const CXRef<CXError>& error)
 {
     if (error)
-        platform::LogSink::log("Error: " + error->description() + " (" + userInfoText(error->userInfo()) +
-                               ")");
+        dxr::LogSink::log("Error: " + error->description() + " (" + userInfoText(error->userInfo()) + ")");
     else
-        platform::LogSink::log("Error: (null)");
+        dxr::LogSink::log("Error: (null)");
     if (CXDebugEnabled())
-        platform::LogSink::log("     : " + CXStackTrace::fromCurrentStack()->description());
+        dxr::LogSink::log("     : " + CXStackTrace::fromCurrentStack()->description());
 }
 
 void CXLogException(const CXException& exception)
 {
-    platform::LogSink::log("Error: Unhandled exception:\nDescription: " + exception.description() +
-                           "\n Stack Trace:\n" + CXStackTrace::fromException(exception)->description());
+    dxr::LogSink::log("Error: Unhandled exception:\nDescription: " + exception.description() +
+                      "\n Stack Trace:\n" + CXStackTrace::fromException(exception)->description());
 }
 
 bool CXDebugEnabled()

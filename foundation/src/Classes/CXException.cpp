@@ -4,6 +4,5 @@
 
 CXException::CXException(std::string name, std::optional<std::string> reason, CXPlist userInfo)
     : _name(std::move(name)), _reason(std::move(reason)), _userInfo(std::move(userInfo)),
-      _callStackSymbols(platform::CallStack::symbols()),
-      _description(_name + ": " + _reason.value_or("(null)"))
+      _callStackSymbols(dxr::CallStack::symbols()), _description(_name + ": " + _reason.value_or("(null)"))
 {}

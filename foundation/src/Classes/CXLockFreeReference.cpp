@@ -83,7 +83,7 @@ CXRef<CXObject> CXLockFreeReference::copyObjectReference() const
 /// Finds the current object and counts the caller as its reader.
 CXLockFreeReference::Reading CXLockFreeReference::_enter(long overflowLine) const
 {
-    platform::BackOff backOff(pausesAfterLoss);
+    dxr::BackOff backOff(pausesAfterLoss);
     uint64_t word = _girc.load(std::memory_order_acquire);
     for (;;) {
         if (indexOf(word) == noObject)
@@ -102,7 +102,7 @@ CXLockFreeReference::Reading CXLockFreeReference::_enter(long overflowLine) cons
 /// back instead. The caller keeps the retain that it made itself or was never counted without.
 void CXLockFreeReference::_leave(const Reading& reading, long underflowLine) const
 {
-    platform::BackOff backOff(pausesAfterLoss);
+    dxr::BackOff backOff(pausesAfterLoss);
     uint64_t word = reading.word + 1; // as this reader left it, and as it mostly still is
     while (isSameObject(word, reading.word)) {
         assertThat((word & readerMask) != 0, underflowLine);
@@ -164,7 +164,7 @@ bool CXLockFreeReference::setObjectReference(const CXRef<CXObject>& object, cons
 /// reader, and every other reader counted leaves with a retain made here.
 bool CXLockFreeReference::_replace(const Reading& old, uint32_t newIndex)
 {
-    platform::BackOff backOff(pausesAfterLoss);
+    dxr::BackOff backOff(pausesAfterLoss);
     uint64_t word = _girc.load(std::memory_order_acquire);
     while (isSameObject(word, old.word)) {
         uint64_t others = 0;

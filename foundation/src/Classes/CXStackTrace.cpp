@@ -16,7 +16,7 @@ std::vector<std::string> outermostFirst(const std::vector<std::string>& innermos
 
 CXRef<CXStackTrace> CXStackTrace::fromCurrentStack()
 {
-    return initWithCrawlFrames(outermostFirst(platform::CallStack::symbols()));
+    return initWithCrawlFrames(outermostFirst(dxr::CallStack::symbols()));
 }
 
 CXRef<CXStackTrace> CXStackTrace::initWithException(const CXException& exception)

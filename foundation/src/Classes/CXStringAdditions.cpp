@@ -18,7 +18,7 @@ namespace {
 /// The first character of `text`, which is not empty; a byte that begins none is one.
 std::string_view firstCharacter(std::string_view text)
 {
-    return text.substr(0, std::max<size_t>(platform::utf8CharacterLength(text), 1));
+    return text.substr(0, std::max<size_t>(dxr::utf8CharacterLength(text), 1));
 }
 
 /// Its code point; a byte that is no character has none of anybody's interest.
@@ -156,7 +156,7 @@ std::optional<std::string> stringWithUTF8Data(std::span<const std::byte> data)
 {
     const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
     for (std::string_view rest = text; !rest.empty();) {
-        const size_t length = platform::utf8CharacterLength(rest);
+        const size_t length = dxr::utf8CharacterLength(rest);
         if (length == 0)
             return std::nullopt;
         rest.remove_prefix(length);

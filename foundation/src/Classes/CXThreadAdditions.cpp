@@ -4,5 +4,5 @@
 
 void vt_setThreadName(std::string_view name)
 {
-    platform::Thread::setCurrentName(name);
+    dxr::Thread::setCurrentName(name);
 }

@@ -5,7 +5,7 @@
 
 #include <new>
 
-using platform::HostClock;
+using dxr::HostClock;
 
 CXRef<CXTimeBase> CXTimeBase::sharedTimeBase()
 {

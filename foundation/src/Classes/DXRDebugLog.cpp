@@ -28,7 +28,7 @@ DebugCenter& debugCenter()
 
 void logMessage(const char* format, va_list arguments)
 {
-    platform::LogSink::log("[DXR] " + CXFormatted(format, arguments));
+    dxr::LogSink::log("[DXR] " + CXFormatted(format, arguments));
 }
 
 } // namespace
@@ -73,7 +73,7 @@ void DXRDebugLogWithStack(const char* format, ...)
 {
     if (!DXRDebugLogIsActive())
         return;
-    std::vector<std::string> frames = platform::CallStack::symbols();
+    std::vector<std::string> frames = dxr::CallStack::symbols();
     if (!frames.empty())
         frames.erase(frames.begin()); // this function
     frames.resize(std::min(frames.size(), maxFramesShown));

@@ -19,9 +19,9 @@
 
 namespace {
 
-using platform::AtomicStack;
-using platform::AtomicStackPair;
-using platform::PageMapping;
+using dxr::AtomicStack;
+using dxr::AtomicStackPair;
+using dxr::PageMapping;
 
 // Blocks of up to 4096 bytes share 16 KiB chunks; the first word of a chunk, which is aligned to its size,
 // holds the class, and the first block follows at offset 16. A larger block has a mapping of its own, one
@@ -136,7 +136,7 @@ std::byte* newChunk(size_t requestedSize) noexcept
 {
     constexpr size_t regionSize = chunksPerRegion * chunkSize;
     uintptr_t unused = gUnusedChunks.load();
-    for (platform::BackOff backOff;; backOff.wait()) {
+    for (dxr::BackOff backOff;; backOff.wait()) {
         if (const uintptr_t left = unused % chunkSize; left > 0) {
             if (gUnusedChunks.compare_exchange_strong(unused, unused + chunkSize - 1))
                 return reinterpret_cast<std::byte*>(unused - left); // NOLINT: an address and a count
@@ -202,7 +202,7 @@ void* takeUnusedBlock(unsigned sizeClass) noexcept
 {
     std::atomic<uintptr_t>& unused = gUnusedBlocks[sizeClass];
     uintptr_t block = unused.load(std::memory_order_acquire);
-    for (platform::BackOff backOff; block != 0; backOff.wait()) {
+    for (dxr::BackOff backOff; block != 0; backOff.wait()) {
         if (unused.compare_exchange_strong(block, blockAfter(block, blockSize(sizeClass)),
                                            std::memory_order_acq_rel, std::memory_order_acquire))
             break;

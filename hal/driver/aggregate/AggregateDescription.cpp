@@ -48,7 +48,7 @@ std::optional<AggregateDescription> AggregateDescription::of(const CXPlist& dict
     AggregateDescription description;
     description.dictionary = dictionary;
     description.uid = uid.get<std::string>();
-    description.name = platform::utf8Replaced(name.is_string() ? name.get<std::string>() : description.uid);
+    description.name = dxr::utf8Replaced(name.is_string() ? name.get<std::string>() : description.uid);
     for (const CXPlist& each : subDevices) {
         if (!each.is_object() || !isFilledString(entry(each, "uid")) ||
             !isNumberOrAbsent(entry(each, "drift")))

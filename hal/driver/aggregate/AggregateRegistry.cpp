@@ -9,7 +9,7 @@ void AggregateRegistry::add(AudioObjectID deviceID, const CXRef<AggregateDevice>
 {
     const std::scoped_lock lock(_mutex);
     if (!_queue)
-        _queue = platform::SerialQueue::initWithLabel("dxr-aggregates");
+        _queue = dxr::SerialQueue::initWithLabel("dxr-aggregates");
     _devices.emplace(deviceID, device);
 }
 
@@ -45,7 +45,7 @@ void AggregateRegistry::devicesChanged()
 
 void AggregateRegistry::flush()
 {
-    CXRef<platform::SerialQueue> queue;
+    CXRef<dxr::SerialQueue> queue;
     {
         const std::scoped_lock lock(_mutex);
         queue = _queue;

@@ -34,6 +34,6 @@ private:
 
     mutable std::mutex _mutex; // what follows; held for look-ups only
     std::map<AudioObjectID, CXRef<AggregateDevice>> _devices;
-    CXRef<platform::SerialQueue> _queue; // from the first aggregate on
-    bool _isRefreshing = false;          // a job that has not begun is queued
+    CXRef<dxr::SerialQueue> _queue; // from the first aggregate on
+    bool _isRefreshing = false;     // a job that has not begun is queued
 };

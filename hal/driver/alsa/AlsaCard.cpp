@@ -66,8 +66,7 @@ std::optional<AlsaCardInfo> AlsaCard::_info()
 std::optional<std::string> AlsaCard::name()
 {
     const auto info = _info();
-    return info ? std::optional(platform::utf8Replaced(info->name.empty() ? info->id : info->name))
-                : std::nullopt;
+    return info ? std::optional(dxr::utf8Replaced(info->name.empty() ? info->id : info->name)) : std::nullopt;
 }
 
 bool AlsaCard::_pcmInfo(unsigned pcm, HALDirection direction, snd_pcm_info_t* info)

@@ -247,7 +247,7 @@ void AlsaControls::_readChoice(snd_hctl_elem_t* choice, HALDirectionState& state
             break;
         count = std::min(snd_ctl_elem_info_get_items(info), maxItems);
         state.dataSources.push_back(
-            {firstItemSource + item, platform::utf8Replaced(snd_ctl_elem_info_get_item_name(info))});
+            {firstItemSource + item, dxr::utf8Replaced(snd_ctl_elem_info_get_item_name(info))});
     }
     if (snd_hctl_elem_read(choice, value) >= 0 &&
         snd_ctl_elem_value_get_enumerated(value, 0) < state.dataSources.size())
@@ -278,7 +278,7 @@ void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirectionState& state) 
         }
         // Kept as long as the card is there: numbers of controls are from 1, so none is the internal one's.
         const uint32_t sourceID = internalSource + snd_hctl_elem_get_numid(each);
-        state.dataSources.push_back({sourceID, platform::utf8Replaced(name.substr(0, label))});
+        state.dataSources.push_back({sourceID, dxr::utf8Replaced(name.substr(0, label))});
         if (state.dataSourceID == internalSource && snd_ctl_elem_value_get_boolean(value, 0))
             state.dataSourceID = sourceID;
     }

@@ -94,7 +94,7 @@ bool AlsaDevice::_probe()
 void AlsaDevice::_describe(const std::string& cardName, HALDeviceState& state) const
 {
     const std::string& own = _pcm.name.empty() ? _pcm.id : _pcm.name;
-    state.name = _pcm.isOnly || own.empty() ? cardName : cardName + " " + platform::utf8Replaced(own);
+    state.name = _pcm.isOnly || own.empty() ? cardName : cardName + " " + dxr::utf8Replaced(own);
     state.isStalled = _runState.isStalled;
     state.isRunningElsewhere = false;
     const double ratio = _runState.rateRatio;

@@ -44,7 +44,7 @@ void AlsaDriver::start(HALDriverSink& sink)
     for (int number = 0; number < maxCards; ++number)
         _openCard(number);
     _refresh();
-    _thread = platform::Thread("dxr-alsa", [this] { _run(); });
+    _thread = dxr::Thread("dxr-alsa", [this] { _run(); });
 }
 
 void AlsaDriver::stop()

@@ -54,5 +54,5 @@ private:
     std::array<std::string, 3> _chosen; // UIDs, by HALDefault; empty: none chosen
     std::array<CXRef<AlsaDevice>, 3> _defaults;
 
-    platform::Thread _thread;
+    dxr::Thread _thread;
 };

@@ -19,7 +19,7 @@ std::string attribute(const fs::path& file)
     std::ifstream stream(file);
     std::string line;
     std::getline(stream, line);
-    return platform::utf8Replaced(line.substr(0, maxAttributeBytes));
+    return dxr::utf8Replaced(line.substr(0, maxAttributeBytes));
 }
 
 uint32_t transportOf(const AlsaCardInfo& info)
@@ -35,7 +35,7 @@ uint32_t transportOf(const AlsaCardInfo& info)
 void identifyUSB(AlsaIdentity& identity, const fs::path& unit)
 {
     identity.place = unit.filename().string();
-    if (const auto location = platform::usbLocationID(identity.place)) {
+    if (const auto location = dxr::usbLocationID(identity.place)) {
         char digits[16];
         std::snprintf(digits, sizeof digits, "%08X", *location);
         identity.place = digits;
@@ -61,9 +61,9 @@ AlsaIdentity alsaIdentity(int cardNumber, const AlsaCardInfo& info, const fs::pa
     const std::string place = !missing                ? device.filename().string()
                               : info.longName.empty() ? info.id
                                                       : info.longName;
-    identity.key = identity.place = platform::utf8Replaced(place);
+    identity.key = identity.place = dxr::utf8Replaced(place);
     if (info.components.starts_with("USB"))
-        identity.modelUID = platform::utf8Replaced(info.components.substr(3, 9));
+        identity.modelUID = dxr::utf8Replaced(info.components.substr(3, 9));
     if (!missing && fs::exists(device.parent_path() / "idVendor", missing))
         identifyUSB(identity, device.parent_path());
     return identity;

@@ -212,7 +212,7 @@ AlsaPcm::Stamp AlsaPcm::stamp() noexcept
 {
     snd_pcm_uframes_t available = 0;
     snd_htimestamp_t time{};
-    const uint64_t now = platform::HostClock::nowTicks();
+    const uint64_t now = dxr::HostClock::nowTicks();
     const int error = snd_pcm_htimestamp(_pcm, &available, &time);
     uint64_t stamp = static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
     // Some drivers have no stamps, or stamps of another clock.

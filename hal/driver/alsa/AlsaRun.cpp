@@ -56,7 +56,7 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
 {
     _whenRefused = whenRefused;
     try {
-        _thread = platform::Thread("dxr-alsa-io", [this] { _run(); });
+        _thread = dxr::Thread("dxr-alsa-io", [this] { _run(); });
     } catch (const std::system_error&) { // the process may have no more threads
         return kAudioHardwareUnspecifiedError;
     }
@@ -64,8 +64,8 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
     const bool isSettled = _settled.wait_until(lock, deadline, [this] { return _startError.has_value(); });
     const int error = isSettled ? *_startError : -ETIMEDOUT;
     if (error && error != -ENODEV)
-        platform::LogSink::log("cannot start audio device '" + platform::printableText(_setup.deviceName) +
-                               "': " + snd_strerror(error));
+        dxr::LogSink::log("cannot start audio device '" + dxr::printableText(_setup.deviceName) +
+                          "': " + snd_strerror(error));
     return error ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
 }
 
@@ -87,7 +87,7 @@ void AlsaRun::_wake() const noexcept
 void AlsaRun::_run()
 {
     const AlsaQuiet quiet;
-    platform::makeCurrentThreadRealtime();
+    dxr::makeCurrentThreadRealtime();
     for (int delay = firstRetryMilliseconds; _request != Request::Stop;) {
         Request yielded = Request::Yield;
         _request.compare_exchange_strong(yielded, Request::Run);
@@ -260,8 +260,8 @@ void AlsaRun::_noteCycle()
 void AlsaRun::_noteStall(int error)
 {
     if (_request != Request::Yield && error != -ENODEV && !std::exchange(_isLogged, true))
-        platform::LogSink::log("audio device '" + platform::printableText(_setup.deviceName) +
-                               "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
+        dxr::LogSink::log("audio device '" + dxr::printableText(_setup.deviceName) +
+                          "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
     _state.timeline.interrupt();
     _state.isStalled = true;
     _state.changed();

@@ -81,5 +81,5 @@ private:
     std::mutex _mutex; // guards what follows; never taken in a cycle
     std::condition_variable _settled;
     std::optional<int> _startError; // of the first cycle, once that is known
-    platform::Thread _thread;
+    dxr::Thread _thread;
 };

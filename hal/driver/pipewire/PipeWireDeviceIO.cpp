@@ -297,7 +297,7 @@ void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
     cycle.outputTime = halTimeStamp(sampleTime + frameCount, nanoseconds + cycleNanoseconds, ratio);
     _runProcs(cycle);
     // The device did not wait: output that came too late is lost, though the clock's count shows no gap.
-    if (!step.lostFrames && clock.next_nsec > clock.nsec && platform::HostClock::nowTicks() > clock.next_nsec)
+    if (!step.lostFrames && clock.next_nsec > clock.nsec && dxr::HostClock::nowTicks() > clock.next_nsec)
         _noteOverload();
 }
 

@@ -33,10 +33,10 @@ PipeWireLoop::~PipeWireLoop()
 void PipeWireLoop::_startThread()
 {
     try {
-        _thread = platform::Thread("dxr-pipewire", [this] { _run(); });
+        _thread = dxr::Thread("dxr-pipewire", [this] { _run(); });
         _hasThread = true;
     } catch (const std::system_error& error) {
-        platform::LogSink::log(std::string("PipeWire: cannot create a thread: ") + error.what());
+        dxr::LogSink::log(std::string("PipeWire: cannot create a thread: ") + error.what());
     }
 }
 
@@ -58,8 +58,8 @@ void PipeWireLoop::_run()
     _threadID = std::this_thread::get_id();
     for (bool isFirst = true; !_ended && !_makeLoop(); isFirst = false) {
         if (isFirst)
-            platform::LogSink::log(std::string("PipeWire: no loop, and no devices until there is one: ") +
-                                   std::strerror(errno));
+            dxr::LogSink::log(std::string("PipeWire: no loop, and no devices until there is one: ") +
+                              std::strerror(errno));
         _waitForWork();
     }
     if (!_loop)

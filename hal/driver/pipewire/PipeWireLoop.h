@@ -67,5 +67,5 @@ private:
     spa_source* _wake = nullptr; // set once, under the mutex
     std::atomic<std::thread::id> _threadID;
     bool _hasThread = false; // under the mutex, as the thread's start is
-    platform::Thread _thread;
+    dxr::Thread _thread;
 };

@@ -120,7 +120,7 @@ std::optional<uint32_t> locationInKernelPath(std::string_view path)
     for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
         const std::string_view folder = path.substr(0, end);
         const size_t start = folder.rfind('/') + 1; // 0, where there is none
-        if (const auto location = platform::usbLocationID(folder.substr(start)))
+        if (const auto location = dxr::usbLocationID(folder.substr(start)))
             return location;
     }
     return std::nullopt;
@@ -136,7 +136,7 @@ std::optional<uint32_t> locationInBusPath(std::string_view path)
         return std::nullopt;
     std::string name(path.substr(dash + 1, path.find(':', colon + 1) - dash - 1));
     name[colon - dash - 1] = '-'; // as the kernel writes it
-    return platform::usbLocationID(name);
+    return dxr::usbLocationID(name);
 }
 
 /// Where the sound card is, when it is one of this computer's: known by its bus path, or by its number and
@@ -146,8 +146,8 @@ std::optional<uint32_t> registeredLocation(const std::string& busPath, const std
     constexpr uint32_t ports = 0x00FFFFFF;
     const std::optional<uint32_t> withoutBus = locationInBusPath(busPath);
     std::optional<uint32_t> location;
-    platform::USBRegistry::ask([&](const platform::USBRegistryContents& contents) {
-        for (const platform::USBAudioEngine& engine : contents.engines()) {
+    dxr::USBRegistry::ask([&](const dxr::USBRegistryContents& contents) {
+        for (const dxr::USBAudioEngine& engine : contents.engines()) {
             if (!busPath.empty() && engine.busPath == busPath) {
                 location = engine.locationID;
                 break;
@@ -173,8 +173,8 @@ std::optional<uint32_t> usbLocation(const PipeWireNodeProperties& properties)
 bool hasUSBSerialNumber(const PipeWireNodeProperties& properties, uint32_t location)
 {
     bool hasSerialNumber = false;
-    const bool isKnown = platform::USBRegistry::ask([&](const platform::USBRegistryContents& contents) {
-        const platform::USBDevice* const device = contents.deviceAtLocation(location);
+    const bool isKnown = dxr::USBRegistry::ask([&](const dxr::USBRegistryContents& contents) {
+        const dxr::USBDevice* const device = contents.deviceAtLocation(location);
         hasSerialNumber = device && device->serialNumber;
         return device != nullptr;
     });

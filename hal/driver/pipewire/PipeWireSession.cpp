@@ -159,7 +159,7 @@ bool PipeWireSession::_makeContext()
     _context =
         pw_context_new(_loop.get(), PipeWireProperties{{PW_KEY_CONFIG_NAME, "client-rt.conf"}}.copy(), 0);
     if (!_context && !std::exchange(_hasReported, true))
-        platform::LogSink::log(std::string("PipeWire: no context: ") + std::strerror(errno));
+        dxr::LogSink::log(std::string("PipeWire: no context: ") + std::strerror(errno));
     return _context != nullptr;
 }
 

@@ -12,14 +12,14 @@ constexpr std::array allDefaults{HALDefault::Input, HALDefault::Output, HALDefau
 
 void makeValid(HALDeviceState& state)
 {
-    state.name = platform::utf8Replaced(state.name);
+    state.name = dxr::utf8Replaced(state.name);
     for (std::optional<std::string>* text : {&state.manufacturer, &state.modelUID}) {
         if (*text)
-            *text = platform::utf8Replaced(**text);
+            *text = dxr::utf8Replaced(**text);
     }
     for (HALDirectionState& direction : state.directions) {
         for (HALDataSourceState& source : direction.dataSources)
-            source.name = platform::utf8Replaced(source.name);
+            source.name = dxr::utf8Replaced(source.name);
     }
 }
 

@@ -15,7 +15,7 @@ public:
     static CXRef<IOThread> initWithRun(CXRef<SimulatedRun> run)
     {
         auto thread = CXRef<IOThread>::adopt(new IOThread(std::move(run)));
-        thread->_thread = platform::Thread("dxr-io", [thread] { thread->_main(); });
+        thread->_thread = dxr::Thread("dxr-io", [thread] { thread->_main(); });
         return thread;
     }
 
@@ -44,11 +44,10 @@ private:
 
     void _main()
     {
-        if (platform::makeCurrentThreadRealtime().grant == platform::RealtimeGrant::None)
-            platform::LogSink::log(
-                "No real-time scheduling for a simulated device: its cycles may come late");
+        if (dxr::makeCurrentThreadRealtime().grant == dxr::RealtimeGrant::None)
+            dxr::LogSink::log("No real-time scheduling for a simulated device: its cycles may come late");
         while (_waitUntilDue()) {
-            const uint64_t now = platform::HostClock::nowTicks();
+            const uint64_t now = dxr::HostClock::nowTicks();
             const uint64_t due = _run->nextCycleTicks();
             const uint64_t cycle = _run->cycleTicks();
             if (due > now || cycle == 0) // another time by now
@@ -83,7 +82,7 @@ private:
     std::condition_variable _wake;
     bool _isStopped = false;
     uint32_t _wakeUps = 0;
-    platform::Thread _thread;
+    dxr::Thread _thread;
 };
 
 SimulatedScheduler::SimulatedScheduler(bool isStepped) : _isStepped(isStepped) {}
@@ -98,7 +97,7 @@ try {
     _threads.emplace(run, thread);
     return kAudioHardwareNoError;
 } catch (const std::system_error& error) {
-    platform::LogSink::log(std::string("Simulated device: cannot create a thread: ") + error.what());
+    dxr::LogSink::log(std::string("Simulated device: cannot create a thread: ") + error.what());
     return kAudioHardwareUnspecifiedError;
 }
 
@@ -139,7 +138,7 @@ void SimulatedScheduler::reschedule(const CXRef<SimulatedRun>& run)
 uint64_t SimulatedScheduler::nowTicks() const
 {
     if (!_isStepped)
-        return platform::HostClock::nowTicks();
+        return dxr::HostClock::nowTicks();
     const std::scoped_lock lock(_mutex);
     return _nowTicks;
 }

@@ -65,7 +65,7 @@ protected:
 class RecordingListener {
 public:
     RecordingListener(HALModel& hal, AudioObjectID object, AudioObjectPropertyAddress address,
-                      CXRef<platform::WorkQueue> queue = nullptr, std::function<void()> whenCalled = {})
+                      CXRef<dxr::WorkQueue> queue = nullptr, std::function<void()> whenCalled = {})
         : _hal(hal), _object(object),
           _address(address), _listener{nullptr, nullptr,
                                        [this, whenCalled](uint32_t count,

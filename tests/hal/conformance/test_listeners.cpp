@@ -31,7 +31,7 @@ TEST_F(Conformance, deliversOnTheQueueThatWasGiven)
 {
     std::string uid;
     const AudioObjectID device = plugged("Queue", 0, 2, &uid);
-    const auto queue = platform::SerialQueue::initWithLabel("listener");
+    const auto queue = dxr::SerialQueue::initWithLabel("listener");
     std::atomic<int> onQueue{0};
     std::atomic<int> elsewhere{0};
     const RecordingListener listener(hal(), device, at(kAudioObjectPropertyName), queue,
@@ -117,13 +117,13 @@ TEST_F(Conformance, neverCallsAListenerAfterItsRemoval)
         for (uint32_t i = 0; !done; ++i)
             writeValue(hal(), device, at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput), i % 2);
     });
-    const auto queue = platform::SerialQueue::initWithLabel("storm");
+    const auto queue = dxr::SerialQueue::initWithLabel("storm");
     for (int round = 0; round < 200; ++round) {
         auto isRemoved = std::make_shared<std::atomic<bool>>(false);
         const HALListener listener{
             nullptr, nullptr,
             [isRemoved](uint32_t, const AudioObjectPropertyAddress*) { EXPECT_FALSE(*isRemoved); },
-            round % 2 == 0 ? CXRef<platform::WorkQueue>(queue) : nullptr};
+            round % 2 == 0 ? CXRef<dxr::WorkQueue>(queue) : nullptr};
         ASSERT_EQ(hal().addListener(device, anyAddress, listener), kAudioHardwareNoError);
         std::this_thread::yield();
         ASSERT_EQ(hal().removeListener(device, anyAddress, listener), kAudioHardwareNoError);

@@ -211,7 +211,7 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
 }
 
 /// A queue that is never served.
-class UnservedQueue final : public platform::WorkQueue {
+class UnservedQueue final : public dxr::WorkQueue {
 public:
     UnservedQueue() : WorkQueue("unserved") {}
     bool isCurrent() const noexcept override { return false; }
@@ -277,7 +277,7 @@ TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
                 done[i].set_value();
             };
         }
-        listeners[1].queue = platform::SerialQueue::initWithLabel("listener");
+        listeners[1].queue = dxr::SerialQueue::initWithLabel("listener");
         for (int i = 1; i >= 0; --i) // the one on the queue is called first
             model->addListener(device, mute, listeners[i]);
         writeValue(*model, device, mute, (round + 1) % 2);

@@ -208,8 +208,7 @@ TEST_F(PipeWireGroups, anOverloadIsReportedToTheGroupAndToEveryMember)
                       [count = 0](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*,
                                   AudioBufferList*, const AudioTimeStamp*) mutable {
                           // Computes through several cycles, once.
-                          while (++count == 20 &&
-                                 platform::HostClock::nowTicks() < now->hostTime + 100'000'000)
+                          while (++count == 20 && dxr::HostClock::nowTicks() < now->hostTime + 100'000'000)
                               --count;
                       });
     ASSERT_EQ(group.status, kAudioHardwareNoError);

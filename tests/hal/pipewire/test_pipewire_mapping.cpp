@@ -69,11 +69,11 @@ TEST(PipeWireNaming, tellsUSBDevicesWithoutASerialNumberByTheirPlace)
     EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00");
 
     // What the system knows of the bus goes first.
-    using platform::USBRegistry;
+    using dxr::USBRegistry;
     const auto put = [](uint32_t location, std::optional<std::string> serial, std::string busPath) {
         USBRegistry::setReader([=] {
-            return platform::USBRegistryContents::initWithDevices({{location, serial}},
-                                                                  {{"", serial, location, 5, busPath}});
+            return dxr::USBRegistryContents::initWithDevices({{location, serial}},
+                                                             {{"", serial, location, 5, busPath}});
         });
     };
     put(0x07142000, {}, "pci-0000:00:14.0-usb-0:1.4.2:1.0");

@@ -303,7 +303,7 @@ TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
     PrivateServer server;
     EXPECT_TRUE(runInChild([&] {
         int logged = 0;
-        platform::LogSink::setWriter([&](std::string_view) { ++logged; });
+        dxr::LogSink::setWriter([&](std::string_view) { ++logged; });
         for (rlim_t left = 0; left < 30; ++left) {
             CXRef<HALModel> hal;
             {

@@ -52,7 +52,7 @@ void MonitorTap::_process(void* data, spa_io_position* position)
     self->_next = position->clock.position + frames;
     std::copy(samples, samples + frames, self->_samples.begin() + static_cast<ptrdiff_t>(count));
     self->_count = count + frames;
-    if (platform::HostClock::nowTicks() > position->clock.next_nsec)
+    if (dxr::HostClock::nowTicks() > position->clock.next_nsec)
         ++self->_gaps; // so late that the samples may have been those of the next cycle
 }
 

@@ -38,13 +38,13 @@ FakeUSBBus::FakeUSBBus() : _testbed(umockdev_testbed_new())
 {
     if (!umockdev_in_mock_environment())
         throw std::runtime_error("umockdev's library is not preloaded");
-    platform::USBRegistry::refresh();
+    dxr::USBRegistry::refresh();
 }
 
 FakeUSBBus::~FakeUSBBus()
 {
     g_object_unref(_testbed);
-    platform::USBRegistry::refresh();
+    dxr::USBRegistry::refresh();
 }
 
 std::string FakeUSBBus::_hub(const std::string& place)
@@ -73,7 +73,7 @@ void FakeUSBBus::plug(const std::string& place, uint32_t card, const Unit& unit)
     _cards[place] =
         added(_testbed, "sound", "card" + std::to_string(card), interface, {}, {{"ID_PATH", busPath(place)}});
     _folders[place] = device;
-    platform::USBRegistry::refresh();
+    dxr::USBRegistry::refresh();
 }
 
 void FakeUSBBus::unplug(const std::string& place)
@@ -84,7 +84,7 @@ void FakeUSBBus::unplug(const std::string& place)
         umockdev_testbed_remove_device(_testbed, each.c_str());
     _folders.erase(place);
     _cards.erase(place);
-    platform::USBRegistry::refresh();
+    dxr::USBRegistry::refresh();
 }
 
 std::string FakeUSBBus::busPath(const std::string& place)

@@ -116,7 +116,7 @@ Demo::Demo(const Options& options)
     _notifier = [this](const auto& connected, const auto& disconnected, const auto&) {
         _devicesChanged(connected, disconnected);
     };
-    _manager.addDeviceNotifier(CXRef<platform::WorkQueue>(&platform::MainQueue::shared()), _notifier);
+    _manager.addDeviceNotifier(CXRef<dxr::WorkQueue>(&dxr::MainQueue::shared()), _notifier);
     _patch =
         LoopPatch::initWithSelections({_selection(DemoStage::Microphone)},
                                       {_selection(DemoStage::Monitors), _selection(DemoStage::Headphones)});
@@ -185,7 +185,7 @@ void Demo::_introduce() const
 /// False when the user has ended it early.
 bool Demo::_perform()
 {
-    _stretches.push_back({platform::HostClock::nowTicks(), 0, {true, true, true}});
+    _stretches.push_back({dxr::HostClock::nowTicks(), 0, {true, true, true}});
     bool goesOn = _session.start();
     while (goesOn && _session.seconds() < _options.seconds) {
         _doSteps();
@@ -194,7 +194,7 @@ bool Demo::_perform()
         _screen.draw(_patch->meters(), formatSeconds(_session.seconds()) +
                                            formatText(" of %.0f s   ", _options.seconds) + _context);
     }
-    _stretches.back().to = platform::HostClock::nowTicks();
+    _stretches.back().to = dxr::HostClock::nowTicks();
     _session.stop();
     _screen.finish("");
     return goesOn;
@@ -203,7 +203,7 @@ bool Demo::_perform()
 void Demo::_doSteps()
 {
     for (;;) {
-        const uint64_t before = platform::HostClock::nowTicks();
+        const uint64_t before = dxr::HostClock::nowTicks();
         const std::optional<DemoScript::Step> step = _script.doNext(_session.seconds());
         if (!step)
             return;
@@ -213,7 +213,7 @@ void Demo::_doSteps()
             _headphoneUIDs.push_back(_stage.uidOf(DemoStage::Headphones));
         DemoStretch next = _stretches.back();
         _stretches.back().to = before;
-        next.from = platform::HostClock::nowTicks();
+        next.from = dxr::HostClock::nowTicks();
         next.isPlugged[step->device] = step->isPlug;
         _stretches.push_back(next);
     }
@@ -222,7 +222,7 @@ void Demo::_doSteps()
 void Demo::_devicesChanged(const DXRDeviceManager::Devices& connected,
                            const DXRDeviceManager::Devices& disconnected)
 {
-    const uint64_t now = platform::HostClock::nowTicks();
+    const uint64_t now = dxr::HostClock::nowTicks();
     for (const Device device : DemoStage::devices) {
         if (!connected.contains(_devices[device]) && !disconnected.contains(_devices[device]))
             continue;
@@ -258,14 +258,14 @@ void Demo::_look()
         _isOpen = true;
         _session.beginCounting();
         _patch->open();
-        _stretches.back().from = platform::HostClock::nowTicks();
+        _stretches.back().from = dxr::HostClock::nowTicks();
     }
     std::vector<bool> isConnected;
     for (const Device device : DemoStage::devices) {
         const SessionDevice& status = _session.devices()[device];
         isConnected.push_back(status.isConnected());
         if (const std::optional<double> drift = status.partsPerMillion())
-            _drifts[device].points.push_back({_picture.secondsAt(platform::HostClock::nowTicks()), *drift});
+            _drifts[device].points.push_back({_picture.secondsAt(dxr::HostClock::nowTicks()), *drift});
     }
     _picture.notePresence(isConnected);
     const std::string context = _session.contextText();

@@ -29,12 +29,12 @@ class LogLines {
 public:
     LogLines()
     {
-        platform::LogSink::setWriter([kept = _kept](std::string_view line) {
+        dxr::LogSink::setWriter([kept = _kept](std::string_view line) {
             const std::scoped_lock lock(kept->mutex);
             kept->lines.emplace_back(line.substr(0, line.find('\n')));
         });
     }
-    ~LogLines() { platform::LogSink::setWriter({}); }
+    ~LogLines() { dxr::LogSink::setWriter({}); }
     LogLines(const LogLines&) = delete;
     LogLines& operator=(const LogLines&) = delete;
 
@@ -86,7 +86,7 @@ private:
     std::vector<DeviceReport> _reports;      // of all devices there are
     std::deque<std::string> _messages;
     double _usedSeconds = 0.0, _longestSeconds = 0.0, _cycleSeconds = 0.0;
-    const uint64_t _begunTicks = platform::HostClock::nowTicks();
+    const uint64_t _begunTicks = dxr::HostClock::nowTicks();
     bool _isCounting = false, _isHeard = false, _isOver = false;
 };
 
@@ -124,7 +124,7 @@ bool Monitor::_wait()
     pollfd waited[] = {{_interrupts.fd(), POLLIN, 0},
                        {_screen.keyboard(), POLLIN, 0},
                        {_watch.fd(), POLLIN, 0},
-                       {platform::MainQueue::shared().fd(), POLLIN, 0}};
+                       {dxr::MainQueue::shared().fd(), POLLIN, 0}};
     poll(waited, std::size(waited), tickMilliseconds); // a new size of the terminal interrupts it
     if ((waited[1].revents & (POLLERR | POLLHUP)) != 0)
         return false; // the terminal is gone
@@ -227,7 +227,7 @@ void Monitor::_follow()
 
 void Monitor::_note(const std::string& what)
 {
-    const double seconds = secondsOf(platform::HostClock::nowTicks() - _begunTicks);
+    const double seconds = secondsOf(dxr::HostClock::nowTicks() - _begunTicks);
     _messages.push_back(formatText("%8s  ", formatSeconds(seconds).c_str()) + what);
     if (_messages.size() > maxMessages)
         _messages.pop_front();
@@ -260,7 +260,7 @@ MonitorState Monitor::_state()
 {
     constexpr double fall = 0.9; // of a picture
     MonitorState state;
-    state.seconds = secondsOf(platform::HostClock::nowTicks() - _begunTicks);
+    state.seconds = secondsOf(dxr::HostClock::nowTicks() - _begunTicks);
     state.context = _session ? _session->contextText() : "nothing runs";
     state.messages = _messages;
     state.keys =

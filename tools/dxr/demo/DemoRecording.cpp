@@ -26,7 +26,7 @@ void DemoRecording::_keep(uint64_t sampleTime, uint32_t frameCount, uint32_t cha
         return;
     for (size_t k = 0; k < frameCount; ++k)
         _samples[first + k] = samples[k * channels];
-    _cycles[cycle] = {platform::HostClock::nowTicks(), sampleTime, first, frameCount};
+    _cycles[cycle] = {dxr::HostClock::nowTicks(), sampleTime, first, frameCount};
     _cycleCount.store(cycle + 1, std::memory_order_release);
 }
 

@@ -20,8 +20,8 @@ constexpr uint32_t secondLocation = 0x01130000;
 /// The bus as it is with a device at `location`.
 void putOnTheBus(uint32_t location)
 {
-    platform::USBRegistry::setReader(
-        [location] { return platform::USBRegistryContents::initWithDevices({{location}}, {}); });
+    dxr::USBRegistry::setReader(
+        [location] { return dxr::USBRegistryContents::initWithDevices({{location}}, {}); });
 }
 
 CXRef<SimulatedHardware> openHardware()
@@ -49,7 +49,7 @@ DemoStage::~DemoStage()
 {
     for (const Device device : devices)
         unplug(device);
-    platform::USBRegistry::setReader({});
+    dxr::USBRegistry::setReader({});
 }
 
 void DemoStage::plug(Device device)

@@ -8,7 +8,7 @@ using Context = DXRCycleRecord::Context;
 
 double secondsOf(uint64_t ticks)
 {
-    using platform::HostClock;
+    using dxr::HostClock;
     return static_cast<double>(static_cast<int64_t>(ticks)) * HostClock::nanosecondsNumerator /
            HostClock::nanosecondsDenominator / 1e9;
 }

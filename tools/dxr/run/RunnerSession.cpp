@@ -74,7 +74,7 @@ void RunnerSession::stop()
 
 bool RunnerSession::wait(int milliseconds)
 {
-    const bool goesOn = _interrupts.wait(milliseconds, platform::MainQueue::shared().fd());
+    const bool goesOn = _interrupts.wait(milliseconds, dxr::MainQueue::shared().fd());
     poll();
     return goesOn;
 }
@@ -88,7 +88,7 @@ double RunnerSession::seconds() const
 
 void RunnerSession::poll()
 {
-    platform::MainQueue::shared().drain();
+    dxr::MainQueue::shared().drain();
     _readTrace();
     _readCounts();
     _updateDefaults();

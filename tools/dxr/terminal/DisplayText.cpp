@@ -49,7 +49,7 @@ std::string singleLine(std::string_view text)
 {
     std::string line;
     size_t marks = 0;
-    const std::string printable = platform::printableText(text);
+    const std::string printable = dxr::printableText(text);
     forEachCharacter(printable, [&](const Character& character) {
         marks = character.width == 0 ? marks + 1 : 0;
         // Line and paragraph separators start a line on some terminals.
