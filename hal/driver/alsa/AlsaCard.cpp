@@ -1,8 +1,8 @@
 #include "AlsaCard.h"
 
 #include "AlsaQuiet.h"
+#include "Utf8.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 
@@ -14,12 +14,8 @@ constexpr size_t maxPcms = 64; // of a card; upper limit of what is listed
 
 CXRef<AlsaCard> AlsaCard::open(int number, const std::filesystem::path& root)
 {
-    const AlsaQuiet quiet;
     auto card = CXRef<AlsaCard>::adopt(new AlsaCard(number, root));
-    if (card->_open() < 0)
-        return nullptr;
-    card->_findPcms();
-    return card;
+    return card->_open() ? card : nullptr;
 }
 
 AlsaCard::AlsaCard(int cardNumber, std::filesystem::path root)
@@ -33,15 +29,21 @@ AlsaCard::~AlsaCard()
         snd_mixer_close(_mixer.elements);
 }
 
-int AlsaCard::_open()
+bool AlsaCard::_open()
 {
-    const std::string name = "hw:" + std::to_string(number);
-    int error = snd_mixer_open(&_mixer.elements, 0);
-    error = error < 0 ? error : snd_mixer_attach(_mixer.elements, name.c_str());
-    error = error < 0 ? error : snd_mixer_selem_register(_mixer.elements, nullptr, nullptr);
-    error = error < 0 ? error : snd_mixer_load(_mixer.elements);
-    error = error < 0 ? error : snd_mixer_get_hctl(_mixer.elements, name.c_str(), &_mixer.all);
-    return error < 0 || snd_mixer_poll_descriptors(_mixer.elements, &_descriptor, 1) == 1 ? error : -EIO;
+    const std::string card = "hw:" + std::to_string(number);
+    if (snd_mixer_open(&_mixer.elements, 0) < 0 || snd_mixer_attach(_mixer.elements, card.c_str()) < 0 ||
+        snd_mixer_selem_register(_mixer.elements, nullptr, nullptr) < 0 ||
+        snd_mixer_load(_mixer.elements) < 0 ||
+        snd_mixer_get_hctl(_mixer.elements, card.c_str(), &_mixer.all) < 0 ||
+        snd_mixer_poll_descriptors(_mixer.elements, &_descriptor, 1) != 1)
+        return false;
+    const auto info = _info();
+    if (!info)
+        return false;
+    _identity = alsaIdentity(number, *info, _root / "sys");
+    _findPcms();
+    return true;
 }
 
 std::string AlsaCard::pcmName(unsigned pcm) const
@@ -49,26 +51,30 @@ std::string AlsaCard::pcmName(unsigned pcm) const
     return "hw:" + std::to_string(number) + "," + std::to_string(pcm);
 }
 
-std::optional<AlsaIdentity> AlsaCard::identity()
+std::optional<AlsaCardInfo> AlsaCard::_info()
 {
-    const AlsaQuiet quiet;
     const std::scoped_lock lock(_mutex);
     snd_ctl_card_info_t* info = nullptr;
     snd_ctl_card_info_alloca(&info);
     if (snd_ctl_card_info(snd_hctl_ctl(_mixer.all), info) < 0)
         return std::nullopt;
-    return alsaIdentity(number,
-                        {snd_ctl_card_info_get_id(info), snd_ctl_card_info_get_driver(info),
-                         snd_ctl_card_info_get_name(info), snd_ctl_card_info_get_longname(info),
-                         snd_ctl_card_info_get_components(info)},
-                        _root / "sys");
+    return AlsaCardInfo{snd_ctl_card_info_get_id(info), snd_ctl_card_info_get_driver(info),
+                        snd_ctl_card_info_get_name(info), snd_ctl_card_info_get_longname(info),
+                        snd_ctl_card_info_get_components(info)};
 }
 
-bool AlsaCard::_pcmInfo(unsigned pcm, size_t direction, snd_pcm_info_t* info)
+std::optional<std::string> AlsaCard::name()
 {
+    const auto info = _info();
+    return info ? std::optional(dxr::utf8Replaced(info->name.empty() ? info->id : info->name)) : std::nullopt;
+}
+
+bool AlsaCard::_pcmInfo(unsigned pcm, HALDirection direction, snd_pcm_info_t* info)
+{
+    const std::scoped_lock lock(_mutex);
     snd_pcm_info_set_device(info, pcm);
     snd_pcm_info_set_subdevice(info, 0);
-    snd_pcm_info_set_stream(info, direction == 0 ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK);
+    snd_pcm_info_set_stream(info, alsaStream(direction));
     return snd_ctl_pcm_info(snd_hctl_ctl(_mixer.all), info) >= 0;
 }
 
@@ -81,13 +87,14 @@ void AlsaCard::_findPcms()
         if (snd_ctl_pcm_next_device(snd_hctl_ctl(_mixer.all), &pcm) < 0 || pcm <= last)
             break;
         AlsaPcmInfo found{.number = static_cast<unsigned>(pcm)};
-        for (size_t direction = 0; direction < 2; ++direction) {
+        for (const HALDirection direction : halDirections) {
+            const auto place = static_cast<size_t>(direction);
             if (!_pcmInfo(found.number, direction, info))
                 continue;
             found.id = snd_pcm_info_get_id(info);
             found.name = snd_pcm_info_get_name(info);
-            found.has[direction] = true;
-            found.isFirst[direction] = !std::exchange(hasFirst[direction], true);
+            found.has[place] = true;
+            found.isFirst[place] = !std::exchange(hasFirst[place], true);
         }
         if (found.has[0] || found.has[1])
             _pcms.push_back(found);
@@ -98,14 +105,10 @@ void AlsaCard::_findPcms()
 
 bool AlsaCard::isUsedElsewhere(unsigned pcm, HALDirection direction, bool isOurs)
 {
-    const AlsaQuiet quiet;
-    const std::scoped_lock lock(_mutex);
     snd_pcm_info_t* info = nullptr;
     snd_pcm_info_alloca(&info);
-    if (!_pcmInfo(pcm, static_cast<size_t>(direction), info))
-        return false;
-    return snd_pcm_info_get_subdevices_avail(info) + (isOurs ? 1U : 0U) <
-           snd_pcm_info_get_subdevices_count(info);
+    return _pcmInfo(pcm, direction, info) && snd_pcm_info_get_subdevices_avail(info) + (isOurs ? 1U : 0U) <
+                                                 snd_pcm_info_get_subdevices_count(info);
 }
 
 std::optional<AlsaAbilities> AlsaCard::abilitiesInUse(unsigned pcm, HALDirection direction) const
@@ -122,9 +125,8 @@ std::optional<AlsaAbilities> AlsaCard::abilitiesInUse(unsigned pcm, HALDirection
     return AlsaPcm::usable(AlsaAbilities{channels, {rate}, 0, ring / 2});
 }
 
-int AlsaCard::readEvents()
+bool AlsaCard::readEvents()
 {
-    const AlsaQuiet quiet;
     const std::scoped_lock lock(_mutex);
-    return snd_hctl_handle_events(_mixer.all); // the elements follow
+    return snd_hctl_handle_events(_mixer.all) >= 0; // the elements follow
 }

@@ -16,10 +16,11 @@ public:
     static CXRef<AlsaCard> open(int number, const std::filesystem::path& root);
 
     const int number;
+    const AlsaIdentity& identity() const noexcept { return _identity; }
     const std::vector<AlsaPcmInfo>& pcms() const noexcept { return _pcms; }
     std::string pcmName(unsigned pcm) const;
     /// As the card reports it now; none when the card is gone.
-    std::optional<AlsaIdentity> identity();
+    std::optional<std::string> name();
     /// Whether more programs than ours use a direction of a PCM; `isOurs` when we do.
     bool isUsedElsewhere(unsigned pcm, HALDirection direction, bool isOurs);
     /// What a direction of a PCM does for another program just now; none when that cannot be seen.
@@ -33,8 +34,8 @@ public:
     }
     /// Readable when readEvents() has something to do.
     const pollfd& descriptor() const noexcept { return _descriptor; }
-    /// The number of changes of controls since the last call; negative when the card is gone.
-    int readEvents();
+    /// The controls follow the card's. False when the card is gone.
+    bool readEvents();
 
     AlsaReservation& reservation() noexcept { return _reservation; }
 
@@ -42,13 +43,15 @@ private:
     AlsaCard(int number, std::filesystem::path root);
     ~AlsaCard() override;
 
-    int _open();
+    bool _open();
     void _findPcms();
-    bool _pcmInfo(unsigned pcm, size_t direction, snd_pcm_info_t* info);
+    std::optional<AlsaCardInfo> _info();
+    bool _pcmInfo(unsigned pcm, HALDirection direction, snd_pcm_info_t* info);
 
     const std::filesystem::path _root;
-    pollfd _descriptor{};
+    AlsaIdentity _identity;
     std::vector<AlsaPcmInfo> _pcms;
+    pollfd _descriptor{};
     AlsaReservation _reservation;
 
     std::mutex _mutex; // guards the next

@@ -1,47 +1,27 @@
 #include "AlsaControls.h"
 
-#include "AlsaQuiet.h"
 #include "Utf8.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <numeric>
 #include <string_view>
 
 namespace {
 
-constexpr unsigned maxItems = 64; // of a choice; upper limit of what is listed
+constexpr unsigned maxItems = 64;   // of a choice; upper limit of what is listed
+constexpr unsigned maxValues = 128; // of a control
 constexpr uint32_t internalSource = 1;
 constexpr uint32_t firstItemSource = 1;
 
 using Element = snd_mixer_elem_t*;
 using Channel = snd_mixer_selem_channel_id_t;
 
-size_t placeOf(HALDirection direction)
-{
-    return static_cast<size_t>(direction);
-}
-
 bool isOutputJack(std::string_view name)
 {
     return std::ranges::any_of(std::array{"Headphone", "Line Out", "HDMI", "Speaker"},
                                [&](const char* each) { return name.find(each) != std::string::npos; });
-}
-
-/// "HDMI/DP,pcm=3 Jack" is of PCM 3; -1 without a number.
-int pcmOfJack(const std::string& name)
-{
-    const size_t at = name.find(",pcm=");
-    int number = -1;
-    if (at != std::string::npos)
-        std::sscanf(name.c_str() + at, ",pcm=%4d", &number);
-    return number;
-}
-
-/// "Headphone" of "Headphone Jack", "HDMI/DP" of "HDMI/DP,pcm=3 Jack".
-std::string labelOfJack(const std::string& name)
-{
-    return dxr::utf8Replaced(name.substr(0, std::min(name.find(",pcm="), name.rfind(" Jack"))));
 }
 
 } // namespace
@@ -54,11 +34,9 @@ struct AlsaControls::Functions {
     int (*isJoined)(Element);
     int (*hasChannel)(Element, Channel);
     int (*range)(Element, long*, long*);
-    int (*decibelRange)(Element, long*, long*); // hundredths
     int (*get)(Element, Channel, long*);
     int (*set)(Element, Channel, long);
-    int (*toDecibels)(Element, long, long*);
-    int (*fromDecibels)(Element, long, int, long*);
+    int (*decibels)(Element, long, long*); // hundredths, of a step
     int (*getSwitch)(Element, Channel, int*);
     int (*setSwitches)(Element, int);
 };
@@ -70,11 +48,9 @@ const AlsaControls::Functions AlsaControls::functions[2] = {
      snd_mixer_selem_has_capture_volume_joined,
      snd_mixer_selem_has_capture_channel,
      snd_mixer_selem_get_capture_volume_range,
-     snd_mixer_selem_get_capture_dB_range,
      snd_mixer_selem_get_capture_volume,
      snd_mixer_selem_set_capture_volume,
      snd_mixer_selem_ask_capture_vol_dB,
-     snd_mixer_selem_ask_capture_dB_vol,
      snd_mixer_selem_get_capture_switch,
      snd_mixer_selem_set_capture_switch_all},
     {{"Master", "PCM", "Speaker", "Headphone", "Line Out", "Digital"},
@@ -83,27 +59,22 @@ const AlsaControls::Functions AlsaControls::functions[2] = {
      snd_mixer_selem_has_playback_volume_joined,
      snd_mixer_selem_has_playback_channel,
      snd_mixer_selem_get_playback_volume_range,
-     snd_mixer_selem_get_playback_dB_range,
      snd_mixer_selem_get_playback_volume,
      snd_mixer_selem_set_playback_volume,
      snd_mixer_selem_ask_playback_vol_dB,
-     snd_mixer_selem_ask_playback_dB_vol,
      snd_mixer_selem_get_playback_switch,
      snd_mixer_selem_set_playback_switch_all},
 };
 
-namespace {
-
-/// Between the steps of a volume control and amplitudes: by decibels where they are known, else as a slider's position.
-class Scale {
+/// The steps of a volume control as amplitudes: by decibels where they are known, else as a slider's positions.
+class AlsaControls::Scale {
 public:
-    template <class Functions>
-    Scale(const Functions& side, Element element)
-        : _element(element), _toDecibels(side.toDecibels), _fromDecibels(side.fromDecibels)
+    Scale(const Functions& functionsOfSide, Element element) : _functions(functionsOfSide), _element(element)
     {
-        if (element && side.range(element, &_min, &_max) >= 0 &&
-            side.decibelRange(element, &_minDecibels, &_maxDecibels) < 0)
-            _maxDecibels = _minDecibels;
+        long min = 0;
+        if (element && _functions.range(element, &_min, &_max) >= 0)
+            _hasDecibels = _functions.decibels(element, _min, &min) >= 0 &&
+                           _functions.decibels(element, _max, &_maxDecibels) >= 0 && min < _maxDecibels;
     }
     bool isUsable() const { return _min < _max; }
 
@@ -112,51 +83,47 @@ public:
         long decibels = 0;
         if (step <= _min || step >= _max)
             return step <= _min ? 0.0F : 1.0F;
-        if (_minDecibels >= _maxDecibels || _toDecibels(_element, step, &decibels) < 0)
-            return static_cast<float>(std::pow(static_cast<double>(step - _min) / _range(), 3.0));
-        const long below = std::clamp(decibels, _minDecibels, _maxDecibels) - _maxDecibels;
-        return static_cast<float>(std::pow(10.0, static_cast<double>(below) / 2000.0));
+        if (!_hasDecibels || _functions.decibels(_element, step, &decibels) < 0) {
+            const double min = static_cast<double>(_min);
+            return static_cast<float>(
+                std::pow((static_cast<double>(step) - min) / (static_cast<double>(_max) - min), 3.0));
+        }
+        return std::min(
+            1.0F, static_cast<float>(std::pow(10.0, static_cast<double>(decibels - _maxDecibels) / 2000.0)));
     }
 
     /// The nearest one.
     long stepOf(float amplitude) const
     {
-        if (!(amplitude > 0.0F))
-            return _min;
-        const long offset = std::lround(2000.0 * std::log10(static_cast<double>(amplitude)));
-        const long wanted = std::max(_minDecibels, _maxDecibels + offset);
-        long below = 0, above = 0, belowDecibels = 0, aboveDecibels = 0;
-        if (_minDecibels >= _maxDecibels || _fromDecibels(_element, wanted, -1, &below) < 0 ||
-            _fromDecibels(_element, wanted, 1, &above) < 0 ||
-            _toDecibels(_element, below, &belowDecibels) < 0 ||
-            _toDecibels(_element, above, &aboveDecibels) < 0)
-            return _min + std::lround(std::cbrt(static_cast<double>(amplitude)) * _range());
-        const bool isAboveNearer = std::abs(aboveDecibels - wanted) < std::abs(wanted - belowDecibels);
-        return std::clamp(isAboveNearer ? above : below, _min, _max);
+        long below = _min, above = _max;
+        while (below + 1 < above) {
+            const long middle = std::midpoint(below, above);
+            (amplitudeOf(middle) <= amplitude ? below : above) = middle;
+        }
+        return amplitude - amplitudeOf(below) < amplitudeOf(above) - amplitude ? below : above;
     }
 
 private:
-    double _range() const { return static_cast<double>(_max) - static_cast<double>(_min); }
-
+    const Functions& _functions;
     Element const _element;
-    int (*const _toDecibels)(Element, long, long*);
-    int (*const _fromDecibels)(Element, long, int, long*);
-    long _min = 0, _max = 0;
-    long _minDecibels = 0, _maxDecibels = 0; // hundredths; equal where they are not known
+    long _min = 0, _max = 0, _maxDecibels = 0;
+    bool _hasDecibels = false;
 };
 
-} // namespace
+AlsaControls::AlsaControls(AlsaPcmInfo pcm, HALDirection direction)
+    : _pcm(std::move(pcm)), _direction(direction), _isCards(_pcm.isFirst[static_cast<size_t>(direction)]),
+      _functions(functions[static_cast<size_t>(direction)])
+{}
 
 // ---- Volume and mute
 
 /// The element with what `has` looks for that suits the direction best. A card's elements are its first PCM's.
-Element AlsaControls::_find(const AlsaMixer& mixer, HALDirection direction, int (*has)(Element)) const
+Element AlsaControls::_find(const AlsaMixer& mixer, int (*has)(Element)) const
 {
-    const auto& preferred = functions[placeOf(direction)].preferred;
-    const bool isInputMute = has == functions[placeOf(HALDirection::Input)].hasSwitch;
+    const auto& preferred = _functions.preferred;
     Element best = nullptr;
     auto bestPlace = preferred.end();
-    Element each = _pcm.isFirst[placeOf(direction)] ? snd_mixer_first_elem(mixer.elements) : nullptr;
+    Element each = _isCards ? snd_mixer_first_elem(mixer.elements) : nullptr;
     for (; each; each = snd_mixer_elem_next(each)) {
         const std::string_view name = snd_mixer_selem_get_name(each);
         const auto place = std::ranges::find(preferred, name);
@@ -164,9 +131,10 @@ Element AlsaControls::_find(const AlsaMixer& mixer, HALDirection direction, int 
             snd_mixer_selem_has_common_volume(each) || snd_mixer_selem_has_common_switch(each);
         // An element of both directions belongs to the one that its name is usual for; a microphone's, among the
         // outputs, is what plays it through; one of a group of switches chooses an input.
-        const bool isOther = (isCommon && place == preferred.end()) ||
-                             (direction == HALDirection::Output && name.starts_with("Mic")) ||
-                             (isInputMute && snd_mixer_selem_has_capture_switch_exclusive(each));
+        const bool isOther =
+            (isCommon && place == preferred.end()) ||
+            (_direction == HALDirection::Output && name.starts_with("Mic")) ||
+            (has == functions[0].hasSwitch && snd_mixer_selem_has_capture_switch_exclusive(each));
         if (snd_mixer_selem_get_index(each) != 0 || !has(each) || isOther)
             continue;
         if (!best || place < bestPlace) {
@@ -178,101 +146,86 @@ Element AlsaControls::_find(const AlsaMixer& mixer, HALDirection direction, int 
 }
 
 /// Reads the steps of each channel, or the one for all. Null when there is no volume.
-Element AlsaControls::_readVolume(const AlsaMixer& mixer, HALDirection direction)
+Element AlsaControls::_readVolume(const AlsaMixer& mixer)
 {
-    const Functions& side = functions[placeOf(direction)];
-    Volume& volume = _volumes[placeOf(direction)];
-    Element const element = _find(mixer, direction, side.hasVolume);
-    const Scale scale(side, element);
+    Element const element = _find(mixer, _functions.hasVolume);
+    const Scale scale(_functions, element);
     if (!scale.isUsable())
         return nullptr;
-    const unsigned count = side.isJoined(element) ? 1 : SND_MIXER_SCHN_LAST + 1;
-    std::vector<float> amplitudes = volume.amplitudes.amplitudes();
-    unsigned channel = 0;
-    for (; channel < count && side.hasChannel(element, static_cast<Channel>(channel)); ++channel) {
+    const int count = _functions.isJoined(element) ? 1 : SND_MIXER_SCHN_LAST + 1;
+    std::vector<float> amplitudes;
+    std::vector<long> steps;
+    for (int i = 0; i < count && _functions.hasChannel(element, static_cast<Channel>(i)); ++i) {
+        const auto place = static_cast<size_t>(i);
         long step = 0;
-        side.get(element, static_cast<Channel>(channel), &step);
-        amplitudes.resize(std::max<size_t>(amplitudes.size(), channel + 1));
-        if (channel >= volume.steps.size())
-            volume.steps.push_back(step);
-        else if (volume.steps[channel] == step)
-            continue;
-        volume.steps[channel] = step;
-        amplitudes[channel] = scale.amplitudeOf(step);
+        _functions.get(element, static_cast<Channel>(i), &step);
+        const bool isAsWritten = place < _steps.size() && _steps[place] == step;
+        steps.push_back(step);
+        amplitudes.push_back(isAsWritten ? _volume.amplitudes()[place] : scale.amplitudeOf(step));
     }
-    amplitudes.resize(channel);
-    volume.steps.resize(channel);
-    volume.amplitudes.setAmplitudes(amplitudes);
-    return channel > 0 ? element : nullptr;
+    _steps = std::move(steps);
+    _volume.setAmplitudes(amplitudes);
+    return _steps.empty() ? nullptr : element;
 }
 
-void AlsaControls::read(const AlsaMixer& mixer, HALDirection direction, uint32_t channelCount,
-                        HALDirectionState& state)
+void AlsaControls::read(const AlsaMixer& mixer, uint32_t channelCount, HALDirectionState& state)
 {
-    const AlsaQuiet quiet;
     state.mainVolume.reset();
     state.channelVolumes.clear();
     state.muted.reset();
-    if (_readVolume(mixer, direction)) {
-        const Volume& volume = _volumes[placeOf(direction)];
-        state.mainVolume = volume.amplitudes.mainScalar();
-        if (volume.steps.size() == channelCount && channelCount > 1)
-            state.channelVolumes = volume.amplitudes.channelScalars();
-    }
-    const Functions& side = functions[placeOf(direction)];
-    if (Element const mute = _find(mixer, direction, side.hasSwitch)) {
-        state.muted = true;
-        for (unsigned channel = 0; side.hasChannel(mute, static_cast<Channel>(channel)); ++channel)
-            if (int isOn = 0; side.getSwitch(mute, static_cast<Channel>(channel), &isOn) >= 0 && isOn)
-                state.muted = false;
-    }
     state.dataSources.clear();
     state.dataSourceID.reset();
-    if (snd_hctl_elem_t* const choice = _choice(mixer, direction))
+    if (_readVolume(mixer)) {
+        state.mainVolume = _volume.mainScalar();
+        if (_steps.size() == channelCount && channelCount > 1)
+            state.channelVolumes = _volume.channelScalars();
+    }
+    if (Element const mute = _find(mixer, _functions.hasSwitch)) {
+        state.muted = true;
+        for (int channel = 0; _functions.hasChannel(mute, static_cast<Channel>(channel)); ++channel)
+            if (int isOn = 0; _functions.getSwitch(mute, static_cast<Channel>(channel), &isOn) >= 0 && isOn)
+                state.muted = false;
+    }
+    if (snd_hctl_elem_t* const choice = _choice(mixer))
         _readChoice(choice, state);
     else
-        _readJacks(mixer, direction, state);
+        _readJacks(mixer, state);
 }
 
-int AlsaControls::setVolume(const AlsaMixer& mixer, HALDirection direction, uint32_t element, float scalar)
+int AlsaControls::setVolume(const AlsaMixer& mixer, uint32_t element, float scalar)
 {
-    const AlsaQuiet quiet;
-    const Functions& side = functions[placeOf(direction)];
-    Volume& volume = _volumes[placeOf(direction)];
-    Element const control = _readVolume(mixer, direction);
-    if (!control || element > volume.steps.size())
+    Element const control = _readVolume(mixer);
+    if (!control || element > _steps.size())
         return -ENOENT;
-    const std::vector<float> wanted = volume.amplitudes.amplitudesAfter(element, scalar);
-    const Scale scale(side, control);
+    const std::vector<float> wanted = _volume.amplitudesAfter(element, scalar);
+    const Scale scale(_functions, control);
     int error = 0;
-    for (unsigned channel = 0; channel < wanted.size() && error >= 0; ++channel) {
+    for (size_t channel = 0; channel < wanted.size() && error >= 0; ++channel) {
         if (element != 0 && element != channel + 1)
             continue;
-        volume.steps[channel] = scale.stepOf(wanted[channel]);
-        error = side.set(control, static_cast<Channel>(channel), volume.steps[channel]);
+        _steps[channel] = scale.stepOf(wanted[channel]);
+        error = _functions.set(control, static_cast<Channel>(channel), _steps[channel]);
     }
-    volume.amplitudes.setAmplitudes(wanted);
+    _volume.setAmplitudes(wanted);
     return std::min(error, 0);
 }
 
-int AlsaControls::setMuted(const AlsaMixer& mixer, HALDirection direction, bool muted) const
+int AlsaControls::setMuted(const AlsaMixer& mixer, bool muted) const
 {
-    const AlsaQuiet quiet;
-    const Functions& side = functions[placeOf(direction)];
-    Element const mute = _find(mixer, direction, side.hasSwitch);
-    return mute ? std::min(side.setSwitches(mute, muted ? 0 : 1), 0) : -ENOENT;
+    Element const mute = _find(mixer, _functions.hasSwitch);
+    return mute ? std::min(_functions.setSwitches(mute, muted ? 0 : 1), 0) : -ENOENT;
 }
 
 // ---- Data sources
 
 /// The control that chooses what the card records; null when there is none.
-snd_hctl_elem_t* AlsaControls::_choice(const AlsaMixer& mixer, HALDirection direction) const
+snd_hctl_elem_t* AlsaControls::_choice(const AlsaMixer& mixer) const
 {
-    if (direction != HALDirection::Input || !_pcm.isFirst[0])
-        return nullptr;
     snd_ctl_elem_info_t* info = nullptr;
     snd_ctl_elem_info_alloca(&info);
-    for (auto* each = snd_hctl_first_elem(mixer.all); each; each = snd_hctl_elem_next(each)) {
+    const bool canChoose = _direction == HALDirection::Input && _isCards;
+    auto* each = canChoose ? snd_hctl_first_elem(mixer.all) : nullptr;
+    for (; each; each = snd_hctl_elem_next(each)) {
         const std::string_view name = snd_hctl_elem_get_name(each);
         if ((name.ends_with("Capture Source") || name.ends_with("Input Source")) &&
             snd_hctl_elem_get_index(each) == 0 && snd_hctl_elem_info(each, info) >= 0 &&
@@ -301,16 +254,19 @@ void AlsaControls::_readChoice(snd_hctl_elem_t* choice, HALDirectionState& state
         state.dataSourceID = firstItemSource + snd_ctl_elem_value_get_enumerated(value, 0);
 }
 
-void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirection direction, HALDirectionState& state) const
+/// "Headphone Jack", or "HDMI/DP,pcm=3 Jack" for that of one PCM.
+void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirectionState& state) const
 {
-    const bool isOutput = direction == HALDirection::Output;
+    const bool isOutput = _direction == HALDirection::Output;
     snd_ctl_elem_value_t* value = nullptr;
     snd_ctl_elem_value_alloca(&value);
     for (auto* each = snd_hctl_first_elem(mixer.all); each; each = snd_hctl_elem_next(each)) {
         const std::string name = snd_hctl_elem_get_name(each);
-        const int number = pcmOfJack(name);
-        const bool isOurs =
-            number >= 0 ? static_cast<unsigned>(number) == _pcm.number : _pcm.isFirst[placeOf(direction)];
+        const size_t label = std::min(name.find(",pcm="), name.rfind(" Jack"));
+        unsigned pcm = 0;
+        const bool isOurs = std::sscanf(name.c_str() + std::min(label, name.size()), ",pcm=%4u", &pcm) == 1
+                                ? pcm == _pcm.number
+                                : _isCards;
         if (snd_hctl_elem_get_interface(each) != SND_CTL_ELEM_IFACE_CARD || !name.ends_with(" Jack") ||
             name.ends_with("Phantom Jack") || isOutputJack(name) != isOutput || !isOurs ||
             snd_hctl_elem_read(each, value) < 0)
@@ -322,26 +278,21 @@ void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirection direction, HA
         }
         // Kept as long as the card is there: numbers of controls are from 1, so none is the internal one's.
         const uint32_t sourceID = internalSource + snd_hctl_elem_get_numid(each);
-        state.dataSources.push_back({sourceID, labelOfJack(name)});
+        state.dataSources.push_back({sourceID, dxr::utf8Replaced(name.substr(0, label))});
         if (state.dataSourceID == internalSource && snd_ctl_elem_value_get_boolean(value, 0))
             state.dataSourceID = sourceID;
     }
 }
 
 /// Jacks choose by themselves.
-int AlsaControls::setDataSource(const AlsaMixer& mixer, HALDirection direction, uint32_t sourceID) const
+int AlsaControls::setDataSource(const AlsaMixer& mixer, uint32_t sourceID) const
 {
-    const AlsaQuiet quiet;
-    snd_hctl_elem_t* const choice = _choice(mixer, direction);
+    snd_hctl_elem_t* const choice = _choice(mixer);
     if (!choice)
         return -ENOENT;
-    snd_ctl_elem_info_t* info = nullptr;
-    snd_ctl_elem_info_alloca(&info);
     snd_ctl_elem_value_t* value = nullptr;
     snd_ctl_elem_value_alloca(&value);
-    if (const int error = snd_hctl_elem_info(choice, info); error < 0)
-        return error;
-    for (unsigned i = 0; i < std::min(snd_ctl_elem_info_get_count(info), 128U); ++i)
+    for (unsigned i = 0; i < maxValues; ++i)
         snd_ctl_elem_value_set_enumerated(value, i, sourceID - firstItemSource);
     return std::min(snd_hctl_elem_write(choice, value), 0);
 }

@@ -12,38 +12,38 @@ struct AlsaMixer {
     snd_hctl_t* all = nullptr;       ///< and the rest
 };
 
-/// The controls of a card that belong to one of its PCMs: volume, mute, the choice of an input, jacks.
+/// The controls of a card that belong to one direction of one of its PCMs: volume, mute, the choice of an input, jacks.
 /// Amplitude 1 is the control's maximum.
 /// Threads: one at a time; the card's lock is held.
 class AlsaControls {
 public:
-    explicit AlsaControls(AlsaPcmInfo pcm) : _pcm(std::move(pcm)) {}
+    AlsaControls(AlsaPcmInfo pcm, HALDirection direction);
 
-    /// Reads volumes, mute and data sources of a direction that has `channelCount` channels.
-    void read(const AlsaMixer& mixer, HALDirection direction, uint32_t channelCount,
-              HALDirectionState& state);
+    /// Reads volumes, mute and data sources; the direction has `channelCount` channels.
+    void read(const AlsaMixer& mixer, uint32_t channelCount, HALDirectionState& state);
 
     /// All return 0 or a negative errno; -ENOENT where there is no such control.
-    int setVolume(const AlsaMixer& mixer, HALDirection direction, uint32_t element, float scalar);
-    int setMuted(const AlsaMixer& mixer, HALDirection direction, bool muted) const;
-    int setDataSource(const AlsaMixer& mixer, HALDirection direction, uint32_t sourceID) const;
+    int setVolume(const AlsaMixer& mixer, uint32_t element, float scalar);
+    int setMuted(const AlsaMixer& mixer, bool muted) const;
+    int setDataSource(const AlsaMixer& mixer, uint32_t sourceID) const;
 
 private:
-    /// The volume of a direction. What the control rounds to its steps reads as it was written.
-    struct Volume {
-        HALVolume amplitudes;
-        std::vector<long> steps; ///< of the control, for which these are the amplitudes
-    };
     struct Functions;
-    static const Functions functions[2];
+    class Scale;
 
-    snd_mixer_elem_t* _find(const AlsaMixer& mixer, HALDirection direction,
-                            int (*has)(snd_mixer_elem_t*)) const;
-    snd_mixer_elem_t* _readVolume(const AlsaMixer& mixer, HALDirection direction);
-    snd_hctl_elem_t* _choice(const AlsaMixer& mixer, HALDirection direction) const;
+    snd_mixer_elem_t* _find(const AlsaMixer& mixer, int (*has)(snd_mixer_elem_t*)) const;
+    snd_mixer_elem_t* _readVolume(const AlsaMixer& mixer);
+    snd_hctl_elem_t* _choice(const AlsaMixer& mixer) const;
     void _readChoice(snd_hctl_elem_t* choice, HALDirectionState& state) const;
-    void _readJacks(const AlsaMixer& mixer, HALDirection direction, HALDirectionState& state) const;
+    void _readJacks(const AlsaMixer& mixer, HALDirectionState& state) const;
+
+    static const Functions functions[2]; // by HALDirection
 
     const AlsaPcmInfo _pcm;
-    std::array<Volume, 2> _volumes; // by HALDirection
+    const HALDirection _direction;
+    const bool _isCards; // whether the card's controls are of this PCM
+    const Functions& _functions;
+    // What the volume control rounds to its steps reads as it was written.
+    HALVolume _volume;
+    std::vector<long> _steps; // of the control, for which _volume has the amplitudes
 };

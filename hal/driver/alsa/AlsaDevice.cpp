@@ -1,5 +1,8 @@
 #include "AlsaDevice.h"
 
+#include "AlsaQuiet.h"
+#include "Utf8.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -17,22 +20,57 @@ HALStatus statusOf(int error)
     return error == -ENODEV ? kAudioHardwareBadDeviceError : kAudioHardwareUnspecifiedError;
 }
 
+bool isScreen(const AlsaPcmInfo& pcm)
+{
+    const auto has = [](const std::string& text, const char* part) {
+        return text.find(part) != std::string::npos;
+    };
+    return has(pcm.id, "HDMI") || has(pcm.name, "HDMI") || has(pcm.name, "DisplayPort");
+}
+
 } // namespace
 
 CXRef<AlsaDevice> AlsaDevice::init(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t periodCount,
-                                   std::function<void()> wake)
+                                   HALDriverSink& sink, std::function<void()> wake)
 {
-    return CXRef<AlsaDevice>::adopt(new AlsaDevice(card, std::move(pcm), periodCount, std::move(wake)));
+    return CXRef<AlsaDevice>::adopt(new AlsaDevice(card, std::move(pcm), periodCount, sink, std::move(wake)));
 }
 
 AlsaDevice::AlsaDevice(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t periodCount,
-                       std::function<void()> wake)
-    : _card(card), _pcm(pcm), _periodCount(periodCount),
-      _wake(std::move(wake)), _isProbed{!pcm.has[0], !pcm.has[1]}, _controls(std::move(pcm))
+                       HALDriverSink& sink, std::function<void()> wake)
+    : _card(card), _pcm(std::move(pcm)),
+      _periodCount(periodCount), _controls{AlsaControls(_pcm, HALDirection::Input),
+                                           AlsaControls(_pcm, HALDirection::Output)},
+      _runState{.changed = std::move(wake)}, _isProbed{!_pcm.has[0], !_pcm.has[1]}, _sink(&sink)
 {}
 
 // ---- What it is
 
+HALDeviceState AlsaDevice::state() const
+{
+    const std::scoped_lock lock(_stateMutex);
+    return _state;
+}
+
+void AlsaDevice::refresh()
+{
+    const AlsaQuiet quiet;
+    const std::scoped_lock lock(_stateMutex);
+    const auto cardName = _card->name();
+    if (!_sink || !cardName || !_probe())
+        return;
+    HALDeviceState now = _state;
+    _describe(*cardName, now);
+    _readControls(now);
+    if (now.sampleRates.empty()) // its directions have no rate in common
+        return;
+    if (!_isAdded)
+        _add(std::move(now));
+    else if (!(now == _state))
+        _sink->deviceChanged(*this, _state = std::move(now));
+}
+
+/// Whether it is known what the device can do. _stateMutex is held.
 bool AlsaDevice::_probe()
 {
     bool isKnown = true;
@@ -52,75 +90,34 @@ bool AlsaDevice::_probe()
     return isKnown && (_abilities[0] || _abilities[1]);
 }
 
-bool AlsaDevice::update(HALDriverSink& sink)
+/// Writes what may have changed since `state`. _stateMutex is held.
+void AlsaDevice::_describe(const std::string& cardName, HALDeviceState& state) const
 {
-    const auto identity = _card->identity();
-    if (!identity || !_probe())
-        return false;
-    HALDeviceState described = _describe(*identity);
-    if (described.sampleRates.empty())
-        return false; // its directions have no rate in common
-    described.isRunningElsewhere = _isUsedElsewhere(_isRunning());
-    _change([&](HALDeviceState& state) {
-        state.name = described.name;
-        for (const HALDirection direction : halDirections)
-            state[direction].streams = described[direction].streams;
-        state.sampleRates = described.sampleRates;
-        state.bufferFrameSizeRange = described.bufferFrameSizeRange;
-        state.isRunningElsewhere = described.isRunningElsewhere;
-    });
-    const std::scoped_lock lock(_stateMutex);
-    if (!_sink)
-        _add(sink, *identity, described);
-    return _sink != nullptr;
-}
-
-/// _stateMutex is held.
-void AlsaDevice::_add(HALDriverSink& sink, const AlsaIdentity& identity, HALDeviceState state)
-{
-    _readControls(state);
-    _state = std::move(state);
-    AudioObjectID deviceID = sink.deviceAdded(CXRef<AlsaDevice>(this), _state);
-    if (deviceID == kAudioObjectUnknown) { // another unit with the same serial number
-        _state.uid += "@" + identity.place;
-        deviceID = sink.deviceAdded(CXRef<AlsaDevice>(this), _state);
-    }
-    _sink = deviceID == kAudioObjectUnknown ? nullptr : &sink;
-}
-
-HALDeviceState AlsaDevice::_describe(const AlsaIdentity& identity) const
-{
-    HALDeviceState state;
-    state.uid = "alsa:" + identity.key + ":" + std::to_string(_pcm.number);
-    state.name = alsaDeviceName(identity, _pcm);
-    state.manufacturer = identity.manufacturer;
-    state.modelUID = identity.modelUID;
-    state.transportType = alsaTransportType(identity, _pcm);
-    state.clockDomain = static_cast<uint32_t>(_card->number) + 1;
-    std::vector<uint32_t> rates;
+    const std::string& own = _pcm.name.empty() ? _pcm.id : _pcm.name;
+    state.name = _pcm.isOnly || own.empty() ? cardName : cardName + " " + dxr::utf8Replaced(own);
+    state.isStalled = _runState.isStalled;
+    state.isRunningElsewhere = false;
+    const double ratio = _runState.rateRatio;
+    state.actualSampleRate = ratio != 1.0 ? ratio * state.nominalSampleRate : 0.0;
     uint32_t minFrames = 0;
     uint32_t maxFrames = UINT32_MAX;
-    bool isFirst = true;
     for (const HALDirection direction : halDirections) {
         const auto& can = _abilities[static_cast<size_t>(direction)];
+        const auto& other = _abilities[static_cast<size_t>(direction) ^ 1U];
         if (!can)
             continue;
         state[direction].streams = {{.channelCount = can->channelCount}};
+        if (_card->isUsedElsewhere(_pcm.number, direction, _runState.isOpen))
+            state.isRunningElsewhere = true;
         minFrames = std::max(minFrames, can->minFrames);
         maxFrames = std::min(maxFrames, can->maxFrames);
-        if (std::exchange(isFirst, false))
-            rates = can->rates;
-        std::erase_if(rates,
-                      [&](uint32_t rate) { return std::ranges::find(can->rates, rate) == can->rates.end(); });
+        state.sampleRates.clear();
+        for (const uint32_t rate : can->rates)
+            if (!other || std::ranges::find(other->rates, rate) != other->rates.end())
+                state.sampleRates.push_back({static_cast<double>(rate), static_cast<double>(rate)});
     }
-    for (const uint32_t rate : rates)
-        state.sampleRates.push_back({static_cast<double>(rate), static_cast<double>(rate)});
-    if (!state.canSampleRate(usualRate) && !rates.empty())
-        state.nominalSampleRate = rates.back();
     state.bufferFrameSizeRange = {static_cast<double>(minFrames),
                                   static_cast<double>(std::max(minFrames, maxFrames))};
-    state.bufferFrameSize = std::clamp(usualFrames, minFrames, std::max(minFrames, maxFrames));
-    return state;
 }
 
 void AlsaDevice::_readControls(HALDeviceState& state)
@@ -128,116 +125,72 @@ void AlsaDevice::_readControls(HALDeviceState& state)
     _card->withControls([&](const AlsaMixer& mixer) {
         for (const HALDirection direction : halDirections)
             if (const uint32_t channels = state[direction].channelCount())
-                _controls.read(mixer, direction, channels, state[direction]);
+                _controls[static_cast<size_t>(direction)].read(mixer, channels, state[direction]);
     });
 }
 
-bool AlsaDevice::_isUsedElsewhere(bool isOurs)
+/// _stateMutex is held.
+void AlsaDevice::_add(HALDeviceState state)
 {
-    return std::ranges::any_of(halDirections, [&](HALDirection direction) {
-        const bool has = _abilities[static_cast<size_t>(direction)].has_value();
-        return has && _card->isUsedElsewhere(_pcm.number, direction, isOurs);
-    });
+    const AlsaIdentity& identity = _card->identity();
+    state.uid = "alsa:" + identity.key + ":" + std::to_string(_pcm.number);
+    state.manufacturer = identity.manufacturer;
+    state.modelUID = identity.modelUID;
+    state.transportType = isScreen(_pcm) ? kAudioDeviceTransportTypeHDMI : identity.transportType;
+    state.clockDomain = static_cast<uint32_t>(_card->number) + 1;
+    if (!state.canSampleRate(usualRate))
+        state.nominalSampleRate = state.sampleRates.back().maximum;
+    state.bufferFrameSize = std::clamp(usualFrames, static_cast<uint32_t>(state.bufferFrameSizeRange.minimum),
+                                       static_cast<uint32_t>(state.bufferFrameSizeRange.maximum));
+    AudioObjectID deviceID = _sink->deviceAdded(CXRef<AlsaDevice>(this), state);
+    if (deviceID == kAudioObjectUnknown) { // another unit with the same serial number
+        state.uid += "@" + identity.place;
+        deviceID = _sink->deviceAdded(CXRef<AlsaDevice>(this), state);
+    }
+    _isAdded = deviceID != kAudioObjectUnknown;
+    if (_isAdded)
+        _state = std::move(state);
 }
 
-// ---- Reports
-
-HALDeviceState AlsaDevice::state() const
+bool AlsaDevice::detach()
 {
-    const std::scoped_lock lock(_stateMutex);
-    return _state;
-}
-
-/// Reports the state as `change` makes it.
-void AlsaDevice::_change(const std::function<void(HALDeviceState&)>& change)
-{
-    const std::scoped_lock lock(_stateMutex);
-    const HALDeviceState before = _state;
-    change(_state);
-    if (_sink && !(_state == before))
-        _sink->deviceChanged(*this, _state);
-}
-
-void AlsaDevice::refreshControls()
-{
-    _change([this](HALDeviceState& state) { _readControls(state); });
-}
-
-void AlsaDevice::refreshRun()
-{
-    if (!_hasRunChanged.exchange(false, std::memory_order_relaxed))
-        return;
-    bool isStalled = false;
-    double ratio = 1.0;
     {
         const std::scoped_lock lock(_ioMutex);
-        isStalled = _run && _run->isStalled();
-        ratio = _run ? _run->rateRatio() : 1.0;
+        _isGone = true;
+        _run.reset();
     }
-    const bool isUsedElsewhere = _isUsedElsewhere(_isRunning());
-    _change([&](HALDeviceState& state) {
-        state.isStalled = isStalled;
-        state.actualSampleRate = ratio != 1.0 ? ratio * state.nominalSampleRate : 0.0;
-        state.isRunningElsewhere = isUsedElsewhere;
-    });
-}
-
-/// Whether this process has it open.
-bool AlsaDevice::_isRunning() const
-{
-    const std::scoped_lock lock(_ioMutex);
-    return _run && !_run->isStalled();
-}
-
-void AlsaDevice::remove()
-{
-    detach();
-    HALDriverSink* sink = nullptr;
-    {
-        const std::scoped_lock lock(_stateMutex);
-        sink = std::exchange(_sink, nullptr);
-    }
-    if (sink)
-        sink->deviceRemoved(*this);
-}
-
-void AlsaDevice::detach()
-{
-    const std::scoped_lock lock(_ioMutex);
-    _isGone = true;
-    _run.reset();
+    const std::scoped_lock lock(_stateMutex);
+    _sink = nullptr;
+    return std::exchange(_isAdded, false);
 }
 
 // ---- IO
 
 HALStatus AlsaDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadline deadline)
 {
-    HALStatus status = kAudioHardwareBadDeviceError;
-    {
-        const std::scoped_lock lock(_ioMutex);
-        if (!_isGone) {
-            _table = table;
-            status = _start(deadline, AlsaRun::WhenRefused::End);
-            if (status)
-                _table = nullptr;
-        }
-    }
-    _runChanged();
+    const std::scoped_lock lock(_ioMutex);
+    if (_isGone)
+        return kAudioHardwareBadDeviceError;
+    _table = table;
+    const HALStatus status = _start(deadline, AlsaRun::WhenRefused::End);
+    if (status)
+        _table = nullptr;
     return status;
 }
 
-/// On the IO thread, too.
-void AlsaDevice::_runChanged()
+void AlsaDevice::stopIO()
 {
-    _hasRunChanged.store(true, std::memory_order_relaxed); // read after the wake-up
-    _wake();
+    const std::scoped_lock lock(_ioMutex);
+    _run.reset();
+    _table = nullptr;
 }
 
 /// Starts the run that the state describes. _ioMutex is held.
 HALStatus AlsaDevice::_start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused)
 {
+    const AlsaQuiet quiet;
     const HALDeviceState now = state();
-    const AlsaRunSetup setup{
+    const AlsaSetup setup{
         .pcmName = _card->pcmName(_pcm.number),
         .deviceName = now.name,
         .channels = {now.directions[0].channelCount(), now.directions[1].channelCount()},
@@ -245,21 +198,11 @@ HALStatus AlsaDevice::_start(HALDeadline deadline, AlsaRun::WhenRefused whenRefu
         .frameCount = now.bufferFrameSize,
         .periodCount = _periodCount,
     };
-    _run = std::make_unique<AlsaRun>(setup, _card, _table, _timeline, [this] { _runChanged(); });
+    _run = std::make_unique<AlsaRun>(setup, _card, _table, _runState);
     const HALStatus status = _run->start(deadline, whenRefused);
     if (status && whenRefused == AlsaRun::WhenRefused::End)
         _run.reset();
-    return status && !_card->identity() ? kAudioHardwareBadDeviceError : status;
-}
-
-void AlsaDevice::stopIO()
-{
-    {
-        const std::scoped_lock lock(_ioMutex);
-        _run.reset();
-        _table = nullptr;
-    }
-    _runChanged();
+    return status && !_card->name() ? kAudioHardwareBadDeviceError : status;
 }
 
 HALStatus AlsaDevice::setNominalSampleRate(double rate, HALDeadline deadline)
@@ -297,33 +240,36 @@ HALStatus AlsaDevice::_retime(double rate, uint32_t frameCount, HALDeadline dead
     }
     const std::scoped_lock lock(_stateMutex);
     _state.actualSampleRate = 0.0;
-    if (_sink)
+    if (_isAdded)
         _sink->deviceChanged(*this, _state);
     return status;
 }
 
 // ---- Controls
 
-HALStatus AlsaDevice::_control(const std::function<int(const AlsaMixer&)>& write)
+HALStatus AlsaDevice::_control(HALDirection direction, const ControlWrite& write)
 {
-    const int error = _card->withControls(write);
-    refreshControls();
+    const AlsaQuiet quiet;
+    const int error = _card->withControls(
+        [&](const AlsaMixer& mixer) { return write(_controls[static_cast<size_t>(direction)], mixer); });
+    refresh();
     return statusOf(error);
 }
 
 HALStatus AlsaDevice::setVolume(HALDirection direction, uint32_t element, float scalar,
                                 HALDeadline /*deadline*/)
 {
-    return _control(
-        [=, this](auto& mixer) { return _controls.setVolume(mixer, direction, element, scalar); });
+    return _control(direction,
+                    [=](auto& controls, auto& mixer) { return controls.setVolume(mixer, element, scalar); });
 }
 
 HALStatus AlsaDevice::setMuted(HALDirection direction, bool muted, HALDeadline /*deadline*/)
 {
-    return _control([=, this](auto& mixer) { return _controls.setMuted(mixer, direction, muted); });
+    return _control(direction, [=](auto& controls, auto& mixer) { return controls.setMuted(mixer, muted); });
 }
 
 HALStatus AlsaDevice::setDataSource(HALDirection direction, uint32_t sourceID, HALDeadline /*deadline*/)
 {
-    return _control([=, this](auto& mixer) { return _controls.setDataSource(mixer, direction, sourceID); });
+    return _control(direction,
+                    [=](auto& controls, auto& mixer) { return controls.setDataSource(mixer, sourceID); });
 }

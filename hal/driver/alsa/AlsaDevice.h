@@ -4,30 +4,21 @@
 #include "AlsaRun.h"
 #include "HALHardwareDriver.h"
 
-#include <atomic>
-
 /// One PCM of a card with its two directions: a device.
-/// Threads: as HALDeviceDriver; update(), refresh…() and remove() on the watching thread.
+/// Threads: as HALDeviceDriver; detach() on the watching thread.
 class AlsaDevice final : public HALDeviceDriver {
 public:
-    /// `wake` makes the watching thread call refreshRun() soon; it may be called on the IO thread.
+    /// `wake` makes the watching thread call refresh() soon; it may be called on the IO thread.
     static CXRef<AlsaDevice> init(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t periodCount,
-                                  std::function<void()> wake);
+                                  HALDriverSink& sink, std::function<void()> wake);
 
-    /// Adds the device to `sink` once it could be asked what it can do, or shows what it does for another program; asks
-    /// again one that was in use then, and reports its name and who uses it. False while the device is not added.
-    bool update(HALDriverSink& sink);
-    /// Reports what has changed: of its controls, or of its run if that has something to report.
-    void refreshControls();
-    void refreshRun();
-    /// Ends IO and removes the device from the sink.
-    void remove();
-    /// Ends IO; nothing is reported from now on.
-    void detach();
-
+    /// Reports the device as it is now. It is added once it could be asked what it can do, or shows what it does for another
+    /// program; one that was in use then is asked again.
+    void refresh();
+    /// Ends IO; nothing is reported from now on. Returns whether the device was added.
+    bool detach();
+    /// As it was reported last; without streams before the device is added.
     HALDeviceState state() const;
-    const AlsaPcmInfo& pcm() const noexcept { return _pcm; }
-    int cardNumber() const noexcept { return _card->number; }
 
     HALStatus setNominalSampleRate(double rate, HALDeadline deadline) override;
     HALStatus setBufferFrameSize(uint32_t frameCount, HALDeadline deadline) override;
@@ -39,40 +30,36 @@ public:
     void stopIO() override;
 
 private:
-    AlsaDevice(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t periodCount,
+    using ControlWrite = std::function<int(AlsaControls&, const AlsaMixer&)>;
+
+    AlsaDevice(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t periodCount, HALDriverSink& sink,
                std::function<void()> wake);
     ~AlsaDevice() override = default;
 
     bool _probe();
-    HALDeviceState _describe(const AlsaIdentity& identity) const;
-    void _add(HALDriverSink& sink, const AlsaIdentity& identity, HALDeviceState state);
+    void _describe(const std::string& cardName, HALDeviceState& state) const;
     void _readControls(HALDeviceState& state);
-    bool _isUsedElsewhere(bool isOurs);
-    bool _isRunning() const;
-    void _runChanged();
-    void _change(const std::function<void(HALDeviceState&)>& change);
+    void _add(HALDeviceState state);
     HALStatus _retime(double rate, uint32_t frameCount, HALDeadline deadline);
     HALStatus _start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused);
-    HALStatus _control(const std::function<int(const AlsaMixer&)>& write);
+    HALStatus _control(HALDirection direction, const ControlWrite& write);
 
     const CXRef<AlsaCard> _card;
     const AlsaPcmInfo _pcm;
     const uint32_t _periodCount;
-    const std::function<void()> _wake;
-
-    std::array<std::optional<AlsaAbilities>, 2> _abilities; // the watching thread's; not changed once added
-    std::array<bool, 2> _isProbed;                          // the watching thread's
-    AlsaControls _controls;                                 // under the card's lock
-    std::atomic<bool> _hasRunChanged{false};
+    std::array<AlsaControls, 2> _controls; // by HALDirection; under the card's lock
 
     // Taken before _stateMutex, and never while the sink is called: stopIO() needs it.
-    mutable std::mutex _ioMutex;
-    AlsaTimeline _timeline;
+    std::mutex _ioMutex;
+    AlsaRunState _runState;
     CXRef<HALIOProcTable> _table; // while IO is wanted
     std::unique_ptr<AlsaRun> _run;
     bool _isGone = false;
 
-    mutable std::mutex _stateMutex; // held while the sink is called
+    mutable std::mutex _stateMutex; // guards what follows; held while the sink is called
+    std::array<std::optional<AlsaAbilities>, 2> _abilities; // by HALDirection
+    std::array<bool, 2> _isProbed;
     HALDeviceState _state;
-    HALDriverSink* _sink = nullptr; // while the device is added
+    HALDriverSink* _sink; // null when detached
+    bool _isAdded = false;
 };

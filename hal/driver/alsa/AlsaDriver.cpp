@@ -1,19 +1,21 @@
 #include "AlsaDriver.h"
 
+#include "AlsaQuiet.h"
+
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <numeric>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int maxCards = 256; // the kernel has room for 32, or 256
-
-HALDirection directionOf(HALDefault which)
-{
-    return which == HALDefault::Input ? HALDirection::Input : HALDirection::Output;
-}
+constexpr int maxCards = 256;                                         // the kernel has room for 32, or 256
+constexpr uint32_t cardAppears = IN_CREATE | IN_MOVED_TO | IN_ATTRIB; // its file, or its rights
+constexpr uint32_t cardIsUsed = IN_OPEN | IN_CLOSE;                   // by any program
 
 } // namespace
 
@@ -24,33 +26,38 @@ CXRef<AlsaDriver> AlsaDriver::init(uint32_t periodCount, std::filesystem::path r
 
 AlsaDriver::AlsaDriver(uint32_t periodCount, std::filesystem::path root)
     : _periodCount(std::clamp(periodCount, 2U, 16U)), _root(std::move(root)),
-      _wakeUps(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+      _wakeUps(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), _folder(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
 {}
 
 AlsaDriver::~AlsaDriver()
 {
     stop();
     close(_wakeUps);
+    close(_folder);
 }
 
 void AlsaDriver::start(HALDriverSink& sink)
 {
+    const AlsaQuiet quiet;
     _sink = &sink;
-    _scan();
+    _watchFolder();
+    for (int number = 0; number < maxCards; ++number)
+        _openCard(number);
+    _refresh();
     _thread = dxr::Thread("dxr-alsa", [this] { _run(); });
 }
 
 void AlsaDriver::stop()
 {
+    const AlsaQuiet quiet;
     _isStopping = true;
     _wake();
     _thread.join();
     for (auto& [number, entry] : _cards)
         for (const CXRef<AlsaDevice>& device : entry.devices)
             device->detach();
+    const std::scoped_lock lock(_mutex);
     _cards.clear();
-    const std::scoped_lock lock(_defaultsMutex);
-    _devices.clear();
     _defaults = {};
 }
 
@@ -64,110 +71,104 @@ void AlsaDriver::_wake() const noexcept
 
 void AlsaDriver::_run()
 {
-    while (!_isStopping) {
-        std::vector<pollfd> polled{{_wakeUps, POLLIN, 0}, {_folder.descriptor(), POLLIN, 0}};
-        std::vector<int> numbers;
-        for (const auto& [number, entry] : _cards) {
-            polled.push_back(entry.card->descriptor());
-            polled.push_back({entry.card->reservation().descriptor(), POLLIN, 0});
-            numbers.push_back(number);
-        }
-        if (poll(polled.data(), polled.size(), -1) < 0 && errno != EINTR)
-            usleep(100'000); // out of memory: no reason to spin
-        uint64_t count = 0;
-        [[maybe_unused]] const ssize_t size = read(_wakeUps, &count, sizeof count);
+    const AlsaQuiet quiet;
+    for (;;) {
+        _wait();
         if (_isStopping)
             return;
-        for (size_t i = 0; i < numbers.size(); ++i)
-            if (polled[2 + 2 * i].revents != 0)
-                _readCard(numbers[i]);
-        _folder.read(
-            [this](AlsaFolderWatch::Event event, const std::string& name) { _fileChanged(event, name); });
-        for (auto& [number, entry] : _cards) {
+        for (const auto& [number, entry] : _cards)
             entry.card->reservation().process();
-            for (const CXRef<AlsaDevice>& device : entry.devices)
-                device->refreshRun();
+        const std::vector<int> appeared = _readFolder();
+        _dropCardsThatAreGone(); // before the next card gets such a number
+        for (const int number : appeared)
+            _openCard(number);
+        _refresh();
+    }
+}
+
+/// Until a card, a run, a program or the bus has something to report.
+void AlsaDriver::_wait()
+{
+    std::vector<pollfd> polled{{_wakeUps, POLLIN, 0}, {_folder, POLLIN, 0}};
+    for (const auto& [number, entry] : _cards) {
+        polled.push_back(entry.card->descriptor());
+        polled.push_back({entry.card->reservation().descriptor(), POLLIN, 0});
+    }
+    if (poll(polled.data(), polled.size(), -1) < 0 && errno != EINTR)
+        usleep(100'000); // out of memory: no reason to spin
+    uint64_t count = 0;
+    [[maybe_unused]] const ssize_t size = read(_wakeUps, &count, sizeof count);
+}
+
+/// The folder exists while there are cards, or once there was one.
+void AlsaDriver::_watchFolder()
+{
+    _devWatch = inotify_add_watch(_folder, "/dev", IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+    inotify_add_watch(_folder, "/dev/snd", cardAppears | cardIsUsed | IN_ONLYDIR);
+}
+
+/// The numbers of the cards that may have appeared, or their rights: a card's control device comes last, and the card is
+/// complete then.
+std::vector<int> AlsaDriver::_readFolder()
+{
+    std::vector<int> numbers;
+    alignas(inotify_event) char room[4096];
+    for (ssize_t size; (size = read(_folder, room, sizeof room)) > 0;) {
+        inotify_event event;
+        for (const char* at = room; at < room + size; at += sizeof event + event.len) {
+            std::memcpy(&event, at, sizeof event);
+            const char* const name = event.len > 0 ? at + sizeof event : "";
+            int number = -1;
+            if ((event.mask & IN_Q_OVERFLOW) != 0 ||
+                (event.wd == _devWatch && std::strcmp(name, "snd") == 0)) {
+                _watchFolder();
+                numbers.resize(maxCards);
+                std::iota(numbers.begin(), numbers.end(), 0);
+            } else if ((event.mask & cardAppears) != 0 && std::sscanf(name, "controlC%3d", &number) == 1) {
+                numbers.push_back(number);
+            }
         }
     }
+    return numbers;
 }
 
-void AlsaDriver::_scan()
+void AlsaDriver::_openCard(int number)
 {
-    for (int number = 0; number < maxCards; ++number)
-        _cardAppeared(number);
-}
-
-void AlsaDriver::_fileChanged(AlsaFolderWatch::Event event, const std::string& name)
-{
-    if (event == AlsaFolderWatch::Event::Unknown)
-        return _scan();
-    int number = -1;
-    if (std::sscanf(name.c_str(), "controlC%3d", &number) == 1 && number >= 0) {
-        if (event == AlsaFolderWatch::Event::Gone)
-            _cardGone(number);
-        else if (event == AlsaFolderWatch::Event::Appeared)
-            _cardAppeared(number);
-    } else if (std::sscanf(name.c_str(), "pcmC%3d", &number) == 1 && event != AlsaFolderWatch::Event::Gone) {
-        _updateDevices(number);
-    }
-}
-
-/// A card's control device comes last, and the card is complete then; its rights may come later.
-void AlsaDriver::_cardAppeared(int number)
-{
-    if (!_cards.contains(number)) {
-        Entry entry;
-        entry.card = AlsaCard::open(number, _root);
-        if (!entry.card)
-            return;
-        for (const AlsaPcmInfo& pcm : entry.card->pcms())
-            entry.devices.push_back(AlsaDevice::init(entry.card, pcm, _periodCount, [this] { _wake(); }));
-        _cards.emplace(number, std::move(entry));
-    }
-    _updateDevices(number);
-}
-
-/// A device that could not be asked before may be free now.
-void AlsaDriver::_updateDevices(int number)
-{
-    const auto card = _cards.find(number);
-    if (card == _cards.end())
+    if (_cards.contains(number))
         return;
-    for (const CXRef<AlsaDevice>& device : card->second.devices) {
-        const bool isAdded = device->update(*_sink);
-        const std::scoped_lock lock(_defaultsMutex);
-        if (isAdded && std::ranges::find(_devices, device) == _devices.end())
-            _devices.push_back(device);
-    }
-    _updateDefaults();
+    Entry entry{AlsaCard::open(number, _root), {}};
+    if (!entry.card)
+        return;
+    for (const AlsaPcmInfo& pcm : entry.card->pcms())
+        entry.devices.push_back(AlsaDevice::init(entry.card, pcm, _periodCount, *_sink, [this] { _wake(); }));
+    const std::scoped_lock lock(_mutex);
+    _cards.emplace(number, std::move(entry));
 }
 
-void AlsaDriver::_cardGone(int number)
+void AlsaDriver::_dropCardsThatAreGone()
 {
-    const auto gone = _cards.extract(number);
-    if (!gone)
-        return;
-    {
-        const std::scoped_lock lock(_defaultsMutex);
-        for (const CXRef<AlsaDevice>& device : gone.mapped().devices) {
-            std::erase(_devices, device);
+    const std::scoped_lock lock(_mutex);
+    std::erase_if(_cards, [this](const auto& each) {
+        const Entry& entry = each.second;
+        if (entry.card->readEvents())
+            return false;
+        for (const CXRef<AlsaDevice>& device : entry.devices) {
             std::ranges::replace(_defaults, device, CXRef<AlsaDevice>());
+            if (device->detach())
+                _sink->deviceRemoved(*device);
         }
-    }
-    for (const CXRef<AlsaDevice>& device : gone.mapped().devices)
-        device->remove();
-    _updateDefaults();
+        return true;
+    });
 }
 
-void AlsaDriver::_readCard(int number)
+/// Whatever the event, all is looked at: a device reports only what is different.
+void AlsaDriver::_refresh()
 {
-    const auto card = _cards.find(number);
-    const int events = card == _cards.end() ? 0 : card->second.card->readEvents();
-    if (events < 0)
-        return _cardGone(number);
-    if (events > 0)
-        for (const CXRef<AlsaDevice>& device : card->second.devices)
-            device->refreshControls();
+    const std::scoped_lock lock(_mutex);
+    for (const auto& [number, entry] : _cards)
+        for (const CXRef<AlsaDevice>& device : entry.devices)
+            device->refresh();
+    _updateDefaults();
 }
 
 // ---- Default devices
@@ -177,24 +178,21 @@ HALStatus AlsaDriver::chooseDefaultDevice(HALDefault which, HALDeviceDriver& dev
     auto* const chosen = dynamic_cast<AlsaDevice*>(&device);
     if (!chosen)
         return kAudioHardwareIllegalOperationError;
-    {
-        const std::scoped_lock lock(_defaultsMutex);
-        _chosen[static_cast<size_t>(which)] = chosen->state().uid;
-    }
+    const std::scoped_lock lock(_mutex);
+    _chosen[static_cast<size_t>(which)] = chosen->state().uid;
     _updateDefaults();
     return kAudioHardwareNoError;
 }
 
+/// _mutex is held.
 void AlsaDriver::_updateDefaults()
 {
-    const std::scoped_lock lock(_defaultsMutex);
     for (const HALDefault which : {HALDefault::Input, HALDefault::Output, HALDefault::SystemOutput}) {
         const auto place = static_cast<size_t>(which);
-        const CXRef<AlsaDevice> best = _bestDefault(directionOf(which), _chosen[place], _defaults[place]);
-        if (best == _defaults[place])
-            continue;
-        _defaults[place] = best;
-        _sink->defaultChanged(which, best.get());
+        const auto direction = which == HALDefault::Input ? HALDirection::Input : HALDirection::Output;
+        const CXRef<AlsaDevice> best = _bestDefault(direction, _chosen[place], _defaults[place]);
+        if (best != _defaults[place])
+            _sink->defaultChanged(which, (_defaults[place] = best).get());
     }
 }
 
@@ -204,17 +202,18 @@ CXRef<AlsaDevice> AlsaDriver::_bestDefault(HALDirection direction, const std::st
                                            const CXRef<AlsaDevice>& current) const
 {
     CXRef<AlsaDevice> best;
-    std::tuple<int, bool, int, unsigned> bestRank;
-    for (const CXRef<AlsaDevice>& device : _devices) {
-        const HALDeviceState state = device->state();
-        if (state[direction].streams.empty())
-            continue;
-        const int preference = state.uid == chosenUID ? 0 : device == current ? 1 : 2;
-        const std::tuple rank{preference, state.transportType == kAudioDeviceTransportTypeHDMI,
-                              device->cardNumber(), device->pcm().number};
-        if (!best || rank < bestRank) {
-            best = device;
-            bestRank = rank;
+    std::pair<int, bool> bestRank;
+    for (const auto& [number, entry] : _cards) {
+        for (const CXRef<AlsaDevice>& device : entry.devices) {
+            const HALDeviceState state = device->state();
+            const std::pair rank{state.uid == chosenUID ? 0
+                                 : device == current    ? 1
+                                                        : 2,
+                                 state.transportType == kAudioDeviceTransportTypeHDMI};
+            if (!state[direction].streams.empty() && (!best || rank < bestRank)) {
+                best = device;
+                bestRank = rank;
+            }
         }
     }
     return best;

@@ -1,8 +1,6 @@
 #pragma once
 
 #include "AlsaDevice.h"
-#include "AlsaFolderWatch.h"
-#include "Thread.h"
 
 #include <filesystem>
 #include <map>
@@ -32,13 +30,13 @@ private:
     ~AlsaDriver() override;
 
     void _run();
+    void _wait();
     void _wake() const noexcept;
-    void _scan();
-    void _fileChanged(AlsaFolderWatch::Event event, const std::string& name);
-    void _cardAppeared(int number);
-    void _cardGone(int number);
-    void _updateDevices(int number);
-    void _readCard(int number);
+    void _watchFolder();
+    std::vector<int> _readFolder();
+    void _openCard(int number);
+    void _dropCardsThatAreGone();
+    void _refresh();
     void _updateDefaults();
     CXRef<AlsaDevice> _bestDefault(HALDirection direction, const std::string& chosenUID,
                                    const CXRef<AlsaDevice>& current) const;
@@ -46,16 +44,14 @@ private:
     const uint32_t _periodCount;
     const std::filesystem::path _root;
     const int _wakeUps; // eventfd: a run has changed, or the thread is to end
+    const int _folder;  // inotify; -1 when nothing can be watched
+    int _devWatch = -1; // the watch of /dev
     std::atomic<bool> _isStopping{false};
-
-    // start() and then the thread's
     HALDriverSink* _sink = nullptr;
-    AlsaFolderWatch _folder;
-    std::map<int, Entry> _cards; // by number
 
-    std::mutex _defaultsMutex;               // guards what follows; held while the sink is called
-    std::vector<CXRef<AlsaDevice>> _devices; // that are added
-    std::array<std::string, 3> _chosen;      // UIDs, by HALDefault; empty: none chosen
+    std::mutex _mutex;                  // guards what follows; held while the sink is called
+    std::map<int, Entry> _cards;        // by number; changed by start(), the watching thread and stop() only
+    std::array<std::string, 3> _chosen; // UIDs, by HALDefault; empty: none chosen
     std::array<CXRef<AlsaDevice>, 3> _defaults;
 
     dxr::Thread _thread;

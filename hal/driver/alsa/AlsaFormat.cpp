@@ -1,6 +1,7 @@
 #include "AlsaFormat.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace {
@@ -53,53 +54,46 @@ struct Float32 {
     }
 };
 
-/// Calls `work` with the type above that is for `format`.
-template <class Work> void withFormat(snd_pcm_format_t format, Work work) noexcept
+template <class Sample>
+void decode(const std::byte* ring, uint32_t ringChannels, float* samples, uint32_t channels,
+            size_t frameCount) noexcept
 {
-    switch (format) {
-    case SND_PCM_FORMAT_S32:
-        return work(Integer<4, 32>());
-    case SND_PCM_FORMAT_S24_3LE:
-        return work(Integer<3, 24>());
-    case SND_PCM_FORMAT_S24:
-        return work(Integer<4, 24>());
-    case SND_PCM_FORMAT_S16:
-        return work(Integer<2, 16>());
-    default:
-        return work(Float32());
+    if (ringChannels == channels) {
+        for (size_t i = 0; i < frameCount * channels; ++i)
+            samples[i] = Sample::read(ring + i * Sample::size);
+        return;
+    }
+    for (size_t frame = 0; frame < frameCount; ++frame, ring += ringChannels * Sample::size)
+        for (uint32_t channel = 0; channel < channels; ++channel)
+            *samples++ = channel < ringChannels ? Sample::read(ring + channel * Sample::size) : 0.0F;
+}
+
+template <class Sample>
+void encode(const float* samples, uint32_t channels, std::byte* ring, uint32_t ringChannels,
+            size_t frameCount) noexcept
+{
+    if (!samples) {
+        std::memset(ring, 0, frameCount * ringChannels * Sample::size);
+    } else if (ringChannels == channels) {
+        for (size_t i = 0; i < frameCount * channels; ++i)
+            Sample::write(samples[i], ring + i * Sample::size);
+    } else {
+        for (size_t frame = 0; frame < frameCount; ++frame, samples += channels)
+            for (uint32_t channel = 0; channel < ringChannels; ++channel, ring += Sample::size)
+                Sample::write(channel < channels ? samples[channel] : 0.0F, ring);
     }
 }
 
+template <class Sample> constexpr AlsaFormat formatOf(snd_pcm_format_t number)
+{
+    return {number, Sample::size, decode<Sample>, encode<Sample>};
+}
+
+constexpr std::array formats{
+    formatOf<Integer<4, 32>>(SND_PCM_FORMAT_S32), formatOf<Integer<3, 24>>(SND_PCM_FORMAT_S24_3LE),
+    formatOf<Integer<4, 24>>(SND_PCM_FORMAT_S24), formatOf<Integer<2, 16>>(SND_PCM_FORMAT_S16),
+    formatOf<Float32>(SND_PCM_FORMAT_FLOAT)};
+
 } // namespace
 
-void alsaDecode(snd_pcm_format_t format, const std::byte* ring, uint32_t ringChannels, float* samples,
-                uint32_t channels, size_t frameCount) noexcept
-{
-    withFormat(format, [=]<class Sample>(Sample) mutable {
-        if (ringChannels == channels) {
-            for (size_t i = 0; i < frameCount * channels; ++i)
-                samples[i] = Sample::read(ring + i * Sample::size);
-            return;
-        }
-        for (size_t frame = 0; frame < frameCount; ++frame, ring += ringChannels * Sample::size)
-            for (uint32_t channel = 0; channel < channels; ++channel)
-                *samples++ = channel < ringChannels ? Sample::read(ring + channel * Sample::size) : 0.0F;
-    });
-}
-
-void alsaEncode(snd_pcm_format_t format, const float* samples, uint32_t channels, std::byte* ring,
-                uint32_t ringChannels, size_t frameCount) noexcept
-{
-    withFormat(format, [=]<class Sample>(Sample) mutable {
-        if (!samples) {
-            std::memset(ring, 0, frameCount * ringChannels * Sample::size);
-        } else if (ringChannels == channels) {
-            for (size_t i = 0; i < frameCount * channels; ++i)
-                Sample::write(samples[i], ring + i * Sample::size);
-        } else {
-            for (size_t frame = 0; frame < frameCount; ++frame, samples += channels)
-                for (uint32_t channel = 0; channel < ringChannels; ++channel, ring += Sample::size)
-                    Sample::write(channel < channels ? samples[channel] : 0.0F, ring);
-        }
-    });
-}
+constinit const std::span<const AlsaFormat> AlsaFormat::all = formats;

@@ -3,20 +3,22 @@
 #include "CXRealtime.h"
 
 #include <alsa/asoundlib.h>
-#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
-/// The sample formats that the driver converts, the preferred ones first.
-inline constexpr std::array alsaFormats{SND_PCM_FORMAT_S32, SND_PCM_FORMAT_S24_3LE, SND_PCM_FORMAT_S24,
-                                        SND_PCM_FORMAT_S16, SND_PCM_FORMAT_FLOAT};
+/// A sample format of a card's ring, and interleaved frames between the ring and ours. Where one side has more channels
+/// than the other, the further ones are silent or left out.
+/// Real time: decode() and encode().
+struct AlsaFormat {
+    snd_pcm_format_t number;
+    size_t sampleBytes;
+    void (*decode)(const std::byte* ring, uint32_t ringChannels, float* samples, uint32_t channels,
+                   size_t frameCount) noexcept;
+    /// Rounds to the nearest and clips; NaN is silence. Null `samples` are silence.
+    void (*encode)(const float* samples, uint32_t channels, std::byte* ring, uint32_t ringChannels,
+                   size_t frameCount) noexcept;
 
-// Interleaved frames between a card's ring and ours. Where one side has more channels than the other, the further ones
-// are silent or left out. `format` is one of alsaFormats.
-// Real time: yes.
-
-void alsaDecode(snd_pcm_format_t format, const std::byte* ring, uint32_t ringChannels, float* samples,
-                uint32_t channels, size_t frameCount) noexcept CX_REALTIME;
-/// Rounds to the nearest and clips; NaN is silence. Null `samples` are silence.
-void alsaEncode(snd_pcm_format_t format, const float* samples, uint32_t channels, std::byte* ring,
-                uint32_t ringChannels, size_t frameCount) noexcept CX_REALTIME;
+    /// Those that the driver converts, the preferred ones first.
+    static const std::span<const AlsaFormat> all;
+};

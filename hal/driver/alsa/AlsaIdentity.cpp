@@ -22,19 +22,13 @@ std::string attribute(const fs::path& file)
     return dxr::utf8Replaced(line.substr(0, maxAttributeBytes));
 }
 
-std::optional<std::string> unlessEmpty(std::string text)
+uint32_t transportOf(const AlsaCardInfo& info)
 {
-    return text.empty() ? std::nullopt : std::optional(std::move(text));
-}
-
-bool contains(const std::string& text, const char* part)
-{
-    return text.find(part) != std::string::npos;
-}
-
-bool isScreen(const AlsaPcmInfo& pcm)
-{
-    return contains(pcm.id, "HDMI") || contains(pcm.name, "HDMI") || contains(pcm.name, "DisplayPort");
+    const auto isDriver = [&](const char* part) { return info.driver.find(part) != std::string::npos; };
+    if (isDriver("USB") || info.components.starts_with("USB"))
+        return kAudioDeviceTransportTypeUSB;
+    return isDriver("Dummy") || isDriver("Loopback") ? kAudioDeviceTransportTypeVirtual
+                                                     : kAudioDeviceTransportTypeBuiltIn;
 }
 
 /// Of a unit on USB: by maker, product and serial number, or by where it is plugged in when it has none.
@@ -46,11 +40,12 @@ void identifyUSB(AlsaIdentity& identity, const fs::path& unit)
         std::snprintf(digits, sizeof digits, "%08X", *location);
         identity.place = digits;
     }
-    const std::string model = attribute(unit / "idVendor") + ":" + attribute(unit / "idProduct");
+    const std::string manufacturer = attribute(unit / "manufacturer");
     const std::string serial = attribute(unit / "serial");
-    identity.key = "usb:" + model + ":" + (serial.empty() ? identity.place : serial);
-    identity.manufacturer = unlessEmpty(attribute(unit / "manufacturer"));
-    identity.modelUID = model;
+    identity.modelUID = attribute(unit / "idVendor") + ":" + attribute(unit / "idProduct");
+    identity.key = "usb:" + *identity.modelUID + ":" + (serial.empty() ? identity.place : serial);
+    if (!manufacturer.empty())
+        identity.manufacturer = manufacturer;
 }
 
 } // namespace
@@ -58,33 +53,18 @@ void identifyUSB(AlsaIdentity& identity, const fs::path& unit)
 AlsaIdentity alsaIdentity(int cardNumber, const AlsaCardInfo& info, const fs::path& system)
 {
     AlsaIdentity identity;
-    identity.name = dxr::utf8Replaced(info.name.empty() ? info.id : info.name);
-    identity.transportType = contains(info.driver, "USB") || info.components.starts_with("USB")
-                                 ? kAudioDeviceTransportTypeUSB
-                             : contains(info.driver, "Dummy") || contains(info.driver, "Loopback")
-                                 ? kAudioDeviceTransportTypeVirtual
-                                 : kAudioDeviceTransportTypeBuiltIn;
+    identity.transportType = transportOf(info);
     std::error_code missing;
     const fs::path device =
         fs::canonical(system / "class/sound" / ("card" + std::to_string(cardNumber)) / "device", missing);
+    // The long name has the place; the identifier is numbered by order of arrival.
+    const std::string place = !missing                ? device.filename().string()
+                              : info.longName.empty() ? info.id
+                                                      : info.longName;
+    identity.key = identity.place = dxr::utf8Replaced(place);
+    if (info.components.starts_with("USB"))
+        identity.modelUID = dxr::utf8Replaced(info.components.substr(3, 9));
     if (!missing && fs::exists(device.parent_path() / "idVendor", missing))
         identifyUSB(identity, device.parent_path());
-    else if (!missing)
-        identity.key = identity.place = dxr::utf8Replaced(device.filename().string());
-    else // the long name has the place, and the identifier is numbered by order of arrival
-        identity.key = identity.place = dxr::utf8Replaced(info.longName.empty() ? info.id : info.longName);
-    if (!identity.modelUID && info.components.starts_with("USB"))
-        identity.modelUID = dxr::utf8Replaced(info.components.substr(3, 9));
     return identity;
-}
-
-std::string alsaDeviceName(const AlsaIdentity& card, const AlsaPcmInfo& pcm)
-{
-    const std::string& own = pcm.name.empty() ? pcm.id : pcm.name;
-    return pcm.isOnly || own.empty() ? card.name : card.name + " " + dxr::utf8Replaced(own);
-}
-
-uint32_t alsaTransportType(const AlsaIdentity& card, const AlsaPcmInfo& pcm)
-{
-    return isScreen(pcm) ? kAudioDeviceTransportTypeHDMI : card.transportType;
 }

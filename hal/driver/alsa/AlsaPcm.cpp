@@ -1,6 +1,5 @@
 #include "AlsaPcm.h"
 
-#include "AlsaQuiet.h"
 #include "HostClock.h"
 
 #include <algorithm>
@@ -28,78 +27,68 @@ private:
 
 /// Opens a direction of a device, and leaves of its configurations those that the driver can use.
 int openUsable(const std::string& name, HALDirection direction, snd_pcm_t*& pcm,
-               snd_pcm_hw_params_t* hardware, bool& isMapped, snd_pcm_format_t& chosen)
+               snd_pcm_hw_params_t* hardware, bool& isMapped, const AlsaFormat*& format)
 {
-    const auto stream = direction == HALDirection::Input ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK;
     Calls calls;
-    if (calls.failed(snd_pcm_open(&pcm, name.c_str(), stream, SND_PCM_NONBLOCK)) ||
+    if (calls.failed(snd_pcm_open(&pcm, name.c_str(), alsaStream(direction), SND_PCM_NONBLOCK)) ||
         calls.failed(snd_pcm_hw_params_any(pcm, hardware)))
         return calls.error();
     isMapped = snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_MMAP_INTERLEAVED) == 0;
     if (!isMapped && calls.failed(snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED)))
         return calls.error();
-    const auto format = std::ranges::find_if(alsaFormats, [&](snd_pcm_format_t each) {
-        return snd_pcm_hw_params_set_format(pcm, hardware, each) == 0;
-    });
-    if (format == alsaFormats.end())
-        return -EINVAL;
-    chosen = *format;
-    return 0;
-}
-
-void closeQuietly(snd_pcm_t* pcm)
-{
-    const AlsaQuiet quiet;
-    snd_pcm_drop(pcm);
-    snd_pcm_close(pcm);
+    for (const AlsaFormat& each : AlsaFormat::all) {
+        format = &each;
+        if (snd_pcm_hw_params_set_format(pcm, hardware, each.number) == 0)
+            return 0;
+    }
+    return -EINVAL;
 }
 
 } // namespace
 
 // ---- Opening
 
-std::unique_ptr<AlsaPcm> AlsaPcm::open(const std::string& name, HALDirection direction,
-                                       const AlsaSetup& setup, int& error)
+std::unique_ptr<AlsaPcm> AlsaPcm::open(HALDirection direction, const AlsaSetup& setup, int& error)
 {
-    const AlsaQuiet quiet;
     std::unique_ptr<AlsaPcm> pcm(new AlsaPcm(direction, setup));
-    error = pcm->_configure(name, direction);
+    error = pcm->_configure(direction, setup);
     return error ? nullptr : std::move(pcm);
 }
 
 AlsaPcm::~AlsaPcm()
 {
-    if (_pcm)
-        closeQuietly(_pcm);
+    if (!_pcm)
+        return;
+    snd_pcm_drop(_pcm);
+    snd_pcm_close(_pcm);
 }
 
 /// Periods of one cycle where the device can, else of about that: cycles are made of what has come, not of periods.
-int AlsaPcm::_configure(const std::string& name, HALDirection direction)
+int AlsaPcm::_configure(HALDirection direction, const AlsaSetup& setup)
 {
     snd_pcm_hw_params_t* hardware = nullptr;
     snd_pcm_hw_params_alloca(&hardware);
-    snd_pcm_uframes_t period = _setup.frameCount;
-    snd_pcm_uframes_t ring = snd_pcm_uframes_t{_setup.frameCount} * _setup.periodCount;
+    snd_pcm_uframes_t period = _frameCount;
+    snd_pcm_uframes_t ring = _frameCount * setup.periodCount;
     int side = 0;
     Calls calls;
     // What else runs on the device may leave it fewer or more channels than it had when it was asked.
-    _ringChannels = _setup.channelCount;
-    if (calls.failed(openUsable(name, direction, _pcm, hardware, _isMapped, _format)) ||
-        calls.failed(snd_pcm_hw_params_set_rate(_pcm, hardware, _setup.rate, 0)) ||
+    _ringChannels = _channels;
+    if (calls.failed(openUsable(setup.pcmName, direction, _pcm, hardware, _isMapped, _format)) ||
+        calls.failed(snd_pcm_hw_params_set_rate(_pcm, hardware, setup.rate, 0)) ||
         calls.failed(snd_pcm_hw_params_set_channels_near(_pcm, hardware, &_ringChannels)) ||
         calls.failed(snd_pcm_hw_params_set_period_size_near(_pcm, hardware, &period, &side)) ||
         calls.failed(snd_pcm_hw_params_set_buffer_size_near(_pcm, hardware, &ring)) ||
         calls.failed(snd_pcm_hw_params(_pcm, hardware)) ||
         calls.failed(snd_pcm_hw_params_get_buffer_size(hardware, &_ringFrames)))
         return calls.error();
-    _periodCount = static_cast<uint32_t>(
-        std::min<snd_pcm_uframes_t>(_setup.periodCount, _ringFrames / _setup.frameCount));
+    _periodCount =
+        static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(setup.periodCount, _ringFrames / _frameCount));
     if (_periodCount < 2 || _ringChannels == 0 || _ringChannels > maxChannels)
         return -EINVAL;
-    _unused = _ringFrames - snd_pcm_uframes_t{_periodCount} * _setup.frameCount;
-    const int sampleBytes = snd_pcm_format_physical_width(_format) / 8;
-    _scratch.resize(_isMapped ? 0
-                              : size_t{_setup.frameCount} * _ringChannels * static_cast<size_t>(sampleBytes));
+    // Of a ring that is longer than the cycles wanted, the rest stays empty.
+    _neededFrames = _isCapture ? _frameCount : _ringFrames - (_periodCount - 1) * _frameCount;
+    _scratch.resize(_isMapped ? 0 : _frameCount * _ringChannels * _format->sampleBytes);
     if (calls.failed(_configureStart()))
         return calls.error();
     return snd_pcm_poll_descriptors(_pcm, &_descriptor, 1) == 1 ? 0 : -EINVAL;
@@ -112,13 +101,12 @@ int AlsaPcm::_configureStart()
     snd_pcm_sw_params_t* software = nullptr;
     snd_pcm_sw_params_alloca(&software);
     snd_pcm_uframes_t boundary = 0;
-    const snd_pcm_uframes_t wake = _setup.frameCount + (_isCapture ? 0 : _unused);
     Calls calls;
     if (calls.failed(snd_pcm_sw_params_current(_pcm, software)) ||
         calls.failed(snd_pcm_sw_params_get_boundary(software, &boundary)) ||
         calls.failed(snd_pcm_sw_params_set_start_threshold(_pcm, software, boundary)) ||
         calls.failed(snd_pcm_sw_params_set_stop_threshold(_pcm, software, _ringFrames)) ||
-        calls.failed(snd_pcm_sw_params_set_avail_min(_pcm, software, wake)) ||
+        calls.failed(snd_pcm_sw_params_set_avail_min(_pcm, software, _neededFrames)) ||
         calls.failed(snd_pcm_sw_params_set_tstamp_mode(_pcm, software, SND_PCM_TSTAMP_ENABLE)))
         return calls.error();
     snd_pcm_sw_params_set_tstamp_type(_pcm, software, SND_PCM_TSTAMP_TYPE_MONOTONIC); // else see stamp()
@@ -127,12 +115,11 @@ int AlsaPcm::_configureStart()
 
 std::optional<AlsaAbilities> AlsaPcm::probe(const std::string& name, HALDirection direction, int& error)
 {
-    const AlsaQuiet quiet;
     snd_pcm_t* pcm = nullptr;
     snd_pcm_hw_params_t* hardware = nullptr;
     snd_pcm_hw_params_alloca(&hardware);
     bool isMapped = false;
-    auto format = SND_PCM_FORMAT_UNKNOWN;
+    const AlsaFormat* format = nullptr;
     error = openUsable(name, direction, pcm, hardware, isMapped, format);
     const std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> closer(pcm, snd_pcm_close);
     AlsaAbilities can;
@@ -172,15 +159,8 @@ std::optional<AlsaAbilities> AlsaPcm::usable(AlsaAbilities can)
 
 // ---- Running
 
-bool AlsaPcm::link(AlsaPcm& other)
-{
-    const AlsaQuiet quiet;
-    return snd_pcm_link(_pcm, other._pcm) == 0;
-}
-
 int AlsaPcm::prepare()
 {
-    const AlsaQuiet quiet;
     snd_pcm_drop(_pcm); // it may still run, after an error of the other direction
     return std::min(snd_pcm_prepare(_pcm), 0);
 }
@@ -196,7 +176,6 @@ int AlsaPcm::fill() noexcept
 
 int AlsaPcm::start()
 {
-    const AlsaQuiet quiet;
     return std::min(snd_pcm_start(_pcm), 0);
 }
 
@@ -226,8 +205,7 @@ int AlsaPcm::isReady() noexcept
         return static_cast<int>(available);
     if (static_cast<snd_pcm_uframes_t>(available) > _ringFrames)
         return -EPIPE;
-    const snd_pcm_uframes_t needed = _setup.frameCount + (_isCapture ? 0 : _unused);
-    return static_cast<snd_pcm_uframes_t>(available) >= needed ? 1 : 0;
+    return static_cast<snd_pcm_uframes_t>(available) >= _neededFrames ? 1 : 0;
 }
 
 AlsaPcm::Stamp AlsaPcm::stamp() noexcept
@@ -248,21 +226,21 @@ AlsaPcm::Stamp AlsaPcm::stamp() noexcept
 int AlsaPcm::transfer(float* samples) noexcept
 {
     const int error = _isMapped ? _transferMapped(samples) : _transferByCalls(samples);
-    _transferred += error ? 0 : _setup.frameCount;
+    _transferred += error ? 0 : _frameCount;
     return error;
 }
 
 void AlsaPcm::_convert(float* samples, std::byte* ring, size_t frameCount) const noexcept
 {
     if (_isCapture)
-        alsaDecode(_format, ring, _ringChannels, samples, _setup.channelCount, frameCount);
+        _format->decode(ring, _ringChannels, samples, _channels, frameCount);
     else
-        alsaEncode(_format, samples, _setup.channelCount, ring, _ringChannels, frameCount);
+        _format->encode(samples, _channels, ring, _ringChannels, frameCount);
 }
 
 int AlsaPcm::_transferMapped(float* samples) noexcept
 {
-    for (snd_pcm_uframes_t left = _setup.frameCount; left > 0;) {
+    for (snd_pcm_uframes_t left = _frameCount; left > 0;) {
         const snd_pcm_channel_area_t* areas = nullptr;
         snd_pcm_uframes_t offset = 0;
         snd_pcm_uframes_t count = left;
@@ -276,7 +254,7 @@ int AlsaPcm::_transferMapped(float* samples) noexcept
         const snd_pcm_sframes_t done = snd_pcm_mmap_commit(_pcm, offset, count);
         if (done < 0 || static_cast<snd_pcm_uframes_t>(done) != count)
             return done < 0 ? static_cast<int>(done) : -EPIPE;
-        samples = samples ? samples + count * _setup.channelCount : nullptr;
+        samples = samples ? samples + count * _channels : nullptr;
         left -= count;
     }
     return 0;
@@ -285,11 +263,10 @@ int AlsaPcm::_transferMapped(float* samples) noexcept
 int AlsaPcm::_transferByCalls(float* samples) noexcept
 {
     if (!_isCapture)
-        _convert(samples, _scratch.data(), _setup.frameCount);
-    const size_t frameBytes = _scratch.size() / _setup.frameCount;
-    for (snd_pcm_uframes_t moved = 0; moved < _setup.frameCount;) {
-        std::byte* const place = _scratch.data() + moved * frameBytes;
-        const snd_pcm_uframes_t left = _setup.frameCount - moved;
+        _convert(samples, _scratch.data(), _frameCount);
+    for (snd_pcm_uframes_t moved = 0; moved < _frameCount;) {
+        std::byte* const place = _scratch.data() + moved * _ringChannels * _format->sampleBytes;
+        const snd_pcm_uframes_t left = _frameCount - moved;
         const snd_pcm_sframes_t count =
             _isCapture ? snd_pcm_readi(_pcm, place, left) : snd_pcm_writei(_pcm, place, left);
         if (count <= 0) // isReady() has found room
@@ -297,6 +274,6 @@ int AlsaPcm::_transferByCalls(float* samples) noexcept
         moved += std::min(static_cast<snd_pcm_uframes_t>(count), left);
     }
     if (_isCapture)
-        _convert(samples, _scratch.data(), _setup.frameCount);
+        _convert(samples, _scratch.data(), _frameCount);
     return 0;
 }

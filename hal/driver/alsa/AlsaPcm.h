@@ -1,20 +1,23 @@
 #pragma once
 
 #include "AlsaFormat.h"
-#include "CXRealtime.h"
 #include "HALDirection.h"
 
+#include <array>
 #include <memory>
 #include <optional>
+#include <poll.h>
 #include <string>
 #include <vector>
 
-/// How one direction of a device is to run.
+/// How a device is to run.
 struct AlsaSetup {
-    uint32_t channelCount = 0;
-    uint32_t rate = 0;        ///< Hz
-    uint32_t frameCount = 0;  ///< of a cycle
-    uint32_t periodCount = 3; ///< cycles that the ring is long; fewer where it has no room
+    std::string pcmName;                ///< "hw:1,0"
+    std::string deviceName;             ///< for messages
+    std::array<uint32_t, 2> channels{}; ///< by HALDirection; 0: it does not have that direction
+    uint32_t rate = 0;                  ///< Hz
+    uint32_t frameCount = 0;            ///< of a cycle
+    uint32_t periodCount = 3;           ///< cycles that the ring is long; fewer where it has no room
 };
 
 /// What one direction of a device can do.
@@ -25,6 +28,11 @@ struct AlsaAbilities {
     uint32_t maxFrames = 0;
 };
 
+constexpr snd_pcm_stream_t alsaStream(HALDirection direction) noexcept
+{
+    return direction == HALDirection::Input ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK;
+}
+
 /// One direction of a device, open. Frames go in and out through its ring, mapped or by read and write.
 /// Threads:   one at a time.
 /// Real time: where marked.
@@ -32,8 +40,7 @@ struct AlsaAbilities {
 class AlsaPcm {
 public:
     /// Null, and `error`, when the device is gone, used by another program or not able to run like this.
-    static std::unique_ptr<AlsaPcm> open(const std::string& name, HALDirection direction,
-                                         const AlsaSetup& setup, int& error);
+    static std::unique_ptr<AlsaPcm> open(HALDirection direction, const AlsaSetup& setup, int& error);
     /// Asks a device that no one uses; none, and `error`, when it cannot be asked or has nothing that we can use.
     static std::optional<AlsaAbilities> probe(const std::string& name, HALDirection direction, int& error);
     /// What of `can` the driver can use.
@@ -43,7 +50,7 @@ public:
     AlsaPcm& operator=(const AlsaPcm&) = delete;
 
     /// From now on prepare() and start() act on both. False when they cannot be linked.
-    bool link(AlsaPcm& other);
+    bool link(AlsaPcm& other) { return snd_pcm_link(_pcm, other._pcm) == 0; }
     int prepare();
     /// Fills the ring with periodCount cycles of silence.
     int fill() noexcept;
@@ -65,14 +72,15 @@ public:
     /// the ring; or an error.
     int isReady() noexcept CX_REALTIME;
     Stamp stamp() noexcept CX_REALTIME;
-    /// Moves one cycle's interleaved frames of `channelCount` channels; null `samples` are silence.
+    /// Moves one cycle's interleaved frames of as many channels as set up; null `samples` are silence.
     int transfer(float* samples) noexcept CX_REALTIME;
 
 private:
     AlsaPcm(HALDirection direction, const AlsaSetup& setup)
-        : _isCapture(direction == HALDirection::Input), _setup(setup)
+        : _isCapture(direction == HALDirection::Input),
+          _channels(setup.channels[static_cast<size_t>(direction)]), _frameCount(setup.frameCount)
     {}
-    int _configure(const std::string& name, HALDirection direction);
+    int _configure(HALDirection direction, const AlsaSetup& setup);
     int _configureStart();
     int _transferMapped(float* samples) noexcept;
     int _transferByCalls(float* samples) noexcept;
@@ -80,14 +88,15 @@ private:
 
     snd_pcm_t* _pcm = nullptr;
     const bool _isCapture;
-    const AlsaSetup _setup;
-    snd_pcm_format_t _format = SND_PCM_FORMAT_UNKNOWN;
+    const uint32_t _channels;
+    const snd_pcm_uframes_t _frameCount; // of a cycle
+    const AlsaFormat* _format = nullptr;
     bool _isMapped = false;
     uint32_t _ringChannels = 0;
     uint32_t _periodCount = 0;
     snd_pcm_uframes_t _ringFrames = 0;
-    snd_pcm_uframes_t _unused = 0; // frames of the ring that stay empty: it is longer than the cycles wanted
-    uint64_t _transferred = 0;     // frames since prepare()
-    std::vector<std::byte> _scratch; // one cycle, where the ring is not mapped
+    snd_pcm_uframes_t _neededFrames = 0; // that have to be available for a cycle
+    uint64_t _transferred = 0;           // frames since prepare()
+    std::vector<std::byte> _scratch;     // one cycle, where the ring is not mapped
     pollfd _descriptor{};
 };

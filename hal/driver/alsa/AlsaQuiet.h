@@ -11,15 +11,11 @@ extern "C" snd_local_error_handler_t alsaSetLocalErrorHandler(snd_local_error_ha
 /// Threads: the one that made it.
 class AlsaQuiet {
 public:
-    AlsaQuiet() noexcept : _before(alsaSetLocalErrorHandler(&_ignore)) {}
+    AlsaQuiet() noexcept : _before(alsaSetLocalErrorHandler([](auto...) {})) {}
     ~AlsaQuiet() { alsaSetLocalErrorHandler(_before); }
     AlsaQuiet(const AlsaQuiet&) = delete;
     AlsaQuiet& operator=(const AlsaQuiet&) = delete;
 
 private:
-    static void _ignore(const char* /*file*/, int /*line*/, const char* /*function*/, int /*error*/,
-                        const char* /*format*/, va_list /*arguments*/)
-    {}
-
     const snd_local_error_handler_t _before;
 };

@@ -1,9 +1,8 @@
 #include "AlsaReservation.h"
 
-#include "HostClock.h"
-
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 namespace {
@@ -13,11 +12,6 @@ constexpr const char* interface = "org.freedesktop.ReserveDevice1";
 constexpr int32_t priority = 10;
 constexpr uint64_t waitMicroseconds = 1'000'000;
 constexpr std::chrono::milliseconds yieldTime{500};
-
-uint64_t nowMicroseconds()
-{
-    return dxr::HostClock::nowTicks() / 1000;
-}
 
 int readPriority(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
 {
@@ -74,14 +68,13 @@ bool AlsaReservation::_connect()
         return false;
     }
     sd_bus_set_method_call_timeout(_bus, waitMicroseconds);
-    const uint64_t deadline = nowMicroseconds() + waitMicroseconds;
-    while (sd_bus_is_ready(_bus) == 0) {
-        const uint64_t now = nowMicroseconds();
-        const int processed = sd_bus_process(_bus, nullptr);
-        if (processed < 0 || now >= deadline)
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(waitMicroseconds);
+    for (int processed = 0; sd_bus_is_ready(_bus) == 0 && processed >= 0;) {
+        if (std::chrono::steady_clock::now() >= deadline)
             break;
+        processed = sd_bus_process(_bus, nullptr);
         if (processed == 0)
-            sd_bus_wait(_bus, deadline - now);
+            sd_bus_wait(_bus, waitMicroseconds / 10);
     }
     if (sd_bus_is_ready(_bus) > 0 &&
         sd_bus_add_object_vtable(_bus, nullptr, _path.c_str(), interface, methods, this) >= 0)
@@ -109,22 +102,14 @@ int AlsaReservation::_acquireName()
 {
     if (sd_bus_request_name(_bus, _name.c_str(), SD_BUS_NAME_ALLOW_REPLACEMENT) != -EEXIST)
         return 0; // a bus that fails otherwise refuses nobody
-    if (!_askOwner())
-        return -EBUSY;
-    const uint64_t flags = SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING;
-    return sd_bus_request_name(_bus, _name.c_str(), flags) == -EEXIST ? -EBUSY : 1;
-}
-
-/// Whether the owner has closed the card.
-bool AlsaReservation::_askOwner()
-{
     sd_bus_message* reply = nullptr;
-    int isReleased = 0;
-    const int result = sd_bus_call_method(_bus, _name.c_str(), _path.c_str(), interface, "RequestRelease",
-                                          nullptr, &reply, "i", priority);
-    const bool hasReply = result >= 0 && sd_bus_message_read(reply, "b", &isReleased) >= 0;
+    int isReleased = 0; // once the owner has closed the card
+    if (sd_bus_call_method(_bus, _name.c_str(), _path.c_str(), interface, "RequestRelease", nullptr, &reply,
+                           "i", priority) >= 0)
+        sd_bus_message_read(reply, "b", &isReleased);
     sd_bus_message_unref(reply);
-    return hasReply && isReleased != 0;
+    const uint64_t flags = SD_BUS_NAME_ALLOW_REPLACEMENT | SD_BUS_NAME_REPLACE_EXISTING;
+    return isReleased == 0 || sd_bus_request_name(_bus, _name.c_str(), flags) == -EEXIST ? -EBUSY : 1;
 }
 
 void AlsaReservation::release(Holder& holder)

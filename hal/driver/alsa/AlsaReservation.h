@@ -39,7 +39,6 @@ private:
     bool _connect();
     void _disconnect();
     int _acquireName();
-    bool _askOwner();
 
     const std::string _name, _path;
     std::mutex _mutex; // guards what follows

@@ -1,5 +1,7 @@
 #include "AlsaRun.h"
 
+#include "AlsaQuiet.h"
+#include "HALTimeStamp.h"
 #include "LogSink.h"
 #include "RealtimeScheduling.h"
 
@@ -18,14 +20,13 @@ constexpr int lastRetryMilliseconds = 1000;
 constexpr int maxBusyTries = 20;
 constexpr uint32_t maxRestarts = 5;          // without a cycle between them
 constexpr double audibleRatioChange = 20e-6; // smaller ones are noise of the measurement
-constexpr uint64_t ratioNanoseconds = 5'000'000'000;
+constexpr double ratioNanoseconds = 5e9;     // between two reports of it
 
 } // namespace
 
-AlsaRun::AlsaRun(AlsaRunSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable> table,
-                 AlsaTimeline& timeline, std::function<void()> changed)
-    : _setup(std::move(setup)), _card(std::move(card)), _table(std::move(table)), _timeline(timeline),
-      _changed(std::move(changed)), _wakeUps(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+AlsaRun::AlsaRun(AlsaSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable> table, AlsaRunState& state)
+    : _setup(std::move(setup)), _card(std::move(card)), _table(std::move(table)), _state(state),
+      _wakeUps(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     std::array<std::vector<uint32_t>, 2> streams;
     for (size_t place = 0; place < 2; ++place) {
@@ -35,7 +36,7 @@ AlsaRun::AlsaRun(AlsaRunSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable>
     }
     _table->prepare(streams[0], streams[1], _setup.frameCount);
     _table->setTiming(_setup.rate, _setup.frameCount);
-    _timeline.begin(_setup.rate);
+    _state.timeline.begin(_setup.rate);
 }
 
 AlsaRun::~AlsaRun()
@@ -44,6 +45,9 @@ AlsaRun::~AlsaRun()
     _wake();
     _thread.join();
     close(_wakeUps);
+    _state.isOpen = _state.isStalled = false;
+    _state.rateRatio = 1.0;
+    _state.changed();
 }
 
 // ---- Control
@@ -57,9 +61,12 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
         return kAudioHardwareUnspecifiedError;
     }
     std::unique_lock lock(_mutex);
-    if (_settled.wait_until(lock, deadline, [this] { return _startError.has_value(); }))
-        return *_startError ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
-    return kAudioHardwareUnspecifiedError;
+    const bool isSettled = _settled.wait_until(lock, deadline, [this] { return _startError.has_value(); });
+    const int error = isSettled ? *_startError : -ETIMEDOUT;
+    if (error && error != -ENODEV)
+        dxr::LogSink::log("cannot start audio device '" + dxr::printableText(_setup.deviceName) +
+                          "': " + snd_strerror(error));
+    return error ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
 }
 
 void AlsaRun::yield()
@@ -79,21 +86,22 @@ void AlsaRun::_wake() const noexcept
 
 void AlsaRun::_run()
 {
+    const AlsaQuiet quiet;
     dxr::makeCurrentThreadRealtime();
-    int delay = firstRetryMilliseconds;
-    while (_request != Request::Stop) {
+    for (int delay = firstRetryMilliseconds; _request != Request::Stop;) {
         Request yielded = Request::Yield;
         _request.compare_exchange_strong(yielded, Request::Run);
         _hadCycle = false;
+        _state.isOpen = true;
         int error = _open();
         if (error == 0)
             error = _runOnce();
         _close();
+        _state.isOpen = false;
         _noteStart(error);
         if (_request == Request::Stop)
             return;
-        _timeline.interrupt();
-        _setStalled(true, error);
+        _noteStall(error);
         delay = _hadCycle ? firstRetryMilliseconds : std::min(2 * delay, lastRetryMilliseconds);
         _sleep(_request == Request::Yield ? lastRetryMilliseconds : delay);
     }
@@ -102,28 +110,20 @@ void AlsaRun::_run()
 int AlsaRun::_open()
 {
     const int reserved = _card->reservation().acquire(*this);
-    if (reserved < 0)
-        return reserved;
-    for (const HALDirection direction : halDirections)
-        if (const int error = _open(direction, reserved > 0))
-            return error;
-    _isLinked = _pcms[0] && _pcms[1] && _pcms[0]->link(*_pcms[1]);
-    return 0;
-}
-
-/// A program that has just given the card to us needs a moment to close it: it `mayBeBusy`.
-int AlsaRun::_open(HALDirection direction, bool mayBeBusy)
-{
-    const auto place = static_cast<size_t>(direction);
-    const AlsaSetup side{_setup.channels[place], _setup.rate, _setup.frameCount, _setup.periodCount};
-    int error = 0;
-    for (int tries = 0; side.channelCount > 0; ++tries) {
-        _pcms[place] = AlsaPcm::open(_setup.pcmName, direction, side, error);
-        if (error != -EBUSY || !mayBeBusy || tries == maxBusyTries || !_shallRun())
-            return error;
-        _sleep(firstRetryMilliseconds);
+    int error = std::min(reserved, 0);
+    for (const HALDirection direction : halDirections) {
+        const auto place = static_cast<size_t>(direction);
+        for (int tries = 0; error == 0 && _setup.channels[place] > 0 && !_pcms[place]; ++tries) {
+            _pcms[place] = AlsaPcm::open(direction, _setup, error);
+            // A program that has just given the card to us needs a moment to close it.
+            if (error != -EBUSY || reserved == 0 || tries == maxBusyTries || !_shallRun())
+                break;
+            _sleep(firstRetryMilliseconds);
+            error = 0;
+        }
     }
-    return 0;
+    _isLinked = _pcms[0] && _pcms[1] && _pcms[0]->link(*_pcms[1]);
+    return error;
 }
 
 void AlsaRun::_close()
@@ -136,28 +136,19 @@ void AlsaRun::_close()
 /// Runs the open device until it has to be closed.
 int AlsaRun::_runOnce()
 {
-    uint32_t restarts = 0;
     int error = _begin();
-    for (;;) {
-        error = error ? error : _wait();
-        if (error == 0) {
-            _cycle(error);
-            if (error == 0) {
-                restarts = 0;
-                if (!std::exchange(_hadCycle, true))
-                    _noteStart(0);
-                if (isStalled())
-                    _setStalled(false, 0);
-                if (std::exchange(_hasNews, false))
-                    _changed();
-            }
+    for (uint32_t restarts = 0;;) {
+        while (error == 0 && (error = _wait()) == 0 && (error = _cycle()) == 0) {
+            restarts = 0;
+            _noteCycle();
         }
-        if (error) {
-            const bool isInterrupted = error == -EPIPE || error == -ESTRPIPE;
-            if (!isInterrupted || ++restarts > maxRestarts)
-                return error;
-            error = _restart();
-        }
+        const bool isInterrupted = error == -EPIPE || error == -ESTRPIPE;
+        if (!isInterrupted || ++restarts > maxRestarts)
+            return error;
+        if (_hadCycle)
+            _table->reportOverload();
+        _state.timeline.interrupt();
+        error = _begin(); // after a suspend too: what was in the ring is old
     }
 }
 
@@ -180,26 +171,15 @@ int AlsaRun::_begin() noexcept
     return error == 0 && isApart ? output->start() : error;
 }
 
-int AlsaRun::_restart() noexcept
-{
-    if (_hadCycle)
-        _table->reportOverload();
-    _timeline.interrupt();
-    return _begin(); // after a suspend too: what was in the ring is old
-}
-
 /// Waits until the input has a cycle's frames, and then until the output has room: with one clock it has, and one interrupt
 /// has been enough.
 int AlsaRun::_wait() noexcept
 {
     for (const auto& pcm : _pcms) {
-        while (pcm) {
-            const int ready = pcm->isReady();
-            if (ready < 0)
-                return ready;
-            if (ready > 0)
-                break;
-            if (const int error = _poll(*pcm))
+        for (int ready = 0; pcm && ready == 0;) {
+            ready = pcm->isReady();
+            const int error = ready == 0 ? _poll(*pcm) : std::min(ready, 0);
+            if (error)
                 return error;
         }
     }
@@ -221,21 +201,19 @@ int AlsaRun::_poll(const AlsaPcm& pcm) noexcept
     return polled[0].revents != 0 ? -ECANCELED : pcm.errorIn(polled[1].revents);
 }
 
-void AlsaRun::_cycle(int& error) noexcept
+int AlsaRun::_cycle() noexcept
 {
     const CXRealtimeScope realtime;
     AlsaPcm* const input = _pcms[0].get();
     AlsaPcm* const output = _pcms[1].get();
     const AlsaPcm::Stamp stamp = (input ? *input : *output).stamp();
     const uint64_t due = ++_cycleCount * _setup.frameCount;
-    const AlsaTimeline::Step step =
-        _timeline.advance(stamp.hostNanoseconds, stamp.position, due, _setup.frameCount);
-    _noteRatio(step);
-    if (input && (error = input->transfer(_samples[0].data())) != 0)
-        return;
+    _step = _state.timeline.advance(stamp.hostNanoseconds, stamp.position, due, _setup.frameCount);
+    if (const int error = input ? input->transfer(_samples[0].data()) : 0)
+        return error;
     HALCycle cycle;
     cycle.frameCount = _setup.frameCount;
-    _fillTimes(cycle, step);
+    _fillTimes(cycle);
     const HALStreamBlock inputBlock{_samples[0].data(), _setup.channels[0]};
     const HALStreamBlock outputBlock{_samples[1].data(), _setup.channels[1]};
     if (input)
@@ -243,22 +221,15 @@ void AlsaRun::_cycle(int& error) noexcept
     if (output)
         cycle.output = {&outputBlock, 1};
     _table->runCycle(cycle);
-    if (output)
-        error = output->transfer(_samples[1].data());
+    return output ? output->transfer(_samples[1].data()) : 0;
 }
 
 /// The cycle began when its last frame of input had come; its output is behind what the ring holds.
-void AlsaRun::_fillTimes(HALCycle& cycle, const AlsaTimeline::Step& step) const noexcept
+void AlsaRun::_fillTimes(HALCycle& cycle) const noexcept
 {
-    const auto at = [&step](double frames) {
-        AudioTimeStamp time{};
-        time.sampleTime = static_cast<double>(step.sampleTime) + frames;
-        time.hostTime =
-            static_cast<uint64_t>(std::max(0.0, step.nanoseconds + frames * step.nanosecondsPerFrame));
-        time.rateScalar = 1.0 / step.rateRatio;
-        time.flags =
-            kAudioTimeStampSampleTimeValid | kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
-        return time;
+    const auto at = [this](double frames) {
+        return halTimeStamp(static_cast<double>(_step.sampleTime) + frames,
+                            _step.nanoseconds + frames * _step.nanosecondsPerFrame, _step.rateRatio);
     };
     const double frames = _setup.frameCount;
     cycle.now = at(0.0);
@@ -266,21 +237,35 @@ void AlsaRun::_fillTimes(HALCycle& cycle, const AlsaTimeline::Step& step) const 
     cycle.outputTime = at(_pcms[1] ? (_pcms[1]->periodCount() - 1) * frames : 0.0);
 }
 
-void AlsaRun::_noteRatio(const AlsaTimeline::Step& step) noexcept
+// ---- Between cycles
+
+void AlsaRun::_noteCycle()
 {
-    const auto now = static_cast<uint64_t>(step.nanoseconds);
-    if (_ratioNanoseconds == 0)
-        _ratioNanoseconds = now; // at first it is not known well
-    if (now < _ratioNanoseconds + ratioNanoseconds)
+    if (!std::exchange(_hadCycle, true)) {
+        _noteStart(0);
+        _state.isStalled = false;
+        _state.changed();
+    }
+    if (_ratioNanoseconds == 0.0)
+        _ratioNanoseconds = _step.nanoseconds; // at first the ratio is not known well
+    if (_step.nanoseconds < _ratioNanoseconds + ratioNanoseconds)
         return;
-    _ratioNanoseconds = now;
-    if (std::abs(step.rateRatio - rateRatio()) < audibleRatioChange)
-        return;
-    _rateRatio.store(step.rateRatio, std::memory_order_relaxed);
-    _hasNews = true;
+    _ratioNanoseconds = _step.nanoseconds;
+    if (std::abs(_step.rateRatio - _state.rateRatio) >= audibleRatioChange) {
+        _state.rateRatio = _step.rateRatio;
+        _state.changed();
+    }
 }
 
-// ---- Between cycles
+void AlsaRun::_noteStall(int error)
+{
+    if (_request != Request::Yield && error != -ENODEV && !std::exchange(_isLogged, true))
+        dxr::LogSink::log("audio device '" + dxr::printableText(_setup.deviceName) +
+                          "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
+    _state.timeline.interrupt();
+    _state.isStalled = true;
+    _state.changed();
+}
 
 void AlsaRun::_noteStart(int error)
 {
@@ -290,15 +275,6 @@ void AlsaRun::_noteStart(int error)
     _settled.notify_all();
     if (*_startError != 0 && _whenRefused == WhenRefused::End)
         _request = Request::Stop;
-}
-
-void AlsaRun::_setStalled(bool isStalled, int error)
-{
-    if (isStalled && _request != Request::Yield && error != -ENODEV && !std::exchange(_isLogged, true))
-        dxr::LogSink::log("audio device '" + dxr::printableText(_setup.deviceName) +
-                          "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
-    if (_isStalled.exchange(isStalled, std::memory_order_relaxed) != isStalled)
-        _changed();
 }
 
 /// Until the time has passed or something else is requested.

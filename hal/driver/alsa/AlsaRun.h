@@ -10,24 +10,23 @@
 #include <functional>
 #include <mutex>
 
-/// What a run needs to know of its device.
-struct AlsaRunSetup {
-    std::string pcmName; ///< "hw:1,0"
-    std::string deviceName;
-    std::array<uint32_t, 2> channels{}; ///< by HALDirection; 0: it does not have that direction
-    uint32_t rate = 0;                  ///< Hz
-    uint32_t frameCount = 0;
-    uint32_t periodCount = 0;
+/// What a device keeps from run to run, and what a run reports of itself.
+struct AlsaRunState {
+    AlsaTimeline timeline{}; ///< the run's while there is one
+    // Written by the IO thread, read by AlsaDevice::refresh(), each complete by itself. `changed` is called afterwards, on the
+    // IO thread outside cycles or when the run ends; it does not wait.
+    std::atomic<bool> isOpen{false};    ///< from before the device is opened until it is closed
+    std::atomic<bool> isStalled{false}; ///< delivery failed, and no cycle has come since
+    std::atomic<double> rateRatio{1.0}; ///< frames per nominal frame, when that has last changed audibly
+    const std::function<void()> changed;
 };
 
 /// The IO of one device from its start to its stop: a thread that opens the device, runs its cycles, both directions in
 /// one, and opens it again when it stops delivering.
-/// Threads: made, started and destroyed by one at a time; the queries from any. One of its own.
+/// Threads: made, started and destroyed by one at a time. One of its own.
 class AlsaRun final : private AlsaReservation::Holder {
 public:
-    /// `changed` is called on the IO thread, outside cycles, when isStalled() or rateRatio() has changed; it does not wait.
-    AlsaRun(AlsaRunSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable> table, AlsaTimeline& timeline,
-            std::function<void()> changed);
+    AlsaRun(AlsaSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable> table, AlsaRunState& state);
     /// No cycle runs after it.
     ~AlsaRun();
     AlsaRun(const AlsaRun&) = delete;
@@ -37,9 +36,6 @@ public:
     /// Waits for the first cycle. After an error nothing is left running, or it goes on trying.
     HALStatus start(HALDeadline deadline, WhenRefused whenRefused);
 
-    bool isStalled() const noexcept { return _isStalled.load(std::memory_order_relaxed); }
-    double rateRatio() const noexcept { return _rateRatio.load(std::memory_order_relaxed); }
-
 private:
     enum class Request : int { Run, Yield, Stop };
 
@@ -48,26 +44,23 @@ private:
     void _run();
     int _runOnce();
     int _open();
-    int _open(HALDirection direction, bool mayBeBusy);
     void _close();
     int _begin() noexcept;
-    int _restart() noexcept;
     int _wait() noexcept;
     int _poll(const AlsaPcm& pcm) noexcept;
-    void _cycle(int& error) noexcept CX_REALTIME;
-    void _fillTimes(HALCycle& cycle, const AlsaTimeline::Step& step) const noexcept CX_REALTIME;
-    void _noteRatio(const AlsaTimeline::Step& step) noexcept CX_REALTIME;
+    int _cycle() noexcept CX_REALTIME;
+    void _fillTimes(HALCycle& cycle) const noexcept CX_REALTIME;
+    void _noteCycle();
+    void _noteStall(int error);
     void _noteStart(int error);
-    void _setStalled(bool isStalled, int error);
     bool _shallRun() const noexcept { return _request.load(std::memory_order_relaxed) == Request::Run; }
     void _wake() const noexcept;
     void _sleep(int milliseconds) const noexcept;
 
-    const AlsaRunSetup _setup;
+    const AlsaSetup _setup;
     const CXRef<AlsaCard> _card;
     const CXRef<HALIOProcTable> _table;
-    AlsaTimeline& _timeline;
-    const std::function<void()> _changed;
+    AlsaRunState& _state;
     const int _wakeUps; // eventfd, readable when _request has changed
 
     // The IO thread's alone.
@@ -75,17 +68,15 @@ private:
     bool _isLinked = false;
     std::array<std::vector<float>, 2> _samples; // of one cycle
     WhenRefused _whenRefused = WhenRefused::End;
-    uint64_t _cycleCount = 0; // since the last begin
-    uint64_t _ratioNanoseconds = 0;
-    bool _hasNews = false;
-    bool _hadCycle = false;
+    uint64_t _cycleCount = 0;   // since the last begin
+    AlsaTimeline::Step _step{}; // of the last cycle
+    double _ratioNanoseconds = 0.0;
+    bool _hadCycle = false; // since the device was opened
     bool _isLogged = false;
 
-    // Written by one side, read by the other; each complete by itself. _request is seen at the next wait, which _wakeUps
-    // ends at once; it goes from Run to Yield and back, by exchange, until it is Stop for good.
+    // Seen at the next wait, which _wakeUps ends at once. Goes from Run to Yield and back, by exchange, until it is Stop for
+    // good.
     std::atomic<Request> _request{Request::Run};
-    std::atomic<bool> _isStalled{false};
-    std::atomic<double> _rateRatio{1.0};
 
     std::mutex _mutex; // guards what follows; never taken in a cycle
     std::condition_variable _settled;

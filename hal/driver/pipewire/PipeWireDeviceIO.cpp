@@ -1,5 +1,6 @@
 #include "PipeWireDeviceIO.h"
 
+#include "HALTimeStamp.h"
 #include "HostClock.h"
 
 #include <algorithm>
@@ -55,17 +56,6 @@ float* portSamples(void* port, uint32_t frameCount, bool isOutput) noexcept
     }
     pw_filter_queue_buffer(port, buffer); // goes out with the end of the cycle
     return samples;
-}
-
-AudioTimeStamp timeStamp(double sampleTime, double nanoseconds, double rateRatio) noexcept
-{
-    AudioTimeStamp time{};
-    time.sampleTime = sampleTime;
-    time.hostTime = nanoseconds > 0.0 ? static_cast<uint64_t>(nanoseconds) : 0;
-    time.rateScalar = 1.0 / rateRatio;
-    time.flags =
-        kAudioTimeStampSampleTimeValid | kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
-    return time;
 }
 
 } // namespace
@@ -301,10 +291,10 @@ void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
     const double cycleNanoseconds = frameCount * 1e9 / (clock.rate.denom * ratio);
     HALCycle cycle;
     cycle.frameCount = frameCount;
-    cycle.now = timeStamp(sampleTime, nanoseconds, ratio);
+    cycle.now = halTimeStamp(sampleTime, nanoseconds, ratio);
     // The input ended as this cycle began; the output is heard from the next cycle on.
-    cycle.inputTime = timeStamp(sampleTime - frameCount, nanoseconds - cycleNanoseconds, ratio);
-    cycle.outputTime = timeStamp(sampleTime + frameCount, nanoseconds + cycleNanoseconds, ratio);
+    cycle.inputTime = halTimeStamp(sampleTime - frameCount, nanoseconds - cycleNanoseconds, ratio);
+    cycle.outputTime = halTimeStamp(sampleTime + frameCount, nanoseconds + cycleNanoseconds, ratio);
     _runProcs(cycle);
     // The device did not wait: output that came too late is lost, though the clock's count shows no gap.
     if (!step.lostFrames && clock.next_nsec > clock.nsec && dxr::HostClock::nowTicks() > clock.next_nsec)

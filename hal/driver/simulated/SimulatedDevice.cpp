@@ -1,5 +1,7 @@
 #include "SimulatedDevice.h"
 
+#include "HALTimeStamp.h"
+
 #include <algorithm>
 #include <numbers>
 
@@ -470,15 +472,9 @@ double SimulatedDevice::_ticksLate()
 
 AudioTimeStamp SimulatedDevice::_stampAt(double sampleTime, double ticksLate) const
 {
-    AudioTimeStamp stamp{};
-    stamp.sampleTime = sampleTime;
     const double ticks =
         _anchorTicks + (sampleTime - static_cast<double>(_anchorSampleTime)) * _ticksPerFrame() + ticksLate;
-    stamp.hostTime = ticks > 0.0 ? static_cast<uint64_t>(ticks) : 0;
-    stamp.rateScalar = 1.0 / (1.0 + _description.driftPartsPerMillion * 1e-6);
-    stamp.flags =
-        kAudioTimeStampSampleTimeValid | kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
-    return stamp;
+    return halTimeStamp(sampleTime, ticks, 1.0 + _description.driftPartsPerMillion * 1e-6);
 }
 
 void SimulatedDevice::_hear()

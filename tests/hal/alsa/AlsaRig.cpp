@@ -12,6 +12,7 @@ namespace {
 
 class AlsaRig final : public ConformanceRig {
 public:
+    ~AlsaRig() override { FakedCards::unplugAll(); }
     HALModel& model() override { return *_model; }
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override

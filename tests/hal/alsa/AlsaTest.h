@@ -36,6 +36,8 @@ public:
 /// The driver over faked cards, whose time waits for a late test.
 class AlsaTest : public testing::Test {
 protected:
+    ~AlsaTest() override { FakedCards::unplugAll(); }
+
     static FakedCardOptions aCard(const std::string& longName = "unit")
     {
         FakedCardOptions card;
@@ -104,13 +106,13 @@ public:
     }
 
     std::atomic<uint64_t> cycles{0};
-    std::atomic<uint64_t> heard{0}; ///< frames that continued the ramp
-    std::atomic<uint64_t> jumps{0}; ///< frames that did not, silence left out
-    std::atomic<uint64_t> backwards{
-        0};                        ///< sample times that were not the last one's plus its frames, or later
-    std::atomic<uint64_t> gaps{0}; ///< sample times that were later
-    std::atomic<double> latencyFrames{
-        0.0}; ///< between a sample's output and its input time, less what was measured
+    std::atomic<uint64_t> heard{0};     ///< frames that continued the ramp
+    std::atomic<uint64_t> jumps{0};     ///< frames that did not, silence left out
+    std::atomic<uint64_t> backwards{0}; ///< sample times before the last one's plus its frames
+    std::atomic<uint64_t> gaps{0};      ///< sample times after that
+    /// Between a sample's output and its input time, less what was measured.
+    std::atomic<double> latencyFrames{0.0};
+    std::atomic<double> rateScalar{0.0};
     std::atomic<float> step{1.0F / 1048576.0F};
 
 private:
@@ -147,6 +149,7 @@ private:
                     static_cast<float>(std::fmod(time, 1.0 / static_cast<double>(step.load()))) * step;
             }
         }
+        rateScalar = now.rateScalar;
         if (now.sampleTime < _next)
             ++backwards;
         if (_next > 0.0 && now.sampleTime > _next)

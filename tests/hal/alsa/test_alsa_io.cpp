@@ -3,7 +3,9 @@
 #include "CXValue.h"
 #include "CapturedLog.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace {
 
@@ -73,25 +75,20 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
 TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
 {
     enum class Report { None, Overload, Stall };
-    const auto nothing = [](int) {};
     struct {
         const char* why;
         unsigned playback, capture;
         Report report;
-        void (*stop)(int card);
-        void (*let)(int card);
+        FakedFault fault;
         int rounds = 3;
     } const rows[] = {
-        {"an overload", 2, 2, Report::Overload, FakedCards::overload, nothing},
-        {"an overload of an input alone", 0, 2, Report::Overload, FakedCards::overload, nothing},
-        {"an overload of an output alone", 2, 0, Report::Overload, FakedCards::overload, nothing},
-        {"a suspend", 2, 2, Report::Overload, [](int card) { FakedCards::setSuspended(card, true); },
-         [](int card) { FakedCards::setSuspended(card, false); }},
-        {"a card that is stuck for a while", 2, 2, Report::Stall,
-         [](int card) { FakedCards::setStuck(card, true); },
-         [](int card) { FakedCards::setStuck(card, false); }, 1},
-        {"a pause that this process did not ask for", 2, 2, Report::None, FakedCards::pause, nothing, 1},
-        {"a wait that a signal ends", 2, 2, Report::None, FakedCards::interruptWaits, nothing},
+        {"an overload", 2, 2, Report::Overload, FakedFault::Overload},
+        {"an overload of an input alone", 0, 2, Report::Overload, FakedFault::Overload},
+        {"an overload of an output alone", 2, 0, Report::Overload, FakedFault::Overload},
+        {"a suspend", 2, 2, Report::Overload, FakedFault::Suspend},
+        {"a card that is stuck for a while", 2, 2, Report::Stall, FakedFault::Stuck, 1},
+        {"a pause that this process did not ask for", 2, 2, Report::None, FakedFault::Pause, 1},
+        {"a wait that a signal ends", 2, 2, Report::None, FakedFault::InterruptWaits},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
@@ -107,11 +104,11 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
         for (int round = 0; round < row.rounds; ++round) {
             EXPECT_TRUE(
                 eventually([before = ramp.cycles.load(), &ramp] { return ramp.cycles > before + 5; }));
-            row.stop(number);
+            FakedCards::set(number, row.fault);
             EXPECT_TRUE(!isStuck || eventually([&] {
                 return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 0U;
             })) << "that it delivers nothing is not reported";
-            row.let(number);
+            FakedCards::set(number, row.fault, false);
             const uint64_t heard = ramp.heard;
             const uint64_t before = ramp.cycles;
             EXPECT_TRUE(eventually([&] { return ramp.cycles > before + 20; }));
@@ -152,59 +149,38 @@ TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
 {
     struct {
         const char* why;
-        void (*spoil)(int card, bool isSpoilt);
+        FakedFault fault;
     } const rows[] = {
-        {"another program has it", FakedCards::setBusy},
-        {"its clock stands still", FakedCards::setStuck},
-        {"its rights are gone", [](int card, bool isSpoilt) { FakedCards::setRights(card, !isSpoilt); }},
+        {"another program has it", FakedFault::Busy},
+        {"its clock stands still", FakedFault::Stuck},
+        {"its rights are gone", FakedFault::NoRights},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
         const int number = FakedCards::plug(aCard(row.why));
         const AudioObjectID id = device(uidOf(row.why));
         Ramp ramp(*hal, id);
-        row.spoil(number, true);
+        const CapturedLog log;
+        FakedCards::set(number, row.fault);
         EXPECT_EQ(ramp.start(), kAudioHardwareUnspecifiedError);
+        EXPECT_EQ(log.lines().size(), 1U) << "the reason";
         EXPECT_EQ(ramp.cycles, 0U);
         EXPECT_FALSE(FakedCards::isOpen(number)) << "something is left running";
-        row.spoil(number, false);
+        FakedCards::set(number, row.fault, false);
         EXPECT_EQ(ramp.start(), kAudioHardwareNoError);
         ramp.stop();
         FakedCards::unplug(number);
     }
 }
 
-TEST_F(AlsaTest, measuresTheClockAndKeepsItThroughAnOverload)
-{
-    FakedCardOptions card = aCard();
-    card.partsPerMillion = 200.0;
-    card.isElastic = true;
-    const int number = FakedCards::plug(card);
-    AlsaTimeline timeline; // the driver's own clock, as it is read by clients: rate scalar of the time stamps
-    std::atomic<double> scalar{0.0};
-    AudioDeviceIOProcID proc = nullptr;
-    const AudioObjectID id = device(uidOf("unit"));
-    hal->createIOProc(
-        id,
-        [&](const AudioTimeStamp* now, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
-            const AudioTimeStamp*) { scalar = now->rateScalar; },
-        proc);
-    ASSERT_EQ(hal->start(id, proc), kAudioHardwareNoError);
-    const auto isMeasured = [&] { return std::abs(scalar - 1.0 / 1.0002) < 10e-6; };
-    EXPECT_TRUE(eventually(isMeasured)) << scalar;
-    FakedCards::overload(number);
-    EXPECT_TRUE(eventually(isMeasured)) << scalar;
-    hal->destroyIOProc(id, proc);
-}
-
-TEST_F(AlsaTest, findsTheRatioOfTwoCardsInAnAggregate)
+TEST_F(AlsaTest, measuresAClockAndKeepsItThroughAnOverload)
 {
     FakedCards::plug(aCard("leader"));
     FakedCardOptions card = aCard("other");
     card.partsPerMillion = 200.0;
-    FakedCards::plug(card);
+    const int number = FakedCards::plug(card);
     device(uidOf("leader"));
-    device(uidOf("other"));
+    const AudioObjectID other = device(uidOf("other"));
     const CXPlist description{
         {"uid", "both"},
         {"name", "Both"},
@@ -212,21 +188,20 @@ TEST_F(AlsaTest, findsTheRatioOfTwoCardsInAnAggregate)
         {"subdevices", {{{"uid", uidOf("leader")}}, {{"uid", uidOf("other")}, {"drift", 1}}}}};
     AudioObjectID both = kAudioObjectUnknown;
     ASSERT_EQ(hal->createAggregateDevice(*CXValue::initWithPlist(description), both), kAudioHardwareNoError);
-    AudioDeviceIOProcID proc = nullptr;
-    hal->createIOProc(
-        both,
-        [](const AudioTimeStamp*, const AudioBufferList*, const AudioTimeStamp*, AudioBufferList*,
-           const AudioTimeStamp*) {},
-        proc);
-    ASSERT_EQ(hal->start(both, proc), kAudioHardwareNoError);
-    double found = 0.0;
-    EXPECT_TRUE(eventually([&] {
+    Ramp aggregate(*hal, both), alone(*hal, other);
+    ASSERT_EQ(aggregate.start(), kAudioHardwareNoError);
+    ASSERT_EQ(alone.start(), kAudioHardwareNoError);
+    const auto isMeasured = [&] {
         const auto status = readList<AudioAggregateSubDeviceStatus>(
             *hal, both, at(kAudioAggregateDevicePropertySubDeviceStatus));
-        found = status.size() == 2 ? status[1].partsPerMillion : 0.0;
-        return std::abs(found - 200.0) < 2.0;
-    })) << found;
-    hal->destroyIOProc(both, proc);
+        return std::abs(alone.rateScalar - 1.0 / 1.0002) < 10e-6 && status.size() == 2 &&
+               std::abs(status[1].partsPerMillion - 200.0) < 2.0;
+    };
+    EXPECT_TRUE(eventually(isMeasured)) << alone.rateScalar;
+    FakedCards::set(number, FakedFault::Overload);
+    EXPECT_TRUE(eventually([&, before = alone.cycles.load()] { return alone.cycles > before + 50; }));
+    EXPECT_TRUE(eventually(isMeasured)) << alone.rateScalar;
+    aggregate.stop();
     hal->destroyAggregateDevice(both);
 }
 
@@ -257,6 +232,11 @@ TEST(AlsaTimeline, keepsItsClockThroughAnInterruption)
     EXPECT_LE(odd.sampleTime, after.sampleTime + 61 * 48000);
 }
 
+const AlsaFormat& formatOf(snd_pcm_format_t number)
+{
+    return *std::ranges::find(AlsaFormat::all, number, &AlsaFormat::number);
+}
+
 TEST(AlsaFormat, roundsClipsAndKeepsWhatFits)
 {
     struct {
@@ -273,8 +253,8 @@ TEST(AlsaFormat, roundsClipsAndKeepsWhatFits)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
         std::byte ring[16];
-        const auto encoded = [&](snd_pcm_format_t format, auto value, size_t size) {
-            alsaEncode(format, &row.in, 1, ring, 1, 1);
+        const auto encoded = [&](snd_pcm_format_t number, auto value, size_t size) {
+            formatOf(number).encode(&row.in, 1, ring, 1, 1);
             std::memcpy(&value, ring, size);
             return value;
         };
@@ -286,11 +266,12 @@ TEST(AlsaFormat, roundsClipsAndKeepsWhatFits)
     // More channels than the ring has, and fewer.
     const float wide[]{0.1F, 0.5F, 0.2F, -0.5F};
     int16_t narrow[3]{9, 9, 9};
-    alsaEncode(SND_PCM_FORMAT_S16, wide, 2, reinterpret_cast<std::byte*>(narrow), 1, 2);
+    const AlsaFormat& shorts = formatOf(SND_PCM_FORMAT_S16);
+    shorts.encode(wide, 2, reinterpret_cast<std::byte*>(narrow), 1, 2);
     EXPECT_EQ(narrow[1], 6554);
     EXPECT_EQ(narrow[2], 9);
     float back[4]{9, 9, 9, 9};
-    alsaDecode(SND_PCM_FORMAT_S16, reinterpret_cast<std::byte*>(narrow), 1, back, 2, 2);
+    shorts.decode(reinterpret_cast<std::byte*>(narrow), 1, back, 2, 2);
     EXPECT_EQ(back[1], 0.0F);
     EXPECT_NEAR(back[2], 0.2F, 1e-4F);
 }

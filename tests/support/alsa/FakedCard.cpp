@@ -11,27 +11,16 @@ namespace {
 
 const char* const sourceNames[] = {"Mic", "Line"};
 
+constexpr int mixer = SNDRV_CTL_ELEM_IFACE_MIXER, jack = SNDRV_CTL_ELEM_IFACE_CARD;
+constexpr int integer = SNDRV_CTL_ELEM_TYPE_INTEGER, boolean = SNDRV_CTL_ELEM_TYPE_BOOLEAN;
+
 const std::vector<FakedCard::Control> usualControls{
-    {SNDRV_CTL_ELEM_IFACE_MIXER,
-     "Master Playback Volume",
-     SNDRV_CTL_ELEM_TYPE_INTEGER,
-     2,
-     64,
-     true,
-     -6400,
-     {48, 48}},
-    {SNDRV_CTL_ELEM_IFACE_MIXER,
-     "Master Playback Switch",
-     SNDRV_CTL_ELEM_TYPE_BOOLEAN,
-     2,
-     1,
-     true,
-     0,
-     {1, 1}},
-    {SNDRV_CTL_ELEM_IFACE_MIXER, "Capture Volume", SNDRV_CTL_ELEM_TYPE_INTEGER, 2, 30, true, -1500, {15, 15}},
-    {SNDRV_CTL_ELEM_IFACE_MIXER, "Capture Switch", SNDRV_CTL_ELEM_TYPE_BOOLEAN, 2, 1, true, 0, {1, 1}},
-    {SNDRV_CTL_ELEM_IFACE_MIXER, "Capture Source", SNDRV_CTL_ELEM_TYPE_ENUMERATED, 1, 1, true, 0, {0, 0}},
-    {SNDRV_CTL_ELEM_IFACE_CARD, "Headphone Jack", SNDRV_CTL_ELEM_TYPE_BOOLEAN, 1, 1, false, 0, {0, 0}},
+    {mixer, "Master Playback Volume", integer, 2, 64, true, -6400, {48, 48}},
+    {mixer, "Master Playback Switch", boolean, 2, 1, true, 0, {1, 1}},
+    {mixer, "Capture Volume", integer, 2, 30, true, -1500, {15, 15}},
+    {mixer, "Capture Switch", boolean, 2, 1, true, 0, {1, 1}},
+    {mixer, "Capture Source", SNDRV_CTL_ELEM_TYPE_ENUMERATED, 1, 1, true, 0, {0, 0}},
+    {jack, "Headphone Jack", boolean, 1, 1, false, 0, {0, 0}},
 };
 
 } // namespace
@@ -50,10 +39,9 @@ timespec fakedTime(int64_t nanoseconds)
 
 FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
     : number(cardNumber), options(cardOptions), controls(usualControls),
-      _partsPerMillion(cardOptions.partsPerMillion),
       _wireChannels(std::max(options.playback, options.capture)), _wires(options.pcmCount)
 {
-    isBusy = options.isBusy;
+    setFault(FakedFault::Busy, options.isBusy);
     controls[0].name = options.volumeNames[0];
     controls[2].name = options.volumeNames[1];
     for (Wire& wire : _wires) {
@@ -66,14 +54,14 @@ FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
 
 double FakedCard::frameAt(int64_t nanoseconds) const
 {
-    const double passed = isStuck ? 0.0 : static_cast<double>(nanoseconds - _origin);
-    return _originFrame + passed * 1e-9 * _rate * (1.0 + _partsPerMillion * 1e-6);
+    const double passed = has(FakedFault::Stuck) ? 0.0 : static_cast<double>(nanoseconds - _origin);
+    return _originFrame + passed * 1e-9 * _rate * (1.0 + options.partsPerMillion * 1e-6);
 }
 
 int64_t FakedCard::timeOf(double frame) const
 {
-    return _origin + static_cast<int64_t>(
-                         std::ceil((frame - _originFrame) * 1e9 / (_rate * (1.0 + _partsPerMillion * 1e-6))));
+    return _origin + static_cast<int64_t>(std::ceil((frame - _originFrame) * 1e9 /
+                                                    (_rate * (1.0 + options.partsPerMillion * 1e-6))));
 }
 
 void FakedCard::holdAt(double frame, int64_t nanoseconds)
@@ -89,16 +77,12 @@ void FakedCard::setRate(unsigned rate)
     _rate = rate;
 }
 
-void FakedCard::setPartsPerMillion(double partsPerMillion)
+void FakedCard::setFault(FakedFault fault, bool isThere)
 {
     setRate(_rate);
-    _partsPerMillion = partsPerMillion;
-}
-
-void FakedCard::setStuck(bool stands)
-{
-    setRate(_rate);
-    isStuck = stands;
+    _faults[static_cast<size_t>(fault)] = isThere;
+    if (fault == FakedFault::InterruptWaits)
+        interruptedWaits = isThere ? 3 : 0;
 }
 
 // ---- The wire. Its copies are no calls of memcpy(), which the thread sanitizer would see in the kernel's place.
@@ -181,7 +165,7 @@ void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
     _text(info.name, "Faked PCM " + std::to_string(pcm));
     _text(info.subname, "subdevice #0");
     info.subdevices_count = 1;
-    info.subdevices_avail = isBusy ? 0 : 1;
+    info.subdevices_avail = has(FakedFault::Busy) ? 0 : 1;
 }
 
 void FakedCard::_describe(snd_ctl_elem_info& info, unsigned number_) const
@@ -246,14 +230,7 @@ int FakedCard::ioctl(unsigned long request, void* argument, unsigned& changed)
     case SNDRV_CTL_IOCTL_PCM_NEXT_DEVICE:
         number_ = number_ + 1 < static_cast<int>(options.pcmCount) ? number_ + 1 : options.isHostile ? 0 : -1;
         return 0;
-    case SNDRV_CTL_IOCTL_HWDEP_NEXT_DEVICE:
-    case SNDRV_CTL_IOCTL_RAWMIDI_NEXT_DEVICE:
-        number_ = -1;
-        return 0;
     case SNDRV_CTL_IOCTL_PCM_PREFER_SUBDEVICE:
-        return 0;
-    case SNDRV_CTL_IOCTL_POWER_STATE:
-        number_ = SNDRV_CTL_POWER_D0;
         return 0;
     case SNDRV_CTL_IOCTL_ELEM_LIST: {
         auto& list = *static_cast<snd_ctl_elem_list*>(argument);

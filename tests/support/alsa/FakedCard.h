@@ -21,14 +21,16 @@ public:
     const int number;
     FakedCardOptions options;
     unsigned interruptedWaits = 0; ///< to come
-    bool isGone = false, isBusy = false, mayOpen = true, isSuspended = false, isStuck = false;
+    bool isGone = false;
+    void setFault(FakedFault fault, bool isThere);
+    bool has(FakedFault fault) const { return _faults[static_cast<size_t>(fault)]; }
+    /// Whether its clock moves nothing.
+    bool stands() const { return isGone || has(FakedFault::Suspend) || has(FakedFault::Stuck); }
 
     // -- The clock, in frames
     double frameAt(int64_t nanoseconds) const;
     int64_t timeOf(double frame) const;
     void setRate(unsigned rate);
-    void setPartsPerMillion(double partsPerMillion);
-    void setStuck(bool stands);
     /// Its time is `frame` now.
     void holdAt(double frame, int64_t nanoseconds);
 
@@ -66,7 +68,7 @@ private:
     void _describe(snd_ctl_card_info& info) const;
     template <size_t size> void _text(unsigned char (&to)[size], const std::string& from) const;
 
-    double _partsPerMillion;
+    std::array<bool, 7> _faults{}; // by FakedFault
     unsigned _rate = 48000, _wireChannels;
     double _originFrame = 0.0;
     int64_t _origin = fakedNow();

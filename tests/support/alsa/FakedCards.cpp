@@ -12,55 +12,34 @@ void FakedCards::unplug(int card)
     FakedKernel::shared().unplug(card);
 }
 
+void FakedCards::unplugAll()
+{
+    FakedKernel::shared().unplugAll();
+}
+
 void FakedCards::rename(int card, const std::string& name)
 {
     FakedKernel::shared().with(card, [&](FakedCard& each) { return each.options.name = name; });
     FakedKernel::shared().touch(card);
 }
 
-void FakedCards::overload(int card)
+void FakedCards::set(int card, FakedFault fault, bool isThere)
 {
-    FakedKernel::shared().setState(card, SNDRV_PCM_STATE_XRUN);
-}
-
-void FakedCards::pause(int card)
-{
-    FakedKernel::shared().setState(card, SNDRV_PCM_STATE_PAUSED);
-}
-
-void FakedCards::interruptWaits(int card)
-{
-    FakedKernel::shared().with(card, [](FakedCard& each) { return each.interruptedWaits = 3; });
-}
-
-void FakedCards::setPartsPerMillion(int card, double partsPerMillion)
-{
-    FakedKernel::shared().with(card,
-                               [&](FakedCard& each) { return each.setPartsPerMillion(partsPerMillion), 0; });
-}
-
-void FakedCards::setSuspended(int card, bool isSuspended)
-{
-    FakedKernel::shared().with(card, [&](FakedCard& each) { return each.isSuspended = isSuspended; });
-    if (isSuspended)
-        FakedKernel::shared().setState(card, SNDRV_PCM_STATE_SUSPENDED);
-}
-
-void FakedCards::setStuck(int card, bool isStuck)
-{
-    FakedKernel::shared().with(card, [&](FakedCard& each) { return each.setStuck(isStuck), 0; });
-}
-
-void FakedCards::setBusy(int card, bool isBusy)
-{
-    FakedKernel::shared().with(card, [&](FakedCard& each) { return each.isBusy = isBusy; });
-    FakedKernel::shared().use(card);
-}
-
-void FakedCards::setRights(int card, bool mayOpen)
-{
-    FakedKernel::shared().with(card, [&](FakedCard& each) { return each.mayOpen = mayOpen; });
-    FakedKernel::shared().touch(card);
+    FakedKernel& kernel = FakedKernel::shared();
+    const int stopped = fault == FakedFault::Overload  ? SNDRV_PCM_STATE_XRUN
+                        : fault == FakedFault::Pause   ? SNDRV_PCM_STATE_PAUSED
+                        : fault == FakedFault::Suspend ? SNDRV_PCM_STATE_SUSPENDED
+                                                       : SNDRV_PCM_STATE_RUNNING;
+    kernel.with(card, [&](FakedCard& each) {
+        each.setFault(fault, isThere);
+        return 0;
+    });
+    if (isThere && stopped != SNDRV_PCM_STATE_RUNNING)
+        kernel.setState(card, stopped);
+    if (fault == FakedFault::Busy)
+        kernel.use(card);
+    if (fault == FakedFault::NoRights)
+        kernel.touch(card);
 }
 
 void FakedCards::setControl(int card, unsigned number, long left, long right)
@@ -82,9 +61,4 @@ bool FakedCards::isOpen(int card)
 uint64_t FakedCards::ioctlCount()
 {
     return FakedKernel::shared().ioctlCount;
-}
-
-const std::string& FakedCards::folder()
-{
-    return FakedKernel::shared().folder;
 }

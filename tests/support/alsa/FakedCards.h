@@ -10,6 +10,17 @@
 /// Sample formats, as the kernel numbers them.
 enum class FakedFormat : unsigned { S16 = 2, S24 = 6, S32 = 10, Float = 14, S24Packed = 32 };
 
+/// What can happen to a card. The first three do not last.
+enum class FakedFault {
+    Overload,       ///< what runs stops, as if the program had been late
+    Pause,          ///< what runs stands still until it is stopped
+    InterruptWaits, ///< a signal ends the next waits for its PCMs
+    Suspend,
+    Stuck,   ///< its clock stands still and nothing is interrupted
+    Busy,    ///< another program has all of its PCMs open
+    NoRights ///< this process may not open it
+};
+
 /// A sound card as it is plugged in. Its clock is its own; what a PCM plays comes back in its capture at the same frame.
 /// Its controls are, in this order from number 1: Master Playback Volume (64 steps of 1 dB), Master Playback Switch,
 /// Capture Volume, Capture Switch, Capture Source (Mic, Line), Headphone Jack.
@@ -22,7 +33,7 @@ struct FakedCardOptions {
     std::vector<FakedFormat> formats{FakedFormat::S16, FakedFormat::S32, FakedFormat::S24Packed};
     /// Of its first control, and the third.
     std::array<const char*, 2> volumeNames{"Master Playback Volume", "Capture Volume"};
-    bool isBusy = false;                        ///< as setBusy()
+    bool isBusy = false;                        ///< from the start
     unsigned minPeriod = 16, maxBuffer = 65536; ///< frames
     double partsPerMillion = 0.0;               ///< how much faster than nominal
     unsigned granularity = 1;                   ///< frames by which its position moves
@@ -42,25 +53,13 @@ class FAKED_EXPORT FakedCards {
 public:
     static int plug(const FakedCardOptions& options); ///< Returns the card's number.
     static void unplug(int card);
+    static void unplugAll();
     static void rename(int card, const std::string& name); ///< as a rule of udev might
-    /// What runs stops, as if the program had been late.
-    static void overload(int card);
-    /// What runs stands still until it is stopped.
-    static void pause(int card);
-    /// A signal ends the next waits for its PCMs.
-    static void interruptWaits(int card);
-    static void setPartsPerMillion(int card, double partsPerMillion);
-    static void setSuspended(int card, bool isSuspended);
-    /// Its clock stands still and nothing is interrupted.
-    static void setStuck(int card, bool isStuck);
-    /// Another program has all of its PCMs open.
-    static void setBusy(int card, bool isBusy);
-    /// Whether this process may open it.
-    static void setRights(int card, bool mayOpen);
+    /// What lasts until it is ended is ended by false.
+    static void set(int card, FakedFault fault, bool isThere = true);
     /// As another program would.
     static void setControl(int card, unsigned number, long left, long right);
     static long control(int card, unsigned number, unsigned index = 0);
     static bool isOpen(int card); ///< any PCM, by this process
     static uint64_t ioctlCount();
-    static const std::string& folder(); ///< that stands for /dev/snd
 };

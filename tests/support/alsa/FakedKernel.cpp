@@ -102,6 +102,12 @@ void FakedKernel::unplug(int number)
     _makeFiles(card, false);
 }
 
+void FakedKernel::unplugAll()
+{
+    for (size_t number = 0; number < _cards.size(); ++number)
+        unplug(static_cast<int>(number));
+}
+
 void FakedKernel::setState(int number, int state)
 {
     const Guard guard(_lock);
@@ -187,19 +193,16 @@ void FakedKernel::_runClock()
         int64_t next = fakedNow() + 1'000'000'000;
         {
             const Guard guard(_lock);
-            const auto stands = [](const FakedCard& card) {
-                return card.isGone || card.isSuspended || card.isStuck;
-            };
             for (const auto& [number, card] : _cards) {
                 const bool isDue = std::ranges::any_of(_pcms, [&](const auto& each) {
                     return &each.second->card == card.get() && each.second->runs() &&
                            each.second->nextInterrupt() <= fakedNow();
                 });
-                if (isDue && !stands(*card))
+                if (isDue && !card->stands())
                     update(*card);
             }
             for (const auto& [descriptor, pcm] : _pcms)
-                if (pcm->runs() && !stands(pcm->card))
+                if (pcm->runs() && !pcm->card.stands())
                     next = std::min(next, std::max(pcm->nextInterrupt(), fakedNow() + 100'000));
         }
         FakedLibrary::wait(_wakeUps, static_cast<long>(std::max<int64_t>(0, next - fakedNow())));
@@ -246,7 +249,7 @@ int FakedKernel::open(const char* path, int flags)
     const auto card = _cards.find(number);
     if (card == _cards.end() || card->second->isGone)
         return -ENOENT;
-    if (!card->second->mayOpen)
+    if (card->second->has(FakedFault::NoRights))
         return -EACCES;
     return isControl ? _openControl(*card->second, flags)
                      : _openPcm(*card->second, pcm, direction == 'c', flags);
@@ -271,7 +274,7 @@ int FakedKernel::_openPcm(FakedCard& card, unsigned number, bool isCapture, int 
         if (&each->card == &card && each->number == number && each->isCapture == isCapture)
             return -EBUSY;
     int ends[2];
-    if (card.isBusy)
+    if (card.has(FakedFault::Busy))
         return -EBUSY;
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return -errno;
@@ -374,8 +377,5 @@ short FakedKernel::pollErrors(int descriptor)
                                                                : nullptr;
     if (card && card->isGone)
         return POLLERR | POLLNVAL;
-    const int state = pcm != _pcms.end() ? pcm->second->state() : SNDRV_PCM_STATE_RUNNING;
-    const bool isFine = state == SNDRV_PCM_STATE_RUNNING || state == SNDRV_PCM_STATE_PREPARED ||
-                        state == SNDRV_PCM_STATE_PAUSED || state == SNDRV_PCM_STATE_DRAINING;
-    return isFine ? 0 : POLLERR;
+    return pcm != _pcms.end() && pcm->second->stateError() ? POLLERR : 0;
 }

@@ -18,13 +18,14 @@ private:
 };
 
 /// The cards, the files that stand for their devices, and the clock's thread.
-/// Threads: any; every function takes the lock, but those of FakedPcmGroup, called with it.
-class FakedKernel final : public FakedPcmGroup {
+/// Threads: any; every function takes the lock, but those for the PCMs, called with it.
+class FakedKernel {
 public:
     static FakedKernel& shared();
 
     int plug(const FakedCardOptions& options);
     void unplug(int number);
+    void unplugAll();
     /// Calls `change` with the card under the lock. Device files are as the card then says; a changed time is seen at once.
     template <class Change> auto with(int number, Change change)
     {
@@ -59,6 +60,15 @@ public:
     /// What poll() reports besides readiness.
     short pollErrors(int descriptor);
 
+    // -- For the PCMs
+    /// All that are linked with `pcm`, itself included.
+    FakedPcmList linked(const FakedPcm& pcm);
+    /// Links both; a negative errno when that is not possible.
+    int link(FakedPcm& pcm, int descriptor);
+    void update(FakedCard& card);
+    /// A PCM has begun to run.
+    void clockNeeded();
+
     const std::string folder;
     std::atomic<uint64_t> ioctlCount{0};
 
@@ -75,11 +85,6 @@ private:
     };
 
     FakedKernel();
-    FakedPcmList linked(const FakedPcm& pcm) override;
-    int link(FakedPcm& pcm, int descriptor) override;
-    void update(FakedCard& card) override;
-    void clockNeeded() override;
-
     void _makeFiles(const FakedCard& card, bool isThere) const;
     int _openControl(FakedCard& card, int flags);
     int _openPcm(FakedCard& card, unsigned pcm, bool isCapture, int flags);

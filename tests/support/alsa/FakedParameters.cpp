@@ -9,14 +9,14 @@ namespace {
 using Interval = snd_interval;
 using Wide = unsigned long long;
 
-bool isEmpty(const Interval& i)
+/// Whole numbers from `min` to `max`.
+Interval range(unsigned min, unsigned max)
 {
-    return i.min > i.max || (i.min == i.max && (i.openmin || i.openmax));
-}
-
-unsigned capped(Wide value)
-{
-    return value > UINT_MAX ? UINT_MAX : static_cast<unsigned>(value);
+    Interval i{};
+    i.min = min;
+    i.max = max;
+    i.integer = 1;
+    return i;
 }
 
 /// Narrows `i` to `other`: 1 when that changed it, 0 when not, negative when nothing is left.
@@ -36,52 +36,34 @@ int narrow(Interval& i, const Interval& other)
         i.min += i.openmin;
         i.max -= i.openmax;
         i.openmin = i.openmax = 0;
-    } else if (!i.openmin && !i.openmax && i.min == i.max) {
-        i.integer = 1;
     }
-    return isEmpty(i) ? -EINVAL : std::memcmp(&before, &i, sizeof i) != 0;
+    const bool isEmpty = i.min > i.max || (i.min == i.max && (i.openmin || i.openmax));
+    return isEmpty ? -EINVAL : std::memcmp(&before, &i, sizeof i) != 0;
 }
 
-Interval range(unsigned min, unsigned max)
+/// From low / lowBy to high / highBy; a bound that is no whole number lies beyond the open end.
+Interval between(Wide low, Wide lowBy, Wide high, Wide highBy)
 {
+    const auto capped = [](Wide value) { return static_cast<unsigned>(std::min<Wide>(value, UINT_MAX)); };
     Interval i{};
-    i.min = min;
-    i.max = max;
-    i.integer = 1;
+    i.min = lowBy ? capped(low / lowBy) : UINT_MAX;
+    i.openmin = lowBy && low % lowBy;
+    i.max = highBy ? capped(high / highBy) : UINT_MAX;
+    i.openmax = highBy && high % highBy && i.max < UINT_MAX;
+    i.max += i.openmax;
     return i;
 }
 
-/// a * b / k
-Interval product(const Interval& a, const Interval& b, unsigned k = 1)
+/// a * b
+Interval product(const Interval& a, const Interval& b)
 {
-    Interval c{};
-    const Wide low = Wide{a.min} * b.min, high = Wide{a.max} * b.max;
-    c.min = capped(low / k);
-    c.openmin = low % k || a.openmin || b.openmin;
-    c.max = capped(high / k);
-    c.openmax = high % k == 0 && (a.openmax || b.openmax);
-    if (high % k && c.max < UINT_MAX) {
-        ++c.max;
-        c.openmax = 1;
-    }
-    c.integer = k == 1 && a.integer && b.integer;
-    return c;
+    return between(Wide{a.min} * b.min, 1, Wide{a.max} * b.max, 1);
 }
 
 /// a * k / b
 Interval quotient(const Interval& a, Wide k, const Interval& b)
 {
-    Interval c{};
-    const Wide low = Wide{a.min} * k, high = Wide{a.max} * k;
-    c.min = b.max ? capped(low / b.max) : UINT_MAX;
-    c.openmin = (b.max && low % b.max) || a.openmin || b.openmax;
-    c.max = b.min ? capped(high / b.min) : UINT_MAX;
-    c.openmax = b.min && (a.openmax || b.openmin);
-    if (b.min && high % b.min && c.max < UINT_MAX) {
-        ++c.max;
-        c.openmax = 1;
-    }
-    return c;
+    return between(a.min * k, b.max, a.max * k, b.min);
 }
 
 /// The list's values that lie in `i`.
@@ -89,93 +71,24 @@ template <class Values> Interval among(const Interval& i, const Values& values)
 {
     Interval found = range(UINT_MAX, 0);
     for (const unsigned value : values) {
-        const bool isIn =
-            (i.openmin ? value > i.min : value >= i.min) && (i.openmax ? value < i.max : value <= i.max);
+        const bool isIn = value >= i.min + i.openmin && value + i.openmax <= i.max;
         found.min = isIn ? std::min(found.min, value) : found.min;
         found.max = isIn ? std::max(found.max, value) : found.max;
     }
     return found;
 }
 
-unsigned* maskOf(snd_pcm_hw_params& parameters, unsigned number)
+/// Narrows a choice of up to 256 things to `numbers`; false when nothing is left.
+bool narrowMask(snd_pcm_hw_params& parameters, unsigned mask, const std::vector<unsigned>& numbers)
 {
-    return parameters.masks[number - SNDRV_PCM_HW_PARAM_FIRST_MASK].bits;
-}
-
-/// The formats of the card that the configuration still has, by their sizes.
-std::vector<unsigned> formatBits(snd_pcm_hw_params& parameters, const FakedCardOptions& card)
-{
-    unsigned* const mask = maskOf(parameters, SNDRV_PCM_HW_PARAM_FORMAT);
-    const Interval& wanted = fakedInterval(parameters, SNDRV_PCM_HW_PARAM_SAMPLE_BITS);
-    unsigned left[8]{};
-    std::vector<unsigned> sizes;
-    for (const FakedFormat format : card.formats) {
-        const auto word = static_cast<unsigned>(format) / 32,
-                   bit = 1U << (static_cast<unsigned>(format) % 32);
-        const unsigned size = format == FakedFormat::S16 ? 16 : format == FakedFormat::S24Packed ? 24 : 32;
-        if ((mask[word] & bit) && size >= wanted.min && size <= wanted.max) {
-            left[word] |= bit;
-            sizes.push_back(size);
-        }
-    }
-    std::memcpy(mask, left, sizeof left);
-    return sizes;
-}
-
-bool narrowMask(snd_pcm_hw_params& parameters, unsigned number, unsigned bits)
-{
-    unsigned* const mask = maskOf(parameters, number);
-    std::fill_n(mask + 1, 7, 0U);
-    return (mask[0] &= bits) != 0;
-}
-
-/// One round of all rules: whether anything changed, negative when nothing is left.
-int applyRules(snd_pcm_hw_params& parameters, const FakedCardOptions& card)
-{
-    enum : unsigned {
-        SampleBits = SNDRV_PCM_HW_PARAM_SAMPLE_BITS,
-        FrameBits,
-        Channels,
-        Rate,
-        PeriodTime,
-        PeriodSize,
-        PeriodBytes,
-        Periods,
-        BufferTime,
-        BufferSize,
-        BufferBytes
-    };
-    const auto of = [&](unsigned number) -> Interval& { return fakedInterval(parameters, number); };
-    constexpr unsigned second = 1'000'000;
-    int all = 0;
-    const auto rule = [&](unsigned number, const Interval& other) {
-        if (all >= 0) {
-            const int changed = narrow(of(number), other);
-            all = changed < 0 ? changed : all | changed;
-        }
-    };
-    const std::vector<unsigned> sizes = formatBits(parameters, card);
-    rule(SampleBits, among(of(SampleBits), sizes));
-    rule(Rate, among(of(Rate), card.rates));
-    rule(FrameBits, product(of(SampleBits), of(Channels)));
-    rule(SampleBits, quotient(of(FrameBits), 1, of(Channels)));
-    rule(Channels, quotient(of(FrameBits), 1, of(SampleBits)));
-    rule(FrameBits, quotient(of(PeriodBytes), 8, of(PeriodSize)));
-    rule(FrameBits, quotient(of(BufferBytes), 8, of(BufferSize)));
-    rule(Rate, quotient(of(PeriodSize), second, of(PeriodTime)));
-    rule(Rate, quotient(of(BufferSize), second, of(BufferTime)));
-    rule(Periods, quotient(of(BufferSize), 1, of(PeriodSize)));
-    rule(PeriodSize, quotient(of(BufferSize), 1, of(Periods)));
-    rule(PeriodSize, quotient(of(PeriodBytes), 8, of(FrameBits)));
-    rule(PeriodSize, product(of(PeriodTime), of(Rate), second));
-    rule(BufferSize, product(of(PeriodSize), of(Periods)));
-    rule(BufferSize, quotient(of(BufferBytes), 8, of(FrameBits)));
-    rule(BufferSize, product(of(BufferTime), of(Rate), second));
-    rule(PeriodBytes, product(of(PeriodSize), of(FrameBits), 8));
-    rule(BufferBytes, product(of(BufferSize), of(FrameBits), 8));
-    rule(PeriodTime, quotient(of(PeriodSize), second, of(Rate)));
-    rule(BufferTime, quotient(of(BufferSize), second, of(Rate)));
-    return all;
+    unsigned(&bits)[8] = parameters.masks[mask - SNDRV_PCM_HW_PARAM_FIRST_MASK].bits;
+    unsigned allowed[8]{};
+    for (const unsigned number : numbers)
+        allowed[number / 32] |= 1U << number % 32;
+    bool isAnyLeft = false;
+    for (size_t word = 0; word < 8; ++word)
+        isAnyLeft = (bits[word] &= allowed[word]) != 0 || isAnyLeft;
+    return isAnyLeft;
 }
 
 } // namespace
@@ -187,48 +100,48 @@ snd_interval& fakedInterval(snd_pcm_hw_params& parameters, unsigned number)
 
 int fakedRefine(snd_pcm_hw_params& parameters, const FakedCardOptions& card, bool isCapture)
 {
-    const snd_pcm_hw_params before = parameters;
-    const unsigned mapped = card.mapsSamples ? 1U << SNDRV_PCM_ACCESS_MMAP_INTERLEAVED : 0U;
-    if (!narrowMask(parameters, SNDRV_PCM_HW_PARAM_ACCESS, mapped | 1U << SNDRV_PCM_ACCESS_RW_INTERLEAVED) ||
-        !narrowMask(parameters, SNDRV_PCM_HW_PARAM_SUBFORMAT, 1))
+    std::vector<unsigned> accesses{SNDRV_PCM_ACCESS_RW_INTERLEAVED}, formats;
+    if (card.mapsSamples)
+        accesses.push_back(SNDRV_PCM_ACCESS_MMAP_INTERLEAVED);
+    for (const FakedFormat format : card.formats)
+        formats.push_back(static_cast<unsigned>(format));
+    if (!narrowMask(parameters, SNDRV_PCM_HW_PARAM_ACCESS, accesses) ||
+        !narrowMask(parameters, SNDRV_PCM_HW_PARAM_SUBFORMAT, {0}) ||
+        !narrowMask(parameters, SNDRV_PCM_HW_PARAM_FORMAT, formats))
         return -EINVAL;
     const unsigned channels = isCapture ? card.capture : card.playback;
-    const std::pair<unsigned, Interval> limits[] = {
-        {SNDRV_PCM_HW_PARAM_CHANNELS, range(channels, channels)},
-        {SNDRV_PCM_HW_PARAM_PERIOD_SIZE, range(card.minPeriod, card.maxBuffer / 2)},
-        {SNDRV_PCM_HW_PARAM_PERIODS, range(2, 1024)},
-        {SNDRV_PCM_HW_PARAM_BUFFER_SIZE, range(card.minPeriod * 2, card.maxBuffer)},
-    };
-    for (const auto& [number, limit] : limits)
-        if (narrow(fakedInterval(parameters, number), limit) < 0)
-            return -EINVAL;
-    for (int changed = 1; changed > 0;)
-        if ((changed = applyRules(parameters, card)) < 0)
-            return -EINVAL;
-    parameters.cmask = 0;
-    for (unsigned n = 0; n <= SNDRV_PCM_HW_PARAM_LAST_MASK; ++n)
-        if (std::memcmp(&before.masks[n], &parameters.masks[n], sizeof before.masks[n]) != 0)
-            parameters.cmask |= 1U << n;
-    for (unsigned n = SNDRV_PCM_HW_PARAM_FIRST_INTERVAL; n <= SNDRV_PCM_HW_PARAM_LAST_INTERVAL; ++n)
-        if (std::memcmp(&before.intervals[n - SNDRV_PCM_HW_PARAM_FIRST_INTERVAL],
-                        &fakedInterval(parameters, n), sizeof(Interval)) != 0)
-            parameters.cmask |= 1U << n;
+    const auto of = [&](unsigned number) -> Interval& { return fakedInterval(parameters, number); };
+    Interval &rate = of(SNDRV_PCM_HW_PARAM_RATE), &periods = of(SNDRV_PCM_HW_PARAM_PERIODS);
+    Interval &period = of(SNDRV_PCM_HW_PARAM_PERIOD_SIZE), &ring = of(SNDRV_PCM_HW_PARAM_BUFFER_SIZE);
+    // Sizes and what follows from them, until nothing changes. Nobody asks for a time, or for bytes.
+    for (int changed = 1; changed > 0;) {
+        const std::pair<Interval&, Interval> rules[] = {
+            {of(SNDRV_PCM_HW_PARAM_CHANNELS), range(channels, channels)},
+            {rate, among(rate, card.rates)},
+            {period, range(card.minPeriod, card.maxBuffer / 2)},
+            {periods, range(2, 1024)},
+            {ring, range(card.minPeriod * 2, card.maxBuffer)},
+            {periods, quotient(ring, 1, period)},
+            {period, quotient(ring, 1, periods)},
+            {ring, product(period, periods)},
+            {of(SNDRV_PCM_HW_PARAM_PERIOD_TIME), quotient(period, 1'000'000, rate)},
+            {of(SNDRV_PCM_HW_PARAM_BUFFER_TIME), quotient(ring, 1'000'000, rate)},
+        };
+        changed = 0;
+        for (const auto& [interval, limit] : rules) {
+            const int result = narrow(interval, limit);
+            if (result < 0)
+                return result;
+            changed |= result;
+        }
+    }
+    parameters.cmask = ~0U;
     parameters.rmask = 0;
-    parameters.info = SNDRV_PCM_INFO_INTERLEAVED | SNDRV_PCM_INFO_BLOCK_TRANSFER | SNDRV_PCM_INFO_SYNC_START |
-                      SNDRV_PCM_INFO_RESUME;
+    parameters.info = SNDRV_PCM_INFO_INTERLEAVED | SNDRV_PCM_INFO_BLOCK_TRANSFER | SNDRV_PCM_INFO_SYNC_START;
     if (card.mapsSamples)
         parameters.info |= SNDRV_PCM_INFO_MMAP | SNDRV_PCM_INFO_MMAP_VALID;
-    parameters.rate_num = fakedInterval(parameters, SNDRV_PCM_HW_PARAM_RATE).min;
+    parameters.rate_num = rate.min;
     parameters.rate_den = 1;
     parameters.fifo_size = 0;
-    const Interval& bits = fakedInterval(parameters, SNDRV_PCM_HW_PARAM_SAMPLE_BITS);
-    parameters.msbits = bits.min == bits.max ? bits.min : 0;
     return 0;
-}
-
-int fakedChoose(snd_pcm_hw_params& parameters, unsigned number, unsigned value, const FakedCardOptions& card,
-                bool isCapture)
-{
-    narrow(fakedInterval(parameters, number), range(value, value));
-    return fakedRefine(parameters, card, isCapture);
 }

@@ -8,6 +8,3 @@
 /// rates, periods and buffers. -EINVAL when nothing is left.
 int fakedRefine(snd_pcm_hw_params& parameters, const FakedCardOptions& card, bool isCapture);
 snd_interval& fakedInterval(snd_pcm_hw_params& parameters, unsigned number);
-/// Leaves one value. As fakedRefine().
-int fakedChoose(snd_pcm_hw_params& parameters, unsigned number, unsigned value, const FakedCardOptions& card,
-                bool isCapture);

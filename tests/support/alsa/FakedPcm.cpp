@@ -1,5 +1,6 @@
 #include "FakedPcm.h"
 
+#include "FakedKernel.h"
 #include "FakedLibrary.h"
 #include "FakedParameters.h"
 
@@ -26,8 +27,8 @@ void setTime(volatile void* to, int64_t nanoseconds)
 } // namespace
 
 FakedPcm::FakedPcm(FakedCard& ofCard, unsigned pcm, bool captures, int itsDescriptor, int peer,
-                   FakedPcmGroup& group)
-    : card(ofCard), number(pcm), isCapture(captures), descriptor(itsDescriptor), _group(group), _peer(peer),
+                   FakedKernel& kernel)
+    : card(ofCard), number(pcm), isCapture(captures), descriptor(itsDescriptor), _kernel(kernel), _peer(peer),
       _file(memfd_create("faked-pcm", MFD_CLOEXEC))
 {
     const unsigned channels = isCapture ? card.options.capture : card.options.playback;
@@ -54,7 +55,7 @@ FakedPcm::~FakedPcm()
 
 bool FakedPcm::runs() const
 {
-    return state() == SNDRV_PCM_STATE_RUNNING || state() == SNDRV_PCM_STATE_DRAINING;
+    return state() == SNDRV_PCM_STATE_RUNNING;
 }
 
 void FakedPcm::setState(int state)
@@ -65,10 +66,9 @@ void FakedPcm::setState(int state)
 
 void FakedPcm::stop(int state)
 {
-    for (FakedPcm* const each : _group.linked(*this)) {
+    for (FakedPcm* const each : _kernel.linked(*this)) {
         if (!each->runs() && state == SNDRV_PCM_STATE_XRUN)
             continue;
-        each->_trigger = fakedNow();
         each->setState(state);
     }
 }
@@ -93,8 +93,6 @@ void FakedPcm::showReadiness()
     case SNDRV_PCM_STATE_PREPARED:
     case SNDRV_PCM_STATE_PAUSED:
         return _setReady(_available() >= _control->avail_min);
-    case SNDRV_PCM_STATE_DRAINING:
-        return _setReady(isCapture);
     default:
         return _setReady(true);
     }
@@ -115,13 +113,12 @@ void FakedPcm::_setReady(bool isReady)
         FakedLibrary::write(descriptor, full, page);
 }
 
-int FakedPcm::_stateError() const
+int FakedPcm::stateError() const
 {
     switch (state()) {
     case SNDRV_PCM_STATE_PREPARED:
     case SNDRV_PCM_STATE_RUNNING:
     case SNDRV_PCM_STATE_PAUSED:
-    case SNDRV_PCM_STATE_DRAINING:
         return 0;
     case SNDRV_PCM_STATE_XRUN:
         return -EPIPE;
@@ -157,7 +154,7 @@ double FakedPcm::lastFrameBeforeOverload() const
 
 void FakedPcm::advance(int64_t nanoseconds)
 {
-    if (!runs() || card.isSuspended)
+    if (!runs() || card.has(FakedFault::Suspend))
         return;
     int64_t to = static_cast<int64_t>(std::floor(card.frameAt(nanoseconds))) - _startFrame;
     to -= to % card.options.granularity;
@@ -170,50 +167,34 @@ void FakedPcm::advance(int64_t nanoseconds)
     }
     _done = std::max(_done, to);
     _status->hw_ptr = static_cast<snd_pcm_uframes_t>(_done) % _boundary;
-    _stamp = nanoseconds;
     if (_hasStamps && card.options.hasStamps) {
         setTime(&_status->tstamp, nanoseconds);
         setTime(&_status->audio_tstamp, static_cast<int64_t>(static_cast<double>(_done) * 1e9 / _rate));
     }
     const snd_pcm_uframes_t available = _available();
-    if (state() == SNDRV_PCM_STATE_DRAINING && !isCapture && available >= _buffer)
-        stop(SNDRV_PCM_STATE_SETUP);
-    else if (state() == SNDRV_PCM_STATE_RUNNING && available >= _stopThreshold)
+    if (available >= _stopThreshold)
         stop(SNDRV_PCM_STATE_XRUN);
     showReadiness();
 }
 
 // ---- What programs ask for
 
+/// alsa-lib has left one value of each.
 int FakedPcm::_setParameters(snd_pcm_hw_params& parameters)
 {
     if (const int error = fakedRefine(parameters, card.options, isCapture))
         return error;
-    unsigned* const formats = parameters.masks[SNDRV_PCM_HW_PARAM_FORMAT].bits;
-    unsigned& accesses = parameters.masks[SNDRV_PCM_HW_PARAM_ACCESS].bits[0];
-    accesses &= ~accesses + 1; // the first
-    for (unsigned word = 0, isFound = 0; word < 8; ++word) {
-        formats[word] = isFound ? 0 : formats[word] & (~formats[word] + 1);
-        isFound |= formats[word];
-    }
-    for (const unsigned each : {SNDRV_PCM_HW_PARAM_CHANNELS, SNDRV_PCM_HW_PARAM_RATE,
-                                SNDRV_PCM_HW_PARAM_PERIOD_SIZE, SNDRV_PCM_HW_PARAM_BUFFER_SIZE}) {
-        const snd_interval& i = fakedInterval(parameters, each);
-        const unsigned value = each == SNDRV_PCM_HW_PARAM_BUFFER_SIZE ? i.max - i.openmax : i.min + i.openmin;
-        if (const int error = fakedChoose(parameters, each, value, card.options, isCapture))
-            return error;
-    }
     const auto value = [&](unsigned each) { return fakedInterval(parameters, each).min; };
+    const unsigned formats = parameters.masks[SNDRV_PCM_HW_PARAM_FORMAT].bits[0]; // 0: that of 24 packed bits
     _channels = value(SNDRV_PCM_HW_PARAM_CHANNELS);
     if (_rate != value(SNDRV_PCM_HW_PARAM_RATE))
         card.setRate(_rate = value(SNDRV_PCM_HW_PARAM_RATE));
     _period = value(SNDRV_PCM_HW_PARAM_PERIOD_SIZE);
     _buffer = value(SNDRV_PCM_HW_PARAM_BUFFER_SIZE);
-    _bytes = value(SNDRV_PCM_HW_PARAM_SAMPLE_BITS) / 8;
+    _bytes = formats == 0 ? 3 : formats == 1U << SNDRV_PCM_FORMAT_S16_LE ? 2 : 4;
     for (_boundary = _buffer; _boundary * 2 <= LONG_MAX - _buffer;)
         _boundary *= 2;
     std::memset(_samples(0), 0, _buffer * _channels * _bytes);
-    _startThreshold = 1;
     _stopThreshold = _buffer;
     _control->avail_min = _period;
     _control->appl_ptr = _status->hw_ptr = 0;
@@ -227,7 +208,7 @@ int FakedPcm::_prepare()
         return -EBADFD;
     if (runs())
         return -EBUSY;
-    for (FakedPcm* const each : _group.linked(*this)) {
+    for (FakedPcm* const each : _kernel.linked(*this)) {
         if (each->runs())
             continue;
         each->_control->appl_ptr = each->_status->hw_ptr = 0;
@@ -239,7 +220,7 @@ int FakedPcm::_prepare()
 
 int FakedPcm::_start()
 {
-    const FakedPcmList all = _group.linked(*this);
+    const FakedPcmList all = _kernel.linked(*this);
     for (const FakedPcm* const each : all) {
         if (each->state() != SNDRV_PCM_STATE_PREPARED)
             return -EBADFD;
@@ -250,42 +231,17 @@ int FakedPcm::_start()
     for (FakedPcm* const each : all) {
         each->_startFrame = static_cast<int64_t>(std::floor(each->card.frameAt(now)));
         each->_done = 0;
-        each->_trigger = each->_stamp = now;
         each->setState(SNDRV_PCM_STATE_RUNNING);
     }
-    _group.clockNeeded();
-    return 0;
-}
-
-/// Without waiting, as of a descriptor that does not block.
-int FakedPcm::_drain()
-{
-    if (!isCapture && state() == SNDRV_PCM_STATE_PREPARED && _available() < _buffer)
-        _start();
-    setState(state() == SNDRV_PCM_STATE_RUNNING ? SNDRV_PCM_STATE_DRAINING : SNDRV_PCM_STATE_SETUP);
-    return state() == SNDRV_PCM_STATE_DRAINING && !isCapture ? -EAGAIN : 0;
-}
-
-int FakedPcm::_resume()
-{
-    if (state() != SNDRV_PCM_STATE_SUSPENDED)
-        return -EBADFD;
-    if (card.isSuspended)
-        return -EAGAIN;
-    for (FakedPcm* const each : _group.linked(*this)) {
-        if (each->state() != SNDRV_PCM_STATE_SUSPENDED)
-            continue;
-        each->_startFrame = static_cast<int64_t>(each->card.frameAt(fakedNow())) - each->_done;
-        each->setState(SNDRV_PCM_STATE_RUNNING);
-    }
+    _kernel.clockNeeded();
     return 0;
 }
 
 int FakedPcm::_synchronise(snd_pcm_sync_ptr& pointers)
 {
     if (pointers.flags & SNDRV_PCM_SYNC_PTR_HWSYNC) {
-        _group.update(card);
-        if (const int error = _stateError())
+        _kernel.update(card);
+        if (const int error = stateError())
             return error;
     }
     if (pointers.flags & SNDRV_PCM_SYNC_PTR_APPL)
@@ -301,32 +257,13 @@ int FakedPcm::_synchronise(snd_pcm_sync_ptr& pointers)
     return 0;
 }
 
-void FakedPcm::_fill(snd_pcm_status& status)
-{
-    _group.update(card);
-    status = {};
-    status.state = _status->state;
-    if (card.options.hasStamps) {
-        setTime(&status.trigger_tstamp, _trigger);
-        setTime(&status.tstamp, runs() ? _stamp : fakedNow());
-        setTime(&status.driver_tstamp, runs() ? _stamp : fakedNow());
-    }
-    status.appl_ptr = _control->appl_ptr;
-    status.hw_ptr = _status->hw_ptr;
-    status.avail = status.avail_max = _available();
-    const snd_pcm_uframes_t waiting = isCapture ? status.avail : _buffer - status.avail;
-    status.delay = static_cast<snd_pcm_sframes_t>(waiting);
-}
-
 int FakedPcm::_transfer(snd_xferi& transfer)
 {
-    if (isCapture && state() == SNDRV_PCM_STATE_PREPARED && transfer.frames >= _startThreshold)
-        _start();
     snd_pcm_uframes_t done = 0;
     int error = 0;
     while (done < transfer.frames) {
-        _group.update(card);
-        if ((error = _stateError()) != 0)
+        _kernel.update(card);
+        if ((error = stateError()) != 0)
             break;
         const auto count =
             std::min({transfer.frames - done, _available(), _buffer - _control->appl_ptr % _buffer});
@@ -339,8 +276,6 @@ int FakedPcm::_transfer(snd_xferi& transfer)
         std::memcpy(isCapture ? theirs : ring, isCapture ? ring : theirs, count * _channels * _bytes);
         _control->appl_ptr = (_control->appl_ptr + count) % _boundary;
         done += count;
-        if (!isCapture && state() == SNDRV_PCM_STATE_PREPARED && _buffer - _available() >= _startThreshold)
-            _start();
         showReadiness();
     }
     transfer.result = done ? static_cast<snd_pcm_sframes_t>(done) : error;
@@ -369,7 +304,6 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
         return 0;
     case SNDRV_PCM_IOCTL_SW_PARAMS: {
         auto& parameters = *static_cast<snd_pcm_sw_params*>(argument);
-        _startThreshold = parameters.start_threshold;
         _stopThreshold = parameters.stop_threshold;
         _hasStamps = parameters.tstamp_mode == SNDRV_PCM_TSTAMP_ENABLE;
         _control->avail_min = parameters.avail_min;
@@ -377,19 +311,9 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
         showReadiness();
         return 0;
     }
-    case SNDRV_PCM_IOCTL_STATUS:
-    case SNDRV_PCM_IOCTL_STATUS_EXT:
-        _fill(*static_cast<snd_pcm_status*>(argument));
-        return 0;
-    case SNDRV_PCM_IOCTL_DELAY:
-    case SNDRV_PCM_IOCTL_HWSYNC: {
-        _group.update(card);
-        const int error = _stateError();
-        const snd_pcm_uframes_t waiting = isCapture ? _available() : _buffer - _available();
-        if (!error && request == SNDRV_PCM_IOCTL_DELAY)
-            *static_cast<snd_pcm_sframes_t*>(argument) = static_cast<snd_pcm_sframes_t>(waiting);
-        return error;
-    }
+    case SNDRV_PCM_IOCTL_HWSYNC:
+        _kernel.update(card);
+        return stateError();
     case SNDRV_PCM_IOCTL_SYNC_PTR:
         return _synchronise(*static_cast<snd_pcm_sync_ptr*>(argument));
     case SNDRV_PCM_IOCTL_CHANNEL_INFO: {
@@ -408,15 +332,10 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
             return -EBADFD;
         stop(SNDRV_PCM_STATE_SETUP);
         return 0;
-    case SNDRV_PCM_IOCTL_DRAIN:
-        return _drain();
-    case SNDRV_PCM_IOCTL_XRUN:
-        stop(SNDRV_PCM_STATE_XRUN);
-        return 0;
-    case SNDRV_PCM_IOCTL_RESUME:
-        return _resume();
+    case SNDRV_PCM_IOCTL_RESUME: // not able to
+        return state() == SNDRV_PCM_STATE_SUSPENDED ? -ENOSYS : -EBADFD;
     case SNDRV_PCM_IOCTL_LINK:
-        return _group.link(*this, static_cast<int>(std::bit_cast<intptr_t>(argument)));
+        return _kernel.link(*this, static_cast<int>(std::bit_cast<intptr_t>(argument)));
     case SNDRV_PCM_IOCTL_UNLINK:
         return std::exchange(link, 0U) ? 0 : -EALREADY;
     case SNDRV_PCM_IOCTL_WRITEI_FRAMES:

@@ -2,6 +2,7 @@
 
 #include "FakedCard.h"
 
+class FakedKernel;
 class FakedPcm;
 
 /// A few PCMs, without an allocation: a program may ask on its IO thread.
@@ -12,28 +13,13 @@ struct FakedPcmList {
     FakedPcm* const* end() const { return pcms.data() + count; }
 };
 
-/// The PCMs that are open, as one of them sees the others.
-class FakedPcmGroup {
-public:
-    /// All that are linked with `pcm`, itself included.
-    virtual FakedPcmList linked(const FakedPcm& pcm) = 0;
-    /// Links both; a negative errno when that is not possible.
-    virtual int link(FakedPcm& pcm, int descriptor) = 0;
-    virtual void update(FakedCard& card) = 0;
-    /// A PCM has begun to run.
-    virtual void clockNeeded() = 0;
-
-protected:
-    ~FakedPcmGroup() = default;
-};
-
 /// One direction of a PCM that a program has open: the kernel's state machine, and the ring.
 /// Threads: the kernel's lock is held.
 class FakedPcm {
 public:
     /// `descriptor` is the program's, of a pipe whose other end is `peer`: whether it can be read or written is whether the
     /// PCM is ready.
-    FakedPcm(FakedCard& card, unsigned pcm, bool isCapture, int descriptor, int peer, FakedPcmGroup& group);
+    FakedPcm(FakedCard& card, unsigned pcm, bool isCapture, int descriptor, int peer, FakedKernel& kernel);
     ~FakedPcm();
     FakedPcm(const FakedPcm&) = delete;
     FakedPcm& operator=(const FakedPcm&) = delete;
@@ -52,6 +38,8 @@ public:
     bool runs() const;
     int state() const { return static_cast<int>(_status->state); }
     void setState(int state);
+    /// What the state makes of a read or a write; 0: nothing.
+    int stateError() const;
     /// As the program has moved its position in the mapped page.
     void showReadiness();
     void stop(int state);
@@ -62,18 +50,14 @@ public:
 private:
     char* _samples(int64_t frame) const;
     snd_pcm_uframes_t _available() const;
-    int _stateError() const;
     int _setParameters(snd_pcm_hw_params& parameters);
     int _prepare();
     int _start();
-    int _drain();
-    int _resume();
     int _synchronise(snd_pcm_sync_ptr& pointers);
-    void _fill(snd_pcm_status& status);
     int _transfer(snd_xferi& transfer);
     void _setReady(bool isReady);
 
-    FakedPcmGroup& _group;
+    FakedKernel& _kernel;
     const int _peer;
     int _file = -1;
     size_t _size = 0;
@@ -81,7 +65,7 @@ private:
     snd_pcm_mmap_status* _status = nullptr;
     snd_pcm_mmap_control* _control = nullptr;
     unsigned _channels = 0, _rate = 0, _bytes = 0;
-    snd_pcm_uframes_t _period = 1, _buffer = 1, _boundary = 1, _startThreshold = 1, _stopThreshold = 0;
+    snd_pcm_uframes_t _period = 1, _buffer = 1, _boundary = 1, _stopThreshold = 0;
     bool _hasStamps = false, _isReady = false;
-    int64_t _startFrame = 0, _done = 0, _trigger = 0, _stamp = 0;
+    int64_t _startFrame = 0, _done = 0;
 };
