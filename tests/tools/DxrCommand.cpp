@@ -21,8 +21,9 @@ std::string DxrCommand::file(const std::string& name, const std::string& content
 
 ToolResult DxrCommand::pipeline(const std::string& command) const
 {
-    file("script", "cd " + folder.string() + "; d() { " DXR_TOOL " \"$@\" --simulated; }; { " + command +
-                       "; } > output 2> errors");
+    // What a script has left waiting at a FIFO ends with it.
+    file("script", "trap 'kill $(jobs -p) 2> /dev/null' EXIT; cd " + folder.string() +
+                       "; d() { " DXR_TOOL " \"$@\" --simulated; }; { " + command + "; } > output 2> errors");
     const int status = std::system(("bash -o pipefail " + (folder / "script").string()).c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contentOf(folder / "output"),
             contentOf(folder / "errors")};
