@@ -328,6 +328,7 @@ TEST_F(DXRDeviceTest, appliesAndAnnouncesOverrides)
 TEST_F(DXRDeviceTest, reportsNothingBeforeItIsComplete)
 {
     const AudioObjectID id = hal.plug(aDevice().uid("short").outputs(2));
+    settleHardware(); // else what the plug announces may be the first to read
     const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithDeviceID(id, output);
     hal.beforeRead(kAudioObjectPropertyManufacturer, 1, [&] { // when it listens, and has read nothing yet
         hal.reconfigure("short", [](auto& it) { it.name("Changed"); });
