@@ -147,27 +147,32 @@ void AlsaDriver::_openCard(int number)
 
 void AlsaDriver::_dropCardsThatAreGone()
 {
-    const std::scoped_lock lock(_mutex);
-    std::erase_if(_cards, [this](const auto& each) {
-        const Entry& entry = each.second;
-        if (entry.card->readEvents())
-            return false;
-        for (const CXRef<AlsaDevice>& device : entry.devices) {
-            std::ranges::replace(_defaults, device, CXRef<AlsaDevice>());
-            if (device->detach())
-                _sink->deviceRemoved(*device);
+    std::vector<CXRef<AlsaDevice>> gone;
+    for (auto card = _cards.begin(); card != _cards.end();) {
+        if (card->second.card->readEvents()) {
+            ++card;
+            continue;
         }
-        return true;
-    });
+        const std::scoped_lock lock(_mutex);
+        for (const CXRef<AlsaDevice>& device : card->second.devices) {
+            std::ranges::replace(_defaults, device, CXRef<AlsaDevice>());
+            gone.push_back(device);
+        }
+        card = _cards.erase(card);
+    }
+    // Not under the mutex: this waits for the IO callbacks to end, and one of them may choose a default device.
+    for (const CXRef<AlsaDevice>& device : gone)
+        if (device->detach())
+            _sink->deviceRemoved(*device);
 }
 
-/// Whatever the event, all is looked at: a device reports only what is different.
+/// Reads the state of every device after any event. A device reports only what has changed.
 void AlsaDriver::_refresh()
 {
-    const std::scoped_lock lock(_mutex);
     for (const auto& [number, entry] : _cards)
         for (const CXRef<AlsaDevice>& device : entry.devices)
             device->refresh();
+    const std::scoped_lock lock(_mutex);
     _updateDefaults();
 }
 
@@ -191,8 +196,10 @@ void AlsaDriver::_updateDefaults()
         const auto place = static_cast<size_t>(which);
         const auto direction = which == HALDefault::Input ? HALDirection::Input : HALDirection::Output;
         const CXRef<AlsaDevice> best = _bestDefault(direction, _chosen[place], _defaults[place]);
-        if (best != _defaults[place])
-            _sink->defaultChanged(which, (_defaults[place] = best).get());
+        if (best == _defaults[place])
+            continue;
+        _defaults[place] = best;
+        _sink->defaultChanged(which, best.get());
     }
 }
 

@@ -49,8 +49,9 @@ private:
     std::atomic<bool> _isStopping{false};
     HALDriverSink* _sink = nullptr;
 
-    std::mutex _mutex;                  // guards what follows; held while the sink is called
-    std::map<int, Entry> _cards;        // by number; changed by start(), the watching thread and stop() only
+    std::mutex _mutex; // guards what follows; held while the sink hears of a default device
+    std::map<int, Entry>
+        _cards; // by number; start(), the watching thread and stop() change it and read it without
     std::array<std::string, 3> _chosen; // UIDs, by HALDefault; empty: none chosen
     std::array<CXRef<AlsaDevice>, 3> _defaults;
 
