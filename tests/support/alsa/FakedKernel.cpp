@@ -11,8 +11,8 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
-#include <thread>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
