@@ -63,10 +63,11 @@ private:
     pid_t _start(const std::string& commands)
     {
         const std::string tools = std::filesystem::path(DXR_TOOL).parent_path();
-        // A port that no other run of this test uses at the same time.
+        // An address of this computer that no other run of this test uses at the same time.
+        const std::string desk =
+            "127.1." + std::to_string(getpid() / 250 % 250) + "." + std::to_string(1 + getpid() % 250);
         return startPrivateProcess({"sh", "-c", "cd; " + commands}, server.folder(),
-                                   {"DESK=127.0.0.1", "SAP_PORT=" + std::to_string(20000 + getpid() % 20000),
-                                    "PATH=" + tools + ":/usr/local/bin:/usr/bin:/bin"});
+                                   {"DESK=" + desk, "PATH=" + tools + ":/usr/local/bin:/usr/bin:/bin"});
     }
 
     const std::string _name;

@@ -21,6 +21,12 @@ public:
     virtual void rename(const std::string& uid, const std::string& name) = 0;
     /// Lets a little time pass for the devices: some cycles, or some milliseconds.
     virtual void letTimePass() = 0;
+
+    /// Whether devices plugged from now on are called what plug() and rename() say. Where they keep names of their own,
+    /// what needs a change of the name is skipped.
+    virtual bool prepareNames() { return true; }
+    /// How far a volume that was set may be from the one that is read: cards have steps.
+    virtual float volumeTolerance() const { return 1e-5F; }
 };
 
 /// A rig over hardware without devices. One per test, in a process of its own.

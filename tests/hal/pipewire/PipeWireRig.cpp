@@ -25,7 +25,10 @@ public:
 #ifdef DXR_TEST_CLOCK_EACH
         device.properties["clock.name"] = "clock." + uid; // no group with the others: bridges
 #endif
-        _devices.plugExported(device);
+        if (_areNamed)
+            _devices.plugExported(device);
+        else
+            _devices.plug(device);
         return uid;
     }
     void unplug(const std::string& uid) override
@@ -41,11 +44,19 @@ public:
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
     }
 
+    // No client can change a device of the server's, only its own; and those may crash in IO: PipeWire's converter
+    // runs in them while it is set up.
+    bool prepareNames() override
+    {
+        return _areNamed = true;
+    }
+
 private:
     PrivateServer _server;
     TestClient _devices{_server.remote()};
     const CXRef<HALModel> _model = HALModel::initWithDriver(PipeWireDriver::initWithRemote(_server.remote()));
     int _count = 0;
+    bool _areNamed = false;
 };
 
 } // namespace
