@@ -1,4 +1,4 @@
-#include "DriftingDevice.h"
+#include "DrivingDevice.h"
 #include "HALIO.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
@@ -17,8 +17,10 @@ TEST(AggregateOnPipeWire, findsTheRatioOfTwoClocksAndLosesNothing)
     const double truth = ((1.0 + sourcePPM * 1e-6) / (1.0 + sinkPPM * 1e-6) - 1.0) * 1e6;
     const PrivateServer server;
     const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
-    const DriftingDevice source(server.remote(), "source", DriftingDevice::Direction::Source, sourcePPM);
-    const DriftingDevice sink(server.remote(), "sink", DriftingDevice::Direction::Sink, sinkPPM);
+    const DrivingDevice source(server.remote(), "source", DrivingDevice::Direction::Source,
+                               {.partsPerMillion = sourcePPM});
+    const DrivingDevice sink(server.remote(), "sink", DrivingDevice::Direction::Sink,
+                             {.partsPerMillion = sinkPPM});
     waitForDevice(*hal, "source");
     waitForDevice(*hal, "sink");
     const AudioObjectID device = makeAggregate(*hal, {"sink", "source"});

@@ -1,6 +1,6 @@
 #include "DxrOnPipeWire.h"
 
-#include "DriftingDevice.h"
+#include "DrivingDevice.h"
 
 #include <cstdio>
 #include <fstream>
@@ -21,10 +21,10 @@ int soakSecondsOr(int otherwise)
 /// converted between them.
 struct Studio {
     explicit Studio(const std::string& remote)
-        : sources{{remote, "north", DriftingDevice::Direction::Source, 0.0, "test.studio"},
-                  {remote, "south", DriftingDevice::Direction::Source, 0.0, "test.studio"}},
-          sinks{{remote, "left", DriftingDevice::Direction::Sink, 0.0, "test.studio"},
-                {remote, "right", DriftingDevice::Direction::Sink, 0.0, "test.studio"}}
+        : sources{{remote, "north", DrivingDevice::Direction::Source, {.clockName = "test.studio"}},
+                  {remote, "south", DrivingDevice::Direction::Source, {.clockName = "test.studio"}}},
+          sinks{{remote, "left", DrivingDevice::Direction::Sink, {.clockName = "test.studio"}},
+                {remote, "right", DrivingDevice::Direction::Sink, {.clockName = "test.studio"}}}
     {}
 
     /// Of all sinks and channels: the most breaks, the fewest frames.
@@ -43,7 +43,7 @@ struct Studio {
         return fewest;
     }
 
-    DriftingDevice sources[2], sinks[2];
+    DrivingDevice sources[2], sinks[2];
 };
 
 /// One channel of each source, side by side, on both sinks.

@@ -1,4 +1,4 @@
-#include "DriftingDevice.h"
+#include "DrivingDevice.h"
 #include "DxrOnPipeWire.h"
 #include "HALIO.h"
 #include "PipeWireDriver.h"
@@ -157,8 +157,10 @@ TEST_F(SeveralMachines, driftIsFoundWhileOnePlaysWhatTheOtherSends)
 {
     const char* const soak = std::getenv("DXR_SOAK_SECONDS");
     const int seconds = soak ? std::atoi(soak) : 8;
-    const DriftingDevice fast(desk.server.remote(), "fast", DriftingDevice::Direction::Sink, 300.0);
-    const DriftingDevice slow(desk.server.remote(), "slow", DriftingDevice::Direction::Sink, -200.0);
+    const DrivingDevice fast(desk.server.remote(), "fast", DrivingDevice::Direction::Sink,
+                             {.partsPerMillion = 300});
+    const DrivingDevice slow(desk.server.remote(), "slow", DrivingDevice::Direction::Sink,
+                             {.partsPerMillion = -200});
     writeTone(studio.server.folder() / "song.wav", seconds + 30);
     studio.begin("dxr play");
     setenv("PIPEWIRE_REMOTE", desk.server.remote().c_str(), 1);

@@ -1,5 +1,4 @@
-#include "DriftingDevice.h"
-#include "PatientClock.h"
+#include "DrivingDevice.h"
 #include "PipeWireTest.h"
 
 #include "HostClock.h"
@@ -42,8 +41,9 @@ using PipeWireGroups = PipeWireTest;
 
 TEST_F(PipeWireGroups, theStreamsOfAllMembersPassInOneCycle)
 {
-    const PatientClock clock(server.remote());
-    const NodeProperties patient{{PW_KEY_NODE_GROUP, PatientClock::group}};
+    const DrivingDevice clock(server.remote(), "clock", DrivingDevice::Direction::Sink,
+                              {.patientGroup = "patient"});
+    const NodeProperties patient{{PW_KEY_NODE_GROUP, "patient"}};
     const AudioObjectID members[] = {
         plug({.name = "duplex", .mediaClass = "Audio/Duplex", .properties = patient}),
         plug({.name = "mono", .channelCount = 1, .properties = patient}),
@@ -113,7 +113,8 @@ TEST_F(PipeWireGroups, devicesThatCannotShareCyclesGetANodeOfTheirOwn)
     plug({.name = "other"});
     plug({.name = "fixed", .properties = {{"audio.rate", "44100"}}});
     const AudioObjectID asked = plug({.name = "asked"});
-    DriftingDevice drifting(server.remote(), "drifting", DriftingDevice::Direction::Sink, 100.0);
+    DrivingDevice drifting(server.remote(), "drifting", DrivingDevice::Direction::Sink,
+                           {.partsPerMillion = 100});
     waitForDevice(*hal, "drifting");
     ASSERT_EQ(writeValue(*hal, asked, at(kAudioDevicePropertyNominalSampleRate), 96000.0), 0);
     const struct {
