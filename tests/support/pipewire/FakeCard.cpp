@@ -4,12 +4,9 @@
 #include <spa/param/profile.h>
 #include <spa/param/props.h>
 #include <spa/param/route.h>
-#include <spa/pod/filter.h>
 #include <spa/pod/parser.h>
 
 namespace {
-
-constexpr size_t paramSpace = 4096;
 
 struct RouteDescription {
     const char* name;
@@ -23,29 +20,27 @@ constexpr RouteDescription routes[] = {{"analog-output-speaker", "Speakers", "sp
 } // namespace
 
 FakeCard::FakeCard(const std::string& remote, Options options)
-    : _options(std::move(options)), _client(remote),
-      _properties(_options.properties), _params{SPA_PARAM_INFO(SPA_PARAM_EnumProfile, SPA_PARAM_INFO_READ),
-                                                SPA_PARAM_INFO(SPA_PARAM_Profile, SPA_PARAM_INFO_READWRITE),
-                                                SPA_PARAM_INFO(SPA_PARAM_EnumRoute, SPA_PARAM_INFO_READ),
-                                                SPA_PARAM_INFO(SPA_PARAM_Route, SPA_PARAM_INFO_READWRITE)}
+    : _options(std::move(options)),
+      _client(remote), _params{SPA_PARAM_INFO(SPA_PARAM_EnumProfile, SPA_PARAM_INFO_READ),
+                               SPA_PARAM_INFO(SPA_PARAM_Profile, SPA_PARAM_INFO_READWRITE),
+                               SPA_PARAM_INFO(SPA_PARAM_EnumRoute, SPA_PARAM_INFO_READ),
+                               SPA_PARAM_INFO(SPA_PARAM_Route, SPA_PARAM_INFO_READWRITE)}
 {
     static const spa_device_methods methods{SPA_VERSION_DEVICE_METHODS, _addListener, _sync, _enumParams,
                                             _setParam};
-    _properties.insert({{PW_KEY_MEDIA_CLASS, "Audio/Device"},
-                        {PW_KEY_DEVICE_NAME, deviceName()},
-                        {PW_KEY_DEVICE_DESCRIPTION, "Fake Card"},
-                        {PW_KEY_DEVICE_API, "alsa"},
-                        {PW_KEY_DEVICE_BUS, "usb"},
-                        {PW_KEY_DEVICE_VENDOR_NAME, "Some Maker"},
-                        {PW_KEY_DEVICE_VENDOR_ID, "0x1235"},
-                        {PW_KEY_DEVICE_PRODUCT_ID, "0x8211"},
-                        {"device.serial", "SER1"}});
-    std::erase_if(_properties, [](const auto& property) { return property.second.empty(); });
-    for (const auto& [key, value] : _properties)
-        _items.push_back({key.c_str(), value.c_str()});
-    _dictionary = SPA_DICT_INIT(_items.data(), static_cast<uint32_t>(_items.size()));
+    NodeProperties properties = _options.properties;
+    properties.insert({{PW_KEY_MEDIA_CLASS, "Audio/Device"},
+                       {PW_KEY_DEVICE_NAME, deviceName()},
+                       {PW_KEY_DEVICE_DESCRIPTION, "Fake Card"},
+                       {PW_KEY_DEVICE_API, "alsa"},
+                       {PW_KEY_DEVICE_BUS, "usb"},
+                       {PW_KEY_DEVICE_VENDOR_NAME, "Some Maker"},
+                       {PW_KEY_DEVICE_VENDOR_ID, "0x1235"},
+                       {PW_KEY_DEVICE_PRODUCT_ID, "0x8211"},
+                       {"device.serial", "SER1"}});
+    _properties = newProperties(properties);
     _info.version = SPA_VERSION_DEVICE_INFO;
-    _info.props = &_dictionary;
+    _info.props = &_properties->dict;
     _info.params = _params;
     _info.n_params = 4;
     spa_hook_list_init(&_hooks);
@@ -53,7 +48,7 @@ FakeCard::FakeCard(const std::string& remote, Options options)
 
     _client.locked([this] {
         _exported = static_cast<pw_proxy*>(
-            pw_core_export(_client.core(), SPA_TYPE_INTERFACE_Device, &_dictionary, &_device, 0));
+            pw_core_export(_client.core(), SPA_TYPE_INTERFACE_Device, &_properties->dict, &_device, 0));
     });
     const uint32_t id = _client.idOf(PW_TYPE_INTERFACE_Device, {{PW_KEY_DEVICE_NAME, deviceName()}});
     _makeNode(sinkName(), "Audio/Sink", id, 0);
@@ -68,6 +63,7 @@ FakeCard::~FakeCard()
         _client.destroy(node);
     _client.destroy(_exported);
     _client.sync();
+    pw_properties_free(_properties);
 }
 
 void FakeCard::_makeNode(const std::string& name, const char* mediaClass, uint32_t cardID, int device)
@@ -103,30 +99,25 @@ int FakeCard::_sync(void* object, int sequence)
 }
 
 int FakeCard::_enumParams(void* object, int sequence, uint32_t id, uint32_t start, uint32_t count,
-                          const spa_pod* filter)
+                          const spa_pod* /*filter*/)
 {
     auto* self = static_cast<FakeCard*>(object);
-    for (uint32_t index = start, found = 0; found < count; ++index) {
-        uint8_t space[paramSpace];
+    for (uint32_t index = start; index - start < count; ++index) {
+        uint8_t space[4096];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
-        const spa_pod* param = self->_param(builder, id, index);
+        spa_pod* param = self->_param(builder, id, index);
         if (!param)
             break;
-        uint8_t filteredSpace[paramSpace];
-        spa_pod_builder filtered = SPA_POD_BUILDER_INIT(filteredSpace, sizeof filteredSpace);
-        spa_result_device_params result{id, index, index + 1, nullptr};
-        if (spa_pod_filter(&filtered, &result.param, param, filter) < 0)
-            continue;
+        const spa_result_device_params result{id, index, index + 1, param};
         spa_device_emit_result(&self->_hooks, sequence, 0, SPA_RESULT_TYPE_DEVICE_PARAMS, &result);
-        ++found;
     }
     return 0;
 }
 
-const spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t index) const
+spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t index) const
 {
     const auto profile = [&](uint32_t number) {
-        return static_cast<const spa_pod*>(spa_pod_builder_add_object(
+        return static_cast<spa_pod*>(spa_pod_builder_add_object(
             &builder, SPA_TYPE_OBJECT_ParamProfile, id, SPA_PARAM_PROFILE_index, SPA_POD_Int(number),
             SPA_PARAM_PROFILE_name, SPA_POD_String(number == 0 ? "off" : "stereo"),
             SPA_PARAM_PROFILE_description, SPA_POD_String(number == 0 ? "Off" : "Stereo"),
@@ -147,7 +138,7 @@ const spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t 
     }
 }
 
-const spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t route) const
+spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t route) const
 {
     const int32_t device = route == Microphone ? 1 : 0, profile = 1;
     const bool isAvailable = route != Headphones || _state.headphonesPlugged;
@@ -174,7 +165,7 @@ const spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t 
                                    SPA_POD_Bool(_state.muted[route]), SPA_PROP_channelVolumes,
                                    SPA_POD_Array(sizeof(float), SPA_TYPE_Float, 2, _state.amplitudes[route]));
     }
-    return static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &frame));
+    return static_cast<spa_pod*>(spa_pod_builder_pop(&builder, &frame));
 }
 
 int FakeCard::_setParam(void* object, uint32_t id, uint32_t /*flags*/, const spa_pod* param)

@@ -46,8 +46,8 @@ private:
                            const spa_pod* filter);
     static int _setParam(void* object, uint32_t id, uint32_t flags, const spa_pod* param);
 
-    const spa_pod* _param(spa_pod_builder& builder, uint32_t id, uint32_t index) const;
-    const spa_pod* _route(spa_pod_builder& builder, uint32_t id, uint32_t route) const;
+    spa_pod* _param(spa_pod_builder& builder, uint32_t id, uint32_t index) const;
+    spa_pod* _route(spa_pod_builder& builder, uint32_t id, uint32_t route) const;
     void _takeRoute(const spa_pod* param);
     void _emitInfo(uint64_t changes);
     void _changed();
@@ -57,9 +57,7 @@ private:
     TestClient _client;
     spa_device _device{};
     spa_hook_list _hooks{};
-    NodeProperties _properties;
-    std::vector<spa_dict_item> _items;
-    spa_dict _dictionary{};
+    pw_properties* _properties = nullptr;
     spa_param_info _params[4];
     spa_device_info _info{};
     State _state;
