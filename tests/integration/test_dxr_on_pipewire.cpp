@@ -77,7 +77,7 @@ TEST_F(DxrOnPipeWire, playsARampThatComesBackExactlyFromTheMonitor)
                       std::string::npos)
                 << played.output;
             for (const char* loss : {"gap", "underrun", "overload"})
-                EXPECT_EQ(numberBefore(played.output, loss), 0) << played.output;
+                EXPECT_EQ(sumBefore(played.output, loss), 0) << played.output;
             const std::vector<float> ramp = tap.finish();
             EXPECT_EQ(tap.gaps() + breaksOf(ramp), 0U) << rate << " Hz, " << frames << " frames";
             EXPECT_EQ(soundingFrames(ramp), static_cast<size_t>(rate / 2)) << "every frame, and each once";

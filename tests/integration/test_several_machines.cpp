@@ -100,10 +100,8 @@ void writeTone(const std::string& path, int seconds)
 
 float peakOf(const std::vector<float>& samples)
 {
-    float peak = 0.0F;
-    for (const float sample : samples)
-        peak = std::max(peak, std::abs(sample));
-    return peak;
+    const auto [low, high] = std::ranges::minmax(samples);
+    return std::max(-low, high);
 }
 
 TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
@@ -155,8 +153,7 @@ double spreadOfClocks(const std::string& report)
 // What another machine plays goes to two sinks of this one, whose clocks differ. The network node follows one of them.
 TEST_F(SeveralMachines, driftIsFoundWhileOnePlaysWhatTheOtherSends)
 {
-    const char* const soak = std::getenv("DXR_SOAK_SECONDS");
-    const int seconds = soak ? std::atoi(soak) : 8;
+    const int seconds = soakSecondsOr(8);
     const DrivingDevice fast(desk.server.remote(), "fast", DrivingDevice::Direction::Sink,
                              {.partsPerMillion = 300});
     const DrivingDevice slow(desk.server.remote(), "slow", DrivingDevice::Direction::Sink,

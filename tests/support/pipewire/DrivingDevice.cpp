@@ -2,7 +2,6 @@
 
 #include "Ramp.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>

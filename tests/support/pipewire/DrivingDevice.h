@@ -2,6 +2,7 @@
 
 #include "TestClient.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -35,9 +36,13 @@ public:
     /// The clock goes on by so many cycles that no node is called for, before its next.
     void skip(uint32_t cycles) noexcept { _skip += cycles; }
 
-    /// Frames of the ramp in channel 0 or 1 that came, and how often one did not follow the one before.
-    uint64_t framesReceived(size_t channel = 0) const noexcept { return _received[channel].frames; }
-    uint64_t breaks(size_t channel = 0) const noexcept { return _received[channel].breaks; }
+    /// Frames of the ramp that came in the channel with fewer, and in the one with more how often one did not follow the
+    /// one before.
+    uint64_t framesReceived() const noexcept
+    {
+        return std::min<uint64_t>(_received[0].frames, _received[1].frames);
+    }
+    uint64_t breaks() const noexcept { return std::max<uint64_t>(_received[0].breaks, _received[1].breaks); }
 
     /// A frame of the ramp, and when it was taken or is played by this device's clock: the first of its last cycle.
     struct Passage {

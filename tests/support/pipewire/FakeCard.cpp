@@ -17,12 +17,13 @@ constexpr RouteDescription routes[] = {{"analog-output-speaker", "Speakers", "sp
                                        {"analog-output-headphones", "Headphones", "headphones"},
                                        {"analog-input-mic", "Microphone", "mic"}};
 
+constexpr int32_t profile = 1;
+
 } // namespace
 
 FakeCard::FakeCard(const std::string& remote, Options options)
     : _options(std::move(options)),
-      _client(remote), _params{SPA_PARAM_INFO(SPA_PARAM_EnumProfile, SPA_PARAM_INFO_READ),
-                               SPA_PARAM_INFO(SPA_PARAM_Profile, SPA_PARAM_INFO_READWRITE),
+      _client(remote), _params{SPA_PARAM_INFO(SPA_PARAM_Profile, SPA_PARAM_INFO_READWRITE),
                                SPA_PARAM_INFO(SPA_PARAM_EnumRoute, SPA_PARAM_INFO_READ),
                                SPA_PARAM_INFO(SPA_PARAM_Route, SPA_PARAM_INFO_READWRITE)}
 {
@@ -42,7 +43,7 @@ FakeCard::FakeCard(const std::string& remote, Options options)
     _info.version = SPA_VERSION_DEVICE_INFO;
     _info.props = &_properties->dict;
     _info.params = _params;
-    _info.n_params = 4;
+    _info.n_params = 3;
     spa_hook_list_init(&_hooks);
     _device.iface = SPA_INTERFACE_INIT(SPA_TYPE_INTERFACE_Device, SPA_VERSION_DEVICE, &methods, this);
 
@@ -51,35 +52,28 @@ FakeCard::FakeCard(const std::string& remote, Options options)
             pw_core_export(_client.core(), SPA_TYPE_INTERFACE_Device, &_properties->dict, &_device, 0));
     });
     const uint32_t id = _client.idOf(PW_TYPE_INTERFACE_Device, {{PW_KEY_DEVICE_NAME, deviceName()}});
-    _makeNode(sinkName(), "Audio/Sink", id, 0);
+    _plug(sinkName(), "Audio/Sink", id, 0);
     if (_options.microphone)
-        _makeNode("alsa_input." + _options.name + ".stereo", "Audio/Source/Virtual", id, 1);
+        _plug("alsa_input." + _options.name + ".stereo", "Audio/Source/Virtual", id, 1);
     _client.sync();
 }
 
 FakeCard::~FakeCard()
 {
-    for (pw_proxy* node : _nodes)
-        _client.destroy(node);
+    _client.unplugAll();
     _client.destroy(_exported);
     _client.sync();
     pw_properties_free(_properties);
 }
 
-void FakeCard::_makeNode(const std::string& name, const char* mediaClass, uint32_t cardID, int device)
+void FakeCard::_plug(const std::string& name, const char* mediaClass, uint32_t cardID, int device)
 {
-    _nodes.push_back(_client.createNode(
-        {{"factory.name", "support.null-audio-sink"},
-         {PW_KEY_NODE_NAME, name},
-         {PW_KEY_NODE_DESCRIPTION, "Fake Card Stereo"},
-         {PW_KEY_MEDIA_CLASS, mediaClass},
-         {PW_KEY_AUDIO_CHANNELS, "2"},
-         {"audio.position", "[ FL FR ]"},
-         {PW_KEY_DEVICE_ID, std::to_string(cardID)},
-         {"card.profile.device", std::to_string(device)},
-         {"device.routes", device == 0 ? "2" : "1"},
-         {"monitor.channel-volumes", "false"},
-         {"adapter.auto-port-config", "{ mode = dsp monitor = true position = preserve }"}}));
+    _client.plug({.name = name,
+                  .mediaClass = mediaClass,
+                  .properties = {{PW_KEY_NODE_DESCRIPTION, "Fake Card Stereo"},
+                                 {PW_KEY_DEVICE_ID, std::to_string(cardID)},
+                                 {"card.profile.device", std::to_string(device)},
+                                 {"device.routes", device == 0 ? "2" : "1"}}});
 }
 
 int FakeCard::_addListener(void* object, spa_hook* listener, const spa_device_events* events, void* data)
@@ -116,19 +110,13 @@ int FakeCard::_enumParams(void* object, int sequence, uint32_t id, uint32_t star
 
 spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t index) const
 {
-    const auto profile = [&](uint32_t number) {
-        return static_cast<spa_pod*>(spa_pod_builder_add_object(
-            &builder, SPA_TYPE_OBJECT_ParamProfile, id, SPA_PARAM_PROFILE_index, SPA_POD_Int(number),
-            SPA_PARAM_PROFILE_name, SPA_POD_String(number == 0 ? "off" : "stereo"),
-            SPA_PARAM_PROFILE_description, SPA_POD_String(number == 0 ? "Off" : "Stereo"),
-            SPA_PARAM_PROFILE_available, SPA_POD_Id(SPA_PARAM_AVAILABILITY_yes)));
-    };
     const uint32_t directions = _options.microphone ? 2 : 1;
     switch (id) {
-    case SPA_PARAM_EnumProfile:
-        return index < 2 ? profile(index) : nullptr;
     case SPA_PARAM_Profile:
-        return index < 1 ? profile(1) : nullptr;
+        return index > 0 ? nullptr
+                         : static_cast<spa_pod*>(spa_pod_builder_add_object(
+                               &builder, SPA_TYPE_OBJECT_ParamProfile, id, SPA_PARAM_PROFILE_index,
+                               SPA_POD_Int(profile), SPA_PARAM_PROFILE_name, SPA_POD_String("stereo")));
     case SPA_PARAM_EnumRoute:
         return index < 1 + directions ? _route(builder, id, index) : nullptr;
     case SPA_PARAM_Route:
@@ -140,7 +128,7 @@ spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t index)
 
 spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t route) const
 {
-    const int32_t device = route == Microphone ? 1 : 0, profile = 1;
+    const int32_t device = route == Microphone ? 1 : 0;
     const bool isAvailable = route != Headphones || _state.headphonesPlugged;
     spa_pod_frame frame;
     spa_pod_builder_push_object(&builder, &frame, SPA_TYPE_OBJECT_ParamRoute, id);

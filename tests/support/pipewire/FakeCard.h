@@ -51,16 +51,15 @@ private:
     void _takeRoute(const spa_pod* param);
     void _emitInfo(uint64_t changes);
     void _changed();
-    void _makeNode(const std::string& name, const char* mediaClass, uint32_t cardID, int device);
+    void _plug(const std::string& name, const char* mediaClass, uint32_t cardID, int device);
 
     const Options _options;
     TestClient _client;
     spa_device _device{};
     spa_hook_list _hooks{};
     pw_properties* _properties = nullptr;
-    spa_param_info _params[4];
+    spa_param_info _params[3];
     spa_device_info _info{};
     State _state;
     pw_proxy* _exported = nullptr;
-    std::vector<pw_proxy*> _nodes;
 };
