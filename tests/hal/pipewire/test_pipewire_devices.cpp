@@ -20,10 +20,6 @@ protected:
             return now && std::abs(*now - volume) < 1e-6F;
         });
     }
-    bool muteBecomes(AudioObjectID device, uint32_t muted)
-    {
-        return eventually([&] { return read<uint32_t>(device, kAudioDevicePropertyMute, output) == muted; });
-    }
     std::string sourceName(AudioObjectID device, uint32_t sourceID, uint32_t scope = output)
     {
         CXObject* name = nullptr;
@@ -102,7 +98,7 @@ TEST_F(PipeWireDevices, sharesVolumeAndMuteWithOtherClients)
     EXPECT_TRUE(volumeBecomes(device, 0.5F));
     EXPECT_NEAR(*read<float>(device, kAudioDevicePropertyVolumeScalar, output, 2), 0.1F, 1e-6F);
     client.run("pw-cli set-param sink Props '{ mute: true }'");
-    EXPECT_TRUE(muteBecomes(device, 1));
+    EXPECT_TRUE(becomes(device, kAudioDevicePropertyMute, 1U, output));
 
     EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyVolumeScalar, output), 1.0F), 0);
     EXPECT_EQ(read<float>(device, kAudioDevicePropertyVolumeScalar, output), 1.0F)
@@ -147,7 +143,7 @@ TEST_F(PipeWireDevices, followsAndSetsTheRoutesOfACard)
         return state.amplitudes[FakeCard::Speakers][1] == 0.125F;
     })) << "a device with routes takes its volume there";
     card.change([](FakeCard::State& state) { state.muted[FakeCard::Speakers] = true; });
-    EXPECT_TRUE(muteBecomes(device, 1));
+    EXPECT_TRUE(becomes(device, kAudioDevicePropertyMute, 1U, output));
     card.change([](FakeCard::State& state) {
         state.amplitudes[FakeCard::Headphones][0] = state.amplitudes[FakeCard::Headphones][1] = 0.001F;
         state.activeRoutes[0] = FakeCard::Headphones;

@@ -200,11 +200,10 @@ TEST_F(PipeWireGroups, oneMembersRateAndCycleLengthAreTheGroups)
         const Group group(*hal, {"first", "second"}, eachCycle(playRamp));
         EXPECT_EQ(writeValue(*hal, second, at(kAudioDevicePropertyNominalSampleRate), 96000.0), 0);
         EXPECT_EQ(writeValue(*hal, second, at(kAudioDevicePropertyBufferFrameSize), 1024U), 0);
-        for (const AudioObjectID device : {first, second})
-            EXPECT_TRUE(eventually([&] {
-                return read<double>(device, kAudioDevicePropertyNominalSampleRate) == 96000.0 &&
-                       read<uint32_t>(device, kAudioDevicePropertyBufferFrameSize) == 1024U;
-            }));
+        for (const AudioObjectID device : {first, second}) {
+            EXPECT_TRUE(becomes(device, kAudioDevicePropertyNominalSampleRate, 96000.0));
+            EXPECT_TRUE(becomes(device, kAudioDevicePropertyBufferFrameSize, 1024U));
+        }
     }
     EXPECT_TRUE(witness.waitForMore()) << "the device's own IO goes on beside the group's and after it";
 }
