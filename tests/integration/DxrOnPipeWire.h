@@ -10,6 +10,7 @@
 #include <sndfile.h>
 
 #include <cstdlib>
+#include <regex>
 
 /// The `dxr` command against a server of the test's own, which has another client.
 class DxrOnPipeWire : public testing::Test {
@@ -28,17 +29,23 @@ private:
     }
 };
 
-/// The number before the first `words` in the tool's report; -1 when it is not there. Groups of three are joined.
-inline long numberBefore(const std::string& report, const std::string& words)
+/// The sum of the numbers before `words` in the tool's report; -1 when there is none. Groups of three are joined.
+inline long sumBefore(std::string report, const std::string& words)
 {
-    size_t end = report.find(" " + words);
-    if (end == std::string::npos)
-        return -1;
-    std::string digits;
-    while (end > 0 && (std::isdigit(static_cast<unsigned char>(report[end - 1])) || report[end - 1] == ','))
-        if (const char c = report[--end]; c != ',')
-            digits.insert(digits.begin(), c);
-    return digits.empty() ? -1 : std::stol(digits);
+    std::erase(report, ',');
+    const std::regex number("([0-9]+) " + words);
+    long sum = -1;
+    for (std::sregex_iterator match(report.begin(), report.end(), number); match != std::sregex_iterator();
+         ++match)
+        sum = std::max(0L, sum) + std::stol((*match)[1]);
+    return sum;
+}
+
+/// How long a test shall take, in the long runs.
+inline int soakSecondsOr(int otherwise)
+{
+    const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
+    return seconds ? std::atoi(seconds) : otherwise;
 }
 
 /// Writes a stereo WAV file of floats whose frame k is `sampleOf(k)`.

@@ -1,8 +1,8 @@
 #include "DxrOnPipeWire.h"
 
+#include "DrivingDevice.h"
 #include "FakeCard.h"
 #include "MonitorTap.h"
-#include "PatientClock.h"
 
 #include <csignal>
 #include <thread>
@@ -63,8 +63,9 @@ size_t soundingFrames(const std::vector<float>& samples)
 
 TEST_F(DxrOnPipeWire, playsARampThatComesBackExactlyFromTheMonitor)
 {
-    const PatientClock clock(server.remote());
-    client.plug({.name = "sink", .properties = {{PW_KEY_NODE_GROUP, PatientClock::group}}});
+    const DrivingDevice clock(server.remote(), "clock", DrivingDevice::Direction::Sink,
+                              {.patientGroup = "patient"});
+    client.plug({.name = "sink", .properties = {{PW_KEY_NODE_GROUP, "patient"}}});
     for (const int rate : {44100, 48000, 96000}) {
         writeWave(path("ramp.wav"), rate, rate / 2, rampSample);
         for (const int frames : {64, 128, 512, 1024}) {
@@ -76,7 +77,7 @@ TEST_F(DxrOnPipeWire, playsARampThatComesBackExactlyFromTheMonitor)
                       std::string::npos)
                 << played.output;
             for (const char* loss : {"gap", "underrun", "overload"})
-                EXPECT_EQ(numberBefore(played.output, loss), 0) << played.output;
+                EXPECT_EQ(sumBefore(played.output, loss), 0) << played.output;
             const std::vector<float> ramp = tap.finish();
             EXPECT_EQ(tap.gaps() + breaksOf(ramp), 0U) << rate << " Hz, " << frames << " frames";
             EXPECT_EQ(soundingFrames(ramp), static_cast<size_t>(rate / 2)) << "every frame, and each once";

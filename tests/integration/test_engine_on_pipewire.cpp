@@ -2,7 +2,7 @@
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
-#include "DriftingDevice.h"
+#include "DrivingDevice.h"
 #include "LatencyProbe.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
@@ -118,10 +118,11 @@ TEST_F(EngineOnPipeWire, reportsTheLatencyThatAProbeMeasures)
 // Each device drives a graph of its own; between the two is an aggregate's ring.
 TEST_F(EngineOnPipeWire, reportsTheLatencyBetweenTwoClocks)
 {
-    using Drifting = DriftingDevice;
+    using Drifting = DrivingDevice;
     constexpr double sourcePPM = 150, framesPerNanosecond = serverRate * (1 + sourcePPM * 1e-6) / 1e9;
-    const Drifting source(server.remote(), "fast", Drifting::Direction::Source, sourcePPM);
-    const Drifting sink(server.remote(), "slow", Drifting::Direction::Sink, -60);
+    const Drifting source(server.remote(), "fast", Drifting::Direction::Source,
+                          {.partsPerMillion = sourcePPM});
+    const Drifting sink(server.remote(), "slow", Drifting::Direction::Sink, {.partsPerMillion = -60});
     for (const uint32_t quantum : {256U, 512U}) {
         force("quantum", quantum);
         const PassOn runner("fast", "slow", quantum, serverRate);

@@ -15,7 +15,6 @@
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -23,13 +22,7 @@ namespace fs = std::filesystem;
 
 class Package : public testing::Test {
 protected:
-    Package()
-    {
-        std::string pattern = fs::temp_directory_path() / "dxr-package-XXXXXX";
-        folder = mkdtemp(pattern.data());
-        setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
-    }
-    ~Package() override { fs::remove_all(folder); }
+    Package() { setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1); }
 
     /// Runs a shell command in the folder; its exit status, and what it printed in `output`.
     int run(const std::string& command)
@@ -57,7 +50,7 @@ protected:
     }
 
     PrivateServer server;
-    fs::path folder;
+    const fs::path folder = server.folder();
     std::string output;
 };
 

@@ -1,4 +1,4 @@
-#include "DriftingDevice.h"
+#include "DrivingDevice.h"
 #include "DxrOnPipeWire.h"
 #include "HALIO.h"
 #include "PipeWireDriver.h"
@@ -101,10 +101,8 @@ void writeTone(const std::string& path, int seconds)
 
 float peakOf(const std::vector<float>& samples)
 {
-    float peak = 0.0F;
-    for (const float sample : samples)
-        peak = std::max(peak, std::abs(sample));
-    return peak;
+    const auto [low, high] = std::ranges::minmax(samples);
+    return std::max(-low, high);
 }
 
 TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
@@ -156,10 +154,11 @@ double spreadOfClocks(const std::string& report)
 // What another machine plays goes to two sinks of this one, whose clocks differ. The network node follows one of them.
 TEST_F(SeveralMachines, driftIsFoundWhileOnePlaysWhatTheOtherSends)
 {
-    const char* const soak = std::getenv("DXR_SOAK_SECONDS");
-    const int seconds = soak ? std::atoi(soak) : 8;
-    const DriftingDevice fast(desk.server.remote(), "fast", DriftingDevice::Direction::Sink, 300.0);
-    const DriftingDevice slow(desk.server.remote(), "slow", DriftingDevice::Direction::Sink, -200.0);
+    const int seconds = soakSecondsOr(8);
+    const DrivingDevice fast(desk.server.remote(), "fast", DrivingDevice::Direction::Sink,
+                             {.partsPerMillion = 300});
+    const DrivingDevice slow(desk.server.remote(), "slow", DrivingDevice::Direction::Sink,
+                             {.partsPerMillion = -200});
     writeTone(studio.server.folder() / "song.wav", seconds + 30);
     studio.begin("dxr play");
     setenv("PIPEWIRE_REMOTE", desk.server.remote().c_str(), 1);

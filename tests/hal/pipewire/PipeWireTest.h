@@ -21,6 +21,13 @@ struct PipeWireSetup {
     {
         return readValue<Value>(*hal, object, at(selector, scope, element));
     }
+    /// Waits until an object's property has this value. False when it never has.
+    template <class Value>
+    bool becomes(AudioObjectID object, uint32_t selector, Value value,
+                 uint32_t scope = kAudioObjectPropertyScopeGlobal)
+    {
+        return eventually([&] { return read<Value>(object, selector, scope) == value; });
+    }
     bool isRunning(AudioObjectID device)
     {
         return read<uint32_t>(device, kAudioDevicePropertyDeviceIsRunning) == 1U;

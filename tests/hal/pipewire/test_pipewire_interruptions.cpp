@@ -76,7 +76,7 @@ TEST_F(PipeWireInterruptions, ioGoesOnAfterAnotherClientHasInterruptedIt)
         row.interrupt();
         EXPECT_TRUE(eventually([&] { return overloads.count() > before; }));
         EXPECT_TRUE(witness.waitForMore());
-        EXPECT_TRUE(eventually([&] { return isRunning(device); }));
+        EXPECT_TRUE(becomes(device, kAudioDevicePropertyDeviceIsRunning, 1U));
         for (const char* port : {"monitor_FL", "monitor_FR"})
             EXPECT_TRUE(MonitorTap(client, "sink", port).waitForFrames(4096)) << port;
         EXPECT_EQ(witness.backwards, 0U);
@@ -111,10 +111,8 @@ TEST_F(PipeWireInterruptions, followsTheRateAndFramesThatAnotherClientForcesAndR
 {
     const AudioObjectID device = plug({.name = "sink"});
     const auto timingBecomes = [&](double rate, uint32_t frames) {
-        return eventually([&] {
-            return read<double>(device, kAudioDevicePropertyNominalSampleRate) == rate &&
-                   read<uint32_t>(device, kAudioDevicePropertyBufferFrameSize) == frames;
-        });
+        return becomes(device, kAudioDevicePropertyNominalSampleRate, rate) &&
+               becomes(device, kAudioDevicePropertyBufferFrameSize, frames);
     };
     const auto force = [&](const char* rate, const char* frames) {
         client.setMetadata("settings", "clock.force-rate", rate);
@@ -156,9 +154,8 @@ TEST_F(PipeWireInterruptions, followsTheRateAndFramesThatAnotherClientForcesAndR
     const AudioObjectID same = waitForDevice(*other, "sink");
     EXPECT_EQ(writeValue(*other, same, at(kAudioDevicePropertyNominalSampleRate), 96000.0), 0);
     const RunningProc proc(*other, same, eachCycle(playRamp));
-    EXPECT_TRUE(eventually([&] {
-        return read<double>(device, kAudioDevicePropertyNominalSampleRate) == 96000.0;
-    })) << "another client runs it at a rate of its own";
+    EXPECT_TRUE(becomes(device, kAudioDevicePropertyNominalSampleRate, 96000.0))
+        << "another client runs it at a rate of its own";
 }
 
 } // namespace

@@ -1,20 +1,17 @@
-#include "PatientClock.h"
+#include "DrivingDevice.h"
 #include "PipeWireTest.h"
 
 namespace {
 
 class PipeWireIO : public PipeWireTest {
 protected:
-    AudioObjectID plugPatientSink()
-    {
-        return plug({.name = "sink", .properties = {{PW_KEY_NODE_GROUP, PatientClock::group}}});
-    }
+    DrivingDevice clock{
+        server.remote(), "clock", DrivingDevice::Direction::Sink, {.patientGroup = "patient"}};
+    const AudioObjectID device = plug({.name = "sink", .properties = {{PW_KEY_NODE_GROUP, "patient"}}});
 };
 
 TEST_F(PipeWireIO, playsARampThatComesBackExactlyFromTheMonitor)
 {
-    const PatientClock clock(server.remote());
-    const AudioObjectID device = plugPatientSink();
     for (const double rate : {44100.0, 48000.0, 96000.0}) {
         for (const uint32_t frames : {64U, 128U, 512U, 1024U}) {
             ASSERT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyNominalSampleRate), rate), 0);
@@ -38,8 +35,6 @@ TEST_F(PipeWireIO, playsARampThatComesBackExactlyFromTheMonitor)
 // A loss is reported once, and counted in the sample time.
 TEST_F(PipeWireIO, reportsTheCyclesThatTheClockSkips)
 {
-    PatientClock clock(server.remote());
-    const AudioObjectID device = plugPatientSink();
     const RecordingListener overloads(*hal, device, at(kAudioDeviceProcessorOverload));
     CycleWitness witness;
     const RunningProc proc(*hal, device, witnessing(witness));

@@ -291,40 +291,21 @@ TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
     }));
 }
 
-/// Keeps every processor busy as long as it lives.
-class BusyMachine {
-public:
-    BusyMachine()
-    {
-        for (unsigned i = 0; i < 2 * std::thread::hardware_concurrency(); ++i)
-            _threads.emplace_back([this] {
-                while (!_done)
-                    continue;
-            });
-    }
-    ~BusyMachine()
-    {
-        _done = true;
-        for (std::thread& thread : _threads)
-            thread.join();
-    }
-
-private:
-    std::atomic<bool> _done{false};
-    std::vector<std::thread> _threads;
-};
-
 // Killed in the middle of a conversation, on a machine that delays either side at any point.
 TEST(PipeWireServer, isFoundAgainAfterEveryRestart)
 {
     const char* const restarts = std::getenv("DXR_SOAK_RESTARTS");
     const int rounds = restarts ? std::atoi(restarts) : 10;
-    const BusyMachine busy;
+    std::vector<std::jthread> busy;
+    while (busy.size() < 2 * std::thread::hardware_concurrency())
+        busy.emplace_back([](const std::stop_token& end) {
+            while (!end.stop_requested())
+                continue;
+        });
     PrivateServer server;
     const CXRef<HALModel> hal = modelOver(server);
-    std::atomic<bool> done{false};
-    std::thread user([&] {
-        for (uint32_t muted = 0; !done; muted ^= 1U)
+    const std::jthread user([&](const std::stop_token& end) {
+        for (uint32_t muted = 0; !end.stop_requested(); muted ^= 1U)
             for (const AudioObjectID device : readDevices(*hal)) {
                 AudioDeviceIOProcID proc = nullptr;
                 if (hal->createIOProc(
@@ -342,8 +323,6 @@ TEST(PipeWireServer, isFoundAgainAfterEveryRestart)
         server.kill();
         server.start();
     }
-    done = true;
-    user.join();
 }
 
 } // namespace

@@ -4,12 +4,9 @@
 #include <spa/param/profile.h>
 #include <spa/param/props.h>
 #include <spa/param/route.h>
-#include <spa/pod/filter.h>
 #include <spa/pod/parser.h>
 
 namespace {
-
-constexpr size_t paramSpace = 4096;
 
 struct RouteDescription {
     const char* name;
@@ -20,70 +17,63 @@ constexpr RouteDescription routes[] = {{"analog-output-speaker", "Speakers", "sp
                                        {"analog-output-headphones", "Headphones", "headphones"},
                                        {"analog-input-mic", "Microphone", "mic"}};
 
+constexpr int32_t profile = 1;
+
 } // namespace
 
 FakeCard::FakeCard(const std::string& remote, Options options)
-    : _options(std::move(options)), _client(remote),
-      _properties(_options.properties), _params{SPA_PARAM_INFO(SPA_PARAM_EnumProfile, SPA_PARAM_INFO_READ),
-                                                SPA_PARAM_INFO(SPA_PARAM_Profile, SPA_PARAM_INFO_READWRITE),
-                                                SPA_PARAM_INFO(SPA_PARAM_EnumRoute, SPA_PARAM_INFO_READ),
-                                                SPA_PARAM_INFO(SPA_PARAM_Route, SPA_PARAM_INFO_READWRITE)}
+    : _options(std::move(options)),
+      _client(remote), _params{SPA_PARAM_INFO(SPA_PARAM_Profile, SPA_PARAM_INFO_READWRITE),
+                               SPA_PARAM_INFO(SPA_PARAM_EnumRoute, SPA_PARAM_INFO_READ),
+                               SPA_PARAM_INFO(SPA_PARAM_Route, SPA_PARAM_INFO_READWRITE)}
 {
     static const spa_device_methods methods{SPA_VERSION_DEVICE_METHODS, _addListener, _sync, _enumParams,
                                             _setParam};
-    _properties.insert({{PW_KEY_MEDIA_CLASS, "Audio/Device"},
-                        {PW_KEY_DEVICE_NAME, deviceName()},
-                        {PW_KEY_DEVICE_DESCRIPTION, "Fake Card"},
-                        {PW_KEY_DEVICE_API, "alsa"},
-                        {PW_KEY_DEVICE_BUS, "usb"},
-                        {PW_KEY_DEVICE_VENDOR_NAME, "Some Maker"},
-                        {PW_KEY_DEVICE_VENDOR_ID, "0x1235"},
-                        {PW_KEY_DEVICE_PRODUCT_ID, "0x8211"},
-                        {"device.serial", "SER1"}});
-    std::erase_if(_properties, [](const auto& property) { return property.second.empty(); });
-    for (const auto& [key, value] : _properties)
-        _items.push_back({key.c_str(), value.c_str()});
-    _dictionary = SPA_DICT_INIT(_items.data(), static_cast<uint32_t>(_items.size()));
+    NodeProperties properties = _options.properties;
+    properties.insert({{PW_KEY_MEDIA_CLASS, "Audio/Device"},
+                       {PW_KEY_DEVICE_NAME, deviceName()},
+                       {PW_KEY_DEVICE_DESCRIPTION, "Fake Card"},
+                       {PW_KEY_DEVICE_API, "alsa"},
+                       {PW_KEY_DEVICE_BUS, "usb"},
+                       {PW_KEY_DEVICE_VENDOR_NAME, "Some Maker"},
+                       {PW_KEY_DEVICE_VENDOR_ID, "0x1235"},
+                       {PW_KEY_DEVICE_PRODUCT_ID, "0x8211"},
+                       {"device.serial", "SER1"}});
+    _properties = newProperties(properties);
     _info.version = SPA_VERSION_DEVICE_INFO;
-    _info.props = &_dictionary;
+    _info.props = &_properties->dict;
     _info.params = _params;
-    _info.n_params = 4;
+    _info.n_params = 3;
     spa_hook_list_init(&_hooks);
     _device.iface = SPA_INTERFACE_INIT(SPA_TYPE_INTERFACE_Device, SPA_VERSION_DEVICE, &methods, this);
 
     _client.locked([this] {
         _exported = static_cast<pw_proxy*>(
-            pw_core_export(_client.core(), SPA_TYPE_INTERFACE_Device, &_dictionary, &_device, 0));
+            pw_core_export(_client.core(), SPA_TYPE_INTERFACE_Device, &_properties->dict, &_device, 0));
     });
     const uint32_t id = _client.idOf(PW_TYPE_INTERFACE_Device, {{PW_KEY_DEVICE_NAME, deviceName()}});
-    _makeNode(sinkName(), "Audio/Sink", id, 0);
+    _plug(sinkName(), "Audio/Sink", id, 0);
     if (_options.microphone)
-        _makeNode("alsa_input." + _options.name + ".stereo", "Audio/Source/Virtual", id, 1);
+        _plug("alsa_input." + _options.name + ".stereo", "Audio/Source/Virtual", id, 1);
     _client.sync();
 }
 
 FakeCard::~FakeCard()
 {
-    for (pw_proxy* node : _nodes)
-        _client.destroy(node);
+    _client.unplugAll();
     _client.destroy(_exported);
     _client.sync();
+    pw_properties_free(_properties);
 }
 
-void FakeCard::_makeNode(const std::string& name, const char* mediaClass, uint32_t cardID, int device)
+void FakeCard::_plug(const std::string& name, const char* mediaClass, uint32_t cardID, int device)
 {
-    _nodes.push_back(_client.createNode(
-        {{"factory.name", "support.null-audio-sink"},
-         {PW_KEY_NODE_NAME, name},
-         {PW_KEY_NODE_DESCRIPTION, "Fake Card Stereo"},
-         {PW_KEY_MEDIA_CLASS, mediaClass},
-         {PW_KEY_AUDIO_CHANNELS, "2"},
-         {"audio.position", "[ FL FR ]"},
-         {PW_KEY_DEVICE_ID, std::to_string(cardID)},
-         {"card.profile.device", std::to_string(device)},
-         {"device.routes", device == 0 ? "2" : "1"},
-         {"monitor.channel-volumes", "false"},
-         {"adapter.auto-port-config", "{ mode = dsp monitor = true position = preserve }"}}));
+    _client.plug({.name = name,
+                  .mediaClass = mediaClass,
+                  .properties = {{PW_KEY_NODE_DESCRIPTION, "Fake Card Stereo"},
+                                 {PW_KEY_DEVICE_ID, std::to_string(cardID)},
+                                 {"card.profile.device", std::to_string(device)},
+                                 {"device.routes", device == 0 ? "2" : "1"}}});
 }
 
 int FakeCard::_addListener(void* object, spa_hook* listener, const spa_device_events* events, void* data)
@@ -103,41 +93,30 @@ int FakeCard::_sync(void* object, int sequence)
 }
 
 int FakeCard::_enumParams(void* object, int sequence, uint32_t id, uint32_t start, uint32_t count,
-                          const spa_pod* filter)
+                          const spa_pod* /*filter*/)
 {
     auto* self = static_cast<FakeCard*>(object);
-    for (uint32_t index = start, found = 0; found < count; ++index) {
-        uint8_t space[paramSpace];
+    for (uint32_t index = start; index - start < count; ++index) {
+        uint8_t space[4096];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
-        const spa_pod* param = self->_param(builder, id, index);
+        spa_pod* param = self->_param(builder, id, index);
         if (!param)
             break;
-        uint8_t filteredSpace[paramSpace];
-        spa_pod_builder filtered = SPA_POD_BUILDER_INIT(filteredSpace, sizeof filteredSpace);
-        spa_result_device_params result{id, index, index + 1, nullptr};
-        if (spa_pod_filter(&filtered, &result.param, param, filter) < 0)
-            continue;
+        const spa_result_device_params result{id, index, index + 1, param};
         spa_device_emit_result(&self->_hooks, sequence, 0, SPA_RESULT_TYPE_DEVICE_PARAMS, &result);
-        ++found;
     }
     return 0;
 }
 
-const spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t index) const
+spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t index) const
 {
-    const auto profile = [&](uint32_t number) {
-        return static_cast<const spa_pod*>(spa_pod_builder_add_object(
-            &builder, SPA_TYPE_OBJECT_ParamProfile, id, SPA_PARAM_PROFILE_index, SPA_POD_Int(number),
-            SPA_PARAM_PROFILE_name, SPA_POD_String(number == 0 ? "off" : "stereo"),
-            SPA_PARAM_PROFILE_description, SPA_POD_String(number == 0 ? "Off" : "Stereo"),
-            SPA_PARAM_PROFILE_available, SPA_POD_Id(SPA_PARAM_AVAILABILITY_yes)));
-    };
     const uint32_t directions = _options.microphone ? 2 : 1;
     switch (id) {
-    case SPA_PARAM_EnumProfile:
-        return index < 2 ? profile(index) : nullptr;
     case SPA_PARAM_Profile:
-        return index < 1 ? profile(1) : nullptr;
+        return index > 0 ? nullptr
+                         : static_cast<spa_pod*>(spa_pod_builder_add_object(
+                               &builder, SPA_TYPE_OBJECT_ParamProfile, id, SPA_PARAM_PROFILE_index,
+                               SPA_POD_Int(profile), SPA_PARAM_PROFILE_name, SPA_POD_String("stereo")));
     case SPA_PARAM_EnumRoute:
         return index < 1 + directions ? _route(builder, id, index) : nullptr;
     case SPA_PARAM_Route:
@@ -147,9 +126,9 @@ const spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t 
     }
 }
 
-const spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t route) const
+spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t route) const
 {
-    const int32_t device = route == Microphone ? 1 : 0, profile = 1;
+    const int32_t device = route == Microphone ? 1 : 0;
     const bool isAvailable = route != Headphones || _state.headphonesPlugged;
     spa_pod_frame frame;
     spa_pod_builder_push_object(&builder, &frame, SPA_TYPE_OBJECT_ParamRoute, id);
@@ -174,7 +153,7 @@ const spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t 
                                    SPA_POD_Bool(_state.muted[route]), SPA_PROP_channelVolumes,
                                    SPA_POD_Array(sizeof(float), SPA_TYPE_Float, 2, _state.amplitudes[route]));
     }
-    return static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &frame));
+    return static_cast<spa_pod*>(spa_pod_builder_pop(&builder, &frame));
 }
 
 int FakeCard::_setParam(void* object, uint32_t id, uint32_t /*flags*/, const spa_pod* param)

@@ -46,23 +46,20 @@ private:
                            const spa_pod* filter);
     static int _setParam(void* object, uint32_t id, uint32_t flags, const spa_pod* param);
 
-    const spa_pod* _param(spa_pod_builder& builder, uint32_t id, uint32_t index) const;
-    const spa_pod* _route(spa_pod_builder& builder, uint32_t id, uint32_t route) const;
+    spa_pod* _param(spa_pod_builder& builder, uint32_t id, uint32_t index) const;
+    spa_pod* _route(spa_pod_builder& builder, uint32_t id, uint32_t route) const;
     void _takeRoute(const spa_pod* param);
     void _emitInfo(uint64_t changes);
     void _changed();
-    void _makeNode(const std::string& name, const char* mediaClass, uint32_t cardID, int device);
+    void _plug(const std::string& name, const char* mediaClass, uint32_t cardID, int device);
 
     const Options _options;
     TestClient _client;
     spa_device _device{};
     spa_hook_list _hooks{};
-    NodeProperties _properties;
-    std::vector<spa_dict_item> _items;
-    spa_dict _dictionary{};
-    spa_param_info _params[4];
+    pw_properties* _properties = nullptr;
+    spa_param_info _params[3];
     spa_device_info _info{};
     State _state;
     pw_proxy* _exported = nullptr;
-    std::vector<pw_proxy*> _nodes;
 };

@@ -7,29 +7,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
-
-std::vector<char*> pointers(std::vector<std::string>& texts)
-{
-    std::vector<char*> all;
-    for (std::string& text : texts)
-        all.push_back(text.data());
-    all.push_back(nullptr);
-    return all;
-}
-
-} // namespace
-
 pid_t startPrivateProcess(const std::vector<std::string>& command, const std::filesystem::path& folder,
                           const std::vector<std::string>& variables)
 {
     const char* path = std::getenv("PATH");
-    std::vector<std::string> environment{std::string("PATH=") + (path ? path : "/usr/bin:/bin"),
-                                         "HOME=" + folder.string(), "XDG_RUNTIME_DIR=" + folder.string()};
-    environment.insert(environment.end(), variables.begin(), variables.end());
-    std::vector<std::string> arguments = command;
-    const std::vector<char*> argv = pointers(arguments);
-    const std::vector<char*> envp = pointers(environment);
+    std::vector<std::string> words{"env", "-i", std::string("PATH=") + (path ? path : "/usr/bin:/bin"),
+                                   "HOME=" + folder.string(), "XDG_RUNTIME_DIR=" + folder.string()};
+    words.insert(words.end(), variables.begin(), variables.end());
+    words.insert(words.end(), command.begin(), command.end());
+    std::vector<char*> arguments;
+    for (std::string& word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
 
     const pid_t process = fork();
     if (process < 0)
@@ -39,7 +28,7 @@ pid_t startPrivateProcess(const std::vector<std::string>& command, const std::fi
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        execvpe(argv[0], argv.data(), envp.data());
+        execvp(arguments[0], arguments.data());
         _exit(127);
     }
     return process;

@@ -194,15 +194,16 @@ uint32_t TestClient::nodeID(const std::string& nodeName) const
     return idOf(PW_TYPE_INTERFACE_Node, {{PW_KEY_NODE_NAME, nodeName}});
 }
 
-pw_proxy* TestClient::createNode(const NodeProperties& properties)
+pw_proxy* TestClient::_create(const char* factory, const char* type, uint32_t version,
+                              const NodeProperties& properties)
 {
     pw_properties* all = newProperties(properties);
     pw_proxy* proxy = nullptr;
     locked([&] {
-        proxy = static_cast<pw_proxy*>(
-            pw_core_create_object(_core, "adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, &all->dict, 0));
+        proxy = static_cast<pw_proxy*>(pw_core_create_object(_core, factory, type, version, &all->dict, 0));
     });
     pw_properties_free(all);
+    sync();
     return proxy;
 }
 
@@ -218,16 +219,9 @@ pw_proxy* TestClient::link(uint32_t outputNode, const std::string& outputPort, u
         return std::to_string(
             idOf(PW_TYPE_INTERFACE_Port, {{PW_KEY_NODE_ID, std::to_string(node)}, {PW_KEY_PORT_NAME, name}}));
     };
-    pw_properties* ends = newProperties({{PW_KEY_LINK_OUTPUT_PORT, port(outputNode, outputPort)},
-                                         {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}});
-    pw_proxy* proxy = nullptr;
-    locked([&] {
-        proxy = static_cast<pw_proxy*>(pw_core_create_object(_core, "link-factory", PW_TYPE_INTERFACE_Link,
-                                                             PW_VERSION_LINK, &ends->dict, 0));
-    });
-    pw_properties_free(ends);
-    sync();
-    return proxy;
+    return _create("link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK,
+                   {{PW_KEY_LINK_OUTPUT_PORT, port(outputNode, outputPort)},
+                    {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}});
 }
 
 void TestClient::destroy(pw_proxy* proxy)
@@ -237,8 +231,9 @@ void TestClient::destroy(pw_proxy* proxy)
 
 void TestClient::plug(const VirtualDevice& device)
 {
-    _plugged.push_back({.name = device.name, .proxy = createNode(nullDeviceProperties(device))});
-    sync();
+    _plugged.push_back(
+        {.name = device.name,
+         .proxy = _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, nullDeviceProperties(device))});
 }
 
 void TestClient::plugBareNode(const VirtualDevice& device)

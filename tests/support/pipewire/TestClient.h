@@ -53,8 +53,6 @@ public:
     /// The first of them, waiting for it. Throws std::runtime_error when there is none.
     uint32_t idOf(const std::string& type, const NodeProperties& properties) const;
     uint32_t nodeID(const std::string& nodeName) const;
-    /// Creates a node with a factory of the server.
-    pw_proxy* createNode(const NodeProperties& properties);
     /// With the loop stopped.
     pw_proxy* bind(uint32_t id, const char* type, uint32_t version);
     /// Links an output port to an input port, each named by its node and its port name.
@@ -100,6 +98,8 @@ private:
     static void _global(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
                         const spa_dict* properties);
     static void _globalRemove(void* data, uint32_t id);
+    pw_proxy* _create(const char* factory, const char* type, uint32_t version,
+                      const NodeProperties& properties);
     std::vector<uint32_t> _find(const std::string& type, const NodeProperties& properties) const;
     void _destroy(const Plugged& plugged) const;
 

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "TestClient.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <pipewire/stream.h>
+#include <spa/node/io.h>
+#include <string>
+#include <thread>
+
+/// A stereo device that drives a graph with a clock of its own: a sink that checks the ramps it receives (Ramp.h), one in
+/// each channel, or a source that gives one.
+/// Threads: one; it runs two of its own.
+class DrivingDevice {
+public:
+    enum class Direction { Sink, Source };
+
+    struct Options {
+        double partsPerMillion = 0; ///< by which its clock is fast
+        /// Devices of one name report one clock, and must drift alike; each has its own if empty.
+        std::string clockName{};
+        /// Drives the devices of this node.group, and begins a cycle only when all of them are done with the one
+        /// before: no node is ever late, however busy the machine is, and time stretches instead. None if empty.
+        std::string patientGroup{};
+    };
+
+    DrivingDevice(const std::string& remote, const std::string& name, Direction direction, Options options);
+    ~DrivingDevice();
+    DrivingDevice(const DrivingDevice&) = delete;
+    DrivingDevice& operator=(const DrivingDevice&) = delete;
+
+    /// The clock goes on by so many cycles that no node is called for, before its next.
+    void skip(uint32_t cycles) noexcept { _skip += cycles; }
+
+    /// Frames of the ramp that came in the channel with fewer, and in the one with more how often one did not follow the
+    /// one before.
+    uint64_t framesReceived() const noexcept
+    {
+        return std::min<uint64_t>(_received[0].frames, _received[1].frames);
+    }
+    uint64_t breaks() const noexcept { return std::max<uint64_t>(_received[0].breaks, _received[1].breaks); }
+
+    /// A frame of the ramp, and when it was taken or is played by this device's clock: the first of its last cycle.
+    struct Passage {
+        double number = 0, nanoseconds = 0;
+    };
+    Passage lastPassage() const
+    {
+        const std::scoped_lock lock(_mutex);
+        return _passage;
+    }
+
+private:
+    using Nanoseconds = std::chrono::duration<double, std::nano>;
+
+    static void _stateChanged(void* data, pw_stream_state before, pw_stream_state now, const char* error);
+    static void _ioChanged(void* data, uint32_t id, void* area, uint32_t size);
+    static void _process(void* data);
+
+    struct Received {
+        int64_t last = 0;
+        std::atomic<uint64_t> frames{0}, breaks{0};
+    };
+
+    void _connect(const std::string& name);
+    void _receive(const float* samples, uint32_t frameCount) noexcept;
+    void _give(float* samples, uint32_t frameCount) noexcept;
+    void _endCycle();
+    void _notePassage(float sample);
+    void _drive();
+    Nanoseconds _driveCycle();
+    void _waitForNodes();
+    bool _isPatient() const noexcept { return !_options.patientGroup.empty(); }
+
+    TestClient _client;
+    const Direction _direction;
+    const Options _options;
+    const double _ratio; // device frames per nominal frame
+    pw_stream* _stream = nullptr;
+    spa_hook _listener{};
+    std::atomic<spa_io_clock*> _clock{nullptr};
+    std::atomic<spa_io_position*> _position{nullptr};
+    std::atomic<bool> _streaming{false};
+    std::atomic<bool> _ended{false};
+    std::atomic<uint32_t> _skip{0}; // cycles; taken by the thread before its next
+    Nanoseconds
+        _time{}; // of the clock's next cycle: a period after the last even where it has waited for nodes
+    uint64_t _framesDriven = 0, _lastDuration = 0;
+    uint64_t _framesGiven = 0;
+    Received _received[2];
+    mutable std::mutex _mutex; // guards what follows
+    std::condition_variable _cycleEnded;
+    uint32_t _pendingEnds = 0; // of cycles that were begun
+    Passage _passage;
+    std::thread _driver;
+};
