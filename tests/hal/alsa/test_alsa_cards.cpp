@@ -10,9 +10,6 @@
 
 namespace {
 
-constexpr uint32_t input = kAudioObjectPropertyScopeInput;
-constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
-
 // The faked card's controls.
 constexpr unsigned playbackVolume = 1, playbackSwitch = 2, captureVolume = 3, captureSource = 5,
                    headphoneJack = 6;
@@ -122,7 +119,7 @@ TEST_F(AlsaTest, survivesACardThatSaysNonsense)
     EXPECT_FALSE(read<float>(id, kAudioDevicePropertyVolumeScalar, output));
     Ramp ramp(*hal, id);
     EXPECT_EQ(ramp.start(), kAudioHardwareNoError);
-    EXPECT_TRUE(eventually([&] { return ramp.cycles > 3; }));
+    EXPECT_TRUE(ramp.waitForMore(3));
     ramp.stop();
     FakedCards::unplug(number);
     EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
@@ -343,7 +340,7 @@ TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
     std::thread asks([&] { result = theirs.acquire(); }); // of equal priority: refused
     while (result == 1) {
         ours.reservation.process();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        sleepForMilliseconds(1);
     }
     asks.join();
     EXPECT_EQ(result, -EBUSY);
