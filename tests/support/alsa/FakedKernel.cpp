@@ -6,14 +6,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -206,7 +202,9 @@ void FakedKernel::_runClock()
                 if (pcm->runs() && !pcm->card.stands())
                     next = std::min(next, std::max(pcm->nextInterrupt(), fakedNow() + 100'000));
         }
-        FakedLibrary::wait(_wakeUps, static_cast<long>(std::max<int64_t>(0, next - fakedNow())));
+        pollfd wakeUp{_wakeUps, POLLIN, 0};
+        timespec left = fakedTime(std::max<int64_t>(0, next - fakedNow()));
+        FakedLibrary::poll(&wakeUp, 1, &left);
     }
 }
 
@@ -258,8 +256,8 @@ int FakedKernel::open(const char* path, int flags)
 
 int FakedKernel::_openControl(FakedCard& card, int flags)
 {
-    int ends[2]; // past the thread sanitizer, which does not see them closed either
-    if (syscall(SYS_pipe2, ends, O_CLOEXEC | (flags & O_NONBLOCK)) != 0)
+    int ends[2];
+    if (FakedLibrary::pipe(ends, O_CLOEXEC | (flags & O_NONBLOCK)) != 0)
         return -errno;
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
     _controls[ends[0]] = {&card, ends[0], ends[1], 0};
@@ -277,7 +275,7 @@ int FakedKernel::_openPcm(FakedCard& card, unsigned number, bool isCapture, int 
     int ends[2];
     if (card.has(FakedFault::Busy))
         return -EBUSY;
-    if (syscall(SYS_pipe2, ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (FakedLibrary::pipe(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return -errno;
     fcntl(ends[1], F_SETPIPE_SZ, 4096);
     const int descriptor = ends[isCapture ? 0 : 1];

@@ -10,9 +10,6 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace {
 
@@ -34,7 +31,8 @@ FakedPcm::FakedPcm(FakedCard& ofCard, unsigned pcm, bool captures, int itsDescri
     const unsigned channels = isCapture ? card.options.capture : card.options.playback;
     _size = 2 * page + size_t{card.options.maxBuffer} * 4 * channels;
     if (ftruncate(_file, static_cast<off_t>(_size)) == 0)
-        _memory = static_cast<char*>(FakedLibrary::mmap(_size, _file));
+        _memory = static_cast<char*>(
+            FakedLibrary::mmap(nullptr, _size, PROT_READ | PROT_WRITE, MAP_SHARED, _file, 0));
     _status = reinterpret_cast<snd_pcm_mmap_status*>(_memory);
     _control = reinterpret_cast<snd_pcm_mmap_control*>(_memory + page);
     _control->avail_min = 1;
