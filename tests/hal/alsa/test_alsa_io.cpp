@@ -20,6 +20,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         {"read and write alone", [](Card& card) { card.mapsSamples = false; }},
         {"neither is mapped", [](Card& card) { card.mapsSamples = card.mapsStatus = false; }},
         {"16 bits", [](Card& card) { card.formats = {FakedFormat::S16}; }, 1.0F / 32768.0F},
+        {"24 bits", [](Card& card) { card.formats = {FakedFormat::S24}; }},
         {"24 bits in three bytes", [](Card& card) { card.formats = {FakedFormat::S24Packed}; }},
         {"float", [](Card& card) { card.formats = {FakedFormat::Float}; }},
         {"its position moves by a millisecond", [](Card& card) { card.granularity = 48; }},

@@ -147,8 +147,8 @@ void FakedCard::_describe(snd_ctl_card_info& info) const
 {
     info = {};
     info.card = number;
-    _text(info.id, options.id);
-    _text(info.driver, options.driver);
+    _text(info.id, "Faked");
+    _text(info.driver, "Faked");
     _text(info.name, options.name);
     _text(info.longname, options.longName);
     _text(info.mixername, options.name);

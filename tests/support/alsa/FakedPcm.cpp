@@ -15,12 +15,6 @@ namespace {
 
 constexpr size_t page = 4096; // of the status, then of the program's positions, then the ring
 
-void setTime(volatile void* to, int64_t nanoseconds)
-{
-    const timespec time = fakedTime(nanoseconds);
-    std::memcpy(const_cast<void*>(to), &time, sizeof time);
-}
-
 } // namespace
 
 FakedPcm::FakedPcm(FakedCard& ofCard, unsigned pcm, bool captures, int itsDescriptor, int peer,
@@ -166,11 +160,10 @@ void FakedPcm::advance(int64_t nanoseconds)
     _done = std::max(_done, to);
     _status->hw_ptr = static_cast<snd_pcm_uframes_t>(_done) % _boundary;
     if (_hasStamps && card.options.hasStamps) {
-        setTime(&_status->tstamp, nanoseconds);
-        setTime(&_status->audio_tstamp, static_cast<int64_t>(static_cast<double>(_done) * 1e9 / _rate));
+        const timespec time = fakedTime(nanoseconds);
+        std::memcpy(const_cast<void*>(static_cast<volatile void*>(&_status->tstamp)), &time, sizeof time);
     }
-    const snd_pcm_uframes_t available = _available();
-    if (available >= _stopThreshold)
+    if (_available() >= _stopThreshold)
         stop(SNDRV_PCM_STATE_XRUN);
     showReadiness();
 }
