@@ -140,15 +140,6 @@ void FakedKernel::_runClock()
 
 // ---- Links
 
-FakedPcmList FakedKernel::linked(const FakedPcm& pcm)
-{
-    FakedPcmList all;
-    for (const auto& [descriptor, each] : _pcms)
-        if ((each.get() == &pcm || (pcm.link && each->link == pcm.link)) && all.count < all.pcms.size())
-            all.pcms[all.count++] = each.get();
-    return all;
-}
-
 int FakedKernel::link(FakedPcm& pcm, int descriptor)
 {
     const auto other = _pcms.find(descriptor);

@@ -41,8 +41,13 @@ public:
     short pollErrors(int descriptor);
 
     // -- For the PCMs
-    /// All that are linked with `pcm`, itself included.
-    FakedPcmList linked(const FakedPcm& pcm);
+    /// Calls `visit` with all that are linked with `pcm`, itself included.
+    template <class Visit> void forLinked(const FakedPcm& pcm, Visit visit)
+    {
+        for (const auto& [descriptor, each] : _pcms)
+            if (each.get() == &pcm || (pcm.link && each->link == pcm.link))
+                visit(*each);
+    }
     /// Links both; a negative errno when that is not possible.
     int link(FakedPcm& pcm, int descriptor);
     void update(FakedCard& card);

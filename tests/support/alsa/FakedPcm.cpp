@@ -58,11 +58,10 @@ void FakedPcm::setState(int state)
 
 void FakedPcm::stop(int state)
 {
-    for (FakedPcm* const each : _kernel.linked(*this)) {
-        if (!each->runs() && state == SNDRV_PCM_STATE_XRUN)
-            continue;
-        each->setState(state);
-    }
+    _kernel.forLinked(*this, [state](FakedPcm& each) {
+        if (each.runs() || state != SNDRV_PCM_STATE_XRUN)
+            each.setState(state);
+    });
 }
 
 snd_pcm_uframes_t FakedPcm::_available() const
@@ -199,31 +198,32 @@ int FakedPcm::_prepare()
         return -EBADFD;
     if (runs())
         return -EBUSY;
-    for (FakedPcm* const each : _kernel.linked(*this)) {
-        if (each->runs())
-            continue;
-        each->_control->appl_ptr = each->_status->hw_ptr = 0;
-        each->_done = 0;
-        each->setState(SNDRV_PCM_STATE_PREPARED);
-    }
+    _kernel.forLinked(*this, [](FakedPcm& each) {
+        if (each.runs())
+            return;
+        each._control->appl_ptr = each._status->hw_ptr = 0;
+        each._done = 0;
+        each.setState(SNDRV_PCM_STATE_PREPARED);
+    });
     return 0;
 }
 
 int FakedPcm::_start()
 {
-    const FakedPcmList all = _kernel.linked(*this);
-    for (const FakedPcm* const each : all) {
-        if (each->state() != SNDRV_PCM_STATE_PREPARED)
-            return -EBADFD;
-        if (!each->isCapture && each->_stopThreshold < each->_boundary && each->_available() >= each->_buffer)
-            return -EPIPE; // nothing to play
-    }
-    const int64_t now = fakedNow();
-    for (FakedPcm* const each : all) {
-        each->_startFrame = static_cast<int64_t>(std::floor(each->card.frameAt(now)));
-        each->_done = 0;
-        each->setState(SNDRV_PCM_STATE_RUNNING);
-    }
+    int error = 0; // the first one
+    _kernel.forLinked(*this, [&](const FakedPcm& each) {
+        const bool isEmpty = !each.isCapture && each._stopThreshold < each._boundary &&
+                             each._available() >= each._buffer; // nothing to play
+        const int own = each.state() != SNDRV_PCM_STATE_PREPARED ? -EBADFD : isEmpty ? -EPIPE : 0;
+        error = error ? error : own;
+    });
+    if (error)
+        return error;
+    _kernel.forLinked(*this, [now = fakedNow()](FakedPcm& each) {
+        each._startFrame = static_cast<int64_t>(std::floor(each.card.frameAt(now)));
+        each._done = 0;
+        each.setState(SNDRV_PCM_STATE_RUNNING);
+    });
     _kernel.clockNeeded();
     return 0;
 }
