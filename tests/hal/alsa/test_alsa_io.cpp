@@ -93,6 +93,8 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
             eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
         EXPECT_TRUE(row.report != Report::Overload || eventually([&] { return overloads.count() > 0; }));
         ramp.stop();
+        EXPECT_TRUE(row.report != Report::None || overloads.count() == 0);
+        EXPECT_TRUE(row.fault != FakedFault::InterruptWaits || ramp.lostFrames == 0) << ramp.lostFrames;
         EXPECT_EQ(ramp.backwards, 0U);
         FakedCards::unplug(number);
     }
