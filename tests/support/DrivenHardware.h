@@ -5,11 +5,12 @@
 #include "SimulatedDeviceDescription.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
-/// Devices whose cycles the test makes itself, with lists and times of its own choice.
+/// Devices whose cycles the test makes itself, with lists and times of its own choice, and whose replies it chooses.
 class DrivenHardware final : public HALHardwareDriver {
 public:
     static CXRef<DrivenHardware> init() { return CXRef<DrivenHardware>::adopt(new DrivenHardware); }
@@ -19,39 +20,45 @@ public:
     AudioDeviceIOBlock callback;
     std::atomic<uint32_t> starts{0};                           ///< tried so far
     std::atomic<HALStatus> startStatus{kAudioHardwareNoError}; ///< of the next ones
+    /// What a device returns when it is asked to start, or to take another rate.
+    std::function<HALStatus(HALDeadline)> whenAsked = [this](HALDeadline) { return startStatus.load(); };
+    HALDriverSink* sink = nullptr;
 
-    void plug(const SimulatedDeviceBuilder& builder)
+    AudioObjectID plug(const SimulatedDeviceBuilder& builder)
     {
         const HALDeviceState state = builder.description().state;
-        const auto device = CXRef<Device>::adopt(new Device(*this, state));
+        const auto device = CXRef<Device>::adopt(new Device(*this));
         _devices[state.uid] = device;
-        _sink->deviceAdded(device, state);
+        return sink->deviceAdded(device, state);
     }
     void unplug(const std::string& uid)
     {
         if (auto device = _devices.extract(uid)) {
             device.mapped()->stopIO();
-            _sink->deviceRemoved(*device.mapped());
+            sink->deviceRemoved(*device.mapped());
         }
     }
-    void settle() { _sink->settle(); }
+    CXRef<HALDeviceDriver> device(const std::string& uid) const { return _devices.at(uid); }
+    void settle() { sink->settle(); }
 
-    void start(HALDriverSink& sink) override { _sink = &sink; }
+    void start(HALDriverSink& newSink) override { sink = &newSink; }
     void stop() override {}
 
 private:
     class Device final : public HALDeviceDriver {
     public:
-        Device(DrivenHardware& hardware, HALDeviceState state) : _hardware(hardware), _state(std::move(state))
-        {}
+        explicit Device(DrivenHardware& hardware) : _hardware(hardware) {}
 
-        HALStatus startIO(const CXRef<HALIOProcTable>& table, HALDeadline /*deadline*/) override
+        HALStatus setNominalSampleRate(double, HALDeadline deadline) override
+        {
+            return _hardware.whenAsked(deadline);
+        }
+        HALStatus startIO(const CXRef<HALIOProcTable>& table, HALDeadline deadline) override
         {
             ++_hardware.starts;
-            if (_hardware.startStatus)
-                return _hardware.startStatus;
+            if (const HALStatus status = _hardware.whenAsked(deadline))
+                return status;
             const auto run = _run = CXRef<Run>::adopt(new Run);
-            run->prepare(*table, _channels(HALDirection::Input), _channels(HALDirection::Output));
             _hardware.callback = [this, table, run](const AudioTimeStamp* now, const AudioBufferList* input,
                                                     const AudioTimeStamp* inputTime, AudioBufferList* output,
                                                     const AudioTimeStamp* outputTime) {
@@ -94,13 +101,6 @@ private:
             }
         };
 
-        std::vector<uint32_t> _channels(HALDirection direction) const
-        {
-            std::vector<uint32_t> channels;
-            for (const HALStreamState& stream : _state[direction].streams)
-                channels.push_back(stream.channelCount);
-            return channels;
-        }
         static std::vector<uint32_t> _channelsOf(const std::vector<HALStreamBlock>& blocks)
         {
             std::vector<uint32_t> channels;
@@ -121,13 +121,11 @@ private:
         }
 
         DrivenHardware& _hardware;
-        const HALDeviceState _state;
         CXRef<Run> _run;
     };
 
     DrivenHardware() = default;
     ~DrivenHardware() override = default;
 
-    HALDriverSink* _sink = nullptr;
-    std::map<std::string, CXRef<Device>> _devices;
+    std::map<std::string, CXRef<Device>> _devices; // by UID
 };

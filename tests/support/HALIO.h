@@ -67,7 +67,9 @@ inline const AudioBuffer& bufferOf(const AudioBufferList* list, uint32_t stream)
 struct IOCycle {
     const AudioTimeStamp& now;
     const AudioBufferList* input;
+    const AudioTimeStamp* inputTime; // null without an input
     AudioBufferList* output;
+    const AudioTimeStamp* outputTime;
 
     static std::span<float> samplesOf(const AudioBufferList* list, uint32_t stream)
     {
@@ -87,11 +89,11 @@ struct IOCycle {
 /// The IO callback that passes each of its calls to `body`.
 template <class Body> AudioDeviceIOBlock eachCycle(Body body)
 {
-    return
-        [body = std::move(body)](const AudioTimeStamp* now, const AudioBufferList* in, const AudioTimeStamp*,
-                                 AudioBufferList* out, const AudioTimeStamp*) mutable {
-            body(IOCycle{*now, in, out});
-        };
+    return [body = std::move(body)](const AudioTimeStamp* now, const AudioBufferList* in,
+                                    const AudioTimeStamp* inTime, AudioBufferList* out,
+                                    const AudioTimeStamp* outTime) mutable {
+        body(IOCycle{*now, in, inTime, out, outTime});
+    };
 }
 
 /// What a callback has seen, kept without locks.

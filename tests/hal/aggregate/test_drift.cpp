@@ -1,14 +1,300 @@
-#include "ClockTracker.h"
-#include "DriftSimulation.h"
+// What an aggregate does about clocks that drift: the controller, ring and resampler that join real devices, driven by the
+// cycles of two clocks that are known exactly. A day takes seconds, and every run gives the same.
+#include "ClockBridge.h"
+#include "SineFit.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <numbers>
+#include <random>
 
 namespace {
+
+constexpr double settledAfter = 15.0; // seconds
+constexpr double faultAt = 40.0;
+
+struct Clock {
+    double rate = 48000.0; // nominal, Hz
+    uint32_t frameCount = 512;
+    double partsPerMillion = 0.0;       // faster than nominal
+    double wanderPartsPerMillion = 0.0; // on top, as temperature does: a sine of twenty minutes
+};
+
+struct Fault {
+    enum class Kind {
+        ThreadStalls, // its cycles wait, and then come in one burst
+        ClockPauses,  // its time stands still, and goes on where it was
+        LosesCycles,  // its time passes, without cycles
+        RateChanges   // by `partsPerMillion`
+    };
+    Kind kind = Kind::RateChanges;
+    bool isWriter = true;
+    double seconds = 0.0; // how long
+    double partsPerMillion = 0.0;
+};
+
+/// Frames go from the writer's cycles to the reader's. Every cycle's thread wakes late, and its time stamp is late by
+/// as much: by some 57 microseconds in the middle with 64 frames and 114 with 512 or more, which was seen on a real
+/// server, by 0.6 to 3 times that as a rule, and once in 2000 cycles by up to 0.4 milliseconds more.
+struct Scenario {
+    Clock writer = {}, reader = {};
+    double seconds = 120.0;
+    double lateness = 1.0; // that many times what was seen
+    bool compensates = true;
+    Fault fault = {};
+};
+
+std::ostream& operator<<(std::ostream& to, const Scenario& scenario)
+{
+    return to << scenario.writer.frameCount << " to " << scenario.reader.frameCount << " frames, "
+              << scenario.writer.partsPerMillion << " ppm, wander " << scenario.writer.wanderPartsPerMillion
+              << ", lateness " << scenario.lateness;
+}
+
+/// A cycle, when it is run: what its thread knows, and what is true.
+struct Cycle {
+    uint64_t hostNanoseconds;
+    uint64_t sampleTime;
+    double seconds; // when its device's clock was there
+};
+
+class Device {
+public:
+    Device(const Clock& clock, double begin, double lateness)
+        : _clock(clock), _next(begin), _median(medianLateness(clock.frameCount) * lateness)
+    {}
+
+    double wakes() const { return std::max(_next + _late, _stalledUntil); }
+    double ratioAt(double seconds) const
+    {
+        const double wander =
+            _clock.wanderPartsPerMillion * std::sin(2.0 * std::numbers::pi * seconds / 1200.0);
+        return 1.0 + (_clock.partsPerMillion + wander) * 1e-6;
+    }
+    /// Where the clock stands, in frames, shortly before the next cycle.
+    double frameAt(double seconds) const
+    {
+        return static_cast<double>(_sampleTime) + _clock.frameCount -
+               (_next - seconds) * _clock.rate * ratioAt(seconds);
+    }
+
+    Cycle run(std::mt19937_64& random)
+    {
+        constexpr double origin = 10.0; // of the host clock, so that no stamp is near zero
+        const Cycle cycle{static_cast<uint64_t>((origin + wakes()) * 1e9), _sampleTime, _next};
+        _advance(1);
+        std::exponential_distribution<double> tail(std::numbers::ln2);
+        std::uniform_real_distribution<double> even(0.0, 1.0);
+        _late = _median * (0.6 + 0.4 * tail(random));
+        if (even(random) < 1.0 / 2000.0)
+            _late += even(random) * 0.4e-3 * (_median > 0.0 ? 1.0 : 0.0);
+        _stalledUntil += 50e-6; // between the cycles of a burst
+        return cycle;
+    }
+
+    void meet(const Fault& fault)
+    {
+        switch (fault.kind) {
+        case Fault::Kind::ThreadStalls:
+            _stalledUntil = faultAt + fault.seconds;
+            break;
+        case Fault::Kind::ClockPauses:
+            _next += fault.seconds;
+            break;
+        case Fault::Kind::LosesCycles:
+            _advance(static_cast<uint32_t>(fault.seconds * _clock.rate / _clock.frameCount));
+            break;
+        case Fault::Kind::RateChanges:
+            _clock.partsPerMillion += fault.partsPerMillion;
+            break;
+        }
+    }
+
+private:
+    static double medianLateness(uint32_t frameCount)
+    {
+        const double along = std::clamp((frameCount - 64.0) / (512.0 - 64.0), 0.0, 1.0);
+        return (57.0 + (114.0 - 57.0) * along) * 1e-6;
+    }
+    void _advance(uint32_t cycles)
+    {
+        for (; cycles > 0; --cycles) {
+            _sampleTime += _clock.frameCount;
+            _next += _clock.frameCount / (_clock.rate * ratioAt(_next));
+        }
+    }
+
+    Clock _clock;
+    double _next;
+    double _median;
+    double _late = 0.0;
+    double _stalledUntil = 0.0;
+    uint64_t _sampleTime = 0;
+};
+
+/// Runs the cycles of both devices in the order in which their threads wake.
+struct Simulation {
+    using Work = std::function<void(const Cycle&)>;
+
+    explicit Simulation(const Scenario& ofScenario)
+        : scenario(ofScenario), writer(scenario.writer, 0.0007, scenario.lateness),
+          reader(scenario.reader, 0.0013, scenario.lateness)
+    {}
+    void run(const Work& write, const Work& read)
+    {
+        std::mt19937_64 random(1);
+        bool isFaultDue = true;
+        for (double now = 0.0; now < scenario.seconds;) {
+            now = std::min(writer.wakes(), reader.wakes());
+            if (now >= faultAt && std::exchange(isFaultDue, false))
+                (scenario.fault.isWriter ? writer : reader).meet(scenario.fault);
+            if (writer.wakes() <= reader.wakes())
+                write(writer.run(random));
+            else
+                read(reader.run(random));
+        }
+    }
+    /// Of the writer's rate to the reader's.
+    double ratioAt(double seconds) const { return writer.ratioAt(seconds) / reader.ratioAt(seconds); }
+
+    const Scenario scenario;
+    Device writer, reader;
+};
+
+/// What the controller did: many moments, evenly spread, and its counts.
+struct Outcome {
+    struct Point {
+        double seconds;
+        double rateError;   // of the reading rate, parts per million
+        double delayFrames; // from the writer's clock to the reading position, exactly
+    };
+    std::vector<Point> points;
+    uint64_t lostFrames = 0;
+    uint32_t resynchronisations = 0;
+
+    template <class Value> double mean(double from, double to, Value value) const
+    {
+        double sum = 0.0;
+        size_t count = 0;
+        for (const Point& point : points)
+            if (point.seconds >= from && point.seconds < to) {
+                sum += value(point);
+                ++count;
+            }
+        return sum / static_cast<double>(count);
+    }
+    double delay(double from, double to) const
+    {
+        return mean(from, to, [](const Point& point) { return point.delayFrames; });
+    }
+    double rateErrorRMS() const
+    {
+        return std::sqrt(mean(settledAfter, HUGE_VAL,
+                              [](const Point& point) { return point.rateError * point.rateError; }));
+    }
+    /// From when on it was within half a frame of a delay for ten seconds.
+    double settledSeconds(double delayFrames) const
+    {
+        double settled = 0.0;
+        for (const Point& point : points) {
+            if (point.seconds - settled > 10.0)
+                break;
+            if (std::abs(point.delayFrames - delayFrames) > 0.5)
+                settled = point.seconds;
+        }
+        return settled;
+    }
+    /// The farthest from a delay.
+    double wander(double delayFrames) const
+    {
+        double farthest = 0.0;
+        for (const Point& point : points)
+            if (point.seconds >= settledAfter)
+                farthest = std::max(farthest, std::abs(point.delayFrames - delayFrames));
+        return farthest;
+    }
+};
+
+Outcome simulateDrift(const Scenario& scenario)
+{
+    Simulation simulation(scenario);
+    DriftController controller({scenario.writer.rate, scenario.reader.rate, scenario.compensates});
+    const double nominal = scenario.writer.rate / scenario.reader.rate;
+    const double spacing = std::max(0.01, scenario.seconds / 2e6);
+    uint64_t end = 0, first = 0;
+    double nextPoint = 0.0;
+    Outcome outcome;
+    simulation.run(
+        [&](const Cycle& cycle) {
+            end = cycle.sampleTime + scenario.writer.frameCount;
+            controller.wrote({cycle.hostNanoseconds, end, end, scenario.writer.frameCount});
+        },
+        [&](const Cycle& cycle) {
+            const ReadPlan plan = controller.plan(cycle.hostNanoseconds, cycle.sampleTime,
+                                                  scenario.reader.frameCount, first, end);
+            first = plan.releasedFrame;
+            if (!controller.isRunning() || cycle.seconds < nextPoint)
+                return;
+            nextPoint = cycle.seconds + spacing;
+            const double position = static_cast<double>(plan.walk.frame) + plan.walk.fraction -
+                                    plan.silentFrames * plan.walk.step;
+            outcome.points.push_back({cycle.seconds,
+                                      (plan.walk.step / nominal - simulation.ratioAt(cycle.seconds)) * 1e6,
+                                      simulation.writer.frameAt(cycle.seconds) - position});
+        });
+    outcome.lostFrames = controller.lostFrames();
+    outcome.resynchronisations = controller.resynchronisations();
+    return outcome;
+}
+
+/// dB of a tone, of any level, phase and frequency, to the rest: noise, and the sidebands of a ratio that wobbles.
+struct ToneQuality {
+    double mean = 0.0;
+    double worstBlock = HUGE_VAL; // of a tenth of a second
+};
+
+/// Sends a sine through the whole path, and fits it to each tenth of a second since it settled.
+ToneQuality simulateTone(const Scenario& scenario, double hertz)
+{
+    Simulation simulation(scenario);
+    const CXRef<ClockBridge> bridge =
+        ClockBridge::initWithSettings({scenario.writer.rate, scenario.reader.rate, scenario.writer.frameCount,
+                                       scenario.reader.frameCount, 1, scenario.compensates});
+    std::vector<float> input(scenario.writer.frameCount), block(scenario.reader.frameCount), output;
+    const double written = 2.0 * std::numbers::pi * hertz / scenario.writer.rate;
+    double signal = 0.0, noise = 0.0;
+    ToneQuality quality;
+    simulation.run(
+        [&](const Cycle& cycle) {
+            for (size_t i = 0; i < input.size(); ++i)
+                input[i] =
+                    static_cast<float>(0.5 * std::sin(written * static_cast<double>(cycle.sampleTime + i)));
+            const HALStreamBlock stream{input.data(), 1};
+            bridge->write(cycle.hostNanoseconds, cycle.sampleTime, std::span(&stream, 1),
+                          scenario.writer.frameCount);
+        },
+        [&](const Cycle& cycle) {
+            const HALStreamBlock stream{block.data(), 1};
+            bridge->read(cycle.hostNanoseconds, cycle.sampleTime, std::span(&stream, 1),
+                         scenario.reader.frameCount);
+            if (cycle.seconds >= settledAfter)
+                output.insert(output.end(), block.begin(), block.end());
+            if (static_cast<double>(output.size()) < scenario.reader.rate / 10.0)
+                return;
+            const SineFit fit =
+                SineFit::nearTo(output, hertz * simulation.ratioAt(cycle.seconds), scenario.reader.rate);
+            signal += fit.amplitude * fit.amplitude;
+            noise += fit.amplitude * fit.amplitude * std::pow(10.0, -fit.signalToNoise / 10.0);
+            quality.worstBlock = std::min(quality.worstBlock, fit.signalToNoise);
+            output.clear();
+        });
+    quality.mean = 10.0 * std::log10(signal / noise);
+    return quality;
+}
 
 /// Of the simulated time, in the long runs: DXR_SOAK_SECONDS.
 double secondsOr(double otherwise)
@@ -18,15 +304,14 @@ double secondsOr(double otherwise)
 }
 
 /// The clocks and cycle lengths that the promises are held for.
-std::vector<DriftScenario> driftScenarios(double seconds)
+std::vector<Scenario> driftScenarios(double seconds)
 {
     constexpr uint32_t frames[][2] = {{64, 64}, {256, 256}, {1024, 1024}, {64, 1024}, {1024, 256}};
-    std::vector<DriftScenario> scenarios;
+    std::vector<Scenario> scenarios{
+        {.writer = {.rate = 44100.0, .partsPerMillion = 80.0}, .seconds = seconds}};
     for (const auto& [writer, reader] : frames) {
-        DriftScenario scenario;
-        scenario.seconds = seconds;
-        scenario.writer.frameCount = writer;
-        scenario.reader.frameCount = reader;
+        Scenario scenario{
+            .writer = {.frameCount = writer}, .reader = {.frameCount = reader}, .seconds = seconds};
         for (const double partsPerMillion : {0.0, 1.0, -1.0, 50.0, -50.0, 200.0, -200.0, 500.0, -500.0}) {
             scenario.writer.partsPerMillion = partsPerMillion;
             scenarios.push_back(scenario);
@@ -39,108 +324,73 @@ std::vector<DriftScenario> driftScenarios(double seconds)
     return scenarios;
 }
 
-std::string textOf(const DriftScenario& scenario)
-{
-    char text[100];
-    std::snprintf(text, sizeof text, "%u to %u frames, %+.0f ppm, wander %.0f, lateness %.0f",
-                  scenario.writer.frameCount, scenario.reader.frameCount, scenario.writer.partsPerMillion,
-                  scenario.writer.wanderPartsPerMillion, scenario.lateness);
-    return text;
-}
-
 TEST(Drift, keepsTheDelayWhateverTheClocksDo)
 {
-    for (const DriftScenario& scenario : driftScenarios(secondsOr(90.0))) {
-        SCOPED_TRACE(textOf(scenario));
-        const DriftOutcome outcome = simulateDrift(scenario);
-        EXPECT_LE(outcome.settledSeconds, 15.0);
-        EXPECT_LE(outcome.ratioErrorRMS, 1.0);
-        EXPECT_LT(outcome.wanderFrames, 1.0);
-        EXPECT_LE(outcome.delayFrames,
-                  3.0 * std::max(scenario.writer.frameCount, scenario.reader.frameCount) + 1.0);
-        EXPECT_EQ(outcome.lostFrames, 0U);
-        EXPECT_EQ(outcome.resynchronisations, 0U);
+    for (const Scenario& scenario : driftScenarios(secondsOr(90.0))) {
+        SCOPED_TRACE(testing::Message() << scenario);
+        const Outcome outcome = simulateDrift(scenario);
+        const double delay = outcome.delay(scenario.seconds / 2.0, scenario.seconds);
+        EXPECT_LE(delay, 3.0 * std::max(scenario.writer.frameCount, scenario.reader.frameCount) + 1.0);
+        EXPECT_LE(outcome.settledSeconds(delay), settledAfter);
+        EXPECT_LT(outcome.wander(delay), 1.0);
+        EXPECT_LE(outcome.rateErrorRMS(), 1.0);
+        EXPECT_EQ(outcome.lostFrames + outcome.resynchronisations, 0U);
     }
 }
 
 TEST(Drift, leavesTonesClean)
 {
-    const struct {
-        uint32_t writer, reader;
-        double partsPerMillion, wander, lateness;
-    } rows[] = {
-        {64, 64, 200.0, 0.0, 1.0},  {256, 256, -500.0, 0.0, 1.0}, {1024, 1024, 50.0, 0.0, 1.0},
-        {64, 1024, 0.0, 10.0, 1.0}, {512, 512, 200.0, 0.0, 0.0},
+    std::vector<Scenario> scenarios{
+        {.writer = {48000.0, 64, 200.0}, .reader = {48000.0, 64}},
+        {.writer = {48000.0, 256, -500.0}, .reader = {48000.0, 256}},
+        {.writer = {48000.0, 1024, 50.0}, .reader = {48000.0, 1024}},
+        {.writer = {48000.0, 64, 0.0, 10.0}, .reader = {48000.0, 1024}},
+        {.writer = {48000.0, 512, 200.0}, .reader = {48000.0, 512}, .lateness = 0.0},
+        {.writer = {44100.0, 512, 80.0}, .reader = {48000.0, 512}},
     };
-    std::vector<DriftScenario> scenarios;
-    if (const double seconds = secondsOr(0.0); seconds > 0.0)
-        scenarios = driftScenarios(120.0);
-    for (const auto& row : rows) {
-        DriftScenario& scenario = scenarios.emplace_back();
-        scenario.writer.frameCount = row.writer;
-        scenario.reader.frameCount = row.reader;
-        scenario.writer.partsPerMillion = row.partsPerMillion;
-        scenario.writer.wanderPartsPerMillion = row.wander;
-        scenario.lateness = row.lateness;
-        scenario.seconds = 40.0;
+    if (secondsOr(0.0) > 0.0)
+        std::ranges::copy(driftScenarios(120.0), std::back_inserter(scenarios));
+    for (Scenario& scenario : scenarios) {
+        SCOPED_TRACE(testing::Message() << scenario);
+        scenario.seconds = secondsOr(0.0) > 0.0 ? 120.0 : 40.0;
+        const ToneQuality tone = simulateTone(scenario, 10000.0); // a higher one shows more of a wobble
+        EXPECT_GE(tone.mean, 100.0);
+        EXPECT_GE(tone.worstBlock, scenario.lateness == 0.0 ? 120.0 : 85.0);
     }
-    for (DriftScenario& scenario : scenarios) {
-        SCOPED_TRACE(textOf(scenario));
-        scenario.seconds = std::min(scenario.seconds, 120.0);
-        for (const double hertz : {1000.0, 10000.0}) {
-            const DriftTone tone = simulateDriftOfTone(scenario, hertz, 15.0);
-            EXPECT_GE(tone.signalToNoise, 100.0) << hertz;
-            EXPECT_GE(tone.worstBlock, scenario.lateness == 0.0 ? 120.0 : 85.0)
-                << hertz; // of a tenth of a second
-        }
-    }
-}
-
-double meanDelay(const DriftOutcome& outcome, double from, double to)
-{
-    double sum = 0.0;
-    int count = 0;
-    for (const DriftPoint& point : outcome.points)
-        if (point.seconds >= from && point.seconds < to) {
-            sum += point.delayFrames;
-            ++count;
-        }
-    return sum / count;
 }
 
 /// A fault costs the sound that was missing and little more, and leaves the delay as it was.
 TEST(Drift, comesBackToTheSameDelayAfterAFault)
 {
-    using Kind = DriftFault::Kind;
+    using Kind = Fault::Kind;
     struct {
         const char* why;
-        DriftFault fault;
-        double maxLostSeconds;
-        uint32_t maxResynchronisations;
+        Fault fault;
+        double maxLostSeconds = 0.0;
+        uint32_t maxResynchronisations = 0;
+        double partsPerMillion = 100.0;
     } const rows[] = {
-        {"a burst after a stall is not a faster clock", {Kind::ThreadStalls, true, 40.0, 1.0}, 1.05, 0},
-        {"nor on the side that reads", {Kind::ThreadStalls, false, 40.0, 1.0}, 0.0, 0},
-        {"a clock that stood still is another clock", {Kind::ClockPauses, true, 40.0, 1.0}, 1.2, 1},
-        {"on either side", {Kind::ClockPauses, false, 40.0, 1.0}, 0.0, 1},
-        {"lost cycles stay where they were", {Kind::LosesCycles, true, 40.0, 0.3}, 0.31, 0},
-        {"and so do those of the reader", {Kind::LosesCycles, false, 40.0, 0.3}, 0.0, 0},
-        {"a rate that changes is followed", {Kind::RateChanges, true, 40.0, 0.0, 100.0}, 0.0, 0},
-        {"also down", {Kind::RateChanges, false, 40.0, 0.0, 100.0}, 0.0, 0},
-        {"and so is a rate far from nominal", {Kind::RateChanges, true, 0.0, 0.0, -81250.0}, 0.5, 30},
+        {"a burst after a stall is not a faster clock", {Kind::ThreadStalls, true, 1.0}, 1.05},
+        {"nor on the side that reads", {Kind::ThreadStalls, false, 1.0}},
+        {"a clock that stood still is another clock", {Kind::ClockPauses, true, 1.0}, 1.2, 1},
+        {"on either side", {Kind::ClockPauses, false, 1.0}, 0.0, 1},
+        {"lost cycles stay where they were", {Kind::LosesCycles, true, 0.3}, 0.31},
+        {"and so do those of the reader", {Kind::LosesCycles, false, 0.3}},
+        {"a rate that changes is followed", {Kind::RateChanges, true, 0.0, 100.0}},
+        {"also down", {Kind::RateChanges, false, 0.0, 100.0}},
+        {"and so is a rate far from nominal", {}, 0.5, 30, -81150.0},
     };
     for (const auto& row : rows)
         for (const uint32_t frames : {64U, 512U}) {
-            DriftScenario scenario;
-            scenario.writer.frameCount = scenario.reader.frameCount = frames;
-            scenario.writer.partsPerMillion = 100.0;
-            scenario.seconds = 110.0;
-            scenario.faults = {row.fault};
-            const DriftOutcome outcome = simulateDrift(scenario);
-            EXPECT_NEAR(meanDelay(outcome, 30.0, 40.0), meanDelay(outcome, 100.0, 110.0), 2.0)
-                << row.why << ", " << frames;
-            EXPECT_LE(static_cast<double>(outcome.lostFrames) / 48000.0, row.maxLostSeconds)
-                << row.why << ", " << frames;
-            EXPECT_LE(outcome.resynchronisations, row.maxResynchronisations) << row.why << ", " << frames;
+            SCOPED_TRACE(testing::Message() << row.why << ", " << frames);
+            const Outcome outcome =
+                simulateDrift({.writer = {.frameCount = frames, .partsPerMillion = row.partsPerMillion},
+                               .reader = {.frameCount = frames},
+                               .seconds = 110.0,
+                               .fault = row.fault});
+            EXPECT_NEAR(outcome.delay(30.0, faultAt), outcome.delay(100.0, 110.0), 2.0);
+            EXPECT_LE(static_cast<double>(outcome.lostFrames) / 48000.0, row.maxLostSeconds);
+            EXPECT_LE(outcome.resynchronisations, row.maxResynchronisations);
         }
 }
 
@@ -167,22 +417,12 @@ TEST(Drift, keepsTheRateThroughRepeatedJumps)
     }
 }
 
-TEST(Drift, convertsBetweenRatesAndLeavesOneClockAlone)
+TEST(Drift, leavesOneClockAlone)
 {
-    DriftScenario scenario;
-    scenario.seconds = 60.0;
-    scenario.writer.rate = 44100.0;
-    scenario.writer.partsPerMillion = 80.0;
-    DriftOutcome outcome = simulateDrift(scenario);
-    EXPECT_LT(outcome.wanderFrames, 1.0);
-    EXPECT_EQ(outcome.lostFrames + outcome.resynchronisations, 0U);
-    EXPECT_GE(simulateDriftOfTone(scenario, 1000.0, 15.0).signalToNoise, 100.0);
-
-    scenario.writer = scenario.reader;
-    scenario.compensates = false;
-    outcome = simulateDrift(scenario);
-    EXPECT_EQ(outcome.ratioErrorRMS, 0.0);
-    EXPECT_LT(outcome.wanderFrames, 0.01);
+    Scenario scenario{.seconds = 60.0, .compensates = false};
+    Outcome outcome = simulateDrift(scenario);
+    EXPECT_EQ(outcome.rateErrorRMS(), 0.0);
+    EXPECT_LT(outcome.wander(outcome.delay(30.0, 60.0)), 0.01);
     EXPECT_EQ(outcome.lostFrames + outcome.resynchronisations, 0U);
 
     scenario.writer.partsPerMillion = 300.0; // left alone though it should not be

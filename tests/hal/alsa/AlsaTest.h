@@ -2,17 +2,11 @@
 
 #include "AlsaDriver.h"
 #include "FakedCards.h"
-#include "HALModel.h"
-#include "HALReads.h"
+#include "HALIO.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -49,22 +43,10 @@ protected:
         return "alsa:" + longName + ":" + std::to_string(pcm);
     }
 
-    /// Waits, for so long that only a fault can take longer, until `condition` holds.
-    static bool eventually(const std::function<bool()>& condition)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return true;
-    }
     AudioObjectID device(const std::string& uid)
     {
-        AudioObjectID found = kAudioObjectUnknown;
-        EXPECT_TRUE(eventually([&] { return (found = deviceWithUID(*hal, uid)) != kAudioObjectUnknown; }))
-            << uid;
+        const AudioObjectID found = waitForDevice(*hal, uid);
+        EXPECT_NE(found, kAudioObjectUnknown) << uid;
         return found;
     }
     template <class Value>
@@ -79,20 +61,13 @@ protected:
     const CXRef<HALModel> hal = HALModel::initWithDriver(driver);
 };
 
-/// A running device that plays a ramp, and checks that its input is a ramp: frame k is k * 2^-20, modulo 1.
-class Ramp {
+/// A device that plays a ramp and checks that its input is one: frame k is k * step, modulo 1.
+class Ramp : public CycleWitness {
 public:
     Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID)
     {
-        EXPECT_EQ(
-            _hal.createIOProc(
-                _deviceID,
-                [this](const AudioTimeStamp* now, const AudioBufferList* in, const AudioTimeStamp* inTime,
-                       AudioBufferList* out, const AudioTimeStamp* outTime) {
-                    _cycle(*now, in, inTime ? *inTime : *now, out, outTime ? *outTime : *now);
-                },
-                _procID),
-            kAudioHardwareNoError);
+        const auto block = eachCycle([this](const IOCycle& cycle) { _run(cycle); });
+        EXPECT_EQ(_hal.createIOProc(_deviceID, block, _procID), kAudioHardwareNoError);
     }
     ~Ramp() { stop(); }
     Ramp(const Ramp&) = delete;
@@ -105,62 +80,41 @@ public:
             _hal.destroyIOProc(_deviceID, std::exchange(_procID, nullptr));
     }
 
-    std::atomic<uint64_t> cycles{0};
-    std::atomic<uint64_t> heard{0};     ///< frames that continued the ramp
-    std::atomic<uint64_t> jumps{0};     ///< frames that did not, silence left out
-    std::atomic<uint64_t> backwards{0}; ///< sample times before the last one's plus its frames
-    std::atomic<uint64_t> gaps{0};      ///< sample times after that
+    std::atomic<uint64_t> heard{0}; ///< frames that continued the ramp
+    std::atomic<uint64_t> jumps{0}; ///< frames that did not, silence left out
     /// Between a sample's output and its input time, less what was measured.
     std::atomic<double> latencyFrames{0.0};
-    std::atomic<double> rateScalar{0.0};
     std::atomic<float> step{1.0F / 1048576.0F};
 
 private:
-    void _cycle(const AudioTimeStamp& now, const AudioBufferList* in, const AudioTimeStamp& inTime,
-                AudioBufferList* out, const AudioTimeStamp& outTime) noexcept
+    void _run(const IOCycle& cycle) noexcept
     {
-        uint32_t frames = 0;
-        if (in) {
-            const AudioBuffer& buffer = in->buffers[0];
-            const auto* samples = static_cast<const float*>(buffer.data);
-            frames = buffer.dataByteSize / (buffer.numberChannels * 4);
-            for (uint32_t frame = 0; frame < frames; ++frame) {
-                const float sample = samples[frame * buffer.numberChannels];
-                if (sample == 0.0F || _last == 0.0F) {
-                } else if (sample == _last + step || sample < _last - 0.9F) {
-                    ++heard;
-                    // What was played at sample time t carries t.
-                    const double time =
-                        std::fmod(inTime.sampleTime + frame, 1.0 / static_cast<double>(step.load()));
-                    latencyFrames = time - std::round(static_cast<double>(sample / step));
-                } else {
-                    ++jumps;
-                }
-                _last = sample;
-            }
+        const double length = 1.0 / static_cast<double>(step.load());
+        const size_t inputs = cycle.input ? cycle.in().size() / cycle.frames() : 0;
+        for (size_t frame = 0; inputs > 0 && frame < cycle.frames(); ++frame)
+            _hear(cycle.in()[frame * inputs],
+                  std::fmod(cycle.inputTime->sampleTime + static_cast<double>(frame), length));
+        const size_t outputs = cycle.output ? cycle.out().size() / cycle.frames() : 0;
+        for (size_t i = 0; i < outputs * cycle.frames(); ++i) {
+            const double time = cycle.outputTime->sampleTime + static_cast<double>(i / outputs);
+            cycle.out()[i] = static_cast<float>(std::fmod(time, length)) * step;
         }
-        if (out) {
-            AudioBuffer& buffer = out->buffers[0];
-            auto* samples = static_cast<float*>(buffer.data);
-            frames = buffer.dataByteSize / (buffer.numberChannels * 4);
-            for (uint32_t i = 0; i < frames * buffer.numberChannels; ++i) {
-                const double time = outTime.sampleTime + i / buffer.numberChannels;
-                samples[i] =
-                    static_cast<float>(std::fmod(time, 1.0 / static_cast<double>(step.load()))) * step;
-            }
+        see(cycle);
+    }
+    /// What was played at a time carries that time.
+    void _hear(float sample, double time) noexcept
+    {
+        const bool continues = sample == _last + step || sample < _last - 0.9F;
+        if (sample != 0.0F && _last != 0.0F) {
+            ++(continues ? heard : jumps);
+            if (continues)
+                latencyFrames = time - std::round(static_cast<double>(sample / step));
         }
-        rateScalar = now.rateScalar;
-        if (now.sampleTime < _next)
-            ++backwards;
-        if (_next > 0.0 && now.sampleTime > _next)
-            ++gaps;
-        _next = now.sampleTime + frames;
-        ++cycles;
+        _last = sample;
     }
 
     HALModel& _hal;
     const AudioObjectID _deviceID;
     AudioDeviceIOProcID _procID = nullptr;
-    float _last = 0.0F;  // the IO thread's
-    double _next = -1.0; // the IO thread's
+    float _last = 0.0F; // the IO thread's
 };

@@ -4,14 +4,10 @@
 #include "SoundServerSearch.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
-
-constexpr uint32_t input = kAudioObjectPropertyScopeInput;
-constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
 
 // The faked card's controls.
 constexpr unsigned playbackVolume = 1, playbackSwitch = 2, captureVolume = 3, captureSource = 5,
@@ -122,7 +118,7 @@ TEST_F(AlsaTest, survivesACardThatSaysNonsense)
     EXPECT_FALSE(read<float>(id, kAudioDevicePropertyVolumeScalar, output));
     Ramp ramp(*hal, id);
     EXPECT_EQ(ramp.start(), kAudioHardwareNoError);
-    EXPECT_TRUE(eventually([&] { return ramp.cycles > 3; }));
+    EXPECT_TRUE(ramp.waitForMore(3));
     ramp.stop();
     FakedCards::unplug(number);
     EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
@@ -295,31 +291,22 @@ class Bus {
 public:
     Bus()
     {
-        int ends[2];
-        if (pipe(ends) != 0)
-            return;
-        const std::string print = "--print-address=" + std::to_string(ends[1]);
-        _process = fork();
-        if (_process == 0) {
-            execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", print.c_str(), nullptr);
-            _exit(1);
-        }
-        close(ends[1]);
+        FILE* const output = popen("dbus-daemon --session --fork --print-address=1 --print-pid=1", "r");
         char address[512]{};
-        const ssize_t size = ::read(ends[0], address, sizeof address - 1);
-        close(ends[0]);
-        if (size > 1)
-            setenv("DBUS_SESSION_BUS_ADDRESS", std::string(address, static_cast<size_t>(size - 1)).c_str(),
-                   1);
+        EXPECT_EQ(std::fscanf(output, "%511s %d", address, &_process), 2);
+        pclose(output);
+        setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
     }
     ~Bus()
     {
-        kill(_process, SIGKILL);
-        waitpid(_process, nullptr, 0);
+        if (_process > 0) // others would mean many processes
+            kill(_process, SIGKILL);
     }
+    Bus(const Bus&) = delete;
+    Bus& operator=(const Bus&) = delete;
 
 private:
-    pid_t _process = -1;
+    pid_t _process = 0;
 };
 
 /// A program that uses a card until it is asked to give it up.
@@ -343,7 +330,7 @@ TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
     std::thread asks([&] { result = theirs.acquire(); }); // of equal priority: refused
     while (result == 1) {
         ours.reservation.process();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        sleepForMilliseconds(1);
     }
     asks.join();
     EXPECT_EQ(result, -EBUSY);

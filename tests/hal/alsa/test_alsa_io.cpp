@@ -1,33 +1,8 @@
 #include "AlsaTest.h"
 
-#include "CXValue.h"
 #include "CapturedLog.h"
 
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-
 namespace {
-
-/// Counts announcements of lost cycles.
-class Overloads {
-public:
-    Overloads(HALModel& hal, AudioObjectID device) : _hal(hal), _device(device)
-    {
-        _listener.block = [this](uint32_t, const AudioObjectPropertyAddress*) { ++count; };
-        _hal.addListener(_device, at(kAudioDeviceProcessorOverload), _listener);
-    }
-    ~Overloads() { _hal.removeListener(_device, at(kAudioDeviceProcessorOverload), _listener); }
-    Overloads(const Overloads&) = delete;
-    Overloads& operator=(const Overloads&) = delete;
-
-    std::atomic<int> count{0};
-
-private:
-    HALModel& _hal;
-    const AudioObjectID _device;
-    HALListener _listener;
-};
 
 // What is played comes back in the input at its own sample time: times, latency and samples are exact on every card.
 TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
@@ -45,6 +20,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         {"read and write alone", [](Card& card) { card.mapsSamples = false; }},
         {"neither is mapped", [](Card& card) { card.mapsSamples = card.mapsStatus = false; }},
         {"16 bits", [](Card& card) { card.formats = {FakedFormat::S16}; }, 1.0F / 32768.0F},
+        {"24 bits", [](Card& card) { card.formats = {FakedFormat::S24}; }},
         {"24 bits in three bytes", [](Card& card) { card.formats = {FakedFormat::S24Packed}; }},
         {"float", [](Card& card) { card.formats = {FakedFormat::Float}; }},
         {"its position moves by a millisecond", [](Card& card) { card.granularity = 48; }},
@@ -67,7 +43,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         ramp.stop();
         EXPECT_EQ(ramp.jumps, 0U);
         EXPECT_EQ(ramp.backwards, 0U);
-        EXPECT_EQ(ramp.gaps, 0U);
+        EXPECT_EQ(ramp.lostFrames, 0U);
         FakedCards::unplug(number);
     }
 }
@@ -97,28 +73,28 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
         card.capture = row.capture;
         const int number = FakedCards::plug(card);
         const AudioObjectID id = device(uidOf(row.why));
-        const Overloads overloads(*hal, id);
+        const RecordingListener overloads(*hal, id, at(kAudioDeviceProcessorOverload));
         const bool isStuck = row.report == Report::Stall;
         Ramp ramp(*hal, id);
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
         for (int round = 0; round < row.rounds; ++round) {
-            EXPECT_TRUE(
-                eventually([before = ramp.cycles.load(), &ramp] { return ramp.cycles > before + 5; }));
+            EXPECT_TRUE(ramp.waitForMore(5));
             FakedCards::set(number, row.fault);
             EXPECT_TRUE(!isStuck || eventually([&] {
                 return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 0U;
             })) << "that it delivers nothing is not reported";
             FakedCards::set(number, row.fault, false);
             const uint64_t heard = ramp.heard;
-            const uint64_t before = ramp.cycles;
-            EXPECT_TRUE(eventually([&] { return ramp.cycles > before + 20; }));
+            EXPECT_TRUE(ramp.waitForMore(20));
             EXPECT_TRUE(!row.playback || !row.capture ||
                         eventually([&] { return ramp.heard > heard + 2000; }));
         }
         EXPECT_TRUE(
             eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
-        EXPECT_TRUE(row.report != Report::Overload || eventually([&] { return overloads.count > 0; }));
+        EXPECT_TRUE(row.report != Report::Overload || eventually([&] { return overloads.count() > 0; }));
         ramp.stop();
+        EXPECT_TRUE(row.report != Report::None || overloads.count() == 0);
+        EXPECT_TRUE(row.fault != FakedFault::InterruptWaits || ramp.lostFrames == 0) << ramp.lostFrames;
         EXPECT_EQ(ramp.backwards, 0U);
         FakedCards::unplug(number);
     }
@@ -138,7 +114,7 @@ TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
         EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
         ramp.stop();
         const uint64_t before = FakedCards::ioctlCount();
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        sleepForMilliseconds(50);
         EXPECT_EQ(FakedCards::ioctlCount(), before);
         EXPECT_FALSE(FakedCards::isOpen(number));
         EXPECT_TRUE(log.lines().empty());
@@ -181,25 +157,18 @@ TEST_F(AlsaTest, measuresAClockAndKeepsItThroughAnOverload)
     const int number = FakedCards::plug(card);
     device(uidOf("leader"));
     const AudioObjectID other = device(uidOf("other"));
-    const CXPlist description{
-        {"uid", "both"},
-        {"name", "Both"},
-        {"master", uidOf("leader")},
-        {"subdevices", {{{"uid", uidOf("leader")}}, {{"uid", uidOf("other")}, {"drift", 1}}}}};
-    AudioObjectID both = kAudioObjectUnknown;
-    ASSERT_EQ(hal->createAggregateDevice(*CXValue::initWithPlist(description), both), kAudioHardwareNoError);
+    const AudioObjectID both = makeAggregate(*hal, {uidOf("leader"), uidOf("other")});
     Ramp aggregate(*hal, both), alone(*hal, other);
     ASSERT_EQ(aggregate.start(), kAudioHardwareNoError);
     ASSERT_EQ(alone.start(), kAudioHardwareNoError);
     const auto isMeasured = [&] {
-        const auto status = readList<AudioAggregateSubDeviceStatus>(
-            *hal, both, at(kAudioAggregateDevicePropertySubDeviceStatus));
+        const auto status = subDeviceStatus(*hal, both);
         return std::abs(alone.rateScalar - 1.0 / 1.0002) < 10e-6 && status.size() == 2 &&
                std::abs(status[1].partsPerMillion - 200.0) < 2.0;
     };
     EXPECT_TRUE(eventually(isMeasured)) << alone.rateScalar;
     FakedCards::set(number, FakedFault::Overload);
-    EXPECT_TRUE(eventually([&, before = alone.cycles.load()] { return alone.cycles > before + 50; }));
+    EXPECT_TRUE(alone.waitForMore(50));
     EXPECT_TRUE(eventually(isMeasured)) << alone.rateScalar;
     aggregate.stop();
     hal->destroyAggregateDevice(both);

@@ -1,4 +1,5 @@
 #include "AudioHardware.h"
+#include "DrivenHardware.h"
 #include "HALIO.h"
 #include "SerialQueue.h"
 #include "simulated.h"
@@ -189,25 +190,14 @@ class UnservedQueue final : public dxr::WorkQueue {
 public:
     UnservedQueue() : WorkQueue("unserved") {}
     bool isCurrent() const noexcept override { return false; }
-    void async(Work work) override
-    {
-        const std::scoped_lock lock(_mutex);
-        _jobs.push_back(std::move(work));
-    }
-    size_t count() const
-    {
-        const std::scoped_lock lock(_mutex);
-        return _jobs.size();
-    }
+    void async(Work work) override { jobs.push_back(std::move(work)); }
     void serve()
     {
-        for (const Work& job : std::exchange(_jobs, {}))
+        for (const Work& job : std::exchange(jobs, {}))
             job();
     }
 
-private:
-    mutable std::mutex _mutex;
-    std::vector<Work> _jobs;
+    std::vector<Work> jobs; // the notification thread's, until it has settled
 };
 
 TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
@@ -221,7 +211,7 @@ TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
         writeValue(*model, device, mute, (i + 1) % 2);
         hal->settle();
     }
-    EXPECT_EQ(queue->count(), 1U);
+    EXPECT_EQ(queue->jobs.size(), 1U);
     queue->serve();
     EXPECT_EQ(listener.count(), 1U);
     writeValue(*model, device, mute, 1U);
@@ -260,57 +250,39 @@ TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
 
 // ---- Drivers
 
-/// Devices whose replies a test chooses.
-class ScriptedHardware final : public HALHardwareDriver {
-public:
-    class Device final : public HALDeviceDriver {
-    public:
-        std::function<HALStatus(HALDeadline)> whenAsked = [](HALDeadline) { return kAudioHardwareNoError; };
-
-        HALStatus setNominalSampleRate(double, HALDeadline deadline) override { return whenAsked(deadline); }
-        HALStatus startIO(const CXRef<HALIOProcTable>&, HALDeadline deadline) override
-        {
-            return whenAsked(deadline);
-        }
-        void stopIO() override {}
-    };
-
-    void start(HALDriverSink& newSink) override { sink = &newSink; }
-    void stop() override {}
-
-    CXRef<Device> plug(const std::string& uid)
-    {
-        auto device = CXRef<Device>::adopt(new Device);
-        sink->deviceAdded(device, stateOf(uid, 2));
-        return device;
-    }
-    static HALDeviceState stateOf(const std::string& uid, uint32_t streams)
-    {
-        HALDeviceState state;
-        state.uid = uid;
-        state.sampleRates = {{48000.0, 48000.0}, {96000.0, 96000.0}};
-        state[HALDirection::Output].streams.resize(streams);
-        return state;
-    }
-
-    HALDriverSink* sink = nullptr;
-};
-
 class HALModelDrivers : public testing::Test {
 protected:
-    const CXRef<ScriptedHardware> hardware = CXRef<ScriptedHardware>::adopt(new ScriptedHardware);
+    static SimulatedDeviceBuilder aDeviceOf(uint32_t streams)
+    {
+        SimulatedDeviceBuilder device = aDevice().uid("device");
+        for (; streams > 0; --streams)
+            device.outputs(2);
+        return device;
+    }
+    /// An aggregate of so many devices.
+    AudioObjectID aggregateOf(int count)
+    {
+        std::vector<std::string> uids;
+        for (int i = 0; i < count; ++i) {
+            uids.push_back(std::to_string(i));
+            hardware->plug(aDevice().uid(uids.back()).outputs(2));
+        }
+        return makeAggregate(*model, uids);
+    }
+
+    const CXRef<DrivenHardware> hardware = DrivenHardware::init();
     const CXRef<HALModel> model = HALModel::initWithDriver(hardware);
 };
 
 TEST_F(HALModelDrivers, aChangeThatComesAsTheDeviceGoesLeavesNoStreams)
 {
     for (int round = 0; round < 500; ++round) {
-        const auto device = hardware->plug("device");
-        const AudioObjectID deviceID = deviceWithUID(*model, "device");
+        const AudioObjectID deviceID = hardware->plug(aDeviceOf(2));
+        const CXRef<HALDeviceDriver> device = hardware->device("device");
         std::set<AudioObjectID> streams;
         std::thread changes([&] {
             for (uint32_t i = 0; i < 8; ++i)
-                hardware->sink->deviceChanged(*device, ScriptedHardware::stateOf("device", 1 + i % 4));
+                hardware->sink->deviceChanged(*device, aDeviceOf(1 + i % 4).description().state);
         });
         while (deviceID != kAudioObjectUnknown && streams.size() < 2)
             for (const AudioObjectID each :
@@ -329,32 +301,27 @@ TEST_F(HALModelDrivers, aChangeThatComesAsTheDeviceGoesLeavesNoStreams)
 
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
 {
-    std::vector<HALDeadline> deadlines;
-    std::vector<CXRef<ScriptedHardware::Device>> devices;
-    for (const char* uid : {"a", "b", "c", "d"}) {
-        devices.push_back(hardware->plug(uid));
-        devices.back()->whenAsked = [&](HALDeadline deadline) {
-            deadlines.push_back(deadline);
-            return kAudioHardwareUnspecifiedError;
-        };
-    }
-    const AudioObjectID aggregate = makeAggregate(*model, {"a", "b", "c", "d"});
+    std::multiset<HALDeadline> deadlines;
+    hardware->whenAsked = [&](HALDeadline deadline) {
+        deadlines.insert(deadline);
+        return kAudioHardwareUnspecifiedError;
+    };
+    const AudioObjectID aggregate = aggregateOf(4);
     EXPECT_EQ(writeValue(*model, aggregate, at(kAudioDevicePropertyNominalSampleRate), 96000.0),
               kAudioHardwareUnspecifiedError);
     EXPECT_EQ(deadlines.size(), 4U);
-    EXPECT_EQ(std::set(deadlines.begin(), deadlines.end()).size(), 1U);
+    EXPECT_EQ(deadlines.count(*deadlines.begin()), 4U);
     deadlines.clear();
     EXPECT_EQ(RunningProc(*model, aggregate, [](auto...) {}).status, kAudioHardwareUnspecifiedError);
     EXPECT_GE(deadlines.size(), 4U) << "each is tried";
-    EXPECT_EQ(std::set(deadlines.begin(), deadlines.end()).size(), 1U);
+    EXPECT_EQ(deadlines.count(*deadlines.begin()), deadlines.size());
 }
 
 TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
 {
-    const auto device = hardware->plug("a");
-    const AudioObjectID aggregate = makeAggregate(*model, {"a"});
+    const AudioObjectID aggregate = aggregateOf(1);
     std::promise<void> entered, mayLeave;
-    device->whenAsked = [&](HALDeadline) {
+    hardware->whenAsked = [&](HALDeadline) {
         entered.set_value();
         mayLeave.get_future().wait();
         return kAudioHardwareUnspecifiedError;
@@ -364,7 +331,7 @@ TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
     });
     entered.get_future().wait();
     EXPECT_EQ(subDeviceStatus(*model, aggregate).size(), 1U);
-    for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "a")})
+    for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "0")})
         EXPECT_EQ(readValue<double>(*model, each, at(kAudioDevicePropertyNominalSampleRate)), 48000.0);
     mayLeave.set_value();
     starter.join();
@@ -372,10 +339,9 @@ TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
 
 TEST_F(HALModelDrivers, aSecondDeviceOfOneUIDIsRefused)
 {
-    const auto first = hardware->plug("one");
-    const auto second = CXRef<ScriptedHardware::Device>::adopt(new ScriptedHardware::Device);
-    EXPECT_EQ(hardware->sink->deviceAdded(second, ScriptedHardware::stateOf("one", 1)), kAudioObjectUnknown);
-    hardware->sink->deviceRemoved(*second);
+    hardware->plug(aDeviceOf(1));
+    EXPECT_EQ(hardware->plug(aDeviceOf(2)), kAudioObjectUnknown);
+    hardware->unplug("device"); // the second
     EXPECT_EQ(readDevices(*model).size(), 1U);
 }
 

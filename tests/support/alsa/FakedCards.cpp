@@ -1,64 +1,122 @@
 #include "FakedCards.h"
 
 #include "FakedKernel.h"
+#include "FakedLibrary.h"
+
+#include <algorithm>
+#include <sys/stat.h>
+
+namespace {
+
+FakedKernel& kernel()
+{
+    return FakedKernel::shared();
+}
+
+/// Programs that watch the folder see a file change, or be closed after writing.
+void touchControl(int number)
+{
+    utimensat(AT_FDCWD, (kernel().folder + "/controlC" + std::to_string(number)).c_str(), nullptr, 0);
+}
+
+void usePcm(int number)
+{
+    const std::string file = kernel().folder + "/pcmC" + std::to_string(number) + "D0p";
+    FakedLibrary::close(FakedLibrary::open(file.c_str(), O_WRONLY | O_CLOEXEC, 0));
+}
+
+} // namespace
 
 int FakedCards::plug(const FakedCardOptions& options)
 {
-    return FakedKernel::shared().plug(options);
+    const FakedKernel::Guard guard(kernel()._lock);
+    auto& cards = kernel()._cards;
+    int number = 0;
+    while (cards.contains(number) && !cards[number]->isGone)
+        ++number;
+    std::unique_ptr<FakedCard>& place = cards[number];
+    if (place)
+        kernel()._gone.push_back(std::move(place));
+    place = std::make_unique<FakedCard>(number, options);
+    kernel()._makeFiles(*place, true);
+    return number;
 }
 
-void FakedCards::unplug(int card)
+void FakedCards::unplug(int number)
 {
-    FakedKernel::shared().unplug(card);
+    const FakedKernel::Guard guard(kernel()._lock);
+    FakedCard& card = *kernel()._cards.at(number);
+    if (std::exchange(card.isGone, true))
+        return;
+    for (const auto& [descriptor, pcm] : kernel()._pcms)
+        if (&pcm->card == &card)
+            pcm->setState(SNDRV_PCM_STATE_DISCONNECTED);
+    for (const auto& [descriptor, control] : kernel()._controls)
+        if (control.card == &card)
+            FakedLibrary::write(control.peer, "", 1);
+    kernel()._makeFiles(card, false);
 }
 
 void FakedCards::unplugAll()
 {
-    FakedKernel::shared().unplugAll();
+    for (size_t number = 0; number < kernel()._cards.size(); ++number)
+        unplug(static_cast<int>(number));
 }
 
-void FakedCards::rename(int card, const std::string& name)
+void FakedCards::rename(int number, const std::string& name)
 {
-    FakedKernel::shared().with(card, [&](FakedCard& each) { return each.options.name = name; });
-    FakedKernel::shared().touch(card);
+    {
+        const FakedKernel::Guard guard(kernel()._lock);
+        kernel()._cards.at(number)->options.name = name;
+    }
+    touchControl(number);
 }
 
-void FakedCards::set(int card, FakedFault fault, bool isThere)
+void FakedCards::set(int number, FakedFault fault, bool isThere)
 {
-    FakedKernel& kernel = FakedKernel::shared();
     const int stopped = fault == FakedFault::Overload  ? SNDRV_PCM_STATE_XRUN
                         : fault == FakedFault::Pause   ? SNDRV_PCM_STATE_PAUSED
                         : fault == FakedFault::Suspend ? SNDRV_PCM_STATE_SUSPENDED
                                                        : SNDRV_PCM_STATE_RUNNING;
-    kernel.with(card, [&](FakedCard& each) {
-        each.setFault(fault, isThere);
-        return 0;
-    });
-    if (isThere && stopped != SNDRV_PCM_STATE_RUNNING)
-        kernel.setState(card, stopped);
+    {
+        const FakedKernel::Guard guard(kernel()._lock);
+        FakedCard& card = *kernel()._cards.at(number);
+        kernel().update(card);
+        card.setFault(fault, isThere);
+        for (const auto& [descriptor, pcm] : kernel()._pcms)
+            if (isThere && stopped != SNDRV_PCM_STATE_RUNNING && &pcm->card == &card && pcm->runs())
+                pcm->setState(stopped);
+        kernel()._wakeClock();
+    }
     if (fault == FakedFault::Busy)
-        kernel.use(card);
+        usePcm(number);
     if (fault == FakedFault::NoRights)
-        kernel.touch(card);
+        touchControl(number);
 }
 
-void FakedCards::setControl(int card, unsigned number, long left, long right)
+void FakedCards::setControl(int number, unsigned control, long left, long right)
 {
-    FakedKernel::shared().setControl(card, number, left, right);
+    const FakedKernel::Guard guard(kernel()._lock);
+    FakedCard& card = *kernel()._cards.at(number);
+    card.controls.at(control - 1).value = {left, right};
+    kernel()._announce(card, control);
 }
 
-long FakedCards::control(int card, unsigned number, unsigned index)
+long FakedCards::control(int number, unsigned control, unsigned index)
 {
-    return FakedKernel::shared().with(
-        card, [&](FakedCard& each) { return each.controls.at(number - 1).value.at(index); });
+    const FakedKernel::Guard guard(kernel()._lock);
+    return kernel()._cards.at(number)->controls.at(control - 1).value.at(index);
 }
 
-bool FakedCards::isOpen(int card)
+bool FakedCards::isOpen(int number)
 {
-    return FakedKernel::shared().isOpen(card);
+    const FakedKernel::Guard guard(kernel()._lock);
+    return std::ranges::any_of(kernel()._pcms, [&](const auto& each) {
+        return &each.second->card == kernel()._cards.at(number).get();
+    });
 }
 
 uint64_t FakedCards::ioctlCount()
 {
-    return FakedKernel::shared().ioctlCount;
+    return kernel().ioctlCount;
 }

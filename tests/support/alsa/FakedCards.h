@@ -25,8 +25,7 @@ enum class FakedFault {
 /// Its controls are, in this order from number 1: Master Playback Volume (64 steps of 1 dB), Master Playback Switch,
 /// Capture Volume, Capture Switch, Capture Source (Mic, Line), Headphone Jack.
 struct FakedCardOptions {
-    std::string id = "Faked", driver = "Faked", name = "Faked Card", longName = "Faked Card at nowhere";
-    std::string components = {};
+    std::string name = "Faked Card", longName = "Faked Card at nowhere", components = {};
     unsigned pcmCount = 1;
     unsigned playback = 2, capture = 2; ///< channels of each PCM; 0: no such direction
     std::vector<unsigned> rates{44100, 48000, 96000};

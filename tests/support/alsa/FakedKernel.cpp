@@ -6,14 +6,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -74,57 +69,6 @@ void FakedKernel::_makeFiles(const FakedCard& card, bool isThere) const
     }
 }
 
-int FakedKernel::plug(const FakedCardOptions& options)
-{
-    const Guard guard(_lock);
-    int number = 0;
-    while (_cards.contains(number) && !_cards[number]->isGone)
-        ++number;
-    std::unique_ptr<FakedCard>& place = _cards[number];
-    if (place)
-        _gone.push_back(std::move(place));
-    place = std::make_unique<FakedCard>(number, options);
-    _makeFiles(*place, true);
-    return number;
-}
-
-void FakedKernel::unplug(int number)
-{
-    const Guard guard(_lock);
-    FakedCard& card = *_cards.at(number);
-    if (std::exchange(card.isGone, true))
-        return;
-    for (const auto& [descriptor, pcm] : _pcms)
-        if (&pcm->card == &card)
-            pcm->setState(SNDRV_PCM_STATE_DISCONNECTED);
-    for (const auto& [descriptor, control] : _controls)
-        if (control.card == &card)
-            FakedLibrary::write(control.peer, "", 1);
-    _makeFiles(card, false);
-}
-
-void FakedKernel::unplugAll()
-{
-    for (size_t number = 0; number < _cards.size(); ++number)
-        unplug(static_cast<int>(number));
-}
-
-void FakedKernel::setState(int number, int state)
-{
-    const Guard guard(_lock);
-    for (const auto& [descriptor, pcm] : _pcms)
-        if (&pcm->card == _cards.at(number).get() && pcm->runs())
-            pcm->setState(state);
-}
-
-void FakedKernel::setControl(int number, unsigned control, long left, long right)
-{
-    const Guard guard(_lock);
-    FakedCard& card = *_cards.at(number);
-    card.controls.at(control - 1).value = {left, right};
-    _announce(card, control);
-}
-
 void FakedKernel::_announce(FakedCard& card, unsigned control)
 {
     snd_ctl_event event{};
@@ -134,24 +78,6 @@ void FakedKernel::_announce(FakedCard& card, unsigned control)
     for (const auto& [descriptor, each] : _controls)
         if (each.card == &card && each.isSubscribed)
             FakedLibrary::write(each.peer, &event, sizeof event);
-}
-
-void FakedKernel::touch(int number)
-{
-    utimensat(AT_FDCWD, (folder + "/controlC" + std::to_string(number)).c_str(), nullptr, 0);
-}
-
-void FakedKernel::use(int number)
-{
-    const std::string file = folder + "/pcmC" + std::to_string(number) + "D0p";
-    FakedLibrary::close(FakedLibrary::open(file.c_str(), O_WRONLY | O_CLOEXEC, 0));
-}
-
-bool FakedKernel::isOpen(int number)
-{
-    const Guard guard(_lock);
-    return std::ranges::any_of(
-        _pcms, [&](const auto& each) { return &each.second->card == _cards.at(number).get(); });
 }
 
 // ---- Time
@@ -206,20 +132,13 @@ void FakedKernel::_runClock()
                 if (pcm->runs() && !pcm->card.stands())
                     next = std::min(next, std::max(pcm->nextInterrupt(), fakedNow() + 100'000));
         }
-        FakedLibrary::wait(_wakeUps, static_cast<long>(std::max<int64_t>(0, next - fakedNow())));
+        pollfd wakeUp{_wakeUps, POLLIN, 0};
+        timespec left = fakedTime(std::max<int64_t>(0, next - fakedNow()));
+        FakedLibrary::poll(&wakeUp, 1, &left);
     }
 }
 
 // ---- Links
-
-FakedPcmList FakedKernel::linked(const FakedPcm& pcm)
-{
-    FakedPcmList all;
-    for (const auto& [descriptor, each] : _pcms)
-        if ((each.get() == &pcm || (pcm.link && each->link == pcm.link)) && all.count < all.pcms.size())
-            all.pcms[all.count++] = each.get();
-    return all;
-}
 
 int FakedKernel::link(FakedPcm& pcm, int descriptor)
 {
@@ -258,8 +177,8 @@ int FakedKernel::open(const char* path, int flags)
 
 int FakedKernel::_openControl(FakedCard& card, int flags)
 {
-    int ends[2]; // past the thread sanitizer, which does not see them closed either
-    if (syscall(SYS_pipe2, ends, O_CLOEXEC | (flags & O_NONBLOCK)) != 0)
+    int ends[2];
+    if (FakedLibrary::pipe(ends, O_CLOEXEC | (flags & O_NONBLOCK)) != 0)
         return -errno;
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
     _controls[ends[0]] = {&card, ends[0], ends[1], 0};
@@ -277,7 +196,7 @@ int FakedKernel::_openPcm(FakedCard& card, unsigned number, bool isCapture, int 
     int ends[2];
     if (card.has(FakedFault::Busy))
         return -EBUSY;
-    if (syscall(SYS_pipe2, ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (FakedLibrary::pipe(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return -errno;
     fcntl(ends[1], F_SETPIPE_SZ, 4096);
     const int descriptor = ends[isCapture ? 0 : 1];

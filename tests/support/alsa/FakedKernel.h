@@ -23,26 +23,6 @@ class FakedKernel {
 public:
     static FakedKernel& shared();
 
-    int plug(const FakedCardOptions& options);
-    void unplug(int number);
-    void unplugAll();
-    /// Calls `change` with the card under the lock. Device files are as the card then says; a changed time is seen at once.
-    template <class Change> auto with(int number, Change change)
-    {
-        const Guard guard(_lock);
-        FakedCard& card = *_cards.at(number);
-        update(card);
-        const auto result = change(card);
-        _wakeClock();
-        return result;
-    }
-    void setState(int number, int state); ///< of its PCMs that run
-    void setControl(int number, unsigned control, long left, long right);
-    /// Programs that watch the folder see the file change, or be opened and closed.
-    void touch(int number);
-    void use(int number);
-    bool isOpen(int number);
-
     // -- What programs do. Errors are negative; a descriptor that is not a card's is not owned.
     int open(const char* path, int flags);
     /// Without the lock: what is no card's does not wait for one that a sanitizer's report may hold.
@@ -61,8 +41,13 @@ public:
     short pollErrors(int descriptor);
 
     // -- For the PCMs
-    /// All that are linked with `pcm`, itself included.
-    FakedPcmList linked(const FakedPcm& pcm);
+    /// Calls `visit` with all that are linked with `pcm`, itself included.
+    template <class Visit> void forLinked(const FakedPcm& pcm, Visit visit)
+    {
+        for (const auto& [descriptor, each] : _pcms)
+            if (each.get() == &pcm || (pcm.link && each->link == pcm.link))
+                visit(*each);
+    }
     /// Links both; a negative errno when that is not possible.
     int link(FakedPcm& pcm, int descriptor);
     void update(FakedCard& card);
@@ -73,6 +58,8 @@ public:
     std::atomic<uint64_t> ioctlCount{0};
 
 private:
+    friend class FakedCards; // the test's side
+
     struct Control {
         FakedCard* card;
         int descriptor, peer;

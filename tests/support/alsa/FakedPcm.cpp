@@ -10,19 +10,10 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr size_t page = 4096; // of the status, then of the program's positions, then the ring
-
-void setTime(volatile void* to, int64_t nanoseconds)
-{
-    const timespec time = fakedTime(nanoseconds);
-    std::memcpy(const_cast<void*>(to), &time, sizeof time);
-}
 
 } // namespace
 
@@ -34,7 +25,8 @@ FakedPcm::FakedPcm(FakedCard& ofCard, unsigned pcm, bool captures, int itsDescri
     const unsigned channels = isCapture ? card.options.capture : card.options.playback;
     _size = 2 * page + size_t{card.options.maxBuffer} * 4 * channels;
     if (ftruncate(_file, static_cast<off_t>(_size)) == 0)
-        _memory = static_cast<char*>(FakedLibrary::mmap(_size, _file));
+        _memory = static_cast<char*>(
+            FakedLibrary::mmap(nullptr, _size, PROT_READ | PROT_WRITE, MAP_SHARED, _file, 0));
     _status = reinterpret_cast<snd_pcm_mmap_status*>(_memory);
     _control = reinterpret_cast<snd_pcm_mmap_control*>(_memory + page);
     _control->avail_min = 1;
@@ -66,23 +58,16 @@ void FakedPcm::setState(int state)
 
 void FakedPcm::stop(int state)
 {
-    for (FakedPcm* const each : _kernel.linked(*this)) {
-        if (!each->runs() && state == SNDRV_PCM_STATE_XRUN)
-            continue;
-        each->setState(state);
-    }
+    _kernel.forLinked(*this, [state](FakedPcm& each) {
+        if (each.runs() || state != SNDRV_PCM_STATE_XRUN)
+            each.setState(state);
+    });
 }
 
+/// No test runs until the positions wrap.
 snd_pcm_uframes_t FakedPcm::_available() const
 {
-    auto available =
-        static_cast<snd_pcm_sframes_t>(_status->hw_ptr - _control->appl_ptr + (isCapture ? 0 : _buffer));
-    const auto boundary = static_cast<snd_pcm_sframes_t>(_boundary);
-    if (available < 0)
-        available += boundary;
-    else if (available >= boundary)
-        available -= boundary;
-    return static_cast<snd_pcm_uframes_t>(available);
+    return _status->hw_ptr - _control->appl_ptr + (isCapture ? 0 : _buffer);
 }
 
 /// As the kernel's poll has it.
@@ -124,8 +109,6 @@ int FakedPcm::stateError() const
         return -EPIPE;
     case SNDRV_PCM_STATE_SUSPENDED:
         return -ESTRPIPE;
-    case SNDRV_PCM_STATE_DISCONNECTED:
-        return -ENODEV;
     default:
         return -EBADFD;
     }
@@ -168,11 +151,10 @@ void FakedPcm::advance(int64_t nanoseconds)
     _done = std::max(_done, to);
     _status->hw_ptr = static_cast<snd_pcm_uframes_t>(_done) % _boundary;
     if (_hasStamps && card.options.hasStamps) {
-        setTime(&_status->tstamp, nanoseconds);
-        setTime(&_status->audio_tstamp, static_cast<int64_t>(static_cast<double>(_done) * 1e9 / _rate));
+        const timespec time = fakedTime(nanoseconds);
+        std::memcpy(const_cast<void*>(static_cast<volatile void*>(&_status->tstamp)), &time, sizeof time);
     }
-    const snd_pcm_uframes_t available = _available();
-    if (available >= _stopThreshold)
+    if (_available() >= _stopThreshold)
         stop(SNDRV_PCM_STATE_XRUN);
     showReadiness();
 }
@@ -208,31 +190,32 @@ int FakedPcm::_prepare()
         return -EBADFD;
     if (runs())
         return -EBUSY;
-    for (FakedPcm* const each : _kernel.linked(*this)) {
-        if (each->runs())
-            continue;
-        each->_control->appl_ptr = each->_status->hw_ptr = 0;
-        each->_done = 0;
-        each->setState(SNDRV_PCM_STATE_PREPARED);
-    }
+    _kernel.forLinked(*this, [](FakedPcm& each) {
+        if (each.runs())
+            return;
+        each._control->appl_ptr = each._status->hw_ptr = 0;
+        each._done = 0;
+        each.setState(SNDRV_PCM_STATE_PREPARED);
+    });
     return 0;
 }
 
 int FakedPcm::_start()
 {
-    const FakedPcmList all = _kernel.linked(*this);
-    for (const FakedPcm* const each : all) {
-        if (each->state() != SNDRV_PCM_STATE_PREPARED)
-            return -EBADFD;
-        if (!each->isCapture && each->_stopThreshold < each->_boundary && each->_available() >= each->_buffer)
-            return -EPIPE; // nothing to play
-    }
-    const int64_t now = fakedNow();
-    for (FakedPcm* const each : all) {
-        each->_startFrame = static_cast<int64_t>(std::floor(each->card.frameAt(now)));
-        each->_done = 0;
-        each->setState(SNDRV_PCM_STATE_RUNNING);
-    }
+    int error = 0; // the first one
+    _kernel.forLinked(*this, [&](const FakedPcm& each) {
+        const bool isEmpty = !each.isCapture && each._stopThreshold < each._boundary &&
+                             each._available() >= each._buffer; // nothing to play
+        const int own = each.state() != SNDRV_PCM_STATE_PREPARED ? -EBADFD : isEmpty ? -EPIPE : 0;
+        error = error ? error : own;
+    });
+    if (error)
+        return error;
+    _kernel.forLinked(*this, [now = fakedNow()](FakedPcm& each) {
+        each._startFrame = static_cast<int64_t>(std::floor(each.card.frameAt(now)));
+        each._done = 0;
+        each.setState(SNDRV_PCM_STATE_RUNNING);
+    });
     _kernel.clockNeeded();
     return 0;
 }

@@ -3,15 +3,6 @@
 #include "FakedCard.h"
 
 class FakedKernel;
-class FakedPcm;
-
-/// A few PCMs, without an allocation: a program may ask on its IO thread.
-struct FakedPcmList {
-    std::array<FakedPcm*, 8> pcms{};
-    size_t count = 0;
-    FakedPcm* const* begin() const { return pcms.data(); }
-    FakedPcm* const* end() const { return pcms.data() + count; }
-};
 
 /// One direction of a PCM that a program has open: the kernel's state machine, and the ring.
 /// Threads: the kernel's lock is held.
