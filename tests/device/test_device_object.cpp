@@ -1,6 +1,7 @@
 #include "CXFourCharCode.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceOverrides.h"
+#include "Eventually.h"
 #include "GlobalQueue.h"
 #include "SerialQueue.h"
 #include "SimulatedComputer.h"
@@ -38,14 +39,9 @@ protected:
         return DXRDeviceControl::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, isInput),
                                                   keeper);
     }
-    /// Whether the condition holds within ten seconds of settling again and again.
-    template <class Condition> bool becomesTrue(Condition condition)
+    bool becomesTrue(const std::function<bool()>& condition)
     {
-        for (int i = 0; i < 2000 && !condition(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            settleHardware();
-        }
-        return condition();
+        return eventually(condition, [this] { settleHardware(); });
     }
     const CXRef<Keeper> keeper = Keeper::init();
 };

@@ -27,17 +27,6 @@ SimulatedDeviceBuilder hiddenDevice(const std::string& uid)
     return aDevice().uid(uid).hidden().outputs(2);
 }
 
-/// A monitor whose UID contains the port it is on.
-std::string monitorUID(const std::string& port)
-{
-    return "AppleGFXHDAEngineOutputDP:" + port + ":{1234}";
-}
-SimulatedDeviceBuilder monitor(const std::string& port)
-{
-    SimulatedDeviceBuilder made = aDevice().uid(monitorUID(port)).name("Monitor").outputs(2);
-    return made.transport(kAudioDeviceTransportTypeDisplayPort);
-}
-
 TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
 {
     std::vector<size_t> counts; // of the list, before and after each of its changes

@@ -1,12 +1,10 @@
 #include "AlsaTest.h"
 
 #include "AlsaReservation.h"
+#include "PrivateBus.h"
 #include "SoundServerSearch.h"
 
-#include <csignal>
 #include <cstdlib>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -290,38 +288,6 @@ TEST(SoundServerSearch, findsAServerThatRunsOrIsAboutTo)
     EXPECT_TRUE(nowhere.isServerExpected());
 }
 
-/// A session bus of the test's own.
-class Bus {
-public:
-    Bus()
-    {
-        int ends[2];
-        if (pipe(ends) != 0)
-            return;
-        const std::string print = "--print-address=" + std::to_string(ends[1]);
-        _process = fork();
-        if (_process == 0) {
-            execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", print.c_str(), nullptr);
-            _exit(1);
-        }
-        close(ends[1]);
-        char address[512]{};
-        const ssize_t size = ::read(ends[0], address, sizeof address - 1);
-        close(ends[0]);
-        if (size > 1)
-            setenv("DBUS_SESSION_BUS_ADDRESS", std::string(address, static_cast<size_t>(size - 1)).c_str(),
-                   1);
-    }
-    ~Bus()
-    {
-        kill(_process, SIGKILL);
-        waitpid(_process, nullptr, 0);
-    }
-
-private:
-    pid_t _process = -1;
-};
-
 /// A program that uses a card until it is asked to give it up.
 class Program final : public AlsaReservation::Holder {
 public:
@@ -335,7 +301,7 @@ public:
 
 TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
 {
-    const Bus bus;
+    const PrivateBus bus("DBUS_SESSION_BUS_ADDRESS");
     Program ours(3), theirs(3), other(4);
     EXPECT_EQ(ours.acquire(), 0);
     EXPECT_EQ(other.acquire(), 0) << "another card";
