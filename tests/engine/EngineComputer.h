@@ -37,4 +37,5 @@ protected:
     using Channels = DXRDeviceRunner::Channels;
 
     const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
+    const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 };

@@ -56,7 +56,6 @@ protected:
         return all;
     }
     const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init();
-    const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 };
 
 TEST_F(RunnerTrace, recordsCyclesAsTheyWere)

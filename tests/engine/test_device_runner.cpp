@@ -1,8 +1,8 @@
 #include "CXDispatchTimer.h"
-#include "CXException.h"
 #include "CapturedLog.h"
 #include "DXRAudioTimerContext.h"
 #include "EngineComputer.h"
+#include "ReasonOf.h"
 #include "RunnerIO.h"
 #include "SerialQueue.h"
 
@@ -13,8 +13,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
-
 class DXRDeviceRunnerTest : public EngineComputer {
 protected:
     static SimulatedDeviceBuilder headset()
@@ -24,16 +22,6 @@ protected:
     CXRef<DXRDevice> mic() { return device("headset", input); }
     CXRef<DXRDevice> phones() { return device("headset", output); }
 };
-
-std::string reasonOf(const std::function<void()>& body)
-{
-    try {
-        body();
-    } catch (const CXException& exception) {
-        return exception.reason().value_or("");
-    }
-    return "(none)";
-}
 
 TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
 {

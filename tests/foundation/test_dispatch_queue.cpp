@@ -1,7 +1,9 @@
 #include "CXDispatchReceiver.h"
 #include "CXDispatchTimer.h"
 #include "CapturedLog.h"
+#include "Eventually.h"
 #include "Privileges.h"
+#include "ReasonOf.h"
 #include "TestQueue.h"
 
 #include <gtest/gtest.h>
@@ -10,17 +12,6 @@
 #include <functional>
 
 namespace {
-
-std::string reasonOf(const std::function<void()>& body)
-{
-    try {
-        body();
-    } catch (const CXException& exception) {
-        EXPECT_EQ(exception.name(), "CXAssertionFailure");
-        return exception.reason().value_or("");
-    }
-    return "(none)";
-}
 
 TEST(CXDispatchQueue, runsLanesInOrderAndHousekeepingFirst)
 {
@@ -98,7 +89,7 @@ TEST(CXDispatchQueue, runsABypassBeforeWaitingClientWorkWhenBusy)
                 hasOvertaken = !hasClientRun;
             });
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay)); // for the other thread to push
+        sleepForMilliseconds(delay); // for the other thread to push
         gate.open();
         other.join();
         queue.settle();
@@ -164,12 +155,9 @@ TEST(CXDispatchQueueDeathTest, endsTheProcessAtABrokenRule)
     EXPECT_DEATH(destroyWhileBusy(*CXDispatchQueue::init().leak()), message);
 }
 
-/// Whether the queue's thread ends, within far longer than it needs.
 bool threadEnds(const CXDispatchQueue& queue)
 {
-    for (int i = 0; i < 20'000 && queue.thread() != 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return queue.thread() == 0;
+    return eventually([&] { return queue.thread() == 0; });
 }
 
 TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndRunsWhatIsAllowedAfterwards)
@@ -232,7 +220,7 @@ TEST(CXDispatchQueue, isRealTimeWhenSetRealTimeReturnsThoughItIsBorrowedAndATime
             queue->setRealTime();
             EXPECT_TRUE(isSettled(queue->thread(), log));
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the other thread to push
+        sleepForMilliseconds(50); // for the other thread to push
     });
     other.join();
     restless->cancel();
