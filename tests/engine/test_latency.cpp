@@ -87,8 +87,8 @@ TEST_F(LatencyTest, isWhatARampMeasures)
                     for (const uint32_t otherFrames : {64U, 256U, 512U}) {
                         if (otherFrames != frames && kind.otherDomain == 1)
                             continue; // these have one cycle
-                        plugged(duplex("one", {frames, rate, 1, 16, 40}));
-                        plugged(duplex("other", {otherFrames, rate, kind.otherDomain, 24, 7}));
+                        plug(duplex("one", {frames, rate, 1, 16, 40}));
+                        plug(duplex("other", {otherFrames, rate, kind.otherDomain, 24, 7}));
                         const char* const out = kind.isOneDevice ? "one" : "other";
                         const double measured = measuredDelay("one", out, runnerFrames, runnerRate) * rate;
                         const auto said = runner->roundTripSeconds(device("one", input), device(out, output));
@@ -99,8 +99,8 @@ TEST_F(LatencyTest, isWhatARampMeasures)
                         runner->stop();
                         runner->removeDevice(device("one", input));
                         runner->removeDevice(device(out, output));
-                        unplugged("one");
-                        unplugged("other");
+                        unplug("one");
+                        unplug("other");
                     }
                 }
             }
@@ -113,8 +113,8 @@ TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
 {
     constexpr double rate = 48000;
     constexpr uint32_t latency = 7;
-    plugged(duplex("clock", {256, rate, 1, 16, 40}));
-    plugged(duplex("other", {512, rate, 2, 24, latency}));
+    plug(duplex("clock", {256, rate, 1, 16, 40}));
+    plug(duplex("other", {512, rate, 2, 24, latency}));
     runner->setFrameCount(100);
     double heardLate = 1; // seconds
     const auto secondsOf = [this](const DXRBuffer& buffer) {
@@ -148,8 +148,8 @@ TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
 
 TEST_F(LatencyTest, saysWhatHoldsTheFrames)
 {
-    plugged(duplex("one", {256, 48000, 1, 16, 40}));
-    plugged(duplex("other", {256, 48000, 2, 24, 7}));
+    plug(duplex("one", {256, 48000, 1, 16, 40}));
+    plug(duplex("other", {256, 48000, 2, 24, 7}));
     measuredDelay("one", "other", 100, 48000);
     const std::vector<DXRDeviceLatency> all = runner->latencies();
     ASSERT_EQ(all.size(), 2U);

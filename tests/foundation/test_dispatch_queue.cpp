@@ -2,6 +2,7 @@
 #include "CXDispatchTimer.h"
 #include "CapturedLog.h"
 #include "Eventually.h"
+#include "Gate.h"
 #include "Privileges.h"
 #include "ReasonOf.h"
 #include "TestQueue.h"
@@ -18,7 +19,7 @@ TEST(CXDispatchQueue, runsLanesInOrderAndHousekeepingFirst)
     const TestQueue queue;
     std::string order;
     const auto append = [&](char c) { return [&order, c] { order += c; }; };
-    Gate gate(queue);
+    Gate gate(*queue.ref());
     queue->dispatchAsync([&] {
         order += 'a';
         queue->dispatchAsync(CXDispatchHousekeepingLane, append('z'));
@@ -79,7 +80,7 @@ TEST(CXDispatchQueue, runsABypassBeforeWaitingClientWorkWhenBusy)
     const TestQueue queue;
     bool hasOvertaken = false;
     for (int delay = 1; delay < 100 && !hasOvertaken; ++delay) {
-        Gate gate(queue);
+        Gate gate(*queue.ref());
         bool hasClientRun = false;
         pthread_t inside = 0;
         queue->dispatchAsync([&] { hasClientRun = true; });
@@ -245,7 +246,8 @@ TEST(CXDispatchQueueDeathTest, logsARefusalOfRealTimeWithItsError)
     EXPECT_EXIT(refused(), testing::ExitedWithCode(0), "thread_policy_set returned 1 for period 1000000\n$");
 }
 
-// Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait.
+// Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait. The queue's thread, which sleeps
+// until the timer's first deadline, wakes for the earlier one.
 TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
 {
     const TestQueue queue;
@@ -256,6 +258,7 @@ TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
         if (++fired < 5)
             self->setTimeoutAbsolute(self->deadline() + millisecond, 0);
     });
+    timer->setTimeoutAbsolute(now() + 3600'000 * millisecond, 0);
     timer->setDispatchQueue(queue.ref());
     const CXDispatchQueue::Work work = [] {};
     queue.waitUntilIdle();
@@ -264,12 +267,11 @@ TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
         for (int i = 0; i < 3; ++i)
             queue->dispatchSyncBypassOnce([] {});
         queue->dispatchSyncBypass([&] { timer->setTimeoutAbsolute(now() + millisecond, 0); });
-        for (int i = 0; i < 100; ++i)
-            queue->dispatchAsync(work);
     }
-    while (fired < 5)
-        queue.settle();
-    timer->cancel();
+    EXPECT_TRUE(eventually([&] { return fired == 5; }));
+    const CXRealtimeScope realtime;
+    for (int i = 0; i < 100; ++i)
+        queue->dispatchAsync(work);
 }
 
 } // namespace

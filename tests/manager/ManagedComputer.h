@@ -37,7 +37,7 @@ protected:
     }
 
     /// Waits until every change so far has been through the manager, and the main queue is empty.
-    void settle()
+    virtual void settle()
     {
         for (int round = 0; round < 3; ++round) { // an update may request another
             settleHardware();
