@@ -1,4 +1,5 @@
 #include "CXRealtime.h"
+#include "Eventually.h"
 
 #include <dxr/c.h>
 #include <gtest/gtest.h>
@@ -327,8 +328,7 @@ TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
     EXPECT_GE(latency.frames, latency.block_frames + latency.cycle_frames);
     EXPECT_NEAR(latency.seconds, latency.frames / 48000.0, 1e-9);
     EXPECT_EQ(dxr_runner_get_latency(runner, input, &latency), DXR_ERROR_STATE);
-    while (notices == 0) // on a thread of its own, which may be slow to come
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return notices > 0; })) << "on a thread of its own";
     ASSERT_EQ(dxr_runner_follow(runner, nullptr, nullptr), DXR_OK);
 }
 

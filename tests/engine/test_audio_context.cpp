@@ -4,6 +4,7 @@
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
 #include "DrivenHardware.h"
+#include "Eventually.h"
 #include "Gate.h"
 #include "HostClock.h"
 #include "RunnerIO.h"
@@ -87,8 +88,7 @@ protected:
     /// A restart waits for the end of the old callback, on another thread.
     void awaitRestart()
     {
-        while (runner->counts().restarts == 0)
-            std::this_thread::sleep_for(1ms);
+        EXPECT_TRUE(eventually([this] { return runner->counts().restarts > 0; }));
         settle();
     }
     /// Whether `act` takes less than half a cycle's patience, once in ten tries: others may be busy.
@@ -254,12 +254,10 @@ TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
     EXPECT_EQ(runner->error().status, kAudioHardwareUnspecifiedError);
     EXPECT_NE(runner->error().text.find("cannot start '"), std::string::npos) << runner->error().text;
     const uint32_t startsBefore = backend().starts;
-    while (backend().starts < startsBefore + 2) // two tries that fail
-        std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(eventually([&] { return backend().starts >= startsBefore + 2; })) << "two tries that fail";
     EXPECT_EQ(*heard, 1) << "the same error is no news";
     backend().startStatus = 0;
-    while (runner->error())
-        std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(eventually([this] { return !runner->error(); }));
     settle();
     EXPECT_EQ(runner->frameCount(), frames);
     EXPECT_EQ(runner->activeDevices().size(), 1U);

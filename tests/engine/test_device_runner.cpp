@@ -108,8 +108,7 @@ TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
                                               "isRunning"}));
     hal.reconfigure("headset", [](auto& it) { it.noStreams(HALDirection::Output).outputs(1); });
     hal.stepCycles(1);
-    while (runner->counts().restarts == 0)
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([this] { return runner->counts().restarts > 0; }));
     runner->queue()->dispatchSync([] {});
     expectHeard(1, "a channel in use is lost");
     runner->setNotifier(notifierQueue, [&] { heard += notifierQueue->isCurrent() ? 1 : 100; });
@@ -223,8 +222,7 @@ TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
     ASSERT_TRUE(runner->setCycleTrace(trace));
     const CapturedLog log;
     runner->start();
-    while (cycles < 110)
-        std::this_thread::sleep_for(1ms);
+    EXPECT_TRUE(eventually([&] { return cycles >= 110; }));
     runner->queue()->dispatchSync([&] {
         EXPECT_EQ(runner->sampleTime(), last + frames);
         runner->stop();

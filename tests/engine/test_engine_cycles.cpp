@@ -154,8 +154,7 @@ TEST_F(EngineCyclesTest, playsOnNewChannelsBeforeTheyAreAnnounced)
     held.get_future().wait();
     hal.reconfigure("grows", [](auto& it) { it.outputs(2); });
     hal.stepCycles(1);
-    while (runner->counts().restarts == 0)
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([this] { return runner->counts().restarts > 0; }));
     EXPECT_EQ(runner->activeDevices().size(), 2U) << "which waits for the end of the restart";
     hal.stepCycles(10);
     release.set_value();

@@ -351,10 +351,7 @@ TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
             EXPECT_TRUE(*alive);
         };
         manager.addDeviceNotifier(queue, block);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (calls == 0 && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::yield();
-        EXPECT_GT(calls, 0);
+        EXPECT_TRUE(eventually([&] { return calls > 0; }, std::this_thread::yield));
         manager.removeDeviceNotifier(block, DXRDeviceManager::WhenRunning::Wait);
         *isAlive = false;
     }
