@@ -12,7 +12,6 @@ namespace {
 
 using DXRDeviceNodeTest = ManagedComputer;
 
-const DXRIOBlock noBlock;
 const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 
 /// A hardware's streams of so many channels each, side by side in memory, and every frame of every channel different.
@@ -128,7 +127,7 @@ TEST_F(DXRDeviceNodeTest, takesTheChannelsAskedForOrThePreferredPair)
     node->setRunner(runner);
     EXPECT_EQ(node->runner(), runner);
     EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(nullptr, std::nullopt, idle));
-    EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(in, std::nullopt, noBlock)->isViable());
+    EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(in, std::nullopt, nullptr)->isViable());
 
     const std::vector<uint32_t> map{7, 8, 0, 10, 11, 12};
     ASSERT_TRUE(node->startIOWithSampleRate(48000, 4, map));

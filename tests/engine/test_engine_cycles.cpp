@@ -11,13 +11,6 @@ namespace {
 constexpr float step = 1.0F / (1U << 24); // between two frames of a ramp
 constexpr uint32_t frames = 512;
 
-SimulatedSource constant(float level)
-{
-    return [level](uint64_t, uint32_t frameCount, uint32_t channels, double, float* samples) {
-        std::fill_n(samples, size_t{frameCount} * channels, level);
-    };
-}
-
 /// Plays what it hears: the input block keeps a buffer, the output block gives it away.
 class EngineCyclesTest : public EngineComputer {
 protected:
@@ -73,14 +66,6 @@ protected:
         settle();
         return aggregate;
     }
-    static DXRIOBlock keepLast(std::vector<float>& last)
-    {
-        last.reserve(8);
-        return [&last](uint64_t, DXRBuffer& given) {
-            last.assign(given.samples(), given.samples() + given.channelCount());
-        };
-    }
-
     std::vector<float> buffer, played;
     uint64_t nextTime = 0, longestJump = 0;
     bool wentBack = false;
@@ -235,7 +220,16 @@ TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
 TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
 {
     const auto part = [&](const char* uid, float level) {
-        return aDevice().uid(uid).inputs(2).clockDomain(1).hears(constant(level));
+        return aDevice().uid(uid).inputs(2).clockDomain(1).hears(
+            [level](uint64_t, uint32_t frameCount, uint32_t channels, double, float* samples) {
+                std::fill_n(samples, size_t{frameCount} * channels, level);
+            });
+    };
+    const auto keepLast = [](std::vector<float>& last) {
+        last.reserve(8);
+        return [&last](uint64_t, DXRBuffer& given) {
+            last.assign(given.samples(), given.samples() + given.channelCount());
+        };
     };
     plug(part("a", 0.25F));
     plug(part("b", 0.5F));
