@@ -129,6 +129,7 @@ TEST_F(DXRDeviceNodeTest, takesTheChannelsAskedForOrThePreferredPair)
     EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(nullptr, std::nullopt, idle));
     EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(in, std::nullopt, nullptr)->isViable());
 
+    node->performIOWithSampleTime(0, nullptr, 0); // without effect before it starts
     const std::vector<uint32_t> map{7, 8, 0, 10, 11, 12};
     ASSERT_TRUE(node->startIOWithSampleRate(48000, 4, map));
     EXPECT_EQ(node->usageMap(), DXRDeviceNode::Channels{10}) << "a channel without a source is not in use";
