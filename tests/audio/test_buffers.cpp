@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 
 namespace {
@@ -98,21 +99,9 @@ public:
         }
     }
 
-    template <class Samples, class Rule>
-    void checkTo(void (DXRBuffer::*transfer)(Samples) const noexcept, Rule rule)
+    template <class Transfer, class Rule> void check(Transfer transfer, Rule rule)
     {
-        _check<Samples>([&](Samples samples) { ((*_buffer).*transfer)(samples); }, rule);
-    }
-    template <class Samples, class Rule>
-    void checkFrom(void (DXRBuffer::*transfer)(Samples) noexcept, Rule rule)
-    {
-        _check<Samples>([&](Samples samples) { ((*_buffer).*transfer)(samples); }, rule);
-    }
-
-private:
-    template <class Samples, class Transfer, class Rule> void _check(const Transfer& transfer, Rule rule)
-    {
-        constexpr bool isPlanar = std::is_pointer_v<std::remove_pointer_t<Samples>>;
+        constexpr bool isPlanar = std::is_invocable_v<Transfer, DXRBuffer&, Sample**>;
         _fill();
         const size_t count = size_t{_channels} * _frames;
         std::vector<float> own(_buffer->samples(), _buffer->samples() + count);
@@ -123,9 +112,9 @@ private:
         }
         const CXRealtimeScope realtime;
         if constexpr (isPlanar)
-            transfer(_pointers.data());
+            std::invoke(transfer, *_buffer, _pointers.data());
         else
-            transfer(_interleaved.template of<Sample>().data());
+            std::invoke(transfer, *_buffer, _interleaved.template of<Sample>().data());
         for (size_t i = 0; i < count; ++i) {
             const CXRealtimeExemption exemption("a failure's text");
             ASSERT_TRUE(same(_foreign(i, isPlanar), foreign[i]) && same(_buffer->samples()[i], own[i]))
@@ -133,6 +122,8 @@ private:
                 << " for " << foreign[i] << ", " << _buffer->samples()[i] << " for " << own[i];
         }
     }
+
+private:
     Sample& _foreign(size_t i, bool isPlanar)
     {
         return isPlanar ? _pointers[i % _channels][i / _channels] : _interleaved.template of<Sample>()[i];
@@ -159,14 +150,14 @@ void checkFloats(Transfers<float>& all)
     const auto copyFrom = [](float& own, float foreign) { own = foreign; };
     const auto mixTo = [](float own, float& foreign) { foreign = mixed(own, foreign); };
     const auto mixFrom = [](float& own, float foreign) { own = mixed(foreign, own); };
-    all.checkTo(&DXRBuffer::copyToInterleavedFloats, copyTo);
-    all.checkTo(&DXRBuffer::copyToDeinterleavedFloats, copyTo);
-    all.checkTo(&DXRBuffer::mixToInterleavedFloats, mixTo);
-    all.checkTo(&DXRBuffer::mixToDeinterleavedFloats, mixTo);
-    all.checkFrom(&DXRBuffer::copyFromInterleavedFloats, copyFrom);
-    all.checkFrom(&DXRBuffer::copyFromDeinterleavedFloats, copyFrom);
-    all.checkFrom(&DXRBuffer::mixFromInterleavedFloats, mixFrom);
-    all.checkFrom(&DXRBuffer::mixFromDeinterleavedFloats, mixFrom);
+    all.check(&DXRBuffer::copyToInterleavedFloats, copyTo);
+    all.check(&DXRBuffer::copyToDeinterleavedFloats, copyTo);
+    all.check(&DXRBuffer::mixToInterleavedFloats, mixTo);
+    all.check(&DXRBuffer::mixToDeinterleavedFloats, mixTo);
+    all.check(&DXRBuffer::copyFromInterleavedFloats, copyFrom);
+    all.check(&DXRBuffer::copyFromDeinterleavedFloats, copyFrom);
+    all.check(&DXRBuffer::mixFromInterleavedFloats, mixFrom);
+    all.check(&DXRBuffer::mixFromDeinterleavedFloats, mixFrom);
 }
 
 void checkInt16s(Transfers<int16_t>& all)
@@ -175,14 +166,14 @@ void checkInt16s(Transfers<int16_t>& all)
     const auto copyFrom = [](float& own, int16_t foreign) { own = fromInt16(foreign); };
     const auto mixTo = [](float own, int16_t& foreign) { foreign = mixedInt16(own, foreign); };
     const auto mixFrom = [](float& own, int16_t foreign) { own = mixed(fromInt16(foreign), own); };
-    all.checkTo(&DXRBuffer::copyToInterleavedInt16s, copyTo);
-    all.checkTo(&DXRBuffer::copyToDeinterleavedInt16s, copyTo);
-    all.checkTo(&DXRBuffer::mixToInterleavedInt16s, mixTo);
-    all.checkTo(&DXRBuffer::mixToDeinterleavedInt16s, mixTo);
-    all.checkFrom(&DXRBuffer::copyFromInterleavedInt16s, copyFrom);
-    all.checkFrom(&DXRBuffer::copyFromDeinterleavedInt16s, copyFrom);
-    all.checkFrom(&DXRBuffer::mixFromInterleavedInt16s, mixFrom);
-    all.checkFrom(&DXRBuffer::mixFromDeinterleavedInt16s, mixFrom);
+    all.check(&DXRBuffer::copyToInterleavedInt16s, copyTo);
+    all.check(&DXRBuffer::copyToDeinterleavedInt16s, copyTo);
+    all.check(&DXRBuffer::mixToInterleavedInt16s, mixTo);
+    all.check(&DXRBuffer::mixToDeinterleavedInt16s, mixTo);
+    all.check(&DXRBuffer::copyFromInterleavedInt16s, copyFrom);
+    all.check(&DXRBuffer::copyFromDeinterleavedInt16s, copyFrom);
+    all.check(&DXRBuffer::mixFromInterleavedInt16s, mixFrom);
+    all.check(&DXRBuffer::mixFromDeinterleavedInt16s, mixFrom);
 }
 
 TEST(DXRBuffer, movesEverySampleByTheRuleOnEveryInstructionSet)

@@ -1,5 +1,5 @@
-#include "CXException.h"
 #include "DXRSynchronization.h"
+#include "ReasonOf.h"
 
 #include <gtest/gtest.h>
 
@@ -55,13 +55,8 @@ TEST(DXRMutex, assertsARefusedLockAndAnUnlockTooMany)
     EXPECT_THROW(mutex->lock(), CXException);
     mutex->unlock();
     EXPECT_TRUE(isFree(*mutex)) << "held once";
-    try {
-        mutex->unlock();
-        FAIL();
-    } catch (const CXException& exception) {
-        EXPECT_TRUE(exception.reason()->starts_with("-[DXRMutex unlock] - _count > 0 DXRSynchronization:"))
-            << *exception.reason();
-    }
+    const std::string reason = reasonOf([&] { mutex->unlock(); });
+    EXPECT_TRUE(reason.starts_with("-[DXRMutex unlock] - _count > 0 DXRSynchronization:")) << reason;
 }
 
 TEST(DXRMutex, holdsTheLockForABlockAndReturnsItsResult)

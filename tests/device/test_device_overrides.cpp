@@ -2,6 +2,7 @@
 #include "CXMainBundle.h"
 #include "DXRDeviceOverrides.h"
 #include "DefaultsSuite.h"
+#include "Eventually.h"
 #include "InChild.h"
 
 #include <gtest/gtest.h>
@@ -43,13 +44,6 @@ std::map<std::string, CXPlist> stored()
     for (const auto& [key, row] : snapshot->rows())
         rows.emplace(key, CXPlist::parse(row->value(), nullptr, false));
     return rows;
-}
-
-template <class Condition> bool comesTrue(Condition condition)
-{
-    for (int i = 0; i < 2000 && !condition(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return condition();
 }
 
 class DeviceOverrides : public testing::Test {
@@ -146,9 +140,9 @@ TEST_F(DeviceOverrides, followOutsideChanges)
     const CXRef<DXRDeviceOverrides> overrides = overridesFor(key);
     const CXRef<DXRDeviceOverrides> others = overridesFor(key);
     others->setObject(1, "k");
-    EXPECT_TRUE(comesTrue([&] { return overrides->objectForKey("k") == CXPlist(1); }));
+    EXPECT_TRUE(eventually([&] { return overrides->objectForKey("k") == CXPlist(1); }));
     write(key, "[]");
-    EXPECT_TRUE(comesTrue([&] { return overrides->objectForKey("k").is_null(); }))
+    EXPECT_TRUE(eventually([&] { return overrides->objectForKey("k").is_null(); }))
         << "no dictionary any more";
     write(key, R"({"k":2,"l":3})");
     overrides->setObject(4, "m"); // it keeps the changes that it has not been notified of
@@ -222,7 +216,7 @@ TEST_F(DeviceOverrides, areFoundOnceTheStoreCanBeRead)
     const CXRef<DXRDeviceOverrides> overrides = overridesFor(R"({"uid":"a"})");
     EXPECT_TRUE(overrides->objectForKey("k").is_null());
     close(opener);
-    EXPECT_TRUE(comesTrue([&] { return overrides->objectForKey("k") == CXPlist(1); }));
+    EXPECT_TRUE(eventually([&] { return overrides->objectForKey("k") == CXPlist(1); }));
     overrides->setObject(2, "k");
     EXPECT_EQ(stored(), (std::map<std::string, CXPlist>{{R"({ "uid":"a" })", {{"k", 2}}}}));
 }

@@ -70,28 +70,18 @@ TEST_F(Properties, haveFallbacksWithoutADevice)
         EXPECT_FALSE(QDLAudioDeviceSampleRateIsValid(rate)) << rate;
 }
 
+// Beside what devices and their references are made of.
 TEST_F(Properties, describeADevice)
 {
-    const AudioObjectID mic = hal.plug(aDevice().uid("mic").inputs(1).sampleRate(96000.0));
-    SimulatedDeviceBuilder boxBuilder = aDevice().uid("box").name("Büro").manufacturer("Maker");
-    boxBuilder.modelUID("m-1").transport(kAudioDeviceTransportTypeUSB).outputs(2).outputs(6);
+    hal.plug(aDevice().uid("mic").inputs(1).sampleRate(96000.0));
+    SimulatedDeviceBuilder boxBuilder = aDevice().uid("box").name("Büro").outputs(2).outputs(6);
     boxBuilder.volume(outputs, 0.5F).mute(outputs, false).sampleRates({44100, 48000}).sampleRate(44100.0);
     const AudioObjectID box = hal.plug(boxBuilder);
-    EXPECT_EQ(QDLAudioDeviceDefaultInputDeviceID(), mic);
     EXPECT_EQ(QDLAudioDeviceDefaultInputDeviceUID(), "mic");
-    EXPECT_EQ(QDLAudioDeviceDefaultOutputDeviceID(), box);
     EXPECT_EQ(QDLAudioDeviceDefaultSystemOutputDeviceUID(), "box");
-    EXPECT_EQ(QDLAudioDeviceIDFromUID("box"), box);
     EXPECT_EQ(QDLAudioDeviceIDFromUID("bo"), 0U);
     EXPECT_EQ(QDLAudioDeviceIDFromUID(std::nullopt), 0U);
-    EXPECT_EQ(QDLAudioDeviceNameFromDeviceID(box), "Büro");
-    EXPECT_EQ(QDLAudioDeviceManufacturerFromDeviceID(box), "Maker");
-    EXPECT_EQ(QDLAudioDeviceModelUIDFromDeviceID(box), "m-1");
-    EXPECT_EQ(QDLAudioDeviceTransportTypeFromDeviceID(box), kAudioDeviceTransportTypeUSB);
-    EXPECT_FALSE(QDLAudioDeviceIsHidden(box));
-    EXPECT_EQ(QDLAudioDeviceChannelCount(box, output), 8U);
     EXPECT_EQ(QDLAudioDeviceStreamCount(box, output), 2U);
-    EXPECT_EQ(QDLAudioDeviceChannelCount(box, input), 0U);
     EXPECT_FALSE(QDLAudioDeviceHasBuffers(box, input));
     EXPECT_EQ(QDLAudioDeviceSampleRate(box, output), 44100.0);
     // An output-only device never raises the input's maximum, nor the other way round.

@@ -11,30 +11,20 @@ protected:
     ~EngineComputer() override
     {
         runner->stop();
-        settleEngine();
+        EngineComputer::settle();
     }
 
-    /// Waits until every change so far has been through the manager and the runner.
-    void settleEngine()
+    void settle() override
     {
         for (int round = 0; round < 2; ++round) { // a restart changes devices, which may ask for another
-            settle();
+            ManagedComputer::settle();
             runner->queue()->dispatchSync([] {});
             settleHardware();
         }
-    }
-    void plugged(const SimulatedDeviceBuilder& device)
-    {
-        plug(device);
-        settleEngine();
-    }
-    void unplugged(const std::string& uid)
-    {
-        unplug(uid);
-        settleEngine();
     }
 
     using Channels = DXRDeviceRunner::Channels;
 
     const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
+    const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 };

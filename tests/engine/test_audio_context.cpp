@@ -4,12 +4,13 @@
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
 #include "DrivenHardware.h"
+#include "Eventually.h"
+#include "Gate.h"
 #include "HostClock.h"
 #include "RunnerIO.h"
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <random>
 #include <thread>
 
@@ -87,19 +88,8 @@ protected:
     /// A restart waits for the end of the old callback, on another thread.
     void awaitRestart()
     {
-        while (runner->counts().restarts == 0)
-            std::this_thread::sleep_for(1ms);
+        EXPECT_TRUE(eventually([this] { return runner->counts().restarts > 0; }));
         settle();
-    }
-    /// Keeps the queue busy until `leave` is set.
-    void holdQueue(std::promise<void>& leave)
-    {
-        std::promise<void> entered;
-        runner->queue()->dispatchAsync([&] {
-            entered.set_value();
-            leave.get_future().wait();
-        });
-        entered.get_future().wait();
     }
     /// Whether `act` takes less than half a cycle's patience, once in ten tries: others may be busy.
     static bool isPrompt(const std::function<void()>& act)
@@ -197,19 +187,17 @@ TEST_F(DXRAudioContextTest, waitsForItsTurnWhileTheQueueIsBusy)
     runner->start();
     uint32_t expected = 0;
     EXPECT_TRUE(isPrompt([&] {
-        std::promise<void> leave;
-        holdQueue(leave);
+        Gate gate(*runner->queue());
         std::thread io([&] { Cycle(64.0 * ++expected).run(); });
         std::this_thread::sleep_for(20ms);
-        leave.set_value();
+        gate.open();
         io.join();
         EXPECT_EQ(calls, expected);
     }));
-    std::promise<void> leave;
-    holdQueue(leave);
+    Gate gate(*runner->queue());
     std::thread stopping([&] { runner->stop(); }), io([] { Cycle(6400).run(); });
     std::this_thread::sleep_for(20ms);
-    leave.set_value();
+    gate.open();
     stopping.join();
     const uint32_t callsAtStop = calls;
     io.join();
@@ -266,12 +254,10 @@ TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
     EXPECT_EQ(runner->error().status, kAudioHardwareUnspecifiedError);
     EXPECT_NE(runner->error().text.find("cannot start '"), std::string::npos) << runner->error().text;
     const uint32_t startsBefore = backend().starts;
-    while (backend().starts < startsBefore + 2) // two tries that fail
-        std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(eventually([&] { return backend().starts >= startsBefore + 2; })) << "two tries that fail";
     EXPECT_EQ(*heard, 1) << "the same error is no news";
     backend().startStatus = 0;
-    while (runner->error())
-        std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(eventually([this] { return !runner->error(); }));
     settle();
     EXPECT_EQ(runner->frameCount(), frames);
     EXPECT_EQ(runner->activeDevices().size(), 1U);

@@ -56,12 +56,11 @@ protected:
         return all;
     }
     const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init();
-    const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 };
 
 TEST_F(RunnerTrace, recordsCyclesAsTheyWere)
 {
-    plugged(aDevice().uid("out").outputs(2).bufferFrameSize(256));
+    plug(aDevice().uid("out").outputs(2).bufferFrameSize(256));
     ASSERT_TRUE(runner->addDevice(device("out", output), std::nullopt, idle));
     const CXRef<DXRDeviceRunner> other = DXRDeviceRunner::init();
     ASSERT_TRUE(other->setCycleTrace(trace));
@@ -108,14 +107,14 @@ TEST_F(RunnerTrace, recordsCyclesAsTheyWere)
 TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
 {
     using Restart = DXRRunnerCounts::Restart;
-    plugged(aDevice().uid("out").outputs(2));
-    plugged(aDevice().uid("in").inputs(2));
+    plug(aDevice().uid("out").outputs(2));
+    plug(aDevice().uid("in").inputs(2));
     ASSERT_TRUE(runner->addDevice(device("out", output), std::nullopt, idle));
     ASSERT_TRUE(runner->setCycleTrace(trace));
     EXPECT_EQ(runner->counts().restarts, 0U) << "it does not run";
     runner->start();
-    plugged(aDevice().uid("other").outputs(2)); // is not the runner's
-    unplugged("other");
+    plug(aDevice().uid("other").outputs(2)); // is not the runner's
+    unplug("other");
     const struct {
         std::function<void()> change;
         Restart reason;
@@ -126,10 +125,10 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
          Context::Aggregate, 2},
         {[&] { hal.reconfigure("out", [](auto& it) { it.outputs(2); }); }, Restart::Layout,
          Context::Aggregate, 2},
-        {[&] { unplugged("in"); }, Restart::Devices, Context::Device, 1},
-        {[&] { unplugged("out"); }, Restart::Devices, Context::Timer, 0},
-        {[&] { plugged(aDevice().uid("out").outputs(2)); }, Restart::Devices, Context::Device, 1},
-        {[&] { unplugged("out"); }, Restart::Devices, Context::Timer, 0},
+        {[&] { unplug("in"); }, Restart::Devices, Context::Device, 1},
+        {[&] { unplug("out"); }, Restart::Devices, Context::Timer, 0},
+        {[&] { plug(aDevice().uid("out").outputs(2)); }, Restart::Devices, Context::Device, 1},
+        {[&] { unplug("out"); }, Restart::Devices, Context::Timer, 0},
         {[&] { runner->removeDevice(device("in", input)); }, Restart::Nodes, Context::Timer, 0},
     };
     uint32_t restarts = 0;
@@ -138,7 +137,7 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
         records();
         const uint64_t time = runner->sampleTime();
         step.change();
-        settleEngine();
+        settle();
         EXPECT_GE(runner->sampleTime(), time) << restarts;
         std::vector<DXRCycleRecord> all = records();
         std::erase_if(all, [](const DXRCycleRecord& each) { return each.event == Event::Cycle; });

@@ -1,8 +1,7 @@
-#include "CXDispatchTimer.h"
-#include "CXException.h"
 #include "CapturedLog.h"
 #include "DXRAudioTimerContext.h"
 #include "EngineComputer.h"
+#include "ReasonOf.h"
 #include "RunnerIO.h"
 #include "SerialQueue.h"
 
@@ -12,8 +11,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 
 class DXRDeviceRunnerTest : public EngineComputer {
 protected:
@@ -25,19 +22,9 @@ protected:
     CXRef<DXRDevice> phones() { return device("headset", output); }
 };
 
-std::string reasonOf(const std::function<void()>& body)
-{
-    try {
-        body();
-    } catch (const CXException& exception) {
-        return exception.reason().value_or("");
-    }
-    return "(none)";
-}
-
 TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
 {
-    plugged(headset().bufferFrameSize(256));
+    plug(headset().bufferFrameSize(256));
     ASSERT_TRUE(runner->addDevice(phones(), std::nullopt, idle));
     runner->start();
     runner->start();
@@ -46,9 +33,8 @@ TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
     EXPECT_FALSE(runner->setFrameCount(64));
     EXPECT_FALSE(runner->setSampleRate(44100));
     EXPECT_FALSE(runner->setConversionQuality(DXRConversionQuality::High));
-    unplugged("headset");
-    plugged(
-        headset().bufferFrameSize(64).bufferFrameSizeRange(64, 64).sampleRate(44100).sampleRates({44100}));
+    unplug("headset");
+    plug(headset().bufferFrameSize(64).bufferFrameSizeRange(64, 64).sampleRate(44100).sampleRates({44100}));
     EXPECT_EQ(runner->frameCount(), 256U) << "until it stops, over every context";
     EXPECT_EQ(runner->sampleRate(), 48000.0);
     runner->stop();
@@ -56,14 +42,14 @@ TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
     EXPECT_EQ(runner->frameCount(), 0U);
     EXPECT_EQ(runner->sampleRate(), 0.0);
 
-    unplugged("headset");
+    unplug("headset");
     constexpr uint32_t max = DXRDeviceRunner::maxFrames;
-    plugged(headset().bufferFrameSizeRange(max, max).bufferFrameSize(max));
+    plug(headset().bufferFrameSizeRange(max, max).bufferFrameSize(max));
     runner->start();
     EXPECT_EQ(runner->frameCount(), max);
     runner->stop();
-    unplugged("headset");
-    plugged(headset());
+    unplug("headset");
+    plug(headset());
     EXPECT_TRUE(runner->setFrameCount(64));
     EXPECT_TRUE(runner->setSampleRate(96000));
     EXPECT_TRUE(runner->setConversionQuality(DXRConversionQuality::High));
@@ -83,7 +69,7 @@ TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
 
 TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
 {
-    plugged(headset());
+    plug(headset());
     const auto notifierQueue = dxr::SerialQueue::initWithLabel("listener");
     int heard = 0;
     std::vector<std::string> seen;
@@ -97,7 +83,7 @@ TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
         });
     runner->start();
     runner->stop();
-    settleEngine();
+    settle();
     EXPECT_EQ(std::ranges::count(seen, "devices"), 0) << "there have been none yet";
     seen.clear();
     runner->setNotifier(nullptr, [&] { heard += runner->queue()->isDispatchedOnCurrentThread() ? 1 : 100; });
@@ -117,17 +103,16 @@ TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
     runner->start();
     expectHeard(1, "all that starting changes is one change");
     seen.clear();
-    settleEngine();
+    settle();
     EXPECT_EQ(seen, (std::vector<std::string>{"frameCount", "sampleRate", "devices", "activeDevices",
                                               "isRunning"}));
     hal.reconfigure("headset", [](auto& it) { it.noStreams(HALDirection::Output).outputs(1); });
     hal.stepCycles(1);
-    while (runner->counts().restarts == 0)
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([this] { return runner->counts().restarts > 0; }));
     runner->queue()->dispatchSync([] {});
     expectHeard(1, "a channel in use is lost");
     runner->setNotifier(notifierQueue, [&] { heard += notifierQueue->isCurrent() ? 1 : 100; });
-    unplugged("headset");
+    unplug("headset");
     notifierQueue->sync([] {});
     expectHeard(1, "the device is gone");
     EXPECT_EQ(runner->devices(), Devices{phones()}) << "an absent device stays";
@@ -146,14 +131,14 @@ TEST_F(DXRDeviceRunnerTest, callsDeviceNotifiersOnItsQueueUntilTheyAreRemoved)
     };
     runner->addDeviceNotifier(notifier);
     runner->addDeviceNotifier(notifier);
-    plugged(headset());
+    plug(headset());
     EXPECT_EQ(calls, 1);
     runner->queue()->dispatchSync([&] { // while a call waits in the queue, it is not made
         hal.unplug("headset");
-        settle();
+        ManagedComputer::settle();
         runner->removeDeviceNotifier(notifier);
     });
-    settleEngine();
+    settle();
     EXPECT_EQ(calls, 1);
 }
 
@@ -161,7 +146,7 @@ TEST_F(DXRDeviceRunnerTest, listensToPropertiesOnItsQueue)
 {
     const AudioObjectID deviceID = plug(headset().volume(HALDirection::Output, 0.5F));
     AudioObjectPropertyAddress seen{};
-    CXRef<CXObject> target = CXDispatchTimer::init();
+    const CXRef<CXObject> target = runner->kvo();
     const auto volume = at(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput);
     const auto listener = runner->propertyListenerWithObjectID(
         deviceID, &volume, target,
@@ -172,17 +157,13 @@ TEST_F(DXRDeviceRunnerTest, listensToPropertiesOnItsQueue)
         });
     listener->start();
     writeValue(hal, deviceID, volume, 0.25F);
-    settleEngine();
-    EXPECT_EQ(std::exchange(seen, {}), volume);
-    target = nullptr;
-    writeValue(hal, deviceID, volume, 0.75F);
-    settleEngine();
-    EXPECT_EQ(seen, AudioObjectPropertyAddress{}) << "its target is gone";
+    settle();
+    EXPECT_EQ(seen, volume);
 }
 
 TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
 {
-    plugged(headset());
+    plug(headset());
     const DXRDeviceNodes nodes;
     RunnerIO io(runner->queue());
     const CXRef<DXRAudioContext> context = DXRAudioTimerContext::initWithIO(io, nullptr, nodes);
@@ -210,7 +191,7 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
         runner->stop();
         EXPECT_TRUE(runner->isRunning()) << "later";
     });
-    settleEngine();
+    settle();
     EXPECT_FALSE(runner->isRunning());
 }
 
@@ -218,7 +199,7 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
 TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
 {
     constexpr uint32_t frames = 480;
-    plugged(headset());
+    plug(headset());
     runner->setFrameCount(frames);
     runner->setSampleRate(48000);
     std::atomic<uint32_t> cycles{0}, wrong{0};
@@ -236,19 +217,18 @@ TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
              std::chrono::steady_clock::now() < end;) {
         }
     });
-    unplugged("headset");
+    unplug("headset");
     const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init();
     ASSERT_TRUE(runner->setCycleTrace(trace));
     const CapturedLog log;
     runner->start();
-    while (cycles < 110)
-        std::this_thread::sleep_for(1ms);
+    EXPECT_TRUE(eventually([&] { return cycles >= 110; }));
     runner->queue()->dispatchSync([&] {
         EXPECT_EQ(runner->sampleTime(), last + frames);
         runner->stop();
     });
     EXPECT_EQ(wrong, 0U);
-    settleEngine();
+    settle();
     const uint32_t after = cycles;
     std::this_thread::sleep_for(30ms);
     EXPECT_EQ(cycles, after) << "no call after stop";

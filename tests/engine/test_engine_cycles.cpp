@@ -2,6 +2,7 @@
 
 #include "CXException.h"
 #include "EngineComputer.h"
+#include "HALIO.h"
 
 #include <future>
 
@@ -9,13 +10,6 @@ namespace {
 
 constexpr float step = 1.0F / (1U << 24); // between two frames of a ramp
 constexpr uint32_t frames = 512;
-
-SimulatedSource constant(float level)
-{
-    return [level](uint64_t, uint32_t frameCount, uint32_t channels, double, float* samples) {
-        std::fill_n(samples, size_t{frameCount} * channels, level);
-    };
-}
 
 /// Plays what it hears: the input block keeps a buffer, the output block gives it away.
 class EngineCyclesTest : public EngineComputer {
@@ -53,10 +47,6 @@ protected:
             ++exact;
         return exact;
     }
-    SimulatedDeviceBuilder looper()
-    {
-        return aDevice().uid("loop").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(keep());
-    }
     /// What the one private aggregate is made of; null without one.
     CXPlist composition()
     {
@@ -70,26 +60,12 @@ protected:
         return {};
     }
 
-    /// An aggregate that another program has made.
-    AudioObjectID aggregateOf(const std::vector<std::string>& uids)
+    AudioObjectID aggregateOfAAndB()
     {
-        CXPlist made{{"uid", "both"}, {"name", "Both"}, {"subdevices", CXPlist::array()}};
-        for (const std::string& uid : uids)
-            made["subdevices"].push_back({{"uid", uid}});
-        AudioObjectID aggregate = kAudioObjectUnknown;
-        EXPECT_EQ(AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(made).get(), &aggregate), 0);
-        settleEngine();
+        const AudioObjectID aggregate = makeAggregate(modelOf(hal), {"a", "b"}, {{"uid", "both"}});
+        settle();
         return aggregate;
     }
-    static DXRIOBlock keepLast(std::vector<float>& last)
-    {
-        last.reserve(8);
-        return [&last](uint64_t, DXRBuffer& given) {
-            last.assign(given.samples(), given.samples() + given.channelCount());
-        };
-    }
-
-    const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
     std::vector<float> buffer, played;
     uint64_t nextTime = 0, longestJump = 0;
     bool wentBack = false;
@@ -98,37 +74,44 @@ protected:
 TEST_F(EngineCyclesTest, carriesEveryFrameExactlyAtEqualAndUnequalFrameCounts)
 {
     const struct {
-        uint32_t runnerFrames, deviceFrames;
+        uint32_t runnerFrames, deviceFrames, channels;
         size_t maxLatency; // frames of silence or padding at the beginning
-    } rows[] = {{0, 512, 1024}, {512, 512, 1024}, {96, 512, 1536}, {480, 64, 1536}, {7, 13, 64}};
+    } rows[] = {{0, 512, 2, 1024},  {512, 512, 2, 1024}, {96, 512, 2, 1536},
+                {480, 64, 2, 1536}, {7, 13, 2, 64},      {0, 64, 3000, 128}}; // more than fit a stack
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.runnerFrames) + " on " + std::to_string(row.deviceFrames));
         played.clear();
         nextTime = 0;
-        plugged(looper()
-                    .bufferFrameSize(row.deviceFrames)
-                    .bufferFrameSizeRange(row.deviceFrames, row.deviceFrames));
+        plug(aDevice()
+                 .uid("loop")
+                 .inputs(row.channels)
+                 .outputs(row.channels)
+                 .bufferFrameSize(row.deviceFrames)
+                 .bufferFrameSizeRange(row.deviceFrames, row.deviceFrames)
+                 .hears(simulatedRamp())
+                 .playsInto(keep()));
         runner->setFrameCount(row.runnerFrames);
-        if (runner->devices().empty())
-            loop("loop", "loop", {1, 2});
+        loop("loop", "loop", {row.channels, 1});
         runner->start();
         hal.stepCycles(100);
         runner->stop();
         EXPECT_LE(played.size() - exactFrames(), row.maxLatency);
         EXPECT_FALSE(wentBack);
         EXPECT_EQ(longestJump, 0U);
-        unplugged("loop");
+        for (const bool isInput : {true, false})
+            runner->removeDevice(device("loop", isInput));
+        unplug("loop");
     }
 }
 
 TEST_F(EngineCyclesTest, followsARateThatAnotherProgramChanges)
 {
-    plugged(looper());
+    plug(aDevice().uid("loop").inputs(2).outputs(2));
     loop("loop", "loop", {1, 2});
     runner->start();
     for (const auto& [rate, deviceCycles] : {std::pair{48000.0, 100U}, {96000.0, 200U}, {44100.0, 92U}}) {
         writeValue(hal, device("loop", output)->deviceID(), at(kAudioDevicePropertyNominalSampleRate), rate);
-        settleEngine();
+        settle();
         const uint64_t before = runner->sampleTime();
         hal.stepCycles(deviceCycles);
         EXPECT_NEAR(static_cast<double>(runner->sampleTime() - before), 100 * frames, 2 * frames) << rate;
@@ -140,7 +123,7 @@ TEST_F(EngineCyclesTest, followsARateThatAnotherProgramChanges)
 // A cycle sees it first, for the thread that would announce it is held up.
 TEST_F(EngineCyclesTest, playsOnNewChannelsBeforeTheyAreAnnounced)
 {
-    plugged(aDevice().uid("grows").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(keep(3)));
+    plug(aDevice().uid("grows").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(keep(3)));
     loop("grows", "grows", {3, 4});
     runner->start();
     std::promise<void> held, release;
@@ -156,8 +139,7 @@ TEST_F(EngineCyclesTest, playsOnNewChannelsBeforeTheyAreAnnounced)
     held.get_future().wait();
     hal.reconfigure("grows", [](auto& it) { it.outputs(2); });
     hal.stepCycles(1);
-    while (runner->counts().restarts == 0)
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([this] { return runner->counts().restarts > 0; }));
     EXPECT_EQ(runner->activeDevices().size(), 2U) << "which waits for the end of the restart";
     hal.stepCycles(10);
     release.set_value();
@@ -165,21 +147,11 @@ TEST_F(EngineCyclesTest, playsOnNewChannelsBeforeTheyAreAnnounced)
     EXPECT_GT(exactFrames(), 8U * frames);
 }
 
-TEST_F(EngineCyclesTest, runsDevicesOfMoreChannelsThanFitAStack)
-{
-    const auto wide = aDevice().uid("wide").inputs(3000).outputs(3000).bufferFrameSize(64);
-    plugged(SimulatedDeviceBuilder(wide).hears(simulatedRamp()).playsInto(keep()));
-    loop("wide", "wide", {3000, 1});
-    runner->start();
-    hal.stepCycles(10);
-    EXPECT_GT(exactFrames(), 8U * 64);
-}
-
 TEST_F(EngineCyclesTest, runsTwoDevicesAsOneOfWhichTheFirstGivesTheClock)
 {
     const auto in = aDevice().uid("in").inputs(2).outputs(2).hears(simulatedRamp()).clockDomain(1);
-    plugged(in);
-    plugged(aDevice().uid("out").outputs(2).outputs(4).playsInto(keep(5)).clockDomain(1));
+    plug(in);
+    plug(aDevice().uid("out").outputs(2).outputs(4).playsInto(keep(5)).clockDomain(1));
     loop("in", "out", {6, 5});
     runner->start();
     EXPECT_EQ(runner->activeDevices().size(), 2U);
@@ -195,38 +167,21 @@ TEST_F(EngineCyclesTest, runsTwoDevicesAsOneOfWhichTheFirstGivesTheClock)
     EXPECT_EQ(runner->sampleTime(), 200U * frames);
     EXPECT_GT(exactFrames(), 190U * frames);
     EXPECT_EQ(runner->counts().restarts, 0U);
-    unplugged("in");
+    unplug("in");
     EXPECT_TRUE(composition().is_null()) << "the other goes on alone";
-    plugged(in);
+    plug(in);
     EXPECT_EQ(composition()["master"], "in");
     runner->stop();
     EXPECT_TRUE(composition().is_null());
 }
 
-// Nothing is made for a device that is not there: its block is called, and hears and plays nothing.
-TEST_F(EngineCyclesTest, callsTheBlocksOfAbsentDevicesWithoutChannels)
-{
-    plugged(aDevice().uid("here").inputs(2).hears(constant(0.5F)));
-    plugged(aDevice().uid("away").inputs(2).hears(constant(0.75F)));
-    std::vector<float> here, away;
-    ASSERT_TRUE(runner->addDevice(device("here", input), Channels{2, 1}, keepLast(here)));
-    ASSERT_TRUE(runner->addDevice(device("away", input), Channels{1, 2}, keepLast(away)));
-    unplugged("away");
-    runner->start();
-    hal.stepCycles(2);
-    EXPECT_EQ(here, (std::vector<float>{0.5F, 0.5F}));
-    EXPECT_EQ(away, (std::vector<float>{0, 0}));
-    EXPECT_EQ(runner->activeDevices(), Devices{device("here", input)});
-    EXPECT_EQ(runner->latencies().size(), 1U);
-}
-
 // An aggregate that another program has made: its parts count, and none of them can give the clock.
 TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
 {
-    plugged(aDevice().uid("a").inputs(2).outputs(1).clockDomain(1).hears(simulatedRamp()));
-    plugged(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(1)));
-    plugged(aDevice().uid("c").inputs(1).clockDomain(1));
-    const AudioObjectID aggregate = aggregateOf({"a", "b"});
+    plug(aDevice().uid("a").inputs(2).outputs(1).clockDomain(1).hears(simulatedRamp()));
+    plug(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(1)));
+    plug(aDevice().uid("c").inputs(1).clockDomain(1));
+    const AudioObjectID aggregate = aggregateOfAAndB();
     const auto uidsOf = [&](bool isInput) {
         return DXRDeviceNode::nodeWithDevice(device("both", isInput), std::nullopt, idle)->deviceUIDs();
     };
@@ -253,7 +208,7 @@ TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
     EXPECT_EQ(made["master"], "c") << "the first that is a device of a node";
     EXPECT_EQ(made["subdevices"].size(), 3U);
     EXPECT_EQ(made["subdevices"][0]["drift"], 1);
-    unplugged("b");
+    unplug("b");
     made = composition();
     ASSERT_EQ(made["subdevices"].size(), 2U) << "only parts that are there";
     EXPECT_EQ(made["subdevices"][0]["uid"], "a");
@@ -265,33 +220,48 @@ TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
 TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
 {
     const auto part = [&](const char* uid, float level) {
-        return aDevice().uid(uid).inputs(2).clockDomain(1).hears(constant(level));
+        return aDevice().uid(uid).inputs(2).clockDomain(1).hears(
+            [level](uint64_t, uint32_t frameCount, uint32_t channels, double, float* samples) {
+                std::fill_n(samples, size_t{frameCount} * channels, level);
+            });
     };
-    plugged(part("a", 0.25F));
-    plugged(part("b", 0.5F));
-    plugged(part("c", 0.75F));
-    const AudioObjectID aggregate = aggregateOf({"a", "b"});
+    const auto keepLast = [](std::vector<float>& last) {
+        last.reserve(8);
+        return [&last](uint64_t, DXRBuffer& given) {
+            last.assign(given.samples(), given.samples() + given.channelCount());
+        };
+    };
+    plug(part("a", 0.25F));
+    plug(part("b", 0.5F));
+    plug(part("c", 0.75F));
+    const AudioObjectID aggregate = aggregateOfAAndB();
     std::vector<float> heard, heardOfC;
-    ASSERT_TRUE(runner->addDevice(device("both", input), Channels{1, 2, 3, 4}, keepLast(heard)));
+    ASSERT_TRUE(runner->addDevice(device("both", input), Channels{1, 2, 3, 4, 9}, keepLast(heard)));
     ASSERT_TRUE(runner->addDevice(device("c", input), Channels{1, 2}, keepLast(heardOfC)));
-    const auto expectHeard = [&](const char* when, const std::vector<float>& expected) {
-        settleEngine();
+    const auto expectHeard = [&](const char* when, const std::vector<float>& expected, float ofC = 0.75F) {
+        settle();
         hal.stepCycles(60);
-        EXPECT_EQ(heard, expected) << when;
-        EXPECT_EQ(heardOfC, (std::vector<float>{0.75F, 0.75F})) << when;
+        EXPECT_EQ(std::vector(heard.begin(), heard.end() - 1), expected) << when;
+        EXPECT_EQ(heard.back(), 0) << "no such channel";
+        EXPECT_EQ(heardOfC, (std::vector<float>{ofC, ofC})) << when;
     };
-    unplugged("a");
+    unplug("a");
     runner->start();
     expectHeard("started without the first part", {0, 0, 0.5F, 0.5F});
-    plugged(part("a", 0.25F));
+    plug(part("a", 0.25F));
     expectHeard("all there", {0.25F, 0.25F, 0.5F, 0.5F});
-    unplugged("a");
+    unplug("a");
     expectHeard("the first part absent", {0, 0, 0.5F, 0.5F});
-    plugged(part("a", 0.25F));
+    plug(part("a", 0.25F));
     expectHeard("back again", {0.25F, 0.25F, 0.5F, 0.5F});
-    unplugged("b");
+    unplug("c");
+    expectHeard("the other device absent", {0.25F, 0.25F, 0.5F, 0.5F}, 0);
+    EXPECT_EQ(runner->activeDevices(), Devices{device("both", input)});
+    EXPECT_EQ(runner->latencies().size(), 1U) << "nothing is made for it";
+    plug(part("c", 0.75F));
+    unplug("b");
     expectHeard("the second part absent", {0.25F, 0.25F, 0, 0});
-    unplugged("a");
+    unplug("a");
     expectHeard("both absent", {0, 0, 0, 0});
     runner->stop();
     EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);
@@ -299,9 +269,9 @@ TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
 
 TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
 {
-    plugged(aDevice().uid("a").outputs(2).outputs(2).clockDomain(1));
-    plugged(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(0)));
-    plugged(aDevice().uid("loop").inputs(2).clockDomain(1).hears(simulatedRamp()));
+    plug(aDevice().uid("a").outputs(2).outputs(2).clockDomain(1));
+    plug(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(0)));
+    plug(aDevice().uid("loop").inputs(2).clockDomain(1).hears(simulatedRamp()));
     ASSERT_TRUE(runner->addDevice(device("a", output), Channels{1, 2}, [](uint64_t, DXRBuffer& given) {
         std::fill_n(given.samples(), size_t{given.frameCount()} * 2, -1.0F);
     }));
@@ -310,7 +280,7 @@ TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
     hal.stepCycles(10);
     hal.reconfigure("a", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2); });
     hal.reconfigure("b", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2).outputs(2); });
-    settleEngine();
+    settle();
     hal.stepCycles(100);
     EXPECT_GT(exactFrames(), 20U * frames);
     EXPECT_EQ(std::ranges::count(played, -1.0F), 0) << "what is for the other device";
@@ -344,16 +314,16 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
     ASSERT_TRUE(runner->addDefaultDevice(Direction::Output, std::nullopt, ramp)) << "before there is any";
     EXPECT_FALSE(runner->addDefaultDevice(Direction::Output, std::nullopt, ramp));
     EXPECT_TRUE(runner->devices().empty());
-    plugged(speaker("one"));
+    plug(speaker("one"));
     ASSERT_TRUE(runner->setFrameCount(frames));
     runner->start();
     EXPECT_EQ(runner->activeDevices(), Devices{device("one", output)});
-    plugged(speaker("two"));
+    plug(speaker("two"));
     for (int change = 0; change < 100; ++change) {
         hal.stepCycles(4);
         const char* const uid = change % 2 == 0 ? "two" : "one";
         ASSERT_TRUE(hal.setDefault(HALDirection::Output, uid));
-        settleEngine();
+        settle();
         ASSERT_EQ(runner->activeDevices(), Devices{device(uid, output)});
     }
     hal.stepCycles(4);
@@ -364,9 +334,9 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
 
     runner->removeDevice(device("one", output));
     EXPECT_EQ(runner->devices().size(), 1U) << "the default device is removed as such";
-    ASSERT_TRUE(runner->addDevice(device("two", output), std::nullopt, [](uint64_t, DXRBuffer&) {}));
+    ASSERT_TRUE(runner->addDevice(device("two", output), std::nullopt, idle));
     hal.setDefault(HALDirection::Output, "two");
-    settleEngine();
+    settle();
     EXPECT_EQ(runner->devices().size(), 2U) << "one that was added by itself is not taken over";
     runner->removeDefaultDevice(Direction::Output);
     EXPECT_EQ(runner->devices(), Devices{device("two", output)});
@@ -375,37 +345,29 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
     EXPECT_EQ(runner->devices(), Devices{device("two", output)}) << "at once where there is one";
 }
 
-// The calls that no device is needed for, on an IO thread: stop() must allocate nothing there, the others assert.
+// On an IO thread stop() must allocate nothing; what waits for the queue asserts.
 TEST_F(EngineCyclesTest, stopsFromAnIOBlock)
 {
-    plugged(aDevice().uid("out").outputs(2));
-    uint32_t asserted = 0, calls = 0;
+    plug(aDevice().uid("out").outputs(2));
+    uint32_t calls = 0;
     ASSERT_TRUE(runner->addDevice(device("out", output), std::nullopt, [&](uint64_t, DXRBuffer&) {
         runner->stop();
         ++calls;
         const CXRealtimeExemption exemption("assertions that fail");
-        const std::function<void()> forbidden[] = {[&] { runner->start(); },
-                                                   [&] { runner->setFrameCount(64); }};
-        for (const auto& call : forbidden) {
-            try {
-                call();
-            } catch (const CXException&) {
-                ++asserted;
-            }
-        }
+        EXPECT_THROW(runner->start(), CXException);
+        EXPECT_THROW(runner->setFrameCount(64), CXException);
     }));
     runner->start();
     hal.stepCycles(1);
-    settleEngine();
+    settle();
     EXPECT_FALSE(runner->isRunning());
     hal.stepCycles(5);
     EXPECT_EQ(calls, 1U);
-    EXPECT_EQ(asserted, 2U);
 }
 
 TEST_F(EngineCyclesTest, endsTheProcessWithAClearMessageWhenABlockThrows)
 {
-    plugged(aDevice().uid("thrower").outputs(2));
+    plug(aDevice().uid("thrower").outputs(2));
     for (const bool isKnown : {true, false}) {
         runner->addDevice(device("thrower", output), std::nullopt, [=](uint64_t, DXRBuffer&) {
             const CXRealtimeExemption exemption("what the test does in a cycle");

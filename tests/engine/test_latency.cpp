@@ -2,9 +2,7 @@
 
 #include "EngineComputer.h"
 
-#include <chrono>
 #include <cmath>
-#include <thread>
 
 namespace {
 
@@ -89,8 +87,8 @@ TEST_F(LatencyTest, isWhatARampMeasures)
                     for (const uint32_t otherFrames : {64U, 256U, 512U}) {
                         if (otherFrames != frames && kind.otherDomain == 1)
                             continue; // these have one cycle
-                        plugged(duplex("one", {frames, rate, 1, 16, 40}));
-                        plugged(duplex("other", {otherFrames, rate, kind.otherDomain, 24, 7}));
+                        plug(duplex("one", {frames, rate, 1, 16, 40}));
+                        plug(duplex("other", {otherFrames, rate, kind.otherDomain, 24, 7}));
                         const char* const out = kind.isOneDevice ? "one" : "other";
                         const double measured = measuredDelay("one", out, runnerFrames, runnerRate) * rate;
                         const auto said = runner->roundTripSeconds(device("one", input), device(out, output));
@@ -101,8 +99,8 @@ TEST_F(LatencyTest, isWhatARampMeasures)
                         runner->stop();
                         runner->removeDevice(device("one", input));
                         runner->removeDevice(device(out, output));
-                        unplugged("one");
-                        unplugged("other");
+                        unplug("one");
+                        unplug("other");
                     }
                 }
             }
@@ -115,14 +113,14 @@ TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
 {
     constexpr double rate = 48000;
     constexpr uint32_t latency = 7;
-    plugged(duplex("clock", {256, rate, 1, 16, 40}));
-    plugged(duplex("other", {512, rate, 2, 24, latency}));
+    plug(duplex("clock", {256, rate, 1, 16, 40}));
+    plug(duplex("other", {512, rate, 2, 24, latency}));
     runner->setFrameCount(100);
     double heardLate = 1; // seconds
     const auto secondsOf = [this](const DXRBuffer& buffer) {
         return static_cast<double>(buffer.hostTime()) / ticksPerSecond - _begin;
     };
-    ASSERT_TRUE(runner->addDevice(device("clock", input), Channels{1}, [](uint64_t, DXRBuffer&) {}));
+    ASSERT_TRUE(runner->addDevice(device("clock", input), Channels{1}, idle));
     ASSERT_TRUE(runner->addDevice(device("other", input), Channels{1}, [&](uint64_t, DXRBuffer& heard) {
         heardLate = secondsOf(heard) - static_cast<double>(heard.samples()[0]) - latency / rate;
     }));
@@ -138,20 +136,20 @@ TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
     const auto framesOff = [&] {
         return std::max(std::abs(heardLate), std::abs(_late - latency / rate)) * rate;
     };
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     advance(10); // until the clocks are known
-    while (framesOff() > 0.75 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10)); // rings are looked at in real time
-        advance(0.1);
-    }
+    eventually([&] { return framesOff() <= 0.75; },
+               [&] {
+                   sleepForMilliseconds(10); // rings are looked at in real time
+                   advance(0.1);
+               });
     advance(1);
     EXPECT_LT(framesOff(), 1);
 }
 
 TEST_F(LatencyTest, saysWhatHoldsTheFrames)
 {
-    plugged(duplex("one", {256, 48000, 1, 16, 40}));
-    plugged(duplex("other", {256, 48000, 2, 24, 7}));
+    plug(duplex("one", {256, 48000, 1, 16, 40}));
+    plug(duplex("other", {256, 48000, 2, 24, 7}));
     measuredDelay("one", "other", 100, 48000);
     const std::vector<DXRDeviceLatency> all = runner->latencies();
     ASSERT_EQ(all.size(), 2U);

@@ -3,7 +3,6 @@
 #include "CXDispatchQueue.h"
 #include "CXTimeBase.h"
 
-#include <future>
 #include <thread>
 
 constexpr uint64_t millisecond = 1'000'000; // host ticks
@@ -39,22 +38,4 @@ public:
 
 private:
     const CXRef<CXDispatchQueue> _queue;
-};
-
-/// Keeps a queue busy until open().
-class Gate {
-public:
-    explicit Gate(const TestQueue& queue)
-    {
-        std::promise<void> entered;
-        queue->dispatchAsync([this, &entered] {
-            entered.set_value();
-            _opened.get_future().wait();
-        });
-        entered.get_future().wait();
-    }
-    void open() { _opened.set_value(); }
-
-private:
-    std::promise<void> _opened;
 };

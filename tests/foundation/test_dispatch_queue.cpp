@@ -1,7 +1,10 @@
 #include "CXDispatchReceiver.h"
 #include "CXDispatchTimer.h"
 #include "CapturedLog.h"
+#include "Eventually.h"
+#include "Gate.h"
 #include "Privileges.h"
+#include "ReasonOf.h"
 #include "TestQueue.h"
 
 #include <gtest/gtest.h>
@@ -11,23 +14,12 @@
 
 namespace {
 
-std::string reasonOf(const std::function<void()>& body)
-{
-    try {
-        body();
-    } catch (const CXException& exception) {
-        EXPECT_EQ(exception.name(), "CXAssertionFailure");
-        return exception.reason().value_or("");
-    }
-    return "(none)";
-}
-
 TEST(CXDispatchQueue, runsLanesInOrderAndHousekeepingFirst)
 {
     const TestQueue queue;
     std::string order;
     const auto append = [&](char c) { return [&order, c] { order += c; }; };
-    Gate gate(queue);
+    Gate gate(*queue.ref());
     queue->dispatchAsync([&] {
         order += 'a';
         queue->dispatchAsync(CXDispatchHousekeepingLane, append('z'));
@@ -88,7 +80,7 @@ TEST(CXDispatchQueue, runsABypassBeforeWaitingClientWorkWhenBusy)
     const TestQueue queue;
     bool hasOvertaken = false;
     for (int delay = 1; delay < 100 && !hasOvertaken; ++delay) {
-        Gate gate(queue);
+        Gate gate(*queue.ref());
         bool hasClientRun = false;
         pthread_t inside = 0;
         queue->dispatchAsync([&] { hasClientRun = true; });
@@ -98,7 +90,7 @@ TEST(CXDispatchQueue, runsABypassBeforeWaitingClientWorkWhenBusy)
                 hasOvertaken = !hasClientRun;
             });
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay)); // for the other thread to push
+        sleepForMilliseconds(delay); // for the other thread to push
         gate.open();
         other.join();
         queue.settle();
@@ -164,12 +156,9 @@ TEST(CXDispatchQueueDeathTest, endsTheProcessAtABrokenRule)
     EXPECT_DEATH(destroyWhileBusy(*CXDispatchQueue::init().leak()), message);
 }
 
-/// Whether the queue's thread ends, within far longer than it needs.
 bool threadEnds(const CXDispatchQueue& queue)
 {
-    for (int i = 0; i < 20'000 && queue.thread() != 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return queue.thread() == 0;
+    return eventually([&] { return queue.thread() == 0; });
 }
 
 TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndRunsWhatIsAllowedAfterwards)
@@ -232,7 +221,7 @@ TEST(CXDispatchQueue, isRealTimeWhenSetRealTimeReturnsThoughItIsBorrowedAndATime
             queue->setRealTime();
             EXPECT_TRUE(isSettled(queue->thread(), log));
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(50)); // for the other thread to push
+        sleepForMilliseconds(50); // for the other thread to push
     });
     other.join();
     restless->cancel();
@@ -257,7 +246,8 @@ TEST(CXDispatchQueueDeathTest, logsARefusalOfRealTimeWithItsError)
     EXPECT_EXIT(refused(), testing::ExitedWithCode(0), "thread_policy_set returned 1 for period 1000000\n$");
 }
 
-// Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait.
+// Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait. The queue's thread, which sleeps
+// until the timer's first deadline, wakes for the earlier one.
 TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
 {
     const TestQueue queue;
@@ -268,6 +258,7 @@ TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
         if (++fired < 5)
             self->setTimeoutAbsolute(self->deadline() + millisecond, 0);
     });
+    timer->setTimeoutAbsolute(now() + 3600'000 * millisecond, 0);
     timer->setDispatchQueue(queue.ref());
     const CXDispatchQueue::Work work = [] {};
     queue.waitUntilIdle();
@@ -276,12 +267,11 @@ TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
         for (int i = 0; i < 3; ++i)
             queue->dispatchSyncBypassOnce([] {});
         queue->dispatchSyncBypass([&] { timer->setTimeoutAbsolute(now() + millisecond, 0); });
-        for (int i = 0; i < 100; ++i)
-            queue->dispatchAsync(work);
     }
-    while (fired < 5)
-        queue.settle();
-    timer->cancel();
+    EXPECT_TRUE(eventually([&] { return fired == 5; }));
+    const CXRealtimeScope realtime;
+    for (int i = 0; i < 100; ++i)
+        queue->dispatchAsync(work);
 }
 
 } // namespace

@@ -1,10 +1,9 @@
-#include "CXException.h"
 #include "CXLockFreeReference.h"
+#include "ReasonOf.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <thread>
 #include <vector>
 
@@ -26,16 +25,6 @@ private:
     }
     std::atomic<int> _mark{0x5EED};
 };
-
-std::string reasonOf(const std::function<void()>& body)
-{
-    try {
-        body();
-    } catch (const CXException& exception) {
-        return exception.reason().value_or("");
-    }
-    return "(none)";
-}
 
 constexpr uint64_t word(uint64_t generation, uint64_t index)
 {

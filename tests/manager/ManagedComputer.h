@@ -1,9 +1,19 @@
 #pragma once
 
 #include "DXRDeviceManager.h"
+#include "Eventually.h"
 #include "SimulatedComputer.h"
 
-#include <chrono>
+/// A monitor whose UID contains the port it is on.
+inline std::string monitorUID(const std::string& port)
+{
+    return "AppleGFXHDAEngineOutputDP:" + port + ":{1234}";
+}
+inline SimulatedDeviceBuilder monitor(const std::string& port)
+{
+    SimulatedDeviceBuilder made = aDevice().uid(monitorUID(port)).name("Monitor").outputs(2);
+    return made.transport(kAudioDeviceTransportTypeDisplayPort);
+}
 
 /// A simulated computer whose devices are managed.
 class ManagedComputer : public SimulatedComputer {
@@ -27,7 +37,7 @@ protected:
     }
 
     /// Waits until every change so far has been through the manager, and the main queue is empty.
-    void settle()
+    virtual void settle()
     {
         for (int round = 0; round < 3; ++round) { // an update may request another
             settleHardware();
@@ -35,16 +45,10 @@ protected:
         }
         settleHardware();
     }
-    /// Whether the condition holds within ten seconds of settling again and again.
-    template <class Condition> bool becomesTrue(Condition condition)
+    bool becomesTrue(const std::function<bool()>& condition)
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        do {
-            settle();
-            if (condition())
-                return true;
-        } while (std::chrono::steady_clock::now() < deadline);
-        return false;
+        settle();
+        return eventually(condition, [this] { settle(); });
     }
     AudioObjectID plug(const SimulatedDeviceBuilder& device)
     {

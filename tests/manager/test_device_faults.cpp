@@ -7,8 +7,6 @@
 
 namespace {
 
-using Devices = DXRDeviceManager::Devices;
-
 /// The state of a manager, comparable with that of another one.
 std::vector<std::string> stateOf(const DXRDeviceManager& manager)
 {
@@ -31,15 +29,6 @@ SimulatedDeviceBuilder card(const std::string& uid)
     SimulatedDeviceBuilder made = aDevice().uid(uid).name("Card").manufacturer("Maker").inputs(1).outputs(2);
     made.source(HALDirection::Output, 1, "Line").source(HALDirection::Output, 2, "Phones");
     return made.volume(HALDirection::Output, 0.5F).mute(HALDirection::Output, false);
-}
-
-std::string monitorUID(const std::string& port)
-{
-    return "AppleGFXHDAEngineOutputDP:" + port + ":{9}";
-}
-SimulatedDeviceBuilder monitor(const std::string& port)
-{
-    return aDevice().uid(monitorUID(port)).transport(kAudioDeviceTransportTypeDisplayPort).outputs(2);
 }
 
 class DXRDeviceFaults : public ManagedComputer {

@@ -27,17 +27,6 @@ SimulatedDeviceBuilder hiddenDevice(const std::string& uid)
     return aDevice().uid(uid).hidden().outputs(2);
 }
 
-/// A monitor whose UID contains the port it is on.
-std::string monitorUID(const std::string& port)
-{
-    return "AppleGFXHDAEngineOutputDP:" + port + ":{1234}";
-}
-SimulatedDeviceBuilder monitor(const std::string& port)
-{
-    SimulatedDeviceBuilder made = aDevice().uid(monitorUID(port)).name("Monitor").outputs(2);
-    return made.transport(kAudioDeviceTransportTypeDisplayPort);
-}
-
 TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
 {
     std::vector<size_t> counts; // of the list, before and after each of its changes
@@ -362,10 +351,7 @@ TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
             EXPECT_TRUE(*alive);
         };
         manager.addDeviceNotifier(queue, block);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (calls == 0 && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::yield();
-        EXPECT_GT(calls, 0);
+        EXPECT_TRUE(eventually([&] { return calls > 0; }, std::this_thread::yield));
         manager.removeDeviceNotifier(block, DXRDeviceManager::WhenRunning::Wait);
         *isAlive = false;
     }

@@ -1,5 +1,4 @@
 #include "CXBlockRef.h"
-#include "CXRealtime.h"
 #include "CXWeak.h"
 
 #include <gtest/gtest.h>
@@ -78,19 +77,6 @@ TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
             thread.join();
     }
     EXPECT_EQ(ended, rounds);
-}
-
-TEST(CXRealtimeScope, isCheckedOutsideExemptions)
-{
-    EXPECT_FALSE(CXRealtimeScope::isChecked());
-    const CXRealtimeScope outer;
-    EXPECT_TRUE(CXRealtimeScope::isChecked());
-    {
-        const CXRealtimeScope inner;
-        const CXRealtimeExemption exemption("it is the subject");
-        EXPECT_FALSE(CXRealtimeScope::isChecked());
-    }
-    EXPECT_TRUE(CXRealtimeScope::isChecked());
 }
 
 TEST(CXBlock, hasTheIdentityOfItsFirstBlock)

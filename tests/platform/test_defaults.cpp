@@ -1,5 +1,6 @@
 #include "CapturedLog.h"
 #include "DefaultsSuite.h"
+#include "Eventually.h"
 #include "InChild.h"
 
 #include <gtest/gtest.h>
@@ -44,13 +45,6 @@ std::string contents()
     for (const auto& [key, row] : snapshot->rows())
         text += key + "=" + row->value() + " ";
     return text;
-}
-
-template <class Condition> bool comesTrue(Condition condition)
-{
-    for (int i = 0; i < 2000 && !condition(); ++i)
-        std::this_thread::sleep_for(5ms);
-    return condition();
 }
 
 std::string textOf(const fs::path& path)
@@ -140,14 +134,14 @@ TEST_F(Defaults, notifyObserversOfTheirKeyOnly)
         const uint64_t observer = suite()->addObserver("a", [&] { ++ofA; });
         suite()->addObserver("b", [&] { ++ofB; });
         EXPECT_TRUE(write("a", "1"));
-        EXPECT_TRUE(comesTrue([&] { return ofA == 1; })) << "of this process";
+        EXPECT_TRUE(eventually([&] { return ofA == 1; })) << "of this process";
         Connection{file}("UPDATE entries SET value='2' WHERE key='a'");
-        EXPECT_TRUE(comesTrue([&] { return ofA == 2; })) << "of another";
+        EXPECT_TRUE(eventually([&] { return ofA == 2; })) << "of another";
         EXPECT_EQ(contents(), "a=2 ");
         suite()->removeObserver(observer);
         EXPECT_TRUE(write("a", "3"));
         EXPECT_TRUE(write("b", "1"));
-        EXPECT_TRUE(comesTrue([&] { return ofB == 1; }));
+        EXPECT_TRUE(eventually([&] { return ofB == 1; }));
         EXPECT_EQ(ofA, 2);
     });
 }
@@ -219,7 +213,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
             EXPECT_FALSE(write("b", std::nullopt));
             EXPECT_FALSE(suite()->synchronize());
             EXPECT_EQ(contents(), "a=1 " + before);
-            EXPECT_TRUE(comesTrue([&] { return calls == 1; }));
+            EXPECT_TRUE(eventually([&] { return calls == 1; }));
             EXPECT_EQ(log.lines().size(), 1U);
             EXPECT_NE(log.lines()[0].find(row.complaint), std::string::npos) << log.lines()[0];
         });
@@ -332,8 +326,9 @@ TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)
         std::atomic<int> calls{0};
         suite()->addObserver("unknown", [&] { ++calls; });
         EXPECT_EQ(flock(opener, LOCK_UN), 0);
-        EXPECT_TRUE(comesTrue([&] { return contents() == "a=3 old=1 "; }));
-        EXPECT_TRUE(comesTrue([&] { return calls == 1; })) << "a key that was not found may have a value now";
+        EXPECT_TRUE(eventually([&] { return contents() == "a=3 old=1 "; }));
+        EXPECT_TRUE(eventually([&] { return calls == 1; }))
+            << "a key that was not found may have a value now";
         EXPECT_TRUE(log.lines().empty());
     });
 }
@@ -344,18 +339,18 @@ TEST_F(Defaults, followFilesAndFoldersThatAreExchanged)
         std::atomic<int> calls{0};
         suite()->addObserver("old", [&] { ++calls; });
         EXPECT_TRUE(write("old", "1"));
-        EXPECT_TRUE(comesTrue([&] { return calls == 1; }));
+        EXPECT_TRUE(eventually([&] { return calls == 1; }));
 
         fs::rename(folder, home / "away");
-        EXPECT_TRUE(comesTrue([&] { return calls == 2; })) << "gone with its folder";
+        EXPECT_TRUE(eventually([&] { return calls == 2; })) << "gone with its folder";
         fs::copy(home / "away", home / "new");
         fs::rename(home / "new", folder);
-        EXPECT_TRUE(comesTrue([&] { return calls == 3; })) << "there again";
+        EXPECT_TRUE(eventually([&] { return calls == 3; })) << "there again";
         EXPECT_EQ(contents(), "old=1 ");
 
         for (const char* part : {"", "-wal", "-shm"})
             fs::remove(file.string() + part);
-        EXPECT_TRUE(comesTrue([&] { return calls == 4; })) << "gone with the file";
+        EXPECT_TRUE(eventually([&] { return calls == 4; })) << "gone with the file";
         EXPECT_FALSE(fs::exists(file)) << "and it is not made again unasked";
         EXPECT_TRUE(write("new", "1"));
         EXPECT_EQ(contents(), "new=1 ");

@@ -1,19 +1,15 @@
 #include "RealtimeScheduling.h"
 
+#include "PrivateBus.h"
 #include "Privileges.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <thread>
 #include <unistd.h>
@@ -22,48 +18,7 @@
 namespace dxr {
 namespace {
 
-/// A bus of our own, in place of the system's.
-class PrivateBus {
-public:
-    PrivateBus()
-    {
-        _folder = std::filesystem::temp_directory_path() / ("dxr_bus_" + std::to_string(getpid()));
-        std::filesystem::create_directory(_folder);
-        const std::string address = "unix:path=" + (_folder / "bus").string();
-        std::ofstream(_folder / "bus.conf")
-            << "<busconfig><listen>" << address << "</listen><policy context='default'><allow user='*'/>"
-            << "<allow own='*'/><allow send_destination='*'/><allow "
-               "receive_sender='*'/></policy></busconfig>";
-        const std::string config = "--config-file=" + (_folder / "bus.conf").string();
-        int ready[2];
-        EXPECT_EQ(pipe(ready), 0);
-        _daemon = fork();
-        if (_daemon == 0) {
-            const std::string printTo = "--print-address=" + std::to_string(ready[1]);
-            execlp("dbus-daemon", "dbus-daemon", "--nofork", config.c_str(), printTo.c_str(), nullptr);
-            _exit(127);
-        }
-        close(ready[1]);
-        char byte = 0;
-        _isUp = read(ready[0], &byte, 1) == 1; // its address: it listens
-        close(ready[0]);
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
-    }
-    ~PrivateBus()
-    {
-        kill(_daemon, SIGKILL);
-        waitpid(_daemon, nullptr, 0);
-        std::filesystem::remove_all(_folder);
-    }
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
-    bool isUp() const { return _isUp; }
-
-private:
-    std::filesystem::path _folder;
-    pid_t _daemon = -1;
-    bool _isUp = false;
-};
+constexpr const char* systemBus = "DBUS_SYSTEM_BUS_ADDRESS";
 
 /// Stands in for RealtimeKit on that bus, and records the calls. Like RealtimeKit, it checks the policy first and the
 /// priority then.
@@ -152,8 +107,7 @@ TEST(RealtimeScheduling, takesAFixedPriorityThatItsChildrenDoNotInherit)
 
 TEST(RealtimeScheduling, asksRealtimeKitWithinItsLimits)
 {
-    const PrivateBus bus;
-    ASSERT_TRUE(bus.isUp());
+    const PrivateBus bus(systemBus);
     const FakeRealtimeKit kit(FakeRealtimeKit::Policy::Grants);
     giveUpPrivileges();
     EXPECT_EQ(makeCurrentThreadRealtime().grant, RealtimeGrant::RealtimeKit);
@@ -165,8 +119,7 @@ TEST(RealtimeScheduling, asksRealtimeKitWithinItsLimits)
 
 TEST(RealtimeScheduling, leavesTheProcessAsItWasWhenRealtimeKitRefuses)
 {
-    const PrivateBus bus;
-    ASSERT_TRUE(bus.isUp());
+    const PrivateBus bus(systemBus);
     const FakeRealtimeKit kit(FakeRealtimeKit::Policy::Refuses);
     giveUpPrivileges();
     const rlimit before = runtimeLimit();
@@ -187,7 +140,7 @@ TEST(RealtimeScheduling, doesNotWaitLongForABusThatIsStuck)
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     ASSERT_EQ(listen(listener, 4), 0);
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + path).c_str(), 1);
+    setenv(systemBus, ("unix:path=" + path).c_str(), 1);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(makeCurrentThreadRealtime().grant, RealtimeGrant::None);
     EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);

@@ -1,4 +1,3 @@
-#include "CapturedLog.h"
 #include "LogSink.h"
 #include "Utf8.h"
 
@@ -32,10 +31,6 @@ TEST(Texts, areCleanedForPrintingAndCutAtWholeCharacters)
     EXPECT_EQ(dxr::utf8Prefix("\xFF\x80ä", 4), "\xFF\x80ä") << "bytes that are not UTF-8 count one by one";
     EXPECT_EQ(dxr::utf8Prefix("\xFF\x80ä", 3), "\xFF\x80");
     EXPECT_EQ(dxr::utf8Replaced("a\xFF\xFEäx\xC3"), "a��äx�");
-
-    const CapturedLog log;
-    dxr::LogSink::log("one");
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"one"});
 }
 
 } // namespace

@@ -1,40 +1,19 @@
 #pragma once
 
+#include "Eventually.h"
 #include "HALReads.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <mutex>
-#include <thread>
 
 // Running devices in tests, and listening to them.
 
 inline constexpr uint32_t input = kAudioObjectPropertyScopeInput;
 inline constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
-
-inline void sleepForMilliseconds(int milliseconds)
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
-/// Waits until `condition` holds, calling `meanwhile` in between. False after so long that only a fault takes
-/// longer.
-inline bool eventually(
-    const std::function<bool()>& condition,
-    const std::function<void()>& meanwhile = [] { sleepForMilliseconds(2); })
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        meanwhile();
-    }
-    return true;
-}
 
 /// Waits for a device; 0 when it does not come.
 inline AudioObjectID waitForDevice(HALModel& hal, const std::string& uid)

@@ -58,9 +58,14 @@ TEST(RealtimeCheck, leavesExemptionsAndOtherThreadsAlone)
         const CXRealtimeScope realtime;
         while (!allocated) {
         }
-        const CXRealtimeExemption exemption("the test means to");
-        allocated = *std::make_unique<bool>(false);
+        {
+            const CXRealtimeScope inner;
+            const CXRealtimeExemption exemption("the test means to");
+            allocated = *std::make_unique<bool>(false);
+        }
+        EXPECT_TRUE(CXRealtimeScope::isChecked()) << "the outer scope goes on";
     }
+    EXPECT_FALSE(CXRealtimeScope::isChecked());
     other.join();
     EXPECT_FALSE(allocated);
 }

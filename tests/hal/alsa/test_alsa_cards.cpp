@@ -1,10 +1,9 @@
 #include "AlsaTest.h"
 
 #include "AlsaReservation.h"
+#include "PrivateBus.h"
 #include "SoundServerSearch.h"
 
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
 
 namespace {
@@ -286,29 +285,6 @@ TEST(SoundServerSearch, findsAServerThatRunsOrIsAboutTo)
     EXPECT_TRUE(nowhere.isServerExpected());
 }
 
-/// A session bus of the test's own.
-class Bus {
-public:
-    Bus()
-    {
-        FILE* const output = popen("dbus-daemon --session --fork --print-address=1 --print-pid=1", "r");
-        char address[512]{};
-        EXPECT_EQ(std::fscanf(output, "%511s %d", address, &_process), 2);
-        pclose(output);
-        setenv("DBUS_SESSION_BUS_ADDRESS", address, 1);
-    }
-    ~Bus()
-    {
-        if (_process > 0) // others would mean many processes
-            kill(_process, SIGKILL);
-    }
-    Bus(const Bus&) = delete;
-    Bus& operator=(const Bus&) = delete;
-
-private:
-    pid_t _process = 0;
-};
-
 /// A program that uses a card until it is asked to give it up.
 class Program final : public AlsaReservation::Holder {
 public:
@@ -322,7 +298,7 @@ public:
 
 TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
 {
-    const Bus bus;
+    const PrivateBus bus("DBUS_SESSION_BUS_ADDRESS");
     Program ours(3), theirs(3), other(4);
     EXPECT_EQ(ours.acquire(), 0);
     EXPECT_EQ(other.acquire(), 0) << "another card";

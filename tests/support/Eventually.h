@@ -1,0 +1,25 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+inline void sleepForMilliseconds(int milliseconds)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+/// Waits until `condition` holds, calling `meanwhile` in between. False after so long that only a fault takes
+/// longer.
+inline bool eventually(
+    const std::function<bool()>& condition,
+    const std::function<void()>& meanwhile = [] { sleepForMilliseconds(2); })
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        meanwhile();
+    }
+    return true;
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+/// A message bus of the test's own, in place of the one whose address is in an environment variable.
+class PrivateBus {
+public:
+    explicit PrivateBus(const char* variable)
+    {
+        int ends[2];
+        EXPECT_EQ(pipe(ends), 0);
+        const std::string print = "--print-address=" + std::to_string(ends[1]);
+        _daemon = fork();
+        if (_daemon == 0) {
+            execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", print.c_str(), nullptr);
+            _exit(127);
+        }
+        close(ends[1]);
+        char line[512]{};
+        const ssize_t size = read(ends[0], line, sizeof line - 1); // when it listens
+        close(ends[0]);
+        EXPECT_GT(size, 1) << "dbus-daemon does not run";
+        const std::string address(line);
+        setenv(variable, address.substr(0, address.find('\n')).c_str(), 1);
+    }
+    ~PrivateBus()
+    {
+        kill(_daemon, SIGKILL);
+        waitpid(_daemon, nullptr, 0);
+    }
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+
+private:
+    pid_t _daemon = -1;
+};
