@@ -3,7 +3,6 @@
 #include "DeviceLookup.h"
 #include "DeviceProperties.h"
 #include "DisplayText.h"
-#include "HardwareChoice.h"
 #include "LiveLines.h"
 #include "RunnerSession.h"
 #include "TextFormat.h"
@@ -16,9 +15,8 @@
 
 namespace {
 
-struct Options {
-    explicit Options(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
+struct Options : HardwareChoice {
+    using HardwareChoice::HardwareChoice;
     std::string name;
     std::vector<std::string> devices;
     std::optional<std::string> clock;
@@ -130,7 +128,6 @@ void runSession(RunnerSession& session, const Aggregate& aggregate, std::optiona
 
 void run(Options& options)
 {
-    options.hardware.apply();
     const Interrupts interrupts;
     const Aggregate aggregate(options);
     const std::string name = shortText(options.name, 40);

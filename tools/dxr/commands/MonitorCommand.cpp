@@ -15,20 +15,13 @@
 
 namespace {
 
-constexpr const char* about =
-    "Runs the named devices, by default the default ones, also when these change. The outputs are silent "
-    "until the key l plays the inputs on them; q ends it.";
 constexpr size_t maxMessages = 200;
 constexpr std::chrono::milliseconds visitorsPause(1500); // slow enough to watch
-
-struct Options : RunnerOptions {
-    explicit Options(CLI::App& command) : RunnerOptions(command, about) {}
-};
 
 /// Runs the devices and draws their state until the user ends it.
 class Monitor {
 public:
-    explicit Monitor(Options& options);
+    explicit Monitor(RunnerOptions& options);
     ~Monitor() { dxr::LogSink::setWriter({}); }
     Monitor(const Monitor&) = delete;
     Monitor& operator=(const Monitor&) = delete;
@@ -48,7 +41,7 @@ private:
     void _readSession(MonitorState& state);
     MonitorState::Device _stateOf(const DeviceSelection& selection, size_t meter);
 
-    Options& _options;
+    RunnerOptions& _options;
     const Interrupts _interrupts;
     DeviceWatch _watch{false};
     const std::unique_ptr<SimulatedVisitor> _visitor; // null on real hardware
@@ -67,7 +60,7 @@ private:
     bool _isHeard = false, _isOver = false;
 };
 
-Monitor::Monitor(Options& options) : _options(options), _visitor(options.hardware().visitor(visitorsPause))
+Monitor::Monitor(RunnerOptions& options) : _options(options), _visitor(options.visitor(visitorsPause))
 {
     dxr::LogSink::setWriter([lines = _logLines](std::string_view line) {
         dxr::MainQueue::shared().async(
@@ -258,7 +251,7 @@ MonitorState::Device Monitor::_stateOf(const DeviceSelection& selection, size_t 
     return device;
 }
 
-void runMonitor(Options& options)
+void runMonitor(RunnerOptions& options)
 {
     options.find();
     Monitor(options).run();
@@ -270,6 +263,9 @@ void registerMonitorCommand(CLI::App& app)
 {
     const auto [command, options] = addCommand(
         app, "monitor", "Show devices, levels, cycles and clocks on the whole terminal", runMonitor);
+    options.setAbout(
+        "Runs the named devices, by default the default ones, also when these change. The outputs are silent "
+        "until the key l plays the inputs on them; q ends it.");
     options.addInputs("A device to record");
     options.addOutputs("A device to run");
 }
