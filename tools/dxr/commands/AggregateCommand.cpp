@@ -3,8 +3,7 @@
 #include "DeviceLookup.h"
 #include "DeviceProperties.h"
 #include "DisplayText.h"
-#include "LiveLines.h"
-#include "RunnerSession.h"
+#include "SessionScreen.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
@@ -105,25 +104,17 @@ private:
 /// Runs the aggregate silently until the time is over or the user ends it.
 void runSession(RunnerSession& session, const Aggregate& aggregate, std::optional<double> seconds)
 {
-    constexpr int tickMilliseconds = 200;
-    const Terminal terminal;
-    LiveLines live(terminal);
     session.beginCounting();
-    std::vector<std::string> last;
-    while (session.wait(tickMilliseconds) && !(seconds && session.seconds() >= *seconds)) {
-        for (const std::string& message : session.takeMessages())
-            live.printAbove(message);
-        std::vector<std::string> lines = last = aggregate.lines();
+    SessionScreen screen(session);
+    std::string last;
+    while (screen.wait() && !(seconds && session.seconds() >= *seconds)) {
+        std::vector<std::string> lines = aggregate.lines();
+        last = joined(lines, "\n");
         lines.push_back(formatSeconds(session.seconds()) + "   Ctrl-C ends");
-        for (std::string& line : lines)
-            line = clipToWidth(line, terminal.columns() - 1);
-        live.draw(lines);
+        screen.draw(lines);
     }
-    live.clear();
     session.stop();
-    for (const std::vector<std::string>& lines : {last, session.report()})
-        for (const std::string& line : lines)
-            std::cout << line << "\n";
+    screen.finish(last);
 }
 
 void run(Options& options)

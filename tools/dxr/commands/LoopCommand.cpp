@@ -39,8 +39,8 @@ void runLoop(RunnerSession& session, LoopPatch& patch, std::optional<double> sec
         const CycleStatistics& cycles = session.statistics();
         screen.draw(patch.meters(), formatSeconds(passed()) + "  " +
                                         formatCount(session.lostFrames(), "frame") + " lost, " +
-                                        formatCount(cycles.lateCycles(), "late cycle") + ", " +
-                                        formatCount(cycles.restarts(), "restart") + "   Ctrl-C ends");
+                                        formatCount(cycles.lateCycles, "late cycle") + ", " +
+                                        formatCount(cycles.restarts, "restart") + "   Ctrl-C ends");
     }
 }
 

@@ -46,8 +46,8 @@ void runTrace(RunnerSession& session, LoopPatch& patch, double seconds, ChromeTr
         notePresence(session, picture);
         const CycleStatistics& cycles = session.statistics();
         screen.draw(patch.meters(), formatSeconds(session.seconds()) + " of " + formatSeconds(seconds) +
-                                        ", " + formatCount(cycles.cyclesSeen(), "cycle") + ", " +
-                                        formatNumber(cycles.lateCycles()) + " late");
+                                        ", " + formatCount(cycles.cyclesSeen, "cycle") + ", " +
+                                        formatNumber(cycles.lateCycles) + " late");
     }
 }
 
