@@ -127,6 +127,13 @@ TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndRestoresIt)
     ASSERT_TRUE(monitor.waitFor("q quits   l plays the inputs on the ou…")) << monitor.output();
     monitor.press("l");
     ASSERT_TRUE(monitor.waitFor("l silences"));
+    monitor.press("\x1A");
+    ASSERT_TRUE(monitor.waitForStop());
+    ASSERT_TRUE(monitor.waitFor("\x1B[?1049l"));
+    EXPECT_TRUE(monitor.isCooked()) << "for the shell";
+    monitor.signal(SIGCONT);
+    ASSERT_TRUE(monitor.waitFor("\x1B[?1049l\x1B[?1049h")) << "the whole terminal again";
+    EXPECT_FALSE(monitor.isCooked());
     monitor.press("xyz\x1B[Aq");
     EXPECT_EQ(monitor.finish(), 0);
     expectRestored(monitor);
@@ -135,6 +142,7 @@ TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndRestoresIt)
         ToolProcess ended({"monitor", "--simulated", "--in", "sim-usb-mic", "--out", "sim-surround:1,2"},
                           true);
         ASSERT_TRUE(ended.waitFor("q quits")) << signal;
+        EXPECT_EQ(ended.output().find("Service"), std::string::npos) << "a hidden device";
         ended.signal(signal);
         EXPECT_EQ(ended.finish(), signal == SIGSEGV || signal == SIGABRT ? 128 + signal : 0);
         expectRestored(ended);
