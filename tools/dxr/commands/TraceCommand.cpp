@@ -28,14 +28,6 @@ std::string pictureNameFor(const std::string& trace)
     return picture == trace ? trace + ".svg" : picture.string();
 }
 
-void notePresence(const RunnerSession& session, CyclePicture& picture)
-{
-    std::vector<bool> isConnected;
-    for (const SessionDevice& device : session.devices())
-        isConnected.push_back(device.isConnected());
-    picture.notePresence(isConnected);
-}
-
 void runTrace(RunnerSession& session, LoopPatch& patch, double seconds, ChromeTraceWriter& file,
               CyclePicture& picture, SessionScreen& screen)
 {
@@ -43,7 +35,7 @@ void runTrace(RunnerSession& session, LoopPatch& patch, double seconds, ChromeTr
     while (screen.wait() && session.seconds() < seconds) {
         for (const std::string& line : screen.lastMessages())
             file.mark(line);
-        notePresence(session, picture);
+        picture.notePresence(session.connections());
         const CycleStatistics& cycles = session.statistics();
         screen.draw(patch.meters(), formatSeconds(session.seconds()) + " of " + formatSeconds(seconds) +
                                         ", " + formatCount(cycles.cyclesSeen, "cycle") + ", " +
@@ -71,15 +63,14 @@ void run(Options& options)
     CyclePicture picture;
     session.setRecords([&](std::span<const DXRCycleRecord> records) {
         file.write(records);
-        for (const DXRCycleRecord& record : records)
-            picture.note(record);
+        picture.note(records);
     });
     const CXRef<LoopPatch> patch = LoopPatch::initWithSelections(options.inputs(), options.outputs());
     patch->addTo(session);
     if (!session.start())
         return;
     std::cout << title << ", " << formatRate(session.sampleRate()) << std::endl;
-    notePresence(session, picture);
+    picture.notePresence(session.connections());
     SessionScreen screen(session);
     runTrace(session, *patch, options.seconds().value_or(usualSeconds), file, picture, screen);
     session.stop();

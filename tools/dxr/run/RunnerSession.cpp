@@ -134,6 +134,14 @@ uint64_t RunnerSession::lostFrames() const
     return lost;
 }
 
+std::vector<bool> RunnerSession::connections() const
+{
+    std::vector<bool> all;
+    for (const SessionDevice& device : _devices)
+        all.push_back(device.isConnected());
+    return all;
+}
+
 std::optional<double> RunnerSession::latencySeconds(HALDirection direction) const
 {
     const std::vector<DXRDeviceLatency> all =

@@ -63,6 +63,7 @@ public:
     /// while it does not run.
     std::optional<double> latencySeconds(HALDirection direction) const;
     const std::vector<SessionDevice>& devices() const { return _devices; }
+    std::vector<bool> connections() const; ///< whether each of the devices is connected
     uint64_t sampleTime() const { return _runner ? _runner->sampleTime() : 0; } ///< of the next block
     /// The source of the cycles: "3 devices as one, by the clock of Desk", "Desk alone", "no device: …".
     std::string contextText() const;
