@@ -27,9 +27,7 @@ TEST_F(ToolAudio, loopsEveryFrameToEveryOutputWithAnyCycles)
         const DeviceSelection also = plugged(player("out2", alsoPlayed).sampleRate(row.rate), "out2", Output);
         RunnerSession session(interrupts,
                               row.blockFrames != 0 ? std::optional(row.blockFrames) : std::nullopt, row.rate);
-        const CXRef<LoopPatch> patch = LoopPatch::initWithSelections({input}, {output, also});
-        start(session, patch);
-        patch->setOpen();
+        const CXRef<LoopPatch> patch = startLoop(session, {input}, {output, also});
         advance(session, 5 * second);
         session.stop();
         EXPECT_EQ(session.lostFrames(), 0U);
@@ -49,10 +47,7 @@ TEST_F(ToolAudio, reportsEveryLostCycleAndIsExactBetweenThem)
         player("in", played).inputs(1).hears(simulatedRamp()).bufferFrameSize(64);
     const DeviceSelection input = plugged(both, "in", Input);
     RunnerSession session(interrupts, std::nullopt, std::nullopt);
-    const CXRef<LoopPatch> patch =
-        LoopPatch::initWithSelections({input}, {DeviceSelection::find("in", Output)});
-    start(session, patch);
-    patch->setOpen();
+    startLoop(session, {input}, {DeviceSelection::find("in", Output)});
     advance(session, second);
     for (int i = 0; i < 3; ++i) {
         hal.loseCycles("in", 2);
@@ -76,10 +71,7 @@ TEST_F(ToolAudio, followsTheDefaultDevice)
     hal.setDefault(Output, "out");
     settle();
     RunnerSession session(interrupts, 512, 48000);
-    const CXRef<LoopPatch> patch =
-        LoopPatch::initWithSelections({input}, {DeviceSelection::find("default", Output)});
-    start(session, patch);
-    patch->setOpen();
+    startLoop(session, {input}, {DeviceSelection::find("default", Output)});
     advance(session, second / 2);
     EXPECT_TRUE(alsoPlayed.empty());
     hal.setDefault(Output, "out2");
