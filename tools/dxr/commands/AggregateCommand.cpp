@@ -33,12 +33,12 @@ public:
                             {"subdevices", CXPlist::array()},
                             {"private", 1}};
         for (const std::string& wanted : options.devices) {
-            const DeviceReport device = DeviceLookup::find(wanted);
+            const DeviceReport device = findDevice(wanted);
             description["subdevices"].push_back({{"uid", device.uid}});
             _names.push_back(device.shortName());
         }
         if (options.clock)
-            description["master"] = DeviceLookup::find(*options.clock).uid;
+            description["master"] = findDevice(*options.clock).uid;
         const HALStatus status =
             AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(description).get(), &_deviceID);
         if (status != kAudioHardwareNoError)

@@ -14,7 +14,7 @@ DeviceArgument::DeviceArgument(CLI::App& command, Sides sides) : HardwareChoice(
 
 DeviceReport DeviceArgument::report() const
 {
-    return DeviceLookup::find(_device, side());
+    return findDevice(_device, side());
 }
 
 std::optional<HALDirection> DeviceArgument::side() const
