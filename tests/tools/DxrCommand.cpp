@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <sndfile.h>
 #include <sstream>
 #include <sys/wait.h>
 
@@ -63,19 +62,6 @@ bool hasControls(const std::string& text)
 {
     return std::ranges::any_of(
         text, [](char c) { return (static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7F; });
-}
-
-std::vector<float> samplesOf(const std::string& path, int& channels)
-{
-    SF_INFO info{};
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
-    const bool isFloat = file && info.format == (SF_FORMAT_WAVEX | SF_FORMAT_FLOAT);
-    std::vector<float> samples(isFloat ? static_cast<size_t>(info.frames * info.channels) : 0);
-    if (isFloat)
-        sf_readf_float(file, samples.data(), info.frames);
-    channels = info.channels;
-    sf_close(file);
-    return samples;
 }
 
 std::string wave(uint32_t declaredBytes, size_t heldBytes)

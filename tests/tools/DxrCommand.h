@@ -14,7 +14,11 @@ using nlohmann::json;
 class DxrCommand : public testing::Test {
 protected:
     DxrCommand();
-    ~DxrCommand() override { std::filesystem::remove_all(folder); }
+    ~DxrCommand() override
+    {
+        std::filesystem::current_path("/"); // a case may have entered the folder
+        std::filesystem::remove_all(folder);
+    }
 
     std::string path(const std::string& name) const { return folder / name; }
     std::string file(const std::string& name, const std::string& content) const;
@@ -38,7 +42,5 @@ std::string contentOf(const std::string& path);
 void expectContains(const std::string& text, const std::string& part);
 /// Whether a character in it controls a terminal.
 bool hasControls(const std::string& text);
-/// The samples of a 32-bit float WAV file, and its channels; nothing when it is none.
-std::vector<float> samplesOf(const std::string& path, int& channels);
 /// A WAV file of one channel whose header declares so many bytes of samples.
 std::string wave(uint32_t declaredBytes, size_t heldBytes);

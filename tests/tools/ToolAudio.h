@@ -75,6 +75,21 @@ protected:
         while (!session.isCounting())
             advance(session, second / 20);
     }
+    CXRef<LoopPatch> startLoop(RunnerSession& session, const std::vector<DeviceSelection>& inputs,
+                               const std::vector<DeviceSelection>& outputs)
+    {
+        const CXRef<LoopPatch> patch = LoopPatch::initWithSelections(inputs, outputs);
+        start(session, patch);
+        patch->setOpen();
+        return patch;
+    }
+    CXRef<FileRecorder> startRecorder(RunnerSession& session, const std::vector<DeviceSelection>& inputs)
+    {
+        const CXRef<FileRecorder> recorder = FileRecorder::initWithInputs(inputs);
+        start(session, recorder);
+        recorder->open(session.sampleRate());
+        return recorder;
+    }
     /// In small steps, so that the session sees everything.
     void advance(RunnerSession& session, int64_t ticks)
     {

@@ -106,6 +106,15 @@ void ToolProcess::signal(int number) const
     kill(_child, number);
 }
 
+bool ToolProcess::waitForStop() const
+{
+    const auto until = std::chrono::steady_clock::now() + patience;
+    int status = 0;
+    while (waitpid(_child, &status, WUNTRACED | WNOHANG) == 0 && std::chrono::steady_clock::now() < until)
+        usleep(10'000);
+    return WIFSTOPPED(status);
+}
+
 void ToolProcess::press(const std::string& keys) const
 {
     [[maybe_unused]] const ssize_t written = write(_outputFD, keys.data(), keys.size());

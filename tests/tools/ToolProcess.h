@@ -22,6 +22,8 @@ public:
     /// Reads its output until `text` has come; false when it ends, or half a minute passes, before that.
     bool waitFor(const std::string& text);
     void signal(int number) const;
+    /// Whether it stops, as by Ctrl-Z, within half a minute.
+    bool waitForStop() const;
     /// On a terminal: presses keys, and gives it another size.
     void press(const std::string& keys) const;
     void resize(unsigned short columns, unsigned short rows) const;

@@ -127,6 +127,13 @@ TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndRestoresIt)
     ASSERT_TRUE(monitor.waitFor("q quits   l plays the inputs on the ou…")) << monitor.output();
     monitor.press("l");
     ASSERT_TRUE(monitor.waitFor("l silences"));
+    monitor.press("\x1A");
+    ASSERT_TRUE(monitor.waitForStop());
+    ASSERT_TRUE(monitor.waitFor("\x1B[?1049l"));
+    EXPECT_TRUE(monitor.isCooked()) << "for the shell";
+    monitor.signal(SIGCONT);
+    ASSERT_TRUE(monitor.waitFor("\x1B[?1049l\x1B[?1049h")) << "the whole terminal again";
+    EXPECT_FALSE(monitor.isCooked());
     monitor.press("xyz\x1B[Aq");
     EXPECT_EQ(monitor.finish(), 0);
     expectRestored(monitor);
@@ -135,6 +142,7 @@ TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndRestoresIt)
         ToolProcess ended({"monitor", "--simulated", "--in", "sim-usb-mic", "--out", "sim-surround:1,2"},
                           true);
         ASSERT_TRUE(ended.waitFor("q quits")) << signal;
+        EXPECT_EQ(ended.output().find("Service"), std::string::npos) << "a hidden device";
         ended.signal(signal);
         EXPECT_EQ(ended.finish(), signal == SIGSEGV || signal == SIGABRT ? 128 + signal : 0);
         expectRestored(ended);
@@ -147,26 +155,21 @@ TEST_F(DxrCommand, monitorsOnTheWholeTerminalAndRestoresIt)
     EXPECT_EQ(unknown.output().find("\x1B[?1049h"), std::string::npos) << "an error stays readable";
 }
 
-TEST_F(DxrCommand, drawsTheSamplersResponse)
+TEST_F(DxrCommand, plotsTheSamplerAndHowClocksAreFollowed)
 {
-    const ToolResult result =
+    const ToolResult response =
         runTool({"plot", "response", "--from", "48000", "--to", "44100", path("r.svg")});
-    double hertz = 0, response = 0, alias = 0, noise = 0;
-    const std::vector<std::string> lines = linesOf(result.output);
-    ASSERT_EQ(lines.size(), 6U) << result.output << result.errors;
-    ASSERT_EQ(std::sscanf(lines[2].c_str(), "%lf Hz %lf dB %lf dB %lf dB", &hertz, &response, &alias, &noise),
-              4);
+    double hertz = 0, gain = 0, alias = 0, noise = 0;
+    const std::vector<std::string> lines = linesOf(response.output);
+    ASSERT_EQ(lines.size(), 6U) << response.output << response.errors;
+    ASSERT_EQ(std::sscanf(lines[2].c_str(), "%lf Hz %lf dB %lf dB %lf dB", &hertz, &gain, &alias, &noise), 4);
     EXPECT_NEAR(hertz, 1000, 50);
-    EXPECT_NEAR(response, 0, 0.05);
+    EXPECT_NEAR(gain, 0, 0.05);
     EXPECT_NEAR(noise, 71.5, 3);
     EXPECT_LT(alias, -90);
+    expectContains(runTool({"plot", "drift", "--ppm", "100", "--seconds", "60", path("d.svg")}).output,
+                   "0 frames lost, 0 resynchronisations");
     expectWholeSVG(contentOf(path("r.svg")));
-}
-
-TEST_F(DxrCommand, plotsHowClocksAreFollowed)
-{
-    const ToolResult result = runTool({"plot", "drift", "--ppm", "100", "--seconds", "60", path("d.svg")});
-    expectContains(result.output, "0 frames lost, 0 resynchronisations");
     expectWholeSVG(contentOf(path("d.svg")));
 }
 

@@ -27,9 +27,7 @@ TEST_F(ToolAudio, loopsEveryFrameToEveryOutputWithAnyCycles)
         const DeviceSelection also = plugged(player("out2", alsoPlayed).sampleRate(row.rate), "out2", Output);
         RunnerSession session(interrupts,
                               row.blockFrames != 0 ? std::optional(row.blockFrames) : std::nullopt, row.rate);
-        const CXRef<LoopPatch> patch = LoopPatch::initWithSelections({input}, {output, also});
-        start(session, patch);
-        patch->setOpen();
+        const CXRef<LoopPatch> patch = startLoop(session, {input}, {output, also});
         advance(session, 5 * second);
         session.stop();
         EXPECT_EQ(session.lostFrames(), 0U);
@@ -49,10 +47,7 @@ TEST_F(ToolAudio, reportsEveryLostCycleAndIsExactBetweenThem)
         player("in", played).inputs(1).hears(simulatedRamp()).bufferFrameSize(64);
     const DeviceSelection input = plugged(both, "in", Input);
     RunnerSession session(interrupts, std::nullopt, std::nullopt);
-    const CXRef<LoopPatch> patch =
-        LoopPatch::initWithSelections({input}, {DeviceSelection::find("in", Output)});
-    start(session, patch);
-    patch->setOpen();
+    startLoop(session, {input}, {DeviceSelection::find("in", Output)});
     advance(session, second);
     for (int i = 0; i < 3; ++i) {
         hal.loseCycles("in", 2);
@@ -60,10 +55,10 @@ TEST_F(ToolAudio, reportsEveryLostCycleAndIsExactBetweenThem)
         settle(); // overloads in fast succession may be reported at once
     }
     session.stop();
-    EXPECT_EQ(session.statistics().gaps(), 3U);
+    EXPECT_EQ(session.statistics().gaps, 3U);
     EXPECT_EQ(session.lostFrames(), 3U * 2 * 64);
     EXPECT_EQ(session.devices().front().overloads(), 3U);
-    EXPECT_EQ(session.statistics().restarts(), 0U);
+    EXPECT_EQ(session.statistics().restarts, 0U);
     EXPECT_LE(jumpsIn(rampOf(played)), 6U) << "at the start and the end of each";
     EXPECT_GE(jumpsIn(rampOf(played)), 3U);
 }
@@ -76,15 +71,12 @@ TEST_F(ToolAudio, followsTheDefaultDevice)
     hal.setDefault(Output, "out");
     settle();
     RunnerSession session(interrupts, 512, 48000);
-    const CXRef<LoopPatch> patch =
-        LoopPatch::initWithSelections({input}, {DeviceSelection::find("default", Output)});
-    start(session, patch);
-    patch->setOpen();
+    startLoop(session, {input}, {DeviceSelection::find("default", Output)});
     advance(session, second / 2);
     EXPECT_TRUE(alsoPlayed.empty());
     hal.setDefault(Output, "out2");
     settle();
-    for (int look = 0; look < 10'000 && session.statistics().restarts() == 0; ++look) {
+    for (int look = 0; look < 10'000 && session.statistics().restarts == 0; ++look) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1)); // the runner's own queue
         session.poll();
     }

@@ -1,4 +1,5 @@
 #include "ToolAudio.h"
+#include "WaveFile.h"
 
 #include <cmath>
 #include <filesystem>
@@ -11,24 +12,10 @@ class ToolFiles : public ToolAudio {
 protected:
     ~ToolFiles() override { std::filesystem::remove(path); }
 
-    /// Writes a float WAV file. `sample` is called with the frame and the channel.
-    template <class Sample> void write(int rate, int channels, int frames, Sample sample) const
-    {
-        SF_INFO info{0, rate, channels, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
-        std::vector<float> samples;
-        for (int i = 0; i < frames * channels; ++i)
-            samples.push_back(sample(i / channels, i % channels));
-        const SoundHandle file(sf_open(path.c_str(), SFM_WRITE, &info));
-        sf_writef_float(file.get(), samples.data(), frames);
-    }
-    std::vector<float> written(SoundFileWriter& writer) const
+    std::vector<float> written(SoundFileWriter& writer, uint32_t channels) const
     {
         writer.finish();
-        SF_INFO info{};
-        const SoundHandle file(sf_open(path.c_str(), SFM_READ, &info));
-        std::vector<float> all(static_cast<size_t>(info.frames * info.channels));
-        sf_readf_float(file.get(), all.data(), info.frames);
-        return all;
+        return samplesOf(path, channels);
     }
     SoundFileWriter writer(uint32_t channels) const
     {
@@ -50,15 +37,13 @@ TEST_F(ToolFiles, recordsChosenChannelsOfSeveralDevicesSideBySide)
         plugged(aDevice().uid("in").inputs(4).clockDomain(1).hears(voice(0.1F)), "in:4,2", Input),
         plugged(aDevice().uid("in2").inputs(2).clockDomain(1).hears(voice(0.5F)), "in2", Input)};
     RunnerSession session(interrupts, 128, 48000);
-    const CXRef<FileRecorder> recorder = FileRecorder::initWithInputs(inputs);
-    start(session, recorder);
-    recorder->open(session.sampleRate());
+    const CXRef<FileRecorder> recorder = startRecorder(session, inputs);
     advance(session, second / 2);
     session.stop();
     ASSERT_EQ(recorder->channelCount(), 4U);
     SoundFileWriter file = writer(4);
     recorder->writeTo(file, UINT64_MAX, true);
-    const std::vector<float> samples = written(file);
+    const std::vector<float> samples = written(file, 4);
     EXPECT_NEAR(static_cast<double>(samples.size()) / 4, 24000, 512);
     const float expected[] = {0.13F, 0.11F, 0.5F, 0.51F};
     for (size_t i = 0; i < samples.size(); ++i)
@@ -69,9 +54,7 @@ TEST_F(ToolFiles, recordsAsLongAsItTook)
 {
     const DeviceSelection input = plugged(ramp("in"), "in", Input);
     RunnerSession session(interrupts, 512, 48000);
-    const CXRef<FileRecorder> recorder = FileRecorder::initWithInputs({input});
-    start(session, recorder);
-    recorder->open(session.sampleRate());
+    const CXRef<FileRecorder> recorder = startRecorder(session, {input});
     SoundFileWriter file = writer(2);
     for (int i = 0; i < 10; ++i) {
         if (i == 5)
@@ -83,7 +66,7 @@ TEST_F(ToolFiles, recordsAsLongAsItTook)
     recorder->writeTo(file, UINT64_MAX, true);
     EXPECT_EQ(session.lostFrames(), 5120U);
     EXPECT_EQ(recorder->silentFrames(), 5120U);
-    const std::vector<float> samples = written(file);
+    const std::vector<float> samples = written(file, 2);
     EXPECT_NEAR(static_cast<double>(samples.size()) / 2, 48000, 1024);
     uint64_t silent = 0;
     for (size_t frame = 0; 2 * frame < samples.size(); ++frame) {
@@ -98,7 +81,7 @@ TEST_F(ToolFiles, recordsAsLongAsItTook)
 TEST_F(ToolFiles, playsEveryFrameOnceOnEveryOutput)
 {
     constexpr int frames = 200'003; // no multiple of any cycle, and more than the ring holds
-    write(44100, 2, frames, [](int frame, int channel) {
+    writeWave(path, 44100, 2, frames, [](int frame, int channel) {
         return channel == 0 ? static_cast<float>(frame + 1) / 16777216.0F : -1.0F;
     });
     for (const uint32_t cycle : {64U, 128U, 512U, 1024U}) {
@@ -133,7 +116,7 @@ TEST_F(ToolFiles, playsEveryFrameOnceOnEveryOutput)
 TEST_F(ToolFiles, mixesChannelsThatADeviceDoesNotHave)
 {
     const float levels[] = {0.1F, 0.2F, 0.3F, 0.9F, 0.05F, 0.06F}; // L, R, centre, deep, rear L, rear R
-    write(48000, 6, 4800, [&](int, int channel) { return levels[channel]; });
+    writeWave(path, 48000, 6, 4800, [&](int, int channel) { return levels[channel]; });
     const DeviceSelection output = plugged(player("out", played), "out", Output);
     for (const bool isDownmixed : {false, true}) {
         played.clear();

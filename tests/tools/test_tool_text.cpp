@@ -98,9 +98,9 @@ TEST_F(ToolText, fitsTheMonitorIntoEveryTerminal)
         {"in", std::string(4096, 'x'), true, 0, "", 0, 0.0F},
         {"out", "スピーカー (内蔵オーディオ アナログステレオ)", false, 0, "", 0, 0.0F},
     };
-    state.others = {{"other\x07", 1, 2, 48000}};
+    state.others.resize(1);
+    state.others[0].name = "other\x07";
     state.messages.assign(50, "\x1B]0;news\x07");
-    state.keys = "q quits";
     for (size_t columns = 0; columns < 200; columns += columns < 20 ? 1 : 7)
         for (size_t rows = 1; rows < 60; rows += rows < 12 ? 1 : 7) {
             const std::vector<std::string> lines = monitorLines(state, columns, rows, terminal);

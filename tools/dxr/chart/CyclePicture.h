@@ -11,6 +11,11 @@
 /// Threads: one.
 class CyclePicture {
 public:
+    void note(std::span<const DXRCycleRecord> records)
+    {
+        for (const DXRCycleRecord& record : records)
+            note(record);
+    }
     void note(const DXRCycleRecord& record);
     /// Which devices are connected now, by their order in svg().
     void notePresence(const std::vector<bool>& isConnected);

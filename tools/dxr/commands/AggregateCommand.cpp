@@ -3,9 +3,7 @@
 #include "DeviceLookup.h"
 #include "DeviceProperties.h"
 #include "DisplayText.h"
-#include "HardwareChoice.h"
-#include "LiveLines.h"
-#include "RunnerSession.h"
+#include "SessionScreen.h"
 #include "TextFormat.h"
 #include "ToolFailure.h"
 
@@ -16,9 +14,8 @@
 
 namespace {
 
-struct Options {
-    explicit Options(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
+struct Options : HardwareChoice {
+    using HardwareChoice::HardwareChoice;
     std::string name;
     std::vector<std::string> devices;
     std::optional<std::string> clock;
@@ -36,12 +33,12 @@ public:
                             {"subdevices", CXPlist::array()},
                             {"private", 1}};
         for (const std::string& wanted : options.devices) {
-            const DeviceReport device = DeviceLookup::find(wanted);
+            const DeviceReport device = findDevice(wanted);
             description["subdevices"].push_back({{"uid", device.uid}});
             _names.push_back(device.shortName());
         }
         if (options.clock)
-            description["master"] = DeviceLookup::find(*options.clock).uid;
+            description["master"] = findDevice(*options.clock).uid;
         const HALStatus status =
             AudioHardwareCreateAggregateDevice(CXValue::initWithPlist(description).get(), &_deviceID);
         if (status != kAudioHardwareNoError)
@@ -107,30 +104,21 @@ private:
 /// Runs the aggregate silently until the time is over or the user ends it.
 void runSession(RunnerSession& session, const Aggregate& aggregate, std::optional<double> seconds)
 {
-    constexpr int tickMilliseconds = 200;
-    const Terminal terminal;
-    LiveLines live(terminal);
     session.beginCounting();
-    std::vector<std::string> last;
-    while (session.wait(tickMilliseconds) && !(seconds && session.seconds() >= *seconds)) {
-        for (const std::string& message : session.takeMessages())
-            live.printAbove(message);
-        std::vector<std::string> lines = last = aggregate.lines();
+    SessionScreen screen(session);
+    std::string last;
+    while (screen.wait() && !(seconds && session.seconds() >= *seconds)) {
+        std::vector<std::string> lines = aggregate.lines();
+        last = joined(lines, "\n");
         lines.push_back(formatSeconds(session.seconds()) + "   Ctrl-C ends");
-        for (std::string& line : lines)
-            line = clipToWidth(line, terminal.columns() - 1);
-        live.draw(lines);
+        screen.draw(lines);
     }
-    live.clear();
     session.stop();
-    for (const std::vector<std::string>& lines : {last, session.report()})
-        for (const std::string& line : lines)
-            std::cout << line << "\n";
+    screen.finish(last);
 }
 
 void run(Options& options)
 {
-    options.hardware.apply();
     const Interrupts interrupts;
     const Aggregate aggregate(options);
     const std::string name = shortText(options.name, 40);

@@ -15,9 +15,8 @@
 
 namespace {
 
-struct ShowOptions {
-    explicit ShowOptions(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
+struct ShowOptions : HardwareChoice {
+    using HardwareChoice::HardwareChoice;
     std::string file;
     bool asJSON = false;
 };
@@ -40,7 +39,6 @@ std::string contentOf(const std::string& path, const std::string& shown)
 
 void show(ShowOptions& options)
 {
-    options.hardware.apply();
     const std::string shown = shortText(options.file, 60);
     const std::string content = contentOf(options.file, shown);
     const CXRef<DXRDevice> device =

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
-#include <memory>
+#include "HardwareChoice.h"
 
-/// Adds a command to `parent`. Its options are constructed with it, if they can be, and passed to `run`.
+/// Adds a command to `parent`. Its options are constructed with it, if they can be, and passed to `run`, with
+/// the hardware selected.
 template <class Options>
 std::pair<CLI::App&, Options&> addCommand(CLI::App& parent, const char* name, const char* about,
                                           void (*run)(Options&))
@@ -14,7 +14,11 @@ std::pair<CLI::App&, Options&> addCommand(CLI::App& parent, const char* name, co
         options = std::make_shared<Options>(*command);
     else
         options = std::make_shared<Options>();
-    command->callback([options, run] { run(*options); });
+    command->callback([options, run] {
+        if constexpr (std::is_base_of_v<HardwareChoice, Options>)
+            options->apply();
+        run(*options);
+    });
     return {*command, *options};
 }
 

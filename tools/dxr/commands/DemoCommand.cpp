@@ -83,7 +83,7 @@ private:
     void _performSteps();
     void _devicesChanged(const DXRDeviceManager::Devices& connected,
                          const DXRDeviceManager::Devices& disconnected);
-    void _applySettings(const CXRef<DXRDevice>& device);
+    void _applySettings(Device which);
     void _noteState();
     void _print(const std::string& text) { _screen.print(formatSeconds(_session.seconds()) + "  " + text); }
     DemoClaim _reported() const;
@@ -136,8 +136,7 @@ Demo::Demo(const Options& options)
     _patch->addTo(_session);
     _session.setRecords([this](std::span<const DXRCycleRecord> records) {
         _records.insert(_records.end(), records.begin(), records.end());
-        for (const DXRCycleRecord& record : records)
-            _picture.note(record);
+        _picture.note(records);
     });
     _session.setSettled([this] {
         _patch->setOpen();
@@ -230,18 +229,19 @@ void Demo::_devicesChanged(const DXRDeviceManager::Devices& connected,
     const uint64_t now = HostClock::nowTicks();
     for (const Device device : DemoStage::devices) {
         const CXRef<DXRDevice>& object = _devices[device].device;
+        if (connected.contains(object))
+            _applySettings(device);
         if (!_pending[device] || (!connected.contains(object) && !disconnected.contains(object)))
             continue;
         _slowestSeconds = std::max(_slowestSeconds, secondsOf(now - *_pending[device]));
         _pending[device].reset();
         ++_stepsReported;
     }
-    for (const CXRef<DXRDevice>& device : connected)
-        _applySettings(device);
 }
 
-void Demo::_applySettings(const CXRef<DXRDevice>& device)
+void Demo::_applySettings(Device which)
 {
+    const CXRef<DXRDevice>& device = _devices[which].device;
     const CXPlist remembered = device->overrideForKey(volumeKey);
     if (!remembered.is_number())
         return;
@@ -250,21 +250,16 @@ void Demo::_applySettings(const CXRef<DXRDevice>& device)
         return;
     const std::string text = "volume " + formatPercent(before) + " -> " + formatPercent(volume);
     _print(singleLine(device->name()) + ": " + text + ", as remembered");
-    if (const std::optional<Device> known = DemoStage::deviceOf(device->deviceUID()))
-        _picture.remark(*known, text);
+    _picture.remark(which, text);
 }
 
 /// Notes the connected devices, their clocks, and the source of the cycles.
 void Demo::_noteState()
 {
-    std::vector<bool> isConnected;
-    for (const Device device : DemoStage::devices) {
-        const SessionDevice& status = _session.devices()[device];
-        isConnected.push_back(status.isConnected());
-        if (const std::optional<double> drift = status.partsPerMillion())
+    for (const Device device : DemoStage::devices)
+        if (const std::optional<double> drift = _session.devices()[device].partsPerMillion())
             _drifts[device].points.push_back({_picture.secondsAt(HostClock::nowTicks()), *drift});
-    }
-    _picture.notePresence(isConnected);
+    _picture.notePresence(_session.connections());
     const std::string context = _session.contextText();
     const bool isComplete =
         context.find(" as one") == std::string::npos || context.find("clock of") != std::string::npos;

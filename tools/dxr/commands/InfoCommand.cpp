@@ -9,9 +9,8 @@
 
 namespace {
 
-struct Options {
-    explicit Options(CLI::App& command) : device(command, DeviceArgument::Sides::Both) {}
-    DeviceArgument device;
+struct Options : DeviceArgument {
+    explicit Options(CLI::App& command) : DeviceArgument(command, Sides::Both) {}
     bool asJSON = false;
 };
 
@@ -98,7 +97,7 @@ void printDirection(const Terminal& terminal, const DeviceReport& device, HALDir
 
 void run(Options& options)
 {
-    const DeviceReport device = options.device.report();
+    const DeviceReport device = options.report();
     const Terminal terminal;
     if (options.asJSON) {
         std::cout << jsonText(device.json(), 2, terminal.isLive()) << "\n";

@@ -3,7 +3,6 @@
 #include "DeviceTable.h"
 #include "DeviceWatch.h"
 #include "DisplayText.h"
-#include "HardwareChoice.h"
 #include "Interrupts.h"
 #include "LiveLines.h"
 #include "ToolFailure.h"
@@ -14,9 +13,8 @@
 
 namespace {
 
-struct Options {
-    explicit Options(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
+struct Options : HardwareChoice {
+    using HardwareChoice::HardwareChoice;
     bool withHidden = false, asJSON = false, watches = false;
 };
 
@@ -47,7 +45,7 @@ void watch(const Options& options, const Terminal& terminal)
     LiveLines live(terminal);
     DeviceWatch changes(options.withHidden);
     changes.begin();
-    const auto visitor = options.hardware.visitor();
+    const auto visitor = options.visitor();
     std::vector<std::string> shown;
     do {
         changes.next();
@@ -65,7 +63,6 @@ void watch(const Options& options, const Terminal& terminal)
 
 void run(Options& options)
 {
-    options.hardware.apply();
     const Terminal terminal;
     if (options.watches)
         return watch(options, terminal);

@@ -9,17 +9,6 @@
 
 namespace {
 
-struct Options : RunnerOptions {
-    explicit Options(CLI::App& command)
-        : RunnerOptions(
-              command,
-              "The channels of all inputs, in the order given, are played on every output: the first\n"
-              "on its first channel, and so on; a single one on both channels of a stereo pair. Rates\n"
-              "and clocks of the devices are converted. A device that disconnects resumes when it\n"
-              "returns.")
-    {}
-};
-
 std::string roundTripText(const RunnerSession& session)
 {
     const std::optional<double> in = session.latencySeconds(HALDirection::Input),
@@ -50,12 +39,12 @@ void runLoop(RunnerSession& session, LoopPatch& patch, std::optional<double> sec
         const CycleStatistics& cycles = session.statistics();
         screen.draw(patch.meters(), formatSeconds(passed()) + "  " +
                                         formatCount(session.lostFrames(), "frame") + " lost, " +
-                                        formatCount(cycles.lateCycles(), "late cycle") + ", " +
-                                        formatCount(cycles.restarts(), "restart") + "   Ctrl-C ends");
+                                        formatCount(cycles.lateCycles, "late cycle") + ", " +
+                                        formatCount(cycles.restarts, "restart") + "   Ctrl-C ends");
     }
 }
 
-void run(Options& options)
+void run(RunnerOptions& options)
 {
     options.find();
     const Interrupts interrupts;
@@ -78,6 +67,11 @@ void run(Options& options)
 void registerLoopCommand(CLI::App& app)
 {
     const auto [command, options] = addCommand(app, "loop", "Route inputs to outputs", run);
+    options.setAbout(
+        "The channels of all inputs, in the order given, are played on every output: the first\n"
+        "on its first channel, and so on; a single one on both channels of a stereo pair. Rates\n"
+        "and clocks of the devices are converted. A device that disconnects resumes when it\n"
+        "returns.");
     options.addInputs("A device to record; the default input if not given");
     options.addOutputs("A device to play on; the default output if not given");
     options.useDefaults();

@@ -15,20 +15,10 @@
 
 namespace {
 
-constexpr const char* about =
-    "Runs the named devices, by default the default ones, also when these change. The outputs are silent "
-    "until the key l plays the inputs on them; q ends it.";
-constexpr size_t maxMessages = 200;
-constexpr std::chrono::milliseconds visitorsPause(1500); // slow enough to watch
-
-struct Options : RunnerOptions {
-    explicit Options(CLI::App& command) : RunnerOptions(command, about) {}
-};
-
 /// Runs the devices and draws their state until the user ends it.
 class Monitor {
 public:
-    explicit Monitor(Options& options);
+    explicit Monitor(RunnerOptions& options);
     ~Monitor() { dxr::LogSink::setWriter({}); }
     Monitor(const Monitor&) = delete;
     Monitor& operator=(const Monitor&) = delete;
@@ -36,19 +26,18 @@ public:
     void run();
 
 private:
-    bool _wait();
+    void _wait();
     void _open();
     void _start();
     void _noteCycles(std::span<const DXRCycleRecord> records);
     void _handleKeys(const std::string& keys);
     void _readEvents();
+    void _readOthers();
     void _print(const std::string& message);
-    bool _isUsed(const DeviceReport& report) const;
-    MonitorState _state();
-    void _readSession(MonitorState& state);
-    MonitorState::Device _stateOf(const DeviceSelection& selection, size_t meter);
+    void _readSession();
+    MonitorState::Device _stateOf(const DeviceSelection& selection) const;
 
-    Options& _options;
+    RunnerOptions& _options;
     const Interrupts _interrupts;
     DeviceWatch _watch{false};
     const std::unique_ptr<SimulatedVisitor> _visitor; // null on real hardware
@@ -57,53 +46,54 @@ private:
 
     CXRef<LoopPatch> _patch;
     std::unique_ptr<RunnerSession> _session; // null while the default devices do not start
-    std::vector<double> _levels;             // of the meters, as drawn
-    std::vector<DeviceReport> _reports;      // of all devices
-    std::deque<std::string> _messages;
+    MonitorState _state;
     // The library's log, which would spoil the picture. Written on the main thread.
     const std::shared_ptr<std::vector<std::string>> _logLines = std::make_shared<std::vector<std::string>>();
-    double _usedSeconds = 0.0, _longestSeconds = 0.0, _cycleSeconds = 0.0;
     const uint64_t _startTicks = dxr::HostClock::nowTicks();
-    bool _isHeard = false, _isOver = false;
+    bool _isOver = false;
 };
 
-Monitor::Monitor(Options& options) : _options(options), _visitor(options.hardware().visitor(visitorsPause))
+Monitor::Monitor(RunnerOptions& options)
+    : _options(options), _visitor(options.visitor(std::chrono::milliseconds(1500))) // slow enough to watch
 {
     dxr::LogSink::setWriter([lines = _logLines](std::string_view line) {
         dxr::MainQueue::shared().async(
             [lines, text = std::string(line.substr(0, line.find('\n')))] { lines->push_back(text); });
     });
     _watch.begin();
-    _reports = DeviceReport::readAll(DeviceReport::Hidden::No);
 }
 
 void Monitor::run()
 {
+    constexpr double fall = 0.9; // from picture to picture
     _open();
+    _readOthers();
     while (!_isOver) {
         if (_session)
             _session->poll();
         _readEvents();
+        if (_session)
+            _readSession();
+        _state.seconds = secondsOf(dxr::HostClock::nowTicks() - _startTicks);
         const TerminalScreen::Size size = _screen.size();
         const size_t columns =
             size.columns - (size.columns > 1); // in the last one, some terminals start a new line
-        _screen.draw(monitorLines(_state(), columns, size.rows, _terminal));
-        _isOver = !_wait();
+        _screen.draw(monitorLines(_state, columns, size.rows, _terminal));
+        _state.usedSeconds *= fall;
+        _wait();
     }
 }
 
-/// False when the user ends it.
-bool Monitor::_wait()
+void Monitor::_wait()
 {
     constexpr int tickMilliseconds = 100;
     pollfd waited[] = {
         {_interrupts.fd(), POLLIN, 0}, {_screen.keyboard(), POLLIN, 0}, {DeviceWatch::fd(), POLLIN, 0}};
     poll(waited, std::size(waited), tickMilliseconds); // interrupted when the terminal is resized
-    if ((waited[1].revents & (POLLERR | POLLHUP)) != 0)
-        return false; // the terminal was closed
-    if (waited[1].revents != 0)
+    const bool isTerminalClosed = (waited[1].revents & (POLLERR | POLLHUP)) != 0;
+    if (waited[1].revents != 0 && !isTerminalClosed)
         _handleKeys(_screen.takeKeys());
-    return !_interrupts.wasAsked() && !_isOver;
+    _isOver = _isOver || isTerminalClosed || _interrupts.wasAsked();
 }
 
 void Monitor::_handleKeys(const std::string& keys)
@@ -113,9 +103,9 @@ void Monitor::_handleKeys(const std::string& keys)
             _isOver = true;
         if (key != 'l' && key != 'L')
             continue;
-        _isHeard = !_isHeard;
+        _state.isHeard = !_state.isHeard;
         if (_patch)
-            _patch->setOpen(_isHeard);
+            _patch->setOpen(_state.isHeard);
     }
 }
 
@@ -125,6 +115,10 @@ void Monitor::_open()
     if (!_options.namesDevices())
         _options.takeDefaults();
     _session = nullptr;
+    _state = {.context = "nothing runs",
+              .others = std::move(_state.others),
+              .messages = std::move(_state.messages),
+              .isHeard = _state.isHeard};
     try {
         _start();
     } catch (const ToolFailure& failure) {
@@ -139,10 +133,9 @@ void Monitor::_start()
 {
     _session = std::make_unique<RunnerSession>(_interrupts, _options.frameCount(), _options.sampleRate());
     _patch = LoopPatch::initWithSelections(_options.inputs(), _options.outputs());
-    _patch->setOpen(_isHeard);
+    _patch->setOpen(_state.isHeard);
     _patch->addTo(*_session);
     _session->setRecords([this](std::span<const DXRCycleRecord> records) { _noteCycles(records); });
-    _levels.assign(_options.inputs().size() + _options.outputs().size(), 0.0);
     _isOver = !_session->start();
 }
 
@@ -153,10 +146,10 @@ void Monitor::_noteCycles(std::span<const DXRCycleRecord> records)
             record.deadlineTicks <= record.dueTicks)
             continue;
         const double used = secondsOf(record.endTicks - std::min(record.endTicks, record.dueTicks));
-        _usedSeconds = std::max(_usedSeconds, used);
-        _cycleSeconds = secondsOf(record.deadlineTicks - record.dueTicks);
+        _state.usedSeconds = std::max(_state.usedSeconds, used);
+        _state.cycleSeconds = secondsOf(record.deadlineTicks - record.dueTicks);
         if (_session->isCounting())
-            _longestSeconds = std::max(_longestSeconds, used);
+            _state.longestSeconds = std::max(_state.longestSeconds, used);
     }
 }
 
@@ -174,8 +167,6 @@ void Monitor::_readEvents()
             _print(event.text());
         hasNewDefault = hasNewDefault || event.kind == Default;
     }
-    if (!events.empty())
-        _reports = DeviceReport::readAll(DeviceReport::Hidden::No);
     if (_session)
         for (const std::string& message : _session->takeMessages())
             if (message.find("Cycles") != std::string::npos || message.find("No cycles") != std::string::npos)
@@ -184,81 +175,62 @@ void Monitor::_readEvents()
         _print(line);
     if (hasNewDefault && !_options.namesDevices())
         _open();
+    if (!events.empty())
+        _readOthers();
+}
+
+void Monitor::_readOthers()
+{
+    _state.others = DeviceReport::readAll(DeviceReport::Hidden::No);
+    std::erase_if(_state.others, [&](const DeviceReport& report) {
+        const auto isThis = [&](const DeviceSelection& used) { return used.report.uid == report.uid; };
+        // The manager knows a hidden device once a device was looked up by its name.
+        return report.isHidden || report.isOfRunner() || std::ranges::any_of(_options.inputs(), isThis) ||
+               std::ranges::any_of(_options.outputs(), isThis);
+    });
 }
 
 void Monitor::_print(const std::string& message)
 {
+    constexpr size_t maxMessages = 200;
     const double seconds = secondsOf(dxr::HostClock::nowTicks() - _startTicks);
-    _messages.push_back(formatText("%8s  ", formatSeconds(seconds).c_str()) + message);
-    if (_messages.size() > maxMessages)
-        _messages.pop_front();
+    _state.messages.push_back(formatText("%8s  ", formatSeconds(seconds).c_str()) + message);
+    if (_state.messages.size() > maxMessages)
+        _state.messages.pop_front();
 }
 
-bool Monitor::_isUsed(const DeviceReport& report) const
+void Monitor::_readSession()
 {
-    const auto isThis = [&](const DeviceSelection& selection) { return selection.report.uid == report.uid; };
-    return report.isOfRunner() || std::ranges::any_of(_options.inputs(), isThis) ||
-           std::ranges::any_of(_options.outputs(), isThis);
-}
-
-MonitorState Monitor::_state()
-{
-    MonitorState state;
-    state.seconds = secondsOf(dxr::HostClock::nowTicks() - _startTicks);
-    state.context = _session ? _session->contextText() : "nothing runs";
-    state.messages = _messages;
-    state.keys =
-        _isHeard ? "q quits   l silences the outputs" : "q quits   l plays the inputs on the outputs";
-    for (const DeviceReport& report : _reports)
-        if (!_isUsed(report))
-            state.others.push_back({report.shortName(), report[HALDirection::Input].channelCount,
-                                    report[HALDirection::Output].channelCount, report.sampleRate});
-    if (_session)
-        _readSession(state);
-    return state;
-}
-
-void Monitor::_readSession(MonitorState& state)
-{
-    constexpr double fall = 0.9; // from picture to picture
-    const CycleStatistics& cycles = _session->statistics();
-    state.sampleRate = _session->sampleRate();
-    state.frameCount = _session->frameCount();
-    state.usedSeconds = std::exchange(_usedSeconds, _usedSeconds * fall);
-    state.longestSeconds = _longestSeconds;
-    state.cycleSeconds = _cycleSeconds;
-    state.cycles = cycles.cycles();
-    state.gaps = cycles.gaps();
-    state.lateCycles = cycles.lateCycles();
-    state.lostFrames = _session->lostFrames();
-    state.restarts = cycles.restarts();
-    state.timerSeconds = static_cast<double>(cycles.timerFrames()) / std::max(_session->sampleRate(), 1.0);
+    _state.sampleRate = _session->sampleRate();
+    _state.frameCount = _session->frameCount();
+    _state.context = _session->contextText();
+    _state.cycles = _session->statistics();
+    _state.lostFrames = _session->lostFrames();
+    _state.devices.clear();
+    _patch->meters().update();
     for (const auto* selections : {&_options.inputs(), &_options.outputs()})
         for (const DeviceSelection& selection : *selections)
-            state.devices.push_back(_stateOf(selection, state.devices.size()));
+            _state.devices.push_back(_stateOf(selection));
 }
 
-MonitorState::Device Monitor::_stateOf(const DeviceSelection& selection, size_t meter)
+/// Of the next device: the meters have the same order.
+MonitorState::Device Monitor::_stateOf(const DeviceSelection& selection) const
 {
-    constexpr double fall = 0.8; // from picture to picture
     MonitorState::Device device;
     device.direction = selection.device->isInput() ? "in" : "out";
     device.name = selection.device->displayName();
     device.sampleRate = selection.device->sampleRate();
+    device.level = _patch->meters().level(_state.devices.size());
     const auto status = std::ranges::find(_session->devices(), selection.report.uid, &SessionDevice::uid);
     if (status != _session->devices().end()) {
         device.isConnected = status->isConnected();
         device.clock = status->isClock() ? "leads" : device.isConnected ? status->clockText() : "";
         device.lostFrames = status->lostFrames();
     }
-    const std::vector<float> peaks = _patch->meters().takePeaks(meter);
-    const double peak = peaks.empty() ? 0.0 : double{*std::ranges::max_element(peaks)};
-    _levels[meter] = std::max(peak, _levels[meter] * fall);
-    device.level = static_cast<float>(_levels[meter] < 1e-5 ? 0.0 : _levels[meter]);
     return device;
 }
 
-void runMonitor(Options& options)
+void runMonitor(RunnerOptions& options)
 {
     options.find();
     Monitor(options).run();
@@ -270,6 +242,9 @@ void registerMonitorCommand(CLI::App& app)
 {
     const auto [command, options] = addCommand(
         app, "monitor", "Show devices, levels, cycles and clocks on the whole terminal", runMonitor);
+    options.setAbout(
+        "Runs the named devices, by default the default ones, also when these change. The outputs are silent "
+        "until the key l plays the inputs on them; q ends it.");
     options.addInputs("A device to record");
     options.addOutputs("A device to run");
 }

@@ -2,7 +2,6 @@
 
 #include "DeviceReport.h"
 #include "DisplayText.h"
-#include "HardwareChoice.h"
 #include "ToolFailure.h"
 
 #include <algorithm>
@@ -152,16 +151,14 @@ void printWords(const CLI::App& app, const std::string& line)
             std::cout << "--" << name << "\t" << option->get_description() << "\n";
 }
 
-struct CompletionOptions {
-    explicit CompletionOptions(CLI::App& command) : hardware(command), app(*command.get_parent()) {}
-    HardwareChoice hardware;
+struct CompletionOptions : HardwareChoice {
+    explicit CompletionOptions(CLI::App& command) : HardwareChoice(command), app(*command.get_parent()) {}
     const CLI::App& app;
     std::string what, line;
 };
 
 void complete(CompletionOptions& options)
 {
-    options.hardware.apply();
     if (options.what == "words")
         printWords(options.app, options.line);
     else if (options.what == "devices")

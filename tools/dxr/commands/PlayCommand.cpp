@@ -14,13 +14,8 @@
 
 namespace {
 
-constexpr const char* about =
-    "Each device plays the whole file, converted to its rate. A device that disconnects resumes when\n"
-    "it returns; the others continue meanwhile.";
-
-struct Options {
-    explicit Options(CLI::App& command) : audio(command, about) {}
-    RunnerOptions audio;
+struct Options : RunnerOptions {
+    using RunnerOptions::RunnerOptions;
     std::string file, format;
     std::vector<uint32_t> channels;
     bool isDownmixed = false, isRepeated = false;
@@ -57,7 +52,7 @@ uint64_t lengthOf(const Options& options, const SoundFileReader& file)
     if (options.isRepeated && file.isStream())
         throw ToolFailure("--loop needs a file: a pipe cannot be read again");
     const uint64_t all = options.isRepeated ? UINT64_MAX : file.frameCount();
-    const std::optional<double> seconds = options.audio.seconds();
+    const std::optional<double> seconds = options.seconds();
     if (!seconds || *seconds * file.sampleRate() >= static_cast<double>(all))
         return all;
     return std::max<uint64_t>(1, static_cast<uint64_t>(std::llround(*seconds * file.sampleRate())));
@@ -101,25 +96,25 @@ std::string resultOf(const FilePlayer& player, double rate)
 void run(Options& options)
 {
     SoundFileReader file(options.file, SoundFormat::toRead(options.format));
-    if (options.audio.sampleRate().value_or(file.sampleRate()) != file.sampleRate())
+    if (options.sampleRate().value_or(file.sampleRate()) != file.sampleRate())
         throw ToolFailure("--rate differs from the file's " + formatRate(file.sampleRate()) +
                           ": leave it out, the file is converted to the rates of the devices");
-    options.audio.find();
+    options.find();
     std::vector<ChannelMap> maps;
-    for (const DeviceSelection& output : options.audio.outputs())
+    for (const DeviceSelection& output : options.outputs())
         maps.push_back(mapFor(options, file.channelCount(), output));
     file.setFrameCount(lengthOf(options, file));
     const double rate = file.sampleRate();
     const uint32_t channels = file.channelCount();
     const Interrupts interrupts;
-    RunnerSession session(interrupts, options.audio.frameCount(), rate, options.audio.quality());
+    RunnerSession session(interrupts, options.frameCount(), rate, options.quality());
     const CXRef<FilePlayer> player =
-        FilePlayer::initWithFile(std::move(file), options.audio.outputs(), std::move(maps));
+        FilePlayer::initWithFile(std::move(file), options.outputs(), std::move(maps));
     player->addTo(session);
     if (!session.start())
         return;
     std::cout << shortText(std::filesystem::path(options.file).filename().string(), 40) << " -> "
-              << namesOf(options.audio.outputs()) << ", " << formatCount(channels, "channel") << ", "
+              << namesOf(options.outputs()) << ", " << formatCount(channels, "channel") << ", "
               << formatRate(rate) << std::endl;
     SessionScreen screen(session);
     try {
@@ -142,9 +137,12 @@ void registerPlayCommand(CLI::App& app)
         .add_option("file", options.file,
                     "WAV, FLAC, Ogg, or another format of libsndfile; - is standard input")
         ->required();
-    options.audio.addOutputs("A device to play on; the default output if not given");
-    options.audio.useDefaults();
-    options.audio.addSeconds("End after so many seconds of sound");
+    options.setAbout(
+        "Each device plays the whole file, converted to its rate. A device that disconnects resumes when\n"
+        "it returns; the others continue meanwhile.");
+    options.addOutputs("A device to play on; the default output if not given");
+    options.useDefaults();
+    options.addSeconds("End after so many seconds of sound");
     command.add_flag("--loop", options.isRepeated, "Start again at the end, until Ctrl-C or for --seconds");
     command.add_option("--format", options.format, "Raw samples: s16:RATE:CHANNELS or f32:RATE:CHANNELS");
     CLI::Option* const channels =

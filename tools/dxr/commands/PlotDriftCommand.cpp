@@ -69,10 +69,10 @@ void writeChart(const std::string& file, const DriftScenario& scenario, const Dr
 {
     constexpr size_t maxPoints = 2000; // of a curve
     std::vector<DriftPoint> points;
-    const size_t step = run.points().size() / maxPoints + 1;
-    for (size_t i = 0; i < run.points().size(); i += step)
-        points.push_back(run.points()[i]);
-    const double meanDelay = run.figures().delayFrames;
+    const size_t step = run.points.size() / maxPoints + 1;
+    for (size_t i = 0; i < run.points.size(); i += step)
+        points.push_back(run.points[i]);
+    const double meanDelay = run.figures.delayFrames;
     const struct {
         const char* title;
         double minSpan;
@@ -95,7 +95,7 @@ void writeChart(const std::string& file, const DriftScenario& scenario, const Dr
     };
     Chart chart;
     double top = chart.title("From " + describe(scenario.source) + " to " + describe(scenario.reader),
-                             summary(run.figures())) +
+                             summary(run.figures)) +
                  16.0;
     for (const auto& panel : panels)
         top = draw(chart, top, panel.title, panel.minSpan, panel.curves, points, scenario.seconds) +
@@ -105,11 +105,11 @@ void writeChart(const std::string& file, const DriftScenario& scenario, const Dr
 
 void plotRun(Options& options)
 {
-    const DriftRun run(options.scenario);
-    if (run.points().empty())
+    const DriftRun run = runDrift(options.scenario);
+    if (run.points.empty())
         throw ToolFailure("--seconds is too short");
     writeChart(options.file, options.scenario, run);
-    std::cout << summary(run.figures()) << "\n";
+    std::cout << summary(run.figures) << "\n";
 }
 
 } // namespace

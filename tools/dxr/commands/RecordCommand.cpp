@@ -13,13 +13,8 @@
 
 namespace {
 
-constexpr const char* about =
-    "All devices are recorded to one file, with their channels in the order given. A device that\n"
-    "disconnects is silent until it returns.";
-
-struct Options {
-    explicit Options(CLI::App& command) : audio(command, about) {}
-    RunnerOptions audio;
+struct Options : RunnerOptions {
+    using RunnerOptions::RunnerOptions;
     std::string file, format;
     uint32_t bits = 0;
 };
@@ -57,19 +52,18 @@ std::string resultOf(const SoundFileWriter& file, const FileRecorder& recorder, 
 void run(Options& options)
 {
     const SoundFormat format = SoundFormat::toWrite(options.file, options.format, options.bits);
-    options.audio.find();
+    options.find();
     const Interrupts interrupts;
-    RunnerSession session(interrupts, options.audio.frameCount(), options.audio.sampleRate(),
-                          options.audio.quality());
-    const CXRef<FileRecorder> recorder = FileRecorder::initWithInputs(options.audio.inputs());
+    RunnerSession session(interrupts, options.frameCount(), options.sampleRate(), options.quality());
+    const CXRef<FileRecorder> recorder = FileRecorder::initWithInputs(options.inputs());
     recorder->addTo(session);
     if (!session.start())
         return;
     const double rate = session.sampleRate();
-    const std::optional<double> seconds = options.audio.seconds();
+    const std::optional<double> seconds = options.seconds();
     const uint64_t maxFrames = seconds ? static_cast<uint64_t>(std::llround(*seconds * rate)) : UINT64_MAX;
     SoundFileWriter file(options.file, format, recorder->channelCount(), rate, seconds.value_or(0.0));
-    std::cout << namesOf(options.audio.inputs()) << " -> " << shortText(options.file, 60) << ", "
+    std::cout << namesOf(options.inputs()) << " -> " << shortText(options.file, 60) << ", "
               << formatCount(recorder->channelCount(), "channel") << ", " << formatRate(rate) << std::endl;
     SessionScreen screen(session);
     bool isComplete = false;
@@ -99,9 +93,12 @@ void registerRecordCommand(CLI::App& app)
         .add_option("file", options.file,
                     "The file to write; an existing one is replaced. - is standard output")
         ->required();
-    options.audio.addInputs("A device to record; the default input if not given");
-    options.audio.useDefaults();
-    options.audio.addSeconds("End after so many seconds of sound");
+    options.setAbout(
+        "All devices are recorded to one file, with their channels in the order given. A device that\n"
+        "disconnects is silent until it returns.");
+    options.addInputs("A device to record; the default input if not given");
+    options.useDefaults();
+    options.addSeconds("End after so many seconds of sound");
     command.add_option("--format", options.format,
                        SoundFormat::names() + "; by the file's name if not given");
     command.add_option("--bits", options.bits, "Of a sample: 16, 24, or 32 for floats")

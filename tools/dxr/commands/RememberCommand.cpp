@@ -9,9 +9,8 @@
 
 namespace {
 
-struct Options {
-    explicit Options(CLI::App& command) : device(command) {}
-    DeviceArgument device;
+struct Options : DeviceArgument {
+    using DeviceArgument::DeviceArgument;
     std::optional<std::string> key, value;
 };
 
@@ -24,7 +23,7 @@ CXPlist valueFrom(const std::string& text)
 
 void remember(Options& options)
 {
-    const CXRef<DXRDevice> device = options.device.device();
+    const CXRef<DXRDevice> device = options.device();
     const Terminal terminal;
     if (!options.key) {
         for (const std::string& key : device->overrideKeys())
@@ -42,7 +41,7 @@ void remember(Options& options)
 
 void forget(Options& options)
 {
-    const CXRef<DXRDevice> device = options.device.device();
+    const CXRef<DXRDevice> device = options.device();
     if (options.key && device->overrideForKey(*options.key).is_null())
         throw ToolFailure("no setting '" + singleLine(*options.key) + "' is stored");
     for (const std::string& key : options.key ? std::vector{*options.key} : device->overrideKeys())

@@ -11,9 +11,8 @@
 
 namespace {
 
-struct Options {
-    explicit Options(CLI::App& command) : device(command) {}
-    DeviceArgument device;
+struct Options : DeviceArgument {
+    using DeviceArgument::DeviceArgument;
     std::string volume, mute;
     std::optional<uint32_t> channel;
     std::optional<std::string> source;
@@ -47,7 +46,7 @@ class Changes {
 public:
     Changes(const Options& options, const DeviceReport& device)
         : _options(options), _device(device), _name(device.shortName()),
-          _direction(device.direction(options.device.side())), _scope(scopeOf(_direction)),
+          _direction(device.direction(options.side())), _scope(scopeOf(_direction)),
           _report(device[_direction])
     {}
 
@@ -164,7 +163,7 @@ void run(Options& options)
         throw CLI::ValidationError("--channel", "goes with --volume or --mute");
     if (!options.volume.empty())
         volumeFrom(options.volume); // wrong usage is reported before a device is changed
-    const DeviceReport device = options.device.report();
+    const DeviceReport device = options.report();
     Changes(options, device).make();
 }
 

@@ -14,15 +14,10 @@
 
 namespace {
 
-constexpr const char* about =
-    "Runs devices like 'dxr loop', by default the default ones, and writes the times of every\n"
-    "cycle as Chrome trace events, for chrome://tracing and ui.perfetto.dev, and as a picture.";
-
 constexpr double usualSeconds = 10.0;
 
-struct Options {
-    explicit Options(CLI::App& command) : audio(command, about) {}
-    RunnerOptions audio;
+struct Options : RunnerOptions {
+    using RunnerOptions::RunnerOptions;
     std::string file;
 };
 
@@ -33,14 +28,6 @@ std::string pictureNameFor(const std::string& trace)
     return picture == trace ? trace + ".svg" : picture.string();
 }
 
-void notePresence(const RunnerSession& session, CyclePicture& picture)
-{
-    std::vector<bool> isConnected;
-    for (const SessionDevice& device : session.devices())
-        isConnected.push_back(device.isConnected());
-    picture.notePresence(isConnected);
-}
-
 void runTrace(RunnerSession& session, LoopPatch& patch, double seconds, ChromeTraceWriter& file,
               CyclePicture& picture, SessionScreen& screen)
 {
@@ -48,11 +35,11 @@ void runTrace(RunnerSession& session, LoopPatch& patch, double seconds, ChromeTr
     while (screen.wait() && session.seconds() < seconds) {
         for (const std::string& line : screen.lastMessages())
             file.mark(line);
-        notePresence(session, picture);
+        picture.notePresence(session.connections());
         const CycleStatistics& cycles = session.statistics();
         screen.draw(patch.meters(), formatSeconds(session.seconds()) + " of " + formatSeconds(seconds) +
-                                        ", " + formatCount(cycles.cyclesSeen(), "cycle") + ", " +
-                                        formatNumber(cycles.lateCycles()) + " late");
+                                        ", " + formatCount(cycles.cyclesSeen, "cycle") + ", " +
+                                        formatNumber(cycles.lateCycles) + " late");
     }
 }
 
@@ -66,28 +53,26 @@ std::string titleOf(const RunnerOptions& options)
 
 void run(Options& options)
 {
-    options.audio.find();
-    if (!options.audio.namesDevices())
-        options.audio.takeDefaults();
+    options.find();
+    if (!options.namesDevices())
+        options.takeDefaults();
     const Interrupts interrupts;
-    const std::string title = titleOf(options.audio);
+    const std::string title = titleOf(options);
     ChromeTraceWriter file(options.file, "dxr trace: " + title);
-    RunnerSession session(interrupts, options.audio.frameCount(), options.audio.sampleRate());
+    RunnerSession session(interrupts, options.frameCount(), options.sampleRate());
     CyclePicture picture;
     session.setRecords([&](std::span<const DXRCycleRecord> records) {
         file.write(records);
-        for (const DXRCycleRecord& record : records)
-            picture.note(record);
+        picture.note(records);
     });
-    const CXRef<LoopPatch> patch =
-        LoopPatch::initWithSelections(options.audio.inputs(), options.audio.outputs());
+    const CXRef<LoopPatch> patch = LoopPatch::initWithSelections(options.inputs(), options.outputs());
     patch->addTo(session);
     if (!session.start())
         return;
     std::cout << title << ", " << formatRate(session.sampleRate()) << std::endl;
-    notePresence(session, picture);
+    picture.notePresence(session.connections());
     SessionScreen screen(session);
-    runTrace(session, *patch, options.audio.seconds().value_or(usualSeconds), file, picture, screen);
+    runTrace(session, *patch, options.seconds().value_or(usualSeconds), file, picture, screen);
     session.stop();
     file.finish();
     std::vector<std::string> names;
@@ -112,7 +97,10 @@ void registerTraceCommand(CLI::App& app)
             "file", options.file,
             "The JSON file to write; an existing one is replaced. The picture has its name, with .svg")
         ->required();
-    options.audio.addInputs("A device to record");
-    options.audio.addOutputs("A device to play on");
-    options.audio.addSeconds("The duration; 10 if not given");
+    options.setAbout(
+        "Runs devices like 'dxr loop', by default the default ones, and writes the times of every\n"
+        "cycle as Chrome trace events, for chrome://tracing and ui.perfetto.dev, and as a picture.");
+    options.addInputs("A device to record");
+    options.addOutputs("A device to play on");
+    options.addSeconds("The duration; 10 if not given");
 }

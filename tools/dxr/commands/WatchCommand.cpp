@@ -1,7 +1,6 @@
 #include "Commands.h"
 
 #include "DeviceWatch.h"
-#include "HardwareChoice.h"
 #include "Interrupts.h"
 #include "Terminal.h"
 #include "TextFormat.h"
@@ -12,9 +11,8 @@
 
 namespace {
 
-struct Options {
-    explicit Options(CLI::App& command) : hardware(command) {}
-    HardwareChoice hardware;
+struct Options : HardwareChoice {
+    using HardwareChoice::HardwareChoice;
     bool withHidden = false, asJSON = false, withIdentity = false;
 };
 
@@ -43,11 +41,10 @@ void print(const std::vector<DeviceWatch::Event>& events, const Options& options
 
 void run(Options& options)
 {
-    options.hardware.apply();
     const Terminal terminal;
     DeviceWatch watch(options.withHidden);
     print(watch.begin(), options, terminal);
-    const auto visitor = options.hardware.visitor();
+    const auto visitor = options.visitor();
     const Interrupts interrupts;
     std::signal(SIGPIPE, SIG_DFL); // the end of the reader is the end
     constexpr int forever = -1;

@@ -90,7 +90,7 @@ OutputSound soundOf(std::span<const DemoTone> tones, std::span<const DemoStretch
 
 std::vector<DemoTone> DemoTone::measure(const DemoStage& stage)
 {
-    constexpr double blockSeconds = 0.1;
+    constexpr auto middleTicks = static_cast<uint64_t>(DemoRecording::blockSeconds / 2.0 * 1e9);
     const auto clockOf = [](DemoStage::Device device) {
         return 1.0 + DemoStage::factsOf(device).partsPerMillion * 1e-6;
     };
@@ -99,15 +99,11 @@ std::vector<DemoTone> DemoTone::measure(const DemoStage& stage)
         const DemoRecording& recording = stage.recordingOf(output);
         const double rate = recording.sampleRate();
         const double frequency = DemoStage::toneFrequency * clockOf(DemoStage::Microphone) / clockOf(output);
-        const auto blockFrames = static_cast<size_t>(blockSeconds * rate);
-        for (const DemoRecording::Stretch& stretch : recording.stretches())
-            for (size_t frame = 0; frame + blockFrames <= stretch.samples.size(); frame += blockFrames) {
-                const SineFit fit =
-                    SineFit::nearTo(stretch.samples.subspan(frame, blockFrames), frequency, rate);
-                const double middle = static_cast<double>(frame) / rate + blockSeconds / 2.0;
-                tones.push_back({output, stretch.hostTicks + static_cast<uint64_t>(middle * 1e9),
-                                 fit.signalToNoise, fit.amplitude, (fit.frequency / frequency - 1.0) * 1e6});
-            }
+        for (const DemoRecording::Block& block : recording.blocks()) {
+            const SineFit fit = SineFit::nearTo(block.samples, frequency, rate);
+            tones.push_back({output, block.hostTicks + middleTicks, fit.signalToNoise, fit.amplitude,
+                             (fit.frequency / frequency - 1.0) * 1e6});
+        }
     }
     return tones;
 }

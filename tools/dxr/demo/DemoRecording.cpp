@@ -1,12 +1,13 @@
 #include "DemoRecording.h"
 
 #include <dxr/HostClock.h>
+#include <utility>
 
 DemoRecording::DemoRecording(double sampleRate, double seconds)
-    : _sampleRate(sampleRate), _maxFrames(static_cast<size_t>(seconds * sampleRate)),
-      _maxCycles(_maxFrames / 32), // cycles are longer
-      _samples(std::make_unique_for_overwrite<float[]>(_maxFrames)),
-      _cycles(std::make_unique_for_overwrite<Cycle[]>(_maxCycles))
+    : _sampleRate(sampleRate), _blockFrames(static_cast<size_t>(blockSeconds * sampleRate)),
+      _maxBlocks(static_cast<size_t>(seconds / blockSeconds)),
+      _samples(std::make_unique_for_overwrite<float[]>(_maxBlocks * _blockFrames)),
+      _blockTicks(std::make_unique_for_overwrite<uint64_t[]>(_maxBlocks))
 {}
 
 SimulatedSink DemoRecording::sink()
@@ -20,28 +21,24 @@ SimulatedSink DemoRecording::sink()
 void DemoRecording::_keep(uint64_t sampleTime, uint32_t frameCount, uint32_t channels,
                           const float* samples) noexcept
 {
-    const size_t cycle = _cycleCount.load(std::memory_order_relaxed);
-    const size_t first = cycle == 0 ? 0 : _cycles[cycle - 1].first + _cycles[cycle - 1].frameCount;
-    if (cycle == _maxCycles || first + frameCount > _maxFrames)
-        return;
-    for (size_t k = 0; k < frameCount; ++k)
-        _samples[first + k] = samples[k * channels];
-    _cycles[cycle] = {dxr::HostClock::nowTicks(), sampleTime, first, frameCount};
-    _cycleCount.store(cycle + 1, std::memory_order_release);
+    const uint64_t now = dxr::HostClock::nowTicks();
+    if (std::exchange(_nextSampleTime, sampleTime + frameCount) != sampleTime)
+        _filledFrames = 0; // the device disconnected, or lost cycles
+    size_t block = _blockCount.load(std::memory_order_relaxed);
+    for (uint32_t frame = 0; frame < frameCount && block < _maxBlocks; ++frame) {
+        if (_filledFrames == 0)
+            _blockTicks[block] = now + static_cast<uint64_t>(frame / _sampleRate * 1e9);
+        _samples[block * _blockFrames + _filledFrames] = samples[size_t{frame} * channels];
+        _filledFrames = (_filledFrames + 1) % _blockFrames;
+        block += _filledFrames == 0;
+    }
+    _blockCount.store(block, std::memory_order_release);
 }
 
-std::vector<DemoRecording::Stretch> DemoRecording::stretches() const
+std::vector<DemoRecording::Block> DemoRecording::blocks() const
 {
-    std::vector<Stretch> stretches;
-    uint64_t nextSampleTime = 0;
-    size_t from = 0;
-    for (const Cycle& cycle : std::span(_cycles.get(), _cycleCount.load(std::memory_order_acquire))) {
-        if (stretches.empty() || cycle.sampleTime != nextSampleTime) {
-            stretches.push_back({cycle.hostTicks, {}});
-            from = cycle.first;
-        }
-        nextSampleTime = cycle.sampleTime + cycle.frameCount;
-        stretches.back().samples = {&_samples[from], cycle.first + cycle.frameCount - from};
-    }
-    return stretches;
+    std::vector<Block> blocks;
+    for (size_t block = 0; block < _blockCount.load(std::memory_order_acquire); ++block)
+        blocks.push_back({_blockTicks[block], {&_samples[block * _blockFrames], _blockFrames}});
+    return blocks;
 }

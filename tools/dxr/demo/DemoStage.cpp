@@ -10,11 +10,10 @@ using enum HALDirection;
 namespace {
 
 constexpr DemoStage::Facts facts[] = {
-    {"Stage Microphone", Input, 48000.0, 80.0},
-    {"Studio Monitors", Output, 44100.0, -60.0},
-    {"Headphones", Output, 96000.0, 150.0},
+    {"Stage Microphone", "demo-microphone", Input, 48000.0, 80.0},
+    {"Studio Monitors", "demo-monitors", Output, 44100.0, -60.0},
+    {"Headphones", "demo-headphones", Output, 96000.0, 150.0},
 };
-constexpr const char* uids[] = {"demo-microphone", "demo-monitors", "demo-headphones"};
 
 constexpr double scriptSeconds = 18.0;
 constexpr DemoStage::Step script[DemoStage::stepCount] = {
@@ -109,13 +108,5 @@ void DemoStage::_setLocation(uint32_t location)
 
 std::string DemoStage::uidOf(Device device) const
 {
-    return device == Headphones ? formatText("%s:%08X", uids[device], _location) : uids[device];
-}
-
-std::optional<DemoStage::Device> DemoStage::deviceOf(const std::string& uid)
-{
-    for (const Device device : devices)
-        if (uid.starts_with(uids[device]))
-            return device;
-    return std::nullopt;
+    return device == Headphones ? formatText("%s:%08X", facts[device].uid, _location) : facts[device].uid;
 }

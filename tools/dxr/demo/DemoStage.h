@@ -20,7 +20,7 @@ public:
     static constexpr double toneAmplitude = 0.5;
 
     struct Facts {
-        const char* name;
+        const char *name, *uid;
         HALDirection direction;
         double sampleRate;      ///< Hz
         double partsPerMillion; ///< how much faster than nominal its clock runs
@@ -46,8 +46,6 @@ public:
 
     /// Another one for the headphones at another port.
     std::string uidOf(Device device) const;
-    /// The device that has, or had, that UID.
-    static std::optional<Device> deviceOf(const std::string& uid);
     const DemoRecording& recordingOf(Device output) const { return *_recordings[output]; }
 
 private:

@@ -2,7 +2,7 @@
 
 #include "DeviceLookup.h"
 
-DeviceArgument::DeviceArgument(CLI::App& command, Sides sides) : _hardware(command)
+DeviceArgument::DeviceArgument(CLI::App& command, Sides sides) : HardwareChoice(command)
 {
     command.add_option("device", _device, "Its UID, reference, or a part of its name")->required();
     if (sides == Sides::Both)
@@ -12,10 +12,9 @@ DeviceArgument::DeviceArgument(CLI::App& command, Sides sides) : _hardware(comma
         ->excludes(input);
 }
 
-DeviceReport DeviceArgument::report()
+DeviceReport DeviceArgument::report() const
 {
-    _hardware.apply();
-    return DeviceLookup::find(_device, side());
+    return findDevice(_device, side());
 }
 
 std::optional<HALDirection> DeviceArgument::side() const

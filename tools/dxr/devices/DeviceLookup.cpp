@@ -72,8 +72,8 @@ std::optional<DeviceReport> findReferred(const std::string& text, std::optional<
 
 } // namespace
 
-std::optional<DeviceReport> DeviceLookup::findIfKnown(const std::string& wanted,
-                                                      std::optional<HALDirection> direction)
+std::optional<DeviceReport> findDeviceIfKnown(const std::string& wanted,
+                                              std::optional<HALDirection> direction)
 {
     if (isDeviceReference(wanted))
         return findReferred(wanted, direction);
@@ -108,9 +108,9 @@ std::optional<DeviceReport> DeviceLookup::findIfKnown(const std::string& wanted,
     return std::nullopt;
 }
 
-DeviceReport DeviceLookup::find(const std::string& wanted, std::optional<HALDirection> direction)
+DeviceReport findDevice(const std::string& wanted, std::optional<HALDirection> direction)
 {
-    if (const std::optional<DeviceReport> found = findIfKnown(wanted, direction))
+    if (const std::optional<DeviceReport> found = findDeviceIfKnown(wanted, direction))
         return *found;
     if (isDeviceReference(wanted))
         throw ToolFailure(quoted(wanted) + " is not a device reference");

@@ -85,10 +85,10 @@ DeviceSelection DeviceSelection::find(const std::string& text, HALDirection dire
     if (colon != std::string::npos)
         chosen = channelList(std::string_view(text).substr(colon + 1));
     if (!chosen)
-        return of(DeviceLookup::find(text, direction), direction);
-    if (const std::optional<DeviceReport> whole = DeviceLookup::findIfKnown(text, direction))
+        return of(findDevice(text, direction), direction);
+    if (const std::optional<DeviceReport> whole = findDeviceIfKnown(text, direction))
         return of(*whole, direction);
-    DeviceSelection selection = of(DeviceLookup::find(text.substr(0, colon), direction), direction);
+    DeviceSelection selection = of(findDevice(text.substr(0, colon), direction), direction);
     const uint32_t last = *std::ranges::max_element(*chosen);
     if (last > selection.channels.size())
         throw ToolFailure(selection.shortName() +

@@ -15,7 +15,7 @@ struct DeviceSelection {
     static DeviceSelection of(const DeviceReport& report, HALDirection direction);
     /// "default" is the default device of the direction. Else, the device that the whole text names; else the
     /// one that the text before the last colon names, with the channels behind it: "1,2", "3-6" or both.
-    /// Throws ToolFailure like DeviceLookup::find(), and for channels that the device does not have.
+    /// Throws ToolFailure like findDevice(), and for channels that the device does not have.
     static DeviceSelection find(const std::string& text, HALDirection direction);
     /// Throws ToolFailure also when two of `texts` name the same device.
     static std::vector<DeviceSelection> findAll(const std::vector<std::string>& texts,

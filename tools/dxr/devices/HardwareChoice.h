@@ -4,11 +4,12 @@
 
 #include <CLI/CLI.hpp>
 
-/// The options `--simulated` and `--hardware`.
+/// The options `--simulated` and `--hardware`: the base of the options of every command that uses devices.
 /// Threads: one.
 class HardwareChoice {
 public:
-    /// Adds the options to `command`. This object must outlive the command line.
+    /// Adds the options to `command`, which calls apply() before it runs. This object must outlive the
+    /// command line.
     explicit HardwareChoice(CLI::App& command);
 
     /// Selects the process's hardware. Call it once, before any other use of devices. Throws ToolFailure for

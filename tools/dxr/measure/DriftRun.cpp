@@ -145,33 +145,12 @@ private:
     bool _hasDelay = false;
 };
 
-} // namespace
-
-DriftRun::DriftRun(const DriftScenario& scenario)
+DriftFigures figuresOf(const std::vector<DriftPoint>& points, double seconds)
 {
-    Pair pair(scenario);
-    const double step = std::max(0.05, scenario.seconds / 20000.0);
-    const double started = pair.seconds();
-    while (pair.seconds() - started < scenario.seconds) {
-        pair.advance(step);
-        const double now = pair.seconds();
-        const AudioAggregateSubDeviceStatus status = pair.status();
-        _figures.lostFrames = status.lostFrames;
-        _figures.resynchronisations = status.resynchronisations;
-        if (!pair.hasDelay())
-            continue;
-        const double truth = ratioAt(scenario.source, now) / ratioAt(scenario.reader, now);
-        _points.push_back({now - started, status.partsPerMillion, (truth - 1.0) * 1e6, pair.delayFrames(),
-                           status.inputLevelFrames});
-    }
-    _summarise(scenario.seconds);
-}
-
-void DriftRun::_summarise(double seconds)
-{
+    DriftFigures figures;
     double delays = 0.0, squares = 0.0;
     size_t late = 0, settled = 0;
-    for (const DriftPoint& point : _points) {
+    for (const DriftPoint& point : points) {
         if (point.seconds >= seconds / 2.0) {
             delays += point.delayFrames;
             ++late;
@@ -181,15 +160,41 @@ void DriftRun::_summarise(double seconds)
             ++settled;
         }
     }
-    _figures.delayFrames = delays / static_cast<double>(std::max<size_t>(late, 1));
-    _figures.ratioErrorRMS = std::sqrt(squares / static_cast<double>(std::max<size_t>(settled, 1)));
+    figures.delayFrames = delays / static_cast<double>(std::max<size_t>(late, 1));
+    figures.ratioErrorRMS = std::sqrt(squares / static_cast<double>(std::max<size_t>(settled, 1)));
     bool isSettled = false;
-    for (const DriftPoint& point : _points) {
-        const double away = std::abs(point.delayFrames - _figures.delayFrames);
+    for (const DriftPoint& point : points) {
+        const double away = std::abs(point.delayFrames - figures.delayFrames);
         if (point.seconds >= settledAfter)
-            _figures.wanderFrames = std::max(_figures.wanderFrames, away);
-        isSettled = isSettled || point.seconds - _figures.settledSeconds > 10.0;
+            figures.wanderFrames = std::max(figures.wanderFrames, away);
+        isSettled = isSettled || point.seconds - figures.settledSeconds > 10.0;
         if (!isSettled && away > 0.5)
-            _figures.settledSeconds = point.seconds;
+            figures.settledSeconds = point.seconds;
     }
+    return figures;
+}
+
+} // namespace
+
+DriftRun runDrift(const DriftScenario& scenario)
+{
+    DriftRun run;
+    AudioAggregateSubDeviceStatus status;
+    Pair pair(scenario);
+    const double step = std::max(0.05, scenario.seconds / 20000.0);
+    const double started = pair.seconds();
+    while (pair.seconds() - started < scenario.seconds) {
+        pair.advance(step);
+        const double now = pair.seconds();
+        status = pair.status();
+        if (!pair.hasDelay())
+            continue;
+        const double truth = ratioAt(scenario.source, now) / ratioAt(scenario.reader, now);
+        run.points.push_back({now - started, status.partsPerMillion, (truth - 1.0) * 1e6, pair.delayFrames(),
+                              status.inputLevelFrames});
+    }
+    run.figures = figuresOf(run.points, scenario.seconds);
+    run.figures.lostFrames = status.lostFrames;
+    run.figures.resynchronisations = status.resynchronisations;
+    return run;
 }

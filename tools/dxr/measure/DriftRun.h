@@ -38,21 +38,12 @@ struct DriftFigures {
     uint32_t resynchronisations = 0;
 };
 
-/// Runs an aggregate of two clocks on a simulated computer whose time is stepped: an hour takes seconds, and
-/// results are repeatable.
-/// Threads: one. The simulated computer becomes the process's hardware: one run in a process.
-class DriftRun {
-public:
-    /// Throws ToolFailure when the aggregate cannot be made.
-    explicit DriftRun(const DriftScenario& scenario);
-
-    /// Up to twenty thousand, evenly spread.
-    const std::vector<DriftPoint>& points() const { return _points; }
-    const DriftFigures& figures() const { return _figures; }
-
-private:
-    void _summarise(double seconds);
-
-    std::vector<DriftPoint> _points;
-    DriftFigures _figures;
+struct DriftRun {
+    std::vector<DriftPoint> points; ///< up to twenty thousand, evenly spread
+    DriftFigures figures;
 };
+
+/// Runs an aggregate of two clocks on a simulated computer whose time is stepped: an hour takes seconds, and
+/// results are repeatable. Throws ToolFailure when the aggregate cannot be made.
+/// Threads: one. The simulated computer becomes the process's hardware: one run in a process.
+DriftRun runDrift(const DriftScenario& scenario);

@@ -18,21 +18,21 @@ void CycleStatistics::note(const DXRCycleRecord& record)
     _droppedRecords = record.droppedRecords;
     if (record.event != Event::Cycle) {
         disturb();
-        _restarts += _isCounting && record.event == Event::ContextStarted;
+        restarts += _isCounting && record.event == Event::ContextStarted;
         return;
     }
-    ++_cyclesSeen;
+    ++cyclesSeen;
     _smoothFrames += record.runnerFrameCount;
     if (record.context != Context::Timer)
         _noteDeviceCycle(record);
     else if (_isCounting)
-        _timerFrames += record.runnerFrameCount;
+        timerFrames += record.runnerFrameCount;
     _last = record;
 }
 
 void CycleStatistics::_noteDeviceCycle(const DXRCycleRecord& record)
 {
-    _cycleFrames = record.frameCount;
+    cycleFrames = record.frameCount;
     const bool followsLast = _last.contextNumber == record.contextNumber && _last.context == record.context &&
                              _last.droppedRecords == record.droppedRecords;
     const uint64_t expected = _last.deviceSampleTime + _last.frameCount;
@@ -42,25 +42,25 @@ void CycleStatistics::_noteDeviceCycle(const DXRCycleRecord& record)
     if (!_isCounting)
         return;
     // Before the first counted cycle nothing is missing.
-    if (isGap && _cycles > 0) {
-        ++_gaps;
-        _lostFrames += record.deviceSampleTime > expected ? record.deviceSampleTime - expected : 0;
+    if (isGap && cycles > 0) {
+        ++gaps;
+        lostFrames += record.deviceSampleTime > expected ? record.deviceSampleTime - expected : 0;
     }
-    ++_cycles;
+    ++cycles;
     _noteTimes(record);
 }
 
 void CycleStatistics::_noteTimes(const DXRCycleRecord& record)
 {
-    _longestRun = std::max(_longestRun, record.endTicks - record.blocksBeginTicks);
+    longestRun = std::max(longestRun, record.endTicks - record.blocksBeginTicks);
     if (record.dueTicks == 0)
         return;
     const uint64_t lateness = record.beginTicks - std::min(record.beginTicks, record.dueTicks);
-    _largestLateness = std::max(_largestLateness, lateness);
+    largestLateness = std::max(largestLateness, lateness);
     if (record.deadlineTicks == 0 || record.endTicks <= record.deadlineTicks)
         return;
-    ++_lateCycles;
-    _lateByUs += lateness <= (record.deadlineTicks - record.dueTicks) / 2;
+    ++lateCycles;
+    lateByUs += lateness <= (record.deadlineTicks - record.dueTicks) / 2;
 }
 
 bool CycleStatistics::isSettled(double sampleRate) const

@@ -10,32 +10,28 @@
 namespace {
 
 constexpr float fallDecibelsPerSecond = 24.0F;
-constexpr uint32_t maxBars = 8;   // of a device
+constexpr size_t maxBars = 8;     // of a device
 constexpr size_t maxLines = 16;   // of the 24 of a small terminal
 constexpr size_t labelWidth = 19; // of a name and a number
 
 } // namespace
 
-DeviceMeters::Meter::Meter(uint32_t channels)
-    : channelCount(channels), peaks(std::make_unique<std::atomic<float>[]>(channels)),
-      shown(std::min(channels, maxBars), 0.0F)
-{}
-
 void DeviceMeters::add(const char* direction, const std::vector<DeviceSelection>& selections)
 {
     constexpr size_t nameWidth = 16;
     for (const DeviceSelection& selection : selections) {
-        Meter& meter = _meters.emplace_back(static_cast<uint32_t>(selection.channels.size()));
-        meter.label = selections.size() == 1
-                          ? direction
-                          : fitLeft(std::string(direction) + " " + selection.shortName(), nameWidth);
+        const size_t channels = selection.channels.size();
+        _meters.push_back({std::make_unique<std::atomic<float>[]>(channels), std::vector<float>(channels),
+                           selections.size() == 1
+                               ? direction
+                               : fitLeft(std::string(direction) + " " + selection.shortName(), nameWidth)});
     }
 }
 
 void DeviceMeters::note(size_t meter, const DXRBuffer& buffer) noexcept
 {
     const size_t channels = buffer.channelCount(), end = channels * buffer.frameCount();
-    for (size_t channel = 0; channel < std::min<size_t>(channels, _meters[meter].channelCount); ++channel) {
+    for (size_t channel = 0; channel < std::min(channels, _meters[meter].levels.size()); ++channel) {
         std::atomic<float>& highest = _meters[meter].peaks[channel];
         float peak = 0.0F;
         for (size_t k = channel; k < end; k += channels)
@@ -46,34 +42,41 @@ void DeviceMeters::note(size_t meter, const DXRBuffer& buffer) noexcept
     }
 }
 
-std::vector<float> DeviceMeters::takePeaks(size_t meter)
+void DeviceMeters::update()
 {
-    std::vector<float> peaks;
-    for (uint32_t channel = 0; channel < _meters[meter].channelCount; ++channel)
-        peaks.push_back(_meters[meter].peaks[channel].exchange(0.0F, std::memory_order_relaxed));
-    return peaks;
+    constexpr float silence = 1e-5F;
+    const auto now = std::chrono::steady_clock::now();
+    const float seconds = std::min(1.0F, std::chrono::duration<float>(now - _updated).count());
+    const float fall = std::pow(10.0F, -fallDecibelsPerSecond * seconds / 20.0F);
+    _updated = now;
+    for (Meter& meter : _meters)
+        for (size_t channel = 0; channel < meter.levels.size(); ++channel) {
+            const float peak = meter.peaks[channel].exchange(0.0F, std::memory_order_relaxed);
+            const float level = std::max(peak, meter.levels[channel] * fall);
+            meter.levels[channel] = level < silence ? 0.0F : level;
+        }
+}
+
+float DeviceMeters::level(size_t meter) const
+{
+    const std::vector<float>& levels = _meters[meter].levels;
+    return levels.empty() ? 0.0F : *std::ranges::max_element(levels);
 }
 
 std::vector<std::string> DeviceMeters::draw(size_t width, const Terminal& terminal)
 {
-    const auto now = std::chrono::steady_clock::now();
-    const float seconds = std::min(1.0F, std::chrono::duration<float>(now - _drawn).count());
-    const float fall = std::pow(10.0F, -fallDecibelsPerSecond * seconds / 20.0F);
-    _drawn = now;
+    update();
     size_t count = 0;
     for (const Meter& meter : _meters)
-        count += meter.channelCount > maxBars ? 1 : meter.channelCount;
+        count += meter.levels.size() > maxBars ? 1 : meter.levels.size();
     std::vector<std::string> lines;
     for (size_t i = 0; i < _meters.size() && lines.size() < maxLines; ++i) {
-        Meter& meter = _meters[i];
-        std::vector<float> peaks = takePeaks(i);
-        const bool isLoudest = count > maxLines || meter.channelCount > maxBars;
-        if (isLoudest && !peaks.empty())
-            peaks = {*std::ranges::max_element(peaks)};
-        for (size_t bar = 0; bar < peaks.size(); ++bar) {
-            meter.shown[bar] = std::max(peaks[bar], meter.shown[bar] * fall);
-            const std::string number = peaks.size() == 1 ? "" : formatText(" %zu", bar + 1);
-            lines.push_back(_bar(meter.label + number, meter.shown[bar], width, terminal));
+        const Meter& meter = _meters[i];
+        const bool isLoudest = count > maxLines || meter.levels.size() > maxBars;
+        const std::vector<float> levels = isLoudest ? std::vector{level(i)} : meter.levels;
+        for (size_t bar = 0; bar < levels.size(); ++bar) {
+            const std::string number = levels.size() == 1 ? "" : formatText(" %zu", bar + 1);
+            lines.push_back(_bar(meter.label + number, levels[bar], width, terminal));
         }
     }
     if (_meters.size() > maxLines)

@@ -19,25 +19,24 @@ public:
     void add(const char* direction, const std::vector<DeviceSelection>& selections);
     void note(size_t meter, const DXRBuffer& buffer) noexcept CX_REALTIME;
 
-    /// The peak of each channel since the last call or draw(), 1.0 being full scale.
-    std::vector<float> takePeaks(size_t meter);
-    /// Bars, `width` columns wide, for each channel, or where there are too many for the loudest of each
-    /// device. They fall slowly, to show short peaks.
+    /// Takes the peaks since the last call. Levels fall slowly, to show short peaks.
+    void update();
+    /// Of the loudest channel, by the last update(); 1.0 is full scale.
+    float level(size_t meter) const;
+    /// Updated bars, `width` columns wide, for each channel, or where there are too many for the loudest of
+    /// each device.
     std::vector<std::string> draw(size_t width, const Terminal& terminal);
 
 private:
     struct Meter {
-        explicit Meter(uint32_t channels);
-
-        const uint32_t channelCount;
         // The largest since it was last taken. The IO thread raises it, the reader resets it to 0, both by
         // atomic exchange, so that no peak is lost. Orders nothing else.
-        const std::unique_ptr<std::atomic<float>[]> peaks;
+        std::unique_ptr<std::atomic<float>[]> peaks;
+        std::vector<float> levels;
         std::string label;
-        std::vector<float> shown; // levels of the bars
     };
     static std::string _bar(const std::string& label, float level, size_t width, const Terminal& terminal);
 
     std::deque<Meter> _meters;
-    std::chrono::steady_clock::time_point _drawn{};
+    std::chrono::steady_clock::time_point _updated{};
 };

@@ -27,11 +27,7 @@ void FilePlayer::addTo(RunnerSession& session)
 {
     if (_isStream())
         std::thread([self = CXRef<FilePlayer>(this)] { self->_readStream(); }).detach();
-    for (size_t output = 0; output < _outputs.size(); ++output)
-        session.add(_outputs[output],
-                    [self = CXRef<FilePlayer>(this), output](uint64_t sampleTime, DXRBuffer& buffer) {
-                        self->_play(output, sampleTime, buffer);
-                    });
+    session.add(_outputs, CXRef<FilePlayer>(this), &FilePlayer::_play);
 }
 
 void FilePlayer::_readStream() noexcept

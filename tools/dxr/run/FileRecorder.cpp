@@ -22,11 +22,7 @@ void FileRecorder::addTo(RunnerSession& session)
         for (const DXRCycleRecord& record : records)
             self->_note(record);
     });
-    for (size_t input = 0; input < _inputs.size(); ++input)
-        session.add(_inputs[input],
-                    [self = CXRef<FileRecorder>(this), input](uint64_t sampleTime, DXRBuffer& buffer) {
-                        self->_hear(input, sampleTime, buffer);
-                    });
+    session.add(_inputs, CXRef<FileRecorder>(this), &FileRecorder::_hear);
 }
 
 void FileRecorder::open(double sampleRate)
@@ -37,7 +33,7 @@ void FileRecorder::open(double sampleRate)
 }
 
 /// The blocks of a cycle run in the order of the inputs; the last one keeps the frames of all.
-void FileRecorder::_hear(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept
+void FileRecorder::_hear(size_t input, uint64_t sampleTime, DXRBuffer& buffer) noexcept
 {
     _heard.note(input, sampleTime, buffer);
     _meters.note(input, buffer);

@@ -33,7 +33,7 @@ private:
     explicit FileRecorder(const std::vector<DeviceSelection>& inputs);
     ~FileRecorder() override = default;
 
-    void _hear(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept CX_REALTIME;
+    void _hear(size_t input, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;
     void _note(const DXRCycleRecord& record);
     void _keep(uint64_t sampleTime, uint32_t frameCount) noexcept CX_REALTIME;
 

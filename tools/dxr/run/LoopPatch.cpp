@@ -20,17 +20,11 @@ LoopPatch::LoopPatch(const std::vector<DeviceSelection>& inputs, const std::vect
 void LoopPatch::addTo(RunnerSession& session)
 {
     const CXRef<LoopPatch> self(this);
-    for (size_t input = 0; input < _selections[0].size(); ++input)
-        session.add(_selections[0][input], [self, input](uint64_t sampleTime, DXRBuffer& buffer) {
-            self->_hear(input, sampleTime, buffer);
-        });
-    for (size_t output = 0; output < _selections[1].size(); ++output)
-        session.add(_selections[1][output], [self, output](uint64_t sampleTime, DXRBuffer& buffer) {
-            self->_play(output, sampleTime, buffer);
-        });
+    session.add(_selections[0], self, &LoopPatch::_hear);
+    session.add(_selections[1], self, &LoopPatch::_play);
 }
 
-void LoopPatch::_hear(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept
+void LoopPatch::_hear(size_t input, uint64_t sampleTime, DXRBuffer& buffer) noexcept
 {
     _inputs.note(input, sampleTime, buffer);
     _meters.note(input, buffer);

@@ -25,7 +25,7 @@ private:
     LoopPatch(const std::vector<DeviceSelection>& inputs, const std::vector<DeviceSelection>& outputs);
     ~LoopPatch() override = default;
 
-    void _hear(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept CX_REALTIME;
+    void _hear(size_t input, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;
     void _play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;
 
     const std::vector<DeviceSelection> _selections[2]; // inputs, outputs

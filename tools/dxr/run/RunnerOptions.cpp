@@ -32,14 +32,17 @@ std::streambuf& nowhere()
 
 } // namespace
 
-RunnerOptions::RunnerOptions(CLI::App& command, const std::string& about)
-    : _command(command), _hardware(command)
+RunnerOptions::RunnerOptions(CLI::App& command) : HardwareChoice(command), _command(command)
 {
-    command.footer(about + "\n\n" + aboutDevices);
     command.add_option("--frames", _frames, "Frames of a block; by default those of the devices' cycle")
         ->check(aboveZero);
     command.add_flag("--wait", _waits, "Wait for devices that are not connected yet");
     command.add_option("--rate", _rate, "The sample rate in Hz; by default the devices'")->check(aboveZero);
+}
+
+void RunnerOptions::setAbout(const std::string& about)
+{
+    _command.footer(about + "\n\n" + aboutDevices);
 }
 
 void RunnerOptions::_addDevices(const char* name, std::vector<std::string>& texts, const std::string& about)
@@ -61,7 +64,6 @@ void RunnerOptions::useDefaults()
 
 void RunnerOptions::find()
 {
-    _hardware.apply();
     if (_isQuiet)
         std::cout.rdbuf(&nowhere());
     _waits ? _waitForDevices() : _select();
@@ -98,7 +100,7 @@ void RunnerOptions::_waitForDevices()
                 std::cout << "Waiting: " << (reason = missing.what()) << std::endl;
         }
         if (!visitor)
-            visitor = _hardware.visitor();
+            visitor = this->visitor();
     } while (interrupts.wait(-1, DeviceWatch::fd()));
     throw ToolFailure("stopped while waiting: " + reason);
 }

@@ -7,12 +7,13 @@
 
 /// The options of commands that run audio: devices, frame count, rate, duration.
 /// Threads: one.
-class RunnerOptions {
+class RunnerOptions : public HardwareChoice {
 public:
-    /// Adds --frames, --rate, --wait and the choice of hardware to `command`; its help ends with `about`.
-    /// This object must outlive the command line.
-    RunnerOptions(CLI::App& command, const std::string& about);
+    /// Adds --frames, --rate, --wait and the choice of hardware to `command`.
+    explicit RunnerOptions(CLI::App& command);
 
+    /// Ends the command's help with `about`, and how devices are named.
+    void setAbout(const std::string& about);
     /// Adds --in or --out, which may be repeated, with a DEVICE[:CHANNELS].
     void addInputs(const std::string& about) { _addDevices("--in", _inputNames, about); }
     void addOutputs(const std::string& about) { _addDevices("--out", _outputNames, about); }
@@ -21,12 +22,10 @@ public:
     /// --quiet, too.
     void useDefaults();
 
-    /// Selects the hardware and finds the devices, with --wait as soon as they are connected. Throws
-    /// ToolFailure.
+    /// Finds the devices, with --wait as soon as they are connected. Throws ToolFailure.
     void find();
     /// Replaces the devices by the default ones that there are.
     void takeDefaults();
-    const HardwareChoice& hardware() const { return _hardware; }
     const std::vector<DeviceSelection>& inputs() const { return _inputs; }
     const std::vector<DeviceSelection>& outputs() const { return _outputs; }
     bool namesDevices() const { return !_inputNames.empty() || !_outputNames.empty(); }
@@ -45,7 +44,6 @@ private:
     bool _needsDefault(const char* option, const std::vector<DeviceSelection>& found) const;
 
     CLI::App& _command;
-    HardwareChoice _hardware;
     std::vector<std::string> _inputNames, _outputNames;
     bool _usesDefaults = false, _isFast = false, _isQuiet = false, _waits = false;
     std::optional<uint32_t> _frames;

@@ -128,10 +128,18 @@ void RunnerSession::_noteRecord(const DXRCycleRecord& record)
 
 uint64_t RunnerSession::lostFrames() const
 {
-    uint64_t lost = _statistics.lostFrames();
+    uint64_t lost = _statistics.lostFrames;
     for (const SessionDevice& device : _devices)
         lost += device.lostFrames();
     return lost;
+}
+
+std::vector<bool> RunnerSession::connections() const
+{
+    std::vector<bool> all;
+    for (const SessionDevice& device : _devices)
+        all.push_back(device.isConnected());
+    return all;
 }
 
 std::optional<double> RunnerSession::latencySeconds(HALDirection direction) const
@@ -248,14 +256,14 @@ std::vector<std::string> RunnerSession::report() const
 {
     const CycleStatistics& all = _statistics;
     std::vector<std::string> lines{
-        formatCount(all.cycles(), "cycle") + formatText(" of %u frames: ", all.cycleFrames()) +
-            formatCount(all.gaps(), "gap") + " (" + formatCount(all.lostFrames(), "frame") + " lost), " +
-            formatCount(all.lateCycles(), "late cycle") + " (" + formatNumber(all.lateByUs()) + " by us)",
+        formatCount(all.cycles, "cycle") + formatText(" of %u frames: ", all.cycleFrames) +
+            formatCount(all.gaps, "gap") + " (" + formatCount(all.lostFrames, "frame") + " lost), " +
+            formatCount(all.lateCycles, "late cycle") + " (" + formatNumber(all.lateByUs) + " by us)",
         formatText("latest cycle %.2f ms after it was due, longest run %.2f ms",
-                   1e3 * secondsOf(all.largestLateness()), 1e3 * secondsOf(all.longestRun()))};
-    if (all.restarts() > 0 || all.timerFrames() > 0)
-        lines.push_back(formatCount(all.restarts(), "restart") + ", " +
-                        formatSeconds(static_cast<double>(all.timerFrames()) / _sampleRate) +
+                   1e3 * secondsOf(all.largestLateness), 1e3 * secondsOf(all.longestRun))};
+    if (all.restarts > 0 || all.timerFrames > 0)
+        lines.push_back(formatCount(all.restarts, "restart") + ", " +
+                        formatSeconds(static_cast<double>(all.timerFrames) / _sampleRate) +
                         " without any device");
     if (all.missingRecords() > 0)
         lines.push_back(formatCount(all.missingRecords(), "cycle") + " not seen: the trace was full");

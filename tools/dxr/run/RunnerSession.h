@@ -28,6 +28,16 @@ public:
     RunnerSession& operator=(const RunnerSession&) = delete;
 
     void add(const DeviceSelection& selection, const DXRIOBlock& block);
+    /// Adds each selection with `block` of `part`, which is called with its place among them and kept alive.
+    template <class Part>
+    void add(const std::vector<DeviceSelection>& selections, const CXRef<Part>& part,
+             void (Part::*block)(size_t, uint64_t, DXRBuffer&) noexcept)
+    {
+        for (size_t place = 0; place < selections.size(); ++place)
+            add(selections[place], [part, block, place](uint64_t sampleTime, DXRBuffer& buffer) {
+                ((*part).*block)(place, sampleTime, buffer);
+            });
+    }
     void setRecords(Records records) { _records = std::move(records); }
     /// Called once, when cycles come regularly, or after three seconds; the session counts from then on.
     void setSettled(std::function<void()> settled) { _settled = std::move(settled); }
@@ -53,6 +63,7 @@ public:
     /// while it does not run.
     std::optional<double> latencySeconds(HALDirection direction) const;
     const std::vector<SessionDevice>& devices() const { return _devices; }
+    std::vector<bool> connections() const; ///< whether each of the devices is connected
     uint64_t sampleTime() const { return _runner ? _runner->sampleTime() : 0; } ///< of the next block
     /// The source of the cycles: "3 devices as one, by the clock of Desk", "Desk alone", "no device: …".
     std::string contextText() const;

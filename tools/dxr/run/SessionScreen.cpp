@@ -23,6 +23,13 @@ void SessionScreen::draw(DeviceMeters& meters, const std::string& status)
     _live.draw(lines);
 }
 
+void SessionScreen::draw(std::vector<std::string> lines)
+{
+    for (std::string& line : lines)
+        line = clipToWidth(line, width());
+    _live.draw(lines);
+}
+
 void SessionScreen::finish(const std::string& first)
 {
     for (const std::string& line : _session.takeMessages())

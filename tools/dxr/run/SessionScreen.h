@@ -19,6 +19,8 @@ public:
     /// Columns for a status line.
     size_t width() const { return _terminal.columns() - 1; }
     void draw(DeviceMeters& meters, const std::string& status);
+    /// Printable lines, which are cut to the width.
+    void draw(std::vector<std::string> lines);
     /// Prints a lasting line.
     void print(const std::string& line) { _live.printAbove(line); }
     /// Removes the picture, and prints `first` and the session's report.
