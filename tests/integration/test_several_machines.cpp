@@ -63,11 +63,12 @@ private:
     pid_t _start(const std::string& commands)
     {
         const std::string tools = std::filesystem::path(DXR_TOOL).parent_path();
-        // An address of this computer that no other run of this test uses at the same time.
-        const std::string desk =
-            "127.1." + std::to_string(getpid() / 250 % 250) + "." + std::to_string(1 + getpid() % 250);
+        // Ports that no other run of this test uses at the same time.
+        const int port = 20000 + getpid() % 20000;
         return startPrivateProcess({"sh", "-c", "cd; " + commands}, server.folder(),
-                                   {"DESK=" + desk, "PATH=" + tools + ":/usr/local/bin:/usr/bin:/bin"});
+                                   {"DESK=127.0.0.1", "SAP_PORT=" + std::to_string(port),
+                                    "PORT=" + std::to_string(port + 20000),
+                                    "PATH=" + tools + ":/usr/local/bin:/usr/bin:/bin"});
     }
 
     const std::string _name;
