@@ -154,11 +154,8 @@ void AlsaDevice::_add(HALDeviceState state)
 
 bool AlsaDevice::detach()
 {
-    {
-        const std::scoped_lock lock(_ioMutex);
-        _isGone = true;
-        _run.reset();
-    }
+    _isGone = true;
+    stopIO();
     const std::scoped_lock lock(_stateMutex);
     _sink = nullptr;
     return std::exchange(_isAdded, false);
@@ -168,6 +165,8 @@ bool AlsaDevice::detach()
 
 HALStatus AlsaDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadline deadline)
 {
+    if (_isGone)
+        return kAudioHardwareBadDeviceError;
     const std::scoped_lock lock(_ioMutex);
     if (_isGone)
         return kAudioHardwareBadDeviceError;

@@ -4,6 +4,8 @@
 #include "AlsaRun.h"
 #include "HALHardwareDriver.h"
 
+#include <atomic>
+
 /// One PCM of a card with its two directions: a device.
 /// Threads: as HALDeviceDriver; detach() on the watching thread.
 class AlsaDevice final : public HALDeviceDriver {
@@ -54,7 +56,9 @@ private:
     AlsaRunState _runState;
     CXRef<HALIOProcTable> _table; // while IO is wanted
     std::unique_ptr<AlsaRun> _run;
-    bool _isGone = false;
+    // Set and read without the mutex too: clients that start a device again and again would keep it from who takes the
+    // device down.
+    std::atomic<bool> _isGone{false};
 
     mutable std::mutex _stateMutex; // guards what follows; held while the sink is called
     std::array<std::optional<AlsaAbilities>, 2> _abilities; // by HALDirection
