@@ -62,7 +62,7 @@ TEST_F(PipeWireGroups, theStreamsOfAllMembersPassInOneCycle)
                               received += value != 0;
                           }
                       }));
-    EXPECT_EQ(ownNodeCount(), 1U);
+    EXPECT_TRUE(eventually([&] { return ownNodeCount() == 1; }));
     for (const AudioObjectID device : members) {
         EXPECT_EQ(read<uint32_t>(device, kAudioDevicePropertyBufferFrameSize), 512U);
         EXPECT_GT(read<double>(device, kAudioDevicePropertyActualSampleRate).value_or(0.0), 0.0);
