@@ -96,6 +96,9 @@ TEST_F(Properties, describeADevice)
     EXPECT_EQ(Address::deviceMute(out, 0)->uint32ForObjectID(box), 1U);
     EXPECT_TRUE(Address::deviceSampleRate()->setDouble(48000.0, box));
     EXPECT_EQ(Address::deviceSampleRate()->doubleForObjectID(box), 48000.0);
+    double rate = 0.0;
+    EXPECT_TRUE(Address::deviceSampleRate()->getDouble(&rate, box));
+    EXPECT_EQ(rate, 48000.0);
     EXPECT_FALSE(Address::deviceDeviceUID()->setUInt32(1, box));
     EXPECT_EQ(Address::objectName()->objectForObjectID(box)->description(), "Büro");
     const auto ranges = Address::deviceAvailableSampleRates()->valueRangeArrayForObjectID(box);
