@@ -1,3 +1,4 @@
+# time: counted
 # What alsa-lib returns over the kernel's cards and over the faked ones: the same.
 load snd-dummy fake_buffer=0 pcm_substreams=1; load snd-aloop pcm_substreams=1; load snd-hda-codec-generic; load snd-hda-intel
 sleep 1
