@@ -1,5 +1,4 @@
 # time: counted
-# seconds: 1500
 # devices: -device ich9-intel-hda,id=second -device hda-output,bus=second.0,audiodev=none -device usb-audio,audiodev=none,multi=on,serial=S0008
 # The conformance suite over the ALSA driver and the kernel's cards: HD audio with both directions and with outputs only, and a
 # USB unit of eight channels, plugged and unplugged by their drivers.
