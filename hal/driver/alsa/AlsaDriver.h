@@ -50,8 +50,8 @@ private:
     HALDriverSink* _sink = nullptr;
 
     std::mutex _mutex; // guards what follows; held while the sink hears of a default device
-    std::map<int, Entry>
-        _cards; // by number; start(), the watching thread and stop() change it and read it without
+    // By number. Only start(), the watching thread and stop() change it, and these read it without the mutex.
+    std::map<int, Entry> _cards;
     std::array<std::string, 3> _chosen; // UIDs, by HALDefault; empty: none chosen
     std::array<CXRef<AlsaDevice>, 3> _defaults;
 

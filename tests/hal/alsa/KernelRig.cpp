@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -14,7 +15,8 @@ namespace {
 struct KernelCard {
     uint32_t inputs = 0, outputs = 0;
     std::string plugFile, plugText, unplugFile, unplugText;
-    std::string uid; // while it is plugged
+    bool isPlugged = false;
+    std::string uid; // its device's, once that has been seen
 };
 
 /// The cards that a line each of the file $DXR_CARDS describes, all of them unplugged at first.
@@ -39,19 +41,19 @@ public:
     ~KernelRig() override
     {
         for (KernelCard& card : _cards)
-            if (!card.uid.empty())
-                write(card.unplugFile, card.unplugText);
+            _unplug(card);
     }
     HALModel& model() override { return *_model; }
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
         for (KernelCard& card : _cards) {
-            if (!card.uid.empty() || card.inputs != inputs || card.outputs != outputs)
+            if (card.isPlugged || card.inputs != inputs || card.outputs != outputs)
                 continue;
             const std::vector<AudioObjectID> before = readDevices(*_model);
             const auto isNew = [&](AudioObjectID device) { return !std::ranges::count(before, device); };
             write(card.plugFile, card.plugText);
+            card.isPlugged = true;
             std::vector<AudioObjectID> devices;
             eventually([&] { return std::ranges::any_of(devices = readDevices(*_model), isNew); });
             const auto device = std::ranges::find_if(devices, isNew);
@@ -65,10 +67,8 @@ public:
     void unplug(const std::string& uid) override
     {
         for (KernelCard& card : _cards)
-            if (card.uid == uid) {
-                write(card.unplugFile, card.unplugText);
-                card.uid.clear();
-            }
+            if (card.uid == uid)
+                _unplug(card);
     }
     void rename(const std::string&, const std::string&) override {}
     void letTimePass() override { sleepForMilliseconds(30); }
@@ -76,6 +76,12 @@ public:
     float volumeTolerance() const override { return 0.01F; }
 
 private:
+    static void _unplug(KernelCard& card)
+    {
+        if (std::exchange(card.isPlugged, false))
+            write(card.unplugFile, card.unplugText);
+    }
+
     const CXRef<HALModel> _model = HALModel::initWithDriver(AlsaDriver::init());
     std::vector<KernelCard> _cards = readCards();
 };
