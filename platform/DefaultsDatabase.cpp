@@ -25,6 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int64_t applicationID = 0x64787253; // "dxrS", in the file's header
 constexpr int64_t schemaVersion = 1;
+constexpr std::string_view databaseHead("SQLite format 3\0", 16);
 
 struct StatementEnd {
     void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
@@ -117,14 +118,13 @@ private:
 /// file for an empty one and writes over it.
 bool mayBeDatabase(const std::string& path)
 {
-    constexpr std::string_view head("SQLite format 3\0", 16);
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (descriptor < 0)
         return true;
-    std::array<char, head.size()> found{};
+    std::array<char, databaseHead.size()> found{};
     const ssize_t count = ::read(descriptor, found.data(), found.size());
     ::close(descriptor);
-    return count <= 0 || std::string_view(found.data(), static_cast<size_t>(count)) == head;
+    return count <= 0 || std::string_view(found.data(), static_cast<size_t>(count)) == databaseHead;
 }
 
 /// SQLite's name for a file that nobody will change.
@@ -374,6 +374,10 @@ bool DefaultsDatabase::begin()
         return false;
     const FileSizeSignalBlock block;
     _waitEnds = Clock::now() + _maximumWait;
+    if (!_isDatabaseStill()) {
+        close();
+        return false;
+    }
     _isInTransaction = _execute("BEGIN IMMEDIATE");
     if (!_isInTransaction && _isCorrupt())
         close(); // as in read()
@@ -431,6 +435,22 @@ bool DefaultsDatabase::_isStillInPlace() const
     struct stat now = {};
     return lstat(_path.c_str(), &now) == 0 && now.st_ino == _identity.st_ino &&
            now.st_dev == _identity.st_dev;
+}
+
+/// Whether the open file begins as a database does. SQLite would not look while it has the page in memory, and what
+/// is written into a file that was overwritten since is lost to everybody else.
+bool DefaultsDatabase::_isDatabaseStill()
+{
+    sqlite3_file* file = nullptr; // SQLite's own: closing another descriptor of the file would end its locks
+    std::array<char, databaseHead.size()> found{};
+    if (sqlite3_file_control(_connection, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+        file->pMethods->xRead(file, found.data(), static_cast<int>(found.size()), 0) == SQLITE_IOERR_READ)
+        return true; // what follows reports why it cannot be read
+    if (std::string_view(found.data(), found.size()) == databaseHead)
+        return true;
+    _failWith(_path + " is not a database any more");
+    _lastCode = SQLITE_NOTADB;
+    return false;
 }
 
 bool DefaultsDatabase::_setAside()

@@ -69,6 +69,7 @@ private:
     bool _isCorrupt() const noexcept;
     bool _setAside();
     bool _isStillInPlace() const;
+    bool _isDatabaseStill();
     bool _execute(const char* statement);
     bool _number(const char* statement, int64_t& number);
     static int _waitForOthers(void* database, int tries);
