@@ -35,6 +35,7 @@ TEST(auclock, holdsTheRateAsTheFractionItIs)
         {"nothing", 0, 0, 1},
         {"a third is cut at the best convergent", 1.0 / 3, 1, 3},
         {"not a number", std::nan(""), 0, 1},
+        {"past 63 bits", 0x1p63, INT64_MAX, 1},
         {"a denominator whose product with the host's frequency would overflow is cut", pi, 0, 0},
     };
     for (const auto& row : rows) {
