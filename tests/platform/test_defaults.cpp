@@ -247,6 +247,20 @@ TEST_F(Defaults, areStoredOnceTheDiskHasRoomAgain)
         EXPECT_TRUE(suite()->synchronize());
     });
     inChild([] { EXPECT_EQ(contents(), "count=1499 old=1 "); });
+
+    inChild([&] { // without being asked to, and without an event
+        rlimit limit{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        EXPECT_EQ(contents(), "count=1499 old=1 ");
+        limit.rlim_cur = 1000;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        EXPECT_FALSE(write("late", "1"));
+        const auto before = fs::last_write_time(file);
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        EXPECT_TRUE(eventually([&] { return fs::last_write_time(file) != before; }));
+    });
+    inChild([] { EXPECT_EQ(contents(), "count=1499 late=1 old=1 "); });
 }
 
 TEST_F(Defaults, setDamagedFilesAside)
@@ -285,21 +299,32 @@ TEST_F(Defaults, setDamagedFilesAside)
         inChild([] { EXPECT_EQ(contents(), "a=1 "); });
     }
 
-    // Damaged while it is in use, which shows when the writing has begun: the known values are stored at once. When
-    // nobody else has written, SQLite has the pages in memory and does not see it.
-    for (const bool isReadAgain : {true, false}) {
-        SCOPED_TRACE(isReadAgain);
-        const std::string all = "a=1 b=" + std::string(9000, isReadAgain ? 'b' : 'B') + " c=3 ";
+    // Damaged while it is in use, which shows when the writing has begun: the known values are stored at once.
+    const struct {
+        const char* why;
+        bool isReadAgain; ///< because another process has written; else SQLite has the pages in memory
+        int kept;         ///< bytes of the file's head
+    } damages[] = {
+        {"no head", true, 0},
+        {"no head, and nobody reads it", false, 0},
+        {"nothing but a head", true, 16},
+    };
+    char filler = 'b';
+    for (const auto& damage : damages) {
+        SCOPED_TRACE(damage.why);
+        const std::string value(9000, filler++);
+        const std::string all = "a=1 b=" + value + " c=3 ";
         inChild([&] {
-            EXPECT_TRUE(write("b", std::string(9000, isReadAgain ? 'b' : 'B')));
+            EXPECT_TRUE(write("b", value));
             Connection other(file);
             other("PRAGMA wal_checkpoint(TRUNCATE)");
-            if (isReadAgain)
+            if (damage.isReadAgain)
                 other("UPDATE entries SET value=value WHERE key='a'");
             else
                 EXPECT_TRUE(write("c", "2"));
             const CapturedLog log;
-            std::ofstream(file, std::ios::binary | std::ios::in) << std::string(size_t{4} * 4096, 'x');
+            std::fstream(file, std::ios::binary | std::ios::in | std::ios::out).seekp(damage.kept)
+                << std::string(size_t{4} * 4096, 'x');
             EXPECT_TRUE(write("c", "3"));
             EXPECT_EQ(log.lines().size(), 1U) << testing::PrintToString(log.lines());
             EXPECT_EQ(contents(), all);
