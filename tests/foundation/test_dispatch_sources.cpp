@@ -54,6 +54,26 @@ TEST(CXDispatchTimer, letsWorkMessagesAndOtherTimersThroughWhenItIsAlwaysDue)
     receiver->cancel();
 }
 
+TEST(CXDispatchTimer, firesOnAQueueThatHasNothingElseToDo)
+{
+    for (const bool isArmedFirst : {true, false}) {
+        SCOPED_TRACE(isArmedFirst);
+        const TestQueue queue;
+        std::atomic<int> fired{0};
+        const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+        timer->setTimeoutHandler([&](auto&) { ++fired; });
+        const auto arm = [&] { timer->setTimeoutAbsolute(now() + 1'000'000, 0); };
+        if (isArmedFirst)
+            arm();
+        timer->setDispatchQueue(queue.ref());
+        if (!isArmedFirst)
+            arm();
+        EXPECT_TRUE(eventually([&] { return fired == 1; }));
+        timer->cancel();
+        queue.settle();
+    }
+}
+
 TEST(CXDispatchTimerList, firesWhatIsDueOnceInOrderAndLeavesOutMissedPeriods)
 {
     CXDispatchTimerList list;
