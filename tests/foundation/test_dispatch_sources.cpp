@@ -59,6 +59,8 @@ TEST(CXDispatchTimer, firesOnAQueueThatHasNothingElseToDo)
     for (const bool isArmedFirst : {true, false}) {
         SCOPED_TRACE(isArmedFirst);
         const TestQueue queue;
+        queue.settle();
+        sleepForMilliseconds(20); // until its thread sleeps
         std::atomic<int> fired{0};
         const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
         timer->setTimeoutHandler([&](auto&) { ++fired; });
