@@ -51,7 +51,7 @@ public:
     void deviceDisappears(const PipeWireDevice& device) override;
     void connectionLost();
     void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted) override;
-    /// Asks for our own rate again, which the graph does not restore after another client has forced a rate.
+    /// Asks for our own rate again, because the graph keeps a rate that another client forced for a while.
     void restoreRate(Time now);
 
     /// Checks the node, its links and the members, and does what is due. Returns when to call it again.
