@@ -294,7 +294,7 @@ void PipeWireHardware::startTogether(uint64_t groupNumber, const std::vector<HAL
         if (!device && member.device)
             return reply->finish(kAudioHardwareBadDeviceError);
         if (member.inputChannels.size() > 1 || member.outputChannels.size() > 1)
-            return reply->finish(kAudioHardwareIllegalOperationError); // our devices have 1 stream each way
+            return reply->finish(kAudioHardwareIllegalOperationError); // one stream per direction at most
         const auto channels = [](const std::vector<uint32_t>& streams) {
             return streams.empty() ? 0 : streams.front();
         };

@@ -339,7 +339,7 @@ PipeWireDefaultNames PipeWireMirror::defaultNames() const
 {
     if (!_defaults)
         return {};
-    // Without a session manager, only the configured defaults are set, and not the actual ones.
+    // Without a session manager, only the configured defaults are set, never the actual ones.
     const auto named = [this](const std::string& direction) {
         const std::string name = _defaults->name("default.audio." + direction);
         return name.empty() ? _defaults->name("default.configured.audio." + direction) : name;

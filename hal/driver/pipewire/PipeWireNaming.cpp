@@ -165,7 +165,7 @@ std::optional<uint32_t> usbLocation(const PipeWireNodeProperties& properties)
         return location;
     const std::string& busPath = properties[PW_KEY_DEVICE_BUS_PATH];
     const auto location = registeredLocation(busPath, properties["api.alsa.card"]);
-    return location ? location : locationInBusPath(busPath); // not registered: without its bus
+    return location ? location : locationInBusPath(busPath); // not registered: the bus is unknown
 }
 
 bool hasUSBSerialNumber(const PipeWireNodeProperties& properties, uint32_t location)

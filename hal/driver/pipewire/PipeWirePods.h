@@ -27,7 +27,7 @@ struct PipeWireRoute {
     bool isInput = false;
     bool isUnplugged = false;
     std::string description;        ///< as received; may be invalid UTF-8
-    std::string portType;           ///< "hdmi", "headphones"; empty when unknown
+    std::string portType;           ///< "hdmi", "headphones"; empty if unknown
     std::vector<uint32_t> devices;  ///< the card's sub-devices that can use it
     std::vector<uint32_t> profiles; ///< the card's profiles that have it; empty: all
     std::optional<uint32_t> device; ///< for an active route: the sub-device that uses it

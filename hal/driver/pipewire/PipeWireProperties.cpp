@@ -55,7 +55,7 @@ pw_properties* PipeWireProperties::copy() const
 namespace {
 
 struct Sequence {
-    size_t length;   ///< bytes, the first included
+    size_t length;   ///< bytes, including the first
     uint32_t lowest; ///< code point encoded with this length
     uint8_t mark;    ///< leading bits of the first byte
     uint8_t markMask;

@@ -59,7 +59,7 @@ public:
     PipeWireSession& operator=(const PipeWireSession&) = delete;
 
     void connect();
-    /// Ends the connection and all attempts, and reports it to the client.
+    /// Ends the connection and all attempts to connect. Reports the end of a connection to the client.
     void disconnect();
     bool isConnected() const noexcept { return _core != nullptr; }
     /// Calls `done` once the server has handled everything sent before; never if the connection ends first.
