@@ -6,11 +6,11 @@
 
 #include <memory>
 
-/// A card of the server: what several nodes are parts of, with routes that carry their volumes.
+/// A card of the server: its routes hold the volumes of the nodes that belong to it.
 /// Threads: the loop's.
 class PipeWireCard {
 public:
-    /// As for PipeWireNode.
+    /// The parameters are those of PipeWireNode's constructor.
     PipeWireCard(PipeWireSession& session, uint32_t id, uint64_t serial, const PipeWireProperties& properties,
                  PipeWireLoop::Work changed);
     ~PipeWireCard();
@@ -22,12 +22,12 @@ public:
     bool isReady() const noexcept { return _isReady; }
     const PipeWireProperties& properties() const noexcept { return _properties; }
 
-    /// The routes that a sub-device can take in the present profile and that are not unplugged.
+    /// The routes that a sub-device can use in the current profile and that are not unplugged.
     std::vector<PipeWireRoute> routes(uint32_t device, bool isInput) const;
-    /// The route a sub-device takes now.
+    /// The route that a sub-device uses now.
     std::optional<PipeWireRoute> activeRoute(uint32_t device, bool isInput) const;
 
-    /// Asks the server to take a route for a sub-device, with this change to its volume.
+    /// Asks the server to switch a sub-device to a route, with this change to its volume.
     void setRoute(uint32_t routeIndex, uint32_t device, const PipeWireVolumeProps& change);
 
 private:

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Names of the terminal at the far end of a stream, by what a card calls its ports.
+/// The terminal type of a stream, from the card's type of the port; 0 if unknown.
 uint32_t terminalTypeOf(const std::string& portType)
 {
     static constexpr std::array<std::pair<std::string_view, uint32_t>, 8> types{{
@@ -48,10 +48,10 @@ std::string channelName(const std::string& position)
     return found == names.end() ? pipeWireText(position) : std::string(found->second);
 }
 
-/// A number for each clock there is, the same as long as the process lives.
+/// A number for each clock, constant for the life of the process.
 uint32_t domainOfClock(const std::string& name)
 {
-    // The loop's thread, which may still run while the process ends: never destroyed.
+    // Never destroyed: the loop's thread may still run while the process exits.
     static auto& domains = *new std::unordered_map<std::string, uint32_t>;
     return domains.try_emplace(name, static_cast<uint32_t>(domains.size() + 1)).first->second;
 }
@@ -73,7 +73,7 @@ bool isOffered(const std::vector<AudioValueRange>& rates, double rate)
     return std::ranges::any_of(rates, [rate](const AudioValueRange& each) { return each.minimum == rate; });
 }
 
-/// What a port says, in frames, on top of the one cycle that every device has.
+/// The latency that a port reports, in frames, beyond the one cycle that every device has.
 uint32_t latencyFrames(const PipeWireLatency& latency, double rate, uint32_t frameCount)
 {
     const double frames = std::max(0.0, latency.quantums - 1.0) * frameCount + latency.frames +
@@ -129,8 +129,8 @@ PipeWireChannels PipeWireDevice::channels() const
             static_cast<uint32_t>(_ports(HALDirection::Output).size())};
 }
 
-/// Only nodes that can follow another's cycle: the server's virtual devices, and ALSA's, which resample then.
-/// A stream that drives its own graph does not pace itself as a follower.
+/// Nonzero only for nodes that can follow another node's cycle: the server's virtual devices, and ALSA
+/// devices, which then resample. A stream that drives its own graph does not keep pace as a follower.
 uint32_t PipeWireDevice::groupDomain() const
 {
     for (const HALDirection direction : halDirections) {
@@ -146,7 +146,7 @@ uint32_t PipeWireDevice::groupDomain() const
 
 PipeWireDeviceIO::WantedTiming PipeWireDevice::wantedTiming(const PipeWireClockSettings& settings) const
 {
-    // What runs at a forced rate would be at another one without.
+    // While a client forces the rate, a running node's rate is temporary and must not be asked for.
     const bool followsOthers = settings.forcedRate == 0;
     const std::vector<AudioValueRange> rates = _sampleRates(settings);
     const double rate = !runs.empty()   ? runs.front()->wantedTiming().rate
@@ -180,7 +180,7 @@ std::optional<uint32_t> PipeWireDevice::cardDevice(HALDirection direction) const
 std::optional<PipeWireDevice::VolumePlace> PipeWireDevice::volumePlace(HALDirection direction) const
 {
     const PipeWireNode* half = node(direction);
-    // A duplex node has one volume, and it is that of what is played.
+    // A duplex node has only one volume, which applies to its output.
     if (!half || _parts.isMonitor ||
         (half->kind() == PipeWireNode::Kind::Duplex && direction == HALDirection::Input))
         return std::nullopt;
@@ -210,7 +210,7 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
     state.isHidden = pipeWireIsHidden(half->properties());
     if (_parts.isMonitor) {
         state.name = "Monitor of " + state.name;
-        state.modelUID.reset(); // no input of another unit of the model stands in for it
+        state.modelUID.reset(); // an input of another unit of the model must not replace a monitor
         state.isHidden = true;
     }
     state.clockDomain = _clockDomain();
@@ -277,7 +277,7 @@ void PipeWireDevice::_describeRoutes(HALDirection direction, HALDirectionState& 
     }
     if (!active)
         return;
-    // What plays through an unplugged route still does so: it is listed as long as it is chosen.
+    // An unplugged route that is still active goes on playing, and is listed until another is chosen.
     if (!activeIsListed)
         state.dataSources.push_back({sourceID(*active), pipeWireText(active->description)});
     state.dataSourceID = sourceID(*active);
@@ -335,8 +335,8 @@ double PipeWireDevice::_nominalRate(const PipeWireClockSettings& settings,
     return settings.forcedRate != 0 ? settings.forcedRate : _idleRate(settings, rates);
 }
 
-/// The rate of a device that we do not run: of other clients while they run it, else the one that IO will ask
-/// for. A node that does not run keeps the format that it had last; that means nothing.
+/// The rate of a device without IO of ours: the node's rate while other clients run it, else the rate that IO
+/// will ask for. A stopped node still reports its last format, which is ignored.
 double PipeWireDevice::_idleRate(const PipeWireClockSettings& settings,
                                  const std::vector<AudioValueRange>& rates) const
 {
@@ -374,7 +374,7 @@ uint32_t PipeWireDevice::_clockDomain() const
         const std::string& name = half->properties()["clock.name"];
         if (!name.empty())
             return domainOfClock(name);
-        // The server's own virtual devices run by the host's clock, under any name.
+        // The server's virtual devices use the host's clock, whatever their names are.
         if (half->properties()["factory.name"] == "support.null-audio-sink")
             return domainOfClock("clock.system.monotonic");
     }

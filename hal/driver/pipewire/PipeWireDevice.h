@@ -13,14 +13,14 @@
 
 class PipeWireDevice;
 
-/// IO that a device takes part in, as the device sees it.
+/// IO that a device takes part in: the device's interface to a PipeWireRun.
 /// Threads: the loop's.
 class PipeWireDeviceRun {
 public:
     virtual const PipeWireDeviceIO::WantedTiming& wantedTiming() const noexcept = 0;
     /// Asks the graph for another rate or cycle length.
     virtual void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted) = 0;
-    virtual void deviceChanged(const PipeWireDevice& device) = 0; ///< its ports may have changed
+    virtual void deviceChanged(const PipeWireDevice& device) = 0; ///< the device's ports may have changed
     virtual void deviceDisappears(const PipeWireDevice& device) = 0;
     virtual bool isStalled(const PipeWireDevice& device) const = 0;
     virtual PipeWireClockSeen clock() const noexcept = 0;
@@ -29,26 +29,26 @@ protected:
     ~PipeWireDeviceRun() = default;
 };
 
-/// One device of the HAL: the nodes of the server that it is made of, what clients have asked of it, and its
-/// IO. The monitor of a sink is a device of its own, hidden and without a volume.
+/// One device of the HAL: the server's nodes that it consists of, the values that clients have asked for, and
+/// its IO. The monitor of a sink is a separate device, hidden and without a volume.
 /// Threads: the loop's.
 class PipeWireDevice {
 public:
-    /// Which nodes a device is made of, by serial; 0 is none. Of a duplex node, both are the same.
+    /// The nodes of a device, by serial; 0: none. For a duplex node, sink and source are equal.
     struct Parts {
         uint64_t sink = 0;
         uint64_t source = 0;
         uint64_t card = 0;
         bool isWholeCard = false; ///< a sink and a source of one card
-        bool isMonitor = false;   ///< the input is what is played to the sink that is `source`
+        bool isMonitor = false;   ///< `source` is a sink, and the input is what is played to it
         friend bool operator==(const Parts&, const Parts&) = default;
         friend auto operator<=>(const Parts&, const Parts&) = default;
     };
-    /// Where the volume of one direction is, and what it is.
+    /// The volume of one direction and the object that holds it.
     struct VolumePlace {
         PipeWireVolumeProps props;
-        std::optional<uint32_t> route; ///< in the props of this route of the card; none: in the node's own
-        uint32_t cardDevice = 0;       ///< the card's sub-device, with a route
+        std::optional<uint32_t> route; ///< the card's route that holds it; nullopt: the node does
+        uint32_t cardDevice = 0;       ///< the card's sub-device; valid with `route`
     };
 
     PipeWireDevice(const PipeWireMirror& mirror, const Parts& parts, std::string uid, std::string sourceName,
@@ -56,44 +56,44 @@ public:
 
     const Parts& parts() const noexcept { return _parts; }
     const std::string& uid() const noexcept { return _uid; }
-    /// What the server calls the node behind the direction; empty without one.
+    /// The server's name of the node for the direction; empty without a node.
     const std::string& nodeName(HALDirection direction) const
     {
         return _nodeNames[static_cast<size_t>(direction)];
     }
 
-    /// Whether every node it is made of still exists. Between a node's removal and the lot of changes it is
-    /// part of, the device outlives it.
+    /// Whether all nodes of the device still exist. A device outlives its removed node until the batch of
+    /// changes that the removal is part of has been reported.
     bool isPresent() const;
-    /// The state of the device now; an empty one when it is not present.
+    /// The current state of the device; empty if it is not present.
     HALDeviceState describe(const PipeWireClockSettings& settings);
-    /// Null when the device has none in the direction, or it is gone.
+    /// Null if the device has no node in the direction or the node has disappeared.
     PipeWireNode* node(HALDirection direction) const;
     std::optional<VolumePlace> volumePlace(HALDirection direction) const;
-    /// As last described.
+    /// The volume as of the last describe().
     const HALVolume& volume(HALDirection direction) const { return _volumes[static_cast<size_t>(direction)]; }
-    /// The card's sub-device behind the direction; nothing without a card that has routes.
+    /// The card's sub-device for the direction; nullopt for a monitor, or if the node has none.
     std::optional<uint32_t> cardDevice(HALDirection direction) const;
     PipeWireCard* card() const { return _mirror.card(_parts.card); }
     PipeWireEnds ends() const;
     PipeWireChannels channels() const;
-    /// Devices of one group domain can run in one cycle. 0: with no other.
+    /// Devices with the same group domain can run in one cycle. 0: the device can run with no other.
     uint32_t groupDomain() const;
-    /// What IO on it asks of the graph. Other clients' forced values do not count: they pass.
+    /// The timing that IO asks of the graph. Ignores values forced by other clients: they are temporary.
     PipeWireDeviceIO::WantedTiming wantedTiming(const PipeWireClockSettings& settings) const;
-    /// Whether it has the rate, and no client has asked for another.
+    /// Whether the device supports `rate` (Hz) and no client has asked for another.
     bool canRunAt(double rate, const PipeWireClockSettings& settings) const;
-    /// The longest cycle that may come.
+    /// The longest possible cycle, in frames.
     uint32_t maxFrames(const PipeWireClockSettings& settings) const;
 
-    static uint32_t sourceID(const PipeWireRoute& route) noexcept { return route.index + 1; } ///< 0 is none
+    static uint32_t sourceID(const PipeWireRoute& route) noexcept { return route.index + 1; } ///< never 0
 
-    CXRef<HALDeviceDriver> driver;            ///< what the model knows it by; null before it is reported
-    std::optional<double> wantedRate;         ///< Hz, chosen by a client of ours
-    std::optional<uint32_t> wantedFrameCount; ///< chosen by a client of ours
+    CXRef<HALDeviceDriver> driver;            ///< identifies the device to the model; null until reported
+    std::optional<double> wantedRate;         ///< Hz; set by a client of this process
+    std::optional<uint32_t> wantedFrameCount; ///< set by a client of this process
     PipeWireTimeline timeline;
-    std::vector<PipeWireDeviceRun*> runs; ///< of its own and of groups; not owned
-    bool isEndingIO = false;              ///< the node still says that it runs, because of us
+    std::vector<PipeWireDeviceRun*> runs; ///< the device's own and those of its groups; not owned
+    bool isEndingIO = false;              ///< our IO has ended, but the node still reports that it runs
     void leaveRun(const PipeWireDeviceRun& run) { std::erase(runs, &run); }
 
 private:

@@ -25,7 +25,7 @@ public:
             [number = _number, place, device, table](PipeWireHardware& hardware, const Reply& reply) {
                 hardware.setGroupMember(number, place, device, table, reply);
             },
-            HALDeadline::max()); // for the loop alone, which waits for no server
+            HALDeadline::max()); // waits only for the loop, which never waits for the server
     }
 
     void stop() override
@@ -115,7 +115,7 @@ HALStatus PipeWireDeviceDriver::startIO(const CXRef<HALIOProcTable>& table, HALD
                       const Reply& reply) { hardware.startIO(device, table, deadline, reply); },
                   deadline);
     if (status)
-        stopIO(); // a server that only hangs would start it later
+        stopIO(); // else a server that hangs could start it later
     return status;
 }
 
@@ -123,7 +123,7 @@ void PipeWireDeviceDriver::stopIO()
 {
     _carryOut([](PipeWireHardware& hardware, PipeWireDevice& device,
                  const Reply& reply) { hardware.stopIO(device, reply); },
-              HALDeadline::max()); // for the loop alone, which waits for no server
+              HALDeadline::max()); // waits only for the loop, which never waits for the server
 }
 
 HALStatus PipeWireDeviceDriver::startTogether(std::span<const HALGroupMember> members,
@@ -133,7 +133,7 @@ HALStatus PipeWireDeviceDriver::startTogether(std::span<const HALGroupMember> me
     const auto started = CXRef<Group>::adopt(new Group(_requests));
     const HALStatus status = started->start(members, table, deadline);
     if (status)
-        started->stop(); // a server that only hangs would start it later
+        started->stop(); // else a server that hangs could start it later
     else
         group = started;
     return status;

@@ -4,7 +4,7 @@
 
 class PipeWireDevice;
 
-/// The driver of one device of the server: hands every request to the loop.
+/// The driver of one device of the server: posts every request to the loop.
 /// Threads: as HALDeviceDriver.
 class PipeWireDeviceDriver final : public HALDeviceDriver {
 public:
@@ -30,7 +30,7 @@ private:
     explicit PipeWireDeviceDriver(CXRef<PipeWireRequests> requests) : _requests(std::move(requests)) {}
     ~PipeWireDeviceDriver() override = default;
 
-    /// '!dev' when the device has gone.
+    /// Returns '!dev' if the device has disappeared.
     HALStatus _carryOut(const Work& work, HALDeadline deadline);
 
     const CXRef<PipeWireRequests> _requests;

@@ -10,15 +10,15 @@
 
 namespace {
 
-constexpr double audibleRatioChange = 20e-6;         // smaller ones are noise of the measurement
-constexpr uint64_t ratioNanoseconds = 1'000'000'000; // between two reports of it
+constexpr double audibleRatioChange = 20e-6;         // smaller changes are measurement noise
+constexpr uint64_t ratioNanoseconds = 1'000'000'000; // minimum between two reports of the ratio
 
-// Each is work for the audio thread, whose queue drops what it has no room for.
+// Each new port queues work for the audio thread, whose queue drops new work while it is full.
 constexpr size_t portBatchSize = 64;
 
 thread_local bool insideCycle __attribute__((tls_model("initial-exec"))) = false;
 
-/// Channel `channel` of interleaved samples, from one port's block; silence without one.
+/// Writes channel `channel` of interleaved samples from one port's samples; silence if `from` is null.
 void interleave(const float* from, float* to, size_t channel, size_t channelCount,
                 uint32_t frameCount) noexcept
 {
@@ -35,7 +35,7 @@ void deinterleave(const float* from, float* to, size_t channel, size_t channelCo
         to[frame] = *sample;
 }
 
-/// The samples of a port in this cycle; null when it has none, or not enough.
+/// The samples of a port in this cycle; null if it has none, or fewer than `frameCount`.
 float* portSamples(void* port, uint32_t frameCount, bool isOutput) noexcept
 {
     pw_buffer* buffer = port ? pw_filter_dequeue_buffer(port) : nullptr;
@@ -54,7 +54,7 @@ float* portSamples(void* port, uint32_t frameCount, bool isOutput) noexcept
                bytes <= data.maxsize - data.chunk->offset && bytes <= data.chunk->size) {
         samples = reinterpret_cast<float*>(static_cast<std::byte*>(data.data) + data.chunk->offset);
     }
-    pw_filter_queue_buffer(port, buffer); // goes out with the end of the cycle
+    pw_filter_queue_buffer(port, buffer); // is sent at the end of the cycle
     return samples;
 }
 
@@ -95,7 +95,7 @@ PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake&
     properties.set(PW_KEY_MEDIA_ROLE, "DSP");
     properties.set(PW_KEY_NODE_NAME, "dxr");
     properties.set(PW_KEY_NODE_AUTOCONNECT, "false");
-    // Without a port to be driven through, only this gives it cycles.
+    // A node without ports gets cycles only with this property.
     if (_inputs.empty() && _outputs.empty())
         properties.set(PW_KEY_NODE_ALWAYS_PROCESS, "true");
     _filter = session.isConnected() ? pw_filter_new(session.core(), "dxr", properties.copy()) : nullptr;
@@ -116,12 +116,11 @@ PipeWireDeviceIO::~PipeWireDeviceIO()
 {
     if (!_filter)
         return;
-    spa_hook_remove(&_listener->hook); // its last changes of state mean nothing
+    spa_hook_remove(&_listener->hook); // ignores its last changes of state
     pw_filter_destroy(_filter);        // waits for the audio thread to leave it
 }
 
-/// Makes room for the streams of all members, and for the longest cycle, so that another cycle length
-/// rebuilds nothing.
+/// Allocates the streams of all members, for the longest cycle: a new cycle length allocates nothing.
 void PipeWireDeviceIO::_addStreams(std::span<const PipeWireChannels> members)
 {
     const auto add = [this](std::vector<Stream>& streams, std::vector<HALStreamBlock>& blocks,
@@ -219,7 +218,7 @@ void PipeWireDeviceIO::setOwnPorts(const std::vector<PipeWirePort>& own)
     std::vector<uint32_t> inputs = idsOf(_inputs, true);
     std::vector<uint32_t> outputs = idsOf(_outputs, false);
     if (inputs.empty() != _inputs.empty() || outputs.empty() != _outputs.empty())
-        return; // not all have been announced
+        return; // some ports have not appeared yet
     _ownInputs = std::move(inputs);
     _ownOutputs = std::move(outputs);
     for (Member& member : _members)
@@ -229,7 +228,7 @@ void PipeWireDeviceIO::setOwnPorts(const std::vector<PipeWirePort>& own)
 void PipeWireDeviceIO::setMember(size_t place, const std::optional<PipeWireEnds>& ends)
 {
     Member& member = _members[place];
-    member.links.reset(); // of a device that has gone, the server has destroyed them before
+    member.links.reset(); // if the device has disappeared, the server has already destroyed them
     member.ends = ends;
     _link(member);
 }
@@ -292,16 +291,16 @@ void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
     HALCycle cycle;
     cycle.frameCount = frameCount;
     cycle.now = halTimeStamp(sampleTime, nanoseconds, ratio);
-    // The input ended as this cycle began; the output is heard from the next cycle on.
+    // The input ended when this cycle began; the output is played from the next cycle on.
     cycle.inputTime = halTimeStamp(sampleTime - frameCount, nanoseconds - cycleNanoseconds, ratio);
     cycle.outputTime = halTimeStamp(sampleTime + frameCount, nanoseconds + cycleNanoseconds, ratio);
     _runProcs(cycle);
-    // The device did not wait: output that came too late is lost, though the clock's count shows no gap.
+    // The device does not wait: output that is late is lost, although the clock's position shows no gap.
     if (!step.lostFrames && clock.next_nsec > clock.nsec && dxr::HostClock::nowTicks() > clock.next_nsec)
         _noteOverload();
 }
 
-/// Takes the input of all members, calls the IO callbacks, and gives the members their output.
+/// Reads the input of all members, calls the IO callbacks and writes the members' output.
 void PipeWireDeviceIO::_runProcs(HALCycle& cycle) noexcept
 {
     const uint32_t frameCount = cycle.frameCount;
@@ -311,7 +310,7 @@ void PipeWireDeviceIO::_runProcs(HALCycle& cycle) noexcept
                        stream.ports.size(), frameCount);
     for (size_t i = 0; i < _outputs.size(); ++i) {
         Stream& stream = _outputs[i];
-        // A single channel needs no interleaving: its samples are written where the port has them.
+        // A single channel needs no interleaving: the callbacks write directly to the port's buffer.
         float* const direct =
             stream.ports.size() == 1 ? portSamples(stream.ports[0], frameCount, true) : nullptr;
         _outputBlocks[i].samples = direct ? direct : stream.samples.data();
@@ -326,7 +325,7 @@ void PipeWireDeviceIO::_runProcs(HALCycle& cycle) noexcept
                 deinterleave(stream.samples.data(), samples, channel, stream.ports.size(), frameCount);
 }
 
-/// Takes the input, and gives silence.
+/// Discards the input and outputs silence.
 void PipeWireDeviceIO::_skipCycle(uint32_t frameCount) noexcept
 {
     for (const Stream& stream : _inputs)
@@ -361,7 +360,7 @@ void PipeWireDeviceIO::_noteClock(const spa_io_position& position) noexcept
     _wake.signal();
 }
 
-/// Reports lost frames: to the table at once, to the members' own tables from the loop.
+/// Reports lost frames to the table at once; the loop reports them to the members' own tables.
 void PipeWireDeviceIO::_noteOverload() noexcept
 {
     _table->reportOverload();

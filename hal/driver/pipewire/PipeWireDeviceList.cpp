@@ -33,8 +33,7 @@ void PipeWireDeviceList::forgetAll()
 void PipeWireDeviceList::enumerated()
 {
     _isEnumerated = true;
-    // By name, so that of several with equal UIDs each gets the same one again,
-    // in every order of arrival.
+    // Sorted by name, so that devices with equal UIDs are numbered alike in every order of arrival.
     std::vector<std::pair<std::string, uint64_t>> inOrder;
     for (const uint64_t serial : std::exchange(_waiting, {})) {
         const PipeWireGroup group = _mirror.group(serial);
@@ -132,14 +131,13 @@ std::vector<PipeWireDevice::Parts> PipeWireDeviceList::_partsOf(const PipeWireGr
         for (const PipeWireNode* source : sources)
             all.push_back({0, source->serial(), card, false, false});
     }
-    for (const PipeWireNode* sink : sinks) // after the sinks' own devices, whose UIDs theirs are made of
+    for (const PipeWireNode* sink : sinks) // after the sinks' devices, whose UIDs theirs are derived from
         if (!sink->monitorPorts().empty())
             all.push_back({0, sink->serial(), card, isWholeCard, true});
     return all;
 }
 
-/// The device of the sink that the monitor of `parts` belongs to; null while
-/// that is kept back.
+/// The device of the sink that the monitor of `parts` belongs to; null while that device is held back.
 const PipeWireDevice* PipeWireDeviceList::_monitored(const Devices& devices,
                                                      const PipeWireDevice::Parts& parts)
 {
@@ -152,7 +150,7 @@ bool PipeWireDeviceList::_looksUnfinished(const Devices& devices, const PipeWire
                                           const PipeWireDevice::Parts& parts) const
 {
     if (group.card && !parts.isWholeCard)
-        return true; // the other half may be on its way
+        return true; // the card's other node may appear soon
     if (parts.isMonitor) {
         const PipeWireNode* sink = _nodeOf(parts);
         return !_monitored(devices, parts) || sink->monitorPorts().size() < sink->playbackPorts().size();
@@ -185,8 +183,7 @@ std::string PipeWireDeviceList::_uniqueUID(const std::string& uid) const
     return unique;
 }
 
-/// The group whose device has the UID that a newer device of `parts` is to
-/// have.
+/// The group whose device must give up `uid` to the newer device of `parts`; nullopt if there is none.
 std::optional<uint64_t> PipeWireDeviceList::_groupToDisplace(const std::string& uid,
                                                              const PipeWireDevice::Parts& parts) const
 {
@@ -200,8 +197,7 @@ std::optional<uint64_t> PipeWireDeviceList::_groupToDisplace(const std::string& 
     return std::nullopt;
 }
 
-/// Whether both are network devices, and the server made the one of `parts`
-/// after the other.
+/// Whether both are network devices and the server created the node of `parts` after that of `other`.
 bool PipeWireDeviceList::_isNewer(const PipeWireDevice::Parts& parts, const PipeWireDevice& other) const
 {
     const PipeWireNode* newer = _nodeOf(parts);
@@ -228,9 +224,8 @@ void PipeWireDeviceList::_add(Devices& devices, const PipeWireGroup& group,
         for (const std::unique_ptr<PipeWireDevice>& older : std::exchange(_groups.at(*displaced), {}))
             _remove(older);
 
-    // A monitor has no node's name: the session manager names the sink itself
-    // where there is no source, and that does not make the monitor a default
-    // device.
+    // A monitor gets no node name: without a source, the session manager names the sink as the default
+    // source, and that must not make the monitor a default device.
     const std::string sourceName = parts.isMonitor ? std::string() : _nodeName(parts.source);
     PipeWireDevice& device = *devices.emplace_back(
         std::make_unique<PipeWireDevice>(_mirror, parts, _uniqueUID(uid), sourceName, _nodeName(parts.sink)));
@@ -240,7 +235,7 @@ void PipeWireDeviceList::_add(Devices& devices, const PipeWireGroup& group,
     _byUID[device.uid()] = &device;
     _client.deviceAppeared(device);
     if (displaced)
-        _update(*displaced, Patience::None); // under other UIDs
+        _update(*displaced, Patience::None); // adds its devices again, under other UIDs
 }
 
 void PipeWireDeviceList::_remove(const std::unique_ptr<PipeWireDevice>& device)

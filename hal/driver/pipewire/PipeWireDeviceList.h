@@ -9,26 +9,24 @@
 #include <unordered_map>
 #include <vector>
 
-/// Who hears of devices. Called on the loop's thread.
+/// Callback interface of the list's owner. Called on the loop's thread.
 class PipeWireDeviceListClient {
 public:
     virtual void deviceAppeared(PipeWireDevice& device) = 0;
     virtual void deviceChanged(PipeWireDevice& device) = 0;
-    /// Its IO is to be ended now; the device is destroyed afterwards.
+    /// End the device's IO now: the device is destroyed afterwards.
     virtual void deviceDisappears(PipeWireDevice& device) = 0;
 
 protected:
     ~PipeWireDeviceListClient() = default;
 };
 
-/// Makes devices of the server's nodes: of a card with one sink and one source
-/// one device, of every other node one of its own, each with a UID that no
-/// other has; and of each sink's monitor one that hides. Of several network
-/// nodes of one name the newest has the UID: a sender that was killed leaves
-/// its node behind for a minute or more, and what it starts again is to be
-/// found as the one before. A card's nodes come one after the other, and a node
-/// may come before its ports: what looks unfinished is kept back for a moment,
-/// lest clients see devices that are replaced at once.
+/// Builds devices from the server's nodes: one device from a card with one sink and one source, one from
+/// every other node, and a hidden one from the monitor of each sink. Every UID is unique. Of several network
+/// nodes with the same name, the newest gets the UID, because the node of a sender that was killed remains
+/// for a minute or more and the restarted sender must be found as the same device. A card's nodes appear one
+/// after the other, and a node may appear before its ports: a device that looks incomplete is held back
+/// briefly, so that clients do not see devices that are replaced at once.
 /// Threads: the loop's.
 class PipeWireDeviceList {
 public:
@@ -38,14 +36,12 @@ public:
     PipeWireDeviceList& operator=(const PipeWireDeviceList&) = delete;
 
     void groupChanged(uint64_t serial);
-    /// Nothing more is kept back that was there at the beginning; until this is
-    /// called, nothing appears.
+    /// The initial enumeration is complete: adds the devices found so far. Until then, none appears.
     void enumerated();
-    /// Every device disappears; a new enumeration may begin.
+    /// Removes every device; a new enumeration may begin.
     void forgetAll();
 
-    /// The device whose sink, or source, has this node name. Null when there is
-    /// none.
+    /// The device whose sink or source has this node name; null if there is none.
     PipeWireDevice* deviceWithNode(const std::string& nodeName, HALDirection direction) const;
     std::vector<PipeWireDevice*> all() const;
 
@@ -76,7 +72,7 @@ private:
     std::unordered_map<std::string, PipeWireDevice*> _byUID;
     std::array<std::unordered_multimap<std::string, PipeWireDevice*>, 2>
         _byNode;                 // by direction and node name
-    std::set<uint64_t> _waiting; // groups kept back until the enumeration is over
+    std::set<uint64_t> _waiting; // groups held back until enumerated()
     std::map<uint64_t, std::chrono::steady_clock::time_point> _keptBack;
     PipeWireTimer _patience;
     bool _isEnumerated = false;

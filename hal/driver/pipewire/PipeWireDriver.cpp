@@ -33,7 +33,7 @@ void PipeWireDriver::start(HALDriverSink& sink)
         _sink = &sink;
         _beginWhenReady();
         if (!_hardware)
-            enumerated(); // without a loop there is nothing to wait for
+            enumerated(); // without a loop there are no devices to wait for
     });
 }
 
@@ -61,12 +61,13 @@ void PipeWireDriver::stop()
 HALStatus PipeWireDriver::carryOut(const Work& work, HALDeadline deadline)
 {
     const Reply reply = PipeWireReply::make();
-    if (_loop->isCurrent()) { // the end of a callback's closure may call anything
+    if (_loop->isCurrent()) { // a callback that is destroyed on this thread may call the HAL
         if (_hardware)
             work(*_hardware, reply);
         return kAudioHardwareNoError;
     }
-    _loop->post([this, work, reply] { // whose end runs what was posted
+    // Capturing `this` is safe: ~PipeWireLoop runs all posted work, while the other members still exist.
+    _loop->post([this, work, reply] {
         if (_hardware)
             work(*_hardware, reply);
         else
@@ -82,7 +83,7 @@ void PipeWireDriver::waitUntilEnumerated()
         return;
     std::unique_lock lock(_mutex);
     _enumerationEnded.wait_until(lock, _enumerateUntil, [this] { return _isEnumerated.load(); });
-    _isEnumerated = true; // a server that hangs is waited for once
+    _isEnumerated = true; // so that only the first calls wait for a server that hangs
 }
 
 CXRef<HALDeviceDriver> PipeWireDriver::makeDriver()
@@ -109,5 +110,5 @@ HALStatus PipeWireDriver::chooseDefaultDevice(HALDefault which, HALDeviceDriver&
 {
     auto* chosen = dynamic_cast<PipeWireDeviceDriver*>(&device);
     return chosen ? chosen->chooseAsDefault(which, deadline)
-                  : kAudioHardwareIllegalOperationError; // the server knows nothing of aggregate devices
+                  : kAudioHardwareIllegalOperationError; // an aggregate device, unknown to the server
 }

@@ -12,16 +12,17 @@
 
 class PipeWireLoop;
 
-/// The devices of a PipeWire server: sinks, sources and cards as they come and go, their volumes, routes,
-/// rates and cycle lengths, and audio through them. It follows the server through its end and its return.
-/// Threads: as HALHardwareDriver; two of its own: one for the server, PipeWire's for audio.
-/// Waits:   carryOut() until its deadline, waitUntilEnumerated() for two seconds once, stop() for the loop.
-/// Fails:   without a server there are no devices, until there is one. A server that hangs makes writes
-///          return 'what' at their deadline; reads go on returning what was last known.
+/// The driver for the devices of a PipeWire server: reports sinks, sources and cards with their volumes,
+/// routes, rates and cycle lengths, and runs audio through them. Reconnects when the server restarts.
+/// Threads: as HALHardwareDriver. Uses two threads: one for the server, and PipeWire's own for audio.
+/// Waits:   carryOut() until its deadline; waitUntilEnumerated() until two seconds after start() at most;
+///          stop() for the loop.
+/// Fails:   there are no devices while no server runs. If the server hangs, writes return 'what' at their
+///          deadline, and reads return the last known values.
 class PipeWireDriver final : public PipeWireRequests, PipeWireHardwareOwner {
 public:
-    /// `remote` is a remote name or the path of a server's socket; nothing means the user's own server, found
-    /// as every client of PipeWire finds it.
+    /// `remote` is a remote name or the path of a server's socket; nullopt means the user's own server, found
+    /// as every PipeWire client finds it.
     static CXRef<PipeWireDriver> initWithRemote(const std::optional<std::string>& remote = std::nullopt);
 
     void start(HALDriverSink& sink) override;
@@ -45,16 +46,16 @@ private:
     HALDeadline _enumerateUntil; // set by start()
     std::mutex _mutex;
     std::condition_variable _enumerationEnded;
-    // Set once and never back, under _mutex; read without it by callers who need not wait. Acquire pairs with
-    // the release of the store, after the devices were reported.
+    // Set to true once, under _mutex, and never reset. waitUntilEnumerated() also reads it without the lock:
+    // its acquire load pairs with the store after the devices were reported.
     std::atomic<bool> _isEnumerated{false};
 
-    std::atomic<bool> _hasServer{false}; // stands for itself
+    std::atomic<bool> _hasServer{false}; // publishes no other data
 
-    // The loop's.
+    // Used on the loop's thread only.
     bool _hasLoop = false;
     HALDriverSink* _sink = nullptr; // from start() to stop()
     std::unique_ptr<PipeWireHardware> _hardware;
 
-    std::unique_ptr<PipeWireLoop> _loop; // last: its end comes first, and runs what was posted
+    std::unique_ptr<PipeWireLoop> _loop; // declared last: destroyed first, after it has run the posted work
 };

@@ -21,7 +21,7 @@ PipeWireHardware::PipeWireHardware(PipeWireLoop& loop, PipeWireHardwareOwner& ow
 
 PipeWireHardware::~PipeWireHardware()
 {
-    _session.disconnect(); // while everything that hears of it is still there
+    _session.disconnect(); // while the members that it calls back still exist
 }
 
 // ---- The session
@@ -111,7 +111,7 @@ void PipeWireHardware::deviceAppeared(PipeWireDevice& device)
 {
     device.driver = _owner.makeDriver();
     _sink.deviceAdded(device.driver, device.describe(_settings));
-    // One that was kept back may have been the default all along.
+    // The device may have been the default while it was held back.
     defaultsChanged();
 }
 
@@ -137,13 +137,13 @@ PipeWireDevice* PipeWireHardware::deviceOf(const HALDeviceDriver* driver) const
 
 void PipeWireHardware::_publish(PipeWireDevice& device)
 {
-    if (device.isPresent()) // else its end is about to be reported, and nothing before that
+    if (device.isPresent()) // otherwise its removal is about to be reported
         _sink.deviceChanged(*device.driver, device.describe(_settings));
 }
 
 // ---- Writes
 
-/// Finishes `reply` when the server has taken everything sent so far and `shows` is true.
+/// Finishes `reply` once the server has handled everything sent so far and `shows` returns true.
 void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> shows)
 {
     if (!_session.isConnected())
@@ -155,7 +155,7 @@ void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> sho
     });
 }
 
-/// The same for a device; it is over as well when the device has gone.
+/// The same for a device; also finishes `reply` when the device disappears.
 void PipeWireHardware::_finishWhen(const PipeWireDevice& device, const Reply& reply,
                                    std::function<bool(const PipeWireDevice&)> shows)
 {
@@ -168,7 +168,7 @@ void PipeWireHardware::_finishWhen(const PipeWireDevice& device, const Reply& re
 void PipeWireHardware::_finishShown()
 {
     if (!_mirror.isTold())
-        return; // a read after the write has returned finds the new value: the model comes first
+        return; // update the model first: a read after the write must return the new value
     std::erase_if(_pending, [](const Pending& pending) {
         if (!pending.reply->isOver() && pending.reply->isAccepted() && pending.shows())
             pending.reply->finish(kAudioHardwareNoError);
@@ -191,8 +191,8 @@ void PipeWireHardware::setBufferFrameSize(PipeWireDevice& device, uint32_t frame
                     [=](const PipeWireClockSeen& clock) { return clock.frameCount == frameCount; });
 }
 
-/// Replies when the clock of every run of the device shows what is wanted; at once when it has no run: the
-/// value then takes effect with the next start.
+/// Replies once the clock of every run of the device satisfies `shows`. Without a run, replies at once: the
+/// value takes effect at the next start.
 void PipeWireHardware::_finishWhenRuns(PipeWireDevice& device, const Reply& reply,
                                        const std::function<bool(const PipeWireClockSeen&)>& shows)
 {
@@ -294,7 +294,7 @@ void PipeWireHardware::startTogether(uint64_t groupNumber, const std::vector<HAL
         if (!device && member.device)
             return reply->finish(kAudioHardwareBadDeviceError);
         if (member.inputChannels.size() > 1 || member.outputChannels.size() > 1)
-            return reply->finish(kAudioHardwareIllegalOperationError); // no device of this server's
+            return reply->finish(kAudioHardwareIllegalOperationError); // one stream per direction at most
         const auto channels = [](const std::vector<uint32_t>& streams) {
             return streams.empty() ? 0 : streams.front();
         };

@@ -16,19 +16,19 @@
 /// Callback interface of the hardware's owner. Called on the loop's thread.
 class PipeWireHardwareOwner {
 public:
-    /// What the model will know a device by.
+    /// Creates the driver that identifies a new device to the model.
     virtual CXRef<HALDeviceDriver> makeDriver() = 0;
-    /// There is a server now, or none any more.
+    /// The connection to a server was made or lost.
     virtual void serverFound(bool isFound) = 0;
-    /// The devices that were there at the beginning are reported, or there is no server.
+    /// The initial devices have been reported, or no server was found.
     virtual void enumerated() = 0;
 
 protected:
     ~PipeWireHardwareOwner() = default;
 };
 
-/// The loop's half of the driver: reports devices as the server has them, and carries out what clients ask.
-/// Every write finishes its reply, at once when there is nothing to wait for.
+/// The half of the driver on the loop's thread: reports the server's devices and carries out clients'
+/// requests. Every write finishes its reply, at once if there is nothing to wait for.
 /// Threads: the loop's.
 class PipeWireHardware final : PipeWireSessionClient,
                                PipeWireMirrorClient,
@@ -42,7 +42,7 @@ public:
     PipeWireHardware& operator=(const PipeWireHardware&) = delete;
 
     void connect() { _session.connect(); }
-    /// Null when the device is absent or has gone.
+    /// Null if `driver` is null or its device has disappeared.
     PipeWireDevice* deviceOf(const HALDeviceDriver* driver) const;
 
     using Reply = CXRef<PipeWireReply>;
@@ -54,21 +54,23 @@ public:
     void setDataSource(PipeWireDevice& device, HALDirection direction, uint32_t sourceID, const Reply& reply);
     void chooseDefaultDevice(HALDefault which, const PipeWireDevice& device, const Reply& reply);
 
-    /// 'what' when no cycle has come by the deadline; then nothing is left of the start.
+    /// Replies 'what' if there was no cycle by the deadline; the IO is then stopped.
     void startIO(PipeWireDevice& device, const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
                  const Reply& reply);
     void stopIO(PipeWireDevice& device, const Reply& reply);
-    /// Runs the members in one cycle through `table`, with the streams of all in their order: those of one
-    /// group domain and equal rates, else 'nope'. `groupNumber` names the group until stopTogether().
+    /// Runs the members in one cycle through `table`, with the streams of all members in order. Replies
+    /// 'nope' unless they have the same group domain and equal rates. `groupNumber` identifies the group
+    /// until stopTogether().
     void startTogether(uint64_t groupNumber, const std::vector<HALGroupMember>& members,
                        const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline, const Reply& reply);
-    /// The member has gone (both null), or is there again. 'nope' when the device cannot run with the others.
+    /// The member at `place` has disappeared (both null) or returned. Replies 'nope' if the device cannot run
+    /// with the others.
     void setGroupMember(uint64_t groupNumber, size_t place, const CXRef<HALDeviceDriver>& driver,
                         const CXRef<HALIOProcTable>& table, const Reply& reply);
     void stopTogether(uint64_t groupNumber, const Reply& reply);
 
 private:
-    /// A write that the server has been asked for, until its effect shows.
+    /// A write that was sent to the server and whose effect is not visible yet.
     struct Pending {
         Reply reply;
         std::function<bool()> shows;

@@ -45,11 +45,11 @@ public:
     Link& operator=(const Link&) = delete;
 
     const Ends& ends() const noexcept { return _ends; }
-    /// Whether the server is done with it, for better or worse.
+    /// Whether the link has been established or has failed.
     bool isSettled() const noexcept { return _isSettled; }
     bool isActive() const noexcept { return _isActive; }
-    /// Of a node that was suspended and resumes, a link may stay paused, and silent, for as long as it
-    /// exists.
+    /// A link that is no longer active counts as broken: after its node was suspended and resumed, it may
+    /// stay paused, and silent, forever.
     bool isBroken() const noexcept { return _hasFailed || (_wasActive && !_isActive); }
 
 private:
@@ -129,7 +129,7 @@ void PipeWireLinks::_makeNext()
 {
     const size_t count = std::min(batchSize, _waiting.size());
     if (!_links.empty())
-        _session.waitForAudioThread(); // what the last batch has queued for it
+        _session.waitForAudioThread(); // to execute the work that the last batch has queued
     for (size_t i = 0; i < count; ++i) {
         const auto& link = _links.emplace_back(std::make_unique<Link>(*this, _waiting.back()));
         _unsettledCount += link->isSettled() ? 0 : 1;

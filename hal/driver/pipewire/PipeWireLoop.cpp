@@ -47,7 +47,7 @@ bool PipeWireLoop::post(Work work)
     if (!_hasThread)
         _startThread();
     if (_wake)
-        pw_loop_signal_event(_loop, _wake); // one descriptor write, which any thread may do
+        pw_loop_signal_event(_loop, _wake); // writes to a descriptor; allowed on any thread
     else
         _hasPosted.notify_one();
     return _hasThread;
@@ -66,7 +66,7 @@ void PipeWireLoop::_run()
         return;
     pw_loop_enter(_loop);
     _started();
-    _runPosted(); // what was posted before there was a loop to wake
+    _runPosted(); // posted before the loop could be woken
     while (!_ended) {
         pw_loop_iterate(_loop, _millisecondsToDeadline());
         _runTimers();
@@ -74,10 +74,10 @@ void PipeWireLoop::_run()
     pw_loop_leave(_loop);
 }
 
-/// False, with errno, when something is missing.
+/// Returns false and sets errno if the loop or its wake event cannot be created.
 bool PipeWireLoop::_makeLoop()
 {
-    pw_init(nullptr, nullptr); // counted; the library stays for the life of the process
+    pw_init(nullptr, nullptr); // reference-counted; the library stays initialised until the process exits
     pw_loop* loop = pw_loop_new(nullptr);
     spa_source* wake =
         loop ? pw_loop_add_event(
@@ -87,7 +87,7 @@ bool PipeWireLoop::_makeLoop()
         const int error = errno;
         if (loop)
             pw_loop_destroy(loop);
-        pw_deinit(); // else it would keep what it could not load
+        pw_deinit(); // so that the next attempt loads again what failed to load
         errno = error;
         return false;
     }
@@ -124,7 +124,7 @@ void PipeWireLoop::_runPosted()
     }
 }
 
-/// -1 when nothing is to come.
+/// Returns -1 if no timer is pending.
 int PipeWireLoop::_millisecondsToDeadline() const
 {
     if (_deadlines.empty())
@@ -135,8 +135,8 @@ int PipeWireLoop::_millisecondsToDeadline() const
 
 void PipeWireLoop::_runTimers()
 {
-    const auto now =
-        Clock::now(); // one that starts another in its work lets the descriptors have their turn first
+    // A timer that is started by another timer's work waits for the next turn: descriptors are served first.
+    const auto now = Clock::now();
     while (!_deadlines.empty() && _deadlines.begin()->first <= now)
         _deadlines.extract(_deadlines.begin()).mapped()();
 }

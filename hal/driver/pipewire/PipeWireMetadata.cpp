@@ -55,12 +55,12 @@ std::string PipeWireMetadata::name(const std::string& key) const
     spa_json_init(&whole, json.data(), json.size());
     if (spa_json_enter_object(&whole, &object) <= 0)
         return {};
-    std::string text(json.size() + 1, '\0'); // no text in it is longer
+    std::string text(json.size() + 1, '\0'); // no string in the JSON is longer
     const auto next = [&] {
         return spa_json_get_string(&object, text.data(), static_cast<int>(text.size())) > 0;
     };
     while (next()) {
-        const bool isName = std::strcmp(text.c_str(), "name") == 0; // ends before the buffer does
+        const bool isName = std::strcmp(text.c_str(), "name") == 0; // null-terminated: the buffer is longer
         if (!next())
             break;
         if (isName)
@@ -71,7 +71,7 @@ std::string PipeWireMetadata::name(const std::string& key) const
 
 void PipeWireMetadata::setName(const std::string& key, const std::string& name)
 {
-    std::string json(name.size() * 6 + 3, '\0'); // every byte may need six
+    std::string json(name.size() * 6 + 3, '\0'); // one byte may be escaped by six
     const int length = spa_json_encode_string(json.data(), static_cast<int>(json.size()), name.c_str());
     json.resize(static_cast<size_t>(length));
     json = "{ \"name\": " + json + " }";

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-/// A metadata object of the server: text by key, for the server as a whole.
+/// A metadata object of the server: the text values, by key, that apply to the server as a whole.
 /// Threads: the loop's.
 class PipeWireMetadata {
 public:
@@ -17,10 +17,10 @@ public:
     PipeWireMetadata(const PipeWireMetadata&) = delete;
     PipeWireMetadata& operator=(const PipeWireMetadata&) = delete;
 
-    /// The `name` in a value that is an object of JSON; empty when there is none.
+    /// The `name` in a value that is a JSON object; empty if there is none.
     std::string name(const std::string& key) const;
     void setName(const std::string& key, const std::string& name);
-    /// Every whole number in the value, in order: of a number, or a list of them.
+    /// Every whole number in the value (a number or a list of numbers), in order.
     std::vector<uint32_t> numbers(const std::string& key) const;
 
 private:

@@ -9,7 +9,7 @@ namespace {
 
 uint64_t newSerial()
 {
-    static uint64_t last = 0; // the loop's thread
+    static uint64_t last = 0; // used on the loop's thread only
     return ++last;
 }
 
@@ -24,7 +24,7 @@ PipeWireMirror::~PipeWireMirror() = default;
 void PipeWireMirror::connected()
 {
     _listedAll = _enumerated = false;
-    // What the server lists now comes before its reply to this.
+    // The server lists its existing objects before it replies to this request.
     _session.sync(this, [this] {
         _listedAll = true;
         _tellSoon();
@@ -59,7 +59,7 @@ void PipeWireMirror::disconnected()
 void PipeWireMirror::globalAppeared(uint32_t id, const std::string& type,
                                     const PipeWireProperties& properties)
 {
-    globalDisappeared(id); // ids are used again; its removal may have been lost with an object of ours
+    globalDisappeared(id); // ids are reused, and the old object's removal may not have been reported
     if (type == PW_TYPE_INTERFACE_Node) {
         const std::optional<PipeWireNode::Kind> kind =
             PipeWireNode::kindOfMediaClass(properties[PW_KEY_MEDIA_CLASS]);
@@ -196,7 +196,7 @@ void PipeWireMirror::_metadataAppeared(uint32_t id, const std::string& name)
 
 // ---- Groups
 
-/// Puts a node into the group of the card it names now, or into one of its own.
+/// Moves a node to the group of the card that it names; without such a card, to a group of one node.
 void PipeWireMirror::_regroup(uint32_t nodeID)
 {
     const PipeWireNode& node = *_nodes.at(nodeID);
@@ -245,8 +245,8 @@ void PipeWireMirror::_groupShrunk(uint64_t serial)
     _tellSoon();
 }
 
-/// Reports once the server's reply shows that what belongs together has come: a node and its ports, say, or
-/// the ends of all ports of a node and then its own.
+/// Reports the changes after the server has replied to a request, so that related changes are reported
+/// together: a node and its ports, or the removal of a node's ports and then of the node.
 void PipeWireMirror::_tellSoon()
 {
     if (_tellAsked || !_session.isConnected())
@@ -278,7 +278,7 @@ void PipeWireMirror::_tell()
     }
 }
 
-// ---- What is known
+// ---- Queries
 
 PipeWireGroup PipeWireMirror::group(uint64_t serial) const
 {
@@ -339,7 +339,7 @@ PipeWireDefaultNames PipeWireMirror::defaultNames() const
 {
     if (!_defaults)
         return {};
-    // Where no session manager runs, nobody turns what is configured into what is.
+    // Without a session manager, only the configured defaults are set, never the actual ones.
     const auto named = [this](const std::string& direction) {
         const std::string name = _defaults->name("default.audio." + direction);
         return name.empty() ? _defaults->name("default.configured.audio." + direction) : name;

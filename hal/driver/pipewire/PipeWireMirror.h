@@ -10,54 +10,54 @@
 #include <unordered_map>
 #include <vector>
 
-/// What may be one device, or several: the nodes of one card, or one node that has none.
+/// The nodes of one card, or one node without a card. A group becomes one device or several.
 struct PipeWireGroup {
-    uint64_t serial = 0; ///< the card's or the node's; never used again
+    uint64_t serial = 0; ///< the card's or the node's; never reused
     const PipeWireCard* card = nullptr;
-    std::vector<const PipeWireNode*> nodes; ///< those of which everything is known
+    std::vector<const PipeWireNode*> nodes; ///< the ready ones
 };
 
 /// The clock settings of the server.
 struct PipeWireClockSettings {
-    uint32_t rate = 48000;                ///< Hz, when nobody asks for another
+    uint32_t rate = 48000;                ///< Hz; used unless a client asks for another
     std::vector<uint32_t> allowedRates{}; ///< Hz
-    uint32_t frameCount = 1024;           ///< of a cycle, when nobody asks for another
+    uint32_t frameCount = 1024;           ///< per cycle; used unless a client asks for another
     uint32_t minFrames = 32;
     uint32_t maxFrames = 2048;
-    uint32_t forcedRate = 0;       ///< Hz; 0 when none is
-    uint32_t forcedFrameCount = 0; ///< 0 when none is
+    uint32_t forcedRate = 0;       ///< Hz; 0: not forced
+    uint32_t forcedFrameCount = 0; ///< 0: not forced
     bool operator==(const PipeWireClockSettings&) const = default;
 };
 
-/// Which devices are the default ones, by node name; empty when none is.
+/// Node names of the default devices; empty if there is none.
 struct PipeWireDefaultNames {
     std::string sink;
     std::string source;
     bool operator==(const PipeWireDefaultNames&) const = default;
 };
 
-/// Receives the changes. Called on the loop's thread, once for everything that came together: groups that
-/// have lost something come first, so that nothing is said of what has gone, and its names are free for what
-/// has come.
+/// Callback interface of the mirror's owner. Called on the loop's thread, once for each batch of changes.
+/// Groups that have lost a node or their card are reported first, so that nothing is reported about removed
+/// objects and their names are free for new ones.
 class PipeWireMirrorClient {
 public:
-    /// The group, its card or its nodes have changed, appeared or gone.
+    /// The group, its card or one of its nodes has appeared, changed or disappeared.
     virtual void groupChanged(uint64_t serial) = 0;
     virtual void clockSettingsChanged() = 0;
     virtual void defaultsChanged() = 0;
-    /// After the calls above for one lot of changes.
+    /// Called after the calls above for one batch of changes.
     virtual void changesEnded() = 0;
-    /// Everything that was there when the connection was made has been reported.
+    /// Every object that existed when the connection was made has been reported.
     virtual void enumerated() = 0;
-    /// A port of some node, ours among them, has appeared.
+    /// A port of any node, including our own nodes, has appeared.
     virtual void portAppeared(uint32_t nodeID) = 0;
 
 protected:
     ~PipeWireMirrorClient() = default;
 };
 
-/// The devices of the server: nodes, cards, ports, defaults and settings, kept up to
-/// date. One change costs the same however many objects there are.
+/// An up-to-date copy of the server's nodes, cards, ports, default devices and settings. The cost of a change
+/// does not depend on the number of objects.
 /// Threads: the loop's.
 class PipeWireMirror {
 public:
@@ -72,19 +72,19 @@ public:
     void globalAppeared(uint32_t id, const std::string& type, const PipeWireProperties& properties);
     void globalDisappeared(uint32_t id);
 
-    // -- What is known
+    // -- Queries
     PipeWireGroup group(uint64_t serial) const;
-    /// Null when the node or card is gone.
+    /// Null if the node or card has disappeared.
     PipeWireNode* node(uint64_t serial) const;
     PipeWireCard* card(uint64_t serial) const;
-    /// The ports of any node of the server, by its id there.
+    /// The ports of any node of the server; `nodeID` is the server's id.
     std::vector<PipeWirePort> portsOfNode(uint32_t nodeID) const;
     PipeWireClockSettings clockSettings() const;
     PipeWireDefaultNames defaultNames() const;
-    /// Whether everything that is known has been reported to the client.
+    /// Whether every change has been reported to the client.
     bool isTold() const noexcept { return !_tellAsked; }
 
-    /// Asks for another default device. False when the server keeps no defaults.
+    /// Asks the server for another default device. Returns false if the server keeps no defaults.
     bool setDefault(bool isSource, const std::string& nodeName);
 
 private:
@@ -127,11 +127,11 @@ private:
     uint32_t _settingsID = 0;
 
     std::set<uint64_t> _dirtyGroups;
-    std::set<uint64_t> _shrunkGroups; // those of them that have lost a node or their card
+    std::set<uint64_t> _shrunkGroups; // groups that have lost a node or their card
     bool _defaultsDirty = false;
     bool _settingsDirty = false;
     bool _tellAsked = false;
-    std::set<uint64_t> _unready; // nodes and cards of which not everything is known yet
+    std::set<uint64_t> _unready; // serials of nodes and cards that are not ready yet
     bool _listedAll = false;
     bool _enumerated = false;
 };

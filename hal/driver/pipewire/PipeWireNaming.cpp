@@ -18,21 +18,21 @@ const std::string& PipeWireNodeProperties::operator[](std::string_view key) cons
 
 namespace {
 
-// Names come from anywhere and may be of any length: no regular expressions, which would recurse over them.
+// No regular expressions: names are untrusted and of any length, and matching would recurse over them.
 
 bool isDigits(std::string_view text)
 {
     return !text.empty() && std::ranges::all_of(text, [](char each) { return each >= '0' && each <= '9'; });
 }
 
-/// What stands behind the last '.'; empty without one.
+/// The text after the last '.'; empty without one.
 std::string_view lastPart(std::string_view name)
 {
     const size_t dot = name.rfind('.');
     return dot == std::string_view::npos ? std::string_view() : name.substr(dot + 1);
 }
 
-/// `name` without a last ".2" to ".99".
+/// `name` without a trailing ".2" to ".99".
 std::string withoutArrivalNumber(const std::string& name)
 {
     const std::string_view number = lastPart(name);
@@ -41,7 +41,7 @@ std::string withoutArrivalNumber(const std::string& name)
                                                         : name;
 }
 
-/// Whether the name ends as a PCI device's address does: in slot and function, as "00_1f.3".
+/// Whether the name ends with the slot and function of a PCI address, such as "00_1f.3".
 bool endsInPCIFunction(std::string_view name)
 {
     const std::string_view function = lastPart(name);
@@ -50,7 +50,7 @@ bool endsInPCIFunction(std::string_view name)
            hasAddress;
 }
 
-/// Whether the name ends in a sub-device, as "playback.0.0": nodes of a card used without a mixer.
+/// Whether the name ends with a sub-device, such as "playback.0.0", as nodes of a card without a mixer do.
 bool endsInSubDevice(std::string_view name)
 {
     for (int part = 0; part < 2; ++part) {
@@ -62,7 +62,7 @@ bool endsInSubDevice(std::string_view name)
     return lastPart(name) == "playback" || lastPart(name) == "capture";
 }
 
-/// As the session manager writes names: letters, digits and "_-." stay.
+/// Replaces all characters but letters, digits and "_-." by '_', as the session manager does.
 std::string sanitized(std::string name)
 {
     std::ranges::replace_if(
@@ -74,8 +74,8 @@ std::string sanitized(std::string name)
     return name;
 }
 
-/// The card's name without its number of arrival. The name is made of where the card is, which may itself end
-/// in what looks like such a number: the function of a PCI device.
+/// The card's name without its number of arrival. The name contains the card's place on its bus, which may
+/// itself end with a similar number: the function of a PCI device.
 std::string cardName(const PipeWireProperties& card)
 {
     const std::string& name = card[PW_KEY_DEVICE_NAME];
@@ -90,8 +90,7 @@ std::string cardName(const PipeWireProperties& card)
     return endsInPCIFunction(name) ? name : withoutArrivalNumber(name);
 }
 
-/// Whether a name was made by the session manager, which then also numbered it, and not by the node's
-/// creator.
+/// Whether a name was made, and therefore numbered, by the session manager and not by the node's creator.
 bool isNamedBySessionManager(const PipeWireNodeProperties& properties, const std::string& name)
 {
     return properties[PW_KEY_DEVICE_API] == "alsa" || name.starts_with("alsa_");
@@ -103,7 +102,7 @@ std::string nodeName(const PipeWireNodeProperties& properties)
     if (!isNamedBySessionManager(properties, name))
         return name;
     if (const PipeWireProperties* card = properties.card()) {
-        // The node's name has the card's in its middle, with the card's number.
+        // The node's name contains the card's name, including the card's number.
         const auto middle = [](const std::string& whole) { return whole.substr(whole.find('.') + 1); };
         const std::string numbered = middle((*card)[PW_KEY_DEVICE_NAME]);
         const std::string plain = middle(cardName(*card));
@@ -114,19 +113,19 @@ std::string nodeName(const PipeWireNodeProperties& properties)
     return endsInSubDevice(name) ? name : withoutArrivalNumber(name);
 }
 
-/// Of "/devices/…/usb3/3-1/3-1.4/3-1.4:1.0/sound/card5": the innermost folder that is a device's.
+/// Of "/devices/…/usb3/3-1/3-1.4/3-1.4:1.0/sound/card5": the location of the innermost USB device.
 std::optional<uint32_t> locationInKernelPath(std::string_view path)
 {
     for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
         const std::string_view folder = path.substr(0, end);
-        const size_t start = folder.rfind('/') + 1; // 0, where there is none
+        const size_t start = folder.rfind('/') + 1; // 0 if there is no '/'
         if (const auto location = dxr::usbLocationID(folder.substr(start)))
             return location;
     }
     return std::nullopt;
 }
 
-/// Of udev's "pci-0000:00:14.0-usb-0:1.4.2:1.0": bus and ports.
+/// Of udev's "pci-0000:00:14.0-usb-0:1.4.2:1.0": the location by the ports alone, without the bus number.
 std::optional<uint32_t> locationInBusPath(std::string_view path)
 {
     const size_t mark = path.find("usb");
@@ -139,8 +138,7 @@ std::optional<uint32_t> locationInBusPath(std::string_view path)
     return dxr::usbLocationID(name);
 }
 
-/// Where the sound card is, when it is one of this computer's: known by its bus path, or by its number and
-/// its ports.
+/// The location of a sound card of this computer, found by its bus path, or by its number and its ports.
 std::optional<uint32_t> registeredLocation(const std::string& busPath, const std::string& cardNumber)
 {
     constexpr uint32_t ports = 0x00FFFFFF;
@@ -167,7 +165,7 @@ std::optional<uint32_t> usbLocation(const PipeWireNodeProperties& properties)
         return location;
     const std::string& busPath = properties[PW_KEY_DEVICE_BUS_PATH];
     const auto location = registeredLocation(busPath, properties["api.alsa.card"]);
-    return location ? location : locationInBusPath(busPath); // of a bus elsewhere: better than nothing
+    return location ? location : locationInBusPath(busPath); // not registered: the bus is unknown
 }
 
 bool hasUSBSerialNumber(const PipeWireNodeProperties& properties, uint32_t location)
@@ -180,7 +178,7 @@ bool hasUSBSerialNumber(const PipeWireNodeProperties& properties, uint32_t locat
     });
     if (isKnown)
         return hasSerialNumber;
-    // Without a number of its own, udev calls a device by maker and product alone.
+    // For a device without a serial number, udev sets this property from vendor and product alone.
     const std::string serial = sanitized(properties[PW_KEY_DEVICE_SERIAL]);
     const std::string model =
         sanitized(properties[PW_KEY_DEVICE_VENDOR_NAME] + "_" + properties[PW_KEY_DEVICE_PRODUCT_NAME]);
@@ -273,7 +271,7 @@ uint32_t pipeWireTransportType(const PipeWireNodeProperties& properties)
     const std::string& api = properties[PW_KEY_DEVICE_API];
     const std::string& profile = properties["device.profile.name"];
     const std::string& name = properties.node()[PW_KEY_NODE_NAME];
-    if (bus == "pci" || bus == "platform" || bus.empty()) { // a graphics unit's sound, by what it leads to
+    if (bus == "pci" || bus == "platform" || bus.empty()) { // audio of a graphics card, by its connector
         if (contains(profile, "displayport"))
             return kAudioDeviceTransportTypeDisplayPort;
         if (contains(profile, "hdmi") || (name.starts_with("alsa_output.") && contains(name, ".hdmi-")))
@@ -311,7 +309,7 @@ double pipeWireNetworkSeconds(const PipeWireNodeProperties& properties)
     uint32_t rate = 0;
     if (std::sscanf(latency.c_str(), "%9u/%9u", &frames, &rate) != 2 || rate == 0)
         return 0.0;
-    // A receiver of RTP asks for cycles of half of what it buffers.
+    // An RTP receiver asks for cycles of half the length of its buffer.
     const bool isReceiver = node.find("rtp.session") && !node[PW_KEY_MEDIA_CLASS].starts_with("Audio/Sink");
     return (isReceiver ? 2.0 : 1.0) * frames / rate;
 }

@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 
-// How a device is called, and what it is, from the properties of its node and its card.
-// Threads: any; pipeWireUID() of a USB device asks the system about its bus.
+// Derives the names, UID and kind of a device from the properties of its node and its card.
+// Threads: any. pipeWireUID() of a USB device queries the system's USB registry.
 
-/// The properties of a node, and beneath them those of its card, if it has one.
+/// The properties of a node, with those of its card, if it has one, as a fallback.
 class PipeWireNodeProperties {
 public:
     PipeWireNodeProperties(const PipeWireProperties& node, const PipeWireProperties* card)
@@ -17,7 +17,7 @@ public:
     {}
     const PipeWireProperties& node() const noexcept { return _node; }
     const PipeWireProperties* card() const noexcept { return _card; }
-    /// The node's, else the card's, else empty.
+    /// The node's value if it is not empty, else the card's, else empty.
     const std::string& operator[](std::string_view key) const;
 
 private:
@@ -25,26 +25,26 @@ private:
     const PipeWireProperties* const _card;
 };
 
-/// What stays the same when the device, the session manager or the server comes again: the node's name, or,
-/// for a whole card, the card's, without the numbers that the session manager gives by order of arrival. A
-/// USB device without a serial number carries the location it is plugged in. Never empty.
+/// The device's UID, which stays the same when the device is replugged and when the session manager or the
+/// server restarts: the node's name, or the card's for a whole card, without the numbers that the session
+/// manager assigns in order of arrival. For a USB device without a serial number, the location of its port is
+/// appended. Never empty.
 std::string pipeWireUID(const PipeWireNodeProperties& properties, bool isWholeCard);
-/// What people call the device.
+/// The name to show to users; empty if the device has none.
 std::string pipeWireDeviceName(const PipeWireNodeProperties& properties, bool isWholeCard);
-/// Nothing when it is not known.
+/// nullopt if unknown.
 std::optional<std::string> pipeWireManufacturer(const PipeWireNodeProperties& properties);
 std::optional<std::string> pipeWireModelUID(const PipeWireNodeProperties& properties);
-/// kAudioDeviceTransportType….
+/// One of kAudioDeviceTransportType….
 uint32_t pipeWireTransportType(const PipeWireNodeProperties& properties);
-/// Whether the sound comes from another machine, or goes to one.
+/// Whether the device receives audio from, or sends it to, another machine.
 bool pipeWireIsNetwork(const PipeWireNodeProperties& properties);
-/// How long sound takes from or to the other machine, by what a network node says of itself; 0 when it says
-/// nothing, and for all other nodes, which report latency on their ports.
+/// The latency (s) from or to the other machine, as a network node states it in its properties; 0 if it
+/// states none, and for all other nodes, which report latency on their ports.
 double pipeWireNetworkSeconds(const PipeWireNodeProperties& properties);
-/// Whether the device is none of the user's business.
+/// Whether the device is internal and must be hidden from users.
 bool pipeWireIsHidden(const PipeWireProperties& node);
 
-/// Where a USB device is plugged: bus in the top 8 bits, then one hexadecimal digit for each hub port from
-/// the root. `path` is a folder of the kernel's device tree, or udev's path of a bus, which lacks the bus
-/// number.
+/// The location of a USB device: bus in the top 8 bits, then one hexadecimal digit for each hub port from the
+/// root. `path` is a folder of the kernel's device tree, or a udev bus path, which lacks the bus number.
 std::optional<uint32_t> pipeWireUSBLocation(const std::string& path);

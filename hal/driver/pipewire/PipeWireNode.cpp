@@ -9,7 +9,7 @@ struct PipeWireNode::Listener {
 
 std::optional<PipeWireNode::Kind> PipeWireNode::kindOfMediaClass(const std::string& mediaClass)
 {
-    // Audio/Sink, Audio/Source/Virtual, Audio/Sink/Internal and so on; Audio/Sinkhole is something else.
+    // Matches Audio/Sink, Audio/Source/Virtual, Audio/Sink/Internal and so on, but not Audio/Sinkhole.
     const auto isOf = [&](const std::string& name) {
         return mediaClass == name || mediaClass.starts_with(name + "/");
     };
@@ -99,13 +99,13 @@ std::vector<const PipeWirePort*> PipeWireNode::_ports(bool inputs) const
 
 std::vector<const PipeWirePort*> PipeWireNode::playbackPorts() const
 {
-    // A virtual source has inputs too, through which others feed it: not a device's.
+    // The inputs of a virtual source, through which other clients feed it, are not playback ports.
     return _kind == Kind::Source ? std::vector<const PipeWirePort*>() : _ports(true);
 }
 
 std::vector<const PipeWirePort*> PipeWireNode::capturePorts() const
 {
-    // Of a sink these are its monitors. Those of virtual sources call themselves monitors, and are not.
+    // The outputs of a sink are its monitors. Those of a virtual source are only marked as monitors.
     return _kind == Kind::Sink ? std::vector<const PipeWirePort*>() : _ports(false);
 }
 
@@ -130,7 +130,7 @@ void PipeWireNode::portDisappeared(uint32_t portID)
         _changed();
 }
 
-/// Ports report their latency, and all channels of a device have the same: the first port's counts.
+/// Follows the latency of the first port in each direction: all channels of a device have the same.
 void PipeWireNode::_followLatency()
 {
     const auto follow = [this](std::unique_ptr<PipeWirePortLatency>& latency,

@@ -9,18 +9,18 @@
 #include <memory>
 #include <vector>
 
-/// A node of the server that is, or is half of, a device: a sink, a source, or both.
+/// A node of the server that is a device or half of one: a sink, a source, or both.
 /// Threads: the loop's.
 class PipeWireNode {
 public:
     enum class Kind { Sink, Source, Duplex };
 
-    /// What a node of this media class is; nothing when it is no device.
+    /// The kind of a node of this media class; nullopt if it is no device.
     static std::optional<Kind> kindOfMediaClass(const std::string& mediaClass);
 
-    /// Follows node `id` of the server. `serial` names it for as long as this process lives; the server's own
-    /// id may name another node soon. Calls `changed` after every change, for the first time when everything
-    /// is known.
+    /// Follows the server's node `id`. `serial` identifies the node for the life of this process, because the
+    /// server may soon reuse `id` for another node. Calls `changed` after every change, for the first time
+    /// when the node becomes ready.
     PipeWireNode(PipeWireSession& session, uint32_t id, uint64_t serial, Kind kind,
                  const PipeWireProperties& properties, PipeWireLoop::Work changed);
     ~PipeWireNode();
@@ -30,26 +30,26 @@ public:
     uint32_t id() const noexcept { return _id; }
     uint64_t serial() const noexcept { return _serial; }
     Kind kind() const noexcept { return _kind; }
-    bool isReady() const noexcept { return _isReady; } ///< everything the server reports of it has come
+    bool isReady() const noexcept { return _isReady; } ///< whether all data from the server has arrived
     bool isRunning() const noexcept { return _isRunning; }
     const PipeWireProperties& properties() const noexcept { return _properties; }
-    /// The card it belongs to, by its id on the server.
+    /// The server's id of the card that the node belongs to.
     std::optional<uint32_t> cardID() const;
 
-    /// The ports that audio is played to (inputs) or recorded from, in channel order; no monitors.
+    /// The ports for playback (inputs) and for recording (outputs), in channel order, without monitors.
     std::vector<const PipeWirePort*> playbackPorts() const;
     std::vector<const PipeWirePort*> capturePorts() const;
-    /// The ports of a sink that give back what is played to it.
+    /// The outputs of a sink that deliver what is played to it.
     std::vector<const PipeWirePort*> monitorPorts() const;
     void portAppeared(const PipeWirePort& port);
     void portDisappeared(uint32_t portID);
-    /// Of the first playback port, or capture port; zero when it says none.
+    /// The latency of the first playback or capture port; zero if it reports none.
     PipeWireLatency latency(bool ofPlayback) const;
 
     PipeWireVolumeProps volumeProps() const;
-    /// The rates its formats take.
+    /// The rates that the node's formats support.
     std::vector<PipeWireRateRange> rates() const;
-    /// The rate of its present format, Hz; nothing while it has none.
+    /// The rate (Hz) of the current format; nullopt while the node has none.
     std::optional<uint32_t> formatRate() const;
 
     /// Asks the server to change volume or mute.

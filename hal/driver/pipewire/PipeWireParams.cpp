@@ -19,7 +19,7 @@ bool PipeWireParams::follow(std::span<const spa_param_info> now,
     bool asked = false;
     for (const spa_param_info& info : now) {
         const auto list = std::ranges::find(_lists, info.id, &List::kind);
-        // A bit in the flags alternates with every change of the values.
+        // A bit in the flags toggles with every change of the values.
         if (list == _lists.end() || (list->isKnown && list->flags == info.flags))
             continue;
         list->isKnown = true;
@@ -48,7 +48,7 @@ void PipeWireParams::commit()
 {
     for (List& list : _lists) {
         if (!list.isFresh)
-            list.arriving.clear(); // asked for, and there is none
+            list.arriving.clear(); // the server replied with no parameters
         list.isFresh = true;
         list.complete = list.arriving;
     }

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// The value of a key of an object; null when the pod is no object or has no such key.
+/// The value of a key of an object; null if the pod is not an object or has no such key.
 const spa_pod* valueOf(const spa_pod* pod, uint32_t key)
 {
     if (!pod || !spa_pod_is_object(pod))
@@ -57,7 +57,7 @@ std::vector<uint32_t> numbersOf(const spa_pod* pod, uint32_t key)
     return {all.begin(), all.end()};
 }
 
-/// The text of `key` in a structure of a count and then keys and values.
+/// The text of `key` in a struct that contains a count followed by keys and values.
 std::string textOfDictionary(const spa_pod* pod, const std::string& key)
 {
     spa_pod_parser parser;
@@ -75,12 +75,12 @@ std::string textOfDictionary(const spa_pod* pod, const std::string& key)
     return {};
 }
 
-/// Builds an object with room for a volume's amplitudes and little else, and hands it out.
+/// Builds an object, in a buffer for the amplitudes and a few other values, and passes it to `send`.
 void withObject(uint32_t type, uint32_t id, const PipeWireVolumeProps& change,
                 const std::function<void(spa_pod_builder*)>& fill,
                 const std::function<void(const spa_pod*)>& send)
 {
-    std::vector<uint64_t> room(64 + change.amplitudes.size()); // parameters are aligned to 8
+    std::vector<uint64_t> room(64 + change.amplitudes.size()); // parameters are aligned to 8 bytes
     spa_pod_builder builder{};
     spa_pod_builder_init(&builder, room.data(), static_cast<uint32_t>(room.size() * sizeof room[0]));
     spa_pod_frame frame;
@@ -159,7 +159,7 @@ std::vector<PipeWireRateRange> pipeWireParseRates(const spa_pod* format)
         count == 0)
         return {};
     const auto* rates = static_cast<const uint32_t*>(SPA_POD_BODY_CONST(values));
-    // The first value of a choice is its default; then come lowest and highest, or all there are.
+    // The first value of a choice is the default, followed by minimum and maximum or by all alternatives.
     if (choice == SPA_CHOICE_None || count == 1)
         return {{rates[0], rates[0]}};
     if (choice == SPA_CHOICE_Range || choice == SPA_CHOICE_Step)

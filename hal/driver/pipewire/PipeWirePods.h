@@ -10,39 +10,39 @@
 
 struct spa_pod;
 
-// The parameters of PipeWire's objects as plain values, read and built. What comes from the server is not
-// trusted: a value of the wrong type is one that is not there.
+// Reads and builds the parameters of PipeWire objects as plain values. Data from the server is not trusted: a
+// value of the wrong type counts as missing.
 // Threads: any.
 
 /// Volume and mute, of a node or of the active route of a card.
 struct PipeWireVolumeProps {
-    std::vector<float> amplitudes; ///< linear, per channel; empty when there is no volume
-    std::optional<bool> isMuted;   ///< none when there is no mute
+    std::vector<float> amplitudes; ///< linear, per channel; empty: no volume control
+    std::optional<bool> isMuted;   ///< nullopt: no mute control
     bool operator==(const PipeWireVolumeProps&) const = default;
 };
 
-/// A way in or out of a card: speakers, headphones, a microphone.
+/// A route of a card: speakers, headphones, a microphone.
 struct PipeWireRoute {
     uint32_t index = 0;
     bool isInput = false;
     bool isUnplugged = false;
-    std::string description;        ///< as the server has it
-    std::string portType;           ///< "hdmi", "headphones"; empty when unknown
-    std::vector<uint32_t> devices;  ///< the card's sub-devices it can serve
-    std::vector<uint32_t> profiles; ///< the card's profiles it exists in; empty means all
-    std::optional<uint32_t> device; ///< for an active route: the sub-device it serves
+    std::string description;        ///< as received; may be invalid UTF-8
+    std::string portType;           ///< "hdmi", "headphones"; empty if unknown
+    std::vector<uint32_t> devices;  ///< the card's sub-devices that can use it
+    std::vector<uint32_t> profiles; ///< the card's profiles that have it; empty: all
+    std::optional<uint32_t> device; ///< for an active route: the sub-device that uses it
     PipeWireVolumeProps props;      ///< for an active route
 };
 
-/// What rates a node's formats take, in Hz: single rates with lowest == highest, and ranges.
+/// A range of rates (Hz) that a node's format supports; a single rate has lowest == highest.
 struct PipeWireRateRange {
     uint32_t lowest;
     uint32_t highest;
 };
 
-/// What a port says of the time between it and the hardware.
+/// The latency between a port and the hardware, as the port reports it: the sum of three parts.
 struct PipeWireLatency {
-    bool isInput = false; ///< of what flows into the port
+    bool isInput = false; ///< whether it applies to audio that flows into the port
     double quantums = 0.0;
     uint32_t frames = 0;
     uint64_t nanoseconds = 0;
@@ -53,12 +53,12 @@ PipeWireVolumeProps pipeWireParseProps(const spa_pod* param);
 std::optional<PipeWireRoute> pipeWireParseRoute(const spa_pod* param);
 /// The profile's index.
 std::optional<uint32_t> pipeWireParseProfile(const spa_pod* param);
-/// The rates of one of a node's formats; nothing for one that is no plain audio.
+/// The rates of one of a node's formats; empty for a format that is not plain audio.
 std::vector<PipeWireRateRange> pipeWireParseRates(const spa_pod* format);
 std::optional<PipeWireLatency> pipeWireParseLatency(const spa_pod* param);
 
-/// Builds a node's properties with this change and hands them to `send`. What is none stays as it is.
+/// Builds a node's properties with this change and passes them to `send`. Empty members change nothing.
 void pipeWireWithProps(const PipeWireVolumeProps& change, const std::function<void(const spa_pod*)>& send);
-/// The same for the choice of a route of a card's sub-device, with the change to its volume.
+/// The same for switching a card's sub-device to a route, with the change to the route's volume.
 void pipeWireWithRoute(uint32_t index, uint32_t device, const PipeWireVolumeProps& change,
                        const std::function<void(const spa_pod*)>& send);

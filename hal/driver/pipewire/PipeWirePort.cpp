@@ -25,7 +25,7 @@ PipeWirePortLatency::PipeWirePortLatency(PipeWireSession& session, const PipeWir
     if (!_proxy)
         return;
     pw_proxy_add_object_listener(_proxy, &_listener->hook, &events, this);
-    uint32_t kind = SPA_PARAM_Latency; // a single kind, which subscriptions do get right
+    uint32_t kind = SPA_PARAM_Latency; // subscriptions to a single kind are reliable
     pw_port_subscribe_params(reinterpret_cast<pw_port*>(_proxy), &kind, 1);
 }
 

@@ -11,27 +11,27 @@ struct PipeWirePort {
     uint32_t id = 0;    ///< on the server
     uint32_t index = 0; ///< among the ports of its node and direction
     bool isInput = false;
-    bool isMonitor = false; ///< gives back what a sink was given
+    bool isMonitor = false; ///< delivers what is played to a sink
     bool isAudio = false;   ///< plain samples of one channel
     std::string name;
-    std::string channel; ///< "FL"; empty when the port says none
+    std::string channel; ///< "FL"; empty if unknown
 
     PipeWirePort() = default;
     PipeWirePort(uint32_t globalID, const PipeWireProperties& properties);
 };
 
-/// What one port says of its latency, followed.
+/// The latency that one port reports, kept up to date.
 /// Threads: the loop's.
 class PipeWirePortLatency {
 public:
-    /// Calls `changed` whenever the latency has.
+    /// Calls `changed` whenever the latency has changed.
     PipeWirePortLatency(PipeWireSession& session, const PipeWirePort& port, PipeWireLoop::Work changed);
     ~PipeWirePortLatency();
     PipeWirePortLatency(const PipeWirePortLatency&) = delete;
     PipeWirePortLatency& operator=(const PipeWirePortLatency&) = delete;
 
     uint32_t portID() const noexcept { return _portID; }
-    /// Of what flows through the port towards or from the hardware.
+    /// The latency between the port and the hardware, in the port's direction.
     const PipeWireLatency& latency() const noexcept { return _latency; }
 
 private:

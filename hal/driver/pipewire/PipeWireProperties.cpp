@@ -55,16 +55,16 @@ pw_properties* PipeWireProperties::copy() const
 namespace {
 
 struct Sequence {
-    size_t length;   ///< bytes, the first included
-    uint32_t lowest; ///< code point that needs so many bytes
-    uint8_t mark;    ///< of the first byte
+    size_t length;   ///< bytes, including the first
+    uint32_t lowest; ///< code point encoded with this length
+    uint8_t mark;    ///< leading bits of the first byte
     uint8_t markMask;
 };
 
 constexpr Sequence sequences[] = {
     {1, 0, 0x00, 0x80}, {2, 0x80, 0xC0, 0xE0}, {3, 0x800, 0xE0, 0xF0}, {4, 0x10000, 0xF0, 0xF8}};
 
-/// The bytes of the valid sequence that `text` begins with; 0 when it begins with none.
+/// The length in bytes of the valid UTF-8 sequence at the start of `text`; 0 if there is none.
 size_t validLength(std::string_view text)
 {
     const auto first = static_cast<uint8_t>(text.front());

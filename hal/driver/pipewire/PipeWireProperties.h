@@ -8,29 +8,29 @@
 struct spa_dict;
 struct pw_properties;
 
-/// The properties of an object on the server: text by key, as the server has it, of any bytes.
+/// The properties of an object on the server: text by key. The text is as received and may contain any bytes.
 /// Threads: a value; one thread at a time.
 class PipeWireProperties {
 public:
     PipeWireProperties() = default;
     PipeWireProperties(std::initializer_list<std::pair<const std::string, std::string>> all) : _all(all) {}
-    /// Null is no properties.
+    /// Null means no properties.
     explicit PipeWireProperties(const spa_dict* dictionary) { merge(dictionary); }
 
-    /// Takes over what `dictionary` says; a key without a value is removed. Null changes nothing.
+    /// Sets every key in `dictionary`; a key without a value is removed. Null changes nothing.
     void merge(const spa_dict* dictionary);
     void set(const std::string& key, std::string value) { _all[key] = std::move(value); }
 
-    /// Null when the key is not there; it may also be there and be empty.
+    /// Null if the key is missing. The text of a key may be empty.
     const std::string* find(std::string_view key) const;
-    /// Empty when the key is not there.
+    /// Empty if the key is missing.
     const std::string& operator[](std::string_view key) const;
-    /// Nothing when the key is not there or its text is no number.
+    /// nullopt if the key is missing or its text is not a number.
     std::optional<uint32_t> number(std::string_view key) const;
-    /// "true" and "1" are.
+    /// Whether the text is "true" or "1".
     bool isTrue(std::string_view key) const;
 
-    /// A copy for a function of PipeWire that takes it over.
+    /// A copy for a PipeWire function that takes ownership of it.
     pw_properties* copy() const;
 
 private:

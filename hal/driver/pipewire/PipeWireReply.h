@@ -6,23 +6,23 @@
 #include <mutex>
 #include <optional>
 
-/// What one thread waits for while the loop's thread has a write carried out: that the server has taken it,
-/// and then, for a moment longer, that its effect shows.
+/// The result of a write that the loop's thread carries out while another thread waits: until the server has
+/// accepted the write, and then briefly until its effect is visible.
 /// Threads: any.
 /// Waits:   wait() only, for a bounded time.
 class PipeWireReply final : public CXObject {
 public:
     static CXRef<PipeWireReply> make() { return CXRef<PipeWireReply>::adopt(new PipeWireReply); }
 
-    /// The server has taken the write; its effect will come.
+    /// The server has accepted the write; its effect will follow.
     void accept();
-    /// The write is over. Only the first status counts.
+    /// The write is finished. Only the first status counts.
     void finish(HALStatus status);
     bool isAccepted() const;
     bool isOver() const;
 
-    /// The status; success when the server has taken the write but shows no effect yet; 'what' when it does
-    /// not reply by `deadline`.
+    /// Returns the status; success if the server has accepted the write but its effect is not visible in
+    /// time; 'what' if the server does not reply by `deadline`.
     HALStatus wait(HALDeadline deadline);
 
 private:

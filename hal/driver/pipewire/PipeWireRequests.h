@@ -5,12 +5,13 @@
 class PipeWireHardware;
 class PipeWireReply;
 
-/// Has the loop carry out what clients ask of the server's devices.
+/// Carries out clients' requests to the server's devices on the loop's thread.
 /// Threads: any.
 class PipeWireRequests : public HALHardwareDriver {
 public:
     using Reply = CXRef<PipeWireReply>;
     using Work = CXBlock<void(PipeWireHardware&, const Reply&)>;
-    /// Waits for the reply to `work`; not inside a cycle, which must not wait.
+    /// Runs `work` on the loop's thread and waits for its reply. Inside a cycle and on the loop's thread,
+    /// which must not wait, returns success at once.
     virtual HALStatus carryOut(const Work& work, HALDeadline deadline) = 0;
 };

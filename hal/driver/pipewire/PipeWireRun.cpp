@@ -6,13 +6,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::milliseconds firstRetryDelay = 20ms; // many interruptions end by themselves in less
+constexpr std::chrono::milliseconds firstRetryDelay = 20ms; // many interruptions end sooner by themselves
 constexpr std::chrono::milliseconds maxRetryDelay = 1s;
 constexpr auto recoveredAfter = 5s; // a fault this long after the last retry is a new one
-constexpr auto firstPatience = 2s;  // without a first cycle, though nothing else is wrong
-constexpr auto minPatience = 700ms; // and without a next one
+constexpr auto firstPatience = 2s;  // maximum wait for the first cycle if nothing else is wrong
+constexpr auto minPatience = 700ms; // minimum of the wait for each later cycle
 constexpr auto lookInterval = 500ms;
-constexpr auto restoringTime = 300ms; // of our own force on the rate
+constexpr auto restoringTime = 300ms; // how long restoreRate() forces our rate
 
 } // namespace
 
@@ -88,7 +88,7 @@ void PipeWireRun::restoreRate(Time now)
 {
     if (!_io || _wanted.forcesRate)
         return;
-    // A running graph keeps its rate unless a client forces another; letting go afterwards changes nothing.
+    // A running graph keeps its rate unless a client forces another. Releasing it later changes nothing.
     PipeWireDeviceIO::WantedTiming forced = _wanted;
     forced.forcesRate = true;
     _io->setWantedTiming(forced);
@@ -97,7 +97,7 @@ void PipeWireRun::restoreRate(Time now)
 
 // ---- The node and its links
 
-/// The ports to link; nothing while the device is absent, or has other streams than the run was made for.
+/// The ports to link; nullopt while the device is absent or its streams are not those of the run.
 std::optional<PipeWireEnds> PipeWireRun::_endsOf(const Member& member) const
 {
     return member.device && member.device->channels() == member.channels
@@ -107,7 +107,7 @@ std::optional<PipeWireEnds> PipeWireRun::_endsOf(const Member& member) const
 
 void PipeWireRun::_makeIO(Time now)
 {
-    _io.reset(); // before the next one prepares the table
+    _io.reset(); // must be destroyed before the next one prepares the table
     std::vector<PipeWireChannels> channels;
     for (const Member& member : _members)
         channels.push_back(member.channels);
@@ -131,7 +131,7 @@ void PipeWireRun::_linkMember(size_t place)
     _environment.wake.signal();
 }
 
-// ---- Looking after it
+// ---- Checks and repairs
 
 PipeWireRun::Time PipeWireRun::update(Time now)
 {
@@ -171,8 +171,8 @@ void PipeWireRun::_look(Time now)
         setWantedTiming(_wanted);
 }
 
-/// A member is stalled from an attempt to mend something, or from some time without cycles, until it has
-/// cycles.
+/// A member becomes stalled when a repair is attempted, or if it has no cycles some time after it was linked.
+/// It remains stalled until it has cycles.
 void PipeWireRun::_lookAtMembers(Time now)
 {
     for (size_t place = 0; place < _members.size(); ++place) {
@@ -234,7 +234,7 @@ bool PipeWireRun::_getsCycles(size_t place) const
     return _hasCycles && (!needsLinks || (links && links->isActive()));
 }
 
-/// Whether every member that is present has cycles, and none of its links was refused.
+/// Whether every present member has cycles, no broken link, and an active first batch of links.
 bool PipeWireRun::_hasStarted() const
 {
     for (size_t place = 0; place < _members.size(); ++place)
@@ -255,7 +255,7 @@ bool PipeWireRun::_isAnyPresent() const
     return std::ranges::any_of(_linked, [](const Linked& each) { return each.ends.has_value(); });
 }
 
-/// Such a run follows the device when it has other streams; a group keeps those it was started with.
+/// Whether the run is of one device and follows its changes of streams; a group keeps its streams.
 bool PipeWireRun::_isOfOneDevice() const
 {
     return _members.size() == 1 && _members.front().table == _table;
@@ -277,7 +277,7 @@ void PipeWireRun::_reportOverload()
             member.table->reportOverload();
 }
 
-/// How long no cycle may come.
+/// The longest time without a cycle before the node is recreated.
 std::chrono::nanoseconds PipeWireRun::_patience() const
 {
     if (_cyclesSeen == 0)

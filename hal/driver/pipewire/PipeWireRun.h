@@ -8,10 +8,10 @@
 #include <optional>
 #include <vector>
 
-/// IO of one device or of a group, from its start to its stop. While it is to run it does: a link or the node
-/// that another client has destroyed, suspended or paused is made anew, 20 ms later at first and at least
-/// once a second while that fails. That is reported as an overload; a member that gets no cycles is stalled
-/// meanwhile. One member's rate or cycle length, once asked for, is that of all members.
+/// IO of one device or of a group, from start to stop. Keeps the IO running: recreates a link or the node
+/// that another client has destroyed, suspended or paused, 20 ms later at first, and retries at least once a
+/// second until it succeeds. Reports a new interruption as an overload; a member that gets no cycles
+/// meanwhile is stalled. A rate or cycle length that one member asks for applies to all members.
 /// Threads: the loop's.
 class PipeWireRun final : public PipeWireDeviceRun {
 public:
@@ -22,7 +22,7 @@ public:
         CXRef<HALIOProcTable> table;      ///< the device's own; null while absent
         PipeWireChannels channels;
     };
-    /// What every run of a process works with; it outlives them.
+    /// Shared by all runs of a process; outlives them.
     struct Environment {
         PipeWireSession& session;
         const PipeWireMirror& mirror;
@@ -33,46 +33,45 @@ public:
         std::vector<Member> members;
         PipeWireDeviceIO::WantedTiming wanted;
         uint32_t maxFrames = 0;
-        PipeWireTimeline* timeline = nullptr; ///< to go on with, outlives the run; null: a new one
+        PipeWireTimeline* timeline = nullptr; ///< is continued, and outlives the run; null: a new one
         Time deadline;                        ///< of the first cycle
     };
 
-    /// Begins to start: `reply` gets the status once every member has cycles. Without that by the deadline,
-    /// hasFailed().
+    /// Begins the start. Finishes `reply` once every present member has cycles; if the deadline passes before
+    /// that, hasFailed() becomes true.
     PipeWireRun(const Environment& environment, Setup setup, CXRef<PipeWireReply> reply);
     ~PipeWireRun();
     PipeWireRun(const PipeWireRun&) = delete;
     PipeWireRun& operator=(const PipeWireRun&) = delete;
 
     // -- Changes
-    /// The member at `place` has gone (null), or is there again.
+    /// The member at `place` has disappeared (null) or returned.
     void setDevice(size_t place, PipeWireDevice* device, const CXRef<HALIOProcTable>& table);
     void deviceChanged(const PipeWireDevice& device) override;
     void deviceDisappears(const PipeWireDevice& device) override;
     void connectionLost();
     void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted) override;
-    /// The graph keeps the rate that another client forced for a while: asks for our own again.
+    /// Asks for our own rate again, because the graph keeps a rate that another client forced for a while.
     void restoreRate(Time now);
 
-    /// Looks at everything that may have changed, and does what is due. Returns when to be called again at
-    /// the latest.
+    /// Checks the node, its links and the members, and does what is due. Returns when to call it again.
     Time update(Time now);
-    /// Whether members are to be described anew since the last call.
+    /// Returns whether the members' state has changed since the last call.
     bool takeChanged() { return std::exchange(_changed, false); }
-    /// Finishes the start's reply when it is over. Call it when the members have been described.
+    /// Finishes the start's reply if the start has succeeded. Call it after the members' state was reported.
     void finishStart();
 
-    // -- What is known
+    // -- Queries
     const std::vector<Member>& members() const noexcept { return _members; }
     const PipeWireDeviceIO::WantedTiming& wantedTiming() const noexcept override { return _wanted; }
-    bool hasFailed() const noexcept { return _hasFailed; } ///< the start has, and the run is to be ended
+    bool hasFailed() const noexcept { return _hasFailed; } ///< the start has failed: end the run
     bool isStalled(const PipeWireDevice& device) const override;
     PipeWireClockSeen clock() const noexcept override { return _clock; }
 
 private:
     enum class Remedy { None, Links, Node };
     struct Linked {
-        std::optional<PipeWireEnds> ends; // nothing: not linked
+        std::optional<PipeWireEnds> ends; // nullopt: not linked
         Time since;
         bool isStalled = false;
     };
@@ -100,21 +99,21 @@ private:
     std::vector<Member> _members;
     std::vector<Linked> _linked; // by member
     PipeWireDeviceIO::WantedTiming _wanted;
-    std::unique_ptr<PipeWireDeviceIO> _io; // null without a connection
+    std::unique_ptr<PipeWireDeviceIO> _io; // null after the connection is lost
 
     PipeWireClockSeen _clock; // of the last node that had cycles
     uint64_t _cyclesSeen = 0;
     uint64_t _overloadsSeen = 0;
-    Time _lastCycle; // when one was last seen, or the node was made
+    Time _lastCycle; // when a cycle was last seen, or the node was created
     bool _hasCycles = false;
 
-    std::optional<Time> _retryAt; // while something is wrong
+    std::optional<Time> _retryAt; // set while a repair is due
     Time _lastRetry;
     std::chrono::milliseconds _retryDelay;
-    bool _serverAnswers = false; // since something is wrong: one that hangs is not asked for more
+    bool _serverAnswers = false; // since the fault; a server that hangs gets no more requests
     std::optional<Time> _restoringUntil;
 
-    CXRef<PipeWireReply> _startReply; // while it starts
+    CXRef<PipeWireReply> _startReply; // null once started
     const Time _startDeadline;
     bool _hasFailed = false;
     bool _changed = false;

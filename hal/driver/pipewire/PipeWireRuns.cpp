@@ -5,7 +5,7 @@
 
 namespace {
 
-// A node goes on for a moment after its last client has left it.
+// A node continues to run for a moment after its last client has left it.
 constexpr std::chrono::milliseconds endingTime{150};
 
 } // namespace
@@ -94,7 +94,7 @@ void PipeWireRuns::stopGroup(uint64_t number)
     _end({nullptr, number});
 }
 
-/// One member's forced rate or cycle length is the group's; else the first member's are suggested.
+/// A rate or cycle length that a member forces is forced for all; else the first member's is suggested.
 PipeWireRun::Setup PipeWireRuns::_setupOf(std::vector<PipeWireRun::Member> members,
                                           const CXRef<HALIOProcTable>& table,
                                           PipeWireRun::Time deadline) const

@@ -11,17 +11,17 @@
 /// Callback interface of the runs' owner. Called on the loop's thread.
 class PipeWireRunsClient {
 public:
-    /// The device is to be described anew: its clock, whether it runs or whether it is stalled.
+    /// The device's clock, or whether it runs or is stalled, has changed: its state must be reported again.
     virtual void runChanged(PipeWireDevice& device) = 0;
-    /// After a look at all runs: what was asked of them may show now.
+    /// All runs have been checked: requested changes may have taken effect.
     virtual void runsUpdated() = 0;
 
 protected:
     ~PipeWireRunsClient() = default;
 };
 
-/// All IO of a process: one run for each device and each group that was started. One timer and one descriptor
-/// serve them all.
+/// All IO of a process: one run for each device and each group that was started. All runs share one
+/// descriptor and their timers.
 /// Threads: the loop's.
 class PipeWireRuns {
 public:
@@ -35,24 +35,26 @@ public:
 
     // -- One device
 
-    /// 'what' when the device has no cycle by the deadline; then nothing is left of the run.
+    /// Replies 'what' if the device has no cycle by the deadline; the run is then ended.
     void start(PipeWireDevice& device, const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline,
                const Reply& reply);
     void stop(PipeWireDevice& device);
 
-    // -- Several in one cycle
+    // -- Several devices in one cycle
 
-    /// 'nope' when they cannot share cycles; else as start(). `number` names the group until stopGroup().
+    /// Replies 'nope' if they cannot share cycles; else as start(). `number` is the group's until
+    /// stopGroup().
     void startGroup(uint64_t number, std::vector<PipeWireRun::Member> members,
                     const CXRef<HALIOProcTable>& table, PipeWireRun::Time deadline, const Reply& reply);
-    /// The member has gone (null), or is there again. 'nope' when the device cannot share the group's cycles.
+    /// The member at `place` has disappeared (null) or returned. Returns 'nope' if the device cannot share
+    /// the group's cycles.
     HALStatus setGroupMember(uint64_t number, size_t place, PipeWireDevice* device,
                              const CXRef<HALIOProcTable>& table);
     void stopGroup(uint64_t number);
 
     // -- Changes
     void setClockSettings(const PipeWireClockSettings& settings);
-    /// Asks the graph of the device's runs, a group's included, for another rate (Hz) or cycle length.
+    /// Ask the graph for another rate (Hz) or cycle length for all runs of the device, including groups.
     void setRate(const PipeWireDevice& device, double rate);
     void setFrameCount(const PipeWireDevice& device, uint32_t frameCount);
     void deviceChanged(const PipeWireDevice& device);
@@ -61,7 +63,7 @@ public:
     void portAppeared() const { _wake.signal(); }
 
 private:
-    using Key = std::pair<const PipeWireDevice*, uint64_t>; // a device alone, or the number of a group
+    using Key = std::pair<const PipeWireDevice*, uint64_t>; // a device and 0, or null and a group's number
 
     PipeWireRun* _run(const Key& key) const;
     PipeWireRun::Setup _setupOf(std::vector<PipeWireRun::Member> members, const CXRef<HALIOProcTable>& table,
@@ -72,12 +74,12 @@ private:
     void _update();
     void _publish(const PipeWireRun& run);
 
-    const PipeWireWake _wake; // before the runs, whose audio threads signal it
+    const PipeWireWake _wake; // declared before _runs, whose audio threads signal it
     const PipeWireRun::Environment _environment;
     PipeWireRunsClient& _client;
     PipeWireClockSettings _settings;
     std::map<Key, std::unique_ptr<PipeWireRun>> _runs;
-    std::vector<PipeWireDevice*> _ending; // devices whose node still says that it runs, because of us
+    std::vector<PipeWireDevice*> _ending; // our IO has ended, but their nodes still report that they run
     PipeWireTimer _ended;
     PipeWireTimer _due;
 };

@@ -13,16 +13,16 @@ namespace {
 constexpr std::chrono::milliseconds firstRetry{5};
 constexpr std::chrono::milliseconds lastRetry{1000};
 
-/// Whether an error that the core reports of itself is the server's reply to a request, on a connection that
-/// lives on: about an object that has just gone, or one that is not ours to use. All others end the
-/// connection, and there are many: a server that dies before it has read everything is ECONNRESET as well as
-/// EPIPE.
+/// Whether an error that the core reports about itself is only the server's reply to a request, about an
+/// object that has just disappeared or that we may not use; the connection then continues. All other errors
+/// end the connection. There are many: a server that dies before it has read everything causes ECONNRESET as
+/// well as EPIPE.
 bool isReply(int result)
 {
     return result == -ENOENT || result == -EACCES || result == -EPERM;
 }
 
-/// Whether an attempt failed for want of a server, and not of something in this process.
+/// Whether an attempt failed because no server runs, and not because of a failure in this process.
 bool isServerAbsent(int error)
 {
     return error == EHOSTDOWN || error == ECONNREFUSED || error == EAGAIN;
@@ -80,7 +80,7 @@ void PipeWireSession::_try()
 void PipeWireSession::_wait()
 {
     _state = State::Waiting;
-    // The watch comes first: a socket that is made after the look is reported.
+    // Watch before checking for sockets, so that a socket that is created after the check is reported.
     const bool isWatching = _watch.watch();
     if (isWatching && !_watch.socketExists())
         return;
@@ -102,7 +102,7 @@ void PipeWireSession::_turn()
 
 void PipeWireSession::_socketsChanged()
 {
-    // In every state: the change may be reported before the end of the connection to the last server is.
+    // Reset in every state, because the change may be reported before the old connection ends.
     _retryDelay = firstRetry;
     if (_state == State::Waiting)
         _try();
@@ -112,7 +112,7 @@ void PipeWireSession::_coreError(void* data, uint32_t id, int /*sequence*/, int 
                                  const char* /*message*/)
 {
     auto* self = static_cast<PipeWireSession*>(data);
-    // Errors about other objects come from races with their removal and mean nothing.
+    // Errors about other objects are caused by races with their removal and can be ignored.
     if (id != PW_ID_CORE || isReply(result) || self->_state != State::Connected)
         return;
     self->_state = State::Broken;
@@ -143,8 +143,7 @@ bool PipeWireSession::_makeConnection()
     if (!_registry) {
         if (_core)
             pw_core_disconnect(std::exchange(_core, nullptr));
-        else if (!isServerAbsent(
-                     error)) // a context made when something was missing may lack parts of its own
+        else if (!isServerAbsent(error)) // a context created when resources ran out may be incomplete
             pw_context_destroy(std::exchange(_context, nullptr));
         return false;
     }

@@ -15,14 +15,13 @@ struct pw_core;
 struct pw_registry;
 struct pw_proxy;
 
-/// Who hears from a session. Called on the loop's thread.
+/// Callback interface of the session's owner. Called on the loop's thread.
 class PipeWireSessionClient {
 public:
     virtual void sessionConnected() = 0;
-    /// Everything of the server is about to go: proxies, filters and listeners on them are to be destroyed
-    /// now.
+    /// The connection is about to be closed: destroy all proxies, filters and their listeners now.
     virtual void sessionDisconnected() = 0;
-    /// An attempt found no server, or could not be made.
+    /// An attempt to connect found no server, or could not be made.
     virtual void sessionFoundNoServer() = 0;
     virtual void globalAppeared(uint32_t id, const char* type, const PipeWireProperties& properties) = 0;
     virtual void globalDisappeared(uint32_t id) = 0;
@@ -31,49 +30,51 @@ protected:
     ~PipeWireSessionClient() = default;
 };
 
-/// The connection to the server: it connects as soon as there is one, reports the server's objects, and
-/// connects anew whenever the connection is lost. It never waits for the server: one that hangs is simply
-/// silent.
+/// The connection to the server. Connects as soon as a server runs, reports the server's objects, and
+/// reconnects whenever the connection is lost. Never waits for the server, which may hang.
 ///
 ///   Ended ------ connect() --------> (try)
 ///   (try) ------ connected --------> Connected
 ///   (try) ------ no connection ----> Waiting
 ///   Connected -- connection error -> Broken
-///   Broken ----- the loop's turn --> Waiting: the error comes from inside what is then torn down
+///   Broken ----- next loop turn ---> Waiting
 ///   Waiting ---- timer, sockets ---> (try)
 ///   any -------- disconnect() -----> Ended
 ///
-/// While it waits, it tries at once when the sockets change. While a socket exists, and while changes cannot
-/// be reported, it also tries by a timer, after 5 ms at first and then up to a second: a server binds its
-/// socket a moment before it listens, and a stale socket looks like that of a server that is starting. The
-/// delay begins anew with a change of the sockets or a connection that lasted a second, so that a server that
-/// is found and lost over and over costs one attempt a second.
+/// The connection is closed in the loop's turn after its error, because the error is reported from inside the
+/// objects that are then destroyed.
+///
+/// While Waiting, it tries at once when the sockets change. While a socket exists, and while changes cannot
+/// be reported, it also tries by a timer, after 5 ms at first and then at intervals of up to a second: a
+/// server binds its socket a moment before it listens, and a stale socket looks like that of a server that is
+/// starting. The interval is reset when the sockets change and after a connection that lasted a second, so a
+/// server that is found and lost over and over costs one attempt a second.
 /// Threads: the loop's.
 class PipeWireSession {
 public:
-    /// `remote` is a remote name or the path of a socket; nothing means the user's own server.
+    /// `remote` is a remote name or the path of a socket; nullopt means the user's own server.
     PipeWireSession(PipeWireLoop& loop, PipeWireSessionClient& client, std::optional<std::string> remote);
     ~PipeWireSession();
     PipeWireSession(const PipeWireSession&) = delete;
     PipeWireSession& operator=(const PipeWireSession&) = delete;
 
     void connect();
-    /// Ends the connection and all attempts, and reports it to the client.
+    /// Ends the connection and all attempts to connect. Reports the end of a connection to the client.
     void disconnect();
     bool isConnected() const noexcept { return _core != nullptr; }
-    /// Calls `done` once the server has handled everything sent before; never, when the connection ends
-    /// first. `owner` is who must still be there then, and forgets it otherwise.
+    /// Calls `done` once the server has handled everything sent before; never if the connection ends first.
+    /// An `owner` that is destroyed earlier must call forget().
     void sync(const void* owner, PipeWireLoop::Work done);
-    /// Calls nothing of this owner's any more.
+    /// Cancels all pending sync() calls of this owner.
     void forget(const void* owner);
 
-    /// An own view of an object of the server; null without a connection.
+    /// Returns a new proxy for an object of the server; null without a connection.
     pw_proxy* bind(uint32_t id, const char* type, uint32_t version, size_t userDataSize = 0);
-    /// Null without a connection.
+    /// Creates an object on the server; null without a connection.
     pw_proxy* create(const char* factory, const char* type, uint32_t version,
                      const PipeWireProperties& properties);
-    /// Returns once the audio thread has done what PipeWire has queued for it: a queue of some 400 places,
-    /// which loses what comes when it is full.
+    /// Returns once the audio thread has executed the work that PipeWire has queued for it. The queue has
+    /// some 400 entries and drops new work while it is full.
     void waitForAudioThread();
     pw_core* core() const noexcept { return _core; }
     PipeWireLoop& loop() const noexcept { return _loop; }
@@ -108,12 +109,12 @@ private:
     pw_context* _context = nullptr;
     pw_core* _core = nullptr;
     pw_registry* _registry = nullptr;
-    std::unordered_map<int, Sync> _syncs; // by the number the server gives back
+    std::unordered_map<int, Sync> _syncs; // by the sequence number of the server's reply
 
     State _state = State::Ended;
     PipeWireSocketWatch _watch;
-    PipeWireTimer _timer; // while Waiting, or Broken
+    PipeWireTimer _timer; // runs while Waiting or Broken
     std::chrono::milliseconds _retryDelay;
     PipeWireLoop::Clock::time_point _connectedSince;
-    bool _hasReported = false; // a context that cannot be made, once
+    bool _hasReported = false; // whether a failure to create the context was logged
 };

@@ -35,7 +35,7 @@ std::vector<fs::path> PipeWireSocketWatch::socketsOfRemote(const std::optional<s
     std::vector<fs::path> sockets;
     if (const char* folder = firstSet({"PIPEWIRE_RUNTIME_DIR", "XDG_RUNTIME_DIR", "USERPROFILE"}))
         sockets.push_back(fs::path(folder) / name);
-    sockets.push_back(fs::path("/run/pipewire") / name); // the system's own server
+    sockets.push_back(fs::path("/run/pipewire") / name); // the system-wide server
     return sockets;
 }
 
@@ -88,8 +88,8 @@ bool PipeWireSocketWatch::_watchAll()
 
 bool PipeWireSocketWatch::_watch(const fs::path& socket)
 {
-    // A folder made between our look and the kernel's first report of it would be missed: look again, though
-    // only a few times at one that exists and may not be watched.
+    // Check again after adding the watch: a folder that was created just before would be missed. Give up
+    // after three attempts, because a folder may exist that may not be watched.
     for (int look = 0; look < 3; ++look) {
         fs::path waited = socket;
         int watch = -1;
@@ -129,7 +129,7 @@ void PipeWireSocketWatch::_readEvents()
 bool PipeWireSocketWatch::_concernsUs(const inotify_event& event, const char* name) const
 {
     if ((event.mask & IN_Q_OVERFLOW) != 0)
-        return true; // the kernel had more reports than room for them
+        return true; // the kernel has dropped events
     const auto [first, last] = _names.equal_range(event.wd);
     return std::any_of(first, last,
                        [&](const auto& waited) { return event.len == 0 || waited.second == name; });

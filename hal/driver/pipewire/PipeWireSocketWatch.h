@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-/// Reports when a server's socket may have appeared, without looking for it again and again: the kernel
-/// reports changes in the folder it will be in, or, while that does not exist, in the nearest folder above
-/// that does.
+/// Reports when a server's socket may have appeared, without polling: the kernel reports changes in the
+/// socket's folder or, while that does not exist, in the nearest folder above it that does.
 /// Threads: the loop's.
 class PipeWireSocketWatch {
 public:
@@ -21,14 +20,14 @@ public:
     PipeWireSocketWatch(const PipeWireSocketWatch&) = delete;
     PipeWireSocketWatch& operator=(const PipeWireSocketWatch&) = delete;
 
-    /// Watches, if it does not yet. Returns whether every appearance of a socket from now on is reported: not
-    /// when the process has no descriptor left, or the user no watch.
+    /// Starts watching if it has not yet. Returns whether every socket that appears from now on will be
+    /// reported: false if the process has no descriptor left, or the user no inotify watch.
     bool watch();
-    /// Whether one of the sockets has a file, with a server behind it or without.
+    /// Whether the file of one of the sockets exists, with or without a running server.
     bool socketExists() const;
 
-    /// Where the server of a remote name (nothing: the user's own) listens, as every client of PipeWire finds
-    /// it.
+    /// The paths at which the server of a remote name (nullopt: the user's own) may listen, as every PipeWire
+    /// client finds it.
     static std::vector<std::filesystem::path> socketsOfRemote(const std::optional<std::string>& remote);
 
 private:
@@ -40,7 +39,7 @@ private:
     PipeWireLoop& _loop;
     const std::vector<std::filesystem::path> _sockets;
     const PipeWireLoop::Work _changed;
-    int _descriptor = -1; // closed with its source
+    int _descriptor = -1; // closed when _source is destroyed
     spa_source* _source = nullptr;
-    std::multimap<int, std::string> _names; // what is waited for in the folder of each kernel watch
+    std::multimap<int, std::string> _names; // the awaited name in the folder of each inotify watch
 };

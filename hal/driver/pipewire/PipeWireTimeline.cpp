@@ -5,10 +5,10 @@
 namespace {
 
 constexpr uint64_t catchingUpNanoseconds = 1'000'000'000;
-constexpr uint64_t maxSeconds = 60; // a longer gap in a clock's count is a clock set anew
+constexpr uint64_t maxSeconds = 60; // a longer gap in a clock's count means that the clock was reset
 
-/// The frames from the start of one cycle to that of the next, by the time between them: not less than the
-/// first cycle's own, and more only when at least half a cycle is missing.
+/// The number of frames between the starts of two cycles, from the time between them: at least the first
+/// cycle's frames, and more only if at least half a cycle is missing.
 uint64_t framesByTime(const PipeWireTimeline::Clock& last, const PipeWireTimeline::Clock& now) noexcept
 {
     if (now.nanoseconds <= last.nanoseconds)
@@ -30,7 +30,7 @@ PipeWireTimeline::Step PipeWireTimeline::advance(const Clock& clock) noexcept
         return {_sampleTime, false, false};
     }
     const bool isSameClock = clock.id == _last.id && clock.rate == _last.rate;
-    const uint64_t counted = clock.position - _last.position; // huge when the count went back
+    const uint64_t counted = clock.position - _last.position; // wraps to a huge value if the count went back
     const bool isSameMoment = isSameClock && counted == 0 && clock.nanoseconds == _last.nanoseconds;
     if (clock.nanoseconds - _lastLoss > catchingUpNanoseconds)
         _lostFrames = 0;

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <optional>
 
-/// Calls work once, some time after it was last started. It has no descriptor of its own.
+/// Calls work once, a given time after start(). Needs no descriptor.
 /// Threads: the loop's.
 class PipeWireTimer {
 public:
@@ -14,12 +14,12 @@ public:
     PipeWireTimer(const PipeWireTimer&) = delete;
     PipeWireTimer& operator=(const PipeWireTimer&) = delete;
 
-    /// Calls the work `delay` from now, and no more at the time it was started for before.
+    /// Calls the work `delay` from now, instead of at the time of an earlier start().
     void start(std::chrono::milliseconds delay);
     void stop();
 
 private:
     PipeWireLoop& _loop;
     const PipeWireLoop::Work _work;
-    std::optional<PipeWireLoop::Deadline> _deadline; // while it runs
+    std::optional<PipeWireLoop::Deadline> _deadline; // set while the timer runs
 };

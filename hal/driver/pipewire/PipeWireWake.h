@@ -3,7 +3,7 @@
 #include "CXRealtime.h"
 #include "PipeWireLoop.h"
 
-/// Has work run on the loop's thread soon: once for all signals that come before it runs.
+/// Runs work on the loop's thread soon after signal(); several signals before it runs cause a single run.
 /// Threads:   signal() from any thread, the rest on the loop's.
 /// Real time: signal().
 /// Fails:     without a free descriptor, signals have no effect.
@@ -19,5 +19,5 @@ public:
 private:
     PipeWireLoop& _loop;
     const PipeWireLoop::Work _work;
-    spa_source* const _source; // null without a descriptor for it
+    spa_source* const _source; // null if no descriptor was free
 };
