@@ -163,7 +163,7 @@ struct HALNotifier::State {
     std::mutex mutex; // what follows; never taken while a listener runs
     std::unordered_map<AudioObjectID, std::vector<CXRef<Registration>>> registrations;
     std::unordered_map<AudioObjectID, std::vector<Address>> changes; // pending, by object
-    std::deque<AudioObjectID> order;                                 // objects with pending changes, oldest first
+    std::deque<AudioObjectID> order;                                 // the objects in `changes`, oldest first
     uint64_t posted = 0;
     uint64_t delivered = 0;
     std::condition_variable deliveredMore;
