@@ -39,7 +39,7 @@ struct HALDirectionState {
     std::vector<HALDataSourceState> dataSources;
     std::optional<uint32_t> dataSourceID; ///< none: no current source
     std::optional<float> mainVolume;      ///< scalar 0..1; none: no control on element 0
-    /// [c - 1] is element c; none, or beyond the end: no control.
+    /// [c - 1] is element c; none or beyond the end: no control.
     std::vector<std::optional<float>> channelVolumes;
     std::optional<bool> muted;                             ///< none: no control
     std::optional<std::array<uint32_t, 2>> stereoChannels; ///< from 1; none: the property is absent

@@ -74,6 +74,6 @@ private:
     int _runs = 0; // of its own callbacks (at most one) and of groups
 
     std::mutex _ioMutex;              // held during startIO() and stopIO(); locked before any other lock
-    bool _isRunningIO = false;        // under _ioMutex
+    bool _isRunningIO = false;        // guarded by _ioMutex
     std::atomic<bool> _isGone{false}; // set once
 };

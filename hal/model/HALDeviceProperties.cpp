@@ -80,7 +80,7 @@ HALStatus readStreamIDs(const DeviceRead& read, HALPropertyWriter& writer)
 HALStatus readStreamConfiguration(const DeviceRead& read, HALPropertyWriter& writer)
 {
     const std::vector<const HALStreamState*> streams = streamsOf(read);
-    writer.put(static_cast<uint64_t>(streams.size())); // the count, and the padding before the first buffer
+    writer.put(static_cast<uint64_t>(streams.size())); // the count and the padding before the first buffer
     for (const HALStreamState* stream : streams)
         writer.put(AudioBuffer{stream->channelCount, 0, nullptr});
     return done;

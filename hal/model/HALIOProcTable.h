@@ -117,6 +117,6 @@ private:
     std::atomic<Layout*> _layout{nullptr};
     std::array<std::atomic<Proc*>, maxProcs> _slots{};
 
-    mutable std::mutex _mutex; // control side only
+    mutable std::mutex _mutex; // held by control functions, never by the IO thread
     bool _closed = false;
 };

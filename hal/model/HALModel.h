@@ -18,10 +18,10 @@ class CXValue;
 /// Threads:   every function from any thread, including listeners and IO callbacks, without deadlock.
 /// Real time: on an IO thread, reads of 'nsrt' and 'fsiz' of that thread's device, and stop().
 /// Waits:     property reads never wait for hardware, except that the first read of the system object waits
-///            for the initial enumeration; writes, start() and stop() may wait for the hardware, two seconds at most.
+///            for the initial enumeration; writes, start() and stop() may wait for hardware, two seconds at
+///            most.
 /// Promises:  - object IDs are never reused in a process;
-///            - functions return '!obj' for unknown objects and 'who?' for unknown properties, and never
-///              crash;
+///            - functions return '!obj' for unknown objects and 'who?' for unknown properties;
 ///            - listeners are called on the notification thread, or on their queue, with no lock held;
 ///            - when a listener runs, a read returns the new value or a later one;
 ///            - a listener on any readable address is called after its value has changed;
@@ -103,8 +103,8 @@ private:
 
     std::mutex _creationMutex; // of aggregates: two with the same UID cannot both find it unused
 
-    mutable std::mutex
-        _mutex;       // what follows; taken before a device's own, never held while anything else is called
+    // Guards what follows. Locked before a device's mutex; never held while a driver or listener is called.
+    mutable std::mutex _mutex;
     Devices _devices; // in the order in which they were added
     std::unordered_map<const HALDeviceDriver*, CXRef<HALDevice>> _byDriver;
     std::unordered_map<std::string, CXRef<HALDevice>> _byUID;

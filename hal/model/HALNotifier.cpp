@@ -160,7 +160,7 @@ struct HALNotifier::State {
     std::atomic<bool> ended{false};
 
     const std::shared_ptr<Calls> calls = std::make_shared<Calls>();
-    std::mutex mutex; // what follows; never taken while a listener runs
+    std::mutex mutex; // guards what follows; never held while a listener runs
     std::unordered_map<AudioObjectID, std::vector<CXRef<Registration>>> registrations;
     std::unordered_map<AudioObjectID, std::vector<Address>> changes; // pending, by object
     std::deque<AudioObjectID> order;                                 // the objects in `changes`, oldest first

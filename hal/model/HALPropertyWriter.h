@@ -15,7 +15,7 @@ class HALPropertyWriter {
 public:
     /// Only counts bytes.
     HALPropertyWriter() = default;
-    /// Writes into `room`, which the caller of the HAL owns and which may be unaligned.
+    /// Writes into `room`, the HAL client's buffer, which may be unaligned.
     explicit HALPropertyWriter(std::span<std::byte> room) : _room(room), _isCounting(false) {}
     /// Appends the value to `record`, objects by their contents: equal records mean equal values.
     explicit HALPropertyWriter(std::string& record) : _record(&record) {}

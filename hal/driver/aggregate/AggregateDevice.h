@@ -82,7 +82,7 @@ private:
     };
     std::atomic<uint64_t> _sampleTime{0}; // of the next cycle; see AggregateIO
 
-    mutable std::mutex _mutex; // what follows
+    mutable std::mutex _mutex; // guards what follows
     std::string _name;
     std::vector<SubDevice> _subDevices; // in the order of the description
     CXRef<HALIOProcTable> _table;       // null while stopped

@@ -45,7 +45,7 @@ private:
     const std::filesystem::path _root;
     const int _wakeUps; // eventfd: a run has changed, or the thread must end
     const int _folder;  // inotify; -1 when nothing can be watched
-    int _devWatch = -1; // the watch of /dev
+    int _devWatch = -1; // the inotify watch of /dev
     std::atomic<bool> _isStopping{false};
     HALDriverSink* _sink = nullptr;
 

@@ -86,7 +86,7 @@ private:
     bool _isInGroup = false;         // guarded by the membership mutex
 
     mutable std::mutex _stateMutex; // locked after every other lock
-    HALDeviceState _state;          // a copy of the description's
+    HALDeviceState _state;          // a copy of that in _description
 
     // Held during a cycle. Recursive, because a callback may change the device that calls it.
     mutable std::recursive_mutex _mutex;

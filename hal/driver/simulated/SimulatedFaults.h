@@ -20,7 +20,7 @@ public:
     HALStatus statusOfStart() const { return _startStatus; }
 
 private:
-    /// The reads of one selector, counted from 1 since the rule was made.
+    /// The number of reads of one selector since the rule was set.
     struct Count {
         uint32_t selector = 0;
         uint64_t reads = 0;
