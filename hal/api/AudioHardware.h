@@ -45,8 +45,8 @@ DXR_EXPORT HALStatus AudioObjectAddPropertyListener(AudioObjectID objectID,
                                                     void* clientData);
 
 /// Removes the listener that AudioObjectAddPropertyListener added with the same arguments. After this
-/// returns, the listener is not running and will not run again, unless the listener itself made this call.
-/// Returns 'nope' if there is no such listener.
+/// returns, the listener is not called again and, unless it made this call itself, is not running. Returns
+/// 'nope' if there is no such listener.
 DXR_EXPORT HALStatus AudioObjectRemovePropertyListener(AudioObjectID objectID,
                                                        const AudioObjectPropertyAddress* address,
                                                        AudioObjectPropertyListenerProc listener,
@@ -71,15 +71,15 @@ DXR_EXPORT HALStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDev
 ///   not empty. A repeated UID counts once. An absent device joins when it appears; an aggregate device
 ///   cannot be a sub-device and counts as absent. A sub-device is resampled unless it has the clock device's
 ///   clock domain or "drift" is 0. With "drift" 0, its frames jump now and then if the clocks do differ.
-/// - "master": string, the UID of the clock device; default, also while that device is absent: the first
-///   sub-device that is present.
+/// - "master": string, the UID of the clock device, which is one of the sub-devices; default, also while that
+///   device is absent: the first sub-device that is present.
 /// - "private": number; non-zero for a device visible to this process only, as all aggregates are.
 /// - "stacked": number; only 0 is supported.
 ///
 /// Returns 'nope', and creates no device, if the description breaks these rules or the UID is taken.
 DXR_EXPORT HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioObjectID* deviceID);
-/// Removes an aggregate device, running or not. Returns '!dev' if there is no device of that ID, and 'nope'
-/// if the device is not an aggregate or on the device's IO thread.
+/// Removes an aggregate device, running or not. Returns '!dev' if there is no device of that ID; 'nope' if
+/// the device is not an aggregate, or when called on its IO thread.
 DXR_EXPORT HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID);
 }
 

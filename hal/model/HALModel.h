@@ -48,8 +48,8 @@ public:
 
     /// Returns 'nope' if the same listener was already added for this object and address.
     HALStatus addListener(AudioObjectID objectID, const Address& address, const HALListener& listener);
-    /// After this returns, `listener` is not running, unless it made this call, and will not run again. Works
-    /// for objects that no longer exist, too. Returns 'nope' if there is no such listener.
+    /// After this returns, `listener` is not called again and, unless it made this call itself, is not
+    /// running. Also works for objects that no longer exist. Returns 'nope' if there is no such listener.
     HALStatus removeListener(AudioObjectID objectID, const Address& address, const HALListener& listener);
 
     /// Registers an IO callback, stopped.

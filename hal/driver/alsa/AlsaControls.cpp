@@ -289,7 +289,7 @@ void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirectionState& state) 
     }
 }
 
-/// Returns -ENOENT without an input selection: jacks switch by themselves.
+/// Returns -ENOENT if the card has no input selection; jacks select their source themselves.
 int AlsaControls::setDataSource(const AlsaMixer& mixer, uint32_t sourceID) const
 {
     snd_hctl_elem_t* const choice = _choice(mixer);

@@ -17,7 +17,7 @@ constexpr uint64_t maxStampAge = 1'000'000'000; // nanoseconds; older stamps are
 /// The first error of a sequence of calls, which ends at that error.
 class Calls {
 public:
-    /// Whether `result` is an error, which is kept.
+    /// Stores the error in `result`, if any; returns whether `result` is an error.
     bool failed(int result) noexcept { return (_error = std::min(result, 0)) < 0; }
     int error() const noexcept { return _error; }
 
@@ -95,8 +95,8 @@ int AlsaPcm::_configure(HALDirection direction, const AlsaSetup& setup)
     return snd_pcm_poll_descriptors(_pcm, &_descriptor, 1) == 1 ? 0 : -EINVAL;
 }
 
-/// The device starts in start() and stops on an overload. With a stop threshold beyond the ring's length, an
-/// overload would go unnoticed.
+/// Configures the device to start in start() and to stop on an overload. With a stop threshold beyond the
+/// ring's length, an overload would go unnoticed.
 int AlsaPcm::_configureStart()
 {
     snd_pcm_sw_params_t* software = nullptr;

@@ -184,8 +184,8 @@ int AlsaRun::_wait() noexcept
                 return error;
         }
     }
-    // A late device is ready at once, without _poll(). A request must not wait until the device has caught
-    // up.
+    // If the device is late, its next cycle is ready without _poll(): checked here, so that a request does
+    // not wait until the device has caught up.
     return _shallRun() ? 0 : -ECANCELED;
 }
 

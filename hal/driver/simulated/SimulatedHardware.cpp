@@ -39,7 +39,7 @@ public:
 
     // Called with the script mutex locked:
     void setDefault(HALDefault which, const CXRef<SimulatedDevice>& device);
-    /// Makes the first device that can be a default device the default wherever there is none.
+    /// For each default without a device, chooses the first device that can be it.
     void electDefaults();
     void report(const CXRef<SimulatedDevice>& device);
 
