@@ -30,8 +30,8 @@ bool isAbsent(const void* data, uint32_t size)
     return !data && size > 0;
 }
 
-/// What `call` returns for the model. Nothing may leave these functions: 'what' when there is no memory, or
-/// no thread for the model, which the next call tries to make again.
+/// Returns what `call` returns for the model. No exception may leave the published functions: returns 'what'
+/// if memory is exhausted or the model cannot create a thread; the next call tries again to create the model.
 template <class Call> HALStatus withModel(const Call& call)
 {
     try {

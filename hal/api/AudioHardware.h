@@ -3,41 +3,40 @@
 #include "AudioHardwareTypes.h"
 #include "WorkQueue.h"
 
-// The audio hardware layer (HAL): objects with properties, listeners on them, and IO callbacks on devices.
-// Everything above speaks to the hardware through these records and functions alone; they forward to the one
-// hardware driver of the process (HALSetHardwareDriver), or report a system without any device when there is
-// none.
+// The audio hardware layer (HAL): objects with properties, listeners on properties, and IO callbacks on
+// devices. The floors above access the hardware only through these records and functions, which use the
+// process's one hardware driver: the driver set by HALSetHardwareDriver(), or the default one.
 
 class CXValue;
 
-// ---- Functions. Any thread; an IO thread may only read 'nsrt' and 'fsiz' of its own device, and stop or
-// destroy callbacks of it. They take bounded time, allocate, and never throw.
+// ---- Functions. Threads: any; an IO thread may only read 'nsrt' and 'fsiz' of its own device, and stop or
+// destroy callbacks of that device. Every function takes bounded time, may allocate, and never throws.
 
 extern "C" {
 
-/// Stores the size in bytes of the property's value now. `qualifierData` may be null when its size is 0.
+/// Stores the current size in bytes of the property's value. `qualifierData` may be null if its size is 0.
 DXR_EXPORT HALStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID,
                                                     const AudioObjectPropertyAddress* address,
                                                     uint32_t qualifierDataSize, const void* qualifierData,
                                                     uint32_t* dataSize);
 
-/// Reads the property into `data`, `*dataSize` bytes of room; stores the bytes written there. '!siz' when
-/// there is too little room, which for a list is normal: it may have grown since its size was asked. A string
-/// or dictionary is one CXObject pointer (8 bytes, a CXValue) that the caller owns: CXRef<CXObject>::adopt()
-/// takes it.
+/// Reads the property into `data`, which has room for `*dataSize` bytes, and stores the number of bytes
+/// written in `*dataSize`. Returns '!siz' if the room is too small, which is normal for a list: it may have
+/// grown since its size was read. A string or dictionary is one CXObject pointer (8 bytes, a CXValue) that
+/// the caller owns: pass it to CXRef<CXObject>::adopt().
 DXR_EXPORT HALStatus AudioObjectGetPropertyData(AudioObjectID objectID,
                                                 const AudioObjectPropertyAddress* address,
                                                 uint32_t qualifierDataSize, const void* qualifierData,
                                                 uint32_t* dataSize, void* data);
 
-/// Writes the property. The change is announced to listeners when the hardware has taken it over, which may
-/// be after the call; 'nope' for a property that cannot be written or a value out of range.
+/// Writes the property. Listeners are notified once the hardware has applied the change, possibly after this
+/// call has returned. Returns 'nope' if the property cannot be written or the value is out of range.
 DXR_EXPORT HALStatus AudioObjectSetPropertyData(AudioObjectID objectID,
                                                 const AudioObjectPropertyAddress* address,
                                                 uint32_t qualifierDataSize, const void* qualifierData,
                                                 uint32_t dataSize, const void* data);
 
-/// Calls `listener` on the notification thread whenever a property that `address` matches changes; selector
+/// Calls `listener` on the notification thread whenever a property that `address` matches changes. Selector
 /// and scope '****' and element 0xFFFFFFFF match any. The same listener may be added once per object and
 /// address.
 DXR_EXPORT HALStatus AudioObjectAddPropertyListener(AudioObjectID objectID,
@@ -45,59 +44,59 @@ DXR_EXPORT HALStatus AudioObjectAddPropertyListener(AudioObjectID objectID,
                                                     AudioObjectPropertyListenerProc listener,
                                                     void* clientData);
 
-/// Removes what AudioObjectAddPropertyListener added with the same arguments. Once this has returned on any
-/// other thread than the one running it, the listener is not running and never will again. 'nope' when there
-/// is none.
+/// Removes the listener that AudioObjectAddPropertyListener added with the same arguments. After this
+/// returns, the listener is not called again and, unless it made this call itself, is not running. Returns
+/// 'nope' if there is no such listener.
 DXR_EXPORT HALStatus AudioObjectRemovePropertyListener(AudioObjectID objectID,
                                                        const AudioObjectPropertyAddress* address,
                                                        AudioObjectPropertyListenerProc listener,
                                                        void* clientData);
 
-/// Starts the device for this callback; the first one started starts the hardware. Starting twice is no
-/// error.
+/// Starts the device for this callback. The first callback that is started starts the hardware. Starting a
+/// callback twice is not an error.
 DXR_EXPORT HALStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID);
-/// Stops the device for this callback; 'stop' when it was not started. On return on another thread than the
-/// IO thread, its cycle has ended.
+/// Stops the device for this callback; returns 'stop' if it was not started. After this returns on a thread
+/// other than the IO thread, the callback's cycle has ended.
 DXR_EXPORT HALStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID);
-/// Forgets the callback, stopping it first. Waits for its running cycle, except on the IO thread itself.
+/// Stops and removes the callback. Waits for its running cycle, except on the IO thread itself.
 DXR_EXPORT HALStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID);
 
-/// Joins devices, and stores the ID of the new one: their streams side by side, in cycles of the clock
-/// device, the others brought to its clock. `description` is a dictionary; numbers may be booleans:
+/// Creates an aggregate device and stores its ID. The aggregate has the streams of its sub-devices side by
+/// side and runs in the cycles of the clock device, to whose clock the other sub-devices are resampled.
+/// `description` is a dictionary, in which numbers may be booleans:
 ///
-/// - "uid": string, unlike that of any device; needed.
-/// - "name": string; the UID without one.
-/// - "subdevices": array of dictionaries with a "uid" (string) and perhaps "drift" (number); needed, not
-///   empty. A UID that comes again counts once. One that is absent takes its place when it comes; an
-///   aggregate's never does. A sub-device is brought to the clock unless both are of one clock domain, or
-///   "drift" is 0: then it is not resampled, and jumps now and then if its clock is another after all.
-/// - "master": string, the UID of the sub-device whose clock leads; without one, or while that one is absent,
-///   the first that is there leads.
-/// - "private": number; not zero for a device of this process only, which all are here.
+/// - "uid": string, different from the UID of every other device; required.
+/// - "name": string; default: the UID.
+/// - "subdevices": array of dictionaries with a "uid" (string) and an optional "drift" (number); required,
+///   not empty. A repeated UID counts once. An absent device joins when it appears; an aggregate device
+///   cannot be a sub-device and counts as absent. A sub-device is resampled unless it has the clock device's
+///   clock domain or "drift" is 0. With "drift" 0, its frames jump now and then if the clocks do differ.
+/// - "master": string, the UID of the clock device, which is one of the sub-devices; default, also while that
+///   device is absent: the first sub-device that is present.
+/// - "private": number; non-zero for a device visible to this process only, as all aggregates are.
 /// - "stacked": number; only 0 is supported.
 ///
-/// 'nope', and no device, for a description that is not like that, or a UID that is taken.
+/// Returns 'nope', and creates no device, if the description breaks these rules or the UID is taken.
 DXR_EXPORT HALStatus AudioHardwareCreateAggregateDevice(const CXValue* description, AudioObjectID* deviceID);
-/// Takes an aggregate device away again, running or not. '!dev' when there is none of that ID, 'nope' for a
-/// device that is no aggregate, and on its IO thread.
+/// Removes an aggregate device, running or not. Returns '!dev' if there is no device of that ID; 'nope' if
+/// the device is not an aggregate, or when called on its IO thread.
 DXR_EXPORT HALStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID);
 }
 
-/// As AudioObjectAddPropertyListener for a closure, called on `queue`, or on the notification thread without
-/// one. The queue is kept alive while the listener is registered.
+/// Like AudioObjectAddPropertyListener for a closure, which is called on `queue`, or on the notification
+/// thread if `queue` is null. The queue is kept alive while the listener is registered.
 DXR_EXPORT HALStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID,
                                                          const AudioObjectPropertyAddress* address,
                                                          const CXRef<dxr::WorkQueue>& queue,
                                                          const AudioObjectPropertyListenerBlock& listener);
-/// As AudioObjectRemovePropertyListener, for the same object, address, queue and closure.
+/// Like AudioObjectRemovePropertyListener, for the same object, address, queue and closure.
 DXR_EXPORT HALStatus AudioObjectRemovePropertyListenerBlock(AudioObjectID objectID,
                                                             const AudioObjectPropertyAddress* address,
                                                             const CXRef<dxr::WorkQueue>& queue,
                                                             const AudioObjectPropertyListenerBlock& listener);
 
-/// Registers `block` as an IO callback of the device, not yet started, and stores its identifier. With a
-/// queue the cycles would leave the IO thread and lose its promises: only a null queue is supported, 'nope'
-/// otherwise.
+/// Registers `block` as an IO callback of the device, not yet started, and stores its identifier. `queue`
+/// must be null ('nope' otherwise): on a queue, cycles would lose the guarantees of the IO thread.
 DXR_EXPORT HALStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID* procID, AudioObjectID deviceID,
                                                         const CXRef<dxr::WorkQueue>& queue,
                                                         const AudioDeviceIOBlock& block);

@@ -9,10 +9,10 @@
 
 // The records and constants of the audio hardware layer (HAL); its functions are in AudioHardware.h.
 
-/// A HAL object: the system object, a device, or a stream of a device. 0 is no object. Never reused in a
-/// process.
+/// A HAL object: the system object, a device, or a stream of a device. 0 means no object. IDs are never
+/// reused in a process.
 using AudioObjectID = uint32_t;
-/// 0 when the call was carried out, else one of the kAudioHardware…Error codes.
+/// 0 if the call succeeded, else one of the kAudioHardware…Error codes.
 using HALStatus = int32_t;
 
 inline constexpr AudioObjectID kAudioObjectUnknown = 0;
@@ -21,7 +21,7 @@ inline constexpr AudioObjectID kAudioObjectSystemObject = 1;
 // ---- Statuses
 
 inline constexpr HALStatus kAudioHardwareNoError = 0;
-/// 'stop': the device is not running, or the call needs one that is.
+/// 'stop': the device is not running, and the call requires a running device.
 inline constexpr HALStatus kAudioHardwareNotRunningError = static_cast<HALStatus>(CXFourCharCode("stop"));
 /// 'what': the hardware or the sound server failed, or did not reply in time.
 inline constexpr HALStatus kAudioHardwareUnspecifiedError = static_cast<HALStatus>(CXFourCharCode("what"));
@@ -31,13 +31,13 @@ inline constexpr HALStatus kAudioHardwareUnknownPropertyError =
 /// '!siz': the buffer or the qualifier has the wrong size for the property.
 inline constexpr HALStatus kAudioHardwareBadPropertySizeError =
     static_cast<HALStatus>(CXFourCharCode("!siz"));
-/// 'nope': the call makes no sense: a null pointer where none is allowed, a value out of range, a property
-/// that cannot be written.
+/// 'nope': the call is invalid: a null pointer where none is allowed, a value out of range, a property that
+/// cannot be written.
 inline constexpr HALStatus kAudioHardwareIllegalOperationError =
     static_cast<HALStatus>(CXFourCharCode("nope"));
-/// '!obj': no such object, or no longer.
+/// '!obj': the object does not exist or no longer exists.
 inline constexpr HALStatus kAudioHardwareBadObjectError = static_cast<HALStatus>(CXFourCharCode("!obj"));
-/// '!dev': the object is no device, or no longer there.
+/// '!dev': the object is not a device or no longer exists.
 inline constexpr HALStatus kAudioHardwareBadDeviceError = static_cast<HALStatus>(CXFourCharCode("!dev"));
 
 // ---- Property addresses
@@ -45,7 +45,7 @@ inline constexpr HALStatus kAudioHardwareBadDeviceError = static_cast<HALStatus>
 struct AudioObjectPropertyAddress {
     uint32_t selector; ///< which property: a four-character code
     uint32_t scope;    ///< kAudioObjectPropertyScope…
-    uint32_t element;  ///< 0 is the main element, then channels from 1
+    uint32_t element;  ///< 0: the main element; from 1: channels
 
     friend bool operator==(const AudioObjectPropertyAddress&, const AudioObjectPropertyAddress&) = default;
 };
@@ -76,12 +76,12 @@ inline constexpr uint32_t kAudioHardwarePropertyDefaultOutputDevice =
     CXFourCharCode("dOut"); ///< AudioObjectID
 inline constexpr uint32_t kAudioHardwarePropertyDefaultSystemOutputDevice =
     CXFourCharCode("sOut"); ///< AudioObjectID
-/// AudioValueTranslation from a CXValue string's address (8 bytes) to an AudioObjectID; 0 when there is none.
+/// AudioValueTranslation from a CXValue string's address (8 bytes) to an AudioObjectID; 0 if not found.
 inline constexpr uint32_t kAudioHardwarePropertyDeviceForUID = CXFourCharCode("duid");
-/// AudioValueTranslation as above, from a plug-in's bundle ID; there are no plug-ins here, so always to 0.
+/// AudioValueTranslation as above, from a plug-in's bundle ID; always to 0: this HAL has no plug-ins.
 inline constexpr uint32_t kAudioHardwarePropertyPlugInForBundleID = CXFourCharCode("bipi");
 
-// Of a device; global scope unless "direction" is said
+// Of a device. Global scope, unless the comment says "direction" (input or output scope) or "any scope".
 inline constexpr uint32_t kAudioDevicePropertyDeviceUID = CXFourCharCode("uid "); ///< CXValue string
 inline constexpr uint32_t kAudioDevicePropertyModelUID = CXFourCharCode("muid");  ///< CXValue string
 inline constexpr uint32_t kAudioDevicePropertyTransportType =
@@ -93,7 +93,7 @@ inline constexpr uint32_t kAudioDevicePropertyDeviceIsRunning = CXFourCharCode("
 inline constexpr uint32_t kAudioDevicePropertyDeviceCanBeDefaultDevice =
     CXFourCharCode("dflt"); ///< uint32_t, direction
 inline constexpr uint32_t kAudioDevicePropertyDeviceCanBeDefaultSystemDevice =
-    CXFourCharCode("sflt");                                                      ///< the same
+    CXFourCharCode("sflt");                                                      ///< uint32_t, direction
 inline constexpr uint32_t kAudioDevicePropertyIsHidden = CXFourCharCode("hidn"); ///< uint32_t 0 or 1
 inline constexpr uint32_t kAudioDevicePropertyLatency =
     CXFourCharCode("ltnc"); ///< uint32_t frames, direction
@@ -130,18 +130,18 @@ inline constexpr uint32_t kAudioDevicePropertyDataSources =
 inline constexpr uint32_t kAudioDevicePropertyDataSourceNameForIDCFString = CXFourCharCode("lscn");
 /// AudioHardwareIOProcStreamUsage, in and out; direction, writable.
 inline constexpr uint32_t kAudioDevicePropertyIOProcStreamUsage = CXFourCharCode("suse");
-/// Never read, only notified: the device lost cycles. Its sample time has jumped by what was lost.
+/// Cannot be read, only listened to: the device lost cycles. Its sample time has skipped the lost frames.
 inline constexpr uint32_t kAudioDeviceProcessorOverload = CXFourCharCode("over");
 
 // Of an aggregate device, global scope
-/// CXValue dictionary: the description it was created from, with what the sub-devices offer. Each dictionary
-/// of "subdevices" has "uid", "name", "channels-in" and "channels-out"; the channels of one that is absent
-/// are those it last had.
+/// CXValue dictionary: the description that the device was created from, completed by the sub-devices'
+/// properties. Each dictionary of "subdevices" has "uid", "name", "channels-in" and "channels-out"; an absent
+/// sub-device keeps its last channel counts.
 inline constexpr uint32_t kAudioAggregateDevicePropertyComposition = CXFourCharCode("acom");
-/// AudioObjectID array: the sub-devices that are there, in the order of the composition.
+/// AudioObjectID array: the sub-devices that are present, in the order of the composition.
 inline constexpr uint32_t kAudioAggregateDevicePropertyActiveSubDeviceList = CXFourCharCode("agrp");
-/// AudioAggregateSubDeviceStatus array: how the sub-devices' clocks do, in the order of the composition.
-/// Changes all the time while the device runs, and is not announced.
+/// AudioAggregateSubDeviceStatus array: the state of the sub-devices' clocks, in the order of the
+/// composition. Changes continuously while the device runs, without notification.
 inline constexpr uint32_t kAudioAggregateDevicePropertySubDeviceStatus = CXFourCharCode("agst");
 
 // Of a stream
@@ -183,7 +183,8 @@ inline constexpr uint32_t kAudioDeviceTransportTypeNetwork = CXFourCharCode("net
 
 // ---- Records of properties
 
-/// What a translation property takes in the output buffer: the input there, and where the output goes.
+/// The argument of a translation property, passed in the output buffer: where the input is, and where to
+/// store the output.
 struct AudioValueTranslation {
     void* inputData;
     uint32_t inputDataSize; ///< bytes
@@ -191,7 +192,7 @@ struct AudioValueTranslation {
     uint32_t outputDataSize; ///< bytes
 };
 
-/// Which streams of a direction an IO callback uses; the others come without data. 12 bytes, then 4 per
+/// Which streams of a direction an IO callback uses; the others are passed without data. 12 bytes, then 4 per
 /// stream.
 struct AudioHardwareIOProcStreamUsage {
     void* ioProc; ///< the AudioDeviceIOProcID
@@ -199,26 +200,26 @@ struct AudioHardwareIOProcStreamUsage {
     uint32_t streamIsOn[1]; ///< numberStreams entries, non-zero for on
 };
 
-/// How a sub-device's frames come into and out of an aggregate's cycles. Counts are since the device, or the
-/// sub-device, last started.
+/// How a sub-device's frames are transferred to and from an aggregate's cycles. Counts start when the
+/// aggregate or the sub-device last started.
 struct AudioAggregateSubDeviceStatus {
     AudioObjectID deviceID;      ///< 0 while it is absent
-    uint32_t isClock;            ///< non-zero: its cycles are the aggregate's
-    uint32_t isRunning;          ///< non-zero: its frames pass
+    uint32_t isClock;            ///< non-zero: its cycles are the aggregate's cycles
+    uint32_t isRunning;          ///< non-zero: its frames are transferred
     uint32_t isCompensated;      ///< non-zero: it is resampled to follow the clock
-    double partsPerMillion;      ///< how much faster than nominal its clock runs, against the aggregate's
-    double inputLevelFrames;     ///< frames that wait between its cycles and the aggregate's
-    double outputLevelFrames;    ///< the same towards it
-    double inputDelayFrames;     ///< what its input is held back by, in its own frames
-    double outputDelayFrames;    ///< the same of its output, in the aggregate's frames
-    uint32_t resynchronisations; ///< how often its frames had to jump
+    double partsPerMillion;      ///< how much faster its clock runs than the aggregate's
+    double inputLevelFrames;     ///< frames buffered from its cycles to the aggregate's
+    double outputLevelFrames;    ///< frames buffered from the aggregate's cycles to its own
+    double inputDelayFrames;     ///< delay of its input, in its own frames
+    double outputDelayFrames;    ///< delay of its output, in the aggregate's frames
+    uint32_t resynchronisations; ///< how often the transfer skipped or repeated frames
     uint32_t reserved;           ///< 0
-    uint64_t lostFrames;         ///< silent for want of frames
+    uint64_t lostFrames;         ///< frames replaced by silence because no data was available
 };
 
 // ---- Callbacks
 
-/// Called after changes on `objectID`, with `addressCount` addresses. The result is ignored.
+/// Called after the values at `addressCount` addresses of `objectID` have changed. The result is ignored.
 using AudioObjectPropertyListenerProc = HALStatus (*)(AudioObjectID objectID, uint32_t addressCount,
                                                       const AudioObjectPropertyAddress* addresses,
                                                       void* clientData);
@@ -226,11 +227,12 @@ using AudioObjectPropertyListenerProc = HALStatus (*)(AudioObjectID objectID, ui
 using AudioObjectPropertyListenerBlock =
     CXBlock<void(uint32_t addressCount, const AudioObjectPropertyAddress* addresses)>;
 
-/// One cycle of a device, on its IO thread: the time the cycle began, the input and when its first frame was
-/// taken, the output to fill and when its first frame will be heard. Output arrives silent. Lists and times
-/// of a direction that the device does not have are null. Must keep the real-time rules and not throw.
+/// Called once per cycle of a device, on its IO thread: `now` is when the cycle began, `inputTime` when the
+/// first input frame was captured, `outputTime` when the first output frame will be played. The output is
+/// silent before the call. Lists and times of a direction that the device does not have are null. Must be
+/// real-time safe and must not throw.
 using AudioDeviceIOBlock =
     CXBlock<void(const AudioTimeStamp* now, const AudioBufferList* inputData, const AudioTimeStamp* inputTime,
                  AudioBufferList* outputData, const AudioTimeStamp* outputTime)>;
-/// Names an IO callback of one device; null is none.
+/// Identifies an IO callback of one device; null means none.
 using AudioDeviceIOProcID = void*;

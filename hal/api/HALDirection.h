@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdint>
 
-/// One of the two ways audio flows through a device.
+/// The direction of audio through a device.
 enum class HALDirection : uint32_t { Input = 0, Output = 1 };
 
 inline constexpr std::array halDirections{HALDirection::Input, HALDirection::Output};

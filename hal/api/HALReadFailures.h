@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-/// How many reads of properties by the calling thread have failed so far for any other reason than that there
-/// is no such property: a caller that builds on many reads compares two counts, and reads again if they
-/// differ.
+/// The number of property reads by the calling thread that failed so far for any reason other than an unknown
+/// property. A caller whose result depends on many reads compares the counts before and after, and repeats
+/// the reads if they differ.
 /// Threads:   any; each has its own count.
 uint64_t halReadFailures() noexcept;

@@ -7,13 +7,13 @@
 
 namespace {
 
-std::atomic<bool> isInstalled{false}; // spares every read of a program that tests nothing the lock
+std::atomic<bool> isInstalled{false}; // lets reads skip the lock when no interceptor is set
 std::mutex mutex;
 
 HALReadInterceptor& installed()
 {
     static auto* interceptor =
-        new HALReadInterceptor; // the hardware's threads may read while the process ends
+        new HALReadInterceptor; // never destroyed: other threads may read while the process exits
     return *interceptor;
 }
 

@@ -2,13 +2,14 @@
 
 #include "AudioHardwareTypes.h"
 
-/// Called before a property, or its size when `isSize`, is read through the published functions, off the IO
-/// threads: any status but 0 is what they return. For fault tests; may call the HAL itself.
+/// Called before each read of a property, or of its size if `isSize`, through the published functions, except
+/// on IO threads. The read returns any status other than 0 to its caller instead of a value. For fault tests;
+/// the interceptor may call the HAL.
 using HALReadInterceptor =
     CXBlock<HALStatus(AudioObjectID objectID, const AudioObjectPropertyAddress& address, bool isSize)>;
 
-/// Installs the process's interceptor instead of the one before; an empty one removes it.
+/// Replaces the process's interceptor; an empty one removes it.
 /// Threads: any.
 void halInterceptReads(HALReadInterceptor interceptor);
-/// The interceptor's status for a read that is about to be made; 0 without one.
+/// The interceptor's status for a read that is about to be made; 0 without an interceptor.
 HALStatus halIntercepted(AudioObjectID objectID, const AudioObjectPropertyAddress& address, bool isSize);

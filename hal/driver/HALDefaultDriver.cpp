@@ -28,5 +28,5 @@ CXRef<HALHardwareDriver> halMakeDefaultDriver()
         return pipeWire;
     if (const auto alsa = HALMakeHardwareDriver("alsa"); alsa && !search.isServerExpected())
         return alsa;
-    return SimulatedHardware::init(); // a computer that has no audio device
+    return SimulatedHardware::init(); // a computer without audio devices
 }

@@ -2,10 +2,10 @@
 
 #include "HALHardwareDriver.h"
 
-/// The hardware driver of a process that has chosen none; see HALSetHardwareDriver().
+/// The hardware driver of a process that did not call HALSetHardwareDriver().
 CXRef<HALHardwareDriver> halMakeDefaultDriver();
 
-// The drivers of HALMakeHardwareDriver(). The build picks the source files: those of a driver that was not built in return
-// null.
+// The drivers of HALMakeHardwareDriver(). For a driver that is not part of the build, a source file of
+// `absent/` is built whose function returns null.
 CXRef<HALHardwareDriver> halMakePipeWireDriver();
 CXRef<HALHardwareDriver> halMakeAlsaDriver(uint32_t periodCount);

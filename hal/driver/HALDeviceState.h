@@ -17,11 +17,11 @@ constexpr uint32_t halScope(HALDirection direction) noexcept
                                             : kAudioObjectPropertyScopeOutput;
 }
 
-/// A stream: channels that travel interleaved.
+/// A stream: channels interleaved in one buffer.
 struct HALStreamState {
-    AudioObjectID objectID = kAudioObjectUnknown; ///< given by the model; a driver leaves it unknown
+    AudioObjectID objectID = kAudioObjectUnknown; ///< assigned by the model; drivers leave it unknown
     uint32_t channelCount = 2;
-    uint32_t latencyFrames = 0; ///< on top of the device's
+    uint32_t latencyFrames = 0; ///< added to the device's latency
     uint32_t terminalType = 0;
     bool operator==(const HALStreamState&) const = default;
 };
@@ -39,7 +39,7 @@ struct HALDirectionState {
     std::vector<HALDataSourceState> dataSources;
     std::optional<uint32_t> dataSourceID; ///< none: no current source
     std::optional<float> mainVolume;      ///< scalar 0..1; none: no control on element 0
-    /// [c - 1] is element c; none, or beyond the end: no control.
+    /// [c - 1] is element c; none or beyond the end: no control.
     std::vector<std::optional<float>> channelVolumes;
     std::optional<bool> muted;                             ///< none: no control
     std::optional<std::array<uint32_t, 2>> stereoChannels; ///< from 1; none: the property is absent
@@ -52,11 +52,11 @@ struct HALDirectionState {
     uint32_t channelCount() const noexcept;
 };
 
-/// What an aggregate device has besides.
+/// The additional state of an aggregate device.
 struct HALAggregateState { // NOLINT(bugprone-exception-escape): moving a property list throws nothing
     CXPlist composition;
     std::vector<AudioObjectID> activeSubDevices;
-    /// Reads the counters of the sub-devices, in the order of the composition. Any thread; never waits for
+    /// Reads the status of the sub-devices, in the order of the composition. Threads: any. Never waits for
     /// hardware.
     CXBlock<std::vector<AudioAggregateSubDeviceStatus>()> subDeviceStatus;
     bool operator==(const HALAggregateState&) const = default;
@@ -70,10 +70,10 @@ struct HALDeviceState {
     std::optional<std::string> modelUID;     ///< none: the property is absent
     uint32_t transportType = kAudioDeviceTransportTypeUnknown;
     bool isHidden = false;
-    bool isRunningElsewhere = false; ///< running, though not for this process
-    bool isStalled = false;          ///< IO was started and delivers no cycles at present: 'goin' is 0
+    bool isRunningElsewhere = false; ///< running, but not for this process
+    bool isStalled = false;          ///< IO was started but delivers no cycles at present: 'goin' is 0
     uint32_t clockDomain = 0;        ///< devices of one domain do not drift apart; 0: unknown
-    /// Devices of one group domain can run in one cycle, see HALDeviceDriver::startTogether(); 0: none.
+    /// Devices of one group domain can run in one cycle (HALDeviceDriver::startTogether()); 0: none.
     uint32_t groupDomain = 0;
     double nominalSampleRate = 48000.0;       ///< Hz
     double actualSampleRate = 0.0;            ///< Hz, as measured; 0: the nominal rate
@@ -95,8 +95,8 @@ struct HALDeviceState {
     bool canSampleRate(double rate) const noexcept;
 };
 
-/// Volume scalar (0..1, what a slider shows) and decibels by the cube law of Linux volume sliders: 60 dB for
-/// each decade of the scalar. Scalar 0 is halSilenceDecibels.
+/// Converts between volume scalar (0..1, the position of a slider) and decibels by the cube law of Linux
+/// volume sliders: 60 dB for each decade of the scalar. Scalar 0 is halSilenceDecibels.
 float halDecibelsFromScalar(float scalar) noexcept;
 float halScalarFromDecibels(float decibels) noexcept;
 inline constexpr float halSilenceDecibels = -144.0F;

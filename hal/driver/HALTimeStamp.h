@@ -2,8 +2,8 @@
 
 #include "AudioHardwareTypes.h"
 
-/// When a device is at a frame, by the host clock (a host tick is a nanosecond); before its beginning: 0. The clock runs at
-/// `rateRatio` frames per nominal frame.
+/// A time stamp of sample time `sampleTime` at `nanoseconds` on the host clock, whose tick is a nanosecond; a
+/// negative time becomes 0. The device's clock runs at `rateRatio` frames per nominal frame.
 inline AudioTimeStamp halTimeStamp(double sampleTime, double nanoseconds, double rateRatio) noexcept
 {
     AudioTimeStamp time{};

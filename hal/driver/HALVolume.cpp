@@ -5,7 +5,7 @@
 
 namespace {
 
-// In double precision, a scalar comes back as it was written.
+// Computed in double precision, so that a scalar survives the conversion to an amplitude and back.
 float scalarOf(float amplitude)
 {
     if (!(amplitude > 0.0F))

@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// As the kernel has them, cut to 15 characters.
+// Process names as in /proc/PID/comm, which the kernel cuts to 15 characters.
 constexpr std::array<std::string_view, 6> serverNames{"pipewire",   "wireplumber", "pipewire-media-",
                                                       "pulseaudio", "jackd",       "jackdbus"};
 

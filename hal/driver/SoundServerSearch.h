@@ -2,16 +2,16 @@
 
 #include <filesystem>
 
-/// Whether the sound cards of this machine are a sound server's: PipeWire's, PulseAudio's or JACK's.
-/// Threads: any. Looks at files each time.
+/// Detects whether a sound server (PipeWire, PulseAudio or JACK) uses the sound cards of this machine.
+/// Threads: any. Reads the file system in every call.
 class SoundServerSearch {
 public:
-    /// The folders stand for those of the system.
+    /// The arguments replace the system's folders in tests.
     explicit SoundServerSearch(std::filesystem::path processes = "/proc", std::filesystem::path run = "/run",
                                std::filesystem::path cards = "/dev/snd");
 
-    /// Whether a server can be reached or is about to run: its socket is there, the environment names one, or a server or
-    /// its session manager is among the processes, any user's: it owns the cards then.
+    /// Whether a server is running or about to run: its socket exists, an environment variable names one, or
+    /// any user runs a process of a server or its session manager. That server then uses the cards.
     bool isServerExpected() const;
     bool hasCards() const;
 

@@ -6,7 +6,7 @@
 
 namespace {
 
-// Made once and kept until the process ends: threads of the hardware run until then.
+// Never destroyed, because threads of the hardware run until the process exits.
 struct Active {
     std::mutex mutex;
     CXRef<HALModel> model;
@@ -27,7 +27,7 @@ bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver)
         return false;
     try {
         active().model = HALModel::initWithDriver(driver);
-    } catch (const std::exception& error) { // no thread
+    } catch (const std::exception& error) { // cannot create a thread
         dxr::LogSink::log(std::string("Audio hardware: ") + error.what());
     }
     return bool(active().model);
@@ -38,7 +38,7 @@ try {
     HALHardwareDriver& driver = halActiveModel()->driver();
     driver.waitUntilEnumerated();
     return driver.unavailableReason();
-} catch (const std::exception& error) { // no thread
+} catch (const std::exception& error) { // cannot create a thread
     return std::string("cannot use the audio hardware: ") + error.what();
 }
 

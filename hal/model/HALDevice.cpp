@@ -131,7 +131,7 @@ HALStatus HALDevice::start(AudioDeviceIOProcID procID, HALDeadline deadline)
         _table->stop(procID);
         return status;
     }
-    if (_isGone) { // it went while its IO was being started
+    if (_isGone) { // disappeared while IO was starting
         _driver->stopIO();
         return kAudioHardwareBadDeviceError;
     }

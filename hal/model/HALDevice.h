@@ -7,11 +7,11 @@
 #include <atomic>
 #include <mutex>
 
-/// A device as the HAL has it: the state that its properties are read from, its IO callbacks, and the driver
-/// that runs it. Announces what differs after each change.
-/// Threads: any; the driver is called on the calling thread with no lock held but the one that keeps starts
-///          and stops of this device apart.
-/// Waits:   start(), stop(), destroyIOProc() for the driver and for running cycles; reads never.
+/// A device of the HAL: its state, from which its properties are read, its IO callbacks, and its driver.
+/// Announces every property that differs after a change.
+/// Threads: any. The driver is called on the calling thread; the only lock held then is _ioMutex, which
+///          serialises starts and stops of this device.
+/// Waits:   start(), stop() and destroyIOProc() wait for the driver and for running cycles; reads never wait.
 class HALDevice final : public CXObject {
 public:
     /// `notifier` outlives the device's last cycle.
@@ -23,33 +23,34 @@ public:
     /// The IO callbacks.
     const CXRef<HALIOProcTable>& table() const noexcept { return _table; }
     HALDeviceState state() const;
-    /// The IDs of its streams, inputs first.
+    /// The IDs of the device's streams, inputs first.
     std::vector<AudioObjectID> streamIDs() const;
-    /// True once the hardware has gone.
+    /// True once the hardware device has disappeared.
     bool isGone() const noexcept { return _isGone; }
 
     HALStatus readProperty(const AudioObjectPropertyAddress& address, HALPropertyWriter& writer) const;
-    /// '!obj' when the device has no such stream any more.
+    /// Returns '!obj' if the device does not have the stream, or no longer has it.
     HALStatus readStreamProperty(AudioObjectID streamID, const AudioObjectPropertyAddress& address,
                                  HALPropertyWriter& writer) const;
 
-    /// Takes `state` over and announces what differs. Streams keep their IDs by their place in their
-    /// direction, new ones get new IDs.
+    /// Stores `state` and announces what differs. Streams keep their IDs by their position in their
+    /// direction; new streams get new IDs.
     void setState(HALDeviceState state);
-    /// The hardware has gone. On return no callback runs, unless one of them made this call, and none will
-    /// again. False when this was known.
+    /// Called when the hardware device has disappeared. On return no callback is running, unless one of them
+    /// made this call, and none will run again. Returns false if the device was already closed.
     bool close();
 
-    // -- IO, as the published functions of the same names say; not on an IO thread of the device
+    // -- IO, like the published functions of the same names; not on an IO thread of the device
 
     HALStatus createIOProc(const AudioDeviceIOBlock& block, AudioDeviceIOProcID& procID);
     HALStatus destroyIOProc(AudioDeviceIOProcID procID);
     HALStatus start(AudioDeviceIOProcID procID, HALDeadline deadline);
     HALStatus stop(AudioDeviceIOProcID procID);
-    /// Stops the hardware when no callback is started any more.
+    /// Stops the hardware if no callback is started any more.
     void stopIfIdle();
 
-    /// It runs, or no longer runs, as a member of a group. Each begin has one end.
+    /// Called when the device begins or ends running as a member of a group. Each begin is followed by one
+    /// end.
     void groupRunBegins();
     void groupRunEnds();
 
@@ -68,11 +69,11 @@ private:
     HALNotifier& _notifier;
     const CXRef<HALIOProcTable> _table;
 
-    mutable std::mutex _mutex; // what follows; never held while anything is called
+    mutable std::mutex _mutex; // guards what follows; never held while the driver or a listener is called
     HALDeviceState _state;
-    int _runs = 0; // by its own callbacks (at most one), and in groups
+    int _runs = 0; // of its own callbacks (at most one) and of groups
 
-    std::mutex _ioMutex;              // held through startIO() and stopIO(); taken before any other lock
-    bool _isRunningIO = false;        // under _ioMutex
+    std::mutex _ioMutex;              // held during startIO() and stopIO(); locked before any other lock
+    bool _isRunningIO = false;        // guarded by _ioMutex
     std::atomic<bool> _isGone{false}; // set once
 };

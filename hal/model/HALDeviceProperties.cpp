@@ -17,14 +17,14 @@ constexpr HALStatus unknown = kAudioHardwareUnknownPropertyError;
 struct DeviceRead {
     const HALDeviceView& device;
     const HALDeviceState& state;
-    std::optional<HALDirection> direction; // none in the global scope
+    std::optional<HALDirection> direction; // empty in the global scope
     uint32_t element;
 
     const HALDirectionState& side() const { return state[*direction]; } // not in the global scope
 };
 
 enum class Scopes { Global, Direction, Every };
-enum class Elements { Main, Channels }; // Channels: the main element as well, where the property has one
+enum class Elements { Main, Channels }; // Channels includes the main element
 
 struct DeviceProperty {
     uint32_t selector;
@@ -80,7 +80,7 @@ HALStatus readStreamIDs(const DeviceRead& read, HALPropertyWriter& writer)
 HALStatus readStreamConfiguration(const DeviceRead& read, HALPropertyWriter& writer)
 {
     const std::vector<const HALStreamState*> streams = streamsOf(read);
-    writer.put(static_cast<uint64_t>(streams.size())); // the count, and the padding before the first buffer
+    writer.put(static_cast<uint64_t>(streams.size())); // the count and the padding before the first buffer
     for (const HALStreamState* stream : streams)
         writer.put(AudioBuffer{stream->channelCount, 0, nullptr});
     return done;
@@ -265,7 +265,7 @@ HALStatus readFormats(const StreamRead& read, HALPropertyWriter& writer)
 
 using S = const StreamRead&;
 
-// Of the main element, in every scope.
+// All are properties of the main element, in every scope.
 constexpr struct {
     uint32_t selector;
     HALStatus (*read)(const StreamRead&, HALPropertyWriter&);
@@ -291,7 +291,7 @@ constexpr struct {
 constexpr std::array allScopes{kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyScopeInput,
                                kAudioObjectPropertyScopeOutput};
 
-/// A value and its status as a text: equal when a client sees no difference.
+/// The value and its status as a string; two strings are equal if a client sees no difference.
 std::string recordOf(const auto& read)
 {
     std::string record;
@@ -328,8 +328,9 @@ void addDeviceChanges(const HALDeviceView& before, const HALDeviceView& after, s
         }
 }
 
-/// What clients listen to on the device itself, though it is not read there: the format of its streams in a
-/// direction. And the current source is announced together with the list of sources.
+/// Adds two changes that the comparison of values does not find. Clients listen on the device for the format
+/// of its streams in a direction, although they read it from the streams. The current source is announced
+/// together with the list of sources, because its name may have changed.
 void addDependentChanges(std::vector<Address>& changed, const std::vector<HALObjectChange>& streams,
                          const HALDeviceState& after)
 {

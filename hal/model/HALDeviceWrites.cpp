@@ -11,7 +11,7 @@ namespace {
 
 using Address = AudioObjectPropertyAddress;
 
-/// One write, with the state of the device as it begins.
+/// One write, with the state of the device at its beginning.
 struct Write {
     HALDevice& device;
     const HALDeviceState state;
@@ -92,7 +92,7 @@ HALStatus halWriteDevice(HALDevice& device, const Address& address, std::span<co
         address.element == kAudioObjectPropertyElementMain)
         return halWriteStreamUsage(*device.table(), *direction, value);
     HALPropertyWriter counter;
-    if (const HALStatus status = device.readProperty(address, counter)) // what cannot be read is not there
+    if (const HALStatus status = device.readProperty(address, counter)) // fails if there is no such property
         return status;
     const Write write{device, device.state(), value, deadline};
     switch (address.selector) {
@@ -128,7 +128,7 @@ HALStatus halWriteStream(HALDevice& device, AudioObjectID streamID, const Addres
         for (const HALStreamState& stream : side.streams) {
             if (stream.objectID != streamID)
                 continue;
-            // Samples are always floats here; all a client can choose is the rate.
+            // Samples are always floats, so a client can only choose the rate.
             if (wanted != halStreamFormat(stream.channelCount, wanted.sampleRate) ||
                 !state.canSampleRate(wanted.sampleRate))
                 return kAudioHardwareIllegalOperationError;

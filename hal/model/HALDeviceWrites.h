@@ -2,16 +2,17 @@
 
 #include "HALDevice.h"
 
-/// Writes a property of a device: checks the value against its state and asks its driver. 'who?' for a
-/// property that it does not have, 'nope' for one that cannot be set, or not so.
+/// Writes a property of a device: checks the value against the device's state and calls the driver. Returns
+/// 'who?' if the device does not have the property, 'nope' if the property cannot be set or not to this
+/// value.
 /// Waits: for the driver, until `deadline` at most.
 HALStatus halWriteDevice(HALDevice& device, const AudioObjectPropertyAddress& address,
                          std::span<const std::byte> value, HALDeadline deadline);
-/// The same for one of its streams.
+/// Like halWriteDevice(), for one of the device's streams.
 HALStatus halWriteStream(HALDevice& device, AudioObjectID streamID, const AudioObjectPropertyAddress& address,
                          std::span<const std::byte> value, HALDeadline deadline);
 
-/// The value's bytes as a Value; '!siz' for any other number of bytes.
+/// Stores the bytes in `value`; returns '!siz' if their number is not the size of a Value.
 template <class Value> HALStatus halTakeValue(std::span<const std::byte> bytes, Value& value)
 {
     if (bytes.size() != sizeof value)

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-/// An object and address that an IO thread can announce without a lock, through
+/// An object and address whose change an IO thread can announce without a lock, through
 /// HALNotifier::postFromIOThread(). Owned by the IO that announces it.
 class HALIOEvent final : public CXObject {
 public:
@@ -13,8 +13,8 @@ public:
 
 private:
     friend class HALNotifier;
-    // True from the post until the notification thread has taken the event; only the thread that turned it
-    // true may push it, so an event is on the list at most once and `_next` has one writer.
+    // True from the post until the notification thread has taken the event. Only the thread that changed it
+    // to true may push the event, so an event is on the list at most once and `_next` has one writer.
     std::atomic<bool> _posted{false};
     HALIOEvent* _next = nullptr;
 };

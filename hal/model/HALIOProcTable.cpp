@@ -17,22 +17,22 @@ public:
         list()->numberBuffers = static_cast<uint32_t>(streams);
     }
     AudioBufferList* list() noexcept { return reinterpret_cast<AudioBufferList*>(_bytes.data()); }
-    /// By pointer, past the declared bound of one.
+    /// Indexes through a pointer, because the array is declared with one element.
     AudioBuffer& operator[](size_t stream) noexcept { return *(&list()->buffers[0] + stream); }
 
 private:
-    std::vector<std::byte> _bytes; // as aligned as new makes it, which is enough for a pointer
+    std::vector<std::byte> _bytes; // operator new aligns it sufficiently for a pointer
 };
 
 } // namespace
 
-/// A cycle on this thread's stack, and the one it runs inside.
+/// A running cycle, on this thread's stack, and the cycle that it is nested in.
 struct HALIOProcTable::Running {
     HALIOProcTable* table;
     const Running* outer;
 };
 
-// Initial-exec: the default model may allocate at a thread's first touch.
+// Initial-exec, because the default model may allocate when a thread first accesses the variable.
 thread_local const HALIOProcTable::Running* HALIOProcTable::running
     __attribute__((tls_model("initial-exec"))) = nullptr;
 
@@ -43,7 +43,7 @@ struct HALIOProcTable::Proc {
     const AudioDeviceIOBlock block;
     std::atomic<bool> started{false};
     std::array<std::array<std::atomic<bool>, 64>, 2>
-        streamIsOff{}; // by HALDirection and stream; later ones are on
+        streamIsOff{}; // by HALDirection and stream; later streams are always on
 
     bool isOff(HALDirection direction, size_t stream) const noexcept
     {
@@ -52,8 +52,8 @@ struct HALIOProcTable::Proc {
     }
 };
 
-/// Holds the control lock, except on the IO thread: inside a cycle no callback is freed, so none is needed
-/// there.
+/// Holds the control lock, except on the IO thread: no callback is freed during a cycle, so no lock is
+/// needed.
 class HALIOProcTable::ControlLock {
 public:
     explicit ControlLock(const HALIOProcTable& table) : _lock(table._mutex, std::defer_lock)
@@ -66,7 +66,7 @@ private:
     std::unique_lock<std::mutex> _lock;
 };
 
-/// What a cycle of the current streams needs, made ahead of it.
+/// The buffers that a cycle of the current streams needs, allocated before the cycle.
 struct HALIOProcTable::Layout {
     Layout(std::span<const uint32_t> inputs, std::span<const uint32_t> outputs, uint32_t frames)
         : inputChannels(inputs.begin(), inputs.end()), outputChannels(outputs.begin(), outputs.end()),
@@ -81,7 +81,7 @@ struct HALIOProcTable::Layout {
     const uint32_t maxFrames;
     BufferList input;
     BufferList output;
-    std::vector<std::vector<float>> scratch; // per output stream, for the second callback onwards
+    std::vector<std::vector<float>> scratch; // one per output stream, for all callbacks but the first
 
     bool fits(const HALCycle& cycle) const noexcept
     {
@@ -122,7 +122,7 @@ HALIOProcTable::~HALIOProcTable()
 
 AudioDeviceIOProcID HALIOProcTable::create(const AudioDeviceIOBlock& block)
 {
-    // Names are numbers, never used again, so that one used after its end finds nothing.
+    // IDs are numbers and never reused, so that the ID of a removed callback is not found.
     static std::atomic<uintptr_t> lastName{0};
     auto proc = std::make_unique<Proc>(reinterpret_cast<AudioDeviceIOProcID>(++lastName), block);
     const std::scoped_lock lock(_mutex);
@@ -273,17 +273,18 @@ void HALIOProcTable::_waitForCycle() const noexcept
         _cycle.wait(cycle);
 }
 
-void HALIOProcTable::_retire(std::unique_ptr<Proc> proc) // dies after the lock: a closure's end may call us
+void HALIOProcTable::_retire(std::unique_ptr<Proc> proc) // freed without the lock: its closure may call us
 {
     if (isOnIOThread()) {
-        // We may be inside the very callback: it is freed from elsewhere, once this cycle has ended.
+        // The running callback may be this one: another thread frees it after this cycle has ended.
         const CXRealtimeExemption exemption("handing over a callback that ends itself");
         dxr::GlobalQueue::highPriority().async(
             [self = CXRef(this), raw = proc.release()] { self->_retire(std::unique_ptr<Proc>(raw)); });
         return;
     }
     _waitForCycle();
-    // A control call on another thread may still be looking at it; one that begins now no longer finds it.
+    // Waits for control calls on other threads, which may still use `proc`. Calls that begin now no longer
+    // find it.
     const std::scoped_lock lock(_mutex);
 }
 
@@ -315,17 +316,17 @@ void HALIOProcTable::runCycle(const HALCycle& cycle) noexcept
     _cycle.fetch_add(1);
     for (const HALStreamBlock& block : cycle.output)
         silence(block.samples, size_t{block.channelCount} * cycle.frameCount);
-    // One that does not fit is of streams that have just changed; the driver is about to prepare().
+    // A cycle that does not fit has a new layout of streams, for which the driver is about to call prepare().
     if (Layout* layout = _layout.load(); layout && layout->fits(cycle))
         _callProcs(cycle, *layout);
     _cycle.fetch_add(1);
-    _cycle.notify_all(); // costs a load when nobody waits, and never blocks
+    _cycle.notify_all(); // costs one load if no thread waits, and never blocks
     running = entry.outer;
 }
 
 void HALIOProcTable::_callProcs(const HALCycle& cycle, Layout& layout) noexcept
 {
-    bool isFirst = true; // the first callback writes where the device reads, the others beside it
+    bool isFirst = true; // the first callback writes to the device's buffers, the others to scratch
     for (const std::atomic<Proc*>& slot : _slots) {
         const Proc* proc = slot.load();
         if (!proc || !proc->started.load())

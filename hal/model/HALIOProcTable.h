@@ -13,51 +13,52 @@
 
 class HALNotifier;
 
-/// The IO callbacks of one device, and the cycle that calls them. Outputs of several callbacks are added.
-/// Threads:   control functions from any thread, IO threads included. runCycle() on one IO thread at a time.
+/// The IO callbacks of one device, and the cycle that calls them. The outputs of several callbacks are added.
+/// Threads:   control functions from any thread, including IO threads; runCycle() on one IO thread at a time.
 /// Real time: runCycle(), nominalSampleRate(), bufferFrameSize(), isOnIOThread().
-/// Waits:     destroy() and stop() for a running cycle, except on the IO thread itself.
+/// Waits:     destroy() and stop() wait for a running cycle, except on the IO thread itself.
 class DXR_EXPORT HALIOProcTable final : public CXObject {
 public:
-    /// Room for callbacks; beyond that, adding one returns 'nope'.
+    /// The maximum number of callbacks; adding more returns 'nope'.
     static constexpr size_t maxProcs = 64;
 
-    /// For the device `deviceID`, whose lost cycles are announced through `notifier`, which outlives the
-    /// table's last cycle.
+    /// Creates the table of the device `deviceID`. Lost cycles are announced through `notifier`, which
+    /// outlives the table's last cycle.
     static CXRef<HALIOProcTable> initWithDevice(AudioObjectID deviceID, HALNotifier& notifier);
-    /// A further table for the device of `other`, with cycles of its own.
+    /// Creates a further table for the device of `other`, with its own cycles.
     static CXRef<HALIOProcTable> initBeside(const HALIOProcTable& other);
 
-    // -- Control. On the IO thread itself, stop() takes no lock, and destroy() hands the callback to the global queue.
+    // -- Control. On the IO thread, stop() takes no lock and destroy() has the callback freed on the global
+    // queue.
 
-    /// Registers a callback, stopped. Null when the table is full or closed.
+    /// Registers a callback, stopped. Returns null if the table is full or closed.
     AudioDeviceIOProcID create(const AudioDeviceIOBlock& block);
-    /// Forgets a callback. False when there is none of that name.
+    /// Removes a callback. Returns false if `procID` is unknown.
     bool destroy(AudioDeviceIOProcID procID);
-    /// Lets cycles call it. False when there is no callback of that name.
+    /// Makes cycles call the callback. Returns false if `procID` is unknown.
     bool start(AudioDeviceIOProcID procID);
-    /// Lets them call it no longer. False when it was not started.
+    /// Makes cycles stop calling the callback. Returns false if it was not started.
     bool stop(AudioDeviceIOProcID procID);
     bool contains(AudioDeviceIOProcID procID) const;
-    /// How many callbacks are started.
+    /// The number of started callbacks.
     size_t startedCount() const;
-    /// Forgets every callback, and takes no new ones: the device is gone.
+    /// Removes every callback and accepts no new ones, because the device has disappeared.
     void close();
 
-    /// One word for each of `streamCount` streams of the direction, non-zero for used. Empty when there is no
-    /// callback of that name.
+    /// One word for each of `streamCount` streams of the direction, non-zero if the stream is used. Empty if
+    /// `procID` is unknown.
     std::vector<uint32_t> streamUsage(AudioDeviceIOProcID procID, HALDirection direction,
                                       size_t streamCount) const;
-    /// Streams beyond `usage` are off; streams from the 65th are always on. False when there is no callback
-    /// of that name.
+    /// Sets which streams the callback uses. Streams beyond `usage` are off; streams from the 65th on are
+    /// always on. Returns false if `procID` is unknown.
     bool setStreamUsage(AudioDeviceIOProcID procID, HALDirection direction, std::span<const uint32_t> usage);
 
-    /// Makes room for cycles of the given streams (channels of each) and at most `maxFrames` frames. Waits
-    /// for a running cycle; a cycle that comes meanwhile, or does not fit, calls no callback and leaves
-    /// silence.
+    /// Allocates buffers for cycles with the given streams (channels of each) and at most `maxFrames` frames.
+    /// Waits for a running cycle. A cycle that runs meanwhile, or that does not fit, calls no callback and
+    /// outputs silence.
     void prepare(std::span<const uint32_t> inputChannels, std::span<const uint32_t> outputChannels,
                  uint32_t maxFrames);
-    /// The values of 'nsrt' (Hz) and 'fsiz' that the IO thread reads without a lock.
+    /// Sets the values of 'nsrt' (Hz) and 'fsiz' that the IO thread reads without a lock.
     void setTiming(double nominalSampleRate, uint32_t bufferFrameSize) noexcept;
 
     // -- The IO thread
@@ -75,11 +76,11 @@ public:
     {
         return _frameSize.load(std::memory_order_relaxed);
     }
-    /// Whether the calling thread is inside a cycle of this table. Cycles nest where one device drives
-    /// another.
+    /// Whether the calling thread is inside a cycle of this table. Cycles nest if one device's cycle runs
+    /// another's.
     bool isOnIOThread() const noexcept CX_REALTIME;
 
-    /// The table of `deviceID` whose cycle the calling thread is in; null outside.
+    /// The table of `deviceID` whose cycle the calling thread is in; null outside such a cycle.
     static HALIOProcTable* onIOThreadOf(AudioObjectID deviceID) noexcept CX_REALTIME;
 
 private:
@@ -106,16 +107,16 @@ private:
     std::atomic<double> _sampleRate{0.0};
     std::atomic<uint32_t> _frameSize{0};
 
-    // Handshake between the IO thread and control, which holds _mutex.
-    // IO thread: _cycle becomes odd; reads _layout and the slots; calls; _cycle becomes even and wakes
-    // waiters. Control: takes the pointer out of its slot (or the layout); waits until _cycle is even or has
-    // moved on; only then frees the object.
-    // Both sides are sequentially consistent: control's store comes before its load of _cycle, the IO
-    // thread's increment before its load of the slots, so at least one of them sees the other.
+    // Handshake between the IO thread and the control functions, which hold _mutex.
+    // IO thread: makes _cycle odd; loads _layout and the slots; calls the callbacks; makes _cycle even and
+    // wakes waiters. Control: removes the pointer from its slot (or replaces the layout); waits until _cycle
+    // is even or has changed; only then frees the object.
+    // Both sides are sequentially consistent: control stores before it loads _cycle, and the IO thread
+    // increments _cycle before it loads the slots, so at least one of them sees the other's change.
     std::atomic<uint32_t> _cycle{0};
     std::atomic<Layout*> _layout{nullptr};
     std::array<std::atomic<Proc*>, maxProcs> _slots{};
 
-    mutable std::mutex _mutex; // control side only
+    mutable std::mutex _mutex; // held by control functions, never by the IO thread
     bool _closed = false;
 };

@@ -53,7 +53,7 @@ HALModel::HALModel(const CXRef<HALHardwareDriver>& driver)
 
 HALModel::~HALModel()
 {
-    _aggregates->shutDown(); // their IO runs on the driver's devices
+    _aggregates->shutDown(); // first: their IO runs on the driver's devices
     _driver->stop();
     _notifier->stop();
 }
@@ -96,11 +96,11 @@ void HALModel::deviceChanged(const HALDeviceDriver& driver, const HALDeviceState
         isHiddenOrShown = device->state().isHidden != state.isHidden;
         for (const AudioObjectID streamID : device->streamIDs())
             _byStream.erase(streamID);
-        device->setState(state); // whose listeners find the streams registered: they wait for our lock
+        device->setState(state); // its listeners find the streams registered: they wait for our lock
         for (const AudioObjectID streamID : device->streamIDs())
             _byStream.emplace(streamID, device);
     }
-    if (isHiddenOrShown) // for clients that show what is not hidden, the list has changed
+    if (isHiddenOrShown) // the list of visible devices has changed
         _announceDeviceList();
     if (!state.aggregate)
         _aggregates->devicesChanged();
@@ -109,7 +109,7 @@ void HALModel::deviceChanged(const HALDeviceDriver& driver, const HALDeviceState
 void HALModel::deviceRemoved(const HALDeviceDriver& driver)
 {
     const CXRef<HALDevice> device = _deviceOf(driver);
-    // Its callbacks end before it is gone for clients, who may rely on that.
+    // Clients may rely on this order: the callbacks end before the device is removed from the list.
     if (!device || !device->close())
         return;
     std::vector<Address> changed;
@@ -429,10 +429,10 @@ HALStatus HALModel::createAggregateDevice(const CXValue& description, AudioObjec
     const auto aggregate = AggregateDevice::initWithDescription(
         std::move(*valid), *this, [this](const std::string& uid) { return _deviceWithUID(uid); });
     deviceID = deviceAdded(aggregate, aggregate->look());
-    if (deviceID == kAudioObjectUnknown) // the hardware has brought a device of that UID meanwhile
+    if (deviceID == kAudioObjectUnknown) // the hardware has added a device of that UID meanwhile
         return kAudioHardwareIllegalOperationError;
     _aggregates->add(deviceID, aggregate);
-    _aggregates->devicesChanged(); // what has changed since it looked
+    _aggregates->devicesChanged(); // for changes since look()
     return kAudioHardwareNoError;
 }
 

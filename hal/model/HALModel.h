@@ -13,22 +13,21 @@ class AggregateDevice;
 
 class CXValue;
 
-/// The HAL behind the published functions: the devices that a hardware driver reports, their properties and
+/// Implements the published functions: the devices that a hardware driver reports, their properties and
 /// listeners, and aggregate devices made of them.
-/// Threads:   every function from any thread, listeners and IO callbacks included, without deadlock.
-/// Real time: on an IO thread, reads of 'nsrt' and 'fsiz' of the device that runs it, and stop().
-/// Waits:     property reads never wait for hardware, but the first read of the system object for the initial
-///            enumeration; writes, start() and stop() may, for two seconds at most.
+/// Threads:   every function from any thread, including listeners and IO callbacks, without deadlock.
+/// Real time: on an IO thread, reads of 'nsrt' and 'fsiz' of that thread's device, and stop().
+/// Waits:     property reads never wait for hardware, except that the first read of the system object waits
+///            for the initial enumeration; writes, start() and stop() may wait for hardware, two seconds at
+///            most.
 /// Promises:  - object IDs are never reused in a process;
-///            - unknown objects return '!obj', unknown properties 'who?', nothing crashes;
-///            - listeners are called on the one notification thread, or on their queue, with no lock held;
-///              when a
-///              listener runs, a read returns the new value or a later one;
+///            - functions return '!obj' for unknown objects and 'who?' for unknown properties;
+///            - listeners are called on the notification thread, or on their queue, with no lock held;
+///            - when a listener runs, a read returns the new value or a later one;
 ///            - a listener on any readable address is called after its value has changed;
 ///            - a device's sample time never repeats while it runs;
-///            - when a device goes, its callbacks are not called again, its objects return '!obj', and 'dev#'
-///              of the
-///              system object is announced.
+///            - after a device has disappeared, its callbacks are not called again, its objects return
+///              '!obj', and a change of 'dev#' of the system object is announced.
 class HALModel final : public CXObject, public HALDriverSink {
 public:
     using Address = AudioObjectPropertyAddress;
@@ -36,36 +35,36 @@ public:
     /// Starts `driver`.
     static CXRef<HALModel> initWithDriver(const CXRef<HALHardwareDriver>& driver);
 
-    /// Stores the size of the property's value now.
+    /// Stores the current size of the property's value.
     HALStatus propertySize(AudioObjectID objectID, const Address& address,
                            std::span<const std::byte> qualifier, uint32_t& size);
-    /// Writes the value into `out` and stores the bytes written. '!siz' when `out` is too small. For a
-    /// translation, `out` holds the AudioValueTranslation to carry out. Objects come with a reference for the
-    /// caller.
+    /// Writes the value into `out` and stores the number of bytes written. Returns '!siz' if `out` is too
+    /// small. For a translation, `out` holds the AudioValueTranslation to carry out. The caller owns a
+    /// reference to each object in the value.
     HALStatus readProperty(AudioObjectID objectID, const Address& address,
                            std::span<const std::byte> qualifier, std::span<std::byte> out, uint32_t& size);
     HALStatus writeProperty(AudioObjectID objectID, const Address& address,
                             std::span<const std::byte> qualifier, std::span<const std::byte> value);
 
-    /// 'nope' when the same listener is there already for this object and address.
+    /// Returns 'nope' if the same listener was already added for this object and address.
     HALStatus addListener(AudioObjectID objectID, const Address& address, const HALListener& listener);
-    /// Once this has returned on any other thread, `listener` is not running and will not run again. Works
-    /// for objects that are gone, too; 'nope' when there is no such listener.
+    /// After this returns, `listener` is not called again and, unless it made this call itself, is not
+    /// running. Also works for objects that no longer exist. Returns 'nope' if there is no such listener.
     HALStatus removeListener(AudioObjectID objectID, const Address& address, const HALListener& listener);
 
     /// Registers an IO callback, stopped.
     HALStatus createIOProc(AudioObjectID deviceID, const AudioDeviceIOBlock& block,
                            AudioDeviceIOProcID& procID);
-    /// Removes it, running or not. On return from any other thread it is not running and will not run again;
-    /// on the IO thread, its current cycle is its last. '!dev' when the device is gone; the callback is
-    /// removed then too.
+    /// Removes the callback, running or not. On return from any thread but the IO thread it is not running
+    /// and will not run again; on the IO thread, its current cycle is its last. Returns '!dev' if the device
+    /// has disappeared; the callback was removed then, too.
     HALStatus destroyIOProc(AudioObjectID deviceID, AudioDeviceIOProcID procID);
     HALStatus start(AudioObjectID deviceID, AudioDeviceIOProcID procID);
     HALStatus stop(AudioObjectID deviceID, AudioDeviceIOProcID procID);
 
-    /// As AudioHardwareCreateAggregateDevice says. The device is there, with all its properties, on return.
+    /// Like AudioHardwareCreateAggregateDevice. On return the device exists with all its properties.
     HALStatus createAggregateDevice(const CXValue& description, AudioObjectID& deviceID);
-    /// On return none of its callbacks runs, and none will again.
+    /// On return none of its callbacks is running, and none will run again.
     HALStatus destroyAggregateDevice(AudioObjectID deviceID);
 
     void settle() override;
@@ -102,16 +101,16 @@ private:
     const std::unique_ptr<HALNotifier> _notifier;
     const std::unique_ptr<AggregateRegistry> _aggregates;
 
-    std::mutex _creationMutex; // of aggregates: two of one UID cannot both find it free
+    std::mutex _creationMutex; // of aggregates: two with the same UID cannot both find it unused
 
-    mutable std::mutex
-        _mutex;       // what follows; taken before a device's own, never held while anything else is called
-    Devices _devices; // in the order they came
+    // Guards what follows. Locked before a device's mutex; never held while a driver or listener is called.
+    mutable std::mutex _mutex;
+    Devices _devices; // in the order in which they were added
     std::unordered_map<const HALDeviceDriver*, CXRef<HALDevice>> _byDriver;
     std::unordered_map<std::string, CXRef<HALDevice>> _byUID;
     std::unordered_map<AudioObjectID, CXRef<HALDevice>> _byStream;
     std::array<AudioObjectID, 3> _defaults{}; // by HALDefault
 };
 
-/// The model of the process: of the driver that HALSetHardwareDriver() was given, or of the default driver.
+/// The process's model, of the driver set by HALSetHardwareDriver() or else of the default driver.
 const CXRef<HALModel>& halActiveModel();

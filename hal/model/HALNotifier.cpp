@@ -21,20 +21,20 @@ bool matches(const AudioObjectPropertyAddress& pattern, const AudioObjectPropert
 
 } // namespace
 
-/// Who is inside which listener, and who waits for which to be left.
+/// Which threads are inside which listener, and which threads wait for a listener to return.
 ///
-/// Protocol, under the one mutex: a call enters a registration unless it was removed, and leaves it. A
-/// removal marks the registration and waits until no other thread is inside, except threads that wait,
-/// directly or through others, for this thread to leave a listener: their removals can return only after this
-/// one. The thread whose wait would close such a circle always finds it complete, so one of the circle goes
-/// on and the others follow.
+/// Protocol, under the one mutex: a call enters a registration unless it was removed, and leaves it
+/// afterwards. A removal marks the registration and waits until no other thread is inside it. It does not
+/// wait for threads that wait, directly or through others, for this thread to leave a listener: their
+/// removals can return only after this one. The thread whose wait would complete such a circle sees the whole
+/// circle and does not wait, so the others can proceed as well.
 class HALNotifier::Calls {
 public:
     bool enter(const Registration& registration);
     void leave(const Registration& registration);
     void remove(const Registration& registration);
 
-    std::mutex mutex; // also of every registration's fields
+    std::mutex mutex; // also guards the fields of every registration
 
 private:
     using ThreadID = std::thread::id;
@@ -66,7 +66,7 @@ public:
         _calls->leave(*this);
     }
 
-    /// Calls it on its queue; changes that come before the queue does so are added to the same call.
+    /// Calls the listener on its queue. Changes before the queue runs the call are merged into it.
     void callOnQueue(AudioObjectID objectID, const std::vector<Address>& addresses)
     {
         {
@@ -90,10 +90,10 @@ public:
 
     void remove() { _calls->remove(*this); }
 
-    // Under the mutex of the calls.
+    // Guarded by the mutex of the calls.
     mutable std::vector<std::thread::id> inside;
     mutable bool isRemoved = false;
-    std::vector<Address> pending; // on its queue; empty: no call is queued
+    std::vector<Address> pending; // for the queued call; empty if no call is queued
 
 private:
     const std::shared_ptr<Calls> _calls;
@@ -146,25 +146,24 @@ bool HALNotifier::Calls::_waitsFor(ThreadID waiter, ThreadID target) const
 
 struct HALNotifier::Batch {
     AudioObjectID objectID = kAudioObjectUnknown;
-    std::vector<Address> changed; // empty: nothing waits
+    std::vector<Address> changed; // empty: no change is pending
     std::vector<CXRef<Registration>> listeners;
 };
 
 struct HALNotifier::State {
-    // Counts everything that could wake the thread; it sleeps on the value it last saw. Posts come before
-    // their increment (release) and are read after it (acquire), so none is missed.
+    // Counts every event that may wake the thread, which sleeps on the value it last saw. Changes are stored
+    // before the increment (release) and read after it (acquire), so none is missed.
     std::atomic<uint32_t> wakeUps{0};
-    // Events of IO threads, last first. Pushed with release by the IO threads, taken whole by the
-    // notification thread with acquire: nothing is ever popped alone, so no address can be mistaken for an
-    // older one.
+    // Events of IO threads, latest first. IO threads push with release; the notification thread takes the
+    // whole list with acquire. Because no single event is ever popped, the list has no ABA problem.
     std::atomic<HALIOEvent*> events{nullptr};
     std::atomic<bool> ended{false};
 
     const std::shared_ptr<Calls> calls = std::make_shared<Calls>();
-    std::mutex mutex; // what follows; never taken while a listener runs
+    std::mutex mutex; // guards what follows; never held while a listener runs
     std::unordered_map<AudioObjectID, std::vector<CXRef<Registration>>> registrations;
-    std::unordered_map<AudioObjectID, std::vector<Address>> changes; // what waits, by object
-    std::deque<AudioObjectID> order;                                 // the objects that wait, oldest first
+    std::unordered_map<AudioObjectID, std::vector<Address>> changes; // pending, by object
+    std::deque<AudioObjectID> order;                                 // the objects in `changes`, oldest first
     uint64_t posted = 0;
     uint64_t delivered = 0;
     std::condition_variable deliveredMore;
@@ -198,7 +197,7 @@ struct HALNotifier::State {
         }
     }
 
-    /// What the thread delivers next.
+    /// The next changes to deliver.
     Batch next()
     {
         const std::scoped_lock lock(mutex);
@@ -222,7 +221,7 @@ struct HALNotifier::State {
         HALIOEvent* event = events.exchange(nullptr, std::memory_order_acquire);
         while (event) {
             HALIOEvent* next = event->_next;
-            event->_posted.store(false, std::memory_order_release); // from here on it may be posted anew
+            event->_posted.store(false, std::memory_order_release); // may be posted again from here on
             const Address address = event->address;
             add(event->objectID, std::span(&address, 1));
             event->release();
@@ -341,7 +340,7 @@ void HALNotifier::_run(const std::shared_ptr<State>& state)
             continue;
         }
         State::deliver(batch);
-        batch = {}; // may drop the last reference to a closure: before flush() returns, and without the lock
+        batch = {}; // may destroy a closure: without the lock, and before flush() returns
         const std::scoped_lock lock(state->mutex);
         ++state->delivered;
         state->deliveredMore.notify_all();

@@ -20,48 +20,47 @@ struct HALListener {
 
 /// The listeners of one model, and the thread that calls them.
 ///
-/// Changes that wait for delivery are merged by object and address, on the notification thread and for each
-/// listener with a queue, so that a listener that never returns, or a queue that nobody serves, costs no more
-/// memory with every change. A listener reads the value itself and so sees the latest.
+/// Pending changes are merged by object and address, for the notification thread and for each listener with a
+/// queue. So a listener that never returns, or a queue that is never served, does not use more memory with
+/// every change. Listeners read the value themselves and so see the latest one.
 /// Threads:   any.
 /// Real time: postFromIOThread() only.
-/// Waits:     removeListener() for a call of that listener on another thread; nothing else. Two listeners
-///            that remove each other at the same time do not wait for each other: the one that began first
-///            waits.
+/// Waits:     only removeListener(), for a call of that listener on another thread. If two listeners remove
+///            each other at the same time, they do not deadlock: only the removal that began first waits.
 class HALNotifier {
 public:
     using Address = AudioObjectPropertyAddress;
 
     HALNotifier();
-    /// As stop().
+    /// Calls stop().
     ~HALNotifier();
     HALNotifier(const HALNotifier&) = delete;
     HALNotifier& operator=(const HALNotifier&) = delete;
 
-    /// Ends the notification thread. No listener without a queue runs afterwards, unless a listener calls
-    /// this. Later posts have no effect.
+    /// Ends the notification thread. No listener without a queue runs afterwards, except a listener that
+    /// itself called this. Later posts have no effect.
     void stop();
 
-    /// 'nope' when the same listener is there already for this object and address.
+    /// Returns 'nope' if the same listener was already added for this object and address.
     HALStatus addListener(AudioObjectID objectID, const Address& address, const HALListener& listener);
-    /// 'nope' when there is no such listener.
+    /// Returns 'nope' if there is no such listener.
     HALStatus removeListener(AudioObjectID objectID, const Address& address, const HALListener& listener);
 
-    /// Announces to the listeners of `objectID` that the values at `addresses` have changed. The caller has
-    /// made the new values readable before.
+    /// Announces to the listeners of `objectID` that the values at `addresses` have changed. The caller must
+    /// have made the new values readable before.
     void post(AudioObjectID objectID, std::span<const Address> addresses);
-    /// The same from an IO thread, for the event's object and address; posts that come before the
-    /// notification thread has taken the first are one.
+    /// Like post(), from an IO thread, for the event's object and address. Posts of an event before the
+    /// notification thread has taken it are merged.
     void postFromIOThread(const CXRef<HALIOEvent>& event) noexcept CX_REALTIME;
-    /// Waits until every change posted before has been delivered to listeners without a queue. Not from a
-    /// listener.
+    /// Waits until every change posted before has been delivered to the listeners without a queue. Must not
+    /// be called from a listener.
     void flush();
 
 private:
     class Calls;
     class Registration;
     struct Batch;
-    struct State; // shared with the thread, which may outlive us when a listener destroys the model
+    struct State; // shared with the thread, which may outlive this if a listener destroys the model
 
     static void _run(const std::shared_ptr<State>& state);
 

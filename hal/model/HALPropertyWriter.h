@@ -8,16 +8,16 @@
 #include <string>
 #include <type_traits>
 
-/// Takes the value of one property: counts its bytes, copies as many as there is room for, or keeps it for
+/// Receives the value of one property: counts its bytes, copies them into a buffer, or records them for
 /// comparison.
 /// Threads: one.
 class HALPropertyWriter {
 public:
-    /// Counts only.
+    /// Only counts bytes.
     HALPropertyWriter() = default;
-    /// Writes into `room`, which the caller of the HAL owns and which may be unaligned.
+    /// Writes into `room`, the HAL client's buffer, which may be unaligned.
     explicit HALPropertyWriter(std::span<std::byte> room) : _room(room), _isCounting(false) {}
-    /// Appends the value to `record`, an object by its contents: equal records are equal values.
+    /// Appends the value to `record`, objects by their contents: equal records mean equal values.
     explicit HALPropertyWriter(std::string& record) : _record(&record) {}
 
     template <class Value>
@@ -34,8 +34,8 @@ public:
     void putValue(const CXPlist& value);
     void putString(const std::string& text) { putValue(text); }
 
-    /// For a property whose buffer also carries the question: the record as the caller filled it in. False
-    /// when the buffer is too small, or none was given.
+    /// Copies the record with which the caller filled the buffer, for a property whose buffer also holds the
+    /// argument. Returns false if the buffer is too small or none was given.
     template <class Record> bool take(Record& record, size_t bytes = sizeof(Record))
     {
         if (_room.size() < bytes)
@@ -46,7 +46,7 @@ public:
 
     bool isCounting() const noexcept { return _isCounting; }
     bool isRecording() const noexcept { return _record != nullptr; }
-    /// The bytes of the whole value.
+    /// The size of the whole value in bytes.
     uint32_t size() const noexcept { return static_cast<uint32_t>(_size); }
     bool fits() const noexcept { return _isCounting || _size <= _room.size(); }
 

@@ -1,6 +1,6 @@
 #include "HALDefaultDriver.h"
 
-// A build without ALSA.
+// For builds without ALSA.
 CXRef<HALHardwareDriver> halMakeAlsaDriver(uint32_t /*periodCount*/)
 {
     return nullptr;

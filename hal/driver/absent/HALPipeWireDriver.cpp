@@ -1,6 +1,6 @@
 #include "HALDefaultDriver.h"
 
-// A build without PipeWire.
+// For builds without PipeWire.
 CXRef<HALHardwareDriver> halMakePipeWireDriver()
 {
     return nullptr;

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// The entry, or null where there is none.
+/// The entry of `key`, or a null value if there is none.
 const CXPlist& entry(const CXPlist& dictionary, const char* key)
 {
     static const CXPlist none;

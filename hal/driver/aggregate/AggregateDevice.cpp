@@ -12,13 +12,13 @@ HALDeadline deadlineFromNow()
     return std::chrono::steady_clock::now() + maxWaitToFollow;
 }
 
-/// Whether both go by one clock.
+/// Whether both devices have the same clock.
 bool shareClock(const HALDeviceState& a, const HALDeviceState& b)
 {
     return a.clockDomain != 0 && a.clockDomain == b.clockDomain;
 }
 
-/// Whether both can run in one cycle, without a bridge.
+/// Whether both devices can run in one cycle, without a bridge.
 bool sharesCycles(const HALDeviceState& a, const HALDeviceState& b)
 {
     return a.groupDomain != 0 && a.groupDomain == b.groupDomain && a.nominalSampleRate == b.nominalSampleRate;
@@ -30,7 +30,7 @@ bool hasStreams(const HALDeviceState& state)
                                [](const HALDirectionState& each) { return !each.streams.empty(); });
 }
 
-/// The rates within both lists.
+/// The intersection of both lists of rates.
 std::vector<AudioValueRange> commonRates(const std::vector<AudioValueRange>& a,
                                          const std::vector<AudioValueRange>& b)
 {
@@ -78,7 +78,7 @@ void AggregateDevice::_lookAtSubDevices()
         if (!subDevice.device)
             continue;
         HALDeviceState state = subDevice.device->state();
-        if (state.aggregate) // one made of aggregates might be made of itself
+        if (state.aggregate) // excludes aggregates, which might contain this one
             subDevice.device = nullptr;
         else
             subDevice.state = std::move(state);
@@ -91,7 +91,7 @@ const AggregateDevice::SubDevice* AggregateDevice::_leader() const
     if (_io) {
         if (isPresent(_subDevices[_io->plan().leader]))
             return &_subDevices[_io->plan().leader];
-        for (const size_t place : _io->plan().group) // the group's cycle goes on without its first leader
+        for (const size_t place : _io->plan().group) // the group's cycle continues without its first leader
             if (isPresent(_subDevices[place]))
                 return &_subDevices[place];
     }
@@ -125,7 +125,7 @@ HALDeviceState AggregateDevice::_composedState() const
         for (const SubDevice& each : _subDevices)
             if (each.device)
                 state.sampleRates = commonRates(state.sampleRates, each.state.sampleRates);
-        if (state.sampleRates.empty()) // those that cannot follow are converted
+        if (state.sampleRates.empty()) // the sub-devices without the leader's rate are resampled
             state.sampleRates = leader->state.sampleRates;
     }
     for (const HALDirection direction : halDirections)
@@ -142,7 +142,7 @@ void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection dire
         if (part.streams.empty())
             continue;
         for (HALStreamState stream : part.streams) {
-            stream.objectID = kAudioObjectUnknown; // the aggregate's own
+            stream.objectID = kAudioObjectUnknown; // the model assigns an ID of the aggregate
             whole.streams.push_back(stream);
         }
         for (uint32_t channel = 0; channel < part.channelCount(); ++channel)
@@ -153,7 +153,7 @@ void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection dire
             continue;
         whole.latencyFrames = std::max(whole.latencyFrames, _pathLatency(each, direction));
         whole.safetyOffsetFrames = std::max(whole.safetyOffsetFrames, part.safetyOffsetFrames);
-        // One control for all that have one.
+        // One control for all sub-devices that have it.
         if (part.mainVolume && !whole.mainVolume)
             whole.mainVolume = part.mainVolume;
         if (part.muted)
@@ -179,7 +179,7 @@ uint32_t AggregateDevice::_pathLatency(const SubDevice& subDevice, HALDirection 
     settings.readerRate = reader.nominalSampleRate;
     const double frames = DriftController::delayFor(settings, writer.bufferFrameSize, reader.bufferFrameSize);
     const double seconds = frames / writer.nominalSampleRate + own / subDevice.state.nominalSampleRate;
-    // A cycle of the leader is in its time stamps already.
+    // The leader's time stamps already include a cycle of the leader.
     const double inLeaders = seconds * leader->state.nominalSampleRate - leader->state.bufferFrameSize;
     return static_cast<uint32_t>(std::lround(std::max(0.0, inLeaders)));
 }
@@ -264,8 +264,8 @@ HALStatus AggregateDevice::setName(const std::string& name, HALDeadline /*deadli
     return kAudioHardwareNoError;
 }
 
-/// Writes to every sub-device that `takes` the value; the leader's status counts, since the aggregate runs as
-/// it does.
+/// Writes to every sub-device whose state passes `takes`. Only the leader's status replaces an earlier
+/// success, because the aggregate has the leader's rate and cycle length.
 template <class Takes, class Write>
 HALStatus AggregateDevice::_writeToAll(Takes takes, Write write, HALDeadline deadline)
 {
@@ -366,7 +366,8 @@ AggregateTrackShape AggregateDevice::_shapeOf(const SubDevice& subDevice) const
     return shape;
 }
 
-/// The places that can run in the leader's cycle, absent ones that could before they went included.
+/// The places that can run in the leader's cycle, including those of absent sub-devices that could when they
+/// were last present.
 std::vector<size_t> AggregateDevice::_groupOf(size_t leader) const
 {
     std::vector<size_t> group;
@@ -384,7 +385,8 @@ AggregateIO::Plan AggregateDevice::_planFor(size_t leader, std::vector<size_t> g
     plan.leader = leader;
     plan.group = std::move(group);
     plan.sampleRate = state.nominalSampleRate;
-    // Room for every cycle that may be asked for, so that another cycle length is not another run.
+    // Buffers for the longest possible cycle, so that a change of the cycle length does not require a new
+    // run.
     plan.maxFrames =
         std::max(state.bufferFrameSize, static_cast<uint32_t>(state.bufferFrameSizeRange.maximum));
     for (const SubDevice& each : _subDevices)
@@ -401,7 +403,7 @@ AggregateIO::Devices AggregateDevice::_devices() const
     return devices;
 }
 
-/// Starts, or starts again, with the first sub-device that can lead.
+/// Starts or restarts with the first sub-device that can lead.
 HALStatus AggregateDevice::_begin(HALDeadline deadline)
 {
     _io = nullptr;
@@ -433,7 +435,7 @@ HALStatus AggregateDevice::_begin(HALDeadline deadline)
 HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, HALDeadline deadline)
 {
     _io = std::make_unique<AggregateIO>(_table, _planFor(leader, std::move(group)), _sampleTime);
-    // The others first, so that their frames are there when the first cycle comes.
+    // The others start first, so that their frames are available in the first cycle.
     _joinPresent(deadline);
     const HALStatus status = _io->start(_devices(), deadline);
     if (status)
@@ -451,7 +453,7 @@ bool AggregateDevice::_mustBeginAgain() const
     if (!_io->isInGroup(place) || leader->state.nominalSampleRate != plan.sampleRate ||
         leader->state.bufferFrameSize > plan.maxFrames)
         return true;
-    // A device of the same UID that is another object: the callback on the old one has ended with it.
+    // A new device object with the same UID: the callback on the old object has ended with it.
     if (plan.group.size() == 1 && _shapeOf(*leader).deviceID != plan.layout[place].deviceID)
         return true;
     const std::vector<size_t> group = _groupOf(place);
@@ -483,7 +485,7 @@ void AggregateDevice::_joinPresent(HALDeadline deadline)
         const AggregateTrackShape shape = _shapeOf(subDevice);
         const uint32_t leaderFrames = leader->state.bufferFrameSize;
         const bool isCompensated = _isCompensated(place);
-        // One that does not start stays silent until it changes: the others do not wait for it.
+        // A sub-device that fails to start stays silent until it changes; the others do not wait for it.
         if (hasStreams(subDevice.state) &&
             (!track || track->shape() != shape || track->leaderFrames() != leaderFrames ||
              track->isCompensated() != isCompensated))

@@ -8,28 +8,29 @@
 #include <memory>
 #include <mutex>
 
-/// The driver of an aggregate device: its state is composed of its sub-devices' states, its cycles are
-/// theirs.
+/// The driver of an aggregate device. Its state is composed of its sub-devices' states, and it runs in their
+/// cycles.
 ///
-/// Its layout is stable: an absent sub-device keeps the streams it last had, silent. One that comes back
-/// while the device runs is joined again without touching the others. When the leader goes, the next
-/// sub-device present leads, until the device is stopped; time goes on.
-/// Threads: any, but IO threads.
-/// Waits:   every function, for the sub-devices, all of them together until the deadline; status reads never.
+/// Its layout is stable: an absent sub-device keeps its last streams, silent. A sub-device that reappears
+/// while the aggregate runs is joined without affecting the others. If the leader disappears, the next
+/// sub-device that is present leads until the aggregate is stopped; sample time continues.
+/// Threads: any except IO threads.
+/// Waits:   every function waits for the sub-devices, until the deadline for all of them together; status
+///          reads never wait.
 class AggregateDevice final : public HALDeviceDriver {
 public:
-    /// Null where no device has that UID. Called under the lock.
+    /// Returns null if no device has that UID. Called with the lock held.
     using DeviceFinder = CXBlock<CXRef<HALDevice>(const std::string& uid)>;
 
-    /// `sink` and what `findDevice` refers to outlive end().
+    /// `sink`, and everything that `findDevice` refers to, outlive end().
     static CXRef<AggregateDevice> initWithDescription(AggregateDescription description, HALDriverSink& sink,
                                                       DeviceFinder findDevice);
 
-    /// The state now; for adding it to the model.
+    /// The current state, for adding the device to the model.
     HALDeviceState look();
-    /// Follows the sub-devices: some have come, gone or changed.
+    /// Adapts to the sub-devices after some have appeared, disappeared or changed.
     void refresh();
-    /// Stops for good: the device is being removed.
+    /// Stops permanently, because the device is being removed.
     void end();
 
     HALStatus setName(const std::string& name, HALDeadline deadline) override;
@@ -44,13 +45,13 @@ public:
 private:
     struct SubDevice {
         CXRef<HALDevice> device; // null while absent
-        HALDeviceState state;    // the last known
+        HALDeviceState state;    // the last known state
     };
 
     AggregateDevice(AggregateDescription description, HALDriverSink& sink, DeviceFinder findDevice);
     ~AggregateDevice() override = default;
 
-    // Everything below is called under the lock.
+    // Everything below is called with the lock held.
     void _lookAtSubDevices();
     const SubDevice* _leader() const;
     HALDeviceState _composedState() const;
@@ -79,13 +80,13 @@ private:
     const CXBlock<std::vector<AudioAggregateSubDeviceStatus>()> _readStatus = [status = _status] {
         return status->read();
     };
-    std::atomic<uint64_t> _sampleTime{0}; // of the next cycle: AggregateIO
+    std::atomic<uint64_t> _sampleTime{0}; // of the next cycle; see AggregateIO
 
-    mutable std::mutex _mutex; // what follows
+    mutable std::mutex _mutex; // guards what follows
     std::string _name;
     std::vector<SubDevice> _subDevices; // in the order of the description
-    CXRef<HALIOProcTable> _table;       // none while stopped
-    std::unique_ptr<AggregateIO> _io;   // none while stopped, or no sub-device is present
-    std::vector<size_t> _refusedGroup;  // the driver does not run these places together
+    CXRef<HALIOProcTable> _table;       // null while stopped
+    std::unique_ptr<AggregateIO> _io;   // null while stopped, or while no sub-device is present
+    std::vector<size_t> _refusedGroup;  // the driver does not run these places in one cycle
     bool _isEnded = false;
 };

@@ -4,7 +4,7 @@
 
 namespace {
 
-/// Appends a block for each stream.
+/// Appends one block per stream.
 void addBlocks(std::vector<HALStreamBlock>& blocks, const std::vector<uint32_t>& channels)
 {
     for (const uint32_t count : channels)
@@ -208,7 +208,7 @@ void AggregateIO::_lead(const AudioTimeStamp& now, const AudioBufferList* input,
         result.sampleTime += _timeOffset;
         return result;
     };
-    // A direction that the leader lacks takes place beside its cycle: a cycle before, a cycle after.
+    // For a direction that the leader does not have: input a cycle before, output a cycle after.
     const AudioTimeStamp aside = now;
     HALCycle cycle;
     cycle.frameCount = frames;
@@ -235,10 +235,10 @@ void AggregateIO::_lead(const AudioTimeStamp& now, const AudioBufferList* input,
 void AggregateIO::_followTime(const AudioTimeStamp& now, uint32_t frameCount) noexcept
 {
     if (!_hasRun) {
-        // A late first cycle has not lost any: they begin with it.
+        // If the first cycle is late, no cycle was lost: sample time begins with it.
         _timeOffset = static_cast<double>(_sampleTime.load(std::memory_order_relaxed)) - now.sampleTime;
         _hasRun = true;
-    } else if (now.sampleTime > _nextLeaderTime && !_groupTable) { // a group's driver reports it to our table
+    } else if (now.sampleTime > _nextLeaderTime && !_groupTable) { // groups report to _table themselves
         _table->reportOverload();
     }
     _nextLeaderTime = now.sampleTime + frameCount;
@@ -252,7 +252,7 @@ void AggregateIO::_runCycle(HALCycle& cycle, const AudioTimeStamp& leaderNow) no
         if (slot.isInGroup)
             continue;
         AggregateTrack* track = slot.live.load();
-        if (track && track->leaderFrames() < cycle.frameCount) // until it is attached anew, for longer cycles
+        if (track && track->leaderFrames() < cycle.frameCount) // until attached again, for longer cycles
             track = nullptr;
         _liveTracks[place] = track;
         if (track)

@@ -5,59 +5,63 @@
 
 /// One run of an aggregate's cycles under one leader.
 ///
-/// The sub-devices that can share the leader's cycle run with it as one group of the driver's, without a ring
-/// between; every other one has an IO callback of its own and a track. Sub-devices come and go while it runs;
-/// another leader outside the group, another rate or another layout is another run.
+/// The sub-devices that can share the leader's cycle run with it as one group of the driver, with no ring
+/// buffer between them. Each of the others has an IO callback and a track. Sub-devices may disappear and
+/// reappear during the run. Another leader outside the group, another rate or another layout requires a new
+/// run.
 /// Threads:   control functions on one thread at a time, never on an IO thread.
 /// Real time: the callbacks.
-/// Waits:     start(), attach(), setMember() for the driver until their deadline; detach() and the end for
-///            cycles under way.
+/// Waits:     start(), attach() and setMember() wait for the driver until their deadline; detach() and the
+///            destructor wait for running cycles.
 class AggregateIO final {
 public:
-    /// How it runs; fixed for the run.
+    /// The configuration, fixed for the run.
     struct Plan {
-        size_t leader = 0;         ///< its place among the sub-devices
-        std::vector<size_t> group; ///< the places in the leader's cycle, in order, the leader's among them
+        size_t leader = 0;         ///< the leader's place among the sub-devices
+        std::vector<size_t> group; ///< places in the leader's cycle, in order, with the leader's
         double sampleRate = 0.0;   ///< the leader's, Hz
-        uint32_t maxFrames = 0;    ///< the longest cycle that there is room for
-        std::vector<AggregateTrackShape> layout; ///< every place; absent ones keep theirs, silent
+        uint32_t maxFrames = 0;    ///< the longest cycle that buffers are allocated for
+        std::vector<AggregateTrackShape> layout; ///< of every place; absent sub-devices keep theirs
     };
     using Devices = std::vector<CXRef<HALDevice>>; ///< by place; null while absent
 
-    /// `sampleTime` is that of the first cycle, and afterwards of the next one: it outlives the run, so that
-    /// time never goes back.
+    /// `sampleTime` is the sample time of the first cycle, and during the run that of the next cycle. It
+    /// outlives the run, so that sample time never goes back.
     AggregateIO(CXRef<HALIOProcTable> table, Plan plan, std::atomic<uint64_t>& sampleTime);
     ~AggregateIO();
     AggregateIO(const AggregateIO&) = delete;
     AggregateIO& operator=(const AggregateIO&) = delete;
 
-    /// Starts the cycles of the leader and its group. 'nope' when the driver does not run these together.
+    /// Starts the cycles of the leader and its group. Returns 'nope' if the driver cannot run these devices
+    /// in one cycle.
     [[nodiscard]] HALStatus start(const Devices& devices, HALDeadline deadline);
     const Plan& plan() const noexcept { return _plan; }
     bool isInGroup(size_t place) const noexcept;
-    /// The member at `place` has gone (null), or is there again. The others' cycles go on.
+    /// Called when the member at `place` has disappeared (null) or reappeared. The cycles of the others
+    /// continue.
     void setMember(size_t place, const CXRef<HALDevice>& device);
 
-    /// Lets the frames of a sub-device outside the group pass, with cycles of the leader of `leaderFrames`. A
-    /// status when it does not start.
+    /// Starts a sub-device outside the group and its track, for cycles of the leader of `leaderFrames`.
+    /// Returns an error status if it does not start.
     HALStatus attach(size_t place, const CXRef<HALDevice>& device, const AggregateTrackShape& shape,
                      uint32_t leaderFrames, bool isCompensated, HALDeadline deadline);
-    /// Ends that; its channels are silent.
+    /// Ends the sub-device's track; its channels are silent from then on.
     void detach(size_t place);
-    /// The track attached there; none in the group and for absent ones.
+    /// The track at `place`; null for members of the group and absent sub-devices.
     const CXRef<AggregateTrack>& track(size_t place) const { return _slots[place].track; }
 
 private:
     struct Slot {
-        CXRef<HALDevice> device;     // control's: a running member, or the device of the track
-        CXRef<AggregateTrack> track; // control's
+        CXRef<HALDevice> device;     // control threads only: a running member, or the device of the track
+        CXRef<AggregateTrack> track; // control threads only
         AudioDeviceIOProcID procID = nullptr;
-        // Handshake with the leader's cycle, which must not find a track that is being freed: control takes
-        // the pointer out and waits until _cycle is even or has moved on; the leader makes _cycle odd before
-        // it looks. Both sequentially consistent, so that at least one sees the other. The sub-device's own
-        // callback holds a reference and is destroyed, waiting for its cycle, before the track goes.
+        // Handshake with the leader's cycle, which must not use a track that is being freed: control removes
+        // the pointer and waits until _cycle is even or has changed; the leader makes _cycle odd before it
+        // loads the pointer. Both are sequentially consistent, so at least one sees the other's change. The
+        // sub-device's callback holds a reference to the track; the callback is destroyed, which waits for
+        // its cycle, before the track is freed.
         std::atomic<AggregateTrack*> live{nullptr};
-        size_t firstInput = 0, inputs = 0; // places of its streams among the aggregate's
+        size_t firstInput = 0, inputs = 0; // of the aggregate's streams, those of this sub-device
         size_t firstOutput = 0, outputs = 0;
         bool isInGroup = false;
     };
@@ -73,20 +77,20 @@ private:
     const CXRef<HALIOProcTable> _table;
     const Plan _plan;
     std::vector<Slot> _slots;
-    CXRef<HALGroupIO> _group;          // none while only the leader is in it
+    CXRef<HALGroupIO> _group;          // null while the group has only the leader
     CXRef<HALIOProcTable> _groupTable; // calls _lead() in the group's cycle
 
-    // The leader's IO thread's.
+    // Used by the leader's IO thread only.
     std::vector<HALStreamBlock> _input, _output;           // of the whole aggregate
     std::vector<HALStreamBlock> _groupInput, _groupOutput; // of the group, in its order
     std::vector<AggregateTrack*> _liveTracks;
-    std::vector<float> _silence;   // the input of absent sub-devices
-    std::vector<float> _discarded; // receives the output of absent sub-devices
+    std::vector<float> _silence;   // input of absent sub-devices
+    std::vector<float> _discarded; // output for absent sub-devices
     std::atomic<uint64_t>&
-        _sampleTime;          // of the next cycle; read by the maker of the next run, after this one's end
-    double _timeOffset = 0.0; // aggregate's sample time less the leader's
+        _sampleTime;          // of the next cycle; read to create the next run, after this one has ended
+    double _timeOffset = 0.0; // the aggregate's sample time minus the leader's
     double _nextLeaderTime = 0.0;
     bool _hasRun = false;
 
-    std::atomic<uint32_t> _cycle{0}; // odd while the leader's cycle runs: see Slot::live
+    std::atomic<uint32_t> _cycle{0}; // odd during the leader's cycle; see Slot::live
 };

@@ -33,7 +33,7 @@ void AggregateRegistry::devicesChanged()
     if (_devices.empty() || _isRefreshing)
         return;
     _isRefreshing = true;
-    _queue->async([this] { // shutDown() waits for it
+    _queue->async([this] { // capturing `this` is safe: shutDown() waits for the job
         {
             const std::scoped_lock inner(_mutex);
             _isRefreshing = false;
@@ -60,7 +60,7 @@ void AggregateRegistry::shutDown()
         device->end();
     {
         const std::scoped_lock lock(_mutex);
-        _devices.clear(); // nothing more is queued
+        _devices.clear(); // ends queueing: devicesChanged() does nothing without devices
     }
     flush();
 }

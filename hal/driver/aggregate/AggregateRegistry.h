@@ -6,34 +6,34 @@
 
 #include <map>
 
-/// The aggregate devices of one model, and the queue on which they follow their sub-devices.
-/// Threads: any, but IO threads.
+/// The aggregate devices of one model, and the queue on which they adapt to their sub-devices.
+/// Threads: any except IO threads.
 class AggregateRegistry {
 public:
     AggregateRegistry() = default;
-    /// As shutDown().
+    /// Calls shutDown().
     ~AggregateRegistry();
     AggregateRegistry(const AggregateRegistry&) = delete;
     AggregateRegistry& operator=(const AggregateRegistry&) = delete;
 
     void add(AudioObjectID deviceID, const CXRef<AggregateDevice>& device);
-    /// None when it is no aggregate.
+    /// Returns null if the device is not an aggregate.
     CXRef<AggregateDevice> device(AudioObjectID deviceID) const;
     CXRef<AggregateDevice> remove(AudioObjectID deviceID);
 
-    /// Some device has come, gone or changed: the aggregates look at theirs soon. Any thread that may
-    /// allocate.
+    /// Called when a device has appeared, disappeared or changed: refreshes the aggregates soon. Threads: any
+    /// that may allocate.
     void devicesChanged();
-    /// Waits until every change so far has been followed. Not on the queue itself.
+    /// Waits until the aggregates have applied every change so far. Returns at once on the queue itself.
     void flush();
-    /// Ends every aggregate's cycles. Nothing is followed afterwards.
+    /// Ends every aggregate's cycles. Later changes are ignored.
     void shutDown();
 
 private:
     std::vector<CXRef<AggregateDevice>> _all() const;
 
-    mutable std::mutex _mutex; // what follows; held for look-ups only
+    mutable std::mutex _mutex; // guards what follows; held for look-ups only
     std::map<AudioObjectID, CXRef<AggregateDevice>> _devices;
-    CXRef<dxr::SerialQueue> _queue; // from the first aggregate on
-    bool _isRefreshing = false;     // a job that has not begun is queued
+    CXRef<dxr::SerialQueue> _queue; // created with the first aggregate
+    bool _isRefreshing = false;     // a refresh is queued that has not begun
 };

@@ -3,7 +3,7 @@
 void AggregateStatus::set(std::vector<SubDevice> subDevices)
 {
     const std::scoped_lock lock(_mutex);
-    _subDevices.swap(subDevices); // the old tracks go without the lock
+    _subDevices.swap(subDevices); // the old tracks are released without the lock
 }
 
 std::vector<AudioAggregateSubDeviceStatus> AggregateStatus::read() const

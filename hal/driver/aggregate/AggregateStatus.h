@@ -4,17 +4,17 @@
 
 #include <mutex>
 
-/// The sub-devices of an aggregate as clients read them: a snapshot of who runs, and the counters of the
-/// bridges.
+/// The status of an aggregate's sub-devices for clients: a snapshot of which sub-devices run, and the tracks
+/// whose counters are read.
 /// Threads: any.
-/// Waits:   no; nothing else happens under its lock.
+/// Waits:   no; the lock is held for copies and swaps only.
 class AggregateStatus final : public CXObject {
 public:
     struct SubDevice {
         AudioObjectID deviceID = kAudioObjectUnknown; ///< unknown while absent
         bool isClock = false;
         bool isRunning = false;
-        CXRef<AggregateTrack> track; ///< none for those that run in the clock's own cycle
+        CXRef<AggregateTrack> track; ///< null for those that run in the clock device's cycle
     };
 
     static CXRef<AggregateStatus> init() { return CXRef<AggregateStatus>::adopt(new AggregateStatus); }

@@ -26,7 +26,7 @@ uint64_t sampleTimeOf(const AudioTimeStamp& now) noexcept
 
 const AudioBuffer& bufferOf(const AudioBufferList& list, uint32_t index) noexcept
 {
-    return *(&list.buffers[0] + index); // past the declared bound of one
+    return *(&list.buffers[0] + index); // the array is declared with one element
 }
 
 uint32_t firstFrameCount(const AudioBufferList* list) noexcept
@@ -117,7 +117,7 @@ void AggregateTrack::addStatus(AudioAggregateSubDeviceStatus& status) const noex
 {
     status.isRunning = 1;
     status.isCompensated = _isCompensated ? 1 : 0;
-    if (_output) { // read at the sub-device's pace: the slower it is, the more frames for each of its own
+    if (_output) { // negated: here the leader writes and the sub-device reads
         const ClockBridge::Status output = _output->status();
         status.partsPerMillion = -output.partsPerMillion;
         status.outputLevelFrames = output.levelFrames;

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-/// A sub-device while an aggregate runs: its streams, and how long its cycles are.
+/// The streams and cycle length of a sub-device during a run of an aggregate.
 struct AggregateTrackShape {
     AudioObjectID deviceID = kAudioObjectUnknown; ///< unknown while absent
     std::vector<uint32_t> inputChannels;          ///< of each stream
@@ -14,34 +14,34 @@ struct AggregateTrackShape {
     bool operator==(const AggregateTrackShape&) const = default;
 };
 
-/// The way between a sub-device and the aggregate's cycles when another device leads: a bridge in either
-/// direction where there are channels, and the samples of one of the aggregate's cycles.
-/// Threads:   the functions of the sub-device on its IO thread, those of the leader on the leader's, which
-///            may be the same; status() on any.
-/// Real time: all but making it, and status().
+/// Connects a sub-device to the aggregate's cycles when another device leads: a bridge for each direction
+/// that has channels, and the samples of one cycle of the aggregate.
+/// Threads:   run() on the sub-device's IO thread; begin(), end() and the blocks on the leader's, which may
+///            be the same; addStatus() on any.
+/// Real time: everything except creation and addStatus().
 class AggregateTrack final : public CXObject {
 public:
-    /// Between `shape` and a leader with cycles of `leaderFrames` at `leaderRate` Hz. Null when the rates are
-    /// too far apart to be converted.
+    /// Creates a track between `shape` and a leader with cycles of `leaderFrames` at `leaderRate` Hz. Returns
+    /// null if the rates are too far apart for the resampler.
     static CXRef<AggregateTrack> initWithShape(const AggregateTrackShape& shape, double leaderRate,
                                                uint32_t leaderFrames, bool isCompensated);
 
-    /// A cycle of the sub-device.
+    /// Processes a cycle of the sub-device.
     void run(const AudioTimeStamp& now, const AudioBufferList* input, AudioBufferList* output) noexcept
         CX_REALTIME;
 
-    /// The leader's cycle of at most `leaderFrames()` frames begins: the input blocks are filled now, the
-    /// output blocks are to be filled.
+    /// Begins a cycle of the leader of at most `leaderFrames()` frames: fills the input blocks. The caller
+    /// then fills the output blocks.
     void begin(const AudioTimeStamp& now, uint32_t frameCount) noexcept CX_REALTIME;
     std::span<const HALStreamBlock> inputBlocks() const noexcept CX_REALTIME { return _inputBlocks; }
     std::span<const HALStreamBlock> outputBlocks() const noexcept CX_REALTIME { return _outputBlocks; }
-    /// It ends: the output blocks go to the sub-device.
+    /// Ends the leader's cycle: sends the output blocks to the sub-device.
     void end(const AudioTimeStamp& now, uint32_t frameCount) noexcept CX_REALTIME;
 
     const AggregateTrackShape& shape() const noexcept { return _shape; }
     uint32_t leaderFrames() const noexcept { return _leaderFrames; }
     bool isCompensated() const noexcept { return _isCompensated; }
-    /// The rates and counts of both directions.
+    /// Adds the rates and counters of both directions to `status`.
     void addStatus(AudioAggregateSubDeviceStatus& status) const noexcept;
 
 private:
@@ -51,18 +51,18 @@ private:
     const AggregateTrackShape _shape;
     const uint32_t _leaderFrames;
     const bool _isCompensated;
-    CXRef<ClockBridge> _input;  // none without input channels
-    CXRef<ClockBridge> _output; // none without output channels
+    CXRef<ClockBridge> _input;  // null without input channels
+    CXRef<ClockBridge> _output; // null without output channels
 
-    // The leader's.
+    // Used by the leader's IO thread only.
     std::vector<std::vector<float>> _samples; // of each stream
     std::vector<HALStreamBlock> _inputBlocks, _outputBlocks;
 
-    // The sub-device's: its own buffers of the cycle under way.
+    // Used by the sub-device's IO thread only: its buffers in the current cycle.
     std::vector<HALStreamBlock> _deviceInput, _deviceOutput;
 };
 
-/// The frames of a cycle, by its lists; 0 when no stream has data.
+/// The number of frames in the lists of a cycle; 0 if no stream has data.
 uint32_t halFrameCount(const AudioBufferList* input, const AudioBufferList* output) noexcept CX_REALTIME;
-/// Points `blocks` at the buffers of `list`; false when their channels are others.
+/// Points `blocks` to the buffers of `list`; returns false if the channel counts differ.
 bool halTakeBlocks(const AudioBufferList* list, std::span<HALStreamBlock> blocks) noexcept CX_REALTIME;

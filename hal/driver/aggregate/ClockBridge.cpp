@@ -9,12 +9,12 @@ constexpr uint32_t fadeFrames = 64;
 uint64_t ringFrames(const ClockBridge::Settings& settings, const CompensatingResampler& resampler)
 {
     const double ratio = settings.writerRate / settings.readerRate;
-    // Three of each cycle for the delay, as much again for cycles that come late and in bursts.
+    // Up to three cycles of each side are the delay; the rest is for cycles that run late and in bursts.
     const double cycles = 8.0 * (settings.maxWriterFrames + settings.maxReaderFrames * ratio);
     return static_cast<uint64_t>(cycles) + 4096 + resampler.framesBefore() + resampler.framesAfter();
 }
 
-/// A ramp over frames [from, from + count) of a block, rising or falling.
+/// Applies a rising or falling ramp to the frames [from, from + count) of a block.
 void fade(const HALStreamBlock& block, uint32_t from, uint32_t count, bool rises) noexcept
 {
     for (uint32_t frame = 0; frame < count; ++frame) {
@@ -56,7 +56,7 @@ void ClockBridge::write(uint64_t hostNanoseconds, uint64_t sampleTime, std::span
     _nextSampleTime = sampleTime + frameCount;
     _hasWritten = true;
     if (_ring.writableFrames() < frameCount)
-        return; // the reader has stopped; where it goes on, the cycle reported then shows what is missing
+        return; // the reader has stopped; when it continues, the next cycle reported shows the gap
     uint32_t channel = 0;
     for (const HALStreamBlock& block : blocks) {
         _ring.put(block, channel, 0, frameCount);

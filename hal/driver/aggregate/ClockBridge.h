@@ -5,42 +5,43 @@
 
 #include <span>
 
-/// Carries frames from one device's cycles to another's, each with its own clock: written on one IO thread,
-/// read on another or on the same, at a delay that does not change.
+/// Transfers frames from one device's cycles to those of another device with its own clock, with a constant
+/// delay. Written on one IO thread, read on another or on the same.
 ///
-/// What lacks is silence, faded at its edges, and counted; what comes when there is no room is left out.
-/// Neither moves the frames around it: cycles that a device lost stay lost where they were.
+/// Missing frames are replaced by silence with faded edges, and counted. Frames for which the ring buffer has
+/// no room are dropped. Neither moves the frames before and after: cycles that a device lost remain gaps at
+/// their place.
 /// Threads:   write() on the writing device's IO thread, read() on the reading device's; status() on any.
-/// Real time: everything but making it.
+/// Real time: everything except creation.
 class ClockBridge final : public CXObject {
 public:
     struct Settings {
         double writerRate = 48000.0; ///< nominal, Hz
         double readerRate = 48000.0;
-        uint32_t maxWriterFrames = 512; ///< of the longest cycle; a longer one is left out
+        uint32_t maxWriterFrames = 512; ///< of the longest cycle; longer ones are dropped
         uint32_t maxReaderFrames = 512;
         uint32_t channelCount = 2;
-        bool compensates = true; ///< false: the clocks are one; frames pass unchanged between equal rates
+        bool compensates = true; ///< false: both have one clock; at equal rates frames are not changed
     };
-    /// Null when the rates are too far apart (CompensatingResampler::maxRatio).
+    /// Returns null if the rates are too far apart (CompensatingResampler::maxRatio).
     static CXRef<ClockBridge> initWithSettings(const Settings& settings);
 
-    /// Takes a cycle's samples, blocks of channelCount channels in all, at the time and the sample time at
-    /// which the cycle began.
+    /// Writes a cycle's samples, in blocks with channelCount channels in total. The cycle began at
+    /// `hostNanoseconds` and at `sampleTime`.
     void write(uint64_t hostNanoseconds, uint64_t sampleTime, std::span<const HALStreamBlock> blocks,
                uint32_t frameCount) noexcept CX_REALTIME;
-    /// Fills a cycle's blocks, of channelCount channels in all; one without samples is left out.
+    /// Fills a cycle's blocks, which have channelCount channels in total; a block without samples is skipped.
     void read(uint64_t hostNanoseconds, uint64_t sampleTime, std::span<const HALStreamBlock> blocks,
               uint32_t frameCount) noexcept CX_REALTIME;
 
     struct Status {
-        double partsPerMillion = 0.0; ///< how much faster than nominal the writer runs, against the reader
-        double levelFrames = 0.0;     ///< of the ring, after the reading position
-        double delayFrames = 0.0;     ///< that is held, in frames of the writer
+        double partsPerMillion = 0.0; ///< how much faster the writer's clock runs than the reader's
+        double levelFrames = 0.0;     ///< frames in the ring after the reading position
+        double delayFrames = 0.0;     ///< the delay that is maintained, in the writer's frames
         uint32_t resynchronisations = 0;
-        uint64_t lostFrames = 0; ///< of the reader, silent for want of input
+        uint64_t lostFrames = 0; ///< the reader's frames that were silent because no input was available
     };
-    /// As of the last read; its parts may be of two cycles.
+    /// The status after the last read. Its members may be of two consecutive cycles.
     Status status() const noexcept;
 
 private:
@@ -57,15 +58,15 @@ private:
     const CXRef<CompensatingResampler> _resampler;
     BridgeRing _ring;
 
-    // The writer's.
+    // Used by the writer only.
     uint64_t _nextSampleTime = 0;
     bool _hasWritten = false;
 
-    // The reader's.
+    // Used by the reader only.
     DriftController _controller;
     bool _wasSilent = true;
 
-    // For status(). Stored by the reader alone, each for itself: relaxed.
+    // For status(). Stored by the reader only; relaxed, because each value is independent of the others.
     std::atomic<double> _partsPerMillion{0.0};
     std::atomic<double> _levelFrames{0.0};
     std::atomic<double> _delayFrames{0.0};

@@ -8,32 +8,32 @@ namespace {
 
 constexpr double second = 1e9; // nanoseconds
 
-// The memory: enough at first that two late stamps do not look like another rate, at most what leaves a
-// temperature's wander (20 ppm in ten minutes) within a fraction of a frame.
+// The memory. Its minimum prevents two late stamps from looking like another rate; its maximum keeps the
+// error from temperature drift (20 ppm in ten minutes) below a fraction of a frame.
 constexpr double firstMemorySeconds = 0.1;
-constexpr double memoryGrowth = 0.45; // a memory of everything would keep what the first stamps got wrong
+constexpr double memoryGrowth = 0.45; // less than 1: errors of the first stamps are forgotten
 constexpr double settledMemorySeconds = 10.0;
 constexpr double maxMemorySeconds = 40.0;
 constexpr double muchJitter = 20e3;         // nanoseconds
-constexpr double driftMemorySeconds = 16.0; // from here on the rate's own drift stands out from noise
-constexpr double parabolaMemory = 2.25; // a parabola through so many times the stamps is as certain as a line
+constexpr double driftMemorySeconds = 16.0; // from here on the rate's drift exceeds the noise
+constexpr double parabolaMemory = 2.25; // with so many times the stamps, a parabola is as certain as a line
 
 constexpr double firstJitter = 100e3; // nanoseconds
 constexpr double minJitter = 500.0;
-constexpr double jitterSeconds = 2.0; // over which it is averaged
+constexpr double jitterSeconds = 2.0; // averaging time
 
-// A stamp that is late says little, for threads wake late by very different times; none is early by much. So
-// early ones weigh more, and late ones count no more than one that is late by twice the usual jitter. Where
-// lateness is distributed exponentially that leaves less than half of the mean's noise, and costs 1.4 times
-// it for symmetric noise.
-constexpr double weighingSeconds = 0.7; // from when on the errors are those of stamps
+// A late stamp tells little, because threads wake late by very different times; no stamp is early by much. So
+// early stamps have more weight, and late stamps are limited to twice the usual jitter. If lateness is
+// distributed exponentially, less than half of the mean's noise is left; symmetric noise becomes 1.4 times
+// larger.
+constexpr double weighingSeconds = 0.7; // memory from which on errors are errors of stamps, not of the rate
 constexpr double earlyWeight = 3.0;
 constexpr double lateWeight = 1.0 / 3.0;
 constexpr double maxEarly = 4.0; // jitters
 constexpr double maxLate = 2.0;
-constexpr double minDoubt = 3e6; // nanoseconds; what is nearer is never called wrong
+constexpr double minDoubt = 3e6; // nanoseconds; smaller errors are never doubted
 constexpr double doubtJitters = 20.0;
-constexpr double maxOtherRate = 0.4; // of the rate it had: further off, a device cannot go
+constexpr double maxOtherRate = 0.4; // of the previous rate; no device changes by more
 constexpr double trendSeconds = 1.5;
 constexpr double trendJitters = 10.0;
 constexpr double minTrend = 1000.0; // nanoseconds
@@ -87,24 +87,24 @@ void ClockTracker::_follow(double error, double frames) noexcept
     const double perSecond = second / (frames * _nominalPeriod);
     const double share = std::min(1.0, 1.0 / (jitterSeconds * perSecond) + 1.0 / static_cast<double>(_count));
     const double tolerated =
-        2.0 * maxEarly * _jitter; // so that one wild stamp does not open the door to others
+        2.0 * maxEarly * _jitter; // limited, so that one wild stamp does not widen the bound for others
     _jitter = std::max(minJitter, _jitter + share * (std::min(std::abs(error), tolerated) - _jitter));
 
-    // The less the stamps lie, the less of them it takes, and the sooner a change is seen.
+    // The smaller the jitter, the shorter the memory needed, and the sooner a change is detected.
     const double needed = maxMemorySeconds * _jitter / muchJitter;
     const double maxMemory =
         std::clamp(needed, settledMemorySeconds, maxMemorySeconds) * second / _nominalPeriod;
     _memory = std::min(_memory + memoryGrowth * frames, maxMemory);
     const double memorySeconds = _memory * _nominalPeriod / second;
     const double n = std::max(2.0, _memory / frames);
-    // At the very first a large error is the rate's, not the stamp's.
+    // At the beginning a large error is an error of the rate, not of the stamp.
     const double bound = memorySeconds < firstMemorySeconds ? minDoubt : maxEarly * _jitter;
     double weighed = std::clamp(error, -bound, bound);
     if (_isWeighing) {
         weighed = _weighed(error);
     } else {
-        // Weighing takes the earlier stamps for the truth. How much earlier they are is found out first, so
-        // that the line is moved there and not bent.
+        // Weighing moves the clock towards the early stamps. The distance is measured first and then added to
+        // the position at once, so that it does not change the rate.
         _earliness += std::min(0.5, 3.0 / (n + 1.0)) * _weighed(error - _earliness);
         if (memorySeconds >= weighingSeconds) {
             _isWeighing = true;
@@ -112,7 +112,7 @@ void ClockTracker::_follow(double error, double frames) noexcept
             weighed = 0.0;
         }
     }
-    // The first stamps say where the clock is, but next to nothing about its rate.
+    // The first stamps determine the clock's position, but hardly its rate.
     if (memorySeconds < driftMemorySeconds) {
         const double m = n + firstMemorySeconds * perSecond;
         _time += 2.0 * (2.0 * n - 1.0) / (n * (n + 1.0)) * weighed;
@@ -143,11 +143,11 @@ void ClockTracker::_watchForTrend(double error, double frames) noexcept
     const double share = frames * _nominalPeriod / (trendSeconds * second);
     _trend += std::min(1.0, share) * (error - _trend);
     _trendFrames += frames;
-    // The mean of n errors is uncertain by their size over the root of n.
+    // The uncertainty of the mean of n errors is their size divided by the square root of n.
     const double certain = trendJitters * _jitter * std::sqrt(std::min(1.0, share)) + minTrend;
     const double perSecond = second / _nominalPeriod; // frames
     if (std::abs(_trend) > 4.0 * certain && _memory > perSecond) {
-        // Another rate altogether: begin to learn it again, from where the clock is.
+        // An entirely different rate: learn it again, from the present position.
         _memory = firstMemorySeconds * perSecond;
         _change = 0.0;
         _isWeighing = false;
@@ -162,7 +162,7 @@ void ClockTracker::_watchForTrend(double error, double frames) noexcept
 
 ClockTracker::Outcome ClockTracker::_doubt(uint64_t host, uint64_t frame) noexcept
 {
-    // What the stamps say of the rate, they say only of a time without another stall or jump in it.
+    // Stamps can show a rate only if no further stall or jump is among them.
     const double sinceLast = static_cast<double>(host - std::exchange(_lastDoubtHost, host));
     const double due = static_cast<double>(frame - std::exchange(_lastDoubtFrame, frame)) * _period;
     const bool isNew = _doubtful == 0;
@@ -181,9 +181,9 @@ ClockTracker::Outcome ClockTracker::_doubt(uint64_t host, uint64_t frame) noexce
     const bool isEnough = static_cast<double>(host - _firstDoubtHost) > 3.0 * second;
     if (!isEnough && (_doubtful < 8 || elapsed < 0.1 * second))
         return Outcome::Ignored;
-    // They agree with each other. At the old rate: the clock has paused or jumped. At another one that a
-    // device can have: its rate was changed, or was never what it said. Otherwise it is catching up: wait for
-    // the end.
+    // The stamps agree with each other. At the old rate, the clock has paused or jumped. At another plausible
+    // rate, the device's rate was changed or was never the nominal one. Otherwise the device is catching up:
+    // wait until it has.
     const double period = elapsed / frames;
     const double against = period / _period;
     const bool isOldRate = std::abs(against - 1.0) < 0.01;

@@ -5,27 +5,27 @@
 
 namespace {
 
-// The loop that pulls the reading rate, in radians per second: 3 / t, and no narrower than what follows a
-// clock that wanders by 20 ppm in ten minutes to a fraction of a frame.
+// The bandwidth of the loop that corrects the reading rate, in radians per second: 3 / t, with a minimum that
+// follows a clock which drifts by 20 ppm in ten minutes to a fraction of a frame.
 constexpr double narrowing = 3.0;
 constexpr double widestSeconds = 0.3;
 constexpr double narrowest = 0.15;
 constexpr double damping = 0.9;
-constexpr double maxPull = 2e-3; // of the rate: a hundred frames a second, and three cents
+constexpr double maxPull = 2e-3; // of the rate: a hundred frames a second, or three cents
 
-// How late threads may be beyond their cycles.
+// How late threads may be, in addition to their cycles.
 constexpr double minMargin = 32.0; // frames
 constexpr double maxMarginSeconds = 0.005;
-constexpr double shortagesApartSeconds = 10.0; // nearer ones show that the margin is too small
-constexpr double sparedFrames = 8.0; // what is added to a margin that was too small, beyond the lack
+constexpr double shortagesApartSeconds = 10.0; // shortages closer together show that the margin is too small
+constexpr double sparedFrames = 8.0;           // added to the missing frames when the margin grows
 
-constexpr double minJump = 24.0; // frames: less is pulled
+constexpr double minJump = 24.0; // frames; smaller errors are corrected by the rate
 constexpr double maxJump = 480.0;
-constexpr uint64_t maxGapFrames = 1U << 20; // a longer gap in the sample time is a clock set anew
+constexpr uint64_t maxGapFrames = 1U << 20; // a longer gap in the sample time is a clock set to a new time
 
 double marginFor(const DriftController::Settings& settings, double longerCycle)
 {
-    // With the frames that the resampler reaches ahead, at most a cycle.
+    // At most a cycle, together with the resampler's look-ahead.
     const double usual = longerCycle - settings.framesAfter;
     return std::max(minMargin, std::min(usual, maxMarginSeconds * settings.writerRate));
 }
@@ -56,7 +56,7 @@ ReadPlan DriftController::plan(uint64_t hostNanoseconds, uint64_t sampleTime, ui
                                uint64_t firstFrame, uint64_t endFrame) noexcept
 {
     const uint64_t gap = sampleTime - _nextSampleTime;
-    if (_hasRead && gap > 0 && gap < maxGapFrames) // the cycles that the reader lost have passed all the same
+    if (_hasRead && gap > 0 && gap < maxGapFrames) // time has passed during the lost cycles
         _walk = _walk.after(static_cast<uint32_t>(gap));
     _hasRead = true;
     _nextSampleTime = sampleTime + frameCount;
@@ -134,8 +134,7 @@ bool DriftController::_mustJump(double error, uint32_t frameCount, uint64_t endF
 {
     if (_settings.compensates)
         return std::abs(error) > std::clamp(delay() / 4.0, minJump, maxJump);
-    // Left to themselves, clocks that differ after all move apart until there is nothing to read, or too
-    // much.
+    // If the clocks differ after all, reading drifts until frames are missing or too many are buffered.
     const CompensatingResampler::Walk end = _walk.after(frameCount);
     const auto lacking = static_cast<int64_t>(end.frame + _settings.framesAfter - endFrame);
     return (error < 0.0 && lacking > 0 && _hasSounded && -error > _margin()) || error > _longerCycle();
@@ -160,7 +159,7 @@ void DriftController::_steer(double error, uint32_t frameCount) noexcept
         return;
     const double width = std::max(narrowest, narrowing / (_seconds + widestSeconds));
     const double wanted = _wantedRatio();
-    // The spring may not be stiffer than a cycle can follow.
+    // Limits the stiffness to what updates once per cycle can follow.
     const double stiffness = std::min(width * elapsed, 0.5);
     const double pull =
         stiffness * (width * error / _settings.readerRate + 2.0 * damping * (wanted - _walk.step));
@@ -172,7 +171,7 @@ void DriftController::_steer(double error, uint32_t frameCount) noexcept
 void DriftController::_fit(ReadPlan& plan, uint32_t frameCount, uint64_t firstFrame,
                            uint64_t endFrame) const noexcept
 {
-    const auto framesTo = [this](uint64_t frame) { // output frames to reach a position, at least
+    const auto framesTo = [this](uint64_t frame) { // output frames before a position is reached
         const double distance =
             static_cast<double>(static_cast<int64_t>(frame - _walk.frame)) - _walk.fraction;
         return std::ceil(distance / _walk.step);
@@ -180,7 +179,7 @@ void DriftController::_fit(ReadPlan& plan, uint32_t frameCount, uint64_t firstFr
     const auto within = [frameCount](double frames) {
         return static_cast<uint32_t>(std::clamp(frames, 0.0, static_cast<double>(frameCount)));
     };
-    // The step changes by parts per million within a cycle, which moves no position by as much as a frame.
+    // The step changes by parts per million within a cycle, which moves no position by a whole frame.
     const double slack = _walk.stepChange == 0.0 ? 0.0 : 1.0;
     plan.silentFrames = within(framesTo(firstFrame + _settings.framesBefore));
     uint32_t end = within(framesTo(endFrame - _settings.framesAfter));
@@ -196,7 +195,7 @@ void DriftController::_noteShortage(const ReadPlan& plan, uint32_t frameCount, u
     const uint32_t served = plan.frameCount;
     if (served == frameCount) {
         _hasSounded = true;
-        // A shortage that was no stall, soon after another: the margin is too small for this machine.
+        // A shortage that was not a stall, soon after another one: the margin is too small for this computer.
         if (_shortage > 0.0 && _shortage <= _longerCycle() && _sinceShortage < shortagesApartSeconds &&
             _extraMargin < _longerCycle()) {
             _extraMargin = std::min(_extraMargin + _shortage + sparedFrames, _longerCycle());

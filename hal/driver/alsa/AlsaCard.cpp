@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t maxPcms = 64; // of a card; upper limit of what is listed
+constexpr size_t maxPcms = 64; // of a card; upper limit of the list
 
 } // namespace
 
@@ -128,5 +128,5 @@ std::optional<AlsaAbilities> AlsaCard::abilitiesInUse(unsigned pcm, HALDirection
 bool AlsaCard::readEvents()
 {
     const std::scoped_lock lock(_mutex);
-    return snd_hctl_handle_events(_mixer.all) >= 0; // the elements follow
+    return snd_hctl_handle_events(_mixer.all) >= 0; // updates the mixer's elements, too
 }

@@ -8,33 +8,36 @@
 #include <mutex>
 #include <poll.h>
 
-/// One card through its control device: which unit it is, which PCMs it has, its controls, and who uses it.
+/// One sound card, accessed through its control device: its identity, its PCMs, its controls, and whether
+/// other programs use it.
 /// Threads: any.
 class AlsaCard final : public CXObject {
 public:
-    /// Null when the card is gone or not ours to open. The kernel's /sys and /proc are below `root`.
+    /// Returns null if the card has disappeared or cannot be opened. The kernel's /sys and /proc are below
+    /// `root`.
     static CXRef<AlsaCard> open(int number, const std::filesystem::path& root);
 
     const int number;
     const AlsaIdentity& identity() const noexcept { return _identity; }
     const std::vector<AlsaPcmInfo>& pcms() const noexcept { return _pcms; }
     std::string pcmName(unsigned pcm) const;
-    /// As the card reports it now; none when the card is gone.
+    /// The card's current name; nothing if the card has disappeared.
     std::optional<std::string> name();
-    /// Whether more programs than ours use a direction of a PCM; `isOurs` when we do.
+    /// Whether another program uses a direction of a PCM; `isOurs` if this process uses it.
     bool isUsedElsewhere(unsigned pcm, HALDirection direction, bool isOurs);
-    /// What a direction of a PCM does for another program just now; none when that cannot be seen.
+    /// The abilities of a direction of a PCM with which another program uses it at present; nothing if they
+    /// cannot be read.
     std::optional<AlsaAbilities> abilitiesInUse(unsigned pcm, HALDirection direction) const;
 
-    /// Calls `work` with the controls, which no other thread uses meanwhile.
+    /// Calls `work` with the controls while no other thread uses them.
     template <class Work> auto withControls(Work work)
     {
         const std::scoped_lock lock(_mutex);
         return work(_mixer);
     }
-    /// Readable when readEvents() has something to do.
+    /// Readable when readEvents() has events to process.
     const pollfd& descriptor() const noexcept { return _descriptor; }
-    /// The controls follow the card's. False when the card is gone.
+    /// Updates the controls from the card's events. Returns false if the card has disappeared.
     bool readEvents();
 
     AlsaReservation& reservation() noexcept { return _reservation; }
@@ -54,6 +57,6 @@ private:
     pollfd _descriptor{};
     AlsaReservation _reservation;
 
-    std::mutex _mutex; // guards the next
+    std::mutex _mutex; // guards _mixer
     AlsaMixer _mixer;
 };

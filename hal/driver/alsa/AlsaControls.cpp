@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr unsigned maxItems = 64;   // of a choice; upper limit of what is listed
+constexpr unsigned maxItems = 64;   // of an input selection; upper limit of the list
 constexpr unsigned maxValues = 128; // of a control
 constexpr uint32_t internalSource = 1;
 constexpr uint32_t firstItemSource = 1;
@@ -26,7 +26,8 @@ bool isOutputJack(std::string_view name)
 
 } // namespace
 
-/// What alsa-lib has twice, and the elements' names by preference; what is not listed comes last.
+/// The functions that alsa-lib has for each direction, and the names of elements by preference; elements with
+/// other names come last.
 struct AlsaControls::Functions {
     std::array<std::string_view, 6> preferred;
     int (*hasVolume)(Element);
@@ -66,7 +67,8 @@ const AlsaControls::Functions AlsaControls::functions[2] = {
      snd_mixer_selem_set_playback_switch_all},
 };
 
-/// The steps of a volume control as amplitudes: by decibels where they are known, else as a slider's positions.
+/// Converts between the steps of a volume control and amplitudes: by decibels if the control has them,
+/// otherwise as positions of a slider.
 class AlsaControls::Scale {
 public:
     Scale(const Functions& functionsOfSide, Element element) : _functions(functionsOfSide), _element(element)
@@ -92,7 +94,7 @@ public:
             1.0F, static_cast<float>(std::pow(10.0, static_cast<double>(decibels - _maxDecibels) / 2000.0)));
     }
 
-    /// The nearest one.
+    /// The nearest step.
     long stepOf(float amplitude) const
     {
         long below = _min, above = _max;
@@ -117,7 +119,8 @@ AlsaControls::AlsaControls(AlsaPcmInfo pcm, HALDirection direction)
 
 // ---- Volume and mute
 
-/// The element with what `has` looks for that suits the direction best. A card's elements are its first PCM's.
+/// Returns the element for which `has` is true and that suits the direction best. A card's elements belong to
+/// its first PCM.
 Element AlsaControls::_find(const AlsaMixer& mixer, int (*has)(Element)) const
 {
     const auto& preferred = _functions.preferred;
@@ -129,8 +132,9 @@ Element AlsaControls::_find(const AlsaMixer& mixer, int (*has)(Element)) const
         const auto place = std::ranges::find(preferred, name);
         const bool isCommon =
             snd_mixer_selem_has_common_volume(each) || snd_mixer_selem_has_common_switch(each);
-        // An element of both directions belongs to the one that its name is usual for; a microphone's, among the
-        // outputs, is what plays it through; one of a group of switches chooses an input.
+        // An element of both directions belongs to the direction for which its name is preferred. A
+        // microphone element among the outputs controls its playback, and an element of an exclusive group of
+        // switches selects an input: neither is suitable.
         const bool isOther =
             (isCommon && place == preferred.end()) ||
             (_direction == HALDirection::Output && name.starts_with("Mic")) ||
@@ -145,7 +149,7 @@ Element AlsaControls::_find(const AlsaMixer& mixer, int (*has)(Element)) const
     return best;
 }
 
-/// Reads the steps of each channel, or the one for all. Null when there is no volume.
+/// Reads the steps of each channel, or the common one. Returns null if there is no volume.
 Element AlsaControls::_readVolume(const AlsaMixer& mixer)
 {
     Element const element = _find(mixer, _functions.hasVolume);
@@ -218,7 +222,7 @@ int AlsaControls::setMuted(const AlsaMixer& mixer, bool muted) const
 
 // ---- Data sources
 
-/// The control that chooses what the card records; null when there is none.
+/// The control that selects the card's input; null if there is none.
 snd_hctl_elem_t* AlsaControls::_choice(const AlsaMixer& mixer) const
 {
     snd_ctl_elem_info_t* info = nullptr;
@@ -254,7 +258,7 @@ void AlsaControls::_readChoice(snd_hctl_elem_t* choice, HALDirectionState& state
         state.dataSourceID = firstItemSource + snd_ctl_elem_value_get_enumerated(value, 0);
 }
 
-/// "Headphone Jack", or "HDMI/DP,pcm=3 Jack" for that of one PCM.
+/// Jacks have names like "Headphone Jack", or "HDMI/DP,pcm=3 Jack" for the jack of one PCM.
 void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirectionState& state) const
 {
     const bool isOutput = _direction == HALDirection::Output;
@@ -276,7 +280,8 @@ void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirectionState& state) 
                 {internalSource, isOutput ? "Internal Speaker" : "Internal Microphone"});
             state.dataSourceID = internalSource;
         }
-        // Kept as long as the card is there: numbers of controls are from 1, so none is the internal one's.
+        // Source IDs are stable while the card exists. They differ from internalSource, because numids begin
+        // at 1.
         const uint32_t sourceID = internalSource + snd_hctl_elem_get_numid(each);
         state.dataSources.push_back({sourceID, dxr::utf8Replaced(name.substr(0, label))});
         if (state.dataSourceID == internalSource && snd_ctl_elem_value_get_boolean(value, 0))
@@ -284,7 +289,7 @@ void AlsaControls::_readJacks(const AlsaMixer& mixer, HALDirectionState& state) 
     }
 }
 
-/// Jacks choose by themselves.
+/// Returns -ENOENT if the card has no input selection; jacks select their source themselves.
 int AlsaControls::setDataSource(const AlsaMixer& mixer, uint32_t sourceID) const
 {
     snd_hctl_elem_t* const choice = _choice(mixer);

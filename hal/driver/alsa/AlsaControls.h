@@ -6,14 +6,14 @@
 
 #include <alsa/asoundlib.h>
 
-/// A card's controls, as alsa-lib keeps them in step with the card.
+/// A card's controls, which alsa-lib keeps up to date.
 struct AlsaMixer {
     snd_mixer_t* elements = nullptr; ///< volumes and switches
-    snd_hctl_t* all = nullptr;       ///< and the rest
+    snd_hctl_t* all = nullptr;       ///< all controls
 };
 
-/// The controls of a card that belong to one direction of one of its PCMs: volume, mute, the choice of an input, jacks.
-/// Amplitude 1 is the control's maximum.
+/// The controls of a card that belong to one direction of one of its PCMs: volume, mute, input selection,
+/// jacks. Amplitude 1 is the control's maximum.
 /// Threads: one at a time; the card's lock is held.
 class AlsaControls {
 public:
@@ -22,7 +22,7 @@ public:
     /// Reads volumes, mute and data sources; the direction has `channelCount` channels.
     void read(const AlsaMixer& mixer, uint32_t channelCount, HALDirectionState& state);
 
-    /// All return 0 or a negative errno; -ENOENT where there is no such control.
+    /// Each returns 0 or a negative errno; -ENOENT if there is no such control.
     int setVolume(const AlsaMixer& mixer, uint32_t element, float scalar);
     int setMuted(const AlsaMixer& mixer, bool muted) const;
     int setDataSource(const AlsaMixer& mixer, uint32_t sourceID) const;
@@ -41,9 +41,9 @@ private:
 
     const AlsaPcmInfo _pcm;
     const HALDirection _direction;
-    const bool _isCards; // whether the card's controls are of this PCM
+    const bool _isCards; // whether the card's controls belong to this PCM
     const Functions& _functions;
-    // What the volume control rounds to its steps reads as it was written.
+    // The volume as written, before the control rounded it to its steps: a read returns the written value.
     HALVolume _volume;
-    std::vector<long> _steps; // of the control, for which _volume has the amplitudes
+    std::vector<long> _steps; // the control's steps at which _volume is valid
 };

@@ -44,7 +44,7 @@ AlsaDevice::AlsaDevice(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t pe
       _runState{.changed = std::move(wake)}, _isProbed{!_pcm.has[0], !_pcm.has[1]}, _sink(&sink)
 {}
 
-// ---- What it is
+// ---- State
 
 HALDeviceState AlsaDevice::state() const
 {
@@ -62,7 +62,7 @@ void AlsaDevice::refresh()
     HALDeviceState now = _state;
     _describe(*cardName, now);
     _readControls(now);
-    if (now.sampleRates.empty()) // its directions have no rate in common
+    if (now.sampleRates.empty()) // the directions have no common rate
         return;
     if (!_isAdded)
         _add(std::move(now));
@@ -70,7 +70,7 @@ void AlsaDevice::refresh()
         _sink->deviceChanged(*this, _state = std::move(now));
 }
 
-/// Whether it is known what the device can do. _stateMutex is held.
+/// Reads the device's abilities as far as needed; returns whether they are known. _stateMutex is held.
 bool AlsaDevice::_probe()
 {
     bool isKnown = true;
@@ -80,7 +80,7 @@ bool AlsaDevice::_probe()
             continue;
         int error = 0;
         auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
-        // Asked once more after the next use; otherwise never, for to ask is a use.
+        // Probed again only if it was in use, because probing opens the device.
         _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES;
         if (!_isProbed[place])
             can = _abilities[place] ? _abilities[place] : _card->abilitiesInUse(_pcm.number, direction);
@@ -90,7 +90,7 @@ bool AlsaDevice::_probe()
     return isKnown && (_abilities[0] || _abilities[1]);
 }
 
-/// Writes what may have changed since `state`. _stateMutex is held.
+/// Updates everything in `state` that may have changed, except controls. _stateMutex is held.
 void AlsaDevice::_describe(const std::string& cardName, HALDeviceState& state) const
 {
     const std::string& own = _pcm.name.empty() ? _pcm.id : _pcm.name;
@@ -184,7 +184,7 @@ void AlsaDevice::stopIO()
     _table = nullptr;
 }
 
-/// Starts the run that the state describes. _ioMutex is held.
+/// Starts a run with the rate, cycle and channels of the state. _ioMutex is held.
 HALStatus AlsaDevice::_start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused)
 {
     const AlsaQuiet quiet;
@@ -214,7 +214,7 @@ HALStatus AlsaDevice::setBufferFrameSize(uint32_t frameCount, HALDeadline deadli
     return _retime(0.0, frameCount, deadline);
 }
 
-/// Changes the rate and the frames of a cycle; 0 leaves a value as it is. A running device is restarted.
+/// Changes the rate and the frames per cycle; 0 keeps the present value. Restarts a running device.
 HALStatus AlsaDevice::_retime(double rate, uint32_t frameCount, HALDeadline deadline)
 {
     const auto set = [this](double newRate, uint32_t newFrameCount) {

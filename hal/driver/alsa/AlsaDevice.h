@@ -6,20 +6,20 @@
 
 #include <atomic>
 
-/// One PCM of a card with its two directions: a device.
+/// A device: one PCM of a card with its two directions.
 /// Threads: as HALDeviceDriver; detach() on the watching thread.
 class AlsaDevice final : public HALDeviceDriver {
 public:
-    /// `wake` makes the watching thread call refresh() soon; it may be called on the IO thread.
+    /// `wake` makes the watching thread call refresh() soon; it may be called on an IO thread.
     static CXRef<AlsaDevice> init(const CXRef<AlsaCard>& card, AlsaPcmInfo pcm, uint32_t periodCount,
                                   HALDriverSink& sink, std::function<void()> wake);
 
-    /// Reports the device as it is now. It is added once it could be asked what it can do, or shows what it does for another
-    /// program; one that was in use then is asked again.
+    /// Reports the device's current state. The device is added once its abilities are known, by probing it or
+    /// from its use by another program. A device that was in use is probed again later.
     void refresh();
-    /// Ends IO; nothing is reported from now on. Returns whether the device was added.
+    /// Ends IO and reporting. Returns whether the device was added.
     bool detach();
-    /// As it was reported last; without streams before the device is added.
+    /// The state reported last; without streams before the device is added.
     HALDeviceState state() const;
 
     HALStatus setNominalSampleRate(double rate, HALDeadline deadline) override;
@@ -51,19 +51,19 @@ private:
     const uint32_t _periodCount;
     std::array<AlsaControls, 2> _controls; // by HALDirection; under the card's lock
 
-    // Taken before _stateMutex, and never while the sink is called: stopIO() needs it.
+    // Locked before _stateMutex, and never held while the sink is called, because stopIO() locks it.
     std::mutex _ioMutex;
     AlsaRunState _runState;
-    CXRef<HALIOProcTable> _table; // while IO is wanted
+    CXRef<HALIOProcTable> _table; // null unless IO is wanted
     std::unique_ptr<AlsaRun> _run;
-    // Set and read without the mutex too: clients that start a device again and again would keep it from who takes the
-    // device down.
+    // Also set and read without _ioMutex: clients that repeatedly start a device could otherwise keep the
+    // mutex from detach().
     std::atomic<bool> _isGone{false};
 
     mutable std::mutex _stateMutex; // guards what follows; held while the sink is called
     std::array<std::optional<AlsaAbilities>, 2> _abilities; // by HALDirection
     std::array<bool, 2> _isProbed;
     HALDeviceState _state;
-    HALDriverSink* _sink; // null when detached
+    HALDriverSink* _sink; // null after detach()
     bool _isAdded = false;
 };

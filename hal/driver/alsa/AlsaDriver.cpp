@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr int maxCards = 256;                                         // the kernel has room for 32, or 256
-constexpr uint32_t cardAppears = IN_CREATE | IN_MOVED_TO | IN_ATTRIB; // its file, or its rights
+constexpr int maxCards = 256;                                         // the kernel's limit is 32 or 256
+constexpr uint32_t cardAppears = IN_CREATE | IN_MOVED_TO | IN_ATTRIB; // its file, or access rights
 constexpr uint32_t cardIsUsed = IN_OPEN | IN_CLOSE;                   // by any program
 
 } // namespace
@@ -79,14 +79,14 @@ void AlsaDriver::_run()
         for (const auto& [number, entry] : _cards)
             entry.card->reservation().process();
         const std::vector<int> appeared = _readFolder();
-        _dropCardsThatAreGone(); // before the next card gets such a number
+        _dropCardsThatAreGone(); // first, because a new card may reuse the number
         for (const int number : appeared)
             _openCard(number);
         _refresh();
     }
 }
 
-/// Until a card, a run, a program or the bus has something to report.
+/// Waits until a card, a run, another program or the bus has an event.
 void AlsaDriver::_wait()
 {
     std::vector<pollfd> polled{{_wakeUps, POLLIN, 0}, {_folder, POLLIN, 0}};
@@ -95,20 +95,20 @@ void AlsaDriver::_wait()
         polled.push_back({entry.card->reservation().descriptor(), POLLIN, 0});
     }
     if (poll(polled.data(), polled.size(), -1) < 0 && errno != EINTR)
-        usleep(100'000); // out of memory: no reason to spin
+        usleep(100'000); // out of memory: do not spin
     uint64_t count = 0;
     [[maybe_unused]] const ssize_t size = read(_wakeUps, &count, sizeof count);
 }
 
-/// The folder exists while there are cards, or once there was one.
+/// The folder /dev/snd may appear only with the first card.
 void AlsaDriver::_watchFolder()
 {
     _devWatch = inotify_add_watch(_folder, "/dev", IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
     inotify_add_watch(_folder, "/dev/snd", cardAppears | cardIsUsed | IN_ONLYDIR);
 }
 
-/// The numbers of the cards that may have appeared, or their rights: a card's control device comes last, and the card is
-/// complete then.
+/// The numbers of the cards that may have appeared or become accessible. A card's control device is created
+/// last, so the card is then complete.
 std::vector<int> AlsaDriver::_readFolder()
 {
     std::vector<int> numbers;
@@ -160,13 +160,14 @@ void AlsaDriver::_dropCardsThatAreGone()
         }
         card = _cards.erase(card);
     }
-    // Not under the mutex: this waits for the IO callbacks to end, and one of them may choose a default device.
+    // The mutex is not held: this waits for the IO callbacks to end, and one of them may be choosing a
+    // default device.
     for (const CXRef<AlsaDevice>& device : gone)
         if (device->detach())
             _sink->deviceRemoved(*device);
 }
 
-/// Reads the state of every device after any event. A device reports only what has changed.
+/// Refreshes every device after any event. A device reports only what has changed.
 void AlsaDriver::_refresh()
 {
     for (const auto& [number, entry] : _cards)
@@ -203,8 +204,8 @@ void AlsaDriver::_updateDefaults()
     }
 }
 
-/// The chosen device while it is there, else the one that it was, else the first card's first; those that lead to a screen
-/// come last.
+/// Returns the chosen device if present, else the current default, else the first device of the first card.
+/// HDMI devices come last.
 CXRef<AlsaDevice> AlsaDriver::_bestDefault(HALDirection direction, const std::string& chosenUID,
                                            const CXRef<AlsaDevice>& current) const
 {

@@ -5,15 +5,15 @@
 #include <filesystem>
 #include <map>
 
-/// The sound cards of this machine without a sound server: a device for each PCM, volumes, inputs and jacks, as cards
-/// come and go. The default devices are the process's own.
-/// Threads: as HALHardwareDriver; one of its own watches the cards, and each device that runs has one.
-/// Fails:   without cards there are no devices, until there are. A card that another program uses stays listed when it was
-///          free before; starting it returns 'what'.
+/// The sound cards of this machine without a sound server: a device for each PCM, with volumes, inputs and
+/// jacks. Follows cards as they appear and disappear. The default devices are those of this process only.
+/// Threads: as HALHardwareDriver. One thread watches the cards; each running device has an IO thread.
+/// Fails:   without cards there are no devices until a card appears. A card that another program uses stays
+///          in the list if it was free before; starting it returns 'what'.
 class AlsaDriver final : public HALHardwareDriver {
 public:
-    /// A device's ring is `periodCount` cycles long: 3, or 2 for less latency and less time for each cycle. The kernel's
-    /// /sys and /proc are below `root`.
+    /// The ring buffers of the devices hold `periodCount` cycles: 3, or 2 for less latency but less time for
+    /// each cycle. The kernel's /sys and /proc are below `root`.
     static CXRef<AlsaDriver> init(uint32_t periodCount = 3, std::filesystem::path root = "/");
 
     void start(HALDriverSink& sink) override;
@@ -43,14 +43,14 @@ private:
 
     const uint32_t _periodCount;
     const std::filesystem::path _root;
-    const int _wakeUps; // eventfd: a run has changed, or the thread is to end
+    const int _wakeUps; // eventfd: a run has changed, or the thread must end
     const int _folder;  // inotify; -1 when nothing can be watched
-    int _devWatch = -1; // the watch of /dev
+    int _devWatch = -1; // the inotify watch of /dev
     std::atomic<bool> _isStopping{false};
     HALDriverSink* _sink = nullptr;
 
-    std::mutex _mutex; // guards what follows; held while the sink hears of a default device
-    // By number. Only start(), the watching thread and stop() change it, and these read it without the mutex.
+    std::mutex _mutex; // guards what follows; held while a default device is reported
+    // By number. Changed only by start(), stop() and the watching thread, which read it without the mutex.
     std::map<int, Entry> _cards;
     std::array<std::string, 3> _chosen; // UIDs, by HALDefault; empty: none chosen
     std::array<CXRef<AlsaDevice>, 3> _defaults;

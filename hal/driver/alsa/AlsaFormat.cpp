@@ -6,16 +6,16 @@
 
 namespace {
 
-/// `sample` within -1..1; NaN is 0.
+/// Clips `sample` to -1..1; NaN becomes 0.
 float clipped(float sample) noexcept
 {
     const float low = sample >= -1.0F ? sample : (sample < -1.0F ? -1.0F : 0.0F);
     return low <= 1.0F ? low : 1.0F;
 }
 
-// Each reads and writes one sample of a format at an address of any alignment.
+// Each type reads and writes one sample of a format at an address of any alignment.
 
-/// In the lower `bits` of `byteCount` bytes.
+/// An integer in the lower `bits` of `byteCount` bytes.
 template <size_t byteCount, unsigned bits> struct Integer {
     static constexpr size_t size = byteCount;
     static float read(const std::byte* from) noexcept
@@ -27,10 +27,10 @@ template <size_t byteCount, unsigned bits> struct Integer {
     static void write(float sample, std::byte* to) noexcept
     {
         int32_t value = 0;
-        if constexpr (bits == 32) { // more than a float has: nothing to round
+        if constexpr (bits == 32) { // more bits than a float has: no rounding needed
             value = static_cast<int32_t>(std::min(clipped(sample) * 0x1p31F, 0x1.fffffep30F));
         } else {
-            // Shifted to positive numbers, cutting off rounds.
+            // Shifted to positive numbers, so that truncation rounds to nearest.
             constexpr int32_t half = 1 << (bits - 1);
             const double shifted = static_cast<double>(clipped(sample)) * half + (half + 0.5);
             value = std::min(static_cast<int32_t>(shifted) - half, half - 1);

@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t maxAttributeBytes = 256;
 
-/// The first line of a file of the kernel's; empty when there is none.
+/// The first line of a kernel attribute file; empty if it cannot be read.
 std::string attribute(const fs::path& file)
 {
     std::ifstream stream(file);
@@ -31,7 +31,7 @@ uint32_t transportOf(const AlsaCardInfo& info)
                                                      : kAudioDeviceTransportTypeBuiltIn;
 }
 
-/// Of a unit on USB: by maker, product and serial number, or by where it is plugged in when it has none.
+/// Identifies a USB unit by vendor, product and serial number, or by its port if it has no serial number.
 void identifyUSB(AlsaIdentity& identity, const fs::path& unit)
 {
     identity.place = unit.filename().string();
@@ -57,7 +57,7 @@ AlsaIdentity alsaIdentity(int cardNumber, const AlsaCardInfo& info, const fs::pa
     std::error_code missing;
     const fs::path device =
         fs::canonical(system / "class/sound" / ("card" + std::to_string(cardNumber)) / "device", missing);
-    // The long name has the place; the identifier is numbered by order of arrival.
+    // The long name contains the place; the identifier is numbered in order of appearance.
     const std::string place = !missing                ? device.filename().string()
                               : info.longName.empty() ? info.id
                                                       : info.longName;

@@ -10,14 +10,14 @@ constexpr std::array<uint32_t, 13> usualRates{8000,  11025, 16000,  22050,  3200
                                               88200, 96000, 176400, 192000, 352800, 384000};
 constexpr uint32_t minCycleFrames = 16;
 constexpr uint32_t maxCycleFrames = 8192;
-constexpr uint32_t usualChannels = 8; // of a device that takes any number
+constexpr uint32_t usualChannels = 8; // for a device that supports any number
 constexpr uint32_t maxChannels = 256;
-constexpr uint64_t maxStampAge = 1'000'000'000; // nanoseconds; an older one is nonsense
+constexpr uint64_t maxStampAge = 1'000'000'000; // nanoseconds; older stamps are invalid
 
-/// The error of the calls so far.
+/// The first error of a sequence of calls, which ends at that error.
 class Calls {
 public:
-    /// Whether this one has failed.
+    /// Stores the error in `result`, if any; returns whether `result` is an error.
     bool failed(int result) noexcept { return (_error = std::min(result, 0)) < 0; }
     int error() const noexcept { return _error; }
 
@@ -25,7 +25,7 @@ private:
     int _error = 0;
 };
 
-/// Opens a direction of a device, and leaves of its configurations those that the driver can use.
+/// Opens a direction of a device and restricts its configurations to those that the driver supports.
 int openUsable(const std::string& name, HALDirection direction, snd_pcm_t*& pcm,
                snd_pcm_hw_params_t* hardware, bool& isMapped, const AlsaFormat*& format)
 {
@@ -63,7 +63,8 @@ AlsaPcm::~AlsaPcm()
     snd_pcm_close(_pcm);
 }
 
-/// Periods of one cycle where the device can, else of about that: cycles are made of what has come, not of periods.
+/// Configures periods of one cycle, or nearly that: a cycle begins when its frames are available, whatever
+/// the period.
 int AlsaPcm::_configure(HALDirection direction, const AlsaSetup& setup)
 {
     snd_pcm_hw_params_t* hardware = nullptr;
@@ -72,7 +73,7 @@ int AlsaPcm::_configure(HALDirection direction, const AlsaSetup& setup)
     snd_pcm_uframes_t ring = _frameCount * setup.periodCount;
     int side = 0;
     Calls calls;
-    // What else runs on the device may leave it fewer or more channels than it had when it was asked.
+    // The number of channels may differ from that of probe(), because of other programs that use the device.
     _ringChannels = _channels;
     if (calls.failed(openUsable(setup.pcmName, direction, _pcm, hardware, _isMapped, _format)) ||
         calls.failed(snd_pcm_hw_params_set_rate(_pcm, hardware, setup.rate, 0)) ||
@@ -86,7 +87,7 @@ int AlsaPcm::_configure(HALDirection direction, const AlsaSetup& setup)
         static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(setup.periodCount, _ringFrames / _frameCount));
     if (_periodCount < 2 || _ringChannels == 0 || _ringChannels > maxChannels)
         return -EINVAL;
-    // Of a ring that is longer than the cycles wanted, the rest stays empty.
+    // If the ring is longer than its cycles, the rest stays empty.
     _neededFrames = _isCapture ? _frameCount : _ringFrames - (_periodCount - 1) * _frameCount;
     _scratch.resize(_isMapped ? 0 : _frameCount * _ringChannels * _format->sampleBytes);
     if (calls.failed(_configureStart()))
@@ -94,8 +95,8 @@ int AlsaPcm::_configure(HALDirection direction, const AlsaSetup& setup)
     return snd_pcm_poll_descriptors(_pcm, &_descriptor, 1) == 1 ? 0 : -EINVAL;
 }
 
-/// It starts when start() is called, and stops when it runs empty or over: with a threshold beyond the ring it would go on
-/// unnoticed.
+/// Configures the device to start in start() and to stop on an overload. With a stop threshold beyond the
+/// ring's length, an overload would go unnoticed.
 int AlsaPcm::_configureStart()
 {
     snd_pcm_sw_params_t* software = nullptr;
@@ -161,7 +162,7 @@ std::optional<AlsaAbilities> AlsaPcm::usable(AlsaAbilities can)
 
 int AlsaPcm::prepare()
 {
-    snd_pcm_drop(_pcm); // it may still run, after an error of the other direction
+    snd_pcm_drop(_pcm); // it may still be running after an error of the other direction
     return std::min(snd_pcm_prepare(_pcm), 0);
 }
 
@@ -181,7 +182,8 @@ int AlsaPcm::start()
 
 int AlsaPcm::errorIn(short events) const noexcept
 {
-    // Of a device that is gone the kernel may report this alone: its state still reads as running.
+    // For a device that has disappeared the kernel may report only this event: the state still reads as
+    // running.
     if ((events & (POLLNVAL | POLLHUP)) != 0)
         return -ENODEV;
     if ((events & POLLERR) == 0)
@@ -215,7 +217,7 @@ AlsaPcm::Stamp AlsaPcm::stamp() noexcept
     const uint64_t now = dxr::HostClock::nowTicks();
     const int error = snd_pcm_htimestamp(_pcm, &available, &time);
     uint64_t stamp = static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
-    // Some drivers have no stamps, or stamps of another clock.
+    // Some drivers have no time stamps, or stamps of another clock.
     if (error < 0 || stamp > now + maxStampAge || stamp + maxStampAge < now)
         stamp = now;
     available = std::min(available, _ringFrames);
@@ -269,7 +271,7 @@ int AlsaPcm::_transferByCalls(float* samples) noexcept
         const snd_pcm_uframes_t left = _frameCount - moved;
         const snd_pcm_sframes_t count =
             _isCapture ? snd_pcm_readi(_pcm, place, left) : snd_pcm_writei(_pcm, place, left);
-        if (count <= 0) // isReady() has found room
+        if (count <= 0) // unexpected: isReady() has found room
             return count < 0 && count != -EAGAIN ? static_cast<int>(count) : -EPIPE;
         moved += std::min(static_cast<snd_pcm_uframes_t>(count), left);
     }

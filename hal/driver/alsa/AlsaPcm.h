@@ -10,21 +10,21 @@
 #include <string>
 #include <vector>
 
-/// How a device is to run.
+/// The configuration in which a device runs.
 struct AlsaSetup {
     std::string pcmName;                ///< "hw:1,0"
     std::string deviceName;             ///< for messages
-    std::array<uint32_t, 2> channels{}; ///< by HALDirection; 0: it does not have that direction
+    std::array<uint32_t, 2> channels{}; ///< by HALDirection; 0: the device does not have the direction
     uint32_t rate = 0;                  ///< Hz
-    uint32_t frameCount = 0;            ///< of a cycle
-    uint32_t periodCount = 3;           ///< cycles that the ring is long; fewer where it has no room
+    uint32_t frameCount = 0;            ///< frames per cycle
+    uint32_t periodCount = 3;           ///< cycles that the ring holds; fewer if its maximum length is less
 };
 
-/// What one direction of a device can do.
+/// The abilities of one direction of a device.
 struct AlsaAbilities {
     uint32_t channelCount = 0;
     std::vector<uint32_t> rates; ///< Hz, ascending
-    uint32_t minFrames = 0;      ///< of a cycle
+    uint32_t minFrames = 0;      ///< frames per cycle
     uint32_t maxFrames = 0;
 };
 
@@ -33,46 +33,51 @@ constexpr snd_pcm_stream_t alsaStream(HALDirection direction) noexcept
     return direction == HALDirection::Input ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK;
 }
 
-/// One direction of a device, open. Frames go in and out through its ring, mapped or by read and write.
+/// One direction of an open device. Frames are transferred through its ring buffer, mapped or by read and
+/// write calls.
 /// Threads:   one at a time.
 /// Real time: where marked.
-/// Fails:     with a negative errno: -EPIPE is an overload, -ESTRPIPE a suspend, -ENODEV a device that is gone.
+/// Fails:     with a negative errno: -EPIPE for an overload, -ESTRPIPE for a suspend, -ENODEV if the device
+///            has disappeared.
 class AlsaPcm {
 public:
-    /// Null, and `error`, when the device is gone, used by another program or not able to run like this.
+    /// Opens the device. Returns null and sets `error` if the device has disappeared, is used by another
+    /// program or does not support `setup`.
     static std::unique_ptr<AlsaPcm> open(HALDirection direction, const AlsaSetup& setup, int& error);
-    /// Asks a device that no one uses; none, and `error`, when it cannot be asked or has nothing that we can use.
+    /// Reads the abilities of a device that is not in use. Returns nothing and sets `error` if it cannot be
+    /// opened or has no configuration that the driver supports.
     static std::optional<AlsaAbilities> probe(const std::string& name, HALDirection direction, int& error);
-    /// What of `can` the driver can use.
+    /// The part of `can` that the driver supports; nothing if there is none.
     static std::optional<AlsaAbilities> usable(AlsaAbilities can);
     ~AlsaPcm();
     AlsaPcm(const AlsaPcm&) = delete;
     AlsaPcm& operator=(const AlsaPcm&) = delete;
 
-    /// From now on prepare() and start() act on both. False when they cannot be linked.
+    /// Links both directions: prepare() and start() then act on both. Returns false if they cannot be linked.
     bool link(AlsaPcm& other) { return snd_pcm_link(_pcm, other._pcm) == 0; }
     int prepare();
     /// Fills the ring with periodCount cycles of silence.
     int fill() noexcept;
     int start();
-    /// For poll(); the same until the end.
+    /// For poll(). Does not change.
     const pollfd& descriptor() const noexcept { return _descriptor; }
-    /// Cycles that the ring holds.
+    /// The number of cycles that the ring holds.
     uint32_t periodCount() const noexcept { return _periodCount; }
 
-    /// Where the device's clock was at a moment.
+    /// The position of the device's clock at a time.
     struct Stamp {
         uint64_t hostNanoseconds;
         uint64_t position; ///< frames captured or played since prepare()
     };
 
-    /// The error in what poll() returned for the descriptor; 0 when there is none.
+    /// The error in `events`, which poll() returned for the descriptor; 0 if there is none.
     int errorIn(short events) const noexcept;
-    /// Whether a cycle's frames have been captured, or can be written without more than periodCount cycles waiting in
-    /// the ring; or an error.
+    /// Returns 1 if a cycle's frames have been captured, or if a cycle can be written without more than
+    /// periodCount cycles in the ring; 0 if not; or an error.
     int isReady() noexcept CX_REALTIME;
     Stamp stamp() noexcept CX_REALTIME;
-    /// Moves one cycle's interleaved frames of as many channels as set up; null `samples` are silence.
+    /// Transfers the interleaved frames of one cycle, with the channels of the setup. Null `samples` mean
+    /// silence.
     int transfer(float* samples) noexcept CX_REALTIME;
 
 private:
@@ -89,14 +94,14 @@ private:
     snd_pcm_t* _pcm = nullptr;
     const bool _isCapture;
     const uint32_t _channels;
-    const snd_pcm_uframes_t _frameCount; // of a cycle
+    const snd_pcm_uframes_t _frameCount; // frames per cycle
     const AlsaFormat* _format = nullptr;
     bool _isMapped = false;
     uint32_t _ringChannels = 0;
     uint32_t _periodCount = 0;
     snd_pcm_uframes_t _ringFrames = 0;
-    snd_pcm_uframes_t _neededFrames = 0; // that have to be available for a cycle
+    snd_pcm_uframes_t _neededFrames = 0; // available frames required for a cycle
     uint64_t _transferred = 0;           // frames since prepare()
-    std::vector<std::byte> _scratch;     // one cycle, where the ring is not mapped
+    std::vector<std::byte> _scratch;     // one cycle, if the ring is not mapped
     pollfd _descriptor{};
 };

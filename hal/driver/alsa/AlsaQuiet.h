@@ -2,13 +2,13 @@
 
 #include <alsa/asoundlib.h>
 
-// The library's own declaration is outside its extern "C".
+// alsa-lib declares this function outside its extern "C".
 extern "C" snd_local_error_handler_t alsaSetLocalErrorHandler(snd_local_error_handler_t handler) noexcept
     __asm__("snd_lib_error_set_local");
 
-/// While it lives, alsa-lib prints nothing to standard error from the calling thread. A handler that the application
-/// itself has set for the process is left alone.
-/// Threads: the one that made it.
+/// During its lifetime, alsa-lib prints nothing to standard error from the calling thread. An error handler
+/// that the application has set for the process is not changed.
+/// Threads: the one that created it.
 class AlsaQuiet {
 public:
     AlsaQuiet() noexcept : _before(alsaSetLocalErrorHandler([](auto...) {})) {}

@@ -8,7 +8,7 @@
 namespace {
 
 constexpr const char* interface = "org.freedesktop.ReserveDevice1";
-// Above a sound server's, which steps aside for programs that want a card for themselves.
+// Higher than a sound server's, which releases cards to programs that want exclusive use.
 constexpr int32_t priority = 10;
 constexpr uint64_t waitMicroseconds = 1'000'000;
 constexpr std::chrono::milliseconds yieldTime{500};
@@ -37,7 +37,7 @@ const sd_bus_vtable AlsaReservation::methods[] = {
             const bool isFree = self->_holders.empty();
             if (isFree || theirs <= priority || self->_request)
                 return sd_bus_reply_method_return(message, "b", static_cast<int>(isFree));
-            self->_request = sd_bus_message_ref(message); // the reply comes when the card is closed
+            self->_request = sd_bus_message_ref(message); // process() replies once the card is closed
             return 1;
         },
         SD_BUS_VTABLE_UNPRIVILEGED),
@@ -57,7 +57,7 @@ AlsaReservation::~AlsaReservation()
     _disconnect();
 }
 
-/// The library's own way of waiting for the bus would wait half a minute for one that is stuck.
+/// Connects to the bus in at most a second; a synchronous call would wait half a minute for a stuck bus.
 bool AlsaReservation::_connect()
 {
     if (_bus && sd_bus_is_open(_bus) > 0)
@@ -86,7 +86,7 @@ bool AlsaReservation::_connect()
 void AlsaReservation::_disconnect()
 {
     sd_bus_message_unref(std::exchange(_request, nullptr));
-    sd_bus_close_unref(std::exchange(_bus, nullptr)); // without a flush, which could wait
+    sd_bus_close_unref(std::exchange(_bus, nullptr)); // does not flush, which could wait
 }
 
 int AlsaReservation::acquire(Holder& holder)
@@ -101,9 +101,9 @@ int AlsaReservation::acquire(Holder& holder)
 int AlsaReservation::_acquireName()
 {
     if (sd_bus_request_name(_bus, _name.c_str(), SD_BUS_NAME_ALLOW_REPLACEMENT) != -EEXIST)
-        return 0; // a bus that fails otherwise refuses nobody
+        return 0; // other failures of the bus do not prevent the use of the card
     sd_bus_message* reply = nullptr;
-    int isReleased = 0; // once the owner has closed the card
+    int isReleased = 0; // 1: the owner has closed the card
     if (sd_bus_call_method(_bus, _name.c_str(), _path.c_str(), interface, "RequestRelease", nullptr, &reply,
                            "i", priority) >= 0)
         sd_bus_message_read(reply, "b", &isReleased);

@@ -6,8 +6,9 @@
 #include <systemd/sd-bus.h>
 #include <vector>
 
-/// One card's name on the session bus, by which sound servers and programs agree who uses the card (the protocol
-/// org.freedesktop.ReserveDevice1). Without a session bus nothing is reserved and nothing is refused.
+/// A card's reservation: its name on the session bus, by which sound servers and programs agree who uses the
+/// card (the protocol org.freedesktop.ReserveDevice1). Without a session bus, every request succeeds and
+/// nothing is reserved.
 /// Threads: any.
 class AlsaReservation {
 public:
@@ -16,23 +17,25 @@ public:
     AlsaReservation(const AlsaReservation&) = delete;
     AlsaReservation& operator=(const AlsaReservation&) = delete;
 
-    /// Uses the card while it has it reserved.
+    /// A user of the reserved card.
     class Holder {
     public:
-        /// Closes the card soon, for another program, and calls release(). Does not wait.
+        /// Closes the card soon, because another program requests it, and calls release(). Does not wait.
         virtual void yield() = 0;
 
     protected:
         ~Holder() = default;
     };
 
-    /// Asks for the card. 1 when another program has given it up for us just now, 0 when no other program had it, -EBUSY
-    /// when another program keeps it. Waits for a bounded time. release() may follow in every case.
+    /// Reserves the card. Returns 1 if another program has just released it, 0 if no other program had it,
+    /// -EBUSY if another program keeps it. Waits for a bounded time. The caller may call release() in every
+    /// case.
     int acquire(Holder& holder);
     void release(Holder& holder);
-    /// Becomes readable when process() has something to do; -1 without a bus.
+    /// Readable when process() has messages to process; -1 without a bus.
     int descriptor();
-    /// Lets another program have the card that asks for it: waits, for a bounded time, until every holder has closed it.
+    /// Replies to another program's request for the card: waits, for a bounded time, until every holder has
+    /// closed the card.
     void process();
 
 private:
@@ -45,6 +48,6 @@ private:
     std::condition_variable _released;
     std::vector<Holder*> _holders;
     sd_bus* _bus = nullptr;
-    sd_bus_message* _request = nullptr; // to release the card, not yet replied to
+    sd_bus_message* _request = nullptr; // a request to release the card, not yet replied to
     static const sd_bus_vtable methods[];
 };

@@ -14,13 +14,13 @@
 
 namespace {
 
-constexpr int minStallMilliseconds = 2000; // without an interrupt for so long, a device is stuck
+constexpr int minStallMilliseconds = 2000; // a device without an interrupt for this time is stuck
 constexpr int firstRetryMilliseconds = 50;
 constexpr int lastRetryMilliseconds = 1000;
 constexpr int maxBusyTries = 20;
 constexpr uint32_t maxRestarts = 5;          // without a cycle between them
 constexpr double audibleRatioChange = 20e-6; // smaller ones are noise of the measurement
-constexpr double ratioNanoseconds = 5e9;     // between two reports of it
+constexpr double ratioNanoseconds = 5e9;     // between two reports of the ratio
 
 } // namespace
 
@@ -57,7 +57,7 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
     _whenRefused = whenRefused;
     try {
         _thread = dxr::Thread("dxr-alsa-io", [this] { _run(); });
-    } catch (const std::system_error&) { // the process may have no more threads
+    } catch (const std::system_error&) { // cannot create a thread
         return kAudioHardwareUnspecifiedError;
     }
     std::unique_lock lock(_mutex);
@@ -115,7 +115,7 @@ int AlsaRun::_open()
         const auto place = static_cast<size_t>(direction);
         for (int tries = 0; error == 0 && _setup.channels[place] > 0 && !_pcms[place]; ++tries) {
             _pcms[place] = AlsaPcm::open(direction, _setup, error);
-            // A program that has just given the card to us needs a moment to close it.
+            // A program that has just released the card needs a moment to close it.
             if (error != -EBUSY || reserved == 0 || tries == maxBusyTries || !_shallRun())
                 break;
             _sleep(firstRetryMilliseconds);
@@ -133,7 +133,7 @@ void AlsaRun::_close()
     _card->reservation().release(*this);
 }
 
-/// Runs the open device until it has to be closed.
+/// Runs the open device until it must be closed; returns the reason as an error.
 int AlsaRun::_runOnce()
 {
     int error = _begin();
@@ -148,7 +148,7 @@ int AlsaRun::_runOnce()
         if (_hadCycle)
             _table->reportOverload();
         _state.timeline.interrupt();
-        error = _begin(); // after a suspend too: what was in the ring is old
+        error = _begin(); // after a suspend as well: the frames in the ring are old
     }
 }
 
@@ -162,7 +162,8 @@ int AlsaRun::_begin() noexcept
     int error = lead.prepare();
     if (error == 0 && isApart)
         error = output->prepare();
-    // Full before it starts: a linked start does not wait for frames, and a direction that is behind stays behind.
+    // The ring is filled before the start: a linked start does not wait for frames, and a direction that
+    // starts late stays late.
     for (const auto& pcm : _pcms)
         if (error == 0 && pcm)
             error = pcm->fill();
@@ -171,8 +172,8 @@ int AlsaRun::_begin() noexcept
     return error == 0 && isApart ? output->start() : error;
 }
 
-/// Waits until the input has a cycle's frames, and then until the output has room: with one clock it has, and one interrupt
-/// has been enough.
+/// Waits until the input has a cycle's frames, and then until the output has room. With a common clock the
+/// output has room then, so one interrupt is enough.
 int AlsaRun::_wait() noexcept
 {
     for (const auto& pcm : _pcms) {
@@ -183,13 +184,14 @@ int AlsaRun::_wait() noexcept
                 return error;
         }
     }
-    // A late device has its next cycle at once; a request must not wait for it to catch up.
+    // If the device is late, its next cycle is ready without _poll(): checked here, so that a request does
+    // not wait until the device has caught up.
     return _shallRun() ? 0 : -ECANCELED;
 }
 
 int AlsaRun::_poll(const AlsaPcm& pcm) noexcept
 {
-    // Without the other direction: what is ready would end the wait at once, again and again.
+    // Polls one direction only: if the other is ready, it would end the wait immediately, again and again.
     std::array<pollfd, 2> polled{pollfd{_wakeUps, POLLIN, 0}, pcm.descriptor()};
     const int cycleMilliseconds = static_cast<int>(1000ULL * _setup.frameCount / _setup.rate);
     const int count =
@@ -224,7 +226,7 @@ int AlsaRun::_cycle() noexcept
     return output ? output->transfer(_samples[1].data()) : 0;
 }
 
-/// The cycle began when its last frame of input had come; its output is behind what the ring holds.
+/// The cycle began when its last input frame was captured; its output is played after the frames in the ring.
 void AlsaRun::_fillTimes(HALCycle& cycle) const noexcept
 {
     const auto at = [this](double frames) {
@@ -247,7 +249,7 @@ void AlsaRun::_noteCycle()
         _state.changed();
     }
     if (_ratioNanoseconds == 0.0)
-        _ratioNanoseconds = _step.nanoseconds; // at first the ratio is not known well
+        _ratioNanoseconds = _step.nanoseconds; // the first estimates are inaccurate
     if (_step.nanoseconds < _ratioNanoseconds + ratioNanoseconds)
         return;
     _ratioNanoseconds = _step.nanoseconds;
@@ -277,7 +279,7 @@ void AlsaRun::_noteStart(int error)
         _request = Request::Stop;
 }
 
-/// Until the time has passed or something else is requested.
+/// Waits until the time has passed or the request changes.
 void AlsaRun::_sleep(int milliseconds) const noexcept
 {
     pollfd wakeUps{_wakeUps, POLLIN, 0};

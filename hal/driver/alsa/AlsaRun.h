@@ -10,36 +10,37 @@
 #include <functional>
 #include <mutex>
 
-/// What a device keeps from run to run, and what a run reports of itself.
+/// The state that a device keeps between runs, and the state that a run reports.
 struct AlsaRunState {
-    AlsaTimeline timeline{}; ///< the run's while there is one
-    // Written by the IO thread, read by AlsaDevice::refresh(), each complete by itself. `changed` is called afterwards, on the
-    // IO thread outside cycles or when the run ends; it does not wait.
+    AlsaTimeline timeline{}; ///< used by the run while there is one
+    // Written by the IO thread, read by AlsaDevice::refresh(); independent of each other. `changed` is called
+    // afterwards, on the IO thread between cycles or at the end of the run; it does not wait.
     std::atomic<bool> isOpen{false};    ///< from before the device is opened until it is closed
-    std::atomic<bool> isStalled{false}; ///< delivery failed, and no cycle has come since
-    std::atomic<double> rateRatio{1.0}; ///< frames per nominal frame, when that has last changed audibly
+    std::atomic<bool> isStalled{false}; ///< IO has failed, and no cycle has run since
+    std::atomic<double> rateRatio{1.0}; ///< frames per nominal frame, after the last audible change
     const std::function<void()> changed;
 };
 
-/// The IO of one device from its start to its stop: a thread that opens the device, runs its cycles, both directions in
-/// one, and opens it again when it stops delivering.
-/// Threads: made, started and destroyed by one at a time. One of its own.
+/// The IO of one device from start to stop: a thread that opens the device, runs its cycles, each with both
+/// directions, and reopens the device if it stops delivering audio.
+/// Threads: created, started and destroyed by one thread at a time; has an IO thread.
 class AlsaRun final : private AlsaReservation::Holder {
 public:
     AlsaRun(AlsaSetup setup, CXRef<AlsaCard> card, CXRef<HALIOProcTable> table, AlsaRunState& state);
-    /// No cycle runs after it.
+    /// Stops. No cycle runs afterwards.
     ~AlsaRun();
     AlsaRun(const AlsaRun&) = delete;
     AlsaRun& operator=(const AlsaRun&) = delete;
 
     enum class WhenRefused { End, Retry };
-    /// Waits for the first cycle. After an error nothing is left running, or it goes on trying.
+    /// Starts and waits for the first cycle. On an error either nothing is left running (End), or the run
+    /// keeps trying (Retry).
     HALStatus start(HALDeadline deadline, WhenRefused whenRefused);
 
 private:
     enum class Request : int { Run, Yield, Stop };
 
-    /// The device is tried again later.
+    /// Closes the device; it is reopened later.
     void yield() override;
     void _run();
     int _runOnce();
@@ -63,23 +64,23 @@ private:
     AlsaRunState& _state;
     const int _wakeUps; // eventfd, readable when _request has changed
 
-    // The IO thread's alone.
+    // Used by the IO thread only.
     std::array<std::unique_ptr<AlsaPcm>, 2> _pcms; // by HALDirection
     bool _isLinked = false;
     std::array<std::vector<float>, 2> _samples; // of one cycle
     WhenRefused _whenRefused = WhenRefused::End;
-    uint64_t _cycleCount = 0;   // since the last begin
+    uint64_t _cycleCount = 0;   // since the last _begin()
     AlsaTimeline::Step _step{}; // of the last cycle
     double _ratioNanoseconds = 0.0;
     bool _hadCycle = false; // since the device was opened
     bool _isLogged = false;
 
-    // Seen at the next wait, which _wakeUps ends at once. Goes from Run to Yield and back, by exchange, until it is Stop for
-    // good.
+    // Read in the next wait, which _wakeUps ends at once. Changes between Run and Yield by compare-exchange;
+    // Stop is final.
     std::atomic<Request> _request{Request::Run};
 
     std::mutex _mutex; // guards what follows; never taken in a cycle
     std::condition_variable _settled;
-    std::optional<int> _startError; // of the first cycle, once that is known
+    std::optional<int> _startError; // of the first cycle, once known; 0 for success
     dxr::Thread _thread;
 };

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr double maxInterruptionSeconds = 60.0; // what looks longer is a stamp that cannot be true
+constexpr double maxInterruptionSeconds = 60.0; // a longer interruption is an invalid stamp
 
 } // namespace
 
@@ -16,8 +16,8 @@ void AlsaTimeline::begin(double rate)
     _isAligned = false;
 }
 
-/// Finds the origin by which the tracker's clock goes on through the interruption as if the device had run on: the rate
-/// that it has learned stays.
+/// Computes the origin with which the tracker's clock continues through the interruption as if the device had
+/// kept running. So the tracker keeps the rate that it has learned.
 void AlsaTimeline::_align(uint64_t hostNanoseconds, uint64_t position, uint64_t due) noexcept
 {
     _isAligned = true;

@@ -9,7 +9,8 @@ namespace {
 
 constexpr double ticksPerSecond = 1e9; // host ticks are nanoseconds
 
-/// Copies between all channels interleaved and one stream of them.
+/// Copies frames of `channels` samples between the interleaved samples of a direction and those of one
+/// stream.
 void copyChannels(const float* from, uint32_t fromStride, float* to, uint32_t toStride, uint32_t channels,
                   uint32_t frames)
 {
@@ -19,7 +20,7 @@ void copyChannels(const float* from, uint32_t fromStride, float* to, uint32_t to
 
 } // namespace
 
-/// The members that startTogether() has started.
+/// The group of devices that startTogether() has started.
 class SimulatedDevice::Group final : public HALGroupIO {
 public:
     Group(CXRef<SimulatedMachine> machine, CXRef<SimulatedRun> run)
@@ -46,7 +47,8 @@ public:
             leave(*member);
     }
 
-    /// Takes the device into the group, from its own run if it has one. False when it is in another group.
+    /// Adds the device to the group and ends its own run if it has one. Returns false if the device is
+    /// already in a group.
     bool enter(SimulatedDevice& device)
     {
         CXRef<SimulatedRun> own;
@@ -70,7 +72,7 @@ public:
         return devices;
     }
 
-    /// A group has one cycle length.
+    /// Sets the device's cycle length to that of the group: all members have the same.
     static void setCycle(SimulatedDevice& device, uint32_t frameCount)
     {
         if (device.state().bufferFrameSize != frameCount)
@@ -86,7 +88,7 @@ public:
             if (device._currentRun != _run)
                 return;
             device._isInGroup = false;
-            if (device._table) // its own callbacks go on
+            if (device._table) // its own callbacks continue
                 own = SimulatedRun::initWithDevice(CXRef(&device));
             device._currentRun = own;
         }
@@ -111,7 +113,7 @@ SimulatedDevice::SimulatedDevice(SimulatedDeviceDescription description,
       _description(std::move(description)),
       _random(static_cast<std::minstd_rand::result_type>(std::hash<std::string>{}(_uid)))
 {
-    // Late enough for the input time of the first cycle to be a frame number too.
+    // The first sample time is large enough for the input time of the first cycle not to be negative.
     _sampleTime = uint64_t{_description.state.bufferFrameSize} +
                   _description.state[HALDirection::Input].safetyOffsetFrames;
 }
@@ -138,10 +140,10 @@ HALStatus SimulatedDevice::alter(const std::function<void(SimulatedDeviceDescrip
         return kAudioHardwareBadDeviceError;
     {
         const auto held =
-            lock(); // not together with the script mutex, which a callback of this cycle may want
+            lock(); // released before the script mutex is locked: a callback of this cycle may lock that
         const double due = _ticksAt(_sampleTime);
         change(_description);
-        _anchor(due); // a new rate counts from the next cycle on
+        _anchor(due); // a new rate applies from the next cycle on
         if (!_isPrepared())
             _prepareBetweenCycles();
         if (_table)
@@ -213,7 +215,7 @@ HALStatus SimulatedDevice::setBufferFrameSize(uint32_t frameCount, HALDeadline /
     const auto set = [=](SimulatedDeviceDescription& each) { each.state.bufferFrameSize = frameCount; };
     if (const HALStatus status = _write(set))
         return status;
-    const CXRef<SimulatedRun> run = _run(); // of one cycle length for all
+    const CXRef<SimulatedRun> run = _run(); // all its members have one cycle length
     for (const CXRef<SimulatedDevice>& other :
          run ? Group::devicesOf(*run) : std::vector<CXRef<SimulatedDevice>>())
         if (other.get() != this)
@@ -251,7 +253,7 @@ HALStatus SimulatedDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
         return status;
     if (!_isPluggedIn)
         return kAudioHardwareBadDeviceError;
-    if (cycleTicks() == 0) // no frames, or no rate: such a device cannot run
+    if (cycleTicks() == 0) // without frames or a rate, the device cannot run
         return kAudioHardwareUnspecifiedError;
     CXRef<SimulatedRun> own;
     {
@@ -271,7 +273,8 @@ HALStatus SimulatedDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
     return kAudioHardwareBadDeviceError;
 }
 
-/// Of the run that was made for it. An unplug or a stop since then has found no run in the scheduler that it could remove.
+/// Adds the device's own run to the scheduler. Removes it again if the device was unplugged or stopped since
+/// the run was created: that call has not found the run in the scheduler.
 HALStatus SimulatedDevice::_runAlone(const CXRef<SimulatedRun>& own)
 {
     const HALStatus status = _machine->scheduler.add(own);
@@ -383,7 +386,7 @@ void SimulatedDevice::runCallbacks(const HALCycle& cycle, bool isMixed)
 
 void SimulatedDevice::endCycle()
 {
-    if (!_mustPrepare) // else the blocks are no longer those of the description
+    if (!_mustPrepare) // else the blocks no longer match the description
         _play();
     _sampleTime += _blockFrames;
     _isInCycle = false;
@@ -391,7 +394,7 @@ void SimulatedDevice::endCycle()
         _prepare();
 }
 
-/// Whether the blocks are those of the description.
+/// Whether the blocks match the description.
 bool SimulatedDevice::_isPrepared() const
 {
     const HALDeviceState& state = _description.state;

@@ -7,28 +7,29 @@
 #include <mutex>
 #include <random>
 
-/// The driver of a simulated device: its description, its clock, and what happens in a cycle around the
+/// The driver of a simulated device: its description, its clock, and its part of a cycle before and after the
 /// callbacks.
-/// Threads: any; the cycle's functions on the IO thread of the run that the device is in, with lock() held.
-/// Waits:   every function but those of the cycle waits for a running cycle, except on the IO thread.
+/// Threads: any; the functions of the cycle on the IO thread of the device's run, with lock() held.
+/// Waits:   every function except those of the cycle waits for a running cycle, except on the IO thread.
 class SimulatedDevice final : public SimulatedRunMember {
 public:
     static CXRef<SimulatedDevice> initWithDescription(SimulatedDeviceDescription description,
                                                       const CXRef<SimulatedMachine>& machine);
 
     SimulatedDeviceDescription currentDescription() const;
-    /// The state of the description; waits for no cycle.
+    /// The state of the description. Does not wait for a cycle.
     HALDeviceState state() const;
     const std::string& uid() const noexcept { return _uid; }
-    /// Changes the description between two cycles and reports it. A running device goes on with it. '!dev'
-    /// when it is no longer plugged in.
+    /// Changes the description between two cycles and reports the change. A running device continues with the
+    /// new description. Returns '!dev' if the device is no longer plugged in.
     HALStatus alter(const std::function<void(SimulatedDeviceDescription&)>& change);
-    /// The ID that clients know it by; 0 before it was reported.
+    /// The device's ID for clients; 0 before the device was reported.
     AudioObjectID objectID() const noexcept { return _objectID; }
     void setObjectID(AudioObjectID deviceID) noexcept { _objectID = deviceID; }
-    /// It is no longer plugged in; its cycles are over on return. False when this was known.
+    /// Marks the device as unplugged; its cycles have ended on return. Returns false if it was already
+    /// unplugged.
     bool unplug();
-    /// False when it does not run.
+    /// Returns false if the device is not running.
     bool loseCycles(uint64_t count);
 
     HALStatus setNominalSampleRate(double rate, HALDeadline deadline) override;
@@ -63,7 +64,7 @@ private:
     void _leaveRun();
     HALStatus _runAlone(const CXRef<SimulatedRun>& own);
 
-    // Everything below is called under the lock.
+    // Everything below is called with lock() held.
     bool _isPrepared() const;
     void _prepare();
     void _prepareBetweenCycles();
@@ -81,25 +82,26 @@ private:
     const std::string _uid;
     std::atomic<bool> _isPluggedIn{true};
     std::atomic<AudioObjectID> _objectID{kAudioObjectUnknown};
-    CXRef<SimulatedRun> _currentRun; // under the membership mutex; none while it does not run
-    bool _isInGroup = false;         // under the membership mutex
+    CXRef<SimulatedRun> _currentRun; // guarded by the membership mutex; null while not running
+    bool _isInGroup = false;         // guarded by the membership mutex
 
-    mutable std::mutex _stateMutex; // taken after every other lock
-    HALDeviceState _state;          // a copy of the description's
+    mutable std::mutex _stateMutex; // locked after every other lock
+    HALDeviceState _state;          // a copy of that in _description
 
-    // Held through a cycle; recursive, because a callback may change the device that runs it.
+    // Held during a cycle. Recursive, because a callback may change the device that calls it.
     mutable std::recursive_mutex _mutex;
     SimulatedDeviceDescription _description;
-    std::minstd_rand _random;     // how late cycles are
-    CXRef<HALIOProcTable> _table; // of its own callbacks; none while startIO() is not in effect
+    std::minstd_rand _random;     // determines how late cycles are
+    CXRef<HALIOProcTable> _table; // of the device's own callbacks; null unless startIO() is in effect
     uint64_t _sampleTime = 0;     // of the next cycle
     uint64_t _anchorSampleTime = 0;
     double _anchorTicks = 0.0;
     bool _isInCycle = false;
     uint32_t _blockFrames = 0; // of the blocks below
-    bool _mustPrepare = false; // a callback has changed the description: between two cycles
+    bool _mustPrepare = false; // a callback has changed the description: prepare after the cycle
 
-    // One direction's samples, all channels interleaved, and the same cut in streams. [0] input, [1] output.
+    // The samples of a direction, all channels interleaved, and the same samples divided into streams. [0]
+    // input, [1] output.
     std::array<std::vector<float>, 2> _samples;
     std::array<std::vector<std::vector<float>>, 2> _streams;
     std::array<std::vector<HALStreamBlock>, 2> _blocks;

@@ -3,7 +3,7 @@
 #include "HALDeviceState.h"
 #include "SimulatedSignal.h"
 
-/// All that a simulated device is: what the HAL says of it, and what it hears and plays into.
+/// Everything about a simulated device: its state in the HAL, its clock, and its input and output signals.
 struct SimulatedDeviceDescription {
     HALDeviceState state;
     double driftPartsPerMillion = 0.0;

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <mutex>
 
-/// The faults that a script has ordered, and the counts that decide when they strike.
+/// The faults that a test has requested, and the counts that determine when they occur.
 /// Threads: any. The script of a read runs with no lock held.
 class SimulatedFaults {
 public:
@@ -14,17 +14,17 @@ public:
     void failWrites(HALStatus status) { _writeStatus = status; }
     void failStarts(HALStatus status) { _startStatus = status; }
 
-    /// What the read that is about to be carried out returns instead; 0 to go on.
+    /// The status that a read returns instead of being carried out; 0: the read is carried out.
     HALStatus statusOfRead(uint32_t selector, bool isSize);
     HALStatus statusOfWrite() const { return _writeStatus; }
     HALStatus statusOfStart() const { return _startStatus; }
 
 private:
-    /// The reads of one selector, counted from 1 since the rule was made.
+    /// The number of reads of one selector since the rule was set.
     struct Count {
         uint32_t selector = 0;
         uint64_t reads = 0;
-        /// Which read of the selector this one is; 0 when it is of another.
+        /// Counts a read of `read` and returns its number; 0 if it is a read of another selector.
         uint64_t next(uint32_t read);
     };
 

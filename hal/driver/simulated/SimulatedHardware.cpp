@@ -37,14 +37,14 @@ class SimulatedPlugged {
 public:
     explicit SimulatedPlugged(SimulatedMachine& machine) : _machine(machine) {}
 
-    // Under the script mutex:
+    // Called with the script mutex locked:
     void setDefault(HALDefault which, const CXRef<SimulatedDevice>& device);
-    /// Gives each vacant default to the first device that can be it.
+    /// For each default without a device, chooses the first device that can be it.
     void electDefaults();
     void report(const CXRef<SimulatedDevice>& device);
 
     std::mutex mutex;                               // guards the rest; held for look-ups only
-    std::vector<CXRef<SimulatedDevice>> devices;    // in the order they came
+    std::vector<CXRef<SimulatedDevice>> devices;    // in the order of plugging
     std::array<CXRef<SimulatedDevice>, 3> defaults; // by HALDefault
 
 private:
@@ -151,7 +151,7 @@ AudioObjectID SimulatedHardware::plug(const SimulatedDeviceBuilder& builder)
 bool SimulatedHardware::unplug(const std::string& uid)
 {
     const CXRef<SimulatedDevice> device = _device(uid);
-    if (!device || !device->unplug()) // not under the script mutex, which a callback that ends may want
+    if (!device || !device->unplug()) // not under the script mutex, which a running callback may lock
         return false;
     const std::scoped_lock script(_machine->scriptMutex);
     {

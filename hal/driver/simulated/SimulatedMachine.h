@@ -4,7 +4,7 @@
 #include "SimulatedFaults.h"
 #include "SimulatedScheduler.h"
 
-/// What the devices of a simulated computer share.
+/// The parts that the devices of a simulated computer share.
 /// Threads: any; each part has its own rule.
 class SimulatedMachine final : public CXObject {
 public:
@@ -16,12 +16,11 @@ public:
     SimulatedFaults faults;
     SimulatedScheduler scheduler;
 
-    // One change of the hardware at a time, from its first step to the sink's last. Taken before any other
-    // lock.
+    // Serialises changes of the hardware, including their reports to the sink. Locked before any other lock.
     std::mutex scriptMutex;
-    HALDriverSink* sink = nullptr; // under scriptMutex; null before start() and after stop()
+    HALDriverSink* sink = nullptr; // guarded by scriptMutex; null before start() and after stop()
 
-    // Which run each device is in. Held for look-ups only.
+    // Guards which run each device is in. Held for look-ups only.
     std::mutex membershipMutex;
 
 private:

@@ -116,7 +116,7 @@ void SimulatedRun::runCycle()
     device->endCycle();
 }
 
-/// Buffers for `frameCount` frames of every stream, and a prepared table.
+/// Allocates buffers for `frameCount` frames of every stream and prepares the table.
 void SimulatedRun::_prepareGroup(uint32_t frameCount)
 {
     std::vector<uint32_t> inputs, outputs;
@@ -135,7 +135,7 @@ void SimulatedRun::_prepareGroup(uint32_t frameCount)
 
 void SimulatedRun::_runGroup(uint64_t lostCycles)
 {
-    // A callback may unplug a member: the cycle goes on with those that it began with.
+    // The cycle continues with the members it began with, even if a callback unplugs one.
     std::vector<CXRef<SimulatedRunMember>> present(_members.size());
     std::vector<std::unique_lock<std::recursive_mutex>> held;
     for (size_t place = 0; place < _members.size(); ++place)
@@ -154,7 +154,7 @@ void SimulatedRun::_runGroup(uint64_t lostCycles)
             own[place] = present[place]->beginCycle(lostCycles);
             if (std::exchange(isFirst, false))
                 cycle = own[place];
-            for (const HALStreamBlock& block : own[place].output) // the group may not fill them all
+            for (const HALStreamBlock& block : own[place].output) // the group may not fill all of them
                 std::fill_n(block.samples, size_t{block.channelCount} * own[place].frameCount, 0.0F);
         }
     }
@@ -185,7 +185,8 @@ void SimulatedRun::_reportOverload()
             each.table->reportOverload();
 }
 
-/// One whose cycle length is being changed is silent until it is the group's.
+/// Appends the member's blocks to those of the group. While the member's cycle length differs from the
+/// group's, it is silent.
 void SimulatedRun::_addBlocks(const Member& member, const HALCycle& own, uint32_t frameCount)
 {
     const auto add = [&](std::vector<HALStreamBlock>& all, std::span<const HALStreamBlock> blocks,
@@ -199,7 +200,8 @@ void SimulatedRun::_addBlocks(const Member& member, const HALCycle& own, uint32_
     add(_output, own.output, member.outputChannels, _discarded.data());
 }
 
-/// The group's sample time less that of the device which leads now: it goes on when another leads.
+/// Returns the difference between the group's sample time and that of the present leader, so that the group's
+/// sample time continues if another device leads.
 double SimulatedRun::_followTime(const HALCycle& leaders, uint64_t lostCycles)
 {
     if (_cycles == 1)

@@ -5,66 +5,67 @@
 #include <mutex>
 #include <optional>
 
-/// A simulated device as the run sees it.
+/// The interface of a simulated device to its run.
 /// Threads: the IO thread of the run, with lock() held.
 class SimulatedRunMember : public HALDeviceDriver {
 public:
     virtual std::unique_lock<std::recursive_mutex> lock() const = 0;
-    /// The first cycle is due at `firstCycleTicks`; sample time goes on where it stopped.
+    /// Begins cycles, the first of which is due at `firstCycleTicks`. Sample time continues where it stopped.
     virtual void begin(uint64_t firstCycleTicks) = 0;
     virtual uint64_t nextCycleTicks() const = 0;
     virtual uint64_t cycleTicks() const = 0;
-    /// The cycle that is due, with the input that the device hears.
+    /// Returns the cycle that is due, with the device's input.
     virtual HALCycle beginCycle(uint64_t lostCycles) = 0;
-    /// Runs the device's own callbacks. `isMixed`: what they play is added to the output blocks.
+    /// Runs the device's own callbacks. If `isMixed`, their output is added to the output blocks.
     virtual void runCallbacks(const HALCycle& cycle, bool isMixed) = 0;
     virtual bool hasCallbacks() const noexcept = 0;
-    /// Plays the output blocks; the next cycle follows.
+    /// Plays the output blocks and advances to the next cycle.
     virtual void endCycle() = 0;
     virtual void reportOverload() = 0;
 };
 
 /// Simulated devices that run in one cycle: one device with its own callbacks, or the members of a group.
 /// Threads: any; runCycle() on one thread at a time, the IO thread.
-/// Waits:   all but runCycle() wait for a running cycle, except on the IO thread.
+/// Waits:   every function except runCycle() waits for a running cycle, except on the IO thread.
 class SimulatedRun final : public CXObject {
 public:
-    /// A device by itself.
+    /// The run of a single device.
     static CXRef<SimulatedRun> initWithDevice(const CXRef<SimulatedRunMember>& device);
-    /// `members` in one cycle through `table`. Absent ones have no device.
+    /// The run of `members` in one cycle through `table`. Absent members have no device.
     static CXRef<SimulatedRun> initWithGroup(std::span<const HALGroupMember> members,
                                              const CXRef<HALIOProcTable>& table);
 
-    /// The first cycle is due one cycle after `nowTicks`.
+    /// Begins cycles, the first of which is due one cycle after `nowTicks`.
     void begin(uint64_t nowTicks);
     void setMember(size_t place, const CXRef<SimulatedRunMember>& device, const CXRef<HALIOProcTable>& table);
-    /// The device's place in a group; nothing when it is no member.
+    /// The device's place in the group; nothing if it is not a member.
     std::optional<size_t> placeOf(const SimulatedRunMember& device) const;
     std::vector<CXRef<SimulatedRunMember>> presentMembers() const;
-    /// No cycle runs any callback afterwards.
+    /// Ends the run. No cycle calls a callback afterwards.
     void end();
 
-    /// When the next cycle is due, in host ticks; UINT64_MAX while no device is present. And how long it is.
+    /// When the next cycle is due, in host ticks, and how long it is. UINT64_MAX and 0 while no device is
+    /// present.
     uint64_t nextCycleTicks() const;
     uint64_t cycleTicks() const;
-    /// How many cycles it has run.
+    /// The number of cycles run so far.
     uint64_t cycleCount() const;
-    /// One cycle, as of its due time.
+    /// Runs one cycle, at its due time.
     void runCycle();
-    /// The next cycle comes `count` cycles later than due.
+    /// Makes the next cycle begin `count` cycles late.
     void loseCycles(uint64_t count);
 
 private:
     struct Member {
         CXRef<SimulatedRunMember> device; // null while absent
-        CXRef<HALIOProcTable> table;      // for its overloads
+        CXRef<HALIOProcTable> table;      // for reporting its overloads
         std::vector<uint32_t> inputChannels, outputChannels;
     };
 
     SimulatedRun() = default;
     ~SimulatedRun() override = default;
 
-    // Everything below is called under the lock.
+    // Everything below is called with _mutex locked.
     const CXRef<SimulatedRunMember>& _leader() const;
     void _prepareGroup(uint32_t frameCount);
     void _runGroup(uint64_t lostCycles);
@@ -72,18 +73,18 @@ private:
     void _addBlocks(const Member& member, const HALCycle& own, uint32_t frameCount);
     double _followTime(const HALCycle& leaders, uint64_t lostCycles);
 
-    // Held through a cycle, and taken before the devices' locks; recursive, because a callback may unplug a
+    // Held during a cycle and locked before the devices' locks. Recursive, because a callback may unplug a
     // member.
     mutable std::recursive_mutex _mutex;
     std::vector<Member> _members;
-    CXRef<HALIOProcTable> _groupTable; // none for a device by itself
+    CXRef<HALIOProcTable> _groupTable; // null for a single device
     uint64_t _groupSampleTime = 0;     // of the next cycle
-    uint32_t _groupFrames = 0;         // room made for cycles of so many frames
+    uint32_t _groupFrames = 0;         // the frames per cycle that buffers are allocated for
     uint64_t _cycles = 0;
     uint64_t _lost = 0;
     bool _isEnded = false;
 
-    // The group's cycle: the members' blocks, in order, and a place for absent ones.
+    // The group's cycle: the members' blocks, in order, and buffers in place of those of absent members.
     std::vector<HALStreamBlock> _input, _output;
     std::vector<float> _silence, _discarded;
 };

@@ -9,7 +9,7 @@
 #include <chrono>
 #include <system_error>
 
-/// Runs one run's cycles when they fall due, until stop().
+/// Runs one run's cycles when they are due, until stop().
 class SimulatedScheduler::IOThread final : public CXObject {
 public:
     static CXRef<IOThread> initWithRun(CXRef<SimulatedRun> run)
@@ -19,7 +19,7 @@ public:
         return thread;
     }
 
-    /// No cycle begins after it has returned; on the IO thread itself, the current one is the last.
+    /// No cycle begins after this returns; on the IO thread itself, the current cycle is the last.
     void stop()
     {
         {
@@ -50,7 +50,7 @@ private:
             const uint64_t now = dxr::HostClock::nowTicks();
             const uint64_t due = _run->nextCycleTicks();
             const uint64_t cycle = _run->cycleTicks();
-            if (due > now || cycle == 0) // another time by now
+            if (due > now || cycle == 0) // the due time has changed meanwhile
                 continue;
             if (const uint64_t lost = (now - due) / cycle)
                 _run->loseCycles(lost);
@@ -58,7 +58,7 @@ private:
         }
     }
 
-    /// False when it is time to stop instead.
+    /// Returns false if the thread is to stop.
     bool _waitUntilDue()
     {
         std::unique_lock lock(_mutex);
@@ -166,7 +166,7 @@ void SimulatedScheduler::stepCycles(uint32_t count)
         const auto goal = goals.find(run);
         return goal != goals.end() && run->cycleCount() < goal->second && run->nextCycleTicks() != UINT64_MAX;
     };
-    // A run that ends meanwhile has no goal any more.
+    // isMissed() is false for a run that ends meanwhile.
     while (std::ranges::any_of(_runs(), isMissed) && _runNextCycle(UINT64_MAX - 1)) {
     }
 }

@@ -6,10 +6,10 @@
 #include <map>
 #include <thread>
 
-/// Runs cycles when they fall due: on the stepped clock as the application asks, on the real-time clock on a
-/// thread for each run.
-/// Threads: any; advance() and stepCycles() on one at a time, which is the IO thread then.
-/// Waits:   remove() for a running cycle, except on the IO thread.
+/// Runs cycles when they are due: on the stepped clock when the application steps it, on the real-time clock
+/// on one thread per run.
+/// Threads: any; advance() and stepCycles() on one thread at a time, which is then the IO thread.
+/// Waits:   remove() waits for a running cycle, except on the IO thread.
 class SimulatedScheduler {
 public:
     explicit SimulatedScheduler(bool isStepped);
@@ -17,11 +17,11 @@ public:
     SimulatedScheduler(const SimulatedScheduler&) = delete;
     SimulatedScheduler& operator=(const SimulatedScheduler&) = delete;
 
-    /// Begins the run's cycles; 'what' when there is no thread for them.
+    /// Begins the run's cycles; returns 'what' if no thread can be created for them.
     HALStatus add(const CXRef<SimulatedRun>& run);
-    /// Ends them: on return no cycle of the run runs, on its IO thread the current one is the last.
+    /// Ends the run's cycles: on return no cycle is running; on the IO thread, the current cycle is the last.
     void remove(const CXRef<SimulatedRun>& run);
-    /// Looks again at when the run's next cycle is due.
+    /// Rereads when the run's next cycle is due.
     void reschedule(const CXRef<SimulatedRun>& run);
 
     void advance(uint64_t nanoseconds);
@@ -35,10 +35,10 @@ private:
     bool _runNextCycle(uint64_t untilTicks);
 
     const bool _isStepped;
-    mutable std::mutex _mutex; // what follows; held for look-ups only
+    mutable std::mutex _mutex; // guards what follows; held for look-ups only
     std::condition_variable _cycleEnded;
-    std::map<CXRef<SimulatedRun>, CXRef<IOThread>> _threads; // no thread on the stepped clock
+    std::map<CXRef<SimulatedRun>, CXRef<IOThread>> _threads; // null threads on the stepped clock
     uint64_t _nowTicks = 1'000'000'000;                      // stepped clock
-    const SimulatedRun* _inCycle = nullptr;                  // the run that the stepping thread is in
+    const SimulatedRun* _inCycle = nullptr;                  // the run whose cycle the stepping thread runs
     std::thread::id _steppingThread;
 };

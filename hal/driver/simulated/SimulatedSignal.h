@@ -4,12 +4,13 @@
 
 #include <cstdint>
 
-/// The input of a simulated device: fills `samples`, frameCount x channelCount interleaved floats, the first
-/// at the device's sample time `firstFrame`. Called on the device's IO thread, before its callbacks.
+/// The input of a simulated device: fills `samples` with frameCount x channelCount interleaved floats, of
+/// which the first frame has the device's sample time `firstFrame`. Called on the device's IO thread, before
+/// its callbacks.
 using SimulatedSource = CXBlock<void(uint64_t firstFrame, uint32_t frameCount, uint32_t channelCount,
                                      double sampleRate, float* samples)>;
-/// Receives what a simulated device plays: the same arguments, to read. Called after the callbacks. Null
-/// samples mark the end: the device has stopped.
+/// Receives the output of a simulated device: the same arguments, to read. Called after the callbacks. Null
+/// samples mean that the device has stopped.
 using SimulatedSink = CXBlock<void(uint64_t firstFrame, uint32_t frameCount, uint32_t channelCount,
                                    double sampleRate, const float* samples)>;
 

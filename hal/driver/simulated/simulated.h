@@ -1,6 +1,6 @@
 #pragma once
 
-// Audio hardware in memory: for tests of hot-plug code, for demonstrations, and where there is no sound
+// Audio hardware in memory: for tests of hot-plug code, for demonstrations, and for machines without a sound
 // server.
 
 #include "SimulatedDeviceBuilder.h"
