@@ -98,8 +98,8 @@ DXR_C_API dxr_status dxr_retain(const void* handle);
 DXR_C_API dxr_status dxr_release(const void* handle);
 /* `memory` may be null. Freeing a list of devices also releases its handles. */
 DXR_C_API dxr_status dxr_free(const void* memory);
-/* The application's identifier, stored with the device settings it makes, such as "com.example.player". Must
- * be called before any other function. */
+/* Sets the application's identifier, such as "com.example.player", which is stored with the device settings
+ * that the application makes. Call it first. */
 DXR_C_API dxr_status dxr_set_application(const char* identifier);
 /* Receives log lines, on any thread, instead of standard error and the system log; null restores these. A
  * line being written during the call may still reach the previous callback. */
@@ -217,8 +217,8 @@ typedef struct dxr_runner_state {
  * frames of the device. The values of an input and of an output add up to the pair's round trip. */
 typedef struct dxr_latency {
     size_t size;
-    double seconds; /* all items below together */
-    double frames;
+    double seconds;          /* `frames` at `sample_rate` */
+    double frames;           /* all items below together */
     double sample_rate;      /* of the device, Hz */
     double device_frames;    /* of the device itself */
     double safety_frames;    /* between the hardware's position and the cycle */
@@ -292,7 +292,7 @@ typedef struct dxr_simulated_device {
 } dxr_simulated_device;
 
 /* Creates a computer without devices and uses it instead of the real hardware, permanently. Must be called
- * before any other function. */
+ * before any function that uses devices. */
 DXR_C_API dxr_status dxr_simulated_new(dxr_clock clock, dxr_computer** computer);
 DXR_C_API dxr_status dxr_simulated_plug(dxr_computer* computer, const dxr_simulated_device* device);
 /* The device's callbacks have ended when this returns. */
