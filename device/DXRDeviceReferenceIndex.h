@@ -16,8 +16,7 @@ public:
     void add(const CXRef<DXRDeviceReference>& reference, const Value& value)
     {
         _exact[reference->exactHash()].emplace_back(reference, value);
-        if (reference
-                ->isGeneric()) // no other reference is generically equal to anything, and all would share one hash
+        if (reference->isGeneric()) // the others match none generically, and would all have one hash
             _generic[reference->genericHash()].emplace_back(reference, value);
     }
     /// Removes the first entry with this reference object and an equal value, if there is one.

@@ -71,15 +71,15 @@ private:
     void _runWaiting(const Pass& pass);
     void _run(const Pass& first);
     void _announce(const DXRKVOProperty& property, DXRKVOChange change);
-    /// Called with _lock held. An ended registration holds no block any more, so nothing but registrations is
-    /// destroyed here.
+    /// Called with _lock held. This is safe because an ended registration holds no block: only registrations
+    /// are destroyed here.
     void _forgetEnded();
 
     const CXWeak<CXObject> _obj;
     const std::span<const DXRKVOProperty> _properties;
     const IsChanging _isChanging; // may be null
-    // The thread that announces will-change, and the thread that runs a pass; 0: none. Each thread only
-    // compares these with itself, and only that thread stores itself: neither ordering nor a lock is needed.
+    // The thread that announces will-change, and the thread that runs a pass; 0: none. A thread only compares
+    // these with its own ID, which no other thread stores: neither ordering nor a lock is needed.
     std::atomic<pthread_t> _updating{0};
     std::atomic<pthread_t> _processing{0};
     const CXRef<DXRRecursiveMutex> _lock; // guards all below

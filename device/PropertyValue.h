@@ -5,7 +5,7 @@
 #include <optional>
 
 /// The value of a hardware property of fixed size; empty if it cannot be read or has another size.
-/// Real time: as reading the property is on the calling thread; allocates nothing itself.
+/// Real time: depends on the property and the calling thread; the function itself allocates nothing.
 template <class Value>
 std::optional<Value> propertyValue(AudioObjectID objectID, const AudioObjectPropertyAddress& address)
 {

@@ -10,8 +10,8 @@
 // callers that need no device object.
 // Threads:   any.
 // Real time: no; they allocate, and the writes may wait for the hardware.
-// Fails: silently, with the value named below; nothing is logged. As an argument and as a result, object ID 0
-//        means no object.
+// Fails:     silently, with the value named below; nothing is logged. As an argument and as a result, object
+//            ID 0 means no object.
 // `input` chooses the direction: the device's input if true, its output if false.
 
 extern "C" {

@@ -386,8 +386,8 @@ void DXRAudioContext::_endLater(const CXRef<DXRAudioIOContext>& record, AudioObj
         // which must not start a device, and whose device would call a new callback in the same cycle.
         if (needsRestart)
             context->_queue->dispatchAsync([context] { context->_io.onNewLayout(*context); });
-        // Here the last reference to the context may be dropped, and a private device destroyed: nothing runs
-        // on it any more.
+        // Here the last reference to the context may be released, and its private device destroyed: this is
+        // safe because the device no longer runs.
     });
 }
 

@@ -212,7 +212,7 @@ private:
         AudioObjectID deviceID = kAudioObjectUnknown;
         std::string deviceUID;
     };
-    mutable std::mutex _countsMutex; // nothing is called while it is held
+    mutable std::mutex _countsMutex; // no other function is called while it is held
     CountedContext _countedContext;  // guarded by the mutex, changed as work of the queue
     std::atomic<DXRRunnerCounts::Restart> _lastRestart{DXRRunnerCounts::Restart::None};
     DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last attempt to start a context

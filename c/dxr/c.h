@@ -1,4 +1,4 @@
-/* dxr in C99: audio devices, and audio on one or several of them at once. The stable interface of the library.
+/* dxr in C99: audio devices, and audio on one or several of them at once. The library's stable interface.
  *
  * Handles   are reference-counted and checked. A handle is a number, not an address, and is never reused: a
  *           handle that was released or is of another kind is refused. A device has one handle as long as
