@@ -42,7 +42,7 @@ private:
         ~Registration() override = default;
 
         mutable std::mutex _mutex; // not held during a call
-        Block _block;              // under the mutex; empty: ended
+        Block _block;              // guarded by the mutex; empty once ended
     };
 
     explicit DXRKVOObservation(CXRef<Registration> registration) : _registration(std::move(registration)) {}

@@ -67,7 +67,7 @@ dxr::WorkQueue& DXRDeviceManager::queue()
 
 DXRDeviceManager& DXRDeviceManager::sharedDeviceManager()
 {
-    static const CXRef<DXRDeviceManager>* shared = nullptr; // under the lock
+    static const CXRef<DXRDeviceManager>* shared = nullptr; // guarded by the lock
     const CXRef<DXRDeviceManager>* manager = nullptr;
     lock().execute([&] {
         if (!shared) {
@@ -344,7 +344,7 @@ void DXRDeviceManager::addDeviceNotifier(const CXRef<dxr::WorkQueue>& queue, con
 
 void DXRDeviceManager::removeDeviceNotifier(const NotifierBlock& block, WhenRunning whenRunning)
 {
-    CXRef<DXRDeviceManagerNotifier> removed; // ended and dropped without the lock
+    CXRef<DXRDeviceManagerNotifier> removed; // ended and released without the lock
     lock().execute([&] {
         const auto found =
             std::ranges::find_if(_notifiers, [&](const auto& each) { return each->block() == block; });

@@ -88,7 +88,8 @@ typedef struct dxr_computer dxr_computer; /* simulated hardware */
 
 /* For example "0.1.0". */
 DXR_C_API const char* dxr_version(void);
-/* The error text of the last call on this thread that did not return DXR_OK; valid until the next such call. */
+/* The error text of the last call on this thread that did not return DXR_OK. Valid until the next such
+ * call. */
 DXR_C_API const char* dxr_error_text(void);
 /* The present time in nanoseconds of CLOCK_MONOTONIC, the unit of all host times. */
 DXR_C_API uint64_t dxr_now(void);
@@ -106,7 +107,8 @@ DXR_C_API dxr_status dxr_set_application(const char* identifier);
 typedef void (*dxr_log_callback)(const char* line, void* user);
 DXR_C_API dxr_status dxr_set_log(dxr_log_callback callback, void* user);
 
-/* The reason why no devices can be found: "cannot connect to the PipeWire server at …"; empty if they can be. */
+/* The reason why no devices can be found: "cannot connect to the PipeWire server at …"; empty if they can
+ * be. */
 DXR_C_API dxr_status dxr_hardware_error(const char** text);
 
 /* ---- Devices */
