@@ -23,14 +23,14 @@
 #include <tuple>
 #include <unordered_map>
 
-// The C interface: checks what it is given, calls the classes, and turns exceptions into statuses.
+// The C interface: checks the arguments, calls the classes, and turns exceptions into statuses.
 
 namespace {
 
 thread_local char errorText[512] = "";
-thread_local bool isInCycle = false;   // an audio callback runs on this thread
-std::atomic<bool> isUsed{false};       // there are threads, which fork() does not copy
-std::atomic<bool> isForkedCopy{false}; // stored in the child of fork(), when that has one thread
+thread_local bool isInCycle = false;   // an audio callback is running on this thread
+std::atomic<bool> isUsed{false};       // threads have been started, which fork() does not copy
+std::atomic<bool> isForkedCopy{false}; // set in the child of fork(), which then has one thread
 
 struct Failure {
     dxr_status status;
@@ -58,7 +58,7 @@ void prepareForFork()
     isUsed = true;
 }
 
-/// Runs the body of a function of the interface: nothing that it throws gets out.
+/// Runs the body of a function of the interface; catches everything it throws.
 template <class Body> dxr_status guarded(const char* function, const Body& body) noexcept
 {
     if (isForkedCopy)
@@ -82,7 +82,8 @@ template <class Body> dxr_status guarded(const char* function, const Body& body)
     }
 }
 
-/// Where callbacks for changes are called. Kept forever: it may be working when the process ends.
+/// The queue on which callbacks for changes are called. Never destroyed: it may be in use when the process
+/// ends.
 dxr::SerialQueue& events()
 {
     static const auto* const queue =
@@ -90,14 +91,14 @@ dxr::SerialQueue& events()
     return **queue;
 }
 
-/// Waits until every callback for changes that was due has returned, unless one of them asks.
+/// Waits until every pending callback for changes has returned, unless called by one of them.
 void waitForEvents()
 {
     if (!events().isCurrent())
         events().sync([] {});
 }
 
-// ---- What handles stand for
+// ---- The objects behind handles
 
 /// A registered callback for changes of devices.
 class Follower final : public CXObject {
@@ -125,14 +126,14 @@ private:
     const bool _repeats;
 };
 
-/// A runner, and what its callbacks need.
+/// A runner and the state that its callbacks need.
 class Runner final : public CXObject {
 public:
     explicit Runner(CXRef<DXRDeviceRunner> made) : runner(std::move(made)) {}
     ~Runner() override
     {
         follow({});
-        runner->stop(); // no block runs from here on; they refer to this object
+        runner->stop(); // no block, which refers to this object, runs from here on
     }
 
     void follow(const CXBlock<void()>& block);
@@ -140,15 +141,15 @@ public:
 
     const CXRef<DXRDeviceRunner> runner;
     std::atomic<bool> hasEnded{
-        false}; // a callback has asked for the end: none is called until the next start
+        false}; // a callback has requested a stop: no callback is called until the next start
 
 private:
-    /// A block that may be due when it is replaced.
+    /// A block that may still be pending when it is replaced.
     struct Notice final : CXObject {
         std::atomic<bool> isOver{false};
     };
     std::mutex _mutex;
-    CXRef<Notice> _notice; // under _mutex
+    CXRef<Notice> _notice; // guarded by _mutex
 };
 
 // ---- Handles
@@ -156,13 +157,13 @@ private:
 enum class Kind : uintptr_t { Device = 1, Follower, Sound, Runner, Computer };
 constexpr const char* kindNames[] = {"", "device", "follower", "sound", "runner", "computer"};
 
-/// Every handle that is held, and all memory that has been handed out. A handle is its number times 16 plus its kind:
-/// numbers are not used again, so that one that is over is never taken for another.
+/// All handles in use, and all memory returned to callers. A handle is its number times 16 plus its kind:
+/// numbers are never reused, so that a released handle cannot be mistaken for another.
 class Handles {
 public:
     static Handles& shared()
     {
-        static auto* const handles = new Handles; // kept: other threads run until the process ends
+        static auto* const handles = new Handles; // never destroyed: other threads run until the process ends
         return *handles;
     }
 
@@ -171,7 +172,7 @@ public:
         const std::scoped_lock lock(_mutex);
         return reinterpret_cast<Handle*>(_give(kind, std::move(object)));
     }
-    /// The object; fails for what is not a handle of that kind.
+    /// The object; fails if `handle` is not a handle of that kind.
     template <class Object> CXRef<Object> object(const void* handle, Kind kind)
     {
         const std::scoped_lock lock(_mutex);
@@ -182,7 +183,7 @@ public:
         const std::scoped_lock lock(_mutex);
         ++_entry(handle, std::nullopt)->second.count;
     }
-    /// The object, when that was the last: to be let go by the caller, without the lock.
+    /// Returns the object if that was its last reference: the caller must release it without the lock.
     CXRef<CXObject> release(const void* handle)
     {
         const std::scoped_lock lock(_mutex);
@@ -194,13 +195,13 @@ public:
         _entries.erase(entry);
         return object;
     }
-    /// Remembers memory from malloc(), with the devices that it lists.
+    /// Registers memory from malloc(), with the number of devices that it lists.
     void addMemory(const void* memory, size_t deviceCount)
     {
         const std::scoped_lock lock(_mutex);
         _memory.emplace(memory, deviceCount);
     }
-    /// How many devices it lists; nothing when it is not ours.
+    /// The number of devices that the memory lists; empty if it is not registered.
     std::optional<size_t> removeMemory(const void* memory)
     {
         const std::scoped_lock lock(_mutex);
@@ -265,8 +266,8 @@ CXRef<SimulatedHardware> computerOf(const dxr_computer* handle)
     return Handles::shared().object<SimulatedHardware>(handle, Kind::Computer);
 }
 
-/// The last reference to an object of a handle. What an audio callback lets go ends elsewhere: a runner waits for the
-/// callback, and memory is freed.
+/// Releases the last reference to an object of a handle. In an audio callback the object is destroyed on
+/// another thread: a runner would wait for the callback, and memory is freed.
 void letGo(CXRef<CXObject> object, bool inCycle)
 {
     if (object && inCycle)
@@ -305,8 +306,8 @@ bool isInput(dxr_direction direction)
     return directionOf(direction) == HALDirection::Input;
 }
 
-/// A struct that the caller has filled in, as far as it knows its fields. No struct has grown yet: the size of the first
-/// version is the size now.
+/// Reads a struct that the caller has filled in, up to the size given. No struct has grown yet, so the
+/// present size is that of the first version.
 template <class Struct> Struct readStruct(const Struct* given, const char* name)
 {
     require(given, name);
@@ -334,7 +335,7 @@ void requireSampleRate(double rate)
 
 // ---- Results
 
-/// Memory for a result, which dxr_free() takes.
+/// Memory for a result, to be released with dxr_free().
 template <class Value> Value* newMemory(size_t byteSize, size_t deviceCount = 0)
 {
     void* const memory = std::calloc(1, std::max<size_t>(byteSize, 1));
@@ -373,7 +374,8 @@ void giveList(const std::set<CXRef<DXRDevice>>& set, dxr_device* const** devices
     *count = sorted.size();
 }
 
-/// Puts a struct with what it points to into one piece of memory: measured in the first pass, filled in the second.
+/// Packs a struct and the data it points to into one piece of memory: measures in the first pass, fills in
+/// the second.
 class Packer {
 public:
     const char* text(const std::string& text)
@@ -400,7 +402,7 @@ public:
         }
         return at;
     }
-    /// `describe` gives the struct, whose pointers come from this packer.
+    /// `describe` returns the struct, whose pointers come from this packer.
     template <class Struct, class Describe> static const Struct* pack(const Describe& describe)
     {
         Packer packer(sizeof(Struct));
@@ -424,7 +426,7 @@ private:
     size_t _used;
 };
 
-/// What a device says at one moment.
+/// The values of a device at one time.
 struct DeviceValues {
     explicit DeviceValues(const DXRDevice& device)
     {
@@ -469,7 +471,7 @@ struct DeviceValues {
     std::vector<std::string> sources;
 };
 
-/// Writes a value of a device, which is connected.
+/// Writes a value of a device; fails if the device is not connected.
 void write(const dxr_device* handle, const char* what, const CXBlock<bool(DXRDevice&)>& write)
 {
     const CXRef<DXRDevice> device = deviceOf(handle);
@@ -479,7 +481,7 @@ void write(const dxr_device* handle, const char* what, const CXBlock<bool(DXRDev
         fail(DXR_ERROR_REFUSED, std::string("the device does not take this ") + what);
 }
 
-/// The channels that a node wants; nothing means the stereo pair.
+/// The channels that a node requests; empty means the stereo pair.
 std::optional<DXRDeviceRunner::Channels> channelsOf(const dxr_node& node)
 {
     constexpr uint32_t maxChannel = 4096;
@@ -493,7 +495,7 @@ std::optional<DXRDeviceRunner::Channels> channelsOf(const dxr_node& node)
     return DXRDeviceRunner::Channels(node.channels, node.channels + node.channel_count);
 }
 
-/// What a node does in a cycle.
+/// The IO block of a node.
 DXRIOBlock blockOf(const dxr_node& node, Runner& runner, bool input, size_t channelCount)
 {
     if ((node.io != nullptr) == (node.sound != nullptr))
@@ -532,7 +534,7 @@ void requireStopped(const Runner& runner)
         fail(DXR_ERROR_STATE, "the runner runs");
 }
 
-/// The description that a simulated device is to have.
+/// The builder of a simulated device with this description.
 SimulatedDeviceBuilder builderOf(const dxr_simulated_device& device)
 {
     SimulatedDeviceBuilder builder = aDevice();
@@ -601,7 +603,7 @@ void requirePlugged(bool isPlugged)
         fail(DXR_ERROR_NOT_FOUND, "no device of that UID is plugged in");
 }
 
-// ---- The callbacks' side
+// ---- Callbacks
 
 Follower::Follower(dxr_device_callback callback, void* user)
 {
@@ -622,7 +624,7 @@ Follower::Follower(dxr_device_callback callback, void* user)
     manager().addDeviceNotifier(CXRef<dxr::WorkQueue>(&events()), _block);
 }
 
-/// One that repeats goes by the runner's time, so that an input and an output share a place in it.
+/// A repeating sound is indexed by the runner's time, so that an input and an output use the same position.
 void Sound::perform(uint64_t sampleTime, DXRBuffer& cycle, bool isInput) noexcept
 {
     const uint64_t all = buffer->frameCount(), channels = buffer->channelCount();
@@ -664,7 +666,7 @@ void Runner::follow(const CXBlock<void()>& block)
     }
 }
 
-/// The block refers to this runner, which outlives its calls.
+/// The block refers to this Runner, which outlives the block's calls.
 DXRIOBlock Runner::blockFor(dxr_io io, void* user, bool input)
 {
     return [this, io, user, input](uint64_t sampleTime, DXRBuffer& buffer) {
@@ -681,7 +683,7 @@ DXRIOBlock Runner::blockFor(dxr_io io, void* user, bool input)
         if (result == 0)
             return;
         hasEnded.store(true, std::memory_order_relaxed);
-        runner->stop(); // a little later: this is work of its queue
+        runner->stop(); // on the queue, stop() takes effect shortly after
     };
 }
 
@@ -937,8 +939,7 @@ dxr_status dxr_sound_new(uint64_t frames, uint32_t channels, double sample_rate,
     return guarded(__func__, [&] {
         require(sound, "sound");
         requireSampleRate(sample_rate);
-        constexpr uint64_t maxSamples = uint64_t{1}
-                                        << 31; // 8 GB: more is a mistake, which would take all memory
+        constexpr uint64_t maxSamples = uint64_t{1} << 31; // 8 GB: more is a mistake and would exhaust memory
         if (frames == 0 || channels == 0 || channels > 4096 || frames > maxSamples / channels)
             fail(DXR_ERROR_ARGUMENT, "no frames, not 1 to 4096 channels, or more than 2^31 samples");
         CXRef<DXRBuffer> buffer =
@@ -1034,7 +1035,7 @@ dxr_status dxr_runner_start(dxr_runner* runner)
     return guarded(__func__, [&] {
         const CXRef<Runner> it = runnerOf(runner);
         if (it->hasEnded)
-            it->runner->stop(); // the end that a callback has asked for may still be on its way
+            it->runner->stop(); // the stop requested by a callback may still be pending
         it->hasEnded = false;
         it->runner->start();
     });
@@ -1171,7 +1172,7 @@ dxr_status dxr_simulated_settle(dxr_computer* computer)
 {
     return guarded(__func__, [&] {
         const CXRef<SimulatedHardware> hardware = computerOf(computer);
-        for (int round = 0; round < 3; ++round) { // an update may ask for another
+        for (int round = 0; round < 3; ++round) { // an update may request another
             hardware->settle();
             DXRDeviceManager::queue().sync([] {});
         }

@@ -40,7 +40,7 @@ std::string joined(const std::string& first, const char* separator, const std::s
 /// The result of one reading of the hardware.
 struct DXRDevice::Readings {
     uint64_t ticket = 0;
-    std::optional<uint64_t> volumeWrites; // before it was read; nothing: a write was settling
+    std::optional<uint64_t> volumeWrites; // as it was before the reading; empty if a write was settling
     DXRDeviceValues values;
     bool isIncomplete = false;
 };
@@ -101,11 +101,11 @@ CXRef<DXRDevice> DXRDevice::_initWithDeviceID(AudioObjectID deviceID,
         return nullptr;
     CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(deviceReference, keeper));
     device->_deviceID = deviceID;
-    // Listening first: a change that the reading below is too early for is reported then.
+    // Listen before reading: a change that the reading misses is then notified.
     device->_updatePropertyListeners();
     device->_isMade = device->_updateCachedProperties();
     if (!device->_isMade) {
-        device->_disconnect(); // a callback may hold it still
+        device->_disconnect(); // a running callback may still hold it
         return nullptr;
     }
     device->_logAdded();
@@ -171,9 +171,9 @@ void DXRDevice::_connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>
     });
     if (isUnchanged)
         return;
-    _updatePropertyListeners(); // first, as above
+    _updatePropertyListeners(); // before reading, as in _initWithDeviceID()
     if (!_updateCachedProperties())
-        _kvo->updateAllValues(); // the old values, but connected
+        _kvo->updateAllValues(); // old values, but connected
 }
 
 void DXRDevice::_disconnect()
@@ -405,7 +405,7 @@ bool DXRDevice::setVolume(double volume)
         volume = 0.0;
     else if (volume > double{0.999F})
         volume = 1.0;
-    // Before the write, because its notification may come before it has returned.
+    // Before the write, because its notification may arrive before it returns.
     _mutex->execute([&] { ++_volumeSetPending; });
     const DXRDeviceHardware hardware = _hardware();
     bool isSet = hardware.setVolume(volume, kAudioObjectPropertyElementMain);
@@ -451,7 +451,7 @@ void DXRDevice::_endVolumeWrite(VolumeWrite result)
     if (!isReadNow)
         return;
     _updateCachedProperties();
-    // The keeper retries what could not be read, and has not heard of a volume that is not the one written.
+    // The keeper repeats failed reads, and has not been notified of a volume other than the one written.
     if (_isIncomplete || _locked([&] { return _values->volume != before; }))
         _tellKeeper();
 }
@@ -521,7 +521,7 @@ bool DXRDevice::_readAndStore()
     if (channelCount == 0)
         return false;
     readings.values = DXRDeviceValues::ofHardware(hardware, channelCount);
-    if (!hardware.isPresent()) // it was removed meanwhile
+    if (!hardware.isPresent()) // it was removed during the reading
         return false;
     readings.isIncomplete = reads.hasFailed();
     return _store(hardware.deviceID(), std::move(readings));
@@ -531,18 +531,18 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
 {
     return _locked([&] {
         if (_deviceID != deviceID)
-            return false; // unplugged, or plugged in again, meanwhile
+            return false; // the device was disconnected or reconnected during the reading
         if (readings.ticket < _storedTicket)
             return true;
         _storedTicket = readings.ticket;
         _isIncomplete = readings.isIncomplete;
         DXRDeviceValues& values = readings.values;
-        // The count belongs to a generic reference; with another count it is another device. A count that was
-        // not the reference's came from an archive, and gives way.
+        // A generic reference includes the channel count: a device with another count is a different device,
+        // so keep the count. A count that differs from the reference's came from an archive, and is replaced.
         const bool isGeneric = _values->channelCount != 0 && _reference->isGeneric();
         if (isGeneric && _reference->channelCount(isInput()) != values.channelCount)
             values.channelCount = _values->channelCount;
-        // The hardware's volume is a float: one that is equal as such is the volume that was written.
+        // The hardware's volume is a float: if it equals ours as a float, keep ours, the exact value written.
         if (_volumeSetPending != 0 || readings.volumeWrites != _volumeWrites ||
             static_cast<float>(values.volume) == static_cast<float>(_values->volume))
             values.volume = _values->volume;
@@ -595,7 +595,7 @@ HALStatus DXRDevice::__propertyListener(AudioObjectID /*objectID*/, uint32_t cou
         return kAudioHardwareNoError;
     for (uint32_t i = 0; i < count; ++i) {
         if (self->_needsRefresh(addresses[i].selector)) {
-            self->_refreshFromHardware(); // of everything, not only of what has changed
+            self->_refreshFromHardware(); // reads everything, not only what has changed
             break;
         }
     }
@@ -627,7 +627,7 @@ bool DXRDevice::_needsRefresh(uint32_t selector)
     default:
         return false;
     }
-    return reads.hasFailed(); // it may have changed
+    return reads.hasFailed(); // if a read failed, the value may have changed
 }
 
 bool DXRDevice::_hasOtherVolume()
@@ -662,7 +662,7 @@ bool DXRDevice::_isInKeepersUpdate(const CXObject& device)
 void DXRDevice::_tellKeeper()
 {
     if (!_isMade)
-        return; // its maker reads the values after this
+        return; // the creator reads the values afterwards
     if (const CXRef<DXRDeviceKeeper> keeper = _owner())
         keeper->updateQueue().async([keeper, self = CXRef(this)] { keeper->deviceWasUpdated(self); });
 }

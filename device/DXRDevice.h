@@ -17,20 +17,20 @@ class DXRDeviceHardware;
 class DXRDeviceOverrides;
 struct DXRDeviceValues;
 
-/// One audio device in one direction: the input and the output of a headset are two. It keeps a copy of the
-/// hardware's values, refreshes it when the hardware reports a change, announces changes to observers
-/// (kvo()), and does the few writes there are. It outlives its hardware: a disconnected device keeps its last
-/// values, and an absent one can be made from an archive. Clients get devices from the device manager, which
-/// makes, connects, names and keeps them.
+/// One audio device in one direction: the input and the output of a headset are two devices. It keeps a copy
+/// of the hardware's values, refreshes it when the hardware reports a change, announces changes to observers
+/// (kvo()), and offers a few writes. It outlives its hardware: a disconnected device keeps its last values,
+/// and an absent device can be created from an archive. Clients get devices from the device manager, which
+/// creates, connects, names and owns them.
 ///
 /// Observable keys: channelCount, manufacturer, model, name, nameWithSource, displayName,
 /// displayNameWithSource, preferredStereoChannels, reference, isConnected, isDefault, availableSampleRates,
 /// sampleRate, availableSources, source, isMuted, volume, deviceID, deviceUID.
 /// Threads:   any. Observers are called on the main thread.
-/// Real time: no. Queries take a lock for a moment and ask no hardware, except isDefault(); writes wait for
-///            it.
-/// Fails:     silently: a value that cannot be read is empty, 0, 44100 Hz, volume 1, channels 1 and 2, or
-///            false; writes return whether the hardware accepted them, and false for a device that is not
+/// Real time: no. Queries hold a lock briefly and do not access the hardware, except isDefault(). Writes wait
+///            for the hardware.
+/// Fails:     silently. A value that cannot be read is empty, 0, 44100 Hz, volume 1, channels 1 and 2, or
+///            false. Writes return whether the hardware accepted them, and false if the device is not
 ///            connected.
 class DXR_EXPORT DXRDevice final : public CXObject {
 public:
@@ -40,9 +40,10 @@ public:
     std::string manufacturer() const;
     std::string model() const;
     std::string name() const;
-    /// "Name: Source"; just one of them when the other is empty or the same.
+    /// "Name: Source"; only one of the two if the other is empty or the same.
     std::string nameWithSource() const;
-    /// The name to show users, which differs from those of like devices; "⚠️ Name" when it is not connected.
+    /// The name to show users, different for devices with the same name; "⚠️ Name" if the device is not
+    /// connected.
     std::string displayName() const;
     std::string displayNameWithSource() const;
     /// The transport code as four characters, "grup" for an aggregate; empty when unknown.
@@ -52,17 +53,17 @@ public:
     std::vector<uint32_t> preferredStereoChannels() const;
     CXRef<DXRDeviceReference> reference() const;
     std::string deviceUID() const;
-    AudioObjectID deviceID() const; ///< 0 when it is not connected
+    AudioObjectID deviceID() const; ///< 0 if the device is not connected
     bool isConnected() const;
-    /// Whether it is its direction's default device now. Asks the hardware.
+    /// Whether the device is its direction's default device now. Reads the hardware.
     bool isDefault() const;
     bool isInput() const;
     uint32_t scope() const;                            ///< kAudioObjectPropertyScopeInput or …Output
     std::vector<double> availableSampleRates() const;  ///< Hz, ascending
     double sampleRate() const;                         ///< nominal, Hz
     std::vector<std::string> availableSources() const; ///< in alphabetical order
-    std::string source() const;                        ///< empty when there is none
-    /// Whether there is a control; the overrides "hm" and "hv" decide before the hardware does.
+    std::string source() const;                        ///< empty if there is no source
+    /// Whether the device has the control. The overrides "hm" and "hv" take precedence over the hardware.
     bool hasMute() const;
     bool hasVolume() const;
     bool isMuted() const;  ///< false without a control
@@ -70,22 +71,24 @@ public:
 
     // -- Writes
 
-    /// One of availableSampleRates(), exactly.
+    /// `sampleRate` must equal one of availableSampleRates().
     [[nodiscard]] bool setSampleRate(double sampleRate);
     [[nodiscard]] bool setSource(const std::optional<std::string>& source);
     [[nodiscard]] bool setMuted(bool muted);
-    /// 0 to 1; within a thousandth of an end it is the end. volume() returns the new value at once, and the
-    /// hardware's from a quarter of a second after the last write on: a slider does not jump in between.
+    /// `volume`: 0 to 1; a value within a thousandth of 0 or 1 is set to 0 or 1. volume() returns the new
+    /// value at once, and the hardware's value from a quarter of a second after the last write on, so that a
+    /// slider does not jump in between.
     [[nodiscard]] bool setVolume(double volume);
 
     // -- Settings, storage, observation
 
-    /// What users have set for this device, in any application (DXRDeviceOverrides); null when nothing.
+    /// A setting that users have made for this device, in any application (DXRDeviceOverrides); null if
+    /// unset.
     CXPlist overrideForKey(const std::string& key) const;
     std::vector<std::string> overrideKeys() const;
-    /// Null removes it. Waits for the disk.
+    /// A null `value` removes the setting. Waits for the disk.
     void setOverride(const CXPlist& value, const std::string& key);
-    /// All that is needed to list and describe the device while it is absent; initWithArchive() reads it.
+    /// Everything needed to list and describe the device while it is absent; initWithArchive() reads it.
     CXPlist archive() const;
     const CXRef<DXRKVOHelper>& kvo() const noexcept { return _kvo; }
 
@@ -142,7 +145,7 @@ private:
     template <class Live> auto _locked(const Live& live) const;
 
     const CXRef<DXRKVOHelper> _kvo;
-    // The values last announced to observers. Written by the helper and read, both on the main thread only.
+    // The values last announced to observers. Written by the helper and read on the main thread only.
     uint32_t _kvo_channelCount = 0;
     std::optional<std::string> _kvo_manufacturer;
     std::optional<std::string> _kvo_model;
@@ -163,33 +166,33 @@ private:
     uint32_t _kvo_deviceID = 0;
     std::optional<std::string> _kvo_deviceUID;
 
-    // Guards all below that is neither const nor atomic; never held in a HAL call.
+    // Guards all fields below that are neither const nor atomic; never held during a HAL call.
     const CXRef<DXRRecursiveMutex> _mutex;
     const CXRef<DXRDeviceOverrides> _overrides;
     const std::unique_ptr<DXRDeviceValues> _values;
-    // Stored by the owner's thread alone, sometimes without the mutex; other threads read one value at a
-    // time.
+    // Stored by the owner's thread only, sometimes without the mutex; other threads only load each value on
+    // its own.
     std::atomic<AudioObjectID> _deviceID{kAudioObjectUnknown};
     std::optional<std::string> _displayName;
     std::optional<std::string> _displayNameWithSource;
     CXRef<DXRDeviceReference> _reference;
-    // Local volume writes, from before the hardware is asked to the end of their settling time. Meanwhile the
-    // hardware's notifications about its volume are only noted: they are about these writes, or are read at
-    // the end.
+    // Local volume writes in progress: each from before its call of the hardware to the end of its settling
+    // time. While there are any, volume notifications only set _hasUnreadVolume: they result from these
+    // writes, or are read at the end.
     uint32_t _volumeSetPending = 0;
     bool _hasUnreadVolume = false;
 
     AudioObjectID _listenedID = kAudioObjectUnknown; // the device the listener is installed on
-    // Refreshes run side by side: on the notification thread, the manager's queue, and when a volume has
-    // settled. Each takes a ticket before it reads. One that began before the stored one stores nothing: a
-    // change that it saw and the later one did not is announced after it, and causes another refresh.
+    // Refreshes may run concurrently: on the notification thread, on the manager's queue, and after a volume
+    // has settled. Each takes a ticket before it reads, and stores nothing if a later ticket has been stored.
+    // No change is lost: a change that only the earlier one saw is notified afterwards and causes another
+    // refresh.
     uint64_t _lastTicket = 0;
     uint64_t _storedTicket = 0;
-    uint64_t _volumeWrites = 0; // local ones so far: a reading from before one does not replace it
-    std::atomic<bool> _isIncomplete{
-        false};                       // something could not be read; read again by _refreshIfIncomplete()
-    std::atomic<bool> _isMade{false}; // the first fill has succeeded: the keeper may be notified
+    uint64_t _volumeWrites = 0; // local writes so far: an earlier reading does not replace the volume
+    std::atomic<bool> _isIncomplete{false}; // some value could not be read; see _refreshIfIncomplete()
+    std::atomic<bool> _isMade{false};       // the first reading has succeeded: the keeper may be notified
     const CXWeak<DXRDeviceKeeper> _keeper;
     const bool _hasKeeper;
-    CXWeak<DXRDevice> _self; // passed to the listener: a callback may be running when the device ends
+    CXWeak<DXRDevice> _self; // passed to the listener, which may be called while the device is destroyed
 };

@@ -12,7 +12,7 @@ std::optional<double> numberIn(const CXPlist& value)
     return value.is_number() || value.is_boolean() ? std::optional(CXDoubleValue(value)) : std::nullopt;
 }
 
-/// 0 unless it is a number from 1 to `maximum`.
+/// The number rounded down if it is from 1 to `maximum`; otherwise 0.
 uint32_t countIn(const CXPlist& value, uint32_t maximum)
 {
     const double number = numberIn(value).value_or(0.0);
@@ -25,7 +25,7 @@ std::optional<double> rateIn(const CXPlist& value)
     return rate && std::isfinite(*rate) && *rate > 0.0 ? rate : std::nullopt;
 }
 
-/// What `read` makes of each item of an array; empty when it makes nothing of one.
+/// The results of `read` for the items of an array; empty if it fails for any of them.
 template <class Item, class Read> std::vector<Item> itemsIn(const CXPlist& array, const Read& read)
 {
     std::vector<Item> items;

@@ -6,18 +6,18 @@
 #include <string>
 #include <vector>
 
-/// Reads the values of a device's archive, which may hold anything: what is missing, of the wrong kind, or
-/// nothing that hardware could report is empty, 0, false or nothing.
-/// Threads:   immutable; any, while the dictionary it was made for is there.
+/// Reads values from a device's archive, whose content is not trusted: a value that is missing, of the wrong
+/// type or impossible for hardware is read as empty, 0 or false.
+/// Threads:   immutable; any, while the dictionary passed to the constructor exists.
 /// Real time: no.
 class DXRDeviceArchive {
 public:
-    /// More channels than any device has. A larger count is an error, and would have clients allocate for it.
+    /// The limit of valid channel counts: no device has more, and clients allocate memory in proportion.
     static constexpr uint32_t maximumChannelCount = 4096;
 
     explicit DXRDeviceArchive(const CXPlist& dictionary) noexcept : _dictionary(dictionary) {}
 
-    /// A number from 1 to the maximum, without its fraction; else 0.
+    /// A number from 1 to the maximum, rounded down; otherwise 0.
     uint32_t channelCount(const char* key) const;
     /// Hz: a finite number above 0.
     std::optional<double> rate(const char* key) const;
@@ -25,7 +25,7 @@ public:
     std::optional<double> scalar(const char* key) const;
     bool flag(const char* key) const;
     std::string string(const char* key) const;
-    // Lists: empty unless every item is of the kind.
+    // Lists are empty unless every item is valid.
     std::vector<uint32_t> channels(const char* key, uint32_t channelCount) const; ///< from 1 to the count
     std::vector<double> rates(const char* key) const;
     std::vector<std::string> strings(const char* key) const;

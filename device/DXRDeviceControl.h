@@ -2,24 +2,24 @@
 
 #include "DXRDevice.h"
 
-/// What the owner of a device does with it and clients must not: make it, connect it, name it. For the device
-/// manager, and for the engine's refreshIfChannelsChanged().
-/// Threads:   one at a time for one device, but for refreshIfChannelsChanged(): any.
+/// The functions of a device that only its owner may call: to create, connect and name it. For the device
+/// manager, and for the engine, which calls refreshIfChannelsChanged().
+/// Threads:   one thread at a time for one device, except refreshIfChannelsChanged(): any.
 /// Real time: no.
 class DXRDeviceControl {
 public:
-    /// The device of this ID that is present, in the direction of the reference. Null when it cannot be read,
-    /// has no channels in that direction, or the reference has no direction. `keeper` is notified of its
-    /// changes; without one, the shared keeper is.
+    /// The present device with this ID, in the direction of the reference. Returns null if the device cannot
+    /// be read, if it has no channels in that direction, or if the reference has no direction. `keeper`, by
+    /// default the shared keeper, is notified of the device's changes.
     static CXRef<DXRDevice> initWithDeviceID(AudioObjectID deviceID,
                                              const CXRef<DXRDeviceReference>& deviceReference,
                                              const CXRef<DXRDeviceKeeper>& keeper = nullptr)
     {
         return DXRDevice::_initWithDeviceID(deviceID, deviceReference, keeper);
     }
-    /// A device that is not connected, from what archive() returned. Null for another version than 1, without
-    /// a reference that has a direction, or without a possible channel count; anything else that is missing
-    /// or of the wrong kind has its default.
+    /// A device that is not connected, from the result of archive(). Returns null if the archive's version is
+    /// not 1, its reference is missing or has no direction, or its channel count is invalid. Any other value
+    /// that is missing or of the wrong type gets its default.
     static CXRef<DXRDevice> initWithArchive(const CXPlist& archive,
                                             const CXRef<DXRDeviceKeeper>& keeper = nullptr)
     {
@@ -28,19 +28,19 @@ public:
 
     explicit DXRDeviceControl(DXRDevice& device) noexcept : _device(device) {}
 
-    /// Gives it this hardware device and reads it; nothing happens when it has it already, by an equal
-    /// reference.
+    /// Connects the device to this hardware device and reads it. Does nothing if it is connected to that
+    /// device already, with an equal reference.
     void connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference) const
     {
         _device._connect(deviceID, deviceReference);
     }
-    /// Takes its hardware device away. The values stay.
+    /// Disconnects the device from its hardware. It keeps its values.
     void disconnect() const { _device._disconnect(); }
     void setDeviceReference(const CXRef<DXRDeviceReference>& deviceReference) const
     {
         _device._setDeviceReference(deviceReference);
     }
-    /// The name to show instead of the device's own, or none; returns whether it differs from the one before.
+    /// Sets the name shown instead of the device's own, or removes it; returns whether this is a change.
     bool updateDisplayName(const std::optional<std::string>& name) const
     {
         return _device._updateDisplayName(_device._displayName, name, "displayName");
@@ -49,12 +49,12 @@ public:
     {
         return _device._updateDisplayName(_device._displayNameWithSource, name, "displayNameWithSource");
     }
-    /// Whether a device with a generic reference still has the channels that belong to that.
+    /// Whether a device with a generic reference still has the channel counts in that reference.
     bool confirmGenericChannelCounts() const { return _device._confirmGenericChannelCounts(); }
-    /// Reads the hardware again if something could not be read the last time; returns whether it did.
+    /// Reads the hardware again if the last reading was incomplete; returns whether it was.
     bool refreshIfIncomplete() const { return _device._refreshIfIncomplete(); }
     /// Reads the hardware again if its channel count differs from channelCount(), for a caller that cannot
-    /// wait for the notification; returns whether it did.
+    /// wait for the notification; returns whether it differed.
     bool refreshIfChannelsChanged() const { return _device._refreshIfChannelsChanged(); }
 
 private:

@@ -25,13 +25,13 @@ std::string textOr(const DXRPropertyAddress& address, AudioObjectID deviceID)
     return textIn(address.objectForObjectID(deviceID)).value_or("");
 }
 
-/// A NaN would differ from itself at every comparison, and neither it nor infinity can be archived.
+/// NaN would differ from itself at every comparison; neither NaN nor infinity can be archived.
 bool isRate(double rate)
 {
     return std::isfinite(rate) && rate > 0.0;
 }
 
-/// `text` in lower case, in every locale.
+/// `text` in lower case, independent of the process's locale.
 std::wstring lowered(const std::string& text)
 {
     static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
@@ -41,7 +41,7 @@ std::wstring lowered(const std::string& text)
     std::mbstate_t state{};
     const size_t length = std::mbsrtowcs(wide.data(), &from, wide.size(), &state);
     if (length == static_cast<size_t>(-1))
-        std::ranges::copy(text, wide.begin()); // not UTF-8: each byte for itself
+        std::ranges::copy(text, wide.begin()); // not UTF-8: convert each byte on its own
     else
         wide.resize(length);
     std::ranges::transform(wide, wide.begin(),
@@ -189,7 +189,7 @@ std::optional<double> DXRDeviceHardware::volume(std::span<const uint32_t> channe
     }
     if (!volume)
         return std::nullopt;
-    return *volume > 0.0 ? std::min(*volume, 1.0) : 0.0; // NaN, too, is 0
+    return *volume > 0.0 ? std::min(*volume, 1.0) : 0.0; // NaN becomes 0
 }
 
 bool DXRDeviceHardware::setSampleRate(double rate) const

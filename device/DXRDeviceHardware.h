@@ -9,39 +9,39 @@
 #include <string>
 #include <vector>
 
-/// One direction of a hardware device now: every call asks the hardware.
+/// The present state of one direction of a hardware device: every call reads the hardware.
 /// Threads:   immutable; any.
 /// Real time: no.
-/// Fails:     with the value named; writes return whether the hardware accepted them.
+/// Fails:     returns the value stated for each function; writes return whether the hardware accepted them.
 class DXRDeviceHardware {
 public:
     DXRDeviceHardware(AudioObjectID deviceID, bool isInput) noexcept : _deviceID(deviceID), _isInput(isInput)
     {}
 
     AudioObjectID deviceID() const noexcept { return _deviceID; }
-    /// Whether its unique ID can still be read.
+    /// Whether the device's unique ID can still be read.
     bool isPresent() const;
-    uint32_t channelCount() const;    ///< 0 when it cannot be read
-    std::string manufacturer() const; ///< empty when unknown, like the next two
+    uint32_t channelCount() const;    ///< 0 if it cannot be read
+    std::string manufacturer() const; ///< empty if unknown, as are the next two
     std::string model() const;
     std::string name() const;
-    std::string transportType() const; ///< four characters; empty when unknown
-    /// Channel numbers from 1, always two: the first channels when unknown.
+    std::string transportType() const; ///< four characters; empty if unknown
+    /// Two channel numbers from 1; the first channels if unknown.
     std::vector<uint32_t> preferredStereoChannels(uint32_t channelCount) const;
-    double sampleRate() const; ///< Hz; 44100 when it cannot be read
-    /// Hz, ascending. Of a range, those of four usual rates that lie in it; `sampleRate` when that leaves
-    /// none.
+    double sampleRate() const; ///< Hz; 44100 if it cannot be read
+    /// Hz, ascending. Of a range, those of four usual rates that are in it. If there are none, only
+    /// `sampleRate`.
     std::vector<double> availableSampleRates(double sampleRate) const;
-    std::map<std::string, uint32_t> sources() const; ///< IDs by name; the nameless are left out
-    std::string source() const;                      ///< the current one's name; empty when there is none
-    std::optional<bool> isMuted() const;             ///< nothing without such a control
-    /// Scalar 0 to 1: of the main control, else the mean of the channels' controls; nothing without any.
+    std::map<std::string, uint32_t> sources() const; ///< IDs by name; sources without a name are left out
+    std::string source() const;                      ///< the current source's name; empty if there is none
+    std::optional<bool> isMuted() const;             ///< empty without a mute control
+    /// Scalar 0 to 1: from the main control, otherwise the mean of the channels' controls; empty without any.
     std::optional<double> volume(std::span<const uint32_t> channels) const;
 
     bool setSampleRate(double rate) const;
     bool setSource(uint32_t sourceID) const;
     bool setMuted(bool muted) const;
-    /// Of the main control (element 0) or a channel's.
+    /// `element`: 0 for the main control, or a channel number.
     bool setVolume(double scalar, uint32_t element) const;
 
 private:
@@ -54,5 +54,5 @@ private:
     bool _isInput;
 };
 
-/// `texts` in their order for people: upper and lower case count the same.
+/// `texts` in alphabetical order, ignoring case.
 std::vector<std::string> sortedCaseInsensitively(std::vector<std::string> texts);

@@ -4,7 +4,7 @@
 
 namespace {
 
-std::atomic<DXRDeviceKeeper*> sharedKeeper{nullptr}; // holds a reference, for good
+std::atomic<DXRDeviceKeeper*> sharedKeeper{nullptr}; // holds a reference, never released
 
 } // namespace
 

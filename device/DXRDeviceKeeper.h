@@ -7,7 +7,7 @@
 class DXRDevice;
 
 /// Callback interface of a device's owner.
-/// Threads:   as each function says.
+/// Threads:   as stated for each function.
 class DXR_EXPORT DXRDeviceKeeper : public CXObject {
 public:
     /// The serial queue that updates of devices run on. Any thread.
@@ -15,8 +15,8 @@ public:
     /// Values of the device have changed, or it has been removed. Called on the queue.
     virtual void deviceWasUpdated(const CXRef<DXRDevice>& device) = 0;
 
-    /// The owner of devices that were made without a keeper; null at first. Any thread. A keeper that is set
-    /// lives as long as the process.
+    /// The owner of devices that were created without a keeper; initially null. Any thread. The shared keeper
+    /// is never destroyed.
     static CXRef<DXRDeviceKeeper> shared();
     static void setShared(const CXRef<DXRDeviceKeeper>& keeper);
 };

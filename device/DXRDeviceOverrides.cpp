@@ -27,14 +27,14 @@ CXRef<DefaultsSuite> suite()
     return DefaultsSuite::suiteNamed("com.veltorrin.device-overrides");
 }
 
-/// The overrides in a row; none when there is no row, or something else in it.
+/// The overrides in a row; empty if the row is null or does not contain a dictionary.
 CXPlist overridesIn(const CXRef<DefaultsRow>& row)
 {
     std::optional<CXPlist> overrides = row ? CXPlistWithJSON(row->value()) : std::nullopt;
     return overrides && overrides->is_object() ? std::move(*overrides) : CXPlist::object();
 }
 
-/// JSON has no others, and would store null.
+/// JSON cannot represent other numbers: it would store null.
 bool hasFiniteNumbers(const CXPlist& value)
 {
     if (value.is_structured())
@@ -42,7 +42,7 @@ bool hasFiniteNumbers(const CXPlist& value)
     return !value.is_number_float() || std::isfinite(value.get<double>());
 }
 
-/// Where the entry for the reference is, or would be.
+/// The key of the entry for the reference, or the key it would get.
 std::string keyOfEntry(const DXRDeviceReference& reference, const DefaultsSnapshot& now)
 {
     const CXRef<DXRDeviceOverridesEntry> entry =
@@ -51,8 +51,8 @@ std::string keyOfEntry(const DXRDeviceReference& reference, const DefaultsSnapsh
     return entry ? entry->key() : reference.string();
 }
 
-/// What writes `overrides` under the key: an entry without any is removed. Nothing when it could not be read
-/// again, which would lose the whole entry.
+/// The changes that write `overrides` under the key; an entry without overrides is removed. Returns no
+/// changes if the entry would be too long to be read back, because the whole entry would be lost.
 DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, const DefaultsSnapshot& now)
 {
     const CXRef<DefaultsRow> row = now.row(key);
@@ -89,11 +89,11 @@ DXRDeviceOverrides::~DXRDeviceOverrides()
     _defaults->removeObserver(_observer);
 }
 
-/// Takes the place of the entry for the reference, and follows it. Called again when the store could not be
-/// read the first time.
+/// Finds the key of the entry for the reference, and observes it. Called again if the store could not be read
+/// before.
 void DXRDeviceOverrides::_find()
 {
-    const bool isLoaded = _defaults->load(); // from the disk; everything below is in memory
+    const bool isLoaded = _defaults->load(); // reads the disk; everything below is in memory
     const CXRef<DXRDeviceOverridesEntry> entry =
         DXRDeviceOverridesIndex::current(*_defaults)->entryForReference(*_reference);
     const std::string key = entry ? entry->key() : _reference->string();
@@ -108,12 +108,12 @@ void DXRDeviceOverrides::_find()
         before = std::exchange(_observer, observer);
     });
     _defaults->removeObserver(before);
-    _observeValue(); // it may have changed before it was observed
+    _observeValue(); // the value may have changed before it was observed
 }
 
 void DXRDeviceOverrides::_observeValue()
 {
-    // The snapshot is taken under the mutex, so that of two readings the later one stays.
+    // Take the snapshot under the mutex, so that of two readings the later one is stored last.
     _mutex->execute([&] {
         const CXRef<DXRDeviceOverridesEntry> entry =
             DXRDeviceOverridesIndex::current(*_defaults)->entryForKey(_key);
@@ -174,7 +174,7 @@ CXPlist DXRDeviceOverrides::doubleForKey(const std::optional<std::string>& key) 
 
 CXPlist DXRDeviceOverrides::numberArrayForKey(const std::optional<std::string>& key) const
 {
-    // A number, and never an array: clients have come to rely on it.
+    // Returns a number and never an array, because clients depend on this.
     return _objectForKey(key, Kind::Number);
 }
 
@@ -193,17 +193,17 @@ std::optional<std::string> DXRDeviceOverrides::stringForKey(const std::optional<
 
 void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std::string>& key)
 {
-    // Half the limits for one value leaves room for what else is in the entry.
+    // Limit one value to half the limit of an entry, to leave room for the other values.
     if (!key || !CXPlistFitsJSON(value) || !hasFiniteNumbers(value) ||
         key->size() + CXJSONWithPlist(value).size() > CXJSONMaximumBytes / 2)
         return;
-    std::optional<std::string> entryKey; // nothing: not known yet
+    std::optional<std::string> entryKey; // empty: not yet known
     _mutex->execute([&] {
         if (_isFound)
             entryKey = _key;
     });
-    // The edit works on what is stored at that moment, and not on what is known here, so that no override
-    // which another process has just set is lost.
+    // The edit changes the overrides stored at that moment, not the ones known here, so that no override just
+    // set by another process is lost.
     const auto edit = [entryKey, reference = _reference, key = dxr::utf8Replaced(*key), value,
                        owner = _ownerBundleID()](const DefaultsSnapshot& now) {
         const std::string found = entryKey ? *entryKey : keyOfEntry(*reference, now);
@@ -262,5 +262,5 @@ std::string DXRDeviceOverrides::_ownerKeyForKey(std::string_view key)
 std::optional<std::string> DXRDeviceOverrides::_ownerBundleID()
 {
     const std::optional<std::string> identifier = CXMainBundleIdentifier();
-    return identifier ? std::optional(dxr::utf8Replaced(*identifier)) : std::nullopt; // as it is stored
+    return identifier ? std::optional(dxr::utf8Replaced(*identifier)) : std::nullopt; // in its stored form
 }

@@ -31,7 +31,7 @@ CXRef<DXRDeviceOverridesIndex> DXRDeviceOverridesIndex::current(dxr::DefaultsSui
         std::mutex mutex;
         CXRef<DXRDeviceOverridesIndex> index;
     };
-    static auto& latest = *new Latest; // never destroyed: the suite's observers use it to the end
+    static auto& latest = *new Latest; // never destroyed: the suite's observers use it until the process ends
     const std::lock_guard lock(latest.mutex);
     CXRef<DefaultsSnapshot> snapshot = suite.snapshot();
     if (!latest.index || latest.index->_snapshot != snapshot)

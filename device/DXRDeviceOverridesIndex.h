@@ -8,10 +8,10 @@
 #include <unordered_map>
 
 /// One device's entry in the suite of overrides, parsed.
-/// Threads: immutable, any.
+/// Threads:   immutable; any.
 class DXRDeviceOverridesEntry final : public CXObject {
 public:
-    /// Null when the key is no reference or the value no dictionary: such entries are not ours.
+    /// Returns null if the key is not a reference or the value not a dictionary: such entries are ignored.
     static CXRef<DXRDeviceOverridesEntry> initWithRow(const std::string& key,
                                                       const CXRef<dxr::DefaultsRow>& row);
 
@@ -30,9 +30,9 @@ private:
     const CXPlist _overrides;
 };
 
-/// All entries of the suite at one time, found by reference without a search: each is parsed once for the
-/// whole process, however many devices look for theirs.
-/// Threads: immutable, any.
+/// All entries of the suite at one time, indexed by reference. Each entry is parsed once per process,
+/// regardless of the number of devices that look up theirs.
+/// Threads:   immutable; any.
 class DXRDeviceOverridesIndex final : public CXObject {
 public:
     static CXRef<DXRDeviceOverridesIndex> initWithSnapshot(CXRef<dxr::DefaultsSnapshot> snapshot)
@@ -40,12 +40,12 @@ public:
         return CXRef<DXRDeviceOverridesIndex>::adopt(
             new DXRDeviceOverridesIndex(std::move(snapshot), nullptr));
     }
-    /// What `suite` holds now, as far as it is in memory.
+    /// The content of `suite` now, as far as it is loaded.
     static CXRef<DXRDeviceOverridesIndex> current(dxr::DefaultsSuite& suite);
 
-    /// The first entry whose reference is equal to this one, or else generically equal; null without one.
+    /// The first entry whose reference is equal, otherwise generically equal; null if there is none.
     CXRef<DXRDeviceOverridesEntry> entryForReference(const DXRDeviceReference& reference) const;
-    /// Null without one.
+    /// Null if there is none.
     CXRef<DXRDeviceOverridesEntry> entryForKey(const std::string& key) const;
 
 private:

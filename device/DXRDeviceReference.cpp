@@ -23,7 +23,7 @@ bool isNumber(const CXPlist& value) noexcept
     return value.is_number() || value.is_boolean();
 }
 
-/// Numbers by value, a boolean as 0 or 1; anything else by content.
+/// Compares numbers by value, with a boolean as 0 or 1; anything else by content.
 bool isEqualValue(const CXPlist& a, const CXPlist& b)
 {
     if (!isNumber(a) || !isNumber(b))
@@ -45,11 +45,11 @@ size_t hashOfValue(const CXPlist* value) noexcept
         return std::hash<std::string>()(*text);
     if (isNumber(*value))
         return std::hash<double>()(CXDoubleValue(*value));
-    return value->size(); // no device has such an attribute
+    return value->size(); // structured: no device has such an attribute
 }
 
-/// Stored by earlier versions: the generic ID of an engine may still hold its interface behind an emptied
-/// serial number.
+/// Corrects references stored by earlier versions, in which the generic ID of an engine may still contain its
+/// interface after an emptied serial number.
 void mendGenericUID(CXPlist& attributes)
 {
     const auto transport = attributes.find("t");
@@ -63,7 +63,7 @@ void mendGenericUID(CXPlist& attributes)
         genericUID.erase(end + 2);
 }
 
-/// `object` as a reference: itself, or made from the string it holds.
+/// `object` as a reference: `object` itself, or a reference made from the string it holds.
 CXRef<const DXRDeviceReference> referenceIn(const CXObject* object)
 {
     if (const auto* reference = dynamic_cast<const DXRDeviceReference*>(object))
@@ -282,7 +282,7 @@ size_t DXRDeviceReference::hash() const
 size_t DXRDeviceReference::_hashOf(std::span<const Attribute> attributes) const noexcept
 {
     size_t hash = 0;
-    for (const Attribute each : attributes) // as boost::hash_combine
+    for (const Attribute each : attributes) // as in boost::hash_combine
         hash ^= hashOfValue(_attributes[each]) + 0x9E3779B97F4A7C15U + (hash << 6) + (hash >> 2);
     return hash;
 }

@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-/// Values under the references they belong to, found by equal and by generically equal ones at a cost that
-/// does not grow with their number. Among several the one that was added first is found. A reference may be
-/// there for any number of values.
+/// Values indexed by their references. Looks up equal or generically equal references in a time that does not
+/// grow with the number of values. If several match, the value added first is found. A reference may have any
+/// number of values.
 /// Threads:   unlocked; one thread at a time.
 /// Real time: no.
 template <class Value> class DXRDeviceReferenceIndex {
@@ -16,28 +16,29 @@ public:
     void add(const CXRef<DXRDeviceReference>& reference, const Value& value)
     {
         _exact[reference->exactHash()].emplace_back(reference, value);
-        if (reference->isGeneric()) // the others are equal to none in that way, and would all share one hash
+        if (reference->isGeneric()) // the others match none generically, and would all have one hash
             _generic[reference->genericHash()].emplace_back(reference, value);
     }
-    /// The first of `value` under this very reference, if there is one.
+    /// Removes the first entry with this reference object and an equal value, if there is one.
     void remove(const CXRef<DXRDeviceReference>& reference, const Value& value)
     {
         removeFrom(_exact, reference->exactHash(), {reference, value});
         removeFrom(_generic, reference->genericHash(), {reference, value});
     }
-    /// The first value whose reference isEqual() to this one; null without one. Valid until the next change.
+    /// The first value whose reference isEqual() to this one; null if there is none. Valid until the next
+    /// change.
     const Value* firstEqual(const DXRDeviceReference& reference) const
     {
         return firstIn(_exact, reference.exactHash(),
                        [&](const Entry& entry) { return entry.first->isEqual(&reference); });
     }
-    /// The same by isGenericallyEqual().
+    /// As above, by isGenericallyEqual().
     const Value* firstGenericallyEqual(const DXRDeviceReference& reference) const
     {
         return firstIn(_generic, reference.genericHash(),
                        [&](const Entry& entry) { return entry.first->isGenericallyEqual(&reference); });
     }
-    /// All values whose references are generically equal, in the order of adding.
+    /// All values whose references are generically equal, in the order they were added.
     std::vector<Value> allGenericallyEqual(const DXRDeviceReference& reference) const
     {
         std::vector<Value> values;
@@ -50,7 +51,7 @@ public:
 
 private:
     using Entry = std::pair<CXRef<DXRDeviceReference>, Value>;
-    using Table = std::unordered_map<size_t, std::vector<Entry>>; // by hash, each in the order of adding
+    using Table = std::unordered_map<size_t, std::vector<Entry>>; // by hash, each in the order of insertion
 
     template <class Accepts>
     static const Value* firstIn(const Table& table, size_t hash, const Accepts& accepts)

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Says, for as long as it lives, that the calling thread is doing something.
+/// Marks the calling thread in `field` while it exists.
 class Mark {
 public:
     explicit Mark(std::atomic<pthread_t>& field) : _field(field) { _field = pthread_self(); }
@@ -106,7 +106,7 @@ void DXRKVOHelper::_update(Pass pass)
         return _run(pass);
     const bool isNew = _lock->execond([&] {
         if (std::ranges::find(_waiting, pass) != _waiting.end())
-            return false; // it reads the values when it runs, these included
+            return false; // when the waiting pass runs, it reads the present values, too
         _waiting.push_back(pass);
         return true;
     });
@@ -127,7 +127,7 @@ void DXRKVOHelper::_runWaiting(const Pass& pass)
 {
     const bool isNested = _processing.load(std::memory_order_relaxed) == pthread_self();
     _lock->execute([&] {
-        std::erase(_waiting, pass); // from here on, a new request is a new pass
+        std::erase(_waiting, pass); // a request from here on is a new pass
         if (isNested)
             _postponed.push_back(pass);
     });
@@ -168,8 +168,8 @@ void DXRKVOHelper::_announce(const DXRKVOProperty& property, DXRKVOChange change
     if (change == DXRKVOChange::Will)
         updating.emplace(_updating);
     for (const CXRef<Registration>& registration : registrations) {
-        // Asked for only now: an observer before this one may have ended it, and destroyed what the block
-        // uses.
+        // Read the block only now: an earlier observer may have ended this observation and destroyed what its
+        // block uses.
         if (const DXRKVOObservation::Block block = registration->block())
             block(registration->key, change);
     }

@@ -8,7 +8,7 @@ DXRKVOObservation::Block DXRKVOObservation::Registration::block() const
 
 void DXRKVOObservation::Registration::end()
 {
-    Block ended; // destroyed without the lock: it may hold the last reference to anything
+    Block ended; // destroyed without the lock, because it may hold the last reference to any object
     const std::scoped_lock lock(_mutex);
     std::swap(ended, _block);
 }

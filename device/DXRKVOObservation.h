@@ -7,24 +7,24 @@
 #include <mutex>
 #include <string>
 
-/// An observer of one property, from DXRKVOHelper::observe() until its last reference is dropped. It keeps
+/// An observer of one property, from DXRKVOHelper::observe() until its last reference is released. It keeps
 /// neither the object nor the helper alive.
-/// Threads:   any. The block runs on the main thread. Once the observation has ended there, the block is not
-///            called again; one that ends on another thread may be called once more meanwhile.
+/// Threads:   any. The block runs on the main thread. If the observation ends on the main thread, the block
+///            is not called again; if it ends on another thread, one more call may be in progress.
 /// Real time: no.
 class DXR_EXPORT DXRKVOObservation final : public CXObject {
 public:
     using Block = CXBlock<void(const std::string& key, DXRKVOChange change)>;
 
     const std::string& key() const noexcept { return _registration->key; }
-    /// Ends the observation, as dropping the last reference does.
+    /// Ends the observation, as releasing the last reference does.
     void end() { _registration->end(); }
 
 private:
     friend class DXRKVOHelper;
 
-    /// What the helper keeps. It holds no reference to the observation: it would delay the end of one that is
-    /// dropped.
+    /// The part that the helper keeps. It holds no reference to the observation, which would otherwise end
+    /// late when released.
     class Registration final : public CXObject {
     public:
         static CXRef<Registration> init(std::string key, Block block)
@@ -42,7 +42,7 @@ private:
         ~Registration() override = default;
 
         mutable std::mutex _mutex; // not held during a call
-        Block _block;              // under the mutex; empty: ended
+        Block _block;              // guarded by the mutex; empty once ended
     };
 
     explicit DXRKVOObservation(CXRef<Registration> registration) : _registration(std::move(registration)) {}

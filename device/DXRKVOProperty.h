@@ -6,15 +6,15 @@
 #include <optional>
 #include <string_view>
 
-/// The two moments of an announcement. At the first, getters on the announcing thread return the old value.
+/// The two phases of an announcement. In the first, getters on the announcing thread return the old value.
 enum class DXRKVOChange { Will, Did };
 
-/// One observable property of a class: its key, its getter, and the field that keeps what observers were
-/// given last, its published copy. A class makes a table of these where its own fields can be named:
+/// One observable property of a class: its key, its getter, and the field of its published copy, the value
+/// last announced to observers. A class defines a table of these where its private fields are accessible:
 /// `DXRKVOProperty::of<&DXRDevice::name, &DXRDevice::_kvo_name>("name")`.
-/// A copy that is an empty optional or reference is nil, and announced at every update, even when the getter
-/// returns the same. Objects are compared by isEqual().
-/// Threads:   immutable; any. publish() on the main thread.
+/// A copy that is an empty optional or a null reference counts as nil: the property is then announced at
+/// every update, even if the getter returns the same. Objects are compared by isEqual().
+/// Threads:   immutable; any. publish() on the main thread only.
 class DXRKVOProperty {
 public:
     template <auto getter, auto field> static constexpr DXRKVOProperty of(std::string_view key) noexcept
@@ -23,8 +23,8 @@ public:
     }
 
     constexpr std::string_view key() const noexcept { return _key; }
-    /// Unless the published copy is what the getter returns: calls `announce`, renews the copy, and calls it
-    /// again.
+    /// Does nothing if the published copy equals the getter's result. Otherwise calls `announce`, renews the
+    /// copy, and calls `announce` again.
     void publish(CXObject& object, const CXBlockRef<void(DXRKVOChange)>& announce) const
     {
         _step(object, announce);
@@ -54,7 +54,7 @@ private:
     template <class Value> static bool _isNil(const std::optional<Value>& value) { return !value; }
     template <class Value> static bool _isNil(const CXRef<Value>& value) { return !value; }
     template <class Value> static bool _isEqual(const Value& a, const Value& b) { return a == b; }
-    // NaN is equal to NaN: it would be announced at every update.
+    // NaN counts as equal to NaN: otherwise it would be announced at every update.
     static bool _isEqual(double a, double b) { return a == b || (a != a && b != b); }
     template <class Value> static bool _isEqual(const CXRef<Value>& a, const CXRef<Value>& b)
     {

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Stores the value where it can be read; `value` may be null.
+/// Stores the value if it can be read and `value` is not null.
 template <class Value>
 bool readValue(const AudioObjectPropertyAddress& address, AudioObjectID objectID, Value* value)
 {
@@ -19,7 +19,7 @@ bool readValue(const AudioObjectPropertyAddress& address, AudioObjectID objectID
     return read.has_value();
 }
 
-/// `data` cut into Items, each made into something by `make`.
+/// Splits `data` into Items and converts each with `make`.
 template <class Item, class Make>
 auto itemsOf(const std::optional<std::vector<std::byte>>& data, const Make& make)
 {

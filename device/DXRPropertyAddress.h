@@ -11,17 +11,17 @@
 
 class DXRPropertyListener;
 
-/// One property of hardware objects, by its address, and how to read and write it as values. The factories at
-/// the end are the catalogue of every property that the library touches; what each one's value is stands
+/// The address of a property of hardware objects, with functions to read and write it as values. The
+/// factories at the end list every property that the library uses; the type of each value is documented
 /// beside its code in AudioHardware.h.
 /// Threads:   immutable; any.
 /// Real time: the plain queries.
-/// Fails:     quietly: object 0, an object that is gone or does not know the property, and a value of another
-///            size read as nothing (or empty), and are written with false.
+/// Fails:     silently. For object 0, an object that does not exist or does not have the property, or a value
+///            of another size, reading returns an empty result and writing returns false.
 class DXR_EXPORT DXRPropertyAddress final : public CXObject {
 public:
     using Ref = CXRef<DXRPropertyAddress>;
-    /// Called after a change of the property, with the target that the listener was made for.
+    /// Called after a change of the property, with the target passed when the listener was created.
     using ListenerBlock = CXBlock<void(const CXRef<CXObject>& target, const Ref& address)>;
 
     /// All fields 0.
@@ -30,7 +30,7 @@ public:
     static Ref initWithAddress(const AudioObjectPropertyAddress* address);
     static Ref initWithSelector(uint32_t selector, uint32_t scope = kAudioObjectPropertyScopeGlobal,
                                 uint32_t element = kAudioObjectPropertyElementMain);
-    /// The same object: it never changes.
+    /// Returns the same object, because it is immutable.
     Ref copy() const { return Ref(const_cast<DXRPropertyAddress*>(this)); }
 
     const AudioObjectPropertyAddress* address() const noexcept { return &_address; }
@@ -41,23 +41,23 @@ public:
     bool isInput() const noexcept { return scope() == kAudioObjectPropertyScopeInput; }
     bool isOutput() const noexcept { return scope() == kAudioObjectPropertyScopeOutput; }
 
-    /// "selector:scope:element": "volm:outp:0".
+    /// "selector:scope:element", for example "volm:outp:0".
     std::string description() const override;
-    /// Another address with the same fields, or a CXValue string that equals the description.
+    /// True for another address with the same fields, or a CXValue string equal to the description.
     bool isEqual(const CXObject* other) const override;
     size_t hash() const override;
 
-    /// A listener, not started, that calls `block` with `target` as long as that lives. It is called on the
-    /// hardware's notification thread, also when a queue is given, and holds neither the target nor this address:
-    /// the caller keeps both.
+    /// A listener, not yet started, that calls `block` with `target` as long as the target exists. The block
+    /// is called on the hardware's notification thread, even if a queue is given. The listener keeps neither
+    /// the target nor this address alive: the caller must.
     CXRef<DXRPropertyListener> listenerWithObjectID(AudioObjectID objectID,
                                                     const CXRef<dxr::WorkQueue>& queue,
                                                     const CXRef<CXObject>& target,
                                                     const ListenerBlock& block) const;
 
-    // -- Reading. The first four store the value only when they return true.
+    // -- Reading. The first four functions store a value only if they return true.
 
-    /// Bytes of the value now. The pointer may be null.
+    /// The value's present size in bytes. `size` may be null.
     bool getSize(uint32_t* size, AudioObjectID objectID) const;
     bool getUInt32(uint32_t* value, AudioObjectID objectID) const;
     bool getFloat(float* value, AudioObjectID objectID) const;
@@ -67,11 +67,11 @@ public:
     std::optional<double> doubleForObjectID(AudioObjectID objectID) const;
     /// A string or dictionary, as a CXValue.
     CXRef<CXObject> objectForObjectID(AudioObjectID objectID) const;
-    /// What the hardware translates the `size` bytes at `data` into: a name for an ID.
+    /// The hardware's translation of the `size` bytes at `data`, for example of an ID to a name.
     CXRef<CXObject> objectForObjectID(AudioObjectID objectID, const void* data, uint32_t size) const;
-    /// The whole value, empty when it has no bytes. One that grows while it is read is asked for three times.
+    /// The bytes of the value. If the value grows while it is read, the read is tried three times.
     std::optional<std::vector<std::byte>> dataForObjectID(AudioObjectID objectID) const;
-    // Lists: whole items only, none when they cannot be read.
+    // Lists contain whole items only, and are empty if they cannot be read.
     std::vector<uint32_t> uint32ArrayForObjectID(AudioObjectID objectID) const;
     CXRef<DXRValueRange> valueRangeForObjectID(AudioObjectID objectID) const;
     std::vector<CXRef<DXRValueRange>> valueRangeArrayForObjectID(AudioObjectID objectID) const;
@@ -80,7 +80,7 @@ public:
     CXRef<DXRRangedStream> rangedStreamForObjectID(AudioObjectID objectID) const;
     std::vector<CXRef<DXRRangedStream>> rangedStreamArrayForObjectID(AudioObjectID objectID) const;
 
-    // -- Writing. True when the hardware accepted the value; it may take it over a little later.
+    // -- Writing. Returns true if the hardware accepted the value; it may take effect a little later.
 
     bool setUInt32(uint32_t value, AudioObjectID objectID) const;
     bool setFloat(float value, AudioObjectID objectID) const;

@@ -37,8 +37,7 @@ void DXRPropertyListener::start()
     bool isWanted = true;
     {
         const std::scoped_lock lock(_mutex);
-        isWanted =
-            _listener == listener; // unless it was stopped meanwhile, before there was anything to remove
+        isWanted = _listener == listener; // false if it was stopped before it was added
         if (isWanted && status != kAudioHardwareNoError)
             _listener = nullptr;
     }

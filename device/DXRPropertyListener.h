@@ -5,29 +5,30 @@
 
 #include <mutex>
 
-/// Calls a block whenever a property of a hardware object changes, until it is stopped or gone.
-/// Threads:   start() and stop() from any, the block included; not both at the same time. The block runs on
-///            the queue given, or without one on the hardware's notification thread; once stop() has returned
-///            on any other thread, it is not running and never will.
-/// Real time: no; stop() waits for a block that is running elsewhere.
-/// Owns:      the queue and the block. The target is only held for the length of a call; once it is gone the
-///            listener is deaf.
+/// Calls a block whenever a property of a hardware object changes, from start() until stop() or its
+/// destruction.
+/// Threads:   any may call start() and stop(), the block included, but not concurrently. The block runs on
+///            the given queue, or without one on the hardware's notification thread. Once stop() has returned
+///            on any other thread, the block is not running and is never called again.
+/// Real time: no; stop() waits for a block that is running on another thread.
+/// Owns:      the queue and the block. The target is held only during a call; after it has been destroyed,
+///            the block is not called.
 class DXR_EXPORT DXRPropertyListener final : public CXObject {
 public:
-    /// Receives one changed address, valid for the call only.
+    /// Receives one changed address, valid during the call only.
     using Block =
         CXBlock<void(const CXRef<CXObject>& target, const AudioObjectPropertyAddress* changedAddress)>;
 
-    /// Does not listen yet. A null `addr` is an address of zeros, which nothing matches.
+    /// Creates a stopped listener. A null `addr` means an address of zeros, which matches no property.
     static CXRef<DXRPropertyListener> initWithObjectID(AudioObjectID objectID,
                                                        const AudioObjectPropertyAddress* addr,
                                                        CXRef<dxr::WorkQueue> queue,
                                                        const CXRef<CXObject>& target, Block block);
 
-    /// Listens from now on; nothing happens when it does already. When the hardware refuses, it stays
+    /// Starts listening; does nothing if already started. If the hardware refuses, the listener stays
     /// stopped.
     void start();
-    /// Listens no more; nothing happens when it does not.
+    /// Stops listening; does nothing if already stopped.
     void stop();
 
     AudioObjectID objectID() const noexcept { return _objectID; }
@@ -46,5 +47,5 @@ private:
     const AudioObjectID _objectID;
     const AudioObjectPropertyAddress _addr;
     std::mutex _mutex;                          // not held while the hardware is called
-    AudioObjectPropertyListenerBlock _listener; // under the mutex; empty: stopped
+    AudioObjectPropertyListenerBlock _listener; // guarded by the mutex; empty while stopped
 };

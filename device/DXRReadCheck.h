@@ -2,10 +2,10 @@
 
 #include "HALReadFailures.h"
 
-/// Whether a hardware read by this thread has failed since this was made, for any other reason than that
-/// there is no such property. Such reads are done again later: by the device
-/// (DXRDeviceControl::refreshIfIncomplete) and the manager.
-/// Threads:   the one that made it.
+/// Detects whether a hardware read on this thread has failed since this object was created, for a reason
+/// other than that the property does not exist. Failed reads are repeated later by the device
+/// (DXRDeviceControl::refreshIfIncomplete) and by the manager.
+/// Threads:   the thread that created the object.
 class DXRReadCheck {
 public:
     bool hasFailed() const noexcept { return halReadFailures() != _failuresBefore; }

@@ -73,7 +73,7 @@ std::string withUpperDigits(std::string text)
     return text;
 }
 
-/// Where the location of a present device is in the ID: of the device that is listed first.
+/// The position in the ID of the location of a present device, the first in the registry's order.
 std::optional<size_t> endOfModelPart(const std::string& deviceUID, const USBRegistryContents& contents)
 {
     const std::string text = withUpperDigits(deviceUID);

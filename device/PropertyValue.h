@@ -4,8 +4,8 @@
 
 #include <optional>
 
-/// The value of a hardware property of fixed size; nothing when it cannot be read, or is of another size.
-/// Real time: as the property is on the calling thread; nothing is allocated here.
+/// The value of a hardware property of fixed size; empty if it cannot be read or has another size.
+/// Real time: depends on the property and the calling thread; the function itself allocates nothing.
 template <class Value>
 std::optional<Value> propertyValue(AudioObjectID objectID, const AudioObjectPropertyAddress& address)
 {
@@ -17,7 +17,7 @@ std::optional<Value> propertyValue(AudioObjectID objectID, const AudioObjectProp
     return status == kAudioHardwareNoError && size == sizeof value ? std::optional(value) : std::nullopt;
 }
 
-/// False when the hardware refuses the value.
+/// Returns false if the hardware refuses the value.
 template <class Value>
 bool setPropertyValue(AudioObjectID objectID, const AudioObjectPropertyAddress& address, Value value)
 {

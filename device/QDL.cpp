@@ -13,7 +13,7 @@ namespace {
 
 using Address = AudioObjectPropertyAddress;
 
-constexpr const char* boomUID = "GDAudioDevice_UID"; // no object: threads ask for it while the process ends
+constexpr const char* boomUID = "GDAudioDevice_UID"; // no destructor: threads use it while the process ends
 
 constexpr Address global(uint32_t selector)
 {
@@ -26,7 +26,7 @@ constexpr Address directed(uint32_t selector, bool input)
             kAudioObjectPropertyElementMain};
 }
 
-/// Bytes of the property's value now; 0 when it cannot be read.
+/// The present size of the property's value in bytes; 0 if it cannot be read.
 uint32_t sizeOf(AudioObjectID objectID, const Address& address)
 {
     uint32_t size = 0;
@@ -34,9 +34,9 @@ uint32_t sizeOf(AudioObjectID objectID, const Address& address)
     return status == kAudioHardwareNoError ? size : 0;
 }
 
-/// The bytes of a property of variable size, aligned for any record; none when they cannot be read. A list
-/// that grows between the two questions is asked for again: returning "none" would unplug everything for a
-/// moment.
+/// The bytes of a property of variable size, aligned for any record; empty if they cannot be read. Retries if
+/// a list grows between the query of its size and the read, because an empty device list would disconnect
+/// every device for a moment.
 std::vector<std::byte> bytesOf(AudioObjectID objectID, const Address& address)
 {
     constexpr int tries = 8;
@@ -66,7 +66,8 @@ std::vector<uint32_t> wordsOf(AudioObjectID objectID, const Address& address)
     return words;
 }
 
-/// The string in an object that the HAL handed out; nothing when it is none.
+/// The string in an object returned by the HAL, whose reference is taken over; empty if the object is not a
+/// string.
 std::optional<std::string> adoptString(CXObject* object)
 {
     const CXRef<CXValue> value = CXRefCast<CXValue>(CXRef<CXObject>::adopt(object));
@@ -82,7 +83,7 @@ std::optional<std::string> stringOf(AudioObjectID objectID, uint32_t selector)
     return adoptString(propertyValue<CXObject*>(objectID, global(selector)).value_or(nullptr));
 }
 
-/// Has the HAL translate `input` into `output`; false when it does not.
+/// Translates `input` into `output` by the HAL; returns false if it fails.
 template <class Input, class Output>
 bool translate(AudioObjectID objectID, const Address& address, Input input, Output& output)
 {
@@ -92,8 +93,8 @@ bool translate(AudioObjectID objectID, const Address& address, Input input, Outp
            kAudioHardwareNoError;
 }
 
-/// The buffer list of a direction, in `bytes`; null when it cannot be read. Entries that the value is too
-/// short for are not counted.
+/// The buffer list of a direction, in `bytes`; null if it cannot be read. Entries beyond the end of the value
+/// are not counted.
 const AudioBufferList* bufferListIn(std::vector<std::byte>& bytes)
 {
     constexpr size_t headerSize = offsetof(AudioBufferList, buffers);
@@ -105,7 +106,7 @@ const AudioBufferList* bufferListIn(std::vector<std::byte>& bytes)
     return list;
 }
 
-/// A stream-usage record for the callback, all streams off: 12 bytes, then 4 a stream.
+/// A stream-usage record for the callback, with all streams off: 12 bytes, and 4 for each stream.
 class StreamUsageRecord {
 public:
     StreamUsageRecord(AudioDeviceIOProcID procID, uint32_t streamCount)
@@ -283,7 +284,7 @@ AudioObjectID* QDLAudioDeviceIDList(uint32_t* count)
         else
             devices.insert(boom);
     }
-    // One more than needed: malloc(0) may return null, which would look like a failure.
+    // Allocate one more than needed, because malloc(0) may return null, which would look like a failure.
     auto* list = static_cast<AudioObjectID*>(std::malloc((devices.size() + 1) * sizeof(AudioObjectID)));
     if (!list)
         return nullptr;
@@ -335,8 +336,8 @@ uint32_t* QDLDataSourceIDsFromDeviceID(AudioObjectID deviceID, bool input, uint3
     auto* sources = static_cast<uint32_t*>(std::calloc(1, size));
     if (!sources)
         return nullptr;
-    // The sources are as many as were announced, even when they cannot be read; fewer, if some have just
-    // gone.
+    // Keep the announced number of sources even if they cannot be read; there are fewer if some have just
+    // disappeared.
     uint32_t filled = size;
     if (AudioObjectGetPropertyData(deviceID, &address, 0, nullptr, &filled, sources) != kAudioHardwareNoError)
         filled = size;

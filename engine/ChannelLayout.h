@@ -6,25 +6,27 @@
 #include <string>
 #include <vector>
 
-/// One device among those whose channels a device shows side by side.
+/// One of the devices whose channels a device presents side by side.
 struct ChannelPart {
     std::string uid;
     std::array<uint32_t, 2> channelCounts; ///< input, output
-    bool isThere;                          ///< else its channels are silent, but keep their place
+    bool isThere;                          ///< if not, its channels are silent but keep their numbers
 
     friend bool operator==(const ChannelPart&, const ChannelPart&) = default;
 };
 
-/// A device's channels: an aggregate's are its parts' in their order, any other device is its own one part.
+/// The channels of a device: for an aggregate the channels of its parts, in their order; for any other device
+/// one part, the device itself.
 using ChannelLayout = std::vector<ChannelPart>;
 
-/// Read from the hardware alone. Waits for it: not on an IO thread.
+/// Reads only the hardware, not DXRDevice. Waits for the hardware: not on an IO thread.
 ChannelLayout channelLayoutOf(AudioObjectID deviceID, const std::string& uid);
 
-/// For each channel of `node` in the direction the channel of `context` that carries it, from 1. 0 for one of a part that
-/// is absent or that `context` does not have.
+/// For each channel of `node` in the direction: the number, from 1, of the channel of `context` that carries
+/// it. 0 for a channel of a part that is absent or that `context` does not have.
 std::vector<uint32_t> channelMapBetween(const ChannelLayout& node, const ChannelLayout& context,
                                         bool isInput);
 
-/// The channels of each stream of the direction, as a cycle brings them; streams without channels left out.
+/// The channel count of each stream of the direction, as a cycle's buffer list has them. Streams without
+/// channels are left out.
 std::vector<uint32_t> streamChannelCountsOf(AudioObjectID deviceID, bool isInput);

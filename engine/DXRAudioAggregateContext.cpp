@@ -79,7 +79,7 @@ AudioObjectID DXRAudioAggregateContext::_plugInIDFromBundleID(const std::optiona
     return status == kAudioHardwareNoError ? plugInID : kAudioObjectUnknown;
 }
 
-/// The first that is the device of a node which can run; parts of aggregates do not count.
+/// The first UID that is the device of a viable node; parts of aggregates are skipped.
 std::optional<std::string>
 DXRAudioAggregateContext::_clockDeviceUID(const std::vector<std::string>& deviceUIDs) const
 {
@@ -122,8 +122,8 @@ void DXRAudioAggregateContext::_destroyAggregateDevice()
     _deviceID = kAudioObjectUnknown;
 }
 
-/// Not for devices that have all gone meanwhile, as a sound server's do when it ends: nothing comes of them, and until
-/// the queue goes on, the timer cannot take over.
+/// Stops waiting if all devices have disappeared, for example because the sound server has ended: they will
+/// have no channels, and the timer context cannot start while this blocks the queue.
 void DXRAudioAggregateContext::_waitForChannels(const std::vector<std::string>& deviceUIDs) const
 {
     const auto isThere = [](const std::string& uid) {

@@ -3,23 +3,24 @@
 #include "CXPlist.h"
 #include "DXRAudioContext.h"
 
-/// Runs nodes of two and more devices from one private aggregate device that it makes of them, and that lives as long
-/// as the context. The first of the devices that a node stands for gives the clock; the others are brought to it.
+/// Runs nodes of two or more devices from one private aggregate device, which it creates and which lives as
+/// long as the context. The clock is the first device that is itself the device of a node; the others are
+/// synchronised to it.
 class DXR_EXPORT DXRAudioAggregateContext final : public DXRAudioContext {
 public:
-    /// Null when the aggregate cannot be made, for the reason in `status`. Waits, for three seconds at most, until
-    /// the new device has channels or all of the devices have gone.
+    /// Returns null and stores the reason in `status` if the aggregate cannot be created. Waits, at most
+    /// three seconds, until the new device has channels or all of the devices have disappeared.
     static CXRef<DXRAudioAggregateContext> initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
                                                       const DXRDeviceNodes& nodes, Viables viables,
                                                       const std::vector<std::string>& deviceUIDs,
                                                       HALStatus* status);
 
     DXRCycleRecord::Context kind() const noexcept override { return DXRCycleRecord::Context::Aggregate; }
-    /// "DXR:", the process ID in hexadecimal, and a UUID that nobody else has.
+    /// "DXR:", the process ID in hexadecimal, ":" and a random UUID.
     static std::string _uniqueDeviceUID();
-    /// The plug-in of that bundle ID; 0 for none.
+    /// The plug-in with that bundle ID; 0 if there is no such plug-in.
     static AudioObjectID _plugInIDFromBundleID(const std::optional<std::string>& bundleID);
-    /// What the aggregate is made of, as it says itself; null when it does not.
+    /// The composition that the aggregate reports; null if it cannot be read.
     CXPlist _composition() const;
 
 protected:

@@ -21,12 +21,13 @@ namespace {
 
 constexpr uint32_t defaultFrameCount = 512;
 constexpr double defaultSampleRate = 44100.0;
-// Of one direction, on the stack of an IO thread: 16 bytes each. A device with more has them in its record.
+// The limit of one direction's entries on an IO thread's stack, 16 bytes each. Devices with more channels
+// keep them in the record.
 constexpr uint32_t maxStackEntries = 1024;
 constexpr double ticksPerSecond =
     1e9 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
 constexpr auto ringTicks =
-    static_cast<uint64_t>(0.2 * ticksPerSecond); // between two looks at an aggregate's rings
+    static_cast<uint64_t>(0.2 * ticksPerSecond); // interval between readings of an aggregate's rings
 
 constexpr AudioObjectPropertyAddress bufferFrameSize{
     kAudioDevicePropertyBufferFrameSize, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
@@ -39,7 +40,7 @@ std::string statusText(HALStatus status)
     return " (status '" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
 }
 
-/// All buffers of a list: numberBuffers of them, more than its declaration has room for.
+/// All buffers of a list: `numberBuffers` of them, although one is declared.
 std::span<const AudioBuffer> buffersOf(const AudioBufferList* list)
 {
     return {&list->buffers[0], list->numberBuffers};
@@ -50,7 +51,7 @@ bool hasSampleTime(const AudioTimeStamp* time)
     return time && (time->flags & kAudioTimeStampSampleTimeValid) != 0;
 }
 
-/// Frames of a buffer that has channels; 0 without data.
+/// The frame count of a buffer; 0 if it has no channels or no data.
 uint32_t frameCountOf(const AudioBuffer& buffer)
 {
     if (buffer.numberChannels == 0 || !buffer.data)
@@ -68,7 +69,8 @@ CXRef<DXRAudioContext> DXRAudioContext::initWithIO(RunnerIO& io, const CXRef<CXO
 {
     auto context =
         CXRef<DXRAudioContext>::adopt(new DXRAudioContext(io, runner, nodes, std::move(viables), deviceUIDs));
-    // An aggregate beside the one device that is there of its parts: the device itself, which carries both.
+    // If a node's device is an aggregate of which only one part, also a node's device, is connected: use the
+    // part itself, whose cycles serve both nodes.
     const auto isOneOf = [&](const CXRef<DXRDeviceNode>& node, bool isListed) {
         return context->_viables.contains(node) &&
                (!isListed || std::ranges::find(deviceUIDs, node->device()->deviceUID()) != deviceUIDs.end());
@@ -109,7 +111,7 @@ std::vector<std::string> DXRAudioContext::deviceUIDsOf(const DXRDeviceNodes& nod
 }
 
 // A failed assertion ends the process here: destructors are noexcept.
-DXRAudioContext::~DXRAudioContext() CX_UNCHECKED_QUEUE // nobody else has it any more
+DXRAudioContext::~DXRAudioContext() CX_UNCHECKED_QUEUE // no other thread has a reference
 {
     CX_ASSERT_SAYING(!_iocontext, "_iocontext == NULL");
 }
@@ -157,18 +159,18 @@ bool DXRAudioContext::start()
     _iocontext = record;
     if (!_startIO()) {
         _iocontext = nullptr;
-        _endCallback(*record, _deviceID); // cycles are kept out, so none waits for this queue
+        _endCallback(*record, _deviceID); // cannot deadlock: cycles are kept out and do not wait here
         _stopFollowing();
         return false;
     }
     if (record->frameCount != 0)
-        _converterFor(*record);  // its filter is expensive to build: not in the first cycle
-    record->unsafe.fetch_sub(1); // cycles may come in
+        _converterFor(*record);  // build its filter now, because that is too expensive for the first cycle
+    record->unsafe.fetch_sub(1); // from here on, cycles may enter
     _followRings();
     return true;
 }
 
-/// `text` is what was not possible with the device.
+/// `text`: what could not be done with the device.
 bool DXRAudioContext::_fail(HALStatus status, std::string text)
 {
     const CXRef<DXRDevice> device = _viables.size() == 1 ? (*_viables.begin())->device() : nullptr;
@@ -192,7 +194,8 @@ void DXRAudioContext::_readStreams(DXRAudioIOContext& record) const
 DXRAudioContext::Layouts DXRAudioContext::_readLayouts() const
 {
     Layouts layouts{channelLayoutOf(_deviceID, _deviceUID), {}};
-    // Whether the aggregate's own parts are there is for the hardware to make good, and for the runner by its devices.
+    // Ignore which of the context's own parts are present: the hardware handles these, and the runner follows
+    // the devices.
     for (ChannelPart& part : layouts.context)
         part.isThere = true;
     for (const CXRef<DXRDeviceNode>& node : _viables) {
@@ -202,7 +205,7 @@ DXRAudioContext::Layouts DXRAudioContext::_readLayouts() const
         ChannelLayout& layout = layouts.nodes[node];
         if (device.isAggregate())
             layout = channelLayoutOf(device.deviceID(), device.deviceUID());
-        else // as the context knows it: itself it may be gone
+        else // as the context reports it, because the device itself may have disappeared
             std::ranges::copy_if(
                 layouts.context, std::back_inserter(layout),
                 [uid = device.deviceUID()](const ChannelPart& part) { return part.uid == uid; });
@@ -210,7 +213,8 @@ DXRAudioContext::Layouts DXRAudioContext::_readLayouts() const
     return layouts;
 }
 
-/// Starts anew when a part of an aggregate comes, goes or changes its channels: cycles cannot always see it.
+/// Makes the runner start a new context when a part of an aggregate appears, disappears or changes its
+/// channels: cycles cannot always detect this.
 void DXRAudioContext::_followLayouts()
 {
     std::set<AudioObjectID> aggregates{_deviceID};
@@ -236,7 +240,7 @@ void DXRAudioContext::_followLayouts()
         }
     }
     _layouts = _readLayouts();
-    _queue->dispatchAsync(look); // for what has changed between the choice of the devices and the listeners
+    _queue->dispatchAsync(look); // finds changes made before the listeners were started
 }
 
 void DXRAudioContext::_lookAtLayouts()
@@ -263,7 +267,7 @@ CXRef<DXRAudioIOContext> DXRAudioContext::_makeRecord()
     return record;
 }
 
-/// A device need not begin its sample time anew with a new rate.
+/// Listens because a device need not restart its sample time when its rate changes.
 void DXRAudioContext::_listenForRate(DXRAudioIOContext& record) const
 {
     record.rateListener = DXRPropertyListener::initWithObjectID(
@@ -274,7 +278,7 @@ void DXRAudioContext::_listenForRate(DXRAudioIOContext& record) const
     record.rateListener->start();
 }
 
-/// Failures do not matter: cycles adapt to the format that the device runs at.
+/// Failures are ignored: cycles adapt to the format that the device runs at.
 void DXRAudioContext::_askForFormat()
 {
     const uint32_t frameCount = _io.frameCount.value();
@@ -308,7 +312,7 @@ bool DXRAudioContext::_startIO()
     for (size_t direction = 0; direction < _nodes.size(); ++direction) {
         for (const CXRef<DXRDeviceNode>& node : _nodes[direction]) {
             std::vector<uint32_t> map = _channelMapForNode(node);
-            // What the node's device had when it was last looked at need not be what there is an entry for now.
+            // The device's channels may have changed since they were read: drop channels that have no entry.
             for (uint32_t& channel : map)
                 channel = !_iocontext || channel <= _iocontext->channels[direction] ? channel : 0;
             if (!node->startIOWithSampleRate(sampleRate, frameCount, map)) {
@@ -327,7 +331,7 @@ bool DXRAudioContext::_startIO()
 
 std::vector<uint32_t> DXRAudioContext::_channelMapForNode(const CXRef<DXRDeviceNode>& node) const
 {
-    if (!_viables.contains(node)) // nothing is made for what is not there
+    if (!_viables.contains(node)) // absent devices have no channels
         return {};
     const uint32_t channelCount = node->device()->channelCount();
     std::vector<uint32_t> map;
@@ -362,7 +366,7 @@ void DXRAudioContext::_stopIO()
     }
 }
 
-/// Waits for the running cycle: not where a cycle may be waiting for the caller.
+/// Waits for the running cycle. Must not be called where a cycle may be waiting for the caller.
 void DXRAudioContext::_endCallback(DXRAudioIOContext& record, AudioObjectID deviceID)
 {
     AudioDeviceStop(deviceID, record.procID);
@@ -371,18 +375,19 @@ void DXRAudioContext::_endCallback(DXRAudioIOContext& record, AudioObjectID devi
     record.forgetWork();
 }
 
-/// Work of the queue that a cycle leaves behind when the end of the callback has fallen to it.
+/// Work of the queue, enqueued by a cycle that must end its callback.
 void DXRAudioContext::_endLater(const CXRef<DXRAudioIOContext>& record, AudioObjectID deviceID)
 {
     const auto context = CXRefCast<DXRAudioContext>(std::exchange(record->keeper, nullptr));
     const bool needsRestart = record->needsRestart;
     dxr::GlobalQueue::highPriority().async([record, deviceID, context, needsRestart] {
         _endCallback(*record, deviceID);
-        // Not before: the work above may run at the end of the cycle, on the IO thread, which must not start a device,
-        // and whose device would call the new callback in the same cycle.
+        // Only after the callback has ended: this function may run at the end of the cycle, on the IO thread,
+        // which must not start a device, and whose device would call a new callback in the same cycle.
         if (needsRestart)
             context->_queue->dispatchAsync([context] { context->_io.onNewLayout(*context); });
-        // The context may end with this, and a private device with it: nothing runs on that any more.
+        // Here the last reference to the context may be released, and its private device destroyed: this is
+        // safe because the device no longer runs.
     });
 }
 
@@ -421,7 +426,7 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     const CXRealtimeScope realtime;
     if (!record.enter())
         return;
-    // Until its turn the cycle owns the record, and the context stays alive even if stop() runs.
+    // The cycle owns the record until its turn, and the context stays alive even if stop() runs.
     constexpr double pastLast = 0x1p64;
     record.hasTime = hasSampleTime(now) && now->sampleTime >= 0.0 && now->sampleTime < pastLast;
     record.sampleTime = record.hasTime ? static_cast<uint64_t>(now->sampleTime) : 0;
@@ -433,7 +438,7 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
     record.freshRate.reset();
     if (record.rateChanged.load(std::memory_order_relaxed) && record.rateChanged.exchange(false))
         record.lastSampleTime = DXRAudioIOContext::noSampleTime;
-    // Read here: on the device's own thread that takes no lock, in the queue's it would.
+    // Read the rate here: on the device's own thread this takes no lock, on the queue it would.
     double rate = 0.0;
     if (record.hasTime && record.lastSampleTime > record.sampleTime && context._sampleRate(&rate))
         record.freshRate = rate;
@@ -441,7 +446,8 @@ void DXRAudioContext::_callback(DXRAudioContext& context, DXRAudioIOContext& rec
         record.waitForTurn(*context._queue);
 }
 
-/// A cycle's work in the queue, `isHere` on its own thread, which then cannot have gone away.
+/// A cycle's work on the queue. `isHere`: called on the cycle's own thread, so the cycle cannot have been
+/// abandoned.
 void DXRAudioContext::_takeTurn(DXRAudioContext& context, DXRAudioIOContext& record, bool isHere) noexcept
 {
     const CXRealtimeScope realtime;
@@ -475,7 +481,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         const CXRealtimeExemption exemption("the converter for the old format goes");
         record.converter = nullptr;
     }
-    // A device's sample time goes on by what it has lost.
+    // A device's sample time also counts the frames it has lost.
     const uint64_t expected = record.lastSampleTime + record.lastFrameCount;
     const bool isNext = record.lastSampleTime < sampleTime && record.lastFrameCount != 0;
     const uint64_t lostFrames = isNext && sampleTime > expected ? sampleTime - expected : 0;
@@ -510,7 +516,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     _io.noteCycle(deadline != 0 && dxr::HostClock::nowTicks() > deadline, lostFrames);
 }
 
-/// When the next cycle is due, in ticks; 0 where the device does not say.
+/// When the next cycle is due, in ticks; 0 if the device does not report host times.
 uint64_t DXRAudioContext::_deadlineOf(const DXRAudioIOContext& record) noexcept
 {
     if (record.dueTicks == 0 || !(record.sampleRate > 0.0))
@@ -545,7 +551,7 @@ std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const DXRDeviceNode&)
     return {_deviceID};
 }
 
-/// Of the last cycle, input and output.
+/// The last cycle's, for input and output.
 std::array<CyclePlacement, 2> DXRAudioContext::_placements() const
 {
     CX_ASSERT_ON_QUEUE(_queue);
@@ -563,15 +569,15 @@ std::array<CyclePlacement, 2> DXRAudioContext::_placements() const
     return placements;
 }
 
-/// The time stamps of an aggregate are those of its clock device. The delays of the other parts' rings are added to the
-/// host times of their nodes' buffers.
+/// The time stamps of an aggregate are those of its clock device. For the other parts, the delays of their
+/// rings are added to the host times of their nodes' buffers.
 void DXRAudioContext::_followRings()
 {
     if (subDeviceStatusesOf(_deviceID).size() < 2)
         return;
     _ringTimer = CXDispatchTimer::init();
     if (!_ringTimer)
-        return; // no memory: host times are the clock device's
+        return; // out of memory: host times remain those of the clock device
     std::vector<RingPart> parts;
     for (const CXRef<DXRDeviceNode>& node : _viables)
         parts.push_back({node->isInput(), _devicesOfNode(*node)});
@@ -584,8 +590,8 @@ void DXRAudioContext::_followRings()
     _ringTimer->setTimeoutAbsolute(0, ringTicks);
 }
 
-/// Rings are read on another thread, so that no cycle has to wait for this queue meanwhile. That thread keeps nothing
-/// alive: a private aggregate ends with its context, when stop() returns.
+/// Reads the rings on another thread, so that no cycle waits for this queue meanwhile. That thread keeps
+/// nothing alive, because stop() must be able to end the context and its private aggregate.
 void DXRAudioContext::_lookAtRings()
 {
     CX_ASSERT_ON_QUEUE(_queue);
@@ -602,7 +608,7 @@ void DXRAudioContext::_lookAtRings()
             }
             if (statuses.empty())
                 return;
-            queue->dispatchAsync(CXDispatchClientLane | CXDispatchAfterCancel, // the runner may be gone
+            queue->dispatchAsync(CXDispatchClientLane | CXDispatchAfterCancel, // the runner may be destroyed
                                  [weak, seconds = std::move(seconds)] {
                                      if (const CXRef<DXRAudioContext> self = weak.lock())
                                          self->_ringsAre(seconds);
@@ -610,7 +616,7 @@ void DXRAudioContext::_lookAtRings()
         });
 }
 
-/// Each viable node's distance from the clock's time stamps.
+/// `seconds`: each viable node's offset from the clock's time stamps.
 void DXRAudioContext::_ringsAre(const std::vector<double>& seconds)
 {
     if (!_ringTimer)
@@ -623,7 +629,7 @@ void DXRAudioContext::_ringsAre(const std::vector<double>& seconds)
     }
 }
 
-/// The rate of this cycle. False when it was to be read and could not be, or is none to work with.
+/// The rate of this cycle. Returns false if the rate had to be read and could not be, or is invalid.
 bool DXRAudioContext::_followRate(DXRAudioIOContext& record, uint64_t sampleTime,
                                   double* sampleRate) const noexcept
 {
@@ -642,14 +648,14 @@ bool DXRAudioContext::_followRate(DXRAudioIOContext& record, uint64_t sampleTime
 void DXRAudioContext::_leaveForNewLayout(DXRAudioIOContext& record)
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    record.unsafe.fetch_add(1); // for good, as stop does
+    record.unsafe.fetch_add(1); // permanently, as stop does
     record.needsRestart = true;
     record.keeper = CXRef<CXObject>(this);
-    _iocontext = nullptr; // the callback has the record still
+    _iocontext = nullptr; // the callback still holds the record
     _queue->dispatchAsync(record.ending);
 }
 
-/// Null when none is needed.
+/// Null if the device runs at the runner's format.
 DXRAudioConverter* DXRAudioContext::_converterFor(DXRAudioIOContext& record) const
 {
     const uint32_t frameCount = _io.frameCount.value();
@@ -678,7 +684,7 @@ void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChann
         converter->performIOWithSampleTime(&sampleTime, samples, times);
     } else {
         const uint32_t frameCount = _io.frameCount.value();
-        // What an output block makes is played after the buffer that goes out now.
+        // The output block's samples are played after the buffer that is passed to the device now.
         const uint64_t hostTimes[2] = {times.ticksAt(times.input, 0),
                                        times.ticksAt(times.output, frameCount)};
         for (size_t direction = 0; direction < 2; ++direction) {

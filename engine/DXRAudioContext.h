@@ -17,29 +17,33 @@ class RunnerIO;
 class CXDispatchTimer;
 struct CyclePlacement;
 
-/// Runs the nodes of a runner from the IO callback of one audio device: a single device here, several as one in
-/// DXRAudioAggregateContext, none in DXRAudioTimerContext. Where the device runs at another frame count or rate than
-/// the runner, a converter stands between. A runner makes one, starts it once, and stops it before it lets it go.
-/// Threads:   as work of the runner's queue; what never changes (deviceID, deviceUID, viableNodes, description) any.
-///            The cycle is on the device's IO thread and counts as work of the queue: DXRAudioIOContext says how.
-/// Real time: the cycle, but for the new converter after the device has changed its frame count or rate.
-/// Owns:      the runner, which owns it, until it is stopped and let go.
-/// Fails:     start() returns false, and the context then does nothing. A device that changes its streams stops and has
-///            the runner start anew.
+/// Runs the nodes of a runner from the IO callback of one audio device: this class for a single device,
+/// DXRAudioAggregateContext for several devices combined, DXRAudioTimerContext without a device. If the
+/// device's frame count or rate differs from the runner's, a converter is used. A runner creates a context,
+/// starts it once, and stops it before releasing it.
+/// Threads:   as work of the runner's queue. Any thread may read what never changes (deviceID, deviceUID,
+///            viableNodes, description). A cycle runs on the device's IO thread and counts as work of the
+///            queue: see DXRAudioIOContext.
+/// Real time: the cycle, except the construction of a converter after the device has changed its frame count
+///            or rate.
+/// Owns:      the runner, which owns the context, until the runner stops and releases it.
+/// Fails:     start() returns false, and the context then does nothing. If the device's streams change, the
+///            context stops and asks the runner for a new one.
 class DXR_EXPORT DXRAudioContext : public CXObject {
 public:
     using Viables = std::set<CXRef<DXRDeviceNode>>;
 
-    /// For one device: that of one of `viables`, one with the UID of `deviceUIDs` if there is any. `nodes` are the runner's
-    /// own and live as long as `io`; `runner`, which may be null, is kept alive.
+    /// A context for one device: the device of one of `viables`, preferably one whose UID is in `deviceUIDs`.
+    /// `nodes` belong to the runner and live as long as `io`; `runner`, which may be null, is kept alive.
     static CXRef<DXRAudioContext> initWithIO(RunnerIO& io, const CXRef<CXObject>& runner,
                                              const DXRDeviceNodes& nodes, Viables viables,
                                              const std::vector<std::string>& deviceUIDs);
 
-    /// The UIDs of the devices that it takes to run the `viables` among `nodes`, each once, in the order of the nodes.
+    /// The UIDs of the devices needed to run the `viables` among `nodes`, without duplicates, in the order of
+    /// the nodes.
     static std::vector<std::string> deviceUIDsOf(const DXRDeviceNodes& nodes, const Viables& viables);
 
-    AudioObjectID deviceID() const noexcept { return _deviceID; } ///< 0 when there is none
+    AudioObjectID deviceID() const noexcept { return _deviceID; } ///< 0 without a device
     const std::string& deviceUID() const noexcept { return _deviceUID; }
     virtual DXRCycleRecord::Context kind() const noexcept CX_REALTIME
     {
@@ -48,17 +52,17 @@ public:
     /// The nodes whose devices run in this context.
     const Viables& viableNodes() const noexcept { return _viables; }
 
-    /// Starts IO; false, and error() says why, when it did not. A device that refuses the runner's frame count or rate is
-    /// taken as it is.
+    /// Starts IO. Returns false if it cannot; error() then has the reason. If the device refuses the runner's
+    /// frame count or rate, it runs at its own.
     virtual bool start();
     const DXRDeviceRunnerError& error() const noexcept { return _error; }
-    /// Ends IO; no node is called once it has returned. Nothing happens when there is none.
+    /// Ends IO: no node is called after it has returned. Does nothing if IO is not running.
     virtual void stop();
 
-    /// Of each viable node's device, inputs first; none before the first cycle.
+    /// The latency of each viable node's device, inputs first; empty before the first cycle.
     std::vector<DXRDeviceLatency> latencies() const;
 
-    /// "<DXRAudioContext: address, (ID) UID>", the latter when there is a device.
+    /// "<DXRAudioContext: address, (ID) UID>"; without a device only the address.
     std::string description() const override;
 
 protected:
@@ -70,35 +74,37 @@ protected:
 
     // -- Steps of start(), as work of the queue
 
-    virtual bool _frameCount(uint32_t* frameCount) const; ///< of the device; false when it does not say
+    virtual bool _frameCount(uint32_t* frameCount) const; ///< the device's; false if unknown
     virtual bool _setFrameCount(uint32_t frameCount);
-    virtual bool _sampleRate(double* sampleRate) const
-        CX_REALTIME; ///< Hz; false when the device does not say
+    virtual bool _sampleRate(double* sampleRate) const CX_REALTIME; ///< Hz; false if unknown
     virtual bool _setSampleRate(double sampleRate);
-    /// For each channel of the node's device the context channel that carries it, from 1; 0 for none.
+    /// For each channel of the node's device: the number, from 1, of the context channel that carries it; 0
+    /// for none.
     std::vector<uint32_t> _channelMapForNode(const CXRef<DXRDeviceNode>& node) const;
-    /// Starts the nodes, and reports to the runner at what rate and frame count. False, with an error, when a node's buffer
-    /// cannot be made; none is started then.
+    /// Starts the nodes, and reports the rate and frame count in effect to the runner. Returns false, sets
+    /// the error, and leaves all nodes stopped if a node's buffer cannot be allocated.
     [[nodiscard]] bool _startIO();
     void _stopIO();
 
-    /// The devices whose samples a node carries, of which the slowest counts for its latency.
+    /// The devices whose samples a node carries. The slowest of them determines the node's latency.
     virtual std::vector<AudioObjectID> _devicesOfNode(const DXRDeviceNode& node) const;
 
     // -- Steps of a cycle
 
-    /// One cycle whose first frame is at `sampleTime` of the device.
+    /// One cycle; `sampleTime` is the device's sample time at its first frame.
     virtual void _performIO(uint64_t sampleTime, const DXRStreamBuffers& buffers) CX_REALTIME;
-    /// The frames of the first buffer that has data.
+    /// The frame count of the first buffer that has data.
     static uint32_t _frameCountOf(const AudioBufferList* streamBuffers) CX_REALTIME;
-    /// Whether the streams are those of `channelCounts`; a null list has none. Streams without channels do not count.
+    /// Whether the list's streams have these `channelCounts`; a null list has none. Streams without channels
+    /// are ignored.
     static bool _hasStreams(const AudioBufferList* streamBuffers, std::span<const uint32_t> channelCounts)
         CX_REALTIME;
-    /// Writes an entry for each channel, at most `room`; those of a buffer with less than `frameCount` frames are null.
+    /// Writes an entry for each channel, at most `room`; entries of a buffer with fewer than `frameCount`
+    /// frames are null.
     static void _sampleBuffers(DXRChannelEntry* entries, uint32_t room, uint32_t frameCount,
                                const AudioBufferList* streamBuffers) CX_REALTIME;
 
-    AudioObjectID _deviceID = kAudioObjectUnknown; // both set as the context is made, and not changed after
+    AudioObjectID _deviceID = kAudioObjectUnknown; // both are set at creation and do not change afterwards
     std::string _deviceUID;
     const DXRDeviceNodes& _nodes; // the runner's
     const Viables _viables;
@@ -106,16 +112,16 @@ protected:
     RunnerIO& _io;                       // the runner's
 
 private:
-    /// What a context knows of the channels: of its device, and of each aggregate that a node wants, whose parts may come
-    /// and go without a change of their devices' own.
+    /// The channels of the context's device, and those of each aggregate that a node uses: the parts of an
+    /// aggregate may appear and disappear while the context's own device does not change.
     struct Layouts {
         ChannelLayout context;
         std::map<CXRef<DXRDeviceNode>, ChannelLayout>
-            nodes; // viable ones on another device than the context's
+            nodes; // viable nodes on a device other than the context's
         bool operator==(const Layouts& other) const = default;
     };
 
-    /// What is read of an aggregate's rings for a node, in the order of the viable nodes.
+    /// For one node: the devices whose ring delays are read. In the order of the viable nodes.
     struct RingPart {
         bool isInput;
         std::vector<AudioObjectID> devices;
@@ -155,11 +161,11 @@ private:
                         const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;
 
     const CXRef<CXObject> _runner;              // kept alive
-    const std::vector<std::string> _deviceUIDs; // it was made for these
+    const std::vector<std::string> _deviceUIDs; // the devices the context was made for
     DXRDeviceRunnerError _error;
-    Layouts _layouts; // since start()
+    Layouts _layouts; // as read by start()
     std::vector<CXRef<DXRPropertyListener>> _layoutListeners;
-    std::shared_ptr<const std::vector<RingPart>> _ringParts; // since _followRings()
-    CXRef<CXDispatchTimer> _ringTimer;                       // while the device is an aggregate that runs
+    std::shared_ptr<const std::vector<RingPart>> _ringParts;       // set by _followRings()
+    CXRef<CXDispatchTimer> _ringTimer;                             // while an aggregate runs
     CXRef<DXRAudioIOContext> _iocontext CX_OWNED_BY_QUEUE(_queue); // null while no callback is installed
 };

@@ -8,8 +8,8 @@ using dxr::Futex;
 
 namespace {
 
-// How long a cycle waits for its turn: much longer than work of the queue takes. It ends a deadlock in which that work
-// waits for the hardware, and the hardware for this cycle.
+// How long a cycle waits for its turn: much longer than work of the queue takes. The limit ends a deadlock in
+// which that work waits for the hardware, and the hardware for this cycle.
 constexpr uint64_t turnTimeoutTicks =
     500'000'000 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
 
@@ -53,7 +53,7 @@ bool DXRAudioIOContext::claimTurn() noexcept
 
 void DXRAudioIOContext::finishTurn() noexcept
 {
-    // The record outlives the wake-up: the work that calls this holds it.
+    // The record outlives the wake-up: the work that calls this function holds a reference.
     _turn.store(Done);
     Futex::wakeOne(&_turn);
 }

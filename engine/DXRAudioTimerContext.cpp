@@ -29,7 +29,7 @@ bool DXRAudioTimerContext::start()
     _frames = _io.frameCount.value() != 0 ? _io.frameCount.value() : defaultFrameCount;
     _rate = _io.sampleRate.value() != 0.0 ? _io.sampleRate.value() : defaultSampleRate;
     _framesElapsed = 0;
-    // Not rounded to cycles: about a second's worth of frames, in which the first fires may find their pace.
+    // About one second of frames, deliberately not rounded to cycles: the first timer calls may be irregular.
     const double frames = _frames;
     _discontinuityThreshold = static_cast<uint64_t>((_rate + (frames - 1)) / frames * frames);
     _clock.reset(auclock_create(autimebase_abstime(), _io.sampleTime, _rate));
@@ -116,7 +116,7 @@ void DXRAudioTimerContext::_performTraced(DXRCycleTrace& trace, uint64_t sampleT
 
 void DXRAudioTimerContext::_performIO(uint64_t sampleTime) noexcept
 {
-    // As a device would have it: what it hears began a cycle ago, what it is given is played after this one.
+    // The times a device would report: input was captured one cycle ago, output is played after this cycle.
     const uint64_t now = auclock_sampletime_to_abstime(_clock.get(), sampleTime);
     const uint64_t next = auclock_sampletime_to_abstime(_clock.get(), sampleTime + _frames);
     const uint64_t hostTimes[2] = {now - (next - now), next};

@@ -6,10 +6,10 @@
 
 #include <memory>
 
-/// Keeps the IO blocks of a runner going while none of its devices is there: from a timer on the runner's queue, at the
-/// runner's frame count and rate, or 512 frames at 44100 Hz. Inputs hear silence, outputs are not heard, and the sample
-/// time goes on.
-/// Threads:   as DXRAudioContext; cycles are on the queue's thread.
+/// Keeps calling the IO blocks of a runner while none of its devices is connected: from a timer on the
+/// runner's queue, at the runner's frame count and rate, by default 512 frames at 44100 Hz. Inputs receive
+/// silence, outputs are discarded, and the sample time continues.
+/// Threads:   as DXRAudioContext; cycles run on the queue's thread.
 /// Real time: a cycle.
 class DXR_EXPORT DXRAudioTimerContext final : public DXRAudioContext {
 public:
@@ -38,12 +38,12 @@ private:
     void _performIO(uint64_t sampleTime) noexcept CX_REALTIME;
     void _performTraced(DXRCycleTrace& trace, uint64_t sampleTime, uint64_t beginTicks) noexcept CX_REALTIME;
 
-    uint32_t _frames = 0;                          // of a cycle
+    uint32_t _frames = 0;                          // frames of a cycle
     double _rate = 0.0;                            // Hz
-    std::unique_ptr<auclock, ClockDeleter> _clock; // from host time to sample time
+    std::unique_ptr<auclock, ClockDeleter> _clock; // converts between host time and sample time
     CXRef<CXDispatchTimer> _timer;                 // null while stopped
 
     uint64_t _framesElapsed = 0;
-    uint64_t _discontinuityThreshold = 0; // frames that pass before a late fire is worth a line in the log
+    uint64_t _discontinuityThreshold = 0; // frames after which late timer calls are logged
     uint64_t _nextSampleTime = 0;         // of the next cycle
 };

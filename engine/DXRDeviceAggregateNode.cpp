@@ -7,7 +7,7 @@
 
 #include <set>
 
-// Here, where both classes are known.
+// Defined here, because this file includes both classes.
 CXRef<DXRDeviceNode> DXRDeviceNode::nodeWithDevice(const CXRef<DXRDevice>& device,
                                                    const std::optional<Channels>& channels,
                                                    const DXRIOBlock& ioblock)

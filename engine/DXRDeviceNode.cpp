@@ -10,8 +10,8 @@
 
 namespace {
 
-/// For a block that threw: says so, and ends the process. Nothing is left to go on with: the cycle is lost, and so is
-/// what the block meant to do.
+/// Reports that a block threw an exception, and ends the process: the cycle is lost, and the block's state is
+/// unknown.
 [[noreturn]] void endOfThrowingBlock(const DXRDeviceNode& node, const char* what) noexcept
 {
     const CXRealtimeExemption exemption("the process ends");
@@ -58,7 +58,7 @@ bool DXRDeviceNode::startIOWithSampleRate(double sampleRate, uint32_t frameCount
     Channels map;
     _usageMap.clear();
     for (const uint32_t channel : _channels) {
-        const uint32_t index = channel - 1; // of channel 0 a number that no device has
+        const uint32_t index = channel - 1; // for channel 0 this wraps to a number that no device has
         const uint32_t entry = index < deviceChannels && index < channelMap.size() ? channelMap[index] : 0;
         map.push_back(entry);
         if (entry != 0 && std::ranges::find(_usageMap, entry) == _usageMap.end())

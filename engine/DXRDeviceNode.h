@@ -12,31 +12,33 @@
 
 class DXRDeviceRunner;
 
-/// What an application does with one device in one cycle: `buffer` holds the input that was just taken, or takes the
-/// output to be played one cycle later; its hostTime() is when. `sampleTime` counts the runner's frames. Called where
-/// IO runs: it must keep the real-time rules, and not throw, which ends the process.
+/// The application's callback for one device in one cycle: `buffer` contains the input just captured, or
+/// receives the output to be played one cycle later; its hostTime() is the time of its first frame.
+/// `sampleTime` counts the runner's frames. Called in real time, on a device's IO thread or by the timer: it
+/// must not lock, allocate or wait. It must not throw: an exception ends the process.
 using DXRIOBlock = CXBlock<void(uint64_t sampleTime, DXRBuffer& buffer)>;
 
-/// One device in one direction in a runner: the device, the channels that are wanted of it, and the application's
-/// block. While IO runs it owns the buffer that the block sees, interleaved, a channel for each that is wanted.
+/// One device in one direction in a runner: the device, the channels requested of it, and the application's
+/// block. While IO runs it owns the interleaved buffer passed to the block, with one channel for each
+/// requested channel.
 ///
-/// An input node fills its buffer from the device and then calls the block; an output node copies its buffer to the
-/// device and then calls the block, which fills it for the next cycle. So what is played is one buffer late, and
-/// every output of a runner is late by the same.
-/// Threads:   what never changes (device, channels, ioblock, description) any; the rest as work of the runner's queue,
-///            to which a cycle counts.
+/// An input node fills its buffer from the device and then calls the block; an output node copies its buffer
+/// to the device and then calls the block, which fills it for the next cycle. So output is played one buffer
+/// late, equally for all outputs of a runner.
+/// Threads:   any for what never changes (device, channels, ioblock, description); the rest as work of the
+///            runner's queue, which includes cycles.
 /// Real time: performIOWithSampleTime. Starting, stopping and usageMap allocate.
-/// Owns:      the device, the block, the buffer. The runner only weakly: it owns its nodes.
-/// Fails:     without an IO block the node does nothing. Channels that the device lacks have a place in the buffer and no
-///            source.
+/// Owns:      the device, the block, the buffer. Holds the runner, which owns the node, weakly.
+/// Fails:     without an IO block the node does nothing. Channels that the device lacks are in the buffer but
+///            are not connected.
 class DXR_EXPORT DXRDeviceNode : public DXRConverterNode {
 public:
-    using Channels = std::vector<uint32_t>;                   ///< numbers from 1
+    using Channels = std::vector<uint32_t>;                   ///< from 1
     static constexpr uint32_t maxFrames = 1U << 20;           ///< of a cycle; keeps allocations bounded
     static constexpr uint64_t maxSamples = uint64_t{1} << 26; ///< of a buffer: a quarter of a gigabyte
 
-    /// A node of the class that fits the device: a DXRDeviceAggregateNode for an aggregate. Null without a device.
-    /// Without `channels` it takes the device's preferred stereo channels.
+    /// A node of the class that fits the device: a DXRDeviceAggregateNode for an aggregate. Returns null if
+    /// `device` is null. Without `channels`, the node uses the device's preferred stereo channels.
     static CXRef<DXRDeviceNode> nodeWithDevice(const CXRef<DXRDevice>& device,
                                                const std::optional<Channels>& channels,
                                                const DXRIOBlock& ioblock);
@@ -51,24 +53,25 @@ public:
     CXRef<DXRDeviceRunner> runner() const;
     void setRunner(const CXRef<DXRDeviceRunner>& runner);
 
-    /// The UIDs of the devices that it takes to run this one: its own.
+    /// The UIDs of the devices needed to run the node: here only the node's own device.
     virtual std::vector<std::string> deviceUIDs() const;
-    /// Whether it has a block and its device is connected.
+    /// Whether the node has a block and its device is connected.
     bool isViable() const;
-    /// The context channels in use, from 1, in the order they were first asked for; empty when stopped.
+    /// The context channels in use, from 1, in the order of their first use; empty while stopped.
     Channels usageMap() const override { return _usageMap; }
 
-    /// Makes the buffer, of `frameCount` frames at `sampleRate` Hz. `channelMap` says for each device channel, from 1,
-    /// which context channel carries it, from 1; 0 for none.
-    /// False when the buffer cannot be made: more than maxSamples, or no memory.
+    /// Allocates the buffer: `frameCount` frames at `sampleRate` Hz. `channelMap` has for each device
+    /// channel, from 1, the number, from 1, of the context channel that carries it; 0 for none. Returns false
+    /// if the buffer would exceed maxSamples or memory is exhausted.
     [[nodiscard]] bool startIOWithSampleRate(double sampleRate, uint32_t frameCount,
                                              std::span<const uint32_t> channelMap);
-    /// One cycle: copies, and calls the block. `samples` has an entry for every context channel; without it an input
-    /// node hears silence and an output node is not heard.
+    /// One cycle: copies, and calls the block. `samples` has an entry for every context channel; if it is
+    /// null, an input node receives silence and an output node's samples are discarded.
     void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples,
                                  uint64_t hostTime) noexcept override CX_REALTIME;
     void stopIO();
-    /// Until it stops, the buffer's hostTime() is this many host ticks after the cycle's, before it if negative.
+    /// Until the node stops, adds this many host ticks, negative for earlier, to the cycle's host time to get
+    /// the buffer's hostTime().
     void setHostTimeOffset(int64_t ticks) noexcept { _hostTimeOffset = ticks; }
 
     /// "<DXRDeviceNode: address, input, UID>".
@@ -85,9 +88,9 @@ private:
     void _callBlock(uint64_t sampleTime) noexcept CX_REALTIME;
 
     const CXRef<DXRDevice> _device;
-    const bool _isInput; // the device's, which asks under a lock
+    const bool _isInput; // a copy of the device's, whose getter takes a lock
     const DXRIOBlock _ioblock;
-    // Of the running node: a number for each channel of the buffer, as in startIOWithSampleRate.
+    // While the node runs: the context channel for each channel of the buffer, as in startIOWithSampleRate.
     std::optional<Channels> _channelMap;
     Channels _usageMap;
     CXRef<DXRBuffer> _buffer;

@@ -21,7 +21,7 @@ namespace {
 using Restart = DXRRunnerCounts::Restart;
 
 constexpr size_t notFound = std::numeric_limits<int64_t>::max();
-constexpr uint32_t firstPause = 100, longestPause = 10'000; // milliseconds, between starts that fail
+constexpr uint32_t firstPause = 100, longestPause = 10'000; // milliseconds, between failed starts
 
 DXRDeviceManager& manager()
 {
@@ -43,7 +43,7 @@ CXRef<DXRDeviceRunner> DXRDeviceRunner::init()
         if (const CXRef<DXRDeviceRunner> self = weak.lock())
             self->_stopRunning();
     };
-    // It holds the blocks, and nobody else calls them.
+    // Raw pointers are safe: the runner owns _io, the only caller of these blocks.
     runner->_io->onFormat = [self = runner.get()] { self->_propertiesChanged(); };
     runner->_io->onNewLayout = [self = runner.get()](const CXObject& context) {
         self->_contextLostLayout(context);
@@ -57,7 +57,7 @@ DXRDeviceRunner::DXRDeviceRunner(CXRef<CXDispatchQueue> queue)
       _io(std::make_unique<RunnerIO>(std::move(queue)))
 {}
 
-DXRDeviceRunner::~DXRDeviceRunner() CX_UNCHECKED_QUEUE // nobody else has it any more
+DXRDeviceRunner::~DXRDeviceRunner() CX_UNCHECKED_QUEUE // no other thread has a reference
 {
     for (const DeviceNotifierEntry& entry : _deviceNotifierMap)
         manager().removeDeviceNotifier(entry.wrapper);
@@ -226,7 +226,7 @@ bool DXRDeviceRunner::addDefaultDevice(Direction direction, const std::optional<
         if (_followedDefaults[place])
             return;
         _followedDefaults[place] = {channels, ioblock, nullptr};
-        if (!_defaultsNotifier) { // called for a change of the default device, too
+        if (!_defaultsNotifier) { // also called when the default device changes
             _defaultsNotifier = [weak = CXWeak(*this)](const Devices&, const Devices&, const Devices&) {
                 if (const CXRef<DXRDeviceRunner> self = weak.lock())
                     self->_followDefaults();
@@ -256,7 +256,7 @@ void DXRDeviceRunner::removeDefaultDevice(Direction direction)
     });
 }
 
-// Of the node, whose own unit knows nothing of runners.
+// Defined here, because DXRDeviceNode.cpp does not include the runner.
 CXRef<DXRDeviceRunner> DXRDeviceNode::runner() const
 {
     return _runner.lock();
@@ -273,7 +273,7 @@ void DXRDeviceRunner::_followDefaults()
     _followDefault(1);
 }
 
-/// Changes over when the default device is another one that is known, and not added by itself.
+/// Changes to the present default device, unless it is unknown or already added.
 void DXRDeviceRunner::_followDefault(size_t direction)
 {
     CX_ASSERT_ON_QUEUE(_queue);
@@ -292,7 +292,7 @@ void DXRDeviceRunner::_followDefault(size_t direction)
         if (before == nodes.end())
             nodes.push_back(node);
         else
-            *before = node; // in its place: later outputs write over earlier ones
+            *before = node; // at the same index: later outputs overwrite earlier ones
         node->setRunner(CXRef(this));
         followed->node = node;
     });
@@ -394,7 +394,8 @@ void DXRDeviceRunner::_start()
     const uint64_t beginTicks = dxr::HostClock::nowTicks();
     ++_io->contextNumber;
     _io->lostFrames = 0;
-    // A cycle may have seen a new layout before the device heard of it; what is not there now would stay silent.
+    // A cycle may detect a new layout before its DXRDevice does; channels that the device does not yet have
+    // would stay silent.
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction)
             DXRDeviceControl(*node->device()).refreshIfChannelsChanged();
@@ -413,8 +414,8 @@ void DXRDeviceRunner::_start()
     _traceContext(isStarted ? ContextStarted : ContextFailed, beginTicks);
 }
 
-/// The context that fits what can run now: an aggregate of several devices, one device, or the timer without any. Null, with
-/// an error, when no aggregate can be made.
+/// The context for the devices that can run now: an aggregate of several devices, one device, or the timer if
+/// there is none. Returns null and sets the error if the aggregate cannot be created.
 CXRef<DXRAudioContext> DXRDeviceRunner::_newContext()
 {
     CX_ASSERT_ON_QUEUE(_queue);
@@ -551,7 +552,7 @@ DXRRunnerCounts DXRDeviceRunner::counts() const
         return counts;
     for (const AudioAggregateSubDeviceStatus& status : subDeviceStatusesOf(context.deviceID)) {
         const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
-        if (uid) // what the aggregate's own cycles show is the clock's
+        if (uid) // frames lost in the aggregate's own cycles are the clock's
             counts.devices.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),
                                       status.resynchronisations});
     }
@@ -596,7 +597,7 @@ std::optional<double> DXRDeviceRunner::roundTripSeconds(const CXRef<DXRDevice>& 
 bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
 {
     bool isSet = true;
-    CXRef<DXRCycleTrace> before; // let go off the queue: it may be large
+    CXRef<DXRCycleTrace> before; // released off the queue, because it may be large
     _queue->dispatchSyncImmed([&] {
         CX_ASSERT_ON_QUEUE(_queue);
         if (trace == _io->trace)
@@ -672,7 +673,8 @@ DXRDeviceRunner::DeviceNotifierEntry* DXRDeviceRunner::_notifierEntry(const Devi
     return found == _deviceNotifierMap.end() ? nullptr : &*found;
 }
 
-/// What the manager calls, on its own queue, for a caller's block: it only hops onto the runner's queue.
+/// The block that the manager calls on its own queue for a caller's block: it only enqueues on the runner's
+/// queue.
 DXRDeviceRunner::DeviceNotifier DXRDeviceRunner::_wrapped(const DeviceNotifier& block)
 {
     return [weak = CXWeak(*this), block](const Devices& connected, const Devices& disconnected,
@@ -696,7 +698,7 @@ DXRDeviceRunner::propertyListenerWithObjectID(AudioObjectID objectID, const Audi
 {
     const auto wrapper = [weakTarget = CXWeak(target), block](const CXRef<CXObject>& runner,
                                                               const AudioObjectPropertyAddress* changed) {
-        // By value: the caller's address is gone when the queue comes to it.
+        // Captured by value: the caller's address is invalid by the time the queue runs this.
         const auto call = [weakTarget, block, address = *changed] {
             if (const CXRef<CXObject> strongTarget = weakTarget.lock(); strongTarget && block)
                 block(strongTarget, &address);
@@ -726,9 +728,10 @@ void DXRDeviceRunner::_propertiesChanged()
     _kvo->updateAllValues();
 }
 
-/// "1@512/48000[1@7F9A1C0(1/2):1@7F9A2E0(1/2)]": running, frames, rate; for each node whether it is viable, its device,
-/// and its channels, 0 for one that is not in use. Channels are looked up by their own number although the usage map
-/// lists context channels: it is all the same for telling one state from another.
+/// For example "1@512/48000[1@7F9A1C0(1/2):1@7F9A2E0(1/2)]": whether the runner runs, frame count, rate; for
+/// each node whether it is viable, its device, and its channels, with 0 for an unused one. Channels are
+/// looked up by their own number although the usage map lists context channels: this suffices to tell two
+/// states apart.
 std::string DXRDeviceRunner::_stateSignature() const
 {
     char text[80];
@@ -746,7 +749,7 @@ std::string DXRDeviceRunner::_stateSignature() const
             signature += text;
             separator = "";
             for (const uint32_t channel : node->channels()) {
-                const uint32_t index = channel - 1; // of channel 0 beyond every map
+                const uint32_t index = channel - 1; // for channel 0 this wraps beyond every map
                 const bool isUsed = isActive && index < usageMap.size() && usageMap[index] != 0;
                 signature += separator + std::to_string(isUsed ? channel : 0);
                 separator = "/";

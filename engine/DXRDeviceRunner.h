@@ -20,22 +20,24 @@
 class DXRAudioContext;
 class RunnerIO;
 
-/// Runs audio on one or several devices at once, at one frame count and sample rate: the application adds devices, each
-/// with the channels it wants and a block that is called once a cycle, and starts. Devices may be absent, come and go,
-/// or run at another frame count or rate; the blocks are called all the same, by a timer when no device is there at all.
+/// Runs audio on one or several devices at once, at one frame count and sample rate: the application adds
+/// devices, each with the channels it uses and a block that is called once a cycle, and starts the runner.
+/// Devices may be absent, appear, disappear, or run at another frame count or rate; the blocks are still
+/// called, by a timer if no device is connected.
 ///
-/// Where neither was asked for, frame count and rate are those of the devices that IO starts with, 512 frames at
-/// 44100 Hz without any, and stay until stop().
+/// A frame count or rate that was not requested is taken from the devices that IO starts with, or is 512
+/// frames or 44100 Hz without a device, and stays in effect until stop().
 /// Observable keys, by kvo(): frameCount, sampleRate, devices, activeDevices, isRunning, error.
-/// Threads:   any. What changes the runner waits for its queue; on the queue, that is from IO blocks and from its
-///            notifiers, it asserts, except stop(), which then takes effect a little later, setNotifier() and the device
-///            notifiers. Waiting for the queue while holding DXRDeviceManager::lock() can deadlock. Observers are called on
-///            the main thread.
-/// Real time: sampleTime(), and stop() from an IO block. IO blocks are called on the IO thread of a device, or on the
-///            queue, one at a time.
-/// Owns:      its devices' nodes, and while it runs itself: stop it before letting it go.
-/// Fails:     what cannot be done returns false. A device that refuses to start leaves the runner without IO and with an
-///            error(); it is tried again after 0.1 s, then after pauses that double up to 10 s, and when devices change.
+/// Threads:   any. Functions that change the runner wait for its queue and must not be called on it (from an
+///            IO block or a notifier): they assert. stop() may be, and takes effect shortly after;
+///            setNotifier() and the device notifier functions may be, too. Waiting for the queue while
+///            holding DXRDeviceManager::lock() can deadlock. Observers are called on the main thread.
+/// Real time: sampleTime(), and stop() from an IO block. IO blocks are called one at a time, on the IO thread
+///            of a device or on the queue.
+/// Owns:      the nodes of its devices, and itself while it runs: call stop() before releasing it.
+/// Fails:     functions return false if they cannot do their work. If a device refuses to start, the runner
+///            has no IO and an error(); it tries again after 0.1 s, then after pauses that double up to 10 s,
+///            and when devices change.
 class DXR_EXPORT DXRDeviceRunner final : public CXObject {
 public:
     using Devices = DXRDeviceManagerNotifier::Devices;
@@ -43,93 +45,99 @@ public:
     enum class Direction { Input, Output };
     using Notifier = CXBlock<void()>;
     using DeviceNotifier = DXRDeviceManagerNotifier::Block;
-    static constexpr uint32_t maxFrames = DXRDeviceNode::maxFrames; ///< of a cycle
+    static constexpr uint32_t maxFrames = DXRDeviceNode::maxFrames; ///< frames in a cycle
 
     /// Null when no thread can be created.
     static CXRef<DXRDeviceRunner> init();
 
-    // -- Frame count and rate, in effect while it runs, else as asked for
+    // -- Frame count and rate: in effect while the runner runs, otherwise as requested
 
-    uint32_t frameCount() const; ///< frames a cycle; 0 when nothing was asked for and it does not run
-    double sampleRate() const;   ///< Hz; 0.0 as above
-    /// False while it runs, and for more than maxFrames. 0 leaves it to the devices.
-    bool setFrameCount(uint32_t frameCount);
-    /// False while it runs, and for what is no rate (QDLAudioDeviceSampleRateIsValid()) but 0.0, which leaves it to the
+    uint32_t frameCount() const; ///< frames per cycle; 0 if none was requested and the runner is stopped
+    double sampleRate() const;   ///< Hz; 0.0 if none was requested and the runner is stopped
+    /// Returns false while the runner runs, or if `frameCount` exceeds maxFrames. 0 leaves the choice to the
     /// devices.
+    bool setFrameCount(uint32_t frameCount);
+    /// Returns false while the runner runs, or if `sampleRate` is invalid
+    /// (QDLAudioDeviceSampleRateIsValid()). 0.0 leaves the choice to the devices.
     bool setSampleRate(double sampleRate);
 
-    /// How rates are converted where a device does not run at the runner's; Standard at first. False while it runs.
+    /// The quality of rate conversion for devices that do not run at the runner's rate; initially Standard.
+    /// Returns false while the runner runs.
     bool setConversionQuality(DXRConversionQuality quality);
     DXRConversionQuality conversionQuality() const noexcept CX_REALTIME;
 
     // -- Devices
 
-    /// Adds a device with the block that is called for it; `channels`, from 1, are its preferred stereo channels if not
-    /// given. A running runner stops for a moment. False without a device or block, when the device is there already, and
-    /// for more than DXRDeviceNode::maxSamples in one cycle.
+    /// Adds a device with the block to call for it. `channels`, from 1, default to the device's preferred
+    /// stereo channels. A running runner pauses briefly. Returns false if `device` or `ioblock` is null, if
+    /// the device was already added, or if a cycle would exceed DXRDeviceNode::maxSamples.
     bool addDevice(const CXRef<DXRDevice>& device, const std::optional<Channels>& channels,
                    const DXRIOBlock& ioblock);
-    /// Adds the default device of a direction: when the default changes, the runner changes over, and the sample
-    /// time goes on. Where there is none, or the new one was added by itself, the block stays with the last one; it is
-    /// first called when there has been a default device. False without a block, and when it is followed already.
+    /// Adds the default device of a direction: when the default changes, the runner changes to the new device
+    /// and the sample time continues. If the new default does not exist or was added with addDevice(), the
+    /// block stays with the previous device; it is first called when a default device exists. Returns false
+    /// if `ioblock` is null or the direction's default was already added.
     bool addDefaultDevice(Direction direction, const std::optional<Channels>& channels,
                           const DXRIOBlock& ioblock);
     void removeDefaultDevice(Direction direction);
-    /// Nothing happens when it is not there, or is there as the default device.
+    /// Does nothing if the device was not added, or was added only as the default device.
     void removeDevice(const CXRef<DXRDevice>& device);
     Devices devices() const;
-    /// Those that run now.
+    /// The devices that run now.
     Devices activeDevices() const;
 
     // -- Running
 
     bool isRunning() const;
-    /// Why there is no IO; an empty one when there is nothing wrong.
+    /// Why the runner has no IO; an empty error if nothing is wrong.
     DXRDeviceRunnerError error() const;
-    /// Nothing happens when it runs already.
+    /// Does nothing if the runner is running.
     void start();
-    /// No block is called once it has returned; called on the queue, it takes effect a little later. Nothing happens when
-    /// it does not run.
+    /// No block is called after it has returned. Called on the queue, it takes effect shortly after. Does
+    /// nothing if the runner is stopped.
     void stop();
-    /// Frames since start(), of the next cycle; 0 when stopped.
+    /// Frames since start(), at the next cycle; 0 while stopped.
     uint64_t sampleTime() const noexcept CX_REALTIME;
 
-    /// What has happened since start(). Never waits for the queue; from an IO block, too, where it allocates.
+    /// Counts since start(). Never waits for the queue. May be called from an IO block, but allocates.
     DXRRunnerCounts counts() const;
 
-    /// How long each device that runs keeps samples between its block and the air, as of the last cycle, inputs first;
-    /// none until a first cycle has run. An aggregate's is that of its slowest part. Waits for the queue.
+    /// The time that samples take between the block of each running device and the air, as of the last cycle,
+    /// inputs first; empty before the first cycle. An aggregate has the latency of its slowest part. Waits
+    /// for the queue.
     std::vector<DXRDeviceLatency> latencies() const;
-    /// What is heard by `input` and given to `output` in the same cycle is in the air again after so many seconds. Nothing
-    /// where one of them does not run.
+    /// The time, in seconds, from the air to `input`, through one cycle, to `output` and into the air again.
+    /// Empty if either device does not run.
     std::optional<double> roundTripSeconds(const CXRef<DXRDevice>& input,
                                            const CXRef<DXRDevice>& output) const;
 
-    // -- Following
+    // -- Notifications
 
-    /// Calls `block` whenever something observable has changed: on `queue`, or on the runner's own without one. Replaces
-    /// the one before; an empty block is none.
+    /// Calls `block` after every change of an observable key: on `queue`, or on the runner's own queue if it
+    /// is null. Replaces the previous notifier; an empty block removes it.
     void setNotifier(const CXRef<dxr::WorkQueue>& queue, const Notifier& block);
-    /// Calls `block` on the runner's queue when devices of the computer come, go or change, as a notifier of the device
-    /// manager would be. The same block is added once. Never called after its removal.
+    /// Calls `block` on the runner's queue when devices of the computer appear, disappear or change, like a
+    /// notifier of the device manager. Adding a block twice has no
+    /// effect. The block is not called after its removal.
     void addDeviceNotifier(const DeviceNotifier& block);
     void removeDeviceNotifier(const DeviceNotifier& block);
-    /// A listener, not started, that calls `block` on the runner's queue. The caller keeps it.
+    /// Returns a listener, not yet started, that calls `block` on the runner's queue. The caller must keep
+    /// it.
     CXRef<DXRPropertyListener> propertyListenerWithObjectID(AudioObjectID objectID,
                                                             const AudioObjectPropertyAddress* addr,
                                                             const CXRef<CXObject>& target,
                                                             const DXRPropertyListener::Block& block);
-    /// Has every cycle and every change of context written to `trace` from now on, instead of to the one before; null is
-    /// none. Where a context runs, the trace begins with its start. False, and nothing changes, when another runner has
-    /// it. Not from an IO block.
+    /// Writes a record of every cycle and every change of context to `trace` from now on, in place of the
+    /// previous trace; null stops tracing. If a context is running, the first record is its start. Returns
+    /// false and changes nothing if another runner uses the trace. Not from an IO block.
     bool setCycleTrace(const CXRef<DXRCycleTrace>& trace);
     const CXRef<DXRKVOHelper>& kvo() const noexcept { return _kvo; }
     const CXRef<CXDispatchQueue>& queue() const noexcept { return _queue; }
 
 private:
     struct DeviceNotifierEntry {
-        DeviceNotifier block;   // the caller's
-        DeviceNotifier wrapper; // what the manager has
+        DeviceNotifier block;   // the caller's block
+        DeviceNotifier wrapper; // the block registered with the manager
     };
 
     explicit DXRDeviceRunner(CXRef<CXDispatchQueue> queue);
@@ -150,11 +158,11 @@ private:
     bool _shouldRestartForDevicesConnected(const Devices& connected, const Devices& disconnected) const
         CX_ON_QUEUE(_queue);
     void _devicesChanged(const Devices& connected, const Devices& disconnected);
-    /// A default device that is followed.
+    /// A default device added by addDefaultDevice().
     struct FollowedDefault {
         std::optional<Channels> channels;
         DXRIOBlock ioblock;
-        CXRef<DXRDeviceNode> node; // null until there has been a default device
+        CXRef<DXRDeviceNode> node; // null before a default device exists
     };
     void _followDefaults();
     void _followDefault(size_t direction);
@@ -166,7 +174,7 @@ private:
     void _propertiesChanged();
     std::string _stateSignature() const CX_ON_QUEUE(_queue);
     bool _isViable(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
-    /// Viable, and its context has started.
+    /// Viable, and the context has started.
     bool _isActive(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue)
     {
         return !_error && _isViable(node);
@@ -174,7 +182,7 @@ private:
     void _retryLater() CX_ON_QUEUE(_queue);
 
     const CXRef<DXRKVOHelper> _kvo;
-    // The values last reported to observers; written and read on the main thread.
+    // The values last announced to observers; accessed on the main thread only.
     uint32_t _kvo_frameCount = 0;
     double _kvo_sampleRate = 0.0;
     std::optional<Devices> _kvo_devices;
@@ -183,31 +191,32 @@ private:
     DXRDeviceRunnerError _kvo_error;
 
     const CXRef<CXDispatchQueue> _queue;
-    // Everything below is changed as work of the queue. What getters and cycles read too is atomic, each for itself.
+    // Everything below is changed as work of the queue. Values that getters and cycles also read are atomic,
+    // each on its own.
     CXRef<dxr::WorkQueue> _notifierQueue CX_OWNED_BY_QUEUE(_queue);
     Notifier _notifierBlock CX_OWNED_BY_QUEUE(_queue);
     const std::unique_ptr<RunnerIO> _io; // shared with the contexts
     std::atomic<bool> _running{false};
-    DXRCycleRecord::Event _contextState = DXRCycleRecord::Event::ContextStopped; // of the last one
-    DXRDeviceNodes _nodes; // not changed while a context has them
+    DXRCycleRecord::Event _contextState = DXRCycleRecord::Event::ContextStopped; // the last context's
+    DXRDeviceNodes _nodes; // not changed while a context uses them
     std::array<std::optional<FollowedDefault>, 2>
         _followedDefaults CX_OWNED_BY_QUEUE(_queue);            // input, output
-    DeviceNotifier _defaultsNotifier CX_OWNED_BY_QUEUE(_queue); // empty while no default is followed
-    std::string _signature CX_OWNED_BY_QUEUE(_queue);           // of the state last published
+    DeviceNotifier _defaultsNotifier CX_OWNED_BY_QUEUE(_queue); // empty if no default device was added
+    std::string _signature CX_OWNED_BY_QUEUE(_queue);           // of the last published state
     std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
     DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
     CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped
-    /// What counts() reads of the context that runs, if one does.
+    /// The running context, as counts() reports it.
     struct CountedContext {
         DXRCycleRecord::Context kind = DXRCycleRecord::Context::None;
         AudioObjectID deviceID = kAudioObjectUnknown;
         std::string deviceUID;
     };
-    mutable std::mutex _countsMutex; // nothing else happens under it
-    CountedContext _countedContext;  // under the mutex, changed as work of the queue
+    mutable std::mutex _countsMutex; // no other function is called while it is held
+    CountedContext _countedContext;  // guarded by the mutex, changed as work of the queue
     std::atomic<DXRRunnerCounts::Restart> _lastRestart{DXRRunnerCounts::Restart::None};
-    DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last start of a context
+    DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last attempt to start a context
     CXRef<CXDispatchTimer> _retryTimer CX_OWNED_BY_QUEUE(_queue); // null unless a start has failed
-    uint32_t _retryMilliseconds CX_OWNED_BY_QUEUE(_queue) = 0;    // the last pause; 0: none has failed
-    CXDispatchQueue::Work _stopWork; // made beforehand: an IO block may call stop()
+    uint32_t _retryMilliseconds CX_OWNED_BY_QUEUE(_queue) = 0;    // the last pause; 0 if no start has failed
+    CXDispatchQueue::Work _stopWork; // allocated in advance, because an IO block may call stop()
 };

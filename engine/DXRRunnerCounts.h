@@ -4,27 +4,27 @@
 #include <string>
 #include <vector>
 
-/// What has happened to a runner since its start, as numbers.
+/// What happened in a runner since its start, as counts.
 struct DXRRunnerCounts {
-    /// Why a context was made anew.
+    /// The reason for replacing the context.
     enum class Restart : uint8_t {
         None,
         Nodes,   ///< a device was added or removed
-        Devices, ///< a device came or went
-        Layout,  ///< a device, or a part of an aggregate, has other channels
-        Retry    ///< the start before had failed
+        Devices, ///< a device appeared or disappeared
+        Layout,  ///< the channels of a device or of a part of an aggregate changed
+        Retry    ///< the previous start failed
     };
     struct Device {
         std::string uid;
-        uint64_t lostFrames = 0; ///< that its clock went on by without a cycle, or that an aggregate wanted
-        uint32_t resynchronisations = 0; ///< how often its frames had to jump to its aggregate's clock
+        uint64_t lostFrames = 0;         ///< frames of its clock without a cycle, or missing in an aggregate
+        uint32_t resynchronisations = 0; ///< how often its frames jumped to follow the aggregate's clock
     };
 
     uint64_t cycles = 0;
-    uint64_t lateCycles = 0; ///< that ended after the next one was due
+    uint64_t lateCycles = 0; ///< cycles that ended after the next one was due
     uint64_t restarts = 0;
     Restart lastRestart = Restart::None;
-    std::vector<Device> devices; ///< of the present context; frames lost with an earlier one are not in it
+    std::vector<Device> devices; ///< of the present context; excludes frames lost in earlier contexts
 
     uint64_t lostFrames() const noexcept
     {

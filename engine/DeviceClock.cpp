@@ -8,7 +8,7 @@
 namespace {
 
 constexpr double memoryStamps = 16384;
-constexpr double wild = 6.0; // standard distances: what is further off says nothing of the usual ones
+constexpr double wild = 6.0; // standard deviations; stamps further off are clamped
 
 } // namespace
 
@@ -24,10 +24,10 @@ void DeviceClock::Stamps::add(double distance) noexcept
     cube += share * (distance * distance * distance - cube);
 }
 
-// The tracker's line lies between early and late stamps, nearer to the early ones. Where stamps are as often early as late,
-// the clock is at their mean; where they are only late, as threads wake, their distribution is skewed, and the clock is
-// before the mean: by 1.32 standard deviations where they fall off as half a bell (skewness 1), by one where they fall off
-// exponentially (skewness 2).
+// The tracker's line lies between early and late stamps, nearer to the early ones. If stamps are early as
+// often as late, the clock is at their mean. If they are only late, because threads wake late, their
+// distribution is skewed and the clock is before the mean: by 1.32 standard deviations for a half-normal
+// distribution (skewness 1), by one standard deviation for an exponential distribution (skewness 2).
 double DeviceClock::Stamps::correction() const noexcept
 {
     const double variance = square - mean * mean;

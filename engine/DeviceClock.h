@@ -6,31 +6,32 @@
 
 #include <optional>
 
-/// When the frames of a device's cycles are at the device: by its clock as all stamps so far have shown it, which is
-/// steadier than each of them.
-/// Threads:   one at a time.
+/// Computes the times at which the frames of a cycle are at the device, from the device's clock as estimated
+/// from all time stamps so far: this is steadier than any single stamp.
+/// Threads:   unlocked; one thread at a time.
 /// Real time: everything.
 class DeviceClock {
 public:
-    /// Nothing is known any more: another rate, or the device's time has gone back.
+    /// Forgets the clock: call it when the rate changes or the device's time goes back.
     void reset() noexcept CX_REALTIME
     {
         _tracker.reset();
         _stamps = {};
     }
-    /// The device stood at frame `now` at `hostTicks`; its cycle's first frames are those at `input` and `output`.
+    /// The device was at frame `now` at time `hostTicks`; the first frames of its cycle are `input` and
+    /// `output`.
     DXRCycleTimes follow(uint64_t hostTicks, uint64_t now, double input, double output,
                          double nominalRate) noexcept CX_REALTIME;
 
 private:
-    /// How stamps lie about the tracker's line, in nanoseconds: means of their distance and its powers, the latest seconds'
-    /// counting most.
+    /// The distribution of the stamps' distances from the tracker's line, in nanoseconds: means of the
+    /// distance, its square and its cube, weighted towards the latest seconds.
     struct Stamps {
         uint64_t count = 0;
         double mean = 0, square = 0, cube = 0;
 
         void add(double distance) noexcept CX_REALTIME;
-        /// From the line to where the clock most likely is.
+        /// The distance from the line to the clock's most likely position.
         double correction() const noexcept CX_REALTIME;
     };
 

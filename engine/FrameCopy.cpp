@@ -7,18 +7,19 @@
 
 namespace {
 
-constexpr uint32_t maxPlanes = 8; // what the kernels take at once
+constexpr uint32_t maxPlanes = 8; // the kernels' maximum
 
-/// Channels of a map that move together: `count` from `first` on.
+/// A run of channels of a map that can be copied together: `count` channels from `first` on.
 struct Run {
     enum class Kind { None, Silent, Stream, Planes };
     Kind kind = Kind::None;
     size_t first = 0;
     size_t count = 0;
-    DXRChannelEntry entry{}; // of the first channel
+    DXRChannelEntry entry{}; // the first channel's
 };
 
-/// Finds the runs of a map, in order: neighbours within one stream, or arrays of single channels side by side.
+/// Finds the runs of a map, in order: neighbouring channels of one stream, or arrays of single channels side
+/// by side.
 class Runs {
 public:
     Runs(const DXRChannelEntry* entries, std::span<const uint32_t> map) noexcept
@@ -70,7 +71,7 @@ void moveFrames(const float* from, size_t fromStride, float* to, size_t toStride
                 uint32_t frameCount) noexcept
 {
     const auto move = [&] {
-        std::memcpy(to, from, channels * sizeof(float)); // of a fixed size: one or two moves
+        std::memcpy(to, from, channels * sizeof(float)); // a fixed size compiles to one or two moves
         from += fromStride;
         to += toStride;
     };
@@ -82,7 +83,7 @@ void moveFrames(const float* from, size_t fromStride, float* to, size_t toStride
     }
 }
 
-/// `channels` neighbouring channels from one stream to another.
+/// Copies `channels` neighbouring channels from one stream to another.
 void moveStream(const float* from, size_t fromStride, float* to, size_t toStride, size_t channels,
                 uint32_t frameCount) noexcept
 {

@@ -13,12 +13,13 @@ struct FrameBlock {
     uint32_t frameCount;
 };
 
-/// Fills channel i of `frames` from the entry number map[i], counted from 1; 0 leaves the channel as it is, and an
-/// entry without samples makes it silent. The map has a number for every channel. Bits are copied as they are.
-/// Real time: yes. Neighbouring channels of one stream move together, whole streams in one piece.
+/// Fills channel i of `frames` from entry map[i], counted from 1. If map[i] is 0, the channel is not changed;
+/// if the entry has no samples, it is silenced. The map has a number for every channel. Bits are copied
+/// unchanged.
+/// Real time: yes. Neighbouring channels of one stream are copied together, whole streams in one piece.
 void copyEntriesToFrames(const DXRChannelEntry* entries, std::span<const uint32_t> map,
                          const FrameBlock& frames) noexcept CX_REALTIME;
-/// The other way; what has no entry, or one without samples, goes nowhere. Of two channels with one entry the later
-/// stays.
+/// The reverse. A channel without an entry, or whose entry has no samples, is discarded. If two channels have
+/// the same entry, the later one is stored.
 void copyFramesToEntries(const FrameBlock& frames, std::span<const uint32_t> map,
                          const DXRChannelEntry* entries) noexcept CX_REALTIME;

@@ -17,7 +17,7 @@ double safetyOffsetOf(AudioObjectID deviceID, bool isInput)
     return DXRPropertyAddress::deviceSafetyOffset(scopeOf(isInput))->uint32ForObjectID(deviceID).value_or(0);
 }
 
-/// The device's own, and on top of it that of its slowest stream.
+/// The latency of the device plus that of its slowest stream.
 double reportedLatencyOf(AudioObjectID deviceID, bool isInput)
 {
     const uint32_t scope = scopeOf(isInput);
@@ -30,7 +30,7 @@ double reportedLatencyOf(AudioObjectID deviceID, bool isInput)
            static_cast<double>(ofStreams);
 }
 
-/// The delay of the ring between a part and the clock's cycles, in the writer's frames; 0 where there is none.
+/// The delay of the ring between a part and the clock's cycles, in the writer's frames; 0 without a ring.
 double ringDelayOf(AudioObjectID deviceID, bool isInput, const SubDeviceStatuses& statuses)
 {
     const auto found = std::ranges::find(statuses, deviceID, &AudioAggregateSubDeviceStatus::deviceID);
@@ -62,14 +62,14 @@ DXRDeviceLatency latencyOfPart(AudioObjectID deviceID, bool isInput, const Cycle
     latency.deviceFrames = reportedLatencyOf(deviceID, isInput);
     latency.safetyOffsetFrames = safetyOffsetOf(deviceID, isInput);
     if (const double delay = ringDelayOf(deviceID, isInput, statuses); delay > 0.0) {
-        // The delay is from the beginning of the cycle that wrote to the beginning of the cycle that reads, and one
-        // cycle of the writer, which for input is the capture of what it wrote.
+        // The delay is measured from the start of the writer's cycle to the start of the reader's, plus one
+        // cycle of the writer: for input, the capture of the cycle written.
         latency.cycleFrames =
             DXRPropertyAddress::deviceBufferFrameSize()->uint32ForObjectID(deviceID).value_or(0);
         latency.ringFrames =
             isInput ? delay - latency.cycleFrames : (delay - placement.cycleFrames) * perClockFrame;
     } else {
-        // As the clock's time stamps have it, whose safety offset need not be this device's.
+        // From the clock's time stamps, minus the clock's safety offset, which may differ from this device's.
         latency.cycleFrames =
             (placement.distanceFrames - safetyOffsetOf(placement.clockID, isInput)) * perClockFrame;
     }

@@ -6,14 +6,14 @@
 
 #include <atomic>
 
-/// What a runner shares with the contexts that run its nodes: what is asked for and in effect, the sample time, the counts,
-/// the trace. The runner owns it and outlives every context.
-/// Threads:   changed as work of the queue, to which a cycle counts; what getters read from any thread too is atomic, each
-///            for itself.
-/// Real time: what is marked.
+/// State that a runner shares with the contexts that run its nodes: requested and effective settings, the
+/// sample time, the counts, the trace. The runner owns it and outlives every context.
+/// Threads:   changed as work of the queue, which includes cycles. Values that getters read on any thread are
+///            atomic, each on its own.
+/// Real time: functions marked so.
 class RunnerIO {
 public:
-    /// A frame count or a rate: what was asked for, and what is in effect while the runner runs; 0 where there is none.
+    /// A frame count or a rate: as requested, and as in effect while the runner runs; 0 if unset.
     template <class Value> struct Setting {
         std::atomic<Value> requested{}, inEffect{};
 
@@ -32,17 +32,18 @@ public:
     Setting<uint32_t> frameCount; ///< frames a cycle
     Setting<double> sampleRate;   ///< Hz
     std::atomic<DXRConversionQuality> conversionQuality{DXRConversionQuality::Standard};
-    std::atomic<uint64_t> sampleTime{0}; ///< of the next cycle
-    /// Since the runner's start; the last since the context's.
+    std::atomic<uint64_t> sampleTime{0}; ///< at the next cycle
+    /// Since the runner's start; `lostFrames` since the context's start.
     std::atomic<uint64_t> cycles{0}, lateCycles{0}, lostFrames{0};
 
-    // -- What the runner is to be called for, as work of the queue
+    // -- Callbacks of the runner, called as work of the queue
 
-    CXBlock<void()> onFormat; ///< a frame count and a rate are in effect now
-    /// The device of a context has changed its streams: a new context is wanted, unless there is one already.
+    CXBlock<void()> onFormat; ///< a frame count and a rate have taken effect
+    /// The device of `context` has changed its streams: the runner makes a new context, unless it already
+    /// has.
     CXBlock<void(const CXObject& context)> onNewLayout;
 
-    /// A context has started; the first time these are in effect until the runner stops.
+    /// A context has started. At the first start since reset(), these take effect until the runner stops.
     void contextDidStart(double rate, uint32_t frames)
     {
         if (frameCount.inEffect != 0)
@@ -61,16 +62,16 @@ public:
         contextNumber = 0;
     }
 
-    // -- Of a cycle
+    // -- Called by a cycle
 
     void setSampleTime(uint64_t time) noexcept CX_REALTIME
     {
         sampleTime.store(time, std::memory_order_relaxed);
     }
-    /// Whether it ended late, and the frames that its device has lost before it.
+    /// Counts a cycle: whether it ended late, and the frames that its device lost before it.
     void noteCycle(bool isLate, uint64_t framesLost) noexcept CX_REALTIME
     {
-        const auto add = [](std::atomic<uint64_t>& count, uint64_t more) { // one adds at a time
+        const auto add = [](std::atomic<uint64_t>& count, uint64_t more) { // only one thread adds at a time
             count.store(count.load(std::memory_order_relaxed) + more, std::memory_order_relaxed);
         };
         add(cycles, 1);
@@ -80,12 +81,11 @@ public:
 
     // -- Tracing
 
-    std::atomic<uint32_t> contextNumber{0}; ///< of contexts since the runner's start
-    CXRef<DXRCycleTrace> trace;             ///< where records go; null when there is none
-    std::atomic<bool> isTraced{
-        false}; ///< whether there is one: a hint, for a cycle that has not had its turn
+    std::atomic<uint32_t> contextNumber{0}; ///< number of contexts since the runner's start
+    CXRef<DXRCycleTrace> trace;             ///< receives the records; null without tracing
+    std::atomic<bool> isTraced{false}; ///< whether `trace` is set: a hint, for a cycle not yet on the queue
 
-    /// What all records of a context have in common, and the sample time now.
+    /// A record with the fields that all records of a context share, at the present sample time.
     DXRCycleRecord record(DXRCycleRecord::Context context, AudioObjectID deviceID) const noexcept CX_REALTIME
     {
         DXRCycleRecord record;

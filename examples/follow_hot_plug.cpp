@@ -1,5 +1,5 @@
-// Prints which devices come and go, in a poll loop of its own, until the standard input ends or brings a
-// line.
+// Prints devices that appear and disappear, in the program's own poll loop, until standard input ends or
+// receives a line.
 #include <cstdio>
 #include <dxr/DXRDeviceManager.h>
 #include <dxr/LogSink.h>
@@ -21,8 +21,8 @@ void print(const char* what, const DXRDeviceManager::Devices& devices)
 
 int main()
 {
-    // What is to run on the main thread waits in the main queue, whose descriptor is readable as long as
-    // there is any. With a loop of Qt's or GLib's, hand the descriptor to that instead.
+    // Work for the main thread waits in the main queue, whose descriptor is readable while there is any. In a
+    // program with an event loop, such as Qt's or GLib's, add the descriptor to that loop instead.
     dxr::MainQueue& mainQueue = dxr::MainQueue::shared();
     DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
     const DXRDeviceManager::NotifierBlock notifier = [](const DXRDeviceManager::Devices& connected,
@@ -31,7 +31,7 @@ int main()
         print("connected", connected);
         print("disconnected", disconnected);
     };
-    // Follow first, then list: nothing is missed, and what comes in between is printed twice.
+    // Register first, then list: this misses no device, and prints a device that appears in between twice.
     manager.addDeviceNotifier(CXRef<dxr::WorkQueue>(&mainQueue), notifier);
     print("present", manager.connectedDevices());
 

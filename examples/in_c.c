@@ -1,5 +1,5 @@
-/* In C: records the default input, plays a tone on two outputs, and goes on while a device is unplugged and plugged in
-   again: in_c [--simulated] */
+/* In C: records the default input, plays a tone on two outputs, and continues while a device is unplugged and
+   plugged in again: in_c [--simulated] */
 #define _POSIX_C_SOURCE 200809L /* nanosleep */
 #include <dxr/c.h>
 #include <stdio.h>
@@ -15,7 +15,7 @@ static void try(dxr_status status)
     exit(1);
 }
 
-/* In real time: what is played follows from the time alone, so that both devices play the same. */
+/* Called in real time. The output depends on the sample time alone, so that both devices play the same. */
 static int play(const dxr_cycle* cycle, void* user)
 {
     uint32_t frame, channel;

@@ -1,5 +1,5 @@
-// In Rust, over the C interface: records the default input, plays on two outputs, and goes on while a device is unplugged and
-// plugged in again, on a simulated computer: rustc in_rust.rs -l dxr && ./in_rust
+// In Rust, over the C interface: records the default input, plays on two outputs, and continues while a
+// device is unplugged and plugged in again, on a simulated computer: rustc in_rust.rs -l dxr && ./in_rust
 use std::ffi::{c_char, c_double, c_int, c_void, CStr, CString};
 use std::{mem, ptr, thread, time::Duration};
 
@@ -43,7 +43,7 @@ fn check(status: c_int) {
     }
 }
 
-// In real time: no lock, no allocation, no waiting.
+// Called in real time: no lock, no allocation, no waiting.
 extern "C" fn play(cycle: *const Cycle, _user: *mut c_void) -> c_int {
     let cycle = unsafe { &*cycle };
     let samples = unsafe { std::slice::from_raw_parts_mut(cycle.samples, (cycle.frames * cycle.channels) as usize) };

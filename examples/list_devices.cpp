@@ -1,4 +1,4 @@
-// Lists the audio devices, a line for each direction of each.
+// Lists the audio devices, one line for each direction of a device.
 #include <algorithm>
 #include <cstdio>
 #include <dxr/dxr.h>
@@ -12,7 +12,7 @@ int main()
         return std::pair(device->displayName(), device->isInput());
     });
     for (const CXRef<DXRDevice>& device : devices) {
-        // A device chooses its own name: on a terminal, only its printable form is safe.
+        // Devices choose their names freely: only the printable form is safe on a terminal.
         const std::string name = dxr::printableText(device->displayName());
         std::printf("%-6s  %3u ch  %8.0f Hz  %s%s\n", device->isInput() ? "input" : "output",
                     device->channelCount(), device->sampleRate(), name.c_str(),

@@ -1,6 +1,6 @@
-// A hardware driver of the application's own: one virtual output device whose cycles come from a timer
-// thread, and which measures what is played into it. Replace the timer by your hardware's interrupt, socket
-// or callback.
+// An application's own hardware driver: one virtual output device, whose cycles are run by a timer thread,
+// and which measures the level of its output. Replace the timer by your hardware's interrupt, socket or
+// callback.
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -27,7 +27,7 @@ HALDeviceState describe()
     return state;
 }
 
-/// The device: a thread that asks for `bufferFrameSize` frames as often as the sample rate says.
+/// The device: its thread requests `bufferFrameSize` frames at intervals that follow from the sample rate.
 class MeterDriver final : public HALDeviceDriver {
 public:
     explicit MeterDriver(HALDriverSink& sink) : _sink(sink) {}
@@ -96,7 +96,7 @@ private:
     std::thread _thread;
 };
 
-/// Finds the one device there is.
+/// Reports the only device.
 class MeterHardware final : public HALHardwareDriver {
 public:
     void start(HALDriverSink& sink) override

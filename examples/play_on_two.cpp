@@ -1,4 +1,4 @@
-// Plays a tone on two output devices at once, for a second or for so many: play_on_two [SECONDS]
+// Plays a tone on two output devices at once, for SECONDS or one second: play_on_two [SECONDS]
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -11,8 +11,8 @@
 
 namespace {
 
-// The runner calls it once a cycle for each device, on a real-time thread: no lock, no allocation, no
-// waiting. What it plays follows from the sample time alone, so that both devices play the same.
+// Called by the runner once a cycle for each device, on a real-time thread: no lock, no allocation, no
+// waiting. The output depends on the sample time alone, so that both devices play the same.
 void playTone(uint64_t sampleTime, DXRBuffer& buffer)
 {
     const double turnsPerFrame = 440.0 / buffer.sampleRate();
@@ -32,7 +32,7 @@ int main(int argc, char** argv)
     const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
     if (!runner)
         return 1;
-    // The devices may differ in rate, cycle and clock. The blocks run at what is asked for here.
+    // The devices may differ in rate, cycle and clock. The blocks run at the rate and frame count set here.
     runner->setSampleRate(48000.0);
     runner->setFrameCount(256);
     for (const CXRef<DXRDevice>& device : DXRDeviceManager::sharedDeviceManager().connectedDevices()) {
@@ -43,7 +43,7 @@ int main(int argc, char** argv)
         std::fputs("There are no two output devices.\n", stderr);
         return 1;
     }
-    runner->start(); // one that is unplugged from now on is played to again when it comes back
+    runner->start(); // a device that is unplugged from now on resumes when it returns
     for (const CXRef<DXRDevice>& device : runner->activeDevices())
         std::printf("Playing on %s\n", dxr::printableText(device->displayName()).c_str());
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));

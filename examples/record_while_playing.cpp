@@ -1,4 +1,4 @@
-// Records the default input into a file, for three seconds, while it plays a tone to the default output:
+// Records the default input into a file for three seconds, while it plays a tone on the default output:
 // record_while_playing FILE.wav
 #include <algorithm>
 #include <atomic>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr uint32_t rate = 48000, frames = 3 * rate;
 
-/// The beginning of a WAV file of one channel of 32-bit floats.
+/// The header of a WAV file with one channel of 32-bit floats.
 struct WaveHeader {
     char riff[4] = {'R', 'I', 'F', 'F'};
     uint32_t size = 36 + frames * 4;
@@ -41,10 +41,10 @@ int main(int argc, char** argv)
         std::fputs("usage: record_while_playing FILE.wav, with an input and an output device\n", stderr);
         return 1;
     }
-    // Memory for all of it, before the first cycle: the blocks run in real time and must not ask for any.
+    // Allocate all memory before the first cycle: the blocks run in real time and must not allocate.
     std::vector<float> recording(frames);
-    std::atomic<size_t> recorded{0}; // frames; written by the block, looked at by the loop below
-    runner->setSampleRate(rate);     // the devices may run at others
+    std::atomic<size_t> recorded{0}; // frames; written by the block, read by the loop below
+    runner->setSampleRate(rate);     // the devices may run at other rates
     runner->addDevice(input, DXRDeviceRunner::Channels{1}, [&](uint64_t, DXRBuffer& buffer) {
         const size_t done = recorded.load(std::memory_order_relaxed);
         const size_t count = std::min<size_t>(buffer.frameCount(), recording.size() - done);
@@ -57,7 +57,7 @@ int main(int argc, char** argv)
             buffer.samples()[i] = static_cast<float>(0.1 * std::sin(2.0 * std::numbers::pi * 440.0 * time));
         }
     });
-    runner->start(); // a device that goes does not end it: silence is recorded until it comes back
+    runner->start(); // if a device disappears, silence is recorded until it returns
     for (int tenths = 0; tenths < 100 && recorded.load(std::memory_order_acquire) < frames; ++tenths)
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     runner->stop();

@@ -1,6 +1,5 @@
-// How an application tests its own device code without hardware: a simulated computer whose clock only moves
-// at given moments, so that what fails once fails every time. Ends with status 0 when everything is as it
-// should be.
+// How an application tests its own device code without hardware: on a simulated computer, whose clock moves
+// only on request, so that failures are reproducible. Exits with status 0 if all checks pass.
 #include <cstdio>
 #include <dxr/QDL.h>
 #include <dxr/simulated.h>
@@ -29,7 +28,7 @@ int main()
     expect(QDLAudioDeviceDefaultOutputDeviceID() == cable, "the default moves on when it is unplugged");
     expect(!QDLAudioDeviceUIDFromDeviceID(speakers), "an unplugged device has no UID");
 
-    // An echo: what is played into the cable comes back a cycle later.
+    // The cable loops back: its input receives its output one cycle later.
     float heard = 0.0F;
     AudioDeviceIOProcID callback = nullptr;
     const AudioDeviceIOBlock block = [&heard](const AudioTimeStamp*, const AudioBufferList* in,

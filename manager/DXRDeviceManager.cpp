@@ -23,7 +23,7 @@ namespace {
 constexpr std::string_view archivePrefix = "DXRDevice:";
 constexpr std::array bothDirections{true, false}; // input first
 
-// A failed read is tried again after growing delays, and then with the next change.
+// After a failed read, the update is repeated with growing delays; after the last one, at the next change.
 constexpr uint64_t firstRetryNanoseconds = 20'000'000;
 constexpr uint32_t maximumRetries = 8;
 
@@ -40,13 +40,13 @@ constexpr std::array defaults{
 
 } // namespace
 
-/// What an update has found so far.
+/// The results of an update so far.
 struct DXRDeviceManager::Changes {
     Devices connected;
     Devices disconnected;
-    std::vector<AudioObjectID> gone;         // connected infos that are there no more
-    std::vector<CXRef<DXRDeviceInfo>> fresh; // met now, by ID
-    bool needsAnother = false;               // a device is somebody else now, and comes with the next update
+    std::vector<AudioObjectID> gone;         // connected infos whose devices have disappeared
+    std::vector<CXRef<DXRDeviceInfo>> fresh; // new infos, by ID
+    bool needsAnother = false; // a listed device has become a different one; the next update adds it
 };
 
 // ---- The one manager
@@ -67,7 +67,7 @@ dxr::WorkQueue& DXRDeviceManager::queue()
 
 DXRDeviceManager& DXRDeviceManager::sharedDeviceManager()
 {
-    static const CXRef<DXRDeviceManager>* shared = nullptr; // under the lock
+    static const CXRef<DXRDeviceManager>* shared = nullptr; // guarded by the lock
     const CXRef<DXRDeviceManager>* manager = nullptr;
     lock().execute([&] {
         if (!shared) {
@@ -344,7 +344,7 @@ void DXRDeviceManager::addDeviceNotifier(const CXRef<dxr::WorkQueue>& queue, con
 
 void DXRDeviceManager::removeDeviceNotifier(const NotifierBlock& block, WhenRunning whenRunning)
 {
-    CXRef<DXRDeviceManagerNotifier> removed; // ended and dropped without the lock
+    CXRef<DXRDeviceManagerNotifier> removed; // ended and released without the lock
     lock().execute([&] {
         const auto found =
             std::ranges::find_if(_notifiers, [&](const auto& each) { return each->block() == block; });
@@ -385,7 +385,7 @@ bool DXRDeviceManager::_adoptIfHidden(const std::optional<std::string>& deviceUI
         return false;
     const bool isNew = lock().execond([&] { return _hiddenDeviceUIDs.insert(*deviceUID).second; });
     if (!isNew && queue().isCurrent())
-        return false; // in the list already, as far as it will be after the update that is running
+        return false; // already in the list, or added by the update in progress
     CX_ASSERT(!queue().isCurrent());
     queue().sync([&] { _updateDeviceList(true); });
     return true;
@@ -413,7 +413,7 @@ std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
         uint32_t isHidden = 0;
         if ((*hidden)->getUInt32(&isHidden, deviceID))
             return isHidden != 0;
-        // Until it can be read, which is tried soon, a listed device stays and another one does not show.
+        // The read is repeated soon. Until then, a listed device stays and another one is not added.
         return read.hasFailed() && !_connectedDevicesByID->at(deviceID);
     });
     for (const std::string& uid : _hiddenDeviceUIDs) {
@@ -436,12 +436,12 @@ void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
         _updateConnected(_deviceIDList(), changes);
         _archiveGone(changes);
         _returnOrAdd(changes);
-        // Names change with the list, and with what has been read of a device.
+        // Display names depend on the list and on the values of the devices.
         if (!changes.connected.empty() || !changes.disconnected.empty() || !_updatedDevices.empty()) {
             _updateDeviceDisplayNames();
             _updateDeviceDisplayNamesWithSource();
         }
-        // A default that was announced before its device was listed shows only now.
+        // If a default device was announced before the device was listed, the default changes only now.
         if (updateDefaults || !changes.connected.empty() || !changes.disconnected.empty())
             _updateDefaultDevices();
         updated = std::exchange(_updatedDevices, {});
@@ -462,7 +462,7 @@ void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
 void DXRDeviceManager::_updateConnected(std::span<const AudioObjectID> ids, Changes& changes)
 {
     const auto& infos = _connectedDevicesByID->infos();
-    auto known = infos.begin(); // both ascend
+    auto known = infos.begin(); // both are in ascending order
     for (const AudioObjectID deviceID : ids) {
         for (; known != infos.end() && known->first < deviceID; ++known)
             changes.gone.push_back(known->second->deviceID);
@@ -501,7 +501,7 @@ void DXRDeviceManager::_meet(AudioObjectID deviceID, Changes& changes)
 {
     const CXRef<DXRDeviceInfo> info = DXRDeviceInfo::init();
     info->deviceID = deviceID;
-    _updateDevicePropertyListeners(*info); // before the look at its streams, so that no change is missed
+    _updateDevicePropertyListeners(*info); // before its streams are read, so that no change is missed
     info->identify(deviceID);
     if (info->currentReference())
         changes.fresh.push_back(info);
@@ -610,7 +610,7 @@ void DXRDeviceManager::_updateDevicePropertyListeners(DXRDeviceInfo& info)
     }
 }
 
-// A read that fails is rare, and counts as a missing value; the whole update is then made again.
+// Failed reads are rare and count as missing values; the whole update is then repeated.
 void DXRDeviceManager::_retryAfter(bool hasFailed)
 {
     if (!hasFailed || _retries >= maximumRetries) {
@@ -664,7 +664,7 @@ template <class Name, class Update> void DXRDeviceManager::_number(const Name& n
             _updatedDevices.insert(device);
     };
     for (const bool isInput : bothDirections) {
-        std::unordered_map<std::string, std::vector<CXRef<DXRDevice>>> groups; // by ID within each
+        std::unordered_map<std::string, std::vector<CXRef<DXRDevice>>> groups; // each in order of device ID
         for (const auto& [deviceID, info] : _connectedDevicesByID->infos()) {
             if (info->stashed(isInput))
                 show(info->stashed(isInput), std::nullopt);
@@ -727,7 +727,7 @@ void DXRDeviceManager::_defaultDevicesChanged()
         const DXRReadCheck reads;
         hasChanged = _updateDefaultDevices();
         if (reads.hasFailed())
-            _retryAfter(true); // this change is not announced again
+            _retryAfter(true); // this change is not notified again
     });
     if (hasChanged)
         _updateDeviceList(false);

@@ -15,21 +15,21 @@
 class DXR_EXPORT DXRDeviceManagerNotifier final : public CXObject {
 public:
     using Devices = std::set<CXRef<DXRDevice>>;
-    /// Receives the devices that have connected, that have disconnected, and that have changed in any way,
-    /// the former two included.
+    /// Receives three sets: the devices that have connected, those that have disconnected, and all that have
+    /// changed in any way, including the former two.
     using Block =
         CXBlock<void(const Devices& connected, const Devices& disconnected, const Devices& updated)>;
     enum class WhenRunning { Return, Wait };
 
     static CXRef<DXRDeviceManagerNotifier> initWithQueue(CXRef<dxr::WorkQueue> queue, Block block);
 
-    const CXRef<dxr::WorkQueue>& queue() const noexcept { return _queue; } ///< null: the caller's thread
+    const CXRef<dxr::WorkQueue>& queue() const noexcept { return _queue; } ///< null: on the caller's thread
     const Block& block() const noexcept { return _block; }
 
-    /// Calls the block, unless end() was called: some time later on the queue, or without one at once.
+    /// Calls the block, unless end() was called: later on the queue, or without a queue at once.
     void notify(const Devices& connected, const Devices& disconnected, const Devices& updated);
-    /// The block is not called from now on. A call that is running on another thread is over when this
-    /// returns, if `whenRunning` says Wait: the caller then holds nothing that the block may wait for.
+    /// Prevents further calls of the block. With WhenRunning::Wait, also waits for a call in progress on
+    /// another thread; the caller must then hold nothing that the block may wait for.
     void end(WhenRunning whenRunning);
 
 private:
@@ -42,6 +42,6 @@ private:
     const Block _block;
     std::mutex _mutex; // not held during a call; guards the rest
     std::condition_variable _returned;
-    std::vector<std::thread::id> _callers; // the threads in a call, once for each
+    std::vector<std::thread::id> _callers; // one entry per call in progress
     bool _hasEnded = false;
 };

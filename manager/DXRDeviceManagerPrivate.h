@@ -2,6 +2,6 @@
 
 #include "DXRDeviceManager.h"
 
-/// A manager beside the shared one, which has met the devices that are there: for comparing the two. It
-/// shares the lock and the queue with every other. Not from the queue.
+/// Creates a manager in addition to the shared one, after the initial enumeration, for comparing the two. All
+/// managers share the lock and the queue. Must not be called on the queue.
 CXRef<DXRDeviceManager> DXRNewDeviceManager();

@@ -3,7 +3,7 @@
     import dxr
     dxr.play(samples, 48000)                        # on the default output
     samples = dxr.record(48000, channels=1)         # a second of the default input
-    for change in dxr.changes():                    # devices as they come, go and change
+    for change in dxr.changes():                    # devices as they appear, disappear and change
         print(change.kind, change.device.name)
 """
 
@@ -16,12 +16,14 @@ __version__: str = decoded(lib.dxr_version())
 
 
 def set_application(identifier: str) -> None:
-    """Who keeps settings of devices: a name such as "com.example.player". Before anything else."""
+    """Sets the application's identifier, such as "com.example.player", which is stored with the device
+    settings it makes. Must be called first."""
     check(lib.dxr_set_application(encoded(identifier, "the identifier")))
 
 
 def hardware_error() -> str:
-    """Why no devices can be found, "cannot connect to the PipeWire server at …"; empty when they can."""
+    """The reason why no devices can be found, "cannot connect to the PipeWire server at …"; empty if they can
+    be."""
     return taken(result(lib.dxr_hardware_error))
 
 

@@ -1,4 +1,4 @@
-"""Audio on devices: runners, and play(), record() and loop() on top of them."""
+"""Audio on devices: Runner, and play(), record() and loop(), which use it."""
 
 from __future__ import annotations
 
@@ -19,14 +19,14 @@ Samples = NDArray[np.float32]
 
 @dataclass
 class Cycle:
-    """One device's part of one cycle, for the length of a callback."""
+    """One device's part of one cycle; valid during a callback."""
 
     samples: Samples
-    """frames x channels: what was recorded, or silence to be overwritten with what to play."""
+    """frames x channels: recorded samples, or silence to overwrite with output."""
     sample_time: int
-    """Frames since the runner's start, of the first frame."""
+    """Of the first frame, in frames since the runner's start."""
     host_time: int
-    """When the first frame was at the device or will be, in nanoseconds of time.monotonic_ns(); 0 when not known."""
+    """When the first frame is at the device, in nanoseconds of time.monotonic_ns(); 0 if unknown."""
     sample_rate: float
 
 
@@ -35,7 +35,7 @@ Callback = Callable[[Cycle], object]
 
 @dataclass(frozen=True)
 class State:
-    """Of a runner, now. Counts are since its start."""
+    """The present state of a runner. Counts are since its start."""
 
     is_running: bool
     frames: int
@@ -46,13 +46,13 @@ class State:
     lost_frames: int
     restarts: int
     error: str
-    """Why there is no audio although it runs; empty when there is."""
+    """Why a running runner has no audio; empty if it has."""
 
 
 @dataclass(frozen=True)
 class Latency:
-    """How long one direction of a device keeps samples between a callback and the air, by what holds them, in frames of the
-    device. Those of an input and of an output add up to the pair's round trip."""
+    """How long samples take between a callback and the air in one direction of a device, itemised by cause,
+    in frames of the device. The values of an input and of an output add up to the pair's round trip."""
 
     seconds: float
     frames: float
@@ -66,7 +66,7 @@ class Latency:
 
 
 def _samples_of(array: ArrayLike) -> Samples:
-    """As 32-bit floats, frames x channels."""
+    """Converts to 32-bit floats, frames x channels."""
     given = np.asarray(array)
     if given.ndim not in (1, 2) or given.size == 0:
         raise ArgumentError(f"samples are frames, or frames x channels, and some: not of shape {given.shape}")
@@ -80,13 +80,13 @@ def _samples_of(array: ArrayLike) -> Samples:
 
 
 class Sound:
-    """Frames in the library's memory, which a runner plays, or records into, without Python."""
+    """Frames in the library's memory, which a runner plays or records into without calling Python."""
 
     def __init__(self, frames: int, channels: int, sample_rate: float, repeats: bool = False) -> None:
         _require_whole(frames, "frames")
         _require_whole(channels, "channels")
         self.handle = owned(self, result(lib.dxr_sound_new, frames, channels, sample_rate, repeats))
-        # The array keeps the memory: it may outlive this object.
+        # The array keeps the handle: it may outlive this object.
         check(lib.dxr_retain(self.handle))
         handle = self.handle
         memory = ffi.gc(result(lib.dxr_sound_samples, handle), lambda _: release(handle))
@@ -95,7 +95,7 @@ class Sound:
 
     @property
     def position(self) -> int:
-        """Frames that have been played or recorded so far."""
+        """The number of frames played or recorded so far."""
         return result(lib.dxr_sound_position, self.handle)
 
 
@@ -105,11 +105,13 @@ def _require_whole(number: int, name: str) -> None:
 
 
 class Runner:
-    """Audio on one or several devices at once, at one rate and frame count; the devices may run at others. A context manager:
-    it runs inside `with`. Devices may be absent, come and go; callbacks are called all the same.
+    """Audio on one or several devices at once, at one rate and frame count; the devices may run at others. As
+    a context manager, it runs inside `with`. Devices may be absent, appear or disappear; callbacks are still
+    called.
 
-    Callbacks run on the device's real-time thread and need the interpreter: keep them short. One that raises stops the
-    runner; wait(), stop() and the end of `with` raise it. One that returns something true stops it, too."""
+    Callbacks run on the device's real-time thread and need the interpreter: keep them short. If a callback
+    raises an exception, the runner stops; wait(), stop() and the end of `with` raise the exception again. If
+    a callback returns a true value, the runner stops too."""
 
     def __init__(self, sample_rate: float = 0.0, frames: int = 0, quality: Literal["high", "fast"] = "high") -> None:
         if quality not in ("high", "fast"):
@@ -120,15 +122,16 @@ class Runner:
         self._failure: list[BaseException] = []
         self.handle = result(lib.dxr_runner_new)
         self.close = weakref.finalize(self, release, self.handle, self._kept)
-        """Ends it for good."""
+        """Stops the runner and releases it."""
         check(lib.dxr_runner_set_format(self.handle, frames, sample_rate))
         check(lib.dxr_runner_set_quality(self.handle, quality == "high"))
 
     def add(
         self, device: Device | Direction, what: Callback | Sound, channels: Sequence[int] | None = None
     ) -> None:
-        """Has `what` called for the device once a cycle, or played or recorded. 'input' and 'output' stand for the default
-        devices, followed as they change. `channels`, from 1, are the device's stereo pair if not given."""
+        """Calls `what` for the device once a cycle, or plays it, or records into it. 'input' and 'output'
+        mean the default devices, and change when the defaults do. `channels`, from 1, default to the device's
+        stereo pair."""
         node = ffi.new("dxr_node *")
         node.size = ffi.sizeof("dxr_node")
         if isinstance(device, Device):
@@ -180,13 +183,14 @@ class Runner:
             check(lib.dxr_runner_start(self.handle))
 
     def stop(self) -> None:
-        """No callback runs after it. Raises what a callback has raised."""
+        """No callback runs after it has returned. Raises the exception that a callback has raised."""
         check(lib.dxr_runner_stop(self.handle))
         if self._failure:
             raise self._failure.pop(0)
 
     def wait(self, seconds: float | None = None) -> bool:
-        """Waits until a callback has stopped it, for so long at most. Whether it has stopped."""
+        """Waits, at most `seconds`, until a callback has stopped the runner. Returns whether it has
+        stopped."""
         end = None if seconds is None else time.monotonic() + seconds
         while self.is_running and not self._failure and (end is None or time.monotonic() < end):
             time.sleep(0.01)
@@ -205,7 +209,7 @@ class Runner:
         )  # fmt: skip
 
     def latency(self, device: Device) -> Latency:
-        """Of a device that runs, as of the last cycle."""
+        """The latency of a running device, as of the last cycle."""
         latency = ffi.new("dxr_latency *")
         latency.size = ffi.sizeof("dxr_latency")
         check(lib.dxr_runner_get_latency(self.handle, device.handle, latency))
@@ -217,7 +221,7 @@ class Runner:
 
     @property
     def active_devices(self) -> list[Device]:
-        """Those that run now."""
+        """The devices that run now."""
         return device_list(lib.dxr_runner_active_devices, self.handle)
 
     def __enter__(self) -> Runner:
@@ -238,7 +242,7 @@ Where = Device | Direction | Sequence[Device] | None
 
 
 def _chosen(device: Where, direction: Direction) -> list[tuple[Device | Direction, Device]]:
-    """What to add to a runner, and the device that it is now."""
+    """The items to add to a runner, each with its present device."""
     if device is None or isinstance(device, str):
         if device not in (None, direction):
             raise ArgumentError(f"not {device!r} but an {direction}, or a dxr.Device: see dxr.device()")
@@ -264,8 +268,9 @@ def _wait_for(runner: Runner, sounds: list[Sound], frames: int) -> None:
 
 
 def play(samples: ArrayLike, sample_rate: float, device: Where = None, wait: bool = True) -> Runner:
-    """Plays samples, frames or frames x channels, on a device, on several at once, or on the default output. A single
-    channel is played on two. Returns when all has been heard, or with `wait=False` a runner that plays."""
+    """Plays samples, frames or frames x channels, on a device, on several at once, or on the default output.
+    A single channel is played on two. Returns when all has been played, or with `wait=False` at once; returns
+    the runner."""
     array = _samples_of(samples)
     runner = Runner(sample_rate)
     sounds = []
@@ -279,7 +284,7 @@ def play(samples: ArrayLike, sample_rate: float, device: Where = None, wait: boo
     if wait:
         with runner:
             _wait_for(runner, sounds, len(array))
-            state = runner.state  # a block, and a cycle or two, lie between here and the loudspeaker
+            state = runner.state  # one block and a cycle or two are still on the way to the loudspeaker
             end = state.sample_time + 4 * state.frames
             while runner.state.sample_time < end:
                 time.sleep(0.005)
@@ -287,8 +292,8 @@ def play(samples: ArrayLike, sample_rate: float, device: Where = None, wait: boo
 
 
 def record(frames: int, sample_rate: float = 48000.0, channels: int | None = None, device: Where = None) -> Samples:
-    """So many frames of a device, of several side by side, or of the default input: frames x channels, all of a device's
-    channels if not said otherwise."""
+    """Records `frames` frames from a device, from several side by side, or from the default input. Returns
+    frames x channels; by default all channels of a device."""
     _require_whole(frames, "frames")
     runner = Runner(sample_rate)
     sounds = []
@@ -303,7 +308,8 @@ def record(frames: int, sample_rate: float = 48000.0, channels: int | None = Non
 
 
 def loop(input: Where = None, output: Where = None, frames: int = 256, sample_rate: float = 48000.0) -> Runner:
-    """A runner, running, that plays what an input hears on an output, without Python in between: `with dxr.loop(): ...`."""
+    """Returns a running runner that plays an input on an output without calling Python. For example,
+    `with dxr.loop(): ...`."""
     (source, from_device), = _chosen(input, "input")
     channels = 2 if from_device.channels > 1 else 1
     runner = Runner(sample_rate, frames)

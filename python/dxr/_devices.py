@@ -1,4 +1,4 @@
-"""Devices, their settings, and how they come and go."""
+"""Devices, their settings and their changes."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def direction_number(direction: str) -> int:
 
 
 class Settings(MutableMapping[str, Any]):
-    """What users have set for a device, in any application: values that JSON can hold."""
+    """The settings of a device, shared by all applications of the user: values that JSON can represent."""
 
     def __init__(self, device: Device) -> None:
         self._device = device
@@ -49,8 +49,9 @@ class Settings(MutableMapping[str, Any]):
 
 
 class Device:
-    """One direction of an audio device. It stays the same while the device is unplugged; two are equal when they are the
-    same device. A property that is set has its new value when the hardware has followed, soon after."""
+    """One direction of an audio device. The object remains valid while the device is unplugged; objects are
+    equal if they are the same device. A property that is set has its new value shortly after, when the
+    hardware has changed."""
 
     def __init__(self, handle: Any) -> None:
         self.handle = owned(self, handle)
@@ -108,7 +109,7 @@ class Device:
 
     @property
     def sample_rate(self) -> float:
-        """Nominal, in Hz; to be set to one of sample_rates."""
+        """Nominal, in Hz; can be set to one of sample_rates."""
         return self._info("sample_rate")
 
     @sample_rate.setter
@@ -117,7 +118,7 @@ class Device:
 
     @property
     def source(self) -> str:
-        """One of sources; empty when there is none."""
+        """One of sources; empty if there is none."""
         return self._info("source")
 
     @source.setter
@@ -130,7 +131,7 @@ class Device:
 
     @property
     def counterpart(self) -> Device | None:
-        """The other direction of the same device."""
+        """The other direction of the same physical device."""
         try:
             return Device(result(lib.dxr_device_counterpart, self.handle))
         except NotFoundError:
@@ -174,18 +175,19 @@ def device_list(function: Any, *arguments: Any) -> list[Device]:
 
 
 def devices(direction: Direction | None = None) -> list[Device]:
-    """The connected devices, by name."""
+    """The connected devices, sorted by name."""
     wanted = None if direction is None else direction_number(direction)
     return [each for each in device_list(lib.dxr_devices) if wanted in (None, direction_number(each.direction))]
 
 
 def default(direction: Direction) -> Device:
-    """The default device; NotFoundError when there is none."""
+    """The default device. Raises NotFoundError if there is none."""
     return Device(result(lib.dxr_default_device, direction_number(direction)))
 
 
 def device(name: str, direction: Direction) -> Device:
-    """The device of this UID or reference, present or not, else the only connected one with this in its name."""
+    """The device with this UID or reference, present or not, otherwise the only connected one whose name
+    contains `name`."""
     text = encoded(name, "the name")
     if name[:1] == "{" and name[-1:] == "}":
         return Device(result(lib.dxr_device_with_reference, text))
@@ -200,13 +202,13 @@ def device(name: str, direction: Direction) -> Device:
 
 
 def device_from_archive(archive: bytes) -> Device:
-    """The device that archive() described; one that this computer has never seen is not connected."""
+    """The device described by archive(); it is disconnected if this computer has never had it."""
     return Device(result(lib.dxr_device_from_archive, ffi.from_buffer(archive), len(archive)))
 
 
 @dataclass(frozen=True)
 class Change:
-    """What has happened to a device. A new default device is an update of the one before and of the new one."""
+    """A change of a device. A new default device is an update of the previous and of the new default."""
 
     kind: Literal["connected", "disconnected", "updated"]
     device: Device
@@ -216,7 +218,7 @@ _KINDS = {lib.DXR_CONNECTED: "connected", lib.DXR_DISCONNECTED: "disconnected", 
 
 
 class Changes:
-    """Every change since its making, to be iterated; see changes()."""
+    """An iterator over all changes since its creation; see changes()."""
 
     def __init__(self, timeout: float | None = None) -> None:
         changes: queue.SimpleQueue[Change | None] = queue.SimpleQueue()
@@ -257,8 +259,9 @@ class Changes:
 
 
 def changes(timeout: float | None = None) -> Changes:
-    """Devices that connect, disconnect and change, as they do: `for change in dxr.changes():`. Ends when nothing has
-    happened for `timeout` seconds, or with close(). Changes are kept from this call on: list the devices after it."""
+    """Iterates over devices that connect, disconnect and change: `for change in dxr.changes():`. Ends after
+    `timeout` seconds without a change, or with close(). Changes are queued from this call on: list the
+    devices after it."""
     return Changes(timeout)
 
 

@@ -1,4 +1,4 @@
-"""The C library: loaded, its header read, its errors made exceptions."""
+"""Loads the C library, reads its header, and converts its errors to exceptions."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ ffi = cffi.FFI()
 
 
 def _declarations() -> str:
-    """What <dxr/c.h> declares, as cffi reads it."""
+    """The declarations in <dxr/c.h>, in the form that cffi reads."""
     header = (Path(__file__).parent / "c.h").read_text(encoding="utf-8")
     header = re.sub(r"#ifdef __cplusplus.*?#endif", "", header, flags=re.DOTALL)
     header = re.sub(r"^#.*$", "", header, flags=re.MULTILINE)
@@ -30,13 +30,13 @@ lib: Any = ffi.dlopen(os.environ.get("DXR_LIBRARY", "libdxr.so.0.1"))
 
 
 class Error(Exception):
-    """What the library refuses; the text is the library's. `status` is its number."""
+    """An error of the library, with the library's text. `status` is its number."""
 
     status = 0
 
 
 class ArgumentError(Error, ValueError):
-    """An argument that makes no sense."""
+    """An invalid argument."""
 
 
 class NotFoundError(Error, LookupError):
@@ -44,11 +44,11 @@ class NotFoundError(Error, LookupError):
 
 
 class StateError(Error):
-    """Not now: it runs, it is there already, it is not connected."""
+    """Not possible now: running, already added, not connected."""
 
 
 class RefusedError(Error):
-    """The hardware does not do it."""
+    """Refused by the hardware."""
 
 
 _CLASSES = {
@@ -61,7 +61,7 @@ _CLASSES = {
 
 
 def check(status: int) -> None:
-    """Raises the error of the last call."""
+    """Raises the error of the last call unless `status` is DXR_OK."""
     if status == lib.DXR_OK:
         return
     error = _CLASSES.get(status, Error)(ffi.string(lib.dxr_error_text()).decode())
@@ -70,7 +70,7 @@ def check(status: int) -> None:
 
 
 def result(function: Callable[..., int], *arguments: Any) -> Any:
-    """Calls a function whose last argument is where its result goes."""
+    """Calls a function whose last argument points to its result, and returns the result."""
     kind = ffi.typeof(function).args[-1].item
     place = ffi.new(ffi.getctype(kind, "*"))
     check(function(*arguments, place))
@@ -79,7 +79,7 @@ def result(function: Callable[..., int], *arguments: Any) -> Any:
 
 def encoded(text: str | os.PathLike[str] | bytes, name: str) -> bytes:
     if isinstance(text, str):
-        text = text.encode("utf-8", "surrogateescape")  # what is not UTF-8 is the library's to refuse
+        text = text.encode("utf-8", "surrogateescape")  # the library refuses text that is not UTF-8
     if not isinstance(text, bytes):
         raise TypeError(f"{name} is to be text, not {type(text).__name__}")
     if b"\0" in text:
@@ -92,7 +92,7 @@ def decoded(text: Any) -> str:
 
 
 def taken(memory: Any) -> str:
-    """A text in memory that the library has handed out."""
+    """The text in memory returned by the library, which is freed."""
     try:
         return decoded(memory)
     finally:
@@ -101,13 +101,14 @@ def taken(memory: Any) -> str:
 
 in_callback = threading.local()
 _unreleased: list[tuple[Any, Any]] = []
-_calls: list[object] = []  # under way on any thread, that begin or end callbacks
+_calls: list[object] = []  # calls in progress, on any thread, that begin or end callbacks
 _has_ended = False
 
 
 @contextmanager
 def callbacks_change(begins: bool) -> Iterator[None]:
-    """Around a call that begins or ends callbacks: the interpreter waits for it before it ends, and none begin after that."""
+    """Encloses a call that begins or ends callbacks: the interpreter waits for it before it exits, and calls
+    that begin callbacks fail afterwards."""
     call = object()
     _calls.append(call)
     try:
@@ -119,8 +120,8 @@ def callbacks_change(begins: bool) -> Iterator[None]:
 
 
 def release(handle: Any, kept: Any = None) -> None:
-    """Releases a handle; `kept` is what its callbacks need until then. In an audio callback that would wait for itself:
-    garbage that is collected there is released later, by another thread."""
+    """Releases a handle; `kept` is kept alive until then for its callbacks. In an audio callback, the release
+    would wait for that callback: garbage collected there is released later, by another thread."""
     _unreleased.append((handle, kept))
     with callbacks_change(begins=False):
         while _unreleased and not getattr(in_callback, "depth", 0):
@@ -132,13 +133,14 @@ def release(handle: Any, kept: Any = None) -> None:
 
 
 def owned(owner: Any, handle: Any, kept: Any = None) -> Any:
-    """Releases `handle` with its owner, or before the interpreter ends: no callback comes after that."""
+    """Releases `handle` with its owner, or before the interpreter exits: no callback is called after that."""
     weakref.finalize(owner, release, handle, kept)
     return handle
 
 
 def _end() -> None:
-    """No callback may be running, or begin, once the interpreter is taken apart: it would end the process."""
+    """Waits until no callback can run or begin: one that ran after the interpreter's exit would crash the
+    process."""
     global _has_ended
     _has_ended = True
     deadline = time.monotonic() + 10.0
@@ -146,5 +148,5 @@ def _end() -> None:
         time.sleep(0.001)
 
 
-os.register_at_fork(after_in_child=_calls.clear)  # other threads' calls end in the parent
-weakref.finalize(ffi, _end)  # the first to be made is the last that is called, after those of owned()
+os.register_at_fork(after_in_child=_calls.clear)  # other threads' calls exist only in the parent
+weakref.finalize(ffi, _end)  # finalizers run in reverse order: this one runs last, after those of owned()

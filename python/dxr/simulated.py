@@ -1,5 +1,5 @@
-"""A simulated computer, to test programs without audio hardware: `computer = dxr.simulated.Computer()` before anything
-else, then plug and unplug devices."""
+"""A simulated computer, for testing programs without audio hardware: create `computer =
+dxr.simulated.Computer()` first, then plug and unplug devices."""
 
 from __future__ import annotations
 
@@ -11,7 +11,8 @@ from ._library import ArgumentError, check, encoded, ffi, lib, owned, result
 
 
 class Computer:
-    """The process's audio hardware from now on. Its clock runs as the host's, or, stepped, when advance() is called."""
+    """Replaces the process's audio hardware. The clock follows the host's, or if stepped moves in advance()
+    only."""
 
     def __init__(self, clock: Literal["real", "stepped"] = "real") -> None:
         clocks = {"real": lib.DXR_CLOCK_REAL_TIME, "stepped": lib.DXR_CLOCK_STEPPED}
@@ -20,9 +21,9 @@ class Computer:
         self.handle = owned(self, result(lib.dxr_simulated_new, clocks[clock]))
 
     def plug(self, uid: str, **description: Any) -> list[Device]:
-        """Plugs a device in. `description`: name, transport, inputs, outputs, frames, is_hidden, sample_rate, sample_rates,
-        volume, sources, drift, latency, clock_domain, loops_back, tone; as in dxr_simulated_device of <dxr/c.h>. Its
-        directions."""
+        """Plugs a device in. `description`: name, transport, inputs, outputs, frames, is_hidden, sample_rate,
+        sample_rates, volume, sources, drift, latency, clock_domain, loops_back, tone; see
+        dxr_simulated_device in <dxr/c.h>. Returns the device's directions."""
         check(lib.dxr_simulated_plug(self.handle, _described(uid, description)))
         self.settle()
         directions: list[Direction] = ["input", "output"]
@@ -33,7 +34,7 @@ class Computer:
         self.settle()
 
     def change(self, uid: str, **description: Any) -> None:
-        """Gives the device another description; what is left out has its default."""
+        """Replaces the description of the device; omitted values get their defaults."""
         check(lib.dxr_simulated_change(self.handle, _described(uid, description)))
         self.settle()
 
@@ -42,14 +43,14 @@ class Computer:
         self.settle()
 
     def fail(self, starts: bool = False, writes: bool = False) -> None:
-        """Starts of devices, or writes of their values, fail until the next call."""
+        """Makes starts of devices, or writes of their values, fail until the next call of fail()."""
         check(lib.dxr_simulated_fail(self.handle, starts, writes))
 
     def lose_cycles(self, uid: str, count: int = 1) -> None:
         check(lib.dxr_simulated_lose_cycles(self.handle, encoded(uid, "the UID"), count))
 
     def advance(self, seconds: float) -> None:
-        """Moves a stepped clock."""
+        """Advances a stepped clock."""
         check(lib.dxr_simulated_advance(self.handle, int(seconds * 1e9)))
 
     def settle(self) -> None:
@@ -83,4 +84,4 @@ def _described(uid: str, description: dict[str, Any]) -> Any:
     return made
 
 
-_keep: weakref.WeakKeyDictionary[Any, list[Any]] = weakref.WeakKeyDictionary()  # what a struct points to
+_keep: weakref.WeakKeyDictionary[Any, list[Any]] = weakref.WeakKeyDictionary()  # memory that structs point to

@@ -1,5 +1,5 @@
-"""Plays noise on the default output and reports what is plugged meanwhile; a device that returns is the same object:
-follow.py [--simulated]"""
+"""Plays noise on the default output and reports devices that are plugged and unplugged; a device that returns
+is the same object: follow.py [--simulated]"""
 
 import sys
 import threading
@@ -24,7 +24,7 @@ def play(cycle: dxr.Cycle) -> None:
 
 
 runner = dxr.Runner(48000)
-runner.add("output", play)  # the default device, also after it has changed
+runner.add("output", play)  # the default device, even when the default changes
 with dxr.changes(timeout) as changes, runner:
     for change in changes:
         print(f"{change.kind:12} {change.device.name}  playing on {[device.name for device in runner.active_devices]}")

@@ -1,4 +1,4 @@
-"""Plays a tone on two devices at once, of any rates and clocks: play_on_two.py [--simulated]"""
+"""Plays a tone on two devices at once, regardless of their rates and clocks: play_on_two.py [--simulated]"""
 
 import sys
 

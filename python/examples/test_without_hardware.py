@@ -1,4 +1,5 @@
-"""How a program tests its own device code without hardware: a computer in memory, whose clock moves only when it is asked to."""
+"""How a program tests its own device code without hardware: on a simulated computer, whose clock moves only
+on request."""
 
 import numpy as np
 
@@ -11,7 +12,7 @@ runner = dxr.Runner(48000, 512)
 runner.add(source, lambda cycle: heard.append(cycle.samples.copy()))
 runner.add(output, lambda cycle: cycle.samples.fill(0.5))
 with runner:
-    computer.advance(1.0)  # a second of audio, in no time
+    computer.advance(1.0)  # one second of audio, without waiting
     samples = np.concatenate(heard)
     computer.unplug("cable")
     assert not runner.active_devices and not source.is_connected

@@ -10,14 +10,14 @@ TONE = (np.sin(np.arange(24000) * 2 * np.pi * 440 / 48000) / 4).astype(np.float3
 
 
 def begin_of(needle, samples):
-    """Where a signal begins in what was recorded."""
+    """The index at which a signal begins in a recording."""
     first = np.flatnonzero(samples)[0] - np.flatnonzero(needle)[0]
     return samples[first : first + len(needle)]
 
 
 def test_what_is_played_is_recorded_to_the_bit(cable):
     ramp = np.arange(1, 20001, dtype=np.float32).reshape(-1, 2) / 32768
-    for _ in range(10):  # again where this computer was too busy: a thread that came late, or frames that were lost
+    for _ in range(10):  # repeat if the computer was too busy: a thread was late, or frames were lost
         heard = []
         recorder = threading.Thread(target=lambda: heard.append(dxr.record(48000, 48000)))
         recorder.start()
@@ -40,7 +40,7 @@ def test_arrays_of_many_kinds_play(cable, samples, channels):
     with dxr.play(samples, 48000, wait=False) as runner:
         assert runner.active_devices == [cable[1]]
         assert abs(dxr.record(9600)).max() == pytest.approx(0.25, abs=0.01)
-        assert 0 < runner.latency(cable[1]).seconds < 0.1  # there has been a cycle
+        assert 0 < runner.latency(cable[1]).seconds < 0.1  # a cycle has run
 
 
 def test_one_call_plays_on_two_devices_through_a_replug(computer, cable):

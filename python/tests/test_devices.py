@@ -13,7 +13,7 @@ def test_a_device_has_properties_that_can_be_set(computer, cable):
     output.muted = True
     output.source = "Mic"
     output.sample_rate = 44100
-    computer.settle()  # values are the hardware's, when it has followed
+    computer.settle()  # the values change when the hardware has changed
     assert (output.volume, output.muted, output.source, output.sample_rate) == (0.5, True, "Mic", 44100)
     assert output.counterpart == source and source.counterpart == output
     assert dxr.device("cab", "output") == dxr.device(output.reference, "output") == output
@@ -40,7 +40,7 @@ def test_changes_are_iterated_and_devices_stay_the_same(computer, cable):
         assert {next(changes), next(changes)} >= {dxr.Change("connected", cable[0])}
         threading.Timer(0.1, changes.close).start()
         assert len(list(changes)) < 20, "ends when it is closed, from another thread"
-    # What the plugged device still reports may come a little later on a busy machine.
+    # On a busy computer, the plugged device may report a little later.
     assert any(list(dxr.changes(timeout=0.1)) == [] for _ in range(100)), "ends by its timeout"
 
 

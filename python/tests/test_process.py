@@ -1,4 +1,4 @@
-"""How processes end: in any order, with cycles running."""
+"""Processes end cleanly: in any order, with cycles running."""
 
 import os
 import signal
@@ -32,7 +32,7 @@ ENDS = {
         "threading.Thread(target=start, daemon=True).start(); time.sleep(0.05)",
         0,
     ),
-    "with the library closed": (  # as the interpreter does, but with time for the library's threads to run on
+    "with the library closed": (  # as the interpreter does, but the library's threads have time to continue
         "import ctypes, _ctypes\n"
         "library = ctypes.CDLL(os.environ.get('DXR_LIBRARY', 'libdxr.so.0.1'))._handle\n"
         "_ctypes.dlclose(library); _ctypes.dlclose(library); time.sleep(0.2)",
@@ -127,7 +127,7 @@ def test_it_installs_with_pip(tmp_path):
         pytest.skip("not in the source tree")
     command = [sys.executable, "-m", "pip", "install", "--no-build-isolation", "--no-deps", "--no-index", "-q", "--target", tmp_path / "site", "."]
     copy = tmp_path / "source"
-    subprocess.run(["cp", "-rL", package, copy], check=True)  # a build leaves files where it is made
+    subprocess.run(["cp", "-rL", package, copy], check=True)  # because a build leaves files in its folder
     done = subprocess.run(command, cwd=copy, capture_output=True, text=True, timeout=300)
     assert done.returncode == 0, done.stderr
     assert {"c.h", "py.typed", "__init__.py"} <= set(os.listdir(tmp_path / "site" / "dxr"))
