@@ -1,5 +1,6 @@
 #pragma once
 
-/// Takes every privilege from the calling thread, and from those that it starts, and the process's right to a real-time
-/// priority. For a process of its own.
+/// Drops all capabilities of the calling thread and of the threads it starts later, and the process's
+/// permission to use real-time priorities. Aborts on failure. Call it in a child process: it cannot be
+/// undone.
 void giveUpPrivileges();

@@ -13,7 +13,8 @@ FakedKernel& kernel()
     return FakedKernel::shared();
 }
 
-/// Programs that watch the folder see a file change, or be closed after writing.
+/// These make programs that watch the folder see a file change (touchControl) or a file closed after writing
+/// (usePcm).
 void touchControl(int number)
 {
     utimensat(AT_FDCWD, (kernel().folder + "/controlC" + std::to_string(number)).c_str(), nullptr, 0);
