@@ -8,7 +8,7 @@
 
    -DFAULT_... removes one protection, which makes the model fail:
      FAULT_FINISHED_ELSEWHERE   a borrower runs the step that ends the thread
-     FAULT_UNHEARD_WAIT         a thread that releases the right does not check whether the queue's thread waits
+     FAULT_UNHEARD_WAIT         a thread gives the right up without checking if the queue's thread waits
      FAULT_CLOSED_UNDRAINED     the thread ends without checking for a last signal
 
    Checked faults: two threads own the right at once, two signals are pending, an item is lost, run twice

@@ -108,7 +108,7 @@ proctype worker()
     od
 }
 
-/* The end of start, and then a stop, both as work of the queue. Work after the stop may wait for the device. */
+/* The end of start, then a stop, both as work of the queue. Work after the stop may wait for the device. */
 proctype control()
 {
     byte before;
