@@ -112,7 +112,7 @@ proctype worker()
 proctype control()
 {
     byte before;
-    queue = true;   /* start, before cycles can use the queue */
+    queue = true;   /* start holds the queue before the first cycle */
     unsafe--;
     queue = false;
 
