@@ -39,7 +39,7 @@ public:
         return frames;
     }
 
-    /// Moves `in` input frames to `out` output frames, both interleaved.
+    /// Converts `in` input frames to `out` output frames, both interleaved.
     void move(const float* input, uint32_t in, float* output, uint32_t out, double rateIn, double rateOut)
     {
         const DenormalFlush flush;

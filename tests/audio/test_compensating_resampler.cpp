@@ -93,8 +93,7 @@ TEST(CompensatingResampler, walksOnWhereABlockEnded)
         ASSERT_NEAR(pieces[i], whole[i], 1e-6F) << i;
 }
 
-/// At every ratio, a tone below the output's band limit is kept, at the walk's position; one above it is
-/// removed.
+/// At every ratio, a tone below the output's limit is kept, at the walk's position; one above it is removed.
 TEST(CompensatingResampler, keepsTonesAndRemovesAliases)
 {
     struct {

@@ -76,8 +76,7 @@ public:
         }
     }
 
-    /// Runs one device cycle: `source` returns the input sample of a frame, `drain` receives the output
-    /// sample.
+    /// Runs one device cycle: `source` returns a frame's input sample, `drain` receives its output sample.
     template <class Source, class Drain> void cycle(const Source& source, const Drain& drain)
     {
         for (uint32_t k = 0; k < _device.frames; ++k)

@@ -103,7 +103,7 @@ public:
             _samplers.push_back(aSampler(channels));
     }
 
-    /// Makes one call that reads or writes `frames` frames. Returns the frames moved, or 0 if any result
+    /// Makes one call that reads or writes `frames` frames. Returns the frames moved; 0 if any result
     /// differs.
     uint32_t step(uint32_t frames, double rateIn, double rateOut, float special)
     {
@@ -201,7 +201,6 @@ TEST(Sampler, keepsItsRulesAtExtremeRatios)
             }
 }
 
-// Figures from the published documentation.
 TEST(Sampler, countsFramesAsPublished)
 {
     const Sampler sampler = aSampler(1);

@@ -184,8 +184,7 @@ TEST_F(DXRDeviceTest, doesNotJumpBackWhileASliderMoves)
     EXPECT_TRUE(becomesTrue([&] { return device->volume() == 0.25; })) << "the hardware's last volume counts";
 }
 
-// A slider moves in many steps, none representable as a float: the written volume is kept, without reads or
-// updates.
+// Writes many volumes that are no exact floats: the written volume is kept, without reads or updates.
 TEST_F(DXRDeviceTest, doesNotReadItsOwnVolume)
 {
     const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.0F));

@@ -221,8 +221,7 @@ TEST_F(DXRAudioContextTest, losesACycleRatherThanWaitInACircle)
     EXPECT_EQ(calls, 2U);
 }
 
-// A cycle that waits for the queue does not delay a stop on that queue, and the stop must not wait for the
-// cycle.
+// A cycle that waits for the queue does not delay a stop on that queue, and the stop does not wait for it.
 TEST_F(DXRAudioContextTest, callsAWaitingCycleAwayWhenItStops)
 {
     RunnerIO io(runner->queue());

@@ -9,8 +9,8 @@ namespace {
 using Event = DXRCycleRecord::Event;
 using Context = DXRCycleRecord::Context;
 
-// Records are read in the order in which they were written; missing ones are counted at the place where they
-// are missing.
+// Records are read in the order they were written; missing records are counted at the place where they are
+// missing.
 TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
 {
     constexpr uint64_t total = 100'000;

@@ -38,8 +38,7 @@ std::vector<uint32_t> upTo(uint32_t count)
     return numbers;
 }
 
-// The optimised copies must match the plain rule, for all kinds of layouts and lengths around the unrolled
-// loops.
+// The optimised copies must match the plain rule, for all layouts and for lengths around the unrolled loops.
 TEST(FrameCopy, movesChannelsAsTheRuleSays)
 {
     const struct {

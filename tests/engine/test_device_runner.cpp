@@ -195,8 +195,8 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
     EXPECT_FALSE(runner->isRunning());
 }
 
-// Cycles are late twice, in the first second and after it: the log reports only these, and blocks catch up in
-// whole cycles.
+// Cycles are late in the first second and after it: only these are logged, and blocks catch up in whole
+// cycles.
 TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
 {
     constexpr uint32_t frames = 480;

@@ -60,7 +60,7 @@ CXRef<DXRDevice> device(uint32_t i, bool isInput)
     return DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uidOf(i), isInput);
 }
 
-/// Checks the calls of IO blocks: that they neither overlap nor run while closed, and that the time advances
+/// Checks that calls of IO blocks neither overlap nor come while closed, and that their time advances
 /// correctly.
 struct Watch {
     DXRIOBlock block(std::chrono::microseconds length = 0us)

@@ -18,8 +18,7 @@ protected:
     };
 
     double seconds() const { return static_cast<double>(hal.nowTicks()) / ticksPerSecond - _begin; }
-    /// A cycle's first frame was recorded one cycle and the safety offset earlier, and plays the same time
-    /// later.
+    /// A cycle's first frame was recorded one cycle and the safety offset earlier, and plays as much later.
     SimulatedDeviceBuilder duplex(const char* uid, const Shape& shape)
     {
         const auto away = [this, shape](double frame, double sign) {

@@ -213,8 +213,7 @@ TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
         {"nan inf", 1, 0, {}},
         {"1\n2", 2, 1, {1}},
         {"- 1", 1, 0, {}},
-        // Beyond the range of a float while parsing; the sign of the exponent alone does not determine the
-        // direction.
+        // Beyond a float's range while parsing; the exponent's sign alone does not decide on which side.
         {tinyTimes100, 1, 1, {0}},
         {hugeBy100, 1, 1, {infinity}},
         {"-0.1e40 1e-99999999999999999999 0.001e99999999999999999999", 3, 3, {-infinity, 0, infinity}},

@@ -37,7 +37,7 @@ TEST(CXDispatchTimer, letsWorkMessagesAndOtherTimersThroughWhenItIsAlwaysDue)
     const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
     receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte>) {
         ++messages;
-        port->send({}); // sends a message from every message
+        port->send({}); // every message sends another
     });
     receiver->setDispatchQueue(queue.ref());
     port->send({});

@@ -21,8 +21,8 @@ protected:
     TestClient client{nameInEnvironment(server)};
 
 private:
-    /// Called before a client connects, because the environment takes precedence over a client's remote; also
-    /// used by the tool.
+    /// Sets the server for the tool. Called before a client connects, because the environment overrides a
+    /// client's remote.
     static std::string nameInEnvironment(const PrivateServer& server)
     {
         setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
@@ -30,8 +30,8 @@ private:
     }
 };
 
-/// Returns the sum of the numbers before `words` in the tool's report; -1 if there is none. Ignores thousands
-/// separators.
+/// Returns the sum of the numbers before `words` in the tool's report, without thousands separators; -1 if
+/// none.
 inline long sumBefore(std::string report, const std::string& words)
 {
     std::erase(report, ',');

@@ -11,8 +11,7 @@
 
 namespace {
 
-/// Tests the manager with USB sound cards that are on a simulated bus and, as by a session manager, on a
-/// server.
+/// Tests the manager with USB sound cards on a simulated bus, added to a server as by a session manager.
 class DeviceIdentity : public testing::Test {
 protected:
     /// A card on the bus and on the server.
@@ -23,8 +22,8 @@ protected:
 
     DeviceIdentity() { HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote())); }
 
-    /// `arrival` is the suffix that the session manager adds to the name: ".2" for the second card of the
-    /// same name.
+    /// `arrival` is the suffix that the session manager adds to the name: ".2" for a second card of that
+    /// name.
     Plugged plug(const std::string& place, const std::string& arrival = "")
     {
         const uint32_t number = nextCard++;

@@ -111,8 +111,7 @@ std::map<std::string, int> serverContents(const TestClient& client)
     return contents;
 }
 
-// The command is killed at any point of its start: before its first request, between request and reply, and
-// during IO.
+// The command is killed at any point: before its first request, between request and reply, and during IO.
 TEST_F(DxrOnPipeWire, leavesNothingOnTheServerWhenItIsKilled)
 {
     client.plug({.name = "sink", .channelCount = 8});

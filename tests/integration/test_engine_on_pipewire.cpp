@@ -1,4 +1,4 @@
-// A runner between devices of a real server: compares the latency and times that it reports with a probe's
+// Compares the latency and times that a runner between devices of a real server reports with a probe's
 // measurements.
 
 #include "DXRDeviceManager.h"

@@ -57,8 +57,7 @@ TEST_P(LoopSoak, losesNothingThatItDoesNotReport)
     EXPECT_GT(studio.frames(), 48000U * static_cast<uint64_t>(seconds) * 9 / 10);
     const long reported = sumBefore(loop.output, "(gap|overload|resynchronisation|frames? lost)");
     ASSERT_GE(reported, 0) << loop.output;
-    // Each gap is faded out and in for 64 frames each, and the end is faded out; all other frames are
-    // unchanged.
+    // Each gap is faded out and in, for 64 frames each, and the end is faded out; other frames are unchanged.
     EXPECT_LE(studio.breaks(), static_cast<uint64_t>((2 + 2 * 64) * reported + 64)) << loop.output;
     if (seconds >= 60) { // in a soak, on an otherwise idle machine
         EXPECT_EQ(late, 0) << loop.output;

@@ -152,8 +152,7 @@ double spreadOfClocks(const std::string& report)
     return fastest - slowest;
 }
 
-// Two sinks of this machine, with different clocks, play what another machine sends. The network node follows
-// one of them.
+// Two sinks with different clocks play what another machine sends. The network node follows one of them.
 TEST_F(SeveralMachines, driftIsFoundWhileOnePlaysWhatTheOtherSends)
 {
     const int seconds = soakSecondsOr(8);

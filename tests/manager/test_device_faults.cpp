@@ -53,8 +53,7 @@ protected:
         hal.setDefault(HALDirection::Output, "a");
         settle();
     }
-    /// Whether the manager's state, and the devices reported to its notifiers, become equal to a new
-    /// manager's.
+    /// Whether the manager's state, and the devices reported to notifiers, become equal to a new manager's.
     testing::AssertionResult isSound()
     {
         std::vector<std::string> here;
@@ -89,8 +88,7 @@ TEST_F(DXRDeviceFaults, recoversFromAnyFailedRead)
     plug(card("a"));
     const CXRef<DXRDevice> a = device("a", output);
     ASSERT_TRUE(isSound());
-    // A storm makes some hundreds of reads. Each of them fails once, alone or together with the following
-    // ones.
+    // A storm makes some hundreds of reads. Each of them fails once, alone or with the following ones.
     for (uint64_t nth = 1; nth <= 700; nth += nth < 400 ? 1 : 7) {
         hal.failReads(kAudioObjectPropertySelectorWildcard, nth, nth % 3 == 0 ? 20 : 1,
                       kAudioHardwareUnspecifiedError);

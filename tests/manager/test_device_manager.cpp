@@ -135,7 +135,7 @@ TEST_F(DXRDeviceManagerTest, numbersDevicesOfOneNameAsLongAsThereAreSeveral)
     plug(card("a")); // now with a higher ID
     EXPECT_EQ(b->displayName(), "USB Audio 1");
     EXPECT_EQ(a->displayName(), "USB Audio 2");
-    plug(aDevice().uid("d").name("USB Audio 2").outputs(2)); // uses the name with number 2
+    plug(aDevice().uid("d").name("USB Audio 2").outputs(2)); // already ends in a number
     EXPECT_EQ(device("d", output)->displayName(), "USB Audio 2");
     EXPECT_EQ(b->displayName(), "USB Audio 1");
     EXPECT_EQ(a->displayName(), "USB Audio 3");

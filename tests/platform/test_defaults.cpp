@@ -286,8 +286,7 @@ TEST_F(Defaults, setDamagedFilesAside)
     }
 
     // The file is damaged while in use, which is detected after writing has begun: the known values are
-    // stored at once. If no other program has written, SQLite has the pages in memory and does not detect the
-    // damage itself.
+    // stored at once. If no other program has written, SQLite has the pages in memory and misses the damage.
     for (const bool isReadAgain : {true, false}) {
         SCOPED_TRACE(isReadAgain);
         const std::string all = "a=1 b=" + std::string(9000, isReadAgain ? 'b' : 'B') + " c=3 ";

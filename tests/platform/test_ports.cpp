@@ -49,7 +49,7 @@ TEST(PortSet, servesItsPortsAndItsSignalInTurns)
     EXPECT_EQ(send(*ports[2], "a port holds one at least"), Full);
     EXPECT_TRUE(set->signal());
     EXPECT_TRUE(set->signal());
-    for (const PortSet::Event event : {Signal, Message, Message}) // taken by the first event
+    for (const PortSet::Event event : {Signal, Message, Message}) // the signal is reported once
         EXPECT_EQ(set->waitForEvent(passed), event);
     EXPECT_TRUE(set->signal());
     EXPECT_EQ(set->waitForEvent(), Signal) << "though messages wait";

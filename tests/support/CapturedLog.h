@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-/// Collects log lines while it exists, instead of the system log and standard error.
+/// While it exists, collects log lines, which then go to neither the system log nor standard error.
 class CapturedLog {
 public:
     CapturedLog();

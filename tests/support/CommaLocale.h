@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 /// While it exists, the process formats numbers with a decimal comma, like an application that calls
-/// setlocale() on a German computer. The locale need not be installed: this writes a LC_NUMERIC file in the C
-/// library's format.
+/// setlocale() on a German computer. The locale need not be installed: this writes an LC_NUMERIC file in the
+/// C library's format.
 class CommaLocale {
 public:
     CommaLocale()

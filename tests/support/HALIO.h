@@ -186,8 +186,7 @@ private:
     const HALListener _listener;
 };
 
-/// Creates an aggregate of these devices; the first is the clock device unless `description` has another
-/// "master".
+/// Creates an aggregate of these devices; the first is the clock device unless `description` has a "master".
 inline AudioObjectID makeAggregate(HALModel& hal, const std::vector<std::string>& uids,
                                    CXPlist description = {{"uid", "aggregate"}})
 {

@@ -7,9 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// Runs `body` in a forked process, for code that runs only once per process. Returns true if the child
-/// exited normally without a failed expectation. The caller must have no other threads, because a fork copies
-/// none of them.
+/// Runs `body` in a forked process, for code that runs once per process. Returns true if the child exited
+/// normally without a failed expectation. The caller must have no other threads: a fork does not copy them.
 [[nodiscard]] inline bool runInChild(const std::function<void()>& body)
 {
     std::fflush(nullptr);

@@ -1,6 +1,5 @@
 // Gives every test program a separate data folder, so that no test reads or changes the developer's settings,
-// and tests that run side by side do not interfere. The library creates the folder when it first stores
-// something.
+// and tests that run side by side do not interfere. The library creates the folder at the first write.
 
 #include <cstdlib>
 #include <filesystem>

@@ -187,7 +187,7 @@ void* mmap(void* address, size_t size, int protection, int flags, int descriptor
     return original(address, size, protection, flags, descriptor, offset);
 }
 
-// A futex wait has no function of its own, only syscall(). Waking a waiter is allowed: it never waits.
+// Code waits on a futex through syscall(). Waking a waiter is allowed: it never waits.
 long syscall(long number, ...) noexcept
 {
     va_list list;

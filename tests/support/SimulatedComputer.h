@@ -6,8 +6,7 @@
 
 #include <gtest/gtest.h>
 
-/// The process's only simulated computer. Each test starts with no devices; the destructor unplugs all and
-/// clears faults.
+/// The process's only simulated computer. Each test starts and ends with no devices and no injected faults.
 class SimulatedComputer : public testing::Test {
 protected:
     static constexpr bool input = true;

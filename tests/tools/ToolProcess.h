@@ -19,8 +19,7 @@ public:
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
 
-    /// Reads the output until it contains `text`. Returns false if the process ends or half a minute passes
-    /// first.
+    /// Reads the output until it contains `text`. Returns false after the end or after half a minute.
     bool waitFor(const std::string& text);
     void signal(int number) const;
     /// Returns whether the process stops, as by Ctrl-Z, within half a minute.
@@ -28,8 +27,7 @@ public:
     /// For a run on a terminal: types keys, and changes the terminal's size.
     void press(const std::string& keys) const;
     void resize(unsigned short columns, unsigned short rows) const;
-    /// Whether the terminal echoes input and delivers it by lines, as a shell leaves it; after the end,
-    /// whether it did then.
+    /// Whether the terminal echoes input and delivers it by lines, as a shell leaves it, now or at the end.
     bool isCooked();
     /// Waits until the process ends and returns its exit status, or 128 plus the signal that ended it.
     int finish(std::chrono::seconds limit = patience);

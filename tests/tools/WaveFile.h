@@ -17,7 +17,7 @@ void writeWave(const std::string& path, int rate, int channels, int frames, Samp
     sf_writef_float(file.get(), samples.data(), frames);
 }
 
-/// Returns the samples of a file in the command's WAV format, extensible with 32-bit floats; empty for other
+/// Returns the samples of a file in the command's WAV format: extensible, 32-bit floats; empty for other
 /// formats.
 inline std::vector<float> samplesOf(const std::string& path, uint32_t channels)
 {

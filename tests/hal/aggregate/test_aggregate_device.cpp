@@ -164,8 +164,8 @@ TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
 
 TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
 {
-    // A tone on each of two inputs, played on the other device's outputs, through clocks 300 ppm apart; and
-    // another rate.
+    // A tone on each of two inputs, played on the other device's outputs, with clocks 300 ppm apart; another
+    // rate.
     Recording plain, bridged, converted;
     hal->plug(
         aDevice().uid("clock").inputs(2).outputs(2).hears(simulatedTone(1000.0)).playsInto(bridged.sink()));

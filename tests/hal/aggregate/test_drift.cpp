@@ -1,5 +1,5 @@
 // Tests how an aggregate handles drifting clocks: the controller, ring and resampler of real aggregates,
-// driven by the cycles of two clocks that are known exactly. A simulated day takes seconds, and every run has
+// driven by the cycles of two clocks that are known exactly. A simulated day takes seconds, and all runs give
 // the same result.
 #include "ClockBridge.h"
 #include "SineFit.h"
@@ -253,8 +253,8 @@ Outcome simulateDrift(const Scenario& scenario)
     return outcome;
 }
 
-/// Ratio in dB of a tone, of any level, phase and frequency, to the residual: noise, and sidebands of a ratio
-/// that wobbles.
+/// Ratio in dB of a tone, of any level, phase and frequency, to the rest: noise, and sidebands of a wobbling
+/// ratio.
 struct ToneQuality {
     double mean = 0.0;
     double worstBlock = HUGE_VAL; // lowest ratio in any tenth of a second

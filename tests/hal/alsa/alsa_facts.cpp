@@ -22,8 +22,7 @@ std::string name(long result)
     return text ? text : "?";
 }
 
-/// Facts are evaluated in order, because braces are evaluated from left to right: a state follows the call
-/// before it.
+/// A braced list is evaluated from left to right, so a state is read after the call before it.
 struct Fact {
     const char* what;
     std::string value;

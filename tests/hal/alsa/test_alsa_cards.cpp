@@ -42,8 +42,7 @@ TEST_F(AlsaTest, setsVolumesByDecibelsAndHearsOfOthersChanges)
     const AudioObjectID id = device(uidOf("unit"));
     const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
     const auto left = at(kAudioDevicePropertyVolumeScalar, output, 1);
-    // The steps are 1 dB, and half of the slider is -18.06 dB. The property returns the value that was
-    // written.
+    // The steps are 1 dB, and half of the slider is -18.06 dB. A read returns the value that was written.
     EXPECT_EQ(writeValue(*hal, id, volume, 0.5F), kAudioHardwareNoError);
     EXPECT_EQ(FakedCards::control(card, playbackVolume), 64 - 18);
     EXPECT_EQ(readValue<float>(*hal, id, volume), 0.5F);

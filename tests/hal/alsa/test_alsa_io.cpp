@@ -4,8 +4,8 @@
 
 namespace {
 
-// The input returns what is played at the same sample time: times, latency and samples are exact on every
-// card.
+// The input returns what is played at the same sample time: times, latency and samples are exact on all
+// cards.
 TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
 {
     using Card = FakedCardOptions;
@@ -101,8 +101,7 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
     }
 }
 
-// A card that has disappeared causes no repeated calls and no repeated log lines, and its device disappears
-// at once.
+// A card that has disappeared causes no repeated calls or log lines, and its device disappears at once.
 TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
 {
     for (const bool mapsStatus : {true, false}) {

@@ -220,8 +220,7 @@ TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
     EXPECT_EQ(listener.count(), 2U) << "later changes are announced again";
 }
 
-// One listener runs on the notification thread and the other on a queue; each removes the other while both
-// run.
+// One listener runs on the notification thread, one on a queue; each removes the other while both run.
 TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
 {
     const AudioObjectID device =

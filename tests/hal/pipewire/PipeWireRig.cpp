@@ -44,9 +44,8 @@ public:
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
     }
 
-    // Exports the devices from this process, because no client can rename a device of the server. Only done
-    // for tests of names: PipeWire's converter then runs in this process, and may crash in IO while it is set
-    // up.
+    // Exports the devices from this process, because no client can rename the server's devices. Only for
+    // tests of names: PipeWire's converter then runs in this process, and may crash in IO during its set-up.
     bool prepareNames() override
     {
         return _areNamed = true;

@@ -273,8 +273,7 @@ TEST_F(PipeWireDefaults, areTheSessionManagersToSettle)
     EXPECT_TRUE(defaultBecomes(defaultOutput, "first"));
 }
 
-// During the removal of devices, reads and listeners find each device either unchanged or absent, never in
-// between.
+// During the removal of devices, reads and listeners find each device either unchanged or absent.
 TEST_F(PipeWireDevices, goAllAtOnceWithoutAFalseValue)
 {
     constexpr int count = 400;

@@ -23,8 +23,7 @@ public:
         const auto all = subDeviceStatus(_hal, device);
         return place < all.size() && all[place].isRunning;
     }
-    /// Returns true if the recording has no gap, or if a lost cycle was reported, which happens on a busy
-    /// machine.
+    /// Whether the recording has no gap, or a lost cycle was reported, which happens on a busy machine.
     bool isWhole(MonitorTap& tap) const
     {
         const bool isUnbroken = breaksOf(tap.finish()) == 0;

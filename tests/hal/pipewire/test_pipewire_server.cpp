@@ -121,8 +121,7 @@ TEST_F(PipeWireServerTest, keepsNobodyWaitingWhileItHangs)
     server.resume();
 }
 
-/// A process that is not a sound server: it accepts connections, sends the same bytes on each, and counts
-/// them.
+/// Not a sound server: it accepts connections, sends the same bytes on each, and counts the connections.
 class Impostor {
 public:
     enum class Then { Waits, HangsUp };

@@ -128,8 +128,7 @@ TEST_F(SimulatedHardwareIO, letsEachDeviceRunOnItsOwnClock)
     procs.clear();
 }
 
-/// The median lateness of time stamps is as requested, every run is the same, and sample times are
-/// unaffected.
+/// The median lateness of stamps is as requested, all runs are the same, and sample times are unaffected.
 TEST_F(SimulatedHardwareIO, stampsCyclesAsLateAsAskedFor)
 {
     constexpr double lateness = 100e-6;

@@ -34,8 +34,7 @@ public:
     /// Sets the clock to `frame` at this time.
     void holdAt(double frame, int64_t nanoseconds);
 
-    // -- The wire. A frame has one sample of at most 4 bytes per channel, stored in the upper bytes of 32
-    // bits.
+    // -- The wire. A frame has a sample of at most 4 bytes per channel, in the upper bytes of 32 bits.
     static constexpr size_t wireFrames = 1 << 16;
     void play(unsigned pcm, int64_t frame, const char* samples, unsigned channels, unsigned bytes);
     void record(unsigned pcm, int64_t frame, char* samples, unsigned channels, unsigned bytes) const;

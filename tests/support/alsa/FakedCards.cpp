@@ -13,8 +13,7 @@ FakedKernel& kernel()
     return FakedKernel::shared();
 }
 
-/// These make programs that watch the folder see a file change (touchControl) or a file closed after writing
-/// (usePcm).
+/// Touches the control file, which programs that watch the folder notice; usePcm() closes a PCM file.
 void touchControl(int number)
 {
     utimensat(AT_FDCWD, (kernel().folder + "/controlC" + std::to_string(number)).c_str(), nullptr, 0);

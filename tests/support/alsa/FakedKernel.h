@@ -25,8 +25,7 @@ public:
 
     // -- Program calls. Errors are negative; a descriptor that is not a card's is not owned.
     int open(const char* path, int flags);
-    /// Takes no lock: calls on other descriptors must not wait for it, since a sanitizer's report may come
-    /// from its holder.
+    /// Takes no lock: calls on other descriptors must not wait for a holder that writes a sanitizer's report.
     bool owns(int descriptor) const
     {
         const auto place = static_cast<size_t>(descriptor);

@@ -19,7 +19,7 @@ Interval range(unsigned min, unsigned max)
     return i;
 }
 
-/// Narrows `i` to `other`. Returns 1 if that changed it, 0 if not, a negative error if it is empty then.
+/// Narrows `i` to `other`. Returns 1 if that changed it, 0 if not, a negative error if it becomes empty.
 int narrow(Interval& i, const Interval& other)
 {
     const Interval before = i;
@@ -41,8 +41,8 @@ int narrow(Interval& i, const Interval& other)
     return isEmpty ? -EINVAL : std::memcmp(&before, &i, sizeof i) != 0;
 }
 
-/// The interval from low / lowBy to high / highBy; a bound that is not an integer is rounded outwards to an
-/// open bound.
+/// From low / lowBy to high / highBy; a bound that is not an integer becomes the next integer, as an open
+/// bound.
 Interval between(Wide low, Wide lowBy, Wide high, Wide highBy)
 {
     const auto capped = [](Wide value) { return static_cast<unsigned>(std::min<Wide>(value, UINT_MAX)); };
@@ -114,8 +114,7 @@ int fakedRefine(snd_pcm_hw_params& parameters, const FakedCardOptions& card, boo
     const auto of = [&](unsigned number) -> Interval& { return fakedInterval(parameters, number); };
     Interval &rate = of(SNDRV_PCM_HW_PARAM_RATE), &periods = of(SNDRV_PCM_HW_PARAM_PERIODS);
     Interval &period = of(SNDRV_PCM_HW_PARAM_PERIOD_SIZE), &ring = of(SNDRV_PCM_HW_PARAM_BUFFER_SIZE);
-    // Applies the rules until nothing changes. There are none for rates from times or for bytes: no program
-    // needs them.
+    // Applies the rules until nothing changes. No program needs rules from times to rates, or for bytes.
     for (int changed = 1; changed > 0;) {
         const std::pair<Interval&, Interval> rules[] = {
             {of(SNDRV_PCM_HW_PARAM_CHANNELS), range(channels, channels)},

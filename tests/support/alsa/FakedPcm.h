@@ -8,8 +8,7 @@ class FakedKernel;
 /// Threads: any; the caller holds the kernel's lock.
 class FakedPcm {
 public:
-    /// `descriptor` is the program's end of a pipe and `peer` the other end: the PCM is ready while the pipe
-    /// is.
+    /// `descriptor` is the program's end of a pipe and `peer` the other: the PCM is ready when the pipe is.
     FakedPcm(FakedCard& card, unsigned pcm, bool isCapture, int descriptor, int peer, FakedKernel& kernel);
     ~FakedPcm();
     FakedPcm(const FakedPcm&) = delete;
@@ -34,7 +33,7 @@ public:
     /// Updates readiness after the program may have moved its position in the mapped page.
     void showReadiness();
     void stop(int state);
-    /// The time at which the next period is complete.
+    /// The time at which the next period is complete, and the last frame before the ring is empty or full.
     int64_t nextInterrupt() const;
     double lastFrameBeforeOverload() const;
 

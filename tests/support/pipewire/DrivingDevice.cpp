@@ -176,8 +176,7 @@ void DrivingDevice::_give(float* samples, uint32_t frameCount) noexcept
 void DrivingDevice::_drive()
 {
     using Clock = std::chrono::steady_clock;
-    // Real-time priority, because a hardware clock does not wait for a processor. Without permission it keeps
-    // its priority.
+    // Real-time priority, if permitted, because a hardware clock does not wait for a processor.
     const sched_param precedence{.sched_priority = 60};
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &precedence);
     _time = Clock::now().time_since_epoch();

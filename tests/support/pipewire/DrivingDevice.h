@@ -21,12 +21,10 @@ public:
 
     struct Options {
         double partsPerMillion = 0; ///< clock error; positive: fast
-        /// Devices with the same clock name share a clock and must have the same error. Empty: a separate
-        /// clock.
+        /// Devices with the same clock name share a clock and need the same error. Empty: a separate clock.
         std::string clockName{};
         /// Drives the devices of this node.group and starts a cycle only when all nodes have finished the
-        /// previous one: no node is ever late on a busy machine; the clock slows instead. Empty: no such
-        /// group.
+        /// previous one: no node is ever late on a busy machine; the clock slows instead. Empty: none.
         std::string patientGroup{};
     };
 
@@ -46,8 +44,8 @@ public:
     }
     uint64_t breaks() const noexcept { return std::max<uint64_t>(_received[0].breaks, _received[1].breaks); }
 
-    /// A ramp value, and the time at which it was taken or is played by this device's clock: the first of its
-    /// last cycle.
+    /// A ramp value and its time by this device's clock: when the last cycle's first frame was taken or is
+    /// played.
     struct Passage {
         double number = 0, nanoseconds = 0;
     };

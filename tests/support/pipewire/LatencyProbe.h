@@ -5,8 +5,8 @@
 #include <atomic>
 
 /// Sends frames through the path between two ports and measures their latency. The value of each frame is its
-/// send time in frames, in steps of 2^-24, so that the latency is known even when frames are lost, repeated
-/// or resampled.
+/// send time in frames, in steps of 2^-24, so the latency is known even if frames are lost, repeated or
+/// resampled.
 /// Threads: one; frames are sent and received on PipeWire's audio thread.
 class LatencyProbe {
 public:

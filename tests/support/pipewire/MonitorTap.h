@@ -13,8 +13,7 @@ public:
     MonitorTap(TestClient& client, const std::string& node, const std::string& port,
                size_t maxFrames = 1 << 18);
 
-    /// Waits until `count` frames were recorded, counted from the first that is not silent. Returns false on
-    /// timeout.
+    /// Waits until `count` frames were recorded, from the first that is not silent. Returns false on timeout.
     bool waitForFrames(size_t count) const;
     /// Ends the recording and returns it, from the first frame that is not silent.
     std::vector<float> finish();

@@ -82,8 +82,7 @@ fs::path newFolder()
     return path;
 }
 
-/// The socket exists before the server listens on it: only a successful connection proves that the server is
-/// ready.
+/// The socket exists before the server listens on it: only a successful connection proves that it is ready.
 bool acceptsConnections(const std::string& path)
 {
     sockaddr_un address{};

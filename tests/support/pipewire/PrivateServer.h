@@ -10,8 +10,7 @@
 class PrivateServer {
 public:
     struct Options {
-        /// Starts a WirePlumber that monitors no hardware. Without one, the server itself has the `default`
-        /// metadata.
+        /// Starts a WirePlumber that monitors no hardware. Without it, the server has the `default` metadata.
         bool sessionManager = false;
         std::string runtimeFolder{}; ///< folder of the socket; a new one when empty
         std::string withoutModule{}; ///< name of a module to omit, such as "link-factory"

@@ -40,7 +40,7 @@ public:
     void locked(const std::function<void()>& work) const;
     /// Returns once the server has handled every earlier request.
     void sync();
-    /// Waits until `isTrue` holds; it is evaluated after every event, with the loop locked. Returns false on
+    /// Waits until `isTrue` holds, evaluated after every event with the loop locked. Returns false on
     /// timeout.
     bool waitUntil(const std::function<bool()>& isTrue) const;
     /// Wakes waitUntil(). Must be called on the loop or with the loop locked.
@@ -67,8 +67,7 @@ public:
     /// The same, for a node with ports made by this process: none, or more than a device of the server can
     /// have. It outputs silence.
     void plugBareNode(const VirtualDevice& device);
-    /// Like plug(), for a device that is in this process, as a session manager's are, and whose properties
-    /// can change.
+    /// Like plug(), for a device in this process, as a session manager's are. Its properties can be changed.
     void plugExported(const VirtualDevice& device);
     /// Changes properties of an exported device.
     void change(const std::string& name, const NodeProperties& properties);
@@ -78,8 +77,7 @@ public:
 
     // -- PipeWire's own programs, run on this server
 
-    /// Runs a command such as "pw-cli destroy 42" and returns its output. Throws std::runtime_error on
-    /// failure.
+    /// Runs a command, such as "pw-cli destroy 42". Returns its output. Throws std::runtime_error on failure.
     std::string run(const std::string& command) const;
     /// Linear amplitudes, one per channel of the node.
     void setVolumes(const std::string& nodeName, const std::vector<float>& amplitudes) const;

@@ -20,8 +20,8 @@ public:
         std::string product = "Product";
         std::optional<std::string> serial = {};
     };
-    /// Plugs in a sound card at, for instance, "3-1.4": bus 3, port 4 of the hub on port 1. Adds the hubs on
-    /// the path too.
+    /// Plugs in a sound card, at "3-1.4" for instance: bus 3, port 4 of the hub on port 1. Also adds the
+    /// hubs.
     void plug(const std::string& place, uint32_t card, const Unit& unit);
     void unplug(const std::string& place);
     /// Returns udev's ID_PATH of a card at this place.
