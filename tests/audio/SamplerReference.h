@@ -7,8 +7,8 @@
 #include <numbers>
 #include <vector>
 
-/// The sampler's rules in their plainest form, one channel and one sample at a time, to compare with. It does
-/// not check its reads: give it input enough.
+/// A reference implementation of the sampler, one channel and one sample at a time. It does not check its
+/// reads: the caller must pass enough input.
 class SamplerReference {
 public:
     explicit SamplerReference(uint32_t channelCount) : channels(channelCount) {}
@@ -39,7 +39,7 @@ public:
         return frames;
     }
 
-    /// Moves `in` input frames to `out` output frames, both interleaved.
+    /// Converts `in` input frames to `out` output frames, both interleaved.
     void move(const float* input, uint32_t in, float* output, uint32_t out, double rateIn, double rateOut)
     {
         const DenormalFlush flush;

@@ -15,7 +15,7 @@
 
 namespace {
 
-// The rules, one sample at a time.
+// Reference implementations for one sample.
 float mixed(float a, float b)
 {
     const float sum = a + b;
@@ -60,13 +60,13 @@ float anyFloat(Random& random)
     switch (random.below(4)) {
     case 0:
         return limits[random.below(std::size(limits))];
-    case 1: { // any bits at all
+    case 1: { // arbitrary bits
         const uint32_t bits = random.below(UINT32_MAX);
         float value = 0;
         std::memcpy(&value, &bits, sizeof value);
         return value;
     }
-    case 2: // around the steps between 16-bit numbers
+    case 2: // near the rounding boundaries of 16-bit samples
         return (static_cast<float>(random.below(65536)) - 32768 + random.between(0.499F, 0.501F)) / 32767.5F;
     default:
         return random.between(-1.2F, 1.2F);
@@ -84,8 +84,8 @@ void fill(std::span<int16_t> samples, Random& random)
         sample = static_cast<int16_t>(random.below(65536) - 32768);
 }
 
-/// Foreign memory in both layouts. Each transfer between it and a buffer is compared with its rule for one sample, which
-/// changes its own or the foreign one.
+/// Caller's memory in both layouts. check() compares a transfer between it and a buffer with a rule for one
+/// sample, which changes the buffer's sample or the caller's.
 template <class Sample> class Transfers {
 public:
     Transfers(uint32_t channels, uint32_t frames, GuardedMemory::Guard guard, Random& random)
@@ -234,7 +234,7 @@ TEST(DXRBuffer, silencesACopyBetweenFormatsAndAddsNothing)
     EXPECT_TRUE(copy->isEqualCFS(alike.get()));
     EXPECT_THROW(DXRBuffer::init(), CXException);
     EXPECT_EQ(loudness(*loud(std::numeric_limits<double>::quiet_NaN(), 8, 2)->copy()), 0.25F);
-    for (const uint32_t side : {1U << 31, UINT32_MAX}) // bytes past 64 bits, and bytes that no computer has
+    for (const uint32_t side : {1U << 31, UINT32_MAX}) // a size beyond 64 bits, and one beyond any memory
         EXPECT_FALSE(DXRBuffer::initWithSampleRate(48000, side, side));
     EXPECT_NE(copy->description().find(", 2/8@44100hz>"), std::string::npos);
 }
@@ -242,7 +242,7 @@ TEST(DXRBuffer, silencesACopyBetweenFormatsAndAddsNothing)
 TEST(DXRBuffer, showsItsChannelsAndFrames)
 {
     const CXRef<DXRBuffer> buffer = DXRBuffer::initWithSampleRate(48000, 5, 3);
-    uint32_t seen = 0; // the channels as digits
+    uint32_t seen = 0; // the visited channels, as decimal digits
     const DXRBuffer::ChannelBlock fillChannel = [&](uint32_t channel, uint32_t frames, float* samples,
                                                     uint32_t stride) {
         seen = 10 * seen + channel;

@@ -13,7 +13,7 @@ namespace {
 
 constexpr uint64_t wholeArray = ~uint64_t{0};
 
-/// What read() gives for planar `channels`, interleaved.
+/// Returns the interleaved result of read() for planar `channels`.
 std::vector<float> read(const CompensatingResampler& resampler,
                         const std::vector<std::vector<float>>& channels, uint64_t mask,
                         const CompensatingResampler::Walk& walk, uint32_t frames)
@@ -93,7 +93,7 @@ TEST(CompensatingResampler, walksOnWhereABlockEnded)
         ASSERT_NEAR(pieces[i], whole[i], 1e-6F) << i;
 }
 
-/// At every ratio a tone below the output's limit is kept, at the position of the walk; one above it is removed.
+/// At every ratio, a tone below the output's limit is kept, at the walk's position; one above it is removed.
 TEST(CompensatingResampler, keepsTonesAndRemovesAliases)
 {
     struct {

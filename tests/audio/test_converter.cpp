@@ -40,7 +40,7 @@ struct Format {
     uint32_t frames;
 };
 
-/// A device with one stream of `channels` in each direction, and a client that plays its input.
+/// A device with one stream of `channels` in each direction, and nodes that play what they record.
 class Loop {
 public:
     Loop(Format device, Format client, uint32_t channels, std::vector<uint32_t> usage, bool hasInput = true,
@@ -76,7 +76,7 @@ public:
         }
     }
 
-    /// One device cycle: `source` gives the input sample of a frame, `drain` takes the output sample.
+    /// Runs one device cycle: `source` returns a frame's input sample, `drain` receives its output sample.
     template <class Source, class Drain> void cycle(const Source& source, const Drain& drain)
     {
         for (uint32_t k = 0; k < _device.frames; ++k)
@@ -93,9 +93,9 @@ public:
                 drain(_frame + k, channel, _out[size_t{k} * _channels + channel - 1]);
         _frame += _device.frames;
     }
-    /// What the nodes hear before the first input, and play.
+    /// Sets the samples that the nodes play before their first input.
     void hears(float sample) { std::ranges::fill(_heard, sample); }
-    /// What the device gives or takes in place of its streams.
+    /// Buffers that replace the device's streams.
     std::vector<DXRChannelEntry>& entries(size_t direction) { return _entries[direction]; }
 
     CXRef<DXRAudioConverter> converter;
@@ -121,7 +121,8 @@ private:
     uint64_t _frame = 0;
 };
 
-// Every plausible format: the nodes' time keeps to the ratio of the rates, and the level to that of the input, also where a device's cycle is worth less than one frame of the nodes.
+// In every plausible format, the nodes' time follows the ratio of the rates and the output level equals the
+// input's, even if a device cycle is shorter than one frame of the nodes.
 TEST(DXRAudioConverter, keepsTimeAndLevelInEveryFormat)
 {
     constexpr double rates[] = {8000, 11025, 44100, 48000, 96000, 192000};
@@ -133,11 +134,11 @@ TEST(DXRAudioConverter, keepsTimeAndLevelInEveryFormat)
                 for (const uint32_t clientFrames : frameCounts)
                     for (const auto& [hasInput, hasOutput] :
                          {std::pair(true, true), {true, false}, {false, true}}) {
-                        const bool isHigh = ++round % 17 == 0; // some: making a filter takes long
+                        const bool isHigh = ++round % 17 == 0; // only some: creating a filter is slow
                         Loop loop({deviceRate, deviceFrames}, {clientRate, clientFrames}, 1, {1}, hasInput,
                                   hasOutput,
                                   isHigh ? DXRConversionQuality::High : DXRConversionQuality::Standard);
-                        loop.hears(0.5F); // its output without an input
+                        loop.hears(0.5F); // the output level without an input
                         float peak = 0, last = 0;
                         const uint32_t cycles = std::max(20U, 3000 / deviceFrames);
                         for (uint32_t i = 0; i < cycles; ++i)
@@ -160,9 +161,9 @@ TEST(DXRAudioConverter, keepsTimeAndLevelInEveryFormat)
                     }
 }
 
-// A loop plays its input: the tone of a device at 48 kHz returns unchanged from clients at other rates, without a frame
-// lost or repeated at any seam, and the nodes' time keeps to the ratio. The error is the remainder beside the best
-// fitting tone.
+// The nodes play their input: a tone of a device at 48 kHz passes through clients at other rates without a
+// lost or repeated frame, and the nodes' time follows the ratio. The error is the residual of the
+// best-fitting tone.
 TEST(DXRAudioConverter, keepsATonePure)
 {
     using enum DXRConversionQuality;
@@ -182,7 +183,7 @@ TEST(DXRAudioConverter, keepsATonePure)
         constexpr double rate = 48000;
         const double step = 2 * std::numbers::pi * row.frequency / rate;
         Loop loop({rate, row.deviceFrames}, row.client, 1, {1}, true, true, row.quality);
-        const uint64_t wanted = 48'000, settled = 9'600; // frames; whole turns of the tone
+        const uint64_t wanted = 48'000, settled = 9'600; // frames; whole periods of the tone
         double sine = 0, cosine = 0, power = 0;
         uint64_t cycles = 0;
         for (uint64_t frame = 0; frame < wanted; frame += row.deviceFrames, ++cycles)
@@ -207,7 +208,7 @@ TEST(DXRAudioConverter, keepsATonePure)
     }
 }
 
-// At equal rates the output is the input, late by one and the same number of frames.
+// At equal rates the output is the input, delayed by a constant number of frames.
 TEST(DXRAudioConverter, keepsEveryFrameAtEqualRates)
 {
     Random random(42);
@@ -230,11 +231,11 @@ TEST(DXRAudioConverter, keepsEveryFrameAtEqualRates)
     }
 }
 
-// Without rates to convert, whole node cycles run as soon as their frames are there. Several nodes of a direction share its
-// channels.
+// At equal rates, whole node cycles run as soon as their frames are complete. Several nodes of a direction
+// share its channels.
 TEST(DXRAudioConverter, runsWholeNodeCyclesAndKeepsTheRest)
 {
-    constexpr uint64_t whole[] = {1, 3, 5, 6, 8}, begun[] = {2, 4, 6, 7, 9}; // of 256 frames in n * 441
+    constexpr uint64_t whole[] = {1, 3, 5, 6, 8}, begun[] = {2, 4, 6, 7, 9}; // 256-frame cycles in n * 441
     for (const bool isInput : {true, false}) {
         uint64_t heard = 0;
         float sum = 0; // of the first frame's channel 2
@@ -257,7 +258,7 @@ TEST(DXRAudioConverter, runsWholeNodeCyclesAndKeepsTheRest)
             converter->performIOWithSampleTime(&time, samples, times);
             EXPECT_EQ(time, 256 * (isInput ? whole[n] : begun[n]));
             EXPECT_EQ(heard, time);
-            if (n < 2) { // of the last block heard and of the next one played; the second cycle has no times
+            if (n < 2) { // times of the last input and next output block; the second cycle has no times
                 const uint64_t hostTime = isInput ? 1'000'000'000 : 2'010'666'666;
                 EXPECT_EQ(first->hostTime, n == 0 ? hostTime : 0);
             }
@@ -271,7 +272,7 @@ TEST(DXRAudioConverter, runsWholeNodeCyclesAndKeepsTheRest)
     }
 }
 
-// The first read of the output takes more than the device has given.
+// The first read for the output needs more frames than the device has delivered.
 TEST(DXRAudioConverter, repeatsTheOldestFrameForMissingInput)
 {
     int repeated = 0;
@@ -310,7 +311,7 @@ TEST(DXRAudioConverter, stepsADirectionWhoseNodesUseNoChannel)
             DXRAudioConverter::Nodes nodes[2];
             if (hasInput)
                 nodes[0].push_back(TestNode::init({}, check));
-            if (hasOutput) // none of these is a channel
+            if (hasOutput) // none of these channels exists
                 nodes[1].push_back(TestNode::init({0, 3, UINT32_MAX}, check));
             const uint32_t counts[2] = {2, 2};
             const auto converter =

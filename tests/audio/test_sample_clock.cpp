@@ -26,7 +26,7 @@ TEST(auclock, holdsTheRateAsTheFractionItIs)
     const struct {
         const char* why;
         double rate;
-        int64_t num, den; // 0 where any will do that gives the rate
+        int64_t num, den; // 0: any fraction with this value
     } rows[] = {
         {"whole", 44100, 44100, 1},
         {"half", 44100.5, 88201, 2},
@@ -68,8 +68,8 @@ TEST(auclock, convertsAsPublished)
     auclock_destroy(nullptr);
 }
 
-// Against the plain 128-bit sum, over the whole range and on both sides of the epoch; where the quotient does
-// not fit 64 bits, its low half counts.
+// Compares with plain 128-bit arithmetic, over the whole range and on both sides of the epoch. If the
+// quotient does not fit 64 bits, its low half is the result.
 TEST(auclock, dividesIn128Bits)
 {
     Random random(11);

@@ -30,7 +30,7 @@ bool sameBits(float a, float b)
 enum class Layout { Interleaved, Noninterleaved, Scattered };
 enum class Direction { Read, Write };
 
-/// Frames of several channels in one of the layouts, each array between guards.
+/// Frames of several channels in one of the layouts; each array ends or begins at an inaccessible page.
 class Block {
 public:
     Block(Layout layout, uint32_t channels, uint32_t frames, GuardedMemory::Guard guard, Random& random)
@@ -93,7 +93,7 @@ bool sameState(const ausampler& sampler, const SamplerReference& reference)
     return sampler.phase == reference.phase;
 }
 
-/// A stream through every instruction set at once and through the reference.
+/// Converts one stream with every instruction set and with the reference.
 class Comparison {
 public:
     Comparison(uint32_t channels, Direction direction, Random& random)
@@ -103,7 +103,8 @@ public:
             _samplers.push_back(aSampler(channels));
     }
 
-    /// One call with `frames` frames asked for or given. Returns the frames moved, or 0 at a difference.
+    /// Makes one call that reads or writes `frames` frames. Returns the frames moved; 0 if any result
+    /// differs.
     uint32_t step(uint32_t frames, double rateIn, double rateOut, float special)
     {
         const bool reads = _direction == Direction::Read;
@@ -160,8 +161,8 @@ double aRate(Random& random)
     return random.between(1000.0, 200000.0);
 }
 
-// Every instruction set against the plain rules, for all rates, block lengths, channel counts, layouts
-// and places in memory, the same bits, the same state, and no touch outside the blocks.
+// Compares every instruction set with the reference, for all rates, block lengths, channel counts, layouts
+// and alignments: the same bits, the same state, and no access outside the blocks.
 TEST(Sampler, givesTheReferencesBitsOnEveryInstructionSet)
 {
     Random random(20240607);
@@ -173,7 +174,7 @@ TEST(Sampler, givesTheReferencesBitsOnEveryInstructionSet)
         double rateIn = aRate(random), rateOut = aRate(random);
         const float special = random.below(16) == 0 ? std::numeric_limits<float>::infinity() : -0.0F;
         for (int block = 0; block < 60; ++block) {
-            if (random.below(64) == 0) // without a reset: a stream whose device drifts
+            if (random.below(64) == 0) // without a reset, as for a device that drifts
                 rateOut *= 1.0001;
             const uint32_t longest = random.below(4) == 0 ? 2000 : random.below(4) == 1 ? 6 : 520;
             const uint32_t moved = comparison.step(1 + random.below(longest), rateIn, rateOut, special);
@@ -200,7 +201,6 @@ TEST(Sampler, keepsItsRulesAtExtremeRatios)
             }
 }
 
-// Published numbers.
 TEST(Sampler, countsFramesAsPublished)
 {
     const Sampler sampler = aSampler(1);

@@ -40,7 +40,7 @@ TEST(DXRValueRange, isDescribedAndContainsItsEnds)
         {96000, 48000, "96000 - 48000", "96 - 48kHz", false},
         {0, 0, "0", "0kHz", false},
         {notANumber, notANumber, "?", "?kHz", false},
-        {44100.04, 192000.5, "44100 - 192000", "44.1 - 192kHz", true}, // six digits
+        {44100.04, 192000.5, "44100 - 192000", "44.1 - 192kHz", true}, // six significant digits
     };
     for (const auto& row : rows) {
         const CXRef<DXRValueRange> range = DXRValueRange::initWithMin(row.min, row.max);
@@ -55,7 +55,7 @@ TEST(DXRValueRange, isDescribedAndContainsItsEnds)
     EXPECT_FALSE(DXRValueRange::init()->isEqual(DXRValueRange::initWithValue(-0.0).get())) << "by bits";
 }
 
-// The same rules for all three classes: the record's bytes and no other length.
+// All three classes archive exactly their record's bytes, and restore only from that length.
 template <class Type> void archivesItsRecord(const CXRef<Type>& object, size_t length)
 {
     Bytes archive = object->archive();
@@ -108,7 +108,7 @@ TEST(Streams, describeThemselvesShortly)
     EXPECT_EQ(aRangedStream(0, 8000, 192000)->description(), "(8 - 192kHz, 2ch)");
 }
 
-// A host application may well call setlocale().
+// An application may call setlocale().
 TEST(Streams, writeNumbersAlikeInEveryLocale)
 {
     const CommaLocale locale;

@@ -30,7 +30,7 @@ TEST(DXRMutex, runsDeferredWorkAfterTheOutermostUnlockInOrder)
         mutex->lock();
     mutex->executeOnUnlock([&] {
         EXPECT_TRUE(isFree(*mutex));
-        mutex->executeOnUnlock([&] { order += 'c'; }); // locks again, at once
+        mutex->executeOnUnlock([&] { order += 'c'; }); // locks again, and runs immediately
         order += 'b';
     });
     mutex->executeOnUnlock([&] { order += 'd'; });

@@ -2,7 +2,7 @@
 #include "ausampler.h"
 #include "autimebase.h"
 
-/// Goes through the C functions from C. Null, or the part that failed.
+/// Calls the C functions from C. Returns null, or the name of the part that failed.
 const char* useOfC(void);
 
 const char* useOfC(void)

@@ -22,7 +22,7 @@
 
 namespace {
 
-/// A simulated computer with one cable: its outputs are its inputs.
+/// A simulated computer with one loopback device: its outputs are its inputs.
 class CInterface : public testing::Test {
 protected:
     void simulate(dxr_clock clock = DXR_CLOCK_STEPPED)
@@ -40,7 +40,7 @@ protected:
         ASSERT_EQ(dxr_runner_set_format(runner, 256, 48000.0), DXR_OK);
     }
     static int keepSilent(const dxr_cycle*, void*) { return 0; }
-    /// For the default output where `device` is null.
+    /// Adds a node for `device`, or for the default output if null.
     dxr_status add(dxr_device* device, dxr_io io, void* user = nullptr, dxr_sound* sound = nullptr)
     {
         dxr_node node = DXR_INIT(dxr_node);
@@ -59,7 +59,7 @@ protected:
     dxr_runner* runner = nullptr;
 };
 
-/// The functions named in the lines of a file that begin with `beginning`: what stands before `end`.
+/// Returns the names in the lines of a file that start with `beginning`: the word before `end`.
 std::set<std::string> namesIn(const char* path, const std::string& beginning, char end)
 {
     std::set<std::string> names;
@@ -273,7 +273,7 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
                           it.gone.insert(device);
                       if (change == DXR_CONNECTED)
                           it.back.insert(device);
-                      if (it.back.size() == 2) // in its own callback
+                      if (it.back.size() == 2) // released in its own callback
                           it.released = dxr_release(it.follower);
                   },
                   &seen, &seen.follower),
@@ -344,10 +344,10 @@ TEST_F(CInterface, isRefusedInTheChildOfAFork)
         const bool isRefused = dxr_devices(&devices, &count) == DXR_ERROR_FORKED &&
                                std::strstr(dxr_error_text(), "fork()") &&
                                dxr_release(runner) == DXR_ERROR_FORKED && dxr_version();
-#ifdef DXR_SANITIZED // which takes what the parent's other threads hold for leaks of the child
+#ifdef DXR_SANITIZED // the leak check at exit reports memory of the parent's other threads
         _exit(isRefused ? 0 : 1);
 #else
-        std::exit(isRefused ? 0 : 1); // as a program does, with all that runs at the end
+        std::exit(isRefused ? 0 : 1); // runs the exit handlers, as in a program
 #endif
     }
     int status = -1;
@@ -361,7 +361,7 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
     simulate(DXR_CLOCK_REAL_TIME);
     ASSERT_EQ(add(output, keepSilent), DXR_OK);
     std::atomic<bool> isOver{false};
-    std::atomic<int> stray{0}; // calls of followers that are over
+    std::atomic<int> stray{0}; // calls of released followers
     struct Watch {
         std::atomic<int>* stray;
         std::atomic<bool> isReleased{false};

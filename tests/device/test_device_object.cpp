@@ -172,7 +172,7 @@ TEST_F(DXRDeviceTest, doesNotJumpBackWhileASliderMoves)
     });
     for (int i = 1; i <= 100; ++i) {
         EXPECT_TRUE(device->setVolume(i / 200.0));
-        if (i % 7 == 0) // the hardware reports something in between
+        if (i % 7 == 0) // the hardware reports a change in between
             hal.reconfigure("box",
                             [&](auto& box) { box.volume(outputs, static_cast<float>(i - 5) / 200.0F); });
         settleHardware();
@@ -184,7 +184,7 @@ TEST_F(DXRDeviceTest, doesNotJumpBackWhileASliderMoves)
     EXPECT_TRUE(becomesTrue([&] { return device->volume() == 0.25; })) << "the hardware's last volume counts";
 }
 
-// A slider of many steps, none of them a float: the written volume is kept, and costs neither reads nor updates.
+// Writes many volumes that are no exact floats: the written volume is kept, without reads or updates.
 TEST_F(DXRDeviceTest, doesNotReadItsOwnVolume)
 {
     const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.0F));
@@ -202,7 +202,7 @@ TEST_F(DXRDeviceTest, doesNotReadItsOwnVolume)
     }
     int announced = 0;
     const auto observation = device->kvo()->observe("volume", [&](auto&, auto) { ++announced; });
-    sleepForMilliseconds(300); // in which the volume settles
+    sleepForMilliseconds(300); // until the volume has settled
     dxr::GlobalQueue::highPriority().sync([] {});
     settleHardware();
     EXPECT_EQ(device->volume(), 100 / 123.0);
@@ -279,7 +279,7 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
     hal.reconfigure("mic", [](auto& mic) { mic.name("Heard"); });
     settleHardware();
     EXPECT_EQ(device->name(), "Heard");
-    // Gone in the middle of being read: nothing of it is stored.
+    // If the device disappears while it is read, nothing that was read is stored.
     DXRDeviceControl(*device).disconnect();
     hal.reconfigure("mic", [](auto& mic) { mic.name("Half"); });
     const AudioObjectID id = hal.deviceID("mic");
@@ -291,7 +291,7 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
 TEST_F(DXRDeviceTest, appliesAndAnnouncesOverrides)
 {
     const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, true));
-    settleHardware(); // or a refresh would announce what the override must
+    settleHardware(); // otherwise a refresh would announce the overridden values
     std::vector<std::string> heard;
     const auto observations = device->kvo()->observe(
         DXRKVOHelper::Keys{"volume", "isMuted"}, [&](const std::string& key, DXRKVOChange change) {
@@ -304,7 +304,7 @@ TEST_F(DXRDeviceTest, appliesAndAnnouncesOverrides)
     EXPECT_FALSE(device->hasVolume());
     EXPECT_EQ(std::exchange(heard, {}),
               (std::vector<std::string>{"volume was 0.500000", "volume is 1.000000"}));
-    // Set by another application, or another object of this one.
+    // As if another application, or another object of this one, had set an override.
     DXRDeviceOverrides::initWithDeviceReference(device->reference())->setObject(false, "hm");
     EXPECT_TRUE(becomesTrue([&] { return heard.size() > 1; }));
     EXPECT_EQ(heard, (std::vector<std::string>{"isMuted was on", "isMuted is off"}));
@@ -317,9 +317,9 @@ TEST_F(DXRDeviceTest, appliesAndAnnouncesOverrides)
 TEST_F(DXRDeviceTest, reportsNothingBeforeItIsComplete)
 {
     const AudioObjectID id = hal.plug(aDevice().uid("short").outputs(2));
-    settleHardware(); // else what the plug announces may be the first to read
+    settleHardware(); // otherwise the notifications of the plug may read first
     const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithDeviceID(id, output);
-    hal.beforeRead(kAudioObjectPropertyManufacturer, 1, [&] { // when it listens, and has read nothing yet
+    hal.beforeRead(kAudioObjectPropertyManufacturer, 1, [&] { // listeners exist, nothing was read yet
         hal.reconfigure("short", [](auto& it) { it.name("Changed"); });
         settleHardware();
         hal.unplug("short");
@@ -363,7 +363,7 @@ TEST_F(DXRDeviceTest, ignoresRatesThatAreNotFinite)
     EXPECT_EQ(restored->availableSampleRates(), (std::vector<double>{48000}));
 }
 
-// Debugging is decided once in a process.
+// Debugging is enabled once per process, so this runs in death tests.
 TEST_F(DXRDeviceTest, isLoggedWithItsArchiveWhenDebugging)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -145,7 +145,7 @@ TEST_F(DeviceOverrides, followOutsideChanges)
     EXPECT_TRUE(eventually([&] { return overrides->objectForKey("k").is_null(); }))
         << "no dictionary any more";
     write(key, R"({"k":2,"l":3})");
-    overrides->setObject(4, "m"); // it keeps the changes that it has not been notified of
+    overrides->setObject(4, "m"); // it keeps changes it has not been notified of
     EXPECT_EQ(stored().at(key), (CXPlist{{"k", 2}, {"l", 3}, {"m", 4}}));
     EXPECT_EQ(overrides->objectForKey("l"), CXPlist(3));
 }
@@ -169,7 +169,7 @@ TEST_F(DeviceOverrides, resetRemovesWhatThisApplicationSet)
 
     for (const auto& [key, value] : stored())
         write(key, std::nullopt);
-    CXSetMainBundleIdentifier("caf\xE9"); // is not stored as it is
+    CXSetMainBundleIdentifier("caf\xE9"); // not valid UTF-8: stored differently
     overridesFor(R"({"uid":"a"})")->setObject(1, "k");
     DXRDeviceOverrides::performFactoryReset();
     EXPECT_TRUE(stored().empty());
@@ -181,7 +181,7 @@ TEST_F(DeviceOverrides, areReadWhileTheStoreIsBusy)
     overrides->setObject(1, "k");
     std::promise<void> hasBegun;
     std::promise<void> mayEnd;
-    std::thread busy([&] { // as when another process holds the file
+    std::thread busy([&] { // as if another process held the file lock
         suite()->update([&](const DefaultsSnapshot&) {
             hasBegun.set_value();
             mayEnd.get_future().wait();
@@ -191,7 +191,7 @@ TEST_F(DeviceOverrides, areReadWhileTheStoreIsBusy)
     hasBegun.get_future().wait();
     std::thread writer([&] { overrides->setObject(2, "k"); });
     auto reader = std::async(std::launch::async, [&] {
-        for (int i = 0; i < 100; ++i) { // while the writer comes to wait
+        for (int i = 0; i < 100; ++i) { // while the writer starts to wait
             EXPECT_EQ(overrides->objectForKey("k"), CXPlist(1));
             EXPECT_EQ(overridesFor(R"({"uid":"a"})")->objectForKey("k"), CXPlist(1));
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -211,7 +211,7 @@ TEST_F(DeviceOverrides, areFoundOnceTheStoreCanBeRead)
     ASSERT_TRUE(isWritten);
     const std::string lock =
         std::string(secure_getenv("XDG_DATA_HOME")) + "/dxr/com.veltorrin.device-overrides.db.lock";
-    const int opener = open(lock.c_str(), O_RDONLY); // another process, opening the file
+    const int opener = open(lock.c_str(), O_RDONLY); // simulates another process that opens the file
     ASSERT_EQ(flock(opener, LOCK_EX), 0);
     const CXRef<DXRDeviceOverrides> overrides = overridesFor(R"({"uid":"a"})");
     EXPECT_TRUE(overrides->objectForKey("k").is_null());

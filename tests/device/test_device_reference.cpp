@@ -24,7 +24,7 @@ CXRef<DXRDeviceReference> parsed(std::string_view text)
     return DXRDeviceReference::initWithString(text);
 }
 
-/// Puts devices on the bus for as long as it lives.
+/// While it exists, the USB registry contains these devices.
 struct Bus {
     explicit Bus(std::vector<USBDevice> devices, std::vector<USBAudioEngine> engines = {})
     {
@@ -174,7 +174,7 @@ TEST(GenericUID, findsADeviceThatWasJustPluggedIn)
     USBRegistry::setReader([&] { return USBRegistryContents::initWithDevices(devices, {}); });
     EXPECT_EQ(JRCoreCreateGenericUID(usb, "model:03140000"), std::nullopt);
     devices.push_back({0x03140000});
-    std::this_thread::sleep_for(std::chrono::milliseconds(40)); // a request at once would not read again
+    std::this_thread::sleep_for(std::chrono::milliseconds(40)); // an immediate request would not read again
     EXPECT_EQ(JRCoreCreateGenericUID(usb, "model:03140000"), "model:");
     USBRegistry::setReader({});
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Something with three observable values: one whose copy starts as nil, and two that do not.
+/// An object with three observable values: one whose copy starts as nil, and two others.
 class Lamp final : public CXObject {
 public:
     static CXRef<Lamp> init() { return CXRef<Lamp>::adopt(new Lamp); }
@@ -64,9 +64,9 @@ protected:
 TEST_F(ObservableValues, areAnnouncedAroundTheChange)
 {
     EXPECT_EQ(lamp->kvo->observableKeys(), (DXRKVOHelper::Keys{"color", "level", "bulb"}));
-    lamp->kvo->updateAllValues(); // nil copies are announced, equal ones are not
+    lamp->kvo->updateAllValues(); // nil copies are announced, equal values are not
     EXPECT_EQ(heardSinceLast(), (Texts{"color<nil", "color>white", "bulb<?", "bulb>?"}));
-    lamp->kvo->updateAllValues(); // a value that is nil itself is, again and again
+    lamp->kvo->updateAllValues(); // a value that is nil is announced every time
     EXPECT_EQ(heardSinceLast(), (Texts{"bulb<?", "bulb>?"}));
     lamp->liveBulb = lamp;
     lamp->liveColor = "red";
@@ -75,7 +75,7 @@ TEST_F(ObservableValues, areAnnouncedAroundTheChange)
     heardSinceLast();
     lamp->kvo->updateValuesForKeys({"level", "nothing", "color", "bulb"});
     EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>3", "color<white", "color>red"}));
-    lamp->liveBulb = nullptr; // no cycle
+    lamp->liveBulb = nullptr; // breaks the reference cycle
     lamp->kvo->updateValueForKey("bulb");
     EXPECT_EQ(lamp->kvo->observe("nothing", [](auto&, auto) {}), nullptr);
 }
@@ -103,10 +103,10 @@ TEST_F(ObservableValues, fromOtherThreadsComeLaterAndOnce)
         }
     }).join();
     EXPECT_TRUE(heardSinceLast().empty());
-    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // an unserved main queue does not grow
+    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // at most one item while the main queue is not drained
     EXPECT_EQ(heardSinceLast(), (Texts{"level<0", "level>1000"}));
     std::thread([&] { lamp->kvo->updateValueForKey("level"); }).join();
-    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // requested again after the first has run
+    EXPECT_EQ(dxr::MainQueue::shared().drain(), 1U); // the first request has run, so this is a new one
 }
 
 TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
@@ -116,7 +116,7 @@ TEST_F(ObservableValues, changedInANestedRunOfTheMainQueueAreNotMixedUp)
             return;
         lamp->liveLevel = 2;
         std::thread([&] { lamp->kvo->updateValueForKey("level"); }).join();
-        dxr::MainQueue::shared().drain(); // a dialog with a loop of its own
+        dxr::MainQueue::shared().drain(); // as in a dialog that runs its own loop
     });
     lamp->liveLevel = 1;
     lamp->kvo->updateValueForKey("level");
@@ -135,7 +135,7 @@ TEST_F(ObservableValues, areAnnouncedUntilTheObservationEnds)
     lamp->kvo->updateValueForKey("level");
     EXPECT_EQ(heardCount, 0) << "the first ended it before its turn";
 
-    // Also by an announcement inside its own call, and while others add observers all the time.
+    // An observer may also end its observation within its own call, while other threads add observers.
     std::atomic<bool> isDone{false};
     std::thread adder([&] {
         while (!isDone)

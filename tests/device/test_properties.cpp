@@ -14,7 +14,7 @@ namespace {
 
 using Address = DXRPropertyAddress;
 constexpr AudioObjectID unknownID = 0x00FFFFFF;
-constexpr uint64_t always = UINT64_MAX / 2; // reads that fail
+constexpr uint64_t always = UINT64_MAX / 2; // number of reads that fail
 constexpr HALDirection outputs = HALDirection::Output;
 
 template <class Item> std::vector<Item> taken(Item* list, uint32_t count)
@@ -23,7 +23,7 @@ template <class Item> std::vector<Item> taken(Item* list, uint32_t count)
     return {list, list + count};
 }
 
-/// Properties through the QDL functions, through addresses and through listeners.
+/// Tests properties through the QDL functions, addresses and listeners.
 class Properties : public SimulatedComputer {
 protected:
     std::vector<AudioObjectID> listed()
@@ -70,7 +70,7 @@ TEST_F(Properties, haveFallbacksWithoutADevice)
         EXPECT_FALSE(QDLAudioDeviceSampleRateIsValid(rate)) << rate;
 }
 
-// Beside what devices and their references are made of.
+// The properties that devices and references do not cover.
 TEST_F(Properties, describeADevice)
 {
     hal.plug(aDevice().uid("mic").inputs(1).sampleRate(96000.0));
@@ -84,7 +84,7 @@ TEST_F(Properties, describeADevice)
     EXPECT_EQ(QDLAudioDeviceStreamCount(box, output), 2U);
     EXPECT_FALSE(QDLAudioDeviceHasBuffers(box, input));
     EXPECT_EQ(QDLAudioDeviceSampleRate(box, output), 44100.0);
-    // An output-only device never raises the input's maximum, nor the other way round.
+    // An output-only device does not affect the input's maximum, and vice versa.
     EXPECT_EQ(QDLAudioDeviceMaximumSampleRate(input), 96000.0);
     EXPECT_EQ(QDLAudioDeviceMaximumSampleRate(output), 44100.0);
 
@@ -141,7 +141,7 @@ TEST_F(Properties, areReadAgainWhileAListGrows)
     EXPECT_EQ(devices->uint32ArrayForObjectID(kAudioObjectSystemObject).size(), 3U);
     const struct {
         const char* why;
-        uint64_t first, count; // which reads fail; of each attempt's two, that of the size is the first
+        uint64_t first, count; // which reads fail; each attempt reads the size, then the value
         HALStatus status;
         bool isRead;
     } rows[] = {
@@ -249,7 +249,7 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
         queue->sync([] {});
         return target->changes;
     };
-    listener->stop(); // harmless
+    listener->stop(); // a second stop does nothing
     EXPECT_EQ(changesAfterAToggle(), 0);
     listener->start();
     listener->start();
@@ -261,7 +261,7 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
     EXPECT_FALSE(weak.lock()) << "the listener does not keep it";
     EXPECT_EQ(changesAfterAToggle(), 0);
 
-    // Made by an address, it is called on the notification thread even if a queue is given.
+    // A listener created by an address is called on the notification thread even if a queue is passed.
     const auto name = Address::objectName();
     listener = name->listenerWithObjectID(
         hal.deviceID("box"), queue, target, [&](const CXRef<CXObject>& who, const Address::Ref& what) {

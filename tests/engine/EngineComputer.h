@@ -16,7 +16,7 @@ protected:
 
     void settle() override
     {
-        for (int round = 0; round < 2; ++round) { // a restart changes devices, which may ask for another
+        for (int round = 0; round < 2; ++round) { // a restart changes devices and may cause another
             ManagedComputer::settle();
             runner->queue()->dispatchSync([] {});
             settleHardware();

@@ -1,4 +1,4 @@
-// Cycles that the test makes itself, with lists and times as hardware might give them.
+// Runs cycles from the test, with buffer lists and times as hardware might deliver them.
 
 #include "DXRAudioContext.h"
 #include "DXRDeviceManager.h"
@@ -30,7 +30,7 @@ DrivenHardware& backend()
     return *driven;
 }
 
-/// One cycle of two channels in each direction.
+/// One cycle with two channels in each direction.
 struct Cycle {
     explicit Cycle(double sampleTime, uint32_t byteSize = frames * 8)
         : input{1, {{2, byteSize, samples}}}, output{1, {{2, byteSize, samples + 2 * frames}}}
@@ -85,13 +85,14 @@ protected:
         backend().unplug("duplex");
         settle();
     }
-    /// A restart waits for the end of the old callback, on another thread.
+    /// Waits for a restart, which first waits on another thread for the end of the old callback.
     void awaitRestart()
     {
         EXPECT_TRUE(eventually([this] { return runner->counts().restarts > 0; }));
         settle();
     }
-    /// Whether `act` takes less than half a cycle's patience, once in ten tries: others may be busy.
+    /// Returns whether `act` takes less than half of a cycle's time limit, at least once in ten tries: the
+    /// machine may be busy.
     static bool isPrompt(const std::function<void()>& act)
     {
         for (int tries = 0; tries < 10; ++tries) {
@@ -121,7 +122,7 @@ TEST_F(DXRAudioContextTest, skipsCyclesThatSayNothing)
     runner->start();
     for (const double time : {-1.0, 1e300, std::nan("")})
         Cycle(time).run();
-    Cycle(0, 7).run(); // less than a frame
+    Cycle(0, 7).run(); // less than one frame
     Cycle untimed(0), absent(0);
     untimed.now.flags = absent.inputTime.flags = absent.outputTime.flags = 0;
     untimed.run();
@@ -140,7 +141,7 @@ TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
     backend().sampleRate = 24000;
     Cycle(1064).run();
     EXPECT_EQ(runner->sampleTime(), 2 * frames) << "no look at the rate while time goes on";
-    for (const double rate : {0.0, 1e-3}) { // not to be read, and none
+    for (const double rate : {0.0, 1e-3}) { // unreadable, and too low to be a rate
         backend().sampleRate = rate;
         Cycle(500).run();
         EXPECT_EQ(calls, 2U) << rate;
@@ -152,7 +153,7 @@ TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
     EXPECT_EQ(lastFrames, frames);
 }
 
-// A direction that is missing, and as many channels in other streams.
+// The new layouts: one direction missing, and the same number of channels in other streams.
 TEST_F(DXRAudioContextTest, restartsForANewLayoutAndLeavesTheOldCallbackDeaf)
 {
     Cycle oneSided(64), split(64);
@@ -208,7 +209,7 @@ TEST_F(DXRAudioContextTest, waitsForItsTurnWhileTheQueueIsBusy)
     EXPECT_EQ(calls, callsAtStop + 1) << "and all is well again";
 }
 
-// Work of the queue that waits for a cycle which waits for the queue.
+// Work of the queue waits for a cycle that waits for the queue.
 TEST_F(DXRAudioContextTest, losesACycleRatherThanWaitInACircle)
 {
     runner->start();
@@ -220,7 +221,7 @@ TEST_F(DXRAudioContextTest, losesACycleRatherThanWaitInACircle)
     EXPECT_EQ(calls, 2U);
 }
 
-// A cycle that waits for the queue does not hold up a stop on that queue, which must not wait for the cycle either.
+// A cycle that waits for the queue does not delay a stop on that queue, and the stop does not wait for it.
 TEST_F(DXRAudioContextTest, callsAWaitingCycleAwayWhenItStops)
 {
     RunnerIO io(runner->queue());
@@ -231,7 +232,7 @@ TEST_F(DXRAudioContextTest, callsAWaitingCycleAwayWhenItStops)
             const auto context = DXRAudioContext::initWithIO(io, nullptr, nodes, {nodes[0][0]}, {"duplex"});
             ASSERT_TRUE(context->start());
             std::thread cycle([callback = backend().callback] { Cycle(64).run(callback); });
-            std::this_thread::sleep_for(100ms); // until it waits
+            std::this_thread::sleep_for(100ms); // until the cycle waits for the queue
             context->stop();
             cycle.join();
         });
@@ -264,7 +265,7 @@ TEST_F(DXRAudioContextTest, reportsADeviceThatDoesNotStartAndTriesItAgain)
     EXPECT_GE(*heard, 2);
 }
 
-// A hundred times the channels: more samples in a cycle than buffers hold.
+// The node has more samples per cycle than a buffer can hold.
 TEST_F(DXRAudioContextTest, refusesNodesThatNoBufferHolds)
 {
     const auto channelsFor = [](uint64_t frameCount) {
@@ -281,20 +282,21 @@ TEST_F(DXRAudioContextTest, refusesNodesThatNoBufferHolds)
     EXPECT_EQ(runner->error().deviceUID, "duplex");
     EXPECT_NE(runner->error().text.find("too many channels"), std::string::npos) << runner->error().text;
     EXPECT_TRUE(runner->activeDevices().empty());
-    unplug(); // nor by the timer
+    unplug(); // the timer context cannot run the node either
     EXPECT_TRUE(runner->error());
 }
 
-// A device 300 ppm off, whose stamps are off by some 50 us, or late, as threads wake: the time of a block's first frame against
-// when that frame really was, or was played, at the device; an hour of it in a soak. Samples carry their own frame's number, so that converters and
-// their delays are in it.
+// Checks the host time of a block's first frame against the time at which the device recorded or plays it.
+// The device is 300 ppm off, and its time stamps are off by some 50 us, or late, as when threads wake late.
+// Each sample carries its frame's number, so the measurement includes converters and their delays. In a soak
+// the test covers an hour.
 TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
 {
     const struct {
         uint32_t runnerFrames;
         double runnerRate, partsPerMillion;
         DXRConversionQuality quality;
-        bool isEarlyToo; ///< else stamps are only late
+        bool isEarlyToo; ///< false: stamps are only late
     } rows[] = {
         {64, 48000, 300, DXRConversionQuality::Standard, false},
         {64, 48000, -300, DXRConversionQuality::Standard, true},
@@ -303,7 +305,7 @@ TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
         {441, 44100, 300, DXRConversionQuality::High, true},
     };
     constexpr double deviceRate = 48000, begin = 1e12; // ns
-    constexpr uint64_t turn = 1 << 14;                 // frames after which numbers begin again
+    constexpr uint64_t turn = 1 << 14;                 // frames after which the numbers wrap
     const double seconds = std::getenv("DXR_SOAK_SECONDS") ? 3600 : 60;
     for (const auto& row : rows) {
         const double period = 1e9 / (deviceRate * (1 + row.partsPerMillion * 1e-6));
@@ -311,14 +313,14 @@ TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
         const auto frameAt = [&](uint64_t nanoseconds) {
             return (static_cast<double>(nanoseconds) - begin) / period;
         };
-        std::vector<double> errors[2]; // ns; input, output
+        std::vector<double> errors[2]; // ns; of the input and of the output
         for (auto& each : errors)
             each.reserve(static_cast<size_t>(seconds * 1000));
         const auto note = [&](size_t direction, double off) {
             if (std::abs(off) < turn / 2 && errors[direction].size() < errors[direction].capacity())
                 errors[direction].push_back(std::abs(off * period));
         };
-        // Frames around the turn are no line: left out.
+        // Frames near the wrap are left out: their numbers are not monotonic.
         const auto isFarFromTurn = [](double number) { return number > 2000 && number < turn - 2000; };
         for (const bool isInput : {true, false})
             runner->removeDevice(device(isInput));
@@ -347,7 +349,7 @@ TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
             one.now.hostTime =
                 static_cast<uint64_t>(begin + now * period + (row.isEarlyToo ? off : std::abs(off)));
             one.now.flags |= kAudioTimeStampHostTimeValid;
-            one.inputTime.sampleTime = now - frames - 17; // with a safety offset
+            one.inputTime.sampleTime = now - frames - 17; // includes a safety offset
             one.outputTime.sampleTime = now + frames + 5;
             for (uint32_t k = 0; k < frames; ++k)
                 one.samples[2 * k] = static_cast<float>(numberOf(one.inputTime.sampleTime + k));
@@ -376,10 +378,10 @@ TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)
 {
     runner->start();
     Cycle untimed(0);
-    untimed.now.hostTime = 1; // not said to be valid: it has no time to be late for
+    untimed.now.hostTime = 1; // not flagged as valid, so the cycle cannot be late
     untimed.run();
     uint64_t late = 0;
-    for (const int64_t seconds : {-10, 10, -10}) { // from now, when the cycle is to begin
+    for (const int64_t seconds : {-10, 10, -10}) { // offset of the cycle's time stamp from now
         Cycle one(static_cast<double>(64 * runner->counts().cycles));
         one.now.flags |= kAudioTimeStampHostTimeValid;
         one.now.hostTime = dxr::HostClock::nowTicks() + static_cast<uint64_t>(seconds * 1'000'000'000);
@@ -390,7 +392,8 @@ TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)
     EXPECT_EQ(runner->counts().cycles, 4U);
 }
 
-// What hardware's lists may be like: the first buffer with data gives the frames, and shorter ones are not used.
+// Buffer lists as hardware may deliver them: the first buffer with data determines the frame count, and
+// shorter buffers are not used.
 TEST(StreamBuffers, giveFramesAndChannels)
 {
     struct Steps : DXRAudioContext {
@@ -421,7 +424,7 @@ TEST(StreamBuffers, giveFramesAndChannels)
     EXPECT_EQ(entries[6].samples, nullptr) << "three frames of four";
 }
 
-// The last to have the runner lets it go while a cycle is under way.
+// A runner is stopped in its block and released; the hardware then calls the old callback again.
 TEST_F(DXRAudioContextTest, outlivesItsCycle)
 {
     auto mine = DXRDeviceRunner::init();

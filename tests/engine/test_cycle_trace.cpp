@@ -9,11 +9,12 @@ namespace {
 using Event = DXRCycleRecord::Event;
 using Context = DXRCycleRecord::Context;
 
-// What is read is what was written, in order; what is missing was counted, at the place where it is missing.
+// Records are read in the order they were written; missing records are counted at the place where they are
+// missing.
 TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
 {
     constexpr uint64_t total = 100'000;
-    const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init(61); // room for 64
+    const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init(61); // capacity 64
     std::atomic<bool> isWritten{false};
     std::thread writer([&] {
         for (uint64_t i = 0; i < total; ++i) {
@@ -27,7 +28,7 @@ TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
     std::vector<DXRCycleRecord> batch(17);
     uint64_t wrong = 0, read = 0;
     for (bool isOver = false; !isOver;) {
-        isOver = isWritten; // what was written before this is seen below
+        isOver = isWritten; // records written before this are read below
         while (const size_t count = trace->read(batch)) {
             for (size_t i = 0; i < count; ++i, ++read)
                 wrong += batch[i].sampleTime != read + batch[i].droppedRecords ||
@@ -113,7 +114,7 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
     ASSERT_TRUE(runner->setCycleTrace(trace));
     EXPECT_EQ(runner->counts().restarts, 0U) << "it does not run";
     runner->start();
-    plug(aDevice().uid("other").outputs(2)); // is not the runner's
+    plug(aDevice().uid("other").outputs(2)); // not used by the runner
     unplug("other");
     const struct {
         std::function<void()> change;

@@ -14,7 +14,7 @@ using DXRDeviceNodeTest = ManagedComputer;
 
 const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 
-/// A hardware's streams of so many channels each, side by side in memory, and every frame of every channel different.
+/// Streams of these widths, contiguous in memory, with a different value in every sample.
 struct Hardware {
     Hardware(const std::vector<uint32_t>& widths, uint32_t frameCount)
         : samples(std::accumulate(widths.begin(), widths.end(), size_t{0}) * frameCount)
@@ -38,7 +38,7 @@ std::vector<uint32_t> upTo(uint32_t count)
     return numbers;
 }
 
-// The fast ways through must do as the plain rule, for layouts of every kind and lengths around the unrolled loops.
+// The optimised copies must match the plain rule, for all layouts and for lengths around the unrolled loops.
 TEST(FrameCopy, movesChannelsAsTheRuleSays)
 {
     const struct {
@@ -86,7 +86,7 @@ TEST(FrameCopy, movesChannelsAsTheRuleSays)
     }
 }
 
-// What a node's channels are among a context's: parts in any order, absent, unknown, or of another width.
+// Maps a node's channels to those of its context: parts in any order, absent, unknown, or of another width.
 TEST(ChannelLayout, findsEveryChannelOfANodeAmongThoseOfItsContext)
 {
     const ChannelPart a{"a", {2, 1}, true}, b{"b", {3, 2}, true}, c{"c", {0, 4}, true};
@@ -129,7 +129,7 @@ TEST_F(DXRDeviceNodeTest, takesTheChannelsAskedForOrThePreferredPair)
     EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(nullptr, std::nullopt, idle));
     EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(in, std::nullopt, nullptr)->isViable());
 
-    node->performIOWithSampleTime(0, nullptr, 0); // without effect before it starts
+    node->performIOWithSampleTime(0, nullptr, 0); // does nothing before it starts
     const std::vector<uint32_t> map{7, 8, 0, 10, 11, 12};
     ASSERT_TRUE(node->startIOWithSampleRate(48000, 4, map));
     EXPECT_EQ(node->usageMap(), DXRDeviceNode::Channels{10}) << "a channel without a source is not in use";

@@ -133,7 +133,7 @@ TEST_F(DXRDeviceRunnerTest, callsDeviceNotifiersOnItsQueueUntilTheyAreRemoved)
     runner->addDeviceNotifier(notifier);
     plug(headset());
     EXPECT_EQ(calls, 1);
-    runner->queue()->dispatchSync([&] { // while a call waits in the queue, it is not made
+    runner->queue()->dispatchSync([&] { // while one call waits in the queue, no second is posted
         hal.unplug("headset");
         ManagedComputer::settle();
         runner->removeDeviceNotifier(notifier);
@@ -195,7 +195,8 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
     EXPECT_FALSE(runner->isRunning());
 }
 
-// Late twice, in the first second and after it: what the log then says, and only then; blocks keep pace in whole cycles.
+// Cycles are late in the first second and after it: only these are logged, and blocks catch up in whole
+// cycles.
 TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
 {
     constexpr uint32_t frames = 480;
@@ -203,7 +204,7 @@ TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
     runner->setFrameCount(frames);
     runner->setSampleRate(48000);
     std::atomic<uint32_t> cycles{0}, wrong{0};
-    uint64_t last = 0, lastHostTime = 0; // of the blocks
+    uint64_t last = 0, lastHostTime = 0; // of the last block
     runner->addDevice(mic(), std::nullopt, [&](uint64_t time, DXRBuffer& buffer) {
         wrong += buffer.samples()[0] != 0 || time % frames != 0 || time <= last;
         buffer.samples()[0] = 1;

@@ -1,4 +1,4 @@
-// The whole path from a device's input to its output, cycle by cycle.
+// Tests the whole path from a device's input to its output, cycle by cycle.
 
 #include "CXException.h"
 #include "EngineComputer.h"
@@ -8,10 +8,10 @@
 
 namespace {
 
-constexpr float step = 1.0F / (1U << 24); // between two frames of a ramp
+constexpr float step = 1.0F / (1U << 24); // between consecutive frames of a ramp
 constexpr uint32_t frames = 512;
 
-/// Plays what it hears: the input block keeps a buffer, the output block gives it away.
+/// Plays what it records: the input block stores a buffer, the output block plays it.
 class EngineCyclesTest : public EngineComputer {
 protected:
     EngineCyclesTest() { buffer.reserve(4096); }
@@ -38,7 +38,7 @@ protected:
                     played.push_back(samples[size_t{frame} * channels + channel]);
             };
     }
-    /// Frames at the end of what was played that follow one another.
+    /// The number of consecutive frames at the end of what was played.
     size_t exactFrames() const
     {
         size_t exact = 1;
@@ -47,7 +47,7 @@ protected:
             ++exact;
         return exact;
     }
-    /// What the one private aggregate is made of; null without one.
+    /// The composition of the only private aggregate; null if there is none.
     CXPlist composition()
     {
         for (const AudioObjectID each : readDevices(hal)) {
@@ -77,7 +77,7 @@ TEST_F(EngineCyclesTest, carriesEveryFrameExactlyAtEqualAndUnequalFrameCounts)
         uint32_t runnerFrames, deviceFrames, channels;
         size_t maxLatency; // frames of silence or padding at the beginning
     } rows[] = {{0, 512, 2, 1024},  {512, 512, 2, 1024}, {96, 512, 2, 1536},
-                {480, 64, 2, 1536}, {7, 13, 2, 64},      {0, 64, 3000, 128}}; // more than fit a stack
+                {480, 64, 2, 1536}, {7, 13, 2, 64},      {0, 64, 3000, 128}}; // too large for a stack
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.runnerFrames) + " on " + std::to_string(row.deviceFrames));
         played.clear();
@@ -120,7 +120,7 @@ TEST_F(EngineCyclesTest, followsARateThatAnotherProgramChanges)
     EXPECT_FALSE(wentBack);
 }
 
-// A cycle sees it first, for the thread that would announce it is held up.
+// A cycle sees the change first, because the thread that would announce it is blocked.
 TEST_F(EngineCyclesTest, playsOnNewChannelsBeforeTheyAreAnnounced)
 {
     plug(aDevice().uid("grows").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(keep(3)));
@@ -175,7 +175,7 @@ TEST_F(EngineCyclesTest, runsTwoDevicesAsOneOfWhichTheFirstGivesTheClock)
     EXPECT_TRUE(composition().is_null());
 }
 
-// An aggregate that another program has made: its parts count, and none of them can give the clock.
+// An aggregate created by another program: its parts are used, and none of them may become the clock device.
 TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
 {
     plug(aDevice().uid("a").inputs(2).outputs(1).clockDomain(1).hears(simulatedRamp()));
@@ -216,7 +216,7 @@ TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
     EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);
 }
 
-// The hardware keeps the channels of a part that is absent; what the other device plays must not land in them.
+// The hardware keeps the channels of an absent part; output of the other device must not be written to them.
 TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
 {
     const auto part = [&](const char* uid, float level) {
@@ -286,8 +286,8 @@ TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
     EXPECT_EQ(std::ranges::count(played, -1.0F), 0) << "what is for the other device";
 }
 
-// A hundred changes of the default device while a ramp plays: nothing is lost but the buffer that a new device begins with,
-// and the sample time goes on without a step. The new device may also be one that has just come.
+// The default device changes a hundred times while a ramp plays: only the first buffer of a new device is
+// lost, and the sample time continues without a jump. The new device may have just appeared.
 TEST_F(EngineCyclesTest, followsTheDefaultDevice)
 {
     using Direction = DXRDeviceRunner::Direction;
@@ -345,7 +345,7 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
     EXPECT_EQ(runner->devices(), Devices{device("two", output)}) << "at once where there is one";
 }
 
-// On an IO thread stop() must allocate nothing; what waits for the queue asserts.
+// On an IO thread stop() must not allocate; functions that wait for the queue assert.
 TEST_F(EngineCyclesTest, stopsFromAnIOBlock)
 {
     plug(aDevice().uid("out").outputs(2));

@@ -1,4 +1,4 @@
-// Runners among devices that come and go, in real time.
+// Runners in real time, with devices that appear and disappear.
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
@@ -60,7 +60,8 @@ CXRef<DXRDevice> device(uint32_t i, bool isInput)
     return DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uidOf(i), isInput);
 }
 
-/// Looks at the calls of IO blocks: whether they overlap, or come when none may, and how the time goes.
+/// Checks that calls of IO blocks neither overlap nor come while closed, and that their time advances
+/// correctly.
 struct Watch {
     DXRIOBlock block(std::chrono::microseconds length = 0us)
     {
@@ -70,7 +71,7 @@ struct Watch {
             const Clock::time_point now = Clock::now();
             stepsBack += time < lastTime;
             if (time != lastTime) {
-                // More than a cycle at once may only be what passed meanwhile.
+                // A jump by more than a cycle must not exceed the time that has passed.
                 const std::chrono::duration<double> passed = now - std::exchange(lastChange, now);
                 jumps += static_cast<double>(time - lastTime) > passed.count() * rate + frames;
                 lastTime = time;
@@ -91,18 +92,18 @@ struct Watch {
     std::atomic<uint32_t> calls{0}, faults{0}, stepsBack{0}, jumps{0};
     std::atomic<int> inside{0};
     std::atomic<bool> isClosed{false};
-    // Of the blocks, which do not overlap, and of open(), while there are none.
+    // Used by blocks, which do not overlap, and by open(), while no block runs.
     uint64_t lastTime = 0;
     Clock::time_point lastChange{};
 };
 
-// Two runners on the same devices, one of them hidden. Four threads make every call on one; a fifth starts and stops the
-// other and checks that no block runs once stop has returned; a sixth changes the devices. Blocks take up to ten cycles,
-// notifiers and observers call back.
+// Two runners on the same devices, one device hidden. Four threads make every call on one runner; a fifth
+// starts and stops the other and checks that no block runs after stop has returned; a sixth changes the
+// devices. Blocks take up to ten cycles, and notifiers and observers call back.
 TEST(EngineStress, survivesEveryCallOnTwoRunnersWhileDevicesComeAndGo)
 {
     constexpr uint32_t devices = 3, hidden = devices;
-    plug(hidden, true); // before the manager looks for hardware
+    plug(hidden, true); // before the manager enumerates the hardware
     const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init(), other = DXRDeviceRunner::init();
     other->setSampleRate(rate);
     other->setFrameCount(frames);

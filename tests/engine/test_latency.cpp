@@ -1,4 +1,4 @@
-// What the runner says of latency against what a ramp through it measures.
+// Compares the latency that the runner reports with a ramp's measured delay.
 
 #include "EngineComputer.h"
 
@@ -6,9 +6,9 @@
 
 namespace {
 
-constexpr double ticksPerSecond = 1e9; // of simulated hardware
+constexpr double ticksPerSecond = 1e9; // of the simulated hardware's clock
 
-/// Devices that hear the time, in seconds, and note how late it is when it is played.
+/// Devices that record the time, in seconds, and measure its delay when it is played.
 class LatencyTest : public EngineComputer {
 protected:
     struct Shape {
@@ -18,7 +18,7 @@ protected:
     };
 
     double seconds() const { return static_cast<double>(hal.nowTicks()) / ticksPerSecond - _begin; }
-    /// A cycle's first frame was taken a cycle and the safety offset ago, and is played as much later.
+    /// A cycle's first frame was recorded one cycle and the safety offset earlier, and plays as much later.
     SimulatedDeviceBuilder duplex(const char* uid, const Shape& shape)
     {
         const auto away = [this, shape](double frame, double sign) {
@@ -45,10 +45,10 @@ protected:
                     _late = away(frame, 1) - static_cast<double>(samples[frame]);
             });
     }
-    /// Plays what `in` hears on `out` for some seconds. Returns the last frame's delay, in seconds.
+    /// Plays the input of `in` on `out` for some seconds. Returns the last frame's delay, in seconds.
     double measuredDelay(const char* in, const char* out, uint32_t runnerFrames, double runnerRate)
     {
-        _begin += seconds(); // small numbers are exact
+        _begin += seconds(); // restart near 0: small numbers are exact
         runner->setFrameCount(runnerFrames);
         runner->setSampleRate(runnerRate);
         _kept.assign(runnerFrames, 0.0F);
@@ -86,7 +86,7 @@ TEST_F(LatencyTest, isWhatARampMeasures)
                 for (const uint32_t frames : {64U, 256U, 512U}) {
                     for (const uint32_t otherFrames : {64U, 256U, 512U}) {
                         if (otherFrames != frames && kind.otherDomain == 1)
-                            continue; // these have one cycle
+                            continue; // devices of one domain share a cycle length
                         plug(duplex("one", {frames, rate, 1, 16, 40}));
                         plug(duplex("other", {otherFrames, rate, kind.otherDomain, 24, 7}));
                         const char* const out = kind.isOneDevice ? "one" : "other";
@@ -108,7 +108,7 @@ TEST_F(LatencyTest, isWhatARampMeasures)
     }
 }
 
-// A block's host time is that of its own device: the delay of the ring is in it, the device's own latency is not.
+// A block's host time is that of its device: it includes the ring's delay but not the device's latency.
 TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
 {
     constexpr double rate = 48000;
@@ -136,10 +136,10 @@ TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
     const auto framesOff = [&] {
         return std::max(std::abs(heardLate), std::abs(_late - latency / rate)) * rate;
     };
-    advance(10); // until the clocks are known
+    advance(10); // until the clocks are measured
     eventually([&] { return framesOff() <= 0.75; },
                [&] {
-                   sleepForMilliseconds(10); // rings are looked at in real time
+                   sleepForMilliseconds(10); // rings are polled in real time
                    advance(0.1);
                });
     advance(1);

@@ -12,7 +12,7 @@ inline uint64_t now()
     return CXTimeBase::sharedTimeBase()->absoluteTime();
 }
 
-/// A queue for one test, cancelled at its end.
+/// A queue for one test; the destructor cancels it.
 class TestQueue {
 public:
     TestQueue() : _queue(CXDispatchQueue::initWithName("test")) {}
@@ -24,12 +24,12 @@ public:
     }
     CXDispatchQueue* operator->() const { return _queue.get(); }
     const CXRef<CXDispatchQueue>& ref() const { return _queue; }
-    /// Waits until all work that the queue had before has run.
+    /// Waits until all work queued earlier has run.
     void settle() const
     {
         _queue->dispatchSync([] {});
     }
-    /// Waits until no thread drains the queue, so that a bypass borrows it.
+    /// Waits until no thread drains the queue, so that a bypass can borrow it.
     void waitUntilIdle() const
     {
         while (_queue->owner() != 0)

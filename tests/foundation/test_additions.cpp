@@ -213,7 +213,7 @@ TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
         {"nan inf", 1, 0, {}},
         {"1\n2", 2, 1, {1}},
         {"- 1", 1, 0, {}},
-        // Out of a float's range as they are read, and the exponent's sign alone does not decide to which side.
+        // Beyond a float's range while parsing; the exponent's sign alone does not decide on which side.
         {tinyTimes100, 1, 1, {0}},
         {hugeBy100, 1, 1, {infinity}},
         {"-0.1e40 1e-99999999999999999999 0.001e99999999999999999999", 3, 3, {-infinity, 0, infinity}},
@@ -247,7 +247,7 @@ TEST(TimeBase, scalesExactlyAndCutsTowardsZero)
     for (const auto& row : rows)
         EXPECT_EQ(_multiplyRatio(row.value, row.multiplier, row.divisor), row.result) << row.why;
 
-    const CXRef<CXTimeBase> base = CXTimeBase::initWithRatio(125, 3); // of 24 MHz
+    const CXRef<CXTimeBase> base = CXTimeBase::initWithRatio(125, 3); // a clock of 24 MHz
     EXPECT_EQ(base->absoluteFrequency(), 3.0 / 125.0 * 1e9);
     EXPECT_EQ(base->nanosecondsFromAbsoluteTime(24'000'000), 1'000'000'000U);
     EXPECT_EQ(base->absoluteTimeFromNanoseconds(1'000'000'000), 24'000'000U);

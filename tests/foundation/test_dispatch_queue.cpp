@@ -74,7 +74,8 @@ TEST(CXDispatchQueue, isBorrowedByABypassWhenIdle)
     EXPECT_EQ(after, self) << "a whole bypass runs it";
 }
 
-// When it is busy, the bypass waits as housekeeping. A round in which it comes after the waiting client work proves nothing.
+// A bypass of a busy queue waits as housekeeping work. Rounds in which it is pushed only after the client
+// work has run prove nothing.
 TEST(CXDispatchQueue, runsABypassBeforeWaitingClientWorkWhenBusy)
 {
     const TestQueue queue;
@@ -90,7 +91,7 @@ TEST(CXDispatchQueue, runsABypassBeforeWaitingClientWorkWhenBusy)
                 hasOvertaken = !hasClientRun;
             });
         });
-        sleepForMilliseconds(delay); // for the other thread to push
+        sleepForMilliseconds(delay); // until the other thread has pushed
         gate.open();
         other.join();
         queue.settle();
@@ -136,7 +137,7 @@ TEST(CXDispatchQueue, assertsItsRulesWithFileAndLine)
     EXPECT_EQ(onQueue(misplaced) + reasonOf(displaced), "(none)(none)");
 }
 
-// Where the assertion is raised as queue work, it cannot be caught.
+// An assertion that fails in queue work cannot be caught.
 TEST(CXDispatchQueueDeathTest, endsTheProcessAtABrokenRule)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -148,8 +149,8 @@ TEST(CXDispatchQueueDeathTest, endsTheProcessAtABrokenRule)
     };
     const auto destroyWhileBusy = [](CXDispatchQueue& queue) {
         queue.dispatchSync([&queue] {
-            queue.release(); // ours
-            queue.release(); // its thread's
+            queue.release(); // the test's reference
+            queue.release(); // the queue thread's reference
         });
     };
     EXPECT_DEATH(addATimerTwice(*CXDispatchQueue::init().leak()), message);
@@ -197,7 +198,7 @@ TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndRunsWhatIsAllowedAfterw
     EXPECT_TRUE(threadEnds(*fromOutside)) << "cancelled while it is borrowed";
 }
 
-/// Whether the thread runs under real-time scheduling, or a refusal was logged.
+/// Returns whether the thread has real-time scheduling, or a refusal was logged.
 bool isSettled(pthread_t thread, const CapturedLog& log)
 {
     int policy = SCHED_OTHER;
@@ -221,14 +222,14 @@ TEST(CXDispatchQueue, isRealTimeWhenSetRealTimeReturnsThoughItIsBorrowedAndATime
             queue->setRealTime();
             EXPECT_TRUE(isSettled(queue->thread(), log));
         });
-        sleepForMilliseconds(50); // for the other thread to push
+        sleepForMilliseconds(50); // until the other thread has pushed
     });
     other.join();
     restless->cancel();
 
     const CapturedLog laterLog;
     const TestQueue later;
-    later->dispatchSyncBypass([&] { later->setRealTime(); }); // cannot wait for the queue's own thread
+    later->dispatchSyncBypass([&] { later->setRealTime(); }); // must not wait for the queue's own thread
     later.settle();
     EXPECT_TRUE(isSettled(later->thread(), laterLog));
 }
@@ -246,15 +247,15 @@ TEST(CXDispatchQueueDeathTest, logsARefusalOfRealTimeWithItsError)
     EXPECT_EXIT(refused(), testing::ExitedWithCode(0), "thread_policy_set returned 1 for period 1000000\n$");
 }
 
-// Pushing, borrowing an idle queue and firing a timer: no lock, no allocation, no wait. The queue's thread, which sleeps
-// until the timer's first deadline, wakes for the earlier one.
+// Pushing, borrowing an idle queue and firing a timer neither lock, allocate nor wait. The queue's thread,
+// which sleeps until the timer's first deadline, wakes for the earlier one.
 TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
 {
     const TestQueue queue;
     const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
     std::atomic<int> fired{0};
     timer->setTimeoutHandler([&](const CXRef<CXDispatchTimer>& self) {
-        const CXRealtimeScope realtime; // a handler that arms its timer again
+        const CXRealtimeScope realtime; // the handler rearms its timer
         if (++fired < 5)
             self->setTimeoutAbsolute(self->deadline() + millisecond, 0);
     });

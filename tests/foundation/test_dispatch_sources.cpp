@@ -37,18 +37,18 @@ TEST(CXDispatchTimer, letsWorkMessagesAndOtherTimersThroughWhenItIsAlwaysDue)
     const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
     receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte>) {
         ++messages;
-        port->send({}); // as restless as the timer
+        port->send({}); // every message sends another
     });
     receiver->setDispatchQueue(queue.ref());
     port->send({});
-    const int firesAtStart = fires; // from here on, all three are on the queue
+    const int firesAtStart = fires; // from here on, all three sources are active on the queue
     while ((others < enough || messages < enough) && fires < firesAtStart + fireLimit)
         queue.settle();
     EXPECT_GE(others, enough);
     EXPECT_GE(messages, enough);
     const int firesBefore = fires;
     while (fires < firesBefore + enough)
-        queue.settle(); // nor do messages keep the timer from firing
+        queue.settle(); // messages do not delay the timer either
     restless->cancel();
     other->cancel();
     receiver->cancel();
@@ -115,8 +115,8 @@ TEST(CXDispatchTimerList, firesWhatIsDueOnceInOrderAndLeavesOutMissedPeriods)
     EXPECT_GT(others.firstDeadline(), now()) << "an interval starts now";
 }
 
-// One queue adopts the other's timer while a third thread cancels it: none waits for another, and the timer is on no queue
-// afterwards.
+// One queue adopts the other's timer while a third thread cancels it. No thread blocks another, and the timer
+// is on no queue afterwards.
 TEST(CXDispatchSource, endsOnNoQueueWhenItIsCancelledWhileItMoves)
 {
     const TestQueue first;
@@ -142,7 +142,7 @@ TEST(CXDispatchSource, endsOnNoQueueWhenItIsCancelledWhileItMoves)
             meet(round / 8 % 8);
             try {
                 timer->setDispatchQueue(second.ref());
-            } catch (const CXException&) { // cancelled before it moved
+            } catch (const CXException&) { // the timer was cancelled before it moved
             }
         });
         for (const TestQueue* queue : {&canceller, &first, &second})
@@ -188,8 +188,8 @@ TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
     EXPECT_EQ(received.size(), 100'008U);
 }
 
-// The message arrives while its queue is borrowed, so that the queue's thread is awake but may not deliver it yet. A
-// descriptor has a message as long as it is readable.
+// The message arrives while the queue is borrowed, so the queue's thread is awake but must not deliver it
+// yet. A descriptor has a message as long as it is readable.
 TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
 {
     int ends[2];
@@ -205,7 +205,7 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
         int count = 0;
         receiver->setMessageHandler([&](const CXRef<CXDispatchReceiver>&, std::span<const std::byte>) {
             EXPECT_TRUE(second->isDispatchedOnCurrentThread());
-            char byte = 0; // leaves one: the next message must come
+            char byte = 0; // leaves one byte: another message must arrive
             EXPECT_TRUE(!isDescriptor || read(ends[0], &byte, 1) == 1);
             if (++count == 2)
                 done.set_value();
@@ -216,7 +216,7 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
                 EXPECT_EQ(write(ends[1], "ab", 2), 2);
             else
                 EXPECT_EQ(port->send({}), dxr::Port::SendResult::Sent);
-            sleepForMilliseconds(50); // for the first's thread to wake
+            sleepForMilliseconds(50); // until the first queue's thread is awake
             receiver->setDispatchQueue(nullptr);
             receiver->setDispatchQueue(isDescriptor ? nullptr : second.ref());
         });

@@ -8,21 +8,21 @@
 
 namespace {
 
-/// How long the test runs: longer in the soak.
+/// Duration of the test; longer in a soak.
 std::chrono::milliseconds stressTime()
 {
     const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
     return seconds ? std::chrono::seconds(std::atoi(seconds)) : std::chrono::milliseconds(1500);
 }
 
-// Two producers, a borrowing thread and timers on one queue: nothing runs beside anything else, nothing is lost, done
-// twice or out of order.
+// Two producers, a borrowing thread and timers use one queue: work never runs concurrently, and none is lost,
+// repeated or reordered.
 class CXDispatchQueueStress : public testing::Test {
 protected:
     static constexpr int producerCount = 2;
 
     bool isOver() const { return std::chrono::steady_clock::now() >= _end; }
-    /// All work of the queue goes through here. The numbers of a producer's pieces count up in each lane.
+    /// Every item of the queue calls this. Each producer numbers its items consecutively in each lane.
     void run(int producer, uint8_t lane, uint64_t number)
     {
         run();
@@ -42,7 +42,7 @@ protected:
         uint64_t pushed[2] = {};
         for (uint64_t i = 0; !isOver(); ++i) {
             while (_waiting[producer] > 10'000)
-                std::this_thread::yield(); // bounded, so that timers get their turn
+                std::this_thread::yield(); // bounded, so that timers can run
             ++_waiting[producer];
             ++expected;
             const uint8_t lane = i % 64 == 0 ? CXDispatchHousekeepingLane : CXDispatchClientLane;
@@ -68,11 +68,11 @@ protected:
 
     const TestQueue queue;
     std::atomic<uint64_t> expected{0}, outOfOrder{0}, overlaps{0};
-    uint64_t entries = 0; // plain on purpose: only the queue's order protects it
+    uint64_t entries = 0; // not atomic on purpose: only the queue protects it
 
 private:
     const std::chrono::steady_clock::time_point _end = std::chrono::steady_clock::now() + stressTime();
-    uint64_t _next[producerCount][2] = {}; // plain on purpose, too
+    uint64_t _next[producerCount][2] = {}; // not atomic on purpose
     std::atomic<uint64_t> _waiting[producerCount] = {};
     std::atomic<bool> _inside{false};
 };

@@ -61,7 +61,7 @@ __attribute__((noinline)) void reportFromHere()
 __attribute__((noinline)) void reportFromDepth(int depth) // NOLINT: recursion on purpose
 {
     depth > 0 ? reportFromDepth(depth - 1) : reportFromHere();
-    asm volatile("" ::: "memory"); // no jump instead of a call
+    asm volatile("" ::: "memory"); // prevents a tail call
 }
 
 TEST(CXStackTrace, endsAtTheReportingFunctionHoweverDeepTheStack)
@@ -77,7 +77,7 @@ TEST(CXStackTrace, endsAtTheReportingFunctionHoweverDeepTheStack)
     EXPECT_NE(lines[30].find(address.str()), std::string::npos) << "its caller: " << lines[30];
 }
 
-// The call below is the last of its function, so that its return address belongs to the next.
+// The call below is the last instruction of its function, so its return address is in the next function.
 extern "C" DXR_EXPORT __attribute__((noinline)) void functionThatFails()
 {
     _CXFailedAssertion(nullptr, nullptr, nullptr, 1);
@@ -154,7 +154,7 @@ TEST(CXLogError, printsAStackOnlyWhenDebuggingIsEnabled)
     EXPECT_TRUE(log.lines()[before + 1].starts_with("     : ")) << log.lines()[before + 1];
 }
 
-// The switch is decided once in a process, so each case has one of its own.
+// The switch is set once per process, so each case runs in a separate process.
 TEST(DXRDebugLogDeathTest, isOffUnlessADebugCenterWasThereAtTheFirstLine)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

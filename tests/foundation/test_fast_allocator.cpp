@@ -23,11 +23,11 @@ uintptr_t addressOf(const void* block)
     return reinterpret_cast<uintptr_t>(block);
 }
 
-/// Takes blocks of `size` until one starts a fresh chunk, and returns that chunk's first block.
+/// Allocates blocks of `size` until one is the first of a new chunk, and returns it.
 std::byte* firstBlockOfFreshChunk(size_t size)
 {
     for (;;) {
-        auto* const block = static_cast<std::byte*>(TFA_malloc(size)); // the ones before stay taken
+        auto* const block = static_cast<std::byte*>(TFA_malloc(size)); // earlier blocks are not freed
         if (addressOf(block) % 16384 == 16)
             return block;
     }
@@ -90,7 +90,7 @@ size_t mappingCount()
 TEST(TFA, growsWithFarFewerMappingsThanChunks)
 {
     constexpr size_t chunks = 4096;
-    constexpr size_t blocksPerChunk = 3; // of 4096 bytes
+    constexpr size_t blocksPerChunk = 3; // blocks of 4096 bytes
     const size_t before = mappingCount();
     for (size_t i = 0; i < chunks * blocksPerChunk; ++i)
         ASSERT_NE(TFA_malloc(4096), nullptr);
@@ -135,7 +135,7 @@ TEST(TFA, servesContainersThroughItsTable)
 class Pooled final : public CXTFAObject {
 public:
     static CXRef<Pooled> init() { return CXRef<Pooled>::adopt(new Pooled); }
-    char bytes[100]; // deliberately without a value: the memory comes zeroed
+    char bytes[100]; // not initialised on purpose: the memory is zeroed
 
 private:
     Pooled() {} // NOLINT: a defaulted one would clear `bytes`
@@ -158,8 +158,8 @@ TEST(CXTFAObject, takesItsMemoryFromTheFastAllocatorAndGivesItBack)
         EXPECT_EQ(addressOf(CXRef<Aligned>::adopt(new Aligned).get()) % alignof(Aligned), 0U);
 }
 
-#ifndef DXR_SANITIZED // the sanitizers touch pages of their own and do not fit into a limited address space
-/// How often the next `count` blocks of `size` make the system bring a page.
+#ifndef DXR_SANITIZED // the sanitizers touch additional pages and exceed a limited address space
+/// Returns the page faults caused by the next `count` blocks of `size`.
 long pageFaultsDuring(size_t size, size_t count)
 {
     rusage before{};
@@ -219,9 +219,9 @@ TEST(TFADeathTest, stopsAtADamagedHeader)
 }
 #endif
 
-// Blocks wander between threads through a shared board of so many places that chunks and regions run out meanwhile. Each is
-// filled with its owner's pattern and checked before it is freed: a block given to two owners, or a link lost or torn,
-// shows as a foreign byte.
+// Blocks move between threads through a shared board with enough places to exhaust chunks and regions. Each
+// is filled with its owner's pattern and checked before it is freed: a block with two owners, or a lost or
+// torn link, shows as a wrong byte.
 TEST(TFA, neverGivesABlockToTwoOwners)
 {
     constexpr int threadCount = 4;

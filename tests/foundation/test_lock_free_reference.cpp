@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Counts the living objects; isWhole() is false after the end of one.
+/// Counts live objects; isWhole() returns false for a destroyed object.
 class Witness final : public CXTFAObject {
 public:
     static CXRef<Witness> init() { return CXRef<Witness>::adopt(new Witness); }
@@ -81,8 +81,8 @@ TEST(CXLockFreeReference, assertsWhenItsSlotsRunOutAndKeepsWhatItHolds)
     EXPECT_EQ(Witness::alive, 0) << "what the slots still hold goes with the reference";
 }
 
-// Every interleaving of two readers and two writers is explored in tests/models; this tests what a model
-// leaves out: memory orders, slots used again and again, and objects that end on any thread.
+// tests/models explores every interleaving of two readers and two writers; this tests what the model leaves
+// out: memory orders, slots that are reused often, and objects that are destroyed on any thread.
 TEST(CXLockFreeReference, givesReadersNoDestroyedObject)
 {
     {

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <regex>
 
-/// The `dxr` command against a server of the test's own, which has another client.
+/// Tests the `dxr` command against a private server with another client.
 class DxrOnPipeWire : public testing::Test {
 protected:
     std::string path(const std::string& name) const { return server.folder() / name; }
@@ -21,7 +21,8 @@ protected:
     TestClient client{nameInEnvironment(server)};
 
 private:
-    /// For the tool, and before a client connects: the environment precedes a client's own choice.
+    /// Sets the server for the tool. Called before a client connects, because the environment overrides a
+    /// client's remote.
     static std::string nameInEnvironment(const PrivateServer& server)
     {
         setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
@@ -29,7 +30,8 @@ private:
     }
 };
 
-/// The sum of the numbers before `words` in the tool's report; -1 when there is none. Groups of three are joined.
+/// Returns the sum of the numbers before `words` in the tool's report, without thousands separators; -1 if
+/// none.
 inline long sumBefore(std::string report, const std::string& words)
 {
     std::erase(report, ',');
@@ -41,14 +43,14 @@ inline long sumBefore(std::string report, const std::string& words)
     return sum;
 }
 
-/// How long a test shall take, in the long runs.
+/// Returns DXR_SOAK_SECONDS, the duration in soaks, or `otherwise` if unset.
 inline int soakSecondsOr(int otherwise)
 {
     const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
     return seconds ? std::atoi(seconds) : otherwise;
 }
 
-/// Writes a stereo WAV file of floats whose frame k is `sampleOf(k)`.
+/// Writes a stereo WAV file of floats; frame k is `sampleOf(k)` in both channels.
 inline void writeWave(const std::string& path, int rate, sf_count_t frames,
                       const std::function<float(size_t)>& sampleOf)
 {
@@ -64,7 +66,7 @@ inline void writeWave(const std::string& path, int rate, sf_count_t frames,
     sf_close(file);
 }
 
-/// The channels of a sound file; none when it cannot be read.
+/// Returns the channels of a sound file; none if it cannot be read.
 inline std::vector<std::vector<float>> channelsOfWave(const std::string& path)
 {
     SF_INFO info{};

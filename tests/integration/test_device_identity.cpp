@@ -11,10 +11,10 @@
 
 namespace {
 
-/// Sound cards on a USB bus, as a session manager brings them to a server, and the manager over that.
+/// Tests the manager with USB sound cards on a simulated bus, added to a server as by a session manager.
 class DeviceIdentity : public testing::Test {
 protected:
-    /// A card that is on the bus and at the server.
+    /// A card on the bus and on the server.
     struct Plugged {
         std::string place;
         std::unique_ptr<FakeCard> card;
@@ -22,7 +22,8 @@ protected:
 
     DeviceIdentity() { HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote())); }
 
-    /// `arrival` is what the session manager adds to the name: ".2" for the second of it.
+    /// `arrival` is the suffix that the session manager adds to the name: ".2" for a second card of that
+    /// name.
     Plugged plug(const std::string& place, const std::string& arrival = "")
     {
         const uint32_t number = nextCard++;
@@ -43,7 +44,7 @@ protected:
         bus.unplug(plugged.place);
         plugged.card.reset();
     }
-    /// The output half of the device of this unique ID, once it is connected.
+    /// Waits for the output device with this UID to be connected.
     CXRef<DXRDevice> connected(const std::string& uid)
     {
         CXRef<DXRDevice> found;
@@ -76,7 +77,7 @@ TEST_F(DeviceIdentity, keepsAUnitsObjectAndSettingsWhenItMoves)
     const std::string stored = device->reference()->string();
     EXPECT_EQ(device->reference()->genericUID(), withoutSerial);
 
-    for (const char* place : {"3-2", "1-9.1.3"}) { // another port, another hub of another bus
+    for (const char* place : {"3-2", "1-9.1.3"}) { // another port; another hub of another bus
         unplug(unit);
         ASSERT_TRUE(eventually([&] { return !device->isConnected() && !microphone->isConnected(); }));
         EXPECT_EQ(manager().deviceWithReference(stored), device) << "known while it is away";
@@ -106,14 +107,14 @@ TEST_F(DeviceIdentity, distinguishesTwoUnitsWithoutSerialNumbers)
     EXPECT_EQ(one->overrideForKey("unit"), CXPlist(1));
     EXPECT_EQ(other->overrideForKey("unit"), CXPlist(2));
 
-    unplug(first); // the second in port order is now the only one
+    unplug(first); // only the second in port order is left
     ASSERT_TRUE(eventually([&] { return !one->isConnected(); }));
     EXPECT_TRUE(other->isConnected());
     first = plug("3-1.4");
     EXPECT_EQ(connected(withoutSerial + "03140000"), one);
     EXPECT_EQ(one->overrideForKey("unit"), CXPlist(1));
 
-    // A reference to neither, kept from a third port, could mean both.
+    // A reference saved on a third port matches neither device exactly, so it is ambiguous.
     std::string elsewhere = one->reference()->string();
     elsewhere.replace(elsewhere.rfind("03140000"), 8, "03990000");
     setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);

@@ -11,7 +11,7 @@ namespace {
 
 using nlohmann::json;
 
-/// What `dxr watch --identity` printed in brackets in the last line that has `words`.
+/// Returns the bracketed text that `dxr watch --identity` printed after the last occurrence of `words`.
 std::string identityAfter(const std::string& output, const std::string& words)
 {
     const size_t line = output.rfind(words);
@@ -98,7 +98,7 @@ TEST_F(DxrOnPipeWire, playsARampThatComesBackExactlyFromTheMonitor)
     EXPECT_EQ(soundingFrames(recorded[0]), 48000U);
 }
 
-/// How many objects of each type the server has, with the values of its metadata and the names of its nodes.
+/// Counts the server's objects by type, its metadata by value and its nodes by name.
 std::map<std::string, int> serverContents(const TestClient& client)
 {
     std::map<std::string, int> contents;
@@ -111,7 +111,7 @@ std::map<std::string, int> serverContents(const TestClient& client)
     return contents;
 }
 
-// Killed at any moment of a start: before its first request, between request and reply, while sound runs.
+// The command is killed at any point: before its first request, between request and reply, and during IO.
 TEST_F(DxrOnPipeWire, leavesNothingOnTheServerWhenItIsKilled)
 {
     client.plug({.name = "sink", .channelCount = 8});
@@ -122,7 +122,7 @@ TEST_F(DxrOnPipeWire, leavesNothingOnTheServerWhenItIsKilled)
         if (round % 2 != 0) {
             ASSERT_TRUE(loop.waitFor("source ->")) << loop.errors();
             std::this_thread::sleep_for(std::chrono::milliseconds(round));
-            server.hang(); // with requests of the start unread
+            server.hang(); // leaves requests of the start unread
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10 * round));
         loop.signal(SIGKILL);

@@ -1,4 +1,5 @@
-// A runner between devices of a real server: the latency and times that it reports, against a probe's measurement.
+// Compares the latency and times that a runner between devices of a real server reports with a probe's
+// measurements.
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
@@ -18,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr double serverRate = 48000;
-constexpr double period = 1 << 24; // of the probe's numbers, frames
+constexpr double period = 1 << 24; // frames after which the probe's numbers repeat
 
 CXRef<DXRDevice> waitForDevice(const std::string& uid, bool isInput)
 {
@@ -30,7 +31,7 @@ CXRef<DXRDevice> waitForDevice(const std::string& uid, bool isInput)
     return device;
 }
 
-/// Passes the frames of a source on to a sink.
+/// Plays the frames of a source on a sink.
 class PassOn {
 public:
     PassOn(const std::string& source, const std::string& sink, uint32_t frames, double rate)
@@ -50,11 +51,11 @@ public:
     ~PassOn() { _runner->stop(); }
 
     double reportedSeconds() const { return _runner->roundTripSeconds(_in, _out).value_or(0); }
-    /// How far the time of the last block of the input is off.
+    /// The error of the host time of the last input block.
     double timeErrorMicroseconds() const { return _timeError; }
 
 private:
-    /// A sample is the number of the time at which it was sent.
+    /// The value of a sample is its send time.
     void _noteTimeError(const DXRBuffer& buffer)
     {
         const double number = static_cast<double>(buffer.samples()[0]) * period;
@@ -87,8 +88,8 @@ protected:
     TestClient client{server.remote()};
 };
 
-// A device that drives the server takes its frames a cycle before, and gives them a cycle after, as its time stamps have it;
-// a virtual one that follows has no buffer of its own.
+// A device that drives the server records its frames one cycle earlier and plays them one cycle later, as its
+// time stamps state; a virtual device that follows has no buffer.
 TEST_F(EngineOnPipeWire, reportsTheLatencyThatAProbeMeasures)
 {
     for (const double rate : {48000.0, 44100.0}) {
@@ -102,7 +103,7 @@ TEST_F(EngineOnPipeWire, reportsTheLatencyThatAProbeMeasures)
                                    {sink, isOneDevice ? "capture_FR" : "monitor_FR"}, rate);
                 for (const uint32_t frames : {64U, 256U, 512U}) {
                     const PassOn runner(source, sink, frames, rate);
-                    probe.measure(20); // by then every loop has found its pace
+                    probe.measure(20); // until all control loops have settled
                     const std::vector<double> late = probe.measure(41);
                     ASSERT_EQ(late.size(), 41U);
                     const double measured = late[20] + (isOneDevice ? 0 : quantum);
@@ -115,7 +116,7 @@ TEST_F(EngineOnPipeWire, reportsTheLatencyThatAProbeMeasures)
     }
 }
 
-// Each device drives a graph of its own; between the two is an aggregate's ring.
+// Each device drives a separate graph; an aggregate's ring connects them.
 TEST_F(EngineOnPipeWire, reportsTheLatencyBetweenTwoClocks)
 {
     using Drifting = DrivingDevice;
@@ -126,7 +127,7 @@ TEST_F(EngineOnPipeWire, reportsTheLatencyBetweenTwoClocks)
     for (const uint32_t quantum : {256U, 512U}) {
         force("quantum", quantum);
         const PassOn runner("fast", "slow", quantum, serverRate);
-        std::this_thread::sleep_for(6s); // until the clocks are known
+        std::this_thread::sleep_for(6s); // until the clocks are measured
         std::vector<double> late, reported;
         for (int looks = 0; looks < 101; ++looks) {
             std::this_thread::sleep_for(10ms);

@@ -11,8 +11,8 @@ namespace {
 using nlohmann::json;
 using namespace std::chrono_literals;
 
-/// Two sources that each give a ramp and two sinks that check what they receive, all by one clock: nothing has to be
-/// converted between them.
+/// Two sources that each generate a ramp and two sinks that check what they receive. All use one clock, so
+/// that nothing has to be converted.
 struct Studio {
     explicit Studio(const std::string& remote)
         : sources{{remote, "north", DrivingDevice::Direction::Source, {.clockName = "test.studio"}},
@@ -21,14 +21,14 @@ struct Studio {
                 {remote, "right", DrivingDevice::Direction::Sink, {.clockName = "test.studio"}}}
     {}
 
-    /// Of all sinks and channels: the most breaks, the fewest frames.
+    /// Over all sinks and channels: the most breaks, the fewest frames.
     uint64_t breaks() const { return std::max(sinks[0].breaks(), sinks[1].breaks()); }
     uint64_t frames() const { return std::min(sinks[0].framesReceived(), sinks[1].framesReceived()); }
 
     DrivingDevice sources[2], sinks[2];
 };
 
-/// One channel of each source, side by side, on both sinks.
+/// Appends options that route one channel of each source to both sinks.
 std::vector<std::string> studioCommand(std::vector<std::string> command, int frames, int seconds)
 {
     for (const char* each : {"--in", "north:1", "--in", "south:2", "--out", "left", "--out", "right",
@@ -57,17 +57,16 @@ TEST_P(LoopSoak, losesNothingThatItDoesNotReport)
     EXPECT_GT(studio.frames(), 48000U * static_cast<uint64_t>(seconds) * 9 / 10);
     const long reported = sumBefore(loop.output, "(gap|overload|resynchronisation|frames? lost)");
     ASSERT_GE(reported, 0) << loop.output;
-    // What is missing is faded out and in, for 64 frames each, and so is the end of it all; where nothing is missing, every
-    // frame is the one it was.
+    // Each gap is faded out and in, for 64 frames each, and the end is faded out; other frames are unchanged.
     EXPECT_LE(studio.breaks(), static_cast<uint64_t>((2 + 2 * 64) * reported + 64)) << loop.output;
-    if (seconds >= 60) { // on a machine that has nothing else to do
+    if (seconds >= 60) { // in a soak, on an otherwise idle machine
         EXPECT_EQ(late, 0) << loop.output;
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Frames, LoopSoak, testing::Values(64, 128, 512));
 
-// The blocks are called all the time, by a timer without a server; the trace records both.
+// Blocks are called continuously, by a timer while there is no server; the trace records both.
 TEST_F(TraceSoak, keepsTimeWhileTheServerIsGone)
 {
     const int seconds = soakSecondsOr(8);

@@ -1,4 +1,4 @@
-// What a stranger does: installs the library, and builds and runs programs on that alone.
+// Installs the library as a user would, and builds and runs programs with only the installed files.
 
 #include "PrivateServer.h"
 #include "TestClient.h"
@@ -24,7 +24,7 @@ class Package : public testing::Test {
 protected:
     Package() { setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1); }
 
-    /// Runs a shell command in the folder; its exit status, and what it printed in `output`.
+    /// Runs a shell command in the folder. Returns its exit status and stores its output in `output`.
     int run(const std::string& command)
     {
         FILE* const pipe = popen(("cd " + folder.string() + " && (" + command + ") 2>&1").c_str(), "r");
@@ -56,7 +56,7 @@ protected:
 
 TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
 {
-    // Into a staging folder, and used from there: nothing in it may depend on where it was to go.
+    // Installs into a staging folder and uses it from there: no file may depend on the final location.
     ASSERT_EQ(run("make -C " DXR_SOURCE_DIR
                   " --no-print-directory -o release install BUILD_DIR=" DXR_BUILD_DIR
                   " PREFIX=/opt/dxr DESTDIR=" +

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// A computer of the document's: a server of its own, and what the document has it run.
+/// A computer of the document: a private server, and the commands that the document runs on it.
 class Machine {
 public:
     explicit Machine(std::string machineName) : _name(std::move(machineName)) {}
@@ -22,7 +22,7 @@ public:
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
 
-    /// The document's commands for it whose text has `part`: runs them to their end.
+    /// Runs the document's commands for this computer whose text contains `part`, and waits until they end.
     void run(const std::string& part)
     {
         const pid_t process = _start("set -e\n" + _commands(part));
@@ -32,7 +32,7 @@ public:
     }
     /// The same, for one command that runs until end().
     void begin(const std::string& part) { _running.push_back(_start("exec " + _commands(part))); }
-    /// Ends what was begun last.
+    /// Ends the command that was begun last.
     void end(int signal)
     {
         endPrivateProcess(_running.back(), signal);
@@ -63,7 +63,7 @@ private:
     pid_t _start(const std::string& commands)
     {
         const std::string tools = std::filesystem::path(DXR_TOOL).parent_path();
-        // Ports that no other run of this test uses at the same time.
+        // Ports that differ from those of concurrent runs of this test.
         const int port = 20000 + getpid() % 20000;
         return startPrivateProcess({"sh", "-c", "cd; " + commands}, server.folder(),
                                    {"DESK=127.0.0.1", "SAP_PORT=" + std::to_string(port),
@@ -140,7 +140,7 @@ TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
     EXPECT_EQ(deviceWithUID(*hal, "Studio A"), second);
 }
 
-/// From the slowest device of a report to the fastest; the one that leads is at 0.
+/// The difference in ppm between the fastest and the slowest device of a report; the clock device is at 0.
 double spreadOfClocks(const std::string& report)
 {
     double slowest = 0.0, fastest = 0.0;
@@ -152,7 +152,7 @@ double spreadOfClocks(const std::string& report)
     return fastest - slowest;
 }
 
-// What another machine plays goes to two sinks of this one, whose clocks differ. The network node follows one of them.
+// Two sinks with different clocks play what another machine sends. The network node follows one of them.
 TEST_F(SeveralMachines, driftIsFoundWhileOnePlaysWhatTheOtherSends)
 {
     const int seconds = soakSecondsOr(8);

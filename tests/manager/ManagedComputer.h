@@ -4,7 +4,7 @@
 #include "Eventually.h"
 #include "SimulatedComputer.h"
 
-/// A monitor whose UID contains the port it is on.
+/// The UID of a monitor, which contains its port.
 inline std::string monitorUID(const std::string& port)
 {
     return "AppleGFXHDAEngineOutputDP:" + port + ":{1234}";
@@ -15,7 +15,7 @@ inline SimulatedDeviceBuilder monitor(const std::string& port)
     return made.transport(kAudioDeviceTransportTypeDisplayPort);
 }
 
-/// A simulated computer whose devices are managed.
+/// A simulated computer with a device manager.
 class ManagedComputer : public SimulatedComputer {
 protected:
     using Devices = DXRDeviceManager::Devices;
@@ -36,7 +36,7 @@ protected:
         manager.removeDeviceNotifier(_notifier);
     }
 
-    /// Waits until every change so far has been through the manager, and the main queue is empty.
+    /// Waits until the manager has processed every change so far and the main queue is empty.
     virtual void settle()
     {
         for (int round = 0; round < 3; ++round) { // an update may request another
@@ -70,7 +70,7 @@ protected:
     {
         return manager.deviceWithDeviceUID(uid, isInput);
     }
-    /// The changes of all updates since the last call.
+    /// Returns the changes of all updates since the last call.
     Changes changesSinceLast()
     {
         Changes all;

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// The state of a manager, comparable with that of another one.
+/// Returns the state of a manager as text, for comparison with another manager's.
 std::vector<std::string> stateOf(const DXRDeviceManager& manager)
 {
     std::vector<std::string> state;
@@ -33,7 +33,7 @@ SimulatedDeviceBuilder card(const std::string& uid)
 
 class DXRDeviceFaults : public ManagedComputer {
 protected:
-    /// Devices come, go and change, twelve times.
+    /// Adds, removes and changes devices, twelve times in all.
     void storm()
     {
         hal.plug(card("b"));
@@ -53,7 +53,7 @@ protected:
         hal.setDefault(HALDirection::Output, "a");
         settle();
     }
-    /// Whether the manager's state becomes that of a new manager, and what its notifiers were called with.
+    /// Whether the manager's state, and the devices reported to notifiers, become equal to a new manager's.
     testing::AssertionResult isSound()
     {
         std::vector<std::string> here;
@@ -70,7 +70,7 @@ protected:
     }
 
 private:
-    /// The connected devices by the calls of the notifier.
+    /// The connected devices according to the notifier's calls.
     const Devices& _mirror()
     {
         for (const Changes& one : std::exchange(updates, {})) {
@@ -88,7 +88,7 @@ TEST_F(DXRDeviceFaults, recoversFromAnyFailedRead)
     plug(card("a"));
     const CXRef<DXRDevice> a = device("a", output);
     ASSERT_TRUE(isSound());
-    // A storm takes some hundreds of reads. Each of them fails once, alone or with those that follow.
+    // A storm makes some hundreds of reads. Each of them fails once, alone or with the following ones.
     for (uint64_t nth = 1; nth <= 700; nth += nth < 400 ? 1 : 7) {
         hal.failReads(kAudioObjectPropertySelectorWildcard, nth, nth % 3 == 0 ? 20 : 1,
                       kAudioHardwareUnspecifiedError);
@@ -107,7 +107,7 @@ TEST_F(DXRDeviceFaults, recoversFromManyFaultsAtOnce)
     plug(card("a"));
     Random random(5);
     for (int round = 0; round < 20; ++round) {
-        std::thread reader([&] { // reads all state meanwhile
+        std::thread reader([&] { // reads the whole state concurrently
             for (int i = 0; i < 50; ++i) {
                 stateOf(manager);
                 manager.deviceWithReference(R"({"uid":"a","i":false})");

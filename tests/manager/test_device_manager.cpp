@@ -29,7 +29,7 @@ SimulatedDeviceBuilder hiddenDevice(const std::string& uid)
 
 TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
 {
-    std::vector<size_t> counts; // of the list, before and after each of its changes
+    std::vector<size_t> counts; // size of the list before and after each change
     const auto observation = manager.kvo()->observe(
         "connectedDevices", [&](auto&, auto) { counts.push_back(manager.connectedDevices().size()); });
     const AudioObjectID firstID = plug(headset());
@@ -115,10 +115,10 @@ TEST_F(DXRDeviceManagerTest, numbersDevicesOfOneNameAsLongAsThereAreSeveral)
     };
     plug(card("a"));
     plug(card("b"));
-    plug(aDevice().uid("c").name("USB Audio").inputs(2)); // another direction does not count
+    plug(aDevice().uid("c").name("USB Audio").inputs(2)); // the other direction is not counted
     const CXRef<DXRDevice> a = device("a", output);
     const CXRef<DXRDevice> b = device("b", output);
-    EXPECT_EQ(a->displayName(), "USB Audio 1"); // the lower ID
+    EXPECT_EQ(a->displayName(), "USB Audio 1"); // the device with the lower ID
     EXPECT_EQ(b->displayName(), "USB Audio 2");
     EXPECT_EQ(b->displayNameWithSource(), "USB Audio: Line 2");
     EXPECT_EQ(device("c", input)->displayName(), "USB Audio");
@@ -132,10 +132,10 @@ TEST_F(DXRDeviceManagerTest, numbersDevicesOfOneNameAsLongAsThereAreSeveral)
     unplug("a");
     EXPECT_EQ(b->displayName(), "USB Audio");
     EXPECT_EQ(changesSinceLast().updated, (Devices{a, b}));
-    plug(card("a")); // with a higher ID now
+    plug(card("a")); // now with a higher ID
     EXPECT_EQ(b->displayName(), "USB Audio 1");
     EXPECT_EQ(a->displayName(), "USB Audio 2");
-    plug(aDevice().uid("d").name("USB Audio 2").outputs(2)); // a number that is taken
+    plug(aDevice().uid("d").name("USB Audio 2").outputs(2)); // already ends in a number
     EXPECT_EQ(device("d", output)->displayName(), "USB Audio 2");
     EXPECT_EQ(b->displayName(), "USB Audio 1");
     EXPECT_EQ(a->displayName(), "USB Audio 3");
@@ -173,7 +173,7 @@ TEST_F(DXRDeviceManagerTest, reportsDefaultDevices)
     EXPECT_EQ(manager.soundEffectsDevice(), phones);
     EXPECT_EQ(manager.defaultOutputDevice(), speakers);
 
-    plug(aDevice().uid("mic").inputs(1)); // a change whose read fails is reported once it can be read
+    plug(aDevice().uid("mic").inputs(1)); // a change that cannot be read is reported when it can
     changesSinceLast();
     hal.failReads(kAudioHardwarePropertyDefaultInputDevice, 1, 2, kAudioHardwareUnspecifiedError);
     hal.setDefault(HALDirection::Input, "mic");
@@ -192,7 +192,7 @@ TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
     for (const std::optional<std::string>& uid : others)
         EXPECT_FALSE(manager.adoptHiddenDevice(uid));
     using enum DXRDeviceManager::HiddenDevices;
-    DXRDeviceManager::queue().sync([&] { // where adopting, which waits for the queue, is refused
+    DXRDeviceManager::queue().sync([&] { // adopting waits for the queue and is refused on it
         EXPECT_THROW(manager.adoptHiddenDevice("hidden"), CXException);
         EXPECT_THROW((void)manager.deviceWithDeviceID(hidden, output), CXException);
         EXPECT_EQ(manager.deviceWithDeviceUID("hidden", output, Leave), nullptr);
@@ -213,11 +213,11 @@ TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
     EXPECT_TRUE(adopted->isConnected());
 
     const CXRef<DXRDevice> plain = device("plain", output);
-    for (const bool isHidden : {true, false}) { // not adopted, it follows what it shows
+    for (const bool isHidden : {true, false}) { // not adopted: listed only while not hidden
         reconfigure("plain", [&](auto& it) { it.hidden(isHidden); });
         EXPECT_EQ(plain->isConnected(), !isHidden);
     }
-    // While it cannot be read which devices are hidden, the known ones stay and no new one is listed.
+    // While the manager cannot read which devices are hidden, known devices stay and new ones are not listed.
     changesSinceLast();
     hal.failReads(kAudioDevicePropertyIsHidden, 1, 1'000'000, kAudioHardwareUnspecifiedError);
     plug(hiddenDevice("shy"));
@@ -243,7 +243,7 @@ TEST_F(DXRDeviceManagerTest, callsObserversAfterTheUpdateOfAnAdoption)
         auto other = std::async(std::launch::async, [&] { return manager.connectedDevices().size(); });
         EXPECT_EQ(other.wait_for(std::chrono::seconds(20)), std::future_status::ready);
     });
-    // On the main thread, which runs the update while the queue is idle.
+    // On the main thread, where the update runs directly because the queue is idle.
     EXPECT_TRUE(manager.adoptHiddenDevice("shy"));
     settle();
     EXPECT_EQ(calls, 1);
@@ -302,7 +302,7 @@ TEST_F(DXRDeviceManagerTest, callsEveryNotifierOnceOnItsQueue)
         there += queue->isCurrent() ? 1 : 100;
     };
     manager.addDeviceNotifier(nullptr, onManagersQueue);
-    manager.addDeviceNotifier(nullptr, onManagersQueue); // the same one
+    manager.addDeviceNotifier(nullptr, onManagersQueue); // the same notifier again
     manager.addDeviceNotifier(queue, onOwnQueue);
     manager.addDeviceNotifier(nullptr, {});
     plug(headset());
@@ -314,7 +314,7 @@ TEST_F(DXRDeviceManagerTest, callsEveryNotifierOnceOnItsQueue)
     manager.removeDeviceNotifier(onManagersQueue);
     manager.removeDeviceNotifier(onOwnQueue);
     changesSinceLast();
-    DXRDeviceManager::queue().sync([&] { // the queue is busy until all have been requested
+    DXRDeviceManager::queue().sync([&] { // keeps the queue busy until all updates are requested
         for (int i = 0; i < 100; ++i)
             manager.deviceWasUpdated(device("headset", output));
     });
@@ -343,7 +343,7 @@ TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
     for (int round = 0; round < 500; ++round) {
         const CXRef<dxr::SerialQueue> queue =
             round % 2 == 0 ? dxr::SerialQueue::initWithLabel("own") : nullptr;
-        auto isAlive = std::make_unique<std::atomic<bool>>(true); // freed when the removal is over
+        auto isAlive = std::make_unique<std::atomic<bool>>(true); // freed after the removal
         std::atomic<int> calls{0};
         const DXRDeviceManager::NotifierBlock block = [&, alive = isAlive.get()](const auto&...) {
             ++calls;
@@ -358,7 +358,7 @@ TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
     isDone = true;
     changes.join();
 
-    // By one that is called before it, and by itself.
+    // A notifier may be removed by one that is called before it, and by itself.
     int calls = 0;
     DXRDeviceManager::NotifierBlock remover;
     const DXRDeviceManager::NotifierBlock victim = [&](const auto&...) { calls += 100; };

@@ -1,20 +1,20 @@
-/* Threads that take a block each and give it back, on a pair of stacks, every interleaving. There are as many blocks
-   as threads, so a thread that asks while it holds none must get one.
+/* Every interleaving of threads that each take a block from a pair of stacks and return it. There are as many
+   blocks as threads, so a thread that holds none must always get one.
 
-   Looked for: a block given to two threads, one lost, and "none" returned although one was there all the
-   time. */
+   Checked faults: a block is given to two threads or lost, or a pop finds none although a block was on the
+   stacks throughout. */
 
 #define NUL 0
 
-byte first[2];              /* the heads: a block, and how many were popped */
+byte first[2];              /* each head is a block and the count of pops */
 byte pops[2];
-byte next[THREADS + 1];     /* a block's link, read by any thread at any time */
+byte next[THREADS + 1];     /* link of each block; any thread may read it at any time */
 byte owner[THREADS + 1];
 byte finished = 0;
 
 #define me (_pid + 1)
 
-/* One look at a stack: a block, or NUL where it was empty. */
+/* Pops a block from one stack; NUL if it was empty. */
 inline pop(s, b)
 {
     do
@@ -32,7 +32,7 @@ inline pop(s, b)
     count = 0; link = 0
 }
 
-/* Which stack a thread uses is for speed only: with either, the results must be right. */
+/* The choice of stack only affects speed: the results must be correct with either. */
 inline choose(s)
 {
     if
@@ -60,7 +60,7 @@ proctype thread()
                :: block != NUL -> side = 1 - side
                :: else ->
                    if
-                   :: first[side] == NUL -> assert(pops[side] != seen) /* else: none, and there is one */
+                   :: first[side] == NUL -> assert(pops[side] != seen) /* a block was always there */
                    :: else
                    fi
                fi
@@ -69,7 +69,7 @@ proctype thread()
            seen = 0
        od;
        atomic { assert(owner[block] == 0); owner[block] = me };
-       next[block] = me + 100; /* its owner writes what it likes */
+       next[block] = me + 100; /* the owner may overwrite its block */
        owner[block] = 0;
        choose(side);
        do

@@ -1,11 +1,12 @@
-/* A bridge's ring with its two sides, and a track that control takes away from the leader's cycle, every interleaving.
+/* Every interleaving of the writer and the reader of a bridge's ring, and of a control thread that removes a
+   track while the leader's cycles run.
 
-   The ring holds ROOM frames, each a number; what is written, or read, while the other side may touch the same place
-   is the fault looked for, as is a frame that comes twice, out of order or not as written. Loads of a counter may be
-   old: the side that only reads one takes a snapshot first and uses it later.
+   The ring holds ROOM numbered frames. Checked faults: both sides access the same place at once, and a
+   frame is repeated, out of order or corrupted. Loads of a counter may be stale: the side that only reads
+   a counter takes a snapshot first and uses it later.
 
-   The leader marks its cycle odd before it looks for the track; control takes the track out before it looks at the
-   mark. A track that is freed while the leader uses it is the fault. */
+   The leader makes its cycle number odd before it reads the track; control removes the track before it
+   reads the number. Checked fault: the track is freed while the leader uses it. */
 
 #define ROOM 2
 #define FRAMES 4
@@ -26,7 +27,7 @@ proctype writer()
             atomic { assert(!reading[at]); writing[at] = true };
             place[at] = written + 1;
             atomic { writing[at] = false; written++ } /* release */
-        :: else -> skip                     /* no room: that cycle is left out */
+        :: else -> skip                     /* no room: the cycle is skipped */
         fi
     :: written == FRAMES -> break
     od
@@ -78,7 +79,7 @@ proctype control()
     live = false;
     mark = cycle;
     if
-    :: mark % 2 == 1 -> cycle != mark       /* waits until it has moved on */
+    :: mark % 2 == 1 -> cycle != mark       /* waits for the end of that cycle */
     :: else
     fi;
     freed = true

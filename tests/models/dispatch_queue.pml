@@ -1,24 +1,26 @@
-/* The dispatch queue's stack and the right to drain it, every interleaving: the queue's thread with one timer
-   and, as chosen with -DWITH_..., a producer with two items, a bypass that stops after one pass, one that goes on,
-   and a cancellation that ends the thread.
+/* Every interleaving of the threads that push to the dispatch queue's stack or drain it: the queue's thread
+   with one timer and, selected by -DWITH_..., a producer with two items, a bypass that stops after one
+   pass, a bypass that drains the queue, and a cancellation that ends the thread. One thread at a time owns
+   the right to drain.
 
-   What only the thread with the right can see or change is one step; every look at what others change is its own.
+   Accesses to state that only the owner can read or change are one step; each access to shared state is a
+   separate step.
 
-   -DFAULT_... leaves one protection out, and the promise that it keeps is then broken:
+   -DFAULT_... removes one protection, which makes the model fail:
      FAULT_FINISHED_ELSEWHERE   a borrower runs the step that ends the thread
-     FAULT_UNHEARD_WAIT         the thread that gives the right up does not look whether the queue's thread waits
-     FAULT_CLOSED_UNDRAINED     the thread ends without a look at the signal that came last
+     FAULT_UNHEARD_WAIT         a thread gives the right up without checking if the queue's thread waits
+     FAULT_CLOSED_UNDRAINED     the thread ends without checking for a last signal
 
-   Looked for: two threads with the right at once, two signals under way, an item lost or run twice or before
-   one that came first, and a thread that waits forever. */
+   Checked faults: two threads own the right at once, two signals are pending, an item is lost, run twice
+   or run before an earlier one, and a thread waits forever. */
 
 #define NUL 0
 #define MARK 1
-#define A 2                 /* the producer's, lane 1 */
+#define A 2                 /* items of the producer, in lane 1 */
 #define B 3
-#define ONCE 4              /* the bypasses', lane 0 */
+#define ONCE 4              /* items of the bypasses, in lane 0 */
 #define WHOLE 5
-#define FINISH 6            /* lane 1, for the queue's thread only */
+#define FINISH 6            /* in lane 1; runs only on the queue's thread */
 
 byte head = NUL;
 byte next[7];
@@ -27,7 +29,7 @@ byte owner = 0;
 byte ran[7];
 byte fires = 0;
 byte done = 0;
-byte threadId;              /* the queue's thread */
+byte threadId;              /* of the queue's thread */
 bool threadEnded;
 chan lane0 = [4] of { byte };
 chan lane1 = [4] of { byte };
@@ -36,7 +38,7 @@ chan lane1 = [4] of { byte };
 
 inline become_owner() { atomic { assert(owner == 0); owner = me } }
 
-/* Runs an item, which must be by the owner. */
+/* Runs an item; only the owner may. */
 inline run_item(i)
 {
     atomic {
@@ -73,7 +75,7 @@ inline signal(isSent)
     }
 }
 
-/* Everything on the stack moves to the lanes, the oldest first. What hangs below the head is this thread's. */
+/* Moves all items from the stack to the lanes, oldest first. Items below the head belong to this thread. */
 inline take_arrivals()
 {
     d_step {
@@ -97,7 +99,7 @@ inline take_arrivals()
 #define is_for_another_thread (lane1?[FINISH] && me != threadId && !threadEnded)
 #endif
 
-/* `mayGoOn` is false when the item that is next is for another thread. */
+/* Sets `mayGoOn` to false if the next item must run on another thread. */
 inline run_pass(mayGoOn)
 {
     atomic {
@@ -114,7 +116,7 @@ inline run_pass(mayGoOn)
     }
 }
 
-/* As the owner with empty lanes. Afterwards either the right is gone or this thread owns it still. */
+/* Called by the owner with empty lanes. Afterwards `isGone` is true, or this thread still owns the right. */
 inline give_up(isGone)
 {
     if
@@ -135,7 +137,8 @@ inline give_up(isGone)
     fi
 }
 
-/* With the right, not the owner: it goes to the thread, or is taken back when that has ended. */
+/* Called with the right while no thread is marked as owner. Passes the right to the queue's thread, or takes
+   it back if that thread has ended. */
 inline pass_on(isGone)
 {
     atomic {
@@ -147,7 +150,7 @@ inline pass_on(isGone)
     }
 }
 
-/* As the owner. The thread looks for urgent work before a pass or does not: both are tried. */
+/* Called by the owner. Whether it takes new arrivals before a pass is left open: both are explored. */
 inline run_until_idle(isGone)
 {
     do
@@ -191,7 +194,8 @@ inline stop_early(isGone)
     isGone = false
 }
 
-/* An asynchronous push; the right may come with it, and goes to the thread or, when that has ended, is used. */
+/* An asynchronous push. A push to an idle queue acquires the right, which passes to the queue's thread; if
+   that has ended, this thread drains the queue. */
 inline dispatch(i_)
 {
     push(i_, flag);
@@ -243,7 +247,7 @@ proctype bypass(byte item)
            fi
        :: else
        fi;
-       ran[item] == 1 /* the reply */
+       ran[item] == 1 /* waits for the reply */
     fi;
     done++
 }
@@ -255,12 +259,12 @@ proctype thread()
     do
     :: finished -> break
     :: else ->
-       /* Asleep. Only a signal or the timer ends it: it does not look whether the queue is finished. */
+       /* Asleep. Only a signal or the timer wakes the thread: it does not check `finished` here. */
 end_asleep:
        if
        :: atomic { signalled -> signalled = false; become_owner() };
           run_until_idle(flag)
-       :: !signalled && fires == 0 /* the timer is due: a look, and no sleep */
+       :: !signalled && fires == 0 /* the timer is due: polls instead of sleeping */
        fi;
        if
        :: fires == 0 ->
@@ -305,11 +309,11 @@ init {
         run bypass(WHOLE); expected++;
 #endif
 #ifdef WITH_CANCEL
-        run canceller(); expected = expected + 2 /* and the thread */
+        run canceller(); expected = expected + 2 /* the canceller and the thread */
 #endif
     };
     done == expected;
-    (head == NUL); /* the thread may be giving it up */
+    (head == NUL); /* waits: the thread may still be releasing the right */
     assert(len(lane0) + len(lane1) == 0);
 #ifdef WITH_PRODUCER
     assert(ran[A] == 1 && ran[B] == 1);

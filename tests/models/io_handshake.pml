@@ -1,30 +1,32 @@
-/* The handshake between the cycles of an IO callback, on the device's IO thread, and start and stop, as work of a
-   runner's queue, every interleaving. Between them: `unsafe`, and the turn of a cycle that waits.
+/* Every interleaving of the cycles of an IO callback, on the device's IO thread, with start and stop, which
+   run as work of a runner's queue. They share `unsafe` and `turn`, the state of a cycle that waits for the
+   queue.
 
-   The queue is a lock that threads with work for it take; nothing else of it matters here. The device is a lock too,
-   held through a cycle: ending a callback and setting a rate wait for it, as hardware may.
+   The queue is modelled as a lock that every thread with work for it takes. The device is a lock that is
+   held during a cycle: destroying a callback and setting a rate wait for it, as they may with real
+   hardware.
 
-   Looked for: nodes run after stop, or by a context or with buffers that are gone; a callback ended twice or never;
-   and anybody waiting without end. */
+   Checked faults: nodes run after stop, or in a context or with buffers that no longer exist; a callback
+   is destroyed twice or never; a thread waits forever. */
 
 #define CYCLES 3
 
-byte unsafe = 1;            /* raised by start, which is under way */
-bool queue = false;         /* whether somebody runs as its work */
+byte unsafe = 1;            /* raised by start, which is in progress */
+bool queue = false;         /* whether a thread runs work of the queue */
 bool inCycle = false;       /* the device is in a cycle */
-byte ended = 0;             /* how often the callback was ended */
+byte ended = 0;             /* how often the callback was destroyed */
 bool stopped = false;       /* stop has returned to its caller */
 bool contextIsThere = true;
-bool keeper = false;        /* the context is left to the cycle that ends the callback */
+bool keeper = false;        /* the context lives until the callback is destroyed */
 bool buffersAreThere = false;
-bool farewell = false;      /* the end of the callback is left to another thread */
-bool turnPending = false;   /* the cycle's work is on its way in the queue */
+bool farewell = false;      /* another thread must destroy the callback */
+bool turnPending = false;   /* the cycle's work is in the queue */
 bool isOver = false;
 
 mtype = { NONE, WAITING, RUNNING, DONE, ABANDONED };
 mtype turn = NONE;
 
-/* As work of the queue: (3) and (4). */
+/* Steps (3) and (4) of DXRAudioIOContext.h, as work of the queue; `claimed`: the cycle still waits. */
 inline take_turn(claimed)
 {
     atomic { before = unsafe; unsafe-- };
@@ -47,12 +49,12 @@ proctype io()
     do
     :: i < CYCLES && ended == 0 ->
         i++;
-        /* A callback that is ended is not called any more. */
+        /* A destroyed callback is no longer called. */
         atomic { if :: ended == 0 -> inCycle = true; buffersAreThere = true :: else -> break fi };
         if
         :: unsafe != 0 -> skip
         :: atomic { unsafe == 0 -> unsafe = 1 };
-            assert(contextIsThere); /* it reads the rate */
+            assert(contextIsThere); /* the cycle reads the context's rate */
             if
             :: atomic { !queue -> queue = true }; take_turn(true); queue = false
             :: atomic { queue -> turn = WAITING }; /* busy */
@@ -75,7 +77,7 @@ proctype io()
     isOver = true
 }
 
-/* The queue's thread, for work that a cycle has left there. */
+/* The queue's thread, which runs the work of waiting cycles. */
 proctype worker()
 {
     byte before;
@@ -94,7 +96,7 @@ proctype worker()
         :: else
         fi;
         queue = false
-    :: farewell -> /* on a thread that no cycle waits for */
+    :: farewell -> /* runs on a thread that no cycle waits for */
         farewell = false;
         !inCycle;
         atomic { ended++; assert(ended == 1) };
@@ -106,17 +108,17 @@ proctype worker()
     od
 }
 
-/* start goes on, and then a stop, all as work of the queue; what follows it may wait for the device, as a restart. */
+/* The end of start, then a stop, both as work of the queue. Work after the stop may wait for the device. */
 proctype control()
 {
     byte before;
-    queue = true;   /* start, before any cycle can know */
+    queue = true;   /* start holds the queue before the first cycle */
     unsafe--;
     queue = false;
 
     atomic { !queue -> queue = true };
     if
-    :: ended > 0 || keeper || unsafe > 1 -> skip /* a new layout has ended it: nothing to stop */
+    :: ended > 0 || keeper || unsafe > 1 -> skip /* already ended for a new layout: nothing to stop */
     :: else ->
         atomic { before = unsafe; unsafe++ };
         if
@@ -130,7 +132,7 @@ proctype control()
         fi
     fi;
     stopped = true;
-    if              /* a device may be started anew, or set to another rate */
+    if              /* such as a restart or a change of rate */
     :: !inCycle
     :: true
     fi;

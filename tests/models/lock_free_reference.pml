@@ -1,12 +1,13 @@
-/* Two readers and two writers on one lock-free reference, every interleaving.
+/* Every interleaving of two readers and two writers on one lock-free reference.
 
-   Objects are numbers with a reference count; an object ends when its count reaches 0. Touching an ended
-   object is the fault looked for, and at the end every count must be exactly what is still held. One exchange,
-   one load and one count are one step each; the generation is wide enough never to come round here. */
+   Objects are numbers with a reference count; an object is destroyed when its count reaches 0. Checked
+   faults: use of a destroyed object, and a final count that differs from the references still held. One
+   exchange, one load and one change of a count are one step each; the generation is wide enough not to
+   wrap here. */
 
 #define NONE 255
 #define SLOTS 3
-#define OBJECTS 3                       /* 0 is there at the start, 1 and 2 are the writers' */
+#define OBJECTS 3                       /* 0 is the initial object, 1 and 2 are the writers' */
 
 byte generation = 0, index = 0, readers = 0; /* the packed word */
 byte slot[SLOTS] = NONE;
@@ -16,7 +17,7 @@ byte finished = 0;
 inline retain(o) { d_step { assert(count[o] > 0); count[o]++ } }
 inline release(o) { d_step { assert(count[o] > 0); count[o]-- } }
 
-/* Finds the current object and counts the caller as its reader; `found` is NONE where there is no object. */
+/* Finds the current object and counts the caller as its reader; `found` is NONE if the reference is empty. */
 inline enter(wg, wi, wr, found)
 {
     do
@@ -64,14 +65,15 @@ proctype reader()
     finished++
 }
 
-/* Replaces what is there by `object`, NONE for nothing, however often another is faster. */
+/* Replaces the current object by `object`, or clears the reference if NONE; retries when another writer is
+   faster. */
 proctype writer(byte object)
 {
     byte wg, wi, r, old, fresh;
     bool done = false;
 again:
-    /* What is found is taken for what was expected, or, which costs another round, for something else. Finding
-       out what to expect is what a reader does. */
+    /* Finds the current object as a reader does. Both outcomes of its comparison with the expected object are
+       explored: equal, or another object, which costs another round. */
     enter(wg, wi, r, old);
 #ifdef WITH_OTHERS
     if
@@ -88,7 +90,7 @@ again:
     if
     :: object != NONE ->
         retain(object);
-        /* Which slot is free is a name, no more: finding and claiming one is one step here. */
+        /* Finding and claiming a free slot is one step: which slot it is does not matter. */
         atomic {
             fresh = 0;
             do
@@ -159,7 +161,7 @@ init {
     byte o = 0;
     do
     :: o < OBJECTS ->
-        /* Alive is what is current, and object 2 where no writer was given it. */
+        /* The current object is alive, and so is object 2 if no writer was given it. */
         assert(count[o] == ((index != NONE && slot[index] == o) || (o == 2 && SECOND == NONE)));
         o++
     :: else -> break

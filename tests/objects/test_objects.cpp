@@ -49,8 +49,8 @@ TEST(CXObject, livesAsLongAsAStrongReferenceWithOrWithoutWeakOnes)
     EXPECT_FALSE(moved.lock());
 }
 
-// Strong counts move to the control block while other threads change them: no change may be lost, and the
-// object must end exactly once, on the thread that lets go last.
+// The strong count moves to the control block while other threads change it. No change may be lost, and the
+// object must be destroyed exactly once, on the thread that releases it last.
 TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
 {
     constexpr int rounds = 2000;

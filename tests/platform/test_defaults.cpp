@@ -37,7 +37,7 @@ bool write(const std::string& key, const std::optional<std::string>& value)
     return suite()->update([=](const DefaultsSnapshot&) { return DefaultsChanges{{key, value}}; });
 }
 
-/// As "key=value ".
+/// Returns the suite's contents as "key=value " for each row.
 std::string contents()
 {
     std::string text;
@@ -53,7 +53,7 @@ std::string textOf(const fs::path& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Another program's connection.
+/// A database connection of another program.
 class Connection {
 public:
     explicit Connection(const fs::path& path) { sqlite3_open(path.c_str(), &_connection); }
@@ -76,7 +76,7 @@ protected:
     Defaults() { startAnew(); }
     ~Defaults() override { fs::remove_all(home); }
 
-    /// Leaves an empty folder of this user, with the usual permissions.
+    /// Creates an empty folder owned by this user, with the usual permissions.
     void startAnew() const
     {
         if (fs::exists(home)) {
@@ -94,14 +94,14 @@ protected:
     const fs::path file = folder / (suiteName + ".db");
 };
 
-/// A process keeps the suite that it found first, so each case has a process of its own.
+/// A process keeps the first suite it opens, so each case runs in a separate process.
 void inChild(const std::function<void()>& body)
 {
     const bool hasPassed = runInChild(body);
     EXPECT_TRUE(hasPassed);
 }
 
-/// A kept value, as an earlier run leaves it.
+/// Stores a value, as an earlier run would have.
 void keepSomething()
 {
     inChild([] { EXPECT_TRUE(write("old", "1")); });
@@ -163,7 +163,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
     struct {
         const char* why;
         std::function<void()> arrange;
-        const char* complaint; ///< in the one line that is logged
+        const char* complaint; ///< expected in the only log line
     } const rows[] = {
         {"no home at all", environment("", ""), "no home directory"},
         {"a home that does not exist", environment(home / "nobody", ""), "No such file"},
@@ -203,7 +203,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
         SCOPED_TRACE(row.why);
         inChild([&] {
             row.arrange();
-            const std::string before = *row.complaint ? "" : "old=1 "; // of the folder that can be read
+            const std::string before = *row.complaint ? "" : "old=1 "; // readable from the folder
             const CapturedLog log;
             EXPECT_EQ(contents(), before);
             std::atomic<int> calls{0};
@@ -235,7 +235,7 @@ TEST_F(Defaults, areStoredOnceTheDiskHasRoomAgain)
         getrlimit(RLIMIT_FSIZE, &limit);
         limit.rlim_cur = 1000;
         setrlimit(RLIMIT_FSIZE, &limit);
-        for (int i = 0; i < 1500; ++i) // more than are kept one by one
+        for (int i = 0; i < 1500; ++i) // more changes than are kept individually
             EXPECT_FALSE(write("count", std::to_string(i)));
         EXPECT_EQ(log.lines().size(), 1U);
         sigset_t blocked;
@@ -282,11 +282,11 @@ TEST_F(Defaults, setDamagedFilesAside)
         {"no database at all", garbage},
         {"its head is there", good.substr(0, 4096) + garbage},
         {"half of it", good.substr(0, 4096)},
-        {"a short file", "x"}, // which SQLite would write over
+        {"a short file", "x"}, // SQLite would overwrite it
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
-        for (const char* log : {"-wal", "-shm"}) // else the log would mend it
+        for (const char* log : {"-wal", "-shm"}) // otherwise the log would repair the file
             fs::remove(file.string() + log);
         std::ofstream(file, std::ios::binary | std::ios::trunc) << row.bytes;
         inChild([&] {
@@ -299,11 +299,12 @@ TEST_F(Defaults, setDamagedFilesAside)
         inChild([] { EXPECT_EQ(contents(), "a=1 "); });
     }
 
-    // Damaged while it is in use, which shows when the writing has begun: the known values are stored at once.
+    // The file is damaged while in use, which is detected after writing has begun: the known values are stored at
+    // once.
     const struct {
         const char* why;
-        bool isReadAgain; ///< because another process has written; else SQLite has the pages in memory
-        int kept;         ///< bytes of the file's head
+        bool isReadAgain; ///< another process has written; otherwise SQLite has the pages in memory
+        int kept;         ///< bytes of the file's head that stay
     } damages[] = {
         {"no head", true, 0},
         {"no head, and nobody reads it", false, 0},
@@ -350,7 +351,7 @@ TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)
     other("COMMIT");
     inChild([] { EXPECT_TRUE(write("a", "3")); });
 
-    inChild([&] { // another process is opening the file
+    inChild([&] { // simulates another process that opens the file
         const int opener = open((file.string() + ".lock").c_str(), O_RDONLY);
         ASSERT_EQ(flock(opener, LOCK_EX), 0);
         const CapturedLog log;

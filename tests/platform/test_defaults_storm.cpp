@@ -10,8 +10,9 @@
 #include <thread>
 #include <unistd.h>
 
-// Eight processes count in one suite, each for itself and all of them together, while one of them is killed every 50 ms
-// and starts again: a stored value stays, an edit is stored as a whole, and all processes see the same in the end.
+// Eight processes increment counters in one suite, each its own and all of them a common one, while every 50
+// ms one process is killed and restarted. A stored value is never lost, an edit is stored as a whole, and all
+// processes see the same values in the end.
 
 namespace {
 
@@ -23,10 +24,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t writerCount = 8;
 
-/// What the processes share outside the store.
+/// Shared memory of the processes.
 struct Board {
     std::atomic<bool> isOver;
-    std::array<std::atomic<int64_t>, writerCount> stored; ///< each one's count that is on the disk, at least
+    std::array<std::atomic<int64_t>, writerCount> stored; ///< lower bound of each process's count on disk
     std::atomic<uint32_t> lost, ended, agreed;
 };
 

@@ -13,14 +13,14 @@ namespace {
 
 using enum Port::SendResult;
 using enum PortSet::Event;
-constexpr uint64_t passed = 1; // a deadline at which waitForEvent() only looks
+constexpr uint64_t passed = 1; // a deadline in the past: waitForEvent() does not wait
 
 Port::SendResult send(Port& port, std::string_view text)
 {
     return port.send(std::as_bytes(std::span(text)));
 }
 
-/// The messages that the set has, with the number of their port in `ports`.
+/// Takes all messages of the set; each is preceded by the index of its port in `ports`.
 std::string takenFrom(PortSet& set, const std::vector<CXRef<Port>>& ports)
 {
     std::string all;
@@ -49,7 +49,7 @@ TEST(PortSet, servesItsPortsAndItsSignalInTurns)
     EXPECT_EQ(send(*ports[2], "a port holds one at least"), Full);
     EXPECT_TRUE(set->signal());
     EXPECT_TRUE(set->signal());
-    for (const PortSet::Event event : {Signal, Message, Message}) // taken with its first event only
+    for (const PortSet::Event event : {Signal, Message, Message}) // the signal is reported once
         EXPECT_EQ(set->waitForEvent(passed), event);
     EXPECT_TRUE(set->signal());
     EXPECT_EQ(set->waitForEvent(), Signal) << "though messages wait";
@@ -65,7 +65,7 @@ TEST(PortSet, losesNoMessageOfAPortThatMovesAndKeepsNoneOfOneThatLeaves)
     first->add(*ports[0]);
     EXPECT_EQ(send(*ports[0], "a"), Sent);
     second->add(*ports[0]);
-    first->remove(*ports[0]); // it is the second's
+    first->remove(*ports[0]); // no effect: the port is in the second set
     EXPECT_EQ(takenFrom(*first, ports), "");
     EXPECT_EQ(first->waitForEvent(passed), Timeout);
     EXPECT_EQ(takenFrom(*second, ports), "0:a ");
@@ -117,7 +117,7 @@ TEST(Port, hasAMessageAsLongAsItsDescriptorIsReadable)
     EXPECT_FALSE(Port::initWithDescriptor(ends[0])) << "one port a descriptor";
     set->add(*port);
     ASSERT_EQ(write(ends[1], "ab", 2), 2);
-    for (const char expected : {'a', 'b'}) { // one byte a message: the rest must bring another
+    for (const char expected : {'a', 'b'}) { // one byte per message: the second byte must cause another
         ASSERT_EQ(set->waitForEvent(HostClock::nowTicks() + 20'000'000'000), Message);
         EXPECT_TRUE(set->takeMessage());
         EXPECT_FALSE(set->takeMessage()) << "only after the first has been handled";

@@ -57,7 +57,7 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
 
     const CXRef<SerialQueue> inner = SerialQueue::initWithLabel("inner");
     queue->sync([&] {
-        inner->sync([&] { // on this thread: it is idle
+        inner->sync([&] { // runs on this thread, because the inner queue is idle
             EXPECT_TRUE(inner->isCurrent());
             EXPECT_TRUE(queue->isCurrent());
         });
@@ -106,7 +106,7 @@ TEST(GlobalQueue, runsWorkSideBySide)
     std::promise<void> first;
     std::promise<void> second;
     GlobalQueue::highPriority().async([&] {
-        second.get_future().wait(); // would wait forever on one thread
+        second.get_future().wait(); // would wait forever on a single thread
         first.set_value();
     });
     GlobalQueue::highPriority().async([&] { second.set_value(); });
@@ -122,7 +122,7 @@ TEST(MainQueue, showsWaitingWorkThroughItsDescriptor)
     std::thread([&] {
         queue.async([&] {
             ++ran;
-            queue.async([&] { ++ran; }); // for the next drain
+            queue.async([&] { ++ran; }); // runs in the next drain
         });
     }).join();
     for (int round = 0; round < 2; ++round) {
@@ -136,7 +136,7 @@ TEST(MainQueue, showsWaitingWorkThroughItsDescriptor)
 TEST(MainQueue, runsUntilItIsStoppedAndBelongsToTheThreadThatServesIt)
 {
     MainQueue& queue = MainQueue::shared();
-    for (int round = 0; round < 2; ++round) { // it can be run again
+    for (int round = 0; round < 2; ++round) { // run() works repeatedly
         std::thread server([&] { queue.run(); });
         std::promise<bool> isCurrent;
         queue.async([&] { isCurrent.set_value(queue.isCurrent()); });

@@ -14,14 +14,14 @@
 #include <thread>
 #include <unistd.h>
 
-// Each test leaves its process without privileges, or with other limits: CTest gives every one its own.
+// Each test drops its process's privileges or changes its limits; CTest runs each in a separate process.
 namespace dxr {
 namespace {
 
 constexpr const char* systemBus = "DBUS_SYSTEM_BUS_ADDRESS";
 
-/// Stands in for RealtimeKit on that bus, and records the calls. Like RealtimeKit, it checks the policy first and the
-/// priority then.
+/// A fake RealtimeKit on the private bus, which records the calls. Like RealtimeKit, it checks the scheduling
+/// policy first and then the priority.
 class FakeRealtimeKit {
 public:
     enum class Policy { Grants, Refuses };
@@ -130,7 +130,7 @@ TEST(RealtimeScheduling, leavesTheProcessAsItWasWhenRealtimeKitRefuses)
     EXPECT_EQ(runtimeLimit().rlim_max, before.rlim_max) << "without privileges it could not be raised again";
 }
 
-// A bus that accepts the call and never replies. CTest's own limit ends a wait that is not bounded.
+// The bus accepts the call and never replies. CTest's timeout detects an unbounded wait.
 TEST(RealtimeScheduling, doesNotWaitLongForABusThatIsStuck)
 {
     giveUpPrivileges();

@@ -17,7 +17,7 @@ TEST(USBLocationID, isTheBusAndADigitForEachPort)
         std::optional<uint32_t> location;
     } const rows[] = {
         {"3-1.4", 0x03140000},    {"1-1.2.3.4.5.6", 0x01123456},
-        {"12-11", 0x0CB00000},    {"1-1.2.3.4.5.6.7", 0x01123456}, // no hub goes as deep
+        {"12-11", 0x0CB00000},    {"1-1.2.3.4.5.6.7", 0x01123456}, // deeper than hubs can be
         {"usb3", std::nullopt},   {"3-1.4:1.0", std::nullopt},
         {"3-", std::nullopt},     {"-1", std::nullopt},
         {"3-1..4", std::nullopt}, {"3-99999999999", std::nullopt},

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-/// Collects every log line while it lives, in place of the system log and standard error.
+/// While it exists, collects log lines, which then go to neither the system log nor standard error.
 class CapturedLog {
 public:
     CapturedLog();
@@ -20,5 +20,5 @@ private:
         std::mutex mutex;
         std::vector<std::string> all;
     };
-    std::shared_ptr<Lines> _lines; // shared with a line that another thread may be writing at the end
+    std::shared_ptr<Lines> _lines; // shared: another thread may still be writing a line
 };

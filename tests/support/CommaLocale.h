@@ -11,8 +11,9 @@
 
 #include <unistd.h>
 
-/// Makes the process write numbers with a comma while it lives, as an application does that calls setlocale() on a
-/// German computer. No such locale need be installed: one of numbers only is written in the C library's format.
+/// While it exists, the process formats numbers with a decimal comma, like an application that calls
+/// setlocale() on a German computer. The locale need not be installed: this writes an LC_NUMERIC file in the
+/// C library's format.
 class CommaLocale {
 public:
     CommaLocale()

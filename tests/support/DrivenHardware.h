@@ -10,17 +10,17 @@
 #include <string>
 #include <vector>
 
-/// Devices whose cycles the test makes itself, with lists and times of its own choice, and whose replies it chooses.
+/// Devices whose cycles the test runs, with buffer lists and times of its choice, and whose results it sets.
 class DrivenHardware final : public HALHardwareDriver {
 public:
     static CXRef<DrivenHardware> init() { return CXRef<DrivenHardware>::adopt(new DrivenHardware); }
 
-    std::atomic<double> sampleRate{48000.0}; ///< of every device, as its IO thread reads it
-    /// Runs a cycle of the device that was started last, as its hardware would; without effect after its stop.
+    std::atomic<double> sampleRate{48000.0}; ///< Hz; of every device, read by its IO thread
+    /// Runs a cycle of the device that was started last; does nothing after that device's stop.
     AudioDeviceIOBlock callback;
-    std::atomic<uint32_t> starts{0};                           ///< tried so far
-    std::atomic<HALStatus> startStatus{kAudioHardwareNoError}; ///< of the next ones
-    /// What a device returns when it is asked to start, or to take another rate.
+    std::atomic<uint32_t> starts{0};                           ///< attempts so far
+    std::atomic<HALStatus> startStatus{kAudioHardwareNoError}; ///< of the following starts
+    /// Called when a device is asked to start or to change its rate; returns the result.
     std::function<HALStatus(HALDeadline)> whenAsked = [this](HALDeadline) { return startStatus.load(); };
     HALDriverSink* sink = nullptr;
 
@@ -85,10 +85,10 @@ private:
         }
 
     private:
-        /// From one start to its stop.
+        /// The time from a start to the matching stop.
         struct Run : CXObject {
             std::atomic<bool> isOver{false};
-            std::vector<uint32_t> inputs, outputs; // of each stream, as prepared
+            std::vector<uint32_t> inputs, outputs; // channels of each stream, as prepared
 
             void prepare(HALIOProcTable& table, std::vector<uint32_t> newInputs,
                          std::vector<uint32_t> newOutputs)

@@ -9,8 +9,7 @@ inline void sleepForMilliseconds(int milliseconds)
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-/// Waits until `condition` holds, calling `meanwhile` in between. False after so long that only a fault takes
-/// longer.
+/// Waits until `condition` holds, calling `meanwhile` in between. Returns false after 20 s.
 inline bool eventually(
     const std::function<bool()>& condition,
     const std::function<void()>& meanwhile = [] { sleepForMilliseconds(2); })

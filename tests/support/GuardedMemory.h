@@ -3,12 +3,12 @@
 #include <cstddef>
 #include <span>
 
-/// Memory that ends, or begins, at an inaccessible page: a read or write past it ends the test.
+/// Memory that ends or begins at an inaccessible page: an access beyond that end crashes the test.
 class GuardedMemory {
 public:
     enum class Guard { Behind, Before };
 
-    /// `byteSize` bytes, zeroed, that touch the forbidden page on the side of `guard`.
+    /// `byteSize` zeroed bytes, adjacent to the inaccessible page on the side that `guard` selects.
     GuardedMemory(size_t byteSize, Guard guard);
     ~GuardedMemory();
     GuardedMemory(const GuardedMemory&) = delete;

@@ -10,12 +10,12 @@
 #include <functional>
 #include <mutex>
 
-// Running devices in tests, and listening to them.
+// Functions and classes that run devices in tests and record their notifications.
 
 inline constexpr uint32_t input = kAudioObjectPropertyScopeInput;
 inline constexpr uint32_t output = kAudioObjectPropertyScopeOutput;
 
-/// Waits for a device; 0 when it does not come.
+/// Waits for a device and returns its ID; 0 if it does not appear.
 inline AudioObjectID waitForDevice(HALModel& hal, const std::string& uid)
 {
     AudioObjectID device = kAudioObjectUnknown;
@@ -23,7 +23,7 @@ inline AudioObjectID waitForDevice(HALModel& hal, const std::string& uid)
     return device;
 }
 
-/// Of all streams of one direction.
+/// Returns the number of channels of all streams in one direction.
 inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
 {
     const auto bytes = readList<std::byte>(hal, device, at(kAudioDevicePropertyStreamConfiguration, scope));
@@ -39,7 +39,7 @@ inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
 
 inline const AudioBuffer& bufferOf(const AudioBufferList* list, uint32_t stream)
 {
-    return *(&list->buffers[0] + stream); // by pointer, past the declared bound of one
+    return *(&list->buffers[0] + stream); // by pointer: the array is declared with one element
 }
 
 /// One call of an IO callback.
@@ -57,7 +57,7 @@ struct IOCycle {
     }
     std::span<float> in(uint32_t stream = 0) const { return samplesOf(input, stream); }
     std::span<float> out(uint32_t stream = 0) const { return samplesOf(output, stream); }
-    /// Of the first stream.
+    /// Frames of the first stream.
     uint32_t frames() const
     {
         const AudioBuffer& buffer = bufferOf(output ? output : input, 0);
@@ -65,7 +65,7 @@ struct IOCycle {
     }
 };
 
-/// The IO callback that passes each of its calls to `body`.
+/// Returns an IO callback that calls `body` in each cycle.
 template <class Body> AudioDeviceIOBlock eachCycle(Body body)
 {
     return [body = std::move(body)](const AudioTimeStamp* now, const AudioBufferList* in,
@@ -75,11 +75,11 @@ template <class Body> AudioDeviceIOBlock eachCycle(Body body)
     };
 }
 
-/// What a callback has seen, kept without locks.
+/// Lock-free record of the cycles of one IO callback.
 struct CycleWitness {
     std::atomic<uint64_t> cycles{0};
     std::atomic<uint64_t> backwards{0};  ///< sample times before the end of the preceding cycle
-    std::atomic<uint64_t> lostFrames{0}; ///< between cycles
+    std::atomic<uint64_t> lostFrames{0}; ///< gaps between consecutive cycles
     std::atomic<uint32_t> frames{0};     ///< of the last cycle
     std::atomic<double> sampleTime{-1.0}, rateScalar{0.0};
 
@@ -94,23 +94,23 @@ struct CycleWitness {
         rateScalar = cycle.now.rateScalar;
         ++cycles;
     }
-    /// Waits for `count` cycles more.
+    /// Waits for more than `count` further cycles.
     bool waitForMore(uint64_t count = 10) const
     {
         return eventually([this, end = cycles + count] { return cycles > end; });
     }
 
 private:
-    double _next = -1.0; // the IO thread's
+    double _next = -1.0; // used only by the IO thread
 };
 
-/// The callback that only looks.
+/// Returns an IO callback that only records its cycles in `witness`.
 inline AudioDeviceIOBlock witnessing(CycleWitness& witness)
 {
     return eachCycle([&witness](const IOCycle& cycle) { witness.see(cycle); });
 }
 
-/// An IO callback that runs until this is destroyed.
+/// Creates and starts an IO callback; the destructor destroys it.
 class RunningProc {
 public:
     RunningProc(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
@@ -124,7 +124,7 @@ public:
     RunningProc& operator=(const RunningProc&) = delete;
 
     AudioDeviceIOProcID id = nullptr;
-    HALStatus status = kAudioHardwareNoError; ///< of its start
+    HALStatus status = kAudioHardwareNoError; ///< result of start()
 
 private:
     HALModel& _hal;
@@ -135,7 +135,7 @@ inline constexpr AudioObjectPropertyAddress anyAddress{kAudioObjectPropertySelec
                                                        kAudioObjectPropertyScopeWildcard,
                                                        kAudioObjectPropertyElementWildcard};
 
-/// Records the changes that are announced of one object.
+/// Records the notifications of one object.
 class RecordingListener {
 public:
     RecordingListener(HALModel& hal, AudioObjectID object, AudioObjectPropertyAddress address,
@@ -186,7 +186,7 @@ private:
     const HALListener _listener;
 };
 
-/// An aggregate of these devices; the first leads unless `description` has another "master".
+/// Creates an aggregate of these devices; the first is the clock device unless `description` has a "master".
 inline AudioObjectID makeAggregate(HALModel& hal, const std::vector<std::string>& uids,
                                    CXPlist description = {{"uid", "aggregate"}})
 {

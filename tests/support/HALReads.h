@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-// Reading properties in tests. Nothing where the HAL returns an error.
+// Reads and writes of properties in tests. A read that the HAL fails returns nullopt or an empty list.
 
-/// The model of the process, for a test whose hardware it uses.
+/// Returns the process's model, which must be the one that uses this hardware.
 inline HALModel& modelOf(SimulatedHardware& /*hardware*/)
 {
     return *halActiveModel();
@@ -44,7 +44,7 @@ std::vector<Value> readList(auto& hal, AudioObjectID object, const AudioObjectPr
     uint32_t size = 0;
     if (modelOf(hal).propertySize(object, address, {}, size) != 0)
         return {};
-    std::vector<Value> values(size / sizeof(Value) + 16); // room for objects that come in between
+    std::vector<Value> values(size / sizeof(Value) + 16); // room for objects that are added in between
     if (modelOf(hal).readProperty(object, address, {}, std::as_writable_bytes(std::span(values)), size) != 0)
         return {};
     values.resize(size / sizeof(Value));
@@ -73,7 +73,7 @@ inline std::vector<AudioObjectID> readDevices(auto& hal)
     return readList<AudioObjectID>(hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDevices));
 }
 
-/// Those that do not hide: without the monitors of sinks.
+/// Returns the devices that are not hidden: all but the monitors of sinks.
 inline std::vector<AudioObjectID> readShownDevices(HALModel& hal)
 {
     std::vector<AudioObjectID> devices = readDevices(hal);
@@ -83,7 +83,7 @@ inline std::vector<AudioObjectID> readShownDevices(HALModel& hal)
     return devices;
 }
 
-/// The device of that UID; 0 when there is none.
+/// Returns the device with this UID; 0 if it does not exist.
 inline AudioObjectID deviceWithUID(auto& hal, const std::string& uid)
 {
     for (const AudioObjectID device : readDevices(hal)) {

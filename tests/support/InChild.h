@@ -7,8 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// Runs `body` in a process of its own, which starts with none of this one's threads: true when it came to its end
-/// without a failed expectation. For what a process does only once. The caller must not have threads.
+/// Runs `body` in a forked process, for code that runs once per process. Returns true if the child exited
+/// normally without a failed expectation. The caller must have no other threads: a fork does not copy them.
 [[nodiscard]] inline bool runInChild(const std::function<void()>& body)
 {
     std::fflush(nullptr);

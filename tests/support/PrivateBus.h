@@ -8,7 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// A message bus of the test's own, in place of the one whose address is in an environment variable.
+/// Starts a private message bus and stores its address in an environment variable in place of the user's bus.
 class PrivateBus {
 public:
     explicit PrivateBus(const char* variable)
@@ -26,7 +26,7 @@ public:
         }
         close(ends[1]);
         char line[512]{};
-        const ssize_t size = read(ends[0], line, sizeof line - 1); // when it listens
+        const ssize_t size = read(ends[0], line, sizeof line - 1); // returns when it listens
         close(ends[0]);
         EXPECT_GT(size, 1) << "dbus-daemon does not run";
         const std::string address(line);
@@ -34,7 +34,7 @@ public:
     }
     ~PrivateBus()
     {
-        if (_daemon <= 0) // kill() would mean every process of the user's
+        if (_daemon <= 0) // kill(-1) would end every process of the user
             return;
         kill(_daemon, SIGKILL);
         waitpid(_daemon, nullptr, 0);

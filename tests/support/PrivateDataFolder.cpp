@@ -1,5 +1,5 @@
-// Gives every test program a data directory of its own, so that no test reads or changes what the developer's programs
-// remember, and tests that run side by side do not meet. The library makes the folder when it first stores something.
+// Gives every test program a separate data folder, so that no test reads or changes the developer's settings,
+// and tests that run side by side do not interfere. The library creates the folder at the first write.
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,5 +1,5 @@
 #pragma once
 
-/// Takes every privilege from the calling thread, and from those that it starts, and the process's right to a real-time
-/// priority. For a process of its own.
+/// Drops all capabilities of the calling thread and of threads it starts later, and the process's permission
+/// to use real-time priorities. Aborts on failure. Cannot be undone: call it in a child process.
 void giveUpPrivileges();

@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <vector>
 
-// Ramps that count frames in steps of 2^-24, from 1: exact in a float, and a frame that is lost is missing from the ramp.
+// Ramps that count frames in steps of 2^-24, from 1: exact in a float; a lost frame leaves a gap in the
+// count.
 
 inline constexpr float rampStep = 1.0F / 16777216.0F;
 inline constexpr uint64_t rampMask = 0xFFFFFF;
@@ -14,7 +15,7 @@ inline float rampSample(uint64_t frame)
     return static_cast<float>((frame + 1) & rampMask) * rampStep;
 }
 
-/// How often a sample does not follow the one before. A stretch of silence within the ramp is one break.
+/// Returns how often a sample does not follow its predecessor. Silence within the ramp is one break.
 inline size_t breaksOf(const std::vector<float>& ramp)
 {
     size_t breaks = 0;

@@ -3,13 +3,13 @@
 #include <cstdint>
 #include <random>
 
-/// Numbers that are the same in every run: give it a fixed seed.
+/// Random numbers that are the same in every run; construct it with a fixed seed.
 class Random : public std::mt19937 {
 public:
     using std::mt19937::mt19937;
     /// 0 to bound - 1.
     uint32_t below(uint32_t bound) { return static_cast<uint32_t>((*this)() % bound); }
-    /// Between the two.
+    /// From `low` to `high`.
     template <class Real> Real between(Real low, Real high)
     {
         return std::uniform_real_distribution<Real>(low, high)(*this);

@@ -39,7 +39,7 @@ bool RealtimeCheck::isActive() noexcept
 
 namespace {
 
-/// Writes what was called, and from where, and ends the process.
+/// Prints the function and a stack, and aborts.
 [[noreturn]] void fail(const char* function)
 {
     const CXRealtimeExemption exemption("what follows allocates");
@@ -57,7 +57,7 @@ void check(const char* function)
         fail(function);
 }
 
-/// The definition that this program's own one hides.
+/// Returns the next definition of the function, which this program's own definition hides.
 template <class Function> Function* hidden(const char* name)
 {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -75,7 +75,7 @@ template <class Function> Function* hidden(const char* name)
 
 extern "C" {
 
-// The C library's own entry points, which need no look-up: dlsym itself allocates.
+// The C library's internal entry points: they need no dlsym(), which itself allocates.
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* pointer, size_t size);
@@ -126,7 +126,7 @@ int posix_memalign(void** result, size_t alignment, size_t size) noexcept
     return *result ? 0 : ENOMEM;
 }
 
-// An uncontended lock does not wait, but the next one may.
+// Uncontended locks are refused too: the next one may wait.
 CHECKED(int, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, (mutex))
 CHECKED(int, pthread_mutex_timedlock, (pthread_mutex_t * mutex, const timespec* until) noexcept,
         (mutex, until))
@@ -187,7 +187,7 @@ void* mmap(void* address, size_t size, int protection, int flags, int descriptor
     return original(address, size, protection, flags, descriptor, offset);
 }
 
-// Waiting on a futex has no function of its own. Waking a waiter is allowed: it never waits.
+// Code waits on a futex through syscall(). Waking a waiter is allowed: it never waits.
 long syscall(long number, ...) noexcept
 {
     va_list list;
@@ -210,7 +210,7 @@ long syscall(long number, ...) noexcept
 
 namespace {
 
-// The first stack of a process loads a library and allocates; that must not happen inside malloc.
+// The first backtrace() of a process loads a library and allocates, which must not happen inside malloc().
 [[maybe_unused]] const int loaded = [] {
     void* frame[1];
     return backtrace(frame, 1);

@@ -7,7 +7,7 @@
 #include <functional>
 #include <string>
 
-/// The reason of the assertion that fails in `body`; "(none)" where none does.
+/// Returns the reason of the assertion that fails in `body`; "(none)" if none fails.
 inline std::string reasonOf(const std::function<void()>& body)
 {
     try {

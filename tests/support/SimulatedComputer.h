@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-/// The one simulated computer of the process; each test finds it empty and leaves it so.
+/// The process's only simulated computer. Each test starts and ends with no devices and no injected faults.
 class SimulatedComputer : public testing::Test {
 protected:
     static constexpr bool input = true;
@@ -20,7 +20,7 @@ protected:
             hal.unplug(readText(hal, device, at(kAudioDevicePropertyDeviceUID)).value_or(""));
     }
 
-    /// Waits until every change so far has been announced to the listeners, and serves the main queue.
+    /// Waits until listeners have been notified of every change so far, and runs the work of the main queue.
     void settleHardware()
     {
         hal.settle();

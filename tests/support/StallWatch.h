@@ -6,8 +6,8 @@
 #include <chrono>
 #include <thread>
 
-/// Watches how late the machine wakes even a thread that precedes all others: on a virtual machine, for instance, the
-/// processor may be away for a while. What no program can prevent, no test should expect.
+/// Measures how late the machine wakes a thread of high real-time priority. On a virtual machine the
+/// processor may stall for a while; tests tolerate such stalls, because no program can prevent them.
 class StallWatch {
 public:
     explicit StallWatch(std::chrono::nanoseconds tolerated)

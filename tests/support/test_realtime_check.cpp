@@ -15,7 +15,7 @@
 
 namespace {
 
-// A check that sees nothing would let every real-time test pass.
+// If the check detected nothing, every real-time test would pass.
 TEST(RealtimeCheckDeathTest, endsTheProcessAtWhateverMayWait)
 {
     if (!RealtimeCheck::isActive())

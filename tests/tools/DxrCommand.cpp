@@ -20,7 +20,7 @@ std::string DxrCommand::file(const std::string& name, const std::string& content
 
 ToolResult DxrCommand::pipeline(const std::string& command) const
 {
-    // What a script has left waiting at a FIFO ends with it.
+    // Background jobs that still wait at a FIFO end with the script.
     file("script", "trap 'kill $(jobs -p) 2> /dev/null' EXIT; cd " + folder.string() +
                        "; d() { " DXR_TOOL " \"$@\" --simulated; }; { " + command + "; } > output 2> errors");
     const int status = std::system(("bash -o pipefail " + (folder / "script").string()).c_str());

@@ -14,7 +14,7 @@
 
 using enum HALDirection;
 
-/// The tool's audio on a stepped clock, where every sample can be compared.
+/// Tests the tool's audio on the stepped clock, where every sample can be compared.
 class ToolAudio : public testing::Test {
 protected:
     static constexpr int64_t second = 1'000'000'000; // ticks of the stepped clock
@@ -38,7 +38,7 @@ protected:
         played.clear();
         alsoPlayed.clear();
     }
-    /// Waits until the manager, and with it every runner, knows of all changes.
+    /// Waits until the manager and every runner have processed all changes.
     void settle()
     {
         for (int round = 0; round < 3; ++round) {
@@ -53,7 +53,7 @@ protected:
         settle();
         return DeviceSelection::find(text, direction);
     }
-    /// A device that plays its first channel into `into`.
+    /// A device that records its first output channel in `into`.
     static SimulatedDeviceBuilder player(const std::string& uid, std::vector<float>& into)
     {
         return aDevice().uid(uid).outputs(2).clockDomain(1).playsInto(SimulatedSink(
@@ -67,7 +67,7 @@ protected:
     {
         return aDevice().uid(uid).inputs(2).clockDomain(1).hears(simulatedRamp());
     }
-    /// Starts the session, and lets it settle.
+    /// Starts the session and waits until it has settled.
     template <class Part> void start(RunnerSession& session, const CXRef<Part>& part)
     {
         part->addTo(session);
@@ -90,7 +90,7 @@ protected:
         recorder->open(session.sampleRate());
         return recorder;
     }
-    /// In small steps, so that the session sees everything.
+    /// Advances in small steps, so that the session's polls miss nothing.
     void advance(RunnerSession& session, int64_t ticks)
     {
         for (; ticks > 0; ticks -= second / 10) {

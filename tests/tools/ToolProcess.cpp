@@ -16,7 +16,7 @@ namespace {
     if (maxFileBytes > 0) {
         const rlimit limit{maxFileBytes, maxFileBytes};
         setrlimit(RLIMIT_FSIZE, &limit);
-        std::signal(SIGXFSZ, SIG_IGN); // writing fails instead, as on a full disk
+        std::signal(SIGXFSZ, SIG_IGN); // writing fails instead of ending the process, as on a full disk
     }
     std::vector<char*> argv{const_cast<char*>("dxr")};
     for (const std::string& argument : arguments)
@@ -140,7 +140,7 @@ int ToolProcess::finish(std::chrono::seconds limit)
     while (_readSome(until)) {
     }
     if (_outputFD >= 0 || _errorFD >= 0)
-        kill(_child, SIGKILL); // it hangs; the status shows it
+        kill(_child, SIGKILL); // it hangs; the exit status shows the signal
     int status = 0;
     waitpid(_child, &status, 0);
     _child = -1;

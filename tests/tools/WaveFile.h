@@ -17,7 +17,8 @@ void writeWave(const std::string& path, int rate, int channels, int frames, Samp
     sf_writef_float(file.get(), samples.data(), frames);
 }
 
-/// The samples of a file as the command writes WAV: 32-bit floats, extensible; nothing for any other.
+/// Returns the samples of a file in the command's WAV format: extensible, 32-bit floats; empty for other
+/// formats.
 inline std::vector<float> samplesOf(const std::string& path, uint32_t channels)
 {
     SF_INFO info{};

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// The output of a command line, whose words have no spaces.
+/// Runs a command line whose words contain no spaces, followed by `more`.
 ToolResult run(const std::string& line, std::vector<std::string> more = {})
 {
     std::istringstream stream(line);
@@ -29,7 +29,7 @@ TEST_F(DxrCommand, separatesWrongUsageFromFailure)
           "set speakers --simulated --volume 25% --rate 96000",
           "aggregate create Both sim-speakers sim-loopback --seconds 0.3 --rate 44100 --simulated"}},
         {1,
-         {"list", // no server
+         {"list", // there is no server
           "list --hardware nowhere",
           "info 1 --simulated",
           "info nobody --simulated",
@@ -128,12 +128,12 @@ TEST_F(DxrCommand, listsTheSameDevicesAsTableAndAsJSON)
                   device["hidden"].get<bool>());
     for (const std::string& line : linesOf(pipeline("COLUMNS=20 d list").output))
         EXPECT_LE(std::ranges::count_if(line, [](char c) { return (c & 0xC0) != 0x80; }), 20) << line;
-    for (const char* line : {"list --all", "info sim-hidden"}) { // no name controls the terminal
+    for (const char* line : {"list --all", "info sim-hidden"}) { // names cannot control the terminal
         expectContains(run(line).output, "Service\\x1B[31m Port\\x0D\\x0A");
         EXPECT_FALSE(hasControls(run(line).output));
     }
 
-    // Every key is in the document, which names the version.
+    // The document describes every key and states the schema version.
     const std::string document = contentOf(DXR_JSON_DOCUMENT);
     expectContains(document, "`schema` | " + std::to_string((*receiver)["schema"].get<int>()));
     const std::function<void(const json&)> expectKeys = [&](const json& value) {

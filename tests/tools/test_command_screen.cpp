@@ -57,7 +57,7 @@ TEST_F(DxrCommand, demonstratesItself)
           "Headphones: volume 100% -> 60%, as remembered", "yes reported", "yes known", "yes time",
           " restarts, "})
         expectContains(printed, line);
-    if (printed.find("0 late cycles") != std::string::npos) // else the machine was too busy for good sound
+    if (printed.find("0 late cycles") != std::string::npos) // otherwise too busy for good sound
         expectContains(printed, "yes sound");
     EXPECT_EQ(status, printed.find("\nNO ") == std::string::npos ? 0 : 1) << printed;
     EXPECT_FALSE(std::filesystem::exists(std::getenv("XDG_DATA_HOME"))) << "the user's settings";
@@ -103,7 +103,7 @@ TEST_F(DxrCommand, writesItsManualAndCompletesItself)
     });
 }
 
-/// The terminal is as it was before.
+/// Checks that the terminal is restored.
 void expectRestored(ToolProcess& tool)
 {
     EXPECT_TRUE(tool.isCooked());

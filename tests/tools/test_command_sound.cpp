@@ -116,7 +116,7 @@ TEST_F(DxrCommand, leavesAValidRecordingHoweverItEnds)
     }
 }
 
-// Frequency, loudness, place in time, length and channels stay; noise comes only with --fast.
+// Frequency, loudness, position in time, length and channels are kept; only --fast adds noise.
 TEST_F(DxrCommand, resamplesAFileIntoTheSameSound)
 {
     constexpr double hertz[3] = {100, 440, 1000}, high[3] = {100, 1000, 10000},
@@ -139,7 +139,7 @@ TEST_F(DxrCommand, resamplesAFileIntoTheSameSound)
         ASSERT_EQ(samples.size(), 3 * static_cast<size_t>(row.to));
         for (size_t c = 0; c < 3; ++c) {
             const double step = 2 * std::numbers::pi * row.tones[c] / row.to;
-            double worst = 0; // away from the start and the end
+            double worst = 0; // except near the start and the end
             std::vector<float> middle;
             for (size_t k = 200; k + 200 < static_cast<size_t>(row.to); ++k) {
                 middle.push_back(samples[3 * k + c]);

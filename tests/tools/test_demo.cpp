@@ -13,7 +13,7 @@ using Context = DXRCycleRecord::Context;
 constexpr uint64_t second = 1'000'000'000;
 constexpr double rate = 48000.0;
 
-/// A run of 12 s as it should be: the headphones are away from second 3 to 5, all devices from 7 to 9.
+/// A correct run of 12 s: the headphones are unplugged from second 3 to 5, all devices from 7 to 9.
 struct DemoRun {
     std::vector<DXRCycleRecord> records;
     std::vector<DemoTone> tones;

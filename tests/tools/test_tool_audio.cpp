@@ -5,7 +5,7 @@ namespace {
 TEST_F(ToolAudio, loopsEveryFrameToEveryOutputWithAnyCycles)
 {
     struct {
-        uint32_t inputFrames, outputFrames, blockFrames; // 0: the devices decide
+        uint32_t inputFrames, outputFrames, blockFrames; // 0: chosen by the devices
         double rate;
     } const rows[] = {{512, 512, 0, 48000},
                       {64, 64, 0, 96000},
@@ -52,7 +52,7 @@ TEST_F(ToolAudio, reportsEveryLostCycleAndIsExactBetweenThem)
     for (int i = 0; i < 3; ++i) {
         hal.loseCycles("in", 2);
         advance(session, second / 2);
-        settle(); // overloads in fast succession may be reported at once
+        settle(); // overloads in quick succession may be reported as one
     }
     session.stop();
     EXPECT_EQ(session.statistics().gaps, 3U);
@@ -77,7 +77,7 @@ TEST_F(ToolAudio, followsTheDefaultDevice)
     hal.setDefault(Output, "out2");
     settle();
     for (int look = 0; look < 10'000 && session.statistics().restarts == 0; ++look) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1)); // the runner's own queue
+        std::this_thread::sleep_for(std::chrono::milliseconds(1)); // for the runner's queue
         session.poll();
     }
     played.clear();
@@ -98,13 +98,13 @@ TEST_F(ToolAudio, knowsChannelsFromNamesWithColons)
     settle();
     struct {
         std::string text;
-        std::string uid; // empty: no such device, or channel
+        std::string uid; // empty: no such device or channel
         std::vector<uint32_t> channels;
     } const rows[] = {
         {"Desk", "in", {1, 2, 3, 4, 5, 6, 7, 8}},
         {"Desk:2", "in", {2}},
         {"Desk:3-6,1", "in", {3, 4, 5, 6, 1}},
-        {"usb:1,2", "in2", {1, 2, 3, 4, 5, 6, 7, 8}}, // a whole name first
+        {"usb:1,2", "in2", {1, 2, 3, 4, 5, 6, 7, 8}}, // complete names take precedence
         {"usb:1,2:1,2", "in2", {1, 2}},
         {R"({"uid":"in"}:7)", "in", {7}},
         {R"({"uid":"in"})", "in", {1, 2, 3, 4, 5, 6, 7, 8}},

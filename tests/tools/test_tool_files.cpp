@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Each in a file of its own, which is removed at the end.
+/// Each test has a separate file, which the destructor removes.
 class ToolFiles : public ToolAudio {
 protected:
     ~ToolFiles() override { std::filesystem::remove(path); }
@@ -80,7 +80,7 @@ TEST_F(ToolFiles, recordsAsLongAsItTook)
 
 TEST_F(ToolFiles, playsEveryFrameOnceOnEveryOutput)
 {
-    constexpr int frames = 200'003; // no multiple of any cycle, and more than the ring holds
+    constexpr int frames = 200'003; // not a multiple of any cycle length, and longer than the ring
     writeWave(path, 44100, 2, frames, [](int frame, int channel) {
         return channel == 0 ? static_cast<float>(frame + 1) / 16777216.0F : -1.0F;
     });
@@ -94,7 +94,7 @@ TEST_F(ToolFiles, playsEveryFrameOnceOnEveryOutput)
             FilePlayer::initWithFile(SoundFileReader(path), outputs, {{{{0}}, {{1}}}, {{{0}}, {{1}}}});
         start(session, player);
         player->open();
-        advance(session, 4 * second); // the file is not read on here, and the ring runs empty
+        advance(session, 4 * second); // nothing reads the file meanwhile, so the ring runs empty
         for (int i = 0; i < 20; ++i) {
             player->feed();
             advance(session, second / 10);
@@ -121,7 +121,7 @@ TEST_F(ToolFiles, mixesChannelsThatADeviceDoesNotHave)
     for (const bool isDownmixed : {false, true}) {
         played.clear();
         SoundFileReader reader(path);
-        reader.setFrameCount(3 * 4800 + 100); // repeated
+        reader.setFrameCount(3 * 4800 + 100); // beyond the end: the file repeats
         RunnerSession session(interrupts, 512, 48000);
         const CXRef<FilePlayer> player = FilePlayer::initWithFile(
             std::move(reader), {output}, {(isDownmixed ? downmixChannelMap : straightChannelMap)(6, output)});

@@ -14,7 +14,7 @@ class ToolText : public testing::Test {
 protected:
     ToolText() { std::setlocale(LC_CTYPE, "C.UTF-8"); }
 
-    const Terminal terminal; // no colours: it is none
+    const Terminal terminal; // no colours, because output is not a terminal
 };
 
 TEST_F(ToolText, cutsTextToTheColumnsItTakes)

@@ -29,7 +29,7 @@ DXRCycleRecord contextEvent(Event event, Context context, uint64_t ticks, uint32
     return record;
 }
 
-/// Cycle number `i` of a device, which came in and took so long.
+/// Cycle number `i` of a device, with this lateness, run time and number of lost frames.
 DXRCycleRecord cycle(uint64_t i, uint64_t lateness = 50'000, uint64_t run = 20'000, uint64_t lost = 0)
 {
     DXRCycleRecord record;
@@ -50,7 +50,7 @@ TEST(CycleStatistics, countsGapsAndLateCyclesAndTheirCause)
     CycleStatistics statistics;
     statistics.note(contextEvent(Event::ContextStarted, Context::Device, begin));
     statistics.note(cycle(0));
-    statistics.note(cycle(1, 50'000, 20'000, 960)); // while it does not count
+    statistics.note(cycle(1, 50'000, 20'000, 960)); // before beginCounting(): not counted
     EXPECT_FALSE(statistics.isSettled(48000));
     for (uint64_t i = 2; i < 40; ++i)
         statistics.note(cycle(i, 50'000, 20'000, 960));
@@ -59,8 +59,8 @@ TEST(CycleStatistics, countsGapsAndLateCyclesAndTheirCause)
     statistics.beginCounting();
 
     statistics.note(cycle(40, 50'000, 20'000, 960));
-    statistics.note(cycle(41, 50'000, 9'960'000, 960));    // too long
-    statistics.note(cycle(42, 9'000'000, 1'100'000, 960)); // too late to be done in time
+    statistics.note(cycle(41, 50'000, 9'960'000, 960));    // runs too long
+    statistics.note(cycle(42, 9'000'000, 1'100'000, 960)); // starts too late to end in time
     statistics.note(cycle(43, 50'000, 20'000, 1440));
     EXPECT_EQ(statistics.gaps, 1U);
     EXPECT_EQ(statistics.lostFrames, 480U);
@@ -70,7 +70,7 @@ TEST(CycleStatistics, countsGapsAndLateCyclesAndTheirCause)
     EXPECT_EQ(statistics.longestRun, 9'960'000U);
     EXPECT_FALSE(statistics.isSettled(48000)) << "not after a gap";
 
-    // Another context has another sample time: no gap. Dropped records hide gaps, and are counted.
+    // Another context has another sample time, which is not a gap. Dropped records hide gaps and are counted.
     DXRCycleRecord other = cycle(44, 50'000, 20'000, 777);
     other.contextNumber = 2;
     statistics.note(contextEvent(Event::ContextStarted, Context::Device, begin, 2));
@@ -89,7 +89,7 @@ TEST(TickHistogram, findsQuantilesToWithinABin)
     EXPECT_EQ(histogram.quantileSeconds(0.5), 0.0);
     for (int i = 1; i <= 1000; ++i)
         histogram.note(i * 1e-6);
-    histogram.note(100.0); // beyond all bins
+    histogram.note(100.0); // beyond the last bin
     EXPECT_NEAR(histogram.quantileSeconds(0.5), 500e-6, 50e-6);
     EXPECT_NEAR(histogram.quantileSeconds(0.99), 990e-6, 99e-6);
     EXPECT_EQ(histogram.quantileSeconds(1.0), 10.0) << "where the last bin ends";
@@ -104,7 +104,7 @@ TEST(ChromeTraceWriter, isValidAndMarksEveryEvent)
         contextEvent(Event::ContextStarted, Context::Device, begin - 2'000'000)};
     for (uint64_t i = 0; i < 5; ++i)
         records.push_back(cycle(i));
-    records.push_back(cycle(5, 50'000, 10'000'000, 480)); // late, and after a gap
+    records.push_back(cycle(5, 50'000, 10'000'000, 480)); // late and after a gap
     records.push_back(contextEvent(Event::ContextStopped, Context::Device, begin + 60'000'000));
     records.push_back(contextEvent(Event::ContextFailed, Context::None, begin + 62'000'000, 2));
     records.push_back(contextEvent(Event::ContextStarted, Context::Timer, begin + 64'000'000, 3));

@@ -5,8 +5,8 @@
 
 #include <map>
 
-/// Turns a driver's rig into one whose devices are aggregates: of one device for the input, which leads, and another
-/// for the output; where there are only outputs, of a device that leads and one that is absent.
+/// Wraps a driver's rig so that each device is an aggregate of an input device, an output device and an
+/// absent one; the first is the clock device. A direction without channels has no device.
 class AggregateRig final : public ConformanceRig {
 public:
     explicit AggregateRig(std::unique_ptr<ConformanceRig> devices) : _devices(std::move(devices)) {}

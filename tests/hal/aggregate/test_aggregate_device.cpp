@@ -12,7 +12,7 @@ namespace {
 
 constexpr float rampStep = 1.0F / 16777216.0F;
 
-/// Copies the aggregate's input streams to its output streams as far as there are both.
+/// Copies each of the aggregate's input streams to the output stream with the same index, if it exists.
 class Copier : public CycleWitness {
 public:
     Copier(HALModel& hal, AudioObjectID device)
@@ -21,7 +21,7 @@ public:
 
     HALStatus status() const { return _proc.status; }
     uint64_t withoutData = 0;
-    std::map<uint32_t, float> peaks; // of input streams, since they were cleared
+    std::map<uint32_t, float> peaks; // peak level of each input stream since the last clear()
 
 private:
     void _copy(const IOCycle& cycle)
@@ -42,7 +42,7 @@ private:
     const RunningProc _proc;
 };
 
-/// Devices on the stepped clock, and aggregates of them.
+/// Tests aggregates of devices on the stepped clock.
 class AggregateDevices : public testing::Test {
 protected:
     AudioObjectID aggregateOf(const std::vector<std::string>& uids)
@@ -58,10 +58,10 @@ protected:
         for (; seconds > 0.0; seconds -= 0.1) {
             hal->advance(100'000'000);
             hal->settle();
-            hal->settle(); // what following the first changes has changed
+            hal->settle(); // changes that the first ones caused
         }
     }
-    /// In the next half second cycles go on, and these of the input streams are heard, the others silent.
+    /// Checks that cycles continue for half a second, in which only these input streams have sound.
     void expectSound(Copier& copier, const std::set<uint32_t>& streams)
     {
         const uint64_t cycles = copier.cycles;
@@ -78,7 +78,7 @@ protected:
     const CXRef<HALModel> model = HALModel::initWithDriver(hal);
 };
 
-/// The first channel that a device has played.
+/// Records the first channel that a device plays.
 struct Recording {
     std::vector<float> samples;
     SimulatedSink sink()
@@ -151,7 +151,7 @@ TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
     EXPECT_EQ(readList<AudioValueRange>(*model, device, at(kAudioDevicePropertyAvailableNominalSampleRates)),
               (std::vector<AudioValueRange>{{48000, 48000}, {96000, 96000}}));
     EXPECT_EQ(read<uint32_t>(device, kAudioDevicePropertyBufferFrameSize), 512U) << "the clock's";
-    // The longest way: through the ring to the device that does not lead.
+    // The longest path: through the ring to the device that is not the clock.
     EXPECT_GT(*readValue<uint32_t>(*model, device, at(kAudioDevicePropertyLatency, output)), 256U);
 
     const auto rate = at(kAudioDevicePropertyNominalSampleRate);
@@ -164,7 +164,8 @@ TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
 
 TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
 {
-    // A tone on each of two inputs, played by the other's outputs, through clocks 300 ppm apart; and another rate.
+    // A tone on each of two inputs, played on the other device's outputs, with clocks 300 ppm apart; another
+    // rate.
     Recording plain, bridged, converted;
     hal->plug(
         aDevice().uid("clock").inputs(2).outputs(2).hears(simulatedTone(1000.0)).playsInto(bridged.sink()));
@@ -288,11 +289,11 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
         expectSound(copier, {0, 1});
     }
 
-    hal->unplug("clock"); // the next takes over
+    hal->unplug("clock"); // the next device becomes the clock
     advance(0.2);
     expectSound(copier, {1});
     EXPECT_TRUE(subDeviceStatus(*model, device)[1].isClock);
-    hal->unplug("other"); // and without any, the next that is plugged
+    hal->unplug("other"); // no device is left: the next one plugged becomes the clock
     advance(0.2);
     hal->plug(clock);
     advance(0.5);
@@ -324,10 +325,10 @@ TEST_F(AggregateDevices, survivesWhatSubDevicesDo)
     streams = {1, 2};
     change("other", [](SimulatedDeviceBuilder& other) { other.inputs(6); });
     EXPECT_EQ(channelsOf(*model, device, input), 10U);
-    change("other", [](SimulatedDeviceBuilder& other) { other.drift(-81250.0); }); // far from nominal
+    change("other", [](SimulatedDeviceBuilder& other) { other.drift(-81250.0); }); // far off nominal
     EXPECT_NEAR(subDeviceStatus(*model, device)[1].partsPerMillion, -81250.0, 100.0);
     EXPECT_EQ(copier.backwards, 0U);
-    EXPECT_EQ(model->destroyAggregateDevice(device), kAudioHardwareNoError); // while it runs
+    EXPECT_EQ(model->destroyAggregateDevice(device), kAudioHardwareNoError); // while IO runs
     const uint64_t cycles = copier.cycles;
     advance(0.3);
     EXPECT_EQ(copier.cycles, cycles);
@@ -379,7 +380,7 @@ TEST_F(AggregateDevices, takesOverNoFailureThatIsNotItsOwn)
                     .empty());
 }
 
-/// With an IO thread for each device: tracks are taken away and joined under running cycles, and runs are ended.
+/// Each device has an IO thread: sub-devices leave and join while cycles run, and runs end.
 TEST(AggregateDevicesInRealTime, keepsGoingWhileSubDevicesComeAndGo)
 {
     const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::RealTime);

@@ -16,7 +16,7 @@ constexpr uint64_t cycleNanoseconds(uint32_t frames)
     return uint64_t{frames} * 1'000'000'000 / 48000;
 }
 
-/// Frames whose value is their number, on two channels, the second negative.
+/// Frames of two channels; each value is the frame's number, negative in the second channel.
 std::vector<float> numbered(uint64_t first, uint32_t frames)
 {
     std::vector<float> samples;
@@ -27,8 +27,8 @@ std::vector<float> numbered(uint64_t first, uint32_t frames)
     return samples;
 }
 
-/// Between clocks that are one, frames must come out as they went in, each once and in order, while two threads do
-/// their cycles at whatever pace the machine gives them.
+/// Between two devices of one clock, frames must arrive unchanged, each once and in order, while two threads
+/// run their cycles at whatever pace the machine allows.
 TEST(ClockBridge, passesEveryFrameOnceBetweenTwoThreads)
 {
     const CXRef<ClockBridge> bridge = ClockBridge::initWithSettings({48000.0, 48000.0, 64, 48, 2, false});
@@ -40,7 +40,7 @@ TEST(ClockBridge, passesEveryFrameOnceBetweenTwoThreads)
             const uint32_t frames = 1 + random.below(64);
             std::vector<float> samples = numbered(frame, frames);
             const HALStreamBlock stream{samples.data(), 2};
-            while (frame > taken + 600) // as far ahead as a clock could be
+            while (frame > taken + 600) // no farther ahead than a clock could be
                 std::this_thread::yield();
             {
                 const CXRealtimeScope realtime;
@@ -64,7 +64,7 @@ TEST(ClockBridge, passesEveryFrameOnceBetweenTwoThreads)
         for (size_t i = 0; i < 96; i += 2) {
             wrongPairs += samples[i] != -samples[i + 1];
             silent += samples[i] == 0.0F;
-            // A fade is no whole number; frames after it go on by one.
+            // Samples in a fade are not integers; frames after it are consecutive again.
             const bool isWhole = samples[i] == std::floor(samples[i]);
             breaks += isWhole && last != 0.0F && samples[i] != last + 1.0F && samples[i] != 0.0F;
             last = isWhole ? samples[i] : 0.0F;
@@ -85,8 +85,8 @@ TEST(ClockBridge, isSilentBeforeThereIsSoundAndSurvivesCyclesThatDoNotFit)
     EXPECT_TRUE(std::ranges::all_of(output, [](float sample) { return sample == 0.0F; }));
     std::vector<float> large(1024, 1.0F);
     const HALStreamBlock tooLong{large.data(), 2};
-    bridge->write(1'000'000'000, 0, std::span(&tooLong, 1), 512); // longer than was agreed
-    for (uint64_t cycle = 0; cycle < 2000; ++cycle)               // nobody reads: it must not run over
+    bridge->write(1'000'000'000, 0, std::span(&tooLong, 1), 512); // longer than the agreed frame count
+    for (uint64_t cycle = 0; cycle < 2000; ++cycle)               // nothing is read: must not overflow
         bridge->write(1'000'000'000 + cycle * cycleNanoseconds(64), cycle * 64, std::span(&none, 1), 64);
     for (uint64_t cycle = 1; cycle < 200; ++cycle)
         bridge->read(4'000'000'000 + cycle * cycleNanoseconds(64), 190000 + cycle * 64, std::span(&stream, 1),

@@ -1,5 +1,6 @@
-// What an aggregate does about clocks that drift: the controller, ring and resampler that join real devices, driven by the
-// cycles of two clocks that are known exactly. A day takes seconds, and every run gives the same.
+// Tests how an aggregate handles drifting clocks: the controller, ring and resampler of real aggregates,
+// driven by the cycles of two clocks that are known exactly. A simulated day takes seconds, and all runs give
+// the same result.
 #include "ClockBridge.h"
 #include "SineFit.h"
 
@@ -20,30 +21,31 @@ constexpr double faultAt = 40.0;
 struct Clock {
     double rate = 48000.0; // nominal, Hz
     uint32_t frameCount = 512;
-    double partsPerMillion = 0.0;       // faster than nominal
-    double wanderPartsPerMillion = 0.0; // on top, as temperature does: a sine of twenty minutes
+    double partsPerMillion = 0.0;       // clock error; positive: fast
+    double wanderPartsPerMillion = 0.0; // added, as by temperature: a sine with a period of twenty minutes
 };
 
 struct Fault {
     enum class Kind {
-        ThreadStalls, // its cycles wait, and then come in one burst
-        ClockPauses,  // its time stands still, and goes on where it was
-        LosesCycles,  // its time passes, without cycles
-        RateChanges   // by `partsPerMillion`
+        ThreadStalls, // its cycles are delayed and then run in one burst
+        ClockPauses,  // its clock stops and continues where it stopped
+        LosesCycles,  // its clock runs, but cycles are missing
+        RateChanges   // its rate changes by `partsPerMillion`
     };
     Kind kind = Kind::RateChanges;
     bool isWriter = true;
-    double seconds = 0.0; // how long
+    double seconds = 0.0; // duration
     double partsPerMillion = 0.0;
 };
 
-/// Frames go from the writer's cycles to the reader's. Every cycle's thread wakes late, and its time stamp is late by
-/// as much: by some 57 microseconds in the middle with 64 frames and 114 with 512 or more, which was seen on a real
-/// server, by 0.6 to 3 times that as a rule, and once in 2000 cycles by up to 0.4 milliseconds more.
+/// Frames pass from the writer's cycles to the reader's. The thread of every cycle wakes late, and its time
+/// stamp is late by the same time. The median is 57 microseconds with 64 frames and 114 with 512 or more, as
+/// measured on a real server; most values are 0.6 to 3 times the median, and one cycle in 2000 is up to 0.4
+/// milliseconds later.
 struct Scenario {
     Clock writer = {}, reader = {};
     double seconds = 120.0;
-    double lateness = 1.0; // that many times what was seen
+    double lateness = 1.0; // multiple of the measured lateness
     bool compensates = true;
     Fault fault = {};
 };
@@ -55,11 +57,11 @@ std::ostream& operator<<(std::ostream& to, const Scenario& scenario)
               << ", lateness " << scenario.lateness;
 }
 
-/// A cycle, when it is run: what its thread knows, and what is true.
+/// A cycle that runs: the times its thread is passed, and the true time.
 struct Cycle {
     uint64_t hostNanoseconds;
     uint64_t sampleTime;
-    double seconds; // when its device's clock was there
+    double seconds; // when the device's clock reached this sample time
 };
 
 class Device {
@@ -75,7 +77,7 @@ public:
             _clock.wanderPartsPerMillion * std::sin(2.0 * std::numbers::pi * seconds / 1200.0);
         return 1.0 + (_clock.partsPerMillion + wander) * 1e-6;
     }
-    /// Where the clock stands, in frames, shortly before the next cycle.
+    /// The clock's position, in frames, shortly before the next cycle.
     double frameAt(double seconds) const
     {
         return static_cast<double>(_sampleTime) + _clock.frameCount -
@@ -84,7 +86,7 @@ public:
 
     Cycle run(std::mt19937_64& random)
     {
-        constexpr double origin = 10.0; // of the host clock, so that no stamp is near zero
+        constexpr double origin = 10.0; // host time at the start: no stamp is near zero
         const Cycle cycle{static_cast<uint64_t>((origin + wakes()) * 1e9), _sampleTime, _next};
         _advance(1);
         std::exponential_distribution<double> tail(std::numbers::ln2);
@@ -92,7 +94,7 @@ public:
         _late = _median * (0.6 + 0.4 * tail(random));
         if (even(random) < 1.0 / 2000.0)
             _late += even(random) * 0.4e-3 * (_median > 0.0 ? 1.0 : 0.0);
-        _stalledUntil += 50e-6; // between the cycles of a burst
+        _stalledUntil += 50e-6; // interval of the cycles in a burst
         return cycle;
     }
 
@@ -158,19 +160,19 @@ struct Simulation {
                 read(reader.run(random));
         }
     }
-    /// Of the writer's rate to the reader's.
+    /// The ratio of the writer's rate to the reader's.
     double ratioAt(double seconds) const { return writer.ratioAt(seconds) / reader.ratioAt(seconds); }
 
     const Scenario scenario;
     Device writer, reader;
 };
 
-/// What the controller did: many moments, evenly spread, and its counts.
+/// The controller's results: evenly spaced points, and its counts.
 struct Outcome {
     struct Point {
         double seconds;
         double rateError;   // of the reading rate, parts per million
-        double delayFrames; // from the writer's clock to the reading position, exactly
+        double delayFrames; // exact, from the writer's clock to the reading position
     };
     std::vector<Point> points;
     uint64_t lostFrames = 0;
@@ -196,7 +198,7 @@ struct Outcome {
         return std::sqrt(mean(settledAfter, HUGE_VAL,
                               [](const Point& point) { return point.rateError * point.rateError; }));
     }
-    /// From when on it was within half a frame of a delay for ten seconds.
+    /// The time from which the delay stayed within half a frame of `delayFrames` for ten seconds.
     double settledSeconds(double delayFrames) const
     {
         double settled = 0.0;
@@ -208,7 +210,7 @@ struct Outcome {
         }
         return settled;
     }
-    /// The farthest from a delay.
+    /// The largest deviation from `delayFrames` after settling.
     double wander(double delayFrames) const
     {
         double farthest = 0.0;
@@ -251,13 +253,14 @@ Outcome simulateDrift(const Scenario& scenario)
     return outcome;
 }
 
-/// dB of a tone, of any level, phase and frequency, to the rest: noise, and the sidebands of a ratio that wobbles.
+/// Ratio in dB of a tone, of any level, phase and frequency, to the rest: noise, and sidebands of a wobbling
+/// ratio.
 struct ToneQuality {
     double mean = 0.0;
-    double worstBlock = HUGE_VAL; // of a tenth of a second
+    double worstBlock = HUGE_VAL; // lowest ratio in any tenth of a second
 };
 
-/// Sends a sine through the whole path, and fits it to each tenth of a second since it settled.
+/// Sends a sine through the whole path, and fits one to each tenth of a second after settling.
 ToneQuality simulateTone(const Scenario& scenario, double hertz)
 {
     Simulation simulation(scenario);
@@ -296,14 +299,14 @@ ToneQuality simulateTone(const Scenario& scenario, double hertz)
     return quality;
 }
 
-/// Of the simulated time, in the long runs: DXR_SOAK_SECONDS.
+/// Returns DXR_SOAK_SECONDS, the simulated time of soaks, or `otherwise` if unset.
 double secondsOr(double otherwise)
 {
     const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
     return seconds ? std::atof(seconds) : otherwise;
 }
 
-/// The clocks and cycle lengths that the promises are held for.
+/// The clocks and cycle lengths for which the drift limits are tested.
 std::vector<Scenario> driftScenarios(double seconds)
 {
     constexpr uint32_t frames[][2] = {{64, 64}, {256, 256}, {1024, 1024}, {64, 1024}, {1024, 256}};
@@ -317,7 +320,7 @@ std::vector<Scenario> driftScenarios(double seconds)
             scenarios.push_back(scenario);
         }
         scenario.writer.partsPerMillion = 0.0;
-        scenario.writer.wanderPartsPerMillion = 10.0; // 20 from peak to peak, in ten minutes
+        scenario.writer.wanderPartsPerMillion = 10.0; // 20 peak to peak, within ten minutes
         scenario.seconds = std::max(seconds, 1200.0);
         scenarios.push_back(scenario);
     }
@@ -353,13 +356,13 @@ TEST(Drift, leavesTonesClean)
     for (Scenario& scenario : scenarios) {
         SCOPED_TRACE(testing::Message() << scenario);
         scenario.seconds = secondsOr(0.0) > 0.0 ? 120.0 : 40.0;
-        const ToneQuality tone = simulateTone(scenario, 10000.0); // a higher one shows more of a wobble
+        const ToneQuality tone = simulateTone(scenario, 10000.0); // a high frequency shows wobble best
         EXPECT_GE(tone.mean, 100.0);
         EXPECT_GE(tone.worstBlock, scenario.lateness == 0.0 ? 120.0 : 85.0);
     }
 }
 
-/// A fault costs the sound that was missing and little more, and leaves the delay as it was.
+/// A fault loses little more than the missing sound, and the delay afterwards is the same as before.
 TEST(Drift, comesBackToTheSameDelayAfterAFault)
 {
     using Kind = Fault::Kind;
@@ -394,10 +397,10 @@ TEST(Drift, comesBackToTheSameDelayAfterAFault)
         }
 }
 
-/// Lost cycles one after the other are no other rate.
+/// Repeated losses of cycles must not be taken for another rate.
 TEST(Drift, keepsTheRateThroughRepeatedJumps)
 {
-    constexpr uint64_t period = 10'666'667;    // nanoseconds of 512 frames
+    constexpr uint64_t period = 10'666'667;    // ns; 512 frames
     for (const uint64_t apart : {3, 12, 30}) { // cycles
         ClockTracker tracker(48000.0);
         uint64_t frame = 0;
@@ -425,7 +428,7 @@ TEST(Drift, leavesOneClockAlone)
     EXPECT_LT(outcome.wander(outcome.delay(30.0, 60.0)), 0.01);
     EXPECT_EQ(outcome.lostFrames + outcome.resynchronisations, 0U);
 
-    scenario.writer.partsPerMillion = 300.0; // left alone though it should not be
+    scenario.writer.partsPerMillion = 300.0; // drifts although compensation is off
     outcome = simulateDrift(scenario);
     EXPECT_GE(outcome.resynchronisations, 1U);
     EXPECT_LE(outcome.resynchronisations, 8U);

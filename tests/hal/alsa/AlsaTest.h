@@ -11,7 +11,7 @@
 
 namespace fs = std::filesystem;
 
-/// A folder of the test's own.
+/// A private temporary folder, removed with its contents by the destructor.
 class Folder {
 public:
     Folder() : path(fs::temp_directory_path() / ("alsa-test-" + std::to_string(getpid())))
@@ -27,7 +27,7 @@ public:
     const fs::path path;
 };
 
-/// The driver over faked cards, whose time waits for a late test.
+/// Tests the driver over faked cards, whose clocks wait for a late test.
 class AlsaTest : public testing::Test {
 protected:
     ~AlsaTest() override { FakedCards::unplugAll(); }
@@ -56,12 +56,12 @@ protected:
         return readValue<Value>(*hal, object, at(selector, scope));
     }
 
-    const Folder root; // in place of /sys and /proc: empty
+    const Folder root; // replaces /sys and /proc: empty
     const CXRef<AlsaDriver> driver = AlsaDriver::init(3, root.path);
     const CXRef<HALModel> hal = HALModel::initWithDriver(driver);
 };
 
-/// A device that plays a ramp and checks that its input is one: frame k is k * step, modulo 1.
+/// Plays a ramp on a device and checks that its input is one: frame k is k * step, modulo 1.
 class Ramp : public CycleWitness {
 public:
     Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID)
@@ -81,8 +81,8 @@ public:
     }
 
     std::atomic<uint64_t> heard{0}; ///< frames that continued the ramp
-    std::atomic<uint64_t> jumps{0}; ///< frames that did not, silence left out
-    /// Between a sample's output and its input time, less what was measured.
+    std::atomic<uint64_t> jumps{0}; ///< frames that did not, except silence
+    /// From a sample's output time to its input time.
     std::atomic<double> latencyFrames{0.0};
     std::atomic<float> step{1.0F / 1048576.0F};
 
@@ -101,7 +101,7 @@ private:
         }
         see(cycle);
     }
-    /// What was played at a time carries that time.
+    /// The value of a sample is the sample time at which it was played.
     void _hear(float sample, double time) noexcept
     {
         const bool continues = sample == _last + step || sample < _last - 0.9F;
@@ -116,5 +116,5 @@ private:
     HALModel& _hal;
     const AudioObjectID _deviceID;
     AudioDeviceIOProcID _procID = nullptr;
-    float _last = 0.0F; // the IO thread's
+    float _last = 0.0F; // used only by the IO thread
 };

@@ -1,4 +1,4 @@
-// The conformance suite over the kernel's own cards: scripts/kernel/conformance.sh.
+// Runs the conformance suite over the kernel's own cards: scripts/kernel/conformance.sh.
 #include "ConformanceRig.h"
 #include "HALIO.h"
 
@@ -11,15 +11,15 @@
 
 namespace {
 
-/// A card of this machine: what is written to which file of /sys plugs it in and unplugs it.
+/// A card of this machine. Writing `plugText` or `unplugText` to its file in /sys plugs or unplugs it.
 struct KernelCard {
     uint32_t inputs = 0, outputs = 0;
     std::string plugFile, plugText, unplugFile, unplugText;
     bool isPlugged = false;
-    std::string uid; // its device's, once that has been seen
+    std::string uid; // of its device; empty until the device has appeared
 };
 
-/// The cards that a line each of the file $DXR_CARDS describes, all of them unplugged at first.
+/// Reads the cards from the file $DXR_CARDS, one per line. All of them must be unplugged at first.
 std::vector<KernelCard> readCards()
 {
     const char* const path = std::getenv("DXR_CARDS");

@@ -1,4 +1,4 @@
-// Loaded before a program, gives it one faked card, which does not wait for it.
+// Preloaded into a program, this library adds one faked card whose clock does not wait for the program.
 #include "FakedCards.h"
 
 namespace {

@@ -1,5 +1,5 @@
-// alsa_facts PLAYBACK [CAPTURE]: what alsa-lib returns in every state that the driver meets, one line each, so that the faked
-// cards can be compared with the kernel's: scripts/kernel/facts.sh.
+// alsa_facts PLAYBACK [CAPTURE]: prints, one per line, what alsa-lib returns in every state that the driver
+// handles, to compare the faked cards with the kernel's (scripts/kernel/facts.sh).
 #include <alsa/asoundlib.h>
 #include <cerrno>
 #include <initializer_list>
@@ -22,7 +22,7 @@ std::string name(long result)
     return text ? text : "?";
 }
 
-/// The state after a call is part of what it did: braces are evaluated from left to right.
+/// A braced list is evaluated from left to right, so a state is read after the call before it.
 struct Fact {
     const char* what;
     std::string value;
@@ -36,7 +36,7 @@ void line(const char* access, const char* situation, std::initializer_list<Fact>
     std::printf("\n");
 }
 
-/// One direction of a card, open.
+/// One open direction of a card.
 class Side {
 public:
     Side(const char* card, snd_pcm_stream_t stream, bool isMapped, bool stops) : _isMapped(isMapped)

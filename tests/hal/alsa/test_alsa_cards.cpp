@@ -8,7 +8,7 @@
 
 namespace {
 
-// The faked card's controls.
+// Numbers of the faked card's controls.
 constexpr unsigned playbackVolume = 1, playbackSwitch = 2, captureVolume = 3, captureSource = 5,
                    headphoneJack = 6;
 
@@ -27,7 +27,7 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
     }
     FakedCards::unplug(number);
     EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
-    // Another card gets its number, often before it has been seen to go.
+    // Another card gets the same number, often before the driver has noticed the removal.
     for (const char* name : {"a", "b", "c", "d"}) {
         ASSERT_EQ(FakedCards::plug(aCard(name)), number);
         device(uidOf(name));
@@ -42,11 +42,11 @@ TEST_F(AlsaTest, setsVolumesByDecibelsAndHearsOfOthersChanges)
     const AudioObjectID id = device(uidOf("unit"));
     const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
     const auto left = at(kAudioDevicePropertyVolumeScalar, output, 1);
-    // Its steps are 1 dB; half a slider is -18.06 dB. What was asked for is read again.
+    // The steps are 1 dB, and half of the slider is -18.06 dB. A read returns the value that was written.
     EXPECT_EQ(writeValue(*hal, id, volume, 0.5F), kAudioHardwareNoError);
     EXPECT_EQ(FakedCards::control(card, playbackVolume), 64 - 18);
     EXPECT_EQ(readValue<float>(*hal, id, volume), 0.5F);
-    // The main volume keeps the balance, and is the louder channel's.
+    // The main volume keeps the balance and equals the louder channel's.
     EXPECT_EQ(writeValue(*hal, id, left, 0.25F), kAudioHardwareNoError);
     EXPECT_EQ(readValue<float>(*hal, id, volume), 0.5F);
     EXPECT_EQ(writeValue(*hal, id, volume, 1.0F), kAudioHardwareNoError);
@@ -86,7 +86,7 @@ TEST_F(AlsaTest, offersInputsAndJacksAsSources)
 
 TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
 {
-    const int card = FakedCards::plug(aCard("late")); // as udev gives rights a moment after the card has come
+    const int card = FakedCards::plug(aCard("late")); // as if udev granted access a little later
     FakedCards::set(card, FakedFault::NoRights);
     const int busy = FakedCards::plug(aCard("busy"));
     FakedCards::set(busy, FakedFault::Busy, true);
@@ -96,14 +96,14 @@ TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
     const AudioObjectID id = device(uidOf("busy"));
     EXPECT_EQ(readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates)).size(),
               3U);
-    // Known once, it stays listed, and shows that it is used.
+    // A known device stays listed while it is busy, and is reported as running.
     FakedCards::set(busy, FakedFault::Busy, true);
     EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
     FakedCards::set(busy, FakedFault::Busy, false);
     EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 0U; }));
 }
 
-// Texts without an end or a meaning, counts of billions, lists that never end, ranges upside down.
+// Unterminated and meaningless texts, counts of billions, endless lists, reversed ranges.
 TEST_F(AlsaTest, survivesACardThatSaysNonsense)
 {
     FakedCardOptions card = aCard();
@@ -175,9 +175,9 @@ TEST_F(AlsaTest, findsTheVolumeByItsName)
         const char* control;
         bool isOutputs, isInputs;
     } rows[] = {
-        {"Master Volume", true, false}, // of both directions, as few drivers name it
+        {"Master Volume", true, false}, // of both directions; few drivers use this name
         {"PCM Playback Volume", true, false},  {"Line Volume", false, true},
-        {"Mic Playback Volume", false, false}, // plays the microphone through
+        {"Mic Playback Volume", false, false}, // plays the microphone on the output
         {"Bass Volume", false, false},
     };
     for (const auto& row : rows) {
@@ -215,7 +215,7 @@ TEST_F(AlsaTest, showsADeviceInUseByWhatItDoes)
     EXPECT_TRUE(eventually([&] { return rateCount() == 3; })) << "not asked again when it was free";
 }
 
-// ---- By the driver's parts
+// ---- Parts of the driver
 
 TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
 {
@@ -245,9 +245,9 @@ TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
          "usb:1235:8211:S\xEF\xBF\xBD"
          "1",
          "03140000"},
-        {1, "usb:1235:8211:03200000", "03200000"}, // without a serial number: where it is plugged in
+        {1, "usb:1235:8211:03200000", "03200000"}, // no serial number: identified by its place
         {2, "0000:00:1f.3", "0000:00:1f.3"},
-        {3, "long name at irq 17", "long name at irq 17"}, // not in the device tree
+        {3, "long name at irq 17", "long name at irq 17"}, // absent from the device tree
     };
     for (const auto& row : rows) {
         const AlsaIdentity identity = alsaIdentity(row.card, info, folder.path);
@@ -285,7 +285,7 @@ TEST(SoundServerSearch, findsAServerThatRunsOrIsAboutTo)
     EXPECT_TRUE(nowhere.isServerExpected());
 }
 
-/// A program that uses a card until it is asked to give it up.
+/// A program that uses a card until it is asked to release it.
 class Program final : public AlsaReservation::Holder {
 public:
     explicit Program(int card) : reservation(card) {}
@@ -303,7 +303,7 @@ TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
     EXPECT_EQ(ours.acquire(), 0);
     EXPECT_EQ(other.acquire(), 0) << "another card";
     std::atomic<int> result{1};
-    std::thread asks([&] { result = theirs.acquire(); }); // of equal priority: refused
+    std::thread asks([&] { result = theirs.acquire(); }); // equal priority: refused
     while (result == 1) {
         ours.reservation.process();
         sleepForMilliseconds(1);

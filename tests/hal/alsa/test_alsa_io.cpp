@@ -4,7 +4,8 @@
 
 namespace {
 
-// What is played comes back in the input at its own sample time: times, latency and samples are exact on every card.
+// The input returns what is played at the same sample time: times, latency and samples are exact on all
+// cards.
 TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
 {
     using Card = FakedCardOptions;
@@ -36,7 +37,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         ramp.step = row.step;
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
         EXPECT_TRUE(eventually([&] { return ramp.heard > 20'000; }));
-        // Two directions that start one after the other are apart by the time between: only then it is not 0.
+        // Without linked starts, the two directions start at different times, so the latency is not 0.
         if (card.canLink) {
             EXPECT_EQ(ramp.latencyFrames, 0.0);
         }
@@ -100,7 +101,7 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
     }
 }
 
-// A card that is gone is left alone: no call after call, no line after line, and its device goes at once.
+// A card that has disappeared causes no repeated calls or log lines, and its device disappears at once.
 TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
 {
     for (const bool mapsStatus : {true, false}) {
@@ -174,7 +175,7 @@ TEST_F(AlsaTest, measuresAClockAndKeepsItThroughAnOverload)
     hal->destroyAggregateDevice(both);
 }
 
-// By the driver's parts: what a card's stamps make of sample times.
+// Tests a part of the driver: how it derives sample times from a card's time stamps.
 TEST(AlsaTimeline, keepsItsClockThroughAnInterruption)
 {
     AlsaTimeline timeline;
@@ -194,7 +195,7 @@ TEST(AlsaTimeline, keepsItsClockThroughAnInterruption)
     EXPECT_NEAR(static_cast<double>(after.sampleTime - last), 48512.0, 2.0)
         << "the frames that were lost count";
     EXPECT_NEAR(after.rateRatio, 1.0, 1e-6);
-    // Stamps that cannot be true do not throw it off.
+    // Impossible time stamps do not disturb it.
     timeline.interrupt();
     const AlsaTimeline::Step odd = timeline.advance(UINT64_MAX / 2, 512, 512, 512);
     EXPECT_GE(odd.sampleTime, after.sampleTime + 512);

@@ -3,7 +3,7 @@
 #include "ConformanceRig.h"
 #include "HALIO.h"
 
-/// A test of the contract in HALModel.h, over the driver that the program was linked with.
+/// Fixture for tests of the contract in HALModel.h, over the driver that the program is linked with.
 class Conformance : public testing::Test {
 protected:
     HALModel& hal() { return rig->model(); }
@@ -22,18 +22,18 @@ protected:
         return eventually([&, end = witness.cycles + 10] { return witness.cycles > end; });
     }
 
-    /// Plugs a device in, as `uid`, and waits for its ID.
+    /// Plugs in a device, stores its UID in `uid`, and waits for its ID.
     AudioObjectID plugged(const std::string& name, uint32_t inputs, uint32_t outputs)
     {
         uid = rig->plug(name, inputs, outputs);
         AudioObjectID device = kAudioObjectUnknown;
         EXPECT_TRUE(eventually([&] { return (device = deviceWithUID(hal(), uid)) != kAudioObjectUnknown; }));
-        EXPECT_TRUE(eventually([&] { // its streams may take a moment more
+        EXPECT_TRUE(eventually([&] { // its streams may appear a little later
             return channelsOf(hal(), device, input) == inputs && channelsOf(hal(), device, output) == outputs;
         }));
         return device;
     }
 
     std::unique_ptr<ConformanceRig> rig = makeConformanceRig();
-    std::string uid; ///< of the device that was plugged last
+    std::string uid; ///< of the device plugged last
 };

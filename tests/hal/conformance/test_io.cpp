@@ -41,7 +41,7 @@ TEST_F(ConformanceIO, givesEveryCallbackItsOwnSilentOutput)
     for (CycleWitness& witness : witnesses)
         procs.push_back(std::make_unique<RunningProc>(hal(), device, eachCycle([&](const IOCycle& cycle) {
                                                           dirty +=
-                                                              cycle.input != nullptr; // no input: no list
+                                                              cycle.input != nullptr; // null without input
                                                           for (float& sample : cycle.out()) {
                                                               dirty += sample != 0.0F;
                                                               sample = 0.125F;
@@ -163,7 +163,8 @@ TEST_F(ConformanceIO, endsTheCallbacksOfADeviceThatIsUnplugged)
     CycleWitness witness;
     const RunningProc proc(hal(), device, eachCycle([&](const IOCycle& cycle) {
                                witness.see(cycle);
-                               // Careless, and may need what the driver holds while it takes the device down.
+                               // A careless callback: the call may need a lock that the driver holds while it
+                               // removes the device.
                                const CXRealtimeExemption waits("the test's own");
                                writeValue(hal(), kAudioObjectSystemObject,
                                           at(kAudioHardwarePropertyDefaultOutputDevice), device);

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// What a change of a device's name shows.
+/// Tests notifications by changes of a device's name.
 class ConformanceRename : public Conformance {
 protected:
     void SetUp() override
@@ -26,7 +26,7 @@ TEST_F(ConformanceRename, letsAListenerReadTheNewValueAndCallBackInOnItsQueue)
         std::atomic<int> elsewhere{0};
         const RecordingListener listener(hal(), device, name, isOnQueue ? queue : nullptr, [&] {
             elsewhere += queue->isCurrent() != isOnQueue;
-            // A listener may use all of the HAL, itself included.
+            // A listener may call every function of the HAL, including those for listeners.
             const RecordingListener nested(hal(), device, anyAddress);
             seen = readText(hal(), device, name) == "After";
         });
@@ -88,10 +88,11 @@ TEST_F(ConformanceRename, letsAListenerRemoveItselfWithoutWaiting)
     ASSERT_EQ(hal().addListener(device, anyAddress, listener), kAudioHardwareNoError);
     rig->rename(uid, "Renamed");
     EXPECT_TRUE(eventually([&] { return status == kAudioHardwareNoError; }));
-    listener.block = nullptr; // it holds this frame
+    listener.block = nullptr; // its block refers to this stack frame
 }
 
-// Changes storm while listeners are added and removed: none may be called once its removal has returned.
+// Properties change continuously while listeners are added and removed. No listener may be called after its
+// removal has returned.
 TEST_F(Conformance, neverCallsAListenerAfterItsRemoval)
 {
     const AudioObjectID device = plugged("Storm", 0, 2);
@@ -114,7 +115,7 @@ TEST_F(Conformance, neverCallsAListenerAfterItsRemoval)
     }
     done = true;
     storm.join();
-    queue->sync([] {}); // every earlier job has been dropped by now
+    queue->sync([] {}); // all earlier jobs have run or been dropped
 }
 
 } // namespace

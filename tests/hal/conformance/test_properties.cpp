@@ -134,7 +134,7 @@ TEST_F(Conformance, takesOverControlsAndAnnouncesThem)
     const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
     const auto mute = at(kAudioDevicePropertyMute, output);
     ASSERT_TRUE(eventually([&] { return readValue<float>(hal(), device, volume).has_value(); }));
-    writeValue(hal(), device, mute, 0U); // cards may come muted
+    writeValue(hal(), device, mute, 0U); // cards may be muted initially
     EXPECT_TRUE(eventually([&] { return readValue<uint32_t>(hal(), device, mute) == 0U; }));
     const RecordingListener listener(hal(), device, anyAddress);
 
@@ -159,7 +159,7 @@ TEST_F(Conformance, takesOverControlsAndAnnouncesThem)
         EXPECT_EQ(writeValue(hal(), device, address, value), status) << address.selector;
     };
     expectRefused(volume, std::nanf(""), kAudioHardwareIllegalOperationError);
-    expectRefused(volume, 0.5, kAudioHardwareBadPropertySizeError); // a double is no float
+    expectRefused(volume, 0.5, kAudioHardwareBadPropertySizeError); // a double is not a float
     expectRefused(at(kAudioDevicePropertyTransportType), 1U, kAudioHardwareIllegalOperationError);
     expectRefused(at(kAudioDevicePropertyNominalSampleRate), 12345.678, kAudioHardwareIllegalOperationError);
     expectRefused(at(kAudioDevicePropertyBufferFrameSize), 1U << 30, kAudioHardwareIllegalOperationError);
@@ -221,7 +221,7 @@ TEST_F(Conformance, survivesUsersWhileDevicesComeAndGo)
     EXPECT_TRUE(eventually([&] { return readDevices(hal()).empty(); }));
 }
 
-// The published functions check these before they call the model.
+// The public functions check pointers before they call the model.
 TEST_F(Conformance, refusesNullPointers)
 {
     const AudioObjectPropertyAddress address = at(kAudioHardwarePropertyDevices);

@@ -15,7 +15,7 @@
 
 namespace {
 
-// ---- Announcements
+// ---- Notifications
 
 constexpr uint32_t selectors[] = {kAudioObjectPropertyClass,
                                   kAudioObjectPropertyBaseClass,
@@ -64,7 +64,7 @@ constexpr uint32_t selectors[] = {kAudioObjectPropertyClass,
                                   kAudioHardwarePropertyDefaultOutputDevice,
                                   kAudioHardwarePropertyDefaultSystemOutputDevice};
 
-/// A value as bytes, an object as its text; nothing where there is none.
+/// Returns a value as bytes, or an object as text; empty if the read fails.
 std::string valueAt(HALModel& model, AudioObjectID object, const AudioObjectPropertyAddress& address)
 {
     constexpr uint32_t objectValued[] = {
@@ -169,7 +169,7 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
             listener->clear();
         change();
         hal->settle();
-        hal->settle(); // and the aggregate, which follows
+        hal->settle(); // also for the aggregate, which changes later
         const std::vector<ValueAt> after = valuesOf(objects);
         for (size_t i = 0; i < before.size(); ++i) {
             if (before[i].value == after[i].value)
@@ -197,7 +197,7 @@ public:
             job();
     }
 
-    std::vector<Work> jobs; // the notification thread's, until it has settled
+    std::vector<Work> jobs; // written by the notification thread until settle() returns
 };
 
 TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
@@ -220,7 +220,7 @@ TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
     EXPECT_EQ(listener.count(), 2U) << "later changes are announced again";
 }
 
-// One listener runs on the notification thread, the other on a queue; each removes the other while both run.
+// One listener runs on the notification thread, one on a queue; each removes the other while both run.
 TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
 {
     const AudioObjectID device =
@@ -238,7 +238,7 @@ TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
             };
         }
         listeners[1].queue = dxr::SerialQueue::initWithLabel("listener");
-        for (int i = 1; i >= 0; --i) // the one on the queue is called first
+        for (int i = 1; i >= 0; --i) // the listener on the queue is called first
             model->addListener(device, mute, listeners[i]);
         writeValue(*model, device, mute, (round + 1) % 2);
         for (std::promise<void>& each : done)
@@ -259,7 +259,7 @@ protected:
             device.outputs(2);
         return device;
     }
-    /// An aggregate of so many devices.
+    /// Creates an aggregate of `count` devices.
     AudioObjectID aggregateOf(int count)
     {
         std::vector<std::string> uids;
@@ -341,13 +341,13 @@ TEST_F(HALModelDrivers, aSecondDeviceOfOneUIDIsRefused)
 {
     hardware->plug(aDeviceOf(1));
     EXPECT_EQ(hardware->plug(aDeviceOf(2)), kAudioObjectUnknown);
-    hardware->unplug("device"); // the second
+    hardware->unplug("device"); // the second device
     EXPECT_EQ(readDevices(*model).size(), 1U);
 }
 
-// ---- Without threads
+// ---- Failure to create threads
 
-/// Sets how many threads the user's processes may have.
+/// Limits the number of threads of the user's processes.
 void limitThreads(rlim_t count)
 {
     rlimit limit{};
@@ -356,8 +356,8 @@ void limitThreads(rlim_t count)
     setrlimit(RLIMIT_NPROC, &limit);
 }
 
-/// In a process of its own: without a further thread the functions return 'what' and throw nothing, and they work
-/// when there can be one again.
+/// Runs in a separate process. While no thread can be created, the functions return 'what' and do not throw;
+/// they work again when threads can be created.
 int callsWithoutThreads()
 {
     rlimit before{};

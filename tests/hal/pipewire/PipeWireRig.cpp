@@ -23,7 +23,7 @@ public:
                                            : "Audio/Duplex";
         device.properties = {{PW_KEY_NODE_DESCRIPTION, name}};
 #ifdef DXR_TEST_CLOCK_EACH
-        device.properties["clock.name"] = "clock." + uid; // no group with the others: bridges
+        device.properties["clock.name"] = "clock." + uid; // no common group: uses bridges
 #endif
         if (_areNamed)
             _devices.plugExported(device);
@@ -44,8 +44,8 @@ public:
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
     }
 
-    // No client can change a device of the server's, only its own; and those may crash in IO: PipeWire's converter
-    // runs in them while it is set up.
+    // Exports the devices from this process, because no client can rename the server's devices. Only for
+    // tests of names: PipeWire's converter then runs in this process, and may crash in IO during its set-up.
     bool prepareNames() override
     {
         return _areNamed = true;

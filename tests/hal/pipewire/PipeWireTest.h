@@ -6,7 +6,7 @@
 #include "PrivateServer.h"
 #include "Ramp.h"
 
-/// A server of the test's own, another client of it, and the model over the driver.
+/// A private server, another client of it, and the model over the driver.
 struct PipeWireSetup {
     explicit PipeWireSetup(PrivateServer::Options options = {}) : server(std::move(options)) {}
 
@@ -21,7 +21,7 @@ struct PipeWireSetup {
     {
         return readValue<Value>(*hal, object, at(selector, scope, element));
     }
-    /// Waits until an object's property has this value. False when it never has.
+    /// Waits until an object's property has this value. Returns false on timeout.
     template <class Value>
     bool becomes(AudioObjectID object, uint32_t selector, Value value,
                  uint32_t scope = kAudioObjectPropertyScopeGlobal)
@@ -32,7 +32,7 @@ struct PipeWireSetup {
     {
         return read<uint32_t>(device, kAudioDevicePropertyDeviceIsRunning) == 1U;
     }
-    /// How many nodes the driver has made for IO.
+    /// The number of nodes that the driver has created for IO.
     size_t ownNodeCount() const
     {
         return client.idsOf(PW_TYPE_INTERFACE_Node, {{PW_KEY_NODE_NAME, "dxr"}}).size();
@@ -48,7 +48,7 @@ protected:
     using PipeWireSetup::PipeWireSetup;
 };
 
-/// Plays a ramp that counts the sample time in every channel, below zero in every second stream.
+/// Plays a ramp of the sample time in every channel, negated in every second stream.
 inline void playRamp(const IOCycle& cycle)
 {
     for (uint32_t stream = 0; stream < cycle.output->numberBuffers; ++stream) {

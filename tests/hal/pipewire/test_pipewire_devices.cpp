@@ -44,7 +44,7 @@ protected:
         return eventually(
             [&] { return defaultOf(selector) != 0 && text(defaultOf(selector), uidSelector) == uid; });
     }
-    /// What the server's own tool reports of a node's volume.
+    /// The volume properties of a node as reported by pw-dump.
     CXPlist dumpedProps(const std::string& node)
     {
         return CXPlist::parse(client.run("pw-dump " + node)).at("/0/info/params/Props/0"_json_pointer);
@@ -155,7 +155,7 @@ TEST_F(PipeWireDevices, listsAndRunsWhatIsStrange)
 {
     const std::string longName(65536, 'x');
 #ifdef DXR_SANITIZED
-    constexpr uint32_t many = 256; // a thousand would take longer than a start may
+    constexpr uint32_t many = 256; // a thousand exceed the time limit of a start
 #else
     constexpr uint32_t many = 1024;
 #endif
@@ -247,7 +247,7 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     client.setMetadata("default", "default.audio.sink", "{ name = two }");
     EXPECT_TRUE(defaultBecomes(defaultOutput, "two"));
     EXPECT_TRUE(defaultBecomes(kAudioHardwarePropertyDefaultSystemOutputDevice, "two"));
-    // Where there is no source, a session manager calls a sink the default source.
+    // Without any source, a session manager makes a sink the default source.
     client.setMetadata("default", "default.audio.source", R"({ "name": "two" })");
     client.setMetadata("default", "default.audio.sink", R"({ "name": "one" })");
     EXPECT_TRUE(defaultBecomes(defaultOutput, "one"));
@@ -273,12 +273,12 @@ TEST_F(PipeWireDefaults, areTheSessionManagersToSettle)
     EXPECT_TRUE(defaultBecomes(defaultOutput, "first"));
 }
 
-// A read or a listener during the removal of devices finds each as it was, or gone: nothing in between.
+// During the removal of devices, reads and listeners find each device either unchanged or absent.
 TEST_F(PipeWireDevices, goAllAtOnceWithoutAFalseValue)
 {
     constexpr int count = 400;
     std::atomic<size_t> falseValues{0};
-    std::atomic<uint32_t> announced{0}; // a selector
+    std::atomic<uint32_t> announced{0}; // selector of the last notification
     const HALListener listener{
         nullptr, nullptr,
         [&](uint32_t, const AudioObjectPropertyAddress* address) { announced = address->selector; }, nullptr};
@@ -316,7 +316,7 @@ TEST_F(PipeWireDevices, goAllAtOnceWithoutAFalseValue)
         });
         client.unplugAll();
         client.setMetadata("settings", "clock.force-quantum",
-                           round % 2 == 0 ? "256" : "0"); // of every device
+                           round % 2 == 0 ? "256" : "0"); // changes the cycle of every device
         EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
         done = true;
         user.join();
@@ -326,7 +326,7 @@ TEST_F(PipeWireDevices, goAllAtOnceWithoutAFalseValue)
     EXPECT_EQ(announced, 0U);
 }
 
-// Processor time of this process, which no other load of the machine adds to.
+// Measures this process's processor time, which other load on the machine does not change.
 TEST_F(PipeWireDevices, costTheSameHoweverManyCameBefore)
 {
     constexpr int perRound = 1000;

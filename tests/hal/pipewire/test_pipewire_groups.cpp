@@ -6,7 +6,7 @@
 
 namespace {
 
-/// An aggregate of devices of one server, running until this is destroyed.
+/// An aggregate of devices of one server; runs until destroyed.
 class Group {
 public:
     Group(HALModel& hal, const std::vector<std::string>& uids, const AudioDeviceIOBlock& block)
@@ -17,13 +17,13 @@ public:
     }
     ~Group() { _hal.destroyAggregateDevice(device); }
 
-    /// Whether the sub-device at `place` runs.
+    /// Whether the sub-device at index `place` runs.
     bool runs(size_t place) const
     {
         const auto all = subDeviceStatus(_hal, device);
         return place < all.size() && all[place].isRunning;
     }
-    /// Whether no sample is missing from a recording, or a lost cycle was reported, as happens on a busy machine.
+    /// Whether the recording has no gap, or a lost cycle was reported, which happens on a busy machine.
     bool isWhole(MonitorTap& tap) const
     {
         const bool isUnbroken = breaksOf(tap.finish()) == 0;
@@ -73,9 +73,9 @@ TEST_F(PipeWireGroups, theStreamsOfAllMembersPassInOneCycle)
     for (MonitorTap* tap : {&first, &second}) {
         std::vector<float> ramp = tap->finish();
         ramp.erase(ramp.begin(),
-                   ramp.begin() + 1024); // the server may leave a cycle out while it links the tap
+                   ramp.begin() + 1024); // the server may skip a cycle while it links the tap
         for (float& sample : ramp)
-            sample = std::abs(sample); // below zero in the second stream
+            sample = std::abs(sample); // negated in the second stream
         EXPECT_EQ(breaksOf(ramp), 0U);
     }
     EXPECT_LE(breaks, 2U) << "as each tap is linked";
@@ -135,7 +135,7 @@ TEST_F(PipeWireGroups, devicesThatCannotShareCyclesGetANodeOfTheirOwn)
     }
 }
 
-// How close the ratio comes depends on how busy the computer is: only the long run looks.
+// How closely the ratio converges depends on the computer's load: only the soak checks it.
 TEST_F(PipeWireGroups, theRatioOfTwoClocksIsFoundAndNothingLost)
 {
     constexpr double sourcePPM = 150.0, sinkPPM = -60.0;
@@ -154,10 +154,10 @@ TEST_F(PipeWireGroups, theRatioOfTwoClocksIsFoundAndNothingLost)
     const char* const soak = std::getenv("DXR_SOAK_SECONDS");
     if (!soak)
         return;
-    sleepForMilliseconds(20000); // until it has settled
+    sleepForMilliseconds(20000); // until the ratio has settled
     const auto follower = [&] { return subDeviceStatus(*hal, group.device).at(1); };
     const AudioAggregateSubDeviceStatus before = follower();
-    const StallWatch machine(std::chrono::milliseconds(3)); // the delay has room for 5
+    const StallWatch machine(std::chrono::milliseconds(3)); // the delay tolerates 5 ms
     const uint32_t count = 20 * static_cast<uint32_t>(std::atoi(soak));
     double squares = 0.0;
     for (uint32_t i = 0; i < count; ++i) {
@@ -183,7 +183,7 @@ TEST_F(PipeWireGroups, anOverloadIsReportedToTheGroupAndToEveryMember)
     const RecordingListener first(*hal, plug({.name = "first"}), at(kAudioDeviceProcessorOverload));
     const RecordingListener second(*hal, plug({.name = "second"}), at(kAudioDeviceProcessorOverload));
     const Group group(*hal, {"first", "second"}, eachCycle([count = 0](const IOCycle& cycle) mutable {
-        // Computes through several cycles, once.
+        // Blocks one cycle for the length of several.
         while (++count == 20 && dxr::HostClock::nowTicks() < cycle.now.hostTime + 100'000'000)
             --count;
     }));

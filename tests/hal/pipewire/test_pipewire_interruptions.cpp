@@ -9,7 +9,7 @@ protected:
     {
         client.run("pw-cli send-command " + std::to_string(client.nodeID(node)) + " " + command + " '{}'");
     }
-    /// The links of the one node that IO has.
+    /// The links of the driver's only IO node.
     std::vector<uint32_t> ownLinks()
     {
         return client.idsOf(PW_TYPE_INTERFACE_Link,
@@ -40,7 +40,7 @@ TEST(PipeWireStart, failsWhereNoCycleCanCome)
         std::unique_ptr<MonitorTap> keepsItRunning;
         if (row.isPaused) {
             keepsItRunning = std::make_unique<MonitorTap>(setup.client, "sink", "monitor_FL");
-            ASSERT_TRUE(eventually([&] { return setup.isRunning(device); })); // for the tap
+            ASSERT_TRUE(eventually([&] { return setup.isRunning(device); })); // started by the tap
             setup.client.run("pw-cli send-command sink Pause '{}'");
         }
         const RunningProc proc(*setup.hal, device, eachCycle(playRamp));
@@ -99,7 +99,7 @@ TEST_F(PipeWireInterruptions, aDeviceIsStalledForAsLongAsItsLinksAreRefused)
     permit(0);
     destroyLinks();
     EXPECT_TRUE(eventually([&] { return !isRunning(device); }));
-    sleepForMilliseconds(300); // some attempts
+    sleepForMilliseconds(300); // time for several attempts
     EXPECT_FALSE(isRunning(device));
     EXPECT_LE(ownNodeCount(), 1U);
     permit(PW_PERM_ALL);
@@ -146,7 +146,7 @@ TEST_F(PipeWireInterruptions, followsTheRateAndFramesThatAnotherClientForcesAndR
         force("0", "0");
         EXPECT_TRUE(timingBecomes(48000.0, 512));
         letRun(row.runsAfter);
-        sleepForMilliseconds(50); // past the first cycles
+        sleepForMilliseconds(50); // until after the first cycles
         EXPECT_TRUE(timingBecomes(48000.0, 512));
         EXPECT_EQ(witness.backwards, 0U);
     }

@@ -25,14 +25,14 @@ TEST_F(PipeWireIO, playsARampThatComesBackExactlyFromTheMonitor)
             ASSERT_TRUE(tap.waitForFrames(8192));
             std::vector<float> ramp = tap.finish();
             ramp.erase(ramp.begin(),
-                       ramp.begin() + frames); // a cycle may be left out while the tap is linked
+                       ramp.begin() + frames); // the server may skip a cycle while it links the tap
             EXPECT_EQ(breaksOf(ramp), 0U) << rate << " Hz, " << frames << " frames";
             EXPECT_EQ(tap.gaps() + overloads.count(), 0U);
         }
     }
 }
 
-// A loss is reported once, and counted in the sample time.
+// A loss is reported once, and the sample time includes it.
 TEST_F(PipeWireIO, reportsTheCyclesThatTheClockSkips)
 {
     const RecordingListener overloads(*hal, device, at(kAudioDeviceProcessorOverload));

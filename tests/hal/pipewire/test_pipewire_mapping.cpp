@@ -68,7 +68,7 @@ TEST(PipeWireNaming, distinguishesUSBDevicesWithoutASerialNumberByTheirPlace)
     card.set("device.serial", "Maker_Product_0815");
     EXPECT_EQ(uidOf({}, &card, true), "alsa_card.usb-Maker_Product-00");
 
-    // What the system knows of the bus goes first.
+    // The operating system's information about the bus takes precedence.
     using dxr::USBRegistry;
     const auto put = [](uint32_t location, std::optional<std::string> serial, std::string busPath) {
         USBRegistry::setReader([=] {

@@ -121,7 +121,7 @@ TEST_F(PipeWireServerTest, keepsNobodyWaitingWhileItHangs)
     server.resume();
 }
 
-/// Something other than a server: it accepts connections, sends each the same bytes, and counts them.
+/// Not a sound server: it accepts connections, sends the same bytes on each, and counts the connections.
 class Impostor {
 public:
     enum class Then { Waits, HangsUp };
@@ -155,7 +155,7 @@ private:
              ++count) {
             send(connection, _bytes.data(), _bytes.size(), MSG_NOSIGNAL);
             if (_then == Then::HangsUp)
-                close(connection); // with what was sent to it unread
+                close(connection); // without reading what was sent
             else
                 _connections.push_back(connection);
         }
@@ -168,7 +168,7 @@ private:
     std::thread _thread;
 };
 
-/// Reports, as a server writes them, that requests are finished which nobody has made.
+/// Returns messages, as a server sends them, that report the end of requests that were never made.
 std::string manyDone(size_t count)
 {
     const uint32_t message[] = {0, 1U << 24 | 40, 0, 0, 32, 14, 4, 4, 0, 0, 4, 4, 0x3FFFFFFF, 0};
@@ -209,7 +209,7 @@ TEST(PipeWireServer, mayTalkNonsenseForAWhile)
     }
 }
 
-/// Sets how many descriptors the process may have, for as long as this lives.
+/// Limits the number of the process's descriptors while it exists.
 class DescriptorLimit {
 public:
     explicit DescriptorLimit(rlim_t count)
@@ -220,7 +220,7 @@ public:
     }
     ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &_before); }
 
-    /// The lowest descriptor that is free.
+    /// The lowest unused descriptor.
     static rlim_t used()
     {
         const int next = dup(0);
@@ -237,7 +237,7 @@ TEST_F(PipeWireServerTest, isFoundAgainWhenDescriptorsRunOut)
     const AudioObjectID before = plug({.name = "wide", .channelCount = 64});
     CycleWitness witness;
     {
-        const DescriptorLimit limit(DescriptorLimit::used() + 40); // each channel takes two
+        const DescriptorLimit limit(DescriptorLimit::used() + 40); // each channel needs two
         const RunningProc proc(*hal, before, witnessing(witness));
         EXPECT_TRUE(eventually([&] {
             const AudioObjectID now = deviceWithUID(*hal, "wide");
@@ -264,7 +264,8 @@ TEST_F(PipeWireServerTest, runsFortyDevicesWithAThousandDescriptors)
     procs.clear();
 }
 
-// With too few descriptors at the first use: no crash, no exception, no devices; and devices when there are more.
+// With too few descriptors at the first use there are no devices, but no crash or exception; devices appear
+// when more descriptors are available.
 TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
 {
 #ifdef __SANITIZE_ADDRESS__
@@ -291,7 +292,7 @@ TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
     }));
 }
 
-// Killed in the middle of a conversation, on a machine that delays either side at any point.
+// The server is killed during a conversation, on a machine so busy that either side is delayed at any point.
 TEST(PipeWireServer, isFoundAgainAfterEveryRestart)
 {
     const char* const restarts = std::getenv("DXR_SOAK_RESTARTS");

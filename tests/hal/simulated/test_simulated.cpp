@@ -4,7 +4,7 @@
 
 namespace {
 
-/// Keeps what a device plays, all channels interleaved.
+/// Records what a device plays, all channels interleaved.
 SimulatedSink keepIn(std::vector<float>& played)
 {
     return [&played](uint64_t, uint32_t frames, uint32_t channels, double, const float* samples) {
@@ -96,7 +96,7 @@ TEST_F(SimulatedHardwareIO, hearsItselfACycleLater)
     EXPECT_EQ(received, (std::vector{0.0F, 1.0F, 2.0F, 3.0F}));
 }
 
-// One simulated hour with clocks that differ: each device must have run as many frames as its own clock says.
+// One simulated hour with different clocks: each device must run as many frames as its clock counts.
 TEST_F(SimulatedHardwareIO, letsEachDeviceRunOnItsOwnClock)
 {
     const struct {
@@ -128,7 +128,7 @@ TEST_F(SimulatedHardwareIO, letsEachDeviceRunOnItsOwnClock)
     procs.clear();
 }
 
-/// Stamps are late by what was asked in the middle, the same in every run, and sample time does not mind.
+/// The median lateness of stamps is as requested, all runs are the same, and sample times are unaffected.
 TEST_F(SimulatedHardwareIO, stampsCyclesAsLateAsAskedFor)
 {
     constexpr double lateness = 100e-6;
@@ -137,7 +137,7 @@ TEST_F(SimulatedHardwareIO, stampsCyclesAsLateAsAskedFor)
         const CXRef<SimulatedHardware> hardware = SimulatedHardware::init(SimulatedClock::Stepped);
         const CXRef<HALModel> own = HALModel::initWithDriver(hardware);
         const AudioObjectID device = hardware->plug(aDevice().uid("late").outputs(1).lateness(lateness));
-        std::vector<double>& late = runs.emplace_back(4001); // the callback may not allocate
+        std::vector<double>& late = runs.emplace_back(4001); // allocated here: the callback must not
         const uint64_t first = hardware->nowTicks() + 512 * 1'000'000'000ULL / 48000;
         size_t cycle = 0;
         const RunningProc proc(*own, device, eachCycle([&](const IOCycle& now) {
@@ -197,7 +197,7 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
     EXPECT_EQ(hal->deviceID("shape"), kAudioObjectUnknown);
 }
 
-// A device that is unplugged while it starts runs no more, wherever the start has come to.
+// A device that is unplugged during its start runs no more cycles, at whatever point the start was.
 TEST(SimulatedInRealTime, isSilentAfterAnUnplugThatMeetsAStart)
 {
     constexpr int rounds = 400;

@@ -85,7 +85,7 @@ void FakedCard::setFault(FakedFault fault, bool isThere)
         interruptedWaits = 3;
 }
 
-// ---- The wire. Its copies are no calls of memcpy(), which the thread sanitizer would see in the kernel's place.
+// ---- The wire. Copies do not call memcpy(), which the thread sanitizer would attribute to the program.
 
 void FakedCard::play(unsigned pcm, int64_t frame, const char* samples, unsigned channels, unsigned bytes)
 {
@@ -126,13 +126,13 @@ void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
     id.numid = control;
     id.iface = controls[control - 1].interface;
     _text(id.name, controls[control - 1].name);
-    if (options.isHostile) // an ending that programs look for; no two are equal
+    if (options.isHostile) // a suffix that programs look for; all names differ
         std::memcpy(id.name + sizeof id.name - 17, "\xFEPlayback Volume", 16);
     if (options.isHostile)
         id.name[0] = static_cast<unsigned char>(control);
 }
 
-/// alsa-lib asks by the number that the list gave it.
+/// alsa-lib identifies controls by the numbers from the list.
 unsigned FakedCard::_find(const snd_ctl_elem_id& id) const
 {
     return id.numid <= controls.size() ? id.numid : 0;

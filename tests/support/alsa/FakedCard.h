@@ -8,33 +8,33 @@
 #include <sys/ioctl.h>
 #include <utility>
 
-/// The kernel's errors are negative, its time is in nanoseconds of the monotonic clock.
+/// The faked kernel's errors are negative errno values; its time is nanoseconds of CLOCK_MONOTONIC.
 int64_t fakedNow();
 timespec fakedTime(int64_t nanoseconds);
 
-/// One card: its clock, its controls, and the wire from each PCM's playback to its capture.
-/// Threads: the kernel's lock is held.
+/// A card: its clock, its controls, and for each PCM the wire from playback to capture.
+/// Threads: any; the caller holds the kernel's lock.
 class FakedCard {
 public:
     FakedCard(int number, const FakedCardOptions& options);
 
     const int number;
     FakedCardOptions options;
-    unsigned interruptedWaits = 0; ///< to come
+    unsigned interruptedWaits = 0; ///< number of waits still to interrupt
     bool isGone = false;
     void setFault(FakedFault fault, bool isThere);
     bool has(FakedFault fault) const { return _faults[static_cast<size_t>(fault)]; }
-    /// Whether its clock moves nothing.
+    /// Whether the card processes no frames.
     bool stands() const { return isGone || has(FakedFault::Suspend) || has(FakedFault::Stuck); }
 
     // -- The clock, in frames
     double frameAt(int64_t nanoseconds) const;
     int64_t timeOf(double frame) const;
     void setRate(unsigned rate);
-    /// Its time is `frame` now.
+    /// Sets the clock to `frame` at this time.
     void holdAt(double frame, int64_t nanoseconds);
 
-    // -- The wire. A frame is a sample of at most 4 bytes, in the upper bytes of 32 bits, for each channel.
+    // -- The wire. A frame has a sample of at most 4 bytes per channel, in the upper bytes of 32 bits.
     static constexpr size_t wireFrames = 1 << 16;
     void play(unsigned pcm, int64_t frame, const char* samples, unsigned channels, unsigned bytes);
     void record(unsigned pcm, int64_t frame, char* samples, unsigned channels, unsigned bytes) const;
@@ -47,11 +47,11 @@ public:
         unsigned count;
         long max;
         bool isWritable;
-        int minDecibels; ///< hundredths; 0: not known
+        int minDecibels; ///< hundredths of a dB; 0: unknown
         std::array<long, 2> value;
     };
     std::vector<Control> controls;
-    /// What an ioctl of the control device does; `changed` becomes the number of a control whose value it changed.
+    /// Handles an ioctl of the control device; sets `changed` to the number of a control whose value changed.
     int ioctl(unsigned long request, void* argument, unsigned& changed);
     void name(unsigned control, snd_ctl_elem_id& id) const;
     void describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const;
@@ -59,7 +59,7 @@ public:
 private:
     struct Wire {
         std::vector<int32_t> samples;
-        std::vector<int64_t> frames; ///< which one is at each place
+        std::vector<int64_t> frames; ///< number of the frame at each position
     };
 
     unsigned _find(const snd_ctl_elem_id& id) const;

@@ -13,7 +13,7 @@ FakedKernel& kernel()
     return FakedKernel::shared();
 }
 
-/// Programs that watch the folder see a file change, or be closed after writing.
+/// Touches the control file, which programs that watch the folder notice; usePcm() closes a PCM file.
 void touchControl(int number)
 {
     utimensat(AT_FDCWD, (kernel().folder + "/controlC" + std::to_string(number)).c_str(), nullptr, 0);

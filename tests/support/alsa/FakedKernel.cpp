@@ -34,7 +34,7 @@ void FakedLock::lock() noexcept
 
 FakedKernel& FakedKernel::shared()
 {
-    static auto* const kernel = new FakedKernel; // its clock runs as long as the process
+    static auto* const kernel = new FakedKernel; // never destroyed: its clock thread runs to the end
     static const bool isTidied = std::atexit([] {
                                      const Guard guard(kernel->_lock);
                                      for (const auto& [number, card] : kernel->_cards)
@@ -49,7 +49,7 @@ FakedKernel::FakedKernel() : folder(newFolder()), _wakeUps(eventfd(0, EFD_CLOEXE
 
 // ---- Cards
 
-/// The control device comes last and goes first, as from the kernel.
+/// The control device is created last and removed first, as by the kernel.
 void FakedKernel::_makeFiles(const FakedCard& card, bool isThere) const
 {
     std::vector<std::string> names;
@@ -91,7 +91,7 @@ void FakedKernel::update(FakedCard& card)
             last = std::min(last, pcm->lastFrameBeforeOverload());
     if (last < card.frameAt(now))
         card.holdAt(last, now);
-    for (const bool isCapture : {false, true}) // what is played is there to be recorded
+    for (const bool isCapture : {false, true}) // playback first: capture reads the played frames
         for (const auto& [descriptor, pcm] : _pcms)
             if (&pcm->card == &card && pcm->isCapture == isCapture)
                 pcm->advance(now);

@@ -6,26 +6,26 @@
 #include <map>
 #include <memory>
 
-/// A lock of the faked kernel's own: a program's thread that holds it is in the kernel, where no check of its real-time work
-/// looks. A thread of higher priority that waits sleeps, so that the holder can go on.
+/// The faked kernel's lock. It is not a mutex: a thread that holds it counts as being in the kernel, which
+/// the real-time check must not examine. A waiter sleeps, so that a holder of lower priority can proceed.
 class FakedLock {
 public:
     void lock() noexcept;
     void unlock() noexcept { _isHeld.store(false, std::memory_order_release); }
 
 private:
-    std::atomic<bool> _isHeld{false}; // acquired by the exchange that finds it false, released by the store
+    std::atomic<bool> _isHeld{false}; // acquire: the exchange that finds false; release: the store
 };
 
-/// The cards, the files that stand for their devices, and the clock's thread.
-/// Threads: any; every function takes the lock, but those for the PCMs, called with it.
+/// The cards, the files that represent their devices, and the clock thread.
+/// Threads: any. Every function takes the lock, except those for the PCMs, whose callers hold it.
 class FakedKernel {
 public:
     static FakedKernel& shared();
 
-    // -- What programs do. Errors are negative; a descriptor that is not a card's is not owned.
+    // -- Program calls. Errors are negative; a descriptor that is not a card's is not owned.
     int open(const char* path, int flags);
-    /// Without the lock: what is no card's does not wait for one that a sanitizer's report may hold.
+    /// Takes no lock: calls on other descriptors must not wait for a holder that writes a sanitizer's report.
     bool owns(int descriptor) const
     {
         const auto place = static_cast<size_t>(descriptor);
@@ -33,25 +33,26 @@ public:
     }
     void close(int descriptor);
     int ioctl(int descriptor, unsigned long request, void* argument);
-    /// The file and place to map; negative: the error.
+    /// Returns the file to map and sets the offset in it; a negative error on failure.
     int mapped(int descriptor, unsigned long offset, off_t& place);
-    /// Before a poll: positions in mapped memory may have moved. False when a signal ends the poll.
+    /// Called before a poll, since positions in mapped memory may have moved. Returns false if a signal
+    /// interrupts the poll.
     bool look(int descriptor);
-    /// What poll() reports besides readiness.
+    /// Events that poll() reports besides readiness.
     short pollErrors(int descriptor);
 
     // -- For the PCMs
-    /// Calls `visit` with all that are linked with `pcm`, itself included.
+    /// Calls `visit` with each PCM that is linked with `pcm`, including `pcm`.
     template <class Visit> void forLinked(const FakedPcm& pcm, Visit visit)
     {
         for (const auto& [descriptor, each] : _pcms)
             if (each.get() == &pcm || (pcm.link && each->link == pcm.link))
                 visit(*each);
     }
-    /// Links both; a negative errno when that is not possible.
+    /// Links both PCMs; returns a negative errno on failure.
     int link(FakedPcm& pcm, int descriptor);
     void update(FakedCard& card);
-    /// A PCM has begun to run.
+    /// Must be called when a PCM has started.
     void clockNeeded();
 
     const std::string folder;
@@ -80,10 +81,10 @@ private:
     void _wakeClock() const;
     void _runClock();
 
-    std::array<std::atomic<bool>, 4096> _isOurs{}; // by descriptor; written under the lock
-    FakedLock _lock;                               // guards what follows
+    std::array<std::atomic<bool>, 4096> _isOurs{}; // by descriptor; written under the lock, read without it
+    FakedLock _lock;                               // guards the fields below
     std::map<int, std::unique_ptr<FakedCard>> _cards;
-    std::vector<std::unique_ptr<FakedCard>> _gone;  // whose files may still be open
+    std::vector<std::unique_ptr<FakedCard>> _gone;  // unplugged; their files may still be open
     std::map<int, std::unique_ptr<FakedPcm>> _pcms; // by descriptor
     std::map<int, Control> _controls;
     unsigned _groups = 0;

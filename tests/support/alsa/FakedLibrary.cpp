@@ -1,4 +1,4 @@
-// In place of the C library's functions.
+// Replaces functions of the C library.
 #include "FakedLibrary.h"
 
 #include "FakedKernel.h"
@@ -39,10 +39,10 @@ FAKED_EXPORT int open(const char* path, int flags, ...)
                          : FakedLibrary::open(path, flags, mode);
 }
 
-/// The same function where file offsets have 64 bits anyway.
+/// File offsets always have 64 bits here, so both are the same.
 FAKED_EXPORT int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
-// The forms that check sizes, which alsa-lib calls.
+// The size-checking variants, which alsa-lib calls.
 FAKED_EXPORT int __open_2(const char* path, int flags)
 {
     return open(path, flags);

@@ -8,7 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/// The system calls that the faked cards stand before, past every check of the program's and past the sanitizers.
+/// The system calls that the faked cards interpose, called directly: neither checks nor sanitizers see them.
 /// Threads: any.
 struct FakedLibrary {
     static ssize_t read(int descriptor, void* to, size_t size)
@@ -29,7 +29,7 @@ struct FakedLibrary {
     {
         return reinterpret_cast<void*>(syscall(SYS_mmap, at, size, protection, flags, descriptor, offset));
     }
-    /// Without `time` until one is ready.
+    /// Waits indefinitely if `time` is null.
     static int poll(pollfd* files, nfds_t count, timespec* time)
     {
         return static_cast<int>(syscall(SYS_ppoll, files, count, time, nullptr, 0));

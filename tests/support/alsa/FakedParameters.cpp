@@ -9,7 +9,7 @@ namespace {
 using Interval = snd_interval;
 using Wide = unsigned long long;
 
-/// Whole numbers from `min` to `max`.
+/// The integers from `min` to `max`.
 Interval range(unsigned min, unsigned max)
 {
     Interval i{};
@@ -19,7 +19,7 @@ Interval range(unsigned min, unsigned max)
     return i;
 }
 
-/// Narrows `i` to `other`: 1 when that changed it, 0 when not, negative when nothing is left.
+/// Narrows `i` to `other`. Returns 1 if that changed it, 0 if not, a negative error if it becomes empty.
 int narrow(Interval& i, const Interval& other)
 {
     const Interval before = i;
@@ -41,7 +41,8 @@ int narrow(Interval& i, const Interval& other)
     return isEmpty ? -EINVAL : std::memcmp(&before, &i, sizeof i) != 0;
 }
 
-/// From low / lowBy to high / highBy; a bound that is no whole number lies beyond the open end.
+/// From low / lowBy to high / highBy; a bound that is not an integer becomes the next integer, as an open
+/// bound.
 Interval between(Wide low, Wide lowBy, Wide high, Wide highBy)
 {
     const auto capped = [](Wide value) { return static_cast<unsigned>(std::min<Wide>(value, UINT_MAX)); };
@@ -66,7 +67,7 @@ Interval quotient(const Interval& a, Wide k, const Interval& b)
     return between(a.min * k, b.max, a.max * k, b.min);
 }
 
-/// The list's values that lie in `i`.
+/// The smallest interval with all values of the list that are in `i`.
 template <class Values> Interval among(const Interval& i, const Values& values)
 {
     Interval found = range(UINT_MAX, 0);
@@ -78,7 +79,7 @@ template <class Values> Interval among(const Interval& i, const Values& values)
     return found;
 }
 
-/// Narrows a choice of up to 256 things to `numbers`; false when nothing is left.
+/// Narrows a mask of up to 256 choices to `numbers`; returns false if none is left.
 bool narrowMask(snd_pcm_hw_params& parameters, unsigned mask, const std::vector<unsigned>& numbers)
 {
     unsigned(&bits)[8] = parameters.masks[mask - SNDRV_PCM_HW_PARAM_FIRST_MASK].bits;
@@ -113,7 +114,7 @@ int fakedRefine(snd_pcm_hw_params& parameters, const FakedCardOptions& card, boo
     const auto of = [&](unsigned number) -> Interval& { return fakedInterval(parameters, number); };
     Interval &rate = of(SNDRV_PCM_HW_PARAM_RATE), &periods = of(SNDRV_PCM_HW_PARAM_PERIODS);
     Interval &period = of(SNDRV_PCM_HW_PARAM_PERIOD_SIZE), &ring = of(SNDRV_PCM_HW_PARAM_BUFFER_SIZE);
-    // Sizes and what follows from them, until nothing changes. Nobody asks for a time, or for bytes.
+    // Applies the rules until nothing changes. No program needs rules from times to rates, or for bytes.
     for (int changed = 1; changed > 0;) {
         const std::pair<Interval&, Interval> rules[] = {
             {of(SNDRV_PCM_HW_PARAM_CHANNELS), range(channels, channels)},

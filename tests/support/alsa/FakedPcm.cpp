@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr size_t page = 4096; // of the status, then of the program's positions, then the ring
+constexpr size_t page = 4096; // page size: one page of status, one of the program's positions, then the ring
 
 } // namespace
 
@@ -31,7 +31,7 @@ FakedPcm::FakedPcm(FakedCard& ofCard, unsigned pcm, bool captures, int itsDescri
     _control = reinterpret_cast<snd_pcm_mmap_control*>(_memory + page);
     _control->avail_min = 1;
     char full[page]{};
-    if (!isCapture) // ready is a pipe with room
+    if (!isCapture) // a playback PCM is ready while its pipe has room
         FakedLibrary::write(descriptor, full, page);
     setState(SNDRV_PCM_STATE_OPEN);
 }
@@ -64,13 +64,13 @@ void FakedPcm::stop(int state)
     });
 }
 
-/// No test runs until the positions wrap.
+/// Positions do not wrap: no test runs that long.
 snd_pcm_uframes_t FakedPcm::_available() const
 {
     return _status->hw_ptr - _control->appl_ptr + (isCapture ? 0 : _buffer);
 }
 
-/// As the kernel's poll has it.
+/// The kernel's conditions for poll().
 void FakedPcm::showReadiness()
 {
     switch (state()) {
@@ -159,15 +159,15 @@ void FakedPcm::advance(int64_t nanoseconds)
     showReadiness();
 }
 
-// ---- What programs ask for
+// ---- Requests of programs
 
-/// alsa-lib has left one value of each.
+/// alsa-lib has narrowed each parameter to one value.
 int FakedPcm::_setParameters(snd_pcm_hw_params& parameters)
 {
     if (const int error = fakedRefine(parameters, card.options, isCapture))
         return error;
     const auto value = [&](unsigned each) { return fakedInterval(parameters, each).min; };
-    const unsigned formats = parameters.masks[SNDRV_PCM_HW_PARAM_FORMAT].bits[0]; // 0: that of 24 packed bits
+    const unsigned formats = parameters.masks[SNDRV_PCM_HW_PARAM_FORMAT].bits[0]; // 0: S24Packed is bit 32
     _channels = value(SNDRV_PCM_HW_PARAM_CHANNELS);
     if (_rate != value(SNDRV_PCM_HW_PARAM_RATE))
         card.setRate(_rate = value(SNDRV_PCM_HW_PARAM_RATE));
@@ -202,10 +202,10 @@ int FakedPcm::_prepare()
 
 int FakedPcm::_start()
 {
-    int error = 0; // the first one
+    int error = 0; // of the first PCM that has one
     _kernel.forLinked(*this, [&](const FakedPcm& each) {
         const bool isEmpty = !each.isCapture && each._stopThreshold < each._boundary &&
-                             each._available() >= each._buffer; // nothing to play
+                             each._available() >= each._buffer; // the ring has nothing to play
         const int own = each.state() != SNDRV_PCM_STATE_PREPARED ? -EBADFD : isEmpty ? -EPIPE : 0;
         error = error ? error : own;
     });
@@ -251,7 +251,7 @@ int FakedPcm::_transfer(snd_xferi& transfer)
         const auto count =
             std::min({transfer.frames - done, _available(), _buffer - _control->appl_ptr % _buffer});
         if (count == 0) {
-            error = -EAGAIN; // programs that would wait are not served
+            error = -EAGAIN; // blocking transfers are not supported
             break;
         }
         char* const ring = _samples(static_cast<int64_t>(_control->appl_ptr));
@@ -315,7 +315,7 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
             return -EBADFD;
         stop(SNDRV_PCM_STATE_SETUP);
         return 0;
-    case SNDRV_PCM_IOCTL_RESUME: // not able to
+    case SNDRV_PCM_IOCTL_RESUME: // not supported: programs must prepare again
         return state() == SNDRV_PCM_STATE_SUSPENDED ? -ENOSYS : -EBADFD;
     case SNDRV_PCM_IOCTL_LINK:
         return _kernel.link(*this, static_cast<int>(std::bit_cast<intptr_t>(argument)));

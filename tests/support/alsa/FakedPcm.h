@@ -4,12 +4,11 @@
 
 class FakedKernel;
 
-/// One direction of a PCM that a program has open: the kernel's state machine, and the ring.
-/// Threads: the kernel's lock is held.
+/// One open direction of a PCM: the kernel's state machine and the ring buffer.
+/// Threads: any; the caller holds the kernel's lock.
 class FakedPcm {
 public:
-    /// `descriptor` is the program's, of a pipe whose other end is `peer`: whether it can be read or written is whether the
-    /// PCM is ready.
+    /// `descriptor` is the program's end of a pipe and `peer` the other: the PCM is ready when the pipe is.
     FakedPcm(FakedCard& card, unsigned pcm, bool isCapture, int descriptor, int peer, FakedKernel& kernel);
     ~FakedPcm();
     FakedPcm(const FakedPcm&) = delete;
@@ -19,22 +18,22 @@ public:
     const unsigned number;
     const bool isCapture;
     const int descriptor;
-    unsigned link = 0; ///< of which group; 0: alone
+    unsigned link = 0; ///< group of linked PCMs; 0: not linked
 
     int ioctl(unsigned long request, void* argument);
-    /// The file and the place in it that a program wants to map; -1 when it may not.
+    /// Returns the file to map and sets the offset in it; -1 if the program may not map it.
     int mapped(unsigned long offset, off_t& place) const;
-    /// Moves the clock to a moment: plays and records what lies between.
+    /// Advances to a time: plays or records the frames up to then.
     void advance(int64_t nanoseconds);
     bool runs() const;
     int state() const { return static_cast<int>(_status->state); }
     void setState(int state);
-    /// What the state makes of a read or a write; 0: nothing.
+    /// Result of a read or write in the current state; 0: allowed.
     int stateError() const;
-    /// As the program has moved its position in the mapped page.
+    /// Updates readiness after the program may have moved its position in the mapped page.
     void showReadiness();
     void stop(int state);
-    /// When the next period is complete; and the frame at which its ring will be empty or full, but for one.
+    /// The time at which the next period is complete, and the last frame before the ring is empty or full.
     int64_t nextInterrupt() const;
     double lastFrameBeforeOverload() const;
 

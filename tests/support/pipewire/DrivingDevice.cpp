@@ -11,7 +11,7 @@
 namespace {
 
 constexpr uint32_t stereoFrame = 8;         // bytes
-constexpr std::chrono::seconds patience{1}; // with one cycle: its end is lost when a node goes meanwhile
+constexpr std::chrono::seconds patience{1}; // per cycle: its end is lost if a node disappears meanwhile
 constexpr std::chrono::milliseconds mergeTime{50};
 constexpr std::chrono::hours neverLate{1};
 
@@ -132,7 +132,7 @@ void DrivingDevice::_process(void* data)
     pw_stream_queue_buffer(self->_stream, buffer);
 }
 
-/// A driver is called when all nodes are done.
+/// A driver's process callback runs when all nodes have finished the cycle.
 void DrivingDevice::_endCycle()
 {
     const std::scoped_lock lock(_mutex);
@@ -140,7 +140,7 @@ void DrivingDevice::_endCycle()
     _cycleEnded.notify_all();
 }
 
-/// A driver takes its frames in the cycle before, and gives them in the one after.
+/// A driving sink plays its frames one cycle later; a driving source captured its frames one cycle earlier.
 void DrivingDevice::_notePassage(float sample)
 {
     const spa_io_clock* clock = _clock;
@@ -158,7 +158,7 @@ void DrivingDevice::_receive(const float* samples, uint32_t frameCount) noexcept
         Received& received = _received[i % 2];
         const int64_t value = std::llrint(samples[i] / rampStep);
         if (value == 0)
-            continue; // silence before, between and after ramps
+            continue; // silence around ramps
         if (received.last != 0 && value != ((received.last + 1) & int64_t{rampMask}))
             ++received.breaks;
         received.last = value;
@@ -176,7 +176,7 @@ void DrivingDevice::_give(float* samples, uint32_t frameCount) noexcept
 void DrivingDevice::_drive()
 {
     using Clock = std::chrono::steady_clock;
-    // A crystal does not wait for a processor; a thread without the right to precede others does.
+    // Real-time priority, if permitted, because a hardware clock does not wait for a processor.
     const sched_param precedence{.sched_priority = 60};
     pthread_setschedparam(pthread_self(), SCHED_FIFO, &precedence);
     _time = Clock::now().time_since_epoch();
@@ -196,14 +196,14 @@ void DrivingDevice::_drive()
     }
 }
 
-/// Runs one cycle of the graph, when this device drives it, and returns its length; 0 when it does not.
+/// Runs one cycle of the graph if this device drives it, and returns its length; 0 otherwise.
 DrivingDevice::Nanoseconds DrivingDevice::_driveCycle()
 {
     spa_io_clock* clock = _clock;
     const spa_io_position* position = _position;
     if (!_streaming || !clock || !position || !pw_stream_is_driving(_stream))
         return {};
-    // The server writes what it wants the cycle to be; writing an older value back would undo that.
+    // The server stores the cycle length it wants here; writing an older value back would undo that.
     const uint64_t duration = position->clock.duration;
     const Nanoseconds period(static_cast<double>(duration) / position->clock.rate.denom * 1e9 / _ratio);
     const uint32_t skipped = _skip.exchange(0);
@@ -232,7 +232,7 @@ void DrivingDevice::_waitForNodes()
     std::unique_lock lock(_mutex);
     const auto areDone = [this] { return _ended || !_streaming || _pendingEnds == 0; };
     if (_pendingEnds > 1) {
-        // The cycle that was given up ends as this one begins, and the two ends may come as one.
+        // The cycle that timed out ends as this one begins, and both ends may arrive as one.
         _cycleEnded.wait_for(lock, patience, [&] { return areDone() || _pendingEnds == 1; });
         if (_pendingEnds == 1 && !_cycleEnded.wait_for(lock, mergeTime, areDone))
             _pendingEnds = 0;

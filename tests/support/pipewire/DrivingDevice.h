@@ -12,19 +12,19 @@
 #include <string>
 #include <thread>
 
-/// A stereo device that drives a graph with a clock of its own: a sink that checks the ramps it receives (Ramp.h), one in
-/// each channel, or a source that gives one.
-/// Threads: one; it runs two of its own.
+/// A stereo device that drives a graph by a separate clock: a sink that checks the ramps it receives
+/// (Ramp.h), one in each channel, or a source that generates one.
+/// Threads: one; it runs two threads internally.
 class DrivingDevice {
 public:
     enum class Direction { Sink, Source };
 
     struct Options {
-        double partsPerMillion = 0; ///< by which its clock is fast
-        /// Devices of one name report one clock, and must drift alike; each has its own if empty.
+        double partsPerMillion = 0; ///< clock error; positive: fast
+        /// Devices with the same clock name share a clock and need the same error. Empty: a separate clock.
         std::string clockName{};
-        /// Drives the devices of this node.group, and begins a cycle only when all of them are done with the one
-        /// before: no node is ever late, however busy the machine is, and time stretches instead. None if empty.
+        /// Drives the devices of this node.group and starts a cycle only when all nodes have finished the
+        /// previous one: no node is ever late on a busy machine; the clock slows instead. Empty: none.
         std::string patientGroup{};
     };
 
@@ -33,18 +33,19 @@ public:
     DrivingDevice(const DrivingDevice&) = delete;
     DrivingDevice& operator=(const DrivingDevice&) = delete;
 
-    /// The clock goes on by so many cycles that no node is called for, before its next.
+    /// Advances the clock by this many cycles, in which no node is called, before its next cycle.
     void skip(uint32_t cycles) noexcept { _skip += cycles; }
 
-    /// Frames of the ramp that came in the channel with fewer, and in the one with more how often one did not follow the
-    /// one before.
+    /// The number of ramp frames received, in the channel with fewer; and of frames that did not follow their
+    /// predecessor, in the channel with more.
     uint64_t framesReceived() const noexcept
     {
         return std::min<uint64_t>(_received[0].frames, _received[1].frames);
     }
     uint64_t breaks() const noexcept { return std::max<uint64_t>(_received[0].breaks, _received[1].breaks); }
 
-    /// A frame of the ramp, and when it was taken or is played by this device's clock: the first of its last cycle.
+    /// A ramp value and its time by this device's clock: when the last cycle's first frame was taken or is
+    /// played.
     struct Passage {
         double number = 0, nanoseconds = 0;
     };
@@ -79,22 +80,22 @@ private:
     TestClient _client;
     const Direction _direction;
     const Options _options;
-    const double _ratio; // device frames per nominal frame
+    const double _ratio; // device clock rate / nominal rate
     pw_stream* _stream = nullptr;
     spa_hook _listener{};
     std::atomic<spa_io_clock*> _clock{nullptr};
     std::atomic<spa_io_position*> _position{nullptr};
     std::atomic<bool> _streaming{false};
     std::atomic<bool> _ended{false};
-    std::atomic<uint32_t> _skip{0}; // cycles; taken by the thread before its next
+    std::atomic<uint32_t> _skip{0}; // cycles; taken by the driver thread before its next cycle
     Nanoseconds
-        _time{}; // of the clock's next cycle: a period after the last even where it has waited for nodes
+        _time{}; // of the clock's next cycle: one period after the last, even if that waited for nodes
     uint64_t _framesDriven = 0, _lastDuration = 0;
     uint64_t _framesGiven = 0;
     Received _received[2];
-    mutable std::mutex _mutex; // guards what follows
+    mutable std::mutex _mutex; // guards the fields below
     std::condition_variable _cycleEnded;
-    uint32_t _pendingEnds = 0; // of cycles that were begun
+    uint32_t _pendingEnds = 0; // cycles started and not yet ended
     Passage _passage;
     std::thread _driver;
 };

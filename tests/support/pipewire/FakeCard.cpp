@@ -195,7 +195,7 @@ void FakeCard::_changed()
 {
     for (spa_param_info& info : _params)
         if (info.id == SPA_PARAM_Route || info.id == SPA_PARAM_EnumRoute)
-            info.flags ^= SPA_PARAM_INFO_SERIAL; // or nobody asks for the new value
+            info.flags ^= SPA_PARAM_INFO_SERIAL; // otherwise clients do not read the new value
     _emitInfo(SPA_DEVICE_CHANGE_MASK_PARAMS);
     _client.changed();
 }

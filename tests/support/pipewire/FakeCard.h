@@ -5,16 +5,16 @@
 #include <spa/monitor/device.h>
 #include <spa/pod/builder.h>
 
-/// A sound card, exported to a server by the test's own process: a profile, routes with volume and mute, headphones
-/// that can be plugged, and a sink (and a source) that belong to it.
+/// A sound card that the test's process exports to a server. It has a profile, routes with volume and mute,
+/// headphones that can be plugged in, and a sink (and a source).
 /// Threads: one.
 class FakeCard {
 public:
     struct Options {
         std::string name =
             "fake";              ///< the card is alsa_card.NAME, its nodes alsa_output.NAME.stereo and so on
-        bool microphone = false; ///< whether it has a source too
-        NodeProperties properties{}; ///< of the card, on top of a serial number, a maker and a bus
+        bool microphone = false; ///< whether it also has a source
+        NodeProperties properties{}; ///< of the card, added to the default serial number, maker and bus
     };
 
     enum Route : uint32_t { Speakers, Headphones, Microphone };
@@ -34,9 +34,9 @@ public:
     std::string sinkName() const { return "alsa_output." + _options.name + ".stereo"; }
     std::string deviceName() const { return "alsa_card." + _options.name; }
 
-    /// What the hardware does by itself, or another client through it.
+    /// Changes the state as the hardware or another client would.
     void change(const std::function<void(State&)>& change);
-    /// Waits until the card is in such a state. False when it never is.
+    /// Waits until `isTrue` holds for the card's state. Returns false on timeout.
     bool waitUntil(const std::function<bool(const State&)>& isTrue) const;
 
 private:

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr double period = 1 << 24; // frames, after which the numbers begin again
+constexpr double period = 1 << 24; // frames, after which the values repeat
 constexpr double maxLatency = 1 << 20;
 
 } // namespace
@@ -19,7 +19,7 @@ LatencyProbe::LatencyProbe(TestClient& client, const Port& input, const Port& ou
                 [this](const spa_io_clock& clock, const float* samples) { _receive(clock, samples); })
 {}
 
-/// Of the cycle's first frame. The cycles of every graph are on the same clock.
+/// The time of the cycle's first frame, in frames. The cycles of all graphs use the same clock.
 double LatencyProbe::_timeOf(const spa_io_clock& clock) const noexcept
 {
     return std::round(std::fmod(static_cast<double>(clock.nsec) * 1e-9 * _rate, period));

@@ -4,8 +4,9 @@
 
 #include <atomic>
 
-/// Sends frames through what is connected between two ports, and measures how late they come back. Each frame is the
-/// number of its time, in steps of 2^-24, so that one that is lost, repeated or resampled still states its time.
+/// Sends frames through the path between two ports and measures their latency. The value of each frame is its
+/// send time in frames, in steps of 2^-24, so the latency is known even if frames are lost, repeated or
+/// resampled.
 /// Threads: one; frames are sent and received on PipeWire's audio thread.
 class LatencyProbe {
 public:
@@ -13,11 +14,11 @@ public:
         std::string node, name;
     };
 
-    /// Frames go in at `input` and come back at `output`. `rate` is the server's, Hz.
+    /// Sends frames to the port `input` and receives them from `output`. `rate` is the server's, in Hz.
     LatencyProbe(TestClient& client, const Port& input, const Port& output, double rate);
 
-    /// Waits for `count` cycles with sound and returns how late each was, in frames, in ascending order; fewer when
-    /// they do not come within some seconds.
+    /// Waits for `count` cycles with sound and returns the latency of each, in frames, in ascending order;
+    /// fewer if 10 s pass first.
     std::vector<double> measure(size_t count);
 
 private:
@@ -28,6 +29,6 @@ private:
     const double _rate;
     std::vector<double> _latencies;
     std::atomic<size_t> _wanted{0},
-        _received{0}; // the audio thread writes while it has received less than wanted
+        _received{0}; // the audio thread writes while it has received fewer than wanted
     const TestPort _sender, _receiver;
 };

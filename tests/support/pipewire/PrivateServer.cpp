@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* wirePlumber = "/usr/share/wireplumber";
 
-// Without a session bus, what needs one (Bluetooth, reserving cards) makes WirePlumber exit.
+// Without a session bus, the modules that need one (Bluetooth, reserving cards) make WirePlumber exit.
 constexpr const char* withoutHardware = R"(
 default_access.properties["enable-flatpak-portal"] = false
 alsa_monitor.enabled = false
@@ -28,8 +28,8 @@ v4l2_monitor.enabled = false
 libcamera_monitor.enabled = false
 )";
 
-// A forced frame count is taken as it is, and a rate of any client is allowed. The access module must be there:
-// without it clients get no permissions at all.
+// A forced frame count is used unchanged, and clients may request any of the rates. The access module is
+// required: without it clients have no permissions at all.
 constexpr const char* configuration = R"(
 context.properties = {
     core.daemon = true
@@ -82,7 +82,7 @@ fs::path newFolder()
     return path;
 }
 
-/// The socket is bound before the server listens on it: only a connection that succeeds proves that it does.
+/// The socket exists before the server listens on it: only a successful connection proves that it is ready.
 bool acceptsConnections(const std::string& path)
 {
     sockaddr_un address{};

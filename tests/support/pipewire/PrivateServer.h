@@ -4,17 +4,16 @@
 #include <string>
 #include <sys/types.h>
 
-/// A PipeWire server of the test's own: its own runtime folder and configuration, no session bus and none of the
-/// caller's environment, so that several run side by side.
+/// A private PipeWire server, with a separate runtime folder and configuration, no session bus and none of
+/// the caller's environment, so that several can run side by side.
 /// Threads: one. The server ends with the thread that started it.
 class PrivateServer {
 public:
     struct Options {
-        /// A WirePlumber beside it, which looks for no hardware; without one the server itself offers the `default`
-        /// metadata.
+        /// Starts a WirePlumber that monitors no hardware. Without it, the server has the `default` metadata.
         bool sessionManager = false;
-        std::string runtimeFolder{}; ///< where the socket goes; a new one when empty
-        std::string withoutModule{}; ///< a module not to load, "link-factory"; none when empty
+        std::string runtimeFolder{}; ///< folder of the socket; a new one when empty
+        std::string withoutModule{}; ///< name of a module to omit, such as "link-factory"
     };
 
     PrivateServer() : PrivateServer(Options{}) {}
@@ -25,9 +24,9 @@ public:
     PrivateServer(const PrivateServer&) = delete;
     PrivateServer& operator=(const PrivateServer&) = delete;
 
-    /// Starts it in the same folder as before and waits for its socket.
+    /// Starts the server, in the same folder as before, and waits until its socket accepts connections.
     void start();
-    /// Ends it with SIGKILL, and waits for its end.
+    /// Ends the server with SIGKILL and waits until it has ended.
     void kill();
     /// Stops the process: it keeps its sockets and handles no request.
     void hang();
@@ -35,7 +34,7 @@ public:
 
     /// The runtime folder; its socket is `pipewire-0`.
     const std::filesystem::path& folder() const noexcept { return _folder; }
-    /// The remote name by which a client reaches this server.
+    /// The remote name of this server for clients.
     std::string remote() const { return _folder / "pipewire-0"; }
 
 private:

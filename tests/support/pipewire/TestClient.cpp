@@ -6,16 +6,16 @@
 #include <stdexcept>
 #include <utility>
 
-// Findings of the thread sanitizer in PipeWire's own libraries, which it sees only in part, are not ours to mend; nor
-// does it see how they hand a port's buffers from the loop to the audio thread.
-// Here, because every test program that uses PipeWire links this file.
+// Suppresses reports of the thread sanitizer in PipeWire's own libraries, which it instruments only in part:
+// it does not see, for instance, how they pass a port's buffers from the loop to the audio thread. Defined
+// here because every test program that uses PipeWire links this file.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() // NOLINT(bugprone-reserved-identifier): its name
 {
     return "race:pw_get_user_name\n"
            "race:libspa-audioconvert.so\n"
            "race:libpipewire-module-client-node.so\n"
-           "race:libumockdev-preload.so\n" // one buffer for every thread's paths
+           "race:libumockdev-preload.so\n" // one path buffer for all threads
            "race:portSamples\n"
            "race:interleave\n";
 }
@@ -24,7 +24,7 @@ namespace {
 
 NodeProperties nodeProperties(const VirtualDevice& device)
 {
-    NodeProperties all = device.properties; // insert() keeps them
+    NodeProperties all = device.properties; // insert() does not replace them
     all.insert({{PW_KEY_NODE_NAME, device.name},
                 {PW_KEY_NODE_DESCRIPTION, "Virtual " + device.name},
                 {PW_KEY_MEDIA_CLASS, device.mediaClass}});
@@ -49,7 +49,7 @@ NodeProperties nullDeviceProperties(const VirtualDevice& device)
                 {PW_KEY_AUDIO_CHANNELS, std::to_string(device.channelCount)},
                 {"audio.position", channelPositions(device.channelCount)},
                 {"monitor.channel-volumes", "false"},
-                // Nobody configures the ports of a node where no session manager runs.
+                // Without a session manager, no other program configures the node's ports.
                 {"adapter.auto-port-config", "{ mode = dsp monitor = true position = preserve }"}});
     return all;
 }

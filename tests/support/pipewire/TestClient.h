@@ -12,23 +12,23 @@
 
 using NodeProperties = std::map<std::string, std::string>;
 
-/// The dictionary as PipeWire takes it; the callee that is given it frees it.
+/// Returns the dictionary in PipeWire's type. The function it is passed to must free it.
 pw_properties* newProperties(const NodeProperties& properties);
 
-/// What a virtual device is made of. The defaults are a stereo sink that follows the graph's rate.
+/// Description of a virtual device. The default is a stereo sink that follows the graph's rate.
 struct VirtualDevice {
     std::string name;
     std::string mediaClass = "Audio/Sink"; ///< or Audio/Source/Virtual, Audio/Duplex
-    uint32_t channelCount = 2;             ///< at most 64, but for a bare node
-    NodeProperties properties{};           ///< on top of what the others imply, and instead of it
+    uint32_t channelCount = 2;             ///< at most 64, except for a bare node
+    NodeProperties properties{};           ///< added to the implied properties; takes precedence
 };
 
-/// Another client of a PipeWire server, with a loop thread of its own: it plugs virtual devices in, and does to the
-/// objects of the server what any client may do.
-/// Threads: any, one at a time. All that it has made disappears with it.
+/// Another client of a PipeWire server, with its own loop thread. It plugs virtual devices in and changes the
+/// server's objects as any client may.
+/// Threads: any, one at a time. Everything it has created disappears with it.
 class TestClient {
 public:
-    /// Connects to the server listening at `remote`. Throws std::runtime_error when it cannot.
+    /// Connects to the server at `remote`. Throws std::runtime_error on failure.
     explicit TestClient(const std::string& remote);
     ~TestClient();
     TestClient(const TestClient&) = delete;
@@ -36,26 +36,27 @@ public:
 
     // -- The connection
 
-    /// Runs `work` with the loop stopped.
+    /// Runs `work` with the loop locked.
     void locked(const std::function<void()>& work) const;
     /// Returns once the server has handled every earlier request.
     void sync();
-    /// Waits until `isTrue`, evaluated after every event with the loop stopped. False when it never is.
+    /// Waits until `isTrue` holds, evaluated after every event with the loop locked. Returns false on
+    /// timeout.
     bool waitUntil(const std::function<bool()>& isTrue) const;
-    /// Wakes waitUntil(). On the loop.
+    /// Wakes waitUntil(). Must be called on the loop or with the loop locked.
     void changed() const { pw_thread_loop_signal(_loop, false); }
     pw_core* core() const noexcept { return _core; }
 
     // -- The server's objects
 
-    /// The ids of all objects of this type (PW_TYPE_INTERFACE_…) with these properties.
+    /// Returns the ids of all objects of this type (PW_TYPE_INTERFACE_…) with these properties.
     std::vector<uint32_t> idsOf(const std::string& type, const NodeProperties& properties) const;
-    /// The first of them, waiting for it. Throws std::runtime_error when there is none.
+    /// Returns the first of them, waiting until one exists. Throws std::runtime_error on timeout.
     uint32_t idOf(const std::string& type, const NodeProperties& properties) const;
     uint32_t nodeID(const std::string& nodeName) const;
-    /// With the loop stopped.
+    /// Must be called with the loop locked.
     pw_proxy* bind(uint32_t id, const char* type, uint32_t version);
-    /// Links an output port to an input port, each named by its node and its port name.
+    /// Links an output port to an input port, each given by its node and its port name.
     pw_proxy* link(uint32_t outputNode, const std::string& outputPort, uint32_t inputNode,
                    const std::string& inputPort);
     void destroy(pw_proxy* proxy);
@@ -63,11 +64,10 @@ public:
     // -- Virtual devices. Each function returns once the server has made the change.
 
     void plug(const VirtualDevice& device);
-    /// The same, for a node whose ports this process makes: none, or more than a server's own device can have. It takes
-    /// and gives silence.
+    /// The same, for a node with ports made by this process: none, or more than a device of the server can
+    /// have. It outputs silence.
     void plugBareNode(const VirtualDevice& device);
-    /// The same as plug(), for a device that lives in this process as a session manager's do, and can change its
-    /// properties.
+    /// Like plug(), for a device in this process, as a session manager's are. Its properties can be changed.
     void plugExported(const VirtualDevice& device);
     /// Changes properties of an exported device.
     void change(const std::string& name, const NodeProperties& properties);
@@ -75,9 +75,9 @@ public:
     void unplug(const std::string& name);
     void unplugAll();
 
-    // -- What PipeWire's own programs do on this server
+    // -- PipeWire's own programs, run on this server
 
-    /// Runs "pw-cli destroy 42". Returns its output.
+    /// Runs a command, such as "pw-cli destroy 42". Returns its output. Throws std::runtime_error on failure.
     std::string run(const std::string& command) const;
     /// Linear amplitudes, one per channel of the node.
     void setVolumes(const std::string& nodeName, const std::vector<float>& amplitudes) const;

@@ -36,7 +36,7 @@ TestPort::~TestPort()
 void TestPort::_process(void* data, spa_io_position* position)
 {
     const auto& self = *static_cast<TestPort*>(data);
-    if (position) // a buffer is taken in every cycle: one that is left would be the next cycle's
+    if (position) // take a buffer in every cycle: an unused one would be returned in the next
         self._callback(position->clock, static_cast<float*>(pw_filter_get_dsp_buffer(
                                             self._port, static_cast<uint32_t>(position->clock.duration))));
 }

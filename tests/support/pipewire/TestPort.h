@@ -11,7 +11,7 @@ public:
     /// `samples` is null in a cycle without a buffer.
     using Process = std::function<void(const spa_io_clock& clock, float* samples)>;
 
-    /// An input is linked to an output of `node`, and an output to an input of it.
+    /// Links an input port to an output port of `node`, or an output port to an input port of it.
     TestPort(TestClient& client, pw_direction direction, uint32_t node, const std::string& port,
              Process process);
     ~TestPort();

@@ -1,5 +1,5 @@
-// A private server with a microphone and two sinks, for tests in other languages: prints its remote name, and ends with
-// its standard input.
+// Runs a private server with a microphone and two sinks, for tests in other languages. Prints its remote
+// name, and exits when its standard input is closed.
 #include "PrivateServer.h"
 #include "TestClient.h"
 

@@ -79,7 +79,7 @@ void FakeUSBBus::plug(const std::string& place, uint32_t card, const Unit& unit)
 void FakeUSBBus::unplug(const std::string& place)
 {
     const std::string& device = _folders.at(place);
-    // One by one, because umockdev forgets the links to what is within.
+    // One by one, because umockdev does not remove the links to devices below.
     for (const std::string& each : {_cards.at(place), device + "/" + place + ":1.0", device})
         umockdev_testbed_remove_device(_testbed, each.c_str());
     _folders.erase(place);

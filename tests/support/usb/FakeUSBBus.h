@@ -6,7 +6,7 @@
 
 struct _UMockdevTestbed;
 
-/// A universal serial bus in place of the computer's, as far as this process reads of it from /sys and udev. The
+/// A simulated USB bus that replaces the computer's in everything this process reads from /sys and udev. The
 /// process must run with umockdev's library preloaded.
 class FakeUSBBus {
 public:
@@ -20,12 +20,13 @@ public:
         std::string product = "Product";
         std::optional<std::string> serial = {};
     };
-    /// Plugs a sound card in, at "3-1.4": bus 3, port 4 of the hub on port 1. Hubs on the way are plugged, too.
+    /// Plugs in a sound card, at "3-1.4" for instance: bus 3, port 4 of the hub on port 1. Also adds the
+    /// hubs.
     void plug(const std::string& place, uint32_t card, const Unit& unit);
     void unplug(const std::string& place);
-    /// udev's ID_PATH of a card at this place.
+    /// Returns udev's ID_PATH of a card at this place.
     static std::string busPath(const std::string& place);
-    /// The folder of the card at this place in the kernel's device tree, without "/sys".
+    /// The card's folder in the kernel's device tree, without "/sys".
     std::string cardFolder(const std::string& place) const;
 
 private:
