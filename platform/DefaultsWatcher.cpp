@@ -64,7 +64,7 @@ void DefaultsWatcher::follow(const CXRef<Client>& suite)
 void DefaultsWatcher::wake() noexcept
 {
     const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(_wakeUps, &one, sizeof one); // fails only if already raised
+    [[maybe_unused]] const ssize_t written = write(_wakeUps, &one, sizeof one); // fails only if set already
 }
 
 void DefaultsWatcher::_serve()

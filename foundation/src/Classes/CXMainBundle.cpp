@@ -11,7 +11,8 @@ struct MainBundle {
 
 MainBundle& mainBundle()
 {
-    static auto& bundle = *new MainBundle; // never destroyed: threads may still ask while the process ends
+    static auto& bundle = *new MainBundle; // never destroyed: threads may still use it while the process
+                                           // exits
     return bundle;
 }
 
