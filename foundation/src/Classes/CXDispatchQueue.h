@@ -117,7 +117,7 @@ private:
     void _deliverMessage() noexcept;
 
     const std::optional<std::string> _name;
-    const CXRef<dxr::PortSet> _portset; // the receivers' ports, and the signal that wakes the thread
+    const CXRef<dxr::PortSet> _portset;  // the receivers' ports and the wake-up signal
     std::atomic<uint32_t> _cancelled{0}; // bit 0: requested; bit 1: finished, set by the queue's thread
     std::atomic<CXRealtimeGrant> _realTimeGrant{CXRealtimeGrant::None};
     const std::unique_ptr<CXDispatchDrain> _drain;

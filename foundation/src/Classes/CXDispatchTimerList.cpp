@@ -81,8 +81,7 @@ void CXDispatchTimerList::remove(const CXDispatchMember& timer)
     if (found == _entries.end())
         return;
     _unschedule(*found->second);
-    const CXRef<Entry> entry = std::move(found->second); // its destructor may call this list, so it runs
-                                                         // after erase()
+    const CXRef<Entry> entry = std::move(found->second); // outlives erase(): its destructor may call here
     _entries.erase(found);
     _publishFirstDeadline();
 }

@@ -11,8 +11,7 @@ struct MainBundle {
 
 MainBundle& mainBundle()
 {
-    static auto& bundle = *new MainBundle; // never destroyed: threads may still use it while the process
-                                           // exits
+    static auto& bundle = *new MainBundle; // never destroyed: threads use it while the process exits
     return bundle;
 }
 

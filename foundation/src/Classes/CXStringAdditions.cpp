@@ -115,9 +115,8 @@ template <class Real> Real numberValue(std::string_view text)
         text.remove_prefix(1);
     Real value = 0;
     if (std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc::result_out_of_range) {
-        value = isBelowOne(text) ? Real{0} : std::numeric_limits<Real>::infinity(); // from_chars does not
-                                                                                    // tell overflow from
-                                                                                    // underflow
+        // Either an underflow or an overflow: from_chars() does not tell which.
+        value = isBelowOne(text) ? Real{0} : std::numeric_limits<Real>::infinity();
     }
     return isNegative ? -value : value;
 }

@@ -324,8 +324,7 @@ void* TFA_realloc(void* pointer, size_t size) noexcept
     const size_t newSize = TFA_malloc_good_size(size);
     if (oldSize == newSize)
         return pointer;
-    void* const block = TFA_malloc(newSize == 0 ? size : newSize); // 0: too large for every class; TFA_malloc
-                                                                   // fails
+    void* const block = TFA_malloc(newSize == 0 ? size : newSize); // 0: too large, and TFA_malloc fails
     if (!block)
         return nullptr;
     if (pointer) {
@@ -339,7 +338,7 @@ void* TFA_reallocf(void* pointer, size_t size) noexcept
 {
     void* const block = TFA_realloc(pointer, size);
     if (!block)
-        std::free(pointer); // NOLINT: published behaviour, see the header
+        std::free(pointer); // NOLINT: kept for compatibility, see the header
     return block;
 }
 
