@@ -15,7 +15,8 @@
 /// Kaiser, "Nonrecursive digital filter design using the I0-sinh window function", 1974); its lengths and
 /// shape follow the formulas in Oppenheim and Schafer, "Discrete-Time Signal Processing", 7.5.3, for 112 dB.
 /// The error of the linear interpolation at w radians per frame is (w / 512)^2 / 8, which is -122 dB at 10
-/// kHz of 48. With the pass band's edge at half the rate, whole positions are read as they are, bit for bit.
+/// kHz with a rate of 48 kHz. Because the pass band ends at half the rate, samples at whole positions are
+/// copied bit for bit.
 ///
 /// Adjacent phases are 1/512 frame apart, so clocks that differ by a few hundred parts per million use the
 /// same two rows of the table for many frames. That is why the large table costs no time, and why neither

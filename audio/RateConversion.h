@@ -30,10 +30,10 @@ public:
     virtual void write(const ausampler_iovec* input, const ausampler_iovec* output,
                        uint32_t framesIn) noexcept CX_REALTIME = 0;
 
-    /// The position of the next output frame, in input frames relative to the next input frame; it is
-    /// negative by the delay.
+    /// The position of the next output frame, in input frames relative to the next input frame; usually
+    /// negative, because of the delay.
     virtual double nextPosition() const noexcept CX_REALTIME = 0;
-    /// Input frames.
+    /// The delay in input frames.
     virtual double delayFrames() const noexcept CX_REALTIME = 0;
 
 protected:

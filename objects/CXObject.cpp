@@ -49,8 +49,8 @@ void CXObject::release() const noexcept
 {
     uintptr_t count = _count.load(std::memory_order_acquire);
     while ((count & 1) != 0) {
-        // Release: this thread's accesses happen before the destruction. Acquire: the destruction happens after
-        // every other thread's accesses.
+        // Release: this thread's accesses happen before the destruction. Acquire: the destruction happens
+        // after every other thread's accesses.
         if (!_count.compare_exchange_weak(count, count - 2, std::memory_order_acq_rel,
                                           std::memory_order_acquire))
             continue;

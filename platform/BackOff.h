@@ -8,7 +8,6 @@ namespace dxr {
 /// before, up to a bound that an IO thread can afford. Without it, two threads that contend for one cache
 /// line take five times as long.
 /// Threads:   one object per thread.
-/// Threads:   one each.
 /// Real time: yes.
 class BackOff {
 public:

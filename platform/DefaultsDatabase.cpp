@@ -352,7 +352,7 @@ DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
         std::string value = textOf(statement.get(), 1);
         const auto before = rows.find(key);
         const bool isSame = before != rows.end() && before->second->value() == value;
-        // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): each turn has a value of its own
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): `value` is new in each iteration
         CXRef<DefaultsRow> row = isSame ? before->second : DefaultsRow::initWithValue(std::move(value));
         found.emplace(std::move(key), std::move(row));
     }
@@ -439,8 +439,8 @@ bool DefaultsDatabase::_isStillInPlace() const
            now.st_dev == _identity.st_dev;
 }
 
-/// Returns true if the open file still begins with SQLite's header. SQLite would not notice while the page is
-/// in its cache, and other processes could not read what is written into a file that was overwritten.
+/// Returns true if the open file still begins with SQLite's header. SQLite does not check this while the page
+/// is in its cache, and data written into a file that was overwritten is lost to other processes.
 bool DefaultsDatabase::_isDatabaseStill()
 {
     sqlite3_file* file = nullptr; // SQLite's handle: closing another descriptor would release its locks

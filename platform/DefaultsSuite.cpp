@@ -225,7 +225,7 @@ void DefaultsSuite::_keepInMemory(const Edit& edit)
     _unsaved = std::move(changes);
     constexpr size_t most = 1000;
     if (_pending.size() >
-        // The resulting changes take less memory, but overwrite what other processes write meanwhile.
+        // The resulting changes take less memory, but overwrite changes that other processes make meanwhile.
         most)
         _pending.assign(1, [unsaved = _unsaved](const DefaultsSnapshot&) { return unsaved; });
 }

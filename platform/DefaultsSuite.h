@@ -84,7 +84,7 @@ private:
     std::mutex _mutex;
     CXRef<DefaultsSnapshot> _snapshot;  // _stored with _unsaved; null before the first use
     bool _isLoaded = false;             // the value of _isRead when the snapshot was made
-    CXRef<DefaultsSnapshot> _announced; // the last snapshot that observers were told of
+    CXRef<DefaultsSnapshot> _announced; // the last snapshot that was reported to observers
     bool _isLoadAnnounced = false;
     using Observers = std::map<uint64_t, CXBlock<void()>>;
     std::map<std::string, Observers, std::less<>> _observers; // by key

@@ -14,7 +14,7 @@ class DXR_EXPORT LogSink {
 public:
     using Writer = CXBlock<void(std::string_view line)>;
 
-    /// Writes one message. Never fails visibly.
+    /// Writes one message. Failures are not reported.
     static void log(std::string_view line);
     /// Sends all later lines to `writer`; an empty writer restores the default. A line that another thread is
     /// writing during the call may still be sent to the old writer.

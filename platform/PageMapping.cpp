@@ -43,7 +43,7 @@ bool PageMapping::makePresent(std::byte* address, size_t byteSize) noexcept
         return true;
     if (errno != EINVAL)
         return false;
-    for (size_t offset = 0; offset < byteSize; offset += pageSize) { // before Linux 5.14
+    for (size_t offset = 0; offset < byteSize; offset += pageSize) { // for kernels before 5.14
         volatile std::byte& byte = address[offset];
         byte = byte;
     }

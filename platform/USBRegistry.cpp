@@ -211,7 +211,7 @@ std::optional<uint32_t> usbLocationID(std::string_view kernelName) noexcept
         const std::optional<uint32_t> port = number(ports.substr(0, dot));
         if (!port)
             return std::nullopt;
-        if (shift > 0) { // the standard allows five hubs in a row: six ports
+        if (shift > 0) { // USB allows five hubs in a row: six ports
             shift -= 4;
             location |= (*port & 0xFU) << shift;
         }

@@ -86,7 +86,7 @@ public:
     void addReceiver(const CXRef<CXDispatchMember>& receiver);
     void removeReceiver(const CXRef<CXDispatchMember>& receiver);
     /// Fires the timer on this queue. On a cancelled queue, cancels the timer instead. Asserts if the timer
-    /// was added before.
+    /// is already on the queue.
     void addTimer(const CXRef<CXDispatchMember>& timer);
     void removeTimer(const CXRef<CXDispatchMember>& timer);
     /// Reschedules the timer by its current deadline and interval, asynchronously unless called on the queue.

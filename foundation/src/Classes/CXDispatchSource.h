@@ -47,7 +47,7 @@ private:
     // do, the second has no effect. _finishCancel() removes the source only from the queue that it runs on:
     // the moving thread may be waiting for that queue as work of the new one, and waiting for the new queue
     // too would deadlock. Every access is a read-modify-write operation, so that the second thread also sees
-    // what the first did before.
+    // the earlier writes of the first.
     std::atomic<uint32_t> _cancelled{0}; // bit 0: requested, bit 1: done
     const CXRef<CXLockFreeReference> _queue;
     const CXRef<CXLockFreeReference> _handler;

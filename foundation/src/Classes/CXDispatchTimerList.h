@@ -24,7 +24,7 @@ public:
     // firstDeadline() must then read it again.
 
     /// Adds a timer and schedules it by its deadline and interval. Asserts, with "CXDispatchQueue" and a
-    /// line, if the timer was added before or memory for its entry cannot be allocated.
+    /// line, if the timer is already in the list or memory for its entry cannot be allocated.
     [[nodiscard]] bool add(const CXRef<CXDispatchMember>& timer);
     /// Does nothing if the timer is not in the list.
     void remove(const CXDispatchMember& timer);

@@ -42,7 +42,7 @@ public:
 
 private:
     static constexpr uint32_t slotsPerBucket = 4;
-    static constexpr uint32_t noObject = 1023; // the index that stands for null
+    static constexpr uint32_t noObject = 1023; // the index that means null
 
     // Four slots, each a strong reference or null, and the next bucket. A slot is claimed by an exchange from
     // null and cleared by the thread that replaced the object. Buckets are added but never removed.

@@ -53,13 +53,11 @@ DXR_EXPORT CXPlist vtObjectForKey(const CXPlist& dictionary, std::string_view ke
 // integer: a fraction is truncated, a real number out of range becomes the nearest 32-bit integer, and of an
 // integer the low 32 bits are used. To a boolean: true for all numbers but 0, and for strings that begin with
 // Y, T or a number other than 0. Arrays, dictionaries and null are 0 and false.
-// number the low 32 bits count; a boolean is true for any number but 0 and for strings that begin with Y, T
-// or a number but 0. Arrays, dictionaries and nothing are 0 and false.
-/// 0 when absent.
+/// Returns 0 if the key is absent.
 DXR_EXPORT int64_t safeIntegerForKey(const CXPlist& dictionary, std::string_view key);
-/// 0.0 when absent.
+/// Returns 0.0 if the key is absent.
 DXR_EXPORT double safeDoubleForKey(const CXPlist& dictionary, std::string_view key);
-/// False when absent.
+/// Returns false if the key is absent.
 DXR_EXPORT bool safeBoolForKey(const CXPlist& dictionary, std::string_view key);
 DXR_EXPORT bool vtBoolForKey(const CXPlist& dictionary, std::string_view key, bool defaultValue);
 DXR_EXPORT int32_t vtIntForKey(const CXPlist& dictionary, std::string_view key, int32_t defaultValue);
