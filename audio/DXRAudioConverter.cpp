@@ -322,7 +322,7 @@ void DXRAudioConverter::_performOutputCallBack(uint64_t sampleTime)
     _bufferFrameCounts[OUTPUT] += _convertedFrameCount;
     CX_ASSERT(_bufferFrameCounts[OUTPUT] <= _bufferFrameCountMax); // before the nodes write
     const uint64_t hostTime =
-        // A node's output is played after the frames already buffered, in its next cycle.
+        // The place of the next block: the device plays a node's output one block after the node makes it.
         _beginBlock(OUTPUT, _bufferFrameCounts[OUTPUT]);
     for (const CXRef<DXRConverterNode>& node : _nodes[OUTPUT])
         node->performIOWithSampleTime(sampleTime, entries, hostTime);
