@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-// Archives hold these records byte for byte.
+// Archives contain these records byte for byte.
 static_assert(sizeof(AudioValueRange) == 16);
 static_assert(sizeof(AudioStreamBasicDescription) == 40);
 static_assert(sizeof(AudioStreamRangedDescription) == 56);

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-// The plain records that describe audio to and from the hardware. Their layouts are published and archived
-// byte for byte: nothing here may move.
+// Plain records that describe audio data passed to and from the hardware layer. Programs and archives depend
+// on their layout byte for byte: fields must not be moved.
 
 /// A closed interval, minimum <= maximum.
 struct AudioValueRange {
@@ -15,7 +15,7 @@ struct AudioValueRange {
 
 /// A stream's format.
 struct AudioStreamBasicDescription {
-    double sampleRate;    ///< Hz; 0 in a ranged description means any rate of its range
+    double sampleRate;    ///< Hz; 0 in a ranged description: any rate of its range
     uint32_t formatID;    ///< 'lpcm' for linear samples
     uint32_t formatFlags; ///< AudioFormatFlag bits
     uint32_t bytesPerPacket;
@@ -28,7 +28,7 @@ struct AudioStreamBasicDescription {
     friend bool operator==(const AudioStreamBasicDescription&, const AudioStreamBasicDescription&) = default;
 };
 
-/// A format that a stream can take, and the rates it can take it at.
+/// A format that a stream supports, and the sample rates at which it does.
 struct AudioStreamRangedDescription {
     AudioStreamBasicDescription format;
     AudioValueRange sampleRateRange; ///< Hz
@@ -43,12 +43,12 @@ inline constexpr uint32_t kAudioFormatFlagIsNonMixable = 64;
 /// One stream's samples in one cycle: frame k of channel c is the float at data[k * numberChannels + c].
 struct AudioBuffer {
     uint32_t numberChannels; ///< interleaved
-    uint32_t dataByteSize;   ///< frames * numberChannels * 4; 0 when there is no data this cycle
-    void* data;              ///< not owned; null when there is no data this cycle
+    uint32_t dataByteSize;   ///< frames * numberChannels * 4; 0 if there is no data in this cycle
+    void* data;              ///< not owned; null if there is no data in this cycle
 };
 
-/// All streams of one direction in one cycle. `buffers` has numberBuffers entries, regardless of the declared
-/// bound.
+/// All streams of one direction in one cycle. `buffers` has numberBuffers entries, although declared with
+/// one.
 struct AudioBufferList {
     uint32_t numberBuffers;
     AudioBuffer buffers[1];
@@ -66,7 +66,7 @@ struct SMPTETime {
     int16_t frames;
 };
 
-/// A moment on a device, in the clocks that `flags` marks as valid.
+/// A time on a device, in the clocks that `flags` marks as valid.
 struct AudioTimeStamp {
     double sampleTime; ///< frames since the device started
     uint64_t hostTime; ///< host ticks

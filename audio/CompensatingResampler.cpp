@@ -30,13 +30,13 @@ double sinc(double x)
     return x == 0.0 ? 1.0 : std::sin(std::numbers::pi * x) / (std::numbers::pi * x);
 }
 
-/// The filter at `x` input frames from its middle; `stretch` is how much it is lowered.
+/// The filter at `x` input frames from its centre; `stretch` is the factor by which its cutoff is lowered.
 double windowedSinc(double x, double half, double stretch)
 {
     const double inside = 1.0 - (x / half) * (x / half);
     if (inside <= 0.0)
         return 0.0;
-    const bool isZero = stretch == 1.0 && x != 0.0 && x == std::round(x); // which sin() only nearly gives
+    const bool isZero = stretch == 1.0 && x != 0.0 && x == std::round(x); // sin() is not exactly 0 there
     return isZero ? 0.0 : sinc(x / stretch) * besselI0(kaiserBeta * std::sqrt(inside));
 }
 
@@ -46,7 +46,8 @@ CXRef<CompensatingResampler> CompensatingResampler::initWithRatio(double ratio)
 {
     if (!(ratio >= 1.0 / maxRatio && ratio <= maxRatio))
         return nullptr;
-    // A ratio within what is steered is no conversion: the filter stays as it is, and so does its length.
+    // A ratio that is only a clock correction is not a rate conversion: the filter and its length stay
+    // unchanged.
     const double stretch = ratio < 1.01 ? 1.0 : ratio;
     const auto taps = static_cast<uint32_t>(std::ceil(usualTaps * stretch / 16.0)) * 16;
     return CXRef<CompensatingResampler>::adopt(new CompensatingResampler(taps, stretch));
@@ -65,7 +66,7 @@ CompensatingResampler::CompensatingResampler(uint32_t tapCount, double ratio)
                 static_cast<double>(tap) - (half - 1.0) - phase / static_cast<double>(phaseCount);
             sum += row[tap] = windowedSinc(x, half, ratio);
         }
-        // Each phase passes the same level, or a constant would come out with a ripple.
+        // All phases have the same gain; otherwise a constant signal would get a ripple.
         for (uint32_t tap = 0; tap < tapCount; ++tap)
             _table[size_t{phase} * tapCount + tap] = static_cast<float>(row[tap] / sum);
     }

@@ -15,8 +15,8 @@ namespace {
 constexpr uint32_t headroomFrames = 16;
 constexpr double maxBufferFrames = 1U << 30; // keeps every count within 32 bits
 
-/// Device frames that are read together: a sampler's read takes at least one frame of the other side, so a
-/// shorter cycle than one such frame is collected until there is a whole one.
+/// The number of device frames read at a time. A sampler's read consumes at least one frame of the other
+/// side, so cycles shorter than one such frame are combined until they make up one.
 uint32_t framesReadTogether(uint32_t contextFrameCount, double convertedPerContext)
 {
     const double convertedFrames = contextFrameCount * convertedPerContext;
@@ -27,21 +27,18 @@ uint32_t framesReadTogether(uint32_t contextFrameCount, double convertedPerConte
     return static_cast<uint32_t>(cycles) * contextFrameCount;
 }
 
-/// The room in frames that each buffer needs. With D device frames a cycle, B read together, F frames a node
-/// cycle and r converted frames per device frame:
-///   - Output: a read takes at most B r + 2 frames, and the nodes add F while fewer are held: below B r + 2 +
-///     F.
-///   - Input alone: fewer than F frames stay, a write adds at most D r + r + 1.
-///   - Input with output: node cycles move F frames from one buffer to the other, so the sum of both changes
-///     only by
-///     writes, by reads, and by padding, after which the input is empty and the output holds fewer than F; at
-///     first both
-///     hold F / 2. From either moment on, frames written exceed frames read by what the two samplers' phases
-///     can differ:
-///     a writer's lies in 0 … r + 1 frames, a reader's in 0 … max(r, 2), and a read is up to B r < 2 behind
-///     where it is
-///     collected. Before the cycle's own read, D r more are there: at most F + D r + r + 1 + max(r, 2) + 2.
-/// All of it is at most F + ceil(B r) + 2 ceil(r) + 7. At equal rates no sampler has a phase.
+/// The number of frames that each buffer must hold. With D device frames per cycle, B read at a time, F
+/// frames per node cycle and r converted frames per device frame:
+/// - Output: a read consumes at most B r + 2 frames, and the nodes add F while fewer are buffered: fewer than
+///   B r + 2 + F.
+/// - Input alone: fewer than F frames remain after a cycle; a write adds at most D r + r + 1.
+/// - Input with output: node cycles move F frames from one buffer to the other. So the sum of both changes
+///   only by writes, by reads, and by padding; after padding, the input is empty and the output holds fewer
+///   than F. Initially both hold F / 2. Starting from either state, the frames written exceed the frames read
+///   by at most what the two samplers' phases can differ: a writer's is in 0 … r + 1 frames, a reader's in 0
+///   … max(r, 2), and a read is up to B r < 2 frames behind the position up to which it is collected. Before
+///   the cycle's own read, D r more are buffered: at most F + D r + r + 1 + max(r, 2) + 2.
+/// All of these are at most F + ceil(B r) + 2 ceil(r) + 7. At equal rates no sampler has a phase.
 uint32_t bufferFramesNeeded(uint32_t framesTogether, uint32_t convertedFrameCount, double convertedPerContext)
 {
     double frames = std::ceil(framesTogether * convertedPerContext) + convertedFrameCount + headroomFrames;
@@ -118,7 +115,7 @@ DXRAudioConverter::DXRAudioConverter(const Nodes nodes[2], const uint32_t channe
     for (const Direction direction : {INPUT, OUTPUT}) {
         _collectUsage(direction);
         _prepare(direction);
-        // Half a node cycle in each direction: input and output then meet without either running dry.
+        // Half a node cycle in each direction, so that neither buffer runs empty when both directions run.
         if (_contains[INPUT] && _contains[OUTPUT])
             _bufferFrameCounts[direction] = convertedFrameCount / 2;
     }
@@ -138,8 +135,7 @@ void DXRAudioConverter::_collectUsage(Direction direction)
     _usageChannelCounts[direction] = static_cast<uint32_t>(map.size());
 }
 
-/// Everything that a cycle touches, so that no cycle allocates. A sampler without channels still keeps the
-/// frame counts in step.
+/// Allocates everything that cycles use. A sampler without channels is created too, because it counts frames.
 void DXRAudioConverter::_prepare(Direction direction)
 {
     const uint32_t used = _usageChannelCounts[direction];
@@ -169,22 +165,24 @@ uint64_t DXRCycleTimes::ticksAt(double first, double frames) const noexcept
     return framePeriod > 0 && nanoseconds > 0 ? static_cast<uint64_t>(nanoseconds * ticksPerNanosecond) : 0;
 }
 
-/// Where a frame of a buffer is in the device's cycle: device frames after its first, of input or output.
+/// Returns the position of a buffer's frame in the device cycle, in device frames after the first input, or
+/// output, frame.
 double DXRAudioConverter::_placeOf(Direction direction, uint32_t frame) const noexcept
 {
     const RateConversion* const conversion = _conversions[direction].get();
     const double position = conversion ? conversion->nextPosition() : 0;
-    const double deviceFrames = _contextSampleRate / _convertedSampleRate; // of one converted frame
+    const double deviceFrames = _contextSampleRate / _convertedSampleRate; // per converted frame
     if (direction == INPUT) {
-        // The frame behind the last held one comes from `position` after this cycle's end.
+        // The frame after the last buffered one is at `position` after the end of this cycle.
         const double missing = static_cast<double>(_bufferFrameCounts[INPUT]) - frame;
         return _contextFrameCount + position - missing * deviceFrames;
     }
-    // The next read begins `position` frames into the buffer, and is heard after what has been collected.
+    // The next read begins `position` frames into the buffer and is played after the collected frames.
     return _collectedFrames + (frame - position) * deviceFrames;
 }
 
-/// Returns when the first frame of the block, which is at `frame` of the buffer, was or will be at the device.
+/// Returns the host time at which the first frame of a block, at `frame` of the buffer, was or will be at the
+/// device.
 uint64_t DXRAudioConverter::_beginBlock(Direction direction, uint32_t frame) noexcept
 {
     const double place = _lastPlaces[direction] = _placeOf(direction, frame);
@@ -213,7 +211,7 @@ void DXRAudioConverter::_takeInput(const DXRChannelEntry* entries)
     const uint32_t held = _bufferFrameCounts[INPUT];
     RateConversion* const conversion = _conversions[INPUT].get();
     _bufferFrameCounts[INPUT] += conversion ? conversion->framesOut(_contextFrameCount) : _contextFrameCount;
-    CX_ASSERT(_bufferFrameCounts[INPUT] <= _bufferFrameCountMax); // before anything is written
+    CX_ASSERT(_bufferFrameCounts[INPUT] <= _bufferFrameCountMax); // checked before writing
 
     _pointAtDevice(INPUT, entries);
     _pointAtBuffer(INPUT, held);
@@ -243,7 +241,7 @@ void DXRAudioConverter::_readOutput(const std::vector<ausampler_iovec>& to) noex
     _conversions[OUTPUT]->read(_bufferSide[OUTPUT].data(), to.data(), _framesReadTogether);
 }
 
-/// The next cycle of what was read together, read when the last has been given out.
+/// Outputs the next cycle of the collected frames; reads more if all have been output.
 void DXRAudioConverter::_giveCollectedOutput() noexcept
 {
     const uint32_t used = _usageChannelCounts[OUTPUT];
@@ -324,7 +322,8 @@ void DXRAudioConverter::_performOutputCallBack(uint64_t sampleTime)
     _bufferFrameCounts[OUTPUT] += _convertedFrameCount;
     CX_ASSERT(_bufferFrameCounts[OUTPUT] <= _bufferFrameCountMax); // before the nodes write
     const uint64_t hostTime =
-        _beginBlock(OUTPUT, _bufferFrameCounts[OUTPUT]); // what a node makes now comes next
+        // The place of the next block: the device plays a node's output one block after the node makes it.
+        _beginBlock(OUTPUT, _bufferFrameCounts[OUTPUT]);
     for (const CXRef<DXRConverterNode>& node : _nodes[OUTPUT])
         node->performIOWithSampleTime(sampleTime, entries, hostTime);
 }
@@ -337,7 +336,8 @@ void DXRAudioConverter::_slideInputBuffer(uint32_t bufferFramesConsumed)
     _dropFrames(INPUT, bufferFramesConsumed);
 }
 
-/// Makes up `frames` of input at the front: the oldest frame again, or what last stood there.
+/// Inserts `frames` frames of input at the front: repeats the oldest frame, or if there is none, the data
+/// last stored there.
 void DXRAudioConverter::_offsetInputBuffer(uint32_t frames)
 {
     CX_ASSERT((_bufferFrameCounts[INPUT] + frames) <= _bufferFrameCountMax);

@@ -14,26 +14,26 @@
 
 class RateConversion;
 
-/// Stands between a device, which runs at its own frame count and sample rate (the context side), and that
-/// device's nodes, which always see the frame count and rate they were promised (the converted side).
+/// Converts between a device, which runs at its own frame count and sample rate (the context side), and its
+/// nodes, which always run at the frame count and rate that they were promised (the converted side).
 ///
-/// Each device cycle it takes the device's input into a buffer, runs as many whole node cycles as the frames
-/// allow, and fills the device's output from another buffer. With nodes in both directions both run in
-/// lockstep on the same sample time, from as many output frames as the device needs; missing input is made up
-/// by repeating the oldest frame. A direction whose nodes use no channel runs in step all the same, with null
-/// entries.
+/// In each device cycle it appends the device's input to a buffer, runs as many whole node cycles as the
+/// frames allow, and fills the device's output from another buffer. If there are nodes in both directions,
+/// they run in lockstep with the same sample time, as often as the device's output requires; missing input is
+/// filled by repeating the oldest frame. A direction whose nodes use no channel runs in the same way, with
+/// null entries.
 /// Threads:   one thread at a time, the IO thread of the context.
 /// Real time: performIOWithSampleTime; creation and description allocate.
-/// Owns:      its nodes, strongly, a buffer per direction and, between different rates, a conversion per
-///            direction.
-/// Fails:     a broken invariant is a failed assertion.
+/// Owns:      strong references to its nodes, a buffer per direction and, if the rates differ, a rate
+///            conversion per direction.
+/// Fails:     asserts if an invariant is violated.
 class DXR_EXPORT DXRAudioConverter final : public CXObject {
 public:
     using Nodes = std::vector<CXRef<DXRConverterNode>>;
 
-    /// `nodes` and `channelCounts` are pairs, input and output: the nodes, and how many channels the device
-    /// has in the direction. Rates in Hz, above 0. Channel numbers of a node that the device does not have
-    /// are left out.
+    /// `nodes` and `channelCounts` are pairs, input and output: the nodes, and the device's number of
+    /// channels in that direction. Rates are in Hz and above 0. Channel numbers that the device does not have
+    /// are ignored.
     static CXRef<DXRAudioConverter>
     initWithNodes(const Nodes nodes[2], const uint32_t channelCounts[2], double contextSampleRate,
                   double convertedSampleRate, uint32_t contextFrameCount, uint32_t convertedFrameCount,
@@ -44,19 +44,19 @@ public:
     double contextSampleRate() const noexcept { return _contextSampleRate; }       ///< Hz
     double convertedSampleRate() const noexcept { return _convertedSampleRate; }   ///< Hz
 
-    /// One device cycle of contextFrameCount() frames. `sampleTime` is the nodes' time, in converted frames;
-    /// it advances by convertedFrameCount() for every node cycle. `samples` is the pair of the device's
-    /// channel entries, input and output, as many as `channelCounts` said; a null entry, or a null array, is
-    /// silence on input and ignored on output. Does nothing when a node cycle has no frames. `times` are the
-    /// device's.
+    /// Performs one device cycle of contextFrameCount() frames. `sampleTime` is the nodes' time in converted
+    /// frames; it advances by convertedFrameCount() for each node cycle. `samples` is the pair of the
+    /// device's channel entries, input and output, as many as `channelCounts` specified. A null entry, or a
+    /// null array, is treated as silent input and ignored for output. Does nothing if a node cycle has no
+    /// frames. `times` are the times of this device cycle.
     void performIOWithSampleTime(uint64_t* sampleTime, const DXRChannelEntry* const samples[2],
                                  const DXRCycleTimes& times = {}) CX_REALTIME;
-    /// Where the first frame of the last block of an input, or output, is in the device's cycle that ran it: device frames
-    /// after the cycle's first. Negative for input that was kept from earlier cycles.
+    /// The position of the first frame of the last input or output block, in device frames after the first
+    /// frame of the device cycle that ran the block. Negative for input that was buffered in earlier cycles.
     double placeOfLastBlock(bool isInput) const noexcept { return _lastPlaces[isInput ? INPUT : OUTPUT]; }
 
     /// "<DXRAudioConverter: address, input [1, 2], output [1, 2], frameCount: 512 -> 256, sampleRate: 44100hz
-    /// -> 48000hz>", with what applies.
+    /// -> 48000hz>", without the parts that do not apply.
     std::string description() const override;
 
 private:
@@ -99,29 +99,31 @@ private:
     const uint32_t _convertedFrameCount;
     const double _convertedSampleRate;
     const bool _contains[2];
-    std::vector<uint32_t> _usageMaps[2]; // device channel numbers that some node uses, from 1, in order
+    std::vector<uint32_t> _usageMaps[2]; // device channels that any node uses, from 1, ascending
     uint32_t _usageChannelCounts[2] = {};
     uint32_t _bufferFrameCountMax = 0;
     uint32_t _bufferFrameCounts[2] = {};
     uint32_t _bufferFrameSizes[2] = {}; // bytes
-    // Interleaved frames of the used channels; without a used channel there is no memory, only the count.
+    // Interleaved frames of the used channels. Empty if no channel is used; the frame count is kept all the
+    // same.
     std::vector<float> _buffers[2];
-    std::unique_ptr<RateConversion> _conversions[2]; // between different rates
+    std::unique_ptr<RateConversion> _conversions[2]; // null if the rates are equal
 
-    // Device frames that one read makes: a cycle, or several where a cycle is worth less than one converted
-    // frame. Those are collected here, interleaved, _collectedFrames of them still to be given out.
+    // The number of device frames read at a time: one cycle, or several if a cycle is shorter than one
+    // converted frame. In that case the frames are stored interleaved in _collected, and _collectedFrames of
+    // them are not yet output.
     uint32_t _framesReadTogether = 0;
     uint32_t _collectedFrames = 0;
     std::vector<float> _collected;
     std::vector<ausampler_iovec> _collectedSide;
 
-    DXRCycleTimes _times;       // of this cycle
+    DXRCycleTimes _times;       // those of this cycle
     double _lastPlaces[2] = {}; // placeOfLastBlock()
 
-    // One entry per used channel, on the device and in the buffer; set anew for each move.
+    // One entry per used channel, on the device and in the buffer; set before each transfer.
     std::vector<ausampler_iovec> _deviceSide[2], _bufferSide[2];
-    // What nodes see: one entry per device channel, of which those in use are set for each cycle.
+    // The entries passed to nodes: one per device channel; those of used channels are set in each cycle.
     std::vector<DXRChannelEntry> _nodeEntries[2];
-    float _silence = 0; // read, with stride 0, for a device channel without data
-    float _sink = 0;    // written, with stride 0, in place of one
+    float _silence = 0; // read, with stride 0, if a device channel has no data
+    float _sink = 0;    // written, with stride 0, if a device channel has no buffer
 };

@@ -16,15 +16,15 @@ namespace {
 constexpr uint32_t tileFrames = 256;
 constexpr uint32_t tileChannels = 8;
 
-/// A few hundred frames of a few channels, small enough to stay in the nearest cache while they are first
-/// sorted by channel and then converted, or the other way round.
+/// Some frames of some channels, few enough to stay in the first-level cache while they are deinterleaved and
+/// then converted, or converted and then interleaved.
 struct Tile {
     uint32_t firstChannel, channelCount;
     uint32_t firstFrame, frameCount;
-    float* interleaved; // in the buffer
+    float* interleaved; // first sample, in the buffer
     uint32_t stride;    // of `interleaved`, in floats
 
-    /// One array per channel, in `scratch`.
+    /// Deinterleaves the tile into one array per channel.
     void deinterleave(float* const* to) const noexcept
     {
         instructionSet().samples->deinterleave(interleaved, to, channelCount, stride, frameCount);
@@ -35,7 +35,8 @@ struct Tile {
     }
 };
 
-/// Room for one tile, sorted by channel. Uninitialised: clearing it would cost as much as using it.
+/// Memory for one tile with one array per channel. Uninitialised, because clearing it would cost as much as
+/// using it.
 struct Planes {
     Planes() noexcept // NOLINT(cppcoreguidelines-pro-type-member-init)
     {
@@ -73,7 +74,8 @@ CXRef<DXRBuffer> DXRBuffer::initWithBuffer(const DXRBuffer& buffer)
 {
     CXRef<DXRBuffer> copy =
         initWithSampleRate(buffer._sampleRate, buffer._frameCount, buffer._channelCount, false);
-    if (copy) // by its memory: a buffer whose rate is not a number equals none, not even its copy
+    // Not copyFromBuffer(), because a buffer whose rate is NaN equals no buffer, not even its copy.
+    if (copy)
         copy->copyFromInterleavedFloats(buffer._samples);
     return copy;
 }
@@ -166,7 +168,7 @@ void DXRBuffer::mixFromInterleavedInt16s(const int16_t* samples) noexcept
     instructionSet().samples->mixFromInt16(samples, _samples, _sampleCount());
 }
 
-/// Calls `step` for every tile, with where the foreign arrays of its channels begin for it.
+/// Calls `step` for every tile, with pointers to the tile's part of each channel's array in `channels`.
 template <class Foreign, class Step>
 void DXRBuffer::_forEachTile(Foreign* const* channels, const Step& step) const noexcept
 {

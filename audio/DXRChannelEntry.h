@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-/// Where one channel of a device lies in one IO cycle: frame k is samples[k * stride].
+/// The location of one channel of a device in one IO cycle: frame k is samples[k * stride].
 struct DXRChannelEntry {
-    float* samples;  ///< not owned; null for a channel that has no data or that nobody uses
-    uint32_t stride; ///< floats: the interleaved channels of its stream; 0 for a null entry
+    float* samples;  ///< not owned; null if the channel has no data or is not used
+    uint32_t stride; ///< in floats: the number of interleaved channels of its stream; 0 if null
 };

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Holds a mutex for as long as it lives, through its own lock and unlock.
+/// Holds a mutex while it exists, using DXRMutex's lock and unlock.
 class Hold {
 public:
     explicit Hold(DXRMutex& mutex) : _mutex(mutex) { _mutex.lock(); }
@@ -48,7 +48,7 @@ CXRef<DXRRecursiveMutex> DXRRecursiveMutex::init()
 
 void DXRMutex::lock()
 {
-    if (pthread_mutex_lock(&_mutex) != 0) // an error-checking one that this thread holds
+    if (pthread_mutex_lock(&_mutex) != 0) // an error-checking mutex that this thread holds
         _CXFailedAssertion("-[DXRMutex lock]", "pthread_mutex_lock(&_mutex) == 0", "DXRSynchronization",
                            __LINE__);
     ++_count;

@@ -9,26 +9,28 @@
 #include <type_traits>
 #include <vector>
 
-/// A mutex that knows how deep it is held, and keeps work for the moment when it is let go.
-/// Threads:   any. Deferred work runs on the thread of the outermost unlock, after it, and may lock again.
+/// A mutex that counts how often it is locked and runs deferred work when it is unlocked.
+/// Threads:   any. Deferred work runs on the thread of the outermost unlock, after it, and may lock the mutex
+///            again.
 /// Real time: no; it waits.
-/// A callable that throws leaves the mutex unlocked and passes its exception on.
-/// Locking twice on one thread, executeOnUnlock() while holding it included, never returns; the recursive one
-/// below may be locked again.
+/// If a callable throws, the mutex is unlocked and the exception is passed on.
+/// Locking twice on one thread deadlocks, also by executeOnUnlock() while the mutex is held; a
+/// DXRRecursiveMutex may be locked again.
 class DXR_EXPORT DXRMutex : public CXObject {
 public:
     static CXRef<DXRMutex> init() { return initWithAttr(nullptr); }
-    /// With POSIX attributes, or null for none. Null when the system refuses them.
+    /// Creates a mutex with POSIX attributes, or the defaults if null. Returns null if the system refuses
+    /// them.
     static CXRef<DXRMutex> initWithAttr(const pthread_mutexattr_t* attributes);
 
     void lock();
-    /// Locks if that needs no waiting; whether it did.
+    /// Locks if the mutex is free. Returns true if it did.
     [[nodiscard]] bool trylock();
-    /// Lets go once. Without a lock asserts "_count > 0".
+    /// Unlocks once. Asserts "_count > 0" if the mutex is not locked.
     void unlock();
 
-    // Each runs the callable with the mutex held and returns its result; a null one is not called, takes
-    // no lock, and gives false or an empty reference.
+    // The following functions run the callable with the mutex held and return its result. They do not lock
+    // for a null callable, and return false or null.
     void execute(CXBlockRef<void()> block);
     template <class T>
     void execute(const CXRef<T>& object, CXBlockRef<void(const std::type_identity_t<CXRef<T>>&)> block)
@@ -49,7 +51,7 @@ public:
     {
         return block ? execobj([&] { return block(object); }) : nullptr;
     }
-    /// Runs `block` after the outermost unlock: at the end of this call when nobody holds the mutex.
+    /// Runs `block` after the outermost unlock: before this call returns if the mutex is not held.
     void executeOnUnlock(const CXBlock<void()>& block);
 
 protected:
@@ -60,16 +62,16 @@ private:
     friend class DXRRecursiveMutex;
 
     pthread_mutex_t _mutex;
-    int _error = 0; // of its creation
-    // Both are changed while the mutex is held only.
+    int _error = 0; // result of pthread_mutex_init()
+    // Accessed only while the mutex is held.
     uint64_t _count = 0;
     std::vector<CXBlock<void()>> _actions;
 };
 
-/// A DXRMutex that its own thread may lock again, and lets go when it has unlocked as often.
+/// A DXRMutex that its owning thread may lock repeatedly; it is released by the same number of unlocks.
 class DXR_EXPORT DXRRecursiveMutex final : public DXRMutex {
 public:
-    /// Null when the system refuses.
+    /// Returns null if the system cannot create it.
     static CXRef<DXRRecursiveMutex> init();
 
 private:
@@ -77,6 +79,7 @@ private:
     ~DXRRecursiveMutex() override = default;
 };
 
-/// Puts `newValue` into `*value` if it is `expected`; whether it was. One step, ordered against everything.
+/// Stores `newValue` in `*value` if it equals `expected`. Returns true if it did. Atomic and sequentially
+/// consistent.
 extern "C" DXR_EXPORT bool DXRAtomicCompareExchangeUInt32(uint32_t expected, uint32_t newValue,
                                                           uint32_t* value) noexcept CX_REALTIME;

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// The range divided by `divisor`, with `unit` behind it.
+/// Returns the range divided by `divisor`, followed by `unit`.
 std::string described(const AudioValueRange& range, double divisor, const char* unit)
 {
     const std::string minimum = numberText(range.minimum / divisor),

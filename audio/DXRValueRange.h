@@ -9,40 +9,40 @@
 #include <span>
 #include <vector>
 
-/// A closed interval of numbers, such as the sample rates (Hz) or buffer sizes (frames) a device takes. A
-/// single value is a range whose ends are equal.
+/// A closed interval of numbers, such as the sample rates (Hz) or buffer sizes (frames) that a device
+/// supports. A single value is a range whose ends are equal.
 /// Threads:   immutable; any.
-/// Real time: the queries; making one, its archive or a description allocates.
+/// Real time: the queries; creating a range, its archive or a description allocates.
 class DXR_EXPORT DXRValueRange final : public CXObject {
 public:
-    /// 0 to 0, which is not valid.
+    /// Creates the range 0 to 0, which is not valid.
     static CXRef<DXRValueRange> init();
     static CXRef<DXRValueRange> initWithValue(double value);
     static CXRef<DXRValueRange> initWithMin(double min, double max);
-    /// Null for a null pointer.
+    /// Returns null if `range` is null.
     static CXRef<DXRValueRange> initWithRange(const AudioValueRange* range);
-    /// The range of an archive; null when there is none or it is not 16 bytes long.
+    /// Creates a range from an archive. Returns null if there is none or it is not 16 bytes long.
     static CXRef<DXRValueRange> initWithArchive(const std::optional<std::vector<std::byte>>& archive);
 
     const AudioValueRange& range() const noexcept { return _range; }
     double min() const noexcept { return _range.minimum; }
     double max() const noexcept { return _range.maximum; }
-    /// The minimum and then the maximum, 8 bytes each, in the processor's order.
+    /// The minimum and then the maximum, 8 bytes each, in native byte order.
     std::vector<std::byte> archive() const;
-    /// The ends differ.
+    /// Returns true if the ends differ.
     bool isRange() const noexcept { return _range.maximum != _range.minimum; }
-    /// Neither end is 0, and they are in order.
+    /// Returns true if neither end is 0 and they are in order.
     bool isValid() const noexcept;
-    /// Both ends belong to the range.
+    /// Returns true if `value` is in the range, including both ends.
     bool containsValue(double value) const noexcept;
-    /// Those of `values` that the range contains, in their order.
+    /// Returns those of `values` that the range contains, in the same order.
     std::vector<double> containedValues(std::span<const double> values) const;
 
     /// "8000 - 192000", or "44100" for a single value.
     std::string description() const override;
     /// The same in kilohertz: "8 - 192kHz", "44.1kHz".
     std::string descriptionForSampleRate() const;
-    /// To the bit.
+    /// Compares all bits.
     bool isEqual(const CXObject* other) const override;
     size_t hash() const override;
 

@@ -2,6 +2,6 @@
 
 #include <string>
 
-/// `value` in at most six digits, as printf's %g writes it in the C locale, independent of the application's
-/// locale. "?" for what is not a number.
+/// Returns `value` with at most six digits, as printf's %g does in the C locale, regardless of the
+/// application's locale. Returns "?" for NaN.
 std::string numberText(double value);

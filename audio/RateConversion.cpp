@@ -46,8 +46,8 @@ private:
     ausampler* const _sampler;
 };
 
-/// The resampler at a fixed ratio. Its input lies in one array per channel: what the next frames still need,
-/// from the front, and the call's input behind that.
+/// The resampler at a fixed ratio. Its input is stored in one array per channel: first the earlier frames
+/// that are still needed, then the frames of the current call.
 class FilterConversion final : public RateConversion {
 public:
     FilterConversion(CXRef<CompensatingResampler> filter, uint32_t channelCount, double step,
@@ -71,7 +71,7 @@ public:
         const uint32_t there = _heldFrames + framesIn;
         const double room = there - _position - _filter->framesAfter();
         auto frames = room <= 0 ? 0U : static_cast<uint32_t>(room / _step) + 1;
-        while (frames > 0 && _framesNeeded(frames) > there) // where the division has rounded
+        while (frames > 0 && _framesNeeded(frames) > there) // in case the division has rounded up
             --frames;
         return frames;
     }
@@ -89,7 +89,7 @@ public:
     double delayFrames() const noexcept override { return _filter->framesAfter(); }
 
 private:
-    static constexpr uint32_t slackFrames = 16; // what counts differ by where the ratio is not a whole number
+    static constexpr uint32_t slackFrames = 16; // tolerance for counts at fractional ratios
 
     uint32_t _framesNeeded(uint32_t framesOut) const noexcept
     {
@@ -137,12 +137,11 @@ private:
 
     const CXRef<CompensatingResampler> _filter;
     const uint32_t _channelCount;
-    const double _step; // input frames per output frame
-    uint32_t
-        _heldFrames; // at first silence: as many as a frame needs, so that the counts are even from the start
-    double _position;         // of the next output frame among the held ones
-    const uint32_t _capacity; // of each channel, in frames
-    std::vector<float> _held; // a row for each channel
+    const double _step;       // input frames per output frame
+    uint32_t _heldFrames;     // initially silence, one filter length
+    double _position;         // position of the next output frame in _held
+    const uint32_t _capacity; // frames per channel
+    std::vector<float> _held; // one row per channel
     std::vector<float> _made; // a call's output, interleaved
     std::vector<const float*> _channels;
 };

@@ -7,19 +7,22 @@
 #include <memory>
 #include <vector>
 
-/// Moves a stream of frames from one rate to another at a fixed ratio, block by block: what a converter needs
-/// of the sampler and of the resampler alike. One is driven in one direction, by reads or by writes.
+/// Converts a stream of frames from one sample rate to another at a fixed ratio, block by block. It is the
+/// interface that the converter needs, implemented with the sampler and with the resampler. Each object is
+/// used either for reads or for writes, not for both.
 /// Threads:   one at a time.
-/// Real time: everything but making one.
+/// Real time: everything except creation.
 class RateConversion {
 public:
-    /// For `channelCount` channels, and calls of at most `maxFrames` frames on the side with more. High
-    /// quality is not to be had beyond the resampler's ratios: then the sampler converts.
+    /// Creates a conversion for `channelCount` channels and calls of at most `maxFrames` frames, on the side
+    /// with more frames. If the ratio exceeds the resampler's limits, the sampler is used instead of high
+    /// quality.
     static std::unique_ptr<RateConversion> make(DXRConversionQuality quality, uint32_t channelCount,
                                                 double rateIn, double rateOut, uint32_t maxFrames);
     virtual ~RateConversion();
 
-    /// How many input frames a read of `framesOut` takes, and how many frames a write of `framesIn` gives.
+    /// How many input frames a read of `framesOut` consumes, and how many frames a write of `framesIn`
+    /// produces.
     virtual uint32_t framesIn(uint32_t framesOut) const noexcept CX_REALTIME = 0;
     virtual uint32_t framesOut(uint32_t framesIn) const noexcept CX_REALTIME = 0;
     virtual void read(const ausampler_iovec* input, const ausampler_iovec* output,
@@ -27,9 +30,10 @@ public:
     virtual void write(const ausampler_iovec* input, const ausampler_iovec* output,
                        uint32_t framesIn) noexcept CX_REALTIME = 0;
 
-    /// Where the next output frame lies, in input frames after the next input frame; behind it by the delay.
+    /// The position of the next output frame, in input frames relative to the next input frame; usually
+    /// negative, because of the delay.
     virtual double nextPosition() const noexcept CX_REALTIME = 0;
-    /// Input frames.
+    /// The delay in input frames.
     virtual double delayFrames() const noexcept CX_REALTIME = 0;
 
 protected:

@@ -3,8 +3,9 @@
 #include <cmath>
 #include <cstdint>
 
-/// A rate or another positive number cut to a whole one, for hashes. What no whole number stands for hashes
-/// as 0, except that a negative number wraps, so that it is not the hash of every negative number.
+/// Truncates a number, usually a positive one such as a sample rate, to a whole number for hashing. Returns 0
+/// if the number is too large or NaN. A negative number wraps around, so that not all negative numbers have
+/// the same hash.
 inline uint64_t wholeNumberForHash(double value) noexcept
 {
     if (!(std::fabs(value) < 0x1p63))

@@ -10,7 +10,7 @@ namespace streamFormat {
 
 namespace {
 
-constexpr uint32_t alignedHighFlag = 0x80000000; // says that no other flag is set; left out of descriptions
+constexpr uint32_t alignedHighFlag = 0x80000000; // means that no other flag is set; omitted from descriptions
 
 std::string sampleText(const AudioStreamBasicDescription& format)
 {

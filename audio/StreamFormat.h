@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-// What the two stream classes share about a format. Any thread.
+// Functions on formats that both stream classes use. Threads: any.
 
 namespace streamFormat {
 
@@ -16,8 +16,8 @@ bool isMixable(const AudioStreamBasicDescription& format) noexcept;
 size_t hash(const AudioStreamBasicDescription& format) noexcept;
 /// "44.1kHz".
 std::string rateText(double sampleRate);
-/// What a description says after the rate: the channel count, unless it is the one given, and the format,
-/// unless it is float.
+/// The parts of a description: the rate, the channel count unless it is `knownChannelCount`, and the sample
+/// format unless it is float.
 std::vector<std::string> parts(const AudioStreamBasicDescription& format, std::string rate,
                                uint32_t knownChannelCount);
 /// "(part, part)".

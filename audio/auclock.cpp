@@ -17,12 +17,13 @@ struct Fraction {
     int64_t denominator;
 };
 
-// A rate's denominator stays below this, and below what its product with the frequency's numerator allows: a
-// measured rate such as 44100.1 would otherwise overflow that product and its clock would be far off.
+// A rate's denominator is limited by this constant, and so that its product with the frequency's numerator
+// does not overflow. Without the second limit, a measured rate such as 44100.1 would overflow it and its
+// clock would be far off.
 constexpr int64_t denominatorLimit = int64_t{1} << 48;
 
-/// A double is a whole number over a power of two. Both must fit 63 bits, which leaves out what no rate is:
-/// such a number loses its smallest bits or is cut to the largest.
+/// Returns a double as a whole number over a power of two. Both must fit into 63 bits. Numbers that do not,
+/// which are no valid rates, lose their lowest bits or are limited to the maximum.
 Fraction binaryFraction(double magnitude)
 {
     Fraction fraction{0, 1};
@@ -33,15 +34,16 @@ Fraction binaryFraction(double magnitude)
     return fraction;
 }
 
-/// value = a * one + other, wrapping: a term too large to be kept is only compared.
+/// Returns a * one + other, wrapping on overflow: a term that overflows is compared but not used.
 int64_t nextTerm(int64_t a, int64_t one, int64_t other)
 {
     return static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(one) +
                                 static_cast<uint64_t>(other));
 }
 
-/// The fraction that stands for `value`: itself where the denominator stays below the limit, else the best
-/// that its continued fraction offers. At exactly 2m the semiconvergent is taken; that tie is settled so.
+/// Returns `value` as a fraction: exactly if the denominator stays below the limit, otherwise the best
+/// approximation among the convergents and semiconvergents of its continued fraction. If a is exactly 2m, the
+/// semiconvergent is used.
 Fraction rational(double value, int64_t limit)
 {
     const Fraction exact = binaryFraction(std::fabs(value));
@@ -81,19 +83,19 @@ int64_t half(int64_t value)
     return static_cast<int64_t>(static_cast<uint64_t>(value) >> 1);
 }
 
-/// epochTo + ((value - epochFrom) * multiplier + bias) / divisor, the division unsigned in 128 bits.
+/// Returns epochTo + ((value - epochFrom) * multiplier + bias) / divisor, with an unsigned 128-bit division.
 inline uint64_t converted(uint64_t value, uint64_t epochFrom, uint64_t epochTo, int64_t multiplier,
                           int64_t bias, int64_t divisor)
 {
-    // The 128-bit product of two signed numbers from an unsigned one: after the epoch and at a positive rate,
-    // which is always, the corrections cost nothing but a predicted branch.
+    // Computes the signed 128-bit product from an unsigned one. After the epoch and with a positive rate,
+    // which is the usual case, the corrections cost only a predicted branch.
     const uint64_t distance = value - epochFrom;
     Wide scaled = static_cast<Wide>(distance) * static_cast<uint64_t>(multiplier);
     if (value < epochFrom)
         scaled -= static_cast<Wide>(static_cast<uint64_t>(multiplier)) << 64;
     if (multiplier < 0)
         scaled -= static_cast<Wide>(distance) << 64;
-    scaled += static_cast<uint64_t>(bias); // never negative
+    scaled += static_cast<uint64_t>(bias); // not negative
     return wideQuotient(static_cast<uint64_t>(scaled >> 64), static_cast<uint64_t>(scaled),
                         static_cast<uint64_t>(divisor)) +
            epochTo;

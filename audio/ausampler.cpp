@@ -16,10 +16,10 @@ namespace {
 
 constexpr uint32_t maximumGroup = SamplerFilter::maximumChannels;
 constexpr uint32_t historyLength = 4;
-constexpr uint32_t windowRows = 256; // of input that is copied together at a time
-constexpr ptrdiff_t widestRow = 256; // bytes, of input that is used where it lies
+constexpr uint32_t windowRows = 256; // input rows copied at a time
+constexpr ptrdiff_t widestRow = 256; // bytes; wider input is copied instead of being used in place
 
-/// Where one channel's samples lie.
+/// The location of one channel's samples.
 struct Channel {
     std::byte* base;
     ptrdiff_t stride; // bytes
@@ -31,7 +31,7 @@ struct Channel {
     float read(uint32_t frame) const noexcept
     {
         float sample;                                   // NOLINT(cppcoreguidelines-init-variables)
-        std::memcpy(&sample, at(frame), sizeof sample); // entries need not be aligned
+        std::memcpy(&sample, at(frame), sizeof sample); // may be unaligned
         return sample;
     }
     void write(uint32_t frame, float sample) const noexcept
@@ -66,7 +66,8 @@ public:
         return _channel(entry.base, entry.stride);
     }
 
-    /// Whether `count` channels from `first` on lie side by side, so that a frame of them is one row.
+    /// Returns true if `count` channels from `first` on are adjacent, so that one frame of them is a
+    /// contiguous row.
     bool isAdjacent(uint32_t first, uint32_t count) const noexcept
     {
         if (_layout == Layout::Interleaved)
@@ -88,7 +89,7 @@ private:
     {}
     static Channel _channel(const void* base, uint64_t stride) noexcept
     {
-        // Inputs are only read; one type serves both sides.
+        // Removing const is safe: inputs are only read. One type serves both sides.
         return {static_cast<std::byte*>(const_cast<void*>(base)), static_cast<ptrdiff_t>(stride)};
     }
 
@@ -97,7 +98,7 @@ private:
     uint64_t _stride;
 };
 
-/// Whether rates can be converted: positive, finite, and their ratio too, either way.
+/// Returns true if the rates can be converted: they and their ratios are positive and finite.
 bool canConvert(double rateIn, double rateOut) noexcept
 {
     const auto isPositive = [](double value) {
@@ -107,7 +108,7 @@ bool canConvert(double rateIn, double rateOut) noexcept
            isPositive(rateOut / rateIn);
 }
 
-/// How many frames a call moves on each side, and where it leaves the phase.
+/// The number of frames on each side of a call, and the phase after it.
 struct Move {
     uint32_t framesIn;
     uint32_t framesOut;
@@ -121,7 +122,7 @@ double startPosition(double phase, double ratio) noexcept
     return 1 + (1 - phase) * ratio;
 }
 
-/// Cut to a whole number: what is below one is none.
+/// Truncates to a whole number in the range of uint32_t; NaN and values below 1 become 0.
 uint32_t saturated(double count) noexcept
 {
     if (!(count > 0))
@@ -129,8 +130,9 @@ uint32_t saturated(double count) noexcept
     return count < 4294967295.0 ? static_cast<uint32_t>(count) : UINT32_MAX;
 }
 
-/// How many input frames the output frames 0 … count - 1 need. One more than the positions ask for while the
-/// last of them still touches the history: reads and writes agree on it, so the stream stays continuous.
+/// Returns how many input frames the output frames 0 … count - 1 need. While the last position still uses the
+/// history, this is one frame more than the position requires. Reads and writes use the same rule, so the
+/// stream stays continuous.
 uint32_t framesNeeded(double phase, double ratio, uint32_t count) noexcept
 {
     const double start = startPosition(phase, ratio);
@@ -183,7 +185,8 @@ void updateCoefficients(ausampler& sampler, double ratio) noexcept
     sampler.a2 = static_cast<float>((1 - alpha) / a0);
 }
 
-/// Moves one call's frames: positions once for all channels, then the channels in groups that fill a vector.
+/// Performs one call: computes the positions once for all channels, then processes the channels in groups
+/// that fill a vector.
 class Resampling {
 public:
     Resampling(ausampler& sampler, const ChannelTable& input, const ChannelTable& output, const Move& move,
@@ -235,9 +238,9 @@ private:
     }
     uint32_t _index(uint32_t frame) const noexcept { return saturated(_position(frame)); }
 
-    /// The first output frame whose position lies past the last input frame. The counts allow none, but their
-    /// arithmetic and that of the positions round differently, and rates may change without a reset: such a
-    /// position, should it come, gets the last frame again and no foreign memory.
+    /// Returns the first output frame whose position is after the last input frame. The counts should not
+    /// allow one, but they are rounded differently from the positions, and rates may change without a reset.
+    /// Such a position uses the last frame again and reads no other memory.
     uint32_t _firstPastInput() const noexcept
     {
         uint32_t frame = _framesOut;
@@ -288,7 +291,7 @@ private:
                                              _filters ? &_filter : nullptr);
     }
 
-    /// Where the rows from input frame `firstFrame` on lie at `rows`, and the head where it should.
+    /// Returns a window whose rows from input frame `firstFrame` on are at `rows`, with the head in _head.
     SamplerWindow _windowAt(const void* rows, uint32_t firstFrame, ptrdiff_t rowBytes) const noexcept
     {
         return {static_cast<const std::byte*>(rows) -
@@ -296,8 +299,8 @@ private:
                 reinterpret_cast<const std::byte*>(_head), rowBytes};
     }
 
-    /// Positions that reach into the history get rows of their own. At index 3 the first sample is the one
-    /// before the newest of the history, not the newest: published behaviour.
+    /// Builds separate rows for positions that use the history. At index 3 the first sample is the third of
+    /// the history, not the newest: kept for compatibility.
     void _fillHead(const Group& group, ptrdiff_t rowBytes) noexcept
     {
         const size_t row = static_cast<size_t>(rowBytes) / sizeof(float);
@@ -374,7 +377,7 @@ private:
         }
     }
 
-    /// The filter stays with a group from block to block until another one needs it.
+    /// Loads the filter's state for `group`; does nothing while consecutive blocks belong to the same group.
     void _useFilter(const Group& group) noexcept
     {
         if (_filtered.size > 0 && _filtered.first == group.first)
@@ -421,11 +424,11 @@ private:
     const SamplerKernels& _kernels;
     const bool _filters;
 
-    uint32_t _first = 0, _count = 0; // the output frames being worked on
-    uint32_t _pastInput = 0;         // the first output frame that lies past the input
-    float* _frames = nullptr;        // dense, of the current group: its own memory or _tile
-    Group _filtered{0, 0, 0};        // whose state _filter holds
-    // Scratch, left as it comes: clearing it would cost as much as a small block.
+    uint32_t _first = 0, _count = 0; // the current block of output frames
+    uint32_t _pastInput = 0;         // the first output frame after the end of the input
+    float* _frames = nullptr;        // of the current group, dense: in the output or in _tile
+    Group _filtered{0, 0, 0};        // the group whose state _filter holds
+    // Scratch memory, uninitialised because clearing it would cost as much as a small block.
     SamplerPositions _positions;
     SamplerFilter _filter;
     alignas(64) float _head[SamplerWindow::headRows * widestRow / sizeof(float)];

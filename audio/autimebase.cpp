@@ -13,7 +13,7 @@ void fill(autimebase& timebase) noexcept
 {
     timebase.numer = HostClock::nanosecondsNumerator;
     timebase.denom = HostClock::nanosecondsDenominator;
-    // Divided first: a clock made from this takes the rounded quotient for the frequency.
+    // Divided before multiplying, because clocks derived from this record use the rounded quotient.
     timebase.frequency = static_cast<double>(timebase.denom) / static_cast<double>(timebase.numer) * 1e9;
 }
 

@@ -8,7 +8,7 @@
 
 template <class Signature> class CXBlock;
 
-/// Whether `callable` is of a kind that can be empty, and is.
+/// Returns true if `callable` has an empty state (a pointer, or a class that converts to bool) and is empty.
 template <class Callable> constexpr bool CXIsEmptyCallable(const Callable& callable) noexcept
 {
     if constexpr (std::is_pointer_v<Callable> || std::is_member_pointer_v<Callable>)
@@ -19,11 +19,11 @@ template <class Callable> constexpr bool CXIsEmptyCallable(const Callable& calla
         return false;
 }
 
-/// A counted callable with identity: copies share it and `==` compares it, so that what was registered can be
-/// found again. An empty block is false and must not be called; so is one that is made of an empty callable
-/// (a null function pointer, an empty std::function).
-/// Threads:   copies from any thread; whether the callable may run on several is its own matter.
-/// Real time: calling and copying; making one allocates.
+/// A reference-counted callable with identity: copies share the callable and `==` compares its identity, so
+/// that a registered block can be looked up again. An empty block converts to false and must not be called. A
+/// block made from an empty callable (a null function pointer, an empty std::function) is empty.
+/// Threads:   copies may be made on any thread; whether the callable may run on several threads is up to it.
+/// Real time: calling and copying; creating a block allocates.
 template <class Result, class... Arguments> class CXBlock<Result(Arguments...)> {
 public:
     CXBlock() noexcept = default;

@@ -8,10 +8,9 @@
 
 template <class Signature> class CXBlockRef;
 
-/// A callable that the caller keeps for the length of a call: how a function takes one that it does not
-/// store. Made from anything that can be called, a CXBlock included, without a copy; false when made from an
-/// empty one.
-/// Threads: as the callable.
+/// A non-owning reference to a callable, for function parameters that are called but not stored. Converts
+/// from any callable, including a CXBlock, without a copy. Converts to false if the callable was empty.
+/// Threads:   as the callable.
 /// Real time: everything.
 template <class Result, class... Arguments> class CXBlockRef<Result(Arguments...)> {
 public:

@@ -1,9 +1,9 @@
 #pragma once
 
-/// Marks what the library shows to its clients; everything else is hidden.
+/// Marks the symbols that the library exports; all others are hidden.
 #define DXR_EXPORT __attribute__((visibility("default")))
 
-// The library's C functions are declared between these two, and compile as C and as C++.
+// The library's C functions are declared between DXR_BEGIN_C and DXR_END_C, and compile as C and as C++.
 #ifdef __cplusplus
 #define DXR_BEGIN_C extern "C" {
 #define DXR_END_C }
@@ -11,7 +11,7 @@
 #define DXR_NODISCARD [[nodiscard]]
 
 namespace dxr {}
-namespace platform = dxr; // what programs written before the first release call it
+namespace platform = dxr; // programs written before the first release use this name
 #else
 #define DXR_BEGIN_C
 #define DXR_END_C

@@ -11,7 +11,7 @@ CXObject::~CXObject() = default;
 std::string CXObject::description() const
 {
     struct Free {
-        void operator()(char* text) const noexcept { std::free(text); } // what __cxa_demangle allocated
+        void operator()(char* text) const noexcept { std::free(text); } // __cxa_demangle used malloc()
     };
     int status = 0;
     const std::unique_ptr<char, Free> name(
@@ -35,8 +35,9 @@ void CXObject::retain() const noexcept
 {
     uintptr_t count = _count.load(std::memory_order_acquire);
     while ((count & 1) != 0) {
-        // Relaxed would do on success, a new reference being made from an existing one, but a failure may
-        // find the Control and must not be ordered more strictly than a success.
+        // Relaxed would suffice on success, because the caller already holds a reference. A failure may read
+        // the Control pointer and needs acquire, and a failure must not be ordered more strictly than a
+        // success.
         if (_count.compare_exchange_weak(count, count + 2, std::memory_order_acquire,
                                          std::memory_order_acquire))
             return;
@@ -48,8 +49,8 @@ void CXObject::release() const noexcept
 {
     uintptr_t count = _count.load(std::memory_order_acquire);
     while ((count & 1) != 0) {
-        // Release: what this thread did to the object comes before its end. Acquire: the end comes after what
-        // every other thread did.
+        // Release: this thread's accesses happen before the destruction. Acquire: the destruction happens
+        // after every other thread's accesses.
         if (!_count.compare_exchange_weak(count, count - 2, std::memory_order_acq_rel,
                                           std::memory_order_acquire))
             continue;
@@ -80,14 +81,14 @@ CXObject::Control* CXObject::_control() const
                                          std::memory_order_acq_rel, std::memory_order_acquire))
             return fresh.release();
     } while ((count & 1) != 0);
-    return reinterpret_cast<Control*>(count); // another thread was first
+    return reinterpret_cast<Control*>(count); // another thread installed its Control first
 }
 
 bool CXObject::Control::retainUnlessGone() noexcept
 {
     uint32_t count = strong.load(std::memory_order_relaxed);
     while (count != 0) {
-        // Acquire: the thread that made the weak reference published the object before.
+        // Acquire: pairs with the thread that made the weak reference, which published the object before.
         if (strong.compare_exchange_weak(count, count + 1, std::memory_order_acquire,
                                          std::memory_order_relaxed))
             return true;

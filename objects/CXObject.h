@@ -11,27 +11,28 @@
 template <class T> class CXRef;
 template <class T> class CXWeak;
 
-/// The root of everything that is shared: a strong count inside the object, a weak one beside it.
-/// Objects are born in a static `initWith…` with one reference, which CXRef takes over, and are destroyed by
-/// the thread that drops the last. Destructors are not public.
-/// Threads:   retain, release and weak references from any thread; what a class adds says its own rule.
+/// Base class of all shared objects: a strong reference count inside the object, and a weak one in a control
+/// block beside it. A static `initWith…` function creates the object with one reference, which a CXRef takes
+/// over. The thread that drops the last reference destroys the object. Destructors are not public.
+/// Threads:   retain, release and weak references may be used on any thread; each class states the rule for
+///            its own functions.
 /// Real time: retain and release, except a release that drops the last reference: that runs the destructor
-///            and frees. Making an object's first weak reference allocates its control block.
+///            and frees memory. Creating an object's first weak reference allocates its control block.
 class DXR_EXPORT CXObject {
 public:
     CXObject(const CXObject&) = delete;
     CXObject& operator=(const CXObject&) = delete;
 
-    /// For people: "<Class: address>" unless a class says more.
+    /// Text for logs and debugging: "<Class: address>" unless a class overrides it.
     virtual std::string description() const;
-    /// Identity, unless a class compares contents. A null `other` is never equal.
+    /// Compares identity unless a class overrides it to compare contents. Returns false if `other` is null.
     virtual bool isEqual(const CXObject* other) const;
     /// Equal objects have equal hashes.
     virtual size_t hash() const;
 
-    /// Adds a reference. For CXRef and for the HAL's C functions; everyone else holds a CXRef.
+    /// Adds a reference. Only CXRef and the HAL's C functions call this; other code holds a CXRef.
     void retain() const noexcept CX_REALTIME;
-    /// Drops a reference; the last one destroys the object, on the calling thread.
+    /// Drops a reference. Dropping the last one destroys the object on the calling thread.
     void release() const noexcept;
 
 protected:
@@ -41,7 +42,8 @@ protected:
 private:
     template <class T> friend class CXWeak;
 
-    // Lives while the object or a weak reference to it does, and then holds both counts.
+    // Holds both counts once it exists. Allocated until the object and all weak references to it are
+    // destroyed.
     struct Control {
         explicit Control(uint32_t strongCount, const CXObject* owner) noexcept
             : strong(strongCount), object(owner)
@@ -57,10 +59,10 @@ private:
     Control* _control() const;
     void _destroy() const noexcept;
 
-    // Odd: twice the strong count, plus one. Even: the Control that holds it. It changes from odd to even
-    // once, by the thread that makes the first weak reference, with a compare-and-swap that carries the count
-    // over; retain and release use compare-and-swap on the odd form so that none is lost in the change. The
-    // release of that exchange pairs with the acquiring load in retain and release: they go on to use the
-    // Control.
+    // An odd value is twice the strong count, plus one. An even value is the address of the Control that
+    // holds the count. The value changes from odd to even once: the thread that makes the first weak
+    // reference copies the count into a Control and installs it with a compare-and-swap. retain and release
+    // change the odd form by compare-and-swap, so no change is lost. The release order of the installing
+    // exchange pairs with the acquire loads in retain and release, which then use the Control.
     mutable std::atomic<uintptr_t> _count{3};
 };

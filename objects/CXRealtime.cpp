@@ -7,7 +7,8 @@ struct RealtimeState {
     int exemptions = 0;
 };
 
-// Initial-exec: the default model may allocate at a thread's first touch, on the very path that must not.
+// Initial-exec, because the default model may allocate when a thread first accesses the variable, and that
+// can happen on a real-time thread.
 thread_local RealtimeState realtimeState __attribute__((tls_model("initial-exec")));
 
 } // namespace

@@ -2,7 +2,8 @@
 
 #include "CXExport.h"
 
-/// On a declaration: an IO thread may call this. It takes no lock, allocates nothing and never waits.
+/// On a function declaration: an IO thread may call it. The function takes no lock, does not allocate and
+/// never waits.
 #if defined(__cplusplus) && defined(__has_cpp_attribute)
 #if __has_cpp_attribute(clang::nonblocking)
 #define CX_REALTIME [[clang::nonblocking]]
@@ -14,8 +15,9 @@
 
 #ifdef __cplusplus
 
-/// Opens a stretch of real-time work on the current thread. It costs one thread-local increment; the tests'
-/// checking library watches the count and ends the test at the first allocation, lock or wait below it.
+/// Marks a section of real-time work on the current thread. It costs one increment of a thread-local counter.
+/// The tests' checking library reads the counter and ends the test at the first allocation, lock or wait
+/// within a scope.
 /// Threads:   any. Scopes nest.
 /// Real time: yes.
 class DXR_EXPORT CXRealtimeScope {
@@ -29,11 +31,11 @@ public:
     static bool isChecked() noexcept;
 };
 
-/// Suspends the check on the current thread for as long as it lives: an exception to the rule, with its reason.
+/// Suspends the check on the current thread until it is destroyed: an exception to the rule, with its reason.
 /// Threads:   any. Exemptions nest.
 class DXR_EXPORT CXRealtimeExemption {
 public:
-    /// `why` is for the reader of the code; it is not kept.
+    /// `why` documents the reason in the source code; it is not stored.
     explicit CXRealtimeExemption(const char* why) noexcept;
     ~CXRealtimeExemption();
     CXRealtimeExemption(const CXRealtimeExemption&) = delete;

@@ -8,15 +8,15 @@
 #include <type_traits>
 #include <utility>
 
-/// A strong reference to a CXObject, or none.
-/// Threads:   as a plain pointer: one CXRef object is not for two threads at once, copies of it are.
-/// Real time: all but the drop of a last reference.
-/// Comparison is by identity; isEqual() of the object compares contents.
+/// A strong reference to a CXObject, or empty. Comparison is by identity; the object's isEqual() compares
+/// contents.
+/// Threads:   as a plain pointer: threads must not share one CXRef without a lock, but each may hold a copy.
+/// Real time: everything except dropping the last reference.
 template <class T> class CXRef {
 public:
     CXRef() noexcept = default;
     CXRef(std::nullptr_t) noexcept {}
-    /// Adds a reference to `object`, which someone else owns.
+    /// Adds a reference to `object`; the caller keeps its own reference.
     explicit CXRef(T* object) noexcept : _object(object)
     {
         if (_object)
@@ -41,14 +41,15 @@ public:
         return *this;
     }
 
-    /// Takes over the reference that came with `object`: a new object's first, or one the HAL handed out.
+    /// Takes over a reference that the caller owns: a new object's first one, or one returned by a C function
+    /// of the HAL.
     static CXRef adopt(T* object) noexcept
     {
         CXRef ref;
         ref._object = object;
         return ref;
     }
-    /// Gives the reference away: the caller releases it.
+    /// Returns the object with its reference, which the caller must release. Leaves this CXRef empty.
     [[nodiscard]] T* leak() noexcept { return std::exchange(_object, nullptr); }
 
     T* get() const noexcept { return _object; }
@@ -67,7 +68,7 @@ private:
     T* _object = nullptr;
 };
 
-/// `ref` as a U when the object is one, else an empty reference.
+/// Returns `ref` cast to U, or an empty reference if the object is not a U.
 template <class U, class T> CXRef<U> CXRefCast(const CXRef<T>& ref) noexcept
 {
     return CXRef<U>(dynamic_cast<U*>(ref.get()));

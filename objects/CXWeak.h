@@ -2,14 +2,15 @@
 
 #include "CXRef.h"
 
-/// A reference that does not keep its object alive; lock() returns the object while a CXRef does.
-/// Threads:   one CXWeak object is for one thread at a time; lock() may race with the object's end.
+/// A reference that does not keep its object alive. lock() returns a strong reference while another CXRef
+/// exists.
+/// Threads:   one thread at a time may use a CXWeak; lock() may race with the destruction of the object.
 /// Real time: lock() and copying. Making the first weak reference to an object allocates.
 template <class T> class CXWeak {
 public:
     CXWeak() noexcept = default;
     CXWeak(const CXRef<T>& object) : CXWeak(object.get()) {}
-    /// The caller holds a reference to `object` for the length of the call.
+    /// The caller must hold a reference to `object` during the call.
     explicit CXWeak(T& object) : CXWeak(&object) {}
     CXWeak(const CXWeak& other) noexcept : _control(other._control), _object(other._object)
     {
@@ -31,7 +32,7 @@ public:
         return *this;
     }
 
-    /// The object, or an empty reference once its last strong reference is gone.
+    /// Returns the object, or an empty reference after its last strong reference was dropped.
     CXRef<T> lock() const noexcept CX_REALTIME
     {
         return _control && _control->retainUnlessGone() ? CXRef<T>::adopt(_object) : CXRef<T>();

@@ -6,15 +6,15 @@
 
 namespace dxr {
 
-/// Whether watching a word for a moment before sleeping on it pays: a reply that comes within the moment
-/// saves two trips through the scheduler. Watches while that has worked lately; when it has not, tries again
-/// only once in a while, so that a thread which mostly sleeps costs next to nothing. Never watches on one
-/// processor.
-/// Threads: one.
+/// Spins on a condition for a short time before its thread sleeps: a reply that arrives while spinning saves
+/// two context switches. Spins while that has succeeded recently. After several failures it spins only on
+/// every 64th call, so that a thread that mostly sleeps spends almost no time spinning. Never spins on a
+/// machine with one processor.
+/// Threads:   one.
 /// Real time: as `isReady`.
 class AdaptiveSpin {
 public:
-    /// Watches for at most about `maxSpins` pauses. Whether `isReady` became true.
+    /// Polls `isReady` with at most `maxSpins` pauses. Returns true if it became true.
     template <class Predicate> bool watch(Predicate isReady) noexcept
     {
         if (!_isWorthwhile())

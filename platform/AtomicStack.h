@@ -7,19 +7,19 @@
 
 namespace dxr {
 
-/// A lock-free last-in-first-out list of blocks of memory, linked through their own first words.
-/// Threads:   every call from any thread at once.
-/// Real time: yes; a pop that loses an exchange waits a bounded moment and tries again.
+/// A lock-free last-in-first-out list of memory blocks, linked through their first words.
+/// Threads:   every function may be called on any thread, concurrently.
+/// Real time: yes; a pop whose exchange fails waits a bounded time and tries again.
 /// Blocks must stay mapped for the life of the process: a pop may read the first words of a block that
-/// another thread has just taken, and throws away what it read.
+/// another thread has just taken. It discards that result.
 class AtomicStack {
 public:
-    /// The first words of a block that is on a stack. Made without values: the push writes them.
+    /// The first words of a block while it is on a stack. Not initialised: pushing writes them.
     struct Link {
         Link* next;
-        // A block that will be popped a little after this one, as far as the pushing thread knows; any
-        // address will do. A thread that takes what another gave back finds every block in the other's cache:
-        // along the links alone it would wait for one after the other.
+        // The address of a block that will probably be popped soon after this one; any address is allowed.
+        // pop() prefetches it, because blocks that another thread pushed are in that thread's cache:
+        // following `next` alone would cause one cache miss after another.
         void* later;
 
         void linkTo(Link* successor) noexcept { __atomic_store_n(&next, successor, __ATOMIC_RELAXED); }
@@ -29,28 +29,28 @@ public:
     AtomicStack(const AtomicStack&) = delete;
     AtomicStack& operator=(const AtomicStack&) = delete;
 
-    /// Pushes blocks that the caller has linked from `first` to `last` in one step; `first` comes out first.
-    /// One attempt: false when another thread was faster.
+    /// Pushes the blocks that the caller has linked from `first` to `last`, in one step; `first` is popped
+    /// first. Tries once, and returns false if another thread changed the stack meanwhile.
     bool tryPushChain(Link* first, Link* last) noexcept CX_REALTIME;
-    /// The block pushed last, or null.
+    /// Returns the block pushed last, or null if the stack is empty.
     Link* pop() noexcept CX_REALTIME;
 
-    /// How many pops there have been, read before isEmptySince().
+    /// The number of pops so far. Read it before calling isEmptySince().
     uint64_t popCount() const noexcept CX_REALTIME { return __atomic_load_n(&_head.pops, __ATOMIC_ACQUIRE); }
-    /// Whether the stack is empty and has not been popped from since `popCount` was read. If it was seen
-    /// empty after that reading too, it has been empty all the time between: what was pushed would still be
-    /// here.
+    /// Returns true if the stack is empty and no block was popped since `popCount` was read. If the caller
+    /// also saw the stack empty after reading `popCount`, it was empty the whole time: a block pushed
+    /// meanwhile would still be here.
     bool isEmptySince(uint64_t popCount) const noexcept CX_REALTIME;
 
 private:
-    // The head and the number of pops so far. A pop changes both together: the count shows that
-    // the head it read was taken and put back meanwhile, its successor no longer what it was. At 64 bits it
-    // cannot come round while a thread sleeps between its read and its exchange. A push changes the head
-    // alone; it does not look behind it, and a head can only come back after a pop.
+    // The head and the number of pops so far; a pop changes both in one exchange. If other threads popped the
+    // head and pushed it back since it was read, its successor may differ; the changed count makes the
+    // exchange fail. A 64-bit count cannot wrap around between a thread's read and its exchange. A push
+    // changes only the head: it does not use the head's successor, and a head can only reappear after a pop.
     //
-    // Release in the exchange that pushes pairs with the acquiring load in pop(): the link in the block is
-    // written before the block is seen. The two words are read one by one; a pair that was never there
-    // together differs from the head in its count, and the exchange fails.
+    // The release order of the exchange that pushes pairs with the acquire load in pop(): the block's link is
+    // written before other threads see the block. The two words are loaded separately; if they were never
+    // current together, the count differs and the exchange fails.
     struct alignas(16) Head {
         Link* first = nullptr;
         uint64_t pops = 0;
@@ -60,12 +60,12 @@ private:
     bool _exchange(const Head& expected, const Head& wanted) noexcept;
     static Link _linksOf(const Link* block) noexcept;
 
-    // A line of its own, and the one that the processor likes to fetch with it: what has no stack in common
-    // does not slow one another down.
+    // 128 bytes hold the cache line and its neighbour, which processors fetch with it: threads that use
+    // different stacks do not slow one another down.
     alignas(128) Head _head;
 };
 
-// In the header: two calls would cost half as much again as what they do.
+// Inline, because two function calls would add half again to the cost of a push or pop.
 
 #if defined(__SANITIZE_THREAD__)
 #define DXR_HIDDEN_FROM_THREAD_SANITIZER inline __attribute__((no_sanitize("thread"), noinline))
@@ -78,8 +78,8 @@ private:
 #define DXR_HIDDEN_FROM_THREAD_SANITIZER inline
 #endif
 
-/// The links of a block that may no longer be ours to read: its new owner may be writing there. What is read
-/// then is thrown away, so the race is harmless and hidden from the thread sanitizer.
+/// Reads the links of a block that another thread may own by now and be writing to. The caller discards the
+/// result in that case, so the race is harmless; it is hidden from the thread sanitizer.
 DXR_HIDDEN_FROM_THREAD_SANITIZER AtomicStack::Link AtomicStack::_linksOf(const Link* block) noexcept
 {
     return {__atomic_load_n(&block->next, __ATOMIC_RELAXED),
@@ -89,7 +89,7 @@ DXR_HIDDEN_FROM_THREAD_SANITIZER AtomicStack::Link AtomicStack::_linksOf(const L
 inline AtomicStack::Head AtomicStack::_load() const noexcept
 {
     Head head;
-    // In this order: a count older than the block can only make the exchange fail.
+    // In this order, because a count older than the block can only make the exchange fail.
     head.pops = __atomic_load_n(&_head.pops, __ATOMIC_ACQUIRE);
     head.first = __atomic_load_n(&_head.first, __ATOMIC_ACQUIRE);
     return head;
@@ -100,7 +100,8 @@ inline bool AtomicStack::_exchange(const Head& expected, const Head& wanted) noe
 #ifdef __SIZEOF_INT128__
     __extension__ using Word [[gnu::may_alias]] = unsigned __int128;
     static_assert(sizeof(Word) == sizeof(Head));
-    // The __sync form is compiled in place; the __atomic one would call a library that may take a lock.
+    // The __sync form is compiled inline; the __atomic form would call a library function that may take a
+    // lock.
     return __sync_bool_compare_and_swap(reinterpret_cast<Word*>(&_head), __builtin_bit_cast(Word, expected),
                                         __builtin_bit_cast(Word, wanted));
 #else

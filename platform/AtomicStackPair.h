@@ -4,34 +4,35 @@
 
 namespace dxr {
 
-/// A lock-free list of blocks that keeps threads out of one another's way: two stacks, and every thread stays
-/// with one of them until it has a reason to change. A push that loses an exchange there goes to the other; a
-/// pop that finds it empty tries the other, and the thread stays where there was something. So two threads
-/// that both take and give back part after their first collision, and where one only gives back what another
-/// takes, the taker empties one stack while the other fills.
-/// Last in, first out for threads that do not collide: the stack that a thread is on lies on top of the
-/// other, which it reaches only through its end.
-/// Threads:   every call from any thread at once, each with a `Side` of its own.
+/// A lock-free list of blocks that reduces contention. It has two stacks, and each thread keeps using one of
+/// them (its side). A push whose exchange fails switches to the other stack. A pop that finds its stack empty
+/// tries the other one, and the thread switches to it if it had a block. So two threads that both push and
+/// pop use different stacks after their first collision; and if one thread only pushes and another only pops,
+/// the second empties one stack while the first fills the other.
+/// Without collisions the order is last in, first out: a thread reaches the other stack only when its own is
+/// empty.
+/// Threads:   every function may be called on any thread, concurrently; each thread has its own `Side`.
 /// Real time: yes; as AtomicStack.
 class AtomicStackPair {
 public:
     using Link = AtomicStack::Link;
-    /// Which of the stacks the calling thread uses: 0 at first, then what the last call left there.
+    /// The stack that the calling thread uses: initially 0, afterwards the value that the last call stored.
     using Side = uint8_t;
 
-    /// Pushes blocks that the caller has linked from `first` to `last` in one step; `first` comes out first.
+    /// Pushes the blocks that the caller has linked from `first` to `last`, in one step; `first` is popped
+    /// first.
     void pushChain(Link* first, Link* last, Side& side) noexcept CX_REALTIME;
-    /// The block pushed last, or null when at some moment of the call there was none on either stack.
+    /// Returns the block pushed last, or null if both stacks were empty at the same moment during the call.
     Link* pop(Side& side) noexcept CX_REALTIME;
 
 private:
     Link* _popFromOther(Side& side) noexcept;
 
-    // There is no protocol between the stacks but the order of looks in _popFromOther(): a block may move
-    // from the one not yet looked at to the one already found empty, and then the result "none" would be
-    // wrong though never fewer than one was there; a caller that keeps blocks in reserve relies on the
-    // result. So the first stack is looked at again, and null is the result only if nothing came and went
-    // there meanwhile.
+    // The stacks are independent; only the order of the checks in _popFromOther() connects them. A block may
+    // move from the stack that is not yet checked to the one already found empty. Returning null would then
+    // be wrong, because at least one block was on the stacks all the time, and a caller that keeps blocks in
+    // reserve relies on the result. So the first stack is checked again, and null is returned only if no
+    // block was pushed and popped there meanwhile.
     AtomicStack _stacks[2];
 };
 

@@ -4,15 +4,15 @@
 
 namespace dxr {
 
-/// What to do after a lost exchange on a word that several threads change: stay away for a moment, twice as
-/// long each time, up to a bound that an IO thread can afford. Without it two threads that fight over one
-/// cache line take five times as long.
-/// Threads:   one each.
+/// Waits after a failed exchange on a word that several threads change. Each wait is twice as long as the one
+/// before, up to a bound that an IO thread can afford. Without it, two threads that contend for one cache
+/// line take five times as long.
+/// Threads:   one object per thread.
 /// Real time: yes.
 class BackOff {
 public:
-    /// `firstPauses` suits how long the faster thread goes on for: a word that is changed once in a while, or
-    /// one that threads change again and again.
+    /// `firstPauses` should match how long the other thread keeps changing the word: small if it changes the
+    /// word once in a while, larger if it changes it repeatedly.
     explicit BackOff(uint32_t firstPauses = 8) noexcept : _pauses(firstPauses) {}
 
     void wait() noexcept

@@ -17,7 +17,7 @@ namespace {
 std::string demangled(const char* name)
 {
     struct Free {
-        void operator()(char* text) const noexcept { std::free(text); } // what __cxa_demangle allocated
+        void operator()(char* text) const noexcept { std::free(text); } // __cxa_demangle used malloc()
     };
     int status = 0;
     const std::unique_ptr<char, Free> readable(abi::__cxa_demangle(name, nullptr, nullptr, &status));
@@ -27,8 +27,8 @@ std::string demangled(const char* name)
 std::string frameText(size_t number, void* address)
 {
     Dl_info info{};
-    // The call is before the address that it returns to, which may belong to the next function when it never
-    // returns.
+    // Looks up the call instruction, which ends before the return address: if the called function never
+    // returns, that address may belong to the next function.
     const bool known = dladdr(static_cast<const char*>(address) - 1, &info) != 0;
     const char* module = known && info.dli_fname ? info.dli_fname : "?";
     if (const char* slash = std::strrchr(module, '/'))
@@ -48,7 +48,7 @@ std::string frameText(size_t number, void* address)
     std::array<void*, 256> addresses{};
     const auto count = backtrace(addresses.data(), static_cast<int>(addresses.size()));
     const auto end = addresses.begin() + count;
-    // By its address: a sanitizer that stands before backtrace() adds a frame of its own.
+    // Search by address, because a sanitizer that intercepts backtrace() adds a frame.
     auto frame = std::find(addresses.begin(), end, __builtin_return_address(0));
     std::vector<std::string> frames;
     for (; frame != end; ++frame)

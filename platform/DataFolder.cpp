@@ -13,7 +13,7 @@ namespace dxr {
 
 namespace {
 
-/// The variable's value when it is the path of something from the root; else empty.
+/// Returns the environment variable's value if it is an absolute path, otherwise an empty string.
 std::string absolutePath(const char* variable)
 {
     const char* const value = secure_getenv(variable);
@@ -25,7 +25,7 @@ std::string reason(const std::string& path)
     return path + ": " + std::generic_category().message(errno);
 }
 
-/// Makes the folder unless it is there, and its name durable.
+/// Creates the folder if it is missing, and syncs its parent so that the entry persists after a crash.
 bool makeFolder(const std::string& path)
 {
     if (mkdir(path.c_str(), S_IRWXU) != 0)
@@ -43,7 +43,8 @@ std::string parentOf(const std::string& path)
     return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
 }
 
-/// Whether making something in the folder, or in the nearest one above that exists, leaves it the user's.
+/// Returns true if the user owns the folder, or the nearest parent that exists, or if everybody may create
+/// files there.
 bool isOurs(std::string path, std::string& problem)
 {
     struct stat state = {};
@@ -61,7 +62,7 @@ bool isOurs(std::string path, std::string& problem)
     return false;
 }
 
-/// Whether the folder, if it exists, is one that nobody else can put anything in.
+/// Returns true if the folder does not exist, or only the user can create files in it.
 bool isPrivate(const std::string& folder, std::string& problem)
 {
     struct stat state = {};

@@ -8,16 +8,16 @@ namespace dxr {
 
 enum class WhenMissing { Leave, Make };
 
-/// The library's folder in the user's data directory: "dxr" in XDG_DATA_HOME, else in ~/.local/share. Made
-/// with mode 0700, with the folders above it that are missing, if `whenMissing` says so; else it need not
-/// exist. Refused, with `problem` saying why: without a home directory; in one that belongs to another user,
-/// where root would take folders from their owner; and when it is a link, belongs to another user or may be
-/// written by others.
+/// Returns the library's folder in the user's data directory: "dxr" in XDG_DATA_HOME, or in ~/.local/share if
+/// that is not set. With WhenMissing::Make, creates it with mode 0700, and its missing parents; otherwise the
+/// folder may not exist. Returns nothing, with the reason in `problem`, if there is no home directory; if the
+/// directory belongs to another user (as root, creating folders there would take them from their owner); or
+/// if the folder is a symbolic link, belongs to another user or is writable by others.
 /// Threads: any.
 std::optional<std::string> userDataFolder(WhenMissing whenMissing, std::string& problem);
 
-/// The folders in which a change of `folder` shows: itself and its parent as far as they exist, else the
-/// nearest folder above. Outermost first.
+/// The folders to watch for changes of `folder`: the folder itself and its parent if they exist, otherwise
+/// the nearest parent that exists. Outermost first.
 std::vector<std::string> foldersToWatch(const std::string& folder);
 
 } // namespace dxr

@@ -4,8 +4,8 @@
 
 namespace dxr {
 
-/// Whether a debugger or tracer is attached to this process now; nothing when the system does not say.
-/// Any thread; reads a file.
+/// Returns whether a debugger or tracer is attached to this process, or nothing if the system does not report
+/// it. Any thread; reads a file.
 std::optional<bool> isDebuggerAttached();
 
 } // namespace dxr

@@ -23,7 +23,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int64_t applicationID = 0x64787253; // "dxrS", in the file's header
+constexpr int64_t applicationID = 0x64787253; // "dxrS", SQLite's application_id in the file's header
 constexpr int64_t schemaVersion = 1;
 constexpr std::string_view databaseHead("SQLite format 3\0", 16);
 
@@ -46,7 +46,7 @@ std::string textOf(sqlite3_stmt* statement, int column)
     return text ? std::string(text, static_cast<size_t>(size)) : std::string();
 }
 
-/// For whom a limit on file sizes is set, a write beyond it is an error and not the end of the process.
+/// Makes a write beyond RLIMIT_FSIZE fail with an error instead of ending the process by SIGXFSZ.
 class FileSizeSignalBlock {
 public:
     FileSizeSignalBlock()
@@ -81,19 +81,20 @@ private:
     bool _wasPending = false;
 };
 
-/// Keeps other processes from opening the database or setting it aside at the same moment: a file renamed
-/// between another's opening it and its log would leave that log to the next file of the name.
+/// Keeps other processes from opening the database or setting it aside at the same time. Otherwise, if the
+/// file were renamed after a process opened it but before that process created its log, the log would be
+/// applied to the next file of that name.
 class OpeningLock {
 public:
     OpeningLock(const std::string& path, bool makes, Clock::time_point deadline)
-        // Only read, so that processes that watch the folder for writers are not woken.
+        // Opened read-only, so that processes that watch the folder for writers are not woken.
         : _descriptor(::open(path.c_str(), O_RDONLY | (makes ? O_CREAT : 0) | O_CLOEXEC | O_NOFOLLOW,
                              S_IRUSR | S_IWUSR))
     {
-        // No file: a folder that nobody writes to needs no lock.
+        // Without a lock file no lock is needed: this process may not create files in the folder.
         while (_descriptor >= 0 && flock(_descriptor, LOCK_EX | LOCK_NB) != 0) {
             if (errno != EWOULDBLOCK && errno != EINTR)
-                return; // no such locks on this file system
+                return; // the file system does not support these locks
             _isHeldByOther = Clock::now() >= deadline;
             if (_isHeldByOther)
                 return;
@@ -114,8 +115,8 @@ private:
     bool _isHeldByOther = false;
 };
 
-/// Whether the file is empty, cannot be read here, or begins as a database does. SQLite itself takes a short
-/// file for an empty one and writes over it.
+/// Returns true if the file is empty, cannot be read, or begins with SQLite's header. SQLite itself treats a
+/// short file as an empty one and overwrites it.
 bool mayBeDatabase(const std::string& path)
 {
     const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -127,7 +128,7 @@ bool mayBeDatabase(const std::string& path)
     return count <= 0 || std::string_view(found.data(), static_cast<size_t>(count)) == databaseHead;
 }
 
-/// SQLite's name for a file that nobody will change.
+/// Returns the URI that opens a file which no process will change.
 std::string immutableName(const std::string& path)
 {
     std::string name = "file:";
@@ -144,7 +145,7 @@ std::string immutableName(const std::string& path)
     return name + "?immutable=1";
 }
 
-/// ".damaged-20260131-235959-1234": the time, and the process.
+/// Returns ".damaged-20260131-235959-1234": the local time and the process ID.
 std::string suffixOfDamaged()
 {
     const std::time_t now = std::time(nullptr);
@@ -161,7 +162,7 @@ bool DefaultsDatabase::_locate(WhenMissing whenMissing)
 {
     std::string problem;
     const std::optional<std::string> folder = userDataFolder(whenMissing, problem);
-    // The real path: SQLite is set to follow no link, and any of the folders above may be one.
+    // The real path, because SQLite is opened with NOFOLLOW and any parent folder may be a symbolic link.
     const std::unique_ptr<char, decltype(&std::free)> real(
         folder ? realpath(folder->c_str(), nullptr) : nullptr, &std::free);
     _folder = real ? real.get() : folder.value_or("");
@@ -177,8 +178,7 @@ bool DefaultsDatabase::open(WhenMissing whenMissing)
     const FileSizeSignalBlock block;
     _waitEnds = Clock::now() + _maximumWait;
     while (!_open(whenMissing)) {
-        // Some steps of opening return "busy" without waiting, so that two processes cannot wait for one
-        // another.
+        // Some steps of opening return SQLITE_BUSY without waiting, so that two processes cannot deadlock.
         if ((_lastCode & 0xFF) != SQLITE_BUSY || Clock::now() >= _waitEnds)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -199,7 +199,7 @@ bool DefaultsDatabase::_open(WhenMissing whenMissing)
         return false;
     }
 
-    // Made here, because SQLite would let others read it.
+    // Created here with mode 0600, because SQLite would let other users read it.
     const int made =
         makes ? ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR) : -1;
     if (made >= 0)
@@ -240,7 +240,8 @@ bool DefaultsDatabase::_openFile(bool isWritable)
             return _failWith(_path + ": out of memory");
         sqlite3_extended_result_codes(_connection, 1);
         sqlite3_busy_handler(_connection, &_waitForOthers, this);
-        // Without this, the last to leave would remove the log of another file that has the name by then.
+        // Without this, the last process to close the file would remove the log by name, even if it belongs
+        // to a new file.
         int keepsLog = 1;
         sqlite3_file_control(_connection, "main", SQLITE_FCNTL_PERSIST_WAL, &keepsLog);
         return code == SQLITE_OK && _execute("PRAGMA trusted_schema=OFF");
@@ -254,8 +255,8 @@ bool DefaultsDatabase::_openFile(bool isWritable)
             close();
             return false;
         }
-        // On a file system without shared memory the log stays another one, and everything works.
-        // Nothing can be lost of a new file, so making it need not wait for the disk.
+        // On a file system without shared memory the journal mode stays unchanged, and everything works. A
+        // new file contains nothing that could be lost, so creating it need not wait for the disk.
         struct stat state = {};
         const bool isNew = stat(_path.c_str(), &state) == 0 && state.st_size == 0;
         isOpen = isOpen && (!isNew || _execute("PRAGMA synchronous=OFF")) &&
@@ -265,7 +266,7 @@ bool DefaultsDatabase::_openFile(bool isWritable)
         int64_t ignored = 0;
         isOpen =
             openAs(_path, SQLITE_OPEN_READONLY) && _number("SELECT count(*) FROM sqlite_schema", ignored);
-        if (!isOpen) // no log can be made beside it; then nobody else is writing one either
+        if (!isOpen) // no log can be created beside it; then no other process writes one either
             isOpen = openAs(immutableName(_path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
     }
     if (isOpen)
@@ -332,7 +333,7 @@ DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
 {
     if (!_connection)
         return Reading::Failed;
-    const FileSizeSignalBlock block; // reading may have to mend the log
+    const FileSizeSignalBlock block; // reading may have to recover the log, which writes
     if (!_isInTransaction)
         _waitEnds = Clock::now() + _maximumWait;
     if (!_dataVersionStatement)
@@ -351,14 +352,14 @@ DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
         std::string value = textOf(statement.get(), 1);
         const auto before = rows.find(key);
         const bool isSame = before != rows.end() && before->second->value() == value;
-        // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): each turn has a value of its own
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): `value` is new in each iteration
         CXRef<DefaultsRow> row = isSame ? before->second : DefaultsRow::initWithValue(std::move(value));
         found.emplace(std::move(key), std::move(row));
     }
     if (code != SQLITE_DONE) {
         _fail("read");
         if (_isCorrupt())
-            close(); // and the next opening sets the file aside
+            close(); // the next call of open() sets the file aside
         return Reading::Failed;
     }
     rows = std::move(found);
@@ -369,7 +370,7 @@ DefaultsDatabase::Reading DefaultsDatabase::read(DefaultsRows& rows)
 bool DefaultsDatabase::begin()
 {
     if (!_isWritable)
-        close(); // what could only be read may be writable by now
+        close(); // a file that was opened read-only may be writable by now
     if (!open(WhenMissing::Make) || !_isWritable)
         return false;
     const FileSizeSignalBlock block;
@@ -409,8 +410,9 @@ bool DefaultsDatabase::commit(const DefaultsChanges& changes)
         return false;
     }
     _isInTransaction = false;
-    // After the commit, so that a process that looks now sees it: the log is written before it counts. A
-    // process that dies in between is heard of by its closing the file.
+    // Wakes the watchers in other processes. Done after the commit, so that they see the change when they
+    // read: the log is written before the transaction is committed. If a process dies in between, closing its
+    // files wakes them.
     utimensat(AT_FDCWD, _path.c_str(), nullptr, 0);
     return true;
 }
@@ -437,15 +439,15 @@ bool DefaultsDatabase::_isStillInPlace() const
            now.st_dev == _identity.st_dev;
 }
 
-/// Whether the open file begins as a database does. SQLite would not look while it has the page in memory, and what
-/// is written into a file that was overwritten since is lost to everybody else.
+/// Returns true if the open file still begins with SQLite's header. SQLite does not check this while the page
+/// is in its cache, and data written into a file that was overwritten is lost to other processes.
 bool DefaultsDatabase::_isDatabaseStill()
 {
-    sqlite3_file* file = nullptr; // SQLite's own: closing another descriptor of the file would end its locks
+    sqlite3_file* file = nullptr; // SQLite's handle: closing another descriptor would release its locks
     std::array<char, databaseHead.size()> found{};
     if (sqlite3_file_control(_connection, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
         file->pMethods->xRead(file, found.data(), static_cast<int>(found.size()), 0) == SQLITE_IOERR_READ)
-        return true; // what follows reports why it cannot be read
+        return true; // the next statement reports the error
     if (std::string_view(found.data(), found.size()) == databaseHead)
         return true;
     _failWith(_path + " is not a database any more");
@@ -457,7 +459,7 @@ bool DefaultsDatabase::_setAside()
 {
     const std::string damage = _problem;
     const std::string name = _path + suffixOfDamaged();
-    // The log goes first: beside a new file it would be taken for that file's.
+    // The log is renamed first: beside a new database file it would be applied to that file.
     for (const char* part : {"-wal", "-shm", ""}) {
         const std::string from = _path + part;
         if (std::rename(from.c_str(), (name + part).c_str()) != 0 && errno != ENOENT)
@@ -519,7 +521,7 @@ int DefaultsDatabase::_waitForOthers(void* database, int)
 {
     if (Clock::now() >= static_cast<DefaultsDatabase*>(database)->_waitEnds)
         return 0;
-    // Short and uneven, so that of many writers none is left out for long.
+    // Short random waits, so that each of many writers soon gets its turn.
     thread_local std::minstd_rand random{std::random_device{}()};
     std::this_thread::sleep_for(
         std::chrono::microseconds(std::uniform_int_distribution<>(300, 3000)(random)));

@@ -13,13 +13,13 @@ struct sqlite3_stmt;
 
 namespace dxr {
 
-/// The database of one suite: SQLite with a write-ahead log, one row a key.
-/// A damaged file is set aside under another name and a new one begun. A file of another program or of a
-/// later version, and a link, are left alone and not used. Where writing is not allowed, the database is only
-/// read.
-/// Threads:   unlocked; one thread at a time. Not in a child process after fork().
-/// Real time: no; all of it works on files. Waits for other processes for maximumWait() at most.
-/// Fails:     by returning false; problem() says why.
+/// The database of one suite: SQLite with a write-ahead log, one row per key. A damaged file is renamed and a
+/// new one created. A symbolic link and a file of another program or a later version are neither changed nor
+/// used. A file that may not be written is opened read-only.
+/// Threads:   not synchronised; one thread at a time. Must not be used in a child process after fork().
+/// Real time: no; every function accesses files. Waits for other processes at most as long as
+///            setMaximumWait() allows.
+/// Fails:     by returning false; problem() returns the reason.
 class DefaultsDatabase {
 public:
     enum class Reading { Unchanged, Done, Failed };
@@ -29,34 +29,35 @@ public:
     DefaultsDatabase(const DefaultsDatabase&) = delete;
     DefaultsDatabase& operator=(const DefaultsDatabase&) = delete;
 
-    /// Opens the database unless it is open and still the one under that name. A missing one is made, with
-    /// its folder, if `whenMissing` says so. False when it cannot be read.
+    /// Opens the database, unless it is open and its path still refers to the same file. With
+    /// WhenMissing::Make, creates a missing file and its folder. Returns false if the file cannot be read.
     bool open(WhenMissing whenMissing);
     void close();
     bool isOpen() const noexcept { return _connection != nullptr; }
-    /// Whether there is a place for the file, and nothing in it.
+    /// Returns true if the folder's path is valid and the file does not exist.
     bool isMissing();
-    /// Whether a damaged file was set aside since the last call.
+    /// Returns true if a damaged file was set aside since the last call.
     bool takeWasSetAside() noexcept { return std::exchange(_wasSetAside, false); }
 
-    /// Brings `rows` up to date with the file, when another process has changed that since the last time.
+    /// Updates `rows` from the file if another process has changed it since the last call.
     Reading read(DefaultsRows& rows);
-    /// Begins to write: no other process can change anything until commit() or rollback().
+    /// Begins a write transaction: no other process can change the database until commit() or rollback().
     bool begin();
     bool isWriting() const noexcept { return _isInTransaction; }
-    /// Writes the changes and ends the writing. On true they are on the disk; on false nothing was changed.
+    /// Writes `changes` and ends the transaction. Returns true once they are on the disk; on false nothing
+    /// was changed.
     bool commit(const DefaultsChanges& changes);
     void rollback();
 
-    /// Why the last call failed, for people.
+    /// Why the last call failed, as text for the user.
     const std::string& problem() const noexcept { return _problem; }
-    /// Whether the last failure was another process's lock.
+    /// Whether the last call failed because another process held a lock.
     bool wasLocked() const noexcept { return _wasLocked; }
-    /// Whether the last failure may pass: a full disk does, a missing home directory does not.
+    /// Whether trying again may succeed: it may after a full disk, but not after a missing home directory.
     bool mayRecover() const noexcept { return _mayRecover; }
-    /// The folder of the file, which need not exist; empty while there is no place for one.
+    /// The folder of the file; it may not exist. Empty if no valid path is known.
     const std::string& folder() const noexcept { return _folder; }
-    /// How long to wait for other processes, from now on.
+    /// Sets how long later calls wait for other processes.
     void setMaximumWait(std::chrono::milliseconds wait) noexcept { _maximumWait = wait; }
 
 private:
@@ -75,18 +76,18 @@ private:
     static int _waitForOthers(void* database, int tries);
 
     const std::string _suiteName;
-    std::string _folder, _path; // empty while there is no place for them
+    std::string _folder, _path; // empty if no valid path is known
     std::string _problem;
     bool _mayRecover = true;
     bool _wasLocked = false;
     bool _isWritable = false;
     bool _wasSetAside = false;
     bool _isInTransaction = false;
-    int _lastCode = 0; // SQLite's, of the last failure
+    int _lastCode = 0; // SQLite's result code of the last failure
     std::chrono::milliseconds _maximumWait{3000};
     std::chrono::steady_clock::time_point _waitEnds;
     sqlite3* _connection = nullptr;
-    struct stat _identity = {}; // of the file when it was opened
+    struct stat _identity = {}; // the file's, when it was opened
     int64_t _dataVersion = -1;  // when the rows were read
     sqlite3_stmt* _dataVersionStatement = nullptr;
 };

@@ -9,7 +9,7 @@
 
 namespace dxr {
 
-/// The stored value of one key. One that stays as it is stays the same object.
+/// The stored value of one key. Later snapshots share the object while the value stays the same.
 /// Threads: immutable, any.
 class DefaultsRow final : public CXObject {
 public:
@@ -27,10 +27,10 @@ private:
 };
 
 using DefaultsRows = std::map<std::string, CXRef<DefaultsRow>, std::less<>>;
-/// New values by key; nothing removes the key.
+/// New values by key; std::nullopt removes the key.
 using DefaultsChanges = std::map<std::string, std::optional<std::string>, std::less<>>;
 
-/// What a suite held at one time.
+/// The content of a suite at one time.
 /// Threads: immutable, any.
 class DefaultsSnapshot final : public CXObject {
 public:
@@ -39,7 +39,7 @@ public:
         return CXRef<DefaultsSnapshot>::adopt(new DefaultsSnapshot(std::move(rows)));
     }
     const DefaultsRows& rows() const noexcept { return _rows; }
-    /// Null when there is none.
+    /// Returns null if the key has no value.
     CXRef<DefaultsRow> row(std::string_view key) const
     {
         const auto found = _rows.find(key);

@@ -12,7 +12,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds patience = 3s;
-// After a failure, and for readers, who go on without.
+// After a failure, and for readers, which continue without the store.
 constexpr std::chrono::milliseconds shortPatience = 50ms;
 
 DefaultsRows merged(const DefaultsRows& stored, const DefaultsChanges& unsaved)
@@ -35,7 +35,7 @@ CXRef<DefaultsSuite> DefaultsSuite::suiteNamed(const std::string& name)
         std::mutex mutex;
         std::map<std::string, CXRef<DefaultsSuite>> byName;
     };
-    static auto& suites = *new Suites; // never destroyed: the watcher's thread uses them to the end
+    static auto& suites = *new Suites; // never destroyed: the watcher's thread always uses them
     const std::lock_guard lock(suites.mutex);
     CXRef<DefaultsSuite>& suite = suites.byName[name];
     if (!suite)
@@ -86,7 +86,7 @@ void DefaultsSuite::_loadFirst()
 
 bool DefaultsSuite::update(const Edit& edit)
 {
-    (void)load(); // what cannot be stored is kept beside what is stored
+    (void)load(); // changes that cannot be stored are merged with the stored rows
     const std::lock_guard store(_storeMutex);
     _database.setMaximumWait(_isFailing ? shortPatience : patience);
     _pending.push_back(edit);
@@ -113,7 +113,7 @@ DefaultsWatcher::Again DefaultsSuite::announceChanges(Retry retry)
     {
         const std::lock_guard store(_storeMutex);
         _database.setMaximumWait(shortPatience);
-        // Opening a file that cannot be read is a change itself, and would follow from the one before
+        // Opening an unreadable file is itself an event in the folder; reading after each event would repeat
         // forever.
         const bool isRead = (retry == Retry::Yes || !_isUnreadable) && _read();
         if (retry == Retry::Yes)
@@ -134,18 +134,18 @@ std::string DefaultsSuite::folder()
     return _database.folder();
 }
 
-/// Brings the rows up to date; false when that is not possible.
+/// Updates the rows from the store. Returns false if the store cannot be read.
 bool DefaultsSuite::_read()
 {
     bool isRead = false;
-    if (_database.isMissing()) { // nothing was ever stored, or it was removed on purpose
+    if (_database.isMissing()) { // nothing was stored yet, or the file was removed on purpose
         _database.close();
         _stored.clear();
         isRead = true;
     }
     for (int attempt = 0; !isRead && attempt < 2 && _database.open(WhenMissing::Leave); ++attempt) {
         if (_database.takeWasSetAside() && !_stored.empty()) {
-            // The part of the damaged file that is in memory is not lost.
+            // The rows of the damaged file that are in memory are written again.
             DefaultsChanges known;
             for (const auto& [key, row] : _stored)
                 known.emplace(key, row->value());
@@ -159,7 +159,7 @@ bool DefaultsSuite::_read()
         }
         isRead = reading == DefaultsDatabase::Reading::Done;
         if (!isRead && _database.isOpen())
-            break; // a second try is for a file that was damaged, and has been closed
+            break; // only a damaged file, which read() has closed, is tried again
     }
     _isRead = _isRead || isRead;
     _isUnreadable = !isRead && !_database.wasLocked();
@@ -167,14 +167,14 @@ bool DefaultsSuite::_read()
     return isRead;
 }
 
-/// Begins to write with _stored up to date.
+/// Begins a write transaction and brings _stored up to date.
 bool DefaultsSuite::_begin()
 {
     for (int attempt = 0; attempt < 3; ++attempt) {
         const bool hasBegun = _database.begin();
         if (hasBegun && _read() && _database.isWriting())
             return true;
-        // Another try for a file that was damaged or removed, and is closed or replaced by now.
+        // Tries again if the file was damaged or removed: it has been closed or replaced by now.
         const bool isWorthAnother = hasBegun ? !_database.isWriting() : !_database.isOpen();
         _database.rollback();
         if (!isWorthAnother)
@@ -183,7 +183,7 @@ bool DefaultsSuite::_begin()
     return false;
 }
 
-/// Carries out all edits on what is stored now; whether all is on the disk.
+/// Applies all unsaved edits to the stored rows. Returns true if all changes are on the disk.
 bool DefaultsSuite::_storePending()
 {
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -196,7 +196,7 @@ bool DefaultsSuite::_storePending()
         for (const Edit& edit : _pending) {
             DefaultsChanges more = edit(*DefaultsSnapshot::initWithRows(rows));
             rows = merged(rows, more);
-            more.merge(changes); // the later ones over the earlier
+            more.merge(changes); // later changes replace earlier ones
             changes = std::move(more);
         }
         bool isStored = changes.empty();
@@ -213,7 +213,7 @@ bool DefaultsSuite::_storePending()
             return true;
         }
         if (_database.isOpen())
-            return false; // a second try is for a file that was damaged
+            return false; // only a damaged file is tried again
     }
     return false;
 }
@@ -225,11 +225,12 @@ void DefaultsSuite::_keepInMemory(const Edit& edit)
     _unsaved = std::move(changes);
     constexpr size_t most = 1000;
     if (_pending.size() >
-        most) // what they came to takes less room, though what others write meanwhile is lost then
+        // The resulting changes take less memory, but overwrite changes that other processes make meanwhile.
+        most)
         _pending.assign(1, [unsaved = _unsaved](const DefaultsSnapshot&) { return unsaved; });
 }
 
-/// Shows the threads of this process what is stored and what will be.
+/// Makes the stored rows with the unsaved changes visible to the threads of this process.
 void DefaultsSuite::_publish()
 {
     CXRef<DefaultsSnapshot> snapshot = DefaultsSnapshot::initWithRows(merged(_stored, _unsaved));
@@ -247,7 +248,7 @@ void DefaultsSuite::_complain()
 
 uint64_t DefaultsSuite::addObserver(const std::string& key, CXBlock<void()> changed)
 {
-    (void)load(); // so that only what changes later is announced
+    (void)load(); // so that only later changes are reported
     uint64_t observer = 0;
     {
         const std::lock_guard lock(_mutex);
@@ -264,7 +265,7 @@ uint64_t DefaultsSuite::addObserver(const std::string& key, CXBlock<void()> chan
 
 void DefaultsSuite::removeObserver(uint64_t observer)
 {
-    CXBlock<void()> removed; // what it holds is released after the lock
+    CXBlock<void()> removed; // destroyed after the lock is released
     const std::lock_guard lock(_mutex);
     const auto key = _keyOfObserver.find(observer);
     if (key == _keyOfObserver.end())

@@ -14,38 +14,39 @@
 
 namespace dxr {
 
-/// Texts by key that all programs of the user share and that outlive them: one database a suite, in the
-/// user's data directory. Keys are rows of their own: writers of different keys do not conflict, and writers
-/// of one see each other's values. The watcher keeps the memory of this process up to date.
+/// Strings by key that persist and that all programs of the user share. Each suite is one database in the
+/// user's data directory. Each key is a separate row: writers of different keys do not conflict, and writers
+/// of the same key see each other's values. The watcher keeps this process's copy in memory up to date.
 /// Threads:   any. Observers are called on the watcher's thread, with no lock held.
-/// Real time: no. snapshot() takes some microseconds, the first one some milliseconds; update() waits for the
-///            disk and, for a few seconds at most, for writers in other processes.
-/// Fails:     by keeping in memory what cannot be stored, and trying again with the next update and from time
-///            to time. Logged once, until storing succeeds again.
+/// Real time: no. snapshot() takes some microseconds; the first call takes some milliseconds. update() waits
+///            for the disk and, for a few seconds at most, for writers in other processes.
+/// Fails:     by keeping unsaved changes in memory and trying to store them with the next update and at
+///            intervals. The failure is logged once until storing succeeds again.
 class DefaultsSuite final : public DefaultsWatcher::Client {
 public:
-    /// The suite of that name: one object for the whole process, which lives as long as it.
+    /// Returns the suite of that name. The process has one object per name and never destroys it.
     static CXRef<DefaultsSuite> suiteNamed(const std::string& name);
 
-    /// Reads the store the first time; makes nothing there. Returns whether it could be read so far: when it
-    /// is locked just now, that happens a little later.
+    /// Reads the store on the first call; creates no file. Returns true if the store has been read. If it is
+    /// locked, it is read shortly afterwards.
     bool load();
-    /// The content of the suite in memory, which follows the store within moments.
+    /// Returns the content of the suite in memory, which follows changes of the store within moments.
     CXRef<DefaultsSnapshot> snapshot();
 
-    /// Decides on changes, knowing what the suite holds. It is called while no one else in any process can
-    /// change that, must not use the suite, and may be called again, later too, when its changes could not be
-    /// stored.
+    /// Computes the changes from the suite's content. It runs while no other thread or process can change the
+    /// content. It must not use the suite, and may be called again, even much later, if its changes could not
+    /// be stored.
     using Edit = CXBlock<DefaultsChanges(const DefaultsSnapshot&)>;
-    /// Carries out `edit`. The changes are on the disk when this returns true; on false they are in memory,
-    /// and every reader of this process sees them.
+    /// Applies `edit`. Returns true once the changes are on the disk. On false they are in memory, where all
+    /// readers of this process see them.
     bool update(const Edit& edit);
-    /// Tries to store what could not be stored before; whether everything is on the disk.
+    /// Tries to store the changes that could not be stored before. Returns true if all changes are on the
+    /// disk.
     bool synchronize();
 
-    /// Calls `changed` after each change of the key's value, by anyone, and when the store could be read only
-    /// after this was called; several changes may be one call. The result is for removeObserver(), after
-    /// which one last call may still be running.
+    /// Calls `changed` after each change of the key's value, by any process, and when the store is first read
+    /// after this call; one call may report several changes. Returns an ID for removeObserver(). One last
+    /// call may still be running after removeObserver() returns.
     uint64_t addObserver(const std::string& key, CXBlock<void()> changed);
     void removeObserver(uint64_t observer);
 
@@ -68,22 +69,22 @@ private:
     void _complain();
     std::vector<CXBlock<void()>> _observersOfChanges();
 
-    // Taken first, and held over work on the disk: never by a reader after the first. Guards what is stored,
-    // and how.
+    // Acquired before _mutex and held during disk access; readers acquire it only for the first load. Guards
+    // the database and the unsaved changes.
     std::mutex _storeMutex;
     DefaultsDatabase _database;
     DefaultsRows _stored;       // as last read or written
-    std::vector<Edit> _pending; // to be stored when that is possible again, in this order
-    DefaultsChanges _unsaved;   // what they came to, over _stored
-    bool _isFailing = false;    // logged
-    bool _isRead = false;       // the store could be read at least once
-    bool _isUnreadable = false; // the last reading failed, and not for a lock
+    std::vector<Edit> _pending; // unsaved edits, oldest first
+    DefaultsChanges _unsaved;   // the result of _pending, applied over _stored
+    bool _isFailing = false;    // the failure was logged
+    bool _isRead = false;       // the store was read at least once
+    bool _isUnreadable = false; // the last read failed, and not because of a lock
 
-    // Never held over work on the disk. Guards what the threads of this process see.
+    // Never held during disk access. Guards the data that the threads of this process see.
     std::mutex _mutex;
-    CXRef<DefaultsSnapshot> _snapshot;  // _stored with _unsaved; none before the first use
-    bool _isLoaded = false;             // _isRead, when the snapshot was made
-    CXRef<DefaultsSnapshot> _announced; // what the observers know
+    CXRef<DefaultsSnapshot> _snapshot;  // _stored with _unsaved; null before the first use
+    bool _isLoaded = false;             // the value of _isRead when the snapshot was made
+    CXRef<DefaultsSnapshot> _announced; // the last snapshot that was reported to observers
     bool _isLoadAnnounced = false;
     using Observers = std::map<uint64_t, CXBlock<void()>>;
     std::map<std::string, Observers, std::less<>> _observers; // by key

@@ -22,13 +22,14 @@ constexpr std::chrono::milliseconds retryInterval{5000};
 constexpr std::chrono::milliseconds soonInterval{100};
 constexpr std::chrono::milliseconds intervalWithoutEvents{1000};
 
-// A writer touches the database when it has committed; one that dies before that closes its log.
+// A writer touches the database file after each commit; if it dies before that, closing its log causes an
+// event.
 constexpr uint32_t eventsInside = IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM |
                                   IN_DELETE | IN_MOVE_SELF | IN_DELETE_SELF;
-// Of the folders above, only that the next one appears.
+// In the parent folders, only the appearance of the next folder matters.
 constexpr uint32_t eventsAbove = IN_CREATE | IN_MOVED_TO;
 
-/// Reads and drops everything: that there is an event is enough.
+/// Reads and discards all events; only their presence matters.
 void drain(int descriptor)
 {
     alignas(inotify_event) std::array<char, 4096> bytes{};
@@ -40,7 +41,7 @@ void drain(int descriptor)
 
 DefaultsWatcher& DefaultsWatcher::shared()
 {
-    static auto& watcher = *new DefaultsWatcher; // never destroyed: its thread runs to the end
+    static auto& watcher = *new DefaultsWatcher; // never destroyed: its thread runs until the process ends
     return watcher;
 }
 
@@ -63,7 +64,7 @@ void DefaultsWatcher::follow(const CXRef<Client>& suite)
 void DefaultsWatcher::wake() noexcept
 {
     const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(_wakeUps, &one, sizeof one); // full is awake, too
+    [[maybe_unused]] const ssize_t written = write(_wakeUps, &one, sizeof one); // fails only if set already
 }
 
 void DefaultsWatcher::_serve()
@@ -78,13 +79,13 @@ void DefaultsWatcher::_serve()
         bool isNeededSoon = false;
         bool isNeededLater = false;
         for (const CXRef<Client>& suite : suites) {
-            hasEvents &= _watch(suite->folder()); // before reading, so that a later change is an event
+            hasEvents &= _watch(suite->folder()); // before reading, so that a later change causes an event
             const Again again = suite->announceChanges(isTimeToRetry ? Retry::Yes : Retry::No);
             isNeededSoon |= again == Again::Soon;
             isNeededLater |= again == Again::Later;
         }
         if (isNeededSoon)
-            std::this_thread::sleep_for(soonInterval); // opening the file in vain is an event, too
+            std::this_thread::sleep_for(soonInterval); // a failed open is an event and would end a poll
         else if (!hasEvents)
             _wait(intervalWithoutEvents);
         else if (isNeededLater)
@@ -94,10 +95,11 @@ void DefaultsWatcher::_serve()
     }
 }
 
-/// False when the system reports no events. Watching a folder again changes nothing.
+/// Watches the folders for changes of `folder`. Returns false if the system cannot report events. Watching a
+/// folder that is watched already has no effect.
 bool DefaultsWatcher::_watch(const std::string& folder) const
 {
-    // Outermost first, and again when another one has appeared meanwhile: none appears unseen.
+    // Outermost first, and again if a further folder has appeared meanwhile, so that none is missed.
     for (std::vector<std::string> watched; watched != foldersToWatch(folder);) {
         watched = foldersToWatch(folder);
         for (const std::string& each : watched)
@@ -114,7 +116,7 @@ std::vector<CXRef<DefaultsWatcher::Client>> DefaultsWatcher::_followed()
     return _suites;
 }
 
-/// Until something changes, or for `interval`.
+/// Waits until an event or a wake-up, for at most `interval`.
 void DefaultsWatcher::_wait(std::optional<std::chrono::milliseconds> interval) const
 {
     std::array<pollfd, 2> watched{{{_folders, POLLIN, 0}, {_wakeUps, POLLIN, 0}}};

@@ -11,28 +11,28 @@
 
 namespace dxr {
 
-/// The one thread that watches the suites' folders for writers in other processes and calls the observers,
-/// started with the first observer.
+/// The thread that watches the suites' folders for changes by other processes and calls the observers. There
+/// is one per process, started with the first suite.
 /// Threads: any.
 class DefaultsWatcher {
 public:
     enum class Retry { No, Yes };
     enum class Again { Never, Soon, Later };
-    /// What is watched: a suite.
+    /// Implemented by the suites.
     class Client : public CXObject {
     public:
-        /// Reads changes of other processes, tries again to store what could not be stored if `retry` says so, and calls
-        /// the observers of every key that changed since the last time. Returns when to try again.
+        /// Reads changes by other processes, tries again to store unsaved changes if `retry` is Yes, and
+        /// calls the observers of every key that changed since the last call. Returns when to call again.
         virtual Again announceChanges(Retry retry) = 0;
-        /// The folder in which changes of other processes show, which need not exist; empty while there is none.
+        /// The folder to watch, which may not exist; empty if no valid path is known.
         virtual std::string folder() = 0;
     };
 
     static DefaultsWatcher& shared();
 
-    /// Watches a suite from now on.
+    /// Starts watching a suite. Does nothing if it is watched already.
     void follow(const CXRef<Client>& suite);
-    /// Something changed in this process.
+    /// Tells the thread that this process has changed a suite.
     void wake() noexcept;
 
 private:
@@ -42,9 +42,9 @@ private:
     std::vector<CXRef<Client>> _followed();
     void _wait(std::optional<std::chrono::milliseconds> interval) const;
 
-    const int _folders; // inotify; -1 when the system has none left
+    const int _folders; // inotify; -1 if it could not be created
     const int _wakeUps; // eventfd
-    std::mutex _mutex;  // guards the two below
+    std::mutex _mutex;  // guards _suites and _thread
     std::vector<CXRef<Client>> _suites;
     Thread _thread;
 };

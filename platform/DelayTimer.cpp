@@ -38,7 +38,7 @@ void DelayTimer::_run()
             Call due = std::move(_pending.extract(_pending.begin()).mapped());
             lock.unlock();
             due();
-            due = {}; // the queue's end may run application code, never under the lock
+            due = {}; // destroying the queue may run application code, so the lock is not held
             lock.lock();
         }
     }

@@ -9,14 +9,14 @@
 
 namespace dxr {
 
-/// The one thread that calls what hands delayed work to its queue when the time has come.
+/// The thread that moves delayed work to its queue when the delay has passed. There is one per process.
 /// Threads: any. It lives as long as the process.
 class DelayTimer {
 public:
     static DelayTimer& shared();
 
     using Call = CXBlock<void()>;
-    /// Calls `call` `delayNanoseconds` from now at the earliest; it must be brief.
+    /// Calls `call` after at least `delayNanoseconds`, on the timer's thread; it must be brief.
     void schedule(uint64_t delayNanoseconds, Call call);
 
 private:

@@ -6,7 +6,7 @@ namespace dxr {
 
 namespace {
 
-// Once, until it is armed again: the descriptor stays readable while the message is on its way.
+// One-shot: the descriptor stays readable until the receiver has read from it, and is then rearmed.
 epoll_event eventFor(int descriptor)
 {
     epoll_event event{};
@@ -19,7 +19,7 @@ epoll_event eventFor(int descriptor)
 
 DescriptorWatcher& DescriptorWatcher::shared()
 {
-    static auto* const watcher = new DescriptorWatcher; // never destroyed: its thread runs on
+    static auto* const watcher = new DescriptorWatcher; // never destroyed: its thread never ends
     return *watcher;
 }
 
@@ -79,7 +79,8 @@ void DescriptorWatcher::_serve()
         }
         if (client)
             readable(*client);
-        // The reference goes here, outside the lock: it may be the last, and its end calls forget().
+        // `client` is released here, without the lock: it may be the last reference, and the destructor calls
+        // forget().
     }
 }
 

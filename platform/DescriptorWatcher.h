@@ -8,8 +8,8 @@
 
 namespace dxr {
 
-/// The thread that watches descriptors for ports, started with the first of them: a port's set sleeps on a word
-/// and cannot watch any itself.
+/// The thread that watches file descriptors for ports, started with the first descriptor. A PortSet cannot
+/// watch descriptors itself, because it sleeps on a futex word.
 /// Threads: any.
 class DescriptorWatcher {
 public:
@@ -17,10 +17,10 @@ public:
 
     using Readable = void (*)(CXObject& client);
 
-    /// Calls `readable` once, on the watcher's thread, when `descriptor` becomes readable, if `client` is still alive.
-    /// False when the system refuses, or another client has the descriptor.
+    /// Calls `readable` once, on the watcher's thread, when `descriptor` becomes readable, if `client` is
+    /// still alive. Returns false if the system refuses to watch it or another client is watching it already.
     bool watch(int descriptor, const CXRef<CXObject>& client, Readable readable);
-    /// Looks at the descriptor again, after a call.
+    /// Watches the descriptor for another call, after `readable` was called.
     void rearm(int descriptor, const CXObject& client);
     void forget(int descriptor, const CXObject& client);
 
@@ -31,7 +31,7 @@ private:
     const int _epoll;
     std::mutex _mutex;
     struct Watched {
-        const CXObject* identity; // compared, never used: the weak reference may be past its end
+        const CXObject* identity; // only compared, never dereferenced: the client may have been destroyed
         CXWeak<CXObject> client;
         Readable readable;
     };

@@ -32,7 +32,7 @@ void Futex::wakeOne(const std::atomic<uint32_t>* word) noexcept
 {
     const int before = errno;
     syscall(SYS_futex, word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1, nullptr, nullptr, 0);
-    errno = before; // an IO callback's caller may be looking at it
+    errno = before; // the code that an IO callback interrupted may be about to read errno
 }
 
 } // namespace dxr

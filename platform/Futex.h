@@ -7,18 +7,19 @@
 
 namespace dxr {
 
-/// Sleeping on a 32-bit word of this process until somebody changes it.
+/// Sleeps on a 32-bit word of this process until another thread changes it.
 /// Threads:   any.
 /// Real time: wakeOne(); it enters the kernel but never waits.
 class Futex {
 public:
     static constexpr uint64_t noDeadline = UINT64_MAX;
 
-    /// Sleeps while `word` is `expected`, at the longest until the host clock reads `deadlineTicks`. Returns
-    /// early now and then: the caller looks at the word again. False when the deadline has passed.
+    /// Sleeps while `word` equals `expected`, until the host clock reaches `deadlineTicks`. May return early:
+    /// the caller checks the word again. Returns false if the deadline has passed.
     static bool wait(const std::atomic<uint32_t>& word, uint32_t expected,
                      uint64_t deadlineTicks = noDeadline) noexcept;
-    /// Wakes one sleeper. `word` may be gone by now: an address where nobody sleeps does nothing.
+    /// Wakes one sleeping thread. `word` may have been destroyed: the call does nothing if no thread sleeps
+    /// on the address.
     static void wakeOne(const std::atomic<uint32_t>* word) noexcept CX_REALTIME;
 };
 

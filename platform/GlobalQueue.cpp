@@ -45,7 +45,8 @@ void GlobalQueue::_serve()
 {
     servesGlobalQueue = true;
     setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
-                niceness); // refused without privilege, and that is fine
+                // Fails without privileges; the threads then keep their priority.
+                niceness);
     std::unique_lock lock(_mutex);
     for (;;) {
         ++_idle;

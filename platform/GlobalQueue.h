@@ -8,14 +8,14 @@
 
 namespace dxr {
 
-/// Runs work of the whole process side by side, on a few threads of raised priority where that is permitted.
-/// Work may wait; only so many pieces run at once.
+/// Runs work concurrently on a few threads shared by the whole process, with raised priority where that is
+/// permitted. Work may wait, but only a limited number of work items run at the same time.
 class DXR_EXPORT GlobalQueue final : public WorkQueue {
 public:
     static GlobalQueue& highPriority();
 
     void async(Work work) override;
-    /// Whether the calling thread is one of the queue's; sync() from such a thread throws.
+    /// Returns true on each of the queue's threads; sync() throws there.
     bool isCurrent() const noexcept override;
 
 private:

@@ -7,12 +7,12 @@
 
 namespace dxr {
 
-/// The host clock: monotonic ticks that every time stamp of the library counts in.
+/// The host clock: monotonic ticks, the unit of all time stamps in the library.
 /// Threads:   any.
 /// Real time: yes.
 class DXR_EXPORT HostClock {
 public:
-    /// Ticks since an arbitrary moment, the same for every process of the machine; never goes back.
+    /// Ticks since an arbitrary moment, the same for every process on the machine; never decreases.
     static uint64_t nowTicks() noexcept CX_REALTIME;
 
     /// Nanoseconds = ticks * nanosecondsNumerator / nanosecondsDenominator. 1/1 on Linux.

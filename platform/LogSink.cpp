@@ -37,7 +37,7 @@ bool isControl(std::string_view character)
     if (character.size() == 1)
         return (lead < 0x20 && lead != '\t' && lead != '\n') || lead == 0x7F;
     const bool isC1 = character.size() == 2 && lead == 0xC2 && static_cast<uint8_t>(character[1]) < 0xA0;
-    // The marks that turn the direction of text around: U+202A..U+202E and U+2066..U+2069.
+    // The characters that change the direction of text: U+202A..U+202E and U+2066..U+2069.
     const bool turnsText = character.size() == 3 && lead == 0xE2 &&
                            ((character[1] == '\x80' && character[2] >= '\xAA' && character[2] <= '\xAE') ||
                             (character[1] == '\x81' && character[2] >= '\xA6' && character[2] <= '\xA9'));

@@ -7,22 +7,22 @@
 
 namespace dxr {
 
-/// Where log lines go: the system log and standard error, unless the application says otherwise.
-/// Threads:   any. Lines of several threads are not mixed.
+/// The destination of log lines: the system log and standard error, or the application's writer.
+/// Threads:   any. Lines of different threads are not interleaved.
 /// Real time: no; logging waits and allocates.
 class DXR_EXPORT LogSink {
 public:
     using Writer = CXBlock<void(std::string_view line)>;
 
-    /// Writes one message. Never fails visibly.
+    /// Writes one message. Failures are not reported.
     static void log(std::string_view line);
-    /// Sends every later line to `writer` instead; an empty one brings the default back. A line that another
-    /// thread is writing just now may still go to the old writer.
+    /// Sends all later lines to `writer`; an empty writer restores the default. A line that another thread is
+    /// writing during the call may still be sent to the old writer.
     static void setWriter(Writer writer);
 };
 
-/// `text` with every control character but tab and newline, and every byte that is not UTF-8, replaced by its hexadecimal
-/// code, so that a device's name cannot drive the terminal that shows it.
+/// Returns `text` with control characters except tab and newline, and bytes that are not UTF-8, replaced by
+/// their hexadecimal codes, so that a device's name cannot control the terminal that displays it.
 DXR_EXPORT std::string printableText(std::string_view text);
 
 } // namespace dxr

@@ -49,7 +49,7 @@ size_t MainQueue::drain()
 
 void MainQueue::run()
 {
-    constexpr int pollMilliseconds = 20; // only where there is no descriptor
+    constexpr int pollMilliseconds = 20; // used only without a descriptor
     while (!_stopped.load()) {
         if (drain() > 0)
             continue;
@@ -60,7 +60,7 @@ void MainQueue::run()
     _stopped.store(false);
     const std::scoped_lock lock(_mutex);
     if (_waiting.empty())
-        _clearSignal(); // stop() raised it; leave the descriptor true to the queue
+        _clearSignal(); // stop() made the descriptor readable, but no work is pending
 }
 
 void MainQueue::stop() noexcept
@@ -75,7 +75,7 @@ bool MainQueue::_runOne()
     {
         const std::scoped_lock lock(_mutex);
         if (_waiting.empty())
-            return false; // a nested drain() took it
+            return false; // a nested drain() has run it
         work = std::move(_waiting.front());
         _waiting.pop_front();
         if (_waiting.empty())
@@ -89,7 +89,8 @@ void MainQueue::_signal() const noexcept
 {
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t written =
-        write(_descriptor, &one, sizeof one); // full means readable already
+        // Writing to a full counter fails, but the descriptor is readable then.
+        write(_descriptor, &one, sizeof one);
 }
 
 void MainQueue::_clearSignal() const noexcept

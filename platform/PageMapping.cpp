@@ -23,8 +23,8 @@ PageMapping::Result PageMapping::map(size_t byteSize, Touch touch) noexcept
 
 PageMapping::Result PageMapping::mapAligned(size_t byteSize, size_t alignment) noexcept
 {
-    // Longer by what may lie before the first aligned address. What is left over goes back, and the next
-    // mapping fills the hole: to the kernel they are one mapping then.
+    // Maps enough to contain an aligned block at any address, and unmaps the rest. The next mapping fills the
+    // hole, and the kernel merges adjacent mappings.
     const size_t roomSize = byteSize + alignment - pageSize;
     const Result room = map(roomSize, Touch::Later);
     if (!room.address)
@@ -33,7 +33,7 @@ PageMapping::Result PageMapping::mapAligned(size_t byteSize, size_t alignment) n
     std::byte* const aligned = room.address + before;
     unmap(room.address, before);
     unmap(aligned + byteSize, roomSize - before - byteSize);
-    madvise(aligned, byteSize, MADV_NOHUGEPAGE); // refused by a kernel that has none, and that is fine
+    madvise(aligned, byteSize, MADV_NOHUGEPAGE); // fails, harmlessly, on a kernel without huge pages
     return {aligned, 0};
 }
 
@@ -43,7 +43,7 @@ bool PageMapping::makePresent(std::byte* address, size_t byteSize) noexcept
         return true;
     if (errno != EINVAL)
         return false;
-    for (size_t offset = 0; offset < byteSize; offset += pageSize) { // before Linux 5.14
+    for (size_t offset = 0; offset < byteSize; offset += pageSize) { // for kernels before 5.14
         volatile std::byte& byte = address[offset];
         byte = byte;
     }

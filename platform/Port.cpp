@@ -64,7 +64,7 @@ void Port::setContext(CXRef<CXObject> context)
         const std::scoped_lock lock(_mutex);
         std::swap(_context, context);
     }
-    // The old context goes here, where its end may call this port again.
+    // The old context is released here, without the lock: its destructor may call this port.
 }
 
 void Port::messageHandled()

@@ -12,8 +12,8 @@ namespace dxr {
 
 class PortSet;
 
-/// Where messages for one receiver wait, inside this process: a bounded queue of byte strings. Messages are
-/// taken out through the PortSet that the port belongs to.
+/// A bounded queue of messages (byte strings) for one receiver inside this process. The receiver takes
+/// messages through the PortSet that the port belongs to.
 /// Threads:   any.
 /// Real time: no; it locks and copies.
 class DXR_EXPORT Port final : public CXObject {
@@ -21,27 +21,28 @@ public:
     using Message = std::vector<std::byte>;
     static constexpr size_t defaultQueueLimit = 5;
 
-    /// A port where at most `queueLimit` messages wait, 1 at least.
+    /// Creates a port that holds at most `queueLimit` messages; the limit is at least 1.
     static CXRef<Port> init(size_t queueLimit = defaultQueueLimit);
-    /// A port that has an empty message whenever `descriptor`, which stays the caller's and open for as long
-    /// as the port is not closed, can be read from. It is looked at again when the message has been handled.
-    /// Null when the system cannot watch it: a plain file is always readable and never watched.
+    /// Creates a port that receives an empty message whenever `descriptor` is readable. After
+    /// messageHandled() the descriptor is checked again. The caller owns the descriptor and must keep it open
+    /// until the port is closed. Returns null if the system cannot watch the descriptor: plain files are
+    /// always readable and cannot be watched.
     static CXRef<Port> initWithDescriptor(int descriptor);
 
     enum class SendResult {
         Sent,
-        Full,  ///< as many wait as the limit allows; nothing was sent
-        Closed ///< the receiving end is gone
+        Full,  ///< the queue holds `queueLimit` messages; nothing was sent
+        Closed ///< the receiver has closed the port
     };
-    /// Appends a copy of `message`. Never waits for room.
+    /// Appends a copy of `message`. Never waits for space.
     SendResult send(std::span<const std::byte> message);
-    /// Drops what waits and refuses what comes: the receiving end is gone.
+    /// Called when the receiver stops: drops pending messages and refuses later ones.
     void close();
 
-    /// What the receiving end has attached, kept alive here; an empty reference at first.
+    /// The object that the receiver has attached, which the port keeps alive; initially null.
     CXRef<CXObject> context() const;
     void setContext(CXRef<CXObject> context);
-    /// The receiver is done with the message that it took.
+    /// Called by the receiver when it has processed the message that it took.
     void messageHandled();
 
 private:
@@ -50,15 +51,16 @@ private:
     Port(size_t queueLimit, int descriptor);
     ~Port() override;
 
-    /// Belongs to `owner` from now on, or to none; whether messages wait.
+    /// Makes `owner` (which may be null) the port's owner. Returns true if messages are pending.
     bool _join(CXRef<PortOwner> owner);
     bool _belongsTo(const PortOwner& owner) const;
-    /// The oldest message, if the port still belongs to `owner`, and whether more wait behind it.
+    /// Takes the oldest message if the port still belongs to `owner`. Sets `hasMore` to whether more are
+    /// pending.
     std::optional<Message> _take(const PortOwner& owner, bool& hasMore);
 
     const size_t _queueLimit;
-    const int _descriptor;     // -1 without one
-    mutable std::mutex _mutex; // guards all below; never held together with a set's
+    const int _descriptor;     // -1 if the port has none
+    mutable std::mutex _mutex; // guards the fields below; never held together with a PortSet's
     std::deque<Message> _messages;
     CXRef<PortOwner> _owner;
     CXRef<CXObject> _context;

@@ -6,10 +6,11 @@ namespace dxr {
 
 class Port;
 
-/// What a port belongs to. The port keeps it alive.
+/// The owner of a port (a PortSet). The port keeps it alive.
 class PortOwner : public CXObject {
 public:
-    /// `port` has a message, and may have had one before. From any thread; the port holds no lock.
+    /// Called when `port` has received a message; it may have held others already. Called on any thread, with
+    /// no lock of the port held.
     virtual void portHasMessage(Port& port) = 0;
 };
 

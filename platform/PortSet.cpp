@@ -87,7 +87,7 @@ void PortSet::add(Port& port)
 void PortSet::remove(Port& port)
 {
     if (port._belongsTo(*this))
-        port._join(nullptr); // if listed, it is dropped when its turn comes
+        port._join(nullptr); // if it is in _ready, takeMessage() skips it
 }
 
 void PortSet::portHasMessage(Port& port)
@@ -117,7 +117,7 @@ void PortSet::_raise(uint32_t bit) noexcept
 
 bool PortSet::_sleepUntil(uint32_t bits, uint64_t deadlineTicks) noexcept
 {
-    // Near a deadline even the watching would make the thread late.
+    // Close to the deadline, spinning would make the thread late.
     constexpr uint64_t nearTicks = 50'000;
     const auto isUp = [&] { return (_word.load(std::memory_order_acquire) & bits) != 0; };
     const uint64_t now = deadlineTicks == Futex::noDeadline ? 0 : HostClock::nowTicks();

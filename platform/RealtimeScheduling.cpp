@@ -15,7 +15,7 @@ namespace dxr {
 
 namespace {
 
-// Below the sound server's own data thread (88): it must be able to start a cycle while we finish one.
+// Below the sound server's data thread (88), so that it can start a cycle while this thread finishes one.
 constexpr int fifoPriority = 80;
 
 constexpr const char* serviceName = "org.freedesktop.RealtimeKit1";
@@ -34,13 +34,14 @@ bool becomeFifo()
 {
     sched_param parameters{};
     parameters.sched_priority = fifoPriority;
-    // Threads that this one starts are ordinary ones, unless they ask for themselves.
+    // Reset on fork: threads that this one starts get ordinary scheduling.
     return sched_setscheduler(0, SCHED_FIFO | SCHED_RESET_ON_FORK, &parameters) == 0;
 }
 
-/// The process's limit for real-time threads that never sleep. RealtimeKit serves only processes that let the
-/// kernel end such a thread. Put back at the end, unless it is kept; without privileges the kernel refuses to
-/// raise the hard limit again, so that nothing is lowered for a request that is known to fail.
+/// Lowers the process's limit on the time that a real-time thread may run without sleeping: RealtimeKit
+/// serves only processes whose limit lets the kernel end such a thread. The destructor restores the limit
+/// unless keep() was called. Without privileges the kernel does not allow raising the hard limit again, so do
+/// not lower it for a request that is known to fail.
 class LoweredRuntimeLimit {
 public:
     explicit LoweredRuntimeLimit(int64_t microseconds)
@@ -73,8 +74,8 @@ uint64_t nowMicroseconds()
     return HostClock::nowTicks() / 1000;
 }
 
-/// The system bus, ready to be used; null when it is not there, or does not get so far in time. The library's
-/// own way of opening it would wait for half a minute for a bus that is stuck.
+/// Connects to the system bus. Returns null if it is not available or not ready by the deadline. sd-bus's own
+/// function to open it would wait half a minute for a bus that does not respond.
 Bus openSystemBus(uint64_t deadlineMicroseconds)
 {
     sd_bus* made = nullptr;
@@ -96,10 +97,10 @@ Bus openSystemBus(uint64_t deadlineMicroseconds)
     return sd_bus_is_ready(bus.get()) > 0 ? std::move(bus) : nullptr;
 }
 
-/// What RealtimeKit replied.
+/// RealtimeKit's reply.
 struct Reply {
-    int error;      ///< an errno value; 0 when it did what was asked
-    bool isRefusal; ///< it may not, rather than cannot, do it
+    int error;      ///< an errno value; 0 on success
+    bool isRefusal; ///< refused by policy, not impossible
 };
 
 Reply askFor(uint32_t priority, sd_bus* bus)
@@ -112,7 +113,7 @@ Reply askFor(uint32_t priority, sd_bus* bus)
     return {std::max(0, -result), result < 0 && isRefusal};
 }
 
-/// `kernelError` is the outcome's where there is no RealtimeKit.
+/// `kernelError` is returned if RealtimeKit is not available.
 RealtimeOutcome askRealtimeKit(int kernelError)
 {
     const Bus bus = openSystemBus(nowMicroseconds() + replyMicroseconds);
@@ -127,8 +128,8 @@ RealtimeOutcome askRealtimeKit(int kernelError)
                                     nullptr, 'i', &maxPriority) < 0 ||
         maxPriority < 1)
         return {RealtimeGrant::None, kernelError};
-    // First for a priority that there is not: whether this user may have one is decided before the priority
-    // is looked at.
+    // First asks for an invalid priority: RealtimeKit checks the user's permission before the priority, so a
+    // refusal is known before the limit is lowered.
     constexpr uint32_t noPriority = 0;
     if (const Reply reply = askFor(noPriority, bus.get()); reply.isRefusal)
         return {RealtimeGrant::None, reply.error};

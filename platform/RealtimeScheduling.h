@@ -13,10 +13,10 @@ struct RealtimeOutcome {
     int error; ///< an errno value; 0 with a grant
 };
 
-/// Puts the calling thread under real-time scheduling. Without a grant the thread runs as before, and the
-/// error is RealtimeKit's, or the kernel's where there is no RealtimeKit. Waits: for a RealtimeKit that is
-/// stuck, a few seconds. SCHED_DEADLINE would throttle an IO block that runs over its time; a fixed priority
-/// below the sound server's does not.
+/// Puts the calling thread under real-time scheduling. Without a grant the thread keeps its scheduling, and
+/// the error is RealtimeKit's, or the kernel's if RealtimeKit is not available. Waits: a few seconds if
+/// RealtimeKit does not reply. Uses a fixed priority below the sound server's instead of SCHED_DEADLINE,
+/// which would throttle an IO block that exceeds its time.
 RealtimeOutcome makeCurrentThreadRealtime();
 
 } // namespace dxr

@@ -34,8 +34,8 @@ public:
         }
     }
 
-    /// Runs `work` on the calling thread if nothing runs or waits; whether it did. It ends the process when
-    /// it throws, as everything on a queue does.
+    /// Runs `work` on the calling thread if no work is running or pending. Returns true if it ran. noexcept:
+    /// work that throws ends the process, as on every queue.
     bool runIfIdle(const Work& work) noexcept
     {
         {
@@ -61,8 +61,8 @@ public:
     }
 
 private:
-    /// While it lives, the calling thread runs the line's work. Turns nest: work of one queue may run
-    /// another's on the same thread, and is still that queue's work.
+    /// While a Turn exists, the calling thread runs the line's work. Turns nest: work of one queue may run
+    /// work of another queue on the same thread, and still counts as the first queue's work.
     struct Turn {
         explicit Turn(const Line& turnLine) : line(turnLine), outer(std::exchange(current, this)) {}
         ~Turn() { current = outer; }
@@ -74,7 +74,7 @@ private:
         static thread_local const Turn* current;
     };
 
-    /// The next piece of work; empty when the queue is closed and nothing is left.
+    /// Waits for the next work item. Returns an empty one when the queue is closed and no work is pending.
     Work _next()
     {
         std::unique_lock lock(_mutex);
@@ -98,7 +98,7 @@ private:
     std::condition_variable _changed;
     std::deque<Work> _waiting;
     bool _closed = false;
-    bool _busy = false; // work is running, on the queue's thread or on one that waits for it
+    bool _busy = false; // work is running, on the queue's thread or on a thread in sync()
 };
 
 thread_local const SerialQueue::Line::Turn* SerialQueue::Line::Turn::current = nullptr;

@@ -4,21 +4,21 @@
 
 namespace dxr {
 
-/// Runs work one piece at a time, in the order it came, on a thread of its own.
-/// Work that is queued when the last reference goes is still run.
+/// Runs work one item at a time, in the order it was queued, on its own thread. Work that is pending when the
+/// last reference is dropped still runs.
 class DXR_EXPORT SerialQueue final : public WorkQueue {
 public:
-    /// The thread takes the label as its name, cut to 15 bytes at a whole character.
+    /// The thread's name is the label, cut to at most 15 bytes without splitting a character.
     static CXRef<SerialQueue> initWithLabel(std::string label);
 
     void async(Work work) override;
-    /// Runs `work` on the calling thread when the queue is idle, so that a lock which that thread holds is no
-    /// obstacle; it counts as the queue's all the same.
+    /// Runs `work` on the calling thread if the queue is idle, so that `work` may acquire recursive locks
+    /// that the caller holds; the work counts as the queue's.
     void sync(const Work& work) override;
     bool isCurrent() const noexcept override;
 
 private:
-    class Line; // shared with the thread, which outlives the queue while work is left
+    class Line; // shared with the thread, which runs pending work after the queue was destroyed
 
     explicit SerialQueue(std::string label);
     ~SerialQueue() override;

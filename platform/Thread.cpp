@@ -11,9 +11,9 @@ namespace dxr {
 
 namespace {
 
-constexpr size_t maxNameBytes = 15; // the kernel's, without the terminator
+constexpr size_t maxNameBytes = 15; // the kernel's limit, without the terminator
 
-/// Blocks every signal while it lives, so that a thread started meanwhile is born with them blocked.
+/// Blocks all signals while it exists, so that a thread created meanwhile inherits the blocked mask.
 class SignalsBlocked {
 public:
     SignalsBlocked()

@@ -7,25 +7,25 @@
 
 namespace dxr {
 
-/// A named thread. The name is cut to the whole characters that fit into the kernel's 15 bytes. Signals stay
-/// with the application's threads.
-/// Threads: start and join from one thread at a time. Destroying it joins; from itself, it detaches.
+/// A named thread. The name is cut to at most 15 bytes (the kernel's limit) without splitting a character.
+/// The thread blocks all signals; the application's threads handle them.
+/// Threads: start and join from one thread at a time. The destructor joins; on the thread itself it detaches.
 class Thread {
 public:
     Thread() noexcept = default;
-    /// Starts `body`. Throws std::system_error when no thread can be created.
+    /// Starts `body`. Throws std::system_error if no thread can be created.
     Thread(const std::string& name, std::function<void()> body);
     Thread(Thread&&) noexcept = default;
     Thread& operator=(Thread&& other) noexcept;
     ~Thread();
 
-    /// Names the calling thread; cut in the same way.
+    /// Sets the calling thread's name; cut in the same way.
     static void setCurrentName(std::string_view name);
 
     bool isCurrent() const noexcept { return _thread.get_id() == std::this_thread::get_id(); }
-    /// Waits until the body has ended; called on the thread itself, lets it go instead.
+    /// Waits until the body has returned; on the thread itself, detaches instead.
     void join();
-    /// Lets the thread run on by itself.
+    /// Lets the thread run independently of this object.
     void detach();
 
 private:

@@ -13,9 +13,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A device that the audio server knows of has been on the bus for longer than the shorter age: its card had
-// to be found first. So what is not in contents of that age is not there. An old hit does no harm: it is
-// about a device whose ID somebody still holds.
+// A device that the audio server reports has been on the bus for longer than maximumAgeOfAMiss, because its
+// card had to be found first. So a device that is missing from contents of that age is not connected. Finding
+// a device that was unplugged is harmless: the caller holds that device's ID.
 constexpr std::chrono::milliseconds maximumAge{1000};
 constexpr std::chrono::milliseconds maximumAgeOfAMiss{20};
 
@@ -33,7 +33,7 @@ std::string text(const char* value)
     return value ? value : "";
 }
 
-/// Calls `visit` with each device of the subsystem that `narrow` lets through.
+/// Calls `visit` with each device of the subsystem that matches the filters added by `narrow`.
 template <class Narrow, class Visit>
 void forEachDevice(udev* context, const char* subsystem, Narrow narrow, Visit visit)
 {
@@ -44,13 +44,14 @@ void forEachDevice(udev* context, const char* subsystem, Narrow narrow, Visit vi
     udev_list_entry* each = nullptr;
     udev_list_entry_foreach(each, udev_enumerate_get_list_entry(devices.get()))
     {
-        // Gone meanwhile is no device.
+        // Null if the device was unplugged meanwhile.
         if (const Device device{udev_device_new_from_syspath(context, udev_list_entry_get_name(each))})
             visit(device.get());
     }
 }
 
-/// The attribute without the blanks that some devices pad it with; nothing when it is missing or blank.
+/// Returns the attribute without leading and trailing blanks, which some devices add, or nothing if it is
+/// missing or blank.
 std::optional<std::string> attribute(udev_device* device, const char* name)
 {
     std::string value = text(udev_device_get_sysattr_value(device, name));
@@ -113,7 +114,7 @@ CXRef<USBRegistryContents> readFromSystem()
 }
 
 struct Registry {
-    std::mutex mutex; // held while the bus is read: a caller that asks meanwhile gets that result too
+    std::mutex mutex; // held while the bus is read, so that concurrent callers share one result
     USBRegistry::Reader reader;
     CXRef<USBRegistryContents> contents;
     Clock::time_point readAt;
@@ -131,11 +132,11 @@ struct Registry {
 
 Registry& registry()
 {
-    static auto& shared = *new Registry; // never destroyed: threads may still ask while the process ends
+    static auto& shared = *new Registry; // never destroyed: threads may still use it while the process exits
     return shared;
 }
 
-/// The number that all of `digits` are; nothing else.
+/// Parses `digits` as a decimal number. Returns nothing if any character is not a digit.
 std::optional<uint32_t> number(std::string_view digits)
 {
     uint32_t value = 0;
@@ -210,7 +211,7 @@ std::optional<uint32_t> usbLocationID(std::string_view kernelName) noexcept
         const std::optional<uint32_t> port = number(ports.substr(0, dot));
         if (!port)
             return std::nullopt;
-        if (shift > 0) { // the standard allows five hubs in a row: six ports
+        if (shift > 0) { // USB allows five hubs in a row: six ports
             shift -= 4;
             location |= (*port & 0xFU) << shift;
         }

@@ -12,24 +12,24 @@
 
 namespace dxr {
 
-/// One device on the universal serial bus, a hub too.
+/// One USB device; hubs included.
 struct USBDevice {
     uint32_t locationID = 0;                      ///< 0 is no location: such a device is never found
-    std::optional<std::string> serialNumber = {}; ///< nothing when it has none
+    std::optional<std::string> serialNumber = {}; ///< std::nullopt if it has none
 };
 
-/// One sound card on that bus.
+/// One USB sound card.
 struct USBAudioEngine {
-    /// "AppleUSBAudioEngine:MAKER:PRODUCT:SERIAL:INTERFACE"; the location in hexadecimal where there is no
-    /// serial number.
+    /// "AppleUSBAudioEngine:MAKER:PRODUCT:SERIAL:INTERFACE". Without a serial number, SERIAL is the location
+    /// in hexadecimal.
     std::string globalUniqueID;
-    std::optional<std::string> serialNumber; ///< nothing when the device has none
+    std::optional<std::string> serialNumber; ///< std::nullopt if the device has none
     uint32_t locationID = 0;
-    std::optional<uint32_t> cardNumber; ///< of its card, as in /proc/asound
-    std::string busPath;                ///< udev's ID_PATH of the card; empty when it is not known
+    std::optional<uint32_t> cardNumber; ///< the card's, as in /proc/asound
+    std::string busPath;                ///< udev's ID_PATH of the card; empty if unknown
 };
 
-/// The devices that were on the bus at one time.
+/// The USB devices that were connected at one time.
 /// Threads: immutable, any.
 class DXR_EXPORT USBRegistryContents final : public CXObject {
 public:
@@ -38,10 +38,10 @@ public:
 
     /// In the order in which the system lists them.
     const std::vector<USBDevice>& devices() const noexcept { return _devices; }
-    /// Null when there is none.
+    /// Returns null if there is none.
     const USBDevice* deviceAtLocation(uint32_t locationID) const;
     const std::vector<USBAudioEngine>& engines() const noexcept { return _engines; }
-    /// Null when there is none.
+    /// Returns null if there is none.
     const USBAudioEngine* engineWithGlobalUniqueID(std::string_view uniqueID) const;
 
 private:
@@ -54,30 +54,30 @@ private:
     std::unordered_map<std::string_view, size_t> _engineByID; // views of _engines
 };
 
-/// What the system knows of the devices on the universal serial bus, as far as it distinguishes audio
-/// devices. A location ID has the bus in its top 8 bits, then one hexadecimal digit for each hub port from
-/// the root, so that port 4 of a hub on port 1 of bus 3 is 0x03140000. Devices with a location are all but
-/// the root hubs.
+/// The USB devices and sound cards that the system reports. A location ID has the bus number in its top 8
+/// bits, then one hexadecimal digit for each hub port from the root: port 4 of a hub on port 1 of bus 3 is
+/// 0x03140000. All devices except root hubs have a location.
 /// Threads:   any.
-/// Real time: no; it reads files of the system's.
-/// Fails:     with no devices, where the system does not list them (no udev, no /sys).
+/// Real time: no; it reads system files.
+/// Fails:     by finding no devices if the system does not list them (no udev, no /sys).
 class DXR_EXPORT USBRegistry {
 public:
     using Reader = CXBlock<CXRef<USBRegistryContents>()>;
 
-    /// Asks about the contents: as they were a moment ago, and again, as they are now, when the result is
-    /// false. So what is there is found at any time, and a thousand questions do not read the bus a thousand
-    /// times.
+    /// Calls `question` with the cached contents, which are at most a second old. If it returns false and the
+    /// contents are more than a few milliseconds old, reads the bus again and calls it once more. So a device
+    /// that was just connected is found, and many questions do not read the bus many times. Returns the last
+    /// result.
     static bool ask(CXBlockRef<bool(const USBRegistryContents&)> question);
-    /// Forgets what was read: the next question reads again.
+    /// Clears the cached contents: the next question reads the bus again.
     static void refresh();
-    /// Asks `reader` instead of the system from now on, for devices that are simulated; an empty one brings
-    /// the system back. `reader` must not use the registry, and may be called on any thread.
+    /// Reads from `reader` instead of the system, for simulated devices; an empty reader restores the system.
+    /// `reader` must not use the registry and may be called on any thread.
     static void setReader(Reader reader);
 };
 
-/// The location of a device from the kernel's name of it, "3-1.4"; nothing for other names, root hubs
-/// ("usb3") included.
+/// Returns the location of the device with the kernel's name `kernelName`, such as "3-1.4". Returns nothing
+/// for other names, including root hubs ("usb3").
 std::optional<uint32_t> usbLocationID(std::string_view kernelName) noexcept;
 
 } // namespace dxr

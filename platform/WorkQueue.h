@@ -7,24 +7,24 @@
 
 namespace dxr {
 
-/// Somewhere to run work: a serial queue, the main queue or the global one.
-/// Threads:   every call from any thread.
+/// A queue that runs work: a serial queue, the main queue or the global queue.
+/// Threads:   every function may be called on any thread.
 /// Real time: no; it locks and allocates.
-/// Work that throws ends the process: nobody is there to catch it.
+/// Work that throws ends the process, because no caller could catch the exception.
 class DXR_EXPORT WorkQueue : public CXObject {
 public:
     using Work = CXBlock<void()>;
 
-    /// Runs `work` soon, after what this thread queued before it on a serial queue. Empty work is ignored.
+    /// Queues `work` and returns. On a serial queue it runs after the work that this thread queued before.
+    /// Empty work is ignored.
     virtual void async(Work work) = 0;
-    /// Whether the calling thread is running this queue's work.
+    /// Returns true if the calling thread is running this queue's work.
     virtual bool isCurrent() const noexcept = 0;
 
-    /// Runs `work` on the queue and waits for its end. On a serial queue's own thread this could never end
-    /// and throws std::system_error (resource_deadlock_would_occur) instead.
+    /// Runs `work` on the queue and waits until it has finished. On the queue's own thread this would
+    /// deadlock, so it throws std::system_error (resource_deadlock_would_occur).
     virtual void sync(const Work& work);
-    /// Runs `work` as async() does, `delayNanoseconds` from now at the earliest. Keeps the queue alive until
-    /// then.
+    /// Runs `work` as async() does, after at least `delayNanoseconds`. Keeps the queue alive until then.
     void after(uint64_t delayNanoseconds, Work work);
 
     const std::string& label() const noexcept { return _label; }

@@ -4,9 +4,9 @@
 
 #include <cstdint>
 
-/// While it lives, floating-point operations of this thread take and give zero for denormals; then the
-/// caller's mode is back. Does nothing on a processor without such a mode.
-/// Threads:   the one that made it, in the reverse order of making.
+/// While it exists, floating-point operations on this thread treat denormal operands and results as zero. The
+/// destructor restores the caller's mode. Has no effect on processors without such a mode.
+/// Threads:   the thread that created it; nested objects are destroyed in reverse order.
 /// Real time: yes.
 class DenormalFlush {
 public:

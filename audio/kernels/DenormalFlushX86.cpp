@@ -15,7 +15,7 @@ DenormalFlush::DenormalFlush() noexcept : _callersMode(_mm_getcsr())
 
 DenormalFlush::~DenormalFlush()
 {
-    // Flags that the work raised stay raised, as after any arithmetic.
+    // Exception flags that were raised meanwhile stay raised, as after any arithmetic.
     const uint32_t mode = _mm_getcsr() & ~(flushToZero | denormalsAreZero);
     _mm_setcsr(mode | (static_cast<uint32_t>(_callersMode) & (flushToZero | denormalsAreZero)));
 }

@@ -4,8 +4,8 @@
 
 namespace {
 
-// Null until the first use. Each thread that finds null stores the same value, and the sets are
-// constants, so relaxed order is enough.
+// Null until the first use. Relaxed is sufficient: every thread that finds null stores the same value, and
+// the sets are constants.
 std::atomic<const InstructionSet*> chosen{nullptr};
 
 } // namespace

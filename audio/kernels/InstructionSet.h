@@ -8,7 +8,7 @@ struct PolyphaseKernels;
 struct SampleKernels;
 struct SamplerKernels;
 
-/// One instruction set's inner loops. Every set gives the same bits; they differ in speed.
+/// The inner loops for one instruction set. All sets give bit-identical results and differ only in speed.
 /// Threads:   any.
 /// Real time: yes.
 struct InstructionSet {
@@ -18,9 +18,9 @@ struct InstructionSet {
     const PolyphaseKernels* polyphase;
 };
 
-/// The sets that this processor can run, the plainest first. Never empty.
+/// The sets that this processor supports, the most basic first. Never empty.
 std::span<const InstructionSet> availableInstructionSets() noexcept CX_REALTIME;
-/// The set in use: the last available one, unless another was chosen.
+/// The set in use: the last available one unless useInstructionSet() was called.
 const InstructionSet& instructionSet() noexcept CX_REALTIME;
-/// Chooses an available set for the whole process: for tests and benchmarks.
+/// Selects an available set for the whole process; for tests and benchmarks.
 void useInstructionSet(const InstructionSet& set) noexcept;

@@ -22,7 +22,7 @@ constexpr InstructionSet sets[] = {
 
 std::span<const InstructionSet> availableInstructionSets() noexcept
 {
-    __builtin_cpu_init(); // this may run before the constructor that does it
+    __builtin_cpu_init(); // required if this runs before the constructor that calls it
     if (!__builtin_cpu_supports("avx2"))
         return std::span(sets).first(1);
     const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <utility>
 
-// Vectors of `count` floats and what the kernels do with them beyond arithmetic, which the compiler offers.
-// Only the kernel sources include this, each compiled for one instruction set, and everything is in an
-// unnamed namespace: a function shared between them would carry instructions to processors that lack them.
+// Vectors of `count` floats, and the operations that the kernels need beyond the compiler's arithmetic. Only
+// kernel sources include this file, and each is compiled for one instruction set. Everything is in an unnamed
+// namespace, because a function shared between them could contain instructions that a processor lacks.
 
 namespace {
 
@@ -22,11 +22,11 @@ template <int count> struct WideLanesOf {
 template <int count> using WideLanes = typename WideLanesOf<count>::Doubles;
 template <int count> using Ints = typename WideLanesOf<count>::Ints;
 template <int count> using Shorts = typename WideLanesOf<count>::Shorts;
-using Pairs = double __attribute__((vector_size(16))); // two pairs of floats, to be moved only
+using Pairs = double __attribute__((vector_size(16))); // two pairs of floats, only moved
 
 template <int count> inline Lanes<count> allLanes(float value)
 {
-    return value - Lanes<count>{}; // the one way from a number to a vector that both compilers take
+    return value - Lanes<count>{}; // the only conversion that both compilers accept
 }
 
 template <int count> inline Lanes<count> loadLanes(const void* from)
@@ -41,7 +41,7 @@ template <int count> inline void storeLanes(void* to, Lanes<count> lanes)
     std::memcpy(to, &lanes, sizeof lanes);
 }
 
-/// `used` floats in the lowest lanes, zeros above.
+/// Loads `used` floats into the lowest lanes; the other lanes are zero.
 template <int used> inline auto loadLowLanes(const float* from)
 {
     if constexpr (used == 1) {
@@ -60,7 +60,8 @@ template <int used, class Vector> inline void storeLowLanes(float* to, Vector la
     std::memcpy(to, &lanes, used * sizeof(float));
 }
 
-/// The lanes of four-lane groups of `a` and `b` in the order given, 4 to 7 standing for those of b.
+/// For each group of four lanes, selects lanes of `a` (indexes 0 to 3) and of `b` (4 to 7) in the given
+/// order.
 template <int count, int i0, int i1, int i2, int i3>
 inline Lanes<count> shuffledInFours(Lanes<count> a, Lanes<count> b)
 {
@@ -73,7 +74,7 @@ inline Lanes<count> shuffledInFours(Lanes<count> a, Lanes<count> b)
     (std::make_integer_sequence<int, count>());
 }
 
-/// Every other group of four lanes of `a` and of `b`, from group `first` on.
+/// Every second group of four lanes of `a` and then of `b`, beginning with group `first`.
 template <int count, int first> inline Lanes<count> everyOtherFour(Lanes<count> a, Lanes<count> b)
 {
     return [&]<int... lane>(std::integer_sequence<int, lane...>)
@@ -83,7 +84,7 @@ template <int count, int first> inline Lanes<count> everyOtherFour(Lanes<count> 
     (std::make_integer_sequence<int, count>());
 }
 
-/// The highest `shift` lanes of `before` and behind them the lowest of `x`.
+/// The highest `shift` lanes of `before`, followed by the lowest lanes of `x`.
 template <int count, int shift> inline Lanes<count> shiftedIn(Lanes<count> before, Lanes<count> x)
 {
     return [&]<int... lane>(std::integer_sequence<int, lane...>)

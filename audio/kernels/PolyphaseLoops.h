@@ -3,14 +3,14 @@
 #include "Lanes.h"
 #include "PolyphaseKernels.h"
 
-// The loops behind PolyphaseKernels, written once for any vector width. See Lanes.h for why all is unnamed.
+// The implementation of PolyphaseKernels for any vector width. Lanes.h explains the unnamed namespace.
 
 namespace {
 
 constexpr int sumLanes = 16;
-constexpr int usualTaps = 64; // known to the compiler, so that a frame's coefficients stay in registers
+constexpr int usualTaps = 64; // a constant, so that a frame's coefficients stay in registers
 
-/// The sum of all lanes, in halves: lane i and i + 8 first, then i and i + 4, and so on.
+/// The sum of all lanes, added in halves: lanes i and i + 8 first, then i and i + 4, and so on.
 template <int count> inline float sumOfLanes(Lanes<count> lanes)
 {
     if constexpr (count == 4) {
@@ -32,7 +32,7 @@ template <int width> inline float sumOfParts(const Lanes<width> (&parts)[sumLane
         return sumOfLanes<4>((parts[0] + parts[2]) + (parts[1] + parts[3]));
 }
 
-/// The coefficients of one position: `taps` floats, between two rows.
+/// Computes the `taps` coefficients of one position by interpolating between two rows.
 template <int width>
 inline void interpolateRow(const PolyphaseInput& input, const PolyphasePosition& position, uint32_t taps,
                            Lanes<width>* coefficients)

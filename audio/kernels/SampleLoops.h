@@ -4,7 +4,7 @@
 #include "Lanes.h"
 #include "SampleKernels.h"
 
-// The loops behind SampleKernels, written once for any vector width. See Lanes.h for why all is unnamed.
+// The implementation of SampleKernels for any vector width. Lanes.h explains the unnamed namespace.
 
 namespace {
 
@@ -20,19 +20,20 @@ template <int count> inline Lanes<count> clamped(Lanes<count> x, float low, floa
     return notBelow<count>(allLanes<count>(low), notAbove<count>(allLanes<count>(high), x));
 }
 
-/// Away from zero by half a step and cut, at a scale of 32768 below zero and 32767 above. NaN gives 0; what
-/// is too low is so in the result too.
+/// Scales by 32768 below zero and by 32767 above, adds half a step away from zero and truncates. NaN gives 0.
+/// The upper limit is applied here; values that are too low stay too low in the result.
 template <int count> inline Ints<count> rounded(Lanes<count> x)
 {
     x = loadedOnce<count>(x);
-    // The smaller product is the one by the right scale on either side of zero, and no sign need be asked.
+    // On both sides of zero, the smaller product is the one with the right scale, so the sign need not be
+    // tested.
     const Lanes<count> scaled =
         notAbove<count>(allLanes<count>(32767.0F), notAbove<count>(x * 32768.0F, x * 32767.0F));
     const Ints<count> half = (reinterpret_cast<Ints<count>>(x) & INT32_MIN) | 0x3F000000;
     return cut<count>(scaled + reinterpret_cast<Lanes<count>>(half), x);
 }
 
-/// The next two vectors, which fill one of 16-bit samples.
+/// Rounds the next two vectors, which fill one vector of 16-bit samples.
 template <int count> inline Shorts<2 * count> roundedShorts(const float* from)
 {
     return packed<count>(rounded<count>(loadLanes<count>(from)),
@@ -41,19 +42,20 @@ template <int count> inline Shorts<2 * count> roundedShorts(const float* from)
 
 template <int count> inline Lanes<count> widened(Shorts<count> v)
 {
-    // Here the greater product is the right one.
+    // Here the greater product is the one with the right scale.
     const Lanes<count> numbers = __builtin_convertvector(toInts<count>(v), Lanes<count>);
     return notBelow<count>(numbers * 3.0517578e-5F, numbers * 3.051851e-5F);
 }
 
-/// Calls `step` with every whole vector of `count` samples, and once with what is left, copied to full
+/// Calls `step` for every whole vector of `count` samples, and once for the remaining samples, copied to full
 /// vectors and back.
 template <int width, class From, class To, class Step>
 inline void forEachVector(const From* from, To* to, size_t count, const Step& step)
 {
     constexpr size_t next = width;
     size_t i = 0;
-    for (; i + 4 * next <= count; i += 4 * next) { // the loop itself would cost a quarter of a short step
+    // Unrolled, because the loop would add a quarter to the cost of a short step.
+    for (; i + 4 * next <= count; i += 4 * next) {
         step(from + i, to + i);
         step(from + i + next, to + i + next);
         step(from + i + 2 * next, to + i + 2 * next);
@@ -110,7 +112,7 @@ template <int width> void mixFromInt16(const int16_t* from, float* to, size_t co
     });
 }
 
-/// Lanes first, first + step, … of a and b together.
+/// Lanes first, first + step, … of `a` and `b` concatenated.
 template <int width, int first, int step> inline Lanes<width> everyOther(Lanes<width> a, Lanes<width> b)
 {
     return [&]<int... lane>(std::integer_sequence<int, lane...>)
@@ -120,7 +122,7 @@ template <int width, int first, int step> inline Lanes<width> everyOther(Lanes<w
     (std::make_integer_sequence<int, width>());
 }
 
-/// One lane of a, one of b, in turn, from lane `first` on.
+/// Alternating lanes of `a` and `b`, beginning with lane `first`.
 template <int width, int first> inline Lanes<width> inTurn(Lanes<width> a, Lanes<width> b)
 {
     return [&]<int... lane>(std::integer_sequence<int, lane...>)
@@ -130,8 +132,8 @@ template <int width, int first> inline Lanes<width> inTurn(Lanes<width> a, Lanes
     (std::make_integer_sequence<int, width>());
 }
 
-// Riffling the first half of all lanes with the second rotates the bits of each lane's place by one; as many
-// times as the channel number has bits, that turns channels of samples into samples of channels.
+// Interleaving the first half of all lanes with the second half rotates the bits of each lane's index by one.
+// Repeated once per bit of the channel number, it turns channels of samples into frames.
 template <int width, int channels>
 uint32_t interleaveVectors(const float* const* from, float* to, uint32_t frameCount)
 {

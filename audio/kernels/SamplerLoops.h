@@ -7,17 +7,17 @@
 #include <algorithm>
 #include <utility>
 
-// The loops behind SamplerKernels, written once for any vector width. See Lanes.h for why all is unnamed.
+// The implementation of SamplerKernels for any vector width. Lanes.h explains the unnamed namespace.
 
 namespace {
 
-/// `length` floats, over and over.
+/// Fills a vector by repeating `length` floats.
 template <int count, int length> inline Lanes<count> filledWith(const float* from)
 {
     if constexpr (length == 1) {
         return allLanes<count>(*from);
     } else if constexpr (length == 2) {
-        double pair = 0; // to be moved only
+        double pair = 0; // only moved
         std::memcpy(&pair, from, sizeof pair);
         WideLanes<count / 2> pairs;
         for (int i = 0; i < count / 2; ++i)
@@ -42,12 +42,12 @@ template <int count, int times> inline Lanes<count> repeated(const float* from)
     (std::make_integer_sequence<int, count>());
 }
 
-/// The samples before and around a run of positions, one vector each.
+/// The four samples around each position of a run: one vector for each of the four.
 template <int width> struct Taps {
     Lanes<width> p0, p1, p2, p3;
 };
 
-/// `length` floats at each of width / length rows.
+/// Loads `length` floats from each of width / length rows.
 template <int width, int length> inline Lanes<width> loadRows(const std::byte* const* rows, ptrdiff_t offset)
 {
     if constexpr (width == length) {
@@ -58,10 +58,11 @@ template <int width, int length> inline Lanes<width> loadRows(const std::byte* c
     }
 }
 
-/// With two channels the four samples of both fill a row of eight, which is loaded at once.
+/// With two channels, the four samples of both fill eight lanes, which are loaded at once.
 template <int width> inline Taps<width> loadPairedTaps(const std::byte* const* rows)
 {
-    // Even and odd rows of the first half, then of the second: transposed, they come out in frame order.
+    // Even and odd rows of the first half, then of the second, so that transposing returns them in frame
+    // order.
     constexpr int half = width / 4, each = half / 2;
     const std::byte* sorted[2 * half];
     for (int frame = 0; frame < 2 * half; ++frame)
@@ -92,8 +93,8 @@ inline Taps<width> loadTaps(const std::byte* const* rows, ptrdiff_t rowBytes)
         return {shuffledInFours<width, 0, 1, 4, 5>(a, b), shuffledInFours<width, 2, 3, 6, 7>(a, b),
                 shuffledInFours<width, 0, 1, 4, 5>(c, d), shuffledInFours<width, 2, 3, 6, 7>(c, d)};
     } else {
-        // Four samples of each frame, transposed within the fours. Sorting the frames into four heaps first
-        // makes the result come out in frame order.
+        // Transposes four samples of each frame within groups of four. The frames are first sorted into four
+        // groups, so that the result is in frame order.
         constexpr int each = frames / 4;
         const std::byte* sorted[frames];
         for (int frame = 0; frame < frames; ++frame)
@@ -111,7 +112,7 @@ inline Taps<width> loadTaps(const std::byte* const* rows, ptrdiff_t rowBytes)
     }
 }
 
-/// The order of operations is part of the contract: it decides the last bit.
+/// Do not change the order of operations: it determines the last bit of the result.
 template <int width>
 inline Lanes<width> interpolated(const Taps<width>& p, Lanes<width> t1, Lanes<width> t2, Lanes<width> t3)
 {
@@ -122,8 +123,9 @@ inline Lanes<width> interpolated(const Taps<width>& p, Lanes<width> t1, Lanes<wi
     return p.p1 + t1 * d1 + t2 * d2 + t3 * d3;
 }
 
-/// The low-pass over runs of width / channels frames. What a frame takes from the inputs is computed for a
-/// whole run at once, so that only what it takes from the outputs before it is left to the chain.
+/// Applies the low-pass to runs of width / channels frames. The terms that depend on the filter's inputs are
+/// computed for a whole run at once; only the terms that depend on earlier outputs are computed frame by
+/// frame.
 template <int width, int channels> class FilterLoop {
 public:
     static constexpr uint32_t frames = width / channels;
@@ -138,8 +140,9 @@ public:
           _y2(loadLowLanes<channels>(filter.y2)), _waiting(fed[0]), _next(fed[1])
     {}
 
-    /// Takes a run and writes the one before it, filtered: so far apart, the chain of one never waits for
-    /// what the next takes from its inputs, however few instructions the processor sees at once.
+    /// Takes a run and writes the filtered output of the previous run. This delay ensures that the
+    /// frame-by-frame part of one run never waits for the input terms of the next, even on processors that
+    /// look ahead only a few instructions.
     void run(Lanes<width> x, float* output)
     {
         storeLanes<width>(_next, _fromInputs(x));
@@ -151,8 +154,8 @@ public:
         _last = x;
     }
 
-    /// Filters the first `count` frames of a run and writes them to `output`, and what is still to be
-    /// written.
+    /// Finishes the previous run, then filters the first `count` frames of this one and writes them to
+    /// `output`.
     void run(Lanes<width> x, float* output, uint32_t count)
     {
         finish();
@@ -182,13 +185,13 @@ private:
 
     Lanes<width> _fromInputs(Lanes<width> x) const { return _b0 * (x + _before<2>(x)) + _b1 * _before<1>(x); }
 
-    /// What comes from the inputs is read from memory, where the processor hands it on at no cost and frames
-    /// need no shuffling.
+    /// The input terms are read from memory, because the processor forwards recent stores at no cost and the
+    /// frames then need no shuffling.
     void _filter(const float* fed, float* output, uint32_t count)
     {
         Vector y1 = _y1, y2 = _y2;
         for (uint32_t frame = 0; frame < count; ++frame, fed += channels, output += channels) {
-            // Only the last product waits for the frame before.
+            // Only the last product depends on the previous frame.
             const Vector y = loadLowLanes<channels>(fed) - _a2 * y2 - _a1 * y1;
             y2 = y1;
             y1 = y;
@@ -198,7 +201,7 @@ private:
         _y2 = y2;
     }
 
-    /// The run as it was `count` frames ago.
+    /// The run delayed by `count` frames.
     template <int count> Lanes<width> _before(Lanes<width> x) const
     {
         if constexpr (count * channels > width)
@@ -224,12 +227,12 @@ private:
     Lanes<width> _beforeLast, _last;
     const Vector _a1, _a2;
     Vector _y1, _y2;
-    float* _output = nullptr; // where the run goes that is still to be written
-    float* _waiting;          // what it takes from its inputs
-    float* _next;             // where what the next run takes goes
+    float* _output = nullptr; // output of the run not yet written; null if none
+    float* _waiting;          // that run's input terms
+    float* _next;             // memory for the next run's input terms
 };
 
-/// What takes the place of a filter where there is none.
+/// Replaces FilterLoop if there is no filter.
 template <int width, int channels> struct NoFilter {
     void run(Lanes<width> x, float* output) { storeLanes<width>(output, x); }
     void run(Lanes<width> x, float* output, uint32_t count)
@@ -238,7 +241,7 @@ template <int width, int channels> struct NoFilter {
     }
 };
 
-/// Stores the indexes of the positions of the frames with these numbers; gives their fractions.
+/// Stores the indexes of the positions of the given frames. Returns the fractions of the positions.
 template <int count>
 inline Lanes<count> placed(const WideLanes<count>& numbers, double start, double ratio, uint32_t* index)
 {
@@ -249,10 +252,10 @@ inline Lanes<count> placed(const WideLanes<count>& numbers, double start, double
     return differences<count>(position, notNegative);
 }
 
-/// Finds the next step of positions, `width` at a time.
+/// Computes the next `step` positions, `width` at a time.
 template <int width> inline void findMore(SamplerPositions& positions)
 {
-    // Everything in locals: what is stored might, for all the compiler knows, change the record.
+    // Uses local copies, because the compiler must assume that the stores change the record.
     constexpr int part = width < 8 ? width : width / 2;
     const double start = positions.start, ratio = positions.ratio;
     const uint32_t begin = positions.found, end = begin + SamplerPositions::step;
@@ -275,7 +278,7 @@ template <int width> inline void findMore(SamplerPositions& positions)
     positions.found = end;
 }
 
-/// The same for positions past 31 bits, which only absurd lengths and ratios have.
+/// The same for positions that exceed 31 bits, which occur only with extreme lengths and ratios.
 [[gnu::noinline]] inline void findMoreFarAway(SamplerPositions& positions)
 {
     for (uint32_t i = positions.found; i < positions.found + SamplerPositions::step; ++i) {
@@ -301,7 +304,8 @@ template <int width> inline void findUpTo(SamplerPositions& positions, uint32_t 
     }
 }
 
-/// How far positions are found before the run that ends at `end`: a step ahead, so that none is waited for.
+/// Returns up to where positions are computed before the run that ends at `end`: one step ahead, so that runs
+/// do not wait for them.
 inline uint32_t ahead(uint32_t end)
 {
     const uint32_t far = end + SamplerPositions::step;
@@ -339,7 +343,7 @@ public:
 private:
     ptrdiff_t _rowBytes() const
     {
-        // Known with few channels, so that the addresses fold into the loads.
+        // A constant for one and two channels, so that the addresses become part of the load instructions.
         return channels < 4 ? static_cast<ptrdiff_t>(channels * sizeof(float)) : _window.rowBytes;
     }
 
@@ -360,8 +364,8 @@ private:
         return _interpolated(rows, first);
     }
 
-    /// A run that reaches into the head or has only `available` frames; the others then repeat the last of
-    /// those, to fill the vector.
+    /// A run that uses the head or has only `available` frames. In the second case the last of them is
+    /// repeated to fill the vector.
     __attribute__((noinline)) Lanes<width> _runAtAnEnd(uint32_t first, uint32_t available)
     {
         findUpTo<width>(_positions, first + frames);
@@ -392,7 +396,7 @@ void interpolate(const SamplerWindow& window, SamplerPositions& positions, uint3
     }
 }
 
-/// Every entry of SamplerKernels::interpolate that vectors of `width` floats allow.
+/// Sets all entries of SamplerKernels::interpolate that vectors of `width` floats support.
 template <int width> constexpr SamplerKernels samplerKernels()
 {
     SamplerKernels kernels{};

@@ -7,9 +7,9 @@
 #include <immintrin.h>
 #endif
 
-// The fewest instructions that a vector of 16 samples can take, over memory aligned to a vector and whole
-// vectors only: a limit, not a peer. Conversion to 16 bits here leaves out what the rule says of NaN and of
-// samples past 65536.
+// Loops with the fewest instructions possible for a vector of 16 samples, for memory aligned to a vector and
+// whole vectors only: a lower limit, not a peer. The conversion to 16 bits does not handle NaN and samples
+// above 65536 as required.
 
 #ifdef __x86_64__
 #define BARE_LOOP [[gnu::noinline, gnu::target("avx512f,avx512bw,avx512dq,avx512vl")]]

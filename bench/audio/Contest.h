@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-/// Candidates for the same work, timed in turn many times over, so that a disturbance of the machine meets all
-/// of them; the medians are compared.
+/// Times several candidates for the same work. They run in turn many times, so that a disturbance of the
+/// machine affects all of them, and the medians are compared.
 class Contest {
 public:
-    /// `work` does a piece of work and returns how many units it did.
+    /// `work` performs some units of work and returns their number.
     void add(const std::string& name, std::function<uint64_t()> work);
     /// Nanoseconds per unit of each candidate, in the order they were added.
     std::vector<double> run() const;
@@ -27,7 +27,8 @@ public:
     /// The figures of one case for all candidates, whose names must be the same in every case.
     void addColumn(const std::string& head, const std::vector<std::string>& names,
                    const std::vector<double>& figures);
-    /// Prints the table; every figure with its ratio to that of `reference`, unless that is empty.
+    /// Prints the table. Unless `reference` is empty, each figure is followed by its ratio to that of
+    /// `reference`.
     void print(const std::string& reference, int digits = 2) const;
 
 private:

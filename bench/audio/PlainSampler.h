@@ -6,11 +6,11 @@
 #include <numbers>
 #include <vector>
 
-/// The sampler's rules as one would first write them: channel by channel, sample by sample.
+/// A straightforward implementation of the sampler: channel by channel, sample by sample.
 class PlainSampler {
 public:
-    /// Whether a block's first frames are interpolated by the published exception or, as a peer would, as if
-    /// there were no block's start: shows what of the noise is the exception's.
+    /// How the first frames of a block are interpolated: by the sampler's exception, or as if blocks did not
+    /// exist, as a peer would. The difference shows how much noise the exception causes.
     enum class Seam { Published, None };
 
     explicit PlainSampler(uint32_t channels, Seam seam = Seam::Published) : _channels(channels), _seam(seam)

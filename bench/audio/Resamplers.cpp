@@ -18,7 +18,7 @@ extern "C" {
 
 namespace {
 
-constexpr uint32_t roomFrames = 1 << 16; // more than any block comes to
+constexpr uint32_t roomFrames = 1 << 16; // more than the output of any block
 
 class Ours final : public Resampler {
 public:
@@ -76,9 +76,9 @@ private:
     const double _rateIn, _rateOut;
 };
 
-/// Nothing but the low-pass's feedback, over as many frames as the rates ask for and up to four channels at
-/// once: each frame waits for a product and a difference of the frame before, so no
-/// sampler with that filter takes less.
+/// Computes only the low-pass's feedback, over as many frames as the rates require, for up to four channels
+/// at once. Each frame waits for a multiplication and a subtraction of the previous frame, so no sampler with
+/// this filter is faster.
 class Feedback final : public Resampler {
 public:
     Feedback(uint32_t rateIn, uint32_t rateOut, uint32_t channels)

@@ -10,8 +10,8 @@
 struct ResamplerKind {
     std::string name;
     std::function<std::unique_ptr<Resampler>(uint32_t rateIn, uint32_t rateOut, uint32_t channels)> make;
-    bool converts = true; ///< or only takes the time of a part of it
+    bool converts = true; ///< false if it only times a part of the conversion
 };
 
-/// Ours first, then the plain forms of the same rules and the least that their filter takes, then the peers.
+/// Our converters first, then the plain implementations and the lower limit of their filter, then the peers.
 const std::vector<ResamplerKind>& resamplerKinds();

@@ -4,10 +4,10 @@
 
 #include <samplerate.h>
 
-/// libsamplerate's.
+/// The resampler of libsamplerate.
 class SamplerateResampler final : public Resampler {
 public:
-    /// `outputPerInput` frames for one; `type` is one of SRC_….
+    /// `outputPerInput` is the number of output frames per input frame; `type` is one of the SRC_… constants.
     SamplerateResampler(double outputPerInput, uint32_t channels, int type);
     ~SamplerateResampler() override;
     uint32_t convert(const float* input, uint32_t frames, float* output) override;

@@ -4,10 +4,11 @@
 #include <cmath>
 #include <vector>
 
-/// Decibels of what is the tone, in any loudness and phase, over all the rest.
+/// Returns the signal-to-noise ratio in dB: the power of the best-fitting tone, at any level and phase, over
+/// the power of the rest.
 inline double signalToNoise(const std::vector<float>& samples, double radiansPerFrame)
 {
-    // Least squares over sine and cosine.
+    // A least-squares fit of a sine and a cosine.
     double ss = 0, cc = 0, sc = 0, sx = 0, cx = 0, xx = 0;
     for (size_t i = 0; i < samples.size(); ++i) {
         const double s = std::sin(radiansPerFrame * static_cast<double>(i)),
@@ -21,7 +22,8 @@ inline double signalToNoise(const std::vector<float>& samples, double radiansPer
     return 10 * std::log10(signal / std::max(xx - signal, 1e-30));
 }
 
-/// The same at the best frequency near `radiansPerFrame`: some peers round the ratio they are given.
+/// The same at the best frequency near `radiansPerFrame`, because some peers round the ratio that they are
+/// given.
 inline double signalToNoiseNearby(const std::vector<float>& samples, double radiansPerFrame)
 {
     double low = radiansPerFrame * (1 - 1e-6), high = radiansPerFrame * (1 + 1e-6);

@@ -1,6 +1,6 @@
-// What does a sample cost to copy, mix and convert, in the nearest cache and out of every cache, beside
-// libswresample, the plain loop over the rule for one sample, memcpy of as many bytes, and the fewest instructions
-// that a vector can take?
+// What does it cost to copy, mix and convert a sample, in the first-level cache and in memory? Compared with
+// libswresample, a plain loop over a function for one sample, memcpy of the same number of bytes, and loops
+// with the fewest instructions possible.
 
 #include "BareLoops.h"
 #include "Contest.h"
@@ -47,7 +47,7 @@ int16_t mixedInt16(float x, int16_t v)
     return static_cast<int16_t>(sum > 32767 ? 32767 : sum < -32767 ? -32768 : sum);
 }
 
-/// Own and foreign memory for one block length.
+/// A buffer and other memory for one block length.
 struct Memory {
     explicit Memory(uint32_t frames)
         : count(size_t{frames} * channels), buffer(DXRBuffer::initWithSampleRate(48000, frames, channels)),
@@ -119,9 +119,9 @@ private:
 using Work = std::function<void()>;
 struct Operation {
     const char* name;
-    Work ours, plain, peer; // the peer may be none
+    Work ours, plain, peer; // `peer` may be empty
     size_t bytesPerSample;  // read and written
-    Work bare = {};         // may be none
+    Work bare = {};         // may be empty
 };
 
 std::vector<Operation> operations(Memory& m, const AlignedMemory& alignedMemory, uint32_t frames,

@@ -1,5 +1,5 @@
-// What does a conversion between host time and sample time cost, beside the one division it cannot do without and
-// beside double precision; and how often is double precision wrong?
+// What does a conversion between host time and sample time cost, compared with the one division that it needs
+// and with double precision? And how often is the double-precision result wrong?
 
 #include "Contest.h"
 #include "auclock.h"
@@ -30,12 +30,12 @@ const std::unique_ptr<auclock, decltype(&auclock_destroy)> theClock(auclock_crea
            epoch;
 }
 
-/// What a conversion divides: 128 bits by 64.
+/// The dividend of a conversion: 128 bits, divided by 64.
 struct Division {
     uint64_t high, low;
 };
 
-// The peers know no more than a conversion does: divisors come at run time, and a call is a call.
+// The peers get the same conditions as a conversion: divisors known only at run time, and no inlining.
 [[gnu::noinline]] uint64_t bareQuotient(const Division& dividend, uint64_t divisor)
 {
 #ifdef __x86_64__
@@ -126,7 +126,7 @@ void printErrors()
         int wrongSamples = 0, wrongTicks = 0;
         for (int i = 0; i < 1'000'000; ++i) {
             const uint64_t sample = 44100 * age.seconds + random() % 44100'000;
-            // Deadlines fall on the first tick of a sample: the hardest to place.
+            // Uses the first tick of a sample, where deadlines are: the hardest case for rounding.
             const uint64_t tick = epoch + (sample * 1'000'000'000 + 44099) / 44100;
             wrongSamples += doubleSampleTime(tick) != auclock_abstime_to_sampletime(theClock.get(), tick);
             wrongTicks += doubleAbstime(sample) != auclock_sampletime_to_abstime(theClock.get(), sample);

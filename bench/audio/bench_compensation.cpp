@@ -1,6 +1,6 @@
-// What does it cost to bring a stream from one clock to another that is 100 parts per million away, with a ratio
-// that may be steered at every block, beside the peers that can do it? And what does the sound lose: the
-// signal-to-noise ratio of tones, and how far up the sound stays as it was.
+// What does it cost to convert a stream between clocks that differ by 100 parts per million, with a ratio
+// that may change at every block, compared with the peers that support this? And what is the loss of quality:
+// the signal-to-noise ratio and the level of tones?
 
 #include "CompensatingResampler.h"
 #include "Contest.h"
@@ -28,7 +28,7 @@ constexpr double partsPerMillion = 100.0;
 constexpr double outputPerInput = 1.0 + partsPerMillion * 1e-6;
 constexpr uint32_t roomFrames = 1 << 14;
 
-/// With all that an aggregate does to the samples: into planar channels, and out again.
+/// Includes all that an aggregate does with the samples: copying into planar channels and back.
 class Ours final : public Resampler {
 public:
     explicit Ours(uint32_t channels) : _channels(channels), _samples(channels)
@@ -103,7 +103,7 @@ public:
         const soxr_quality_spec_t spec = soxr_quality_spec(quality, SOXR_VR);
         const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
         soxr_error_t error = nullptr;
-        _soxr = soxr_create(2.0, 1.0, channels, &error, &io, &spec, nullptr); // the highest ratio allowed
+        _soxr = soxr_create(2.0, 1.0, channels, &error, &io, &spec, nullptr); // the maximum ratio
         if (error)
             throw std::runtime_error(error);
         soxr_set_io_ratio(_soxr, 1.0 / outputPerInput, 0);

@@ -1,5 +1,5 @@
-// What does the converter add to a device cycle of 512 frames, two channels in and two out, for clients of other
-// frame counts and rates? A cycle at 48 kHz lasts 10.7 million nanoseconds / 1000.
+// What does the converter add to a device cycle of 512 frames, with two input and two output channels, for
+// clients with other frame counts and rates? A cycle at 48 kHz lasts 10.7 million nanoseconds.
 
 #include "Contest.h"
 #include "DXRAudioConverter.h"
@@ -8,7 +8,7 @@
 
 namespace {
 
-/// A client that does nothing but move its two channels, as any node must.
+/// A client that only copies its two channels, as every node must.
 class Mover final : public DXRConverterNode {
 public:
     static CXRef<DXRConverterNode> init(std::vector<float>& frames, bool isInput)

@@ -1,5 +1,5 @@
-// What does a frame of rate conversion cost, beside the best peers, in the block lengths of real devices? And
-// what quality does it buy: the signal-to-noise ratio of a tone, for each.
+// What does rate conversion cost per frame, compared with the best peers, at the block lengths of real
+// devices? And what is its quality: the signal-to-noise ratio of a tone?
 
 #include "Contest.h"
 #include "Resamplers.h"

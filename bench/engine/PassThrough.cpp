@@ -29,7 +29,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Waits, as a program at its start may.
+/// Waits until `condition` is true; throws after 10 seconds.
 void waitFor(const char* what, const std::function<bool()>& condition)
 {
     for (const auto deadline = std::chrono::steady_clock::now() + 10s; !condition();
@@ -39,7 +39,8 @@ void waitFor(const char* what, const std::function<bool()>& condition)
     }
 }
 
-/// Cycles of an audio thread, its CPU time and its wake-ups, which every candidate's callback looks at once a cycle.
+/// Counts an audio thread's cycles, CPU time and wake-ups. Every candidate's callback calls it once per
+/// cycle.
 class CycleMeter {
 public:
     void tick() noexcept
@@ -67,7 +68,7 @@ protected:
     CycleMeter meter;
 };
 
-/// A runner with a node for each end. Several devices make it an aggregate.
+/// A runner with one input node and one output node. If they are on different devices, it uses an aggregate.
 class EnginePassThrough final : public MeteredPassThrough {
 public:
     explicit EnginePassThrough(const Passage& passage) : _heard(passage.frameCount)
@@ -106,7 +107,7 @@ private:
     CXRef<DXRDeviceRunner> _runner;
 };
 
-/// The least there can be: one callback between two ports.
+/// The minimum: one callback that copies between two ports.
 class JackPassThrough final : public MeteredPassThrough {
 public:
     explicit JackPassThrough(const Passage& passage)
@@ -140,7 +141,7 @@ private:
     jack_port_t* _output = nullptr;
 };
 
-/// Channel 1 of interleaved stereo input to channel 2 of the output.
+/// Copies channel 1 of interleaved stereo input to channel 2 of the output.
 void passInterleaved(const void* input, void* output, size_t frameCount)
 {
     const auto* const heard = static_cast<const float*>(input);
@@ -151,7 +152,7 @@ void passInterleaved(const void* input, void* output, size_t frameCount)
     }
 }
 
-/// PortAudio looks for cards too, and ALSA says at length that there are none.
+/// PortAudio also looks for sound cards, and ALSA prints long messages if there are none.
 void ignoreMissingCard(const char* /*file*/, int /*line*/, const char* /*function*/, int /*error*/,
                        const char* /*format*/, ...)
 {}
@@ -208,7 +209,7 @@ public:
                 continue;
             RtAudio::StreamParameters ends{i, 2, 0};
             RtAudio::StreamOptions options;
-            options.flags = RTAUDIO_JACK_DONT_CONNECT; // by itself it connects without being heard
+            options.flags = RTAUDIO_JACK_DONT_CONNECT; // its own connections deliver no audio
             options.streamName = "rtaudio";
             unsigned frameCount = passage.frameCount;
             _audio.openStream(&ends, &ends, RTAUDIO_FLOAT32, static_cast<unsigned>(passage.rate), &frameCount,
@@ -236,7 +237,7 @@ private:
     RtAudio _audio{RtAudio::UNIX_JACK};
 };
 
-/// Gives a stream its port, as a session manager would. Returns the stream's node.
+/// Configures a stream's port, as a session manager would. Returns the stream's node.
 uint32_t configureStream(TestClient& client, const char* name, spa_direction direction, double rate)
 {
     uint8_t room[1024];
@@ -262,7 +263,7 @@ uint32_t configureStream(TestClient& client, const char* name, spa_direction dir
     return node;
 }
 
-/// PipeWire's own program for it, a process of its own.
+/// PipeWire's loopback program, in a separate process.
 class LoopbackPassThrough final : public PassThrough {
 public:
     explicit LoopbackPassThrough(const Passage& passage)
@@ -279,7 +280,7 @@ public:
     }
     ~LoopbackPassThrough() override { endPrivateProcess(_process, SIGTERM); }
 
-    /// By the scheduler's account of all its threads.
+    /// From the scheduler's statistics of all threads of the process.
     Usage usage() const override
     {
         uint64_t all = 0;
@@ -310,7 +311,7 @@ private:
 
 template <class Candidate> std::unique_ptr<PassThrough> make(const Passage& passage)
 {
-    // For those that go to the server that is named in the environment.
+    // Some candidates connect to the server named in the environment.
     setenv("PIPEWIRE_REMOTE", passage.server.remote().c_str(), 1);
     return std::make_unique<Candidate>(passage);
 }

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-/// What passes frames from one device to another, or to the same, on a private server: channel 1 of the input to
-/// channel 2 of the output. It runs as long as it lives.
+/// A candidate that copies channel 1 of an input device to channel 2 of an output device, or of the same
+/// device, on a private server. It runs until it is destroyed.
 class PassThrough {
 public:
     PassThrough() = default;
@@ -20,19 +20,19 @@ public:
 
     struct Usage {
         uint64_t cycles;
-        uint64_t nanoseconds; ///< of CPU time on the audio thread
-        uint64_t wakeUps;     ///< of the audio thread: how often it waited
+        uint64_t nanoseconds; ///< CPU time of the audio thread
+        uint64_t wakeUps;     ///< how often the audio thread waited
     };
-    /// Since it started.
+    /// The totals since it started.
     virtual Usage usage() const = 0;
 };
 
-/// Where frames pass, and how.
+/// The devices, and the cycles on them.
 struct Passage {
     PrivateServer& server;
     TestClient& client;
     std::string source, sink; ///< node names; the same for one device
-    uint32_t frameCount;      ///< of a cycle
+    uint32_t frameCount;      ///< per cycle
     double rate;              ///< Hz
 };
 

@@ -1,7 +1,8 @@
-// How late is what passes from a device to a device, and what does it cost the audio thread, beside a bare JACK client,
-// pw-loopback, PortAudio and RtAudio on the same private server? Outputs of the engine are a buffer late by design. The
-// CPU time of a cycle is all of the audio thread's, waking up and PipeWire's own work included, which every client has;
-// of pw-loopback it is the process's. Median of a second and a half each.
+// What is the latency from device to device, and what does it cost the audio thread, compared with a bare
+// JACK client, pw-loopback, PortAudio and RtAudio on the same private server? The engine's outputs are one
+// buffer late by design. The CPU time per cycle is that of the whole audio thread, including wake-ups and
+// PipeWire's work, which every client has; for pw-loopback it is that of the process. Each figure is a median
+// over one and a half seconds.
 
 #include "Contest.h"
 #include "LatencyProbe.h"
@@ -18,13 +19,14 @@ namespace {
 constexpr double rate = 48000;
 constexpr double seconds = 1.5;
 
-/// How late, in frames: the median and what 95 of 100 cycles keep to; microseconds of CPU time and wake-ups a cycle.
+/// Returns the latency in frames (the median and the 95th percentile), the microseconds of CPU time per
+/// cycle, and the wake-ups per cycle.
 std::vector<double> measure(const PassThroughMaker& maker, const Passage& passage, LatencyProbe& probe)
 {
     std::vector<double> figures(4, std::nan(""));
     try {
         const std::unique_ptr<PassThrough> candidate = maker.make(passage);
-        std::this_thread::sleep_for(std::chrono::seconds(1)); // by then every loop has found its pace
+        std::this_thread::sleep_for(std::chrono::seconds(1)); // every control loop has settled by then
         const PassThrough::Usage before = candidate->usage();
         const auto latencies = probe.measure(static_cast<size_t>(seconds * rate / passage.frameCount));
         const PassThrough::Usage after = candidate->usage();

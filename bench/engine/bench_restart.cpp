@@ -1,6 +1,7 @@
-// How long is nothing heard when a device goes and comes back? Two devices as one, of which one is unplugged and plugged
-// in again, twelve times each, on simulated hardware and on a private PipeWire server. Everything on the way counts: the
-// hardware's news, the manager's update, the new aggregate, its first cycle.
+// How long is the interruption when a device is unplugged and plugged in again? Two devices are combined, and
+// each is unplugged and plugged in again twelve times, on simulated hardware and on a private PipeWire
+// server. The times include everything: the hardware's notification, the manager's update, the new aggregate,
+// its first cycle.
 
 #include "Comparison.h"
 #include "DXRDeviceManager.h"
@@ -21,10 +22,10 @@ using namespace std::chrono_literals;
 
 constexpr uint32_t frames = 128;
 constexpr double rate = 48000;
-constexpr std::array names{"first", "second"}; // the first gives the clock
+constexpr std::array names{"first", "second"}; // the first is the clock device
 constexpr int trials = 12;
 
-/// A computer whose devices can be plugged, each of which hears what it plays.
+/// A computer whose devices can be plugged in and unplugged. Each device loops its output back to its input.
 class Computer {
 public:
     Computer() = default;
@@ -59,7 +60,7 @@ private:
     TestClient _devices{_server.remote()};
 };
 
-/// What the blocks see: the gaps between cycles, when sound comes, how the sample time goes.
+/// Records what the blocks observe: gaps between cycles, when sound arrives, changes of the sample time.
 struct Watch {
     std::atomic<uint64_t> lastCycle{0}, longestGap{0}, soundAt{0}; // ns
     std::atomic<uint64_t> stepsBack{0}, jumps{0};
@@ -80,7 +81,7 @@ struct Watch {
         if (!listens || buffer.samples()[0] == 0)
             return;
         soundAt = nowNanoseconds();
-        listens = false; // by which the other thread knows that it is said
+        listens = false; // tells the other thread that soundAt is set
     }
 };
 
@@ -156,12 +157,12 @@ void runOn(const char* title, Computer& computer)
     std::fflush(stdout);
 }
 
-/// A process has one audio hardware.
+/// Runs in a child process, because a process has only one hardware driver.
 template <class Kind> void inProcessOfItsOwn(const char* title)
 {
     if (fork() == 0) {
         {
-            Kind computer; // gone before the end, with its server
+            Kind computer; // destroyed before _exit(), with its server
             runOn(title, computer);
         }
         _exit(0);

@@ -5,8 +5,9 @@
 #include <cstdint>
 #include <mutex>
 
-/// Two-level segregated fit, the allocator that real-time systems use, in its plain form: good fit from two
-/// bit maps, split on allocation, merge with both neighbours on release. Under a mutex, for threads to share.
+/// A plain implementation of two-level segregated fit (TLSF), an allocator used in real-time systems: good
+/// fit with two levels of bit maps; allocation splits blocks, and release merges a block with both
+/// neighbours. A mutex makes it thread-safe.
 class TLSF {
 public:
     TLSF(void* memory, size_t size)
@@ -16,7 +17,7 @@ public:
         block->size = (size - 2 * headerSize) | freeBit;
         Block* const end = block->following();
         end->previous = block;
-        end->size = 0; // in use forever
+        end->size = 0; // never free
         _insert(block);
     }
 
@@ -71,9 +72,9 @@ private:
     static constexpr int firsts = 32;
 
     struct Block {
-        Block* previous; // in memory
-        size_t size;     // of the payload, and whether it is free
-        Block* nextFree; // in the payload
+        Block* previous; // the block before this one in memory
+        size_t size;     // payload size, and freeBit
+        Block* nextFree; // stored in the payload, as previousFree
         Block* previousFree;
 
         size_t length() const { return size & ~size_t{15}; }

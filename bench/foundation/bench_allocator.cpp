@@ -1,5 +1,5 @@
-// What does a block cost, alone, between threads, at worst and when there is none yet, beside the C library, mimalloc, jemalloc and
-// TLSF under a mutex, which is what real-time programs use?
+// What does a block cost: on one thread, between threads, in the worst case, and when no block is free?
+// Compared with the C library, mimalloc, jemalloc, and TLSF under a mutex, which real-time programs use.
 
 #include "Comparison.h"
 #include "TFA.h"
@@ -35,7 +35,7 @@ TLSF& tlsf()
     return *pool;
 }
 
-/// Adds a peer's functions from its own library, so that it does not take over the process's malloc.
+/// Loads a peer's functions from its library, so that it does not replace the process's malloc.
 void addPeer(std::vector<Allocator>& all, const char* name, const char* library, const char* allocate,
              const char* release)
 {
@@ -91,7 +91,7 @@ double bursts(const Allocator& allocator, size_t size)
     return static_cast<double>(nowNanoseconds() - start) / (count * length);
 }
 
-/// Per pair of one thread, while the other does the same.
+/// The time per pair on one thread while another thread does the same.
 double twoThreads(const Allocator& allocator, size_t size)
 {
     constexpr int count = 30'000;
@@ -110,7 +110,7 @@ double twoThreads(const Allocator& allocator, size_t size)
     return (results[0] + results[1]) / 2;
 }
 
-/// Per block that one thread allocates and the other frees, handed over `packet` at a time.
+/// The time per block that one thread allocates and another frees, passed on `packet` at a time.
 double acrossThreads(const Allocator& allocator, size_t size, uint64_t packet)
 {
     constexpr uint64_t count = 32'768;
@@ -154,7 +154,8 @@ double nanosecondsPerCycle()
     return static_cast<double>(nowNanoseconds() - start) / static_cast<double>(__rdtsc() - cycles);
 }
 
-/// Times counted by length, in little memory: a list of ten million would add its own cache misses to them.
+/// Counts times by length, in little memory: a list of ten million times would cause cache misses that affect
+/// the measurement.
 class Times {
 public:
     void add(uint64_t cycles)
@@ -224,7 +225,7 @@ void growth(size_t size, size_t count)
     }
 }
 
-/// Blocks that are always there, in turn: what the handing over costs by itself.
+/// Returns preallocated blocks in turn: shows what passing them between threads costs alone.
 Allocator noAllocator()
 {
     return {"none: hand-over alone",
@@ -236,8 +237,8 @@ Allocator noAllocator()
             [](void*) {}};
 }
 
-/// The same with an exchange at either end, on a word of the thread's own: what a list without any fighting takes
-/// when every item waits for the write of the one before.
+/// The same with an atomic operation at either end, on a word of the calling thread: the cost of a list
+/// without contention, where each item waits for the previous write.
 Allocator oneExchange()
 {
     static const auto exchange = [] {
@@ -274,8 +275,8 @@ void compare(const std::string& question, const std::function<double(const Alloc
 
 int main(int, char** arguments)
 {
-    // jemalloc wants more thread-local memory than a library loaded late is given, unless asked for at the
-    // start.
+    // jemalloc needs more thread-local memory than a library loaded at run time gets, unless it is reserved
+    // at the start of the process.
     if (!std::getenv("GLIBC_TUNABLES")) {
         setenv("GLIBC_TUNABLES", "glibc.rtld.optional_static_tls=16384", 1);
         execv("/proc/self/exe", arguments);

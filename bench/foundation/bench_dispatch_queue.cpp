@@ -1,5 +1,5 @@
-// What does the queue cost: per item, per round trip, per wake-up, per bypass, and how late are its timers,
-// beside other ways to hand work to a thread?
+// What does the queue cost per item, per round trip, per wake-up and per bypass, and how late are its timers,
+// compared with other ways to pass work to a thread?
 
 #include "CXDispatchQueue.h"
 #include "CXDispatchTimer.h"
@@ -22,7 +22,7 @@ namespace {
 
 using Work = CXBlock<void()>;
 
-/// Somewhere to send work, served by one thread of its own.
+/// A queue served by its own thread.
 class Server {
 public:
     virtual ~Server() = default;
@@ -171,7 +171,7 @@ private:
     std::thread _thread;
 };
 
-/// libuv has a wake-up but no queue: the usual deque under a mutex beside it.
+/// libuv provides wake-ups but no queue, so this adds the usual deque under a mutex.
 class UvQueue final : public Server {
 public:
     UvQueue()
@@ -227,13 +227,14 @@ Servers servers()
             {"mutex", [] { return std::make_unique<MutexQueue>(); }}};
 }
 
-/// Millions of items a second, from the first push until the last has run.
+/// Millions of items per second, from the first push until the last item has run.
 double itemsPerSecond(Server& server, int producerCount)
 {
     constexpr int count = 20'000;
     std::binary_semaphore done(0);
     int ran = 0;
-    // Clients rarely send the same block again and again: its count would be what the threads fight for.
+    // Uses many blocks, because clients rarely send the same block repeatedly; the threads would contend for
+    // its reference count.
     std::vector<Work> blocks;
     for (int i = 0; i < 256; ++i)
         blocks.emplace_back([&] {
@@ -271,7 +272,7 @@ double sleepingRoundTrip(Server& server)
     return static_cast<double>(nowNanoseconds() - start);
 }
 
-/// The time from a call until its reply, p50 or p99 of a hundred, in nanoseconds.
+/// The time from a call until its reply in nanoseconds: a percentile of a hundred calls.
 double roundTrip(Server& server, double part)
 {
     std::vector<uint64_t> times;
@@ -284,7 +285,7 @@ double roundTrip(Server& server, double part)
     return static_cast<double>(percentile(times, part));
 }
 
-/// The time from a push onto a sleeping queue until the work runs.
+/// The time from a push onto a sleeping queue until the work runs, in nanoseconds.
 double wakeUp(Server& server)
 {
     waitUntilTheServerSleeps();
@@ -300,7 +301,8 @@ double wakeUp(Server& server)
     return static_cast<double>(ran - start);
 }
 
-/// Two threads that do nothing but wake each other: what the kernel charges. Sleeps between, as above.
+/// Two threads that only wake each other: the kernel's share of the cost. They sleep between measurements, as
+/// above.
 class PingPong final : public Server {
 public:
     PingPong() : _thread([this] { _serve(); }) {}
@@ -355,7 +357,7 @@ void compare(const std::string& question, const std::string& unit, Comparison::B
 {
     Comparison comparison(question, unit, better);
     std::vector<std::shared_ptr<Server>> running;
-    stayOnProcessor(1); // the servers; where the scheduler puts two threads decides more than what they do
+    stayOnProcessor(1); // the servers' processor; the scheduler's choice would matter more than the queues
     for (const auto& [name, make] : candidates) {
         running.emplace_back(make());
         comparison.add(name, [server = running.back(), measure] { return measure(*server); });
@@ -389,7 +391,7 @@ void compareBypass()
     comparison.run(41);
 }
 
-/// How late a repeating 1 ms timer is: each candidate records its own fires for a while.
+/// How late a repeating 1 ms timer fires: each candidate records 400 fires.
 void compareTimers()
 {
     constexpr uint64_t period = 1'000'000;
@@ -457,7 +459,7 @@ void compareTimers()
                 auto& s = *static_cast<State*>(self->data);
                 const uint64_t now = nowNanoseconds();
                 s.lateness.push_back(now > s.due ? now - s.due : 0);
-                s.due = now + period; // libuv counts from its own millisecond clock
+                s.due = now + period; // libuv uses its own millisecond clock
                 if (s.lateness.size() == fires)
                     uv_timer_stop(self);
             },
@@ -510,7 +512,7 @@ int main()
             [](Server& server) { return roundTrip(server, 0.5); });
     compare("round trip, one after the other, p99", "ns", Lower, withPingPong,
             [](Server& server) { return roundTrip(server, 0.99); });
-    // Once each in turn: how deeply a processor sleeps changes from moment to moment.
+    // One measurement of each candidate per round, because the depth of a processor's sleep varies over time.
     compare("round trip to a sleeping queue, p50", "ns", Lower, withPingPong, sleepingRoundTrip, 1500);
     compare("wake-up of a sleeping queue, p50", "ns", Lower, withPingPong, wakeUp, 1500);
     compareTimers();

@@ -1,5 +1,5 @@
-// How many reads a second does a reference take while a writer replaces its object every 100 microseconds,
-// beside what else hands out a counted object to many threads?
+// How many reads per second does a reference support while a writer replaces its object every 100
+// microseconds, compared with other ways to share a counted object between threads?
 
 #include "CXLockFreeReference.h"
 #include "Comparison.h"
@@ -53,7 +53,7 @@ struct MutexAndPointer {
     }
 };
 
-/// Read-copy-update, with the object retained, so that a reader may keep it.
+/// Read-copy-update; the reader retains the object so that it may keep it.
 struct Urcu {
     std::atomic<Payload*> object{Payload::init().leak()};
     ~Urcu() { object.load()->release(); }
@@ -72,7 +72,7 @@ struct Urcu {
     }
 };
 
-/// The least that a counted reader and a retained object take: four exchanges on two cache lines.
+/// The minimum for a counted reader and a retained object: four atomic operations on two cache lines.
 struct FourExchanges {
     alignas(64) mutable std::atomic<uint64_t> word{0};
     alignas(64) mutable std::atomic<uint64_t> count{1};
@@ -87,7 +87,7 @@ struct FourExchanges {
     void write() const {}
 };
 
-/// Millions of reads a second, of all readers together.
+/// Millions of reads per second, of all readers together.
 template <class Reference> double readsPerSecond(int readerCount)
 {
     constexpr auto length = std::chrono::milliseconds(20);

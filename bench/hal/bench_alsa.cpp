@@ -1,5 +1,6 @@
-// What does a cycle of the ALSA driver cost the IO thread, beside the shortest loop over alsa-lib that does the same: wait, take
-// the input as floats, copy it, give it back? Both on faked cards, whose part in it is equal.
+// What does a cycle of the ALSA driver cost the IO thread, compared with the shortest loop over alsa-lib that
+// does the same: wait, read the input as floats, copy it, write it? Both use faked cards, which cost the same
+// for both.
 #include "AlsaDriver.h"
 #include "FakedCards.h"
 #include "HALModel.h"
@@ -30,7 +31,7 @@ double threadNanoseconds()
     return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
 }
 
-/// The cycles of one thread: the time it has used from the first to the last.
+/// Measures a thread's CPU time per cycle, from its first cycle to its last.
 struct Cost {
     void note()
     {
@@ -67,7 +68,7 @@ snd_pcm_t* open(int card, snd_pcm_stream_t stream, snd_pcm_uframes_t frames)
     return pcm;
 }
 
-/// Moves frames between the ring and `samples`, converting as a plain loop does.
+/// Moves frames between the ring buffer and `samples`, converting with a plain loop.
 void move(snd_pcm_t* pcm, float* samples, snd_pcm_uframes_t frames, bool isInput)
 {
     while (frames > 0) {
@@ -125,7 +126,7 @@ double driver(HALModel& hal, AudioObjectID device, uint32_t frames)
     const AudioObjectPropertyAddress size{kAudioDevicePropertyBufferFrameSize,
                                           kAudioObjectPropertyScopeGlobal, 0};
     hal.writeProperty(device, size, {}, std::as_bytes(std::span(&frames, 1)));
-    Cost cost; // the IO thread's
+    Cost cost; // accessed by the IO thread
     std::atomic<bool> isDone{false};
     const auto wanted = static_cast<int>(seconds * rate / frames);
     AudioDeviceIOProcID proc = nullptr;
@@ -178,7 +179,7 @@ int main()
     for (const uint32_t frames : {64U, 256U, 1024U}) {
         std::vector<double> bare, ours, ratios;
         for (int round = 0; round < rounds; ++round) {
-            // As the driver's thread is.
+            // With real-time scheduling, like the driver's thread.
             dxr::Thread("bare", [&] {
                 dxr::makeCurrentThreadRealtime();
                 bare.push_back(bareLoop(bareCard, frames));

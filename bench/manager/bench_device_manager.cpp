@@ -1,8 +1,9 @@
-// How does the cost of keeping the device list grow with the devices, and with those that are gone? A user notices the
-// first listing as a program's start, and an event as the moment between the plug and the menu.
+// How does the cost of maintaining the device list grow with the number of connected devices and of archived
+// ones? Users notice the first listing when a program starts, and events as the delay between plugging a
+// device in and seeing it in a menu.
 //
-// Beside ours in every row: what the bare questions to the hardware cost that any follower of the list must ask each
-// time (UID, channels, bus), without an object, a name or a reference made of them.
+// Each row also shows the cost of the queries alone that any observer of the list must send to the hardware
+// each time (UID, channels, bus), without creating objects, names or references.
 
 #include "Comparison.h"
 #include "DXRDeviceManager.h"
@@ -66,7 +67,7 @@ void askEveryDevice()
     kept = values;
 }
 
-/// Remembers `count` devices that are not here.
+/// Archives `count` devices that are not connected.
 void archiveDevices(DXRDeviceManager& manager, int count)
 {
     for (int i = 0; i < count; ++i) {
@@ -76,7 +77,8 @@ void archiveDevices(DXRDeviceManager& manager, int count)
     }
 }
 
-/// One row of the table, in a process of its own: there is one hardware and one manager in each.
+/// Measures one row of the table. Runs in a child process, because a process has only one hardware driver and
+/// one manager.
 void measure(int count, int archivedCount)
 {
     const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
@@ -117,7 +119,7 @@ void measure(int count, int archivedCount)
 
 } // namespace
 
-int main(int argumentCount, char** arguments) // device counts, instead of the usual ones
+int main(int argumentCount, char** arguments) // arguments: device counts that replace the default ones
 {
     std::vector<int> counts{10, 100, 1000, 5000};
     if (argumentCount > 1)

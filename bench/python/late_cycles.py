@@ -1,5 +1,6 @@
-"""How many cycles of 256 frames does an interpreter's callback miss? late_cycles.py SECONDS [--server]: on simulated hardware, or
-on the first output of the PipeWire server; beside sounddevice over PortAudio where that is installed. It asserts nothing."""
+"""How many cycles of 256 frames does a Python callback miss? Usage: late_cycles.py SECONDS [--server]. Runs on simulated
+hardware or, with --server, on the first output of the PipeWire server. Compares with sounddevice over PortAudio if that is
+installed. Asserts nothing."""
 
 import sys
 import time

@@ -18,14 +18,14 @@ inline uint64_t nowNanoseconds()
                                      .count());
 }
 
-/// The value below which `part` of the sorted samples lie.
+/// Returns the value below which the fraction `part` of the sorted samples lies.
 template <class T> T percentile(const std::vector<T>& sorted, double part)
 {
     return sorted.empty() ? T{} : sorted[static_cast<size_t>(part * static_cast<double>(sorted.size() - 1))];
 }
 
-/// One question asked of ourselves and of peers, in turn and several times over, so that what else the
-/// machine does hits all of them alike. Prints the medians, and ours against the best peer's.
+/// Measures our implementation and its peers in turn, several times, so that disturbances of the machine
+/// affect all of them. Prints the medians, and the ratio of ours to the best peer's.
 class Comparison {
 public:
     enum class Better { Lower, Higher };
@@ -39,7 +39,7 @@ public:
     {
         _candidates.push_back({std::move(name), std::move(measure), {}, _candidates.empty() ? Ours : Peer});
     }
-    /// What the machine charges for the least that any candidate must do; shown, but not a peer.
+    /// Adds a lower limit that no candidate can beat; it is printed but is not a peer.
     void addBare(std::string name, Measure measure)
     {
         _candidates.push_back({std::move(name), std::move(measure), {}, Bare});
@@ -78,8 +78,8 @@ private:
     std::vector<Candidate> _candidates;
 };
 
-/// Keeps the calling thread on one processor, so that two threads meant to run side by side do. Where there
-/// are too few processors it changes nothing.
+/// Keeps the calling thread on one processor, so that two threads that should run concurrently do. Has no
+/// effect if the machine has too few processors.
 inline void stayOnProcessor(unsigned processor)
 {
     cpu_set_t set;
@@ -88,8 +88,8 @@ inline void stayOnProcessor(unsigned processor)
     sched_setaffinity(0, sizeof set, &set);
 }
 
-/// A second thread for as long as it lives: with one alone the C library leaves its atomics out and flatters
-/// code that relies on them.
+/// Keeps a second thread running. In a process with a single thread, the C library omits atomic operations,
+/// which would favour candidates that rely on them.
 class IdleThread {
 public:
     IdleThread()

@@ -2,23 +2,23 @@
 
 #include "Lanes.h"
 
-// What has an instruction of its own on some processors, for the others.
+// Portable versions of the operations for which some processors have single instructions.
 
 namespace {
 
-/// x, where there are no instructions that fetch and compute at once.
+/// Returns x. On other processors this prevents repeated loads.
 template <int count> inline Lanes<count> loadedOnce(Lanes<count> x)
 {
     return x;
 }
 
-/// `limit` where x is above it; a NaN stays.
+/// The smaller of `limit` and x in each lane; NaN in x is kept.
 template <int count> inline Lanes<count> notAbove(Lanes<count> limit, Lanes<count> x)
 {
     return limit < x ? limit : x;
 }
 
-/// `limit` where x is below it; a NaN stays.
+/// The greater of `limit` and x in each lane; NaN in x is kept.
 template <int count> inline Lanes<count> notBelow(Lanes<count> limit, Lanes<count> x)
 {
     return limit > x ? limit : x;
@@ -44,7 +44,7 @@ template <int count> inline Lanes<2 * count> joined(Lanes<count> low, Lanes<coun
     (std::make_integer_sequence<int, 2 * count>());
 }
 
-/// As 16 bits, cut off at their ends.
+/// Converts to 16 bits with saturation.
 template <int count> inline Shorts<count> toShorts(Ints<count> v)
 {
     const Ints<count> highest = Ints<count>{} + 32767, lowest = Ints<count>{} - 32768;
@@ -52,20 +52,21 @@ template <int count> inline Shorts<count> toShorts(Ints<count> v)
     return __builtin_convertvector(v > lowest ? v : lowest, Shorts<count>);
 }
 
-/// The sums, cut off at the ends of 16 bits.
+/// Sums with saturation to 16 bits.
 template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
 {
     return toShorts<count>(toInts<count>(a) + toInts<count>(b));
 }
 
-/// x cut to whole numbers, which it may be below but not above; 0 where `from`, which x was made of, is NaN.
+/// Truncates x to whole numbers. x may be below their range but not above. Returns 0 where `from`, from which
+/// x was computed, is NaN.
 template <int count> inline Ints<count> cut(Lanes<count> x, Lanes<count> from)
 {
     const Lanes<count> low = notBelow<count>(allLanes<count>(-2147483648.0F), x);
     return __builtin_convertvector(from == from ? low : Lanes<count>{}, Ints<count>);
 }
 
-/// a and behind it b, cut off at the ends of 16 bits.
+/// Converts `a` followed by `b` to 16 bits with saturation.
 template <int count> inline Shorts<2 * count> packed(Ints<count> a, Ints<count> b)
 {
     const Shorts<count> low = toShorts<count>(a), high = toShorts<count>(b);

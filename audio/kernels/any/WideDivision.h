@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-/// The low 64 bits of high * 2^64 + low, divided by `divisor`, which is not 0. All unsigned.
+/// Returns the low 64 bits of (high * 2^64 + low) / `divisor`, all unsigned. `divisor` must not be 0.
 inline uint64_t wideQuotient(uint64_t high, uint64_t low, uint64_t divisor) noexcept
 {
     __extension__ using Wide = unsigned __int128;

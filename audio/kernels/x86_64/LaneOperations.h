@@ -4,24 +4,25 @@
 
 #include <immintrin.h>
 
-// What the compilers do not find by themselves: each is one instruction. Only for kernel sources; the widths
-// are those of the instruction set that is being compiled for.
+// Operations that compilers do not recognise; each is one instruction. Only for kernel sources; the supported
+// widths are those of the instruction set that the source is compiled for.
 
 namespace {
 
 #ifdef __AVX512F__
-// The masked forms compile to the plain instructions, whose own form gcc 12 takes for uninitialised.
+// The masked intrinsics compile to the plain instructions. gcc 12 reports the plain intrinsics as
+// uninitialised.
 inline constexpr __mmask16 everyLane = 0xFFFF;
 #endif
 
-/// x, which the compiler then does not fetch again for every use: that is slow across cache lines.
+/// Returns x, and prevents the compiler from loading it again for each use, which is slow across cache lines.
 template <int count> inline Lanes<count> loadedOnce(Lanes<count> x)
 {
     asm("" : "+x"(x));
     return x;
 }
 
-/// `limit` where x is above it; a NaN stays.
+/// The smaller of `limit` and x in each lane; NaN in x is kept.
 template <int count> inline Lanes<count> notAbove(Lanes<count> limit, Lanes<count> x)
 {
     if constexpr (count == 4)
@@ -36,7 +37,7 @@ template <int count> inline Lanes<count> notAbove(Lanes<count> limit, Lanes<coun
 #endif
 }
 
-/// `limit` where x is below it; a NaN stays.
+/// The greater of `limit` and x in each lane; NaN in x is kept.
 template <int count> inline Lanes<count> notBelow(Lanes<count> limit, Lanes<count> x)
 {
     if constexpr (count == 4)
@@ -73,7 +74,7 @@ template <int count> inline Lanes<count> differences(const WideLanes<count>& a, 
     return __builtin_convertvector(a - __builtin_convertvector(b, WideLanes<count>), Lanes<count>);
 }
 
-/// `low` and above it `high`.
+/// Concatenates `low` and `high`.
 template <int count>
 inline Lanes<2 * count> joined([[maybe_unused]] Lanes<count> low, [[maybe_unused]] Lanes<count> high)
 {
@@ -88,7 +89,7 @@ inline Lanes<2 * count> joined([[maybe_unused]] Lanes<count> low, [[maybe_unused
 #endif
 }
 
-/// The sums, cut off at the ends of 16 bits.
+/// Sums with saturation to 16 bits.
 template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<count> b)
 {
 #ifdef __AVX512BW__
@@ -106,7 +107,8 @@ template <int count> inline Shorts<count> saturatedSum(Shorts<count> a, Shorts<c
             _mm_adds_epi16(reinterpret_cast<__m128i>(a), reinterpret_cast<__m128i>(b)));
 }
 
-/// x cut to whole numbers, which it may be below but not above; 0 where `from`, which x was made of, is NaN.
+/// Truncates x to whole numbers. x may be below their range but not above. Returns 0 where `from`, from which
+/// x was computed, is NaN.
 template <int count> inline Ints<count> cut(Lanes<count> x, Lanes<count> from)
 {
 #ifdef __AVX512F__
@@ -122,10 +124,10 @@ template <int count> inline Ints<count> cut(Lanes<count> x, Lanes<count> from)
         return reinterpret_cast<Ints<count>>(_mm_cvttps_epi32(x)) & (from == from);
 }
 
-/// a and behind it b, cut off at the ends of 16 bits.
+/// Converts `a` followed by `b` to 16 bits with saturation.
 template <int count> inline Shorts<2 * count> packed(Ints<count> a, Ints<count> b)
 {
-    // The instruction packs pieces of a and b in turn.
+    // The instruction alternates parts of a and b.
 #ifdef __AVX512BW__
     if constexpr (count == 16) {
         const __m512i order = _mm512_set_epi64(7, 5, 3, 1, 6, 4, 2, 0);

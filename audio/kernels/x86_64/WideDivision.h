@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-/// The low 64 bits of high * 2^64 + low, divided by `divisor`, which is not 0. All unsigned.
+/// Returns the low 64 bits of (high * 2^64 + low) / `divisor`, all unsigned. `divisor` must not be 0.
 inline uint64_t wideQuotient(uint64_t high, uint64_t low, uint64_t divisor) noexcept
 {
-    // The instruction traps when the quotient needs more than 64 bits; the surplus does not reach the low
-    // bits.
+    // The instruction traps if the quotient needs more than 64 bits. Reducing `high` does not change the low
+    // 64 bits.
     if (high >= divisor)
         high %= divisor;
     uint64_t quotient = 0, remainder = 0;

@@ -13,7 +13,7 @@ constexpr uint32_t urgentLane = 0;
 constexpr uint32_t clientLane = 1;
 constexpr uint32_t plentyOfItems = 64;
 
-/// noexcept: work that throws ends the process here, where its stack can still be seen.
+/// noexcept: work that throws ends the process here, while its stack is still intact.
 void run(CXDispatchDrain::BorrowedWork block) noexcept
 {
     if (block)
@@ -22,18 +22,18 @@ void run(CXDispatchDrain::BorrowedWork block) noexcept
 
 } // namespace
 
-/// A piece of work on its way: a link, with what there is to know about the item in the bits that an address
-/// leaves free. So four asynchronous items fit into the cache line that has to go from thread to thread.
+/// A pending work item: a link to the next item, with flags in the low bits that an aligned address leaves
+/// free. So four asynchronous items fit into one of the cache lines that move between processors.
 struct alignas(8) CXDispatchDrain::Item {
     Item(uint32_t lane, RunBy runBy, bool isAsynchronous) noexcept
         : _word(lane | (isAsynchronous ? asynchronousBit : 0) |
                 (runBy == RunBy::QueueThread ? queueThreadBit : 0))
     {}
     uint32_t lane() const noexcept { return static_cast<uint32_t>(_word & laneBit); }
-    /// Which of the two below it is.
+    /// Whether this is an AsynchronousItem or a SynchronousItem.
     bool isAsynchronous() const noexcept { return (_word & asynchronousBit) != 0; }
     bool isForQueueThread() const noexcept { return (_word & queueThreadBit) != 0; }
-    /// On the stack: pushed before; in a lane: to run after.
+    /// On the stack: the item pushed before this one. In a lane: the item that runs after it.
     Item* next() const noexcept { return reinterpret_cast<Item*>(_word & ~flagBits); } // NOLINT: bits apart
     void setNext(Item* item) noexcept { _word = (_word & flagBits) | reinterpret_cast<uintptr_t>(item); }
 
@@ -45,7 +45,7 @@ private:
     uintptr_t _word;
 };
 
-/// From the fast allocator, freed after it has run.
+/// Allocated by the fast allocator; freed after it has run.
 struct CXDispatchDrain::AsynchronousItem : Item {
     AsynchronousItem(uint32_t itemLane, RunBy runBy, const Work& work) noexcept
         : Item(itemLane, runBy, true), block(work)
@@ -53,7 +53,7 @@ struct CXDispatchDrain::AsynchronousItem : Item {
     Work block;
 };
 
-/// On the stack of a thread that waits for it.
+/// Stored on the stack of the thread that waits for it.
 struct CXDispatchDrain::SynchronousItem : Item {
     SynchronousItem(uint32_t itemLane, RunBy runBy, BorrowedWork work) noexcept
         : Item(itemLane, runBy, false), block(work)
@@ -64,8 +64,8 @@ struct CXDispatchDrain::SynchronousItem : Item {
 
 void CXDispatchDrain::reserveItems()
 {
-    // Once for all queues: the first push from an IO thread must not be what asks the system for the first
-    // chunk. Where that fails, a push will say so.
+    // Once for all queues, so that the first push from an IO thread does not have to ask the system for
+    // memory. If reserving fails, async() reports the failure later.
     constexpr size_t itemsAtHand = 1000;
     [[maybe_unused]] static const bool hasItems = TFA_reserve(sizeof(AsynchronousItem), itemsAtHand);
 }
@@ -95,7 +95,7 @@ bool CXDispatchDrain::bypassIfIdle(Borrow borrow, BorrowedWork block)
     Item* idle = nullptr;
     if (!_head.compare_exchange_strong(idle, mark()))
         return false;
-    // As if an item had been pushed and taken at once, less two exchanges.
+    // Equivalent to pushing an item and taking it at once, without the two exchanges.
     _becomeOwner();
     run(block);
     borrow == Borrow::Once ? _stopEarly() : _runUntilIdle();
@@ -108,8 +108,8 @@ void CXDispatchDrain::bypass(Borrow borrow, BorrowedWork block)
         return;
     SynchronousItem item(urgentLane, RunBy::Anyone, block);
     if (_push(item)) {
-        // Idle after all. The item has to go through the lanes now, with what came after it; its reply is
-        // sent to a thread that need not wait.
+        // The queue became idle meanwhile. The item now runs through the lanes, with the items pushed after
+        // it. Its reply is sent before this thread waits for it.
         if (borrow == Borrow::UntilIdle) {
             _run();
         } else {
@@ -124,7 +124,8 @@ void CXDispatchDrain::bypass(Borrow borrow, BorrowedWork block)
 
 // --- The right to drain ---
 
-/// Leaves `item` on the stack. Whether the right to drain came with it: the queue was idle.
+/// Pushes `item` onto the stack. Returns true if the queue was idle: this thread then holds the right to
+/// drain.
 bool CXDispatchDrain::_push(Item& item) noexcept
 {
     const bool isUrgent = item.lane() == urgentLane;
@@ -135,20 +136,20 @@ bool CXDispatchDrain::_push(Item& item) noexcept
         backOff.wait();
         head = _head.load(std::memory_order_relaxed);
     }
-    // From here on the item may be gone.
+    // The item may be destroyed from here on.
     if (head != nullptr && isUrgent)
         _urgent.store(true, std::memory_order_release);
     return head == nullptr;
 }
 
-/// Sends the right to drain to the queue's thread, or uses it here when that thread has ended.
+/// Passes the right to drain to the queue's thread, or drains here if that thread has ended.
 void CXDispatchDrain::_wakeThread()
 {
     if (!_wakeUp.signal())
         _run();
 }
 
-/// On the queue's thread: takes the right to drain, or waits until the thread that has it sends it.
+/// On the queue's thread: acquires the right to drain, or waits until the thread that holds it passes it on.
 void CXDispatchDrain::_waitForRight() noexcept
 {
     Item* idle = nullptr;
@@ -173,7 +174,7 @@ void CXDispatchDrain::threadEnds()
 {
     _thread.store(0);
     if (_wakeUp.close())
-        _run(); // the right came after the last drain, before the set was closed
+        _run(); // the right was passed after the last drain, before the set was closed
 }
 
 void CXDispatchDrain::_becomeOwner()
@@ -183,14 +184,14 @@ void CXDispatchDrain::_becomeOwner()
     _owner.store(pthread_self(), std::memory_order_relaxed);
 }
 
-/// With the right: runs everything, in turn, and what arrives meanwhile.
+/// Called with the right: runs all pending work and the work that arrives meanwhile.
 void CXDispatchDrain::_run()
 {
     _becomeOwner();
     _runUntilIdle();
 }
 
-/// As the owner: the same.
+/// Called by the owner: does the same.
 void CXDispatchDrain::_runUntilIdle()
 {
     for (;;) {
@@ -207,8 +208,8 @@ void CXDispatchDrain::_runUntilIdle()
     }
 }
 
-/// As the owner: runs what lane 0 has and one item of lane 1. False when it met work for the queue's thread,
-/// which is another one.
+/// Called by the owner: runs all items in lane 0 and one item in lane 1. Returns false, without running it,
+/// if the next item is for the queue's thread and this is another thread.
 bool CXDispatchDrain::_runPass() noexcept
 {
     while (const Item* const item = _lanes[urgentLane].first) {
@@ -229,14 +230,15 @@ bool CXDispatchDrain::_isForAnotherThread(const Item& item) const noexcept
     return item.isForQueueThread() && !_isQueueThread() && thread() != 0;
 }
 
-/// As the owner: gives the right up, or over to the queue's thread if anything is left.
+/// Called by the owner: releases the right, or passes it to the queue's thread if items are left.
 void CXDispatchDrain::_stopEarly()
 {
     if (!_areLanesEmpty() || !_giveUpIfIdle())
         _handOver();
 }
 
-/// As the owner, with empty lanes: whether nothing had arrived, and the right is gone.
+/// Called by the owner, with empty lanes: releases the right or passes it to the queue's thread. Returns
+/// false, still holding the right, if items have arrived.
 bool CXDispatchDrain::_giveUpIfIdle()
 {
     if (_needsThread && !_isQueueThread()) {
@@ -260,7 +262,7 @@ bool CXDispatchDrain::_giveUpIfIdle()
     return true;
 }
 
-/// As the owner: sends the right to the queue's thread, with what is in the lanes and on the stack.
+/// Called by the owner: passes the right to the queue's thread, with the items in the lanes and on the stack.
 void CXDispatchDrain::_handOver()
 {
     _needsThread = false;
@@ -271,9 +273,8 @@ void CXDispatchDrain::_handOver()
 
 // --- Items ---
 
-/// Waits for a moment, a small part of a microsecond, when items come one close behind the other but fewer
-/// than would keep this thread busy. Taking each as it comes would fight the pushing threads for the head,
-/// and both would spend their time on that.
+/// Waits a fraction of a microsecond if items arrive at short intervals but too few to keep this thread busy.
+/// Taking each item as it arrives would contend with the pushing threads for the head and slow down both.
 void CXDispatchDrain::_letItemsGather() const noexcept
 {
     constexpr uint32_t pauses = 8;
@@ -283,10 +284,10 @@ void CXDispatchDrain::_letItemsGather() const noexcept
         dxr::BackOff::pause();
 }
 
-/// Moves everything on the stack to the lanes, in order of arrival.
+/// Moves all items on the stack to the lanes, in order of arrival.
 void CXDispatchDrain::_takeArrivals() noexcept
 {
-    // Before the exchange: what is raised after it stays raised.
+    // Before the exchange, so that a flag set after it stays set.
     _urgent.store(false, std::memory_order_relaxed);
     Item* newest = _head.exchange(mark());
     _arrivedTogether = 0;
@@ -294,7 +295,9 @@ void CXDispatchDrain::_takeArrivals() noexcept
         return;
     Lane arrivals[laneCount];
     while (newest !=
-           nullptr) { // one pass: most of the time goes into fetching the items from the other processor
+           // A single pass, because most of the time is spent on fetching the items from the other
+           // processor's cache.
+           nullptr) {
         Item* const item = newest;
         newest = item->next();
         ++_arrivedTogether;
@@ -308,7 +311,7 @@ void CXDispatchDrain::_takeArrivals() noexcept
         _append(arrivals[lane], lane);
 }
 
-/// Puts a chain of items behind what the lane has.
+/// Appends a chain of items to a lane.
 void CXDispatchDrain::_append(const Lane& chain, uint32_t index) noexcept
 {
     if (chain.first == nullptr)
@@ -321,7 +324,7 @@ void CXDispatchDrain::_append(const Lane& chain, uint32_t index) noexcept
     lane.last = chain.last;
 }
 
-/// Takes the first item of a lane that is not empty.
+/// Removes and returns the first item of a lane, which must not be empty.
 CXDispatchDrain::Item* CXDispatchDrain::_next(uint32_t index) noexcept
 {
     Lane& lane = _lanes[index];
@@ -332,7 +335,7 @@ CXDispatchDrain::Item* CXDispatchDrain::_next(uint32_t index) noexcept
     return item;
 }
 
-/// Runs an item, which is gone afterwards.
+/// Runs an item. The item is invalid afterwards.
 void CXDispatchDrain::_invoke(Item* item) noexcept
 {
     if (item->isAsynchronous()) {

@@ -8,11 +8,11 @@
 #include <cstdint>
 #include <pthread.h>
 
-/// The pending work of a dispatch queue, and the right to run it, which one thread at a time has: the queue's
-/// own, or one that borrows the queue. Lane 0 overtakes lane 1: before each item of lane 1 runs, everything
-/// of lane 0 that has arrived has run. Within a lane, order of arrival.
-/// Threads:   any, unless a function says otherwise. Work that throws ends the process.
-/// Real time: async(), with a block made beforehand and the item's memory reserved (reserveItems);
+/// The pending work of a dispatch queue, and the right to run it. One thread at a time holds the right: the
+/// queue's thread, or a thread that borrows the queue. Lane 0 overtakes lane 1: all arrived work of lane 0
+/// runs before each item of lane 1. Within a lane, items run in order of arrival.
+/// Threads:   any, unless a function states otherwise. Work that throws ends the process.
+/// Real time: async(), if the block exists already and memory for items is reserved (reserveItems());
 ///            bypassIfIdle(). sync() and bypass() wait.
 class CXDispatchDrain {
 public:
@@ -20,56 +20,57 @@ public:
     using BorrowedWork = CXBlockRef<void()>;
     static constexpr uint32_t laneCount = 2;
 
-    /// Who may run an item. Work that is for the queue's thread runs elsewhere once that thread has ended.
+    /// Which threads may run an item. Once the queue's thread has ended, other threads run its items too.
     enum class RunBy { Anyone, QueueThread };
-    /// How far a thread that borrows the queue goes on after its own work.
+    /// How much pending work a borrowing thread runs after its own block.
     enum class Borrow {
-        UntilIdle, ///< until nothing is left, but for the queue's thread's own work
-        Once       ///< through lane 0 and one item of lane 1; the queue's thread has the rest
+        UntilIdle, ///< until the queue is idle or only the queue's thread may run the next item
+        Once       ///< lane 0 and one item of lane 1; leaves the rest to the queue's thread
     };
 
-    /// `wakeUp` is what the queue's thread sleeps on. It outlives this object.
+    /// The queue's thread sleeps on `wakeUp`, which must outlive this object.
     explicit CXDispatchDrain(dxr::PortSet& wakeUp) noexcept : _wakeUp(wakeUp) {}
     CXDispatchDrain(const CXDispatchDrain&) = delete;
     CXDispatchDrain& operator=(const CXDispatchDrain&) = delete;
 
-    /// Prepares the fast allocator for a thousand pending items in the whole process. Not for an IO thread.
+    /// Reserves memory for a thousand pending items in the whole process. Not for an IO thread.
     static void reserveItems();
 
-    /// Which thread runs work now; 0 for none.
+    /// The thread that is running work; 0 if none is.
     pthread_t owner() const noexcept CX_REALTIME { return _owner.load(std::memory_order_relaxed); }
-    /// Whether no work is pending or running.
+    /// Returns true if no work is pending or running.
     bool isIdle() const noexcept { return _head.load() == nullptr; }
-    /// The queue's thread; 0 before it has begun and after it has ended.
+    /// The queue's thread; 0 before it starts and after it has ended.
     pthread_t thread() const noexcept { return _thread.load(); }
 
-    /// Returns when `block` has run.
+    /// Runs `block` on the queue and returns when it has finished.
     void sync(uint32_t lane, RunBy runBy, BorrowedWork block);
-    /// False where there is no memory for the item.
+    /// Queues `block`. Returns false if memory for the item cannot be allocated.
     bool async(uint32_t lane, RunBy runBy, const Work& block) CX_REALTIME;
-    /// Runs `block` here, as work of lane 0, and then what `borrow` says. False, and nothing has happened,
-    /// when the queue is busy.
+    /// If the queue is idle, runs `block` on the calling thread as work of lane 0, then further work as
+    /// `borrow` says. If the queue is busy, does nothing and returns false.
     bool bypassIfIdle(Borrow borrow, BorrowedWork block) CX_REALTIME;
-    /// The same; waits as sync() when the queue is busy.
+    /// Like bypassIfIdle(), but if the queue is busy, waits until `block` has run on it.
     void bypass(Borrow borrow, BorrowedWork block) CX_REALTIME;
 
-    /// As the owner: the queue's thread gets the right when this thread has done, pending work or not.
+    /// To be called by the owner: when it has finished, the right passes to the queue's thread even if no
+    /// work is pending.
     void needThread() noexcept { _needsThread = true; }
 
     // --- On the queue's thread ---
     void threadBegins() noexcept { _thread.store(pthread_self()); }
-    /// After a signal of the port set, which brought the right: runs what is pending.
+    /// Runs the pending work. Called after a signal of the port set, which passed the right to this thread.
     void runSignalled() { _run(); }
-    /// Waits for the right, runs `step` and then what is pending.
+    /// Waits for the right, then runs `step` and the pending work.
     void takeAndRun(BorrowedWork step);
-    /// The last call. From now on work runs on the thread that brings it.
+    /// Must be the last call. Later work runs on the thread that queues it.
     void threadEnds();
 
 private:
     struct Item;
     struct AsynchronousItem;
     struct SynchronousItem;
-    /// Items one behind the other.
+    /// A linked list of items.
     struct Lane {
         Item* first = nullptr;
         Item* last = nullptr;
@@ -94,43 +95,46 @@ private:
     bool _isQueueThread() const noexcept { return pthread_self() == _thread.load(std::memory_order_relaxed); }
     bool _isForAnotherThread(const Item& item) const noexcept CX_REALTIME;
 
-    /// The head of the stack while it is being drained; never an item.
+    /// The value of the head while a thread drains the queue and no item has arrived; not a valid item.
     static Item* mark() noexcept { return reinterpret_cast<Item*>(UINTPTR_MAX); }
 
     // --- Pushing and draining ---
     //
-    // Exactly one thread at a time has the right to drain, and only it runs work. The head of the stack of
-    // pending items says where the right is: null no thread has it; the queue is idle the mark a thread has
-    // it, and nothing has arrived since it last took the stack an item a thread has it, or will: items have
-    // arrived. The chain ends at null or at the mark. Pushing is one exchange of the head. A push onto null
-    // takes the right along and must pass it on: to the queue's thread by the port set's signal, or, for a
-    // bypass, to itself. A push onto anything else leaves the item to the thread that has the right. An
-    // exchange from null to the mark takes the right without an item; the exchange from the mark to null
-    // gives it up and fails if something has arrived. So a signal always carries the right, and there is
-    // never more than one under way. A drain that stops early sends it to the queue's thread and leaves the
-    // head as it is; so does a borrowing thread that meets work for the queue's thread only. A set that is
-    // closed (the thread has ended) refuses the signal, and the right stays with the sender, which drains.
+    // At most one thread at a time holds the right to drain, and only that thread runs work. The head of the
+    // stack of pending items shows the state:
+    // - null: no thread holds the right; the queue is idle.
+    // - the mark: a thread holds the right, and no item has arrived since it last emptied the stack.
+    // - an item: a thread holds the right or is about to get it; items have arrived. The list ends at null or
+    //   at the mark.
+    // A push is one exchange of the head. A push onto null acquires the right and must pass it on: to the
+    // queue's thread by the port set's signal or, in a bypass, to itself. A push onto any other value leaves
+    // the item to the thread that holds the right. An exchange from null to the mark acquires the right
+    // without an item; the exchange from the mark to null releases it and fails if an item has arrived. So
+    // every signal passes the right, and at most one signal is pending. A drain that stops early signals the
+    // queue's thread and leaves the head unchanged; so does a borrowing thread that finds work for the
+    // queue's thread only. If the set is closed because the thread has ended, it refuses the signal; the
+    // sender keeps the right and drains.
     //
-    // The queue's own thread needs the right for timers and receivers too. When it finds that another thread
-    // has it, it raises `_threadWaits` and tries once more; a thread that gives the right up looks at that
-    // flag afterwards, takes the right again if it can, and sends it over. All these are sequentially
-    // consistent: one of the two sees the other.
+    // The queue's thread also needs the right to fire timers and deliver messages. If another thread holds
+    // it, the queue's thread sets `_threadWaits` and tries once more; a thread that releases the right then
+    // reads that flag, acquires the right again if it can, and signals the queue's thread. These operations
+    // are sequentially consistent: at least one of the two threads sees the other's.
     //
-    // The exchange that pushes releases the item, the one that takes the stack acquires it. What the right
-    // guards (_owner, the lanes, the queue's timers and receivers) passes with it through the same exchanges
+    // The exchange that pushes an item releases it; the one that empties the stack acquires it. The data that
+    // the right guards (_owner, the lanes, the queue's timers and receivers) is passed by the same exchanges
     // and the signal.
     alignas(64) std::atomic<Item*> _head{nullptr};
-    // Raised after work of lane 0 was pushed onto a busy queue, so that a drain with a long lane 1 need not
-    // take the stack after every item to look for it, and fight the pushing threads for its head.
+    // Set after work of lane 0 was pushed onto a busy queue. Without it, a drain with many items in lane 1
+    // would have to empty the stack after each item to look for lane 0, contending with the pushing threads.
     alignas(64) std::atomic<bool> _urgent{false};
     std::atomic<bool> _threadWaits{false};
 
     // --- Guarded by the right to drain ---
-    alignas(64) std::atomic<pthread_t> _owner{0}; // read by all, each to see whether it is itself
-    Lane _lanes[laneCount];                       // taken from the stack, in order of arrival
-    uint32_t _arrivedTogether = 0;                // how many items the stack held when it was last taken
+    alignas(64) std::atomic<pthread_t> _owner{0}; // any thread compares it with itself
+    Lane _lanes[laneCount];                       // items taken from the stack, in order of arrival
+    uint32_t _arrivedTogether = 0;                // items on the stack when it was last emptied
     TFASpentBlocks _spentItems;
-    bool _needsThread = false; // a borrowing thread sends the right to the queue's instead of giving it up
+    bool _needsThread = false; // a borrowing thread passes the right to the queue's thread when done
 
     dxr::PortSet& _wakeUp;
     std::atomic<pthread_t> _thread{0};

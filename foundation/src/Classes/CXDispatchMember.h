@@ -6,19 +6,19 @@
 #include <cstdint>
 #include <span>
 
-/// What a queue knows of the timers and receivers on it.
-/// Threads: any, but call(), which is the queue's.
+/// The interface through which a queue uses its timers and receivers.
+/// Threads: any; call() only as work of the queue.
 class CXDispatchMember : public CXObject {
 public:
-    /// Leaves its queue for good.
+    /// Removes it permanently from its queue.
     virtual void cancel() = 0;
-    /// Calls its handler: a receiver's with the message, a timer's without.
+    /// Calls the handler; only a receiver's handler uses the message.
     virtual void call(std::span<const std::byte> message) = 0;
 
-    /// Where a receiver's messages arrive; null for a timer.
+    /// The port that receives a receiver's messages; null for a timer.
     virtual CXRef<dxr::Port> port() const { return nullptr; }
-    /// When a timer is to fire first, in host ticks; 0: one interval from when it is scheduled.
+    /// When a timer fires first, in host ticks; 0: one interval after it is scheduled.
     virtual uint64_t deadline() const noexcept { return 0; }
-    /// How often a timer fires after that, in host ticks; 0: never again.
+    /// The interval at which a timer fires after that, in host ticks; 0: fires only once.
     virtual uint64_t interval() const noexcept { return 0; }
 };

@@ -70,8 +70,8 @@ pthread_t CXDispatchQueue::thread() const noexcept
     return _drain->thread();
 }
 
-/// One event and the timers that are due, in turn: neither a timer that is always late nor a port that always
-/// has messages keeps the other waiting.
+/// Handles one event and then the due timers, in turn: a timer that is always late and a port that always has
+/// messages do not block each other.
 void CXDispatchQueue::_workloop()
 {
     while ((_cancelled.load() & cancelFinished) == 0) {
@@ -98,8 +98,8 @@ void CXDispatchQueue::cancel()
     dispatchAsyncImmed(CXDispatchHousekeepingLane | CXDispatchAfterCancel, [self = CXRef(this)] {
         for (const CXRef<CXDispatchMember>& timer : self->_timers->timers())
             timer->cancel();
-        // By the queue's thread, which would not hear of it when it sleeps and another one has borrowed the
-        // queue.
+        // On the queue's thread, because if that thread is asleep while another one borrows the queue,
+        // setting the bit there would not wake it.
         assertThat(self->_drain->async(CXDispatchClientLane, RunBy::QueueThread,
                                        [self] { self->_cancelled.fetch_or(cancelFinished); }),
                    __LINE__);
@@ -110,7 +110,7 @@ void CXDispatchQueue::setRealTime()
 {
     _checkNotCancelled(0);
     const auto step = [this] {
-        if (pthread_self() == thread()) // else it has ended
+        if (pthread_self() == thread()) // otherwise it has ended
             _realTimeGrant.store(CXThreadSetRealtime());
     };
     if (!isDispatchedOnCurrentThread())
@@ -219,8 +219,8 @@ void CXDispatchQueue::removeReceiver(const CXRef<CXDispatchMember>& receiver)
     });
 }
 
-/// With the right, on the queue's thread. Only now is the message taken: until here the receiver could go to
-/// another queue, and the message with it.
+/// Called with the right, on the queue's thread. The message is taken only now, because until this thread
+/// held the right, the receiver could move to another queue together with its messages.
 void CXDispatchQueue::_deliverMessage() noexcept
 {
     const std::optional<PortSet::Received> received = _portset->takeMessage();
@@ -255,7 +255,7 @@ void CXDispatchQueue::updateTimer(const CXRef<CXDispatchMember>& timer)
             _drain->needThread();
     };
     if (isDispatchedOnCurrentThread())
-        update(); // no block is made: a handler on a real-time thread arms its timer again
+        update(); // creates no block, so a handler may do this on a real-time thread
     else
         dispatchAsync(CXDispatchHousekeepingLane | CXDispatchAfterCancel, update);
 }

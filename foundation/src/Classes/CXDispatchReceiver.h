@@ -7,25 +7,26 @@
 #include <cstdint>
 #include <span>
 
-// What a receiver does with its port at its end.
-inline constexpr uint32_t CXDispatchReceiverReleasesSendRight = 0x10000; ///< lets go of the port
+// What a receiver does with its port when it is destroyed.
+inline constexpr uint32_t CXDispatchReceiverReleasesSendRight = 0x10000; ///< releases the port
 inline constexpr uint32_t CXDispatchReceiverReleasesReceiveRight =
-    0x20000; ///< closes it: senders are refused
+    /// Closes the port: later messages are refused.
+    0x20000;
 
 /// Calls its handler on a queue with each message that arrives at its port.
 /// Threads:   any; the handler runs on the queue's thread.
 /// Real time: no.
 class DXR_EXPORT CXDispatchReceiver final : public CXDispatchSource {
 public:
-    /// The message is valid for the length of the call.
+    /// The message is valid during the call only.
     using Handler = CXBlock<void(const CXRef<CXDispatchReceiver>&, std::span<const std::byte>)>;
 
-    /// A receiver for `port`. Without one, and with both flags set, it makes its own.
+    /// Creates a receiver for `port`. If `port` is null and both flags are set, creates a port.
     static CXRef<CXDispatchReceiver> init(const CXRef<dxr::Port>& port, uint32_t dealloc);
-    /// The same without flags: the port is the caller's business.
+    /// Creates a receiver that neither closes nor creates a port.
     static CXRef<CXDispatchReceiver> init(const CXRef<dxr::Port>& port) { return init(port, 0); }
 
-    /// An empty reference when it was given none and made none.
+    /// Returns null if the receiver was created without a port.
     CXRef<dxr::Port> port() const override { return _port; }
     Handler handler() const;
     void setMessageHandler(const Handler& handler);

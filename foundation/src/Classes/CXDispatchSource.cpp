@@ -48,7 +48,7 @@ void CXDispatchSource::cancel()
                                   [self = CXRef(this), queue] { self->_finishCancel(queue); });
 }
 
-/// On `queue`, or on none.
+/// Runs as work of `queue`, or on any thread if `queue` is null.
 void CXDispatchSource::_finishCancel(const CXRef<CXDispatchQueue>& queue)
 {
     if ((_cancelled.fetch_or(cancelDone) & cancelDone) != 0)

@@ -6,9 +6,9 @@
 #include <atomic>
 #include <cstdint>
 
-/// Fires its handler on a queue, once or again and again.
+/// Calls its handler on a queue at a deadline, once or repeatedly.
 /// Threads:   any; the handler runs on the queue's thread.
-/// Real time: the getters; arming from the queue itself, so a handler may arm its own timer again.
+/// Real time: the getters; setting the timeout on the queue itself, so a handler may set its own timer again.
 class DXR_EXPORT CXDispatchTimer final : public CXDispatchSource {
 public:
     using Handler = CXBlock<void(const CXRef<CXDispatchTimer>&)>;
@@ -16,13 +16,13 @@ public:
     static CXRef<CXDispatchTimer> init();
 
     Handler handler() const;
-    /// When to fire first, in host ticks; 0: one interval from when it is scheduled.
+    /// When the timer fires first, in host ticks; 0: one interval after it is scheduled.
     uint64_t deadline() const noexcept override { return _deadline.load(); }
-    /// How often after that, in host ticks; 0: never again.
+    /// The interval at which it fires after that, in host ticks; 0: fires only once.
     uint64_t interval() const noexcept override { return _interval.load(); }
 
-    /// Fires at `deadline` and then every `interval`, both in host ticks and 0 for none. Periods missed are
-    /// left out. Replaces what was set before.
+    /// Fires at `deadline` and then every `interval`, both in host ticks; 0 means none. Missed periods are
+    /// skipped. Replaces the previous timeout.
     void setTimeoutAbsolute(uint64_t deadline, uint64_t interval);
     void setTimeoutHandler(const Handler& handler);
 

@@ -8,7 +8,7 @@ using dxr::Futex;
 
 namespace {
 
-/// a + b, or the latest moment there is.
+/// Returns a + b, or Futex::noDeadline on overflow.
 uint64_t laterBy(uint64_t a, uint64_t b) noexcept
 {
     uint64_t sum = 0;
@@ -20,13 +20,13 @@ uint64_t laterBy(uint64_t a, uint64_t b) noexcept
 /// A timer in the list.
 class CXDispatchTimerList::Entry final : public CXTFAObject {
 public:
-    /// Null where there is no memory.
+    /// Returns null if memory cannot be allocated.
     static CXRef<Entry> initWithTimer(const CXRef<CXDispatchMember>& timer)
     {
         return CXRef<Entry>::adopt(new Entry(timer));
     }
 
-    /// Takes over what the timer is set to, as if it had never been scheduled.
+    /// Reads the timer's deadline and interval, as if it had never been scheduled.
     void reload() noexcept
     {
         deadline = 0;
@@ -34,7 +34,7 @@ public:
         interval = timer->interval();
     }
 
-    /// After a fire: the next deadline that lies after `now`; none for a one-shot timer.
+    /// Called after the timer has fired: computes the next deadline after `now`; none for a one-shot timer.
     void advance(uint64_t now) noexcept
     {
         if (interval == 0) {
@@ -42,7 +42,7 @@ public:
             absoluteStart = 0;
             return;
         }
-        // The first multiple past `now`: periods that were missed are left out.
+        // The first multiple after `now`: missed periods are skipped.
         deadline = laterBy(now, interval - (now - deadline) % interval);
         if (absoluteStart != 0)
             absoluteStart = deadline;
@@ -55,7 +55,7 @@ public:
     uint64_t deadline = 0;      // host ticks; 0: not scheduled
     uint64_t absoluteStart = 0; // host ticks; 0: none
     uint64_t interval = 0;      // host ticks; 0: one-shot
-    uint64_t pass = 0;          // the list's when it was called last
+    uint64_t pass = 0;          // the list's _pass when the timer was last called
 
 private:
     explicit Entry(const CXRef<CXDispatchMember>& entryTimer) : timer(entryTimer) { reload(); }
@@ -81,7 +81,7 @@ void CXDispatchTimerList::remove(const CXDispatchMember& timer)
     if (found == _entries.end())
         return;
     _unschedule(*found->second);
-    const CXRef<Entry> entry = std::move(found->second); // its end may come back here: after the map
+    const CXRef<Entry> entry = std::move(found->second); // outlives erase(): its destructor may call here
     _entries.erase(found);
     _publishFirstDeadline();
 }
@@ -108,7 +108,7 @@ std::vector<CXRef<CXDispatchMember>> CXDispatchTimerList::timers() const
 void CXDispatchTimerList::fireDue(uint64_t now) noexcept
 {
     ++_pass;
-    while (const CXRef<Entry> entry = _nextDue(now)) { // a reference: its handler may remove it
+    while (const CXRef<Entry> entry = _nextDue(now)) { // a reference, because the handler may remove it
         entry->pass = _pass;
         _unschedule(*entry);
         entry->advance(now);
@@ -118,7 +118,7 @@ void CXDispatchTimerList::fireDue(uint64_t now) noexcept
     }
 }
 
-/// The first timer that is due and has not been called in this pass; null when there is none.
+/// Returns the first timer that is due and was not called in this pass, or null.
 CXRef<CXDispatchTimerList::Entry> CXDispatchTimerList::_nextDue(uint64_t now) const noexcept
 {
     Entry* entry = _first;
@@ -127,8 +127,8 @@ CXRef<CXDispatchTimerList::Entry> CXDispatchTimerList::_nextDue(uint64_t now) co
     return CXRef<Entry>(entry != nullptr && entry->deadline <= now ? entry : nullptr);
 }
 
-/// Enters the entry by its deadline, or its start, or its interval from now; without any of them it waits for
-/// reschedule().
+/// Inserts the entry by its deadline; failing that by its start, or one interval from now. An entry with none
+/// of them is not inserted until reschedule().
 void CXDispatchTimerList::_schedule(Entry& entry) noexcept
 {
     if (entry.deadline == 0)

@@ -17,7 +17,8 @@ namespace {
 
 constexpr uint32_t notYetKnown = UINT32_MAX;
 
-// Any thread may find the value unknown and read it; all store the same value, so relaxed is enough.
+// Any thread may find the value unknown and determine it. Relaxed is sufficient, because all threads store
+// the same value.
 std::atomic<uint32_t> debuggerAttached{notYetKnown};
 std::atomic<bool> debugSwitch{false};
 

@@ -16,32 +16,32 @@ DXR_EXPORT extern const std::string CXErrorSupressesDetailsDisplay;
 /// User-info key: an image to show with the error.
 DXR_EXPORT extern const std::string CXErrorViewImageKey;
 
-// All functions here may be called from any thread, allocate, and may wait for the log; none is for an IO
-// thread.
+// All functions in this file may be called on any thread, allocate, and may wait for the log. They must not
+// be called on an IO thread.
 
-/// Logs the error with its user info, and the calling thread's stack when debugging is enabled.
-/// A null error logs as "(null)".
+/// Logs the error with its user info, and the calling thread's stack if debugging is enabled. A null error is
+/// logged as "(null)".
 DXR_EXPORT void CXLogError(const CXRef<CXError>& error);
-/// Logs an exception that nobody handled, with the stack where it was made.
+/// Logs an unhandled exception with the stack of the place where it was created.
 DXR_EXPORT void CXLogException(const CXException& exception);
 
-/// Whether errors should say more: CXSetDebugEnabled(true) was called, or a debugger is attached. The
-/// debugger is looked for once; one that comes later is not seen.
+/// Returns true if errors should be logged in more detail: CXSetDebugEnabled(true) was called, or a debugger
+/// is attached. Looks for a debugger only once, so one that attaches later is not detected.
 DXR_EXPORT bool CXDebugEnabled();
-/// The process-wide debug switch, off at first.
+/// Sets the process-wide debug switch, which is initially off.
 DXR_EXPORT void CXSetDebugEnabled(bool enabled);
 
-/// Reports a broken promise: throws a CXException named "CXAssertionFailure". Its reason is "text1 - text2
-/// file:line", less the texts that are null; a null file reads N/A.
+/// Reports a failed assertion: throws a CXException named "CXAssertionFailure". Its reason is "text1 - text2
+/// file:line"; null texts are omitted, and a null file is shown as N/A.
 [[noreturn]] DXR_EXPORT void _CXFailedAssertion(const char* text1, const char* text2, const char* file,
                                                 long line);
 
-/// Throws when `condition` is false, naming the method, the condition, the file and the line.
+/// Throws if `condition` is false, with the method, the condition, the file and the line.
 #define CX_ASSERT(condition)                                                                                 \
     (static_cast<bool>(condition) ? static_cast<void>(0)                                                     \
                                   : _CXFailedAssertion(static_cast<const char*>(__PRETTY_FUNCTION__),        \
                                                        #condition, __FILE__, __LINE__))
-/// The same, where the text to be reported is not that of the condition.
+/// Like CX_ASSERT, but reports `text` instead of the condition.
 #define CX_ASSERT_SAYING(condition, text)                                                                    \
     (static_cast<bool>(condition)                                                                            \
          ? static_cast<void>(0)                                                                              \

@@ -8,15 +8,16 @@
 #include <string>
 #include <vector>
 
-/// What a failed assertion throws: a name, a reason, and the stack where it was made.
+/// The exception that a failed assertion throws: a name, a reason, and the stack of the place where it was
+/// created.
 /// Threads: immutable, any.
 class DXR_EXPORT CXException : public std::exception {
 public:
-    /// Takes the calling thread's stack. `userInfo` is a dictionary, or null for none.
+    /// Captures the calling thread's stack. `userInfo` is a dictionary, or null for none.
     CXException(std::string name, std::optional<std::string> reason, CXPlist userInfo = nullptr);
 
     const std::string& name() const noexcept { return _name; }
-    /// Nothing when the exception came without one.
+    /// std::nullopt if the exception was created without a reason.
     const std::optional<std::string>& reason() const noexcept { return _reason; }
     const CXPlist& userInfo() const noexcept { return _userInfo; }
     /// Innermost call first.

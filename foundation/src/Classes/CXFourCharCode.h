@@ -14,6 +14,6 @@ consteval uint32_t CXFourCharCode(const char (&text)[5])
     return code;
 }
 
-/// The code as its four characters when all are printable in the C locale, else as eight upper-case
+/// Returns the code as four characters if all are printable in the C locale, otherwise as eight upper-case
 /// hexadecimal digits.
 DXR_EXPORT std::string stringWithFourCharCode(uint32_t code);

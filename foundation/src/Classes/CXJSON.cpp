@@ -4,8 +4,8 @@
 
 namespace {
 
-/// Whether the text opens more arrays and dictionaries within one another than are read. Known beforehand,
-/// because values are copied, compared and written by recursion.
+/// Returns true if arrays and dictionaries in the text are nested deeper than the limit. Checked before
+/// parsing, because values are copied, compared and written by recursion.
 bool isTooDeep(std::string_view text)
 {
     size_t depth = 0;
@@ -36,7 +36,7 @@ bool fits(const CXPlist& plist, size_t depthLeft)
 
 std::optional<CXPlist> CXPlistWithJSON(std::string_view text)
 {
-    // The parser takes a zero byte for the end of the text.
+    // The parser treats a zero byte as the end of the text.
     if (text.size() > CXJSONMaximumBytes || text.find('\0') != std::string_view::npos || isTooDeep(text))
         return std::nullopt;
     CXPlist plist = CXPlist::parse(text, nullptr, /*allow_exceptions=*/false);

@@ -8,25 +8,25 @@
 #include <string>
 #include <string_view>
 
-// Property lists as JSON text, one form for everything that is stored or handed out.
+// Converts property lists to and from JSON text, the only format in which they are stored or exported.
 // Threads:   any.
 // Real time: no.
 
-/// The longest text that is read, in bytes. Devices, references and settings take a few hundred each; what is
-/// longer is no such thing, and would cost many times its length in memory.
+/// The maximum length of a text to be parsed, in bytes. Devices, references and settings need a few hundred
+/// bytes each. The limit bounds memory use, because a parsed value takes many times the length of its text.
 inline constexpr size_t CXJSONMaximumBytes = 1U << 20;
-/// How deep arrays and dictionaries may be nested, in what is read.
+/// The maximum nesting depth of arrays and dictionaries in a text to be parsed.
 inline constexpr size_t CXJSONMaximumDepth = 512;
 
-/// The value that `text` stands for. Nothing when it is not JSON in UTF-8 from its first byte to its last, is
-/// longer or deeper than the limits above, or holds a number that no double can. Of equal keys in a
-/// dictionary the last counts.
+/// Parses `text`. Returns nothing if it is not completely valid JSON in UTF-8, exceeds the limits above, or
+/// contains a number that a double cannot represent. If a dictionary contains a key twice, the last value is
+/// used.
 DXR_EXPORT std::optional<CXPlist> CXPlistWithJSON(std::string_view text);
 
-/// `plist` as compact JSON in UTF-8 with sorted keys. Bytes that are not UTF-8 are replaced by U+FFFD,
-/// numbers that JSON does not know (infinite, not a number) by null.
+/// Returns `plist` as compact JSON in UTF-8 with sorted keys. Replaces bytes that are not UTF-8 by U+FFFD,
+/// and infinite numbers and NaN by null.
 DXR_EXPORT std::string CXJSONWithPlist(const CXPlist& plist);
 
-/// Whether `plist` is nested at most CXJSONMaximumDepth deep and whole, so that it can be written and read
-/// again.
+/// Returns true if `plist` is valid and nested at most CXJSONMaximumDepth deep, so that it can be written and
+/// parsed again.
 DXR_EXPORT bool CXPlistFitsJSON(const CXPlist& plist);

@@ -8,8 +8,8 @@
 
 namespace {
 
-// A reader changes the word twice and the object's count twice: one that has lost stays away for a good many
-// reads of the other, or both spend their time on fetching the two cache lines.
+// A reader changes both the word and the object's count twice. A thread whose exchange failed waits for the
+// duration of many reads, because otherwise both threads spend their time on fetching the two cache lines.
 constexpr uint32_t pausesAfterLoss = 24;
 
 constexpr uint64_t readerMask = 0xFFF;
@@ -30,7 +30,7 @@ constexpr bool isSameObject(uint64_t a, uint64_t b) noexcept
     return ((a ^ b) & generationAndIndexMask) == 0;
 }
 
-/// The lines are part of the message that clients know.
+/// Clients may know these messages, so the line numbers stay the same.
 void assertThat(bool condition, long line)
 {
     if (!condition)
@@ -89,7 +89,7 @@ CXLockFreeReference::Reading CXLockFreeReference::_enter(long overflowLine) cons
         if (indexOf(word) == noObject)
             return {word, nullptr};
         assertThat((word & readerMask) != readerMask, overflowLine);
-        // The slot may be somebody else's by now; then the word has moved on and the exchange fails.
+        // The slot may hold another object by now; the word has changed then, and the exchange fails.
         CXObject* const object = getObjectAtIndex(indexOf(word));
         if (_girc.compare_exchange_strong(word, word + 1))
             return {word, object};
@@ -98,12 +98,12 @@ CXLockFreeReference::Reading CXLockFreeReference::_enter(long overflowLine) cons
     }
 }
 
-/// Takes the caller's count back, or, where a writer has retained the object on its behalf, gives that retain
-/// back instead. The caller keeps the retain that it made itself or was never counted without.
+/// Removes the caller from the readers' count. If a writer has replaced the object and retained it for the
+/// caller, releases that retain instead. The caller keeps the retain that it made itself.
 void CXLockFreeReference::_leave(const Reading& reading, long underflowLine) const
 {
     dxr::BackOff backOff(pausesAfterLoss);
-    uint64_t word = reading.word + 1; // as this reader left it, and as it mostly still is
+    uint64_t word = reading.word + 1; // the value that this reader stored, usually still current
     while (isSameObject(word, reading.word)) {
         assertThat((word & readerMask) != 0, underflowLine);
         if (_girc.compare_exchange_strong(word, word - 1))
@@ -154,14 +154,14 @@ bool CXLockFreeReference::setObjectReference(const CXRef<CXObject>& object, cons
         object->release();
     }
     if (old.object) {
-        old.object->release(); // ours
-        old.object->release(); // the slot's, or the one that the faster writer made on our behalf
+        old.object->release(); // this thread's own retain
+        old.object->release(); // the slot's retain, or the one that another writer made for this thread
     }
     return isReplaced;
 }
 
-/// Makes `newIndex` current if what `old` found still is; if that is an object, the caller is counted as its
-/// reader, and every other reader counted leaves with a retain made here.
+/// Makes `newIndex` current if the object that `old` found is still current. If that is not null, the caller
+/// must be counted as its reader; this function retains the object for each other counted reader.
 bool CXLockFreeReference::_replace(const Reading& old, uint32_t newIndex)
 {
     dxr::BackOff backOff(pausesAfterLoss);
@@ -210,7 +210,7 @@ uint32_t CXLockFreeReference::setObjectAtFreeIndex(CXObject* object)
     return index;
 }
 
-/// The index of the slot that now holds `object`, or noObject when none can be had.
+/// Stores `object` in a free slot. Returns the slot's index, or noObject if no slot is available.
 uint32_t CXLockFreeReference::_claimSlot(CXObject* object) noexcept
 {
     Bucket* bucket = _buckets;
@@ -220,7 +220,7 @@ uint32_t CXLockFreeReference::_claimSlot(CXObject* object) noexcept
             CXObject* free = nullptr;
             if (slot.compare_exchange_strong(free, object))
                 return index;
-            bucket = _buckets; // another thread took it; a lower one may be free by now
+            bucket = _buckets; // another thread took it; a lower slot may be free by now
             index = 0;
         } else if (++index % slotsPerBucket == 0) {
             bucket = _bucketAfter(*bucket);
@@ -231,7 +231,7 @@ uint32_t CXLockFreeReference::_claimSlot(CXObject* object) noexcept
     return noObject;
 }
 
-/// The bucket behind `bucket`, made if there is none yet; null where there is no memory.
+/// Returns the bucket after `bucket`, creating it if necessary, or null if memory cannot be allocated.
 CXLockFreeReference::Bucket* CXLockFreeReference::_bucketAfter(Bucket& bucket) noexcept
 {
     Bucket* next = bucket.next.load(std::memory_order_acquire);
@@ -241,5 +241,5 @@ CXLockFreeReference::Bucket* CXLockFreeReference::_bucketAfter(Bucket& bucket) n
     if (!fresh || bucket.next.compare_exchange_strong(next, fresh))
         return fresh;
     TFA_free(fresh);
-    return next; // another thread's
+    return next; // created by another thread
 }

@@ -11,7 +11,7 @@ struct MainBundle {
 
 MainBundle& mainBundle()
 {
-    static auto& bundle = *new MainBundle; // never destroyed: threads may still ask while the process ends
+    static auto& bundle = *new MainBundle; // never destroyed: threads use it while the process exits
     return bundle;
 }
 

@@ -5,13 +5,13 @@
 #include <optional>
 #include <string>
 
-// Which application this process is.
+// Identifies the application that this process belongs to.
 // Threads: any.
 // Real time: no.
 
-/// Says who the application is, by a name that stays the same from run to run ("com.example.player"). Once,
-/// before the library is used: settings are remembered as this application's from then on. Nothing, or the
-/// empty string, for none.
+/// Sets the application's identifier, a name that is the same in every run ("com.example.player"). Call it
+/// once, before using the library: later settings are stored for this application. std::nullopt or an empty
+/// string means none.
 DXR_EXPORT void CXSetMainBundleIdentifier(const std::optional<std::string>& identifier);
-/// Nothing while the application has not said.
+/// Returns std::nullopt if no identifier was set.
 DXR_EXPORT std::optional<std::string> CXMainBundleIdentifier();

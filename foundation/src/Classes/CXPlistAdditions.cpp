@@ -8,7 +8,7 @@
 
 namespace {
 
-/// The value under `key`; null when there is none.
+/// Returns the value for `key`, or null if there is none.
 const CXPlist* find(const CXPlist& dictionary, std::string_view key)
 {
     if (!dictionary.is_object())
@@ -60,12 +60,13 @@ bool isEqualNumber(const CXPlist& value, const CXPlist& other)
 {
     if (!isNumber(other) && !other.is_string())
         return false;
-    // Not by ==, to which the largest unsigned number and -1 are the same.
+    // Not by ==, which considers the largest unsigned number equal to -1.
     const double a = CXDoubleValue(value);
     const double b = CXDoubleValue(other);
     if (isNumber(other) && (a == b || (std::isnan(a) && std::isnan(b))))
         return true;
-    // In single precision, and only then compared in double: archives written elsewhere rely on it.
+    // Subtracts in single precision and compares in double precision: archives written by other programs rely
+    // on it.
     constexpr double tolerance = 0.0005;
     return static_cast<double>(std::fabs(static_cast<float>(a) - static_cast<float>(b))) < tolerance;
 }
@@ -82,7 +83,7 @@ bool isEqualDictionary(const CXPlist& value, const CXPlist& other,
         if (ignoredKey && key == *ignoredKey)
             continue;
         const auto theirs = other.find(key);
-        // Theirs is asked, which matters where a number meets a string.
+        // The order of the arguments matters for a number and a string.
         if (theirs == other.end() || !vtIsEqual(*theirs, mine, ignoredKey))
             return false;
     }

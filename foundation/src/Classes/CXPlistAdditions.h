@@ -9,55 +9,55 @@
 #include <string>
 #include <string_view>
 
-// What arrays and dictionaries of property lists are asked for again and again. A null value stands for none;
-// a value that is no array or dictionary where one is expected counts as an empty one and is not changed.
-// Threads:   any, each value as any object of the standard library.
+// Functions on property-list arrays and dictionaries. A null value means no value. A value that is not an
+// array or dictionary where one is expected is treated as empty and not changed.
+// Threads:   any; values are not synchronised, as objects of the standard library.
 // Real time: no.
 
-/// The number that a value is: a boolean is 0 or 1, a string the number it begins with, anything else 0. What
-/// a value holds is not asked for by type elsewhere, because a boolean then is no number and the asking
-/// throws.
+/// Converts a value to a number: a boolean is 0 or 1, a string is the number that it begins with, all other
+/// values are 0. Use this instead of the JSON library's typed getters, which do not treat a boolean as a
+/// number and throw.
 DXR_EXPORT double CXDoubleValue(const CXPlist& value);
 
 // --- Arrays ---
 
-/// What `transform` returns for each element, in order. Throws a CXException if it returns null for one.
+/// Returns the results of `transform` for all elements, in order. Throws a CXException if it returns null.
 DXR_EXPORT CXPlist vt_map(const CXPlist& array, CXBlockRef<CXPlist(const CXPlist&)> transform);
-/// The same, less the elements that it returns null for.
+/// Returns the results of `transform` for all elements, in order, without null results.
 DXR_EXPORT CXPlist vt_compact_map(const CXPlist& array, CXBlockRef<CXPlist(const CXPlist&)> transform);
-/// The first element that `predicate` accepts, else null.
+/// Returns the first element for which `predicate` returns true, or null.
 DXR_EXPORT CXPlist vt_match(const CXPlist& array, CXBlockRef<bool(const CXPlist&)> predicate);
-/// The elements that `predicate` accepts, in order.
+/// Returns the elements for which `predicate` returns true, in order.
 DXR_EXPORT CXPlist vt_select(const CXPlist& array, CXBlockRef<bool(const CXPlist&)> predicate);
 /// Appends `object` unless it is null.
 DXR_EXPORT void safeAddObject(CXPlist& array, const CXPlist& object);
 
 // --- Dictionaries ---
 
-/// The entries that `predicate`, given key and value, accepts.
+/// Returns the entries for which `predicate(key, value)` returns true.
 DXR_EXPORT CXPlist vt_select(const CXPlist& dictionary,
                              CXBlockRef<bool(const std::string&, const CXPlist&)> predicate);
-/// The value, or null.
+/// Returns the value, or null if there is none.
 DXR_EXPORT CXPlist safeObjectForKey(const CXPlist& dictionary, std::string_view key);
-/// The value, or `defaultValue` when there is none.
+/// Returns the value, or `defaultValue` if there is none.
 DXR_EXPORT CXPlist safeObjectForKey(const CXPlist& dictionary, std::string_view key,
                                     const CXPlist& defaultValue);
 DXR_EXPORT CXPlist vtObjectForKey(const CXPlist& dictionary, std::string_view key,
                                   const CXPlist& defaultValue);
 
 enum class CXPlistKind { Dictionary, Array, String, Number };
-/// The value if it is of that kind, else null.
+/// Returns the value if it is of that kind, otherwise null.
 DXR_EXPORT CXPlist vtObjectForKey(const CXPlist& dictionary, std::string_view key, CXPlistKind kind);
 
-// Conversions. A boolean is 0 or 1; a string is what it begins with as a number, 0 when that is none; a
-// fraction is cut towards zero and too large a real number becomes the nearest 32-bit one, while of a whole
-// number the low 32 bits count; a boolean is true for any number but 0 and for strings that begin with Y, T
-// or a number but 0. Arrays, dictionaries and nothing are 0 and false.
-/// 0 when absent.
+// Conversions. To a number: a boolean is 0 or 1; a string is the number that it begins with, or 0. To an
+// integer: a fraction is truncated, a real number out of range becomes the nearest 32-bit integer, and of an
+// integer the low 32 bits are used. To a boolean: true for all numbers but 0, and for strings that begin with
+// Y, T or a number other than 0. Arrays, dictionaries and null are 0 and false.
+/// Returns 0 if the key is absent.
 DXR_EXPORT int64_t safeIntegerForKey(const CXPlist& dictionary, std::string_view key);
-/// 0.0 when absent.
+/// Returns 0.0 if the key is absent.
 DXR_EXPORT double safeDoubleForKey(const CXPlist& dictionary, std::string_view key);
-/// False when absent.
+/// Returns false if the key is absent.
 DXR_EXPORT bool safeBoolForKey(const CXPlist& dictionary, std::string_view key);
 DXR_EXPORT bool vtBoolForKey(const CXPlist& dictionary, std::string_view key, bool defaultValue);
 DXR_EXPORT int32_t vtIntForKey(const CXPlist& dictionary, std::string_view key, int32_t defaultValue);
@@ -68,21 +68,20 @@ struct CXSize {
     double height;
     friend bool operator==(const CXSize&, const CXSize&) = default;
 };
-/// A size is an array of two numbers, or a string such as "{640, 480}"; anything else that is present is 0 by
-/// 0.
+/// A size is an array of two numbers, or a string such as "{640, 480}". Other values are 0 by 0.
 DXR_EXPORT CXSize vtSizeForKey(const CXPlist& dictionary, std::string_view key, CXSize defaultValue);
 
-/// Sets an entry; does nothing without an object or a key.
+/// Sets an entry; does nothing if the object is null or there is no key.
 DXR_EXPORT void vt_safeSetObject(CXPlist& dictionary, const CXPlist& object,
                                  const std::optional<std::string>& key);
-/// Sets an entry to a boolean; does nothing without a key.
+/// Sets an entry to a boolean; does nothing if there is no key.
 DXR_EXPORT void safeSetBool(CXPlist& dictionary, bool value, const std::optional<std::string>& key);
 
 // --- Equality ---
 
-/// Whether two property lists say the same. Entries under `ignoredKey`, where one is given, do not count,
-/// however deep. Numbers are equal when they differ by less than 0.0005 as 32-bit floats, which lets a value
-/// survive a trip through somebody else's text; a number equals a string that reads as it, but not the other
-/// way round.
+/// Returns true if two property lists are equal. Ignores entries under `ignoredKey` at every depth. Numbers
+/// are equal if they differ by less than 0.0005 as 32-bit floats, so that rounding in text written by other
+/// programs does not matter. A number as `value` equals a string that represents it, but a string as `value`
+/// does not equal a number.
 DXR_EXPORT bool vtIsEqual(const CXPlist& value, const CXPlist& other,
                           const std::optional<std::string>& ignoredKey = std::nullopt);

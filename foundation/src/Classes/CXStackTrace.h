@@ -7,23 +7,26 @@
 
 class CXException;
 
-/// Where a thread was, or where an exception was raised: one text a frame, outermost call first.
+/// The stack of a thread, or of the place where an exception was created: one text per frame, outermost call
+/// first.
 /// Threads: immutable, any.
 class DXR_EXPORT CXStackTrace final : public CXObject {
 public:
-    /// The calling thread's stack now; this function is the innermost call.
+    /// Captures the calling thread's stack; the innermost call is this function.
     static CXRef<CXStackTrace> fromCurrentStack();
-    /// The stack at the place where `exception` was made; its constructor is the innermost call.
+    /// The stack of the place where `exception` was created; the innermost call is the exception's
+    /// constructor.
     static CXRef<CXStackTrace> fromException(const CXException& exception)
     {
         return initWithException(exception);
     }
     static CXRef<CXStackTrace> initWithException(const CXException& exception);
-    /// `frames` as they are, outermost first.
+    /// Stores `frames` unchanged, outermost first.
     static CXRef<CXStackTrace> initWithCrawlFrames(std::vector<std::string> frames);
 
-    /// A frame a line, or "(N/A)" without any. Of 33 frames or more, the 32 innermost but without the very
-    /// innermost, which is the function that took the stack; a shorter one is shown whole.
+    /// One line per frame, or "(N/A)" if there are none. Of more than 32 frames, shows the 32 innermost
+    /// except the very innermost, which is the function that captured the stack. Shorter stacks are shown
+    /// completely.
     std::string description() const override;
 
 private:

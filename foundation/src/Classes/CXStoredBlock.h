@@ -3,16 +3,16 @@
 #include "CXBlock.h"
 #include "CXLockFreeReference.h"
 
-/// A block as an object, to be kept where objects are: in a lock-free reference.
+/// A block wrapped in an object, so that a CXLockFreeReference can hold it.
 /// Threads: immutable, any.
 template <class Signature> class CXStoredBlock final : public CXTFAObject {
 public:
-    /// Puts `block` into `reference`, or nothing when it is empty.
+    /// Stores `block` in `reference`, or null if the block is empty.
     static void store(const CXBlock<Signature>& block, CXLockFreeReference& reference)
     {
         reference.setObjectReference(block ? CXRef<CXObject>::adopt(new CXStoredBlock(block)) : nullptr);
     }
-    /// What store() put there; empty when there is nothing.
+    /// Returns the block that store() stored, or an empty block.
     static CXBlock<Signature> load(const CXLockFreeReference& reference)
     {
         const CXRef<CXObject> stored = reference.copyObjectReference();

@@ -15,13 +15,14 @@
 
 namespace {
 
-/// The first character of `text`, which is not empty; a byte that begins none is one.
+/// Returns the first character of `text`, which must not be empty; a byte that begins no character counts as
+/// one.
 std::string_view firstCharacter(std::string_view text)
 {
     return text.substr(0, std::max<size_t>(dxr::utf8CharacterLength(text), 1));
 }
 
-/// Its code point; a byte that is no character has none of anybody's interest.
+/// Returns the character's code point, or U+FFFD for a byte that is not part of a character.
 char32_t codePointOf(std::string_view character)
 {
     const auto byte = [&](size_t i) { return static_cast<char32_t>(static_cast<uint8_t>(character[i])); };
@@ -45,10 +46,10 @@ bool isSpace(std::string_view character)
            c == 0x3000;
 }
 
-/// Whether a scan for numbers passes over it.
+/// Returns true if scanFloatArray() skips the character.
 bool isSkipped(std::string_view character)
 {
-    // Unicode's letters, in every locale.
+    // Recognises Unicode's letters regardless of the current locale.
     static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     const char32_t c = codePointOf(character);
     if (c < 0x80)
@@ -57,7 +58,7 @@ bool isSkipped(std::string_view character)
     return unicode && iswalpha_l(static_cast<wint_t>(c), unicode) != 0;
 }
 
-/// How many bytes at the start of `text` are a decimal number; 0 when none are.
+/// Returns the length of the decimal number at the start of `text`, or 0 if there is none.
 size_t numberLength(std::string_view text)
 {
     size_t end = !text.empty() && (text[0] == '-' || text[0] == '+') ? 1 : 0;
@@ -85,13 +86,14 @@ size_t numberLength(std::string_view text)
     return end;
 }
 
-/// Whether an unsigned number, as numberLength() measured it and not 0, is below 1.
+/// Returns true if a number is below 1. `number` is an unsigned number other than 0, as measured by
+/// numberLength().
 bool isBelowOne(std::string_view number)
 {
     const size_t mantissaEnd = std::min(number.find_first_of("eE"), number.size());
     const std::string_view mantissa = number.substr(0, mantissaEnd);
-    // The whole part's significant digits, or as a negative number the zeros between the point and the first
-    // other digit.
+    // The number of digits before the point or, if there are none other than 0, minus the number of zeros
+    // between the point and the first other digit.
     const auto point = static_cast<int64_t>(std::min(mantissa.find('.'), mantissa.size()));
     const auto first = static_cast<int64_t>(mantissa.find_first_of("123456789"));
     const int64_t digits = first < point ? point - first : point + 1 - first;
@@ -105,7 +107,7 @@ bool isBelowOne(std::string_view number)
     return exponent <= -digits;
 }
 
-/// The number at the start of `text`, as numberLength() measured it.
+/// Parses the number at the start of `text`, as measured by numberLength().
 template <class Real> Real numberValue(std::string_view text)
 {
     const bool isNegative = text[0] == '-';
@@ -113,7 +115,8 @@ template <class Real> Real numberValue(std::string_view text)
         text.remove_prefix(1);
     Real value = 0;
     if (std::from_chars(text.data(), text.data() + text.size(), value).ec == std::errc::result_out_of_range) {
-        value = isBelowOne(text) ? Real{0} : std::numeric_limits<Real>::infinity(); // it does not say which
+        // Either an underflow or an overflow: from_chars() does not tell which.
+        value = isBelowOne(text) ? Real{0} : std::numeric_limits<Real>::infinity();
     }
     return isNegative ? -value : value;
 }
@@ -122,7 +125,7 @@ template <class Real> Real numberValue(std::string_view text)
 
 std::string uuidString()
 {
-    std::random_device random; // the kernel's
+    std::random_device random; // the kernel's generator
     uint32_t words[4];
     std::ranges::generate(words, std::ref(random));
     words[1] = (words[1] & 0xFFFF0FFFU) | 0x4000U;     // version 4: random
@@ -139,7 +142,7 @@ std::optional<std::string> stringWithData(std::span<const std::byte> data, const
     if (converter == reinterpret_cast<iconv_t>(-1))
         return std::nullopt;
     std::string input(reinterpret_cast<const char*>(data.data()), data.size());
-    std::string text(data.size() * 4 + 4, '\0'); // no encoding in use needs more
+    std::string text(data.size() * 4 + 4, '\0'); // sufficient for all encodings
     char* from = input.data();
     char* to = text.data();
     size_t left = input.size();

@@ -4,5 +4,6 @@
 
 #include <string_view>
 
-/// Names the calling thread; cut to the whole characters that fit into the kernel's 15 bytes.
+/// Sets the calling thread's name, cut to at most 15 bytes (the kernel's limit) without splitting a
+/// character.
 DXR_EXPORT void vt_setThreadName(std::string_view name);

@@ -9,8 +9,8 @@ using dxr::HostClock;
 
 CXRef<CXTimeBase> CXTimeBase::sharedTimeBase()
 {
-    // Made where it stands, so that a first use on an IO thread allocates nothing, and never destroyed:
-    // threads outlive exit.
+    // Constructed in static storage, so that a first use on an IO thread does not allocate. Never destroyed,
+    // because threads may use it while the process exits.
     alignas(CXTimeBase) static std::byte place[sizeof(CXTimeBase)];
     static auto* const shared =
         new (place) CXTimeBase(HostClock::nanosecondsNumerator, HostClock::nanosecondsDenominator);
@@ -29,7 +29,7 @@ CXRef<CXTimeBase> CXTimeBase::initWithRatio(uint32_t numerator, uint32_t denomin
 
 CXTimeBase::CXTimeBase(uint32_t numerator, uint32_t denominator) noexcept
     : _timeBaseToNanosNumerator(numerator), _timeBaseToNanosDenominator(denominator),
-      // Divided first: a clock made from this takes the rounded quotient for the frequency.
+      // Divided before multiplying, because clocks derived from this object use the rounded quotient.
       _timeBaseAbsoluteFrequency(static_cast<double>(denominator) / static_cast<double>(numerator) * 1e9)
 {}
 

@@ -4,27 +4,29 @@
 
 #include <cstdint>
 
-/// How long a host tick is. Absolute time counts host ticks; nanoseconds = ticks * numerator / denominator.
+/// Converts between host ticks ("absolute time") and nanoseconds: nanoseconds = ticks * numerator /
+/// denominator.
 /// Threads:   immutable, any.
 /// Real time: everything but creation.
 class DXR_EXPORT CXTimeBase final : public CXObject {
 public:
-    /// The process's one instance. Never allocates.
+    /// Returns the process's shared instance. Never allocates.
     static CXRef<CXTimeBase> sharedTimeBase();
-    /// One of its own over the host clock's ratio.
+    /// Creates a separate instance with the host clock's ratio.
     static CXRef<CXTimeBase> init();
-    /// One with another ratio: for a clock that is not the host's. Neither number is 0.
+    /// Creates an instance with another ratio, for a clock other than the host's. Neither number may be 0.
     static CXRef<CXTimeBase> initWithRatio(uint32_t numerator, uint32_t denominator);
 
     /// Ticks per second.
     double absoluteFrequency() const noexcept { return _timeBaseAbsoluteFrequency; }
-    /// Now, in host ticks.
+    /// The current time in host ticks.
     uint64_t absoluteTime() const noexcept CX_REALTIME;
-    /// Now, in nanoseconds.
+    /// The current time in nanoseconds.
     uint64_t nanoseconds() const noexcept CX_REALTIME;
-    /// Cut towards zero, and exact however large the product; the low 64 bits where the result needs more.
+    /// Truncates the result; intermediate products do not overflow. Returns the low 64 bits if the result
+    /// needs more.
     uint64_t nanosecondsFromAbsoluteTime(uint64_t ticks) const noexcept CX_REALTIME;
-    /// Cut towards zero, as above.
+    /// Truncates and overflows in the same way.
     uint64_t absoluteTimeFromNanoseconds(uint64_t nanoseconds) const noexcept CX_REALTIME;
 
 private:

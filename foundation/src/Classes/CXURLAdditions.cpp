@@ -20,7 +20,7 @@ bool isOneOf(char c, std::string_view set)
 constexpr std::string_view unreservedMarks = "-._~";
 constexpr std::string_view subDelimiters = "!$&'()*+,;=";
 
-/// `text` with everything escaped but letters, digits and `allowed`.
+/// Returns `text` with all characters escaped except letters, digits, unreserved marks and `allowed`.
 std::string escaped(std::string_view text, std::string_view allowed)
 {
     std::string result;
@@ -37,7 +37,7 @@ std::string escaped(std::string_view text, std::string_view allowed)
     return result;
 }
 
-/// Whether every character of `part` is allowed there, and every escape whole.
+/// Returns true if `part` contains only permitted characters and `allowed`, and its escapes are complete.
 bool isMadeOf(std::string_view part, std::string_view allowed)
 {
     for (size_t i = 0; i < part.size(); ++i) {
@@ -53,7 +53,7 @@ bool isMadeOf(std::string_view part, std::string_view allowed)
     return true;
 }
 
-/// Takes what follows the first `mark` off `rest`.
+/// Splits `rest` at the first `mark`: returns the text after it and leaves the text before it.
 std::optional<std::string_view> takeAfter(std::string_view& rest, char mark)
 {
     const size_t at = rest.find(mark);
@@ -72,7 +72,7 @@ bool isScheme(std::string_view text)
                std::string_view::npos;
 }
 
-/// "user@host:port", the host perhaps an IPv6 address in brackets.
+/// Returns true for "user@host:port". The host may be an IPv6 address in brackets.
 bool isAuthority(std::string_view text)
 {
     const size_t at = text.rfind('@');
@@ -116,7 +116,8 @@ bool isURL(std::string_view rest)
 std::string queryItem(const std::string& name, const CXPlist& value)
 {
     constexpr std::string_view allowed =
-        "!$'()*+,;:@/?"; // what a query may hold, less what separates its items
+        // The characters allowed in a query, except the separators of its items.
+        "!$'()*+,;:@/?";
     std::string item = escaped(name, allowed);
     if (value.is_null())
         return item;

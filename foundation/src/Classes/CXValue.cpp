@@ -4,7 +4,7 @@
 
 namespace {
 
-/// As ==, to which the largest unsigned number and -1 are the same.
+/// Compares as == does, except that == considers the largest unsigned number equal to -1.
 bool isSame(const CXPlist& a, const CXPlist& b)
 {
     if (a.is_number_integer() && b.is_number_integer() && a.type() != b.type()) {
@@ -50,7 +50,7 @@ bool CXValue::isEqual(const CXObject* other) const
 
 size_t CXValue::hash() const
 {
-    // Equal values may be of different types, one with a sign and one without.
+    // Equal numbers may have different types, signed and unsigned.
     if (_plist.is_number())
         return std::hash<double>()(_plist.get<double>());
     return _plist.is_string() ? std::hash<std::string>()(string()) : _plist.size();

@@ -42,7 +42,7 @@ void CXRegisterDebugCenter(CXBlock<bool()> isActive)
 bool DXRDebugLogIsActive()
 {
     if (isAsking)
-        return false; // the callback logs: to wait for it here would be forever
+        return false; // the callback itself logs; waiting for its result would deadlock
     DebugCenter& center = debugCenter();
     std::call_once(center.asked, [&] {
         CXBlock<bool()> isActive;

@@ -3,20 +3,21 @@
 #include "CXBlock.h"
 #include "CXFormat.h"
 
-// The device layer's opt-in debug log. Off unless the application registers a debug centre.
+// The device layer's debug log. It is off unless the application registers a debug centre.
 // Threads:   any.
-// Real time: no; an inactive log only reads a flag, an active one formats and writes.
+// Real time: no. If inactive, only a flag is read; if active, a line is formatted and written.
 
-/// Registers where the debug-log switch is read: `isActive` is called once, at the first debug line of the
-/// process, and its result is kept. Registering later changes nothing; without it nothing is ever logged.
-/// Debug lines that `isActive` writes itself are dropped, and those of other threads wait for it.
+/// Registers the function that decides whether debug lines are logged. `isActive` is called once, at the
+/// first debug line of the process, and its result is kept; registering later has no effect. Without it no
+/// line is logged. Debug lines that `isActive` itself logs are discarded; other threads' lines wait for it to
+/// return.
 DXR_EXPORT void CXRegisterDebugCenter(CXBlock<bool()> isActive);
 
-/// Whether debug lines are logged: for callers whose line is expensive to build.
+/// Returns true if debug lines are logged; for callers whose lines are expensive to build.
 DXR_EXPORT bool DXRDebugLogIsActive();
 
-/// Logs "[DXR] message", formatted as by printf, when the switch is active; otherwise does nothing at all.
+/// Logs "[DXR] message", formatted as by printf, if debug lines are logged; otherwise does nothing.
 DXR_EXPORT void DXRDebugLog(const char* format, ...) CX_PRINTF(1, 2);
-/// The same, and then the caller's stack to standard error, outermost first, its 32 innermost frames at most.
-/// A null format logs the stack alone.
+/// Logs the same line, then writes the caller's stack to standard error: at most the 32 innermost frames,
+/// outermost first. If `format` is null, writes only the stack.
 DXR_EXPORT void DXRDebugLogWithStack(const char* format, ...) CX_PRINTF(1, 2);

@@ -23,38 +23,39 @@ using dxr::AtomicStack;
 using dxr::AtomicStackPair;
 using dxr::PageMapping;
 
-// Blocks of up to 4096 bytes share 16 KiB chunks; the first word of a chunk, which is aligned to its size,
-// holds the class, and the first block follows at offset 16. A larger block has a mapping of its own, one
-// page longer, and its class stands in the word before it. So a block on a page boundary is a large one, and
-// the few places of a chunk where a small block would lie on one stay unused.
+// Blocks of up to 4096 bytes share 16 KiB chunks. A chunk is aligned to its size; its first word holds the
+// size class, and the first block is at offset 16. A larger block has its own mapping, one page longer than
+// the block, and its class is in the word before the block. So a block on a page boundary is always a large
+// one; positions in a chunk where a small block would begin on a page boundary are not used.
 constexpr size_t chunkSize = 16384;
 constexpr size_t pageSize = 4096;
 constexpr size_t firstBlockOffset = 16;
 constexpr size_t smallestRequest = 16;
 constexpr unsigned largestSmallClass = 12; // 4096 bytes
 constexpr unsigned classCount = 64;
-// Chunks are cut from regions of the system's, so that a request for one rarely enters the kernel, and a
-// process that holds many does not run out of mappings (65,530 by default).
+// Chunks are taken from larger regions, so that a request for a chunk rarely enters the kernel, and a process
+// with many chunks does not exceed the kernel's limit on mappings (65,530 by default).
 constexpr size_t chunksPerRegion = 64;
-// The pages of a new large block come present, in one call where an IO thread would take a fault for each;
-// above this size that would rather waste memory, and only TFA_reserve asks for it.
+// The pages of a new large block are made present in one call, because an IO thread would otherwise take a
+// page fault for each. Above this size that could waste memory, and only TFA_reserve does it.
 constexpr size_t maxBytesMadePresent = size_t{256} * 1024;
 
-// The free blocks of every class: blocks of class k hold 2^k bytes.
+// The free blocks of each class; blocks of class k hold 2^k bytes.
 constinit AtomicStackPair gAllocationQueues[classCount];
-// Of every class's newest chunk the first block that was never used, 0 when none is left. The thread that
-// takes it exchanges it for the block behind it. A chunk stays with its class, so an address never comes back
-// here. Release and acquire: the chunk's first word is written before its blocks are seen.
+// For each class, the first block of its newest chunk that was never used; 0 if all were used. A thread takes
+// the block by exchanging it for the next one. A chunk stays with its class, so an address never reappears
+// here. Release and acquire: the chunk's first word is written before its blocks are visible.
 constinit std::atomic<uintptr_t> gUnusedBlocks[largestSmallClass + 1] = {};
-// The next chunk of the newest region, its address a multiple of the chunk size, plus the number of chunks
-// that are left. Taking one adds a chunk's size and subtracts 1.
+// The address of the next unused chunk of the newest region, a multiple of the chunk size, plus the number of
+// unused chunks. Taking one adds the chunk size and subtracts 1.
 constinit std::atomic<uintptr_t> gUnusedChunks{0};
-// Where this thread takes and puts them. The model: an IO thread's first call must not allocate.
+// The stack that this thread uses for each class. Initial-exec, because an IO thread's first access must not
+// allocate.
 constinit thread_local AtomicStackPair::Side gSides[classCount]
     __attribute__((tls_model("initial-exec"))) = {};
 
-/// The blocks that this thread gave back last: enough of them that one can be fetched from another processor
-/// in the time that so many pops take.
+/// The blocks that this thread freed last. Their number is chosen so that one block can be fetched from
+/// another processor's cache in the time that so many pops take.
 struct Latest {
     static constexpr unsigned count = 4;
     void* blocks[count];
@@ -62,7 +63,8 @@ struct Latest {
 };
 constinit thread_local Latest gLatest __attribute__((tls_model("initial-exec"))) = {};
 
-/// The class of a request: the bit length of size - 1, 4 at least. 64 for what no class can hold.
+/// Returns the class of a request: the bit length of size - 1, at least 4. Returns 64 if no class is large
+/// enough.
 constexpr unsigned classOf(size_t size) noexcept
 {
     return static_cast<unsigned>(std::bit_width((std::max<size_t>(size, 1) - 1) | (smallestRequest - 1)));
@@ -73,7 +75,7 @@ constexpr size_t blockSize(unsigned sizeClass) noexcept
     return size_t{1} << sizeClass;
 }
 
-/// The word that holds the class of `block`.
+/// Returns the address of the word that holds the class of `block`.
 uint64_t* headerOf(const void* block) noexcept
 {
     const auto address = reinterpret_cast<uintptr_t>(block);
@@ -81,7 +83,8 @@ uint64_t* headerOf(const void* block) noexcept
                                                                : address - sizeof(uint64_t));
 }
 
-/// A block as it goes on a list. What this thread has given back lately will come out after it.
+/// Prepares a block for a list. `later` is a block that this thread has freed recently, which will be popped
+/// after this one.
 AtomicStack::Link* linkForBlock(void* block) noexcept
 {
     auto* const link = new (block) AtomicStack::Link;
@@ -99,7 +102,7 @@ void pushBlocks(unsigned sizeClass, AtomicStack::Link* first, AtomicStack::Link*
     gAllocationQueues[sizeClass].pushChain(first, last, gSides[sizeClass]);
 }
 
-/// Written with the C library's buffers out of the way: there may be no memory left for them.
+/// Writes directly to the descriptor, because the C library may have no memory for its buffers.
 void reportFailure(const char* call, size_t mappingSize, size_t requestedSize, int error) noexcept
 {
     char line[192];
@@ -111,7 +114,7 @@ void reportFailure(const char* call, size_t mappingSize, size_t requestedSize, i
 
 enum class Pages { PresentWhenSmall, Present };
 
-/// A new large block that is on no list; null on failure, which is reported.
+/// Creates a large block that is on no list. On failure reports it and returns null.
 void* newLargeBlock(unsigned sizeClass, size_t requestedSize, Pages pages) noexcept
 {
     if (sizeClass >= classCount) {
@@ -131,7 +134,7 @@ void* newLargeBlock(unsigned sizeClass, size_t requestedSize, Pages pages) noexc
     return block;
 }
 
-/// A chunk that is the caller's, its pages not yet present; null on failure, which is reported.
+/// Returns a new chunk for the caller, its pages not yet present. On failure reports it and returns null.
 std::byte* newChunk(size_t requestedSize) noexcept
 {
     constexpr size_t regionSize = chunksPerRegion * chunkSize;
@@ -148,32 +151,32 @@ std::byte* newChunk(size_t requestedSize) noexcept
         const auto start = reinterpret_cast<uintptr_t>(region.address);
         if (gUnusedChunks.compare_exchange_strong(unused, start + chunkSize + chunksPerRegion - 1))
             return region.address;
-        PageMapping::unmap(region.address, regionSize); // another thread was first
+        PageMapping::unmap(region.address, regionSize); // another thread has added a region
     }
-    // There may still be room for one.
+    // The system may still have memory for a single chunk.
     const PageMapping::Result chunk = PageMapping::mapAligned(chunkSize, chunkSize);
     if (!chunk.address)
         reportFailure("vm_allocate", chunkSize, requestedSize, chunk.error);
     return chunk.address;
 }
 
-/// The block behind `block` in its chunk; 0 when it is the last.
+/// Returns the block after `block` in its chunk, or 0 if it is the last.
 uintptr_t blockAfter(uintptr_t block, size_t size) noexcept
 {
     size_t offset = block % chunkSize + size;
     if (offset % pageSize == 0)
-        offset += size; // would be taken for a large block
+        offset += size; // would look like a large block
     return offset + size <= chunkSize ? block - block % chunkSize + offset : 0;
 }
 
-/// Blocks linked in ascending order: first, then next … to last.
+/// Blocks linked from first to last, in ascending order of addresses.
 struct Chain {
     AtomicStack::Link* first = nullptr;
     AtomicStack::Link* last = nullptr;
     size_t count = 0;
 };
 
-/// `block` and those behind it in its chunk.
+/// Links `block` and all blocks after it in its chunk.
 Chain chainFrom(uintptr_t block, size_t size) noexcept
 {
     Chain chain;
@@ -189,15 +192,16 @@ Chain chainFrom(uintptr_t block, size_t size) noexcept
     return chain;
 }
 
-/// Gives a chunk to a class. The address of its first block.
+/// Assigns a chunk to a class. Returns the address of its first block.
 uintptr_t assignChunk(std::byte* chunk, unsigned sizeClass) noexcept
 {
     *reinterpret_cast<uint64_t*>(chunk) = sizeClass;
     return reinterpret_cast<uintptr_t>(chunk) + firstBlockOffset;
 }
 
-/// The next block of the class's newest chunk that was never used; null when none is left. What was on the
-/// list would have been found there, so blocks come out as if all the chunk's had been on it from the start.
+/// Takes the next unused block of the class's newest chunk; null if none is left. Called only if the class's
+/// list is empty, so blocks are returned in the same order as if all blocks of the chunk had been on the list
+/// from the start.
 void* takeUnusedBlock(unsigned sizeClass) noexcept
 {
     std::atomic<uintptr_t>& unused = gUnusedBlocks[sizeClass];
@@ -210,7 +214,8 @@ void* takeUnusedBlock(unsigned sizeClass) noexcept
     return reinterpret_cast<void*>(block); // NOLINT: an address or 0
 }
 
-/// What a request finds when its list is empty. Apart from TFA_malloc(), which would save registers for it.
+/// Allocates a block when the class's list is empty. Not inlined into TFA_malloc(), which would then have to
+/// save registers.
 [[gnu::noinline]] void* newBlock(unsigned sizeClass, size_t requestedSize) noexcept
 {
     if (sizeClass > largestSmallClass)
@@ -225,14 +230,15 @@ void* takeUnusedBlock(unsigned sizeClass) noexcept
     uintptr_t none = 0;
     if (!gUnusedBlocks[sizeClass].compare_exchange_strong(none, second, std::memory_order_release,
                                                           std::memory_order_relaxed)) {
-        // Another thread has made a chunk for this class meanwhile, and there is room for one.
+        // Another thread has added a chunk to this class meanwhile, and gUnusedBlocks can refer to only one.
         const Chain chain = chainFrom(second, blockSize(sizeClass));
         pushBlocks(sizeClass, chain.first, chain.last);
     }
     return reinterpret_cast<void*>(first); // NOLINT: an address
 }
 
-/// A chunk's blocks or one large block, all pages present; an empty chain on failure, which is reported.
+/// Creates the blocks of a chunk, or one large block, with all pages present. On failure reports it and
+/// returns an empty chain.
 Chain newPresentBlocks(unsigned sizeClass, size_t requestedSize) noexcept
 {
     if (sizeClass > largestSmallClass) {
@@ -247,12 +253,12 @@ Chain newPresentBlocks(unsigned sizeClass, size_t requestedSize) noexcept
         return {};
     if (!PageMapping::makePresent(chunk, chunkSize)) {
         reportFailure("vm_allocate", chunkSize, requestedSize, errno);
-        return {}; // the chunk is lost, and there is no memory for it either
+        return {}; // the chunk is not reused; the system has no memory for it
     }
     return chainFrom(assignChunk(chunk, sizeClass), blockSize(sizeClass));
 }
 
-/// The class of a block in use; ends the process when its header was overwritten.
+/// Returns the class of an allocated block; ends the process if its header was overwritten.
 unsigned checkedClassOf(const void* block) noexcept
 {
     const uint64_t sizeClass = *headerOf(block);
@@ -318,7 +324,7 @@ void* TFA_realloc(void* pointer, size_t size) noexcept
     const size_t newSize = TFA_malloc_good_size(size);
     if (oldSize == newSize)
         return pointer;
-    void* const block = TFA_malloc(newSize == 0 ? size : newSize); // 0: beyond every class, and refused there
+    void* const block = TFA_malloc(newSize == 0 ? size : newSize); // 0: too large, and TFA_malloc fails
     if (!block)
         return nullptr;
     if (pointer) {
@@ -332,7 +338,7 @@ void* TFA_reallocf(void* pointer, size_t size) noexcept
 {
     void* const block = TFA_realloc(pointer, size);
     if (!block)
-        std::free(pointer); // NOLINT: published behaviour, see the header
+        std::free(pointer); // NOLINT: kept for compatibility, see the header
     return block;
 }
 
@@ -350,7 +356,7 @@ size_t TFA_malloc_good_size(size_t size) noexcept
 
 void* TFA_valloc(size_t size) noexcept
 {
-    return TFA_malloc(std::max(size, 2 * pageSize)); // a small block is never on a page boundary
+    return TFA_malloc(std::max(size, 2 * pageSize)); // small blocks are never page-aligned
 }
 
 bool TFA_reserve(size_t size, size_t count) noexcept

@@ -5,52 +5,52 @@
 
 #include <cstddef>
 
-// The thread-safe fast allocator: power-of-two blocks on one lock-free list per size, for memory that is
-// taken and given back on IO threads. A request gets the next power of two at or above it, 16 bytes at least;
-// a freed block goes back to the list of its size and is never returned to the system.
-// Threads:   every function from any thread at once.
-// Real time: TFA_free, and an allocation that finds a free block of its size: one exchange of a list's head,
-//            the same time for every size. Only a size that has run out asks the system for more; TFA_reserve
+// The thread-safe fast allocator, for memory that IO threads allocate and free: power-of-two blocks, with one
+// lock-free free list per size. A request gets a block of the next power of two, at least 16 bytes. A freed
+// block returns to the list of its size and is never returned to the system.
+// Threads:   every function may be called on any thread, concurrently.
+// Real time: TFA_free, and an allocation that finds a free block: one exchange of a list's head, in the same
+//            time for every size. Only if a size's list is empty is the system asked for memory; TFA_reserve
 //            prevents that.
-// Fails:     where the system has no memory to give, a line on standard error and null. Pointers that did not
-//            come from here are not detected.
+// Fails:     if the system has no memory, writes a line to standard error and returns null. Pointers that
+//            this allocator did not return are not detected.
 
 extern "C" {
 
-/// A block of at least `size` bytes, aligned to 16 and, above 4096 bytes, to a page; its content is
-/// undefined. 0 counts as 1.
+/// Allocates a block of at least `size` bytes, aligned to 16 bytes or, if larger than 4096 bytes, to a page.
+/// Its content is undefined. A size of 0 is treated as 1.
 [[nodiscard]] DXR_EXPORT void* TFA_malloc(size_t size) noexcept CX_REALTIME;
-/// A block of count * size bytes, zeroed. The product is not checked for overflow.
+/// Allocates a block of count * size bytes, zeroed. The product is not checked for overflow.
 [[nodiscard]] DXR_EXPORT void* TFA_calloc(size_t count, size_t size) noexcept CX_REALTIME;
-/// A block for `size` bytes that begins with what `pointer` held: the same block when its size fits exactly,
-/// else another, and `pointer` is freed. A size of 0 gives a block of 16 bytes and frees nothing for good; a
-/// null pointer allocates. On failure null, and `pointer` stays.
+/// Resizes a block. Returns the same block if its size fits exactly, otherwise a new block with the same
+/// content, and frees `pointer`. A size of 0 returns a block of 16 bytes; a null pointer allocates. On
+/// failure returns null and leaves `pointer` unchanged.
 [[nodiscard]] DXR_EXPORT void* TFA_realloc(void* pointer, size_t size) noexcept CX_REALTIME;
-/// As TFA_realloc, but on failure `pointer` goes to the C library's free(), which is not where it came from:
-/// kept as published. A caller that must survive a failure uses TFA_realloc.
+/// Like TFA_realloc, but on failure passes `pointer` to the C library's free(), which did not allocate it;
+/// kept for compatibility. Callers that must survive a failure use TFA_realloc.
 [[nodiscard]] DXR_EXPORT void* TFA_reallocf(void* pointer, size_t size) noexcept;
-/// Gives a block back. Null does nothing; a block whose header is damaged ends the process.
+/// Frees a block. Does nothing for null; ends the process if the block's header is damaged.
 DXR_EXPORT void TFA_free(void* pointer) noexcept CX_REALTIME;
-/// How many bytes the block holds; 0 for null.
+/// The size of the block in bytes; 0 for null.
 [[nodiscard]] DXR_EXPORT size_t TFA_malloc_size(const void* pointer) noexcept CX_REALTIME;
-/// How many bytes a request for `size` would hold: 16 for 0. Past the largest power of two there is none: 0.
+/// The size of the block that a request for `size` bytes returns: 16 for 0, and 0 if the request is larger
+/// than the largest power of two.
 [[nodiscard]] DXR_EXPORT size_t TFA_malloc_good_size(size_t size) noexcept CX_REALTIME;
-/// A page-aligned block of at least `size` bytes, and of 8192 at least.
+/// Allocates a page-aligned block of at least `size` bytes, and at least 8192.
 [[nodiscard]] DXR_EXPORT void* TFA_valloc(size_t size) noexcept CX_REALTIME;
 
-/// Adds at least `count` free blocks for requests of `size` bytes, their pages already present, so that as
-/// many requests find a block regardless of what is in use. Not for an IO thread: it asks the system for
-/// memory. False when the system gives less; what it gave stays.
+/// Adds at least `count` free blocks for requests of `size` bytes, with their pages already present, whatever
+/// the number of blocks in use or free. Not for an IO thread: it asks the system for memory. Returns false if
+/// the system provides less; blocks already added remain.
 [[nodiscard]] DXR_EXPORT bool TFA_reserve(size_t size, size_t count) noexcept;
 
-/// An allocator as a table of callbacks, for containers that take theirs that way. `hint` and `info` are
-/// ignored.
+/// An allocator as a table of callbacks, for containers that accept one. `hint` and `info` are ignored.
 struct CXAllocatorCallbacks {
     long version; ///< 0
-    void* info;   ///< null: nothing to retain, release or describe
+    void* info;   ///< null
     /// TFA_malloc.
     void* (*allocate)(long size, unsigned long hint, void* info);
-    /// TFA_realloc; null when the pointer is null or the size 0.
+    /// TFA_realloc; returns null if the pointer is null or the size 0.
     void* (*reallocate)(void* pointer, long newSize, unsigned long hint, void* info);
     /// TFA_free.
     void (*deallocate)(void* pointer, void* info);
@@ -58,7 +58,7 @@ struct CXAllocatorCallbacks {
     long (*preferredSize)(long size, unsigned long hint, void* info);
 };
 
-/// The fast allocator; ready before any code of the process runs.
+/// The fast allocator. Statically initialised, so it can be used before any constructor of the process runs.
 DXR_EXPORT extern const CXAllocatorCallbacks* const CXTFACFAllocator;
 
 } // extern "C"

@@ -2,8 +2,8 @@
 
 #include "CXRealtime.h"
 
-/// Blocks of the fast allocator, all of one size, that go back together: one exchange of the list's head for
-/// all of them, where freeing each alone would fight with threads that allocate that size.
+/// Collects blocks of the fast allocator, all of one size, and frees them together with one exchange of the
+/// list's head. Freeing each block separately would contend with threads that allocate that size.
 /// Threads:   one at a time.
 /// Real time: everything.
 /// Owns:      the blocks, until giveBack().
@@ -14,9 +14,9 @@ public:
     TFASpentBlocks& operator=(const TFASpentBlocks&) = delete;
     ~TFASpentBlocks() { giveBack(); }
 
-    /// Takes a block instead of TFA_free. Gives them all back when they have become many.
+    /// Adds a block instead of calling TFA_free. Frees all blocks when many have been added.
     void add(void* block) noexcept CX_REALTIME;
-    /// The block added last is the first to be used again, as if each had been freed.
+    /// Frees all blocks. The block added last is reused first, as if each had been freed separately.
     void giveBack() noexcept CX_REALTIME;
 
 private:
