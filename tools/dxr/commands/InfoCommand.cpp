@@ -88,7 +88,7 @@ void printDirection(const Terminal& terminal, const DeviceReport& device, HALDir
     printControls(terminal, direction);
     printField(terminal, "  Latency", framesText(direction.latencyFrames, device.sampleRate));
     printField(terminal, "  Safety offset", framesText(direction.safetyOffsetFrames, device.sampleRate));
-    // As a runner with the device's own cycles reports it.
+    // The latency that a runner reports if its blocks have the length of the device's cycles.
     printField(terminal, isInput ? "  Air to block" : "  Block to air",
                framesText(direction.latencyFrames + direction.safetyOffsetFrames +
                               (isInput ? 1 : 2) * device.bufferFrameSize,

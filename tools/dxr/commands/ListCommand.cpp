@@ -37,11 +37,11 @@ std::vector<std::string> linesOf(const Options& options, const Terminal& termina
                            : deviceTable(devices, terminal.columns(), terminal);
 }
 
-/// Prints the list, and again whenever it changes: on a terminal in place, else below.
+/// Prints the list now and whenever it changes: on a terminal redrawn in place, else below the last one.
 void watch(const Options& options, const Terminal& terminal)
 {
     const Interrupts interrupts;
-    std::signal(SIGPIPE, SIG_DFL); // the end of the reader is the end
+    std::signal(SIGPIPE, SIG_DFL); // ends the process when the reader of its output ends
     LiveLines live(terminal);
     DeviceWatch changes(options.withHidden);
     changes.begin();

@@ -24,7 +24,7 @@ struct Curve {
     std::function<double(const DriftPoint&)> value;
 };
 
-/// Draws a panel. Returns its bottom.
+/// Draws a panel. Returns the y of its bottom.
 double draw(Chart& chart, double top, const std::string& title, double minSpan,
             const std::vector<Curve>& curves, const std::vector<DriftPoint>& points, double seconds)
 {
@@ -67,7 +67,7 @@ std::string summary(const DriftFigures& figures)
 
 void writeChart(const std::string& file, const DriftScenario& scenario, const DriftRun& run)
 {
-    constexpr size_t maxPoints = 2000; // of a curve
+    constexpr size_t maxPoints = 2000; // for each curve
     std::vector<DriftPoint> points;
     const size_t step = run.points.size() / maxPoints + 1;
     for (size_t i = 0; i < run.points.size(); i += step)

@@ -19,7 +19,8 @@ struct Options : RunnerOptions {
     uint32_t bits = 0;
 };
 
-/// Writes until the file has `maxFrames` or the user ends it. False when no audio comes for too long.
+/// Writes until the file has `maxFrames` or the user ends it. If `maxFrames` is limited, returns false once
+/// no audio has arrived for ten seconds.
 bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames,
             SessionScreen& screen)
 {
@@ -34,7 +35,7 @@ bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& fil
         if (file.framesWritten() != before)
             lastFrameAt = session.seconds();
         if (maxFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
-            return false; // a program that waits for the end would wait forever
+            return false; // a program that waits for the recording's end would wait forever
         screen.draw(recorder.meters(), formatSeconds(static_cast<double>(file.framesWritten()) / rate) +
                                            " recorded   Ctrl-C ends");
     }
@@ -71,7 +72,7 @@ void run(Options& options)
         isComplete = record(session, *recorder, file, maxFrames, screen);
         session.stop();
         if (recorder->isOpen())
-            recorder->writeTo(file, maxFrames, true); // the rest
+            recorder->writeTo(file, maxFrames, true); // the remaining frames
         file.finish();
     } catch (const ToolFailure&) {
         file.finish();

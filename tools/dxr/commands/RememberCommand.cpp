@@ -14,7 +14,7 @@ struct Options : DeviceArgument {
     std::optional<std::string> key, value;
 };
 
-/// JSON, else plain text.
+/// Parses `text` as JSON; if it is not JSON, returns it as a string.
 CXPlist valueFrom(const std::string& text)
 {
     const CXPlist parsed = CXPlist::parse(text, nullptr, false);

@@ -22,10 +22,10 @@ struct Options : DeviceArgument {
 
 struct Volume {
     float value = 0.0F;
-    bool isRelative = false; ///< to be added to the present one
+    bool isRelative = false; ///< whether the value is added to the current volume
 };
 
-/// "0.5" or "50%" as 0.5; with a sign a change, "+5%". Throws CLI::ValidationError.
+/// Parses "0.5" or "50%", or with a sign a change such as "+5%". Throws CLI::ValidationError for other texts.
 Volume volumeFrom(const std::string& text)
 {
     std::string number = text;
@@ -41,7 +41,7 @@ Volume volumeFrom(const std::string& text)
     return {static_cast<float>(value), isRelative};
 }
 
-/// Makes the changes of one command line.
+/// Makes the changes that a command line asks for.
 class Changes {
 public:
     Changes(const Options& options, const DeviceReport& device)
@@ -71,7 +71,7 @@ private:
 
     void _print(const std::string& what) const { std::cout << _name << ": " << what << "\n"; }
 
-    /// The channel that was asked for, else the main element, else every channel with a control.
+    /// The channel given by the user, else the main element, else every channel with a volume control.
     std::vector<uint32_t> _volumeElements() const
     {
         if (_options.channel)
@@ -93,7 +93,7 @@ private:
 
     void _setVolume(const Volume& wanted) const
     {
-        constexpr double tolerance = 0.01; // hardware has steps
+        constexpr double tolerance = 0.01; // hardware rounds volumes to its steps
         const std::vector<uint32_t> elements = _volumeElements();
         if (elements.empty())
             _fail(formatText("its %s has no volume control", nameOf(_direction)));
@@ -162,7 +162,7 @@ void run(Options& options)
     if (options.channel && options.volume.empty() && options.mute.empty())
         throw CLI::ValidationError("--channel", "goes with --volume or --mute");
     if (!options.volume.empty())
-        volumeFrom(options.volume); // wrong usage is reported before a device is changed
+        volumeFrom(options.volume); // reports wrong usage before a device is changed
     const DeviceReport device = options.report();
     Changes(options, device).make();
 }

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr uint64_t maxWaveBytes = 0xFFFFFFFFU - 4096; // of samples; sizes in the header have 32 bits
+constexpr uint64_t maxWaveBytes = 0xFFFFFFFFU - 4096; // of samples: sizes in the header have 32 bits
 constexpr uint64_t framesAtOnce = 4096;
 
 bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
@@ -17,7 +17,7 @@ bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
     return seconds * sampleRate * channelCount * sizeof(float) > static_cast<double>(maxWaveBytes);
 }
 
-/// The loudspeakers of the channels, for a usual number of them.
+/// The loudspeaker positions of the channels; empty for a channel count without a standard layout.
 std::vector<int> channelMap(uint32_t channelCount)
 {
     std::vector<int> map;
@@ -74,7 +74,7 @@ void SoundFileWriter::_setUp(const SoundFormat& format)
     if (std::vector<int> map = channelMap(_channelCount); !map.empty())
         sf_command(_file.get(), SFC_SET_CHANNEL_MAP_INFO, map.data(),
                    static_cast<int>(map.size() * sizeof(int)));
-    if (!format.isOgg()) // it would get a second header
+    if (!format.isOgg()) // libsndfile would write a second header
         sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     if (sf_error(_file.get()))
         throw ToolFailure(_name + ": cannot be written: " + singleLine(sf_strerror(_file.get())));

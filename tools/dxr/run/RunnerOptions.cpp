@@ -13,7 +13,7 @@ constexpr const char* aboutDevices =
     "as in 'usb:1,2' or 'desk:3-6'; without them, all of the device's are used. --in and --out may\n"
     "be repeated.";
 
-/// CLI11's own prints the largest number there is, to its last digit.
+/// Used instead of CLI11's validator, whose help text includes the largest double with all its digits.
 const CLI::Validator aboveZero(
     [](std::string& text) {
         double number = 0.0;
@@ -88,7 +88,7 @@ void RunnerOptions::_waitForDevices()
 {
     const Interrupts interrupts;
     DeviceWatch watch(true);
-    watch.begin(); // before the first look, so that no change is missed
+    watch.begin(); // before the first search, so that no change is missed
     std::unique_ptr<SimulatedVisitor> visitor;
     std::string reason;
     do {
