@@ -151,7 +151,7 @@ void registerAggregateCommand(CLI::App& app)
     aggregate->require_subcommand(1);
     const auto [command, options] =
         addCommand(*aggregate, "create",
-                   "Combine devices into one while this runs, and show how their clocks differ", run);
+                   "Combine devices into one while the command runs, and show how their clocks differ", run);
     command.add_option("name", options.name, "The name of the new device")->required();
     command
         .add_option("devices", options.devices,

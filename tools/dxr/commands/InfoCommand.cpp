@@ -132,5 +132,5 @@ void run(Options& options)
 void registerInfoCommand(CLI::App& app)
 {
     const auto [command, options] = addCommand(app, "info", "Show all properties of a device", run);
-    command.add_flag("--json", options.asJSON, "As JSON");
+    command.add_flag("--json", options.asJSON, "Print JSON");
 }

@@ -75,7 +75,7 @@ void run(Options& options)
 void registerListCommand(CLI::App& app)
 {
     const auto [command, options] = addCommand(app, "list", "Show the audio devices", run);
-    command.add_flag("--all", options.withHidden, "Hidden devices too");
-    command.add_flag("--json", options.asJSON, "A JSON array of all properties of the devices");
-    command.add_flag("--watch", options.watches, "Again whenever something changes, until Ctrl-C");
+    command.add_flag("--all", options.withHidden, "Include hidden devices");
+    command.add_flag("--json", options.asJSON, "Print a JSON array of all properties of the devices");
+    command.add_flag("--watch", options.watches, "Print the list again whenever it changes, until Ctrl-C");
 }

@@ -75,5 +75,5 @@ void registerLoopCommand(CLI::App& app)
     options.addInputs("A device to record; the default input if not given");
     options.addOutputs("A device to play on; the default output if not given");
     options.useDefaults();
-    options.addSeconds("End after so many seconds of sound");
+    options.addSeconds("End after this many seconds of sound");
 }

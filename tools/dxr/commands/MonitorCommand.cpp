@@ -243,7 +243,7 @@ void registerMonitorCommand(CLI::App& app)
     const auto [command, options] = addCommand(
         app, "monitor", "Show devices, levels, cycles and clocks on the whole terminal", runMonitor);
     options.setAbout(
-        "Runs the named devices, by default the default ones, also when these change. The outputs are silent "
+        "Runs the named devices, or else the default devices, even as these change. The outputs are silent "
         "until the key l plays the inputs on them; q ends it.");
     options.addInputs("A device to record");
     options.addOutputs("A device to run");

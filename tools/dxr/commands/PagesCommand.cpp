@@ -197,7 +197,7 @@ void registerPagesCommands(CLI::App& app)
         addCommand(app, "completion", "Print a shell's completion of the commands", complete);
     completion
         .add_option("shell", options.what,
-                    "bash, zsh or fish; for these, 'words' and 'devices' print candidates")
+                    "bash, zsh or fish; 'words' and 'devices' print candidates for these shells")
         ->required()
         ->check(CLI::IsMember({"bash", "zsh", "fish", "words", "devices"}));
     completion.add_option("line", options.line, "For 'words': the command line before the word");

@@ -142,7 +142,7 @@ void registerPlayCommand(CLI::App& app)
         "it returns; the others continue meanwhile.");
     options.addOutputs("A device to play on; the default output if not given");
     options.useDefaults();
-    options.addSeconds("End after so many seconds of sound");
+    options.addSeconds("End after this many seconds of sound");
     command.add_flag("--loop", options.isRepeated, "Start again at the end, until Ctrl-C or for --seconds");
     command.add_option("--format", options.format, "Raw samples: s16:RATE:CHANNELS or f32:RATE:CHANNELS");
     CLI::Option* const channels =

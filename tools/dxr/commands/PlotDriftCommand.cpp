@@ -129,7 +129,8 @@ void registerPlotDriftCommand(CLI::App& plot)
         "How much faster than nominal the reader's clock runs");
     add("--wander", scenario.source.wanderPartsPerMillion, 0.0, 1000.0,
         "How far the source's clock wanders, in ppm");
-    add("--wander-period", scenario.source.wanderSeconds, 10.0, 1e6, "The period of that, in seconds");
+    add("--wander-period", scenario.source.wanderSeconds, 10.0, 1e6,
+        "The period of this variation, in seconds");
     add("--frames", scenario.source.frameCount, 8, 8192, "Frames of the source's cycle");
     add("--reader-frames", scenario.reader.frameCount, 8, 8192, "Frames of the reader's cycle");
     add("--rate", scenario.source.rate, 8000.0, 768000.0, "The source's nominal rate, in Hz");

@@ -47,7 +47,7 @@ std::string resultOf(const SoundFileWriter& file, const FileRecorder& recorder, 
     return formatCount(file.framesWritten(), "frame") + " written (" +
            formatSeconds(static_cast<double>(file.framesWritten()) / rate) + "), " +
            formatNumber(recorder.droppedFrames()) + " lost because the disk was too slow, " +
-           formatNumber(recorder.silentFrames()) + " silent because no cycle came";
+           formatNumber(recorder.silentFrames()) + " silent because cycles were lost";
 }
 
 void run(Options& options)
@@ -99,9 +99,9 @@ void registerRecordCommand(CLI::App& app)
         "disconnects is silent until it returns.");
     options.addInputs("A device to record; the default input if not given");
     options.useDefaults();
-    options.addSeconds("End after so many seconds of sound");
+    options.addSeconds("End after this many seconds of sound");
     command.add_option("--format", options.format,
                        SoundFormat::names() + "; by the file's name if not given");
-    command.add_option("--bits", options.bits, "Of a sample: 16, 24, or 32 for floats")
+    command.add_option("--bits", options.bits, "Bits of a sample: 16, 24, or 32 for floats")
         ->check(CLI::IsMember({16, 24, 32}));
 }

@@ -168,7 +168,7 @@ void run(Options& options)
         Progress progress;
         while (resampling.step()) {
             if (interrupts.wasAsked())
-                throw ToolFailure("stopped; " + singleLine(options.output) + " holds the start");
+                throw ToolFailure("stopped; " + singleLine(options.output) + " is incomplete");
             progress.show(resampling.progress());
         }
     }

@@ -96,7 +96,7 @@ private:
         constexpr double tolerance = 0.01; // hardware rounds volumes to its steps
         const std::vector<uint32_t> elements = _volumeElements();
         if (elements.empty())
-            _fail(formatText("its %s has no volume control", nameOf(_direction)));
+            _fail(formatText("the %s has no volume control", nameOf(_direction)));
         float volume = wanted.value;
         for (const uint32_t element : elements) {
             if (wanted.isRelative)
@@ -126,10 +126,10 @@ private:
             found = std::ranges::find(_report.sources, foldCase(wanted),
                                       [](const Source& source) { return foldCase(source.name); });
         if (_report.sources.empty())
-            _fail(formatText("its %s has no sources", nameOf(_direction)));
+            _fail(formatText("the %s has no sources", nameOf(_direction)));
         if (found == _report.sources.end())
             _fail("no source '" + singleLine(wanted) +
-                  "'; there is: " + shortText(joined(_report.sources, ", ", &Source::name), 200));
+                  "'; available: " + shortText(joined(_report.sources, ", ", &Source::name), 200));
         setAndWait(_name, _device.deviceID, DXRPropertyAddress::deviceDataSource(_scope), found->sourceID,
                    "source");
         _print(std::string(nameOf(_direction)) + " source " + shortText(found->name, 40));
@@ -138,7 +138,7 @@ private:
     void _makeDefault() const
     {
         if (_report.channelCount == 0)
-            _fail(formatText("it has no %s channels", nameOf(_direction)));
+            _fail(formatText("the device has no %s channels", nameOf(_direction)));
         const auto property = _direction == HALDirection::Input
                                   ? DXRPropertyAddress::hardwareDefaultInputDevice()
                                   : DXRPropertyAddress::hardwareDefaultOutputDevice();
@@ -160,7 +160,7 @@ void run(Options& options)
         !options.makesDefault)
         throw CLI::ValidationError("set", "needs one of --volume, --mute, --source, --rate, --default");
     if (options.channel && options.volume.empty() && options.mute.empty())
-        throw CLI::ValidationError("--channel", "goes with --volume or --mute");
+        throw CLI::ValidationError("--channel", "needs --volume or --mute");
     if (!options.volume.empty())
         volumeFrom(options.volume); // reports wrong usage before a device is changed
     const DeviceReport device = options.report();
@@ -174,7 +174,8 @@ void registerSetCommand(CLI::App& app)
     const auto [command, options] =
         addCommand(app, "set", "Change a device's volume, mute, source or rate", run);
     command.add_option("--volume", options.volume, "0 to 1, or 0% to 100%; +5% and -5% change it");
-    command.add_option("--channel", options.channel, "Only this channel, from 1")->check(CLI::PositiveNumber);
+    command.add_option("--channel", options.channel, "Only this channel, counted from 1")
+        ->check(CLI::PositiveNumber);
     command.add_option("--mute", options.mute, "on, off or toggle")
         ->check(CLI::IsMember({"on", "off", "toggle"}));
     command.add_option("--source", options.source, "A data source, by its name or ID");

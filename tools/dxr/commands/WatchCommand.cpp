@@ -58,8 +58,8 @@ void registerWatchCommand(CLI::App& app)
 {
     const auto [command, options] =
         addCommand(app, "watch", "Report devices that connect, disconnect or change, until Ctrl-C", run);
-    command.add_flag("--all", options.withHidden, "Hidden devices too");
-    command.add_flag("--json", options.asJSON, "A JSON object per line");
+    command.add_flag("--all", options.withHidden, "Include hidden devices");
+    command.add_flag("--json", options.asJSON, "Print a JSON object per line");
     command.add_flag("--identity", options.withIdentity,
-                     "The objects of each device: the same when it is connected again");
+                     "Print the objects of each device, which stay the same when it is connected again");
 }

@@ -80,11 +80,11 @@ SoundFileReader::SoundFileReader(const std::string& path, const SoundFormat& for
     _info.channels = static_cast<int>(format.channelCount);
     _open(path);
     if (_info.frames <= 0)
-        throw ToolFailure(_name + ": holds no sound");
+        throw ToolFailure(_name + ": contains no sound");
     if (_info.channels < 1 || _info.channels > maxChannels || _info.samplerate < 1)
         throw ToolFailure(_name + ": not a sound file: its header is invalid");
     if (!_stream && !format.isRaw() && isCutShort(_file.get(), _info))
-        throw ToolFailure(_name + ": is cut short");
+        throw ToolFailure(_name + ": is truncated");
     _length = static_cast<uint64_t>(_info.frames);
     if (_stream)
         _stream->begin();

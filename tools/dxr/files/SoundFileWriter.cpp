@@ -113,7 +113,7 @@ void SoundFileWriter::_write(const std::vector<float>& samples, uint64_t frameCo
     _framesWritten += static_cast<uint64_t>(std::max<sf_count_t>(written, 0));
     _hasFailed = static_cast<uint64_t>(written) != frameCount;
     if (_hasFailed && count < frameCount)
-        throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; with --seconds it becomes RF64");
+        throw ToolFailure(_name + ": is full: the limit of WAV is 4 GB; with --seconds, RF64 is used");
     if (_hasFailed)
         throw ToolFailure(_name + ": cannot be written: " + reasonText(reason, _file.get()));
     if (!_stream && before / _headerEvery != _framesWritten / _headerEvery)

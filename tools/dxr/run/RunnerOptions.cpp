@@ -10,8 +10,8 @@ namespace {
 
 constexpr const char* aboutDevices =
     "A DEVICE is 'default', a UID, a reference, or a part of a name. CHANNELS are counted from 1,\n"
-    "as in 'usb:1,2' or 'desk:3-6'; without them, all of the device's are used. --in and --out may\n"
-    "be repeated.";
+    "as in 'usb:1,2' or 'desk:3-6'; by default, all channels of the device are used. --in and --out\n"
+    "may be repeated.";
 
 /// Used instead of CLI11's validator, whose help text includes the largest double with all its digits.
 const CLI::Validator aboveZero(
@@ -34,10 +34,11 @@ std::streambuf& nowhere()
 
 RunnerOptions::RunnerOptions(CLI::App& command) : HardwareChoice(command), _command(command)
 {
-    command.add_option("--frames", _frames, "Frames of a block; by default those of the devices' cycle")
+    command.add_option("--frames", _frames, "Frames of a block; by default those of the devices' cycles")
         ->check(aboveZero);
     command.add_flag("--wait", _waits, "Wait for devices that are not connected yet");
-    command.add_option("--rate", _rate, "The sample rate in Hz; by default the devices'")->check(aboveZero);
+    command.add_option("--rate", _rate, "The sample rate in Hz; by default that of the devices")
+        ->check(aboveZero);
 }
 
 void RunnerOptions::setAbout(const std::string& about)

@@ -64,7 +64,7 @@ extern "C" void noteNewSize(int)
 TerminalScreen::TerminalScreen()
 {
     if (!Terminal().isLive())
-        throw ToolFailure("standard output is no terminal to draw on (dxr watch writes lines)");
+        throw ToolFailure("standard output is not a terminal; 'dxr watch' prints lines instead");
     if (tcgetattr(STDIN_FILENO, &modesBefore) == 0) {
         hasModes = true;
         _keyboard = STDIN_FILENO;
