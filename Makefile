@@ -85,7 +85,7 @@ deb: dist
 	rm -rf build/deb && mkdir -p build/deb && tar -xzf build/dxr-$(VERSION).tar.gz -C build/deb
 	cd build/deb/dxr-$(VERSION) && dpkg-buildpackage -us -uc -b -j$(JOBS)
 	lintian --suppress-tags bogus-mail-host,bogus-mail-host-in-debian-changelog --allow-root \
-		--fail-on error,warning build/deb/*.changes # nobody publishes these packages yet
+		--fail-on error,warning build/deb/*.changes # the packages are not published yet
 
 clean:
 	rm -rf build out

@@ -24,7 +24,7 @@ struct SoundFormat {
     /// WAV. `bits` is 16, 24, 32 (floats), or 0 for the format's default. Throws ToolFailure for an unknown
     /// format or sample size.
     static SoundFormat toWrite(const std::string& path, const std::string& named, uint32_t bits);
-    /// The format of raw samples as "s16:48000:2" or "f32:44100:1"; an empty text stands for the format in
+    /// The format of raw samples as "s16:48000:2" or "f32:44100:1"; an empty text selects the format in
     /// the file's header. Throws ToolFailure for other texts.
     static SoundFormat toRead(const std::string& named);
     /// The names that toWrite() accepts: "wav, flac, …".
