@@ -1,4 +1,4 @@
-# The two commands of the README, and what developers use besides. CMake does the building.
+# The two commands of the README, and those for developers. They use CMake.
 JOBS ?= $(shell nproc)
 DEMO_ARGS ?=
 PREFIX ?= /usr/local
@@ -14,7 +14,7 @@ define build
 	cmake --build --preset $(1) -j $(JOBS)
 endef
 
-## make demo     devices come and go while audio runs; needs no sound hardware
+## make demo     runs audio while devices connect and disconnect; needs no sound hardware
 demo: release
 	build/release/tools/dxr/dxr demo $(DEMO_ARGS)
 
@@ -24,7 +24,7 @@ test:
 	$(call build,dev)
 	ctest --preset dev -j $(JOBS) -LE soak
 
-## make check    tests under the sanitizers, clang's analysis, formatting; what CI runs besides
+## make check    formatting, clang's analysis and clang-tidy, and the tests under the sanitizers
 check: lint asan tsan
 
 asan tsan:
@@ -36,7 +36,7 @@ lint:
 	@scripts/install-packages build tests checks
 	scripts/lint
 
-## make coverage which lines the tests reach: build/coverage/report.txt, and report.html beside it
+## make coverage the lines that the tests reach: build/coverage/report.txt and report.html
 coverage:
 	@scripts/install-packages build tests release
 	$(call build,coverage)
@@ -44,12 +44,12 @@ coverage:
 	gcovr --root . --exclude tests --exclude fuzz --exclude bench --exclude-throw-branches --print-summary \
 	    --txt build/coverage/report.txt --html-details build/coverage/report.html build/coverage
 
-## make bench    speed, each measure beside its peers
+## make bench    runs the benchmarks, which compare the library with alternatives
 bench:
 	@scripts/install-packages build tests bench
 	scripts/bench
 
-## make soak     the long runs: an hour of audio, the fuzzers
+## make soak     runs the long tests: an hour of audio, an emulated kernel, the packages, the fuzzers
 soak:
 	@scripts/install-packages build tests checks kernel
 	scripts/soak
@@ -62,30 +62,30 @@ release:
 	@scripts/install-packages build
 	$(call build,release)
 
-## make install  under PREFIX, /usr/local if not said; DESTDIR goes before it
+## make install  installs under PREFIX, by default /usr/local; DESTDIR is prepended
 install: release
 	DESTDIR="$(DESTDIR)" cmake --install "$(BUILD_DIR)" --prefix "$(PREFIX)"
 
-## make manual   the manual and the API reference, in build/manual/html
+## make manual   builds the manual and the API reference in build/manual/html
 manual:
 	@scripts/install-packages packaging
 	mkdir -p build/manual
 	doxygen docs/manual/Doxyfile
 	scripts/check-manual
 
-## make dist     a tarball of what is committed, which builds without git
+## make dist     packs the committed files into a tarball that builds without git
 VERSION := $(word 3,$(shell grep -oE 'dxr VERSION [0-9.]+' CMakeLists.txt))
 dist:
 	@mkdir -p build
 	git archive --prefix=dxr-$(VERSION)/ HEAD | gzip -9n > build/dxr-$(VERSION).tar.gz
 
-## make deb      Debian packages, in build/deb
+## make deb      builds Debian packages in build/deb
 deb: dist
 	@scripts/install-packages build packaging
 	rm -rf build/deb && mkdir -p build/deb && tar -xzf build/dxr-$(VERSION).tar.gz -C build/deb
 	cd build/deb/dxr-$(VERSION) && dpkg-buildpackage -us -uc -b -j$(JOBS)
 	lintian --suppress-tags bogus-mail-host,bogus-mail-host-in-debian-changelog --allow-root \
-		--fail-on error,warning build/deb/*.changes # nobody publishes these packages yet
+		--fail-on error,warning build/deb/*.changes # the packages are not published yet
 
 clean:
 	rm -rf build out

@@ -1,5 +1,5 @@
-# The house is built in floors; each is a target that links only the floors below it, so an include of a
-# higher floor's header does not build.
+# The code is divided into floors. Each floor is a target that links only the floors below it, so that
+# including a header of a higher floor does not build.
 
 set(DXR_PUBLIC_INCLUDE_DIR ${PROJECT_BINARY_DIR}/include CACHE INTERNAL "")
 set_property(GLOBAL PROPERTY DXR_FLOOR_TARGETS "")
@@ -8,8 +8,9 @@ set_property(GLOBAL PROPERTY DXR_PUBLIC_HEADERS "")
 
 # dxr_floor(NAME BELOW <floor>... SOURCES <file>... PUBLIC_HEADERS <file>... LIBRARIES <target>...
 #           FOLDERS <sub-folder>...)
-# PUBLIC_HEADERS are installed as <dxr/File.h>, and staged under the build tree by the same name, so that the
-# tool and the examples see exactly what a client sees. FOLDERS are further include folders of this floor.
+# Adds a floor. BELOW are the floors that it may use. PUBLIC_HEADERS are installed as <dxr/File.h> and staged
+# in the build tree under the same name, so that the command and the examples see the same headers as a
+# client. FOLDERS are additional include folders of this floor.
 function(dxr_floor NAME)
   cmake_parse_arguments(ARG "" "" "BELOW;SOURCES;PUBLIC_HEADERS;LIBRARIES;FOLDERS" ${ARGN})
   set(target dxr_${NAME})
@@ -34,7 +35,7 @@ endfunction()
 
 # dxr_test(NAME SOURCES <file>... LIBRARIES <target>... [LABELS <label>...] [TIMEOUT <seconds>] [SERIAL]
 #          [PRELOAD <library>] [ONLY <GoogleTest filter>] [PREFIX <of the cases' names>])
-# Registers every case of a GoogleTest program with CTest, each in a process of its own.
+# Builds a GoogleTest program and registers each of its cases with CTest, to be run in a separate process.
 function(dxr_test NAME)
   cmake_parse_arguments(ARG "SERIAL" "TIMEOUT;ONLY;PREFIX;PRELOAD" "SOURCES;LIBRARIES;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
@@ -49,7 +50,7 @@ function(dxr_test NAME)
   if(ARG_LABELS)
     list(APPEND properties LABELS "${ARG_LABELS}")
   endif()
-  if(ARG_PRELOAD) # before the address sanitizer's, which by itself would not have that
+  if(ARG_PRELOAD) # The address sanitizer's library is then not the first one, which it must be told to accept.
     list(APPEND properties ENVIRONMENT "LD_PRELOAD=${ARG_PRELOAD}"
          ENVIRONMENT_MODIFICATION "ASAN_OPTIONS=set:verify_asan_link_order=0")
   endif()

@@ -1,5 +1,5 @@
-// Runs a fuzz target without libFuzzer: over its corpus, and then over simple changes of it for some seconds,
-// the same ones in every run. usage: fuzz_TARGET CORPUS-FOLDER SECONDS
+// Runs a fuzz target without libFuzzer: over its corpus, and then for some seconds over simple mutations of
+// it, which are the same in every run. usage: fuzz_TARGET CORPUS-FOLDER SECONDS
 
 #include "Fuzz.h"
 #include "Random.h"
@@ -75,7 +75,7 @@ std::string mutated(std::string text, const std::vector<std::string>& corpus, Ra
             text.insert(at, other, from, random.below(64));
             break;
         }
-        default: // the same again and again
+        default: // repeat a part of the text
             if (const std::string part = text.substr(at, random.below(8)); !part.empty())
                 for (uint32_t count = random.below(64); count > 0; --count)
                     text.insert(at, part);
@@ -85,7 +85,7 @@ std::string mutated(std::string text, const std::vector<std::string>& corpus, Ra
     return text;
 }
 
-const std::string* current = nullptr; // what is being tried
+const std::string* current = nullptr; // the input that is being run
 
 extern "C" void keepInput(int signal)
 {
@@ -120,7 +120,7 @@ int main(int count, char** arguments)
     std::sort(corpus.begin(), corpus.end());
     for (const std::string& text : corpus)
         run(text);
-    // What no corpus wants to hold.
+    // Inputs that are too large for the corpus.
     for (const char* filler : {"a", "[", "{\"a\":", "[1,", "\""})
         for (const size_t size : {size_t{1000}, longest, size_t{100'000'000}}) {
             std::string text = "{\"uid\":";

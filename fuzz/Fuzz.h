@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <string_view>
 
-/// What each target defines: tries one input. Called by libFuzzer, or by CorpusDriver.
+/// Runs one input. Each target defines it; libFuzzer or CorpusDriver calls it.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 
-/// Ends the process, as a fuzzer wants it, when something that must hold does not.
+/// Aborts the process, which a fuzzer detects, if the condition `what` is false.
 inline void mustHold(bool isTrue, const char* what)
 {
     if (isTrue)
@@ -18,7 +18,7 @@ inline void mustHold(bool isTrue, const char* what)
     std::abort();
 }
 
-/// The input as text, and in two at its first line's end; the second is empty where there is none.
+/// The input as text: the whole, its first line, and the text after that line, which may be empty.
 struct FuzzedText {
     FuzzedText(const uint8_t* bytes, size_t size) : whole(reinterpret_cast<const char*>(bytes), size)
     {

@@ -1,5 +1,5 @@
-// Archives of devices that are not there: nothing, or a device that can be listed, archived again and found
-// by its reference.
+// Archives of disconnected devices: the result is no device, or a device that can be listed, archived again
+// and found by its reference.
 
 #include "CXJSON.h"
 #include "DXRDeviceControl.h"
@@ -10,7 +10,8 @@
 
 namespace {
 
-/// A manager of no devices but those of the last few inputs: it forgets none.
+/// A manager with only the devices of the last inputs. It is replaced every 64 inputs, because a manager
+/// never releases a device.
 DXRDeviceManager& manager()
 {
     static const CXRef<SimulatedHardware> hal = [] {
@@ -57,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
         check(device);
         const CXRef<DXRDeviceReference> reference =
             DXRDeviceReference::initWithString(device->reference()->string());
-        if (device->reference()->isEqual(reference.get())) // which one without unique ID is to none
+        if (device->reference()->isEqual(reference.get())) // false for a reference without a unique ID
             mustHold(owner.deviceFromArchive({data, size}) == device, "it is the same object the next time");
         const auto archive = DXRDeviceManager::archiveForDevice(device);
         mustHold(archive && archive->size() >= 12, "it can be archived");

@@ -1,5 +1,5 @@
-// Device references from texts that clients kept: nothing, or a reference whose promises hold. Two lines are
-// two references, which are compared as well.
+// Device references from stored texts: the result is no reference, or a reference that fulfils its contract.
+// Two lines are parsed as two references, which are also compared.
 
 #include "CXJSON.h"
 #include "DXRDeviceReference.h"
@@ -13,7 +13,7 @@ void checkAlone(const DXRDeviceReference& reference)
     mustHold(reference.isEqual(&reference) && reference.isGenericallyEqual(&reference),
              "it is equal to itself");
     const CXRef<DXRDeviceReference> whole = reference.deviceReferenceWithInput(std::nullopt);
-    if (!whole) // longer than what was read: what is not ASCII needs more room when it is not escaped
+    if (!whole) // the new text may exceed the maximum length: its numbers may have more digits
         return;
     mustHold(whole->isInput() == std::nullopt, "without direction");
     for (const bool input : {true, false}) {
@@ -26,7 +26,7 @@ void checkAlone(const DXRDeviceReference& reference)
         mustHold(bool(again), "what was written can be read");
         mustHold(again->deviceUID() == directed->deviceUID() && again->genericUID() == directed->genericUID(),
                  "and says the same");
-        // A generic one without transport is like no other.
+        // A generic reference without a transport is generically equal to none.
         const bool isAlike = !again->isGeneric() || again->isGenericallyEqual(directed.get());
         mustHold(!directed->deviceUID() || again->isEqual(directed.get()) == isAlike, "and is equal");
         mustHold(again->hash() == directed->hash(), "with an equal hash");

@@ -1,5 +1,5 @@
-// Generic unique IDs: nothing, or the ID up to the location of a present device. The first line lists
-// locations in hexadecimal, eight digits each; the rest is the unique ID.
+// Generic unique IDs: the result is none, or the ID up to the location of a connected device. The first line
+// lists locations in hexadecimal, eight digits each; the rest is the unique ID.
 
 #include "AudioHardware.h"
 #include "Fuzz.h"
@@ -17,7 +17,7 @@ using dxr::USBDevice;
 using dxr::USBRegistry;
 using dxr::USBRegistryContents;
 
-/// Whether the generic ID ends where the ID has the location of one of the devices.
+/// Whether, in `uid`, the location of one of the devices follows after the generic ID.
 bool endsAtALocation(const std::string& generic, const std::string& uid,
                      const std::vector<USBDevice>& devices)
 {

@@ -1,4 +1,5 @@
-// A row of the settings as another program may have left it: the first line is its key, the rest its value.
+// A row of the settings as another program may have written it: the first line is the key, the rest the
+// value.
 
 #include "DXRDeviceOverridesIndex.h"
 #include "Fuzz.h"

@@ -1,5 +1,6 @@
 # time: counted
-# Which cards there are by the ALSA driver, chosen by itself; then each plays and records, with rings of three cycles and two.
+# Lists the cards with the ALSA driver, which must be chosen by default. Then each card plays and records,
+# with ring buffers of three cycles and of two.
 load snd-dummy fake_buffer=0 pcm_substreams=1; load snd-aloop pcm_substreams=1; load snd-hda-codec-generic; load snd-hda-intel
 load snd-usb-audio; load xhci-pci; sleep 4
 cat /proc/asound/cards

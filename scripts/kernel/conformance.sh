@@ -1,7 +1,8 @@
 # time: counted
 # devices: -device ich9-intel-hda,id=second -device hda-output,bus=second.0,audiodev=none -device usb-audio,audiodev=none,multi=on,serial=S0008
-# The conformance suite over the ALSA driver and the kernel's cards: HD audio with both directions and with outputs only, and a
-# USB unit of eight channels, plugged and unplugged by their drivers.
+# Runs the conformance suite with the ALSA driver on the kernel's cards: HD audio with both directions and
+# with outputs only, and a USB unit of eight channels. HD audio is plugged and unplugged by binding its
+# driver, the USB unit by the kernel's switch "authorized".
 load snd-hda-codec-generic; load snd-hda-intel; load snd-usb-audio; load xhci-pci
 wait_for '[ $(grep -c "^ *[0-9]" /proc/asound/cards) -eq 4 ]'; cat /proc/asound/cards
 usb 0; bus=/sys/bus/pci/drivers/snd_hda_intel; failed=0

@@ -1,5 +1,5 @@
 # time: counted
-# What alsa-lib returns over the kernel's cards and over the faked ones: the same.
+# Checks that alsa-lib returns the same results for the kernel's cards as for the faked ones.
 load snd-dummy fake_buffer=0 pcm_substreams=1; load snd-aloop pcm_substreams=1; load snd-hda-codec-generic; load snd-hda-intel
 sleep 1
 facts=$PROGRAMS/tests/hal/alsa/alsa_facts

@@ -1,8 +1,9 @@
 # time: counted
-# A USB unit that is unplugged ten times while `dxr loop` plays on it: how long until that is reported, and until it plays again.
+# Unplugs a USB unit ten times while `dxr loop` plays on it, and measures the time until that is reported and
+# the time until the unit plays again.
 load snd-hda-codec-generic; load snd-hda-intel; load snd-usb-audio; load xhci-pci
 wait_for '[ $(grep -c "^ *[0-9]" /proc/asound/cards) -ge 2 ]'; sleep 1
-$dxr list --hardware alsa > /dev/null # its files are in memory from now on
+$dxr list --hardware alsa > /dev/null # loads the command's files into memory
 microseconds() { echo ${EPOCHREALTIME/./}; }
 running() { local line; read -r line < /proc/asound/Audio/pcm0p/sub0/status && [ "$line" = "state: RUNNING" ]; } 2>/dev/null
 : > /run/lines

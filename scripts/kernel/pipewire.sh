@@ -1,5 +1,5 @@
-# The PipeWire driver over the kernel's cards: PipeWire, WirePlumber and udev, a USB unit that is unplugged, and a card that the
-# ALSA driver takes from the server by its name on the session bus.
+# Runs the PipeWire driver on the kernel's cards, with PipeWire, WirePlumber and udev: unplugs a USB unit, and
+# lets the ALSA driver reserve a card of the server on the session bus.
 mkdir -p /run/udev; /lib/systemd/systemd-udevd --daemon 2>/dev/null; sleep 1
 load snd-usb-audio; load xhci-pci; load snd-hda-codec-generic; load snd-hda-intel
 load snd-dummy fake_buffer=0 pcm_substreams=1; sleep 4

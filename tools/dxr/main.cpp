@@ -32,7 +32,7 @@ size_t distance(const std::string& a, const std::string& b)
     return row.back();
 }
 
-/// Throws for an unknown command, with the most similar one.
+/// Throws CLI::ValidationError if `word` is not a command; the message suggests the most similar one.
 void requireCommand(const CLI::App& app, const std::string& word)
 {
     std::vector<std::string> names;
@@ -80,7 +80,7 @@ try {
     for (const auto registerCommand : commands)
         registerCommand(app);
     Interrupts::endProcess(runCommandLine(app, argc, argv));
-} catch (...) { // no memory for a message
+} catch (...) { // memory ran out while an error was reported
     std::fputs("dxr: out of memory\n", stderr);
     return ToolFailure::exitStatus;
 }

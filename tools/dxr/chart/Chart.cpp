@@ -20,7 +20,7 @@ std::string escaped(const std::string& text)
     return safe;
 }
 
-/// 1, 2 or 5 times a power of ten, about a fifth of `span`, which is above 0.
+/// Returns 1, 2 or 5 times a power of ten, about a fifth of `span`, which must be above 0.
 double niceStep(double span)
 {
     const double decade = std::pow(10.0, std::floor(std::log10(span / 5.0)));
@@ -127,7 +127,7 @@ std::vector<double> ChartAxis::lines() const
     } else {
         const double step = niceStep(to - from);
         for (double mark = std::ceil(from / step - 1e-9); mark * step <= to + step * 1e-6; ++mark)
-            all.push_back(mark * step + 0.0); // not -0
+            all.push_back(mark * step + 0.0); // + 0.0 turns -0 into 0
     }
     return all;
 }

@@ -5,19 +5,19 @@
 #include <fstream>
 
 /// Writes the trace of a runner as Chrome trace events, for chrome://tracing and Perfetto: a track of cycles
-/// with their blocks, a track of contexts, counters for lateness and run time, and marks of events. A file
-/// that is cut short, because the process was killed, can still be opened.
-/// Threads: one.
+/// with their blocks, a track of contexts, counters for lateness and run time, and marks for single events.
+/// If the process is killed, the incomplete file can still be opened.
+/// Threads: one at a time.
 class ChromeTraceWriter {
 public:
-    /// Makes or empties the file; `title` may be any text. Throws ToolFailure when it cannot be written.
+    /// Creates or truncates the file; `title` may be any text. Throws ToolFailure if it cannot be written.
     ChromeTraceWriter(const std::string& path, const std::string& title);
 
-    /// Records, in their order. Throws ToolFailure when they cannot be written.
+    /// Writes the next `records` of the trace. Throws ToolFailure if they cannot be written.
     void write(std::span<const DXRCycleRecord> records);
-    /// A mark at the time of the last record; any text.
+    /// Writes a mark at the time of the last record; `text` may be any text.
     void mark(const std::string& text) { _mark(_lastTicks != 0 ? _lastTicks : _beginTicks, text); }
-    /// Ends the file. Throws ToolFailure when it cannot be written.
+    /// Writes the end of the file. Throws ToolFailure if it cannot be written.
     void finish();
 
 private:
@@ -37,7 +37,7 @@ private:
     std::ofstream _file;
     uint64_t _beginTicks = 0; // of the first record
     uint64_t _lastTicks = 0;
-    DXRCycleRecord _lastCycle; // of context None after a change of context
-    DXRCycleRecord _context;   // the start of the present one; of context None without one
+    DXRCycleRecord _lastCycle; // its context is None after a change of context
+    DXRCycleRecord _context;   // the start of the current context; its context is None if none runs
     uint64_t _droppedRecords = 0;
 };

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t maxStretches = 800;
 constexpr double laneHeight = 26.0, barHeight = 14.0, panelHeight = 170.0;
-constexpr double shortestSeconds = 3.16e-7, longestSeconds = 0.1; // of the axes
+constexpr double shortestSeconds = 3.16e-7, longestSeconds = 0.1; // range of the time axes
 
 constexpr const char* latenessColour = "#e07a3f";
 constexpr const char* runColour = "#3b82c4";
@@ -105,7 +105,7 @@ void CyclePicture::note(const DXRCycleRecord& record)
     stretch.latest = std::max(stretch.latest, begin - due);
     stretch.lateCycles += record.deadlineTicks != 0 && record.endTicks > record.deadlineTicks;
     if (record.context == Context::Timer)
-        return; // it plays on no device
+        return; // the timer context plays on no device
     _lateness.note(begin - due);
     _waits.note(secondsAt(record.blocksBeginTicks) - begin);
     _runs.note(run);
@@ -141,7 +141,8 @@ double CyclePicture::_x(double seconds) const
     return Chart::left + (Chart::right - Chart::left) * _timeAxis().share(seconds);
 }
 
-/// The sources of the cycles in a stretch; in one too short for a cycle, those of the stretch before.
+/// The contexts of the cycles in a stretch. If stretches are shorter than cycles and this one is empty, the
+/// contexts of the stretch before.
 uint32_t CyclePicture::_contextsIn(size_t stretch) const
 {
     const bool isShort = _stretchSeconds < 1.5 * _cycleSeconds;
@@ -149,7 +150,7 @@ uint32_t CyclePicture::_contextsIn(size_t stretch) const
                                                                        : _stretches[stretch].contexts;
 }
 
-/// Lanes of the contexts and the devices. Returns the y below them.
+/// Draws the lanes of the contexts and the devices. Returns the y below them.
 double CyclePicture::_drawLanes(Chart& chart, double top, const std::vector<std::string>& deviceNames) const
 {
     constexpr size_t maxLanes = 16, nameColumns = 24;
@@ -227,7 +228,7 @@ void CyclePicture::_drawTimes(ChartPanel panel) const
 
 void CyclePicture::_drawProgress(Chart& chart, double top, double height, double sampleRate) const
 {
-    std::vector<Chart::Point> points; // seconds, and milliseconds of difference
+    std::vector<Chart::Point> points; // x: seconds; y: difference in milliseconds
     std::vector<double> differences;
     for (const Stretch& stretch : _stretches)
         if (stretch.firstSampleTime >= 0.0) {
@@ -242,7 +243,7 @@ void CyclePicture::_drawProgress(Chart& chart, double top, double height, double
         .curve(points, Chart::ink);
 }
 
-/// Returns the y below it.
+/// Draws the histograms and a table of their quantiles. Returns the y below them.
 double CyclePicture::_drawDistribution(Chart& chart, double top, double height) const
 {
     const struct {

@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Counts durations in bins of equal ratio, 24 to a decade, from 100 ns to 10 s; others are in the first or
-/// last.
-/// Threads: one.
+/// Counts durations in logarithmic bins, 24 to a decade, from 100 ns to 10 s. Durations outside this range
+/// are counted in the first or last bin.
+/// Threads: one at a time.
 class TickHistogram {
 public:
     static constexpr size_t binsPerDecade = 24;
@@ -25,12 +25,13 @@ public:
     uint64_t count() const { return _count; }
     double longestSeconds() const { return _longest; }
     uint64_t countIn(size_t bin) const { return _bins[bin]; }
-    /// binCount begins where the last bin ends.
+    /// The lower limit of a bin, in seconds; beginOf(binCount) is the upper limit of the last.
     static double beginOf(size_t bin)
     {
         return minSeconds * std::pow(10.0, static_cast<double>(bin) / binsPerDecade);
     }
-    /// The duration that `share`, 0 to 1, of all do not exceed, to within a bin; 0 without any.
+    /// The duration that the part `share`, 0 to 1, of all durations does not exceed, to the accuracy of a
+    /// bin; 0 if nothing was counted.
     double quantileSeconds(double share) const
     {
         const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(_count)));

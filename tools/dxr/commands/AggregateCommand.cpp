@@ -23,7 +23,7 @@ struct Options : HardwareChoice {
     std::optional<double> rate, seconds;
 };
 
-/// An aggregate device for as long as this lives.
+/// An aggregate device that exists as long as this object.
 class Aggregate {
 public:
     explicit Aggregate(const Options& options)
@@ -50,7 +50,7 @@ public:
     Aggregate& operator=(const Aggregate&) = delete;
 
     AudioObjectID deviceID() const { return _deviceID; }
-    /// Once the device manager has its device objects.
+    /// Waits, for up to two seconds, until the device manager has the aggregate's device objects.
     DeviceReport report() const
     {
         std::optional<DeviceReport> report;
@@ -64,7 +64,7 @@ public:
             throw ToolFailure("the aggregate is gone");
         return *report;
     }
-    /// One line for each sub-device.
+    /// The status of each sub-device, one line each.
     std::vector<std::string> lines() const
     {
         const std::vector<AudioAggregateSubDeviceStatus> all = subDeviceStatus(_deviceID);
@@ -101,7 +101,7 @@ private:
     std::vector<std::string> _names; // printable
 };
 
-/// Runs the aggregate silently until the time is over or the user ends it.
+/// Runs the aggregate silently until the time has passed or the user ends it.
 void runSession(RunnerSession& session, const Aggregate& aggregate, std::optional<double> seconds)
 {
     session.beginCounting();
@@ -129,7 +129,7 @@ void run(Options& options)
                    formatText("cycle of %u frames", *options.frames));
     const DeviceReport device = aggregate.report();
     RunnerSession session(interrupts, std::nullopt, std::nullopt);
-    // One direction runs the whole; for both, the runner would create another aggregate.
+    // Running one direction runs the whole aggregate; for both, the runner would create another aggregate.
     const bool hasOutput = device[HALDirection::Output].channelCount > 0;
     session.add(DeviceSelection::of(device, hasOutput ? HALDirection::Output : HALDirection::Input),
                 [hasOutput](uint64_t, DXRBuffer& buffer) {
@@ -151,7 +151,7 @@ void registerAggregateCommand(CLI::App& app)
     aggregate->require_subcommand(1);
     const auto [command, options] =
         addCommand(*aggregate, "create",
-                   "Combine devices into one while this runs, and show how their clocks differ", run);
+                   "Combine devices into one while the command runs, and show how their clocks differ", run);
     command.add_option("name", options.name, "The name of the new device")->required();
     command
         .add_option("devices", options.devices,

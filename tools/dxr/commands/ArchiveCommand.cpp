@@ -86,6 +86,6 @@ void registerArchiveCommands(CLI::App& app)
     addCommand(app, "ref", "Print the reference of a device, which names it in any port", printReference);
     const auto [command, options] =
         addCommand(app, "show", "Describe the device of an archive, connected or not", show);
-    command.add_option("file", options.file, "An archive by 'dxr archive'")->required();
-    command.add_flag("--json", options.asJSON, "As JSON");
+    command.add_option("file", options.file, "A file written by 'dxr archive'")->required();
+    command.add_flag("--json", options.asJSON, "Print JSON");
 }

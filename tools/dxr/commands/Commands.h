@@ -2,8 +2,8 @@
 
 #include "HardwareChoice.h"
 
-/// Adds a command to `parent`. Its options are constructed with it, if they can be, and passed to `run`, with
-/// the hardware selected.
+/// Adds a command to `parent`. Options are constructed from the command if they have such a constructor, else
+/// by default. When the command is parsed, the hardware is selected and `run` is called with the options.
 template <class Options>
 std::pair<CLI::App&, Options&> addCommand(CLI::App& parent, const char* name, const char* about,
                                           void (*run)(Options&))
@@ -22,7 +22,7 @@ std::pair<CLI::App&, Options&> addCommand(CLI::App& parent, const char* name, co
     return {*command, *options};
 }
 
-// Each adds the commands of the file of its name.
+// Each function adds the commands defined in the source file of the same name.
 
 void registerListCommand(CLI::App& app);
 void registerWatchCommand(CLI::App& app);
@@ -40,5 +40,5 @@ void registerResampleCommand(CLI::App& app);
 void registerPlotCommand(CLI::App& app); ///< plot response, plot drift
 void registerPlotDriftCommand(CLI::App& plot);
 void registerAggregateCommand(CLI::App& app);
-/// manual, completion: about the commands of `app`, which must be registered before.
+/// manual, completion. They describe the commands of `app`, which must be registered first.
 void registerPagesCommands(CLI::App& app);

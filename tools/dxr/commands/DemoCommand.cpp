@@ -36,12 +36,11 @@ constexpr const char* colours[] = {"#e07a3f", "#3b82c4", "#43a68b"}; // of the d
 struct Options {
     double seconds = 18.0;
     std::string picture = "out/demo.svg";
-    bool isSimulated = false; // always; the option exists because every command has it
+    bool isSimulated = false; // ignored; --simulated is accepted because every command has it
 };
 
-/// Stored settings for this process alone: empty at first, and removed at the end. The user's own are not
-/// used.
-/// Threads: one; no other may be running when it is made.
+/// Replaces the user's stored settings by a private, initially empty folder, which is removed at the end.
+/// Threads: one; no other thread may be running when the object is created.
 class PrivateSettings {
 public:
     PrivateSettings()
@@ -51,7 +50,7 @@ public:
         if (ignored || !mkdtemp(folder.data()))
             throw ToolFailure(folder + ": cannot be made: " + std::strerror(errno));
         _folder = folder;
-        setenv("XDG_DATA_HOME", folder.c_str(), 1); // the library's place for settings
+        setenv("XDG_DATA_HOME", folder.c_str(), 1); // the library stores settings there
         CXSetMainBundleIdentifier("dxr.demo");
     }
     ~PrivateSettings()
@@ -66,7 +65,7 @@ private:
     std::filesystem::path _folder;
 };
 
-/// One run of the demo: a session over simulated devices, the script, and what is measured.
+/// One run of the demo: a session over simulated devices, the script, and the measurements.
 class Demo {
 public:
     explicit Demo(const Options& options);
@@ -74,7 +73,7 @@ public:
     Demo(const Demo&) = delete;
     Demo& operator=(const Demo&) = delete;
 
-    /// Throws ToolFailure when it is stopped, or a claim is not confirmed.
+    /// Throws ToolFailure if the user stops the demo or a claim is not confirmed.
     void run();
 
 private:
@@ -95,7 +94,7 @@ private:
     const PrivateSettings _settings;
     DemoStage _stage;
     DXRDeviceManager& _manager;
-    std::vector<DeviceSelection> _devices; // by Device
+    std::vector<DeviceSelection> _devices; // indexed by DemoStage::Device
     const Interrupts _interrupts;
     RunnerSession _session{_interrupts, frameCount, sampleRate};
     SessionScreen _screen{_session};
@@ -105,12 +104,12 @@ private:
     std::vector<DXRCycleRecord> _records;
     CyclePicture _picture;
     std::array<CyclePicture::Panel::Curve, DemoStage::devices.size()> _drifts;
-    std::vector<DemoStretch> _stretches; // the last one's end is open
+    std::vector<DemoStretch> _stretches; // the last one has not ended
     std::string _context;                // as last printed
-    // Of each device, the time of its last step, until its change is reported.
+    // For each device, the time of its last step; null once the device's change has been reported.
     std::array<std::optional<uint64_t>, DemoStage::devices.size()> _pending;
     size_t _stepsReported = 0;
-    double _slowestSeconds = 0.0; // from a step to the report
+    double _slowestSeconds = 0.0; // maximum from a step to its report
     std::string _firstUID;        // of the headphones
 };
 
@@ -157,7 +156,7 @@ void Demo::run()
     if (path.has_parent_path())
         std::filesystem::create_directories(path.parent_path(), ignored);
     const bool exists = std::filesystem::exists(path, ignored);
-    if (!std::ofstream(path, std::ios::app)) // reported now, not after the run
+    if (!std::ofstream(path, std::ios::app)) // report the error now and not after the run
         throw ToolFailure(singleLine(_options.picture) + ": cannot be written");
     if (!exists)
         std::filesystem::remove(path, ignored);
@@ -189,7 +188,7 @@ void Demo::_introduce() const
     std::cout << std::endl;
 }
 
-/// False when the user has ended it early.
+/// Runs the script. Returns false if the user has stopped it early.
 bool Demo::_perform()
 {
     _stretches.push_back({HostClock::nowTicks(), 0, {true, true, true}});

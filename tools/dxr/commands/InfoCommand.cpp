@@ -88,7 +88,7 @@ void printDirection(const Terminal& terminal, const DeviceReport& device, HALDir
     printControls(terminal, direction);
     printField(terminal, "  Latency", framesText(direction.latencyFrames, device.sampleRate));
     printField(terminal, "  Safety offset", framesText(direction.safetyOffsetFrames, device.sampleRate));
-    // As a runner with the device's own cycles reports it.
+    // The latency that a runner reports if its blocks have the length of the device's cycles.
     printField(terminal, isInput ? "  Air to block" : "  Block to air",
                framesText(direction.latencyFrames + direction.safetyOffsetFrames +
                               (isInput ? 1 : 2) * device.bufferFrameSize,
@@ -132,5 +132,5 @@ void run(Options& options)
 void registerInfoCommand(CLI::App& app)
 {
     const auto [command, options] = addCommand(app, "info", "Show all properties of a device", run);
-    command.add_flag("--json", options.asJSON, "As JSON");
+    command.add_flag("--json", options.asJSON, "Print JSON");
 }

@@ -37,11 +37,11 @@ std::vector<std::string> linesOf(const Options& options, const Terminal& termina
                            : deviceTable(devices, terminal.columns(), terminal);
 }
 
-/// Prints the list, and again whenever it changes: on a terminal in place, else below.
+/// Prints the list now and whenever it changes: on a terminal redrawn in place, else below the last one.
 void watch(const Options& options, const Terminal& terminal)
 {
     const Interrupts interrupts;
-    std::signal(SIGPIPE, SIG_DFL); // the end of the reader is the end
+    std::signal(SIGPIPE, SIG_DFL); // ends the process when the reader of its output ends
     LiveLines live(terminal);
     DeviceWatch changes(options.withHidden);
     changes.begin();
@@ -75,7 +75,7 @@ void run(Options& options)
 void registerListCommand(CLI::App& app)
 {
     const auto [command, options] = addCommand(app, "list", "Show the audio devices", run);
-    command.add_flag("--all", options.withHidden, "Hidden devices too");
-    command.add_flag("--json", options.asJSON, "A JSON array of all properties of the devices");
-    command.add_flag("--watch", options.watches, "Again whenever something changes, until Ctrl-C");
+    command.add_flag("--all", options.withHidden, "Include hidden devices");
+    command.add_flag("--json", options.asJSON, "Print a JSON array of all properties of the devices");
+    command.add_flag("--watch", options.watches, "Print the list again whenever it changes, until Ctrl-C");
 }

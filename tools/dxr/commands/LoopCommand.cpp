@@ -18,10 +18,10 @@ std::string roundTripText(const RunnerSession& session)
                      : "";
 }
 
-/// Runs until `seconds` of sound have passed, if given, or the user ends it.
+/// Runs until `seconds` of sound, if given, have been played, or the user ends it.
 void runLoop(RunnerSession& session, LoopPatch& patch, std::optional<double> seconds, SessionScreen& screen)
 {
-    constexpr double graceSeconds = 1.0; // lost cycles must not keep it running forever
+    constexpr double graceSeconds = 1.0; // then it ends even if lost cycles have shortened the sound
     const double rate = session.sampleRate();
     const auto passed = [&] { return static_cast<double>(patch.framesPassed()) / rate; };
     std::optional<double> opened;
@@ -75,5 +75,5 @@ void registerLoopCommand(CLI::App& app)
     options.addInputs("A device to record; the default input if not given");
     options.addOutputs("A device to play on; the default output if not given");
     options.useDefaults();
-    options.addSeconds("End after so many seconds of sound");
+    options.addSeconds("End after this many seconds of sound");
 }

@@ -47,7 +47,7 @@ private:
     CXRef<LoopPatch> _patch;
     std::unique_ptr<RunnerSession> _session; // null while the default devices do not start
     MonitorState _state;
-    // The library's log, which would spoil the picture. Written on the main thread.
+    // The library's log, which would overwrite the picture on standard error. Used on the main thread.
     const std::shared_ptr<std::vector<std::string>> _logLines = std::make_shared<std::vector<std::string>>();
     const uint64_t _startTicks = dxr::HostClock::nowTicks();
     bool _isOver = false;
@@ -65,7 +65,7 @@ Monitor::Monitor(RunnerOptions& options)
 
 void Monitor::run()
 {
-    constexpr double fall = 0.9; // from picture to picture
+    constexpr double fall = 0.9; // factor by which usedSeconds falls with each picture
     _open();
     _readOthers();
     while (!_isOver) {
@@ -77,7 +77,7 @@ void Monitor::run()
         _state.seconds = secondsOf(dxr::HostClock::nowTicks() - _startTicks);
         const TerminalScreen::Size size = _screen.size();
         const size_t columns =
-            size.columns - (size.columns > 1); // in the last one, some terminals start a new line
+            size.columns - (size.columns > 1); // after the last column, some terminals start a new line
         _screen.draw(monitorLines(_state, columns, size.rows, _terminal));
         _state.usedSeconds *= fall;
         _wait();
@@ -89,7 +89,7 @@ void Monitor::_wait()
     constexpr int tickMilliseconds = 100;
     pollfd waited[] = {
         {_interrupts.fd(), POLLIN, 0}, {_screen.keyboard(), POLLIN, 0}, {DeviceWatch::fd(), POLLIN, 0}};
-    poll(waited, std::size(waited), tickMilliseconds); // interrupted when the terminal is resized
+    poll(waited, std::size(waited), tickMilliseconds); // SIGWINCH interrupts it when the terminal is resized
     const bool isTerminalClosed = (waited[1].revents & (POLLERR | POLLHUP)) != 0;
     if (waited[1].revents != 0 && !isTerminalClosed)
         _handleKeys(_screen.takeKeys());
@@ -109,7 +109,7 @@ void Monitor::_handleKeys(const std::string& keys)
     }
 }
 
-/// Runs the named devices, or the present default ones.
+/// Runs the named devices or, if none was named, the current default devices.
 void Monitor::_open()
 {
     if (!_options.namesDevices())
@@ -184,7 +184,7 @@ void Monitor::_readOthers()
     _state.others = DeviceReport::readAll(DeviceReport::Hidden::No);
     std::erase_if(_state.others, [&](const DeviceReport& report) {
         const auto isThis = [&](const DeviceSelection& used) { return used.report.uid == report.uid; };
-        // The manager knows a hidden device once a device was looked up by its name.
+        // Looking up a device by its name makes hidden devices known to the manager: leave them out.
         return report.isHidden || report.isOfRunner() || std::ranges::any_of(_options.inputs(), isThis) ||
                std::ranges::any_of(_options.outputs(), isThis);
     });
@@ -213,7 +213,7 @@ void Monitor::_readSession()
             _state.devices.push_back(_stateOf(selection));
 }
 
-/// Of the next device: the meters have the same order.
+/// The state of the next device in _state.devices; the meters have the same order.
 MonitorState::Device Monitor::_stateOf(const DeviceSelection& selection) const
 {
     MonitorState::Device device;
@@ -243,7 +243,7 @@ void registerMonitorCommand(CLI::App& app)
     const auto [command, options] = addCommand(
         app, "monitor", "Show devices, levels, cycles and clocks on the whole terminal", runMonitor);
     options.setAbout(
-        "Runs the named devices, by default the default ones, also when these change. The outputs are silent "
+        "Runs the named devices, or else the default devices, even as these change. The outputs are silent "
         "until the key l plays the inputs on them; q ends it.");
     options.addInputs("A device to record");
     options.addOutputs("A device to run");

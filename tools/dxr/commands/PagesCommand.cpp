@@ -25,7 +25,7 @@ std::vector<const CLI::Option*> optionsOf(const CLI::App& command)
     return command.get_options([](const CLI::Option* option) { return !option->get_group().empty(); });
 }
 
-/// "--in DEVICE", "-h, --help", or the name of an argument.
+/// How an option is written: "--in DEVICE", "-h, --help", or the name of an argument.
 std::string usageOf(const CLI::Option& option)
 {
     if (option.get_positional())
@@ -62,7 +62,7 @@ void writeOptions(std::ostream& page, const CLI::App& command)
 
 void writePage(std::ostream& page, const std::string& name, const CLI::App& command)
 {
-    const bool isWhole = command.get_parent() == nullptr; // of dxr itself
+    const bool isWhole = command.get_parent() == nullptr; // the page of dxr itself
     std::string title = name;
     std::ranges::transform(title, title.begin(), [](char c) { return static_cast<char>(std::toupper(c)); });
     page << ".TH " << roff(title) << " 1 \"\" \"dxr " << DXRVersionString()
@@ -114,7 +114,7 @@ complete -o default -F _dxr dxr
 )";
 constexpr const char* zshCompletion = R"(#compdef dxr
 autoload -U +X bashcompinit && bashcompinit
-)"; // and then as bash
+)"; // followed by bashCompletion
 constexpr const char* fishCompletion =
     R"fish(complete -c dxr -n __fish_use_subcommand -f
 complete -c dxr -n 'string match -qr -- "^--(in|out)$" (commandline -opc)[-1]' -f
@@ -127,7 +127,7 @@ void printDevices()
         std::cout << singleLine(device.uid) << "\t" << singleLine(device.displayName()) << "\n";
 }
 
-/// What may follow on the words of `line`, each with its description.
+/// Prints the words that may follow those of `line`, each with its description.
 void printWords(const CLI::App& app, const std::string& line)
 {
     const CLI::App* command = &app;
@@ -197,7 +197,7 @@ void registerPagesCommands(CLI::App& app)
         addCommand(app, "completion", "Print a shell's completion of the commands", complete);
     completion
         .add_option("shell", options.what,
-                    "bash, zsh or fish; for these, 'words' and 'devices' print candidates")
+                    "bash, zsh or fish; 'words' and 'devices' print candidates for these shells")
         ->required()
         ->check(CLI::IsMember({"bash", "zsh", "fish", "words", "devices"}));
     completion.add_option("line", options.line, "For 'words': the command line before the word");

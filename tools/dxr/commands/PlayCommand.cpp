@@ -46,7 +46,7 @@ ChannelMap mapFor(const Options& options, uint32_t fileChannels, const DeviceSel
     return map;
 }
 
-/// Frames to play.
+/// The number of frames to play.
 uint64_t lengthOf(const Options& options, const SoundFileReader& file)
 {
     if (options.isRepeated && file.isStream())
@@ -58,7 +58,7 @@ uint64_t lengthOf(const Options& options, const SoundFileReader& file)
     return std::max<uint64_t>(1, static_cast<uint64_t>(std::llround(*seconds * file.sampleRate())));
 }
 
-/// The time played, and a bar of the whole.
+/// The time played and, if the length is known, a progress bar.
 std::string statusOf(const FilePlayer& player, double rate, size_t width)
 {
     const auto played = static_cast<double>(player.framesPlayed());
@@ -73,7 +73,7 @@ std::string statusOf(const FilePlayer& player, double rate, size_t width)
 
 void playToTheEnd(RunnerSession& session, FilePlayer& player, SessionScreen& screen)
 {
-    std::optional<uint64_t> heardAt; // the runner's sample time when the last frame has left the device
+    std::optional<uint64_t> heardAt; // the runner's sample time when the last frame leaves the device
     session.setSettled([&] { player.open(); });
     while (screen.wait() && !(heardAt && session.sampleTime() >= *heardAt)) {
         player.feed();
@@ -142,7 +142,7 @@ void registerPlayCommand(CLI::App& app)
         "it returns; the others continue meanwhile.");
     options.addOutputs("A device to play on; the default output if not given");
     options.useDefaults();
-    options.addSeconds("End after so many seconds of sound");
+    options.addSeconds("End after this many seconds of sound");
     command.add_flag("--loop", options.isRepeated, "Start again at the end, until Ctrl-C or for --seconds");
     command.add_option("--format", options.format, "Raw samples: s16:RATE:CHANNELS or f32:RATE:CHANNELS");
     CLI::Option* const channels =

@@ -24,7 +24,7 @@ struct Curve {
     std::function<double(const DriftPoint&)> value;
 };
 
-/// Draws a panel. Returns its bottom.
+/// Draws a panel. Returns the y of its bottom.
 double draw(Chart& chart, double top, const std::string& title, double minSpan,
             const std::vector<Curve>& curves, const std::vector<DriftPoint>& points, double seconds)
 {
@@ -67,7 +67,7 @@ std::string summary(const DriftFigures& figures)
 
 void writeChart(const std::string& file, const DriftScenario& scenario, const DriftRun& run)
 {
-    constexpr size_t maxPoints = 2000; // of a curve
+    constexpr size_t maxPoints = 2000; // for each curve
     std::vector<DriftPoint> points;
     const size_t step = run.points.size() / maxPoints + 1;
     for (size_t i = 0; i < run.points.size(); i += step)
@@ -129,7 +129,8 @@ void registerPlotDriftCommand(CLI::App& plot)
         "How much faster than nominal the reader's clock runs");
     add("--wander", scenario.source.wanderPartsPerMillion, 0.0, 1000.0,
         "How far the source's clock wanders, in ppm");
-    add("--wander-period", scenario.source.wanderSeconds, 10.0, 1e6, "The period of that, in seconds");
+    add("--wander-period", scenario.source.wanderSeconds, 10.0, 1e6,
+        "The period of this variation, in seconds");
     add("--frames", scenario.source.frameCount, 8, 8192, "Frames of the source's cycle");
     add("--reader-frames", scenario.reader.frameCount, 8, 8192, "Frames of the reader's cycle");
     add("--rate", scenario.source.rate, 8000.0, 768000.0, "The source's nominal rate, in Hz");

@@ -21,16 +21,16 @@ struct Options {
 
 // ---- The measurement
 
-/// A tone after the sampler.
+/// The sampler's output for an input tone.
 struct ToneMeasurement {
-    double hertz;         ///< of the tone
-    double response;      ///< dB, against the input tone; NaN above half the output rate
-    double alias;         ///< dB, of the loudest new tone against the input tone
-    double signalToNoise; ///< dB, of the tone to the rest; NaN like the response
+    double hertz;         ///< frequency of the tone
+    double response;      ///< dB relative to the input tone; NaN above half the output rate
+    double alias;         ///< dB, the loudest new tone relative to the input tone
+    double signalToNoise; ///< dB, the tone relative to the remainder; NaN above half the output rate
 };
 
 constexpr double amplitude = 0.5;
-constexpr uint32_t blockFrames = 512; // of input, as a device would give
+constexpr uint32_t blockFrames = 512; // input frames of a block, as from a device
 constexpr size_t settlingFrames = 4096, measuredFrames = 16384;
 constexpr int toneCount = 160;
 constexpr double lowestHertz = 20;
@@ -41,7 +41,7 @@ double decibels(double ratio)
     return std::max(20 * std::log10(ratio), silentDecibels);
 }
 
-/// The output, without its start.
+/// The sampler's output for a tone, without the first settlingFrames.
 std::vector<double> sampledTone(double hertz, double rateIn, double rateOut)
 {
     const std::unique_ptr<ausampler, decltype(&ausampler_destroy)> sampler(ausampler_create(1),
@@ -59,7 +59,7 @@ std::vector<double> sampledTone(double hertz, double rateIn, double rateOut)
     return {all.begin() + settlingFrames, all.begin() + settlingFrames + measuredFrames};
 }
 
-/// The amplitude and phase of one frequency, with a window that suppresses its neighbours.
+/// The amplitude and phase of one frequency, measured with a window that suppresses neighbouring frequencies.
 std::complex<double> component(const std::vector<double>& samples, double hertz, double rate)
 {
     std::complex<double> sum = 0;
@@ -75,15 +75,15 @@ std::complex<double> component(const std::vector<double>& samples, double hertz,
     return 2.0 * sum / weight;
 }
 
-/// The frequency as sampled at `rate`.
+/// The frequency at which a tone appears when sampled at `rate`.
 double folded(double hertz, double rate)
 {
     const double rest = std::fmod(std::abs(hertz), rate);
     return std::min(rest, rate - rest);
 }
 
-/// The loudest image: interpolation repeats the tone around every multiple of the input rate, and frequencies
-/// above half the output rate fold back.
+/// The amplitude of the loudest image: interpolation repeats the tone around every multiple of the input
+/// rate, and frequencies above half the output rate are folded back.
 double loudestAlias(const std::vector<double>& rest, double hertz, double rateIn, double rateOut)
 {
     double loudest = 0;
@@ -112,10 +112,10 @@ ToneMeasurement measured(double hertz, double rateIn, double rateOut)
     return result;
 }
 
-/// Tones from 20 Hz to half the input rate. Rates in Hz.
+/// Measures tones from 20 Hz to half the input rate. Rates are in Hz.
 std::vector<ToneMeasurement> measureSampler(double rateIn, double rateOut)
 {
-    // Below half the rate, where a tone has no phase, and is its own image.
+    // Slightly below half the rate: there a tone has no phase and coincides with its image.
     const double highestHertz = rateIn / 2 * 0.995;
     std::vector<ToneMeasurement> all;
     for (int i = 0; i < toneCount; ++i)

@@ -19,7 +19,8 @@ struct Options : RunnerOptions {
     uint32_t bits = 0;
 };
 
-/// Writes until the file has `maxFrames` or the user ends it. False when no audio comes for too long.
+/// Writes until the file has `maxFrames` or the user ends it. If `maxFrames` is limited, returns false once
+/// no audio has arrived for ten seconds.
 bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames,
             SessionScreen& screen)
 {
@@ -34,7 +35,7 @@ bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& fil
         if (file.framesWritten() != before)
             lastFrameAt = session.seconds();
         if (maxFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
-            return false; // a program that waits for the end would wait forever
+            return false; // a program that waits for the recording's end would wait forever
         screen.draw(recorder.meters(), formatSeconds(static_cast<double>(file.framesWritten()) / rate) +
                                            " recorded   Ctrl-C ends");
     }
@@ -46,7 +47,7 @@ std::string resultOf(const SoundFileWriter& file, const FileRecorder& recorder, 
     return formatCount(file.framesWritten(), "frame") + " written (" +
            formatSeconds(static_cast<double>(file.framesWritten()) / rate) + "), " +
            formatNumber(recorder.droppedFrames()) + " lost because the disk was too slow, " +
-           formatNumber(recorder.silentFrames()) + " silent because no cycle came";
+           formatNumber(recorder.silentFrames()) + " silent because cycles were lost";
 }
 
 void run(Options& options)
@@ -71,7 +72,7 @@ void run(Options& options)
         isComplete = record(session, *recorder, file, maxFrames, screen);
         session.stop();
         if (recorder->isOpen())
-            recorder->writeTo(file, maxFrames, true); // the rest
+            recorder->writeTo(file, maxFrames, true); // the remaining frames
         file.finish();
     } catch (const ToolFailure&) {
         file.finish();
@@ -98,9 +99,9 @@ void registerRecordCommand(CLI::App& app)
         "disconnects is silent until it returns.");
     options.addInputs("A device to record; the default input if not given");
     options.useDefaults();
-    options.addSeconds("End after so many seconds of sound");
+    options.addSeconds("End after this many seconds of sound");
     command.add_option("--format", options.format,
                        SoundFormat::names() + "; by the file's name if not given");
-    command.add_option("--bits", options.bits, "Of a sample: 16, 24, or 32 for floats")
+    command.add_option("--bits", options.bits, "Bits of a sample: 16, 24, or 32 for floats")
         ->check(CLI::IsMember({16, 24, 32}));
 }

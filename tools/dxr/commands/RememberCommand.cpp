@@ -14,7 +14,7 @@ struct Options : DeviceArgument {
     std::optional<std::string> key, value;
 };
 
-/// JSON, else plain text.
+/// Parses `text` as JSON; if it is not JSON, returns it as a string.
 CXPlist valueFrom(const std::string& text)
 {
     const CXPlist parsed = CXPlist::parse(text, nullptr, false);
@@ -56,10 +56,10 @@ void registerRememberCommands(CLI::App& app)
         app, "remember",
         "Store a setting of a device for all applications (hv and hm: has volume, has mute), or show them",
         remember);
-    command.add_option("key", options.key, "The setting; without it, all are shown");
-    command.add_option("value", options.value, "JSON, or any text");
+    command.add_option("key", options.key, "The setting to store; all are shown if not given");
+    command.add_option("value", options.value, "The value: JSON, or any text");
 
     const auto [forgetCommand, forgetOptions] =
         addCommand(app, "forget", "Remove stored settings of a device", forget);
-    forgetCommand.add_option("key", forgetOptions.key, "The setting; all without it");
+    forgetCommand.add_option("key", forgetOptions.key, "The setting to remove; all if not given");
 }

@@ -26,9 +26,9 @@ struct Options {
     bool isFast = false;
 };
 
-constexpr uint32_t blockFrames = 1024; // of input
+constexpr uint32_t blockFrames = 1024; // input frames of a block
 
-/// The converter's only node: keeps the output.
+/// The converter's only node: stores its output in a ring buffer.
 class ConvertedFrames final : public DXRConverterNode {
 public:
     static constexpr uint32_t blockFrames = 256;
@@ -54,15 +54,15 @@ public:
     }
 
     FrameRing ring;
-    uint64_t firstTicks = 0; ///< the input time of the first output frame, by the converter
+    uint64_t firstTicks = 0; ///< the input time of the first output frame, as the converter reports it
 
 private:
     ConvertedFrames(uint32_t channelCount, uint64_t minFrames) : ring(channelCount, minFrames) {}
     ~ConvertedFrames() override = default;
 };
 
-/// Converts a file. The converter's delay is cut off at the start and added at the end: the output begins and
-/// ends with the input.
+/// Converts a file. The converter's delay is removed at the start and compensated at the end, so that output
+/// and input begin and end at the same time.
 class FileResampling {
 public:
     FileResampling(SoundFileReader& reader, SoundFileWriter& writer, const Options& options)
@@ -81,7 +81,7 @@ public:
             _entries.push_back({&_samples[channel], reader.channelCount()});
     }
 
-    /// Converts the next block. False when the output is complete.
+    /// Converts the next block. Returns false once the output is complete.
     bool step()
     {
         const uint32_t channels = _reader.channelCount();
@@ -92,7 +92,7 @@ public:
             std::copy_n(_input.frameToRead(frame), channels, &_samples[frame * channels]);
         _input.commitRead(frames);
 
-        constexpr double beginTicks = 1e12; // of a clock that counts input frames
+        constexpr double beginTicks = 1e12; // start of a clock that advances with the input frames
         const double period = 1e9 / _reader.sampleRate();
         const DXRChannelEntry* const entries[2] = {_entries.data(), nullptr};
         _converter->performIOWithSampleTime(
@@ -117,19 +117,19 @@ public:
 private:
     SoundFileReader& _reader;
     SoundFileWriter& _writer;
-    const double _ratio; // output over input
+    const double _ratio; // output rate over input rate
     const uint64_t _total;
     FrameRing _input;
-    std::vector<float> _samples; // a block, interleaved
+    std::vector<float> _samples; // an interleaved block
     std::vector<DXRChannelEntry> _entries;
     const CXRef<ConvertedFrames> _output;
     CXRef<DXRAudioConverter> _converter;
     uint64_t _sampleTime = 0, _framesFed = 0;
-    std::optional<uint64_t> _delay; // output frames still to be cut off; null: not known yet
+    std::optional<uint64_t> _delay; // output frames still to be removed; null: not known yet
     bool _mayHaveMore = true;
 };
 
-/// A progress bar, from half a second on.
+/// A progress bar that is shown after half a second.
 class Progress {
 public:
     Progress() : _live(_terminal) {}
@@ -168,7 +168,7 @@ void run(Options& options)
         Progress progress;
         while (resampling.step()) {
             if (interrupts.wasAsked())
-                throw ToolFailure("stopped; " + singleLine(options.output) + " holds the start");
+                throw ToolFailure("stopped; " + singleLine(options.output) + " is incomplete");
             progress.show(resampling.progress());
         }
     }

@@ -22,10 +22,10 @@ struct Options : DeviceArgument {
 
 struct Volume {
     float value = 0.0F;
-    bool isRelative = false; ///< to be added to the present one
+    bool isRelative = false; ///< whether the value is added to the current volume
 };
 
-/// "0.5" or "50%" as 0.5; with a sign a change, "+5%". Throws CLI::ValidationError.
+/// Parses "0.5" or "50%", or with a sign a change such as "+5%". Throws CLI::ValidationError for other texts.
 Volume volumeFrom(const std::string& text)
 {
     std::string number = text;
@@ -41,7 +41,7 @@ Volume volumeFrom(const std::string& text)
     return {static_cast<float>(value), isRelative};
 }
 
-/// Makes the changes of one command line.
+/// Makes the changes that a command line asks for.
 class Changes {
 public:
     Changes(const Options& options, const DeviceReport& device)
@@ -71,7 +71,7 @@ private:
 
     void _print(const std::string& what) const { std::cout << _name << ": " << what << "\n"; }
 
-    /// The channel that was asked for, else the main element, else every channel with a control.
+    /// The channel given by the user, else the main element, else every channel with a volume control.
     std::vector<uint32_t> _volumeElements() const
     {
         if (_options.channel)
@@ -93,10 +93,10 @@ private:
 
     void _setVolume(const Volume& wanted) const
     {
-        constexpr double tolerance = 0.01; // hardware has steps
+        constexpr double tolerance = 0.01; // hardware rounds volumes to its steps
         const std::vector<uint32_t> elements = _volumeElements();
         if (elements.empty())
-            _fail(formatText("its %s has no volume control", nameOf(_direction)));
+            _fail(formatText("the %s has no volume control", nameOf(_direction)));
         float volume = wanted.value;
         for (const uint32_t element : elements) {
             if (wanted.isRelative)
@@ -126,10 +126,10 @@ private:
             found = std::ranges::find(_report.sources, foldCase(wanted),
                                       [](const Source& source) { return foldCase(source.name); });
         if (_report.sources.empty())
-            _fail(formatText("its %s has no sources", nameOf(_direction)));
+            _fail(formatText("the %s has no sources", nameOf(_direction)));
         if (found == _report.sources.end())
             _fail("no source '" + singleLine(wanted) +
-                  "'; there is: " + shortText(joined(_report.sources, ", ", &Source::name), 200));
+                  "'; available: " + shortText(joined(_report.sources, ", ", &Source::name), 200));
         setAndWait(_name, _device.deviceID, DXRPropertyAddress::deviceDataSource(_scope), found->sourceID,
                    "source");
         _print(std::string(nameOf(_direction)) + " source " + shortText(found->name, 40));
@@ -138,7 +138,7 @@ private:
     void _makeDefault() const
     {
         if (_report.channelCount == 0)
-            _fail(formatText("it has no %s channels", nameOf(_direction)));
+            _fail(formatText("the device has no %s channels", nameOf(_direction)));
         const auto property = _direction == HALDirection::Input
                                   ? DXRPropertyAddress::hardwareDefaultInputDevice()
                                   : DXRPropertyAddress::hardwareDefaultOutputDevice();
@@ -160,9 +160,9 @@ void run(Options& options)
         !options.makesDefault)
         throw CLI::ValidationError("set", "needs one of --volume, --mute, --source, --rate, --default");
     if (options.channel && options.volume.empty() && options.mute.empty())
-        throw CLI::ValidationError("--channel", "goes with --volume or --mute");
+        throw CLI::ValidationError("--channel", "needs --volume or --mute");
     if (!options.volume.empty())
-        volumeFrom(options.volume); // wrong usage is reported before a device is changed
+        volumeFrom(options.volume); // reports wrong usage before a device is changed
     const DeviceReport device = options.report();
     Changes(options, device).make();
 }
@@ -174,7 +174,8 @@ void registerSetCommand(CLI::App& app)
     const auto [command, options] =
         addCommand(app, "set", "Change a device's volume, mute, source or rate", run);
     command.add_option("--volume", options.volume, "0 to 1, or 0% to 100%; +5% and -5% change it");
-    command.add_option("--channel", options.channel, "Only this channel, from 1")->check(CLI::PositiveNumber);
+    command.add_option("--channel", options.channel, "Only this channel, counted from 1")
+        ->check(CLI::PositiveNumber);
     command.add_option("--mute", options.mute, "on, off or toggle")
         ->check(CLI::IsMember({"on", "off", "toggle"}));
     command.add_option("--source", options.source, "A data source, by its name or ID");

@@ -16,7 +16,7 @@ struct Options : HardwareChoice {
     bool withHidden = false, asJSON = false, withIdentity = false;
 };
 
-// By DeviceWatch::Kind.
+// Indexed by DeviceWatch::Kind.
 constexpr Style styles[] = {Style::Plain, Style::Green, Style::Red, Style::Yellow, Style::Red, Style::Cyan};
 
 std::string lineOf(const DeviceWatch::Event& event, const Options& options, const Terminal& terminal)
@@ -46,7 +46,7 @@ void run(Options& options)
     print(watch.begin(), options, terminal);
     const auto visitor = options.visitor();
     const Interrupts interrupts;
-    std::signal(SIGPIPE, SIG_DFL); // the end of the reader is the end
+    std::signal(SIGPIPE, SIG_DFL); // ends the process when the reader of its output ends
     constexpr int forever = -1;
     while (interrupts.wait(forever, DeviceWatch::fd()))
         print(watch.next(), options, terminal);
@@ -58,8 +58,8 @@ void registerWatchCommand(CLI::App& app)
 {
     const auto [command, options] =
         addCommand(app, "watch", "Report devices that connect, disconnect or change, until Ctrl-C", run);
-    command.add_flag("--all", options.withHidden, "Hidden devices too");
-    command.add_flag("--json", options.asJSON, "A JSON object per line");
+    command.add_flag("--all", options.withHidden, "Include hidden devices");
+    command.add_flag("--json", options.asJSON, "Print a JSON object per line");
     command.add_flag("--identity", options.withIdentity,
-                     "The objects of each device: the same when it is connected again");
+                     "Print the objects of each device, which stay the same when it is connected again");
 }

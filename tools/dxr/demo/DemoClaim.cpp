@@ -12,13 +12,13 @@ using Context = DXRCycleRecord::Context;
 
 namespace {
 
-constexpr double minQuality = 80.0;     // dB: inaudible, and far better than any fault
+constexpr double minQuality = 80.0;     // dB: errors are inaudible; any fault is far worse
 constexpr double spoiledQuality = 50.0; // dB
-constexpr double maxSpoiledShare = 0.1; // on a busy machine any device loses a cycle now and then
+constexpr double maxSpoiledShare = 0.1; // on a busy machine every device sometimes loses a cycle
 constexpr double levelTolerance = 0.02;
 constexpr double maxPitchError = 100.0; // ppm: a sixth of a cent, inaudible
-// Left out of a stretch: until cycles come and clocks are measured, and where a tenth of a second would
-// exceed it.
+// The parts of a stretch that are ignored: at its start, until cycles run and the clocks are measured; at its
+// end, where a tenth of a second would extend beyond it.
 constexpr uint64_t settlingTicks = 700'000'000, endTicks = 150'000'000;
 
 double median(std::vector<double> values)
@@ -28,7 +28,7 @@ double median(std::vector<double> values)
     return *middle;
 }
 
-/// The variation of the timer's sample time against the clock, seconds.
+/// The variation of the timer's sample time against the clock, in seconds.
 double timerError(std::span<const DXRCycleRecord> cycles, double sampleRate)
 {
     double lowest = 0.0, highest = 0.0;
@@ -45,11 +45,11 @@ double timerError(std::span<const DXRCycleRecord> cycles, double sampleRate)
     return highest - lowest;
 }
 
-/// The tones of an output in all stretches.
+/// The tones of an output during all stretches.
 struct OutputSound {
     std::vector<double> qualities; // dB
-    size_t spoiled = 0;            // of these
-    double pitchError = 0.0;       // ppm, the maximum of the others
+    size_t spoiled = 0;            // how many qualities are below spoiledQuality
+    double pitchError = 0.0;       // ppm, maximum of the others
     bool isTrue = true;
 };
 
@@ -129,7 +129,7 @@ std::vector<DemoStretch> DemoStretch::cut(std::vector<DemoStretch> stretches,
 DemoClaim DemoClaim::ofTime(std::span<const DXRCycleRecord> records, double sampleRate)
 {
     std::vector<DXRCycleRecord> cycles;
-    double cycleSeconds = 0.0; // maximum
+    double cycleSeconds = 0.0; // the longest cycle
     std::ranges::copy_if(records, std::back_inserter(cycles), [](const DXRCycleRecord& record) {
         return record.event == Event::Cycle && record.runnerFrameCount > 0;
     });
@@ -144,7 +144,7 @@ DemoClaim DemoClaim::ofTime(std::span<const DXRCycleRecord> records, double samp
             static_cast<double>(static_cast<int64_t>(now.sampleTime - before.sampleTime)) / sampleRate;
         longestPause = std::max(longestPause, pause);
         back += now.sampleTime < before.sampleTime + before.runnerFrameCount;
-        ahead += step > pause + 2.0 * cycleSeconds; // cycles may follow fast after a late one
+        ahead += step > pause + 2.0 * cycleSeconds; // after a late cycle, the next ones may follow quickly
     }
     const double error = timerError(cycles, sampleRate);
     if (!cycles.empty())

@@ -4,15 +4,15 @@
 
 #include <dxr/DXRCycleTrace.h>
 
-/// A tenth of a second of an output, measured by the microphone's tone.
+/// A tenth of a second of an output's recording, compared with the microphone's tone.
 struct DemoTone {
     DemoStage::Device output;
-    uint64_t hostTicks; ///< of its middle
-    double quality;     ///< dB, the tone to the rest
-    double level;       ///< of the tone, peak
+    uint64_t hostTicks; ///< the middle of the tenth of a second
+    double quality;     ///< dB, ratio of the tone to everything else
+    double level;       ///< the tone's peak amplitude
     double pitchError;  ///< parts per million
 
-    /// Of everything that the outputs have played.
+    /// Measures everything that the outputs have played.
     static std::vector<DemoTone> measure(const DemoStage& stage);
 };
 
@@ -21,22 +21,23 @@ struct DemoStretch {
     uint64_t from, to;
     std::array<bool, DemoStage::devices.size()> isPlugged;
 
-    /// Cut where a context starts, by the trace.
+    /// Splits stretches where, according to the trace, a context starts.
     static std::vector<DemoStretch> cut(std::vector<DemoStretch> stretches,
                                         std::span<const DXRCycleRecord> records);
 };
 
-/// A claim about the library, and whether one run of the demo confirms it.
+/// A claim about the library, and whether a run of the demo confirms it.
 /// Threads: any.
 struct DemoClaim {
     bool isTrue;
-    std::string about; ///< a word
-    std::string text;  ///< with figures
+    std::string about; ///< the subject, one word
+    std::string text;  ///< the claim with its figures
 
-    /// Sample time never goes back, nor ahead of the clock; without a device, the timer keeps it exactly.
+    /// Sample time never goes back and never runs ahead of the clock; without a device, the timer keeps it
+    /// exactly.
     static DemoClaim ofTime(std::span<const DXRCycleRecord> records, double sampleRate);
-    /// In every stretch, each connected output plays the tone at the level of its volume, which is `volume`
-    /// (0 to 1) for the headphones.
+    /// In every stretch, each connected output plays the tone at the level of its volume. The volume of the
+    /// headphones is `volume`, 0 to 1.
     static DemoClaim ofSound(std::span<const DemoTone> tones, std::span<const DemoStretch> stretches,
                              double volume);
 };

@@ -6,8 +6,8 @@
 #include <span>
 #include <vector>
 
-/// Records the first channel of a simulated output, in blocks of a tenth of a second without a gap.
-/// Threads:   the sink on the device's IO thread, of one device at a time; the rest on one other.
+/// Records the first channel of a simulated output, in gapless blocks of a tenth of a second.
+/// Threads:   the sink on the IO thread of one device at a time; all else on one other thread.
 /// Real time: the sink.
 class DemoRecording {
 public:
@@ -17,10 +17,10 @@ public:
         std::span<const float> samples;
     };
 
-    /// Room for `seconds` at `sampleRate` Hz; then it is full.
+    /// Records up to `seconds` at `sampleRate` Hz.
     DemoRecording(double sampleRate, double seconds);
 
-    /// This object must outlive the devices that play into it.
+    /// The sink for a simulated device. This object must outlive the devices that play into it.
     SimulatedSink sink();
     double sampleRate() const noexcept { return _sampleRate; }
     std::vector<Block> blocks() const;
@@ -31,11 +31,12 @@ private:
 
     const double _sampleRate;
     const size_t _blockFrames, _maxBlocks;
-    const std::unique_ptr<float[]> _samples; // not cleared: pages are allocated as they are written
+    const std::unique_ptr<float[]> _samples; // uninitialised, so that pages are allocated when written
     const std::unique_ptr<uint64_t[]> _blockTicks;
-    // Of the sink: the device's sample time after the last cycle, and the frames of the incomplete block.
+    // Used by the sink only: the device's sample time after the last cycle, and the number of frames in the
+    // incomplete block.
     uint64_t _nextSampleTime = 0;
     size_t _filledFrames = 0;
-    // Written by the sink. Blocks below it are complete: its release pairs with the reader's acquire.
+    // Stored by the sink with release after a block is complete; pairs with the reader's acquire.
     std::atomic<size_t> _blockCount{0};
 };

@@ -67,13 +67,13 @@ std::optional<DemoStage::Step> DemoStage::performNext(double seconds)
     else
         _unplug(step.device);
     if (!step.isPlug && step.device == Headphones)
-        _setLocation(secondLocation); // where they return
+        _setLocation(secondLocation); // they will be plugged in there
     return step;
 }
 
 void DemoStage::_plug(Device device)
 {
-    constexpr float fullVolume = 1.0F; // the device itself remembers nothing
+    constexpr float fullVolume = 1.0F; // a simulated device does not remember its volume
     const Facts& fact = facts[device];
     SimulatedDeviceBuilder builder = aDevice()
                                          .uid(uidOf(device))

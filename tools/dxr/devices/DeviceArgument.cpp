@@ -4,11 +4,11 @@
 
 DeviceArgument::DeviceArgument(CLI::App& command, Sides sides) : HardwareChoice(command)
 {
-    command.add_option("device", _device, "Its UID, reference, or a part of its name")->required();
+    command.add_option("device", _device, "The device's UID, reference, or a part of its name")->required();
     if (sides == Sides::Both)
         return;
-    CLI::Option* const input = command.add_flag("--input", _isInput, "The input side");
-    command.add_flag("--output", _isOutput, "The output side; the default where there is one")
+    CLI::Option* const input = command.add_flag("--input", _isInput, "Use the input side");
+    command.add_flag("--output", _isOutput, "Use the output side; the default if the device has one")
         ->excludes(input);
 }
 

@@ -3,8 +3,9 @@
 #include "DeviceReport.h"
 #include "HardwareChoice.h"
 
-/// The options of commands for one device: which one, on which hardware, and which side of it.
-/// Threads: one.
+/// The options of commands that use one device: the device, the hardware, and the device's input or output
+/// side.
+/// Threads: one at a time.
 class DeviceArgument : public HardwareChoice {
 public:
     enum class Sides { Both, Choice };
@@ -14,9 +15,9 @@ public:
 
     /// Finds the device. Throws ToolFailure.
     DeviceReport report() const;
-    /// Of the chosen side, else the output side where there is one. Throws ToolFailure.
+    /// The device object of the chosen side; by default the output if the device has one. Throws ToolFailure.
     CXRef<DXRDevice> device() const { return report().device(side()); }
-    /// The side that the user has chosen.
+    /// The side that the user has chosen; null if none.
     std::optional<HALDirection> side() const;
 
 private:

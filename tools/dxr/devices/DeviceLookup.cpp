@@ -19,7 +19,7 @@ std::string quoted(const std::string& text)
     return "'" + shortText(text, nameColumns) + "'";
 }
 
-/// The only one of `found`; null of none.
+/// Returns the only device in `found`, or null if it is empty. Throws ToolFailure if there are several.
 std::optional<DeviceReport> onlyOne(const std::string& wanted, const std::vector<DeviceReport>& found)
 {
     constexpr size_t maxCandidates = 10;
@@ -35,7 +35,7 @@ std::optional<DeviceReport> onlyOne(const std::string& wanted, const std::vector
     throw ToolFailure(line + (found.size() > maxCandidates ? "\n  …" : ""));
 }
 
-/// The connected devices that a reference can mean: the device itself, else all of its model.
+/// The connected devices that a reference can refer to: the device itself, else all devices of its model.
 std::vector<DeviceReport> readReferred(const DXRDeviceReference& reference)
 {
     DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();

@@ -3,18 +3,20 @@
 #include "DeviceReport.h"
 #include "ToolFailure.h"
 
-/// Thrown for a device that is not connected, and may be later.
+/// Thrown if a device is not connected but may be connected later.
 class DeviceMissing : public ToolFailure {
 public:
     using ToolFailure::ToolFailure;
 };
 
-/// The device that a user names. Where `wanted` is a reference, the device that it refers to. Else, in this
-/// order: the device of that UID, of that display name, or with `wanted` in its display name or UID, ignoring
-/// case. Hidden devices are found by their UID or whole name. With a direction, the device must have channels
-/// in it. Throws DeviceMissing, or ToolFailure when several devices match.
+/// Finds the device that a user names. If `wanted` is a device reference, returns the device it refers to.
+/// Otherwise tries, in this order: the device with that UID, the device with that display name, the device
+/// whose display name or UID contains `wanted`, ignoring case. Hidden devices are found only by their UID or
+/// whole name. If `direction` is given, the device must have channels in it. Throws DeviceMissing, or
+/// ToolFailure if several devices match.
 /// Threads: any.
 DeviceReport findDevice(const std::string& wanted, std::optional<HALDirection> direction = std::nullopt);
-/// The same; null when there is no such device, or the text is no reference.
+/// Like findDevice(), but returns null if no device matches or `wanted` is a malformed reference. Throws
+/// DeviceMissing only for a reference to a device that is not connected.
 std::optional<DeviceReport> findDeviceIfKnown(const std::string& wanted,
                                               std::optional<HALDirection> direction = std::nullopt);

@@ -57,7 +57,7 @@ bool comesTrue(const std::function<bool()>& isDone)
 void failSetting(const std::string& name, const std::string& what, HALStatus status)
 {
     throw ToolFailure(status == kAudioHardwareNoError
-                          ? name + ": did not take over the " + what
+                          ? name + ": did not accept the " + what + " in time"
                           : name + ": the " + what + " cannot be set: " + textOf(status));
 }
 

@@ -5,7 +5,7 @@
 #include <dxr/HALDirection.h>
 #include <functional>
 
-// Properties of devices, beyond what DXRPropertyAddress reads. Any thread.
+// Properties of devices that DXRPropertyAddress does not read. Threads: any.
 
 /// kAudioObjectPropertyScopeInput or …Output.
 constexpr uint32_t scopeOf(HALDirection direction) noexcept
@@ -16,20 +16,23 @@ constexpr uint32_t scopeOf(HALDirection direction) noexcept
 /// "input" or "output".
 const char* nameOf(HALDirection direction) noexcept;
 
-/// The parts of an aggregate, in its order; none when they cannot be read.
+/// The status of an aggregate's sub-devices, in the aggregate's order; empty if it cannot be read.
 std::vector<AudioAggregateSubDeviceStatus> subDeviceStatus(AudioObjectID aggregateID);
 
 /// A status as text for the user: "the device is gone ('!dev')".
 std::string textOf(HALStatus status);
 
-// Writes, each of which waits until the hardware has taken the value, for two seconds at most. `name` is the
-// device's, printable. They throw ToolFailure when the hardware refuses, or does not take the value in time.
+// The following functions set a value and wait, for at most two seconds, until the hardware has accepted it.
+// `name` is the device's printable name. They throw ToolFailure if the hardware refuses the value, or does
+// not accept it in time.
 
-/// Whether `isDone` returns true within two seconds.
+/// Polls `isDone` for up to two seconds. Returns whether it returned true.
 bool comesTrue(const std::function<bool()>& isDone);
+/// Throws a ToolFailure that says that `what` could not be set, and why.
 [[noreturn]] void failSetting(const std::string& name, const std::string& what, HALStatus status);
 
-/// `what` names the value in the message. It is taken when it reads the same within `tolerance`.
+/// `what` names the value in the error message. The value is accepted once it reads the same within
+/// `tolerance`.
 template <class Value>
 void setAndWait(const std::string& name, AudioObjectID objectID, const DXRPropertyAddress::Ref& property,
                 Value value, const std::string& what, double tolerance = 0.0)
@@ -46,5 +49,5 @@ void setAndWait(const std::string& name, AudioObjectID objectID, const DXRProper
     if (status != kAudioHardwareNoError || !comesTrue(isTaken))
         failSetting(name, what, status);
 }
-/// The nominal rate, Hz.
+/// Sets the nominal rate, Hz.
 void setSampleRate(const std::string& name, AudioObjectID deviceID, double rate);

@@ -86,7 +86,7 @@ CXPlist orNull(const std::string& text)
     return text.empty() ? CXPlist(nullptr) : CXPlist(text);
 }
 
-/// 0.7, not the float's 0.699999988.
+/// Rounds the volume so that 0.7F is printed as 0.7 and not as 0.699999988.
 CXPlist volumeJSON(const std::optional<float>& volume)
 {
     return volume ? CXPlist(std::round(double{*volume} * 1e6) / 1e6) : CXPlist(nullptr);
@@ -177,7 +177,7 @@ std::optional<DeviceReport> DeviceReport::read(AudioObjectID deviceID)
         rangeOf(Property::deviceBufferFrameSizeRange()->valueRangeForObjectID(deviceID));
     for (const HALDirection direction : halDirections)
         report.directions[static_cast<size_t>(direction)] = readDirection(deviceID, direction);
-    // Values read while the device disconnected are incomplete.
+    // If the device has disconnected, some of the values may not have been read.
     return Property::deviceDeviceUID()->getSize(nullptr, deviceID) ? std::optional(report) : std::nullopt;
 }
 

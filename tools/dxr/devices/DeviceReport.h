@@ -20,30 +20,31 @@ struct DirectionReport {
         std::string name;
     };
 
-    CXRef<DXRDevice> device; ///< the manager's; null when the manager does not know it (yet)
-    std::string displayName; ///< numbered where devices have the same name
+    CXRef<DXRDevice> device; ///< the manager's object; null if the manager does not know the device (yet)
+    std::string displayName; ///< numbered if several devices have the same name
     uint32_t channelCount = 0;
-    std::vector<std::string> channelNames; ///< [c - 1] of channel c, "Front Left"; empty when none has a name
+    std::vector<std::string> channelNames; ///< [c - 1] of channel c, "Front Left"; empty if none has a name
     std::vector<Stream> streams;
     std::vector<Source> sources;
     std::optional<uint32_t> currentSource; ///< null: no sources
-    std::optional<float> volume;           ///< of the main element, 0 to 1; null: no control
+    std::optional<float> volume;           ///< of the main element, 0 to 1; null: no volume control
     std::vector<std::optional<float>>
-        channelVolumes;          ///< [c - 1] of channel c; empty: no channel has a control
-    std::optional<bool> isMuted; ///< null: no control
-    std::optional<std::array<uint32_t, 2>> stereoChannels; ///< from 1
+        channelVolumes;          ///< [c - 1] of channel c; empty: no channel has a volume control
+    std::optional<bool> isMuted; ///< null: no mute control
+    std::optional<std::array<uint32_t, 2>> stereoChannels; ///< channel numbers from 1
     uint32_t latencyFrames = 0;
     uint32_t safetyOffsetFrames = 0;
     bool isDefault = false;
     bool isDefaultSystem = false; ///< output only
 
-    /// The main volume, else that of the loudest channel; null without any control.
+    /// The main volume, else that of the loudest channel; null if there is no volume control.
     std::optional<float> shownVolume() const;
-    /// Empty when there is none.
+    /// The name of the current source; empty if there is none.
     std::string currentSourceName() const;
 };
 
-/// Everything about a device, read at one moment. Texts are unprintable as they are: see singleLine().
+/// Everything about a device, read at one moment. Texts may contain control characters: print them by way of
+/// singleLine().
 /// Threads: any.
 struct DeviceReport {
     AudioObjectID deviceID = kAudioObjectUnknown;
@@ -62,35 +63,34 @@ struct DeviceReport {
     AudioValueRange bufferFrameSizeRange{};
     std::array<DirectionReport, 2> directions; ///< by HALDirection
 
-    /// Null when the device is gone.
+    /// Reads the device's properties; null if it was disconnected.
     static std::optional<DeviceReport> read(AudioObjectID deviceID);
     enum class Hidden { No, Yes };
-    /// Every device, by ID.
+    /// Reads every device, ordered by ID.
     static std::vector<DeviceReport> readAll(Hidden hidden);
 
     const DirectionReport& operator[](HALDirection direction) const
     {
         return directions[static_cast<size_t>(direction)];
     }
-    /// `chosen`, else the output where the device has one, else the input.
+    /// Returns `chosen` if given, else Output if the device has output channels, else Input.
     HALDirection direction(std::optional<HALDirection> chosen) const;
-    /// The name to show, unique among the devices.
+    /// The name to show users; unique among the devices.
     const std::string& displayName() const;
     /// The display name, printable and short enough for a line of text.
     std::string shortName() const;
-    /// The device object of direction(chosen). Throws ToolFailure when there is none.
+    /// The device object of direction(chosen). Throws ToolFailure if there is none.
     CXRef<DXRDevice> device(std::optional<HALDirection> chosen) const;
-    /// Whether it is a runner's private aggregate, in any process.
+    /// Whether the device is the private aggregate of a runner in any process.
     bool isOfRunner() const { return uid.starts_with("DXR:"); }
-    /// "usb", "built-in", …; the four characters of an unknown code.
+    /// "usb", "built-in", …; for an unknown transport type, its four characters.
     std::string transportName() const;
-    /// As in docs/json.md.
+    /// The report in the format of docs/json.md.
     CXPlist json() const;
 };
 
-/// The version of everything that is printed as JSON (docs/json.md); raised when a key goes or changes its
-/// meaning.
+/// The version of the JSON output (docs/json.md); incremented when a key is removed or changes its meaning.
 inline constexpr int jsonSchema = 1;
 
-/// JSON text: bytes that are not UTF-8 are replaced; for a terminal it is plain ASCII.
+/// Returns `json` as text. Bytes that are not UTF-8 are replaced. On a terminal, the text is plain ASCII.
 std::string jsonText(const CXPlist& json, int indent, bool onTerminal);

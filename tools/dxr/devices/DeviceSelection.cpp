@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t maxChannels = 4096;
 
-/// The number at the start of `text`, which is removed from it; null when there is none.
+/// Removes the number at the start of `text` and returns it; null if there is none.
 std::optional<uint32_t> takeNumber(std::string_view& text)
 {
     uint32_t number = 0;
@@ -31,7 +31,7 @@ bool takeCharacter(std::string_view& text, char character)
     return isNext;
 }
 
-/// The channels of a list such as "1,2" or "3-6,1"; null when `text` is none.
+/// Parses a list of channels such as "1,2" or "3-6,1"; null if `text` is not such a list.
 std::optional<std::vector<uint32_t>> channelList(std::string_view text)
 {
     std::vector<uint32_t> channels;
@@ -62,7 +62,7 @@ DeviceReport findDefault(HALDirection direction)
 DeviceSelection DeviceSelection::of(const DeviceReport& report, HALDirection direction)
 {
     const CXRef<DXRDevice>& device = report[direction].device;
-    if (!device && !report.isHidden) // the manager adopts it shortly after the hardware reports it
+    if (!device && !report.isHidden) // the manager creates it shortly after the hardware reports the device
         throw DeviceMissing(report.shortName() + ": is not ready yet");
     if (!device)
         throw ToolFailure(report.shortName() + ": is hidden from applications, which cannot use it");

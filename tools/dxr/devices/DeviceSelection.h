@@ -2,27 +2,27 @@
 
 #include "DeviceReport.h"
 
-/// A device in one direction and some of its channels: DEVICE[:CHANNELS] on a command line.
+/// One direction of a device and some of its channels: DEVICE[:CHANNELS] on a command line.
 /// Threads: any.
 struct DeviceSelection {
-    DeviceReport report; ///< as read when it was found
+    DeviceReport report; ///< read when the device was found
     CXRef<DXRDevice> device;
     std::vector<uint32_t> channels; ///< from 1, in the user's order
-    bool areChannelsChosen = false; ///< else all of the device's
-    bool isDefault = false;         ///< follows the default device
+    bool areChannelsChosen = false; ///< false: all channels of the device
+    bool isDefault = false;         ///< whether "default" was named: follows the default device
 
-    /// All channels of a device. Throws ToolFailure when it has no device object.
+    /// Selects all channels of a device. Throws ToolFailure if it has no device object in that direction.
     static DeviceSelection of(const DeviceReport& report, HALDirection direction);
-    /// "default" is the default device of the direction. Else, the device that the whole text names; else the
-    /// one that the text before the last colon names, with the channels behind it: "1,2", "3-6" or both.
-    /// Throws ToolFailure like findDevice(), and for channels that the device does not have.
+    /// "default" selects the default device of the direction. Otherwise the whole text is tried as a device,
+    /// and then the text before the last colon, followed by channels: "1,2", "3-6" or both. Throws like
+    /// findDevice(), and ToolFailure for channels that the device does not have.
     static DeviceSelection find(const std::string& text, HALDirection direction);
-    /// Throws ToolFailure also when two of `texts` name the same device.
+    /// Calls find() for each of `texts`. Also throws ToolFailure if two of them name the same device.
     static std::vector<DeviceSelection> findAll(const std::vector<std::string>& texts,
                                                 HALDirection direction);
 
     std::string shortName() const { return report.shortName(); } ///< printable
 };
 
-/// "One + Another": the devices' names, printable.
+/// The devices' printable names: "One + Another".
 std::string namesOf(const std::vector<DeviceSelection>& selections);

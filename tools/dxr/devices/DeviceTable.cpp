@@ -11,7 +11,7 @@ std::string channelsText(const DirectionReport& direction)
     return direction.channelCount == 0 ? "-" : std::to_string(direction.channelCount);
 }
 
-/// Of the output, else of the input.
+/// The volume of the output if the device has one, else of the input.
 std::string volumeText(const DeviceReport& device)
 {
     const DirectionReport& direction = device[device.direction(std::nullopt)];

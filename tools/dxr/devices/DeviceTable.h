@@ -3,6 +3,6 @@
 #include "DeviceReport.h"
 #include "Terminal.h"
 
-/// The lines of the table of `dxr list`, `width` columns wide.
+/// Returns the table of `dxr list` as lines of up to `width` columns.
 std::vector<std::string> deviceTable(const std::vector<DeviceReport>& devices, size_t width,
                                      const Terminal& terminal);

@@ -15,7 +15,7 @@ constexpr size_t valueColumns = 60;
 constexpr const char* words[] = {"present", "connected",   "disconnected",
                                  "changed", "lost cycles", "default"}; // by DeviceWatch::Kind
 
-/// A value of a report's JSON as text.
+/// Returns a value of a report's JSON as text for the user.
 std::string valueText(const std::string& key, const CXPlist& value)
 {
     if (value.is_boolean())
@@ -37,7 +37,7 @@ std::string valueText(const std::string& key, const CXPlist& value)
     return list.empty() ? "none" : list;
 }
 
-/// A value that differs between two reports. The keys of the directions begin with "inputs/" or "outputs/".
+/// A value that differs between two reports. Keys of one direction begin with "inputs/" or "outputs/".
 struct Difference {
     std::string key;
     CXPlist from, to;
@@ -49,7 +49,7 @@ std::vector<Difference> differences(const CXPlist& before, const CXPlist& after,
     for (const auto& [key, value] : after.items()) {
         const CXPlist& old = before[key];
         if (old == value || key.starts_with("default_") ||
-            key == "reference") // events of their own, or follow others
+            key == "reference") // reported by other events, or changed only as a consequence of other keys
             continue;
         if (prefix.empty() && (key == "inputs" || key == "outputs"))
             std::ranges::move(differences(old, value, key + "/"), std::back_inserter(found));
@@ -59,7 +59,8 @@ std::vector<Difference> differences(const CXPlist& before, const CXPlist& after,
     return found;
 }
 
-/// Whether a display name changes only because the name does, which is another event: its number stays.
+/// Whether a display name changed only because the name did, which is reported by its own event. The display
+/// name's number is then the same.
 bool isOfRename(const Difference& difference, const std::string& name)
 {
     const auto isNumbered = [&](const CXPlist& shown) {
@@ -69,7 +70,7 @@ bool isOfRename(const Difference& difference, const std::string& name)
            !isNumbered(difference.to);
 }
 
-/// "outputs/safety_offset_frames" as "output safety offset frames".
+/// Returns "output safety offset frames" for "outputs/safety_offset_frames".
 std::string labelOf(std::string key)
 {
     if (const size_t slash = key.find("s/"); slash != std::string::npos)
@@ -93,7 +94,7 @@ std::string DeviceWatch::Event::text() const
                           device[HALDirection::Output].channelCount, formatRate(device.sampleRate).c_str()) +
                shortText(device.uid, nameColumns);
     case Kind::Changed: {
-        if (what == "name") // under the name that it had
+        if (what == "name") // printed under the previous name
             return start + shortText(from.get<std::string>(), nameColumns) + ": is now " + name;
         const std::string key = what.substr(what.rfind('/') + 1);
         return start + name + ": " + labelOf(what) + " " + clipToWidth(valueText(key, from), valueColumns) +
@@ -168,7 +169,7 @@ CXRef<DXRPropertyListener> DeviceWatch::_follow(AudioObjectID objectID) const
     CXRef<DXRPropertyListener> listener = DXRPropertyListener::initWithObjectID(
         objectID, &everyProperty, nullptr, _changes,
         [objectID](const CXRef<CXObject>& changes, const AudioObjectPropertyAddress* changed) {
-            // The device manager reports the list, after it has read it.
+            // Changes of the device list are reported by the device manager, once it has processed them.
             if (objectID != kAudioObjectSystemObject || changed->selector != kAudioHardwarePropertyDevices)
                 static_cast<Changes&>(*changes).add(
                     {objectID, changed->selector, std::chrono::system_clock::now()});
@@ -190,7 +191,7 @@ std::vector<DeviceWatch::Event> DeviceWatch::next()
 {
     dxr::MainQueue::shared().drain();
     std::vector<Event> events;
-    std::set<AudioObjectID> readNow; // several changes of one device are read at once
+    std::set<AudioObjectID> readNow; // a device with several changes is read only once
     for (const Change& change : std::exchange(_changes->pending, {})) {
         if (change.objectID == kAudioObjectSystemObject) {
             if (change.selector == kAudioHardwarePropertyDevices)
@@ -223,7 +224,7 @@ void DeviceWatch::_compareDevices(Moment when, Kind kind, std::vector<Event>& ev
         if (_known.contains(deviceID))
             continue;
         CXRef<DXRPropertyListener> listener =
-            _follow(deviceID); // before it is read, so that no change is missed
+            _follow(deviceID); // before the device is read, so that no change is missed
         std::optional<DeviceReport> report = DeviceReport::read(deviceID);
         if (!report)
             continue;
@@ -238,7 +239,7 @@ void DeviceWatch::_readAgain(AudioObjectID deviceID, Moment when, std::vector<Ev
     const auto known = _known.find(deviceID);
     std::optional<DeviceReport> report = DeviceReport::read(deviceID);
     if (known == _known.end() || !report)
-        return; // disconnected: the list of devices reports it
+        return; // disconnected: _compareDevices() reports it
     const DeviceReport before = std::exchange(known->second.report, std::move(*report));
     const DeviceReport& now = known->second.report;
     if (_isShown(before) != _isShown(now))
@@ -264,7 +265,7 @@ void DeviceWatch::_readDefaults(Moment when, std::vector<Event>& events)
         const auto known = _known.find(deviceID);
         const bool isKnown = known != _known.end(), isFirst = before == _defaults.end();
         if (deviceID != kAudioObjectUnknown && !isKnown && !QDLAudioDeviceIsHidden(deviceID))
-            continue; // not listed yet; the defaults are read again when it is
+            continue; // the device is not listed yet; the defaults are read again once it is
         _defaults[which] = deviceID;
         if (isKnown || !isFirst)
             events.push_back({Kind::Default, when, isKnown ? known->second.report : DeviceReport(), which});

@@ -9,36 +9,37 @@
 #include <map>
 
 /// Reports devices that connect, disconnect and change.
-/// Threads: the main thread. The hardware reports on others, which hand changes over through the main queue.
+/// Threads: the main thread. The hardware reports changes on other threads, which post them to the main
+/// queue.
 class DeviceWatch {
 public:
     enum class Kind { Present, Connected, Disconnected, Changed, LostCycles, Default };
     struct Event {
         Kind kind;
         std::chrono::system_clock::time_point when;
-        DeviceReport device;   ///< now, or as it was last; of a default: empty when there is none
-        std::string what = {}; ///< of a change: the value, "outputs/volume"; of a default: "output"
-        CXPlist from = {};     ///< of a change: before
-        CXPlist to = {};       ///< of a change: now
-        /// One line without the time, "changed       USB Mic: output volume 50% -> 62%".
+        DeviceReport device;   ///< current or, if disconnected, last; Default without a device: empty
+        std::string what = {}; ///< Changed: the JSON key, "outputs/volume"; Default: "output"
+        CXPlist from = {};     ///< Changed: the value before
+        CXPlist to = {};       ///< Changed: the value now
+        /// The event as one line, without the time: "changed       USB Mic: output volume 50% -> 62%".
         std::string text() const;
-        /// The device's objects: "input 0x55…, output 0x55…".
+        /// The addresses of the device's objects: "input 0x55…, output 0x55…".
         std::string identity() const;
-        /// As in docs/json.md.
+        /// The event in the format of docs/json.md.
         CXPlist json() const;
     };
 
-    /// Without hidden devices, one that hides itself has disconnected.
+    /// If `withHidden` is false, a device that becomes hidden is reported as disconnected.
     explicit DeviceWatch(bool withHidden);
     ~DeviceWatch();
     DeviceWatch(const DeviceWatch&) = delete;
     DeviceWatch& operator=(const DeviceWatch&) = delete;
 
-    /// Every device and default device; call it once, before next().
+    /// Starts watching and returns an event for every device and default device. Call it once, before next().
     std::vector<Event> begin();
-    /// Polls readable when next() has work.
+    /// A descriptor that polls readable when next() has work.
     static int fd() noexcept { return dxr::MainQueue::shared().fd(); }
-    /// The events since the last call. Serves the main queue.
+    /// Serves the main queue and returns the events since the last call.
     std::vector<Event> next();
 
 private:
@@ -48,7 +49,7 @@ private:
         uint32_t selector;
         Moment when;
     };
-    /// Changes that next() has not read, on the main queue.
+    /// Changes that next() has not processed yet. Used on the main queue.
     struct Changes final : CXObject {
         std::vector<Change> pending;
         void add(const Change& change);
@@ -69,5 +70,5 @@ private:
     const DXRDeviceManager::NotifierBlock _notifier;
     const CXRef<DXRPropertyListener> _defaultsListener;
     std::map<AudioObjectID, Known> _known;
-    std::map<std::string, AudioObjectID> _defaults; // by "input", "output", "system output"
+    std::map<std::string, AudioObjectID> _defaults; // keys: "input", "output", "system output"
 };

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// A computer with one device of every kind that programs must support.
+/// Creates a computer with one device of every kind that programs must support.
 CXRef<SimulatedHardware> simulatedComputer()
 {
     using enum HALDirection;

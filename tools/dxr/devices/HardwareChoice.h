@@ -4,18 +4,19 @@
 
 #include <CLI/CLI.hpp>
 
-/// The options `--simulated` and `--hardware`: the base of the options of every command that uses devices.
-/// Threads: one.
+/// The options `--simulated` and `--hardware`; base class of the options of every command that uses devices.
+/// Threads: one at a time.
 class HardwareChoice {
 public:
-    /// Adds the options to `command`, which calls apply() before it runs. This object must outlive the
-    /// command line.
+    /// Adds the options to `command`; see addCommand() for the call of apply(). This object must live until
+    /// the command line has been parsed.
     explicit HardwareChoice(CLI::App& command);
 
     /// Selects the process's hardware. Call it once, before any other use of devices. Throws ToolFailure for
     /// an unknown driver.
     void apply();
-    /// On simulated hardware: changes to its devices, for as long as the result lives. Null on real hardware.
+    /// Starts changing devices of the simulated hardware, for as long as the result lives. Returns null on
+    /// real hardware.
     std::unique_ptr<SimulatedVisitor>
     visitor(std::chrono::milliseconds pause = SimulatedVisitor::usualPause) const;
 

@@ -6,9 +6,9 @@
 #include <mutex>
 #include <thread>
 
-/// Changes devices of the simulated computer, over and over: connects and disconnects headphones, renames a
+/// Changes devices of the simulated computer repeatedly: connects and disconnects headphones, renames a
 /// microphone, sets volumes and sources.
-/// Threads: its own makes the changes.
+/// Threads: one at a time. The changes are made on a thread that the object owns.
 class SimulatedVisitor {
 public:
     static constexpr std::chrono::milliseconds usualPause{400};
@@ -27,6 +27,6 @@ private:
     const std::chrono::milliseconds _pauseBetween;
     std::mutex _mutex;
     std::condition_variable _ended;
-    bool _isOver = false; // under the mutex
+    bool _isOver = false; // guarded by _mutex
     std::thread _thread;
 };

@@ -14,7 +14,7 @@ namespace {
 
 constexpr int maxChannels = 1024;
 
-/// Of a WAV file; 0 if it is compressed.
+/// The bytes of a sample in a WAV file; 0 if the format is compressed.
 uint64_t bytesPerSample(int format)
 {
     switch (format & SF_FORMAT_SUBMASK) {
@@ -34,8 +34,8 @@ uint64_t bytesPerSample(int format)
     }
 }
 
-/// A chunk of a WAV file, with the declared size, and its first bytes copied to `data`; of size 0 when there
-/// is none.
+/// Returns a chunk of a WAV file, whose `datalen` is the size that the file declares, and copies up to
+/// `bytes` bytes to `data` unless that is null. `datalen` is 0 if there is no such chunk.
 SF_CHUNK_INFO chunkNamed(SNDFILE* file, const char* name, void* data, uint32_t bytes)
 {
     SF_CHUNK_INFO chunk{};
@@ -56,7 +56,7 @@ SF_CHUNK_INFO chunkNamed(SNDFILE* file, const char* name, void* data, uint32_t b
 bool isCutShort(SNDFILE* file, const SF_INFO& info)
 {
     uint64_t bytes = chunkNamed(file, "data", nullptr, 0).datalen;
-    if (bytes == UINT32_MAX) { // of an RF64 file, whose size is in this chunk; else unknown
+    if (bytes == UINT32_MAX) { // an RF64 file has its size in the chunk "ds64"; in other files it is unknown
         uint64_t sizes[3] = {};
         bytes = chunkNamed(file, "ds64", sizes, sizeof sizes).datalen > 0 ? sizes[1] : 0;
     }
@@ -80,11 +80,11 @@ SoundFileReader::SoundFileReader(const std::string& path, const SoundFormat& for
     _info.channels = static_cast<int>(format.channelCount);
     _open(path);
     if (_info.frames <= 0)
-        throw ToolFailure(_name + ": holds no sound");
+        throw ToolFailure(_name + ": contains no sound");
     if (_info.channels < 1 || _info.channels > maxChannels || _info.samplerate < 1)
         throw ToolFailure(_name + ": not a sound file: its header is invalid");
     if (!_stream && !format.isRaw() && isCutShort(_file.get(), _info))
-        throw ToolFailure(_name + ": is cut short");
+        throw ToolFailure(_name + ": is truncated");
     _length = static_cast<uint64_t>(_info.frames);
     if (_stream)
         _stream->begin();
@@ -95,7 +95,7 @@ void SoundFileReader::_open(const std::string& path)
     _file.reset(_stream ? _stream->openSound(_info) : sf_open(path.c_str(), SFM_READ, &_info));
     const bool isFLAC = (_info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC;
     if (_file && !_stream && isFLAC && (_info.frames <= 0 || _info.frames == SF_COUNT_MAX)) {
-        // It was written to a pipe, and does not have its length.
+        // The file was written to a pipe, so its header lacks the length: read it as a stream.
         _stream = SoundStream::open(path, SoundStream::Mode::Read, SoundStream::Files::Too);
         _file.reset(_stream ? _stream->openSound(_info) : nullptr);
     }

@@ -4,22 +4,22 @@
 #include "SoundFormat.h"
 #include "SoundStream.h"
 
-/// Reads a sound file, or sound from a pipe, as 32-bit float frames; floats are not changed.
-/// Threads: one; fill() waits for a pipe.
+/// Reads a sound file or a pipe as frames of 32-bit floats. Files of floats are read without change.
+/// Threads: one at a time. Waits: fill(), while a pipe has no data.
 class SoundFileReader {
 public:
-    /// "-" is standard input. Throws ToolFailure, naming the file, when it is not a whole sound file with
-    /// frames.
+    /// "-" is standard input. Throws ToolFailure if the file cannot be opened, is not a sound file, is empty,
+    /// or is shorter than its header declares.
     explicit SoundFileReader(const std::string& path, const SoundFormat& format = {});
 
-    bool isStream() const noexcept { return _stream != nullptr; } ///< of unknown length
+    bool isStream() const noexcept { return _stream != nullptr; } ///< whether the length is unknown
     uint32_t channelCount() const noexcept { return static_cast<uint32_t>(_info.channels); }
     double sampleRate() const noexcept { return _info.samplerate; } ///< Hz
     uint64_t frameCount() const noexcept { return _length; }
-    /// Reads this many frames: fewer than there are, or those of a file repeated. Before the first fill().
+    /// Limits reading to this many frames. A file with fewer frames is repeated. Call it before fill().
     void setFrameCount(uint64_t frameCount) noexcept { _length = frameCount; }
-    /// Reads as much as fits into `ring`, which has the file's channels. False after the last frame. Throws
-    /// ToolFailure.
+    /// Reads as many frames as fit into `ring`, which must have the file's channels. Returns false after the
+    /// last frame. Throws ToolFailure if the file cannot be read.
     bool fill(FrameRing& ring);
 
 private:

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr uint64_t maxWaveBytes = 0xFFFFFFFFU - 4096; // of samples; sizes in the header have 32 bits
+constexpr uint64_t maxWaveBytes = 0xFFFFFFFFU - 4096; // of samples: sizes in the header have 32 bits
 constexpr uint64_t framesAtOnce = 4096;
 
 bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
@@ -17,7 +17,7 @@ bool exceedsWave(double seconds, double sampleRate, uint32_t channelCount)
     return seconds * sampleRate * channelCount * sizeof(float) > static_cast<double>(maxWaveBytes);
 }
 
-/// The loudspeakers of the channels, for a usual number of them.
+/// The loudspeaker positions of the channels; empty for a channel count without a standard layout.
 std::vector<int> channelMap(uint32_t channelCount)
 {
     std::vector<int> map;
@@ -74,7 +74,7 @@ void SoundFileWriter::_setUp(const SoundFormat& format)
     if (std::vector<int> map = channelMap(_channelCount); !map.empty())
         sf_command(_file.get(), SFC_SET_CHANNEL_MAP_INFO, map.data(),
                    static_cast<int>(map.size() * sizeof(int)));
-    if (!format.isOgg()) // it would get a second header
+    if (!format.isOgg()) // libsndfile would write a second header
         sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
     if (sf_error(_file.get()))
         throw ToolFailure(_name + ": cannot be written: " + singleLine(sf_strerror(_file.get())));
@@ -113,7 +113,7 @@ void SoundFileWriter::_write(const std::vector<float>& samples, uint64_t frameCo
     _framesWritten += static_cast<uint64_t>(std::max<sf_count_t>(written, 0));
     _hasFailed = static_cast<uint64_t>(written) != frameCount;
     if (_hasFailed && count < frameCount)
-        throw ToolFailure(_name + ": is full: a WAV file holds 4 GB; with --seconds it becomes RF64");
+        throw ToolFailure(_name + ": is full: the limit of WAV is 4 GB; with --seconds, RF64 is used");
     if (_hasFailed)
         throw ToolFailure(_name + ": cannot be written: " + reasonText(reason, _file.get()));
     if (!_stream && before / _headerEvery != _framesWritten / _headerEvery)

@@ -4,18 +4,18 @@
 #include "SoundFormat.h"
 #include "SoundStream.h"
 
-/// Writes a sound file, or sound into a pipe. A file's header is kept up to date, so that it is valid however
-/// the process ends. A WAV file that will exceed 4 GB is written as RF64.
-/// Threads: one.
+/// Writes a sound file or a pipe. A file's header is updated while it is written, so that the file is valid
+/// however the process ends. A WAV file that is expected to exceed 4 GB is written as RF64.
+/// Threads: one at a time.
 class SoundFileWriter {
 public:
-    /// Makes or empties the file; "-" is standard output. `expectedSeconds` is 0 if unknown. Throws
-    /// ToolFailure.
+    /// Creates or truncates the file; "-" is standard output. `expectedSeconds` is 0 if unknown. Throws
+    /// ToolFailure if it cannot be written.
     SoundFileWriter(const std::string& path, const SoundFormat& format, uint32_t channelCount,
                     double sampleRate, double expectedSeconds);
 
-    /// Writes up to `maxFrames` frames of `ring`. Throws ToolFailure when they cannot be written; those
-    /// before are.
+    /// Writes up to `maxFrames` frames of `ring`. Throws ToolFailure if a frame cannot be written; the frames
+    /// before it have been written.
     void drain(FrameRing& ring, uint64_t maxFrames);
     void writeSilence(uint64_t frameCount);
     uint64_t framesWritten() const noexcept { return _framesWritten; }
@@ -28,8 +28,8 @@ private:
 
     const std::string _name; // printable
     const uint32_t _channelCount;
-    const uint64_t _maxFrames;                  // of the format
-    const uint64_t _headerEvery;                // frames
+    const uint64_t _maxFrames;                  // that the format can hold
+    const uint64_t _headerEvery;                // frames between two updates of the header
     const std::unique_ptr<SoundStream> _stream; // null for a file
     SoundHandle _file;
     uint64_t _framesWritten = 0;

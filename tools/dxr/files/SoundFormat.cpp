@@ -44,7 +44,7 @@ SoundFormat SoundFormat::toWrite(const std::string& path, const std::string& nam
     if (bits != 0)
         info.format = (format.code & SF_FORMAT_TYPEMASK) | samples;
     if (!sf_format_check(&info))
-        throw ToolFailure(name + " has no samples of " + std::to_string(bits) + " bits");
+        throw ToolFailure(name + " does not support samples of " + std::to_string(bits) + " bits");
     format.code = info.format;
     return format;
 }

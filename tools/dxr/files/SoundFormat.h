@@ -4,10 +4,10 @@
 #include <sndfile.h>
 #include <string>
 
-/// A format of sound files, and for raw samples what a header would contain.
+/// A format of sound files. For raw samples it includes the values that a header would contain.
 /// Threads: any.
 struct SoundFormat {
-    int code = 0; ///< SF_FORMAT_…; 0: by the file's header
+    int code = 0; ///< SF_FORMAT_…; 0: taken from the file's header
     double sampleRate = 0.0;
     uint32_t channelCount = 0;
 
@@ -15,16 +15,18 @@ struct SoundFormat {
     bool isRaw() const { return kind() == SF_FORMAT_RAW; }
     bool isWave() const { return kind() == SF_FORMAT_WAVEX; }
     bool isOgg() const { return kind() == SF_FORMAT_OGG; }
-    /// Whether it can be written to a pipe.
+    /// Whether the format can be written to a pipe.
     bool isStreamed() const
     {
         return kind() != SF_FORMAT_AIFF && kind() != SF_FORMAT_AU && kind() != SF_FORMAT_CAF;
     }
-    /// By `named` ("flac"), else by the extension of `path`, else WAV. `bits` are 16, 24, 32 (floats), or 0
-    /// for the format's default. Throws ToolFailure for an unknown format.
+    /// The format named by `named` ("flac") or, if that is empty, by the extension of `path`; without either,
+    /// WAV. `bits` is 16, 24, 32 (floats), or 0 for the format's default. Throws ToolFailure for an unknown
+    /// format or sample size.
     static SoundFormat toWrite(const std::string& path, const std::string& named, uint32_t bits);
-    /// Raw samples by "s16:48000:2" or "f32:44100:1"; empty for the file's header. Throws ToolFailure.
+    /// The format of raw samples as "s16:48000:2" or "f32:44100:1"; an empty text selects the format in
+    /// the file's header. Throws ToolFailure for other texts.
     static SoundFormat toRead(const std::string& named);
-    /// "wav, flac, …".
+    /// The names that toWrite() accepts: "wav, flac, …".
     static std::string names();
 };

@@ -10,13 +10,13 @@
 
 namespace {
 
-constexpr uint64_t kept = 1U << 20;       // bytes before the position, after the header
+constexpr uint64_t kept = 1U << 20;       // bytes before the position that are kept, once past the header
 constexpr sf_count_t unknown = 1LL << 60; // a length that no stream reaches
 
-/// Kinds that libsndfile reads from front to back.
+/// The first four bytes of formats that libsndfile reads sequentially.
 constexpr std::array<std::string_view, 7> sequential{"RIFF", "RIFX", "RF64", "fLaC", ".snd", "FORM", "caff"};
 
-/// Replaces a length of 0 in a header, whose writer did not know it, by the maximum.
+/// Replaces a length of 0 in a header by the maximum: the writer did not know the length.
 void openEnds(std::vector<char>& header)
 {
     const std::string_view text(header.data(), header.size());
@@ -85,7 +85,7 @@ SNDFILE* SoundStream::openSound(SF_INFO& info)
     if (magic == "fLaC")
         openEnds(_bytes);
     else if (!isRaw && std::ranges::find(sequential, magic) == sequential.end())
-        _readUpTo(UINT64_MAX); // libsndfile reads its end first
+        _readUpTo(UINT64_MAX); // libsndfile may read the end first, so the whole stream is needed
     return sf_open_virtual(&io, SFM_READ, &info, this);
 }
 
@@ -117,7 +117,7 @@ bool SoundStream::_readUpTo(uint64_t end)
 
 sf_count_t SoundStream::_read(void* bytes, sf_count_t count)
 {
-    // Chunks after a declared length that is wrong do not exist.
+    // libsndfile may look for chunks beyond a declared length that is wrong: there are none.
     if (_position < _first || _position > _end() + kept)
         return 0;
     _readUpTo(_position + static_cast<uint64_t>(count));
@@ -133,7 +133,7 @@ sf_count_t SoundStream::_read(void* bytes, sf_count_t count)
     return static_cast<sf_count_t>(got);
 }
 
-/// Once begun, a new header is not written: it is in the past.
+/// After begin(), an updated header is ignored: it has already been written to the pipe.
 sf_count_t SoundStream::_write(const void* bytes, sf_count_t count)
 {
     const auto size = static_cast<size_t>(count);

@@ -11,22 +11,23 @@ struct SoundCloser {
 };
 using SoundHandle = std::unique_ptr<SNDFILE, SoundCloser>;
 
-/// A pipe as a file for libsndfile: keeps bytes while a header is read or written.
-/// Threads: one.
+/// Lets libsndfile, which needs a seekable file, read or write a pipe: keeps the header's bytes in memory.
+/// Threads: one at a time.
 class SoundStream {
 public:
     enum class Mode { Read, Write };
     enum class Files { No, Too };
 
-    /// "-" is standard input or output; with the latter, all printed text goes to standard error. Null for a
-    /// missing file, and for a regular file unless `files` allows it.
+    /// "-" is standard input or output; for standard output, all printed text is redirected to standard
+    /// error. Null for a missing file, and for a regular file unless `files` is Too.
     static std::unique_ptr<SoundStream> open(const std::string& path, Mode mode, Files files = Files::No);
     ~SoundStream();
     SoundStream(const SoundStream&) = delete;
     SoundStream& operator=(const SoundStream&) = delete;
 
     SNDFILE* openSound(SF_INFO& info);
-    /// Call it when the header is read, or written. False when that cannot be passed on.
+    /// Call it after libsndfile has read or written the header. Returns false if the header cannot be written
+    /// to the pipe.
     bool begin();
 
 private:
@@ -41,6 +42,6 @@ private:
     const int _descriptor;
     const Mode _mode;
     bool _hasBegun = false, _isOver = false;
-    std::vector<char> _bytes; // from _first on
+    std::vector<char> _bytes; // the bytes kept, from offset _first
     uint64_t _first = 0, _position = 0;
 };

@@ -22,16 +22,16 @@ double ratioAt(const DriftingClock& clock, double seconds)
     return 1.0 + (clock.partsPerMillion + wander) * 1e-6;
 }
 
-/// The median lateness of threads on a real server: 57 microseconds with cycles of 64 frames, 114 with 512 or
-/// more.
+/// Seconds: the median lateness of threads on a real server, 57 microseconds with cycles of 64 frames and 114
+/// with 512 or more.
 double lateness(const DriftingClock& clock)
 {
     const double along = std::clamp((clock.frameCount - 64.0) / (512.0 - 64.0), 0.0, 1.0);
     return (57.0 + (114.0 - 57.0) * along) * 1e-6;
 }
 
-/// A pair of channels that encodes each frame's number as the angle of a slow rotation, which a resampler
-/// keeps to a thousandth of a frame.
+/// A pair of channels that encodes each frame's number as the angle of a slow rotation. The number can be
+/// read to a thousandth of a frame after resampling.
 class PlaceSignal {
 public:
     static constexpr double period = 65536.0; // frames
@@ -52,7 +52,7 @@ public:
     }
 };
 
-/// The two devices and their aggregate, running.
+/// The two devices and their running aggregate.
 class Pair {
 public:
     explicit Pair(const DriftScenario& scenario) : _scenario(scenario)
@@ -123,10 +123,10 @@ private:
             .lateness(lateness(clock) * _scenario.lateness);
     }
 
-    /// The frames from the first one of the cycle to the source's clock.
+    /// Measures the frames between the first frame of the cycle and the source's clock.
     void _measure(const float* first)
     {
-        if (std::hypot(first[0], first[1]) < 0.49F) // silence, or a fade from it
+        if (std::hypot(first[0], first[1]) < 0.49F) // silence, or a fade-in
             return;
         const double now = seconds();
         const double ahead = _sourceFrame +
@@ -140,7 +140,7 @@ private:
     const CXRef<SimulatedHardware> _hardware = SimulatedHardware::init(SimulatedClock::Stepped);
     AudioObjectID _aggregate = kAudioObjectUnknown;
     AudioDeviceIOProcID _proc = nullptr;
-    double _sourceFrame = 0.0, _sourceSeconds = 0.0; // the source's clock, and when it was read
+    double _sourceFrame = 0.0, _sourceSeconds = 0.0; // the source's clock in frames, and when it was read
     double _delayFrames = 0.0;
     bool _hasDelay = false;
 };

@@ -3,47 +3,48 @@
 #include <cstdint>
 #include <vector>
 
-/// One device of a simulated pair.
+/// One of two simulated devices.
 struct DriftingClock {
     double rate = 48000.0;        ///< nominal, Hz
-    uint32_t frameCount = 512;    ///< of a cycle
-    double partsPerMillion = 0.0; ///< how much faster than nominal it runs
-    /// Added to that, as by temperature: the height and period of a sine.
+    uint32_t frameCount = 512;    ///< frames of a cycle
+    double partsPerMillion = 0.0; ///< how much faster than nominal the clock runs
+    /// The amplitude and period of a sine that is added to partsPerMillion, as temperature would.
     double wanderPartsPerMillion = 0.0;
     double wanderSeconds = 1200.0;
 };
 
-/// Two simulated devices in an aggregate, from the source to the reader, which is the aggregate's clock.
+/// Two simulated devices in an aggregate: audio is read from `source` by `reader`, the aggregate's clock
+/// device.
 struct DriftScenario {
     DriftingClock source, reader;
     double seconds = 120.0;
-    double lateness = 1.0; ///< of time stamps; 1 as on a real server
+    double lateness = 1.0; ///< of time stamps; 1: as on a real server
 };
 
 /// A moment of a run.
 struct DriftPoint {
     double seconds;
-    double partsPerMillion;     ///< of the source's clock against the reader's, as the aggregate measures it
-    double truePartsPerMillion; ///< as simulated
-    double delayFrames;         ///< from the source's clock to the read frame, measured by a signal
-    double levelFrames;         ///< in the ring buffer
+    double partsPerMillion;     ///< source's clock against the reader's, as the aggregate measures it
+    double truePartsPerMillion; ///< the same as simulated
+    double delayFrames;         ///< from the source's clock to the frame read, measured with a signal
+    double levelFrames;         ///< frames in the ring buffer
 };
 
 struct DriftFigures {
-    double settledSeconds = 0.0; ///< when the delay came within half a frame of its mean for 10 s
-    double delayFrames = 0.0;    ///< mean of the second half
-    double wanderFrames = 0.0;   ///< maximum distance from it, after 15 s
+    double settledSeconds = 0.0; ///< when the delay first stayed within half a frame of its mean for 10 s
+    double delayFrames = 0.0;    ///< mean over the second half of the run
+    double wanderFrames = 0.0;   ///< maximum distance from that mean, after 15 s
     double ratioErrorRMS = 0.0;  ///< parts per million, after 15 s
     uint64_t lostFrames = 0;
     uint32_t resynchronisations = 0;
 };
 
 struct DriftRun {
-    std::vector<DriftPoint> points; ///< up to twenty thousand, evenly spread
+    std::vector<DriftPoint> points; ///< up to twenty thousand, at equal intervals
     DriftFigures figures;
 };
 
-/// Runs an aggregate of two clocks on a simulated computer whose time is stepped: an hour takes seconds, and
-/// results are repeatable. Throws ToolFailure when the aggregate cannot be made.
-/// Threads: one. The simulated computer becomes the process's hardware: one run in a process.
+/// Runs an aggregate of two clocks on a simulated computer with a stepped clock: an hour takes seconds, and
+/// results are repeatable. Throws ToolFailure if the aggregate cannot be created.
+/// Threads: any, but only one run per process, because the simulated computer becomes the process's hardware.
 DriftRun runDrift(const DriftScenario& scenario);

@@ -7,11 +7,11 @@
 
 namespace {
 
-constexpr double maxDecibels = 300.0; // there may be no noise at all
+constexpr double maxDecibels = 300.0; // the ratio if there is no noise at all
 
 using Row = std::array<double, 3>;
 
-/// Solves three linear equations by Cramer's rule; with many periods they are far from singular.
+/// Solves three linear equations by Cramer's rule. With many periods the equations are far from singular.
 Row solve(const std::array<Row, 3>& m, const Row& right)
 {
     const auto determinant = [](const std::array<Row, 3>& a) {
@@ -77,7 +77,7 @@ SineFit SineFit::of(std::span<const double> samples, double frequency, double sa
 
 SineFit SineFit::nearTo(std::span<const float> samples, double frequency, double sampleRate)
 {
-    constexpr int rounds = 3; // each reduces the error to a small part
+    constexpr int rounds = 3; // each reduces the error to a small fraction
     const std::vector<double> all(samples.begin(), samples.end());
     const std::span<const double> span = all;
     const size_t half = all.size() / 2;

@@ -3,16 +3,17 @@
 #include <span>
 #include <vector>
 
-/// The least-squares fit of a sine, a cosine and a constant to samples. The rest is noise.
+/// The least-squares fit of a sine, a cosine and a constant to samples. The remainder is noise.
 struct SineFit {
     double amplitude = 0.0;     ///< peak, 1.0 being full scale
     double frequency = 0.0;     ///< Hz
-    double signalToNoise = 0.0; ///< dB, the energy of the sine to that of the rest; 0 without samples
+    double signalToNoise = 0.0; ///< dB, energy of the sine to energy of the remainder; 0 without samples
     double phase = 0.0;         ///< radians, at the first sample
     std::vector<double> rest;   ///< the samples without the sine
 
-    /// Of a known frequency.
+    /// Fits a sine of a known frequency, in Hz.
     static SineFit of(std::span<const double> samples, double frequency, double sampleRate);
-    /// Finds a frequency that is known to a thousandth. Without `rest`.
+    /// Also determines the frequency, of which `frequency` is an estimate to a thousandth. Leaves `rest`
+    /// empty.
     static SineFit nearTo(std::span<const float> samples, double frequency, double sampleRate);
 };

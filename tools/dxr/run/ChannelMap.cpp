@@ -5,7 +5,7 @@
 
 namespace {
 
-/// The device's channels for stereo, from 0.
+/// The channels that play stereo, counted from 0.
 std::array<uint32_t, 2> stereoPair(const DeviceSelection& output)
 {
     constexpr std::array<uint32_t, 2> firstTwo{1, 2};
@@ -16,8 +16,8 @@ std::array<uint32_t, 2> stereoPair(const DeviceSelection& output)
                : std::array<uint32_t, 2>{0, 1};
 }
 
-/// The side of each channel, in the order of sound files: L and R, l and r behind or beside the listener, C
-/// in the middle, c behind it. The deep effects, -, are left out.
+/// The position of each channel, in the order of sound files: L and R in front, l and r behind or beside the
+/// listener, C in the front centre, c in the rear centre. -, the low-frequency effects, is not mixed.
 std::string sidesOf(uint32_t channelCount)
 {
     constexpr std::string_view known[] = {"",      "C",      "LR",      "LRC",     "LRlr",
@@ -30,7 +30,8 @@ std::string sidesOf(uint32_t channelCount)
     return pairs.substr(0, channelCount);
 }
 
-/// The channels on `full` sides, and those on `less` with -3 dB, scaled to full scale together.
+/// Mixes the channels at the positions `full`, and those at `less` at -3 dB. Scaled so that the gains add up
+/// to 1.
 std::vector<ChannelShare> sharesOf(std::string_view sides, std::string_view full, std::string_view less)
 {
     constexpr float lessGain = 0.70710678F;

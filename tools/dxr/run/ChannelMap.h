@@ -2,17 +2,18 @@
 
 #include "DeviceSelection.h"
 
-/// A channel of the frames that are played, from 0.
+/// A channel of the played frames, counted from 0, and its gain.
 struct ChannelShare {
     uint32_t channel;
     float gain = 1.0F;
 };
-/// The shares that each channel of a device plays; none is silence.
+/// For each channel of a device, the shares that it plays; a channel without shares is silent.
 using ChannelMap = std::vector<std::vector<ChannelShare>>;
 
-/// Channel for channel; a single one on both of the stereo pair: the device's, or the first two channels that
-/// the user chose. Threads: any.
+/// Maps each channel to the device channel of the same number. A single channel is mapped to both channels of
+/// the stereo pair: the device's, or the first two channels that the user chose. Threads: any.
 ChannelMap straightChannelMap(uint32_t frameChannels, const DeviceSelection& output);
-/// The same if the device has enough channels, else a mix for its stereo pair or only channel: the channels
-/// are taken for loudspeakers around the listener. Sums of full-scale samples stay within full scale.
+/// Like straightChannelMap() if the device has enough channels. Otherwise mixes the channels, as loudspeakers
+/// around the listener, for the stereo pair or the device's only channel. Sums of full-scale samples stay
+/// within full scale.
 ChannelMap downmixChannelMap(uint32_t frameChannels, const DeviceSelection& output);

@@ -41,7 +41,7 @@ void CycleStatistics::_noteDeviceCycle(const DXRCycleRecord& record)
         disturb();
     if (!_isCounting)
         return;
-    // Before the first counted cycle nothing is missing.
+    // A gap before the first counted cycle does not count.
     if (isGap && cycles > 0) {
         ++gaps;
         lostFrames += record.deviceSampleTime > expected ? record.deviceSampleTime - expected : 0;

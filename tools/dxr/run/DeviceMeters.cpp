@@ -10,9 +10,9 @@
 namespace {
 
 constexpr float fallDecibelsPerSecond = 24.0F;
-constexpr size_t maxBars = 8;     // of a device
-constexpr size_t maxLines = 16;   // of the 24 of a small terminal
-constexpr size_t labelWidth = 19; // of a name and a number
+constexpr size_t maxBars = 8;     // for each device
+constexpr size_t maxLines = 16;   // a small terminal has 24
+constexpr size_t labelWidth = 19; // a name and a number
 
 } // namespace
 
@@ -86,7 +86,7 @@ std::vector<std::string> DeviceMeters::draw(size_t width, const Terminal& termin
 
 std::string DeviceMeters::_bar(const std::string& label, float level, size_t width, const Terminal& terminal)
 {
-    constexpr size_t minLabel = 7; // "out 8" and a gap
+    constexpr size_t minLabel = 7; // "out 8" and two spaces
     const std::string start = fitLeft(label, label.size() < minLabel ? minLabel : labelWidth);
     const std::string number = fitRight(formatLevel(double{level}), 9);
     const size_t used = displayWidth(start) + number.size() + 1;

@@ -10,27 +10,29 @@
 #include <memory>
 
 /// Level meters of devices.
-/// Threads:   note() in a runner's cycles, the rest on one other thread; add() before the cycles.
+/// Threads:   note() in a runner's cycles; all else on one other thread, add() before the runner starts.
 /// Real time: note().
 class DeviceMeters {
 public:
-    /// Adds a meter for each of `selections`. A single one is labelled `direction`, several also by their
+    /// Adds a meter for each of `selections`, labelled `direction`; several are also labelled with their
     /// names.
     void add(const char* direction, const std::vector<DeviceSelection>& selections);
+    /// Notes the peaks of `buffer` in the meter with this index, in the order of add().
     void note(size_t meter, const DXRBuffer& buffer) noexcept CX_REALTIME;
 
-    /// Takes the peaks since the last call. Levels fall slowly, to show short peaks.
+    /// Sets the levels from the peaks since the last call. Levels fall slowly, so that short peaks are
+    /// visible.
     void update();
-    /// Of the loudest channel, by the last update(); 1.0 is full scale.
+    /// The level of the loudest channel, as of the last update(); 1.0 is full scale.
     float level(size_t meter) const;
-    /// Updated bars, `width` columns wide, for each channel, or where there are too many for the loudest of
-    /// each device.
+    /// Calls update() and returns bars of `width` columns: one for each channel or, if there are too many,
+    /// one for the loudest channel of each device.
     std::vector<std::string> draw(size_t width, const Terminal& terminal);
 
 private:
     struct Meter {
-        // The largest since it was last taken. The IO thread raises it, the reader resets it to 0, both by
-        // atomic exchange, so that no peak is lost. Orders nothing else.
+        // The maximum since the last update(). The IO thread raises it by compare-and-swap, update() resets
+        // it to 0 by exchange, so that no peak is lost. Relaxed: the peaks order no other memory.
         std::unique_ptr<std::atomic<float>[]> peaks;
         std::vector<float> levels;
         std::string label;

@@ -62,8 +62,8 @@ std::optional<uint64_t> FilePlayer::endTime() const noexcept
     return time != 0 ? std::optional(time) : std::nullopt;
 }
 
-/// The blocks of a cycle run in the order of the outputs: the first takes frames for all, the last returns
-/// them.
+/// The blocks of a cycle run in the order of the outputs: the first reads frames from the ring for all
+/// outputs, the last returns them to the writer.
 void FilePlayer::_play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept
 {
     if (output == 0)

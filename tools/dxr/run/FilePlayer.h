@@ -5,29 +5,29 @@
 #include "RunnerSession.h"
 #include "SoundFileReader.h"
 
-/// Plays a sound file on every output of a runner, from open() on. The file is read ahead into a ring buffer.
-/// Threads:   the blocks in the runner's cycles, the rest on one other thread. A pipe is read on a thread of
-///            its own, which lasts as long as the pipe.
+/// Plays a sound file on every output of a runner, after open(). The file is read ahead into a ring buffer.
+/// Threads:   the blocks in the runner's cycles; all else on one other thread. A pipe is read on a separate
+///            thread, which ends at the end of the pipe.
 /// Real time: the blocks.
 class FilePlayer final : public CXObject {
 public:
-    /// For a runner at the file's rate; `maps`, by output, are of the file's channels. Throws ToolFailure
-    /// when the file cannot be read.
+    /// The runner must run at the file's rate. `maps` has a map of the file's channels for each output.
+    /// Throws ToolFailure if the file cannot be read.
     static CXRef<FilePlayer> initWithFile(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
                                           std::vector<ChannelMap> maps);
 
-    /// Adds the devices, with blocks that keep this alive, to a session that has not started.
+    /// Adds the outputs to a session that has not started. Their blocks keep this object alive.
     void addTo(RunnerSession& session);
     void open() noexcept { _isOpen.store(true, std::memory_order_relaxed); }
-    /// Reads on; call it a few times a second. Throws ToolFailure.
+    /// Fills the ring buffer; call it a few times a second. Throws ToolFailure if the file cannot be read.
     void feed();
-    /// The runner's sample time after the last frame of the file; null before that is played.
+    /// The runner's sample time after the last frame of the file; null until that frame has been played.
     std::optional<uint64_t> endTime() const noexcept;
 
     uint64_t framesPlayed() const noexcept { return _framesPlayed.load(std::memory_order_relaxed); }
-    /// Frames to play; null for a pipe, or a file that is repeated until the user ends it.
+    /// The number of frames to play; null for a pipe, or a file that is repeated until the user ends it.
     std::optional<uint64_t> frameCount() const noexcept;
-    /// Cycles with silence because the file was read too slowly; no frame of it is lost.
+    /// Cycles that played silence because the file was read too slowly. No frame of the file is lost.
     uint64_t underruns() const noexcept { return _underruns.load(std::memory_order_relaxed); }
     DeviceMeters& meters() noexcept { return _meters; }
 
@@ -44,19 +44,19 @@ private:
 
     const std::vector<DeviceSelection> _outputs;
     const std::vector<ChannelMap> _maps; // by output
-    SoundFileReader _file;               // of the feeding thread
-    std::string _failure;                // of a stream; published by _hasFailed
+    SoundFileReader _file;               // used by feed(), or for a pipe by its thread
+    std::string _failure;                // of reading a pipe; published by the release of _hasFailed
     std::atomic<bool> _hasFailed{false};
     FrameRing _ring;
     DeviceMeters _meters;
-    // Of the present cycle: frames that all outputs play, and whether they play at all.
+    // For the current cycle: the number of frames that all outputs play, and whether they play at all.
     uint64_t _given = 0;
     bool _isPlaying = false;
 
-    std::atomic<bool> _isOpen{false}; // takes effect in some cycle; orders nothing
-    // Raised after the last frame was written to the ring. Its release pairs with the acquire of the blocks:
-    // once it is raised, an empty ring is the end.
+    std::atomic<bool> _isOpen{false}; // takes effect in one of the next cycles; relaxed: orders nothing
+    // Set after the last frame was written to the ring. Its release pairs with the acquire in the blocks:
+    // once it is set, an empty ring means the end of the file.
     std::atomic<bool> _isFed{false};
-    std::atomic<uint64_t> _endTime{0};                     // 0: not yet; orders nothing
+    std::atomic<uint64_t> _endTime{0};                     // 0: not known yet; relaxed: orders nothing
     std::atomic<uint64_t> _framesPlayed{0}, _underruns{0}; // written by the blocks; order nothing
 };

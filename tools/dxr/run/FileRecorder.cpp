@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-constexpr double ringSeconds = 4.0; // a disk may have to start
+constexpr double ringSeconds = 4.0; // a disk may have to spin up
 
 CXRef<FileRecorder> FileRecorder::initWithInputs(const std::vector<DeviceSelection>& inputs)
 {
@@ -32,7 +32,7 @@ void FileRecorder::open(double sampleRate)
     _isOpen.store(true, std::memory_order_release);
 }
 
-/// The blocks of a cycle run in the order of the inputs; the last one keeps the frames of all.
+/// The blocks of a cycle run in the order of the inputs; the last one stores the frames of all inputs.
 void FileRecorder::_hear(size_t input, uint64_t sampleTime, DXRBuffer& buffer) noexcept
 {
     _heard.note(input, sampleTime, buffer);
@@ -41,8 +41,8 @@ void FileRecorder::_hear(size_t input, uint64_t sampleTime, DXRBuffer& buffer) n
         _keep(sampleTime, buffer.frameCount());
 }
 
-/// Frames are missing where the device's sample time jumps, and where another context begins after the last
-/// cycle's end. A cycle that only came late has lost nothing.
+/// Finds gaps: the device's sample time jumps, or a new context begins after the end of the last cycle. A
+/// cycle that was only late has lost nothing.
 void FileRecorder::_note(const DXRCycleRecord& record)
 {
     if (record.event != DXRCycleRecord::Event::Cycle)
@@ -77,7 +77,7 @@ void FileRecorder::writeTo(SoundFileWriter& file, uint64_t maxFrames, bool isEnd
     for (; !_gaps.empty(); _gaps.pop_front()) {
         writeUpTo(_gaps.front().sampleTime);
         if (_gaps.front().sampleTime > first + _framesTaken && !isEnd)
-            return; // the ring was full there, or the file is
+            return; // the gap is not reached yet, or the ring or file was full before it
         const uint64_t before = file.framesWritten();
         if (_gaps.front().sampleTime > first)
             file.writeSilence(std::min(_gaps.front().frameCount, maxFrames - before));

@@ -6,24 +6,24 @@
 #include "RunnerSession.h"
 #include "SoundFileWriter.h"
 
-/// Records the inputs of a runner, as one row of channels, into a ring buffer until they are written. Lost
-/// frames are replaced by silence.
-/// Threads:   the blocks in the runner's cycles, the rest on one other thread.
+/// Records the inputs of a runner, as one row of channels, into a ring buffer, and writes them to a file.
+/// Lost frames are replaced by silence.
+/// Threads:   the blocks in the runner's cycles; all else on one other thread.
 /// Real time: the blocks.
 class FileRecorder final : public CXObject {
 public:
     static CXRef<FileRecorder> initWithInputs(const std::vector<DeviceSelection>& inputs);
 
-    /// Adds the devices, with blocks that keep this alive, to a session that has not started.
+    /// Adds the inputs to a session that has not started. Their blocks keep this object alive.
     void addTo(RunnerSession& session);
     uint32_t channelCount() const noexcept { return _heard.channelCount(); }
-    /// Records from now on; once. `sampleRate` is the runner's, Hz.
+    /// Starts recording; call it once. `sampleRate` is the runner's, Hz.
     void open(double sampleRate);
     bool isOpen() const noexcept { return _isOpen.load(std::memory_order_relaxed); }
-    /// Writes the frames recorded since the last call, until the file has `maxFrames`: those of cycles whose
-    /// records the session has read, or at the end all. Throws ToolFailure.
+    /// Writes the frames recorded since the last call, until the file has `maxFrames`. Unless `isEnd`, writes
+    /// only cycles whose trace records the session has read, because these show the gaps. Throws ToolFailure.
     void writeTo(SoundFileWriter& file, uint64_t maxFrames, bool isEnd);
-    /// Frames of silence that were written: for lost cycles, and while a device changed.
+    /// Frames of silence written for lost cycles and for the time of restarts.
     uint64_t silentFrames() const noexcept { return _silentFrames; }
     /// Frames lost because the file was written too slowly.
     uint64_t droppedFrames() const noexcept { return _droppedFrames.load(std::memory_order_relaxed); }
@@ -40,18 +40,19 @@ private:
     const std::vector<DeviceSelection> _inputs;
     RunnerInputs _heard;
     DeviceMeters _meters;
-    std::unique_ptr<FrameRing> _ring; // made by open()
+    std::unique_ptr<FrameRing> _ring; // allocated by open()
     double _sampleRate = 0.0;
-    // Frames that are missing before the runner's time `sampleTime`.
+    // Frames missing before the runner's sample time `sampleTime`.
     struct Gap {
         uint64_t sampleTime, frameCount;
     };
-    DXRCycleRecord _last; // cycle in the trace
+    DXRCycleRecord _last; // the last cycle in the trace
     std::deque<Gap> _gaps;
     uint64_t _framesTaken = 0, _silentFrames = 0;
-    // Raised once there is a ring. Its release pairs with the acquire of the blocks, which use the ring.
+    // Set after _ring is allocated. Its release pairs with the acquire in the blocks, which use the ring.
     std::atomic<bool> _isOpen{false};
-    // The runner's, of the first frame in the ring; stored before that frame is written to the ring.
+    // The runner's sample time of the first frame in the ring. Stored, with release, before that frame is
+    // written to the ring; pairs with the acquire in writeTo().
     std::atomic<uint64_t> _firstSampleTime{UINT64_MAX};
-    std::atomic<uint64_t> _droppedFrames{0}; // has one writer; orders nothing
+    std::atomic<uint64_t> _droppedFrames{0}; // has one writer; relaxed: orders nothing
 };

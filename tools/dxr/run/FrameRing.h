@@ -7,11 +7,11 @@
 #include <vector>
 
 /// A ring buffer of interleaved frames between two threads.
-/// Threads:   one writes, one reads.
+/// Threads:   one thread writes, one thread reads.
 /// Real time: everything but creation; nothing waits.
-class FrameRing { // NOLINT(clang-analyzer-optin.performance.Padding): the padding keeps the two sides apart
+class FrameRing { // NOLINT(clang-analyzer-optin.performance.Padding): the padding separates cache lines
 public:
-    /// Room for at least `minFrames` frames of `channelCount` samples.
+    /// The capacity is at least `minFrames` frames of `channelCount` samples.
     FrameRing(uint32_t channelCount, uint64_t minFrames)
         : _channelCount(channelCount), _mask(std::bit_ceil(minFrames) - 1),
           _samples((_mask + 1) * channelCount)
@@ -58,10 +58,10 @@ private:
     const uint64_t _mask; // the capacity in frames, a power of two, minus one
     std::vector<float> _samples;
 
-    // Frames written and read so far; each is stored by one side only. The release of _written pairs with the
-    // reader's acquire: samples are complete before they are counted. The release of _read pairs with the
-    // writer's acquire: the reader has finished with samples before they are overwritten. On cache lines of
-    // their own, for speed.
+    // The number of frames written and read so far; each is stored by one side only. The release of _written
+    // pairs with the reader's acquire: samples are complete before they are counted. The release of _read
+    // pairs with the writer's acquire: the reader has finished with samples before they are overwritten. Each
+    // has its own cache line, for speed.
     alignas(64) std::atomic<uint64_t> _written{0};
     alignas(64) std::atomic<uint64_t> _read{0};
 };

@@ -16,7 +16,7 @@
 
 namespace {
 
-// Written by the signal handler, on the thread that takes the signal.
+// Used by the signal handler, on the thread that receives the signal.
 std::atomic<bool> asked{false};
 std::atomic<int> wakeDescriptor{-1};
 std::atomic<void (*)()> lastAct{nullptr};
@@ -27,7 +27,7 @@ constexpr int endingSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 extern "C" void noteSignal(int signal)
 {
-    if (asked.exchange(true)) { // for the second time: what the process waits for does not come
+    if (asked.exchange(true)) { // the second signal: the process does not end by itself
         if (void (*const act)() = lastAct)
             act();
         _exit(128 + signal);
@@ -115,6 +115,6 @@ void Interrupts::endProcess(int status)
 {
     std::cout.flush();
     if (isWorkLeftBehind)
-        std::_Exit(status); // that work would use what exit() destroys
+        std::_Exit(status); // exit() would destroy static objects that the remaining work uses
     std::exit(status);
 }

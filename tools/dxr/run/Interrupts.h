@@ -2,9 +2,9 @@
 
 #include <functional>
 
-/// Turns SIGINT, SIGTERM and SIGHUP into a flag and a readable descriptor. A second one ends the process at
-/// once. A closed pipe on standard output is an error instead of a signal.
-/// Threads: one instance in a process; wasAsked() and fd() from any.
+/// Turns SIGINT, SIGTERM and SIGHUP into a flag and a readable descriptor. A second such signal ends the
+/// process at once. SIGPIPE is ignored: writing to a closed pipe is an error.
+/// Threads: at most one instance in a process; wasAsked() and fd() on any thread.
 class Interrupts {
 public:
     Interrupts();
@@ -14,19 +14,20 @@ public:
 
     /// Whether the user has asked to stop.
     bool wasAsked() const noexcept;
-    /// Polls readable once the user has asked. Never read it.
+    /// A descriptor that polls readable once the user has asked to stop. Do not read from it.
     int fd() const noexcept;
-    /// Waits until the user asks, `otherFD` is readable or the time is over; -1 is forever. False when the
-    /// user has asked.
+    /// Waits until the user asks to stop, `otherFD` is readable or the time has passed; -1 waits forever.
+    /// Returns false if the user has asked to stop.
     bool wait(int milliseconds, int otherFD) const;
-    /// Runs `work` on another thread until it ends, or for `graceMilliseconds` after the user has asked to
-    /// stop. False when it was left behind unfinished: it must own what it uses, and the process must end by
-    /// endProcess(). Throws what `work` throws.
+    /// Runs `work` on another thread and waits until it ends, or until `graceMilliseconds` after the user has
+    /// asked to stop. Returns false if `work` has not ended: its thread goes on, so it must own everything it
+    /// uses, and the process must end by endProcess(). Throws what `work` throws.
     bool runUnlessAsked(std::function<void()> work, int graceMilliseconds = 0) const;
-    /// What the signal handler does before a second signal ends the process; null for nothing.
+    /// Sets a function that the signal handler calls before a second signal ends the process, or null.
     static void setLastAct(void (*act)()) noexcept;
     /// Installs a signal handler.
     static void setHandler(int signal, void (*handler)(int), int flags);
-    /// Flushes output and ends the process: at once when work was left behind.
+    /// Flushes standard output and ends the process; without destroying static objects if a thread of
+    /// runUnlessAsked() is still running.
     [[noreturn]] static void endProcess(int status);
 };

@@ -6,18 +6,18 @@
 #include "RunnerSession.h"
 
 /// Plays all inputs of a runner, as one row of channels, on every output: see straightChannelMap(). Outputs
-/// are silent until it is open.
-/// Threads:   the blocks in the runner's cycles, the rest on one other thread.
+/// are silent unless the patch is open.
+/// Threads:   the blocks in the runner's cycles; all else on one other thread.
 /// Real time: the blocks.
 class LoopPatch final : public CXObject {
 public:
     static CXRef<LoopPatch> initWithSelections(const std::vector<DeviceSelection>& inputs,
                                                const std::vector<DeviceSelection>& outputs);
 
-    /// Adds the devices, with blocks that keep this alive, to a session that has not started.
+    /// Adds the devices to a session that has not started. Their blocks keep this object alive.
     void addTo(RunnerSession& session);
     void setOpen(bool isOpen = true) noexcept { _isOpen.store(isOpen, std::memory_order_relaxed); }
-    /// Frames that were played.
+    /// The number of frames played while the patch was open.
     uint64_t framesPassed() const noexcept { return _framesPassed.load(std::memory_order_relaxed); }
     DeviceMeters& meters() noexcept { return _meters; }
 
@@ -32,6 +32,6 @@ private:
     RunnerInputs _inputs;
     std::vector<ChannelMap> _maps;          // by output
     DeviceMeters _meters;                   // of the inputs, then of the outputs
-    std::atomic<bool> _isOpen{false};       // takes effect in some cycle; orders nothing
-    std::atomic<uint64_t> _framesPassed{0}; // has one writer; orders nothing
+    std::atomic<bool> _isOpen{false};       // takes effect in one of the next cycles; relaxed: orders nothing
+    std::atomic<uint64_t> _framesPassed{0}; // has one writer; relaxed: orders nothing
 };

@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t minName = 12, maxName = 32;
 
-/// A line of styled pieces, cut to the width. Blocks of lines begin with copies of an empty one.
+/// A line of styled pieces, cut to the width. Functions that write several lines copy an empty one for each.
 class Line {
 public:
     Line(size_t columns, const Terminal& terminal) : _room(columns), _terminal(terminal) {}
@@ -45,7 +45,7 @@ std::string titleLine(const MonitorState& state, Line line)
 std::string cycleLine(const MonitorState& state, Line line)
 {
     constexpr size_t maxBar = 40, numbers = 40;
-    constexpr double lateShare = 0.8; // of a cycle: above this, the next may be late
+    constexpr double lateShare = 0.8; // share of a cycle above which the next cycles may be late
     line.add("cycle  ");
     if (state.cycleSeconds <= 0.0)
         return line.add("none yet", Style::Dim).text();

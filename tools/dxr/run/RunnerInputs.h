@@ -5,8 +5,8 @@
 #include <vector>
 
 /// The inputs of a runner in one of its cycles, as one row of channels in the order the inputs were added.
-/// Nothing is copied: the runner's buffers stay valid until the cycle is over.
-/// Threads:   add() before the runner starts; the rest in its cycles, which are one at a time.
+/// No sample is copied: the runner's buffers stay valid until the cycle is over.
+/// Threads:   add() before the runner starts; all else in its cycles, which never overlap.
 /// Real time: note() and channel().
 class RunnerInputs {
 public:
@@ -25,13 +25,13 @@ public:
     uint32_t channelCount() const noexcept { return static_cast<uint32_t>(_channels.size()); }
     size_t inputCount() const noexcept { return _buffers.size(); }
 
-    /// The samples of input `input`, from 0, at `sampleTime`.
+    /// Sets the samples of input `input`, counted from 0, at `sampleTime`.
     void note(size_t input, uint64_t sampleTime, const DXRBuffer& buffer) noexcept CX_REALTIME
     {
         _buffers[input] = {sampleTime, buffer.samples(), buffer.frameCount(), buffer.channelCount()};
     }
-    /// Channel `channel`, from 0, of the row at `sampleTime`; silence when there is no such channel, or its
-    /// input had no cycle then.
+    /// Channel `channel`, counted from 0, of the row at `sampleTime`; silence if the channel does not exist
+    /// or its input had no cycle at that time.
     Channel channel(uint32_t channel, uint64_t sampleTime, uint32_t frameCount) const noexcept CX_REALTIME
     {
         static constexpr float silence = 0.0F;
@@ -48,13 +48,13 @@ public:
 private:
     struct Buffer {
         uint64_t sampleTime = UINT64_MAX;
-        const float* samples = nullptr; // the runner's, invalid after the cycle
+        const float* samples = nullptr; // the runner's buffer, invalid after the cycle
         uint32_t frameCount = 0;
         uint32_t channelCount = 0;
     };
     struct Place {
         size_t input;
-        uint32_t number; // within the input, from 0
+        uint32_t number; // of the channel within the input, from 0
     };
 
     std::vector<Buffer> _buffers; // by input

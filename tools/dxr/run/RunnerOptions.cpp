@@ -10,10 +10,10 @@ namespace {
 
 constexpr const char* aboutDevices =
     "A DEVICE is 'default', a UID, a reference, or a part of a name. CHANNELS are counted from 1,\n"
-    "as in 'usb:1,2' or 'desk:3-6'; without them, all of the device's are used. --in and --out may\n"
-    "be repeated.";
+    "as in 'usb:1,2' or 'desk:3-6'; by default, all channels of the device are used. --in and --out\n"
+    "may be repeated.";
 
-/// CLI11's own prints the largest number there is, to its last digit.
+/// Used instead of CLI11's validator, whose help text includes the largest double with all its digits.
 const CLI::Validator aboveZero(
     [](std::string& text) {
         double number = 0.0;
@@ -34,10 +34,11 @@ std::streambuf& nowhere()
 
 RunnerOptions::RunnerOptions(CLI::App& command) : HardwareChoice(command), _command(command)
 {
-    command.add_option("--frames", _frames, "Frames of a block; by default those of the devices' cycle")
+    command.add_option("--frames", _frames, "Frames of a block; by default those of the devices' cycles")
         ->check(aboveZero);
     command.add_flag("--wait", _waits, "Wait for devices that are not connected yet");
-    command.add_option("--rate", _rate, "The sample rate in Hz; by default the devices'")->check(aboveZero);
+    command.add_option("--rate", _rate, "The sample rate in Hz; by default that of the devices")
+        ->check(aboveZero);
 }
 
 void RunnerOptions::setAbout(const std::string& about)
@@ -88,7 +89,7 @@ void RunnerOptions::_waitForDevices()
 {
     const Interrupts interrupts;
     DeviceWatch watch(true);
-    watch.begin(); // before the first look, so that no change is missed
+    watch.begin(); // before the first search, so that no change is missed
     std::unique_ptr<SimulatedVisitor> visitor;
     std::string reason;
     do {

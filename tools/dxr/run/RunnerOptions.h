@@ -6,25 +6,25 @@
 #include <dxr/DXRConversionQuality.h>
 
 /// The options of commands that run audio: devices, frame count, rate, duration.
-/// Threads: one.
+/// Threads: one at a time.
 class RunnerOptions : public HardwareChoice {
 public:
     /// Adds --frames, --rate, --wait and the choice of hardware to `command`.
     explicit RunnerOptions(CLI::App& command);
 
-    /// Ends the command's help with `about`, and how devices are named.
+    /// Sets the end of the command's help: `about`, and how devices are named.
     void setAbout(const std::string& about);
-    /// Adds --in or --out, which may be repeated, with a DEVICE[:CHANNELS].
+    /// Adds --in or --out, which take a DEVICE[:CHANNELS] and may be repeated.
     void addInputs(const std::string& about) { _addDevices("--in", _inputNames, about); }
     void addOutputs(const std::string& about) { _addDevices("--out", _outputNames, about); }
     void addSeconds(const std::string& about);
-    /// Without a device, find() takes the default one of each direction that was added. Adds --fast and
-    /// --quiet, too.
+    /// Lets find() select the default device of each direction that was added but not given by the user. Also
+    /// adds --fast and --quiet.
     void useDefaults();
 
-    /// Finds the devices, with --wait as soon as they are connected. Throws ToolFailure.
+    /// Finds the devices; with --wait, waits until they are connected. Throws ToolFailure.
     void find();
-    /// Replaces the devices by the default ones that there are.
+    /// Replaces the devices by the current default devices.
     void takeDefaults();
     const std::vector<DeviceSelection>& inputs() const { return _inputs; }
     const std::vector<DeviceSelection>& outputs() const { return _outputs; }

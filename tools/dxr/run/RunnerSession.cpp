@@ -26,7 +26,7 @@ RunnerSession::RunnerSession(const Interrupts& interrupts, std::optional<uint32_
 
 RunnerSession::~RunnerSession()
 {
-    _records = nullptr; // may have thrown, and would again
+    _records = nullptr; // it may have thrown before and must not throw here
     stop();
 }
 
@@ -49,7 +49,7 @@ bool RunnerSession::start()
 {
     _started = Clock::now();
     if (!_interrupts.runUnlessAsked([runner = _runner] { runner->start(); })) {
-        _runner = nullptr; // the thread that is still starting it has it now
+        _runner = nullptr; // the thread that is still starting it holds the other reference
         return false;
     }
     poll();
@@ -84,7 +84,7 @@ double RunnerSession::seconds() const
     return std::chrono::duration<double>(Clock::now() - _started).count();
 }
 
-// ---- What has happened
+// ---- Polling
 
 void RunnerSession::poll()
 {
@@ -180,14 +180,14 @@ void RunnerSession::_updateDefaults()
         followed->second = device;
         const std::optional<DeviceReport> report = DeviceReport::read(device->deviceID());
         if (!report)
-            continue; // disconnected already
+            continue; // the device has already disconnected
         _report(formatText("The default %s is now ", nameOf(direction)) + report->shortName());
         if (std::ranges::find(_devices, report->uid, &SessionDevice::uid) == _devices.end())
             _devices.emplace_back(DeviceSelection::of(*report, direction));
     }
 }
 
-/// Frames lost in parts of the runner's aggregate do not show in its cycles.
+/// Reads the frames lost by sub-devices of the runner's aggregate, which its cycles do not show.
 void RunnerSession::_readSubDevices()
 {
     if (!_isAggregate)

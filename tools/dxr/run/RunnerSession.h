@@ -9,17 +9,16 @@
 #include <functional>
 #include <map>
 
-/// A runner over the devices of a command until the user ends it, with statistics and messages. It goes on
+/// Runs the devices of a command until the user ends it, with statistics and messages. The session continues
 /// when devices disconnect.
-/// Threads: the main thread, whose queue it serves.
+/// Threads: the main thread. Serves the main queue.
 class RunnerSession {
 public:
-    /// Receives every record of the runner's trace, in order. What it throws is thrown by poll(), wait() and
-    /// stop().
+    /// Receives every record of the runner's trace, in order. Its exceptions leave poll(), wait() and stop().
     using Records = std::function<void(std::span<const DXRCycleRecord>)>;
 
-    /// Without a frame count (of a block) or rate (Hz), the devices decide. Throws ToolFailure for one that
-    /// no device has.
+    /// `frameCount` is that of a block, `sampleRate` is in Hz; if null, they are taken from the devices.
+    /// Throws ToolFailure for values that no device supports.
     RunnerSession(const Interrupts& interrupts, std::optional<uint32_t> frameCount,
                   std::optional<double> sampleRate,
                   DXRConversionQuality quality = DXRConversionQuality::High);
@@ -28,7 +27,8 @@ public:
     RunnerSession& operator=(const RunnerSession&) = delete;
 
     void add(const DeviceSelection& selection, const DXRIOBlock& block);
-    /// Adds each selection with `block` of `part`, which is called with its place among them and kept alive.
+    /// Adds each of `selections` with the member function `block` of `part`, which receives the index of the
+    /// selection. The session keeps `part` alive.
     template <class Part>
     void add(const std::vector<DeviceSelection>& selections, const CXRef<Part>& part,
              void (Part::*block)(size_t, uint64_t, DXRBuffer&) noexcept)
@@ -39,17 +39,19 @@ public:
             });
     }
     void setRecords(Records records) { _records = std::move(records); }
-    /// Called once, when cycles come regularly, or after three seconds; the session counts from then on.
+    /// Sets a function that is called once: when cycles run regularly, or after three seconds. The session
+    /// then begins to count.
     void setSettled(std::function<void()> settled) { _settled = std::move(settled); }
-    /// False when the user has asked to stop. Throws ToolFailure when the devices do not start.
+    /// Returns false if the user has asked to stop. Throws ToolFailure if the devices do not start.
     bool start();
-    /// Waits for events, up to so long, and then polls. False when the user has asked to stop.
+    /// Waits for events, for up to `milliseconds`, and calls poll(). Returns false if the user has asked to
+    /// stop.
     bool wait(int milliseconds);
     /// Reads the trace, the devices and the counts.
     void poll();
-    /// Stops the runner, if it runs. Does not wait for a server that hangs once the user has asked to stop.
+    /// Stops the runner, if it runs. Once the user has asked to stop, does not wait for a server that hangs.
     void stop();
-    /// Counts from now on. Else from when it has settled.
+    /// Begins to count now instead of once the cycles are regular.
     void beginCounting();
     bool isCounting() const { return _isCounting; }
 
@@ -57,17 +59,17 @@ public:
     double sampleRate() const { return _sampleRate; }   ///< Hz, once started
     double seconds() const;                             ///< since start()
     const CycleStatistics& statistics() const { return _statistics; }
-    /// In gaps between cycles, and within aggregates.
+    /// Frames lost in gaps between cycles, and within aggregates.
     uint64_t lostFrames() const;
-    /// From the air to the block of the first input, and from the block to the air of the first output; null
-    /// while it does not run.
+    /// For the first input, from the air to the block; for the first output, from the block to the air. Null
+    /// while the device does not run.
     std::optional<double> latencySeconds(HALDirection direction) const;
     const std::vector<SessionDevice>& devices() const { return _devices; }
     std::vector<bool> connections() const; ///< whether each of the devices is connected
     uint64_t sampleTime() const { return _runner ? _runner->sampleTime() : 0; } ///< of the next block
     /// The source of the cycles: "3 devices as one, by the clock of Desk", "Desk alone", "no device: …".
     std::string contextText() const;
-    /// The messages since the last call, a line each.
+    /// The messages since the last call, one line each.
     std::vector<std::string> takeMessages() { return std::exchange(_messages, {}); }
     /// A summary of the cycles and devices, in lines.
     std::vector<std::string> report() const;
@@ -87,20 +89,20 @@ private:
     std::string _reportOf(const SessionDevice& device) const;
 
     const Interrupts& _interrupts;
-    CXRef<DXRDeviceRunner> _runner; // null once stopped, or left behind in a server that hangs
+    CXRef<DXRDeviceRunner> _runner; // null once stopped, or once abandoned because a server hangs
     const CXRef<DXRCycleTrace> _trace = DXRCycleTrace::init();
     std::vector<DXRCycleRecord> _batch;
     Records _records;
     std::function<void()> _settled;
     CycleStatistics _statistics;
-    std::vector<SessionDevice> _devices;                // each once, also when it has both directions
-    std::map<HALDirection, CXRef<DXRDevice>> _defaults; // the current ones that are followed
-    DXRDeviceRunner::Devices _chosen;                   // all others
+    std::vector<SessionDevice> _devices;                // a device with both directions is listed once
+    std::map<HALDirection, CXRef<DXRDevice>> _defaults; // the current default devices, if followed
+    DXRDeviceRunner::Devices _chosen;                   // the devices that were named
     std::vector<std::string> _messages;
     Clock::time_point _started;
     uint32_t _frameCount = 0;
     double _sampleRate = 0.0;
-    AudioObjectID _contextDevice = kAudioObjectUnknown; // the one with the cycles; 0 for the timer
+    AudioObjectID _contextDevice = kAudioObjectUnknown; // the source of the cycles; 0 for the timer
     bool _isAggregate = false, _isCounting = false, _isHanging = false;
     bool _hasFailed = false;   // the last context did not start
     double _lastCycleAt = 0.0; // seconds()

@@ -5,11 +5,11 @@
 #include <atomic>
 #include <dxr/DXRPropertyListener.h>
 
-/// A device that a runner uses, in either direction or both: its connection, overloads, and clock.
-/// Threads: one; overloads are reported on another.
+/// A device that a runner uses in one or both directions: its connection, overloads, and clock.
+/// Threads: one at a time; overloads are counted on the hardware's notification thread.
 class SessionDevice {
 public:
-    enum class Change { None, Gone, Back, Blinked }; ///< Blinked: disconnected, and connected again
+    enum class Change { None, Gone, Back, Blinked }; ///< Blinked: disconnected and already connected again
 
     explicit SessionDevice(const DeviceSelection& selection);
     SessionDevice(SessionDevice&&) = default;
@@ -18,14 +18,15 @@ public:
     const std::string& name() const { return _name; }    ///< printable
     AudioObjectID deviceID() const { return _deviceID; } ///< 0 while it is not connected
     bool isConnected() const { return _deviceID != kAudioObjectUnknown; }
-    double secondsAway() const { return _secondsAway; } ///< in total, up to its last return
+    double secondsAway() const { return _secondsAway; } ///< total time disconnected, until the last return
 
-    /// Whether it has disconnected or returned since the last call, `seconds` after the start.
+    /// Returns whether the device has disconnected or returned since the last call. `seconds` is the time
+    /// since the session's start.
     Change update(double seconds);
-    /// Notes its status in an aggregate. True when frames were lost or skipped, or the compensation of its
-    /// clock changed.
+    /// Notes the device's status in an aggregate. Returns true if the status is the first, frames were lost
+    /// or skipped, or the device or its clock compensation was started or stopped.
     bool noteStatus(const AudioAggregateSubDeviceStatus& status);
-    /// For a new context, whose aggregate counts from 0.
+    /// Call it for a new context: the counts of its aggregate begin at 0.
     void forgetStatus() { _last.reset(); }
     void beginCounting();
 
@@ -33,14 +34,15 @@ public:
     uint64_t resynchronisations() const { return _resynchronisations; }
     uint64_t lostFrames() const { return _lostFrames; }                       ///< replaced by silence
     bool isClock() const { return isConnected() && _last && _last->isClock; } ///< of the aggregate
-    /// How much faster than that its clock runs; null where they are the same, or it runs alone.
+    /// How much faster than the aggregate's clock the device's clock runs; null if it is the same clock or
+    /// the device runs alone.
     std::optional<double> partsPerMillion() const;
-    /// "clock", "+12.3 ppm" or "the same clock", of the last aggregate; empty if there was none.
+    /// The clock in the last aggregate, "clock", "+12.3 ppm" or "the same clock"; empty without an aggregate.
     const std::string& clockText() const { return _clockText; }
 
 private:
     struct Overloads final : CXObject {
-        std::atomic<uint32_t> count{0}; // raised on the hardware's thread; orders nothing
+        std::atomic<uint32_t> count{0}; // incremented on the notification thread; relaxed: orders nothing
     };
 
     void _listen(AudioObjectID deviceID);
@@ -52,7 +54,7 @@ private:
     AudioObjectID _deviceID = kAudioObjectUnknown;
     uint32_t _overloadsBefore = 0;
     double _goneAt = 0.0, _secondsAway = 0.0;
-    std::optional<AudioAggregateSubDeviceStatus> _last; // since it was connected
+    std::optional<AudioAggregateSubDeviceStatus> _last; // null after a change of connection or context
     uint64_t _resynchronisations = 0, _lostFrames = 0;
     std::string _clockText;
 };

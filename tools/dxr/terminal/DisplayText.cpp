@@ -10,7 +10,7 @@
 namespace {
 
 constexpr const char* ellipsis = "\xE2\x80\xA6";
-constexpr size_t marksPerLetter = 8; // enough for any script
+constexpr size_t marksPerLetter = 8; // combining marks kept for each letter; enough for any script
 
 struct Character {
     std::string_view bytes;
@@ -18,7 +18,7 @@ struct Character {
     size_t width = 0; // columns
 };
 
-/// The first character of well-formed UTF-8; any other byte is a character of its own.
+/// The first character of `text`, which must be well-formed UTF-8.
 Character firstCharacter(std::string_view text)
 {
     const auto lead = static_cast<unsigned char>(text.front());
@@ -43,7 +43,7 @@ template <class Use> void forEachCharacter(std::string_view text, Use use)
     }
 }
 
-/// The start of `text` that fits in `width` columns; at least one character.
+/// The longest start of `text` that fits in `width` columns; at least one character.
 std::string_view fittingStart(std::string_view text, size_t width)
 {
     size_t used = 0;
@@ -67,7 +67,7 @@ std::string singleLine(std::string_view text)
     const std::string printable = dxr::printableText(text);
     forEachCharacter(printable, [&](const Character& character) {
         marks = character.width == 0 ? marks + 1 : 0;
-        // Line and paragraph separators start a line on some terminals.
+        // U+2028 and U+2029, the line and paragraph separators, start a new line on some terminals.
         if (character.code == L'\n' || character.code == L'\t')
             line += formatText("\\x%02X", static_cast<unsigned>(character.code));
         else if (character.code == 0x2028 || character.code == 0x2029)
@@ -97,7 +97,7 @@ std::string clipToWidth(std::string_view text, size_t width)
         return {};
     const std::string_view start = width == 1 ? std::string_view() : fittingStart(text, width - 1);
     return std::string(displayWidth(start) < width ? start : std::string_view()) +
-           ellipsis; // a wide letter may not fit
+           ellipsis; // empty start: a single wide character does not fit beside the ellipsis
 }
 
 std::string shortText(std::string_view text, size_t width)

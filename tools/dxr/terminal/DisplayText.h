@@ -5,25 +5,26 @@
 #include <string_view>
 #include <vector>
 
-// Text from outside, made printable, and measured in the columns of a terminal.
-// Threads: any. The character type locale must be a UTF-8 one; main() sets it.
+// Makes text from other programs and devices printable, and measures it in columns of a terminal.
+// Threads: any. The locale's character type (LC_CTYPE) must be UTF-8; main() sets it.
 
-/// `text` without anything that controls the terminal: control characters and bytes that are not UTF-8 are
-/// shown as \x1B; a pile of combining marks is cut.
+/// Returns `text` as one printable line: control characters and bytes that are not UTF-8 are written as \x1B;
+/// long sequences of combining marks are cut.
 std::string singleLine(std::string_view text);
-/// The columns of printable `text`: 2 for a wide character, 0 for a combining one.
+/// The width of printable `text` in columns: 2 for a wide character, 0 for a combining one.
 size_t displayWidth(std::string_view text);
-/// Printable `text`, cut to `width` columns, the last of which is an ellipsis when something is cut.
+/// Returns printable `text` cut to `width` columns. If it is cut, it ends with an ellipsis.
 std::string clipToWidth(std::string_view text, size_t width);
-/// Any text, printable and cut.
+/// clipToWidth(singleLine(text), width), for any text.
 std::string shortText(std::string_view text, size_t width);
-/// Printable `text`, cut or filled with spaces to `width` columns.
+/// Returns printable `text` cut to `width` columns, or filled with spaces and aligned to the left or right.
 std::string fitLeft(std::string_view text, size_t width);
 std::string fitRight(std::string_view text, size_t width);
-/// Printable `text` in lines of up to `width` columns, broken at spaces if possible.
+/// Breaks printable `text` into lines of up to `width` columns, at spaces if possible.
 std::vector<std::string> wrapped(std::string_view text, size_t width);
-/// The same, up to `width` columns, behind `label`, which takes `indent` columns. Further lines are indented.
+/// Like wrapped(), but the first line begins with `label`, which must be `indent` columns wide, and the other
+/// lines are indented by as much.
 std::vector<std::string> labelled(const std::string& label, size_t indent, std::string_view text,
                                   size_t width);
-/// `text` in lower case, for comparisons.
+/// Returns `text` in lower case, for comparisons.
 std::string foldCase(std::string_view text);

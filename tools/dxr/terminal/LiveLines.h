@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
-/// Lines at the foot of a terminal that are redrawn in place. Elsewhere nothing is drawn. The cursor is
-/// hidden meanwhile.
-/// Threads: one.
+/// Lines below a terminal's output that are redrawn in place. The cursor is hidden while they are shown. If
+/// standard output is not a terminal, nothing is drawn.
+/// Threads: one at a time.
 class LiveLines {
 public:
     explicit LiveLines(const Terminal& terminal) : _terminal(terminal) {}
@@ -19,7 +19,7 @@ public:
     /// Replaces the lines; each must fit the terminal's width.
     void draw(const std::vector<std::string>& lines);
     void clear();
-    /// Prints a lasting line above them, and flushes it.
+    /// Prints a line above them, where it stays, and flushes standard output.
     void printAbove(std::string_view line);
 
 private:

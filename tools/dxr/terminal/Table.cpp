@@ -78,7 +78,7 @@ std::vector<Table::Placed> Table::_place(size_t width) const
     while (placed.size() > 1 && exceedsEvenShrunk())
         placed.erase(std::ranges::min_element(
             placed, {}, [this](const Placed& column) { return _columns[column.index].priority; }));
-    while (_totalWidth(placed) > width) { // shrink the widest column that can
+    while (_totalWidth(placed) > width) { // shrink the widest column that can be shrunk
         const auto widest = std::ranges::max_element(placed, {}, [this](const Placed& column) {
             return column.width > _minWidth(column) ? column.width : 0;
         });

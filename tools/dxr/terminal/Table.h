@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-/// Text in columns that fit the terminal: columns with a minimal width shrink, then those of low priority are
-/// left out.
-/// Threads: one.
+/// A table that is fitted to the terminal's width: columns with a minimum width are shrunk; if that does not
+/// suffice, columns are left out, lowest priority first.
+/// Threads: one at a time.
 class Table {
 public:
     struct Column {
@@ -25,11 +25,11 @@ public:
     explicit Table(std::vector<Column> columns) : _columns(std::move(columns)) {}
 
     void add(Row row) { _rows.push_back(std::move(row)); }
-    /// Turns the last column into notes.
+    /// Removes the last column and turns its cells into the rows' notes.
     void moveLastColumnToNotes();
     /// The width at which nothing is cut.
     size_t naturalWidth() const;
-    /// A line of titles and then the rows, none longer than `width` columns.
+    /// A line of titles and then the rows, each at most `width` columns wide.
     std::vector<std::string> lines(size_t width, const Terminal& terminal) const;
 
 private:

@@ -9,9 +9,9 @@
 namespace {
 
 constexpr size_t minColumns = 20, defaultColumns = 80;
-constexpr size_t pipeColumns = 10000; // nothing is cut: programs read it
+constexpr size_t pipeColumns = 10000; // programs read pipes, so that nothing may be cut
 
-// By Style.
+// Indexed by Style.
 constexpr const char* codes[] = {"", "\x1B[1m", "\x1B[2m", "\x1B[31m", "\x1B[32m", "\x1B[33m", "\x1B[36m"};
 
 } // namespace

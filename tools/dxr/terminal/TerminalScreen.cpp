@@ -13,13 +13,14 @@
 
 namespace {
 
-// The alternate screen, no cursor, no line wrap; and back.
+// Enter and leave the alternate screen, without a cursor and line wrap.
 constexpr char enterSequence[] = "\x1B[?1049h\x1B[?25l\x1B[?7l\x1B[2J";
 constexpr char leaveSequence[] = "\x1B[?7h\x1B[?25h\x1B[?1049l";
 constexpr char controlZ = 0x1A;
 constexpr int deadlySignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGQUIT};
 
-// For the signal handlers. The modes are from before, and do not change while isEntered.
+// Used by the signal handlers. modesBefore are the terminal's previous modes; they do not change while
+// isEntered is true.
 std::atomic<bool> isEntered{false};
 std::atomic<bool> hasModes{false};
 termios modesBefore;
@@ -50,12 +51,12 @@ void restoreTerminal()
 extern "C" void restoreAndDie(int signal)
 {
     restoreTerminal();
-    raise(signal); // to the default handler: SA_RESETHAND
+    raise(signal); // SA_RESETHAND has restored the default handler
 }
 
 extern "C" void noteNewSize(int)
 {
-    // It interrupts the wait; the size is read before each picture.
+    // The signal interrupts poll(); the size is read before each picture.
 }
 
 } // namespace
@@ -63,7 +64,7 @@ extern "C" void noteNewSize(int)
 TerminalScreen::TerminalScreen()
 {
     if (!Terminal().isLive())
-        throw ToolFailure("standard output is no terminal to draw on (dxr watch writes lines)");
+        throw ToolFailure("standard output is not a terminal; 'dxr watch' prints lines instead");
     if (tcgetattr(STDIN_FILENO, &modesBefore) == 0) {
         hasModes = true;
         _keyboard = STDIN_FILENO;
@@ -92,7 +93,7 @@ void TerminalScreen::_enter()
         modes.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON);
         modes.c_cc[VMIN] = 0;
         modes.c_cc[VTIME] = 0;
-        modes.c_cc[VSUSP] = _POSIX_VDISABLE; // Ctrl-Z is a key, so that the screen is restored first
+        modes.c_cc[VSUSP] = _POSIX_VDISABLE; // Ctrl-Z is read as a key: restores the screen first
         tcsetattr(STDIN_FILENO, TCSANOW, &modes);
     }
     isEntered = true;
@@ -104,7 +105,7 @@ void TerminalScreen::_stopProcess()
     restoreTerminal();
     raise(SIGSTOP);
     if (hasModes)
-        tcgetattr(STDIN_FILENO, &modesBefore); // the shell may have changed them
+        tcgetattr(STDIN_FILENO, &modesBefore); // the shell may have changed the modes
     _enter();
 }
 

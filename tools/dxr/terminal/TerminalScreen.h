@@ -4,29 +4,29 @@
 #include <string>
 #include <vector>
 
-/// The whole terminal as a picture, and keys without Return. The previous contents return at the end, however
-/// the process ends, except by SIGKILL.
-/// Threads: one instance in a process, used by one thread.
+/// Draws on the whole terminal and reads keys without waiting for Return. The terminal's previous contents
+/// are restored at the end, however the process ends, except by SIGKILL.
+/// Threads: at most one instance in a process, used by one thread.
 class TerminalScreen {
 public:
     struct Size {
         size_t columns, rows;
     };
 
-    /// Throws ToolFailure when standard output is no such terminal.
+    /// Throws ToolFailure if standard output is not a terminal that understands escape codes.
     TerminalScreen();
     ~TerminalScreen();
     TerminalScreen(const TerminalScreen&) = delete;
     TerminalScreen& operator=(const TerminalScreen&) = delete;
 
-    /// The present size; 80 x 24 if unknown.
+    /// The current size; 80 x 24 if unknown.
     Size size() const;
     /// Replaces the picture. The lines must fit the size.
     void draw(const std::vector<std::string>& lines);
 
-    /// Polls readable when there are keys; -1 when there is no keyboard.
+    /// A descriptor that polls readable when a key was pressed; -1 if standard input is not a terminal.
     int keyboard() const noexcept { return _keyboard; }
-    /// The keys since the last call, as the terminal sends them. Ctrl-Z stops the process in this call.
+    /// The bytes of the keys pressed since the last call. On Ctrl-Z, suspends the process during the call.
     std::string takeKeys();
 
 private:

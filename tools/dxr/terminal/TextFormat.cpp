@@ -7,7 +7,7 @@
 
 namespace {
 
-/// With milliseconds.
+/// Formats a time with milliseconds.
 std::string formatTime(std::chrono::system_clock::time_point when, const char* format,
                        std::tm* (*split)(const std::time_t*, std::tm*))
 {

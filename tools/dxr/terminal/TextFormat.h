@@ -10,17 +10,17 @@
 
 /// Like printf().
 std::string formatText(const char* format, ...) __attribute__((format(printf, 1, 2)));
-/// Hz as "44.1 kHz"; "-" when it is 0.
+/// Formats a rate in Hz as "44.1 kHz"; 0 as "-".
 std::string formatRate(double rate);
-/// 0 to 1 as "70%".
+/// Formats 0 to 1 as "70%".
 std::string formatPercent(double scalar);
 /// An amplitude as decibels below full scale, "-6.0 dB"; "-inf dB" for silence.
 std::string formatLevel(double amplitude);
-/// "0.0 s"; from a minute up "1:02.5".
+/// "0.0 s"; from one minute, "1:02.5".
 std::string formatSeconds(double seconds);
 /// "1,234".
 std::string formatNumber(uint64_t number);
-/// "1 frame", "2 frames"; the plural is "…s" if not given.
+/// "1 frame", "2 frames"; `plural` is by default `singular` with an s.
 std::string formatCount(uint64_t count, const std::string& singular, const char* plural = nullptr);
 
 /// "12:34:56.789", local time.
@@ -28,7 +28,7 @@ std::string formatLocalTime(std::chrono::system_clock::time_point when);
 /// "2026-01-31T12:34:56.789Z".
 std::string formatUTC(std::chrono::system_clock::time_point when);
 
-/// The texts of the items, separated.
+/// Joins the texts of `items` with `separator` between them.
 template <class Items, class Text = std::identity>
 std::string joined(const Items& items, const char* separator, Text text = {})
 {
