@@ -264,20 +264,23 @@ HALStatus AggregateDevice::setName(const std::string& name, HALDeadline /*deadli
     return kAudioHardwareNoError;
 }
 
-/// Writes to every sub-device whose state passes `takes`. Only the leader's status replaces an earlier
-/// success, because the aggregate has the leader's rate and cycle length.
+/// Writes to the sub-devices whose state passes `takes`. The aggregate has the leader's values: if the leader
+/// refuses, the others keep theirs.
 template <class Takes, class Write>
 HALStatus AggregateDevice::_writeToAll(Takes takes, Write write, HALDeadline deadline)
 {
     const std::scoped_lock lock(_mutex);
     const SubDevice* leader = _leader();
-    HALStatus result = kAudioHardwareUnspecifiedError;
-    for (const SubDevice& each : _subDevices) {
-        if (!each.device || !takes(each.state))
-            continue;
-        const HALStatus status = write(each.device->driver());
-        if (&each == leader || result != kAudioHardwareNoError)
-            result = status;
+    const bool leaderTakes = leader && takes(leader->state);
+    HALStatus result = leaderTakes ? write(leader->device->driver()) : kAudioHardwareUnspecifiedError;
+    if (!leaderTakes || result == kAudioHardwareNoError) {
+        for (const SubDevice& each : _subDevices) {
+            if (&each == leader || !each.device || !takes(each.state))
+                continue;
+            const HALStatus status = write(each.device->driver());
+            if (!leaderTakes && result != kAudioHardwareNoError)
+                result = status;
+        }
     }
     _lookAtSubDevices();
     _follow(deadline);

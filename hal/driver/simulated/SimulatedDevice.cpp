@@ -201,7 +201,7 @@ CXRef<SimulatedRun> SimulatedDevice::_run() const
 
 HALStatus SimulatedDevice::_write(const std::function<void(SimulatedDeviceDescription&)>& change)
 {
-    const HALStatus status = _machine->faults.statusOfWrite();
+    const HALStatus status = _machine->faults.statusOfWrite(_uid);
     return status ? status : alter(change);
 }
 

@@ -17,6 +17,20 @@ void SimulatedFaults::beforeRead(uint32_t selector, uint64_t nth, CXBlock<void()
     _script = std::move(script);
 }
 
+void SimulatedFaults::failWrites(const std::string& uid, HALStatus status)
+{
+    const std::scoped_lock lock(_mutex);
+    _writeStatus[uid] = status;
+}
+
+HALStatus SimulatedFaults::statusOfWrite(const std::string& uid)
+{
+    const std::scoped_lock lock(_mutex);
+    const HALStatus status = _writeStatus[""];
+    const auto own = _writeStatus.find(uid);
+    return status || own == _writeStatus.end() ? status : own->second;
+}
+
 HALStatus SimulatedFaults::statusOfRead(uint32_t selector, bool isSize)
 {
     HALStatus status = kAudioHardwareNoError;

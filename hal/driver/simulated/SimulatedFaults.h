@@ -3,7 +3,9 @@
 #include "AudioHardwareTypes.h"
 
 #include <atomic>
+#include <map>
 #include <mutex>
+#include <string>
 
 /// The faults that a test has requested, and the counts that determine when they occur.
 /// Threads: any. The script of a read runs with no lock held.
@@ -11,12 +13,12 @@ class SimulatedFaults {
 public:
     void failReads(uint32_t selector, uint64_t nth, uint64_t count, HALStatus status);
     void beforeRead(uint32_t selector, uint64_t nth, CXBlock<void()> script);
-    void failWrites(HALStatus status) { _writeStatus = status; }
+    void failWrites(const std::string& uid, HALStatus status);
     void failStarts(HALStatus status) { _startStatus = status; }
 
     /// The status that a read returns instead of being carried out; 0: the read is carried out.
     HALStatus statusOfRead(uint32_t selector, bool isSize);
-    HALStatus statusOfWrite() const { return _writeStatus; }
+    HALStatus statusOfWrite(const std::string& uid);
     HALStatus statusOfStart() const { return _startStatus; }
 
 private:
@@ -35,7 +37,7 @@ private:
     HALStatus _failingStatus = kAudioHardwareNoError;
     Count _scripted;
     uint64_t _scriptedRead = 0;
-    CXBlock<void()> _script; // empty: no rule
-    std::atomic<HALStatus> _writeStatus{kAudioHardwareNoError};
+    CXBlock<void()> _script;                       // empty: no rule
+    std::map<std::string, HALStatus> _writeStatus; // by UID; empty: any device and the system
     std::atomic<HALStatus> _startStatus{kAudioHardwareNoError};
 };

@@ -206,7 +206,7 @@ bool SimulatedHardware::_setDefaults(std::initializer_list<HALDefault> which, co
 HALStatus SimulatedHardware::chooseDefaultDevice(HALDefault which, HALDeviceDriver& device,
                                                  HALDeadline /*deadline*/)
 {
-    if (const HALStatus status = _machine->faults.statusOfWrite())
+    if (const HALStatus status = _machine->faults.statusOfWrite(""))
         return status;
     const auto* simulated = dynamic_cast<SimulatedDevice*>(&device);
     if (!simulated)
@@ -252,7 +252,12 @@ void SimulatedHardware::_interceptReads()
 
 void SimulatedHardware::failWrites(HALStatus status)
 {
-    _machine->faults.failWrites(status);
+    _machine->faults.failWrites("", status);
+}
+
+void SimulatedHardware::failWritesOf(const std::string& uid, HALStatus status)
+{
+    _machine->faults.failWrites(uid, status);
 }
 
 void SimulatedHardware::failStarts(HALStatus status)

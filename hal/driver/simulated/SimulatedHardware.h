@@ -57,6 +57,8 @@ public:
     void beforeRead(uint32_t selector, uint64_t nth, CXBlock<void()> script);
     /// From now on, property writes or starts return `status` and do nothing; 0 ends this.
     void failWrites(HALStatus status);
+    /// The same for the writes of one device.
+    void failWritesOf(const std::string& uid, HALStatus status);
     void failStarts(HALStatus status);
     /// Makes the running device lose `count` cycles before its next one. Returns false if it is not running.
     bool loseCycles(const std::string& uid, uint32_t count);

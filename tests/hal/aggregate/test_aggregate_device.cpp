@@ -158,6 +158,13 @@ TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
     EXPECT_EQ(writeValue(*model, device, rate, 96000.0), kAudioHardwareNoError);
     EXPECT_EQ(readValue<double>(*model, hal->deviceID("a"), rate), 96000.0);
     EXPECT_EQ(writeValue(*model, device, rate, 44100.0), kAudioHardwareIllegalOperationError);
+    hal->failWritesOf("b", kAudioHardwareUnspecifiedError); // the clock
+    EXPECT_EQ(writeValue(*model, device, rate, 48000.0), kAudioHardwareUnspecifiedError);
+    EXPECT_EQ(readValue<double>(*model, hal->deviceID("a"), rate), 96000.0) << "it follows the clock";
+    hal->failWritesOf("b", kAudioHardwareNoError);
+    hal->failWritesOf("a", kAudioHardwareUnspecifiedError);
+    EXPECT_EQ(writeValue(*model, device, rate, 48000.0), kAudioHardwareNoError) << "a is resampled";
+    EXPECT_EQ(readValue<double>(*model, device, rate), 48000.0);
     EXPECT_EQ(model->destroyAggregateDevice(device), kAudioHardwareNoError);
     EXPECT_EQ(readDevices(*model).size(), 2U);
 }

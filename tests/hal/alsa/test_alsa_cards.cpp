@@ -16,12 +16,13 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
 {
     FakedCardOptions card = aCard();
     card.pcmCount = 3;
-    card.components = "USB1235:8211";
+    card.components = "USB1235:8211 others";
     const int number = FakedCards::plug(card);
     for (unsigned pcm = 0; pcm < 3; ++pcm) {
         const AudioObjectID id = device(uidOf("unit", pcm));
         EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyClockDomain), static_cast<uint32_t>(number) + 1);
         EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyTransportType), kAudioDeviceTransportTypeUSB);
+        EXPECT_EQ(readText(*hal, id, at(kAudioDevicePropertyModelUID)), "1235:8211");
         EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), pcm == 0)
             << "the card's controls are its first PCM's";
     }

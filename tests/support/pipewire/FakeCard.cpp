@@ -142,8 +142,8 @@ spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t route)
     spa_pod_frame information;
     spa_pod_builder_prop(&builder, SPA_PARAM_ROUTE_info, 0);
     spa_pod_builder_push_struct(&builder, &information);
-    spa_pod_builder_add(&builder, SPA_POD_Int(1), SPA_POD_String("port.type"),
-                        SPA_POD_String(routes[route].portType), nullptr);
+    spa_pod_builder_add(&builder, SPA_POD_Int(2), SPA_POD_String("port.group"), SPA_POD_String("legacy"),
+                        SPA_POD_String("port.type"), SPA_POD_String(routes[route].portType), nullptr);
     spa_pod_builder_pop(&builder, &information);
     if (id == SPA_PARAM_Route) {
         spa_pod_builder_add(&builder, SPA_PARAM_ROUTE_device, SPA_POD_Int(device), SPA_PARAM_ROUTE_profile,
