@@ -8,14 +8,16 @@
 namespace {
 
 /// Returns the state of a manager as text, for comparison with another manager's.
-std::vector<std::string> stateOf(const DXRDeviceManager& manager)
+std::vector<std::string> stateOf(DXRDeviceManager& manager)
 {
     std::vector<std::string> state;
     for (const CXRef<DXRDevice>& device : manager.connectedDevices()) {
         const CXRef<DXRDevice> other = manager.counterpartForDevice(device);
-        state.push_back(device->archive().dump() + "|" + device->displayName() + "|" +
-                        device->displayNameWithSource() + "|" + std::to_string(device->deviceID()) +
-                        (device->isDefault() ? "|default|" : "|") + (other ? other->deviceUID() : ""));
+        state.push_back(
+            device->archive().dump() + "|" + device->displayName() + "|" + device->displayNameWithSource() +
+            "|" + std::to_string(device->deviceID()) + (device->isDefault() ? "|default|" : "|") +
+            (other ? other->deviceUID() : "") +
+            (manager.deviceWithReference(device->reference()->description()) == device ? "" : "|not found"));
     }
     std::ranges::sort(state);
     const auto uidOf = [](const CXRef<DXRDevice>& device) { return device ? device->deviceUID() : "none"; };
