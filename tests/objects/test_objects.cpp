@@ -1,4 +1,5 @@
 #include "CXBlockRef.h"
+#include "CXRealtime.h"
 #include "CXWeak.h"
 
 #include <gtest/gtest.h>
@@ -6,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <functional>
+#include <malloc.h>
 #include <thread>
 #include <vector>
 
@@ -47,6 +49,49 @@ TEST(CXObject, livesAsLongAsAStrongReferenceWithOrWithoutWeakOnes)
     leaked->release();
     EXPECT_EQ(ended, 2);
     EXPECT_FALSE(moved.lock());
+}
+
+TEST(CXWeak, sharesAndFreesItsControlBlock)
+{
+    const size_t before = mallinfo2().uordblks;
+    std::atomic<int> ended{0};
+    for (int i = 0; i < 1000; ++i) {
+        CXRef<Counted> object = Counted::init(ended);
+        CXWeak<Counted> copy;
+        {
+            const CXWeak<Counted> weak(object);
+            copy = CXWeak<Counted>(weak);
+        }
+        const CXWeak<Counted> ofNothing = CXWeak<Counted>(), copyOfNothing(ofNothing);
+        EXPECT_FALSE(copyOfNothing.lock());
+        object = nullptr;
+        EXPECT_FALSE(copy.lock());
+    }
+    EXPECT_EQ(ended, 1000);
+    EXPECT_LT(mallinfo2().uordblks, before + 1000 * sizeof(void*));
+}
+
+TEST(CXRealtimeScope, isCheckedUntilItEndsAndOutsideExemptions)
+{
+    EXPECT_FALSE(CXRealtimeScope::isChecked());
+    bool isChecked[4] = {};
+    {
+        const CXRealtimeScope scope;
+        isChecked[0] = CXRealtimeScope::isChecked();
+        {
+            const CXRealtimeScope inner;
+            const CXRealtimeExemption exemption("the test's");
+            isChecked[1] = CXRealtimeScope::isChecked();
+            {
+                const CXRealtimeExemption again("nested");
+            }
+            isChecked[2] = CXRealtimeScope::isChecked();
+        }
+        isChecked[3] = CXRealtimeScope::isChecked();
+    }
+    EXPECT_EQ(std::vector<bool>(std::begin(isChecked), std::end(isChecked)),
+              (std::vector<bool>{true, false, false, true}));
+    EXPECT_FALSE(CXRealtimeScope::isChecked());
 }
 
 // The strong count moves to the control block while other threads change it. No change may be lost, and the
