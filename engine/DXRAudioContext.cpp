@@ -1,19 +1,17 @@
 #include "DXRAudioContext.h"
 
-#include "CXDispatchTimer.h"
 #include "CXErrorAdditions.h"
 #include "CXFourCharCode.h"
 #include "DeviceClock.h"
 #include "GlobalQueue.h"
 #include "HostClock.h"
-#include "LatencyOfPart.h"
 #include "PropertyValue.h"
 #include "QDL.h"
+#include "RingOffsets.h"
 #include "RunnerIO.h"
 
 #include <algorithm>
 #include <alloca.h>
-#include <cmath>
 #include <cstdio>
 #include <iterator>
 
@@ -26,8 +24,6 @@ constexpr double defaultSampleRate = 44100.0;
 constexpr uint32_t maxStackEntries = 1024;
 constexpr double ticksPerSecond =
     1e9 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
-constexpr auto ringTicks =
-    static_cast<uint64_t>(0.2 * ticksPerSecond); // interval between readings of an aggregate's rings
 
 constexpr AudioObjectPropertyAddress bufferFrameSize{
     kAudioDevicePropertyBufferFrameSize, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
@@ -252,8 +248,8 @@ void DXRAudioContext::_lookAtLayouts()
 
 void DXRAudioContext::_stopFollowing()
 {
-    if (const CXRef<CXDispatchTimer> timer = std::exchange(_ringTimer, nullptr))
-        timer->cancel();
+    if (const CXRef<RingOffsets> offsets = std::exchange(_ringOffsets, nullptr))
+        offsets->stop();
     for (const CXRef<DXRPropertyListener>& listener : std::exchange(_layoutListeners, {}))
         listener->stop();
 }
@@ -530,16 +526,16 @@ std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const
 {
     CX_ASSERT_ON_QUEUE(_queue);
     std::vector<DXRDeviceLatency> latencies;
-    if (!_iocontext || _iocontext->lastFrameCount == 0)
+    const std::optional<RingOffsets::Placements> placements = _placements();
+    if (!placements)
         return latencies;
     const SubDeviceStatuses statuses = subDeviceStatusesOf(_deviceID);
-    const std::array<CyclePlacement, 2> placements = _placements();
     for (size_t direction = 0; direction < _nodes.size(); ++direction) {
         for (const CXRef<DXRDeviceNode>& node : _nodes[direction]) {
             if (!_viables.contains(node))
                 continue;
             latencies.push_back(
-                latencyOfSlowest(_devicesOfNode(*node), node->isInput(), placements[direction], statuses));
+                latencyOfSlowest(_devicesOfNode(*node), node->isInput(), (*placements)[direction], statuses));
             latencies.back().deviceUID = node->device()->deviceUID();
         }
     }
@@ -551,12 +547,13 @@ std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const DXRDeviceNode&)
     return {_deviceID};
 }
 
-/// The last cycle's, for input and output.
-std::array<CyclePlacement, 2> DXRAudioContext::_placements() const
+std::optional<RingOffsets::Placements> DXRAudioContext::_placements() const
 {
     CX_ASSERT_ON_QUEUE(_queue);
+    if (!_iocontext || _iocontext->lastFrameCount == 0)
+        return std::nullopt;
     const DXRAudioIOContext& record = *_iocontext;
-    std::array<CyclePlacement, 2> placements;
+    RingOffsets::Placements placements;
     for (size_t direction = 0; direction < placements.size(); ++direction) {
         placements[direction].clockID = _deviceID;
         placements[direction].sampleRate = record.sampleRate;
@@ -569,64 +566,16 @@ std::array<CyclePlacement, 2> DXRAudioContext::_placements() const
     return placements;
 }
 
-/// The time stamps of an aggregate are those of its clock device. For the other parts, the delays of their
-/// rings are added to the host times of their nodes' buffers.
 void DXRAudioContext::_followRings()
 {
-    if (subDeviceStatusesOf(_deviceID).size() < 2)
-        return;
-    _ringTimer = CXDispatchTimer::init();
-    if (!_ringTimer)
-        return; // out of memory: host times remain those of the clock device
-    std::vector<RingPart> parts;
+    std::vector<RingOffsets::Part> parts;
     for (const CXRef<DXRDeviceNode>& node : _viables)
-        parts.push_back({node->isInput(), _devicesOfNode(*node)});
-    _ringParts = std::make_shared<const std::vector<RingPart>>(std::move(parts));
-    _ringTimer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
-        if (const CXRef<DXRAudioContext> self = weak.lock())
-            self->_lookAtRings();
-    });
-    _ringTimer->setDispatchQueue(_queue);
-    _ringTimer->setTimeoutAbsolute(0, ringTicks);
-}
-
-/// Reads the rings on another thread, so that no cycle waits for this queue meanwhile. That thread keeps
-/// nothing alive, because stop() must be able to end the context and its private aggregate.
-void DXRAudioContext::_lookAtRings()
-{
-    CX_ASSERT_ON_QUEUE(_queue);
-    if (!_iocontext || _iocontext->lastFrameCount == 0)
-        return;
-    dxr::GlobalQueue::highPriority().async(
-        [weak = CXWeak(*this), queue = _queue, parts = _ringParts, placements = _placements()] {
-            const SubDeviceStatuses statuses = subDeviceStatusesOf(placements[0].clockID);
-            std::vector<double> seconds;
-            for (const RingPart& part : *parts) {
-                const CyclePlacement& placement = placements[part.isInput ? 0 : 1];
-                seconds.push_back(secondsAfterClock(
-                    latencyOfSlowest(part.devices, part.isInput, placement, statuses), placement));
-            }
-            if (statuses.empty())
-                return;
-            queue->dispatchAsync(CXDispatchClientLane | CXDispatchAfterCancel, // the runner may be destroyed
-                                 [weak, seconds = std::move(seconds)] {
-                                     if (const CXRef<DXRAudioContext> self = weak.lock())
-                                         self->_ringsAre(seconds);
-                                 });
-        });
-}
-
-/// `seconds`: each viable node's offset from the clock's time stamps.
-void DXRAudioContext::_ringsAre(const std::vector<double>& seconds)
-{
-    if (!_ringTimer)
-        return;
-    auto next = seconds.begin();
-    for (const CXRef<DXRDeviceNode>& node : _viables) {
-        if (std::isfinite(*next))
-            node->setHostTimeOffset(std::llround(*next * ticksPerSecond));
-        ++next;
-    }
+        parts.push_back({node, _devicesOfNode(*node)});
+    const auto lastCycle = [weak = CXWeak(*this)] {
+        const CXRef<DXRAudioContext> self = weak.lock();
+        return self ? self->_placements() : std::nullopt;
+    };
+    _ringOffsets = RingOffsets::initWithDevice(_deviceID, std::move(parts), lastCycle, _queue);
 }
 
 /// The rate of this cycle. Returns false if the rate had to be read and could not be, or is invalid.

@@ -11,10 +11,11 @@
 #include <array>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
 class RunnerIO;
-class CXDispatchTimer;
+class RingOffsets;
 struct CyclePlacement;
 
 /// Runs the nodes of a runner from the IO callback of one audio device: this class for a single device,
@@ -121,16 +122,9 @@ private:
         bool operator==(const Layouts& other) const = default;
     };
 
-    /// For one node: the devices whose ring delays are read. In the order of the viable nodes.
-    struct RingPart {
-        bool isInput;
-        std::vector<AudioObjectID> devices;
-    };
-
-    std::array<CyclePlacement, 2> _placements() const;
+    /// The last cycle's, for input and output; empty if there was none.
+    std::optional<std::array<CyclePlacement, 2>> _placements() const;
     void _followRings();
-    void _lookAtRings();
-    void _ringsAre(const std::vector<double>& seconds);
     void _stopFollowing();
     bool _fail(HALStatus status, std::string text);
     CXRef<DXRAudioIOContext> _makeRecord();
@@ -165,7 +159,6 @@ private:
     DXRDeviceRunnerError _error;
     Layouts _layouts; // as read by start()
     std::vector<CXRef<DXRPropertyListener>> _layoutListeners;
-    std::shared_ptr<const std::vector<RingPart>> _ringParts;       // set by _followRings()
-    CXRef<CXDispatchTimer> _ringTimer;                             // while an aggregate runs
+    CXRef<RingOffsets> _ringOffsets;                               // while an aggregate runs
     CXRef<DXRAudioIOContext> _iocontext CX_OWNED_BY_QUEUE(_queue); // null while no callback is installed
 };

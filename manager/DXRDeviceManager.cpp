@@ -6,6 +6,7 @@
 #include "DXRDeviceControl.h"
 #include "DXRDeviceInfoList.h"
 #include "DXRDeviceManagerPrivate.h"
+#include "DXRDisplayNames.h"
 #include "DXRPropertyAddress.h"
 #include "DXRPropertyListener.h"
 #include "DXRReadCheck.h"
@@ -16,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <unordered_map>
 
 namespace {
 
@@ -437,10 +437,8 @@ void DXRDeviceManager::_updateDeviceList(bool updateDefaults)
         _archiveGone(changes);
         _returnOrAdd(changes);
         // Display names depend on the list and on the values of the devices.
-        if (!changes.connected.empty() || !changes.disconnected.empty() || !_updatedDevices.empty()) {
-            _updateDeviceDisplayNames();
-            _updateDeviceDisplayNamesWithSource();
-        }
+        if (!changes.connected.empty() || !changes.disconnected.empty() || !_updatedDevices.empty())
+            DXRDisplayNames::number(*_connectedDevicesByID, _updatedDevices);
         // If a default device was announced before the device was listed, the default changes only now.
         if (updateDefaults || !changes.connected.empty() || !changes.disconnected.empty())
             _updateDefaultDevices();
@@ -521,7 +519,7 @@ void DXRDeviceManager::_archiveGone(Changes& changes)
             }
         }
         _updateDevicePropertyListeners(*info);
-        _resetDisplayNames(*info);
+        DXRDisplayNames::reset(*info, _updatedDevices);
     }
 }
 
@@ -626,70 +624,6 @@ void DXRDeviceManager::_retryAfter(bool hasFailed)
         lock().execute([&] { self->_isRetryPending = false; });
         self->_updateDeviceList(true);
     });
-}
-
-// ---- Display names
-
-void DXRDeviceManager::_resetDisplayNames(DXRDeviceInfo& info)
-{
-    for (const CXRef<DXRDevice>& device : {info.input, info._input, info.output, info._output}) {
-        if (!device)
-            continue;
-        const DXRDeviceControl control(*device);
-        const bool isNew = control.updateDisplayName(std::nullopt);
-        if (control.updateDisplayNameWithSource(std::nullopt) || isNew)
-            _updatedDevices.insert(device);
-    }
-}
-
-void DXRDeviceManager::_updateDeviceDisplayNames()
-{
-    _number(
-        [](const DXRDevice& device) { return device.name(); },
-        [](DXRDevice& device, const auto& name) { return DXRDeviceControl(device).updateDisplayName(name); });
-}
-
-void DXRDeviceManager::_updateDeviceDisplayNamesWithSource()
-{
-    _number([](const DXRDevice& device) { return device.nameWithSource(); },
-            [](DXRDevice& device, const auto& name) {
-                return DXRDeviceControl(device).updateDisplayNameWithSource(name);
-            });
-}
-
-template <class Name, class Update> void DXRDeviceManager::_number(const Name& name, const Update& update)
-{
-    const auto show = [&](const CXRef<DXRDevice>& device, const std::optional<std::string>& shown) {
-        if (update(*device, shown))
-            _updatedDevices.insert(device);
-    };
-    for (const bool isInput : bothDirections) {
-        std::unordered_map<std::string, std::vector<CXRef<DXRDevice>>> groups; // each in order of device ID
-        for (const auto& [deviceID, info] : _connectedDevicesByID->infos()) {
-            if (info->stashed(isInput))
-                show(info->stashed(isInput), std::nullopt);
-            if (const CXRef<DXRDevice>& device = info->live(isInput))
-                groups[name(*device)].push_back(device);
-        }
-        const auto isPlainName = [&](const std::string& shown) {
-            const auto found = groups.find(shown);
-            return found != groups.end() && found->second.size() == 1;
-        };
-        for (const auto& [shared, devices] : groups) {
-            if (devices.size() == 1) {
-                show(devices.front(), std::nullopt);
-                continue;
-            }
-            size_t number = 0;
-            for (const CXRef<DXRDevice>& device : devices) {
-                std::string shown;
-                do
-                    shown = shared + " " + std::to_string(++number);
-                while (isPlainName(shown));
-                show(device, shown);
-            }
-        }
-    }
 }
 
 // ---- Default devices

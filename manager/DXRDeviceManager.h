@@ -122,10 +122,6 @@ private:
     void _updateDeviceInfo(DXRDeviceInfo& info, AudioObjectID deviceID, Devices& connected,
                            Devices* disconnected);
     void _updateDevicePropertyListeners(DXRDeviceInfo& info);
-    void _resetDisplayNames(DXRDeviceInfo& info);
-    void _updateDeviceDisplayNames();
-    void _updateDeviceDisplayNamesWithSource();
-    template <class Name, class Update> void _number(const Name& name, const Update& update);
     bool _updateDefaultDevices();
     void _retryAfter(bool hasFailed);
 

@@ -1,0 +1,88 @@
+#include "RingOffsets.h"
+
+#include "GlobalQueue.h"
+#include "HostClock.h"
+
+#include <cmath>
+
+namespace {
+
+constexpr double ticksPerSecond =
+    1e9 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
+constexpr auto readingTicks = static_cast<uint64_t>(0.2 * ticksPerSecond); // interval between readings
+
+} // namespace
+
+CXRef<RingOffsets> RingOffsets::initWithDevice(AudioObjectID deviceID, std::vector<Part> parts,
+                                               LastCycle lastCycle, const CXRef<CXDispatchQueue>& queue)
+{
+    if (subDeviceStatusesOf(deviceID).size() < 2)
+        return nullptr;
+    const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+    if (!timer)
+        return nullptr;
+    auto offsets =
+        CXRef<RingOffsets>::adopt(new RingOffsets(timer, std::move(parts), std::move(lastCycle), queue));
+    timer->setTimeoutHandler([weak = CXWeak(*offsets)](const CXRef<CXDispatchTimer>&) {
+        if (const CXRef<RingOffsets> self = weak.lock())
+            self->_read();
+    });
+    timer->setDispatchQueue(queue);
+    timer->setTimeoutAbsolute(0, readingTicks);
+    return offsets;
+}
+
+RingOffsets::RingOffsets(CXRef<CXDispatchTimer> timer, std::vector<Part> parts, LastCycle lastCycle,
+                         const CXRef<CXDispatchQueue>& queue)
+    : _timer(std::move(timer)), _lastCycle(std::move(lastCycle)), _queue(queue)
+{
+    std::vector<Ring> rings;
+    for (Part& part : parts) {
+        rings.push_back({part.node->isInput(), std::move(part.devices)});
+        _nodes.push_back(std::move(part.node));
+    }
+    _rings = std::make_shared<const std::vector<Ring>>(std::move(rings));
+}
+
+void RingOffsets::stop()
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    _isStopped = true;
+    _timer->cancel();
+}
+
+void RingOffsets::_read()
+{
+    const std::optional<Placements> lastCycle = _lastCycle();
+    if (!lastCycle)
+        return;
+    dxr::GlobalQueue::highPriority().async(
+        [weak = CXWeak(*this), queue = _queue, rings = _rings, placements = *lastCycle] {
+            const SubDeviceStatuses statuses = subDeviceStatusesOf(placements[0].clockID);
+            std::vector<double> seconds;
+            for (const Ring& ring : *rings) {
+                const CyclePlacement& placement = placements[ring.isInput ? 0 : 1];
+                seconds.push_back(secondsAfterClock(
+                    latencyOfSlowest(ring.devices, ring.isInput, placement, statuses), placement));
+            }
+            if (statuses.empty())
+                return;
+            queue->dispatchAsync(CXDispatchClientLane | CXDispatchAfterCancel, // the runner may be destroyed
+                                 [weak, seconds = std::move(seconds)] {
+                                     if (const CXRef<RingOffsets> self = weak.lock())
+                                         self->_set(seconds);
+                                 });
+        });
+}
+
+/// `seconds`: each node's offset from the clock's time stamps.
+void RingOffsets::_set(const std::vector<double>& seconds)
+{
+    CX_ASSERT_ON_QUEUE(_queue);
+    if (_isStopped)
+        return;
+    for (size_t i = 0; i < seconds.size(); ++i) {
+        if (std::isfinite(seconds[i]))
+            _nodes[i]->setHostTimeOffset(std::llround(seconds[i] * ticksPerSecond));
+    }
+}
