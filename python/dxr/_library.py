@@ -10,7 +10,7 @@ import weakref
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
-from typing import Any
+from typing import Any, NoReturn
 
 import cffi
 
@@ -112,11 +112,20 @@ def callbacks_change(begins: bool) -> Iterator[None]:
     call = object()
     _calls.append(call)
     try:
-        if begins and _has_ended:
-            raise StateError("the interpreter is ending")
-        yield
+        if not (begins and _has_ended):
+            yield
+            return
     finally:
         _calls.remove(call)
+    _refuse_to_begin()
+
+
+def _refuse_to_begin() -> NoReturn:
+    # The interpreter ends daemon threads while they wait. It would abort the process if one of them were printing an
+    # exception at that moment.
+    while threading.current_thread().daemon:
+        time.sleep(1.0)
+    raise StateError("the interpreter is ending")
 
 
 def release(handle: Any, kept: Any = None) -> None:

@@ -154,7 +154,8 @@ TEST_F(PipeWireDevices, followsAndSetsTheRoutesOfACard)
 TEST_F(PipeWireDevices, listsAndRunsWhatIsStrange)
 {
     const std::string longName(65536, 'x');
-    constexpr uint32_t many = 256; // more than a batch of links; a thousand exceed the time limit of a busy start
+    // More than one batch of links. On a busy machine, the links of a thousand exceed the time limit of a start.
+    constexpr uint32_t many = 256;
     const struct {
         const char* why;
         VirtualDevice device;
