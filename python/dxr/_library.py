@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import atexit
 import os
 import re
 import threading
@@ -10,7 +11,7 @@ import weakref
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
-from typing import Any, NoReturn
+from typing import Any
 
 import cffi
 
@@ -66,6 +67,8 @@ def check(status: int) -> None:
         return
     error = _CLASSES.get(status, Error)(ffi.string(lib.dxr_error_text()).decode())
     error.status = status
+    if _has_ended:
+        _stop_daemon_thread()
     raise error
 
 
@@ -117,15 +120,15 @@ def callbacks_change(begins: bool) -> Iterator[None]:
             return
     finally:
         _calls.remove(call)
-    _refuse_to_begin()
+    _stop_daemon_thread()
+    raise StateError("the interpreter is ending")
 
 
-def _refuse_to_begin() -> NoReturn:
+def _stop_daemon_thread() -> None:
     # The interpreter ends daemon threads while they wait. It would abort the process if one of them were printing an
     # exception at that moment.
-    while threading.current_thread().daemon:
+    while threading.current_thread().daemon and not getattr(in_callback, "depth", 0):
         time.sleep(1.0)
-    raise StateError("the interpreter is ending")
 
 
 def release(handle: Any, kept: Any = None) -> None:
@@ -147,11 +150,14 @@ def owned(owner: Any, handle: Any, kept: Any = None) -> Any:
     return handle
 
 
+def _begin_end() -> None:
+    global _has_ended
+    _has_ended = True
+
+
 def _end() -> None:
     """Waits until no callback can run or begin: one that ran after the interpreter's exit would crash the
     process."""
-    global _has_ended
-    _has_ended = True
     deadline = time.monotonic() + 10.0
     while _calls and time.monotonic() < deadline:
         time.sleep(0.001)
@@ -159,3 +165,4 @@ def _end() -> None:
 
 os.register_at_fork(after_in_child=_calls.clear)  # other threads' calls exist only in the parent
 weakref.finalize(ffi, _end)  # finalizers run in reverse order: this one runs last, after those of owned()
+atexit.register(_begin_end)  # runs before all finalizers
