@@ -22,8 +22,6 @@ constexpr double defaultSampleRate = 44100.0;
 // The limit of one direction's entries on an IO thread's stack, 16 bytes each. Devices with more channels
 // keep them in the record.
 constexpr uint32_t maxStackEntries = 1024;
-constexpr double ticksPerSecond =
-    1e9 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
 
 constexpr AudioObjectPropertyAddress bufferFrameSize{
     kAudioDevicePropertyBufferFrameSize, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
@@ -517,7 +515,8 @@ uint64_t DXRAudioContext::_deadlineOf(const DXRAudioIOContext& record) noexcept
 {
     if (record.dueTicks == 0 || !(record.sampleRate > 0.0))
         return 0;
-    return record.dueTicks + static_cast<uint64_t>(record.frameCount / record.sampleRate * ticksPerSecond);
+    return record.dueTicks +
+           static_cast<uint64_t>(record.frameCount / record.sampleRate * dxr::HostClock::ticksPerSecond);
 }
 
 // ---- Latency

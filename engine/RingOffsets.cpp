@@ -7,8 +7,7 @@
 
 namespace {
 
-constexpr double ticksPerSecond =
-    1e9 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
+constexpr double ticksPerSecond = dxr::HostClock::ticksPerSecond;
 constexpr auto readingTicks = static_cast<uint64_t>(0.2 * ticksPerSecond); // interval between readings
 
 } // namespace

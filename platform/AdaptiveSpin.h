@@ -8,7 +8,7 @@ namespace dxr {
 
 /// Spins on a condition for a short time before its thread sleeps: a reply that arrives while spinning saves
 /// two context switches. Spins while that has succeeded recently. After several failures it spins only on
-/// every 64th call, so that a thread that mostly sleeps spends almost no time spinning. Never spins on a
+/// every 64th call: a thread whose replies are slow then spends almost no time spinning. Never spins on a
 /// machine with one processor.
 /// Threads:   one.
 /// Real time: as `isReady`.

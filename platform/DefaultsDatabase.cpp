@@ -445,9 +445,11 @@ bool DefaultsDatabase::_isDatabaseStill()
 {
     sqlite3_file* file = nullptr; // SQLite's handle: closing another descriptor would release its locks
     std::array<char, databaseHead.size()> found{};
-    if (sqlite3_file_control(_connection, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
-        file->pMethods->xRead(file, found.data(), static_cast<int>(found.size()), 0) == SQLITE_IOERR_READ)
-        return true; // the next statement reports the error
+    if (sqlite3_file_control(_connection, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK)
+        return true;
+    const int read = file->pMethods->xRead(file, found.data(), static_cast<int>(found.size()), 0);
+    if (read != SQLITE_OK && read != SQLITE_IOERR_SHORT_READ)
+        return true; // a disk error is no damage of the file; the next statement reports it
     if (std::string_view(found.data(), found.size()) == databaseHead)
         return true;
     _failWith(_path + " is not a database any more");

@@ -18,6 +18,7 @@ public:
     /// Nanoseconds = ticks * nanosecondsNumerator / nanosecondsDenominator. 1/1 on Linux.
     static constexpr uint32_t nanosecondsNumerator = 1;
     static constexpr uint32_t nanosecondsDenominator = 1;
+    static constexpr double ticksPerSecond = 1e9 * nanosecondsDenominator / nanosecondsNumerator;
 };
 
 } // namespace dxr

@@ -374,7 +374,7 @@ uint32_t PipeWireDevice::_clockDomain() const
         const std::string& name = half->properties()["clock.name"];
         if (!name.empty())
             return domainOfClock(name);
-        // The server's virtual devices use the host's clock, whatever their names are.
+        // The server's virtual devices name no clock. They use the host's.
         if (half->properties()["factory.name"] == "support.null-audio-sink")
             return domainOfClock("clock.system.monotonic");
     }

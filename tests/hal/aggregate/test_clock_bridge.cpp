@@ -27,8 +27,8 @@ std::vector<float> numbered(uint64_t first, uint32_t frames)
     return samples;
 }
 
-/// Between two devices of one clock, frames must arrive unchanged, each once and in order, while two threads
-/// run their cycles at whatever pace the machine allows.
+/// Between two devices of one clock, frames must arrive unchanged, each once and in order, while each
+/// of two threads runs its cycles as fast as it can.
 TEST(ClockBridge, passesEveryFrameOnceBetweenTwoThreads)
 {
     const CXRef<ClockBridge> bridge = ClockBridge::initWithSettings({48000.0, 48000.0, 64, 48, 2, false});

@@ -197,7 +197,7 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
     EXPECT_EQ(hal->deviceID("shape"), kAudioObjectUnknown);
 }
 
-// A device that is unplugged during its start runs no more cycles, at whatever point the start was.
+// A device that is unplugged during any step of its start runs no more cycles.
 TEST(SimulatedInRealTime, isSilentAfterAnUnplugThatMeetsAStart)
 {
     constexpr int rounds = 400;
