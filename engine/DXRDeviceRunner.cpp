@@ -2,14 +2,15 @@
 
 #include "CXErrorAdditions.h"
 #include "CXFourCharCode.h"
+#include "CountedContext.h"
 #include "DXRAudioAggregateContext.h"
 #include "DXRAudioTimerContext.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
-#include "LatencyOfPart.h"
 #include "NumberText.h"
 #include "QDL.h"
+#include "RunnerDeviceNotifiers.h"
 #include "RunnerIO.h"
 
 #include <algorithm>
@@ -54,13 +55,13 @@ CXRef<DXRDeviceRunner> DXRDeviceRunner::init()
 
 DXRDeviceRunner::DXRDeviceRunner(CXRef<CXDispatchQueue> queue)
     : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _queue(queue),
-      _io(std::make_unique<RunnerIO>(std::move(queue)))
+      _io(std::make_unique<RunnerIO>(queue)),
+      _deviceNotifiers(std::make_unique<RunnerDeviceNotifiers>(std::move(queue))),
+      _countedContext(std::make_unique<CountedContext>())
 {}
 
 DXRDeviceRunner::~DXRDeviceRunner() CX_UNCHECKED_QUEUE // no other thread has a reference
 {
-    for (const DeviceNotifierEntry& entry : _deviceNotifierMap)
-        manager().removeDeviceNotifier(entry.wrapper);
     if (_io->trace)
         _io->trace->giveBack();
     _queue->cancel();
@@ -405,7 +406,7 @@ void DXRDeviceRunner::_start()
     const bool isStarted = _context && _context->start();
     if (_context)
         _error = _context->error();
-    _countContext(isStarted);
+    _countedContext->set(isStarted ? _context.get() : nullptr);
     if (isStarted)
         _retryMilliseconds = 0;
     else
@@ -470,7 +471,7 @@ void DXRDeviceRunner::_stop()
     if (const CXRef<CXDispatchTimer> timer = std::exchange(_retryTimer, nullptr))
         timer->cancel();
     const uint64_t beginTicks = dxr::HostClock::nowTicks();
-    _countContext(false);
+    _countedContext->set(nullptr);
     if (_context)
         _context->stop();
     _traceContext(DXRCycleRecord::Event::ContextStopped, beginTicks);
@@ -540,32 +541,8 @@ DXRRunnerCounts DXRDeviceRunner::counts() const
     const uint32_t contexts = _io->contextNumber;
     counts.restarts = contexts > 0 ? contexts - 1 : 0;
     counts.lastRestart = _lastRestart;
-    CountedContext context;
-    {
-        const std::scoped_lock lock(_countsMutex);
-        context = _countedContext;
-    }
-    const uint64_t lostFrames = _io->lostFrames;
-    if (context.kind == DXRCycleRecord::Context::Device)
-        counts.devices.push_back({context.deviceUID, lostFrames, 0});
-    if (context.kind != DXRCycleRecord::Context::Aggregate)
-        return counts;
-    for (const AudioAggregateSubDeviceStatus& status : subDeviceStatusesOf(context.deviceID)) {
-        const std::optional<std::string> uid = QDLAudioDeviceUIDFromDeviceID(status.deviceID);
-        if (uid) // frames lost in the aggregate's own cycles are the clock's
-            counts.devices.push_back({*uid, status.lostFrames + (status.isClock != 0 ? lostFrames : 0),
-                                      status.resynchronisations});
-    }
+    counts.devices = _countedContext->counts(_io->lostFrames);
     return counts;
-}
-
-void DXRDeviceRunner::_countContext(bool isRunning)
-{
-    CX_ASSERT_ON_QUEUE(_queue);
-    const std::scoped_lock lock(_countsMutex);
-    _countedContext = isRunning
-                          ? CountedContext{_context->kind(), _context->deviceID(), _context->deviceUID()}
-                          : CountedContext();
 }
 
 std::vector<DXRDeviceLatency> DXRDeviceRunner::latencies() const
@@ -643,52 +620,12 @@ void DXRDeviceRunner::addDeviceNotifier(const DeviceNotifier& block)
 {
     if (!block)
         return;
-    _queue->dispatchSyncImmed([&] {
-        CX_ASSERT_ON_QUEUE(_queue);
-        if (_notifierEntry(block))
-            return;
-        const DeviceNotifier wrapper = _wrapped(block);
-        _deviceNotifierMap.push_back({block, wrapper});
-        manager().addDeviceNotifier(nullptr, wrapper);
-    });
+    _queue->dispatchSyncImmed([&] { _deviceNotifiers->add(block, CXRef<CXObject>(this)); });
 }
 
 void DXRDeviceRunner::removeDeviceNotifier(const DeviceNotifier& block)
 {
-    _queue->dispatchSyncImmed([&] {
-        CX_ASSERT_ON_QUEUE(_queue);
-        DeviceNotifierEntry* const entry = _notifierEntry(block);
-        if (!entry)
-            return;
-        const DeviceNotifier wrapper = entry->wrapper;
-        _deviceNotifierMap.erase(_deviceNotifierMap.begin() + (entry - _deviceNotifierMap.data()));
-        manager().removeDeviceNotifier(wrapper);
-    });
-}
-
-DXRDeviceRunner::DeviceNotifierEntry* DXRDeviceRunner::_notifierEntry(const DeviceNotifier& block)
-{
-    CX_ASSERT_ON_QUEUE(_queue);
-    const auto found = std::ranges::find(_deviceNotifierMap, block, &DeviceNotifierEntry::block);
-    return found == _deviceNotifierMap.end() ? nullptr : &*found;
-}
-
-/// The block that the manager calls on its own queue for a caller's block: it only enqueues on the runner's
-/// queue.
-DXRDeviceRunner::DeviceNotifier DXRDeviceRunner::_wrapped(const DeviceNotifier& block)
-{
-    return [weak = CXWeak(*this), block](const Devices& connected, const Devices& disconnected,
-                                         const Devices& changed) {
-        const CXRef<DXRDeviceRunner> strongSelf = weak.lock();
-        if (!strongSelf)
-            return;
-        CX_ASSERT_NOT_ON_QUEUE(strongSelf->_queue);
-        strongSelf->_queue->dispatchAsync([weak, block, connected, disconnected, changed] {
-            const CXRef<DXRDeviceRunner> runner = weak.lock();
-            if (runner && runner->_notifierEntry(block))
-                block(connected, disconnected, changed);
-        });
-    };
+    _queue->dispatchSyncImmed([&] { _deviceNotifiers->remove(block); });
 }
 
 CXRef<DXRPropertyListener>

@@ -17,7 +17,9 @@
 #include <mutex>
 #include <set>
 
+class CountedContext;
 class DXRAudioContext;
+class RunnerDeviceNotifiers;
 class RunnerIO;
 
 /// Runs audio on one or several devices at once, at one frame count and sample rate: the application adds
@@ -135,11 +137,6 @@ public:
     const CXRef<CXDispatchQueue>& queue() const noexcept { return _queue; }
 
 private:
-    struct DeviceNotifierEntry {
-        DeviceNotifier block;   // the caller's block
-        DeviceNotifier wrapper; // the block registered with the manager
-    };
-
     explicit DXRDeviceRunner(CXRef<CXDispatchQueue> queue);
     ~DXRDeviceRunner() override;
 
@@ -149,7 +146,6 @@ private:
 
     void _start() CX_ON_QUEUE(_queue);
     CXRef<DXRAudioContext> _newContext() CX_ON_QUEUE(_queue);
-    void _countContext(bool isRunning) CX_ON_QUEUE(_queue);
     void _contextLostLayout(const CXObject& context);
     void _traceContext(DXRCycleRecord::Event event, uint64_t beginTicks) CX_ON_QUEUE(_queue);
     void _stop() CX_ON_QUEUE(_queue);
@@ -169,8 +165,6 @@ private:
     bool _isDefaultNode(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
 
     CXRef<DXRDeviceNode> _nodeForDevice(const CXRef<DXRDevice>& device, size_t* index) const;
-    DeviceNotifierEntry* _notifierEntry(const DeviceNotifier& block);
-    DeviceNotifier _wrapped(const DeviceNotifier& block);
     void _propertiesChanged();
     std::string _stateSignature() const CX_ON_QUEUE(_queue);
     bool _isViable(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
@@ -196,6 +190,7 @@ private:
     CXRef<dxr::WorkQueue> _notifierQueue CX_OWNED_BY_QUEUE(_queue);
     Notifier _notifierBlock CX_OWNED_BY_QUEUE(_queue);
     const std::unique_ptr<RunnerIO> _io; // shared with the contexts
+    const std::unique_ptr<RunnerDeviceNotifiers> _deviceNotifiers;
     std::atomic<bool> _running{false};
     DXRCycleRecord::Event _contextState = DXRCycleRecord::Event::ContextStopped; // the last context's
     DXRDeviceNodes _nodes; // not changed while a context uses them
@@ -203,17 +198,9 @@ private:
         _followedDefaults CX_OWNED_BY_QUEUE(_queue);            // input, output
     DeviceNotifier _defaultsNotifier CX_OWNED_BY_QUEUE(_queue); // empty if no default device was added
     std::string _signature CX_OWNED_BY_QUEUE(_queue);           // of the last published state
-    std::vector<DeviceNotifierEntry> _deviceNotifierMap CX_OWNED_BY_QUEUE(_queue);
-    DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);  // the runner's own; empty while stopped
-    CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue); // null while stopped
-    /// The running context, as counts() reports it.
-    struct CountedContext {
-        DXRCycleRecord::Context kind = DXRCycleRecord::Context::None;
-        AudioObjectID deviceID = kAudioObjectUnknown;
-        std::string deviceUID;
-    };
-    mutable std::mutex _countsMutex; // no other function is called while it is held
-    CountedContext _countedContext;  // guarded by the mutex, changed as work of the queue
+    DeviceNotifier _deviceNotifier CX_OWNED_BY_QUEUE(_queue);   // the runner's own; empty while stopped
+    CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue);  // null while stopped
+    const std::unique_ptr<CountedContext> _countedContext;      // changed as work of the queue
     std::atomic<DXRRunnerCounts::Restart> _lastRestart{DXRRunnerCounts::Restart::None};
     DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last attempt to start a context
     CXRef<CXDispatchTimer> _retryTimer CX_OWNED_BY_QUEUE(_queue); // null unless a start has failed
