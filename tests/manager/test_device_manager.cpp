@@ -170,6 +170,7 @@ TEST_F(DXRDeviceManagerTest, reportsDefaultDevices)
     EXPECT_EQ(manager.soundEffectsDevice(), speakers);
     hal.setDefaultSystemOutput("headset");
     settle();
+    EXPECT_EQ(changesSinceLast().updated, (Devices{phones, speakers}));
     EXPECT_EQ(manager.soundEffectsDevice(), phones);
     EXPECT_EQ(manager.defaultOutputDevice(), speakers);
 
