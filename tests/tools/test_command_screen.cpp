@@ -14,20 +14,6 @@ void expectWholeSVG(const std::string& svg)
     EXPECT_EQ(svg.find("nan"), std::string::npos);
 }
 
-TEST_F(DxrCommand, loopsUntilItIsStoppedAndReports)
-{
-    ToolProcess loop({"loop", "--in", "sim-ramp:1", "--in", "sim-usb-mic", "--out", "sim-speakers", "--out",
-                      "sim-surround:3-6", "--frames", "480", "--rate", "22050", "--simulated"},
-                     true);
-    for (const char* text : {"Ramp Generator + USB Microphone -> Built-in Speakers + Living Room Receiver",
-                             "in blocks of 480 frames; round trip ", "in USB Micropho…"})
-        ASSERT_TRUE(loop.waitFor(text)) << loop.output();
-    loop.signal(SIGTERM);
-    EXPECT_EQ(loop.finish(), 0);
-    expectContains(loop.output(), "frames moved");
-    expectContains(loop.output(), " ppm");
-}
-
 TEST_F(DxrCommand, writesAWholeTrace)
 {
     const ToolResult traced = run("d trace run.json --in sim-loopback --out sim-speakers --seconds 1");

@@ -67,12 +67,16 @@ TEST_F(DxrCommand, playsAndRecordsInPipelines)
         {"missing channels", "d play five.wav", 0, "3 of 5 channels are not played; --downmix mixes them"},
         {"mixed", "d play five.wav --downmix | grep -c 'not played'", 1, "0"},
         {"mixed and chosen", "d play five.wav --downmix --channels 1,2", 2, ""},
+        {"a loop",
+         "d loop --in sim-ramp:1 --in sim-usb-mic --out sim-speakers --out sim-surround:3-6 --frames 480 "
+         "--rate 22050 --seconds 0.3 | tr '\\n' '|' | grep -o 'Ramp.*-> Built.*Receiver.*480 frames; round "
+         "trip.*frames moved' | wc -l",
+         0, "1"},
         {"a device that connects later", "d play x.wav --out sim-headphones --wait", 0,
          "Waiting: no output device 'sim-headphones'"},
     });
     run(record + "> y.wav");
     const std::string bytes = contentOf(path("y.wav"));
-    EXPECT_EQ(bytes.substr(20, 2), "\xFE\xFF") << "extensible";
     EXPECT_EQ(bytes.substr(40, 4), std::string("\x03\0\0\0", 4)) << "left and right";
     EXPECT_EQ(samplesOf(path("y.wav"), 2).size(), 24000U);
 }

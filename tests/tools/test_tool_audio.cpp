@@ -2,12 +2,11 @@
 #include "FileRecorder.h"
 #include "LoopPatch.h"
 #include "Ramp.h"
+#include "SimulatedComputer.h"
 #include "ToolFailure.h"
 #include "WaveFile.h"
 
 #include <dxr/DXRDeviceManager.h>
-#include <dxr/simulated.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -20,24 +19,11 @@ using enum HALDirection;
 namespace {
 
 /// Tests the tool's audio on the stepped clock, where every sample can be compared.
-class ToolAudio : public testing::Test {
+class ToolAudio : public SimulatedComputer {
 protected:
     static constexpr int64_t second = 1'000'000'000; // ticks of the stepped clock
 
-    static SimulatedHardware& hardware()
-    {
-        static const CXRef<SimulatedHardware> backend = [] {
-            CXRef<SimulatedHardware> made = SimulatedHardware::init(SimulatedClock::Stepped);
-            HALSetHardwareDriver(made);
-            return made;
-        }();
-        return *backend;
-    }
-    ~ToolAudio() override
-    {
-        unplugAll();
-        std::filesystem::remove(path);
-    }
+    ~ToolAudio() override { std::filesystem::remove(path); }
 
     void unplugAll()
     {
@@ -105,7 +91,6 @@ protected:
         }
     }
 
-    SimulatedHardware& hal = hardware();
     Interrupts interrupts;
     std::vector<float> played, alsoPlayed;
     const std::string path = "/tmp/dxr-files-" + std::to_string(getpid()) + ".wav";
@@ -123,11 +108,11 @@ TEST_F(ToolAudio, loopsEveryFrameToEveryOutputWithAnyCycles)
         const auto fixed = [&](SimulatedDeviceBuilder device, uint32_t frames) {
             return device.sampleRate(row.rate).bufferFrameSize(frames).bufferFrameSizeRange(frames, frames);
         };
-        const DeviceSelection input = plugged(fixed(ramps("in", 1), row.inputFrames), "in", Input);
-        const DeviceSelection output = plugged(fixed(player("out", played), row.outputFrames), "out", Output);
+        const DeviceSelection source = plugged(fixed(ramps("in", 1), row.inputFrames), "in", Input);
+        const DeviceSelection sink = plugged(fixed(player("out", played), row.outputFrames), "out", Output);
         const DeviceSelection also = plugged(player("out2", alsoPlayed).sampleRate(row.rate), "out2", Output);
         RunnerSession session(interrupts, row.blockFrames, row.rate);
-        const auto patch = started(session, LoopPatch::initWithSelections({input}, {output, also}));
+        const auto patch = started(session, LoopPatch::initWithSelections({source}, {sink, also}));
         patch->setOpen();
         advance(session, 5 * second);
         session.stop();
@@ -139,27 +124,6 @@ TEST_F(ToolAudio, loopsEveryFrameToEveryOutputWithAnyCycles)
         }
         unplugAll();
     }
-}
-
-TEST_F(ToolAudio, reportsEveryLostCycleAndIsExactBetweenThem)
-{
-    const DeviceSelection output =
-        plugged(player("in", played).inputs(1).hears(simulatedRamp()).bufferFrameSize(64), "in", Output);
-    RunnerSession session(interrupts, std::nullopt, std::nullopt);
-    started(session, LoopPatch::initWithSelections({DeviceSelection::find("in", Input)}, {output}))
-        ->setOpen();
-    advance(session, second);
-    for (int i = 0; i < 3; ++i) {
-        hal.loseCycles("in", 2);
-        advance(session, second / 2);
-        settle(); // overloads in quick succession may be reported as one
-    }
-    session.stop();
-    EXPECT_EQ(session.statistics().gaps, 3U);
-    EXPECT_EQ(session.lostFrames(), 3U * 2 * 64);
-    EXPECT_EQ(session.devices().front().overloads(), 3U);
-    EXPECT_EQ(session.statistics().restarts, 0U);
-    EXPECT_EQ(breaksOf(played), 3U);
 }
 
 TEST_F(ToolAudio, knowsChannelsFromNamesWithColons)
@@ -211,6 +175,9 @@ TEST_F(ToolAudio, recordsChosenChannelsOfSeveralDevicesAsLongAsItTook)
         recorder->writeTo(file, UINT64_MAX, true);
         file.finish();
         EXPECT_EQ(session.lostFrames(), lostFrames);
+        EXPECT_EQ(session.statistics().gaps, lostFrames > 0 ? 1U : 0U);
+        EXPECT_EQ(session.statistics().restarts, 0U);
+        EXPECT_EQ(session.devices().front().overloads(), lostFrames > 0 ? 1U : 0U);
         EXPECT_EQ(recorder->silentFrames(), lostFrames);
         const std::vector<float> samples = samplesOf(path, columns);
         EXPECT_NEAR(static_cast<double>(samples.size()) / columns, 48000, 1024);
@@ -264,14 +231,14 @@ TEST_F(ToolAudio, mixesChannelsThatADeviceDoesNotHave)
 {
     const float levels[] = {0.1F, 0.2F, 0.3F, 0.9F, 0.05F, 0.06F}; // L, R, centre, deep, rear L, rear R
     writeWave(path, 48000, 6, 4800, [&](int, int channel) { return levels[channel]; });
-    const DeviceSelection output = plugged(player("out", played), "out", Output);
+    const DeviceSelection sink = plugged(player("out", played), "out", Output);
     for (const bool isDownmixed : {false, true}) {
         played.clear();
         SoundFileReader reader(path);
         reader.setFrameCount(3 * 4800 + 100); // beyond the end: the file repeats
         RunnerSession session(interrupts, 512, 48000);
-        const auto map = (isDownmixed ? downmixChannelMap : straightChannelMap)(6, output);
-        started(session, FilePlayer::initWithFile(std::move(reader), {output}, {map}))->open();
+        const auto map = (isDownmixed ? downmixChannelMap : straightChannelMap)(6, sink);
+        started(session, FilePlayer::initWithFile(std::move(reader), {sink}, {map}))->open();
         advance(session, second);
         session.stop();
         const float left =
@@ -280,16 +247,13 @@ TEST_F(ToolAudio, mixesChannelsThatADeviceDoesNotHave)
         for (const float sample : played)
             ASSERT_NEAR(sample, left, 1e-6F) << isDownmixed;
     }
-    const std::pair<uint32_t, uint32_t> rows[] = {{1, 2}, {2, 1}, {5, 2}, {8, 1}, {8, 6}, {31, 2}};
-    for (const auto& [frames, device] : rows) {
-        DeviceSelection few = output;
+    for (const auto& [frames, device] : {std::pair(1U, 2U), {5U, 2U}, {8U, 1U}, {8U, 6U}, {31U, 2U}}) {
+        DeviceSelection few = sink;
         few.channels.resize(device, 1);
         for (const std::vector<ChannelShare>& shares : downmixChannelMap(frames, few)) {
             float sum = 0.0F;
-            for (const ChannelShare& share : shares) {
-                EXPECT_LT(share.channel, frames);
-                sum += share.gain;
-            }
+            for (const ChannelShare& share : shares)
+                sum += share.channel < frames ? share.gain : 2.0F;
             EXPECT_LE(sum, 1.00001F) << frames << " on " << device;
         }
     }

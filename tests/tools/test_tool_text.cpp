@@ -48,19 +48,11 @@ TEST_F(ToolText, cutsTextToTheColumnsItTakes)
     for (int i = 0; i < 30000; ++i)
         pile += "\u0301";
     EXPECT_LT(singleLine(pile).size(), 32U);
+    EXPECT_EQ(formatSeconds(59.94) + " " + formatSeconds(125.96), "59.9 s 2:06.0");
     EXPECT_EQ(singleLine("a\nb\tc\x1B\x80"), "a\\x0Ab\\x09c\\x1B\\x80");
     EXPECT_EQ(foldCase("MÜsik"), "müsik");
     EXPECT_EQ(wrapped("one two  three fourteen-letters x", 8),
               (std::vector<std::string>{"one two", "three", "fourteen", "-letters", "x"}));
-}
-
-TEST_F(ToolText, formatsNumbers)
-{
-    EXPECT_EQ(formatCount(1'234'567, "frame") + ", " + formatCount(1, "frame"), "1,234,567 frames, 1 frame");
-    EXPECT_EQ(formatSeconds(59.94) + " " + formatSeconds(125.96), "59.9 s 2:06.0");
-    EXPECT_EQ(formatRate(44100) + formatRate(1000) + formatRate(999) + formatRate(0), "44.1 kHz1 kHz999 Hz-");
-    EXPECT_EQ(formatUTC(std::chrono::system_clock::time_point(std::chrono::milliseconds(86'400'007))),
-              "1970-01-02T00:00:00.007Z");
 }
 
 TEST_F(ToolText, laysTheTableOutForEveryNameAndWidth)
