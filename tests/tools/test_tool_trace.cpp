@@ -96,7 +96,7 @@ TEST(ChromeTraceWriter, marksEveryEvent)
         ++seen[phase + " " + name];
         if (phase == "C")
             counted[name] += event.at("args").at("us").get<double>();
-        if (name == "device cycle" || name == "blocks")
+        else if (name == "device cycle" || name == "blocks")
             counted[name] += event.at("ts").get<double>() + event.at("dur").get<double>();
     }
     const double ends = 2'070.0 + 22'050.0; // of both cycles, from the first record
@@ -122,9 +122,7 @@ TEST(CyclePicture, staysSmallAndValidForAnyRunAndNames)
         if (i % 1000 == 0)
             picture.notePresence({i % 50'000 < 25'000, true});
     }
-    picture.remark(1, "<b>&");
-    picture.add(
-        {"a panel", -1.0, 1.0, " dB", {{"some", "blue", {{0.0, 0.5}, {1.0, std::nan("")}, {5000.0, 7.0}}}}});
+    picture.add({"<b>&", -1.0, 1.0, "", {{"", "blue", {{0.0, 0.5}, {1.0, std::nan("")}, {5000.0, 7.0}}}}});
     const std::string svg = picture.svg(48000, names, "title", "results");
     EXPECT_LT(svg.size(), 1'000'000U);
     EXPECT_TRUE(svg.starts_with("<svg") && svg.ends_with("</svg>\n"));
