@@ -20,6 +20,8 @@ inline std::string contentOf(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+inline constexpr const char* controls = "\x1B\x07\x08\x7F\r\t"; ///< what a name must not send to a terminal
+
 inline void expectContains(const std::string& text, const std::string& part)
 {
     EXPECT_NE(text.find(part), std::string::npos) << part << "\nis not in\n" << text;
@@ -32,13 +34,6 @@ inline std::vector<std::string> linesOf(const std::string& text)
     for (std::string line; std::getline(stream, line);)
         lines.push_back(line);
     return lines;
-}
-
-/// Whether the text contains a control character.
-inline bool hasControls(const std::string& text)
-{
-    return std::ranges::any_of(
-        text, [](char c) { return (static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7F; });
 }
 
 /// Tests the `dxr` command without a server, in a private folder.

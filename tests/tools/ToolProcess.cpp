@@ -3,7 +3,6 @@
 #include "Eventually.h"
 
 #include <algorithm>
-#include <csignal>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -87,11 +86,6 @@ bool ToolProcess::waitFor(const std::string& text)
         if (!_readSome(until))
             return false;
     return true;
-}
-
-void ToolProcess::signal(int number) const
-{
-    kill(_child, number);
 }
 
 bool ToolProcess::waitForStop() const

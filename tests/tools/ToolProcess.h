@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -21,7 +22,7 @@ public:
 
     /// Reads the output until it contains `text`. Returns false after the end or after half a minute.
     bool waitFor(const std::string& text);
-    void signal(int number) const;
+    void signal(int number) const { kill(_child, number); }
     /// Returns whether the process stops, as by Ctrl-Z.
     bool waitForStop() const;
     /// Where keys are typed, and whose modes and size can be changed, of a run on a terminal.
