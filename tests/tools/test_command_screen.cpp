@@ -72,9 +72,8 @@ TEST_F(DxrCommand, writesItsManualAndCompletesItself)
         {"an option", "COMP_WORDS=(dxr play --dow) COMP_CWORD=2; " + complete, 0, "--downmix\n"},
         {"a device of an option", "COMP_WORDS=(dxr play --out sim-s) COMP_CWORD=3; " + complete, 0,
          "sim-speakers sim-surround\n"},
-        {"fish", "d completion fish; d completion words 'dxr loop'", 0,
-         "--quiet\tPrint nothing but errors\n"},
-        {"zsh", "d completion zsh; d completion words 'dxr plot'", 0, "response\t"},
+        {"fish", "d completion fish; d completion words 'dxr plot'", 0, "response\t"},
+        {"zsh", "d completion zsh", 0, "#compdef dxr\n"},
     });
 }
 
