@@ -1,5 +1,6 @@
 import threading
 
+import numpy as np
 import pytest
 
 import dxr
@@ -47,14 +48,17 @@ def test_changes_are_iterated_and_devices_stay_the_same(computer, cable):
 BAD = {
     "a name that is not UTF-8": (lambda d: dxr.device("\udcff", "output"), dxr.ArgumentError, "not UTF-8"),
     "a name with a null": (lambda d: dxr.device("a\0b", "output"), dxr.ArgumentError, "null character"),
-    "no text": (lambda d: dxr.device(7, "output"), TypeError, "text, not int"),
     "no such device": (lambda d: dxr.device("trumpet", "output"), dxr.NotFoundError, "no outputs fit 'trumpet'"),
-    "no direction": (lambda d: dxr.default("sideways"), ValueError, "'input' or 'output'"),
     "a rate": (lambda d: setattr(d, "sample_rate", 12345), dxr.RefusedError, "does not take this sample rate"),
-    "a setting": (lambda d: d.settings.update(x=float("nan")), ValueError, "not JSON compliant"),
     "hardware twice": (lambda d: dxr.simulated.Computer(), dxr.StateError, "other hardware already"),
     "a field": (lambda d: dxr.simulated._described("x", {"colour": 1}), TypeError, "no 'colour'"),
-}
+    "a shape": (lambda d: dxr.play(np.zeros((2, 2, 2)), 48000), ValueError, r"not of shape \(2, 2, 2\)"),
+    "complex numbers": (lambda d: dxr.play(np.zeros(4, complex), 48000), TypeError, "not complex128"),
+    "channels": (lambda d: dxr.play(np.zeros((8, 5)), 48000, d), ValueError, "5 channels are wanted, 'Cable' has 2"),
+    "an input to play on": (lambda d: dxr.play(np.zeros(8), 48000, d.counterpart), ValueError, "is an input"),
+    "no callback": (lambda d: dxr.Runner().add(d, 7), TypeError, "a callback or a dxr.Sound"),
+    "channel 0": (lambda d: dxr.Runner().add(d, print, channels=[0]), ValueError, "from 1"),
+}  # fmt: skip
 
 
 @pytest.mark.parametrize("case", BAD)

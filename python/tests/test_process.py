@@ -1,7 +1,6 @@
 """Processes end cleanly: in any order, with cycles running."""
 
 import os
-import signal
 import subprocess
 import sys
 from pathlib import Path
@@ -22,7 +21,6 @@ changes = dxr.changes()
 
 ENDS = {
     "by falling off the end": ("", 0),
-    "by sys.exit": ("sys.exit(3)", 3),
     "by an exception": ("raise RuntimeError('x')", 1),
     "by a thread that goes on": ("threading.Thread(target=lambda: list(changes), daemon=True).start()", 0),
     "by a thread that goes on starting": (
@@ -47,8 +45,6 @@ ENDS = {
         0,
     ),
     "by a fork of it": ("child = os.fork(); sys.exit(0 if child == 0 else os.waitpid(child, 0)[1])", 0),
-    "by os._exit": ("os._exit(4)", 4),
-    "by a signal": ("os.kill(os.getpid(), 15)", -signal.SIGTERM),
 }
 
 
@@ -78,8 +74,7 @@ def test_examples_run(example, tmp_path):
 
 
 def test_the_readmes_programs_run(script):
-    readme = (Path(__file__).parents[1] / "README.md").read_text(encoding="utf-8")
-    blocks = readme.split("```python\n")[1:]
+    blocks = (Path(__file__).parents[1] / "README.md").read_text(encoding="utf-8").split("```python\n")[1:]
     program = "".join(block.split("```")[0] for block in blocks).replace("dxr.changes()", "dxr.changes(timeout=0.1)")
     simulated = """
 import dxr
@@ -91,43 +86,12 @@ computer.plug("desk", outputs=2, sample_rate=44100)
     assert status == 0, errors
 
 
-@pytest.mark.skipif("DXR_PRIVATE_SERVER" not in os.environ, reason="needs the test build's server")
-def test_on_a_sound_server(script):
-    with subprocess.Popen(os.environ["DXR_PRIVATE_SERVER"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as server:
-        remote = server.stdout.readline().strip()
-        status, out, errors = script(
-            """
-import dxr, time, numpy as np
-names = sorted((each.direction, each.uid) for each in dxr.devices())
-assert names == [("input", "mic"), ("output", "one"), ("output", "two")], names
-one, two = dxr.device("one", "output"), dxr.device("two", "output")
-count = 0
-def tone(cycle):
-    global count
-    count += 1
-    cycle.samples[:] = 0.25
-runner = dxr.Runner(48000, 256)
-runner.add(one, tone); runner.add(two, tone)
-with runner:
-    assert set(runner.active_devices) == {one, two}
-    heard = dxr.record(9600, device=dxr.device("one.monitor", "input"))
-assert count > 20, count
-assert heard.max() == 0.25, heard.max()
-assert dxr.record(4800, channels=1, device=dxr.device("mic", "input")).shape == (4800, 1)
-""",
-            PIPEWIRE_REMOTE=remote,
-        )
-        server.stdin.close()
-    assert status == 0, errors
-
-
 def test_it_installs_with_pip(tmp_path):
     package = Path(__file__).parents[1]
     if not (package / "pyproject.toml").exists():
         pytest.skip("not in the source tree")
-    command = [sys.executable, "-m", "pip", "install", "--no-build-isolation", "--no-deps", "--no-index", "-q", "--target", tmp_path / "site", "."]
-    copy = tmp_path / "source"
-    subprocess.run(["cp", "-rL", package, copy], check=True)  # because a build leaves files in its folder
-    done = subprocess.run(command, cwd=copy, capture_output=True, text=True, timeout=300)
+    subprocess.run(["cp", "-rL", package, tmp_path / "source"], check=True)  # a build leaves files in its folder
+    command = [sys.executable, *"-m pip install --no-build-isolation --no-deps --no-index -q --target ../site .".split()]
+    done = subprocess.run(command, cwd=tmp_path / "source", capture_output=True, text=True, timeout=300)
     assert done.returncode == 0, done.stderr
     assert {"c.h", "py.typed", "__init__.py"} <= set(os.listdir(tmp_path / "site" / "dxr"))

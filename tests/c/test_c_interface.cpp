@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <functional>
 #include <pthread.h>
 #include <set>
+#include <span>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -59,29 +59,18 @@ protected:
     dxr_runner* runner = nullptr;
 };
 
-/// Returns the names in the lines of a file that start with `beginning`: the word before `end`.
-std::set<std::string> namesIn(const char* path, const std::string& beginning, char end)
-{
-    std::set<std::string> names;
-    std::ifstream file(path);
-    for (std::string line; std::getline(file, line);) {
-        const size_t stop = line.find(end);
-        if (!line.starts_with(beginning) || stop == std::string::npos)
-            continue;
-        const size_t start = line.find_last_of(" *", stop) + 1;
-        names.insert(line.substr(start, stop - start));
-    }
-    return names;
-}
-
 TEST_F(CInterface, exportsWhatItsHeaderDeclaresUnderOneVersion)
 {
-    const std::set<std::string> declared = namesIn(DXR_C_HEADER, "DXR_C_API", '(');
-    EXPECT_GE(declared.size(), 45U);
-    EXPECT_EQ(declared, namesIn(DXR_MAP, "        dxr_", ';'));
-    void* const library = dlopen(nullptr, RTLD_NOW);
-    for (const std::string& name : declared)
-        EXPECT_TRUE(dlvsym(library, name.c_str(), "DXR_C_1")) << name;
+    std::ifstream header(DXR_C_HEADER);
+    size_t count = 0;
+    for (std::string line; std::getline(header, line);) {
+        if (!line.starts_with("DXR_C_API"))
+            continue;
+        const size_t end = line.find('('), begin = line.find_last_of(" *", end) + 1;
+        EXPECT_TRUE(dlvsym(RTLD_DEFAULT, line.substr(begin, end - begin).c_str(), "DXR_C_1")) << line;
+        ++count;
+    }
+    EXPECT_GE(count, 45U);
 }
 
 TEST_F(CInterface, refusesInvalidCallsWithAMessage)
@@ -91,58 +80,42 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
     ASSERT_EQ(dxr_sound_new(64, 1, 48000.0, 0, &sound), DXR_OK);
     const void* const stale = sound;
     dxr_device* device = nullptr;
+    const dxr_device_info* info = nullptr;
+    ASSERT_EQ(dxr_device_get_info(output, &info), DXR_OK);
     const auto node = [&](const std::function<void(dxr_node&)>& change) {
         dxr_node made = DXR_INIT(dxr_node);
         made.device = output;
-        made.io = [](const dxr_cycle*, void*) { return 0; };
+        made.io = keepSilent;
         change(made);
         return dxr_runner_add(runner, &made);
     };
-    const uint32_t zero = 0, one = 1;
-    const dxr_device_info* info = nullptr;
-    ASSERT_EQ(dxr_device_get_info(output, &info), DXR_OK);
+    const uint32_t zero = 0;
     const std::vector<std::tuple<const char*, dxr_status, dxr_status>> rows = {
         {"handle is null", dxr_device_get_info(nullptr, &info), DXR_ERROR_ARGUMENT},
-        {"info is null", dxr_device_get_info(output, nullptr), DXR_ERROR_ARGUMENT},
-        {"of a device, not of a runner", dxr_runner_start(reinterpret_cast<dxr_runner*>(output)),
-         DXR_ERROR_HANDLE},
         {"never was one", dxr_retain(&rows), DXR_ERROR_HANDLE},
         {"uid is not UTF-8", dxr_device_with_uid("\xC3\x28", DXR_INPUT, &device), DXR_ERROR_TEXT},
-        {"not a reference", dxr_device_with_reference("headset", &device), DXR_ERROR_TEXT},
-        {"no device has this UID", dxr_device_with_uid("none", DXR_INPUT, &device), DXR_ERROR_NOT_FOUND},
-        {"direction is neither", dxr_default_device(7, &device), DXR_ERROR_ARGUMENT},
         {"not an archived device", dxr_device_from_archive("junk", 4, &device), DXR_ERROR_NOT_FOUND},
         {"volume is not from 0 to 1", dxr_device_set_volume(output, std::nan("")), DXR_ERROR_ARGUMENT},
-        {"does not take this source", dxr_device_set_source(output, "Line"), DXR_ERROR_REFUSED},
         {"not JSON", dxr_device_set_setting(output, "key", "{"), DXR_ERROR_TEXT},
         {"size is not the size", node([](dxr_node& n) { n.size = 0; }), DXR_ERROR_ARGUMENT},
-        {"one of node->device", node([](dxr_node& n) { n.default_of = DXR_OUTPUT; }), DXR_ERROR_ARGUMENT},
-        {"one of node->io", node([](dxr_node& n) { n.io = nullptr; }), DXR_ERROR_ARGUMENT},
-        {"channels is null", node([](dxr_node& n) { n.channel_count = 1; }), DXR_ERROR_ARGUMENT},
-        {"from 1 to 4096", node([&](dxr_node& n) { n.channels = &zero, n.channel_count = 1; }),
+        {"channel 0", node([&](dxr_node& n) { n.channels = &zero, n.channel_count = 1; }),
          DXR_ERROR_ARGUMENT},
-        {"sound has 1 channels", node([&](dxr_node& n) { n.io = nullptr, n.sound = sound; }),
-         DXR_ERROR_ARGUMENT},
-        {"sample rate", dxr_runner_set_format(runner, 64, -1.0), DXR_ERROR_ARGUMENT},
-        {"no frames", dxr_sound_new(0, 1, 48000.0, 0, &sound), DXR_ERROR_ARGUMENT},
+        {"1 of 2 channels", node([&](dxr_node& n) { n.io = nullptr, n.sound = sound; }), DXR_ERROR_ARGUMENT},
         {"more than 2^31", dxr_sound_new(UINT64_MAX, 1, 48000.0, 0, &sound), DXR_ERROR_ARGUMENT},
         {"other hardware already", dxr_simulated_new(DXR_CLOCK_STEPPED, &computer), DXR_ERROR_STATE},
-        {"plugged in", dxr_simulated_plug(computer, &cable), DXR_ERROR_STATE},
-        {"", node([&](dxr_node& n) { n.channels = &one, n.channel_count = 1; }), DXR_OK},
+        {"", node([](dxr_node&) {}), DXR_OK},
         {"has this device", node([](dxr_node&) {}), DXR_ERROR_STATE},
         {"", dxr_free(info), DXR_OK},
         {"memory was freed", dxr_free(info), DXR_ERROR_HANDLE},
         {"", dxr_release(stale), DXR_OK},
-        {"was released", dxr_release(stale), DXR_ERROR_HANDLE},
-        {"", dxr_release(nullptr), DXR_OK},
         {"", dxr_runner_start(runner), DXR_OK},
         {"runner runs", dxr_runner_set_format(runner, 64, 0.0), DXR_ERROR_STATE},
     };
     for (const auto& [why, status, wanted] : rows)
         EXPECT_EQ(status, wanted) << why;
-    (void)dxr_release(stale);
+    EXPECT_EQ(dxr_release(stale), DXR_ERROR_HANDLE);
     EXPECT_STREQ(dxr_error_text(), "dxr_release: the handle was released, or never was one");
-    (void)dxr_runner_start(reinterpret_cast<dxr_runner*>(output));
+    EXPECT_EQ(dxr_runner_start(reinterpret_cast<dxr_runner*>(output)), DXR_ERROR_HANDLE);
     EXPECT_STREQ(dxr_error_text(), "dxr_runner_start: the handle is of a device, not of a runner");
     std::thread([] { EXPECT_STREQ(dxr_error_text(), "") << "each thread has its own"; }).join();
 }
@@ -159,17 +132,15 @@ TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
     EXPECT_EQ(info->stereo_channels[1], 2U);
     ASSERT_GE(info->sample_rate_count, 2U);
     EXPECT_LT(info->sample_rates[0], info->sample_rates[1]);
-    dxr_device* found = nullptr;
-    EXPECT_EQ(dxr_device_with_reference(info->reference, &found), DXR_OK);
-    EXPECT_EQ(found, output);
-    EXPECT_EQ(dxr_free(info), DXR_OK);
+    dxr_device* found[3] = {};
     const void* archive = nullptr;
     size_t size = 0;
-    ASSERT_EQ(dxr_device_archive(input, &archive, &size), DXR_OK);
-    EXPECT_EQ(dxr_device_from_archive(archive, size, &found), DXR_OK);
-    EXPECT_EQ(found, input);
-    EXPECT_EQ(dxr_device_counterpart(input, &found), DXR_OK);
-    EXPECT_EQ(found, output);
+    EXPECT_EQ(dxr_device_with_reference(info->reference, &found[0]), DXR_OK);
+    ASSERT_EQ(dxr_device_archive(output, &archive, &size), DXR_OK);
+    EXPECT_EQ(dxr_device_from_archive(archive, size, &found[1]), DXR_OK);
+    EXPECT_EQ(dxr_device_counterpart(input, &found[2]), DXR_OK);
+    for (const dxr_device* each : found)
+        EXPECT_EQ(each, output);
 
     const char* json = nullptr;
     EXPECT_EQ(dxr_device_set_setting(output, "gain", "[1,2]"), DXR_OK);
@@ -184,7 +155,6 @@ TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
     ASSERT_EQ(dxr_devices(&devices, &count), DXR_OK);
     EXPECT_EQ(std::vector(devices, devices + count), (std::vector{output, input}))
         << "by name, outputs first";
-    EXPECT_EQ(dxr_free(devices), DXR_OK);
     ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
     ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
     EXPECT_EQ(dxr_device_set_volume(output, 0.5), DXR_ERROR_STATE) << "absent";
@@ -215,83 +185,79 @@ TEST_F(CInterface, playsAndRecordsSoundsFrameByFrame)
                             [](float sample) { return sample == 0.0F; }));
 }
 
+struct Playing {
+    dxr_runner* runner;
+    int calls = 0;
+    bool wasSilent = true;
+    bool wasRefused = true;
+    dxr_status released = DXR_ERROR_INTERNAL;
+
+    static int callback(const dxr_cycle* cycle, void* user)
+    {
+        Playing& it = *static_cast<Playing*>(user);
+        const std::span samples(cycle->samples, cycle->frames * cycle->channels);
+        dxr_device* const* devices = nullptr;
+        size_t count = 0;
+        it.wasSilent &= std::ranges::count(samples, 0.0F) == std::ssize(samples);
+        std::ranges::fill(samples, 1.0F);
+        it.wasRefused &= dxr_devices(&devices, &count) == DXR_ERROR_THREAD &&
+                         dxr_runner_stop(it.runner) == DXR_ERROR_THREAD;
+        if (++it.calls < 3)
+            return 0;
+        const CXRealtimeExemption exemption("a lock: the way out for languages that collect garbage");
+        it.released = dxr_release(it.runner);
+        return 1;
+    }
+};
+
 TEST_F(CInterface, givesAnAudioCallbackSilenceAndLetsItReleaseTheRunner)
 {
     simulate();
-    struct Seen {
-        dxr_runner* runner;
-        int calls = 0;
-        bool wasSilent = true;
-        dxr_status list = DXR_OK, stop = DXR_OK, released = DXR_ERROR_INTERNAL;
-    } seen{runner};
-    ASSERT_EQ(
-        add(
-            nullptr,
-            [](const dxr_cycle* cycle, void* user) {
-                Seen& it = *static_cast<Seen*>(user);
-                dxr_device* const* devices = nullptr;
-                size_t count = 0;
-                it.wasSilent &= std::all_of(cycle->samples, cycle->samples + cycle->frames * cycle->channels,
-                                            [](float sample) { return sample == 0.0F; });
-                std::fill_n(cycle->samples, cycle->frames * cycle->channels, 1.0F);
-                it.list = dxr_devices(&devices, &count);
-                it.stop = dxr_runner_stop(it.runner);
-                if (++it.calls < 3)
-                    return 0;
-                const CXRealtimeExemption exemption("a lock: the way out for languages that collect garbage");
-                it.released = dxr_release(it.runner);
-                return 1;
-            },
-            &seen),
-        DXR_OK);
+    Playing seen{runner};
+    ASSERT_EQ(add(nullptr, Playing::callback, &seen), DXR_OK);
     ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
     advance(100);
     EXPECT_EQ(seen.calls, 3) << "none after the one that returned 1";
     EXPECT_TRUE(seen.wasSilent) << "also when the last cycle was not";
-    EXPECT_EQ(seen.list, DXR_ERROR_THREAD);
-    EXPECT_EQ(seen.stop, DXR_ERROR_THREAD);
+    EXPECT_TRUE(seen.wasRefused) << "what may block";
     EXPECT_EQ(seen.released, DXR_OK);
     EXPECT_EQ(dxr_runner_stop(runner), DXR_ERROR_HANDLE);
 }
 
+struct Following {
+    dxr_follower* follower = nullptr;
+    std::multiset<std::pair<dxr_change, dxr_device*>> changes;
+    char thread[16] = "";
+    dxr_status released = DXR_ERROR_INTERNAL;
+
+    static void callback(dxr_device* device, dxr_change change, void* user)
+    {
+        Following& it = *static_cast<Following*>(user);
+        pthread_getname_np(pthread_self(), it.thread, sizeof it.thread);
+        if (change == DXR_DISCONNECTED || change == DXR_CONNECTED)
+            it.changes.insert({change, device});
+        if (it.changes.size() == 4) // released in its own callback
+            it.released = dxr_release(it.follower);
+    }
+};
+
 TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
 {
     simulate();
-    struct Seen {
-        dxr_follower* follower = nullptr;
-        int calls = 0;
-        char thread[16] = "";
-        dxr_status released = DXR_ERROR_INTERNAL;
-        std::set<dxr_device*> gone, back;
-    } seen;
-    ASSERT_EQ(dxr_follow(
-                  [](dxr_device* device, dxr_change change, void* user) {
-                      Seen& it = *static_cast<Seen*>(user);
-                      ++it.calls;
-                      pthread_getname_np(pthread_self(), it.thread, sizeof it.thread);
-                      if (change == DXR_DISCONNECTED)
-                          it.gone.insert(device);
-                      if (change == DXR_CONNECTED)
-                          it.back.insert(device);
-                      if (it.back.size() == 2) // released in its own callback
-                          it.released = dxr_release(it.follower);
-                  },
-                  &seen, &seen.follower),
-              DXR_OK);
-    const auto unplugAndPlug = [&] {
+    Following seen;
+    ASSERT_EQ(dxr_follow(Following::callback, &seen, &seen.follower), DXR_OK);
+    for (int round = 0; round < 2; ++round) {
         ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
         ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
         ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
         ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
-    };
-    unplugAndPlug();
+    }
     EXPECT_STREQ(seen.thread, "dxr.events");
     EXPECT_EQ(seen.released, DXR_OK);
-    EXPECT_EQ(seen.gone, (std::set{input, output}));
-    EXPECT_EQ(seen.back, seen.gone);
-    const int before = seen.calls;
-    unplugAndPlug();
-    EXPECT_EQ(seen.calls, before);
+    EXPECT_EQ(seen.changes, (std::multiset<std::pair<dxr_change, dxr_device*>>{{DXR_DISCONNECTED, input},
+                                                                               {DXR_DISCONNECTED, output},
+                                                                               {DXR_CONNECTED, input},
+                                                                               {DXR_CONNECTED, output}}));
     EXPECT_EQ(dxr_release(seen.follower), DXR_ERROR_HANDLE);
     dxr_device* again = nullptr;
     ASSERT_EQ(dxr_device_with_uid("cable", DXR_OUTPUT, &again), DXR_OK);
@@ -304,9 +270,8 @@ TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
 {
     simulate();
     std::atomic<int> notices{0};
-    ASSERT_EQ(dxr_runner_follow(
-                  runner, [](void* user) { ++*static_cast<std::atomic<int>*>(user); }, &notices),
-              DXR_OK);
+    const auto count = [](void* user) { ++*static_cast<std::atomic<int>*>(user); };
+    ASSERT_EQ(dxr_runner_follow(runner, count, &notices), DXR_OK);
     ASSERT_EQ(add(output, keepSilent), DXR_OK);
     ASSERT_EQ(dxr_simulated_fail(computer, 1, 0), DXR_OK);
     ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
@@ -362,33 +327,25 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
     ASSERT_EQ(add(output, keepSilent), DXR_OK);
     std::atomic<bool> isOver{false};
     std::atomic<int> stray{0}; // calls of released followers
-    struct Watch {
-        std::atomic<int>* stray;
-        std::atomic<bool> isReleased{false};
+    const auto followAndList = [&] {
+        while (!isOver) {
+            std::pair<std::atomic<bool>, std::atomic<int>*> watch{false, &stray}; // whether it is released
+            dxr_follower* follower = nullptr;
+            const auto note = [](dxr_device*, dxr_change, void* user) {
+                const auto& [isReleased, calls] = *static_cast<decltype(watch)*>(user);
+                *calls += isReleased ? 1 : 0;
+            };
+            EXPECT_EQ(dxr_follow(note, &watch, &follower), DXR_OK);
+            dxr_device* const* devices = nullptr;
+            size_t count = 0;
+            EXPECT_EQ(dxr_devices(&devices, &count), DXR_OK);
+            EXPECT_EQ(dxr_free(devices), DXR_OK);
+            EXPECT_EQ(dxr_release(follower), DXR_OK);
+            watch.first = true;
+        }
     };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&] {
-            while (!isOver) {
-                dxr_device* const* devices = nullptr;
-                size_t count = 0;
-                EXPECT_EQ(dxr_devices(&devices, &count), DXR_OK);
-                EXPECT_EQ(dxr_free(devices), DXR_OK);
-                Watch watch{&stray};
-                dxr_follower* follower = nullptr;
-                EXPECT_EQ(dxr_follow(
-                              [](dxr_device*, dxr_change, void* user) {
-                                  const Watch& it = *static_cast<Watch*>(user);
-                                  *it.stray += it.isReleased ? 1 : 0;
-                              },
-                              &watch, &follower),
-                          DXR_OK);
-                std::this_thread::yield();
-                EXPECT_EQ(dxr_release(follower), DXR_OK);
-                watch.isReleased = true;
-            }
-        });
-    }
+    std::thread threads[] = {std::thread(followAndList), std::thread(followAndList),
+                             std::thread(followAndList)};
     for (int round = 0; round < 40; ++round) {
         EXPECT_EQ(dxr_runner_start(runner), DXR_OK);
         EXPECT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);

@@ -5,25 +5,65 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <sys/wait.h>
 
 using nlohmann::json;
+
+inline std::string contentOf(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline constexpr const char* controls = "\x1B\x07\x08\x7F\r\t"; ///< what a name must not send to a terminal
+
+inline void expectContains(const std::string& text, const std::string& part)
+{
+    EXPECT_NE(text.find(part), std::string::npos) << part << "\nis not in\n" << text;
+}
+
+inline std::vector<std::string> linesOf(const std::string& text)
+{
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
 
 /// Tests the `dxr` command without a server, in a private folder.
 class DxrCommand : public testing::Test {
 protected:
-    DxrCommand();
-    ~DxrCommand() override
+    DxrCommand()
     {
-        std::filesystem::current_path("/"); // a test may have entered the folder
-        std::filesystem::remove_all(folder);
+        std::string pattern = std::filesystem::temp_directory_path() / "dxr-tool-XXXXXX";
+        folder = mkdtemp(pattern.data());
+        setenv("PIPEWIRE_REMOTE", "/nowhere", 1);
     }
+    ~DxrCommand() override { std::filesystem::remove_all(folder); }
 
     std::string path(const std::string& name) const { return folder / name; }
-    std::string file(const std::string& name, const std::string& content) const;
+    std::string file(const std::string& name, const std::string& content) const
+    {
+        std::ofstream(folder / name, std::ios::binary) << content;
+        return folder / name;
+    }
     /// Runs a shell command in the folder; `d` is dxr on the simulated computer.
-    ToolResult pipeline(const std::string& command) const;
+    ToolResult run(const std::string& command) const
+    {
+        // Background jobs that still wait at a FIFO end with the script.
+        file("script", "unset COLUMNS; trap 'kill $(jobs -p) 2> /dev/null' EXIT; cd " + folder.string() +
+                           "; dxr() { " DXR_TOOL " \"$@\"; }; d() { " DXR_TOOL " \"$@\" --simulated; }; { " +
+                           command + "; } > output 2> errors");
+        const int status = std::system(("bash -o pipefail " + path("script")).c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contentOf(path("output")),
+                contentOf(path("errors"))};
+    }
 
     /// A shell command, its exit status, and a part of its output.
     struct Row {
@@ -32,15 +72,15 @@ protected:
         int status;
         const char* printed;
     };
-    void expectRows(const std::vector<Row>& rows) const;
+    void expectRows(const std::vector<Row>& rows) const
+    {
+        for (const Row& row : rows) {
+            SCOPED_TRACE(row.why);
+            const ToolResult result = run(row.command);
+            EXPECT_EQ(result.status, row.status) << result.output << result.errors;
+            expectContains(result.output, row.printed);
+        }
+    }
 
     std::filesystem::path folder;
 };
-
-std::vector<std::string> linesOf(const std::string& text);
-std::string contentOf(const std::string& path);
-void expectContains(const std::string& text, const std::string& part);
-/// Whether the text contains a control character.
-bool hasControls(const std::string& text);
-/// A WAV file of one channel with `heldBytes` of samples, whose header declares `declaredBytes`.
-std::string wave(uint32_t declaredBytes, size_t heldBytes);

@@ -14,6 +14,15 @@ class ToolText : public testing::Test {
 protected:
     ToolText() { std::setlocale(LC_CTYPE, "C.UTF-8"); }
 
+    /// Expects lines that fit and cannot control the terminal.
+    static void expectHarmless(const std::vector<std::string>& lines, size_t columns)
+    {
+        for (const std::string& line : lines) {
+            EXPECT_LE(displayWidth(line), columns) << line.substr(0, 200);
+            EXPECT_EQ(line.find_first_of("\x1B\n\x07\xFF"), std::string::npos);
+        }
+    }
+
     const Terminal terminal; // no colours, because output is not a terminal
 };
 
@@ -25,62 +34,40 @@ TEST_F(ToolText, cutsTextToTheColumnsItTakes)
         size_t width;
         std::string cut;
     } rows[] = {
-        {"fits", "abc", 3, "abc"},
         {"one too many", "abcd", 3, "ab…"},
         {"wide letters take two columns", "日本語", 6, "日本語"},
         {"half a wide letter does not fit", "日本語", 4, "日…"},
-        {"nor with nothing before it", "日本語", 2, "…"},
         {"combining marks take none", "e\u0301e\u0301", 2, "e\u0301e\u0301"},
         {"marks stay with their letter", "e\u0301e\u0301e\u0301", 2, "e\u0301…"},
         {"room for the ellipsis only", "abc", 1, "…"},
         {"no room", "abc", 0, ""},
     };
-    for (const auto& row : rows) {
+    for (const auto& row : rows)
         EXPECT_EQ(clipToWidth(row.text, row.width), row.cut) << row.why;
-        EXPECT_LE(displayWidth(clipToWidth(row.text, row.width)), row.width) << row.why;
-    }
     std::string pile = "e";
     for (int i = 0; i < 30000; ++i)
         pile += "\u0301";
     EXPECT_LT(singleLine(pile).size(), 32U);
+    EXPECT_EQ(formatSeconds(59.94) + " " + formatSeconds(125.96), "59.9 s 2:06.0");
     EXPECT_EQ(singleLine("a\nb\tc\x1B\x80"), "a\\x0Ab\\x09c\\x1B\\x80");
     EXPECT_EQ(foldCase("MÜsik"), "müsik");
     EXPECT_EQ(wrapped("one two  three fourteen-letters x", 8),
               (std::vector<std::string>{"one two", "three", "fourteen", "-letters", "x"}));
-    EXPECT_EQ(labelled("label ", 6, "one two three four five", 0),
-              (std::vector<std::string>{"label one two three four", "      five"}));
-}
-
-TEST_F(ToolText, formatsNumbers)
-{
-    EXPECT_EQ(formatCount(1'234'567, "frame"), "1,234,567 frames");
-    EXPECT_EQ(formatCount(1, "frame"), "1 frame");
-    EXPECT_EQ(formatNumber(100), "100");
-    EXPECT_EQ(formatSeconds(59.94), "59.9 s");
-    EXPECT_EQ(formatSeconds(125.96), "2:06.0");
-    EXPECT_EQ(formatRate(44100) + formatRate(1000) + formatRate(999) + formatRate(0), "44.1 kHz1 kHz999 Hz-");
-    EXPECT_EQ(formatUTC(std::chrono::system_clock::time_point(std::chrono::milliseconds(86'400'007))),
-              "1970-01-02T00:00:00.007Z");
 }
 
 TEST_F(ToolText, laysTheTableOutForEveryNameAndWidth)
 {
-    std::vector<DeviceReport> devices(5);
+    std::vector<DeviceReport> devices(3);
     devices[0].name = std::string(65536, 'x');
     devices[0].uid = std::string(65536, 'u');
+    devices[0].deviceID = 4000;
     devices[1].name = "\x1B[2J\nnew line\xFF";
+    devices[1].directions[1].channelCount = 1024;
     devices[2].name = "スピーカー (内蔵オーディオ アナログステレオ出力デバイス)";
-    devices[2].uid = "alsa_output.pci-0000_00_1f.3.analog-stereo-with-a-very-long-unique-name";
-    devices[3].directions[1].channelCount = 1024;
-    devices[4].deviceID = 4000;
-    for (const size_t width : {20U, 40U, 80U, 132U, 100000U}) {
+    for (const size_t width : {20U, 40U, 80U, 100000U}) {
         const std::vector<std::string> lines = deviceTable(devices, width, terminal);
         EXPECT_GE(lines.size(), devices.size() + 1);
-        EXPECT_NE(lines.front().find("NAME"), std::string::npos);
-        for (const std::string& line : lines) {
-            EXPECT_LE(displayWidth(line), std::max<size_t>(width, 24)) << line.substr(0, 200);
-            EXPECT_EQ(line.find_first_of("\x1B\n\xFF"), std::string::npos);
-        }
+        expectHarmless(lines, std::max<size_t>(width, 24));
     }
     EXPECT_EQ(deviceTable(devices, 40, terminal)[5], "スピーカー (内…    -     -     -       -");
 }
@@ -88,7 +75,6 @@ TEST_F(ToolText, laysTheTableOutForEveryNameAndWidth)
 TEST_F(ToolText, fitsTheMonitorIntoEveryTerminal)
 {
     MonitorState state;
-    state.context = "2 devices as one";
     state.sampleRate = 48000;
     state.frameCount = 512;
     state.usedSeconds = 0.02;
@@ -105,10 +91,7 @@ TEST_F(ToolText, fitsTheMonitorIntoEveryTerminal)
         for (size_t rows = 1; rows < 60; rows += rows < 12 ? 1 : 7) {
             const std::vector<std::string> lines = monitorLines(state, columns, rows, terminal);
             EXPECT_EQ(lines.size(), rows);
-            for (const std::string& line : lines) {
-                EXPECT_LE(displayWidth(line), columns) << line.substr(0, 200);
-                EXPECT_EQ(line.find_first_of("\x1B\n\x07"), std::string::npos);
-            }
+            expectHarmless(lines, columns);
         }
     const std::vector<std::string> lines = monitorLines(state, 100, 24, terminal);
     EXPECT_NE(lines[1].find("20.00 of 10.00 ms"), std::string::npos) << lines[1];
