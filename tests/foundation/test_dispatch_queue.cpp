@@ -1,7 +1,6 @@
 #include "CapturedLog.h"
 #include "Eventually.h"
 #include "Gate.h"
-#include "Privileges.h"
 #include "ReasonOf.h"
 #include "TestQueue.h"
 
@@ -211,19 +210,6 @@ TEST(CXDispatchQueue, isRealTimeWhenSetRealTimeReturnsThoughItIsBorrowedAndATime
     later->dispatchSyncBypass([&] { later->setRealTime(); }); // must not wait for the queue's own thread
     later.settle();
     EXPECT_TRUE(isSettled(later->thread(), laterLog));
-}
-
-TEST(CXDispatchQueueDeathTest, logsARefusalOfRealTimeWithItsError)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto refused = [] {
-        giveUpPrivileges();
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-        const CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
-        queue->setRealTime();
-        std::exit(queue->realTimeGrant() == CXRealtimeGrant::None ? 0 : 1);
-    };
-    EXPECT_EXIT(refused(), testing::ExitedWithCode(0), "thread_policy_set returned 1 for period 1000000\n$");
 }
 
 // Pushing, borrowing an idle queue and firing a timer neither lock, allocate nor wait. The queue's thread,
