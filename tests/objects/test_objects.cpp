@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <functional>
 #include <malloc.h>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -26,28 +27,18 @@ private:
 TEST(CXObject, livesAsLongAsAStrongReferenceWithOrWithoutWeakOnes)
 {
     std::atomic<int> ended{0};
-    CXWeak<Counted> weak;
-    {
-        CXRef<Counted> first = Counted::init(ended);
-        const CXRef<CXObject> second = first;
-        first = nullptr;
-        EXPECT_EQ(ended, 0);
-        weak = CXWeak<Counted>(CXRefCast<Counted>(second));
-        EXPECT_EQ(weak.lock(), second);
-    }
-    EXPECT_EQ(ended, 1);
-    EXPECT_FALSE(weak.lock());
-
-    CXRef<Counted> last = Counted::init(ended);
-    weak = CXWeak<Counted>(last);
-    CXWeak<Counted> copy = weak;
-    CXWeak<Counted> moved = std::move(weak);
-    EXPECT_EQ(copy.lock(), last);
-    EXPECT_EQ(moved.lock(), last);
-    Counted* const leaked = last.leak();
-    EXPECT_EQ(last, nullptr);
+    CXRef<Counted> first = Counted::init(ended);
+    CXRef<CXObject> second = first;
+    first = nullptr;
+    EXPECT_EQ(ended, 0);
+    CXWeak<Counted> weak(CXRefCast<Counted>(second)), copy = weak;
+    const CXWeak<Counted> moved = std::move(weak);
+    EXPECT_EQ(copy.lock(), second);
+    EXPECT_EQ(moved.lock(), second);
+    CXObject* const leaked = second.leak();
+    EXPECT_EQ(second, nullptr);
     leaked->release();
-    EXPECT_EQ(ended, 2);
+    EXPECT_EQ(ended, 1);
     EXPECT_FALSE(moved.lock());
 }
 
@@ -73,25 +64,24 @@ TEST(CXWeak, sharesAndFreesItsControlBlock)
 
 TEST(CXRealtimeScope, isCheckedUntilItEndsAndOutsideExemptions)
 {
-    EXPECT_FALSE(CXRealtimeScope::isChecked());
-    bool isChecked[4] = {};
+    std::string seen; // short enough not to allocate
+    const auto see = [&seen] { seen += CXRealtimeScope::isChecked() ? 'c' : '-'; };
     {
         const CXRealtimeScope scope;
-        isChecked[0] = CXRealtimeScope::isChecked();
+        see();
         {
             const CXRealtimeScope inner;
             const CXRealtimeExemption exemption("the test's");
-            isChecked[1] = CXRealtimeScope::isChecked();
+            see();
             {
                 const CXRealtimeExemption again("nested");
             }
-            isChecked[2] = CXRealtimeScope::isChecked();
+            see();
         }
-        isChecked[3] = CXRealtimeScope::isChecked();
+        see();
     }
-    EXPECT_EQ(std::vector<bool>(std::begin(isChecked), std::end(isChecked)),
-              (std::vector<bool>{true, false, false, true}));
-    EXPECT_FALSE(CXRealtimeScope::isChecked());
+    see();
+    EXPECT_EQ(seen, "c--c-");
 }
 
 // The strong count moves to the control block while other threads change it. No change may be lost, and the
