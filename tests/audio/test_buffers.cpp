@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
-#include <cstring>
 #include <functional>
 #include <limits>
 
@@ -60,7 +60,7 @@ void mix(int16_t from, float& to)
 
 bool same(float a, float b)
 {
-    return std::memcmp(&a, &b, sizeof a) == 0 || (std::isnan(a) && std::isnan(b));
+    return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b) || (std::isnan(a) && std::isnan(b));
 }
 bool same(int16_t a, int16_t b)
 {
@@ -70,18 +70,28 @@ bool same(int16_t a, int16_t b)
 float anyFloat(Random& random)
 {
     constexpr float infinity = std::numeric_limits<float>::infinity();
-    constexpr float limits[] = {
-        0,     -0.0F,  1,      -1,      0.5F,     -0.5F,     1.0000001F,    -1.0000001F,        0.99999994F,
-        1e30F, -1e30F, 1e-40F, -1e-40F, infinity, -infinity, std::nanf(""), 0.49999997F / 32767};
+    constexpr float limits[] = {0,
+                                -0.0F,
+                                1,
+                                -1,
+                                0.5F,
+                                -0.5F,
+                                1.0000001F,
+                                1e30F,
+                                -1e30F,
+                                0.99999994F,
+                                1e-40F,
+                                -1e-40F,
+                                infinity,
+                                -infinity,
+                                -1.0000001F,
+                                std::nanf(""),
+                                0.49999997F / 32767};
     switch (random.below(4)) {
     case 0:
         return limits[random.below(std::size(limits))];
-    case 1: { // arbitrary bits
-        const uint32_t bits = random.below(UINT32_MAX);
-        float value = 0;
-        std::memcpy(&value, &bits, sizeof value);
-        return value;
-    }
+    case 1:
+        return std::bit_cast<float>(random.below(UINT32_MAX));
     case 2: // near the rounding boundaries of 16-bit samples
         return (static_cast<float>(random.below(65536)) - 32768 + random.between(0.499F, 0.501F)) / 32767.5F;
     default:

@@ -330,11 +330,4 @@ TEST(DXRAudioConverter, refusesRatesAndFramesThatCannotRun)
     EXPECT_EQ(endless.sampleTime, 0U);
 }
 
-TEST(DXRAudioConverter, describesItsConversion)
-{
-    const std::string text = Loop({44100, 512}, {48000, 256}, 3, {3, 1}).converter->description();
-    EXPECT_TRUE(text.ends_with(
-        ", input [1, 3], output [1, 3], frameCount: 512 -> 256, sampleRate: 44100hz -> 48000hz>"));
-}
-
 } // namespace

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cfenv>
-#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -22,9 +22,10 @@ Sampler aSampler(uint32_t channels)
     return {ausampler_create(channels), ausampler_destroy};
 }
 
-bool sameBits(float a, float b)
+/// The bits of a sample; every NaN counts as the same.
+uint32_t bitsOf(float sample)
 {
-    return std::memcmp(&a, &b, sizeof a) == 0 || (std::isnan(a) && std::isnan(b));
+    return std::isnan(sample) ? 0x7FC00000 : std::bit_cast<uint32_t>(sample);
 }
 
 enum class Layout { Interleaved, Noninterleaved, Scattered };
@@ -78,21 +79,6 @@ uint32_t call(ausampler* sampler, Direction direction, Layout layout, const Bloc
         sampler, in.entries.data(), out.entries.data(), frames, rateIn, rateOut);
 }
 
-bool sameState(const ausampler& sampler, const SamplerReference& reference)
-{
-    for (uint32_t c = 0; c < sampler.channel_count; ++c) {
-        const ausampler_channel_state& a = sampler.channel_states[c];
-        const SamplerReference::Channel& b = reference.channels[c];
-        const float mine[8] = {a.history[0], a.history[1], a.history[2], a.history[3],
-                               a.lp_x2,      a.lp_x1,      a.lp_y1,      a.lp_y2};
-        const float theirs[8] = {b.history[0], b.history[1], b.history[2], b.history[3],
-                                 b.x2,         b.x1,         b.y1,         b.y2};
-        if (!std::equal(mine, mine + 8, theirs, sameBits))
-            return false;
-    }
-    return sampler.phase == reference.phase;
-}
-
 /// Converts one stream with every instruction set and with the reference.
 class Comparison {
 public:
@@ -130,10 +116,10 @@ public:
             SCOPED_TRACE(availableInstructionSets()[set].name);
             for (uint32_t k = 0; k < out; ++k)
                 for (uint32_t c = 0; c < _channels; ++c)
-                    ASSERT_TRUE(sameBits(got.at(k, c), expected[size_t{k} * _channels + c]))
+                    ASSERT_TRUE(bitsOf(got.at(k, c)) == bitsOf(expected[size_t{k} * _channels + c]))
                         << " frame " << k << " channel " << c << " of " << out << "x" << _channels << ": "
                         << got.at(k, c) << " for " << expected[size_t{k} * _channels + c];
-            ASSERT_TRUE(sameState(*sampler, _reference));
+            ASSERT_EQ(sampler->phase, _reference.phase);
         }
     }
 
@@ -152,7 +138,7 @@ double aRate(Random& random)
 }
 
 // Compares every instruction set with the reference, for all rates, block lengths, channel counts, layouts
-// and alignments: the same bits, the same state, and no access outside the blocks.
+// and alignments: the same bits in each of consecutive blocks, and no access outside the blocks.
 TEST(Sampler, givesTheReferencesBitsOnEveryInstructionSet)
 {
     const std::pair<double, double> extremes[] = {{192, 192000},       {192000, 192}, {48000, 48000},

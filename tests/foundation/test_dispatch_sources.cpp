@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <unistd.h>
 
@@ -135,31 +136,29 @@ TEST(CXDispatchReceiver, getsEachMessageOnTheQueueUntilItIsCancelled)
     const uint32_t own = CXDispatchReceiverReleasesSendRight | CXDispatchReceiverReleasesReceiveRight;
     CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(nullptr, own);
     const CXRef<dxr::Port> port = receiver->port();
-    std::string received;
-    std::atomic<int> count{0};
-    receiver->setMessageHandler([&](auto& self, std::span<const std::byte> message) {
+    const std::string texts[] = {"early", "b", std::string(100'000, 'L')};
+    std::vector<std::string> received;
+    std::atomic<size_t> count{0};
+    receiver->setMessageHandler([&](auto&, std::span<const std::byte> message) {
         EXPECT_TRUE(queue->isDispatchedOnCurrentThread());
-        EXPECT_EQ(self->port(), port);
-        received.append(reinterpret_cast<const char*>(message.data()), message.size());
+        received.emplace_back(reinterpret_cast<const char*>(message.data()), message.size());
         ++count;
     });
-    const auto send = [&](std::string_view text) { return port->send(std::as_bytes(std::span(text))); };
-    EXPECT_EQ(send("early "), dxr::Port::SendResult::Sent);
-    EXPECT_EQ(send("b"), dxr::Port::SendResult::Sent);
-    receiver->setDispatchQueue(queue.ref());
-    const std::string longMessage(100'000, 'L');
-    EXPECT_EQ(send(longMessage), dxr::Port::SendResult::Sent);
-    EXPECT_TRUE(eventually([&] { return count == 3; }));
-    EXPECT_EQ(received, "early b" + longMessage);
+    for (const std::string& text : texts) {
+        EXPECT_EQ(port->send(std::as_bytes(std::span(text))), dxr::Port::SendResult::Sent);
+        receiver->setDispatchQueue(queue.ref()); // the first message came before
+    }
+    EXPECT_TRUE(eventually([&] { return count == std::size(texts); }));
+    EXPECT_TRUE(std::ranges::equal(received, texts));
 
     receiver->cancel();
     queue.settle();
     EXPECT_FALSE(receiver->handler());
-    EXPECT_EQ(send("unread"), dxr::Port::SendResult::Sent) << "the port outlives the cancellation";
+    EXPECT_EQ(port->send({}), dxr::Port::SendResult::Sent) << "the port outlives the cancellation";
     receiver = nullptr;
-    EXPECT_EQ(send("closed"), dxr::Port::SendResult::Closed);
+    EXPECT_EQ(port->send({}), dxr::Port::SendResult::Closed);
     queue.settle();
-    EXPECT_EQ(count, 3);
+    EXPECT_EQ(count, std::size(texts));
 }
 
 // The message arrives while the queue is borrowed, so the queue's thread is awake but must not deliver it
@@ -172,22 +171,19 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
         SCOPED_TRACE(isDescriptor);
         const CXRef<dxr::Port> port =
             isDescriptor ? dxr::Port::initWithDescriptor(ends[0]) : dxr::Port::init();
-        const auto send = [&] {
-            EXPECT_TRUE(isDescriptor ? write(ends[1], "x", 1) == 1
-                                     : port->send({}) == dxr::Port::SendResult::Sent);
-        };
         std::atomic<int> count{0};
         const TestQueue first, second;
         const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);
         receiver->setMessageHandler([&](auto&, std::span<const std::byte>) {
             EXPECT_TRUE(second->isDispatchedOnCurrentThread());
-            char byte = 0;
+            char byte = 0; // leaves one byte: another message must arrive
             EXPECT_TRUE(!isDescriptor || read(ends[0], &byte, 1) == 1);
             ++count;
         });
         receiver->setDispatchQueue(first.ref());
         first->dispatchSyncBypass([&] {
-            send();
+            EXPECT_TRUE(isDescriptor ? write(ends[1], "ab", 2) == 2
+                                     : port->send({}) == dxr::Port::SendResult::Sent);
             sleepForMilliseconds(50); // until the first queue's thread is awake
             receiver->setDispatchQueue(nullptr);
             receiver->setDispatchQueue(isDescriptor ? nullptr : second.ref());
@@ -195,14 +191,16 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
         first.settle();
         if (isDescriptor)
             receiver->setDispatchQueue(second.ref());
-        EXPECT_TRUE(eventually([&] { return count == 1; }));
-        send();
+        else
+            EXPECT_EQ(port->send({}), dxr::Port::SendResult::Sent);
         EXPECT_TRUE(eventually([&] { return count == 2; }));
+        EXPECT_EQ(dxr::Port::initWithDescriptor(ends[0]) == nullptr, isDescriptor) << "one port a descriptor";
         receiver->cancel();
         second.settle();
     }
     close(ends[0]);
     close(ends[1]);
+    EXPECT_FALSE(dxr::Port::initWithDescriptor(ends[0]));
 }
 
 } // namespace

@@ -22,16 +22,6 @@ uintptr_t addressOf(const void* block)
     return reinterpret_cast<uintptr_t>(block);
 }
 
-/// Allocates blocks of `size` until one is the first of a new chunk, and returns it.
-std::byte* firstBlockOfFreshChunk(size_t size)
-{
-    for (;;) {
-        auto* const block = static_cast<std::byte*>(TFA_malloc(size)); // earlier blocks are not freed
-        if (addressOf(block) % 16384 == 16)
-            return block;
-    }
-}
-
 TEST(TFA, roundsEveryRequestUpToAPowerOfTwo)
 {
     struct {
@@ -62,17 +52,6 @@ TEST(TFA, roundsEveryRequestUpToAPowerOfTwo)
     EXPECT_EQ(TFA_malloc_size(page), 8192U);
     EXPECT_EQ(addressOf(page) % 4096, 0U);
     TFA_free(page);
-}
-
-TEST(TFA, carvesChunksInAscendingOrderAroundThePageBoundaries)
-{
-    for (size_t size = 16; size <= 4096; size *= 2) {
-        std::byte* const first = firstBlockOfFreshChunk(size);
-        std::byte* const chunk = first - 16;
-        for (size_t offset = 16 + size; offset + size <= 16384; offset += size)
-            ASSERT_TRUE(offset % 4096 == 0 || TFA_malloc(size) == chunk + offset) << "class " << size;
-        EXPECT_NE(addressOf(TFA_malloc(size)) & ~uintptr_t{16383}, addressOf(chunk)) << "class " << size;
-    }
 }
 
 TEST(TFA, growsWithFarFewerMappingsThanChunks)

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <thread>
-#include <unistd.h>
 
 namespace dxr {
 namespace {
@@ -100,35 +99,6 @@ TEST(PortSet, sleepsUntilItsDeadlineASignalOrAMessage)
     set->waitForSignal();
     sender.join();
     EXPECT_TRUE(set->takeMessage());
-}
-
-TEST(Port, hasAMessageAsLongAsItsDescriptorIsReadable)
-{
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    const CXRef<PortSet> set = PortSet::init();
-    CXRef<Port> port = Port::initWithDescriptor(ends[0]);
-    ASSERT_TRUE(port);
-    EXPECT_FALSE(Port::initWithDescriptor(ends[0])) << "one port a descriptor";
-    set->add(*port);
-    ASSERT_EQ(write(ends[1], "ab", 2), 2);
-    for (const char expected : {'a', 'b'}) { // one byte per message: the second byte must cause another
-        ASSERT_EQ(set->waitForEvent(HostClock::nowTicks() + 20'000'000'000), Message);
-        EXPECT_TRUE(set->takeMessage());
-        EXPECT_FALSE(set->takeMessage()) << "only after the first has been handled";
-        char byte = 0;
-        ASSERT_EQ(read(ends[0], &byte, 1), 1);
-        EXPECT_EQ(byte, expected);
-        port->messageHandled();
-    }
-    port->close();
-    CXRef<Port> next = Port::initWithDescriptor(ends[0]);
-    EXPECT_TRUE(next) << "a closed port gives its descriptor back";
-    next = nullptr;
-    EXPECT_TRUE(Port::initWithDescriptor(ends[0])) << "and so does one that ends";
-    close(ends[0]);
-    close(ends[1]);
-    EXPECT_FALSE(Port::initWithDescriptor(ends[0]));
 }
 
 } // namespace

@@ -1,13 +1,10 @@
-#include "GlobalQueue.h"
 #include "HostClock.h"
 #include "MainQueue.h"
 #include "SerialQueue.h"
-#include "Thread.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <future>
 #include <poll.h>
 #include <thread>
@@ -51,36 +48,6 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
         });
         EXPECT_FALSE(inner->isCurrent());
     });
-}
-
-TEST(Thread, isWaitedForByOthersAndDetachedByItself)
-{
-    std::atomic<bool> hasEnded{false};
-    {
-        const Thread thread("other", [&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            hasEnded = true;
-        });
-    }
-    EXPECT_TRUE(hasEnded);
-    std::promise<Thread*> own;
-    std::promise<void> done;
-    own.set_value(new Thread("itself", [&, self = own.get_future().share()] {
-        delete self.get();
-        done.set_value();
-    }));
-    done.get_future().wait();
-}
-
-TEST(GlobalQueue, runsWorkSideBySide)
-{
-    std::promise<void> first, second;
-    GlobalQueue::highPriority().async([&] {
-        second.get_future().wait(); // would wait forever on a single thread
-        first.set_value();
-    });
-    GlobalQueue::highPriority().async([&] { second.set_value(); });
-    first.get_future().wait();
 }
 
 TEST(MainQueue, showsWaitingWorkAndBelongsToTheThreadThatServesIt)
