@@ -155,7 +155,7 @@ TEST(Sampler, givesTheReferencesBitsOnEveryInstructionSet)
             if (!isExtreme && random.below(64) == 0) // without a reset, as for a device that drifts
                 rateOut *= 1.0001;
             const uint32_t longest = random.below(4) == 0 ? 2000 : random.below(4) == 1 ? 6 : 520;
-            const uint32_t frames = 1 + random.below(isExtreme ? std::min(longest, 40U) : longest);
+            const uint32_t frames = 1 + random.below(isExtreme ? std::min(longest, 20U) : longest);
             ASSERT_NO_FATAL_FAILURE(comparison.step(frames, rateIn, rateOut, special));
         }
     }

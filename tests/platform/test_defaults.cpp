@@ -289,12 +289,13 @@ TEST_F(Defaults, setDamagedFilesAside)
     }
 
     // Damage while the file is in use is detected after writing has begun: the known values are stored at once.
-    for (const bool isReadAgain :
-         {true, false}) { // another process has written; otherwise SQLite has the pages
-        SCOPED_TRACE(isReadAgain);
-        const std::string value(9000, isReadAgain ? 'b' : 'c');
+    // If another process has written, SQLite reads the pages again; otherwise it has them in memory.
+    char filler = 'b';
+    for (const auto& [isReadAgain, keptBytes] : {std::pair(true, 0), {false, 0}, {true, 16}}) {
+        SCOPED_TRACE(filler);
+        const std::string value(9000, filler++);
         const std::string all = "a=1 b=" + value + " c=3 ";
-        inChild([&] {
+        inChild([&, isReadAgain = isReadAgain, keptBytes = keptBytes] {
             EXPECT_TRUE(write("b", value));
             Connection other(file);
             other("PRAGMA wal_checkpoint(TRUNCATE)");
@@ -303,7 +304,8 @@ TEST_F(Defaults, setDamagedFilesAside)
             else
                 EXPECT_TRUE(write("c", "2"));
             const CapturedLog log;
-            std::fstream(file, std::ios::binary | std::ios::in | std::ios::out) << std::string(16'384, 'x');
+            std::fstream(file, std::ios::binary | std::ios::in | std::ios::out).seekp(keptBytes)
+                << std::string(16'384, 'x');
             EXPECT_TRUE(write("c", "3"));
             EXPECT_EQ(log.lines().size(), 1U) << testing::PrintToString(log.lines());
             EXPECT_EQ(contents(), all);
