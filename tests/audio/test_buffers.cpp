@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <functional>
@@ -30,28 +31,24 @@ float fromInt16(int16_t v)
     return static_cast<float>(v) * (v < 0 ? 3.0517578e-5F : 3.051851e-5F);
 }
 
-void copy(float from, float& to)
+template <class Sample> void copy(float from, Sample& to)
 {
-    to = from;
-}
-void copy(float from, int16_t& to)
-{
-    to = toInt16(from);
+    if constexpr (std::is_same_v<Sample, float>)
+        to = from;
+    else
+        to = toInt16(from);
 }
 void copy(int16_t from, float& to)
 {
     to = fromInt16(from);
 }
 
-void mix(float from, float& to)
+template <class Sample> void mix(float from, Sample& to)
 {
-    const float sum = from + to;
-    to = sum < -1 ? -1 : sum > 1 ? 1 : sum;
-}
-void mix(float from, int16_t& to)
-{
-    const int sum = toInt16(from) + to;
-    to = static_cast<int16_t>(sum > 32767 ? 32767 : sum < -32767 ? -32768 : sum);
+    if constexpr (std::is_same_v<Sample, float>)
+        to = std::isnan(from + to) ? from + to : std::clamp(from + to, -1.0F, 1.0F);
+    else
+        to = static_cast<int16_t>(std::clamp(toInt16(from) + to, -32768, 32767));
 }
 void mix(int16_t from, float& to)
 {
@@ -70,23 +67,9 @@ bool same(int16_t a, int16_t b)
 float anyFloat(Random& random)
 {
     constexpr float infinity = std::numeric_limits<float>::infinity();
-    constexpr float limits[] = {0,
-                                -0.0F,
-                                1,
-                                -1,
-                                0.5F,
-                                -0.5F,
-                                1.0000001F,
-                                1e30F,
-                                -1e30F,
-                                0.99999994F,
-                                1e-40F,
-                                -1e-40F,
-                                infinity,
-                                -infinity,
-                                -1.0000001F,
-                                std::nanf(""),
-                                0.49999997F / 32767};
+    constexpr float limits[] = {
+        0,     -0.0F,  1,      -1,      0.5F,     -0.5F,     1.0000001F,    -1.0000001F,        0.99999994F,
+        1e30F, -1e30F, 1e-40F, -1e-40F, infinity, -infinity, std::nanf(""), 0.49999997F / 32767};
     switch (random.below(4)) {
     case 0:
         return limits[random.below(std::size(limits))];

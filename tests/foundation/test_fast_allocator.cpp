@@ -76,27 +76,18 @@ TEST(TFA, reallocatesByClassAndKeepsTheContent)
     ASSERT_NE(larger, block);
     EXPECT_EQ(TFA_malloc_size(larger), 256U);
     EXPECT_EQ(std::count(larger, larger + 128, 'x'), 128);
-    EXPECT_EQ(TFA_malloc(128), block) << "the old block went back to its list";
-    void* const smallest = TFA_realloc(larger, 0);
-    EXPECT_EQ(TFA_malloc_size(smallest), 16U);
+    EXPECT_EQ(TFA_calloc(8, 16), block) << "the old block went back to its list";
+    EXPECT_EQ(std::count(block, block + 128, 0), 128);
+    EXPECT_EQ(TFA_malloc_size(TFA_realloc(larger, 0)), 16U);
     EXPECT_EQ(TFA_malloc_size(TFA_realloc(nullptr, 30)), 32U);
-
-    auto* const dirty = static_cast<char*>(TFA_malloc(64));
-    std::memset(dirty, 1, 64);
-    TFA_free(dirty);
-    auto* const clean = static_cast<char*>(TFA_calloc(8, 8));
-    EXPECT_EQ(clean, dirty);
-    EXPECT_EQ(std::count(clean, clean + 64, 0), 64);
 }
 
 TEST(TFA, servesContainersThroughItsTable)
 {
     const CXAllocatorCallbacks& table = *CXTFACFAllocator;
-    EXPECT_EQ(table.version, 0);
     EXPECT_EQ(table.preferredSize(1000, 0, table.info), 1024);
     void* const block = table.allocate(1000, 0, table.info);
     EXPECT_EQ(table.reallocate(block, 1001, 0, table.info), block);
-    EXPECT_EQ(table.reallocate(nullptr, 8, 0, table.info), nullptr);
     EXPECT_EQ(table.reallocate(block, 0, 0, table.info), nullptr);
     table.deallocate(block, table.info);
     EXPECT_EQ(TFA_malloc(1024), block);

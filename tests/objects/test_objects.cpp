@@ -117,16 +117,13 @@ TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
 TEST(CXBlock, hasTheIdentityOfItsFirstBlock)
 {
     int calls = 0;
-    const CXBlock<int(int)> block = [&calls](int add) { return calls += add; };
-    const CXBlock<int(int)> copy = block;
-    const CXBlock<int(int)> other = [](int) { return 0; };
+    const CXBlock<int(int)> block = [&calls](int add) { return calls += add; }, copy = block;
     EXPECT_EQ(copy(2), 2);
     EXPECT_EQ(block(3), 5);
     EXPECT_TRUE(block == copy);
-    EXPECT_FALSE(block == other);
+    EXPECT_FALSE(block == CXBlock<int(int)>([](int) { return 0; }));
     int (*const function)(int) = std::abs;
     int (*const nullFunction)(int) = nullptr;
-    EXPECT_FALSE(CXBlock<int(int)>());
     EXPECT_FALSE(CXBlock<int(int)>(nullFunction));
     EXPECT_FALSE(CXBlock<int(int)>(std::function<int(int)>()));
     EXPECT_FALSE(CXBlockRef<int(int)>(nullFunction));

@@ -125,7 +125,7 @@ TEST(RealtimeScheduling, leavesTheProcessAsItWasWhenRealtimeKitRefuses)
     EXPECT_EQ(runtimeLimit().rlim_max, before.rlim_max) << "without privileges it could not be raised again";
 }
 
-// The bus accepts the call and never replies. CTest's timeout detects an unbounded wait.
+// The bus accepts the call and never replies: half a minute without a limit.
 TEST(RealtimeScheduling, doesNotWaitLongForABusThatIsStuck)
 {
     giveUpPrivileges();
@@ -138,9 +138,8 @@ TEST(RealtimeScheduling, doesNotWaitLongForABusThatIsStuck)
     setenv(systemBus, ("unix:path=" + path).c_str(), 1);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(makeCurrentThreadRealtime().grant, RealtimeGrant::None);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
     EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15))
-        << "half a minute without a limit";
     close(listener);
     unlink(path.c_str());
 }
