@@ -109,5 +109,5 @@ private:
         }
     }
 
-    const Seam _seam;
+    Seam _seam;
 };

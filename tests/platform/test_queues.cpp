@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <future>
 #include <poll.h>
 #include <thread>
@@ -20,18 +21,15 @@ TEST(SerialQueue, runsAllWorkInOrderWhenReleasedAndDelayedWorkByItsDeadline)
     const uint64_t start = HostClock::nowTicks();
     {
         const CXRef<SerialQueue> queue = SerialQueue::initWithLabel("order");
-        queue->after(20'000'000, [&] {
-            order.push_back(2001);
-            last.set_value(HostClock::nowTicks());
-        });
-        queue->after(5'000'000, [&] { order.push_back(2000); });
+        queue->after(20'000'000, [&] { last.set_value(HostClock::nowTicks()); });
+        queue->after(5'000'000, [&] { order.push_back(INT_MAX); });
         for (int i = 0; i < 2000; ++i)
             queue->async([&order, i] { order.push_back(i); });
     }
     EXPECT_GE(last.get_future().get() - start, 20'000'000U);
-    EXPECT_EQ(order.size(), 2002U);
-    EXPECT_EQ(order.back(), 2001);
-    EXPECT_TRUE(std::ranges::is_sorted(order.begin(), std::ranges::find(order, 2000)));
+    EXPECT_EQ(order.size(), 2001U);
+    order.erase(std::ranges::find(order, INT_MAX)); // anywhere on a busy machine
+    EXPECT_TRUE(std::ranges::is_sorted(order));
 }
 
 TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
