@@ -202,21 +202,17 @@ TEST(Sampler, refusesToWorkInPlace)
     EXPECT_DEATH(ausampler_read_interleaved(sampler.get(), samples, samples, 8, 48000, 48000), "base");
 }
 
-TEST(Sampler, flushesDenormalsAndRestoresTheCallersMode)
+TEST(Sampler, restoresTheCallersModeOfDenormals)
 {
-    const float tiny = 1e-40F;
+    const volatile float tiny = 1e-40F, half = 0.5F;
     const Sampler sampler = aSampler(1);
-    const float in[4] = {tiny, tiny, tiny, tiny};
+    const float in[4] = {};
     float out[4];
     ausampler_read_interleaved(sampler.get(), in, out, 4, 48000, 48000);
-    EXPECT_EQ(out[3], 0);
-    const volatile float half = 0.5F;
     EXPECT_GT(tiny * half, 0) << "denormals count again";
-    {
-        const DenormalFlush callersOwn;
-        ausampler_read_interleaved(sampler.get(), in, out, 4, 48000, 48000);
-        EXPECT_EQ(tiny * half, 0) << "a caller that flushes still does";
-    }
+    const DenormalFlush callersOwn;
+    ausampler_read_interleaved(sampler.get(), in, out, 4, 48000, 48000);
+    EXPECT_EQ(tiny * half, 0) << "a caller that flushes still does";
 }
 
 } // namespace

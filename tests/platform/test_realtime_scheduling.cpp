@@ -37,18 +37,15 @@ public:
                                            &_service),
                   0);
         EXPECT_GE(sd_bus_request_name(_bus, name, 0), 0);
-        _thread = std::thread([this] {
-            while (!_stopped) {
-                while (sd_bus_process(_bus, nullptr) > 0) {
-                }
-                sd_bus_wait(_bus, 10'000);
-            }
+        _thread = std::jthread([this](const std::stop_token& stop) {
+            while (!stop.stop_requested())
+                if (sd_bus_process(_bus, nullptr) <= 0)
+                    sd_bus_wait(_bus, 10'000);
         });
     }
     ~FakeRealtimeKit()
     {
-        _stopped = true;
-        _thread.join();
+        _thread = {}; // ends it
         sd_bus_flush_close_unref(_bus);
     }
     FakeRealtimeKit(const FakeRealtimeKit&) = delete;
@@ -80,8 +77,7 @@ private:
 
     Service _service;
     sd_bus* _bus = nullptr;
-    std::atomic<bool> _stopped{false};
-    std::thread _thread;
+    std::jthread _thread;
 };
 
 rlimit runtimeLimit()
