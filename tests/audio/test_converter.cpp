@@ -16,9 +16,9 @@ using Body = std::function<void(uint64_t sampleTime, const DXRChannelEntry* samp
 
 class TestNode final : public DXRConverterNode {
 public:
-    static CXRef<TestNode> init(std::vector<uint32_t> usage, Body body)
+    static CXRef<TestNode> init(const std::vector<uint32_t>& usage, const Body& body)
     {
-        return CXRef<TestNode>::adopt(new TestNode(std::move(usage), std::move(body)));
+        return CXRef<TestNode>::adopt(new TestNode(usage, body));
     }
     std::vector<uint32_t> usageMap() const override { return _usage; }
     void performIOWithSampleTime(uint64_t sampleTime, const DXRChannelEntry* samples, uint64_t time) override
@@ -29,8 +29,7 @@ public:
     uint64_t hostTime = 0; ///< of the last cycle
 
 private:
-    TestNode(std::vector<uint32_t> usage, Body body) : _usage(std::move(usage)), _body(std::move(body)) {}
-    ~TestNode() override = default;
+    TestNode(const std::vector<uint32_t>& usage, const Body& body) : _usage(usage), _body(body) {}
     const std::vector<uint32_t> _usage;
     const Body _body;
 };
@@ -328,6 +327,13 @@ TEST(DXRAudioConverter, refusesRatesAndFramesThatCannotRun)
     Loop endless({44100, 512}, {44100, 0}, 1, {1});
     endless.cycle([](uint64_t) { return 1.0F; }, [](uint64_t, uint32_t, float) {});
     EXPECT_EQ(endless.sampleTime, 0U);
+}
+
+TEST(DXRAudioConverter, describesItsConversion)
+{
+    const std::string text = Loop({44100, 512}, {48000, 256}, 3, {3, 1}).converter->description();
+    EXPECT_TRUE(text.ends_with(
+        ", input [1, 3], output [1, 3], frameCount: 512 -> 256, sampleRate: 44100hz -> 48000hz>"));
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "CXException.h"
+#include "CXFourCharCode.h"
 #include "CXJSON.h"
 #include "CXPlistAdditions.h"
 #include "CXStringAdditions.h"
@@ -171,6 +172,8 @@ TEST(Strings, areCutCleanedAndReplaced)
     EXPECT_TRUE(uuid.size() == 36 && uuid[14] == '4' && std::string_view("89AB").find(uuid[19]) < 4) << uuid;
     EXPECT_NE(uuid, uuidString());
 
+    EXPECT_EQ(stringWithFourCharCode(CXFourCharCode("dprt")), "dprt");
+    EXPECT_EQ(stringWithFourCharCode(1), "00000001");
     char name[16];
     vt_setThreadName("fourteen bytesä");
     pthread_getname_np(pthread_self(), name, sizeof name);
@@ -210,12 +213,12 @@ TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
 
 TEST(TimeBase, scalesExactlyAndCutsTowardsZero)
 {
-    struct {
+    const struct {
         const char* why;
         uint64_t value;
         uint32_t multiplier, divisor;
         uint64_t result;
-    } const rows[] = {
+    } rows[] = {
         {"equal terms are untouched", UINT64_MAX - 1, 125, 125, UINT64_MAX - 1},
         {"a divisor of one", 5, 3, 1, 15},
         {"cut, not rounded", 2, 2, 3, 1},

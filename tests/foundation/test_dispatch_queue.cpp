@@ -1,6 +1,7 @@
 #include "CapturedLog.h"
 #include "Eventually.h"
 #include "Gate.h"
+#include "Privileges.h"
 #include "ReasonOf.h"
 #include "TestQueue.h"
 
@@ -112,8 +113,8 @@ TEST(CXDispatchQueue, assertsItsRulesWithFileAndLine)
     }
     const auto misplaced = [&queue] { CX_ASSERT_ON_QUEUE(queue); };
     const auto displaced = [&queue] { CX_ASSERT_NOT_ON_QUEUE(queue); };
-    EXPECT_NE(reasonOf(misplaced), "(none)");
-    EXPECT_NE(onQueue(displaced), "(none)");
+    EXPECT_NE(reasonOf(misplaced).find(" - [queue isDispatchedOnCurrentThread] "), std::string::npos);
+    EXPECT_NE(onQueue(displaced).find(" - ![queue isDispatchedOnCurrentThread] "), std::string::npos);
     EXPECT_EQ(onQueue(misplaced) + reasonOf(displaced), "(none)(none)");
 }
 
@@ -201,6 +202,19 @@ TEST(CXDispatchQueue, isRealTimeWhenSetRealTimeReturnsThoughItIsBorrowedAndATime
     later->dispatchSyncBypass([&] { later->setRealTime(); }); // must not wait for the queue's own thread
     later.settle();
     EXPECT_TRUE(isSettled(later->thread(), laterLog));
+}
+
+TEST(CXDispatchQueueDeathTest, logsARefusalOfRealTimeWithItsError)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto refused = [] {
+        giveUpPrivileges();
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+        const CXRef<CXDispatchQueue> queue = CXDispatchQueue::init();
+        queue->setRealTime();
+        std::exit(queue->realTimeGrant() == CXRealtimeGrant::None ? 0 : 1);
+    };
+    EXPECT_EXIT(refused(), testing::ExitedWithCode(0), "thread_policy_set returned 1 for period 1000000\n$");
 }
 
 // Pushing, borrowing an idle queue and firing a timer neither lock, allocate nor wait. The queue's thread,

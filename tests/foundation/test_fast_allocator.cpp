@@ -44,6 +44,19 @@ TEST(TFA, roundsEveryRequestUpToAPowerOfTwo)
     TFA_free(page);
 }
 
+TEST(TFA, carvesChunksInAscendingOrderAroundThePageBoundaries)
+{
+    for (size_t size = 16; size <= 4096; size *= 2) {
+        uintptr_t block = 0;
+        while (block % 16384 != 16) // until it is the first of a new chunk
+            block = addressOf(TFA_malloc(size));
+        const uintptr_t chunk = block - 16;
+        for (size_t offset = 16 + size; offset + size <= 16384; offset += size)
+            ASSERT_TRUE(offset % 4096 == 0 || addressOf(TFA_malloc(size)) == chunk + offset) << size;
+        EXPECT_NE(addressOf(TFA_malloc(size)) & ~uintptr_t{16383}, chunk) << size;
+    }
+}
+
 TEST(TFA, growsWithFarFewerMappingsThanChunks)
 {
     const auto mappingCount = [] {
