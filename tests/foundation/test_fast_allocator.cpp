@@ -120,28 +120,24 @@ TEST(CXTFAObject, takesItsMemoryFromTheFastAllocatorAndGivesItBack)
 }
 
 #ifndef DXR_SANITIZED // the sanitizers touch additional pages and exceed a limited address space
-/// Returns the page faults caused by the next `count` blocks of `size`.
-long pageFaultsDuring(size_t size, size_t count)
-{
-    rusage before{};
-    getrusage(RUSAGE_THREAD, &before);
-    for (size_t i = 0; i < count; ++i) {
-        const CXRealtimeScope realtime;
-        TFA_free(TFA_malloc(size));
-        auto* const block = static_cast<volatile char*>(TFA_malloc(size));
-        block[0] = 1;
-        block[size - 1] = 1;
-    }
-    rusage after{};
-    getrusage(RUSAGE_THREAD, &after);
-    return after.ru_minflt - before.ru_minflt;
-}
-
 TEST(TFA, reservedBlocksNeedNothingFromTheSystem)
 {
+    const auto pageFaults = [] {
+        rusage usage{};
+        getrusage(RUSAGE_THREAD, &usage);
+        return usage.ru_minflt;
+    };
     for (const size_t size : {size_t{64}, size_t{4096}, size_t{32768}, size_t{1} << 20}) {
         ASSERT_TRUE(TFA_reserve(size, 20));
-        EXPECT_EQ(pageFaultsDuring(size, 20), 0) << size;
+        const long before = pageFaults();
+        for (int i = 0; i < 20; ++i) {
+            const CXRealtimeScope realtime;
+            TFA_free(TFA_malloc(size));
+            auto* const block = static_cast<volatile char*>(TFA_malloc(size));
+            block[0] = 1;
+            block[size - 1] = 1;
+        }
+        EXPECT_EQ(pageFaults(), before) << size;
     }
     EXPECT_FALSE(TFA_reserve(SIZE_MAX, 1));
 }

@@ -11,12 +11,12 @@ namespace {
 /// Counts live objects; isWhole() returns false for a destroyed object.
 class Witness final : public CXTFAObject {
 public:
+    Witness() { ++alive; }
     static CXRef<Witness> init() { return CXRef<Witness>::adopt(new Witness); }
     static inline std::atomic<int> alive{0};
     bool isWhole() const noexcept { return _mark == 0x5EED; }
 
 private:
-    Witness() { ++alive; }
     ~Witness() override
     {
         _mark = 0;
