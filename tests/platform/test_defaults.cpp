@@ -135,26 +135,6 @@ TEST_F(Defaults, keepValuesForTheNextProcessAndFromOtherUsers)
     }
 }
 
-TEST_F(Defaults, notifyObserversOfTheirKeyOnly)
-{
-    inChild([&] {
-        std::atomic<int> ofA{0};
-        std::atomic<int> ofB{0};
-        const uint64_t observer = suite()->addObserver("a", [&] { ++ofA; });
-        suite()->addObserver("b", [&] { ++ofB; });
-        EXPECT_TRUE(write("a", "1"));
-        EXPECT_TRUE(eventually([&] { return ofA == 1; })) << "of this process";
-        Connection{file}("UPDATE entries SET value='2' WHERE key='a'");
-        EXPECT_TRUE(eventually([&] { return ofA == 2; })) << "of another";
-        EXPECT_EQ(contents(), "a=2 ");
-        suite()->removeObserver(observer);
-        EXPECT_TRUE(write("a", "3"));
-        EXPECT_TRUE(write("b", "1"));
-        EXPECT_TRUE(eventually([&] { return ofB == 1; }));
-        EXPECT_EQ(ofA, 2);
-    });
-}
-
 TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
 {
     const bool isRoot = geteuid() == 0;
@@ -346,27 +326,34 @@ TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)
     });
 }
 
-TEST_F(Defaults, followFilesAndFoldersThatAreExchanged)
+TEST_F(Defaults, notifyObserversOfTheirKeyAlsoWhenFilesAndFoldersAreExchanged)
 {
     inChild([&] {
-        std::atomic<int> calls{0};
-        suite()->addObserver("old", [&] { ++calls; });
+        std::atomic<int> calls{0}, others{0};
+        const uint64_t observer = suite()->addObserver("old", [&] { ++calls; });
+        suite()->addObserver("new", [&] { ++others; });
         EXPECT_TRUE(write("old", "1"));
-        EXPECT_TRUE(eventually([&] { return calls == 1; }));
+        EXPECT_TRUE(eventually([&] { return calls == 1; })) << "of this process";
+        Connection{file}("UPDATE entries SET value='2' WHERE key='old'");
+        EXPECT_TRUE(eventually([&] { return calls == 2; })) << "of another";
 
         fs::rename(folder, home / "away");
-        EXPECT_TRUE(eventually([&] { return calls == 2; })) << "gone with its folder";
+        EXPECT_TRUE(eventually([&] { return calls == 3; })) << "gone with its folder";
         fs::copy(home / "away", home / "new");
         fs::rename(home / "new", folder);
-        EXPECT_TRUE(eventually([&] { return calls == 3; })) << "there again";
-        EXPECT_EQ(contents(), "old=1 ");
+        EXPECT_TRUE(eventually([&] { return calls == 4; })) << "there again";
+        EXPECT_EQ(contents(), "old=2 ");
 
         for (const char* part : {"", "-wal", "-shm"})
             fs::remove(file.string() + part);
-        EXPECT_TRUE(eventually([&] { return calls == 4; })) << "gone with the file";
+        EXPECT_TRUE(eventually([&] { return calls == 5; })) << "gone with the file";
         EXPECT_FALSE(fs::exists(file)) << "and it is not made again unasked";
+        suite()->removeObserver(observer);
+        EXPECT_TRUE(write("old", "3"));
         EXPECT_TRUE(write("new", "1"));
-        EXPECT_EQ(contents(), "new=1 ");
+        EXPECT_TRUE(eventually([&] { return others == 1; }));
+        EXPECT_EQ(calls, 5);
+        EXPECT_EQ(contents(), "new=1 old=3 ");
     });
 }
 
