@@ -1,7 +1,7 @@
 #include "Resamplers.h"
 
-#include "PlainSampler.h"
 #include "RateConversion.h"
+#include "SamplerReference.h"
 #include "SamplerateResampler.h"
 #include "ausampler.h"
 
@@ -63,16 +63,18 @@ private:
 
 class Plain final : public Resampler {
 public:
-    Plain(uint32_t rateIn, uint32_t rateOut, uint32_t channels, PlainSampler::Seam seam)
+    Plain(uint32_t rateIn, uint32_t rateOut, uint32_t channels, SamplerReference::Seam seam)
         : _sampler(channels, seam), _rateIn(rateIn), _rateOut(rateOut)
     {}
     uint32_t convert(const float* input, uint32_t frames, float* output) override
     {
-        return _sampler.write(input, frames, output, _rateIn, _rateOut);
+        const uint32_t out = _sampler.framesOut(frames, _rateIn, _rateOut);
+        _sampler.move(input, frames, output, out, _rateIn, _rateOut);
+        return out;
     }
 
 private:
-    PlainSampler _sampler;
+    SamplerReference _sampler;
     const double _rateIn, _rateOut;
 };
 
@@ -208,8 +210,8 @@ const std::vector<ResamplerKind>& resamplerKinds()
     static const std::vector<ResamplerKind> kinds{
         kind<Ours>("dxr"),
         kind<OursHigh>("dxr, high quality"),
-        kind<Plain>("the same rules, plain", PlainSampler::Seam::Published),
-        kind<Plain>("plain, no block starts", PlainSampler::Seam::None),
+        kind<Plain>("the same rules, plain", SamplerReference::Seam::Published),
+        kind<Plain>("plain, no block starts", SamplerReference::Seam::None),
         kind<Feedback>("the filter's feedback only"),
         kind<Swresample>("libswresample, 8 taps", 8),
         kind<Swresample>("libswresample, default", 0),

@@ -2,31 +2,26 @@
 
 #include "DenormalFlush.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <numbers>
 #include <vector>
 
-/// A reference implementation of the sampler, one channel and one sample at a time. It does not check its
-/// reads: the caller must pass enough input.
+/// A reference implementation of the sampler, one channel and one sample at a time. The caller must pass enough input.
 class SamplerReference {
 public:
-    explicit SamplerReference(uint32_t channelCount) : channels(channelCount) {}
+    /// How the first frames of a block are interpolated: by the sampler's exception, or as if blocks did not exist, as
+    /// a peer would. The difference shows how much noise the exception causes.
+    enum class Seam { Published, None };
+
+    explicit SamplerReference(uint32_t channelCount, Seam seam = Seam::Published)
+        : channels(channelCount), _seam(seam)
+    {}
 
     uint32_t framesIn(uint32_t framesOut, double rateIn, double rateOut) const
     {
-        if (framesOut == 0 || rateIn == rateOut)
-            return framesOut;
-        const double ratio = rateIn / rateOut;
-        const uint32_t wanted = _needed(framesOut, ratio);
-        for (int k = 0;;) {
-            const double argument = (framesOut - phase) * ratio + k;
-            const auto candidate =
-                static_cast<uint32_t>(argument > 0 ? static_cast<float>(std::ceil(argument)) : 0);
-            if (candidate == wanted)
-                return candidate;
-            k += candidate > wanted ? -1 : 1;
-        }
+        return framesOut == 0 || rateIn == rateOut ? framesOut : _needed(framesOut, rateIn / rateOut);
     }
 
     uint32_t framesOut(uint32_t framesIn, double rateIn, double rateOut) const
@@ -71,8 +66,9 @@ private:
     }
 
     void _moveChannel(Channel& channel, const float* input, uint32_t in, float* output, uint32_t out,
-                      uint32_t width, double ratio)
+                      uint32_t width, double ratio) const
     {
+        const uint32_t exception = _seam == Seam::Published ? 3 : UINT32_MAX;
         const auto x = [&](uint32_t k) {
             return k < 4 ? channel.history[k] : input[size_t{std::min(k - 4, in - 1)} * width];
         };
@@ -80,7 +76,7 @@ private:
             const double position = _position(i, ratio);
             const uint32_t index = _index(position);
             const auto t = static_cast<float>(position - index);
-            const float p0 = index == 3 ? x(2) : x(index), p1 = x(index + 1), p2 = x(index + 2),
+            const float p0 = index == exception ? x(2) : x(index), p1 = x(index + 1), p2 = x(index + 2),
                         p3 = x(index + 3);
             output[size_t{i} * width] = p1 + t * 0.16666667F * (-2 * p0 - 3 * p1 + 6 * p2 - p3) +
                                         t * t * 0.5F * (p0 - 2 * p1 + p2) +
@@ -88,7 +84,7 @@ private:
         }
         if (ratio < static_cast<double>(0.95F))
             _filter(channel, output, out, width, ratio);
-        for (uint32_t k = 0; k < in; ++k) {
+        for (uint32_t k = in < 4 ? 0 : in - 4; k < in; ++k) {
             std::copy(channel.history + 1, channel.history + 4, channel.history);
             channel.history[3] = input[size_t{k} * width];
         }
@@ -112,4 +108,6 @@ private:
             channel.y1 = sample;
         }
     }
+
+    Seam _seam;
 };

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <memory>
+#include <numbers>
 
 extern "C" const char* useOfC(void);
 
@@ -22,13 +23,11 @@ Clock aClock(uint64_t abstime, uint64_t sampletime, double rate)
 // The host clock counts nanoseconds: frequency 1000000000/1.
 TEST(auclock, holdsTheRateAsTheFractionItIs)
 {
-    constexpr double pi = 3.14159265358979323846;
     const struct {
         const char* why;
         double rate;
         int64_t num, den; // 0: any fraction with this value
     } rows[] = {
-        {"whole", 44100, 44100, 1},
         {"half", 44100.5, 88201, 2},
         {"a double that is near 44100.1", 44100.1, 0, 0},
         {"negative", -48000, -48000, 1},
@@ -36,36 +35,20 @@ TEST(auclock, holdsTheRateAsTheFractionItIs)
         {"a third is cut at the best convergent", 1.0 / 3, 1, 3},
         {"not a number", std::nan(""), 0, 1},
         {"past 63 bits", 0x1p63, INT64_MAX, 1},
-        {"a denominator whose product with the host's frequency would overflow is cut", pi, 0, 0},
+        {"a denominator whose product with the host's frequency would overflow is cut", std::numbers::pi, 0,
+         0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
         const Clock clock = aClock(0, 0, row.rate);
-        const int64_t den = clock->abs_to_sample_den / 1'000'000'000;
-        if (row.den != 0) {
-            EXPECT_EQ(clock->abs_to_sample_num, row.num);
-            EXPECT_EQ(den, row.den);
-        } else {
-            EXPECT_NEAR(static_cast<double>(clock->abs_to_sample_num) / static_cast<double>(den), row.rate,
-                        row.rate * 1e-15);
-        }
-        EXPECT_EQ(static_cast<uint64_t>(clock->abs_to_sample_bias),
-                  static_cast<uint64_t>(clock->abs_to_sample_num) >> 1);
+        const int64_t num = clock->abs_to_sample_num, den = clock->abs_to_sample_den / 1'000'000'000;
+        EXPECT_TRUE(row.den == 0 || (num == row.num && den == row.den)) << num << "/" << den;
+        EXPECT_TRUE(row.den != 0 || std::abs(static_cast<double>(num) / static_cast<double>(den) -
+                                             row.rate) <= row.rate * 1e-15)
+            << num << "/" << den;
+        EXPECT_EQ(static_cast<uint64_t>(clock->abs_to_sample_bias), static_cast<uint64_t>(num) >> 1);
         EXPECT_EQ(clock->sample_to_abs_bias, 500'000'000);
     }
-}
-
-TEST(auclock, convertsAsPublished)
-{
-    const Clock clock = aClock(1000, 7, 44100);
-    EXPECT_EQ(auclock_sampletime_to_abstime(clock.get(), 8), 1000U + 34013);
-    EXPECT_EQ(auclock_abstime_to_sampletime(clock.get(), 1000), 7U);
-    const Clock copy{auclock_create_copy(clock.get()), auclock_destroy};
-    EXPECT_EQ(auclock_epoch_abstime(copy.get()), 1000U);
-    EXPECT_EQ(auclock_epoch_sampletime(copy.get()), 7U);
-    EXPECT_EQ(auclock_rate(copy.get()), 44100);
-    EXPECT_EQ(auclock_sampletime_to_abstime(copy.get(), 8), 1000U + 34013);
-    auclock_destroy(nullptr);
 }
 
 // Compares with plain 128-bit arithmetic, over the whole range and on both sides of the epoch. If the
@@ -78,7 +61,8 @@ TEST(auclock, dividesIn128Bits)
     };
     for (int i = 0; i < 200'000; ++i) {
         const double rate = i % 2 ? random.between(1.0, 400'000.0) : 8000 + random.below(192'000);
-        const Clock clock = aClock(word(), word(), rate);
+        const Clock original = aClock(word(), word(), rate);
+        const Clock clock{auclock_create_copy(original.get()), auclock_destroy};
         const uint64_t value = word();
         const CXRealtimeScope realtime;
         const auto expected = [value](uint64_t from, uint64_t to, int64_t times, int64_t bias, int64_t by) {

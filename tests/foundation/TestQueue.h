@@ -1,6 +1,7 @@
 #pragma once
 
 #include "CXDispatchQueue.h"
+#include "CXDispatchTimer.h"
 #include "CXTimeBase.h"
 
 #include <thread>
@@ -12,10 +13,18 @@ inline uint64_t now()
     return CXTimeBase::sharedTimeBase()->absoluteTime();
 }
 
+inline CXRef<CXDispatchTimer> timerFor(uint64_t deadline, uint64_t interval,
+                                       const CXDispatchTimer::Handler& handler)
+{
+    CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
+    timer->setTimeoutHandler(handler);
+    timer->setTimeoutAbsolute(deadline, interval);
+    return timer;
+}
+
 /// A queue for one test; the destructor cancels it.
 class TestQueue {
 public:
-    TestQueue() : _queue(CXDispatchQueue::initWithName("test")) {}
     ~TestQueue()
     {
         _queue->cancel();
@@ -37,5 +46,5 @@ public:
     }
 
 private:
-    const CXRef<CXDispatchQueue> _queue;
+    const CXRef<CXDispatchQueue> _queue = CXDispatchQueue::initWithName("test");
 };

@@ -101,6 +101,15 @@ void inChild(const std::function<void()>& body)
     EXPECT_TRUE(hasPassed);
 }
 
+/// Simulates a full disk, or room on it again.
+void limitFileSize(rlim_t bytes)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min(bytes, limit.rlim_max);
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
 /// Stores a value, as an earlier run would have.
 void keepSomething()
 {
@@ -126,26 +135,6 @@ TEST_F(Defaults, keepValuesForTheNextProcessAndFromOtherUsers)
     }
 }
 
-TEST_F(Defaults, notifyObserversOfTheirKeyOnly)
-{
-    inChild([&] {
-        std::atomic<int> ofA{0};
-        std::atomic<int> ofB{0};
-        const uint64_t observer = suite()->addObserver("a", [&] { ++ofA; });
-        suite()->addObserver("b", [&] { ++ofB; });
-        EXPECT_TRUE(write("a", "1"));
-        EXPECT_TRUE(eventually([&] { return ofA == 1; })) << "of this process";
-        Connection{file}("UPDATE entries SET value='2' WHERE key='a'");
-        EXPECT_TRUE(eventually([&] { return ofA == 2; })) << "of another";
-        EXPECT_EQ(contents(), "a=2 ");
-        suite()->removeObserver(observer);
-        EXPECT_TRUE(write("a", "3"));
-        EXPECT_TRUE(write("b", "1"));
-        EXPECT_TRUE(eventually([&] { return ofB == 1; }));
-        EXPECT_EQ(ofA, 2);
-    });
-}
-
 TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
 {
     const bool isRoot = geteuid() == 0;
@@ -159,38 +148,29 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
             setenv("XDG_DATA_HOME", dataFolder, 1);
         };
     };
-    const std::string chownAll = isRoot ? "chown 65534 . dxr && " : "";
+    const std::string database = "'dxr/" + suiteName + ".db'",
+                      chownAll = isRoot ? "chown 65534 . dxr && " : "";
+    const std::string foreign = isRoot ? (home / "foreign").string() : "/usr";
     struct {
         const char* why;
         std::function<void()> arrange;
         const char* complaint; ///< expected in the only log line
     } const rows[] = {
-        {"no home at all", environment("", ""), "no home directory"},
+        {"no home, and a relative data directory counts as none", environment("", "relative"),
+         "no home directory"},
         {"a home that does not exist", environment(home / "nobody", ""), "No such file"},
-        {"a relative data directory counts as none", environment("", "relative"), "no home directory"},
-        {"another user's home, as root has with sudo -E",
-         [&] {
-             fs::create_directory(home / "foreign");
-             EXPECT_EQ(chown((home / "foreign").c_str(), isRoot ? 65534 : geteuid(), getegid()), 0);
-             environment(isRoot ? (home / "foreign").string() : "/usr", "")();
-         },
+        {"another user's home, as root has with sudo -E", environment(foreign, ""),
          "belongs to another user"},
         {"a file in place of the folder", shell("rmdir dxr && echo x > dxr"), "is not a folder"},
-        {"a folder in place of the file", shell("mkdir 'dxr/" + suiteName + ".db'"), "is not a file"},
-        {"a pipe in place of the file", shell("mkfifo 'dxr/" + suiteName + ".db'"), "is not a file"},
-        {"a link in place of the file",
-         shell("echo precious > victim && ln -s ../victim 'dxr/" + suiteName + ".db'"), "is a link"},
+        {"a pipe in place of the file", shell("mkfifo " + database), "is not a file"},
+        {"a link in place of the file", shell("echo precious > victim && ln -s ../victim " + database),
+         "is a link"},
         {"a link in place of the folder", shell("mv dxr elsewhere && ln -s elsewhere dxr"), "is a link"},
         {"a folder that others may write to", shell("chmod g+w dxr"), "chmod go-w"},
         {"another program's database", sql("CREATE TABLE theirs(x)"), "another program's"},
         {"a later version's", sql("PRAGMA application_id=1685615187; PRAGMA user_version=2"),
          "later version"},
-        {"a full disk",
-         [] {
-             const rlimit limit{1000, 1000};
-             setrlimit(RLIMIT_FSIZE, &limit);
-         },
-         "disk I/O error"},
+        {"a full disk", [] { limitFileSize(1000); }, "disk I/O error"},
         {"a folder that may not be written",
          [&] {
              keepSomething();
@@ -201,6 +181,8 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
+        fs::create_directory(home / "foreign");
+        EXPECT_EQ(chown((home / "foreign").c_str(), isRoot ? 65534 : geteuid(), getegid()), 0);
         inChild([&] {
             row.arrange();
             const std::string before = *row.complaint ? "" : "old=1 "; // readable from the folder
@@ -231,10 +213,7 @@ TEST_F(Defaults, areStoredOnceTheDiskHasRoomAgain)
     keepSomething();
     inChild([] {
         const CapturedLog log;
-        rlimit limit{};
-        getrlimit(RLIMIT_FSIZE, &limit);
-        limit.rlim_cur = 1000;
-        setrlimit(RLIMIT_FSIZE, &limit);
+        limitFileSize(1000);
         for (int i = 0; i < 1500; ++i) // more changes than are kept individually
             EXPECT_FALSE(write("count", std::to_string(i)));
         EXPECT_EQ(log.lines().size(), 1U);
@@ -242,22 +221,15 @@ TEST_F(Defaults, areStoredOnceTheDiskHasRoomAgain)
         pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
         EXPECT_EQ(sigismember(&blocked, SIGXFSZ), 0) << "only while it stores";
         EXPECT_EQ(contents(), "count=1499 ") << "the stored value cannot be read either";
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_FSIZE, &limit);
+        limitFileSize(RLIM_INFINITY);
         EXPECT_TRUE(suite()->synchronize());
     });
-    inChild([] { EXPECT_EQ(contents(), "count=1499 old=1 "); });
-
     inChild([&] { // without being asked to, and without an event
-        rlimit limit{};
-        getrlimit(RLIMIT_FSIZE, &limit);
         EXPECT_EQ(contents(), "count=1499 old=1 ");
-        limit.rlim_cur = 1000;
-        setrlimit(RLIMIT_FSIZE, &limit);
+        limitFileSize(1000);
         EXPECT_FALSE(write("late", "1"));
         const auto before = fs::last_write_time(file);
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_FSIZE, &limit);
+        limitFileSize(RLIM_INFINITY);
         EXPECT_TRUE(eventually([&] { return fs::last_write_time(file) != before; }));
     });
     inChild([] { EXPECT_EQ(contents(), "count=1499 late=1 old=1 "); });
@@ -275,57 +247,45 @@ TEST_F(Defaults, setDamagedFilesAside)
     Connection{file}("PRAGMA wal_checkpoint(TRUNCATE)");
     const std::string good = textOf(file);
     const std::string garbage(5000, 'g');
-    struct {
-        const char* why;
-        std::string bytes;
-    } const rows[] = {
+    const std::pair<const char*, std::string> rows[] = {
         {"no database at all", garbage},
         {"its head is there", good.substr(0, 4096) + garbage},
         {"half of it", good.substr(0, 4096)},
         {"a short file", "x"}, // SQLite would overwrite it
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.why);
+    for (const auto& [why, bytes] : rows) {
+        SCOPED_TRACE(why);
         for (const char* log : {"-wal", "-shm"}) // otherwise the log would repair the file
             fs::remove(file.string() + log);
-        std::ofstream(file, std::ios::binary | std::ios::trunc) << row.bytes;
+        std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
         inChild([&] {
             const CapturedLog log;
             EXPECT_EQ(contents(), "");
             EXPECT_TRUE(write("a", "1"));
             EXPECT_EQ(log.lines().size(), 1U);
         });
-        EXPECT_TRUE(isSetAside(row.bytes));
+        EXPECT_TRUE(isSetAside(bytes));
         inChild([] { EXPECT_EQ(contents(), "a=1 "); });
     }
 
-    // The file is damaged while in use, which is detected after writing has begun: the known values are stored at
-    // once.
-    const struct {
-        const char* why;
-        bool isReadAgain; ///< another process has written; otherwise SQLite has the pages in memory
-        int kept;         ///< bytes of the file's head that stay
-    } damages[] = {
-        {"no head", true, 0},
-        {"no head, and nobody reads it", false, 0},
-        {"nothing but a head", true, 16},
-    };
+    // Damage while the file is in use is detected after writing has begun: the known values are stored at once.
+    // If another process has written, SQLite reads the pages again; otherwise it has them in memory.
     char filler = 'b';
-    for (const auto& damage : damages) {
-        SCOPED_TRACE(damage.why);
+    for (const auto& [isReadAgain, keptBytes] : {std::pair(true, 0), {false, 0}, {true, 16}}) {
+        SCOPED_TRACE(filler);
         const std::string value(9000, filler++);
         const std::string all = "a=1 b=" + value + " c=3 ";
-        inChild([&] {
+        inChild([&, isReadAgain = isReadAgain, keptBytes = keptBytes] {
             EXPECT_TRUE(write("b", value));
             Connection other(file);
             other("PRAGMA wal_checkpoint(TRUNCATE)");
-            if (damage.isReadAgain)
+            if (isReadAgain)
                 other("UPDATE entries SET value=value WHERE key='a'");
             else
                 EXPECT_TRUE(write("c", "2"));
             const CapturedLog log;
-            std::fstream(file, std::ios::binary | std::ios::in | std::ios::out).seekp(damage.kept)
-                << std::string(size_t{4} * 4096, 'x');
+            std::fstream(file, std::ios::binary | std::ios::in | std::ios::out).seekp(keptBytes)
+                << std::string(16'384, 'x');
             EXPECT_TRUE(write("c", "3"));
             EXPECT_EQ(log.lines().size(), 1U) << testing::PrintToString(log.lines());
             EXPECT_EQ(contents(), all);
@@ -366,27 +326,34 @@ TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)
     });
 }
 
-TEST_F(Defaults, followFilesAndFoldersThatAreExchanged)
+TEST_F(Defaults, notifyObserversOfTheirKeyAlsoWhenFilesAndFoldersAreExchanged)
 {
     inChild([&] {
-        std::atomic<int> calls{0};
-        suite()->addObserver("old", [&] { ++calls; });
+        std::atomic<int> calls{0}, others{0};
+        const uint64_t observer = suite()->addObserver("old", [&] { ++calls; });
+        suite()->addObserver("new", [&] { ++others; });
         EXPECT_TRUE(write("old", "1"));
-        EXPECT_TRUE(eventually([&] { return calls == 1; }));
+        EXPECT_TRUE(eventually([&] { return calls == 1; })) << "of this process";
+        Connection{file}("UPDATE entries SET value='2' WHERE key='old'");
+        EXPECT_TRUE(eventually([&] { return calls == 2; })) << "of another";
 
         fs::rename(folder, home / "away");
-        EXPECT_TRUE(eventually([&] { return calls == 2; })) << "gone with its folder";
+        EXPECT_TRUE(eventually([&] { return calls == 3; })) << "gone with its folder";
         fs::copy(home / "away", home / "new");
         fs::rename(home / "new", folder);
-        EXPECT_TRUE(eventually([&] { return calls == 3; })) << "there again";
-        EXPECT_EQ(contents(), "old=1 ");
+        EXPECT_TRUE(eventually([&] { return calls == 4; })) << "there again";
+        EXPECT_EQ(contents(), "old=2 ");
 
         for (const char* part : {"", "-wal", "-shm"})
             fs::remove(file.string() + part);
-        EXPECT_TRUE(eventually([&] { return calls == 4; })) << "gone with the file";
+        EXPECT_TRUE(eventually([&] { return calls == 5; })) << "gone with the file";
         EXPECT_FALSE(fs::exists(file)) << "and it is not made again unasked";
+        suite()->removeObserver(observer);
+        EXPECT_TRUE(write("old", "3"));
         EXPECT_TRUE(write("new", "1"));
-        EXPECT_EQ(contents(), "new=1 ");
+        EXPECT_TRUE(eventually([&] { return others == 1; }));
+        EXPECT_EQ(calls, 5);
+        EXPECT_EQ(contents(), "new=1 old=3 ");
     });
 }
 

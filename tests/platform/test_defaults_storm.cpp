@@ -1,13 +1,14 @@
 #include "DefaultsSuite.h"
+#include "Eventually.h"
 #include "Random.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <csignal>
+#include <numeric>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 // Eight processes increment counters in one suite, each its own and all of them a common one, while every 50
@@ -16,11 +17,9 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 using dxr::DefaultsChanges;
 using dxr::DefaultsSnapshot;
 using dxr::DefaultsSuite;
-using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t writerCount = 8;
 
@@ -31,47 +30,40 @@ struct Board {
     std::atomic<uint32_t> lost, ended, agreed;
 };
 
-std::string nameOf(uint32_t writer)
-{
-    return "writer" + std::to_string(writer);
-}
-
-int64_t countIn(const DefaultsSnapshot& snapshot, const std::string& key)
+int64_t countOf(const std::string& key, const DefaultsSnapshot& snapshot)
 {
     const auto row = snapshot.row(key);
     return row ? std::stoll(row->value()) : 0;
 }
 
+int64_t sumOf(const Board& board)
+{
+    return std::accumulate(board.stored.begin(), board.stored.end(), int64_t{0});
+}
+
 [[noreturn]] void runWriter(uint32_t writer, Board& board, uint32_t seed)
 {
     const CXRef<DefaultsSuite> suite = DefaultsSuite::suiteNamed("storm");
-    const std::string name = nameOf(writer);
-    if (countIn(*suite->snapshot(), name) < board.stored[writer])
-        ++board.lost;
+    const std::string name = std::to_string(writer);
+    board.lost += countOf(name, *suite->snapshot()) < board.stored[writer] ? 1 : 0;
     Random random(seed);
-    for (bool isOver = false; !isOver; isOver = board.isOver) {
-        suite->update([name](const DefaultsSnapshot& now) {
-            const int64_t own = countIn(now, name) + 1;
-            return DefaultsChanges{{name, std::to_string(own)},
-                                   {"sum", std::to_string(countIn(now, "sum") + 1)}};
-        });
-        const int64_t count = countIn(*suite->snapshot(), name);
-        if (suite->synchronize())
+    bool isStored = false;
+    for (bool isOver = false; !isOver || !isStored; isOver = board.isOver) {
+        if (!isOver)
+            suite->update([name](const DefaultsSnapshot& now) {
+                return DefaultsChanges{{name, std::to_string(countOf(name, now) + 1)},
+                                       {"sum", std::to_string(countOf("sum", now) + 1)}};
+            });
+        const int64_t count = countOf(name, *suite->snapshot());
+        isStored = suite->synchronize();
+        if (isStored)
             board.stored[writer] = count;
         std::this_thread::sleep_for(std::chrono::microseconds(random.below(500)));
     }
-    while (!suite->synchronize()) {
-    }
-    board.stored[writer] = countIn(*suite->snapshot(), name);
     ++board.ended;
-    const Clock::time_point deadline = Clock::now() + 40s;
-    for (bool hasAgreed = false; !hasAgreed && Clock::now() < deadline; std::this_thread::sleep_for(1ms)) {
-        int64_t sum = 0;
-        for (const auto& each : board.stored)
-            sum += each;
-        hasAgreed = board.ended == writerCount && countIn(*suite->snapshot(), "sum") == sum;
-        board.agreed += hasAgreed ? 1 : 0;
-    }
+    const bool hasAgreed = eventually(
+        [&] { return board.ended == writerCount && countOf("sum", *suite->snapshot()) == sumOf(board); });
+    board.agreed += hasAgreed ? 1 : 0;
     _exit(0);
 }
 
@@ -92,9 +84,8 @@ TEST(DefaultsStorm, losesNoStoredEditAndAgreesInTheEnd)
     for (uint32_t writer = 0; writer < writerCount; ++writer)
         start(writer);
     const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
-    for (const auto end = Clock::now() + std::chrono::seconds(seconds ? std::atoi(seconds) : 3);
-         Clock::now() < end;) {
-        std::this_thread::sleep_for(50ms);
+    for (int kills = 20 * (seconds ? std::atoi(seconds) : 3); kills > 0; --kills) {
+        sleepForMilliseconds(50);
         const uint32_t victim = random.below(writerCount);
         kill(writers[victim], SIGKILL);
         waitpid(writers[victim], nullptr, 0);
@@ -106,12 +97,9 @@ TEST(DefaultsStorm, losesNoStoredEditAndAgreesInTheEnd)
     EXPECT_EQ(board.agreed, writerCount);
     EXPECT_EQ(board.lost, 0U);
     const CXRef<DefaultsSnapshot> last = DefaultsSuite::suiteNamed("storm")->snapshot();
-    int64_t sum = 0;
-    for (uint32_t writer = 0; writer < writerCount; ++writer) {
-        sum += countIn(*last, nameOf(writer));
-        EXPECT_GE(countIn(*last, nameOf(writer)), board.stored[writer]);
-    }
-    EXPECT_EQ(countIn(*last, "sum"), sum) << "an edit was stored in part";
+    for (uint32_t writer = 0; writer < writerCount; ++writer)
+        EXPECT_EQ(countOf(std::to_string(writer), *last), board.stored[writer]);
+    EXPECT_EQ(countOf("sum", *last), sumOf(board)) << "an edit was stored in part";
 }
 
 } // namespace
