@@ -132,25 +132,4 @@ TEST_F(LatencyTest, isInTheTimesOfBlocksBehindARing)
     EXPECT_LT(framesOffAfter(1), 1);
 }
 
-TEST_F(LatencyTest, saysWhatHoldsTheFrames)
-{
-    plug(duplex("one", {256, 48000, 1, 16, 40}));
-    plug(duplex("other", {256, 48000, 2, 24, 7}));
-    measuredDelay("one", "other", 100, 48000);
-    const std::vector<DXRDeviceLatency> all = runner->latencies();
-    ASSERT_EQ(all.size(), 2U);
-    const auto partsOf = [](const DXRDeviceLatency& each) {
-        return std::vector{each.deviceFrames, each.safetyOffsetFrames, each.cycleFrames, each.blockFrames,
-                           each.sampleRate};
-    };
-    EXPECT_TRUE(all[0].isInput && all[0].deviceUID == "one");
-    EXPECT_EQ(partsOf(all[0]), (std::vector<double>{40, 16, 256, 0, 48000}));
-    EXPECT_TRUE(!all[1].isInput && all[1].deviceUID == "other");
-    EXPECT_EQ(partsOf(all[1]), (std::vector<double>{7, 24, 256, 100, 48000}));
-    EXPECT_EQ(all[0].ringFrames, 0) << "the clock";
-    EXPECT_GT(all[1].ringFrames, 256);
-    EXPECT_EQ(all[0].converterFrames + all[1].converterFrames, 100) << "half a block either way";
-    EXPECT_EQ(all[1].seconds(), all[1].frames() / 48000);
-}
-
 } // namespace
