@@ -13,23 +13,6 @@ using DXRDeviceNodeTest = ManagedComputer;
 
 const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 
-/// Streams of these widths, contiguous in memory, with a different value in every sample.
-struct Hardware {
-    Hardware(const std::vector<uint32_t>& widths, uint32_t frameCount)
-        : samples(std::accumulate(widths.begin(), widths.end(), size_t{0}) * frameCount)
-    {
-        std::iota(samples.begin(), samples.end(), 1.0F);
-        float* stream = samples.data();
-        for (const uint32_t width : widths) {
-            for (uint32_t channel = 0; channel < width; ++channel)
-                entries.push_back({stream + channel, width});
-            stream += size_t{width} * frameCount;
-        }
-    }
-    std::vector<float> samples;
-    std::vector<DXRChannelEntry> entries;
-};
-
 std::vector<uint32_t> upTo(uint32_t count)
 {
     std::vector<uint32_t> numbers(count);
@@ -55,31 +38,39 @@ TEST(FrameCopy, movesChannelsAsTheRuleSays)
         {"gaps", {2, 1, 1}, {0, 2, 0, 3, 4, 0}},
         {"the same twice", {2, 1}, {1, 1, 3, 3}},
     };
+    const auto check = [](const std::vector<uint32_t>& streams, const std::vector<uint32_t>& map,
+                          uint32_t frameCount) {
+        std::vector<float> samples(2200);
+        std::iota(samples.begin(), samples.end(), 1.0F);
+        std::vector<DXRChannelEntry> entries;
+        size_t begin = 0; // of the stream
+        for (const uint32_t width : streams) {
+            for (uint32_t channel = 0; channel < width; ++channel)
+                entries.push_back({samples.data() + begin + channel, width});
+            begin += size_t{width} * frameCount;
+        }
+        const auto channels = static_cast<uint32_t>(map.size());
+        std::vector<float> frames(size_t{channels} * frameCount, -1);
+        copyEntriesToFrames(entries.data(), map, {frames.data(), channels, frameCount});
+        std::vector<float> expected = samples;
+        for (uint32_t i = 0; i < channels * frameCount; ++i) {
+            const uint32_t channel = map[i % channels], frame = i / channels;
+            const DXRChannelEntry entry = channel == 0 ? DXRChannelEntry{} : entries[channel - 1];
+            ASSERT_EQ(frames[i], channel == 0 ? -1 : entry.samples[frame * entry.stride]);
+            frames[i] *= -2;
+            if (channel != 0)
+                expected[static_cast<size_t>(entry.samples - samples.data()) + frame * entry.stride] =
+                    frames[i];
+        }
+        copyFramesToEntries({frames.data(), channels, frameCount}, map, entries.data());
+        ASSERT_EQ(samples, expected);
+    };
     for (const InstructionSet& set : availableInstructionSets()) {
         useInstructionSet(set);
         for (const auto& row : rows) {
-            const std::vector<uint32_t>& map = row.map;
             for (const uint32_t frameCount : {1U, 7U, 8U, 67U}) {
                 SCOPED_TRACE(std::string(set.name) + ", " + row.what + ", " + std::to_string(frameCount));
-                const auto channels = static_cast<uint32_t>(map.size());
-                Hardware hardware(row.streams, frameCount), reference(row.streams, frameCount);
-                std::vector<float> frames(size_t{channels} * frameCount, -1), expected = frames;
-                const auto byTheRule = [&](const auto& move) {
-                    for (uint32_t c = 0; c < channels; ++c) {
-                        for (uint32_t k = 0; k < frameCount && map[c] != 0; ++k) {
-                            const DXRChannelEntry& entry = reference.entries[map[c] - 1];
-                            move(expected[k * channels + c], entry.samples[k * entry.stride]);
-                        }
-                    }
-                };
-                byTheRule([](float& frame, float& sample) { frame = sample; });
-                copyEntriesToFrames(hardware.entries.data(), map, {frames.data(), channels, frameCount});
-                ASSERT_EQ(frames, expected);
-                std::ranges::transform(frames, frames.begin(), [](float x) { return -2 * x; });
-                expected = frames;
-                byTheRule([](float& frame, float& sample) { sample = frame; });
-                copyFramesToEntries({frames.data(), channels, frameCount}, map, hardware.entries.data());
-                ASSERT_EQ(hardware.samples, reference.samples);
+                check(row.streams, row.map, frameCount);
             }
         }
     }
