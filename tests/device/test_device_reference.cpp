@@ -94,11 +94,13 @@ TEST(DeviceReference, comparesAttributes)
 
 TEST(GenericUID, blanksThePartsThatDependOnThePlace)
 {
+    const auto engine = [](const char* rest) { return std::string("AppleUSBAudioEngine:") + rest; };
+    const auto display = [](const char* rest) { return std::string("AppleGFXHDAEngineOutputDP:") + rest; };
     const Bus bus({{0x14100000}, {0}, {0x03140000}, {0xABCDEF12}},
-                  {{"AppleUSBAudioEngine:Maker:Product:SERIAL1:1", "SERIAL1", 0x14100000, {}, {}},
-                   {"AppleUSBAudioEngine:Maker:Product:14100000:2,1", {}, 0x14100000, {}, {}},
-                   {"AppleUSBAudioEngine:Maker:Other:S:1", "T", 0x14100000, {}, {}},
-                   {"AppleUSBAudioEngine:Short:1", "Short", 0x14100000, {}, {}}});
+                  {{engine("M:P:SERIAL1:1"), "SERIAL1", 0x14100000, {}, {}},
+                   {engine("M:P:14100000:2,1"), {}, 0x14100000, {}, {}},
+                   {engine("M:Other:S:1"), "T", 0x14100000, {}, {}},
+                   {engine("Short:1"), "Short", 0x14100000, {}, {}}});
     const std::optional<std::string> none;
     struct {
         const char* why;
@@ -106,14 +108,11 @@ TEST(GenericUID, blanksThePartsThatDependOnThePlace)
         std::string uid;
         std::optional<std::string> generic;
     } const rows[] = {
-        {"the engine's own serial number stays", usb, "AppleUSBAudioEngine:Maker:Product:SERIAL1:1",
-         "AppleUSBAudioEngine:Maker:Product:SERIAL1:"},
-        {"no serial number", usb, "AppleUSBAudioEngine:Maker:Product:14100000:2,1",
-         "AppleUSBAudioEngine:Maker:Product::"},
-        {"another's serial number", usb, "AppleUSBAudioEngine:Maker:Other:S:1",
-         "AppleUSBAudioEngine:Maker:Other::"},
-        {"an engine that is not there", usb, "AppleUSBAudioEngine:Maker:Product:SERIAL2:1", none},
-        {"too few parts", usb, "AppleUSBAudioEngine:Short:1", none},
+        {"its own serial number stays", usb, engine("M:P:SERIAL1:1"), engine("M:P:SERIAL1:")},
+        {"no serial number", usb, engine("M:P:14100000:2,1"), engine("M:P::")},
+        {"another's serial number", usb, engine("M:Other:S:1"), engine("M:Other::")},
+        {"an engine that is not there", usb, engine("M:P:SERIAL2:1"), none},
+        {"too few parts", usb, engine("Short:1"), none},
         {"a location", usb, "model:14100000.out", "model:"},
         {"in either case", usb, "model-abcdef12", "model-"},
         {"bus below 16 with its zero", usb, "model:03140000", "model:"},
@@ -125,9 +124,9 @@ TEST(GenericUID, blanksThePartsThatDependOnThePlace)
         {"too near the start", usb, ":14100000", none},
         {"the device listed first decides", usb, "m:03140000:14100000", "m:03140000:"},
         {"0 is no location", usb, "model:00000000", none},
-        {"a display", displayPort, "AppleGFXHDAEngineOutputDP:a:b:c:{d}", "AppleGFXHDAEngineOutputDP::::{d}"},
-        {"a display with too few parts", displayPort, "AppleGFXHDAEngineOutputDP:a:{d}", none},
-        {"no display", usb, "AppleGFXHDAEngineOutputDP:a:b:c:{d}", none},
+        {"a display", displayPort, display("a:b:c:{d}"), display(":::{d}")},
+        {"a display with too few parts", displayPort, display("a:{d}"), none},
+        {"no display", usb, display("a:b:c:{d}"), none},
         {"another bus", kAudioDeviceTransportTypePCI, "model:14100000", none},
     };
     for (const auto& row : rows)

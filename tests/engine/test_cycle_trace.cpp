@@ -61,7 +61,6 @@ TEST_F(RunnerTrace, recordsCyclesAsTheyWere)
     ASSERT_TRUE(other->setCycleTrace(trace));
     EXPECT_FALSE(runner->setCycleTrace(trace)) << "of another runner";
     ASSERT_TRUE(other->setCycleTrace(nullptr) && runner->setCycleTrace(trace));
-    EXPECT_TRUE(records().empty()) << "nothing runs";
     runner->start();
     hal.stepCycles(3);
     hal.loseCycles("out", 2);
@@ -69,20 +68,16 @@ TEST_F(RunnerTrace, recordsCyclesAsTheyWere)
     const std::vector<DXRCycleRecord> all = records();
     ASSERT_EQ(all.size(), 7U);
     EXPECT_EQ(all[0].event, Event::ContextStarted);
-    EXPECT_LE(all[0].beginTicks, all[0].endTicks);
-    uint64_t lost = 0;
     for (size_t i = 1; i < all.size(); ++i) {
         const DXRCycleRecord& each = all[i];
         EXPECT_TRUE(each.event == Event::Cycle && each.context == Context::Device && each.contextNumber == 1);
         EXPECT_EQ(each.deviceID, device("out", output)->deviceID());
         EXPECT_TRUE(each.frameCount == 256 && each.runnerFrameCount == 256);
         EXPECT_EQ(each.sampleTime, (i - 1) * 256);
+        EXPECT_EQ(each.deviceSampleTime - all[1].deviceSampleTime, (i < 4 ? i - 1 : i + 1) * 256);
         EXPECT_NEAR(static_cast<double>(each.deadlineTicks - each.dueTicks), 256 / 48e3 * 1e9, 1.0);
         EXPECT_TRUE(each.beginTicks <= each.blocksBeginTicks && each.blocksBeginTicks <= each.endTicks);
-        if (i > 1)
-            lost += each.deviceSampleTime - all[i - 1].deviceSampleTime - 256;
     }
-    EXPECT_EQ(lost, 512U);
     const DXRRunnerCounts counts = runner->counts();
     EXPECT_EQ(counts.cycles, 6U);
     EXPECT_EQ(counts.devices.at(0).uid, "out");
