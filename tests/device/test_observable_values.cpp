@@ -46,13 +46,11 @@ protected:
     ObservableValues()
     {
         observations =
-            lamp->kvo->observe(DXRKVOHelper::Keys{"color", "level", "bulb"},
-                               [this](const std::string& key, DXRKVOChange change) {
-                                   const std::string value = key == "color"   ? lamp->color()
-                                                             : key == "level" ? std::to_string(lamp->level())
-                                                                              : "?";
-                                   heard.push_back(key + (change == DXRKVOChange::Will ? "<" : ">") + value);
-                               });
+            lamp->kvo->observe(lamp->kvo->observableKeys(), [this](const std::string& key, auto change) {
+                const std::string level = std::to_string(lamp->level());
+                const std::string value = key == "color" ? lamp->color() : key == "level" ? level : "?";
+                heard.push_back(key + (change == DXRKVOChange::Will ? "<" : ">") + value);
+            });
     }
     Texts heardSinceLast() { return std::exchange(heard, {}); }
 

@@ -1,4 +1,3 @@
-#include "ChannelLayout.h"
 #include "DXRDeviceNode.h"
 #include "FrameCopy.h"
 #include "InstructionSet.h"
@@ -73,34 +72,6 @@ TEST(FrameCopy, movesChannelsAsTheRuleSays)
                 check(row.streams, row.map, frameCount);
             }
         }
-    }
-}
-
-// Maps a node's channels to those of its context: parts in any order, absent, unknown, or of another width.
-TEST(ChannelLayout, findsEveryChannelOfANodeAmongThoseOfItsContext)
-{
-    const ChannelPart a{"a", {2, 1}, true}, b{"b", {3, 2}, true}, c{"c", {0, 4}, true};
-    ChannelPart absent = a, wide = b;
-    absent.isThere = false;
-    wide.channelCounts = {5, 2};
-    using Map = std::vector<uint32_t>;
-    const struct {
-        const char* what;
-        ChannelLayout node, context;
-        Map inputs, outputs;
-    } rows[] = {
-        {"the device itself", {a}, {a}, {1, 2}, {1}},
-        {"behind others", {b}, {a, c, b}, {3, 4, 5}, {6, 7}},
-        {"parts in another order", {b, a}, {a, b}, {3, 4, 5, 1, 2}, {2, 3, 1}},
-        {"an absent part keeps its place", {absent, b}, {b}, {0, 0, 1, 2, 3}, {0, 1, 2}},
-        {"an absent part that the context has", {absent, b}, {a, b}, {0, 0, 3, 4, 5}, {0, 2, 3}},
-        {"a part that the context does not have", {a, b}, {c, b}, {0, 0, 1, 2, 3}, {0, 5, 6}},
-        {"more channels than the context knows of", {wide}, {a, b}, {3, 4, 5, 0, 0}, {2, 3}},
-        {"nothing", {}, {a, b}, {}, {}},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(channelMapBetween(row.node, row.context, true), row.inputs) << row.what;
-        EXPECT_EQ(channelMapBetween(row.node, row.context, false), row.outputs) << row.what;
     }
 }
 

@@ -50,11 +50,10 @@ protected:
     CXPlist composition()
     {
         for (const AudioObjectID each : readDevices(hal)) {
-            const auto uid = readText(hal, each, at(kAudioDevicePropertyDeviceUID));
-            if (!uid || !uid->starts_with("DXR:"))
-                continue;
             const auto made = readValue<CXObject*>(hal, each, at(kAudioAggregateDevicePropertyComposition));
-            return made ? CXRefCast<CXValue>(CXRef<CXObject>::adopt(*made))->plist() : CXPlist();
+            if (made &&
+                readText(hal, each, at(kAudioDevicePropertyDeviceUID)).value_or("").starts_with("DXR:"))
+                return CXRefCast<CXValue>(CXRef<CXObject>::adopt(*made))->plist();
         }
         return {};
     }
@@ -281,21 +280,21 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
             given.samples()[size_t{frame} * given.channelCount()] = static_cast<float>(next++ & 0x3FFFFF);
     };
     const auto speaker = [&](const char* uid) { return aDevice().uid(uid).outputs(2).playsInto(keep()); };
-    const auto devices = [&] { return runner->devices(); };
     EXPECT_FALSE(runner->addDefaultDevice(direction, std::nullopt, nullptr));
     ASSERT_TRUE(runner->addDefaultDevice(direction, std::nullopt, ramp)) << "before there is any";
     EXPECT_FALSE(runner->addDefaultDevice(direction, std::nullopt, ramp));
-    EXPECT_TRUE(devices().empty());
+    EXPECT_TRUE(runner->devices().empty());
     plug(speaker("one"));
     ASSERT_TRUE(runner->setFrameCount(frames));
     runner->start();
     plug(speaker("two"));
+    const CXRef<DXRDevice> one = device("one", output), two = device("two", output);
     for (int change = 0; change < 100; ++change) {
         hal.stepCycles(4);
-        const char* const uid = change % 2 == 0 ? "two" : "one";
-        ASSERT_TRUE(hal.setDefault(HALDirection::Output, uid));
+        const CXRef<DXRDevice>& device = change % 2 == 0 ? two : one;
+        ASSERT_TRUE(hal.setDefault(HALDirection::Output, device->deviceUID()));
         settle();
-        ASSERT_EQ(runner->activeDevices(), Devices{device(uid, output)});
+        ASSERT_EQ(runner->activeDevices(), Devices{device});
     }
     hal.stepCycles(4);
     float heard = 0;
@@ -310,17 +309,17 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
     EXPECT_EQ(steps, 0U);
     EXPECT_EQ(runner->counts().restarts, 100U);
 
-    runner->removeDevice(device("one", output));
-    EXPECT_EQ(devices().size(), 1U) << "the default device is removed as such";
-    ASSERT_TRUE(runner->addDevice(device("two", output), std::nullopt, idle));
+    runner->removeDevice(one);
+    EXPECT_EQ(runner->devices().size(), 1U) << "the default device is removed as such";
+    ASSERT_TRUE(runner->addDevice(two, std::nullopt, idle));
     hal.setDefault(HALDirection::Output, "two");
     settle();
-    EXPECT_EQ(devices().size(), 2U) << "one that was added by itself is not taken over";
+    EXPECT_EQ(runner->devices().size(), 2U) << "one that was added by itself is not taken over";
     runner->removeDefaultDevice(direction);
-    EXPECT_EQ(devices(), Devices{device("two", output)});
-    runner->removeDevice(device("two", output));
+    EXPECT_EQ(runner->devices(), Devices{two});
+    runner->removeDevice(two);
     ASSERT_TRUE(runner->addDefaultDevice(direction, std::nullopt, ramp));
-    EXPECT_EQ(devices(), Devices{device("two", output)}) << "at once where there is one";
+    EXPECT_EQ(runner->devices(), Devices{two}) << "at once where there is one";
 }
 
 TEST_F(EngineCyclesTest, endsTheProcessWithAClearMessageWhenABlockThrows)

@@ -39,30 +39,7 @@ protected:
                 _late = away(frame, 1) - static_cast<double>(samples[frame]);
         });
     }
-    /// Plays the input of `in` on `out` for some seconds. Returns the last frame's delay, in seconds.
-    double measuredDelay(const char* in, const char* out, uint32_t runnerFrames, double runnerRate)
-    {
-        _begin += seconds(); // restart near 0: small numbers are exact
-        runner->setFrameCount(runnerFrames);
-        runner->setSampleRate(runnerRate);
-        _kept.assign(runnerFrames, 0.0F);
-        EXPECT_TRUE(runner->addDevice(device(in, input), Channels{1}, [this](uint64_t, DXRBuffer& heard) {
-            std::copy_n(heard.samples(), _kept.size(), _kept.begin());
-        }));
-        EXPECT_TRUE(runner->addDevice(device(out, output), Channels{1}, [this](uint64_t, DXRBuffer& given) {
-            std::ranges::copy(_kept, given.samples());
-        }));
-        EXPECT_TRUE(runner->latencies().empty());
-        runner->start();
-        EXPECT_FALSE(runner->roundTripSeconds(device(in, input), device(out, output)));
-        hal.advance(static_cast<uint64_t>(3 * ticksPerSecond));
-        return _late;
-    }
-
     double _begin = 0, _late = 0;
-
-private:
-    std::vector<float> _kept;
 };
 
 TEST_F(LatencyTest, isWhatARampMeasures)
@@ -72,13 +49,24 @@ TEST_F(LatencyTest, isWhatARampMeasures)
         uint32_t otherDomain;
     } kinds[] = {{"one", 1}, {"other", 1}, {"other", 2}};
     constexpr uint32_t frameCounts[] = {64, 256, 512};
-    const auto expectSaid = [this](const char* out, double rate, uint32_t runnerFrames) {
-        const double measured = measuredDelay("one", out, runnerFrames, 48000);
-        const auto said = runner->roundTripSeconds(device("one", input), device(out, output));
-        EXPECT_NEAR(said.value_or(0) * rate, measured * rate, 0.5);
+    const auto expectSaid = [this](const char* outUID, double rate, uint32_t runnerFrames) {
+        const CXRef<DXRDevice> in = device("one", input), out = device(outUID, output);
+        _begin += seconds(); // restart near 0: small numbers are exact
+        runner->setFrameCount(runnerFrames);
+        runner->setSampleRate(48000);
+        std::vector<float> kept(runnerFrames);
+        ASSERT_TRUE(runner->addDevice(in, Channels{1}, [&](uint64_t, DXRBuffer& heard) {
+            std::copy_n(heard.samples(), kept.size(), kept.begin());
+        }));
+        ASSERT_TRUE(runner->addDevice(
+            out, Channels{1}, [&](uint64_t, DXRBuffer& given) { std::ranges::copy(kept, given.samples()); }));
+        runner->start();
+        EXPECT_FALSE(runner->roundTripSeconds(in, out));
+        hal.advance(static_cast<uint64_t>(3 * ticksPerSecond));
+        EXPECT_NEAR(runner->roundTripSeconds(in, out).value_or(0) * rate, _late * rate, 0.5);
         runner->stop();
-        runner->removeDevice(device("one", input));
-        runner->removeDevice(device(out, output));
+        runner->removeDevice(in);
+        runner->removeDevice(out);
     };
     for (const auto& [out, otherDomain] : kinds) {
         for (const double rate : {48000.0, 44100.0}) {
