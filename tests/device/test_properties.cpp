@@ -57,30 +57,23 @@ TEST_F(Properties, haveFallbacksWithoutADevice)
         EXPECT_FALSE(QDLAudioDeviceSampleRateIsValid(rate)) << rate;
 }
 
-// The properties that devices and references do not cover.
+// What devices and references do not cover.
 TEST_F(Properties, describeADevice)
 {
     hal.plug(aDevice().uid("mic").inputs(1).sampleRate(96000.0));
-    SimulatedDeviceBuilder builder = aDevice().uid("box").outputs(2).outputs(6).volume(outputs, 0.5F);
-    const AudioObjectID box = hal.plug(builder.sampleRates({44100, 48000}).sampleRate(44100.0));
+    const AudioObjectID box = hal.plug(aDevice().uid("box").outputs(2).outputs(6).sampleRate(44100.0));
     EXPECT_EQ(QDLAudioDeviceDefaultInputDeviceUID(), "mic");
     EXPECT_EQ(QDLAudioDeviceDefaultSystemOutputDeviceUID(), "box");
     EXPECT_EQ(QDLAudioDeviceIDFromUID("bo") + QDLAudioDeviceIDFromUID(std::nullopt), 0U);
-    EXPECT_EQ(QDLAudioDeviceStreamCount(box, output), 2U);
     // An output-only device does not affect the input's maximum, and vice versa.
     EXPECT_EQ(QDLAudioDeviceMaximumSampleRate(input), 96000.0);
     EXPECT_EQ(QDLAudioDeviceMaximumSampleRate(output), 44100.0);
 
     constexpr uint32_t out = kAudioObjectPropertyScopeOutput, global = kAudioObjectPropertyScopeGlobal;
-    EXPECT_TRUE(Address::deviceVolumeScalar(out, 0)->setFloat(0.25F, box));
-    EXPECT_EQ(Address::deviceVolumeScalar(out, 0)->floatForObjectID(box), 0.25F);
-    EXPECT_EQ(Address::deviceVolumeScalar(out, 0)->doubleForObjectID(box), std::nullopt) << "another size";
+    EXPECT_EQ(Address::deviceSampleRate()->floatForObjectID(box), std::nullopt) << "another size";
     double rate = 0.0;
     EXPECT_TRUE(Address::deviceSampleRate()->getDouble(&rate, box));
     EXPECT_EQ(rate, 44100.0);
-    const auto ranges = Address::deviceAvailableSampleRates()->valueRangeArrayForObjectID(box);
-    ASSERT_EQ(ranges.size(), 2U);
-    EXPECT_EQ(ranges[1]->min(), 48000.0);
     const std::vector<uint32_t> streams = Address::deviceStreams(out)->uint32ArrayForObjectID(box);
     ASSERT_EQ(streams.size(), 2U);
     EXPECT_EQ(Address::streamVirtualFormat(global)->basicStreamForObjectID(streams[1])->channelCount(), 6U);
@@ -88,6 +81,18 @@ TEST_F(Properties, describeADevice)
         Address::streamAvailableVirtualFormats(global)->rangedStreamArrayForObjectID(streams[0]).empty());
     const auto none = Address::deviceStreams(kAudioObjectPropertyScopeInput)->dataForObjectID(box);
     EXPECT_EQ(none.value().size(), 0U) << "empty is not the same as unreadable";
+
+    using Usage = std::vector<bool>;
+    AudioDeviceIOProcID procID = nullptr;
+    ASSERT_EQ(AudioDeviceCreateIOProcIDWithBlock(&procID, box, nullptr, [](auto...) {}), 0);
+    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), Usage(2, true));
+    for (const Usage& usage : {Usage{false, true}, {true}, Usage(9, true)}) {
+        Usage expected = usage; // missing streams are off, surplus ones are ignored
+        expected.resize(2);
+        QDLAudioDeviceSetStreamUsage(box, procID, output, usage);
+        EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), expected);
+    }
+    AudioDeviceDestroyIOProcID(box, procID);
 }
 
 TEST_F(Properties, listTheOutsideVirtualDeviceExactlyWhenItShowsItself)
@@ -148,27 +153,6 @@ TEST_F(Properties, findDataSourcesByTheirNames)
     EXPECT_EQ(QDLDataSourceIDFromSourceName(box, output, ""), 7U) << "a nameless source has the empty name";
     hal.failReads(kAudioDevicePropertyDataSources, 2, 1, kAudioHardwareUnspecifiedError);
     EXPECT_EQ(sourceIDs(), (std::vector<uint32_t>{0, 0, 0})) << "as many as announced, though unreadable";
-}
-
-TEST_F(Properties, switchTheStreamsOfACallback)
-{
-    const AudioObjectID box = hal.plug(aDevice().uid("box").outputs(2).outputs(2).outputs(2));
-    AudioDeviceIOProcID procID = nullptr;
-    ASSERT_EQ(AudioDeviceCreateIOProcIDWithBlock(&procID, box, nullptr, [](auto...) {}), 0);
-    using Usage = std::vector<bool>;
-    const std::pair<std::optional<Usage>, Usage> rows[] = {
-        {Usage{false, true}, {false, true, false}}, // the rest is off
-        {Usage(9, true), {true, true, true}},       // the rest is ignored
-        {std::nullopt, {false, false, false}},
-    };
-    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), Usage(3, true));
-    for (const auto& [usage, expected] : rows) {
-        QDLAudioDeviceSetStreamUsage(box, procID, output, usage);
-        QDLAudioDeviceSetStreamUsage(box, nullptr, output, Usage{true, false});
-        EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), expected);
-    }
-    EXPECT_TRUE(QDLAudioDeviceGetStreamUsage(box, nullptr, output).empty());
-    AudioDeviceDestroyIOProcID(box, procID);
 }
 
 class Target final : public CXObject {

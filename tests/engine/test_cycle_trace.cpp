@@ -111,8 +111,8 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
         {[&] { unplug("in"); }, Restart::Devices, Context::Device, 1},
         {[&] { unplug("out"); }, Restart::Devices, Context::Timer, 0},
         {[&] { plug(out); }, Restart::Devices, Context::Device, 1},
+        {removeIn, Restart::Nodes, Context::Device, 1},
         {[&] { unplug("out"); }, Restart::Devices, Context::Timer, 0},
-        {removeIn, Restart::Nodes, Context::Timer, 0},
     };
     uint32_t restarts = 0;
     for (const auto& step : steps) {

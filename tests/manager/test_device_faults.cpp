@@ -6,22 +6,17 @@
 
 namespace {
 
-/// Returns the state of a manager as text, for comparison with another manager's.
-std::vector<std::string> stateOf(DXRDeviceManager& manager)
+/// Returns the state of a manager, for comparison with another manager's.
+std::vector<CXPlist> stateOf(DXRDeviceManager& manager)
 {
-    std::vector<std::string> state;
-    for (const CXRef<DXRDevice>& device : manager.connectedDevices()) {
-        const CXRef<DXRDevice> other = manager.counterpartForDevice(device);
-        state.push_back(
-            device->archive().dump() + "|" + device->displayName() + "|" + device->displayNameWithSource() +
-            "|" + std::to_string(device->deviceID()) + (device->isDefault() ? "|default|" : "|") +
-            (other ? other->deviceUID() : "") +
-            (manager.deviceWithReference(device->reference()->description()) == device ? "" : "|not found"));
-    }
-    std::ranges::sort(state);
     const auto uidOf = [](const CXRef<DXRDevice>& device) { return device ? device->deviceUID() : "none"; };
-    state.push_back(uidOf(manager.defaultInputDevice()) + uidOf(manager.defaultOutputDevice()) +
-                    uidOf(manager.soundEffectsDevice()));
+    std::vector<CXPlist> state{{uidOf(manager.defaultInputDevice()), uidOf(manager.defaultOutputDevice()),
+                                uidOf(manager.soundEffectsDevice())}};
+    for (const CXRef<DXRDevice>& device : manager.connectedDevices())
+        state.push_back({device->archive(), device->displayName(), device->displayNameWithSource(),
+                         device->deviceID(), device->isDefault(), uidOf(manager.counterpartForDevice(device)),
+                         manager.deviceWithReference(device->reference()->description()) == device});
+    std::ranges::sort(state);
     return state;
 }
 
@@ -56,8 +51,7 @@ protected:
     /// Whether the manager's state, and the devices reported to notifiers, become equal to a new manager's.
     testing::AssertionResult isSound()
     {
-        std::vector<std::string> here;
-        std::vector<std::string> fresh;
+        std::vector<CXPlist> here, fresh;
         const bool isEqual = becomesTrue([&] {
             here = stateOf(manager);
             fresh = stateOf(*DXRNewDeviceManager());
