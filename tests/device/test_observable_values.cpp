@@ -1,11 +1,8 @@
 #include "DXRKVOHelper.h"
-#include "GlobalQueue.h"
 #include "MainQueue.h"
 
 #include <gtest/gtest.h>
 
-#include <future>
-#include <set>
 #include <thread>
 
 namespace {

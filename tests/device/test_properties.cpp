@@ -114,22 +114,15 @@ TEST_F(Properties, areReadAgainWhileAListGrows)
     hal.plug(aDevice().uid("a").outputs(1));
     hal.beforeRead(kAudioHardwarePropertyDevices, 1, [this] { hal.plug(aDevice().uid("b").outputs(1)); });
     EXPECT_EQ(listed().size(), 2U);
-    const struct {
-        const char* why;
-        uint64_t first, count; // which reads fail; each attempt reads the size, then the value
-        HALStatus status;
-        bool isRead;
-    } rows[] = {
-        {"grew once", 2, 1, kAudioHardwareBadPropertySizeError, true},
-        {"its size cannot be read again", 2, 2, kAudioHardwareBadPropertySizeError, false},
-        {"another failure", 2, 1, kAudioHardwareUnspecifiedError, false},
-        {"it never fits", 1, always, kAudioHardwareBadPropertySizeError, false},
+    const auto isRead = [this](uint64_t first, uint64_t count, HALStatus status) {
+        hal.failReads(kAudioHardwarePropertyDevices, first, count, status);
+        return Address::plugInDeviceList()->dataForObjectID(kAudioObjectSystemObject).has_value();
     };
-    for (const auto& row : rows) {
-        hal.failReads(kAudioHardwarePropertyDevices, row.first, row.count, row.status);
-        const auto data = Address::plugInDeviceList()->dataForObjectID(kAudioObjectSystemObject);
-        EXPECT_EQ(data.has_value(), row.isRead) << row.why;
-    }
+    // Each attempt reads the size, then the value.
+    EXPECT_TRUE(isRead(2, 1, kAudioHardwareBadPropertySizeError)) << "grew once";
+    EXPECT_FALSE(isRead(2, 2, kAudioHardwareBadPropertySizeError)) << "its size cannot be read again";
+    EXPECT_FALSE(isRead(2, 1, kAudioHardwareUnspecifiedError));
+    EXPECT_FALSE(isRead(1, always, kAudioHardwareBadPropertySizeError)) << "it never fits";
     EXPECT_TRUE(listed().empty());
 }
 

@@ -3,7 +3,6 @@
 #include "InstructionSet.h"
 #include "ManagedComputer.h"
 
-#include <algorithm>
 #include <numeric>
 
 namespace {

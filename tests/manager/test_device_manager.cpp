@@ -145,16 +145,16 @@ TEST_F(DXRDeviceManagerTest, reportsDefaultDevices)
     EXPECT_EQ(manager.defaultOutputDevice(), phones);
     EXPECT_EQ(manager.defaultInputDevice(), device("headset", input));
     changesSinceLast();
-    Devices defaults; // before and after each change
+    std::vector<CXRef<DXRDevice>> defaults; // before and after each change
     std::vector<bool> isDefault;
     const auto first = manager.kvo()->observe(
-        "defaultOutputDevice", [&](auto&, auto) { defaults.insert(manager.defaultOutputDevice()); });
+        "defaultOutputDevice", [&](auto&, auto) { defaults.push_back(manager.defaultOutputDevice()); });
     const auto second = speakers->kvo()->observe(
         "isDefault", [&](auto&, auto) { isDefault.push_back(speakers->isDefault()); });
     hal.setDefault(HALDirection::Output, "speakers");
     settle();
     EXPECT_EQ(changesSinceLast().updated, (Devices{phones, speakers}));
-    EXPECT_EQ(defaults, (Devices{phones, speakers}));
+    EXPECT_EQ(defaults, (std::vector{phones, speakers}));
     EXPECT_EQ(isDefault, (std::vector{false, true}));
     EXPECT_EQ(manager.soundEffectsDevice(), speakers);
     hal.setDefaultSystemOutput("headset");
@@ -245,7 +245,6 @@ TEST_F(DXRDeviceManagerTest, restoresDevicesFromArchives)
     ASSERT_TRUE(far);
     EXPECT_EQ(far->displayName(), "⚠️ Far");
     EXPECT_EQ(fromArchive(reference), far);
-    EXPECT_EQ(device("far", output), far);
     EXPECT_FALSE(manager.connectedDevices().contains(far));
     plug(aDevice().uid("far").name("Near").outputs(2));
     EXPECT_EQ(device("far", output), far);
@@ -272,12 +271,11 @@ TEST_F(DXRDeviceManagerTest, callsEveryNotifierOnceOnItsQueue)
 {
     const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("own");
     size_t here = 0, there = 0;
-    const DXRDeviceManager::NotifierBlock onManagersQueue = [&](const auto&...) {
+    using Notifier = DXRDeviceManager::NotifierBlock;
+    const Notifier onManagersQueue = [&](const auto&...) {
         here += DXRDeviceManager::queue().isCurrent() ? 1 : 100;
     };
-    const DXRDeviceManager::NotifierBlock onOwnQueue = [&](const auto&...) {
-        there += queue->isCurrent() ? 1 : 100;
-    };
+    const Notifier onOwnQueue = [&](const auto&...) { there += queue->isCurrent() ? 1 : 100; };
     manager.addDeviceNotifier(nullptr, onManagersQueue);
     manager.addDeviceNotifier(nullptr, onManagersQueue); // the same notifier again
     manager.addDeviceNotifier(queue, onOwnQueue);
@@ -299,8 +297,7 @@ TEST_F(DXRDeviceManagerTest, callsEveryNotifierOnceOnItsQueue)
     ASSERT_EQ(updates.size(), 1U) << "many requests make one update";
     EXPECT_EQ(updates.front().updated, Devices{device("headset", output)});
     queue->sync([] {});
-    EXPECT_EQ(here, count);
-    EXPECT_EQ(there, count);
+    EXPECT_TRUE(here == count && there == count) << here << ' ' << there;
 }
 
 TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
