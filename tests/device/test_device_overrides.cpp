@@ -51,23 +51,6 @@ protected:
     }
 };
 
-TEST_F(DeviceOverrides, areReadByType)
-{
-    const CXRef<DXRDeviceOverrides> overrides = overridesFor(R"({"uid":"a","i":true})");
-    const std::pair<CXPlist, CXPlist> rows[] = {// what is set, and what is read as a number
-                                                {true, true},
-                                                {0.5, 0.5},
-                                                {"text", nullptr},
-                                                {{1, 2}, nullptr}};
-    for (const auto& [value, number] : rows) {
-        overrides->setObject(value, "key");
-        EXPECT_EQ(overrides->objectForKey("key"), value);
-        EXPECT_EQ(overrides->boolForKey("key"), number);
-        EXPECT_EQ(overrides->doubleForKey("key"), number);
-        EXPECT_EQ(overrides->stringForKey("key").has_value(), value.is_string());
-    }
-}
-
 TEST_F(DeviceOverrides, recordTheirOwnerAndRemoveEmptyEntries)
 {
     const std::string key = R"({"uid":"a","i":true})";
@@ -114,8 +97,11 @@ TEST_F(DeviceOverrides, areFoundByEqualAndThenByGenericallyEqualReferences)
     moved->setObject(2, "k");
     EXPECT_EQ(stored().at(unitAtPort1), (CXPlist{{"k", 2}})) << "under the key that exists";
     EXPECT_FALSE(stored().contains(unitAtPort2));
-    write(unitAtPort2, R"({"k":3})");
-    EXPECT_EQ(overridesFor(unitAtPort2)->objectForKey("k"), CXPlist(3)) << "equal comes first";
+    write(unitAtPort2, R"({"k":3,"text":"x"})");
+    const CXRef<DXRDeviceOverrides> own = overridesFor(unitAtPort2);
+    EXPECT_EQ(own->doubleForKey("k"), CXPlist(3)) << "equal comes first";
+    EXPECT_EQ(own->stringForKey("text"), "x");
+    EXPECT_TRUE(own->boolForKey("text").is_null() && !own->stringForKey("k")) << "another type";
     EXPECT_EQ(overridesFor(R"({"uid":"no dictionary"})")->objectForKey("k"), CXPlist());
     EXPECT_FALSE(DXRDeviceOverrides::initWithDeviceReference(nullptr));
 }

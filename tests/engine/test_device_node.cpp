@@ -76,22 +76,20 @@ TEST(FrameCopy, movesChannelsAsTheRuleSays)
 
 TEST_F(DXRDeviceNodeTest, takesTheChannelsAskedForOrThePreferredPair)
 {
-    plug(aDevice().uid("interface").inputs(6).outputs(2).stereoChannels(HALDirection::Input, 3, 4));
-    const CXRef<DXRDevice> in = device("interface", input);
-    const auto node = DXRDeviceNode::nodeWithDevice(in, std::nullopt, idle);
-    EXPECT_EQ(node->channels(), (DXRDeviceNode::Channels{3, 4}));
-    node->performIOWithSampleTime(0, nullptr, 0); // does nothing before it starts
+    plug(aDevice().uid("interface").inputs(6).stereoChannels(HALDirection::Input, 3, 4));
+    using Channels = DXRDeviceNode::Channels;
     const std::vector<uint32_t> map{7, 8, 0, 10, 11, 12};
-    ASSERT_TRUE(node->startIOWithSampleRate(48000, 4, map));
-    EXPECT_EQ(node->usageMap(), DXRDeviceNode::Channels{10}) << "a channel without a source is not in use";
-    const auto odd = DXRDeviceNode::nodeWithDevice(in, DXRDeviceNode::Channels{7, 0, 2, 2, 1}, idle);
-    ASSERT_TRUE(odd->startIOWithSampleRate(48000, 4, map));
-    EXPECT_EQ(odd->usageMap(), (DXRDeviceNode::Channels{8, 7})) << "what the device has, once, in order";
-    odd->stopIO();
-    EXPECT_TRUE(odd->usageMap().empty());
-    EXPECT_TRUE(node->isViable());
-    unplug("interface");
-    EXPECT_FALSE(node->isViable());
+    const auto used = [&](const std::optional<Channels>& channels) {
+        const auto node = DXRDeviceNode::nodeWithDevice(device("interface", input), channels, idle);
+        node->performIOWithSampleTime(0, nullptr, 0); // does nothing before it starts
+        EXPECT_TRUE(node->isViable() && node->startIOWithSampleRate(48000, 4, map));
+        const Channels inUse = node->usageMap();
+        node->stopIO();
+        EXPECT_TRUE(node->usageMap().empty());
+        return inUse;
+    };
+    EXPECT_EQ(used(std::nullopt), Channels{10}) << "a channel without a source is not in use";
+    EXPECT_EQ(used(Channels{7, 0, 2, 2, 1}), (Channels{8, 7})) << "what the device has, once, in order";
 }
 
 } // namespace

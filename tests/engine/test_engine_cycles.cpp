@@ -264,8 +264,7 @@ TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
     runner->start();
     hal.stepCycles(10);
     hal.reconfigure("a", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2); });
-    hal.reconfigure("b", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2).outputs(2); });
-    settle();
+    reconfigure("b", [](auto& it) { it.noStreams(HALDirection::Output).outputs(2).outputs(2); });
     hal.stepCycles(100);
     EXPECT_GT(exactFrames(), 20U * frames);
     EXPECT_EQ(std::ranges::count(played, -1.0F), 0) << "what is for the other device";
