@@ -1,11 +1,9 @@
-#include "CXValue.h"
 #include "DXRPropertyAddress.h"
 #include "DXRPropertyListener.h"
 #include "QDL.h"
 #include "SerialQueue.h"
 #include "SimulatedComputer.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <memory>
@@ -13,7 +11,6 @@
 namespace {
 
 using Address = DXRPropertyAddress;
-constexpr AudioObjectID unknownID = 0x00FFFFFF;
 constexpr uint64_t always = UINT64_MAX / 2; // number of reads that fail
 constexpr HALDirection outputs = HALDirection::Output;
 
@@ -37,82 +34,65 @@ protected:
 
 TEST_F(Properties, haveFallbacksWithoutADevice)
 {
-    EXPECT_EQ(QDLAudioDeviceDefaultInputDeviceID(), 0U);
+    EXPECT_EQ(QDLAudioDeviceDefaultInputDeviceID() + QDLAudioDeviceBoomAudioID(), 0U);
     EXPECT_EQ(QDLAudioDeviceDefaultOutputDeviceUID(), std::nullopt);
-    EXPECT_EQ(QDLAudioDeviceBoomAudioID(), 0U);
     EXPECT_TRUE(listed().empty());
-    std::free(QDLAudioDeviceIDList(nullptr));
     EXPECT_EQ(QDLAudioDeviceMaximumSampleRate(output), 0.0);
-    for (const AudioObjectID device : {AudioObjectID{0}, unknownID}) {
+    for (const AudioObjectID device : {AudioObjectID{0}, AudioObjectID{0x00FFFFFF}}) {
         uint32_t count = 99;
         EXPECT_FALSE(Address::deviceIsHidden()->getUInt32(&count, device));
-        EXPECT_FALSE(Address::deviceIsHidden()->getSize(&count, device));
         EXPECT_EQ(count, 99U);
         EXPECT_TRUE(QDLAudioDeviceIsHidden(device));
         EXPECT_EQ(QDLAudioDeviceNameFromDeviceID(device), std::nullopt);
-        EXPECT_EQ(QDLAudioDeviceTransportTypeFromDeviceID(device), 0U);
         EXPECT_EQ(QDLAudioDeviceChannelCount(device, input), 0U);
-        EXPECT_FALSE(QDLAudioDeviceHasBuffers(device, output));
         EXPECT_EQ(QDLAudioDeviceSampleRate(device, output), 0.0);
-        EXPECT_EQ(QDLCurrentSourceNameFromDeviceID(device, output), "");
-        EXPECT_EQ(QDLDataSourceIDFromSourceName(device, output, ""), 0U);
-        EXPECT_EQ(Address::objectName()->objectForObjectID(device, &count, sizeof count), nullptr);
         EXPECT_EQ(Address::deviceStreams(0)->dataForObjectID(device), std::nullopt);
-        EXPECT_TRUE(Address::deviceStreams(0)->uint32ArrayForObjectID(device).empty());
-        EXPECT_EQ(Address::deviceBufferFrameSizeRange()->valueRangeForObjectID(device), nullptr);
         EXPECT_FALSE(Address::deviceBufferFrameSize()->setUInt32(512, device));
         EXPECT_EQ(QDLDataSourceIDsFromDeviceID(device, output, &count), nullptr);
         EXPECT_EQ(count, 0U);
     }
-    for (const double rate : {1000.0, 44100.0, 1000000.0})
+    for (const double rate : {1000.0, 1e6})
         EXPECT_TRUE(QDLAudioDeviceSampleRateIsValid(rate)) << rate;
-    for (const double rate : {999.99, 1000000.01, -48000.0, std::nan("")})
+    for (const double rate : {999.99, 1000000.01, std::nan("")})
         EXPECT_FALSE(QDLAudioDeviceSampleRateIsValid(rate)) << rate;
 }
 
-// The properties that devices and references do not cover.
+// What devices and references do not cover.
 TEST_F(Properties, describeADevice)
 {
     hal.plug(aDevice().uid("mic").inputs(1).sampleRate(96000.0));
-    SimulatedDeviceBuilder boxBuilder = aDevice().uid("box").name("Büro").outputs(2).outputs(6);
-    boxBuilder.volume(outputs, 0.5F).mute(outputs, false).sampleRates({44100, 48000}).sampleRate(44100.0);
-    const AudioObjectID box = hal.plug(boxBuilder);
+    const AudioObjectID box = hal.plug(aDevice().uid("box").outputs(2).outputs(6).sampleRate(44100.0));
     EXPECT_EQ(QDLAudioDeviceDefaultInputDeviceUID(), "mic");
     EXPECT_EQ(QDLAudioDeviceDefaultSystemOutputDeviceUID(), "box");
-    EXPECT_EQ(QDLAudioDeviceIDFromUID("bo"), 0U);
-    EXPECT_EQ(QDLAudioDeviceIDFromUID(std::nullopt), 0U);
-    EXPECT_EQ(QDLAudioDeviceStreamCount(box, output), 2U);
-    EXPECT_FALSE(QDLAudioDeviceHasBuffers(box, input));
-    EXPECT_EQ(QDLAudioDeviceSampleRate(box, output), 44100.0);
+    EXPECT_EQ(QDLAudioDeviceIDFromUID("bo") + QDLAudioDeviceIDFromUID(std::nullopt), 0U);
     // An output-only device does not affect the input's maximum, and vice versa.
     EXPECT_EQ(QDLAudioDeviceMaximumSampleRate(input), 96000.0);
     EXPECT_EQ(QDLAudioDeviceMaximumSampleRate(output), 44100.0);
 
-    constexpr uint32_t out = kAudioObjectPropertyScopeOutput;
-    EXPECT_TRUE(Address::deviceVolumeScalar(out, 0)->setFloat(0.25F, box));
-    EXPECT_EQ(Address::deviceVolumeScalar(out, 0)->floatForObjectID(box), 0.25F);
-    EXPECT_EQ(Address::deviceVolumeScalar(out, 0)->doubleForObjectID(box), std::nullopt) << "another size";
-    EXPECT_TRUE(Address::deviceMute(out, 0)->setUInt32(1, box));
-    EXPECT_EQ(Address::deviceMute(out, 0)->uint32ForObjectID(box), 1U);
-    EXPECT_TRUE(Address::deviceSampleRate()->setDouble(48000.0, box));
-    EXPECT_EQ(Address::deviceSampleRate()->doubleForObjectID(box), 48000.0);
+    constexpr uint32_t out = kAudioObjectPropertyScopeOutput, global = kAudioObjectPropertyScopeGlobal;
+    EXPECT_EQ(Address::deviceSampleRate()->floatForObjectID(box), std::nullopt) << "another size";
     double rate = 0.0;
     EXPECT_TRUE(Address::deviceSampleRate()->getDouble(&rate, box));
-    EXPECT_EQ(rate, 48000.0);
-    EXPECT_FALSE(Address::deviceDeviceUID()->setUInt32(1, box));
-    EXPECT_EQ(Address::objectName()->objectForObjectID(box)->description(), "Büro");
-    const auto ranges = Address::deviceAvailableSampleRates()->valueRangeArrayForObjectID(box);
-    ASSERT_EQ(ranges.size(), 2U);
-    EXPECT_EQ(ranges[1]->min(), 48000.0);
-    EXPECT_TRUE(Address::deviceBufferFrameSizeRange()->valueRangeForObjectID(box)->isRange());
+    EXPECT_EQ(rate, 44100.0);
     const std::vector<uint32_t> streams = Address::deviceStreams(out)->uint32ArrayForObjectID(box);
     ASSERT_EQ(streams.size(), 2U);
-    constexpr uint32_t global = kAudioObjectPropertyScopeGlobal;
     EXPECT_EQ(Address::streamVirtualFormat(global)->basicStreamForObjectID(streams[1])->channelCount(), 6U);
     EXPECT_FALSE(
         Address::streamAvailableVirtualFormats(global)->rangedStreamArrayForObjectID(streams[0]).empty());
     const auto none = Address::deviceStreams(kAudioObjectPropertyScopeInput)->dataForObjectID(box);
     EXPECT_EQ(none.value().size(), 0U) << "empty is not the same as unreadable";
+
+    using Usage = std::vector<bool>;
+    AudioDeviceIOProcID procID = nullptr;
+    ASSERT_EQ(AudioDeviceCreateIOProcIDWithBlock(&procID, box, nullptr, [](auto...) {}), 0);
+    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), Usage(2, true));
+    for (const Usage& usage : {Usage{false, true}, {true}, Usage(9, true)}) {
+        Usage expected = usage; // missing streams are off, surplus ones are ignored
+        expected.resize(2);
+        QDLAudioDeviceSetStreamUsage(box, procID, output, usage);
+        EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), expected);
+    }
+    AudioDeviceDestroyIOProcID(box, procID);
 }
 
 TEST_F(Properties, listTheOutsideVirtualDeviceExactlyWhenItShowsItself)
@@ -122,9 +102,7 @@ TEST_F(Properties, listTheOutsideVirtualDeviceExactlyWhenItShowsItself)
     EXPECT_EQ(QDLAudioDeviceBoomAudioID(), boom);
     EXPECT_EQ(listed(), std::vector{plain}) << "other hidden devices are listed";
     hal.reconfigure("GDAudioDevice_UID", [](SimulatedDeviceBuilder& device) { device.hidden(false); });
-    std::vector<AudioObjectID> both = listed();
-    std::ranges::sort(both);
-    EXPECT_EQ(both, (std::vector{plain, boom}));
+    EXPECT_EQ(listed().size(), 2U);
     hal.failReads(kAudioDevicePropertyIsHidden, 1, always, kAudioHardwareUnspecifiedError);
     EXPECT_EQ(listed(), std::vector{plain});
     hal.failReads(kAudioHardwarePropertyDevices, 1, always, kAudioHardwareUnspecifiedError);
@@ -133,44 +111,32 @@ TEST_F(Properties, listTheOutsideVirtualDeviceExactlyWhenItShowsItself)
 
 TEST_F(Properties, areReadAgainWhileAListGrows)
 {
-    const auto devices = Address::plugInDeviceList();
     hal.plug(aDevice().uid("a").outputs(1));
     hal.beforeRead(kAudioHardwarePropertyDevices, 1, [this] { hal.plug(aDevice().uid("b").outputs(1)); });
     EXPECT_EQ(listed().size(), 2U);
-    hal.beforeRead(kAudioHardwarePropertyDevices, 1, [this] { hal.plug(aDevice().uid("c").outputs(1)); });
-    EXPECT_EQ(devices->uint32ArrayForObjectID(kAudioObjectSystemObject).size(), 3U);
-    const struct {
-        const char* why;
-        uint64_t first, count; // which reads fail; each attempt reads the size, then the value
-        HALStatus status;
-        bool isRead;
-    } rows[] = {
-        {"grew once", 2, 1, kAudioHardwareBadPropertySizeError, true},
-        {"its size cannot be read again", 2, 2, kAudioHardwareBadPropertySizeError, false},
-        {"another failure", 2, 1, kAudioHardwareUnspecifiedError, false},
-        {"it never fits", 1, always, kAudioHardwareBadPropertySizeError, false},
+    const auto isRead = [this](uint64_t first, uint64_t count, HALStatus status) {
+        hal.failReads(kAudioHardwarePropertyDevices, first, count, status);
+        return Address::plugInDeviceList()->dataForObjectID(kAudioObjectSystemObject).has_value();
     };
-    for (const auto& row : rows) {
-        hal.failReads(kAudioHardwarePropertyDevices, row.first, row.count, row.status);
-        EXPECT_EQ(devices->dataForObjectID(kAudioObjectSystemObject).has_value(), row.isRead) << row.why;
-    }
+    // Each attempt reads the size, then the value.
+    EXPECT_TRUE(isRead(2, 1, kAudioHardwareBadPropertySizeError)) << "grew once";
+    EXPECT_FALSE(isRead(2, 2, kAudioHardwareBadPropertySizeError)) << "its size cannot be read again";
+    EXPECT_FALSE(isRead(2, 1, kAudioHardwareUnspecifiedError));
+    EXPECT_FALSE(isRead(1, always, kAudioHardwareBadPropertySizeError)) << "it never fits";
     EXPECT_TRUE(listed().empty());
 }
 
 TEST_F(Properties, findDataSourcesByTheirNames)
 {
-    SimulatedDeviceBuilder boxBuilder = aDevice().uid("box").outputs(2).source(outputs, 7, "Speakers");
-    boxBuilder.source(outputs, 9, "Line").source(outputs, 11, "Line");
-    const AudioObjectID box = hal.plug(boxBuilder);
+    SimulatedDeviceBuilder builder = aDevice().uid("box").outputs(2).source(outputs, 7, "Speakers");
+    const AudioObjectID box = hal.plug(builder.source(outputs, 9, "Line").source(outputs, 11, "Line"));
     const auto sourceIDs = [&] {
         uint32_t count = 0;
         uint32_t* const list = QDLDataSourceIDsFromDeviceID(box, output, &count);
         return taken(list, count);
     };
     EXPECT_EQ(sourceIDs(), (std::vector<uint32_t>{7, 9, 11}));
-    EXPECT_EQ(QDLDataSourceIDsFromDeviceID(box, input, nullptr), nullptr);
     EXPECT_EQ(QDLCurrentDataSourceForDeviceID(box, output), 7U);
-    EXPECT_EQ(QDLCurrentSourceNameFromDeviceID(box, output), "Speakers");
     EXPECT_EQ(QDLSourceNameFromDataSource(box, 9, output), "Line");
     EXPECT_EQ(QDLSourceNameFromDataSource(box, 8, output), "");
     EXPECT_EQ(QDLDataSourceIDFromSourceName(box, output, "Line"), 9U) << "the first of that name";
@@ -182,46 +148,6 @@ TEST_F(Properties, findDataSourcesByTheirNames)
     EXPECT_EQ(sourceIDs(), (std::vector<uint32_t>{0, 0, 0})) << "as many as announced, though unreadable";
 }
 
-TEST_F(Properties, switchTheStreamsOfACallback)
-{
-    const AudioObjectID box = hal.plug(aDevice().uid("box").outputs(2).outputs(2).outputs(2));
-    AudioDeviceIOProcID procID = nullptr;
-    const AudioDeviceIOBlock block = [](auto...) {};
-    ASSERT_EQ(AudioDeviceCreateIOProcIDWithBlock(&procID, box, nullptr, block), kAudioHardwareNoError);
-    using Usage = std::vector<bool>;
-    const auto set = [&](AudioObjectID device, AudioDeviceIOProcID callback,
-                         const std::optional<Usage>& usage) {
-        QDLAudioDeviceSetStreamUsage(device, callback, output, usage);
-        return QDLAudioDeviceGetStreamUsage(box, procID, output);
-    };
-    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), (Usage{true, true, true}));
-    EXPECT_EQ(set(box, procID, Usage{false, true}), (Usage{false, true, false})) << "the rest is off";
-    EXPECT_EQ(set(box, procID, Usage(9, true)), (Usage{true, true, true})) << "the rest is ignored";
-    EXPECT_EQ(set(box, nullptr, Usage{}), (Usage{true, true, true}));
-    EXPECT_EQ(set(0, procID, Usage{}), (Usage{true, true, true}));
-    EXPECT_EQ(set(box, procID, std::nullopt), (Usage{false, false, false}));
-    EXPECT_TRUE(QDLAudioDeviceGetStreamUsage(box, nullptr, output).empty());
-    EXPECT_TRUE(QDLAudioDeviceGetStreamUsage(0, procID, output).empty());
-    AudioDeviceDestroyIOProcID(box, procID);
-}
-
-TEST_F(Properties, haveAddressesThatCompareByFieldsAndByText)
-{
-    const auto volume = Address::deviceVolumeScalar(kAudioObjectPropertyScopeOutput, 0);
-    EXPECT_EQ(volume->description(), "volm:outp:0");
-    EXPECT_EQ(volume->hash(), 0x766F6C6DU ^ 0x6F757470U);
-    EXPECT_TRUE(volume->isOutput() && !volume->isInput() && !volume->isGlobal());
-    EXPECT_TRUE(volume->isEqual(volume->copy().get()));
-    EXPECT_TRUE(volume->isEqual(Address::initWithAddress(volume->address()).get()));
-    EXPECT_TRUE(volume->isEqual(CXValue::initWithPlist("volm:outp:0").get()));
-    EXPECT_FALSE(volume->isEqual(CXValue::initWithPlist("volm:outp:1").get()));
-    EXPECT_FALSE(volume->isEqual(Address::deviceVolumeScalar(kAudioObjectPropertyScopeOutput, 1).get()));
-    EXPECT_FALSE(volume->isEqual(nullptr));
-    EXPECT_EQ(Address::init()->description(), "00000000:00000000:0");
-    EXPECT_TRUE(Address::deviceSampleRate()->isGlobal());
-    EXPECT_TRUE(Address::deviceTapEnabled()->isOutput());
-}
-
 class Target final : public CXObject {
 public:
     static CXRef<Target> init() { return CXRef<Target>::adopt(new Target); }
@@ -230,12 +156,12 @@ public:
 
 TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
 {
-    hal.plug(aDevice().uid("box").outputs(2).mute(outputs, false));
+    const AudioObjectID box = hal.plug(aDevice().uid("box").outputs(2).mute(outputs, false));
     CXRef<Target> target = Target::init();
     const auto muted = Address::deviceMute(kAudioObjectPropertyScopeOutput, 0);
     const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("listener");
-    auto listener = DXRPropertyListener::initWithObjectID(
-        hal.deviceID("box"), muted->address(), queue, target,
+    const auto listener = DXRPropertyListener::initWithObjectID(
+        box, muted->address(), queue, target,
         [&](const CXRef<CXObject>& who, const AudioObjectPropertyAddress* what) {
             EXPECT_TRUE(queue->isCurrent());
             EXPECT_TRUE(muted->isEqual(Address::initWithAddress(what).get()));
@@ -244,10 +170,10 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
     bool isMuted = false;
     const auto changesAfterAToggle = [&] {
         isMuted = !isMuted;
-        hal.reconfigure("box", [&](auto& box) { box.mute(outputs, isMuted); });
+        hal.reconfigure("box", [&](auto& it) { it.mute(outputs, isMuted); });
         settleHardware();
         queue->sync([] {});
-        return target->changes;
+        return std::exchange(target->changes, 0);
     };
     listener->stop(); // a second stop does nothing
     EXPECT_EQ(changesAfterAToggle(), 0);
@@ -255,22 +181,11 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
     listener->start();
     EXPECT_EQ(changesAfterAToggle(), 1);
     listener->stop();
-    EXPECT_EQ(changesAfterAToggle(), 1);
+    EXPECT_EQ(changesAfterAToggle(), 0);
     listener->start();
     const CXWeak<Target> weak(std::exchange(target, Target::init()));
     EXPECT_FALSE(weak.lock()) << "the listener does not keep it";
     EXPECT_EQ(changesAfterAToggle(), 0);
-
-    // A listener created by an address is called on the notification thread even if a queue is passed.
-    const auto name = Address::objectName();
-    listener = name->listenerWithObjectID(
-        hal.deviceID("box"), queue, target, [&](const CXRef<CXObject>& who, const Address::Ref& what) {
-            static_cast<Target&>(*who).changes += what == name && !queue->isCurrent() ? 1 : 100;
-        });
-    listener->start();
-    hal.reconfigure("box", [](auto& box) { box.name("New"); });
-    settleHardware();
-    EXPECT_EQ(target->changes, 1);
 }
 
 } // namespace

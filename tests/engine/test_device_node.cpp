@@ -1,11 +1,8 @@
-#include "ChannelLayout.h"
 #include "DXRDeviceNode.h"
-#include "DXRDeviceRunner.h"
 #include "FrameCopy.h"
 #include "InstructionSet.h"
 #include "ManagedComputer.h"
 
-#include <algorithm>
 #include <numeric>
 
 namespace {
@@ -13,23 +10,6 @@ namespace {
 using DXRDeviceNodeTest = ManagedComputer;
 
 const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
-
-/// Streams of these widths, contiguous in memory, with a different value in every sample.
-struct Hardware {
-    Hardware(const std::vector<uint32_t>& widths, uint32_t frameCount)
-        : samples(std::accumulate(widths.begin(), widths.end(), size_t{0}) * frameCount)
-    {
-        std::iota(samples.begin(), samples.end(), 1.0F);
-        float* stream = samples.data();
-        for (const uint32_t width : widths) {
-            for (uint32_t channel = 0; channel < width; ++channel)
-                entries.push_back({stream + channel, width});
-            stream += size_t{width} * frameCount;
-        }
-    }
-    std::vector<float> samples;
-    std::vector<DXRChannelEntry> entries;
-};
 
 std::vector<uint32_t> upTo(uint32_t count)
 {
@@ -56,90 +36,60 @@ TEST(FrameCopy, movesChannelsAsTheRuleSays)
         {"gaps", {2, 1, 1}, {0, 2, 0, 3, 4, 0}},
         {"the same twice", {2, 1}, {1, 1, 3, 3}},
     };
+    const auto check = [](const std::vector<uint32_t>& streams, const std::vector<uint32_t>& map,
+                          uint32_t frameCount) {
+        std::vector<float> samples(2200);
+        std::iota(samples.begin(), samples.end(), 1.0F);
+        std::vector<DXRChannelEntry> entries;
+        size_t begin = 0; // of the stream
+        for (const uint32_t width : streams) {
+            for (uint32_t channel = 0; channel < width; ++channel)
+                entries.push_back({samples.data() + begin + channel, width});
+            begin += size_t{width} * frameCount;
+        }
+        const auto channels = static_cast<uint32_t>(map.size());
+        std::vector<float> frames(size_t{channels} * frameCount, -1);
+        copyEntriesToFrames(entries.data(), map, {frames.data(), channels, frameCount});
+        std::vector<float> expected = samples;
+        for (uint32_t i = 0; i < channels * frameCount; ++i) {
+            const uint32_t channel = map[i % channels], frame = i / channels;
+            const DXRChannelEntry entry = channel == 0 ? DXRChannelEntry{} : entries[channel - 1];
+            ASSERT_EQ(frames[i], channel == 0 ? -1 : entry.samples[frame * entry.stride]);
+            frames[i] *= -2;
+            if (channel != 0)
+                expected[static_cast<size_t>(entry.samples - samples.data()) + frame * entry.stride] =
+                    frames[i];
+        }
+        copyFramesToEntries({frames.data(), channels, frameCount}, map, entries.data());
+        ASSERT_EQ(samples, expected);
+    };
     for (const InstructionSet& set : availableInstructionSets()) {
         useInstructionSet(set);
         for (const auto& row : rows) {
-            const std::vector<uint32_t>& map = row.map;
             for (const uint32_t frameCount : {1U, 7U, 8U, 67U}) {
                 SCOPED_TRACE(std::string(set.name) + ", " + row.what + ", " + std::to_string(frameCount));
-                const auto channels = static_cast<uint32_t>(map.size());
-                Hardware hardware(row.streams, frameCount), reference(row.streams, frameCount);
-                std::vector<float> frames(size_t{channels} * frameCount, -1), expected = frames;
-                const auto byTheRule = [&](const auto& move) {
-                    for (uint32_t c = 0; c < channels; ++c) {
-                        for (uint32_t k = 0; k < frameCount && map[c] != 0; ++k) {
-                            const DXRChannelEntry& entry = reference.entries[map[c] - 1];
-                            move(expected[k * channels + c], entry.samples[k * entry.stride]);
-                        }
-                    }
-                };
-                byTheRule([](float& frame, float& sample) { frame = sample; });
-                copyEntriesToFrames(hardware.entries.data(), map, {frames.data(), channels, frameCount});
-                ASSERT_EQ(frames, expected);
-                std::ranges::transform(frames, frames.begin(), [](float x) { return -2 * x; });
-                expected = frames;
-                byTheRule([](float& frame, float& sample) { sample = frame; });
-                copyFramesToEntries({frames.data(), channels, frameCount}, map, hardware.entries.data());
-                ASSERT_EQ(hardware.samples, reference.samples);
+                check(row.streams, row.map, frameCount);
             }
         }
     }
 }
 
-// Maps a node's channels to those of its context: parts in any order, absent, unknown, or of another width.
-TEST(ChannelLayout, findsEveryChannelOfANodeAmongThoseOfItsContext)
-{
-    const ChannelPart a{"a", {2, 1}, true}, b{"b", {3, 2}, true}, c{"c", {0, 4}, true};
-    ChannelPart absent = a, wide = b;
-    absent.isThere = false;
-    wide.channelCounts = {5, 2};
-    using Map = std::vector<uint32_t>;
-    const struct {
-        const char* what;
-        ChannelLayout node, context;
-        Map inputs, outputs;
-    } rows[] = {
-        {"the device itself", {a}, {a}, {1, 2}, {1}},
-        {"behind others", {b}, {a, c, b}, {3, 4, 5}, {6, 7}},
-        {"parts in another order", {b, a}, {a, b}, {3, 4, 5, 1, 2}, {2, 3, 1}},
-        {"an absent part keeps its place", {absent, b}, {b}, {0, 0, 1, 2, 3}, {0, 1, 2}},
-        {"an absent part that the context has", {absent, b}, {a, b}, {0, 0, 3, 4, 5}, {0, 2, 3}},
-        {"a part that the context does not have", {a, b}, {c, b}, {0, 0, 1, 2, 3}, {0, 5, 6}},
-        {"more channels than the context knows of", {wide}, {a, b}, {3, 4, 5, 0, 0}, {2, 3}},
-        {"nothing", {}, {a, b}, {}, {}},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(channelMapBetween(row.node, row.context, true), row.inputs) << row.what;
-        EXPECT_EQ(channelMapBetween(row.node, row.context, false), row.outputs) << row.what;
-    }
-}
-
 TEST_F(DXRDeviceNodeTest, takesTheChannelsAskedForOrThePreferredPair)
 {
-    plug(aDevice().uid("interface").inputs(6).outputs(2).stereoChannels(HALDirection::Input, 3, 4));
-    const CXRef<DXRDevice> in = device("interface", input);
-    const auto node = DXRDeviceNode::nodeWithDevice(in, std::nullopt, idle);
-    EXPECT_EQ(node->channels(), (DXRDeviceNode::Channels{3, 4}));
-    EXPECT_EQ(node->deviceUIDs(), std::vector<std::string>{"interface"});
-    EXPECT_TRUE(node->isViable());
-    EXPECT_NE(node->description().find(", input, interface>"), std::string::npos) << node->description();
-    const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
-    node->setRunner(runner);
-    EXPECT_EQ(node->runner(), runner);
-    EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(nullptr, std::nullopt, idle));
-    EXPECT_FALSE(DXRDeviceNode::nodeWithDevice(in, std::nullopt, nullptr)->isViable());
-
-    node->performIOWithSampleTime(0, nullptr, 0); // does nothing before it starts
+    plug(aDevice().uid("interface").inputs(6).stereoChannels(HALDirection::Input, 3, 4));
+    using Channels = DXRDeviceNode::Channels;
     const std::vector<uint32_t> map{7, 8, 0, 10, 11, 12};
-    ASSERT_TRUE(node->startIOWithSampleRate(48000, 4, map));
-    EXPECT_EQ(node->usageMap(), DXRDeviceNode::Channels{10}) << "a channel without a source is not in use";
-    const auto odd = DXRDeviceNode::nodeWithDevice(in, DXRDeviceNode::Channels{7, 0, 2, 2, 1}, idle);
-    ASSERT_TRUE(odd->startIOWithSampleRate(48000, 4, map));
-    EXPECT_EQ(odd->usageMap(), (DXRDeviceNode::Channels{8, 7})) << "what the device has, once, in order";
-    odd->stopIO();
-    EXPECT_TRUE(odd->usageMap().empty());
-    unplug("interface");
-    EXPECT_FALSE(node->isViable());
+    const auto used = [&](const std::optional<Channels>& channels) {
+        const auto node = DXRDeviceNode::nodeWithDevice(device("interface", input), channels, idle);
+        node->performIOWithSampleTime(0, nullptr, 0); // does nothing before it starts
+        EXPECT_TRUE(node->isViable() && node->startIOWithSampleRate(48000, 4, map));
+        const Channels inUse = node->usageMap();
+        node->stopIO();
+        EXPECT_TRUE(node->usageMap().empty());
+        return inUse;
+    };
+    EXPECT_EQ(used(std::nullopt), Channels{10}) << "a channel without a source is not in use";
+    EXPECT_EQ(used(Channels{7, 0, 2, 2, 1}), (Channels{8, 7})) << "what the device has, once, in order";
 }
 
 } // namespace

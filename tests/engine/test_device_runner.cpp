@@ -1,12 +1,8 @@
-#include "CapturedLog.h"
-#include "DXRAudioTimerContext.h"
 #include "EngineComputer.h"
 #include "ReasonOf.h"
-#include "RunnerIO.h"
 #include "SerialQueue.h"
 
 #include <functional>
-#include <future>
 
 namespace {
 
@@ -24,47 +20,42 @@ protected:
 
 TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
 {
-    plug(headset().bufferFrameSize(256));
+    const auto expectInEffect = [this](uint32_t frames, double rate, const char* when) {
+        EXPECT_EQ(runner->frameCount(), frames) << when;
+        EXPECT_EQ(runner->sampleRate(), rate) << when;
+    };
+    const auto replug = [this](const SimulatedDeviceBuilder& builder) {
+        unplug("headset");
+        plug(builder);
+    };
+    constexpr uint32_t max = DXRDeviceRunner::maxFrames;
+    plug(headset().bufferFrameSizeRange(max, max).bufferFrameSize(max));
     ASSERT_TRUE(runner->addDevice(phones(), std::nullopt, idle));
     runner->start();
     runner->start();
-    EXPECT_EQ(runner->frameCount(), 256U) << "the device's";
-    EXPECT_EQ(runner->sampleRate(), 48000.0);
-    EXPECT_FALSE(runner->setFrameCount(64));
-    EXPECT_FALSE(runner->setSampleRate(44100));
-    EXPECT_FALSE(runner->setConversionQuality(DXRConversionQuality::High));
-    unplug("headset");
-    plug(headset().bufferFrameSize(64).bufferFrameSizeRange(64, 64).sampleRate(44100).sampleRates({44100}));
-    EXPECT_EQ(runner->frameCount(), 256U) << "until it stops, over every context";
-    EXPECT_EQ(runner->sampleRate(), 48000.0);
+    expectInEffect(max, 48000, "the device's");
+    EXPECT_FALSE(runner->setFrameCount(64) || runner->setSampleRate(44100) ||
+                 runner->setConversionQuality(DXRConversionQuality::High));
+    replug(headset().bufferFrameSize(64).bufferFrameSizeRange(64, 64).sampleRate(44100).sampleRates({44100}));
+    expectInEffect(max, 48000, "until it stops, over every context");
     runner->stop();
     runner->stop();
-    EXPECT_EQ(runner->frameCount(), 0U);
-    EXPECT_EQ(runner->sampleRate(), 0.0);
+    expectInEffect(0, 0, "stopped");
 
-    unplug("headset");
-    constexpr uint32_t max = DXRDeviceRunner::maxFrames;
-    plug(headset().bufferFrameSizeRange(max, max).bufferFrameSize(max));
-    runner->start();
-    EXPECT_EQ(runner->frameCount(), max);
-    runner->stop();
-    unplug("headset");
-    plug(headset());
-    EXPECT_TRUE(runner->setFrameCount(64));
-    EXPECT_TRUE(runner->setSampleRate(96000));
-    EXPECT_TRUE(runner->setConversionQuality(DXRConversionQuality::High));
+    replug(headset());
+    EXPECT_TRUE(runner->setFrameCount(64) && runner->setSampleRate(96000) &&
+                runner->setConversionQuality(DXRConversionQuality::High));
     EXPECT_EQ(runner->conversionQuality(), DXRConversionQuality::High);
     runner->start();
-    EXPECT_EQ(readValue<uint32_t>(hal, phones()->deviceID(), at(kAudioDevicePropertyBufferFrameSize)), 64U)
-        << "the device was asked to follow";
-    EXPECT_EQ(readValue<double>(hal, phones()->deviceID(), at(kAudioDevicePropertyNominalSampleRate)), 96000);
+    const AudioObjectID deviceID = phones()->deviceID();
+    EXPECT_EQ(readValue<uint32_t>(hal, deviceID, at(kAudioDevicePropertyBufferFrameSize)), 64U) << "asked";
+    EXPECT_EQ(readValue<double>(hal, deviceID, at(kAudioDevicePropertyNominalSampleRate)), 96000) << "asked";
     runner->stop();
-    EXPECT_EQ(runner->frameCount(), 64U);
+    expectInEffect(64, 96000, "as asked for");
     for (const double rate : {-48000.0, 1.0, 2e6, std::nan("")})
         EXPECT_FALSE(runner->setSampleRate(rate)) << rate;
-    EXPECT_FALSE(runner->setFrameCount(DXRDeviceRunner::maxFrames + 1));
-    EXPECT_TRUE(runner->setFrameCount(DXRDeviceRunner::maxFrames));
-    EXPECT_TRUE(runner->setSampleRate(0.0));
+    EXPECT_FALSE(runner->setFrameCount(max + 1));
+    EXPECT_TRUE(runner->setFrameCount(max) && runner->setSampleRate(0.0));
 }
 
 TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
@@ -88,14 +79,14 @@ TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
     seen.clear();
     runner->setNotifier(nullptr, [&] { heard += runner->queue()->isDispatchedOnCurrentThread() ? 1 : 100; });
     const auto expectHeard = [&](int times, const char* what) {
+        notifierQueue->sync([] {});
         EXPECT_EQ(std::exchange(heard, 0), times) << what;
     };
     EXPECT_TRUE(runner->addDevice(phones(), Channels{1, 2}, idle));
     expectHeard(1, "a device is added");
-    EXPECT_FALSE(runner->addDevice(phones(), Channels{1}, idle));
-    EXPECT_FALSE(runner->addDevice(nullptr, std::nullopt, idle));
-    EXPECT_FALSE(runner->addDevice(mic(), std::nullopt, nullptr));
-    runner->removeDevice(nullptr);
+    EXPECT_FALSE(runner->addDevice(phones(), Channels{1}, idle) ||
+                 runner->addDevice(nullptr, std::nullopt, idle) ||
+                 runner->addDevice(mic(), std::nullopt, nullptr));
     runner->removeDevice(mic());
     runner->stop();
     expectHeard(0, "nothing has changed");
@@ -113,25 +104,24 @@ TEST_F(DXRDeviceRunnerTest, publishesEveryChangeOnce)
     expectHeard(1, "a channel in use is lost");
     runner->setNotifier(notifierQueue, [&] { heard += notifierQueue->isCurrent() ? 1 : 100; });
     unplug("headset");
-    notifierQueue->sync([] {});
     expectHeard(1, "the device is gone");
     EXPECT_EQ(runner->devices(), Devices{phones()}) << "an absent device stays";
     runner->removeDevice(phones());
-    notifierQueue->sync([] {});
     expectHeard(1, "it is removed");
     EXPECT_TRUE(runner->devices().empty());
     runner->setNotifier(nullptr, nullptr);
 }
 
-TEST_F(DXRDeviceRunnerTest, callsDeviceNotifiersOnItsQueueUntilTheyAreRemoved)
+TEST_F(DXRDeviceRunnerTest, reportsDevicesAndPropertiesOnItsQueue)
 {
     int calls = 0;
+    const auto isOnQueue = [this] { return runner->queue()->isDispatchedOnCurrentThread(); };
     const DXRDeviceRunner::DeviceNotifier notifier = [&](const Devices& connected, const auto&...) {
-        calls += runner->queue()->isDispatchedOnCurrentThread() && connected.size() == 2 ? 1 : 100;
+        calls += isOnQueue() && connected.size() == 2 ? 1 : 100;
     };
     runner->addDeviceNotifier(notifier);
     runner->addDeviceNotifier(notifier);
-    plug(headset());
+    plug(headset().volume(HALDirection::Output, 0.5F));
     EXPECT_EQ(calls, 1);
     runner->queue()->dispatchSync([&] { // while one call waits in the queue, no second is posted
         hal.unplug("headset");
@@ -140,33 +130,23 @@ TEST_F(DXRDeviceRunnerTest, callsDeviceNotifiersOnItsQueueUntilTheyAreRemoved)
     });
     settle();
     EXPECT_EQ(calls, 1);
-}
 
-TEST_F(DXRDeviceRunnerTest, listensToPropertiesOnItsQueue)
-{
     const AudioObjectID deviceID = plug(headset().volume(HALDirection::Output, 0.5F));
-    AudioObjectPropertyAddress seen{};
-    const CXRef<CXObject> target = runner->kvo();
     const auto volume = at(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput);
     const auto listener = runner->propertyListenerWithObjectID(
-        deviceID, &volume, target,
-        [&](const CXRef<CXObject>& given, const AudioObjectPropertyAddress* address) {
-            EXPECT_TRUE(runner->queue()->isDispatchedOnCurrentThread());
-            EXPECT_EQ(given, target);
-            seen = *address;
+        deviceID, &volume, CXRef<CXObject>(runner),
+        [&](const CXRef<CXObject>& target, const AudioObjectPropertyAddress* address) {
+            calls += isOnQueue() && target == runner && *address == volume ? 1 : 100;
         });
     listener->start();
     writeValue(hal, deviceID, volume, 0.25F);
     settle();
-    EXPECT_EQ(seen, volume);
+    EXPECT_EQ(calls, 2);
 }
 
 TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
 {
     plug(headset());
-    const DXRDeviceNodes nodes;
-    RunnerIO io(runner->queue());
-    const CXRef<DXRAudioContext> context = DXRAudioTimerContext::initWithIO(io, nullptr, nodes);
     const std::function<void()> forbidden[] = {
         [&] { runner->setFrameCount(64); },
         [&] { runner->setSampleRate(48000); },
@@ -175,17 +155,9 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
         [&] { runner->start(); },
     };
     runner->queue()->dispatchSync([&] {
-        for (const auto& call : forbidden) {
-            const std::string reason = reasonOf(call);
-            EXPECT_NE(reason.find("![_queue isDispatchedOnCurrentThread]"), std::string::npos) << reason;
-            EXPECT_NE(reason.find("DXRDeviceRunner"), std::string::npos) << reason;
-        }
-        context->start();
-        EXPECT_NE(reasonOf([&] { context->start(); }).find("_timer == nil"), std::string::npos);
-        context->stop();
+        for (const auto& call : forbidden)
+            EXPECT_NE(reasonOf(call).find("![_queue isDispatchedOnCurrentThread]"), std::string::npos);
     });
-    EXPECT_NE(reasonOf([&] { context->start(); }).find("[_queue isDispatchedOnCurrentThread]"),
-              std::string::npos);
     runner->start();
     runner->queue()->dispatchSync([&] {
         runner->stop();
@@ -195,8 +167,7 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
     EXPECT_FALSE(runner->isRunning());
 }
 
-// Cycles are late in the first second and after it: only these are logged, and blocks catch up in whole
-// cycles.
+// One cycle is late: the following ones catch up in whole cycles.
 TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
 {
     constexpr uint32_t frames = 480;
@@ -213,17 +184,13 @@ TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
     });
     runner->addDevice(phones(), std::nullopt, [&](uint64_t time, DXRBuffer& buffer) {
         wrong += time != last || buffer.hostTime() - lastHostTime - 20'000'000 > 2;
-        const uint32_t cycle = ++cycles;
-        for (const auto end = std::chrono::steady_clock::now() + (cycle == 10 || cycle == 105 ? 35ms : 0ms);
-             std::chrono::steady_clock::now() < end;) {
-        }
+        const CXRealtimeExemption exemption("a block that takes too long");
+        if (++cycles == 10)
+            std::this_thread::sleep_for(35ms);
     });
     unplug("headset");
-    const CXRef<DXRCycleTrace> trace = DXRCycleTrace::init();
-    ASSERT_TRUE(runner->setCycleTrace(trace));
-    const CapturedLog log;
     runner->start();
-    EXPECT_TRUE(eventually([&] { return cycles >= 110; }));
+    EXPECT_TRUE(eventually([&] { return cycles >= 20; }));
     runner->queue()->dispatchSync([&] {
         EXPECT_EQ(runner->sampleTime(), last + frames);
         runner->stop();
@@ -233,30 +200,7 @@ TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
     const uint32_t after = cycles;
     std::this_thread::sleep_for(30ms);
     EXPECT_EQ(cycles, after) << "no call after stop";
-    std::vector<DXRCycleRecord> records(200);
-    ASSERT_GT(trace->read(records), 100U);
-    for (const DXRCycleRecord& each : std::span(records).subspan(1, 100)) {
-        EXPECT_EQ(each.frameCount, frames);
-        EXPECT_EQ(each.runnerFrameCount, frames);
-        EXPECT_EQ(each.sampleTime, each.deviceSampleTime);
-        EXPECT_NEAR(static_cast<double>(each.deadlineTicks - each.dueTicks), 1e7, 2);
-        EXPECT_TRUE(each.dueTicks <= each.beginTicks && each.beginTicks <= each.blocksBeginTicks);
-    }
-    ASSERT_FALSE(log.lines().empty());
-    for (const std::string& line : log.lines()) {
-        unsigned long long expected = 0, cycle = 0, again = 0, now = 0;
-        long long late = 0, lateNow = 0;
-        EXPECT_EQ(std::sscanf(line.c_str(),
-                              "<DXRAudioTimerContext: %*[^>]>: Timer clock discontinuity: "
-                              "%llu -> %llu (%lld), %llu -> %llu (%lld)",
-                              &expected, &cycle, &late, &again, &now, &lateNow),
-                  6)
-            << line;
-        EXPECT_GT(expected, 48000U) << "not in the first second";
-        EXPECT_TRUE(late > 0 && cycle == expected + static_cast<uint64_t>(late) && again == expected &&
-                    now - now % frames == cycle && now == expected + static_cast<uint64_t>(lateNow))
-            << line;
-    }
+    EXPECT_GT(last, after * frames) << "the late cycle's time was skipped";
 }
 
 } // namespace
