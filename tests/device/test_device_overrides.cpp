@@ -1,3 +1,4 @@
+#include "CXException.h"
 #include "CXMainBundle.h"
 #include "DXRDeviceOverrides.h"
 #include "DefaultsSuite.h"
@@ -50,6 +51,23 @@ protected:
             write(key, std::nullopt);
     }
 };
+
+TEST_F(DeviceOverrides, areReadByType)
+{
+    const CXRef<DXRDeviceOverrides> overrides = overridesFor(R"({"uid":"a","i":true})");
+    const std::pair<const char*, CXPlist> values[] = {{"on", true}, {"half", 0.5}, {"list", {1, 2}}};
+    for (const auto& [key, value] : values)
+        overrides->setObject(value, key);
+    overrides->setObject(1, std::nullopt);
+    EXPECT_EQ(overrides->boolForKey("half"), CXPlist(0.5));
+    EXPECT_EQ(overrides->doubleForKey("on"), CXPlist(true)) << "a boolean is a number";
+    EXPECT_EQ(overrides->objectForKey("list"), (CXPlist{1, 2}));
+    EXPECT_EQ(overrides->objectForKey(std::nullopt), CXPlist());
+    EXPECT_EQ(overrides->numberArrayForKey("list"), CXPlist());
+    EXPECT_EQ(overrides->numberArrayForKey("half"), CXPlist(0.5));
+    EXPECT_EQ(overrides->numberArrayForKey("list", 2), CXPlist());
+    EXPECT_THROW(static_cast<void>(overrides->numberArrayForKey("half", 1)), CXException);
+}
 
 TEST_F(DeviceOverrides, recordTheirOwnerAndRemoveEmptyEntries)
 {

@@ -186,6 +186,14 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
     const CXWeak<Target> weak(std::exchange(target, Target::init()));
     EXPECT_FALSE(weak.lock()) << "the listener does not keep it";
     EXPECT_EQ(changesAfterAToggle(), 0);
+
+    // A listener created by an address is called on the notification thread even if a queue is passed.
+    const auto ofAddress = muted->listenerWithObjectID(
+        box, queue, target, [&](const CXRef<CXObject>& who, const Address::Ref& what) {
+            static_cast<Target&>(*who).changes += what == muted && !queue->isCurrent() ? 1 : 100;
+        });
+    ofAddress->start();
+    EXPECT_EQ(changesAfterAToggle(), 1);
 }
 
 } // namespace
