@@ -17,9 +17,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         {"as most are", [](Card&) {}},
         {"its directions cannot be linked", [](Card& card) { card.canLink = false; }},
         {"no time stamps", [](Card& card) { card.hasStamps = false; }},
-        {"positions are asked for", [](Card& card) { card.mapsStatus = false; }},
         {"read and write alone", [](Card& card) { card.mapsSamples = false; }},
-        {"neither is mapped", [](Card& card) { card.mapsSamples = card.mapsStatus = false; }},
         {"16 bits", [](Card& card) { card.formats = {FakedFormat::S16}; }, 1.0F / 32768.0F},
         {"24 bits", [](Card& card) { card.formats = {FakedFormat::S24}; }},
         {"24 bits in three bytes", [](Card& card) { card.formats = {FakedFormat::S24Packed}; }},
@@ -64,7 +62,6 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
         {"an overload of an output alone", 2, 0, Report::Overload, FakedFault::Overload},
         {"a suspend", 2, 2, Report::Overload, FakedFault::Suspend},
         {"a card that is stuck for a while", 2, 2, Report::Stall, FakedFault::Stuck, 1},
-        {"a pause that this process did not ask for", 2, 2, Report::None, FakedFault::Pause, 1},
         {"a wait that a signal ends", 2, 2, Report::None, FakedFault::InterruptWaits},
     };
     for (const auto& row : rows) {
@@ -104,10 +101,10 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
 // A card that has disappeared causes no repeated calls or log lines, and its device disappears at once.
 TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
 {
-    for (const bool mapsStatus : {true, false}) {
+    for (const bool mapsSamples : {true, false}) {
         const CapturedLog log;
         FakedCardOptions card = aCard();
-        card.mapsStatus = mapsStatus;
+        card.mapsSamples = mapsSamples;
         const int number = FakedCards::plug(card);
         Ramp ramp(*hal, device(uidOf("unit")));
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);

@@ -1,10 +1,11 @@
 #include "FakedCard.h"
 
+#include "FakedPcm.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <ctime>
 #include <sound/tlv.h>
 
 namespace {
@@ -13,14 +14,15 @@ const char* const sourceNames[] = {"Mic", "Line"};
 
 constexpr int mixer = SNDRV_CTL_ELEM_IFACE_MIXER, jack = SNDRV_CTL_ELEM_IFACE_CARD;
 constexpr int integer = SNDRV_CTL_ELEM_TYPE_INTEGER, boolean = SNDRV_CTL_ELEM_TYPE_BOOLEAN;
+constexpr int choice = SNDRV_CTL_ELEM_TYPE_ENUMERATED;
 
 const std::vector<FakedCard::Control> usualControls{
-    {mixer, "Master Playback Volume", integer, 2, 64, true, -6400, {48, 48}},
-    {mixer, "Master Playback Switch", boolean, 2, 1, true, 0, {1, 1}},
-    {mixer, "Capture Volume", integer, 2, 30, true, -1500, {15, 15}},
-    {mixer, "Capture Switch", boolean, 2, 1, true, 0, {1, 1}},
-    {mixer, "Capture Source", SNDRV_CTL_ELEM_TYPE_ENUMERATED, 1, 1, true, 0, {0, 0}},
-    {jack, "Headphone Jack", boolean, 1, 1, false, 0, {0, 0}},
+    {mixer, "Master Playback Volume", integer, 2, 64, -6400, {48, 48}},
+    {mixer, "Master Playback Switch", boolean, 2, 1, 0, {1, 1}},
+    {mixer, "Capture Volume", integer, 2, 30, -1500, {15, 15}},
+    {mixer, "Capture Switch", boolean, 2, 1, 0, {1, 1}},
+    {mixer, "Capture Source", choice, 1, 1, 0, {0, 0}},
+    {jack, "Headphone Jack", boolean, 1, 1, 0, {0, 0}},
 };
 
 } // namespace
@@ -39,15 +41,11 @@ timespec fakedTime(int64_t nanoseconds)
 
 FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
     : number(cardNumber), options(cardOptions), controls(usualControls),
-      _wireChannels(std::max(options.playback, options.capture)), _wires(options.pcmCount)
+      _wires(options.pcmCount, std::vector<Frame>(wireFrames))
 {
     setFault(FakedFault::Busy, options.isBusy);
     controls[0].name = options.volumeNames[0];
     controls[2].name = options.volumeNames[1];
-    for (Wire& wire : _wires) {
-        wire.samples.resize(wireFrames * _wireChannels);
-        wire.frames.assign(wireFrames, -1);
-    }
 }
 
 // ---- The clock
@@ -64,7 +62,8 @@ int64_t FakedCard::timeOf(double frame) const
                                                     (_rate * (1.0 + options.partsPerMillion * 1e-6))));
 }
 
-void FakedCard::holdAt(double frame, int64_t nanoseconds)
+/// Sets the clock to `frame` at this time.
+void FakedCard::_holdAt(double frame, int64_t nanoseconds)
 {
     _originFrame = frame;
     _origin = nanoseconds;
@@ -73,7 +72,7 @@ void FakedCard::holdAt(double frame, int64_t nanoseconds)
 void FakedCard::setRate(unsigned rate)
 {
     const int64_t now = fakedNow();
-    holdAt(frameAt(now), now);
+    _holdAt(frameAt(now), now);
     _rate = rate;
 }
 
@@ -85,57 +84,61 @@ void FakedCard::setFault(FakedFault fault, bool isThere)
         interruptedWaits = 3;
 }
 
-// ---- The wire. Copies do not call memcpy(), which the thread sanitizer would attribute to the program.
-
-void FakedCard::play(unsigned pcm, int64_t frame, const char* samples, unsigned channels, unsigned bytes)
+void FakedCard::update()
 {
-    Wire& wire = _wires[pcm];
-    const size_t place = static_cast<size_t>(frame) % wireFrames;
-    wire.frames[place] = frame;
-    for (unsigned channel = 0; channel < std::min(channels, _wireChannels); ++channel, samples += bytes) {
-        int32_t& value = wire.samples[place * _wireChannels + channel] = 0;
-        std::copy_n(static_cast<const volatile char*>(samples), bytes,
-                    reinterpret_cast<char*>(&value) + 4 - bytes);
+    const int64_t now = fakedNow();
+    double last = frameAt(now);
+    for (const FakedPcm* pcm : pcms)
+        if (options.isElastic)
+            last = std::min(last, pcm->lastFrameBeforeOverload());
+    if (last < frameAt(now))
+        _holdAt(last, now);
+    for (const bool isCapture : {false, true}) // playback first: capture reads the played frames
+        for (FakedPcm* pcm : pcms)
+            if (pcm->isCapture == isCapture)
+                pcm->advance(now);
+}
+
+/// Does not call memcpy(), which the thread sanitizer would attribute to the program.
+void FakedCard::carry(unsigned pcm, int64_t frame, bool isCapture, char* samples, size_t bytes)
+{
+    Frame& onWire = _wires[pcm][static_cast<size_t>(frame) % wireFrames];
+    volatile char* const ring = samples;
+    if (!isCapture)
+        onWire.number = frame;
+    for (size_t i = 0; i < std::min(bytes, sizeof onWire.samples); ++i) {
+        if (isCapture)
+            ring[i] = onWire.number == frame ? onWire.samples[i] : '\0';
+        else
+            onWire.samples[i] = ring[i];
     }
 }
 
-void FakedCard::record(unsigned pcm, int64_t frame, char* samples, unsigned channels, unsigned bytes) const
-{
-    const Wire& wire = _wires[pcm];
-    const size_t place = static_cast<size_t>(frame) % wireFrames;
-    for (unsigned channel = 0; channel < std::min(channels, _wireChannels); ++channel, samples += bytes) {
-        const int32_t value = wire.frames[place] == frame ? wire.samples[place * _wireChannels + channel] : 0;
-        std::copy_n(reinterpret_cast<const char*>(&value) + 4 - bytes, bytes,
-                    static_cast<volatile char*>(samples));
-    }
-}
+// ---- PCMs and controls
 
-// ---- Controls
+bool FakedCard::hasPcm(unsigned pcm, bool isCapture) const
+{
+    return pcm < options.pcmCount && (isCapture ? options.capture : options.playback) > 0;
+}
 
 template <size_t size> void FakedCard::_text(unsigned char (&to)[size], const std::string& from) const
 {
-    std::memset(to, 0, size);
-    std::memset(to, 0xFE, options.isHostile ? size - 1 : 0);
+    std::memset(to, options.isHostile ? 0xFE : 0, size);
     if (!options.isHostile)
         std::memcpy(to, from.data(), std::min(from.size(), size - 1));
 }
 
-void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
+void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
 {
-    id = {};
-    id.numid = control;
-    id.iface = controls[control - 1].interface;
-    _text(id.name, controls[control - 1].name);
-    if (options.isHostile) // a suffix that programs look for; all names differ
-        std::memcpy(id.name + sizeof id.name - 17, "\xFEPlayback Volume", 16);
-    if (options.isHostile)
-        id.name[0] = static_cast<unsigned char>(control);
-}
-
-/// alsa-lib identifies controls by the numbers from the list.
-unsigned FakedCard::_find(const snd_ctl_elem_id& id) const
-{
-    return id.numid <= controls.size() ? id.numid : 0;
+    const bool isOpen = std::ranges::any_of(
+        pcms, [&](const FakedPcm* each) { return each->number == pcm && each->isCapture == isCapture; });
+    info.device = pcm;
+    info.stream = isCapture;
+    info.card = number;
+    _text(info.id, "Faked PCM " + std::to_string(pcm));
+    _text(info.name, "Faked PCM " + std::to_string(pcm));
+    info.subdevices_count = 1;
+    info.subdevices_avail = has(FakedFault::Busy) || isOpen ? 0 : 1;
 }
 
 void FakedCard::_describe(snd_ctl_card_info& info) const
@@ -146,37 +149,39 @@ void FakedCard::_describe(snd_ctl_card_info& info) const
     _text(info.driver, "Faked");
     _text(info.name, options.name);
     _text(info.longname, options.longName);
-    _text(info.mixername, options.name);
     _text(info.components, options.components);
 }
 
-void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
+void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
 {
-    info.device = pcm;
-    info.subdevice = 0;
-    info.stream = isCapture;
-    info.card = number;
-    _text(info.id, "Faked PCM " + std::to_string(pcm));
-    _text(info.name, "Faked PCM " + std::to_string(pcm));
-    _text(info.subname, "subdevice #0");
-    info.subdevices_count = 1;
-    info.subdevices_avail = has(FakedFault::Busy) ? 0 : 1;
+    id = {};
+    id.numid = control;
+    id.iface = controls[control - 1].interface;
+    _text(id.name, controls[control - 1].name);
+    if (options.isHostile) { // a suffix that programs look for; all names differ
+        std::memcpy(id.name + sizeof id.name - 17, "\xFEPlayback Volume", 16);
+        id.name[0] = static_cast<unsigned char>(control);
+    }
 }
 
-void FakedCard::_describe(snd_ctl_elem_info& info, unsigned number_) const
+/// alsa-lib identifies controls by the numbers from the list.
+FakedCard::Control* FakedCard::_find(unsigned control)
 {
-    const Control& control = controls[number_ - 1];
-    const unsigned item = info.value.enumerated.item;
-    name(number_, info.id);
+    return control - 1 < controls.size() ? &controls[control - 1] : nullptr;
+}
+
+void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
+{
     info.type = control.type;
     info.count = options.isHostile ? 4'000'000'000U : control.count;
-    info.access = SNDRV_CTL_ELEM_ACCESS_READ | (control.isWritable ? SNDRV_CTL_ELEM_ACCESS_WRITE : 0U) |
+    info.access = SNDRV_CTL_ELEM_ACCESS_READ |
+                  (control.interface == mixer ? SNDRV_CTL_ELEM_ACCESS_WRITE : 0U) |
                   (control.minDecibels ? SNDRV_CTL_ELEM_ACCESS_TLV_READ : 0U);
     info.owner = -1;
-    if (control.type == SNDRV_CTL_ELEM_TYPE_ENUMERATED) {
+    if (control.type == choice) {
+        const unsigned item = std::min(info.value.enumerated.item, 1U);
         info.value.enumerated.items = options.isHostile ? 4'000'000'000U : 2;
-        info.value.enumerated.item = std::min(item, 1U);
-        std::strcpy(info.value.enumerated.name, sourceNames[info.value.enumerated.item]);
+        std::strcpy(info.value.enumerated.name, sourceNames[item]);
     } else {
         info.value.integer.min = options.isHostile ? control.max : 0;
         info.value.integer.max = options.isHostile ? 0 : control.max;
@@ -184,32 +189,25 @@ void FakedCard::_describe(snd_ctl_elem_info& info, unsigned number_) const
     }
 }
 
-int FakedCard::_transfer(snd_ctl_elem_value& value, bool isWrite, unsigned& changed)
+/// Returns 1 if a write changed the value.
+int FakedCard::_transfer(snd_ctl_elem_value& value, Control& control, bool isWrite) const
 {
-    const unsigned found = _find(value.id);
-    if (!found)
-        return -ENOENT;
-    Control& control = controls[found - 1];
-    const bool isChoice = control.type == SNDRV_CTL_ELEM_TYPE_ENUMERATED;
-    name(found, value.id);
-    if (isWrite && !control.isWritable)
-        return -EPERM;
+    int hasChanged = 0;
     for (unsigned i = 0; i < control.count; ++i) {
-        if (!isWrite) {
-            if (isChoice)
-                value.value.enumerated.item[i] = static_cast<unsigned>(control.value[i]);
-            else
-                value.value.integer.value[i] = options.isHostile ? 1L << 60 : control.value[i];
-            continue;
+        unsigned& item = value.value.enumerated.item[i];
+        long& step = value.value.integer.value[i];
+        if (isWrite) {
+            const long wanted = control.type == choice ? item : step;
+            if (wanted < 0 || wanted > control.max)
+                return -EINVAL;
+            hasChanged |= std::exchange(control.value[i], wanted) != wanted;
+        } else if (control.type == choice) {
+            item = static_cast<unsigned>(control.value[i]);
+        } else {
+            step = options.isHostile ? 1L << 60 : control.value[i];
         }
-        const long wanted = isChoice ? value.value.enumerated.item[i] : value.value.integer.value[i];
-        if (wanted < 0 || wanted > control.max)
-            return -EINVAL;
-        if (control.value[i] != wanted)
-            changed = found;
-        control.value[i] = wanted;
     }
-    return changed != 0;
+    return hasChanged;
 }
 
 int FakedCard::ioctl(unsigned long request, void* argument, unsigned& changed)
@@ -227,6 +225,14 @@ int FakedCard::ioctl(unsigned long request, void* argument, unsigned& changed)
         return 0;
     case SNDRV_CTL_IOCTL_PCM_PREFER_SUBDEVICE:
         return 0;
+    case SNDRV_CTL_IOCTL_PCM_INFO: {
+        auto& info = *static_cast<snd_pcm_info*>(argument);
+        const bool isCapture = info.stream == SNDRV_PCM_STREAM_CAPTURE;
+        if (!hasPcm(info.device, isCapture))
+            return -ENOENT;
+        describe(info, info.device, isCapture);
+        return 0;
+    }
     case SNDRV_CTL_IOCTL_ELEM_LIST: {
         auto& list = *static_cast<snd_ctl_elem_list*>(argument);
         list.count = static_cast<unsigned>(controls.size());
@@ -237,21 +243,26 @@ int FakedCard::ioctl(unsigned long request, void* argument, unsigned& changed)
     }
     case SNDRV_CTL_IOCTL_ELEM_INFO: {
         auto& info = *static_cast<snd_ctl_elem_info*>(argument);
-        const unsigned found = _find(info.id);
-        if (found)
-            _describe(info, found);
-        return found ? 0 : -ENOENT;
+        const Control* const control = _find(info.id.numid);
+        if (control)
+            _describe(info, *control);
+        return control ? 0 : -ENOENT;
     }
     case SNDRV_CTL_IOCTL_ELEM_READ:
-    case SNDRV_CTL_IOCTL_ELEM_WRITE:
-        return _transfer(*static_cast<snd_ctl_elem_value*>(argument), request == SNDRV_CTL_IOCTL_ELEM_WRITE,
-                         changed);
+    case SNDRV_CTL_IOCTL_ELEM_WRITE: {
+        auto& value = *static_cast<snd_ctl_elem_value*>(argument);
+        Control* const control = _find(value.id.numid);
+        const int result =
+            control ? _transfer(value, *control, request == SNDRV_CTL_IOCTL_ELEM_WRITE) : -ENOENT;
+        changed = result > 0 ? value.id.numid : 0;
+        return result;
+    }
     case SNDRV_CTL_IOCTL_TLV_READ: {
         auto& tlv = *static_cast<snd_ctl_tlv*>(argument);
-        if (tlv.numid == 0 || tlv.numid > controls.size() || !controls[tlv.numid - 1].minDecibels ||
-            tlv.length < 16)
+        const Control* const control = _find(tlv.numid);
+        if (!control || !control->minDecibels || tlv.length < 16)
             return -ENXIO;
-        const auto min = static_cast<unsigned>(controls[tlv.numid - 1].minDecibels);
+        const auto min = static_cast<unsigned>(control->minDecibels);
         const unsigned scale[4] = {SNDRV_CTL_TLVT_DB_SCALE, options.isHostile ? 0xFFFFFFF0U : 8U, min, 100};
         std::memcpy(tlv.tlv, scale, sizeof scale);
         return 0;

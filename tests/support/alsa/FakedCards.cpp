@@ -3,7 +3,6 @@
 #include "FakedKernel.h"
 #include "FakedLibrary.h"
 
-#include <algorithm>
 #include <sys/stat.h>
 
 namespace {
@@ -13,16 +12,22 @@ FakedKernel& kernel()
     return FakedKernel::shared();
 }
 
-/// Touches the control file, which programs that watch the folder notice; usePcm() closes a PCM file.
-void touchControl(int number)
+std::string controlFile(int number)
 {
-    utimensat(AT_FDCWD, (kernel().folder + "/controlC" + std::to_string(number)).c_str(), nullptr, 0);
+    return kernel().folder + "/controlC" + std::to_string(number);
 }
 
-void usePcm(int number)
+/// Opens and closes the card's file: programs that watch the folder notice it.
+void useFile(int number)
 {
-    const std::string file = kernel().folder + "/pcmC" + std::to_string(number) + "D0p";
-    FakedLibrary::close(FakedLibrary::open(file.c_str(), O_WRONLY | O_CLOEXEC, 0));
+    FakedLibrary::close(
+        FakedLibrary::open(controlFile(number).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0660));
+}
+
+/// Changes the attributes of the card's file, as udev does.
+void touchFile(int number)
+{
+    utimensat(AT_FDCWD, controlFile(number).c_str(), nullptr, 0);
 }
 
 } // namespace
@@ -34,27 +39,23 @@ int FakedCards::plug(const FakedCardOptions& options)
     int number = 0;
     while (cards.contains(number) && !cards[number]->isGone)
         ++number;
-    std::unique_ptr<FakedCard>& place = cards[number];
-    if (place)
-        kernel()._gone.push_back(std::move(place));
-    place = std::make_unique<FakedCard>(number, options);
-    kernel()._makeFiles(*place, true);
+    cards[number] = std::make_shared<FakedCard>(number, options);
+    useFile(number);
     return number;
 }
 
 void FakedCards::unplug(int number)
 {
     const FakedKernel::Guard guard(kernel()._lock);
-    FakedCard& card = *kernel()._cards.at(number);
-    if (std::exchange(card.isGone, true))
+    const std::shared_ptr<FakedCard>& card = kernel()._cards.at(number);
+    if (std::exchange(card->isGone, true))
         return;
-    for (const auto& [descriptor, pcm] : kernel()._pcms)
-        if (&pcm->card == &card)
-            pcm->setState(SNDRV_PCM_STATE_DISCONNECTED);
+    for (FakedPcm* pcm : card->pcms)
+        pcm->setState(SNDRV_PCM_STATE_DISCONNECTED);
     for (const auto& [descriptor, control] : kernel()._controls)
-        if (control.card == &card)
-            FakedLibrary::write(control.peer, "", 1);
-    kernel()._makeFiles(card, false);
+        if (control.card == card)
+            FakedLibrary::setFull(descriptor, true);
+    unlink(controlFile(number).c_str());
 }
 
 void FakedCards::unplugAll()
@@ -69,29 +70,26 @@ void FakedCards::rename(int number, const std::string& name)
         const FakedKernel::Guard guard(kernel()._lock);
         kernel()._cards.at(number)->options.name = name;
     }
-    touchControl(number);
+    touchFile(number);
 }
 
 void FakedCards::set(int number, FakedFault fault, bool isThere)
 {
-    const int stopped = fault == FakedFault::Overload  ? SNDRV_PCM_STATE_XRUN
-                        : fault == FakedFault::Pause   ? SNDRV_PCM_STATE_PAUSED
-                        : fault == FakedFault::Suspend ? SNDRV_PCM_STATE_SUSPENDED
-                                                       : SNDRV_PCM_STATE_RUNNING;
     {
         const FakedKernel::Guard guard(kernel()._lock);
         FakedCard& card = *kernel()._cards.at(number);
-        kernel().update(card);
+        card.update();
         card.setFault(fault, isThere);
-        for (const auto& [descriptor, pcm] : kernel()._pcms)
-            if (isThere && stopped != SNDRV_PCM_STATE_RUNNING && &pcm->card == &card && pcm->runs())
-                pcm->setState(stopped);
-        kernel()._wakeClock();
+        const bool isStop = isThere && (fault == FakedFault::Overload || fault == FakedFault::Suspend);
+        for (FakedPcm* pcm : card.pcms)
+            if (isStop && pcm->runs())
+                pcm->setState(fault == FakedFault::Overload ? SNDRV_PCM_STATE_XRUN
+                                                            : SNDRV_PCM_STATE_SUSPENDED);
     }
     if (fault == FakedFault::Busy)
-        usePcm(number);
+        useFile(number);
     if (fault == FakedFault::NoRights)
-        touchControl(number);
+        touchFile(number);
 }
 
 void FakedCards::setControl(int number, unsigned control, long left, long right)
@@ -111,12 +109,11 @@ long FakedCards::control(int number, unsigned control, unsigned index)
 bool FakedCards::isOpen(int number)
 {
     const FakedKernel::Guard guard(kernel()._lock);
-    return std::ranges::any_of(kernel()._pcms, [&](const auto& each) {
-        return &each.second->card == kernel()._cards.at(number).get();
-    });
+    return !kernel()._cards.at(number)->pcms.empty();
 }
 
 uint64_t FakedCards::ioctlCount()
 {
-    return kernel().ioctlCount;
+    const FakedKernel::Guard guard(kernel()._lock);
+    return kernel()._ioctlCount;
 }

@@ -10,13 +10,12 @@
 /// Sample formats, as the kernel numbers them.
 enum class FakedFormat : unsigned { S16 = 2, S24 = 6, S32 = 10, Float = 14, S24Packed = 32 };
 
-/// Faults of a card. The first three are single events; the others last until they are cleared.
+/// Faults of a card. The first two are single events; the others last until they are cleared.
 enum class FakedFault {
     Overload,       ///< running PCMs stop, as if the program had been late
-    Pause,          ///< running PCMs pause until they are stopped
     InterruptWaits, ///< signals interrupt the next waits for its PCMs
     Suspend,
-    Stuck,   ///< its clock stops and no wait is interrupted
+    Stuck,   ///< its clock stops
     Busy,    ///< all of its PCMs are open in another program
     NoRights ///< this process lacks permission to open it
 };
@@ -27,7 +26,7 @@ enum class FakedFault {
 struct FakedCardOptions {
     std::string name = "Faked Card", longName = "Faked Card at nowhere", components = {};
     unsigned pcmCount = 1;
-    unsigned playback = 2, capture = 2; ///< channels of each PCM; 0: direction is absent
+    unsigned playback = 2, capture = 2; ///< channels of each PCM, at most 8; 0: direction is absent
     std::vector<unsigned> rates{44100, 48000, 96000};
     std::vector<FakedFormat> formats{FakedFormat::S16, FakedFormat::S32, FakedFormat::S24Packed};
     /// Names of the first and the third control.
@@ -37,7 +36,6 @@ struct FakedCardOptions {
     double partsPerMillion = 0.0;               ///< clock error; positive: fast
     unsigned granularity = 1;                   ///< step of its position, in frames
     bool isElastic = true;                      ///< its clock waits for a late program: no overloads
-    bool mapsStatus = true;                     ///< false: positions by ioctl, as on some processors
     bool mapsSamples = true;                    ///< false: samples by read and write only
     bool hasStamps = true;                      ///< false: its time stamps are 0
     bool canLink = true;

@@ -3,6 +3,7 @@
 
 #include "FakedKernel.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -35,8 +36,7 @@ FAKED_EXPORT int open(const char* path, int flags, ...)
         mode = va_arg(list, mode_t);
         va_end(list);
     }
-    return isCards(path) ? result(FakedKernel::shared().open(path, flags))
-                         : FakedLibrary::open(path, flags, mode);
+    return isCards(path) ? result(FakedKernel::shared().open(path)) : FakedLibrary::open(path, flags, mode);
 }
 
 /// File offsets always have 64 bits here, so both are the same.
@@ -68,14 +68,19 @@ FAKED_EXPORT int ioctl(int descriptor, unsigned long request, ...) noexcept
     return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
 }
 
+/// Maps a PCM's status, the program's positions or the ring.
 FAKED_EXPORT void* mmap(void* at, size_t size, int protection, int flags, int descriptor,
                         off_t offset) noexcept
 {
     if (descriptor < 0 || !(flags & MAP_SHARED) || !FakedKernel::shared().owns(descriptor))
         return FakedLibrary::mmap(at, size, protection, flags, descriptor, offset);
-    off_t place = 0;
-    const int file =
-        result(FakedKernel::shared().mapped(descriptor, static_cast<unsigned long>(offset), place));
+    constexpr off_t page = FakedPcm::page;
+    off_t place = 2 * page + offset;
+    if (offset == SNDRV_PCM_MMAP_OFFSET_STATUS_OLD || offset == SNDRV_PCM_MMAP_OFFSET_STATUS_NEW)
+        place = 0;
+    if (offset == SNDRV_PCM_MMAP_OFFSET_CONTROL_OLD || offset == SNDRV_PCM_MMAP_OFFSET_CONTROL_NEW)
+        place = page;
+    const int file = result(FakedKernel::shared().mapped(descriptor));
     return file < 0 ? MAP_FAILED : FakedLibrary::mmap(at, size, protection, flags, file, place);
 }
 
@@ -83,16 +88,22 @@ FAKED_EXPORT void* mmap64(void*, size_t, int, int, int, off_t) noexcept __attrib
 
 FAKED_EXPORT int poll(pollfd* files, nfds_t count, int milliseconds)
 {
-    for (nfds_t i = 0; i < count; ++i)
-        if (files[i].fd >= 0 && !FakedKernel::shared().look(files[i].fd))
-            return result(-EINTR);
-    timespec time{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
-    const int ready = FakedLibrary::poll(files, count, milliseconds < 0 ? nullptr : &time);
-    for (nfds_t i = 0; ready > 0 && i < count; ++i)
-        if (files[i].fd >= 0 && files[i].revents)
-            files[i].revents =
-                static_cast<short>(files[i].revents | FakedKernel::shared().pollErrors(files[i].fd));
-    return ready;
+    const int64_t end = milliseconds < 0 ? INT64_MAX : fakedNow() + int64_t{milliseconds} * 1'000'000;
+    for (;;) {
+        int64_t next = end;
+        for (nfds_t i = 0; i < count; ++i)
+            if (!FakedKernel::shared().look(files[i].fd, next))
+                return result(-EINTR);
+        timespec left = fakedTime(std::max<int64_t>(0, next - fakedNow()));
+        const int ready = FakedLibrary::poll(files, count, next == INT64_MAX ? nullptr : &left);
+        if (ready == 0 && next < end)
+            continue;
+        for (nfds_t i = 0; ready > 0 && i < count; ++i)
+            if (files[i].revents)
+                files[i].revents =
+                    static_cast<short>(files[i].revents | FakedKernel::shared().pollErrors(files[i].fd));
+        return ready;
+    }
 }
 
 FAKED_EXPORT int __poll_chk(pollfd* files, nfds_t count, int milliseconds, size_t)
@@ -102,9 +113,9 @@ FAKED_EXPORT int __poll_chk(pollfd* files, nfds_t count, int milliseconds, size_
 
 FAKED_EXPORT ssize_t read(int descriptor, void* to, size_t size)
 {
-    if (FakedKernel::shared().pollErrors(descriptor) & POLLNVAL)
-        return result(-ENODEV);
-    return FakedLibrary::read(descriptor, to, size);
+    return FakedKernel::shared().owns(descriptor)
+               ? result(FakedKernel::shared().read(descriptor, *static_cast<snd_ctl_event*>(to)))
+               : FakedLibrary::read(descriptor, to, size);
 }
 
 FAKED_EXPORT ssize_t __read_chk(int descriptor, void* to, size_t size, size_t)
