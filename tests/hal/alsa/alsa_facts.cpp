@@ -2,8 +2,9 @@
 // handles, to compare the faked cards with the kernel's (scripts/kernel/facts.sh).
 #include <alsa/asoundlib.h>
 #include <cerrno>
-#include <initializer_list>
+#include <map>
 #include <poll.h>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -12,178 +13,101 @@ namespace {
 
 constexpr snd_pcm_uframes_t period = 1024;
 constexpr snd_pcm_uframes_t ring = 4096;
-std::vector<int16_t> samples(4 * ring);
 
 std::string name(long result)
 {
-    if (result >= 0)
-        return std::to_string(result);
-    const char* const text = strerrorname_np(static_cast<int>(-result));
-    return text ? text : "?";
+    const char* const error = result < 0 ? strerrorname_np(static_cast<int>(-result)) : nullptr;
+    return error ? error : std::to_string(result);
 }
 
-/// A braced list is evaluated from left to right, so a state is read after the call before it.
-struct Fact {
-    const char* what;
-    std::string value;
-};
-
-void line(const char* access, const char* situation, std::initializer_list<Fact> facts)
+/// Opens a direction of a card. Without `stops` it goes on after an overload.
+snd_pcm_t* open(const char* card, snd_pcm_stream_t stream, bool isMapped, bool stops)
 {
-    std::printf("%s, %s:", access, situation);
-    for (const Fact& fact : facts)
-        std::printf(" %s %s;", fact.what, fact.value.c_str());
-    std::printf("\n");
-}
-
-/// One open direction of a card.
-class Side {
-public:
-    Side(const char* card, snd_pcm_stream_t stream, bool isMapped, bool stops) : _isMapped(isMapped)
-    {
-        snd_pcm_open(&pcm, card, stream, SND_PCM_NONBLOCK);
-        snd_pcm_hw_params_t* hardware = nullptr;
-        snd_pcm_hw_params_alloca(&hardware);
-        snd_pcm_hw_params_any(pcm, hardware);
-        snd_pcm_hw_params_set_access(
-            pcm, hardware, isMapped ? SND_PCM_ACCESS_MMAP_INTERLEAVED : SND_PCM_ACCESS_RW_INTERLEAVED);
-        snd_pcm_hw_params_set_format(pcm, hardware, SND_PCM_FORMAT_S16);
-        snd_pcm_hw_params_set_channels(pcm, hardware, 2);
-        snd_pcm_hw_params_set_rate(pcm, hardware, 48000, 0);
-        snd_pcm_hw_params_set_period_size(pcm, hardware, period, 0);
-        snd_pcm_hw_params_set_buffer_size(pcm, hardware, ring);
-        snd_pcm_hw_params(pcm, hardware);
-        snd_pcm_sw_params_t* software = nullptr;
-        snd_pcm_sw_params_alloca(&software);
-        snd_pcm_sw_params_current(pcm, software);
-        snd_pcm_uframes_t boundary = 0;
-        snd_pcm_sw_params_get_boundary(software, &boundary);
-        snd_pcm_sw_params_set_start_threshold(pcm, software, boundary);
-        snd_pcm_sw_params_set_stop_threshold(pcm, software, stops ? ring : boundary);
-        snd_pcm_sw_params_set_avail_min(pcm, software, period);
-        snd_pcm_sw_params_set_tstamp_mode(pcm, software, SND_PCM_TSTAMP_ENABLE);
-        snd_pcm_sw_params(pcm, software);
-    }
-    ~Side() { snd_pcm_close(pcm); }
-    Side(const Side&) = delete;
-    Side& operator=(const Side&) = delete;
-
-    std::string state() const { return snd_pcm_state_name(snd_pcm_state(pcm)); }
-    std::string put(snd_pcm_uframes_t frames) const
-    {
-        return name(_isMapped ? snd_pcm_mmap_writei(pcm, samples.data(), frames)
-                              : snd_pcm_writei(pcm, samples.data(), frames));
-    }
-    std::string get(snd_pcm_uframes_t frames) const
-    {
-        return name(_isMapped ? snd_pcm_mmap_readi(pcm, samples.data(), frames)
-                              : snd_pcm_readi(pcm, samples.data(), frames));
-    }
-    std::string polled(int milliseconds = 0) const
-    {
-        pollfd file{};
-        snd_pcm_poll_descriptors(pcm, &file, 1);
-        return poll(&file, 1, milliseconds) > 0 ? std::to_string(file.revents) : "nothing";
-    }
-    std::string available() const { return name(snd_pcm_avail_update(pcm)); }
-
     snd_pcm_t* pcm = nullptr;
+    snd_pcm_open(&pcm, card, stream, SND_PCM_NONBLOCK);
+    snd_pcm_hw_params_t* hardware = nullptr;
+    snd_pcm_hw_params_alloca(&hardware);
+    snd_pcm_hw_params_any(pcm, hardware);
+    snd_pcm_hw_params_set_access(pcm, hardware,
+                                 isMapped ? SND_PCM_ACCESS_MMAP_INTERLEAVED : SND_PCM_ACCESS_RW_INTERLEAVED);
+    snd_pcm_hw_params_set_format(pcm, hardware, SND_PCM_FORMAT_S16);
+    snd_pcm_hw_params_set_channels(pcm, hardware, 2);
+    snd_pcm_hw_params_set_rate(pcm, hardware, 48000, 0);
+    snd_pcm_hw_params_set_period_size(pcm, hardware, period, 0);
+    snd_pcm_hw_params_set_buffer_size(pcm, hardware, ring);
+    snd_pcm_hw_params(pcm, hardware);
+    snd_pcm_sw_params_t* software = nullptr;
+    snd_pcm_sw_params_alloca(&software);
+    snd_pcm_sw_params_current(pcm, software);
+    snd_pcm_uframes_t boundary = 0;
+    snd_pcm_sw_params_get_boundary(software, &boundary);
+    snd_pcm_sw_params_set_start_threshold(pcm, software, boundary);
+    snd_pcm_sw_params_set_stop_threshold(pcm, software, stops ? ring : boundary);
+    snd_pcm_sw_params_set_avail_min(pcm, software, period);
+    snd_pcm_sw_params_set_tstamp_mode(pcm, software, SND_PCM_TSTAMP_ENABLE);
+    snd_pcm_sw_params(pcm, software);
+    return pcm;
+}
 
-private:
-    const bool _isMapped;
+long transfer(snd_pcm_t* pcm, bool isMapped, snd_pcm_uframes_t frames)
+{
+    std::vector<int16_t> samples(2 * frames);
+    if (snd_pcm_stream(pcm) == SND_PCM_STREAM_PLAYBACK)
+        return (isMapped ? snd_pcm_mmap_writei : snd_pcm_writei)(pcm, samples.data(), frames);
+    return (isMapped ? snd_pcm_mmap_readi : snd_pcm_readi)(pcm, samples.data(), frames);
+}
+
+/// The events of a poll; 0 if there are none.
+long polled(snd_pcm_t* pcm, int milliseconds)
+{
+    pollfd file{};
+    snd_pcm_poll_descriptors(pcm, &file, 1);
+    poll(&file, 1, milliseconds);
+    return file.revents;
+}
+
+/// What the words of a script do.
+const std::map<std::string, long (*)(snd_pcm_t* pcm, snd_pcm_t* other, bool isMapped)> calls{
+    {"available", [](auto* pcm, auto*, bool) -> long { return snd_pcm_avail_update(pcm); }},
+    {"drop", [](auto* pcm, auto*, bool) -> long { return snd_pcm_drop(pcm); }},
+    {"fill", [](auto* pcm, auto*, bool isMapped) { return transfer(pcm, isMapped, ring); }},
+    {"isBehind", [](auto* pcm, auto*, bool) -> long { return snd_pcm_avail(pcm) > long{ring}; }},
+    {"link", [](auto* pcm, auto* other, bool) -> long { return snd_pcm_link(pcm, other); }},
+    {"more", [](auto* pcm, auto*, bool isMapped) { return transfer(pcm, isMapped, 16); }},
+    {"period", [](auto* pcm, auto*, bool isMapped) { return transfer(pcm, isMapped, period); }},
+    {"poll", [](auto* pcm, auto*, bool) { return polled(pcm, 0); }},
+    {"prepare", [](auto* pcm, auto*, bool) -> long { return snd_pcm_prepare(pcm); }},
+    {"resume", [](auto* pcm, auto*, bool) -> long { return snd_pcm_resume(pcm); }},
+    {"sleep", [](auto*, auto*, bool) -> long { return usleep(200'000); }},
+    {"stamp",
+     [](auto* pcm, auto*, bool) -> long {
+         snd_pcm_uframes_t available = 0;
+         snd_htimestamp_t time{};
+         return snd_pcm_htimestamp(pcm, &available, &time);
+     }},
+    {"start", [](auto* pcm, auto*, bool) -> long { return snd_pcm_start(pcm); }},
+    {"state", [](auto* pcm, auto*, bool) -> long { return snd_pcm_state(pcm); }},
+    {"unlink", [](auto* pcm, auto*, bool) -> long { return snd_pcm_unlink(pcm); }},
+    {"wait", [](auto* pcm, auto*, bool) { return polled(pcm, 200); }},
 };
 
-void one(const char* access, const char* card, bool isMapped)
-{
-    const Side side(card, SND_PCM_STREAM_PLAYBACK, isMapped, true);
-    snd_pcm_t* const pcm = side.pcm;
-    snd_pcm_uframes_t available = 0;
-    snd_htimestamp_t time{};
-    line(access, "fresh",
-         {{"state", side.state()},
-          {"available", side.available()},
-          {"poll", side.polled()},
-          {"start", name(snd_pcm_start(pcm))},
-          {"drop", name(snd_pcm_drop(pcm))},
-          {"resume", name(snd_pcm_resume(pcm))}});
-    line(access, "prepared",
-         {{"prepare", name(snd_pcm_prepare(pcm))},
-          {"poll", side.polled()},
-          {"start empty", name(snd_pcm_start(pcm))},
-          {"fill", side.put(ring)},
-          {"more", side.put(16)},
-          {"available", side.available()},
-          {"poll", side.polled()}});
-    line(access, "running",
-         {{"start", name(snd_pcm_start(pcm))},
-          {"state", side.state()},
-          {"again", name(snd_pcm_start(pcm))},
-          {"prepare", name(snd_pcm_prepare(pcm))},
-          {"poll", side.polled(200)}});
-    usleep(200'000);
-    line(access, "starved",
-         {{"poll", side.polled()},
-          {"state", side.state()},
-          {"available", side.available()},
-          {"write", side.put(16)},
-          {"stamp", name(snd_pcm_htimestamp(pcm, &available, &time))},
-          {"start", name(snd_pcm_start(pcm))},
-          {"resume", name(snd_pcm_resume(pcm))},
-          {"prepare", name(snd_pcm_prepare(pcm))},
-          {"state", side.state()}});
-    snd_pcm_t* second = nullptr;
-    line(access, "busy",
-         {{"open", name(snd_pcm_open(&second, card, SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK))}});
-}
+/// Each line of a script is a situation; its words act on the output, or with ">" on the input.
+struct Script {
+    bool stops, hasInput;
+    std::vector<const char*> lines;
+};
 
-void behind(const char* access, const char* card, bool isMapped)
-{
-    const Side side(card, SND_PCM_STREAM_PLAYBACK, isMapped, false);
-    line(access, "without a stop",
-         {{"prepare", name(snd_pcm_prepare(side.pcm))}, {"start empty", name(snd_pcm_start(side.pcm))}});
-    usleep(200'000);
-    line(access, "behind",
-         {{"state", side.state()},
-          {"more than the ring", name(snd_pcm_avail(side.pcm) > static_cast<long>(ring))},
-          {"poll", side.polled()},
-          {"write", side.put(period)}});
-}
-
-void both(const char* access, const char* playbackCard, const char* captureCard, bool isMapped)
-{
-    const Side out(playbackCard, SND_PCM_STREAM_PLAYBACK, isMapped, true);
-    const Side in(captureCard, SND_PCM_STREAM_CAPTURE, isMapped, true);
-    line(access, "linked",
-         {{"link", name(snd_pcm_link(in.pcm, out.pcm))},
-          {"again", name(snd_pcm_link(in.pcm, out.pcm))},
-          {"prepare input", name(snd_pcm_prepare(in.pcm))},
-          {"output", out.state()},
-          {"start empty", name(snd_pcm_start(in.pcm))},
-          {"fill", out.put(ring)},
-          {"start input", name(snd_pcm_start(in.pcm))},
-          {"output", out.state()}});
-    usleep(40'000);
-    line(access, "linked, running", {{"read", in.get(period)}});
-    usleep(200'000);
-    line(access, "linked, starved",
-         {{"poll", out.polled()},
-          {"poll input", in.polled()},
-          {"input", in.state()},
-          {"output", out.state()},
-          {"read", in.get(16)},
-          {"prepare input", name(snd_pcm_prepare(in.pcm))},
-          {"output", out.state()}});
-    line(access, "linked, again",
-         {{"fill", out.put(ring)},
-          {"start output", name(snd_pcm_start(out.pcm))},
-          {"input", in.state()},
-          {"drop output", name(snd_pcm_drop(out.pcm))},
-          {"input", in.state()},
-          {"unlink", name(snd_pcm_unlink(in.pcm))},
-          {"again", name(snd_pcm_unlink(in.pcm))},
-          {"prepare input", name(snd_pcm_prepare(in.pcm))},
-          {"output", out.state()}});
-}
+const Script scripts[] = {
+    {true,
+     false,
+     {"state available poll start drop resume", "prepare poll start fill more available poll",
+      "start state start prepare wait sleep", "poll state available more stamp start resume prepare state"}},
+    {false, false, {"prepare start sleep", "state isBehind poll period"}},
+    {true,
+     true,
+     {">link >link >prepare state >start fill >start state >wait >period", "sleep poll >poll >state state",
+      ">more >prepare state fill start >state", "drop >state >unlink >unlink >prepare state"}},
+};
 
 } // namespace
 
@@ -191,10 +115,29 @@ int main(int count, char** arguments)
 {
     if (count < 2)
         return 2;
-    for (const bool isMapped : {true, false}) {
-        const char* const access = isMapped ? "mapped" : "by calls";
-        one(access, arguments[1], isMapped);
-        behind(access, arguments[1], isMapped);
-        both(access, arguments[1], arguments[count - 1], isMapped);
+    for (int i = 0; i < 6; ++i) {
+        const bool isMapped = i < 3;
+        const Script& script = scripts[i % 3];
+        snd_pcm_t *out = open(arguments[1], SND_PCM_STREAM_PLAYBACK, isMapped, script.stops), *in = nullptr;
+        if (script.hasInput)
+            in = open(arguments[count - 1], SND_PCM_STREAM_CAPTURE, isMapped, script.stops);
+        for (const char* line : script.lines) {
+            std::printf(isMapped ? "mapped:" : "by calls:");
+            std::istringstream words(line);
+            for (std::string word; words >> word;) {
+                const bool isInputs = word[0] == '>';
+                const auto call = calls.at(word.substr(isInputs ? 1 : 0));
+                std::printf(" %s %s;", word.c_str(),
+                            name(isInputs ? call(in, out, isMapped) : call(out, in, isMapped)).c_str());
+            }
+            std::printf("\n");
+        }
+        snd_pcm_t* second = nullptr;
+        std::printf(
+            "busy: %s\n",
+            name(snd_pcm_open(&second, arguments[1], SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK)).c_str());
+        snd_pcm_close(out);
+        if (in)
+            snd_pcm_close(in);
     }
 }
