@@ -14,17 +14,13 @@ namespace fs = std::filesystem;
 /// A private temporary folder, removed with its contents by the destructor.
 class Folder {
 public:
-    Folder() : path(fs::temp_directory_path() / ("alsa-test-" + std::to_string(getpid())))
-    {
-        fs::create_directories(path);
-    }
     ~Folder() { fs::remove_all(path); }
     void write(const fs::path& file, const std::string& text) const
     {
         fs::create_directories((path / file).parent_path());
         std::ofstream(path / file) << text << "\n";
     }
-    const fs::path path;
+    const fs::path path = fs::temp_directory_path() / ("alsa-test-" + std::to_string(getpid()));
 };
 
 /// Tests the driver over faked cards, whose clocks wait for a late test.
@@ -55,13 +51,19 @@ protected:
     {
         return readValue<Value>(*hal, object, at(selector, scope));
     }
+    /// Waits until a property has this value.
+    template <class Value>
+    bool becomes(Value value, AudioObjectID object, uint32_t selector,
+                 uint32_t scope = kAudioObjectPropertyScopeGlobal)
+    {
+        return eventually([&] { return read<Value>(object, selector, scope) == value; });
+    }
 
     const Folder root; // replaces /sys and /proc: empty
-    const CXRef<AlsaDriver> driver = AlsaDriver::init(3, root.path);
-    const CXRef<HALModel> hal = HALModel::initWithDriver(driver);
+    const CXRef<HALModel> hal = HALModel::initWithDriver(AlsaDriver::init(3, root.path));
 };
 
-/// Plays a ramp on a device and checks that its input is one: frame k is k * step, modulo 1.
+/// Plays on a device a ramp that shows each sample's time, and compares it with the time of the input.
 class Ramp : public CycleWitness {
 public:
     Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID)
@@ -80,20 +82,26 @@ public:
             _hal.destroyIOProc(_deviceID, std::exchange(_procID, nullptr));
     }
 
-    std::atomic<uint64_t> heard{0}; ///< frames that continued the ramp
-    std::atomic<uint64_t> jumps{0}; ///< frames that did not, except silence
-    /// From a sample's output time to its input time.
-    std::atomic<double> latencyFrames{0.0};
-    std::atomic<float> step{1.0F / 1048576.0F};
+    std::atomic<uint64_t> heard{0};             ///< samples that are not silent
+    std::atomic<uint64_t> jumps{0};             ///< changes of the latency
+    std::atomic<double> latencyFrames{-1.0};    ///< from a sample's output time to its input time
+    std::atomic<float> step{1.0F / 1048576.0F}; ///< frame k is k * step, modulo 1
 
 private:
     void _run(const IOCycle& cycle) noexcept
     {
         const double length = 1.0 / static_cast<double>(step.load());
         const size_t inputs = cycle.input ? cycle.in().size() / cycle.frames() : 0;
-        for (size_t frame = 0; inputs > 0 && frame < cycle.frames(); ++frame)
-            _hear(cycle.in()[frame * inputs],
-                  std::fmod(cycle.inputTime->sampleTime + static_cast<double>(frame), length));
+        for (size_t i = 0; inputs > 0 && i < cycle.frames(); ++i) {
+            const auto played = static_cast<double>(cycle.in()[i * inputs] / step);
+            const double time = cycle.inputTime->sampleTime + static_cast<double>(i);
+            const double latency = std::fmod(time + length - played, length);
+            if (played == 0.0)
+                continue;
+            jumps += heard > 0 && latency != latencyFrames;
+            latencyFrames = latency;
+            ++heard;
+        }
         const size_t outputs = cycle.output ? cycle.out().size() / cycle.frames() : 0;
         for (size_t i = 0; i < outputs * cycle.frames(); ++i) {
             const double time = cycle.outputTime->sampleTime + static_cast<double>(i / outputs);
@@ -101,20 +109,8 @@ private:
         }
         see(cycle);
     }
-    /// The value of a sample is the sample time at which it was played.
-    void _hear(float sample, double time) noexcept
-    {
-        const bool continues = sample == _last + step || sample < _last - 0.9F;
-        if (sample != 0.0F && _last != 0.0F) {
-            ++(continues ? heard : jumps);
-            if (continues)
-                latencyFrames = time - std::round(static_cast<double>(sample / step));
-        }
-        _last = sample;
-    }
 
     HALModel& _hal;
     const AudioObjectID _deviceID;
     AudioDeviceIOProcID _procID = nullptr;
-    float _last = 0.0F; // used only by the IO thread
 };

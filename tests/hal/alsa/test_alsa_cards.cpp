@@ -60,11 +60,11 @@ TEST_F(AlsaTest, setsVolumesByDecibelsAndHearsOfOthersChanges)
     EXPECT_TRUE(
         eventually([&] { return std::abs(readValue<float>(*hal, id, volume).value_or(9) - 0.1F) < 1e-4F; }));
     FakedCards::setControl(card, playbackSwitch, 0, 0);
-    EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyMute, output) == 1U; }));
+    EXPECT_TRUE(becomes(1U, id, kAudioDevicePropertyMute, output));
     EXPECT_EQ(writeValue(*hal, id, at(kAudioDevicePropertyMute, output), 0U), kAudioHardwareNoError);
     EXPECT_EQ(FakedCards::control(card, playbackSwitch, 1), 1);
     FakedCards::setControl(card, captureVolume, 30, 30);
-    EXPECT_TRUE(eventually([&] { return read<float>(id, kAudioDevicePropertyVolumeScalar, input) == 1.0F; }));
+    EXPECT_TRUE(becomes(1.0F, id, kAudioDevicePropertyVolumeScalar, input));
 }
 
 TEST_F(AlsaTest, offersInputsAndJacksAsSources)
@@ -87,21 +87,33 @@ TEST_F(AlsaTest, offersInputsAndJacksAsSources)
 
 TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
 {
-    const int card = FakedCards::plug(aCard("late")); // as if udev granted access a little later
-    FakedCards::set(card, FakedFault::NoRights);
-    const int busy = FakedCards::plug(aCard("busy"));
-    FakedCards::set(busy, FakedFault::Busy, true);
-    FakedCards::set(card, FakedFault::NoRights, false);
+    FakedCardOptions options = aCard("busy");
+    options.isBusy = true;
+    const int busy = FakedCards::plug(options);
+    const int late = FakedCards::plug(aCard("late")); // as if udev granted access a little later
+    FakedCards::set(late, FakedFault::NoRights);
+    FakedCards::set(late, FakedFault::NoRights, false);
     device(uidOf("late"));
-    FakedCards::set(busy, FakedFault::Busy, false);
+    EXPECT_EQ(deviceWithUID(*hal, uidOf("busy")), kAudioObjectUnknown) << "its abilities are not known";
+
+    // A device in use is described by what it does.
+    for (const char* direction : {"p", "c"})
+        root.write("proc/asound/card" + std::to_string(busy) + "/pcm0" + direction + "/sub0/hw_params",
+                   "access: MMAP_INTERLEAVED\nchannels: 2\nrate: 96000 (96000/1)\nbuffer_size: 4096");
+    FakedCards::set(busy, FakedFault::Busy);
     const AudioObjectID id = device(uidOf("busy"));
-    EXPECT_EQ(readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates)).size(),
-              3U);
-    // A known device stays listed while it is busy, and is reported as running.
-    FakedCards::set(busy, FakedFault::Busy, true);
-    EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 1U; }));
-    FakedCards::set(busy, FakedFault::Busy, false);
-    EXPECT_TRUE(eventually([&] { return read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning) == 0U; }));
+    const auto rateCount = [&] {
+        return readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates))
+            .size();
+    };
+    EXPECT_EQ(rateCount(), 1U);
+    EXPECT_EQ(read<double>(id, kAudioDevicePropertyNominalSampleRate), 96000.0);
+    EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning), 1U);
+    for (const bool isBusy : {false, true, false}) {
+        FakedCards::set(busy, FakedFault::Busy, isBusy);
+        EXPECT_TRUE(becomes(isBusy ? 1U : 0U, id, kAudioDevicePropertyDeviceIsRunning));
+        EXPECT_EQ(rateCount(), 3U);
+    }
 }
 
 // Unterminated and meaningless texts, counts of billions, endless lists, reversed ranges.
@@ -149,25 +161,20 @@ TEST_F(AlsaTest, leavesOutWhatCannotRun)
 
 TEST_F(AlsaTest, keepsDefaultDevicesOfTheProcess)
 {
-    const auto defaultOutput = [&] {
-        return read<AudioObjectID>(kAudioObjectSystemObject, kAudioHardwarePropertyDefaultOutputDevice);
+    const auto isDefault = [&](AudioObjectID id) {
+        return becomes(id, kAudioObjectSystemObject, kAudioHardwarePropertyDefaultOutputDevice);
     };
-    const int first = FakedCards::plug(aCard("first"));
-    const AudioObjectID firstID = device(uidOf("first"));
-    const int second = FakedCards::plug(aCard("second"));
-    const AudioObjectID secondID = device(uidOf("second"));
-    EXPECT_TRUE(eventually([&] { return defaultOutput() == firstID; }))
-        << "one that comes takes nothing over";
-    EXPECT_EQ(
-        writeValue(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDefaultOutputDevice), secondID),
-        kAudioHardwareNoError);
-    EXPECT_TRUE(eventually([&] { return defaultOutput() == secondID; }));
-    FakedCards::unplug(second);
-    EXPECT_TRUE(eventually([&] { return defaultOutput() == firstID; }));
+    FakedCards::plug(aCard("first"));
+    const AudioObjectID first = device(uidOf("first"));
+    const int card = FakedCards::plug(aCard("second"));
+    const AudioObjectID second = device(uidOf("second"));
+    EXPECT_TRUE(isDefault(first)) << "one that comes takes nothing over";
+    writeValue(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDefaultOutputDevice), second);
+    EXPECT_TRUE(isDefault(second));
+    FakedCards::unplug(card);
+    EXPECT_TRUE(isDefault(first));
     FakedCards::plug(aCard("second"));
-    EXPECT_TRUE(eventually([&] { return defaultOutput() == deviceWithUID(*hal, uidOf("second")); }))
-        << "the chosen one is back";
-    FakedCards::unplug(first);
+    EXPECT_TRUE(isDefault(device(uidOf("second")))) << "the chosen one is back";
 }
 
 TEST_F(AlsaTest, findsTheVolumeByItsName)
@@ -184,36 +191,13 @@ TEST_F(AlsaTest, findsTheVolumeByItsName)
     for (const auto& row : rows) {
         FakedCardOptions card = aCard(row.control);
         card.volumeNames = {row.control, "Other Volume"};
-        const int number = FakedCards::plug(card);
+        FakedCards::plug(card);
         const AudioObjectID id = device(uidOf(row.control));
         EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), row.isOutputs)
             << row.control;
         EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, input).has_value(), row.isInputs)
             << row.control;
-        FakedCards::unplug(number);
     }
-}
-
-TEST_F(AlsaTest, showsADeviceInUseByWhatItDoes)
-{
-    const int card = FakedCards::plug(aCard("before"));
-    FakedCards::unplug(card);
-    for (const char* direction : {"p", "c"})
-        root.write("proc/asound/card" + std::to_string(card) + "/pcm0" + direction + "/sub0/hw_params",
-                   "access: MMAP_INTERLEAVED\nchannels: 2\nrate: 96000 (96000/1)\nbuffer_size: 4096");
-    FakedCardOptions options = aCard("busy");
-    options.isBusy = true;
-    ASSERT_EQ(FakedCards::plug(options), card);
-    const AudioObjectID id = device(uidOf("busy"));
-    const auto rateCount = [&] {
-        return readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates))
-            .size();
-    };
-    EXPECT_EQ(rateCount(), 1U);
-    EXPECT_EQ(read<double>(id, kAudioDevicePropertyNominalSampleRate), 96000.0);
-    EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning), 1U);
-    FakedCards::set(card, FakedFault::Busy, false);
-    EXPECT_TRUE(eventually([&] { return rateCount() == 3; })) << "not asked again when it was free";
 }
 
 // ---- Parts of the driver
@@ -222,18 +206,16 @@ TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
 {
     const Folder folder;
     const auto connect = [&](int card, const std::string& device) {
+        const fs::path link = folder.path / "class/sound" / ("card" + std::to_string(card)) / "device";
         fs::create_directories(folder.path / "devices" / device);
-        fs::create_directories(folder.path / "class/sound" / ("card" + std::to_string(card)));
-        fs::create_directory_symlink(folder.path / "devices" / device, folder.path / "class/sound" /
-                                                                           ("card" + std::to_string(card)) /
-                                                                           "device");
+        fs::create_directories(link.parent_path());
+        fs::create_directory_symlink(folder.path / "devices" / device, link);
     };
-    folder.write("devices/usb3/3-1.4/idVendor", "1235");
-    folder.write("devices/usb3/3-1.4/idProduct", "8211");
-    folder.write("devices/usb3/3-1.4/serial", "S\xFF"
-                                              "1");
-    folder.write("devices/usb3/3-2/idVendor", "1235");
-    folder.write("devices/usb3/3-2/idProduct", "8211");
+    for (const std::string unit : {"devices/usb3/3-1.4/", "devices/usb3/3-2/"}) {
+        folder.write(unit + "idVendor", "1235");
+        folder.write(unit + "idProduct", "8211");
+    }
+    folder.write("devices/usb3/3-1.4/serial", "S\xFF.1");
     connect(0, "usb3/3-1.4/3-1.4:1.0");
     connect(1, "usb3/3-2/3-2:1.0");
     connect(2, "pci0000:00/0000:00:1f.3");
@@ -242,10 +224,7 @@ TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
         int card;
         const char *key, *place;
     } const rows[] = {
-        {0,
-         "usb:1235:8211:S\xEF\xBF\xBD"
-         "1",
-         "03140000"},
+        {0, "usb:1235:8211:S\xEF\xBF\xBD.1", "03140000"},
         {1, "usb:1235:8211:03200000", "03200000"}, // no serial number: identified by its place
         {2, "0000:00:1f.3", "0000:00:1f.3"},
         {3, "long name at irq 17", "long name at irq 17"}, // absent from the device tree
@@ -286,14 +265,11 @@ TEST(SoundServerSearch, findsAServerThatRunsOrIsAboutTo)
     EXPECT_TRUE(nowhere.isServerExpected());
 }
 
-/// A program that uses a card until it is asked to release it.
-class Program final : public AlsaReservation::Holder {
-public:
+/// A program that keeps its card.
+struct Program final : AlsaReservation::Holder {
     explicit Program(int card) : reservation(card) {}
     int acquire() { return reservation.acquire(*this); }
-    void release() { reservation.release(*this); }
     void yield() override { ADD_FAILURE() << "given up for an equal"; }
-
     AlsaReservation reservation;
 };
 
@@ -311,9 +287,8 @@ TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
     }
     asks.join();
     EXPECT_EQ(result, -EBUSY);
-    ours.release();
+    ours.reservation.release(ours);
     EXPECT_EQ(theirs.acquire(), 0);
-    theirs.release();
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
     unsetenv("XDG_RUNTIME_DIR");
     Program alone(3);
