@@ -77,7 +77,6 @@ const std::map<std::string, long (*)(snd_pcm_t* pcm, snd_pcm_t* other, bool isMa
     {"period", [](auto* pcm, auto*, bool isMapped) { return transfer(pcm, isMapped, period); }},
     {"poll", [](auto* pcm, auto*, bool) { return polled(pcm, 0); }},
     {"prepare", [](auto* pcm, auto*, bool) -> long { return snd_pcm_prepare(pcm); }},
-    {"resume", [](auto* pcm, auto*, bool) -> long { return snd_pcm_resume(pcm); }},
     {"sleep", [](auto*, auto*, bool) -> long { return usleep(200'000); }},
     {"stamp",
      [](auto* pcm, auto*, bool) -> long {
@@ -87,26 +86,24 @@ const std::map<std::string, long (*)(snd_pcm_t* pcm, snd_pcm_t* other, bool isMa
      }},
     {"start", [](auto* pcm, auto*, bool) -> long { return snd_pcm_start(pcm); }},
     {"state", [](auto* pcm, auto*, bool) -> long { return snd_pcm_state(pcm); }},
-    {"unlink", [](auto* pcm, auto*, bool) -> long { return snd_pcm_unlink(pcm); }},
     {"wait", [](auto* pcm, auto*, bool) { return polled(pcm, 200); }},
 };
 
-/// Each line of a script is a situation; its words act on the output, or with ">" on the input.
-struct Script {
+/// The words of a script act on the output, or with ">" on the input.
+const struct {
     bool stops, hasInput;
-    std::vector<const char*> lines;
-};
-
-const Script scripts[] = {
-    {true,
-     false,
-     {"state available poll start drop resume", "prepare poll start fill more available poll",
-      "start state start prepare wait sleep", "poll state available more stamp start resume prepare state"}},
-    {false, false, {"prepare start sleep", "state isBehind poll period"}},
-    {true,
-     true,
-     {">link >link >prepare state >start fill >start state >wait >period", "sleep poll >poll >state state",
-      ">more >prepare state fill start >state", "drop >state >unlink >unlink >prepare state"}},
+    const char* words;
+} scripts[] = {
+    {true, false,
+     "state available poll start drop "
+     "prepare poll start fill more available poll "
+     "start state start prepare wait sleep "
+     "poll state available more stamp start prepare state"},
+    {false, false, "prepare start sleep state isBehind poll period"},
+    {true, true,
+     ">link >prepare state >start fill >start state >wait >period "
+     "sleep poll >poll >state state >more "
+     ">prepare state fill start >state drop >state"},
 };
 
 } // namespace
@@ -117,24 +114,20 @@ int main(int count, char** arguments)
         return 2;
     for (int i = 0; i < 6; ++i) {
         const bool isMapped = i < 3;
-        const Script& script = scripts[i % 3];
-        snd_pcm_t *out = open(arguments[1], SND_PCM_STREAM_PLAYBACK, isMapped, script.stops), *in = nullptr;
-        if (script.hasInput)
-            in = open(arguments[count - 1], SND_PCM_STREAM_CAPTURE, isMapped, script.stops);
-        for (const char* line : script.lines) {
-            std::printf(isMapped ? "mapped:" : "by calls:");
-            std::istringstream words(line);
-            for (std::string word; words >> word;) {
-                const bool isInputs = word[0] == '>';
-                const auto call = calls.at(word.substr(isInputs ? 1 : 0));
-                std::printf(" %s %s;", word.c_str(),
-                            name(isInputs ? call(in, out, isMapped) : call(out, in, isMapped)).c_str());
-            }
-            std::printf("\n");
+        const auto& script = scripts[i % 3];
+        snd_pcm_t* const out = open(arguments[1], SND_PCM_STREAM_PLAYBACK, isMapped, script.stops);
+        snd_pcm_t* const in =
+            script.hasInput ? open(arguments[count - 1], SND_PCM_STREAM_CAPTURE, isMapped, true) : nullptr;
+        std::istringstream words(script.words);
+        for (std::string word; words >> word;) {
+            const bool isInputs = word[0] == '>';
+            const auto call = calls.at(word.substr(isInputs ? 1 : 0));
+            const long result = isInputs ? call(in, out, isMapped) : call(out, in, isMapped);
+            std::printf("%s %s: %s\n", isMapped ? "mapped" : "by calls", word.c_str(), name(result).c_str());
         }
         snd_pcm_t* second = nullptr;
         std::printf(
-            "busy: %s\n",
+            "a second open: %s\n",
             name(snd_pcm_open(&second, arguments[1], SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK)).c_str());
         snd_pcm_close(out);
         if (in)

@@ -50,35 +50,25 @@ FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
 
 // ---- The clock
 
-double FakedCard::frameAt(int64_t nanoseconds) const
+double FakedCard::_framesPerNanosecond() const
 {
-    const double passed = has(FakedFault::Stuck) ? 0.0 : static_cast<double>(nanoseconds - _origin);
-    return _originFrame + passed * 1e-9 * _rate * (1.0 + options.partsPerMillion * 1e-6);
+    return 1e-9 * _rate * (1.0 + options.partsPerMillion * 1e-6);
 }
 
 int64_t FakedCard::timeOf(double frame) const
 {
-    return _origin + static_cast<int64_t>(std::ceil((frame - _originFrame) * 1e9 /
-                                                    (_rate * (1.0 + options.partsPerMillion * 1e-6))));
-}
-
-/// Sets the clock to `frame` at this time.
-void FakedCard::_holdAt(double frame, int64_t nanoseconds)
-{
-    _originFrame = frame;
-    _origin = nanoseconds;
+    return _time + static_cast<int64_t>(std::ceil((frame - _frame) / _framesPerNanosecond()));
 }
 
 void FakedCard::setRate(unsigned rate)
 {
-    const int64_t now = fakedNow();
-    _holdAt(frameAt(now), now);
+    update();
     _rate = rate;
 }
 
 void FakedCard::setFault(FakedFault fault, bool isThere)
 {
-    setRate(_rate);
+    update();
     _faults[static_cast<size_t>(fault)] = isThere;
     if (fault == FakedFault::InterruptWaits && isThere)
         interruptedWaits = 3;
@@ -87,12 +77,12 @@ void FakedCard::setFault(FakedFault fault, bool isThere)
 void FakedCard::update()
 {
     const int64_t now = fakedNow();
-    double last = frameAt(now);
+    const int64_t passed = now - std::exchange(_time, now);
+    double last = _frame + static_cast<double>(has(FakedFault::Stuck) ? 0 : passed) * _framesPerNanosecond();
     for (const FakedPcm* pcm : pcms)
         if (options.isElastic)
             last = std::min(last, pcm->lastFrameBeforeOverload());
-    if (last < frameAt(now))
-        _holdAt(last, now);
+    _frame = std::max(_frame, last);
     for (const bool isCapture : {false, true}) // playback first: capture reads the played frames
         for (FakedPcm* pcm : pcms)
             if (pcm->isCapture == isCapture)
@@ -128,17 +118,22 @@ template <size_t size> void FakedCard::_text(unsigned char (&to)[size], const st
         std::memcpy(to, from.data(), std::min(from.size(), size - 1));
 }
 
+bool FakedCard::isInUse(unsigned pcm, bool isCapture) const
+{
+    return has(FakedFault::Busy) || std::ranges::any_of(pcms, [&](const FakedPcm* each) {
+               return each->number == pcm && each->isCapture == isCapture;
+           });
+}
+
 void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
 {
-    const bool isOpen = std::ranges::any_of(
-        pcms, [&](const FakedPcm* each) { return each->number == pcm && each->isCapture == isCapture; });
     info.device = pcm;
     info.stream = isCapture;
     info.card = number;
     _text(info.id, "Faked PCM " + std::to_string(pcm));
     _text(info.name, "Faked PCM " + std::to_string(pcm));
     info.subdevices_count = 1;
-    info.subdevices_avail = has(FakedFault::Busy) || isOpen ? 0 : 1;
+    info.subdevices_avail = isInUse(pcm, isCapture) ? 0 : 1;
 }
 
 void FakedCard::_describe(snd_ctl_card_info& info) const
@@ -189,7 +184,6 @@ void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
     }
 }
 
-/// Returns 1 if a write changed the value.
 int FakedCard::_transfer(snd_ctl_elem_value& value, Control& control, bool isWrite) const
 {
     int hasChanged = 0;
@@ -210,7 +204,7 @@ int FakedCard::_transfer(snd_ctl_elem_value& value, Control& control, bool isWri
     return hasChanged;
 }
 
-int FakedCard::ioctl(unsigned long request, void* argument, unsigned& changed)
+int FakedCard::ioctl(unsigned long request, void* argument)
 {
     auto& number_ = *static_cast<int*>(argument);
     switch (request) {
@@ -252,10 +246,7 @@ int FakedCard::ioctl(unsigned long request, void* argument, unsigned& changed)
     case SNDRV_CTL_IOCTL_ELEM_WRITE: {
         auto& value = *static_cast<snd_ctl_elem_value*>(argument);
         Control* const control = _find(value.id.numid);
-        const int result =
-            control ? _transfer(value, *control, request == SNDRV_CTL_IOCTL_ELEM_WRITE) : -ENOENT;
-        changed = result > 0 ? value.id.numid : 0;
-        return result;
+        return control ? _transfer(value, *control, request == SNDRV_CTL_IOCTL_ELEM_WRITE) : -ENOENT;
     }
     case SNDRV_CTL_IOCTL_TLV_READ: {
         auto& tlv = *static_cast<snd_ctl_tlv*>(argument);

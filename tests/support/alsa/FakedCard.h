@@ -28,11 +28,11 @@ public:
     bool has(FakedFault fault) const { return _faults[static_cast<size_t>(fault)]; }
 
     // -- The clock, in frames
-    double frameAt(int64_t nanoseconds) const;
-    int64_t timeOf(double frame) const;
-    void setRate(unsigned rate);
     /// Plays and records the frames up to now.
     void update();
+    double frame() const { return _frame; } ///< of the last update
+    int64_t timeOf(double frame) const;
+    void setRate(unsigned rate);
 
     // -- The wire. A frame has at most 32 bytes.
     static constexpr size_t wireFrames = 1 << 15;
@@ -40,6 +40,7 @@ public:
 
     // -- PCMs
     bool hasPcm(unsigned pcm, bool isCapture) const;
+    bool isInUse(unsigned pcm, bool isCapture) const;
     void describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const;
 
     // -- Controls, numbered from 1
@@ -53,8 +54,8 @@ public:
         std::array<long, 2> value;
     };
     std::vector<Control> controls;
-    /// Handles an ioctl of the control device; sets `changed` to the number of a control whose value changed.
-    int ioctl(unsigned long request, void* argument, unsigned& changed);
+    /// Handles an ioctl of the control device. A write returns 1 if it changed the value.
+    int ioctl(unsigned long request, void* argument);
     void name(unsigned control, snd_ctl_elem_id& id) const;
 
 private:
@@ -63,7 +64,7 @@ private:
         char samples[32];
     };
 
-    void _holdAt(double frame, int64_t nanoseconds);
+    double _framesPerNanosecond() const;
     Control* _find(unsigned control);
     void _describe(snd_ctl_card_info& info) const;
     void _describe(snd_ctl_elem_info& info, const Control& control) const;
@@ -72,7 +73,7 @@ private:
 
     std::array<bool, 6> _faults{}; // by FakedFault
     unsigned _rate = 48000;
-    double _originFrame = 0.0;
-    int64_t _origin = fakedNow();
+    double _frame = 0.0;
+    int64_t _time = fakedNow();             // of _frame
     std::vector<std::vector<Frame>> _wires; // by PCM
 };

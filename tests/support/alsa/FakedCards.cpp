@@ -7,6 +7,8 @@
 
 namespace {
 
+using Guard = FakedKernel::Guard;
+
 FakedKernel& kernel()
 {
     return FakedKernel::shared();
@@ -34,25 +36,24 @@ void touchFile(int number)
 
 int FakedCards::plug(const FakedCardOptions& options)
 {
-    const FakedKernel::Guard guard(kernel()._lock);
-    auto& cards = kernel()._cards;
+    const Guard guard(kernel().lock);
     int number = 0;
-    while (cards.contains(number) && !cards[number]->isGone)
+    while (kernel().cards.contains(number) && !kernel().cards[number]->isGone)
         ++number;
-    cards[number] = std::make_shared<FakedCard>(number, options);
+    kernel().cards[number] = std::make_shared<FakedCard>(number, options);
     useFile(number);
     return number;
 }
 
 void FakedCards::unplug(int number)
 {
-    const FakedKernel::Guard guard(kernel()._lock);
-    const std::shared_ptr<FakedCard>& card = kernel()._cards.at(number);
+    const Guard guard(kernel().lock);
+    const std::shared_ptr<FakedCard>& card = kernel().cards.at(number);
     if (std::exchange(card->isGone, true))
         return;
     for (FakedPcm* pcm : card->pcms)
         pcm->setState(SNDRV_PCM_STATE_DISCONNECTED);
-    for (const auto& [descriptor, control] : kernel()._controls)
+    for (const auto& [descriptor, control] : kernel().controls)
         if (control.card == card)
             FakedLibrary::setFull(descriptor, true);
     unlink(controlFile(number).c_str());
@@ -60,32 +61,26 @@ void FakedCards::unplug(int number)
 
 void FakedCards::unplugAll()
 {
-    for (size_t number = 0; number < kernel()._cards.size(); ++number)
+    for (size_t number = 0; number < kernel().cards.size(); ++number)
         unplug(static_cast<int>(number));
 }
 
 void FakedCards::rename(int number, const std::string& name)
 {
-    {
-        const FakedKernel::Guard guard(kernel()._lock);
-        kernel()._cards.at(number)->options.name = name;
-    }
+    const Guard guard(kernel().lock);
+    kernel().cards.at(number)->options.name = name;
     touchFile(number);
 }
 
 void FakedCards::set(int number, FakedFault fault, bool isThere)
 {
-    {
-        const FakedKernel::Guard guard(kernel()._lock);
-        FakedCard& card = *kernel()._cards.at(number);
-        card.update();
-        card.setFault(fault, isThere);
-        const bool isStop = isThere && (fault == FakedFault::Overload || fault == FakedFault::Suspend);
-        for (FakedPcm* pcm : card.pcms)
-            if (isStop && pcm->runs())
-                pcm->setState(fault == FakedFault::Overload ? SNDRV_PCM_STATE_XRUN
-                                                            : SNDRV_PCM_STATE_SUSPENDED);
-    }
+    const Guard guard(kernel().lock);
+    FakedCard& card = *kernel().cards.at(number);
+    card.setFault(fault, isThere);
+    const bool isStop = isThere && (fault == FakedFault::Overload || fault == FakedFault::Suspend);
+    for (FakedPcm* pcm : card.pcms)
+        if (isStop && pcm->runs())
+            pcm->setState(fault == FakedFault::Overload ? SNDRV_PCM_STATE_XRUN : SNDRV_PCM_STATE_SUSPENDED);
     if (fault == FakedFault::Busy)
         useFile(number);
     if (fault == FakedFault::NoRights)
@@ -94,26 +89,26 @@ void FakedCards::set(int number, FakedFault fault, bool isThere)
 
 void FakedCards::setControl(int number, unsigned control, long left, long right)
 {
-    const FakedKernel::Guard guard(kernel()._lock);
-    FakedCard& card = *kernel()._cards.at(number);
+    const Guard guard(kernel().lock);
+    FakedCard& card = *kernel().cards.at(number);
     card.controls.at(control - 1).value = {left, right};
-    kernel()._announce(card, control);
+    kernel().announce(card, control);
 }
 
 long FakedCards::control(int number, unsigned control, unsigned index)
 {
-    const FakedKernel::Guard guard(kernel()._lock);
-    return kernel()._cards.at(number)->controls.at(control - 1).value.at(index);
+    const Guard guard(kernel().lock);
+    return kernel().cards.at(number)->controls.at(control - 1).value.at(index);
 }
 
 bool FakedCards::isOpen(int number)
 {
-    const FakedKernel::Guard guard(kernel()._lock);
-    return !kernel()._cards.at(number)->pcms.empty();
+    const Guard guard(kernel().lock);
+    return !kernel().cards.at(number)->pcms.empty();
 }
 
 uint64_t FakedCards::ioctlCount()
 {
-    const FakedKernel::Guard guard(kernel()._lock);
-    return kernel()._ioctlCount;
+    const Guard guard(kernel().lock);
+    return kernel().ioctlCount;
 }

@@ -62,7 +62,8 @@ FakedPcm::FakedPcm(std::shared_ptr<FakedCard> ofCard, unsigned pcm, bool capture
 FakedPcm::~FakedPcm()
 {
     _stop(SNDRV_PCM_STATE_SETUP);
-    _unlink();
+    if (_linked)
+        _linked->_linked = nullptr;
     std::erase(card->pcms, this);
     munmap(_memory, _size);
     FakedLibrary::close(_file);
@@ -139,7 +140,7 @@ void FakedPcm::advance(int64_t nanoseconds)
 {
     if (!runs() || card->has(FakedFault::Suspend))
         return;
-    int64_t to = static_cast<int64_t>(std::floor(card->frameAt(nanoseconds))) - _startFrame;
+    int64_t to = static_cast<int64_t>(std::floor(card->frame())) - _startFrame;
     to -= to % card->options.granularity;
     for (int64_t frame = std::max(_done, to - static_cast<int64_t>(FakedCard::wireFrames)); frame < to;
          ++frame)
@@ -235,8 +236,9 @@ int FakedPcm::_start()
     });
     if (error)
         return error;
-    _forLinked([now = fakedNow()](FakedPcm& each) {
-        each._startFrame = static_cast<int64_t>(std::floor(each.card->frameAt(now)));
+    card->update();
+    _forLinked([](FakedPcm& each) {
+        each._startFrame = static_cast<int64_t>(std::floor(each.card->frame()));
         each._done = 0;
         each.setState(SNDRV_PCM_STATE_RUNNING);
     });
@@ -246,23 +248,10 @@ int FakedPcm::_start()
 int FakedPcm::_link(int other)
 {
     const auto found = std::ranges::find(card->pcms, other, &FakedPcm::descriptor);
-    if (!card->options.canLink)
+    if (!card->options.canLink || found == card->pcms.end())
         return -ENOSYS;
-    if (found == card->pcms.end() || (*found)->_state() != _state() || _state() == SNDRV_PCM_STATE_OPEN)
-        return -EBADFD;
-    if ((*found)->_linked)
-        return -EALREADY;
     _linked = *found;
     _linked->_linked = this;
-    return 0;
-}
-
-int FakedPcm::_unlink()
-{
-    FakedPcm* const other = std::exchange(_linked, nullptr);
-    if (!other)
-        return -EALREADY;
-    other->_linked = nullptr;
     return 0;
 }
 
@@ -300,14 +289,12 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
     case SNDRV_PCM_IOCTL_TTSTAMP:
     case SNDRV_PCM_IOCTL_USER_PVERSION:
     case SNDRV_PCM_IOCTL_TSTAMP:
+    case SNDRV_PCM_IOCTL_HW_FREE:
         return 0;
     case SNDRV_PCM_IOCTL_HW_REFINE:
         return _refine(*static_cast<snd_pcm_hw_params*>(argument));
     case SNDRV_PCM_IOCTL_HW_PARAMS:
         return _setParameters(*static_cast<snd_pcm_hw_params*>(argument));
-    case SNDRV_PCM_IOCTL_HW_FREE:
-        setState(SNDRV_PCM_STATE_OPEN);
-        return 0;
     case SNDRV_PCM_IOCTL_SW_PARAMS: {
         auto& parameters = *static_cast<snd_pcm_sw_params*>(argument);
         _stopThreshold = parameters.stop_threshold;
@@ -335,12 +322,8 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
             return -EBADFD;
         _stop(SNDRV_PCM_STATE_SETUP);
         return 0;
-    case SNDRV_PCM_IOCTL_RESUME: // not supported: programs must prepare again
-        return _state() == SNDRV_PCM_STATE_SUSPENDED ? -ENOSYS : -EBADFD;
     case SNDRV_PCM_IOCTL_LINK:
         return _link(static_cast<int>(std::bit_cast<intptr_t>(argument)));
-    case SNDRV_PCM_IOCTL_UNLINK:
-        return _unlink();
     case SNDRV_PCM_IOCTL_WRITEI_FRAMES:
     case SNDRV_PCM_IOCTL_READI_FRAMES:
         return _transfer(*static_cast<snd_xferi*>(argument));

@@ -52,7 +52,6 @@ private:
     int _start();
     void _stop(int state);
     int _link(int descriptor);
-    int _unlink();
     int _transfer(snd_xferi& transfer);
 
     FakedPcm* _linked = nullptr;
