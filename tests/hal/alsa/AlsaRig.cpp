@@ -4,9 +4,7 @@
 #include "AlsaDriver.h"
 #include "FakedCards.h"
 
-#include <chrono>
 #include <map>
-#include <thread>
 
 namespace {
 
@@ -31,7 +29,7 @@ public:
     {
         FakedCards::rename(_cards.at(uid), name);
     }
-    void letTimePass() override { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }
+    void letTimePass() override { sleepForMilliseconds(30); }
 
 private:
     const CXRef<HALModel> _model = HALModel::initWithDriver(AlsaDriver::init(3, "/nowhere"));
@@ -43,9 +41,9 @@ private:
 
 std::unique_ptr<ConformanceRig> makeConformanceRig()
 {
+    std::unique_ptr<ConformanceRig> rig = std::make_unique<AlsaRig>();
 #ifdef DXR_TEST_AGGREGATES
-    return std::make_unique<AggregateRig>(std::make_unique<AlsaRig>());
-#else
-    return std::make_unique<AlsaRig>();
+    rig = std::make_unique<AggregateRig>(std::move(rig));
 #endif
+    return rig;
 }

@@ -66,21 +66,13 @@ protected:
 /// Plays on a device a ramp that shows each sample's time, and compares it with the time of the input.
 class Ramp : public CycleWitness {
 public:
-    Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID)
+    Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID) {}
+    HALStatus start()
     {
-        const auto block = eachCycle([this](const IOCycle& cycle) { _run(cycle); });
-        EXPECT_EQ(_hal.createIOProc(_deviceID, block, _procID), kAudioHardwareNoError);
+        return _proc.emplace(_hal, _deviceID, eachCycle([this](const IOCycle& cycle) { _run(cycle); }))
+            .status;
     }
-    ~Ramp() { stop(); }
-    Ramp(const Ramp&) = delete;
-    Ramp& operator=(const Ramp&) = delete;
-
-    HALStatus start() { return _hal.start(_deviceID, _procID); }
-    void stop()
-    {
-        if (_procID)
-            _hal.destroyIOProc(_deviceID, std::exchange(_procID, nullptr));
-    }
+    void stop() { _proc.reset(); }
 
     std::atomic<uint64_t> heard{0};             ///< samples that are not silent
     std::atomic<uint64_t> jumps{0};             ///< changes of the latency
@@ -112,5 +104,5 @@ private:
 
     HALModel& _hal;
     const AudioObjectID _deviceID;
-    AudioDeviceIOProcID _procID = nullptr;
+    std::optional<RunningProc> _proc; // last: its callback uses the other fields
 };

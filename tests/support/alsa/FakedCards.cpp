@@ -3,6 +3,7 @@
 #include "FakedKernel.h"
 #include "FakedLibrary.h"
 
+#include <algorithm>
 #include <sys/stat.h>
 
 namespace {
@@ -101,14 +102,10 @@ long FakedCards::control(int number, unsigned control, unsigned index)
     return kernel().cards.at(number)->controls.at(control - 1).value.at(index);
 }
 
-bool FakedCards::isOpen(int number)
+size_t FakedCards::openFiles(int number)
 {
     const Guard guard(kernel().lock);
-    return !kernel().cards.at(number)->pcms.empty();
-}
-
-uint64_t FakedCards::ioctlCount()
-{
-    const Guard guard(kernel().lock);
-    return kernel().ioctlCount;
+    const auto& card = kernel().cards.at(number);
+    const auto isCards = [&](const auto& control) { return control.second.card == card; };
+    return card->pcms.size() + static_cast<size_t>(std::ranges::count_if(kernel().controls, isCards));
 }

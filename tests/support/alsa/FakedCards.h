@@ -1,7 +1,7 @@
 #pragma once
 
 #include <array>
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -57,6 +57,6 @@ public:
     /// Sets a control as another program would.
     static void setControl(int card, unsigned number, long left, long right);
     static long control(int card, unsigned number, unsigned index = 0);
-    static bool isOpen(int card); ///< whether this process has any of its PCMs open
-    static uint64_t ioctlCount();
+    /// Number of its devices that this process has open: its PCMs and its control device.
+    static size_t openFiles(int card);
 };

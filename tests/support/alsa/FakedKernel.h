@@ -44,5 +44,4 @@ struct FakedKernel {
     std::map<int, std::shared_ptr<FakedCard>> cards{};
     std::map<int, std::unique_ptr<FakedPcm>> pcms{};
     std::map<int, Control> controls{};
-    uint64_t ioctlCount = 0;
 };

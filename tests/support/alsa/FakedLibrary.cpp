@@ -150,16 +150,11 @@ FAKED_EXPORT int open(const char* path, int flags, ...)
     return isCards(path) ? result(openCard(path)) : FakedLibrary::open(path, flags, mode);
 }
 
-/// File offsets always have 64 bits here, so both are the same.
-FAKED_EXPORT int open64(const char* path, int flags, ...) __attribute__((alias("open")));
-
 // The size-checking variants, which alsa-lib calls.
 FAKED_EXPORT int __open_2(const char* path, int flags)
 {
     return open(path, flags);
 }
-
-FAKED_EXPORT int __open64_2(const char* path, int flags) __attribute__((alias("__open_2")));
 
 FAKED_EXPORT int close(int descriptor)
 {
@@ -181,7 +176,6 @@ FAKED_EXPORT int ioctl(int descriptor, unsigned long request, ...) noexcept
     if (!kernel().owns(descriptor))
         return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
     const FakedKernel::Guard guard(kernel().lock);
-    ++kernel().ioctlCount;
     FakedPcm* const pcm = pcmOf(descriptor);
     if (!pcm)
         return result(controlIoctl(kernel().controls.at(descriptor), request, argument));
@@ -205,8 +199,6 @@ FAKED_EXPORT void* mmap(void* at, size_t size, int protection, int flags, int de
     const int file = !pcm || pcm->card->isGone ? -1 : pcm->file(); // -1: mmap() fails
     return FakedLibrary::mmap(at, size, protection, flags, file, place);
 }
-
-FAKED_EXPORT void* mmap64(void*, size_t, int, int, int, off_t) noexcept __attribute__((alias("mmap")));
 
 FAKED_EXPORT int poll(pollfd* files, nfds_t count, int milliseconds)
 {
