@@ -40,8 +40,7 @@ timespec fakedTime(int64_t nanoseconds)
 }
 
 FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
-    : number(cardNumber), options(cardOptions), controls(usualControls),
-      _wires(options.pcmCount, std::vector<Frame>(wireFrames))
+    : number(cardNumber), options(cardOptions), controls(usualControls)
 {
     setFault(FakedFault::Busy, options.isBusy);
     controls[0].name = options.volumeNames[0];
@@ -83,25 +82,10 @@ void FakedCard::update()
         if (options.isElastic)
             last = std::min(last, pcm->lastFrameBeforeOverload());
     _frame = std::max(_frame, last);
-    for (const bool isCapture : {false, true}) // playback first: capture reads the played frames
+    for (const bool isCapture : {false, true}) // playback first: capture copies the played frames
         for (FakedPcm* pcm : pcms)
             if (pcm->isCapture == isCapture)
                 pcm->advance(now);
-}
-
-/// Does not call memcpy(), which the thread sanitizer would attribute to the program.
-void FakedCard::carry(unsigned pcm, int64_t frame, bool isCapture, char* samples, size_t bytes)
-{
-    Frame& onWire = _wires[pcm][static_cast<size_t>(frame) % wireFrames];
-    volatile char* const ring = samples;
-    if (!isCapture)
-        onWire.number = frame;
-    for (size_t i = 0; i < std::min(bytes, sizeof onWire.samples); ++i) {
-        if (isCapture)
-            ring[i] = onWire.number == frame ? onWire.samples[i] : '\0';
-        else
-            onWire.samples[i] = ring[i];
-    }
 }
 
 // ---- PCMs and controls
@@ -118,11 +102,16 @@ template <size_t size> void FakedCard::_text(unsigned char (&to)[size], const st
         std::memcpy(to, from.data(), std::min(from.size(), size - 1));
 }
 
+const FakedPcm* FakedCard::openPcm(unsigned pcm, bool isCapture) const
+{
+    const auto found = std::ranges::find_if(
+        pcms, [&](const FakedPcm* each) { return each->number == pcm && each->isCapture == isCapture; });
+    return found == pcms.end() ? nullptr : *found;
+}
+
 bool FakedCard::isInUse(unsigned pcm, bool isCapture) const
 {
-    return has(FakedFault::Busy) || std::ranges::any_of(pcms, [&](const FakedPcm* each) {
-               return each->number == pcm && each->isCapture == isCapture;
-           });
+    return has(FakedFault::Busy) || openPcm(pcm, isCapture);
 }
 
 void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const

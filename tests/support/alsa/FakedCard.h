@@ -13,7 +13,7 @@ class FakedPcm;
 int64_t fakedNow();
 timespec fakedTime(int64_t nanoseconds);
 
-/// A card: its clock, its controls, and for each PCM the wire from playback to capture.
+/// A card: its clock, its controls and its open PCMs.
 /// Threads: any; the caller holds the kernel's lock.
 class FakedCard {
 public:
@@ -34,12 +34,10 @@ public:
     int64_t timeOf(double frame) const;
     void setRate(unsigned rate);
 
-    // -- The wire. A frame has at most 32 bytes.
-    static constexpr size_t wireFrames = 1 << 15;
-    void carry(unsigned pcm, int64_t frame, bool isCapture, char* samples, size_t bytes);
-
     // -- PCMs
     bool hasPcm(unsigned pcm, bool isCapture) const;
+    /// Returns null if this process has not opened it.
+    const FakedPcm* openPcm(unsigned pcm, bool isCapture) const;
     bool isInUse(unsigned pcm, bool isCapture) const;
     void describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const;
 
@@ -59,11 +57,6 @@ public:
     void name(unsigned control, snd_ctl_elem_id& id) const;
 
 private:
-    struct Frame {
-        int64_t number = -1;
-        char samples[32];
-    };
-
     double _framesPerNanosecond() const;
     Control* _find(unsigned control);
     void _describe(snd_ctl_card_info& info) const;
@@ -74,6 +67,5 @@ private:
     std::array<bool, 6> _faults{}; // by FakedFault
     unsigned _rate = 48000;
     double _frame = 0.0;
-    int64_t _time = fakedNow();             // of _frame
-    std::vector<std::vector<Frame>> _wires; // by PCM
+    int64_t _time = fakedNow(); // of _frame
 };

@@ -23,7 +23,7 @@ public:
     /// The file of the memory that programs map: a page of status, a page of the program's positions, the ring.
     int file() const { return _file; }
     static constexpr size_t page = 4096;
-    /// Advances to a time: plays or records the frames up to then.
+    /// Advances to the card's frame: plays or records the frames up to there.
     void advance(int64_t nanoseconds);
     bool runs() const { return _state() == SNDRV_PCM_STATE_RUNNING; }
     void setState(int state);
@@ -45,6 +45,7 @@ private:
             visit(*_linked);
     }
     char* _samples(int64_t frame) const;
+    void _record(int64_t end);
     snd_pcm_uframes_t _available() const;
     int _refine(snd_pcm_hw_params& parameters) const;
     int _setParameters(snd_pcm_hw_params& parameters);
