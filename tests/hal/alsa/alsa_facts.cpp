@@ -78,12 +78,6 @@ const std::map<std::string, long (*)(snd_pcm_t* pcm, snd_pcm_t* other, bool isMa
     {"poll", [](auto* pcm, auto*, bool) { return polled(pcm, 0); }},
     {"prepare", [](auto* pcm, auto*, bool) -> long { return snd_pcm_prepare(pcm); }},
     {"sleep", [](auto*, auto*, bool) -> long { return usleep(200'000); }},
-    {"stamp",
-     [](auto* pcm, auto*, bool) -> long {
-         snd_pcm_uframes_t available = 0;
-         snd_htimestamp_t time{};
-         return snd_pcm_htimestamp(pcm, &available, &time);
-     }},
     {"start", [](auto* pcm, auto*, bool) -> long { return snd_pcm_start(pcm); }},
     {"state", [](auto* pcm, auto*, bool) -> long { return snd_pcm_state(pcm); }},
     {"wait", [](auto* pcm, auto*, bool) { return polled(pcm, 200); }},
@@ -98,7 +92,7 @@ const struct {
      "state available poll start drop "
      "prepare poll start fill more available poll "
      "start state start prepare wait sleep "
-     "poll state available more stamp start prepare state"},
+     "poll state available more start prepare state"},
     {false, false, "prepare start sleep state isBehind poll period"},
     {true, true,
      ">link >prepare state >start fill >start state >wait >period "

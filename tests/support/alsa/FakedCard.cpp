@@ -10,8 +10,6 @@
 
 namespace {
 
-const char* const sourceNames[] = {"Mic", "Line"};
-
 constexpr int mixer = SNDRV_CTL_ELEM_IFACE_MIXER, jack = SNDRV_CTL_ELEM_IFACE_CARD;
 constexpr int integer = SNDRV_CTL_ELEM_TYPE_INTEGER, boolean = SNDRV_CTL_ELEM_TYPE_BOOLEAN;
 constexpr int choice = SNDRV_CTL_ELEM_TYPE_ENUMERATED;
@@ -141,17 +139,7 @@ void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
     id = {};
     id.numid = control;
     id.iface = controls[control - 1].interface;
-    _text(id.name, controls[control - 1].name);
-    if (options.isHostile) { // a suffix that programs look for; all names differ
-        std::memcpy(id.name + sizeof id.name - 17, "\xFEPlayback Volume", 16);
-        id.name[0] = static_cast<unsigned char>(control);
-    }
-}
-
-/// alsa-lib identifies controls by the numbers from the list.
-FakedCard::Control* FakedCard::_find(unsigned control)
-{
-    return control - 1 < controls.size() ? &controls[control - 1] : nullptr;
+    std::strcpy(reinterpret_cast<char*>(id.name), controls[control - 1].name);
 }
 
 void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
@@ -163,9 +151,8 @@ void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
                   (control.minDecibels ? SNDRV_CTL_ELEM_ACCESS_TLV_READ : 0U);
     info.owner = -1;
     if (control.type == choice) {
-        const unsigned item = std::min(info.value.enumerated.item, 1U);
         info.value.enumerated.items = options.isHostile ? 4'000'000'000U : 2;
-        std::strcpy(info.value.enumerated.name, sourceNames[item]);
+        std::strcpy(info.value.enumerated.name, info.value.enumerated.item == 0 ? "Mic" : "Line");
     } else {
         info.value.integer.min = options.isHostile ? control.max : 0;
         info.value.integer.max = options.isHostile ? 0 : control.max;
@@ -207,6 +194,7 @@ int FakedCard::ioctl(unsigned long request, void* argument)
         number_ = number_ + 1 < static_cast<int>(options.pcmCount) ? number_ + 1 : options.isHostile ? 0 : -1;
         return 0;
     case SNDRV_CTL_IOCTL_PCM_PREFER_SUBDEVICE:
+    case SNDRV_CTL_IOCTL_SUBSCRIBE_EVENTS: // changes are always announced
         return 0;
     case SNDRV_CTL_IOCTL_PCM_INFO: {
         auto& info = *static_cast<snd_pcm_info*>(argument);
@@ -226,23 +214,17 @@ int FakedCard::ioctl(unsigned long request, void* argument)
     }
     case SNDRV_CTL_IOCTL_ELEM_INFO: {
         auto& info = *static_cast<snd_ctl_elem_info*>(argument);
-        const Control* const control = _find(info.id.numid);
-        if (control)
-            _describe(info, *control);
-        return control ? 0 : -ENOENT;
+        _describe(info, controls.at(info.id.numid - 1));
+        return 0;
     }
     case SNDRV_CTL_IOCTL_ELEM_READ:
     case SNDRV_CTL_IOCTL_ELEM_WRITE: {
         auto& value = *static_cast<snd_ctl_elem_value*>(argument);
-        Control* const control = _find(value.id.numid);
-        return control ? _transfer(value, *control, request == SNDRV_CTL_IOCTL_ELEM_WRITE) : -ENOENT;
+        return _transfer(value, controls.at(value.id.numid - 1), request == SNDRV_CTL_IOCTL_ELEM_WRITE);
     }
     case SNDRV_CTL_IOCTL_TLV_READ: {
         auto& tlv = *static_cast<snd_ctl_tlv*>(argument);
-        const Control* const control = _find(tlv.numid);
-        if (!control || !control->minDecibels || tlv.length < 16)
-            return -ENXIO;
-        const auto min = static_cast<unsigned>(control->minDecibels);
+        const auto min = static_cast<unsigned>(controls.at(tlv.numid - 1).minDecibels);
         const unsigned scale[4] = {SNDRV_CTL_TLVT_DB_SCALE, options.isHostile ? 0xFFFFFFF0U : 8U, min, 100};
         std::memcpy(tlv.tlv, scale, sizeof scale);
         return 0;

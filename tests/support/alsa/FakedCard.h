@@ -58,7 +58,6 @@ public:
 
 private:
     double _framesPerNanosecond() const;
-    Control* _find(unsigned control);
     void _describe(snd_ctl_card_info& info) const;
     void _describe(snd_ctl_elem_info& info, const Control& control) const;
     int _transfer(snd_ctl_elem_value& value, Control& control, bool isWrite) const;

@@ -1,37 +1,134 @@
 #include "FakedKernel.h"
 
-#include "FakedLibrary.h"
-
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <sys/stat.h>
 
-void FakedLock::lock() noexcept
+namespace {
+
+using Guard = FakedKernel::Guard;
+
+std::string controlFile(int number)
 {
-    timespec pause{0, 20'000};
-    for (int tries = 0; _isHeld.exchange(true, std::memory_order_acquire); ++tries)
-        if (tries > 100)
-            FakedLibrary::poll(nullptr, 0, &pause);
+    return kernel().folder + "/controlC" + std::to_string(number);
 }
 
-FakedKernel& FakedKernel::shared()
+/// Opens and closes the card's file: programs that watch the folder notice it.
+void useFile(int number)
 {
-    static auto* const kernel = [] {
+    FakedLibrary::close(
+        FakedLibrary::open(controlFile(number).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0660));
+}
+
+/// Changes the attributes of the card's file, as udev does.
+void touchFile(int number)
+{
+    utimensat(AT_FDCWD, controlFile(number).c_str(), nullptr, 0);
+}
+
+} // namespace
+
+FakedKernel& kernel()
+{
+    static auto* const only = [] {
         char name[] = "/tmp/faked-cards-XXXXXX";
         std::atexit([] {
             std::error_code ignored;
-            std::filesystem::remove_all(shared().folder, ignored);
+            std::filesystem::remove_all(kernel().folder, ignored);
         });
-        return new FakedKernel{.folder = mkdtemp(name)}; // never destroyed: programs use it to the end
+        auto* const made = new FakedKernel{.folder = mkdtemp(name)}; // programs use it to the end
+        // For programs that do not plug cards: one whose clock does not wait for them.
+        if (std::getenv("DXR_FAKED_CARD"))
+            made->cards[0] = std::make_shared<FakedCard>(0, FakedCardOptions{.isElastic = false});
+        return made;
     }();
-    return *kernel;
+    return *only;
 }
 
 void FakedKernel::announce(const FakedCard& card, unsigned number)
 {
     for (auto& [descriptor, control] : controls) {
-        if (control.card.get() != &card || !control.isSubscribed)
+        if (control.card.get() != &card)
             continue;
         control.changes.push_back(number);
         FakedLibrary::setFull(descriptor, true);
     }
+}
+
+// ---- The test's side
+
+int FakedCards::plug(const FakedCardOptions& options)
+{
+    const Guard guard(kernel().lock);
+    int number = 0;
+    while (kernel().cards.contains(number) && !kernel().cards[number]->isGone)
+        ++number;
+    kernel().cards[number] = std::make_shared<FakedCard>(number, options);
+    useFile(number);
+    return number;
+}
+
+void FakedCards::unplug(int number)
+{
+    const Guard guard(kernel().lock);
+    const std::shared_ptr<FakedCard>& card = kernel().cards.at(number);
+    if (std::exchange(card->isGone, true))
+        return;
+    for (FakedPcm* pcm : card->pcms)
+        pcm->setState(SNDRV_PCM_STATE_DISCONNECTED);
+    for (const auto& [descriptor, control] : kernel().controls)
+        if (control.card == card)
+            FakedLibrary::setFull(descriptor, true);
+    unlink(controlFile(number).c_str());
+}
+
+void FakedCards::unplugAll()
+{
+    for (size_t number = 0; number < kernel().cards.size(); ++number)
+        unplug(static_cast<int>(number));
+}
+
+void FakedCards::rename(int number, const std::string& name)
+{
+    const Guard guard(kernel().lock);
+    kernel().cards.at(number)->options.name = name;
+    touchFile(number);
+}
+
+void FakedCards::set(int number, FakedFault fault, bool isThere)
+{
+    const Guard guard(kernel().lock);
+    FakedCard& card = *kernel().cards.at(number);
+    card.setFault(fault, isThere);
+    const bool isStop = isThere && (fault == FakedFault::Overload || fault == FakedFault::Suspend);
+    for (FakedPcm* pcm : card.pcms)
+        if (isStop && pcm->runs())
+            pcm->setState(fault == FakedFault::Overload ? SNDRV_PCM_STATE_XRUN : SNDRV_PCM_STATE_SUSPENDED);
+    if (fault == FakedFault::Busy)
+        useFile(number);
+    if (fault == FakedFault::NoRights)
+        touchFile(number);
+}
+
+void FakedCards::setControl(int number, unsigned control, long left, long right)
+{
+    const Guard guard(kernel().lock);
+    FakedCard& card = *kernel().cards.at(number);
+    card.controls.at(control - 1).value = {left, right};
+    kernel().announce(card, control);
+}
+
+long FakedCards::control(int number, unsigned control, unsigned index)
+{
+    const Guard guard(kernel().lock);
+    return kernel().cards.at(number)->controls.at(control - 1).value.at(index);
+}
+
+size_t FakedCards::openFiles(int number)
+{
+    const Guard guard(kernel().lock);
+    const auto& card = kernel().cards.at(number);
+    const auto isCards = [&](const auto& control) { return control.second.card == card; };
+    return card->pcms.size() + static_cast<size_t>(std::ranges::count_if(kernel().controls, isCards));
 }

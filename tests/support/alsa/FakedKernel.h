@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FakedLibrary.h"
 #include "FakedPcm.h"
 
 #include <atomic>
@@ -11,7 +12,12 @@
 /// the real-time check must not examine. A waiter sleeps, so that a holder of lower priority can proceed.
 class FakedLock {
 public:
-    void lock() noexcept;
+    void lock() noexcept
+    {
+        timespec pause{0, 20'000};
+        while (_isHeld.exchange(true, std::memory_order_acquire))
+            FakedLibrary::poll(nullptr, 0, &pause);
+    }
     void unlock() noexcept { _isHeld.store(false, std::memory_order_release); }
 
 private:
@@ -23,12 +29,10 @@ struct FakedKernel {
     /// An open control device.
     struct Control {
         std::shared_ptr<FakedCard> card;
-        int isSubscribed = 0;
         std::deque<unsigned> changes;
     };
     using Guard = std::scoped_lock<FakedLock>;
 
-    static FakedKernel& shared();
     /// Takes no lock: calls on other descriptors must not wait for a holder that writes a sanitizer's report.
     bool owns(int descriptor) const
     {
@@ -37,7 +41,6 @@ struct FakedKernel {
     }
     /// Tells programs that a control has changed. The caller holds the lock.
     void announce(const FakedCard& card, unsigned control);
-
     const std::string folder;                     // holds a file for each control device: programs watch them
     std::array<std::atomic<bool>, 4096> isOurs{}; // by descriptor; written under the lock, read without it
     FakedLock lock{};                             // guards the fields below
@@ -45,3 +48,5 @@ struct FakedKernel {
     std::map<int, std::unique_ptr<FakedPcm>> pcms{};
     std::map<int, Control> controls{};
 };
+
+FakedKernel& kernel();

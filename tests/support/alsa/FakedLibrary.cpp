@@ -16,11 +16,6 @@ namespace {
 constexpr int64_t minWait = 100'000,
                   maxWait = 10'000'000; // nanoseconds; a test may change the card meanwhile
 
-FakedKernel& kernel()
-{
-    return FakedKernel::shared();
-}
-
 bool isCards(const char* path)
 {
     return path && std::strncmp(path, "/dev/snd", 8) == 0;
@@ -74,11 +69,6 @@ int controlIoctl(FakedKernel::Control& control, unsigned long request, void* arg
 {
     if (control.card->isGone)
         return -ENODEV;
-    if (request == SNDRV_CTL_IOCTL_SUBSCRIBE_EVENTS) {
-        int& wanted = *static_cast<int*>(argument);
-        (wanted < 0 ? wanted : control.isSubscribed) = wanted < 0 ? control.isSubscribed : wanted;
-        return 0;
-    }
     const int result = control.card->ioctl(request, argument);
     if (request == SNDRV_CTL_IOCTL_ELEM_WRITE && result > 0)
         kernel().announce(*control.card, static_cast<snd_ctl_elem_value*>(argument)->id.numid);

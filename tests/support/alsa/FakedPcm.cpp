@@ -100,17 +100,11 @@ void FakedPcm::showReadiness()
 
 int FakedPcm::stateError() const
 {
-    switch (_state()) {
-    case SNDRV_PCM_STATE_PREPARED:
-    case SNDRV_PCM_STATE_RUNNING:
+    if (_state() == SNDRV_PCM_STATE_PREPARED || _state() == SNDRV_PCM_STATE_RUNNING)
         return 0;
-    case SNDRV_PCM_STATE_XRUN:
+    if (_state() == SNDRV_PCM_STATE_XRUN)
         return -EPIPE;
-    case SNDRV_PCM_STATE_SUSPENDED:
-        return -ESTRPIPE;
-    default:
-        return -EBADFD;
-    }
+    return _state() == SNDRV_PCM_STATE_SUSPENDED ? -ESTRPIPE : -EBADFD;
 }
 
 // ---- Time
