@@ -139,7 +139,11 @@ void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
     id = {};
     id.numid = control;
     id.iface = controls[control - 1].interface;
-    std::strcpy(reinterpret_cast<char*>(id.name), controls[control - 1].name);
+    _text(id.name, controls[control - 1].name);
+    if (options.isHostile) { // a suffix that programs look for; all names differ
+        std::memcpy(id.name + sizeof id.name - 17, "\xFEPlayback Volume", 16);
+        id.name[0] = static_cast<unsigned char>(control);
+    }
 }
 
 void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
