@@ -108,11 +108,14 @@ constexpr unsigned playbackVolume = 1, playbackSwitch = 2, captureVolume = 3, ca
 TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
 {
     FakedCardOptions card = aCard();
+    card.name = "Unit\xFF";
     card.pcmCount = 3;
     card.components = "USB1235:8211 others";
     const int number = FakedCards::plug(card);
     for (unsigned pcm = 0; pcm < 3; ++pcm) {
         const AudioObjectID id = device(uidOf("unit", pcm));
+        EXPECT_EQ(readText(*hal, id, at(kAudioObjectPropertyName)),
+                  "Unit\xEF\xBF\xBD Faked PCM " + std::to_string(pcm));
         EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyClockDomain), static_cast<uint32_t>(number) + 1);
         EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyTransportType), kAudioDeviceTransportTypeUSB);
         EXPECT_EQ(readText(*hal, id, at(kAudioDevicePropertyModelUID)), "1235:8211");
@@ -130,7 +133,7 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
     }
 }
 
-TEST_F(AlsaTest, setsVolumesByDecibelsAndHearsOfOthersChanges)
+TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
 {
     const int card = FakedCards::plug(aCard());
     const AudioObjectID id = device(uidOf("unit"));
@@ -158,18 +161,13 @@ TEST_F(AlsaTest, setsVolumesByDecibelsAndHearsOfOthersChanges)
     EXPECT_EQ(FakedCards::control(card, playbackSwitch, 1), 1);
     FakedCards::setControl(card, captureVolume, 30, 30);
     EXPECT_TRUE(becomes(1.0F, id, kAudioDevicePropertyVolumeScalar, input));
-}
 
-TEST_F(AlsaTest, offersInputsAndJacksAsSources)
-{
-    const int card = FakedCards::plug(aCard());
-    const AudioObjectID id = device(uidOf("unit"));
     const auto source = at(kAudioDevicePropertyDataSource, input);
-    const auto before = readValue<uint32_t>(*hal, id, source);
+    const uint32_t before = readValue<uint32_t>(*hal, id, source).value_or(0);
     EXPECT_EQ(readList<uint32_t>(*hal, id, at(kAudioDevicePropertyDataSources, input)).size(), 2U);
-    EXPECT_EQ(writeValue(*hal, id, source, *before + 1), kAudioHardwareNoError);
+    EXPECT_EQ(writeValue(*hal, id, source, before + 1), kAudioHardwareNoError);
     EXPECT_EQ(FakedCards::control(card, captureSource), 1);
-    EXPECT_EQ(readValue<uint32_t>(*hal, id, source), *before + 1);
+    EXPECT_EQ(readValue<uint32_t>(*hal, id, source), before + 1);
 
     const auto jack = at(kAudioDevicePropertyDataSource, output);
     const auto speaker = readValue<uint32_t>(*hal, id, jack);
@@ -210,26 +208,6 @@ TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
         EXPECT_TRUE(becomes(isBusy ? 1U : 0U, id, kAudioDevicePropertyDeviceIsRunning));
         EXPECT_EQ(rateCount(), 3U);
     }
-}
-
-// Unterminated and meaningless texts, counts of billions, endless lists, reversed ranges.
-TEST_F(AlsaTest, survivesACardThatSaysNonsense)
-{
-    FakedCardOptions card = aCard();
-    card.isHostile = true;
-    const int number = FakedCards::plug(card);
-    EXPECT_TRUE(eventually([&] { return !readDevices(*hal).empty(); }));
-    const AudioObjectID id = readDevices(*hal).front();
-    const auto name = readText(*hal, id, at(kAudioObjectPropertyName));
-    ASSERT_TRUE(name);
-    EXPECT_EQ(name->find('\xFE'), std::string::npos) << "not UTF-8";
-    EXPECT_FALSE(read<float>(id, kAudioDevicePropertyVolumeScalar, output));
-    Ramp ramp(*hal, id);
-    EXPECT_EQ(ramp.start(), kAudioHardwareNoError);
-    EXPECT_TRUE(ramp.waitForMore(3));
-    ramp.stop();
-    FakedCards::unplug(number);
-    EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
 }
 
 TEST_F(AlsaTest, leavesOutWhatCannotRun)

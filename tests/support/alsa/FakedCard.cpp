@@ -23,6 +23,12 @@ const std::vector<FakedCard::Control> usualControls{
     {jack, "Headphone Jack", boolean, 1, 1, 0, {0, 0}},
 };
 
+template <size_t size> void setText(unsigned char (&field)[size], const std::string& text)
+{
+    std::memset(field, 0, size);
+    std::memcpy(field, text.data(), std::min(text.size(), size - 1));
+}
+
 } // namespace
 
 int64_t fakedNow()
@@ -93,13 +99,6 @@ bool FakedCard::hasPcm(unsigned pcm, bool isCapture) const
     return pcm < options.pcmCount && (isCapture ? options.capture : options.playback) > 0;
 }
 
-template <size_t size> void FakedCard::_text(unsigned char (&to)[size], const std::string& from) const
-{
-    std::memset(to, options.isHostile ? 0xFE : 0, size);
-    if (!options.isHostile)
-        std::memcpy(to, from.data(), std::min(from.size(), size - 1));
-}
-
 const FakedPcm* FakedCard::openPcm(unsigned pcm, bool isCapture) const
 {
     const auto found = std::ranges::find_if(
@@ -117,8 +116,8 @@ void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
     info.device = pcm;
     info.stream = isCapture;
     info.card = number;
-    _text(info.id, "Faked PCM " + std::to_string(pcm));
-    _text(info.name, "Faked PCM " + std::to_string(pcm));
+    setText(info.id, "Faked PCM " + std::to_string(pcm));
+    setText(info.name, "Faked PCM " + std::to_string(pcm));
     info.subdevices_count = 1;
     info.subdevices_avail = isInUse(pcm, isCapture) ? 0 : 1;
 }
@@ -127,11 +126,11 @@ void FakedCard::_describe(snd_ctl_card_info& info) const
 {
     info = {};
     info.card = number;
-    _text(info.id, "Faked");
-    _text(info.driver, "Faked");
-    _text(info.name, options.name);
-    _text(info.longname, options.longName);
-    _text(info.components, options.components);
+    setText(info.id, "Faked");
+    setText(info.driver, "Faked");
+    setText(info.name, options.name);
+    setText(info.longname, options.longName);
+    setText(info.components, options.components);
 }
 
 void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
@@ -139,27 +138,23 @@ void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
     id = {};
     id.numid = control;
     id.iface = controls[control - 1].interface;
-    _text(id.name, controls[control - 1].name);
-    if (options.isHostile) { // a suffix that programs look for; all names differ
-        std::memcpy(id.name + sizeof id.name - 17, "\xFEPlayback Volume", 16);
-        id.name[0] = static_cast<unsigned char>(control);
-    }
+    setText(id.name, controls[control - 1].name);
 }
 
 void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
 {
     info.type = control.type;
-    info.count = options.isHostile ? 4'000'000'000U : control.count;
+    info.count = control.count;
     info.access = SNDRV_CTL_ELEM_ACCESS_READ |
                   (control.interface == mixer ? SNDRV_CTL_ELEM_ACCESS_WRITE : 0U) |
                   (control.minDecibels ? SNDRV_CTL_ELEM_ACCESS_TLV_READ : 0U);
     info.owner = -1;
     if (control.type == choice) {
-        info.value.enumerated.items = options.isHostile ? 4'000'000'000U : 2;
+        info.value.enumerated.items = 2;
         std::strcpy(info.value.enumerated.name, info.value.enumerated.item == 0 ? "Mic" : "Line");
     } else {
-        info.value.integer.min = options.isHostile ? control.max : 0;
-        info.value.integer.max = options.isHostile ? 0 : control.max;
+        info.value.integer.min = 0;
+        info.value.integer.max = control.max;
         info.value.integer.step = 0;
     }
 }
@@ -178,7 +173,7 @@ int FakedCard::_transfer(snd_ctl_elem_value& value, Control& control, bool isWri
         } else if (control.type == choice) {
             item = static_cast<unsigned>(control.value[i]);
         } else {
-            step = options.isHostile ? 1L << 60 : control.value[i];
+            step = control.value[i];
         }
     }
     return hasChanged;
@@ -195,7 +190,7 @@ int FakedCard::ioctl(unsigned long request, void* argument)
         _describe(*static_cast<snd_ctl_card_info*>(argument));
         return 0;
     case SNDRV_CTL_IOCTL_PCM_NEXT_DEVICE:
-        number_ = number_ + 1 < static_cast<int>(options.pcmCount) ? number_ + 1 : options.isHostile ? 0 : -1;
+        number_ = number_ + 1 < static_cast<int>(options.pcmCount) ? number_ + 1 : -1;
         return 0;
     case SNDRV_CTL_IOCTL_PCM_PREFER_SUBDEVICE:
     case SNDRV_CTL_IOCTL_SUBSCRIBE_EVENTS: // changes are always announced
@@ -229,7 +224,7 @@ int FakedCard::ioctl(unsigned long request, void* argument)
     case SNDRV_CTL_IOCTL_TLV_READ: {
         auto& tlv = *static_cast<snd_ctl_tlv*>(argument);
         const auto min = static_cast<unsigned>(controls.at(tlv.numid - 1).minDecibels);
-        const unsigned scale[4] = {SNDRV_CTL_TLVT_DB_SCALE, options.isHostile ? 0xFFFFFFF0U : 8U, min, 100};
+        const unsigned scale[4] = {SNDRV_CTL_TLVT_DB_SCALE, 8U, min, 100};
         std::memcpy(tlv.tlv, scale, sizeof scale);
         return 0;
     }

@@ -61,7 +61,6 @@ private:
     void _describe(snd_ctl_card_info& info) const;
     void _describe(snd_ctl_elem_info& info, const Control& control) const;
     int _transfer(snd_ctl_elem_value& value, Control& control, bool isWrite) const;
-    template <size_t size> void _text(unsigned char (&to)[size], const std::string& from) const;
 
     std::array<bool, 6> _faults{}; // by FakedFault
     unsigned _rate = 48000;

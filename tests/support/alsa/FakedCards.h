@@ -39,7 +39,6 @@ struct FakedCardOptions {
     bool mapsSamples = true;                    ///< false: samples by read and write only
     bool hasStamps = true;                      ///< false: its time stamps are 0
     bool canLink = true;
-    bool isHostile = false; ///< reports invalid texts, endless lists and impossible controls
 };
 
 /// Sound cards of a faked kernel, for this process. The unmodified alsa-lib runs on top: a program that links

@@ -65,16 +65,6 @@ int openCard(const char* path)
     return descriptor;
 }
 
-int controlIoctl(FakedKernel::Control& control, unsigned long request, void* argument)
-{
-    if (control.card->isGone)
-        return -ENODEV;
-    const int result = control.card->ioctl(request, argument);
-    if (request == SNDRV_CTL_IOCTL_ELEM_WRITE && result > 0)
-        kernel().announce(*control.card, static_cast<snd_ctl_elem_value*>(argument)->id.numid);
-    return result;
-}
-
 /// Reads the next change of a control.
 int readChange(int descriptor, snd_ctl_event& event)
 {
@@ -167,9 +157,13 @@ FAKED_EXPORT int ioctl(int descriptor, unsigned long request, ...) noexcept
         return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
     const FakedKernel::Guard guard(kernel().lock);
     FakedPcm* const pcm = pcmOf(descriptor);
-    if (!pcm)
-        return result(controlIoctl(kernel().controls.at(descriptor), request, argument));
-    return result(pcm->card->isGone ? -ENODEV : pcm->ioctl(request, argument));
+    FakedCard& card = pcm ? *pcm->card : *kernel().controls.at(descriptor).card;
+    if (card.isGone)
+        return result(-ENODEV);
+    const int done = pcm ? pcm->ioctl(request, argument) : card.ioctl(request, argument);
+    if (request == SNDRV_CTL_IOCTL_ELEM_WRITE && done > 0)
+        kernel().announce(card, static_cast<snd_ctl_elem_value*>(argument)->id.numid);
+    return result(done);
 }
 
 /// Maps a PCM's status, the program's positions or the ring.
@@ -217,11 +211,6 @@ FAKED_EXPORT ssize_t read(int descriptor, void* to, size_t size)
 {
     return kernel().owns(descriptor) ? result(readChange(descriptor, *static_cast<snd_ctl_event*>(to)))
                                      : FakedLibrary::read(descriptor, to, size);
-}
-
-FAKED_EXPORT ssize_t __read_chk(int descriptor, void* to, size_t size, size_t)
-{
-    return read(descriptor, to, size);
 }
 
 FAKED_EXPORT int inotify_add_watch(int descriptor, const char* path, uint32_t mask) noexcept
