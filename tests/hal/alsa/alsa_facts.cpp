@@ -48,7 +48,7 @@ const char* const scripts[] = {
     "ready poll start prepare poll start fill transfer ready poll start start wait ready transfer "
     "sleep poll ready transfer start prepare ready poll",
     ">link >prepare poll >start fill >start >start wait >wait >ready >transfer "
-    "sleep poll >poll >ready ready >transfer >prepare ready fill start >wait >prepare poll",
+    "sleep poll >poll >ready ready >prepare ready fill start >wait >prepare poll",
 };
 
 } // namespace

@@ -28,15 +28,11 @@ protected:
         card.longName = longName;
         return card;
     }
-    static std::string uidOf(const std::string& longName, unsigned pcm = 0)
+    /// Waits for a card's device.
+    AudioObjectID device(const std::string& longName = "unit", unsigned pcm = 0)
     {
-        return "alsa:" + longName + ":" + std::to_string(pcm);
-    }
-
-    AudioObjectID device(const std::string& uid)
-    {
-        const AudioObjectID found = waitForDevice(*hal, uid);
-        EXPECT_NE(found, kAudioObjectUnknown) << uid;
+        const AudioObjectID found = waitForDevice(*hal, "alsa:" + longName + ":" + std::to_string(pcm));
+        EXPECT_NE(found, kAudioObjectUnknown) << longName;
         return found;
     }
     template <class Value>
@@ -113,7 +109,7 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
     card.components = "USB1235:8211 others";
     const int number = FakedCards::plug(card);
     for (unsigned pcm = 0; pcm < 3; ++pcm) {
-        const AudioObjectID id = device(uidOf("unit", pcm));
+        const AudioObjectID id = device("unit", pcm);
         EXPECT_EQ(readText(*hal, id, at(kAudioObjectPropertyName)),
                   "Unit\xEF\xBF\xBD Faked PCM " + std::to_string(pcm));
         EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyClockDomain), static_cast<uint32_t>(number) + 1);
@@ -127,7 +123,7 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
     // Another card gets the same number, often before the driver has noticed the removal.
     for (const char* name : {"a", "b", "c", "d"}) {
         ASSERT_EQ(FakedCards::plug(aCard(name)), number);
-        device(uidOf(name));
+        device(name);
         EXPECT_EQ(readDevices(*hal).size(), 1U);
         FakedCards::unplug(number);
     }
@@ -136,7 +132,7 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
 TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
 {
     const int card = FakedCards::plug(aCard());
-    const AudioObjectID id = device(uidOf("unit"));
+    const AudioObjectID id = device();
     const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
     const auto left = at(kAudioDevicePropertyVolumeScalar, output, 1);
     // The steps are 1 dB, and half of the slider is -18.06 dB. A read returns the value that was written.
@@ -184,8 +180,8 @@ TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
     const int late = FakedCards::plug(aCard("late")); // as if udev granted access a little later
     FakedCards::set(late, FakedFault::NoRights);
     FakedCards::set(late, FakedFault::NoRights, false);
-    device(uidOf("late"));
-    EXPECT_EQ(deviceWithUID(*hal, uidOf("busy")), kAudioObjectUnknown) << "its abilities are not known";
+    device("late");
+    EXPECT_EQ(deviceWithUID(*hal, "alsa:busy:0"), kAudioObjectUnknown) << "its abilities are not known";
 
     // A device in use is described by what it does.
     for (const char* direction : {"pcm0p", "pcm0c"}) {
@@ -195,7 +191,7 @@ TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
             << "access: MMAP_INTERLEAVED\nchannels: 2\nrate: 96000 (96000/1)\nbuffer_size: 4096\n";
     }
     FakedCards::set(busy, FakedFault::Busy);
-    const AudioObjectID id = device(uidOf("busy"));
+    const AudioObjectID id = device("busy");
     const auto rateCount = [&] {
         return readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates))
             .size();
@@ -229,7 +225,7 @@ TEST_F(AlsaTest, leavesOutWhatCannotRun)
         FakedCards::plug(card);
     }
     FakedCards::plug(aCard("last"));
-    device(uidOf("last"));
+    device("last");
     EXPECT_EQ(readDevices(*hal).size(), 1U);
 }
 
@@ -239,16 +235,16 @@ TEST_F(AlsaTest, keepsDefaultDevicesOfTheProcess)
         return becomes(id, kAudioObjectSystemObject, kAudioHardwarePropertyDefaultOutputDevice);
     };
     FakedCards::plug(aCard("first"));
-    const AudioObjectID first = device(uidOf("first"));
+    const AudioObjectID first = device("first");
     const int card = FakedCards::plug(aCard("second"));
-    const AudioObjectID second = device(uidOf("second"));
+    const AudioObjectID second = device("second");
     EXPECT_TRUE(isDefault(first)) << "one that comes takes nothing over";
     writeValue(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDefaultOutputDevice), second);
     EXPECT_TRUE(isDefault(second));
     FakedCards::unplug(card);
     EXPECT_TRUE(isDefault(first));
     FakedCards::plug(aCard("second"));
-    EXPECT_TRUE(isDefault(device(uidOf("second")))) << "the chosen one is back";
+    EXPECT_TRUE(isDefault(device("second"))) << "the chosen one is back";
 }
 
 TEST_F(AlsaTest, findsTheVolumeByItsName)
@@ -266,7 +262,7 @@ TEST_F(AlsaTest, findsTheVolumeByItsName)
         FakedCardOptions card = aCard(row.control);
         card.volumeNames = {row.control, "Other Volume"};
         FakedCards::plug(card);
-        const AudioObjectID id = device(uidOf(row.control));
+        const AudioObjectID id = device(row.control);
         EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), row.isOutputs)
             << row.control;
         EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, input).has_value(), row.isInputs)
@@ -301,7 +297,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         Card card = aCard(row.why);
         row.change(card);
         const int number = FakedCards::plug(card);
-        Ramp ramp(*hal, device(uidOf(row.why)));
+        Ramp ramp(*hal, device(row.why));
         ramp.step = row.step;
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
         EXPECT_TRUE(eventually([&] { return ramp.heard > 20'000; }));
@@ -338,7 +334,7 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
         card.playback = row.playback;
         card.capture = row.capture;
         const int number = FakedCards::plug(card);
-        const AudioObjectID id = device(uidOf(row.why));
+        const AudioObjectID id = device(row.why);
         const RecordingListener overloads(*hal, id, at(kAudioDeviceProcessorOverload));
         Ramp ramp(*hal, id);
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
@@ -372,7 +368,7 @@ TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
         FakedCardOptions card = aCard();
         card.mapsSamples = mapsSamples;
         const int number = FakedCards::plug(card);
-        Ramp ramp(*hal, device(uidOf("unit")));
+        Ramp ramp(*hal, device());
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
         FakedCards::unplug(number);
         EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
@@ -388,7 +384,7 @@ TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
         const std::string name = "fault " + std::to_string(static_cast<int>(fault));
         SCOPED_TRACE(name);
         const int number = FakedCards::plug(aCard(name));
-        const AudioObjectID id = device(uidOf(name));
+        const AudioObjectID id = device(name);
         Ramp ramp(*hal, id);
         const CapturedLog log;
         FakedCards::set(number, fault);
@@ -408,7 +404,7 @@ TEST_F(AlsaTest, measuresAClockAndKeepsItThroughAnOverload)
     FakedCardOptions card = aCard();
     card.partsPerMillion = 200.0;
     const int number = FakedCards::plug(card);
-    Ramp ramp(*hal, device(uidOf("unit")));
+    Ramp ramp(*hal, device());
     ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
     const auto isMeasured = [&] { return std::abs(ramp.rateScalar - 1.0 / 1.0002) < 10e-6; };
     EXPECT_TRUE(eventually(isMeasured)) << ramp.rateScalar;

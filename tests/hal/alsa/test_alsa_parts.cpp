@@ -125,26 +125,20 @@ TEST(AlsaReservation, goesToOneProgramAtATimeAndComesBack)
     EXPECT_EQ(alone.reservation.descriptor(), -1);
 }
 
-// Tests a part of the driver: how it derives sample times from a card's time stamps.
+// How the driver derives sample times from a card's time stamps.
 TEST(AlsaTimeline, keepsItsClockThroughAnInterruption)
 {
     AlsaTimeline timeline;
     timeline.begin(48000.0);
-    uint64_t now = 1'000'000'000'000;
-    const auto cycle = [&](uint64_t number) {
-        now += 512 * 1'000'000'000ULL / 48000;
-        return timeline.advance(now, number * 512, number * 512, 512);
-    };
-    uint64_t last = 0;
-    for (uint64_t number = 1; number <= 100; ++number)
-        last = cycle(number).sampleTime;
-    EXPECT_EQ(last, 512U * 100);
+    AlsaTimeline::Step step{};
+    const auto timeOf = [](uint64_t frame) { return 1'000'000'000'000 + frame * 1'000'000'000 / 48000; };
+    for (uint64_t frame = 512; frame <= 51200; frame += 512)
+        step = timeline.advance(timeOf(frame), frame, frame, 512);
+    EXPECT_EQ(step.sampleTime, 51200U);
     timeline.interrupt();
-    now += 1'000'000'000;
-    const AlsaTimeline::Step after = cycle(1);
-    EXPECT_NEAR(static_cast<double>(after.sampleTime - last), 48512.0, 2.0)
-        << "the frames that were lost count";
-    EXPECT_NEAR(after.rateRatio, 1.0, 1e-6);
+    step = timeline.advance(timeOf(100'000), 512, 512, 512);
+    EXPECT_NEAR(static_cast<double>(step.sampleTime), 100'000.0, 2.0) << "the frames that were lost count";
+    EXPECT_NEAR(step.rateRatio, 1.0, 1e-6);
 }
 
 const AlsaFormat& formatOf(snd_pcm_format_t number)

@@ -124,7 +124,7 @@ int64_t FakedPcm::nextInterrupt() const
 
 double FakedPcm::lastFrameBeforeOverload() const
 {
-    if (!runs() || _stopThreshold >= _boundary)
+    if (!runs())
         return HUGE_VAL;
     const auto left = static_cast<int64_t>(_stopThreshold) - 1 - static_cast<int64_t>(_available());
     return static_cast<double>(_startFrame + _done + left) + 0.5;
@@ -238,8 +238,7 @@ int FakedPcm::_start()
 {
     int error = 0;
     _forLinked([&](const FakedPcm& each) {
-        const bool isEmpty = !each.isCapture && each._stopThreshold < each._boundary &&
-                             each._available() >= each._buffer; // the ring has nothing to play
+        const bool isEmpty = !each.isCapture && each._available() >= each._buffer; // nothing to play
         const int own = each._state() != SNDRV_PCM_STATE_PREPARED ? -EBADFD : isEmpty ? -EPIPE : 0;
         error = error ? error : own;
     });
@@ -264,26 +263,23 @@ int FakedPcm::_link(int other)
     return 0;
 }
 
+/// Blocking transfers are not supported.
 int FakedPcm::_transfer(snd_xferi& transfer)
 {
-    snd_pcm_uframes_t done = 0;
-    int error = 0;
-    while (done < transfer.frames) {
-        card->update();
-        const auto count =
-            std::min({transfer.frames - done, _available(), _buffer - _control->appl_ptr % _buffer});
-        error = stateError() || count > 0 ? stateError() : -EAGAIN; // blocking transfers are not supported
-        if (error)
-            break;
-        char* const ring = _samples(static_cast<int64_t>(_control->appl_ptr));
-        char* const theirs = static_cast<char*>(transfer.buf) + done * _channels * _bytes;
-        std::memcpy(isCapture ? theirs : ring, isCapture ? ring : theirs, count * _channels * _bytes);
-        _control->appl_ptr = (_control->appl_ptr + count) % _boundary;
-        done += count;
-        showReadiness();
+    card->update();
+    const size_t size = size_t{_channels} * _bytes;
+    const auto frames = std::min(transfer.frames, _available());
+    if (stateError() || frames == 0)
+        return stateError() ? stateError() : -EAGAIN;
+    for (size_t frame = 0; frame < frames; ++frame) {
+        char* const ring = _samples(static_cast<int64_t>(_control->appl_ptr + frame));
+        char* const theirs = static_cast<char*>(transfer.buf) + frame * size;
+        std::memcpy(isCapture ? theirs : ring, isCapture ? ring : theirs, size);
     }
-    transfer.result = done ? static_cast<snd_pcm_sframes_t>(done) : error;
-    return done ? 0 : error;
+    _control->appl_ptr = (_control->appl_ptr + frames) % _boundary;
+    showReadiness();
+    transfer.result = static_cast<snd_pcm_sframes_t>(frames);
+    return 0;
 }
 
 int FakedPcm::ioctl(unsigned long request, void* argument)
