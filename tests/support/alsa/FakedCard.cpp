@@ -163,18 +163,13 @@ int FakedCard::_transfer(snd_ctl_elem_value& value, Control& control, bool isWri
 {
     int hasChanged = 0;
     for (unsigned i = 0; i < control.count; ++i) {
-        unsigned& item = value.value.enumerated.item[i];
-        long& step = value.value.integer.value[i];
-        if (isWrite) {
-            const long wanted = control.type == choice ? item : step;
-            if (wanted < 0 || wanted > control.max)
-                return -EINVAL;
-            hasChanged |= std::exchange(control.value[i], wanted) != wanted;
-        } else if (control.type == choice) {
-            item = static_cast<unsigned>(control.value[i]);
-        } else {
-            step = control.value[i];
-        }
+        long& step = value.value.integer.value[i]; // the number of an item is its lower half
+        const long written = control.type == choice ? step & UINT32_MAX : step;
+        const long wanted = isWrite ? written : control.value[i];
+        if (wanted < 0 || wanted > control.max)
+            return -EINVAL;
+        hasChanged |= std::exchange(control.value[i], wanted) != wanted;
+        step = wanted;
     }
     return hasChanged;
 }

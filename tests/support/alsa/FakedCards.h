@@ -7,9 +7,6 @@
 
 #define FAKED_EXPORT __attribute__((visibility("default")))
 
-/// Sample formats, as the kernel numbers them.
-enum class FakedFormat : unsigned { S16 = 2, S24 = 6, S32 = 10, Float = 14, S24Packed = 32 };
-
 /// Faults of a card. The first two are single events; the others last until they are cleared.
 enum class FakedFault {
     Overload,       ///< running PCMs stop, as if the program had been late
@@ -28,7 +25,7 @@ struct FakedCardOptions {
     unsigned pcmCount = 1;
     unsigned playback = 2, capture = 2; ///< channels of each PCM, at most 8; 0: direction is absent
     std::vector<unsigned> rates{44100, 48000, 96000};
-    std::vector<FakedFormat> formats{FakedFormat::S16, FakedFormat::S32, FakedFormat::S24Packed};
+    std::vector<unsigned> formats{2, 10, 32}; ///< as alsa-lib numbers them; 16 and 32 bits, 24 in three bytes
     /// Names of the first and the third control.
     std::array<const char*, 2> volumeNames{"Master Playback Volume", "Capture Volume"};
     bool isBusy = false;                        ///< starts with FakedFault::Busy

@@ -172,11 +172,9 @@ void FakedPcm::advance(int64_t nanoseconds)
 int FakedPcm::_refine(snd_pcm_hw_params& parameters) const
 {
     const FakedCardOptions& can = card->options;
-    std::vector<unsigned> accesses{SNDRV_PCM_ACCESS_RW_INTERLEAVED}, formats;
+    std::vector<unsigned> accesses{SNDRV_PCM_ACCESS_RW_INTERLEAVED};
     if (can.mapsSamples)
         accesses.push_back(SNDRV_PCM_ACCESS_MMAP_INTERLEAVED);
-    for (const FakedFormat format : can.formats)
-        formats.push_back(static_cast<unsigned>(format));
     snd_interval& rate = intervalOf(parameters, SNDRV_PCM_HW_PARAM_RATE);
     unsigned minRate = UINT_MAX, maxRate = 0;
     for (const unsigned each : can.rates) {
@@ -191,7 +189,7 @@ int FakedPcm::_refine(snd_pcm_hw_params& parameters) const
         parameters.info |= SNDRV_PCM_INFO_MMAP | SNDRV_PCM_INFO_MMAP_VALID;
     return narrowMask(maskOf(parameters, SNDRV_PCM_HW_PARAM_ACCESS), accesses) |
            narrowMask(maskOf(parameters, SNDRV_PCM_HW_PARAM_SUBFORMAT), {0}) |
-           narrowMask(maskOf(parameters, SNDRV_PCM_HW_PARAM_FORMAT), formats) |
+           narrowMask(maskOf(parameters, SNDRV_PCM_HW_PARAM_FORMAT), can.formats) |
            narrow(intervalOf(parameters, SNDRV_PCM_HW_PARAM_CHANNELS), _channels, _channels) |
            narrow(rate, minRate, maxRate) |
            narrow(intervalOf(parameters, SNDRV_PCM_HW_PARAM_PERIOD_SIZE), can.minPeriod, can.maxBuffer / 2) |
@@ -203,7 +201,8 @@ int FakedPcm::_setParameters(snd_pcm_hw_params& parameters)
 {
     if (const int error = _refine(parameters))
         return error;
-    const unsigned formats = maskOf(parameters, SNDRV_PCM_HW_PARAM_FORMAT).bits[0]; // 0: S24Packed is bit 32
+    const unsigned formats =
+        maskOf(parameters, SNDRV_PCM_HW_PARAM_FORMAT).bits[0]; // 0: 24 bits in three bytes are bit 32
     card->setRate(intervalOf(parameters, SNDRV_PCM_HW_PARAM_RATE).min);
     _period = intervalOf(parameters, SNDRV_PCM_HW_PARAM_PERIOD_SIZE).min;
     _buffer = intervalOf(parameters, SNDRV_PCM_HW_PARAM_BUFFER_SIZE).min;
