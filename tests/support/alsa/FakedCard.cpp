@@ -73,8 +73,6 @@ void FakedCard::setFault(FakedFault fault, bool isThere)
 {
     update();
     _faults[static_cast<size_t>(fault)] = isThere;
-    if (fault == FakedFault::InterruptWaits && isThere)
-        interruptedWaits = 3;
 }
 
 void FakedCard::update()

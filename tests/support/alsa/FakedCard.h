@@ -21,8 +21,7 @@ public:
 
     const int number;
     FakedCardOptions options;
-    std::vector<FakedPcm*> pcms;   ///< the open ones
-    unsigned interruptedWaits = 0; ///< number of waits still to interrupt
+    std::vector<FakedPcm*> pcms; ///< the open ones
     bool isGone = false;
     void setFault(FakedFault fault, bool isThere);
     bool has(FakedFault fault) const { return _faults[static_cast<size_t>(fault)]; }
@@ -62,7 +61,7 @@ private:
     void _describe(snd_ctl_elem_info& info, const Control& control) const;
     int _transfer(snd_ctl_elem_value& value, Control& control, bool isWrite) const;
 
-    std::array<bool, 6> _faults{}; // by FakedFault
+    std::array<bool, 5> _faults{}; // by FakedFault
     unsigned _rate = 48000;
     double _frame = 0.0;
     int64_t _time = fakedNow(); // of _frame

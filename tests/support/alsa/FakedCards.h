@@ -7,10 +7,9 @@
 
 #define FAKED_EXPORT __attribute__((visibility("default")))
 
-/// Faults of a card. The first two are single events; the others last until they are cleared.
+/// Faults of a card. The first is a single event; the others last until they are cleared.
 enum class FakedFault {
-    Overload,       ///< running PCMs stop, as if the program had been late
-    InterruptWaits, ///< signals interrupt the next waits for its PCMs
+    Overload, ///< running PCMs stop, as if the program had been late
     Suspend,
     Stuck,   ///< its clock stops
     Busy,    ///< all of its PCMs are open in another program

@@ -83,26 +83,20 @@ int readChange(int descriptor, snd_ctl_event& event)
     return sizeof event;
 }
 
-/// Called before a poll: lowers `next` to the time at which a PCM may become ready. Returns false if a signal
-/// interrupts the poll.
-bool look(int descriptor, int64_t& next)
+/// Called before a poll: lowers `next` to the time at which a PCM may become ready.
+void look(int descriptor, int64_t& next)
 {
     if (!kernel().owns(descriptor))
-        return true;
+        return;
     const FakedKernel::Guard guard(kernel().lock);
     FakedPcm* const pcm = pcmOf(descriptor);
     if (!pcm)
-        return true;
-    if (pcm->card->interruptedWaits > 0) {
-        --pcm->card->interruptedWaits;
-        return false;
-    }
+        return;
     const int64_t now = fakedNow();
     if (pcm->nextInterrupt() <= now)
         pcm->card->update();
     pcm->showReadiness(); // positions in mapped memory may have moved
     next = std::min(next, std::clamp(pcm->nextInterrupt(), now + minWait, now + maxWait));
-    return true;
 }
 
 /// Events that poll() reports besides readiness.
@@ -190,8 +184,7 @@ FAKED_EXPORT int poll(pollfd* files, nfds_t count, int milliseconds)
     for (;;) {
         int64_t next = end;
         for (const pollfd& file : std::span(files, count))
-            if (!look(file.fd, next))
-                return result(-EINTR);
+            look(file.fd, next);
         timespec left = fakedTime(std::max<int64_t>(0, next - fakedNow()));
         const int ready = FakedLibrary::poll(files, count, next == INT64_MAX ? nullptr : &left);
         if (ready == 0 && next < end)
