@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -38,10 +39,8 @@ public:
         const auto card = std::ranges::find_if(_cards, [&](const KernelCard& each) {
             return !each.isPlugged && each.inputs == inputs && each.outputs == outputs;
         });
-        if (card == _cards.end()) {
-            ADD_FAILURE() << "no card for " << name << ": " << inputs << " inputs, " << outputs << " outputs";
-            return "";
-        }
+        if (card == _cards.end())
+            throw std::runtime_error("no card for " + name);
         const std::vector<AudioObjectID> before = readDevices(*_model);
         std::ofstream(card->plugFile) << card->plugText;
         card->isPlugged = true;

@@ -174,16 +174,16 @@ int FakedCard::_transfer(snd_ctl_elem_value& value, Control& control, bool isWri
 
 int FakedCard::ioctl(unsigned long request, void* argument)
 {
-    auto& number_ = *static_cast<int*>(argument);
+    auto& value = *static_cast<int*>(argument);
     switch (request) {
     case SNDRV_CTL_IOCTL_PVERSION:
-        number_ = SNDRV_CTL_VERSION;
+        value = SNDRV_CTL_VERSION;
         return 0;
     case SNDRV_CTL_IOCTL_CARD_INFO:
         _describe(*static_cast<snd_ctl_card_info*>(argument));
         return 0;
     case SNDRV_CTL_IOCTL_PCM_NEXT_DEVICE:
-        number_ = number_ + 1 < static_cast<int>(options.pcmCount) ? number_ + 1 : -1;
+        value = value + 1 < static_cast<int>(options.pcmCount) ? value + 1 : -1;
         return 0;
     case SNDRV_CTL_IOCTL_PCM_PREFER_SUBDEVICE:
     case SNDRV_CTL_IOCTL_SUBSCRIBE_EVENTS: // changes are always announced
@@ -211,8 +211,8 @@ int FakedCard::ioctl(unsigned long request, void* argument)
     }
     case SNDRV_CTL_IOCTL_ELEM_READ:
     case SNDRV_CTL_IOCTL_ELEM_WRITE: {
-        auto& value = *static_cast<snd_ctl_elem_value*>(argument);
-        return _transfer(value, controls.at(value.id.numid - 1), request == SNDRV_CTL_IOCTL_ELEM_WRITE);
+        auto& values = *static_cast<snd_ctl_elem_value*>(argument);
+        return _transfer(values, controls.at(values.id.numid - 1), request == SNDRV_CTL_IOCTL_ELEM_WRITE);
     }
     case SNDRV_CTL_IOCTL_TLV_READ: {
         auto& tlv = *static_cast<snd_ctl_tlv*>(argument);

@@ -79,13 +79,9 @@ void FakedPcm::setState(int state)
 
 void FakedPcm::_stop(int state)
 {
-    _forLinked([state](FakedPcm& each) {
-        if (each.runs() || state != SNDRV_PCM_STATE_XRUN)
-            each.setState(state);
-    });
+    _forLinked([state](FakedPcm& each) { each.setState(state); });
 }
 
-/// Positions do not wrap: no test runs that long.
 snd_pcm_uframes_t FakedPcm::_available() const
 {
     return _status->hw_ptr - _control->appl_ptr + (isCapture ? 0 : _buffer);
@@ -155,7 +151,7 @@ void FakedPcm::advance(int64_t nanoseconds)
     if (isCapture)
         _record(to);
     _done = std::max(_done, to);
-    _status->hw_ptr = static_cast<snd_pcm_uframes_t>(_done) % _boundary;
+    _status->hw_ptr = static_cast<snd_pcm_uframes_t>(_done);
     if (card->options.hasStamps) {
         const timespec time = fakedTime(nanoseconds);
         std::memcpy(const_cast<void*>(static_cast<volatile void*>(&_status->tstamp)), &time, sizeof time);
@@ -201,14 +197,11 @@ int FakedPcm::_setParameters(snd_pcm_hw_params& parameters)
 {
     if (const int error = _refine(parameters))
         return error;
-    const unsigned formats =
-        maskOf(parameters, SNDRV_PCM_HW_PARAM_FORMAT).bits[0]; // 0: 24 bits in three bytes are bit 32
+    const unsigned formats = maskOf(parameters, SNDRV_PCM_HW_PARAM_FORMAT).bits[0]; // 0: 24 bits in 3 bytes
     card->setRate(intervalOf(parameters, SNDRV_PCM_HW_PARAM_RATE).min);
     _period = intervalOf(parameters, SNDRV_PCM_HW_PARAM_PERIOD_SIZE).min;
     _buffer = intervalOf(parameters, SNDRV_PCM_HW_PARAM_BUFFER_SIZE).min;
     _bytes = formats == 0 ? 3 : formats == 1U << SNDRV_PCM_FORMAT_S16_LE ? 2 : 4;
-    for (_boundary = _buffer; _boundary * 2 <= LONG_MAX - _buffer;)
-        _boundary *= 2;
     std::memset(_samples(0), 0, _buffer * _channels * _bytes);
     _stopThreshold = _buffer;
     _control->avail_min = _period;
@@ -275,7 +268,7 @@ int FakedPcm::_transfer(snd_xferi& transfer)
         char* const theirs = static_cast<char*>(transfer.buf) + frame * size;
         std::memcpy(isCapture ? theirs : ring, isCapture ? ring : theirs, size);
     }
-    _control->appl_ptr = (_control->appl_ptr + frames) % _boundary;
+    _control->appl_ptr += frames;
     showReadiness();
     transfer.result = static_cast<snd_pcm_sframes_t>(frames);
     return 0;
@@ -303,7 +296,7 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
         auto& parameters = *static_cast<snd_pcm_sw_params*>(argument);
         _stopThreshold = parameters.stop_threshold;
         _control->avail_min = parameters.avail_min;
-        parameters.boundary = _boundary;
+        parameters.boundary = _buffer << 32; // positions do not wrap: no test runs that long
         showReadiness();
         return 0;
     }

@@ -62,6 +62,6 @@ private:
     snd_pcm_mmap_status* _status = nullptr;
     snd_pcm_mmap_control* _control = nullptr;
     unsigned _channels = 0, _bytes = 0;
-    snd_pcm_uframes_t _period = 1, _buffer = 1, _boundary = 1, _stopThreshold = 0;
+    snd_pcm_uframes_t _period = 1, _buffer = 1, _stopThreshold = 0;
     int64_t _startFrame = 0, _done = 0;
 };
