@@ -15,13 +15,10 @@ public:
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
-        FakedCardOptions card;
-        card.name = name;
-        card.longName = "unit " + std::to_string(++_count);
-        card.capture = inputs;
-        card.playback = outputs;
-        const std::string uid = "alsa:" + card.longName + ":0";
-        _cards[uid] = FakedCards::plug(card);
+        const std::string unit = "unit " + std::to_string(++_count);
+        const std::string uid = "alsa:" + unit + ":0";
+        _cards[uid] =
+            FakedCards::plug({.name = name, .longName = unit, .playback = outputs, .capture = inputs});
         return uid;
     }
     void unplug(const std::string& uid) override { FakedCards::unplug(_cards.at(uid)); }

@@ -22,12 +22,6 @@ protected:
         fs::remove_all(root);
     }
 
-    static FakedCardOptions aCard(const std::string& longName = "unit")
-    {
-        FakedCardOptions card;
-        card.longName = longName;
-        return card;
-    }
     /// Waits for a card's device.
     AudioObjectID device(const std::string& longName = "unit", unsigned pcm = 0)
     {
@@ -103,7 +97,7 @@ constexpr unsigned playbackVolume = 1, playbackSwitch = 2, captureVolume = 3, ca
 
 TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
 {
-    FakedCardOptions card = aCard();
+    FakedCardOptions card;
     card.name = "Unit\xFF";
     card.pcmCount = 3;
     card.components = "USB1235:8211 others";
@@ -122,7 +116,7 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
     EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
     // Another card gets the same number, often before the driver has noticed the removal.
     for (const char* name : {"a", "b", "c", "d"}) {
-        ASSERT_EQ(FakedCards::plug(aCard(name)), number);
+        ASSERT_EQ(FakedCards::plug({.longName = name}), number);
         device(name);
         EXPECT_EQ(readDevices(*hal).size(), 1U);
         FakedCards::unplug(number);
@@ -131,7 +125,7 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
 
 TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
 {
-    const int card = FakedCards::plug(aCard());
+    const int card = FakedCards::plug({});
     const AudioObjectID id = device();
     const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
     const auto left = at(kAudioDevicePropertyVolumeScalar, output, 1);
@@ -174,10 +168,10 @@ TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
 
 TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
 {
-    FakedCardOptions options = aCard("busy");
+    FakedCardOptions options{.longName = "busy"};
     options.isBusy = true;
     const int busy = FakedCards::plug(options);
-    const int late = FakedCards::plug(aCard("late")); // as if udev granted access a little later
+    const int late = FakedCards::plug({.longName = "late"}); // as if udev granted access a little later
     FakedCards::set(late, FakedFault::NoRights);
     FakedCards::set(late, FakedFault::NoRights, false);
     device("late");
@@ -220,11 +214,11 @@ TEST_F(AlsaTest, leavesOutWhatCannotRun)
         {"a ring that is too short", [](FakedCardOptions& card) { card.minPeriod = 4, card.maxBuffer = 16; }},
     };
     for (const auto& row : rows) {
-        FakedCardOptions card = aCard(row.why);
+        FakedCardOptions card{.longName = row.why};
         row.change(card);
         FakedCards::plug(card);
     }
-    FakedCards::plug(aCard("last"));
+    FakedCards::plug({.longName = "last"});
     device("last");
     EXPECT_EQ(readDevices(*hal).size(), 1U);
 }
@@ -234,16 +228,16 @@ TEST_F(AlsaTest, keepsDefaultDevicesOfTheProcess)
     const auto isDefault = [&](AudioObjectID id) {
         return becomes(id, kAudioObjectSystemObject, kAudioHardwarePropertyDefaultOutputDevice);
     };
-    FakedCards::plug(aCard("first"));
+    FakedCards::plug({.longName = "first"});
     const AudioObjectID first = device("first");
-    const int card = FakedCards::plug(aCard("second"));
+    const int card = FakedCards::plug({.longName = "second"});
     const AudioObjectID second = device("second");
     EXPECT_TRUE(isDefault(first)) << "one that comes takes nothing over";
     writeValue(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDefaultOutputDevice), second);
     EXPECT_TRUE(isDefault(second));
     FakedCards::unplug(card);
     EXPECT_TRUE(isDefault(first));
-    FakedCards::plug(aCard("second"));
+    FakedCards::plug({.longName = "second"});
     EXPECT_TRUE(isDefault(device("second"))) << "the chosen one is back";
 }
 
@@ -259,7 +253,7 @@ TEST_F(AlsaTest, findsTheVolumeByItsName)
         {"Bass Volume", false, false},
     };
     for (const auto& row : rows) {
-        FakedCardOptions card = aCard(row.control);
+        FakedCardOptions card{.longName = row.control};
         card.volumeNames = {row.control, "Other Volume"};
         FakedCards::plug(card);
         const AudioObjectID id = device(row.control);
@@ -294,7 +288,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
-        Card card = aCard(row.why);
+        Card card{.longName = row.why};
         row.change(card);
         const int number = FakedCards::plug(card);
         Ramp ramp(*hal, device(row.why));
@@ -328,7 +322,7 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
-        FakedCardOptions card = aCard(row.why);
+        FakedCardOptions card{.longName = row.why};
         card.playback = row.playback;
         card.capture = row.capture;
         const bool isStuck = row.fault == FakedFault::Stuck;
@@ -361,7 +355,7 @@ TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
 {
     for (const bool mapsSamples : {true, false}) {
         const CapturedLog log;
-        FakedCardOptions card = aCard();
+        FakedCardOptions card;
         card.mapsSamples = mapsSamples;
         const int number = FakedCards::plug(card);
         Ramp ramp(*hal, device());
@@ -379,7 +373,7 @@ TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
     for (const FakedFault fault : {FakedFault::Busy, FakedFault::Stuck, FakedFault::NoRights}) {
         const std::string name = "fault " + std::to_string(static_cast<int>(fault));
         SCOPED_TRACE(name);
-        const int number = FakedCards::plug(aCard(name));
+        const int number = FakedCards::plug({.longName = name});
         const AudioObjectID id = device(name);
         Ramp ramp(*hal, id);
         const CapturedLog log;
@@ -397,7 +391,7 @@ TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
 
 TEST_F(AlsaTest, measuresAClockAndKeepsItThroughAnOverload)
 {
-    FakedCardOptions card = aCard();
+    FakedCardOptions card;
     card.partsPerMillion = 200.0;
     const int number = FakedCards::plug(card);
     Ramp ramp(*hal, device());

@@ -20,7 +20,7 @@ enum class FakedFault {
 /// that frame. Its controls, numbered from 1: Master Playback Volume (64 steps of 1 dB), Master Playback
 /// Switch, Capture Volume, Capture Switch, Capture Source (Mic, Line), Headphone Jack.
 struct FakedCardOptions {
-    std::string name = "Faked Card", longName = "Faked Card at nowhere", components = {};
+    std::string name = "Faked Card", longName = "unit", components = {};
     unsigned pcmCount = 1;
     unsigned playback = 2, capture = 2; ///< channels of each PCM, at most 8; 0: direction is absent
     std::vector<unsigned> rates{44100, 48000, 96000};
