@@ -97,11 +97,8 @@ constexpr unsigned playbackVolume = 1, playbackSwitch = 2, captureVolume = 3, ca
 
 TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
 {
-    FakedCardOptions card;
-    card.name = "Unit\xFF";
-    card.pcmCount = 3;
-    card.components = "USB1235:8211 others";
-    const int number = FakedCards::plug(card);
+    const int number =
+        FakedCards::plug({.name = "Unit\xFF", .components = "USB1235:8211 others", .pcmCount = 3});
     for (unsigned pcm = 0; pcm < 3; ++pcm) {
         const AudioObjectID id = device("unit", pcm);
         EXPECT_EQ(readText(*hal, id, at(kAudioObjectPropertyName)),
@@ -168,9 +165,7 @@ TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
 
 TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
 {
-    FakedCardOptions options{.longName = "busy"};
-    options.isBusy = true;
-    const int busy = FakedCards::plug(options);
+    const int busy = FakedCards::plug({.longName = "busy", .isBusy = true});
     const int late = FakedCards::plug({.longName = "late"}); // as if udev granted access a little later
     FakedCards::set(late, FakedFault::NoRights);
     FakedCards::set(late, FakedFault::NoRights, false);
@@ -253,9 +248,7 @@ TEST_F(AlsaTest, findsTheVolumeByItsName)
         {"Bass Volume", false, false},
     };
     for (const auto& row : rows) {
-        FakedCardOptions card{.longName = row.control};
-        card.volumeNames = {row.control, "Other Volume"};
-        FakedCards::plug(card);
+        FakedCards::plug({.longName = row.control, .volumeNames = {row.control, "Other Volume"}});
         const AudioObjectID id = device(row.control);
         EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), row.isOutputs)
             << row.control;
@@ -322,11 +315,9 @@ TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
-        FakedCardOptions card{.longName = row.why};
-        card.playback = row.playback;
-        card.capture = row.capture;
         const bool isStuck = row.fault == FakedFault::Stuck;
-        const int number = FakedCards::plug(card);
+        const int number =
+            FakedCards::plug({.longName = row.why, .playback = row.playback, .capture = row.capture});
         const AudioObjectID id = device(row.why);
         const RecordingListener overloads(*hal, id, at(kAudioDeviceProcessorOverload));
         Ramp ramp(*hal, id);
@@ -355,9 +346,7 @@ TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
 {
     for (const bool mapsSamples : {true, false}) {
         const CapturedLog log;
-        FakedCardOptions card;
-        card.mapsSamples = mapsSamples;
-        const int number = FakedCards::plug(card);
+        const int number = FakedCards::plug({.mapsSamples = mapsSamples});
         Ramp ramp(*hal, device());
         ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
         FakedCards::unplug(number);
@@ -391,9 +380,7 @@ TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
 
 TEST_F(AlsaTest, measuresAClockAndKeepsItThroughAnOverload)
 {
-    FakedCardOptions card;
-    card.partsPerMillion = 200.0;
-    const int number = FakedCards::plug(card);
+    const int number = FakedCards::plug({.partsPerMillion = 200.0});
     Ramp ramp(*hal, device());
     ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
     const auto isMeasured = [&] { return std::abs(ramp.rateScalar - 1.0 / 1.0002) < 10e-6; };
