@@ -3,7 +3,7 @@
 load snd-dummy fake_buffer=0 pcm_substreams=1; load snd-aloop pcm_substreams=1; load snd-hda-codec-generic; load snd-hda-intel
 sleep 1
 facts=$PROGRAMS/tests/hal/alsa/alsa_facts
-LD_PRELOAD="$PROGRAMS/tests/hal/alsa/libdxr_one_faked_card.so $FAKED/libdxr_faked_cards.so" $facts hw:0 > /run/facts.faked 2>&1
+DXR_FAKED_CARD=1 LD_PRELOAD=$FAKED/libdxr_faked_cards.so $facts hw:0 > /run/facts.faked 2>&1
 cat /run/facts.faked
 for card in Dummy Intel; do
     $facts hw:$card > /run/facts.$card 2>&1

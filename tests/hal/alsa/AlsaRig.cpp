@@ -4,9 +4,7 @@
 #include "AlsaDriver.h"
 #include "FakedCards.h"
 
-#include <chrono>
 #include <map>
-#include <thread>
 
 namespace {
 
@@ -17,13 +15,10 @@ public:
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
-        FakedCardOptions card;
-        card.name = name;
-        card.longName = "unit " + std::to_string(++_count);
-        card.capture = inputs;
-        card.playback = outputs;
-        const std::string uid = "alsa:" + card.longName + ":0";
-        _cards[uid] = FakedCards::plug(card);
+        const std::string unit = "unit " + std::to_string(++_count);
+        const std::string uid = "alsa:" + unit + ":0";
+        _cards[uid] =
+            FakedCards::plug({.name = name, .longName = unit, .playback = outputs, .capture = inputs});
         return uid;
     }
     void unplug(const std::string& uid) override { FakedCards::unplug(_cards.at(uid)); }
@@ -31,7 +26,7 @@ public:
     {
         FakedCards::rename(_cards.at(uid), name);
     }
-    void letTimePass() override { std::this_thread::sleep_for(std::chrono::milliseconds(30)); }
+    void letTimePass() override { sleepForMilliseconds(30); }
 
 private:
     const CXRef<HALModel> _model = HALModel::initWithDriver(AlsaDriver::init(3, "/nowhere"));
@@ -43,9 +38,9 @@ private:
 
 std::unique_ptr<ConformanceRig> makeConformanceRig()
 {
+    std::unique_ptr<ConformanceRig> rig = std::make_unique<AlsaRig>();
 #ifdef DXR_TEST_AGGREGATES
-    return std::make_unique<AggregateRig>(std::make_unique<AlsaRig>());
-#else
-    return std::make_unique<AlsaRig>();
+    rig = std::make_unique<AggregateRig>(std::move(rig));
 #endif
+    return rig;
 }

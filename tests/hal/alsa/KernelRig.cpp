@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -19,50 +20,38 @@ struct KernelCard {
     std::string uid; // of its device; empty until the device has appeared
 };
 
-/// Reads the cards from the file $DXR_CARDS, one per line. All of them must be unplugged at first.
-std::vector<KernelCard> readCards()
-{
-    const char* const path = std::getenv("DXR_CARDS");
-    std::ifstream file(path ? path : "");
-    std::vector<KernelCard> cards;
-    for (KernelCard card; file >> card.inputs >> card.outputs >> card.plugFile >> card.plugText >>
-                          card.unplugFile >> card.unplugText;)
-        cards.push_back(card);
-    return cards;
-}
-
-void write(const std::string& file, const std::string& text)
-{
-    std::ofstream(file) << text << std::flush;
-}
-
 class KernelRig final : public ConformanceRig {
 public:
-    ~KernelRig() override
+    /// Reads the cards from the file $DXR_CARDS, one per line. All of them must be unplugged at first.
+    KernelRig()
     {
-        for (KernelCard& card : _cards)
-            _unplug(card);
+        const char* const path = std::getenv("DXR_CARDS");
+        std::ifstream file(path ? path : "");
+        for (KernelCard card; file >> card.inputs >> card.outputs >> card.plugFile >> card.plugText >>
+                              card.unplugFile >> card.unplugText;)
+            _cards.push_back(card);
     }
+    ~KernelRig() override { std::ranges::for_each(_cards, _unplug); }
     HALModel& model() override { return *_model; }
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
-        for (KernelCard& card : _cards) {
-            if (card.isPlugged || card.inputs != inputs || card.outputs != outputs)
-                continue;
-            const std::vector<AudioObjectID> before = readDevices(*_model);
-            const auto isNew = [&](AudioObjectID device) { return !std::ranges::count(before, device); };
-            write(card.plugFile, card.plugText);
-            card.isPlugged = true;
-            std::vector<AudioObjectID> devices;
-            eventually([&] { return std::ranges::any_of(devices = readDevices(*_model), isNew); });
-            const auto device = std::ranges::find_if(devices, isNew);
-            if (device != devices.end())
-                card.uid = readText(*_model, *device, at(kAudioDevicePropertyDeviceUID)).value_or("");
-            return card.uid;
-        }
-        ADD_FAILURE() << "no card for " << name << ": " << inputs << " inputs, " << outputs << " outputs";
-        return "";
+        const auto card = std::ranges::find_if(_cards, [&](const KernelCard& each) {
+            return !each.isPlugged && each.inputs == inputs && each.outputs == outputs;
+        });
+        if (card == _cards.end())
+            throw std::runtime_error("no card for " + name);
+        const std::vector<AudioObjectID> before = readDevices(*_model);
+        std::ofstream(card->plugFile) << card->plugText;
+        card->isPlugged = true;
+        card->uid.clear();
+        eventually([&] {
+            for (const AudioObjectID device : readDevices(*_model))
+                if (!std::ranges::count(before, device))
+                    card->uid = readText(*_model, device, at(kAudioDevicePropertyDeviceUID)).value_or("");
+            return !card->uid.empty();
+        });
+        return card->uid;
     }
     void unplug(const std::string& uid) override
     {
@@ -79,11 +68,11 @@ private:
     static void _unplug(KernelCard& card)
     {
         if (std::exchange(card.isPlugged, false))
-            write(card.unplugFile, card.unplugText);
+            std::ofstream(card.unplugFile) << card.unplugText;
     }
 
     const CXRef<HALModel> _model = HALModel::initWithDriver(AlsaDriver::init());
-    std::vector<KernelCard> _cards = readCards();
+    std::vector<KernelCard> _cards;
 };
 
 } // namespace

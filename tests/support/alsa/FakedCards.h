@@ -1,22 +1,17 @@
 #pragma once
 
 #include <array>
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <vector>
 
 #define FAKED_EXPORT __attribute__((visibility("default")))
 
-/// Sample formats, as the kernel numbers them.
-enum class FakedFormat : unsigned { S16 = 2, S24 = 6, S32 = 10, Float = 14, S24Packed = 32 };
-
-/// Faults of a card. The first three are single events; the others last until they are cleared.
+/// Faults of a card. The first is a single event; the others last until they are cleared.
 enum class FakedFault {
-    Overload,       ///< running PCMs stop, as if the program had been late
-    Pause,          ///< running PCMs pause until they are stopped
-    InterruptWaits, ///< signals interrupt the next waits for its PCMs
+    Overload, ///< running PCMs stop, as if the program had been late
     Suspend,
-    Stuck,   ///< its clock stops and no wait is interrupted
+    Stuck,   ///< its clock stops
     Busy,    ///< all of its PCMs are open in another program
     NoRights ///< this process lacks permission to open it
 };
@@ -25,11 +20,11 @@ enum class FakedFault {
 /// that frame. Its controls, numbered from 1: Master Playback Volume (64 steps of 1 dB), Master Playback
 /// Switch, Capture Volume, Capture Switch, Capture Source (Mic, Line), Headphone Jack.
 struct FakedCardOptions {
-    std::string name = "Faked Card", longName = "Faked Card at nowhere", components = {};
+    std::string name = "Faked Card", longName = "unit", components = {};
     unsigned pcmCount = 1;
-    unsigned playback = 2, capture = 2; ///< channels of each PCM; 0: direction is absent
+    unsigned playback = 2, capture = 2; ///< channels of each PCM, at most 8; 0: direction is absent
     std::vector<unsigned> rates{44100, 48000, 96000};
-    std::vector<FakedFormat> formats{FakedFormat::S16, FakedFormat::S32, FakedFormat::S24Packed};
+    std::vector<unsigned> formats{2, 10, 32}; ///< as alsa-lib numbers them; 16 and 32 bits, 24 in three bytes
     /// Names of the first and the third control.
     std::array<const char*, 2> volumeNames{"Master Playback Volume", "Capture Volume"};
     bool isBusy = false;                        ///< starts with FakedFault::Busy
@@ -37,11 +32,9 @@ struct FakedCardOptions {
     double partsPerMillion = 0.0;               ///< clock error; positive: fast
     unsigned granularity = 1;                   ///< step of its position, in frames
     bool isElastic = true;                      ///< its clock waits for a late program: no overloads
-    bool mapsStatus = true;                     ///< false: positions by ioctl, as on some processors
     bool mapsSamples = true;                    ///< false: samples by read and write only
     bool hasStamps = true;                      ///< false: its time stamps are 0
     bool canLink = true;
-    bool isHostile = false; ///< reports invalid texts, endless lists and impossible controls
 };
 
 /// Sound cards of a faked kernel, for this process. The unmodified alsa-lib runs on top: a program that links
@@ -59,6 +52,6 @@ public:
     /// Sets a control as another program would.
     static void setControl(int card, unsigned number, long left, long right);
     static long control(int card, unsigned number, unsigned index = 0);
-    static bool isOpen(int card); ///< whether this process has any of its PCMs open
-    static uint64_t ioctlCount();
+    /// Number of its devices that this process has open: its PCMs and its control device.
+    static size_t openFiles(int card);
 };

@@ -3,11 +3,18 @@
 
 #include "FakedKernel.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
+#include <span>
+#include <sys/eventfd.h>
 
 namespace {
+
+constexpr int64_t minWait = 100'000,
+                  maxWait = 10'000'000; // nanoseconds; a test may change the card meanwhile
 
 bool isCards(const char* path)
 {
@@ -22,25 +29,100 @@ int result(int value)
     return -1;
 }
 
+/// Null for a control device. The caller holds the lock.
+FakedPcm* pcmOf(int descriptor)
+{
+    const auto pcm = kernel().pcms.find(descriptor);
+    return pcm == kernel().pcms.end() ? nullptr : pcm->second.get();
+}
+
+int openCard(const char* path)
+{
+    int number = -1;
+    unsigned pcm = 0;
+    char direction = 0;
+    const bool isControl = std::sscanf(path, "/dev/snd/controlC%d", &number) == 1;
+    if (!isControl && std::sscanf(path, "/dev/snd/pcmC%dD%u%c", &number, &pcm, &direction) != 3)
+        return -ENOENT;
+    const bool isCapture = direction == 'c';
+    const FakedKernel::Guard guard(kernel().lock);
+    const auto found = kernel().cards.find(number);
+    const auto card = found == kernel().cards.end() ? nullptr : found->second;
+    if (!card || card->isGone || (!isControl && !card->hasPcm(pcm, isCapture)))
+        return -ENOENT;
+    if (card->has(FakedFault::NoRights))
+        return -EACCES;
+    if (!isControl && card->isInUse(pcm, isCapture))
+        return -EBUSY;
+    const auto descriptor = static_cast<int>(syscall(SYS_eventfd2, 0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (descriptor < 0)
+        return -errno;
+    kernel().isOurs.at(static_cast<size_t>(descriptor)) = true;
+    if (isControl)
+        kernel().controls[descriptor].card = card;
+    else
+        kernel().pcms[descriptor] = std::make_unique<FakedPcm>(card, pcm, isCapture, descriptor);
+    return descriptor;
+}
+
+/// Reads the next change of a control.
+int readChange(int descriptor, snd_ctl_event& event)
+{
+    const FakedKernel::Guard guard(kernel().lock);
+    FakedKernel::Control& control = kernel().controls.at(descriptor);
+    if (control.card->isGone)
+        return -ENODEV;
+    if (control.changes.empty())
+        return -EAGAIN;
+    event = {};
+    event.type = SNDRV_CTL_EVENT_ELEM;
+    event.data.elem.mask = SNDRV_CTL_EVENT_MASK_VALUE;
+    control.card->name(control.changes.front(), event.data.elem.id);
+    control.changes.pop_front();
+    FakedLibrary::setFull(descriptor, !control.changes.empty());
+    return sizeof event;
+}
+
+/// Called before a poll: lowers `next` to the time at which a PCM may become ready.
+void look(int descriptor, int64_t& next)
+{
+    if (!kernel().owns(descriptor))
+        return;
+    const FakedKernel::Guard guard(kernel().lock);
+    FakedPcm* const pcm = pcmOf(descriptor);
+    if (!pcm)
+        return;
+    const int64_t now = fakedNow();
+    if (pcm->nextInterrupt() <= now)
+        pcm->card->update();
+    pcm->showReadiness(); // positions in mapped memory may have moved
+    next = std::min(next, std::clamp(pcm->nextInterrupt(), now + minWait, now + maxWait));
+}
+
+/// Events that poll() reports besides readiness.
+int pollErrors(int descriptor)
+{
+    if (!kernel().owns(descriptor))
+        return 0;
+    const FakedKernel::Guard guard(kernel().lock);
+    const FakedPcm* const pcm = pcmOf(descriptor);
+    if (pcm && pcm->card->isGone)
+        return POLLERR | POLLNVAL;
+    return pcm && pcm->stateError() ? POLLERR : 0;
+}
+
 } // namespace
 
 extern "C" {
 
 FAKED_EXPORT int open(const char* path, int flags, ...)
 {
-    mode_t mode = 0;
-    if (flags & (O_CREAT | O_TMPFILE)) {
-        va_list list;
-        va_start(list, flags);
-        mode = va_arg(list, mode_t);
-        va_end(list);
-    }
-    return isCards(path) ? result(FakedKernel::shared().open(path, flags))
-                         : FakedLibrary::open(path, flags, mode);
+    va_list list;
+    va_start(list, flags);
+    const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(list, mode_t) : 0;
+    va_end(list);
+    return isCards(path) ? result(openCard(path)) : FakedLibrary::open(path, flags, mode);
 }
-
-/// File offsets always have 64 bits here, so both are the same.
-FAKED_EXPORT int open64(const char* path, int flags, ...) __attribute__((alias("open")));
 
 // The size-checking variants, which alsa-lib calls.
 FAKED_EXPORT int __open_2(const char* path, int flags)
@@ -48,11 +130,14 @@ FAKED_EXPORT int __open_2(const char* path, int flags)
     return open(path, flags);
 }
 
-FAKED_EXPORT int __open64_2(const char* path, int flags) __attribute__((alias("__open_2")));
-
 FAKED_EXPORT int close(int descriptor)
 {
-    FakedKernel::shared().close(descriptor);
+    if (kernel().owns(descriptor)) {
+        const FakedKernel::Guard guard(kernel().lock);
+        kernel().isOurs.at(static_cast<size_t>(descriptor)) = false;
+        kernel().pcms.erase(descriptor);
+        kernel().controls.erase(descriptor);
+    }
     return FakedLibrary::close(descriptor);
 }
 
@@ -62,37 +147,52 @@ FAKED_EXPORT int ioctl(int descriptor, unsigned long request, ...) noexcept
     va_start(list, request);
     void* const argument = va_arg(list, void*);
     va_end(list);
-    const unsigned long type = (request >> 8) & 255;
-    if ((type == 'A' || type == 'U') && FakedKernel::shared().owns(descriptor))
-        return result(FakedKernel::shared().ioctl(descriptor, request, argument));
-    return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
+    if (!kernel().owns(descriptor))
+        return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
+    const FakedKernel::Guard guard(kernel().lock);
+    FakedPcm* const pcm = pcmOf(descriptor);
+    FakedCard& card = pcm ? *pcm->card : *kernel().controls.at(descriptor).card;
+    if (card.isGone)
+        return result(-ENODEV);
+    const int done = pcm ? pcm->ioctl(request, argument) : card.ioctl(request, argument);
+    if (request == SNDRV_CTL_IOCTL_ELEM_WRITE && done > 0)
+        kernel().announce(card, static_cast<snd_ctl_elem_value*>(argument)->id.numid);
+    return result(done);
 }
 
+/// Maps a PCM's status, the program's positions or the ring.
 FAKED_EXPORT void* mmap(void* at, size_t size, int protection, int flags, int descriptor,
                         off_t offset) noexcept
 {
-    if (descriptor < 0 || !(flags & MAP_SHARED) || !FakedKernel::shared().owns(descriptor))
+    if (!kernel().owns(descriptor))
         return FakedLibrary::mmap(at, size, protection, flags, descriptor, offset);
-    off_t place = 0;
-    const int file =
-        result(FakedKernel::shared().mapped(descriptor, static_cast<unsigned long>(offset), place));
-    return file < 0 ? MAP_FAILED : FakedLibrary::mmap(at, size, protection, flags, file, place);
+    const FakedKernel::Guard guard(kernel().lock);
+    constexpr off_t page = FakedPcm::page;
+    off_t place = 2 * page + offset;
+    if (offset == SNDRV_PCM_MMAP_OFFSET_STATUS_OLD || offset == SNDRV_PCM_MMAP_OFFSET_STATUS_NEW)
+        place = 0;
+    if (offset == SNDRV_PCM_MMAP_OFFSET_CONTROL_OLD || offset == SNDRV_PCM_MMAP_OFFSET_CONTROL_NEW)
+        place = page;
+    const FakedPcm* const pcm = pcmOf(descriptor);
+    const int file = !pcm || pcm->card->isGone ? -1 : pcm->file(); // -1: mmap() fails
+    return FakedLibrary::mmap(at, size, protection, flags, file, place);
 }
-
-FAKED_EXPORT void* mmap64(void*, size_t, int, int, int, off_t) noexcept __attribute__((alias("mmap")));
 
 FAKED_EXPORT int poll(pollfd* files, nfds_t count, int milliseconds)
 {
-    for (nfds_t i = 0; i < count; ++i)
-        if (files[i].fd >= 0 && !FakedKernel::shared().look(files[i].fd))
-            return result(-EINTR);
-    timespec time{milliseconds / 1000, milliseconds % 1000 * 1'000'000L};
-    const int ready = FakedLibrary::poll(files, count, milliseconds < 0 ? nullptr : &time);
-    for (nfds_t i = 0; ready > 0 && i < count; ++i)
-        if (files[i].fd >= 0 && files[i].revents)
-            files[i].revents =
-                static_cast<short>(files[i].revents | FakedKernel::shared().pollErrors(files[i].fd));
-    return ready;
+    const int64_t end = milliseconds < 0 ? INT64_MAX : fakedNow() + int64_t{milliseconds} * 1'000'000;
+    for (;;) {
+        int64_t next = end;
+        for (const pollfd& file : std::span(files, count))
+            look(file.fd, next);
+        timespec left = fakedTime(std::max<int64_t>(0, next - fakedNow()));
+        const int ready = FakedLibrary::poll(files, count, next == INT64_MAX ? nullptr : &left);
+        if (ready == 0 && next < end)
+            continue;
+        for (pollfd& file : std::span(files, ready > 0 ? count : 0))
+            file.revents = static_cast<short>(file.revents | (file.revents ? pollErrors(file.fd) : 0));
+        return ready;
+    }
 }
 
 FAKED_EXPORT int __poll_chk(pollfd* files, nfds_t count, int milliseconds, size_t)
@@ -102,20 +202,14 @@ FAKED_EXPORT int __poll_chk(pollfd* files, nfds_t count, int milliseconds, size_
 
 FAKED_EXPORT ssize_t read(int descriptor, void* to, size_t size)
 {
-    if (FakedKernel::shared().pollErrors(descriptor) & POLLNVAL)
-        return result(-ENODEV);
-    return FakedLibrary::read(descriptor, to, size);
-}
-
-FAKED_EXPORT ssize_t __read_chk(int descriptor, void* to, size_t size, size_t)
-{
-    return read(descriptor, to, size);
+    return kernel().owns(descriptor) ? result(readChange(descriptor, *static_cast<snd_ctl_event*>(to)))
+                                     : FakedLibrary::read(descriptor, to, size);
 }
 
 FAKED_EXPORT int inotify_add_watch(int descriptor, const char* path, uint32_t mask) noexcept
 {
-    return static_cast<int>(syscall(SYS_inotify_add_watch, descriptor,
-                                    isCards(path) ? FakedKernel::shared().folder.c_str() : path, mask));
+    return static_cast<int>(
+        syscall(SYS_inotify_add_watch, descriptor, isCards(path) ? kernel().folder.c_str() : path, mask));
 }
 
 } // extern "C"

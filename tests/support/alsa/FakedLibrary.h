@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <fcntl.h>
 #include <poll.h>
@@ -8,23 +9,18 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/// The system calls that the faked cards interpose, called directly: neither checks nor sanitizers see them.
+/// The system calls that the faked cards use, called directly: neither checks nor sanitizers see them.
 /// Threads: any.
 struct FakedLibrary {
     static ssize_t read(int descriptor, void* to, size_t size)
     {
         return syscall(SYS_read, descriptor, to, size);
     }
-    static ssize_t write(int descriptor, const void* from, size_t size)
-    {
-        return syscall(SYS_write, descriptor, from, size);
-    }
     static int close(int descriptor) { return static_cast<int>(syscall(SYS_close, descriptor)); }
     static int open(const char* path, int flags, mode_t mode)
     {
         return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
     }
-    static int pipe(int (&ends)[2], int flags) { return static_cast<int>(syscall(SYS_pipe2, ends, flags)); }
     static void* mmap(void* at, size_t size, int protection, int flags, int descriptor, off_t offset)
     {
         return reinterpret_cast<void*>(syscall(SYS_mmap, at, size, protection, flags, descriptor, offset));
@@ -34,9 +30,10 @@ struct FakedLibrary {
     {
         return static_cast<int>(syscall(SYS_ppoll, files, count, time, nullptr, 0));
     }
-    static void sleep(long nanoseconds)
+    /// Makes an event counter readable and not writable, or the reverse.
+    static void setFull(int counter, bool isFull)
     {
-        timespec time{0, nanoseconds};
-        poll(nullptr, 0, &time);
+        uint64_t count = UINT64_MAX - 1;
+        syscall(isFull ? SYS_write : SYS_read, counter, &count, sizeof count);
     }
 };

@@ -1,0 +1,393 @@
+// Tests the driver over faked cards.
+#include "AlsaDriver.h"
+#include "CapturedLog.h"
+#include "FakedCards.h"
+#include "HALIO.h"
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Tests the driver over faked cards, whose clocks wait for a late test.
+class AlsaTest : public testing::Test {
+protected:
+    ~AlsaTest() override
+    {
+        FakedCards::unplugAll();
+        fs::remove_all(root);
+    }
+
+    /// Waits for a card's device.
+    AudioObjectID device(const std::string& longName = "unit", unsigned pcm = 0)
+    {
+        const AudioObjectID found = waitForDevice(*hal, "alsa:" + longName + ":" + std::to_string(pcm));
+        EXPECT_NE(found, kAudioObjectUnknown) << longName;
+        return found;
+    }
+    template <class Value>
+    std::optional<Value> read(AudioObjectID object, uint32_t selector,
+                              uint32_t scope = kAudioObjectPropertyScopeGlobal)
+    {
+        return readValue<Value>(*hal, object, at(selector, scope));
+    }
+    /// Waits until a property has this value.
+    template <class Value>
+    bool becomes(Value value, AudioObjectID object, uint32_t selector,
+                 uint32_t scope = kAudioObjectPropertyScopeGlobal)
+    {
+        return eventually([&] { return read<Value>(object, selector, scope) == value; });
+    }
+
+    const fs::path root = fs::temp_directory_path() / ("alsa-test-" + std::to_string(getpid())); // of /proc
+    const CXRef<HALModel> hal = HALModel::initWithDriver(AlsaDriver::init(3, root));
+};
+
+/// Plays on a device a ramp that shows each sample's time, and compares it with the time of the input.
+class Ramp : public CycleWitness {
+public:
+    Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID) {}
+    HALStatus start()
+    {
+        return _proc.emplace(_hal, _deviceID, eachCycle([this](const IOCycle& cycle) { _run(cycle); }))
+            .status;
+    }
+    void stop() { _proc.reset(); }
+
+    std::atomic<uint64_t> heard{0};             ///< samples that are not silent
+    std::atomic<uint64_t> jumps{0};             ///< changes of the latency
+    std::atomic<double> latencyFrames{-1.0};    ///< from a sample's output time to its input time
+    std::atomic<float> step{1.0F / 1048576.0F}; ///< frame k is k * step, modulo 1
+
+private:
+    void _run(const IOCycle& cycle) noexcept
+    {
+        const double length = 1.0 / static_cast<double>(step.load());
+        const size_t inputs = cycle.input ? cycle.in().size() / cycle.frames() : 0;
+        for (size_t i = 0; inputs > 0 && i < cycle.frames(); ++i) {
+            const auto played = static_cast<double>(cycle.in()[i * inputs] / step);
+            const double time = cycle.inputTime->sampleTime + static_cast<double>(i);
+            const double latency = std::fmod(time + length - played, length);
+            if (played == 0.0)
+                continue;
+            jumps += heard > 0 && latency != latencyFrames;
+            latencyFrames = latency;
+            ++heard;
+        }
+        const size_t outputs = cycle.output ? cycle.out().size() / cycle.frames() : 0;
+        for (size_t i = 0; i < outputs * cycle.frames(); ++i) {
+            const double time = cycle.outputTime->sampleTime + static_cast<double>(i / outputs);
+            cycle.out()[i] = static_cast<float>(std::fmod(time, length)) * step;
+        }
+        see(cycle);
+    }
+
+    HALModel& _hal;
+    const AudioObjectID _deviceID;
+    std::optional<RunningProc> _proc; // last: its callback uses the other fields
+};
+
+// Numbers of the faked card's controls.
+constexpr unsigned playbackVolume = 1, playbackSwitch = 2, captureVolume = 3, captureSource = 5,
+                   headphoneJack = 6;
+
+TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
+{
+    const int number =
+        FakedCards::plug({.name = "Unit\xFF", .components = "USB1235:8211 others", .pcmCount = 3});
+    for (unsigned pcm = 0; pcm < 3; ++pcm) {
+        const AudioObjectID id = device("unit", pcm);
+        EXPECT_EQ(readText(*hal, id, at(kAudioObjectPropertyName)),
+                  "Unit\xEF\xBF\xBD Faked PCM " + std::to_string(pcm));
+        EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyClockDomain), static_cast<uint32_t>(number) + 1);
+        EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyTransportType), kAudioDeviceTransportTypeUSB);
+        EXPECT_EQ(readText(*hal, id, at(kAudioDevicePropertyModelUID)), "1235:8211");
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), pcm == 0)
+            << "the card's controls are its first PCM's";
+    }
+    FakedCards::unplug(number);
+    EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+    // Another card gets the same number, often before the driver has noticed the removal.
+    for (const char* name : {"a", "b", "c", "d"}) {
+        ASSERT_EQ(FakedCards::plug({.longName = name}), number);
+        device(name);
+        EXPECT_EQ(readDevices(*hal).size(), 1U);
+        FakedCards::unplug(number);
+    }
+}
+
+TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
+{
+    const int card = FakedCards::plug({});
+    const AudioObjectID id = device();
+    const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
+    const auto left = at(kAudioDevicePropertyVolumeScalar, output, 1);
+    // The steps are 1 dB, and half of the slider is -18.06 dB. A read returns the value that was written.
+    EXPECT_EQ(writeValue(*hal, id, volume, 0.5F), kAudioHardwareNoError);
+    EXPECT_EQ(FakedCards::control(card, playbackVolume), 64 - 18);
+    EXPECT_EQ(readValue<float>(*hal, id, volume), 0.5F);
+    // The main volume keeps the balance and equals the louder channel's.
+    EXPECT_EQ(writeValue(*hal, id, left, 0.25F), kAudioHardwareNoError);
+    EXPECT_EQ(readValue<float>(*hal, id, volume), 0.5F);
+    EXPECT_EQ(writeValue(*hal, id, volume, 1.0F), kAudioHardwareNoError);
+    EXPECT_FLOAT_EQ(readValue<float>(*hal, id, left).value_or(0), 0.5F);
+    EXPECT_EQ(FakedCards::control(card, playbackVolume, 1), 64);
+    EXPECT_EQ(writeValue(*hal, id, volume, 0.0F), kAudioHardwareNoError);
+    EXPECT_EQ(FakedCards::control(card, playbackVolume, 1), 0);
+
+    FakedCards::setControl(card, playbackVolume, 4, 4); // -60 dB
+    EXPECT_TRUE(
+        eventually([&] { return std::abs(readValue<float>(*hal, id, volume).value_or(9) - 0.1F) < 1e-4F; }));
+    FakedCards::setControl(card, playbackSwitch, 0, 0);
+    EXPECT_TRUE(becomes(1U, id, kAudioDevicePropertyMute, output));
+    EXPECT_EQ(writeValue(*hal, id, at(kAudioDevicePropertyMute, output), 0U), kAudioHardwareNoError);
+    EXPECT_EQ(FakedCards::control(card, playbackSwitch, 1), 1);
+    FakedCards::setControl(card, captureVolume, 30, 30);
+    EXPECT_TRUE(becomes(1.0F, id, kAudioDevicePropertyVolumeScalar, input));
+
+    const auto source = at(kAudioDevicePropertyDataSource, input);
+    const uint32_t before = readValue<uint32_t>(*hal, id, source).value_or(0);
+    EXPECT_EQ(readList<uint32_t>(*hal, id, at(kAudioDevicePropertyDataSources, input)).size(), 2U);
+    EXPECT_EQ(writeValue(*hal, id, source, before + 1), kAudioHardwareNoError);
+    EXPECT_EQ(FakedCards::control(card, captureSource), 1);
+    EXPECT_EQ(readValue<uint32_t>(*hal, id, source), before + 1);
+
+    const auto jack = at(kAudioDevicePropertyDataSource, output);
+    const auto speaker = readValue<uint32_t>(*hal, id, jack);
+    FakedCards::setControl(card, headphoneJack, 1, 1);
+    EXPECT_TRUE(eventually([&] { return readValue<uint32_t>(*hal, id, jack) != speaker; }));
+    EXPECT_EQ(writeValue(*hal, id, jack, *speaker), kAudioHardwareIllegalOperationError) << "a plug chooses";
+}
+
+TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
+{
+    const int busy = FakedCards::plug({.longName = "busy", .isBusy = true});
+    const int late = FakedCards::plug({.longName = "late"}); // as if udev granted access a little later
+    FakedCards::set(late, FakedFault::NoRights);
+    FakedCards::set(late, FakedFault::NoRights, false);
+    device("late");
+    EXPECT_EQ(deviceWithUID(*hal, "alsa:busy:0"), kAudioObjectUnknown) << "its abilities are not known";
+
+    // A device in use is described by what it does.
+    for (const char* direction : {"pcm0p", "pcm0c"}) {
+        const fs::path folder = root / "proc/asound" / ("card" + std::to_string(busy)) / direction / "sub0";
+        fs::create_directories(folder);
+        std::ofstream(folder / "hw_params")
+            << "access: MMAP_INTERLEAVED\nchannels: 2\nrate: 96000 (96000/1)\nbuffer_size: 4096\n";
+    }
+    FakedCards::set(busy, FakedFault::Busy);
+    const AudioObjectID id = device("busy");
+    const auto rateCount = [&] {
+        return readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates))
+            .size();
+    };
+    EXPECT_EQ(rateCount(), 1U);
+    EXPECT_EQ(read<double>(id, kAudioDevicePropertyNominalSampleRate), 96000.0);
+    EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning), 1U);
+    for (const bool isBusy : {false, true, false}) {
+        FakedCards::set(busy, FakedFault::Busy, isBusy);
+        EXPECT_TRUE(becomes(isBusy ? 1U : 0U, id, kAudioDevicePropertyDeviceIsRunning));
+        EXPECT_EQ(rateCount(), 3U);
+    }
+}
+
+TEST_F(AlsaTest, leavesOutWhatCannotRun)
+{
+    struct {
+        const char* why;
+        void (*change)(FakedCardOptions&);
+    } const rows[] = {
+        {"no rate that is used", [](FakedCardOptions& card) { card.rates = {12345}; }},
+        {"no format that is used", [](FakedCardOptions& card) { card.formats = {}; }},
+        {"no PCM", [](FakedCardOptions& card) { card.pcmCount = 0; }},
+        {"no channels", [](FakedCardOptions& card) { card.playback = card.capture = 0; }},
+        {"periods that are too long", [](FakedCardOptions& card) { card.minPeriod = 16384; }},
+        {"a ring that is too short", [](FakedCardOptions& card) { card.minPeriod = 4, card.maxBuffer = 16; }},
+    };
+    for (const auto& row : rows) {
+        FakedCardOptions card{.longName = row.why};
+        row.change(card);
+        FakedCards::plug(card);
+    }
+    FakedCards::plug({.longName = "last"});
+    device("last");
+    EXPECT_EQ(readDevices(*hal).size(), 1U);
+}
+
+TEST_F(AlsaTest, keepsDefaultDevicesOfTheProcess)
+{
+    const auto isDefault = [&](AudioObjectID id) {
+        return becomes(id, kAudioObjectSystemObject, kAudioHardwarePropertyDefaultOutputDevice);
+    };
+    FakedCards::plug({.longName = "first"});
+    const AudioObjectID first = device("first");
+    const int card = FakedCards::plug({.longName = "second"});
+    const AudioObjectID second = device("second");
+    EXPECT_TRUE(isDefault(first)) << "one that comes takes nothing over";
+    writeValue(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDefaultOutputDevice), second);
+    EXPECT_TRUE(isDefault(second));
+    FakedCards::unplug(card);
+    EXPECT_TRUE(isDefault(first));
+    FakedCards::plug({.longName = "second"});
+    EXPECT_TRUE(isDefault(device("second"))) << "the chosen one is back";
+}
+
+TEST_F(AlsaTest, findsTheVolumeByItsName)
+{
+    const struct {
+        const char* control;
+        bool isOutputs, isInputs;
+    } rows[] = {
+        {"Master Volume", true, false}, // of both directions; few drivers use this name
+        {"PCM Playback Volume", true, false},  {"Line Volume", false, true},
+        {"Mic Playback Volume", false, false}, // plays the microphone on the output
+        {"Bass Volume", false, false},
+    };
+    for (const auto& row : rows) {
+        FakedCards::plug({.longName = row.control, .volumeNames = {row.control, "Other Volume"}});
+        const AudioObjectID id = device(row.control);
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), row.isOutputs)
+            << row.control;
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, input).has_value(), row.isInputs)
+            << row.control;
+    }
+}
+
+// The input returns what is played at the same sample time: times, latency and samples are exact on all
+// cards.
+TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
+{
+    using Card = FakedCardOptions;
+    struct {
+        const char* why;
+        void (*change)(Card&);
+        float step = 1.0F / 1048576.0F;
+    } const rows[] = {
+        {"as most are", [](Card&) {}},
+        {"its directions cannot be linked", [](Card& card) { card.canLink = false; }},
+        {"no time stamps", [](Card& card) { card.hasStamps = false; }},
+        {"read and write alone", [](Card& card) { card.mapsSamples = false; }},
+        {"16 bits", [](Card& card) { card.formats = {SND_PCM_FORMAT_S16}; }, 1.0F / 32768.0F},
+        {"24 bits", [](Card& card) { card.formats = {SND_PCM_FORMAT_S24}; }},
+        {"24 bits in three bytes", [](Card& card) { card.formats = {SND_PCM_FORMAT_S24_3LE}; }},
+        {"float", [](Card& card) { card.formats = {SND_PCM_FORMAT_FLOAT}; }},
+        {"its position moves by a millisecond", [](Card& card) { card.granularity = 48; }},
+        {"a clock that is fast", [](Card& card) { card.partsPerMillion = 300.0; }},
+        {"one rate", [](Card& card) { card.rates = {44100}; }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        Card card{.longName = row.why};
+        row.change(card);
+        const int number = FakedCards::plug(card);
+        Ramp ramp(*hal, device(row.why));
+        ramp.step = row.step;
+        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+        EXPECT_TRUE(eventually([&] { return ramp.heard > 20'000; }));
+        // Without linked starts, the two directions start at different times, so the latency is not 0.
+        if (card.canLink) {
+            EXPECT_EQ(ramp.latencyFrames, 0.0);
+        }
+        ramp.stop();
+        EXPECT_EQ(ramp.jumps, 0U);
+        EXPECT_EQ(ramp.backwards, 0U);
+        EXPECT_EQ(ramp.lostFrames, 0U);
+        FakedCards::unplug(number);
+    }
+}
+
+TEST_F(AlsaTest, goesOnAfterWhatStopsACard)
+{
+    struct {
+        const char* why;
+        unsigned playback, capture;
+        FakedFault fault;
+    } const rows[] = {
+        {"an overload", 2, 2, FakedFault::Overload},
+        {"an overload of an input alone", 0, 2, FakedFault::Overload},
+        {"an overload of an output alone", 2, 0, FakedFault::Overload},
+        {"a suspend", 2, 2, FakedFault::Suspend},
+        {"a card that is stuck for a while", 2, 2, FakedFault::Stuck},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.why);
+        const bool isStuck = row.fault == FakedFault::Stuck;
+        const int number =
+            FakedCards::plug({.longName = row.why, .playback = row.playback, .capture = row.capture});
+        const AudioObjectID id = device(row.why);
+        const RecordingListener overloads(*hal, id, at(kAudioDeviceProcessorOverload));
+        Ramp ramp(*hal, id);
+        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+        for (int round = 0; round < (isStuck ? 1 : 3); ++round) {
+            EXPECT_TRUE(ramp.waitForMore(5));
+            FakedCards::set(number, row.fault);
+            EXPECT_TRUE(!isStuck || becomes(0U, id, kAudioDevicePropertyDeviceIsRunning));
+            FakedCards::set(number, row.fault, false);
+            const uint64_t heard = ramp.heard;
+            EXPECT_TRUE(ramp.waitForMore(20));
+            EXPECT_TRUE(!row.playback || !row.capture ||
+                        eventually([&] { return ramp.heard > heard + 2000; }));
+        }
+        EXPECT_TRUE(becomes(1U, id, kAudioDevicePropertyDeviceIsRunning));
+        EXPECT_TRUE(isStuck || eventually([&] { return overloads.count() > 0; }));
+        ramp.stop();
+        EXPECT_EQ(ramp.backwards, 0U);
+        EXPECT_EQ(ramp.jumps, 0U);
+        FakedCards::unplug(number);
+    }
+}
+
+// A card that has disappeared is closed without log lines, and its device disappears at once.
+TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
+{
+    for (const bool mapsSamples : {true, false}) {
+        const CapturedLog log;
+        const int number = FakedCards::plug({.mapsSamples = mapsSamples});
+        Ramp ramp(*hal, device());
+        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+        FakedCards::unplug(number);
+        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+        ramp.stop();
+        EXPECT_TRUE(eventually([&] { return FakedCards::openFiles(number) == 0; }));
+        EXPECT_TRUE(log.lines().empty());
+    }
+}
+
+TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
+{
+    for (const FakedFault fault : {FakedFault::Busy, FakedFault::Stuck, FakedFault::NoRights}) {
+        const std::string name = "fault " + std::to_string(static_cast<int>(fault));
+        SCOPED_TRACE(name);
+        const int number = FakedCards::plug({.longName = name});
+        const AudioObjectID id = device(name);
+        Ramp ramp(*hal, id);
+        const CapturedLog log;
+        FakedCards::set(number, fault);
+        EXPECT_EQ(ramp.start(), kAudioHardwareUnspecifiedError);
+        EXPECT_EQ(log.lines().size(), 1U) << "the reason";
+        EXPECT_EQ(ramp.cycles, 0U);
+        EXPECT_EQ(FakedCards::openFiles(number), 1U) << "its control device alone";
+        FakedCards::set(number, fault, false);
+        EXPECT_EQ(ramp.start(), kAudioHardwareNoError);
+        ramp.stop();
+        FakedCards::unplug(number);
+    }
+}
+
+TEST_F(AlsaTest, measuresAClockAndKeepsItThroughAnOverload)
+{
+    const int number = FakedCards::plug({.partsPerMillion = 200.0});
+    Ramp ramp(*hal, device());
+    ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+    const auto isMeasured = [&] { return std::abs(ramp.rateScalar - 1.0 / 1.0002) < 10e-6; };
+    EXPECT_TRUE(eventually(isMeasured)) << ramp.rateScalar;
+    FakedCards::set(number, FakedFault::Overload);
+    EXPECT_TRUE(ramp.waitForMore(50));
+    EXPECT_TRUE(eventually(isMeasured)) << ramp.rateScalar;
+}
+
+} // namespace
