@@ -31,12 +31,11 @@ struct Studio {
 /// Appends options that route one channel of each source to both sinks.
 std::vector<std::string> studioCommand(std::vector<std::string> command, int frames, int seconds)
 {
-    for (const char* each : {"--in", "north:1", "--in", "south:2", "--out", "left", "--out", "right",
-                             "--rate", "48000", "--frames"})
-        command.emplace_back(each);
-    command.push_back(std::to_string(frames));
-    command.emplace_back("--seconds");
-    command.push_back(std::to_string(seconds));
+    const std::string frameText = std::to_string(frames), secondText = std::to_string(seconds);
+    const std::string options[] = {"--in",     "north:1", "--in",      "south:2", "--out",
+                                   "left",     "--out",   "right",     "--rate",  "48000",
+                                   "--frames", frameText, "--seconds", secondText};
+    command.insert(command.end(), std::begin(options), std::end(options));
     return command;
 }
 

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "HALIO.h"
-#include "MonitorTap.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
 #include "Ramp.h"
+#include "TestClient.h"
 
 /// A private server, another client of it, and the model over the driver.
 struct PipeWireSetup {
@@ -27,10 +27,6 @@ struct PipeWireSetup {
                  uint32_t scope = kAudioObjectPropertyScopeGlobal)
     {
         return eventually([&] { return read<Value>(object, selector, scope) == value; });
-    }
-    bool isRunning(AudioObjectID device)
-    {
-        return read<uint32_t>(device, kAudioDevicePropertyDeviceIsRunning) == 1U;
     }
     /// The number of nodes that the driver has created for IO.
     size_t ownNodeCount() const
@@ -58,3 +54,29 @@ inline void playRamp(const IOCycle& cycle)
             each = rampSample(sample++ / channels) * (stream % 2 == 0 ? 1.0F : -1.0F);
     }
 }
+
+/// Records whether the first input stream has such a ramp in all channels. Lock-free.
+struct RampWitness {
+    std::atomic<uint64_t> frames{0}, breaks{0}; ///< sounding frames; frames that do not follow the last
+
+    void see(const IOCycle& cycle)
+    {
+        const uint32_t channels = bufferOf(cycle.input, 0).numberChannels;
+        const std::span<float> samples = cycle.in();
+        for (size_t i = 0; i < samples.size(); i += channels) {
+            const int64_t value = std::llround(std::abs(samples[i]) / rampStep);
+            breaks += (_last != 0 && value != _last + 1) ||
+                      std::ranges::count(samples.subspan(i, channels), samples[i]) != channels;
+            frames += value != 0;
+            _last = value;
+        }
+    }
+    /// Waits for `count` further frames. Returns false on timeout.
+    bool waitForMore(uint64_t count) const
+    {
+        return eventually([this, end = frames + count] { return frames >= end; });
+    }
+
+private:
+    int64_t _last = 0; // used only by the IO thread
+};

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <pipewire/filter.h>
 #include <pipewire/impl.h>
 #include <pipewire/pipewire.h>
 #include <string>
@@ -19,7 +18,7 @@ pw_properties* newProperties(const NodeProperties& properties);
 struct VirtualDevice {
     std::string name;
     std::string mediaClass = "Audio/Sink"; ///< or Audio/Source/Virtual, Audio/Duplex
-    uint32_t channelCount = 2;             ///< at most 64, except for a bare node
+    uint32_t channelCount = 2;             ///< at most 64
     NodeProperties properties{};           ///< added to the implied properties; takes precedence
 };
 
@@ -64,9 +63,6 @@ public:
     // -- Virtual devices. Each function returns once the server has made the change.
 
     void plug(const VirtualDevice& device);
-    /// The same, for a node with ports made by this process: none, or more than a device of the server can
-    /// have. It outputs silence.
-    void plugBareNode(const VirtualDevice& device);
     /// Like plug(), for a device in this process, as a session manager's are. Its properties can be changed.
     void plugExported(const VirtualDevice& device);
     /// Changes properties of an exported device.
@@ -91,7 +87,6 @@ private:
     struct Plugged {
         std::string name;
         pw_proxy* proxy = nullptr;
-        pw_filter* filter = nullptr;
         pw_impl_node* node = nullptr;
     };
     static void _done(void* data, uint32_t id, int sequence);
@@ -110,7 +105,6 @@ private:
     pw_registry* _registry = nullptr;
     spa_hook _coreListener{}, _registryListener{};
     std::map<uint32_t, Global> _globals;
-    int _pendingSync = -1;
-    bool _synced = false;
+    int _lastSync = -1; // sequence number of the last sync that the server has reported
     std::vector<Plugged> _plugged;
 };
