@@ -49,13 +49,3 @@ inline int soakSecondsOr(int otherwise)
     const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
     return seconds ? std::atoi(seconds) : otherwise;
 }
-
-/// Returns one channel of a file that the command has written; empty if the file has not `channels` of them.
-inline std::vector<float> channelOf(const std::string& path, uint32_t channels, uint32_t channel)
-{
-    std::vector<float> samples;
-    const std::vector<float> all = samplesOf(path, channels);
-    for (size_t i = channel; i < all.size(); i += channels)
-        samples.push_back(all[i]);
-    return samples;
-}

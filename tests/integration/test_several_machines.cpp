@@ -109,11 +109,14 @@ TEST_F(SeveralMachines, areOneAggregateAsTheDocumentShows)
     studio.begin("dxr play");
     desk.run("dxr record");
     studio.end(SIGINT);
-    for (const auto& [channel, peak] : {std::pair{0U, 0.5F}, {1U, 0.5F}, {2U, 0.0F}}) { // the microphone's
-        const std::vector<float> recorded = channelOf(desk.server.folder() / "both.wav", 3, channel);
-        ASSERT_FALSE(recorded.empty());
-        EXPECT_NEAR(*std::ranges::max_element(recorded), peak, peak / 5) << channel;
-    }
+    const std::vector<float> recorded = samplesOf(desk.server.folder() / "both.wav", 3);
+    ASSERT_FALSE(recorded.empty());
+    float peaks[3]{};
+    for (size_t i = 0; i < recorded.size(); ++i)
+        peaks[i % 3] = std::max(peaks[i % 3], recorded[i]);
+    EXPECT_NEAR(peaks[0], 0.5F, 0.1F);
+    EXPECT_NEAR(peaks[1], 0.5F, 0.1F);
+    EXPECT_EQ(peaks[2], 0.0F) << "the microphone's";
 
     studio.end(SIGKILL);
     studio.begin("pipewire -c");
@@ -154,7 +157,7 @@ TEST_F(SeveralMachines, driftIsFoundWhileOnePlaysWhatTheOtherSends)
     EXPECT_EQ(loop.status, 0) << loop.errors;
     std::printf("%s", loop.output.c_str());
     EXPECT_NEAR(spreadOfClocks(loop.output), 500.0, seconds >= 60 ? 1.0 : 150.0);
-    EXPECT_GE(fast.framesReceived(), 48000U * static_cast<uint64_t>(seconds) * 9 / 10);
+    EXPECT_GE(fast.received.frames, 48000U * static_cast<uint64_t>(seconds) * 9 / 10);
 }
 
 } // namespace

@@ -55,28 +55,9 @@ inline void playRamp(const IOCycle& cycle)
     }
 }
 
-/// Records whether the first input stream has such a ramp in all channels. Lock-free.
-struct RampWitness {
-    std::atomic<uint64_t> frames{0}, breaks{0}; ///< sounding frames; frames that do not follow the last
-
-    void see(const IOCycle& cycle)
-    {
-        const uint32_t channels = bufferOf(cycle.input, 0).numberChannels;
-        const std::span<float> samples = cycle.in();
-        for (size_t i = 0; i < samples.size(); i += channels) {
-            const int64_t value = std::llround(std::abs(samples[i]) / rampStep);
-            breaks += (_last != 0 && value != _last + 1) ||
-                      std::ranges::count(samples.subspan(i, channels), samples[i]) != channels;
-            frames += value != 0;
-            _last = value;
-        }
-    }
-    /// Waits for `count` further frames. Returns false on timeout.
-    bool waitForMore(uint64_t count) const
-    {
-        return eventually([this, end = frames + count] { return frames >= end; });
-    }
-
-private:
-    int64_t _last = 0; // used only by the IO thread
-};
+/// Returns an IO callback that only checks the ramp in the first input stream.
+inline AudioDeviceIOBlock checkingRamp(RampCheck& check)
+{
+    return eachCycle(
+        [&check](const IOCycle& cycle) { check.see(cycle.in(), bufferOf(cycle.input, 0).numberChannels); });
+}

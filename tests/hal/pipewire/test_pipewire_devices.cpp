@@ -200,22 +200,6 @@ TEST_F(PipeWireDevices, makesAHiddenInputOfWhatASinkPlays)
     EXPECT_TRUE(eventually([&] { return deviceWithUID(*hal, "speakers.monitor") == kAudioObjectUnknown; }));
 }
 
-TEST_F(PipeWireDevices, distinguishesTwoOfOneNameAndKeepsTheirUIDs)
-{
-    const AudioObjectID first = plug({.name = "twin"});
-    client.plug({.name = "twin"});
-    const AudioObjectID second = waitForDevice(*hal, "twin#2");
-    EXPECT_NE(second, kAudioObjectUnknown);
-    EXPECT_NE(first, second);
-    client.unplug("twin");
-    EXPECT_TRUE(eventually([&] { return readShownDevices(*hal).size() == 1; }));
-    client.plug({.name = "twin"});
-    EXPECT_TRUE(eventually([&] {
-        return deviceWithUID(*hal, "twin") != kAudioObjectUnknown &&
-               deviceWithUID(*hal, "twin#2") != kAudioObjectUnknown;
-    }));
-}
-
 TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
 {
     const AudioObjectID one = plug({.name = "one"});

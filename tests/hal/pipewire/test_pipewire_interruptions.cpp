@@ -16,14 +16,12 @@ protected:
         for (const uint32_t link : ownLinks())
             destroyObject(link);
     }
-    /// Whether both channels of a ramp that is played to "sink" come out of it. If one did not, every frame
-    /// would be a break; a busy machine loses a few cycles.
+    /// Whether both channels of a ramp that is played to "sink" come out of it.
     bool isPlayed()
     {
-        RampWitness played;
-        const RunningProc proc(*hal, waitForDevice(*hal, "sink.monitor"),
-                               eachCycle([&](const IOCycle& cycle) { played.see(cycle); }));
-        return played.waitForMore(8192) && played.breaks < 4096;
+        RampCheck played;
+        const RunningProc proc(*hal, waitForDevice(*hal, "sink.monitor"), checkingRamp(played));
+        return played.waitForMore(4096);
     }
 };
 

@@ -1,9 +1,6 @@
 #include "DrivingDevice.h"
 
-#include "Ramp.h"
-
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <pthread.h>
 #include <spa/param/audio/format-utils.h>
@@ -115,20 +112,20 @@ void DrivingDevice::_process(void* data)
     if (!buffer)
         return;
     spa_data& block = buffer->buffer->datas[0];
+    auto* samples = static_cast<float*>(block.data);
     if (self->_direction == Direction::Sink) {
-        const auto* bytes = static_cast<const std::byte*>(block.data) + block.chunk->offset;
-        self->_receive(reinterpret_cast<const float*>(bytes), block.chunk->size / stereoFrame);
+        samples += block.chunk->offset / sizeof(float);
+        self->received.see({samples, block.chunk->size / sizeof(float)}, 2);
     } else {
         spa_io_position* position = self->_position;
         const uint64_t wanted = position ? std::atomic_ref(position->clock.duration).load() : 256;
-        const auto frameCount =
-            static_cast<uint32_t>(std::min<uint64_t>(wanted, block.maxsize / stereoFrame));
-        self->_give(static_cast<float*>(block.data), frameCount);
         block.chunk->offset = 0;
         block.chunk->stride = stereoFrame;
-        block.chunk->size = frameCount * stereoFrame;
+        block.chunk->size = std::min(static_cast<uint32_t>(wanted) * stereoFrame, block.maxsize);
+        for (uint32_t i = 0; i < block.chunk->size / sizeof(float); ++i)
+            samples[i] = rampSample(self->_samplesGiven++ / 2);
     }
-    self->_notePassage(static_cast<const float*>(block.data)[1]);
+    self->_notePassage(samples[1]);
     pw_stream_queue_buffer(self->_stream, buffer);
 }
 
@@ -150,27 +147,6 @@ void DrivingDevice::_notePassage(float sample)
     const double begin = static_cast<double>(clock->nsec) + (_direction == Direction::Sink ? cycle : -cycle);
     const std::scoped_lock lock(_mutex);
     _passage = {static_cast<double>(sample / rampStep), begin};
-}
-
-void DrivingDevice::_receive(const float* samples, uint32_t frameCount) noexcept
-{
-    for (uint32_t i = 0; i < 2 * frameCount; ++i) {
-        Received& received = _received[i % 2];
-        const int64_t value = std::llrint(samples[i] / rampStep);
-        if (value == 0)
-            continue; // silence around ramps
-        if (received.last != 0 && value != ((received.last + 1) & int64_t{rampMask}))
-            ++received.breaks;
-        received.last = value;
-        ++received.frames;
-    }
-}
-
-void DrivingDevice::_give(float* samples, uint32_t frameCount) noexcept
-{
-    for (uint32_t frame = 0; frame < frameCount; ++frame) {
-        samples[size_t{2} * frame] = samples[size_t{2} * frame + 1] = rampSample(_framesGiven++);
-    }
 }
 
 void DrivingDevice::_drive()
