@@ -2,7 +2,6 @@
 #include "DxrOnPipeWire.h"
 #include "HALIO.h"
 #include "PipeWireDriver.h"
-#include "PrivateProcess.h"
 
 #include <csignal>
 #include <fstream>

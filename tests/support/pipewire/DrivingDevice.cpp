@@ -79,6 +79,13 @@ DrivingDevice::~DrivingDevice()
     _client.locked([this] { pw_stream_destroy(_stream); });
 }
 
+void DrivingDevice::rename(const char* description)
+{
+    const spa_dict_item item{PW_KEY_NODE_DESCRIPTION, description};
+    const spa_dict properties{0, 1, &item};
+    _client.locked([&] { pw_stream_update_properties(_stream, &properties); });
+}
+
 void DrivingDevice::_stateChanged(void* data, pw_stream_state /*before*/, pw_stream_state now,
                                   const char* /*error*/)
 {

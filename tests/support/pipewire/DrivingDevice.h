@@ -33,6 +33,8 @@ public:
     DrivingDevice(const DrivingDevice&) = delete;
     DrivingDevice& operator=(const DrivingDevice&) = delete;
 
+    /// Changes the device's description.
+    void rename(const char* description);
     /// Advances the clock by this many cycles, in which no node is called, before its next cycle.
     void skip(uint32_t cycles) noexcept { _skip += cycles; }
 

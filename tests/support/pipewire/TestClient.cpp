@@ -215,68 +215,32 @@ pw_proxy* TestClient::link(uint32_t outputNode, const std::string& outputPort, u
                     {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}});
 }
 
-void TestClient::destroy(pw_proxy* proxy)
+void TestClient::destroy(pw_proxy* proxy) const
 {
     locked([&] { pw_proxy_destroy(proxy); });
 }
 
 void TestClient::plug(const VirtualDevice& device)
 {
-    _plugged.push_back(
-        {.name = device.name,
-         .proxy = _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, nullDeviceProperties(device))});
-}
-
-void TestClient::plugExported(const VirtualDevice& device)
-{
-    Plugged plugged{.name = device.name};
-    locked([&] {
-        pw_impl_factory* factory = pw_context_find_factory(_context, "adapter");
-        plugged.node = static_cast<pw_impl_node*>(
-            pw_impl_factory_create_object(factory, nullptr, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
-                                          newProperties(nullDeviceProperties(device)), 0));
-        pw_impl_node_set_active(plugged.node, true);
-        plugged.proxy =
-            static_cast<pw_proxy*>(pw_core_export(_core, PW_TYPE_INTERFACE_Node, nullptr, plugged.node, 0));
-    });
-    _plugged.push_back(plugged);
-    nodeID(device.name);
-    sync();
-}
-
-void TestClient::change(const std::string& name, const NodeProperties& properties)
-{
-    pw_properties* all = newProperties(properties);
-    const auto plugged = std::ranges::find(_plugged, name, &Plugged::name);
-    locked([&] { pw_impl_node_update_properties(plugged->node, &all->dict); });
-    pw_properties_free(all);
-    sync();
-}
-
-void TestClient::_destroy(const Plugged& plugged) const
-{
-    locked([&] {
-        if (plugged.proxy)
-            pw_proxy_destroy(plugged.proxy);
-        if (plugged.node)
-            pw_impl_node_destroy(plugged.node);
-    });
+    _plugged.emplace_back(device.name, _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
+                                               nullDeviceProperties(device)));
 }
 
 void TestClient::unplug(const std::string& name)
 {
-    const auto last = std::ranges::find(_plugged.rbegin(), _plugged.rend(), name, &Plugged::name);
+    const auto last = std::ranges::find(_plugged.rbegin(), _plugged.rend(), name,
+                                        &std::pair<std::string, pw_proxy*>::first);
     if (last == _plugged.rend())
         throw std::runtime_error(name + " is not plugged");
-    _destroy(*last);
+    destroy(last->second);
     _plugged.erase(std::next(last).base());
     sync();
 }
 
 void TestClient::unplugAll()
 {
-    for (const Plugged& each : std::exchange(_plugged, {}))
-        _destroy(each);
+    for (const auto& [name, proxy] : std::exchange(_plugged, {}))
+        destroy(proxy);
 }
 
 std::string TestClient::run(const std::string& command) const

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <pipewire/impl.h>
 #include <pipewire/pipewire.h>
 #include <string>
 #include <vector>
@@ -58,15 +57,11 @@ public:
     /// Links an output port to an input port, each given by its node and its port name.
     pw_proxy* link(uint32_t outputNode, const std::string& outputPort, uint32_t inputNode,
                    const std::string& inputPort);
-    void destroy(pw_proxy* proxy);
+    void destroy(pw_proxy* proxy) const;
 
     // -- Virtual devices. Each function returns once the server has made the change.
 
     void plug(const VirtualDevice& device);
-    /// Like plug(), for a device in this process, as a session manager's are. Its properties can be changed.
-    void plugExported(const VirtualDevice& device);
-    /// Changes properties of an exported device.
-    void change(const std::string& name, const NodeProperties& properties);
     /// Removes the device plugged last under this name.
     void unplug(const std::string& name);
     void unplugAll();
@@ -84,11 +79,6 @@ private:
         std::string type;
         NodeProperties properties;
     };
-    struct Plugged {
-        std::string name;
-        pw_proxy* proxy = nullptr;
-        pw_impl_node* node = nullptr;
-    };
     static void _done(void* data, uint32_t id, int sequence);
     static void _global(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
                         const spa_dict* properties);
@@ -96,7 +86,6 @@ private:
     pw_proxy* _create(const char* factory, const char* type, uint32_t version,
                       const NodeProperties& properties);
     std::vector<uint32_t> _find(const std::string& type, const NodeProperties& properties) const;
-    void _destroy(const Plugged& plugged) const;
 
     const std::string _remote;
     pw_thread_loop* _loop = nullptr;
@@ -106,5 +95,5 @@ private:
     spa_hook _coreListener{}, _registryListener{};
     std::map<uint32_t, Global> _globals;
     int _lastSync = -1; // sequence number of the last sync that the server has reported
-    std::vector<Plugged> _plugged;
+    std::vector<std::pair<std::string, pw_proxy*>> _plugged; // by name
 };
