@@ -12,17 +12,6 @@ constexpr std::chrono::seconds patience{1}; // per cycle: its end is lost if a n
 constexpr std::chrono::milliseconds mergeTime{50};
 constexpr std::chrono::hours neverLate{1};
 
-const spa_pod* stereoFormat(spa_pod_builder& builder)
-{
-    spa_audio_info_raw format{};
-    format.format = SPA_AUDIO_FORMAT_F32;
-    format.channels = 2;
-    format.rate = 48000;
-    format.position[0] = SPA_AUDIO_CHANNEL_FL;
-    format.position[1] = SPA_AUDIO_CHANNEL_FR;
-    return spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &format);
-}
-
 } // namespace
 
 DrivingDevice::DrivingDevice(const std::string& remote, const std::string& name, Direction direction,
@@ -50,7 +39,12 @@ void DrivingDevice::_connect(const std::string& name)
     const bool isSink = _direction == Direction::Sink;
     uint8_t space[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
-    const spa_pod* formats[] = {stereoFormat(builder)};
+    spa_audio_info_raw format{.format = SPA_AUDIO_FORMAT_F32,
+                              .flags = 0,
+                              .rate = 48000,
+                              .channels = 2,
+                              .position = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
+    const spa_pod* formats[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &format)};
     NodeProperties properties{
         {PW_KEY_MEDIA_CLASS, isSink ? "Audio/Sink" : "Audio/Source"},
         {PW_KEY_NODE_NAME, name},
@@ -114,7 +108,11 @@ void DrivingDevice::_ioChanged(void* data, uint32_t id, void* area, uint32_t /*s
 void DrivingDevice::_process(void* data)
 {
     auto* self = static_cast<DrivingDevice*>(data);
-    self->_endCycle();
+    { // a driver's process callback runs when all nodes have finished the cycle
+        const std::scoped_lock lock(self->_mutex);
+        self->_pendingEnds -= self->_pendingEnds > 0 ? 1 : 0;
+        self->_cycleEnded.notify_all();
+    }
     pw_buffer* buffer = pw_stream_dequeue_buffer(self->_stream);
     if (!buffer)
         return;
@@ -134,14 +132,6 @@ void DrivingDevice::_process(void* data)
     }
     self->_notePassage(samples[1]);
     pw_stream_queue_buffer(self->_stream, buffer);
-}
-
-/// A driver's process callback runs when all nodes have finished the cycle.
-void DrivingDevice::_endCycle()
-{
-    const std::scoped_lock lock(_mutex);
-    _pendingEnds -= _pendingEnds > 0 ? 1 : 0;
-    _cycleEnded.notify_all();
 }
 
 /// A driving sink plays its frames one cycle later; a driving source captured its frames one cycle earlier.

@@ -59,7 +59,6 @@ private:
     static void _process(void* data);
 
     void _connect(const std::string& name);
-    void _endCycle();
     void _notePassage(float sample);
     void _drive();
     Nanoseconds _driveCycle();
