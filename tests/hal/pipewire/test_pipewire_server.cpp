@@ -32,8 +32,9 @@ TEST(PipeWireServer, mayComeLaterAndAgain)
         client.plug({.name = "sink"});
         const AudioObjectID sink = waitForDevice(*hal, "sink");
         EXPECT_NE(sink, before) << "an object ID came back";
+        before = sink;
         CycleWitness witness;
-        const RunningProc proc(*hal, before = sink, witnessing(witness));
+        const RunningProc proc(*hal, sink, witnessing(witness));
         ASSERT_TRUE(witness.waitForMore());
         const size_t announced = listener.count();
         server.kill();
