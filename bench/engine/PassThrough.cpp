@@ -3,7 +3,6 @@
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
 #include "PipeWireDriver.h"
-#include "PrivateProcess.h"
 
 #include <RtAudio.h>
 #include <algorithm>

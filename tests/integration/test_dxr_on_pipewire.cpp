@@ -1,101 +1,65 @@
 #include "DxrOnPipeWire.h"
 
 #include "DrivingDevice.h"
-#include "FakeCard.h"
-#include "MonitorTap.h"
+#include "Eventually.h"
 
 #include <csignal>
-#include <thread>
 
 namespace {
 
 using nlohmann::json;
 
-/// Returns the bracketed text that `dxr watch --identity` printed after the last occurrence of `words`.
-std::string identityAfter(const std::string& output, const std::string& words)
-{
-    const size_t line = output.rfind(words);
-    const size_t begin = line == std::string::npos ? line : output.find('[', line);
-    const size_t end = begin == std::string::npos ? begin : output.find("]\n", begin);
-    return end == std::string::npos ? "" : output.substr(begin, end - begin);
-}
-
 TEST_F(DxrOnPipeWire, watchesOneObjectForADeviceThroughAllChanges)
 {
-    auto card = std::make_unique<FakeCard>(server.remote(), FakeCard::Options{.name = "card"});
+    client.plug({.name = "one"});
     ToolProcess watch({"watch", "--identity"});
     ASSERT_TRUE(watch.waitFor("present") && watch.waitFor("]\n")) << watch.output();
-    const std::string identity = identityAfter(watch.output(), "present");
-    ASSERT_TRUE(identity.starts_with("[output 0x")) << watch.output();
-    card.reset();
-    ASSERT_TRUE(watch.waitFor("disconnected")) << watch.output();
-    card = std::make_unique<FakeCard>(server.remote(), FakeCard::Options{.name = "card"});
-    ASSERT_TRUE(watch.waitFor(" connected ") && watch.waitFor("]\n")) << watch.output();
-    EXPECT_EQ(identityAfter(watch.output(), " connected "), identity);
-
-    card->change([](FakeCard::State& state) {
-        state.headphonesPlugged = true;
-        state.activeRoutes[0] = FakeCard::Headphones;
-    });
-    EXPECT_TRUE(watch.waitFor("output source ")) << watch.output();
-    for (const char* name : {"one", "two"}) {
-        client.plug({.name = name, .properties = {{"node.description", "USB Audio"}}});
-        EXPECT_TRUE(watch.waitFor(std::string("48 kHz  ") + name)) << watch.output();
-    }
-    EXPECT_TRUE(watch.waitFor("output display name USB Audio -> USB Audio 1")) << watch.output();
+    const std::string line = watch.output().substr(watch.output().find("[output 0x"));
+    const std::string identity = line.substr(0, line.find("]\n"));
     client.setVolumes("one", {0.125F, 0.125F}); // amplitudes
     EXPECT_TRUE(watch.waitFor("output volume 100% -> 50%")) << watch.output();
-    EXPECT_EQ(runTool({"set", "USB Audio 2", "--default"}).status, 0);
-    EXPECT_TRUE(watch.waitFor("output: USB Audio 2")) << watch.output();
-    const ToolResult ambiguous = runTool({"info", "usb audio"});
-    EXPECT_EQ(ambiguous.status, 1);
-    EXPECT_NE(ambiguous.errors.find("USB Audio 2"), std::string::npos) << ambiguous.errors;
-    client.unplug("two");
-    EXPECT_TRUE(watch.waitFor("output display name USB Audio 1 -> USB Audio")) << watch.output();
+    client.unplug("one");
+    ASSERT_TRUE(watch.waitFor("disconnected")) << watch.output();
+    client.plug({.name = "one"});
+    ASSERT_TRUE(watch.waitFor(" connected ")) << watch.output();
+    EXPECT_EQ(runTool({"set", "one", "--default"}).status, 0);
+    EXPECT_TRUE(watch.waitFor("output: Virtual one")) << watch.output();
     watch.signal(SIGINT);
     EXPECT_EQ(watch.finish(), 0) << watch.errors();
+    EXPECT_NE(watch.output().find(identity, watch.output().find(" connected ")), std::string::npos)
+        << watch.output();
 }
 
-size_t soundingFrames(const std::vector<float>& samples)
-{
-    return static_cast<size_t>(std::ranges::count_if(samples, [](float sample) { return sample != 0.0F; }));
-}
-
+// The monitor's recording is not affected by the sink's volume.
 TEST_F(DxrOnPipeWire, playsARampThatComesBackExactlyFromTheMonitor)
 {
     const DrivingDevice clock(server.remote(), "clock", DrivingDevice::Direction::Sink,
                               {.patientGroup = "patient"});
     client.plug({.name = "sink", .properties = {{PW_KEY_NODE_GROUP, "patient"}}});
-    for (const int rate : {44100, 48000, 96000}) {
-        writeWave(path("ramp.wav"), rate, rate / 2, rampSample);
-        for (const int frames : {64, 128, 512, 1024}) {
-            MonitorTap tap(client, "sink", "monitor_FL");
-            const ToolResult played =
-                runTool({"play", path("ramp.wav"), "--out", "sink", "--frames", std::to_string(frames)});
-            ASSERT_EQ(played.status, 0) << played.errors;
-            EXPECT_NE(played.output.find("cycles of " + std::to_string(frames) + " frames"),
-                      std::string::npos)
-                << played.output;
-            for (const char* loss : {"gap", "underrun", "overload"})
-                EXPECT_EQ(sumBefore(played.output, loss), 0) << played.output;
-            const std::vector<float> ramp = tap.finish();
-            EXPECT_EQ(tap.gaps() + breaksOf(ramp), 0U) << rate << " Hz, " << frames << " frames";
-            EXPECT_EQ(soundingFrames(ramp), static_cast<size_t>(rate / 2)) << "every frame, and each once";
-        }
-    }
-    client.setVolumes("sink", {0.125F, 0.125F}); // not applied to its monitor
+    client.setVolumes("sink", {0.125F, 0.125F});
     EXPECT_EQ(runTool({"list"}).output.find("Monitor of"), std::string::npos);
     EXPECT_NE(runTool({"list", "--all"}).output.find("Monitor of Virtual sink"), std::string::npos);
-    writeWave(path("ramp.wav"), 48000, 48000, rampSample);
-    ToolProcess record({"record", path("heard.wav"), "--in", "Monitor of Virtual sink"});
-    ASSERT_TRUE(record.waitFor("Monitor of Virtual sink ->")) << record.output() << record.errors();
-    EXPECT_EQ(runTool({"play", path("ramp.wav"), "--out", "sink", "--frames", "512"}).status, 0);
-    record.signal(SIGINT);
-    EXPECT_EQ(record.finish(), 0) << record.errors();
-    const auto recorded = channelsOfWave(path("heard.wav"));
-    ASSERT_EQ(recorded.size(), 2U);
-    EXPECT_EQ(breaksOf(recorded[0]), 0U) << record.output();
-    EXPECT_EQ(soundingFrames(recorded[0]), 48000U);
+    for (const auto& [rate, frames] : {std::pair{48000, 64}, {44100, 128}, {48000, 512}, {96000, 1024}}) {
+        SCOPED_TRACE(std::to_string(rate) + " Hz, " + std::to_string(frames) + " frames");
+        const std::string rateText = std::to_string(rate), frameText = std::to_string(frames);
+        writeWave(path("ramp.wav"), rate, 2, rate / 2,
+                  [](int frame, int) { return rampSample(static_cast<uint64_t>(frame)); });
+        ToolProcess record({"record", path("heard.wav"), "--in", "Monitor of Virtual sink", "--rate",
+                            rateText, "--frames", frameText});
+        ASSERT_TRUE(record.waitFor("Monitor of Virtual sink ->")) << record.output() << record.errors();
+        const ToolResult played = runTool({"play", path("ramp.wav"), "--out", "sink", "--frames", frameText});
+        ASSERT_EQ(played.status, 0) << played.errors;
+        EXPECT_NE(played.output.find("cycles of " + frameText + " frames"), std::string::npos)
+            << played.output;
+        for (const char* loss : {"gap", "underrun", "overload"})
+            EXPECT_EQ(sumBefore(played.output, loss), 0) << played.output;
+        record.signal(SIGINT);
+        EXPECT_EQ(record.finish(), 0) << record.errors();
+        RampCheck heard;
+        heard.see(samplesOf(path("heard.wav"), 2), 2);
+        EXPECT_EQ(heard.frames, static_cast<uint64_t>(rate / 2)) << "each frame once";
+        EXPECT_EQ(heard.breaks, 1U) << "at the end";
+    }
 }
 
 /// Counts the server's objects by type, its metadata by value and its nodes by name.
@@ -121,17 +85,15 @@ TEST_F(DxrOnPipeWire, leavesNothingOnTheServerWhenItIsKilled)
         ToolProcess loop({"loop", "--in", "source", "--out", "sink", "--rate", "96000", "--frames", "64"});
         if (round % 2 != 0) {
             ASSERT_TRUE(loop.waitFor("source ->")) << loop.errors();
-            std::this_thread::sleep_for(std::chrono::milliseconds(round));
+            sleepForMilliseconds(round);
             server.hang(); // leaves requests of the start unread
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10 * round));
+        sleepForMilliseconds(10 * round);
         loop.signal(SIGKILL);
         loop.finish();
         server.resume();
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (serverContents(client) != before)
-            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "round " << round << "\n"
-                                                                  << client.run("pw-dump");
+        ASSERT_TRUE(eventually([&] { return serverContents(client) == before; })) << "round " << round << "\n"
+                                                                                  << client.run("pw-dump");
     }
 }
 
@@ -140,19 +102,17 @@ TEST_F(DxrOnPipeWire, stopsWhenTheServerHangs)
     client.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
     ToolProcess record({"record", path("hung.wav"), "--in", "source"});
     ASSERT_TRUE(record.waitFor("source ->"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    sleepForMilliseconds(700);
     server.hang();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    sleepForMilliseconds(300);
     ToolProcess late({"list"});
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    sleepForMilliseconds(100);
     late.signal(SIGINT);
     record.signal(SIGINT);
     EXPECT_EQ(late.finish(std::chrono::seconds(10)), 128 + SIGINT);
     EXPECT_EQ(record.finish(std::chrono::seconds(10)), 0) << record.errors();
     server.resume();
-    const auto recorded = channelsOfWave(path("hung.wav"));
-    ASSERT_EQ(recorded.size(), 2U);
-    EXPECT_GT(recorded[0].size(), 5000U);
+    EXPECT_GT(samplesOf(path("hung.wav"), 2).size(), 10000U);
 }
 
 } // namespace

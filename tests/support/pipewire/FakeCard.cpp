@@ -8,14 +8,11 @@
 
 namespace {
 
-struct RouteDescription {
-    const char* name;
-    const char* description;
-    const char* portType;
-};
-constexpr RouteDescription routes[] = {{"analog-output-speaker", "Speakers", "speaker"},
-                                       {"analog-output-headphones", "Headphones", "headphones"},
-                                       {"analog-input-mic", "Microphone", "mic"}};
+constexpr struct {
+    const char *name, *description, *portType;
+} routes[] = {{"analog-output-speaker", "Speakers", "speaker"},
+              {"analog-output-headphones", "Headphones", "headphones"},
+              {"analog-input-mic", "Microphone", "mic"}};
 
 constexpr int32_t profile = 1;
 
@@ -52,10 +49,13 @@ FakeCard::FakeCard(const std::string& remote, Options options)
             pw_core_export(_client.core(), SPA_TYPE_INTERFACE_Device, &_properties->dict, &_device, 0));
     });
     const uint32_t id = _client.idOf(PW_TYPE_INTERFACE_Device, {{PW_KEY_DEVICE_NAME, deviceName()}});
-    _plug(sinkName(), "Audio/Sink", id, 0);
-    if (_options.microphone)
-        _plug("alsa_input." + _options.name + ".stereo", "Audio/Source/Virtual", id, 1);
-    _client.sync();
+    for (int device = 0; device < (_options.microphone ? 2 : 1); ++device)
+        _client.plug({.name = device == 0 ? sinkName() : "alsa_input." + _options.name + ".stereo",
+                      .mediaClass = device == 0 ? "Audio/Sink" : "Audio/Source/Virtual",
+                      .properties = {{PW_KEY_NODE_DESCRIPTION, "Fake Card Stereo"},
+                                     {PW_KEY_DEVICE_ID, std::to_string(id)},
+                                     {"card.profile.device", std::to_string(device)},
+                                     {"device.routes", device == 0 ? "2" : "1"}}});
 }
 
 FakeCard::~FakeCard()
@@ -64,16 +64,6 @@ FakeCard::~FakeCard()
     _client.destroy(_exported);
     _client.sync();
     pw_properties_free(_properties);
-}
-
-void FakeCard::_plug(const std::string& name, const char* mediaClass, uint32_t cardID, int device)
-{
-    _client.plug({.name = name,
-                  .mediaClass = mediaClass,
-                  .properties = {{PW_KEY_NODE_DESCRIPTION, "Fake Card Stereo"},
-                                 {PW_KEY_DEVICE_ID, std::to_string(cardID)},
-                                 {"card.profile.device", std::to_string(device)},
-                                 {"device.routes", device == 0 ? "2" : "1"}}});
 }
 
 int FakeCard::_addListener(void* object, spa_hook* listener, const spa_device_events* events, void* data)
@@ -158,30 +148,26 @@ spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t route)
 
 int FakeCard::_setParam(void* object, uint32_t id, uint32_t /*flags*/, const spa_pod* param)
 {
-    if (id != SPA_PARAM_Route || !param)
-        return -ENOENT;
-    static_cast<FakeCard*>(object)->_takeRoute(param);
-    return 0;
-}
-
-void FakeCard::_takeRoute(const spa_pod* param)
-{
+    auto* self = static_cast<FakeCard*>(object);
+    State& state = self->_state;
     uint32_t route = 0, device = 0;
     const spa_pod* properties = nullptr;
-    spa_pod_parse_object(param, SPA_TYPE_OBJECT_ParamRoute, nullptr, SPA_PARAM_ROUTE_index,
-                         SPA_POD_Int(&route), SPA_PARAM_ROUTE_device, SPA_POD_Int(&device),
-                         SPA_PARAM_ROUTE_props, SPA_POD_OPT_Pod(&properties));
-    if (route >= std::size(routes) || device > 1)
-        return;
-    _state.activeRoutes[device] = route;
     const spa_pod* volumes = nullptr;
+    if (id != SPA_PARAM_Route || !param ||
+        spa_pod_parse_object(param, SPA_TYPE_OBJECT_ParamRoute, nullptr, SPA_PARAM_ROUTE_index,
+                             SPA_POD_Int(&route), SPA_PARAM_ROUTE_device, SPA_POD_Int(&device),
+                             SPA_PARAM_ROUTE_props, SPA_POD_OPT_Pod(&properties)) < 0 ||
+        route >= std::size(routes) || device > 1)
+        return -EINVAL;
+    state.activeRoutes[device] = route;
     if (properties)
         spa_pod_parse_object(properties, SPA_TYPE_OBJECT_Props, nullptr, SPA_PROP_mute,
-                             SPA_POD_OPT_Bool(&_state.muted[route]), SPA_PROP_channelVolumes,
+                             SPA_POD_OPT_Bool(&state.muted[route]), SPA_PROP_channelVolumes,
                              SPA_POD_OPT_Pod(&volumes));
     if (volumes)
-        spa_pod_copy_array(volumes, SPA_TYPE_Float, _state.amplitudes[route], 2);
-    _changed();
+        spa_pod_copy_array(volumes, SPA_TYPE_Float, state.amplitudes[route], 2);
+    self->_changed();
+    return 0;
 }
 
 void FakeCard::_emitInfo(uint64_t changes)

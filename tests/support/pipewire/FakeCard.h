@@ -11,9 +11,8 @@
 class FakeCard {
 public:
     struct Options {
-        std::string name =
-            "fake";              ///< the card is alsa_card.NAME, its nodes alsa_output.NAME.stereo and so on
-        bool microphone = false; ///< whether it also has a source
+        std::string name = "fake";   ///< the card is alsa_card.NAME, its nodes alsa_output.NAME.stereo…
+        bool microphone = false;     ///< whether it also has a source
         NodeProperties properties{}; ///< of the card, added to the default serial number, maker and bus
     };
 
@@ -48,10 +47,8 @@ private:
 
     spa_pod* _param(spa_pod_builder& builder, uint32_t id, uint32_t index) const;
     spa_pod* _route(spa_pod_builder& builder, uint32_t id, uint32_t route) const;
-    void _takeRoute(const spa_pod* param);
     void _emitInfo(uint64_t changes);
     void _changed();
-    void _plug(const std::string& name, const char* mediaClass, uint32_t cardID, int device);
 
     const Options _options;
     TestClient _client;

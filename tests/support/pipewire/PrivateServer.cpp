@@ -1,16 +1,14 @@
 #include "PrivateServer.h"
 
-#include "PrivateProcess.h"
+#include "Eventually.h"
 
-#include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <thread>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -65,13 +63,10 @@ context.modules = [
 ]
 )";
 
-constexpr const char* drivers = R"(
+constexpr const char* driver = R"(
     { factory = spa-node-factory
       args = { factory.name = support.node.driver  node.name = Dummy-Driver
                node.group = pipewire.dummy  priority.driver = 20000 } }
-    { factory = spa-node-factory
-      args = { factory.name = support.node.driver  node.name = Freewheel-Driver
-               priority.driver = 19000  node.group = pipewire.freewheel  node.freewheel = true } }
 )";
 
 fs::path newFolder()
@@ -85,8 +80,7 @@ fs::path newFolder()
 /// The socket exists before the server listens on it: only a successful connection proves that it is ready.
 bool acceptsConnections(const std::string& path)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool accepts = connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
@@ -100,32 +94,56 @@ void copyWirePlumberConfiguration(const fs::path& to)
         throw std::runtime_error("WirePlumber is not installed");
     fs::copy(wirePlumber, to, fs::copy_options::recursive);
     std::ofstream(to / "main.lua.d" / "80-headless.lua") << withoutHardware;
-    std::ifstream original(to / "wireplumber.conf");
-    std::ostringstream kept;
+    std::ifstream original(std::string(wirePlumber) + "/wireplumber.conf");
+    std::ofstream kept(to / "wireplumber.conf");
     for (std::string line; std::getline(original, line);)
         if (line.find("bluetooth.lua") == std::string::npos)
             kept << line << '\n';
-    original.close();
-    std::ofstream(to / "wireplumber.conf") << kept.str();
 }
 
 } // namespace
 
-PrivateServer::PrivateServer(Options options, bool startNow)
-    : _options(std::move(options)),
-      _folder(_options.runtimeFolder.empty() ? newFolder() : fs::path(_options.runtimeFolder))
+pid_t startPrivateProcess(const std::vector<std::string>& command, const std::filesystem::path& folder,
+                          const std::vector<std::string>& variables)
 {
-    _writeConfiguration();
-    if (startNow)
-        start();
+    const char* path = std::getenv("PATH");
+    std::vector<std::string> words{"env", "-i", std::string("PATH=") + (path ? path : "/usr/bin:/bin"),
+                                   "HOME=" + folder.string(), "XDG_RUNTIME_DIR=" + folder.string()};
+    words.insert(words.end(), variables.begin(), variables.end());
+    words.insert(words.end(), command.begin(), command.end());
+    std::vector<char*> arguments;
+    for (std::string& word : words)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+
+    const pid_t process = fork();
+    if (process < 0)
+        throw std::runtime_error("cannot start " + command.front());
+    if (process == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        execvp(arguments[0], arguments.data());
+        _exit(127);
+    }
+    return process;
+}
+
+void endPrivateProcess(pid_t process, int signal)
+{
+    kill(process, signal);
+    kill(process, SIGCONT);
+    waitpid(process, nullptr, 0);
+}
+
+PrivateServer::PrivateServer(Options options) : _options(std::move(options)), _folder(newFolder() / "run")
+{
+    start();
 }
 
 PrivateServer::~PrivateServer()
 {
     kill();
     std::error_code ignored;
-    if (_options.runtimeFolder.empty())
-        fs::remove_all(_folder, ignored);
+    fs::remove_all(_folder.parent_path(), ignored);
 }
 
 void PrivateServer::_writeConfiguration() const
@@ -139,29 +157,19 @@ void PrivateServer::_writeConfiguration() const
     std::ofstream(_folder / "server.conf")
         << modules << "context.objects = [\n"
         << (_options.sessionManager ? "" : "    { factory = metadata args = { metadata.name = default } }\n")
-        << drivers << "]\n";
+        << driver << "]\n";
 }
 
 void PrivateServer::start()
 {
-    if (_server != 0)
-        return;
+    _writeConfiguration();
     _server = startPrivateProcess({"pipewire", "-c", _folder / "server.conf"}, _folder);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!acceptsConnections(remote())) {
-        if (std::chrono::steady_clock::now() > deadline)
-            throw std::runtime_error("the private server did not start");
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    if (_options.sessionManager)
-        _startSessionManager();
-}
-
-void PrivateServer::_startSessionManager()
-{
+    if (!eventually([this] { return acceptsConnections(remote()); }))
+        throw std::runtime_error("the private server did not start");
+    if (!_options.sessionManager)
+        return;
     const fs::path own = _folder / "wireplumber";
-    if (!fs::exists(own))
-        copyWirePlumberConfiguration(own);
+    copyWirePlumberConfiguration(own);
     _sessionManager = startPrivateProcess(
         {"wireplumber"}, _folder,
         {"WIREPLUMBER_CONFIG_DIR=" + own.string(), "WIREPLUMBER_DATA_DIR=" + std::string(wirePlumber)});
@@ -172,14 +180,4 @@ void PrivateServer::kill()
     for (pid_t* process : {&_sessionManager, &_server})
         if (*process != 0)
             endPrivateProcess(std::exchange(*process, 0), SIGKILL);
-}
-
-void PrivateServer::hang()
-{
-    ::kill(_server, SIGSTOP);
-}
-
-void PrivateServer::resume()
-{
-    ::kill(_server, SIGCONT);
 }

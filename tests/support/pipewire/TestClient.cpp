@@ -22,15 +22,6 @@ extern "C" const char* __tsan_default_suppressions() // NOLINT(bugprone-reserved
 
 namespace {
 
-NodeProperties nodeProperties(const VirtualDevice& device)
-{
-    NodeProperties all = device.properties; // insert() does not replace them
-    all.insert({{PW_KEY_NODE_NAME, device.name},
-                {PW_KEY_NODE_DESCRIPTION, "Virtual " + device.name},
-                {PW_KEY_MEDIA_CLASS, device.mediaClass}});
-    return all;
-}
-
 std::string channelPositions(uint32_t channelCount)
 {
     constexpr const char* surround[] = {"FL", "FR", "FC", "LFE", "RL", "RR"};
@@ -44,8 +35,11 @@ std::string channelPositions(uint32_t channelCount)
 
 NodeProperties nullDeviceProperties(const VirtualDevice& device)
 {
-    NodeProperties all = nodeProperties(device);
-    all.insert({{"factory.name", "support.null-audio-sink"},
+    NodeProperties all = device.properties; // insert() does not replace them
+    all.insert({{PW_KEY_NODE_NAME, device.name},
+                {PW_KEY_NODE_DESCRIPTION, "Virtual " + device.name},
+                {PW_KEY_MEDIA_CLASS, device.mediaClass},
+                {"factory.name", "support.null-audio-sink"},
                 {PW_KEY_AUDIO_CHANNELS, std::to_string(device.channelCount)},
                 {"audio.position", channelPositions(device.channelCount)},
                 {"monitor.channel-volumes", "false"},
@@ -107,10 +101,9 @@ TestClient::~TestClient()
 void TestClient::_done(void* data, uint32_t id, int sequence)
 {
     auto* self = static_cast<TestClient*>(data);
-    if (id == PW_ID_CORE && sequence == self->_pendingSync) {
-        self->_synced = true;
-        self->changed();
-    }
+    if (id == PW_ID_CORE)
+        self->_lastSync = sequence;
+    self->changed();
 }
 
 void TestClient::_global(void* data, uint32_t id, uint32_t /*permissions*/, const char* type,
@@ -140,11 +133,9 @@ void TestClient::locked(const std::function<void()>& work) const
 
 void TestClient::sync()
 {
-    locked([this] {
-        _synced = false;
-        _pendingSync = pw_core_sync(_core, PW_ID_CORE, 0);
-    });
-    if (!waitUntil([this] { return _synced; }))
+    int sequence = 0;
+    locked([&] { sequence = pw_core_sync(_core, PW_ID_CORE, 0); });
+    if (!waitUntil([&] { return _lastSync >= sequence; }))
         throw std::runtime_error("the server does not reply");
 }
 
@@ -224,89 +215,32 @@ pw_proxy* TestClient::link(uint32_t outputNode, const std::string& outputPort, u
                     {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}});
 }
 
-void TestClient::destroy(pw_proxy* proxy)
+void TestClient::destroy(pw_proxy* proxy) const
 {
     locked([&] { pw_proxy_destroy(proxy); });
 }
 
 void TestClient::plug(const VirtualDevice& device)
 {
-    _plugged.push_back(
-        {.name = device.name,
-         .proxy = _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, nullDeviceProperties(device))});
-}
-
-void TestClient::plugBareNode(const VirtualDevice& device)
-{
-    const pw_direction direction =
-        device.mediaClass == "Audio/Sink" ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT;
-    pw_filter* filter = nullptr;
-    locked([&] {
-        filter = pw_filter_new(_core, device.name.c_str(), newProperties(nodeProperties(device)));
-        for (uint32_t i = 0; i < device.channelCount; ++i)
-            pw_filter_add_port(filter, direction, PW_FILTER_PORT_FLAG_MAP_BUFFERS, 1,
-                               newProperties({{PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
-                                              {PW_KEY_PORT_NAME, "port_" + std::to_string(i)}}),
-                               nullptr, 0);
-        pw_filter_connect(filter, PW_FILTER_FLAG_NONE, nullptr, 0);
-    });
-    _plugged.push_back({.name = device.name, .filter = filter});
-    waitUntil([&] { return pw_filter_get_state(filter, nullptr) >= PW_FILTER_STATE_PAUSED; });
-    sync();
-}
-
-void TestClient::plugExported(const VirtualDevice& device)
-{
-    Plugged plugged{.name = device.name};
-    locked([&] {
-        pw_impl_factory* factory = pw_context_find_factory(_context, "adapter");
-        plugged.node = static_cast<pw_impl_node*>(
-            pw_impl_factory_create_object(factory, nullptr, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
-                                          newProperties(nullDeviceProperties(device)), 0));
-        pw_impl_node_set_active(plugged.node, true);
-        plugged.proxy =
-            static_cast<pw_proxy*>(pw_core_export(_core, PW_TYPE_INTERFACE_Node, nullptr, plugged.node, 0));
-    });
-    _plugged.push_back(plugged);
-    nodeID(device.name);
-    sync();
-}
-
-void TestClient::change(const std::string& name, const NodeProperties& properties)
-{
-    pw_properties* all = newProperties(properties);
-    const auto plugged = std::ranges::find(_plugged, name, &Plugged::name);
-    locked([&] { pw_impl_node_update_properties(plugged->node, &all->dict); });
-    pw_properties_free(all);
-    sync();
-}
-
-void TestClient::_destroy(const Plugged& plugged) const
-{
-    locked([&] {
-        if (plugged.filter)
-            pw_filter_destroy(plugged.filter);
-        if (plugged.proxy)
-            pw_proxy_destroy(plugged.proxy);
-        if (plugged.node)
-            pw_impl_node_destroy(plugged.node);
-    });
+    _plugged.emplace_back(device.name, _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
+                                               nullDeviceProperties(device)));
 }
 
 void TestClient::unplug(const std::string& name)
 {
-    const auto last = std::ranges::find(_plugged.rbegin(), _plugged.rend(), name, &Plugged::name);
+    const auto last = std::ranges::find(_plugged.rbegin(), _plugged.rend(), name,
+                                        &std::pair<std::string, pw_proxy*>::first);
     if (last == _plugged.rend())
         throw std::runtime_error(name + " is not plugged");
-    _destroy(*last);
+    destroy(last->second);
     _plugged.erase(std::next(last).base());
     sync();
 }
 
 void TestClient::unplugAll()
 {
-    for (const Plugged& each : std::exchange(_plugged, {}))
-        _destroy(each);
+    for (const auto& [name, proxy] : std::exchange(_plugged, {}))
+        destroy(proxy);
 }
 
 std::string TestClient::run(const std::string& command) const

@@ -4,8 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <pipewire/filter.h>
-#include <pipewire/impl.h>
 #include <pipewire/pipewire.h>
 #include <string>
 #include <vector>
@@ -19,7 +17,7 @@ pw_properties* newProperties(const NodeProperties& properties);
 struct VirtualDevice {
     std::string name;
     std::string mediaClass = "Audio/Sink"; ///< or Audio/Source/Virtual, Audio/Duplex
-    uint32_t channelCount = 2;             ///< at most 64, except for a bare node
+    uint32_t channelCount = 2;             ///< at most 64
     NodeProperties properties{};           ///< added to the implied properties; takes precedence
 };
 
@@ -59,18 +57,11 @@ public:
     /// Links an output port to an input port, each given by its node and its port name.
     pw_proxy* link(uint32_t outputNode, const std::string& outputPort, uint32_t inputNode,
                    const std::string& inputPort);
-    void destroy(pw_proxy* proxy);
+    void destroy(pw_proxy* proxy) const;
 
     // -- Virtual devices. Each function returns once the server has made the change.
 
     void plug(const VirtualDevice& device);
-    /// The same, for a node with ports made by this process: none, or more than a device of the server can
-    /// have. It outputs silence.
-    void plugBareNode(const VirtualDevice& device);
-    /// Like plug(), for a device in this process, as a session manager's are. Its properties can be changed.
-    void plugExported(const VirtualDevice& device);
-    /// Changes properties of an exported device.
-    void change(const std::string& name, const NodeProperties& properties);
     /// Removes the device plugged last under this name.
     void unplug(const std::string& name);
     void unplugAll();
@@ -88,12 +79,6 @@ private:
         std::string type;
         NodeProperties properties;
     };
-    struct Plugged {
-        std::string name;
-        pw_proxy* proxy = nullptr;
-        pw_filter* filter = nullptr;
-        pw_impl_node* node = nullptr;
-    };
     static void _done(void* data, uint32_t id, int sequence);
     static void _global(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
                         const spa_dict* properties);
@@ -101,7 +86,6 @@ private:
     pw_proxy* _create(const char* factory, const char* type, uint32_t version,
                       const NodeProperties& properties);
     std::vector<uint32_t> _find(const std::string& type, const NodeProperties& properties) const;
-    void _destroy(const Plugged& plugged) const;
 
     const std::string _remote;
     pw_thread_loop* _loop = nullptr;
@@ -110,7 +94,6 @@ private:
     pw_registry* _registry = nullptr;
     spa_hook _coreListener{}, _registryListener{};
     std::map<uint32_t, Global> _globals;
-    int _pendingSync = -1;
-    bool _synced = false;
-    std::vector<Plugged> _plugged;
+    int _lastSync = -1; // sequence number of the last sync that the server has reported
+    std::vector<std::pair<std::string, pw_proxy*>> _plugged; // by name
 };

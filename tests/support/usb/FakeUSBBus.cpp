@@ -4,33 +4,22 @@
 
 #include <stdexcept>
 #include <umockdev.h>
-#include <vector>
 
 namespace {
 
-std::string added(UMockdevTestbed* testbed, const char* subsystem, const std::string& name,
-                  const std::string& parent,
-                  const std::vector<std::pair<std::string, std::string>>& attributes,
-                  const std::vector<std::pair<std::string, std::string>>& properties)
+/// The folder of the device at "3-1.4", without "/sys": below those of bus 3 and of the hub at 3-1.
+std::string folderOf(const std::string& place)
 {
-    const auto pointers = [](const auto& pairs) {
-        std::vector<char*> list;
-        for (const auto& [key, value] : pairs) {
-            list.push_back(const_cast<char*>(key.c_str()));
-            list.push_back(const_cast<char*>(value.c_str()));
-        }
-        list.push_back(nullptr);
-        return list;
-    };
-    gchar* const path = umockdev_testbed_add_devicev(
-        testbed, subsystem, name.c_str(), parent.empty() ? nullptr : parent.c_str(),
-        pointers(attributes).data(), pointers(properties).data());
-    if (!path)
-        throw std::runtime_error("umockdev: cannot add " + name);
-    std::string result = path;
-    g_free(path);
-    return result;
+    const size_t end = place.find_last_of("-.");
+    return end == std::string::npos ? "/devices/usb" + place : folderOf(place.substr(0, end)) + "/" + place;
 }
+
+std::string interfaceOf(const std::string& place)
+{
+    return folderOf(place) + "/" + place + ":1.0";
+}
+
+constexpr const char* device = "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n";
 
 } // namespace
 
@@ -47,52 +36,38 @@ FakeUSBBus::~FakeUSBBus()
     dxr::USBRegistry::refresh();
 }
 
-std::string FakeUSBBus::_hub(const std::string& place)
+void FakeUSBBus::_add(const std::string& folder, const std::string& description)
 {
-    const size_t end = place.find_last_of("-.");
-    const bool isRoot = place[end] == '-';
-    const std::string hub = isRoot ? "usb" + place.substr(0, end) : place.substr(0, end);
-    std::string& folder = _folders[hub];
-    if (folder.empty())
-        folder = added(_testbed, "usb", hub, isRoot ? "" : _hub(hub), {}, {{"DEVTYPE", "usb_device"}});
-    return folder;
+    if (!_folders.insert(folder).second)
+        return;
+    if (!umockdev_testbed_add_from_string(_testbed, ("P: " + folder + "\n" + description).c_str(), nullptr))
+        throw std::runtime_error("umockdev: cannot add " + folder);
 }
 
 void FakeUSBBus::plug(const std::string& place, uint32_t card, const Unit& unit)
 {
-    std::vector<std::pair<std::string, std::string>> attributes{{"manufacturer", unit.manufacturer},
-                                                                {"product", unit.product},
-                                                                {"idVendor", "1235"},
-                                                                {"idProduct", "8211"}};
-    if (unit.serial)
-        attributes.emplace_back("serial", *unit.serial);
-    const std::string device =
-        added(_testbed, "usb", place, _hub(place), attributes, {{"DEVTYPE", "usb_device"}});
-    const std::string interface = added(_testbed, "usb", place + ":1.0", device, {{"bInterfaceNumber", "00"}},
-                                        {{"DEVTYPE", "usb_interface"}});
-    _cards[place] =
-        added(_testbed, "sound", "card" + std::to_string(card), interface, {}, {{"ID_PATH", busPath(place)}});
-    _folders[place] = device;
+    for (size_t end = 0; (end = place.find_first_of("-.", end + 1)) != std::string::npos;)
+        _add(folderOf(place.substr(0, end)), device); // the bus and the hubs
+    _add(folderOf(place), device + ("A: idVendor=1235\nA: idProduct=8211\nA: manufacturer=" +
+                                    unit.manufacturer + "\nA: product=" + unit.product + "\n" +
+                                    (unit.serial ? "A: serial=" + *unit.serial + "\n" : "")));
+    _add(interfaceOf(place), "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_interface\nA: bInterfaceNumber=00\n");
+    _cards[place] = interfaceOf(place) + "/card" + std::to_string(card);
+    _add(_cards[place], "E: SUBSYSTEM=sound\nE: ID_PATH=" + busPath(place) + "\n");
     dxr::USBRegistry::refresh();
 }
 
 void FakeUSBBus::unplug(const std::string& place)
 {
-    const std::string& device = _folders.at(place);
     // One by one, because umockdev does not remove the links to devices below.
-    for (const std::string& each : {_cards.at(place), device + "/" + place + ":1.0", device})
-        umockdev_testbed_remove_device(_testbed, each.c_str());
-    _folders.erase(place);
-    _cards.erase(place);
+    for (const std::string& each : {_cards.at(place), interfaceOf(place), folderOf(place)}) {
+        umockdev_testbed_remove_device(_testbed, ("/sys" + each).c_str());
+        _folders.erase(each);
+    }
     dxr::USBRegistry::refresh();
 }
 
 std::string FakeUSBBus::busPath(const std::string& place)
 {
     return "pci-0000:00:14.0-usb-0:" + place.substr(place.find('-') + 1) + ":1.0";
-}
-
-std::string FakeUSBBus::cardFolder(const std::string& place) const
-{
-    return _cards.at(place).substr(4); // "/sys"
 }

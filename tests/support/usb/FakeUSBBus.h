@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 struct _UMockdevTestbed;
@@ -20,19 +21,18 @@ public:
         std::string product = "Product";
         std::optional<std::string> serial = {};
     };
-    /// Plugs in a sound card, at "3-1.4" for instance: bus 3, port 4 of the hub on port 1. Also adds the
-    /// hubs.
+    /// Plugs in a sound card and its hubs, at "3-1.4" for instance: bus 3, port 4 of the hub on port 1.
     void plug(const std::string& place, uint32_t card, const Unit& unit);
     void unplug(const std::string& place);
     /// Returns udev's ID_PATH of a card at this place.
     static std::string busPath(const std::string& place);
     /// The card's folder in the kernel's device tree, without "/sys".
-    std::string cardFolder(const std::string& place) const;
+    const std::string& cardFolder(const std::string& place) const { return _cards.at(place); }
 
 private:
-    std::string _hub(const std::string& place);
+    void _add(const std::string& folder, const std::string& description);
 
     _UMockdevTestbed* const _testbed;
-    std::map<std::string, std::string> _folders; // by place
-    std::map<std::string, std::string> _cards;   // by place
+    std::set<std::string> _folders;            // of all devices, without "/sys"
+    std::map<std::string, std::string> _cards; // the card's folder, by place
 };
