@@ -3,7 +3,7 @@
 #include "FilePlayer.h"
 #include "FileRecorder.h"
 #include "LoopPatch.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <dxr/DXRDeviceManager.h>
 #include <dxr/simulated.h>

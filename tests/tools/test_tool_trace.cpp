@@ -1,7 +1,7 @@
 #include "ChromeTraceWriter.h"
 #include "CyclePicture.h"
 #include "CycleStatistics.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
