@@ -1,7 +1,7 @@
 #include "DxrCommand.h"
 
 #include "SineFit.h"
-#include "TextFormat.h"
+#include "Text.h"
 #include "WaveFile.h"
 
 #include <cmath>

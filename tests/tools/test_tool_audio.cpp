@@ -3,7 +3,7 @@
 #include "LoopPatch.h"
 #include "Ramp.h"
 #include "SimulatedComputer.h"
-#include "ToolFailure.h"
+#include "Text.h"
 #include "WaveFile.h"
 
 #include <dxr/DXRDeviceManager.h>

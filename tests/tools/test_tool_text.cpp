@@ -1,7 +1,6 @@
 #include "DeviceTable.h"
-#include "DisplayText.h"
 #include "MonitorView.h"
-#include "TextFormat.h"
+#include "Text.h"
 
 #include <gtest/gtest.h>
 

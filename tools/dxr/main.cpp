@@ -1,22 +1,19 @@
 #include "Commands.h"
-#include "DisplayText.h"
 #include "Interrupts.h"
-#include "ToolFailure.h"
 
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
 #include <dxr/DXRVersion.h>
-#include <iostream>
 #include <numeric>
 
 namespace {
 
 constexpr void (*commands[])(CLI::App&) = {
-    registerListCommand,      registerWatchCommand,    registerInfoCommand,      registerSetCommand,
-    registerRememberCommands, registerArchiveCommands, registerLoopCommand,      registerPlayCommand,
-    registerRecordCommand,    registerTraceCommand,    registerMonitorCommand,   registerDemoCommand,
-    registerResampleCommand,  registerPlotCommand,     registerAggregateCommand, registerPagesCommands};
+    registerListCommands,     registerInfoCommand,  registerSetCommands,     registerArchiveCommands,
+    registerLoopCommand,      registerPlayCommand,  registerRecordCommand,   registerTraceCommand,
+    registerMonitorCommand,   registerDemoCommand,  registerResampleCommand, registerPlotCommand,
+    registerAggregateCommand, registerPagesCommands};
 
 /// The edit distance of two words.
 size_t distance(const std::string& a, const std::string& b)

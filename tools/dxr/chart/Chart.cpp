@@ -1,8 +1,6 @@
 #include "Chart.h"
 
-#include "DisplayText.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cmath>

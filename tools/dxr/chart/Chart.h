@@ -15,7 +15,6 @@ struct ChartTextStyle {
 
 /// Draws an SVG picture. Later elements cover earlier ones. x grows to the right and y downwards. Texts may
 /// contain any characters.
-/// Threads: one at a time.
 class Chart {
 public:
     static constexpr const char *ink = "#1d2433", *faint = "#8a93a6", *grid = "#e6e9f0";
@@ -34,7 +33,6 @@ public:
     void circle(Point centre, double radius, const char* colour);
     void curve(std::span<const Point> points, const char* colour, double thickness = 1.5);
 
-    /// Returns the picture as SVG text, on a light background.
     std::string svg(double height) const;
     /// Throws ToolFailure if the file cannot be written.
     static void writeFile(const std::string& path, const std::string& svg);
@@ -52,7 +50,6 @@ struct ChartAxis {
 
     /// The position of `value` on the axis, 0 to 1; values outside the axis are clamped.
     double share(double value) const;
-    /// The values of the grid lines.
     std::vector<double> lines() const;
     /// An axis over the middle 92 % of `values`, at least `minSpan` long. The extremes are left out because
     /// those at the start of a run would flatten the rest of the curve.
@@ -60,7 +57,6 @@ struct ChartAxis {
 };
 
 /// A rectangle with two axes, from Chart::left to Chart::right.
-/// Threads: one at a time.
 class ChartPanel {
 public:
     static constexpr double below = 52.0; ///< height for its labels and the next panel's title

@@ -2,9 +2,7 @@
 
 #include "CycleStatistics.h"
 #include "DeviceReport.h"
-#include "DisplayText.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <cerrno>
 #include <cmath>

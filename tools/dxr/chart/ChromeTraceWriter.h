@@ -7,7 +7,6 @@
 /// Writes the trace of a runner as Chrome trace events, for chrome://tracing and Perfetto: a track of cycles
 /// with their blocks, a track of contexts, counters for lateness and run time, and marks for single events.
 /// If the process is killed, the incomplete file can still be opened.
-/// Threads: one at a time.
 class ChromeTraceWriter {
 public:
     /// Creates or truncates the file; `title` may be any text. Throws ToolFailure if it cannot be written.

@@ -1,11 +1,7 @@
 #include "CyclePicture.h"
 
 #include "CycleStatistics.h"
-#include "DisplayText.h"
-#include "TextFormat.h"
-
-#include <algorithm>
-#include <cmath>
+#include "Text.h"
 
 using Event = DXRCycleRecord::Event;
 using Context = DXRCycleRecord::Context;

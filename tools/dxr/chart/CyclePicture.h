@@ -1,14 +1,58 @@
 #pragma once
 
 #include "Chart.h"
-#include "TickHistogram.h"
 
+#include <algorithm>
+#include <array>
+#include <cmath>
 #include <dxr/DXRCycleTrace.h>
+
+/// Counts durations in logarithmic bins, 24 to a decade, from 100 ns to 10 s. Durations outside this range
+/// are counted in the first or last bin.
+class TickHistogram {
+public:
+    static constexpr size_t binsPerDecade = 24;
+    static constexpr size_t binCount = 8 * binsPerDecade;
+    static constexpr double minSeconds = 1e-7;
+
+    void note(double seconds)
+    {
+        const double place = std::log10(std::max(seconds, minSeconds) / minSeconds) * binsPerDecade;
+        ++_bins[std::min(static_cast<size_t>(place), binCount - 1)];
+        ++_count;
+        _longest = std::max(_longest, seconds);
+    }
+    uint64_t count() const { return _count; }
+    double longestSeconds() const { return _longest; }
+    uint64_t countIn(size_t bin) const { return _bins[bin]; }
+    /// The lower limit of a bin, in seconds; beginOf(binCount) is the upper limit of the last.
+    static double beginOf(size_t bin)
+    {
+        return minSeconds * std::pow(10.0, static_cast<double>(bin) / binsPerDecade);
+    }
+    /// The duration that the part `share`, 0 to 1, of all durations does not exceed, to the accuracy of a
+    /// bin; 0 if nothing was counted.
+    double quantileSeconds(double share) const
+    {
+        const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(_count)));
+        uint64_t seen = 0;
+        for (size_t bin = 0; bin < binCount; ++bin) {
+            seen += _bins[bin];
+            if (seen >= wanted && seen > 0)
+                return std::min(beginOf(bin + 1), _longest);
+        }
+        return _longest;
+    }
+
+private:
+    std::array<uint64_t, binCount> _bins{};
+    uint64_t _count = 0;
+    double _longest = 0.0;
+};
 
 /// Draws the cycles of a runner: their source, the connected devices, lateness, run time, and the difference
 /// between the runner's time and the clock, each over time; then the distribution of lateness and run times.
 /// Memory use is bounded, however long the run.
-/// Threads: one at a time.
 class CyclePicture {
 public:
     void note(std::span<const DXRCycleRecord> records)
@@ -36,7 +80,6 @@ public:
         std::vector<Curve> curves;
     };
     void add(Panel panel) { _panels.push_back(std::move(panel)); }
-    /// Seconds since the first record.
     double secondsAt(uint64_t hostTicks) const;
 
     /// Returns the SVG picture of a run at `sampleRate` Hz. Texts may contain any characters.
@@ -44,7 +87,6 @@ public:
                     const std::string& results) const;
 
 private:
-    /// The cycles of a short stretch of time.
     struct Stretch {
         double latest = -1.0;          // maximum seconds from due to begin; negative: no cycle
         double longest = -1.0;         // maximum seconds that blocks ran

@@ -1,15 +1,10 @@
 #include "Commands.h"
 
-#include "DeviceLookup.h"
 #include "DeviceProperties.h"
-#include "DisplayText.h"
 #include "SessionScreen.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <algorithm>
 #include <dxr/CXValue.h>
-#include <iostream>
 #include <unistd.h>
 
 namespace {

@@ -1,6 +1,9 @@
 #pragma once
 
 #include "HardwareChoice.h"
+#include "Terminal.h"
+
+#include <iostream>
 
 /// Adds a command to `parent`. Options are constructed from the command if they have such a constructor, else
 /// by default. When the command is parsed, the hardware is selected and `run` is called with the options.
@@ -24,12 +27,10 @@ std::pair<CLI::App&, Options&> addCommand(CLI::App& parent, const char* name, co
 
 // Each function adds the commands defined in the source file of the same name.
 
-void registerListCommand(CLI::App& app);
-void registerWatchCommand(CLI::App& app);
+void registerListCommands(CLI::App& app); ///< list, watch
 void registerInfoCommand(CLI::App& app);
-void registerSetCommand(CLI::App& app);
-void registerRememberCommands(CLI::App& app); ///< remember, forget
-void registerArchiveCommands(CLI::App& app);  ///< archive, show, ref
+void registerSetCommands(CLI::App& app);     ///< set, remember, forget
+void registerArchiveCommands(CLI::App& app); ///< archive, show, ref; in InfoCommand.cpp
 void registerLoopCommand(CLI::App& app);
 void registerPlayCommand(CLI::App& app);
 void registerRecordCommand(CLI::App& app);

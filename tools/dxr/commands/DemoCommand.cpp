@@ -3,11 +3,8 @@
 #include "CyclePicture.h"
 #include "DemoClaim.h"
 #include "DeviceTable.h"
-#include "DisplayText.h"
 #include "LoopPatch.h"
 #include "SessionScreen.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,7 +17,6 @@
 #include <dxr/MainQueue.h>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 
 namespace {
 
@@ -70,8 +66,6 @@ class Demo {
 public:
     explicit Demo(const Options& options);
     ~Demo();
-    Demo(const Demo&) = delete;
-    Demo& operator=(const Demo&) = delete;
 
     /// Throws ToolFailure if the user stops the demo or a claim is not confirmed.
     void run();

@@ -2,21 +2,34 @@
 
 #include "DeviceTable.h"
 #include "DeviceWatch.h"
-#include "DisplayText.h"
 #include "Interrupts.h"
-#include "LiveLines.h"
-#include "ToolFailure.h"
 
 #include <csignal>
 #include <dxr/HALHardwareDriver.h>
-#include <iostream>
 
 namespace {
 
 struct Options : HardwareChoice {
     using HardwareChoice::HardwareChoice;
-    bool withHidden = false, asJSON = false, watches = false;
+    bool withHidden = false, asJSON = false;
+    bool watches = false;      // of list
+    bool withIdentity = false; // of watch
 };
+
+/// Calls `use` with the events at the start and after every change, until the user ends it. `milliseconds` is
+/// the maximum time between two calls; -1: no limit.
+template <class Use> void follow(const Options& options, int milliseconds, Use use)
+{
+    const Interrupts interrupts;
+    std::signal(SIGPIPE, SIG_DFL); // ends the process when the reader of its output ends
+    DeviceWatch watch(options.withHidden);
+    use(watch.begin());
+    const std::jthread visitor = options.visitor();
+    while (interrupts.wait(milliseconds, DeviceWatch::fd()))
+        use(watch.next());
+}
+
+// ---- list
 
 std::vector<std::string> linesOf(const Options& options, const Terminal& terminal)
 {
@@ -37,45 +50,68 @@ std::vector<std::string> linesOf(const Options& options, const Terminal& termina
                            : deviceTable(devices, terminal.columns(), terminal);
 }
 
-/// Prints the list now and whenever it changes: on a terminal redrawn in place, else below the last one.
-void watch(const Options& options, const Terminal& terminal)
+void list(Options& options)
 {
-    const Interrupts interrupts;
-    std::signal(SIGPIPE, SIG_DFL); // ends the process when the reader of its output ends
-    LiveLines live(terminal);
-    DeviceWatch changes(options.withHidden);
-    changes.begin();
-    const auto visitor = options.visitor();
+    Terminal terminal;
     std::vector<std::string> shown;
-    do {
-        changes.next();
+    const auto show = [&](const auto&) {
         std::vector<std::string> lines = linesOf(options, terminal);
         if (lines == shown)
-            continue;
-        if (terminal.isLive())
-            live.draw(lines);
+            return;
+        if (options.watches && terminal.isLive())
+            terminal.draw(lines);
         else
             for (const std::string& line : lines)
                 std::cout << line << std::endl;
         shown = std::move(lines);
-    } while (interrupts.wait(terminal.isLive() ? 500 : -1, DeviceWatch::fd())); // the terminal may be resized
+    };
+    if (options.watches)
+        follow(options, terminal.isLive() ? 500 : -1, show); // the terminal may be resized
+    else
+        show(shown);
 }
 
-void run(Options& options)
+// ---- watch
+
+// Indexed by DeviceWatch::Kind.
+constexpr Style styles[] = {Style::Plain, Style::Green, Style::Red, Style::Yellow, Style::Red, Style::Cyan};
+
+std::string lineOf(const DeviceWatch::Event& event, const Options& options, const Terminal& terminal)
+{
+    const std::string identity = options.withIdentity ? event.identity() : "";
+    if (!options.asJSON)
+        return terminal.styled(formatLocalTime(event.when), Style::Dim) + "  " +
+               terminal.styled(event.text(), styles[static_cast<size_t>(event.kind)]) +
+               (identity.empty() ? "" : "  [" + identity + "]");
+    CXPlist line = event.json();
+    if (options.withIdentity)
+        line["identity"] = identity;
+    return jsonText(line, -1, terminal.isLive());
+}
+
+void watch(Options& options)
 {
     const Terminal terminal;
-    if (options.watches)
-        return watch(options, terminal);
-    for (const std::string& line : linesOf(options, terminal))
-        std::cout << line << "\n";
+    follow(options, -1, [&](const std::vector<DeviceWatch::Event>& events) {
+        for (const DeviceWatch::Event& event : events)
+            if (!(std::cout << lineOf(event, options, terminal) << std::endl))
+                throw ToolFailure("cannot write to standard output");
+    });
 }
 
 } // namespace
 
-void registerListCommand(CLI::App& app)
+void registerListCommands(CLI::App& app)
 {
-    const auto [command, options] = addCommand(app, "list", "Show the audio devices", run);
+    const auto [command, options] = addCommand(app, "list", "Show the audio devices", list);
     command.add_flag("--all", options.withHidden, "Include hidden devices");
     command.add_flag("--json", options.asJSON, "Print a JSON array of all properties of the devices");
     command.add_flag("--watch", options.watches, "Print the list again whenever it changes, until Ctrl-C");
+
+    const auto [watchCommand, watchOptions] =
+        addCommand(app, "watch", "Report devices that connect, disconnect or change, until Ctrl-C", watch);
+    watchCommand.add_flag("--all", watchOptions.withHidden, "Include hidden devices");
+    watchCommand.add_flag("--json", watchOptions.asJSON, "Print a JSON object per line");
+    watchCommand.add_flag("--identity", watchOptions.withIdentity,
+                          "Print the objects of each device, which stay the same when it is connected again");
 }

@@ -3,9 +3,6 @@
 #include "LoopPatch.h"
 #include "RunnerOptions.h"
 #include "SessionScreen.h"
-#include "TextFormat.h"
-
-#include <iostream>
 
 namespace {
 
@@ -59,7 +56,7 @@ void run(RunnerOptions& options)
     runLoop(session, *patch, options.seconds(), screen);
     session.stop();
     screen.finish(formatCount(patch->framesPassed(), "frame") + " moved (" +
-                  formatSeconds(static_cast<double>(patch->framesPassed()) / session.sampleRate()) + ")");
+                  formatFrames(patch->framesPassed(), session.sampleRate()) + ")");
 }
 
 } // namespace

@@ -5,8 +5,6 @@
 #include "MonitorView.h"
 #include "RunnerOptions.h"
 #include "TerminalScreen.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <algorithm>
 #include <dxr/HostClock.h>
@@ -15,13 +13,10 @@
 
 namespace {
 
-/// Runs the devices and draws their state until the user ends it.
 class Monitor {
 public:
     explicit Monitor(RunnerOptions& options);
     ~Monitor() { dxr::LogSink::setWriter({}); }
-    Monitor(const Monitor&) = delete;
-    Monitor& operator=(const Monitor&) = delete;
 
     void run();
 
@@ -40,7 +35,7 @@ private:
     RunnerOptions& _options;
     const Interrupts _interrupts;
     DeviceWatch _watch{false};
-    const std::unique_ptr<SimulatedVisitor> _visitor; // null on real hardware
+    const std::jthread _visitor;
     TerminalScreen _screen;
     const Terminal _terminal;
 

@@ -1,28 +1,18 @@
 #include "Commands.h"
 
 #include "DeviceReport.h"
-#include "DisplayText.h"
-#include "ToolFailure.h"
 
 #include <algorithm>
 #include <dxr/DXRVersion.h>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 
 namespace {
 
 std::vector<const CLI::App*> commandsOf(const CLI::App& app)
 {
-    return app.get_subcommands([](const CLI::App* command) {
-        return !command->get_group().empty() && !command->get_name().empty();
-    });
-}
-
-std::vector<const CLI::Option*> optionsOf(const CLI::App& command)
-{
-    return command.get_options([](const CLI::Option* option) { return !option->get_group().empty(); });
+    return app.get_subcommands(nullptr); // without a filter: all
 }
 
 /// How an option is written: "--in DEVICE", "-h, --help", or the name of an argument.
@@ -56,7 +46,7 @@ std::string roff(const std::string& text)
 
 void writeOptions(std::ostream& page, const CLI::App& command)
 {
-    for (const CLI::Option* option : optionsOf(command))
+    for (const CLI::Option* option : command.get_options())
         page << ".TP\n.B " << roff(usageOf(*option)) << "\n" << roff(option->get_description()) << "\n";
 }
 
@@ -69,7 +59,7 @@ void writePage(std::ostream& page, const std::string& name, const CLI::App& comm
          << "\" \"User Commands\"\n.SH NAME\n"
          << roff(name) << " \\- " << roff(command.get_description()) << "\n.SH SYNOPSIS\n.B "
          << (isWhole ? "dxr" : "dxr " + command.get_name()) << "\n";
-    for (const CLI::Option* option : optionsOf(command))
+    for (const CLI::Option* option : command.get_options())
         if (option->get_positional())
             page << (option->get_required() ? "" : "[") << "\\fI" << roff(option->get_name(true)) << "\\fR"
                  << (option->get_required() ? "\n" : "]\n");
@@ -146,7 +136,7 @@ void printWords(const CLI::App& app, const std::string& line)
         return;
     for (const CLI::App* each : commandsOf(*command))
         std::cout << each->get_name() << "\t" << each->get_description() << "\n";
-    for (const CLI::Option* option : optionsOf(*command))
+    for (const CLI::Option* option : command->get_options())
         for (const std::string& name : option->get_lnames())
             std::cout << "--" << name << "\t" << option->get_description() << "\n";
 }

@@ -1,16 +1,11 @@
 #include "Commands.h"
 
-#include "DisplayText.h"
 #include "FilePlayer.h"
-#include "LevelBar.h"
 #include "RunnerOptions.h"
 #include "SessionScreen.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <cmath>
 #include <filesystem>
-#include <iostream>
 
 namespace {
 
@@ -46,7 +41,6 @@ ChannelMap mapFor(const Options& options, uint32_t fileChannels, const DeviceSel
     return map;
 }
 
-/// The number of frames to play.
 uint64_t lengthOf(const Options& options, const SoundFileReader& file)
 {
     if (options.isRepeated && file.isStream())
@@ -61,13 +55,13 @@ uint64_t lengthOf(const Options& options, const SoundFileReader& file)
 /// The time played and, if the length is known, a progress bar.
 std::string statusOf(const FilePlayer& player, double rate, size_t width)
 {
-    const auto played = static_cast<double>(player.framesPlayed());
+    const uint64_t played = player.framesPlayed();
     const std::optional<uint64_t> all = player.frameCount();
     if (!all)
-        return formatSeconds(played / rate) + " played   Ctrl-C ends";
-    const auto whole = static_cast<double>(*all);
-    const std::string times = formatSeconds(played / rate) + " of " + formatSeconds(whole / rate) + "  ";
-    const auto [done, rest] = shareBar(played / whole, width - std::min(width, times.size()), "━", "─");
+        return formatFrames(played, rate) + " played   Ctrl-C ends";
+    const std::string times = formatFrames(played, rate) + " of " + formatFrames(*all, rate) + "  ";
+    const double share = static_cast<double>(played) / static_cast<double>(*all);
+    const auto [done, rest] = shareBar(share, width - std::min(width, times.size()), "━", "─");
     return times + done + rest;
 }
 
@@ -89,8 +83,7 @@ std::string resultOf(const FilePlayer& player, double rate)
 {
     return formatCount(player.framesPlayed(), "frame") +
            (player.frameCount() ? " of " + formatNumber(*player.frameCount()) : "") + " played (" +
-           formatSeconds(static_cast<double>(player.framesPlayed()) / rate) + "), " +
-           formatCount(player.underruns(), "underrun");
+           formatFrames(player.framesPlayed(), rate) + "), " + formatCount(player.underruns(), "underrun");
 }
 
 void run(Options& options)

@@ -2,13 +2,11 @@
 
 #include "Chart.h"
 #include "SineFit.h"
-#include "TextFormat.h"
 
 #include <algorithm>
 #include <cmath>
 #include <complex>
 #include <dxr/ausampler.h>
-#include <iostream>
 #include <limits>
 #include <numbers>
 

@@ -1,15 +1,11 @@
 #include "Commands.h"
 
-#include "DisplayText.h"
 #include "FileRecorder.h"
 #include "RunnerOptions.h"
 #include "SessionScreen.h"
 #include "SoundFileWriter.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <cmath>
-#include <iostream>
 
 namespace {
 
@@ -36,8 +32,7 @@ bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& fil
             lastFrameAt = session.seconds();
         if (maxFrames != UINT64_MAX && session.seconds() - lastFrameAt > patienceSeconds)
             return false; // a program that waits for the recording's end would wait forever
-        screen.draw(recorder.meters(), formatSeconds(static_cast<double>(file.framesWritten()) / rate) +
-                                           " recorded   Ctrl-C ends");
+        screen.draw(recorder.meters(), formatFrames(file.framesWritten(), rate) + " recorded   Ctrl-C ends");
     }
     return true;
 }
@@ -45,9 +40,9 @@ bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& fil
 std::string resultOf(const SoundFileWriter& file, const FileRecorder& recorder, double rate)
 {
     return formatCount(file.framesWritten(), "frame") + " written (" +
-           formatSeconds(static_cast<double>(file.framesWritten()) / rate) + "), " +
-           formatNumber(recorder.droppedFrames()) + " lost because the disk was too slow, " +
-           formatNumber(recorder.silentFrames()) + " silent because cycles were lost";
+           formatFrames(file.framesWritten(), rate) + "), " + formatNumber(recorder.droppedFrames()) +
+           " lost because the disk was too slow, " + formatNumber(recorder.silentFrames()) +
+           " silent because cycles were lost";
 }
 
 void run(Options& options)

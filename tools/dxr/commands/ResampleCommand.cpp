@@ -1,22 +1,18 @@
 #include "Commands.h"
 
-#include "DisplayText.h"
 #include "Interrupts.h"
-#include "LevelBar.h"
-#include "LiveLines.h"
 #include "SoundFileReader.h"
 #include "SoundFileWriter.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <dxr/DXRAudioConverter.h>
 #include <filesystem>
-#include <iostream>
 #include <numeric>
 #include <optional>
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -129,28 +125,6 @@ private:
     bool _mayHaveMore = true;
 };
 
-/// A progress bar that is shown after half a second.
-class Progress {
-public:
-    Progress() : _live(_terminal) {}
-    void show(double progress)
-    {
-        using namespace std::chrono_literals;
-        const auto now = std::chrono::steady_clock::now();
-        if (now - _begin < 500ms || now - _drawn < 100ms)
-            return;
-        _drawn = now;
-        const auto [done, rest] = shareBar(progress, std::min<size_t>(_terminal.columns() - 8, 60), "━", "─");
-        _live.draw({done + rest + " " + formatPercent(progress)});
-    }
-
-private:
-    const Terminal _terminal;
-    LiveLines _live;
-    const std::chrono::steady_clock::time_point _begin = std::chrono::steady_clock::now();
-    std::chrono::steady_clock::time_point _drawn;
-};
-
 void run(Options& options)
 {
     std::error_code ignored;
@@ -164,14 +138,20 @@ void run(Options& options)
     SoundFileWriter writer(options.output, SoundFormat::toWrite(options.output, "", 0), reader.channelCount(),
                            options.rate, seconds);
     FileResampling resampling(reader, writer, options);
-    {
-        Progress progress;
-        while (resampling.step()) {
-            if (interrupts.wasAsked())
-                throw ToolFailure("stopped; " + singleLine(options.output) + " is incomplete");
-            progress.show(resampling.progress());
-        }
+    Terminal terminal;
+    auto drawAt = std::chrono::steady_clock::now() + 500ms;
+    while (resampling.step()) {
+        if (interrupts.wasAsked())
+            throw ToolFailure("stopped; " + singleLine(options.output) + " is incomplete");
+        const auto now = std::chrono::steady_clock::now();
+        if (now < drawAt)
+            continue;
+        drawAt = now + 100ms;
+        const double progress = resampling.progress();
+        const auto [done, rest] = shareBar(progress, std::min<size_t>(terminal.columns() - 8, 60), "━", "─");
+        terminal.draw({done + rest + " " + formatPercent(progress)});
     }
+    terminal.clear();
     writer.finish();
     std::cout << formatCount(reader.frameCount(), "frame") << " at " << formatRate(reader.sampleRate())
               << " -> " << formatCount(writer.framesWritten(), "frame") << " at " << formatRate(options.rate)

@@ -2,12 +2,8 @@
 
 #include "DeviceArgument.h"
 #include "DeviceProperties.h"
-#include "DisplayText.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <algorithm>
-#include <iostream>
 
 namespace {
 
@@ -41,7 +37,6 @@ Volume volumeFrom(const std::string& text)
     return {static_cast<float>(value), isRelative};
 }
 
-/// Makes the changes that a command line asks for.
 class Changes {
 public:
     Changes(const Options& options, const DeviceReport& device)
@@ -154,7 +149,7 @@ private:
     const DirectionReport& _report;
 };
 
-void run(Options& options)
+void set(Options& options)
 {
     if (options.volume.empty() && options.mute.empty() && !options.source && !options.rate &&
         !options.makesDefault)
@@ -167,12 +162,52 @@ void run(Options& options)
     Changes(options, device).make();
 }
 
+// ---- remember, forget
+
+struct SettingOptions : DeviceArgument {
+    using DeviceArgument::DeviceArgument;
+    std::optional<std::string> key, value;
+};
+
+CXPlist valueFrom(const std::string& text)
+{
+    const CXPlist parsed = CXPlist::parse(text, nullptr, false);
+    return parsed.is_discarded() ? CXPlist(text) : parsed;
+}
+
+void remember(SettingOptions& options)
+{
+    const CXRef<DXRDevice> device = options.device();
+    const Terminal terminal;
+    if (!options.key) {
+        for (const std::string& key : device->overrideKeys())
+            std::cout << singleLine(key) << " = "
+                      << jsonText(device->overrideForKey(key), -1, terminal.isLive()) << "\n";
+        return;
+    }
+    if (!options.value)
+        throw CLI::ValidationError("remember", "needs a VALUE for the KEY");
+    const CXPlist value = valueFrom(*options.value);
+    device->setOverride(value, *options.key);
+    if (device->overrideForKey(*options.key) != value)
+        throw ToolFailure("this value cannot be stored");
+}
+
+void forget(SettingOptions& options)
+{
+    const CXRef<DXRDevice> device = options.device();
+    if (options.key && device->overrideForKey(*options.key).is_null())
+        throw ToolFailure("no setting '" + singleLine(*options.key) + "' is stored");
+    for (const std::string& key : options.key ? std::vector{*options.key} : device->overrideKeys())
+        device->setOverride(nullptr, key);
+}
+
 } // namespace
 
-void registerSetCommand(CLI::App& app)
+void registerSetCommands(CLI::App& app)
 {
     const auto [command, options] =
-        addCommand(app, "set", "Change a device's volume, mute, source or rate", run);
+        addCommand(app, "set", "Change a device's volume, mute, source or rate", set);
     command.add_option("--volume", options.volume, "0 to 1, or 0% to 100%; +5% and -5% change it");
     command.add_option("--channel", options.channel, "Only this channel, counted from 1")
         ->check(CLI::PositiveNumber);
@@ -181,4 +216,16 @@ void registerSetCommand(CLI::App& app)
     command.add_option("--source", options.source, "A data source, by its name or ID");
     command.add_option("--rate", options.rate, "The sample rate in Hz")->check(CLI::PositiveNumber);
     command.add_flag("--default", options.makesDefault, "Make it the default device");
+
+    const auto [rememberCommand, rememberOptions] = addCommand(
+        app, "remember",
+        "Store a setting of a device for all applications (hv and hm: has volume, has mute), or show them",
+        remember);
+    rememberCommand.add_option("key", rememberOptions.key,
+                               "The setting to store; all are shown if not given");
+    rememberCommand.add_option("value", rememberOptions.value, "The value: JSON, or any text");
+
+    const auto [forgetCommand, forgetOptions] =
+        addCommand(app, "forget", "Remove stored settings of a device", forget);
+    forgetCommand.add_option("key", forgetOptions.key, "The setting to remove; all if not given");
 }

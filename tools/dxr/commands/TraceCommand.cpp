@@ -2,15 +2,11 @@
 
 #include "ChromeTraceWriter.h"
 #include "CyclePicture.h"
-#include "DisplayText.h"
 #include "LoopPatch.h"
 #include "RunnerOptions.h"
 #include "SessionScreen.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
 
 #include <filesystem>
-#include <iostream>
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include "CycleStatistics.h"
 #include "SineFit.h"
-#include "TextFormat.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cmath>

@@ -27,7 +27,6 @@ struct DemoStretch {
 };
 
 /// A claim about the library, and whether a run of the demo confirms it.
-/// Threads: any.
 struct DemoClaim {
     bool isTrue;
     std::string about; ///< the subject, one word

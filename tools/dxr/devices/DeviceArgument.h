@@ -1,24 +1,36 @@
 #pragma once
 
-#include "DeviceReport.h"
+#include "DeviceSelection.h"
 #include "HardwareChoice.h"
 
 /// The options of commands that use one device: the device, the hardware, and the device's input or output
 /// side.
-/// Threads: one at a time.
 class DeviceArgument : public HardwareChoice {
 public:
     enum class Sides { Both, Choice };
 
     /// Adds "device" and the choice of hardware to `command`, and --input and --output for a choice of sides.
-    explicit DeviceArgument(CLI::App& command, Sides sides = Sides::Choice);
+    explicit DeviceArgument(CLI::App& command, Sides sides = Sides::Choice) : HardwareChoice(command)
+    {
+        command.add_option("device", _device, "The device's UID, reference, or a part of its name")
+            ->required();
+        if (sides == Sides::Both)
+            return;
+        CLI::Option* const input = command.add_flag("--input", _isInput, "Use the input side");
+        command.add_flag("--output", _isOutput, "Use the output side; the default if the device has one")
+            ->excludes(input);
+    }
 
-    /// Finds the device. Throws ToolFailure.
-    DeviceReport report() const;
+    DeviceReport report() const { return findDevice(_device, side()); }
     /// The device object of the chosen side; by default the output if the device has one. Throws ToolFailure.
     CXRef<DXRDevice> device() const { return report().device(side()); }
     /// The side that the user has chosen; null if none.
-    std::optional<HALDirection> side() const;
+    std::optional<HALDirection> side() const
+    {
+        if (_isInput)
+            return HALDirection::Input;
+        return _isOutput ? std::optional(HALDirection::Output) : std::nullopt;
+    }
 
 private:
     std::string _device;

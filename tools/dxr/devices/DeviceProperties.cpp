@@ -1,7 +1,6 @@
 #include "DeviceProperties.h"
 
-#include "TextFormat.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <cstring>
 #include <dxr/CXFourCharCode.h>

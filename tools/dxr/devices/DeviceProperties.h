@@ -7,13 +7,11 @@
 
 // Properties of devices that DXRPropertyAddress does not read. Threads: any.
 
-/// kAudioObjectPropertyScopeInput or …Output.
 constexpr uint32_t scopeOf(HALDirection direction) noexcept
 {
     return direction == HALDirection::Input ? kAudioObjectPropertyScopeInput
                                             : kAudioObjectPropertyScopeOutput;
 }
-/// "input" or "output".
 const char* nameOf(HALDirection direction) noexcept;
 
 /// The status of an aggregate's sub-devices, in the aggregate's order; empty if it cannot be read.
@@ -49,5 +47,4 @@ void setAndWait(const std::string& name, AudioObjectID objectID, const DXRProper
     if (status != kAudioHardwareNoError || !comesTrue(isTaken))
         failSetting(name, what, status);
 }
-/// Sets the nominal rate, Hz.
 void setSampleRate(const std::string& name, AudioObjectID deviceID, double rate);

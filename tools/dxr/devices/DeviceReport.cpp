@@ -1,8 +1,7 @@
 #include "DeviceReport.h"
 
 #include "DeviceProperties.h"
-#include "DisplayText.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -21,17 +20,12 @@ AudioValueRange rangeOf(const CXRef<DXRValueRange>& range)
     return range ? AudioValueRange{range->min(), range->max()} : AudioValueRange{};
 }
 
-std::string channelName(AudioObjectID deviceID, uint32_t scope, uint32_t channel)
-{
-    const CXRef<CXValue> name =
-        CXRefCast<CXValue>(Property::objectElementName(scope, channel)->objectForObjectID(deviceID));
-    return name ? name->string() : "";
-}
-
 void readChannels(AudioObjectID deviceID, uint32_t scope, DirectionReport& report)
 {
     for (uint32_t channel = 1; channel <= report.channelCount; ++channel) {
-        report.channelNames.push_back(channelName(deviceID, scope, channel));
+        const CXRef<CXValue> name =
+            CXRefCast<CXValue>(Property::objectElementName(scope, channel)->objectForObjectID(deviceID));
+        report.channelNames.push_back(name ? name->string() : "");
         report.channelVolumes.push_back(
             Property::deviceVolumeScalar(scope, channel)->floatForObjectID(deviceID));
     }

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-/// One direction of a device.
 struct DirectionReport {
     struct Stream {
         AudioObjectID objectID;
@@ -39,13 +38,11 @@ struct DirectionReport {
 
     /// The main volume, else that of the loudest channel; null if there is no volume control.
     std::optional<float> shownVolume() const;
-    /// The name of the current source; empty if there is none.
     std::string currentSourceName() const;
 };
 
 /// Everything about a device, read at one moment. Texts may contain control characters: print them by way of
 /// singleLine().
-/// Threads: any.
 struct DeviceReport {
     AudioObjectID deviceID = kAudioObjectUnknown;
     std::string uid;
@@ -85,7 +82,6 @@ struct DeviceReport {
     bool isOfRunner() const { return uid.starts_with("DXR:"); }
     /// "usb", "built-in", …; for an unknown transport type, its four characters.
     std::string transportName() const;
-    /// The report in the format of docs/json.md.
     CXPlist json() const;
 };
 

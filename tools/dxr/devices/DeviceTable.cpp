@@ -1,8 +1,7 @@
 #include "DeviceTable.h"
 
-#include "DisplayText.h"
 #include "Table.h"
-#include "TextFormat.h"
+#include "Text.h"
 
 namespace {
 
@@ -50,12 +49,11 @@ std::vector<std::string> deviceTable(const std::vector<DeviceReport>& devices, s
                  {"UID", minName, false, 1}});
     for (const DeviceReport& device : devices) {
         const std::string name = singleLine(device.displayName());
-        table.add(
-            {{name.empty() ? "(no name)" : name, singleLine(device.transportName()),
-              channelsText(device[HALDirection::Input]), channelsText(device[HALDirection::Output]),
-              formatRate(device.sampleRate), volumeText(device), defaultText(device), singleLine(device.uid)},
-             "",
-             device.isHidden ? Style::Dim : Style::Plain});
+        table.add({name.empty() ? "(no name)" : name, singleLine(device.transportName()),
+                   channelsText(device[HALDirection::Input]), channelsText(device[HALDirection::Output]),
+                   formatRate(device.sampleRate), volumeText(device), defaultText(device),
+                   singleLine(device.uid)},
+                  device.isHidden ? Style::Dim : Style::Plain);
     }
     if (table.naturalWidth() > width)
         table.moveLastColumnToNotes();

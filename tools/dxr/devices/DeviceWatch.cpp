@@ -1,8 +1,7 @@
 #include "DeviceWatch.h"
 
 #include "DeviceProperties.h"
-#include "DisplayText.h"
-#include "TextFormat.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <dxr/QDL.h>
@@ -15,7 +14,6 @@ constexpr size_t valueColumns = 60;
 constexpr const char* words[] = {"present", "connected",   "disconnected",
                                  "changed", "lost cycles", "default"}; // by DeviceWatch::Kind
 
-/// Returns a value of a report's JSON as text for the user.
 std::string valueText(const std::string& key, const CXPlist& value)
 {
     if (value.is_boolean())

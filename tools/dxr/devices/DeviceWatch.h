@@ -25,7 +25,6 @@ public:
         std::string text() const;
         /// The addresses of the device's objects: "input 0x55…, output 0x55…".
         std::string identity() const;
-        /// The event in the format of docs/json.md.
         CXPlist json() const;
     };
 

@@ -1,15 +1,19 @@
 #include "HardwareChoice.h"
 
-#include "ToolFailure.h"
+#include "Text.h"
 
+#include <condition_variable>
 #include <dxr/HALHardwareDriver.h>
+#include <functional>
+#include <mutex>
+
+using enum HALDirection;
 
 namespace {
 
 /// Creates a computer with one device of every kind that programs must support.
 CXRef<SimulatedHardware> simulatedComputer()
 {
-    using enum HALDirection;
     constexpr float tone = 0.25F;
     CXRef<SimulatedHardware> computer = SimulatedHardware::init(SimulatedClock::RealTime);
     const auto device = [](const char* uid, const char* name, const char* modelUID, uint32_t transport) {
@@ -57,6 +61,44 @@ CXRef<SimulatedHardware> simulatedComputer()
     return computer;
 }
 
+void changeDevices(const std::stop_token& stop, SimulatedHardware& hardware, std::chrono::milliseconds pause)
+{
+    using Device = SimulatedDeviceBuilder;
+    const Device headphones = aDevice()
+                                  .uid("sim-headphones")
+                                  .name("Wireless Headphones")
+                                  .manufacturer("Simulated")
+                                  .transport(kAudioDeviceTransportTypeBluetooth)
+                                  .inputs(1)
+                                  .outputs(2)
+                                  .sampleRates({16000.0, 48000.0})
+                                  .volume(Output, 0.5F)
+                                  .mute(Output, false)
+                                  .latency(Output, 4800);
+    const auto change = [&](const char* uid, void (*set)(Device&)) {
+        return [&hardware, uid, set] { hardware.reconfigure(uid, set); };
+    };
+    const std::function<void()> steps[] = {
+        [&] { hardware.plug(headphones); },
+        [&] { hardware.setDefault(Output, "sim-headphones"); },
+        change("sim-headphones", [](Device& device) { device.volume(Output, 0.35F); }),
+        change("sim-usb-mic", [](Device& device) { device.name("Interview Microphone"); }),
+        change("sim-speakers", [](Device& device) { device.currentSource(Output, 2); }),
+        [&] { hardware.unplug("sim-headphones"); },
+        change("sim-usb-mic", [](Device& device) { device.name("USB Microphone"); }),
+        change("sim-speakers", [](Device& device) { device.currentSource(Output, 1); }),
+    };
+    std::mutex mutex; // required by wait_for(); guards nothing
+    std::unique_lock lock(mutex);
+    std::condition_variable_any stopped;
+    for (size_t step = 0;; step = (step + 1) % std::size(steps)) {
+        stopped.wait_for(lock, stop, pause, [] { return false; });
+        if (stop.stop_requested())
+            return;
+        steps[step]();
+    }
+}
+
 } // namespace
 
 HardwareChoice::HardwareChoice(CLI::App& command)
@@ -81,7 +123,11 @@ void HardwareChoice::apply()
         HALSetHardwareDriver(_simulated = simulatedComputer());
 }
 
-std::unique_ptr<SimulatedVisitor> HardwareChoice::visitor(std::chrono::milliseconds pause) const
+std::jthread HardwareChoice::visitor(std::chrono::milliseconds pause) const
 {
-    return _simulated ? std::make_unique<SimulatedVisitor>(_simulated, pause) : nullptr;
+    if (!_simulated)
+        return {};
+    return std::jthread([hardware = _simulated, pause](const std::stop_token& stop) {
+        changeDevices(stop, *hardware, pause);
+    });
 }

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "SimulatedVisitor.h"
-
 #include <CLI/CLI.hpp>
+#include <chrono>
+#include <dxr/simulated.h>
+#include <thread>
 
 /// The options `--simulated` and `--hardware`; base class of the options of every command that uses devices.
-/// Threads: one at a time.
 class HardwareChoice {
 public:
     /// Adds the options to `command`; see addCommand() for the call of apply(). This object must live until
@@ -15,10 +15,9 @@ public:
     /// Selects the process's hardware. Call it once, before any other use of devices. Throws ToolFailure for
     /// an unknown driver.
     void apply();
-    /// Starts changing devices of the simulated hardware, for as long as the result lives. Returns null on
-    /// real hardware.
-    std::unique_ptr<SimulatedVisitor>
-    visitor(std::chrono::milliseconds pause = SimulatedVisitor::usualPause) const;
+    /// Starts a thread that changes a device of the simulated computer after every `pause`: connects and
+    /// disconnects headphones, renames a microphone, sets volumes and sources. No thread on real hardware.
+    std::jthread visitor(std::chrono::milliseconds pause = std::chrono::milliseconds(400)) const;
 
 private:
     bool _isSimulated = false;

@@ -1,7 +1,6 @@
 #include "SoundFileReader.h"
 
-#include "DisplayText.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,21 +16,13 @@ constexpr int maxChannels = 1024;
 /// The bytes of a sample in a WAV file; 0 if the format is compressed.
 uint64_t bytesPerSample(int format)
 {
-    switch (format & SF_FORMAT_SUBMASK) {
-    case SF_FORMAT_PCM_U8:
-    case SF_FORMAT_ALAW:
-    case SF_FORMAT_ULAW:
-        return 1;
-    case SF_FORMAT_PCM_16:
-        return 2;
-    case SF_FORMAT_PCM_24:
-        return 3;
-    case SF_FORMAT_PCM_32:
-    case SF_FORMAT_FLOAT:
-        return 4;
-    default:
-        return 0;
-    }
+    constexpr std::pair<int, uint64_t> sizes[] = {
+        {SF_FORMAT_PCM_U8, 1}, {SF_FORMAT_ALAW, 1},   {SF_FORMAT_ULAW, 1}, {SF_FORMAT_PCM_16, 2},
+        {SF_FORMAT_PCM_24, 3}, {SF_FORMAT_PCM_32, 4}, {SF_FORMAT_FLOAT, 4}};
+    for (const auto& [samples, bytes] : sizes)
+        if ((format & SF_FORMAT_SUBMASK) == samples)
+            return bytes;
+    return 0;
 }
 
 /// Returns a chunk of a WAV file, whose `datalen` is the size that the file declares, and copies up to

@@ -1,7 +1,6 @@
 #include "SoundFileWriter.h"
 
-#include "DisplayText.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cerrno>

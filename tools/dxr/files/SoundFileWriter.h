@@ -6,7 +6,6 @@
 
 /// Writes a sound file or a pipe. A file's header is updated while it is written, so that the file is valid
 /// however the process ends. A WAV file that is expected to exceed 4 GB is written as RF64.
-/// Threads: one at a time.
 class SoundFileWriter {
 public:
     /// Creates or truncates the file; "-" is standard output. `expectedSeconds` is 0 if unknown. Throws

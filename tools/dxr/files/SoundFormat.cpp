@@ -1,8 +1,6 @@
 #include "SoundFormat.h"
 
-#include "DisplayText.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -5,7 +5,6 @@
 #include <string>
 
 /// A format of sound files. For raw samples it includes the values that a header would contain.
-/// Threads: any.
 struct SoundFormat {
     int code = 0; ///< SF_FORMAT_…; 0: taken from the file's header
     double sampleRate = 0.0;

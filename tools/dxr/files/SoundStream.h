@@ -12,7 +12,6 @@ struct SoundCloser {
 using SoundHandle = std::unique_ptr<SNDFILE, SoundCloser>;
 
 /// Lets libsndfile, which needs a seekable file, read or write a pipe: keeps the header's bytes in memory.
-/// Threads: one at a time.
 class SoundStream {
 public:
     enum class Mode { Read, Write };

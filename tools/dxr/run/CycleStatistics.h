@@ -6,7 +6,6 @@
 double secondsOf(uint64_t ticks);
 
 /// Counts the cycles in a runner's trace after beginCounting().
-/// Threads: one at a time.
 struct CycleStatistics {
     uint64_t cyclesSeen = 0; ///< all cycles, including those before beginCounting()
 

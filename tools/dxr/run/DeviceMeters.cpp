@@ -1,8 +1,6 @@
 #include "DeviceMeters.h"
 
-#include "DisplayText.h"
-#include "LevelBar.h"
-#include "TextFormat.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cmath>

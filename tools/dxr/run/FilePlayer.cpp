@@ -1,17 +1,11 @@
 #include "FilePlayer.h"
 
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <thread>
 
 constexpr double ringSeconds = 2.0;
-
-CXRef<FilePlayer> FilePlayer::initWithFile(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
-                                           std::vector<ChannelMap> maps)
-{
-    return CXRef<FilePlayer>::adopt(new FilePlayer(std::move(file), outputs, std::move(maps)));
-}
 
 FilePlayer::FilePlayer(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
                        std::vector<ChannelMap> maps)

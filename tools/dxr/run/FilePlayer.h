@@ -14,7 +14,10 @@ public:
     /// The runner must run at the file's rate. `maps` has a map of the file's channels for each output.
     /// Throws ToolFailure if the file cannot be read.
     static CXRef<FilePlayer> initWithFile(SoundFileReader file, const std::vector<DeviceSelection>& outputs,
-                                          std::vector<ChannelMap> maps);
+                                          std::vector<ChannelMap> maps)
+    {
+        return CXRef<FilePlayer>::adopt(new FilePlayer(std::move(file), outputs, std::move(maps)));
+    }
 
     /// Adds the outputs to a session that has not started. Their blocks keep this object alive.
     void addTo(RunnerSession& session);

@@ -4,15 +4,8 @@
 
 constexpr double ringSeconds = 4.0; // a disk may have to spin up
 
-CXRef<FileRecorder> FileRecorder::initWithInputs(const std::vector<DeviceSelection>& inputs)
+FileRecorder::FileRecorder(const std::vector<DeviceSelection>& inputs) : _inputs(inputs), _heard(inputs)
 {
-    return CXRef<FileRecorder>::adopt(new FileRecorder(inputs));
-}
-
-FileRecorder::FileRecorder(const std::vector<DeviceSelection>& inputs) : _inputs(inputs)
-{
-    for (const DeviceSelection& input : inputs)
-        _heard.add(static_cast<uint32_t>(input.channels.size()));
     _meters.add("in", inputs);
 }
 

@@ -12,7 +12,10 @@
 /// Real time: the blocks.
 class FileRecorder final : public CXObject {
 public:
-    static CXRef<FileRecorder> initWithInputs(const std::vector<DeviceSelection>& inputs);
+    static CXRef<FileRecorder> initWithInputs(const std::vector<DeviceSelection>& inputs)
+    {
+        return CXRef<FileRecorder>::adopt(new FileRecorder(inputs));
+    }
 
     /// Adds the inputs to a session that has not started. Their blocks keep this object alive.
     void addTo(RunnerSession& session);

@@ -3,12 +3,9 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
-#include <exception>
 #include <future>
 #include <iostream>
-#include <memory>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <thread>
@@ -73,27 +70,15 @@ bool Interrupts::wait(int milliseconds, int otherFD) const
 
 bool Interrupts::runUnlessAsked(std::function<void()> work, int graceMilliseconds) const
 {
-    auto ended = std::make_shared<std::promise<void>>();
-    std::future<void> end = ended->get_future();
-    std::thread([work = std::move(work), ended] {
-        try {
-            work();
-            ended->set_value();
-        } catch (...) {
-            ended->set_exception(std::current_exception());
-        }
-    }).detach();
-    constexpr std::chrono::milliseconds step{10};
-    std::chrono::milliseconds grace{graceMilliseconds};
-    while (end.wait_for(step) != std::future_status::ready) {
-        if (!wasAsked())
-            continue;
-        if (grace <= std::chrono::milliseconds::zero()) {
+    constexpr int stepMilliseconds = 10;
+    std::packaged_task<void()> task(std::move(work));
+    std::future<void> end = task.get_future();
+    std::thread(std::move(task)).detach();
+    while (end.wait_for(std::chrono::milliseconds(stepMilliseconds)) != std::future_status::ready)
+        if (wasAsked() && (graceMilliseconds -= stepMilliseconds) < 0) {
             isWorkLeftBehind = true;
             return false;
         }
-        grace -= step;
-    }
     end.get();
     return true;
 }

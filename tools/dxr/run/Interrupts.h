@@ -12,7 +12,6 @@ public:
     Interrupts(const Interrupts&) = delete;
     Interrupts& operator=(const Interrupts&) = delete;
 
-    /// Whether the user has asked to stop.
     bool wasAsked() const noexcept;
     /// A descriptor that polls readable once the user has asked to stop. Do not read from it.
     int fd() const noexcept;
@@ -25,7 +24,6 @@ public:
     bool runUnlessAsked(std::function<void()> work, int graceMilliseconds = 0) const;
     /// Sets a function that the signal handler calls before a second signal ends the process, or null.
     static void setLastAct(void (*act)()) noexcept;
-    /// Installs a signal handler.
     static void setHandler(int signal, void (*handler)(int), int flags);
     /// Flushes standard output and ends the process; without destroying static objects if a thread of
     /// runUnlessAsked() is still running.

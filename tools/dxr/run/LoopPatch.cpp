@@ -1,16 +1,8 @@
 #include "LoopPatch.h"
 
-CXRef<LoopPatch> LoopPatch::initWithSelections(const std::vector<DeviceSelection>& inputs,
-                                               const std::vector<DeviceSelection>& outputs)
-{
-    return CXRef<LoopPatch>::adopt(new LoopPatch(inputs, outputs));
-}
-
 LoopPatch::LoopPatch(const std::vector<DeviceSelection>& inputs, const std::vector<DeviceSelection>& outputs)
-    : _selections{inputs, outputs}
+    : _selections{inputs, outputs}, _inputs(inputs)
 {
-    for (const DeviceSelection& input : inputs)
-        _inputs.add(static_cast<uint32_t>(input.channels.size()));
     for (const DeviceSelection& output : outputs)
         _maps.push_back(straightChannelMap(_inputs.channelCount(), output));
     _meters.add("in", inputs);

@@ -12,7 +12,10 @@
 class LoopPatch final : public CXObject {
 public:
     static CXRef<LoopPatch> initWithSelections(const std::vector<DeviceSelection>& inputs,
-                                               const std::vector<DeviceSelection>& outputs);
+                                               const std::vector<DeviceSelection>& outputs)
+    {
+        return CXRef<LoopPatch>::adopt(new LoopPatch(inputs, outputs));
+    }
 
     /// Adds the devices to a session that has not started. Their blocks keep this object alive.
     void addTo(RunnerSession& session);

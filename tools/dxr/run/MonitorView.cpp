@@ -1,9 +1,7 @@
 #include "MonitorView.h"
 
-#include "DisplayText.h"
-#include "LevelBar.h"
 #include "Table.h"
-#include "TextFormat.h"
+#include "Text.h"
 
 #include <algorithm>
 
@@ -84,13 +82,12 @@ std::vector<std::string> deviceLines(const MonitorState& state, Line empty)
                  {"LOST", 0, true, 1},
                  {"LEVEL", 0, true, 8}});
     for (const MonitorState::Device& device : state.devices)
-        table.add({{device.direction, shortText(device.name, maxName), device.isConnected ? "runs" : "gone",
-                    formatRate(device.sampleRate), device.clock, std::to_string(device.lostFrames),
-                    device.isConnected ? formatLevel(double{device.level}) : ""},
-                   "",
-                   !device.isConnected     ? Style::Dim
-                   : device.lostFrames > 0 ? Style::Yellow
-                                           : Style::Plain});
+        table.add({device.direction, shortText(device.name, maxName), device.isConnected ? "runs" : "gone",
+                   formatRate(device.sampleRate), device.clock, std::to_string(device.lostFrames),
+                   device.isConnected ? formatLevel(double{device.level}) : ""},
+                  !device.isConnected     ? Style::Dim
+                  : device.lostFrames > 0 ? Style::Yellow
+                                          : Style::Plain);
     const size_t columns = empty.room(), used = table.naturalWidth() + gap;
     std::vector<std::string> lines = table.lines(columns, empty.terminal());
     for (size_t i = 0; i < state.devices.size() && used + minBar <= columns; ++i)

@@ -35,6 +35,5 @@ struct MonitorState {
 
 /// Returns the picture: `rows` lines of up to `columns` columns, for any size of terminal. Lines that do not
 /// fit are left out, messages first.
-/// Threads: any.
 std::vector<std::string> monitorLines(const MonitorState& state, size_t columns, size_t rows,
                                       const Terminal& terminal);

@@ -1,12 +1,13 @@
 #pragma once
 
+#include "DeviceSelection.h"
+
 #include <dxr/CXRealtime.h>
 #include <dxr/DXRBuffer.h>
-#include <vector>
 
 /// The inputs of a runner in one of its cycles, as one row of channels in the order the inputs were added.
 /// No sample is copied: the runner's buffers stay valid until the cycle is over.
-/// Threads:   add() before the runner starts; all else in its cycles, which never overlap.
+/// Threads:   the blocks of a runner's cycles, which never overlap.
 /// Real time: note() and channel().
 class RunnerInputs {
 public:
@@ -16,11 +17,11 @@ public:
         uint32_t stride;
     };
 
-    void add(uint32_t channelCount)
+    explicit RunnerInputs(const std::vector<DeviceSelection>& inputs) : _buffers(inputs.size())
     {
-        for (uint32_t number = 0; number < channelCount; ++number)
-            _channels.push_back({_buffers.size(), number});
-        _buffers.emplace_back();
+        for (size_t input = 0; input < inputs.size(); ++input)
+            for (uint32_t number = 0; number < inputs[input].channels.size(); ++number)
+                _channels.push_back({input, number});
     }
     uint32_t channelCount() const noexcept { return static_cast<uint32_t>(_channels.size()); }
     size_t inputCount() const noexcept { return _buffers.size(); }

@@ -1,6 +1,5 @@
 #include "RunnerOptions.h"
 
-#include "DeviceLookup.h"
 #include "DeviceWatch.h"
 #include "Interrupts.h"
 
@@ -90,7 +89,7 @@ void RunnerOptions::_waitForDevices()
     const Interrupts interrupts;
     DeviceWatch watch(true);
     watch.begin(); // before the first search, so that no change is missed
-    std::unique_ptr<SimulatedVisitor> visitor;
+    std::jthread visitor;
     std::string reason;
     do {
         watch.next();
@@ -100,7 +99,7 @@ void RunnerOptions::_waitForDevices()
             if (reason != missing.what())
                 std::cout << "Waiting: " << (reason = missing.what()) << std::endl;
         }
-        if (!visitor)
+        if (!visitor.joinable())
             visitor = this->visitor();
     } while (interrupts.wait(-1, DeviceWatch::fd()));
     throw ToolFailure("stopped while waiting: " + reason);
@@ -110,10 +109,9 @@ void RunnerOptions::takeDefaults()
 {
     _inputs.clear();
     _outputs.clear();
-    for (const DeviceReport& report : DeviceReport::readAll(DeviceReport::Hidden::No)) {
-        if (report[HALDirection::Input].isDefault)
-            _inputs.push_back(DeviceSelection::of(report, HALDirection::Input));
-        if (report[HALDirection::Output].isDefault)
-            _outputs.push_back(DeviceSelection::of(report, HALDirection::Output));
-    }
+    for (const DeviceReport& report : DeviceReport::readAll(DeviceReport::Hidden::No))
+        for (const HALDirection direction : halDirections)
+            if (report[direction].isDefault)
+                (direction == HALDirection::Input ? _inputs : _outputs)
+                    .push_back(DeviceSelection::of(report, direction));
 }

@@ -6,7 +6,6 @@
 #include <dxr/DXRConversionQuality.h>
 
 /// The options of commands that run audio: devices, frame count, rate, duration.
-/// Threads: one at a time.
 class RunnerOptions : public HardwareChoice {
 public:
     /// Adds --frames, --rate, --wait and the choice of hardware to `command`.

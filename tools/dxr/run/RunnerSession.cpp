@@ -1,8 +1,7 @@
 #include "RunnerSession.h"
 
 #include "DeviceProperties.h"
-#include "TextFormat.h"
-#include "ToolFailure.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <dxr/MainQueue.h>
@@ -263,8 +262,7 @@ std::vector<std::string> RunnerSession::report() const
                    1e3 * secondsOf(all.largestLateness), 1e3 * secondsOf(all.longestRun))};
     if (all.restarts > 0 || all.timerFrames > 0)
         lines.push_back(formatCount(all.restarts, "restart") + ", " +
-                        formatSeconds(static_cast<double>(all.timerFrames) / _sampleRate) +
-                        " without any device");
+                        formatFrames(all.timerFrames, _sampleRate) + " without any device");
     if (all.missingRecords() > 0)
         lines.push_back(formatCount(all.missingRecords(), "cycle") + " not seen: the trace was full");
     for (const SessionDevice& device : _devices)

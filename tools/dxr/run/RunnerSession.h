@@ -47,7 +47,6 @@ public:
     /// Waits for events, for up to `milliseconds`, and calls poll(). Returns false if the user has asked to
     /// stop.
     bool wait(int milliseconds);
-    /// Reads the trace, the devices and the counts.
     void poll();
     /// Stops the runner, if it runs. Once the user has asked to stop, does not wait for a server that hangs.
     void stop();

@@ -1,6 +1,6 @@
 #include "SessionDevice.h"
 
-#include "TextFormat.h"
+#include "Text.h"
 
 #include <cmath>
 

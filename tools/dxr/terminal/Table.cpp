@@ -1,21 +1,14 @@
 #include "Table.h"
 
-#include "DisplayText.h"
-
 #include <algorithm>
 
-namespace {
-
 constexpr size_t gap = 2; // columns between two columns
-constexpr const char* noteIndent = "      ";
-
-} // namespace
 
 void Table::moveLastColumnToNotes()
 {
     _columns.pop_back();
     for (Row& row : _rows) {
-        row.note = noteIndent + row.cells.back();
+        row.note = "      " + row.cells.back();
         row.cells.pop_back();
     }
 }
@@ -23,45 +16,45 @@ void Table::moveLastColumnToNotes()
 std::vector<std::string> Table::lines(size_t width, const Terminal& terminal) const
 {
     const std::vector<Placed> placed = _place(width);
-    std::vector<std::string> titles;
+    std::vector<std::string> lines;
+    const auto add = [&](const Cells& cells, Style style) {
+        std::string line;
+        for (const Placed& place : placed)
+            line += (line.empty() ? "" : std::string(gap, ' ')) +
+                    (place.column->isNumber ? fitRight : fitLeft)(cells[place.index], place.width);
+        line.resize(line.find_last_not_of(' ') + 1);
+        lines.push_back(terminal.styled(clipToWidth(line, width), style));
+    };
+    Cells titles;
     for (const Column& column : _columns)
         titles.push_back(column.title);
-    std::vector<std::string> lines{terminal.styled(clipToWidth(_line(placed, titles), width), Style::Bold)};
+    add(titles, Style::Bold);
     for (const Row& row : _rows) {
-        lines.push_back(terminal.styled(clipToWidth(_line(placed, row.cells), width), row.style));
+        add(row.cells, row.style);
         if (!row.note.empty())
             lines.push_back(terminal.styled(clipToWidth(row.note, width), Style::Dim));
     }
     return lines;
 }
 
-size_t Table::naturalWidth() const
-{
-    return _totalWidth(_placeNaturally());
-}
-
 size_t Table::_totalWidth(const std::vector<Placed>& placed)
 {
     size_t width = placed.empty() ? 0 : gap * (placed.size() - 1);
-    for (const Placed& column : placed)
-        width += column.width;
+    for (const Placed& place : placed)
+        width += place.width;
     return width;
-}
-
-size_t Table::_minWidth(const Placed& column) const
-{
-    const size_t min = _columns[column.index].minWidth;
-    return min == 0 ? column.width : std::min(min, column.width);
 }
 
 std::vector<Table::Placed> Table::_placeNaturally() const
 {
     std::vector<Placed> placed;
-    for (size_t i = 0; i < _columns.size(); ++i) {
-        size_t natural = displayWidth(_columns[i].title);
+    for (const Column& column : _columns) {
+        const size_t index = placed.size();
+        size_t natural = displayWidth(column.title);
         for (const Row& row : _rows)
-            natural = std::max(natural, displayWidth(row.cells[i]));
-        placed.push_back({i, natural});
+            natural = std::max(natural, displayWidth(row.cells[index]));
+        const size_t min = column.minWidth == 0 ? natural : std::min(column.minWidth, natural);
+        placed.push_back({&column, index, natural, min});
     }
     return placed;
 }
@@ -69,35 +62,22 @@ std::vector<Table::Placed> Table::_placeNaturally() const
 std::vector<Table::Placed> Table::_place(size_t width) const
 {
     std::vector<Placed> placed = _placeNaturally();
+    const auto shrinkable = [](const Placed& place) { return place.width - place.minWidth; };
     const auto exceedsEvenShrunk = [&] {
-        size_t shrinkable = 0;
-        for (const Placed& column : placed)
-            shrinkable += column.width - _minWidth(column);
-        return _totalWidth(placed) > width + shrinkable;
+        size_t all = 0;
+        for (const Placed& place : placed)
+            all += shrinkable(place);
+        return _totalWidth(placed) > width + all;
     };
     while (placed.size() > 1 && exceedsEvenShrunk())
-        placed.erase(std::ranges::min_element(
-            placed, {}, [this](const Placed& column) { return _columns[column.index].priority; }));
+        placed.erase(
+            std::ranges::min_element(placed, {}, [](const Placed& place) { return place.column->priority; }));
     while (_totalWidth(placed) > width) { // shrink the widest column that can be shrunk
-        const auto widest = std::ranges::max_element(placed, {}, [this](const Placed& column) {
-            return column.width > _minWidth(column) ? column.width : 0;
-        });
-        const size_t shrinkable = widest->width - _minWidth(*widest);
-        if (shrinkable == 0)
+        const auto widest = std::ranges::max_element(
+            placed, {}, [&](const Placed& place) { return shrinkable(place) > 0 ? place.width : 0; });
+        if (shrinkable(*widest) == 0)
             break;
-        widest->width -= std::min(_totalWidth(placed) - width, shrinkable);
+        widest->width -= std::min(_totalWidth(placed) - width, shrinkable(*widest));
     }
     return placed;
-}
-
-std::string Table::_line(const std::vector<Placed>& placed, const std::vector<std::string>& cells) const
-{
-    std::string line;
-    for (const Placed& column : placed) {
-        if (!line.empty())
-            line.append(gap, ' ');
-        const std::string& cell = cells[column.index];
-        line += _columns[column.index].isNumber ? fitRight(cell, column.width) : fitLeft(cell, column.width);
-    }
-    return line.substr(0, line.find_last_not_of(' ') + 1);
 }

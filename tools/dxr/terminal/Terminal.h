@@ -1,16 +1,19 @@
 #pragma once
 
-#include <cstddef>
-#include <string>
-#include <string_view>
+#include "Text.h"
+
+#include <utility>
 
 enum class Style { Plain, Bold, Dim, Red, Green, Yellow, Cyan };
 
-/// Standard output: a terminal, or a plain stream of lines.
-/// Threads: one at a time.
+/// Standard output: a terminal, or a plain stream of lines. Below the output of a terminal, lines can be shown
+/// that are redrawn in place, without a cursor.
 class Terminal {
 public:
     Terminal();
+    ~Terminal() { clear(); }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
 
     /// Whether it is a terminal that understands escape codes.
     bool isLive() const noexcept { return _isLive; }
@@ -20,7 +23,21 @@ public:
     /// Returns `text` in a style; unchanged if the output has no colours or NO_COLOR is set.
     std::string styled(std::string_view text, Style style) const;
 
+    /// Replaces the lines below the output; each must fit the width. Draws nothing if it is not a terminal.
+    void draw(const std::vector<std::string>& lines);
+    void clear();
+    /// Prints a line above them, where it stays, and flushes standard output.
+    void printAbove(std::string_view line);
+
 private:
+    std::string _eraser() const;
+
     bool _isLive;
     bool _hasColour;
+    std::vector<std::string> _drawn;
 };
+
+/// A level, where 1.0 is full scale, as a bar from -60 to 0 dB: green, yellow from -12 dB, red from -3 dB.
+std::string levelBar(float level, size_t width, const Terminal& terminal);
+/// The filled and the empty part of a bar, together `width` columns wide; `share` is 0 to 1.
+std::pair<std::string, std::string> shareBar(double share, size_t width, const char* full, const char* rest);

@@ -2,7 +2,6 @@
 
 #include "Interrupts.h"
 #include "Terminal.h"
-#include "ToolFailure.h"
 
 #include <atomic>
 #include <csignal>
