@@ -22,8 +22,8 @@ public:
             std::filesystem::temp_directory_path() / ("comma" + std::to_string(getpid()));
         std::filesystem::create_directories(folder / "xx_XX");
         constexpr char text[] = ",\0.\0\3\3\0\0,\0\0\0.\0\0\0UTF-8";
-        constexpr uint32_t offsets[6] = {
-            0, 2, 4, 8, 12, 16}; // point, separator, grouping, both as wide characters, charset
+        // Point, separator, grouping, both as wide characters, charset.
+        constexpr uint32_t offsets[6] = {0, 2, 4, 8, 12, 16};
         constexpr uint32_t header[2] = {0x20031115U ^ LC_NUMERIC, 6};
         constexpr uint32_t begin = sizeof header + sizeof offsets;
         std::ofstream file(folder / "xx_XX" / "LC_NUMERIC", std::ios::binary);

@@ -1,4 +1,5 @@
 #include "HALIO.h"
+#include "Ramp.h"
 #include "Random.h"
 #include "SineFit.h"
 #include "simulated.h"
@@ -8,8 +9,6 @@
 #include <set>
 
 namespace {
-
-constexpr float rampStep = 1.0F / 16777216.0F;
 
 /// Copies each of the aggregate's input streams to the output stream with the same index, if it exists.
 class Copier : public CycleWitness {
@@ -44,10 +43,6 @@ private:
 /// Tests aggregates of devices on the stepped clock.
 class AggregateDevices : public testing::Test {
 protected:
-    AudioObjectID aggregateOf(const std::vector<std::string>& uids)
-    {
-        return makeAggregate(*model, uids, {{"uid", "aggregate"}, {"name", "All"}, {"master", uids.front()}});
-    }
     template <class Value> std::optional<Value> read(AudioObjectID object, uint32_t selector)
     {
         return readValue<Value>(*model, object, at(selector));
@@ -190,7 +185,7 @@ TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
                       .lateness(100e-6)
                       .hears(simulatedTone(1000.0))
                       .playsInto(recordings[i].sink()));
-    const AudioObjectID device = aggregateOf({"clock", "other", "slow"});
+    const AudioObjectID device = makeAggregate(*model, {"clock", "other", "slow"});
     Copier copier(*model, device);
     ASSERT_EQ(copier.status(), kAudioHardwareNoError);
     advance(20.0);
@@ -206,6 +201,7 @@ TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
         EXPECT_EQ(after[i].resynchronisations, 0U);
         EXPECT_EQ(after[i].lostFrames, before[i].lostFrames);
         const size_t block = static_cast<size_t>(rows[i].rate) / 10;
+        ASSERT_GT(recordings[i].samples.size(), 200 * block);
         for (size_t end = recordings[i].samples.size(); end > 100 * block; end -= block) {
             const SineFit fit = SineFit::nearTo(std::span(recordings[i].samples).subspan(end - block, block),
                                                 1000.0, rows[i].rate);
@@ -223,7 +219,7 @@ TEST_F(AggregateDevices, runsDevicesOfOneClockInOneCycle)
     hal->plug(
         aDevice().uid("a").inputs(1).inputs(3).clockDomain(7).bufferFrameSize(256).hears(simulatedRamp()));
     hal->plug(speakers);
-    const AudioObjectID device = aggregateOf({"a", "b"});
+    const AudioObjectID device = makeAggregate(*model, {"a", "b"});
     const AudioObjectID all[] = {device, hal->deviceID("a"), hal->deviceID("b")};
     std::vector<std::unique_ptr<RecordingListener>> overloads;
     for (const AudioObjectID each : all)
@@ -270,7 +266,7 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
     const SimulatedDeviceBuilder other =
         aDevice().uid("other").inputs(1).drift(-50.0).hears(simulatedTone(700.0));
     hal->plug(clock);
-    const AudioObjectID device = aggregateOf({"clock", "other"});
+    const AudioObjectID device = makeAggregate(*model, {"clock", "other"});
     Copier copier(*model, device);
     ASSERT_EQ(copier.status(), kAudioHardwareNoError);
     advance(0.5);
@@ -307,7 +303,7 @@ TEST_F(AggregateDevices, survivesWhatSubDevicesDo)
 {
     hal->plug(aDevice().uid("clock").inputs(2).outputs(2));
     hal->plug(aDevice().uid("other").inputs(2).outputs(2).drift(100.0).hears(simulatedTone(700.0)));
-    const AudioObjectID device = aggregateOf({"clock", "other"});
+    const AudioObjectID device = makeAggregate(*model, {"clock", "other"});
     Copier copier(*model, device);
     std::set<uint32_t> streams{1};
     const auto change = [&](const std::string& uid, const CXBlock<void(SimulatedDeviceBuilder&)>& how) {

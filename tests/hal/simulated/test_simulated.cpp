@@ -123,8 +123,6 @@ TEST_F(SimulatedHardwareIO, stampsCyclesAsLateAsAskedFor)
 TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallback)
 {
     const AudioObjectID device = hal->plug(aDevice().uid("shape").outputs(2));
-    const auto streams = at(kAudioDevicePropertyStreams);
-    const auto before = readList<AudioObjectID>(*model, device, streams);
     std::vector<uint32_t> channels;
     const RunningProc proc(*model, device, eachCycle([&](const IOCycle& cycle) {
         const CXRealtimeExemption exemption("the test makes the change, not the library");
@@ -137,9 +135,6 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
             hal->unplug("shape");
     }));
     hal->stepCycles(2);
-    const auto after = readList<AudioObjectID>(*model, device, streams);
-    ASSERT_EQ(after.size(), 2U);
-    EXPECT_EQ(after[1], before[0]) << "the output stream keeps its object by its place";
     hal->reconfigure("shape", [](SimulatedDeviceBuilder& each) { each.noStreams(HALDirection::Output); });
     hal->stepCycles(3);
     EXPECT_EQ(channels, (std::vector<uint32_t>{2, 6, 99}));
