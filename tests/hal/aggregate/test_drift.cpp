@@ -140,26 +140,24 @@ struct Outcome {
     uint64_t lostFrames = 0;
     uint32_t resynchronisations = 0;
 
-    /// The mean delay between two times.
-    double delay(double from, double to) const
+    template <class Value> double mean(double from, double to, Value value) const
     {
         double sum = 0.0, count = 0.0;
         for (const Point& point : points)
             if (point.seconds >= from && point.seconds < to) {
-                sum += point.delayFrames;
+                sum += value(point);
                 ++count;
             }
         return sum / count;
     }
+    double delay(double from, double to) const
+    {
+        return mean(from, to, [](const Point& point) { return point.delayFrames; });
+    }
     double rateErrorRMS() const
     {
-        double sum = 0.0, count = 0.0;
-        for (const Point& point : points)
-            if (point.seconds >= settledAfter) {
-                sum += point.rateError * point.rateError;
-                ++count;
-            }
-        return std::sqrt(sum / count);
+        return std::sqrt(
+            mean(settledAfter, HUGE_VAL, [](const Point& point) { return std::pow(point.rateError, 2); }));
     }
     /// The largest deviation from `delayFrames` after settling.
     double wander(double delayFrames) const

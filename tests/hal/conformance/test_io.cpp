@@ -60,11 +60,11 @@ TEST_F(ConformanceIO, leavesOutStreamsThatACallbackDoesNotUse)
     const AudioObjectID device = plugged("Usage", 0, 2);
     std::atomic<uint64_t> withData{0}, without{0};
     AudioDeviceIOProcID proc = nullptr;
-    hal().createIOProc(device, eachCycle([&](const IOCycle& cycle) {
-                           const AudioBuffer& buffer = bufferOf(cycle.output, 0);
-                           ++(buffer.data || buffer.dataByteSize != 0 ? withData : without);
-                       }),
-                       proc);
+    const auto block = eachCycle([&](const IOCycle& cycle) {
+        const AudioBuffer& buffer = bufferOf(cycle.output, 0);
+        ++(buffer.data || buffer.dataByteSize != 0 ? withData : without);
+    });
+    hal().createIOProc(device, block, proc);
     struct {
         void* ioProc;
         uint32_t numberStreams;

@@ -150,32 +150,26 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
     EXPECT_GT(changed, 150U);
 }
 
-/// A queue that only keeps its jobs.
-class UnservedQueue final : public dxr::WorkQueue {
-public:
-    UnservedQueue() : WorkQueue("unserved") {}
-    bool isCurrent() const noexcept override { return false; }
-    void async(Work work) override { jobs.push_back(std::move(work)); }
-    std::vector<Work> jobs; // written by the notification thread until settle() returns
-};
-
 TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
 {
     const AudioObjectID device =
         hal->plug(aDevice().uid("device").outputs(2).mute(HALDirection::Output, false));
     const auto mute = at(kAudioDevicePropertyMute, output);
-    const auto queue = CXRef<UnservedQueue>::adopt(new UnservedQueue);
+    const auto queue = dxr::SerialQueue::initWithLabel("listener");
     const RecordingListener listener(*model, device, mute, queue);
+    std::promise<void> isServed;
+    queue->async([&] { isServed.get_future().wait(); });
     for (uint32_t i = 0; i < 1000; ++i) {
         writeValue(*model, device, mute, (i + 1) % 2);
         hal->settle();
     }
-    ASSERT_EQ(queue->jobs.size(), 1U);
-    queue->jobs[0]();
+    isServed.set_value();
+    queue->sync([] {});
     EXPECT_EQ(listener.count(), 1U);
     writeValue(*model, device, mute, 1U);
     hal->settle();
-    EXPECT_EQ(queue->jobs.size(), 2U) << "later changes are announced again";
+    queue->sync([] {});
+    EXPECT_EQ(listener.count(), 2U) << "later changes are announced again";
 }
 
 // One listener runs on the notification thread, one on a queue; each removes the other while both run.
