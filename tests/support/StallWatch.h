@@ -18,8 +18,6 @@ public:
         _ended = true;
         _thread.join();
     }
-    StallWatch(const StallWatch&) = delete;
-    StallWatch& operator=(const StallWatch&) = delete;
 
     uint32_t stalls() const noexcept { return _stalls; }
     double longestMilliseconds() const noexcept { return static_cast<double>(_longest.load()) * 1e-6; }

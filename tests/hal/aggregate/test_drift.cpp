@@ -48,12 +48,6 @@ struct Scenario {
     Fault fault = {};
 };
 
-std::ostream& operator<<(std::ostream& to, const Scenario& scenario)
-{
-    return to << scenario.writer.frameCount << " to " << scenario.reader.frameCount << " frames, "
-              << scenario.writer.partsPerMillion << " ppm, wander " << scenario.writer.wanderPartsPerMillion;
-}
-
 /// A cycle that runs: the times its thread is passed, and the true time.
 struct Cycle {
     uint64_t hostNanoseconds;
@@ -229,7 +223,9 @@ TEST(Drift, keepsTheDelayWhateverTheClocksDo)
 {
     const char* const soakSeconds = std::getenv("DXR_SOAK_SECONDS"); // simulated time
     for (const Scenario& scenario : driftScenarios(soakSeconds ? std::atof(soakSeconds) : 90.0)) {
-        SCOPED_TRACE(testing::Message() << scenario);
+        SCOPED_TRACE(testing::Message() << scenario.writer.frameCount << " to " << scenario.reader.frameCount
+                                        << ", " << scenario.writer.partsPerMillion << " ppm, wander "
+                                        << scenario.writer.wanderPartsPerMillion);
         const Outcome outcome = simulateDrift(scenario);
         const double delay = outcome.delay(scenario.seconds / 2.0, scenario.seconds);
         EXPECT_LE(delay, 3.0 * std::max(scenario.writer.frameCount, scenario.reader.frameCount) + 1.0);
