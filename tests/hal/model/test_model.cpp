@@ -150,28 +150,6 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
     EXPECT_GT(changed, 150U);
 }
 
-TEST_F(HALModelAnnouncements, mergesChangesForAQueueThatIsNotServed)
-{
-    const AudioObjectID device =
-        hal->plug(aDevice().uid("device").outputs(2).mute(HALDirection::Output, false));
-    const auto mute = at(kAudioDevicePropertyMute, output);
-    const auto queue = dxr::SerialQueue::initWithLabel("listener");
-    const RecordingListener listener(*model, device, mute, queue);
-    std::promise<void> isServed;
-    queue->async([&] { isServed.get_future().wait(); });
-    for (uint32_t i = 0; i < 1000; ++i) {
-        writeValue(*model, device, mute, (i + 1) % 2);
-        hal->settle();
-    }
-    isServed.set_value();
-    queue->sync([] {});
-    EXPECT_EQ(listener.count(), 1U);
-    writeValue(*model, device, mute, 1U);
-    hal->settle();
-    queue->sync([] {});
-    EXPECT_EQ(listener.count(), 2U) << "later changes are announced again";
-}
-
 // One listener runs on the notification thread, one on a queue; each removes the other while both run.
 TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
 {

@@ -104,6 +104,7 @@ TEST_F(SimulatedHardwareIO, runsOnItsOwnClockAndStampsCyclesAsLateAsAskedFor)
 TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallback)
 {
     const AudioObjectID device = hal->plug(aDevice().uid("shape").outputs(2));
+    const auto before = readList<AudioObjectID>(*model, device, at(kAudioDevicePropertyStreams));
     std::vector<uint32_t> channels;
     const RunningProc proc(*model, device, eachCycle([&](const IOCycle& cycle) {
         const CXRealtimeExemption exemption("the test makes the change, not the library");
@@ -116,6 +117,8 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
             hal->unplug("shape");
     }));
     hal->stepCycles(2);
+    EXPECT_EQ(readList<AudioObjectID>(*model, device, at(kAudioDevicePropertyStreams, output)), before)
+        << "the output stream keeps its object";
     hal->reconfigure("shape", [](SimulatedDeviceBuilder& each) { each.noStreams(HALDirection::Output); });
     hal->stepCycles(3);
     EXPECT_EQ(channels, (std::vector<uint32_t>{2, 6, 99}));
