@@ -18,11 +18,9 @@ public:
         const size_t usable = (byteSize + page - 1) / page * page;
         _mappedSize = usable + page;
         _mapping = mmap(nullptr, _mappedSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (_mapping == MAP_FAILED)
-            throw std::bad_alloc();
         auto* const bytes = static_cast<std::byte*>(_mapping);
         const bool isBehind = guard == Guard::Behind;
-        if (mprotect(isBehind ? bytes + usable : bytes, page, PROT_NONE) != 0)
+        if (_mapping == MAP_FAILED || mprotect(isBehind ? bytes + usable : bytes, page, PROT_NONE) != 0)
             throw std::bad_alloc();
         _begin = isBehind ? bytes + usable - byteSize : bytes + page;
     }

@@ -105,9 +105,6 @@ CHECKED(int, pthread_cond_clockwait,
         (pthread_cond_t * condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* until),
         (condition, mutex, clock, until))
 CHECKED(int, pthread_join, (pthread_t thread, void** result), (thread, result))
-CHECKED(int, pthread_create,
-        (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) noexcept,
-        (thread, attributes, body, argument))
 CHECKED(int, sem_wait, (sem_t * semaphore), (semaphore))
 
 CHECKED(unsigned, sleep, (unsigned seconds), (seconds))
@@ -126,7 +123,6 @@ CHECKED(ssize_t, send, (int socket, const void* data, size_t size, int flags), (
 CHECKED(ssize_t, recvmsg, (int socket, msghdr* message, int flags), (socket, message, flags))
 CHECKED(ssize_t, sendmsg, (int socket, const msghdr* message, int flags), (socket, message, flags))
 CHECKED(int, close, (int descriptor), (descriptor))
-CHECKED(int, fsync, (int descriptor), (descriptor))
 CHECKED(int, munmap, (void* address, size_t size) noexcept, (address, size))
 CHECKED(int, mprotect, (void* address, size_t size, int protection) noexcept, (address, size, protection))
 CHECKED(int, madvise, (void* address, size_t size, int advice) noexcept, (address, size, advice))

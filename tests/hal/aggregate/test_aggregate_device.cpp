@@ -307,7 +307,12 @@ TEST_F(AggregateDevices, survivesWhatSubDevicesDo)
         advance(1.0);
         expectSound(copier, streams);
     };
-    advance(1.0);
+    advance(20.0);
+    for (int loss = 0; loss < 30; ++loss) {
+        hal->loseCycles("other", 1);
+        advance(0.1);
+        EXPECT_NEAR(subDeviceStatus(*model, device)[1].partsPerMillion, 100.0, 1.0) << "not another rate";
+    }
     hal->loseCycles("other", 90);
     change("other", [](SimulatedDeviceBuilder& other) { other.sampleRate(96000.0); });
     change("other", [](SimulatedDeviceBuilder& other) { other.bufferFrameSize(2048); });

@@ -88,33 +88,6 @@ TEST_F(Conformance, describesADeviceAndItsStreamsConsistently)
     EXPECT_EQ(channels, 8U);
 }
 
-TEST_F(Conformance, findsADeviceByItsUID)
-{
-    const AudioObjectID device = plugged("Found", 0, 2);
-    const CXRef<CXValue> known = CXValue::initWithPlist(uid), unknown = CXValue::initWithPlist(uid + "?");
-    struct {
-        const CXObject* uid;
-        uint32_t idSize; // room in bytes for the answer
-        HALStatus status;
-        AudioObjectID found;
-    } const rows[] = {
-        {known.get(), 4, kAudioHardwareNoError, device},
-        {unknown.get(), 4, kAudioHardwareNoError, kAudioObjectUnknown},
-        {nullptr, 4, kAudioHardwareIllegalOperationError, 4711},
-        {known.get(), 2, kAudioHardwareBadPropertySizeError, 4711},
-    };
-    for (const auto& row : rows) {
-        AudioObjectID found = 4711;
-        const CXObject* text = row.uid;
-        AudioValueTranslation question{&text, sizeof text, &found, row.idSize};
-        uint32_t size = 0;
-        EXPECT_EQ(hal().readProperty(kAudioObjectSystemObject, at(kAudioHardwarePropertyDeviceForUID), {},
-                                     std::as_writable_bytes(std::span(&question, 1)), size),
-                  row.status);
-        EXPECT_EQ(found, row.found);
-    }
-}
-
 TEST_F(Conformance, takesOverControlsAndAnnouncesThem)
 {
     const AudioObjectID device = plugged("Controls", 0, 2);
