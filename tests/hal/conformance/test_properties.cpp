@@ -7,25 +7,21 @@ namespace {
 TEST_F(Conformance, returnsAStatusForWhatDoesNotExist)
 {
     const AudioObjectID device = plugged("Here", 2, 2);
+    constexpr uint32_t unknown = CXFourCharCode("zzzz");
     uint32_t size = 77;
     struct {
         const char* why;
         AudioObjectID object;
         AudioObjectPropertyAddress address;
-        HALStatus status;
+        HALStatus status = kAudioHardwareUnknownPropertyError;
     } const rows[] = {
-        {"never an object", 0xFFFFFFFF, at(kAudioObjectPropertyName), kAudioHardwareBadObjectError},
-        {"unknown selector", device, at(CXFourCharCode("zzzz")), kAudioHardwareUnknownPropertyError},
-        {"unknown scope", device, at(kAudioDevicePropertyNominalSampleRate, CXFourCharCode("zzzz")),
-         kAudioHardwareUnknownPropertyError},
-        {"wildcards are for listeners", device,
-         at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeWildcard), kAudioHardwareUnknownPropertyError},
-        {"unknown element", device, at(kAudioDevicePropertyVolumeScalar, output, 4711),
-         kAudioHardwareUnknownPropertyError},
-        {"a direction's property in global scope", device, at(kAudioDevicePropertyMute),
-         kAudioHardwareUnknownPropertyError},
-        {"a device's property of the system", kAudioObjectSystemObject, at(kAudioDevicePropertyDeviceUID),
-         kAudioHardwareUnknownPropertyError},
+        {"no object", 0xFFFFFFFF, at(kAudioObjectPropertyName), kAudioHardwareBadObjectError},
+        {"selector", device, at(unknown)},
+        {"scope", device, at(kAudioDevicePropertyNominalSampleRate, unknown)},
+        {"a listener's scope", device, at(kAudioDevicePropertyMute, kAudioObjectPropertyScopeWildcard)},
+        {"element", device, at(kAudioDevicePropertyVolumeScalar, output, 4711)},
+        {"a direction's property in global scope", device, at(kAudioDevicePropertyMute)},
+        {"a device's property", kAudioObjectSystemObject, at(kAudioDevicePropertyDeviceUID)},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(hal().propertySize(row.object, row.address, {}, size), row.status) << row.why;

@@ -272,9 +272,9 @@ TEST(HALFunctions, returnAnErrorWhileNoThreadCanBeCreated)
         };
         limitThreads(1);
         ASSERT_EQ(setresuid(65534, 65534, 65534), 0); // root has no limit
+        EXPECT_FALSE(HALSetHardwareDriver(SimulatedHardware::init()));
         const AudioObjectPropertyAddress devices = at(kAudioHardwarePropertyDevices);
         uint32_t size = 0;
-        EXPECT_FALSE(HALSetHardwareDriver(SimulatedHardware::init()));
         EXPECT_EQ(AudioObjectGetPropertyDataSize(kAudioObjectSystemObject, &devices, 0, nullptr, &size),
                   kAudioHardwareUnspecifiedError);
         limitThreads(limit.rlim_cur);
