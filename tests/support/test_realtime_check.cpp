@@ -10,11 +10,12 @@
 #include <thread>
 #include <unistd.h>
 
-// If the check detected nothing, every real-time test would pass. The sanitizers replace it.
-#ifndef DXR_SANITIZED
-
+// If the check detected nothing, every real-time test would pass.
 TEST(RealtimeCheckDeathTest, endsTheProcessAtWhateverMayWait)
 {
+#ifdef DXR_SANITIZED
+    GTEST_SKIP() << "the sanitizers interpose the same functions";
+#endif
     std::mutex mutex;
     std::unique_lock lock(mutex);
     std::mutex other;
@@ -43,5 +44,3 @@ TEST(RealtimeCheckDeathTest, endsTheProcessAtWhateverMayWait)
     }
     delete spare;
 }
-
-#endif
