@@ -4,6 +4,7 @@
 #include "SimulatedDeviceBuilder.h"
 #include "SimulatedDeviceDescription.h"
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <map>
@@ -64,15 +65,16 @@ private:
                                                     const AudioTimeStamp* outputTime) {
                 if (run->isOver)
                     return;
+                const Streams in(input), out(output);
+                if (in.channels != run->inputs || out.channels != run->outputs)
+                    table->prepare(run->inputs = in.channels, run->outputs = out.channels, 8192);
                 HALCycle cycle;
                 cycle.now = *now;
                 cycle.inputTime = inputTime ? *inputTime : *now;
                 cycle.outputTime = outputTime ? *outputTime : *now;
-                const std::vector<HALStreamBlock> in = _blocks(input, cycle.frameCount);
-                const std::vector<HALStreamBlock> out = _blocks(output, cycle.frameCount);
-                cycle.input = in;
-                cycle.output = out;
-                run->prepare(*table, _channelsOf(in), _channelsOf(out));
+                cycle.input = in.blocks;
+                cycle.output = out.blocks;
+                cycle.frameCount = std::max(in.frameCount, out.frameCount);
                 table->setTiming(_hardware.sampleRate, cycle.frameCount);
                 table->runCycle(cycle);
             };
@@ -89,36 +91,23 @@ private:
         struct Run : CXObject {
             std::atomic<bool> isOver{false};
             std::vector<uint32_t> inputs, outputs; // channels of each stream, as prepared
-
-            void prepare(HALIOProcTable& table, std::vector<uint32_t> newInputs,
-                         std::vector<uint32_t> newOutputs)
-            {
-                if (inputs == newInputs && outputs == newOutputs)
-                    return;
-                inputs = std::move(newInputs);
-                outputs = std::move(newOutputs);
-                table.prepare(inputs, outputs, 8192);
-            }
         };
-
-        static std::vector<uint32_t> _channelsOf(const std::vector<HALStreamBlock>& blocks)
-        {
-            std::vector<uint32_t> channels;
-            for (const HALStreamBlock& block : blocks)
-                channels.push_back(block.channelCount);
-            return channels;
-        }
-        static std::vector<HALStreamBlock> _blocks(const AudioBufferList* list, uint32_t& frameCount)
-        {
-            std::vector<HALStreamBlock> blocks;
-            for (uint32_t stream = 0; list && stream < list->numberBuffers; ++stream) {
-                const AudioBuffer& buffer = *(&list->buffers[0] + stream);
-                blocks.push_back({static_cast<float*>(buffer.data), buffer.numberChannels});
-                frameCount =
-                    buffer.dataByteSize / (buffer.numberChannels * static_cast<uint32_t>(sizeof(float)));
+        /// The streams of one direction in a cycle.
+        struct Streams {
+            explicit Streams(const AudioBufferList* list)
+            {
+                for (uint32_t stream = 0; list && stream < list->numberBuffers; ++stream) {
+                    const AudioBuffer& buffer = *(&list->buffers[0] + stream);
+                    blocks.push_back({static_cast<float*>(buffer.data), buffer.numberChannels});
+                    channels.push_back(buffer.numberChannels);
+                    frameCount =
+                        buffer.dataByteSize / (buffer.numberChannels * static_cast<uint32_t>(sizeof(float)));
+                }
             }
-            return blocks;
-        }
+            std::vector<HALStreamBlock> blocks;
+            std::vector<uint32_t> channels;
+            uint32_t frameCount = 0;
+        };
 
         DrivenHardware& _hardware;
         CXRef<Run> _run;

@@ -157,8 +157,6 @@ public:
         EXPECT_EQ(_hal.addListener(_object, _address, _listener), kAudioHardwareNoError);
     }
     ~RecordingListener() { remove(); }
-    RecordingListener(const RecordingListener&) = delete;
-    RecordingListener& operator=(const RecordingListener&) = delete;
 
     HALStatus remove() { return _hal.removeListener(_object, _address, _listener); }
     std::vector<AudioObjectPropertyAddress> announced() const

@@ -86,9 +86,12 @@ inline std::vector<AudioObjectID> readShownDevices(HALModel& hal)
 /// Returns the device with this UID; 0 if it does not exist.
 inline AudioObjectID deviceWithUID(auto& hal, const std::string& uid)
 {
-    for (const AudioObjectID device : readDevices(hal)) {
-        if (readText(hal, device, at(kAudioDevicePropertyDeviceUID)) == uid)
-            return device;
-    }
-    return kAudioObjectUnknown;
+    const CXRef<CXValue> value = CXValue::initWithPlist(uid);
+    const CXObject* text = value.get();
+    AudioObjectID device = kAudioObjectUnknown;
+    AudioValueTranslation translation{&text, sizeof text, &device, sizeof device};
+    uint32_t size = 0;
+    modelOf(hal).readProperty(kAudioObjectSystemObject, at(kAudioHardwarePropertyDeviceForUID), {},
+                              std::as_writable_bytes(std::span(&translation, 1)), size);
+    return device;
 }

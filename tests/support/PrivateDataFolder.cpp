@@ -8,13 +8,12 @@
 
 namespace {
 
-class PrivateDataFolder {
+const class PrivateDataFolder {
 public:
     PrivateDataFolder() { setenv("XDG_DATA_HOME", _path.c_str(), 1); }
     ~PrivateDataFolder()
     {
-        std::error_code ignored;
-        if (getpid() == _owner)
+        if (std::error_code ignored; getpid() == _owner)
             std::filesystem::remove_all(_path, ignored);
     }
 
@@ -22,8 +21,6 @@ private:
     const pid_t _owner = getpid();
     const std::filesystem::path _path =
         std::filesystem::temp_directory_path() / ("dxr-test-data-" + std::to_string(_owner));
-};
-
-const PrivateDataFolder folder;
+} folder;
 
 } // namespace

@@ -1,5 +1,6 @@
-#include "RealtimeCheck.h"
-
+// Ends the test and prints a stack when code inside a CXRealtimeScope allocates, frees, locks or makes a
+// system call that may wait. Linked into every test program. Does nothing under the sanitizers, which
+// interpose the same functions.
 #include "CXRealtime.h"
 
 #include <cerrno>
@@ -7,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <linux/futex.h>
@@ -17,25 +17,12 @@
 #include <semaphore.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
-#ifdef DXR_SANITIZED
-
-bool RealtimeCheck::isActive() noexcept
-{
-    return false;
-}
-
-#else
-
-bool RealtimeCheck::isActive() noexcept
-{
-    return true;
-}
+#ifndef DXR_SANITIZED
 
 namespace {
 
@@ -65,13 +52,16 @@ template <class Function> Function* hidden(const char* name)
 
 } // namespace
 
-#define CHECKED(result, name, parameters, arguments)                                                         \
+// Each of these hides the C library's function: it checks, then calls `original`.
+#define CHECKED_CALLING(original, result, name, parameters, arguments)                                       \
     result name parameters                                                                                   \
     {                                                                                                        \
         check(#name);                                                                                        \
-        static auto* const original = hidden<result parameters>(#name);                                      \
-        return original arguments;                                                                           \
+        static auto* const next = original;                                                                  \
+        return next arguments;                                                                               \
     }
+#define CHECKED(result, name, parameters, arguments)                                                         \
+    CHECKED_CALLING(hidden<result parameters>(#name), result, name, parameters, arguments)
 
 extern "C" {
 
@@ -82,23 +72,11 @@ void* __libc_realloc(void* pointer, size_t size);
 void* __libc_memalign(size_t alignment, size_t size);
 void __libc_free(void* pointer);
 
-void* malloc(size_t size) noexcept
-{
-    check("malloc");
-    return __libc_malloc(size);
-}
-
-void* calloc(size_t count, size_t size) noexcept
-{
-    check("calloc");
-    return __libc_calloc(count, size);
-}
-
-void* realloc(void* pointer, size_t size) noexcept
-{
-    check("realloc");
-    return __libc_realloc(pointer, size);
-}
+CHECKED_CALLING(__libc_malloc, void*, malloc, (size_t size) noexcept, (size))
+CHECKED_CALLING(__libc_calloc, void*, calloc, (size_t count, size_t size) noexcept, (count, size))
+CHECKED_CALLING(__libc_realloc, void*, realloc, (void* pointer, size_t size) noexcept, (pointer, size))
+CHECKED_CALLING(__libc_memalign, void*, aligned_alloc, (size_t alignment, size_t size) noexcept,
+                (alignment, size))
 
 void free(void* pointer) noexcept
 {
@@ -107,34 +85,18 @@ void free(void* pointer) noexcept
     __libc_free(pointer);
 }
 
-void* memalign(size_t alignment, size_t size) noexcept
-{
-    check("memalign");
-    return __libc_memalign(alignment, size);
-}
-
-void* aligned_alloc(size_t alignment, size_t size) noexcept
-{
-    check("aligned_alloc");
-    return __libc_memalign(alignment, size);
-}
-
 int posix_memalign(void** result, size_t alignment, size_t size) noexcept
 {
-    check("posix_memalign");
-    *result = __libc_memalign(alignment, size);
+    *result = aligned_alloc(alignment, size);
     return *result ? 0 : ENOMEM;
 }
 
 // Uncontended locks are refused too: the next one may wait.
 CHECKED(int, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, (mutex))
-CHECKED(int, pthread_mutex_timedlock, (pthread_mutex_t * mutex, const timespec* until) noexcept,
-        (mutex, until))
 CHECKED(int, pthread_mutex_clocklock,
         (pthread_mutex_t * mutex, clockid_t clock, const timespec* until) noexcept, (mutex, clock, until))
 CHECKED(int, pthread_rwlock_rdlock, (pthread_rwlock_t * lock) noexcept, (lock))
 CHECKED(int, pthread_rwlock_wrlock, (pthread_rwlock_t * lock) noexcept, (lock))
-CHECKED(int, pthread_spin_lock, (pthread_spinlock_t * lock) noexcept, (lock))
 CHECKED(int, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex), (condition, mutex))
 CHECKED(int, pthread_cond_timedwait,
         (pthread_cond_t * condition, pthread_mutex_t* mutex, const timespec* until),
@@ -142,50 +104,32 @@ CHECKED(int, pthread_cond_timedwait,
 CHECKED(int, pthread_cond_clockwait,
         (pthread_cond_t * condition, pthread_mutex_t* mutex, clockid_t clock, const timespec* until),
         (condition, mutex, clock, until))
-CHECKED(int, pthread_barrier_wait, (pthread_barrier_t * barrier) noexcept, (barrier))
 CHECKED(int, pthread_join, (pthread_t thread, void** result), (thread, result))
-CHECKED(int, pthread_create,
-        (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) noexcept,
-        (thread, attributes, body, argument))
 CHECKED(int, sem_wait, (sem_t * semaphore), (semaphore))
-CHECKED(int, sem_timedwait, (sem_t * semaphore, const timespec* until), (semaphore, until))
-CHECKED(int, sem_clockwait, (sem_t * semaphore, clockid_t clock, const timespec* until),
-        (semaphore, clock, until))
 
 CHECKED(unsigned, sleep, (unsigned seconds), (seconds))
-CHECKED(int, usleep, (useconds_t microseconds), (microseconds))
 CHECKED(int, nanosleep, (const timespec* length, timespec* left), (length, left))
 CHECKED(int, clock_nanosleep, (clockid_t clock, int flags, const timespec* until, timespec* left),
         (clock, flags, until, left))
 CHECKED(int, sched_yield, () noexcept, ())
 CHECKED(int, poll, (pollfd * descriptors, nfds_t count, int milliseconds), (descriptors, count, milliseconds))
-CHECKED(int, ppoll, (pollfd * descriptors, nfds_t count, const timespec* length, const sigset_t* signals),
-        (descriptors, count, length, signals))
-CHECKED(int, select, (int count, fd_set* in, fd_set* out, fd_set* other, timeval* length),
-        (count, in, out, other, length))
 CHECKED(int, epoll_wait, (int epoll, epoll_event* events, int count, int milliseconds),
         (epoll, events, count, milliseconds))
 CHECKED(ssize_t, read, (int descriptor, void* data, size_t size), (descriptor, data, size))
 CHECKED(ssize_t, write, (int descriptor, const void* data, size_t size), (descriptor, data, size))
-CHECKED(ssize_t, readv, (int descriptor, const iovec* data, int count), (descriptor, data, count))
 CHECKED(ssize_t, writev, (int descriptor, const iovec* data, int count), (descriptor, data, count))
 CHECKED(ssize_t, recv, (int socket, void* data, size_t size, int flags), (socket, data, size, flags))
 CHECKED(ssize_t, send, (int socket, const void* data, size_t size, int flags), (socket, data, size, flags))
 CHECKED(ssize_t, recvmsg, (int socket, msghdr* message, int flags), (socket, message, flags))
 CHECKED(ssize_t, sendmsg, (int socket, const msghdr* message, int flags), (socket, message, flags))
 CHECKED(int, close, (int descriptor), (descriptor))
-CHECKED(int, fsync, (int descriptor), (descriptor))
-CHECKED(FILE*, fopen, (const char* path, const char* mode), (path, mode))
 CHECKED(int, munmap, (void* address, size_t size) noexcept, (address, size))
 CHECKED(int, mprotect, (void* address, size_t size, int protection) noexcept, (address, size, protection))
 CHECKED(int, madvise, (void* address, size_t size, int advice) noexcept, (address, size, advice))
 
-void* mmap(void* address, size_t size, int protection, int flags, int descriptor, off_t offset) noexcept
-{
-    check("mmap");
-    static auto* const original = hidden<void*(void*, size_t, int, int, int, off_t)>("mmap");
-    return original(address, size, protection, flags, descriptor, offset);
-}
+CHECKED(void*, mmap,
+        (void* address, size_t size, int protection, int flags, int descriptor, off_t offset) noexcept,
+        (address, size, protection, flags, descriptor, offset))
 
 // Code waits on a futex through syscall(). Waking a waiter is allowed: it never waits.
 long syscall(long number, ...) noexcept
@@ -208,14 +152,10 @@ long syscall(long number, ...) noexcept
 
 } // extern "C"
 
-namespace {
-
 // The first backtrace() of a process loads a library and allocates, which must not happen inside malloc().
-[[maybe_unused]] const int loaded = [] {
+[[maybe_unused]] static const int loaded = [] {
     void* frame[1];
     return backtrace(frame, 1);
 }();
-
-} // namespace
 
 #endif

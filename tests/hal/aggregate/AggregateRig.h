@@ -16,40 +16,32 @@ public:
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
         const std::string uid = "aggregate-" + std::to_string(++_count);
-        Made made;
+        std::vector<std::string>& subDevices = _subDevices[uid];
         if (inputs > 0)
-            made.subDevices.push_back(_devices->plug(name + " in", inputs, 0));
+            subDevices.push_back(_devices->plug(name + " in", inputs, 0));
         if (outputs > 0)
-            made.subDevices.push_back(_devices->plug(name + " out", 0, outputs));
-        std::vector<std::string> all = made.subDevices;
+            subDevices.push_back(_devices->plug(name + " out", 0, outputs));
+        std::vector<std::string> all = subDevices;
         all.emplace_back("absent");
-        made.deviceID = makeAggregate(
-            model(), all, {{"uid", uid}, {"name", name}, {"private", 1}, {"master", all.front()}});
-        _made.emplace(uid, std::move(made));
+        makeAggregate(model(), all, {{"uid", uid}, {"name", name}, {"private", 1}, {"master", all.front()}});
         return uid;
     }
     void unplug(const std::string& uid) override
     {
-        const Made& made = _made.at(uid);
-        model().destroyAggregateDevice(made.deviceID);
-        for (const std::string& each : made.subDevices)
+        model().destroyAggregateDevice(deviceWithUID(model(), uid));
+        for (const std::string& each : _subDevices.at(uid))
             _devices->unplug(each);
     }
     void rename(const std::string& uid, const std::string& name) override
     {
         const CXRef<CXValue> value = CXValue::initWithPlist(name);
         const CXObject* object = value.get();
-        writeValue(model(), _made.at(uid).deviceID, at(kAudioObjectPropertyName), object);
+        writeValue(model(), deviceWithUID(model(), uid), at(kAudioObjectPropertyName), object);
     }
     void letTimePass() override { _devices->letTimePass(); }
 
 private:
-    struct Made {
-        AudioObjectID deviceID = kAudioObjectUnknown;
-        std::vector<std::string> subDevices;
-    };
-
     const std::unique_ptr<ConformanceRig> _devices;
-    std::map<std::string, Made> _made;
+    std::map<std::string, std::vector<std::string>> _subDevices; // UIDs, by the aggregate's
     int _count = 0;
 };

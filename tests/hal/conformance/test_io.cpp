@@ -1,6 +1,8 @@
 #include "CXRealtime.h"
 #include "Conformance.h"
 
+#include <deque>
+
 namespace {
 
 using ConformanceIO = Conformance;
@@ -37,21 +39,20 @@ TEST_F(ConformanceIO, givesEveryCallbackItsOwnSilentOutput)
     const AudioObjectID device = plugged("Mix", 0, 2);
     std::atomic<uint64_t> dirty{0};
     CycleWitness witnesses[3];
-    std::vector<std::unique_ptr<RunningProc>> procs;
+    const auto filling = [&dirty](CycleWitness& witness) {
+        return eachCycle([&](const IOCycle& cycle) {
+            dirty += cycle.input != nullptr; // null without input
+            for (float& sample : cycle.out())
+                dirty += std::exchange(sample, 0.125F) != 0.0F;
+            witness.see(cycle);
+        });
+    };
+    std::deque<RunningProc> procs;
     for (CycleWitness& witness : witnesses)
-        procs.push_back(std::make_unique<RunningProc>(hal(), device, eachCycle([&](const IOCycle& cycle) {
-                                                          dirty +=
-                                                              cycle.input != nullptr; // null without input
-                                                          for (float& sample : cycle.out()) {
-                                                              dirty += sample != 0.0F;
-                                                              sample = 0.125F;
-                                                          }
-                                                          witness.see(cycle);
-                                                      })));
+        procs.emplace_back(hal(), device, filling(witness));
     for (const CycleWitness& witness : witnesses)
         EXPECT_TRUE(waitForMore(witness));
     EXPECT_EQ(dirty, 0U);
-    procs.clear();
 }
 
 TEST_F(ConformanceIO, leavesOutStreamsThatACallbackDoesNotUse)
@@ -59,11 +60,11 @@ TEST_F(ConformanceIO, leavesOutStreamsThatACallbackDoesNotUse)
     const AudioObjectID device = plugged("Usage", 0, 2);
     std::atomic<uint64_t> withData{0}, without{0};
     AudioDeviceIOProcID proc = nullptr;
-    hal().createIOProc(device, eachCycle([&](const IOCycle& cycle) {
-                           const AudioBuffer& buffer = bufferOf(cycle.output, 0);
-                           ++(buffer.data || buffer.dataByteSize != 0 ? withData : without);
-                       }),
-                       proc);
+    const auto block = eachCycle([&](const IOCycle& cycle) {
+        const AudioBuffer& buffer = bufferOf(cycle.output, 0);
+        ++(buffer.data || buffer.dataByteSize != 0 ? withData : without);
+    });
+    hal().createIOProc(device, block, proc);
     struct {
         void* ioProc;
         uint32_t numberStreams;
@@ -87,32 +88,29 @@ TEST_F(ConformanceIO, leavesOutStreamsThatACallbackDoesNotUse)
 TEST_F(ConformanceIO, followsAChangeOfFramesAndRateWhileRunning)
 {
     const AudioObjectID device = plugged("Changes", 2, 2);
+    const auto frames = at(kAudioDevicePropertyBufferFrameSize);
+    const auto rate = at(kAudioDevicePropertyNominalSampleRate);
     CycleWitness witness;
     std::atomic<double> rateOnIOThread{0.0};
     std::atomic<uint32_t> framesOnIOThread{0};
     const RunningProc proc(hal(), device, eachCycle([&](const IOCycle& cycle) {
                                witness.see(cycle);
-                               rateOnIOThread =
-                                   read<double>(device, kAudioDevicePropertyNominalSampleRate).value_or(-1.0);
-                               framesOnIOThread =
-                                   read<uint32_t>(device, kAudioDevicePropertyBufferFrameSize).value_or(0);
+                               rateOnIOThread = readValue<double>(hal(), device, rate).value_or(-1.0);
+                               framesOnIOThread = readValue<uint32_t>(hal(), device, frames).value_or(0);
                            }));
-    for (const uint32_t frames : {256U, 1024U, 512U}) {
-        EXPECT_EQ(writeValue(hal(), device, at(kAudioDevicePropertyBufferFrameSize), frames),
-                  kAudioHardwareNoError);
+    for (const uint32_t value : {256U, 1024U, 512U}) {
+        EXPECT_EQ(writeValue(hal(), device, frames, value), kAudioHardwareNoError);
         EXPECT_TRUE(eventually([&] {
-            return witness.frames == frames && framesOnIOThread == frames &&
-                   read<uint32_t>(device, kAudioDevicePropertyBufferFrameSize) == frames;
-        })) << frames;
+            return witness.frames == value && framesOnIOThread == value &&
+                   readValue<uint32_t>(hal(), device, frames) == value;
+        })) << value;
     }
-    for (const double rate : {96000.0, 44100.0}) {
-        EXPECT_EQ(writeValue(hal(), device, at(kAudioDevicePropertyNominalSampleRate), rate),
-                  kAudioHardwareNoError);
-        EXPECT_TRUE(waitForMore(witness)) << rate;
+    for (const double value : {96000.0, 44100.0}) {
+        EXPECT_EQ(writeValue(hal(), device, rate, value), kAudioHardwareNoError);
+        EXPECT_TRUE(waitForMore(witness)) << value;
         EXPECT_TRUE(eventually([&] {
-            return rateOnIOThread == rate &&
-                   read<double>(device, kAudioDevicePropertyNominalSampleRate) == rate;
-        })) << rate;
+            return rateOnIOThread == value && readValue<double>(hal(), device, rate) == value;
+        })) << value;
     }
     EXPECT_EQ(witness.backwards, 0U);
 }
@@ -123,13 +121,13 @@ TEST_F(ConformanceIO, letsACallbackStopAndDestroyItself)
     std::atomic<AudioDeviceIOProcID> own{nullptr};
     std::atomic<int> calls{0};
     std::atomic<HALStatus> stopped{-1}, destroyed{-1};
-    const RunningProc proc(hal(), device, eachCycle([&](const IOCycle&) {
-                               if (!own)
-                                   return;
-                               ++calls;
-                               stopped = hal().stop(device, own);
-                               destroyed = hal().destroyIOProc(device, own);
-                           }));
+    const RunningProc proc(hal(), device, [&](auto...) {
+        if (!own)
+            return;
+        ++calls;
+        stopped = hal().stop(device, own);
+        destroyed = hal().destroyIOProc(device, own);
+    });
     own = proc.id;
     EXPECT_TRUE(eventually([&] { return destroyed != -1; }));
     EXPECT_EQ(stopped, kAudioHardwareNoError);

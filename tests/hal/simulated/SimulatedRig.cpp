@@ -1,10 +1,5 @@
 #include "AggregateRig.h"
-#include "ConformanceRig.h"
-
 #include "simulated.h"
-
-#include <chrono>
-#include <thread>
 
 namespace {
 
@@ -45,7 +40,7 @@ public:
         if (clockUnderTest == SimulatedClock::Stepped)
             _hal->stepCycles(4);
         else
-            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            sleepForMilliseconds(30);
         _hal->settle();
     }
 
