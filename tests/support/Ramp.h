@@ -50,3 +50,11 @@ public:
 private:
     std::array<int64_t, 8> _last{};
 };
+
+/// Returns how often a sample does not follow its predecessor, except in the silence before the ramp.
+inline uint64_t breaksOf(std::span<const float> ramp)
+{
+    RampCheck check;
+    check.see(ramp, 1);
+    return check.breaks;
+}
