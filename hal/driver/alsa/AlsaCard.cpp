@@ -34,10 +34,12 @@ bool AlsaCard::_open()
     const std::string card = "hw:" + std::to_string(number);
     if (snd_mixer_open(&_mixer.elements, 0) < 0 || snd_mixer_attach(_mixer.elements, card.c_str()) < 0 ||
         snd_mixer_selem_register(_mixer.elements, nullptr, nullptr) < 0 ||
-        snd_mixer_load(_mixer.elements) < 0 ||
         snd_mixer_get_hctl(_mixer.elements, card.c_str(), &_mixer.all) < 0 ||
         snd_mixer_poll_descriptors(_mixer.elements, &_descriptor, 1) != 1)
         return false;
+    // A control that cannot be read ends the loading. The card is used with the controls before it.
+    if (snd_mixer_load(_mixer.elements) < 0)
+        snd_ctl_subscribe_events(snd_hctl_ctl(_mixer.all), 1); // otherwise done at the end of the loading
     const auto info = _info();
     if (!info)
         return false;

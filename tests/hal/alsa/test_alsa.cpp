@@ -195,6 +195,18 @@ TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
     }
 }
 
+TEST_F(AlsaTest, survivesACardThatReportsNonsense)
+{
+    const int number = FakedCards::plug({.isHostile = true});
+    const AudioObjectID id = device();
+    EXPECT_FALSE(read<float>(id, kAudioDevicePropertyVolumeScalar, output)) << "a range of no step";
+    EXPECT_FALSE(read<uint32_t>(id, kAudioDevicePropertyDataSource, input)) << "an item outside the list";
+    EXPECT_EQ(readList<uint32_t>(*hal, id, at(kAudioDevicePropertyDataSources, input)).size(), 64U)
+        << "all it reads";
+    FakedCards::unplug(number);
+    EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+}
+
 TEST_F(AlsaTest, leavesOutWhatCannotRun)
 {
     struct {

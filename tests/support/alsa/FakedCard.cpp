@@ -148,11 +148,11 @@ void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
                   (control.minDecibels ? SNDRV_CTL_ELEM_ACCESS_TLV_READ : 0U);
     info.owner = -1;
     if (control.type == choice) {
-        info.value.enumerated.items = 2;
+        info.value.enumerated.items = options.isHostile ? 4'000'000'000U : 2;
         std::strcpy(info.value.enumerated.name, info.value.enumerated.item == 0 ? "Mic" : "Line");
     } else {
-        info.value.integer.min = 0;
-        info.value.integer.max = control.max;
+        info.value.integer.min = options.isHostile ? control.max : 0;
+        info.value.integer.max = options.isHostile ? 0 : control.max;
         info.value.integer.step = 0;
     }
 }
@@ -167,7 +167,7 @@ int FakedCard::_transfer(snd_ctl_elem_value& value, Control& control, bool isWri
         if (wanted < 0 || wanted > control.max)
             return -EINVAL;
         hasChanged |= std::exchange(control.value[i], wanted) != wanted;
-        step = wanted;
+        step = options.isHostile ? (1L << 60) + 77 : wanted;
     }
     return hasChanged;
 }
@@ -183,7 +183,7 @@ int FakedCard::ioctl(unsigned long request, void* argument)
         _describe(*static_cast<snd_ctl_card_info*>(argument));
         return 0;
     case SNDRV_CTL_IOCTL_PCM_NEXT_DEVICE:
-        value = value + 1 < static_cast<int>(options.pcmCount) ? value + 1 : -1;
+        value = value + 1 < static_cast<int>(options.pcmCount) ? value + 1 : options.isHostile ? 0 : -1;
         return 0;
     case SNDRV_CTL_IOCTL_PCM_PREFER_SUBDEVICE:
     case SNDRV_CTL_IOCTL_SUBSCRIBE_EVENTS: // changes are always announced
