@@ -35,7 +35,8 @@ struct FakedCardOptions {
     bool mapsSamples = true;                    ///< false: samples by read and write only
     bool hasStamps = true;                      ///< false: its time stamps are 0
     bool canLink = true;
-    bool isHostile = false; ///< an endless list of PCMs, billions of items, a reversed range, values outside it
+    /// An endless list of PCMs, billions of items, reversed ranges, and values outside them.
+    bool isHostile = false;
 };
 
 /// Sound cards of a faked kernel, for this process. The unmodified alsa-lib runs on top: a program that links
