@@ -26,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int64_t applicationID = 0x64787253; // "dxrS", SQLite's application_id in the file's header
 constexpr int64_t schemaVersion = 1;
 constexpr std::string_view databaseHead("SQLite format 3\0", 16);
+constexpr std::string_view databaseFractions("\x40\x20\x20", 3); // behind it, at byte 21 of every database
 
 struct StatementEnd {
     void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
@@ -439,18 +440,20 @@ bool DefaultsDatabase::_isStillInPlace() const
            now.st_dev == _identity.st_dev;
 }
 
-/// Returns true if the open file still begins with SQLite's header. SQLite does not check this while the page
-/// is in its cache, and data written into a file that was overwritten is lost to other processes.
+/// Returns true if the open file still begins with the constant parts of SQLite's header
+/// (https://www.sqlite.org/fileformat.html, 1.3). SQLite does not check this while the page is in its cache, and
+/// data written into a file that was overwritten is lost to other processes.
 bool DefaultsDatabase::_isDatabaseStill()
 {
     sqlite3_file* file = nullptr; // SQLite's handle: closing another descriptor would release its locks
-    std::array<char, databaseHead.size()> found{};
+    std::array<char, 24> found{};
     if (sqlite3_file_control(_connection, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK)
         return true;
     const int read = file->pMethods->xRead(file, found.data(), static_cast<int>(found.size()), 0);
     if (read != SQLITE_OK && read != SQLITE_IOERR_SHORT_READ)
         return true; // a disk error is no damage of the file; the next statement reports it
-    if (std::string_view(found.data(), found.size()) == databaseHead)
+    const std::string_view header(found.data(), found.size());
+    if (header.starts_with(databaseHead) && header.ends_with(databaseFractions))
         return true;
     _failWith(_path + " is not a database any more");
     _lastCode = SQLITE_NOTADB;
