@@ -94,6 +94,7 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
     plug(aDevice().uid("in").inputs(2));
     ASSERT_TRUE(runner->addDevice(device("out", output), std::nullopt, idle));
     ASSERT_TRUE(runner->setCycleTrace(trace));
+    EXPECT_EQ(runner->counts().restarts, 0U);
     runner->start();
     plug(aDevice().uid("other").outputs(2)); // not used by the runner
     unplug("other");
