@@ -40,16 +40,19 @@ TEST(PipeWireStart, failsWhereNoCycleCanCome)
         SCOPED_TRACE(row.why);
         PipeWireSetup setup({.withoutModule = row.missingModule});
         const AudioObjectID device = setup.plug({.name = "sink"});
+        pw_proxy* link = nullptr;
         if (row.isPaused) { // while it runs for another client
             setup.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
-            setup.client.link(setup.client.nodeID("source"), "capture_FL", setup.client.nodeID("sink"),
-                              "playback_FL");
+            link = setup.client.link(setup.client.nodeID("source"), "capture_FL", setup.client.nodeID("sink"),
+                                     "playback_FL");
             ASSERT_TRUE(setup.becomes(device, kAudioDevicePropertyDeviceIsRunning, 1U));
             setup.client.run("pw-cli send-command sink Pause '{}'");
         }
         const RunningProc proc(*setup.hal, device, eachCycle(playRamp));
         EXPECT_EQ(proc.status, kAudioHardwareUnspecifiedError);
         EXPECT_TRUE(eventually([&] { return setup.ownNodeCount() == 0; })) << "left behind";
+        if (link)
+            setup.client.destroy(link);
     }
 }
 
