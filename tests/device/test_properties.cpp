@@ -148,6 +148,16 @@ TEST_F(Properties, findDataSourcesByTheirNames)
     EXPECT_EQ(sourceIDs(), (std::vector<uint32_t>{0, 0, 0})) << "as many as announced, though unreadable";
 }
 
+TEST(PropertyAddress, isEqualToItsCopyAndItsText)
+{
+    const auto volume = Address::deviceVolumeScalar(kAudioObjectPropertyScopeOutput, 0);
+    EXPECT_TRUE(volume->isEqual(volume->copy().get()));
+    EXPECT_TRUE(volume->isEqual(CXValue::initWithPlist("volm:outp:0").get()));
+    EXPECT_FALSE(volume->isEqual(CXValue::initWithPlist("volm:outp:1").get()));
+    EXPECT_FALSE(volume->isEqual(Address::deviceVolumeScalar(kAudioObjectPropertyScopeOutput, 1).get()));
+    EXPECT_FALSE(volume->isEqual(nullptr));
+}
+
 class Target final : public CXObject {
 public:
     static CXRef<Target> init() { return CXRef<Target>::adopt(new Target); }

@@ -61,6 +61,7 @@ TEST_F(RunnerTrace, recordsCyclesAsTheyWere)
     ASSERT_TRUE(other->setCycleTrace(trace));
     EXPECT_FALSE(runner->setCycleTrace(trace)) << "of another runner";
     ASSERT_TRUE(other->setCycleTrace(nullptr) && runner->setCycleTrace(trace));
+    EXPECT_TRUE(runner->setCycleTrace(trace)) << "its own";
     runner->start();
     hal.stepCycles(3);
     hal.loseCycles("out", 2);
