@@ -1,3 +1,6 @@
+#include "CXJSON.h"
+#include "CapturedLog.h"
+#include "DXRDebugLog.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceOverrides.h"
 #include "Eventually.h"
@@ -332,6 +335,24 @@ TEST_F(DXRDeviceTest, ignoresRatesThatAreNotFinite)
     EXPECT_EQ(device->sampleRate(), 44100.0);
     const auto restored = DXRDeviceControl::initWithArchive(CXPlist::parse(device->archive().dump()));
     EXPECT_EQ(restored->availableSampleRates(), (std::vector<double>{48000}));
+}
+
+// Debugging is enabled once per process, so this runs in death tests.
+TEST_F(DXRDeviceTest, isLoggedWithItsArchiveWhenDebugging)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto logged = [this] {
+        CXRegisterDebugCenter([] { return true; });
+        const CapturedLog log;
+        const auto device = deviceFor(aDevice().uid("box").outputs(2));
+        const std::string archive = CXJSONWithPlist(device->archive());
+        const auto restored = DXRDeviceControl::initWithArchive(device->archive());
+        const auto line = [&](const auto& it) {
+            return "[DXR] Added " + it->description() + ": " + archive + "\n";
+        };
+        std::exit(log.lines() == std::vector{line(device), line(restored)} ? 0 : 1);
+    };
+    EXPECT_EXIT(logged(), testing::ExitedWithCode(0), "");
 }
 
 TEST(DXRDeviceArchive, isReadAsFarAsItIsValid)
