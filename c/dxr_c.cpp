@@ -5,8 +5,10 @@
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
 #include "DXRVersion.h"
+#include "Handles.h"
 #include "HostClock.h"
 #include "LogSink.h"
+#include "Packer.h"
 #include "QDL.h"
 #include "SerialQueue.h"
 #include "Utf8.h"
@@ -25,22 +27,14 @@
 
 // The C interface: checks the arguments, calls the classes, and turns exceptions into statuses.
 
+using namespace dxr_c;
+
 namespace {
 
 thread_local char errorText[512] = "";
 thread_local bool isInCycle = false;   // an audio callback is running on this thread
 std::atomic<bool> isUsed{false};       // threads have been started, which fork() does not copy
 std::atomic<bool> isForkedCopy{false}; // set in the child of fork(), which then has one thread
-
-struct Failure {
-    dxr_status status;
-    std::string text;
-};
-
-[[noreturn]] void fail(dxr_status status, std::string text)
-{
-    throw Failure{status, std::move(text)};
-}
 
 dxr_status noteError(dxr_status status, const char* function, const char* text) noexcept
 {
@@ -154,101 +148,6 @@ private:
 
 // ---- Handles
 
-enum class Kind : uintptr_t { Device = 1, Follower, Sound, Runner, Computer };
-constexpr const char* kindNames[] = {"", "device", "follower", "sound", "runner", "computer"};
-
-/// All handles in use, and all memory returned to callers. A handle is its number times 16 plus its kind:
-/// numbers are never reused, so that a released handle cannot be mistaken for another.
-class Handles {
-public:
-    static Handles& shared()
-    {
-        static auto* const handles = new Handles; // never destroyed: other threads run until the process ends
-        return *handles;
-    }
-
-    template <class Handle> Handle* give(Kind kind, CXRef<CXObject> object)
-    {
-        const std::scoped_lock lock(_mutex);
-        return reinterpret_cast<Handle*>(_give(kind, std::move(object)));
-    }
-    /// The object; fails if `handle` is not a handle of that kind.
-    template <class Object> CXRef<Object> object(const void* handle, Kind kind)
-    {
-        const std::scoped_lock lock(_mutex);
-        return CXRef(static_cast<Object*>(&*_entry(handle, kind)->second.object));
-    }
-    void retain(const void* handle)
-    {
-        const std::scoped_lock lock(_mutex);
-        ++_entry(handle, std::nullopt)->second.count;
-    }
-    /// Returns the object if that was its last reference: the caller must release it without the lock.
-    CXRef<CXObject> release(const void* handle)
-    {
-        const std::scoped_lock lock(_mutex);
-        const auto entry = _entry(handle, std::nullopt);
-        if (--entry->second.count > 0)
-            return nullptr;
-        CXRef<CXObject> object = std::move(entry->second.object);
-        _devices.erase(&*object);
-        _entries.erase(entry);
-        return object;
-    }
-    /// Registers memory from malloc(), with the number of devices that it lists.
-    void addMemory(const void* memory, size_t deviceCount)
-    {
-        const std::scoped_lock lock(_mutex);
-        _memory.emplace(memory, deviceCount);
-    }
-    /// The number of devices that the memory lists; empty if it is not registered.
-    std::optional<size_t> removeMemory(const void* memory)
-    {
-        const std::scoped_lock lock(_mutex);
-        const auto found = _memory.extract(memory);
-        return found ? std::optional(found.mapped()) : std::nullopt;
-    }
-
-private:
-    struct Entry {
-        uint32_t count;
-        CXRef<CXObject> object;
-    };
-    using Entries = std::unordered_map<uintptr_t, Entry>;
-
-    uintptr_t _give(Kind kind, CXRef<CXObject> object)
-    {
-        if (const auto known = _devices.find(&*object); known != _devices.end()) {
-            ++_entries.at(known->second).count;
-            return known->second;
-        }
-        const uintptr_t handle = ++_last * 16 + static_cast<uintptr_t>(kind);
-        if (kind == Kind::Device)
-            _devices.emplace(&*object, handle);
-        _entries.emplace(handle, Entry{1, std::move(object)});
-        return handle;
-    }
-    Entries::iterator _entry(const void* handle, std::optional<Kind> kind)
-    {
-        if (!handle)
-            fail(DXR_ERROR_ARGUMENT, "the handle is null");
-        const auto number = reinterpret_cast<uintptr_t>(handle);
-        const auto entry = _entries.find(number);
-        if (entry == _entries.end())
-            fail(DXR_ERROR_HANDLE, "the handle was released, or never was one");
-        if (kind && number % 16 != static_cast<uintptr_t>(*kind))
-            fail(DXR_ERROR_HANDLE, std::string("the handle is of a ") + kindNames[number % 16] +
-                                       ", not of a " + kindNames[static_cast<size_t>(*kind)]);
-        return entry;
-    }
-
-    std::mutex _mutex;
-    Entries _entries;
-    std::unordered_map<const CXObject*, uintptr_t> _devices; // a device has one handle
-    std::unordered_map<const void*, size_t> _memory;
-    uintptr_t _last = 0;
-};
-
 CXRef<DXRDevice> deviceOf(const dxr_device* handle)
 {
     return Handles::shared().object<DXRDevice>(handle, Kind::Device);
@@ -335,23 +234,6 @@ void requireSampleRate(double rate)
 
 // ---- Results
 
-/// Memory for a result, to be released with dxr_free().
-template <class Value> Value* newMemory(size_t byteSize, size_t deviceCount = 0)
-{
-    void* const memory = std::calloc(1, std::max<size_t>(byteSize, 1));
-    if (!memory)
-        throw std::bad_alloc();
-    Handles::shared().addMemory(memory, deviceCount);
-    return static_cast<Value*>(memory);
-}
-
-const char* newText(const std::string& text)
-{
-    auto* const memory = newMemory<char>(text.size() + 1);
-    std::memcpy(memory, text.c_str(), text.size() + 1);
-    return memory;
-}
-
 dxr_device* give(const CXRef<DXRDevice>& device, const char* otherwise)
 {
     if (!device)
@@ -373,58 +255,6 @@ void giveList(const std::set<CXRef<DXRDevice>>& set, dxr_device* const** devices
     *devices = list;
     *count = sorted.size();
 }
-
-/// Packs a struct and the data it points to into one piece of memory: measures in the first pass, fills in
-/// the second.
-class Packer {
-public:
-    const char* text(const std::string& text)
-    {
-        auto* const at = static_cast<char*>(_take(text.size() + 1, 1));
-        if (at)
-            std::memcpy(at, text.c_str(), text.size() + 1);
-        return at;
-    }
-    const double* numbers(const std::vector<double>& numbers)
-    {
-        auto* const at = static_cast<double*>(_take(numbers.size() * sizeof(double), alignof(double)));
-        if (at)
-            std::ranges::copy(numbers, at);
-        return at;
-    }
-    const char* const* texts(const std::vector<std::string>& texts)
-    {
-        auto* const at = static_cast<const char**>(_take(texts.size() * sizeof(char*), alignof(char*)));
-        for (size_t i = 0; i < texts.size(); ++i) {
-            const char* const each = text(texts[i]);
-            if (at)
-                at[i] = each;
-        }
-        return at;
-    }
-    /// `describe` returns the struct, whose pointers come from this packer.
-    template <class Struct, class Describe> static const Struct* pack(const Describe& describe)
-    {
-        Packer packer(sizeof(Struct));
-        describe(packer);
-        packer._memory = newMemory<char>(packer._used);
-        packer._used = sizeof(Struct);
-        const Struct made = describe(packer);
-        return static_cast<Struct*>(std::memcpy(packer._memory, &made, sizeof made));
-    }
-
-private:
-    explicit Packer(size_t used) : _used(used) {}
-    void* _take(size_t byteSize, size_t alignment)
-    {
-        const size_t at = (_used + alignment - 1) / alignment * alignment;
-        _used = at + byteSize;
-        return _memory ? _memory + at : nullptr;
-    }
-
-    char* _memory = nullptr;
-    size_t _used;
-};
 
 /// The values of a device at one time.
 struct DeviceValues {
