@@ -5,12 +5,15 @@
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
 #include "DXRVersion.h"
+#include "Events.h"
+#include "Follower.h"
 #include "Handles.h"
 #include "HostClock.h"
 #include "LogSink.h"
 #include "Packer.h"
 #include "QDL.h"
-#include "SerialQueue.h"
+#include "Runner.h"
+#include "Sound.h"
 #include "Utf8.h"
 #include "simulated.h"
 
@@ -32,7 +35,6 @@ using namespace dxr_c;
 namespace {
 
 thread_local char errorText[512] = "";
-thread_local bool isInCycle = false;   // an audio callback is running on this thread
 std::atomic<bool> isUsed{false};       // threads have been started, which fork() does not copy
 std::atomic<bool> isForkedCopy{false}; // set in the child of fork(), which then has one thread
 
@@ -57,7 +59,7 @@ template <class Body> dxr_status guarded(const char* function, const Body& body)
 {
     if (isForkedCopy)
         return noteError(DXR_ERROR_FORKED, function, "the process is a fork() of one that used dxr");
-    if (isInCycle)
+    if (isInAudioCallback())
         return noteError(DXR_ERROR_THREAD, function, "not to be called in an audio callback");
     try {
         prepareForFork();
@@ -75,76 +77,6 @@ template <class Body> dxr_status guarded(const char* function, const Body& body)
         return noteError(DXR_ERROR_INTERNAL, function, "unknown exception");
     }
 }
-
-/// The queue on which callbacks for changes are called. Never destroyed: it may be in use when the process
-/// ends.
-dxr::SerialQueue& events()
-{
-    static const auto* const queue =
-        new CXRef<dxr::SerialQueue>(dxr::SerialQueue::initWithLabel("dxr.events"));
-    return **queue;
-}
-
-/// Waits until every pending callback for changes has returned, unless called by one of them.
-void waitForEvents()
-{
-    if (!events().isCurrent())
-        events().sync([] {});
-}
-
-// ---- The objects behind handles
-
-/// A registered callback for changes of devices.
-class Follower final : public CXObject {
-public:
-    Follower(dxr_device_callback callback, void* user);
-    ~Follower() override { manager().removeDeviceNotifier(_block, DXRDeviceManager::WhenRunning::Wait); }
-    static DXRDeviceManager& manager() { return DXRDeviceManager::sharedDeviceManager(); }
-
-private:
-    DXRDeviceManager::NotifierBlock _block;
-};
-
-/// Frames in memory. Owned by its handle and by the blocks of runners.
-class Sound final : public CXObject {
-public:
-    Sound(CXRef<DXRBuffer> made, bool repeats) : buffer(std::move(made)), _repeats(repeats) {}
-
-    void perform(uint64_t sampleTime, DXRBuffer& cycle, bool isInput) noexcept CX_REALTIME;
-
-    const CXRef<DXRBuffer> buffer;
-    std::atomic<uint64_t> position{
-        0}; // its release publishes the frames before it to the reader of the position
-
-private:
-    const bool _repeats;
-};
-
-/// A runner and the state that its callbacks need.
-class Runner final : public CXObject {
-public:
-    explicit Runner(CXRef<DXRDeviceRunner> made) : runner(std::move(made)) {}
-    ~Runner() override
-    {
-        follow({});
-        runner->stop(); // no block, which refers to this object, runs from here on
-    }
-
-    void follow(const CXBlock<void()>& block);
-    DXRIOBlock blockFor(dxr_io io, void* user, bool input);
-
-    const CXRef<DXRDeviceRunner> runner;
-    std::atomic<bool> hasEnded{
-        false}; // a callback has requested a stop: no callback is called until the next start
-
-private:
-    /// A block that may still be pending when it is replaced.
-    struct Notice final : CXObject {
-        std::atomic<bool> isOver{false};
-    };
-    std::mutex _mutex;
-    CXRef<Notice> _notice; // guarded by _mutex
-};
 
 // ---- Handles
 
@@ -433,90 +365,6 @@ void requirePlugged(bool isPlugged)
         fail(DXR_ERROR_NOT_FOUND, "no device of that UID is plugged in");
 }
 
-// ---- Callbacks
-
-Follower::Follower(dxr_device_callback callback, void* user)
-{
-    _block = [callback, user](const auto& connected, const auto& disconnected, const auto& updated) {
-        const auto report = [&](const CXRef<DXRDevice>& device, dxr_change change) {
-            auto* const handle = Handles::shared().give<dxr_device>(Kind::Device, device);
-            callback(handle, change, user);
-            (void)Handles::shared().release(handle);
-        };
-        for (const CXRef<DXRDevice>& device : connected)
-            report(device, DXR_CONNECTED);
-        for (const CXRef<DXRDevice>& device : disconnected)
-            report(device, DXR_DISCONNECTED);
-        for (const CXRef<DXRDevice>& device : updated)
-            if (!connected.contains(device) && !disconnected.contains(device))
-                report(device, DXR_UPDATED);
-    };
-    manager().addDeviceNotifier(CXRef<dxr::WorkQueue>(&events()), _block);
-}
-
-/// A repeating sound is indexed by the runner's time, so that an input and an output use the same position.
-void Sound::perform(uint64_t sampleTime, DXRBuffer& cycle, bool isInput) noexcept
-{
-    const uint64_t all = buffer->frameCount(), channels = buffer->channelCount();
-    const uint64_t done = position.load(std::memory_order_relaxed);
-    uint64_t place = _repeats ? sampleTime % all : done;
-    const uint64_t count = _repeats ? cycle.frameCount() : std::min<uint64_t>(cycle.frameCount(), all - done);
-    for (uint64_t frame = 0; frame < count;) {
-        const uint64_t step = std::min(count - frame, all - place);
-        float* const inCycle = cycle.samples() + frame * channels;
-        float* const inSound = buffer->samples() + place * channels;
-        std::copy_n(isInput ? inCycle : inSound, step * channels, isInput ? inSound : inCycle);
-        frame += step;
-        place = (place + step) % all;
-    }
-    if (!isInput)
-        std::fill_n(cycle.samples() + count * channels, (cycle.frameCount() - count) * channels, 0.0F);
-    position.store(done + count, std::memory_order_release);
-}
-
-void Runner::follow(const CXBlock<void()>& block)
-{
-    const auto notice = CXRef<Notice>::adopt(new Notice);
-    CXRef<Notice> before;
-    {
-        const std::scoped_lock lock(_mutex);
-        before = std::exchange(_notice, notice);
-        if (!block && !before)
-            return;
-        runner->setNotifier(block ? CXRef<dxr::WorkQueue>(&events()) : nullptr,
-                            block ? DXRDeviceRunner::Notifier([notice, block] {
-                                if (!notice->isOver.load())
-                                    block();
-                            })
-                                  : nullptr);
-    }
-    if (before) {
-        before->isOver = true;
-        waitForEvents();
-    }
-}
-
-/// The block refers to this Runner, which outlives the block's calls.
-DXRIOBlock Runner::blockFor(dxr_io io, void* user, bool input)
-{
-    return [this, io, user, input](uint64_t sampleTime, DXRBuffer& buffer) {
-        if (!input)
-            buffer.mute();
-        if (hasEnded.load(std::memory_order_relaxed))
-            return;
-        const dxr_cycle cycle = {sizeof cycle,       sampleTime,          buffer.hostTime(),
-                                 buffer.samples(),   buffer.frameCount(), buffer.channelCount(),
-                                 buffer.sampleRate()};
-        const bool wasInCycle = std::exchange(isInCycle, true);
-        const int result = io(&cycle, user);
-        isInCycle = wasInCycle;
-        if (result == 0)
-            return;
-        hasEnded.store(true, std::memory_order_relaxed);
-        runner->stop(); // on the queue, stop() takes effect shortly after
-    };
-}
-
 } // namespace
 
 extern "C" {
@@ -545,12 +393,12 @@ dxr_status dxr_retain(const void* handle)
 
 dxr_status dxr_release(const void* handle)
 {
-    const bool wasInCycle = std::exchange(isInCycle, false);
+    const bool wasInCycle = std::exchange(isInAudioCallback(), false);
     const dxr_status status = guarded(__func__, [&] {
         if (handle)
             letGo(Handles::shared().release(handle), wasInCycle);
     });
-    isInCycle = wasInCycle;
+    isInAudioCallback() = wasInCycle;
     return status;
 }
 

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "DXRDeviceRunner.h"
+#include "dxr/c.h"
+
+#include <atomic>
+#include <mutex>
+
+namespace dxr_c {
+
+/// Whether an audio callback is running on this thread: functions that may wait refuse to run then.
+bool& isInAudioCallback() noexcept;
+
+/// A runner and the state that its callbacks need.
+class Runner final : public CXObject {
+public:
+    explicit Runner(CXRef<DXRDeviceRunner> made) : runner(std::move(made)) {}
+    ~Runner() override
+    {
+        follow({});
+        runner->stop(); // no block, which refers to this object, runs from here on
+    }
+
+    void follow(const CXBlock<void()>& block);
+    DXRIOBlock blockFor(dxr_io io, void* user, bool input);
+
+    const CXRef<DXRDeviceRunner> runner;
+    std::atomic<bool> hasEnded{
+        false}; // a callback has requested a stop: no callback is called until the next start
+
+private:
+    /// A block that may still be pending when it is replaced.
+    struct Notice final : CXObject {
+        std::atomic<bool> isOver{false};
+    };
+    std::mutex _mutex;
+    CXRef<Notice> _notice; // guarded by _mutex
+};
+
+} // namespace dxr_c
