@@ -25,8 +25,8 @@ public:
     DXRIOBlock blockFor(dxr_io io, void* user, bool input);
 
     const CXRef<DXRDeviceRunner> runner;
-    std::atomic<bool> hasEnded{
-        false}; // a callback has requested a stop: no callback is called until the next start
+    /// A callback has requested a stop: no callback is called until the next start.
+    std::atomic<bool> hasEnded{false};
 
 private:
     /// A block that may still be pending when it is replaced.

@@ -14,8 +14,8 @@ public:
     void perform(uint64_t sampleTime, DXRBuffer& cycle, bool isInput) noexcept CX_REALTIME;
 
     const CXRef<DXRBuffer> buffer;
-    std::atomic<uint64_t> position{
-        0}; // its release publishes the frames before it to the reader of the position
+    /// Its release publishes the frames before it to the reader of the position.
+    std::atomic<uint64_t> position{0};
 
 private:
     const bool _repeats;
