@@ -69,9 +69,7 @@ install: release
 ## make manual   builds the manual and the API reference in build/manual/html
 manual:
 	@scripts/install-packages packaging
-	mkdir -p build/manual
-	doxygen docs/manual/Doxyfile
-	scripts/check-manual
+	scripts/manual
 
 ## make dist     packs the committed files into a tarball that builds without git
 VERSION := $(word 3,$(shell grep -oE 'dxr VERSION [0-9.]+' CMakeLists.txt))
