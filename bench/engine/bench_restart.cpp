@@ -81,7 +81,7 @@ struct Watch {
         if (!listens || buffer.samples()[0] == 0)
             return;
         soundAt = nowNanoseconds();
-        listens = false; // tells the other thread that soundAt is set
+        listens = false; // publishes soundAt to the other thread
     }
 };
 

@@ -1,11 +1,9 @@
-// Compares the latency and times that a runner between devices of a real server reports with a probe's
-// measurements.
+// Compares the latency and times that a runner between devices of a real server reports with measurements.
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
 #include "DrivingDevice.h"
 #include "Eventually.h"
-#include "LatencyProbe.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
 
@@ -16,134 +14,127 @@
 
 namespace {
 
-constexpr double serverRate = 48000;
-constexpr double period = 1 << 24; // frames after which the probe's numbers repeat
+constexpr double rate = 48000;
 
-/// Looks at a value every 10 ms and returns the median.
+/// Looks at a value every 5 ms and returns the median.
 double medianOf(const std::function<double()>& value)
 {
     std::vector<double> values(101);
     for (double& each : values) {
-        sleepForMilliseconds(10);
+        sleepForMilliseconds(5);
         each = value();
     }
     std::ranges::sort(values);
     return values[50];
 }
 
-/// Plays the frames of a source on a sink.
-class PassOn {
-public:
-    PassOn(const std::string& source, const std::string& sink, uint32_t frames, double rate)
-        : _in(_device(source, true)), _out(_device(sink, false)), _rate(rate), _received(frames)
-    {
-        _runner->setFrameCount(frames);
-        _runner->setSampleRate(rate);
-        _runner->addDevice(_in, DXRDeviceRunner::Channels{1}, [this](uint64_t, DXRBuffer& buffer) {
-            std::copy_n(buffer.samples(), _received.size(), _received.begin());
-            _noteTimeError(buffer);
-        });
-        _runner->addDevice(_out, DXRDeviceRunner::Channels{2}, [this](uint64_t, DXRBuffer& buffer) {
-            std::ranges::copy(_received, buffer.samples());
-        });
-        _runner->start();
-    }
-    ~PassOn() { _runner->stop(); }
+CXRef<DXRDevice> connectedDevice(const std::string& uid, bool isInput)
+{
+    CXRef<DXRDevice> device;
+    EXPECT_TRUE(eventually([&] {
+        device = DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uid, isInput);
+        return device && device->isConnected();
+    }));
+    return device;
+}
 
-    double reportedFrames() const { return _runner->roundTripSeconds(_in, _out).value_or(0) * _rate; }
-    /// The error of the host time of the last input block.
-    double timeErrorMicroseconds() const { return _timeError; }
-
-private:
-    static CXRef<DXRDevice> _device(const std::string& uid, bool isInput)
+/// Runs between two devices.
+struct Passage {
+    Passage(const std::string& source, const std::string& sink, uint32_t frames, const DXRIOBlock& hear,
+            const DXRIOBlock& play)
+        : in(connectedDevice(source, true)), out(connectedDevice(sink, false))
     {
-        CXRef<DXRDevice> device;
-        EXPECT_TRUE(eventually([&] {
-            device = DXRDeviceManager::sharedDeviceManager().deviceWithDeviceUID(uid, isInput);
-            return device && device->isConnected();
-        }));
-        return device;
+        runner->setFrameCount(frames);
+        runner->setSampleRate(rate);
+        runner->addDevice(in, DXRDeviceRunner::Channels{2}, hear);
+        runner->addDevice(out, DXRDeviceRunner::Channels{2}, play);
+        runner->start();
     }
-    /// The value of a sample is its send time.
-    void _noteTimeError(const DXRBuffer& buffer)
-    {
-        const double number = static_cast<double>(buffer.samples()[0]) * period;
-        const double now = std::fmod(static_cast<double>(buffer.hostTime()) * 1e-9 * _rate, period);
-        if (number != 0)
-            _timeError = std::abs(std::remainder(now - number, period)) / _rate * 1e6;
-    }
+    ~Passage() { runner->stop(); }
 
-    const CXRef<DXRDevice> _in, _out;
-    const CXRef<DXRDeviceRunner> _runner = DXRDeviceRunner::init();
-    const double _rate;
-    std::vector<float> _received;
-    std::atomic<double> _timeError{1e9};
+    double reportedFrames() const { return runner->roundTripSeconds(in, out).value_or(0) * rate; }
+
+    const CXRef<DXRDevice> in, out;
+    const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
 };
 
 class EngineOnPipeWire : public testing::Test {
 protected:
     EngineOnPipeWire() { HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote())); }
-    void force(const std::string& what, uint32_t value)
+    void forceQuantum(uint32_t frames)
     {
-        client.setMetadata("settings", "clock.force-" + what, std::to_string(value));
+        client.setMetadata("settings", "clock.force-quantum", std::to_string(frames));
     }
 
     PrivateServer server;
     TestClient client{server.remote()};
 };
 
-// A device that drives the server records its frames one cycle earlier and plays them one cycle later, as its
-// time stamps state; a virtual device that follows has no buffer.
-TEST_F(EngineOnPipeWire, reportsTheLatencyAndTimesThatAProbeMeasures)
+/// The host time (ns) of value 0 of the ramp that a block begins with.
+double beginOf(const DXRBuffer& buffer, double framesPerNanosecond)
+{
+    return static_cast<double>(buffer.hostTime()) - buffer.samples()[0] / rampStep / framesPerNanosecond;
+}
+
+// A card records its frames one cycle earlier and plays them one cycle later. A virtual device passes on what
+// it was given in the preceding cycle, so that a ramp returns one cycle sooner.
+TEST_F(EngineOnPipeWire, reportsTheLatencyThatARampOfItsOwnMeasures)
 {
     client.plug({.name = "duplex", .mediaClass = "Audio/Duplex"});
-    client.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
-    client.plug({.name = "sink"});
-    for (const double rate : {48000.0, 44100.0}) {
-        force("rate", static_cast<uint32_t>(rate));
-        for (const uint32_t quantum : {64U, 256U, 512U}) {
-            force("quantum", quantum);
-            for (const bool isOneDevice : {true, false}) {
-                const std::string source = isOneDevice ? "duplex" : "source",
-                                  sink = isOneDevice ? "duplex" : "sink";
-                LatencyProbe probe(client, {source, isOneDevice ? "playback_FL" : "input_FL"},
-                                   {sink, isOneDevice ? "capture_FR" : "monitor_FR"}, rate);
-                for (const uint32_t frames : {64U, 256U, 512U}) {
-                    SCOPED_TRACE(testing::Message()
-                                 << rate << " Hz, " << frames << " frames at a quantum of " << quantum);
-                    const PassOn runner(source, sink, frames, rate);
-                    probe.measure(20); // until all control loops have settled
-                    const std::vector<double> late = probe.measure(41);
-                    ASSERT_EQ(late.size(), 41U);
-                    EXPECT_NEAR(runner.reportedFrames(), late[20] + (isOneDevice ? 0 : quantum), 1.0);
-                    if (isOneDevice && frames == 256 && quantum == 256) {
-                        EXPECT_LT(medianOf([&] { return runner.timeErrorMicroseconds(); }), 20);
-                    }
-                }
-            }
+    for (const uint32_t quantum : {64U, 256U, 512U}) {
+        forceQuantum(quantum);
+        for (const uint32_t frames : {64U, 256U, 512U}) {
+            SCOPED_TRACE(testing::Message() << frames << " frames at a quantum of " << quantum);
+            std::atomic<double> late{0}, played{0}, returned{0};
+            const Passage passage(
+                "duplex", "duplex", frames,
+                [&](uint64_t time, DXRBuffer& heard) {
+                    late = static_cast<double>(time + 1) - heard.samples()[0] / rampStep;
+                    returned = beginOf(heard, rate / 1e9);
+                },
+                [&](uint64_t time, DXRBuffer& given) {
+                    for (uint32_t i = 0; i < given.frameCount(); ++i)
+                        given.samples()[i] = rampSample(time + i);
+                    played = beginOf(given, rate / 1e9);
+                });
+            sleepForMilliseconds(500); // until the ramp returns
+            EXPECT_NEAR(medianOf([&] { return late.load(); }) + quantum, passage.reportedFrames(), 1.0);
+            EXPECT_NEAR(medianOf([&] { return played - returned; }) * rate / 1e9, quantum, 1.0);
         }
     }
 }
 
 // Each device drives a separate graph; an aggregate's ring connects them.
-TEST_F(EngineOnPipeWire, reportsTheLatencyBetweenTwoClocks)
+TEST_F(EngineOnPipeWire, reportsTheLatencyAndTimesBetweenTwoClocks)
 {
-    using Drifting = DrivingDevice;
-    constexpr double sourcePPM = 150, framesPerNanosecond = serverRate * (1 + sourcePPM * 1e-6) / 1e9;
-    const Drifting source(server.remote(), "fast", Drifting::Direction::Source,
-                          {.partsPerMillion = sourcePPM});
-    const Drifting sink(server.remote(), "slow", Drifting::Direction::Sink, {.partsPerMillion = -60});
+    using Device = DrivingDevice;
+    constexpr double sourcePPM = 150, framesPerNanosecond = rate * (1 + sourcePPM * 1e-6) / 1e9;
+    const Device source(server.remote(), "fast", Device::Direction::Source, {.partsPerMillion = sourcePPM});
+    const Device sink(server.remote(), "slow", Device::Direction::Sink, {.partsPerMillion = -60});
     for (const uint32_t quantum : {256U, 512U}) {
-        force("quantum", quantum);
-        const PassOn runner("fast", "slow", quantum, serverRate);
+        forceQuantum(quantum);
+        std::vector<float> received(quantum);
+        std::atomic<double> begin{0};
+        const Passage passage(
+            "fast", "slow", quantum,
+            [&](uint64_t, DXRBuffer& heard) {
+                std::copy_n(heard.samples(), quantum, received.begin());
+                begin = beginOf(heard, framesPerNanosecond);
+            },
+            [&](uint64_t, DXRBuffer& given) { std::ranges::copy(received, given.samples()); });
         sleepForMilliseconds(6000); // until the clocks are measured
-        EXPECT_GT(runner.reportedFrames(), 0.0) << "it runs";
-        const double error = medianOf([&] {
-            const Drifting::Passage given = source.lastPassage(), heard = sink.lastPassage();
+        EXPECT_GT(passage.reportedFrames(), 0.0) << "it runs";
+        const double latencyError = medianOf([&] {
+            const Device::Passage given = source.lastPassage(), heard = sink.lastPassage();
             return (heard.nanoseconds - given.nanoseconds) * framesPerNanosecond -
-                   (heard.number - given.number) - runner.reportedFrames();
+                   (heard.number - given.number) - passage.reportedFrames();
         });
-        EXPECT_NEAR(error, 0.0, 1.0);
+        EXPECT_NEAR(latencyError, 0.0, 1.0);
+        const double timeError = medianOf([&] {
+            const Device::Passage given = source.lastPassage();
+            return (begin - given.nanoseconds) * framesPerNanosecond + given.number;
+        });
+        EXPECT_NEAR(timeError, 0.0, 1.0);
     }
 }
 

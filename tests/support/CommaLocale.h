@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-
 #include <unistd.h>
 
 /// While it exists, the process formats numbers with a decimal comma, like an application that calls
@@ -18,25 +17,18 @@ class CommaLocale {
 public:
     CommaLocale()
     {
-        const std::filesystem::path folder =
-            std::filesystem::temp_directory_path() / ("comma" + std::to_string(getpid()));
-        std::filesystem::create_directories(folder / "xx_XX");
+        namespace fs = std::filesystem;
+        const fs::path folder = fs::temp_directory_path() / ("comma" + std::to_string(getpid()));
+        fs::create_directories(folder / "xx_XX");
+        // Point, separator, grouping, both as wide characters, charset; the offsets count from the beginning.
+        constexpr uint32_t header[8] = {0x20031115U ^ LC_NUMERIC, 6, 32, 34, 36, 40, 44, 48};
         constexpr char text[] = ",\0.\0\3\3\0\0,\0\0\0.\0\0\0UTF-8";
-        // Point, separator, grouping, both as wide characters, charset.
-        constexpr uint32_t offsets[6] = {0, 2, 4, 8, 12, 16};
-        constexpr uint32_t header[2] = {0x20031115U ^ LC_NUMERIC, 6};
-        constexpr uint32_t begin = sizeof header + sizeof offsets;
-        std::ofstream file(folder / "xx_XX" / "LC_NUMERIC", std::ios::binary);
-        file.write(reinterpret_cast<const char*>(header), sizeof header);
-        for (const uint32_t offset : offsets) {
-            const uint32_t place = begin + offset;
-            file.write(reinterpret_cast<const char*>(&place), sizeof place);
-        }
-        file.write(text, sizeof text);
-        file.close();
+        std::ofstream(folder / "xx_XX" / "LC_NUMERIC", std::ios::binary)
+            .write(reinterpret_cast<const char*>(header), sizeof header)
+            .write(text, sizeof text);
         setenv("LOCPATH", folder.c_str(), 1); // NOLINT(concurrency-mt-unsafe): before any thread
         setlocale(LC_NUMERIC, "xx_XX");       // NOLINT(concurrency-mt-unsafe)
-        std::filesystem::remove_all(folder);
+        fs::remove_all(folder);
         EXPECT_STREQ(localeconv()->decimal_point, ","); // NOLINT(concurrency-mt-unsafe)
     }
     ~CommaLocale()

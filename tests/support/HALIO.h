@@ -23,6 +23,25 @@ inline AudioObjectID waitForDevice(HALModel& hal, const std::string& uid)
     return device;
 }
 
+/// Reads of the model that a fixture tests.
+struct ModelReads {
+    template <class Value>
+    std::optional<Value> read(AudioObjectID object, uint32_t selector,
+                              uint32_t scope = kAudioObjectPropertyScopeGlobal, uint32_t element = 0)
+    {
+        return readValue<Value>(*hal, object, at(selector, scope, element));
+    }
+    /// Waits until an object's property has this value. Returns false on timeout.
+    template <class Value>
+    bool becomes(AudioObjectID object, uint32_t selector, Value value,
+                 uint32_t scope = kAudioObjectPropertyScopeGlobal)
+    {
+        return eventually([&] { return read<Value>(object, selector, scope) == value; });
+    }
+
+    CXRef<HALModel> hal;
+};
+
 /// Returns the number of channels of all streams in one direction.
 inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
 {
@@ -140,19 +159,10 @@ class RecordingListener {
 public:
     RecordingListener(HALModel& hal, AudioObjectID object, AudioObjectPropertyAddress address,
                       CXRef<dxr::WorkQueue> queue = nullptr, std::function<void()> whenCalled = {})
-        : _hal(hal), _object(object),
-          _address(address), _listener{nullptr, nullptr,
-                                       [this, whenCalled](uint32_t count,
-                                                          const AudioObjectPropertyAddress* addresses) {
-                                           {
-                                               const std::scoped_lock lock(_mutex);
-                                               _announced.insert(_announced.end(), addresses,
-                                                                 addresses + count);
-                                           }
-                                           if (whenCalled)
-                                               whenCalled();
-                                       },
-                                       std::move(queue)}
+        : _hal(hal), _object(object), _address(address),
+          _whenCalled(std::move(whenCalled)), _listener{nullptr, nullptr,
+                                                        [this](auto... addresses) { _record(addresses...); },
+                                                        std::move(queue)}
     {
         EXPECT_EQ(_hal.addListener(_object, _address, _listener), kAudioHardwareNoError);
     }
@@ -176,9 +186,20 @@ public:
     }
 
 private:
+    void _record(uint32_t count, const AudioObjectPropertyAddress* addresses)
+    {
+        {
+            const std::scoped_lock lock(_mutex);
+            _announced.insert(_announced.end(), addresses, addresses + count);
+        }
+        if (_whenCalled)
+            _whenCalled();
+    }
+
     HALModel& _hal;
     const AudioObjectID _object;
     const AudioObjectPropertyAddress _address;
+    const std::function<void()> _whenCalled;
     mutable std::mutex _mutex;
     std::vector<AudioObjectPropertyAddress> _announced;
     const HALListener _listener;
@@ -194,6 +215,25 @@ inline AudioObjectID makeAggregate(HALModel& hal, const std::vector<std::string>
     AudioObjectID device = kAudioObjectUnknown;
     EXPECT_EQ(hal.createAggregateDevice(*CXValue::initWithPlist(description), device), kAudioHardwareNoError);
     return device;
+}
+
+/// Reads and sets properties of every device, and starts and stops it, until `isDone`.
+inline void useDevices(HALModel& hal, const std::function<bool()>& isDone)
+{
+    const AudioDeviceIOBlock idle = [](auto...) {};
+    for (uint32_t muted = 0; !isDone(); muted ^= 1U)
+        for (const AudioObjectID device : readDevices(hal)) {
+            readText(hal, device, at(kAudioObjectPropertyName));
+            channelsOf(hal, device, output);
+            readValue<float>(hal, device, at(kAudioDevicePropertyVolumeScalar, output, 1));
+            writeValue(hal, device, at(kAudioDevicePropertyMute, output), muted);
+            AudioDeviceIOProcID proc = nullptr;
+            if (hal.createIOProc(device, idle, proc) != kAudioHardwareNoError)
+                continue;
+            hal.start(device, proc);
+            hal.stop(device, proc);
+            hal.destroyIOProc(device, proc);
+        }
 }
 
 inline std::vector<AudioAggregateSubDeviceStatus> subDeviceStatus(HALModel& hal, AudioObjectID aggregate)

@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 // If the check detected nothing, every real-time test would pass.
-TEST(RealtimeCheckDeathTest, endsTheProcessAtWhateverMayWait)
+TEST(RealtimeCheckDeathTest, endsTheProcessAtCallsThatMayWait)
 {
 #ifdef DXR_SANITIZED
     GTEST_SKIP() << "the sanitizers interpose the same functions";

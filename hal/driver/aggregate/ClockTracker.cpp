@@ -22,7 +22,7 @@ constexpr double firstJitter = 100e3; // nanoseconds
 constexpr double minJitter = 500.0;
 constexpr double jitterSeconds = 2.0; // averaging time
 
-// A late stamp tells little, because threads wake late by very different times; no stamp is early by much. So
+// A late stamp says little, because threads wake late by very different times; no stamp is early by much. So
 // early stamps have more weight, and late stamps are limited to twice the usual jitter. If lateness is
 // distributed exponentially, less than half of the mean's noise is left; symmetric noise becomes 1.4 times
 // larger.

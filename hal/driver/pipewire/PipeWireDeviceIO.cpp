@@ -35,29 +35,6 @@ void deinterleave(const float* from, float* to, size_t channel, size_t channelCo
         to[frame] = *sample;
 }
 
-/// The samples of a port in this cycle; null if it has none, or fewer than `frameCount`.
-float* portSamples(void* port, uint32_t frameCount, bool isOutput) noexcept
-{
-    pw_buffer* buffer = port ? pw_filter_dequeue_buffer(port) : nullptr;
-    if (!buffer)
-        return nullptr;
-    spa_data& data = buffer->buffer->datas[0];
-    const size_t bytes = size_t{frameCount} * sizeof(float);
-    float* samples = nullptr;
-    if (isOutput) {
-        const bool fits = data.data && bytes <= data.maxsize;
-        data.chunk->offset = 0;
-        data.chunk->stride = sizeof(float);
-        data.chunk->size = fits ? static_cast<uint32_t>(bytes) : 0;
-        samples = fits ? static_cast<float*>(data.data) : nullptr;
-    } else if (data.data && data.chunk->offset <= data.maxsize &&
-               bytes <= data.maxsize - data.chunk->offset && bytes <= data.chunk->size) {
-        samples = reinterpret_cast<float*>(static_cast<std::byte*>(data.data) + data.chunk->offset);
-    }
-    pw_filter_queue_buffer(port, buffer); // is sent at the end of the cycle
-    return samples;
-}
-
 } // namespace
 
 struct PipeWireDeviceIO::Listener {
@@ -84,6 +61,12 @@ PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake&
             self->_hadCycles = self->_hadCycles || now == PW_FILTER_STATE_STREAMING;
             self->_wake.signal();
         };
+        all.add_buffer = [](void*, void* port, pw_buffer* buffer) {
+            PipeWireIOPort::of(port).addBuffer(*buffer);
+        };
+        all.remove_buffer = [](void* data, void* port, pw_buffer* buffer) {
+            static_cast<PipeWireDeviceIO*>(data)->_removeBuffer(PipeWireIOPort::of(port), *buffer);
+        };
         all.process = _process;
         return all;
     }();
@@ -103,13 +86,8 @@ PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake&
         return;
     pw_filter_add_listener(_filter, &_listener->hook, &events, this);
     pw_filter_connect(_filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0);
-    size_t first = 0;
-    for (Stream& stream : _inputs)
-        _addPorts(stream.ports, true, std::exchange(first, first + stream.ports.size()), stream.ports.size());
-    first = 0;
-    for (Stream& stream : _outputs)
-        _addPorts(stream.ports, false, std::exchange(first, first + stream.ports.size()),
-                  stream.ports.size());
+    _addPorts(_inputs, "input_");
+    _addPorts(_outputs, "output_");
 }
 
 PipeWireDeviceIO::~PipeWireDeviceIO()
@@ -123,11 +101,15 @@ PipeWireDeviceIO::~PipeWireDeviceIO()
 /// Allocates the streams of all members, for the longest cycle: a new cycle length allocates nothing.
 void PipeWireDeviceIO::_addStreams(std::span<const PipeWireChannels> members)
 {
-    const auto add = [this](std::vector<Stream>& streams, std::vector<HALStreamBlock>& blocks,
-                            uint32_t channels) {
+    pw_mempool* const pool = _session.isConnected() ? pw_core_get_mempool(_session.core()) : nullptr;
+    const auto add = [this, pool](std::vector<Stream>& streams, std::vector<HALStreamBlock>& blocks,
+                                  uint32_t channels) {
         if (channels == 0)
             return;
-        streams.push_back({std::vector<void*>(channels), std::vector<float>(size_t{channels} * _maxFrames)});
+        Stream& stream = streams.emplace_back();
+        for (uint32_t channel = 0; channel < channels; ++channel)
+            stream.ports.push_back(std::make_unique<PipeWireIOPort>(pool, &streams == &_outputs));
+        stream.samples.resize(size_t{channels} * _maxFrames);
         blocks.push_back({streams.back().samples.data(), channels});
     };
     size_t captureCount = 0;
@@ -169,18 +151,25 @@ void PipeWireDeviceIO::setWantedTiming(const WantedTiming& wanted)
     pw_properties_free(properties);
 }
 
-void PipeWireDeviceIO::_addPorts(std::vector<void*>& ports, bool isInput, size_t first, size_t count)
+void PipeWireDeviceIO::_addPorts(std::vector<Stream>& streams, const std::string& prefix)
 {
-    for (size_t channel = 0; channel < count; ++channel) {
-        const PipeWireProperties properties{
-            {PW_KEY_FORMAT_DSP, "32 bit float mono audio"},
-            {PW_KEY_PORT_NAME, (isInput ? "input_" : "output_") + std::to_string(first + channel + 1)}};
-        ports[channel] =
-            pw_filter_add_port(_filter, isInput ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT,
-                               PW_FILTER_PORT_FLAG_MAP_BUFFERS, 0, properties.copy(), nullptr, 0);
-        if ((first + channel) % portBatchSize == portBatchSize - 1)
-            _session.waitForAudioThread();
-    }
+    size_t count = 0;
+    for (const Stream& stream : streams)
+        for (const auto& port : stream.ports) {
+            port->addTo(_filter, (prefix + std::to_string(++count)).c_str());
+            if (count % portBatchSize == 0)
+                _session.waitForAudioThread();
+        }
+}
+
+/// Waits until the audio thread uses no buffer: PipeWire unmaps the buffer's memory after this call.
+void PipeWireDeviceIO::_removeBuffer(PipeWireIOPort& port, pw_buffer& buffer)
+{
+    constexpr timespec pause{0, 50'000};
+    port.close();
+    while (_usesBuffers.load())
+        nanosleep(&pause, nullptr);
+    port.removeBuffer(buffer);
 }
 
 // ---- The node and its links
@@ -193,6 +182,13 @@ bool PipeWireDeviceIO::isAlive() const
 bool PipeWireDeviceIO::isPaused() const
 {
     return _hadCycles && pw_filter_get_state(_filter, nullptr) == PW_FILTER_STATE_PAUSED;
+}
+
+bool PipeWireDeviceIO::hasLostMemory() const
+{
+    return std::ranges::any_of(_outputs, [](const Stream& stream) {
+        return std::ranges::any_of(stream.ports, [](const auto& port) { return port->hasLostMemory(); });
+    });
 }
 
 std::optional<uint32_t> PipeWireDeviceIO::nodeID() const
@@ -304,37 +300,36 @@ void PipeWireDeviceIO::_cycle(const spa_io_position& position) noexcept
 void PipeWireDeviceIO::_runProcs(HALCycle& cycle) noexcept
 {
     const uint32_t frameCount = cycle.frameCount;
+    _usesBuffers.store(true);
     for (Stream& stream : _inputs)
         for (size_t channel = 0; channel < stream.ports.size(); ++channel)
-            interleave(portSamples(stream.ports[channel], frameCount, false), stream.samples.data(), channel,
+            interleave(stream.ports[channel]->samples(frameCount), stream.samples.data(), channel,
                        stream.ports.size(), frameCount);
-    for (size_t i = 0; i < _outputs.size(); ++i) {
-        Stream& stream = _outputs[i];
-        // A single channel needs no interleaving: the callbacks write directly to the port's buffer.
-        float* const direct =
-            stream.ports.size() == 1 ? portSamples(stream.ports[0], frameCount, true) : nullptr;
-        _outputBlocks[i].samples = direct ? direct : stream.samples.data();
-    }
+    _usesBuffers.store(false);
     cycle.input = _inputBlocks;
     cycle.output = _outputBlocks;
     _table->runCycle(cycle);
 
+    _usesBuffers.store(true);
     for (const Stream& stream : _outputs)
-        for (size_t channel = 0; stream.ports.size() > 1 && channel < stream.ports.size(); ++channel)
-            if (float* samples = portSamples(stream.ports[channel], frameCount, true))
+        for (size_t channel = 0; channel < stream.ports.size(); ++channel)
+            if (float* samples = stream.ports[channel]->samples(frameCount))
                 deinterleave(stream.samples.data(), samples, channel, stream.ports.size(), frameCount);
+    _usesBuffers.store(false);
 }
 
 /// Discards the input and outputs silence.
 void PipeWireDeviceIO::_skipCycle(uint32_t frameCount) noexcept
 {
+    _usesBuffers.store(true);
     for (const Stream& stream : _inputs)
-        for (void* const port : stream.ports)
-            portSamples(port, frameCount, false);
+        for (const auto& port : stream.ports)
+            port->samples(frameCount);
     for (const Stream& stream : _outputs)
-        for (void* const port : stream.ports)
-            if (float* samples = portSamples(port, frameCount, true))
+        for (const auto& port : stream.ports)
+            if (float* samples = port->samples(frameCount))
                 std::fill_n(samples, frameCount, 0.0F);
+    _usesBuffers.store(false);
 }
 
 void PipeWireDeviceIO::_noteClock(const spa_io_position& position) noexcept

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "HALIOProcTable.h"
+#include "PipeWireIOPort.h"
 #include "PipeWireLinks.h"
 #include "PipeWirePort.h"
 #include "PipeWireSession.h"
@@ -82,6 +83,8 @@ public:
     bool isAlive() const; ///< false: the server has refused or destroyed the node
     /// Whether the server has paused the node after it had cycles.
     bool isPaused() const;
+    /// Whether an output has lost the memory that it shares with the server: a new node is needed.
+    bool hasLostMemory() const;
     /// Null while the member is absent and until the node's own ports are known.
     const PipeWireLinks* links(size_t place) const { return _members[place].links.get(); }
 
@@ -104,12 +107,13 @@ private:
     };
     /// One stream of one member: its ports, and its samples interleaved.
     struct Stream {
-        std::vector<void*> ports;
+        std::vector<std::unique_ptr<PipeWireIOPort>> ports;
         std::vector<float> samples;
     };
 
     void _addStreams(std::span<const PipeWireChannels> members);
-    void _addPorts(std::vector<void*>& ports, bool isInput, size_t first, size_t count);
+    void _addPorts(std::vector<Stream>& streams, const std::string& prefix);
+    void _removeBuffer(PipeWireIOPort& port, pw_buffer& buffer);
     void _link(Member& member);
     static PipeWireProperties _propertiesOf(const WantedTiming& wanted);
 
@@ -133,11 +137,16 @@ private:
 
     // Set up before the node can have cycles, then used by the audio thread only: the loop changes neither
     // the streams nor their ports until the filter is destroyed, which waits for the audio thread to leave
-    // it. Members are connected and disconnected by their links alone; PipeWire itself sets and removes a
-    // port's buffers on the audio thread.
+    // it. Members are connected and disconnected by their links alone.
     std::vector<Stream> _inputs, _outputs;
     std::vector<HALStreamBlock> _inputBlocks, _outputBlocks; // of one cycle
     uint64_t _ratioNanoseconds = 0;                          // when the ratio was last reported
+
+    // PipeWire unmaps a removed buffer on the loop's thread while cycles run. Before, _removeBuffer() closes
+    // the port and waits while _usesBuffers is set; the audio thread sets it before it reads whether any port
+    // is open, and clears it when it uses no buffer any more: not while the callbacks run. Sequentially
+    // consistent: one of the two threads sees the other's store.
+    std::atomic<bool> _usesBuffers{false};
 
     // Written by the audio thread only and read by the loop, which is woken after every change except of
     // _cycleCount, which it polls. Relaxed: each value is complete by itself and publishes no other data, and

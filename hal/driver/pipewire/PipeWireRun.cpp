@@ -189,7 +189,7 @@ PipeWireRun::Remedy PipeWireRun::_remedy(Time now) const
 {
     if (!_isAnyPresent() || !_environment.session.isConnected())
         return Remedy::None;
-    if (!_io || !_io->isAlive())
+    if (!_io || !_io->isAlive() || _io->hasLostMemory())
         return Remedy::Node;
     for (size_t place = 0; place < _members.size(); ++place)
         if (const PipeWireLinks* links = _io->links(place); links && links->isBroken())

@@ -1,7 +1,6 @@
 #pragma once
 
-#include "ConformanceRig.h"
-#include "HALIO.h"
+#include "Conformance.h"
 
 #include <map>
 
@@ -31,12 +30,6 @@ public:
         model().destroyAggregateDevice(deviceWithUID(model(), uid));
         for (const std::string& each : _subDevices.at(uid))
             _devices->unplug(each);
-    }
-    void rename(const std::string& uid, const std::string& name) override
-    {
-        const CXRef<CXValue> value = CXValue::initWithPlist(name);
-        const CXObject* object = value.get();
-        writeValue(model(), deviceWithUID(model(), uid), at(kAudioObjectPropertyName), object);
     }
     void letTimePass() override { _devices->letTimePass(); }
 

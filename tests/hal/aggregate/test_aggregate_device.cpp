@@ -149,6 +149,9 @@ TEST_F(AggregateDevices, looksLikeItsSubDevicesSideBySide)
     // The longest path: through the ring to the device that is not the clock.
     EXPECT_GT(*readValue<uint32_t>(*model, device, at(kAudioDevicePropertyLatency, output)), 256U);
 
+    const CXRef<CXValue> name = CXValue::initWithPlist("Renamed");
+    EXPECT_EQ(writeValue<const CXObject*>(*model, device, at(kAudioObjectPropertyName), name.get()), 0);
+    EXPECT_EQ(readText(*model, device, at(kAudioObjectPropertyName)), "Renamed");
     const auto rate = at(kAudioDevicePropertyNominalSampleRate);
     EXPECT_EQ(writeValue(*model, device, rate, 96000.0), kAudioHardwareNoError);
     EXPECT_EQ(readValue<double>(*model, hal->deviceID("a"), rate), 96000.0);
@@ -172,18 +175,12 @@ TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
     } constexpr rows[] = {
         {"clock", 48000.0, 0.0, 512}, {"other", 48000.0, 300.0, 128}, {"slow", 44100.0, -80.0, 512}};
     Recording recordings[3];
-    for (size_t i = 0; i < 3; ++i)
-        hal->plug(aDevice()
-                      .uid(rows[i].uid)
-                      .inputs(2)
-                      .outputs(2)
-                      .sampleRate(rows[i].rate)
-                      .sampleRates({rows[i].rate})
-                      .drift(rows[i].partsPerMillion)
-                      .bufferFrameSize(rows[i].frames)
-                      .lateness(100e-6)
-                      .hears(simulatedTone(1000.0))
-                      .playsInto(recordings[i].sink()));
+    for (size_t i = 0; i < 3; ++i) {
+        SimulatedDeviceBuilder each = aDevice().uid(rows[i].uid).inputs(2).outputs(2).lateness(100e-6);
+        each.sampleRate(rows[i].rate).sampleRates({rows[i].rate}).bufferFrameSize(rows[i].frames);
+        each.drift(rows[i].partsPerMillion).hears(simulatedTone(1000.0)).playsInto(recordings[i].sink());
+        hal->plug(each);
+    }
     const AudioObjectID device = makeAggregate(*model, {"clock", "other", "slow"});
     Copier copier(*model, device);
     ASSERT_EQ(copier.status(), kAudioHardwareNoError);
@@ -291,8 +288,7 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
     hal->plug(clock);
     advance(0.5);
     EXPECT_TRUE(subDeviceStatus(*model, device)[0].isClock);
-    EXPECT_EQ(copier.backwards, 0U);
-    EXPECT_EQ(copier.withoutData, 0U);
+    EXPECT_EQ(copier.backwards + copier.withoutData, 0U);
 }
 
 TEST_F(AggregateDevices, survivesWhatSubDevicesDo)

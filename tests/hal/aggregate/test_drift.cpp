@@ -206,7 +206,7 @@ std::vector<Scenario> driftScenarios(double seconds)
     return scenarios;
 }
 
-TEST(Drift, keepsTheDelayWhateverTheClocksDo)
+TEST(Drift, keepsTheDelayAtEveryClockRate)
 {
     const char* const soakSeconds = std::getenv("DXR_SOAK_SECONDS"); // simulated time
     for (const Scenario& scenario : driftScenarios(soakSeconds ? std::atof(soakSeconds) : 90.0)) {

@@ -1,6 +1,4 @@
 #include "AggregateRig.h"
-#include "ConformanceRig.h"
-
 #include "AlsaDriver.h"
 #include "FakedCards.h"
 
@@ -22,10 +20,6 @@ public:
         return uid;
     }
     void unplug(const std::string& uid) override { FakedCards::unplug(_cards.at(uid)); }
-    void rename(const std::string& uid, const std::string& name) override
-    {
-        FakedCards::rename(_cards.at(uid), name);
-    }
     void letTimePass() override { sleepForMilliseconds(30); }
 
 private:

@@ -1,8 +1,6 @@
 // Runs the conformance suite over the kernel's own cards: scripts/kernel/conformance.sh.
-#include "ConformanceRig.h"
-#include "HALIO.h"
-
 #include "AlsaDriver.h"
+#include "Conformance.h"
 
 #include <cstdlib>
 #include <fstream>
@@ -59,9 +57,8 @@ public:
             if (card.uid == uid)
                 _unplug(card);
     }
-    void rename(const std::string&, const std::string&) override {}
     void letTimePass() override { sleepForMilliseconds(30); }
-    bool prepareNames() override { return false; }
+    bool setsNames() const override { return false; }
     float volumeTolerance() const override { return 0.01F; }
 
 private:

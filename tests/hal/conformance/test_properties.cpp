@@ -63,9 +63,8 @@ TEST_F(Conformance, readsExactlyTheSizeItAnnouncesAndRefusesLessRoom)
 
 TEST_F(Conformance, describesADeviceAndItsStreamsConsistently)
 {
-    const bool isNamed = rig->prepareNames();
     const AudioObjectID device = plugged("Eight", 0, 8);
-    if (isNamed) {
+    if (rig->setsNames()) {
         EXPECT_EQ(readText(hal(), device, at(kAudioObjectPropertyName)), "Eight");
     }
     EXPECT_EQ(readText(hal(), device, at(kAudioDevicePropertyDeviceUID)), uid);
@@ -147,22 +146,7 @@ TEST_F(Conformance, announcesArrivalAndDepartureAndNeverReusesAnID)
 TEST_F(Conformance, survivesUsersWhileDevicesComeAndGo)
 {
     std::atomic<bool> done{false};
-    const auto use = [&] {
-        while (!done)
-            for (const AudioObjectID device : readDevices(hal())) {
-                readText(hal(), device, at(kAudioObjectPropertyName));
-                channelsOf(hal(), device, output);
-                readValue<float>(hal(), device, at(kAudioDevicePropertyVolumeScalar, output, 1));
-                writeValue(hal(), device, at(kAudioDevicePropertyMute, output), 1U);
-                AudioDeviceIOProcID proc = nullptr;
-                if (hal().createIOProc(
-                        device, [](auto...) {}, proc) == kAudioHardwareNoError) {
-                    hal().start(device, proc);
-                    hal().stop(device, proc);
-                    hal().destroyIOProc(device, proc);
-                }
-            }
-    };
+    const auto use = [&] { useDevices(hal(), [&] { return done.load(); }); };
     std::thread users[] = {std::thread(use), std::thread(use)};
     for (int round = 0; round < 20; ++round) {
         const std::string a = rig->plug("A", 2, 2);

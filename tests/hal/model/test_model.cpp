@@ -82,39 +82,21 @@ protected:
 TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges)
 {
     hal->plug(aDevice().uid("bystander").inputs(1).outputs(1));
-    const AudioObjectID device = hal->plug(aDevice()
-                                               .uid("device")
-                                               .inputs(2)
-                                               .outputs(2)
-                                               .volume(HALDirection::Output, 0.25F)
-                                               .source(HALDirection::Output, 1, "Speakers")
-                                               .mute(HALDirection::Output, false));
+    constexpr HALDirection in = HALDirection::Input, out = HALDirection::Output;
+    SimulatedDeviceBuilder shape = aDevice().uid("device").inputs(2).outputs(2);
+    const AudioObjectID device =
+        hal->plug(shape.volume(out, 0.25F).source(out, 1, "Speakers").mute(out, false));
     hal->plug(aDevice().uid("part").outputs(2));
     const AudioObjectID aggregate = makeAggregate(*model, {"device", "part"});
     std::vector<AudioObjectID> objects{kAudioObjectSystemObject, device, aggregate};
     for (const AudioObjectID each : {device, aggregate})
         std::ranges::copy(readList<AudioObjectID>(*model, each, at(kAudioDevicePropertyStreams)),
                           std::back_inserter(objects));
-    const SimulatedDeviceBuilder reshaped = aDevice()
-                                                .inputs(3)
-                                                .outputs(1)
-                                                .name("Renamed")
-                                                .manufacturer("Maker")
-                                                .modelUID("model")
-                                                .transport(kAudioDeviceTransportTypeUSB)
-                                                .hidden()
-                                                .canBeDefault(false)
-                                                .clockDomain(7)
-                                                .sampleRate(96000.0)
-                                                .sampleRates({96000.0})
-                                                .bufferFrameSize(64)
-                                                .bufferFrameSizeRange(32, 64)
-                                                .channelVolumes(HALDirection::Output, {0.5F})
-                                                .volume(HALDirection::Input, 0.5F)
-                                                .mute(HALDirection::Output, true)
-                                                .source(HALDirection::Output, 2, "Headphones")
-                                                .stereoChannels(HALDirection::Input, 2, 3)
-                                                .latency(HALDirection::Input, 3, 4);
+    SimulatedDeviceBuilder reshaped = aDevice().inputs(3).outputs(1).hidden().canBeDefault(false);
+    reshaped.name("Renamed").manufacturer("Maker").modelUID("model").transport(kAudioDeviceTransportTypeUSB);
+    reshaped.sampleRate(96000.0).sampleRates({96000.0}).bufferFrameSize(64).bufferFrameSizeRange(32, 64);
+    reshaped.channelVolumes(out, {0.5F}).volume(in, 0.5F).mute(out, true).source(out, 2, "Headphones");
+    reshaped.stereoChannels(in, 2, 3).latency(in, 3, 4).clockDomain(7);
     std::optional<RunningProc> running;
     const std::pair<const char*, std::function<void()>> changes[] = {
         {"another shape", [&] { hal->reconfigure("device", [&](auto& each) { each = reshaped; }); }},

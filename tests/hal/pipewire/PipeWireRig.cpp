@@ -1,6 +1,4 @@
 #include "AggregateRig.h"
-#include "ConformanceRig.h"
-#include "Eventually.h"
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
 #include "TestClient.h"
@@ -11,10 +9,12 @@ class PipeWireRig final : public ConformanceRig {
 public:
     HALModel& model() override { return *_model; }
 
-    std::string plug(const std::string& /*name*/, uint32_t inputs, uint32_t outputs) override
+    std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
         const std::string uid = "device-" + std::to_string(++_count);
-        VirtualDevice device{.name = uid, .channelCount = std::max(inputs, outputs)};
+        VirtualDevice device{.name = uid,
+                             .channelCount = std::max(inputs, outputs),
+                             .properties = {{PW_KEY_NODE_DESCRIPTION, name}}};
         device.mediaClass = inputs == 0    ? "Audio/Sink"
                             : outputs == 0 ? "Audio/Source/Virtual"
                                            : "Audio/Duplex";
@@ -28,12 +28,6 @@ public:
     {
         _devices.unplug(uid);
     }
-    // No client can rename the server's devices.
-    bool prepareNames() override
-    {
-        return false;
-    }
-    void rename(const std::string& /*uid*/, const std::string& /*name*/) override {}
     void letTimePass() override
     {
         sleepForMilliseconds(30);

@@ -7,26 +7,17 @@
 #include "TestClient.h"
 
 /// A private server, another client of it, and the model over the driver.
-struct PipeWireSetup {
-    explicit PipeWireSetup(PrivateServer::Options options = {}) : server(std::move(options)) {}
+struct PipeWireSetup : ModelReads {
+    explicit PipeWireSetup(PrivateServer::Options options = {}) : server(std::move(options))
+    {
+        hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
+    }
+    ~PipeWireSetup() { hal = nullptr; } // before the server ends
 
     AudioObjectID plug(const VirtualDevice& device)
     {
         client.plug(device);
         return waitForDevice(*hal, device.name);
-    }
-    template <class Value>
-    std::optional<Value> read(AudioObjectID object, uint32_t selector,
-                              uint32_t scope = kAudioObjectPropertyScopeGlobal, uint32_t element = 0)
-    {
-        return readValue<Value>(*hal, object, at(selector, scope, element));
-    }
-    /// Waits until an object's property has this value. Returns false on timeout.
-    template <class Value>
-    bool becomes(AudioObjectID object, uint32_t selector, Value value,
-                 uint32_t scope = kAudioObjectPropertyScopeGlobal)
-    {
-        return eventually([&] { return read<Value>(object, selector, scope) == value; });
     }
     /// The number of nodes that the driver has created for IO.
     size_t ownNodeCount() const
@@ -36,7 +27,6 @@ struct PipeWireSetup {
 
     PrivateServer server;
     TestClient client{server.remote()};
-    CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(server.remote()));
 };
 
 class PipeWireTest : public testing::Test, protected PipeWireSetup {

@@ -121,6 +121,8 @@ TEST_F(PipeWireDevices, followsAndSetsTheRoutesOfACard)
     };
     EXPECT_EQ(sources().size(), 1U) << "nothing is plugged into the headphones' socket";
     EXPECT_EQ(sourceOf(device), "Speakers");
+    const auto streams = readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams, output));
+    EXPECT_EQ(read<uint32_t>(streams.at(0), kAudioStreamPropertyTerminalType), CXFourCharCode("spkr"));
     card.change([](FakeCard::State& state) { state.headphonesPlugged = true; });
     ASSERT_TRUE(eventually([&] { return sources().size() == 2; }));
     card.change([](FakeCard::State& state) { state.activeRoutes[0] = FakeCard::Headphones; });

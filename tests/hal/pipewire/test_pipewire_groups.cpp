@@ -14,13 +14,6 @@ public:
     }
     ~Group() { _hal.destroyAggregateDevice(device); }
 
-    /// Whether the sub-device at index `place` runs.
-    bool runs(size_t place) const
-    {
-        const auto all = subDeviceStatus(_hal, device);
-        return place < all.size() && all[place].isRunning;
-    }
-
     const AudioObjectID device;
     const RecordingListener overloads;
 
@@ -95,9 +88,12 @@ TEST_F(PipeWireGroups, theCyclesThatTheClockSkipsAreReported)
 TEST_F(PipeWireGroups, membersComeAndGoWhileTheOthersGoOn)
 {
     const DrivingDevice clock = patientClock(server);
-    for (const char* name : {"stays", "sink"})
-        plug({.name = name, .properties = patient});
-    plug({.name = "source", .mediaClass = "Audio/Source/Virtual", .properties = patient});
+    const VirtualDevice members[] = {
+        {.name = "stays", .properties = patient},
+        {.name = "sink", .properties = patient},
+        {.name = "source", .mediaClass = "Audio/Source/Virtual", .properties = patient}};
+    for (const VirtualDevice& each : members)
+        plug(each);
     RampCheck stays;
     const RunningProc monitor(*hal, waitForDevice(*hal, "stays.monitor"), checkingRamp(stays));
     CycleWitness own, witness;
@@ -109,14 +105,15 @@ TEST_F(PipeWireGroups, membersComeAndGoWhileTheOthersGoOn)
     ASSERT_TRUE(stays.waitForMore(4096));
     const uint64_t before = stays.breaks;
     for (int round = 0; round < 5; ++round) {
-        for (const auto& [place, name] : {std::pair{1, "sink"}, std::pair{2, "source"}}) {
+        for (const size_t place : {1U, 2U}) {
+            const std::string& name = members[place].name;
             client.unplug(name);
-            ASSERT_TRUE(
-                eventually([&, gone = name] { return deviceWithUID(*hal, gone) == kAudioObjectUnknown; }));
-            plug({.name = name,
-                  .mediaClass = place == 1 ? "Audio/Sink" : "Audio/Source/Virtual",
-                  .properties = patient});
-            EXPECT_TRUE(eventually([&, at = place] { return group.runs(static_cast<size_t>(at)); }));
+            ASSERT_TRUE(eventually([&] { return deviceWithUID(*hal, name) == kAudioObjectUnknown; }));
+            plug(members[place]);
+            EXPECT_TRUE(eventually([&] {
+                const auto all = subDeviceStatus(*hal, group.device);
+                return place < all.size() && all[place].isRunning;
+            }));
         }
         RampCheck returned;
         const RunningProc proc(*hal, waitForDevice(*hal, "sink.monitor"), checkingRamp(returned));

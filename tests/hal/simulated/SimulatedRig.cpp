@@ -31,10 +31,6 @@ public:
     {
         _hal->unplug(uid);
     }
-    void rename(const std::string& uid, const std::string& name) override
-    {
-        _hal->reconfigure(uid, [name](SimulatedDeviceBuilder& device) { device.name(name); });
-    }
     void letTimePass() override
     {
         if (clockUnderTest == SimulatedClock::Stepped)

@@ -46,15 +46,9 @@ TEST_F(SimulatedHardwareIO, addsTheOutputsOfCallbacksAndPlaysThemThroughVolumeAn
         for (size_t i = 0; all && i < 3; ++i)
             played[i] = all[i];
     };
-    const AudioObjectID device = hal->plug(aDevice()
-                                               .uid("mix")
-                                               .inputs(3)
-                                               .outputs(2)
-                                               .outputs(1)
-                                               .channelVolumes(HALDirection::Output, {1.0F, 0.5F, 1.0F})
-                                               .mute(HALDirection::Output, false)
-                                               .loopsBack()
-                                               .playsInto(sink));
+    SimulatedDeviceBuilder mix = aDevice().uid("mix").inputs(3).outputs(2).outputs(1);
+    mix.channelVolumes(HALDirection::Output, {1.0F, 0.5F, 1.0F}).mute(HALDirection::Output, false);
+    const AudioObjectID device = hal->plug(mix.loopsBack().playsInto(sink));
     const auto playing = [&heard](float value) {
         return eachCycle([&heard, value](const IOCycle& cycle) {
             std::ranges::copy(cycle.in().first(3), heard.begin());
@@ -129,6 +123,7 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
 TEST(SimulatedInRealTime, isSilentAfterAnUnplugThatMeetsAStart)
 {
     constexpr int rounds = 400;
+    const AudioDeviceIOBlock idle = [](auto...) {};
     std::array<std::atomic<bool>, rounds> isGone{};
     std::atomic<int> late{0};
     const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::RealTime);
@@ -138,9 +133,7 @@ TEST(SimulatedInRealTime, isSilentAfterAnUnplugThatMeetsAStart)
         const AudioObjectID device =
             hal->plug(aDevice().uid("short-lived").outputs(2).bufferFrameSize(32).playsInto(sink));
         AudioDeviceIOProcID proc = nullptr;
-        ASSERT_EQ(model->createIOProc(
-                      device, [](auto...) {}, proc),
-                  kAudioHardwareNoError);
+        ASSERT_EQ(model->createIOProc(device, idle, proc), kAudioHardwareNoError);
         std::thread start([&] { (void)model->start(device, proc); });
         for (int wait = round % 20; wait > 0; --wait)
             std::this_thread::yield();

@@ -48,7 +48,6 @@ public:
     static int plug(const FakedCardOptions& options); ///< Returns the card's number.
     static void unplug(int card);
     static void unplugAll();
-    static void rename(int card, const std::string& name); ///< as a udev rule might
     /// `isThere` false clears a lasting fault.
     static void set(int card, FakedFault fault, bool isThere = true);
     /// Sets a control as another program would.

@@ -21,12 +21,6 @@ void useFile(int number)
         FakedLibrary::open(controlFile(number).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0660));
 }
 
-/// Changes the attributes of the card's file, as udev does.
-void touchFile(int number)
-{
-    utimensat(AT_FDCWD, controlFile(number).c_str(), nullptr, 0);
-}
-
 } // namespace
 
 FakedKernel& kernel()
@@ -89,13 +83,6 @@ void FakedCards::unplugAll()
         unplug(static_cast<int>(number));
 }
 
-void FakedCards::rename(int number, const std::string& name)
-{
-    const Guard guard(kernel().lock);
-    kernel().cards.at(number)->options.name = name;
-    touchFile(number);
-}
-
 void FakedCards::set(int number, FakedFault fault, bool isThere)
 {
     const Guard guard(kernel().lock);
@@ -108,7 +95,7 @@ void FakedCards::set(int number, FakedFault fault, bool isThere)
     if (fault == FakedFault::Busy)
         useFile(number);
     if (fault == FakedFault::NoRights)
-        touchFile(number);
+        utimensat(AT_FDCWD, controlFile(number).c_str(), nullptr, 0); // as udev changes its attributes
 }
 
 void FakedCards::setControl(int number, unsigned control, long left, long right)

@@ -220,6 +220,11 @@ void TestClient::destroy(pw_proxy* proxy) const
     locked([&] { pw_proxy_destroy(proxy); });
 }
 
+void TestClient::destroy(uint32_t id) const
+{
+    locked([&] { pw_registry_destroy(_registry, id); });
+}
+
 void TestClient::plug(const VirtualDevice& device)
 {
     _plugged.emplace_back(device.name, _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,

@@ -58,6 +58,8 @@ public:
     pw_proxy* link(uint32_t outputNode, const std::string& outputPort, uint32_t inputNode,
                    const std::string& inputPort);
     void destroy(pw_proxy* proxy) const;
+    /// Destroys the object of any client.
+    void destroy(uint32_t id) const;
 
     // -- Virtual devices. Each function returns once the server has made the change.
 
