@@ -1,4 +1,3 @@
-#include "DeviceTable.h"
 #include "MonitorView.h"
 #include "Text.h"
 

@@ -32,13 +32,12 @@ size_t distance(const std::string& a, const std::string& b)
 /// Throws CLI::ValidationError if `word` is not a command; the message suggests the most similar one.
 void requireCommand(const CLI::App& app, const std::string& word)
 {
-    std::vector<std::string> names;
-    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
-        names.push_back(command->get_name());
-    if (word.empty() || word.starts_with('-') || std::ranges::find(names, word) != names.end())
+    const std::vector<const CLI::App*> all = app.get_subcommands(nullptr); // without a filter: all
+    if (word.empty() || word.starts_with('-') ||
+        std::ranges::find(all, word, &CLI::App::get_name) != all.end())
         return;
-    const std::string nearest =
-        *std::ranges::min_element(names, {}, [&](const std::string& name) { return distance(word, name); });
+    const auto distanceOf = [&](const CLI::App* command) { return distance(word, command->get_name()); };
+    const std::string nearest = (*std::ranges::min_element(all, {}, distanceOf))->get_name();
     throw CLI::ValidationError("no command '" + singleLine(word) + "'" +
                                (distance(word, nearest) <= 2 ? "; did you mean '" + nearest + "'?" : ""));
 }

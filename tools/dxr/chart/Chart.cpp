@@ -44,7 +44,7 @@ double Chart::title(const std::string& name, const std::string& results)
     return y + 24.0;
 }
 
-void Chart::text(Point at, const std::string& content, const TextStyle& style)
+void Chart::text(Point at, const std::string& content, const ChartTextStyle& style)
 {
     _pieces +=
         formatText("<text x=\"%.1f\" y=\"%.1f\" fill=\"%s\" font-size=\"%.1f\" text-anchor=\"%s\"%s>", at.x,
@@ -130,8 +130,11 @@ std::vector<double> ChartAxis::lines() const
     return all;
 }
 
-ChartAxis ChartAxis::around(std::vector<double> values, double minSpan)
+ChartAxis ChartAxis::around(const std::vector<ChartCurve>& curves, double minSpan)
 {
+    std::vector<double> values;
+    for (const ChartCurve& curve : curves)
+        std::ranges::transform(curve.points, std::back_inserter(values), &Chart::Point::y);
     std::ranges::sort(values);
     const auto at = [&](double part) {
         return values.empty() ? 0.0
@@ -144,61 +147,44 @@ ChartAxis ChartAxis::around(std::vector<double> values, double minSpan)
 // ---- ChartPanel
 
 ChartPanel::ChartPanel(Chart& chart, double top, double height, const std::string& title, ChartAxis x,
-                       ChartAxis y, const std::vector<Name>& names)
+                       ChartAxis y, const std::vector<ChartCurve>& curves, double maxGap)
     : _chart(chart), _top(top), _height(height), _x(std::move(x)), _y(std::move(y))
 {
     constexpr double letter = 6.2, gap = 20.0;
     chart.text({Chart::left, top - 10.0}, title, {Chart::ink, 13.0, "start", true});
     double end = Chart::right;
-    for (const Name& name : names) {
-        chart.text({end, top - 10.0}, name.text, {name.colour, 11.0, "end"});
-        end -= letter * static_cast<double>(displayWidth(name.text)) + gap;
+    for (const ChartCurve& curve : curves) {
+        chart.text({end, top - 10.0}, curve.name, {curve.colour, 11.0, "end"});
+        end -= letter * static_cast<double>(displayWidth(curve.name)) + gap;
     }
     for (const double mark : _y.lines()) {
-        const double at = place({0.0, mark}).y;
+        const double at = _place({0.0, mark}).y;
         chart.line({Chart::left, at}, {Chart::right, at});
         chart.text({Chart::left - 8.0, at + 4.0}, _y.label(mark), {Chart::faint, 11.0, "end"});
     }
     for (const double mark : _x.lines()) {
-        const double at = place({mark, 0.0}).x;
+        const double at = _place({mark, 0.0}).x;
         chart.line({at, top}, {at, bottom()});
         chart.text({at, bottom() + 16.0}, _x.label(mark), {Chart::faint, 11.0, "middle"});
     }
+    for (const ChartCurve& curve : curves)
+        _drawCurve(curve, maxGap);
 }
 
-Chart::Point ChartPanel::place(Chart::Point value) const
-{
-    return {Chart::left + (Chart::right - Chart::left) * _x.share(value.x),
-            bottom() - _height * _y.share(value.y)};
-}
-
-void ChartPanel::curve(std::span<const Chart::Point> values, const char* colour, double maxGap)
+void ChartPanel::_drawCurve(const ChartCurve& curve, double maxGap)
 {
     std::vector<Chart::Point> unbroken;
     double last = 0.0;
-    for (const Chart::Point& value : values) {
+    for (const Chart::Point& value : curve.points) {
         if (!unbroken.empty() && (std::isnan(value.y) || value.x - last > maxGap)) {
-            _chart.curve(unbroken, colour);
+            _chart.curve(unbroken, curve.colour);
             unbroken.clear();
         }
         last = value.x;
         if (!std::isnan(value.y))
-            unbroken.push_back(place(value));
+            unbroken.push_back(_place(value));
     }
-    _chart.curve(unbroken, colour);
-}
-
-void ChartPanel::horizontal(double y, const char* colour)
-{
-    const double at = place({0.0, y}).y;
-    _chart.line({Chart::left, at}, {Chart::right, at}, colour, 1.4, true);
-}
-
-void ChartPanel::vertical(double x, const char* colour, const std::string& name)
-{
-    const double at = place({x, 0.0}).x;
-    _chart.line({at, _top}, {at, bottom()}, colour, 1.4, true);
-    _chart.text({at + 6.0, _top + 12.0}, name, {colour, 11.0});
+    _chart.curve(unbroken, curve.colour);
 }
 
 std::function<std::string(double)> chartLabel(const char* unit)

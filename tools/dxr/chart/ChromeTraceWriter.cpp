@@ -21,6 +21,11 @@ std::string nameOf(const DXRCycleRecord& record)
     return contextNames[static_cast<size_t>(record.context)];
 }
 
+std::string numberedNameOf(const DXRCycleRecord& record)
+{
+    return nameOf(record) + " " + std::to_string(record.contextNumber);
+}
+
 /// Ticks in microseconds, to the nanosecond.
 double microsecondsOf(uint64_t ticks)
 {
@@ -32,11 +37,10 @@ double microsecondsOf(uint64_t ticks)
 ChromeTraceWriter::ChromeTraceWriter(const std::string& path, const std::string& title)
     : _name(singleLine(path)), _file(path, std::ios::binary)
 {
-    _file << "[\n"
-          << jsonText({{"ph", "M"}, {"pid", 1}, {"name", "process_name"}, {"args", {{"name", title}}}}, -1,
-                      false);
-    _putTrackName(cycleTrack, "cycles");
-    _putTrackName(contextTrack, "source of the cycles");
+    _put({{"ph", "M"}, {"name", "process_name"}, {"args", {{"name", title}}}});
+    for (const auto& [track, name] :
+         {std::pair(cycleTrack, "cycles"), {contextTrack, "source of the cycles"}})
+        _put({{"ph", "M"}, {"tid", track}, {"name", "thread_name"}, {"args", {{"name", name}}}});
     _check();
 }
 
@@ -49,12 +53,7 @@ void ChromeTraceWriter::_check()
 void ChromeTraceWriter::_put(CXPlist event)
 {
     event["pid"] = 1;
-    _file << ",\n" << jsonText(event, -1, false);
-}
-
-void ChromeTraceWriter::_putTrackName(int track, const char* name)
-{
-    _put({{"ph", "M"}, {"tid", track}, {"name", "thread_name"}, {"args", {{"name", name}}}});
+    _file << std::exchange(_separator, ",\n") << jsonText(event, -1, false);
 }
 
 void ChromeTraceWriter::_putSpan(int track, const std::string& name, uint64_t beginTicks, uint64_t endTicks,
@@ -125,7 +124,7 @@ void ChromeTraceWriter::_putContext(const DXRCycleRecord& record)
     _lastCycle.context = Context::None;
     if (record.event == Event::ContextStopped)
         return _endContext(record.endTicks);
-    const std::string name = nameOf(record) + " " + std::to_string(record.contextNumber);
+    const std::string name = numberedNameOf(record);
     const bool isStarted = record.event == Event::ContextStarted;
     _putSpan(contextTrack, "starting " + name, record.beginTicks, record.endTicks);
     _mark(record.endTicks, name + (isStarted ? " started" : " did not start"));
@@ -136,19 +135,11 @@ void ChromeTraceWriter::_putContext(const DXRCycleRecord& record)
 void ChromeTraceWriter::_endContext(uint64_t ticks)
 {
     if (_context.context != Context::None)
-        _putSpan(contextTrack, nameOf(_context) + " " + std::to_string(_context.contextNumber),
-                 _context.endTicks, ticks);
+        _putSpan(contextTrack, numberedNameOf(_context), _context.endTicks, ticks);
     _context.context = Context::None;
 }
 
 void ChromeTraceWriter::_mark(uint64_t ticks, const std::string& text)
 {
     _put({{"ph", "i"}, {"s", "g"}, {"tid", contextTrack}, {"ts", _microseconds(ticks)}, {"name", text}});
-}
-
-void ChromeTraceWriter::finish()
-{
-    _endContext(_lastTicks);
-    _file << "\n]\n";
-    _check();
 }

@@ -17,11 +17,15 @@ public:
     /// Writes a mark at the time of the last record; `text` may be any text.
     void mark(const std::string& text) { _mark(_lastTicks != 0 ? _lastTicks : _beginTicks, text); }
     /// Writes the end of the file. Throws ToolFailure if it cannot be written.
-    void finish();
+    void finish()
+    {
+        _endContext(_lastTicks);
+        _file << "\n]\n";
+        _check();
+    }
 
 private:
     void _put(CXPlist event);
-    void _putTrackName(int track, const char* name);
     void _putSpan(int track, const std::string& name, uint64_t beginTicks, uint64_t endTicks,
                   const CXPlist& arguments = CXPlist::object());
     void _putCounter(const char* name, uint64_t ticks, uint64_t value);
@@ -34,7 +38,8 @@ private:
 
     const std::string _name; // printable
     std::ofstream _file;
-    uint64_t _beginTicks = 0; // of the first record
+    const char* _separator = "[\n"; // before the next event
+    uint64_t _beginTicks = 0;       // of the first record
     uint64_t _lastTicks = 0;
     DXRCycleRecord _lastCycle; // its context is None after a change of context
     DXRCycleRecord _context;   // the start of the current context; its context is None if none runs

@@ -1,6 +1,5 @@
 #include "CyclePicture.h"
 
-#include "CycleStatistics.h"
 #include "Text.h"
 
 using Event = DXRCycleRecord::Event;
@@ -36,6 +35,30 @@ std::string timeText(double seconds)
 
 } // namespace
 
+// ---- TickHistogram
+
+double TickHistogram::quantileSeconds(double share) const
+{
+    const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(_count)));
+    uint64_t seen = 0;
+    for (size_t bin = 0; bin < _bins.size(); ++bin) {
+        seen += _bins[bin];
+        if (seen >= wanted && seen > 0)
+            return std::min(_beginOf(bin + 1), _longest);
+    }
+    return _longest;
+}
+
+std::vector<Chart::Point> TickHistogram::outline(double fromSeconds, double toSeconds) const
+{
+    std::vector<Chart::Point> points;
+    for (size_t bin = 0; bin < _bins.size(); ++bin)
+        for (const double edge : {_beginOf(bin), _beginOf(bin + 1)})
+            if (edge > fromSeconds && edge < toSeconds)
+                points.push_back({edge, static_cast<double>(_bins[bin])});
+    return points;
+}
+
 // ---- Records
 
 void CyclePicture::Stretch::take(const Stretch& next)
@@ -49,8 +72,8 @@ void CyclePicture::Stretch::take(const Stretch& next)
     contexts |= next.contexts;
     changes += next.changes;
     lateCycles += next.lateCycles;
-    devices = hasPresence && next.hasPresence ? devices & next.devices : devices | next.devices;
-    hasPresence = hasPresence || next.hasPresence;
+    if (next.devices)
+        devices = devices.value_or(UINT64_MAX) & *next.devices;
 }
 
 CyclePicture::Stretch& CyclePicture::_stretchAt(double seconds)
@@ -70,11 +93,6 @@ CyclePicture::Stretch& CyclePicture::_stretchAt(double seconds)
     if (place >= _stretches.size())
         _stretches.resize(place + 1);
     return _stretches[place];
-}
-
-double CyclePicture::secondsAt(uint64_t ticks) const
-{
-    return secondsOf(ticks - _beginTicks);
 }
 
 void CyclePicture::note(const DXRCycleRecord& record)
@@ -109,36 +127,9 @@ void CyclePicture::note(const DXRCycleRecord& record)
     _cycleSeconds = secondsAt(record.deadlineTicks) - due;
 }
 
-void CyclePicture::notePresence(const std::vector<bool>& isConnected)
-{
-    uint64_t devices = 0;
-    for (size_t i = 0; i < std::min<size_t>(isConnected.size(), 64); ++i)
-        devices |= isConnected[i] ? uint64_t{1} << i : 0;
-    Stretch seen;
-    seen.devices = devices;
-    seen.hasPresence = true;
-    _stretchAt(_lastSeconds).take(seen);
-}
-
 // ---- Drawing
 
-double CyclePicture::_duration() const
-{
-    return std::max(_lastSeconds, 0.001);
-}
-
-ChartAxis CyclePicture::_timeAxis() const
-{
-    return {0.0, _duration(), chartLabel(" s")};
-}
-
-double CyclePicture::_x(double seconds) const
-{
-    return Chart::left + (Chart::right - Chart::left) * _timeAxis().share(seconds);
-}
-
-/// The contexts of the cycles in a stretch. If stretches are shorter than cycles and this one is empty, the
-/// contexts of the stretch before.
+/// The contexts of the cycles in a stretch; in an empty one that is shorter than a cycle, those before it.
 uint32_t CyclePicture::_contextsIn(size_t stretch) const
 {
     const bool isShort = _stretchSeconds < 1.5 * _cycleSeconds;
@@ -150,16 +141,16 @@ uint32_t CyclePicture::_contextsIn(size_t stretch) const
 double CyclePicture::_drawLanes(Chart& chart, double top, const std::vector<std::string>& deviceNames) const
 {
     constexpr size_t maxLanes = 16, nameColumns = 24;
-    const bool hasRemarks = !_remarks.empty();
+    const double step = laneHeight + (_remarks.empty() ? 0.0 : 12.0); // remarks are below the bars
     chart.text({Chart::left - 12.0, top + 11.0}, "source of the cycles", {Chart::ink, 12.0, "end"});
     _drawContexts(chart, top);
     for (size_t device = 0; device < std::min(deviceNames.size(), maxLanes); ++device) {
-        top += device == 0 || !hasRemarks ? laneHeight : laneHeight + 12.0;
+        top += device == 0 ? laneHeight : step;
         const std::string name = shortText(deviceNames[device], nameColumns);
         chart.text({Chart::left - 12.0, top + 11.0}, name, {Chart::ink, 12.0, "end"});
         _drawDevice(chart, top, device);
     }
-    return top + laneHeight + (hasRemarks ? 12.0 : 0.0);
+    return top + step;
 }
 
 void CyclePicture::_drawContexts(Chart& chart, double top) const
@@ -190,8 +181,8 @@ void CyclePicture::_drawDevice(Chart& chart, double top, size_t device) const
     for (size_t i = 0; i <= _stretches.size(); ++i) {
         const double at = static_cast<double>(i) * _stretchSeconds;
         const bool isEnd = i == _stretches.size();
-        const bool isNow =
-            !isEnd && (_stretches[i].hasPresence ? (_stretches[i].devices >> device & 1) != 0 : isConnected);
+        const std::optional<uint64_t> noted = isEnd ? 0 : _stretches[i].devices;
+        const bool isNow = noted ? (*noted >> device & 1) != 0 : isConnected;
         if (isConnected && !isNow)
             chart.rectangle({_x(from), top}, std::max(1.0, _x(at) - _x(from)), barHeight, Chart::faint, 0.55);
         else if (!isConnected && isNow)
@@ -202,7 +193,7 @@ void CyclePicture::_drawDevice(Chart& chart, double top, size_t device) const
         if (remark.device == device) {
             chart.circle({_x(remark.seconds), top + barHeight / 2.0}, 4.0, Chart::ink);
             chart.text({_x(remark.seconds), top + barHeight + 12.0}, shortText(remark.text, 40),
-                       {Chart::ink, 10.5, remark.seconds > 0.7 * _duration() ? "end" : "start"});
+                       {Chart::ink, 10.5, remark.seconds > 0.7 * _lastSeconds ? "end" : "start"});
         }
 }
 
@@ -235,8 +226,7 @@ void CyclePicture::_drawProgress(Chart& chart, double top, double height, double
     const auto [min, max] = std::ranges::minmax(differences.empty() ? std::vector{0.0} : differences);
     const double room = std::max(0.15 * (max - min), 2.5);
     ChartPanel(chart, top, height, "the runner's time less the clock: falls while no block is called",
-               _timeAxis(), {min - room, max + room, chartLabel(" ms")})
-        .curve(points, Chart::ink);
+               _timeAxis(), {min - room, max + room, chartLabel(" ms")}, {{"", Chart::ink, points}});
 }
 
 /// Draws the histograms and a table of their quantiles. Returns the y below them.
@@ -246,41 +236,35 @@ double CyclePicture::_drawDistribution(Chart& chart, double top, double height) 
         const TickHistogram& histogram;
         const char* name;
         const char* colour;
-    } curves[] = {{_lateness, "began after it was due", latenessColour},
-                  {_waits, "waited for the queue", waitColour},
-                  {_runs, "blocks ran", runColour},
-                  {_ends, "ended after it was due", endColour}};
-    const double decades =
-        std::max(1.0, std::ceil(std::log10(std::max<double>(1.0, static_cast<double>(_runs.count())))));
+    } rows[] = {{_lateness, "began after it was due", latenessColour},
+                {_waits, "waited for the queue", waitColour},
+                {_runs, "blocks ran", runColour},
+                {_ends, "ended after it was due", endColour}};
+    std::vector<ChartCurve> curves; // without names: the table has them
+    for (const auto& row : rows)
+        curves.push_back({"", row.colour, row.histogram.outline(shortestSeconds, longestSeconds)});
+    const double decades = std::max(1.0, std::ceil(std::log10(std::max<uint64_t>(1, _runs.count()))));
     ChartPanel panel(chart, top, height, "how many cycles took how long (both scales logarithmic)",
                      {shortestSeconds, longestSeconds, timeText, true},
                      {0.8, std::pow(10.0, decades),
-                      [](double count) { return formatNumber(static_cast<uint64_t>(count + 0.5)); }, true});
-    double row = panel.bottom() + 44.0;
+                      [](double count) { return formatNumber(static_cast<uint64_t>(count + 0.5)); }, true},
+                     curves);
+    double y = panel.bottom() + 44.0;
     const auto cells = [&](const std::vector<std::string>& texts, const char* colour) {
         for (size_t i = 0; i < texts.size(); ++i)
-            chart.text({i == 0 ? Chart::left : Chart::left + 190.0 + 110.0 * static_cast<double>(i), row},
+            chart.text({i == 0 ? Chart::left : Chart::left + 190.0 + 110.0 * static_cast<double>(i), y},
                        texts[i], {colour, 12.0, i == 0 ? "start" : "end"});
-        row += 18.0;
+        y += 18.0;
     };
     cells({formatCount(_runs.count(), "cycle") + " of devices", "half", "99 %", "99.9 %", "longest"},
           Chart::faint);
-    for (const auto& [histogram, name, colour] : curves) {
-        std::vector<Chart::Point> steps;
-        for (size_t bin = 0; bin < TickHistogram::binCount; ++bin)
-            for (const size_t edge : {bin, bin + 1})
-                if (TickHistogram::beginOf(edge) > shortestSeconds &&
-                    TickHistogram::beginOf(edge) < longestSeconds)
-                    steps.push_back(
-                        {TickHistogram::beginOf(edge), static_cast<double>(histogram.countIn(bin))});
-        panel.curve(steps, colour);
+    for (const auto& [histogram, name, colour] : rows)
         cells({name, timeText(histogram.quantileSeconds(0.5)), timeText(histogram.quantileSeconds(0.99)),
                timeText(histogram.quantileSeconds(0.999)), timeText(histogram.longestSeconds())},
               colour);
-    }
     if (_cycleSeconds > 0.0)
         panel.vertical(_cycleSeconds, deadlineColour, "a cycle: " + timeText(_cycleSeconds));
-    return row;
+    return y;
 }
 
 std::string CyclePicture::svg(double sampleRate, const std::vector<std::string>& deviceNames,
@@ -298,13 +282,8 @@ std::string CyclePicture::svg(double sampleRate, const std::vector<std::string>&
     _drawProgress(chart, top, smallHeight, sampleRate);
     for (const Panel& each : _panels) {
         top += smallHeight + ChartPanel::below;
-        std::vector<ChartPanel::Name> names;
-        for (const Panel::Curve& curve : each.curves)
-            names.push_back({curve.name, curve.colour});
-        ChartPanel panel(chart, top, smallHeight, each.title, _timeAxis(),
-                         {each.from, each.to, chartLabel(each.unit)}, names);
-        for (const Panel::Curve& curve : each.curves)
-            panel.curve(curve.points, curve.colour, pointGap);
+        ChartPanel(chart, top, smallHeight, each.title, _timeAxis(),
+                   {each.from, each.to, chartLabel(each.unit)}, each.curves, pointGap);
     }
     return chart.svg(_drawDistribution(chart, top + smallHeight + ChartPanel::below, panelHeight) + 20.0);
 }

@@ -1,51 +1,39 @@
 #pragma once
 
 #include "Chart.h"
+#include "CycleStatistics.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <dxr/DXRCycleTrace.h>
+#include <optional>
 
-/// Counts durations in logarithmic bins, 24 to a decade, from 100 ns to 10 s. Durations outside this range
-/// are counted in the first or last bin.
+/// Counts durations in logarithmic bins; the first and the last also count shorter and longer ones.
 class TickHistogram {
 public:
-    static constexpr size_t binsPerDecade = 24;
-    static constexpr size_t binCount = 8 * binsPerDecade;
-    static constexpr double minSeconds = 1e-7;
-
     void note(double seconds)
     {
         const double place = std::log10(std::max(seconds, minSeconds) / minSeconds) * binsPerDecade;
-        ++_bins[std::min(static_cast<size_t>(place), binCount - 1)];
+        ++_bins[std::min(static_cast<size_t>(place), _bins.size() - 1)];
         ++_count;
         _longest = std::max(_longest, seconds);
     }
     uint64_t count() const { return _count; }
     double longestSeconds() const { return _longest; }
-    uint64_t countIn(size_t bin) const { return _bins[bin]; }
-    /// The lower limit of a bin, in seconds; beginOf(binCount) is the upper limit of the last.
-    static double beginOf(size_t bin)
+    /// The duration that the part `share`, 0 to 1, does not exceed, to the accuracy of a bin; 0 if none.
+    double quantileSeconds(double share) const;
+    /// The outline of the bins that begin or end between two durations; x is in seconds.
+    std::vector<Chart::Point> outline(double fromSeconds, double toSeconds) const;
+
+private:
+    static constexpr size_t binsPerDecade = 24, decades = 8;
+    static constexpr double minSeconds = 1e-7;
+    static double _beginOf(size_t bin)
     {
         return minSeconds * std::pow(10.0, static_cast<double>(bin) / binsPerDecade);
     }
-    /// The duration that the part `share`, 0 to 1, of all durations does not exceed, to the accuracy of a
-    /// bin; 0 if nothing was counted.
-    double quantileSeconds(double share) const
-    {
-        const auto wanted = static_cast<uint64_t>(std::ceil(share * static_cast<double>(_count)));
-        uint64_t seen = 0;
-        for (size_t bin = 0; bin < binCount; ++bin) {
-            seen += _bins[bin];
-            if (seen >= wanted && seen > 0)
-                return std::min(beginOf(bin + 1), _longest);
-        }
-        return _longest;
-    }
 
-private:
-    std::array<uint64_t, binCount> _bins{};
+    std::array<uint64_t, decades * binsPerDecade> _bins{};
     uint64_t _count = 0;
     double _longest = 0.0;
 };
@@ -61,26 +49,27 @@ public:
             note(record);
     }
     void note(const DXRCycleRecord& record);
-    /// Notes which devices are connected at the time of the last record; same order as `deviceNames` of
-    /// svg().
-    void notePresence(const std::vector<bool>& isConnected);
+    /// Notes which devices are connected at the time of the last record; in the order of svg()'s names.
+    void notePresence(const std::vector<bool>& isConnected)
+    {
+        Stretch seen;
+        seen.devices = 0;
+        for (size_t i = 0; i < std::min<size_t>(isConnected.size(), 64); ++i)
+            *seen.devices |= isConnected[i] ? uint64_t{1} << i : 0;
+        _stretchAt(_lastSeconds).take(seen);
+    }
     /// Adds a remark to the lane of a device, at the time of the last record.
     void remark(size_t device, const std::string& text) { _remarks.push_back({device, _lastSeconds, text}); }
 
     /// An additional panel with the same time axis.
     struct Panel {
-        struct Curve {
-            const char* name;
-            const char* colour;
-            std::vector<Chart::Point> points; ///< x as returned by secondsAt()
-        };
         std::string title;
         double from, to; ///< the range of its values
         const char* unit;
-        std::vector<Curve> curves;
+        std::vector<ChartCurve> curves; ///< x as returned by secondsAt()
     };
     void add(Panel panel) { _panels.push_back(std::move(panel)); }
-    double secondsAt(uint64_t hostTicks) const;
+    double secondsAt(uint64_t hostTicks) const { return secondsOf(hostTicks - _beginTicks); }
 
     /// Returns the SVG picture of a run at `sampleRate` Hz. Texts may contain any characters.
     std::string svg(double sampleRate, const std::vector<std::string>& deviceNames, const std::string& title,
@@ -95,8 +84,8 @@ private:
         uint32_t contexts = 0; // a bit for each kind of context
         uint32_t changes = 0;  // changes of context
         uint32_t lateCycles = 0;
-        uint64_t devices = 0; // a bit for each of the first 64 devices that was connected all the time
-        bool hasPresence = false;
+        // A bit for each of the first 64 devices that was connected all the time; null: not noted.
+        std::optional<uint64_t> devices;
 
         void take(const Stretch& next);
     };
@@ -107,10 +96,12 @@ private:
     };
 
     Stretch& _stretchAt(double seconds);
-    double _duration() const;
     uint32_t _contextsIn(size_t stretch) const;
-    double _x(double seconds) const;
-    ChartAxis _timeAxis() const;
+    ChartAxis _timeAxis() const { return {0.0, std::max(_lastSeconds, 0.001), chartLabel(" s")}; }
+    double _x(double seconds) const
+    {
+        return Chart::left + (Chart::right - Chart::left) * _timeAxis().share(seconds);
+    }
 
     double _drawLanes(Chart& chart, double top, const std::vector<std::string>& deviceNames) const;
     void _drawContexts(Chart& chart, double top) const;

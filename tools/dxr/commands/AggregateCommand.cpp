@@ -147,11 +147,9 @@ void registerAggregateCommand(CLI::App& app)
     const auto [command, options] =
         addCommand(*aggregate, "create",
                    "Combine devices into one while the command runs, and show how their clocks differ", run);
-    command.add_option("name", options.name, "The name of the new device")->required();
-    command
-        .add_option("devices", options.devices,
-                    "The devices, in the order of their channels: UID, reference, or a part of the name")
-        ->required();
+    addRequired(command, "name", options.name, "The name of the new device");
+    addRequired(command, "devices", options.devices,
+                "The devices, in the order of their channels: UID, reference, or a part of the name");
     command.add_option("--clock", options.clock,
                        "The device whose clock the others follow; the first if not given");
     command.add_option("--frames", options.frames, "Frames of a cycle")->check(CLI::PositiveNumber);

@@ -25,6 +25,13 @@ std::pair<CLI::App&, Options&> addCommand(CLI::App& parent, const char* name, co
     return {*command, *options};
 }
 
+/// Adds an argument or option that the user must give.
+template <class Value>
+CLI::Option* addRequired(CLI::App& command, const char* name, Value& value, const char* about)
+{
+    return command.add_option(name, value, about)->required();
+}
+
 // Each function adds the commands defined in the source file of the same name.
 
 void registerListCommands(CLI::App& app); ///< list, watch

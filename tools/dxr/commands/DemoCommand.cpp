@@ -2,13 +2,10 @@
 
 #include "CyclePicture.h"
 #include "DemoClaim.h"
-#include "DeviceTable.h"
 #include "LoopPatch.h"
 #include "SessionScreen.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <dxr/CXMainBundle.h>
 #include <dxr/DXRDeviceManager.h>
@@ -36,7 +33,7 @@ struct Options {
 };
 
 /// Replaces the user's stored settings by a private, initially empty folder, which is removed at the end.
-/// Threads: one; no other thread may be running when the object is created.
+/// Threads: no other thread may be running when the object is created.
 class PrivateSettings {
 public:
     PrivateSettings()
@@ -79,8 +76,6 @@ private:
     void _applySettings(Device which);
     void _noteState();
     void _print(const std::string& text) { _screen.print(formatSeconds(_session.seconds()) + "  " + text); }
-    DemoClaim _reported() const;
-    DemoClaim _known() const;
     bool _sumUp();
     void _drawPicture(const std::string& results, std::span<const DemoTone> tones);
 
@@ -97,7 +92,7 @@ private:
 
     std::vector<DXRCycleRecord> _records;
     CyclePicture _picture;
-    std::array<CyclePicture::Panel::Curve, DemoStage::devices.size()> _drifts;
+    std::array<ChartCurve, DemoStage::devices.size()> _drifts;
     std::vector<DemoStretch> _stretches; // the last one has not ended
     std::string _context;                // as last printed
     // For each device, the time of its last step; null once the device's change has been reported.
@@ -112,7 +107,7 @@ Demo::Demo(const Options& options)
       _firstUID(_stage.uidOf(DemoStage::Headphones))
 {
     for (const Device device : DemoStage::devices) {
-        const DemoStage::Facts& facts = DemoStage::factsOf(device);
+        const DemoStage::Facts& facts = DemoStage::facts[device];
         _devices.push_back(DeviceSelection::find(_stage.uidOf(device), facts.direction));
         _drifts[device] = {facts.name, colours[device], {}};
     }
@@ -202,15 +197,12 @@ bool Demo::_perform()
 
 void Demo::_performSteps()
 {
-    for (;;) {
-        const uint64_t before = HostClock::nowTicks();
-        const std::optional<DemoStage::Step> step = _stage.performNext(_session.seconds());
-        if (!step)
-            return;
+    uint64_t before = HostClock::nowTicks();
+    while (const std::optional<DemoStage::Step> step = _stage.performNext(_session.seconds())) {
         _pending[step->device] = before;
         DemoStretch next = _stretches.back();
         _stretches.back().to = before;
-        next.from = HostClock::nowTicks();
+        before = next.from = HostClock::nowTicks();
         next.isPlugged[step->device] = step->isPlug;
         _stretches.push_back(next);
     }
@@ -262,36 +254,26 @@ void Demo::_noteState()
 
 // ---- The results
 
-DemoClaim Demo::_reported() const
-{
-    return {_stepsReported == DemoStage::stepCount, "reported",
-            formatText("%zu of %zu connections and disconnections, the slowest after %.1f ms", _stepsReported,
-                       DemoStage::stepCount, 1e3 * _slowestSeconds)};
-}
-
-DemoClaim Demo::_known() const
-{
-    const CXRef<DXRDevice>& headphones = _devices[DemoStage::Headphones].device;
-    const bool isAsRemembered = std::abs(headphones->volume() - rememberedVolume) < 0.001;
-    const bool hasMoved = _stage.uidOf(DemoStage::Headphones) != _firstUID;
-    return {headphones->isConnected() && hasMoved && isAsRemembered, "known",
-            "the headphones in another port are the same object, their volume " +
-                formatPercent(headphones->volume()) + " as remembered"};
-}
-
 bool Demo::_sumUp()
 {
     const std::vector<DemoTone> tones = DemoTone::measure(_stage);
+    const DXRDevice& headphones = *_devices[DemoStage::Headphones].device;
+    const bool isKnown = headphones.isConnected() && _stage.uidOf(DemoStage::Headphones) != _firstUID &&
+                         std::abs(headphones.volume() - rememberedVolume) < 0.001;
     const DemoClaim claims[] = {
-        _reported(), _known(), DemoClaim::ofTime(_records, sampleRate),
+        {_stepsReported == DemoStage::stepCount, "reported",
+         formatText("%zu of %zu connections and disconnections, the slowest after %.1f ms", _stepsReported,
+                    DemoStage::stepCount, 1e3 * _slowestSeconds)},
+        {isKnown, "known",
+         "the headphones in another port are the same object, their volume " +
+             formatPercent(headphones.volume()) + " as remembered"},
+        DemoClaim::ofTime(_records, sampleRate),
         DemoClaim::ofSound(tones, DemoStretch::cut(_stretches, _records), rememberedVolume)};
     const Terminal terminal;
-    const auto print = [&](const std::string& mark, Style style, const std::string& about,
-                           const std::string& text) {
-        const std::string label =
-            terminal.styled(fitLeft(mark, 4), style) + terminal.styled(fitLeft(about, 10), Style::Dim);
-        for (const std::string& line : labelled(label, 14, text, terminal.columns()))
-            std::cout << line << "\n";
+    const auto print = [&](const char* mark, Style style, const std::string& about, const std::string& text) {
+        terminal.printLabelled(terminal.styled(fitLeft(mark, 4), style) +
+                                   terminal.styled(fitLeft(about, 10), Style::Dim),
+                               14, text);
     };
     std::cout << "\n" << terminal.styled("Confirmed", Style::Bold) << "\n";
     for (const DemoClaim& claim : claims)
@@ -304,9 +286,9 @@ bool Demo::_sumUp()
 
 void Demo::_drawPicture(const std::string& results, std::span<const DemoTone> tones)
 {
-    std::vector<CyclePicture::Panel::Curve> levels, qualities;
+    std::vector<ChartCurve> levels, qualities;
     for (const Device device : DemoStage::outputs) {
-        levels.push_back({DemoStage::factsOf(device).name, colours[device], {}});
+        levels.push_back({DemoStage::facts[device].name, colours[device], {}});
         qualities.push_back(levels.back());
         for (const DemoTone& tone : tones) {
             if (tone.output != device)
@@ -322,23 +304,19 @@ void Demo::_drawPicture(const std::string& results, std::span<const DemoTone> to
     _picture.add({"tone to all else", 0.0, 120.0, " dB", qualities});
     std::vector<std::string> names;
     for (const Device device : DemoStage::devices)
-        names.emplace_back(DemoStage::factsOf(device).name);
+        names.emplace_back(DemoStage::facts[device].name);
     const std::string title =
         formatText("dxr demo: devices connect and disconnect in %.1f s; time goes on", _options.seconds);
     Chart::writeFile(_options.picture, _picture.svg(sampleRate, names, title, results));
-}
-
-void runDemo(Options& options)
-{
-    Demo(options).run();
 }
 
 } // namespace
 
 void registerDemoCommand(CLI::App& app)
 {
-    const auto [command, options] =
-        addCommand(app, "demo", "Run audio while devices connect and disconnect, and measure it", runDemo);
+    const auto [command, options] = addCommand(
+        app, "demo", "Run audio while devices connect and disconnect, and measure it",
+        +[](Options& demo) { Demo(demo).run(); });
     command.add_option("--seconds", options.seconds, "The duration; 18 if not given")
         ->check(CLI::Range(8.0, 120.0));
     command.add_option("--picture", options.picture, "The picture to write; out/demo.svg if not given");

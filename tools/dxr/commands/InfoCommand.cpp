@@ -15,12 +15,14 @@ struct Options : DeviceArgument {
     bool asJSON = false;
 };
 
-void printField(const Terminal& terminal, const char* label, const std::string& value)
+using Fields = std::vector<std::pair<const char*, std::string>>;
+
+void printFields(const Terminal& terminal, const Fields& fields)
 {
     constexpr size_t indent = 18;
-    for (const std::string& line : labelled(terminal.styled(fitLeft(label, indent), Style::Dim), indent,
-                                            value.empty() ? "-" : value, terminal.columns()))
-        std::cout << line << "\n";
+    for (const auto& [label, value] : fields)
+        terminal.printLabelled(terminal.styled(fitLeft(label, indent), Style::Dim), indent,
+                               value.empty() ? "-" : value);
 }
 
 std::string rangeText(const AudioValueRange& range)
@@ -40,31 +42,23 @@ std::string framesText(uint32_t frames, double rate)
            (rate > 0.0 ? formatText(" (%.1f ms)", 1000.0 * frames / rate) : "");
 }
 
-std::string streamText(const DirectionReport::Stream& stream)
+void addControls(Fields& fields, const DirectionReport& direction)
 {
-    return formatText("%u (%s)", stream.objectID, formatCount(stream.channelCount, "channel").c_str());
-}
-
-void printControls(const Terminal& terminal, const DirectionReport& direction)
-{
-    if (direction.stereoChannels)
-        printField(
-            terminal, "  Stereo on",
-            formatText("channels %u and %u", (*direction.stereoChannels)[0], (*direction.stereoChannels)[1]));
+    if (const auto& stereo = direction.stereoChannels)
+        fields.emplace_back("  Stereo on", formatText("channels %u and %u", (*stereo)[0], (*stereo)[1]));
     const bool isPerChannel = !direction.channelVolumes.empty();
-    printField(terminal, "  Volume",
-               direction.volume ? volumeText(direction.volume)
-               : isPerChannel   ? "per channel"
-                                : "no control");
+    fields.emplace_back("  Volume", direction.volume ? volumeText(direction.volume)
+                                    : isPerChannel   ? "per channel"
+                                                     : "no control");
     if (isPerChannel)
-        printField(terminal, "  Channel volumes", joined(direction.channelVolumes, ", ", volumeText));
-    printField(terminal, "  Mute", !direction.isMuted ? "no control" : *direction.isMuted ? "on" : "off");
+        fields.emplace_back("  Channel volumes", joined(direction.channelVolumes, ", ", volumeText));
+    fields.emplace_back("  Mute", !direction.isMuted ? "no control" : *direction.isMuted ? "on" : "off");
+    const auto sourceText = [&](const DirectionReport::Source& source) {
+        return singleLine(source.name) + formatText(" (%u)", source.sourceID) +
+               (direction.currentSource == source.sourceID ? " *" : "");
+    };
     if (!direction.sources.empty())
-        printField(terminal, "  Sources",
-                   joined(direction.sources, ", ", [&](const DirectionReport::Source& source) {
-                       return singleLine(source.name) + formatText(" (%u)", source.sourceID) +
-                              (direction.currentSource == source.sourceID ? " *" : "");
-                   }));
+        fields.emplace_back("  Sources", joined(direction.sources, ", ", sourceText));
 }
 
 void printDirection(const Terminal& terminal, const DeviceReport& device, HALDirection which)
@@ -78,22 +72,25 @@ void printDirection(const Terminal& terminal, const DeviceReport& device, HALDir
     }
     std::cout << (direction.isDefault ? "  default" : "")
               << (direction.isDefaultSystem ? "  default for sounds" : "") << "\n";
-    printField(terminal, "  Channels",
-               std::to_string(direction.channelCount) + (direction.channelNames.empty() ? "" : ": ") +
-                   joined(direction.channelNames, ", ", [](const std::string& name) {
-                       return name.empty() ? std::string("-") : singleLine(name);
-                   }));
+    const auto nameText = [](const std::string& name) { return name.empty() ? "-" : singleLine(name); };
+    const auto streamText = [](const DirectionReport::Stream& stream) {
+        return formatText("%u (%s)", stream.objectID, formatCount(stream.channelCount, "channel").c_str());
+    };
+    const auto frames = [&](uint32_t count) { return framesText(count, device.sampleRate); };
+    Fields fields{{"  Channels", std::to_string(direction.channelCount) +
+                                     (direction.channelNames.empty() ? "" : ": ") +
+                                     joined(direction.channelNames, ", ", nameText)}};
     if (direction.device)
-        printField(terminal, "  Reference", singleLine(direction.device->reference()->string()));
-    printField(terminal, "  Streams", joined(direction.streams, ", ", streamText));
-    printControls(terminal, direction);
-    printField(terminal, "  Latency", framesText(direction.latencyFrames, device.sampleRate));
-    printField(terminal, "  Safety offset", framesText(direction.safetyOffsetFrames, device.sampleRate));
+        fields.emplace_back("  Reference", singleLine(direction.device->reference()->string()));
+    fields.emplace_back("  Streams", joined(direction.streams, ", ", streamText));
+    addControls(fields, direction);
+    fields.emplace_back("  Latency", frames(direction.latencyFrames));
+    fields.emplace_back("  Safety offset", frames(direction.safetyOffsetFrames));
     // The latency that a runner reports if its blocks have the length of the device's cycles.
-    printField(terminal, isInput ? "  Air to block" : "  Block to air",
-               framesText(direction.latencyFrames + direction.safetyOffsetFrames +
-                              (isInput ? 1 : 2) * device.bufferFrameSize,
-                          device.sampleRate));
+    fields.emplace_back(isInput ? "  Air to block" : "  Block to air",
+                        frames(direction.latencyFrames + direction.safetyOffsetFrames +
+                               (isInput ? 1 : 2) * device.bufferFrameSize));
+    printFields(terminal, fields);
 }
 
 void info(Options& options)
@@ -105,7 +102,7 @@ void info(Options& options)
         return;
     }
     const double measured = device.actualSampleRate;
-    const std::pair<const char*, std::string> fields[] = {
+    const Fields fields{
         {"ID", std::to_string(device.deviceID)},
         {"UID", singleLine(device.uid)},
         {"Manufacturer", singleLine(device.manufacturer)},
@@ -122,8 +119,7 @@ void info(Options& options)
                                        device.bufferFrameSizeRange.maximum)},
     };
     std::cout << terminal.styled(singleLine(device.displayName()), Style::Bold) << "\n";
-    for (const auto& [label, value] : fields)
-        printField(terminal, label, value);
+    printFields(terminal, fields);
     for (const HALDirection direction : halDirections)
         printDirection(terminal, device, direction);
 }
@@ -165,7 +161,7 @@ void show(ShowOptions& options)
         std::cout << jsonText(device->archive(), 2, terminal.isLive()) << "\n";
         return;
     }
-    const std::pair<const char*, std::string> fields[] = {
+    const Fields fields{
         {"Connected", device->isConnected() ? "yes, ID " + std::to_string(device->deviceID()) : "no"},
         {"Direction", device->isInput() ? "input" : "output"},
         {"UID", device->deviceUID()},
@@ -207,6 +203,6 @@ void registerArchiveCommands(CLI::App& app)
     addCommand(app, "ref", "Print the reference of a device, which names it in any port", printReference);
     const auto [command, options] =
         addCommand(app, "show", "Describe the device of an archive, connected or not", show);
-    command.add_option("file", options.file, "A file written by 'dxr archive'")->required();
+    addRequired(command, "file", options.file, "A file written by 'dxr archive'");
     command.add_flag("--json", options.asJSON, "Print JSON");
 }

@@ -1,6 +1,5 @@
 #include "Commands.h"
 
-#include "DeviceTable.h"
 #include "DeviceWatch.h"
 #include "Interrupts.h"
 
@@ -16,8 +15,7 @@ struct Options : HardwareChoice {
     bool withIdentity = false; // of watch
 };
 
-/// Calls `use` with the events at the start and after every change, until the user ends it. `milliseconds` is
-/// the maximum time between two calls; -1: no limit.
+/// Calls `use` with the events at the start and after each change, at least every `milliseconds` unless -1.
 template <class Use> void follow(const Options& options, int milliseconds, Use use)
 {
     const Interrupts interrupts;

@@ -6,7 +6,6 @@
 #include "RunnerOptions.h"
 #include "TerminalScreen.h"
 
-#include <algorithm>
 #include <dxr/HostClock.h>
 #include <dxr/LogSink.h>
 #include <poll.h>
@@ -23,7 +22,6 @@ public:
 private:
     void _wait();
     void _open();
-    void _start();
     void _noteCycles(std::span<const DXRCycleRecord> records);
     void _handleKeys(const std::string& keys);
     void _readEvents();
@@ -70,10 +68,10 @@ void Monitor::run()
         if (_session)
             _readSession();
         _state.seconds = secondsOf(dxr::HostClock::nowTicks() - _startTicks);
-        const TerminalScreen::Size size = _screen.size();
-        const size_t columns =
-            size.columns - (size.columns > 1); // after the last column, some terminals start a new line
-        _screen.draw(monitorLines(_state, columns, size.rows, _terminal));
+        const winsize size = _screen.size();
+        // After the last column, some terminals start a new line.
+        const size_t columns = size.ws_col > 1 ? size.ws_col - 1U : 1U;
+        _screen.draw(monitorLines(_state, columns, size.ws_row, _terminal));
         _state.usedSeconds *= fall;
         _wait();
     }
@@ -115,23 +113,18 @@ void Monitor::_open()
               .messages = std::move(_state.messages),
               .isHeard = _state.isHeard};
     try {
-        _start();
+        _session = std::make_unique<RunnerSession>(_interrupts, _options.frameCount(), _options.sampleRate());
+        _patch = LoopPatch::initWithSelections(_options.inputs(), _options.outputs());
+        _patch->setOpen(_state.isHeard);
+        _patch->addTo(*_session);
+        _session->setRecords([this](std::span<const DXRCycleRecord> records) { _noteCycles(records); });
+        _isOver = !_session->start();
     } catch (const ToolFailure& failure) {
         _session = nullptr;
         if (_options.namesDevices())
             throw;
         _print(failure.what());
     }
-}
-
-void Monitor::_start()
-{
-    _session = std::make_unique<RunnerSession>(_interrupts, _options.frameCount(), _options.sampleRate());
-    _patch = LoopPatch::initWithSelections(_options.inputs(), _options.outputs());
-    _patch->setOpen(_state.isHeard);
-    _patch->addTo(*_session);
-    _session->setRecords([this](std::span<const DXRCycleRecord> records) { _noteCycles(records); });
-    _isOver = !_session->start();
 }
 
 void Monitor::_noteCycles(std::span<const DXRCycleRecord> records)
@@ -225,18 +218,16 @@ MonitorState::Device Monitor::_stateOf(const DeviceSelection& selection) const
     return device;
 }
 
-void runMonitor(RunnerOptions& options)
-{
-    options.find();
-    Monitor(options).run();
-}
-
 } // namespace
 
 void registerMonitorCommand(CLI::App& app)
 {
     const auto [command, options] = addCommand(
-        app, "monitor", "Show devices, levels, cycles and clocks on the whole terminal", runMonitor);
+        app, "monitor", "Show devices, levels, cycles and clocks on the whole terminal",
+        +[](RunnerOptions& found) {
+            found.find();
+            Monitor(found).run();
+        });
     options.setAbout(
         "Runs the named devices, or else the default devices, even as these change. The outputs are silent "
         "until the key l plays the inputs on them; q ends it.");

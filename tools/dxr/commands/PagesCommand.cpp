@@ -10,11 +10,6 @@
 
 namespace {
 
-std::vector<const CLI::App*> commandsOf(const CLI::App& app)
-{
-    return app.get_subcommands(nullptr); // without a filter: all
-}
-
 /// How an option is written: "--in DEVICE", "-h, --help", or the name of an argument.
 std::string usageOf(const CLI::Option& option)
 {
@@ -23,10 +18,9 @@ std::string usageOf(const CLI::Option& option)
     std::string names = option.get_name(false, true);
     for (size_t comma = 0; (comma = names.find(',', comma)) != std::string::npos; comma += 2)
         names.insert(comma + 1, " ");
-    const bool takesValue = option.get_items_expected_max() > 0;
-    return takesValue
-               ? names + " " + foldCase(option.get_type_name().substr(0, option.get_type_name().find('{')))
-               : names;
+    if (option.get_items_expected_max() > 0) // it takes a value
+        names += " " + foldCase(option.get_type_name().substr(0, option.get_type_name().find('{')));
+    return names;
 }
 
 // ---- Man pages
@@ -50,8 +44,9 @@ void writeOptions(std::ostream& page, const CLI::App& command)
         page << ".TP\n.B " << roff(usageOf(*option)) << "\n" << roff(option->get_description()) << "\n";
 }
 
-void writePage(std::ostream& page, const std::string& name, const CLI::App& command)
+void writePage(const std::string& folder, const std::string& name, const CLI::App& command)
 {
+    std::ofstream page(std::filesystem::path(folder) / (name + ".1"));
     const bool isWhole = command.get_parent() == nullptr; // the page of dxr itself
     std::string title = name;
     std::ranges::transform(title, title.begin(), [](char c) { return static_cast<char>(std::toupper(c)); });
@@ -68,7 +63,7 @@ void writePage(std::ostream& page, const std::string& name, const CLI::App& comm
         page << ".SH DESCRIPTION\n" << roff(command.get_footer()) << "\n";
     page << ".SH OPTIONS\n";
     writeOptions(page, command);
-    const std::vector<const CLI::App*> commands = commandsOf(command);
+    const std::vector<const CLI::App*> commands = command.get_subcommands(nullptr);
     if (!commands.empty())
         page << ".SH COMMANDS\n";
     for (const CLI::App* each : commands)
@@ -81,14 +76,8 @@ void writePage(std::ostream& page, const std::string& name, const CLI::App& comm
     }
     page << ".SH EXIT STATUS\n0 for success, 1 when something failed, 2 for a wrong command line.\n"
             ".SH SEE ALSO\n.BR "
-         << (isWhole ? "pipewire (1)" : "dxr (1)") << "\n";
-}
-
-void writeManualPage(const std::string& folder, const std::string& name, const CLI::App& command)
-{
-    std::ofstream page(std::filesystem::path(folder) / (name + ".1"));
-    writePage(page, name, command);
-    if (!page.flush())
+         << (isWhole ? "pipewire (1)" : "dxr (1)") << std::endl;
+    if (!page)
         throw ToolFailure(singleLine(folder) + ": cannot be written");
 }
 
@@ -124,17 +113,14 @@ void printWords(const CLI::App& app, const std::string& line)
     std::istringstream words(line);
     std::string word;
     while (words >> word)
-        for (const CLI::App* inner : commandsOf(*command))
-            if (inner->get_name() == word) {
-                command = inner;
-                break;
-            }
+        for (const CLI::App* inner : command->get_subcommands(nullptr))
+            command = inner->get_name() == word ? inner : command;
     const bool isDevice = word == "--in" || word == "--out";
     if (isDevice || command->get_option_no_throw("device"))
         printDevices();
     if (isDevice)
         return;
-    for (const CLI::App* each : commandsOf(*command))
+    for (const CLI::App* each : command->get_subcommands(nullptr))
         std::cout << each->get_name() << "\t" << each->get_description() << "\n";
     for (const CLI::Option* option : command->get_options())
         for (const std::string& name : option->get_lnames())
@@ -169,9 +155,9 @@ void writeManual(ManualOptions& options)
 {
     std::error_code ignored;
     std::filesystem::create_directories(options.folder, ignored);
-    writeManualPage(options.folder, "dxr", options.app);
-    for (const CLI::App* command : commandsOf(options.app))
-        writeManualPage(options.folder, "dxr-" + command->get_name(), *command);
+    writePage(options.folder, "dxr", options.app);
+    for (const CLI::App* command : options.app.get_subcommands(nullptr))
+        writePage(options.folder, "dxr-" + command->get_name(), *command);
 }
 
 } // namespace
@@ -180,15 +166,12 @@ void registerPagesCommands(CLI::App& app)
 {
     const auto [manual, manualOptions] =
         addCommand(app, "manual", "Write the man pages of all commands", writeManual);
-    manual.add_option("folder", manualOptions.folder, "The folder for dxr.1, dxr-list.1 and the others")
-        ->required();
+    addRequired(manual, "folder", manualOptions.folder, "The folder for dxr.1, dxr-list.1 and the others");
 
     const auto [completion, options] =
         addCommand(app, "completion", "Print a shell's completion of the commands", complete);
-    completion
-        .add_option("shell", options.what,
-                    "bash, zsh or fish; 'words' and 'devices' print candidates for these shells")
-        ->required()
+    addRequired(completion, "shell", options.what,
+                "bash, zsh or fish; 'words' and 'devices' print candidates for these shells")
         ->check(CLI::IsMember({"bash", "zsh", "fish", "words", "devices"}));
     completion.add_option("line", options.line, "For 'words': the command line before the word");
 }

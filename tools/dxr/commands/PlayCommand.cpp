@@ -126,10 +126,8 @@ void registerPlayCommand(CLI::App& app)
 {
     const auto [command, options] =
         addCommand(app, "play", "Play a sound file, or sound from a pipe, on devices", run);
-    command
-        .add_option("file", options.file,
-                    "WAV, FLAC, Ogg, or another format of libsndfile; - is standard input")
-        ->required();
+    addRequired(command, "file", options.file,
+                "WAV, FLAC, Ogg, or another format of libsndfile; - is standard input");
     options.setAbout(
         "Each device plays the whole file, converted to its rate. A device that disconnects resumes when\n"
         "it returns; the others continue meanwhile.");

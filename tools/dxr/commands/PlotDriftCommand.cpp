@@ -4,7 +4,6 @@
 #include "DeviceProperties.h"
 
 #include <algorithm>
-#include <cmath>
 #include <dxr/CXValue.h>
 #include <numbers>
 
@@ -21,8 +20,7 @@ struct DriftingClock {
     double wanderSeconds = 1200.0;
 };
 
-/// Two simulated devices in an aggregate: audio is read from `source` by `reader`, the aggregate's clock
-/// device.
+/// An aggregate of two simulated devices: `reader`, its clock device, reads the audio of `source`.
 struct DriftScenario {
     DriftingClock source, reader;
     double seconds = 120.0;
@@ -35,20 +33,18 @@ struct DriftPoint {
     double truePartsPerMillion; ///< the same as simulated
     double delayFrames;         ///< from the source's clock to the frame read, measured with a signal
     double levelFrames;         ///< frames in the ring buffer
-};
 
-struct DriftFigures {
-    double settledSeconds = 0.0; ///< when the delay first stayed within half a frame of its mean for 10 s
-    double delayFrames = 0.0;    ///< mean over the second half of the run
-    double wanderFrames = 0.0;   ///< maximum distance from that mean, after 15 s
-    double ratioErrorRMS = 0.0;  ///< parts per million, after 15 s
-    uint64_t lostFrames = 0;
-    uint32_t resynchronisations = 0;
+    double error() const { return partsPerMillion - truePartsPerMillion; }
 };
 
 struct DriftRun {
     std::vector<DriftPoint> points; ///< up to twenty thousand, at equal intervals
-    DriftFigures figures;
+    double settledSeconds = 0.0;    ///< when the delay first stayed within half a frame of its mean for 10 s
+    double delayFrames = 0.0;       ///< mean over the second half of the run
+    double wanderFrames = 0.0;      ///< maximum distance from that mean, after 15 s
+    double ratioErrorRMS = 0.0;     ///< parts per million, after 15 s
+    uint64_t lostFrames = 0;
+    uint32_t resynchronisations = 0;
 };
 
 constexpr double settledAfter = 15.0; // seconds
@@ -62,8 +58,7 @@ double ratioAt(const DriftingClock& clock, double seconds)
     return 1.0 + (clock.partsPerMillion + wander) * 1e-6;
 }
 
-/// Seconds: the median lateness of threads on a real server, 57 microseconds with cycles of 64 frames and 114
-/// with 512 or more.
+/// Seconds: as of threads on a real server, 57 us (median) with cycles of 64 frames, 114 us with 512 or more.
 double lateness(const DriftingClock& clock)
 {
     const double along = std::clamp((clock.frameCount - 64.0) / (512.0 - 64.0), 0.0, 1.0);
@@ -72,8 +67,8 @@ double lateness(const DriftingClock& clock)
 
 constexpr double placePeriod = 65536.0; // frames
 
-/// Writes a pair of channels that encodes each frame's number as the angle of a slow rotation. The number can
-/// be read to a thousandth of a frame after resampling.
+/// Writes a pair of channels that encodes each frame's number as the angle of a slow rotation, which can be
+/// read to a thousandth of a frame after resampling.
 void writePlaces(uint64_t firstFrame, uint32_t frameCount, float* pairs)
 {
     for (uint32_t i = 0; i < frameCount; ++i) {
@@ -181,37 +176,34 @@ private:
     std::optional<double> _delayFrames;
 };
 
-DriftFigures figuresOf(const std::vector<DriftPoint>& points, double seconds)
+/// Sets the figures of a run of `seconds` from its points.
+void sumUp(DriftRun& run, double seconds)
 {
-    DriftFigures figures;
-    double delays = 0.0, squares = 0.0;
-    size_t late = 0, settled = 0;
-    for (const DriftPoint& point : points) {
-        if (point.seconds >= seconds / 2.0) {
-            delays += point.delayFrames;
-            ++late;
-        }
-        if (point.seconds >= settledAfter) {
-            squares += std::pow(point.partsPerMillion - point.truePartsPerMillion, 2.0);
-            ++settled;
-        }
+    const auto after = [&](double start) {
+        return std::span(std::ranges::lower_bound(run.points, start, {}, &DriftPoint::seconds),
+                         run.points.end());
+    };
+    const auto meanAfter = [&](double start, auto value) {
+        double sum = 0.0;
+        for (const DriftPoint& point : after(start))
+            sum += value(point);
+        return sum / static_cast<double>(std::max<size_t>(after(start).size(), 1));
+    };
+    run.delayFrames = meanAfter(seconds / 2.0, [](const DriftPoint& point) { return point.delayFrames; });
+    run.ratioErrorRMS = std::sqrt(
+        meanAfter(settledAfter, [](const DriftPoint& point) { return std::pow(point.error(), 2.0); }));
+    const auto away = [&](const DriftPoint& point) { return std::abs(point.delayFrames - run.delayFrames); };
+    for (const DriftPoint& point : after(settledAfter))
+        run.wanderFrames = std::max(run.wanderFrames, away(point));
+    for (const DriftPoint& point : run.points) {
+        if (point.seconds - run.settledSeconds > 10.0)
+            break;
+        if (away(point) > 0.5)
+            run.settledSeconds = point.seconds;
     }
-    figures.delayFrames = delays / static_cast<double>(std::max<size_t>(late, 1));
-    figures.ratioErrorRMS = std::sqrt(squares / static_cast<double>(std::max<size_t>(settled, 1)));
-    bool isSettled = false;
-    for (const DriftPoint& point : points) {
-        const double away = std::abs(point.delayFrames - figures.delayFrames);
-        if (point.seconds >= settledAfter)
-            figures.wanderFrames = std::max(figures.wanderFrames, away);
-        isSettled = isSettled || point.seconds - figures.settledSeconds > 10.0;
-        if (!isSettled && away > 0.5)
-            figures.settledSeconds = point.seconds;
-    }
-    return figures;
 }
 
-/// Runs an aggregate of two clocks on a simulated computer with a stepped clock: an hour takes seconds, and
-/// results are repeatable. Throws ToolFailure if the aggregate cannot be created.
+/// Runs an aggregate on a stepped clock: an hour takes seconds, and results are repeatable.
 DriftRun runDrift(const DriftScenario& scenario)
 {
     DriftRun run;
@@ -230,44 +222,13 @@ DriftRun runDrift(const DriftScenario& scenario)
         run.points.push_back(
             {now - started, status.partsPerMillion, (truth - 1.0) * 1e6, *delay, status.inputLevelFrames});
     }
-    run.figures = figuresOf(run.points, scenario.seconds);
-    run.figures.lostFrames = status.lostFrames;
-    run.figures.resynchronisations = status.resynchronisations;
+    sumUp(run, scenario.seconds);
+    run.lostFrames = status.lostFrames;
+    run.resynchronisations = status.resynchronisations;
     return run;
 }
 
 // ---- The picture
-
-constexpr const char* foundColour = "#1f6fb4";
-constexpr const char* trueColour = "#d98b2b";
-
-struct Curve {
-    const char* name;
-    const char* colour;
-    std::function<double(const DriftPoint&)> value;
-};
-
-/// Draws a panel. Returns the y of its bottom.
-double draw(Chart& chart, double top, const std::string& title, double minSpan,
-            const std::vector<Curve>& curves, const std::vector<DriftPoint>& points, double seconds)
-{
-    std::vector<double> values;
-    std::vector<ChartPanel::Name> names;
-    for (const Curve& curve : curves) {
-        names.push_back({curve.name, curve.colour});
-        for (const DriftPoint& point : points)
-            values.push_back(curve.value(point));
-    }
-    ChartPanel panel(chart, top, 150.0, title, {0.0, seconds, chartLabel(" s")},
-                     ChartAxis::around(std::move(values), minSpan), names);
-    for (const Curve& curve : curves) {
-        std::vector<Chart::Point> line;
-        for (const DriftPoint& point : points)
-            line.push_back({point.seconds, curve.value(point)});
-        panel.curve(line, curve.colour);
-    }
-    return panel.bottom();
-}
 
 std::string describe(const DriftingClock& clock)
 {
@@ -278,51 +239,49 @@ std::string describe(const DriftingClock& clock)
     return all;
 }
 
-std::string summary(const DriftFigures& figures)
+std::string summary(const DriftRun& run)
 {
     return formatText("Settled after %.1f s; delay %.1f frames, varying by up to %.3f; ratio within %.3f ppm "
                       "rms; ",
-                      figures.settledSeconds, figures.delayFrames, figures.wanderFrames,
-                      figures.ratioErrorRMS) +
-           formatCount(figures.lostFrames, "frame") + " lost, " +
-           formatCount(figures.resynchronisations, "resynchronisation");
+                      run.settledSeconds, run.delayFrames, run.wanderFrames, run.ratioErrorRMS) +
+           formatCount(run.lostFrames, "frame") + " lost, " +
+           formatCount(run.resynchronisations, "resynchronisation");
 }
 
 void writeChart(const std::string& file, const DriftScenario& scenario, const DriftRun& run)
 {
     constexpr size_t maxPoints = 2000; // for each curve
+    constexpr double height = 150.0;
     std::vector<DriftPoint> points;
     const size_t step = run.points.size() / maxPoints + 1;
     for (size_t i = 0; i < run.points.size(); i += step)
         points.push_back(run.points[i]);
-    const double meanDelay = run.figures.delayFrames;
+    const auto curve = [&](auto value, const char* name = "", const char* colour = "#1f6fb4") {
+        return ChartCurve::of(name, colour, points, &DriftPoint::seconds, value);
+    };
+    const auto delay = [&](const DriftPoint& point) { return point.delayFrames - run.delayFrames; };
     const struct {
         const char* title;
         double minSpan;
-        std::vector<Curve> curves;
+        std::vector<ChartCurve> curves;
     } panels[] = {
         {"ratio over nominal, ppm",
          1.0,
-         {{"true", trueColour, [](const DriftPoint& point) { return point.truePartsPerMillion; }},
-          {"found", foundColour, [](const DriftPoint& point) { return point.partsPerMillion; }}}},
-        {"error of the ratio, ppm",
-         1.0,
-         {{"", foundColour,
-           [](const DriftPoint& point) { return point.partsPerMillion - point.truePartsPerMillion; }}}},
-        {"delay less its mean, frames",
-         2.0,
-         {{"", foundColour, [=](const DriftPoint& point) { return point.delayFrames - meanDelay; }}}},
-        {"level of the ring, frames",
-         16.0,
-         {{"", foundColour, [](const DriftPoint& point) { return point.levelFrames; }}}},
+         {curve(&DriftPoint::truePartsPerMillion, "true", "#d98b2b"),
+          curve(&DriftPoint::partsPerMillion, "found")}},
+        {"error of the ratio, ppm", 1.0, {curve(&DriftPoint::error)}},
+        {"delay less its mean, frames", 2.0, {curve(delay)}},
+        {"level of the ring, frames", 16.0, {curve(&DriftPoint::levelFrames)}},
     };
     Chart chart;
-    double top = chart.title("From " + describe(scenario.source) + " to " + describe(scenario.reader),
-                             summary(run.figures)) +
-                 16.0;
-    for (const auto& panel : panels)
-        top = draw(chart, top, panel.title, panel.minSpan, panel.curves, points, scenario.seconds) +
-              ChartPanel::below;
+    double top =
+        chart.title("From " + describe(scenario.source) + " to " + describe(scenario.reader), summary(run)) +
+        16.0;
+    for (const auto& [title, minSpan, curves] : panels) {
+        ChartPanel(chart, top, height, title, {0.0, scenario.seconds, chartLabel(" s")},
+                   ChartAxis::around(curves, minSpan), curves);
+        top += height + ChartPanel::below;
+    }
     Chart::writeFile(file, chart.svg(top));
 }
 
@@ -337,7 +296,7 @@ void plotRun(Options& options)
     if (run.points.empty())
         throw ToolFailure("--seconds is too short");
     writeChart(options.file, options.scenario, run);
-    std::cout << summary(run.figures) << "\n";
+    std::cout << summary(run) << "\n";
 }
 
 } // namespace
@@ -366,6 +325,5 @@ void registerPlotDriftCommand(CLI::App& plot)
     add("--lateness", scenario.lateness, 0.0, 100.0,
         "How late threads wake up: 1 as on a real server, 0 never");
     add("--seconds", scenario.seconds, 1.0, 86400.0, "The simulated duration");
-    command.add_option("file", options.file, "The SVG file to write; an existing one is replaced")
-        ->required();
+    addRequired(command, "file", options.file, "The SVG file to write; an existing one is replaced");
 }

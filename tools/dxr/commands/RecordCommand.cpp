@@ -3,7 +3,6 @@
 #include "FileRecorder.h"
 #include "RunnerOptions.h"
 #include "SessionScreen.h"
-#include "SoundFileWriter.h"
 
 #include <cmath>
 
@@ -15,8 +14,7 @@ struct Options : RunnerOptions {
     uint32_t bits = 0;
 };
 
-/// Writes until the file has `maxFrames` or the user ends it. If `maxFrames` is limited, returns false once
-/// no audio has arrived for ten seconds.
+/// Writes up to `maxFrames`, or until the user ends it. False if the devices stopped delivering frames.
 bool record(RunnerSession& session, FileRecorder& recorder, SoundFileWriter& file, uint64_t maxFrames,
             SessionScreen& screen)
 {
@@ -85,10 +83,8 @@ void registerRecordCommand(CLI::App& app)
 {
     const auto [command, options] =
         addCommand(app, "record", "Record devices to a sound file, or into a pipe", run);
-    command
-        .add_option("file", options.file,
-                    "The file to write; an existing one is replaced. - is standard output")
-        ->required();
+    addRequired(command, "file", options.file,
+                "The file to write; an existing one is replaced. - is standard output");
     options.setAbout(
         "All devices are recorded to one file, with their channels in the order given. A device that\n"
         "disconnects is silent until it returns.");

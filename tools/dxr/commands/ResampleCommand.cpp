@@ -5,7 +5,6 @@
 #include "SoundFileWriter.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <dxr/DXRAudioConverter.h>
 #include <filesystem>
@@ -57,8 +56,7 @@ private:
     ~ConvertedFrames() override = default;
 };
 
-/// Converts a file. The converter's delay is removed at the start and compensated at the end, so that output
-/// and input begin and end at the same time.
+/// Converts a file. The converter's delay is removed, so that output and input begin and end together.
 class FileResampling {
 public:
     FileResampling(SoundFileReader& reader, SoundFileWriter& writer, const Options& options)
@@ -164,13 +162,10 @@ void registerResampleCommand(CLI::App& app)
 {
     const auto [command, options] =
         addCommand(app, "resample", "Convert a sound file to another sample rate", run);
-    command.add_option("input", options.input, "The sound file to read")->required();
-    command
-        .add_option("output", options.output,
-                    "The file to write, in the format of its name; an existing one is replaced")
-        ->required();
-    command.add_option("--rate", options.rate, "The sample rate to convert to, in Hz")
-        ->required()
+    addRequired(command, "input", options.input, "The sound file to read");
+    addRequired(command, "output", options.output,
+                "The file to write, in the format of its name; an existing one is replaced");
+    addRequired(command, "--rate", options.rate, "The sample rate to convert to, in Hz")
         ->check(CLI::Range(100, 1'536'000));
     command.add_flag("--fast", options.isFast, "Convert with less cost, and more noise");
 }

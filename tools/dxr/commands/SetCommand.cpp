@@ -169,12 +169,6 @@ struct SettingOptions : DeviceArgument {
     std::optional<std::string> key, value;
 };
 
-CXPlist valueFrom(const std::string& text)
-{
-    const CXPlist parsed = CXPlist::parse(text, nullptr, false);
-    return parsed.is_discarded() ? CXPlist(text) : parsed;
-}
-
 void remember(SettingOptions& options)
 {
     const CXRef<DXRDevice> device = options.device();
@@ -187,7 +181,8 @@ void remember(SettingOptions& options)
     }
     if (!options.value)
         throw CLI::ValidationError("remember", "needs a VALUE for the KEY");
-    const CXPlist value = valueFrom(*options.value);
+    const CXPlist parsed = CXPlist::parse(*options.value, nullptr, false);
+    const CXPlist value = parsed.is_discarded() ? CXPlist(*options.value) : parsed;
     device->setOverride(value, *options.key);
     if (device->overrideForKey(*options.key) != value)
         throw ToolFailure("this value cannot be stored");

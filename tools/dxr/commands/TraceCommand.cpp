@@ -88,11 +88,8 @@ void registerTraceCommand(CLI::App& app)
 {
     const auto [command, options] =
         addCommand(app, "trace", "Record when every cycle of a run was due, began and ended", run);
-    command
-        .add_option(
-            "file", options.file,
-            "The JSON file to write; an existing one is replaced. The picture has its name, with .svg")
-        ->required();
+    addRequired(command, "file", options.file,
+                "The JSON file to write; an existing one is replaced. The picture has its name, with .svg");
     options.setAbout(
         "Runs devices like 'dxr loop', by default the default ones, and writes the times of every\n"
         "cycle as Chrome trace events, for chrome://tracing and ui.perfetto.dev, and as a picture.");

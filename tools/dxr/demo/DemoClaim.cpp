@@ -92,12 +92,12 @@ std::vector<DemoTone> DemoTone::measure(const DemoStage& stage)
 {
     constexpr auto middleTicks = static_cast<uint64_t>(DemoRecording::blockSeconds / 2.0 * 1e9);
     const auto clockOf = [](DemoStage::Device device) {
-        return 1.0 + DemoStage::factsOf(device).partsPerMillion * 1e-6;
+        return 1.0 + DemoStage::facts[device].partsPerMillion * 1e-6;
     };
     std::vector<DemoTone> tones;
     for (const DemoStage::Device output : DemoStage::outputs) {
         const DemoRecording& recording = stage.recordingOf(output);
-        const double rate = recording.sampleRate();
+        const double rate = DemoStage::facts[output].sampleRate;
         const double frequency = DemoStage::toneFrequency * clockOf(DemoStage::Microphone) / clockOf(output);
         for (const DemoRecording::Block& block : recording.blocks()) {
             const SineFit fit = SineFit::nearTo(block.samples, frequency, rate);
@@ -168,7 +168,7 @@ DemoClaim DemoClaim::ofSound(std::span<const DemoTone> tones, std::span<const De
         const OutputSound sound = soundOf(tones, stretches, output, DemoStage::toneAmplitude * gain);
         claim.isTrue = claim.isTrue && sound.isTrue;
         claim.text +=
-            (output == DemoStage::outputs.front() ? "" : "; ") + std::string(DemoStage::factsOf(output).name);
+            (output == DemoStage::outputs.front() ? "" : "; ") + std::string(DemoStage::facts[output].name);
         claim.text +=
             sound.qualities.empty()
                 ? std::string(" never")

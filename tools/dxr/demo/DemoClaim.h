@@ -32,11 +32,9 @@ struct DemoClaim {
     std::string about; ///< the subject, one word
     std::string text;  ///< the claim with its figures
 
-    /// Sample time never goes back and never runs ahead of the clock; without a device, the timer keeps it
-    /// exactly.
+    /// Sample time never goes back nor runs ahead of the clock, and the timer keeps it without a device.
     static DemoClaim ofTime(std::span<const DXRCycleRecord> records, double sampleRate);
-    /// In every stretch, each connected output plays the tone at the level of its volume. The volume of the
-    /// headphones is `volume`, 0 to 1.
+    /// In every stretch, connected outputs play the tone at their level; `volume` is that of the headphones.
     static DemoClaim ofSound(std::span<const DemoTone> tones, std::span<const DemoStretch> stretches,
                              double volume);
 };

@@ -9,14 +9,6 @@
 using enum DemoStage::Device;
 using enum HALDirection;
 
-namespace {
-
-constexpr DemoStage::Facts facts[] = {
-    {"Stage Microphone", "demo-microphone", Input, 48000.0, 80.0},
-    {"Studio Monitors", "demo-monitors", Output, 44100.0, -60.0},
-    {"Headphones", "demo-headphones", Output, 96000.0, 150.0},
-};
-
 constexpr double scriptSeconds = 18.0;
 constexpr DemoStage::Step script[DemoStage::stepCount] = {
     {4.0, Headphones, false},  {6.5, Headphones, true}, {10.0, Microphone, false}, {10.0, Monitors, false},
@@ -27,23 +19,11 @@ constexpr DemoStage::Step script[DemoStage::stepCount] = {
 constexpr uint32_t firstLocation = 0x01120000;
 constexpr uint32_t secondLocation = 0x01130000;
 
-CXRef<SimulatedHardware> openHardware()
-{
-    CXRef<SimulatedHardware> hardware = SimulatedHardware::init(SimulatedClock::RealTime);
-    HALSetHardwareDriver(hardware);
-    return hardware;
-}
-
-} // namespace
-
-const DemoStage::Facts& DemoStage::factsOf(Device device)
-{
-    return facts[device];
-}
-
-DemoStage::DemoStage(double seconds) : _hardware(openHardware()), _seconds(seconds)
+DemoStage::DemoStage(double seconds)
+    : _hardware(SimulatedHardware::init(SimulatedClock::RealTime)), _seconds(seconds)
 {
     constexpr double spareSeconds = 5.0;
+    HALSetHardwareDriver(_hardware);
     _setLocation(firstLocation);
     for (const Device output : outputs)
         _recordings[output] =
@@ -96,11 +76,6 @@ void DemoStage::_plug(Device device)
     _hardware->plug(builder);
 }
 
-void DemoStage::_unplug(Device device)
-{
-    _hardware->unplug(uidOf(device));
-}
-
 void DemoStage::_setLocation(uint32_t location)
 {
     _location = location;
@@ -122,14 +97,6 @@ DemoRecording::DemoRecording(double sampleRate, double seconds)
       _blockTicks(std::make_unique_for_overwrite<uint64_t[]>(_maxBlocks))
 {}
 
-SimulatedSink DemoRecording::sink()
-{
-    return [this](uint64_t firstFrame, uint32_t frameCount, uint32_t channels, double, const float* samples) {
-        if (samples)
-            _keep(firstFrame, frameCount, channels, samples);
-    };
-}
-
 void DemoRecording::_keep(uint64_t sampleTime, uint32_t frameCount, uint32_t channels,
                           const float* samples) noexcept
 {
@@ -145,12 +112,4 @@ void DemoRecording::_keep(uint64_t sampleTime, uint32_t frameCount, uint32_t cha
         block += _filledFrames == 0;
     }
     _blockCount.store(block, std::memory_order_release);
-}
-
-std::vector<DemoRecording::Block> DemoRecording::blocks() const
-{
-    std::vector<Block> blocks;
-    for (size_t block = 0; block < _blockCount.load(std::memory_order_acquire); ++block)
-        blocks.push_back({_blockTicks[block], {&_samples[block * _blockFrames], _blockFrames}});
-    return blocks;
 }

@@ -24,9 +24,21 @@ public:
     DemoRecording(double sampleRate, double seconds);
 
     /// The sink for a simulated device. This object must outlive the devices that play into it.
-    SimulatedSink sink();
-    double sampleRate() const noexcept { return _sampleRate; }
-    std::vector<Block> blocks() const;
+    SimulatedSink sink()
+    {
+        return [this](uint64_t firstFrame, uint32_t frameCount, uint32_t channels, double,
+                      const float* samples) {
+            if (samples)
+                _keep(firstFrame, frameCount, channels, samples);
+        };
+    }
+    std::vector<Block> blocks() const
+    {
+        std::vector<Block> blocks;
+        for (size_t block = 0; block < _blockCount.load(std::memory_order_acquire); ++block)
+            blocks.push_back({_blockTicks[block], {&_samples[block * _blockFrames], _blockFrames}});
+        return blocks;
+    }
 
 private:
     void _keep(uint64_t sampleTime, uint32_t frameCount, uint32_t channels, const float* samples) noexcept
@@ -36,10 +48,9 @@ private:
     const size_t _blockFrames, _maxBlocks;
     const std::unique_ptr<float[]> _samples; // uninitialised, so that pages are allocated when written
     const std::unique_ptr<uint64_t[]> _blockTicks;
-    // Used by the sink only: the device's sample time after the last cycle, and the number of frames in the
-    // incomplete block.
-    uint64_t _nextSampleTime = 0;
-    size_t _filledFrames = 0;
+    // Used by the sink only.
+    uint64_t _nextSampleTime = 0; // the device's, after the last cycle
+    size_t _filledFrames = 0;     // of the incomplete block
     // Stored by the sink with release after a block is complete; pairs with the reader's acquire.
     std::atomic<size_t> _blockCount{0};
 };
@@ -62,7 +73,11 @@ public:
         double sampleRate;      ///< Hz
         double partsPerMillion; ///< how much faster than nominal its clock runs
     };
-    static const Facts& factsOf(Device device);
+    static constexpr Facts facts[] = {
+        {"Stage Microphone", "demo-microphone", HALDirection::Input, 48000.0, 80.0},
+        {"Studio Monitors", "demo-monitors", HALDirection::Output, 44100.0, -60.0},
+        {"Headphones", "demo-headphones", HALDirection::Output, 96000.0, 150.0},
+    }; ///< by Device
 
     struct Step {
         double seconds; ///< since the start
@@ -71,14 +86,12 @@ public:
     };
     static constexpr size_t stepCount = 8;
 
-    /// Makes the simulated computer the process's hardware, with all devices connected. The script takes
-    /// `seconds`.
+    /// Makes it the process's hardware, with all devices connected. The script takes `seconds`.
     explicit DemoStage(double seconds);
     /// Audio must have stopped.
     ~DemoStage();
 
-    /// Performs the script's next step if it is due `seconds` after the start, and returns it; null if no
-    /// step is due.
+    /// Performs and returns the script's next step; null if none is due `seconds` after the start.
     std::optional<Step> performNext(double seconds);
 
     /// The device's current unique ID. That of the headphones changes with their port.
@@ -87,7 +100,7 @@ public:
 
 private:
     void _plug(Device device);
-    void _unplug(Device device);
+    void _unplug(Device device) { _hardware->unplug(uidOf(device)); }
     void _setLocation(uint32_t location);
 
     const CXRef<SimulatedHardware> _hardware;

@@ -3,8 +3,7 @@
 #include "DeviceSelection.h"
 #include "HardwareChoice.h"
 
-/// The options of commands that use one device: the device, the hardware, and the device's input or output
-/// side.
+/// The options of commands that use one device: the device, its input or output side, and the hardware.
 class DeviceArgument : public HardwareChoice {
 public:
     enum class Sides { Both, Choice };

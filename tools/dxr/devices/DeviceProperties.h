@@ -21,16 +21,13 @@ std::vector<AudioAggregateSubDeviceStatus> subDeviceStatus(AudioObjectID aggrega
 std::string textOf(HALStatus status);
 
 // The following functions set a value and wait, for at most two seconds, until the hardware has accepted it.
-// `name` is the device's printable name. They throw ToolFailure if the hardware refuses the value, or does
-// not accept it in time.
+// `name` is the device's printable name. They throw ToolFailure if the hardware does not accept the value.
 
 /// Polls `isDone` for up to two seconds. Returns whether it returned true.
 bool comesTrue(const std::function<bool()>& isDone);
-/// Throws a ToolFailure that says that `what` could not be set, and why.
 [[noreturn]] void failSetting(const std::string& name, const std::string& what, HALStatus status);
 
-/// `what` names the value in the error message. The value is accepted once it reads the same within
-/// `tolerance`.
+/// `what` names the value in the error message. It is accepted once it reads the same within `tolerance`.
 template <class Value>
 void setAndWait(const std::string& name, AudioObjectID objectID, const DXRPropertyAddress::Ref& property,
                 Value value, const std::string& what, double tolerance = 0.0)

@@ -1,7 +1,7 @@
 #include "DeviceReport.h"
 
 #include "DeviceProperties.h"
-#include "Text.h"
+#include "Table.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -128,6 +128,29 @@ CXPlist directionJSON(const DirectionReport& report)
             {"safety_offset_frames", report.safetyOffsetFrames}};
 }
 
+/// The volume of the output if the device has one, else of the input.
+std::string volumeText(const DeviceReport& device)
+{
+    const DirectionReport& direction = device[device.direction(std::nullopt)];
+    if (direction.isMuted.value_or(false))
+        return "muted";
+    const std::optional<float> volume = direction.shownVolume();
+    return volume ? formatPercent(double{*volume}) : "-";
+}
+
+std::string defaultText(const DeviceReport& device)
+{
+    const DirectionReport& output = device[HALDirection::Output];
+    std::vector<std::string> marks;
+    if (device[HALDirection::Input].isDefault)
+        marks.emplace_back("in");
+    if (output.isDefault)
+        marks.emplace_back("out");
+    if (output.isDefaultSystem)
+        marks.emplace_back("sys");
+    return joined(marks, "+");
+}
+
 } // namespace
 
 std::optional<float> DirectionReport::shownVolume() const
@@ -137,14 +160,6 @@ std::optional<float> DirectionReport::shownVolume() const
         if (!volume && each)
             shown = std::max(shown.value_or(0.0F), *each);
     return shown;
-}
-
-std::string DirectionReport::currentSourceName() const
-{
-    for (const Source& source : sources)
-        if (currentSource == source.sourceID)
-            return source.name;
-    return {};
 }
 
 std::optional<DeviceReport> DeviceReport::read(AudioObjectID deviceID)
@@ -193,20 +208,6 @@ std::vector<DeviceReport> DeviceReport::readAll(Hidden hidden)
     return reports;
 }
 
-HALDirection DeviceReport::direction(std::optional<HALDirection> chosen) const
-{
-    return chosen.value_or((*this)[HALDirection::Output].channelCount > 0 ? HALDirection::Output
-                                                                          : HALDirection::Input);
-}
-
-const std::string& DeviceReport::displayName() const
-{
-    for (const HALDirection direction : {HALDirection::Output, HALDirection::Input})
-        if ((*this)[direction].device)
-            return (*this)[direction].displayName;
-    return name;
-}
-
 CXRef<DXRDevice> DeviceReport::device(std::optional<HALDirection> chosen) const
 {
     const HALDirection shown = direction(chosen);
@@ -214,12 +215,6 @@ CXRef<DXRDevice> DeviceReport::device(std::optional<HALDirection> chosen) const
     if (!found)
         throw ToolFailure(shortName() + " has no " + nameOf(shown) + " channels");
     return found;
-}
-
-std::string DeviceReport::shortName() const
-{
-    const std::string shown = shortText(displayName(), 40);
-    return shown.empty() ? "(no name)" : shown;
 }
 
 std::string DeviceReport::transportName() const
@@ -271,4 +266,33 @@ CXPlist DeviceReport::json() const
 std::string jsonText(const CXPlist& json, int indent, bool onTerminal)
 {
     return json.dump(indent, ' ', onTerminal, CXPlist::error_handler_t::replace);
+}
+
+std::vector<std::string> deviceTable(const std::vector<DeviceReport>& devices, size_t width,
+                                     const Terminal& terminal)
+{
+    constexpr size_t minName = 12;
+    Table table({{"NAME", minName, false, 9},
+                 {"VIA", 4, false, 3},
+                 {"IN", 0, true, 7},
+                 {"OUT", 0, true, 8},
+                 {"RATE", 0, true, 6},
+                 {"VOLUME", 0, true, 5},
+                 {"DEFAULT", 0, false, 4},
+                 {"UID", minName, false, 1}});
+    for (const DeviceReport& device : devices) {
+        const auto channels = [&](HALDirection direction) {
+            const uint32_t count = device[direction].channelCount;
+            return count == 0 ? "-" : std::to_string(count);
+        };
+        const std::string name = singleLine(device.displayName());
+        table.add({name.empty() ? "(no name)" : name, singleLine(device.transportName()),
+                   channels(HALDirection::Input), channels(HALDirection::Output),
+                   formatRate(device.sampleRate), volumeText(device), defaultText(device),
+                   singleLine(device.uid)},
+                  device.isHidden ? Style::Dim : Style::Plain);
+    }
+    if (table.naturalWidth() > width)
+        table.moveLastColumnToNotes();
+    return table.lines(width, terminal);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Terminal.h"
+
 #include <array>
 #include <dxr/AudioHardware.h>
 #include <dxr/CXPlist.h>
@@ -38,11 +40,16 @@ struct DirectionReport {
 
     /// The main volume, else that of the loudest channel; null if there is no volume control.
     std::optional<float> shownVolume() const;
-    std::string currentSourceName() const;
+    std::string currentSourceName() const
+    {
+        for (const Source& source : sources)
+            if (currentSource == source.sourceID)
+                return source.name;
+        return {};
+    }
 };
 
-/// Everything about a device, read at one moment. Texts may contain control characters: print them by way of
-/// singleLine().
+/// Everything about a device, read at one moment. Texts are not printable: see singleLine().
 struct DeviceReport {
     AudioObjectID deviceID = kAudioObjectUnknown;
     std::string uid;
@@ -71,11 +78,25 @@ struct DeviceReport {
         return directions[static_cast<size_t>(direction)];
     }
     /// Returns `chosen` if given, else Output if the device has output channels, else Input.
-    HALDirection direction(std::optional<HALDirection> chosen) const;
+    HALDirection direction(std::optional<HALDirection> chosen) const
+    {
+        return chosen.value_or((*this)[HALDirection::Output].channelCount > 0 ? HALDirection::Output
+                                                                              : HALDirection::Input);
+    }
     /// The name to show users; unique among the devices.
-    const std::string& displayName() const;
+    const std::string& displayName() const
+    {
+        for (const HALDirection direction : {HALDirection::Output, HALDirection::Input})
+            if ((*this)[direction].device)
+                return (*this)[direction].displayName;
+        return name;
+    }
     /// The display name, printable and short enough for a line of text.
-    std::string shortName() const;
+    std::string shortName() const
+    {
+        const std::string shown = shortText(displayName(), 40);
+        return shown.empty() ? "(no name)" : shown;
+    }
     /// The device object of direction(chosen). Throws ToolFailure if there is none.
     CXRef<DXRDevice> device(std::optional<HALDirection> chosen) const;
     /// Whether the device is the private aggregate of a runner in any process.
@@ -90,3 +111,7 @@ inline constexpr int jsonSchema = 1;
 
 /// Returns `json` as text. Bytes that are not UTF-8 are replaced. On a terminal, the text is plain ASCII.
 std::string jsonText(const CXPlist& json, int indent, bool onTerminal);
+
+/// Returns the table of `dxr list` as lines of up to `width` columns.
+std::vector<std::string> deviceTable(const std::vector<DeviceReport>& devices, size_t width,
+                                     const Terminal& terminal);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "DeviceReport.h"
-#include "Text.h"
 
 /// Thrown if a device is not connected but may be connected later.
 class DeviceMissing : public ToolFailure {

@@ -57,8 +57,7 @@ std::vector<Difference> differences(const CXPlist& before, const CXPlist& after,
     return found;
 }
 
-/// Whether a display name changed only because the name did, which is reported by its own event. The display
-/// name's number is then the same.
+/// Whether a display name changed only because the name did, which is reported by its own event.
 bool isOfRename(const Difference& difference, const std::string& name)
 {
     const auto isNumbered = [&](const CXPlist& shown) {
@@ -84,27 +83,22 @@ std::string labelOf(std::string key)
 std::string DeviceWatch::Event::text() const
 {
     const std::string start = fitLeft(words[static_cast<size_t>(kind)], 14), name = device.shortName();
-    switch (kind) {
-    case Kind::Present:
-    case Kind::Connected:
-        return start + name +
-               formatText("  %u in, %u out, %s  ", device[HALDirection::Input].channelCount,
-                          device[HALDirection::Output].channelCount, formatRate(device.sampleRate).c_str()) +
-               shortText(device.uid, nameColumns);
-    case Kind::Changed: {
-        if (what == "name") // printed under the previous name
-            return start + shortText(from.get<std::string>(), nameColumns) + ": is now " + name;
-        const std::string key = what.substr(what.rfind('/') + 1);
-        return start + name + ": " + labelOf(what) + " " + clipToWidth(valueText(key, from), valueColumns) +
-               " -> " + clipToWidth(valueText(key, to), valueColumns);
-    }
-    case Kind::Default:
+    if (kind == Kind::Default)
         return start + what + ": " + (device.deviceID == kAudioObjectUnknown ? "none" : name);
-    case Kind::Disconnected:
-    case Kind::LostCycles:
-        break;
+    if (kind == Kind::Changed && what == "name") // printed under the previous name
+        return start + shortText(from.get<std::string>(), nameColumns) + ": is now " + name;
+    std::string details;
+    if (kind == Kind::Changed) {
+        const std::string key = what.substr(what.rfind('/') + 1);
+        details = ": " + labelOf(what) + " " + clipToWidth(valueText(key, from), valueColumns) + " -> " +
+                  clipToWidth(valueText(key, to), valueColumns);
+    } else if (kind == Kind::Present || kind == Kind::Connected) {
+        details =
+            formatText("  %u in, %u out, %s  ", device[HALDirection::Input].channelCount,
+                       device[HALDirection::Output].channelCount, formatRate(device.sampleRate).c_str()) +
+            shortText(device.uid, nameColumns);
     }
-    return start + name;
+    return start + name + details;
 }
 
 std::string DeviceWatch::Event::identity() const
@@ -132,12 +126,6 @@ CXPlist DeviceWatch::Event::json() const
 }
 
 // ---- Changes of the hardware
-
-void DeviceWatch::Changes::add(const Change& change)
-{
-    dxr::MainQueue::shared().async(
-        [self = CXRef<Changes>(this), change] { self->pending.push_back(change); });
-}
 
 DeviceWatch::DeviceWatch(bool withHidden)
     : _withHidden(withHidden),

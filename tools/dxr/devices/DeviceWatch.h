@@ -9,8 +9,7 @@
 #include <map>
 
 /// Reports devices that connect, disconnect and change.
-/// Threads: the main thread. The hardware reports changes on other threads, which post them to the main
-/// queue.
+/// Threads: the main thread. The hardware's threads post changes to the main queue.
 class DeviceWatch {
 public:
     enum class Kind { Present, Connected, Disconnected, Changed, LostCycles, Default };
@@ -51,7 +50,11 @@ private:
     /// Changes that next() has not processed yet. Used on the main queue.
     struct Changes final : CXObject {
         std::vector<Change> pending;
-        void add(const Change& change);
+        void add(const Change& change)
+        {
+            dxr::MainQueue::shared().async(
+                [self = CXRef<Changes>(this), change] { self->pending.push_back(change); });
+        }
     };
     struct Known {
         DeviceReport report;

@@ -4,26 +4,27 @@
 
 #include <condition_variable>
 #include <dxr/HALHardwareDriver.h>
-#include <functional>
 #include <mutex>
 
 using enum HALDirection;
 
 namespace {
 
+SimulatedDeviceBuilder device(const char* uid, const char* name)
+{
+    return aDevice().uid(uid).name(name);
+}
+
+SimulatedDeviceBuilder device(const char* uid, const char* name, const char* modelUID, uint32_t transport)
+{
+    return device(uid, name).manufacturer("Simulated").modelUID(modelUID).transport(transport);
+}
+
 /// Creates a computer with one device of every kind that programs must support.
 CXRef<SimulatedHardware> simulatedComputer()
 {
     constexpr float tone = 0.25F;
     CXRef<SimulatedHardware> computer = SimulatedHardware::init(SimulatedClock::RealTime);
-    const auto device = [](const char* uid, const char* name, const char* modelUID, uint32_t transport) {
-        return aDevice()
-            .uid(uid)
-            .name(name)
-            .manufacturer("Simulated")
-            .modelUID(modelUID)
-            .transport(transport);
-    };
     computer->plug(
         device("sim-speakers", "Built-in Speakers", "sim:speakers", kAudioDeviceTransportTypeBuiltIn)
             .outputs(2)
@@ -49,24 +50,16 @@ CXRef<SimulatedHardware> simulatedComputer()
                                    "Rear Left", "Rear Right"})
             .channelVolumes(Output, {0.8F, 0.8F, 0.8F, 0.8F, 0.6F, 0.6F})
             .stereoChannels(Output, 1, 2));
-    computer->plug(aDevice().uid("sim-loopback").name("Loop-back Cable").inputs(2).outputs(2).loopsBack());
-    computer->plug(aDevice()
-                       .uid("sim-ramp")
-                       .name("Ramp Generator")
-                       .inputs(2)
-                       .canBeDefault(false)
-                       .hears(simulatedRamp()));
-    computer->plug(
-        aDevice().uid("sim-hidden").name("Service\x1B[31m Port\r\n").hidden().inputs(2).outputs(2));
+    computer->plug(device("sim-loopback", "Loop-back Cable").inputs(2).outputs(2).loopsBack());
+    computer->plug(device("sim-ramp", "Ramp Generator").inputs(2).canBeDefault(false).hears(simulatedRamp()));
+    computer->plug(device("sim-hidden", "Service\x1B[31m Port\r\n").hidden().inputs(2).outputs(2));
     return computer;
 }
 
 void changeDevices(const std::stop_token& stop, SimulatedHardware& hardware, std::chrono::milliseconds pause)
 {
     using Device = SimulatedDeviceBuilder;
-    const Device headphones = aDevice()
-                                  .uid("sim-headphones")
-                                  .name("Wireless Headphones")
+    const Device headphones = device("sim-headphones", "Wireless Headphones")
                                   .manufacturer("Simulated")
                                   .transport(kAudioDeviceTransportTypeBluetooth)
                                   .inputs(1)
@@ -114,13 +107,14 @@ HardwareChoice::HardwareChoice(CLI::App& command)
 
 void HardwareChoice::apply()
 {
-    const CXRef<HALHardwareDriver> driver = _driver.empty() ? nullptr : HALMakeHardwareDriver(_driver);
-    if (!_driver.empty() && !driver)
-        throw ToolFailure("no driver '" + _driver + "': use pipewire, alsa or alsa:2, if they were built in");
-    if (driver)
-        HALSetHardwareDriver(driver);
     if (_isSimulated)
         HALSetHardwareDriver(_simulated = simulatedComputer());
+    if (_driver.empty())
+        return;
+    const CXRef<HALHardwareDriver> driver = HALMakeHardwareDriver(_driver);
+    if (!driver)
+        throw ToolFailure("no driver '" + _driver + "': use pipewire, alsa or alsa:2, if they were built in");
+    HALSetHardwareDriver(driver);
 }
 
 std::jthread HardwareChoice::visitor(std::chrono::milliseconds pause) const

@@ -8,12 +8,10 @@
 /// The options `--simulated` and `--hardware`; base class of the options of every command that uses devices.
 class HardwareChoice {
 public:
-    /// Adds the options to `command`; see addCommand() for the call of apply(). This object must live until
-    /// the command line has been parsed.
+    /// Adds the options to `command`. This object must live until the command line has been parsed.
     explicit HardwareChoice(CLI::App& command);
 
-    /// Selects the process's hardware. Call it once, before any other use of devices. Throws ToolFailure for
-    /// an unknown driver.
+    /// Selects the process's hardware, before any other use of devices; throws ToolFailure. See addCommand().
     void apply();
     /// Starts a thread that changes a device of the simulated computer after every `pause`: connects and
     /// disconnects headphones, renames a microphone, sets volumes and sources. No thread on real hardware.

@@ -8,8 +8,7 @@
 /// Threads: one at a time. Waits: fill(), while a pipe has no data.
 class SoundFileReader {
 public:
-    /// "-" is standard input. Throws ToolFailure if the file cannot be opened, is not a sound file, is empty,
-    /// or is shorter than its header declares.
+    /// "-" is standard input. Throws ToolFailure, also for a file that is shorter than its header declares.
     explicit SoundFileReader(const std::string& path, const SoundFormat& format = {});
 
     bool isStream() const noexcept { return _stream != nullptr; } ///< whether the length is unknown
@@ -19,7 +18,7 @@ public:
     /// Limits reading to this many frames. A file with fewer frames is repeated. Call it before fill().
     void setFrameCount(uint64_t frameCount) noexcept { _length = frameCount; }
     /// Reads as many frames as fit into `ring`, which must have the file's channels. Returns false after the
-    /// last frame. Throws ToolFailure if the file cannot be read.
+    /// last frame. Throws ToolFailure.
     bool fill(FrameRing& ring);
 
 private:

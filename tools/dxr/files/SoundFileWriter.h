@@ -8,18 +8,15 @@
 /// however the process ends. A WAV file that is expected to exceed 4 GB is written as RF64.
 class SoundFileWriter {
 public:
-    /// Creates or truncates the file; "-" is standard output. `expectedSeconds` is 0 if unknown. Throws
-    /// ToolFailure if it cannot be written.
+    /// Creates the file; "-" is standard output. `expectedSeconds` is 0 if unknown. Throws ToolFailure.
     SoundFileWriter(const std::string& path, const SoundFormat& format, uint32_t channelCount,
                     double sampleRate, double expectedSeconds);
 
-    /// Writes up to `maxFrames` frames of `ring`. Throws ToolFailure if a frame cannot be written; the frames
-    /// before it have been written.
+    /// Writes up to `maxFrames` frames of `ring`. Throws ToolFailure at the first that cannot be written.
     void drain(FrameRing& ring, uint64_t maxFrames);
     void writeSilence(uint64_t frameCount);
     uint64_t framesWritten() const noexcept { return _framesWritten; }
-    /// Closes the file.
-    void finish() noexcept { _file.reset(); }
+    void finish() noexcept { _file.reset(); } ///< closes the file
 
 private:
     void _setUp(const SoundFormat& format);

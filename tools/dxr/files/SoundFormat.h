@@ -20,11 +20,9 @@ struct SoundFormat {
         return kind() != SF_FORMAT_AIFF && kind() != SF_FORMAT_AU && kind() != SF_FORMAT_CAF;
     }
     /// The format named by `named` ("flac") or, if that is empty, by the extension of `path`; without either,
-    /// WAV. `bits` is 16, 24, 32 (floats), or 0 for the format's default. Throws ToolFailure for an unknown
-    /// format or sample size.
+    /// WAV. `bits` is 16, 24, 32 (floats), or 0 for the format's default. Throws ToolFailure.
     static SoundFormat toWrite(const std::string& path, const std::string& named, uint32_t bits);
-    /// The format of raw samples as "s16:48000:2" or "f32:44100:1"; an empty text selects the format in
-    /// the file's header. Throws ToolFailure for other texts.
+    /// Raw samples as "s16:48000:2" or "f32:44100:1"; empty: as the file's header. Throws ToolFailure.
     static SoundFormat toRead(const std::string& named);
     /// The names that toWrite() accepts: "wav, flac, …".
     static std::string names();

@@ -25,8 +25,7 @@ public:
     SoundStream& operator=(const SoundStream&) = delete;
 
     SNDFILE* openSound(SF_INFO& info);
-    /// Call it after libsndfile has read or written the header. Returns false if the header cannot be written
-    /// to the pipe.
+    /// Call it after libsndfile has read or written the header. Returns false if the pipe cannot be written.
     bool begin();
 
 private:

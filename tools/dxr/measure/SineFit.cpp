@@ -29,14 +29,6 @@ Row solve(const std::array<Row, 3>& m, const Row& right)
     return solution;
 }
 
-double decibels(double signalEnergy, double noiseEnergy)
-{
-    if (!(signalEnergy > 0.0))
-        return 0.0;
-    return noiseEnergy > 0.0 ? std::min(maxDecibels, 10.0 * std::log10(signalEnergy / noiseEnergy))
-                             : maxDecibels;
-}
-
 } // namespace
 
 SineFit SineFit::of(std::span<const double> samples, double frequency, double sampleRate)
@@ -71,7 +63,8 @@ SineFit SineFit::of(std::span<const double> samples, double frequency, double sa
         signal += sine * sine;
         noise += fit.rest.back() * fit.rest.back();
     }
-    fit.signalToNoise = decibels(signal, noise);
+    if (signal > 0.0)
+        fit.signalToNoise = std::min(maxDecibels, 10.0 * std::log10(signal / std::max(noise, 1e-300)));
     return fit;
 }
 

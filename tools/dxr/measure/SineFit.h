@@ -13,7 +13,6 @@ struct SineFit {
 
     /// Fits a sine of a known frequency, in Hz.
     static SineFit of(std::span<const double> samples, double frequency, double sampleRate);
-    /// Also determines the frequency, of which `frequency` is an estimate to a thousandth. Leaves `rest`
-    /// empty.
+    /// Also fits the frequency; `frequency` is an estimate to a thousandth. Leaves `rest` empty.
     static SineFit nearTo(std::span<const float> samples, double frequency, double sampleRate);
 };

@@ -1,7 +1,6 @@
 #include "ChannelMap.h"
 
 #include <algorithm>
-#include <string_view>
 
 namespace {
 
@@ -30,8 +29,7 @@ std::string sidesOf(uint32_t channelCount)
     return pairs.substr(0, channelCount);
 }
 
-/// Mixes the channels at the positions `full`, and those at `less` at -3 dB. Scaled so that the gains add up
-/// to 1.
+/// Mixes the channels at the positions `full`, and those at `less` at -3 dB. The gains add up to 1.
 std::vector<ChannelShare> sharesOf(std::string_view sides, std::string_view full, std::string_view less)
 {
     constexpr float lessGain = 0.70710678F;

@@ -14,6 +14,5 @@ using ChannelMap = std::vector<std::vector<ChannelShare>>;
 /// the stereo pair: the device's, or the first two channels that the user chose. Threads: any.
 ChannelMap straightChannelMap(uint32_t frameChannels, const DeviceSelection& output);
 /// Like straightChannelMap() if the device has enough channels. Otherwise mixes the channels, as loudspeakers
-/// around the listener, for the stereo pair or the device's only channel. Sums of full-scale samples stay
-/// within full scale.
+/// around the listener, for the stereo pair or the only channel. Full-scale samples stay within full scale.
 ChannelMap downmixChannelMap(uint32_t frameChannels, const DeviceSelection& output);

@@ -62,9 +62,3 @@ void CycleStatistics::_noteTimes(const DXRCycleRecord& record)
     ++lateCycles;
     lateByUs += lateness <= (record.deadlineTicks - record.dueTicks) / 2;
 }
-
-bool CycleStatistics::isSettled(double sampleRate) const
-{
-    constexpr double smoothSeconds = 0.25;
-    return static_cast<double>(_smoothFrames) >= smoothSeconds * sampleRate;
-}

@@ -24,8 +24,11 @@ struct CycleStatistics {
     void note(const DXRCycleRecord& record);
     void beginCounting() { _isCounting = true; }
     /// Whether a runner at `sampleRate` Hz has run for a quarter of a second without a gap, a new context or
-    /// disturb(). Sound servers lose cycles while they connect.
-    bool isSettled(double sampleRate) const;
+    /// disturb(): sound servers lose cycles while they connect.
+    bool isSettled(double sampleRate) const
+    {
+        return static_cast<double>(_smoothFrames) >= 0.25 * sampleRate;
+    }
     /// Restarts the quarter of a second.
     void disturb() { _smoothFrames = 0; }
     /// Records that were lost because the trace was full.

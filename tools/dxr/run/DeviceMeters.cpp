@@ -1,18 +1,12 @@
 #include "DeviceMeters.h"
 
-#include "Text.h"
-
 #include <algorithm>
 #include <cmath>
-
-namespace {
 
 constexpr float fallDecibelsPerSecond = 24.0F;
 constexpr size_t maxBars = 8;     // for each device
 constexpr size_t maxLines = 16;   // a small terminal has 24
 constexpr size_t labelWidth = 19; // a name and a number
-
-} // namespace
 
 void DeviceMeters::add(const char* direction, const std::vector<DeviceSelection>& selections)
 {
@@ -53,12 +47,6 @@ void DeviceMeters::update()
             const float level = std::max(peak, meter.levels[channel] * fall);
             meter.levels[channel] = level < silence ? 0.0F : level;
         }
-}
-
-float DeviceMeters::level(size_t meter) const
-{
-    const std::vector<float>& levels = _meters[meter].levels;
-    return levels.empty() ? 0.0F : *std::ranges::max_element(levels);
 }
 
 std::vector<std::string> DeviceMeters::draw(size_t width, const Terminal& terminal)

@@ -3,6 +3,7 @@
 #include "DeviceSelection.h"
 #include "Terminal.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -14,17 +15,19 @@
 /// Real time: note().
 class DeviceMeters {
 public:
-    /// Adds a meter for each of `selections`, labelled `direction`; several are also labelled with their
-    /// names.
+    /// Adds a meter for each of `selections`, labelled `direction` and, if there are several, with its name.
     void add(const char* direction, const std::vector<DeviceSelection>& selections);
     /// Notes the peaks of `buffer` in the meter with this index, in the order of add().
     void note(size_t meter, const DXRBuffer& buffer) noexcept CX_REALTIME;
 
-    /// Sets the levels from the peaks since the last call. Levels fall slowly, so that short peaks are
-    /// visible.
+    /// Sets the levels from the peaks since the last call. Levels fall slowly, to show short peaks.
     void update();
     /// The level of the loudest channel, as of the last update(); 1.0 is full scale.
-    float level(size_t meter) const;
+    float level(size_t meter) const
+    {
+        const std::vector<float>& levels = _meters[meter].levels;
+        return levels.empty() ? 0.0F : *std::ranges::max_element(levels);
+    }
     /// Calls update() and returns bars of `width` columns: one for each channel or, if there are too many,
     /// one for the loudest channel of each device.
     std::vector<std::string> draw(size_t width, const Terminal& terminal);

@@ -1,8 +1,5 @@
 #include "FilePlayer.h"
 
-#include "Text.h"
-
-#include <algorithm>
 #include <thread>
 
 constexpr double ringSeconds = 2.0;
@@ -37,35 +34,18 @@ void FilePlayer::_readStream() noexcept
     _isFed.store(true, std::memory_order_release);
 }
 
-void FilePlayer::feed()
-{
-    if (_hasFailed.load(std::memory_order_acquire))
-        throw ToolFailure(_failure);
-    if (!_isStream() && !_isFed.load(std::memory_order_relaxed) && !_file.fill(_ring))
-        _isFed.store(true, std::memory_order_release);
-}
-
-std::optional<uint64_t> FilePlayer::frameCount() const noexcept
-{
-    return _isStream() || _file.frameCount() == UINT64_MAX ? std::nullopt : std::optional(_file.frameCount());
-}
-
-std::optional<uint64_t> FilePlayer::endTime() const noexcept
-{
-    const uint64_t time = _endTime.load(std::memory_order_relaxed);
-    return time != 0 ? std::optional(time) : std::nullopt;
-}
-
 /// The blocks of a cycle run in the order of the outputs: the first reads frames from the ring for all
 /// outputs, the last returns them to the writer.
 void FilePlayer::_play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept
 {
-    if (output == 0)
-        _take(buffer.frameCount());
+    if (output == 0) {
+        _isPlaying = _isOpen.load(std::memory_order_relaxed) && _endTime.load(std::memory_order_relaxed) == 0;
+        _given = _isPlaying ? std::min<uint64_t>(buffer.frameCount(), _ring.readableFrames()) : 0;
+    }
     const uint32_t channels = buffer.channelCount();
     const ChannelMap& map = _maps[output];
     buffer.mute();
-    for (uint64_t frame = 0; _isPlaying && frame < _given; ++frame) {
+    for (uint64_t frame = 0; frame < _given; ++frame) {
         const float* const from = _ring.frameToRead(frame);
         for (uint32_t channel = 0; channel < channels; ++channel)
             for (const ChannelShare& share : map[channel])
@@ -74,12 +54,6 @@ void FilePlayer::_play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) no
     _meters.note(output, buffer);
     if (output + 1 == _outputs.size() && _isPlaying)
         _giveBack(sampleTime, buffer.frameCount());
-}
-
-void FilePlayer::_take(uint32_t frameCount) noexcept
-{
-    _isPlaying = _isOpen.load(std::memory_order_relaxed) && _endTime.load(std::memory_order_relaxed) == 0;
-    _given = _isPlaying ? std::min<uint64_t>(frameCount, _ring.readableFrames()) : 0;
 }
 
 void FilePlayer::_giveBack(uint64_t sampleTime, uint32_t frameCount) noexcept

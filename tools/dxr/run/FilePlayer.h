@@ -6,8 +6,7 @@
 #include "SoundFileReader.h"
 
 /// Plays a sound file on every output of a runner, after open(). The file is read ahead into a ring buffer.
-/// Threads:   the blocks in the runner's cycles; all else on one other thread. A pipe is read on a separate
-///            thread, which ends at the end of the pipe.
+/// Threads:   the blocks in the runner's cycles; all else on one other thread. Another one reads a pipe.
 /// Real time: the blocks.
 class FilePlayer final : public CXObject {
 public:
@@ -23,13 +22,27 @@ public:
     void addTo(RunnerSession& session);
     void open() noexcept { _isOpen.store(true, std::memory_order_relaxed); }
     /// Fills the ring buffer; call it a few times a second. Throws ToolFailure if the file cannot be read.
-    void feed();
+    void feed()
+    {
+        if (_hasFailed.load(std::memory_order_acquire))
+            throw ToolFailure(_failure);
+        if (!_isStream() && !_isFed.load(std::memory_order_relaxed) && !_file.fill(_ring))
+            _isFed.store(true, std::memory_order_release);
+    }
     /// The runner's sample time after the last frame of the file; null until that frame has been played.
-    std::optional<uint64_t> endTime() const noexcept;
+    std::optional<uint64_t> endTime() const noexcept
+    {
+        const uint64_t time = _endTime.load(std::memory_order_relaxed);
+        return time != 0 ? std::optional(time) : std::nullopt;
+    }
 
     uint64_t framesPlayed() const noexcept { return _framesPlayed.load(std::memory_order_relaxed); }
     /// The number of frames to play; null for a pipe, or a file that is repeated until the user ends it.
-    std::optional<uint64_t> frameCount() const noexcept;
+    std::optional<uint64_t> frameCount() const noexcept
+    {
+        return _isStream() || _file.frameCount() == UINT64_MAX ? std::nullopt
+                                                               : std::optional(_file.frameCount());
+    }
     /// Cycles that played silence because the file was read too slowly. No frame of the file is lost.
     uint64_t underruns() const noexcept { return _underruns.load(std::memory_order_relaxed); }
     DeviceMeters& meters() noexcept { return _meters; }
@@ -42,7 +55,6 @@ private:
     bool _isStream() const noexcept { return _file.isStream(); }
     void _readStream() noexcept;
     void _play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;
-    void _take(uint32_t frameCount) noexcept CX_REALTIME;
     void _giveBack(uint64_t sampleTime, uint32_t frameCount) noexcept CX_REALTIME;
 
     const std::vector<DeviceSelection> _outputs;

@@ -1,14 +1,5 @@
 #include "FileRecorder.h"
 
-#include <algorithm>
-
-constexpr double ringSeconds = 4.0; // a disk may have to spin up
-
-FileRecorder::FileRecorder(const std::vector<DeviceSelection>& inputs) : _inputs(inputs), _heard(inputs)
-{
-    _meters.add("in", inputs);
-}
-
 void FileRecorder::addTo(RunnerSession& session)
 {
     session.setRecords([self = CXRef<FileRecorder>(this)](std::span<const DXRCycleRecord> records) {
@@ -16,13 +7,6 @@ void FileRecorder::addTo(RunnerSession& session)
             self->_note(record);
     });
     session.add(_inputs, CXRef<FileRecorder>(this), &FileRecorder::_hear);
-}
-
-void FileRecorder::open(double sampleRate)
-{
-    _sampleRate = sampleRate;
-    _ring = std::make_unique<FrameRing>(channelCount(), static_cast<uint64_t>(ringSeconds * sampleRate));
-    _isOpen.store(true, std::memory_order_release);
 }
 
 /// The blocks of a cycle run in the order of the inputs; the last one stores the frames of all inputs.
@@ -34,8 +18,7 @@ void FileRecorder::_hear(size_t input, uint64_t sampleTime, DXRBuffer& buffer) n
         _keep(sampleTime, buffer.frameCount());
 }
 
-/// Finds gaps: the device's sample time jumps, or a new context begins after the end of the last cycle. A
-/// cycle that was only late has lost nothing.
+/// Finds gaps: the device's sample time jumps, or a context begins after the last cycle. Late is no gap.
 void FileRecorder::_note(const DXRCycleRecord& record)
 {
     if (record.event != DXRCycleRecord::Event::Cycle)

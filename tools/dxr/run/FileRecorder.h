@@ -21,7 +21,13 @@ public:
     void addTo(RunnerSession& session);
     uint32_t channelCount() const noexcept { return _heard.channelCount(); }
     /// Starts recording; call it once. `sampleRate` is the runner's, Hz.
-    void open(double sampleRate);
+    void open(double sampleRate)
+    {
+        constexpr double ringSeconds = 4.0; // a disk may have to spin up
+        _sampleRate = sampleRate;
+        _ring = std::make_unique<FrameRing>(channelCount(), static_cast<uint64_t>(ringSeconds * sampleRate));
+        _isOpen.store(true, std::memory_order_release);
+    }
     bool isOpen() const noexcept { return _isOpen.load(std::memory_order_relaxed); }
     /// Writes the frames recorded since the last call, until the file has `maxFrames`. Unless `isEnd`, writes
     /// only cycles whose trace records the session has read, because these show the gaps. Throws ToolFailure.
@@ -33,7 +39,10 @@ public:
     DeviceMeters& meters() noexcept { return _meters; }
 
 private:
-    explicit FileRecorder(const std::vector<DeviceSelection>& inputs);
+    explicit FileRecorder(const std::vector<DeviceSelection>& inputs) : _inputs(inputs), _heard(inputs)
+    {
+        _meters.add("in", inputs);
+    }
     ~FileRecorder() override = default;
 
     void _hear(size_t input, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;

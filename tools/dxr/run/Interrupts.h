@@ -25,7 +25,6 @@ public:
     /// Sets a function that the signal handler calls before a second signal ends the process, or null.
     static void setLastAct(void (*act)()) noexcept;
     static void setHandler(int signal, void (*handler)(int), int flags);
-    /// Flushes standard output and ends the process; without destroying static objects if a thread of
-    /// runUnlessAsked() is still running.
+    /// Ends the process; without destroying static objects if work of runUnlessAsked() is still running.
     [[noreturn]] static void endProcess(int status);
 };

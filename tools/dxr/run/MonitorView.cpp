@@ -1,7 +1,6 @@
 #include "MonitorView.h"
 
 #include "Table.h"
-#include "Text.h"
 
 #include <algorithm>
 

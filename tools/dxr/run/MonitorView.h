@@ -33,7 +33,6 @@ struct MonitorState {
     bool isHeard = false;                  ///< whether the outputs play the inputs
 };
 
-/// Returns the picture: `rows` lines of up to `columns` columns, for any size of terminal. Lines that do not
-/// fit are left out, messages first.
+/// Returns `rows` lines of up to `columns` columns, for any size. Lines that do not fit are left out.
 std::vector<std::string> monitorLines(const MonitorState& state, size_t columns, size_t rows,
                                       const Terminal& terminal);

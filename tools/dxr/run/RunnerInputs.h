@@ -31,8 +31,7 @@ public:
     {
         _buffers[input] = {sampleTime, buffer.samples(), buffer.frameCount(), buffer.channelCount()};
     }
-    /// Channel `channel`, counted from 0, of the row at `sampleTime`; silence if the channel does not exist
-    /// or its input had no cycle at that time.
+    /// Channel `channel`, counted from 0, of the row; silence if it had no cycle at `sampleTime`.
     Channel channel(uint32_t channel, uint64_t sampleTime, uint32_t frameCount) const noexcept CX_REALTIME
     {
         static constexpr float silence = 0.0F;

@@ -3,9 +3,8 @@
 #include "DeviceWatch.h"
 #include "Interrupts.h"
 
+#include <fstream>
 #include <iostream>
-
-namespace {
 
 constexpr const char* aboutDevices =
     "A DEVICE is 'default', a UID, a reference, or a part of a name. CHANNELS are counted from 1,\n"
@@ -19,17 +18,6 @@ const CLI::Validator aboveZero(
         return CLI::detail::lexical_cast(text, number) && number > 0.0 ? std::string() : "must be above 0";
     },
     "");
-
-std::streambuf& nowhere()
-{
-    struct Nowhere final : std::streambuf {
-        int overflow(int character) override { return character; }
-    };
-    static auto* buffer = new Nowhere; // never destroyed: std::cout is flushed at the very end of the process
-    return *buffer;
-}
-
-} // namespace
 
 RunnerOptions::RunnerOptions(CLI::App& command) : HardwareChoice(command), _command(command)
 {
@@ -45,43 +33,31 @@ void RunnerOptions::setAbout(const std::string& about)
     _command.footer(about + "\n\n" + aboutDevices);
 }
 
-void RunnerOptions::_addDevices(const char* name, std::vector<std::string>& texts, const std::string& about)
-{
-    _command.add_option(name, texts, about)->allow_extra_args(false)->type_name("DEVICE[:CHANNELS]");
-}
-
 void RunnerOptions::addSeconds(const std::string& about)
 {
     _command.add_option("--seconds,--duration", _seconds, about)->check(aboveZero);
 }
 
-void RunnerOptions::useDefaults()
-{
-    _usesDefaults = true;
-    _command.add_flag("--fast", _isFast, "Convert rates with less delay and cost, and more noise");
-    _command.add_flag("--quiet", _isQuiet, "Print nothing but errors");
-}
-
 void RunnerOptions::find()
 {
-    if (_isQuiet)
-        std::cout.rdbuf(&nowhere());
+    if (_isQuiet) {
+        // Never destroyed: std::cout is flushed at the very end of the process.
+        static auto* const nowhere = new std::ofstream("/dev/null");
+        std::cout.rdbuf(nowhere->rdbuf());
+    }
     _waits ? _waitForDevices() : _select();
-}
-
-bool RunnerOptions::_needsDefault(const char* option, const std::vector<DeviceSelection>& found) const
-{
-    return _usesDefaults && found.empty() && _command.get_option_no_throw(option);
 }
 
 void RunnerOptions::_select()
 {
     _inputs = DeviceSelection::findAll(_inputNames, HALDirection::Input);
     _outputs = DeviceSelection::findAll(_outputNames, HALDirection::Output);
-    if (_needsDefault("--in", _inputs))
-        _inputs.push_back(DeviceSelection::find("default", HALDirection::Input));
-    if (_needsDefault("--out", _outputs))
-        _outputs.push_back(DeviceSelection::find("default", HALDirection::Output));
+    const auto addDefault = [&](const char* option, HALDirection direction, auto& found) {
+        if (_usesDefaults && found.empty() && _command.get_option_no_throw(option))
+            found.push_back(DeviceSelection::find("default", direction));
+    };
+    addDefault("--in", HALDirection::Input, _inputs);
+    addDefault("--out", HALDirection::Output, _outputs);
 }
 
 void RunnerOptions::_waitForDevices()

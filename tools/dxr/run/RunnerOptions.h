@@ -17,9 +17,13 @@ public:
     void addInputs(const std::string& about) { _addDevices("--in", _inputNames, about); }
     void addOutputs(const std::string& about) { _addDevices("--out", _outputNames, about); }
     void addSeconds(const std::string& about);
-    /// Lets find() select the default device of each direction that was added but not given by the user. Also
-    /// adds --fast and --quiet.
-    void useDefaults();
+    /// Lets find() select the default devices where the user gives none. Also adds --fast and --quiet.
+    void useDefaults()
+    {
+        _usesDefaults = true;
+        _command.add_flag("--fast", _isFast, "Convert rates with less delay and cost, and more noise");
+        _command.add_flag("--quiet", _isQuiet, "Print nothing but errors");
+    }
 
     /// Finds the devices; with --wait, waits until they are connected. Throws ToolFailure.
     void find();
@@ -37,10 +41,12 @@ public:
     }
 
 private:
-    void _addDevices(const char* name, std::vector<std::string>& texts, const std::string& about);
+    void _addDevices(const char* name, std::vector<std::string>& texts, const std::string& about)
+    {
+        _command.add_option(name, texts, about)->allow_extra_args(false)->type_name("DEVICE[:CHANNELS]");
+    }
     void _select();
     void _waitForDevices();
-    bool _needsDefault(const char* option, const std::vector<DeviceSelection>& found) const;
 
     CLI::App& _command;
     std::vector<std::string> _inputNames, _outputNames;

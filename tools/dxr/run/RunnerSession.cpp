@@ -1,9 +1,7 @@
 #include "RunnerSession.h"
 
 #include "DeviceProperties.h"
-#include "Text.h"
 
-#include <algorithm>
 #include <dxr/MainQueue.h>
 
 using Event = DXRCycleRecord::Event;
@@ -21,12 +19,6 @@ RunnerSession::RunnerSession(const Interrupts& interrupts, std::optional<uint32_
     if (sampleRate && !_runner->setSampleRate(*sampleRate))
         throw ToolFailure("no device runs at " + formatRate(*sampleRate));
     _runner->setCycleTrace(_trace);
-}
-
-RunnerSession::~RunnerSession()
-{
-    _records = nullptr; // it may have thrown before and must not throw here
-    stop();
 }
 
 void RunnerSession::add(const DeviceSelection& selection, const DXRIOBlock& block)
@@ -78,11 +70,6 @@ bool RunnerSession::wait(int milliseconds)
     return goesOn;
 }
 
-double RunnerSession::seconds() const
-{
-    return std::chrono::duration<double>(Clock::now() - _started).count();
-}
-
 // ---- Polling
 
 void RunnerSession::poll()
@@ -123,30 +110,6 @@ void RunnerSession::_noteRecord(const DXRCycleRecord& record)
         for (SessionDevice& device : _devices)
             device.forgetStatus();
     }
-}
-
-uint64_t RunnerSession::lostFrames() const
-{
-    uint64_t lost = _statistics.lostFrames;
-    for (const SessionDevice& device : _devices)
-        lost += device.lostFrames();
-    return lost;
-}
-
-std::vector<bool> RunnerSession::connections() const
-{
-    std::vector<bool> all;
-    for (const SessionDevice& device : _devices)
-        all.push_back(device.isConnected());
-    return all;
-}
-
-std::optional<double> RunnerSession::latencySeconds(HALDirection direction) const
-{
-    const std::vector<DXRDeviceLatency> all =
-        _runner ? _runner->latencies() : std::vector<DXRDeviceLatency>();
-    const auto found = std::ranges::find(all, direction == HALDirection::Input, &DXRDeviceLatency::isInput);
-    return found == all.end() ? std::nullopt : std::optional(found->seconds());
 }
 
 void RunnerSession::_updateDevices()
@@ -231,25 +194,7 @@ void RunnerSession::_settle()
         _settled();
 }
 
-void RunnerSession::beginCounting()
-{
-    _isCounting = true;
-    _statistics.beginCounting();
-    for (SessionDevice& device : _devices)
-        device.beginCounting();
-}
-
 // ---- Messages
-
-void RunnerSession::_report(const std::string& message)
-{
-    _messages.push_back(formatSeconds(seconds()) + "  " + message);
-}
-
-std::string RunnerSession::_names() const
-{
-    return joined(_devices, ", ", &SessionDevice::name);
-}
 
 std::vector<std::string> RunnerSession::report() const
 {

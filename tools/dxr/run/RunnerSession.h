@@ -4,13 +4,13 @@
 #include "Interrupts.h"
 #include "SessionDevice.h"
 
+#include <algorithm>
 #include <chrono>
 #include <dxr/DXRDeviceRunner.h>
 #include <functional>
 #include <map>
 
-/// Runs the devices of a command until the user ends it, with statistics and messages. The session continues
-/// when devices disconnect.
+/// Runs the devices of a command until the user ends it, even when devices disconnect.
 /// Threads: the main thread. Serves the main queue.
 class RunnerSession {
 public:
@@ -22,13 +22,17 @@ public:
     RunnerSession(const Interrupts& interrupts, std::optional<uint32_t> frameCount,
                   std::optional<double> sampleRate,
                   DXRConversionQuality quality = DXRConversionQuality::High);
-    ~RunnerSession();
+    ~RunnerSession()
+    {
+        _records = nullptr; // it may have thrown before and must not throw here
+        stop();
+    }
     RunnerSession(const RunnerSession&) = delete;
     RunnerSession& operator=(const RunnerSession&) = delete;
 
     void add(const DeviceSelection& selection, const DXRIOBlock& block);
-    /// Adds each of `selections` with the member function `block` of `part`, which receives the index of the
-    /// selection. The session keeps `part` alive.
+    /// Adds `selections`, with blocks that call the member function `block` of `part` with the selection's
+    /// index and keep `part` alive.
     template <class Part>
     void add(const std::vector<DeviceSelection>& selections, const CXRef<Part>& part,
              void (Part::*block)(size_t, uint64_t, DXRBuffer&) noexcept)
@@ -39,32 +43,55 @@ public:
             });
     }
     void setRecords(Records records) { _records = std::move(records); }
-    /// Sets a function that is called once: when cycles run regularly, or after three seconds. The session
-    /// then begins to count.
+    /// Sets a function that is called when counting begins: once cycles are regular, or after three seconds.
     void setSettled(std::function<void()> settled) { _settled = std::move(settled); }
     /// Returns false if the user has asked to stop. Throws ToolFailure if the devices do not start.
     bool start();
-    /// Waits for events, for up to `milliseconds`, and calls poll(). Returns false if the user has asked to
-    /// stop.
+    /// Waits for events and calls poll(). Returns false if the user has asked to stop.
     bool wait(int milliseconds);
     void poll();
     /// Stops the runner, if it runs. Once the user has asked to stop, does not wait for a server that hangs.
     void stop();
     /// Begins to count now instead of once the cycles are regular.
-    void beginCounting();
+    void beginCounting()
+    {
+        _isCounting = true;
+        _statistics.beginCounting();
+        for (SessionDevice& device : _devices)
+            device.beginCounting();
+    }
     bool isCounting() const { return _isCounting; }
 
     uint32_t frameCount() const { return _frameCount; } ///< of a block, once started
     double sampleRate() const { return _sampleRate; }   ///< Hz, once started
-    double seconds() const;                             ///< since start()
+    /// Since start().
+    double seconds() const { return std::chrono::duration<double>(Clock::now() - _started).count(); }
     const CycleStatistics& statistics() const { return _statistics; }
     /// Frames lost in gaps between cycles, and within aggregates.
-    uint64_t lostFrames() const;
-    /// For the first input, from the air to the block; for the first output, from the block to the air. Null
-    /// while the device does not run.
-    std::optional<double> latencySeconds(HALDirection direction) const;
+    uint64_t lostFrames() const
+    {
+        uint64_t lost = _statistics.lostFrames;
+        for (const SessionDevice& device : _devices)
+            lost += device.lostFrames();
+        return lost;
+    }
+    /// Of the first input, from air to block, or output, from block to air. Null while it does not run.
+    std::optional<double> latencySeconds(HALDirection direction) const
+    {
+        const std::vector<DXRDeviceLatency> all =
+            _runner ? _runner->latencies() : std::vector<DXRDeviceLatency>();
+        const auto found =
+            std::ranges::find(all, direction == HALDirection::Input, &DXRDeviceLatency::isInput);
+        return found == all.end() ? std::nullopt : std::optional(found->seconds());
+    }
     const std::vector<SessionDevice>& devices() const { return _devices; }
-    std::vector<bool> connections() const; ///< whether each of the devices is connected
+    /// Whether each of the devices is connected.
+    std::vector<bool> connections() const
+    {
+        std::vector<bool> all;
+        std::ranges::transform(_devices, std::back_inserter(all), &SessionDevice::isConnected);
+        return all;
+    }
     uint64_t sampleTime() const { return _runner ? _runner->sampleTime() : 0; } ///< of the next block
     /// The source of the cycles: "3 devices as one, by the clock of Desk", "Desk alone", "no device: …".
     std::string contextText() const;
@@ -83,8 +110,11 @@ private:
     void _readSubDevices();
     void _detectHang();
     void _settle();
-    void _report(const std::string& message);
-    std::string _names() const;
+    void _report(const std::string& message)
+    {
+        _messages.push_back(formatSeconds(seconds()) + "  " + message);
+    }
+    std::string _names() const { return joined(_devices, ", ", &SessionDevice::name); }
     std::string _reportOf(const SessionDevice& device) const;
 
     const Interrupts& _interrupts;

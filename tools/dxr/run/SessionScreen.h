@@ -6,14 +6,12 @@
 
 #include <iostream>
 
-/// Shows a session: prints its messages and, at the end, its report. On a terminal, also shows meters and a
-/// status line, redrawn in place.
+/// Prints a session's messages and report and, on a terminal, shows meters and a status line in place.
 class SessionScreen {
 public:
     explicit SessionScreen(RunnerSession& session) : _session(session) {}
 
-    /// Calls RunnerSession::wait() until the next picture is due, and prints the messages. Returns false if
-    /// the user has asked to stop.
+    /// RunnerSession::wait() until the next picture is due; prints the messages.
     bool wait()
     {
         constexpr int tickMilliseconds = 30;

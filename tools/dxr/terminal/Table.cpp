@@ -4,15 +4,6 @@
 
 constexpr size_t gap = 2; // columns between two columns
 
-void Table::moveLastColumnToNotes()
-{
-    _columns.pop_back();
-    for (Row& row : _rows) {
-        row.note = "      " + row.cells.back();
-        row.cells.pop_back();
-    }
-}
-
 std::vector<std::string> Table::lines(size_t width, const Terminal& terminal) const
 {
     const std::vector<Placed> placed = _place(width);
@@ -37,12 +28,12 @@ std::vector<std::string> Table::lines(size_t width, const Terminal& terminal) co
     return lines;
 }
 
-size_t Table::_totalWidth(const std::vector<Placed>& placed)
+size_t Table::_totalWidth(const std::vector<Placed>& placed, size_t Placed::*width)
 {
-    size_t width = placed.empty() ? 0 : gap * (placed.size() - 1);
+    size_t total = placed.empty() ? 0 : gap * (placed.size() - 1);
     for (const Placed& place : placed)
-        width += place.width;
-    return width;
+        total += place.*width;
+    return total;
 }
 
 std::vector<Table::Placed> Table::_placeNaturally() const
@@ -63,13 +54,7 @@ std::vector<Table::Placed> Table::_place(size_t width) const
 {
     std::vector<Placed> placed = _placeNaturally();
     const auto shrinkable = [](const Placed& place) { return place.width - place.minWidth; };
-    const auto exceedsEvenShrunk = [&] {
-        size_t all = 0;
-        for (const Placed& place : placed)
-            all += shrinkable(place);
-        return _totalWidth(placed) > width + all;
-    };
-    while (placed.size() > 1 && exceedsEvenShrunk())
+    while (placed.size() > 1 && _totalWidth(placed, &Placed::minWidth) > width)
         placed.erase(
             std::ranges::min_element(placed, {}, [](const Placed& place) { return place.column->priority; }));
     while (_totalWidth(placed) > width) { // shrink the widest column that can be shrunk

@@ -19,7 +19,14 @@ public:
     /// Adds a row of printable `cells`, one for each column.
     void add(Cells cells, Style style = Style::Plain) { _rows.push_back({std::move(cells), "", style}); }
     /// Removes the last column and shows its cells on a second line under each row.
-    void moveLastColumnToNotes();
+    void moveLastColumnToNotes()
+    {
+        _columns.pop_back();
+        for (Row& row : _rows) {
+            row.note = "      " + row.cells.back();
+            row.cells.pop_back();
+        }
+    }
     size_t naturalWidth() const { return _totalWidth(_placeNaturally()); }
     /// A line of titles and then the rows, each at most `width` columns wide.
     std::vector<std::string> lines(size_t width, const Terminal& terminal) const;
@@ -34,7 +41,7 @@ private:
         const Column* column;
         size_t index, width, minWidth;
     };
-    static size_t _totalWidth(const std::vector<Placed>& placed);
+    static size_t _totalWidth(const std::vector<Placed>& placed, size_t Placed::*width = &Placed::width);
     std::vector<Placed> _placeNaturally() const;
     std::vector<Placed> _place(size_t width) const;
 

@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -30,12 +31,6 @@ std::string repeated(const char* text, size_t count)
     for (size_t i = 0; i < count; ++i)
         all += text;
     return all;
-}
-
-void put(std::string_view text)
-{
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
 }
 
 } // namespace
@@ -67,14 +62,18 @@ std::string Terminal::styled(std::string_view text, Style style) const
     return codes[static_cast<size_t>(style)] + std::string(text) + "\x1B[0m";
 }
 
+void Terminal::printLabelled(const std::string& label, size_t indent, std::string_view text) const
+{
+    std::string start = label;
+    for (const std::string& line : wrapped(text, std::max(columns(), indent + minColumns) - indent))
+        std::cout << std::exchange(start, std::string(indent, ' ')) << line << "\n";
+}
+
 void Terminal::draw(const std::vector<std::string>& lines)
 {
     if (!_isLive)
         return;
-    std::string frame = _drawn.empty() ? "\x1B[?25l" : _eraser();
-    for (const std::string& line : lines)
-        frame += line + "\n";
-    put(frame);
+    std::cout << (_drawn.empty() ? "\x1B[?25l" : _eraser()) << joined(lines, "\n") << std::endl;
     _drawn = lines;
 }
 
@@ -82,17 +81,16 @@ void Terminal::clear()
 {
     if (_drawn.empty())
         return;
-    put(_eraser() + "\x1B[?25h");
+    std::cout << _eraser() << "\x1B[?25h" << std::flush;
     _drawn.clear();
 }
 
 void Terminal::printAbove(std::string_view line)
 {
-    std::string frame = _drawn.empty() ? std::string() : _eraser();
-    frame.append(line).append("\n");
+    std::cout << (_drawn.empty() ? "" : _eraser()) << line << "\n";
     for (const std::string& drawn : _drawn)
-        frame += drawn + "\n";
-    put(frame);
+        std::cout << drawn << "\n";
+    std::cout << std::flush;
 }
 
 std::string Terminal::_eraser() const

@@ -6,8 +6,8 @@
 
 enum class Style { Plain, Bold, Dim, Red, Green, Yellow, Cyan };
 
-/// Standard output: a terminal, or a plain stream of lines. Below the output of a terminal, lines can be shown
-/// that are redrawn in place, without a cursor.
+/// Standard output: a terminal, or a plain stream of lines. Below a terminal's output, lines can be redrawn in
+/// place, without a cursor.
 class Terminal {
 public:
     Terminal();
@@ -17,11 +17,13 @@ public:
 
     /// Whether it is a terminal that understands escape codes.
     bool isLive() const noexcept { return _isLive; }
-    /// The columns of a line: the terminal's, else $COLUMNS, else 80; practically unlimited in a pipe. At
-    /// least 20.
+    /// Columns of a line: the terminal's, else $COLUMNS, else 80; practically unlimited in a pipe. Min 20.
     size_t columns() const;
     /// Returns `text` in a style; unchanged if the output has no colours or NO_COLOR is set.
     std::string styled(std::string_view text, Style style) const;
+
+    /// Prints `label`, which must be `indent` columns wide, and beside it `text`, in lines.
+    void printLabelled(const std::string& label, size_t indent, std::string_view text) const;
 
     /// Replaces the lines below the output; each must fit the width. Draws nothing if it is not a terminal.
     void draw(const std::vector<std::string>& lines);

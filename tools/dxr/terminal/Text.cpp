@@ -45,28 +45,24 @@ Character firstCharacter(std::string_view text)
     return character;
 }
 
-template <class Use> void forEachCharacter(std::string_view text, Use use)
+std::vector<Character> charactersOf(std::string_view text)
 {
-    while (!text.empty()) {
-        const Character character = firstCharacter(text);
-        text.remove_prefix(character.bytes.size());
-        if (!use(character))
-            return;
-    }
+    std::vector<Character> characters;
+    for (; !text.empty(); text.remove_prefix(characters.back().bytes.size()))
+        characters.push_back(firstCharacter(text));
+    return characters;
 }
 
 /// The longest start of `text` that fits in `width` columns; at least one character.
 std::string_view fittingStart(std::string_view text, size_t width)
 {
-    size_t used = 0;
-    size_t bytes = 0;
-    forEachCharacter(text, [&](const Character& character) {
+    size_t used = 0, bytes = 0;
+    for (const Character& character : charactersOf(text)) {
         used += character.width;
         if (used > width && bytes > 0)
-            return false;
+            break;
         bytes += character.bytes.size();
-        return true;
-    });
+    }
     return text.substr(0, bytes);
 }
 
@@ -144,7 +140,7 @@ std::string singleLine(std::string_view text)
     std::string line;
     size_t marks = 0;
     const std::string printable = dxr::printableText(text);
-    forEachCharacter(printable, [&](const Character& character) {
+    for (const Character& character : charactersOf(printable)) {
         marks = character.width == 0 ? marks + 1 : 0;
         // U+2028 and U+2029, the line and paragraph separators, start a new line on some terminals.
         if (character.code == L'\n' || character.code == L'\t')
@@ -153,18 +149,15 @@ std::string singleLine(std::string_view text)
             line += ' ';
         else if (marks <= marksPerLetter)
             line += character.bytes;
-        return true;
-    });
+    }
     return line;
 }
 
 size_t displayWidth(std::string_view text)
 {
     size_t width = 0;
-    forEachCharacter(text, [&](const Character& character) {
+    for (const Character& character : charactersOf(text))
         width += character.width;
-        return true;
-    });
     return width;
 }
 
@@ -212,21 +205,10 @@ std::vector<std::string> wrapped(std::string_view text, size_t width)
     return lines;
 }
 
-std::vector<std::string> labelled(const std::string& label, size_t indent, std::string_view text,
-                                  size_t width)
-{
-    constexpr size_t minColumns = 20;
-    std::vector<std::string> lines = wrapped(text, std::max(width, indent + minColumns) - indent);
-    lines.resize(std::max<size_t>(lines.size(), 1));
-    for (std::string& line : lines)
-        line.insert(0, &line == &lines.front() ? label : std::string(indent, ' '));
-    return lines;
-}
-
 std::string foldCase(std::string_view text)
 {
     std::string folded;
-    forEachCharacter(text, [&](const Character& character) {
+    for (const Character& character : charactersOf(text)) {
         const auto lower = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(character.code)));
         std::mbstate_t state{};
         char bytes[16];
@@ -235,7 +217,6 @@ std::string foldCase(std::string_view text)
             folded += character.bytes;
         else
             folded.append(bytes, count);
-        return true;
-    });
+    }
     return folded;
 }

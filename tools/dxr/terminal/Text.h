@@ -73,9 +73,5 @@ std::string fitLeft(std::string_view text, size_t width);
 std::string fitRight(std::string_view text, size_t width);
 /// Breaks printable `text` into lines of up to `width` columns, at spaces if possible.
 std::vector<std::string> wrapped(std::string_view text, size_t width);
-/// Like wrapped(), but the first line begins with `label`, which must be `indent` columns wide, and the other
-/// lines are indented by as much.
-std::vector<std::string> labelled(const std::string& label, size_t indent, std::string_view text,
-                                  size_t width);
 /// Returns `text` in lower case, for comparisons.
 std::string foldCase(std::string_view text);
