@@ -1,0 +1,100 @@
+// The functions of the library and its memory.
+
+#include "Arguments.h"
+#include "CXMainBundle.h"
+#include "DXRVersion.h"
+#include "Events.h"
+#include "Guard.h"
+#include "HALHardwareDriver.h"
+#include "HostClock.h"
+#include "LogSink.h"
+#include "Packer.h"
+
+#include <cstdlib>
+#include <utility>
+
+using namespace dxr_c;
+
+namespace {
+
+/// Releases the last reference to an object of a handle. In an audio callback the object is destroyed on
+/// another thread: a runner would wait for the callback, and memory is freed.
+void letGo(CXRef<CXObject> object, bool inCycle)
+{
+    if (object && inCycle)
+        events().async([kept = std::move(object)] {});
+}
+
+} // namespace
+
+extern "C" {
+
+const char* dxr_version()
+{
+    return DXRVersionString();
+}
+
+const char* dxr_error_text()
+{
+    return lastErrorText();
+}
+
+uint64_t dxr_now()
+{
+    return dxr::HostClock::nowTicks();
+}
+
+dxr_status dxr_retain(const void* handle)
+{
+    return guarded(__func__, [&] { Handles::shared().retain(handle); });
+}
+
+dxr_status dxr_release(const void* handle)
+{
+    const bool wasInCycle = std::exchange(isInAudioCallback(), false);
+    const dxr_status status = guarded(__func__, [&] {
+        if (handle)
+            letGo(Handles::shared().release(handle), wasInCycle);
+    });
+    isInAudioCallback() = wasInCycle;
+    return status;
+}
+
+dxr_status dxr_free(const void* memory)
+{
+    return guarded(__func__, [&] {
+        if (!memory)
+            return;
+        const std::optional<size_t> deviceCount = Handles::shared().removeMemory(memory);
+        if (!deviceCount)
+            fail(DXR_ERROR_HANDLE, "the memory was freed, or is not from this library");
+        for (size_t i = 0; i < *deviceCount; ++i)
+            (void)Handles::shared().release(static_cast<dxr_device* const*>(memory)[i]);
+        std::free(const_cast<void*>(memory));
+    });
+}
+
+dxr_status dxr_set_application(const char* identifier)
+{
+    return guarded(__func__, [&] { CXSetMainBundleIdentifier(textOf(identifier, "identifier")); });
+}
+
+dxr_status dxr_set_log(dxr_log_callback callback, void* user)
+{
+    return guarded(__func__, [&] {
+        if (!callback)
+            return dxr::LogSink::setWriter({});
+        dxr::LogSink::setWriter(
+            [callback, user](std::string_view line) { callback(std::string(line).c_str(), user); });
+    });
+}
+
+dxr_status dxr_hardware_error(const char** text)
+{
+    return guarded(__func__, [&] {
+        require(text, "text");
+        *text = newText(HALHardwareUnavailableReason());
+    });
+}
+
+} // extern "C"
