@@ -191,7 +191,7 @@ TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
         std::vector<float> read;
     } rows[] = {
         {"{1.5, 2, 3}", 3, 3, {1.5F, 2, 3}},
-        {"größe: -2.5e1*.5", 2, 2, {-25, 0.5F}},
+        {"größe 𝐀: -2.5e1*.5", 2, 2, {-25, 0.5F}},
         {"1e999 1e-999 2.", 3, 3, {infinity, 0, 2}},
         {"1;2", 2, 1, {1}},
         {"nan inf", 1, 0, {}},

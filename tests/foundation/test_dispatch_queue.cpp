@@ -231,6 +231,11 @@ TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
     timer->setDispatchQueue(queue.ref());
     const CXDispatchQueue::Work work = [] {};
     queue.waitUntilIdle();
+    std::atomic<bool> wasDue{false};
+    const auto due = timerFor(1, 0, [&](auto&) { wasDue = true; });
+    queue->dispatchSyncBypass([&] { due->setDispatchQueue(queue.ref()); });
+    EXPECT_TRUE(eventually([&] { return wasDue.load(); })) << "added by a thread that borrows the queue";
+    queue.waitUntilIdle();
     {
         const CXRealtimeScope realtime;
         for (int i = 0; i < 3; ++i)

@@ -18,13 +18,14 @@ TEST(SerialQueue, runsAllWorkInOrderWhenReleasedAndDelayedWorkByItsDeadline)
 {
     std::vector<int> order;
     std::promise<uint64_t> last;
-    const uint64_t start = HostClock::nowTicks();
+    uint64_t start = 0;
     {
         const CXRef<SerialQueue> queue = SerialQueue::initWithLabel("order");
-        queue->after(20'000'000, [&] { last.set_value(HostClock::nowTicks()); });
         queue->after(5'000'000, [&] { order.push_back(INT_MAX); });
         for (int i = 0; i < 2000; ++i)
             queue->async([&order, i] { order.push_back(i); });
+        start = HostClock::nowTicks();
+        queue->after(20'000'000, [&] { last.set_value(HostClock::nowTicks()); });
     }
     EXPECT_GE(last.get_future().get() - start, 20'000'000U);
     EXPECT_EQ(order.size(), 2001U);

@@ -101,7 +101,7 @@ public:
     /// the pending work; work queued with the flag after that runs on the thread that queues it.
     void cancel();
 
-    /// For CX_ASSERT_ON_QUEUE: tells the compiler's analysis that the caller runs on the queue.
+    /// For CX_ASSERT_ON_QUEUE: informs the compiler's analysis that the caller runs on the queue.
     void assumeCurrent() const noexcept CX_ASSERTS_QUEUE {}
 
 private:
@@ -124,7 +124,7 @@ private:
     const std::unique_ptr<CXDispatchTimerList> _timers; // guarded by the right to drain
 };
 
-/// Asserts that the caller runs as work of `queue`, and tells the compiler's analysis so.
+/// Asserts that the caller runs as work of `queue`, also for the compiler's analysis.
 #define CX_ASSERT_ON_QUEUE(queue)                                                                            \
     ((queue)->isDispatchedOnCurrentThread()                                                                  \
          ? (queue)->assumeCurrent()                                                                          \
