@@ -5,28 +5,65 @@
 #include <algorithm>
 #include <pipewire/filter.h>
 #include <pipewire/pipewire.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
-/// The description of an output's buffer. While it exists, the buffer's memory stays mapped.
+namespace {
+
+/// A second mapping of `size` bytes of shared memory; the bytes stay accessible when the first mapping is removed.
+template <typename Item> class SecondMapping {
+public:
+    SecondMapping(void* first, size_t size) noexcept : _item(static_cast<Item*>(first))
+    {
+        const size_t offset = reinterpret_cast<uintptr_t>(first) % static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        // mremap(2): an old size of 0 adds a mapping to a shared one, which remains.
+        void* const pages = mremap(static_cast<std::byte*>(first) - offset, 0, offset + size, MREMAP_MAYMOVE);
+        if (pages == MAP_FAILED)
+            return;
+        _pages = pages;
+        _mappedSize = offset + size;
+        _item = reinterpret_cast<Item*>(static_cast<std::byte*>(pages) + offset);
+    }
+    ~SecondMapping()
+    {
+        if (_pages)
+            munmap(_pages, _mappedSize);
+    }
+    SecondMapping(const SecondMapping&) = delete;
+    SecondMapping& operator=(const SecondMapping&) = delete;
+
+    /// In the second mapping; in the first one if there can be no second one.
+    Item* get() const noexcept CX_REALTIME { return _item; }
+
+private:
+    Item* _item;
+    void* _pages = nullptr;
+    size_t _mappedSize = 0;
+};
+
+} // namespace
+
+/// The description of an output's buffer, and its memory.
 struct PipeWireIOPort::Memory {
     Memory(pw_mempool* pool, const spa_data& data)
-        : samples(static_cast<float*>(data.data)), byteSize(data.data ? data.maxsize : 0), chunk(data.chunk)
+        : samples(data.data, data.maxsize), byteSize(data.data ? data.maxsize : 0),
+          chunk(data.chunk, sizeof(spa_chunk)), block(pw_mempool_find_ptr(pool, data.chunk))
     {
-        pw_memblock* const block = pw_mempool_find_ptr(pool, chunk);
-        if (block) // finds the existing mapping, and counts this use of it
-            map = pw_memblock_map(block, PW_MEMMAP_FLAG_READWRITE, 0, block->size, nullptr);
+        if (block)
+            ++block->ref;
     }
     ~Memory()
     {
-        if (map)
-            pw_memmap_free(map);
+        if (block)
+            pw_memblock_unref(block);
     }
     Memory(const Memory&) = delete;
     Memory& operator=(const Memory&) = delete;
 
-    float* const samples;
+    const SecondMapping<float> samples;
     const size_t byteSize;
-    spa_chunk* const chunk;
-    pw_memmap* map = nullptr;
+    const SecondMapping<spa_chunk> chunk;
+    pw_memblock* const block; // of the chunk; null if the memory is not the pool's
 };
 
 PipeWireIOPort::PipeWireIOPort(pw_mempool* pool, bool isOutput) : _pool(pool), _isOutput(isOutput) {}
@@ -61,7 +98,7 @@ void PipeWireIOPort::removeBuffer(pw_buffer& buffer)
 bool PipeWireIOPort::hasLostMemory() const
 {
     return std::ranges::any_of(
-        _memory, [](const auto& each) { return each->map && each->map->block->id == SPA_ID_INVALID; });
+        _memory, [](const auto& each) { return each->block && each->block->id == SPA_ID_INVALID; });
 }
 
 // ---- The audio thread
@@ -83,10 +120,11 @@ float* PipeWireIOPort::_outputSamples(const pw_buffer& buffer, size_t byteCount)
     if (!memory)
         return nullptr;
     const bool fits = byteCount <= memory->byteSize;
-    memory->chunk->offset = 0;
-    memory->chunk->stride = sizeof(float);
-    memory->chunk->size = fits ? static_cast<uint32_t>(byteCount) : 0;
-    return fits ? memory->samples : nullptr;
+    spa_chunk& chunk = *memory->chunk.get();
+    chunk.offset = 0;
+    chunk.stride = sizeof(float);
+    chunk.size = fits ? static_cast<uint32_t>(byteCount) : 0;
+    return fits ? memory->samples.get() : nullptr;
 }
 
 float* PipeWireIOPort::_inputSamples(const pw_buffer& buffer, size_t byteCount) noexcept
