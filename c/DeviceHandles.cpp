@@ -22,6 +22,7 @@ dxr_device* give(const CXRef<DXRDevice>& device, const char* otherwise)
 void giveList(const std::set<CXRef<DXRDevice>>& set, dxr_device* const** devices, size_t* count)
 {
     std::vector<std::tuple<std::string, bool, std::string, CXRef<DXRDevice>>> sorted;
+    sorted.reserve(set.size());
     for (const CXRef<DXRDevice>& device : set)
         sorted.emplace_back(device->displayName(), device->isInput(), device->deviceUID(), device);
     std::ranges::sort(sorted, {}, [](const auto& each) {

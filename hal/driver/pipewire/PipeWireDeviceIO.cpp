@@ -123,6 +123,7 @@ void PipeWireDeviceIO::_addStreams(std::span<const PipeWireChannels> members)
     }
     const auto channelsOf = [](const std::vector<HALStreamBlock>& blocks) {
         std::vector<uint32_t> channels;
+        channels.reserve(blocks.size());
         for (const HALStreamBlock& block : blocks)
             channels.push_back(block.channelCount);
         return channels;

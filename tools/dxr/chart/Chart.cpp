@@ -120,7 +120,8 @@ std::vector<double> ChartAxis::lines() const
         std::ranges::copy_if(marks, std::back_inserter(all),
                              [&](double mark) { return mark >= from && mark <= to; });
     } else if (isLogarithmic) {
-        for (double decade = std::ceil(std::log10(from)); decade <= std::log10(to) + 1e-9; ++decade)
+        const int first = static_cast<int>(std::ceil(std::log10(from)));
+        for (int decade = first; decade <= std::log10(to) + 1e-9; ++decade)
             all.push_back(std::pow(10.0, decade));
     } else {
         const double step = niceStep(to - from);

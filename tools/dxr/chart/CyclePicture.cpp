@@ -216,17 +216,16 @@ void CyclePicture::_drawTimes(ChartPanel panel) const
 void CyclePicture::_drawProgress(Chart& chart, double top, double height, double sampleRate) const
 {
     std::vector<Chart::Point> points; // x: seconds; y: difference in milliseconds
-    std::vector<double> differences;
     for (const Stretch& stretch : _stretches)
         if (stretch.firstSampleTime >= 0.0) {
             const double runnerSeconds = stretch.firstSampleTime / std::max(sampleRate, 1.0);
             points.push_back({stretch.firstSeconds, 1e3 * (runnerSeconds - stretch.firstSeconds)});
-            differences.push_back(points.back().y);
         }
-    const auto [min, max] = std::ranges::minmax(differences.empty() ? std::vector{0.0} : differences);
-    const double room = std::max(0.15 * (max - min), 2.5);
+    const auto [low, high] = std::ranges::minmax(
+        points.empty() ? std::vector{Chart::Point{0.0, 0.0}} : points, {}, &Chart::Point::y);
+    const double room = std::max(0.15 * (high.y - low.y), 2.5);
     ChartPanel(chart, top, height, "the runner's time less the clock: falls while no block is called",
-               _timeAxis(), {min - room, max + room, chartLabel(" ms")}, {{"", Chart::ink, points}});
+               _timeAxis(), {low.y - room, high.y + room, chartLabel(" ms")}, {{"", Chart::ink, points}});
 }
 
 /// Draws the histograms and a table of their quantiles. Returns the y below them.
@@ -247,7 +246,7 @@ double CyclePicture::_drawDistribution(Chart& chart, double top, double height) 
     ChartPanel panel(chart, top, height, "how many cycles took how long (both scales logarithmic)",
                      {shortestSeconds, longestSeconds, timeText, true},
                      {0.8, std::pow(10.0, decades),
-                      [](double count) { return formatNumber(static_cast<uint64_t>(count + 0.5)); }, true},
+                      [](double count) { return formatNumber(static_cast<uint64_t>(count)); }, true},
                      curves);
     double y = panel.bottom() + 44.0;
     const auto cells = [&](const std::vector<std::string>& texts, const char* colour) {

@@ -303,8 +303,8 @@ void Demo::_drawPicture(const std::string& results, std::span<const DemoTone> to
     _picture.add({"level of the tone", -48.0, 0.0, " dB", levels});
     _picture.add({"tone to all else", 0.0, 120.0, " dB", qualities});
     std::vector<std::string> names;
-    for (const Device device : DemoStage::devices)
-        names.emplace_back(DemoStage::facts[device].name);
+    std::ranges::transform(DemoStage::devices, std::back_inserter(names),
+                           [](Device device) { return DemoStage::facts[device].name; });
     const std::string title =
         formatText("dxr demo: devices connect and disconnect in %.1f s; time goes on", _options.seconds);
     Chart::writeFile(_options.picture, _picture.svg(sampleRate, names, title, results));

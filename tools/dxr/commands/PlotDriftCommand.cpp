@@ -71,7 +71,7 @@ constexpr double placePeriod = 65536.0; // frames
 /// read to a thousandth of a frame after resampling.
 void writePlaces(uint64_t firstFrame, uint32_t frameCount, float* pairs)
 {
-    for (uint32_t i = 0; i < frameCount; ++i) {
+    for (size_t i = 0; i < frameCount; ++i) {
         const double place = std::fmod(static_cast<double>(firstFrame + i), placePeriod);
         const double angle = 2.0 * std::numbers::pi * place / placePeriod;
         pairs[2 * i] = static_cast<float>(0.5 * std::cos(angle));
@@ -278,9 +278,9 @@ void writeChart(const std::string& file, const DriftScenario& scenario, const Dr
         chart.title("From " + describe(scenario.source) + " to " + describe(scenario.reader), summary(run)) +
         16.0;
     for (const auto& [title, minSpan, curves] : panels) {
-        ChartPanel(chart, top, height, title, {0.0, scenario.seconds, chartLabel(" s")},
-                   ChartAxis::around(curves, minSpan), curves);
-        top += height + ChartPanel::below;
+        const ChartPanel panel(chart, top, height, title, {0.0, scenario.seconds, chartLabel(" s")},
+                               ChartAxis::around(curves, minSpan), curves);
+        top = panel.bottom() + ChartPanel::below;
     }
     Chart::writeFile(file, chart.svg(top));
 }

@@ -29,9 +29,8 @@ struct ToneMeasurement {
 constexpr double amplitude = 0.5;
 constexpr uint32_t blockFrames = 512; // input frames of a block, as from a device
 constexpr size_t settlingFrames = 4096, measuredFrames = 16384;
-constexpr int toneCount = 160;
-constexpr double lowestHertz = 20;
-constexpr double silentDecibels = -200;
+constexpr size_t toneCount = 160;
+constexpr double lowestHertz = 20, silentDecibels = -200;
 
 double decibels(double ratio)
 {
@@ -114,10 +113,11 @@ std::vector<ToneMeasurement> measureSampler(double rateIn, double rateOut)
 {
     // Slightly below half the rate: there a tone has no phase and coincides with its image.
     const double highestHertz = rateIn / 2 * 0.995;
-    std::vector<ToneMeasurement> all;
-    for (int i = 0; i < toneCount; ++i)
-        all.push_back(measured(lowestHertz * std::pow(highestHertz / lowestHertz, i / (toneCount - 1.0)),
-                               rateIn, rateOut));
+    std::vector<ToneMeasurement> all(toneCount);
+    for (size_t i = 0; i < toneCount; ++i)
+        all[i] = measured(
+            lowestHertz * std::pow(highestHertz / lowestHertz, static_cast<double>(i) / (toneCount - 1.0)),
+            rateIn, rateOut);
     return all;
 }
 

@@ -64,7 +64,7 @@ public:
           _total(static_cast<uint64_t>(std::llround(static_cast<double>(reader.frameCount()) * _ratio))),
           _input(reader.channelCount(), blockFrames), _samples(size_t{blockFrames} * reader.channelCount()),
           _output(ConvertedFrames::init(reader.channelCount(), static_cast<uint64_t>(blockFrames * _ratio) +
-                                                                   2 * ConvertedFrames::blockFrames))
+                                                                   2UL * ConvertedFrames::blockFrames))
     {
         const DXRAudioConverter::Nodes nodes[2] = {{_output}, {}};
         const uint32_t channels[2] = {reader.channelCount(), 0};

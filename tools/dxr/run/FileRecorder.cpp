@@ -34,7 +34,7 @@ void FileRecorder::_note(const DXRCycleRecord& record)
     else if (record.deviceSampleTime > last.deviceSampleTime + last.frameCount)
         seconds = static_cast<double>(record.deviceSampleTime - last.deviceSampleTime - last.frameCount) *
                   cycleSeconds / last.frameCount;
-    const auto frames = static_cast<uint64_t>(std::max(0.0, seconds) * _sampleRate + 0.5);
+    const auto frames = static_cast<uint64_t>(std::llround(std::max(0.0, seconds) * _sampleRate));
     if (frames > 0)
         _gaps.push_back({record.sampleTime, frames});
 }
