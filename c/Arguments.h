@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <string>
 
-/// Checks of the arguments of the interface's functions. Each throws a Failure with the status to return; `name`
-/// is that of the argument in the header.
+/// Checks of the arguments of the interface's functions. Each throws a Failure with the status to return;
+/// `name` is that of the argument in the header.
 namespace dxr_c {
 
 template <class Pointer> void require(Pointer pointer, const char* name)

@@ -10,11 +10,12 @@
 #include <optional>
 #include <vector>
 
-/// Adds the delays of an aggregate's rings to the host times of its nodes' buffers, five times per second: the
-/// time stamps of an aggregate are those of its clock device, and the samples of the other parts are older or
-/// younger.
-/// Threads:   as work of `queue`. The rings are read on another thread, so that no cycle waits for the queue
-///            meanwhile. That thread keeps nothing alive, because the owner must be able to end the aggregate.
+/// Adds the delays of an aggregate's rings to the host times of its nodes' buffers, five times per second:
+/// the time stamps of an aggregate are those of its clock device, and the samples of the other parts are
+/// older or younger.
+/// Threads:   as work of `queue`. The rings are read on another thread, so that no cycle waits for the
+///            queue meanwhile. That thread keeps nothing alive, because the owner must be able to end the
+///            aggregate.
 class RingOffsets final : public CXObject {
 public:
     using Placements = std::array<CyclePlacement, 2>; ///< input, output
@@ -25,8 +26,8 @@ public:
         std::vector<AudioObjectID> devices; ///< the devices whose samples the node carries
     };
 
-    /// Starts reading. Returns null if `deviceID` is not an aggregate of several devices, or without memory: host
-    /// times are then those of the clock device.
+    /// Starts reading. Returns null if `deviceID` is not an aggregate of several devices, or without
+    /// memory: host times are then those of the clock device.
     static CXRef<RingOffsets> initWithDevice(AudioObjectID deviceID, std::vector<Part> parts,
                                              LastCycle lastCycle, const CXRef<CXDispatchQueue>& queue);
     /// No offset changes after it has returned. Must be called before the last reference is released.

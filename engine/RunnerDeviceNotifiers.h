@@ -7,10 +7,10 @@
 
 /// The blocks that a runner calls on its queue when devices of the computer change. The manager calls a
 /// wrapper of each on its own queue, which only passes the notice on.
-/// Threads:   functions that change the list, and the blocks, as work of `queue`; the destructor on any thread,
-///            when no other has a reference to the owner.
-/// Owns:      the blocks and their wrappers. Must not outlive the owner; a notice keeps the owner alive while its
-///            block runs.
+/// Threads:   functions that change the list, and the blocks, as work of `queue`; the destructor on any
+///            thread, when no other has a reference to the owner.
+/// Owns:      the blocks and their wrappers. Must not outlive the owner; a notice keeps the owner alive
+///            while its block runs.
 class RunnerDeviceNotifiers {
 public:
     using Devices = DXRDeviceManagerNotifier::Devices;

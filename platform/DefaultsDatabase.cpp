@@ -441,8 +441,8 @@ bool DefaultsDatabase::_isStillInPlace() const
 }
 
 /// Returns true if the open file still begins with the constant parts of SQLite's header
-/// (https://www.sqlite.org/fileformat.html, 1.3). SQLite does not check this while the page is in its cache, and
-/// data written into a file that was overwritten is lost to other processes.
+/// (https://www.sqlite.org/fileformat.html, 1.3). SQLite does not check this while the page is in its
+/// cache, and data written into a file that was overwritten is lost to other processes.
 bool DefaultsDatabase::_isDatabaseStill()
 {
     sqlite3_file* file = nullptr; // SQLite's handle: closing another descriptor would release its locks

@@ -8,11 +8,12 @@
 #include <numbers>
 #include <vector>
 
-/// A reference implementation of the sampler, one channel and one sample at a time. The caller must pass enough input.
+/// A reference implementation of the sampler, one channel and one sample at a time. The caller must pass
+/// enough input.
 class SamplerReference {
 public:
-    /// How the first frames of a block are interpolated: by the sampler's exception, or as if blocks did not exist, as
-    /// a peer would. The difference shows how much noise the exception causes.
+    /// How the first frames of a block are interpolated: by the sampler's exception, or as if blocks did
+    /// not exist, as a peer would. The difference shows how much noise the exception causes.
     enum class Seam { Published, None };
 
     explicit SamplerReference(uint32_t channelCount, Seam seam = Seam::Published)

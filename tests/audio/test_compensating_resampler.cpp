@@ -80,8 +80,8 @@ TEST(CompensatingResampler, readsWholePositionsBitForBitAlsoRoundARing)
         ASSERT_EQ(output[i], ring[(3 + i) % ringFrames]) << i;
 }
 
-// At every ratio, a tone below the output's limit is kept, at the walk's position; one above it is removed. Each block
-// goes on where the one before ended.
+// At every ratio, a tone below the output's limit is kept, at the walk's position; one above it is removed.
+// Each block goes on where the one before ended.
 TEST(CompensatingResampler, keepsTonesAndRemovesAliases)
 {
     struct {

@@ -268,8 +268,8 @@ TEST_F(Defaults, setDamagedFilesAside)
         inChild([] { EXPECT_EQ(contents(), "a=1 "); });
     }
 
-    // Damage while the file is in use is detected after writing has begun: the known values are stored at once.
-    // If another process has written, SQLite reads the pages again; otherwise it has them in memory.
+    // Damage while the file is in use is detected after writing has begun: the known values are stored at
+    // once. If another process has written, SQLite reads the pages again; otherwise it has them in memory.
     char filler = 'b';
     for (const auto& [isReadAgain, keptBytes] : {std::pair(true, 0), {false, 0}, {true, 16}, {false, 16}}) {
         SCOPED_TRACE(filler);

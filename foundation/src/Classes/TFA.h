@@ -40,8 +40,8 @@ DXR_EXPORT void TFA_free(void* pointer) noexcept CX_REALTIME;
 [[nodiscard]] DXR_EXPORT void* TFA_valloc(size_t size) noexcept CX_REALTIME;
 
 /// Adds at least `count` free blocks for requests of `size` bytes, with their pages already present. Free
-/// blocks that exist are not counted. Not for an IO thread: it asks the system for memory. Returns false if the
-/// system provides less; blocks already added remain.
+/// blocks that exist are not counted. Not for an IO thread: it asks the system for memory. Returns false if
+/// the system provides less; blocks already added remain.
 [[nodiscard]] DXR_EXPORT bool TFA_reserve(size_t size, size_t count) noexcept;
 
 /// An allocator as a table of callbacks, for containers that accept one. `hint` and `info` are ignored.

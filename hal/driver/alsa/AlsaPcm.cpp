@@ -63,8 +63,8 @@ AlsaPcm::~AlsaPcm()
     snd_pcm_close(_pcm);
 }
 
-/// Configures the period that is nearest to one cycle. It need not be equal: a cycle begins when its frames are
-/// available.
+/// Configures the period that is nearest to one cycle. It need not be equal: a cycle begins when its frames
+/// are available.
 int AlsaPcm::_configure(HALDirection direction, const AlsaSetup& setup)
 {
     snd_pcm_hw_params_t* hardware = nullptr;

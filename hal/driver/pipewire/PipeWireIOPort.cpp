@@ -10,7 +10,8 @@
 
 namespace {
 
-/// A second mapping of `size` bytes of shared memory; the bytes stay accessible when the first mapping is removed.
+/// A second mapping of `size` bytes of shared memory; the bytes stay accessible when the first mapping is
+/// removed.
 template <typename Item> class SecondMapping {
 public:
     SecondMapping(void* first, size_t size) noexcept : _item(static_cast<Item*>(first))

@@ -36,8 +36,8 @@ struct Cycle {
 };
 
 /// A device whose thread wakes late for every cycle, and whose time stamps are late by the same time. The
-/// median is 57 microseconds with 64 frames and 114 with 512 or more, as measured on a real server; most values
-/// are 0.6 to 3 times the median, and one cycle in 2000 is up to 0.4 milliseconds later.
+/// median is 57 microseconds with 64 frames and 114 with 512 or more, as measured on a real server; most
+/// values are 0.6 to 3 times the median, and one cycle in 2000 is up to 0.4 milliseconds later.
 class Device {
 public:
     Device(const Clock& clock, double begin) : _clock(clock), _next(begin) {}

@@ -1,5 +1,5 @@
-// alsa_facts PLAYBACK [CAPTURE]: prints, one per line, what the driver's calls return in every state, to compare
-// the faked cards with the kernel's (scripts/kernel/facts.sh).
+// alsa_facts PLAYBACK [CAPTURE]: prints, one per line, what the driver's calls return in every state, to
+// compare the faked cards with the kernel's (scripts/kernel/facts.sh).
 #include "AlsaPcm.h"
 #include "AlsaQuiet.h"
 

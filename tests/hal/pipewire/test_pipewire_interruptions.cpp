@@ -94,8 +94,8 @@ TEST_F(PipeWireInterruptions, ioGoesOnAfterAnotherClientHasInterruptedIt)
     }
 }
 
-// When a link is destroyed just after the start, PipeWire at times frees a port's buffers without removing them
-// from it: with four other programs on two processors, once in 700 rounds.
+// When a link is destroyed just after the start, PipeWire at times frees a port's buffers without removing
+// them from it: with four other programs on two processors, once in 700 rounds.
 TEST_F(PipeWireInterruptions, noCycleUsesABufferThatIsFreed)
 {
     const AudioObjectID device = plug({.name = "sink"});

@@ -20,7 +20,8 @@ public:
     const int descriptor;
 
     int ioctl(unsigned long request, void* argument);
-    /// The file of the memory that programs map: a page of status, a page of the program's positions, the ring.
+    /// The file of the memory that programs map: a page of status, a page of the program's positions, the
+    /// ring.
     int file() const { return _file; }
     static constexpr size_t page = 4096;
     /// Advances to the card's frame: plays or records the frames up to there.

@@ -6,8 +6,8 @@
 
 enum class Style { Plain, Bold, Dim, Red, Green, Yellow, Cyan };
 
-/// Standard output: a terminal, or a plain stream of lines. Below a terminal's output, lines can be redrawn in
-/// place, without a cursor.
+/// Standard output: a terminal, or a plain stream of lines. Below a terminal's output, lines can be redrawn
+/// in place, without a cursor.
 class Terminal {
 public:
     Terminal();
