@@ -154,7 +154,9 @@ void DXRAudioConverter::_prepare(Direction direction)
     _bufferSide[direction].resize(used);
     if (direction == OUTPUT)
         _collectedSide.resize(used);
-    _nodeEntries[direction].assign(_contextChannelCounts[direction], DXRChannelEntry{nullptr, 0});
+    // One at least, because a null array means that there are no entries, and the node is muted.
+    _nodeEntries[direction].assign(std::max(1U, _contextChannelCounts[direction]),
+                                   DXRChannelEntry{nullptr, 0});
 }
 
 uint64_t DXRCycleTimes::ticksAt(double first, double frames) const noexcept

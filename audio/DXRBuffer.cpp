@@ -174,7 +174,8 @@ void DXRBuffer::_forEachTile(Foreign* const* channels, const Step& step) const n
 {
     Tile tile{};
     tile.stride = _channelCount;
-    for (tile.firstFrame = 0; tile.firstFrame < _frameCount; tile.firstFrame += tileFrames) {
+    for (size_t first = 0; first < _frameCount; first += tileFrames) {
+        tile.firstFrame = static_cast<uint32_t>(first);
         tile.frameCount = std::min(tileFrames, _frameCount - tile.firstFrame);
         for (tile.firstChannel = 0; tile.firstChannel < _channelCount; tile.firstChannel += tileChannels) {
             tile.channelCount = std::min(tileChannels, _channelCount - tile.firstChannel);

@@ -162,11 +162,8 @@ dxr_status dxr_runner_add(dxr_runner* runner, const dxr_node* node)
 dxr_status dxr_runner_remove(dxr_runner* runner, dxr_device* device)
 {
     return guarded(__func__, [&] {
-        const CXRef<Runner> it = runnerOf(runner);
-        const CXRef<DXRDevice> removed = deviceOf(device);
-        if (!it->runner->devices().contains(removed))
-            fail(DXR_ERROR_NOT_FOUND, "the runner does not have this device");
-        it->runner->removeDevice(removed);
+        if (!runnerOf(runner)->runner->removeDevice(deviceOf(device)))
+            fail(DXR_ERROR_NOT_FOUND, "the runner does not have this device, or only as the default");
     });
 }
 

@@ -62,7 +62,7 @@ dxr_status dxr_device_with_reference(const char* reference, dxr_device** device)
     return guarded(__func__, [&] {
         require(device, "device");
         const std::string text = textOf(reference, "reference");
-        if (!isDeviceReference(text))
+        if (!DXRDeviceReference::initWithString(text))
             fail(DXR_ERROR_TEXT, "the text is not a reference");
         *device = give(DXRDeviceManager::sharedDeviceManager().deviceWithReference(text),
                        "no device has this reference");
@@ -171,7 +171,8 @@ dxr_status dxr_device_set_setting(dxr_device* device, const char* key, const cha
         const std::optional<CXPlist> value = CXPlistWithJSON(textOf(json, "json"));
         if (!value)
             fail(DXR_ERROR_TEXT, "the value is not JSON");
-        deviceOf(device)->setOverride(*value, textOf(key, "key"));
+        if (!deviceOf(device)->setOverride(*value, textOf(key, "key")))
+            fail(DXR_ERROR_ARGUMENT, "the value is too long to be stored");
     });
 }
 

@@ -13,10 +13,10 @@ Follower::Follower(dxr_device_callback callback, void* user)
             callback(handle, change, user);
             (void)Handles::shared().release(handle);
         };
-        for (const CXRef<DXRDevice>& device : connected)
-            report(device, DXR_CONNECTED);
         for (const CXRef<DXRDevice>& device : disconnected)
             report(device, DXR_DISCONNECTED);
+        for (const CXRef<DXRDevice>& device : connected) // after, because a replugged device is in both
+            report(device, DXR_CONNECTED);
         for (const CXRef<DXRDevice>& device : updated)
             if (!connected.contains(device) && !disconnected.contains(device))
                 report(device, DXR_UPDATED);

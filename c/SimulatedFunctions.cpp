@@ -146,8 +146,13 @@ dxr_status dxr_simulated_fail(dxr_computer* computer, int starts, int writes)
 
 dxr_status dxr_simulated_lose_cycles(dxr_computer* computer, const char* uid, uint32_t count)
 {
-    return guarded(__func__,
-                   [&] { requirePlugged(computerOf(computer)->loseCycles(textOf(uid, "uid"), count)); });
+    return guarded(__func__, [&] {
+        const CXRef<SimulatedHardware> hardware = computerOf(computer);
+        const std::string text = textOf(uid, "uid");
+        requirePlugged(hardware->deviceID(text) != 0);
+        if (!hardware->loseCycles(text, count))
+            fail(DXR_ERROR_STATE, "the device does not run");
+    });
 }
 
 dxr_status dxr_simulated_advance(dxr_computer* computer, uint64_t nanoseconds)

@@ -421,9 +421,10 @@ bool DXRDevice::setVolume(double volume)
 
 void DXRDevice::_updateCachedVolumeProperty(double volume)
 {
+    const bool isThere = _hardware().isPresent();
     const bool isNew = _locked([&] {
         const bool differs =
-            _deviceID != kAudioObjectUnknown && _values->hasVolume && _values->volume != volume;
+            isThere && _deviceID != kAudioObjectUnknown && _values->hasVolume && _values->volume != volume;
         if (differs) {
             _values->volume = volume;
             ++_volumeWrites;
@@ -468,10 +469,11 @@ std::vector<std::string> DXRDevice::overrideKeys() const
     return _overrides->keys();
 }
 
-void DXRDevice::setOverride(const CXPlist& value, const std::string& key)
+bool DXRDevice::setOverride(const CXPlist& value, const std::string& key)
 {
-    _overrides->setObject(value, key);
+    const bool isSet = _overrides->setObject(value, key);
     _overridesChanged();
+    return isSet;
 }
 
 void DXRDevice::_overridesChanged()
@@ -514,17 +516,29 @@ bool DXRDevice::_readAndStore()
         readings.ticket = ++_lastTicket;
         if (_volumeSetPending == 0)
             readings.volumeWrites = _volumeWrites;
+        else
+            _hasUnreadVolume = true;
     });
     if (hardware.deviceID() == kAudioObjectUnknown || !hardware.isPresent())
         return false;
     const uint32_t channelCount = hardware.channelCount();
     if (channelCount == 0)
         return false;
-    readings.values = DXRDeviceValues::ofHardware(hardware, channelCount);
+    readings.values =
+        DXRDeviceValues::ofHardware(hardware, _locked([&] { return _countToKeep(channelCount); }));
     if (!hardware.isPresent()) // it was removed during the reading
         return false;
     readings.isIncomplete = reads.hasFailed();
     return _store(hardware.deviceID(), std::move(readings));
+}
+
+/// A generic reference includes the channel count: a device with another count is a different device, so its
+/// count is kept. A count that differs from the reference's came from an archive, and is replaced. The mutex is
+/// held.
+uint32_t DXRDevice::_countToKeep(uint32_t now) const
+{
+    const bool isGeneric = _values->channelCount != 0 && _reference->isGeneric();
+    return isGeneric && _reference->channelCount(isInput()) != now ? _values->channelCount : now;
 }
 
 bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
@@ -537,11 +551,8 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
         _storedTicket = readings.ticket;
         _isIncomplete = readings.isIncomplete;
         DXRDeviceValues& values = readings.values;
-        // A generic reference includes the channel count: a device with another count is a different device,
-        // so keep the count. A count that differs from the reference's came from an archive, and is replaced.
-        const bool isGeneric = _values->channelCount != 0 && _reference->isGeneric();
-        if (isGeneric && _reference->channelCount(isInput()) != values.channelCount)
-            values.channelCount = _values->channelCount;
+        if (_volumeSetPending != 0)
+            _hasUnreadVolume = true;
         // The hardware's volume is a float: if it equals ours as a float, keep ours, the exact value written.
         if (_volumeSetPending != 0 || readings.volumeWrites != _volumeWrites ||
             static_cast<float>(values.volume) == static_cast<float>(_values->volume))

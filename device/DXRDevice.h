@@ -86,8 +86,9 @@ public:
     /// unset.
     CXPlist overrideForKey(const std::string& key) const;
     std::vector<std::string> overrideKeys() const;
-    /// A null `value` removes the setting. Waits for the disk.
-    void setOverride(const CXPlist& value, const std::string& key);
+    /// A null `value` removes the setting. Waits for the disk. Returns false if the value is too long or
+    /// cannot be stored for another reason (DXRDeviceOverrides::setObject).
+    bool setOverride(const CXPlist& value, const std::string& key);
     /// Everything needed to list and describe the device while it is absent; initWithArchive() reads it.
     CXPlist archive() const;
     const CXRef<DXRKVOHelper>& kvo() const noexcept { return _kvo; }
@@ -121,6 +122,7 @@ private:
     DXRDeviceHardware _hardware() const;
     bool _updateCachedProperties();
     bool _readAndStore();
+    uint32_t _countToKeep(uint32_t now) const;
     bool _store(AudioObjectID deviceID, Readings readings);
     enum class VolumeWrite { Refused, Unchanged, Settled };
     void _updateCachedVolumeProperty(double volume);
@@ -177,8 +179,8 @@ private:
     std::optional<std::string> _displayNameWithSource;
     CXRef<DXRDeviceReference> _reference;
     // Local volume writes in progress: each from before its call of the hardware to the end of its settling
-    // time. While there are any, volume notifications only set _hasUnreadVolume: they result from these
-    // writes, or are read at the end.
+    // time. While there are any, volume notifications and refreshes only set _hasUnreadVolume: what they read
+    // results from these writes, or is read at the end.
     uint32_t _volumeSetPending = 0;
     bool _hasUnreadVolume = false;
 

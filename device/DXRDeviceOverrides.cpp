@@ -9,7 +9,9 @@
 #include "Utf8.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -51,8 +53,13 @@ std::string keyOfEntry(const DXRDeviceReference& reference, const DefaultsSnapsh
     return entry ? entry->key() : reference.string();
 }
 
-/// The changes that write `overrides` under the key; an entry without overrides is removed. Returns no
-/// changes if the entry would be too long to be read back, because the whole entry would be lost.
+/// Otherwise the whole entry would be lost.
+bool canBeReadBack(const CXPlist& overrides)
+{
+    return CXPlistFitsJSON(overrides) && CXJSONWithPlist(overrides).size() <= CXJSONMaximumBytes;
+}
+
+/// The changes that write `overrides` under the key; an entry without overrides is removed.
 DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, const DefaultsSnapshot& now)
 {
     const CXRef<DefaultsRow> row = now.row(key);
@@ -60,7 +67,7 @@ DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, con
     if (!overrides.empty())
         text = CXJSONWithPlist(overrides);
     const bool isSame = row ? text == row->value() : !text;
-    if (isSame || (text && text->size() > CXJSONMaximumBytes) || !CXPlistFitsJSON(overrides))
+    if (isSame)
         return {};
     return {{key, std::move(text)}};
 }
@@ -191,12 +198,12 @@ std::optional<std::string> DXRDeviceOverrides::stringForKey(const std::optional<
     return value.is_null() ? std::nullopt : std::optional(value.get<std::string>());
 }
 
-void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std::string>& key)
+bool DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std::string>& key)
 {
     // Limit one value to half the limit of an entry, to leave room for the other values.
     if (!key || !CXPlistFitsJSON(value) || !hasFiniteNumbers(value) ||
         key->size() + CXJSONWithPlist(value).size() > CXJSONMaximumBytes / 2)
-        return;
+        return false;
     std::optional<std::string> entryKey; // empty: not yet known
     _mutex->execute([&] {
         if (_isFound)
@@ -204,7 +211,8 @@ void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
     });
     // The edit changes the overrides stored at that moment, not the ones known here, so that no override just
     // set by another process is lost.
-    const auto edit = [entryKey, reference = _reference, key = dxr::utf8Replaced(*key), value,
+    const auto fits = std::make_shared<std::atomic<bool>>(true); // the edit may run again later
+    const auto edit = [entryKey, reference = _reference, key = dxr::utf8Replaced(*key), value, fits,
                        owner = _ownerBundleID()](const DefaultsSnapshot& now) {
         const std::string found = entryKey ? *entryKey : keyOfEntry(*reference, now);
         CXPlist overrides = overridesIn(now.row(found));
@@ -215,7 +223,8 @@ void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
             overrides[key] = value;
         if (!value.is_null() && owner)
             overrides[ownerKey] = *owner;
-        return changesFor(found, overrides, now);
+        *fits = canBeReadBack(overrides);
+        return *fits ? changesFor(found, overrides, now) : DefaultsChanges();
     };
     _defaults->update(edit);
     if (entryKey)
@@ -223,6 +232,7 @@ void DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
     else
         _find();
     _defaults->synchronize();
+    return *fits;
 }
 
 void DXRDeviceOverrides::performFactoryReset()

@@ -46,9 +46,10 @@ public:
     std::optional<std::string> stringForKey(const std::optional<std::string>& key) const;
 
     /// Sets the override for all applications, on behalf of this application; null removes it. Returns when
-    /// the change is on the disk. Does nothing without a key, or if the value could not be read back: nested
-    /// too deeply, too long (CXJSON.h), or with a number that is not finite.
-    void setObject(const CXPlist& value, const std::optional<std::string>& key);
+    /// the change is on the disk. Returns false and does nothing without a key, or if the value could not be
+    /// read back: nested too deeply, with a number that is not finite, longer than half of
+    /// CXJSONMaximumBytes with its key, or longer than these with the device's other overrides.
+    bool setObject(const CXPlist& value, const std::optional<std::string>& key);
 
     /// Removes all overrides, of all devices, that were last set by this application. Does nothing if the
     /// application has no identifier (CXSetMainBundleIdentifier).

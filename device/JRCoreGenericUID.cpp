@@ -2,7 +2,9 @@
 
 #include "AudioHardware.h"
 #include "USBRegistry.h"
+#include "Utf8.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <string_view>
@@ -73,6 +75,18 @@ std::string withUpperDigits(std::string text)
     return text;
 }
 
+/// The length in UTF-16 units, in which the positions of the rule are counted.
+size_t utf16Length(std::string_view text)
+{
+    size_t units = 0;
+    while (!text.empty()) {
+        const size_t length = std::max<size_t>(dxr::utf8CharacterLength(text), 1);
+        units += length == 4 ? 2 : 1;
+        text.remove_prefix(length);
+    }
+    return units;
+}
+
 /// The position in the ID of the location of a present device, the first in the registry's order.
 std::optional<size_t> endOfModelPart(const std::string& deviceUID, const USBRegistryContents& contents)
 {
@@ -87,7 +101,8 @@ std::optional<size_t> endOfModelPart(const std::string& deviceUID, const USBRegi
         size_t at = text.find(paddedWithZeros);
         if (at == std::string::npos)
             at = text.find(paddedWithSpaces);
-        if (at != std::string::npos && at >= 2 && !isHexadecimalDigit(text[at - 1]))
+        if (at != std::string::npos && utf16Length(std::string_view(text).substr(0, at)) >= 2 &&
+            !isHexadecimalDigit(text[at - 1]))
             return at;
     }
     return std::nullopt;

@@ -194,11 +194,12 @@ bool DXRDeviceRunner::addDevice(const CXRef<DXRDevice>& device, const std::optio
     return isAdded;
 }
 
-void DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
+bool DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
 {
     CX_ASSERT_NOT_ON_QUEUE(_queue);
     if (!device)
-        return;
+        return false;
+    bool isRemoved = false;
     _queue->dispatchSync([&] {
         CX_ASSERT_ON_QUEUE(_queue);
         size_t index = notFound;
@@ -211,7 +212,9 @@ void DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
             nodes.erase(nodes.begin() + static_cast<std::ptrdiff_t>(index));
         });
         _propertiesChanged();
+        isRemoved = true;
     });
+    return isRemoved;
 }
 
 bool DXRDeviceRunner::addDefaultDevice(Direction direction, const std::optional<Channels>& channels,

@@ -82,8 +82,8 @@ public:
     bool addDefaultDevice(Direction direction, const std::optional<Channels>& channels,
                           const DXRIOBlock& ioblock);
     void removeDefaultDevice(Direction direction);
-    /// Does nothing if the device was not added, or was added only as the default device.
-    void removeDevice(const CXRef<DXRDevice>& device);
+    /// Returns false if the device was not added, or only as the default device.
+    bool removeDevice(const CXRef<DXRDevice>& device);
     Devices devices() const;
     /// The devices that run now.
     Devices activeDevices() const;

@@ -43,7 +43,8 @@ RunnerDeviceNotifiers::Block RunnerDeviceNotifiers::_wrapped(const Block& block,
         const CXRef<CXObject> strong = weak.lock();
         if (!strong)
             return;
-        CX_ASSERT_NOT_ON_QUEUE(_queue);
+        // Also right on the runner's queue: work there may look up a hidden device, which makes the update that
+        // we are told of on the same thread.
         _queue->dispatchAsync([this, weak, block, connected, disconnected, changed] {
             const CXRef<CXObject> stillThere = weak.lock();
             if (!stillThere)

@@ -28,8 +28,8 @@ int main()
     const DXRDeviceManager::NotifierBlock notifier = [](const DXRDeviceManager::Devices& connected,
                                                         const DXRDeviceManager::Devices& disconnected,
                                                         const DXRDeviceManager::Devices& /*updated*/) {
+        print("disconnected", disconnected); // a device that was replugged quickly is in both sets
         print("connected", connected);
-        print("disconnected", disconnected);
     };
     // Register first, then list: this misses no device, and prints a device that appears in between twice.
     manager.addDeviceNotifier(CXRef<dxr::WorkQueue>(&mainQueue), notifier);

@@ -38,6 +38,19 @@ constexpr std::array defaults{
     Default{kAudioHardwarePropertyDefaultSystemOutputDevice, false, "soundEffectsDevice"},
 };
 
+/// A reference, parsed.
+struct ParsedReference {
+    CXRef<DXRDeviceReference> whole; // without the direction; null if the text is no reference with one
+    bool isInput;
+};
+
+ParsedReference parsedReference(const std::optional<std::string>& text)
+{
+    const CXRef<DXRDeviceReference> parsed = text ? DXRDeviceReference::initWithString(*text) : nullptr;
+    const std::optional<bool> input = parsed ? parsed->isInput() : std::nullopt;
+    return {input ? parsed->deviceReferenceWithInput(std::nullopt) : nullptr, input.value_or(false)};
+}
+
 } // namespace
 
 /// The results of an update so far.
@@ -211,32 +224,32 @@ CXRef<DXRDevice> DXRDeviceManager::deviceWithDeviceUID(const std::optional<std::
 
 CXRef<DXRDevice> DXRDeviceManager::deviceWithReference(const std::optional<std::string>& reference)
 {
-    const std::vector<CXRef<DXRDevice>> devices = devicesWithReference(reference);
-    return devices.empty() ? nullptr : devices.front();
+    const ParsedReference wanted = parsedReference(reference);
+    CXRef<DXRDevice> device;
+    if (wanted.whole)
+        lock().execute([&] { device = _deviceWithReference(wanted.whole, wanted.isInput, nullptr); });
+    return device;
 }
 
 std::vector<CXRef<DXRDevice>>
 DXRDeviceManager::devicesWithReference(const std::optional<std::string>& reference)
 {
-    const CXRef<DXRDeviceReference> parsed =
-        reference ? DXRDeviceReference::initWithString(*reference) : nullptr;
-    const std::optional<bool> input = parsed ? parsed->isInput() : std::nullopt;
-    const CXRef<DXRDeviceReference> whole = input ? parsed->deviceReferenceWithInput(std::nullopt) : nullptr;
+    const ParsedReference wanted = parsedReference(reference);
     std::vector<CXRef<DXRDevice>> devices;
     const auto add = [&](const CXRef<DXRDeviceInfo>& info) {
-        const CXRef<DXRDevice> device = info ? _deviceOfInfo(*info, *input, false, nullptr) : nullptr;
+        const CXRef<DXRDevice> device = info ? _deviceOfInfo(*info, wanted.isInput, false, nullptr) : nullptr;
         if (device && std::ranges::find(devices, device) == devices.end())
             devices.push_back(device);
         return bool(info);
     };
-    if (!whole)
+    if (!wanted.whole)
         return devices;
     lock().execute([&] {
-        if (add(_connectedDevicesByID->firstEqual(*whole)))
+        if (add(_connectedDevicesByID->firstEqual(*wanted.whole)))
             return;
-        std::ranges::for_each(_connectedDevicesByID->allGenericallyEqual(*whole), add);
-        add(_archivedDevices->firstEqual(*whole));
-        std::ranges::for_each(_archivedDevices->allGenericallyEqual(*whole), add);
+        std::ranges::for_each(_connectedDevicesByID->allGenericallyEqual(*wanted.whole), add);
+        add(_archivedDevices->firstEqual(*wanted.whole));
+        std::ranges::for_each(_archivedDevices->allGenericallyEqual(*wanted.whole), add);
     });
     return devices;
 }
@@ -254,15 +267,11 @@ CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> 
     const CXPlist referenceText = vtObjectForKey(*parsed, "ref", CXPlistKind::String);
     if (version.is_null() || CXDoubleValue(version) != 1.0 || referenceText.is_null())
         return nullptr;
-    const auto reference = DXRDeviceReference::initWithString(referenceText.get_ref<const std::string&>());
-    const std::optional<bool> input = reference ? reference->isInput() : std::nullopt;
-    if (!input)
-        return nullptr;
-    const CXRef<DXRDeviceReference> whole = reference->deviceReferenceWithInput(std::nullopt);
-    if (!whole)
+    const ParsedReference wanted = parsedReference(referenceText.get_ref<const std::string&>());
+    if (!wanted.whole)
         return nullptr;
     CXRef<DXRDevice> device;
-    lock().execute([&] { device = _deviceWithReference(whole, *input, &*parsed); });
+    lock().execute([&] { device = _deviceWithReference(wanted.whole, wanted.isInput, &*parsed); });
     return device;
 }
 

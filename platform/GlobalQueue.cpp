@@ -3,6 +3,7 @@
 #include "Thread.h"
 
 #include <sys/resource.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace dxr {
@@ -29,11 +30,24 @@ void GlobalQueue::async(Work work)
         return;
     const std::scoped_lock lock(_mutex);
     _waiting.push_back(std::move(work));
-    if (_waiting.size() > _idle && _threads < maxThreads) {
+    if (_waiting.size() > _idle && _threads < maxThreads)
+        _addThread();
+    _changed.notify_one();
+}
+
+/// Starts a thread for the work that was queued last. If none can be created, the work waits for the others;
+/// without any, it is removed and the error thrown.
+void GlobalQueue::_addThread()
+{
+    try {
         Thread("dxr-global", [this] { _serve(); }).detach();
         ++_threads;
+    } catch (const std::system_error&) {
+        if (_threads > 0)
+            return;
+        _waiting.pop_back();
+        throw;
     }
-    _changed.notify_one();
 }
 
 bool GlobalQueue::isCurrent() const noexcept

@@ -22,6 +22,7 @@ private:
     GlobalQueue() : WorkQueue("global") {}
     ~GlobalQueue() override = default;
 
+    void _addThread();
     void _serve();
 
     std::mutex _mutex;

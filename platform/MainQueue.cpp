@@ -40,6 +40,8 @@ size_t MainQueue::drain()
     {
         const std::scoped_lock lock(_mutex);
         left = _waiting.size();
+        if (left == 0)
+            _clearSignal(); // of a stop()
     }
     size_t count = 0;
     while (count < left && _runOne())
@@ -51,7 +53,7 @@ void MainQueue::run()
 {
     constexpr int pollMilliseconds = 20; // used only without a descriptor
     while (!_stopped.load()) {
-        if (drain() > 0)
+        if (drain() > 0 || _stopped.load()) // a stop() before drain() has no signal any more
             continue;
         pollfd readable{_descriptor, POLLIN, 0};
         while (poll(&readable, 1, _descriptor < 0 ? pollMilliseconds : -1) < 0 && errno == EINTR) {

@@ -28,8 +28,9 @@ public:
     void run()
     {
         const Turn turn(*this);
-        while (const Work work = _next()) {
+        while (Work work = _next()) {
             work();
+            work = nullptr; // what it has captured is destroyed in its turn too
             _endTurn();
         }
     }

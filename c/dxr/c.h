@@ -113,7 +113,8 @@ DXR_C_API dxr_status dxr_hardware_error(const char** text);
 
 /* ---- Devices */
 
-/* All values of a device at one time. The memory includes everything that the fields point to. */
+/* The values of a device, each as it is when it is read: a change meanwhile may show in some of them only.
+ * The memory includes everything that the fields point to. */
 typedef struct dxr_device_info {
     size_t size;
     const char* uid;
@@ -161,7 +162,8 @@ DXR_C_API dxr_status dxr_device_make_default(dxr_device* device);
 
 /* A setting of a device, shared by all applications of the user, as JSON; "null" if unset. */
 DXR_C_API dxr_status dxr_device_get_setting(dxr_device* device, const char* key, const char** json);
-/* "null" removes the setting. Waits for the disk. */
+/* "null" removes the setting. Waits for the disk. Returns DXR_ERROR_ARGUMENT for a value of over half a
+ * megabyte, or if the device's settings would exceed one. */
 DXR_C_API dxr_status dxr_device_set_setting(dxr_device* device, const char* key, const char* json);
 /* The keys that have values, as a JSON array. */
 DXR_C_API dxr_status dxr_device_setting_keys(dxr_device* device, const char** json);
@@ -210,9 +212,9 @@ typedef struct dxr_runner_state {
     uint64_t sample_time; /* frames since the start; like all fields below, 0 once stopped */
     uint64_t cycles;
     uint64_t late_cycles; /* cycles that ended after the next was due */
-    uint64_t lost_frames; /* frames lost by all devices */
-    uint64_t restarts;    /* because a device appeared, disappeared or changed */
-    char error[256];      /* why a running runner has no audio; empty if it has */
+    uint64_t lost_frames; /* frames lost by all devices since the last restart */
+    uint64_t restarts; /* for a device that was added, removed, plugged, unplugged or changed, or to retry */
+    char error[256];   /* why a running runner has no audio; empty if it has */
 } dxr_runner_state;
 
 /* How long samples take between a block and the air in one direction of a device, itemised by cause, in
@@ -230,15 +232,15 @@ typedef struct dxr_latency {
     double ring_frames;      /* if clocks differ */
 } dxr_latency;
 
-/* `frames` frames at `sample_rate` with `channels` channels, initially silent. If it repeats, it continues at
- * its start after its end: to play a loop, to record the latest seconds, or, recorded into and played by one
- * runner, to pass an input through to an output. */
+/* `frames` frames at `sample_rate`, which should be the runner's, with `channels` channels, initially silent.
+ * If it repeats, frame n of the runner is frame n modulo `frames` of the sound: to play a loop, to record the
+ * latest seconds, or, recorded into and played by one runner, to pass an input through to an output. */
 DXR_C_API dxr_status dxr_sound_new(uint64_t frames, uint32_t channels, double sample_rate, int repeats,
                                    dxr_sound** sound);
-/* The interleaved samples, valid while the handle is held. Frames from dxr_sound_position() on may be
- * accessed by a running runner. */
+/* The interleaved samples, valid while the handle is held. A running runner may access the frames from
+ * dxr_sound_position() on; all, if the sound repeats. */
 DXR_C_API dxr_status dxr_sound_samples(dxr_sound* sound, float** samples);
-/* Frames played or recorded so far; keeps counting when the sound repeats. */
+/* Frames played or recorded so far, by all nodes of the sound; keeps counting when it repeats. */
 DXR_C_API dxr_status dxr_sound_position(dxr_sound* sound, uint64_t* frames);
 
 DXR_C_API dxr_status dxr_runner_new(dxr_runner** runner);
@@ -249,11 +251,12 @@ DXR_C_API dxr_status dxr_runner_set_format(dxr_runner* runner, uint32_t frames, 
 DXR_C_API dxr_status dxr_runner_set_quality(dxr_runner* runner, dxr_quality quality);
 /* May be called while the runner runs; it then pauses briefly, and sample times continue. */
 DXR_C_API dxr_status dxr_runner_add(dxr_runner* runner, const dxr_node* node);
-/* The device's callback does not run after this returns. */
+/* The device's callback does not run after this returns. Returns DXR_ERROR_NOT_FOUND for a device that the
+ * runner does not have, or only as the default. */
 DXR_C_API dxr_status dxr_runner_remove(dxr_runner* runner, dxr_device* device);
 DXR_C_API dxr_status dxr_runner_remove_default(dxr_runner* runner, dxr_direction direction);
-/* Devices may be absent, refuse to start or disappear: callbacks are still called, by a timer if there is no
- * device. */
+/* Devices may be absent or disappear: callbacks are still called, by a timer if there is no device. While
+ * devices refuse to start, callbacks pause, the start is tried again, and `error` of the state says why. */
 DXR_C_API dxr_status dxr_runner_start(dxr_runner* runner);
 /* No audio callback runs after this returns. */
 DXR_C_API dxr_status dxr_runner_stop(dxr_runner* runner);
@@ -263,8 +266,8 @@ DXR_C_API dxr_status dxr_runner_active_devices(dxr_runner* runner, dxr_device* c
                                                size_t* count);
 /* As of the last cycle. Returns DXR_ERROR_STATE if the device does not run, or before the first cycle. */
 DXR_C_API dxr_status dxr_runner_get_latency(dxr_runner* runner, dxr_device* device, dxr_latency* latency);
-/* Called when the runner's state or its active devices have changed, never concurrently. Null removes the
- * callback. */
+/* Called when the runner has started, stopped or failed, or its devices have changed, never concurrently.
+ * Null removes the callback. */
 typedef void (*dxr_runner_callback)(void* user);
 DXR_C_API dxr_status dxr_runner_follow(dxr_runner* runner, dxr_runner_callback callback, void* user);
 

@@ -42,13 +42,18 @@ struct HALIOProcTable::Proc {
     const AudioDeviceIOProcID procID;
     const AudioDeviceIOBlock block;
     std::atomic<bool> started{false};
-    std::array<std::array<std::atomic<bool>, 64>, 2>
-        streamIsOff{}; // by HALDirection and stream; later streams are always on
+    /// The streams of a direction that are off. Beyond the first thousand they are on or off together.
+    struct Usage {
+        std::array<std::atomic<bool>, 1024> isOff{};
+        std::atomic<bool> isRestOff{false};
+    };
+    std::array<Usage, 2> usage; // by HALDirection
 
     bool isOff(HALDirection direction, size_t stream) const noexcept
     {
-        const auto& off = streamIsOff[static_cast<size_t>(direction)];
-        return stream < off.size() && off[stream].load(std::memory_order_relaxed);
+        const Usage& streams = usage[static_cast<size_t>(direction)];
+        const auto& isOff = stream < streams.isOff.size() ? streams.isOff[stream] : streams.isRestOff;
+        return isOff.load(std::memory_order_relaxed);
     }
 };
 
@@ -147,8 +152,10 @@ bool HALIOProcTable::destroy(AudioDeviceIOProcID procID)
         if (slot < maxProcs)
             proc.reset(_slots[slot].exchange(nullptr)); // the call that gets the pointer frees it
     }
-    if (!proc)
+    if (!proc) { // another call has removed it, and may still wait for its cycle
+        _waitForCycle();
         return false;
+    }
     _retire(std::move(proc));
     return true;
 }
@@ -223,9 +230,10 @@ bool HALIOProcTable::setStreamUsage(AudioDeviceIOProcID procID, HALDirection dir
     Proc* proc = _find(procID);
     if (!proc)
         return false;
-    auto& off = proc->streamIsOff[static_cast<size_t>(direction)];
-    for (size_t stream = 0; stream < off.size(); ++stream)
-        off[stream].store(stream >= usage.size() || usage[stream] == 0, std::memory_order_relaxed);
+    Proc::Usage& streams = proc->usage[static_cast<size_t>(direction)];
+    for (size_t stream = 0; stream < streams.isOff.size(); ++stream)
+        streams.isOff[stream].store(stream >= usage.size() || usage[stream] == 0, std::memory_order_relaxed);
+    streams.isRestOff.store(usage.size() <= streams.isOff.size(), std::memory_order_relaxed);
     return true;
 }
 

@@ -426,6 +426,7 @@ HALStatus HALModel::createAggregateDevice(const CXValue& description, AudioObjec
     const std::scoped_lock creation(_creationMutex);
     if (_deviceWithUID(valid->uid))
         return kAudioHardwareIllegalOperationError;
+    _aggregates->prepare();
     const auto aggregate = AggregateDevice::initWithDescription(
         std::move(*valid), *this, [this](const std::string& uid) { return _deviceWithUID(uid); });
     deviceID = deviceAdded(aggregate, aggregate->look());

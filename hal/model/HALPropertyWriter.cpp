@@ -5,7 +5,7 @@
 void HALPropertyWriter::putValue(const CXPlist& value)
 {
     if (_record) {
-        _record->append(value.dump()).push_back('\0');
+        _record->append(value.dump(-1, ' ', false, CXPlist::error_handler_t::replace)).push_back('\0');
         return;
     }
     CXObject* object = nullptr;

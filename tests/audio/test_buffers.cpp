@@ -230,6 +230,7 @@ TEST(DXRBuffer, silencesACopyBetweenFormatsAndAddsNothing)
     EXPECT_THROW(DXRBuffer::init(), CXException);
     for (const uint32_t side : {1U << 31, UINT32_MAX}) // a size beyond 64 bits, and one beyond any memory
         EXPECT_FALSE(DXRBuffer::initWithSampleRate(48000, side, side));
+    DXRBuffer::initWithSampleRate(48000, UINT32_MAX, 0)->copyToDeinterleavedFloats(nullptr); // returns
 }
 
 TEST(DXRBuffer, showsItsChannelsAndFrames)

@@ -77,12 +77,4 @@ TEST(DXRMutex, holdsTheLockForABlockAndReturnsItsResult)
     EXPECT_TRUE(isFree(*mutex));
 }
 
-TEST(DXRAtomicCompareExchangeUInt32, changesOnlyTheExpectedValue)
-{
-    uint32_t value = 7;
-    EXPECT_FALSE(DXRAtomicCompareExchangeUInt32(6, 9, &value));
-    EXPECT_TRUE(DXRAtomicCompareExchangeUInt32(7, 9, &value));
-    EXPECT_EQ(value, 9U);
-}
-
 } // namespace

@@ -1,6 +1,7 @@
 #include "CXRealtime.h"
 #include "Eventually.h"
 
+#include <dxr/DXRDeviceManager.h>
 #include <dxr/c.h>
 #include <gtest/gtest.h>
 
@@ -8,8 +9,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
-#include <dlfcn.h>
-#include <fstream>
 #include <functional>
 #include <pthread.h>
 #include <set>
@@ -59,20 +58,6 @@ protected:
     dxr_runner* runner = nullptr;
 };
 
-TEST_F(CInterface, exportsWhatItsHeaderDeclaresUnderOneVersion)
-{
-    std::ifstream header(DXR_C_HEADER);
-    size_t count = 0;
-    for (std::string line; std::getline(header, line);) {
-        if (!line.starts_with("DXR_C_API"))
-            continue;
-        const size_t end = line.find('('), begin = line.find_last_of(" *", end) + 1;
-        EXPECT_TRUE(dlvsym(RTLD_DEFAULT, line.substr(begin, end - begin).c_str(), "DXR_C_1")) << line;
-        ++count;
-    }
-    EXPECT_GE(count, 45U);
-}
-
 TEST_F(CInterface, refusesInvalidCallsWithAMessage)
 {
     simulate();
@@ -90,6 +75,7 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
         return dxr_runner_add(runner, &made);
     };
     const uint32_t zero = 0;
+    const std::string tooLong = '"' + std::string(600'000, 'x') + '"';
     const std::vector<std::tuple<const char*, dxr_status, dxr_status>> rows = {
         {"handle is null", dxr_device_get_info(nullptr, &info), DXR_ERROR_ARGUMENT},
         {"never was one", dxr_retain(&rows), DXR_ERROR_HANDLE},
@@ -97,6 +83,12 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
         {"not an archived device", dxr_device_from_archive("junk", 4, &device), DXR_ERROR_NOT_FOUND},
         {"volume is not from 0 to 1", dxr_device_set_volume(output, std::nan("")), DXR_ERROR_ARGUMENT},
         {"not JSON", dxr_device_set_setting(output, "key", "{"), DXR_ERROR_TEXT},
+        {"too long", dxr_device_set_setting(output, "key", tooLong.c_str()), DXR_ERROR_ARGUMENT},
+        {"not a reference", dxr_device_with_reference("{junk}", &device), DXR_ERROR_TEXT},
+        {"does not run", dxr_simulated_lose_cycles(computer, "cable", 1), DXR_ERROR_STATE},
+        {"", add(nullptr, keepSilent), DXR_OK},
+        {"only as the default", dxr_runner_remove(runner, output), DXR_ERROR_NOT_FOUND},
+        {"", dxr_runner_remove_default(runner, DXR_OUTPUT), DXR_OK},
         {"size is not the size", node([](dxr_node& n) { n.size = 0; }), DXR_ERROR_ARGUMENT},
         {"channel 0", node([&](dxr_node& n) { n.channels = &zero, n.channel_count = 1; }),
          DXR_ERROR_ARGUMENT},
@@ -259,6 +251,19 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
                                                                                {DXR_CONNECTED, input},
                                                                                {DXR_CONNECTED, output}}));
     EXPECT_EQ(dxr_release(seen.follower), DXR_ERROR_HANDLE);
+    dxr_follower* other = nullptr;
+    dxr_change last = DXR_UPDATED;
+    const auto keep = [](dxr_device*, dxr_change change, void* user) {
+        if (change != DXR_UPDATED)
+            *static_cast<dxr_change*>(user) = change;
+    };
+    ASSERT_EQ(dxr_follow(keep, &last, &other), DXR_OK);
+    DXRDeviceManager::queue().sync([&] { // for one update of both changes
+        dxr_simulated_unplug(computer, "cable");
+        dxr_simulated_plug(computer, &cable);
+    });
+    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    EXPECT_EQ(last, DXR_CONNECTED);
     dxr_device* again = nullptr;
     ASSERT_EQ(dxr_device_with_uid("cable", DXR_OUTPUT, &again), DXR_OK);
     EXPECT_EQ(again, output) << "one handle for a device, gone and returned";

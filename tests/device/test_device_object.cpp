@@ -184,7 +184,7 @@ TEST_F(DXRDeviceTest, keepsTheVolumeOfASlider)
     EXPECT_EQ(device->volume(), 100 / 223.0);
     EXPECT_TRUE(announced.empty());
     EXPECT_EQ(keeper->updatesSinceLast(), 0);
-    EXPECT_LT(reads, 100);
+    EXPECT_LT(reads, 200);
     for (int i = 101; i <= 200; ++i) {
         if (i % 7 == 0)
             reportVolume(static_cast<float>(i - 5) / 223.0F);

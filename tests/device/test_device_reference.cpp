@@ -121,7 +121,7 @@ TEST(GenericUID, blanksThePartsThatDependOnThePlace)
         {"a location without a device", usb, "model:15100000", none},
         {"behind a hexadecimal digit", usb, "modelA14100000", none},
         {"only its first place counts", usb, "modelA14100000:14100000", none},
-        {"too near the start", usb, ":14100000", none},
+        {"too near the start, in characters", usb, "é14100000", none},
         {"the device listed first decides", usb, "m:03140000:14100000", "m:03140000:"},
         {"0 is no location", usb, "model:00000000", none},
         {"a display", displayPort, display("a:b:c:{d}"), display(":::{d}")},

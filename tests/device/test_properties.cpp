@@ -93,6 +93,13 @@ TEST_F(Properties, describeADevice)
         EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), expected);
     }
     AudioDeviceDestroyIOProcID(box, procID);
+    SimulatedDeviceBuilder many = aDevice().uid("many");
+    for (int i = 0; i < 66; ++i)
+        many.outputs(1);
+    const AudioObjectID wide = hal.plug(many);
+    ASSERT_EQ(AudioDeviceCreateIOProcIDWithBlock(&procID, wide, nullptr, [](auto...) {}), 0);
+    QDLAudioDeviceSetStreamUsage(wide, procID, output, std::nullopt);
+    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(wide, procID, output), Usage(66, false));
 }
 
 TEST_F(Properties, listTheOutsideVirtualDeviceExactlyWhenItShowsItself)

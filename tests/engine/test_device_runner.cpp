@@ -167,6 +167,15 @@ TEST_F(DXRDeviceRunnerTest, assertsWhereWaitingForItsQueueCouldNeverEnd)
     EXPECT_FALSE(runner->isRunning());
 }
 
+TEST_F(DXRDeviceRunnerTest, mayLookUpAHiddenDeviceOnItsQueue)
+{
+    plug(headset());
+    plug(aDevice().uid("shy").outputs(2).hidden());
+    runner->start();
+    settle();
+    runner->queue()->dispatchSync([&] { EXPECT_TRUE(manager.deviceWithDeviceUID("shy", output)); });
+}
+
 // One cycle is late: the following ones catch up in whole cycles.
 TEST_F(DXRDeviceRunnerTest, keepsCallingItsBlocksWithoutAnyDevice)
 {

@@ -104,6 +104,28 @@ TEST_F(EngineCyclesTest, carriesEveryFrameExactlyAtEqualAndUnequalFrameCounts)
     }
 }
 
+TEST_F(EngineCyclesTest, leavesTheBufferOfAnAbsentInputAsItIs)
+{
+    plug(aDevice().uid("mic").inputs(1));
+    plug(aDevice().uid("out").outputs(2).bufferFrameSize(frames).bufferFrameSizeRange(frames, frames));
+    std::vector<float> seen;
+    ASSERT_TRUE(runner->addDevice(device("out", output), std::nullopt, idle));
+    ASSERT_TRUE(runner->addDevice(device("mic", input), std::nullopt, [&](uint64_t, DXRBuffer& heard) {
+        const CXRealtimeExemption exemption("the test's own bookkeeping");
+        seen.push_back(std::exchange(heard.samples()[0], 7.0F));
+    }));
+    unplug("mic");
+    for (const uint32_t runnerFrames : {frames, frames / 2}) {
+        runner->setFrameCount(runnerFrames);
+        runner->start();
+        hal.stepCycles(2);
+        runner->stop();
+        ASSERT_GE(seen.size(), 2U);
+        EXPECT_EQ(seen.back(), 7.0F) << runnerFrames;
+        seen.clear();
+    }
+}
+
 TEST_F(EngineCyclesTest, followsARateThatAnotherProgramChanges)
 {
     plug(aDevice().uid("loop").inputs(2).outputs(2));

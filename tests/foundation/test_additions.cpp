@@ -69,15 +69,16 @@ TEST(PlistDictionaries, convertWhatTheyHold)
         EXPECT_EQ(safeDoubleForKey(values, "k"), row.real);
         EXPECT_EQ(safeBoolForKey(values, "k"), row.boolean) << row.real;
     }
-    const CXPlist values = {{"", 1},           {"yes", true},       {"text", "a"}, {"list", {640, 480}},
-                            {"null", nullptr}, {"size", "{3, 4.5}"}};
+    const CXPlist values = {{"", 1},           {"yes", true},
+                            {"text", "a"},     {"list", {640, 480}},
+                            {"null", nullptr}, {"size", "{0.1, 16777217}"}};
     EXPECT_EQ(safeIntegerForKey(values, "absent"), 0);
     EXPECT_EQ(vtIntForKey(values, "null", 7), 7);
     EXPECT_EQ(vtIntForKey(CXPlist{{"k", std::nan("")}}, "k", 7), 0);
     EXPECT_EQ(vtFloatForKey(values, "list", 7.0F), 0.0F) << "a present value of any type is converted";
     EXPECT_TRUE(vtBoolForKey(values, "absent", true));
     EXPECT_EQ(vtSizeForKey(values, "list", {1, 1}), (CXSize{640, 480}));
-    EXPECT_EQ(vtSizeForKey(values, "size", {1, 1}), (CXSize{3, 4.5}));
+    EXPECT_EQ(vtSizeForKey(values, "size", {1, 1}), (CXSize{0.1, 16777217}));
     EXPECT_EQ(vtSizeForKey(values, "absent", {1, 1}), (CXSize{1, 1}));
     EXPECT_EQ(vtObjectForKey(values, "yes", CXPlistKind::Number), true) << "a boolean is a number";
     EXPECT_EQ(vtObjectForKey(values, "text", CXPlistKind::Number), nullptr);
@@ -159,15 +160,20 @@ TEST(Strings, areCutCleanedAndReplaced)
     simpleReplace(text, "a", "aa");
     simpleReplace(text, "", "never");
     EXPECT_EQ(text, "aaXXaa");
-    text = "%name %nameLong %n";
-    simpleReplaceKeysWithValuesFrom(text, {{"%n", "c"}, {"%name", "a"}, {"%nameLong", "b"}, {"", "never"}});
-    EXPECT_EQ(text, "a b c");
+    text = "%name %nameLong %n xy";
+    simpleReplaceKeysWithValuesFrom(
+        text, {{"%n", "c"}, {"%name", "a"}, {"%nameLong", "b"}, {"xy", "日"}, {"日", "d"}, {"", "never"}});
+    EXPECT_EQ(text, "a b c d") << "the longest in characters first";
 
     const auto bytes = [](std::string_view data) { return std::as_bytes(std::span(data)); };
     EXPECT_EQ(stringWithUTF8Data(bytes("\xC3\xA4")), "ä");
     EXPECT_EQ(stringWithUTF8Data(bytes("\xE4")), std::nullopt);
     EXPECT_EQ(stringWithData(bytes("\xE4"), "ISO-8859-1"), "ä");
-    EXPECT_EQ(stringWithData(bytes("a"), "no such encoding"), std::nullopt);
+    EXPECT_EQ(stringWithData(bytes("\xE0"), "CP1255"), "א") << "held back for a point";
+    EXPECT_EQ(stringWithData(bytes("\x82\x82\x82"), "TSCII")->size(), 36U);
+    EXPECT_EQ(stringWithData(bytes("\xF4\x90\x80\x80"), "UTF-8"), std::nullopt);
+    for (const char* const unknown : {"no such encoding", ""})
+        EXPECT_EQ(stringWithData(bytes("a"), unknown), std::nullopt);
     const std::string uuid = uuidString();
     EXPECT_TRUE(uuid.size() == 36 && uuid[14] == '4' && std::string_view("89AB").find(uuid[19]) < 4) << uuid;
     EXPECT_NE(uuid, uuidString());
@@ -196,6 +202,7 @@ TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
         {"1;2", 2, 1, {1}},
         {"nan inf", 1, 0, {}},
         {"- 1", 1, 0, {}},
+        {"٣ 1", 1, 0, {}},
         // Beyond a float's range while parsing; the exponent's sign alone does not decide on which side.
         {tinyTimes100, 1, 1, {0}},
         {hugeBy100, 1, 1, {infinity}},

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -55,19 +54,6 @@ TEST(TFA, carvesChunksInAscendingOrderAroundThePageBoundaries)
             ASSERT_TRUE(offset % 4096 == 0 || addressOf(TFA_malloc(size)) == chunk + offset) << size;
         EXPECT_NE(addressOf(TFA_malloc(size)) & ~uintptr_t{16383}, chunk) << size;
     }
-}
-
-TEST(TFA, growsWithFarFewerMappingsThanChunks)
-{
-    const auto mappingCount = [] {
-        std::ifstream maps("/proc/self/maps");
-        return std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
-    };
-    constexpr int chunks = 4096, blocksPerChunk = 3; // blocks of 4096 bytes
-    const auto before = mappingCount();
-    for (int i = 0; i < chunks * blocksPerChunk; ++i)
-        ASSERT_NE(TFA_malloc(4096), nullptr);
-    EXPECT_LE(mappingCount(), before + chunks / 64);
 }
 
 TEST(TFA, reallocatesByClassAndKeepsTheContent)

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <future>
+#include <memory>
 #include <poll.h>
 #include <thread>
 #include <vector>
@@ -49,6 +51,22 @@ TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
     });
 }
 
+TEST(SerialQueue, destroysWorkBeforeOtherWorkRuns)
+{
+    const CXRef<SerialQueue> queue = SerialQueue::initWithLabel("last");
+    std::atomic<bool> isDestroyed{false};
+    std::thread other;
+    std::shared_ptr<void> last(nullptr, [&](void*) {
+        other = std::thread([&] { queue->sync([&] { EXPECT_TRUE(isDestroyed); }); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        isDestroyed = true;
+    });
+    queue->async([held = std::move(last)] {});
+    while (!isDestroyed)
+        std::this_thread::yield();
+    other.join();
+}
+
 TEST(MainQueue, showsWaitingWorkAndBelongsToTheThreadThatServesIt)
 {
     MainQueue& queue = MainQueue::shared();
@@ -78,8 +96,13 @@ TEST(MainQueue, showsWaitingWorkAndBelongsToTheThreadThatServesIt)
         queue.stop();
         server.join();
         EXPECT_FALSE(queue.isCurrent());
+        queue.drain(); // run() may have returned before stop() has
         EXPECT_FALSE(isReadable());
     }
+    queue.stop();
+    EXPECT_EQ(queue.drain(), 0U);
+    EXPECT_FALSE(isReadable());
+    queue.run(); // returns at once
 }
 
 } // namespace

@@ -21,7 +21,7 @@ TEST_F(DxrCommand, writesAWholeTrace)
     size_t cycles = 0;
     for (const json& event : json::parse(std::ifstream(path("run.json"))))
         cycles += event.at("name") == "aggregate cycle";
-    EXPECT_NEAR(static_cast<double>(cycles), 90, 60);
+    EXPECT_TRUE(cycles > 0 && cycles < 150) << cycles; // few if the machine is busy
     const std::string svg = contentOf(path("run.svg"));
     expectWholeSVG(svg);
     expectContains(svg, "Loop-back Cable -&gt; Built-in Speakers");

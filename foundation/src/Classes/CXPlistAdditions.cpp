@@ -50,8 +50,9 @@ CXSize sizeValue(const CXPlist& value)
 {
     if (value.is_array() && value.size() == 2)
         return {CXDoubleValue(value[0]), CXDoubleValue(value[1])};
-    float sides[2] = {0, 0};
-    if (const auto* text = value.get_ptr<const std::string*>(); text && scanFloatArray(*text, sides, 2) == 2)
+    double sides[2] = {0, 0};
+    if (const auto* text = value.get_ptr<const std::string*>();
+        text && CXScanDoubleArray(*text, sides, 2) == 2)
         return {sides[0], sides[1]};
     return {0, 0};
 }

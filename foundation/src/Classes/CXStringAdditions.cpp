@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cwctype>
@@ -38,12 +39,34 @@ char32_t codePointOf(std::string_view character)
     }
 }
 
+size_t characterCount(std::string_view text)
+{
+    size_t count = 0;
+    for (; !text.empty(); text.remove_prefix(firstCharacter(text).size()))
+        ++count;
+    return count;
+}
+
 bool isSpace(std::string_view character)
 {
     const char32_t c = codePointOf(character);
     return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
            (c >= 0x2000 && c <= 0x200B) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F ||
            c == 0x3000;
+}
+
+/// Returns true for decimal digits other than 0 to 9, which the C library counts as letters.
+bool isForeignDigit(char32_t c)
+{
+    // The digits 0 of Unicode 14; the other nine follow each.
+    static constexpr char32_t zeros[] = {
+        0x660,   0x6F0,   0x7C0,   0x966,   0x9E6,   0xA66,   0xAE6,   0xB66,   0xBE6,   0xC66,   0xCE6,
+        0xD66,   0xDE6,   0xE50,   0xED0,   0xF20,   0x1040,  0x1090,  0x17E0,  0x1810,  0x1946,  0x19D0,
+        0x1A80,  0x1A90,  0x1B50,  0x1BB0,  0x1C40,  0x1C50,  0xA620,  0xA8D0,  0xA900,  0xA9D0,  0xA9F0,
+        0xAA50,  0xABF0,  0xFF10,  0x104A0, 0x10D30, 0x11066, 0x110F0, 0x11136, 0x111D0, 0x112F0, 0x11450,
+        0x114D0, 0x11650, 0x116C0, 0x11730, 0x118E0, 0x11950, 0x11C50, 0x11D50, 0x11DA0, 0x16A60, 0x16AC0,
+        0x16B50, 0x1D7CE, 0x1D7D8, 0x1D7E2, 0x1D7EC, 0x1D7F6, 0x1E140, 0x1E2F0, 0x1E950, 0x1FBF0};
+    return std::ranges::any_of(zeros, [c](char32_t zero) { return c >= zero && c - zero < 10; });
 }
 
 /// Returns true if scanFloatArray() skips the character.
@@ -55,7 +78,7 @@ bool isSkipped(std::string_view character)
     if (c < 0x80)
         return std::isalpha(static_cast<int>(c)) != 0 ||
                std::string_view("*= ,:{}()[]").find(static_cast<char>(c)) != std::string_view::npos;
-    return unicode && iswalpha_l(static_cast<wint_t>(c), unicode) != 0;
+    return unicode && iswalpha_l(static_cast<wint_t>(c), unicode) != 0 && !isForeignDigit(c);
 }
 
 /// Returns the length of the decimal number at the start of `text`, or 0 if there is none.
@@ -121,6 +144,20 @@ template <class Real> Real numberValue(std::string_view text)
     return isNegative ? -value : value;
 }
 
+template <class Number> int32_t scanNumbers(std::string_view text, Number* numbers, int32_t count)
+{
+    for (int32_t read = 0; read < count; ++read) {
+        while (!text.empty() && isSkipped(firstCharacter(text)))
+            text.remove_prefix(firstCharacter(text).size());
+        const size_t length = numberLength(text);
+        if (length == 0)
+            return read;
+        numbers[read] = numberValue<Number>(text.substr(0, length));
+        text.remove_prefix(length);
+    }
+    return count;
+}
+
 } // namespace
 
 std::string uuidString()
@@ -138,21 +175,29 @@ std::string uuidString()
 
 std::optional<std::string> stringWithData(std::span<const std::byte> data, const std::string& encoding)
 {
+    if (encoding.empty())
+        return std::nullopt; // iconv would take the locale's
     const iconv_t converter = iconv_open("UTF-8", encoding.c_str());
     if (converter == reinterpret_cast<iconv_t>(-1))
         return std::nullopt;
     std::string input(reinterpret_cast<const char*>(data.data()), data.size());
-    std::string text(data.size() * 4 + 4, '\0'); // sufficient for all encodings
+    std::string text;
     char* from = input.data();
-    char* to = text.data();
     size_t left = input.size();
-    size_t room = text.size();
-    const bool isWhole = iconv(converter, &from, &left, &to, &room) != static_cast<size_t>(-1) && left == 0;
+    bool isValid = true;
+    for (bool isLast = false; isValid && !isLast;) {
+        isLast = left == 0;
+        char piece[256];
+        char* to = piece;
+        size_t room = sizeof piece;
+        // The last call fetches what the decoder has held back, to combine it with a mark that did not come.
+        const size_t result = iconv(converter, isLast ? nullptr : &from, &left, &to, &room);
+        isValid = result != static_cast<size_t>(-1) || errno == E2BIG;
+        text.append(piece, to);
+    }
     iconv_close(converter);
-    if (!isWhole)
-        return std::nullopt;
-    text.resize(text.size() - room);
-    return text;
+    // iconv also decodes what is beyond Unicode's last character.
+    return isValid ? stringWithUTF8Data(std::as_bytes(std::span(text))) : std::nullopt;
 }
 
 std::optional<std::string> stringWithUTF8Data(std::span<const std::byte> data)
@@ -213,16 +258,12 @@ std::string stringByReplacingQuotesWithSmartQuotes(std::string_view text)
 
 int32_t scanFloatArray(std::string_view text, float* floats, int32_t count)
 {
-    for (int32_t read = 0; read < count; ++read) {
-        while (!text.empty() && isSkipped(firstCharacter(text)))
-            text.remove_prefix(firstCharacter(text).size());
-        const size_t length = numberLength(text);
-        if (length == 0)
-            return read;
-        floats[read] = numberValue<float>(text.substr(0, length));
-        text.remove_prefix(length);
-    }
-    return count;
+    return scanNumbers(text, floats, count);
+}
+
+int32_t CXScanDoubleArray(std::string_view text, double* numbers, int32_t count)
+{
+    return scanNumbers(text, numbers, count);
 }
 
 bool hasPrefixInArray(std::string_view text, const CXPlist& prefixes)
@@ -251,7 +292,8 @@ void simpleReplaceKeysWithValuesFrom(std::string& text, const CXPlist& replaceme
         if (value.is_string())
             pairs.emplace_back(key, value.get<std::string>());
     }
-    std::ranges::stable_sort(pairs, std::greater(), [](const auto& pair) { return pair.first.size(); });
+    std::ranges::stable_sort(pairs, std::greater(),
+                             [](const auto& pair) { return characterCount(pair.first); });
     for (const auto& [key, value] : pairs)
         simpleReplace(text, key, value);
 }

@@ -34,6 +34,8 @@ DXR_EXPORT std::string stringByReplacingQuotesWithSmartQuotes(std::string_view t
 /// Returns how many were read before the end or another character was found. A number out of range is
 /// infinite. If `count` is negative, returns it and writes nothing.
 DXR_EXPORT int32_t scanFloatArray(std::string_view text, float* floats, int32_t count);
+/// As scanFloatArray(), in double precision.
+DXR_EXPORT int32_t CXScanDoubleArray(std::string_view text, double* numbers, int32_t count);
 /// Returns true if `text` begins with one of `prefixes`, an array of strings.
 DXR_EXPORT bool hasPrefixInArray(std::string_view text, const CXPlist& prefixes);
 /// Replaces every occurrence of `target`, compared byte by byte. Does nothing if `target` is empty.

@@ -5,11 +5,16 @@ AggregateRegistry::~AggregateRegistry()
     shutDown();
 }
 
-void AggregateRegistry::add(AudioObjectID deviceID, const CXRef<AggregateDevice>& device)
+void AggregateRegistry::prepare()
 {
     const std::scoped_lock lock(_mutex);
     if (!_queue)
         _queue = dxr::SerialQueue::initWithLabel("dxr-aggregates");
+}
+
+void AggregateRegistry::add(AudioObjectID deviceID, const CXRef<AggregateDevice>& device)
+{
+    const std::scoped_lock lock(_mutex);
     _devices.emplace(deviceID, device);
 }
 

@@ -16,6 +16,8 @@ public:
     AggregateRegistry(const AggregateRegistry&) = delete;
     AggregateRegistry& operator=(const AggregateRegistry&) = delete;
 
+    /// Creates the queue, before the first add(). Throws std::system_error if no thread can be created.
+    void prepare();
     void add(AudioObjectID deviceID, const CXRef<AggregateDevice>& device);
     /// Returns null if the device is not an aggregate.
     CXRef<AggregateDevice> device(AudioObjectID deviceID) const;
@@ -34,6 +36,6 @@ private:
 
     mutable std::mutex _mutex; // guards what follows; held for look-ups only
     std::map<AudioObjectID, CXRef<AggregateDevice>> _devices;
-    CXRef<dxr::SerialQueue> _queue; // created with the first aggregate
+    CXRef<dxr::SerialQueue> _queue; // created for the first aggregate
     bool _isRefreshing = false;     // a refresh is queued that has not begun
 };

@@ -73,12 +73,14 @@ void AlsaDriver::_run()
 {
     const AlsaQuiet quiet;
     for (;;) {
-        _wait();
+        const bool isOnlyFolder = _wait();
         if (_isStopping)
             return;
         for (const auto& [number, entry] : _cards)
             entry.card->reservation().process();
-        const std::vector<int> appeared = _readFolder();
+        std::vector<int> appeared;
+        if (!_readFolder(appeared) && isOnlyFolder)
+            continue;
         _dropCardsThatAreGone(); // first, because a new card may reuse the number
         for (const int number : appeared)
             _openCard(number);
@@ -86,18 +88,22 @@ void AlsaDriver::_run()
     }
 }
 
-/// Waits until a card, a run, another program or the bus has an event.
-void AlsaDriver::_wait()
+/// Waits until a card, a run, another program or the bus has an event. Returns true if only the folder has.
+bool AlsaDriver::_wait()
 {
     std::vector<pollfd> polled{{_wakeUps, POLLIN, 0}, {_folder, POLLIN, 0}};
     for (const auto& [number, entry] : _cards) {
         polled.push_back(entry.card->descriptor());
         polled.push_back({entry.card->reservation().descriptor(), POLLIN, 0});
     }
-    if (poll(polled.data(), polled.size(), -1) < 0 && errno != EINTR)
+    const bool isBlind = _wakeUps < 0 || _folder < 0; // out of descriptors: look now and then
+    if (poll(polled.data(), polled.size(), isBlind ? 500 : -1) < 0 && errno != EINTR)
         usleep(100'000); // out of memory: do not spin
     uint64_t count = 0;
     [[maybe_unused]] const ssize_t size = read(_wakeUps, &count, sizeof count);
+    return std::ranges::all_of(polled, [this](const pollfd& each) {
+        return (each.fd == _folder && each.fd >= 0) == (each.revents != 0);
+    });
 }
 
 /// The folder /dev/snd may appear only with the first card.
@@ -107,11 +113,20 @@ void AlsaDriver::_watchFolder()
     inotify_add_watch(_folder, "/dev/snd", cardAppears | cardIsUsed | IN_ONLYDIR);
 }
 
-/// The numbers of the cards that may have appeared or become accessible. A card's control device is created
-/// last, so the card is then complete.
-std::vector<int> AlsaDriver::_readFolder()
+/// Adds the numbers of the cards that may have appeared or become accessible. A card's control device is
+/// created last, so the card is then complete. Returns true if anything may have changed: control devices are
+/// opened by every search for a PCM, our own included, which would wake us again and again.
+bool AlsaDriver::_readFolder(std::vector<int>& numbers)
 {
-    std::vector<int> numbers;
+    bool hasChanged = false;
+    const auto addAll = [&] {
+        _watchFolder();
+        numbers.resize(maxCards);
+        std::iota(numbers.begin(), numbers.end(), 0);
+        hasChanged = true;
+    };
+    if (_folder < 0)
+        addAll();
     alignas(inotify_event) char room[4096];
     for (ssize_t size; (size = read(_folder, room, sizeof room)) > 0;) {
         inotify_event event;
@@ -119,17 +134,16 @@ std::vector<int> AlsaDriver::_readFolder()
             std::memcpy(&event, at, sizeof event);
             const char* const name = event.len > 0 ? at + sizeof event : "";
             int number = -1;
+            hasChanged = hasChanged || (event.mask & cardIsUsed) == 0 || std::strncmp(name, "pcm", 3) == 0;
             if ((event.mask & IN_Q_OVERFLOW) != 0 ||
                 (event.wd == _devWatch && std::strcmp(name, "snd") == 0)) {
-                _watchFolder();
-                numbers.resize(maxCards);
-                std::iota(numbers.begin(), numbers.end(), 0);
+                addAll();
             } else if ((event.mask & cardAppears) != 0 && std::sscanf(name, "controlC%3d", &number) == 1) {
                 numbers.push_back(number);
             }
         }
     }
-    return numbers;
+    return hasChanged;
 }
 
 void AlsaDriver::_openCard(int number)

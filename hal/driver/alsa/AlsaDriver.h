@@ -30,10 +30,10 @@ private:
     ~AlsaDriver() override;
 
     void _run();
-    void _wait();
+    bool _wait();
     void _wake() const noexcept;
     void _watchFolder();
-    std::vector<int> _readFolder();
+    bool _readFolder(std::vector<int>& numbers);
     void _openCard(int number);
     void _dropCardsThatAreGone();
     void _refresh();

@@ -167,7 +167,7 @@ uint32_t PipeWireDevice::maxFrames(const PipeWireClockSettings& settings) const
     for (const HALDirection direction : halDirections)
         if (const PipeWireNode* half = node(direction))
             most = std::max(most, half->properties().number("clock.quantum-limit").value_or(0));
-    return std::min(most, 65536U);
+    return std::min(most, PipeWireClockSettings::longestCycle);
 }
 
 std::optional<uint32_t> PipeWireDevice::cardDevice(HALDirection direction) const

@@ -159,9 +159,11 @@ void PipeWireHardware::_finishWhen(const Reply& reply, std::function<bool()> sho
 void PipeWireHardware::_finishWhen(const PipeWireDevice& device, const Reply& reply,
                                    std::function<bool(const PipeWireDevice&)> shows)
 {
-    _finishWhen(reply, [this, driver = device.driver, shows = std::move(shows)] {
+    _finishWhen(reply, [this, reply, driver = device.driver, shows = std::move(shows)] {
         const PipeWireDevice* now = deviceOf(driver.get());
-        return !now || shows(*now);
+        if (!now)
+            reply->finish(kAudioHardwareBadDeviceError);
+        return now && shows(*now);
     });
 }
 

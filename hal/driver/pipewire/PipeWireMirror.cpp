@@ -321,16 +321,18 @@ PipeWireClockSettings PipeWireMirror::clockSettings() const
     PipeWireClockSettings settings;
     if (!_settings)
         return settings;
-    const auto take = [this](const char* key, uint32_t& value) {
-        if (const std::vector<uint32_t> numbers = _settings->numbers(key); !numbers.empty())
-            value = numbers.front();
+    // 0 is the server's default value, or forces nothing. No server runs longer cycles than the limit.
+    const auto take = [this](const char* key, uint32_t& value, uint32_t limit) {
+        if (const std::vector<uint32_t> numbers = _settings->numbers(key); !numbers.empty() && numbers[0] > 0)
+            value = std::min(numbers.front(), limit);
     };
-    take("clock.rate", settings.rate);
-    take("clock.quantum", settings.frameCount);
-    take("clock.min-quantum", settings.minFrames);
-    take("clock.max-quantum", settings.maxFrames);
-    take("clock.force-rate", settings.forcedRate);
-    take("clock.force-quantum", settings.forcedFrameCount);
+    take("clock.rate", settings.rate, UINT32_MAX);
+    take("clock.quantum", settings.frameCount, PipeWireClockSettings::longestCycle);
+    take("clock.min-quantum", settings.minFrames, PipeWireClockSettings::longestCycle);
+    take("clock.max-quantum", settings.maxFrames, PipeWireClockSettings::longestCycle);
+    take("clock.force-rate", settings.forcedRate, UINT32_MAX);
+    take("clock.force-quantum", settings.forcedFrameCount, PipeWireClockSettings::longestCycle);
+    settings.maxFrames = std::max(settings.maxFrames, settings.minFrames);
     settings.allowedRates = _settings->numbers("clock.allowed-rates");
     return settings;
 }

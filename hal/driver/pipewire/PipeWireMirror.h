@@ -19,9 +19,10 @@ struct PipeWireGroup {
 
 /// The clock settings of the server.
 struct PipeWireClockSettings {
-    uint32_t rate = 48000;                ///< Hz; used unless a client asks for another
-    std::vector<uint32_t> allowedRates{}; ///< Hz
-    uint32_t frameCount = 1024;           ///< per cycle; used unless a client asks for another
+    static constexpr uint32_t longestCycle = 65536; ///< frames; no server runs longer ones
+    uint32_t rate = 48000;                          ///< Hz; used unless a client asks for another
+    std::vector<uint32_t> allowedRates{};           ///< Hz
+    uint32_t frameCount = 1024;                     ///< per cycle; used unless a client asks for another
     uint32_t minFrames = 32;
     uint32_t maxFrames = 2048;
     uint32_t forcedRate = 0;       ///< Hz; 0: not forced

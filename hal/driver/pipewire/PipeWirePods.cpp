@@ -150,7 +150,7 @@ std::optional<uint32_t> pipeWireParseProfile(const spa_pod* param)
 std::vector<PipeWireRateRange> pipeWireParseRates(const spa_pod* format)
 {
     const spa_pod* value = valueOf(format, SPA_FORMAT_AUDIO_rate);
-    if (!value)
+    if (!value || (SPA_POD_TYPE(value) == SPA_TYPE_Choice && !spa_pod_is_choice(value)))
         return {};
     uint32_t count = 0;
     uint32_t choice = SPA_CHOICE_None;

@@ -8,6 +8,8 @@ void PipeWireProperties::merge(const spa_dict* dictionary)
 {
     for (uint32_t i = 0; dictionary && i < dictionary->n_items; ++i) {
         const spa_dict_item& item = dictionary->items[i];
+        if (!item.key) // from a server that does not keep the protocol
+            continue;
         if (item.value)
             _all[item.key] = item.value;
         else

@@ -67,6 +67,8 @@ void PipeWireRun::deviceDisappears(const PipeWireDevice& device)
     for (size_t place = 0; place < _members.size(); ++place)
         if (_members[place].device == &device)
             setDevice(place, nullptr, nullptr);
+    if (_isOfOneDevice() && _startReply)
+        std::exchange(_startReply, nullptr)->finish(kAudioHardwareBadDeviceError);
 }
 
 void PipeWireRun::connectionLost()

@@ -20,6 +20,8 @@ void makeValid(HALDeviceState& state)
     for (HALDirectionState& direction : state.directions) {
         for (HALDataSourceState& source : direction.dataSources)
             source.name = dxr::utf8Replaced(source.name);
+        for (std::string& name : direction.channelNames)
+            name = dxr::utf8Replaced(name);
     }
 }
 

@@ -75,7 +75,8 @@ uint64_t SimulatedRun::nextCycleTicks() const
 {
     const std::scoped_lock lock(_mutex);
     const CXRef<SimulatedRunMember>& leader = _leader();
-    return leader && !_isEnded ? leader->nextCycleTicks() : UINT64_MAX;
+    // Without frames or a rate there is no next cycle.
+    return leader && !_isEnded && leader->cycleTicks() > 0 ? leader->nextCycleTicks() : UINT64_MAX;
 }
 
 uint64_t SimulatedRun::cycleTicks() const

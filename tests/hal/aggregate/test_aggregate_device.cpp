@@ -113,6 +113,9 @@ TEST_F(AggregateDevices, refusesWhatItCannotBe)
             << row;
     }
     EXPECT_EQ(readDevices(*model).size(), 1U);
+    const AudioObjectID odd = makeAggregate(*model, {"a\xFF"}, {{"uid", "not UTF-8 \xFF"}});
+    EXPECT_EQ(readDevices(*model).back(), odd);
+    EXPECT_EQ(model->destroyAggregateDevice(odd), kAudioHardwareNoError);
     const AudioObjectID empty = makeAggregate(*model, {"absent"});
     EXPECT_EQ(Copier(*model, empty).status(), kAudioHardwareUnspecifiedError);
     const AudioObjectID nested = makeAggregate(*model, {"taken", "aggregate"}, {{"uid", "nested"}});

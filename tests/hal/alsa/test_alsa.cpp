@@ -164,6 +164,9 @@ TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
     FakedCards::set(late, FakedFault::NoRights, false);
     device("late");
     EXPECT_EQ(deviceWithUID(*hal, "alsa:busy:0"), kAudioObjectUnknown) << "its abilities are not known";
+    const size_t opens = FakedCards::controlOpens(busy);
+    sleepForMilliseconds(100);
+    EXPECT_LT(FakedCards::controlOpens(busy), opens + 20) << "the driver wakes itself";
 
     // A device in use is described by what it does.
     for (const char* direction : {"pcm0p", "pcm0c"}) {

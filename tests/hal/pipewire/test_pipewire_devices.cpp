@@ -218,6 +218,18 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     EXPECT_EQ(defaultOf(kAudioHardwarePropertyDefaultInputDevice), kAudioObjectUnknown);
 }
 
+TEST_F(PipeWireDevices, useOnlyClockSettingsThatCanBe)
+{
+    const AudioObjectID device = plug({.name = "sink"});
+    for (const auto& [text, frames] : {std::pair("1024", 1024.0), {"0", 2048.0}, {"2000000000", 65536.0}}) {
+        client.setMetadata("settings", "clock.max-quantum", text);
+        EXPECT_TRUE(eventually([&, frames = frames] {
+            const auto range = read<AudioValueRange>(device, kAudioDevicePropertyBufferFrameSizeRange);
+            return range && range->maximum == frames;
+        })) << text;
+    }
+}
+
 class PipeWireDefaults : public PipeWireDevices {
 protected:
     PipeWireDefaults() : PipeWireDevices(PrivateServer::Options{.sessionManager = true}) {}

@@ -1,10 +1,14 @@
 #include "AudioHardware.h"
 #include "HALVolume.h"
 #include "PipeWireNaming.h"
+#include "PipeWirePods.h"
 #include "PipeWireTimeline.h"
 #include "USBRegistry.h"
 
 #include <gtest/gtest.h>
+#include <spa/param/audio/format.h>
+#include <spa/param/param.h>
+#include <spa/pod/pod.h>
 
 namespace {
 
@@ -12,6 +16,18 @@ std::string uidOf(const PipeWireProperties& node, const PipeWireProperties* card
                   bool isWholeCard = false)
 {
     return pipeWireUID({node, card}, isWholeCard);
+}
+
+TEST(PipeWirePods, aChoiceThatIsTooShortCountsAsMissing)
+{
+    const struct {
+        spa_pod_object object{{sizeof(spa_pod_object_body) + 24, SPA_TYPE_Object},
+                              {SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat}};
+        uint32_t key = SPA_FORMAT_AUDIO_rate, flags = 0;
+        spa_pod choice{8, SPA_TYPE_Choice};
+        uint32_t type = SPA_CHOICE_Enum, choiceFlags = 0;
+    } format{};
+    EXPECT_TRUE(pipeWireParseRates(&format.object.pod).empty());
 }
 
 TEST(PipeWireNaming, makesUIDsThatOutliveTheOrderOfArrival)

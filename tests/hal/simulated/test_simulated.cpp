@@ -2,6 +2,9 @@
 
 #include "HALIO.h"
 
+#include <future>
+#include <thread>
+
 namespace {
 
 class SimulatedHardwareIO : public testing::Test {
@@ -86,6 +89,8 @@ TEST_F(SimulatedHardwareIO, runsOnItsOwnClockAndStampsCyclesAsLateAsAskedFor)
         late.push_back(static_cast<double>(cycle.now.hostTime - begin) * 1e-9 - due);
     }));
     hal->stepCycles(4000);
+    hal->reconfigure("late", [](SimulatedDeviceBuilder& each) { each.bufferFrameSize(0); });
+    hal->advance(1'000'000'000); // without frames there are no cycles
     ASSERT_EQ(late.size(), 4000U);
     std::ranges::sort(late);
     EXPECT_NEAR(late[2000], lateness, 5e-6);
@@ -117,6 +122,25 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
     hal->stepCycles(3);
     EXPECT_EQ(channels, (std::vector<uint32_t>{2, 6, 99}));
     EXPECT_EQ(hal->deviceID("shape"), kAudioObjectUnknown);
+}
+
+TEST_F(SimulatedHardwareIO, aCallbackThatIsRemovedTwiceHasEndedForBoth)
+{
+    const AudioObjectID device = hal->plug(aDevice().uid("slow").outputs(2));
+    std::promise<void> entered;
+    std::atomic<bool> isOver{false};
+    const RunningProc proc(*model, device, [&](auto...) {
+        const CXRealtimeExemption exemption("a callback that takes long");
+        entered.set_value();
+        sleepForMilliseconds(60);
+        isOver = true;
+    });
+    std::jthread io([&] { hal->stepCycles(1); });
+    entered.get_future().wait();
+    std::jthread unplugger([&] { hal->unplug("slow"); });
+    sleepForMilliseconds(20); // until the unplugging has removed it
+    model->destroyIOProc(device, proc.id);
+    EXPECT_TRUE(isOver);
 }
 
 // A device that is unplugged during any step of its start runs no more cycles.

@@ -23,6 +23,7 @@ public:
     FakedCardOptions options;
     std::vector<FakedPcm*> pcms; ///< the open ones
     bool isGone = false;
+    size_t controlOpens = 0;
     void setFault(FakedFault fault, bool isThere);
     bool has(FakedFault fault) const { return _faults[static_cast<size_t>(fault)]; }
 

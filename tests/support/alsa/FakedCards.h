@@ -53,6 +53,8 @@ public:
     /// Sets a control as another program would.
     static void setControl(int card, unsigned number, long left, long right);
     static long control(int card, unsigned number, unsigned index = 0);
+    /// How often this process has opened its control device.
+    static size_t controlOpens(int card);
     /// Number of its devices that this process has open: its PCMs and its control device.
     static size_t openFiles(int card);
 };

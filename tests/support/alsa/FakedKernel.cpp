@@ -14,11 +14,10 @@ std::string controlFile(int number)
     return kernel().folder + "/controlC" + std::to_string(number);
 }
 
-/// Opens and closes the card's file: programs that watch the folder notice it.
-void useFile(int number)
+/// Opens and closes a card's file: programs that watch the folder notice it.
+void useFile(const std::string& path)
 {
-    FakedLibrary::close(
-        FakedLibrary::open(controlFile(number).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0660));
+    FakedLibrary::close(FakedLibrary::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0660));
 }
 
 } // namespace
@@ -59,7 +58,7 @@ int FakedCards::plug(const FakedCardOptions& options)
     while (kernel().cards.contains(number) && !kernel().cards[number]->isGone)
         ++number;
     kernel().cards[number] = std::make_shared<FakedCard>(number, options);
-    useFile(number);
+    useFile(controlFile(number));
     return number;
 }
 
@@ -93,7 +92,7 @@ void FakedCards::set(int number, FakedFault fault, bool isThere)
         if (isStop && pcm->runs())
             pcm->setState(fault == FakedFault::Overload ? SNDRV_PCM_STATE_XRUN : SNDRV_PCM_STATE_SUSPENDED);
     if (fault == FakedFault::Busy)
-        useFile(number);
+        useFile(kernel().folder + "/pcmC" + std::to_string(number) + "D0p");
     if (fault == FakedFault::NoRights)
         utimensat(AT_FDCWD, controlFile(number).c_str(), nullptr, 0); // as udev changes its attributes
 }
@@ -110,6 +109,12 @@ long FakedCards::control(int number, unsigned control, unsigned index)
 {
     const Guard guard(kernel().lock);
     return kernel().cards.at(number)->controls.at(control - 1).value.at(index);
+}
+
+size_t FakedCards::controlOpens(int number)
+{
+    const Guard guard(kernel().lock);
+    return kernel().cards.at(number)->controlOpens;
 }
 
 size_t FakedCards::openFiles(int number)

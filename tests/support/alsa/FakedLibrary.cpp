@@ -58,9 +58,12 @@ int openCard(const char* path)
     if (descriptor < 0)
         return -errno;
     kernel().isOurs.at(static_cast<size_t>(descriptor)) = true;
-    if (isControl)
+    if (isControl) {
         kernel().controls[descriptor].card = card;
-    else
+        ++card->controlOpens;
+        const std::string file = kernel().folder + "/controlC" + std::to_string(number);
+        FakedLibrary::close(FakedLibrary::open(file.c_str(), O_RDONLY | O_CLOEXEC, 0)); // for who watches it
+    } else
         kernel().pcms[descriptor] = std::make_unique<FakedPcm>(card, pcm, isCapture, descriptor);
     return descriptor;
 }

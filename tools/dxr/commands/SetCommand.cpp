@@ -183,8 +183,7 @@ void remember(SettingOptions& options)
         throw CLI::ValidationError("remember", "needs a VALUE for the KEY");
     const CXPlist parsed = CXPlist::parse(*options.value, nullptr, false);
     const CXPlist value = parsed.is_discarded() ? CXPlist(*options.value) : parsed;
-    device->setOverride(value, *options.key);
-    if (device->overrideForKey(*options.key) != value)
+    if (!device->setOverride(value, *options.key))
         throw ToolFailure("this value cannot be stored");
 }
 
