@@ -205,6 +205,30 @@ TEST_F(HALModelDrivers, aChangeThatComesAsTheDeviceGoesLeavesNoStreams)
     }
 }
 
+TEST_F(HALModelDrivers, aCallbackThatTheUnpluggingRemovesHasEndedForItsDestroyerToo)
+{
+    const AudioObjectID device = hardware->plug(aDevice().uid("slow").outputs(2));
+    std::promise<void> entered;
+    std::atomic<bool> isOver{false};
+    const RunningProc proc(*model, device, [&](auto...) {
+        const CXRealtimeExemption exemption("a callback that takes long");
+        entered.set_value();
+        sleepForMilliseconds(60);
+        isOver = true;
+    });
+    std::jthread io([&] {
+        std::array<float, 64> samples{};
+        const AudioTimeStamp now{};
+        AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
+        hardware->callback(&now, nullptr, nullptr, &list, &now);
+    });
+    entered.get_future().wait();
+    std::jthread unplugger([&] { hardware->sink->deviceRemoved(*hardware->device("slow")); });
+    sleepForMilliseconds(20); // until it has removed the callback
+    EXPECT_EQ(model->destroyIOProc(device, proc.id), kAudioHardwareBadDeviceError);
+    EXPECT_TRUE(isOver);
+}
+
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
 {
     std::multiset<HALDeadline> deadlines;

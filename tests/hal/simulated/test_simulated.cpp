@@ -2,9 +2,6 @@
 
 #include "HALIO.h"
 
-#include <future>
-#include <thread>
-
 namespace {
 
 class SimulatedHardwareIO : public testing::Test {
@@ -122,25 +119,6 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
     hal->stepCycles(3);
     EXPECT_EQ(channels, (std::vector<uint32_t>{2, 6, 99}));
     EXPECT_EQ(hal->deviceID("shape"), kAudioObjectUnknown);
-}
-
-TEST_F(SimulatedHardwareIO, aCallbackThatIsRemovedTwiceHasEndedForBoth)
-{
-    const AudioObjectID device = hal->plug(aDevice().uid("slow").outputs(2));
-    std::promise<void> entered;
-    std::atomic<bool> isOver{false};
-    const RunningProc proc(*model, device, [&](auto...) {
-        const CXRealtimeExemption exemption("a callback that takes long");
-        entered.set_value();
-        sleepForMilliseconds(60);
-        isOver = true;
-    });
-    std::jthread io([&] { hal->stepCycles(1); });
-    entered.get_future().wait();
-    std::jthread unplugger([&] { hal->unplug("slow"); });
-    sleepForMilliseconds(20); // until the unplugging has removed it
-    model->destroyIOProc(device, proc.id);
-    EXPECT_TRUE(isOver);
 }
 
 // A device that is unplugged during any step of its start runs no more cycles.
