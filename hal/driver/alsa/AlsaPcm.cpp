@@ -142,7 +142,7 @@ std::optional<AlsaAbilities> AlsaPcm::probe(const std::string& name, HALDirectio
         can.channelCount = std::max(minChannels, usualChannels);
     can.minFrames = static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(minPeriod, UINT32_MAX));
     can.maxFrames = static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(maxRing / 2, maxCycleFrames));
-    const std::optional<AlsaAbilities> found = usable(can);
+    std::optional<AlsaAbilities> found = usable(can);
     error = found ? 0 : -EINVAL;
     return found;
 }

@@ -263,7 +263,7 @@ void PipeWireHardware::setDataSource(PipeWireDevice& device, HALDirection direct
 void PipeWireHardware::chooseDefaultDevice(HALDefault which, const PipeWireDevice& device, const Reply& reply)
 {
     const HALDirection direction = which == HALDefault::Input ? HALDirection::Input : HALDirection::Output;
-    const std::string name = device.nodeName(direction);
+    const std::string& name = device.nodeName(direction);
     if (name.empty() || !_mirror.setDefault(direction == HALDirection::Input, name))
         return reply->finish(kAudioHardwareUnspecifiedError);
     _finishWhen(reply, [this, name, direction] {
