@@ -197,8 +197,6 @@ bool DXRDeviceRunner::addDevice(const CXRef<DXRDevice>& device, const std::optio
 bool DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
 {
     CX_ASSERT_NOT_ON_QUEUE(_queue);
-    if (!device)
-        return false;
     bool isRemoved = false;
     _queue->dispatchSync([&] {
         CX_ASSERT_ON_QUEUE(_queue);
