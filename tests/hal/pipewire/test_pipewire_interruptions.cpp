@@ -20,6 +20,7 @@ protected:
     {
         RampCheck played;
         const RunningProc proc(*hal, waitForDevice(*hal, "sink.monitor"), checkingRamp(played));
+        EXPECT_EQ(proc.status, kAudioHardwareNoError);
         return played.waitForMore(4096);
     }
 };
