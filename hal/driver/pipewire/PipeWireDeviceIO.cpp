@@ -185,11 +185,12 @@ bool PipeWireDeviceIO::isPaused() const
     return _hadCycles && pw_filter_get_state(_filter, nullptr) == PW_FILTER_STATE_PAUSED;
 }
 
-bool PipeWireDeviceIO::hasLostMemory() const
+bool PipeWireDeviceIO::isDamaged() const
 {
-    return std::ranges::any_of(_outputs, [](const Stream& stream) {
+    const auto hasLostMemory = [](const Stream& stream) {
         return std::ranges::any_of(stream.ports, [](const auto& port) { return port->hasLostMemory(); });
-    });
+    };
+    return _hasLostPort || std::ranges::any_of(_outputs, hasLostMemory);
 }
 
 std::optional<uint32_t> PipeWireDeviceIO::nodeID() const
@@ -210,8 +211,10 @@ void PipeWireDeviceIO::setOwnPorts(const std::vector<PipeWirePort>& own)
                 ids[port.index] = port.id;
         return std::ranges::find(ids, SPA_ID_INVALID) == ids.end() ? ids : std::vector<uint32_t>();
     };
-    if (!_ownInputs.empty() || !_ownOutputs.empty())
+    if (!_ownInputs.empty() || !_ownOutputs.empty()) {
+        _hasLostPort = own.size() < _ownInputs.size() + _ownOutputs.size();
         return;
+    }
     std::vector<uint32_t> inputs = idsOf(_inputs, true);
     std::vector<uint32_t> outputs = idsOf(_outputs, false);
     if (inputs.empty() != _inputs.empty() || outputs.empty() != _outputs.empty())

@@ -83,8 +83,9 @@ public:
     bool isAlive() const; ///< false: the server has refused or destroyed the node
     /// Whether the server has paused the node after it had cycles.
     bool isPaused() const;
-    /// Whether an output has lost the memory that it shares with the server: a new node is needed.
-    bool hasLostMemory() const;
+    /// Whether another client has destroyed a port, or an output has lost the memory that it shares with the
+    /// server: a new node is needed.
+    bool isDamaged() const;
     /// Null while the member is absent and until the node's own ports are known.
     const PipeWireLinks* links(size_t place) const { return _members[place].links.get(); }
 
@@ -133,6 +134,7 @@ private:
     pw_filter* _filter = nullptr;
     bool _hadCycles = false;                       // whether the node was ever streaming
     std::vector<uint32_t> _ownInputs, _ownOutputs; // ids of the node's ports; empty until all are known
+    bool _hasLostPort = false;
     std::vector<Member> _members;
 
     // Set up before the node can have cycles, then used by the audio thread only: the loop changes neither

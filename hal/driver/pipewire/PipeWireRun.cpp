@@ -142,10 +142,12 @@ PipeWireRun::Time PipeWireRun::update(Time now)
             _io->setOwnPorts(_environment.mirror.portsOfNode(*nodeID));
         _look(now);
     }
-    if (const Remedy remedy = _remedy(now); remedy != Remedy::None)
+    if (const Remedy remedy = _remedy(now); remedy != Remedy::None) {
         _retryWhenDue(remedy, now);
-    else
+    } else {
         _retryAt.reset();
+        _isInterrupted = _isInterrupted && !_hasStarted();
+    }
     _lookAtMembers(now);
     if (_startReply && !_hasStarted() && now >= _startDeadline)
         _hasFailed = true;
@@ -191,7 +193,7 @@ PipeWireRun::Remedy PipeWireRun::_remedy(Time now) const
 {
     if (!_isAnyPresent() || !_environment.session.isConnected())
         return Remedy::None;
-    if (!_io || !_io->isAlive() || _io->hasLostMemory())
+    if (!_io || !_io->isAlive() || _io->isDamaged())
         return Remedy::Node;
     for (size_t place = 0; place < _members.size(); ++place)
         if (const PipeWireLinks* links = _io->links(place); links && links->isBroken())
@@ -225,7 +227,7 @@ void PipeWireRun::_retryWhenDue(Remedy remedy, Time now)
             _linked[place].isStalled = _changed = true;
     if (remedy == Remedy::Links)
         _io->mendLinks();
-    if (isNew && !_startReply)
+    if (!std::exchange(_isInterrupted, true) && !_startReply)
         _reportOverload();
 }
 

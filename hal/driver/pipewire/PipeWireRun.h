@@ -109,6 +109,7 @@ private:
 
     std::optional<Time> _retryAt; // set while a repair is due
     Time _lastRetry;
+    bool _isInterrupted = false; // from a repair until every present member has cycles again
     std::chrono::milliseconds _retryDelay;
     bool _serverAnswers = false; // since the fault; a server that hangs gets no more requests
     std::optional<Time> _restoringUntil;

@@ -68,6 +68,10 @@ TEST_F(PipeWireInterruptions, ioGoesOnAfterAnotherClientHasInterruptedIt)
     } rows[] = {
         {"a link destroyed", [&] { client.destroy(ownLinks().front()); }},
         {"all links destroyed", [&] { destroyLinks(); }},
+        {"a port destroyed",
+         [&] {
+             client.destroy(client.idOf(PW_TYPE_INTERFACE_Port, {{PW_KEY_PORT_NAME, "output_1"}}));
+         }},
         {"the node destroyed", [&] { client.destroy(client.nodeID("dxr")); }},
         {"the node paused", [&] { command("dxr", "Pause"); }},
         {"the device suspended", [&] { command("sink", "Suspend"); }},
@@ -75,6 +79,7 @@ TEST_F(PipeWireInterruptions, ioGoesOnAfterAnotherClientHasInterruptedIt)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
+        ASSERT_TRUE(eventually([&] { return ownNodeCount() == 0; })) << "the last row's node";
         CycleWitness witness;
         const RecordingListener overloads(*hal, device, at(kAudioDeviceProcessorOverload));
         const RunningProc proc(*hal, device, eachCycle([&](const IOCycle& cycle) {
@@ -93,6 +98,30 @@ TEST_F(PipeWireInterruptions, ioGoesOnAfterAnotherClientHasInterruptedIt)
         EXPECT_TRUE(eventually([&] { return ownNodeCount() == 1; }));
         EXPECT_EQ(witness.backwards, 0U);
     }
+}
+
+TEST_F(PipeWireInterruptions, anInputIsHeardAgainAfterAnotherClientHasDestroyedItsPort)
+{
+    const RunningProc played(*hal, plug({.name = "sink"}), eachCycle(playRamp));
+    RampCheck heard;
+    const RunningProc recorded(*hal, waitForDevice(*hal, "sink.monitor"), checkingRamp(heard));
+    EXPECT_TRUE(heard.waitForMore(4096));
+    client.destroy(client.idOf(PW_TYPE_INTERFACE_Port, {{PW_KEY_PORT_NAME, "input_1"}}));
+    sleepForMilliseconds(100); // the samples that are still on their way
+    EXPECT_TRUE(heard.waitForMore(4096));
+}
+
+TEST_F(PipeWireInterruptions, eachOfSeveralIsReported)
+{
+    const AudioObjectID device = plug({.name = "sink"});
+    const RecordingListener overloads(*hal, device, at(kAudioDeviceProcessorOverload));
+    const RunningProc proc(*hal, device, eachCycle(playRamp));
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(eventually([&] { return ownLinks().size() == 2; }));
+        client.destroy(ownLinks().front());
+        sleepForMilliseconds(50); // so that most are mended in between
+    }
+    EXPECT_TRUE(eventually([&] { return overloads.count() > 5; }));
 }
 
 TEST_F(PipeWireInterruptions, aDeviceIsStalledForAsLongAsItsLinksAreRefused)
