@@ -118,13 +118,17 @@ void DXRDeviceOverrides::_find()
     _observeValue(); // the value may have changed before it was observed
 }
 
-void DXRDeviceOverrides::_observeValue()
+/// Called before each read as well, so that what another object of this process has stored is seen at once.
+void DXRDeviceOverrides::_observeValue() const
 {
     // Take the snapshot under the mutex, so that of two readings the later one is stored last.
     _mutex->execute([&] {
-        const CXRef<DXRDeviceOverridesEntry> entry =
+        CXRef<DXRDeviceOverridesEntry> entry =
             DXRDeviceOverridesIndex::current(*_defaults)->entryForKey(_key);
+        if (entry == _entry)
+            return;
         _overrides = entry ? entry->overrides() : CXPlist::object();
+        _entry = std::move(entry);
     });
 }
 
@@ -142,6 +146,7 @@ std::vector<std::string> DXRDeviceOverrides::keys() const
 {
     std::vector<std::string> keys;
     _mutex->execute([&] {
+        _observeValue();
         for (const auto& [key, value] : _overrides.items()) {
             if (!key.ends_with(ownerSuffix))
                 keys.push_back(key);
@@ -155,6 +160,7 @@ CXPlist DXRDeviceOverrides::objectForKey(const std::optional<std::string>& key) 
     CXPlist value;
     if (key)
         _mutex->execute([&] {
+            _observeValue();
             const auto found = _overrides.find(dxr::utf8Replaced(*key));
             if (found != _overrides.end())
                 value = *found;

@@ -10,14 +10,15 @@
 #include <string_view>
 #include <vector>
 
+class DXRDeviceOverridesEntry;
 namespace dxr {
 class DefaultsSuite;
 }
 
 /// The persistent settings of a device, called overrides: a small dictionary shared by all applications of
 /// the user, stored in the suite "com.veltorrin.device-overrides" under the device's reference. Each override
-/// is stored with the application that set it. Overrides set by other applications become visible shortly
-/// after.
+/// is stored with the application that set it. A change by this process is visible at once in all objects of
+/// the same entry, a change by another process shortly after.
 /// Threads:   any.
 /// Real time: no. Reading holds a lock briefly, even while another thread writes. Writing waits for the disk,
 ///            a few seconds at most.
@@ -62,7 +63,7 @@ private:
     enum class Kind { Number, String };
     CXPlist _objectForKey(const std::optional<std::string>& key, Kind kind) const;
     void _find();
-    void _observeValue();
+    void _observeValue() const;
     void _storeChanged();
 
     static std::string _ownerKeyForKey(std::string_view key);
@@ -73,7 +74,8 @@ private:
     const CXRef<DXRDeviceReference> _reference;
     const CXBlock<void()> _changed;
     // Under _mutex:
-    CXPlist _overrides = CXPlist::object();
+    mutable CXRef<DXRDeviceOverridesEntry> _entry; // as last seen; null if there is none
+    mutable CXPlist _overrides = CXPlist::object();
     std::string _key;      // the entry's key
     bool _isFound = false; // whether the store could be read when the entry was looked up
     uint64_t _observer = 0;

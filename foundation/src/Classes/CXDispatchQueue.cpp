@@ -108,17 +108,18 @@ void CXDispatchQueue::cancel()
 
 void CXDispatchQueue::setRealTime()
 {
-    _checkNotCancelled(0);
     const auto step = [this] {
         if (pthread_self() == thread()) // otherwise it has ended
             _realTimeGrant.store(CXThreadSetRealtime());
     };
-    if (!isDispatchedOnCurrentThread())
+    if (!isDispatchedOnCurrentThread()) {
+        _checkNotCancelled(0);
         _drain->sync(CXDispatchHousekeepingLane, RunBy::QueueThread, step);
-    else if (pthread_self() == thread())
+    } else if (pthread_self() == thread()) {
         step();
-    else
+    } else {
         assertThat(_drain->async(CXDispatchHousekeepingLane, RunBy::QueueThread, step), __LINE__);
+    }
 }
 
 // --- Dispatching ---

@@ -81,5 +81,5 @@ std::string CXError::description() const
 {
     const auto title = _userInfo.find(localizedDescriptionKey);
     return _domain + " code " + std::to_string(_code) +
-           (title == _userInfo.end() ? "" : ": " + title->second->description());
+           (title == _userInfo.end() || !title->second ? "" : ": " + title->second->description());
 }
