@@ -10,20 +10,27 @@ class AggregateRig final : public ConformanceRig {
 public:
     explicit AggregateRig(std::unique_ptr<ConformanceRig> devices) : _devices(std::move(devices)) {}
 
+    /// Returns `devices`, wrapped if the program tests aggregates.
+    static std::unique_ptr<ConformanceRig> wrapIf(bool isWrapped, std::unique_ptr<ConformanceRig> devices)
+    {
+        if (isWrapped)
+            return std::make_unique<AggregateRig>(std::move(devices));
+        return devices;
+    }
+
     HALModel& model() override { return _devices->model(); }
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
-        const std::string uid = "aggregate-" + std::to_string(++_count);
-        std::vector<std::string>& subDevices = _subDevices[uid];
+        std::vector<std::string> subDevices;
         if (inputs > 0)
             subDevices.push_back(_devices->plug(name + " in", inputs, 0));
         if (outputs > 0)
             subDevices.push_back(_devices->plug(name + " out", 0, outputs));
-        std::vector<std::string> all = subDevices;
-        all.emplace_back("absent");
-        makeAggregate(model(), all, {{"uid", uid}, {"name", name}, {"private", 1}, {"master", all.front()}});
-        return uid;
+        _subDevices[name] = subDevices;
+        subDevices.emplace_back("absent");
+        makeAggregate(model(), subDevices, {{"uid", name}, {"name", name}, {"private", 1}});
+        return name;
     }
     void unplug(const std::string& uid) override
     {
@@ -36,5 +43,4 @@ public:
 private:
     const std::unique_ptr<ConformanceRig> _devices;
     std::map<std::string, std::vector<std::string>> _subDevices; // UIDs, by the aggregate's
-    int _count = 0;
 };

@@ -16,9 +16,10 @@ class Copier : public CycleWitness {
 public:
     Copier(HALModel& hal, AudioObjectID device)
         : _proc(hal, device, eachCycle([this](const IOCycle& cycle) { _copy(cycle); }))
-    {}
+    {
+        EXPECT_EQ(_proc.status, kAudioHardwareNoError);
+    }
 
-    HALStatus status() const { return _proc.status; }
     uint64_t withoutData = 0;
     std::map<uint32_t, float> peaks; // peak level of each input stream since the last clear()
 
@@ -117,7 +118,7 @@ TEST_F(AggregateDevices, refusesWhatItCannotBe)
     EXPECT_EQ(readDevices(*model).back(), odd);
     EXPECT_EQ(model->destroyAggregateDevice(odd), kAudioHardwareNoError);
     const AudioObjectID empty = makeAggregate(*model, {"absent"});
-    EXPECT_EQ(Copier(*model, empty).status(), kAudioHardwareUnspecifiedError);
+    EXPECT_EQ(RunningProc(*model, empty, [](auto...) {}).status, kAudioHardwareUnspecifiedError);
     const AudioObjectID nested = makeAggregate(*model, {"taken", "aggregate"}, {{"uid", "nested"}});
     EXPECT_EQ(readList<AudioObjectID>(*model, nested, at(kAudioAggregateDevicePropertyActiveSubDeviceList)),
               std::vector{hal->deviceID("taken")});
@@ -185,8 +186,7 @@ TEST_F(AggregateDevices, bringsEverySubDeviceToTheClock)
         hal->plug(each);
     }
     const AudioObjectID device = makeAggregate(*model, {"clock", "other", "slow"});
-    Copier copier(*model, device);
-    ASSERT_EQ(copier.status(), kAudioHardwareNoError);
+    const Copier copier(*model, device);
     advance(20.0);
     const auto before = subDeviceStatus(*model, device);
     advance(5.0);
@@ -215,16 +215,15 @@ TEST_F(AggregateDevices, runsDevicesOfOneClockInOneCycle)
     Recording recording;
     const SimulatedDeviceBuilder speakers =
         aDevice().uid("b").outputs(1).clockDomain(7).playsInto(recording.sink());
-    hal->plug(
-        aDevice().uid("a").inputs(1).inputs(3).clockDomain(7).bufferFrameSize(256).hears(simulatedRamp()));
+    SimulatedDeviceBuilder microphones = aDevice().uid("a").inputs(1).inputs(3).clockDomain(7);
+    hal->plug(microphones.bufferFrameSize(256).hears(simulatedRamp()));
     hal->plug(speakers);
     const AudioObjectID device = makeAggregate(*model, {"a", "b"});
     const AudioObjectID all[] = {device, hal->deviceID("a"), hal->deviceID("b")};
     std::deque<RecordingListener> overloads;
     for (const AudioObjectID each : all)
         overloads.emplace_back(*model, each, at(kAudioDeviceProcessorOverload));
-    Copier copier(*model, device);
-    ASSERT_EQ(copier.status(), kAudioHardwareNoError);
+    const Copier copier(*model, device);
     advance(0.5);
     EXPECT_FALSE(subDeviceStatus(*model, device)[1].isCompensated);
     for (size_t i = 0; i < recording.samples.size(); ++i)
@@ -244,18 +243,14 @@ TEST_F(AggregateDevices, runsDevicesOfOneClockInOneCycle)
     EXPECT_EQ(copier.lostFrames, 2 * 128U);
 
     hal->unplug("b");
-    const double before = copier.sampleTime;
-    const uint64_t cycles = copier.cycles;
     advance(0.5);
-    EXPECT_EQ(copier.sampleTime - before, static_cast<double>((copier.cycles - cycles) * 128))
-        << "no restart";
     recording.samples.clear();
     hal->plug(speakers);
     advance(0.5);
     EXPECT_GT(recording.samples.size(), 20000U);
     EXPECT_GT(recording.samples.back(), 0.0F);
     EXPECT_EQ(copier.backwards, 0U);
-    EXPECT_EQ(copier.sampleTime - before, static_cast<double>((copier.cycles - cycles) * 128)) << "nor here";
+    EXPECT_EQ(copier.lostFrames, 2 * 128U) << "a member goes and comes without a restart";
 }
 
 TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
@@ -266,7 +261,6 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
     hal->plug(clock);
     const AudioObjectID device = makeAggregate(*model, {"clock", "other"});
     Copier copier(*model, device);
-    ASSERT_EQ(copier.status(), kAudioHardwareNoError);
     advance(0.5);
     EXPECT_EQ(channelsOf(*model, device, input), 1U) << "nothing is known of one that was never there";
 

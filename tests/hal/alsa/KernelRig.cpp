@@ -14,8 +14,7 @@ namespace {
 struct KernelCard {
     uint32_t inputs = 0, outputs = 0;
     std::string plugFile, plugText, unplugFile, unplugText;
-    bool isPlugged = false;
-    std::string uid; // of its device; empty until the device has appeared
+    std::string uid; // of its device; empty while it is unplugged
 };
 
 class KernelRig final : public ConformanceRig {
@@ -35,14 +34,12 @@ public:
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
         const auto card = std::ranges::find_if(_cards, [&](const KernelCard& each) {
-            return !each.isPlugged && each.inputs == inputs && each.outputs == outputs;
+            return each.uid.empty() && each.inputs == inputs && each.outputs == outputs;
         });
         if (card == _cards.end())
             throw std::runtime_error("no card for " + name);
         const std::vector<AudioObjectID> before = readDevices(*_model);
         std::ofstream(card->plugFile) << card->plugText;
-        card->isPlugged = true;
-        card->uid.clear();
         eventually([&] {
             for (const AudioObjectID device : readDevices(*_model))
                 if (!std::ranges::count(before, device))
@@ -64,7 +61,7 @@ public:
 private:
     static void _unplug(KernelCard& card)
     {
-        if (std::exchange(card.isPlugged, false))
+        if (!std::exchange(card.uid, {}).empty())
             std::ofstream(card.unplugFile) << card.unplugText;
     }
 

@@ -40,16 +40,9 @@ protected:
     const fs::path root = fs::temp_directory_path() / ("alsa-test-" + std::to_string(getpid())); // of /proc
 };
 
-/// Plays on a device a ramp that shows each sample's time, and compares it with the time of the input.
-class Ramp : public CycleWitness {
-public:
-    Ramp(HALModel& hal, AudioObjectID deviceID) : _hal(hal), _deviceID(deviceID) {}
-    HALStatus start()
-    {
-        return _proc.emplace(_hal, _deviceID, eachCycle([this](const IOCycle& cycle) { _run(cycle); }))
-            .status;
-    }
-    void stop() { _proc.reset(); }
+/// Plays a ramp that shows each sample's time, and compares it with the time of the input.
+struct Ramp : CycleWitness {
+    AudioDeviceIOBlock block() { return eachCycle(std::bind_front(&Ramp::_run, this)); }
 
     std::atomic<uint64_t> heard{0};             ///< samples that are not silent
     std::atomic<uint64_t> jumps{0};             ///< changes of the latency
@@ -60,28 +53,23 @@ private:
     void _run(const IOCycle& cycle) noexcept
     {
         const double length = 1.0 / static_cast<double>(step.load());
-        const size_t inputs = cycle.input ? cycle.in().size() / cycle.frames() : 0;
-        for (size_t i = 0; inputs > 0 && i < cycle.frames(); ++i) {
-            const auto played = static_cast<double>(cycle.in()[i * inputs] / step);
+        for (size_t i = 0; cycle.input && i < cycle.frames(); ++i) {
+            const float sample = cycle.in()[i * bufferOf(cycle.input, 0).numberChannels];
             const double time = cycle.inputTime->sampleTime + static_cast<double>(i);
-            const double latency = std::fmod(time + length - played, length);
-            if (played == 0.0)
+            const double latency = std::fmod(time + length - static_cast<double>(sample / step), length);
+            if (sample == 0.0F)
                 continue;
             jumps += heard > 0 && latency != latencyFrames;
             latencyFrames = latency;
             ++heard;
         }
-        const size_t outputs = cycle.output ? cycle.out().size() / cycle.frames() : 0;
-        for (size_t i = 0; i < outputs * cycle.frames(); ++i) {
-            const double time = cycle.outputTime->sampleTime + static_cast<double>(i / outputs);
+        for (size_t i = 0; cycle.output && i < cycle.out().size(); ++i) {
+            const size_t frame = i / bufferOf(cycle.output, 0).numberChannels;
+            const double time = cycle.outputTime->sampleTime + static_cast<double>(frame);
             cycle.out()[i] = static_cast<float>(std::fmod(time, length)) * step;
         }
         see(cycle);
     }
-
-    HALModel& _hal;
-    const AudioObjectID _deviceID;
-    std::optional<RunningProc> _proc; // last: its callback uses the other fields
 };
 
 // Numbers of the faked card's controls.
@@ -133,8 +121,7 @@ TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
     EXPECT_EQ(FakedCards::control(card, playbackVolume, 1), 0);
 
     FakedCards::setControl(card, playbackVolume, 4, 4); // -60 dB
-    EXPECT_TRUE(
-        eventually([&] { return std::abs(readValue<float>(*hal, id, volume).value_or(9) - 0.1F) < 1e-4F; }));
+    EXPECT_TRUE(eventually([&] { return std::abs(*readValue<float>(*hal, id, volume) - 0.1F) < 1e-4F; }));
     FakedCards::setControl(card, playbackSwitch, 0, 0);
     EXPECT_TRUE(becomes(id, kAudioDevicePropertyMute, 1U, output));
     EXPECT_EQ(writeValue(*hal, id, at(kAudioDevicePropertyMute, output), 0U), kAudioHardwareNoError);
@@ -177,10 +164,8 @@ TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
     }
     FakedCards::set(busy, FakedFault::Busy);
     const AudioObjectID id = device("busy");
-    const auto rateCount = [&] {
-        return readList<AudioValueRange>(*hal, id, at(kAudioDevicePropertyAvailableNominalSampleRates))
-            .size();
-    };
+    const auto rates = at(kAudioDevicePropertyAvailableNominalSampleRates);
+    const auto rateCount = [&] { return readList<AudioValueRange>(*hal, id, rates).size(); };
     EXPECT_EQ(rateCount(), 1U);
     EXPECT_EQ(read<double>(id, kAudioDevicePropertyNominalSampleRate), 96000.0);
     EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertyDeviceIsRunning), 1U);
@@ -197,8 +182,8 @@ TEST_F(AlsaTest, survivesACardThatReportsNonsense)
     const AudioObjectID id = device();
     EXPECT_FALSE(read<float>(id, kAudioDevicePropertyVolumeScalar, output)) << "a range of no step";
     EXPECT_FALSE(read<uint32_t>(id, kAudioDevicePropertyDataSource, input)) << "an item outside the list";
-    EXPECT_EQ(readList<uint32_t>(*hal, id, at(kAudioDevicePropertyDataSources, input)).size(), 64U)
-        << "all it reads";
+    const auto sources = at(kAudioDevicePropertyDataSources, input);
+    EXPECT_EQ(readList<uint32_t>(*hal, id, sources).size(), 64U) << "all it reads";
     FakedCards::unplug(number);
     EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
 }
@@ -250,48 +235,41 @@ TEST_F(AlsaTest, findsTheVolumeByItsName)
         {"Bass Volume", false, false},
     };
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.control);
         FakedCards::plug({.longName = row.control, .volumeNames = {row.control, "Other Volume"}});
         const AudioObjectID id = device(row.control);
-        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), row.isOutputs)
-            << row.control;
-        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, input).has_value(), row.isInputs)
-            << row.control;
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), row.isOutputs);
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, input).has_value(), row.isInputs);
     }
 }
 
 // The input returns what is played at the same sample time: times, latency and samples are exact.
 TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
 {
-    const struct {
-        FakedCardOptions card;
-        float step = 1.0F / 1048576.0F;
-    } rows[] = {
-        {{.longName = "as most are"}},
-        {{.longName = "its directions cannot be linked", .canLink = false}},
-        {{.longName = "no time stamps", .hasStamps = false}},
-        {{.longName = "read and write alone", .mapsSamples = false}},
-        {{.longName = "16 bits", .formats = {SND_PCM_FORMAT_S16}}, 1.0F / 32768.0F},
-        {{.longName = "24 bits", .formats = {SND_PCM_FORMAT_S24}}},
-        {{.longName = "24 bits in three bytes", .formats = {SND_PCM_FORMAT_S24_3LE}}},
-        {{.longName = "float", .formats = {SND_PCM_FORMAT_FLOAT}}},
-        {{.longName = "its position moves by a millisecond", .granularity = 48}},
-        {{.longName = "a clock that is fast", .partsPerMillion = 300.0}},
-        {{.longName = "one rate", .rates = {44100}}},
+    const FakedCardOptions rows[] = {
+        {.longName = "as most are"},
+        {.longName = "its directions cannot be linked", .canLink = false},
+        {.longName = "no time stamps", .hasStamps = false},
+        {.longName = "read and write alone", .mapsSamples = false},
+        {.longName = "16 bits", .formats = {SND_PCM_FORMAT_S16}},
+        {.longName = "24 bits", .formats = {SND_PCM_FORMAT_S24}},
+        {.longName = "24 bits in three bytes", .formats = {SND_PCM_FORMAT_S24_3LE}},
+        {.longName = "float", .formats = {SND_PCM_FORMAT_FLOAT}},
+        {.longName = "its position moves by a millisecond", .granularity = 48},
+        {.longName = "a clock that is fast", .partsPerMillion = 300.0},
+        {.longName = "one rate", .rates = {44100}},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.card.longName);
-        const int number = FakedCards::plug(row.card);
-        Ramp ramp(*hal, device(row.card.longName));
-        ramp.step = row.step;
-        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+    for (const FakedCardOptions& card : rows) {
+        SCOPED_TRACE(card.longName);
+        FakedCards::plug(card);
+        Ramp ramp;
+        ramp.step = card.longName == "16 bits" ? 1.0F / 32768.0F : 1.0F / 1048576.0F;
+        const RunningProc proc(*hal, device(card.longName), ramp.block());
+        ASSERT_EQ(proc.status, kAudioHardwareNoError);
         EXPECT_TRUE(eventually([&] { return ramp.heard > 20'000; }));
         // Without linked starts, the two directions start at different times, so the latency is not 0.
-        EXPECT_TRUE(!row.card.canLink || ramp.latencyFrames == 0.0) << ramp.latencyFrames;
-        ramp.stop();
-        EXPECT_EQ(ramp.jumps, 0U);
-        EXPECT_EQ(ramp.backwards, 0U);
-        EXPECT_EQ(ramp.lostFrames, 0U);
-        FakedCards::unplug(number);
+        EXPECT_TRUE(!card.canLink || ramp.latencyFrames == 0.0) << ramp.latencyFrames;
+        EXPECT_EQ(ramp.jumps + ramp.backwards + ramp.lostFrames, 0U);
     }
 }
 
@@ -313,8 +291,10 @@ TEST_F(AlsaTest, goesOnAndMeasuresTheClockAfterWhatStopsACard)
         const int number = FakedCards::plug(card);
         const AudioObjectID id = device(card.longName);
         const RecordingListener overloads(*hal, id, at(kAudioDeviceProcessorOverload));
-        Ramp ramp(*hal, id);
-        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+        Ramp ramp;
+        const RunningProc proc(*hal, id, ramp.block());
+        ASSERT_EQ(proc.status, kAudioHardwareNoError);
+        const bool hears = card.playback && card.capture;
         for (int round = 0; round < (isStuck ? 1 : 3); ++round) {
             EXPECT_TRUE(ramp.waitForMore(5));
             FakedCards::set(number, fault);
@@ -322,17 +302,13 @@ TEST_F(AlsaTest, goesOnAndMeasuresTheClockAfterWhatStopsACard)
             FakedCards::set(number, fault, false);
             const uint64_t heard = ramp.heard;
             EXPECT_TRUE(ramp.waitForMore(20));
-            EXPECT_TRUE(!card.playback || !card.capture ||
-                        eventually([&] { return ramp.heard > heard + 2000; }));
+            EXPECT_TRUE(!hears || eventually([&] { return ramp.heard > heard + 2000; }));
         }
         EXPECT_TRUE(becomes(id, kAudioDevicePropertyDeviceIsRunning, 1U));
         const double rateScalar = 1.0 / (1.0 + card.partsPerMillion * 1e-6);
         EXPECT_TRUE(eventually([&] { return std::abs(ramp.rateScalar - rateScalar) < 10e-6; }));
         EXPECT_TRUE(isStuck || eventually([&] { return overloads.count() > 0; }));
-        ramp.stop();
-        EXPECT_EQ(ramp.backwards, 0U);
-        EXPECT_EQ(ramp.jumps, 0U);
-        FakedCards::unplug(number);
+        EXPECT_EQ(ramp.backwards + ramp.jumps, 0U);
     }
 }
 
@@ -342,11 +318,10 @@ TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
     for (const bool mapsSamples : {true, false}) {
         const CapturedLog log;
         const int number = FakedCards::plug({.mapsSamples = mapsSamples});
-        Ramp ramp(*hal, device());
-        ASSERT_EQ(ramp.start(), kAudioHardwareNoError);
+        const RunningProc proc(*hal, device(), [](auto...) {});
+        ASSERT_EQ(proc.status, kAudioHardwareNoError);
         FakedCards::unplug(number);
         EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
-        ramp.stop();
         EXPECT_TRUE(eventually([&] { return FakedCards::openFiles(number) == 0; }));
         EXPECT_TRUE(log.lines().empty());
     }
@@ -359,17 +334,15 @@ TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
         SCOPED_TRACE(name);
         const int number = FakedCards::plug({.longName = name});
         const AudioObjectID id = device(name);
-        Ramp ramp(*hal, id);
+        CycleWitness witness;
         const CapturedLog log;
         FakedCards::set(number, fault);
-        EXPECT_EQ(ramp.start(), kAudioHardwareUnspecifiedError);
+        EXPECT_EQ(RunningProc(*hal, id, witnessing(witness)).status, kAudioHardwareUnspecifiedError);
         EXPECT_EQ(log.lines().size(), 1U) << "the reason";
-        EXPECT_EQ(ramp.cycles, 0U);
+        EXPECT_EQ(witness.cycles, 0U);
         EXPECT_EQ(FakedCards::openFiles(number), 1U) << "its control device alone";
         FakedCards::set(number, fault, false);
-        EXPECT_EQ(ramp.start(), kAudioHardwareNoError);
-        ramp.stop();
-        FakedCards::unplug(number);
+        EXPECT_EQ(RunningProc(*hal, id, witnessing(witness)).status, kAudioHardwareNoError);
     }
 }
 

@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -161,16 +160,15 @@ TEST(AlsaFormat, roundsClipsAndKeepsWhatFits)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
-        std::byte ring[16];
-        const auto encoded = [&](snd_pcm_format_t number, auto value, size_t size) {
-            formatOf(number).encode(&row.in, 1, ring, 1, 1);
-            std::memcpy(&value, ring, size);
-            return value;
+        const auto encoded = [&](snd_pcm_format_t number, int bits) {
+            int32_t value = 0;
+            formatOf(number).encode(&row.in, 1, reinterpret_cast<std::byte*>(&value), 1, 1);
+            return value << (32 - bits) >> (32 - bits); // with its sign
         };
-        EXPECT_EQ(encoded(SND_PCM_FORMAT_S16, int16_t{0}, 2), row.s16);
-        EXPECT_EQ(encoded(SND_PCM_FORMAT_S32, int32_t{0}, 4), row.s32);
-        EXPECT_EQ(encoded(SND_PCM_FORMAT_S24, int32_t{0}, 4), row.s24);
-        EXPECT_EQ(encoded(SND_PCM_FORMAT_S24_3LE, int32_t{0}, 3) << 8 >> 8, row.s24);
+        EXPECT_EQ(encoded(SND_PCM_FORMAT_S16, 16), row.s16);
+        EXPECT_EQ(encoded(SND_PCM_FORMAT_S32, 32), row.s32);
+        EXPECT_EQ(encoded(SND_PCM_FORMAT_S24, 32), row.s24);
+        EXPECT_EQ(encoded(SND_PCM_FORMAT_S24_3LE, 24), row.s24);
     }
     // More channels than the ring has, and fewer.
     const float wide[]{0.1F, 0.5F, 0.2F, -0.5F};

@@ -12,7 +12,7 @@ public:
 
     virtual HALModel& model() = 0;
     /// Plugs in a device with this many channels per direction (a direction with 0 is absent), and with
-    /// volume and mute if it has outputs. Returns its UID.
+    /// volume and mute if it has outputs. The same name returns as the same unit. Returns the device's UID.
     virtual std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) = 0;
     virtual void unplug(const std::string& uid) = 0;
     /// Lets the devices run for some cycles or milliseconds.

@@ -53,9 +53,8 @@ TEST_F(Conformance, takesAListenerOncePerAddressAndForgetsItOnce)
 TEST_F(Conformance, neverCallsAListenerAfterItsRemoval)
 {
     const AudioObjectID device = plugged("Storm", 0, 2);
-    std::atomic<bool> done{false};
-    std::thread storm([&] {
-        for (uint32_t i = 0; !done; ++i)
+    const std::jthread storm([&](const std::stop_token& end) {
+        for (uint32_t i = 0; !end.stop_requested(); ++i)
             writeValue(hal(), device, at(kAudioDevicePropertyMute, output), i % 2);
     });
     const auto queue = dxr::SerialQueue::initWithLabel("storm");
@@ -72,8 +71,6 @@ TEST_F(Conformance, neverCallsAListenerAfterItsRemoval)
         ASSERT_EQ(hal().removeListener(device, anyAddress, listener), kAudioHardwareNoError);
         *isRemoved = true;
     }
-    done = true;
-    storm.join();
     queue->sync([] {}); // all earlier jobs have run or been dropped
 }
 

@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <barrier>
+#include <cstring>
 #include <future>
+#include <latch>
 #include <map>
 #include <ranges>
 #include <set>
@@ -43,43 +45,36 @@ const Selectors changeable[] = {
      kAudioStreamPropertyPhysicalFormat, kAudioStreamPropertyAvailableVirtualFormats,
      kAudioStreamPropertyAvailablePhysicalFormats}};
 
-/// Returns a value as bytes, or an object as text; empty if the read fails.
+/// Returns a value as bytes, or an object as text; empty if it cannot be read. Checks that a read returns exactly
+/// the announced size, and refuses less room.
 std::string valueAt(HALModel& model, AudioObjectID object, const AudioObjectPropertyAddress& address)
 {
-    if (std::ranges::count(objectValued, address.selector) > 0) {
-        const auto pointer = readValue<CXObject*>(model, object, address);
-        return pointer ? CXRefCast<CXValue>(CXRef<CXObject>::adopt(*pointer))->plist().dump() : "";
+    uint32_t announced = 0, size = 0;
+    if (model.propertySize(object, address, {}, announced) != kAudioHardwareNoError)
+        return "";
+    std::string value(announced + 8, '\0');
+    const auto room = std::as_writable_bytes(std::span(value));
+    if (announced > 0) {
+        EXPECT_EQ(model.readProperty(object, address, {}, room.first(announced - 1), size),
+                  kAudioHardwareBadPropertySizeError);
     }
-    const auto bytes = readList<char>(model, object, address);
-    return {bytes.begin(), bytes.end()};
+    EXPECT_EQ(model.readProperty(object, address, {}, room, size), kAudioHardwareNoError);
+    EXPECT_EQ(size, announced);
+    value.resize(size);
+    if (std::ranges::count(objectValued, address.selector) == 0)
+        return value;
+    CXObject* pointer = nullptr;
+    std::memcpy(&pointer, value.data(), sizeof pointer);
+    return CXRefCast<CXValue>(CXRef<CXObject>::adopt(pointer))->plist().dump();
 }
-
-struct ValueAt {
-    AudioObjectID object;
-    AudioObjectPropertyAddress address;
-    std::string value;
-};
 
 class HALModelAnnouncements : public testing::Test {
 protected:
-    std::vector<ValueAt> valuesOf(const std::vector<AudioObjectID>& objects)
-    {
-        std::vector<ValueAt> values;
-        for (const AudioObjectID object : objects)
-            for (const uint32_t selector : changeable | std::views::join)
-                for (const uint32_t scope : {kAudioObjectPropertyScopeGlobal, input, output})
-                    for (uint32_t element = 0; element < 4; ++element) {
-                        const AudioObjectPropertyAddress address{selector, scope, element};
-                        values.push_back({object, address, valueAt(*model, object, address)});
-                    }
-        return values;
-    }
-
     const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
     const CXRef<HALModel> model = HALModel::initWithDriver(hal);
 };
 
-TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges)
+TEST_F(HALModelAnnouncements, everyAddressIsReadExactlyAndAnnouncedWhenItsValueChanges)
 {
     hal->plug(aDevice().uid("bystander").inputs(1).outputs(1));
     constexpr HALDirection in = HALDirection::Input, out = HALDirection::Output;
@@ -106,23 +101,35 @@ TEST_F(HALModelAnnouncements, everyReadableAddressIsAnnouncedWhenItsValueChanges
         {"a device that comes", [&] { hal->plug(aDevice().uid("new").inputs(2)); }},
     };
     std::map<AudioObjectID, RecordingListener> listeners;
-    for (const AudioObjectID object : objects)
+    std::vector<std::pair<AudioObjectID, AudioObjectPropertyAddress>> places;
+    for (const AudioObjectID object : objects) {
         listeners.try_emplace(object, *model, object, anyAddress);
+        for (const uint32_t selector : changeable | std::views::join)
+            for (const uint32_t scope : {kAudioObjectPropertyScopeGlobal, input, output})
+                for (const uint32_t element : {0U, 1U, 2U, 3U})
+                    places.emplace_back(object, at(selector, scope, element));
+    }
+    const auto values = [&] {
+        std::vector<std::string> all;
+        for (const auto& [object, address] : places)
+            all.push_back(valueAt(*model, object, address));
+        return all;
+    };
     size_t changed = 0;
     for (const auto& [why, change] : changes) {
-        const std::vector<ValueAt> before = valuesOf(objects);
+        const std::vector<std::string> before = values();
         hal->settle();
         for (auto& [object, listener] : listeners)
             listener.clear();
         change();
         hal->settle();
         hal->settle(); // also for the aggregate, which changes later
-        const std::vector<ValueAt> after = valuesOf(objects);
-        for (size_t i = 0; i < before.size(); ++i) {
-            if (before[i].value == after[i].value)
+        const std::vector<std::string> after = values();
+        for (size_t i = 0; i < places.size(); ++i) {
+            if (before[i] == after[i])
                 continue;
             ++changed;
-            const auto& [object, address, value] = before[i];
+            const auto& [object, address] = places[i];
             EXPECT_TRUE(listeners.at(object).includes(address))
                 << why << ": '" << stringWithFourCharCode(address.selector) << "' in '"
                 << stringWithFourCharCode(address.scope) << "' element " << address.element << " of object "
@@ -141,17 +148,16 @@ TEST_F(HALModelAnnouncements, listenersMayRemoveEachOther)
     for (uint32_t round = 0; round < 200; ++round) {
         const auto queue = dxr::SerialQueue::initWithLabel("listener");
         std::barrier both(2);
-        std::promise<void> done[2];
+        std::latch done(2);
         std::optional<RecordingListener> listeners[2];
         for (int i = 1; i >= 0; --i) // the listener on the queue is called first
             listeners[i].emplace(*model, device, mute, i == 1 ? queue : nullptr, [&, i] {
                 both.arrive_and_wait();
                 listeners[1 - i]->remove();
-                done[i].set_value();
+                done.count_down();
             });
         writeValue(*model, device, mute, (round + 1) % 2);
-        for (std::promise<void>& each : done)
-            each.get_future().wait();
+        done.wait();
         hal->settle();
         queue->sync([] {});
     }
@@ -256,15 +262,12 @@ TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
         mayLeave.get_future().wait();
         return kAudioHardwareUnspecifiedError;
     };
-    std::thread starter([&] {
-        EXPECT_EQ(RunningProc(*model, aggregate, [](auto...) {}).status, kAudioHardwareUnspecifiedError);
-    });
+    const std::jthread starter([&] { const RunningProc proc(*model, aggregate, [](auto...) {}); });
     entered.get_future().wait();
     EXPECT_EQ(subDeviceStatus(*model, aggregate).size(), 1U);
     for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "0")})
         EXPECT_EQ(readValue<double>(*model, each, at(kAudioDevicePropertyNominalSampleRate)), 48000.0);
     mayLeave.set_value();
-    starter.join();
 }
 
 TEST(HALFunctions, returnAnErrorWhileNoThreadCanBeCreated)

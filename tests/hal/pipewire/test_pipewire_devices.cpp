@@ -47,14 +47,10 @@ protected:
 
 TEST_F(PipeWireDevices, describesNodesAsTheServerDoes)
 {
-    const AudioObjectID usb = plug({.name = "usb",
-                                    .channelCount = 6,
-                                    .properties = {{"node.description", "Desk Speakers"},
-                                                   {"device.bus", "usb"},
-                                                   {"device.vendor.name", "Some Maker"},
-                                                   {"device.vendor.id", "0x1235"},
-                                                   {"device.product.id", "0x8211"},
-                                                   {"audio.rate", "96000"}}});
+    const NodeProperties properties{{"node.description", "Desk Speakers"}, {"device.bus", "usb"},
+                                    {"device.vendor.name", "Some Maker"},  {"device.vendor.id", "0x1235"},
+                                    {"device.product.id", "0x8211"},       {"audio.rate", "96000"}};
+    const AudioObjectID usb = plug({.name = "usb", .channelCount = 6, .properties = properties});
     const AudioObjectID mic = plug({.name = "mic", .mediaClass = "Audio/Source/Virtual", .channelCount = 1});
     const AudioObjectID inner = plug({.name = "inner", .mediaClass = "Audio/Sink/Internal"});
     const AudioObjectID both = plug({.name = "both", .mediaClass = "Audio/Duplex"});
@@ -76,10 +72,8 @@ TEST_F(PipeWireDevices, describesNodesAsTheServerDoes)
         EXPECT_EQ(channelsOf(*hal, row.device, input), row.inputs) << "monitors are no inputs";
         EXPECT_EQ(channelsOf(*hal, row.device, output), row.outputs);
         EXPECT_EQ(read<uint32_t>(row.device, kAudioDevicePropertyIsHidden), row.isHidden);
-        EXPECT_EQ(
-            readList<AudioValueRange>(*hal, row.device, at(kAudioDevicePropertyAvailableNominalSampleRates))
-                .size(),
-            row.rates);
+        const auto rates = at(kAudioDevicePropertyAvailableNominalSampleRates);
+        EXPECT_EQ(readList<AudioValueRange>(*hal, row.device, rates).size(), row.rates);
     }
 }
 
@@ -116,21 +110,19 @@ TEST_F(PipeWireDevices, followsAndSetsTheRoutesOfACard)
     EXPECT_EQ(sourceOf(whole, input), "Microphone");
     EXPECT_EQ(readShownDevices(*hal).size(), 2U);
 
-    const auto sources = [&] {
-        return readList<uint32_t>(*hal, device, at(kAudioDevicePropertyDataSources, output));
-    };
+    const auto listed = at(kAudioDevicePropertyDataSources, output);
+    const auto sources = [&] { return readList<uint32_t>(*hal, device, listed); };
     EXPECT_EQ(sources().size(), 1U) << "nothing is plugged into the headphones' socket";
     EXPECT_EQ(sourceOf(device), "Speakers");
     const auto streams = readList<AudioObjectID>(*hal, device, at(kAudioDevicePropertyStreams, output));
     EXPECT_EQ(read<uint32_t>(streams.at(0), kAudioStreamPropertyTerminalType), CXFourCharCode("spkr"));
     card.change([](FakeCard::State& state) { state.headphonesPlugged = true; });
     ASSERT_TRUE(eventually([&] { return sources().size() == 2; }));
+    const auto speakers = read<uint32_t>(device, kAudioDevicePropertyDataSource, output);
     card.change([](FakeCard::State& state) { state.activeRoutes[0] = FakeCard::Headphones; });
     EXPECT_TRUE(eventually([&] { return sourceOf(device) == "Headphones"; }));
-    const std::vector<uint32_t> both = sources();
-    const uint32_t speakers =
-        *std::ranges::find(both, "Speakers", [&](uint32_t id) { return sourceName(device, id); });
-    EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyDataSource, output), speakers), 0);
+    EXPECT_EQ(sourceName(device, *speakers), "Speakers");
+    EXPECT_EQ(writeValue(*hal, device, at(kAudioDevicePropertyDataSource, output), *speakers), 0);
     EXPECT_TRUE(card.waitUntil(
         [](const FakeCard::State& state) { return state.activeRoutes[0] == FakeCard::Speakers; }));
     EXPECT_EQ(sourceOf(device), "Speakers");
@@ -163,10 +155,9 @@ TEST_F(PipeWireDevices, listsAndRunsWhatIsStrange)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.why);
-        const AudioObjectID device =
-            plug({.name = row.why,
-                  .properties = {{"node.description", row.description},
-                                 {"adapter.auto-port-config", "{ mode = " + row.portMode + " }"}}});
+        const NodeProperties properties{{"node.description", row.description},
+                                        {"adapter.auto-port-config", "{ mode = " + row.portMode + " }"}};
+        const AudioObjectID device = plug({.name = row.why, .properties = properties});
         ASSERT_NE(device, kAudioObjectUnknown);
         EXPECT_TRUE(text(device, kAudioObjectPropertyName) == row.name);
         EXPECT_TRUE(eventually([&] { return channelsOf(*hal, device, output) == row.channels; }));
@@ -196,8 +187,8 @@ TEST_F(PipeWireDevices, makesAHiddenInputOfWhatASinkPlays)
          {kAudioDevicePropertyVolumeScalar, kAudioDevicePropertyMute, kAudioDevicePropertyDataSource})
         for (const AudioObjectID each : {monitor, ofCard})
             EXPECT_EQ(read<uint32_t>(each, selector, input), std::nullopt) << selector;
-    EXPECT_NE(
-        writeValue(*hal, kAudioObjectSystemObject, at(kAudioHardwarePropertyDefaultInputDevice), monitor), 0);
+    const auto defaultInput = at(kAudioHardwarePropertyDefaultInputDevice);
+    EXPECT_NE(writeValue(*hal, kAudioObjectSystemObject, defaultInput, monitor), 0);
     client.unplug("speakers");
     EXPECT_TRUE(eventually([&] { return deviceWithUID(*hal, "speakers.monitor") == kAudioObjectUnknown; }));
 }

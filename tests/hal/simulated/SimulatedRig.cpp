@@ -3,11 +3,7 @@
 
 namespace {
 
-#ifdef DXR_TEST_REAL_TIME
-constexpr SimulatedClock clockUnderTest = SimulatedClock::RealTime;
-#else
-constexpr SimulatedClock clockUnderTest = SimulatedClock::Stepped;
-#endif
+constexpr SimulatedClock clockUnderTest = SimulatedClock::DXR_TEST_CLOCK;
 
 class SimulatedRig final : public ConformanceRig {
 public:
@@ -15,22 +11,15 @@ public:
 
     std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) override
     {
-        const std::string uid = "simulated-" + std::to_string(++_count);
-        SimulatedDeviceBuilder device = aDevice().uid(uid).name(name);
-#ifdef DXR_TEST_ONE_CLOCK
-        device.clockDomain(1);
-#endif
+        SimulatedDeviceBuilder device = aDevice().uid(name).name(name).clockDomain(DXR_TEST_CLOCK_DOMAIN);
         if (inputs > 0)
             device.inputs(inputs);
         if (outputs > 0)
             device.outputs(outputs).volume(HALDirection::Output, 0.5F).mute(HALDirection::Output, false);
         _hal->plug(device);
-        return uid;
+        return name;
     }
-    void unplug(const std::string& uid) override
-    {
-        _hal->unplug(uid);
-    }
+    void unplug(const std::string& uid) override { _hal->unplug(uid); }
     void letTimePass() override
     {
         if (clockUnderTest == SimulatedClock::Stepped)
@@ -43,16 +32,11 @@ public:
 private:
     const CXRef<SimulatedHardware> _hal = SimulatedHardware::init(clockUnderTest);
     const CXRef<HALModel> _model = HALModel::initWithDriver(_hal);
-    int _count = 0;
 };
 
 } // namespace
 
 std::unique_ptr<ConformanceRig> makeConformanceRig()
 {
-#ifdef DXR_TEST_AGGREGATES
-    return std::make_unique<AggregateRig>(std::make_unique<SimulatedRig>());
-#else
-    return std::make_unique<SimulatedRig>();
-#endif
+    return AggregateRig::wrapIf(DXR_TEST_AGGREGATES, std::make_unique<SimulatedRig>());
 }
