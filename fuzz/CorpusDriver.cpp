@@ -4,6 +4,8 @@
 #include "Fuzz.h"
 #include "Random.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -18,42 +20,14 @@ namespace {
 
 constexpr size_t longest = 1U << 21;
 
-const std::vector<std::string>& tokens()
+/// Returns one of the texts.
+const std::string& anyOf(const std::vector<std::string>& texts, Random& random)
 {
-    static const std::vector<std::string> all{"{",
-                                              "}",
-                                              "[",
-                                              "]",
-                                              "\"",
-                                              "\\",
-                                              ":",
-                                              ",",
-                                              "null",
-                                              "true",
-                                              "1e999",
-                                              "-0",
-                                              "\\ud800",
-                                              "\\u0000",
-                                              "\xFF",
-                                              "\n",
-                                              "\"uid\":",
-                                              "\"gid\":",
-                                              "\"t\":\"usb \"",
-                                              "\"i\":true",
-                                              "\"ic\":",
-                                              "\"ref\":",
-                                              "\"vn\":1",
-                                              "\"c\":2",
-                                              "[owner]",
-                                              "DXRDevice:",
-                                              "AppleUSBAudioEngine:",
-                                              "::",
-                                              std::string(600, '['),
-                                              std::string(600, '{')};
-    return all;
+    return texts[random.below(static_cast<uint32_t>(texts.size()))];
 }
 
-std::string mutated(std::string text, const std::vector<std::string>& corpus, Random& random)
+std::string mutated(std::string text, const std::vector<std::string>& corpus,
+                    const std::vector<std::string>& tokens, Random& random)
 {
     const auto place = [&] { return random.below(static_cast<uint32_t>(text.size()) + 1); };
     for (uint32_t changes = 1 + random.below(4); changes > 0; --changes) {
@@ -67,17 +41,17 @@ std::string mutated(std::string text, const std::vector<std::string>& corpus, Ra
             text.erase(at, random.below(16));
             break;
         case 2:
-            text.insert(at, tokens()[random.below(static_cast<uint32_t>(tokens().size()))]);
+            text.insert(at, anyOf(tokens, random));
             break;
         case 3: {
-            const std::string& other = corpus[random.below(static_cast<uint32_t>(corpus.size()))];
+            const std::string& other = anyOf(corpus, random);
             const size_t from = random.below(static_cast<uint32_t>(other.size()) + 1);
             text.insert(at, other, from, random.below(64));
             break;
         }
-        default: // repeat a part of the text
+        default: // repeat a part of the text: a bracket becomes deep nesting
             if (const std::string part = text.substr(at, random.below(8)); !part.empty())
-                for (uint32_t count = random.below(64); count > 0; --count)
+                for (uint32_t count = random.below(1024); count > 0; --count)
                     text.insert(at, part);
         }
     }
@@ -118,6 +92,10 @@ int main(int count, char** arguments)
         corpus.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
     }
     std::sort(corpus.begin(), corpus.end());
+    std::ifstream dictionary(std::filesystem::path(arguments[1]) / "../../json.dict");
+    std::vector<std::string> tokens; // in libFuzzer's format: strings as in JSON
+    for (std::string line; std::getline(dictionary, line);)
+        tokens.push_back(nlohmann::json::parse(line));
     for (const std::string& text : corpus)
         run(text);
     // Inputs that are too large for the corpus.
@@ -132,7 +110,7 @@ int main(int count, char** arguments)
     Random random(1);
     unsigned long runs = 0;
     for (; std::chrono::steady_clock::now() < end; ++runs)
-        run(mutated(corpus[random.below(static_cast<uint32_t>(corpus.size()))], corpus, random));
+        run(mutated(anyOf(corpus, random), corpus, tokens, random));
     std::printf("%zu of the corpus and %lu changed inputs\n", corpus.size(), runs);
     return EXIT_SUCCESS;
 }

@@ -14,13 +14,10 @@ namespace {
 /// never releases a device.
 DXRDeviceManager& manager()
 {
-    static const CXRef<SimulatedHardware> hal = [] {
-        CXRef<SimulatedHardware> made = SimulatedHardware::init(SimulatedClock::Stepped);
-        HALSetHardwareDriver(made);
-        return made;
-    }();
     static CXRef<DXRDeviceManager> current;
     static unsigned uses = 0;
+    if (uses == 0)
+        HALSetHardwareDriver(SimulatedHardware::init(SimulatedClock::Stepped));
     if (uses++ % 64 == 0)
         current = DXRNewDeviceManager();
     return *current;

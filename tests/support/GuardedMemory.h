@@ -6,7 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-/// Memory that ends or begins at an inaccessible page: an access beyond that end crashes the test.
+/// Memory between two inaccessible pages: an access beyond the end that adjoins one crashes the test.
 class GuardedMemory {
 public:
     enum class Guard { Behind, Before };
@@ -16,13 +16,12 @@ public:
     {
         const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         const size_t usable = (byteSize + page - 1) / page * page;
-        _mappedSize = usable + page;
-        _mapping = mmap(nullptr, _mappedSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        auto* const bytes = static_cast<std::byte*>(_mapping);
-        const bool isBehind = guard == Guard::Behind;
-        if (_mapping == MAP_FAILED || mprotect(isBehind ? bytes + usable : bytes, page, PROT_NONE) != 0)
+        _mappedSize = usable + 2 * page;
+        _mapping = mmap(nullptr, _mappedSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        auto* const bytes = static_cast<std::byte*>(_mapping) + page;
+        if (_mapping == MAP_FAILED || mprotect(bytes, usable, PROT_READ | PROT_WRITE) != 0)
             throw std::bad_alloc();
-        _begin = isBehind ? bytes + usable - byteSize : bytes + page;
+        _begin = guard == Guard::Behind ? bytes + usable - byteSize : bytes;
     }
     ~GuardedMemory() { munmap(_mapping, _mappedSize); }
     GuardedMemory(const GuardedMemory&) = delete;

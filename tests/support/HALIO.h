@@ -87,10 +87,8 @@ struct IOCycle {
 /// Returns an IO callback that calls `body` in each cycle.
 template <class Body> AudioDeviceIOBlock eachCycle(Body body)
 {
-    return [body = std::move(body)](const AudioTimeStamp* now, const AudioBufferList* in,
-                                    const AudioTimeStamp* inTime, AudioBufferList* out,
-                                    const AudioTimeStamp* outTime) mutable {
-        body(IOCycle{*now, in, inTime, out, outTime});
+    return [body = std::move(body)](const AudioTimeStamp* now, auto... buffersAndTimes) mutable {
+        body(IOCycle{*now, buffersAndTimes...});
     };
 }
 

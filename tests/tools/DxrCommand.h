@@ -48,21 +48,22 @@ protected:
     ~DxrCommand() override { std::filesystem::remove_all(folder); }
 
     std::string path(const std::string& name) const { return folder / name; }
-    std::string file(const std::string& name, const std::string& content) const
-    {
-        std::ofstream(folder / name, std::ios::binary) << content;
-        return folder / name;
-    }
     /// Runs a shell command in the folder; `d` is dxr on the simulated computer.
     ToolResult run(const std::string& command) const
     {
         // Background jobs that still wait at a FIFO end with the script.
-        file("script", "unset COLUMNS; trap 'kill $(jobs -p) 2> /dev/null' EXIT; cd " + folder.string() +
-                           "; dxr() { " DXR_TOOL " \"$@\"; }; d() { " DXR_TOOL " \"$@\" --simulated; }; { " +
-                           command + "; } > output 2> errors");
+        std::ofstream(folder / "script")
+            << "unset COLUMNS; trap 'kill $(jobs -p) 2> /dev/null' EXIT; cd " << folder.string()
+            << "; dxr() { " DXR_TOOL " \"$@\"; }; d() { " DXR_TOOL " \"$@\" --simulated; }; { " << command
+            << "; } > output 2> errors";
         const int status = std::system(("bash -o pipefail " + path("script")).c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contentOf(path("output")),
                 contentOf(path("errors"))};
+    }
+    /// The same where files cannot grow beyond a size, as on a full disk.
+    ToolResult runOnDisk(size_t byteSize, const std::string& command) const
+    {
+        return run("trap '' XFSZ; prlimit --pid $$ --fsize=" + std::to_string(byteSize) + "; " + command);
     }
 
     /// A shell command, its exit status, and a part of its output.

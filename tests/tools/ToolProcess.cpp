@@ -7,19 +7,13 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-[[noreturn]] void becomeTool(const std::vector<std::string>& arguments, size_t maxFileBytes)
+[[noreturn]] void becomeTool(const std::vector<std::string>& arguments)
 {
-    if (maxFileBytes > 0) {
-        const rlimit limit{maxFileBytes, maxFileBytes};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        std::signal(SIGXFSZ, SIG_IGN); // writing fails instead of ending the process, as on a full disk
-    }
     std::vector<char*> argv{const_cast<char*>("dxr")};
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));
@@ -33,7 +27,7 @@ namespace {
 
 } // namespace
 
-ToolProcess::ToolProcess(const std::vector<std::string>& arguments, bool onTerminal, size_t maxFileBytes)
+ToolProcess::ToolProcess(const std::vector<std::string>& arguments, bool onTerminal)
     : _errorFD(memfd_create("errors", MFD_CLOEXEC))
 {
     int output[2] = {-1, -1};
@@ -48,7 +42,7 @@ ToolProcess::ToolProcess(const std::vector<std::string>& arguments, bool onTermi
             dup2(output[1], STDOUT_FILENO);
             dup2(_errorFD, STDERR_FILENO);
         }
-        becomeTool(arguments, maxFileBytes);
+        becomeTool(arguments);
     }
     close(output[1]);
     _outputFD = output[0];

@@ -13,9 +13,8 @@ public:
     static constexpr std::chrono::seconds patience{30};
 
     /// Starts `dxr` with these arguments. Its output goes to a pipe, or to a pseudo-terminal of 80 columns if
-    /// `onTerminal`. If `maxFileBytes` is not 0, files cannot grow beyond it, as on a full disk.
-    explicit ToolProcess(const std::vector<std::string>& arguments, bool onTerminal = false,
-                         size_t maxFileBytes = 0);
+    /// `onTerminal`.
+    explicit ToolProcess(const std::vector<std::string>& arguments, bool onTerminal = false);
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;

@@ -26,9 +26,9 @@ TEST_F(DxrCommand, writesAWholeTrace)
     expectWholeSVG(svg);
     expectContains(svg, "Loop-back Cable -&gt; Built-in Speakers");
 
-    ToolProcess full({"trace", path("full.json"), "--simulated"}, false, 50'001);
-    EXPECT_EQ(full.finish(), 1);
-    EXPECT_EQ(linesOf(full.errors()).size(), 1U) << full.errors();
+    const ToolResult full = runOnDisk(50'001, "d trace full.json");
+    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(linesOf(full.errors).size(), 1U) << full.errors;
 }
 
 TEST_F(DxrCommand, demonstratesItself)

@@ -62,16 +62,12 @@ protected:
     /// A device whose channels have the same ramp, 0.25 apart.
     static SimulatedDeviceBuilder ramps(const std::string& uid, uint32_t channelCount)
     {
-        return aDevice()
-            .uid(uid)
-            .inputs(channelCount)
-            .clockDomain(1)
-            .hears(SimulatedSource(
-                [](uint64_t sampleTime, uint32_t frames, uint32_t channels, double, float* samples) {
-                    for (uint32_t i = 0; i < frames * channels; ++i)
-                        samples[i] =
-                            rampSample(sampleTime + i / channels) + 0.25F * static_cast<float>(i % channels);
-                }));
+        const SimulatedSource source([](uint64_t sampleTime, uint32_t frames, uint32_t channels, double,
+                                        float* samples) {
+            for (uint32_t i = 0; i < frames * channels; ++i)
+                samples[i] = rampSample(sampleTime + i / channels) + 0.25F * static_cast<float>(i % channels);
+        });
+        return aDevice().uid(uid).inputs(channelCount).clockDomain(1).hears(source);
     }
     /// Starts the session and waits until it has settled.
     template <class Part> CXRef<Part> started(RunnerSession& session, const CXRef<Part>& part)

@@ -13,8 +13,7 @@
 
 namespace {
 
-constexpr int64_t minWait = 100'000,
-                  maxWait = 10'000'000; // nanoseconds; a test may change the card meanwhile
+constexpr int64_t minWait = 100'000, maxWait = 10'000'000; // ns; a test may change the card meanwhile
 
 bool isCards(const char* path)
 {

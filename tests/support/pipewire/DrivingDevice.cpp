@@ -28,14 +28,10 @@ DrivingDevice::DrivingDevice(const std::string& remote, const std::string& name,
 
 void DrivingDevice::_connect(const std::string& name)
 {
-    static const pw_stream_events events = [] {
-        pw_stream_events all{};
-        all.version = PW_VERSION_STREAM_EVENTS;
-        all.state_changed = _stateChanged;
-        all.io_changed = _ioChanged;
-        all.process = _process;
-        return all;
-    }();
+    _events.version = PW_VERSION_STREAM_EVENTS;
+    _events.state_changed = _stateChanged;
+    _events.io_changed = _ioChanged;
+    _events.process = _process;
     const bool isSink = _direction == Direction::Sink;
     uint8_t space[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
@@ -58,7 +54,7 @@ void DrivingDevice::_connect(const std::string& name)
         properties[PW_KEY_NODE_GROUP] = _options.patientGroup;
     _client.locked([&] {
         _stream = pw_stream_new(_client.core(), name.c_str(), newProperties(properties));
-        pw_stream_add_listener(_stream, &_listener, &events, this);
+        pw_stream_add_listener(_stream, &_listener, &_events, this);
         pw_stream_connect(_stream, isSink ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT, PW_ID_ANY,
                           static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS |
                                                        PW_STREAM_FLAG_RT_PROCESS),

@@ -30,8 +30,6 @@ public:
 
     DrivingDevice(const std::string& remote, const std::string& name, Direction direction, Options options);
     ~DrivingDevice();
-    DrivingDevice(const DrivingDevice&) = delete;
-    DrivingDevice& operator=(const DrivingDevice&) = delete;
 
     /// Changes the device's description.
     void rename(const char* description);
@@ -70,14 +68,15 @@ private:
     const Options _options;
     const double _ratio; // device clock rate / nominal rate
     pw_stream* _stream = nullptr;
+    pw_stream_events _events{};
     spa_hook _listener{};
     std::atomic<spa_io_clock*> _clock{nullptr};
     std::atomic<spa_io_position*> _position{nullptr};
     std::atomic<bool> _streaming{false};
     std::atomic<bool> _ended{false};
     std::atomic<uint32_t> _skip{0}; // cycles; taken by the driver thread before its next cycle
-    Nanoseconds
-        _time{}; // of the clock's next cycle: one period after the last, even if that waited for nodes
+    // Of the clock's next cycle: one period after the last, even if that waited for nodes.
+    Nanoseconds _time{};
     uint64_t _framesDriven = 0, _lastDuration = 0;
     uint64_t _samplesGiven = 0;
     mutable std::mutex _mutex; // guards the fields below

@@ -1,10 +1,10 @@
 #include "FakeCard.h"
 
+#include <nlohmann/json.hpp>
 #include <spa/monitor/utils.h>
-#include <spa/param/profile.h>
-#include <spa/param/props.h>
-#include <spa/param/route.h>
+#include <spa/param/type-info.h>
 #include <spa/pod/parser.h>
+#include <spa/utils/json-pod.h>
 
 namespace {
 
@@ -15,6 +15,26 @@ constexpr struct {
               {"analog-input-mic", "Microphone", "mic"}};
 
 constexpr int32_t profile = 1;
+
+/// Describes a route as PipeWire's own programs write it; an active one with its volume.
+nlohmann::json describe(uint32_t route, const FakeCard::State& state, bool isActive)
+{
+    const uint32_t device = route == FakeCard::Microphone ? 1 : 0;
+    const bool isAvailable = route != FakeCard::Headphones || state.headphonesPlugged;
+    nlohmann::json all{{"index", route},
+                       {"direction", device == 1 ? "Input" : "Output"},
+                       {"name", routes[route].name},
+                       {"description", routes[route].description},
+                       {"available", isAvailable ? "yes" : "no"},
+                       {"profiles", {profile}},
+                       {"devices", {device}},
+                       {"info", {2, "port.group", "legacy", "port.type", routes[route].portType}}};
+    if (isActive)
+        all.update({{"device", device},
+                    {"profile", profile},
+                    {"props", {{"mute", state.muted[route]}, {"channelVolumes", state.amplitudes[route]}}}});
+    return all;
+}
 
 } // namespace
 
@@ -87,63 +107,28 @@ int FakeCard::_enumParams(void* object, int sequence, uint32_t id, uint32_t star
 {
     auto* self = static_cast<FakeCard*>(object);
     for (uint32_t index = start; index - start < count; ++index) {
+        const std::string text = self->_param(id, index);
         uint8_t space[4096];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
-        spa_pod* param = self->_param(builder, id, index);
-        if (!param)
+        if (spa_json_to_pod(&builder, 0, spa_debug_type_find(spa_type_param, id), text.data(),
+                            static_cast<int>(text.size())) < 0)
             break;
-        const spa_result_device_params result{id, index, index + 1, param};
+        const spa_result_device_params result{id, index, index + 1, spa_pod_builder_deref(&builder, 0)};
         spa_device_emit_result(&self->_hooks, sequence, 0, SPA_RESULT_TYPE_DEVICE_PARAMS, &result);
     }
     return 0;
 }
 
-spa_pod* FakeCard::_param(spa_pod_builder& builder, uint32_t id, uint32_t index) const
+std::string FakeCard::_param(uint32_t id, uint32_t index) const
 {
     const uint32_t directions = _options.microphone ? 2 : 1;
-    switch (id) {
-    case SPA_PARAM_Profile:
-        return index > 0 ? nullptr
-                         : static_cast<spa_pod*>(spa_pod_builder_add_object(
-                               &builder, SPA_TYPE_OBJECT_ParamProfile, id, SPA_PARAM_PROFILE_index,
-                               SPA_POD_Int(profile), SPA_PARAM_PROFILE_name, SPA_POD_String("stereo")));
-    case SPA_PARAM_EnumRoute:
-        return index < 1 + directions ? _route(builder, id, index) : nullptr;
-    case SPA_PARAM_Route:
-        return index < directions ? _route(builder, id, _state.activeRoutes[index]) : nullptr;
-    default:
-        return nullptr;
-    }
-}
-
-spa_pod* FakeCard::_route(spa_pod_builder& builder, uint32_t id, uint32_t route) const
-{
-    const int32_t device = route == Microphone ? 1 : 0;
-    const bool isAvailable = route != Headphones || _state.headphonesPlugged;
-    spa_pod_frame frame;
-    spa_pod_builder_push_object(&builder, &frame, SPA_TYPE_OBJECT_ParamRoute, id);
-    spa_pod_builder_add(&builder, SPA_PARAM_ROUTE_index, SPA_POD_Int(route), SPA_PARAM_ROUTE_direction,
-                        SPA_POD_Id(device == 1 ? SPA_DIRECTION_INPUT : SPA_DIRECTION_OUTPUT),
-                        SPA_PARAM_ROUTE_name, SPA_POD_String(routes[route].name), SPA_PARAM_ROUTE_description,
-                        SPA_POD_String(routes[route].description), SPA_PARAM_ROUTE_available,
-                        SPA_POD_Id(isAvailable ? SPA_PARAM_AVAILABILITY_yes : SPA_PARAM_AVAILABILITY_no),
-                        SPA_PARAM_ROUTE_profiles, SPA_POD_Array(sizeof profile, SPA_TYPE_Int, 1, &profile),
-                        SPA_PARAM_ROUTE_devices, SPA_POD_Array(sizeof device, SPA_TYPE_Int, 1, &device), 0);
-    spa_pod_frame information;
-    spa_pod_builder_prop(&builder, SPA_PARAM_ROUTE_info, 0);
-    spa_pod_builder_push_struct(&builder, &information);
-    spa_pod_builder_add(&builder, SPA_POD_Int(2), SPA_POD_String("port.group"), SPA_POD_String("legacy"),
-                        SPA_POD_String("port.type"), SPA_POD_String(routes[route].portType), nullptr);
-    spa_pod_builder_pop(&builder, &information);
-    if (id == SPA_PARAM_Route) {
-        spa_pod_builder_add(&builder, SPA_PARAM_ROUTE_device, SPA_POD_Int(device), SPA_PARAM_ROUTE_profile,
-                            SPA_POD_Int(profile), 0);
-        spa_pod_builder_prop(&builder, SPA_PARAM_ROUTE_props, 0);
-        spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_Props, id, SPA_PROP_mute,
-                                   SPA_POD_Bool(_state.muted[route]), SPA_PROP_channelVolumes,
-                                   SPA_POD_Array(sizeof(float), SPA_TYPE_Float, 2, _state.amplitudes[route]));
-    }
-    return static_cast<spa_pod*>(spa_pod_builder_pop(&builder, &frame));
+    if (id == SPA_PARAM_Profile && index == 0)
+        return nlohmann::json{{"index", profile}, {"name", "stereo"}}.dump();
+    if (id == SPA_PARAM_EnumRoute && index < 1 + directions)
+        return describe(index, _state, false).dump();
+    if (id == SPA_PARAM_Route && index < directions)
+        return describe(_state.activeRoutes[index], _state, true).dump();
+    return {};
 }
 
 int FakeCard::_setParam(void* object, uint32_t id, uint32_t /*flags*/, const spa_pod* param)
@@ -183,7 +168,6 @@ void FakeCard::_changed()
         if (info.id == SPA_PARAM_Route || info.id == SPA_PARAM_EnumRoute)
             info.flags ^= SPA_PARAM_INFO_SERIAL; // otherwise clients do not read the new value
     _emitInfo(SPA_DEVICE_CHANGE_MASK_PARAMS);
-    _client.changed();
 }
 
 void FakeCard::change(const std::function<void(State&)>& change)

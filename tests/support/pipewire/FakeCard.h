@@ -3,7 +3,6 @@
 #include "TestClient.h"
 
 #include <spa/monitor/device.h>
-#include <spa/pod/builder.h>
 
 /// A sound card that the test's process exports to a server. It has a profile, routes with volume and mute,
 /// headphones that can be plugged in, and a sink (and a source).
@@ -27,8 +26,6 @@ public:
 
     FakeCard(const std::string& remote, Options options);
     ~FakeCard();
-    FakeCard(const FakeCard&) = delete;
-    FakeCard& operator=(const FakeCard&) = delete;
 
     std::string sinkName() const { return "alsa_output." + _options.name + ".stereo"; }
     std::string deviceName() const { return "alsa_card." + _options.name; }
@@ -45,8 +42,8 @@ private:
                            const spa_pod* filter);
     static int _setParam(void* object, uint32_t id, uint32_t flags, const spa_pod* param);
 
-    spa_pod* _param(spa_pod_builder& builder, uint32_t id, uint32_t index) const;
-    spa_pod* _route(spa_pod_builder& builder, uint32_t id, uint32_t route) const;
+    /// Returns a parameter as JSON; empty after the last one.
+    std::string _param(uint32_t id, uint32_t index) const;
     void _emitInfo(uint64_t changes);
     void _changed();
 

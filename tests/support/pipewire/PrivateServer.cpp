@@ -35,13 +35,10 @@ context.properties = {
     support.dbus = false
     link.max-buffers = 16
     log.level = 1
-    default.clock.rate = 48000
     default.clock.allowed-rates = [ 44100 48000 88200 96000 176400 192000 ]
     default.clock.quantum = 512
     default.clock.min-quantum = 16
     default.clock.max-quantum = 8192
-    settings.check-quantum = false
-    settings.check-rate = false
     clock.power-of-two-quantum = false
 }
 context.spa-libs = {
@@ -50,18 +47,11 @@ context.spa-libs = {
 }
 context.modules = [
     { name = libpipewire-module-rt  args = { nice.level = -11 rt.prio = 88 }  flags = [ ifexists nofail ] }
-    { name = libpipewire-module-protocol-native }
-    { name = libpipewire-module-metadata }
-    { name = libpipewire-module-spa-node-factory }
-    { name = libpipewire-module-spa-device-factory }
-    { name = libpipewire-module-client-node }
-    { name = libpipewire-module-client-device }
-    { name = libpipewire-module-access }
-    { name = libpipewire-module-adapter }
-    { name = libpipewire-module-link-factory }
-    { name = libpipewire-module-session-manager }
-]
 )";
+
+constexpr const char* modules[] = {"protocol-native", "metadata",      "spa-node-factory",
+                                   "client-node",     "client-device", "access",
+                                   "adapter",         "link-factory",  "session-manager"};
 
 constexpr const char* driver = R"(
     { factory = spa-node-factory
@@ -94,11 +84,7 @@ void copyWirePlumberConfiguration(const fs::path& to)
         throw std::runtime_error("WirePlumber is not installed");
     fs::copy(wirePlumber, to, fs::copy_options::recursive);
     std::ofstream(to / "main.lua.d" / "80-headless.lua") << withoutHardware;
-    std::ifstream original(std::string(wirePlumber) + "/wireplumber.conf");
-    std::ofstream kept(to / "wireplumber.conf");
-    for (std::string line; std::getline(original, line);)
-        if (line.find("bluetooth.lua") == std::string::npos)
-            kept << line << '\n';
+    std::ofstream(to / "bluetooth.lua.d" / "80-headless.lua") << "bluez_monitor.enabled = false\n";
 }
 
 } // namespace
@@ -148,16 +134,15 @@ PrivateServer::~PrivateServer()
 
 void PrivateServer::_writeConfiguration() const
 {
-    std::string modules = configuration;
-    if (!_options.withoutModule.empty()) {
-        const size_t name = modules.find("libpipewire-module-" + _options.withoutModule + " ");
-        modules.erase(modules.rfind('{', name), modules.find('}', name) + 1 - modules.rfind('{', name));
-    }
     fs::create_directories(_folder);
-    std::ofstream(_folder / "server.conf")
-        << modules << "context.objects = [\n"
-        << (_options.sessionManager ? "" : "    { factory = metadata args = { metadata.name = default } }\n")
-        << driver << "]\n";
+    std::ofstream file(_folder / "server.conf");
+    file << configuration; // as far as the first module
+    for (const char* module : modules)
+        if (module != _options.withoutModule)
+            file << "    { name = libpipewire-module-" << module << " }\n";
+    file << "]\ncontext.objects = [\n"
+         << (_options.sessionManager ? "" : "    { factory = metadata args = { metadata.name = default } }\n")
+         << driver << "]\n";
 }
 
 void PrivateServer::start()

@@ -1,8 +1,11 @@
 #include "TestClient.h"
 
+#include "Eventually.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
@@ -60,14 +63,14 @@ pw_properties* newProperties(const NodeProperties& properties)
 
 TestClient::TestClient(const std::string& remote) : _remote(remote)
 {
-    static const pw_core_events coreEvents = [] {
-        pw_core_events events{};
-        events.version = PW_VERSION_CORE_EVENTS;
-        events.done = _done;
-        return events;
-    }();
-    static const pw_registry_events registryEvents{PW_VERSION_REGISTRY_EVENTS, _global, _globalRemove};
-
+    static const pw_registry_events registryEvents{
+        PW_VERSION_REGISTRY_EVENTS, _global,
+        [](void* data, uint32_t id) { static_cast<TestClient*>(data)->_globals.erase(id); }};
+    _coreEvents.version = PW_VERSION_CORE_EVENTS;
+    _coreEvents.done = [](void* data, uint32_t id, int sequence) {
+        if (id == PW_ID_CORE)
+            static_cast<TestClient*>(data)->_lastSync = sequence;
+    };
     pw_init(nullptr, nullptr);
     _loop = pw_thread_loop_new("test-client", nullptr);
     _context = pw_context_new(pw_thread_loop_get_loop(_loop),
@@ -77,7 +80,7 @@ TestClient::TestClient(const std::string& remote) : _remote(remote)
         _core = pw_context_connect(_context, newProperties({{PW_KEY_REMOTE_NAME, remote}}), 0);
         if (!_core)
             return;
-        pw_core_add_listener(_core, &_coreListener, &coreEvents, this);
+        pw_core_add_listener(_core, &_coreListener, &_coreEvents, this);
         _registry = pw_core_get_registry(_core, PW_VERSION_REGISTRY, 0);
         pw_registry_add_listener(_registry, &_registryListener, &registryEvents, this);
     });
@@ -98,84 +101,42 @@ TestClient::~TestClient()
     pw_thread_loop_destroy(_loop);
 }
 
-void TestClient::_done(void* data, uint32_t id, int sequence)
-{
-    auto* self = static_cast<TestClient*>(data);
-    if (id == PW_ID_CORE)
-        self->_lastSync = sequence;
-    self->changed();
-}
-
 void TestClient::_global(void* data, uint32_t id, uint32_t /*permissions*/, const char* type,
                          uint32_t /*version*/, const spa_dict* properties)
 {
-    auto* self = static_cast<TestClient*>(data);
     Global global{type, {}};
     for (uint32_t i = 0; properties && i < properties->n_items; ++i)
         global.properties[properties->items[i].key] = properties->items[i].value;
-    self->_globals[id] = std::move(global);
-    self->changed();
-}
-
-void TestClient::_globalRemove(void* data, uint32_t id)
-{
-    auto* self = static_cast<TestClient*>(data);
-    self->_globals.erase(id);
-    self->changed();
-}
-
-void TestClient::locked(const std::function<void()>& work) const
-{
-    pw_thread_loop_lock(_loop);
-    work();
-    pw_thread_loop_unlock(_loop);
+    static_cast<TestClient*>(data)->_globals[id] = std::move(global);
 }
 
 void TestClient::sync()
 {
-    int sequence = 0;
-    locked([&] { sequence = pw_core_sync(_core, PW_ID_CORE, 0); });
+    const int sequence = locked([this] { return pw_core_sync(_core, PW_ID_CORE, 0); });
     if (!waitUntil([&] { return _lastSync >= sequence; }))
         throw std::runtime_error("the server does not reply");
 }
 
 bool TestClient::waitUntil(const std::function<bool()>& isTrue) const
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    bool is = false;
-    locked([&] {
-        while (!(is = isTrue()) && std::chrono::steady_clock::now() < deadline)
-            pw_thread_loop_timed_wait(_loop, 1);
-    });
-    return is;
-}
-
-std::vector<uint32_t> TestClient::_find(const std::string& type, const NodeProperties& properties) const
-{
-    std::vector<uint32_t> ids;
-    for (const auto& [id, global] : _globals) {
-        bool matches = global.type == type;
-        for (const auto& [key, value] : properties) {
-            const auto found = global.properties.find(key);
-            matches = matches && found != global.properties.end() && found->second == value;
-        }
-        if (matches)
-            ids.push_back(id);
-    }
-    return ids;
+    return eventually([&] { return locked(isTrue); });
 }
 
 std::vector<uint32_t> TestClient::idsOf(const std::string& type, const NodeProperties& properties) const
 {
     std::vector<uint32_t> ids;
-    locked([&] { ids = _find(type, properties); });
+    locked([&] {
+        for (const auto& [id, global] : _globals)
+            if (global.type == type && std::ranges::includes(global.properties, properties))
+                ids.push_back(id);
+    });
     return ids;
 }
 
 uint32_t TestClient::idOf(const std::string& type, const NodeProperties& properties) const
 {
     std::vector<uint32_t> ids;
-    if (!waitUntil([&] { return !(ids = _find(type, properties)).empty(); }))
+    if (!eventually([&] { return !(ids = idsOf(type, properties)).empty(); }))
         throw std::runtime_error("no such object on the server: " + type);
     return ids.front();
 }
@@ -189,13 +150,11 @@ pw_proxy* TestClient::_create(const char* factory, const char* type, uint32_t ve
                               const NodeProperties& properties)
 {
     pw_properties* all = newProperties(properties);
-    pw_proxy* proxy = nullptr;
-    locked([&] {
-        proxy = static_cast<pw_proxy*>(pw_core_create_object(_core, factory, type, version, &all->dict, 0));
-    });
+    void* const proxy =
+        locked([&] { return pw_core_create_object(_core, factory, type, version, &all->dict, 0); });
     pw_properties_free(all);
     sync();
-    return proxy;
+    return static_cast<pw_proxy*>(proxy);
 }
 
 pw_proxy* TestClient::bind(uint32_t id, const char* type, uint32_t version)
@@ -262,10 +221,8 @@ std::string TestClient::run(const std::string& command) const
 
 void TestClient::setVolumes(const std::string& nodeName, const std::vector<float>& amplitudes) const
 {
-    std::string list;
-    for (const float each : amplitudes)
-        list += std::to_string(each) + " ";
-    run("pw-cli set-param '" + nodeName + "' Props '{ channelVolumes: [ " + list + "] }'");
+    run("pw-cli set-param '" + nodeName + "' Props '{ channelVolumes: " + nlohmann::json(amplitudes).dump() +
+        " }'");
 }
 
 void TestClient::setMetadata(const std::string& name, const std::string& key, const std::string& value) const

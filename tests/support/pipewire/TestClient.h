@@ -1,9 +1,9 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <pipewire/pipewire.h>
 #include <string>
 #include <vector>
@@ -34,15 +34,18 @@ public:
 
     // -- The connection
 
-    /// Runs `work` with the loop locked.
-    void locked(const std::function<void()>& work) const;
+    /// Runs `work` with the loop locked, and returns its result.
+    auto locked(const auto& work) const
+    {
+        pw_thread_loop_lock(_loop);
+        const std::unique_ptr<pw_thread_loop, decltype(&pw_thread_loop_unlock)> unlocker(
+            _loop, pw_thread_loop_unlock);
+        return work();
+    }
     /// Returns once the server has handled every earlier request.
     void sync();
-    /// Waits until `isTrue` holds, evaluated after every event with the loop locked. Returns false on
-    /// timeout.
+    /// Waits until `isTrue` holds, evaluated with the loop locked. Returns false on timeout.
     bool waitUntil(const std::function<bool()>& isTrue) const;
-    /// Wakes waitUntil(). Must be called on the loop or with the loop locked.
-    void changed() const { pw_thread_loop_signal(_loop, false); }
     pw_core* core() const noexcept { return _core; }
 
     // -- The server's objects
@@ -81,19 +84,17 @@ private:
         std::string type;
         NodeProperties properties;
     };
-    static void _done(void* data, uint32_t id, int sequence);
     static void _global(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
                         const spa_dict* properties);
-    static void _globalRemove(void* data, uint32_t id);
     pw_proxy* _create(const char* factory, const char* type, uint32_t version,
                       const NodeProperties& properties);
-    std::vector<uint32_t> _find(const std::string& type, const NodeProperties& properties) const;
 
     const std::string _remote;
     pw_thread_loop* _loop = nullptr;
     pw_context* _context = nullptr;
     pw_core* _core = nullptr;
     pw_registry* _registry = nullptr;
+    pw_core_events _coreEvents{};
     spa_hook _coreListener{}, _registryListener{};
     std::map<uint32_t, Global> _globals;
     int _lastSync = -1; // sequence number of the last sync that the server has reported
