@@ -82,24 +82,21 @@ TEST_F(Properties, describeADevice)
     const auto none = Address::deviceStreams(kAudioObjectPropertyScopeInput)->dataForObjectID(box);
     EXPECT_EQ(none.value().size(), 0U) << "empty is not the same as unreadable";
 
-    using Usage = std::vector<bool>;
-    AudioDeviceIOProcID procID = nullptr;
-    ASSERT_EQ(AudioDeviceCreateIOProcIDWithBlock(&procID, box, nullptr, [](auto...) {}), 0);
-    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), Usage(2, true));
-    for (const Usage& usage : {Usage{false, true}, {true}, Usage(9, true)}) {
-        Usage expected = usage; // missing streams are off, surplus ones are ignored
-        expected.resize(2);
-        QDLAudioDeviceSetStreamUsage(box, procID, output, usage);
-        EXPECT_EQ(QDLAudioDeviceGetStreamUsage(box, procID, output), expected);
-    }
-    AudioDeviceDestroyIOProcID(box, procID);
     SimulatedDeviceBuilder many = aDevice().uid("many");
     for (int i = 0; i < 66; ++i)
         many.outputs(1);
     const AudioObjectID wide = hal.plug(many);
+    using Usage = std::vector<bool>;
+    AudioDeviceIOProcID procID = nullptr;
     ASSERT_EQ(AudioDeviceCreateIOProcIDWithBlock(&procID, wide, nullptr, [](auto...) {}), 0);
-    QDLAudioDeviceSetStreamUsage(wide, procID, output, std::nullopt);
-    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(wide, procID, output), Usage(66, false));
+    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(wide, procID, output), Usage(66, true));
+    const std::optional<Usage> usages[] = {Usage{false, true}, Usage{true}, Usage(99, true), std::nullopt};
+    for (const std::optional<Usage>& usage : usages) {
+        Usage expected = usage.value_or(Usage()); // missing streams are off, surplus ones are ignored
+        expected.resize(66);
+        QDLAudioDeviceSetStreamUsage(wide, procID, output, usage);
+        EXPECT_EQ(QDLAudioDeviceGetStreamUsage(wide, procID, output), expected);
+    }
 }
 
 TEST_F(Properties, listTheOutsideVirtualDeviceExactlyWhenItShowsItself)
@@ -165,24 +162,19 @@ TEST(PropertyAddress, isEqualToItsCopyAndItsText)
     EXPECT_FALSE(volume->isEqual(nullptr));
 }
 
-class Target final : public CXObject {
-public:
-    static CXRef<Target> init() { return CXRef<Target>::adopt(new Target); }
-    int changes = 0;
-};
-
 TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
 {
     const AudioObjectID box = hal.plug(aDevice().uid("box").outputs(2).mute(outputs, false));
-    CXRef<Target> target = Target::init();
+    CXRef<CXValue> target = CXValue::initWithPlist("first target");
+    int changes = 0;
     const auto muted = Address::deviceMute(kAudioObjectPropertyScopeOutput, 0);
     const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("listener");
     const auto listener = DXRPropertyListener::initWithObjectID(
         box, muted->address(), queue, target,
         [&](const CXRef<CXObject>& who, const AudioObjectPropertyAddress* what) {
             EXPECT_TRUE(queue->isCurrent());
-            EXPECT_TRUE(muted->isEqual(Address::initWithAddress(what).get()));
-            ++static_cast<Target&>(*who).changes;
+            EXPECT_TRUE(who == target && muted->isEqual(Address::initWithAddress(what).get()));
+            ++changes;
         });
     bool isMuted = false;
     const auto changesAfterAToggle = [&] {
@@ -190,7 +182,7 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
         hal.reconfigure("box", [&](auto& it) { it.mute(outputs, isMuted); });
         settleHardware();
         queue->sync([] {});
-        return std::exchange(target->changes, 0);
+        return std::exchange(changes, 0);
     };
     listener->stop(); // a second stop does nothing
     EXPECT_EQ(changesAfterAToggle(), 0);
@@ -200,14 +192,14 @@ TEST_F(Properties, haveListenersThatCallTheirTargetWhileBothLive)
     listener->stop();
     EXPECT_EQ(changesAfterAToggle(), 0);
     listener->start();
-    const CXWeak<Target> weak(std::exchange(target, Target::init()));
+    const CXWeak<CXValue> weak(std::exchange(target, CXValue::initWithPlist("second target")));
     EXPECT_FALSE(weak.lock()) << "the listener does not keep it";
     EXPECT_EQ(changesAfterAToggle(), 0);
 
     // A listener created by an address is called on the notification thread even if a queue is passed.
     const auto ofAddress = muted->listenerWithObjectID(
         box, queue, target, [&](const CXRef<CXObject>& who, const Address::Ref& what) {
-            static_cast<Target&>(*who).changes += what == muted && !queue->isCurrent() ? 1 : 100;
+            changes += who == target && what == muted && !queue->isCurrent() ? 1 : 100;
         });
     ofAddress->start();
     EXPECT_EQ(changesAfterAToggle(), 1);

@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <thread>
 
 namespace {
@@ -253,72 +252,6 @@ TEST_F(DXRAudioContextTest, refusesNodesThatNoBufferHolds)
     EXPECT_TRUE(runner->activeDevices().empty());
     unplug(); // the timer context cannot run the node either
     EXPECT_TRUE(runner->error());
-}
-
-// Checks the host time of a block's first frame against the time at which the device recorded or plays it.
-// The device is 300 ppm off, and its time stamps are off by some 50 us, or late, as when threads wake late.
-// Each sample is its frame's number, so the measurement includes converters and their delays.
-TEST_F(DXRAudioContextTest, knowsWhenABlocksFramesAreAtTheDevice)
-{
-    const struct {
-        uint32_t runnerFrames;
-        double runnerRate, partsPerMillion;
-        DXRConversionQuality quality;
-        bool isEarlyToo; ///< false: stamps are only late
-    } rows[] = {
-        {64, 48000, 300, DXRConversionQuality::Standard, false},
-        {64, 48000, -300, DXRConversionQuality::Standard, true},
-        {100, 48000, 300, DXRConversionQuality::Standard, true},
-        {64, 44100, -300, DXRConversionQuality::Standard, false},
-        {441, 44100, 300, DXRConversionQuality::High, true},
-    };
-    constexpr double deviceRate = 48000, seconds = 30, begin = 1e12; // ns
-    for (const auto& row : rows) {
-        const double period = 1e9 / (deviceRate * (1 + row.partsPerMillion * 1e-6));
-        const auto frameAt = [&](uint64_t ns) { return (static_cast<double>(ns) - begin) / period; };
-        std::vector<double> errors[2]; // ns; of the input and of the output
-        for (auto& each : errors)
-            each.reserve(static_cast<size_t>(seconds * 1000));
-        const auto note = [&](size_t direction, float number, double frame) {
-            if (frame > 4800) // the clock is measured
-                errors[direction].push_back(std::abs(static_cast<double>(number) - frame) * period);
-        };
-        for (const bool isInput : {true, false})
-            runner->removeDevice(device(isInput));
-        runner->addDevice(device(true), DXRDeviceRunner::Channels{1}, [&](uint64_t, DXRBuffer& heard) {
-            note(0, heard.samples()[0], frameAt(heard.hostTime()));
-        });
-        runner->addDevice(device(false), DXRDeviceRunner::Channels{1}, [&](uint64_t, DXRBuffer& given) {
-            const double first = frameAt(given.hostTime());
-            for (uint32_t k = 0; k < given.frameCount(); ++k)
-                given.samples()[k] = static_cast<float>(first + k * deviceRate / row.runnerRate);
-        });
-        runner->setFrameCount(row.runnerFrames);
-        runner->setSampleRate(row.runnerRate);
-        ASSERT_TRUE(runner->setConversionQuality(row.quality));
-        runner->start();
-        std::mt19937 random(1);
-        std::normal_distribution<double> jitter(0, 50e3);
-        for (double now = frames; now <= seconds * deviceRate; now += frames) {
-            Cycle one(now);
-            const double off = row.isEarlyToo ? jitter(random) : std::abs(jitter(random));
-            one.now.hostTime = static_cast<uint64_t>(begin + now * period + off);
-            one.now.flags |= kAudioTimeStampHostTimeValid;
-            one.inputTime.sampleTime = now - frames - 17; // includes a safety offset
-            one.outputTime.sampleTime = now + frames + 5;
-            for (uint32_t k = 0; k < frames; ++k)
-                one.samples[2 * k] = static_cast<float>(one.inputTime.sampleTime + k);
-            one.run();
-            note(1, one.samples[2 * frames], one.outputTime.sampleTime);
-        }
-        runner->stop();
-        for (std::vector<double>& all : errors) {
-            ASSERT_GT(all.size(), 1000U);
-            std::ranges::sort(all);
-            EXPECT_LT(all[all.size() / 2], 20e3) << "the median";
-            EXPECT_LT(all.back(), 200e3);
-        }
-    }
 }
 
 TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)

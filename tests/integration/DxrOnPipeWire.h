@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <cmath>
 #include <cstdlib>
+#include <numeric>
 #include <regex>
 
 /// Tests the `dxr` command against a private server with another client.
@@ -18,29 +20,26 @@ protected:
     std::string path(const std::string& name) const { return server.folder() / name; }
 
     PrivateServer server;
-    TestClient client{nameInEnvironment(server)};
-
-private:
-    /// Sets the server for the tool. Called before a client connects, because the environment overrides a
-    /// client's remote.
-    static std::string nameInEnvironment(const PrivateServer& server)
-    {
-        setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
-        return server.remote();
-    }
+    // For the tool. Set before a client connects, because the environment overrides a client's remote.
+    const int isNamed = setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
+    TestClient client{server.remote()};
 };
 
-/// Returns the sum of the numbers before `words` in the tool's report, without thousands separators; -1 if
-/// none.
-inline long sumBefore(std::string report, const std::string& words)
+/// Returns the numbers before `words` in the tool's report, without thousands separators.
+inline std::vector<double> numbersBefore(std::string report, const std::string& words)
 {
     std::erase(report, ',');
-    const std::regex number("([0-9]+) " + words);
-    long sum = -1;
-    for (std::sregex_iterator match(report.begin(), report.end(), number); match != std::sregex_iterator();
-         ++match)
-        sum = std::max(0L, sum) + std::stol((*match)[1]);
-    return sum;
+    const std::regex number("([-+]?[0-9.]+) " + words);
+    std::vector<double> numbers;
+    for (std::sregex_iterator match(report.begin(), report.end(), number), end; match != end; ++match)
+        numbers.push_back(std::stod((*match)[1]));
+    return numbers;
+}
+/// Returns their sum; -1 if there are none.
+inline long sumBefore(const std::string& report, const std::string& words)
+{
+    const std::vector<double> numbers = numbersBefore(report, words);
+    return numbers.empty() ? -1 : std::lround(std::accumulate(numbers.begin(), numbers.end(), 0.0));
 }
 
 /// Returns DXR_SOAK_SECONDS, the duration in soaks, or `otherwise` if unset.

@@ -7,21 +7,17 @@
 
 namespace {
 
-TEST_F(DxrOnPipeWire, watchesOneObjectForADeviceThroughAllChanges)
+TEST_F(DxrOnPipeWire, watchesOneObjectForADeviceThatComesBack)
 {
     client.plug({.name = "one"});
     ToolProcess watch({"watch", "--identity"});
     ASSERT_TRUE(watch.waitFor("present") && watch.waitFor("]\n")) << watch.output();
     const std::string line = watch.output().substr(watch.output().find("[output 0x"));
     const std::string identity = line.substr(0, line.find("]\n"));
-    client.setVolumes("one", {0.125F, 0.125F}); // amplitudes
-    EXPECT_TRUE(watch.waitFor("output volume 100% -> 50%")) << watch.output();
     client.unplug("one");
     ASSERT_TRUE(watch.waitFor("disconnected")) << watch.output();
     client.plug({.name = "one"});
     ASSERT_TRUE(watch.waitFor(" connected ")) << watch.output();
-    EXPECT_EQ(runTool({"set", "one", "--default"}).status, 0);
-    EXPECT_TRUE(watch.waitFor("output: Virtual one")) << watch.output();
     watch.signal(SIGINT);
     EXPECT_EQ(watch.finish(), 0) << watch.errors();
     EXPECT_NE(watch.output().find(identity, watch.output().find(" connected ")), std::string::npos)

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -31,11 +33,9 @@ struct Studio {
 /// Appends options that route one channel of each source to both sinks.
 std::vector<std::string> studioCommand(std::vector<std::string> command, int frames, int seconds)
 {
-    const std::string frameText = std::to_string(frames), secondText = std::to_string(seconds);
-    const std::string options[] = {"--in",     "north:1", "--in",      "south:2", "--out",
-                                   "left",     "--out",   "right",     "--rate",  "48000",
-                                   "--frames", frameText, "--seconds", secondText};
-    command.insert(command.end(), std::begin(options), std::end(options));
+    std::istringstream options("--in north:1 --in south:2 --out left --out right --rate 48000 --frames " +
+                               std::to_string(frames) + " --seconds " + std::to_string(seconds));
+    command.insert(command.end(), std::istream_iterator<std::string>(options), {});
     return command;
 }
 

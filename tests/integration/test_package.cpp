@@ -23,8 +23,8 @@ class Package : public testing::Test {
 protected:
     Package() { setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1); }
 
-    /// Runs a shell command in the folder. Returns its exit status and stores its output in `output`.
-    int run(const std::string& command)
+    /// Runs a shell command in the folder, expects its exit status, and stores its output in `output`.
+    void run(const std::string& command, int expected = 0)
     {
         FILE* const pipe = popen(("cd " + folder.string() + " && (" + command + ") 2>&1").c_str(), "r");
         std::array<char, 4096> block{};
@@ -32,7 +32,7 @@ protected:
         while (const size_t count = std::fread(block.data(), 1, block.size(), pipe))
             output.append(block.data(), count);
         const int status = pclose(pipe);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == expected) << command << '\n' << output;
     }
     /// Waits until the file has this text.
     static bool waitForText(const fs::path& path, const std::string& text)
@@ -52,32 +52,24 @@ protected:
 TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
 {
     // Installs into a staging folder and uses it from there: no file may depend on the final location.
-    ASSERT_EQ(run("make -C " DXR_SOURCE_DIR
-                  " --no-print-directory -o release install BUILD_DIR=" DXR_BUILD_DIR
-                  " PREFIX=/opt/dxr DESTDIR=" +
-                  (folder / "stage").string()),
-              0)
-        << output;
+    run("make -C " DXR_SOURCE_DIR " --no-print-directory -o release install BUILD_DIR=" DXR_BUILD_DIR
+        " PREFIX=/opt/dxr DESTDIR=" +
+        (folder / "stage").string());
     const std::string prefix = folder / "stage/opt/dxr";
-    EXPECT_EQ(run(prefix + "/bin/dxr --version"), 0) << output;
+    run(prefix + "/bin/dxr --version");
     fs::copy(DXR_SOURCE_DIR "/examples", folder / "examples");
-    ASSERT_EQ(run("cmake -S examples -B built -DCMAKE_PREFIX_PATH=" + prefix +
-                  " -DCMAKE_CXX_COMPILER='" DXR_COMPILER "' -DCMAKE_CXX_FLAGS='" DXR_SANITIZER_FLAGS
-                  "' && cmake --build built -j2"),
-              0)
-        << output;
+    run("cmake -S examples -B built -DCMAKE_PREFIX_PATH=" + prefix +
+        " -DCMAKE_CXX_COMPILER='" DXR_COMPILER "' -DCMAKE_CXX_FLAGS='" DXR_SANITIZER_FLAGS
+        "' && cmake --build built -j2");
     const std::string flags = "$(PKG_CONFIG_PATH=" + prefix + "/" DXR_LIBRARY_FOLDER "/pkgconfig pkg-config ";
-    ASSERT_EQ(run(DXR_COMPILER " " DXR_SANITIZER_FLAGS
-                               " -std=c++20 examples/list_devices.cpp -o by-pkg-config " +
-                  flags + "--cflags --libs dxr) -Wl,-rpath," + prefix + "/" DXR_LIBRARY_FOLDER),
-              0)
-        << output;
+    run(DXR_COMPILER " " DXR_SANITIZER_FLAGS " -std=c++20 examples/list_devices.cpp -o by-pkg-config " +
+        flags + "--cflags --libs dxr) -Wl,-rpath," + prefix + "/" DXR_LIBRARY_FOLDER);
 
-    EXPECT_EQ(run("./by-pkg-config"), 0) << output;
+    run("./by-pkg-config");
     EXPECT_EQ(output, "No audio devices.\n");
-    EXPECT_EQ(run("built/play_on_two"), 1);
-    EXPECT_EQ(run("built/record_while_playing x.wav"), 1);
-    EXPECT_EQ(run("built/test_without_hardware"), 0) << output;
+    run("built/play_on_two", 1);
+    run("built/record_while_playing x.wav", 1);
+    run("built/test_without_hardware");
 
     TestClient devices(server.remote());
     devices.plug({.name = "in", .mediaClass = "Audio/Source/Virtual", .channelCount = 1});
@@ -87,14 +79,13 @@ TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
     devices.plug({.name = "one", .properties = {{"node.description", "First \x1B[2J"}}});
     devices.plug({.name = "two"});
     EXPECT_TRUE(waitForText(folder / "followed", "connected    output Virtual two\n"));
-    EXPECT_EQ(run("built/list_devices"), 0);
+    run("built/list_devices");
     EXPECT_NE(output.find("output    2 ch     48000 Hz  First \\x1B[2J"), std::string::npos) << output;
     EXPECT_NE(output.find("input     1 ch     48000 Hz  Virtual in"), std::string::npos) << output;
-    EXPECT_EQ(run("built/play_on_two 0.3"), 0) << output;
+    run("built/play_on_two 0.3");
     EXPECT_NE(output.find("Playing on Virtual two\n"), std::string::npos) << output;
-    EXPECT_EQ(run(prefix + "/bin/dxr set in --default && " + prefix + "/bin/dxr set two --default"), 0)
-        << output;
-    EXPECT_EQ(run("built/record_while_playing recording.wav"), 0) << output;
+    run(prefix + "/bin/dxr set in --default && " + prefix + "/bin/dxr set two --default");
+    run("built/record_while_playing recording.wav");
     SF_INFO info{};
     SNDFILE* const recording = sf_open((folder / "recording.wav").c_str(), SFM_READ, &info);
     EXPECT_TRUE(recording && info.frames == 3 * 48000 && info.channels == 1 && info.samplerate == 48000);

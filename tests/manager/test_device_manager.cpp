@@ -90,6 +90,9 @@ TEST_F(DXRDeviceManagerTest, recognizesAMonitorOnAnotherPort)
     }
     EXPECT_EQ(manager.deviceWithReference(std::nullopt), nullptr);
 
+    unplug(monitorUID("3:3"));
+    plug(monitor("3:3"));
+    EXPECT_TRUE(devices[1]->isConnected()) << "on its own port, before one that was absent earlier";
     plug(monitor("7:8"));
     EXPECT_EQ(device(monitorUID("7:8"), output), devices[2]) << "the absent one";
     EXPECT_EQ(devices[2]->deviceUID(), monitorUID("7:8"));
