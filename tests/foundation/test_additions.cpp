@@ -225,7 +225,7 @@ TEST(URLs, areCheckedAndExtended)
          {"http://user:x@host:80/a%20b?q=1&r#f", "../a;b", "mailto:x@y", "http://[::1]:8/"})
         EXPECT_EQ(safeURLWithString(good), good);
     for (const char* bad :
-         {"", "a b", "h\xC3\xA4", "%G0", "%2", "a#b#c", "1a:b", "http://h:x/", "http://[::1"})
+         {"", "a b", "h\xC3\xA4", "%G0", "%2", "a#b#c", "1a:b", "http://h:x/", "http://[::1", "http://[@h/"})
         EXPECT_EQ(safeURLWithString(bad), std::nullopt) << bad;
     EXPECT_EQ(vtURLWithURL("http://h/p?old=1#f", {{"a&b", "c=\xFF e"}, {"n", 1}, {"only", nullptr}}),
               "http://h/p?a%26b=c%3D%FF%20e&n=1&only&old=1#f");
