@@ -40,9 +40,30 @@ public:
     {
         const DenormalFlush flush;
         const double ratio = rateIn / rateOut;
-        const auto width = static_cast<uint32_t>(channels.size());
-        for (uint32_t c = 0; c < width; ++c)
-            _moveChannel(channels[c], input + c, in, output + c, out, width, ratio);
+        const uint32_t exception = _seam == Seam::Published ? 3 : UINT32_MAX;
+        const size_t width = channels.size();
+        for (size_t c = 0; c < width; ++c) {
+            Channel& channel = channels[c];
+            const auto x = [&](uint32_t k) {
+                return k < 4 ? channel.history[k] : input[std::min(k - 4, in - 1) * width + c];
+            };
+            for (uint32_t i = 0; i < out; ++i) {
+                const double position = _position(i, ratio);
+                const uint32_t index = _index(position);
+                const auto t = static_cast<float>(position - index);
+                const float p0 = index == exception ? x(2) : x(index), p1 = x(index + 1), p2 = x(index + 2),
+                            p3 = x(index + 3);
+                output[i * width + c] = p1 + t * 0.16666667F * (-2 * p0 - 3 * p1 + 6 * p2 - p3) +
+                                        t * t * 0.5F * (p0 - 2 * p1 + p2) +
+                                        t * t * t * 0.16666667F * (-p0 + 3 * p1 - 3 * p2 + p3);
+            }
+            if (ratio < static_cast<double>(0.95F))
+                _filter(channel, output + c, out, width, ratio);
+            for (uint32_t k = in < 4 ? 0 : in - 4; k < in; ++k) {
+                std::copy(channel.history + 1, channel.history + 4, channel.history);
+                channel.history[3] = input[k * width + c];
+            }
+        }
         if (rateIn != rateOut)
             phase = in * (rateOut / rateIn) + phase - out;
     }
@@ -62,36 +83,11 @@ private:
         const uint32_t last = _index(_position(framesOut - 1, ratio));
         if (last <= 3)
             return last + 1;
-        const double start = 1 + (1 - phase) * ratio;
-        return static_cast<uint32_t>(std::max(std::floor(start - 1 + ratio * (framesOut - 1)), 0.0)) + 1;
+        const double length = ratio * (framesOut - 1);
+        return static_cast<uint32_t>(std::max(std::floor(_position(0, ratio) - 1 + length), 0.0)) + 1;
     }
 
-    void _moveChannel(Channel& channel, const float* input, uint32_t in, float* output, uint32_t out,
-                      uint32_t width, double ratio) const
-    {
-        const uint32_t exception = _seam == Seam::Published ? 3 : UINT32_MAX;
-        const auto x = [&](uint32_t k) {
-            return k < 4 ? channel.history[k] : input[size_t{std::min(k - 4, in - 1)} * width];
-        };
-        for (uint32_t i = 0; i < out; ++i) {
-            const double position = _position(i, ratio);
-            const uint32_t index = _index(position);
-            const auto t = static_cast<float>(position - index);
-            const float p0 = index == exception ? x(2) : x(index), p1 = x(index + 1), p2 = x(index + 2),
-                        p3 = x(index + 3);
-            output[size_t{i} * width] = p1 + t * 0.16666667F * (-2 * p0 - 3 * p1 + 6 * p2 - p3) +
-                                        t * t * 0.5F * (p0 - 2 * p1 + p2) +
-                                        t * t * t * 0.16666667F * (-p0 + 3 * p1 - 3 * p2 + p3);
-        }
-        if (ratio < static_cast<double>(0.95F))
-            _filter(channel, output, out, width, ratio);
-        for (uint32_t k = in < 4 ? 0 : in - 4; k < in; ++k) {
-            std::copy(channel.history + 1, channel.history + 4, channel.history);
-            channel.history[3] = input[size_t{k} * width];
-        }
-    }
-
-    static void _filter(Channel& channel, float* samples, uint32_t count, uint32_t width, double ratio)
+    static void _filter(Channel& channel, float* samples, uint32_t count, size_t width, double ratio)
     {
         const auto cutoff = static_cast<float>(ratio * 0.5);
         const double w0 = static_cast<double>(cutoff + cutoff) * std::numbers::pi;
@@ -100,7 +96,7 @@ private:
                    b1 = static_cast<float>((1 - std::cos(w0)) / a0),
                    a1 = static_cast<float>(-2 * std::cos(w0) / a0), a2 = static_cast<float>((1 - alpha) / a0);
         for (uint32_t i = 0; i < count; ++i) {
-            float& sample = samples[size_t{i} * width];
+            float& sample = samples[i * width];
             const float x = sample;
             sample = b0 * (x + channel.x2) + b1 * channel.x1 - a2 * channel.y2 - a1 * channel.y1;
             channel.x2 = channel.x1;

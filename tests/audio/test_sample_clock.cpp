@@ -23,31 +23,24 @@ Clock aClock(uint64_t abstime, uint64_t sampletime, double rate)
 // The host clock counts nanoseconds: frequency 1000000000/1.
 TEST(auclock, holdsTheRateAsTheFractionItIs)
 {
-    const struct {
-        const char* why;
-        double rate;
-        int64_t num, den; // 0: any fraction with this value
-    } rows[] = {
-        {"half", 44100.5, 88201, 2},
-        {"a double that is near 44100.1", 44100.1, 0, 0},
-        {"negative", -48000, -48000, 1},
-        {"nothing", 0, 0, 1},
-        {"a third is cut at the best convergent", 1.0 / 3, 1, 3},
-        {"not a number", std::nan(""), 0, 1},
-        {"past 63 bits", 0x1p63, INT64_MAX, 1},
-        {"a denominator whose product with the host's frequency would overflow is cut", std::numbers::pi, 0,
-         0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.why);
-        const Clock clock = aClock(0, 0, row.rate);
-        const int64_t num = clock->abs_to_sample_num, den = clock->abs_to_sample_den / 1'000'000'000;
-        EXPECT_TRUE(row.den == 0 || (num == row.num && den == row.den)) << num << "/" << den;
-        EXPECT_TRUE(row.den != 0 || std::abs(static_cast<double>(num) / static_cast<double>(den) -
-                                             row.rate) <= row.rate * 1e-15)
-            << num << "/" << den;
+    using Fraction = std::pair<int64_t, int64_t>;
+    const auto fractionOf = [](double rate) {
+        const Clock clock = aClock(0, 0, rate);
+        const int64_t num = clock->abs_to_sample_num;
         EXPECT_EQ(static_cast<uint64_t>(clock->abs_to_sample_bias), static_cast<uint64_t>(num) >> 1);
         EXPECT_EQ(clock->sample_to_abs_bias, 500'000'000);
+        return Fraction(num, clock->abs_to_sample_den / 1'000'000'000);
+    };
+    EXPECT_EQ(fractionOf(44100.5), Fraction(88201, 2));
+    EXPECT_EQ(fractionOf(-48000), Fraction(-48000, 1));
+    EXPECT_EQ(fractionOf(0), Fraction(0, 1));
+    EXPECT_EQ(fractionOf(1.0 / 3), Fraction(1, 3)) << "cut at the best convergent";
+    EXPECT_EQ(fractionOf(std::nan("")), Fraction(0, 1));
+    EXPECT_EQ(fractionOf(0x1p63), Fraction(INT64_MAX, 1));
+    // Pi's denominator is cut too: its product with the host's frequency would overflow.
+    for (const double rate : {44100.1, std::numbers::pi}) {
+        const auto [num, den] = fractionOf(rate);
+        EXPECT_NEAR(static_cast<double>(num) / static_cast<double>(den), rate, rate * 1e-15);
     }
 }
 

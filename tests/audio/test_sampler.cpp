@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cfenv>
 #include <limits>
 #include <memory>
 
@@ -65,16 +64,12 @@ uint32_t call(ausampler* sampler, Direction direction, Layout layout, const Bloc
 {
     const CXRealtimeScope realtime;
     const bool reads = direction == Direction::Read;
-    switch (layout) {
-    case Layout::Interleaved:
+    if (layout == Layout::Interleaved)
         return (reads ? ausampler_read_interleaved : ausampler_write_interleaved)(
             sampler, in.pointers[0], out.pointers[0], frames, rateIn, rateOut);
-    case Layout::Noninterleaved:
+    if (layout == Layout::Noninterleaved)
         return (reads ? ausampler_read_noninterleaved : ausampler_write_noninterleaved)(
             sampler, in.pointers.data(), out.pointers.data(), frames, rateIn, rateOut);
-    case Layout::Scattered:
-        break;
-    }
     return (reads ? ausampler_read_iovec : ausampler_write_iovec)(
         sampler, in.entries.data(), out.entries.data(), frames, rateIn, rateOut);
 }

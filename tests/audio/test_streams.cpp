@@ -4,17 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <limits>
 
 namespace {
-
-using Bytes = std::vector<std::byte>;
-
-AudioStreamBasicDescription integerFormat()
-{
-    return {48000, kAudioFormatLinearPCM, 12, 4, 1, 4, 2, 16, 0};
-}
 
 CXRef<DXRRangedStream> aRangedStream(double rate, double minimum, double maximum)
 {
@@ -27,24 +19,16 @@ CXRef<DXRRangedStream> aRangedStream(double rate, double minimum, double maximum
 TEST(DXRValueRange, isDescribedAndContainsItsEnds)
 {
     constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
-    const struct {
-        double min, max;
-        const char *text, *rateText;
-        bool isValid;
-    } rows[] = {
-        {44100, 44100, "44100", "44.1kHz", true},
-        {8000, 192000, "8000 - 192000", "8 - 192kHz", true},
-        {0, 48000, "0 - 48000", "0 - 48kHz", false},
-        {96000, 48000, "96000 - 48000", "96 - 48kHz", false},
-        {notANumber, notANumber, "?", "?kHz", false},
-        {44100.04, 192000.5, "44100 - 192000", "44.1 - 192kHz", true}, // six significant digits
+    const auto described = [](double min, double max) {
+        const CXRef<DXRValueRange> range = DXRValueRange::initWithMin(min, max);
+        return std::tuple(range->description(), range->descriptionForSampleRate(), range->isValid());
     };
-    for (const auto& row : rows) {
-        const CXRef<DXRValueRange> range = DXRValueRange::initWithMin(row.min, row.max);
-        EXPECT_EQ(range->description(), row.text);
-        EXPECT_EQ(range->descriptionForSampleRate(), row.rateText);
-        EXPECT_EQ(range->isValid(), row.isValid) << row.text;
-    }
+    EXPECT_EQ(described(44100, 44100), std::tuple("44100", "44.1kHz", true));
+    EXPECT_EQ(described(8000, 192000), std::tuple("8000 - 192000", "8 - 192kHz", true));
+    EXPECT_EQ(described(0, 48000), std::tuple("0 - 48000", "0 - 48kHz", false));
+    EXPECT_EQ(described(96000, 48000), std::tuple("96000 - 48000", "96 - 48kHz", false));
+    EXPECT_EQ(described(notANumber, notANumber), std::tuple("?", "?kHz", false));
+    EXPECT_EQ(described(44100.04, 192000.5), std::tuple("44100 - 192000", "44.1 - 192kHz", true)); // 6 digits
     const std::vector<double> rates{96000, 48000, 44100, 32000, 31999.9, 88200};
     EXPECT_EQ(DXRValueRange::initWithMin(32000, 48000)->containedValues(rates),
               (std::vector<double>{48000, 44100, 32000}));
@@ -55,7 +39,7 @@ TEST(DXRValueRange, isDescribedAndContainsItsEnds)
 // All three classes archive exactly their record's bytes, and restore only from that length.
 template <class Type> void archivesItsRecord(const CXRef<Type>& object, size_t length)
 {
-    Bytes archive = object->archive();
+    std::vector<std::byte> archive = object->archive();
     ASSERT_EQ(archive.size(), length);
     const CXRef<Type> again = Type::initWithArchive(archive);
     ASSERT_TRUE(again);
@@ -63,7 +47,7 @@ template <class Type> void archivesItsRecord(const CXRef<Type>& object, size_t l
     EXPECT_EQ(again->hash(), object->hash());
     EXPECT_FALSE(object->isEqual(nullptr));
     for (size_t i = 0; i < length; ++i) {
-        Bytes other = archive;
+        std::vector<std::byte> other = archive;
         other[i] ^= std::byte{1};
         EXPECT_FALSE(Type::initWithArchive(other)->isEqual(object.get())) << "byte " << i;
     }
@@ -85,9 +69,12 @@ TEST(Streams, areArchivedByteForByte)
     EXPECT_FALSE(DXRBasicStream::init()->isEqual(DXRRangedStream::init().get()));
 }
 
-TEST(Streams, describeThemselvesShortly)
+// Also in a process that has called setlocale().
+TEST(Streams, describeThemselvesShortlyInEveryLocale)
 {
-    AudioStreamBasicDescription integer = integerFormat(), flagged = integerFormat();
+    const CommaLocale locale;
+    const AudioStreamBasicDescription integer{48000, kAudioFormatLinearPCM, 12, 4, 1, 4, 2, 16, 0};
+    AudioStreamBasicDescription flagged = integer;
     flagged.formatFlags |= 0x80000040;
     AudioStreamBasicDescription coded = flagged;
     coded.formatID = 0x61632D33;
@@ -100,15 +87,7 @@ TEST(Streams, describeThemselvesShortly)
               "(48kHz)");
     EXPECT_EQ(DXRRangedStream::initWithVirtualChannelCount(2, 48000)->descriptionWithoutChannelCount(2),
               "48kHz");
-    EXPECT_EQ(aRangedStream(0, 8000, 192000)->description(), "(8 - 192kHz, 2ch)");
-}
-
-// An application may call setlocale().
-TEST(Streams, writeNumbersAlikeInEveryLocale)
-{
-    const CommaLocale locale;
-    EXPECT_EQ(DXRValueRange::initWithMin(44100.5, 48000)->description(), "44100.5 - 48000");
-    EXPECT_EQ(DXRBasicStream::init()->description(), "(44.1kHz, 2ch)");
+    EXPECT_EQ(aRangedStream(0, 8000.5, 192000)->description(), "(8.0005 - 192kHz, 2ch)");
     EXPECT_NE(DXRBuffer::initWithSampleRate(44100.5, 8, 2)->description().find("@44100.5hz"),
               std::string::npos);
 }

@@ -62,10 +62,9 @@ TEST(DXRMutex, holdsTheLockForABlockAndReturnsItsResult)
 {
     const CXRef<DXRMutex> mutex = DXRMutex::init();
     const CXRef<CXObject> object = mutex;
-    mutex->execute(object,
-                   [&](const CXRef<CXObject>& given) { EXPECT_TRUE(given == object && !isFree(*mutex)); });
-    EXPECT_TRUE(
-        mutex->execond(object, [&](const CXRef<CXObject>& given) { return given && !isFree(*mutex); }));
+    const auto isHeld = [&](const CXRef<CXObject>& given) { return given == object && !isFree(*mutex); };
+    mutex->execute(object, [&](const CXRef<CXObject>& given) { EXPECT_TRUE(isHeld(given)); });
+    EXPECT_TRUE(mutex->execond(object, isHeld));
     EXPECT_EQ(mutex->execobj(object, [](const CXRef<CXObject>& given) { return given; }), object);
 
     mutex->lock(); // an empty block takes no lock

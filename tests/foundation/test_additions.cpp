@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <pthread.h>
@@ -31,9 +32,8 @@ TEST(PlistArrays, mapMatchSelectAndAdd)
     EXPECT_EQ(vt_match(numbers, isAbove2), 3);
     EXPECT_EQ(vt_match(CXPlist{1, 2}, isAbove2), nullptr);
     EXPECT_EQ(vt_select(numbers, isAbove2), (CXPlist{3, 4}));
-    EXPECT_EQ(
-        vt_select(CXPlist{{"a", 1}, {"b", 2}}, [](const std::string& key, auto&) { return key == "b"; }),
-        (CXPlist{{"b", 2}}));
+    const auto isB = [](const std::string& key, auto&) { return key == "b"; };
+    EXPECT_EQ(vt_select(CXPlist{{"a", 1}, {"b", 2}}, isB), (CXPlist{{"b", 2}}));
     CXPlist list = CXPlist::array();
     safeAddObject(list, nullptr);
     safeAddObject(list, 5);
@@ -43,32 +43,25 @@ TEST(PlistArrays, mapMatchSelectAndAdd)
 TEST(PlistDictionaries, convertWhatTheyHold)
 {
     constexpr double infinity = std::numeric_limits<double>::infinity();
-    const struct {
-        CXPlist value;
-        int64_t integer;
-        double real;
-        bool boolean;
-    } rows[] = {
-        {true, 1, 1.0, true},
-        {" 12.75 Hz", 12, 12.75, true},
-        {1e300, INT32_MAX, 1e300, true},
-        {4294967297, 1, 4294967297.0, true},
-        {-3.99, -3, -3.99, true},
-        {{1}, 0, 0.0, false},
-        {"nan", 0, 0.0, false},
-        {"1e999", INT32_MAX, infinity, true},
-        {nullptr, 0, 0.0, false},
-        {"true", 0, 0.0, true},
-        {"00", 0, 0.0, false},
-        {"\xFF\xFE 1", 0, 0.0, false},
-        {"-1e-999", 0, 0.0, false},
+    const auto converted = [](const CXPlist& value) {
+        const CXPlist values = {{"k", value}};
+        return std::tuple(safeIntegerForKey(values, "k"), safeDoubleForKey(values, "k"),
+                          safeBoolForKey(values, "k"));
     };
-    for (const auto& row : rows) {
-        const CXPlist values = {{"k", row.value}};
-        EXPECT_EQ(safeIntegerForKey(values, "k"), row.integer) << row.real;
-        EXPECT_EQ(safeDoubleForKey(values, "k"), row.real);
-        EXPECT_EQ(safeBoolForKey(values, "k"), row.boolean) << row.real;
-    }
+    EXPECT_EQ(converted(true), std::tuple(1, 1.0, true));
+    EXPECT_EQ(converted(" 12.75 Hz"), std::tuple(12, 12.75, true));
+    EXPECT_EQ(converted(1e300), std::tuple(INT32_MAX, 1e300, true));
+    EXPECT_EQ(converted(4294967297), std::tuple(1, 4294967297.0, true));
+    EXPECT_EQ(converted(-3.99), std::tuple(-3, -3.99, true));
+    EXPECT_EQ(converted({1}), std::tuple(0, 0.0, false));
+    EXPECT_EQ(converted("nan"), std::tuple(0, 0.0, false));
+    EXPECT_EQ(converted("1e999"), std::tuple(INT32_MAX, infinity, true));
+    EXPECT_EQ(converted(nullptr), std::tuple(0, 0.0, false));
+    EXPECT_EQ(converted("true"), std::tuple(0, 0.0, true));
+    EXPECT_EQ(converted("00"), std::tuple(0, 0.0, false));
+    EXPECT_EQ(converted("\xFF\xFE 1"), std::tuple(0, 0.0, false));
+    EXPECT_EQ(converted("-1e-999"), std::tuple(0, 0.0, false));
+
     const CXPlist values = {{"", 1},           {"yes", true},
                             {"text", "a"},     {"list", {640, 480}},
                             {"null", nullptr}, {"size", "{0.1, 16777217}"}};
@@ -96,21 +89,17 @@ TEST(PlistDictionaries, convertWhatTheyHold)
 TEST(JSON, isReadWithinLimits)
 {
     const auto nested = [](size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
-    const std::tuple<const char*, std::string, bool> rows[] = {
-        {"one brace", "{", false},
-        {"something behind it", "{}{}", false},
-        {"no UTF-8", "\"\xFF\"", false},
-        {"half a surrogate pair", R"("\ud800")", false},
-        {"a number out of range", "1e999", false},
-        {"the largest number", "18446744073709551615", true},
-        {"as deep as is read", nested(512), true},
-        {"deeper", nested(513), false},
-        {"brackets in a string are not deep", R"("\")" + std::string(600, '[') + '"', true},
-        {"very deep", std::string(1'000'000, '{'), false},
-        {"too long", '"' + std::string(100'000'000, 'a') + '"', false},
-    };
-    for (const auto& [why, text, isRead] : rows)
-        EXPECT_EQ(CXPlistWithJSON(text).has_value(), isRead) << why;
+    EXPECT_FALSE(CXPlistWithJSON("{"));
+    EXPECT_FALSE(CXPlistWithJSON("{}{}")) << "something behind it";
+    EXPECT_FALSE(CXPlistWithJSON("\"\xFF\"")) << "no UTF-8";
+    EXPECT_FALSE(CXPlistWithJSON(R"("\ud800")")) << "half a surrogate pair";
+    EXPECT_FALSE(CXPlistWithJSON("1e999")) << "a number out of range";
+    EXPECT_TRUE(CXPlistWithJSON("18446744073709551615")) << "the largest number";
+    EXPECT_TRUE(CXPlistWithJSON(nested(512))) << "as deep as is read";
+    EXPECT_FALSE(CXPlistWithJSON(nested(513)));
+    EXPECT_TRUE(CXPlistWithJSON(R"("\")" + std::string(600, '[') + '"')) << "not deep: within a string";
+    EXPECT_FALSE(CXPlistWithJSON(std::string(1'000'000, '{'))) << "very deep";
+    EXPECT_FALSE(CXPlistWithJSON('"' + std::string(100'000'000, 'a') + '"')) << "too long";
     EXPECT_TRUE(CXPlistFitsJSON(CXPlist::parse(nested(512))));
     EXPECT_FALSE(CXPlistFitsJSON(CXPlist::parse(nested(513))));
 }
@@ -118,29 +107,24 @@ TEST(JSON, isReadWithinLimits)
 TEST(PlistEquality, toleratesSmallDifferencesAndOneKey)
 {
     const CXPlist deep = {{"a", {{{"t", 1}, {"x", 0.1}}}}};
-    const struct {
-        const char* why;
-        CXPlist value, other;
-        bool isEqual;
-    } rows[] = {
-        {"the ignored key on one side", {{"a", 1}, {"b", 2}, {"t", 5}}, {{"a", 1}, {"b", 2}}, true},
-        {"another key instead of it", {{"a", 1}, {"t", 5}}, {{"a", 1}, {"b", 2}}, false},
-        {"ignored at every depth", deep, {{"a", {{{"x", 0.1004}}}}}, true},
-        {"close enough", 0.1, 0.1004, true},
-        {"too far", 0.1, 0.1006, false},
-        {"a boolean is a number", true, 1, true},
-        {"an array is no dictionary", CXPlist::array(), CXPlist::object(), false},
-        {"arrays of other lengths", {1, 2}, {1}, false},
-        {"a number reads a string", 1.5, "1.5001", true},
-        {"a string does not read a number", "1.5", 1.5, false},
-        {"the other side's entry is the one asked", {{"k", "1.5"}}, {{"k", 1.5}}, true},
-        {"nor does a number read a list", 1, {1}, false},
-        {"not a number", std::nan(""), std::nan(""), true},
-        {"the same bits with and without a sign", UINT64_MAX, -1, false},
-        {"with and without a sign", uint64_t{7}, int64_t{7}, true},
+    const auto isEqual = [](const CXPlist& value, const CXPlist& other) {
+        return vtIsEqual(value, other, "t");
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(vtIsEqual(row.value, row.other, "t"), row.isEqual) << row.why;
+    EXPECT_TRUE(isEqual({{"a", 1}, {"b", 2}, {"t", 5}}, {{"a", 1}, {"b", 2}})) << "the key on one side";
+    EXPECT_FALSE(isEqual({{"a", 1}, {"t", 5}}, {{"a", 1}, {"b", 2}})) << "another key instead of it";
+    EXPECT_TRUE(isEqual(deep, {{"a", {{{"x", 0.1004}}}}})) << "ignored at every depth";
+    EXPECT_TRUE(isEqual(0.1, 0.1004)) << "close enough";
+    EXPECT_FALSE(isEqual(0.1, 0.1006)) << "too far";
+    EXPECT_TRUE(isEqual(true, 1)) << "a boolean is a number";
+    EXPECT_FALSE(isEqual(CXPlist::array(), CXPlist::object()));
+    EXPECT_FALSE(isEqual({1, 2}, {1}));
+    EXPECT_TRUE(isEqual(1.5, "1.5001")) << "a number reads a string";
+    EXPECT_FALSE(isEqual("1.5", 1.5)) << "a string does not read a number";
+    EXPECT_TRUE(isEqual({{"k", "1.5"}}, {{"k", 1.5}})) << "the other side's entry is the one asked";
+    EXPECT_FALSE(isEqual(1, {1})) << "nor does a number read a list";
+    EXPECT_TRUE(isEqual(std::nan(""), std::nan("")));
+    EXPECT_FALSE(isEqual(UINT64_MAX, -1)) << "the same bits with and without a sign";
+    EXPECT_TRUE(isEqual(uint64_t{7}, int64_t{7})) << "with and without a sign";
     EXPECT_FALSE(vtIsEqual(CXPlist{{"t", 1}}, CXPlist::object())) << "no key is ignored unless asked";
 
     const auto valueOf = [](const CXPlist& plist) { return CXValue::initWithPlist(plist); };
@@ -191,49 +175,37 @@ TEST(ScanFloatArray, skipsSeparatorsAndStopsAtOtherText)
     constexpr float infinity = std::numeric_limits<float>::infinity();
     const std::string tinyTimes100 = "0." + std::string(60, '0') + "1e2";
     const std::string hugeBy100 = "1" + std::string(60, '0') + "e-2";
-    const struct {
-        std::string_view text;
-        int32_t count, result;
-        std::vector<float> read;
-    } rows[] = {
-        {"{1.5, 2, 3}", 3, 3, {1.5F, 2, 3}},
-        {"größe 𝐀: -2.5e1*.5", 2, 2, {-25, 0.5F}},
-        {"1e999 1e-999 2.", 3, 3, {infinity, 0, 2}},
-        {"1;2", 2, 1, {1}},
-        {"nan inf", 1, 0, {}},
-        {"- 1", 1, 0, {}},
-        {"٣ 1", 1, 0, {}},
-        // Beyond a float's range while parsing; the exponent's sign alone does not decide on which side.
-        {tinyTimes100, 1, 1, {0}},
-        {hugeBy100, 1, 1, {infinity}},
-        {"-0.1e40 1e-99999999999999999999 0.001e99999999999999999999", 3, 3, {-infinity, 0, infinity}},
-        {"\xFF 1", 1, 0, {}},
-        {"1", -4, -4, {}},
+    using Floats = std::vector<float>;
+    const auto scanned = [](std::string_view text, int32_t count) {
+        Floats floats(4, -1.0F);
+        const int32_t result = scanFloatArray(text, floats.data(), count);
+        EXPECT_EQ(result, 4 - std::ranges::count(floats, -1.0F)) << text;
+        std::erase(floats, -1.0F);
+        return floats;
     };
-    for (const auto& row : rows) {
-        float floats[4] = {-1, -1, -1, -1};
-        EXPECT_EQ(scanFloatArray(row.text, floats, row.count), row.result) << row.text;
-        EXPECT_TRUE(std::equal(row.read.begin(), row.read.end(), floats)) << row.text;
-        EXPECT_EQ(floats[row.read.size()], -1.0F) << row.text;
-    }
+    EXPECT_EQ(scanned("{1.5, 2, 3}", 3), (Floats{1.5F, 2, 3}));
+    EXPECT_EQ(scanned("größe 𝐀: -2.5e1*.5", 2), (Floats{-25, 0.5F}));
+    EXPECT_EQ(scanned("1e999 1e-999 2.", 3), (Floats{infinity, 0, 2}));
+    EXPECT_EQ(scanned("1;2", 2), Floats{1});
+    EXPECT_EQ(scanned("nan inf", 1), Floats());
+    EXPECT_EQ(scanned("- 1", 1), Floats());
+    EXPECT_EQ(scanned("٣ 1", 1), Floats());
+    EXPECT_EQ(scanned("\xFF 1", 1), Floats());
+    // Beyond a float's range while parsing; the exponent's sign alone does not decide on which side.
+    EXPECT_EQ(scanned(tinyTimes100, 1), Floats{0});
+    EXPECT_EQ(scanned(hugeBy100, 1), Floats{infinity});
+    EXPECT_EQ(scanned("-0.1e40 1e-99999999999999999999 0.001e99999999999999999999", 3),
+              (Floats{-infinity, 0, infinity}));
+    EXPECT_EQ(scanFloatArray("1", nullptr, -4), -4);
 }
 
 TEST(TimeBase, scalesExactlyAndCutsTowardsZero)
 {
-    const struct {
-        const char* why;
-        uint64_t value;
-        uint32_t multiplier, divisor;
-        uint64_t result;
-    } rows[] = {
-        {"equal terms are untouched", UINT64_MAX - 1, 125, 125, UINT64_MAX - 1},
-        {"a divisor of one", 5, 3, 1, 15},
-        {"cut, not rounded", 2, 2, 3, 1},
-        {"a product beyond 64 bits", UINT64_MAX, 3, 125, 442721857769029238},
-        {"only the low bits of too large a result", UINT64_MAX, 4, 2, UINT64_MAX - 1},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(_multiplyRatio(row.value, row.multiplier, row.divisor), row.result) << row.why;
+    EXPECT_EQ(_multiplyRatio(UINT64_MAX - 1, 125, 125), UINT64_MAX - 1) << "equal terms are untouched";
+    EXPECT_EQ(_multiplyRatio(5, 3, 1), 15U) << "a divisor of one";
+    EXPECT_EQ(_multiplyRatio(2, 2, 3), 1U) << "cut, not rounded";
+    EXPECT_EQ(_multiplyRatio(UINT64_MAX, 3, 125), 442721857769029238U) << "a product beyond 64 bits";
+    EXPECT_EQ(_multiplyRatio(UINT64_MAX, 4, 2), UINT64_MAX - 1) << "only the low bits of too large a result";
 
     const CXRef<CXTimeBase> base = CXTimeBase::initWithRatio(125, 3); // a clock of 24 MHz
     EXPECT_EQ(base->nanosecondsFromAbsoluteTime(24'000'000), 1'000'000'000U);
@@ -253,7 +225,7 @@ TEST(URLs, areCheckedAndExtended)
          {"http://user:x@host:80/a%20b?q=1&r#f", "../a;b", "mailto:x@y", "http://[::1]:8/"})
         EXPECT_EQ(safeURLWithString(good), good);
     for (const char* bad :
-         {"", "a b", "h\xC3\xA4", "%G0", "%2", "a#b#c", "1a:b", "http://h:x/", "http://[::1"})
+         {"", "a b", "h\xC3\xA4", "%G0", "%2", "a#b#c", "1a:b", "http://h:x/", "http://[::1", "http://[@h/"})
         EXPECT_EQ(safeURLWithString(bad), std::nullopt) << bad;
     EXPECT_EQ(vtURLWithURL("http://h/p?old=1#f", {{"a&b", "c=\xFF e"}, {"n", 1}, {"only", nullptr}}),
               "http://h/p?a%26b=c%3D%FF%20e&n=1&only&old=1#f");

@@ -13,8 +13,7 @@ namespace {
 
 std::string suggestionOf(const CXRef<CXError>& error)
 {
-    const auto found = error->userInfo().find(CXError::localizedRecoverySuggestionKey);
-    return found == error->userInfo().end() ? "(none)" : found->second->description();
+    return error->userInfo().at(CXError::localizedRecoverySuggestionKey)->description();
 }
 
 std::string reported;

@@ -67,6 +67,7 @@ TEST_F(CXLockFreeReferences, assertsWhenItsSlotsRunOutAndKeepsWhatItHolds)
     for (uint32_t index = 1; index < 1023; ++index)
         ASSERT_EQ(reference->setObjectAtFreeIndex(CXRef<Witness>(object).leak()), index);
     EXPECT_EQ(reasonOf([&] { reference->setObjectReference(Witness::init()); }), "CXLockFreeReference:336");
+    EXPECT_EQ(reasonOf([&] { reference->setObjectAtFreeIndex(object.get()); }), "CXLockFreeReference:336");
     EXPECT_EQ(reference->copyObjectReference(), object);
     EXPECT_EQ(reference->packedWord(), word(1, 0)) << "the failed replacement counts as no reader";
     EXPECT_TRUE(reference->setObjectReference(nullptr, object)) << "clearing needs no slot";

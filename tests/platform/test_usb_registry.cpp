@@ -12,13 +12,9 @@ using dxr::USBRegistryContents;
 
 TEST(USBLocationID, isTheBusAndADigitForEachPort)
 {
-    const std::pair<const char*, std::optional<uint32_t>> rows[] = {
-        {"3-1.4", 0x03140000},
-        {"12-11", 0x0CB00000},
-        {"1-1.2.3.4.5.6.7", 0x01123456}, // deeper than hubs can be
-    };
-    for (const auto& [name, location] : rows)
-        EXPECT_EQ(usbLocationID(name), location) << name;
+    EXPECT_EQ(usbLocationID("3-1.4"), 0x03140000U);
+    EXPECT_EQ(usbLocationID("12-11"), 0x0CB00000U);
+    EXPECT_EQ(usbLocationID("1-1.2.3.4.5.6.7"), 0x01123456U) << "deeper than hubs can be";
     for (const char* none : {"usb3", "3-1.4:1.0", "3-", "-1", "3-1..4", "3-99999999999", ""})
         EXPECT_EQ(usbLocationID(none), std::nullopt) << none;
 }

@@ -22,6 +22,8 @@ public:
         if (_daemon > 0) // kill(-1) would end every process of the user
             kill(_daemon, SIGKILL);
     }
+    /// From now on, the bus accepts connections and never replies.
+    void freeze() const { kill(_daemon, SIGSTOP); }
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
