@@ -8,7 +8,7 @@
 /// the same hash.
 inline uint64_t wholeNumberForHash(double value) noexcept
 {
-    if (!(std::fabs(value) < 0x1p63))
-        return 0;
-    return static_cast<uint64_t>(static_cast<int64_t>(value));
+    if (value >= 0x1p63 && value < 0x1p64)
+        return static_cast<uint64_t>(value);
+    return std::fabs(value) < 0x1p63 ? static_cast<uint64_t>(static_cast<int64_t>(value)) : 0;
 }

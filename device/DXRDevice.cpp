@@ -97,9 +97,9 @@ CXRef<DXRDevice> DXRDevice::_initWithDeviceID(AudioObjectID deviceID,
                                               const CXRef<DXRDeviceReference>& deviceReference,
                                               const CXRef<DXRDeviceKeeper>& keeper)
 {
-    if (deviceID == kAudioObjectUnknown || !deviceReference || !deviceReference->isInput())
+    if (deviceID == kAudioObjectUnknown || !deviceReference)
         return nullptr;
-    CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(deviceReference, keeper));
+    CXRef<DXRDevice> device = _init(deviceReference, keeper, {});
     device->_deviceID = deviceID;
     // Listen before reading: a change that the reading misses is then notified.
     device->_updatePropertyListeners();
@@ -123,26 +123,33 @@ CXRef<DXRDevice> DXRDevice::_initWithArchive(const CXPlist& archive, const CXRef
     if (version.is_null() || CXDoubleValue(version) != archiveVersion || !reference ||
         !reference->isInput() || values.channelCount == 0)
         return nullptr;
-    CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(reference, keeper));
-    *device->_values = std::move(values);
+    CXRef<DXRDevice> device = _init(reference, keeper, std::move(values));
     device->_isMade = true;
     device->_kvo->updateAllValues();
     device->_logAdded();
     return device;
 }
 
-DXRDevice::DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper)
+DXRDevice::DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper,
+                     DXRDeviceValues values)
     : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties(), &_isInKeepersUpdate)),
-      _mutex(DXRRecursiveMutex::init()),
-      _overrides(DXRDeviceOverrides::initWithDeviceReference(reference,
-                                                             [weak = CXWeak(*this)] {
-                                                                 if (const CXRef<DXRDevice> self =
-                                                                         weak.lock())
-                                                                     self->_overridesChanged();
-                                                             })),
-      _values(std::make_unique<DXRDeviceValues>()), _reference(std::move(reference)), _keeper(keeper),
-      _hasKeeper(keeper), _self(*this)
+      _mutex(DXRRecursiveMutex::init()), _overrides(DXRDeviceOverrides::initWithDeviceReference(reference)),
+      _values(std::make_unique<DXRDeviceValues>(std::move(values))), _reference(std::move(reference)),
+      _keeper(keeper), _hasKeeper(keeper), _self(*this)
 {}
+
+/// A device whose overrides are followed. The constructor does not follow them, because another thread might
+/// then use the device before it is complete.
+CXRef<DXRDevice> DXRDevice::_init(const CXRef<DXRDeviceReference>& reference,
+                                  const CXRef<DXRDeviceKeeper>& keeper, DXRDeviceValues values)
+{
+    CXRef<DXRDevice> device = CXRef<DXRDevice>::adopt(new DXRDevice(reference, keeper, std::move(values)));
+    device->_overrides->whenChanged([weak = CXWeak(*device)] {
+        if (const CXRef<DXRDevice> self = weak.lock())
+            self->_overridesChanged();
+    });
+    return device;
+}
 
 DXRDevice::~DXRDevice()
 {

@@ -104,7 +104,10 @@ private:
                                               const CXRef<DXRDeviceReference>& deviceReference,
                                               const CXRef<DXRDeviceKeeper>& keeper);
     static CXRef<DXRDevice> _initWithArchive(const CXPlist& archive, const CXRef<DXRDeviceKeeper>& keeper);
-    DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper);
+    static CXRef<DXRDevice> _init(const CXRef<DXRDeviceReference>& reference,
+                                  const CXRef<DXRDeviceKeeper>& keeper, DXRDeviceValues values);
+    DXRDevice(CXRef<DXRDeviceReference> reference, const CXRef<DXRDeviceKeeper>& keeper,
+              DXRDeviceValues values);
     ~DXRDevice() override;
 
     static std::span<const DXRKVOProperty> _observableProperties() noexcept;

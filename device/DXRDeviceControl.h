@@ -8,9 +8,9 @@
 /// Real time: no.
 class DXRDeviceControl {
 public:
-    /// The present device with this ID, in the direction of the reference. Returns null if the device cannot
-    /// be read, if it has no channels in that direction, or if the reference has no direction. `keeper`, by
-    /// default the shared keeper, is notified of the device's changes.
+    /// The present device with this ID, in the direction of the reference: output if that has none. Returns
+    /// null if the device cannot be read, or has no channels in that direction. `keeper`, by default the
+    /// shared keeper, is notified of the device's changes.
     static CXRef<DXRDevice> initWithDeviceID(AudioObjectID deviceID,
                                              const CXRef<DXRDeviceReference>& deviceReference,
                                              const CXRef<DXRDeviceKeeper>& keeper = nullptr)

@@ -75,25 +75,27 @@ DefaultsChanges changesFor(const std::string& key, const CXPlist& overrides, con
 } // namespace
 
 CXRef<DXRDeviceOverrides>
-DXRDeviceOverrides::initWithDeviceReference(const CXRef<DXRDeviceReference>& reference,
-                                            const CXBlock<void()>& changed)
+DXRDeviceOverrides::initWithDeviceReference(const CXRef<DXRDeviceReference>& reference)
 {
     if (!reference)
         return nullptr;
-    auto overrides = CXRef<DXRDeviceOverrides>::adopt(new DXRDeviceOverrides(reference, changed));
+    auto overrides = CXRef<DXRDeviceOverrides>::adopt(new DXRDeviceOverrides(reference));
     overrides->_find();
     return overrides;
 }
 
-DXRDeviceOverrides::DXRDeviceOverrides(const CXRef<DXRDeviceReference>& reference,
-                                       const CXBlock<void()>& changed)
-    : _mutex(DXRRecursiveMutex::init()), _defaults(suite()), _reference(reference), _changed(changed),
-      _key(reference->string())
+DXRDeviceOverrides::DXRDeviceOverrides(const CXRef<DXRDeviceReference>& reference)
+    : _mutex(DXRRecursiveMutex::init()), _defaults(suite()), _reference(reference), _key(reference->string())
 {}
 
 DXRDeviceOverrides::~DXRDeviceOverrides()
 {
     _defaults->removeObserver(_observer);
+}
+
+void DXRDeviceOverrides::whenChanged(const CXBlock<void()>& changed)
+{
+    _mutex->execute([&] { _changed = changed; });
 }
 
 /// Finds the key of the entry for the reference, and observes it. Called again if the store could not be read
@@ -138,8 +140,10 @@ void DXRDeviceOverrides::_storeChanged()
         _observeValue();
     else
         _find();
-    if (_changed)
-        _changed();
+    CXBlock<void()> changed;
+    _mutex->execute([&] { changed = _changed; });
+    if (changed)
+        changed();
 }
 
 std::vector<std::string> DXRDeviceOverrides::keys() const

@@ -27,10 +27,11 @@ class DefaultsSuite;
 class DXR_EXPORT DXRDeviceOverrides final : public CXObject {
 public:
     /// The overrides of the device whose reference is equal to `reference`, otherwise generically equal: an
-    /// existing entry keeps its key. Returns null for a null reference. `changed` is called after any change,
-    /// on the thread that watches the store.
-    static CXRef<DXRDeviceOverrides> initWithDeviceReference(const CXRef<DXRDeviceReference>& reference,
-                                                             const CXBlock<void()>& changed = {});
+    /// existing entry keeps its key. Returns null for a null reference.
+    static CXRef<DXRDeviceOverrides> initWithDeviceReference(const CXRef<DXRDeviceReference>& reference);
+
+    /// Calls `changed` after each later change, on the thread that watches the store.
+    void whenChanged(const CXBlock<void()>& changed);
 
     /// The value; null if unset.
     CXPlist objectForKey(const std::optional<std::string>& key) const;
@@ -57,7 +58,7 @@ public:
     static void performFactoryReset();
 
 private:
-    DXRDeviceOverrides(const CXRef<DXRDeviceReference>& reference, const CXBlock<void()>& changed);
+    explicit DXRDeviceOverrides(const CXRef<DXRDeviceReference>& reference);
     ~DXRDeviceOverrides() override;
 
     enum class Kind { Number, String };
@@ -72,8 +73,8 @@ private:
     const CXRef<DXRRecursiveMutex> _mutex; // never held during disk access
     const CXRef<dxr::DefaultsSuite> _defaults;
     const CXRef<DXRDeviceReference> _reference;
-    const CXBlock<void()> _changed;
     // Under _mutex:
+    CXBlock<void()> _changed;
     mutable CXRef<DXRDeviceOverridesEntry> _entry; // as last seen; null if there is none
     mutable CXPlist _overrides = CXPlist::object();
     std::string _key;      // the entry's key

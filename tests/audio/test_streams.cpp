@@ -34,6 +34,7 @@ TEST(DXRValueRange, isDescribedAndContainsItsEnds)
               (std::vector<double>{48000, 44100, 32000}));
     EXPECT_TRUE(DXRValueRange::init()->isEqual(DXRValueRange::initWithValue(0).get()));
     EXPECT_FALSE(DXRValueRange::init()->isEqual(DXRValueRange::initWithValue(-0.0).get())) << "by bits";
+    EXPECT_EQ(DXRValueRange::initWithMin(1, 1e19)->hash(), 1U ^ 10'000'000'000'000'000'000U);
 }
 
 // All three classes archive exactly their record's bytes, and restore only from that length.

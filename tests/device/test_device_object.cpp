@@ -73,8 +73,8 @@ TEST_F(DXRDeviceTest, keepsWhatTheHardwareReportsAndItsArchiveToo)
 
     const AudioObjectID id = device->deviceID();
     EXPECT_EQ(deviceFor(aDevice().uid("deaf").outputs(2), input), nullptr);
-    EXPECT_EQ(DXRDeviceControl::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, std::nullopt)),
-              nullptr);
+    const auto undirected = DXRDeviceReference::initWithDeviceID(id, std::nullopt);
+    EXPECT_FALSE(DXRDeviceControl::initWithDeviceID(id, undirected)->isInput());
 }
 
 TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareReportsNothing)

@@ -163,7 +163,11 @@ TEST_F(DeviceOverrides, resetRemovesWhatThisApplicationSet)
     DXRDeviceOverrides::performFactoryReset();
     EXPECT_EQ(stored(), expected);
     CXSetMainBundleIdentifier("me");
+    const CXRef<DXRDeviceOverrides> live = overridesFor(mixed);
+    overridesFor(mixed)->setObject(2, "a");
+    EXPECT_EQ(live->objectForKey("a"), CXPlist(2)) << "without waiting for the watcher";
     DXRDeviceOverrides::performFactoryReset();
+    EXPECT_EQ(live->keys(), (std::vector<std::string>{"b", "c"}));
     expected.erase(R"({"uid":"mine"})");
     for (const char* key : {"a", "a[owner]"})
         expected[mixed].erase(key);

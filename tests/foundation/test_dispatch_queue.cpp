@@ -145,10 +145,16 @@ TEST(CXDispatchQueue, finishesEarlierWorkWhenCancelledAndRunsWhatIsAllowedAfterw
     const auto late = timerFor(0, 0, [](auto&) {});
     timer->setDispatchQueue(queue);
     std::atomic<int> ran{0};
+    std::promise<void> isCancelled;
+    queue->dispatchAsync([&] {
+        isCancelled.get_future().wait();
+        queue->setRealTime(); // runs at once, like all that the queue's own work asks of it
+    });
     for (int i = 0; i < 100; ++i)
         queue->dispatchAsync([&] { ++ran; });
     queue->cancel();
     queue->cancel();
+    isCancelled.set_value();
     EXPECT_TRUE(threadEnds(*queue));
     EXPECT_EQ(ran, 100);
     EXPECT_FALSE(timer->handler()) << "timers are cancelled with their queue";

@@ -82,6 +82,8 @@ TEST(CXError, laterEntriesReplaceGivenOnesOfTheSameKey)
     const CXRef<CXError> untitled = CXError::errorWithDomain("d", 0, std::nullopt, "open failed: %s", "x");
     EXPECT_EQ(suggestionOf(untitled), "open failed: x");
     EXPECT_EQ(untitled->userInfo().size(), 1U) << "no title";
+    const CXError::UserInfo null{{CXError::localizedDescriptionKey, nullptr}};
+    EXPECT_EQ(CXError::errorWithDomain("d", 1, null, std::nullopt, nullptr)->description(), "d code 1");
 }
 
 TEST(CXError, reportsAnExceptionWithItsOwnUserInfo)
