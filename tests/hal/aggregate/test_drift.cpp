@@ -171,6 +171,7 @@ Outcome simulateDrift(const Scenario& scenario)
         if (cycle.seconds >= scenario.seconds - 10.0)
             outcome.last.add(delay, rateError);
     }
+    EXPECT_GT(std::min(outcome.settled.count, outcome.last.count), 400.0) << "nothing was read";
     outcome.lostFrames = controller.lostFrames();
     outcome.resynchronisations = controller.resynchronisations();
     return outcome;

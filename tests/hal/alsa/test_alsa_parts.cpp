@@ -33,32 +33,29 @@ public:
 TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
 {
     const Folder folder;
-    const auto connect = [&](int card, const std::string& device) {
-        const fs::path link = folder.path / "class/sound" / ("card" + std::to_string(card)) / "device";
-        fs::create_directories(folder.path / "devices" / device);
-        fs::create_directories(link.parent_path());
-        fs::create_directory_symlink(folder.path / "devices" / device, link);
-    };
     for (const std::string unit : {"devices/usb3/3-1.4/", "devices/usb3/3-2/"}) {
         folder.write(unit + "idVendor", "1235");
         folder.write(unit + "idProduct", "8211");
     }
     folder.write("devices/usb3/3-1.4/serial", "S\xFF.1");
-    connect(0, "usb3/3-1.4/3-1.4:1.0");
-    connect(1, "usb3/3-2/3-2:1.0");
-    connect(2, "pci0000:00/0000:00:1f.3");
     const AlsaCardInfo info{"id", "driver", "name", "long name at irq 17", ""};
     struct {
-        int card;
-        const char *key, *place;
+        const char *device, *key, *place;
     } const rows[] = {
-        {0, "usb:1235:8211:S\xEF\xBF\xBD.1", "03140000"},
-        {1, "usb:1235:8211:03200000", "03200000"}, // no serial number: identified by its place
-        {2, "0000:00:1f.3", "0000:00:1f.3"},
-        {3, "long name at irq 17", "long name at irq 17"}, // absent from the device tree
+        {"usb3/3-1.4/3-1.4:1.0", "usb:1235:8211:S\xEF\xBF\xBD.1", "03140000"},
+        {"usb3/3-2/3-2:1.0", "usb:1235:8211:03200000", "03200000"}, // no serial number: known by its place
+        {"pci0000:00/0000:00:1f.3", "0000:00:1f.3", "0000:00:1f.3"},
     };
+    const AlsaIdentity absent = alsaIdentity(0, info, folder.path); // from the device tree
+    EXPECT_EQ(absent.key, info.longName);
+    EXPECT_EQ(absent.place, info.longName);
+    const fs::path link = folder.path / "class/sound/card0/device";
+    fs::create_directories(link.parent_path());
     for (const auto& row : rows) {
-        const AlsaIdentity identity = alsaIdentity(row.card, info, folder.path);
+        fs::create_directories(folder.path / "devices" / row.device);
+        fs::remove(link);
+        fs::create_directory_symlink(folder.path / "devices" / row.device, link);
+        const AlsaIdentity identity = alsaIdentity(0, info, folder.path);
         EXPECT_EQ(identity.key, row.key);
         EXPECT_EQ(identity.place, row.place);
     }

@@ -31,12 +31,6 @@ std::unique_ptr<ConformanceRig> makeConformanceRig();
 class Conformance : public testing::Test {
 protected:
     HALModel& hal() { return rig->model(); }
-    template <class Value>
-    std::optional<Value> read(AudioObjectID object, uint32_t selector,
-                              uint32_t scope = kAudioObjectPropertyScopeGlobal)
-    {
-        return readValue<Value>(hal(), object, at(selector, scope));
-    }
     bool eventually(const std::function<bool()>& condition)
     {
         return ::eventually(condition, [this] { rig->letTimePass(); });

@@ -19,7 +19,7 @@ TEST_F(ConformanceIO, runsOnlyWhatIsStartedAndNeverRepeatsTime)
     for (int round = 0; round < 3; ++round) {
         EXPECT_EQ(hal().start(device, proc), kAudioHardwareNoError);
         EXPECT_EQ(hal().start(device, proc), kAudioHardwareNoError) << "starting twice is no error";
-        EXPECT_EQ(read<uint32_t>(device, kAudioDevicePropertyDeviceIsRunning), 1U);
+        EXPECT_EQ(readValue<uint32_t>(hal(), device, at(kAudioDevicePropertyDeviceIsRunning)), 1U);
         EXPECT_TRUE(waitForMore(witness));
         EXPECT_EQ(hal().stop(device, proc), kAudioHardwareNoError);
         const uint64_t after = witness.cycles;

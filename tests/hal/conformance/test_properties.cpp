@@ -40,11 +40,13 @@ TEST_F(Conformance, describesADeviceAndItsStreamsConsistently)
     ASSERT_FALSE(streams.empty());
     uint32_t channels = 0;
     for (const AudioObjectID stream : streams) {
-        const auto format = read<AudioStreamBasicDescription>(stream, kAudioStreamPropertyVirtualFormat);
+        const auto format =
+            readValue<AudioStreamBasicDescription>(hal(), stream, at(kAudioStreamPropertyVirtualFormat));
         ASSERT_TRUE(format);
-        EXPECT_EQ(read<uint32_t>(stream, kAudioStreamPropertyStartingChannel), channels + 1);
-        EXPECT_EQ(format->sampleRate, read<double>(device, kAudioDevicePropertyNominalSampleRate));
-        EXPECT_EQ(read<AudioObjectID>(stream, kAudioObjectPropertyOwner), device);
+        EXPECT_EQ(readValue<uint32_t>(hal(), stream, at(kAudioStreamPropertyStartingChannel)), channels + 1);
+        EXPECT_EQ(format->sampleRate,
+                  readValue<double>(hal(), device, at(kAudioDevicePropertyNominalSampleRate)));
+        EXPECT_EQ(readValue<AudioObjectID>(hal(), stream, at(kAudioObjectPropertyOwner)), device);
         channels += format->channelsPerFrame;
     }
     EXPECT_EQ(channels, 8U);
@@ -105,7 +107,7 @@ TEST_F(Conformance, announcesArrivalAndDepartureAndNeverReusesAnID)
         EXPECT_TRUE(
             eventually([&] { return readDevices(hal()).empty() && listener.count() > whilePlugged; }));
         for (const AudioObjectID id : objects)
-            EXPECT_FALSE(read<uint32_t>(id, kAudioObjectPropertyClass));
+            EXPECT_FALSE(readValue<uint32_t>(hal(), id, at(kAudioObjectPropertyClass)));
     }
 }
 

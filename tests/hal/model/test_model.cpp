@@ -45,8 +45,8 @@ const Selectors changeable[] = {
      kAudioStreamPropertyPhysicalFormat, kAudioStreamPropertyAvailableVirtualFormats,
      kAudioStreamPropertyAvailablePhysicalFormats}};
 
-/// Returns a value as bytes, or an object as text; empty if it cannot be read. Checks that a read returns exactly
-/// the announced size, and refuses less room.
+/// Returns a value as bytes, or an object as text; empty if it cannot be read. Checks that a read returns
+/// exactly the announced size, and refuses less room.
 std::string valueAt(HALModel& model, AudioObjectID object, const AudioObjectPropertyAddress& address)
 {
     uint32_t announced = 0, size = 0;
