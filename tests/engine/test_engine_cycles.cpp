@@ -64,12 +64,6 @@ protected:
             parts.emplace_back(part["uid"], part["drift"]);
         return parts;
     }
-    AudioObjectID aggregateOfAAndB()
-    {
-        const AudioObjectID aggregate = makeAggregate(modelOf(hal), {"a", "b"}, {{"uid", "both"}});
-        settle();
-        return aggregate;
-    }
     std::vector<float> buffer, played;
     uint64_t nextTime = 0, jumps = 0; // of the input block
 };
@@ -194,7 +188,8 @@ TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
     plug(aDevice().uid("a").inputs(2).outputs(1).clockDomain(1).hears(simulatedRamp()));
     plug(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(1)));
     plug(aDevice().uid("c").inputs(1).clockDomain(1));
-    const AudioObjectID aggregate = aggregateOfAAndB();
+    const AudioObjectID aggregate = makeAggregate(modelOf(hal), {"a", "b"}, {{"uid", "both"}});
+    settle();
     ASSERT_TRUE(runner->addDevice(device("both", output), Channels{3, 1}, idle));
     runner->start();
     hal.stepCycles(1);
@@ -236,7 +231,8 @@ TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
     };
     for (const char uid : {'a', 'b', 'c'})
         plugPart(uid);
-    const AudioObjectID aggregate = aggregateOfAAndB();
+    const AudioObjectID aggregate = makeAggregate(modelOf(hal), {"a", "b"}, {{"uid", "both"}});
+    settle();
     std::vector<float> heard(5); // one sample of each channel
     const auto keepLast = [&heard](size_t place) {
         return [&heard, place](uint64_t, DXRBuffer& given) {
