@@ -52,10 +52,9 @@ TEST_F(LatencyTest, isWhatARampMeasuresAndSoAreTheTimesOfBlocks)
     const struct {
         const char *in, *out;                      ///< "one" is the clock
         uint32_t otherDomain, frames, otherFrames; // devices of one domain share a cycle length
-    } kinds[] = {{"one", "one", 1, 64, 64},     {"one", "one", 1, 256, 256},   {"one", "one", 1, 512, 512},
-                 {"one", "other", 1, 64, 64},   {"one", "other", 1, 256, 256}, {"one", "other", 1, 512, 512},
-                 {"one", "other", 2, 64, 512},  {"one", "other", 2, 256, 256}, {"one", "other", 2, 512, 64},
-                 {"other", "other", 2, 64, 512}};
+    } kinds[] = {{"one", "one", 1, 64, 64},     {"one", "one", 1, 512, 512},   {"one", "other", 1, 64, 64},
+                 {"one", "other", 1, 512, 512}, {"one", "other", 2, 64, 512},  {"one", "other", 2, 256, 256},
+                 {"one", "other", 2, 512, 64},  {"other", "other", 2, 64, 512}};
     const auto expectSaid = [&](const std::string& inUID, const std::string& outUID, double rate,
                                 uint32_t runnerFrames) {
         using enum DXRConversionQuality;
@@ -85,7 +84,7 @@ TEST_F(LatencyTest, isWhatARampMeasuresAndSoAreTheTimesOfBlocks)
         hal.advance(static_cast<uint64_t>(3 * ticksPerSecond));
         EXPECT_NEAR(runner->roundTripSeconds(in, out).value_or(0) * rate, _late * rate, 0.5);
         EXPECT_TRUE(eventually([&] { // rings are polled in real time
-            hal.advance(static_cast<uint64_t>(0.1 * ticksPerSecond));
+            hal.advance(static_cast<uint64_t>(0.02 * ticksPerSecond));
             return std::abs(heardAge * rate - distances.at(inUID).latency) < 0.75 &&
                    std::abs((_late - givenAge) * rate - distances.at(outUID).latency) < 0.75;
         })) << heardAge * rate
@@ -102,6 +101,7 @@ TEST_F(LatencyTest, isWhatARampMeasuresAndSoAreTheTimesOfBlocks)
                 SCOPED_TRACE(testing::Message() << in << ' ' << out << otherDomain << " at " << rate << ": "
                                                 << frames << ' ' << otherFrames << ' ' << runnerFrames);
                 expectSaid(in, out, rate, runnerFrames);
+                ASSERT_FALSE(HasFailure());
             }
             unplug("one");
             unplug("other");

@@ -38,40 +38,96 @@ CXRef<DXRDevice> connectedDevice(const std::string& uid, bool isInput)
     return device;
 }
 
-// Each device drives a separate graph; an aggregate's ring connects them, and converters the runner's cycles.
-TEST(EngineOnPipeWire, reportsTheLatencyAndTimesBetweenTwoClocks)
+/// Runs between two devices.
+struct Passage {
+    Passage(const std::string& source, const std::string& sink, uint32_t frames, const DXRIOBlock& hear,
+            const DXRIOBlock& play)
+        : in(connectedDevice(source, true)), out(connectedDevice(sink, false))
+    {
+        runner->setFrameCount(frames);
+        runner->setSampleRate(rate);
+        runner->addDevice(in, DXRDeviceRunner::Channels{2}, hear);
+        runner->addDevice(out, DXRDeviceRunner::Channels{2}, play);
+        runner->start();
+    }
+    ~Passage() { runner->stop(); }
+
+    double reportedFrames() const { return runner->roundTripSeconds(in, out).value_or(0) * rate; }
+
+    const CXRef<DXRDevice> in, out;
+    const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
+};
+
+class EngineOnPipeWire : public testing::Test {
+protected:
+    EngineOnPipeWire() { HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote())); }
+    void forceQuantum(uint32_t frames)
+    {
+        client.setMetadata("settings", "clock.force-quantum", std::to_string(frames));
+    }
+
+    PrivateServer server;
+    TestClient client{server.remote()};
+};
+
+/// The host time (ns) of value 0 of the ramp that a block begins with.
+double beginOf(const DXRBuffer& buffer, double framesPerNanosecond)
+{
+    return static_cast<double>(buffer.hostTime()) - buffer.samples()[0] / rampStep / framesPerNanosecond;
+}
+
+// A card records its frames one cycle earlier and plays them one cycle later. A virtual device passes on what
+// it was given in the preceding cycle, so that a ramp returns one cycle sooner.
+TEST_F(EngineOnPipeWire, reportsTheLatencyThatARampOfItsOwnMeasures)
+{
+    client.plug({.name = "duplex", .mediaClass = "Audio/Duplex"});
+    for (const uint32_t quantum : {64U, 256U, 512U}) {
+        forceQuantum(quantum);
+        for (const uint32_t frames : {64U, 256U, 512U}) {
+            SCOPED_TRACE(testing::Message() << frames << " frames at a quantum of " << quantum);
+            std::atomic<double> late{0}, played{0}, returned{0};
+            const Passage passage(
+                "duplex", "duplex", frames,
+                [&](uint64_t time, DXRBuffer& heard) {
+                    late = static_cast<double>(time + 1) - heard.samples()[0] / rampStep;
+                    returned = beginOf(heard, rate / 1e9);
+                },
+                [&](uint64_t time, DXRBuffer& given) {
+                    for (uint32_t i = 0; i < given.frameCount(); ++i)
+                        given.samples()[i] = rampSample(time + i);
+                    played = beginOf(given, rate / 1e9);
+                });
+            sleepForMilliseconds(500); // until the ramp returns
+            EXPECT_NEAR(medianOf([&] { return late.load(); }) + quantum, passage.reportedFrames(), 1.0);
+            EXPECT_NEAR(medianOf([&] { return played - returned; }) * rate / 1e9, quantum, 1.0);
+        }
+    }
+}
+
+// Each device drives a separate graph; an aggregate's ring connects them.
+TEST_F(EngineOnPipeWire, reportsTheLatencyAndTimesBetweenTwoClocks)
 {
     using Device = DrivingDevice;
-    const PrivateServer server;
-    const TestClient client(server.remote());
-    HALSetHardwareDriver(PipeWireDriver::initWithRemote(server.remote()));
     constexpr double sourcePPM = 150, framesPerNanosecond = rate * (1 + sourcePPM * 1e-6) / 1e9;
     const Device source(server.remote(), "fast", Device::Direction::Source, {.partsPerMillion = sourcePPM});
     const Device sink(server.remote(), "slow", Device::Direction::Sink, {.partsPerMillion = -60});
-    const CXRef<DXRDevice> in = connectedDevice("fast", true), out = connectedDevice("slow", false);
-    for (const auto& [quantum, frames] : {std::pair{256U, 512U}, {512U, 64U}}) {
-        SCOPED_TRACE(testing::Message() << frames << " frames at a quantum of " << quantum);
-        client.setMetadata("settings", "clock.force-quantum", std::to_string(quantum));
-        const CXRef<DXRDeviceRunner> runner = DXRDeviceRunner::init();
-        runner->setFrameCount(frames);
-        runner->setSampleRate(rate);
-        std::vector<float> received(frames);
-        std::atomic<double> begin{0}; // the host time (ns) of value 0 of the ramp
-        runner->addDevice(in, DXRDeviceRunner::Channels{2}, [&](uint64_t, DXRBuffer& heard) {
-            std::copy_n(heard.samples(), received.size(), received.begin());
-            begin =
-                static_cast<double>(heard.hostTime()) - heard.samples()[0] / rampStep / framesPerNanosecond;
-        });
-        runner->addDevice(out, DXRDeviceRunner::Channels{2},
-                          [&](uint64_t, DXRBuffer& given) { std::ranges::copy(received, given.samples()); });
-        runner->start();
+    for (const uint32_t quantum : {256U, 512U}) {
+        forceQuantum(quantum);
+        std::vector<float> received(quantum);
+        std::atomic<double> begin{0};
+        const Passage passage(
+            "fast", "slow", quantum,
+            [&](uint64_t, DXRBuffer& heard) {
+                std::copy_n(heard.samples(), quantum, received.begin());
+                begin = beginOf(heard, framesPerNanosecond);
+            },
+            [&](uint64_t, DXRBuffer& given) { std::ranges::copy(received, given.samples()); });
         sleepForMilliseconds(6000); // until the clocks are measured
-        const auto reportedFrames = [&] { return runner->roundTripSeconds(in, out).value_or(0) * rate; };
-        EXPECT_GT(reportedFrames(), 0.0) << "it runs";
+        EXPECT_GT(passage.reportedFrames(), 0.0) << "it runs";
         const double latencyError = medianOf([&] {
             const Device::Passage given = source.lastPassage(), heard = sink.lastPassage();
             return (heard.nanoseconds - given.nanoseconds) * framesPerNanosecond -
-                   (heard.number - given.number) - reportedFrames();
+                   (heard.number - given.number) - passage.reportedFrames();
         });
         EXPECT_NEAR(latencyError, 0.0, 1.0);
         const double timeError = medianOf([&] {
@@ -79,7 +135,6 @@ TEST(EngineOnPipeWire, reportsTheLatencyAndTimesBetweenTwoClocks)
             return (begin - given.nanoseconds) * framesPerNanosecond + given.number;
         });
         EXPECT_NEAR(timeError, 0.0, 1.0);
-        runner->stop();
     }
 }
 

@@ -306,7 +306,7 @@ TEST_F(DXRDeviceManagerTest, callsEveryNotifierOnceOnItsQueue)
 
 TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
 {
-    using enum DXRDeviceManager::WhenRunning;
+    using enum DXRDeviceManagerNotifier::WhenRunning;
     plug(headset());
     const CXRef<DXRDevice> phones = device("headset", output);
     std::jthread changes([&](const std::stop_token& isOver) {
