@@ -11,7 +11,7 @@
  * Errors    are statuses. dxr_error_text() returns a sentence on the last error on the calling thread.
  *           Functions return for any argument: they do not abort, and no C++ exception leaves them.
  * Threads   of any kind may call, even those that the library did not create. Functions wait for locks and
- *           for the hardware, two seconds at most.
+ *           for the hardware: for the start of a device five seconds at most, otherwise two.
  * Callbacks for changes are called one at a time on the library's thread "dxr.events", where every function
  *           may be called. Callbacks for audio (dxr_io) are called in real time: on the IO thread of a
  *           device, a few milliseconds before their samples are due. They must not lock, allocate, access

@@ -13,6 +13,7 @@ namespace {
 using Address = AudioObjectPropertyAddress;
 
 constexpr std::chrono::seconds maxWaitForHardware{2};
+constexpr std::chrono::seconds maxWaitForStart{5}; // of which a wireless device may need some
 
 constexpr Address globalAddress(uint32_t selector)
 {
@@ -32,9 +33,9 @@ std::optional<HALDefault> defaultOfSelector(uint32_t selector)
     return static_cast<HALDefault>(found - defaultSelectors.begin());
 }
 
-HALDeadline deadlineFromNow()
+HALDeadline deadlineFromNow(std::chrono::seconds maxWait = maxWaitForHardware)
 {
-    return std::chrono::steady_clock::now() + maxWaitForHardware;
+    return std::chrono::steady_clock::now() + maxWait;
 }
 
 } // namespace
@@ -381,7 +382,7 @@ HALStatus HALModel::start(AudioObjectID deviceID, AudioDeviceIOProcID procID)
     if (HALIOProcTable::onIOThreadOf(deviceID))
         return kAudioHardwareIllegalOperationError;
     const CXRef<HALDevice> device = _device(deviceID);
-    return device ? device->start(procID, deadlineFromNow()) : kAudioHardwareBadDeviceError;
+    return device ? device->start(procID, deadlineFromNow(maxWaitForStart)) : kAudioHardwareBadDeviceError;
 }
 
 HALStatus HALModel::stop(AudioObjectID deviceID, AudioDeviceIOProcID procID)

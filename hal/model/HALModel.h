@@ -18,8 +18,8 @@ class CXValue;
 /// Threads:   every function from any thread, including listeners and IO callbacks, without deadlock.
 /// Real time: on an IO thread, reads of 'nsrt' and 'fsiz' of that thread's device, and stop().
 /// Waits:     property reads never wait for hardware, except that the first read of the system object waits
-///            for the initial enumeration; writes, start() and stop() may wait for hardware, two seconds at
-///            most.
+///            for the initial enumeration; writes and stop() may wait for hardware two seconds at most, start()
+///            five.
 /// Promises:  - object IDs are never reused in a process;
 ///            - functions return '!obj' for unknown objects and 'who?' for unknown properties;
 ///            - listeners are called on the notification thread, or on their queue, with no lock held;

@@ -287,8 +287,6 @@ void PipeWireDevice::_describeRoutes(HALDirection direction, HALDirectionState& 
 std::vector<AudioValueRange> PipeWireDevice::_sampleRates(const PipeWireClockSettings& settings) const
 {
     std::vector<uint32_t> allowed = settings.allowedRates;
-    if (allowed.empty())
-        allowed.push_back(settings.rate);
     for (const HALDirection direction : halDirections) {
         const PipeWireNode* half = node(direction);
         const std::vector<PipeWireRateRange> rates = half ? half->rates() : std::vector<PipeWireRateRange>();
@@ -299,7 +297,7 @@ std::vector<AudioValueRange> PipeWireDevice::_sampleRates(const PipeWireClockSet
                 });
             });
     }
-    if (allowed.empty()) // the server converts between the device's rate and its own
+    if (allowed.empty()) // none is set, or the server converts between the device's rate and its own
         allowed.push_back(settings.rate);
     std::ranges::sort(allowed);
     allowed.erase(std::unique(allowed.begin(), allowed.end()),
