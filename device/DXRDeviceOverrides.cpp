@@ -117,10 +117,9 @@ void DXRDeviceOverrides::_find()
         before = std::exchange(_observer, observer);
     });
     _defaults->removeObserver(before);
-    _observeValue(); // the value may have changed before it was observed
 }
 
-/// Called before each read as well, so that what another object of this process has stored is seen at once.
+/// Called before each read, so that what another object of this process has stored is seen at once.
 void DXRDeviceOverrides::_observeValue() const
 {
     // Take the snapshot under the mutex, so that of two readings the later one is stored last.
@@ -136,9 +135,7 @@ void DXRDeviceOverrides::_observeValue() const
 
 void DXRDeviceOverrides::_storeChanged()
 {
-    if (_mutex->execond([&] { return _isFound; }))
-        _observeValue();
-    else
+    if (!_mutex->execond([&] { return _isFound; }))
         _find();
     CXBlock<void()> changed;
     _mutex->execute([&] { changed = _changed; });
@@ -237,9 +234,7 @@ bool DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
         return *fits ? changesFor(found, overrides, now) : DefaultsChanges();
     };
     _defaults->update(edit);
-    if (entryKey)
-        _observeValue();
-    else
+    if (!entryKey)
         _find();
     _defaults->synchronize();
     return *fits;
