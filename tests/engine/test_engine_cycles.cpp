@@ -338,6 +338,7 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
 TEST_F(EngineCyclesTest, endsTheProcessWithAClearMessageWhenABlockThrows)
 {
     plug(aDevice().uid("thrower").outputs(2));
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // a forked process would not have the queue's thread
     runner->addDevice(device("thrower", output), std::nullopt, [](uint64_t, DXRBuffer&) {
         const CXRealtimeExemption exemption("what the test does in a cycle");
         throw std::runtime_error("out of ideas");

@@ -58,7 +58,7 @@ protected:
             << "; } > output 2> errors";
         const int status = std::system(("bash -o pipefail " + path("script")).c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contentOf(path("output")),
-                contentOf(path("errors"))};
+                withoutSchedulingNotices(contentOf(path("errors")))};
     }
     /// The same where files cannot grow beyond a size, as on a full disk.
     ToolResult runOnDisk(size_t byteSize, const std::string& command) const

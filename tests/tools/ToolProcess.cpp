@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <regex>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,7 +108,13 @@ std::string ToolProcess::errors() const
     std::string text(65536, '\0');
     const ssize_t size = pread(_errorFD, text.data(), text.size(), 0);
     text.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
-    return text;
+    return withoutSchedulingNotices(text);
+}
+
+std::string withoutSchedulingNotices(const std::string& errors)
+{
+    static const std::regex notice("(thread_policy_set returned|No real-time scheduling)[^\n]*\n");
+    return std::regex_replace(errors, notice, "");
 }
 
 ToolResult runTool(const std::vector<std::string>& arguments, std::chrono::seconds limit)

@@ -41,6 +41,10 @@ private:
     bool _isAtEnd = false;
 };
 
+/// What is left of a run's errors without the lines that a machine without real-time scheduling, such as most
+/// containers, adds.
+std::string withoutSchedulingNotices(const std::string& errors);
+
 struct ToolResult {
     int status;
     std::string output, errors;
