@@ -127,21 +127,23 @@ inline AudioDeviceIOBlock witnessing(CycleWitness& witness)
     return eachCycle([&witness](const IOCycle& cycle) { witness.see(cycle); });
 }
 
-/// Creates and starts an IO callback; the destructor destroys it.
+inline const AudioDeviceIOBlock idle = [](auto...) {};
+
+/// Creates an IO callback, and expects this result of its start; nullopt: any. The destructor destroys it.
 class RunningProc {
 public:
-    RunningProc(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
+    RunningProc(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block,
+                std::optional<HALStatus> started = kAudioHardwareNoError)
         : _hal(hal), _device(device)
     {
         EXPECT_EQ(_hal.createIOProc(device, block, id), kAudioHardwareNoError);
-        status = _hal.start(device, id);
+        const HALStatus status = _hal.start(device, id);
+        EXPECT_EQ(status, started.value_or(status));
     }
     ~RunningProc() { _hal.destroyIOProc(_device, id); }
     RunningProc(const RunningProc&) = delete;
-    RunningProc& operator=(const RunningProc&) = delete;
 
     AudioDeviceIOProcID id = nullptr;
-    HALStatus status = kAudioHardwareNoError; ///< result of start()
 
 private:
     HALModel& _hal;
@@ -218,7 +220,6 @@ inline AudioObjectID makeAggregate(HALModel& hal, const std::vector<std::string>
 /// Reads and sets properties of every device, and starts and stops it, until `isDone`.
 inline void useDevices(HALModel& hal, const std::function<bool()>& isDone)
 {
-    const AudioDeviceIOBlock idle = [](auto...) {};
     for (uint32_t muted = 0; !isDone(); muted ^= 1U)
         for (const AudioObjectID device : readDevices(hal)) {
             readText(hal, device, at(kAudioObjectPropertyName));

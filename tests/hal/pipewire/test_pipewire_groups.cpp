@@ -8,9 +8,7 @@ struct Group {
     Group(HALModel& hal, const std::vector<std::string>& uids, const AudioDeviceIOBlock& block)
         : device(makeAggregate(hal, uids)), overloads(hal, device, at(kAudioDeviceProcessorOverload)),
           proc(hal, device, block)
-    {
-        EXPECT_EQ(proc.status, kAudioHardwareNoError);
-    }
+    {}
 
     const AudioObjectID device;
     RecordingListener overloads;

@@ -125,7 +125,6 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
 TEST(SimulatedInRealTime, isSilentAfterAnUnplugThatMeetsAStart)
 {
     constexpr int rounds = 400;
-    const AudioDeviceIOBlock idle = [](auto...) {};
     std::array<std::atomic<bool>, rounds> isGone{};
     std::atomic<int> late{0};
     const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::RealTime);
