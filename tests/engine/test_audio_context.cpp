@@ -6,6 +6,7 @@
 #include "DrivenHardware.h"
 #include "Eventually.h"
 #include "Gate.h"
+#include "HALReads.h"
 #include "HostClock.h"
 #include "RunnerIO.h"
 
@@ -21,12 +22,8 @@ constexpr uint32_t frames = 64;
 
 DrivenHardware& backend()
 {
-    static const CXRef<DrivenHardware> driven = [] {
-        CXRef<DrivenHardware> made = DrivenHardware::init();
-        HALSetHardwareDriver(made);
-        return made;
-    }();
-    return *driven;
+    static const auto only = installed(DrivenHardware::init());
+    return *only;
 }
 
 /// One cycle with two channels in each direction.

@@ -24,12 +24,8 @@ constexpr double rate = 48000;
 
 SimulatedHardware& backend()
 {
-    static const CXRef<SimulatedHardware> made = [] {
-        CXRef<SimulatedHardware> backend = SimulatedHardware::init(SimulatedClock::RealTime);
-        HALSetHardwareDriver(backend);
-        return backend;
-    }();
-    return *made;
+    static const auto only = installed(SimulatedHardware::init(SimulatedClock::RealTime));
+    return *only;
 }
 
 std::string uidOf(uint32_t i)

@@ -42,23 +42,27 @@ struct ModelReads {
     CXRef<HALModel> hal;
 };
 
-/// Returns the number of channels of all streams in one direction.
-inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
-{
-    const auto bytes = readList<std::byte>(hal, device, at(kAudioDevicePropertyStreamConfiguration, scope));
-    uint32_t channels = 0;
-    for (size_t offset = offsetof(AudioBufferList, buffers); offset + sizeof(AudioBuffer) <= bytes.size();
-         offset += sizeof(AudioBuffer)) {
-        AudioBuffer buffer{};
-        std::memcpy(&buffer, bytes.data() + offset, sizeof buffer);
-        channels += buffer.numberChannels;
-    }
-    return channels;
-}
+/// A model over simulated hardware on the stepped clock.
+class SimulatedModel : public testing::Test {
+protected:
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
+};
 
 inline const AudioBuffer& bufferOf(const AudioBufferList* list, uint32_t stream)
 {
     return *(&list->buffers[0] + stream); // by pointer: the array is declared with one element
+}
+
+/// Returns the number of channels of all streams in one direction.
+inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
+{
+    const auto bytes = readList<std::byte>(hal, device, at(kAudioDevicePropertyStreamConfiguration, scope));
+    const auto* const list = reinterpret_cast<const AudioBufferList*>(bytes.data());
+    uint32_t channels = 0;
+    for (uint32_t stream = 0; !bytes.empty() && stream < list->numberBuffers; ++stream)
+        channels += bufferOf(list, stream).numberChannels;
+    return channels;
 }
 
 /// One call of an IO callback.

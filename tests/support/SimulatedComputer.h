@@ -33,11 +33,7 @@ protected:
 private:
     static SimulatedHardware& _hardware()
     {
-        static const CXRef<SimulatedHardware> backend = [] {
-            CXRef<SimulatedHardware> made = SimulatedHardware::init(SimulatedClock::Stepped);
-            HALSetHardwareDriver(made);
-            return made;
-        }();
-        return *backend;
+        static const auto only = installed(SimulatedHardware::init(SimulatedClock::Stepped));
+        return *only;
     }
 };

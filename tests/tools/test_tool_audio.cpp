@@ -40,16 +40,9 @@ protected:
         settle();
         return DeviceSelection::find(text, direction);
     }
-    /// A device that records its first output channel in `into`, without silence.
     static SimulatedDeviceBuilder player(const std::string& uid, std::vector<float>& into)
     {
-        return aDevice().uid(uid).outputs(2).clockDomain(1).playsInto(SimulatedSink(
-            [&into](uint64_t, uint32_t frames, uint32_t channels, double, const float* samples) {
-                const CXRealtimeExemption exemption("the test keeps what was played");
-                for (uint32_t frame = 0; samples && frame < frames; ++frame)
-                    if (samples[frame * channels] != 0.0F)
-                        into.push_back(samples[frame * channels]);
-            }));
+        return aDevice().uid(uid).outputs(2).clockDomain(1).playsInto(sinkTo(into));
     }
     /// A device whose channels have the same ramp, 0.25 apart.
     static SimulatedDeviceBuilder ramps(const std::string& uid, uint32_t channelCount)
@@ -77,10 +70,12 @@ protected:
             hal.advance(static_cast<uint64_t>(std::min(ticks, second / 10)));
             session.poll();
         }
+        for (std::vector<float>* each : {&played, &alsoPlayed})
+            std::erase(*each, 0.0F);
     }
 
     Interrupts interrupts;
-    std::vector<float> played, alsoPlayed;
+    std::vector<float> played, alsoPlayed; // without silence
     const std::string path = "/tmp/dxr-files-" + std::to_string(getpid()) + ".wav";
 };
 

@@ -68,11 +68,7 @@ std::string valueAt(HALModel& model, AudioObjectID object, const AudioObjectProp
     return CXRefCast<CXValue>(CXRef<CXObject>::adopt(pointer))->plist().dump();
 }
 
-class HALModelAnnouncements : public testing::Test {
-protected:
-    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
-    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
-};
+using HALModelAnnouncements = SimulatedModel;
 
 TEST_F(HALModelAnnouncements, everyAddressIsReadExactlyAndAnnouncedWhenItsValueChanges)
 {

@@ -4,15 +4,12 @@
 
 namespace {
 
-class SimulatedHardwareIO : public testing::Test {
+class SimulatedHardwareIO : public SimulatedModel {
 protected:
     AudioObjectID defaultOf(uint32_t selector)
     {
         return readValue<AudioObjectID>(*model, kAudioObjectSystemObject, at(selector)).value_or(0xFFFFFFFF);
     }
-
-    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
-    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
 };
 
 TEST_F(SimulatedHardwareIO, electsDefaultsFromWhatIsVisibleAndThere)
