@@ -37,8 +37,6 @@ public:
         _thread = {}; // ends it
         sd_bus_flush_close_unref(_bus);
     }
-    FakeRealtimeKit(const FakeRealtimeKit&) = delete;
-    FakeRealtimeKit& operator=(const FakeRealtimeKit&) = delete;
 
     std::atomic<bool> grants{false};
     std::atomic<uint64_t> grantedThread{0};   ///< of the last call

@@ -12,7 +12,6 @@ public:
     FakedPcm(std::shared_ptr<FakedCard> card, unsigned number, bool isCapture, int descriptor);
     ~FakedPcm();
     FakedPcm(const FakedPcm&) = delete;
-    FakedPcm& operator=(const FakedPcm&) = delete;
 
     const std::shared_ptr<FakedCard> card;
     const unsigned number;

@@ -186,18 +186,16 @@ void TestClient::destroy(uint32_t id) const
 
 void TestClient::plug(const VirtualDevice& device)
 {
-    _plugged.emplace_back(device.name, _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
-                                               nullDeviceProperties(device)));
+    _plugged[device.name] =
+        _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, nullDeviceProperties(device));
 }
 
 void TestClient::unplug(const std::string& name)
 {
-    const auto last = std::ranges::find(_plugged.rbegin(), _plugged.rend(), name,
-                                        &std::pair<std::string, pw_proxy*>::first);
-    if (last == _plugged.rend())
+    const auto device = _plugged.extract(name);
+    if (!device)
         throw std::runtime_error(name + " is not plugged");
-    destroy(last->second);
-    _plugged.erase(std::next(last).base());
+    destroy(device.mapped());
     sync();
 }
 

@@ -30,7 +30,6 @@ public:
     explicit TestClient(const std::string& remote);
     ~TestClient();
     TestClient(const TestClient&) = delete;
-    TestClient& operator=(const TestClient&) = delete;
 
     // -- The connection
 
@@ -67,7 +66,6 @@ public:
     // -- Virtual devices. Each function returns once the server has made the change.
 
     void plug(const VirtualDevice& device);
-    /// Removes the device plugged last under this name.
     void unplug(const std::string& name);
     void unplugAll();
 
@@ -98,5 +96,5 @@ private:
     spa_hook _coreListener{}, _registryListener{};
     std::map<uint32_t, Global> _globals;
     int _lastSync = -1; // sequence number of the last sync that the server has reported
-    std::vector<std::pair<std::string, pw_proxy*>> _plugged; // by name
+    std::map<std::string, pw_proxy*> _plugged; // by name
 };

@@ -25,7 +25,6 @@ public:
         dxr::USBRegistry::refresh();
     }
     FakeUSBBus(const FakeUSBBus&) = delete;
-    FakeUSBBus& operator=(const FakeUSBBus&) = delete;
 
     struct Unit {
         std::string manufacturer = "Maker";
