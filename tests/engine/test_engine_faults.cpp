@@ -2,6 +2,7 @@
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
+#include "Eventually.h"
 #include "HALReads.h"
 #include "MainQueue.h"
 #include "Random.h"
@@ -10,9 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <thread>
 
 namespace {
 
@@ -124,8 +122,7 @@ TEST(EngineStress, survivesEveryCallOnTwoRunnersWhileDevicesComeAndGo)
                     seed == 0 ? change(random) : seed == 1 ? startAndStop(random) : call(random);
             });
         }
-        const char* const soak = std::getenv("DXR_SOAK_SECONDS");
-        const auto end = Clock::now() + (soak ? std::chrono::seconds(std::atoi(soak)) : 1500ms);
+        const auto end = Clock::now() + std::chrono::duration<double>(soakSecondsOr(1.5));
         while (Clock::now() < end || calls < 200 || stops < 50) {
             dxr::MainQueue::shared().drain();
             std::this_thread::sleep_for(1ms);

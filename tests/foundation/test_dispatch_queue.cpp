@@ -260,9 +260,7 @@ TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
 TEST(CXDispatchQueueStress, losesNothingAndRunsOneThingAtATime)
 {
     constexpr size_t producerCount = 2;
-    const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
-    const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(seconds ? 1000 * std::atoi(seconds) : 1500);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(soakSecondsOr(1.5));
     const auto isOver = [end] { return std::chrono::steady_clock::now() >= end; };
     const TestQueue queue;
     std::atomic<uint64_t> expected{0}, waiting[producerCount] = {};

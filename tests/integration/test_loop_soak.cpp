@@ -2,6 +2,8 @@
 
 #include "DrivingDevice.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdio>
 #include <fstream>
 #include <iterator>
