@@ -122,18 +122,16 @@ TEST_F(DXRAudioContextTest, skipsCyclesThatSayNothing)
 TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
 {
     runner->start();
-    const struct {
-        double sampleTime, rate;
-        uint32_t calls;
-    } cycles[] = {
+    const std::tuple<double, double, uint32_t> cycles[] = {
+        // sample time, rate, calls
         {1000, 48000, 1}, {1064, 24000, 2}, // no look at the rate while time goes on
         {500, 0, 2},      {500, 1e-3, 2},   // unreadable, and too low to be a rate
         {500, 24000, 4},  {564, 24000, 6},  // at half the rate the nodes run twice as often
     };
-    for (const auto& cycle : cycles) {
-        backend().sampleRate = cycle.rate;
-        Cycle(cycle.sampleTime).run();
-        EXPECT_EQ(calls, cycle.calls) << cycle.sampleTime << " at " << cycle.rate;
+    for (const auto& [sampleTime, rate, callsAfter] : cycles) {
+        backend().sampleRate = rate;
+        Cycle(sampleTime).run();
+        EXPECT_EQ(calls, callsAfter) << sampleTime << " at " << rate;
     }
 }
 

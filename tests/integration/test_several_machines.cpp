@@ -18,7 +18,6 @@ public:
         for (const pid_t process : _running)
             endPrivateProcess(process, SIGKILL);
     }
-    Machine(const Machine&) = delete;
 
     /// Runs the document's commands for this computer whose text contains `part`, and waits until they end.
     void run(const std::string& part)

@@ -107,21 +107,17 @@ TEST_F(ToolAudio, knowsChannelsFromNamesWithColons)
     hal.plug(aDevice().uid("in2").name("usb:1,2").inputs(4));
     hal.plug(aDevice().uid("out").name("usb").inputs(4));
     settle();
-    struct {
-        std::string text;
-        std::string uid;
-        std::vector<uint32_t> channels;
-    } const rows[] = {
+    const std::tuple<const char*, const char*, std::vector<uint32_t>> rows[] = {
         {"Desk:2-4,1", "in", {2, 3, 4, 1}},
         {"usb:1,2", "in2", {1, 2, 3, 4}}, // complete names take precedence
         {"usb:1,2:1,2", "in2", {1, 2}},
         {R"({"uid":"in"}:3)", "in", {3}},
         {R"({"uid":"in"})", "in", {1, 2, 3, 4}},
     };
-    for (const auto& row : rows) {
-        const DeviceSelection found = DeviceSelection::find(row.text, Input);
-        EXPECT_EQ(found.report.uid, row.uid) << row.text;
-        EXPECT_EQ(found.channels, row.channels) << row.text;
+    for (const auto& [text, uid, channels] : rows) {
+        const DeviceSelection found = DeviceSelection::find(text, Input);
+        EXPECT_EQ(found.report.uid, uid) << text;
+        EXPECT_EQ(found.channels, channels) << text;
     }
     for (const char* text : {"Desk:5", "Desk:0", "Desk:4-3", "Desk:1,", "Desk:", "Desk:1-4294967295",
                              "Desk:99999999999", ":3", "nobody:1"})

@@ -225,21 +225,19 @@ TEST_F(AlsaTest, keepsDefaultDevicesOfTheProcess)
 
 TEST_F(AlsaTest, findsTheVolumeByItsName)
 {
-    const struct {
-        const char* control;
-        bool isOutputs, isInputs;
-    } rows[] = {
+    const std::tuple<const char*, bool, bool> rows[] = {
+        // control, whether of outputs and inputs
         {"Master Volume", true, false}, // of both directions; few drivers use this name
         {"PCM Playback Volume", true, false},  {"Line Volume", false, true},
         {"Mic Playback Volume", false, false}, // plays the microphone on the output
         {"Bass Volume", false, false},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.control);
-        FakedCards::plug({.longName = row.control, .volumeNames = {row.control, "Other Volume"}});
-        const AudioObjectID id = device(row.control);
-        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), row.isOutputs);
-        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, input).has_value(), row.isInputs);
+    for (const auto& [control, isOutputs, isInputs] : rows) {
+        SCOPED_TRACE(control);
+        FakedCards::plug({.longName = control, .volumeNames = {control, "Other Volume"}});
+        const AudioObjectID id = device(control);
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, output).has_value(), isOutputs);
+        EXPECT_EQ(read<float>(id, kAudioDevicePropertyVolumeScalar, input).has_value(), isInputs);
     }
 }
 

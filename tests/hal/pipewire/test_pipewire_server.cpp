@@ -117,20 +117,17 @@ std::string manyDone(size_t count)
 
 TEST(PipeWireServer, mayTalkNonsenseForAWhile)
 {
-    const struct {
-        const char* why;
-        std::string bytes;
-        bool hangsUp;
-    } rows[] = {
+    const std::tuple<const char*, std::string, bool> rows[] = {
+        // why, bytes, hangs up
         {"another protocol", "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\n", false},
         {"more descriptors than there can be", {"\0\0\0\0\x08\0\0\0\0\0\0\0\xFF\xFF\xFF\x7F", 16}, false},
         {"an end in the middle of a conversation", manyDone(100000), true},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.why);
+    for (const auto& [why, bytes, hangsUp] : rows) {
+        SCOPED_TRACE(why);
         PrivateServer server;
         server.kill();
-        auto nonsense = std::async(std::launch::async, talkNonsense, server.remote(), row.bytes, row.hangsUp);
+        auto nonsense = std::async(std::launch::async, talkNonsense, server.remote(), bytes, hangsUp);
         const CXRef<HALModel> hal = modelOver(server);
         EXPECT_TRUE(readDevices(*hal).empty());
         EXPECT_GT(nonsense.get(), 0.3) << "tries again, after pauses that grow";
