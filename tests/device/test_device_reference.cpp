@@ -9,10 +9,7 @@
 
 namespace {
 
-using dxr::USBAudioEngine;
-using dxr::USBDevice;
-using dxr::USBRegistry;
-using dxr::USBRegistryContents;
+using dxr::USBAudioEngine, dxr::USBDevice, dxr::USBRegistry, dxr::USBRegistryContents;
 
 constexpr uint32_t usb = kAudioDeviceTransportTypeUSB;
 constexpr uint32_t displayPort = kAudioDeviceTransportTypeDisplayPort;

@@ -18,9 +18,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using dxr::DefaultsChanges;
-using dxr::DefaultsSnapshot;
-using dxr::DefaultsSuite;
+using dxr::DefaultsChanges, dxr::DefaultsSnapshot, dxr::DefaultsSuite;
 
 const std::string suiteName = "com.example.a%20#?suite";
 

@@ -17,9 +17,7 @@
 
 namespace {
 
-using dxr::DefaultsChanges;
-using dxr::DefaultsSnapshot;
-using dxr::DefaultsSuite;
+using dxr::DefaultsChanges, dxr::DefaultsSnapshot, dxr::DefaultsSuite;
 
 constexpr uint32_t writerCount = 8;
 
