@@ -64,7 +64,13 @@ pw_properties* newProperties(const NodeProperties& properties)
 TestClient::TestClient(const std::string& remote) : _remote(remote)
 {
     static const pw_registry_events registryEvents{
-        PW_VERSION_REGISTRY_EVENTS, _global,
+        PW_VERSION_REGISTRY_EVENTS,
+        [](void* data, uint32_t id, uint32_t, const char* type, uint32_t, const spa_dict* properties) {
+            Global global{type, {}};
+            for (uint32_t i = 0; properties && i < properties->n_items; ++i)
+                global.properties[properties->items[i].key] = properties->items[i].value;
+            static_cast<TestClient*>(data)->_globals[id] = std::move(global);
+        },
         [](void* data, uint32_t id) { static_cast<TestClient*>(data)->_globals.erase(id); }};
     _coreEvents.version = PW_VERSION_CORE_EVENTS;
     _coreEvents.done = [](void* data, uint32_t id, int sequence) {
@@ -99,15 +105,6 @@ TestClient::~TestClient()
     }
     pw_context_destroy(_context);
     pw_thread_loop_destroy(_loop);
-}
-
-void TestClient::_global(void* data, uint32_t id, uint32_t /*permissions*/, const char* type,
-                         uint32_t /*version*/, const spa_dict* properties)
-{
-    Global global{type, {}};
-    for (uint32_t i = 0; properties && i < properties->n_items; ++i)
-        global.properties[properties->items[i].key] = properties->items[i].value;
-    static_cast<TestClient*>(data)->_globals[id] = std::move(global);
 }
 
 void TestClient::sync()

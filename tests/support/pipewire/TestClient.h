@@ -82,8 +82,6 @@ private:
         std::string type;
         NodeProperties properties;
     };
-    static void _global(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
-                        const spa_dict* properties);
     pw_proxy* _create(const char* factory, const char* type, uint32_t version,
                       const NodeProperties& properties);
 
