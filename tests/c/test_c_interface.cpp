@@ -330,10 +330,9 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
 {
     simulate(DXR_CLOCK_REAL_TIME);
     ASSERT_EQ(add(output, keepSilent), DXR_OK);
-    std::atomic<bool> isOver{false};
     std::atomic<int> stray{0}; // calls of released followers
-    const auto followAndList = [&] {
-        while (!isOver) {
+    const auto followAndList = [&](const std::stop_token& isOver) {
+        while (!isOver.stop_requested()) {
             std::pair<std::atomic<bool>, std::atomic<int>*> watch{false, &stray}; // whether it is released
             dxr_follower* follower = nullptr;
             const auto note = [](dxr_device*, dxr_change, void* user) {
@@ -349,17 +348,16 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
             watch.first = true;
         }
     };
-    std::thread threads[] = {std::thread(followAndList), std::thread(followAndList),
-                             std::thread(followAndList)};
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back(followAndList);
     for (int round = 0; round < 40; ++round) {
         EXPECT_EQ(dxr_runner_start(runner), DXR_OK);
         EXPECT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
         EXPECT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
         EXPECT_EQ(dxr_runner_stop(runner), DXR_OK);
     }
-    isOver = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear();
     EXPECT_EQ(stray, 0);
 }
 

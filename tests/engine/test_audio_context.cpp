@@ -189,10 +189,9 @@ TEST_F(DXRAudioContextTest, callsAWaitingCycleAwayWhenItStops)
         io.queue->dispatchSync([&] {
             const auto context = DXRAudioContext::initWithIO(io, nullptr, nodes, {nodes[0][0]}, {"duplex"});
             ASSERT_TRUE(context->start());
-            std::thread cycle([callback = backend().callback] { Cycle(64).run(callback); });
+            const std::jthread cycle([callback = backend().callback] { Cycle(64).run(callback); });
             std::this_thread::sleep_for(100ms); // until the cycle waits for the queue
             context->stop();
-            cycle.join();
         });
     }));
     settle();

@@ -32,11 +32,10 @@ TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
     uint64_t wrong = 0, read = 0;
     for (bool isOver = false; !isOver;) {
         isOver = isWritten; // records written before this are read below
-        while (const size_t count = trace->read(batch)) {
+        while (const size_t count = trace->read(batch))
             for (const DXRCycleRecord& each : std::span(batch).first(count))
                 wrong +=
                     each.sampleTime != read++ + each.droppedRecords - 6 || each.endTicks != ~each.sampleTime;
-        }
     }
     EXPECT_EQ(wrong, 0U);
     EXPECT_EQ(read + trace->droppedRecords() - 6, total);

@@ -116,12 +116,11 @@ TEST(EngineStress, survivesEveryCallOnTwoRunnersWhileDevicesComeAndGo)
         });
     {
         std::vector<std::jthread> threads;
-        for (uint32_t seed = 0; seed < 6; ++seed) {
+        for (uint32_t seed = 0; seed < 6; ++seed)
             threads.emplace_back([&, seed](const std::stop_token& isOver) {
                 for (Random random(seed); !isOver.stop_requested();)
                     seed == 0 ? change(random) : seed == 1 ? startAndStop(random) : call(random);
             });
-        }
         const auto end = Clock::now() + std::chrono::duration<double>(soakSecondsOr(1.5));
         while (Clock::now() < end || calls < 200 || stops < 50) {
             dxr::MainQueue::shared().drain();

@@ -79,10 +79,10 @@ TEST(CXDispatchQueue, runsABypassBeforeWaitingClientWorkWhenBusy)
         Gate gate(*queue.ref());
         bool hasClientRun = false;
         queue->dispatchAsync([&] { hasClientRun = true; });
-        std::thread other([&] { queue->dispatchSyncBypassOnce([&] { hasOvertaken = !hasClientRun; }); });
+        const std::jthread other(
+            [&] { queue->dispatchSyncBypassOnce([&] { hasOvertaken = !hasClientRun; }); });
         sleepForMilliseconds(delay); // until the other thread has pushed
         gate.open();
-        other.join();
         queue.settle();
     }
     EXPECT_TRUE(hasOvertaken);

@@ -220,7 +220,7 @@ TEST(FrameRing, handsEveryFrameOverInOrderBetweenTwoThreads)
 {
     constexpr uint64_t total = 300'000;
     FrameRing ring(1, 61);
-    std::thread writer([&ring] {
+    const std::jthread writer([&ring] {
         for (uint64_t written = 0; written < total;) {
             const uint64_t count = std::min({ring.writableFrames(), total - written, written % 29 + 1});
             for (uint64_t i = 0; i < count; ++i)
@@ -241,7 +241,6 @@ TEST(FrameRing, handsEveryFrameOverInOrderBetweenTwoThreads)
         if (count == 0)
             std::this_thread::yield();
     }
-    writer.join();
     EXPECT_EQ(wrong, 0U);
 }
 
