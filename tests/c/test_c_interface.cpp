@@ -180,8 +180,7 @@ TEST_F(CInterface, playsAndRecordsSoundsFrameByFrame)
 struct Playing {
     dxr_runner* runner;
     int calls = 0;
-    bool wasSilent = true;
-    bool wasRefused = true;
+    bool wasSilent = true, wasRefused = true;
     dxr_status released = DXR_ERROR_INTERNAL;
 
     static int callback(const dxr_cycle* cycle, void* user)

@@ -32,8 +32,7 @@ public:
     }
 
 private:
-    void* _mapping;
+    void *_mapping, *_begin;
     size_t _mappedSize;
-    void* _begin;
     const size_t _byteSize;
 };

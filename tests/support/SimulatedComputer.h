@@ -9,8 +9,7 @@
 /// The process's only simulated computer. Each test starts and ends with no devices and no injected faults.
 class SimulatedComputer : public testing::Test {
 protected:
-    static constexpr bool input = true;
-    static constexpr bool output = false;
+    static constexpr bool input = true, output = false;
 
     ~SimulatedComputer() override
     {

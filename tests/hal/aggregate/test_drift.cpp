@@ -92,9 +92,7 @@ private:
     }
 
     Clock _clock;
-    double _next;
-    double _late = 0.0;
-    double _stalledUntil = 0.0;
+    double _next, _late = 0.0, _stalledUntil = 0.0;
     uint64_t _sampleTime = 0;
 };
 

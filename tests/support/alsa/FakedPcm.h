@@ -51,7 +51,10 @@ private:
     int _setParameters(snd_pcm_hw_params& parameters);
     int _prepare();
     int _start();
-    void _stop(int state);
+    void _stop(int state)
+    {
+        _forLinked([state](FakedPcm& each) { each.setState(state); });
+    }
     int _link(int descriptor);
     int _transfer(snd_xferi& transfer);
 

@@ -171,16 +171,6 @@ pw_proxy* TestClient::link(uint32_t outputNode, const std::string& outputPort, u
                     {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}});
 }
 
-void TestClient::destroy(pw_proxy* proxy) const
-{
-    locked([&] { pw_proxy_destroy(proxy); });
-}
-
-void TestClient::destroy(uint32_t id) const
-{
-    locked([&] { pw_registry_destroy(_registry, id); });
-}
-
 void TestClient::plug(const VirtualDevice& device)
 {
     _plugged[device.name] =

@@ -59,9 +59,15 @@ public:
     /// Links an output port to an input port, each given by its node and its port name.
     pw_proxy* link(uint32_t outputNode, const std::string& outputPort, uint32_t inputNode,
                    const std::string& inputPort);
-    void destroy(pw_proxy* proxy) const;
+    void destroy(pw_proxy* proxy) const
+    {
+        locked([&] { pw_proxy_destroy(proxy); });
+    }
     /// Destroys the object of any client.
-    void destroy(uint32_t id) const;
+    void destroy(uint32_t id) const
+    {
+        locked([&] { pw_registry_destroy(_registry, id); });
+    }
 
     // -- Virtual devices. Each function returns once the server has made the change.
 

@@ -27,8 +27,7 @@ public:
     FakeUSBBus(const FakeUSBBus&) = delete;
 
     struct Unit {
-        std::string manufacturer = "Maker";
-        std::string product = "Product";
+        std::string manufacturer = "Maker", product = "Product";
         std::optional<std::string> serial = {};
     };
     /// Plugs in a sound card and its hubs, at "3-1.4" for instance: bus 3, port 4 of the hub on port 1.
