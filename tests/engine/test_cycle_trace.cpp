@@ -20,12 +20,8 @@ TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
     EXPECT_EQ(trace->read(batch), 64U);
     std::atomic<bool> isWritten{false};
     std::jthread writer([&] {
-        for (uint64_t i = 0; i < total; ++i) {
-            DXRCycleRecord record;
-            record.sampleTime = i;
-            record.endTicks = ~i;
-            trace->write(record);
-        }
+        for (uint64_t i = 0; i < total; ++i)
+            trace->write({.sampleTime = i, .endTicks = ~i});
         isWritten = true;
     });
     batch.resize(17);

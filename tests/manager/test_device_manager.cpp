@@ -22,11 +22,6 @@ protected:
     }
 };
 
-SimulatedDeviceBuilder headset()
-{
-    return aDevice().uid("headset").name("Headset").inputs(1).outputs(2);
-}
-
 SimulatedDeviceBuilder hiddenDevice(const std::string& uid)
 {
     return aDevice().uid(uid).hidden().outputs(2);

@@ -54,7 +54,6 @@ public:
             if (card.uid == uid)
                 _unplug(card);
     }
-    void letTimePass() override { sleepForMilliseconds(30); }
     bool setsNames() const override { return false; }
     float volumeTolerance() const override { return 0.01F; }
 
