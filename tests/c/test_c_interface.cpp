@@ -9,13 +9,11 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <pthread.h>
 #include <set>
 #include <span>
 #include <string>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 

@@ -9,7 +9,6 @@
 #include "SimulatedComputer.h"
 
 #include <cmath>
-#include <functional>
 
 namespace {
 

@@ -12,8 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 namespace {
 
 using namespace std::chrono_literals;

@@ -1,9 +1,6 @@
 #include "DXRCycleTrace.h"
 #include "EngineComputer.h"
 
-#include <functional>
-#include <thread>
-
 namespace {
 
 using Event = DXRCycleRecord::Event;

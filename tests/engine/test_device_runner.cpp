@@ -2,8 +2,6 @@
 #include "ReasonOf.h"
 #include "SerialQueue.h"
 
-#include <functional>
-
 namespace {
 
 using namespace std::chrono_literals;

@@ -5,11 +5,7 @@
 #include "ReasonOf.h"
 #include "TestQueue.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <functional>
-#include <vector>
 
 namespace {
 

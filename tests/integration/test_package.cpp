@@ -10,7 +10,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <sys/wait.h>
 
 namespace {

@@ -4,7 +4,6 @@
 #include "HALIO.h"
 #include "PipeWireDriver.h"
 
-#include <csignal>
 #include <sys/wait.h>
 
 namespace {

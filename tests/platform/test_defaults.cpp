@@ -4,16 +4,12 @@
 #include "Eventually.h"
 #include "InChild.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 

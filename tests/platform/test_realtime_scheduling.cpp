@@ -3,14 +3,10 @@
 #include "PrivateBus.h"
 #include "Privileges.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <sched.h>
-#include <sys/resource.h>
 #include <systemd/sd-bus.h>
 #include <thread>
-#include <unistd.h>
 
 // Each test drops its process's privileges or changes its limits; CTest runs each in a separate process.
 namespace dxr {

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <mutex>
 
 // Functions and classes that run devices in tests and record their notifications.

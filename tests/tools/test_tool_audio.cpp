@@ -9,9 +9,7 @@
 #include <dxr/DXRDeviceManager.h>
 
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
-#include <thread>
 #include <unistd.h>
 
 using enum HALDirection;

@@ -4,7 +4,6 @@
 #include "SineFit.h"
 #include "simulated.h"
 
-#include <cmath>
 #include <deque>
 #include <map>
 #include <set>

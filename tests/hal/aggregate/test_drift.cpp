@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cmath>
 #include <numbers>
-#include <random>
 #include <utility>
 #include <vector>
 

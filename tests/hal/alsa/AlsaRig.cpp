@@ -2,8 +2,6 @@
 #include "AlsaDriver.h"
 #include "FakedCards.h"
 
-#include <map>
-
 namespace {
 
 class AlsaRig final : public ConformanceRig {

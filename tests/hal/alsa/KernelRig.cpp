@@ -2,11 +2,9 @@
 #include "AlsaDriver.h"
 #include "Conformance.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 namespace {
 

@@ -5,17 +5,13 @@
 #include "SerialQueue.h"
 #include "simulated.h"
 
-#include <gtest/gtest.h>
-
 #include <barrier>
 #include <cstring>
 #include <future>
 #include <latch>
-#include <map>
 #include <ranges>
 #include <set>
 #include <sys/resource.h>
-#include <unistd.h>
 
 namespace {
 

@@ -3,7 +3,6 @@
 #include "PipeWireTest.h"
 
 #include <deque>
-#include <filesystem>
 #include <future>
 #include <sys/resource.h>
 #include <sys/socket.h>

@@ -1,6 +1,5 @@
 #include "DrivingDevice.h"
 
-#include <chrono>
 #include <cstdio>
 #include <pthread.h>
 #include <spa/param/audio/format-utils.h>
