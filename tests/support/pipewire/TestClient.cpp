@@ -171,6 +171,11 @@ pw_proxy* TestClient::link(uint32_t outputNode, const std::string& outputPort, u
                     {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}});
 }
 
+void TestClient::destroy(uint32_t id) const
+{
+    locked([&] { pw_registry_destroy(_registry, id); });
+}
+
 void TestClient::plug(const VirtualDevice& device)
 {
     _plugged[device.name] =

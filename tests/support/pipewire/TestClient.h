@@ -64,10 +64,7 @@ public:
         locked([&] { pw_proxy_destroy(proxy); });
     }
     /// Destroys the object of any client.
-    void destroy(uint32_t id) const
-    {
-        locked([&] { pw_registry_destroy(_registry, id); });
-    }
+    void destroy(uint32_t id) const;
 
     // -- Virtual devices. Each function returns once the server has made the change.
 
