@@ -1,6 +1,7 @@
 // Runs a fuzz target without libFuzzer: over its corpus, and then for some seconds over simple mutations of
 // it, which are the same in every run. usage: fuzz_TARGET CORPUS-FOLDER SECONDS
 
+#include "ContentOf.h"
 #include "Fuzz.h"
 #include "Random.h"
 
@@ -9,11 +10,6 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
 #include <vector>
 
 namespace {
@@ -87,10 +83,8 @@ int main(int count, char** arguments)
     for (const int signal : {SIGABRT, SIGSEGV})
         std::signal(signal, &keepInput);
     std::vector<std::string> corpus{""};
-    for (const auto& each : std::filesystem::directory_iterator(arguments[1])) {
-        std::ifstream file(each.path(), std::ios::binary);
-        corpus.emplace_back(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    }
+    for (const auto& each : std::filesystem::directory_iterator(arguments[1]))
+        corpus.push_back(contentOf(each.path()));
     std::sort(corpus.begin(), corpus.end());
     std::ifstream dictionary(std::filesystem::path(arguments[1]) / "../../json.dict");
     std::vector<std::string> tokens; // in libFuzzer's format: strings as in JSON

@@ -13,9 +13,7 @@
 
 namespace {
 
-using dxr::USBDevice;
-using dxr::USBRegistry;
-using dxr::USBRegistryContents;
+using dxr::USBDevice, dxr::USBRegistry, dxr::USBRegistryContents;
 
 /// Whether, in `uid`, the location of one of the devices follows after the generic ID.
 bool endsAtALocation(const std::string& generic, const std::string& uid,

@@ -54,42 +54,41 @@ TEST(CompensatingResampler, readsWholePositionsBitForBitAlsoRoundARing)
 // Each block goes on where the one before ended, and every instruction set gives the same bits.
 TEST(CompensatingResampler, keepsTonesAndRemovesAliases)
 {
-    struct {
-        double ratio, cyclesPerInputFrame, level;
-    } const rows[] = {
+    constexpr double rows[][3] = {
+        // ratio, cycles per input frame, level
         {1.0001, 1.0 / 48, 1.0},       {0.9995, 10.0 / 48, 1.0}, {0.9999, 20.0 / 48, 1.0},
         {44100.0 / 48000.0, 0.4, 1.0}, {0.25, 0.4, 1.0},         {48000.0 / 44100.0, 0.41, 1.0},
         {96000.0 / 44100.0, 0.3, 0.0}, {4.0, 0.09, 1.0},         {4.0, 0.15, 0.0},
     };
     constexpr double stepChange = 1e-8;
     constexpr size_t channels = 5;
-    for (const auto& row : rows) {
-        const auto resampler = CompensatingResampler::initWithRatio(row.ratio);
+    for (const auto& [ratio, cyclesPerInputFrame, level] : rows) {
+        const auto resampler = CompensatingResampler::initWithRatio(ratio);
         std::vector<std::vector<float>> input(channels);
         for (size_t c = 0; c < channels; ++c)
             for (int i = 0; i < 20'000; ++i)
-                input[c].push_back(static_cast<float>(tone(row.cyclesPerInputFrame * i, c)));
+                input[c].push_back(static_cast<float>(tone(cyclesPerInputFrame * i, c)));
         std::vector<float> output;
         for (const InstructionSet& set : availableInstructionSets()) {
             useInstructionSet(set);
             const std::vector<float> others = std::exchange(output, {});
-            CompensatingResampler::Walk walk{300, 0.3, row.ratio, stepChange};
+            CompensatingResampler::Walk walk{300, 0.3, ratio, stepChange};
             for (const uint32_t frames : {1U, 127U, 128U, 129U, 3615U}) {
                 const std::vector<float> block = read(*resampler, input, wholeArray, walk, frames);
                 output.insert(output.end(), block.begin(), block.end());
                 walk = walk.after(frames);
             }
-            ASSERT_TRUE(others.empty() || others == output) << set.name << " at " << row.ratio;
+            ASSERT_TRUE(others.empty() || others == output) << set.name << " at " << ratio;
         }
         double worst = 0.0; // relative to the channel's level
         for (size_t i = 0; i < output.size(); ++i) {
             const auto frame = static_cast<double>(i / channels);
-            const double place = 300.3 + frame * row.ratio + frame * (frame - 1) / 2 * stepChange;
-            const double wanted = row.level * tone(row.cyclesPerInputFrame * place, i % channels);
+            const double place = 300.3 + frame * ratio + frame * (frame - 1) / 2 * stepChange;
+            const double wanted = level * tone(cyclesPerInputFrame * place, i % channels);
             const double error = std::abs(static_cast<double>(output[i]) - wanted);
             worst = std::max(worst, error * static_cast<double>(i % channels + 2));
         }
-        EXPECT_LT(20.0 * std::log10(worst), -100.0) << row.ratio << " " << row.cyclesPerInputFrame;
+        EXPECT_LT(20.0 * std::log10(worst), -100.0) << ratio << " " << cyclesPerInputFrame;
     }
 }
 

@@ -2,8 +2,6 @@
 #include "DXRBuffer.h"
 #include "DXRRangedStream.h"
 
-#include <gtest/gtest.h>
-
 #include <limits>
 
 namespace {

@@ -1,8 +1,6 @@
 #include "DXRSynchronization.h"
 #include "ReasonOf.h"
 
-#include <gtest/gtest.h>
-
 #include <stdexcept>
 #include <thread>
 

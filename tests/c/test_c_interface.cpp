@@ -9,13 +9,11 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <pthread.h>
 #include <set>
 #include <span>
 #include <string>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -180,8 +178,7 @@ TEST_F(CInterface, playsAndRecordsSoundsFrameByFrame)
 struct Playing {
     dxr_runner* runner;
     int calls = 0;
-    bool wasSilent = true;
-    bool wasRefused = true;
+    bool wasSilent = true, wasRefused = true;
     dxr_status released = DXR_ERROR_INTERNAL;
 
     static int callback(const dxr_cycle* cycle, void* user)
@@ -330,10 +327,9 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
 {
     simulate(DXR_CLOCK_REAL_TIME);
     ASSERT_EQ(add(output, keepSilent), DXR_OK);
-    std::atomic<bool> isOver{false};
     std::atomic<int> stray{0}; // calls of released followers
-    const auto followAndList = [&] {
-        while (!isOver) {
+    const auto followAndList = [&](const std::stop_token& isOver) {
+        while (!isOver.stop_requested()) {
             std::pair<std::atomic<bool>, std::atomic<int>*> watch{false, &stray}; // whether it is released
             dxr_follower* follower = nullptr;
             const auto note = [](dxr_device*, dxr_change, void* user) {
@@ -349,17 +345,16 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
             watch.first = true;
         }
     };
-    std::thread threads[] = {std::thread(followAndList), std::thread(followAndList),
-                             std::thread(followAndList)};
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back(followAndList);
     for (int round = 0; round < 40; ++round) {
         EXPECT_EQ(dxr_runner_start(runner), DXR_OK);
         EXPECT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
         EXPECT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
         EXPECT_EQ(dxr_runner_stop(runner), DXR_OK);
     }
-    isOver = true;
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear();
     EXPECT_EQ(stray, 0);
 }
 

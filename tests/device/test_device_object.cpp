@@ -9,7 +9,6 @@
 #include "SimulatedComputer.h"
 
 #include <cmath>
-#include <functional>
 
 namespace {
 
@@ -96,11 +95,10 @@ TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareReportsNothing)
         {"averaged", plain("A").channelVolumes(outputs, {0.2F, 0.6F}), "A", 0.4},
         {"one channel", plain("B").channelVolumes(outputs, {0.2F, NAN}), "B", 0.2},
     };
-    for (const auto& row : rows) {
-        SimulatedDeviceBuilder builder = row.builder;
-        const auto one = deviceFor(builder.uid(row.uid));
-        EXPECT_EQ(one->nameWithSource(), row.nameWithSource);
-        EXPECT_NEAR(one->volume(), row.volume, 1e-6) << row.uid;
+    for (auto [uid, builder, nameWithSource, volume] : rows) {
+        const auto one = deviceFor(builder.uid(uid));
+        EXPECT_EQ(one->nameWithSource(), nameWithSource);
+        EXPECT_NEAR(one->volume(), volume, 1e-6) << uid;
     }
 }
 
@@ -109,11 +107,7 @@ TEST_F(DXRDeviceTest, listsFiniteRatesAndTheUsualOnesOfARange)
     const auto with = [](std::initializer_list<double> rates) {
         return aDevice().outputs(2).sampleRate(32000).sampleRates(rates);
     };
-    const struct {
-        const char* why;
-        SimulatedDeviceBuilder builder;
-        std::vector<double> rates;
-    } rows[] = {
+    const std::tuple<const char*, SimulatedDeviceBuilder, std::vector<double>> rows[] = {
         {"wide", with({}).sampleRateRange(8000, 192000), {44100, 48000, 88200, 96000}},
         {"narrow", with({}).sampleRateRange(32000, 48000), {44100, 48000}},
         {"mixed", with({96000, 11025, 48000}).sampleRateRange(48000, 50000), {11025, 48000, 96000}},
@@ -122,10 +116,8 @@ TEST_F(DXRDeviceTest, listsFiniteRatesAndTheUsualOnesOfARange)
         {"one that is not finite", with({INFINITY, 48000}), {48000}},
         {"none that is finite, nor the current one", with({INFINITY}).sampleRate(NAN), {44100}},
     };
-    for (const auto& row : rows) {
-        SimulatedDeviceBuilder builder = row.builder;
-        EXPECT_EQ(deviceFor(builder.uid(row.why))->availableSampleRates(), row.rates) << row.why;
-    }
+    for (auto [why, builder, rates] : rows)
+        EXPECT_EQ(deviceFor(builder.uid(why))->availableSampleRates(), rates) << why;
 }
 
 TEST_F(DXRDeviceTest, writesSupportedValues)
@@ -351,10 +343,9 @@ TEST(DXRDeviceArchive, isReadAsFarAsItIsValid)
         {"ref", {"{\"uid\":\"x\"}", "x", 3}},
         {"c", {0, -1, "2", 4294967295U, nullptr, 0.5}},
     };
-    for (const auto& [key, values] : refused) {
+    for (const auto& [key, values] : refused)
         for (const CXPlist& value : values)
             EXPECT_EQ(with(key, value), nullptr) << key << " " << value.dump();
-    }
     EXPECT_EQ(DXRDeviceControl::initWithArchive(CXPlist::array()), nullptr);
 
     const CXPlist asRead = with("v", 1.0)->archive();
@@ -366,10 +357,9 @@ TEST(DXRDeviceArchive, isReadAsFarAsItIsValid)
         {"n", {7}},
         {"ar", {{44100, "1"}, {44100, -1}, {NAN, 44100}}},
     };
-    for (const auto& [key, values] : ignored) {
+    for (const auto& [key, values] : ignored)
         for (const CXPlist& value : values)
             EXPECT_EQ(with(key, value)->archive(), asRead) << key << value.dump();
-    }
     const CXPlist read{{"sc", {2, 1}}, {"ar", {44100, 8000.5}}, {"r", 96000}, {"v", 0}, {"hm", true}};
     for (const auto& [key, value] : read.items())
         EXPECT_EQ(with(key.c_str(), value)->archive()[key], value);

@@ -11,9 +11,7 @@
 
 namespace {
 
-using dxr::DefaultsChanges;
-using dxr::DefaultsSnapshot;
-using dxr::DefaultsSuite;
+using dxr::DefaultsChanges, dxr::DefaultsSnapshot, dxr::DefaultsSuite;
 
 const std::string unitAtPort1 = R"({"gid":"m:","i":false,"t":"usb ","uid":"m:1"})";
 const std::string unitAtPort2 = R"({"gid":"m:","i":false,"t":"usb ","uid":"m:2"})";

@@ -1,5 +1,6 @@
 #include "CXValue.h"
 #include "DXRDeviceReference.h"
+#include "HALReads.h"
 #include "JRCoreGenericUID.h"
 #include "USBRegistry.h"
 #include "simulated.h"
@@ -8,10 +9,7 @@
 
 namespace {
 
-using dxr::USBAudioEngine;
-using dxr::USBDevice;
-using dxr::USBRegistry;
-using dxr::USBRegistryContents;
+using dxr::USBAudioEngine, dxr::USBDevice, dxr::USBRegistry, dxr::USBRegistryContents;
 
 constexpr uint32_t usb = kAudioDeviceTransportTypeUSB;
 constexpr uint32_t displayPort = kAudioDeviceTransportTypeDisplayPort;
@@ -135,8 +133,7 @@ TEST(GenericUID, blanksThePartsThatDependOnThePlace)
 
 TEST(DeviceReference, describesAPresentDevice)
 {
-    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
-    HALSetHardwareDriver(hal);
+    const auto hal = installed(SimulatedHardware::init(SimulatedClock::Stepped));
     const Bus bus(std::vector<USBDevice>{{0x03140000}});
     SimulatedDeviceBuilder box = aDevice().uid("unit:03140000").transport(usb).name("Interface \xFF");
     const AudioObjectID unit =

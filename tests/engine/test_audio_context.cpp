@@ -6,12 +6,11 @@
 #include "DrivenHardware.h"
 #include "Eventually.h"
 #include "Gate.h"
+#include "HALReads.h"
 #include "HostClock.h"
 #include "RunnerIO.h"
 
 #include <gtest/gtest.h>
-
-#include <thread>
 
 namespace {
 
@@ -21,12 +20,8 @@ constexpr uint32_t frames = 64;
 
 DrivenHardware& backend()
 {
-    static const CXRef<DrivenHardware> driven = [] {
-        CXRef<DrivenHardware> made = DrivenHardware::init();
-        HALSetHardwareDriver(made);
-        return made;
-    }();
-    return *driven;
+    static const auto only = installed(DrivenHardware::init());
+    return *only;
 }
 
 /// One cycle with two channels in each direction.
@@ -125,18 +120,16 @@ TEST_F(DXRAudioContextTest, skipsCyclesThatSayNothing)
 TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
 {
     runner->start();
-    const struct {
-        double sampleTime, rate;
-        uint32_t calls;
-    } cycles[] = {
+    const std::tuple<double, double, uint32_t> cycles[] = {
+        // sample time, rate, calls
         {1000, 48000, 1}, {1064, 24000, 2}, // no look at the rate while time goes on
         {500, 0, 2},      {500, 1e-3, 2},   // unreadable, and too low to be a rate
         {500, 24000, 4},  {564, 24000, 6},  // at half the rate the nodes run twice as often
     };
-    for (const auto& cycle : cycles) {
-        backend().sampleRate = cycle.rate;
-        Cycle(cycle.sampleTime).run();
-        EXPECT_EQ(calls, cycle.calls) << cycle.sampleTime << " at " << cycle.rate;
+    for (const auto& [sampleTime, rate, callsAfter] : cycles) {
+        backend().sampleRate = rate;
+        Cycle(sampleTime).run();
+        EXPECT_EQ(calls, callsAfter) << sampleTime << " at " << rate;
     }
 }
 
@@ -194,10 +187,9 @@ TEST_F(DXRAudioContextTest, callsAWaitingCycleAwayWhenItStops)
         io.queue->dispatchSync([&] {
             const auto context = DXRAudioContext::initWithIO(io, nullptr, nodes, {nodes[0][0]}, {"duplex"});
             ASSERT_TRUE(context->start());
-            std::thread cycle([callback = backend().callback] { Cycle(64).run(callback); });
+            const std::jthread cycle([callback = backend().callback] { Cycle(64).run(callback); });
             std::this_thread::sleep_for(100ms); // until the cycle waits for the queue
             context->stop();
-            cycle.join();
         });
     }));
     settle();

@@ -1,9 +1,6 @@
 #include "DXRCycleTrace.h"
 #include "EngineComputer.h"
 
-#include <functional>
-#include <thread>
-
 namespace {
 
 using Event = DXRCycleRecord::Event;
@@ -20,23 +17,18 @@ TEST(DXRCycleTrace, handsRecordsOverInOrderAndCountsWhatFindsNoRoom)
     EXPECT_EQ(trace->read(batch), 64U);
     std::atomic<bool> isWritten{false};
     std::jthread writer([&] {
-        for (uint64_t i = 0; i < total; ++i) {
-            DXRCycleRecord record;
-            record.sampleTime = i;
-            record.endTicks = ~i;
-            trace->write(record);
-        }
+        for (uint64_t i = 0; i < total; ++i)
+            trace->write({.sampleTime = i, .endTicks = ~i});
         isWritten = true;
     });
     batch.resize(17);
     uint64_t wrong = 0, read = 0;
     for (bool isOver = false; !isOver;) {
         isOver = isWritten; // records written before this are read below
-        while (const size_t count = trace->read(batch)) {
+        while (const size_t count = trace->read(batch))
             for (const DXRCycleRecord& each : std::span(batch).first(count))
                 wrong +=
                     each.sampleTime != read++ + each.droppedRecords - 6 || each.endTicks != ~each.sampleTime;
-        }
     }
     EXPECT_EQ(wrong, 0U);
     EXPECT_EQ(read + trace->droppedRecords() - 6, total);

@@ -21,10 +21,8 @@ std::vector<uint32_t> upTo(uint32_t count)
 // The optimised copies must match the plain rule, for all layouts and for lengths around the unrolled loops.
 TEST(FrameCopy, movesChannelsAsTheRuleSays)
 {
-    const struct {
-        const char* what;
-        std::vector<uint32_t> streams, map;
-    } rows[] = {
+    const std::tuple<const char*, std::vector<uint32_t>, std::vector<uint32_t>> rows[] = {
+        // what, streams, map
         {"whole stream", {2}, {1, 2}},
         {"wide stream", {32}, upTo(15)},
         {"swapped", {2}, {2, 1}},
@@ -65,12 +63,11 @@ TEST(FrameCopy, movesChannelsAsTheRuleSays)
     };
     for (const InstructionSet& set : availableInstructionSets()) {
         useInstructionSet(set);
-        for (const auto& row : rows) {
+        for (const auto& [what, streams, map] : rows)
             for (const uint32_t frameCount : {1U, 7U, 8U, 67U}) {
-                SCOPED_TRACE(std::string(set.name) + ", " + row.what + ", " + std::to_string(frameCount));
-                check(row.streams, row.map, frameCount);
+                SCOPED_TRACE(std::string(set.name) + ", " + what + ", " + std::to_string(frameCount));
+                check(streams, map, frameCount);
             }
-        }
     }
 }
 

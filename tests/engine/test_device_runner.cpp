@@ -2,18 +2,12 @@
 #include "ReasonOf.h"
 #include "SerialQueue.h"
 
-#include <functional>
-
 namespace {
 
 using namespace std::chrono_literals;
 
 class DXRDeviceRunnerTest : public EngineComputer {
 protected:
-    static SimulatedDeviceBuilder headset()
-    {
-        return aDevice().uid("headset").name("Headset").inputs(1).outputs(2);
-    }
     CXRef<DXRDevice> mic() { return device("headset", input); }
     CXRef<DXRDevice> phones() { return device("headset", output); }
 };

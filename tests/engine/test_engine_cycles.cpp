@@ -27,14 +27,6 @@ protected:
             std::ranges::copy(buffer, given.samples());
         }));
     }
-    SimulatedSink keep(uint32_t channel = 0)
-    {
-        return
-            [this, channel](uint64_t, uint32_t frameCount, uint32_t channels, double, const float* samples) {
-                for (uint32_t frame = 0; samples && channel < channels && frame < frameCount; ++frame)
-                    played.push_back(samples[size_t{frame} * channels + channel]);
-            };
-    }
     /// The number of consecutive frames at the end of what was played.
     size_t exactFrames() const
     {
@@ -81,7 +73,7 @@ TEST_F(EngineCyclesTest, carriesEveryFrameExactlyAtEqualAndUnequalFrameCounts)
         nextTime = 0;
         SimulatedDeviceBuilder both = aDevice().uid("loop").inputs(row.channels).outputs(row.channels);
         both.bufferFrameSize(row.deviceFrames).bufferFrameSizeRange(row.deviceFrames, row.deviceFrames);
-        plug(both.hears(simulatedRamp()).playsInto(keep()));
+        plug(both.hears(simulatedRamp()).playsInto(sinkTo(played)));
         runner->setFrameCount(row.runnerFrames);
         loop("loop", "loop", {row.channels, 1});
         runner->start();
@@ -135,7 +127,7 @@ TEST_F(EngineCyclesTest, followsARateThatAnotherProgramChanges)
 // A cycle sees the change first, because the thread that would announce it is blocked.
 TEST_F(EngineCyclesTest, playsOnNewChannelsBeforeTheyAreAnnounced)
 {
-    plug(aDevice().uid("grows").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(keep(3)));
+    plug(aDevice().uid("grows").inputs(2).outputs(2).hears(simulatedRamp()).playsInto(sinkTo(played, 3)));
     loop("grows", "grows", {3, 4});
     runner->start();
     std::promise<void> held, release;
@@ -162,7 +154,7 @@ TEST_F(EngineCyclesTest, runsTwoDevicesAsOneOfWhichTheFirstGivesTheClock)
 {
     const auto in = aDevice().uid("in").inputs(2).outputs(2).hears(simulatedRamp()).clockDomain(1);
     plug(in);
-    plug(aDevice().uid("out").outputs(2).outputs(4).playsInto(keep(5)).clockDomain(1));
+    plug(aDevice().uid("out").outputs(2).outputs(4).playsInto(sinkTo(played, 5)).clockDomain(1));
     loop("in", "out", {6, 5});
     runner->start();
     EXPECT_EQ(runner->activeDevices().size(), 2U);
@@ -186,7 +178,7 @@ TEST_F(EngineCyclesTest, runsTwoDevicesAsOneOfWhichTheFirstGivesTheClock)
 TEST_F(EngineCyclesTest, takesAnAggregateApartAmongOtherDevices)
 {
     plug(aDevice().uid("a").inputs(2).outputs(1).clockDomain(1).hears(simulatedRamp()));
-    plug(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(1)));
+    plug(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(sinkTo(played, 1)));
     plug(aDevice().uid("c").inputs(1).clockDomain(1));
     const AudioObjectID aggregate = makeAggregate(modelOf(hal), {"a", "b"}, {{"uid", "both"}});
     settle();
@@ -266,7 +258,7 @@ TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
 TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
 {
     plug(aDevice().uid("a").outputs(2).outputs(2).clockDomain(1));
-    plug(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(keep(0)));
+    plug(aDevice().uid("b").outputs(2).clockDomain(1).playsInto(sinkTo(played)));
     plug(aDevice().uid("loop").inputs(2).clockDomain(1).hears(simulatedRamp()));
     ASSERT_TRUE(runner->addDevice(device("a", output), Channels{1, 2}, [](uint64_t, DXRBuffer& given) {
         std::fill_n(given.samples(), size_t{given.frameCount()} * 2, -1.0F);
@@ -292,7 +284,9 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
         for (uint32_t frame = 0; frame < given.frameCount(); ++frame)
             given.samples()[size_t{frame} * given.channelCount()] = static_cast<float>(next++ & 0x3FFFFF);
     };
-    const auto speaker = [&](const char* uid) { return aDevice().uid(uid).outputs(2).playsInto(keep()); };
+    const auto speaker = [&](const char* uid) {
+        return aDevice().uid(uid).outputs(2).playsInto(sinkTo(played));
+    };
     EXPECT_FALSE(runner->addDefaultDevice(direction, std::nullopt, nullptr));
     ASSERT_TRUE(runner->addDefaultDevice(direction, std::nullopt, ramp)) << "before there is any";
     EXPECT_FALSE(runner->addDefaultDevice(direction, std::nullopt, ramp));

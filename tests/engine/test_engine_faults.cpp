@@ -2,6 +2,7 @@
 
 #include "DXRDeviceManager.h"
 #include "DXRDeviceRunner.h"
+#include "Eventually.h"
 #include "HALReads.h"
 #include "MainQueue.h"
 #include "Random.h"
@@ -10,9 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <thread>
 
 namespace {
 
@@ -24,12 +22,8 @@ constexpr double rate = 48000;
 
 SimulatedHardware& backend()
 {
-    static const CXRef<SimulatedHardware> made = [] {
-        CXRef<SimulatedHardware> backend = SimulatedHardware::init(SimulatedClock::RealTime);
-        HALSetHardwareDriver(backend);
-        return backend;
-    }();
-    return *made;
+    static const auto only = installed(SimulatedHardware::init(SimulatedClock::RealTime));
+    return *only;
 }
 
 std::string uidOf(uint32_t i)
@@ -122,14 +116,12 @@ TEST(EngineStress, survivesEveryCallOnTwoRunnersWhileDevicesComeAndGo)
         });
     {
         std::vector<std::jthread> threads;
-        for (uint32_t seed = 0; seed < 6; ++seed) {
+        for (uint32_t seed = 0; seed < 6; ++seed)
             threads.emplace_back([&, seed](const std::stop_token& isOver) {
                 for (Random random(seed); !isOver.stop_requested();)
                     seed == 0 ? change(random) : seed == 1 ? startAndStop(random) : call(random);
             });
-        }
-        const char* const soak = std::getenv("DXR_SOAK_SECONDS");
-        const auto end = Clock::now() + (soak ? std::chrono::seconds(std::atoi(soak)) : 1500ms);
+        const auto end = Clock::now() + std::chrono::duration<double>(soakSecondsOr(1.5));
         while (Clock::now() < end || calls < 200 || stops < 50) {
             dxr::MainQueue::shared().drain();
             std::this_thread::sleep_for(1ms);

@@ -93,7 +93,7 @@ TEST_F(LatencyTest, isWhatARampMeasuresAndSoAreTheTimesOfBlocks)
         for (const CXRef<DXRDevice>& each : runner->devices())
             runner->removeDevice(each);
     };
-    for (const auto& [in, out, otherDomain, frames, otherFrames] : kinds) {
+    for (const auto& [in, out, otherDomain, frames, otherFrames] : kinds)
         for (const double rate : {48000.0, 44100.0}) {
             plug(duplex("one", 1, frames, rate));
             plug(duplex("other", otherDomain, otherFrames, rate));
@@ -106,14 +106,13 @@ TEST_F(LatencyTest, isWhatARampMeasuresAndSoAreTheTimesOfBlocks)
             unplug("one");
             unplug("other");
         }
-    }
 }
 
 // Stamps are off by some 50 us: in either direction, or late.
 TEST(DeviceClock, isRightForStampsThatAreEarlyOrLate)
 {
     constexpr double rate = 48000, begin = 1e12; // ns
-    for (const double partsPerMillion : {300, -300}) {
+    for (const double partsPerMillion : {300, -300})
         for (const bool isEarlyToo : {false, true}) {
             const double period = 1e9 / (rate * (1 + partsPerMillion * 1e-6));
             std::mt19937 random(1);
@@ -134,7 +133,6 @@ TEST(DeviceClock, isRightForStampsThatAreEarlyOrLate)
             EXPECT_LT(errors[errors.size() / 2], 20e3) << "the median";
             EXPECT_LT(errors.back(), 200e3);
         }
-    }
 }
 
 } // namespace

@@ -5,11 +5,7 @@
 #include "ReasonOf.h"
 #include "TestQueue.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <functional>
-#include <vector>
 
 namespace {
 
@@ -79,10 +75,10 @@ TEST(CXDispatchQueue, runsABypassBeforeWaitingClientWorkWhenBusy)
         Gate gate(*queue.ref());
         bool hasClientRun = false;
         queue->dispatchAsync([&] { hasClientRun = true; });
-        std::thread other([&] { queue->dispatchSyncBypassOnce([&] { hasOvertaken = !hasClientRun; }); });
+        const std::jthread other(
+            [&] { queue->dispatchSyncBypassOnce([&] { hasOvertaken = !hasClientRun; }); });
         sleepForMilliseconds(delay); // until the other thread has pushed
         gate.open();
-        other.join();
         queue.settle();
     }
     EXPECT_TRUE(hasOvertaken);
@@ -260,9 +256,7 @@ TEST(CXDispatchQueue, isUsableFromRealTimeThreads)
 TEST(CXDispatchQueueStress, losesNothingAndRunsOneThingAtATime)
 {
     constexpr size_t producerCount = 2;
-    const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
-    const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(seconds ? 1000 * std::atoi(seconds) : 1500);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(soakSecondsOr(1.5));
     const auto isOver = [end] { return std::chrono::steady_clock::now() >= end; };
     const TestQueue queue;
     std::atomic<uint64_t> expected{0}, waiting[producerCount] = {};

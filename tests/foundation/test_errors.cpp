@@ -5,8 +5,6 @@
 #include "DebuggerCheck.h"
 #include "ReasonOf.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
 namespace {

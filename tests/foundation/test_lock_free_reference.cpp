@@ -1,8 +1,6 @@
 #include "CXLockFreeReference.h"
 #include "ReasonOf.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
 

@@ -7,10 +7,7 @@
 #include "WaveFile.h"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
-#include <cmath>
-#include <cstdlib>
 #include <numeric>
 #include <regex>
 
@@ -40,11 +37,4 @@ inline long sumBefore(const std::string& report, const std::string& words)
 {
     const std::vector<double> numbers = numbersBefore(report, words);
     return numbers.empty() ? -1 : std::lround(std::accumulate(numbers.begin(), numbers.end(), 0.0));
-}
-
-/// Returns DXR_SOAK_SECONDS, the duration in soaks, or `otherwise` if unset.
-inline int soakSecondsOr(int otherwise)
-{
-    const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
-    return seconds ? std::atoi(seconds) : otherwise;
 }

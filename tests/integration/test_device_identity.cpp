@@ -6,8 +6,6 @@
 #include "PipeWireDriver.h"
 #include "PrivateServer.h"
 
-#include <memory>
-
 namespace {
 
 // A USB sound card without a serial number on a simulated bus, added to a server as by a session manager.

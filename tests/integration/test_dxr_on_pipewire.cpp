@@ -3,8 +3,6 @@
 #include "DrivingDevice.h"
 #include "Eventually.h"
 
-#include <csignal>
-
 namespace {
 
 TEST_F(DxrOnPipeWire, watchesOneObjectForADeviceThatComesBack)

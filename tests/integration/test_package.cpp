@@ -1,5 +1,6 @@
 // Installs the library as a user would, and builds and runs programs with only the installed files.
 
+#include "ContentOf.h"
 #include "Eventually.h"
 #include "PrivateServer.h"
 #include "TestClient.h"
@@ -9,10 +10,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <sys/wait.h>
 
 namespace {
@@ -37,11 +34,7 @@ protected:
     /// Waits until the file has this text.
     static bool waitForText(const fs::path& path, const std::string& text)
     {
-        return eventually([&] {
-            std::stringstream all;
-            all << std::ifstream(path).rdbuf();
-            return all.str().find(text) != std::string::npos;
-        });
+        return eventually([&] { return contentOf(path).find(text) != std::string::npos; });
     }
 
     PrivateServer server;

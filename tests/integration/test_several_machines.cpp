@@ -1,11 +1,9 @@
+#include "ContentOf.h"
 #include "DrivingDevice.h"
 #include "DxrOnPipeWire.h"
 #include "HALIO.h"
 #include "PipeWireDriver.h"
 
-#include <csignal>
-#include <fstream>
-#include <sstream>
 #include <sys/wait.h>
 
 namespace {
@@ -19,8 +17,6 @@ public:
         for (const pid_t process : _running)
             endPrivateProcess(process, SIGKILL);
     }
-    Machine(const Machine&) = delete;
-    Machine& operator=(const Machine&) = delete;
 
     /// Runs the document's commands for this computer whose text contains `part`, and waits until they end.
     void run(const std::string& part)
@@ -43,9 +39,7 @@ public:
 private:
     std::string _commands(const std::string& part) const
     {
-        std::stringstream document;
-        document << std::ifstream(DXR_DOCUMENT).rdbuf();
-        const std::string text = document.str(), opening = "```sh " + _name + "\n";
+        const std::string text = contentOf(DXR_DOCUMENT), opening = "```sh " + _name + "\n";
         for (size_t begin = 0; (begin = text.find(opening, begin)) != std::string::npos;) {
             begin += opening.size();
             const std::string commands = text.substr(begin, text.find("```", begin) - begin);

@@ -15,6 +15,11 @@ inline SimulatedDeviceBuilder monitor(const std::string& port)
     return made.transport(kAudioDeviceTransportTypeDisplayPort);
 }
 
+inline SimulatedDeviceBuilder headset()
+{
+    return aDevice().uid("headset").name("Headset").inputs(1).outputs(2);
+}
+
 /// A simulated computer with a device manager.
 class ManagedComputer : public SimulatedComputer {
 protected:

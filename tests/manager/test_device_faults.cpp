@@ -2,7 +2,6 @@
 #include "ManagedComputer.h"
 
 #include <algorithm>
-#include <thread>
 
 namespace {
 

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <future>
-#include <thread>
 
 namespace {
 
@@ -21,11 +20,6 @@ protected:
         return manager.deviceFromArchive({bytes.begin(), bytes.end()});
     }
 };
-
-SimulatedDeviceBuilder headset()
-{
-    return aDevice().uid("headset").name("Headset").inputs(1).outputs(2);
-}
 
 SimulatedDeviceBuilder hiddenDevice(const std::string& uid)
 {

@@ -74,8 +74,8 @@ TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
     for (int round = 0; round < rounds; ++round) {
         CXRef<Counted> object = Counted::init(ended);
         std::atomic<int> ready{0};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 3; ++t) {
+        std::vector<std::jthread> threads; // joined at the end of the round
+        for (int t = 0; t < 3; ++t)
             threads.emplace_back([&ready, t, mine = object]() mutable {
                 for (++ready; ready < 3;)
                     std::this_thread::yield();
@@ -83,14 +83,10 @@ TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
                 for (int i = 0; i < 20; ++i)
                     const CXRef<Counted> copy = mine;
                 mine = nullptr;
-                if (const CXRef<Counted> again = weak.lock()) {
-                    EXPECT_FALSE(again->description().empty());
-                }
+                const CXRef<Counted> again = weak.lock();
+                EXPECT_TRUE(!again || !again->description().empty());
             });
-        }
         object = nullptr;
-        for (std::thread& thread : threads)
-            thread.join();
     }
     EXPECT_EQ(ended, rounds);
 }

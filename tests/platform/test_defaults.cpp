@@ -1,27 +1,20 @@
 #include "CapturedLog.h"
+#include "ContentOf.h"
 #include "DefaultsSuite.h"
 #include "Eventually.h"
 #include "InChild.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
 namespace fs = std::filesystem;
-using dxr::DefaultsChanges;
-using dxr::DefaultsSnapshot;
-using dxr::DefaultsSuite;
+using dxr::DefaultsChanges, dxr::DefaultsSnapshot, dxr::DefaultsSuite;
 
 const std::string suiteName = "com.example.a%20#?suite";
 
@@ -45,12 +38,6 @@ std::string contents()
     return text;
 }
 
-std::string textOf(const fs::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 /// A database connection of another program.
 class Connection {
 public:
@@ -68,6 +55,7 @@ private:
     sqlite3* _connection = nullptr;
 };
 
+/// A process keeps the first suite it opens, so each case runs in a separate process.
 class Defaults : public testing::Test {
 protected:
     Defaults() { startAnew(); }
@@ -87,13 +75,6 @@ protected:
     const fs::path folder = home / "dxr";
     const fs::path file = folder / (suiteName + ".db");
 };
-
-/// A process keeps the first suite it opens, so each case runs in a separate process.
-void inChild(const std::function<void()>& body)
-{
-    const bool hasPassed = runInChild(body);
-    EXPECT_TRUE(hasPassed);
-}
 
 /// Simulates a full disk, or room on it again.
 void limitFileSize(rlim_t bytes)
@@ -193,7 +174,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
             EXPECT_EQ(log.lines().size(), 1U);
             EXPECT_NE(log.lines()[0].find(row.complaint), std::string::npos) << log.lines()[0];
         });
-        EXPECT_TRUE(!fs::exists(home / "victim") || textOf(home / "victim") == "precious\n");
+        EXPECT_TRUE(!fs::exists(home / "victim") || contentOf(home / "victim") == "precious\n");
         for (const char* untouched : {"foreign", "elsewhere"})
             EXPECT_TRUE(!fs::exists(home / untouched) || fs::is_empty(home / untouched));
         EXPECT_FALSE(fs::exists(home / "nobody")) << "no home is made";
@@ -232,13 +213,14 @@ TEST_F(Defaults, setDamagedFilesAside)
 {
     const auto isSetAside = [this](const std::string& bytes) {
         for (const auto& each : fs::directory_iterator(folder))
-            if (each.path().string().starts_with(file.string() + ".damaged-") && textOf(each.path()) == bytes)
+            if (each.path().string().starts_with(file.string() + ".damaged-") &&
+                contentOf(each.path()) == bytes)
                 return true;
         return false;
     };
     keepSomething();
     Connection{file}("PRAGMA wal_checkpoint(TRUNCATE)");
-    const std::string good = textOf(file);
+    const std::string good = contentOf(file);
     const std::string garbage(5000, 'g');
     const std::pair<const char*, std::string> rows[] = {
         {"no database at all", garbage},

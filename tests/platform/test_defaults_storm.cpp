@@ -17,9 +17,7 @@
 
 namespace {
 
-using dxr::DefaultsChanges;
-using dxr::DefaultsSnapshot;
-using dxr::DefaultsSuite;
+using dxr::DefaultsChanges, dxr::DefaultsSnapshot, dxr::DefaultsSuite;
 
 constexpr uint32_t writerCount = 8;
 
@@ -83,8 +81,7 @@ TEST(DefaultsStorm, losesNoStoredEditAndAgreesInTheEnd)
     };
     for (uint32_t writer = 0; writer < writerCount; ++writer)
         start(writer);
-    const char* const seconds = std::getenv("DXR_SOAK_SECONDS");
-    for (int kills = 20 * (seconds ? std::atoi(seconds) : 3); kills > 0; --kills) {
+    for (int kills = 20 * soakSecondsOr(3); kills > 0; --kills) {
         sleepForMilliseconds(50);
         const uint32_t victim = random.below(writerCount);
         kill(writers[victim], SIGKILL);

@@ -84,15 +84,13 @@ TEST(PortSet, sleepsUntilItsDeadlineASignalOrAMessage)
     EXPECT_EQ(set->waitForEvent(deadline), Timeout);
     EXPECT_GE(HostClock::nowTicks(), deadline);
     for (int round = 0; round < 2000; ++round) {
-        std::thread sender([&] { round % 2 == 0 ? (void)set->signal() : (void)send(*port, "x"); });
+        const std::jthread sender([&] { round % 2 == 0 ? (void)set->signal() : (void)send(*port, "x"); });
         EXPECT_EQ(set->waitForEvent(), round % 2 == 0 ? Signal : Message);
         EXPECT_EQ(set->takeMessage().has_value(), round % 2 != 0);
-        sender.join();
     }
     EXPECT_EQ(send(*port, "does not end it"), Sent);
-    std::thread sender([&] { set->signal(); });
+    const std::jthread sender([&] { set->signal(); });
     set->waitForSignal();
-    sender.join();
     EXPECT_TRUE(set->takeMessage());
 }
 

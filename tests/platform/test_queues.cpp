@@ -55,16 +55,15 @@ TEST(SerialQueue, destroysWorkBeforeOtherWorkRuns)
 {
     const CXRef<SerialQueue> queue = SerialQueue::initWithLabel("last");
     std::atomic<bool> isDestroyed{false};
-    std::thread other;
+    std::jthread other;
     std::shared_ptr<void> last(nullptr, [&](void*) {
-        other = std::thread([&] { queue->sync([&] { EXPECT_TRUE(isDestroyed); }); });
+        other = std::jthread([&] { queue->sync([&] { EXPECT_TRUE(isDestroyed); }); });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         isDestroyed = true;
     });
     queue->async([held = std::move(last)] {});
     while (!isDestroyed)
         std::this_thread::yield();
-    other.join();
 }
 
 TEST(MainQueue, showsWaitingWorkAndBelongsToTheThreadThatServesIt)

@@ -3,14 +3,10 @@
 #include "PrivateBus.h"
 #include "Privileges.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <sched.h>
-#include <sys/resource.h>
 #include <systemd/sd-bus.h>
 #include <thread>
-#include <unistd.h>
 
 // Each test drops its process's privileges or changes its limits; CTest runs each in a separate process.
 namespace dxr {
@@ -37,8 +33,6 @@ public:
         _thread = {}; // ends it
         sd_bus_flush_close_unref(_bus);
     }
-    FakeRealtimeKit(const FakeRealtimeKit&) = delete;
-    FakeRealtimeKit& operator=(const FakeRealtimeKit&) = delete;
 
     std::atomic<bool> grants{false};
     std::atomic<uint64_t> grantedThread{0};   ///< of the last call

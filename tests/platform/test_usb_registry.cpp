@@ -5,10 +5,7 @@
 
 namespace {
 
-using dxr::USBAudioEngine;
-using dxr::usbLocationID;
-using dxr::USBRegistry;
-using dxr::USBRegistryContents;
+using dxr::USBAudioEngine, dxr::usbLocationID, dxr::USBRegistry, dxr::USBRegistryContents;
 
 TEST(USBLocationID, isTheBusAndADigitForEachPort)
 {

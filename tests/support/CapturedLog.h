@@ -19,7 +19,6 @@ public:
     }
     ~CapturedLog() { dxr::LogSink::setWriter(nullptr); }
     CapturedLog(const CapturedLog&) = delete;
-    CapturedLog& operator=(const CapturedLog&) = delete;
 
     std::vector<std::string> lines() const
     {

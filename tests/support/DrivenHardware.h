@@ -68,13 +68,12 @@ private:
                 const Streams in(input), out(output);
                 if (in.channels != run->inputs || out.channels != run->outputs)
                     table->prepare(run->inputs = in.channels, run->outputs = out.channels, 8192);
-                HALCycle cycle;
-                cycle.now = *now;
-                cycle.inputTime = inputTime ? *inputTime : *now;
-                cycle.outputTime = outputTime ? *outputTime : *now;
-                cycle.input = in.blocks;
-                cycle.output = out.blocks;
-                cycle.frameCount = std::max(in.frameCount, out.frameCount);
+                const HALCycle cycle{.now = *now,
+                                     .inputTime = inputTime ? *inputTime : *now,
+                                     .outputTime = outputTime ? *outputTime : *now,
+                                     .frameCount = std::max(in.frameCount, out.frameCount),
+                                     .input = in.blocks,
+                                     .output = out.blocks};
                 table->setTiming(_hardware.sampleRate, cycle.frameCount);
                 table->runCycle(cycle);
             };

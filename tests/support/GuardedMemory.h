@@ -25,7 +25,6 @@ public:
     }
     ~GuardedMemory() { munmap(_mapping, _mappedSize); }
     GuardedMemory(const GuardedMemory&) = delete;
-    GuardedMemory& operator=(const GuardedMemory&) = delete;
 
     template <class T> std::span<T> of() const noexcept
     {
@@ -33,8 +32,7 @@ public:
     }
 
 private:
-    void* _mapping;
+    void *_mapping, *_begin;
     size_t _mappedSize;
-    void* _begin;
-    size_t _byteSize;
+    const size_t _byteSize;
 };

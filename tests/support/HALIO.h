@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <mutex>
 
 // Functions and classes that run devices in tests and record their notifications.
@@ -42,23 +41,27 @@ struct ModelReads {
     CXRef<HALModel> hal;
 };
 
-/// Returns the number of channels of all streams in one direction.
-inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
-{
-    const auto bytes = readList<std::byte>(hal, device, at(kAudioDevicePropertyStreamConfiguration, scope));
-    uint32_t channels = 0;
-    for (size_t offset = offsetof(AudioBufferList, buffers); offset + sizeof(AudioBuffer) <= bytes.size();
-         offset += sizeof(AudioBuffer)) {
-        AudioBuffer buffer{};
-        std::memcpy(&buffer, bytes.data() + offset, sizeof buffer);
-        channels += buffer.numberChannels;
-    }
-    return channels;
-}
+/// A model over simulated hardware on the stepped clock.
+class SimulatedModel : public testing::Test {
+protected:
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
+};
 
 inline const AudioBuffer& bufferOf(const AudioBufferList* list, uint32_t stream)
 {
     return *(&list->buffers[0] + stream); // by pointer: the array is declared with one element
+}
+
+/// Returns the number of channels of all streams in one direction.
+inline uint32_t channelsOf(HALModel& hal, AudioObjectID device, uint32_t scope)
+{
+    const auto bytes = readList<std::byte>(hal, device, at(kAudioDevicePropertyStreamConfiguration, scope));
+    const auto* const list = reinterpret_cast<const AudioBufferList*>(bytes.data());
+    uint32_t channels = 0;
+    for (uint32_t stream = 0; !bytes.empty() && stream < list->numberBuffers; ++stream)
+        channels += bufferOf(list, stream).numberChannels;
+    return channels;
 }
 
 /// One call of an IO callback.
@@ -127,21 +130,23 @@ inline AudioDeviceIOBlock witnessing(CycleWitness& witness)
     return eachCycle([&witness](const IOCycle& cycle) { witness.see(cycle); });
 }
 
-/// Creates and starts an IO callback; the destructor destroys it.
+inline const AudioDeviceIOBlock idle = [](auto...) {};
+
+/// Creates an IO callback, and expects this result of its start; nullopt: any. The destructor destroys it.
 class RunningProc {
 public:
-    RunningProc(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block)
+    RunningProc(HALModel& hal, AudioObjectID device, const AudioDeviceIOBlock& block,
+                std::optional<HALStatus> started = kAudioHardwareNoError)
         : _hal(hal), _device(device)
     {
         EXPECT_EQ(_hal.createIOProc(device, block, id), kAudioHardwareNoError);
-        status = _hal.start(device, id);
+        const HALStatus status = _hal.start(device, id);
+        EXPECT_EQ(status, started.value_or(status));
     }
     ~RunningProc() { _hal.destroyIOProc(_device, id); }
     RunningProc(const RunningProc&) = delete;
-    RunningProc& operator=(const RunningProc&) = delete;
 
     AudioDeviceIOProcID id = nullptr;
-    HALStatus status = kAudioHardwareNoError; ///< result of start()
 
 private:
     HALModel& _hal;
@@ -218,7 +223,6 @@ inline AudioObjectID makeAggregate(HALModel& hal, const std::vector<std::string>
 /// Reads and sets properties of every device, and starts and stops it, until `isDone`.
 inline void useDevices(HALModel& hal, const std::function<bool()>& isDone)
 {
-    const AudioDeviceIOBlock idle = [](auto...) {};
     for (uint32_t muted = 0; !isDone(); muted ^= 1U)
         for (const AudioObjectID device : readDevices(hal)) {
             readText(hal, device, at(kAudioObjectPropertyName));

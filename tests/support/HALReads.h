@@ -8,7 +8,25 @@
 #include <string>
 #include <vector>
 
-// Reads and writes of properties in tests. A read that the HAL fails returns nullopt or an empty list.
+// Reads and writes of properties in tests, and simulated hardware. A read that the HAL fails returns nullopt
+// or an empty list.
+
+/// Makes this the process's hardware, and returns it.
+template <class Hardware> CXRef<Hardware> installed(CXRef<Hardware> hardware)
+{
+    HALSetHardwareDriver(hardware);
+    return hardware;
+}
+
+/// Returns a sink that appends the samples of one channel.
+inline SimulatedSink sinkTo(std::vector<float>& played, uint32_t channel = 0)
+{
+    return [&played, channel](uint64_t, uint32_t frames, uint32_t channels, double, const float* samples) {
+        const CXRealtimeExemption exemption("the test keeps what was played");
+        for (uint32_t frame = 0; samples && channel < channels && frame < frames; ++frame)
+            played.push_back(samples[size_t{frame} * channels + channel]);
+    };
+}
 
 /// Returns the process's model, which must be the one that uses this hardware.
 inline HALModel& modelOf(SimulatedHardware& /*hardware*/)

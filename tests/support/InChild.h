@@ -7,9 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// Runs `body` in a forked process, for code that runs once per process. Returns true if the child exited
+/// Runs `body` in a forked process, for code that runs once per process, and expects that the child exits
 /// normally without a failed expectation. The caller must have no other threads: a fork does not copy them.
-[[nodiscard]] inline bool runInChild(const std::function<void()>& body)
+inline void inChild(const std::function<void()>& body)
 {
     std::fflush(nullptr);
     const pid_t child = fork();
@@ -20,5 +20,5 @@
     }
     int status = 0;
     waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS);
 }

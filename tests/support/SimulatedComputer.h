@@ -9,8 +9,7 @@
 /// The process's only simulated computer. Each test starts and ends with no devices and no injected faults.
 class SimulatedComputer : public testing::Test {
 protected:
-    static constexpr bool input = true;
-    static constexpr bool output = false;
+    static constexpr bool input = true, output = false;
 
     ~SimulatedComputer() override
     {
@@ -33,11 +32,7 @@ protected:
 private:
     static SimulatedHardware& _hardware()
     {
-        static const CXRef<SimulatedHardware> backend = [] {
-            CXRef<SimulatedHardware> made = SimulatedHardware::init(SimulatedClock::Stepped);
-            HALSetHardwareDriver(made);
-            return made;
-        }();
-        return *backend;
+        static const auto only = installed(SimulatedHardware::init(SimulatedClock::Stepped));
+        return *only;
     }
 };

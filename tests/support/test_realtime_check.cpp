@@ -22,10 +22,7 @@ TEST(RealtimeCheckDeathTest, endsTheProcessAtCallsThatMayWait)
     std::condition_variable changed;
     uint32_t word = 0;
     auto* const spare = new int;
-    struct {
-        const char* function;
-        std::function<void()> body;
-    } const rows[] = {
+    const std::pair<const char*, std::function<void()>> rows[] = {
         {"malloc", [] { *static_cast<volatile char*>(operator new(8)) = 1; }},
         {"free", [spare] { operator delete(spare); }},
         {"pthread_mutex_lock", [&] { other.lock(); }},
@@ -34,13 +31,13 @@ TEST(RealtimeCheckDeathTest, endsTheProcessAtCallsThatMayWait)
         {"nanosleep", [] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }},
         {"write", [] { [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, "", 0); }},
     };
-    for (const auto& row : rows) {
-        const auto underCheck = [&] {
+    for (const auto& [function, body] : rows) {
+        const auto underCheck = [&body = body] {
             const CXRealtimeScope realtime;
-            row.body();
+            body();
         };
         EXPECT_EXIT(underCheck(), testing::KilledBySignal(SIGABRT),
-                    std::string("not for real-time work: ") + row.function + ".*\n(.*\n)*.*test_support");
+                    std::string("not for real-time work: ") + function + ".*\n(.*\n)*.*test_support");
     }
     delete spare;
 }

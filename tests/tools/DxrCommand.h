@@ -1,24 +1,16 @@
 #pragma once
 
+#include "ContentOf.h"
 #include "ToolProcess.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <sys/wait.h>
 
 using nlohmann::json;
-
-inline std::string contentOf(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 inline constexpr const char* controls = "\x1B\x07\x08\x7F\r\t"; ///< what a name must not send to a terminal
 

@@ -1,6 +1,5 @@
 #include "DxrCommand.h"
 
-#include <csignal>
 #include <map>
 #include <regex>
 

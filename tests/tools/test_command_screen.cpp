@@ -1,6 +1,5 @@
 #include "DxrCommand.h"
 
-#include <csignal>
 #include <cstdio>
 #include <sys/ioctl.h>
 #include <termios.h>

@@ -6,7 +6,6 @@
 #include "WaveFile.h"
 
 #include <cmath>
-#include <csignal>
 #include <numbers>
 #include <unistd.h>
 

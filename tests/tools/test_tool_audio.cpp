@@ -9,9 +9,7 @@
 #include <dxr/DXRDeviceManager.h>
 
 #include <algorithm>
-#include <cmath>
 #include <filesystem>
-#include <thread>
 #include <unistd.h>
 
 using enum HALDirection;
@@ -40,16 +38,9 @@ protected:
         settle();
         return DeviceSelection::find(text, direction);
     }
-    /// A device that records its first output channel in `into`, without silence.
     static SimulatedDeviceBuilder player(const std::string& uid, std::vector<float>& into)
     {
-        return aDevice().uid(uid).outputs(2).clockDomain(1).playsInto(SimulatedSink(
-            [&into](uint64_t, uint32_t frames, uint32_t channels, double, const float* samples) {
-                const CXRealtimeExemption exemption("the test keeps what was played");
-                for (uint32_t frame = 0; samples && frame < frames; ++frame)
-                    if (samples[frame * channels] != 0.0F)
-                        into.push_back(samples[frame * channels]);
-            }));
+        return aDevice().uid(uid).outputs(2).clockDomain(1).playsInto(sinkTo(into));
     }
     /// A device whose channels have the same ramp, 0.25 apart.
     static SimulatedDeviceBuilder ramps(const std::string& uid, uint32_t channelCount)
@@ -77,10 +68,12 @@ protected:
             hal.advance(static_cast<uint64_t>(std::min(ticks, second / 10)));
             session.poll();
         }
+        for (std::vector<float>* each : {&played, &alsoPlayed})
+            std::erase(*each, 0.0F);
     }
 
     Interrupts interrupts;
-    std::vector<float> played, alsoPlayed;
+    std::vector<float> played, alsoPlayed; // without silence
     const std::string path = "/tmp/dxr-files-" + std::to_string(getpid()) + ".wav";
 };
 
@@ -112,21 +105,17 @@ TEST_F(ToolAudio, knowsChannelsFromNamesWithColons)
     hal.plug(aDevice().uid("in2").name("usb:1,2").inputs(4));
     hal.plug(aDevice().uid("out").name("usb").inputs(4));
     settle();
-    struct {
-        std::string text;
-        std::string uid;
-        std::vector<uint32_t> channels;
-    } const rows[] = {
+    const std::tuple<const char*, const char*, std::vector<uint32_t>> rows[] = {
         {"Desk:2-4,1", "in", {2, 3, 4, 1}},
         {"usb:1,2", "in2", {1, 2, 3, 4}}, // complete names take precedence
         {"usb:1,2:1,2", "in2", {1, 2}},
         {R"({"uid":"in"}:3)", "in", {3}},
         {R"({"uid":"in"})", "in", {1, 2, 3, 4}},
     };
-    for (const auto& row : rows) {
-        const DeviceSelection found = DeviceSelection::find(row.text, Input);
-        EXPECT_EQ(found.report.uid, row.uid) << row.text;
-        EXPECT_EQ(found.channels, row.channels) << row.text;
+    for (const auto& [text, uid, channels] : rows) {
+        const DeviceSelection found = DeviceSelection::find(text, Input);
+        EXPECT_EQ(found.report.uid, uid) << text;
+        EXPECT_EQ(found.channels, channels) << text;
     }
     for (const char* text : {"Desk:5", "Desk:0", "Desk:4-3", "Desk:1,", "Desk:", "Desk:1-4294967295",
                              "Desk:99999999999", ":3", "nobody:1"})
@@ -229,7 +218,7 @@ TEST(FrameRing, handsEveryFrameOverInOrderBetweenTwoThreads)
 {
     constexpr uint64_t total = 300'000;
     FrameRing ring(1, 61);
-    std::thread writer([&ring] {
+    const std::jthread writer([&ring] {
         for (uint64_t written = 0; written < total;) {
             const uint64_t count = std::min({ring.writableFrames(), total - written, written % 29 + 1});
             for (uint64_t i = 0; i < count; ++i)
@@ -250,7 +239,6 @@ TEST(FrameRing, handsEveryFrameOverInOrderBetweenTwoThreads)
         if (count == 0)
             std::this_thread::yield();
     }
-    writer.join();
     EXPECT_EQ(wrong, 0U);
 }
 

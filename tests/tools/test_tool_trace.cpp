@@ -19,13 +19,11 @@ constexpr uint64_t begin = 1'000'000'000, cycleTicks = 10'000'000; // 480 frames
 
 DXRCycleRecord contextEvent(Event event, Context context, uint64_t ticks, uint32_t number = 1)
 {
-    DXRCycleRecord record;
-    record.event = event;
-    record.context = context;
-    record.contextNumber = number;
-    record.beginTicks = ticks;
-    record.endTicks = ticks + 1'000'000;
-    return record;
+    return {.event = event,
+            .context = context,
+            .contextNumber = number,
+            .beginTicks = ticks,
+            .endTicks = ticks + 1'000'000};
 }
 
 /// Cycle number `i` of a device, with this number of lost frames, lateness and run time.

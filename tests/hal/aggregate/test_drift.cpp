@@ -2,6 +2,7 @@
 // known exactly. A simulated day takes seconds, and all runs give the same result.
 #include "CXRealtime.h"
 #include "ClockBridge.h"
+#include "Eventually.h"
 #include "Random.h"
 
 #include <gtest/gtest.h>
@@ -10,10 +11,7 @@
 #include <array>
 #include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <numbers>
-#include <random>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -93,9 +91,7 @@ private:
     }
 
     Clock _clock;
-    double _next;
-    double _late = 0.0;
-    double _stalledUntil = 0.0;
+    double _next, _late = 0.0, _stalledUntil = 0.0;
     uint64_t _sampleTime = 0;
 };
 
@@ -179,8 +175,7 @@ Outcome simulateDrift(const Scenario& scenario)
 
 TEST(Drift, keepsTheDelayAtEveryClockRate)
 {
-    const char* const soakSeconds = std::getenv("DXR_SOAK_SECONDS"); // simulated time
-    const double seconds = soakSeconds ? std::atof(soakSeconds) : 90.0;
+    const double seconds = soakSecondsOr(90.0); // simulated time
     constexpr uint32_t frames[][2] = {{64, 64}, {256, 256}, {1024, 1024}, {64, 1024}, {1024, 256}};
     std::vector<Scenario> scenarios{
         {.writer = {.rate = 44100.0, .partsPerMillion = 80.0}, .seconds = seconds}};

@@ -2,8 +2,6 @@
 #include "AlsaDriver.h"
 #include "FakedCards.h"
 
-#include <map>
-
 namespace {
 
 class AlsaRig final : public ConformanceRig {
@@ -19,7 +17,6 @@ public:
         return uid;
     }
     void unplug(const std::string& uid) override { FakedCards::unplug(_cards.at(uid)); }
-    void letTimePass() override { sleepForMilliseconds(30); }
 
 private:
     const CXRef<HALModel> _model = HALModel::initWithDriver(AlsaDriver::init(3, "/nowhere"));

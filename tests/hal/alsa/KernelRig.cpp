@@ -2,11 +2,9 @@
 #include "AlsaDriver.h"
 #include "Conformance.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -54,7 +52,6 @@ public:
             if (card.uid == uid)
                 _unplug(card);
     }
-    void letTimePass() override { sleepForMilliseconds(30); }
     bool setsNames() const override { return false; }
     float volumeTolerance() const override { return 0.01F; }
 

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -39,9 +38,8 @@ TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
     }
     folder.write("devices/usb3/3-1.4/serial", "S\xFF.1");
     const AlsaCardInfo info{"id", "driver", "name", "long name at irq 17", ""};
-    struct {
-        const char *device, *key, *place;
-    } const rows[] = {
+    const char* const rows[][3] = {
+        // device, key, place
         {"usb3/3-1.4/3-1.4:1.0", "usb:1235:8211:S\xEF\xBF\xBD.1", "03140000"},
         {"usb3/3-2/3-2:1.0", "usb:1235:8211:03200000", "03200000"}, // no serial number: known by its place
         {"pci0000:00/0000:00:1f.3", "0000:00:1f.3", "0000:00:1f.3"},
@@ -51,13 +49,13 @@ TEST(AlsaIdentity, isTheUnitsAndNotTheNumbers)
     EXPECT_EQ(absent.place, info.longName);
     const fs::path link = folder.path / "class/sound/card0/device";
     fs::create_directories(link.parent_path());
-    for (const auto& row : rows) {
-        fs::create_directories(folder.path / "devices" / row.device);
+    for (const auto& [device, key, place] : rows) {
+        fs::create_directories(folder.path / "devices" / device);
         fs::remove(link);
-        fs::create_directory_symlink(folder.path / "devices" / row.device, link);
+        fs::create_directory_symlink(folder.path / "devices" / device, link);
         const AlsaIdentity identity = alsaIdentity(0, info, folder.path);
-        EXPECT_EQ(identity.key, row.key);
-        EXPECT_EQ(identity.place, row.place);
+        EXPECT_EQ(identity.key, key);
+        EXPECT_EQ(identity.place, place);
     }
 }
 

@@ -16,7 +16,7 @@ public:
     virtual std::string plug(const std::string& name, uint32_t inputs, uint32_t outputs) = 0;
     virtual void unplug(const std::string& uid) = 0;
     /// Lets the devices run for some cycles or milliseconds.
-    virtual void letTimePass() = 0;
+    virtual void letTimePass() { sleepForMilliseconds(30); }
 
     /// Whether devices have the names passed to plug().
     virtual bool setsNames() const { return true; }

@@ -2,8 +2,6 @@
 
 #include "SerialQueue.h"
 
-#include <thread>
-
 namespace {
 
 TEST_F(Conformance, letsAListenerReadTheNewValueCallBackInAndRemoveItself)

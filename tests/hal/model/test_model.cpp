@@ -5,17 +5,13 @@
 #include "SerialQueue.h"
 #include "simulated.h"
 
-#include <gtest/gtest.h>
-
 #include <barrier>
 #include <cstring>
 #include <future>
 #include <latch>
-#include <map>
 #include <ranges>
 #include <set>
 #include <sys/resource.h>
-#include <unistd.h>
 
 namespace {
 
@@ -68,11 +64,7 @@ std::string valueAt(HALModel& model, AudioObjectID object, const AudioObjectProp
     return CXRefCast<CXValue>(CXRef<CXObject>::adopt(pointer))->plist().dump();
 }
 
-class HALModelAnnouncements : public testing::Test {
-protected:
-    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
-    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
-};
+using HALModelAnnouncements = SimulatedModel;
 
 TEST_F(HALModelAnnouncements, everyAddressIsReadExactlyAndAnnouncedWhenItsValueChanges)
 {
@@ -95,7 +87,7 @@ TEST_F(HALModelAnnouncements, everyAddressIsReadExactlyAndAnnouncedWhenItsValueC
     std::optional<RunningProc> running;
     const std::pair<const char*, std::function<void()>> changes[] = {
         {"another shape", [&] { hal->reconfigure("device", [&](auto& each) { each = reshaped; }); }},
-        {"running", [&] { running.emplace(*model, device, [](auto...) {}); }},
+        {"running", [&] { running.emplace(*model, device, idle); }},
         {"another default", [&] { hal->setDefault(HALDirection::Output, "part"); }},
         {"a device that goes", [&] { hal->unplug("part"); }},
         {"a device that comes", [&] { hal->plug(aDevice().uid("new").inputs(2)); }},
@@ -248,7 +240,7 @@ TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
     EXPECT_EQ(deadlines.size(), 4U);
     EXPECT_EQ(deadlines.count(*deadlines.begin()), 4U);
     deadlines.clear();
-    EXPECT_EQ(RunningProc(*model, aggregate, [](auto...) {}).status, kAudioHardwareUnspecifiedError);
+    RunningProc(*model, aggregate, idle, kAudioHardwareUnspecifiedError);
     EXPECT_GE(deadlines.size(), 4U) << "each is tried";
     EXPECT_EQ(deadlines.count(*deadlines.begin()), deadlines.size());
 }
@@ -262,7 +254,7 @@ TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
         mayLeave.get_future().wait();
         return kAudioHardwareUnspecifiedError;
     };
-    const std::jthread starter([&] { const RunningProc proc(*model, aggregate, [](auto...) {}); });
+    const std::jthread starter([&] { RunningProc(*model, aggregate, idle, kAudioHardwareUnspecifiedError); });
     entered.get_future().wait();
     EXPECT_EQ(subDeviceStatus(*model, aggregate).size(), 1U);
     for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "0")})
@@ -297,7 +289,7 @@ TEST(HALFunctions, returnAnErrorWhileNoThreadCanBeCreated)
         limitThreads(limit.rlim_cur);
         EXPECT_EQ(AudioDeviceStart(device, proc), kAudioHardwareNoError);
     };
-    EXPECT_TRUE(runInChild(body));
+    inChild(body);
 }
 
 } // namespace

@@ -22,7 +22,6 @@ public:
         return name;
     }
     void unplug(const std::string& uid) override { _devices.unplug(uid); }
-    void letTimePass() override { sleepForMilliseconds(30); }
 
 private:
     PrivateServer _server;

@@ -163,7 +163,6 @@ TEST_F(PipeWireDevices, listsAndRunsWhatIsStrange)
         EXPECT_TRUE(eventually([&] { return channelsOf(*hal, device, output) == row.channels; }));
         CycleWitness witness;
         const RunningProc proc(*hal, device, eachCycle([&](const IOCycle&) { ++witness.cycles; }));
-        EXPECT_EQ(proc.status, kAudioHardwareNoError);
         EXPECT_TRUE(witness.waitForMore());
     }
     EXPECT_NE(plug({.name = std::string(60000, 'y')}), kAudioObjectUnknown);

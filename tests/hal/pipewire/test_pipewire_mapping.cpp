@@ -108,10 +108,7 @@ TEST(PipeWireNaming, distinguishesUSBDevicesWithoutASerialNumberByTheirPlace)
 
 TEST(PipeWireNaming, mapsTheTransport)
 {
-    struct {
-        PipeWireProperties node;
-        uint32_t transport;
-    } const rows[] = {
+    const std::pair<PipeWireProperties, uint32_t> rows[] = {
         {{{"device.bus", "usb"}, {"device.api", "alsa"}}, kAudioDeviceTransportTypeUSB},
         {{{"device.bus", "pci"}, {"device.api", "alsa"}}, kAudioDeviceTransportTypePCI},
         {{{"device.bus", "pci"}, {"device.profile.name", "hdmi-stereo-extra2"}},
@@ -124,8 +121,8 @@ TEST(PipeWireNaming, mapsTheTransport)
         {{{"node.virtual", "true"}}, kAudioDeviceTransportTypeVirtual},
         {{}, kAudioDeviceTransportTypeVirtual},
     };
-    for (const auto& row : rows)
-        EXPECT_EQ(pipeWireTransportType({row.node, nullptr}), row.transport) << row.node["device.bus"];
+    for (const auto& [node, transport] : rows)
+        EXPECT_EQ(pipeWireTransportType({node, nullptr}), transport) << node["device.bus"];
 }
 
 TEST(PipeWireNaming, findsTheLatencyOfANetworkNode)

@@ -25,7 +25,7 @@ public:
         if (clockUnderTest == SimulatedClock::Stepped)
             _hal->stepCycles(4);
         else
-            sleepForMilliseconds(30);
+            ConformanceRig::letTimePass();
         _hal->settle();
     }
 

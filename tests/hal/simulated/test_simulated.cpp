@@ -4,15 +4,12 @@
 
 namespace {
 
-class SimulatedHardwareIO : public testing::Test {
+class SimulatedHardwareIO : public SimulatedModel {
 protected:
     AudioObjectID defaultOf(uint32_t selector)
     {
         return readValue<AudioObjectID>(*model, kAudioObjectSystemObject, at(selector)).value_or(0xFFFFFFFF);
     }
-
-    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
-    const CXRef<HALModel> model = HALModel::initWithDriver(hal);
 };
 
 TEST_F(SimulatedHardwareIO, electsDefaultsFromWhatIsVisibleAndThere)
@@ -125,7 +122,6 @@ TEST_F(SimulatedHardwareIO, mayBeChangedAndUnpluggedWhileItRunsAlsoByItsOwnCallb
 TEST(SimulatedInRealTime, isSilentAfterAnUnplugThatMeetsAStart)
 {
     constexpr int rounds = 400;
-    const AudioDeviceIOBlock idle = [](auto...) {};
     std::array<std::atomic<bool>, rounds> isGone{};
     std::atomic<int> late{0};
     const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::RealTime);

@@ -53,11 +53,6 @@ FakedCard::FakedCard(int cardNumber, const FakedCardOptions& cardOptions)
 
 // ---- The clock
 
-double FakedCard::_framesPerNanosecond() const
-{
-    return 1e-9 * _rate * (1.0 + options.partsPerMillion * 1e-6);
-}
-
 int64_t FakedCard::timeOf(double frame) const
 {
     return _time + static_cast<int64_t>(std::ceil((frame - _frame) / _framesPerNanosecond()));

@@ -57,7 +57,7 @@ public:
     void name(unsigned control, snd_ctl_elem_id& id) const;
 
 private:
-    double _framesPerNanosecond() const;
+    double _framesPerNanosecond() const { return 1e-9 * _rate * (1.0 + options.partsPerMillion * 1e-6); }
     void _describe(snd_ctl_card_info& info) const;
     void _describe(snd_ctl_elem_info& info, const Control& control) const;
     int _transfer(snd_ctl_elem_value& value, Control& control, bool isWrite) const;

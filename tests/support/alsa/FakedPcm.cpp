@@ -77,11 +77,6 @@ void FakedPcm::setState(int state)
     showReadiness();
 }
 
-void FakedPcm::_stop(int state)
-{
-    _forLinked([state](FakedPcm& each) { each.setState(state); });
-}
-
 snd_pcm_uframes_t FakedPcm::_available() const
 {
     return _status->hw_ptr - _control->appl_ptr + (isCapture ? 0 : _buffer);

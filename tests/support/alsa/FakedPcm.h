@@ -12,7 +12,6 @@ public:
     FakedPcm(std::shared_ptr<FakedCard> card, unsigned number, bool isCapture, int descriptor);
     ~FakedPcm();
     FakedPcm(const FakedPcm&) = delete;
-    FakedPcm& operator=(const FakedPcm&) = delete;
 
     const std::shared_ptr<FakedCard> card;
     const unsigned number;
@@ -52,7 +51,10 @@ private:
     int _setParameters(snd_pcm_hw_params& parameters);
     int _prepare();
     int _start();
-    void _stop(int state);
+    void _stop(int state)
+    {
+        _forLinked([state](FakedPcm& each) { each.setState(state); });
+    }
     int _link(int descriptor);
     int _transfer(snd_xferi& transfer);
 

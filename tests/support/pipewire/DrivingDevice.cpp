@@ -1,6 +1,5 @@
 #include "DrivingDevice.h"
 
-#include <chrono>
 #include <cstdio>
 #include <pthread.h>
 #include <spa/param/audio/format-utils.h>
@@ -35,11 +34,8 @@ void DrivingDevice::_connect(const std::string& name)
     const bool isSink = _direction == Direction::Sink;
     uint8_t space[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
-    spa_audio_info_raw format{.format = SPA_AUDIO_FORMAT_F32,
-                              .flags = 0,
-                              .rate = 48000,
-                              .channels = 2,
-                              .position = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
+    spa_audio_info_raw format{
+        SPA_AUDIO_FORMAT_F32, 0, 48000, 2, {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
     const spa_pod* formats[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &format)};
     NodeProperties properties{
         {PW_KEY_MEDIA_CLASS, isSink ? "Audio/Sink" : "Audio/Source"},

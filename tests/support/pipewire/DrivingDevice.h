@@ -72,8 +72,7 @@ private:
     spa_hook _listener{};
     std::atomic<spa_io_clock*> _clock{nullptr};
     std::atomic<spa_io_position*> _position{nullptr};
-    std::atomic<bool> _streaming{false};
-    std::atomic<bool> _ended{false};
+    std::atomic<bool> _streaming{false}, _ended{false};
     std::atomic<uint32_t> _skip{0}; // cycles; taken by the driver thread before its next cycle
     // Of the clock's next cycle: one period after the last, even if that waited for nodes.
     Nanoseconds _time{};

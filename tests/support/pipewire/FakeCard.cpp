@@ -136,8 +136,7 @@ int FakeCard::_setParam(void* object, uint32_t id, uint32_t /*flags*/, const spa
     auto* self = static_cast<FakeCard*>(object);
     State& state = self->_state;
     uint32_t route = 0, device = 0;
-    const spa_pod* properties = nullptr;
-    const spa_pod* volumes = nullptr;
+    const spa_pod *properties = nullptr, *volumes = nullptr;
     if (id != SPA_PARAM_Route || !param ||
         spa_pod_parse_object(param, SPA_TYPE_OBJECT_ParamRoute, nullptr, SPA_PARAM_ROUTE_index,
                              SPA_POD_Int(&route), SPA_PARAM_ROUTE_device, SPA_POD_Int(&device),

@@ -2,7 +2,6 @@
 
 #include "Eventually.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 #include <sys/prctl.h>

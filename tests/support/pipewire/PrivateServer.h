@@ -30,7 +30,6 @@ public:
     /// Kills the server and removes its folder.
     ~PrivateServer();
     PrivateServer(const PrivateServer&) = delete;
-    PrivateServer& operator=(const PrivateServer&) = delete;
 
     /// Starts the server again, in the same folder, and waits until its socket accepts connections.
     void start();

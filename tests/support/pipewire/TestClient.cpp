@@ -64,7 +64,13 @@ pw_properties* newProperties(const NodeProperties& properties)
 TestClient::TestClient(const std::string& remote) : _remote(remote)
 {
     static const pw_registry_events registryEvents{
-        PW_VERSION_REGISTRY_EVENTS, _global,
+        PW_VERSION_REGISTRY_EVENTS,
+        [](void* data, uint32_t id, uint32_t, const char* type, uint32_t, const spa_dict* properties) {
+            Global global{type, {}};
+            for (uint32_t i = 0; properties && i < properties->n_items; ++i)
+                global.properties[properties->items[i].key] = properties->items[i].value;
+            static_cast<TestClient*>(data)->_globals[id] = std::move(global);
+        },
         [](void* data, uint32_t id) { static_cast<TestClient*>(data)->_globals.erase(id); }};
     _coreEvents.version = PW_VERSION_CORE_EVENTS;
     _coreEvents.done = [](void* data, uint32_t id, int sequence) {
@@ -99,15 +105,6 @@ TestClient::~TestClient()
     }
     pw_context_destroy(_context);
     pw_thread_loop_destroy(_loop);
-}
-
-void TestClient::_global(void* data, uint32_t id, uint32_t /*permissions*/, const char* type,
-                         uint32_t /*version*/, const spa_dict* properties)
-{
-    Global global{type, {}};
-    for (uint32_t i = 0; properties && i < properties->n_items; ++i)
-        global.properties[properties->items[i].key] = properties->items[i].value;
-    static_cast<TestClient*>(data)->_globals[id] = std::move(global);
 }
 
 void TestClient::sync()
@@ -174,11 +171,6 @@ pw_proxy* TestClient::link(uint32_t outputNode, const std::string& outputPort, u
                     {PW_KEY_LINK_INPUT_PORT, port(inputNode, inputPort)}});
 }
 
-void TestClient::destroy(pw_proxy* proxy) const
-{
-    locked([&] { pw_proxy_destroy(proxy); });
-}
-
 void TestClient::destroy(uint32_t id) const
 {
     locked([&] { pw_registry_destroy(_registry, id); });
@@ -186,18 +178,16 @@ void TestClient::destroy(uint32_t id) const
 
 void TestClient::plug(const VirtualDevice& device)
 {
-    _plugged.emplace_back(device.name, _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE,
-                                               nullDeviceProperties(device)));
+    _plugged[device.name] =
+        _create("adapter", PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, nullDeviceProperties(device));
 }
 
 void TestClient::unplug(const std::string& name)
 {
-    const auto last = std::ranges::find(_plugged.rbegin(), _plugged.rend(), name,
-                                        &std::pair<std::string, pw_proxy*>::first);
-    if (last == _plugged.rend())
+    const auto device = _plugged.extract(name);
+    if (!device)
         throw std::runtime_error(name + " is not plugged");
-    destroy(last->second);
-    _plugged.erase(std::next(last).base());
+    destroy(device.mapped());
     sync();
 }
 

@@ -30,7 +30,6 @@ public:
     explicit TestClient(const std::string& remote);
     ~TestClient();
     TestClient(const TestClient&) = delete;
-    TestClient& operator=(const TestClient&) = delete;
 
     // -- The connection
 
@@ -60,14 +59,16 @@ public:
     /// Links an output port to an input port, each given by its node and its port name.
     pw_proxy* link(uint32_t outputNode, const std::string& outputPort, uint32_t inputNode,
                    const std::string& inputPort);
-    void destroy(pw_proxy* proxy) const;
+    void destroy(pw_proxy* proxy) const
+    {
+        locked([&] { pw_proxy_destroy(proxy); });
+    }
     /// Destroys the object of any client.
     void destroy(uint32_t id) const;
 
     // -- Virtual devices. Each function returns once the server has made the change.
 
     void plug(const VirtualDevice& device);
-    /// Removes the device plugged last under this name.
     void unplug(const std::string& name);
     void unplugAll();
 
@@ -84,8 +85,6 @@ private:
         std::string type;
         NodeProperties properties;
     };
-    static void _global(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
-                        const spa_dict* properties);
     pw_proxy* _create(const char* factory, const char* type, uint32_t version,
                       const NodeProperties& properties);
 
@@ -98,5 +97,5 @@ private:
     spa_hook _coreListener{}, _registryListener{};
     std::map<uint32_t, Global> _globals;
     int _lastSync = -1; // sequence number of the last sync that the server has reported
-    std::vector<std::pair<std::string, pw_proxy*>> _plugged; // by name
+    std::map<std::string, pw_proxy*> _plugged; // by name
 };

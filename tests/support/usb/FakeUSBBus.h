@@ -25,11 +25,9 @@ public:
         dxr::USBRegistry::refresh();
     }
     FakeUSBBus(const FakeUSBBus&) = delete;
-    FakeUSBBus& operator=(const FakeUSBBus&) = delete;
 
     struct Unit {
-        std::string manufacturer = "Maker";
-        std::string product = "Product";
+        std::string manufacturer = "Maker", product = "Product";
         std::optional<std::string> serial = {};
     };
     /// Plugs in a sound card and its hubs, at "3-1.4" for instance: bus 3, port 4 of the hub on port 1.
