@@ -14,6 +14,8 @@ namespace {
 constexpr uint32_t folderEvents =
     IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
+constexpr int maxLinks = 40; // of one path, as for the kernel
+
 const char* firstSet(std::initializer_list<const char*> variables)
 {
     for (const char* variable : variables) {
@@ -79,14 +81,15 @@ bool PipeWireSocketWatch::_watchAll()
     before.swap(_names);
     bool watchesAll = true;
     for (const fs::path& socket : _sockets)
-        watchesAll = _watch(socket) && watchesAll;
+        watchesAll = _watch(socket, maxLinks) && watchesAll;
     for (const auto& [watch, name] : before)
         if (!_names.contains(watch))
             inotify_rm_watch(_descriptor, watch);
     return watchesAll;
 }
 
-bool PipeWireSocketWatch::_watch(const fs::path& socket)
+/// Also watches the target of a link that is the socket or the last part of its path that exists.
+bool PipeWireSocketWatch::_watch(const fs::path& socket, int linksLeft)
 {
     // Check again after adding the watch: a folder that was created just before would be missed. Give up
     // after three attempts, because a folder may exist that may not be watched.
@@ -102,8 +105,15 @@ bool PipeWireSocketWatch::_watch(const fs::path& socket)
         const bool isSettled = waited == socket || !fs::exists(waited, unreadable);
         if (watch >= 0 && (isSettled || look == 2))
             _names.emplace(watch, waited.filename());
-        if (isSettled)
+        if (!isSettled)
+            continue;
+        const fs::path target = fs::read_symlink(waited, unreadable); // empty unless it is a link
+        if (watch < 0 || target.empty())
             return watch >= 0;
+        const fs::path linked = waited.parent_path() / target;
+        const bool isSocket = waited == socket;
+        return linksLeft > 0 &&
+               _watch(isSocket ? linked : linked / socket.lexically_relative(waited), linksLeft - 1);
     }
     return false;
 }

@@ -9,7 +9,8 @@
 #include <vector>
 
 /// Reports when a server's socket may have appeared, without polling: the kernel reports changes in the
-/// socket's folder or, while that does not exist, in the nearest folder above it that does.
+/// socket's folder or, while that does not exist, in the nearest folder above it that does. If a name on the
+/// way is a link without a target, the same holds for the target.
 /// Threads: the loop's.
 class PipeWireSocketWatch {
 public:
@@ -32,7 +33,7 @@ public:
 
 private:
     bool _watchAll();
-    bool _watch(const std::filesystem::path& socket);
+    bool _watch(const std::filesystem::path& socket, int linksLeft);
     void _readEvents();
     bool _concernsUs(const struct inotify_event& event, const char* name) const;
 

@@ -47,6 +47,21 @@ TEST(PipeWireServer, mayComeLaterAndAgain)
     }
 }
 
+TEST(PipeWireServer, mayComeBehindALink)
+{
+    PrivateServer server;
+    server.kill();
+    std::filesystem::remove_all(server.folder());
+    const std::filesystem::path link = server.folder().parent_path() / "link";
+    std::filesystem::create_symlink(server.remote(), link);
+    const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(link));
+    EXPECT_TRUE(readDevices(*hal).empty());
+    server.start();
+    TestClient client(server.remote());
+    client.plug({.name = "sink"});
+    EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown);
+}
+
 using PipeWireServerTest = PipeWireTest;
 
 // Every call returns: the time limit of the test is the judge.
