@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <pipewire/pipewire.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -48,23 +49,36 @@ PipeWireSocketWatch::PipeWireSocketWatch(PipeWireLoop& loop, std::vector<fs::pat
 
 PipeWireSocketWatch::~PipeWireSocketWatch()
 {
-    if (_source)
-        pw_loop_destroy_source(_loop.get(), _source); // closes the descriptor
+    for (spa_source* source : {_source, _mounts})
+        if (source)
+            pw_loop_destroy_source(_loop.get(), source); // closes the descriptor
 }
 
 bool PipeWireSocketWatch::watch()
 {
-    if (_source)
-        return _watchAll();
-    _descriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (_descriptor < 0)
-        return false;
-    _source = pw_loop_add_io(
-        _loop.get(), _descriptor, SPA_IO_IN, true,
-        [](void* self, int, uint32_t) { static_cast<PipeWireSocketWatch*>(self)->_readEvents(); }, this);
-    if (!_source)
-        close(_descriptor);
-    return _source && _watchAll();
+    if (!_source) {
+        _descriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        _source = _addSource(_descriptor, SPA_IO_IN, [](void* self, int, uint32_t) {
+            static_cast<PipeWireSocketWatch*>(self)->_readEvents();
+        });
+    }
+    if (_source && !_mounts) // each change is reported as an error
+        _mounts = _addSource(
+            open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC), SPA_IO_ERR,
+            [](void* self, int, uint32_t) { static_cast<PipeWireSocketWatch*>(self)->_mountsChanged(); });
+    return _source && _watchAll() && _mounts;
+}
+
+/// Calls `changed` for these events of the descriptor, which it takes over. Null on failure.
+spa_source* PipeWireSocketWatch::_addSource(int descriptor, uint32_t events,
+                                            void (*changed)(void* self, int, uint32_t))
+{
+    if (descriptor < 0)
+        return nullptr;
+    spa_source* const source = pw_loop_add_io(_loop.get(), descriptor, events, true, changed, this);
+    if (!source)
+        close(descriptor);
+    return source;
 }
 
 bool PipeWireSocketWatch::socketExists() const
@@ -116,6 +130,14 @@ bool PipeWireSocketWatch::_watch(const fs::path& socket, int linksLeft)
                _watch(isSocket ? linked : linked / socket.lexically_relative(waited), linksLeft - 1);
     }
     return false;
+}
+
+void PipeWireSocketWatch::_mountsChanged()
+{
+    const std::multimap<int, std::string> before = _names;
+    _watchAll();
+    if (_names != before) // other mounts are none of our concern
+        _changed();
 }
 
 void PipeWireSocketWatch::_readEvents()
