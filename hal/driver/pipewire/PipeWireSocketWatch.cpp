@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <pipewire/pipewire.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -13,6 +14,8 @@ namespace {
 
 constexpr uint32_t folderEvents =
     IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+
+constexpr int maxLinks = 40; // of one path, as for the kernel
 
 const char* firstSet(std::initializer_list<const char*> variables)
 {
@@ -46,23 +49,36 @@ PipeWireSocketWatch::PipeWireSocketWatch(PipeWireLoop& loop, std::vector<fs::pat
 
 PipeWireSocketWatch::~PipeWireSocketWatch()
 {
-    if (_source)
-        pw_loop_destroy_source(_loop.get(), _source); // closes the descriptor
+    for (spa_source* source : {_source, _mounts})
+        if (source)
+            pw_loop_destroy_source(_loop.get(), source); // closes the descriptor
 }
 
 bool PipeWireSocketWatch::watch()
 {
-    if (_source)
-        return _watchAll();
-    _descriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (_descriptor < 0)
-        return false;
-    _source = pw_loop_add_io(
-        _loop.get(), _descriptor, SPA_IO_IN, true,
-        [](void* self, int, uint32_t) { static_cast<PipeWireSocketWatch*>(self)->_readEvents(); }, this);
-    if (!_source)
-        close(_descriptor);
-    return _source && _watchAll();
+    if (!_source) {
+        _descriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        _source = _addSource(_descriptor, SPA_IO_IN, [](void* self, int, uint32_t) {
+            static_cast<PipeWireSocketWatch*>(self)->_readEvents();
+        });
+    }
+    if (_source && !_mounts) // each change is reported as an error
+        _mounts = _addSource(
+            open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC), SPA_IO_ERR,
+            [](void* self, int, uint32_t) { static_cast<PipeWireSocketWatch*>(self)->_mountsChanged(); });
+    return _source && _watchAll() && _mounts;
+}
+
+/// Calls `changed` for these events of the descriptor, which it takes over. Null on failure.
+spa_source* PipeWireSocketWatch::_addSource(int descriptor, uint32_t events,
+                                            void (*changed)(void* self, int, uint32_t))
+{
+    if (descriptor < 0)
+        return nullptr;
+    spa_source* const source = pw_loop_add_io(_loop.get(), descriptor, events, true, changed, this);
+    if (!source)
+        close(descriptor);
+    return source;
 }
 
 bool PipeWireSocketWatch::socketExists() const
@@ -79,14 +95,15 @@ bool PipeWireSocketWatch::_watchAll()
     before.swap(_names);
     bool watchesAll = true;
     for (const fs::path& socket : _sockets)
-        watchesAll = _watch(socket) && watchesAll;
+        watchesAll = _watch(socket, maxLinks) && watchesAll;
     for (const auto& [watch, name] : before)
         if (!_names.contains(watch))
             inotify_rm_watch(_descriptor, watch);
     return watchesAll;
 }
 
-bool PipeWireSocketWatch::_watch(const fs::path& socket)
+/// Also watches the target of a link that is the socket or the last part of its path that exists.
+bool PipeWireSocketWatch::_watch(const fs::path& socket, int linksLeft)
 {
     // Check again after adding the watch: a folder that was created just before would be missed. Give up
     // after three attempts, because a folder may exist that may not be watched.
@@ -102,10 +119,25 @@ bool PipeWireSocketWatch::_watch(const fs::path& socket)
         const bool isSettled = waited == socket || !fs::exists(waited, unreadable);
         if (watch >= 0 && (isSettled || look == 2))
             _names.emplace(watch, waited.filename());
-        if (isSettled)
+        if (!isSettled)
+            continue;
+        const fs::path target = fs::read_symlink(waited, unreadable); // empty unless it is a link
+        if (watch < 0 || target.empty())
             return watch >= 0;
+        const fs::path linked = waited.parent_path() / target;
+        const bool isSocket = waited == socket;
+        return linksLeft > 0 &&
+               _watch(isSocket ? linked : linked / socket.lexically_relative(waited), linksLeft - 1);
     }
     return false;
+}
+
+void PipeWireSocketWatch::_mountsChanged()
+{
+    const std::multimap<int, std::string> before = _names;
+    _watchAll();
+    if (_names != before) // other mounts are none of our concern
+        _changed();
 }
 
 void PipeWireSocketWatch::_readEvents()

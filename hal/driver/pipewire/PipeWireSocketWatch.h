@@ -9,7 +9,9 @@
 #include <vector>
 
 /// Reports when a server's socket may have appeared, without polling: the kernel reports changes in the
-/// socket's folder or, while that does not exist, in the nearest folder above it that does.
+/// socket's folder or, while that does not exist, in the nearest folder above it that does. If a name on the
+/// way is a link without a target, the same holds for the target. The kernel reports mounts separately: a
+/// folder that is mounted over is still watched, but nothing appears in it any more.
 /// Threads: the loop's.
 class PipeWireSocketWatch {
 public:
@@ -21,7 +23,7 @@ public:
     PipeWireSocketWatch& operator=(const PipeWireSocketWatch&) = delete;
 
     /// Starts watching if it has not yet. Returns whether every socket that appears from now on will be
-    /// reported: false if the process has no descriptor left, or the user no inotify watch.
+    /// reported: false if the process has no descriptor left, the user no inotify watch, or /proc is missing.
     bool watch();
     /// Whether the file of one of the sockets exists, with or without a running server.
     bool socketExists() const;
@@ -32,14 +34,17 @@ public:
 
 private:
     bool _watchAll();
-    bool _watch(const std::filesystem::path& socket);
+    bool _watch(const std::filesystem::path& socket, int linksLeft);
+    spa_source* _addSource(int descriptor, uint32_t events, void (*changed)(void* self, int, uint32_t));
+    void _mountsChanged();
     void _readEvents();
     bool _concernsUs(const struct inotify_event& event, const char* name) const;
 
     PipeWireLoop& _loop;
     const std::vector<std::filesystem::path> _sockets;
     const PipeWireLoop::Work _changed;
-    int _descriptor = -1; // closed when _source is destroyed
-    spa_source* _source = nullptr;
+    int _descriptor = -1;          // closed when _source is destroyed
+    spa_source* _source = nullptr; // of the inotify events
+    spa_source* _mounts = nullptr;
     std::multimap<int, std::string> _names; // the awaited name in the folder of each inotify watch
 };

@@ -4,6 +4,8 @@
 
 #include <deque>
 #include <future>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -45,6 +47,32 @@ TEST(PipeWireServer, mayComeLaterAndAgain)
         sleepForMilliseconds(30);
         EXPECT_EQ(witness.cycles, after) << "a cycle of a device that is gone";
     }
+}
+
+// In the second round the folder is mounted after it was created, as the login manager does.
+TEST(PipeWireServer, mayComeBehindALinkAndUnderAMount)
+{
+    EXPECT_TRUE(runInChild([] {
+        const bool canMount =
+            unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+        PrivateServer server;
+        const std::filesystem::path link = server.folder().parent_path() / "link";
+        std::filesystem::create_symlink(server.remote(), link);
+        const CXRef<HALModel> hal = HALModel::initWithDriver(PipeWireDriver::initWithRemote(link));
+        for (const bool isMounted : {false, canMount}) {
+            server.kill();
+            std::filesystem::remove_all(server.folder());
+            EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+            std::filesystem::create_directory(server.folder());
+            sleepForMilliseconds(50); // until the new folder is watched
+            EXPECT_TRUE(!isMounted || mount("none", server.folder().c_str(), "tmpfs", 0, nullptr) == 0);
+            server.start();
+            TestClient client(server.remote());
+            client.plug({.name = "sink"});
+            EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown) << "mounted: " << isMounted;
+        }
+        umount2(server.folder().c_str(), MNT_DETACH);
+    }));
 }
 
 using PipeWireServerTest = PipeWireTest;
