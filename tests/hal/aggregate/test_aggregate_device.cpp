@@ -253,6 +253,26 @@ TEST_F(AggregateDevices, runsDevicesOfOneClockInOneCycle)
     EXPECT_EQ(copier.lostFrames, 2 * 128U) << "a member goes and comes without a restart";
 }
 
+TEST_F(AggregateDevices, runsOnAfterAllOfOneCycleWereGone)
+{
+    SimulatedDeviceBuilder one = aDevice().uid("a").inputs(1).outputs(1).clockDomain(7), other = one;
+    one.hears(simulatedRamp());
+    hal->plug(one);
+    hal->plug(other.uid("b"));
+    const Copier copier(*model, makeAggregate(*model, {"a", "b"}));
+    for (int round = 0; round < 50; ++round) { // the aggregate follows on its own queue, often later
+        hal->unplug("a");
+        hal->unplug("b");
+        hal->plug(one);
+        advance(0.1);
+        const uint64_t before = copier.cycles;
+        hal->plug(other);
+        advance(0.1);
+        ASSERT_NEAR(static_cast<double>(copier.cycles - before), 9.0, 2.0) << round;
+    }
+    EXPECT_EQ(copier.backwards, 0U);
+}
+
 TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
 {
     const SimulatedDeviceBuilder clock = aDevice().uid("clock").inputs(1).hears(simulatedTone(500.0));
