@@ -6,10 +6,26 @@
 namespace {
 
 constexpr std::chrono::seconds maxWaitToFollow{2};
+constexpr std::chrono::milliseconds minTimeToStart{200}; // with less, a device in good order may fail, too
 
 HALDeadline deadlineFromNow()
 {
     return std::chrono::steady_clock::now() + maxWaitToFollow;
+}
+
+/// The deadline of the first of `count` starts, which have equal shares of the time that is left.
+HALDeadline deadlineOfFirst(size_t count, HALDeadline deadline)
+{
+    const auto now = std::chrono::steady_clock::now();
+    return now + (deadline - now) / static_cast<ptrdiff_t>(count);
+}
+
+/// The state without what a failed start itself may change.
+HALDeviceState stateBesideIO(HALDeviceState state)
+{
+    state.isStalled = false;
+    state.actualSampleRate = 0.0;
+    return state;
 }
 
 /// Whether both devices have the same clock.
@@ -74,7 +90,10 @@ void AggregateDevice::_lookAtSubDevices()
 {
     for (size_t place = 0; place < _subDevices.size(); ++place) {
         SubDevice& subDevice = _subDevices[place];
-        subDevice.device = _findDevice(_description.subDevices[place].uid);
+        const CXRef<HALDevice> before =
+            std::exchange(subDevice.device, _findDevice(_description.subDevices[place].uid));
+        if (before != subDevice.device)
+            subDevice.failed = std::nullopt;
         if (!subDevice.device)
             continue;
         HALDeviceState state = subDevice.device->state();
@@ -243,7 +262,7 @@ void AggregateDevice::_follow(HALDeadline deadline)
     if (_table && _mustBeginAgain())
         _begin(deadline);
     else if (_io)
-        _joinPresent(deadline);
+        _joinPresent(deadline, 0);
 }
 
 void AggregateDevice::end()
@@ -332,6 +351,8 @@ HALStatus AggregateDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
         return kAudioHardwareBadDeviceError;
     _table = table;
     _refusedGroup.clear();
+    for (SubDevice& each : _subDevices)
+        each.failed = std::nullopt;
     _lookAtSubDevices();
     const HALStatus status = _begin(deadline);
     if (status)
@@ -439,10 +460,12 @@ HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, 
 {
     _io = std::make_unique<AggregateIO>(_table, _planFor(leader, std::move(group)), _sampleTime);
     // The others start first, so that their frames are available in the first cycle.
-    _joinPresent(deadline);
+    _joinPresent(deadline, 1);
     const HALStatus status = _io->start(_devices(), deadline);
     if (status)
         _io = nullptr;
+    else
+        _subDevices[leader].failed = std::nullopt;
     return status;
 }
 
@@ -471,27 +494,44 @@ bool AggregateDevice::_mustBeginAgain() const
     return false;
 }
 
-void AggregateDevice::_joinPresent(HALDeadline deadline)
+/// Joins the sub-devices that are present. Those that must be started, and `laterStarts` after them, share
+/// the time, so that one that is stuck leaves time for the others.
+void AggregateDevice::_joinPresent(HALDeadline deadline, size_t laterStarts)
 {
+    std::vector<size_t> starting;
     const SubDevice* leader = _leader();
     for (size_t place = 0; place < _subDevices.size(); ++place) {
         const SubDevice& subDevice = _subDevices[place];
-        if (_io->isInGroup(place)) {
+        if (_io->isInGroup(place))
             _io->setMember(place, subDevice.device);
-            continue;
-        }
-        if (!subDevice.device || !leader) {
+        else if (!subDevice.device || !leader)
             _io->detach(place);
-            continue;
-        }
-        const CXRef<AggregateTrack>& track = _io->track(place);
-        const AggregateTrackShape shape = _shapeOf(subDevice);
-        const uint32_t leaderFrames = leader->state.bufferFrameSize;
-        const bool isCompensated = _isCompensated(place);
-        // A sub-device that fails to start stays silent until it changes; the others do not wait for it.
-        if (hasStreams(subDevice.state) &&
-            (!track || track->shape() != shape || track->leaderFrames() != leaderFrames ||
-             track->isCompensated() != isCompensated))
-            _io->attach(place, subDevice.device, shape, leaderFrames, isCompensated, deadline);
+        else if (_mustStart(place))
+            starting.push_back(place);
     }
+    size_t starts = starting.size() + laterStarts;
+    for (const size_t place : starting) {
+        SubDevice& each = _subDevices[place];
+        const HALDeadline share = deadlineOfFirst(starts--, deadline);
+        const bool hasTime = share - std::chrono::steady_clock::now() >= minTimeToStart;
+        const HALStatus status = _io->attach(place, each.device, _shapeOf(each),
+                                             leader->state.bufferFrameSize, _isCompensated(place), share);
+        // 'nope': the rates are too far apart, but not those of another leader.
+        const bool hasFailed = status && hasTime && status != kAudioHardwareIllegalOperationError;
+        each.failed = hasFailed ? std::optional(each.state) : std::nullopt;
+    }
+}
+
+/// Whether the sub-device, which is present beside a leader, must be started or restarted. One that failed to
+/// start stays silent until it changes; the others do not wait for it.
+bool AggregateDevice::_mustStart(size_t place) const
+{
+    const SubDevice& subDevice = _subDevices[place];
+    if (!hasStreams(subDevice.state) ||
+        (subDevice.failed && stateBesideIO(*subDevice.failed) == stateBesideIO(subDevice.state)))
+        return false;
+    const CXRef<AggregateTrack>& track = _io->track(place);
+    return !track || track->shape() != _shapeOf(subDevice) ||
+           track->leaderFrames() != _leader()->state.bufferFrameSize ||
+           track->isCompensated() != _isCompensated(place);
 }
