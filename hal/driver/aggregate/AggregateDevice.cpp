@@ -46,6 +46,31 @@ bool hasStreams(const HALDeviceState& state)
                                [](const HALDirectionState& each) { return !each.streams.empty(); });
 }
 
+/// The leader's frames per frame of the other device.
+double framesPerFrame(const HALDeviceState& leader, const HALDeviceState& other)
+{
+    return other.nominalSampleRate > 0.0 ? leader.nominalSampleRate / other.nominalSampleRate : 1.0;
+}
+
+/// What a bridge to the other device adds to the latency, in the leader's frames. The time stamps are the
+/// leader's and already include a cycle of it.
+double bridgeLatency(const HALDeviceState& leader, const HALDeviceState& other, HALDirection direction)
+{
+    const bool isInput = direction == HALDirection::Input;
+    const HALDeviceState& writer = isInput ? other : leader;
+    const HALDeviceState& reader = isInput ? leader : other;
+    DriftController::Settings settings;
+    settings.writerRate = writer.nominalSampleRate;
+    settings.readerRate = reader.nominalSampleRate;
+    settings.framesAfter =
+        CompensatingResampler::framesAfterForRatio(settings.writerRate / settings.readerRate);
+    const double delay = DriftController::delayFor(settings, writer.bufferFrameSize, reader.bufferFrameSize);
+    if (isInput)
+        return delay * framesPerFrame(leader, other) - leader.bufferFrameSize;
+    // The delay includes a cycle of the leader, too, and the other device plays a cycle after it has read.
+    return delay + other.bufferFrameSize * framesPerFrame(leader, other) - 2.0 * leader.bufferFrameSize;
+}
+
 /// The intersection of both lists of rates.
 std::vector<AudioValueRange> commonRates(const std::vector<AudioValueRange>& a,
                                          const std::vector<AudioValueRange>& b)
@@ -156,12 +181,17 @@ void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection dire
 {
     HALDirectionState& whole = state[direction];
     whole.canBeDefault = false;
+    const SubDevice* leader = _leader();
+    whole.safetyOffsetFrames = leader ? leader->state[direction].safetyOffsetFrames : 0;
     for (const SubDevice& each : _subDevices) {
         const HALDirectionState& part = each.state[direction];
         if (part.streams.empty())
             continue;
         for (HALStreamState stream : part.streams) {
             stream.objectID = kAudioObjectUnknown; // the model assigns an ID of the aggregate
+            if (leader)
+                stream.latencyFrames = static_cast<uint32_t>(
+                    std::lround(stream.latencyFrames * framesPerFrame(leader->state, each.state)));
             whole.streams.push_back(stream);
         }
         for (uint32_t channel = 0; channel < part.channelCount(); ++channel)
@@ -170,8 +200,8 @@ void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection dire
                                              : each.state.name + " " + std::to_string(channel + 1));
         if (!each.device)
             continue;
-        whole.latencyFrames = std::max(whole.latencyFrames, _pathLatency(each, direction));
-        whole.safetyOffsetFrames = std::max(whole.safetyOffsetFrames, part.safetyOffsetFrames);
+        if (leader)
+            whole.latencyFrames = std::max(whole.latencyFrames, _pathLatency(*leader, each, direction));
         // One control for all sub-devices that have it.
         if (part.mainVolume && !whole.mainVolume)
             whole.mainVolume = part.mainVolume;
@@ -182,25 +212,20 @@ void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection dire
         whole.stereoChannels = std::array{1U, 2U};
 }
 
-uint32_t AggregateDevice::_pathLatency(const SubDevice& subDevice, HALDirection direction) const
+/// The latency of a sub-device after the time stamps, which are the leader's, at the leader's rate.
+uint32_t AggregateDevice::_pathLatency(const SubDevice& leader, const SubDevice& subDevice,
+                                       HALDirection direction) const
 {
-    const uint32_t own = subDevice.state[direction].latencyFrames;
-    const SubDevice* leader = _leader();
+    const HALDirectionState& part = subDevice.state[direction];
+    const double own = part.latencyFrames + static_cast<double>(part.safetyOffsetFrames);
+    double frames = own * framesPerFrame(leader.state, subDevice.state) -
+                    leader.state[direction].safetyOffsetFrames; // which the time stamps include
     const auto place = static_cast<size_t>(&subDevice - _subDevices.data());
-    if (!leader || leader == &subDevice || (_io && _io->isInGroup(place)) ||
-        (!_io && sharesCycles(leader->state, subDevice.state)))
-        return own;
-    const bool isInput = direction == HALDirection::Input;
-    const HALDeviceState& writer = isInput ? subDevice.state : leader->state;
-    const HALDeviceState& reader = isInput ? leader->state : subDevice.state;
-    DriftController::Settings settings;
-    settings.writerRate = writer.nominalSampleRate;
-    settings.readerRate = reader.nominalSampleRate;
-    const double frames = DriftController::delayFor(settings, writer.bufferFrameSize, reader.bufferFrameSize);
-    const double seconds = frames / writer.nominalSampleRate + own / subDevice.state.nominalSampleRate;
-    // The leader's time stamps already include a cycle of the leader.
-    const double inLeaders = seconds * leader->state.nominalSampleRate - leader->state.bufferFrameSize;
-    return static_cast<uint32_t>(std::lround(std::max(0.0, inLeaders)));
+    const bool sharesCycle =
+        &leader == &subDevice || (_io ? _io->isInGroup(place) : sharesCycles(leader.state, subDevice.state));
+    if (!sharesCycle)
+        frames += bridgeLatency(leader.state, subDevice.state, direction);
+    return static_cast<uint32_t>(std::lround(std::max(0.0, frames)));
 }
 
 CXPlist AggregateDevice::_composition() const

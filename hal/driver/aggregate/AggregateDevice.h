@@ -58,7 +58,7 @@ private:
     const SubDevice* _leader() const;
     HALDeviceState _composedState() const;
     void _composeDirection(HALDeviceState& state, HALDirection direction) const;
-    uint32_t _pathLatency(const SubDevice& subDevice, HALDirection direction) const;
+    uint32_t _pathLatency(const SubDevice& leader, const SubDevice& subDevice, HALDirection direction) const;
     CXPlist _composition() const;
     void _publishStatus();
     void _publish();
