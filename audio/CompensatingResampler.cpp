@@ -40,17 +40,31 @@ double windowedSinc(double x, double half, double stretch)
     return isZero ? 0.0 : sinc(x / stretch) * besselI0(kaiserBeta * std::sqrt(inside));
 }
 
+/// The factor by which the cutoff is lowered. A ratio that is only a clock correction is not a rate
+/// conversion: the filter and its length stay unchanged.
+double stretchForRatio(double ratio)
+{
+    return ratio < 1.01 ? 1.0 : ratio;
+}
+
+uint32_t tapsForRatio(double ratio)
+{
+    return static_cast<uint32_t>(std::ceil(usualTaps * stretchForRatio(ratio) / 16.0)) * 16;
+}
+
 } // namespace
 
 CXRef<CompensatingResampler> CompensatingResampler::initWithRatio(double ratio)
 {
     if (!(ratio >= 1.0 / maxRatio && ratio <= maxRatio))
         return nullptr;
-    // A ratio that is only a clock correction is not a rate conversion: the filter and its length stay
-    // unchanged.
-    const double stretch = ratio < 1.01 ? 1.0 : ratio;
-    const auto taps = static_cast<uint32_t>(std::ceil(usualTaps * stretch / 16.0)) * 16;
-    return CXRef<CompensatingResampler>::adopt(new CompensatingResampler(taps, stretch));
+    return CXRef<CompensatingResampler>::adopt(
+        new CompensatingResampler(tapsForRatio(ratio), stretchForRatio(ratio)));
+}
+
+uint32_t CompensatingResampler::framesAfterForRatio(double ratio) noexcept
+{
+    return tapsForRatio(ratio <= maxRatio ? ratio : maxRatio) / 2;
 }
 
 CompensatingResampler::CompensatingResampler(uint32_t tapCount, double ratio)

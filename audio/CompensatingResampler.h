@@ -37,6 +37,8 @@ public:
     /// its position.
     uint32_t framesBefore() const noexcept CX_REALTIME { return _tapCount / 2 - 1; }
     uint32_t framesAfter() const noexcept CX_REALTIME { return _tapCount / 2; }
+    /// framesAfter() of a resampler for `ratio`; beyond maxRatio, that of maxRatio.
+    static uint32_t framesAfterForRatio(double ratio) noexcept;
 
     /// The positions of consecutive output frames. The position of output frame i is fraction + i * step + i
     /// * (i - 1) / 2 * stepChange input frames after input frame `frame`.

@@ -6,10 +6,26 @@
 namespace {
 
 constexpr std::chrono::seconds maxWaitToFollow{2};
+constexpr std::chrono::milliseconds minTimeToStart{200}; // with less, a device in good order may fail, too
 
 HALDeadline deadlineFromNow()
 {
     return std::chrono::steady_clock::now() + maxWaitToFollow;
+}
+
+/// The deadline of the first of `count` starts, which have equal shares of the time that is left.
+HALDeadline deadlineOfFirst(size_t count, HALDeadline deadline)
+{
+    const auto now = std::chrono::steady_clock::now();
+    return now + (deadline - now) / static_cast<ptrdiff_t>(count);
+}
+
+/// The state without what a failed start itself may change.
+HALDeviceState stateBesideIO(HALDeviceState state)
+{
+    state.isStalled = false;
+    state.actualSampleRate = 0.0;
+    return state;
 }
 
 /// Whether both devices have the same clock.
@@ -28,6 +44,31 @@ bool hasStreams(const HALDeviceState& state)
 {
     return std::ranges::any_of(state.directions,
                                [](const HALDirectionState& each) { return !each.streams.empty(); });
+}
+
+/// The leader's frames per frame of the other device.
+double framesPerFrame(const HALDeviceState& leader, const HALDeviceState& other)
+{
+    return other.nominalSampleRate > 0.0 ? leader.nominalSampleRate / other.nominalSampleRate : 1.0;
+}
+
+/// What a bridge to the other device adds to the latency, in the leader's frames. The time stamps are the
+/// leader's and already include a cycle of it.
+double bridgeLatency(const HALDeviceState& leader, const HALDeviceState& other, HALDirection direction)
+{
+    const bool isInput = direction == HALDirection::Input;
+    const HALDeviceState& writer = isInput ? other : leader;
+    const HALDeviceState& reader = isInput ? leader : other;
+    DriftController::Settings settings;
+    settings.writerRate = writer.nominalSampleRate;
+    settings.readerRate = reader.nominalSampleRate;
+    settings.framesAfter =
+        CompensatingResampler::framesAfterForRatio(settings.writerRate / settings.readerRate);
+    const double delay = DriftController::delayFor(settings, writer.bufferFrameSize, reader.bufferFrameSize);
+    if (isInput)
+        return delay * framesPerFrame(leader, other) - leader.bufferFrameSize;
+    // The delay includes a cycle of the leader, too, and the other device plays a cycle after it has read.
+    return delay + other.bufferFrameSize * framesPerFrame(leader, other) - 2.0 * leader.bufferFrameSize;
 }
 
 /// The intersection of both lists of rates.
@@ -74,7 +115,10 @@ void AggregateDevice::_lookAtSubDevices()
 {
     for (size_t place = 0; place < _subDevices.size(); ++place) {
         SubDevice& subDevice = _subDevices[place];
-        subDevice.device = _findDevice(_description.subDevices[place].uid);
+        const CXRef<HALDevice> before =
+            std::exchange(subDevice.device, _findDevice(_description.subDevices[place].uid));
+        if (before != subDevice.device)
+            subDevice.failed = std::nullopt;
         if (!subDevice.device)
             continue;
         HALDeviceState state = subDevice.device->state();
@@ -137,12 +181,17 @@ void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection dire
 {
     HALDirectionState& whole = state[direction];
     whole.canBeDefault = false;
+    const SubDevice* leader = _leader();
+    whole.safetyOffsetFrames = leader ? leader->state[direction].safetyOffsetFrames : 0;
     for (const SubDevice& each : _subDevices) {
         const HALDirectionState& part = each.state[direction];
         if (part.streams.empty())
             continue;
         for (HALStreamState stream : part.streams) {
             stream.objectID = kAudioObjectUnknown; // the model assigns an ID of the aggregate
+            if (leader)
+                stream.latencyFrames = static_cast<uint32_t>(
+                    std::lround(stream.latencyFrames * framesPerFrame(leader->state, each.state)));
             whole.streams.push_back(stream);
         }
         for (uint32_t channel = 0; channel < part.channelCount(); ++channel)
@@ -151,8 +200,8 @@ void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection dire
                                              : each.state.name + " " + std::to_string(channel + 1));
         if (!each.device)
             continue;
-        whole.latencyFrames = std::max(whole.latencyFrames, _pathLatency(each, direction));
-        whole.safetyOffsetFrames = std::max(whole.safetyOffsetFrames, part.safetyOffsetFrames);
+        if (leader)
+            whole.latencyFrames = std::max(whole.latencyFrames, _pathLatency(*leader, each, direction));
         // One control for all sub-devices that have it.
         if (part.mainVolume && !whole.mainVolume)
             whole.mainVolume = part.mainVolume;
@@ -163,25 +212,20 @@ void AggregateDevice::_composeDirection(HALDeviceState& state, HALDirection dire
         whole.stereoChannels = std::array{1U, 2U};
 }
 
-uint32_t AggregateDevice::_pathLatency(const SubDevice& subDevice, HALDirection direction) const
+/// The latency of a sub-device after the time stamps, which are the leader's, at the leader's rate.
+uint32_t AggregateDevice::_pathLatency(const SubDevice& leader, const SubDevice& subDevice,
+                                       HALDirection direction) const
 {
-    const uint32_t own = subDevice.state[direction].latencyFrames;
-    const SubDevice* leader = _leader();
+    const HALDirectionState& part = subDevice.state[direction];
+    const double own = part.latencyFrames + static_cast<double>(part.safetyOffsetFrames);
+    double frames = own * framesPerFrame(leader.state, subDevice.state) -
+                    leader.state[direction].safetyOffsetFrames; // which the time stamps include
     const auto place = static_cast<size_t>(&subDevice - _subDevices.data());
-    if (!leader || leader == &subDevice || (_io && _io->isInGroup(place)) ||
-        (!_io && sharesCycles(leader->state, subDevice.state)))
-        return own;
-    const bool isInput = direction == HALDirection::Input;
-    const HALDeviceState& writer = isInput ? subDevice.state : leader->state;
-    const HALDeviceState& reader = isInput ? leader->state : subDevice.state;
-    DriftController::Settings settings;
-    settings.writerRate = writer.nominalSampleRate;
-    settings.readerRate = reader.nominalSampleRate;
-    const double frames = DriftController::delayFor(settings, writer.bufferFrameSize, reader.bufferFrameSize);
-    const double seconds = frames / writer.nominalSampleRate + own / subDevice.state.nominalSampleRate;
-    // The leader's time stamps already include a cycle of the leader.
-    const double inLeaders = seconds * leader->state.nominalSampleRate - leader->state.bufferFrameSize;
-    return static_cast<uint32_t>(std::lround(std::max(0.0, inLeaders)));
+    const bool sharesCycle =
+        &leader == &subDevice || (_io ? _io->isInGroup(place) : sharesCycles(leader.state, subDevice.state));
+    if (!sharesCycle)
+        frames += bridgeLatency(leader.state, subDevice.state, direction);
+    return static_cast<uint32_t>(std::lround(std::max(0.0, frames)));
 }
 
 CXPlist AggregateDevice::_composition() const
@@ -243,7 +287,7 @@ void AggregateDevice::_follow(HALDeadline deadline)
     if (_table && _mustBeginAgain())
         _begin(deadline);
     else if (_io)
-        _joinPresent(deadline);
+        _joinPresent(deadline, 0);
 }
 
 void AggregateDevice::end()
@@ -332,6 +376,8 @@ HALStatus AggregateDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
         return kAudioHardwareBadDeviceError;
     _table = table;
     _refusedGroup.clear();
+    for (SubDevice& each : _subDevices)
+        each.failed = std::nullopt;
     _lookAtSubDevices();
     const HALStatus status = _begin(deadline);
     if (status)
@@ -439,10 +485,12 @@ HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, 
 {
     _io = std::make_unique<AggregateIO>(_table, _planFor(leader, std::move(group)), _sampleTime);
     // The others start first, so that their frames are available in the first cycle.
-    _joinPresent(deadline);
+    _joinPresent(deadline, 1);
     const HALStatus status = _io->start(_devices(), deadline);
     if (status)
         _io = nullptr;
+    else
+        _subDevices[leader].failed = std::nullopt;
     return status;
 }
 
@@ -471,27 +519,44 @@ bool AggregateDevice::_mustBeginAgain() const
     return false;
 }
 
-void AggregateDevice::_joinPresent(HALDeadline deadline)
+/// Joins the sub-devices that are present. Those that must be started, and `laterStarts` after them, share
+/// the time, so that one that is stuck leaves time for the others.
+void AggregateDevice::_joinPresent(HALDeadline deadline, size_t laterStarts)
 {
+    std::vector<size_t> starting;
     const SubDevice* leader = _leader();
     for (size_t place = 0; place < _subDevices.size(); ++place) {
         const SubDevice& subDevice = _subDevices[place];
-        if (_io->isInGroup(place)) {
+        if (_io->isInGroup(place))
             _io->setMember(place, subDevice.device);
-            continue;
-        }
-        if (!subDevice.device || !leader) {
+        else if (!subDevice.device || !leader)
             _io->detach(place);
-            continue;
-        }
-        const CXRef<AggregateTrack>& track = _io->track(place);
-        const AggregateTrackShape shape = _shapeOf(subDevice);
-        const uint32_t leaderFrames = leader->state.bufferFrameSize;
-        const bool isCompensated = _isCompensated(place);
-        // A sub-device that fails to start stays silent until it changes; the others do not wait for it.
-        if (hasStreams(subDevice.state) &&
-            (!track || track->shape() != shape || track->leaderFrames() != leaderFrames ||
-             track->isCompensated() != isCompensated))
-            _io->attach(place, subDevice.device, shape, leaderFrames, isCompensated, deadline);
+        else if (_mustStart(place))
+            starting.push_back(place);
     }
+    size_t starts = starting.size() + laterStarts;
+    for (const size_t place : starting) {
+        SubDevice& each = _subDevices[place];
+        const HALDeadline share = deadlineOfFirst(starts--, deadline);
+        const bool hasTime = share - std::chrono::steady_clock::now() >= minTimeToStart;
+        const HALStatus status = _io->attach(place, each.device, _shapeOf(each),
+                                             leader->state.bufferFrameSize, _isCompensated(place), share);
+        // 'nope': the rates are too far apart, but not those of another leader.
+        const bool hasFailed = status && hasTime && status != kAudioHardwareIllegalOperationError;
+        each.failed = hasFailed ? std::optional(each.state) : std::nullopt;
+    }
+}
+
+/// Whether the sub-device, which is present beside a leader, must be started or restarted. One that failed to
+/// start stays silent until it changes; the others do not wait for it.
+bool AggregateDevice::_mustStart(size_t place) const
+{
+    const SubDevice& subDevice = _subDevices[place];
+    if (!hasStreams(subDevice.state) ||
+        (subDevice.failed && stateBesideIO(*subDevice.failed) == stateBesideIO(subDevice.state)))
+        return false;
+    const CXRef<AggregateTrack>& track = _io->track(place);
+    return !track || track->shape() != _shapeOf(subDevice) ||
+           track->leaderFrames() != _leader()->state.bufferFrameSize ||
+           track->isCompensated() != _isCompensated(place);
 }

@@ -46,6 +46,8 @@ private:
     struct SubDevice {
         CXRef<HALDevice> device; // null while absent
         HALDeviceState state;    // the last known state
+        // The state in which `device` failed to start; none: it has not failed. See _joinPresent().
+        std::optional<HALDeviceState> failed;
     };
 
     AggregateDevice(AggregateDescription description, HALDriverSink& sink, DeviceFinder findDevice);
@@ -56,7 +58,7 @@ private:
     const SubDevice* _leader() const;
     HALDeviceState _composedState() const;
     void _composeDirection(HALDeviceState& state, HALDirection direction) const;
-    uint32_t _pathLatency(const SubDevice& subDevice, HALDirection direction) const;
+    uint32_t _pathLatency(const SubDevice& leader, const SubDevice& subDevice, HALDirection direction) const;
     CXPlist _composition() const;
     void _publishStatus();
     void _publish();
@@ -70,7 +72,8 @@ private:
     HALStatus _beginWith(size_t leader, std::vector<size_t> group, HALDeadline deadline);
     bool _mustBeginAgain() const;
     void _follow(HALDeadline deadline);
-    void _joinPresent(HALDeadline deadline);
+    void _joinPresent(HALDeadline deadline, size_t laterStarts);
+    bool _mustStart(size_t place) const;
     template <class Takes, class Write> HALStatus _writeToAll(Takes takes, Write write, HALDeadline deadline);
 
     const AggregateDescription _description;

@@ -129,6 +129,12 @@ std::optional<AlsaAbilities> AlsaCard::abilitiesInUse(unsigned pcm, HALDirection
 
 bool AlsaCard::readEvents()
 {
-    const std::scoped_lock lock(_mutex);
-    return snd_hctl_handle_events(_mixer.all) >= 0; // updates the mixer's elements, too
+    {
+        const std::scoped_lock lock(_mutex);
+        if (snd_hctl_handle_events(_mixer.all) >= 0) // updates the mixer's elements, too
+            return true;
+    }
+    // It also fails for a single event: of a control that was removed before alsa-lib knew it, or that cannot
+    // be read. The events after it are still to be read and cause the next call.
+    return _info().has_value();
 }

@@ -35,7 +35,7 @@ public:
             return kAudioHardwareIllegalOperationError;
         if (const auto present = devicesOf(*_run); member && !present.empty())
             setCycle(*member, present.front()->state().bufferFrameSize);
-        _run->setMember(place, member, table);
+        _run->setMember(place, member, table, _machine->scheduler.nowTicks());
         _machine->scheduler.reschedule(_run);
         return kAudioHardwareNoError;
     }
@@ -177,7 +177,7 @@ void SimulatedDevice::_leaveRun()
         wasInGroup = std::exchange(_isInGroup, false);
     }
     if (const std::optional<size_t> place = run && wasInGroup ? run->placeOf(*this) : std::nullopt)
-        run->setMember(*place, nullptr, nullptr);
+        run->setMember(*place, nullptr, nullptr, _machine->scheduler.nowTicks());
     else if (run)
         _machine->scheduler.remove(run);
     stopIO();

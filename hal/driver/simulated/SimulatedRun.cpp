@@ -29,14 +29,14 @@ void SimulatedRun::begin(uint64_t nowTicks)
 }
 
 void SimulatedRun::setMember(size_t place, const CXRef<SimulatedRunMember>& device,
-                             const CXRef<HALIOProcTable>& table)
+                             const CXRef<HALIOProcTable>& table, uint64_t nowTicks)
 {
     const std::scoped_lock lock(_mutex);
     const uint64_t due = nextCycleTicks();
     _members[place].device = device;
     _members[place].table = table;
-    if (device && due != UINT64_MAX)
-        device->begin(due);
+    if (device) // none is due while all were absent
+        device->begin(due != UINT64_MAX ? due : nowTicks + device->cycleTicks());
 }
 
 std::optional<size_t> SimulatedRun::placeOf(const SimulatedRunMember& device) const

@@ -37,7 +37,10 @@ public:
 
     /// Begins cycles, the first of which is due one cycle after `nowTicks`.
     void begin(uint64_t nowTicks);
-    void setMember(size_t place, const CXRef<SimulatedRunMember>& device, const CXRef<HALIOProcTable>& table);
+    /// A device that joins runs from the next cycle that is due. If no other is present, its first cycle is
+    /// due one cycle after `nowTicks`. A null device leaves.
+    void setMember(size_t place, const CXRef<SimulatedRunMember>& device, const CXRef<HALIOProcTable>& table,
+                   uint64_t nowTicks);
     /// The device's place in the group; nothing if it is not a member.
     std::optional<size_t> placeOf(const SimulatedRunMember& device) const;
     std::vector<CXRef<SimulatedRunMember>> presentMembers() const;

@@ -141,6 +141,13 @@ TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
     FakedCards::setControl(card, headphoneJack, 1, 1);
     EXPECT_TRUE(eventually([&] { return readValue<uint32_t>(*hal, id, jack) != speaker; }));
     EXPECT_EQ(writeValue(*hal, id, jack, *speaker), kAudioHardwareIllegalOperationError) << "a plug chooses";
+
+    // Events of a control that was removed before alsa-lib knew it.
+    for (const uint32_t muted : {1U, 0U}) {
+        FakedCards::announce(card, 99, muted ? SND_CTL_EVENT_MASK_VALUE : SND_CTL_EVENT_MASK_REMOVE);
+        FakedCards::setControl(card, playbackSwitch, !muted, !muted);
+        EXPECT_TRUE(becomes(id, kAudioDevicePropertyMute, muted, output));
+    }
 }
 
 TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)

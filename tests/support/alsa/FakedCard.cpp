@@ -130,6 +130,8 @@ void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
 {
     id = {};
     id.numid = control;
+    if (control > controls.size()) // one that has been removed
+        return;
     id.iface = controls[control - 1].interface;
     setText(id.name, controls[control - 1].name);
 }

@@ -52,6 +52,8 @@ public:
     static void set(int card, FakedFault fault, bool isThere = true);
     /// Sets a control as another program would.
     static void setControl(int card, unsigned number, long left, long right);
+    /// Sends an event of a control, with alsa-lib's SND_CTL_EVENT_MASK_*. The card may lack the control.
+    static void announce(int card, unsigned number, unsigned mask);
     static long control(int card, unsigned number, unsigned index = 0);
     /// How often this process has opened its control device.
     static size_t controlOpens(int card);

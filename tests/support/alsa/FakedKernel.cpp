@@ -39,12 +39,12 @@ FakedKernel& kernel()
     return *only;
 }
 
-void FakedKernel::announce(const FakedCard& card, unsigned number)
+void FakedKernel::announce(const FakedCard& card, unsigned number, unsigned mask)
 {
     for (auto& [descriptor, control] : controls) {
         if (control.card.get() != &card)
             continue;
-        control.changes.push_back(number);
+        control.changes.emplace_back(number, mask);
         FakedLibrary::setFull(descriptor, true);
     }
 }
@@ -103,6 +103,12 @@ void FakedCards::setControl(int number, unsigned control, long left, long right)
     FakedCard& card = *kernel().cards.at(number);
     card.controls.at(control - 1).value = {left, right};
     kernel().announce(card, control);
+}
+
+void FakedCards::announce(int number, unsigned control, unsigned mask)
+{
+    const Guard guard(kernel().lock);
+    kernel().announce(*kernel().cards.at(number), control, mask);
 }
 
 long FakedCards::control(int number, unsigned control, unsigned index)

@@ -29,7 +29,7 @@ struct FakedKernel {
     /// An open control device.
     struct Control {
         std::shared_ptr<FakedCard> card;
-        std::deque<unsigned> changes;
+        std::deque<std::pair<unsigned, unsigned>> changes; // number and mask
     };
     using Guard = std::scoped_lock<FakedLock>;
 
@@ -40,7 +40,7 @@ struct FakedKernel {
         return place < isOurs.size() && isOurs[place].load(std::memory_order_acquire);
     }
     /// Tells programs that a control has changed. The caller holds the lock.
-    void announce(const FakedCard& card, unsigned control);
+    void announce(const FakedCard& card, unsigned control, unsigned mask = SNDRV_CTL_EVENT_MASK_VALUE);
     const std::string folder;                     // holds a file for each control device: programs watch them
     std::array<std::atomic<bool>, 4096> isOurs{}; // by descriptor; written under the lock, read without it
     FakedLock lock{};                             // guards the fields below

@@ -78,8 +78,8 @@ int readChange(int descriptor, snd_ctl_event& event)
         return -EAGAIN;
     event = {};
     event.type = SNDRV_CTL_EVENT_ELEM;
-    event.data.elem.mask = SNDRV_CTL_EVENT_MASK_VALUE;
-    control.card->name(control.changes.front(), event.data.elem.id);
+    event.data.elem.mask = control.changes.front().second;
+    control.card->name(control.changes.front().first, event.data.elem.id);
     control.changes.pop_front();
     FakedLibrary::setFull(descriptor, !control.changes.empty());
     return sizeof event;
