@@ -8,6 +8,7 @@
 #include "DXRDeviceControl.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
+#include "LatencyOfPart.h"
 #include "NumberText.h"
 #include "QDL.h"
 #include "RunnerDeviceNotifiers.h"
@@ -560,16 +561,9 @@ std::vector<DXRDeviceLatency> DXRDeviceRunner::latencies() const
 std::optional<double> DXRDeviceRunner::roundTripSeconds(const CXRef<DXRDevice>& input,
                                                         const CXRef<DXRDevice>& output) const
 {
-    const std::vector<DXRDeviceLatency> all = latencies();
-    const auto latencyOf = [&](const CXRef<DXRDevice>& device, bool isInput) {
-        return std::ranges::find_if(all, [&](const DXRDeviceLatency& each) {
-            return device && each.isInput == isInput && each.deviceUID == device->deviceUID();
-        });
-    };
-    const auto in = latencyOf(input, true), out = latencyOf(output, false);
-    if (in == all.end() || out == all.end())
+    if (!input || !output)
         return std::nullopt;
-    return in->seconds() + out->seconds();
+    return roundTripSecondsOf(latencies(), input->deviceUID(), output->deviceUID());
 }
 
 bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)
