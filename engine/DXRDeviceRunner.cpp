@@ -211,6 +211,7 @@ bool DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
             nodes.erase(nodes.begin() + static_cast<std::ptrdiff_t>(index));
         });
         _propertiesChanged();
+        _followDefaults(); // it may be the default device, not followed until now
         isRemoved = true;
     });
     return isRemoved;

@@ -333,6 +333,11 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
     runner->removeDevice(two);
     ASSERT_TRUE(runner->addDefaultDevice(direction, std::nullopt, ramp));
     EXPECT_EQ(runner->devices(), Devices{two}) << "at once where there is one";
+    runner->removeDefaultDevice(direction);
+    ASSERT_TRUE(runner->addDevice(two, std::nullopt, idle));
+    ASSERT_TRUE(runner->addDefaultDevice(direction, std::nullopt, ramp));
+    runner->removeDevice(two);
+    EXPECT_EQ(runner->devices(), Devices{two}) << "from then on as the default device";
 }
 
 TEST_F(EngineCyclesTest, endsTheProcessWithAClearMessageWhenABlockThrows)
