@@ -518,11 +518,11 @@ void DXRDeviceRunner::_devicesChanged(const Devices& connected, const Devices& d
 bool DXRDeviceRunner::_shouldRestartForDevicesConnected(const Devices& connected,
                                                         const Devices& disconnected) const
 {
+    if (_error && !(connected.empty() && disconnected.empty()))
+        return true; // for example a part of a node's aggregate, which is no device of a node itself
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction) {
-            const bool hasCome = connected.contains(node->device()),
-                       hasGone = disconnected.contains(node->device());
-            if (_error ? hasCome || hasGone : _isViable(node) ? hasGone : hasCome)
+            if ((_isViable(node) ? disconnected : connected).contains(node->device()))
                 return true;
         }
     }
