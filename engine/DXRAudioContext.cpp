@@ -9,6 +9,7 @@
 #include "QDL.h"
 #include "RingOffsets.h"
 #include "RunnerIO.h"
+#include "StreamBuffers.h"
 
 #include <algorithm>
 #include <alloca.h>
@@ -34,23 +35,9 @@ std::string statusText(HALStatus status)
     return " (status '" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
 }
 
-/// All buffers of a list: `numberBuffers` of them, although one is declared.
-std::span<const AudioBuffer> buffersOf(const AudioBufferList* list)
-{
-    return {&list->buffers[0], list->numberBuffers};
-}
-
 bool hasSampleTime(const AudioTimeStamp* time)
 {
     return time && (time->flags & kAudioTimeStampSampleTimeValid) != 0;
-}
-
-/// The frame count of a buffer; 0 if it has no channels or no data.
-uint32_t frameCountOf(const AudioBuffer& buffer)
-{
-    if (buffer.numberChannels == 0 || !buffer.data)
-        return 0;
-    return static_cast<uint32_t>(buffer.dataByteSize / (uint64_t{buffer.numberChannels} * sizeof(float)));
 }
 
 } // namespace
@@ -187,9 +174,11 @@ void DXRAudioContext::_readStreams(DXRAudioIOContext& record) const
 
 DXRAudioContext::Layouts DXRAudioContext::_readLayouts() const
 {
-    Layouts layouts{channelLayoutOf(_deviceID, _deviceUID), {}};
-    // Ignore which of the context's own parts are present: the hardware handles these, and the runner follows
-    // the devices.
+    Layouts layouts{channelLayoutOf(_deviceID, _deviceUID), {}, false};
+    // A node's aggregate runs on while one of its parts is present. Ignore which: the hardware handles these,
+    // and the runner follows the devices of nodes, of which the parts of a private aggregate are made.
+    layouts.isSilent = kind() == DXRCycleRecord::Context::Device &&
+                       std::ranges::none_of(layouts.context, &ChannelPart::isThere);
     for (ChannelPart& part : layouts.context)
         part.isThere = true;
     for (const CXRef<DXRDeviceNode>& node : _viables) {
@@ -460,12 +449,12 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     CX_ASSERT_ON_QUEUE(_queue);
     DXRAudioIOContext& record = *_iocontext;
     const AudioBufferList* const lists[2] = {buffers.input, buffers.output};
-    const uint32_t inputFrames = lists[0] ? _frameCountOf(lists[0]) : 0;
-    const uint32_t frameCount = inputFrames != 0 || !lists[1] ? inputFrames : _frameCountOf(lists[1]);
+    const uint32_t inputFrames = lists[0] ? frameCountOf(lists[0]) : 0;
+    const uint32_t frameCount = inputFrames != 0 || !lists[1] ? inputFrames : frameCountOf(lists[1]);
     double sampleRate = 0.0;
     if (frameCount == 0 || !_followRate(record, sampleTime, &sampleRate))
         return;
-    if (!_hasStreams(lists[0], record.streamChannels[0]) || !_hasStreams(lists[1], record.streamChannels[1]))
+    if (!hasStreams(lists[0], record.streamChannels[0]) || !hasStreams(lists[1], record.streamChannels[1]))
         return _leaveForNewLayout(record);
     if (sampleRate != record.sampleRate || record.lastSampleTime >= sampleTime)
         record.clock->reset();
@@ -490,7 +479,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
                                  ? record.entries[direction].data()
                                  : static_cast<DXRChannelEntry*>(alloca(count * sizeof(DXRChannelEntry)));
         if (lists[direction])
-            _sampleBuffers(entries[direction], static_cast<uint32_t>(count), frameCount, lists[direction]);
+            sampleBuffers(entries[direction], static_cast<uint32_t>(count), frameCount, lists[direction]);
     }
     const DXRCycleTimes times =
         record.dueTicks == 0
@@ -660,40 +649,4 @@ void DXRAudioContext::_performTraced(DXRCycleTrace& trace, const DXRAudioIOConte
     traced.runnerFrameCount =
         static_cast<uint32_t>(_io.sampleTime.load(std::memory_order_relaxed) - traced.sampleTime);
     trace.write(traced);
-}
-
-uint32_t DXRAudioContext::_frameCountOf(const AudioBufferList* streamBuffers)
-{
-    uint32_t frames = 0;
-    for (const AudioBuffer& buffer : buffersOf(streamBuffers)) {
-        if (frames == 0)
-            frames = frameCountOf(buffer);
-    }
-    return frames;
-}
-
-bool DXRAudioContext::_hasStreams(const AudioBufferList* streamBuffers,
-                                  std::span<const uint32_t> channelCounts)
-{
-    size_t stream = 0;
-    for (uint32_t i = 0; streamBuffers && i < streamBuffers->numberBuffers; ++i) {
-        const uint32_t channels = buffersOf(streamBuffers)[i].numberChannels;
-        if (channels == 0)
-            continue;
-        if (stream == channelCounts.size() || channelCounts[stream] != channels)
-            return false;
-        ++stream;
-    }
-    return stream == channelCounts.size();
-}
-
-void DXRAudioContext::_sampleBuffers(DXRChannelEntry* entries, uint32_t room, uint32_t frameCount,
-                                     const AudioBufferList* streamBuffers)
-{
-    uint32_t filled = 0;
-    for (const AudioBuffer& buffer : buffersOf(streamBuffers)) {
-        auto* const samples = frameCountOf(buffer) >= frameCount ? static_cast<float*>(buffer.data) : nullptr;
-        for (uint32_t channel = 0; channel < buffer.numberChannels && filled < room; ++channel)
-            entries[filled++] = {samples ? samples + channel : nullptr, buffer.numberChannels};
-    }
 }

@@ -94,16 +94,6 @@ protected:
 
     /// One cycle; `sampleTime` is the device's sample time at its first frame.
     virtual void _performIO(uint64_t sampleTime, const DXRStreamBuffers& buffers) CX_REALTIME;
-    /// The frame count of the first buffer that has data.
-    static uint32_t _frameCountOf(const AudioBufferList* streamBuffers) CX_REALTIME;
-    /// Whether the list's streams have these `channelCounts`; a null list has none. Streams without channels
-    /// are ignored.
-    static bool _hasStreams(const AudioBufferList* streamBuffers, std::span<const uint32_t> channelCounts)
-        CX_REALTIME;
-    /// Writes an entry for each channel, at most `room`; entries of a buffer with fewer than `frameCount`
-    /// frames are null.
-    static void _sampleBuffers(DXRChannelEntry* entries, uint32_t room, uint32_t frameCount,
-                               const AudioBufferList* streamBuffers) CX_REALTIME;
 
     AudioObjectID _deviceID = kAudioObjectUnknown; // both are set at creation and do not change afterwards
     std::string _deviceUID;
@@ -118,7 +108,8 @@ private:
     struct Layouts {
         ChannelLayout context;
         std::map<CXRef<DXRDeviceNode>, ChannelLayout>
-            nodes; // viable nodes on a device other than the context's
+            nodes;     // viable nodes on a device other than the context's
+        bool isSilent; // whether no part of the context's device is there, so that it has no cycles
         bool operator==(const Layouts& other) const = default;
     };
 

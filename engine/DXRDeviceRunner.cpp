@@ -8,6 +8,7 @@
 #include "DXRDeviceControl.h"
 #include "DXRDeviceManager.h"
 #include "HostClock.h"
+#include "LatencyOfPart.h"
 #include "NumberText.h"
 #include "QDL.h"
 #include "RunnerDeviceNotifiers.h"
@@ -210,6 +211,7 @@ bool DXRDeviceRunner::removeDevice(const CXRef<DXRDevice>& device)
             nodes.erase(nodes.begin() + static_cast<std::ptrdiff_t>(index));
         });
         _propertiesChanged();
+        _followDefaults(); // it may be the default device, not followed until now
         isRemoved = true;
     });
     return isRemoved;
@@ -516,11 +518,11 @@ void DXRDeviceRunner::_devicesChanged(const Devices& connected, const Devices& d
 bool DXRDeviceRunner::_shouldRestartForDevicesConnected(const Devices& connected,
                                                         const Devices& disconnected) const
 {
+    if (_error && !(connected.empty() && disconnected.empty()))
+        return true; // for example a part of a node's aggregate, which is no device of a node itself
     for (const auto& direction : _nodes) {
         for (const CXRef<DXRDeviceNode>& node : direction) {
-            const bool hasCome = connected.contains(node->device()),
-                       hasGone = disconnected.contains(node->device());
-            if (_error ? hasCome || hasGone : _isViable(node) ? hasGone : hasCome)
+            if ((_isViable(node) ? disconnected : connected).contains(node->device()))
                 return true;
         }
     }
@@ -560,16 +562,9 @@ std::vector<DXRDeviceLatency> DXRDeviceRunner::latencies() const
 std::optional<double> DXRDeviceRunner::roundTripSeconds(const CXRef<DXRDevice>& input,
                                                         const CXRef<DXRDevice>& output) const
 {
-    const std::vector<DXRDeviceLatency> all = latencies();
-    const auto latencyOf = [&](const CXRef<DXRDevice>& device, bool isInput) {
-        return std::ranges::find_if(all, [&](const DXRDeviceLatency& each) {
-            return device && each.isInput == isInput && each.deviceUID == device->deviceUID();
-        });
-    };
-    const auto in = latencyOf(input, true), out = latencyOf(output, false);
-    if (in == all.end() || out == all.end())
+    if (!input || !output)
         return std::nullopt;
-    return in->seconds() + out->seconds();
+    return roundTripSecondsOf(latencies(), input->deviceUID(), output->deviceUID());
 }
 
 bool DXRDeviceRunner::setCycleTrace(const CXRef<DXRCycleTrace>& trace)

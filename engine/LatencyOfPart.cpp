@@ -104,3 +104,17 @@ double secondsAfterClock(const DXRDeviceLatency& part, const CyclePlacement& pla
                             placement.distanceFrames / placement.sampleRate;
     return part.isInput ? -distance : distance;
 }
+
+std::optional<double> roundTripSecondsOf(const std::vector<DXRDeviceLatency>& latencies,
+                                         const std::string& inputUID, const std::string& outputUID)
+{
+    const auto latencyOf = [&](const std::string& uid, bool isInput) {
+        return std::ranges::find_if(latencies, [&](const DXRDeviceLatency& each) {
+            return each.isInput == isInput && each.deviceUID == uid;
+        });
+    };
+    const auto in = latencyOf(inputUID, true), out = latencyOf(outputUID, false);
+    if (in == latencies.end() || out == latencies.end())
+        return std::nullopt;
+    return in->seconds() + out->seconds();
+}

@@ -3,7 +3,9 @@
 #include "AudioHardware.h"
 #include "DXRDeviceLatency.h"
 
+#include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 /// One direction of the clock device's last cycle. Frames are the clock device's.
@@ -33,3 +35,7 @@ DXRDeviceLatency latencyOfSlowest(const std::vector<AudioObjectID>& devices, boo
 /// How many seconds a part's frames are at their device after the clock device's frames of the same cycle.
 /// Negative if they are earlier: frames in an input ring were captured earlier.
 double secondsAfterClock(const DXRDeviceLatency& part, const CyclePlacement& placement);
+
+/// The latency of the input plus that of the output; empty if `latencies` lacks either.
+std::optional<double> roundTripSecondsOf(const std::vector<DXRDeviceLatency>& latencies,
+                                         const std::string& inputUID, const std::string& outputUID);
