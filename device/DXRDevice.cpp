@@ -449,19 +449,13 @@ void DXRDevice::_updateCachedVolumeProperty(double volume)
 
 void DXRDevice::_endVolumeWrite(VolumeWrite result)
 {
-    double before = 0.0;
     const bool isReadNow = _locked([&] {
         if (--_volumeSetPending != 0)
             return false;
-        before = _values->volume;
         return std::exchange(_hasUnreadVolume, false) || result == VolumeWrite::Settled;
     });
-    if (!isReadNow)
-        return;
-    _updateCachedProperties();
-    // The keeper repeats failed reads, and has not been notified of a volume other than the one written.
-    if (_isIncomplete || _locked([&] { return _values->volume != before; }))
-        _tellKeeper();
+    if (isReadNow)
+        _refreshUnnotified();
 }
 
 // ---- Settings and storage
@@ -569,6 +563,17 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
     });
 }
 
+/// Reads the hardware when it has not notified of a change. The keeper repeats failed reads, and is told of any
+/// change, because its notification may find the new value stored already.
+bool DXRDevice::_refreshUnnotified()
+{
+    const DXRDeviceValues before = _locked([&] { return *_values; });
+    const bool isStored = _updateCachedProperties();
+    if (_isIncomplete || _locked([&] { return *_values != before; }))
+        _tellKeeper();
+    return isStored;
+}
+
 bool DXRDevice::_refreshIfIncomplete()
 {
     if (!_isIncomplete || _deviceID == kAudioObjectUnknown)
@@ -580,7 +585,7 @@ bool DXRDevice::_refreshIfIncomplete()
 bool DXRDevice::_refreshIfChannelsChanged()
 {
     const uint32_t there = _hardware().channelCount();
-    return there != 0 && there != channelCount() && _updateCachedProperties();
+    return there != 0 && there != channelCount() && _refreshUnnotified();
 }
 
 // ---- Following the hardware
@@ -634,7 +639,8 @@ bool DXRDevice::_needsRefresh(uint32_t selector)
     case kAudioDevicePropertyDataSource:
         return true;
     case kAudioDevicePropertyMute:
-        if (_hardware().isMuted().value_or(false) != _locked([&] { return _values->isMuted; }))
+        if (_hardware().isMuted() !=
+            _locked([&] { return _values->hasMute ? std::optional(_values->isMuted) : std::nullopt; }))
             return true;
         break;
     case kAudioDevicePropertyVolumeDecibels:
@@ -650,14 +656,19 @@ bool DXRDevice::_needsRefresh(uint32_t selector)
 
 bool DXRDevice::_hasOtherVolume()
 {
-    const std::optional<double> known = _locked([&] {
+    std::optional<double> known;
+    const bool isSettled = _locked([&] {
         _hasUnreadVolume = _volumeSetPending != 0;
-        return _hasUnreadVolume ? std::nullopt : std::optional(_values->volume);
+        if (_values->hasVolume)
+            known = _values->volume;
+        return !_hasUnreadVolume;
     });
-    if (!known)
+    if (!isSettled)
         return false;
-    const double now = _hardware().volume(preferredStereoChannels()).value_or(1.0);
-    return static_cast<float>(now) != static_cast<float>(*known);
+    const std::optional<double> now = _hardware().volume(preferredStereoChannels());
+    // A control may have appeared or disappeared. The hardware's volume is a float.
+    return now.has_value() != known.has_value() ||
+           static_cast<float>(now.value_or(1.0)) != static_cast<float>(known.value_or(1.0));
 }
 
 void DXRDevice::_refreshFromHardware()

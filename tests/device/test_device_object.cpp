@@ -3,12 +3,14 @@
 #include "DXRDebugLog.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceOverrides.h"
+#include "DXRPropertyListener.h"
 #include "Eventually.h"
 #include "GlobalQueue.h"
 #include "SerialQueue.h"
 #include "SimulatedComputer.h"
 
 #include <cmath>
+#include <future>
 
 namespace {
 
@@ -83,6 +85,14 @@ TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareReportsNothing)
     EXPECT_EQ(device->preferredStereoChannels(), (std::vector<uint32_t>{1, 1}));
     EXPECT_FALSE(device->hasVolume() || device->hasMute() || device->isMuted());
     EXPECT_FALSE(device->setVolume(0.5) || device->setMuted(true) || device->setSource("Line"));
+    settleHardware(); // otherwise a notification of the plug may cause the readings
+    hal.reconfigure("plain", [](auto& it) { it.mute(outputs, false); });
+    settleHardware();
+    EXPECT_TRUE(device->hasMute() && !device->isMuted())
+        << "a control with the value of a device without one";
+    hal.reconfigure("plain", [](auto& it) { it.volume(outputs, 1.0F); });
+    settleHardware();
+    EXPECT_TRUE(device->hasVolume());
     const auto plain = [](const char* name) { return aDevice().name(name).outputs(2); };
     const struct {
         const char* uid;
@@ -182,6 +192,30 @@ TEST_F(DXRDeviceTest, keepsTheVolumeOfASlider)
     keeper->updatesSinceLast();
     reportVolume(0.25F);
     EXPECT_TRUE(becomesTrue([&] { return device->volume() == 0.25; })) << "the hardware's last volume counts";
+    EXPECT_TRUE(becomesTrue([&] { return keeper->updatesSinceLast() > 0; }));
+}
+
+// The reading after a volume has settled may see a change before the change is notified.
+TEST_F(DXRDeviceTest, reportsAChangeThatAnotherReadingHasSeenFirst)
+{
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, false));
+    settleHardware();
+    keeper->updatesSinceLast();
+    std::promise<void> isBusy, isOver;
+    const AudioObjectPropertyAddress frameSize = at(kAudioDevicePropertyBufferFrameSize);
+    const auto keepBusy = [&](const auto&, auto) {
+        isBusy.set_value();
+        isOver.get_future().wait();
+    };
+    const auto listener =
+        DXRPropertyListener::initWithObjectID(device->deviceID(), &frameSize, nullptr, keeper, keepBusy);
+    listener->start();
+    hal.reconfigure("box", [](auto& it) { it.bufferFrameSize(256); });
+    isBusy.get_future().wait(); // nothing is notified from here on
+    EXPECT_TRUE(device->setVolume(0.25));
+    hal.reconfigure("box", [](auto& it) { it.mute(outputs, true); });
+    EXPECT_TRUE(eventually([&] { return device->isMuted(); }));
+    isOver.set_value();
     EXPECT_TRUE(becomesTrue([&] { return keeper->updatesSinceLast() > 0; }));
 }
 
