@@ -162,7 +162,13 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
         {"a link in place of the folder", shell("mv dxr elsewhere && ln -s elsewhere dxr"), "is a link"},
         {"a folder that others may write to", shell("chmod g+w dxr"), "chmod go-w"},
         {"another program's database", sql("CREATE TABLE theirs(x)"), "another program's"},
-        {"a later version's", sql("PRAGMA application_id=1685615187; PRAGMA user_version=2"),
+        {"a later version's, with changes in its log",
+         [&] {
+             inChild([&] { // ends without closing the database
+                 static Connection later(file);
+                 later("PRAGMA journal_mode=WAL; PRAGMA application_id=1685615187; PRAGMA user_version=2");
+             });
+         },
          "later version"},
         {"a full disk", [] { limitFileSize(1000); }, "disk I/O error"},
         {"a folder that may not be written",
@@ -180,6 +186,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
         inChild([&] {
             row.arrange();
             const std::string before = *row.complaint ? "" : "old=1 "; // readable from the folder
+            const std::string bytes = fs::is_regular_file(file) ? textOf(file) : "";
             const CapturedLog log;
             EXPECT_EQ(contents(), before);
             std::atomic<int> calls{0};
@@ -192,6 +199,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
             EXPECT_TRUE(eventually([&] { return calls == 1; }));
             EXPECT_EQ(log.lines().size(), 1U);
             EXPECT_NE(log.lines()[0].find(row.complaint), std::string::npos) << log.lines()[0];
+            EXPECT_TRUE(bytes.empty() || textOf(file) == bytes) << "the file was changed";
         });
         EXPECT_TRUE(!fs::exists(home / "victim") || textOf(home / "victim") == "precious\n");
         for (const char* untouched : {"foreign", "elsewhere"})
