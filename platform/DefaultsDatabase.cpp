@@ -260,6 +260,10 @@ bool DefaultsDatabase::_openFile(bool isWritable)
         // new file contains nothing that could be lost, so creating it need not wait for the disk.
         struct stat state = {};
         const bool isNew = stat(_path.c_str(), &state) == 0 && state.st_size == 0;
+        if (isOpen && !_isForUs()) { // before the journal mode is set, which is stored in the file
+            close();
+            return false;
+        }
         isOpen = isOpen && (!isNew || _execute("PRAGMA synchronous=OFF")) &&
                  _execute("PRAGMA journal_mode=WAL") && _execute("PRAGMA wal_autocheckpoint=128") &&
                  _execute("PRAGMA journal_size_limit=1048576");
@@ -267,7 +271,9 @@ bool DefaultsDatabase::_openFile(bool isWritable)
         int64_t ignored = 0;
         isOpen =
             openAs(_path, SQLITE_OPEN_READONLY) && _number("SELECT count(*) FROM sqlite_schema", ignored);
-        if (!isOpen) // no log can be created beside it; then no other process writes one either
+        // Where no log can be created, no other process writes one either. Any other reason, such as a lack of
+        // descriptors, passes: without its log the file would have old values, and would keep them.
+        if (!isOpen && faccessat(AT_FDCWD, _folder.c_str(), W_OK, AT_EACCESS) != 0)
             isOpen = openAs(immutableName(_path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
     }
     if (isOpen)
@@ -283,7 +289,8 @@ bool DefaultsDatabase::_openFile(bool isWritable)
     return true;
 }
 
-bool DefaultsDatabase::_prepareSchema(bool isWritable)
+/// Returns true if the file is empty or a database of this version of dxr. Sets `isEmpty` to which it is.
+bool DefaultsDatabase::_isForUs(bool* isEmpty)
 {
     int64_t application = 0;
     int64_t version = 0;
@@ -291,7 +298,23 @@ bool DefaultsDatabase::_prepareSchema(bool isWritable)
     if (!_number("PRAGMA application_id", application) || !_number("PRAGMA user_version", version) ||
         !_number("SELECT count(*) FROM sqlite_schema", tables))
         return false;
-    if (application == 0 && version == 0 && tables == 0) {
+    const bool hasNothing = application == 0 && version == 0 && tables == 0;
+    if (isEmpty)
+        *isEmpty = hasNothing;
+    if (hasNothing || (application == applicationID && version == schemaVersion))
+        return true;
+    // Otherwise closing would copy the other program's log into its file.
+    sqlite3_db_config(_connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    return _failWith(
+        _path + (application == applicationID ? " is of a later version of dxr" : " is another program's"));
+}
+
+bool DefaultsDatabase::_prepareSchema(bool isWritable)
+{
+    bool isEmpty = false;
+    if (!_isForUs(&isEmpty))
+        return false;
+    if (isEmpty) {
         if (!isWritable)
             return _failWith(_path + " is empty");
         if (_execute("BEGIN IMMEDIATE") &&
@@ -305,10 +328,6 @@ bool DefaultsDatabase::_prepareSchema(bool isWritable)
         _lastCode = code;
         return false;
     }
-    if (application != applicationID)
-        return _failWith(_path + " is another program's");
-    if (version != schemaVersion)
-        return _failWith(_path + " is of a later version of dxr");
     const Statement check = prepare(_connection, "PRAGMA quick_check(1)");
     const bool hasTable = prepare(_connection, "SELECT key, value FROM entries") != nullptr;
     const int code = check ? sqlite3_step(check.get()) : sqlite3_errcode(_connection);

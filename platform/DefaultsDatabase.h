@@ -64,6 +64,7 @@ private:
     bool _locate(WhenMissing whenMissing);
     bool _open(WhenMissing whenMissing);
     bool _openFile(bool isWritable);
+    bool _isForUs(bool* isEmpty = nullptr);
     bool _prepareSchema(bool isWritable);
     bool _fail(const char* step);
     bool _failWith(std::string problem, bool mayRecover = true);

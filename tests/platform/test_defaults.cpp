@@ -144,7 +144,13 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
         {"a link in place of the folder", shell("mv dxr elsewhere && ln -s elsewhere dxr"), "is a link"},
         {"a folder that others may write to", shell("chmod g+w dxr"), "chmod go-w"},
         {"another program's database", sql("CREATE TABLE theirs(x)"), "another program's"},
-        {"a later version's", sql("PRAGMA application_id=1685615187; PRAGMA user_version=2"),
+        {"a later version's, with changes in its log",
+         [&] {
+             inChild([&] { // ends without closing the database
+                 static Connection later(file);
+                 later("PRAGMA journal_mode=WAL; PRAGMA application_id=1685615187; PRAGMA user_version=2");
+             });
+         },
          "later version"},
         {"a full disk", [] { limitFileSize(1000); }, "disk I/O error"},
         {"a folder that may not be written",
@@ -162,6 +168,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
         inChild([&] {
             row.arrange();
             const std::string before = *row.complaint ? "" : "old=1 "; // readable from the folder
+            const std::string bytes = fs::is_regular_file(file) ? textOf(file) : "";
             const CapturedLog log;
             EXPECT_EQ(contents(), before);
             std::atomic<int> calls{0};
@@ -174,6 +181,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
             EXPECT_TRUE(eventually([&] { return calls == 1; }));
             EXPECT_EQ(log.lines().size(), 1U);
             EXPECT_NE(log.lines()[0].find(row.complaint), std::string::npos) << log.lines()[0];
+            EXPECT_TRUE(bytes.empty() || textOf(file) == bytes) << "the file was changed";
         });
         EXPECT_TRUE(!fs::exists(home / "victim") || contentOf(home / "victim") == "precious\n");
         for (const char* untouched : {"foreign", "elsewhere"})
@@ -208,6 +216,30 @@ TEST_F(Defaults, areStoredOnceTheDiskHasRoomAgain)
         EXPECT_TRUE(eventually([&] { return fs::last_write_time(file) != before; }));
     });
     inChild([] { EXPECT_EQ(contents(), "count=1499 late=1 old=1 "); });
+}
+
+TEST_F(Defaults, areNotReadFromAFileWhoseLogCannotBeOpened)
+{
+    keepSomething();
+    Connection{file}("PRAGMA wal_checkpoint(TRUNCATE)");
+    inChild([] { EXPECT_TRUE(write("old", "2")); }); // stays in the log: the process never closes the file
+    for (rlim_t free = 0; free < 7; ++free)
+        inChild([&] {
+            const int lowest = dup(STDERR_FILENO);
+            close(lowest);
+            const CapturedLog log;
+            const auto limitDescriptors = [](rlim_t count) {
+                rlimit limit{};
+                getrlimit(RLIMIT_NOFILE, &limit);
+                limit.rlim_cur = std::min(count, limit.rlim_max);
+                setrlimit(RLIMIT_NOFILE, &limit);
+            };
+            limitDescriptors(static_cast<rlim_t>(lowest) + free);
+            EXPECT_EQ(contents(), suite()->load() ? "old=2 " : "") << free;
+            limitDescriptors(1024);
+            EXPECT_TRUE(write("new", std::nullopt));
+            EXPECT_EQ(contents(), "old=2 ") << free;
+        });
 }
 
 TEST_F(Defaults, setDamagedFilesAside)
