@@ -363,4 +363,22 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
     EXPECT_EQ(stray, 0);
 }
 
+TEST_F(CInterface, aRunnerMayBeReleasedWhileOtherThreadsUseIt)
+{
+    simulate(DXR_CLOCK_REAL_TIME);
+    for (int round = 0; round < 50; ++round) {
+        dxr_runner* shared = nullptr;
+        ASSERT_EQ(dxr_runner_new(&shared), DXR_OK);
+        ASSERT_EQ(dxr_runner_start(shared), DXR_OK);
+        std::thread reader([&] {
+            dxr_runner_state state = DXR_INIT(dxr_runner_state);
+            while (dxr_runner_get_state(shared, &state) == DXR_OK) {
+            }
+        });
+        sleepForMilliseconds(1);
+        EXPECT_EQ(dxr_release(shared), DXR_OK);
+        reader.join();
+    }
+}
+
 } // namespace
