@@ -17,12 +17,22 @@ using namespace dxr_c;
 
 namespace {
 
-/// Releases the last reference to an object of a handle. In an audio callback the object is destroyed on
-/// another thread: a runner would wait for the callback, and memory is freed.
+/// Ends the object of a handle whose last reference was released. A call on another thread may still hold
+/// it.
+void end(CXObject& object)
+{
+    if (auto* const runner = dynamic_cast<Runner*>(&object))
+        runner->end();
+}
+
+/// In an audio callback the object is ended and destroyed on another thread: a runner would wait for the
+/// callback, and memory is freed.
 void letGo(CXRef<CXObject> object, bool inCycle)
 {
     if (object && inCycle)
-        events().async([kept = std::move(object)] {});
+        events().async([kept = std::move(object)] { end(*kept); });
+    else if (object)
+        end(*object);
 }
 
 } // namespace

@@ -365,20 +365,32 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
 
 TEST_F(CInterface, aRunnerMayBeReleasedWhileOtherThreadsUseIt)
 {
+    cable.frames = 64;
     simulate(DXR_CLOCK_REAL_TIME);
+    std::pair<std::atomic<bool>, std::atomic<int>> stray{false, 0}; // whether released, calls since
+    const auto note = [](const dxr_cycle*, void* user) {
+        auto& [isReleased, calls] = *static_cast<decltype(stray)*>(user);
+        calls += isReleased ? 1 : 0;
+        return 0;
+    };
+    const auto read = [&] {
+        dxr_runner_state state = DXR_INIT(dxr_runner_state);
+        while (dxr_runner_get_state(runner, &state) == DXR_OK)
+            dxr_runner_set_quality(runner, DXR_QUALITY_HIGH);
+    };
     for (int round = 0; round < 50; ++round) {
-        dxr_runner* shared = nullptr;
-        ASSERT_EQ(dxr_runner_new(&shared), DXR_OK);
-        ASSERT_EQ(dxr_runner_start(shared), DXR_OK);
-        std::thread reader([&] {
-            dxr_runner_state state = DXR_INIT(dxr_runner_state);
-            while (dxr_runner_get_state(shared, &state) == DXR_OK) {
-            }
-        });
-        sleepForMilliseconds(1);
-        EXPECT_EQ(dxr_release(shared), DXR_OK);
-        reader.join();
+        stray.first = false;
+        ASSERT_EQ(dxr_runner_new(&runner), DXR_OK);
+        ASSERT_EQ(add(output, note, &stray), DXR_OK);
+        ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+        std::thread threads[] = {std::thread(read), std::thread(read)};
+        sleepForMilliseconds(2);
+        EXPECT_EQ(dxr_release(runner), DXR_OK);
+        stray.first = true;
+        for (std::thread& thread : threads)
+            thread.join();
     }
+    EXPECT_EQ(stray.second, 0);
 }
 
 } // namespace
