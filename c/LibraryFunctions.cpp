@@ -78,9 +78,17 @@ dxr_status dxr_free(const void* memory)
         const std::optional<size_t> deviceCount = Handles::shared().removeMemory(memory);
         if (!deviceCount)
             fail(DXR_ERROR_HANDLE, "the memory was freed, or is not from this library");
-        for (size_t i = 0; i < *deviceCount; ++i)
-            (void)Handles::shared().release(static_cast<dxr_device* const*>(memory)[i]);
+        std::optional<Failure> failure;
+        for (size_t i = 0; i < *deviceCount; ++i) {
+            try {
+                (void)Handles::shared().release(static_cast<dxr_device* const*>(memory)[i]);
+            } catch (const Failure& each) { // the caller released it too often
+                failure = each;
+            }
+        }
         std::free(const_cast<void*>(memory));
+        if (failure)
+            throw *failure;
     });
 }
 

@@ -269,6 +269,27 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
     EXPECT_EQ(again, output) << "one handle for a device, gone and returned";
     for (const dxr_status released : {DXR_OK, DXR_OK, DXR_ERROR_HANDLE})
         EXPECT_EQ(dxr_release(output), released) << "as often as it was given";
+    ASSERT_EQ(dxr_release(other), DXR_OK);
+
+    int changes = 0;
+    const auto releaseTooMuch = [](dxr_device* device, dxr_change change, void* user) {
+        *static_cast<int*>(user) += change == DXR_UPDATED ? 0 : 1;
+        dxr_release(device);
+    };
+    ASSERT_EQ(dxr_follow(releaseTooMuch, &changes, &other), DXR_OK);
+    ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
+    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
+    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    EXPECT_EQ(changes, 4);
+    ASSERT_EQ(dxr_release(other), DXR_OK);
+    dxr_device* const* devices = nullptr;
+    size_t count = 0;
+    ASSERT_EQ(dxr_devices(&devices, &count), DXR_OK);
+    dxr_device* const listed[] = {devices[0], devices[1]};
+    EXPECT_EQ(dxr_release(listed[0]), DXR_OK);
+    EXPECT_EQ(dxr_free(devices), DXR_ERROR_HANDLE);
+    EXPECT_EQ(dxr_release(listed[1]), DXR_ERROR_HANDLE) << "released nevertheless";
 }
 
 TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
