@@ -194,7 +194,8 @@ dxr_status dxr_runner_stop(dxr_runner* runner)
 dxr_status dxr_runner_get_state(dxr_runner* runner, dxr_runner_state* state)
 {
     return guarded(__func__, [&] {
-        const DXRDeviceRunner& it = *runnerOf(runner)->runner;
+        const CXRef<Runner> kept = runnerOf(runner); // another thread may release the handle meanwhile
+        const DXRDeviceRunner& it = *kept->runner;
         (void)readStruct(state, "state");
         const DXRRunnerCounts counts = it.counts();
         dxr_runner_state now{};

@@ -17,12 +17,22 @@ using namespace dxr_c;
 
 namespace {
 
-/// Releases the last reference to an object of a handle. In an audio callback the object is destroyed on
-/// another thread: a runner would wait for the callback, and memory is freed.
+/// Ends the object of a handle whose last reference was released. A call on another thread may still hold
+/// it.
+void end(CXObject& object)
+{
+    if (auto* const runner = dynamic_cast<Runner*>(&object))
+        runner->end();
+}
+
+/// In an audio callback the object is ended and destroyed on another thread: a runner would wait for the
+/// callback, and memory is freed.
 void letGo(CXRef<CXObject> object, bool inCycle)
 {
     if (object && inCycle)
-        events().async([kept = std::move(object)] {});
+        events().async([kept = std::move(object)] { end(*kept); });
+    else if (object)
+        end(*object);
 }
 
 } // namespace
@@ -68,9 +78,17 @@ dxr_status dxr_free(const void* memory)
         const std::optional<size_t> deviceCount = Handles::shared().removeMemory(memory);
         if (!deviceCount)
             fail(DXR_ERROR_HANDLE, "the memory was freed, or is not from this library");
-        for (size_t i = 0; i < *deviceCount; ++i)
-            (void)Handles::shared().release(static_cast<dxr_device* const*>(memory)[i]);
+        std::optional<Failure> failure;
+        for (size_t i = 0; i < *deviceCount; ++i) {
+            try {
+                (void)Handles::shared().release(static_cast<dxr_device* const*>(memory)[i]);
+            } catch (const Failure& each) { // the caller released it too often
+                failure = each;
+            }
+        }
         std::free(const_cast<void*>(memory));
+        if (failure)
+            throw *failure;
     });
 }
 

@@ -15,12 +15,21 @@ bool& isInAudioCallback() noexcept
     return isInCycle;
 }
 
+void Runner::end()
+{
+    _isOver = true;
+    follow({});
+    runner->stop();
+}
+
 void Runner::follow(const CXBlock<void()>& block)
 {
     const auto notice = CXRef<Notice>::adopt(new Notice);
     CXRef<Notice> before;
     {
         const std::scoped_lock lock(_mutex);
+        if (block && _isOver)
+            return;
         before = std::exchange(_notice, notice);
         if (!block && !before)
             return;
@@ -43,7 +52,7 @@ DXRIOBlock Runner::blockFor(dxr_io io, void* user, bool input)
     return [this, io, user, input](uint64_t sampleTime, DXRBuffer& buffer) {
         if (!input)
             buffer.mute();
-        if (hasEnded.load(std::memory_order_relaxed))
+        if (hasEnded.load(std::memory_order_relaxed) || _isOver.load(std::memory_order_relaxed))
             return;
         const dxr_cycle cycle = {sizeof cycle,       sampleTime,          buffer.hostTime(),
                                  buffer.samples(),   buffer.frameCount(), buffer.channelCount(),

@@ -15,12 +15,10 @@ bool& isInAudioCallback() noexcept;
 class Runner final : public CXObject {
 public:
     explicit Runner(CXRef<DXRDeviceRunner> made) : runner(std::move(made)) {}
-    ~Runner() override
-    {
-        follow({});
-        runner->stop(); // no block, which refers to this object, runs from here on
-    }
+    ~Runner() override { end(); } // no block, which refers to this object, runs from here on
 
+    /// Stops the runner and its callbacks permanently, even if another thread holds it, and starts it again.
+    void end();
     void follow(const CXBlock<void()>& block);
     DXRIOBlock blockFor(dxr_io io, void* user, bool input);
 
@@ -29,6 +27,7 @@ public:
     std::atomic<bool> hasEnded{false};
 
 private:
+    std::atomic<bool> _isOver{false}; // the handle was released: no callback is called any more
     /// A block that may still be pending when it is replaced.
     struct Notice final : CXObject {
         std::atomic<bool> isOver{false};

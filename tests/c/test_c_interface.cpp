@@ -266,6 +266,27 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
     EXPECT_EQ(again, output) << "one handle for a device, gone and returned";
     for (const dxr_status released : {DXR_OK, DXR_OK, DXR_ERROR_HANDLE})
         EXPECT_EQ(dxr_release(output), released) << "as often as it was given";
+    ASSERT_EQ(dxr_release(other), DXR_OK);
+
+    int changes = 0;
+    const auto releaseTooMuch = [](dxr_device* device, dxr_change change, void* user) {
+        *static_cast<int*>(user) += change == DXR_UPDATED ? 0 : 1;
+        dxr_release(device);
+    };
+    ASSERT_EQ(dxr_follow(releaseTooMuch, &changes, &other), DXR_OK);
+    ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
+    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
+    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    EXPECT_EQ(changes, 4);
+    ASSERT_EQ(dxr_release(other), DXR_OK);
+    dxr_device* const* devices = nullptr;
+    size_t count = 0;
+    ASSERT_EQ(dxr_devices(&devices, &count), DXR_OK);
+    dxr_device* const listed[] = {devices[0], devices[1]};
+    EXPECT_EQ(dxr_release(listed[0]), DXR_OK);
+    EXPECT_EQ(dxr_free(devices), DXR_ERROR_HANDLE);
+    EXPECT_EQ(dxr_release(listed[1]), DXR_ERROR_HANDLE) << "released nevertheless";
 }
 
 TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
@@ -356,6 +377,36 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
     }
     threads.clear();
     EXPECT_EQ(stray, 0);
+}
+
+TEST_F(CInterface, aRunnerMayBeReleasedWhileOtherThreadsUseIt)
+{
+    cable.frames = 64;
+    simulate(DXR_CLOCK_REAL_TIME);
+    std::pair<std::atomic<bool>, std::atomic<int>> stray{false, 0}; // whether released, calls since
+    const auto note = [](const dxr_cycle*, void* user) {
+        auto& [isReleased, calls] = *static_cast<decltype(stray)*>(user);
+        calls += isReleased ? 1 : 0;
+        return 0;
+    };
+    const auto read = [&] {
+        dxr_runner_state state = DXR_INIT(dxr_runner_state);
+        while (dxr_runner_get_state(runner, &state) == DXR_OK)
+            dxr_runner_set_quality(runner, DXR_QUALITY_HIGH);
+    };
+    for (int round = 0; round < 50; ++round) {
+        stray.first = false;
+        ASSERT_EQ(dxr_runner_new(&runner), DXR_OK);
+        ASSERT_EQ(add(output, note, &stray), DXR_OK);
+        ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+        std::thread threads[] = {std::thread(read), std::thread(read)};
+        sleepForMilliseconds(2);
+        EXPECT_EQ(dxr_release(runner), DXR_OK);
+        stray.first = true;
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+    EXPECT_EQ(stray.second, 0);
 }
 
 } // namespace
