@@ -3,6 +3,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -13,19 +14,20 @@ namespace {
 
 constexpr int maxChannels = 1024;
 
-/// The bytes of a sample in a WAV file; 0 if the format is compressed.
+/// The bytes of a sample in a file; 0 if the format is compressed.
 uint64_t bytesPerSample(int format)
 {
     constexpr std::pair<int, uint64_t> sizes[] = {
-        {SF_FORMAT_PCM_U8, 1}, {SF_FORMAT_ALAW, 1},   {SF_FORMAT_ULAW, 1}, {SF_FORMAT_PCM_16, 2},
-        {SF_FORMAT_PCM_24, 3}, {SF_FORMAT_PCM_32, 4}, {SF_FORMAT_FLOAT, 4}};
+        {SF_FORMAT_PCM_U8, 1}, {SF_FORMAT_PCM_S8, 1}, {SF_FORMAT_ALAW, 1},
+        {SF_FORMAT_ULAW, 1},   {SF_FORMAT_PCM_16, 2}, {SF_FORMAT_PCM_24, 3},
+        {SF_FORMAT_PCM_32, 4}, {SF_FORMAT_FLOAT, 4},  {SF_FORMAT_DOUBLE, 8}};
     for (const auto& [samples, bytes] : sizes)
         if ((format & SF_FORMAT_SUBMASK) == samples)
             return bytes;
     return 0;
 }
 
-/// Returns a chunk of a WAV file, whose `datalen` is the size that the file declares, and copies up to
+/// Returns a chunk of a WAV or AIFF file, whose `datalen` is the size that the file declares, and copies up to
 /// `bytes` bytes to `data` unless that is null. `datalen` is 0 if there is no such chunk.
 SF_CHUNK_INFO chunkNamed(SNDFILE* file, const char* name, void* data, uint32_t bytes)
 {
@@ -43,16 +45,36 @@ SF_CHUNK_INFO chunkNamed(SNDFILE* file, const char* name, void* data, uint32_t b
     return chunk;
 }
 
-/// Whether a WAV file has fewer samples than its header declares, which libsndfile accepts.
-bool isCutShort(SNDFILE* file, const SF_INFO& info)
+/// The bytes of samples that the header of an open file declares; 0 if it does not.
+uint64_t declaredBytes(SNDFILE* file, const std::string& path, int format)
 {
-    uint64_t bytes = chunkNamed(file, "data", nullptr, 0).datalen;
-    if (bytes == UINT32_MAX) { // an RF64 file has its size in the chunk "ds64"; in other files it is unknown
-        uint64_t sizes[3] = {};
-        bytes = chunkNamed(file, "ds64", sizes, sizeof sizes).datalen > 0 ? sizes[1] : 0;
+    const int kind = format & SF_FORMAT_TYPEMASK;
+    if (kind == SF_FORMAT_WAV || kind == SF_FORMAT_WAVEX || kind == SF_FORMAT_RF64) {
+        const uint64_t bytes = chunkNamed(file, "data", nullptr, 0).datalen;
+        uint64_t sizes[3] = {}; // an RF64 file has its size in the chunk "ds64"; in other files it is unknown
+        if (bytes == UINT32_MAX)
+            return chunkNamed(file, "ds64", sizes, sizeof sizes).datalen > 0 ? sizes[1] : 0;
+        return bytes;
     }
+    if (kind == SF_FORMAT_AIFF) { // its samples follow their offset, which is 0, and a block size
+        uint32_t offset = 0;
+        const uint64_t bytes = chunkNamed(file, "SSND", &offset, sizeof offset).datalen;
+        return bytes > 8 && offset == 0 ? bytes - 8 : 0;
+    }
+    if (kind == SF_FORMAT_AU && (format & SF_FORMAT_ENDMASK) != SF_ENDIAN_LITTLE) {
+        uint32_t header[3] = {};
+        std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(header), sizeof header);
+        return header[2] == UINT32_MAX ? 0 : ntohl(header[2]);
+    }
+    return 0;
+}
+
+/// Whether a file has fewer samples than its header declares. libsndfile itself refuses such CAF files only.
+bool isCutShort(SNDFILE* file, const std::string& path, const SF_INFO& info)
+{
     const uint64_t frameBytes = bytesPerSample(info.format) * static_cast<uint64_t>(info.channels);
-    return frameBytes > 0 && bytes / frameBytes > static_cast<uint64_t>(info.frames);
+    return frameBytes > 0 &&
+           declaredBytes(file, path, info.format) / frameBytes > static_cast<uint64_t>(info.frames);
 }
 
 } // namespace
@@ -74,7 +96,7 @@ SoundFileReader::SoundFileReader(const std::string& path, const SoundFormat& for
         throw ToolFailure(_name + ": contains no sound");
     if (_info.channels < 1 || _info.channels > maxChannels || _info.samplerate < 1)
         throw ToolFailure(_name + ": not a sound file: its header is invalid");
-    if (!_stream && !format.isRaw() && isCutShort(_file.get(), _info))
+    if (!_stream && isCutShort(_file.get(), path, _info))
         throw ToolFailure(_name + ": is truncated");
     _length = static_cast<uint64_t>(_info.frames);
     if (_stream)

@@ -8,7 +8,8 @@
 /// Threads: one at a time. Waits: fill(), while a pipe has no data.
 class SoundFileReader {
 public:
-    /// "-" is standard input. Throws ToolFailure, also for a file that is shorter than its header declares.
+    /// "-" is standard input. Throws ToolFailure, also for a file that is shorter than its header declares, if
+    /// that is known of its format: WAV, RF64, AIFF, AU and CAF.
     explicit SoundFileReader(const std::string& path, const SoundFormat& format = {});
 
     bool isStream() const noexcept { return _stream != nullptr; } ///< whether the length is unknown
