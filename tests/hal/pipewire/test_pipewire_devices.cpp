@@ -1,6 +1,9 @@
 #include "FakeCard.h"
 #include "PipeWireTest.h"
 
+#include <pipewire/extensions/metadata.h>
+#include <pipewire/impl.h>
+
 namespace {
 
 class PipeWireDevices : public PipeWireTest {
@@ -207,6 +210,23 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     client.setMetadata("default", "default.audio.sink", R"({ "name": "one" })");
     EXPECT_TRUE(defaultBecomes(defaultOutput, "one"));
     EXPECT_EQ(defaultOf(kAudioHardwarePropertyDefaultInputDevice), kAudioObjectUnknown);
+
+    // A second object of the same name, which is empty, comes and goes.
+    const NodeProperties named{{PW_KEY_METADATA_NAME, "default"}};
+    const auto count = [&] { return client.idsOf(PW_TYPE_INTERFACE_Metadata, named).size(); };
+    {
+        TestClient second(server.remote());
+        second.locked([&] {
+            pw_context* const context = pw_core_get_context(second.core());
+            pw_context_load_module(context, "libpipewire-module-metadata", nullptr, nullptr);
+            pw_impl_metadata* const metadata = pw_context_create_metadata(context, "default", nullptr, 0);
+            pw_core_export(second.core(), PW_TYPE_INTERFACE_Metadata, nullptr, metadata, 0);
+        });
+        ASSERT_TRUE(eventually([&] { return count() == 2; }));
+    }
+    ASSERT_TRUE(eventually([&] { return count() == 1; }));
+    client.setMetadata("default", "default.audio.sink", R"({ "name": "two" })");
+    EXPECT_TRUE(defaultBecomes(defaultOutput, "two"));
 }
 
 TEST_F(PipeWireDevices, useOnlyClockSettingsThatCanBe)
