@@ -99,6 +99,19 @@ TEST_F(PipeWireDevices, sharesVolumeAndMuteWithOtherClients)
         return props.at("channelVolumes").at(0) == 1.0 && props.at("mute") == false &&
                std::abs(props.at("channelVolumes").at(1).get<double>() - 0.008) < 1e-6; // in balance
     }));
+
+    for (int round = 0; round < 50; ++round) {
+        const float left = 0.1F + 0.016F * static_cast<float>(round);
+        const auto set = [&](uint32_t element, float volume) {
+            const auto address = at(kAudioDevicePropertyVolumeScalar, output, element);
+            EXPECT_EQ(writeValue(*hal, device, address, volume), 0);
+        };
+        std::thread other(set, 1, left);
+        set(2, 1.0F - left);
+        other.join();
+        EXPECT_NEAR(*read<float>(device, kAudioDevicePropertyVolumeScalar, output, 1), left, 1e-4F);
+        EXPECT_NEAR(*read<float>(device, kAudioDevicePropertyVolumeScalar, output, 2), 1.0F - left, 1e-4F);
+    }
 }
 
 TEST_F(PipeWireDevices, followsAndSetsTheRoutesOfACard)
