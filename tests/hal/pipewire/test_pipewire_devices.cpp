@@ -2,7 +2,9 @@
 #include "PipeWireTest.h"
 
 #include <pipewire/extensions/metadata.h>
+#include <pipewire/filter.h>
 #include <pipewire/impl.h>
+#include <spa/param/latency-utils.h>
 
 namespace {
 
@@ -112,6 +114,35 @@ TEST_F(PipeWireDevices, sharesVolumeAndMuteWithOtherClients)
         EXPECT_NEAR(*read<float>(device, kAudioDevicePropertyVolumeScalar, output, 1), left, 1e-4F);
         EXPECT_NEAR(*read<float>(device, kAudioDevicePropertyVolumeScalar, output, 2), 1.0F - left, 1e-4F);
     }
+}
+
+TEST_F(PipeWireDevices, followTheLatencyOfAPortThatIsMadeAnew)
+{
+    pw_filter* const filter = client.locked([&] {
+        return pw_filter_new(
+            client.core(), "mic",
+            newProperties({{PW_KEY_NODE_NAME, "mic"}, {PW_KEY_MEDIA_CLASS, "Audio/Source"}}));
+    });
+    void* port = nullptr;
+    for (const uint32_t frames : {480U, 960U}) {
+        client.locked([&] {
+            std::array<uint8_t, 256> room{};
+            spa_pod_builder builder = SPA_POD_BUILDER_INIT(room.data(), room.size());
+            spa_latency_info latency = SPA_LATENCY_INFO(SPA_DIRECTION_OUTPUT);
+            latency.min_rate = latency.max_rate = frames;
+            const spa_pod* params[] = {spa_latency_build(&builder, SPA_PARAM_Latency, &latency)};
+            if (port)
+                pw_filter_remove_port(port);
+            else
+                pw_filter_connect(filter, PW_FILTER_FLAG_NONE, nullptr, 0);
+            // The server gives the new port the old one's id.
+            port = pw_filter_add_port(filter, PW_DIRECTION_OUTPUT, PW_FILTER_PORT_FLAG_MAP_BUFFERS, 8,
+                                      newProperties({{PW_KEY_FORMAT_DSP, "32 bit float mono audio"}}), params,
+                                      1);
+        });
+        EXPECT_TRUE(becomes(waitForDevice(*hal, "mic"), kAudioDevicePropertyLatency, frames, input));
+    }
+    client.locked([&] { pw_filter_destroy(filter); });
 }
 
 TEST_F(PipeWireDevices, followsAndSetsTheRoutesOfACard)
