@@ -75,7 +75,7 @@ private:
 struct HALIOProcTable::Layout {
     Layout(std::span<const uint32_t> inputs, std::span<const uint32_t> outputs, uint32_t frames)
         : inputChannels(inputs.begin(), inputs.end()), outputChannels(outputs.begin(), outputs.end()),
-          maxFrames(frames), input(inputs.size()), output(outputs.size())
+          maxFrames(frames), input(inputs.size()), output(outputs.size()), room(outputs.size())
     {
         for (const uint32_t channels : outputs)
             scratch.emplace_back(size_t{channels} * frames);
@@ -87,6 +87,7 @@ struct HALIOProcTable::Layout {
     BufferList input;
     BufferList output;
     std::vector<std::vector<float>> scratch; // one per output stream, for all callbacks but the first
+    std::vector<float*> room;                // one per output stream, for the callback in progress; null: off
 
     bool fits(const HALCycle& cycle) const noexcept
     {
@@ -346,17 +347,16 @@ void HALIOProcTable::_callProcs(const HALCycle& cycle, Layout& layout) noexcept
 
 void HALIOProcTable::_call(const Proc& proc, const HALCycle& cycle, Layout& layout, bool intoScratch) noexcept
 {
-    const auto room = [&](size_t stream) {
-        const bool isOff = proc.isOff(HALDirection::Output, stream) || !cycle.output[stream].samples;
-        return isOff ? nullptr : intoScratch ? layout.scratch[stream].data() : cycle.output[stream].samples;
-    };
     for (size_t stream = 0; stream < cycle.input.size(); ++stream) {
         const bool isOff = proc.isOff(HALDirection::Input, stream);
         describe(layout.input[stream], cycle.input[stream], isOff ? nullptr : cycle.input[stream].samples,
                  cycle.frameCount);
     }
     for (size_t stream = 0; stream < cycle.output.size(); ++stream) {
-        float* samples = room(stream);
+        float* samples = intoScratch ? layout.scratch[stream].data() : cycle.output[stream].samples;
+        if (!cycle.output[stream].samples || proc.isOff(HALDirection::Output, stream))
+            samples = nullptr;
+        layout.room[stream] = samples; // another thread may switch the stream on before the callback returns
         if (intoScratch)
             silence(samples, size_t{cycle.output[stream].channelCount} * cycle.frameCount);
         describe(layout.output[stream], cycle.output[stream], samples, cycle.frameCount);
@@ -368,7 +368,7 @@ void HALIOProcTable::_call(const Proc& proc, const HALCycle& cycle, Layout& layo
                hasOutput ? layout.output.list() : nullptr, hasOutput ? &cycle.outputTime : nullptr);
 
     for (size_t stream = 0; intoScratch && stream < cycle.output.size(); ++stream) {
-        const float* from = room(stream);
+        const float* from = layout.room[stream];
         float* to = cycle.output[stream].samples;
         for (size_t i = 0; from && i < size_t{cycle.output[stream].channelCount} * cycle.frameCount; ++i)
             to[i] += from[i];

@@ -1,6 +1,7 @@
 #include "AudioHardware.h"
 #include "DrivenHardware.h"
 #include "HALIO.h"
+#include "HALNotifier.h"
 #include "InChild.h"
 #include "SerialQueue.h"
 #include "simulated.h"
@@ -233,6 +234,33 @@ TEST_F(HALModelDrivers, aCallbackThatTheUnpluggingRemovesHasEndedForItsDestroyer
     sleepForMilliseconds(20); // until it has removed the callback
     EXPECT_EQ(model->destroyIOProc(device, proc.id), kAudioHardwareBadDeviceError);
     EXPECT_TRUE(isOver);
+}
+
+// The second of two callbacks, which plays to scratch, is off when its cycle begins.
+TEST(HALIOProcTable, aStreamThatIsSwitchedOnDuringACycleIsSilent)
+{
+    HALNotifier notifier;
+    const auto table = HALIOProcTable::initWithDevice(2, notifier);
+    const uint32_t streams[] = {1}, on[] = {1}, off[] = {0};
+    table->prepare({}, streams, 4);
+    AudioDeviceIOProcID procID = nullptr;
+    const auto player = eachCycle([&](const IOCycle& cycle) {
+        std::ranges::fill(cycle.out(), 1.0F);
+        const CXRealtimeExemption exemption("in place of another thread");
+        table->setStreamUsage(procID, HALDirection::Output, on);
+    });
+    table->start(table->create([](auto...) {}));
+    table->start(procID = table->create(player));
+    for (const float expected : {1.0F, 0.0F}) {
+        float samples[4];
+        HALStreamBlock block{samples, 1};
+        HALCycle cycle;
+        cycle.frameCount = 4;
+        cycle.output = {&block, 1};
+        table->runCycle(cycle);
+        EXPECT_EQ(samples[0], expected);
+        table->setStreamUsage(procID, HALDirection::Output, off);
+    }
 }
 
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
