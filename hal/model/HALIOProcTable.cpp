@@ -234,7 +234,9 @@ bool HALIOProcTable::setStreamUsage(AudioDeviceIOProcID procID, HALDirection dir
     Proc::Usage& streams = proc->usage[static_cast<size_t>(direction)];
     for (size_t stream = 0; stream < streams.isOff.size(); ++stream)
         streams.isOff[stream].store(stream >= usage.size() || usage[stream] == 0, std::memory_order_relaxed);
-    streams.isRestOff.store(usage.size() <= streams.isOff.size(), std::memory_order_relaxed);
+    const auto rest = usage.subspan(std::min(usage.size(), streams.isOff.size()));
+    streams.isRestOff.store(std::ranges::all_of(rest, [](uint32_t isOn) { return isOn == 0; }),
+                            std::memory_order_relaxed);
     return true;
 }
 

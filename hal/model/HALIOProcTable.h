@@ -49,8 +49,8 @@ public:
     /// `procID` is unknown.
     std::vector<uint32_t> streamUsage(AudioDeviceIOProcID procID, HALDirection direction,
                                       size_t streamCount) const;
-    /// Sets which streams the callback uses. Streams beyond `usage` are off; streams from the 65th on are
-    /// always on. Returns false if `procID` is unknown.
+    /// Sets which streams the callback uses. Streams beyond `usage` are off; those from the 1025th on are all
+    /// on if any of them is. Returns false if `procID` is unknown.
     bool setStreamUsage(AudioDeviceIOProcID procID, HALDirection direction, std::span<const uint32_t> usage);
 
     /// Allocates buffers for cycles with the given streams (channels of each) and at most `maxFrames` frames.
