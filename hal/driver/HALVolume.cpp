@@ -23,10 +23,12 @@ double cube(float scalar)
 
 void HALVolume::setAmplitudes(const std::vector<float>& amplitudes)
 {
+    const bool isFinite = std::ranges::all_of(amplitudes, [](float each) { return std::isfinite(each); });
     const auto loudest = std::ranges::max_element(amplitudes);
     if (amplitudes.size() != _amplitudes.size())
         _balance.assign(amplitudes.size(), 1.0);
-    if (loudest != amplitudes.end() && *loudest > 0.0F)
+    // Infinite amplitudes, which any client of a sound server may set, have no balance.
+    if (isFinite && loudest != amplitudes.end() && *loudest > 0.0F)
         std::ranges::transform(amplitudes, _balance.begin(), [loudest](float amplitude) {
             return std::max(0.0, static_cast<double>(amplitude) / static_cast<double>(*loudest));
         });

@@ -75,7 +75,7 @@ private:
 struct HALIOProcTable::Layout {
     Layout(std::span<const uint32_t> inputs, std::span<const uint32_t> outputs, uint32_t frames)
         : inputChannels(inputs.begin(), inputs.end()), outputChannels(outputs.begin(), outputs.end()),
-          maxFrames(frames), input(inputs.size()), output(outputs.size())
+          maxFrames(frames), input(inputs.size()), output(outputs.size()), room(outputs.size())
     {
         for (const uint32_t channels : outputs)
             scratch.emplace_back(size_t{channels} * frames);
@@ -87,6 +87,7 @@ struct HALIOProcTable::Layout {
     BufferList input;
     BufferList output;
     std::vector<std::vector<float>> scratch; // one per output stream, for all callbacks but the first
+    std::vector<float*> room;                // one per output stream, for the callback in progress; null: off
 
     bool fits(const HALCycle& cycle) const noexcept
     {
@@ -148,9 +149,11 @@ bool HALIOProcTable::destroy(AudioDeviceIOProcID procID)
     std::unique_ptr<Proc> proc;
     {
         const ControlLock lock(*this);
-        const size_t slot = _slotOf(procID);
-        if (slot < maxProcs)
-            proc.reset(_slots[slot].exchange(nullptr)); // the call that gets the pointer frees it
+        for (std::atomic<Proc*>& slot : _slots) {
+            Proc* found = slot.load();
+            if (found && found->procID == procID && slot.compare_exchange_strong(found, nullptr))
+                proc.reset(found); // the call that gets the pointer frees it
+        }
     }
     if (!proc) { // another call has removed it, and may still wait for its cycle
         _waitForCycle();
@@ -233,7 +236,9 @@ bool HALIOProcTable::setStreamUsage(AudioDeviceIOProcID procID, HALDirection dir
     Proc::Usage& streams = proc->usage[static_cast<size_t>(direction)];
     for (size_t stream = 0; stream < streams.isOff.size(); ++stream)
         streams.isOff[stream].store(stream >= usage.size() || usage[stream] == 0, std::memory_order_relaxed);
-    streams.isRestOff.store(usage.size() <= streams.isOff.size(), std::memory_order_relaxed);
+    const auto rest = usage.subspan(std::min(usage.size(), streams.isOff.size()));
+    streams.isRestOff.store(std::ranges::all_of(rest, [](uint32_t isOn) { return isOn == 0; }),
+                            std::memory_order_relaxed);
     return true;
 }
 
@@ -257,19 +262,12 @@ void HALIOProcTable::setTiming(double nominalSampleRate, uint32_t bufferFrameSiz
 
 HALIOProcTable::Proc* HALIOProcTable::_find(AudioDeviceIOProcID procID) const
 {
-    const size_t slot = _slotOf(procID);
-    return slot == maxProcs ? nullptr : _slots[slot].load();
-}
-
-size_t HALIOProcTable::_slotOf(AudioDeviceIOProcID procID) const
-{
-    if (!procID)
-        return maxProcs;
-    const auto found = std::ranges::find_if(_slots, [procID](const std::atomic<Proc*>& slot) {
-        const Proc* proc = slot.load();
-        return proc && proc->procID == procID;
-    });
-    return static_cast<size_t>(found - _slots.begin());
+    for (const std::atomic<Proc*>& slot : _slots) {
+        Proc* proc = slot.load(); // once: on the IO thread, the slot may be filled anew at any time
+        if (proc && proc->procID == procID)
+            return proc;
+    }
+    return nullptr;
 }
 
 void HALIOProcTable::_waitForCycle() const noexcept
@@ -346,17 +344,16 @@ void HALIOProcTable::_callProcs(const HALCycle& cycle, Layout& layout) noexcept
 
 void HALIOProcTable::_call(const Proc& proc, const HALCycle& cycle, Layout& layout, bool intoScratch) noexcept
 {
-    const auto room = [&](size_t stream) {
-        const bool isOff = proc.isOff(HALDirection::Output, stream) || !cycle.output[stream].samples;
-        return isOff ? nullptr : intoScratch ? layout.scratch[stream].data() : cycle.output[stream].samples;
-    };
     for (size_t stream = 0; stream < cycle.input.size(); ++stream) {
         const bool isOff = proc.isOff(HALDirection::Input, stream);
         describe(layout.input[stream], cycle.input[stream], isOff ? nullptr : cycle.input[stream].samples,
                  cycle.frameCount);
     }
     for (size_t stream = 0; stream < cycle.output.size(); ++stream) {
-        float* samples = room(stream);
+        float* samples = intoScratch ? layout.scratch[stream].data() : cycle.output[stream].samples;
+        if (!cycle.output[stream].samples || proc.isOff(HALDirection::Output, stream))
+            samples = nullptr;
+        layout.room[stream] = samples; // another thread may switch the stream on before the callback returns
         if (intoScratch)
             silence(samples, size_t{cycle.output[stream].channelCount} * cycle.frameCount);
         describe(layout.output[stream], cycle.output[stream], samples, cycle.frameCount);
@@ -368,7 +365,7 @@ void HALIOProcTable::_call(const Proc& proc, const HALCycle& cycle, Layout& layo
                hasOutput ? layout.output.list() : nullptr, hasOutput ? &cycle.outputTime : nullptr);
 
     for (size_t stream = 0; intoScratch && stream < cycle.output.size(); ++stream) {
-        const float* from = room(stream);
+        const float* from = layout.room[stream];
         float* to = cycle.output[stream].samples;
         for (size_t i = 0; from && i < size_t{cycle.output[stream].channelCount} * cycle.frameCount; ++i)
             to[i] += from[i];

@@ -49,8 +49,8 @@ public:
     /// `procID` is unknown.
     std::vector<uint32_t> streamUsage(AudioDeviceIOProcID procID, HALDirection direction,
                                       size_t streamCount) const;
-    /// Sets which streams the callback uses. Streams beyond `usage` are off; streams from the 65th on are
-    /// always on. Returns false if `procID` is unknown.
+    /// Sets which streams the callback uses. Streams beyond `usage` are off; those from the 1025th on are all
+    /// on if any of them is. Returns false if `procID` is unknown.
     bool setStreamUsage(AudioDeviceIOProcID procID, HALDirection direction, std::span<const uint32_t> usage);
 
     /// Allocates buffers for cycles with the given streams (channels of each) and at most `maxFrames` frames.
@@ -92,7 +92,6 @@ private:
     ~HALIOProcTable() override;
 
     Proc* _find(AudioDeviceIOProcID procID) const;
-    size_t _slotOf(AudioDeviceIOProcID procID) const;
     void _waitForCycle() const noexcept;
     void _retire(std::unique_ptr<Proc> proc);
     void _callProcs(const HALCycle& cycle, Layout& layout) noexcept CX_REALTIME;
@@ -113,6 +112,9 @@ private:
     // is even or has changed; only then frees the object.
     // Both sides are sequentially consistent: control stores before it loads _cycle, and the IO thread
     // increments _cycle before it loads the slots, so at least one of them sees the other's change.
+    // The IO thread itself removes a pointer without the lock. A slot that it has read may then be empty or
+    // hold another callback, so it removes only the pointer that it has read. The object of that pointer is
+    // not freed before the cycle ends, so no other has its address.
     std::atomic<uint32_t> _cycle{0};
     std::atomic<Layout*> _layout{nullptr};
     std::array<std::atomic<Proc*>, maxProcs> _slots{};

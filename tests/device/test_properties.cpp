@@ -83,17 +83,17 @@ TEST_F(Properties, describeADevice)
     EXPECT_EQ(none.value().size(), 0U) << "empty is not the same as unreadable";
 
     SimulatedDeviceBuilder many = aDevice().uid("many");
-    for (int i = 0; i < 66; ++i)
+    for (int i = 0; i < 1030; ++i)
         many.outputs(1);
     const AudioObjectID wide = hal.plug(many);
     using Usage = std::vector<bool>;
     AudioDeviceIOProcID procID = nullptr;
     ASSERT_EQ(AudioDeviceCreateIOProcIDWithBlock(&procID, wide, nullptr, [](auto...) {}), 0);
-    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(wide, procID, output), Usage(66, true));
+    EXPECT_EQ(QDLAudioDeviceGetStreamUsage(wide, procID, output), Usage(1030, true));
     const std::optional<Usage> usages[] = {Usage{false, true}, Usage{true}, Usage(99, true), std::nullopt};
     for (const std::optional<Usage>& usage : usages) {
         Usage expected = usage.value_or(Usage()); // missing streams are off, surplus ones are ignored
-        expected.resize(66);
+        expected.resize(1030);
         QDLAudioDeviceSetStreamUsage(wide, procID, output, usage);
         EXPECT_EQ(QDLAudioDeviceGetStreamUsage(wide, procID, output), expected);
     }

@@ -51,6 +51,12 @@ public:
         uint32_t cardDevice = 0;       ///< the card's sub-device; valid with `route`
     };
 
+    /// Amplitudes that were sent and that the server may not show yet.
+    struct SentVolume {
+        std::optional<uint32_t> route;
+        std::vector<float> amplitudes;
+    };
+
     PipeWireDevice(const PipeWireMirror& mirror, const Parts& parts, std::string uid, std::string sourceName,
                    std::string sinkName);
 
@@ -91,6 +97,8 @@ public:
     CXRef<HALDeviceDriver> driver;            ///< identifies the device to the model; null until reported
     std::optional<double> wantedRate;         ///< Hz; set by a client of this process
     std::optional<uint32_t> wantedFrameCount; ///< set by a client of this process
+    /// By direction; held by the writes that wait for their effect.
+    std::array<std::weak_ptr<SentVolume>, 2> sentVolumes;
     PipeWireTimeline timeline;
     std::vector<PipeWireDeviceRun*> runs; ///< the device's own and those of its groups; not owned
     bool isEndingIO = false;              ///< our IO has ended, but the node still reports that it runs

@@ -171,11 +171,15 @@ void PipeWireHardware::_finishShown()
 {
     if (!_mirror.isTold())
         return; // update the model first: a read after the write must return the new value
-    std::erase_if(_pending, [](const Pending& pending) {
+    for (const Pending& pending : _pending)
         if (!pending.reply->isOver() && pending.reply->isAccepted() && pending.shows())
             pending.reply->finish(kAudioHardwareNoError);
-        return pending.reply->isOver();
-    });
+    _dropFinished();
+}
+
+void PipeWireHardware::_dropFinished()
+{
+    std::erase_if(_pending, [](const Pending& pending) { return pending.reply->isOver(); });
 }
 
 void PipeWireHardware::setNominalSampleRate(PipeWireDevice& device, double rate, const Reply& reply)
@@ -211,9 +215,29 @@ void PipeWireHardware::_finishWhenRuns(PipeWireDevice& device, const Reply& repl
 void PipeWireHardware::setVolume(PipeWireDevice& device, HALDirection direction, uint32_t element,
                                  float scalar, const Reply& reply)
 {
+    const std::optional<PipeWireDevice::VolumePlace> place = device.volumePlace(direction);
+    if (!place)
+        return reply->finish(kAudioHardwareUnknownPropertyError);
+    // Each write sends the amplitudes of all channels. It must not undo an earlier write of another channel
+    // that the server does not show yet.
+    _dropFinished();
+    std::weak_ptr<PipeWireDevice::SentVolume>& last = device.sentVolumes[static_cast<size_t>(direction)];
+    std::shared_ptr<PipeWireDevice::SentVolume> sent = last.lock();
+    HALVolume volume = device.volume(direction);
+    if (sent && sent->route == place->route)
+        volume.setAmplitudes(sent->amplitudes);
+    else
+        last = sent = std::make_shared<PipeWireDevice::SentVolume>();
     PipeWireVolumeProps change;
-    change.amplitudes = device.volume(direction).amplitudesAfter(element, scalar);
-    _setVolumeProps(device, direction, change, reply);
+    change.amplitudes = volume.amplitudesAfter(element, scalar);
+    *sent = {place->route, change.amplitudes};
+    _sendVolumeProps(device, direction, *place, change);
+    _finishWhen(device, reply, [direction, own = change.amplitudes, sent](const PipeWireDevice& now) {
+        const std::optional<PipeWireDevice::VolumePlace> there = now.volumePlace(direction);
+        // The server may show only the last of several writes.
+        return !there || areClose(there->props.amplitudes, own) ||
+               areClose(there->props.amplitudes, sent->amplitudes);
+    });
 }
 
 void PipeWireHardware::setMuted(PipeWireDevice& device, HALDirection direction, bool muted,
@@ -221,25 +245,24 @@ void PipeWireHardware::setMuted(PipeWireDevice& device, HALDirection direction, 
 {
     PipeWireVolumeProps change;
     change.isMuted = muted;
-    _setVolumeProps(device, direction, change, reply);
-}
-
-void PipeWireHardware::_setVolumeProps(PipeWireDevice& device, HALDirection direction,
-                                       const PipeWireVolumeProps& change, const Reply& reply)
-{
     const std::optional<PipeWireDevice::VolumePlace> place = device.volumePlace(direction);
     if (!place)
         return reply->finish(kAudioHardwareUnknownPropertyError);
-    if (place->route)
-        device.card()->setRoute(*place->route, place->cardDevice, change);
+    _sendVolumeProps(device, direction, *place, change);
+    _finishWhen(device, reply, [direction, muted](const PipeWireDevice& now) {
+        const std::optional<PipeWireDevice::VolumePlace> there = now.volumePlace(direction);
+        return !there || there->props.isMuted == muted;
+    });
+}
+
+void PipeWireHardware::_sendVolumeProps(PipeWireDevice& device, HALDirection direction,
+                                        const PipeWireDevice::VolumePlace& place,
+                                        const PipeWireVolumeProps& change)
+{
+    if (place.route)
+        device.card()->setRoute(*place.route, place.cardDevice, change);
     else
         device.node(direction)->setVolumeProps(change);
-    _finishWhen(device, reply, [direction, change](const PipeWireDevice& now) {
-        const std::optional<PipeWireDevice::VolumePlace> there = now.volumePlace(direction);
-        return !there ||
-               ((!change.isMuted || there->props.isMuted == change.isMuted) &&
-                (change.amplitudes.empty() || areClose(there->props.amplitudes, change.amplitudes)));
-    });
 }
 
 void PipeWireHardware::setDataSource(PipeWireDevice& device, HALDirection direction, uint32_t sourceID,

@@ -101,8 +101,9 @@ private:
     void _finishWhen(const PipeWireDevice& device, const Reply& reply,
                      std::function<bool(const PipeWireDevice&)> shows);
     void _finishShown();
-    void _setVolumeProps(PipeWireDevice& device, HALDirection direction, const PipeWireVolumeProps& change,
-                         const Reply& reply);
+    void _dropFinished();
+    static void _sendVolumeProps(PipeWireDevice& device, HALDirection direction,
+                                 const PipeWireDevice::VolumePlace& place, const PipeWireVolumeProps& change);
     void _finishWhenRuns(PipeWireDevice& device, const Reply& reply,
                          const std::function<bool(const PipeWireClockSeen&)>& shows);
 

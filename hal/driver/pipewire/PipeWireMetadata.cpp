@@ -12,7 +12,7 @@ struct PipeWireMetadata::Listener {
 };
 
 PipeWireMetadata::PipeWireMetadata(PipeWireSession& session, uint32_t id, PipeWireLoop::Work changed)
-    : _changed(std::move(changed)), _listener(std::make_unique<Listener>()),
+    : _id(id), _changed(std::move(changed)), _listener(std::make_unique<Listener>()),
       _proxy(session.bind(id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA))
 {
     static const pw_metadata_events events{PW_VERSION_METADATA_EVENTS, _property};

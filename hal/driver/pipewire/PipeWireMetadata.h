@@ -17,6 +17,7 @@ public:
     PipeWireMetadata(const PipeWireMetadata&) = delete;
     PipeWireMetadata& operator=(const PipeWireMetadata&) = delete;
 
+    uint32_t id() const noexcept { return _id; } ///< the server's
     /// The `name` in a value that is a JSON object; empty if there is none.
     std::string name(const std::string& key) const;
     void setName(const std::string& key, const std::string& name);
@@ -27,6 +28,7 @@ private:
     struct Listener;
     static int _property(void* data, uint32_t subject, const char* key, const char* type, const char* value);
 
+    const uint32_t _id;
     const PipeWireLoop::Work _changed;
     const std::unique_ptr<Listener> _listener;
     pw_proxy* const _proxy;

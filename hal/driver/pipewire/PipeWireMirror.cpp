@@ -33,8 +33,8 @@ void PipeWireMirror::connected()
 
 void PipeWireMirror::disconnected()
 {
-    _defaults.reset();
-    _settings.reset();
+    _defaults.clear();
+    _settings.clear();
     std::vector<uint32_t> ids;
     for (const auto& [id, node] : _nodes)
         ids.push_back(id);
@@ -83,14 +83,8 @@ void PipeWireMirror::globalDisappeared(uint32_t id)
         _nodeDisappeared(id);
     } else if (_cards.contains(id)) {
         _cardDisappeared(id);
-    } else if (_defaults && _defaultsID == id) {
-        _defaults.reset();
-        _defaultsDirty = true;
-        _tellSoon();
-    } else if (_settings && _settingsID == id) {
-        _settings.reset();
-        _settingsDirty = true;
-        _tellSoon();
+    } else {
+        _metadataDisappeared(id);
     }
 }
 
@@ -179,19 +173,28 @@ void PipeWireMirror::_portDisappeared(uint32_t id)
 
 void PipeWireMirror::_metadataAppeared(uint32_t id, const std::string& name)
 {
-    if (name == "default") {
-        _defaultsID = id;
-        _defaults = std::make_unique<PipeWireMetadata>(_session, id, [this] {
-            _defaultsDirty = true;
-            _tellSoon();
-        });
-    } else if (name == "settings") {
-        _settingsID = id;
-        _settings = std::make_unique<PipeWireMetadata>(_session, id, [this] {
-            _settingsDirty = true;
-            _tellSoon();
-        });
-    }
+    if (name != "default" && name != "settings")
+        return;
+    const bool isDefaults = name == "default";
+    bool& isDirty = isDefaults ? _defaultsDirty : _settingsDirty;
+    auto& all = isDefaults ? _defaults : _settings;
+    all.push_back(std::make_unique<PipeWireMetadata>(_session, id, [this, &isDirty] {
+        isDirty = true;
+        _tellSoon();
+    }));
+}
+
+void PipeWireMirror::_metadataDisappeared(uint32_t id)
+{
+    const auto forget = [id](std::vector<std::unique_ptr<PipeWireMetadata>>& all) {
+        return std::erase_if(all, [id](const auto& each) { return each->id() == id; }) > 0;
+    };
+    const bool wasDefaults = forget(_defaults);
+    const bool wasSettings = forget(_settings);
+    _defaultsDirty = _defaultsDirty || wasDefaults;
+    _settingsDirty = _settingsDirty || wasSettings;
+    if (wasDefaults || wasSettings)
+        _tellSoon();
 }
 
 // ---- Groups
@@ -319,11 +322,12 @@ std::vector<PipeWirePort> PipeWireMirror::portsOfNode(uint32_t nodeID) const
 PipeWireClockSettings PipeWireMirror::clockSettings() const
 {
     PipeWireClockSettings settings;
-    if (!_settings)
+    if (_settings.empty())
         return settings;
+    const PipeWireMetadata& given = *_settings.front();
     // 0 is the server's default value, or forces nothing. No server runs longer cycles than the limit.
-    const auto take = [this](const char* key, uint32_t& value, uint32_t limit) {
-        if (const std::vector<uint32_t> numbers = _settings->numbers(key); !numbers.empty() && numbers[0] > 0)
+    const auto take = [&given](const char* key, uint32_t& value, uint32_t limit) {
+        if (const std::vector<uint32_t> numbers = given.numbers(key); !numbers.empty() && numbers[0] > 0)
             value = std::min(numbers.front(), limit);
     };
     take("clock.rate", settings.rate, UINT32_MAX);
@@ -333,26 +337,28 @@ PipeWireClockSettings PipeWireMirror::clockSettings() const
     take("clock.force-rate", settings.forcedRate, UINT32_MAX);
     take("clock.force-quantum", settings.forcedFrameCount, PipeWireClockSettings::longestCycle);
     settings.maxFrames = std::max(settings.maxFrames, settings.minFrames);
-    settings.allowedRates = _settings->numbers("clock.allowed-rates");
+    settings.allowedRates = given.numbers("clock.allowed-rates");
     return settings;
 }
 
 PipeWireDefaultNames PipeWireMirror::defaultNames() const
 {
-    if (!_defaults)
+    if (_defaults.empty())
         return {};
     // Without a session manager, only the configured defaults are set, never the actual ones.
     const auto named = [this](const std::string& direction) {
-        const std::string name = _defaults->name("default.audio." + direction);
-        return name.empty() ? _defaults->name("default.configured.audio." + direction) : name;
+        const PipeWireMetadata& defaults = *_defaults.front();
+        const std::string name = defaults.name("default.audio." + direction);
+        return name.empty() ? defaults.name("default.configured.audio." + direction) : name;
     };
     return {named("sink"), named("source")};
 }
 
 bool PipeWireMirror::setDefault(bool isSource, const std::string& nodeName)
 {
-    if (_defaults)
-        _defaults->setName(isSource ? "default.configured.audio.source" : "default.configured.audio.sink",
-                           nodeName);
-    return _defaults != nullptr;
+    if (_defaults.empty())
+        return false;
+    _defaults.front()->setName(isSource ? "default.configured.audio.source" : "default.configured.audio.sink",
+                               nodeName);
+    return true;
 }

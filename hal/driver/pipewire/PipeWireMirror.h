@@ -102,6 +102,7 @@ private:
     void _portAppeared(uint32_t id, const PipeWireProperties& properties);
     void _portDisappeared(uint32_t id);
     void _metadataAppeared(uint32_t id, const std::string& name);
+    void _metadataDisappeared(uint32_t id);
 
     void _regroup(uint32_t nodeID);
     void _leaveGroup(uint32_t nodeID);
@@ -122,10 +123,9 @@ private:
     std::unordered_map<uint32_t, std::optional<uint32_t>> _cardNamedBy;
     std::unordered_map<uint32_t, uint32_t> _nodeOfPort;
     std::unordered_map<uint32_t, std::vector<PipeWirePort>> _portsOfNode;
-    std::unique_ptr<PipeWireMetadata> _defaults;
-    std::unique_ptr<PipeWireMetadata> _settings;
-    uint32_t _defaultsID = 0;
-    uint32_t _settingsID = 0;
+    // In the order of arrival. The first is used: any client can add another of the same name.
+    std::vector<std::unique_ptr<PipeWireMetadata>> _defaults;
+    std::vector<std::unique_ptr<PipeWireMetadata>> _settings;
 
     std::set<uint64_t> _dirtyGroups;
     std::set<uint64_t> _shrunkGroups; // groups that have lost a node or their card

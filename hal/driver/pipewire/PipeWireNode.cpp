@@ -126,8 +126,14 @@ void PipeWireNode::portAppeared(const PipeWirePort& port)
 void PipeWireNode::portDisappeared(uint32_t portID)
 {
     _allPorts.erase(portID);
-    if (_isReady)
-        _changed();
+    // The server may soon give the id to another port, whose latency would then count as followed.
+    for (auto* each : {&_playbackLatency, &_captureLatency})
+        if (*each && (*each)->portID() == portID)
+            each->reset();
+    if (!_isReady)
+        return;
+    _followLatency();
+    _changed();
 }
 
 /// Follows the latency of the first port in each direction: all channels of a device have the same.

@@ -1,6 +1,7 @@
 #include "AudioHardware.h"
 #include "DrivenHardware.h"
 #include "HALIO.h"
+#include "HALNotifier.h"
 #include "InChild.h"
 #include "SerialQueue.h"
 #include "simulated.h"
@@ -225,6 +226,53 @@ TEST_F(HALModelDrivers, aCallbackThatTheUnpluggingRemovesHasEndedForItsDestroyer
     sleepForMilliseconds(20); // until it has removed the callback
     EXPECT_EQ(model->destroyIOProc(device, proc.id), kAudioHardwareBadDeviceError);
     EXPECT_TRUE(isOver);
+}
+
+// The second of two callbacks, which plays to scratch, is off when its cycle begins.
+TEST(HALIOProcTable, aStreamThatIsSwitchedOnDuringACycleIsSilent)
+{
+    HALNotifier notifier;
+    const auto table = HALIOProcTable::initWithDevice(2, notifier);
+    const uint32_t streams[] = {1}, on[] = {1}, off[] = {0};
+    table->prepare({}, streams, 4);
+    AudioDeviceIOProcID procID = nullptr;
+    const auto player = eachCycle([&](const IOCycle& cycle) {
+        std::ranges::fill(cycle.out(), 1.0F);
+        const CXRealtimeExemption exemption("in place of another thread");
+        table->setStreamUsage(procID, HALDirection::Output, on);
+    });
+    table->start(table->create([](auto...) {}));
+    table->start(procID = table->create(player));
+    for (const float expected : {1.0F, 0.0F}) {
+        float samples[4];
+        HALStreamBlock block{samples, 1};
+        HALCycle cycle;
+        cycle.frameCount = 4;
+        cycle.output = {&block, 1};
+        table->runCycle(cycle);
+        EXPECT_EQ(samples[0], expected);
+        table->setStreamUsage(procID, HALDirection::Output, off);
+    }
+}
+
+// The driver's IO thread notices a new rate before the driver reports it.
+TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
+{
+    SimulatedDeviceBuilder shape = aDevice().uid("device").outputs(2);
+    const AudioObjectID device = hardware->plug(shape);
+    std::optional<double> rate;
+    const RunningProc proc(*model, device, [&](auto...) {
+        const CXRealtimeExemption exemption("in place of the driver's other thread");
+        shape.name("Renamed");
+        hardware->sink->deviceChanged(*hardware->device("device"), shape.description().state);
+        rate = readValue<double>(*model, device, at(kAudioDevicePropertyNominalSampleRate));
+    });
+    hardware->sampleRate = 96000.0;
+    std::array<float, 64> samples{};
+    const AudioTimeStamp now{};
+    AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
+    hardware->callback(&now, nullptr, nullptr, &list, &now);
+    EXPECT_EQ(rate, 96000.0);
 }
 
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)

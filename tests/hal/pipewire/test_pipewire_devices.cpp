@@ -1,6 +1,11 @@
 #include "FakeCard.h"
 #include "PipeWireTest.h"
 
+#include <pipewire/extensions/metadata.h>
+#include <pipewire/filter.h>
+#include <pipewire/impl.h>
+#include <spa/param/latency-utils.h>
+
 namespace {
 
 class PipeWireDevices : public PipeWireTest {
@@ -96,6 +101,48 @@ TEST_F(PipeWireDevices, sharesVolumeAndMuteWithOtherClients)
         return props.at("channelVolumes").at(0) == 1.0 && props.at("mute") == false &&
                std::abs(props.at("channelVolumes").at(1).get<double>() - 0.008) < 1e-6; // in balance
     }));
+
+    for (int round = 0; round < 50; ++round) {
+        const float left = 0.1F + 0.016F * static_cast<float>(round);
+        const auto set = [&](uint32_t element, float volume) {
+            const auto address = at(kAudioDevicePropertyVolumeScalar, output, element);
+            EXPECT_EQ(writeValue(*hal, device, address, volume), 0);
+        };
+        std::thread other(set, 1, left);
+        set(2, 1.0F - left);
+        other.join();
+        EXPECT_NEAR(*read<float>(device, kAudioDevicePropertyVolumeScalar, output, 1), left, 1e-4F);
+        EXPECT_NEAR(*read<float>(device, kAudioDevicePropertyVolumeScalar, output, 2), 1.0F - left, 1e-4F);
+    }
+}
+
+TEST_F(PipeWireDevices, followTheLatencyOfAPortThatIsMadeAnew)
+{
+    pw_filter* const filter = client.locked([&] {
+        return pw_filter_new(
+            client.core(), "mic",
+            newProperties({{PW_KEY_NODE_NAME, "mic"}, {PW_KEY_MEDIA_CLASS, "Audio/Source"}}));
+    });
+    void* port = nullptr;
+    for (const uint32_t frames : {480U, 960U}) {
+        client.locked([&] {
+            std::array<uint8_t, 256> room{};
+            spa_pod_builder builder = SPA_POD_BUILDER_INIT(room.data(), room.size());
+            spa_latency_info latency = SPA_LATENCY_INFO(SPA_DIRECTION_OUTPUT);
+            latency.min_rate = latency.max_rate = frames;
+            const spa_pod* params[] = {spa_latency_build(&builder, SPA_PARAM_Latency, &latency)};
+            if (port)
+                pw_filter_remove_port(port);
+            else
+                pw_filter_connect(filter, PW_FILTER_FLAG_NONE, nullptr, 0);
+            // The server gives the new port the old one's id.
+            port = pw_filter_add_port(filter, PW_DIRECTION_OUTPUT, PW_FILTER_PORT_FLAG_MAP_BUFFERS, 8,
+                                      newProperties({{PW_KEY_FORMAT_DSP, "32 bit float mono audio"}}), params,
+                                      1);
+        });
+        EXPECT_TRUE(becomes(waitForDevice(*hal, "mic"), kAudioDevicePropertyLatency, frames, input));
+    }
+    client.locked([&] { pw_filter_destroy(filter); });
 }
 
 TEST_F(PipeWireDevices, followsAndSetsTheRoutesOfACard)
@@ -206,6 +253,23 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     client.setMetadata("default", "default.audio.sink", R"({ "name": "one" })");
     EXPECT_TRUE(defaultBecomes(defaultOutput, "one"));
     EXPECT_EQ(defaultOf(kAudioHardwarePropertyDefaultInputDevice), kAudioObjectUnknown);
+
+    // A second object of the same name, which is empty, comes and goes.
+    const NodeProperties named{{PW_KEY_METADATA_NAME, "default"}};
+    const auto count = [&] { return client.idsOf(PW_TYPE_INTERFACE_Metadata, named).size(); };
+    {
+        TestClient second(server.remote());
+        second.locked([&] {
+            pw_context* const context = pw_core_get_context(second.core());
+            pw_context_load_module(context, "libpipewire-module-metadata", nullptr, nullptr);
+            pw_impl_metadata* const metadata = pw_context_create_metadata(context, "default", nullptr, 0);
+            pw_core_export(second.core(), PW_TYPE_INTERFACE_Metadata, nullptr, metadata, 0);
+        });
+        ASSERT_TRUE(eventually([&] { return count() == 2; }));
+    }
+    ASSERT_TRUE(eventually([&] { return count() == 1; }));
+    client.setMetadata("default", "default.audio.sink", R"({ "name": "two" })");
+    EXPECT_TRUE(defaultBecomes(defaultOutput, "two"));
 }
 
 TEST_F(PipeWireDevices, useOnlyClockSettingsThatCanBe)

@@ -6,6 +6,8 @@
 #include "USBRegistry.h"
 
 #include <gtest/gtest.h>
+
+#include <cmath>
 #include <spa/param/audio/format.h>
 #include <spa/param/param.h>
 #include <spa/pod/pod.h>
@@ -163,6 +165,11 @@ TEST(HALVolume, showsCubeRootsAndMovesAllChannelsInBalance)
     EXPECT_EQ(volume.mainScalar(), 0.0F);
     volume.setAmplitudes(volume.amplitudesAfter(0, 0.5F));
     EXPECT_FLOAT_EQ(*volume.channelScalars()[1], 0.1F) << "the balance survives silence";
+    for (const float strange : {INFINITY, NAN}) {
+        volume.setAmplitudes({0.5F, strange});
+        volume.setAmplitudes({strange, strange});
+        EXPECT_FLOAT_EQ(volume.amplitudesAfter(0, 1.0F)[1], 0.008F) << "and " << strange;
+    }
     for (int i = 0; i <= 1000; ++i) {
         volume.setAmplitudes(volume.amplitudesAfter(0, static_cast<float>(i) / 1000.0F));
         ASSERT_EQ(volume.mainScalar(), static_cast<float>(i) / 1000.0F) << "what is written is read";
