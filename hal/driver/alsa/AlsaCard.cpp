@@ -12,10 +12,11 @@ constexpr size_t maxPcms = 64; // of a card; upper limit of the list
 
 } // namespace
 
-CXRef<AlsaCard> AlsaCard::open(int number, const std::filesystem::path& root)
+CXRef<AlsaCard> AlsaCard::open(int number, const std::filesystem::path& root, int& error)
 {
     auto card = CXRef<AlsaCard>::adopt(new AlsaCard(number, root));
-    return card->_open() ? card : nullptr;
+    error = card->_open();
+    return error ? nullptr : card;
 }
 
 AlsaCard::AlsaCard(int cardNumber, std::filesystem::path root)
@@ -29,23 +30,26 @@ AlsaCard::~AlsaCard()
         snd_mixer_close(_mixer.elements);
 }
 
-bool AlsaCard::_open()
+int AlsaCard::_open()
 {
     const std::string card = "hw:" + std::to_string(number);
-    if (snd_mixer_open(&_mixer.elements, 0) < 0 || snd_mixer_attach(_mixer.elements, card.c_str()) < 0 ||
-        snd_mixer_selem_register(_mixer.elements, nullptr, nullptr) < 0 ||
-        snd_mixer_get_hctl(_mixer.elements, card.c_str(), &_mixer.all) < 0 ||
-        snd_mixer_poll_descriptors(_mixer.elements, &_descriptor, 1) != 1)
-        return false;
+    int error = 0;
+    if ((error = snd_mixer_open(&_mixer.elements, 0)) < 0 ||
+        (error = snd_mixer_attach(_mixer.elements, card.c_str())) < 0 ||
+        (error = snd_mixer_selem_register(_mixer.elements, nullptr, nullptr)) < 0 ||
+        (error = snd_mixer_get_hctl(_mixer.elements, card.c_str(), &_mixer.all)) < 0)
+        return error;
+    if (snd_mixer_poll_descriptors(_mixer.elements, &_descriptor, 1) != 1)
+        return -EINVAL;
     // A control that cannot be read ends the loading. The card is used with the controls before it.
     if (snd_mixer_load(_mixer.elements) < 0)
         snd_ctl_subscribe_events(snd_hctl_ctl(_mixer.all), 1); // otherwise done at the end of the loading
     const auto info = _info();
     if (!info)
-        return false;
+        return -ENODEV;
     _identity = alsaIdentity(number, *info, _root / "sys");
     _findPcms();
-    return true;
+    return 0;
 }
 
 std::string AlsaCard::pcmName(unsigned pcm) const

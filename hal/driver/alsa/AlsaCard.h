@@ -5,17 +5,25 @@
 #include "AlsaReservation.h"
 #include "CXObject.h"
 
+#include <cerrno>
 #include <mutex>
 #include <poll.h>
+
+/// Whether an error of opening a card that is present may mean that descriptors or memory have run out for
+/// now. alsa-lib looks for the card first, and reports every failure of that as if it were absent.
+constexpr bool alsaIsShortage(int error)
+{
+    return error == -EMFILE || error == -ENFILE || error == -ENOMEM || error == -ENOENT || error == -ENODEV;
+}
 
 /// One sound card, accessed through its control device: its identity, its PCMs, its controls, and whether
 /// other programs use it.
 /// Threads: any.
 class AlsaCard final : public CXObject {
 public:
-    /// Returns null if the card has disappeared or cannot be opened. The kernel's /sys and /proc are below
-    /// `root`.
-    static CXRef<AlsaCard> open(int number, const std::filesystem::path& root);
+    /// Returns null and stores alsa-lib's error if the card has disappeared or cannot be opened. The kernel's
+    /// /sys and /proc are below `root`.
+    static CXRef<AlsaCard> open(int number, const std::filesystem::path& root, int& error);
 
     const int number;
     const AlsaIdentity& identity() const noexcept { return _identity; }
@@ -46,7 +54,7 @@ private:
     AlsaCard(int number, std::filesystem::path root);
     ~AlsaCard() override;
 
-    bool _open();
+    int _open();
     void _findPcms();
     std::optional<AlsaCardInfo> _info();
     bool _pcmInfo(unsigned pcm, HALDirection direction, snd_pcm_info_t* info);

@@ -52,36 +52,39 @@ HALDeviceState AlsaDevice::state() const
     return _state;
 }
 
-void AlsaDevice::refresh()
+bool AlsaDevice::refresh()
 {
     const AlsaQuiet quiet;
     const std::scoped_lock lock(_stateMutex);
     const auto cardName = _card->name();
     if (!_sink || !cardName || !_probe())
-        return;
+        return !_isShort;
     HALDeviceState now = _state;
     _describe(*cardName, now);
     _readControls(now);
     if (now.sampleRates.empty()) // the directions have no common rate
-        return;
+        return !_isShort;
     if (!_isAdded)
         _add(std::move(now));
     else if (!(now == _state))
         _sink->deviceChanged(*this, _state = std::move(now));
+    return !_isShort;
 }
 
 /// Reads the device's abilities as far as needed; returns whether they are known. _stateMutex is held.
 bool AlsaDevice::_probe()
 {
     bool isKnown = true;
+    _isShort = false;
     for (const HALDirection direction : halDirections) {
         const auto place = static_cast<size_t>(direction);
         if (_isProbed[place])
             continue;
         int error = 0;
         auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
-        // Probed again only if it was in use, because probing opens the device.
-        _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES;
+        // Probed again only if it could not be opened for now, because probing opens the device.
+        _isShort = _isShort || alsaIsShortage(error);
+        _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES && !alsaIsShortage(error);
         if (!_isProbed[place])
             can = _abilities[place] ? _abilities[place] : _card->abilitiesInUse(_pcm.number, direction);
         _abilities[place] = std::move(can);

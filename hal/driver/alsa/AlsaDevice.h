@@ -15,8 +15,9 @@ public:
                                   HALDriverSink& sink, std::function<void()> wake);
 
     /// Reports the device's current state. The device is added once its abilities are known, by probing it or
-    /// from its use by another program. A device that was in use is probed again later.
-    void refresh();
+    /// from its use by another program. A device that was in use is probed again later. Returns
+    /// false if it must be called again soon without an event, because descriptors or memory had run out.
+    bool refresh();
     /// Ends IO and reporting. Returns whether the device was added.
     bool detach();
     /// The state reported last; without streams before the device is added.
@@ -66,4 +67,5 @@ private:
     HALDeviceState _state;
     HALDriverSink* _sink; // null after detach()
     bool _isAdded = false;
+    bool _isShort = false; // see refresh()
 };

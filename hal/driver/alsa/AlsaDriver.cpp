@@ -16,6 +16,7 @@ namespace {
 constexpr int maxCards = 256;                                         // the kernel's limit is 32 or 256
 constexpr uint32_t cardAppears = IN_CREATE | IN_MOVED_TO | IN_ATTRIB; // its file, or access rights
 constexpr uint32_t cardIsUsed = IN_OPEN | IN_CLOSE;                   // by any program
+constexpr int maxLooks = 120; // a minute; then what cannot be opened waits for an event
 
 } // namespace
 
@@ -82,6 +83,8 @@ void AlsaDriver::_run()
         if (!_readFolder(appeared) && isOnlyFolder)
             continue;
         _dropCardsThatAreGone(); // first, because a new card may reuse the number
+        const std::vector<int> unopened = std::exchange(_unopened, {});
+        appeared.insert(appeared.end(), unopened.begin(), unopened.end());
         for (const int number : appeared)
             _openCard(number);
         _refresh();
@@ -97,7 +100,10 @@ bool AlsaDriver::_wait()
         polled.push_back({entry.card->reservation().descriptor(), POLLIN, 0});
     }
     const bool isBlind = _wakeUps < 0 || _folder < 0; // out of descriptors: look now and then
-    if (poll(polled.data(), polled.size(), isBlind ? 500 : -1) < 0 && errno != EINTR)
+    const bool looksAgain = isBlind || (_isShort && _looks < maxLooks);
+    const int ready = poll(polled.data(), polled.size(), looksAgain ? 500 : -1);
+    _looks = ready == 0 ? _looks + 1 : 0;
+    if (ready < 0 && errno != EINTR)
         usleep(100'000); // out of memory: do not spin
     uint64_t count = 0;
     [[maybe_unused]] const ssize_t size = read(_wakeUps, &count, sizeof count);
@@ -150,9 +156,14 @@ void AlsaDriver::_openCard(int number)
 {
     if (_cards.contains(number))
         return;
-    Entry entry{AlsaCard::open(number, _root), {}};
-    if (!entry.card)
+    int error = 0;
+    Entry entry{AlsaCard::open(number, _root, error), {}};
+    if (!entry.card) {
+        const std::string file = "/dev/snd/controlC" + std::to_string(number);
+        if (alsaIsShortage(error) && access(file.c_str(), R_OK | W_OK) == 0)
+            _unopened.push_back(number);
         return;
+    }
     for (const AlsaPcmInfo& pcm : entry.card->pcms())
         entry.devices.push_back(AlsaDevice::init(entry.card, pcm, _periodCount, *_sink, [this] { _wake(); }));
     const std::scoped_lock lock(_mutex);
@@ -184,9 +195,11 @@ void AlsaDriver::_dropCardsThatAreGone()
 /// Refreshes every device after any event. A device reports only what has changed.
 void AlsaDriver::_refresh()
 {
+    _isShort = !_unopened.empty();
     for (const auto& [number, entry] : _cards)
         for (const CXRef<AlsaDevice>& device : entry.devices)
-            device->refresh();
+            if (!device->refresh())
+                _isShort = true;
     const std::scoped_lock lock(_mutex);
     _updateDefaults();
 }

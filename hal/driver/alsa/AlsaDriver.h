@@ -47,6 +47,10 @@ private:
     const int _folder;  // inotify; -1 when nothing can be watched
     int _devWatch = -1; // the inotify watch of /dev
     std::atomic<bool> _isStopping{false};
+    // Used by start() and the watching thread: what could not be opened, perhaps for lack of descriptors.
+    std::vector<int> _unopened; // cards, by number
+    bool _isShort = false;      // cards or devices
+    int _looks = 0;             // without an event between them
     HALDriverSink* _sink = nullptr;
 
     std::mutex _mutex; // guards what follows; held while a default device is reported

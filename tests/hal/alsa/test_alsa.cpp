@@ -183,6 +183,16 @@ TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
     }
 }
 
+TEST_F(AlsaTest, looksAgainAfterItWasOutOfDescriptors)
+{
+    FakedCards::plug({.longName = "no card", .failedOpens = {2, 0}});
+    FakedCards::plug({.longName = "no PCM", .failedOpens = {0, 2}});
+    for (const char* name : {"no card", "no PCM"}) {
+        const AudioObjectID id = device(name);
+        EXPECT_EQ(channelsOf(*hal, id, input) + channelsOf(*hal, id, output), 4U) << name;
+    }
+}
+
 TEST_F(AlsaTest, survivesACardThatReportsNonsense)
 {
     const int number = FakedCards::plug({.isHostile = true});

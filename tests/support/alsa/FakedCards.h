@@ -27,7 +27,9 @@ struct FakedCardOptions {
     std::vector<unsigned> formats{2, 10, 32}; ///< as alsa-lib numbers them; 16 and 32 bits, 24 in three bytes
     /// Names of the first and the third control.
     std::array<const char*, 2> volumeNames{"Master Playback Volume", "Capture Volume"};
-    bool isBusy = false;                        ///< starts with FakedFault::Busy
+    bool isBusy = false; ///< starts with FakedFault::Busy
+    /// How many of the first opens of the control device, and of PCMs, fail as if out of descriptors.
+    std::array<unsigned, 2> failedOpens{};
     unsigned minPeriod = 16, maxBuffer = 65536; ///< frames
     double partsPerMillion = 0.0;               ///< clock error; positive: fast
     unsigned granularity = 1;                   ///< step of its position, in frames
@@ -40,8 +42,8 @@ struct FakedCardOptions {
 };
 
 /// Sound cards of a faked kernel, for this process. The unmodified alsa-lib runs on top: a program that links
-/// this library before the C library reaches them by open(), ioctl(), mmap(), poll(), read(), close() and
-/// inotify_add_watch() on /dev/snd.
+/// this library before the C library reaches them by open(), access(), ioctl(), mmap(), poll(), read(),
+/// close() and inotify_add_watch() on /dev/snd.
 /// Threads: any.
 class FAKED_EXPORT FakedCards {
 public:

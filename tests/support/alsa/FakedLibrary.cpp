@@ -51,6 +51,10 @@ int openCard(const char* path)
         return -ENOENT;
     if (card->has(FakedFault::NoRights))
         return -EACCES;
+    if (unsigned& failures = card->options.failedOpens.at(isControl ? 0 : 1); failures > 0) {
+        --failures;
+        return -EMFILE;
+    }
     if (!isControl && card->isInUse(pcm, isCapture))
         return -EBUSY;
     const auto descriptor = static_cast<int>(syscall(SYS_eventfd2, 0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -130,6 +134,12 @@ FAKED_EXPORT int open(const char* path, int flags, ...)
 FAKED_EXPORT int __open_2(const char* path, int flags)
 {
     return open(path, flags);
+}
+
+FAKED_EXPORT int access(const char* path, int mode) noexcept
+{
+    const std::string file = isCards(path) ? kernel().folder + (path + 8) : path;
+    return static_cast<int>(syscall(SYS_faccessat, AT_FDCWD, file.c_str(), mode));
 }
 
 FAKED_EXPORT int close(int descriptor)
