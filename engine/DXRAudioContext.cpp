@@ -174,9 +174,11 @@ void DXRAudioContext::_readStreams(DXRAudioIOContext& record) const
 
 DXRAudioContext::Layouts DXRAudioContext::_readLayouts() const
 {
-    Layouts layouts{channelLayoutOf(_deviceID, _deviceUID), {}};
-    // Ignore which of the context's own parts are present: the hardware handles these, and the runner follows
-    // the devices.
+    Layouts layouts{channelLayoutOf(_deviceID, _deviceUID), {}, false};
+    // A node's aggregate runs on while one of its parts is present. Ignore which: the hardware handles these,
+    // and the runner follows the devices of nodes, of which the parts of a private aggregate are made.
+    layouts.isSilent = kind() == DXRCycleRecord::Context::Device &&
+                       std::ranges::none_of(layouts.context, &ChannelPart::isThere);
     for (ChannelPart& part : layouts.context)
         part.isThere = true;
     for (const CXRef<DXRDeviceNode>& node : _viables) {

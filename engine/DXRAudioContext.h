@@ -108,7 +108,8 @@ private:
     struct Layouts {
         ChannelLayout context;
         std::map<CXRef<DXRDeviceNode>, ChannelLayout>
-            nodes; // viable nodes on a device other than the context's
+            nodes;     // viable nodes on a device other than the context's
+        bool isSilent; // whether no part of the context's device is there, so that it has no cycles
         bool operator==(const Layouts& other) const = default;
     };
 

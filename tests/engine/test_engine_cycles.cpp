@@ -263,6 +263,35 @@ TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
     EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);
 }
 
+// The last part that is there leads the aggregate, although it has no channel that the node uses.
+TEST_F(EngineCyclesTest, reportsThatTheLastPartOfAnAggregateIsGoneUntilOneReturns)
+{
+    const auto a = aDevice().uid("a").inputs(2), b = aDevice().uid("b").outputs(2);
+    plug(a);
+    plug(b);
+    const AudioObjectID aggregate = makeAggregate(modelOf(hal), {"a", "b"}, {{"uid", "both"}});
+    settle();
+    ASSERT_TRUE(runner->addDevice(device("both", input), std::nullopt, idle));
+    runner->start();
+    unplug("a");
+    for (const auto& part : {b, a}) { // the one that returns
+        hal.stepCycles(1);
+        EXPECT_EQ(runner->activeDevices().size(), 1U);
+        unplug("b");
+        EXPECT_TRUE(runner->error());
+        EXPECT_TRUE(runner->activeDevices().empty());
+        const uint64_t restarts = runner->counts().restarts;
+        EXPECT_TRUE(eventually([&] { return runner->counts().restarts >= restarts + 3; }));
+        plug(part);
+        EXPECT_FALSE(runner->error()) << "at once, not after the next pause";
+        const uint64_t before = runner->sampleTime();
+        hal.stepCycles(1);
+        EXPECT_GT(runner->sampleTime(), before);
+    }
+    runner->stop();
+    EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);
+}
+
 TEST_F(EngineCyclesTest, followsDevicesOfAnAggregateThatSwapTheirChannelCounts)
 {
     plug(aDevice().uid("a").outputs(2).outputs(2).clockDomain(1));
