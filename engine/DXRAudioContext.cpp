@@ -481,11 +481,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         if (lists[direction])
             sampleBuffers(entries[direction], static_cast<uint32_t>(count), frameCount, lists[direction]);
     }
-    const DXRCycleTimes times =
-        record.dueTicks == 0
-            ? DXRCycleTimes()
-            : record.clock->follow(record.dueTicks, record.sampleTime, record.inputSampleTime,
-                                   record.outputSampleTime, record.sampleRate);
+    const DXRCycleTimes times = _timesOf(record);
     if (DXRCycleTrace* const trace = _io.trace.get())
         _performTraced(*trace, record, converter, entries, times);
     else
@@ -497,6 +493,21 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     record.blockPlaces[1] = converter ? converter->placeOfLastBlock(false) : frameCount;
     const uint64_t deadline = _deadlineOf(record);
     _io.noteCycle(deadline != 0 && dxr::HostClock::nowTicks() > deadline, lostFrames);
+}
+
+/// The times of this cycle; unknown if the device does not report host times.
+DXRCycleTimes DXRAudioContext::_timesOf(DXRAudioIOContext& record) noexcept
+{
+    // Blocks of a direction without data are called too: they get the times that the timer would report.
+    const auto now = static_cast<double>(record.sampleTime);
+    if (!record.buffers.input)
+        record.inputSampleTime = now - record.frameCount;
+    if (!record.buffers.output)
+        record.outputSampleTime = now + record.frameCount;
+    if (record.dueTicks == 0)
+        return {};
+    return record.clock->follow(record.dueTicks, record.sampleTime, record.inputSampleTime,
+                                record.outputSampleTime, record.sampleRate);
 }
 
 /// When the next cycle is due, in ticks; 0 if the device does not report host times.

@@ -141,6 +141,7 @@ private:
     DXRAudioConverter* _converterFor(DXRAudioIOContext& record) const CX_REALTIME;
     void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
                        const DXRCycleTimes& times) CX_REALTIME;
+    static DXRCycleTimes _timesOf(DXRAudioIOContext& record) noexcept CX_REALTIME;
     static uint64_t _deadlineOf(const DXRAudioIOContext& record) noexcept CX_REALTIME;
     void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
                         const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;
