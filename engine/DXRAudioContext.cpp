@@ -531,7 +531,8 @@ std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const
     const SubDeviceStatuses statuses = subDeviceStatusesOf(_deviceID);
     for (size_t direction = 0; direction < _nodes.size(); ++direction) {
         for (const CXRef<DXRDeviceNode>& node : _nodes[direction]) {
-            if (!_viables.contains(node))
+            // An aggregate is connected even if none of the parts that have its channels is.
+            if (!_viables.contains(node) || node->deviceUIDs().empty())
                 continue;
             latencies.push_back(
                 latencyOfSlowest(_devicesOfNode(*node), node->isInput(), (*placements)[direction], statuses));

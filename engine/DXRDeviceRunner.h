@@ -106,8 +106,8 @@ public:
     DXRRunnerCounts counts() const;
 
     /// The time that samples take between the block of each running device and the air, as of the last cycle,
-    /// inputs first; empty before the first cycle. An aggregate has the latency of its slowest part. Waits
-    /// for the queue.
+    /// inputs first; empty before the first cycle. An aggregate has the latency of its slowest part, and none
+    /// without a part. Waits for the queue.
     std::vector<DXRDeviceLatency> latencies() const;
     /// The time, in seconds, from the air to `input`, through one cycle, to `output` and into the air again.
     /// Empty if either device does not run.
