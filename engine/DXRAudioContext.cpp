@@ -550,7 +550,7 @@ std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const DXRDeviceNode&)
 std::optional<RingOffsets::Placements> DXRAudioContext::_placements() const
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    if (!_iocontext || _iocontext->lastFrameCount == 0)
+    if (!_iocontext || _iocontext->lastFrameCount == 0 || !(_iocontext->sampleRate > 0.0))
         return std::nullopt;
     const DXRAudioIOContext& record = *_iocontext;
     RingOffsets::Placements placements;

@@ -114,7 +114,7 @@ private:
         bool operator==(const Layouts& other) const = default;
     };
 
-    /// The last cycle's, for input and output; empty if there was none.
+    /// The last cycle's, for input and output; empty if there was none or its rate could not be read.
     std::optional<std::array<CyclePlacement, 2>> _placements() const;
     void _followRings();
     void _stopFollowing();

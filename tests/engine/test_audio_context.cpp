@@ -137,6 +137,7 @@ TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
         backend().sampleRate = cycle.rate;
         Cycle(cycle.sampleTime).run();
         EXPECT_EQ(calls, cycle.calls) << cycle.sampleTime << " at " << cycle.rate;
+        EXPECT_EQ(runner->latencies().empty(), cycle.rate < 1) << "unknown without a rate";
     }
 }
 
