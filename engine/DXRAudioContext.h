@@ -84,7 +84,7 @@ protected:
     /// for none.
     std::vector<uint32_t> _channelMapForNode(const CXRef<DXRDeviceNode>& node) const;
     /// Starts the nodes, and reports the rate and frame count in effect to the runner. Returns false, sets
-    /// the error, and leaves all nodes stopped if a node's buffer cannot be allocated.
+    /// the error, and leaves all nodes stopped if a node's buffer or the converter cannot be allocated.
     [[nodiscard]] bool _startIO();
     void _stopIO();
 
@@ -110,7 +110,7 @@ private:
         ChannelLayout context;
         std::map<CXRef<DXRDeviceNode>, ChannelLayout>
             nodes;     // viable nodes on a device other than the context's
-        bool isSilent; // whether no part of the context's device is there, so that it has no cycles
+        bool isSilent; // whether the context's device is an aggregate of a node without any part
         bool operator==(const Layouts& other) const = default;
     };
 
@@ -139,7 +139,8 @@ private:
     bool _followRate(DXRAudioIOContext& record, uint64_t sampleTime, double* sampleRate) const noexcept
         CX_REALTIME;
     void _leaveForNewLayout(DXRAudioIOContext& record) CX_REALTIME;
-    DXRAudioConverter* _converterFor(DXRAudioIOContext& record) const CX_REALTIME;
+    bool _makeConverter(DXRAudioIOContext& record, double sampleRate, uint32_t frameCount) const noexcept
+        CX_REALTIME;
     void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
                        const DXRCycleTimes& times) CX_REALTIME;
     static DXRCycleTimes _timesOf(DXRAudioIOContext& record) noexcept CX_REALTIME;
