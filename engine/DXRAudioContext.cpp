@@ -15,6 +15,7 @@
 #include <alloca.h>
 #include <cstdio>
 #include <iterator>
+#include <new>
 
 namespace {
 
@@ -33,6 +34,17 @@ constexpr AudioObjectPropertyAddress nominalSampleRate{
 std::string statusText(HALStatus status)
 {
     return " (status '" + stringWithFourCharCode(static_cast<uint32_t>(status)) + "')";
+}
+
+/// Why the node's buffer could not be made.
+DXRDeviceRunnerError bufferErrorOf(const DXRDeviceNode& node, uint32_t frameCount)
+{
+    const size_t channelCount = node.channels().size();
+    const bool isTooLarge = uint64_t{frameCount} * channelCount > DXRDeviceNode::maxSamples;
+    return {node.device()->deviceUID(), kAudioHardwareNoError,
+            (isTooLarge ? "too many" : "not enough memory for the") + std::string(" channels of '") +
+                node.device()->displayName() + "' for buffers of " + std::to_string(frameCount) +
+                " frames: " + std::to_string(channelCount)};
 }
 
 bool hasSampleTime(const AudioTimeStamp* time)
@@ -144,8 +156,6 @@ bool DXRAudioContext::start()
         _stopFollowing();
         return false;
     }
-    if (record->frameCount != 0)
-        _converterFor(*record);  // build its filter now, because that is too expensive for the first cycle
     record->unsafe.fetch_sub(1); // from here on, cycles may enter
     _followRings();
     return true;
@@ -300,13 +310,17 @@ bool DXRAudioContext::_startIO()
                 channel = !_iocontext || channel <= _iocontext->channels[direction] ? channel : 0;
             if (!node->startIOWithSampleRate(sampleRate, frameCount, map)) {
                 _stopIO();
-                _error = {node->device()->deviceUID(), kAudioHardwareNoError,
-                          "too many channels of '" + node->device()->displayName() + "' for buffers of " +
-                              std::to_string(frameCount) +
-                              " frames: " + std::to_string(node->channels().size())};
+                _error = bufferErrorOf(*node, frameCount);
                 return false;
             }
         }
+    }
+    // Now, because building its filter is too expensive for the first cycle.
+    if (_iocontext && _iocontext->frameCount != 0 && !_makeConverter(*_iocontext, sampleRate, frameCount)) {
+        _stopIO();
+        _error = {"", kAudioHardwareNoError,
+                  "not enough memory to convert buffers of " + std::to_string(frameCount) + " frames"};
+        return false;
     }
     _io.contextDidStart(sampleRate, frameCount);
     return true;
@@ -470,7 +484,9 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     const uint64_t lostFrames = isNext && sampleTime > expected ? sampleTime - expected : 0;
     record.lastSampleTime = sampleTime;
     record.lastFrameCount = frameCount;
-    DXRAudioConverter* const converter = _converterFor(record);
+    if (!_makeConverter(record, _io.sampleRate.value(), _io.frameCount.value()))
+        return _leaveForNewLayout(record); // the start of the next context reports the error
+    DXRAudioConverter* const converter = record.converter.get();
 
     DXRChannelEntry* entries[2];
     for (size_t direction = 0; direction < 2; ++direction) {
@@ -481,11 +497,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
         if (lists[direction])
             sampleBuffers(entries[direction], static_cast<uint32_t>(count), frameCount, lists[direction]);
     }
-    const DXRCycleTimes times =
-        record.dueTicks == 0
-            ? DXRCycleTimes()
-            : record.clock->follow(record.dueTicks, record.sampleTime, record.inputSampleTime,
-                                   record.outputSampleTime, record.sampleRate);
+    const DXRCycleTimes times = _timesOf(record);
     if (DXRCycleTrace* const trace = _io.trace.get())
         _performTraced(*trace, record, converter, entries, times);
     else
@@ -497,6 +509,21 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     record.blockPlaces[1] = converter ? converter->placeOfLastBlock(false) : frameCount;
     const uint64_t deadline = _deadlineOf(record);
     _io.noteCycle(deadline != 0 && dxr::HostClock::nowTicks() > deadline, lostFrames);
+}
+
+/// The times of this cycle; unknown if the device does not report host times.
+DXRCycleTimes DXRAudioContext::_timesOf(DXRAudioIOContext& record) noexcept
+{
+    // Blocks of a direction without data are called too: they get the times that the timer would report.
+    const auto now = static_cast<double>(record.sampleTime);
+    if (!record.buffers.input)
+        record.inputSampleTime = now - record.frameCount;
+    if (!record.buffers.output)
+        record.outputSampleTime = now + record.frameCount;
+    if (record.dueTicks == 0)
+        return {};
+    return record.clock->follow(record.dueTicks, record.sampleTime, record.inputSampleTime,
+                                record.outputSampleTime, record.sampleRate);
 }
 
 /// When the next cycle is due, in ticks; 0 if the device does not report host times.
@@ -520,7 +547,8 @@ std::vector<DXRDeviceLatency> DXRAudioContext::latencies() const
     const SubDeviceStatuses statuses = subDeviceStatusesOf(_deviceID);
     for (size_t direction = 0; direction < _nodes.size(); ++direction) {
         for (const CXRef<DXRDeviceNode>& node : _nodes[direction]) {
-            if (!_viables.contains(node))
+            // An aggregate is connected even if none of the parts that have its channels is.
+            if (!_viables.contains(node) || node->deviceUIDs().empty())
                 continue;
             latencies.push_back(
                 latencyOfSlowest(_devicesOfNode(*node), node->isInput(), (*placements)[direction], statuses));
@@ -538,7 +566,7 @@ std::vector<AudioObjectID> DXRAudioContext::_devicesOfNode(const DXRDeviceNode&)
 std::optional<RingOffsets::Placements> DXRAudioContext::_placements() const
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    if (!_iocontext || _iocontext->lastFrameCount == 0)
+    if (!_iocontext || _iocontext->lastFrameCount == 0 || !(_iocontext->sampleRate > 0.0))
         return std::nullopt;
     const DXRAudioIOContext& record = *_iocontext;
     RingOffsets::Placements placements;
@@ -592,25 +620,25 @@ void DXRAudioContext::_leaveForNewLayout(DXRAudioIOContext& record)
     _queue->dispatchAsync(record.ending);
 }
 
-/// Null if the device runs at the runner's format.
-DXRAudioConverter* DXRAudioContext::_converterFor(DXRAudioIOContext& record) const
+/// Makes the converter between the device's format and the runner's, unless they are equal or it exists.
+/// Returns false if memory is exhausted.
+bool DXRAudioContext::_makeConverter(DXRAudioIOContext& record, double sampleRate,
+                                     uint32_t frameCount) const noexcept
 {
-    const uint32_t frameCount = _io.frameCount.value();
-    const double sampleRate = _io.sampleRate.value();
-    if (record.frameCount == frameCount && record.sampleRate == sampleRate)
-        return nullptr;
-    if (!record.converter || record.converter->convertedFrameCount() != frameCount ||
-        record.converter->convertedSampleRate() != sampleRate) {
-        const CXRealtimeExemption exemption(
-            "a new converter after a change of format, which is heard anyway");
+    if (record.converter || (record.frameCount == frameCount && record.sampleRate == sampleRate))
+        return true;
+    const CXRealtimeExemption exemption("a new converter after a change of format, which is heard anyway");
+    try {
         DXRAudioConverter::Nodes nodes[2];
         for (size_t direction = 0; direction < 2; ++direction)
             nodes[direction].assign(_nodes[direction].begin(), _nodes[direction].end());
         record.converter =
             DXRAudioConverter::initWithNodes(nodes, record.channels, record.sampleRate, sampleRate,
                                              record.frameCount, frameCount, _io.conversionQuality);
+    } catch (const std::bad_alloc&) {
+        return false;
     }
-    return record.converter.get();
+    return true;
 }
 
 void DXRAudioContext::_performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],

@@ -60,7 +60,8 @@ public:
     /// Ends IO: no node is called after it has returned. Does nothing if IO is not running.
     virtual void stop();
 
-    /// The latency of each viable node's device, inputs first; empty before the first cycle.
+    /// The latency of each viable node's device, inputs first; empty before the first cycle. An aggregate none
+    /// of whose parts carries a channel has none.
     std::vector<DXRDeviceLatency> latencies() const;
 
     /// "<DXRAudioContext: address, (ID) UID>"; without a device only the address.
@@ -83,7 +84,7 @@ protected:
     /// for none.
     std::vector<uint32_t> _channelMapForNode(const CXRef<DXRDeviceNode>& node) const;
     /// Starts the nodes, and reports the rate and frame count in effect to the runner. Returns false, sets
-    /// the error, and leaves all nodes stopped if a node's buffer cannot be allocated.
+    /// the error, and leaves all nodes stopped if a node's buffer or the converter cannot be allocated.
     [[nodiscard]] bool _startIO();
     void _stopIO();
 
@@ -109,11 +110,11 @@ private:
         ChannelLayout context;
         std::map<CXRef<DXRDeviceNode>, ChannelLayout>
             nodes;     // viable nodes on a device other than the context's
-        bool isSilent; // whether no part of the context's device is there, so that it has no cycles
+        bool isSilent; // whether the context's device is an aggregate of a node without any part
         bool operator==(const Layouts& other) const = default;
     };
 
-    /// The last cycle's, for input and output; empty if there was none.
+    /// The last cycle's, for input and output; empty if there was none or its rate could not be read.
     std::optional<std::array<CyclePlacement, 2>> _placements() const;
     void _followRings();
     void _stopFollowing();
@@ -138,9 +139,11 @@ private:
     bool _followRate(DXRAudioIOContext& record, uint64_t sampleTime, double* sampleRate) const noexcept
         CX_REALTIME;
     void _leaveForNewLayout(DXRAudioIOContext& record) CX_REALTIME;
-    DXRAudioConverter* _converterFor(DXRAudioIOContext& record) const CX_REALTIME;
+    bool _makeConverter(DXRAudioIOContext& record, double sampleRate, uint32_t frameCount) const noexcept
+        CX_REALTIME;
     void _performNodes(DXRAudioConverter* converter, const DXRChannelEntry* const samples[2],
                        const DXRCycleTimes& times) CX_REALTIME;
+    static DXRCycleTimes _timesOf(DXRAudioIOContext& record) noexcept CX_REALTIME;
     static uint64_t _deadlineOf(const DXRAudioIOContext& record) noexcept CX_REALTIME;
     void _performTraced(DXRCycleTrace& trace, const DXRAudioIOContext& record, DXRAudioConverter* converter,
                         const DXRChannelEntry* const samples[2], const DXRCycleTimes& times) CX_REALTIME;

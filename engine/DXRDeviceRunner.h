@@ -106,8 +106,8 @@ public:
     DXRRunnerCounts counts() const;
 
     /// The time that samples take between the block of each running device and the air, as of the last cycle,
-    /// inputs first; empty before the first cycle. An aggregate has the latency of its slowest part. Waits
-    /// for the queue.
+    /// inputs first; empty before the first cycle. An aggregate has the latency of its slowest part, and none
+    /// without a part. Waits for the queue.
     std::vector<DXRDeviceLatency> latencies() const;
     /// The time, in seconds, from the air to `input`, through one cycle, to `output` and into the air again.
     /// Empty if either device does not run.
@@ -116,12 +116,13 @@ public:
 
     // -- Notifications
 
-    /// Calls `block` after every change of an observable key: on `queue`, or on the runner's own queue if it
-    /// is null. Replaces the previous notifier; an empty block removes it.
+    /// Calls `block` after every change of an observable key, except by setFrameCount() and setSampleRate():
+    /// on `queue`, or on the runner's own queue if it is null. Replaces the previous notifier; an empty block
+    /// removes it.
     void setNotifier(const CXRef<dxr::WorkQueue>& queue, const Notifier& block);
     /// Calls `block` on the runner's queue when devices of the computer appear, disappear or change, like a
-    /// notifier of the device manager. Adding a block twice has no
-    /// effect. The block is not called after its removal.
+    /// notifier of the device manager. Adding a block twice has no effect. The block is not called after its
+    /// removal.
     void addDeviceNotifier(const DeviceNotifier& block);
     void removeDeviceNotifier(const DeviceNotifier& block);
     /// Returns a listener, not yet started, that calls `block` on the runner's queue. The caller must keep

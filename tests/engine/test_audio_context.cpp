@@ -12,6 +12,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sys/resource.h>
+#include <unistd.h>
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -130,6 +134,7 @@ TEST_F(DXRAudioContextTest, readsTheRateAtFirstAndWhenTimeGoesBack)
         backend().sampleRate = rate;
         Cycle(sampleTime).run();
         EXPECT_EQ(calls, callsAfter) << sampleTime << " at " << rate;
+        EXPECT_EQ(runner->latencies().empty(), rate < 1) << "unknown without a rate";
     }
 }
 
@@ -238,6 +243,34 @@ TEST_F(DXRAudioContextTest, refusesNodesThatNoBufferHolds)
     EXPECT_TRUE(runner->activeDevices().empty());
     unplug(); // the timer context cannot run the node either
     EXPECT_TRUE(runner->error());
+}
+
+// The buffer of the node fits into memory, the converter's does not.
+TEST_F(DXRAudioContextTest, reportsThatMemoryIsExhausted)
+{
+#ifdef DXR_SANITIZED
+    GTEST_SKIP() << "the sanitizers exceed a limited address space";
+#endif
+    constexpr uint32_t frameCount = 1U << 20, channels = 30;
+    backend().unplug("duplex");
+    backend().plug(aDevice().uid("duplex").outputs(channels).bufferFrameSize(frames));
+    settle();
+    DXRDeviceRunner::Channels all(channels);
+    std::iota(all.begin(), all.end(), 1);
+    ASSERT_TRUE(runner->setFrameCount(frameCount));
+    runner->removeDevice(device(false));
+    ASSERT_TRUE(runner->addDevice(device(false), all, [](uint64_t, DXRBuffer&) {}));
+    rlimit before{};
+    getrlimit(RLIMIT_AS, &before);
+    size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlim_t bufferSize = rlim_t{frameCount} * channels * sizeof(float);
+    const rlimit limit{pages * static_cast<rlim_t>(getpagesize()) + bufferSize * 8 / 5, before.rlim_max};
+    setrlimit(RLIMIT_AS, &limit);
+    runner->start();
+    setrlimit(RLIMIT_AS, &before);
+    EXPECT_EQ(runner->error().text.substr(0, 28), "not enough memory to convert") << runner->error().text;
+    EXPECT_TRUE(eventually([this] { return !runner->error(); })) << "tried again";
 }
 
 TEST_F(DXRAudioContextTest, countsCyclesThatEndAfterTheNextIsDue)

@@ -92,10 +92,12 @@ TEST_F(EngineCyclesTest, leavesTheBufferOfAnAbsentInputAsItIs)
     plug(aDevice().uid("mic").inputs(1));
     plug(aDevice().uid("out").outputs(2).bufferFrameSize(frames).bufferFrameSizeRange(frames, frames));
     std::vector<float> seen;
+    uint64_t lastHostTime = 0;
     ASSERT_TRUE(runner->addDevice(device("out", output), std::nullopt, idle));
     ASSERT_TRUE(runner->addDevice(device("mic", input), std::nullopt, [&](uint64_t, DXRBuffer& heard) {
         const CXRealtimeExemption exemption("the test's own bookkeeping");
         seen.push_back(std::exchange(heard.samples()[0], 7.0F));
+        EXPECT_GT(heard.hostTime(), std::exchange(lastHostTime, heard.hostTime())) << "time goes on";
     }));
     unplug("mic");
     for (const uint32_t runnerFrames : {frames, frames / 2}) {
