@@ -163,10 +163,10 @@ void DXRDevice::_logAdded() const
         DXRDebugLog("Added %s: %s\n", description().c_str(), CXJSONWithPlist(archive()).c_str());
 }
 
-void DXRDevice::_connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
+bool DXRDevice::_connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
 {
     if (!deviceReference)
-        return;
+        return false;
     const bool isUnchanged = _locked([&] {
         const bool isSame = _deviceID == deviceID &&
                             (_reference == deviceReference || _reference->isEqual(deviceReference.get()));
@@ -177,10 +177,11 @@ void DXRDevice::_connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>
         return isSame;
     });
     if (isUnchanged)
-        return;
+        return false;
     _updatePropertyListeners(); // before reading, as in _initWithDeviceID()
     if (!_updateCachedProperties())
         _kvo->updateAllValues(); // old values, but connected
+    return true;
 }
 
 void DXRDevice::_disconnect()
@@ -563,8 +564,8 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
     });
 }
 
-/// Reads the hardware when it has not notified of a change. The keeper repeats failed reads, and is told of any
-/// change, because its notification may find the new value stored already.
+/// Reads the hardware when it has not notified of a change. Reports failed reads to the keeper, which repeats
+/// them, and any change, because its notification may find the new value stored already.
 bool DXRDevice::_refreshUnnotified()
 {
     const DXRDeviceValues before = _locked([&] { return *_values; });

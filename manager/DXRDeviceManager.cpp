@@ -575,10 +575,10 @@ void DXRDeviceManager::_updateDeviceInfo(DXRDeviceInfo& info, AudioObjectID devi
         CXRef<DXRDevice>& stashed = info.stashed(isInput);
         const CXRef<DXRDeviceReference>& reference = info.currentReference(isInput);
         if (reference && live) {
-            DXRDeviceControl(*live).connect(deviceID, reference);
+            const bool isReconnected = DXRDeviceControl(*live).connect(deviceID, reference);
             if (!disconnected)
                 connected.insert(live);
-            else if (DXRDeviceControl(*live).refreshIfIncomplete())
+            else if (DXRDeviceControl(*live).refreshIfIncomplete() || isReconnected)
                 _updatedDevices.insert(live);
         } else if (reference) {
             if (stashed) {
@@ -665,8 +665,8 @@ bool DXRDeviceManager::_updateDefaultDevices()
     return hasChanged;
 }
 
-/// Each value is compared with the announced one even if no slot has changed: a device that was refreshed while
-/// another one was the default has announced that.
+/// Each value is compared with the announced one even if no slot has changed: a device that was refreshed
+/// while another one was the default has announced that.
 void DXRDeviceManager::_announceDefaultDevices()
 {
     for (const auto& [deviceID, info] : _connectedDevicesByID->infos()) {

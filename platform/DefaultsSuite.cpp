@@ -230,9 +230,8 @@ void DefaultsSuite::_keepInMemory(const Edit& edit)
         _pending.assign(1, [unsaved = _unsaved](const DefaultsSnapshot&) { return unsaved; });
 }
 
-/// Makes the stored rows with the unsaved changes visible to the threads of this process, and notes which
-/// observed keys change: a change may be undone before the watcher calls the observers, but its value has been
-/// visible.
+/// Makes the stored rows with the unsaved changes visible to the threads of this process. Notes the observed
+/// keys that change: a change may be undone before the watcher calls the observers, but it has been visible.
 void DefaultsSuite::_publish()
 {
     CXRef<DefaultsSnapshot> snapshot = DefaultsSnapshot::initWithRows(merged(_stored, _unsaved));
