@@ -3,11 +3,14 @@
 #include "DefaultsSuite.h"
 #include "Eventually.h"
 #include "InChild.h"
+#include "Port.h"
+#include "SerialQueue.h"
 
 #include <csignal>
 #include <fcntl.h>
 #include <future>
 #include <sqlite3.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -242,6 +245,34 @@ TEST_F(Defaults, areNotReadFromAFileWhoseLogCannotBeOpened)
         });
 }
 
+TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
+{
+    const bool isRoot = geteuid() == 0; // root has no limit
+    EXPECT_EQ(std::system(isRoot ? ("chown -R 65534 '" + home.string() + "'").c_str() : "true"), 0);
+    inChild([&] {
+        const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("delayed");
+        rlimit threads{};
+        getrlimit(RLIMIT_NPROC, &threads);
+        const rlimit none{1, threads.rlim_max};
+        setrlimit(RLIMIT_NPROC, &none);
+        ASSERT_EQ(isRoot ? setresuid(65534, 65534, 65534) : 0, 0);
+        const CapturedLog log;
+        EXPECT_TRUE(suite()->load());
+        EXPECT_TRUE(write("a", "1"));
+        std::atomic<int> refused{0}, accepted{0}, calls{0};
+        EXPECT_THROW(queue->after(0, [&] { ++refused; }), std::system_error);
+        EXPECT_EQ(dxr::Port::initWithDescriptor(eventfd(0, EFD_CLOEXEC)), nullptr);
+        setrlimit(RLIMIT_NPROC, &threads);
+        queue->after(0, [&] { ++accepted; });
+        EXPECT_TRUE(eventually([&] { return accepted == 1; }));
+        EXPECT_EQ(refused, 0);
+        suite()->addObserver("a", [&] { ++calls; });
+        Connection{file}("UPDATE entries SET value='2'");
+        EXPECT_TRUE(eventually([&] { return calls == 1; }));
+        EXPECT_EQ(log.lines().size(), 1U) << "of the settings";
+    });
+}
+
 TEST_F(Defaults, setDamagedFilesAside)
 {
     const auto isSetAside = [this](const std::string& bytes) {
@@ -296,6 +327,29 @@ TEST_F(Defaults, setDamagedFilesAside)
                 << std::string(16'384, 'x');
             EXPECT_TRUE(write("c", "3"));
             EXPECT_EQ(log.lines().size(), 1U) << testing::PrintToString(log.lines());
+            EXPECT_EQ(contents(), all);
+        });
+        inChild([&] { EXPECT_EQ(contents(), all); });
+    }
+
+    // Another process that detects the damage sets the file aside. It may end before it creates the next one,
+    // and may write to that before this process reads it.
+    const std::pair<std::optional<std::string>, std::string> next[] = {{{}, "0"}, {"", "0"}, {good, "1"}};
+    for (const auto& [bytes, old] : next) {
+        SCOPED_TRACE(bytes ? bytes->size() : -1);
+        const std::string value(100, filler++), all = "a=1 b=" + value + " c=3 old=" + old + " ";
+        inChild([&, &newBytes = bytes] {
+            EXPECT_TRUE(write("b", value));
+            EXPECT_TRUE(write("old", "0"));
+            const int opener = open((file.string() + ".lock").c_str(), O_RDONLY);
+            ASSERT_EQ(flock(opener, LOCK_EX), 0);
+            for (const char* part : {"-wal", "-shm", ""})
+                fs::rename(file.string() + part, file.string() + ".damaged-another" + part);
+            if (newBytes)
+                std::ofstream(file, std::ios::binary) << *newBytes;
+            EXPECT_EQ(flock(opener, LOCK_UN), 0);
+            EXPECT_TRUE(
+                eventually([&] { return textOf(file.string() + "-wal").find(value) != std::string::npos; }));
             EXPECT_EQ(contents(), all);
         });
         inChild([&] { EXPECT_EQ(contents(), all); });
