@@ -179,6 +179,7 @@ TEST_F(CInterface, playsAndRecordsSoundsFrameByFrame)
 
 struct Playing {
     dxr_runner* runner;
+    int result;
     int calls = 0;
     bool wasSilent = true;
     bool wasRefused = true;
@@ -198,22 +199,27 @@ struct Playing {
             return 0;
         const CXRealtimeExemption exemption("a lock: the way out for languages that collect garbage");
         it.released = dxr_release(it.runner);
-        return 1;
+        return it.result;
     }
 };
 
 TEST_F(CInterface, givesAnAudioCallbackSilenceAndLetsItReleaseTheRunner)
 {
     simulate();
-    Playing seen{runner};
-    ASSERT_EQ(add(nullptr, Playing::callback, &seen), DXR_OK);
-    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
-    advance(100);
-    EXPECT_EQ(seen.calls, 3) << "none after the one that returned 1";
-    EXPECT_TRUE(seen.wasSilent) << "also when the last cycle was not";
-    EXPECT_TRUE(seen.wasRefused) << "what may block";
-    EXPECT_EQ(seen.released, DXR_OK);
-    EXPECT_EQ(dxr_runner_stop(runner), DXR_ERROR_HANDLE);
+    for (const int result : {1, 0}) {
+        Playing seen{runner, result};
+        ASSERT_EQ(add(nullptr, Playing::callback, &seen), DXR_OK);
+        const auto keepBusy = [](void*) { sleepForMilliseconds(20); }; // the thread that would stop it
+        ASSERT_EQ(dxr_runner_follow(runner, keepBusy, nullptr), DXR_OK);
+        ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+        advance(100);
+        EXPECT_EQ(seen.calls, 3) << "none after the one that released it and returned " << result;
+        EXPECT_TRUE(seen.wasSilent) << "also when the last cycle was not";
+        EXPECT_TRUE(seen.wasRefused) << "what may block";
+        EXPECT_EQ(seen.released, DXR_OK);
+        EXPECT_EQ(dxr_runner_stop(runner), DXR_ERROR_HANDLE);
+        ASSERT_EQ(dxr_runner_new(&runner), DXR_OK);
+    }
 }
 
 struct Following {
@@ -271,18 +277,20 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
         EXPECT_EQ(dxr_release(output), released) << "as often as it was given";
     ASSERT_EQ(dxr_release(other), DXR_OK);
 
-    int changes = 0;
+    std::pair<dxr_follower*, int> third{nullptr, 0}; // and the number of its calls
     const auto releaseTooMuch = [](dxr_device* device, dxr_change change, void* user) {
-        *static_cast<int*>(user) += change == DXR_UPDATED ? 0 : 1;
+        auto& [follower, calls] = *static_cast<decltype(third)*>(user);
+        calls += change == DXR_UPDATED ? 0 : 1;
         dxr_release(device);
+        if (calls == 3)
+            dxr_release(follower);
     };
-    ASSERT_EQ(dxr_follow(releaseTooMuch, &changes, &other), DXR_OK);
+    ASSERT_EQ(dxr_follow(releaseTooMuch, &third, &third.first), DXR_OK);
     ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
     ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
     ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
     ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
-    EXPECT_EQ(changes, 4);
-    ASSERT_EQ(dxr_release(other), DXR_OK);
+    EXPECT_EQ(third.second, 3) << "not for the other direction, which has connected too";
     dxr_device* const* devices = nullptr;
     size_t count = 0;
     ASSERT_EQ(dxr_devices(&devices, &count), DXR_OK);
