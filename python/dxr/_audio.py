@@ -12,7 +12,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from ._devices import Device, Direction, default, device_list, direction_number
-from ._library import ArgumentError, callbacks_change, check, decoded, ffi, in_callback, lib, owned, release, result
+from ._library import ArgumentError, NotFoundError, callbacks_change, check, decoded, ffi, in_callback, lib, owned, release, result
 
 Samples = NDArray[np.float32]
 
@@ -248,6 +248,8 @@ def _chosen(device: Where, direction: Direction) -> list[tuple[Device | Directio
             raise ArgumentError(f"not {device!r} but an {direction}, or a dxr.Device: see dxr.device()")
         return [(direction, default(direction))]
     chosen = [device] if isinstance(device, Device) else list(device)
+    if not chosen:
+        raise NotFoundError(f"no {direction} is given: the list of devices is empty")
     for each in chosen:
         if not isinstance(each, Device):
             raise TypeError(f"a dxr.Device is wanted, not {type(each).__name__}")
