@@ -1,6 +1,5 @@
 #include "Follower.h"
 
-#include "Events.h"
 #include "Handles.h"
 #include "LogSink.h"
 
@@ -33,9 +32,10 @@ void takeBack(const dxr_device* handle)
 
 Follower::Follower(dxr_device_callback callback, void* user)
 {
-    _block = [callback, user](const auto& connected, const auto& disconnected, const auto& updated) {
+    _block = [notice = _notice, callback, user](const auto& connected, const auto& disconnected,
+                                                const auto& updated) {
         const auto report = [&](const CXRef<DXRDevice>& device, dxr_change change) {
-            auto* const handle = lend(device);
+            auto* const handle = notice->isOver ? nullptr : lend(device);
             if (!handle)
                 return;
             callback(handle, change, user);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DXRDeviceManager.h"
+#include "Events.h"
 #include "dxr/c.h"
 
 namespace dxr_c {
@@ -9,10 +10,15 @@ namespace dxr_c {
 class Follower final : public CXObject {
 public:
     Follower(dxr_device_callback callback, void* user);
-    ~Follower() override { manager().removeDeviceNotifier(_block, DXRDeviceManager::WhenRunning::Wait); }
+    ~Follower() override
+    {
+        _notice->isOver = true; // in its own callback, nothing waits for the rest of the changes
+        manager().removeDeviceNotifier(_block, DXRDeviceManager::WhenRunning::Wait);
+    }
     static DXRDeviceManager& manager() { return DXRDeviceManager::sharedDeviceManager(); }
 
 private:
+    const CXRef<Notice> _notice = CXRef<Notice>::adopt(new Notice);
     DXRDeviceManager::NotifierBlock _block;
 };
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -36,10 +37,10 @@ public:
         return *handles;
     }
 
-    template <class Handle> Handle* give(Kind kind, CXRef<CXObject> object)
+    template <class Handle> Handle* give(Kind kind, const CXRef<CXObject>& object)
     {
         const std::scoped_lock lock(_mutex);
-        return reinterpret_cast<Handle*>(_give(kind, std::move(object)));
+        return reinterpret_cast<Handle*>(_give(kind, object));
     }
     /// The object; fails if `handle` is not a handle of that kind.
     template <class Object> CXRef<Object> object(const void* handle, Kind kind)
@@ -85,16 +86,21 @@ private:
     };
     using Entries = std::unordered_map<uintptr_t, Entry>;
 
-    uintptr_t _give(Kind kind, CXRef<CXObject> object)
+    uintptr_t _give(Kind kind, const CXRef<CXObject>& object)
     {
         if (const auto known = _devices.find(&*object); known != _devices.end()) {
             ++_entries.at(known->second).count;
             return known->second;
         }
         const uintptr_t handle = ++_last * 16 + static_cast<uintptr_t>(kind);
-        if (kind == Kind::Device)
-            _devices.emplace(&*object, handle);
-        _entries.emplace(handle, Entry{1, std::move(object)});
+        const auto entry = _entries.emplace(handle, Entry{1, object}).first;
+        try {
+            if (kind == Kind::Device)
+                _devices.emplace(&*object, handle);
+        } catch (const std::bad_alloc&) { // the tables must agree
+            _entries.erase(entry);
+            throw;
+        }
         return handle;
     }
     Entries::iterator _entry(const void* handle, std::optional<Kind> kind)

@@ -17,22 +17,21 @@ using namespace dxr_c;
 
 namespace {
 
-/// Ends the object of a handle whose last reference was released. A call on another thread may still hold
-/// it.
-void end(CXObject& object)
-{
-    if (auto* const runner = dynamic_cast<Runner*>(&object))
-        runner->end();
-}
-
+/// Ends the object of a handle whose last reference was released; a call on another thread may still hold it.
 /// In an audio callback the object is ended and destroyed on another thread: a runner would wait for the
 /// callback, and memory is freed.
 void letGo(CXRef<CXObject> object, bool inCycle)
 {
+    auto* const runner = dynamic_cast<Runner*>(object.get());
+    if (runner)
+        runner->isOver = true;
     if (object && inCycle)
-        events().async([kept = std::move(object)] { end(*kept); });
-    else if (object)
-        end(*object);
+        return events().async([kept = std::move(object), runner] {
+            if (runner)
+                runner->end();
+        });
+    if (runner)
+        runner->end();
 }
 
 } // namespace

@@ -1,7 +1,5 @@
 #include "Runner.h"
 
-#include "Events.h"
-
 #include <utility>
 
 namespace dxr_c {
@@ -17,7 +15,7 @@ bool& isInAudioCallback() noexcept
 
 void Runner::end()
 {
-    _isOver = true;
+    isOver = true;
     follow({});
     runner->stop();
 }
@@ -28,7 +26,7 @@ void Runner::follow(const CXBlock<void()>& block)
     CXRef<Notice> before;
     {
         const std::scoped_lock lock(_mutex);
-        if (block && _isOver)
+        if (block && isOver)
             return;
         before = std::exchange(_notice, notice);
         if (!block && !before)
@@ -52,7 +50,7 @@ DXRIOBlock Runner::blockFor(dxr_io io, void* user, bool input)
     return [this, io, user, input](uint64_t sampleTime, DXRBuffer& buffer) {
         if (!input)
             buffer.mute();
-        if (hasEnded.load(std::memory_order_relaxed) || _isOver.load(std::memory_order_relaxed))
+        if (hasEnded.load(std::memory_order_relaxed) || isOver.load(std::memory_order_relaxed))
             return;
         const dxr_cycle cycle = {sizeof cycle,       sampleTime,          buffer.hostTime(),
                                  buffer.samples(),   buffer.frameCount(), buffer.channelCount(),

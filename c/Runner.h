@@ -1,6 +1,7 @@
 #pragma once
 
 #include "DXRDeviceRunner.h"
+#include "Events.h"
 #include "dxr/c.h"
 
 #include <atomic>
@@ -25,13 +26,10 @@ public:
     const CXRef<DXRDeviceRunner> runner;
     /// A callback has requested a stop: no callback is called until the next start.
     std::atomic<bool> hasEnded{false};
+    /// The handle was released: no callback is called any more.
+    std::atomic<bool> isOver{false};
 
 private:
-    std::atomic<bool> _isOver{false}; // the handle was released: no callback is called any more
-    /// A block that may still be pending when it is replaced.
-    struct Notice final : CXObject {
-        std::atomic<bool> isOver{false};
-    };
     std::mutex _mutex;
     CXRef<Notice> _notice; // guarded by _mutex
 };

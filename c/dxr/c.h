@@ -95,7 +95,7 @@ DXR_C_API const char* dxr_error_text(void);
 DXR_C_API uint64_t dxr_now(void);
 DXR_C_API dxr_status dxr_retain(const void* handle);
 /* `handle` may be null. Releasing the last reference first ends a follower or stops a runner: its callbacks
- * do not run after this returns, unless one of them made the call. */
+ * do not run after this returns; if one of them made the call, that call is the last. */
 DXR_C_API dxr_status dxr_release(const void* handle);
 /* `memory` may be null. Freeing a list of devices also releases its handles. */
 DXR_C_API dxr_status dxr_free(const void* memory);

@@ -12,7 +12,8 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from ._devices import Device, Direction, default, device_list, direction_number
-from ._library import ArgumentError, callbacks_change, check, decoded, ffi, in_callback, lib, owned, release, result
+from ._library import ArgumentError, NotFoundError, RefusedError, callbacks_change, check, decoded, ffi, in_callback, lib, owned
+from ._library import release, result
 
 Samples = NDArray[np.float32]
 
@@ -248,6 +249,8 @@ def _chosen(device: Where, direction: Direction) -> list[tuple[Device | Directio
             raise ArgumentError(f"not {device!r} but an {direction}, or a dxr.Device: see dxr.device()")
         return [(direction, default(direction))]
     chosen = [device] if isinstance(device, Device) else list(device)
+    if not chosen:
+        raise NotFoundError(f"no {direction} is given: the list of devices is empty")
     for each in chosen:
         if not isinstance(each, Device):
             raise TypeError(f"a dxr.Device is wanted, not {type(each).__name__}")
@@ -262,15 +265,26 @@ def _channels(count: int, device: Device) -> list[int]:
     return list(device.stereo_channels) if count == 2 else list(range(1, count + 1))
 
 
-def _wait_for(runner: Runner, sounds: list[Sound], frames: int) -> None:
-    while any(sound.position < frames for sound in sounds):
+_PATIENCE = 5.0  # seconds; the runner tries to start its devices again meanwhile
+
+
+def _wait_until(runner: Runner, is_done: Callable[[], bool]) -> None:
+    """Waits until `is_done` returns true. Raises RefusedError if the runner has had no audio for _PATIENCE."""
+    last_good = time.monotonic()
+    while not is_done():
+        error = runner.state.error
+        now = time.monotonic()
+        if not error:
+            last_good = now
+        elif now - last_good > _PATIENCE:
+            raise RefusedError(error)
         time.sleep(0.01)
 
 
 def play(samples: ArrayLike, sample_rate: float, device: Where = None, wait: bool = True) -> Runner:
     """Plays samples, frames or frames x channels, on a device, on several at once, or on the default output.
     A single channel is played on two. Returns when all has been played, or with `wait=False` at once; returns
-    the runner."""
+    the runner. Raises RefusedError if a device refuses to start for five seconds."""
     array = _samples_of(samples)
     runner = Runner(sample_rate)
     sounds = []
@@ -283,17 +297,16 @@ def play(samples: ArrayLike, sample_rate: float, device: Where = None, wait: boo
     runner.start()
     if wait:
         with runner:
-            _wait_for(runner, sounds, len(array))
+            _wait_until(runner, lambda: all(sound.position >= len(array) for sound in sounds))
             state = runner.state  # one block and a cycle or two are still on the way to the loudspeaker
             end = state.sample_time + 4 * state.frames
-            while runner.state.sample_time < end:
-                time.sleep(0.005)
+            _wait_until(runner, lambda: runner.state.sample_time >= end)
     return runner
 
 
 def record(frames: int, sample_rate: float = 48000.0, channels: int | None = None, device: Where = None) -> Samples:
     """Records `frames` frames from a device, from several side by side, or from the default input. Returns
-    frames x channels; by default all channels of a device."""
+    frames x channels; by default all channels of a device. Raises RefusedError as play() does."""
     _require_whole(frames, "frames")
     runner = Runner(sample_rate)
     sounds = []
@@ -303,7 +316,7 @@ def record(frames: int, sample_rate: float = 48000.0, channels: int | None = Non
         runner.add(where, sound, _channels(count, now))
         sounds.append(sound)
     with runner:
-        _wait_for(runner, sounds, frames)
+        _wait_until(runner, lambda: all(sound.position >= frames for sound in sounds))
     return sounds[0].samples if len(sounds) == 1 else np.hstack([sound.samples for sound in sounds])
 
 

@@ -44,6 +44,17 @@ def test_one_call_plays_on_two_devices(computer, cable):
     computer.unplug("other")
 
 
+@pytest.mark.parametrize("run", [lambda: dxr.play(TONE, 48000), lambda: dxr.record(480)], ids=["play", "record"])
+def test_a_device_that_refuses_to_start_is_an_error(computer, cable, monkeypatch, run):
+    monkeypatch.setattr(dxr._audio, "_PATIENCE", 0.3)
+    computer.fail(starts=True)
+    try:
+        with pytest.raises(dxr.RefusedError, match="start"):
+            run()
+    finally:
+        computer.fail()
+
+
 def test_callbacks_get_arrays_and_may_end_it(cable):
     seen = []
 

@@ -56,6 +56,7 @@ BAD = {
     "complex numbers": (lambda d: dxr.play(np.zeros(4, complex), 48000), TypeError, "not complex128"),
     "channels": (lambda d: dxr.play(np.zeros((8, 5)), 48000, d), ValueError, "5 channels are wanted, 'Cable' has 2"),
     "an input to play on": (lambda d: dxr.play(np.zeros(8), 48000, d.counterpart), ValueError, "is an input"),
+    "an empty list": (lambda d: dxr.play(np.zeros(8), 48000, []), dxr.NotFoundError, "no output is given"),
     "no callback": (lambda d: dxr.Runner().add(d, 7), TypeError, "a callback or a dxr.Sound"),
     "channel 0": (lambda d: dxr.Runner().add(d, print, channels=[0]), ValueError, "from 1"),
 }  # fmt: skip

@@ -34,7 +34,6 @@ protected:
         ASSERT_EQ(dxr_device_with_uid("cable", DXR_OUTPUT, &output), DXR_OK);
         ASSERT_EQ(dxr_device_with_uid("cable", DXR_INPUT, &input), DXR_OK);
         ASSERT_EQ(dxr_runner_new(&runner), DXR_OK);
-        ASSERT_EQ(dxr_runner_set_format(runner, 256, 48000.0), DXR_OK);
     }
     static int keepSilent(const dxr_cycle*, void*) { return 0; }
     /// Adds a node for `device`, or for the default output if null.
@@ -83,6 +82,7 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
         {"not JSON", dxr_device_set_setting(output, "key", "{"), DXR_ERROR_TEXT},
         {"too long", dxr_device_set_setting(output, "key", tooLong.c_str()), DXR_ERROR_ARGUMENT},
         {"not a reference", dxr_device_with_reference("{junk}", &device), DXR_ERROR_TEXT},
+        {"no device of that", dxr_simulated_set_default(computer, DXR_OUTPUT, "?"), DXR_ERROR_NOT_FOUND},
         {"does not run", dxr_simulated_lose_cycles(computer, "cable", 1), DXR_ERROR_STATE},
         {"", add(nullptr, keepSilent), DXR_OK},
         {"only as the default", dxr_runner_remove(runner, output), DXR_ERROR_NOT_FOUND},
@@ -112,6 +112,7 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
 
 TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
 {
+    cable.sample_rate = 96000.0;
     simulate();
     const dxr_device_info* info = nullptr;
     ASSERT_EQ(dxr_device_set_volume(output, 0.75), DXR_OK);
@@ -119,6 +120,7 @@ TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
     EXPECT_EQ(std::string(info->uid) + " " + info->transport, "cable virt");
     EXPECT_TRUE(info->is_connected && info->is_default && info->has_volume && info->channels == 2);
     EXPECT_EQ(info->volume, 0.75);
+    EXPECT_EQ(info->sample_rate, 96000.0);
     EXPECT_EQ(info->stereo_channels[1], 2U);
     ASSERT_GE(info->sample_rate_count, 2U);
     EXPECT_LT(info->sample_rates[0], info->sample_rates[1]);
@@ -177,6 +179,7 @@ TEST_F(CInterface, playsAndRecordsSoundsFrameByFrame)
 
 struct Playing {
     dxr_runner* runner;
+    int result;
     int calls = 0;
     bool wasSilent = true, wasRefused = true;
     dxr_status released = DXR_ERROR_INTERNAL;
@@ -195,22 +198,27 @@ struct Playing {
             return 0;
         const CXRealtimeExemption exemption("a lock: the way out for languages that collect garbage");
         it.released = dxr_release(it.runner);
-        return 1;
+        return it.result;
     }
 };
 
 TEST_F(CInterface, givesAnAudioCallbackSilenceAndLetsItReleaseTheRunner)
 {
     simulate();
-    Playing seen{runner};
-    ASSERT_EQ(add(nullptr, Playing::callback, &seen), DXR_OK);
-    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
-    advance(100);
-    EXPECT_EQ(seen.calls, 3) << "none after the one that returned 1";
-    EXPECT_TRUE(seen.wasSilent) << "also when the last cycle was not";
-    EXPECT_TRUE(seen.wasRefused) << "what may block";
-    EXPECT_EQ(seen.released, DXR_OK);
-    EXPECT_EQ(dxr_runner_stop(runner), DXR_ERROR_HANDLE);
+    for (const int result : {1, 0}) {
+        Playing seen{runner, result};
+        ASSERT_EQ(add(nullptr, Playing::callback, &seen), DXR_OK);
+        const auto keepBusy = [](void*) { sleepForMilliseconds(20); }; // the thread that would stop it
+        ASSERT_EQ(dxr_runner_follow(runner, keepBusy, nullptr), DXR_OK);
+        ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+        advance(100);
+        EXPECT_EQ(seen.calls, 3) << "none after the one that released it and returned " << result;
+        EXPECT_TRUE(seen.wasSilent) << "also when the last cycle was not";
+        EXPECT_TRUE(seen.wasRefused) << "what may block";
+        EXPECT_EQ(seen.released, DXR_OK);
+        EXPECT_EQ(dxr_runner_stop(runner), DXR_ERROR_HANDLE);
+        ASSERT_EQ(dxr_runner_new(&runner), DXR_OK);
+    }
 }
 
 struct Following {
@@ -268,18 +276,20 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
         EXPECT_EQ(dxr_release(output), released) << "as often as it was given";
     ASSERT_EQ(dxr_release(other), DXR_OK);
 
-    int changes = 0;
+    std::pair<dxr_follower*, int> third{nullptr, 0}; // and the number of its calls
     const auto releaseTooMuch = [](dxr_device* device, dxr_change change, void* user) {
-        *static_cast<int*>(user) += change == DXR_UPDATED ? 0 : 1;
+        auto& [follower, calls] = *static_cast<decltype(third)*>(user);
+        calls += change == DXR_UPDATED ? 0 : 1;
         dxr_release(device);
+        if (calls == 3)
+            dxr_release(follower);
     };
-    ASSERT_EQ(dxr_follow(releaseTooMuch, &changes, &other), DXR_OK);
+    ASSERT_EQ(dxr_follow(releaseTooMuch, &third, &third.first), DXR_OK);
     ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
     ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
     ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
     ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
-    EXPECT_EQ(changes, 4);
-    ASSERT_EQ(dxr_release(other), DXR_OK);
+    EXPECT_EQ(third.second, 3) << "not for the other direction, which has connected too";
     dxr_device* const* devices = nullptr;
     size_t count = 0;
     ASSERT_EQ(dxr_devices(&devices, &count), DXR_OK);
@@ -308,16 +318,31 @@ TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
     advance(100);
     ASSERT_EQ(dxr_runner_get_state(runner, &state), DXR_OK);
     EXPECT_STREQ(state.error, "");
-    EXPECT_EQ(state.frames, 256U);
-    EXPECT_GE(state.cycles, 15U);
+    EXPECT_EQ(state.frames, 512U);
+    EXPECT_EQ(state.sample_rate, 48000.0);
+    EXPECT_GE(state.cycles, 8U);
     dxr_latency latency = DXR_INIT(dxr_latency);
     ASSERT_EQ(dxr_runner_get_latency(runner, output, &latency), DXR_OK);
-    EXPECT_EQ(latency.block_frames, 256.0) << "a block is played one block later";
+    EXPECT_EQ(latency.block_frames, 512.0) << "a block is played one block later";
     EXPECT_GE(latency.frames, latency.block_frames + latency.cycle_frames);
     EXPECT_NEAR(latency.seconds, latency.frames / 48000.0, 1e-9);
     EXPECT_EQ(dxr_runner_get_latency(runner, input, &latency), DXR_ERROR_STATE);
     EXPECT_TRUE(eventually([&] { return notices > 0; })) << "on a thread of its own";
     ASSERT_EQ(dxr_runner_follow(runner, nullptr, nullptr), DXR_OK);
+
+    double converting[2] = {};
+    for (const dxr_quality quality : {DXR_QUALITY_STANDARD, DXR_QUALITY_HIGH}) {
+        ASSERT_EQ(dxr_runner_stop(runner), DXR_OK);
+        ASSERT_EQ(dxr_runner_set_format(runner, 256, 22050.0), DXR_OK); // the device does not have this rate
+        ASSERT_EQ(dxr_runner_set_quality(runner, quality), DXR_OK);
+        ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+        advance(100);
+        ASSERT_EQ(dxr_runner_get_state(runner, &state), DXR_OK);
+        EXPECT_TRUE(state.frames == 256 && state.sample_rate == 22050.0);
+        ASSERT_EQ(dxr_runner_get_latency(runner, output, &latency), DXR_OK);
+        converting[quality] = latency.converter_frames;
+    }
+    EXPECT_GT(converting[DXR_QUALITY_HIGH], converting[DXR_QUALITY_STANDARD] + 16.0);
 }
 
 TEST_F(CInterface, isRefusedInTheChildOfAFork)
