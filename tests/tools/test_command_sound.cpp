@@ -103,6 +103,16 @@ TEST_F(DxrCommand, leavesAValidRecordingHoweverItEnds)
     EXPECT_GT(recorded(), (100'001 - 200) / sizeof(float));
 }
 
+TEST_F(DxrCommand, endsWhileNobodyReadsItsFIFO)
+{
+    // Signals before the handler is set would prove nothing, and a second one ends every process.
+    const std::string stopped = DXR_TOOL
+        " record f --simulated & until grep -q 'SigCgt.*[4-7c-f]...$' /proc/$!/status; do sleep 0.1; "
+        "done; sleep 1; kill $!; timeout 20 tail --pid=$! -f /dev/null; kill -9 $!; wait $!";
+    for (const char* opened : {"", "exec 3<>f; "})
+        EXPECT_LE(run(std::string("mkfifo f; ") + opened + stopped).status, 1) << opened;
+}
+
 // Frequency, loudness, position in time, length and channels are kept; only --fast adds noise.
 TEST_F(DxrCommand, resamplesAFileIntoTheSameSound)
 {

@@ -1,7 +1,11 @@
 #include "SoundStream.h"
 
+#include "Interrupts.h"
+#include "Text.h"
+
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -34,6 +38,17 @@ void openEnds(std::vector<char>& header)
     }
 }
 
+/// Opens a FIFO once another program reads it. Throws ToolFailure if the user asks to stop before.
+int openToWrite(const std::string& path)
+{
+    constexpr int pauseMilliseconds = 50;
+    int descriptor = -1;
+    while ((descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK)) < 0 && errno == ENXIO)
+        if (!Interrupts::wait(pauseMilliseconds, -1))
+            throw ToolFailure("stopped: no program reads " + singleLine(path));
+    return descriptor;
+}
+
 } // namespace
 
 std::unique_ptr<SoundStream> SoundStream::open(const std::string& path, Mode mode, Files files)
@@ -45,9 +60,8 @@ std::unique_ptr<SoundStream> SoundStream::open(const std::string& path, Mode mod
     } else if (path == "-") {
         descriptor = ::dup(STDOUT_FILENO);
         ::dup2(STDERR_FILENO, STDOUT_FILENO);
-    } else if (::stat(path.c_str(), &status) == 0 &&
-               (files == Files::Too || S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))) {
-        descriptor = ::open(path.c_str(), (mode == Mode::Read ? O_RDONLY : O_WRONLY) | O_CLOEXEC);
+    } else if (::stat(path.c_str(), &status) == 0 && (files == Files::Too || S_ISFIFO(status.st_mode))) {
+        descriptor = mode == Mode::Read ? ::open(path.c_str(), O_RDONLY | O_CLOEXEC) : openToWrite(path);
     }
     return descriptor < 0 ? nullptr : std::unique_ptr<SoundStream>(new SoundStream(descriptor, mode));
 }
@@ -151,14 +165,15 @@ sf_count_t SoundStream::_write(const void* bytes, sf_count_t count)
 
 bool SoundStream::_pass(const char* bytes, size_t count) const
 {
-    while (count > 0) {
-        const ssize_t written = ::write(_descriptor, bytes, count);
-        if (written < 0 && errno == EINTR)
+    while (count > 0 && Interrupts::waitToWrite(_descriptor)) {
+        // A pipe that can be written takes that many bytes without blocking.
+        const ssize_t written = ::write(_descriptor, bytes, std::min<size_t>(count, PIPE_BUF));
+        if (written < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (written <= 0)
             return false;
         bytes += written;
         count -= static_cast<size_t>(written);
     }
-    return true;
+    return count == 0;
 }
