@@ -66,6 +66,8 @@ TEST_F(DxrCommand, playsAndRecordsInPipelines)
          "0\n"},
         {"a part", "d play x.wav --seconds 0.1", 0, "4,800 frames of 4,800 played"},
         {"repeated", "d play x.wav --loop --seconds 0.6", 0, "28,800 frames of 28,800 played"},
+        {"a pipe without an end that is no sound", "ulimit -v 4000000; d play - < /dev/zero 2>&1", 1,
+         "not sound"},
         {"a pipe repeated", "cat x.wav | d play - --loop", 1, ""},
         {"a pipe resampled", "cat x.wav | dxr resample - z.wav --rate 44100", 1, ""},
         {"missing channels", "d play five.wav", 0, "3 of 5 channels are not played; --downmix mixes them"},

@@ -16,9 +16,11 @@ namespace {
 
 constexpr uint64_t kept = 1U << 20;       // bytes before the position that are kept, once past the header
 constexpr sf_count_t unknown = 1LL << 60; // a length that no stream reaches
+constexpr uint64_t maxHeader = 1U << 29;  // bytes kept until the sound begins
 
 /// The first four bytes of formats that libsndfile reads sequentially.
-constexpr std::array<std::string_view, 7> sequential{"RIFF", "RIFX", "RF64", "fLaC", ".snd", "FORM", "caff"};
+constexpr std::array<std::string_view, 8> sequential{"RIFF", "riff", "RIFX", "RF64",
+                                                     "fLaC", ".snd", "FORM", "caff"};
 
 /// Replaces a length of 0 in a header by the maximum: the writer did not know the length.
 void openEnds(std::vector<char>& header)
@@ -100,7 +102,11 @@ SNDFILE* SoundStream::openSound(SF_INFO& info)
         openEnds(_bytes);
     else if (!isRaw && std::ranges::find(sequential, magic) == sequential.end())
         _readUpTo(UINT64_MAX); // libsndfile may read the end first, so the whole stream is needed
-    return sf_open_virtual(&io, SFM_READ, &info, this);
+    SNDFILE* const file = sf_open_virtual(&io, SFM_READ, &info, this);
+    if (_end() < maxHeader)
+        return file;
+    sf_close(file);
+    throw ToolFailure("this is not sound, or too long for a pipe in its format: use a file");
 }
 
 bool SoundStream::begin()
@@ -123,7 +129,7 @@ bool SoundStream::_readUpTo(uint64_t end)
         const ssize_t got = ::read(_descriptor, block.data(), std::min<uint64_t>(block.size(), end - _end()));
         if (got < 0 && errno == EINTR)
             continue;
-        _isOver = got <= 0;
+        _isOver = got <= 0 || (!_hasBegun && _end() >= maxHeader);
         _bytes.insert(_bytes.end(), block.data(), block.data() + std::max<ssize_t>(got, 0));
     }
     return _end() >= end;
