@@ -23,6 +23,8 @@ TEST_F(DxrCommand, refusesBadSoundFilesWithOneLine)
         {"cut short by a byte", "head -c -1 x.wav > bad.wav"},
         {"no rate",
          "cp x.wav bad.wav; dd if=/dev/zero of=bad.wav bs=4 seek=6 count=1 conv=notrunc 2> /dev/null"},
+        {"a rate of 99 Hz",
+         "cp x.wav bad.wav; printf 'c\\0\\0' | dd of=bad.wav bs=1 seek=24 conv=notrunc status=none"},
         {"an endless chunk", "printf 'RIFF\\xFF\\xFF\\xFF\\x7FWAVELIST\\xFF\\xFF\\xFF\\x7F' > bad.wav"},
         {"doubles, of which half are missing",
          "printf 'RIFF\\x44\\0\\0\\0WAVEfmt "
@@ -154,6 +156,9 @@ TEST_F(DxrCommand, resamplesAFileIntoTheSameSound)
             EXPECT_GT(fit.signalToNoise, 25.0);
         }
     }
+    writeWave(path("slow.wav"), 100, 64, 2, [](int, int) { return 0.5; });
+    EXPECT_EQ(run("ulimit -v 1000000; dxr resample slow.wav out.wav --rate 1536000").status, 0);
+    EXPECT_EQ(samplesOf(path("out.wav"), 64).size(), 64U * 2 * 15360);
 }
 
 } // namespace
