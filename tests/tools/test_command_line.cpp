@@ -25,6 +25,7 @@ TEST_F(DxrCommand, separatesWrongUsageFromFailure)
         {2,
          {"dxr", "dxr list --nonsense", "d info", "d play", "d list --hardware alsa", "d set sim-speakers",
           "d set sim-speakers --volume 50", "d set sim-speakers --volume nan",
+          "d set sim-speakers --volume +", "d set sim-speakers --volume loud",
           "d set sim-speakers --channel 1 --rate 48000", "d set sim-speakers --mute maybe",
           "d record x.wav --in sim-ramp --seconds -1", "d remember sim-speakers nick",
           "dxr resample good.wav out.wav --rate 44100.5x", "dxr plot response x.svg --from 44100"}},

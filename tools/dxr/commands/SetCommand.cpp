@@ -29,10 +29,10 @@ Volume volumeFrom(const std::string& text)
     const bool isRelative = number.starts_with('+') || number.starts_with('-');
     if (isPercent)
         number.pop_back();
-    double value = NAN;
-    if (CLI::detail::lexical_cast(number, value) && isPercent)
-        value /= 100.0;
-    if (!(value >= (isRelative ? -1.0 : 0.0) && value <= 1.0))
+    double value = 0.0;
+    const bool isNumber = CLI::detail::lexical_cast(number, value);
+    value /= isPercent ? 100.0 : 1.0;
+    if (!isNumber || !(value >= (isRelative ? -1.0 : 0.0) && value <= 1.0))
         throw CLI::ValidationError("--volume", "must be 0 to 1, or 0% to 100%, or a change such as +5%");
     return {static_cast<float>(value), isRelative};
 }
