@@ -60,6 +60,7 @@ TEST_F(DxrCommand, setsRemembersAndRefersToDevices)
         {"forgotten", "d forget sim-speakers hv; d remember sim-speakers", 0, "nick = \"desk speakers\"\n"},
         {"not stored", "d forget sim-speakers hv", 1, ""},
         {"all", "d forget sim-speakers; d remember sim-speakers | wc -l", 0, "0\n"},
+        {"on a disk that cannot be written", "XDG_DATA_HOME=/proc d remember sim-speakers hv false", 1, ""},
         {"archive", archived + "a", 0, "Connected       yes"},
         {"of an absent device", archived + "b", 0, "Connected       no"},
         {"marked", "d show b | head -1", 0, "⚠️ Built-in Speakers"},

@@ -4,6 +4,7 @@
 #include "DeviceProperties.h"
 
 #include <algorithm>
+#include <dxr/DXRDeviceOverrides.h>
 
 namespace {
 
@@ -164,6 +165,12 @@ void set(Options& options)
 
 // ---- remember, forget
 
+void requireStored()
+{
+    if (!DXRDeviceOverrides::synchronize())
+        throw ToolFailure("the settings cannot be stored");
+}
+
 struct SettingOptions : DeviceArgument {
     using DeviceArgument::DeviceArgument;
     std::optional<std::string> key, value;
@@ -185,6 +192,7 @@ void remember(SettingOptions& options)
     const CXPlist value = parsed.is_discarded() ? CXPlist(*options.value) : parsed;
     if (!device->setOverride(value, *options.key))
         throw ToolFailure("this value cannot be stored");
+    requireStored();
 }
 
 void forget(SettingOptions& options)
@@ -194,6 +202,7 @@ void forget(SettingOptions& options)
         throw ToolFailure("no setting '" + singleLine(*options.key) + "' is stored");
     for (const std::string& key : options.key ? std::vector{*options.key} : device->overrideKeys())
         device->setOverride(nullptr, key);
+    requireStored();
 }
 
 } // namespace
