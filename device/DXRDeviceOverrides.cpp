@@ -240,6 +240,11 @@ bool DXRDeviceOverrides::setObject(const CXPlist& value, const std::optional<std
     return *fits;
 }
 
+bool DXRDeviceOverrides::synchronize()
+{
+    return suite()->synchronize();
+}
+
 void DXRDeviceOverrides::performFactoryReset()
 {
     const std::optional<std::string> owner = _ownerBundleID();

@@ -22,6 +22,8 @@ TEST_F(DxrCommand, refusesBadSoundFilesWithOneLine)
         {"cut short by a byte", "head -c -1 x.wav > bad.wav"},
         {"no rate",
          "cp x.wav bad.wav; dd if=/dev/zero of=bad.wav bs=4 seek=6 count=1 conv=notrunc 2> /dev/null"},
+        {"a rate of 99 Hz",
+         "cp x.wav bad.wav; printf 'c\\0\\0' | dd of=bad.wav bs=1 seek=24 conv=notrunc status=none"},
         {"an endless chunk", "printf 'RIFF\\xFF\\xFF\\xFF\\x7FWAVELIST\\xFF\\xFF\\xFF\\x7F' > bad.wav"},
         {"doubles, of which half are missing",
          "printf 'RIFF\\x44\\0\\0\\0WAVEfmt "
@@ -65,6 +67,8 @@ TEST_F(DxrCommand, playsAndRecordsInPipelines)
          "0\n"},
         {"a part", "d play x.wav --seconds 0.1", 0, "4,800 frames of 4,800 played"},
         {"repeated", "d play x.wav --loop --seconds 0.6", 0, "28,800 frames of 28,800 played"},
+        {"a pipe without an end that is no sound", "ulimit -v 4000000; d play - < /dev/zero 2>&1", 1,
+         "not sound"},
         {"a pipe repeated", "cat x.wav | d play - --loop", 1, ""},
         {"a pipe resampled", "cat x.wav | dxr resample - z.wav --rate 44100", 1, ""},
         {"missing channels", "d play five.wav", 0, "3 of 5 channels are not played; --downmix mixes them"},
@@ -100,6 +104,16 @@ TEST_F(DxrCommand, leavesAValidRecordingHoweverItEnds)
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(linesOf(full.errors).size(), 1U) << full.errors;
     EXPECT_GT(recorded(), (100'001 - 200) / sizeof(float));
+}
+
+TEST_F(DxrCommand, endsWhileNobodyReadsItsFIFO)
+{
+    // Signals before the handler is set would prove nothing, and a second one ends every process.
+    const std::string stopped = DXR_TOOL
+        " record f --simulated & until grep -q 'SigCgt.*[4-7c-f]...$' /proc/$!/status; do sleep 0.1; "
+        "done; sleep 1; kill $!; timeout 20 tail --pid=$! -f /dev/null; kill -9 $!; wait $!";
+    for (const char* opened : {"", "exec 3<>f; "})
+        EXPECT_LE(run(std::string("mkfifo f; ") + opened + stopped).status, 1) << opened;
 }
 
 // Frequency, loudness, position in time, length and channels are kept; only --fast adds noise.
@@ -141,6 +155,9 @@ TEST_F(DxrCommand, resamplesAFileIntoTheSameSound)
             EXPECT_GT(fit.signalToNoise, 25.0);
         }
     }
+    writeWave(path("slow.wav"), 100, 64, 2, [](int, int) { return 0.5; });
+    EXPECT_EQ(run("ulimit -v 1000000; dxr resample slow.wav out.wav --rate 1536000").status, 0);
+    EXPECT_EQ(samplesOf(path("out.wav"), 64).size(), 64U * 2 * 15360);
 }
 
 } // namespace

@@ -53,6 +53,8 @@ int runCommandLine(CLI::App& app, int argc, char** argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : ToolFailure::usageExitStatus;
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (const std::exception& failure) {
         std::cout.flush();
         std::cerr << "dxr: " << failure.what() << "\n";
@@ -76,7 +78,7 @@ try {
     for (const auto registerCommand : commands)
         registerCommand(app);
     Interrupts::endProcess(runCommandLine(app, argc, argv));
-} catch (...) { // memory ran out while an error was reported
+} catch (...) {
     std::fputs("dxr: out of memory\n", stderr);
     return ToolFailure::exitStatus;
 }

@@ -21,7 +21,16 @@ struct Options {
     bool isFast = false;
 };
 
-constexpr uint32_t blockFrames = 1024; // input frames of a block
+constexpr uint32_t minRate = 100, maxRate = 1'536'000; // Hz
+
+/// The input frames of a block, a power of two as in ring buffers: at most 1024, and fewer if their output
+/// would take more than some megabytes.
+uint32_t inputFramesFor(double ratio, uint32_t channelCount)
+{
+    constexpr double maxSamples = 1U << 20;
+    return std::bit_floor(
+        static_cast<uint32_t>(std::clamp(maxSamples / (ratio * channelCount), 1.0, 1024.0)));
+}
 
 /// The converter's only node: stores its output in a ring buffer.
 class ConvertedFrames final : public DXRConverterNode {
@@ -62,14 +71,15 @@ public:
     FileResampling(SoundFileReader& reader, SoundFileWriter& writer, const Options& options)
         : _reader(reader), _writer(writer), _ratio(options.rate / reader.sampleRate()),
           _total(static_cast<uint64_t>(std::llround(static_cast<double>(reader.frameCount()) * _ratio))),
-          _input(reader.channelCount(), blockFrames), _samples(size_t{blockFrames} * reader.channelCount()),
-          _output(ConvertedFrames::init(reader.channelCount(), static_cast<uint64_t>(blockFrames * _ratio) +
+          _blockFrames(inputFramesFor(_ratio, reader.channelCount())),
+          _input(reader.channelCount(), _blockFrames), _samples(size_t{_blockFrames} * reader.channelCount()),
+          _output(ConvertedFrames::init(reader.channelCount(), static_cast<uint64_t>(_blockFrames * _ratio) +
                                                                    2UL * ConvertedFrames::blockFrames))
     {
         const DXRAudioConverter::Nodes nodes[2] = {{_output}, {}};
         const uint32_t channels[2] = {reader.channelCount(), 0};
         _converter = DXRAudioConverter::initWithNodes(
-            nodes, channels, reader.sampleRate(), options.rate, blockFrames, ConvertedFrames::blockFrames,
+            nodes, channels, reader.sampleRate(), options.rate, _blockFrames, ConvertedFrames::blockFrames,
             options.isFast ? DXRConversionQuality::Standard : DXRConversionQuality::High);
         for (uint32_t channel = 0; channel < reader.channelCount(); ++channel)
             _entries.push_back({&_samples[channel], reader.channelCount()});
@@ -91,7 +101,7 @@ public:
         const DXRChannelEntry* const entries[2] = {_entries.data(), nullptr};
         _converter->performIOWithSampleTime(
             &_sampleTime, entries, {beginTicks + static_cast<double>(_framesFed) * period, 0, period});
-        _framesFed += blockFrames;
+        _framesFed += _blockFrames;
         if (!_delay && _output->firstTicks != 0)
             _delay = static_cast<uint64_t>(std::max(
                 0.0, std::round((beginTicks - static_cast<double>(_output->firstTicks)) / period * _ratio)));
@@ -113,6 +123,7 @@ private:
     SoundFileWriter& _writer;
     const double _ratio; // output rate over input rate
     const uint64_t _total;
+    const uint32_t _blockFrames; // of input
     FrameRing _input;
     std::vector<float> _samples; // an interleaved block
     std::vector<DXRChannelEntry> _entries;
@@ -131,6 +142,10 @@ void run(Options& options)
     SoundFileReader reader(options.input);
     if (reader.isStream())
         throw ToolFailure("cannot resample a pipe: its length is unknown");
+    if (reader.sampleRate() < minRate || reader.sampleRate() > maxRate)
+        throw ToolFailure(
+            singleLine(options.input) + ": cannot resample from " +
+            formatText("%.0f Hz: only from %u to %u Hz", reader.sampleRate(), minRate, maxRate));
     const double seconds = static_cast<double>(reader.frameCount()) / reader.sampleRate();
     const Interrupts interrupts;
     SoundFileWriter writer(options.output, SoundFormat::toWrite(options.output, "", 0), reader.channelCount(),
@@ -166,6 +181,6 @@ void registerResampleCommand(CLI::App& app)
     addRequired(command, "output", options.output,
                 "The file to write, in the format of its name; an existing one is replaced");
     addRequired(command, "--rate", options.rate, "The sample rate to convert to, in Hz")
-        ->check(CLI::Range(100, 1'536'000));
+        ->check(CLI::Range(minRate, maxRate));
     command.add_flag("--fast", options.isFast, "Convert with less cost, and more noise");
 }

@@ -4,6 +4,7 @@
 #include "DeviceProperties.h"
 
 #include <algorithm>
+#include <dxr/DXRDeviceOverrides.h>
 
 namespace {
 
@@ -29,10 +30,10 @@ Volume volumeFrom(const std::string& text)
     const bool isRelative = number.starts_with('+') || number.starts_with('-');
     if (isPercent)
         number.pop_back();
-    double value = NAN;
-    if (CLI::detail::lexical_cast(number, value) && isPercent)
-        value /= 100.0;
-    if (!(value >= (isRelative ? -1.0 : 0.0) && value <= 1.0))
+    double value = 0.0;
+    const bool isNumber = CLI::detail::lexical_cast(number, value);
+    value /= isPercent ? 100.0 : 1.0;
+    if (!isNumber || !(value >= (isRelative ? -1.0 : 0.0) && value <= 1.0))
         throw CLI::ValidationError("--volume", "must be 0 to 1, or 0% to 100%, or a change such as +5%");
     return {static_cast<float>(value), isRelative};
 }
@@ -164,6 +165,12 @@ void set(Options& options)
 
 // ---- remember, forget
 
+void requireStored()
+{
+    if (!DXRDeviceOverrides::synchronize())
+        throw ToolFailure("the settings cannot be stored");
+}
+
 struct SettingOptions : DeviceArgument {
     using DeviceArgument::DeviceArgument;
     std::optional<std::string> key, value;
@@ -185,6 +192,7 @@ void remember(SettingOptions& options)
     const CXPlist value = parsed.is_discarded() ? CXPlist(*options.value) : parsed;
     if (!device->setOverride(value, *options.key))
         throw ToolFailure("this value cannot be stored");
+    requireStored();
 }
 
 void forget(SettingOptions& options)
@@ -194,6 +202,7 @@ void forget(SettingOptions& options)
         throw ToolFailure("no setting '" + singleLine(*options.key) + "' is stored");
     for (const std::string& key : options.key ? std::vector{*options.key} : device->overrideKeys())
         device->setOverride(nullptr, key);
+    requireStored();
 }
 
 } // namespace

@@ -1,7 +1,11 @@
 #include "SoundStream.h"
 
+#include "Interrupts.h"
+#include "Text.h"
+
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -12,9 +16,11 @@ namespace {
 
 constexpr uint64_t kept = 1U << 20;       // bytes before the position that are kept, once past the header
 constexpr sf_count_t unknown = 1LL << 60; // a length that no stream reaches
+constexpr uint64_t maxHeader = 1U << 29;  // bytes kept until the sound begins
 
 /// The first four bytes of formats that libsndfile reads sequentially.
-constexpr std::array<std::string_view, 7> sequential{"RIFF", "RIFX", "RF64", "fLaC", ".snd", "FORM", "caff"};
+constexpr std::array<std::string_view, 8> sequential{"RIFF", "riff", "RIFX", "RF64",
+                                                     "fLaC", ".snd", "FORM", "caff"};
 
 /// Replaces a length of 0 in a header by the maximum: the writer did not know the length.
 void openEnds(std::vector<char>& header)
@@ -34,6 +40,17 @@ void openEnds(std::vector<char>& header)
     }
 }
 
+/// Opens a FIFO once another program reads it. Throws ToolFailure if the user asks to stop before.
+int openToWrite(const std::string& path)
+{
+    constexpr int pauseMilliseconds = 50;
+    int descriptor = -1;
+    while ((descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK)) < 0 && errno == ENXIO)
+        if (!Interrupts::wait(pauseMilliseconds, -1))
+            throw ToolFailure("stopped: no program reads " + singleLine(path));
+    return descriptor;
+}
+
 } // namespace
 
 std::unique_ptr<SoundStream> SoundStream::open(const std::string& path, Mode mode, Files files)
@@ -45,9 +62,8 @@ std::unique_ptr<SoundStream> SoundStream::open(const std::string& path, Mode mod
     } else if (path == "-") {
         descriptor = ::dup(STDOUT_FILENO);
         ::dup2(STDERR_FILENO, STDOUT_FILENO);
-    } else if (::stat(path.c_str(), &status) == 0 &&
-               (files == Files::Too || S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))) {
-        descriptor = ::open(path.c_str(), (mode == Mode::Read ? O_RDONLY : O_WRONLY) | O_CLOEXEC);
+    } else if (::stat(path.c_str(), &status) == 0 && (files == Files::Too || S_ISFIFO(status.st_mode))) {
+        descriptor = mode == Mode::Read ? ::open(path.c_str(), O_RDONLY | O_CLOEXEC) : openToWrite(path);
     }
     return descriptor < 0 ? nullptr : std::unique_ptr<SoundStream>(new SoundStream(descriptor, mode));
 }
@@ -86,7 +102,11 @@ SNDFILE* SoundStream::openSound(SF_INFO& info)
         openEnds(_bytes);
     else if (!isRaw && std::ranges::find(sequential, magic) == sequential.end())
         _readUpTo(UINT64_MAX); // libsndfile may read the end first, so the whole stream is needed
-    return sf_open_virtual(&io, SFM_READ, &info, this);
+    SNDFILE* const file = sf_open_virtual(&io, SFM_READ, &info, this);
+    if (_end() < maxHeader)
+        return file;
+    sf_close(file);
+    throw ToolFailure("this is not sound, or too long for a pipe in its format: use a file");
 }
 
 bool SoundStream::begin()
@@ -109,7 +129,7 @@ bool SoundStream::_readUpTo(uint64_t end)
         const ssize_t got = ::read(_descriptor, block.data(), std::min<uint64_t>(block.size(), end - _end()));
         if (got < 0 && errno == EINTR)
             continue;
-        _isOver = got <= 0;
+        _isOver = got <= 0 || (!_hasBegun && _end() >= maxHeader);
         _bytes.insert(_bytes.end(), block.data(), block.data() + std::max<ssize_t>(got, 0));
     }
     return _end() >= end;
@@ -151,14 +171,15 @@ sf_count_t SoundStream::_write(const void* bytes, sf_count_t count)
 
 bool SoundStream::_pass(const char* bytes, size_t count) const
 {
-    while (count > 0) {
-        const ssize_t written = ::write(_descriptor, bytes, count);
-        if (written < 0 && errno == EINTR)
+    while (count > 0 && Interrupts::waitToWrite(_descriptor)) {
+        // A pipe that can be written takes that many bytes without blocking.
+        const ssize_t written = ::write(_descriptor, bytes, std::min<size_t>(count, PIPE_BUF));
+        if (written < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (written <= 0)
             return false;
         bytes += written;
         count -= static_cast<size_t>(written);
     }
-    return true;
+    return count == 0;
 }

@@ -1,6 +1,7 @@
 #include "Interrupts.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -51,21 +52,33 @@ Interrupts::~Interrupts()
     close(wakeDescriptor.exchange(-1));
 }
 
-bool Interrupts::wasAsked() const noexcept
+bool Interrupts::wasAsked() noexcept
 {
     return asked;
 }
 
-int Interrupts::fd() const noexcept
+int Interrupts::fd() noexcept
 {
     return wakeDescriptor;
 }
 
-bool Interrupts::wait(int milliseconds, int otherFD) const
+bool Interrupts::wait(int milliseconds, int otherFD)
 {
     pollfd waited[] = {{fd(), POLLIN, 0}, {otherFD, POLLIN, 0}};
     poll(waited, 2, milliseconds);
     return !wasAsked();
+}
+
+bool Interrupts::waitToWrite(int descriptor)
+{
+    constexpr int graceMilliseconds = 1000;
+    pollfd waited[] = {{descriptor, POLLOUT, 0}, {fd(), POLLIN, 0}};
+    for (bool isLast = false; !isLast && waited[0].revents == 0;) {
+        isLast = wasAsked();
+        poll(waited, isLast ? 1 : 2, isLast ? graceMilliseconds : -1);
+    }
+    errno = EINTR;
+    return waited[0].revents != 0;
 }
 
 bool Interrupts::runUnlessAsked(std::function<void()> work, int graceMilliseconds) const
