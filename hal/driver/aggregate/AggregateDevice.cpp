@@ -40,10 +40,11 @@ bool sharesCycles(const HALDeviceState& a, const HALDeviceState& b)
     return a.groupDomain != 0 && a.groupDomain == b.groupDomain && a.nominalSampleRate == b.nominalSampleRate;
 }
 
-bool hasStreams(const HALDeviceState& state)
+/// Whether the device can lead or join. Cycles without any channel have no frames.
+bool hasChannels(const HALDeviceState& state)
 {
     return std::ranges::any_of(state.directions,
-                               [](const HALDirectionState& each) { return !each.streams.empty(); });
+                               [](const HALDirectionState& each) { return each.channelCount() > 0; });
 }
 
 /// The leader's frames per frame of the other device.
@@ -131,7 +132,7 @@ void AggregateDevice::_lookAtSubDevices()
 
 const AggregateDevice::SubDevice* AggregateDevice::_leader() const
 {
-    const auto isPresent = [](const SubDevice& each) { return each.device && hasStreams(each.state); };
+    const auto isPresent = [](const SubDevice& each) { return each.device && hasChannels(each.state); };
     if (_io) {
         if (isPresent(_subDevices[_io->plan().leader]))
             return &_subDevices[_io->plan().leader];
@@ -421,7 +422,7 @@ std::vector<size_t> AggregateDevice::_groupOf(size_t leader) const
 {
     std::vector<size_t> group;
     for (size_t place = 0; place < _subDevices.size(); ++place)
-        if (place == leader || (hasStreams(_subDevices[place].state) &&
+        if (place == leader || (hasChannels(_subDevices[place].state) &&
                                 sharesCycles(_subDevices[leader].state, _subDevices[place].state)))
             group.push_back(place);
     return group;
@@ -465,7 +466,7 @@ HALStatus AggregateDevice::_begin(HALDeadline deadline)
             candidates.push_back(place);
     for (const size_t place : candidates) {
         const SubDevice& candidate = _subDevices[place];
-        if (!candidate.device || !hasStreams(candidate.state))
+        if (!candidate.device || !hasChannels(candidate.state))
             continue;
         std::vector<size_t> group = _groupOf(place);
         if (group.size() > 1 && group != _refusedGroup) {
@@ -552,7 +553,7 @@ void AggregateDevice::_joinPresent(HALDeadline deadline, size_t laterStarts)
 bool AggregateDevice::_mustStart(size_t place) const
 {
     const SubDevice& subDevice = _subDevices[place];
-    if (!hasStreams(subDevice.state) ||
+    if (!hasChannels(subDevice.state) ||
         (subDevice.failed && stateBesideIO(*subDevice.failed) == stateBesideIO(subDevice.state)))
         return false;
     const CXRef<AggregateTrack>& track = _io->track(place);

@@ -3,12 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-namespace {
-
-constexpr double maxInterruptionSeconds = 60.0; // a longer interruption is an invalid stamp
-
-} // namespace
-
 void AlsaTimeline::begin(double rate)
 {
     _rate = rate;
@@ -25,7 +19,7 @@ void AlsaTimeline::_align(uint64_t hostNanoseconds, uint64_t position, uint64_t 
     if (_tracker->isKnown()) {
         const double now = _tracker->frameAt(static_cast<double>(hostNanoseconds));
         const double dueNow = now + static_cast<double>(due) - static_cast<double>(position);
-        start = std::clamp(std::round(dueNow), start, start + maxInterruptionSeconds * _rate);
+        start = std::max(start, std::round(dueNow)); // AlsaPcm has rejected stamps far from the host clock
     } else {
         start = std::max(start, static_cast<double>(due));
     }

@@ -100,6 +100,14 @@ TEST_F(AggregateDevices, refusesWhatItCannotBe)
     EXPECT_EQ(model->destroyAggregateDevice(odd), kAudioHardwareNoError);
     const AudioObjectID empty = makeAggregate(*model, {"absent"});
     RunningProc(*model, empty, idle, kAudioHardwareUnspecifiedError);
+    hal->plug(aDevice().uid("no channels").outputs(0));
+    const AudioObjectID silent = makeAggregate(*model, {"no channels"}, {{"uid", "silent"}});
+    RunningProc(*model, silent, idle, kAudioHardwareUnspecifiedError);
+    const AudioObjectID led = makeAggregate(*model, {"no channels", "taken"}, {{"uid", "led"}});
+    uint64_t cycles = 0;
+    const RunningProc proc(*model, led, [&](auto...) { ++cycles; });
+    advance(0.1);
+    EXPECT_GT(cycles, 0U) << "the other leads";
     const AudioObjectID nested = makeAggregate(*model, {"taken", "aggregate"}, {{"uid", "nested"}});
     EXPECT_EQ(readList<AudioObjectID>(*model, nested, at(kAudioAggregateDevicePropertyActiveSubDeviceList)),
               std::vector{hal->deviceID("taken")});

@@ -132,6 +132,13 @@ TEST(AlsaTimeline, keepsItsClockThroughAnInterruption)
     timeline.interrupt();
     step = timeline.advance(timeOf(100'000), 512, 512, 512);
     EXPECT_NEAR(static_cast<double>(step.sampleTime), 100'000.0, 2.0) << "the frames that were lost count";
+    timeline.interrupt();
+    for (uint64_t frame = 512; frame <= 51200; frame += 512) {
+        const uint64_t stamp = timeOf(frame + uint64_t{600} * 48000); // ten minutes later
+        step = timeline.advance(stamp, frame, frame, 512);
+        ASSERT_NEAR(step.nanoseconds, static_cast<double>(stamp), 2e6) << frame;
+    }
+    EXPECT_NEAR(static_cast<double>(step.sampleTime), 600 * 48000.0 + 51200.0, 2.0);
     EXPECT_NEAR(step.rateRatio, 1.0, 1e-6);
 }
 
