@@ -645,22 +645,38 @@ bool DXRDeviceManager::_updateDefaultDevices()
                                                  kAudioObjectPropertyElementMain};
         const std::optional<AudioObjectID> deviceID =
             DXRPropertyAddress::initWithAddress(&address)->uint32ForObjectID(kAudioObjectSystemObject);
-        if (deviceID.value_or(kAudioObjectUnknown) == kAudioObjectUnknown)
+        if (!deviceID)
             continue;
+        if (*deviceID == kAudioObjectUnknown) { // the slot stays, for when a default is back
+            _isDefaultLost[i] = true;
+            continue;
+        }
         const CXRef<DXRDevice> now = _liveDevice(*deviceID, defaults[i].isInput);
         const CXRef<DXRDevice> before = std::exchange(_defaultDevices[i], now);
-        if (now == before)
+        if (!std::exchange(_isDefaultLost[i], false) && now == before)
             continue;
         hasChanged = true;
         for (const CXRef<DXRDevice>& device : {before, now}) {
-            if (!device)
-                continue;
-            _updatedDevices.insert(device);
-            device->kvo()->updateValueForKey("isDefault");
+            if (device)
+                _updatedDevices.insert(device);
         }
-        _kvo->updateValueForKey(defaults[i].key);
     }
+    _announceDefaultDevices();
     return hasChanged;
+}
+
+/// Each value is compared with the announced one even if no slot has changed: a device that was refreshed
+/// while another one was the default has announced that.
+void DXRDeviceManager::_announceDefaultDevices()
+{
+    for (const auto& [deviceID, info] : _connectedDevicesByID->infos()) {
+        for (const bool isInput : bothDirections) {
+            if (const CXRef<DXRDevice>& device = info->live(isInput))
+                device->kvo()->updateValueForKey("isDefault");
+        }
+    }
+    for (const Default& each : defaults)
+        _kvo->updateValueForKey(each.key);
 }
 
 void DXRDeviceManager::_defaultDevicesChanged()

@@ -123,6 +123,7 @@ private:
                            Devices* disconnected);
     void _updateDevicePropertyListeners(DXRDeviceInfo& info);
     bool _updateDefaultDevices();
+    void _announceDefaultDevices();
     void _retryAfter(bool hasFailed);
 
     /// For a connected device.
@@ -149,6 +150,7 @@ private:
     CXRef<DXRPropertyListener> _devicesChangedListener;
     std::array<CXRef<DXRPropertyListener>, 3> _defaultDevicesChangedListeners;
     std::array<CXRef<DXRDevice>, 3> _defaultDevices; // input, output, sound effects: to detect changes
+    std::array<bool, 3> _isDefaultLost{};            // there is none since the one in _defaultDevices
     bool _needsDevicesUpdate = false;
     uint64_t _archivedCount = 0; // devices archived so far
     uint32_t _retries = 0;       // of an update with failed reads

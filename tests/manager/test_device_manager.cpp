@@ -174,6 +174,53 @@ TEST_F(DXRDeviceManagerTest, reportsDefaultDevices)
     EXPECT_EQ(changesSinceLast().updated, (Devices{device("headset", input), device("mic", input)}));
 }
 
+// First its device stays, then it disappears too; at last the default changes and changes back before the
+// manager reads it.
+TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
+{
+    plug(aDevice().uid("a").outputs(2));
+    const CXRef<DXRDevice> a = device("a", output);
+    CXRef<DXRDevice> announcedDefault = manager.defaultOutputDevice();
+    std::map<CXRef<DXRDevice>, bool> announced;
+    std::vector observations{manager.kvo()->observe(
+        "defaultOutputDevice", [&](auto&, auto) { announcedDefault = manager.defaultOutputDevice(); })};
+    const auto observe = [&](const CXRef<DXRDevice>& it) {
+        announced[it] = it->isDefault();
+        observations.push_back(
+            it->kvo()->observe("isDefault", [&, it](auto&, auto) { announced[it] = it->isDefault(); }));
+    };
+    observe(a);
+    const auto setDefault = [&](const char* uid) { hal.setDefault(HALDirection::Output, uid); };
+    for (const bool isReplugged : {false, true}) {
+        setDefault("");
+        if (isReplugged) {
+            unplug("a");
+            plug(aDevice().uid("a").outputs(2).canBeDefault(false));
+        }
+        settle();
+        EXPECT_FALSE(announced[a] || announcedDefault || a->isDefault()) << isReplugged;
+        changesSinceLast();
+        setDefault("a");
+        settle();
+        EXPECT_TRUE(announced[a] && announcedDefault == a && a->isDefault()) << isReplugged;
+        EXPECT_EQ(changesSinceLast().updated, Devices{a}) << isReplugged;
+    }
+
+    plug(aDevice().uid("b").outputs(2));
+    observe(device("b", output));
+    std::promise<void> isOver;
+    DXRDeviceManager::queue().async([&] { isOver.get_future().wait(); });
+    setDefault("b");
+    for (const char* uid : {"a", "b"}) // their refreshes announce that b is the default
+        hal.reconfigure(uid, [](auto& it) { it.name("New"); });
+    settleHardware();
+    setDefault("a");
+    isOver.set_value();
+    settle();
+    for (const auto& [device, isDefault] : announced)
+        EXPECT_EQ(isDefault, device == a);
+}
+
 TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
 {
     const AudioObjectID hidden = plug(hiddenDevice("hidden")), other = plug(hiddenDevice("other"));
