@@ -230,11 +230,17 @@ void DefaultsSuite::_keepInMemory(const Edit& edit)
         _pending.assign(1, [unsaved = _unsaved](const DefaultsSnapshot&) { return unsaved; });
 }
 
-/// Makes the stored rows with the unsaved changes visible to the threads of this process.
+/// Makes the stored rows with the unsaved changes visible to the threads of this process. Notes the observed
+/// keys that change: a change may be undone before the watcher calls the observers, but it has been visible.
 void DefaultsSuite::_publish()
 {
     CXRef<DefaultsSnapshot> snapshot = DefaultsSnapshot::initWithRows(merged(_stored, _unsaved));
     const std::lock_guard lock(_mutex);
+    for (const auto& [key, observers] : _observers) {
+        const CXRef<DefaultsRow> before = _snapshot->row(key), now = snapshot->row(key);
+        if (before != now && !(before && now && before->value() == now->value()))
+            _changedKeys.insert(key);
+    }
     _snapshot = std::move(snapshot);
     _isLoaded = _isRead;
 }
@@ -252,10 +258,8 @@ uint64_t DefaultsSuite::addObserver(const std::string& key, CXBlock<void()> chan
     uint64_t observer = 0;
     {
         const std::lock_guard lock(_mutex);
-        if (_observers.empty()) {
-            _announced = _snapshot;
+        if (_observers.empty())
             _isLoadAnnounced = _isLoaded;
-        }
         observer = ++_lastObserver;
         _observers[key].emplace(observer, std::move(changed));
         _keyOfObserver.emplace(observer, key);
@@ -284,17 +288,12 @@ std::vector<CXBlock<void()>> DefaultsSuite::_observersOfChanges()
     const std::lock_guard lock(_mutex);
     std::vector<CXBlock<void()>> toCall;
     const bool isLoadedNow = _isLoaded && !std::exchange(_isLoadAnnounced, _isLoaded);
-    if (_snapshot && (_snapshot != _announced || isLoadedNow)) {
-        for (const auto& [key, observers] : _observers) {
-            const CXRef<DefaultsRow> before = _announced ? _announced->row(key) : nullptr;
-            const CXRef<DefaultsRow> now = _snapshot->row(key);
-            const bool isSame = before == now || (before && now && before->value() == now->value());
-            if (!isSame || isLoadedNow)
-                for (const auto& [observer, changed] : observers)
-                    toCall.push_back(changed);
-        }
+    const std::set<std::string> changedKeys = std::exchange(_changedKeys, {});
+    for (const auto& [key, observers] : _observers) {
+        if (isLoadedNow || changedKeys.contains(key))
+            for (const auto& [observer, changed] : observers)
+                toCall.push_back(changed);
     }
-    _announced = _snapshot;
     return toCall;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -82,10 +83,10 @@ private:
 
     // Never held during disk access. Guards the data that the threads of this process see.
     std::mutex _mutex;
-    CXRef<DefaultsSnapshot> _snapshot;  // _stored with _unsaved; null before the first use
-    bool _isLoaded = false;             // the value of _isRead when the snapshot was made
-    CXRef<DefaultsSnapshot> _announced; // the last snapshot that was reported to observers
+    CXRef<DefaultsSnapshot> _snapshot; // _stored with _unsaved; null before the first use
+    bool _isLoaded = false;            // the value of _isRead when the snapshot was made
     bool _isLoadAnnounced = false;
+    std::set<std::string> _changedKeys; // observed, and changed since observers were last called
     using Observers = std::map<uint64_t, CXBlock<void()>>;
     std::map<std::string, Observers, std::less<>> _observers; // by key
     std::map<uint64_t, std::string> _keyOfObserver;

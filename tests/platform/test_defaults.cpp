@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -347,6 +348,20 @@ TEST_F(Defaults, notifyObserversOfTheirKeyAlsoWhenFilesAndFoldersAreExchanged)
         EXPECT_TRUE(eventually([&] { return others == 1; }));
         EXPECT_EQ(calls, 5);
         EXPECT_EQ(contents(), "new=1 old=3 ");
+
+        // Another thread may have read a value that is replaced before the observers are called.
+        std::promise<void> isBusy, isOver;
+        suite()->addObserver("new", [&] {
+            isBusy.set_value();
+            isOver.get_future().wait();
+        });
+        suite()->addObserver("brief", [&] { ++calls; });
+        EXPECT_TRUE(write("new", "2"));
+        isBusy.get_future().wait();
+        EXPECT_TRUE(write("brief", "1"));
+        EXPECT_TRUE(write("brief", std::nullopt));
+        isOver.set_value();
+        EXPECT_TRUE(eventually([&] { return calls == 6; }));
     });
 }
 
