@@ -449,19 +449,13 @@ void DXRDevice::_updateCachedVolumeProperty(double volume)
 
 void DXRDevice::_endVolumeWrite(VolumeWrite result)
 {
-    double before = 0.0;
     const bool isReadNow = _locked([&] {
         if (--_volumeSetPending != 0)
             return false;
-        before = _values->volume;
         return std::exchange(_hasUnreadVolume, false) || result == VolumeWrite::Settled;
     });
-    if (!isReadNow)
-        return;
-    _updateCachedProperties();
-    // The keeper repeats failed reads, and has not been notified of a volume other than the one written.
-    if (_isIncomplete || _locked([&] { return _values->volume != before; }))
-        _tellKeeper();
+    if (isReadNow)
+        _refreshUnnotified();
 }
 
 // ---- Settings and storage
@@ -569,6 +563,17 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
     });
 }
 
+/// Reads the hardware when it has not notified of a change. Reports failed reads to the keeper, which repeats
+/// them, and any change, because its notification may find the new value stored already.
+bool DXRDevice::_refreshUnnotified()
+{
+    const DXRDeviceValues before = _locked([&] { return *_values; });
+    const bool isStored = _updateCachedProperties();
+    if (_isIncomplete || _locked([&] { return *_values != before; }))
+        _tellKeeper();
+    return isStored;
+}
+
 bool DXRDevice::_refreshIfIncomplete()
 {
     if (!_isIncomplete || _deviceID == kAudioObjectUnknown)
@@ -580,7 +585,7 @@ bool DXRDevice::_refreshIfIncomplete()
 bool DXRDevice::_refreshIfChannelsChanged()
 {
     const uint32_t there = _hardware().channelCount();
-    return there != 0 && there != channelCount() && _updateCachedProperties();
+    return there != 0 && there != channelCount() && _refreshUnnotified();
 }
 
 // ---- Following the hardware

@@ -125,6 +125,7 @@ private:
     DXRDeviceHardware _hardware() const;
     bool _updateCachedProperties();
     bool _readAndStore();
+    bool _refreshUnnotified();
     uint32_t _countToKeep(uint32_t now) const;
     bool _store(AudioObjectID deviceID, Readings readings);
     enum class VolumeWrite { Refused, Unchanged, Settled };

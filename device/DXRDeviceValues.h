@@ -30,4 +30,5 @@ struct DXRDeviceValues {
     /// then means that the archive is invalid.
     static DXRDeviceValues ofArchive(const CXPlist& archive);
     void addTo(CXPlist& archive) const;
+    bool operator==(const DXRDeviceValues&) const = default;
 };

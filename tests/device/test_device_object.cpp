@@ -3,6 +3,7 @@
 #include "DXRDebugLog.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceOverrides.h"
+#include "DXRPropertyListener.h"
 #include "Eventually.h"
 #include "GlobalQueue.h"
 #include "SerialQueue.h"
@@ -10,6 +11,7 @@
 
 #include <cmath>
 #include <functional>
+#include <future>
 
 namespace {
 
@@ -190,6 +192,30 @@ TEST_F(DXRDeviceTest, keepsTheVolumeOfASlider)
     keeper->updatesSinceLast();
     reportVolume(0.25F);
     EXPECT_TRUE(becomesTrue([&] { return device->volume() == 0.25; })) << "the hardware's last volume counts";
+    EXPECT_TRUE(becomesTrue([&] { return keeper->updatesSinceLast() > 0; }));
+}
+
+// The reading after a volume has settled may see a change before the change is notified.
+TEST_F(DXRDeviceTest, reportsAChangeThatAnotherReadingHasSeenFirst)
+{
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, false));
+    settleHardware();
+    keeper->updatesSinceLast();
+    std::promise<void> isBusy, isOver;
+    const AudioObjectPropertyAddress frameSize = at(kAudioDevicePropertyBufferFrameSize);
+    const auto keepBusy = [&](const auto&, auto) {
+        isBusy.set_value();
+        isOver.get_future().wait();
+    };
+    const auto listener =
+        DXRPropertyListener::initWithObjectID(device->deviceID(), &frameSize, nullptr, keeper, keepBusy);
+    listener->start();
+    hal.reconfigure("box", [](auto& it) { it.bufferFrameSize(256); });
+    isBusy.get_future().wait(); // nothing is notified from here on
+    EXPECT_TRUE(device->setVolume(0.25));
+    hal.reconfigure("box", [](auto& it) { it.mute(outputs, true); });
+    EXPECT_TRUE(eventually([&] { return device->isMuted(); }));
+    isOver.set_value();
     EXPECT_TRUE(becomesTrue([&] { return keeper->updatesSinceLast() > 0; }));
 }
 
