@@ -639,7 +639,8 @@ bool DXRDevice::_needsRefresh(uint32_t selector)
     case kAudioDevicePropertyDataSource:
         return true;
     case kAudioDevicePropertyMute:
-        if (_hardware().isMuted().value_or(false) != _locked([&] { return _values->isMuted; }))
+        if (_hardware().isMuted() !=
+            _locked([&] { return _values->hasMute ? std::optional(_values->isMuted) : std::nullopt; }))
             return true;
         break;
     case kAudioDevicePropertyVolumeDecibels:
@@ -655,14 +656,19 @@ bool DXRDevice::_needsRefresh(uint32_t selector)
 
 bool DXRDevice::_hasOtherVolume()
 {
-    const std::optional<double> known = _locked([&] {
+    std::optional<double> known;
+    const bool isSettled = _locked([&] {
         _hasUnreadVolume = _volumeSetPending != 0;
-        return _hasUnreadVolume ? std::nullopt : std::optional(_values->volume);
+        if (_values->hasVolume)
+            known = _values->volume;
+        return !_hasUnreadVolume;
     });
-    if (!known)
+    if (!isSettled)
         return false;
-    const double now = _hardware().volume(preferredStereoChannels()).value_or(1.0);
-    return static_cast<float>(now) != static_cast<float>(*known);
+    const std::optional<double> now = _hardware().volume(preferredStereoChannels());
+    // A control may have appeared or disappeared. The hardware's volume is a float.
+    return now.has_value() != known.has_value() ||
+           static_cast<float>(now.value_or(1.0)) != static_cast<float>(known.value_or(1.0));
 }
 
 void DXRDevice::_refreshFromHardware()

@@ -86,6 +86,14 @@ TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareReportsNothing)
     EXPECT_EQ(device->preferredStereoChannels(), (std::vector<uint32_t>{1, 1}));
     EXPECT_FALSE(device->hasVolume() || device->hasMute() || device->isMuted());
     EXPECT_FALSE(device->setVolume(0.5) || device->setMuted(true) || device->setSource("Line"));
+    settleHardware(); // otherwise a notification of the plug may cause the readings
+    hal.reconfigure("plain", [](auto& it) { it.mute(outputs, false); });
+    settleHardware();
+    EXPECT_TRUE(device->hasMute() && !device->isMuted())
+        << "a control with the value of a device without one";
+    hal.reconfigure("plain", [](auto& it) { it.volume(outputs, 1.0F); });
+    settleHardware();
+    EXPECT_TRUE(device->hasVolume());
     const auto plain = [](const char* name) { return aDevice().name(name).outputs(2); };
     const struct {
         const char* uid;
