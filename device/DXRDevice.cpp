@@ -163,10 +163,10 @@ void DXRDevice::_logAdded() const
         DXRDebugLog("Added %s: %s\n", description().c_str(), CXJSONWithPlist(archive()).c_str());
 }
 
-void DXRDevice::_connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
+bool DXRDevice::_connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference)
 {
     if (!deviceReference)
-        return;
+        return false;
     const bool isUnchanged = _locked([&] {
         const bool isSame = _deviceID == deviceID &&
                             (_reference == deviceReference || _reference->isEqual(deviceReference.get()));
@@ -177,10 +177,11 @@ void DXRDevice::_connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>
         return isSame;
     });
     if (isUnchanged)
-        return;
+        return false;
     _updatePropertyListeners(); // before reading, as in _initWithDeviceID()
     if (!_updateCachedProperties())
         _kvo->updateAllValues(); // old values, but connected
+    return true;
 }
 
 void DXRDevice::_disconnect()

@@ -113,7 +113,7 @@ private:
     static std::span<const DXRKVOProperty> _observableProperties() noexcept;
 
     void _logAdded() const;
-    void _connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference);
+    bool _connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference);
     void _disconnect();
     void _setDeviceReference(const CXRef<DXRDeviceReference>& deviceReference);
     bool _updateDisplayName(std::optional<std::string>& field, const std::optional<std::string>& name,

@@ -28,11 +28,11 @@ public:
 
     explicit DXRDeviceControl(DXRDevice& device) noexcept : _device(device) {}
 
-    /// Connects the device to this hardware device and reads it. Does nothing if it is connected to that
-    /// device already, with an equal reference.
-    void connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference) const
+    /// Connects the device to this hardware device and reads it. Does nothing and returns false if it is
+    /// connected to that device already, with an equal reference.
+    bool connect(AudioObjectID deviceID, const CXRef<DXRDeviceReference>& deviceReference) const
     {
-        _device._connect(deviceID, deviceReference);
+        return _device._connect(deviceID, deviceReference);
     }
     /// Disconnects the device from its hardware. It keeps its values.
     void disconnect() const { _device._disconnect(); }

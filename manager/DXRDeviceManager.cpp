@@ -575,10 +575,10 @@ void DXRDeviceManager::_updateDeviceInfo(DXRDeviceInfo& info, AudioObjectID devi
         CXRef<DXRDevice>& stashed = info.stashed(isInput);
         const CXRef<DXRDeviceReference>& reference = info.currentReference(isInput);
         if (reference && live) {
-            DXRDeviceControl(*live).connect(deviceID, reference);
+            const bool isReconnected = DXRDeviceControl(*live).connect(deviceID, reference);
             if (!disconnected)
                 connected.insert(live);
-            else if (DXRDeviceControl(*live).refreshIfIncomplete())
+            else if (DXRDeviceControl(*live).refreshIfIncomplete() || isReconnected)
                 _updatedDevices.insert(live);
         } else if (reference) {
             if (stashed) {

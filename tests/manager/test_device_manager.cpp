@@ -97,6 +97,11 @@ TEST_F(DXRDeviceManagerTest, recognizesAMonitorOnAnotherPort)
     EXPECT_EQ(device(monitorUID("7:8"), output), devices[2]) << "the absent one";
     EXPECT_EQ(devices[2]->deviceUID(), monitorUID("7:8"));
     EXPECT_EQ(manager.deviceWithReference(text), devices[0]);
+    hal.reconfigure(monitorUID("7:8"), [](auto& it) { it.modelUID("other"); });
+    changesSinceLast();
+    manager.setNeedsDevicesUpdate(true);
+    settle();
+    EXPECT_EQ(changesSinceLast().updated, Devices{devices[2]}) << "it has another reference";
     reconfigure(monitorUID("7:8"), [](auto& it) { it.outputs(6); });
     const CXRef<DXRDevice> other = device(monitorUID("7:8"), output);
     ASSERT_TRUE(other);
