@@ -173,8 +173,8 @@ TEST_F(DXRDeviceManagerTest, reportsDefaultDevices)
     EXPECT_EQ(changesSinceLast().updated, (Devices{device("headset", input), device("mic", input)}));
 }
 
-// The default is lost while its device stays and with its device, and then changes there and back again before
-// the manager looks.
+// First its device stays, then it disappears too; at last the default changes and changes back before the
+// manager reads it.
 TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
 {
     plug(aDevice().uid("a").outputs(2));
