@@ -149,9 +149,11 @@ bool HALIOProcTable::destroy(AudioDeviceIOProcID procID)
     std::unique_ptr<Proc> proc;
     {
         const ControlLock lock(*this);
-        const size_t slot = _slotOf(procID);
-        if (slot < maxProcs)
-            proc.reset(_slots[slot].exchange(nullptr)); // the call that gets the pointer frees it
+        for (std::atomic<Proc*>& slot : _slots) {
+            Proc* found = slot.load();
+            if (found && found->procID == procID && slot.compare_exchange_strong(found, nullptr))
+                proc.reset(found); // the call that gets the pointer frees it
+        }
     }
     if (!proc) { // another call has removed it, and may still wait for its cycle
         _waitForCycle();
@@ -260,19 +262,12 @@ void HALIOProcTable::setTiming(double nominalSampleRate, uint32_t bufferFrameSiz
 
 HALIOProcTable::Proc* HALIOProcTable::_find(AudioDeviceIOProcID procID) const
 {
-    const size_t slot = _slotOf(procID);
-    return slot == maxProcs ? nullptr : _slots[slot].load();
-}
-
-size_t HALIOProcTable::_slotOf(AudioDeviceIOProcID procID) const
-{
-    if (!procID)
-        return maxProcs;
-    const auto found = std::ranges::find_if(_slots, [procID](const std::atomic<Proc*>& slot) {
-        const Proc* proc = slot.load();
-        return proc && proc->procID == procID;
-    });
-    return static_cast<size_t>(found - _slots.begin());
+    for (const std::atomic<Proc*>& slot : _slots) {
+        Proc* proc = slot.load(); // once: on the IO thread, the slot may be filled anew at any time
+        if (proc && proc->procID == procID)
+            return proc;
+    }
+    return nullptr;
 }
 
 void HALIOProcTable::_waitForCycle() const noexcept

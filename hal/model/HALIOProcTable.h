@@ -92,7 +92,6 @@ private:
     ~HALIOProcTable() override;
 
     Proc* _find(AudioDeviceIOProcID procID) const;
-    size_t _slotOf(AudioDeviceIOProcID procID) const;
     void _waitForCycle() const noexcept;
     void _retire(std::unique_ptr<Proc> proc);
     void _callProcs(const HALCycle& cycle, Layout& layout) noexcept CX_REALTIME;
@@ -113,6 +112,9 @@ private:
     // is even or has changed; only then frees the object.
     // Both sides are sequentially consistent: control stores before it loads _cycle, and the IO thread
     // increments _cycle before it loads the slots, so at least one of them sees the other's change.
+    // The IO thread itself removes a pointer without the lock. A slot that it has read may then be empty or
+    // hold another callback, so it removes only the pointer that it has read. The object of that pointer is
+    // not freed before the cycle ends, so no other has its address.
     std::atomic<uint32_t> _cycle{0};
     std::atomic<Layout*> _layout{nullptr};
     std::array<std::atomic<Proc*>, maxProcs> _slots{};
