@@ -69,7 +69,11 @@ void HALDevice::setState(HALDeviceState state)
         std::swap(_state, state);
         const HALDeviceView before{_objectID, state, _runs > 0};
         changes = halChanges(before, _view());
-        _table->setTiming(_state.nominalSampleRate, _state.bufferFrameSize);
+        // A running driver sets new timing itself, and may do so before it reports it. A report of another
+        // change, which still has the old timing, must not set that again.
+        if (_state.nominalSampleRate != state.nominalSampleRate ||
+            _state.bufferFrameSize != state.bufferFrameSize)
+            _table->setTiming(_state.nominalSampleRate, _state.bufferFrameSize);
     }
     _post(changes);
 }

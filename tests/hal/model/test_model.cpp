@@ -263,6 +263,26 @@ TEST(HALIOProcTable, aStreamThatIsSwitchedOnDuringACycleIsSilent)
     }
 }
 
+// The driver's IO thread notices a new rate before the driver reports it.
+TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
+{
+    SimulatedDeviceBuilder shape = aDevice().uid("device").outputs(2);
+    const AudioObjectID device = hardware->plug(shape);
+    std::optional<double> rate;
+    const RunningProc proc(*model, device, [&](auto...) {
+        const CXRealtimeExemption exemption("in place of the driver's other thread");
+        shape.name("Renamed");
+        hardware->sink->deviceChanged(*hardware->device("device"), shape.description().state);
+        rate = readValue<double>(*model, device, at(kAudioDevicePropertyNominalSampleRate));
+    });
+    hardware->sampleRate = 96000.0;
+    std::array<float, 64> samples{};
+    const AudioTimeStamp now{};
+    AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
+    hardware->callback(&now, nullptr, nullptr, &list, &now);
+    EXPECT_EQ(rate, 96000.0);
+}
+
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
 {
     std::multiset<HALDeadline> deadlines;
