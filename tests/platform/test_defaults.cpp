@@ -236,6 +236,30 @@ TEST_F(Defaults, areStoredOnceTheDiskHasRoomAgain)
     inChild([] { EXPECT_EQ(contents(), "count=1499 late=1 old=1 "); });
 }
 
+TEST_F(Defaults, areNotReadFromAFileWhoseLogCannotBeOpened)
+{
+    keepSomething();
+    Connection{file}("PRAGMA wal_checkpoint(TRUNCATE)");
+    inChild([] { EXPECT_TRUE(write("old", "2")); }); // stays in the log: the process never closes the file
+    for (rlim_t free = 0; free < 7; ++free)
+        inChild([&] {
+            const int lowest = dup(STDERR_FILENO);
+            close(lowest);
+            const CapturedLog log;
+            const auto limitDescriptors = [](rlim_t count) {
+                rlimit limit{};
+                getrlimit(RLIMIT_NOFILE, &limit);
+                limit.rlim_cur = std::min(count, limit.rlim_max);
+                setrlimit(RLIMIT_NOFILE, &limit);
+            };
+            limitDescriptors(static_cast<rlim_t>(lowest) + free);
+            EXPECT_EQ(contents(), suite()->load() ? "old=2 " : "") << free;
+            limitDescriptors(1024);
+            EXPECT_TRUE(write("new", std::nullopt));
+            EXPECT_EQ(contents(), "old=2 ") << free;
+        });
+}
+
 TEST_F(Defaults, setDamagedFilesAside)
 {
     const auto isSetAside = [this](const std::string& bytes) {
