@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <filesystem>
 #include <memory>
 #include <random>
 #include <sqlite3.h>
@@ -25,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int64_t applicationID = 0x64787253; // "dxrS", SQLite's application_id in the file's header
 constexpr int64_t schemaVersion = 1;
+constexpr std::string_view damagedMark = ".damaged-"; // in the names of files that were set aside
 constexpr std::string_view databaseHead("SQLite format 3\0", 16);
 constexpr std::string_view databaseFractions("\x40\x20\x20", 3); // behind it, at byte 21 of every database
 
@@ -153,8 +155,8 @@ std::string suffixOfDamaged()
     std::tm parts = {};
     localtime_r(&now, &parts);
     char text[64];
-    const size_t length = std::strftime(text, sizeof text, ".damaged-%Y%m%d-%H%M%S-", &parts);
-    return std::string(text, length) + std::to_string(getpid());
+    const size_t length = std::strftime(text, sizeof text, "%Y%m%d-%H%M%S-", &parts);
+    return std::string(damagedMark) + std::string(text, length) + std::to_string(getpid());
 }
 
 } // namespace
@@ -173,8 +175,9 @@ bool DefaultsDatabase::_locate(WhenMissing whenMissing)
 
 bool DefaultsDatabase::open(WhenMissing whenMissing)
 {
-    if (_connection && _isStillInPlace())
+    if (_connection && _isOpenedFile(_path))
         return true;
+    _wasSetAside = _wasSetAside || _isSetAsideByOther();
     close();
     const FileSizeSignalBlock block;
     _waitEnds = Clock::now() + _maximumWait;
@@ -192,7 +195,7 @@ bool DefaultsDatabase::_open(WhenMissing whenMissing)
     _lastCode = SQLITE_OK;
     if (!_locate(whenMissing))
         return false;
-    const bool makes = whenMissing == WhenMissing::Make;
+    const bool makes = whenMissing == WhenMissing::Make || _wasSetAside;
     const OpeningLock lock(_path + ".lock", makes, _waitEnds);
     if (lock.isHeldByOther()) {
         _failWith(_path + ".lock is held by another process");
@@ -200,13 +203,8 @@ bool DefaultsDatabase::_open(WhenMissing whenMissing)
         return false;
     }
 
-    // Created here with mode 0600, because SQLite would let other users read it.
-    const int made =
-        makes ? ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR) : -1;
-    if (made >= 0)
-        ::close(made);
-    else if (makes && errno != EEXIST)
-        return _failWith(_path + ": " + std::generic_category().message(errno));
+    if (makes && !_make())
+        return false;
     struct stat state = {};
     if (lstat(_path.c_str(), &state) != 0)
         return _failWith(_path + ": " + std::generic_category().message(errno));
@@ -228,6 +226,16 @@ bool DefaultsDatabase::_open(WhenMissing whenMissing)
     const bool canRead = _openFile(/*isWritable=*/false);
     _problem = problem;
     return canRead;
+}
+
+/// Creates the file if it does not exist, with mode 0600: SQLite would let other users read it.
+bool DefaultsDatabase::_make()
+{
+    const int made = ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (made < 0)
+        return errno == EEXIST || _failWith(_path + ": " + std::generic_category().message(errno));
+    ::close(made);
+    return true;
 }
 
 bool DefaultsDatabase::_openFile(bool isWritable)
@@ -449,14 +457,33 @@ void DefaultsDatabase::rollback()
 bool DefaultsDatabase::isMissing()
 {
     struct stat now = {};
-    return _locate(WhenMissing::Leave) && lstat(_path.c_str(), &now) != 0 && errno == ENOENT;
+    const bool isMissing = _locate(WhenMissing::Leave) && lstat(_path.c_str(), &now) != 0 && errno == ENOENT;
+    // Between the renaming of a damaged file and the creation of the next one, or if that failed.
+    _wasSetAside = _wasSetAside || (isMissing && _isSetAsideByOther());
+    return isMissing && !_wasSetAside;
 }
 
-bool DefaultsDatabase::_isStillInPlace() const
+/// Returns true if `path` is the file that was opened last.
+bool DefaultsDatabase::_isOpenedFile(const std::string& path) const
 {
     struct stat now = {};
-    return lstat(_path.c_str(), &now) == 0 && now.st_ino == _identity.st_ino &&
+    return _identity.st_nlink > 0 && lstat(path.c_str(), &now) == 0 && now.st_ino == _identity.st_ino &&
            now.st_dev == _identity.st_dev;
+}
+
+/// Returns true if another process found the file damaged and renamed it. This process may not have noticed
+/// the damage, because it has the pages in memory.
+bool DefaultsDatabase::_isSetAsideByOther() const
+{
+    if (_identity.st_nlink == 0 || _isOpenedFile(_path))
+        return false;
+    std::error_code error;
+    const std::string prefix = _suiteName + ".db" + std::string(damagedMark);
+    for (std::filesystem::directory_iterator each(_folder, error), end; !error && each != end;
+         each.increment(error))
+        if (each->path().filename().string().starts_with(prefix) && _isOpenedFile(each->path()))
+            return true;
+    return false;
 }
 
 /// Returns true if the open file still begins with the constant parts of SQLite's header
@@ -490,13 +517,9 @@ bool DefaultsDatabase::_setAside()
             return _failWith(damage +
                              ", and it cannot be set aside: " + std::generic_category().message(errno));
     }
-    const int made = ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (made < 0)
-        return _failWith(_path + ": " + std::generic_category().message(errno));
-    ::close(made);
     _wasSetAside = true;
     LogSink::log("Damaged settings were set aside as " + name + " (" + damage + ")");
-    return true;
+    return _make();
 }
 
 bool DefaultsDatabase::_isCorrupt() const noexcept

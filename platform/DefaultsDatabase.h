@@ -34,9 +34,12 @@ public:
     bool open(WhenMissing whenMissing);
     void close();
     bool isOpen() const noexcept { return _connection != nullptr; }
-    /// Returns true if the folder's path is valid and the file does not exist.
+    /// Returns true if the folder's path is valid and the file does not exist, unless it was damaged and set
+    /// aside: then open() creates the next one.
     bool isMissing();
-    /// Returns true if a damaged file was set aside since the last call.
+    /// Returns true if this or another process has set the damaged file aside since the last call of
+    /// takeWasSetAside().
+    bool wasSetAside() const noexcept { return _wasSetAside; }
     bool takeWasSetAside() noexcept { return std::exchange(_wasSetAside, false); }
 
     /// Updates `rows` from the file if another process has changed it since the last call.
@@ -70,7 +73,9 @@ private:
     bool _failWith(std::string problem, bool mayRecover = true);
     bool _isCorrupt() const noexcept;
     bool _setAside();
-    bool _isStillInPlace() const;
+    bool _make();
+    bool _isOpenedFile(const std::string& path) const;
+    bool _isSetAsideByOther() const;
     bool _isDatabaseStill();
     bool _execute(const char* statement);
     bool _number(const char* statement, int64_t& number);
@@ -88,7 +93,7 @@ private:
     std::chrono::milliseconds _maximumWait{3000};
     std::chrono::steady_clock::time_point _waitEnds;
     sqlite3* _connection = nullptr;
-    struct stat _identity = {}; // the file's, when it was opened
+    struct stat _identity = {}; // of the file that was opened last; st_nlink is 0 before
     int64_t _dataVersion = -1;  // when the rows were read
     sqlite3_stmt* _dataVersionStatement = nullptr;
 };

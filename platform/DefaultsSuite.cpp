@@ -113,10 +113,11 @@ DefaultsWatcher::Again DefaultsSuite::announceChanges(Retry retry)
     {
         const std::lock_guard store(_storeMutex);
         _database.setMaximumWait(shortPatience);
+        const size_t pending = _pending.size();
         // Opening an unreadable file is itself an event in the folder; reading after each event would repeat
         // forever.
         const bool isRead = (retry == Retry::Yes || !_isUnreadable) && _read();
-        if (retry == Retry::Yes)
+        if (retry == Retry::Yes || _pending.size() > pending) // at once if the file was damaged
             _storePending();
         if (!isRead && !_isUnreadable)
             again = Again::Soon;
@@ -144,20 +145,15 @@ bool DefaultsSuite::_read()
         isRead = true;
     }
     for (int attempt = 0; !isRead && attempt < 2 && _database.open(WhenMissing::Leave); ++attempt) {
-        if (_database.takeWasSetAside() && !_stored.empty()) {
-            // The rows of the damaged file that are in memory are written again.
-            DefaultsChanges known;
-            for (const auto& [key, row] : _stored)
-                known.emplace(key, row->value());
-            _unsaved.insert(known.begin(), known.end());
-            _pending.insert(_pending.begin(), [known](const DefaultsSnapshot&) { return known; });
-        }
+        const DefaultsRows known = _database.wasSetAside() ? _stored : DefaultsRows();
         const DefaultsDatabase::Reading reading = _database.read(_stored);
         if (reading == DefaultsDatabase::Reading::Unchanged) {
             _isUnreadable = false;
             return true;
         }
         isRead = reading == DefaultsDatabase::Reading::Done;
+        if (isRead && _database.takeWasSetAside())
+            _restore(known);
         if (!isRead && _database.isOpen())
             break; // only a damaged file, which read() has closed, is tried again
     }
@@ -165,6 +161,24 @@ bool DefaultsSuite::_read()
     _isUnreadable = !isRead && !_database.wasLocked();
     _publish();
     return isRead;
+}
+
+/// Adds an edit that writes `known`, the rows of a damaged file that are in memory, into the new file. Rows
+/// that other processes have written there are later ones and stay.
+void DefaultsSuite::_restore(const DefaultsRows& known)
+{
+    const Edit missing = [known](const DefaultsSnapshot& now) {
+        DefaultsChanges changes;
+        for (const auto& [key, row] : known)
+            if (!now.row(key))
+                changes.emplace(key, row->value());
+        return changes;
+    };
+    const DefaultsChanges changes = missing(*DefaultsSnapshot::initWithRows(_stored));
+    if (changes.empty())
+        return;
+    _unsaved.insert(changes.begin(), changes.end());
+    _pending.insert(_pending.begin(), missing);
 }
 
 /// Begins a write transaction and brings _stored up to date.

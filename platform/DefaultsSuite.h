@@ -62,6 +62,7 @@ private:
 
     void _loadFirst();
     bool _read();
+    void _restore(const DefaultsRows& known);
     bool _begin();
     bool _storePending();
     void _keepInMemory(const Edit& edit);

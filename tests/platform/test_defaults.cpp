@@ -317,6 +317,29 @@ TEST_F(Defaults, setDamagedFilesAside)
         });
         inChild([&] { EXPECT_EQ(contents(), all); });
     }
+
+    // Another process that detects the damage sets the file aside. It may end before it creates the next one,
+    // and may write to that before this process reads it.
+    const std::pair<std::optional<std::string>, std::string> next[] = {{{}, "0"}, {"", "0"}, {good, "1"}};
+    for (const auto& [bytes, old] : next) {
+        SCOPED_TRACE(bytes ? bytes->size() : -1);
+        const std::string value(100, filler++), all = "a=1 b=" + value + " c=3 old=" + old + " ";
+        inChild([&, &newBytes = bytes] {
+            EXPECT_TRUE(write("b", value));
+            EXPECT_TRUE(write("old", "0"));
+            const int opener = open((file.string() + ".lock").c_str(), O_RDONLY);
+            ASSERT_EQ(flock(opener, LOCK_EX), 0);
+            for (const char* part : {"-wal", "-shm", ""})
+                fs::rename(file.string() + part, file.string() + ".damaged-another" + part);
+            if (newBytes)
+                std::ofstream(file, std::ios::binary) << *newBytes;
+            EXPECT_EQ(flock(opener, LOCK_UN), 0);
+            EXPECT_TRUE(
+                eventually([&] { return textOf(file.string() + "-wal").find(value) != std::string::npos; }));
+            EXPECT_EQ(contents(), all);
+        });
+        inChild([&] { EXPECT_EQ(contents(), all); });
+    }
 }
 
 TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)
