@@ -229,6 +229,8 @@ TEST(URLs, areCheckedAndExtended)
         EXPECT_EQ(safeURLWithString(bad), std::nullopt) << bad;
     EXPECT_EQ(vtURLWithURL("http://h/p?old=1#f", {{"a&b", "c=\xFF e"}, {"n", 1}, {"only", nullptr}}),
               "http://h/p?a%26b=c%3D%FF%20e&n=1&only&old=1#f");
+    EXPECT_EQ(vtURLWithURL("http://h/p?#f", {{"a", 1}}), "http://h/p?a=1#f");
+    EXPECT_EQ(vtURLWithURL("http://h/p?", CXPlist::object()), "http://h/p?");
     EXPECT_EQ(vtURLWithURL("not a url", {{"k", "v"}}), std::nullopt);
 }
 

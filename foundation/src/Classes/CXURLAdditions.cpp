@@ -163,7 +163,7 @@ std::optional<std::string> vtURLWithURL(const std::string& base, const CXPlist& 
         for (const auto& [name, value] : arguments.items())
             append(queryItem(name, value));
     }
-    if (query)
+    if (query && (!query->empty() || items.empty())) // an empty query has no items
         append(*query);
     std::string url = std::string(rest) + items;
     return fragment ? url + "#" + std::string(*fragment) : url;
