@@ -46,6 +46,7 @@ CXRef<DefaultsSuite> DefaultsSuite::suiteNamed(const std::string& name)
 bool DefaultsSuite::load()
 {
     (void)snapshot();
+    DefaultsWatcher::shared().follow(CXRef<DefaultsSuite>(this)); // again if that could not start its thread
     const std::lock_guard lock(_mutex);
     return _isLoaded;
 }

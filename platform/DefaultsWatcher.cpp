@@ -1,6 +1,7 @@
 #include "DefaultsWatcher.h"
 
 #include "DataFolder.h"
+#include "LogSink.h"
 
 #include <algorithm>
 #include <array>
@@ -9,8 +10,10 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace dxr {
 
@@ -51,20 +54,38 @@ DefaultsWatcher::DefaultsWatcher()
 
 void DefaultsWatcher::follow(const CXRef<Client>& suite)
 {
-    const std::lock_guard lock(_mutex);
-    if (std::ranges::find(_suites, suite) != _suites.end())
-        return;
-    _suites.push_back(suite);
-    if (_suites.size() == 1)
-        _thread = Thread("dxr-settings", [this] { _serve(); });
-    else
-        wake();
+    {
+        const std::lock_guard lock(_mutex);
+        const bool isFollowed = std::ranges::find(_suites, suite) != _suites.end();
+        if (isFollowed && _isServing)
+            return;
+        if (!isFollowed)
+            _suites.push_back(suite);
+    }
+    wake();
 }
 
-void DefaultsWatcher::wake() noexcept
+void DefaultsWatcher::wake()
 {
+    _start();
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = write(_wakeUps, &one, sizeof one); // fails only if set already
+}
+
+/// Starts the thread unless it runs.
+void DefaultsWatcher::_start()
+{
+    const std::lock_guard lock(_mutex);
+    if (_isServing || _suites.empty())
+        return;
+    try {
+        _thread = Thread("dxr-settings", [this] { _serve(); });
+        _isServing = true;
+    } catch (const std::system_error& error) { // the settings can be used without it; tried again
+        if (!std::exchange(_hasComplained, true))
+            LogSink::log(std::string("Changes of device settings are not noticed: cannot create a thread: ") +
+                         error.code().message());
+    }
 }
 
 void DefaultsWatcher::_serve()

@@ -12,7 +12,8 @@
 namespace dxr {
 
 /// The thread that watches the suites' folders for changes by other processes and calls the observers. There
-/// is one per process, started with the first suite.
+/// is one per process, started with the first suite. If the thread cannot be created, that is logged once and
+/// tried again with each call.
 /// Threads: any.
 class DefaultsWatcher {
 public:
@@ -33,10 +34,11 @@ public:
     /// Starts watching a suite. Does nothing if it is watched already.
     void follow(const CXRef<Client>& suite);
     /// Tells the thread that this process has changed a suite.
-    void wake() noexcept;
+    void wake();
 
 private:
     DefaultsWatcher();
+    void _start();
     void _serve();
     bool _watch(const std::string& folder) const;
     std::vector<CXRef<Client>> _followed();
@@ -44,9 +46,11 @@ private:
 
     const int _folders; // inotify; -1 if it could not be created
     const int _wakeUps; // eventfd
-    std::mutex _mutex;  // guards _suites and _thread
+    std::mutex _mutex;  // guards the fields below
     std::vector<CXRef<Client>> _suites;
     Thread _thread;
+    bool _isServing = false; // the thread was started
+    bool _hasComplained = false;
 };
 
 } // namespace dxr

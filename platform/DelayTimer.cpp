@@ -18,11 +18,11 @@ void DelayTimer::schedule(uint64_t delayNanoseconds, Call call)
         1'000'000'000ULL * 60 * 60 * 24 * 365; // a later deadline would overflow the clock
     const auto deadline = Clock::now() + std::chrono::nanoseconds(std::min(delayNanoseconds, longest));
     const std::scoped_lock lock(_mutex);
-    _pending.emplace(deadline, std::move(call));
-    if (!_started) {
+    if (!_started) { // first, so that nothing is left to do if that throws
         Thread("dxr-delay", [this] { _run(); }).detach();
         _started = true;
     }
+    _pending.emplace(deadline, std::move(call));
     _changed.notify_one();
 }
 

@@ -16,7 +16,8 @@ public:
     static DelayTimer& shared();
 
     using Call = CXBlock<void()>;
-    /// Calls `call` after at least `delayNanoseconds`, on the timer's thread; it must be brief.
+    /// Calls `call` after at least `delayNanoseconds`, on the timer's thread; it must be brief. Throws
+    /// std::system_error, and never calls it, if the thread cannot be created.
     void schedule(uint64_t delayNanoseconds, Call call);
 
 private:

@@ -1,6 +1,7 @@
 #include "DescriptorWatcher.h"
 
 #include <sys/epoll.h>
+#include <system_error>
 
 namespace dxr {
 
@@ -28,6 +29,8 @@ DescriptorWatcher::DescriptorWatcher() : _epoll(epoll_create1(EPOLL_CLOEXEC)) {}
 bool DescriptorWatcher::watch(int descriptor, const CXRef<CXObject>& client, Readable readable)
 {
     const std::scoped_lock lock(_mutex);
+    if (!_start())
+        return false;
     epoll_event event = eventFor(descriptor);
     _watched.emplace(descriptor, Watched{client.get(), CXWeak<CXObject>(client), readable});
     if (epoll_ctl(_epoll, EPOLL_CTL_ADD, descriptor, &event) != 0) {
@@ -35,9 +38,19 @@ bool DescriptorWatcher::watch(int descriptor, const CXRef<CXObject>& client, Rea
             _watched.erase(descriptor);
         return false;
     }
-    if (!_isServing) {
+    return true;
+}
+
+/// Starts the thread unless it runs. Returns false if it cannot be created. The caller holds the lock.
+bool DescriptorWatcher::_start()
+{
+    if (_isServing)
+        return true;
+    try {
         Thread("dxr-descriptors", [this] { _serve(); }).detach();
         _isServing = true;
+    } catch (const std::system_error&) {
+        return false;
     }
     return true;
 }

@@ -18,7 +18,8 @@ public:
     using Readable = void (*)(CXObject& client);
 
     /// Calls `readable` once, on the watcher's thread, when `descriptor` becomes readable, if `client` is
-    /// still alive. Returns false if the system refuses to watch it or another client is watching it already.
+    /// still alive. Returns false if the system refuses to watch it, another client is watching it already,
+    /// or no thread can be created.
     bool watch(int descriptor, const CXRef<CXObject>& client, Readable readable);
     /// Watches the descriptor for another call, after `readable` was called.
     void rearm(int descriptor, const CXObject& client);
@@ -26,6 +27,7 @@ public:
 
 private:
     DescriptorWatcher();
+    bool _start();
     void _serve();
 
     const int _epoll;

@@ -25,8 +25,8 @@ public:
     static CXRef<Port> init(size_t queueLimit = defaultQueueLimit);
     /// Creates a port that receives an empty message whenever `descriptor` is readable. After
     /// messageHandled() the descriptor is checked again. The caller owns the descriptor and must keep it open
-    /// until the port is closed. Returns null if the system cannot watch the descriptor: plain files are
-    /// always readable and cannot be watched.
+    /// until the port is closed. Returns null if the system cannot watch the descriptor (plain files are
+    /// always readable and cannot be watched) or no thread can be created for it.
     static CXRef<Port> initWithDescriptor(int descriptor);
 
     enum class SendResult {

@@ -2,6 +2,8 @@
 #include "DefaultsSuite.h"
 #include "Eventually.h"
 #include "InChild.h"
+#include "Port.h"
+#include "SerialQueue.h"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sqlite3.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -258,6 +261,34 @@ TEST_F(Defaults, areNotReadFromAFileWhoseLogCannotBeOpened)
             EXPECT_TRUE(write("new", std::nullopt));
             EXPECT_EQ(contents(), "old=2 ") << free;
         });
+}
+
+TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
+{
+    const bool isRoot = geteuid() == 0; // root has no limit
+    EXPECT_EQ(std::system(isRoot ? ("chown -R 65534 '" + home.string() + "'").c_str() : "true"), 0);
+    inChild([&] {
+        const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("delayed");
+        rlimit threads{};
+        getrlimit(RLIMIT_NPROC, &threads);
+        const rlimit none{1, threads.rlim_max};
+        setrlimit(RLIMIT_NPROC, &none);
+        ASSERT_EQ(isRoot ? setresuid(65534, 65534, 65534) : 0, 0);
+        const CapturedLog log;
+        EXPECT_TRUE(suite()->load());
+        EXPECT_TRUE(write("a", "1"));
+        std::atomic<int> refused{0}, accepted{0}, calls{0};
+        EXPECT_THROW(queue->after(0, [&] { ++refused; }), std::system_error);
+        EXPECT_EQ(dxr::Port::initWithDescriptor(eventfd(0, EFD_CLOEXEC)), nullptr);
+        setrlimit(RLIMIT_NPROC, &threads);
+        queue->after(0, [&] { ++accepted; });
+        EXPECT_TRUE(eventually([&] { return accepted == 1; }));
+        EXPECT_EQ(refused, 0);
+        suite()->addObserver("a", [&] { ++calls; });
+        Connection{file}("UPDATE entries SET value='2'");
+        EXPECT_TRUE(eventually([&] { return calls == 1; }));
+        EXPECT_EQ(log.lines().size(), 1U) << "of the settings";
+    });
 }
 
 TEST_F(Defaults, setDamagedFilesAside)
