@@ -3,6 +3,7 @@
 #include "CXRef.h"
 
 #include <concepts>
+#include <functional>
 #include <type_traits>
 #include <utility>
 
@@ -30,12 +31,11 @@ public:
     CXBlock(std::nullptr_t) noexcept {}
     template <class Callable>
     requires(!std::same_as<std::remove_cvref_t<Callable>, CXBlock> &&
-             std::is_invocable_r_v<Result, std::remove_cvref_t<Callable>&, Arguments...>)
+             std::is_invocable_r_v<Result, std::decay_t<Callable>&, Arguments...>)
         CXBlock(Callable&& callable)
     {
         if (!CXIsEmptyCallable(callable))
-            _body = CXRef<Body>::adopt(
-                new Bound<std::remove_cvref_t<Callable>>(std::forward<Callable>(callable)));
+            _body = CXRef<Body>::adopt(new Bound<std::decay_t<Callable>>(std::forward<Callable>(callable)));
     }
 
     Result operator()(Arguments... arguments) const
@@ -56,9 +56,9 @@ private:
         Result invoke(Arguments... arguments) override
         {
             if constexpr (std::is_void_v<Result>)
-                _callable(std::forward<Arguments>(arguments)...);
+                std::invoke(_callable, std::forward<Arguments>(arguments)...);
             else
-                return _callable(std::forward<Arguments>(arguments)...);
+                return std::invoke(_callable, std::forward<Arguments>(arguments)...);
         }
 
     private:

@@ -23,10 +23,14 @@ public:
     {
         if (CXIsEmptyCallable(callable))
             return;
-        _callable = const_cast<void*>(static_cast<const void*>(std::addressof(callable)));
+        using Pointer = std::add_pointer_t<Callable>;
+        if constexpr (std::is_function_v<std::remove_reference_t<Callable>>)
+            _callable = reinterpret_cast<void*>(std::addressof(callable)); // as POSIX permits
+        else
+            _callable = const_cast<void*>(static_cast<const void*>(std::addressof(callable)));
         _invoke = [](void* body, Arguments... arguments) -> Result {
-            return static_cast<Result>((*static_cast<std::remove_reference_t<Callable>*>(body))(
-                std::forward<Arguments>(arguments)...));
+            return static_cast<Result>(
+                std::invoke(*reinterpret_cast<Pointer>(body), std::forward<Arguments>(arguments)...));
         };
     }
 

@@ -95,6 +95,11 @@ TEST(CXObject, losesNoCountWhileTheFirstWeakReferenceIsMade)
     EXPECT_EQ(ended, rounds);
 }
 
+int twice(int number)
+{
+    return 2 * number;
+}
+
 TEST(CXBlock, hasTheIdentityOfItsFirstBlock)
 {
     int calls = 0;
@@ -110,6 +115,12 @@ TEST(CXBlock, hasTheIdentityOfItsFirstBlock)
     EXPECT_FALSE(CXBlockRef<int(int)>(nullFunction));
     EXPECT_EQ(CXBlock<int(int)>(std::function<int(int)>(block))(1), 6);
     EXPECT_EQ(CXBlock<int(int)>(function)(-3), 3);
+    const CXBlock<int(int)> named = twice; // decays to a pointer
+    const CXBlockRef<int(int)> namedRef = twice;
+    EXPECT_EQ(named(2) + namedRef(3), 10);
+    const CXBlock<size_t(const std::string&)> member = &std::string::size;
+    const auto pointer = &std::string::size;
+    EXPECT_EQ(member("abc") + CXBlockRef<size_t(const std::string&)>(pointer)("ab"), 5U);
 }
 
 } // namespace
