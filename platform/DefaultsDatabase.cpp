@@ -279,8 +279,8 @@ bool DefaultsDatabase::_openFile(bool isWritable)
         int64_t ignored = 0;
         isOpen =
             openAs(_path, SQLITE_OPEN_READONLY) && _number("SELECT count(*) FROM sqlite_schema", ignored);
-        // Where no log can be created, no other process writes one either. Any other reason, such as a lack of
-        // descriptors, passes: without its log the file would have old values, and would keep them.
+        // Where no log can be created, no other process writes one either. Any other reason, such as a lack
+        // of descriptors, passes: without its log the file would have old values, and would keep them.
         if (!isOpen && faccessat(AT_FDCWD, _folder.c_str(), W_OK, AT_EACCESS) != 0)
             isOpen = openAs(immutableName(_path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
     }

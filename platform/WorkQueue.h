@@ -24,8 +24,8 @@ public:
     /// Runs `work` on the queue and waits until it has finished. On the queue's own thread this would
     /// deadlock, so it throws std::system_error (resource_deadlock_would_occur).
     virtual void sync(const Work& work);
-    /// Runs `work` as async() does, after at least `delayNanoseconds`. Keeps the queue alive until then. Throws
-    /// std::system_error, and never runs it, if no thread can be created.
+    /// Runs `work` as async() does, after at least `delayNanoseconds`. Keeps the queue alive until then.
+    /// Throws std::system_error, and never runs it, if no thread can be created.
     void after(uint64_t delayNanoseconds, Work work);
 
     const std::string& label() const noexcept { return _label; }
