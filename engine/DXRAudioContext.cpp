@@ -4,6 +4,7 @@
 #include "CXFourCharCode.h"
 #include "DeviceClock.h"
 #include "GlobalQueue.h"
+#include "HALHardwareDriver.h"
 #include "HostClock.h"
 #include "PropertyValue.h"
 #include "QDL.h"
@@ -254,6 +255,7 @@ void DXRAudioContext::_stopFollowing()
 CXRef<DXRAudioIOContext> DXRAudioContext::_makeRecord()
 {
     CXRef<DXRAudioIOContext> record = DXRAudioIOContext::init();
+    record->isOnHostClock = HALHardwareIsOnHostClock();
     record->unsafe.store(1); // keeps cycles out until the context is ready
     record->turn = [record, context = this] { _takeTurn(*context, *record, false); };
     record->ending = [record, deviceID = _deviceID] { _endLater(record, deviceID); };
@@ -508,7 +510,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     record.blockPlaces[0] = converter ? converter->placeOfLastBlock(true) : 0.0;
     record.blockPlaces[1] = converter ? converter->placeOfLastBlock(false) : frameCount;
     const uint64_t deadline = _deadlineOf(record);
-    _io.noteCycle(deadline != 0 && dxr::HostClock::nowTicks() > deadline, lostFrames);
+    _io.noteCycle(record.isOnHostClock && deadline != 0 && dxr::HostClock::nowTicks() > deadline, lostFrames);
 }
 
 /// The times of this cycle; unknown if the device does not report host times.
