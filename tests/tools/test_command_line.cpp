@@ -54,6 +54,7 @@ TEST_F(DxrCommand, setsRemembersAndRefersToDevices)
          "Built-in Speakers: default output\n"},
         {"reference", "d ref sim-loopback --input", 0, "{\"i\":true,\"uid\":\"sim-loopback\"}\n"},
         {"its device", "d info '{\"uid\":\"sim-loopback\",\"i\":true}'", 0, "Loop-back Cable"},
+        {"the default input", "d ref default --input; d info default", 0, "sim-usb-mic"},
         {"settings", "d remember sim-speakers hv false && d remember sim-speakers nick 'desk speakers'", 0,
          ""},
         {"stored", "d remember sim-speakers", 0, "hv = false\nnick = \"desk speakers\"\n"},
