@@ -21,6 +21,7 @@ TEST_F(DxrCommand, separatesWrongUsageFromFailure)
           "d play good.wav --channels 2", "d loop --in sim-ramp --in sim-ramp:1", "d monitor",
           "d trace /dev/full", "dxr demo --picture /dev/null/x.svg", "dxr manual /dev/null/man",
           "dxr resample good.wav good.wav --rate 44100", "dxr resample good.wav /dev/full --rate 44100",
+          "d list --watch > /dev/full", "dxr --help > /dev/full",
           "dxr plot response /dev/full --from 44100 --to 48000"}},
         {2,
          {"dxr", "dxr list --nonsense", "d info", "d play", "d list --hardware alsa", "d set sim-speakers",

@@ -27,6 +27,12 @@ template <class Use> void follow(const Options& options, int milliseconds, Use u
         use(watch.next());
 }
 
+void print(const std::string& line)
+{
+    if (!(std::cout << line << std::endl))
+        throw ToolFailure("cannot write to standard output");
+}
+
 // ---- list
 
 std::vector<std::string> linesOf(const Options& options, const Terminal& terminal)
@@ -60,7 +66,7 @@ void list(Options& options)
             terminal.draw(lines);
         else
             for (const std::string& line : lines)
-                std::cout << line << std::endl;
+                print(line);
         shown = std::move(lines);
     };
     if (options.watches)
