@@ -1,5 +1,7 @@
 #include "DxrCommand.h"
 
+#include "Eventually.h"
+
 #include <csignal>
 #include <map>
 #include <regex>
@@ -124,6 +126,9 @@ TEST_F(DxrCommand, watchesDevicesUntilItIsStopped)
     ASSERT_TRUE(list.waitFor("Wireless Headphones")) << list.output();
     ASSERT_TRUE(list.waitFor("35%")) << "a list for each change";
     EXPECT_EQ(linesOf(list.output()).at(1).find("Wireless"), std::string::npos) << "not in the first";
+
+    const ToolProcess nowhere({"watch"});
+    EXPECT_TRUE(eventually([&] { return nowhere.errors().starts_with("Waiting: cannot connect"); }));
 }
 
 } // namespace

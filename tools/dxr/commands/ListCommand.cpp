@@ -96,10 +96,13 @@ std::string lineOf(const DeviceWatch::Event& event, const Options& options, cons
 void watch(Options& options)
 {
     const Terminal terminal;
+    std::string reason;
     follow(options, -1, [&](const std::vector<DeviceWatch::Event>& events) {
+        const std::string before = std::exchange(reason, HALHardwareUnavailableReason());
+        if (reason != before && !reason.empty())
+            std::cerr << "Waiting: " << singleLine(reason) << "\n"; // each line of the output is an event
         for (const DeviceWatch::Event& event : events)
-            if (!(std::cout << lineOf(event, options, terminal) << std::endl))
-                throw ToolFailure("cannot write to standard output");
+            print(lineOf(event, options, terminal));
     });
 }
 
