@@ -1,5 +1,8 @@
 #include "DxrCommand.h"
 
+#include "Eventually.h"
+
+#include <csignal>
 #include <map>
 #include <regex>
 
@@ -20,6 +23,7 @@ TEST_F(DxrCommand, separatesWrongUsageFromFailure)
           "d play good.wav --channels 2", "d loop --in sim-ramp --in sim-ramp:1", "d monitor",
           "d trace /dev/full", "dxr demo --picture /dev/null/x.svg", "dxr manual /dev/null/man",
           "dxr resample good.wav good.wav --rate 44100", "dxr resample good.wav /dev/full --rate 44100",
+          "d list --watch > /dev/full", "dxr --help > /dev/full",
           "dxr plot response /dev/full --from 44100 --to 48000"}},
         {2,
          {"dxr", "dxr list --nonsense", "d info", "d play", "d list --hardware alsa", "d set sim-speakers",
@@ -53,6 +57,7 @@ TEST_F(DxrCommand, setsRemembersAndRefersToDevices)
          "Built-in Speakers: default output\n"},
         {"reference", "d ref sim-loopback --input", 0, "{\"i\":true,\"uid\":\"sim-loopback\"}\n"},
         {"its device", "d info '{\"uid\":\"sim-loopback\",\"i\":true}'", 0, "Loop-back Cable"},
+        {"the default input", "d ref default --input; d info default", 0, "sim-usb-mic"},
         {"settings", "d remember sim-speakers hv false && d remember sim-speakers nick 'desk speakers'", 0,
          ""},
         {"stored", "d remember sim-speakers", 0, "hv = false\nnick = \"desk speakers\"\n"},
@@ -121,6 +126,9 @@ TEST_F(DxrCommand, watchesDevicesUntilItIsStopped)
     ASSERT_TRUE(list.waitFor("Wireless Headphones")) << list.output();
     ASSERT_TRUE(list.waitFor("35%")) << "a list for each change";
     EXPECT_EQ(linesOf(list.output()).at(1).find("Wireless"), std::string::npos) << "not in the first";
+
+    const ToolProcess nowhere({"watch"});
+    EXPECT_TRUE(eventually([&] { return nowhere.errors().starts_with("Waiting: cannot connect"); }));
 }
 
 } // namespace

@@ -45,14 +45,15 @@ void requireCommand(const CLI::App& app, const std::string& word)
 /// Parses the command line and runs its command. Returns the exit status.
 int runCommandLine(CLI::App& app, int argc, char** argv)
 {
+    int status = 0;
     try {
         const std::string first = argc > 1 ? argv[1] : "";
         if (first == "help")
-            return app.exit(CLI::CallForHelp());
+            throw CLI::CallForHelp();
         requireCommand(app, first);
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : ToolFailure::usageExitStatus;
+        status = app.exit(error) == 0 ? 0 : ToolFailure::usageExitStatus;
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception& failure) {
@@ -60,11 +61,11 @@ int runCommandLine(CLI::App& app, int argc, char** argv)
         std::cerr << "dxr: " << failure.what() << "\n";
         return ToolFailure::exitStatus;
     }
-    if (!std::cout.flush()) {
+    if (status == 0 && !std::cout.flush()) {
         std::cerr << "dxr: cannot write to standard output\n";
         return ToolFailure::exitStatus;
     }
-    return 0;
+    return status;
 }
 
 } // namespace

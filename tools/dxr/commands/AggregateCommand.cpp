@@ -148,8 +148,9 @@ void registerAggregateCommand(CLI::App& app)
         addCommand(*aggregate, "create",
                    "Combine devices into one while the command runs, and show how their clocks differ", run);
     addRequired(command, "name", options.name, "The name of the new device");
-    addRequired(command, "devices", options.devices,
-                "The devices, in the order of their channels: UID, reference, or a part of the name");
+    addRequired(
+        command, "devices", options.devices,
+        "The devices, in the order of their channels: UID, reference, a part of the name, or 'default'");
     command.add_option("--clock", options.clock,
                        "The device whose clock the others follow; the first if not given");
     command.add_option("--frames", options.frames, "Frames of a cycle")->check(CLI::PositiveNumber);

@@ -27,6 +27,12 @@ template <class Use> void follow(const Options& options, int milliseconds, Use u
         use(watch.next());
 }
 
+void print(const std::string& line)
+{
+    if (!(std::cout << line << std::endl))
+        throw ToolFailure("cannot write to standard output");
+}
+
 // ---- list
 
 std::vector<std::string> linesOf(const Options& options, const Terminal& terminal)
@@ -60,7 +66,7 @@ void list(Options& options)
             terminal.draw(lines);
         else
             for (const std::string& line : lines)
-                std::cout << line << std::endl;
+                print(line);
         shown = std::move(lines);
     };
     if (options.watches)
@@ -90,10 +96,13 @@ std::string lineOf(const DeviceWatch::Event& event, const Options& options, cons
 void watch(Options& options)
 {
     const Terminal terminal;
+    std::string reason;
     follow(options, -1, [&](const std::vector<DeviceWatch::Event>& events) {
+        const std::string before = std::exchange(reason, HALHardwareUnavailableReason());
+        if (reason != before && !reason.empty())
+            std::cerr << "Waiting: " << singleLine(reason) << "\n"; // each line of the output is an event
         for (const DeviceWatch::Event& event : events)
-            if (!(std::cout << lineOf(event, options, terminal) << std::endl))
-                throw ToolFailure("cannot write to standard output");
+            print(lineOf(event, options, terminal));
     });
 }
 

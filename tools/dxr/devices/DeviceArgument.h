@@ -11,7 +11,8 @@ public:
     /// Adds "device" and the choice of hardware to `command`, and --input and --output for a choice of sides.
     explicit DeviceArgument(CLI::App& command, Sides sides = Sides::Choice) : HardwareChoice(command)
     {
-        command.add_option("device", _device, "The device's UID, reference, or a part of its name")
+        command
+            .add_option("device", _device, "The device's UID, reference, a part of its name, or 'default'")
             ->required();
         if (sides == Sides::Both)
             return;

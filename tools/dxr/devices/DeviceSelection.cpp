@@ -153,6 +153,8 @@ std::optional<DeviceReport> findDeviceIfKnown(const std::string& wanted,
 
 DeviceReport findDevice(const std::string& wanted, std::optional<HALDirection> direction)
 {
+    if (wanted == "default")
+        return findDefault(direction.value_or(HALDirection::Output));
     if (const std::optional<DeviceReport> found = findDeviceIfKnown(wanted, direction))
         return *found;
     if (isDeviceReference(wanted))

@@ -8,14 +8,14 @@ public:
     using ToolFailure::ToolFailure;
 };
 
-/// Finds the device that a user names. If `wanted` is a device reference, returns the device it refers to.
-/// Otherwise tries, in this order: the device with that UID, the device with that display name, the device
-/// whose display name or UID contains `wanted`, ignoring case. Hidden devices are found only by their UID or
-/// whole name. If `direction` is given, the device must have channels in it. Throws DeviceMissing, or
-/// ToolFailure if several devices match.
+/// Finds the device that a user names. "default" is the default device of `direction`, by default the output.
+/// If `wanted` is a device reference, returns the device it refers to. Otherwise tries, in this order: the
+/// device with that UID, the device with that display name, the device whose display name or UID contains
+/// `wanted`, ignoring case. Hidden devices are found only by their UID or whole name. If `direction` is
+/// given, the device must have channels in it. Throws DeviceMissing, or ToolFailure if several devices match.
 DeviceReport findDevice(const std::string& wanted, std::optional<HALDirection> direction = std::nullopt);
-/// Like findDevice(), but returns null if no device matches or `wanted` is a malformed reference. Throws
-/// DeviceMissing only for a reference to a device that is not connected.
+/// Like findDevice() without "default", but returns null if no device matches or `wanted` is a malformed
+/// reference. Throws DeviceMissing only for a reference to a device that is not connected.
 std::optional<DeviceReport> findDeviceIfKnown(const std::string& wanted,
                                               std::optional<HALDirection> direction = std::nullopt);
 
