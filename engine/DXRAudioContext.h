@@ -60,8 +60,8 @@ public:
     /// Ends IO: no node is called after it has returned. Does nothing if IO is not running.
     virtual void stop();
 
-    /// The latency of each viable node's device, inputs first; empty before the first cycle. An aggregate none
-    /// of whose parts carries a channel has none.
+    /// The latency of each viable node's device, inputs first; empty before the first cycle. An aggregate
+    /// none of whose parts carries a channel has none.
     std::vector<DXRDeviceLatency> latencies() const;
 
     /// "<DXRAudioContext: address, (ID) UID>"; without a device only the address.

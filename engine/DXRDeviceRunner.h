@@ -77,9 +77,9 @@ public:
                    const DXRIOBlock& ioblock);
     /// Adds the default device of a direction: when the default changes, the runner changes to the new device
     /// and the sample time continues. If the new default does not exist or was added with addDevice(), the
-    /// block stays with the previous device until the new one exists or removeDevice() removes it; it is first
-    /// called when a default device exists. Returns false if `ioblock` is null or the direction's default was
-    /// already added.
+    /// block stays with the previous device until the new one exists or removeDevice() removes it; it is
+    /// first called when a default device exists. Returns false if `ioblock` is null or the direction's
+    /// default was already added.
     bool addDefaultDevice(Direction direction, const std::optional<Channels>& channels,
                           const DXRIOBlock& ioblock);
     void removeDefaultDevice(Direction direction);
