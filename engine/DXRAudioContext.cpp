@@ -507,7 +507,7 @@ void DXRAudioContext::_performIO(uint64_t sampleTime, const DXRStreamBuffers& bu
     record.blockPlaces[0] = converter ? converter->placeOfLastBlock(true) : 0.0;
     record.blockPlaces[1] = converter ? converter->placeOfLastBlock(false) : frameCount;
     const uint64_t deadline = _deadlineOf(record);
-    _io.noteCycle(deadline != 0 && dxr::HostClock::nowTicks() > deadline, lostFrames);
+    _io.noteCycle(record.isOnHostClock && deadline != 0 && dxr::HostClock::nowTicks() > deadline, lostFrames);
 }
 
 /// When the next cycle is due, in ticks; 0 if the device does not report host times.

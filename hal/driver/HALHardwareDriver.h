@@ -50,6 +50,8 @@ public:
     /// Makes `device` the default device. The caller has checked that it has streams in the direction and may
     /// be the default there. Returns 'nope' if applications cannot choose the defaults.
     virtual HALStatus chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline);
+    /// Whether the host times of cycles are of the host's clock. If not, no cycle can be late.
+    virtual bool isOnHostClock() const { return true; }
 };
 
 /// Returns one of the library's drivers: "pipewire", the devices of the user's PipeWire server; "alsa", the
@@ -67,3 +69,6 @@ DXR_EXPORT bool HALSetHardwareDriver(const CXRef<HALHardwareDriver>& driver);
 /// The reason why the process's hardware driver finds no devices, as "cannot connect to the PipeWire server
 /// at …"; empty if it can find them. Returns after the initial enumeration.
 DXR_EXPORT std::string HALHardwareUnavailableReason();
+
+/// isOnHostClock() of the process's hardware driver.
+bool HALHardwareIsOnHostClock();

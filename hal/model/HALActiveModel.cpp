@@ -42,6 +42,11 @@ try {
     return std::string("cannot use the audio hardware: ") + error.what();
 }
 
+bool HALHardwareIsOnHostClock()
+{
+    return halActiveModel()->driver().isOnHostClock();
+}
+
 const CXRef<HALModel>& halActiveModel()
 {
     static const CXRef<HALModel>& model = []() -> const CXRef<HALModel>& {

@@ -324,6 +324,7 @@ TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
     EXPECT_EQ(state.frames, 512U);
     EXPECT_EQ(state.sample_rate, 48000.0);
     EXPECT_GE(state.cycles, 8U);
+    EXPECT_EQ(state.late_cycles, 0U) << "on a stepped clock";
     dxr_latency latency = DXR_INIT(dxr_latency);
     ASSERT_EQ(dxr_runner_get_latency(runner, output, &latency), DXR_OK);
     EXPECT_EQ(latency.block_frames, 512.0) << "a block is played one block later";

@@ -290,6 +290,11 @@ uint64_t SimulatedHardware::nowTicks() const
     return _machine->scheduler.nowTicks();
 }
 
+bool SimulatedHardware::isOnHostClock() const
+{
+    return !_machine->scheduler.isStepped();
+}
+
 void SimulatedHardware::settle()
 {
     HALDriverSink* sink = nullptr;

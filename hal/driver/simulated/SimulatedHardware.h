@@ -79,6 +79,7 @@ public:
     void start(HALDriverSink& sink) override;
     void stop() override;
     HALStatus chooseDefaultDevice(HALDefault which, HALDeviceDriver& device, HALDeadline deadline) override;
+    bool isOnHostClock() const override;
 
 private:
     explicit SimulatedHardware(SimulatedClock clock);

@@ -27,6 +27,7 @@ public:
     void advance(uint64_t nanoseconds);
     void stepCycles(uint32_t count);
     uint64_t nowTicks() const;
+    bool isStepped() const noexcept { return _isStepped; }
 
 private:
     class IOThread; // on the real-time clock
