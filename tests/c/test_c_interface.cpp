@@ -78,6 +78,8 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
     const std::vector<std::tuple<const char*, dxr_status, dxr_status>> rows = {
         {"handle is null", dxr_device_get_info(nullptr, &info), DXR_ERROR_ARGUMENT},
         {"never was one", dxr_retain(&rows), DXR_ERROR_HANDLE},
+        {"node is null", dxr_runner_add(runner, nullptr), DXR_ERROR_ARGUMENT},
+        {"json is null", dxr_device_get_setting(output, "key", nullptr), DXR_ERROR_ARGUMENT},
         {"uid is not UTF-8", dxr_device_with_uid("\xC3\x28", DXR_INPUT, &device), DXR_ERROR_TEXT},
         {"not an archived device", dxr_device_from_archive("junk", 4, &device), DXR_ERROR_NOT_FOUND},
         {"volume is not from 0 to 1", dxr_device_set_volume(output, std::nan("")), DXR_ERROR_ARGUMENT},
