@@ -255,7 +255,6 @@ void DXRAudioContext::_stopFollowing()
 CXRef<DXRAudioIOContext> DXRAudioContext::_makeRecord()
 {
     CXRef<DXRAudioIOContext> record = DXRAudioIOContext::init();
-    record->isOnHostClock = HALHardwareIsOnHostClock();
     record->unsafe.store(1); // keeps cycles out until the context is ready
     record->turn = [record, context = this] { _takeTurn(*context, *record, false); };
     record->ending = [record, deviceID = _deviceID] { _endLater(record, deviceID); };

@@ -2,6 +2,7 @@
 
 #include "DeviceClock.h"
 #include "Futex.h"
+#include "HALHardwareDriver.h"
 #include "HostClock.h"
 
 using dxr::Futex;
@@ -20,7 +21,9 @@ CXRef<DXRAudioIOContext> DXRAudioIOContext::init()
     return CXRef<DXRAudioIOContext>::adopt(new DXRAudioIOContext);
 }
 
-DXRAudioIOContext::DXRAudioIOContext() : clock(std::make_unique<DeviceClock>()) {}
+DXRAudioIOContext::DXRAudioIOContext()
+    : clock(std::make_unique<DeviceClock>()), isOnHostClock(HALHardwareIsOnHostClock())
+{}
 
 DXRAudioIOContext::~DXRAudioIOContext() = default;
 

@@ -102,7 +102,7 @@ private:
 
     // -- Prepared by start, because a cycle must not allocate
 
-    bool isOnHostClock = true; ///< whether dueTicks is of the host's clock: otherwise no cycle is late
+    const bool isOnHostClock; ///< whether dueTicks is of the host's clock: otherwise no cycle is late
     /// Room for the entries of a device with more channels than fit on the stack.
     std::vector<DXRChannelEntry> entries[2];
     /// Queue work: the cycle's turn, and the end of the callback. Each holds a reference to this record until
