@@ -100,12 +100,6 @@ complete -c dxr -n 'string match -qr -- "^--(in|out)$" (commandline -opc)[-1]' -
 complete -c dxr -a '(dxr completion words (commandline -opc | string join " ") 2>/dev/null)'
 )fish";
 
-void printDevices()
-{
-    for (const DeviceReport& device : DeviceReport::readAll(DeviceReport::Hidden::No))
-        std::cout << singleLine(device.uid) << "\t" << singleLine(device.displayName()) << "\n";
-}
-
 /// Prints the words that may follow those of `line`, each with its description.
 void printWords(const CLI::App& app, const std::string& line)
 {
@@ -117,7 +111,8 @@ void printWords(const CLI::App& app, const std::string& line)
             command = inner->get_name() == word ? inner : command;
     const bool isDevice = word == "--in" || word == "--out";
     if (isDevice || command->get_option_no_throw("device"))
-        printDevices();
+        for (const DeviceReport& device : DeviceReport::readAll(DeviceReport::Hidden::No))
+            std::cout << singleLine(device.uid) << "\t" << singleLine(device.displayName()) << "\n";
     if (isDevice)
         return;
     for (const CLI::App* each : command->get_subcommands(nullptr))
@@ -137,8 +132,6 @@ void complete(CompletionOptions& options)
 {
     if (options.what == "words")
         printWords(options.app, options.line);
-    else if (options.what == "devices")
-        printDevices();
     else if (options.what == "fish")
         std::cout << fishCompletion;
     else
@@ -171,7 +164,7 @@ void registerPagesCommands(CLI::App& app)
     const auto [completion, options] =
         addCommand(app, "completion", "Print a shell's completion of the commands", complete);
     addRequired(completion, "shell", options.what,
-                "bash, zsh or fish; 'words' and 'devices' print candidates for these shells")
-        ->check(CLI::IsMember({"bash", "zsh", "fish", "words", "devices"}));
+                "bash, zsh or fish; 'words' prints candidates for these shells")
+        ->check(CLI::IsMember({"bash", "zsh", "fish", "words"}));
     completion.add_option("line", options.line, "For 'words': the command line before the word");
 }

@@ -181,21 +181,16 @@ DeviceSelection DeviceSelection::of(const DeviceReport& report, HALDirection dir
 DeviceSelection DeviceSelection::find(const std::string& text, HALDirection direction)
 {
     const size_t colon = text.rfind(':');
-    if (text == "default" || text.starts_with("default:")) {
-        const DeviceReport report = findDefault(direction);
-        DeviceSelection selection =
-            text == "default" ? of(report, direction) : find(report.uid + text.substr(colon), direction);
-        selection.isDefault = true;
-        return selection;
-    }
     std::optional<std::vector<uint32_t>> chosen;
     if (colon != std::string::npos)
         chosen = channelList(std::string_view(text).substr(colon + 1));
-    if (!chosen)
-        return of(findDevice(text, direction), direction);
-    if (const std::optional<DeviceReport> whole = findDeviceIfKnown(text, direction))
+    if (const auto whole = chosen ? findDeviceIfKnown(text, direction) : std::nullopt)
         return of(*whole, direction);
-    DeviceSelection selection = of(findDevice(text.substr(0, colon), direction), direction);
+    const std::string name = chosen ? text.substr(0, colon) : text;
+    DeviceSelection selection = of(findDevice(name, direction), direction);
+    selection.isDefault = name == "default";
+    if (!chosen)
+        return selection;
     const uint32_t last = *std::ranges::max_element(*chosen);
     if (last > selection.channels.size())
         throw ToolFailure(selection.shortName() +
