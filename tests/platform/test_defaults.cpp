@@ -171,7 +171,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
         inChild([&] {
             row.arrange();
             const std::string before = *row.complaint ? "" : "old=1 "; // readable from the folder
-            const std::string bytes = fs::is_regular_file(file) ? textOf(file) : "";
+            const std::string bytes = fs::is_regular_file(file) ? contentOf(file) : "";
             const CapturedLog log;
             EXPECT_EQ(contents(), before);
             std::atomic<int> calls{0};
@@ -184,7 +184,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
             EXPECT_TRUE(eventually([&] { return calls == 1; }));
             EXPECT_EQ(log.lines().size(), 1U);
             EXPECT_NE(log.lines()[0].find(row.complaint), std::string::npos) << log.lines()[0];
-            EXPECT_TRUE(bytes.empty() || textOf(file) == bytes) << "the file was changed";
+            EXPECT_TRUE(bytes.empty() || contentOf(file) == bytes) << "the file was changed";
         });
         EXPECT_TRUE(!fs::exists(home / "victim") || contentOf(home / "victim") == "precious\n");
         for (const char* untouched : {"foreign", "elsewhere"})
@@ -349,7 +349,7 @@ TEST_F(Defaults, setDamagedFilesAside)
                 std::ofstream(file, std::ios::binary) << *newBytes;
             EXPECT_EQ(flock(opener, LOCK_UN), 0);
             EXPECT_TRUE(
-                eventually([&] { return textOf(file.string() + "-wal").find(value) != std::string::npos; }));
+                eventually([&] { return contentOf(file.string() + "-wal").find(value) != std::string::npos; }));
             EXPECT_EQ(contents(), all);
         });
         inChild([&] { EXPECT_EQ(contents(), all); });
