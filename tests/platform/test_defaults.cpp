@@ -348,8 +348,8 @@ TEST_F(Defaults, setDamagedFilesAside)
             if (newBytes)
                 std::ofstream(file, std::ios::binary) << *newBytes;
             EXPECT_EQ(flock(opener, LOCK_UN), 0);
-            EXPECT_TRUE(
-                eventually([&] { return contentOf(file.string() + "-wal").find(value) != std::string::npos; }));
+            EXPECT_TRUE(eventually(
+                [&] { return contentOf(file.string() + "-wal").find(value) != std::string::npos; }));
             EXPECT_EQ(contents(), all);
         });
         inChild([&] { EXPECT_EQ(contents(), all); });

@@ -52,7 +52,7 @@ TEST(PipeWireServer, mayComeLaterAndAgain)
 // In the second round the folder is mounted after it was created, as the login manager does.
 TEST(PipeWireServer, mayComeBehindALinkAndUnderAMount)
 {
-    EXPECT_TRUE(runInChild([] {
+    inChild([] {
         const bool canMount =
             unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
         PrivateServer server;
@@ -72,7 +72,7 @@ TEST(PipeWireServer, mayComeBehindALinkAndUnderAMount)
             EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown) << "mounted: " << isMounted;
         }
         umount2(server.folder().c_str(), MNT_DETACH);
-    }));
+    });
 }
 
 using PipeWireServerTest = PipeWireTest;
