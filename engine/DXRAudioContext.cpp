@@ -4,7 +4,6 @@
 #include "CXFourCharCode.h"
 #include "DeviceClock.h"
 #include "GlobalQueue.h"
-#include "HALHardwareDriver.h"
 #include "HostClock.h"
 #include "PropertyValue.h"
 #include "QDL.h"

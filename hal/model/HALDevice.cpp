@@ -20,7 +20,9 @@ CXRef<HALDevice> HALDevice::initWithDriver(const CXRef<HALDeviceDriver>& driver,
 HALDevice::HALDevice(const CXRef<HALDeviceDriver>& driver, HALNotifier& notifier)
     : _objectID(newObjectID()), _driver(driver), _notifier(notifier),
       _table(HALIOProcTable::initWithDevice(_objectID, notifier))
-{}
+{
+    _table->setTiming(_state.nominalSampleRate, _state.bufferFrameSize); // setState() passes on changes only
+}
 
 // ---- State
 
