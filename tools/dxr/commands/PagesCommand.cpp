@@ -3,6 +3,7 @@
 #include "DeviceReport.h"
 
 #include <algorithm>
+#include <dxr/CXStringAdditions.h>
 #include <dxr/DXRVersion.h>
 #include <filesystem>
 #include <fstream>
@@ -16,8 +17,7 @@ std::string usageOf(const CLI::Option& option)
     if (option.get_positional())
         return option.get_name(true);
     std::string names = option.get_name(false, true);
-    for (size_t comma = 0; (comma = names.find(',', comma)) != std::string::npos; comma += 2)
-        names.insert(comma + 1, " ");
+    simpleReplace(names, ",", ", ");
     if (option.get_items_expected_max() > 0) // it takes a value
         names += " " + foldCase(option.get_type_name().substr(0, option.get_type_name().find('{')));
     return names;
@@ -27,15 +27,11 @@ std::string usageOf(const CLI::Option& option)
 
 std::string roff(const std::string& text)
 {
-    std::string escaped;
-    for (const char c : text) {
-        if (c == '\\' || c == '-')
-            escaped += '\\';
-        if ((c == '.' || c == '\'') && (escaped.empty() || escaped.back() == '\n'))
-            escaped += "\\&";
-        escaped += c;
-    }
-    return escaped;
+    std::string escaped = "\n" + text;
+    for (const auto& [plain, safe] :
+         {std::pair("\\", "\\\\"), {"-", "\\-"}, {"\n.", "\n\\&."}, {"\n'", "\n\\&'"}}) // backslash first
+        simpleReplace(escaped, plain, safe);
+    return escaped.substr(1);
 }
 
 void writeOptions(std::ostream& page, const CLI::App& command)

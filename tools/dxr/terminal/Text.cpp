@@ -30,26 +30,18 @@ struct Character {
     size_t width = 0; // columns
 };
 
-/// The first character of `text`, which must be well-formed UTF-8.
-Character firstCharacter(std::string_view text)
-{
-    const auto lead = static_cast<unsigned char>(text.front());
-    const size_t wanted = lead < 0xC0 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    Character character{text.substr(0, wanted)};
-    uint32_t code = wanted == 1 ? lead : lead & (0x7FU >> wanted);
-    for (const char byte : character.bytes.substr(1))
-        code = code << 6 | (static_cast<unsigned char>(byte) & 0x3FU);
-    character.code = static_cast<wchar_t>(code);
-    const int width = ::wcwidth(character.code);
-    character.width = width < 0 ? 1 : static_cast<size_t>(width);
-    return character;
-}
-
 std::vector<Character> charactersOf(std::string_view text)
 {
     std::vector<Character> characters;
-    for (; !text.empty(); text.remove_prefix(characters.back().bytes.size()))
-        characters.push_back(firstCharacter(text));
+    while (!text.empty()) {
+        auto code = static_cast<wchar_t>(WEOF); // of a byte that is not UTF-8
+        std::mbstate_t state{};
+        const size_t found = std::mbrtowc(&code, text.data(), text.size(), &state);
+        const size_t length = found > text.size() ? 1 : std::max<size_t>(found, 1);
+        const int width = ::wcwidth(code);
+        characters.push_back({text.substr(0, length), code, width < 0 ? 1 : static_cast<size_t>(width)});
+        text.remove_prefix(length);
+    }
     return characters;
 }
 
