@@ -44,12 +44,8 @@ std::vector<std::string> linesOf(const Options& options, const Terminal& termina
             throw ToolFailure(reason);
         return {"Waiting: " + singleLine(reason)};
     }
-    if (options.asJSON) {
-        CXPlist list = CXPlist::array();
-        for (const DeviceReport& device : devices)
-            list.push_back(device.json());
-        return {jsonText(list, options.watches ? -1 : 2, terminal.isLive())};
-    }
+    if (options.asJSON)
+        return {jsonText(arrayOf(devices, &DeviceReport::json), options.watches ? -1 : 2, terminal.isLive())};
     return devices.empty() ? std::vector<std::string>{"No audio devices."}
                            : deviceTable(devices, terminal.columns(), terminal);
 }
@@ -65,8 +61,7 @@ void list(Options& options)
         if (options.watches && terminal.isLive())
             terminal.draw(lines);
         else
-            for (const std::string& line : lines)
-                print(line);
+            print(joined(lines, "\n"));
         shown = std::move(lines);
     };
     if (options.watches)

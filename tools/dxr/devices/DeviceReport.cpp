@@ -91,17 +91,9 @@ CXPlist rangeJSON(const AudioValueRange& range)
     return {{"minimum", range.minimum}, {"maximum", range.maximum}};
 }
 
-CXPlist sourceJSON(uint32_t sourceID, const std::string& name)
+CXPlist sourceJSON(const DirectionReport::Source& source)
 {
-    return {{"id", sourceID}, {"name", name}};
-}
-
-template <class Items, class Convert> CXPlist arrayOf(const Items& items, Convert convert)
-{
-    CXPlist array = CXPlist::array();
-    for (const auto& item : items)
-        array.push_back(convert(item));
-    return array;
+    return {{"id", source.sourceID}, {"name", source.name}};
 }
 
 CXPlist directionJSON(const DirectionReport& report)
@@ -109,16 +101,13 @@ CXPlist directionJSON(const DirectionReport& report)
     const auto streamJSON = [](const DirectionReport::Stream& stream) {
         return CXPlist{{"id", stream.objectID}, {"channels", stream.channelCount}};
     };
-    const auto sourceOf = [](const DirectionReport::Source& source) {
-        return sourceJSON(source.sourceID, source.name);
-    };
     return {{"channels", report.channelCount},
             {"channel_names", report.channelNames},
             {"display_name", report.device ? CXPlist(report.displayName) : CXPlist(nullptr)},
             {"reference", report.device ? CXPlist(report.device->reference()->string()) : CXPlist(nullptr)},
             {"streams", arrayOf(report.streams, streamJSON)},
-            {"sources", arrayOf(report.sources, sourceOf)},
-            {"source", report.currentSource ? sourceJSON(*report.currentSource, report.currentSourceName())
+            {"sources", arrayOf(report.sources, sourceJSON)},
+            {"source", report.currentSource ? sourceJSON({*report.currentSource, report.currentSourceName()})
                                             : CXPlist(nullptr)},
             {"volume", volumeJSON(report.volume)},
             {"channel_volumes", arrayOf(report.channelVolumes, volumeJSON)},
@@ -128,13 +117,16 @@ CXPlist directionJSON(const DirectionReport& report)
             {"safety_offset_frames", report.safetyOffsetFrames}};
 }
 
-/// The volume of the output if the device has one, else of the input.
+/// The volume of the output if the device has one, else of the input: the main volume, or else that of the
+/// loudest channel.
 std::string volumeText(const DeviceReport& device)
 {
     const DirectionReport& direction = device[device.direction(std::nullopt)];
     if (direction.isMuted.value_or(false))
         return "muted";
-    const std::optional<float> volume = direction.shownVolume();
+    std::optional<float> volume = direction.volume;
+    if (!volume && !direction.channelVolumes.empty())
+        volume = std::ranges::max(direction.channelVolumes); // null is below any value
     return volume ? formatPercent(double{*volume}) : "-";
 }
 
@@ -152,15 +144,6 @@ std::string defaultText(const DeviceReport& device)
 }
 
 } // namespace
-
-std::optional<float> DirectionReport::shownVolume() const
-{
-    std::optional<float> shown = volume;
-    for (const std::optional<float>& each : channelVolumes)
-        if (!volume && each)
-            shown = std::max(shown.value_or(0.0F), *each);
-    return shown;
-}
 
 std::optional<DeviceReport> DeviceReport::read(AudioObjectID deviceID)
 {

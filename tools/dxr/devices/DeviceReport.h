@@ -7,6 +7,7 @@
 #include <dxr/CXPlist.h>
 #include <dxr/DXRDevice.h>
 #include <dxr/HALDirection.h>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,8 +39,6 @@ struct DirectionReport {
     bool isDefault = false;
     bool isDefaultSystem = false; ///< output only
 
-    /// The main volume, else that of the loudest channel; null if there is no volume control.
-    std::optional<float> shownVolume() const;
     std::string currentSourceName() const
     {
         for (const Source& source : sources)
@@ -108,6 +107,15 @@ struct DeviceReport {
 
 /// The version of the JSON output (docs/json.md); incremented when a key is removed or changes its meaning.
 inline constexpr int jsonSchema = 1;
+
+/// Returns the array of what `convert`, a function or member function, returns for each of the items.
+template <class Items, class Convert> CXPlist arrayOf(const Items& items, Convert convert)
+{
+    CXPlist array = CXPlist::array();
+    for (const auto& item : items)
+        array.push_back(std::invoke(convert, item));
+    return array;
+}
 
 /// Returns `json` as text. Bytes that are not UTF-8 are replaced. On a terminal, the text is plain ASCII.
 std::string jsonText(const CXPlist& json, int indent, bool onTerminal);

@@ -6,7 +6,6 @@
 #include <charconv>
 #include <dxr/DXRDeviceManager.h>
 #include <dxr/HALHardwareDriver.h>
-#include <dxr/QDL.h>
 #include <numeric>
 
 namespace {
