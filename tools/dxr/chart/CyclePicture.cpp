@@ -17,14 +17,12 @@ constexpr const char* endColour = "#6c7a96";
 constexpr const char* waitColour = "#43a68b";
 constexpr const char* deadlineColour = "#c75d6b";
 
-struct ContextStyle {
+constexpr struct {
     Context context;
-    const char* name;
-    const char* colour;
-};
-constexpr ContextStyle contextStyles[] = {{Context::Aggregate, "several devices", "#3b82c4"},
-                                          {Context::Device, "one device", "#43a68b"},
-                                          {Context::Timer, "timer, no device", "#d9903d"}};
+    const char *name, *colour;
+} contextStyles[] = {{Context::Aggregate, "several devices", "#3b82c4"},
+                     {Context::Device, "one device", "#43a68b"},
+                     {Context::Timer, "timer, no device", "#d9903d"}};
 
 std::string timeText(double seconds)
 {
@@ -158,14 +156,14 @@ void CyclePicture::_drawContexts(Chart& chart, double top) const
     for (size_t i = 0; i < _stretches.size(); ++i) {
         const double from = _x(static_cast<double>(i) * _stretchSeconds);
         const double to = _x(static_cast<double>(i + 1) * _stretchSeconds);
-        for (const ContextStyle& style : contextStyles)
+        for (const auto& style : contextStyles)
             if ((_contextsIn(i) & 1U << static_cast<uint32_t>(style.context)) != 0)
                 chart.rectangle({from, top}, to - from + 0.3, barHeight, style.colour);
         if (_stretches[i].changes > 0)
             chart.line({from, top - 5.0}, {from, top + barHeight + 5.0}, Chart::ink, 1.4);
     }
     double x = Chart::left;
-    for (const ContextStyle& style : contextStyles) {
+    for (const auto& style : contextStyles) {
         chart.rectangle({x, top - 24.0}, 12.0, 8.0, style.colour);
         chart.text({x + 18.0, top - 16.0}, style.name, {Chart::ink, 11.0});
         x += 140.0;
@@ -233,8 +231,7 @@ double CyclePicture::_drawDistribution(Chart& chart, double top, double height) 
 {
     const struct {
         const TickHistogram& histogram;
-        const char* name;
-        const char* colour;
+        const char *name, *colour;
     } rows[] = {{_lateness, "began after it was due", latenessColour},
                 {_waits, "waited for the queue", waitColour},
                 {_runs, "blocks ran", runColour},

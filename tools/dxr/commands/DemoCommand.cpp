@@ -29,7 +29,6 @@ constexpr const char* colours[] = {"#e07a3f", "#3b82c4", "#43a68b"}; // of the d
 struct Options {
     double seconds = 18.0;
     std::string picture = "out/demo.svg";
-    bool isSimulated = false; // ignored; --simulated is accepted because every command has it
 };
 
 /// Replaces the user's stored settings by a private, initially empty folder, which is removed at the end.
@@ -39,11 +38,10 @@ public:
     PrivateSettings()
     {
         std::error_code ignored;
-        std::string folder = std::filesystem::temp_directory_path(ignored) / "dxr-demo-XXXXXX";
-        if (ignored || !mkdtemp(folder.data()))
-            throw ToolFailure(folder + ": cannot be made: " + std::strerror(errno));
-        _folder = folder;
-        setenv("XDG_DATA_HOME", folder.c_str(), 1); // the library stores settings there
+        _folder = std::filesystem::temp_directory_path(ignored) / "dxr-demo-XXXXXX";
+        if (ignored || !mkdtemp(_folder.data()))
+            throw ToolFailure(_folder + ": cannot be made: " + std::strerror(errno));
+        setenv("XDG_DATA_HOME", _folder.c_str(), 1); // the library stores settings there
         CXSetMainBundleIdentifier("dxr.demo");
     }
     ~PrivateSettings()
@@ -55,7 +53,7 @@ public:
     PrivateSettings& operator=(const PrivateSettings&) = delete;
 
 private:
-    std::filesystem::path _folder;
+    std::string _folder;
 };
 
 /// One run of the demo: a session over simulated devices, the script, and the measurements.
@@ -165,11 +163,11 @@ void Demo::_introduce() const
     print(std::string("dxr ") + DXRVersionString() + ": discovers, monitors and combines audio devices",
           Style::Bold);
     print("A simulated computer: real threads and real time, but no sound hardware.", Style::Dim);
-    std::cout << "\n";
-    for (const std::string& row :
-         deviceTable(DeviceReport::readAll(DeviceReport::Hidden::No), terminal.columns(), terminal))
-        std::cout << row << "\n";
-    std::cout << "\n";
+    std::cout << "\n"
+              << joined(deviceTable(DeviceReport::readAll(DeviceReport::Hidden::No), terminal.columns(),
+                                    terminal),
+                        "\n")
+              << "\n\n";
     print("Stage Microphone -> Studio Monitors and Headphones", Style::Bold);
     print(formatText("%s, blocks of %u frames; the devices run at other rates, and connect and disconnect.",
                      formatRate(sampleRate).c_str(), frameCount),
@@ -294,8 +292,7 @@ void Demo::_drawPicture(const std::string& results, std::span<const DemoTone> to
             if (tone.output != device)
                 continue;
             const double seconds = _picture.secondsAt(tone.hostTicks);
-            levels.back().points.push_back(
-                {seconds, tone.level > 0.0 ? 20.0 * std::log10(tone.level) : -200.0});
+            levels.back().points.push_back({seconds, 20.0 * std::log10(tone.level)});
             qualities.back().points.push_back({seconds, tone.quality});
         }
     }
@@ -320,6 +317,6 @@ void registerDemoCommand(CLI::App& app)
     command.add_option("--seconds", options.seconds, "The duration; 18 if not given")
         ->check(CLI::Range(8.0, 120.0));
     command.add_option("--picture", options.picture, "The picture to write; out/demo.svg if not given");
-    command.add_flag("--simulated", options.isSimulated,
-                     "No effect: the demo's hardware is always simulated");
+    // Accepted because every command has it.
+    command.add_flag("--simulated")->description("No effect: the demo's hardware is always simulated");
 }

@@ -43,8 +43,7 @@ struct DriftRun {
     double delayFrames = 0.0;       ///< mean over the second half of the run
     double wanderFrames = 0.0;      ///< maximum distance from that mean, after 15 s
     double ratioErrorRMS = 0.0;     ///< parts per million, after 15 s
-    uint64_t lostFrames = 0;
-    uint32_t resynchronisations = 0;
+    AudioAggregateSubDeviceStatus status{}; ///< of the source, at the end
 };
 
 constexpr double settledAfter = 15.0; // seconds
@@ -207,24 +206,21 @@ void sumUp(DriftRun& run, double seconds)
 DriftRun runDrift(const DriftScenario& scenario)
 {
     DriftRun run;
-    AudioAggregateSubDeviceStatus status;
     Pair pair(scenario);
     const double step = std::max(0.05, scenario.seconds / 20000.0);
     const double started = pair.seconds();
     while (pair.seconds() - started < scenario.seconds) {
         pair.advance(step);
         const double now = pair.seconds();
-        status = pair.status();
+        run.status = pair.status();
         const std::optional<double> delay = pair.delayFrames();
         if (!delay)
             continue;
         const double truth = ratioAt(scenario.source, now) / ratioAt(scenario.reader, now);
-        run.points.push_back(
-            {now - started, status.partsPerMillion, (truth - 1.0) * 1e6, *delay, status.inputLevelFrames});
+        run.points.push_back({now - started, run.status.partsPerMillion, (truth - 1.0) * 1e6, *delay,
+                              run.status.inputLevelFrames});
     }
     sumUp(run, scenario.seconds);
-    run.lostFrames = status.lostFrames;
-    run.resynchronisations = status.resynchronisations;
     return run;
 }
 
@@ -244,8 +240,8 @@ std::string summary(const DriftRun& run)
     return formatText("Settled after %.1f s; delay %.1f frames, varying by up to %.3f; ratio within %.3f ppm "
                       "rms; ",
                       run.settledSeconds, run.delayFrames, run.wanderFrames, run.ratioErrorRMS) +
-           formatCount(run.lostFrames, "frame") + " lost, " +
-           formatCount(run.resynchronisations, "resynchronisation");
+           formatCount(run.status.lostFrames, "frame") + " lost, " +
+           formatCount(run.status.resynchronisations, "resynchronisation");
 }
 
 void writeChart(const std::string& file, const DriftScenario& scenario, const DriftRun& run)
@@ -305,25 +301,21 @@ void registerPlotDriftCommand(CLI::App& plot)
 {
     const auto [command, options] =
         addCommand(plot, "drift", "How devices with different clocks are synchronised", plotRun);
-    DriftScenario& scenario = options.scenario;
+    auto& [source, reader, seconds, lateness] = options.scenario;
     const auto add = [&command = command](const char* name, auto& value, auto min, auto max,
                                           const char* about) {
         command.add_option(name, value, about)->check(CLI::Range(min, max));
     };
-    add("--ppm", scenario.source.partsPerMillion, -1e5, 1e5,
-        "How much faster than nominal the source's clock runs");
-    add("--reader-ppm", scenario.reader.partsPerMillion, -1e5, 1e5,
+    add("--ppm", source.partsPerMillion, -1e5, 1e5, "How much faster than nominal the source's clock runs");
+    add("--reader-ppm", reader.partsPerMillion, -1e5, 1e5,
         "How much faster than nominal the reader's clock runs");
-    add("--wander", scenario.source.wanderPartsPerMillion, 0.0, 1000.0,
-        "How far the source's clock wanders, in ppm");
-    add("--wander-period", scenario.source.wanderSeconds, 10.0, 1e6,
-        "The period of this variation, in seconds");
-    add("--frames", scenario.source.frameCount, 8, 8192, "Frames of the source's cycle");
-    add("--reader-frames", scenario.reader.frameCount, 8, 8192, "Frames of the reader's cycle");
-    add("--rate", scenario.source.rate, 8000.0, 768000.0, "The source's nominal rate, in Hz");
-    add("--reader-rate", scenario.reader.rate, 8000.0, 768000.0, "The reader's nominal rate, in Hz");
-    add("--lateness", scenario.lateness, 0.0, 100.0,
-        "How late threads wake up: 1 as on a real server, 0 never");
-    add("--seconds", scenario.seconds, 1.0, 86400.0, "The simulated duration");
+    add("--wander", source.wanderPartsPerMillion, 0.0, 1000.0, "How far the source's clock wanders, in ppm");
+    add("--wander-period", source.wanderSeconds, 10.0, 1e6, "The period of this variation, in seconds");
+    add("--frames", source.frameCount, 8, 8192, "Frames of the source's cycle");
+    add("--reader-frames", reader.frameCount, 8, 8192, "Frames of the reader's cycle");
+    add("--rate", source.rate, 8000.0, 768000.0, "The source's nominal rate, in Hz");
+    add("--reader-rate", reader.rate, 8000.0, 768000.0, "The reader's nominal rate, in Hz");
+    add("--lateness", lateness, 0.0, 100.0, "How late threads wake up: 1 as on a real server, 0 never");
+    add("--seconds", seconds, 1.0, 86400.0, "The simulated duration");
     addRequired(command, "file", options.file, "The SVG file to write; an existing one is replaced");
 }

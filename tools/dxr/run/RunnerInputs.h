@@ -35,8 +35,6 @@ public:
     Channel channel(uint32_t channel, uint64_t sampleTime, uint32_t frameCount) const noexcept CX_REALTIME
     {
         static constexpr float silence = 0.0F;
-        if (channel >= _channels.size())
-            return {&silence, 0};
         const Place& place = _channels[channel];
         const Buffer& buffer = _buffers[place.input];
         if (buffer.sampleTime != sampleTime || buffer.frameCount != frameCount ||

@@ -48,9 +48,8 @@ public:
     /// or skipped, or the device or its clock compensation was started or stopped.
     bool noteStatus(const AudioAggregateSubDeviceStatus& status)
     {
-        const bool isNew = !_last;
-        const AudioAggregateSubDeviceStatus before = isNew ? AudioAggregateSubDeviceStatus{} : *_last;
-        const bool isDisturbed = isNew || status.resynchronisations != before.resynchronisations ||
+        const AudioAggregateSubDeviceStatus before = _last.value_or(AudioAggregateSubDeviceStatus{});
+        const bool isDisturbed = !_last || status.resynchronisations != before.resynchronisations ||
                                  status.lostFrames != before.lostFrames ||
                                  status.isRunning != before.isRunning ||
                                  status.isCompensated != before.isCompensated;

@@ -59,10 +59,7 @@ public:
     {
         if (!Terminal().isLive())
             throw ToolFailure("standard output is not a terminal; 'dxr watch' prints lines instead");
-        if (tcgetattr(STDIN_FILENO, &terminal::modesBefore) == 0) {
-            terminal::hasModes = true;
-            _keyboard = STDIN_FILENO;
-        }
+        terminal::hasModes = tcgetattr(STDIN_FILENO, &terminal::modesBefore) == 0;
         for (const int signal : terminal::deadlySignals)
             Interrupts::setHandler(signal, terminal::restoreAndDie,
                                    static_cast<int>(SA_RESETHAND | SA_NODEFER));
@@ -78,7 +75,6 @@ public:
         Interrupts::setHandler(SIGWINCH, SIG_DFL, 0);
         for (const int signal : terminal::deadlySignals)
             Interrupts::setHandler(signal, SIG_DFL, 0);
-        terminal::hasModes = false;
     }
     TerminalScreen(const TerminalScreen&) = delete;
     TerminalScreen& operator=(const TerminalScreen&) = delete;
@@ -102,14 +98,14 @@ public:
     }
 
     /// A descriptor that polls readable when a key was pressed; -1 if standard input is not a terminal.
-    int keyboard() const noexcept { return _keyboard; }
+    int keyboard() const noexcept { return terminal::hasModes ? STDIN_FILENO : -1; }
     /// The bytes of the keys pressed since the last call. On Ctrl-Z, suspends the process during the call.
     std::string takeKeys()
     {
         std::string keys;
         char bytes[64];
-        while (_keyboard >= 0) {
-            const ssize_t count = ::read(_keyboard, bytes, sizeof bytes);
+        while (terminal::hasModes) {
+            const ssize_t count = ::read(STDIN_FILENO, bytes, sizeof bytes);
             if (count <= 0)
                 break;
             keys.append(bytes, static_cast<size_t>(count));
@@ -140,6 +136,4 @@ private:
             tcgetattr(STDIN_FILENO, &terminal::modesBefore); // the shell may have changed the modes
         _enter();
     }
-
-    int _keyboard = -1;
 };
