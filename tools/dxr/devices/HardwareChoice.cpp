@@ -56,7 +56,8 @@ CXRef<SimulatedHardware> simulatedComputer()
     return computer;
 }
 
-void changeDevices(const std::stop_token& stop, SimulatedHardware& hardware, std::chrono::milliseconds pause)
+void changeDevices(const std::stop_token& stop, const CXRef<SimulatedHardware>& hardware,
+                   std::chrono::milliseconds pause)
 {
     using Device = SimulatedDeviceBuilder;
     const Device headphones = device("sim-headphones", "Wireless Headphones")
@@ -69,15 +70,15 @@ void changeDevices(const std::stop_token& stop, SimulatedHardware& hardware, std
                                   .mute(Output, false)
                                   .latency(Output, 4800);
     const auto change = [&](const char* uid, void (*set)(Device&)) {
-        return [&hardware, uid, set] { hardware.reconfigure(uid, set); };
+        return [&hardware, uid, set] { hardware->reconfigure(uid, set); };
     };
     const std::function<void()> steps[] = {
-        [&] { hardware.plug(headphones); },
-        [&] { hardware.setDefault(Output, "sim-headphones"); },
+        [&] { hardware->plug(headphones); },
+        [&] { hardware->setDefault(Output, "sim-headphones"); },
         change("sim-headphones", [](Device& device) { device.volume(Output, 0.35F); }),
         change("sim-usb-mic", [](Device& device) { device.name("Interview Microphone"); }),
         change("sim-speakers", [](Device& device) { device.currentSource(Output, 2); }),
-        [&] { hardware.unplug("sim-headphones"); },
+        [&] { hardware->unplug("sim-headphones"); },
         change("sim-usb-mic", [](Device& device) { device.name("USB Microphone"); }),
         change("sim-speakers", [](Device& device) { device.currentSource(Output, 1); }),
     };
@@ -119,9 +120,5 @@ void HardwareChoice::apply()
 
 std::jthread HardwareChoice::visitor(std::chrono::milliseconds pause) const
 {
-    if (!_simulated)
-        return {};
-    return std::jthread([hardware = _simulated, pause](const std::stop_token& stop) {
-        changeDevices(stop, *hardware, pause);
-    });
+    return _simulated ? std::jthread(changeDevices, _simulated, pause) : std::jthread();
 }

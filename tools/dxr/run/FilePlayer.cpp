@@ -10,13 +10,13 @@ FilePlayer::FilePlayer(SoundFileReader file, const std::vector<DeviceSelection>&
       _ring(_file.channelCount(), static_cast<uint64_t>(ringSeconds * _file.sampleRate()))
 {
     _meters.add("out", outputs);
-    if (!_isStream())
+    if (!_file.isStream())
         feed();
 }
 
 void FilePlayer::addTo(RunnerSession& session)
 {
-    if (_isStream())
+    if (_file.isStream())
         std::thread([self = CXRef<FilePlayer>(this)] { self->_readStream(); }).detach();
     session.add(_outputs, CXRef<FilePlayer>(this), &FilePlayer::_play);
 }
@@ -60,9 +60,9 @@ void FilePlayer::_giveBack(uint64_t sampleTime, uint32_t frameCount) noexcept
 {
     const bool isFed = _isFed.load(std::memory_order_acquire);
     _ring.commitRead(_given);
-    _framesPlayed.store(_framesPlayed.load(std::memory_order_relaxed) + _given, std::memory_order_relaxed);
+    _framesPlayed.fetch_add(_given, std::memory_order_relaxed);
     if (isFed && _ring.readableFrames() == 0)
         _endTime.store(sampleTime + _given, std::memory_order_relaxed);
     else if (_given < frameCount && !isFed)
-        _underruns.store(_underruns.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        _underruns.fetch_add(1, std::memory_order_relaxed);
 }

@@ -26,7 +26,7 @@ public:
     {
         if (_hasFailed.load(std::memory_order_acquire))
             throw ToolFailure(_failure);
-        if (!_isStream() && !_isFed.load(std::memory_order_relaxed) && !_file.fill(_ring))
+        if (!_file.isStream() && !_isFed.load(std::memory_order_relaxed) && !_file.fill(_ring))
             _isFed.store(true, std::memory_order_release);
     }
     /// The runner's sample time after the last frame of the file; null until that frame has been played.
@@ -40,8 +40,8 @@ public:
     /// The number of frames to play; null for a pipe, or a file that is repeated until the user ends it.
     std::optional<uint64_t> frameCount() const noexcept
     {
-        return _isStream() || _file.frameCount() == UINT64_MAX ? std::nullopt
-                                                               : std::optional(_file.frameCount());
+        return _file.isStream() || _file.frameCount() == UINT64_MAX ? std::nullopt
+                                                                    : std::optional(_file.frameCount());
     }
     /// Cycles that played silence because the file was read too slowly. No frame of the file is lost.
     uint64_t underruns() const noexcept { return _underruns.load(std::memory_order_relaxed); }
@@ -52,7 +52,6 @@ private:
                std::vector<ChannelMap> maps);
     ~FilePlayer() override = default;
 
-    bool _isStream() const noexcept { return _file.isStream(); }
     void _readStream() noexcept;
     void _play(size_t output, uint64_t sampleTime, DXRBuffer& buffer) noexcept CX_REALTIME;
     void _giveBack(uint64_t sampleTime, uint32_t frameCount) noexcept CX_REALTIME;

@@ -73,7 +73,5 @@ void FileRecorder::_keep(uint64_t sampleTime, uint32_t frameCount) noexcept
             _ring->frameToWrite(frame)[channel] = from.samples[frame * from.stride];
     }
     _ring->commitWrite(kept);
-    if (kept < frameCount)
-        _droppedFrames.store(_droppedFrames.load(std::memory_order_relaxed) + frameCount - kept,
-                             std::memory_order_relaxed);
+    _droppedFrames.fetch_add(frameCount - kept, std::memory_order_relaxed);
 }

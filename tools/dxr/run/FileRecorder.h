@@ -66,5 +66,5 @@ private:
     // The runner's sample time of the first frame in the ring. Stored, with release, before that frame is
     // written to the ring; pairs with the acquire in writeTo().
     std::atomic<uint64_t> _firstSampleTime{UINT64_MAX};
-    std::atomic<uint64_t> _droppedFrames{0}; // has one writer; relaxed: orders nothing
+    std::atomic<uint64_t> _droppedFrames{0}; // relaxed: orders nothing
 };

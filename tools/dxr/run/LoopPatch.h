@@ -61,8 +61,7 @@ private:
             }
         _meters.note(_inputs.inputCount() + output, buffer);
         if (output == 0)
-            _framesPassed.store(_framesPassed.load(std::memory_order_relaxed) + buffer.frameCount(),
-                                std::memory_order_relaxed);
+            _framesPassed.fetch_add(buffer.frameCount(), std::memory_order_relaxed);
     }
 
     const std::vector<DeviceSelection> _selections[2]; // inputs, outputs
@@ -70,5 +69,5 @@ private:
     std::vector<ChannelMap> _maps;          // by output
     DeviceMeters _meters;                   // of the inputs, then of the outputs
     std::atomic<bool> _isOpen{false};       // takes effect in one of the next cycles; relaxed: orders nothing
-    std::atomic<uint64_t> _framesPassed{0}; // has one writer; relaxed: orders nothing
+    std::atomic<uint64_t> _framesPassed{0}; // relaxed: orders nothing
 };
