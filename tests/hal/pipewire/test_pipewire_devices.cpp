@@ -259,13 +259,19 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     const auto count = [&] { return client.idsOf(PW_TYPE_INTERFACE_Metadata, named).size(); };
     {
         TestClient second(server.remote());
+        pw_impl_metadata* metadata = nullptr;
+        pw_proxy* exported = nullptr;
         second.locked([&] {
             pw_context* const context = pw_core_get_context(second.core());
             pw_context_load_module(context, "libpipewire-module-metadata", nullptr, nullptr);
-            pw_impl_metadata* const metadata = pw_context_create_metadata(context, "default", nullptr, 0);
-            pw_core_export(second.core(), PW_TYPE_INTERFACE_Metadata, nullptr, metadata, 0);
+            metadata = pw_context_create_metadata(context, "default", nullptr, 0);
+            exported = pw_core_export(second.core(), PW_TYPE_INTERFACE_Metadata, nullptr, metadata, 0);
         });
-        ASSERT_TRUE(eventually([&] { return count() == 2; }));
+        EXPECT_TRUE(eventually([&] { return count() == 2; }));
+        second.locked([&] {
+            pw_proxy_destroy(exported);
+            pw_impl_metadata_destroy(metadata);
+        });
     }
     ASSERT_TRUE(eventually([&] { return count() == 1; }));
     client.setMetadata("default", "default.audio.sink", R"({ "name": "two" })");
