@@ -11,6 +11,7 @@
 #include "Packer.h"
 
 #include <cstdlib>
+#include <exception>
 #include <utility>
 
 using namespace dxr_c;
@@ -77,17 +78,17 @@ dxr_status dxr_free(const void* memory)
         const std::optional<size_t> deviceCount = Handles::shared().removeMemory(memory);
         if (!deviceCount)
             fail(DXR_ERROR_HANDLE, "the memory was freed, or is not from this library");
-        std::optional<Failure> failure;
+        std::exception_ptr failure;
         for (size_t i = 0; i < *deviceCount; ++i) {
             try {
                 (void)Handles::shared().release(static_cast<dxr_device* const*>(memory)[i]);
-            } catch (const Failure& each) { // the caller released it too often
-                failure = each;
+            } catch (const Failure&) { // the caller released it too often
+                failure = std::current_exception();
             }
         }
         std::free(const_cast<void*>(memory));
         if (failure)
-            throw *failure;
+            std::rethrow_exception(failure);
     });
 }
 

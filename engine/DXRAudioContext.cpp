@@ -162,7 +162,7 @@ bool DXRAudioContext::start()
 }
 
 /// `text`: what could not be done with the device.
-bool DXRAudioContext::_fail(HALStatus status, std::string text)
+bool DXRAudioContext::_fail(HALStatus status, const std::string& text)
 {
     const CXRef<DXRDevice> device = _viables.size() == 1 ? (*_viables.begin())->device() : nullptr;
     const std::string name = device ? "'" + device->displayName() + "'" : "the devices";

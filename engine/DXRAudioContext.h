@@ -118,7 +118,7 @@ private:
     std::optional<std::array<CyclePlacement, 2>> _placements() const;
     void _followRings();
     void _stopFollowing();
-    bool _fail(HALStatus status, std::string text);
+    bool _fail(HALStatus status, const std::string& text);
     CXRef<DXRAudioIOContext> _makeRecord();
     void _readStreams(DXRAudioIOContext& record) const;
     Layouts _readLayouts() const;
