@@ -245,7 +245,8 @@ TEST_F(DXRAudioContextTest, refusesNodesThatNoBufferHolds)
     EXPECT_TRUE(runner->error());
 }
 
-// The buffer of the node fits into memory, the converter's does not.
+// The buffer of the node fits into memory, the converter's does not. Only the buffer's may be reported if the
+// allocator has meanwhile reserved address space for another thread.
 TEST_F(DXRAudioContextTest, reportsThatMemoryIsExhausted)
 {
 #ifdef DXR_SANITIZED
@@ -269,7 +270,7 @@ TEST_F(DXRAudioContextTest, reportsThatMemoryIsExhausted)
     setrlimit(RLIMIT_AS, &limit);
     runner->start();
     setrlimit(RLIMIT_AS, &before);
-    EXPECT_EQ(runner->error().text.substr(0, 28), "not enough memory to convert") << runner->error().text;
+    EXPECT_TRUE(runner->error().text.starts_with("not enough memory")) << runner->error().text;
     EXPECT_TRUE(eventually([this] { return !runner->error(); })) << "tried again";
 }
 
