@@ -43,8 +43,8 @@ RunnerDeviceNotifiers::Block RunnerDeviceNotifiers::_wrapped(const Block& block,
         const CXRef<CXObject> strong = weak.lock();
         if (!strong)
             return;
-        // Also right on the runner's queue: work there may look up a hidden device, which makes the update that
-        // we are told of on the same thread.
+        // Also right on the runner's queue: work there may look up a hidden device, and the update that this
+        // makes is reported here on the same thread.
         _queue->dispatchAsync([this, weak, block, connected, disconnected, changed] {
             const CXRef<CXObject> stillThere = weak.lock();
             if (!stillThere)

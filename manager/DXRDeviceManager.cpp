@@ -257,10 +257,12 @@ DXRDeviceManager::devicesWithReference(const std::optional<std::string>& referen
 CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> archive)
 {
     const std::string_view text(reinterpret_cast<const char*>(archive.data()), archive.size());
-    if (text.size() < archivePrefix.size() + 2 || !text.starts_with(archivePrefix) ||
-        text[archivePrefix.size()] != '{' || text.back() != '}')
+    if (!text.starts_with(archivePrefix))
         return nullptr;
-    const std::optional<CXPlist> parsed = CXPlistWithJSON(text.substr(archivePrefix.size()));
+    const std::string_view json = text.substr(archivePrefix.size());
+    if (!json.starts_with('{') || !json.ends_with('}'))
+        return nullptr;
+    const std::optional<CXPlist> parsed = CXPlistWithJSON(json);
     if (!parsed)
         return nullptr;
     const CXPlist version = vtObjectForKey(*parsed, "vn", CXPlistKind::Number);

@@ -361,7 +361,8 @@ TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
             DXRDeviceManager::queue().sync([] {});
         }
     });
-    for (int round = 0; round < 500; ++round) {
+    bool isCalled = true;
+    for (int round = 0; isCalled && round < 500; ++round) {
         const CXRef<dxr::SerialQueue> queue =
             round % 2 == 0 ? dxr::SerialQueue::initWithLabel("own") : nullptr;
         auto isAlive = std::make_unique<std::atomic<bool>>(true); // freed after the removal
@@ -372,7 +373,8 @@ TEST_F(DXRDeviceManagerTest, callsNoNotifierThatIsRemoved)
             EXPECT_TRUE(*alive);
         };
         manager.addDeviceNotifier(queue, block);
-        EXPECT_TRUE(eventually([&] { return calls > 0; }, std::this_thread::yield));
+        isCalled = eventually([&] { return calls > 0; }, std::this_thread::yield);
+        EXPECT_TRUE(isCalled);
         manager.removeDeviceNotifier(block, Wait);
         *isAlive = false;
     }
