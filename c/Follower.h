@@ -12,9 +12,11 @@ public:
     Follower(dxr_device_callback callback, void* user);
     ~Follower() override
     {
-        _notice->isOver = true; // in its own callback, nothing waits for the rest of the changes
+        silence(); // in its own callback, nothing waits for the rest of the changes
         manager().removeDeviceNotifier(_block, DXRDeviceManager::WhenRunning::Wait);
     }
+    /// No call begins any more; one may be in progress.
+    void silence() noexcept { _notice->isOver = true; }
     static DXRDeviceManager& manager() { return DXRDeviceManager::sharedDeviceManager(); }
 
 private:

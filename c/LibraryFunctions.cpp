@@ -4,6 +4,7 @@
 #include "CXMainBundle.h"
 #include "DXRVersion.h"
 #include "Events.h"
+#include "Follower.h"
 #include "Guard.h"
 #include "HALHardwareDriver.h"
 #include "HostClock.h"
@@ -25,7 +26,9 @@ void letGo(CXRef<CXObject> object, bool inCycle)
 {
     auto* const runner = dynamic_cast<Runner*>(object.get());
     if (runner)
-        runner->isOver = true;
+        runner->over->isOver = true;
+    if (auto* const follower = dynamic_cast<Follower*>(object.get()))
+        follower->silence();
     if (object && inCycle)
         return events().async([kept = std::move(object), runner] {
             if (runner)

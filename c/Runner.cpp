@@ -15,7 +15,7 @@ bool& isInAudioCallback() noexcept
 
 void Runner::end()
 {
-    isOver = true;
+    over->isOver = true;
     follow({});
     runner->stop();
 }
@@ -26,14 +26,14 @@ void Runner::follow(const CXBlock<void()>& block)
     CXRef<Notice> before;
     {
         const std::scoped_lock lock(_mutex);
-        if (block && isOver)
+        if (block && over->isOver)
             return;
         before = std::exchange(_notice, notice);
         if (!block && !before)
             return;
         runner->setNotifier(block ? CXRef<dxr::WorkQueue>(&events()) : nullptr,
-                            block ? DXRDeviceRunner::Notifier([notice, block] {
-                                if (!notice->isOver.load())
+                            block ? DXRDeviceRunner::Notifier([notice, over = over, block] {
+                                if (!notice->isOver && !over->isOver)
                                     block();
                             })
                                   : nullptr);
@@ -50,7 +50,7 @@ DXRIOBlock Runner::blockFor(dxr_io io, void* user, bool input)
     return [this, io, user, input](uint64_t sampleTime, DXRBuffer& buffer) {
         if (!input)
             buffer.mute();
-        if (hasEnded.load(std::memory_order_relaxed) || isOver.load(std::memory_order_relaxed))
+        if (hasEnded.load(std::memory_order_relaxed) || over->isOver.load(std::memory_order_relaxed))
             return;
         const dxr_cycle cycle = {sizeof cycle,       sampleTime,          buffer.hostTime(),
                                  buffer.samples(),   buffer.frameCount(), buffer.channelCount(),

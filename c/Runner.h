@@ -26,8 +26,8 @@ public:
     const CXRef<DXRDeviceRunner> runner;
     /// A callback has requested a stop: no callback is called until the next start.
     std::atomic<bool> hasEnded{false};
-    /// The handle was released: no callback is called any more.
-    std::atomic<bool> isOver{false};
+    /// Set when the handle is released: no callback is called any more.
+    const CXRef<Notice> over = CXRef<Notice>::adopt(new Notice);
 
 private:
     std::mutex _mutex;

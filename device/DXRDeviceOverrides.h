@@ -53,8 +53,8 @@ public:
     /// CXJSONMaximumBytes with its key, or longer than these with the device's other overrides.
     bool setObject(const CXPlist& value, const std::optional<std::string>& key);
 
-    /// Tries again to store changes, of all devices, that could not be stored. Returns true if all changes by
-    /// this process are on the disk.
+    /// Reads the settings of all devices again, and tries to store changes that could not be stored. Returns
+    /// true if the settings can be read and all changes by this process are on the disk.
     static bool synchronize();
     /// Removes all overrides, of all devices, that were last set by this application. Does nothing if the
     /// application has no identifier (CXSetMainBundleIdentifier).

@@ -105,7 +105,7 @@ bool DefaultsSuite::synchronize()
 {
     const std::lock_guard store(_storeMutex);
     _database.setMaximumWait(_isFailing ? shortPatience : patience);
-    return _storePending();
+    return _pending.empty() ? _read() : _storePending();
 }
 
 DefaultsWatcher::Again DefaultsSuite::announceChanges(Retry retry)

@@ -41,8 +41,8 @@ public:
     /// Applies `edit`. Returns true once the changes are on the disk. On false they are in memory, where all
     /// readers of this process see them.
     bool update(const Edit& edit);
-    /// Tries to store the changes that could not be stored before. Returns true if all changes are on the
-    /// disk.
+    /// Reads the store, and tries to store the changes that could not be stored before. Returns true if the
+    /// store can be read and all changes are on the disk.
     bool synchronize();
 
     /// Calls `changed` after each change of the key's value, by any process, and when the store is first read

@@ -17,7 +17,7 @@
  *           device, a few milliseconds before their samples are due. They must not lock, allocate, access
  *           files or wait, and may call only dxr_now(), dxr_version() and dxr_error_text(); other functions
  *           return DXR_ERROR_THREAD. (As an exception, for garbage-collected languages, dxr_release() works
- *           there, but waits for a lock.) Callbacks must not throw.
+ *           there: it waits for a lock, but not for calls in progress on other threads.) Callbacks must not throw.
  * dlclose() does not unload the library: its threads run until the process ends.
  * fork()    makes dxr unusable in the child of a process that has used it: functions return DXR_ERROR_FORKED
  *           there. exec() is allowed.

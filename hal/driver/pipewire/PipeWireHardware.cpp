@@ -34,8 +34,8 @@ void PipeWireHardware::sessionConnected()
 
 void PipeWireHardware::sessionDisconnected()
 {
+    _owner.serverFound(false); // first: who is told that the devices go may ask for the reason
     _devices.forgetAll();
-    _owner.serverFound(false);
     _runs.connectionLost();
     _mirror.disconnected();
     for (const Pending& pending : std::exchange(_pending, {}))

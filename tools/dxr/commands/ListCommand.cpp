@@ -15,9 +15,11 @@ struct Options : HardwareChoice {
     bool withIdentity = false; // of watch
 };
 
-/// Calls `use` with the events at the start and after each change, at least every `milliseconds` unless -1.
-template <class Use> void follow(const Options& options, int milliseconds, Use use)
+/// Calls `use` with the events at the start, after each change and twice a second: the terminal may be resized,
+/// and a server without devices may end.
+template <class Use> void follow(const Options& options, Use use)
 {
+    constexpr int milliseconds = 500;
     const Interrupts interrupts;
     std::signal(SIGPIPE, SIG_DFL); // ends the process when the reader of its output ends
     DeviceWatch watch(options.withHidden);
@@ -65,7 +67,7 @@ void list(Options& options)
         shown = std::move(lines);
     };
     if (options.watches)
-        follow(options, terminal.isLive() ? 500 : -1, show); // the terminal may be resized
+        follow(options, show);
     else
         show(shown);
 }
@@ -92,7 +94,7 @@ void watch(Options& options)
 {
     const Terminal terminal;
     std::string reason;
-    follow(options, -1, [&](const std::vector<DeviceWatch::Event>& events) {
+    follow(options, [&](const std::vector<DeviceWatch::Event>& events) {
         const std::string before = std::exchange(reason, HALHardwareUnavailableReason());
         if (reason != before && !reason.empty())
             std::cerr << "Waiting: " << singleLine(reason) << "\n"; // each line of the output is an event

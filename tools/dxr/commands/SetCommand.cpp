@@ -165,10 +165,11 @@ void set(Options& options)
 
 // ---- remember, forget
 
-void requireStored()
+/// Fails if the settings cannot be read: then none can be seen, or removed.
+void requireSettings()
 {
     if (!DXRDeviceOverrides::synchronize())
-        throw ToolFailure("the settings cannot be stored");
+        throw ToolFailure("the settings cannot be read or stored");
 }
 
 struct SettingOptions : DeviceArgument {
@@ -181,6 +182,7 @@ void remember(SettingOptions& options)
     const CXRef<DXRDevice> device = options.device();
     const Terminal terminal;
     if (!options.key) {
+        requireSettings();
         for (const std::string& key : device->overrideKeys())
             std::cout << singleLine(key) << " = "
                       << jsonText(device->overrideForKey(key), -1, terminal.isLive()) << "\n";
@@ -192,17 +194,18 @@ void remember(SettingOptions& options)
     const CXPlist value = parsed.is_discarded() ? CXPlist(*options.value) : parsed;
     if (!device->setOverride(value, *options.key))
         throw ToolFailure("this value cannot be stored");
-    requireStored();
+    requireSettings();
 }
 
 void forget(SettingOptions& options)
 {
     const CXRef<DXRDevice> device = options.device();
+    requireSettings();
     if (options.key && device->overrideForKey(*options.key).is_null())
         throw ToolFailure("no setting '" + singleLine(*options.key) + "' is stored");
     for (const std::string& key : options.key ? std::vector{*options.key} : device->overrideKeys())
         device->setOverride(nullptr, key);
-    requireStored();
+    requireSettings();
 }
 
 } // namespace

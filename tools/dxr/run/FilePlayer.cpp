@@ -27,6 +27,9 @@ void FilePlayer::_readStream() noexcept
     try {
         while (_file.fill(_ring))
             std::this_thread::sleep_for(pause);
+    } catch (const std::bad_alloc&) {
+        _failure = "out of memory";
+        _hasFailed.store(true, std::memory_order_release);
     } catch (const std::exception& failure) {
         _failure = failure.what();
         _hasFailed.store(true, std::memory_order_release);

@@ -62,6 +62,7 @@ void RunnerOptions::_select()
 
 void RunnerOptions::_waitForDevices()
 {
+    constexpr int milliseconds = 500; // a server without devices may end
     const Interrupts interrupts;
     DeviceWatch watch(true);
     watch.begin(); // before the first search, so that no change is missed
@@ -77,7 +78,7 @@ void RunnerOptions::_waitForDevices()
         }
         if (!visitor.joinable())
             visitor = this->visitor();
-    } while (interrupts.wait(-1, DeviceWatch::fd()));
+    } while (interrupts.wait(milliseconds, DeviceWatch::fd()));
     throw ToolFailure("stopped while waiting: " + reason);
 }
 
