@@ -317,6 +317,44 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
     EXPECT_EQ(dxr_release(listed[1]), DXR_ERROR_HANDLE) << "released nevertheless";
 }
 
+TEST_F(CInterface, aReleaseInAnAudioCallbackEndsPendingCalls)
+{
+    simulate();
+    static std::atomic<int> held, calls; // held: 1 while dxr.events is busy, then 2
+    held = calls = 0;
+    const auto hold = [](dxr_device*, dxr_change, void*) {
+        int free = 0;
+        held.compare_exchange_strong(free, 1);
+        while (held == 1)
+            sleepForMilliseconds(1);
+    };
+    std::pair<dxr_runner*, dxr_follower*> released{runner, nullptr};
+    dxr_follower* holder = nullptr;
+    ASSERT_EQ(dxr_follow(hold, nullptr, &holder), DXR_OK);
+    ASSERT_EQ(dxr_follow([](auto...) { ++calls; }, nullptr, &released.second), DXR_OK);
+    ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
+    ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
+    ASSERT_TRUE(eventually([] { return held == 1; }));
+    DXRDeviceManager::queue().sync([] {});
+    ASSERT_EQ(dxr_runner_follow(
+                  runner, [](void*) { ++calls; }, nullptr),
+              DXR_OK);
+    const auto release = [](const dxr_cycle*, void* user) {
+        const auto& [its, follower] = *static_cast<decltype(released)*>(user);
+        const CXRealtimeExemption exemption("a lock: the way out for languages that collect garbage");
+        return static_cast<int>(dxr_release(its) | dxr_release(follower));
+    };
+    ASSERT_EQ(add(output, release, &released), DXR_OK);
+    ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
+    advance(20);
+    EXPECT_EQ(dxr_release(released.second), DXR_ERROR_HANDLE) << "released by the callback";
+    held = 2;
+    EXPECT_EQ(dxr_release(holder), DXR_OK);
+    EXPECT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    EXPECT_EQ(calls, 0);
+    ASSERT_EQ(dxr_runner_new(&runner), DXR_OK);
+}
+
 TEST_F(CInterface, aRunnerReportsItsStateAndRefusedStarts)
 {
     simulate();
