@@ -20,6 +20,12 @@ TEST_F(DxrOnPipeWire, watchesOneObjectForADeviceThatComesBack)
     EXPECT_EQ(watch.finish(), 0) << watch.errors();
     EXPECT_NE(watch.output().find(identity, watch.output().find(" connected ")), std::string::npos)
         << watch.output();
+
+    client.unplug("one");
+    ToolProcess list({"list", "--watch"});
+    ASSERT_TRUE(list.waitFor("No audio devices.")) << list.output();
+    server.kill();
+    EXPECT_TRUE(list.waitFor("Waiting: cannot connect")) << list.output();
 }
 
 // The monitor's recording is not affected by the sink's volume.

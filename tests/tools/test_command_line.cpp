@@ -43,6 +43,7 @@ TEST_F(DxrCommand, separatesWrongUsageFromFailure)
         }
     EXPECT_EQ(run("dxr lst").errors,
               "no command 'lst'; did you mean 'list'?\nRun with --help for more information.\n");
+    expectContains(run("d record x.wav --in sim-usb-mic:9").errors, "has 1 input channel, not 9");
     EXPECT_EQ(linesOf(run("dxr $'x\\e[2J'").errors).at(0), "no command 'x\\x1B[2J'");
 }
 
@@ -65,6 +66,9 @@ TEST_F(DxrCommand, setsRemembersAndRefersToDevices)
         {"not stored", "d forget sim-speakers hv", 1, ""},
         {"all", "d forget sim-speakers; d remember sim-speakers | wc -l", 0, "0\n"},
         {"on a disk that cannot be written", "XDG_DATA_HOME=/proc d remember sim-speakers hv false", 1, ""},
+        {"that cannot be read",
+         "mkdir -p x/dxr/com.veltorrin.device-overrides.db; XDG_DATA_HOME=$PWD/x d forget sim-speakers", 1,
+         ""},
         {"archive", archived + "a", 0, "Connected       yes"},
         {"of an absent device", archived + "b", 0, "Connected       no"},
         {"marked", "d show b | head -1", 0, "⚠️ Built-in Speakers"},

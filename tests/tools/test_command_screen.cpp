@@ -21,6 +21,7 @@ TEST_F(DxrCommand, writesAWholeTrace)
     for (const json& event : json::parse(std::ifstream(path("run.json"))))
         cycles += event.at("name") == "aggregate cycle";
     EXPECT_TRUE(cycles > 0 && cycles < 150) << cycles; // few if the machine is busy
+    EXPECT_EQ(traced.output.find("\n0 cycles not seen"), std::string::npos) << traced.output;
     const std::string svg = contentOf(path("run.svg"));
     expectWholeSVG(svg);
     expectContains(svg, "Loop-back Cable -&gt; Built-in Speakers");
@@ -62,7 +63,8 @@ TEST_F(DxrCommand, writesItsManualAndCompletesItself)
 {
     const ToolResult pages =
         run("dxr manual man; for page in man/*.1; do groff -man -Tutf8 -ww $page; done 2>&1 > pages; "
-            "ls man | wc -l; grep -c 'the default output if not given' pages");
+            "ls man | wc -l; grep -c 'the default output if not given' pages; "
+            "grep -qF -- '\\-\\-seconds' man/dxr-play.1 || echo hyphens");
     EXPECT_GT(std::stoi(pages.output), 15) << pages.output << pages.errors;
     EXPECT_EQ(linesOf(pages.output).size(), 2U) << "no warning: " << pages.output;
     const std::string complete =
@@ -75,6 +77,12 @@ TEST_F(DxrCommand, writesItsManualAndCompletesItself)
         {"fish", "d completion fish; d completion words 'dxr plot'", 0, "response\t"},
         {"zsh", "d completion zsh", 0, "#compdef dxr\n"},
     });
+}
+
+TEST_F(DxrCommand, controlsNoTerminalThatCannotBeControlled)
+{
+    EXPECT_EQ(run("TERM=dumb script -qc '" DXR_TOOL " list --simulated' log").output.find("\x1B"),
+              std::string::npos);
 }
 
 /// Whether the terminal echoes input and delivers it by lines, as a shell leaves it.

@@ -108,12 +108,15 @@ TEST_F(DxrCommand, leavesAValidRecordingHoweverItEnds)
 
 TEST_F(DxrCommand, endsWhileNobodyReadsItsFIFO)
 {
-    // Signals before the handler is set would prove nothing, and a second one ends every process.
-    const std::string stopped = DXR_TOOL
+    // Signals before the handler is set would prove nothing.
+    const std::string record = DXR_TOOL
         " record f --simulated & until grep -q 'SigCgt.*[4-7c-f]...$' /proc/$!/status; do sleep 0.1; "
-        "done; sleep 1; kill $!; timeout 20 tail --pid=$! -f /dev/null; kill -9 $!; wait $!";
+        "done; sleep 1; ";
+    const std::string once = "kill $!; timeout 20 tail --pid=$! -f /dev/null; kill -9 $!; wait $!";
+    const std::string twice = "kill -STOP $!; kill $!; kill -INT $!; kill -CONT $!; wait $!";
     for (const char* opened : {"", "exec 3<>f; "})
-        EXPECT_LE(run(std::string("mkfifo f; ") + opened + stopped).status, 1) << opened;
+        EXPECT_LE(run(std::string("mkfifo f; ") + opened + record + once).status, 1) << opened;
+    EXPECT_GT(run("mkfifo f; exec 3<>f; " + record + twice).status, 128) << "at once";
 }
 
 // Frequency, loudness, position in time, length and channels are kept; only --fast adds noise.
