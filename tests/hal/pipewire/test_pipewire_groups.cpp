@@ -61,10 +61,10 @@ TEST_F(PipeWireGroups, theCyclesThatTheClockSkipsAreReported)
     RecordingListener second(*hal, plug({.name = "second", .properties = patient}), overload);
     CycleWitness witness;
     Group group(*hal, {"first", "second"}, witnessing(witness));
+    RecordingListener* const listeners[] = {&group.overloads, &first, &second};
     for (const uint32_t skipped : {1U, 3U}) {
         ASSERT_TRUE(witness.waitForMore());
         const uint64_t before = witness.lostFrames;
-        RecordingListener* const listeners[] = {&group.overloads, &first, &second};
         for (RecordingListener* each : listeners)
             each->clear();
         clock.skip(skipped);
