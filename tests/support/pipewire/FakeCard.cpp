@@ -51,7 +51,11 @@ FakeCard::FakeCard(const std::string& remote, Options options)
                        {PW_KEY_DEVICE_NAME, deviceName()},
                        {PW_KEY_DEVICE_DESCRIPTION, "Fake Card"},
                        {PW_KEY_DEVICE_API, "alsa"},
-                       {PW_KEY_DEVICE_BUS, "usb"}});
+                       {PW_KEY_DEVICE_BUS, "usb"},
+                       {PW_KEY_DEVICE_VENDOR_NAME, "Some Maker"},
+                       {PW_KEY_DEVICE_VENDOR_ID, "0x1235"},
+                       {PW_KEY_DEVICE_PRODUCT_ID, "0x8211"},
+                       {"device.serial", "SER1"}});
     _properties = newProperties(properties);
     _info.version = SPA_VERSION_DEVICE_INFO;
     _info.props = &_properties->dict;

@@ -12,7 +12,7 @@ public:
     struct Options {
         std::string name = "fake";   ///< the card is alsa_card.NAME, its nodes alsa_output.NAME.stereo…
         bool microphone = false;     ///< whether it also has a source
-        NodeProperties properties{}; ///< of the card, added to those of any USB card
+        NodeProperties properties{}; ///< of the card, added to the default serial number, maker and bus
     };
 
     enum Route : uint32_t { Speakers, Headphones, Microphone };
