@@ -309,18 +309,16 @@ TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
 TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
 {
     const AudioObjectID aggregate = aggregateOf(1);
-    std::promise<void> entered, mayLeave;
+    const auto reads = [&] {
+        EXPECT_EQ(subDeviceStatus(*model, aggregate).size(), 1U);
+        for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "0")})
+            EXPECT_EQ(readValue<double>(*model, each, at(kAudioDevicePropertyNominalSampleRate)), 48000.0);
+    };
     hardware->whenAsked = [&](HALDeadline) {
-        entered.set_value();
-        mayLeave.get_future().wait();
+        std::thread(reads).join();
         return kAudioHardwareUnspecifiedError;
     };
-    const std::jthread starter([&] { RunningProc(*model, aggregate, idle, kAudioHardwareUnspecifiedError); });
-    entered.get_future().wait();
-    EXPECT_EQ(subDeviceStatus(*model, aggregate).size(), 1U);
-    for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "0")})
-        EXPECT_EQ(readValue<double>(*model, each, at(kAudioDevicePropertyNominalSampleRate)), 48000.0);
-    mayLeave.set_value();
+    RunningProc(*model, aggregate, idle, kAudioHardwareUnspecifiedError);
 }
 
 TEST(HALFunctions, returnAnErrorWhileNoThreadCanBeCreated)
