@@ -304,7 +304,7 @@ TEST(ClockBridge, isSilentBeforeThereIsSoundAndSurvivesAReaderThatStops)
     bridge->read(1'000'000'000, 0, std::span(&stream, 1), 64);
     EXPECT_EQ(output, std::vector<float>(128));
     constexpr uint64_t period = 64 * 1'000'000'000ULL / 48000; // ns
-    for (uint64_t cycle = 0; cycle < 2000; ++cycle) // nothing is read: must not overflow
+    for (uint64_t cycle = 0; cycle < 2000; ++cycle)            // nothing is read: must not overflow
         bridge->write(1'000'000'000 + cycle * period, cycle * 64, std::span(&none, 1), 64);
     for (uint64_t cycle = 1; cycle < 200; ++cycle)
         bridge->read(4'000'000'000 + cycle * period, 190000 + cycle * 64, std::span(&stream, 1), 64);
