@@ -8,9 +8,7 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
-#include <array>
 #include <cstdio>
-#include <sys/wait.h>
 
 namespace {
 
@@ -18,18 +16,10 @@ namespace fs = std::filesystem;
 
 class Package : public testing::Test {
 protected:
-    Package() { setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1); }
-
-    /// Runs a shell command in the folder, expects its exit status, and stores its output in `output`.
-    void run(const std::string& command, int expected = 0)
+    /// Runs a shell command in the folder, which must succeed, and returns its output.
+    std::string run(const std::string& command) const
     {
-        FILE* const pipe = popen(("cd " + folder.string() + " && (" + command + ") 2>&1").c_str(), "r");
-        std::array<char, 4096> block{};
-        output.clear();
-        while (const size_t count = std::fread(block.data(), 1, block.size(), pipe))
-            output.append(block.data(), count);
-        const int status = pclose(pipe);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == expected) << command << '\n' << output;
+        return client.run("cd " + folder.string() + " && (" + command + ") 2>&1");
     }
     /// Waits until the file has this text.
     static bool waitForText(const fs::path& path, const std::string& text)
@@ -37,9 +27,11 @@ protected:
         return eventually([&] { return contentOf(path).find(text) != std::string::npos; });
     }
 
-    PrivateServer server;
+    const PrivateServer server;
     const fs::path folder = server.folder();
-    std::string output;
+    // Set before a client connects, because the environment overrides a client's remote.
+    const int isNamed = setenv("PIPEWIRE_REMOTE", server.remote().c_str(), 1);
+    TestClient client{server.remote()};
 };
 
 TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
@@ -58,25 +50,23 @@ TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
     run(DXR_COMPILER " " DXR_SANITIZER_FLAGS " -std=c++20 examples/list_devices.cpp -o by-pkg-config " +
         flags + "--cflags --libs dxr) -Wl,-rpath," + prefix + "/" DXR_LIBRARY_FOLDER);
 
-    run("./by-pkg-config");
-    EXPECT_EQ(output, "No audio devices.\n");
-    run("built/play_on_two", 1);
-    run("built/record_while_playing x.wav", 1);
+    EXPECT_EQ(run("./by-pkg-config"), "No audio devices.\n");
+    run("built/play_on_two; test $? = 1");
+    run("built/record_while_playing x.wav; test $? = 1");
     run("built/test_without_hardware");
 
-    TestClient devices(server.remote());
-    devices.plug({.name = "in", .mediaClass = "Audio/Source/Virtual", .channelCount = 1});
+    client.plug({.name = "in", .mediaClass = "Audio/Source/Virtual", .channelCount = 1});
     FILE* const follower =
         popen(("cd " + folder.string() + " && built/follow_hot_plug > followed").c_str(), "w");
     EXPECT_TRUE(waitForText(folder / "followed", "present      input  Virtual in\n"));
-    devices.plug({.name = "one", .properties = {{"node.description", "First \x1B[2J"}}});
-    devices.plug({.name = "two"});
+    client.plug({.name = "one", .properties = {{"node.description", "First \x1B[2J"}}});
+    client.plug({.name = "two"});
     EXPECT_TRUE(waitForText(folder / "followed", "connected    output Virtual two\n"));
-    run("built/list_devices");
-    EXPECT_NE(output.find("output    2 ch     48000 Hz  First \\x1B[2J"), std::string::npos) << output;
-    EXPECT_NE(output.find("input     1 ch     48000 Hz  Virtual in"), std::string::npos) << output;
-    run("built/play_on_two 0.3");
-    EXPECT_NE(output.find("Playing on Virtual two\n"), std::string::npos) << output;
+    const std::string list = run("built/list_devices");
+    EXPECT_NE(list.find("output    2 ch     48000 Hz  First \\x1B[2J"), std::string::npos) << list;
+    EXPECT_NE(list.find("input     1 ch     48000 Hz  Virtual in"), std::string::npos) << list;
+    const std::string played = run("built/play_on_two 0.3");
+    EXPECT_NE(played.find("Playing on Virtual two\n"), std::string::npos) << played;
     run(prefix + "/bin/dxr set in --default && " + prefix + "/bin/dxr set two --default");
     run("built/record_while_playing recording.wav");
     SF_INFO info{};
@@ -84,7 +74,7 @@ TEST_F(Package, buildsAndRunsTheExamplesOnTheInstalledLibraryAlone)
     EXPECT_TRUE(recording && info.frames == 3 * 48000 && info.channels == 1 && info.samplerate == 48000);
     sf_close(recording);
 
-    devices.unplug("two");
+    client.unplug("two");
     EXPECT_TRUE(waitForText(folder / "followed", "disconnected output Virtual two\n"));
     EXPECT_EQ(pclose(follower), 0) << "ends with its input";
 }

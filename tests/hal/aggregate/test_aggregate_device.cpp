@@ -98,8 +98,7 @@ TEST_F(AggregateDevices, refusesWhatItCannotBe)
     const AudioObjectID odd = makeAggregate(*model, {"a\xFF"}, {{"uid", "not UTF-8 \xFF"}});
     EXPECT_EQ(readDevices(*model).back(), odd);
     EXPECT_EQ(model->destroyAggregateDevice(odd), kAudioHardwareNoError);
-    const AudioObjectID empty = makeAggregate(*model, {"absent"});
-    RunningProc(*model, empty, idle, kAudioHardwareUnspecifiedError);
+    RunningProc(*model, makeAggregate(*model, {"absent"}), idle, kAudioHardwareUnspecifiedError);
     hal->plug(aDevice().uid("no channels").outputs(0));
     const AudioObjectID silent = makeAggregate(*model, {"no channels"}, {{"uid", "silent"}});
     RunningProc(*model, silent, idle, kAudioHardwareUnspecifiedError);
@@ -192,15 +191,13 @@ TEST_F(AggregateDevices, reportsTheLatencyThatARampMeasures)
         const auto latency = [&](uint32_t scope) {
             return *readValue<uint32_t>(*model, device, at(kAudioDevicePropertyLatency, scope));
         };
-        {
-            const RunningProc proc(*model, device, eachCycle([&](const IOCycle& cycle) {
-                heard = secondsAt(cycle.inputTime->hostTime) - static_cast<double>(cycle.in(1)[0]);
-                for (size_t i = 0; i < cycle.out(1).size(); ++i)
-                    cycle.out(1)[i] = static_cast<float>(secondsAt(cycle.outputTime->hostTime) +
-                                                         static_cast<double>(i) / row.rate);
-            }));
-            advance(2.0);
-        }
+        const RunningProc proc(*model, device, eachCycle([&](const IOCycle& cycle) {
+            heard = secondsAt(cycle.inputTime->hostTime) - static_cast<double>(cycle.in(1)[0]);
+            for (size_t i = 0; i < cycle.out(1).size(); ++i)
+                cycle.out(1)[i] = static_cast<float>(secondsAt(cycle.outputTime->hostTime) +
+                                                     static_cast<double>(i) / row.rate);
+        }));
+        advance(2.0);
         EXPECT_NEAR(latency(input), heard * row.rate, 1.0) << row.otherRate;
         EXPECT_NEAR(latency(output), played * row.rate, 1.0) << row.otherRate;
         model->destroyAggregateDevice(device);

@@ -296,7 +296,7 @@ TEST(ClockBridge, passesEveryFrameOnceBetweenTwoThreads)
     EXPECT_GT(unchanged, total - total / 20);
 }
 
-TEST(ClockBridge, isSilentBeforeThereIsSoundAndSurvivesCyclesThatDoNotFit)
+TEST(ClockBridge, isSilentBeforeThereIsSoundAndSurvivesAReaderThatStops)
 {
     const CXRef<ClockBridge> bridge = ClockBridge::initWithSettings({48000.0, 48000.0, 64, 64, 2, true});
     std::vector<float> output(128, 5.0F);
@@ -304,10 +304,7 @@ TEST(ClockBridge, isSilentBeforeThereIsSoundAndSurvivesCyclesThatDoNotFit)
     bridge->read(1'000'000'000, 0, std::span(&stream, 1), 64);
     EXPECT_EQ(output, std::vector<float>(128));
     constexpr uint64_t period = 64 * 1'000'000'000ULL / 48000; // ns
-    std::vector<float> large(1024, 1.0F);
-    const HALStreamBlock tooLong{large.data(), 2};
-    bridge->write(1'000'000'000, 0, std::span(&tooLong, 1), 512); // longer than the agreed frame count
-    for (uint64_t cycle = 0; cycle < 2000; ++cycle)               // nothing is read: must not overflow
+    for (uint64_t cycle = 0; cycle < 2000; ++cycle)            // nothing is read: must not overflow
         bridge->write(1'000'000'000 + cycle * period, cycle * 64, std::span(&none, 1), 64);
     for (uint64_t cycle = 1; cycle < 200; ++cycle)
         bridge->read(4'000'000'000 + cycle * period, 190000 + cycle * 64, std::span(&stream, 1), 64);

@@ -258,7 +258,8 @@ TEST_F(AlsaTest, findsTheVolumeByItsName)
     }
 }
 
-// The input returns what is played at the same sample time: times, latency and samples are exact.
+// The input returns what is played at the same sample time: times, latency and samples are exact. A card that
+// disappears while it runs is closed without log lines, and its device disappears at once.
 TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
 {
     const FakedCardOptions rows[] = {
@@ -276,7 +277,8 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
     };
     for (const FakedCardOptions& card : rows) {
         SCOPED_TRACE(card.longName);
-        FakedCards::plug(card);
+        const CapturedLog log;
+        const int number = FakedCards::plug(card);
         Ramp ramp;
         ramp.step = card.longName == "16 bits" ? 1.0F / 32768.0F : 1.0F / 1048576.0F;
         const RunningProc proc(*hal, device(card.longName), ramp.block());
@@ -284,6 +286,10 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         // Without linked starts, the two directions start at different times, so the latency is not 0.
         EXPECT_TRUE(!card.canLink || ramp.latencyFrames == 0.0) << ramp.latencyFrames;
         EXPECT_EQ(ramp.jumps + ramp.backwards + ramp.lostFrames, 0U);
+        FakedCards::unplug(number);
+        EXPECT_TRUE(
+            eventually([&] { return readDevices(*hal).empty() && FakedCards::openFiles(number) == 0; }));
+        EXPECT_TRUE(log.lines().empty());
     }
 }
 
@@ -322,20 +328,6 @@ TEST_F(AlsaTest, goesOnAndMeasuresTheClockAfterWhatStopsACard)
         EXPECT_TRUE(eventually([&] { return std::abs(ramp.rateScalar - rateScalar) < 10e-6; }));
         EXPECT_TRUE(isStuck || eventually([&] { return overloads.count() > 0; }));
         EXPECT_EQ(ramp.backwards + ramp.jumps, 0U);
-    }
-}
-
-// A card that has disappeared is closed without log lines, and its device disappears at once.
-TEST_F(AlsaTest, leavesACardThatIsGoneAlone)
-{
-    for (const bool mapsSamples : {true, false}) {
-        const CapturedLog log;
-        const int number = FakedCards::plug({.mapsSamples = mapsSamples});
-        const RunningProc proc(*hal, device(), idle);
-        FakedCards::unplug(number);
-        EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
-        EXPECT_TRUE(eventually([&] { return FakedCards::openFiles(number) == 0; }));
-        EXPECT_TRUE(log.lines().empty());
     }
 }
 

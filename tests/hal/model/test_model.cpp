@@ -1,7 +1,6 @@
 #include "AudioHardware.h"
 #include "DrivenHardware.h"
 #include "HALIO.h"
-#include "HALNotifier.h"
 #include "InChild.h"
 #include "SerialQueue.h"
 #include "simulated.h"
@@ -93,8 +92,13 @@ TEST_F(HALModelAnnouncements, everyAddressIsReadExactlyAndAnnouncedWhenItsValueC
         {"a device that goes", [&] { hal->unplug("part"); }},
         {"a device that comes", [&] { hal->plug(aDevice().uid("new").inputs(2)); }},
     };
+    struct Place {
+        AudioObjectID object;
+        AudioObjectPropertyAddress address;
+        std::string value;
+    };
     std::map<AudioObjectID, RecordingListener> listeners;
-    std::vector<std::pair<AudioObjectID, AudioObjectPropertyAddress>> places;
+    std::vector<Place> places;
     for (const AudioObjectID object : objects) {
         listeners.try_emplace(object, *model, object, anyAddress);
         for (const uint32_t selector : changeable | std::views::join)
@@ -102,27 +106,20 @@ TEST_F(HALModelAnnouncements, everyAddressIsReadExactlyAndAnnouncedWhenItsValueC
                 for (const uint32_t element : {0U, 1U, 2U, 3U})
                     places.emplace_back(object, at(selector, scope, element));
     }
-    const auto values = [&] {
-        std::vector<std::string> all;
-        for (const auto& [object, address] : places)
-            all.push_back(valueAt(*model, object, address));
-        return all;
-    };
     size_t changed = 0;
     for (const auto& [why, change] : changes) {
-        const std::vector<std::string> before = values();
+        for (Place& place : places)
+            place.value = valueAt(*model, place.object, place.address);
         hal->settle();
         for (auto& [object, listener] : listeners)
             listener.clear();
         change();
         hal->settle();
         hal->settle(); // also for the aggregate, which changes later
-        const std::vector<std::string> after = values();
-        for (size_t i = 0; i < places.size(); ++i) {
-            if (before[i] == after[i])
+        for (const auto& [object, address, before] : places) {
+            if (valueAt(*model, object, address) == before)
                 continue;
             ++changed;
-            const auto& [object, address] = places[i];
             EXPECT_TRUE(listeners.at(object).includes(address))
                 << why << ": '" << stringWithFourCharCode(address.selector) << "' in '"
                 << stringWithFourCharCode(address.scope) << "' element " << address.element << " of object "
@@ -170,6 +167,15 @@ protected:
         }
         return makeAggregate(*model, uids);
     }
+    /// Runs a cycle of the device that was started last, and returns the first sample it plays.
+    float runCycle() const
+    {
+        std::array<float, 64> samples{};
+        const AudioTimeStamp now{};
+        AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
+        hardware->callback(&now, nullptr, nullptr, &list, &now);
+        return samples[0];
+    }
 
     const CXRef<DrivenHardware> hardware = DrivenHardware::init();
     const CXRef<HALModel> model = HALModel::initWithDriver(hardware);
@@ -215,12 +221,7 @@ TEST_F(HALModelDrivers, aCallbackThatTheUnpluggingRemovesHasEndedForItsDestroyer
         sleepForMilliseconds(60);
         isOver = true;
     });
-    std::jthread io([&] {
-        std::array<float, 64> samples{};
-        const AudioTimeStamp now{};
-        AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
-        hardware->callback(&now, nullptr, nullptr, &list, &now);
-    });
+    std::jthread io([&] { runCycle(); });
     entered.get_future().wait();
     std::jthread unplugger([&] { hardware->sink->deviceRemoved(*hardware->device("slow")); });
     sleepForMilliseconds(20); // until it has removed the callback
@@ -229,29 +230,24 @@ TEST_F(HALModelDrivers, aCallbackThatTheUnpluggingRemovesHasEndedForItsDestroyer
 }
 
 // The second of two callbacks, which plays to scratch, is off when its cycle begins.
-TEST(HALIOProcTable, aStreamThatIsSwitchedOnDuringACycleIsSilent)
+TEST_F(HALModelDrivers, aStreamThatIsSwitchedOnDuringACycleIsSilent)
 {
-    HALNotifier notifier;
-    const auto table = HALIOProcTable::initWithDevice(2, notifier);
-    const uint32_t streams[] = {1}, on[] = {1}, off[] = {0};
-    table->prepare({}, streams, 4);
-    AudioDeviceIOProcID procID = nullptr;
-    const auto player = eachCycle([&](const IOCycle& cycle) {
+    const AudioObjectID device = hardware->plug(aDevice().uid("device").outputs(2));
+    AudioHardwareIOProcStreamUsage usage{nullptr, 1, {0}};
+    const auto use = [&](uint32_t isOn) {
+        usage.streamIsOn[0] = isOn;
+        writeValue(*model, device, at(kAudioDevicePropertyIOProcStreamUsage, output), usage);
+    };
+    const RunningProc first(*model, device, idle);
+    const RunningProc second(*model, device, eachCycle([&](const IOCycle& cycle) {
         std::ranges::fill(cycle.out(), 1.0F);
         const CXRealtimeExemption exemption("in place of another thread");
-        table->setStreamUsage(procID, HALDirection::Output, on);
-    });
-    table->start(table->create([](auto...) {}));
-    table->start(procID = table->create(player));
+        use(1);
+    }));
+    usage.ioProc = second.id;
     for (const float expected : {1.0F, 0.0F}) {
-        float samples[4];
-        HALStreamBlock block{samples, 1};
-        HALCycle cycle;
-        cycle.frameCount = 4;
-        cycle.output = {&block, 1};
-        table->runCycle(cycle);
-        EXPECT_EQ(samples[0], expected);
-        table->setStreamUsage(procID, HALDirection::Output, off);
+        EXPECT_EQ(runCycle(), expected);
+        use(0);
     }
 }
 
@@ -268,10 +264,7 @@ TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
         rate = readValue<double>(*model, device, at(kAudioDevicePropertyNominalSampleRate));
     });
     hardware->sampleRate = 96000.0;
-    std::array<float, 64> samples{};
-    const AudioTimeStamp now{};
-    AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
-    hardware->callback(&now, nullptr, nullptr, &list, &now);
+    runCycle();
     EXPECT_EQ(rate, 96000.0);
 }
 
@@ -316,23 +309,21 @@ TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
 TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
 {
     const AudioObjectID aggregate = aggregateOf(1);
-    std::promise<void> entered, mayLeave;
+    const auto reads = [&] {
+        EXPECT_EQ(subDeviceStatus(*model, aggregate).size(), 1U);
+        for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "0")})
+            EXPECT_EQ(readValue<double>(*model, each, at(kAudioDevicePropertyNominalSampleRate)), 48000.0);
+    };
     hardware->whenAsked = [&](HALDeadline) {
-        entered.set_value();
-        mayLeave.get_future().wait();
+        std::thread(reads).join();
         return kAudioHardwareUnspecifiedError;
     };
-    const std::jthread starter([&] { RunningProc(*model, aggregate, idle, kAudioHardwareUnspecifiedError); });
-    entered.get_future().wait();
-    EXPECT_EQ(subDeviceStatus(*model, aggregate).size(), 1U);
-    for (const AudioObjectID each : {aggregate, deviceWithUID(*model, "0")})
-        EXPECT_EQ(readValue<double>(*model, each, at(kAudioDevicePropertyNominalSampleRate)), 48000.0);
-    mayLeave.set_value();
+    RunningProc(*model, aggregate, idle, kAudioHardwareUnspecifiedError);
 }
 
 TEST(HALFunctions, returnAnErrorWhileNoThreadCanBeCreated)
 {
-    const auto body = [] {
+    inChild([] {
         rlimit limit{};
         getrlimit(RLIMIT_NPROC, &limit);
         const auto limitThreads = [&limit](rlim_t count) {
@@ -356,8 +347,7 @@ TEST(HALFunctions, returnAnErrorWhileNoThreadCanBeCreated)
         EXPECT_EQ(AudioDeviceStart(device, proc), kAudioHardwareUnspecifiedError);
         limitThreads(limit.rlim_cur);
         EXPECT_EQ(AudioDeviceStart(device, proc), kAudioHardwareNoError);
-    };
-    inChild(body);
+    });
 }
 
 } // namespace

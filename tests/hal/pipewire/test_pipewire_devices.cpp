@@ -37,14 +37,9 @@ protected:
     {
         return sourceName(device, *read<uint32_t>(device, kAudioDevicePropertyDataSource, scope), scope);
     }
-    AudioObjectID defaultOf(uint32_t selector)
-    {
-        return read<AudioObjectID>(kAudioObjectSystemObject, selector).value_or(0xFFFFFFFF);
-    }
     bool defaultBecomes(uint32_t selector, const std::string& uid)
     {
-        return eventually(
-            [&] { return defaultOf(selector) != 0 && text(defaultOf(selector), uidSelector) == uid; });
+        return becomes(kAudioObjectSystemObject, selector, waitForDevice(*hal, uid));
     }
     static constexpr uint32_t uidSelector = kAudioDevicePropertyDeviceUID;
     static constexpr uint32_t defaultOutput = kAudioHardwarePropertyDefaultOutputDevice;
@@ -244,7 +239,7 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     const AudioObjectID one = plug({.name = "one"});
     plug({.name = "two"});
     EXPECT_EQ(writeValue(*hal, kAudioObjectSystemObject, at(defaultOutput), one), 0);
-    EXPECT_EQ(defaultOf(defaultOutput), one);
+    EXPECT_EQ(read<AudioObjectID>(kAudioObjectSystemObject, defaultOutput), one);
     client.setMetadata("default", "default.audio.sink", "{ name = two }");
     EXPECT_TRUE(defaultBecomes(defaultOutput, "two"));
     EXPECT_TRUE(defaultBecomes(kAudioHardwarePropertyDefaultSystemOutputDevice, "two"));
@@ -252,7 +247,8 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     client.setMetadata("default", "default.audio.source", R"({ "name": "two" })");
     client.setMetadata("default", "default.audio.sink", R"({ "name": "one" })");
     EXPECT_TRUE(defaultBecomes(defaultOutput, "one"));
-    EXPECT_EQ(defaultOf(kAudioHardwarePropertyDefaultInputDevice), kAudioObjectUnknown);
+    EXPECT_EQ(read<AudioObjectID>(kAudioObjectSystemObject, kAudioHardwarePropertyDefaultInputDevice),
+              kAudioObjectUnknown);
 
     // A second object of the same name, which is empty, comes and goes.
     const NodeProperties named{{PW_KEY_METADATA_NAME, "default"}};

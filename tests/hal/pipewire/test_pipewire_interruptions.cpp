@@ -78,11 +78,13 @@ TEST_F(PipeWireInterruptions, ioGoesOnAfterAnotherClientHasInterruptedIt)
             witness.see(cycle);
             playRamp(cycle);
         }));
-        const size_t before = overloads.count();
-        EXPECT_TRUE(eventually([&] { return ownLinks().size() == 2; }));
-        interrupt();
-        EXPECT_TRUE(eventually([&] { return overloads.count() > before; }));
-        EXPECT_TRUE(witness.waitForMore());
+        for (int time = 0; time < 2; ++time) { // each is reported, however soon it follows
+            const size_t before = overloads.count();
+            EXPECT_TRUE(eventually([&] { return ownLinks().size() == 2; }));
+            interrupt();
+            EXPECT_TRUE(eventually([&] { return overloads.count() > before; }));
+            EXPECT_TRUE(witness.waitForMore());
+        }
         EXPECT_TRUE(becomes(device, kAudioDevicePropertyDeviceIsRunning, 1U));
         EXPECT_EQ(ownNodeCount(), 1U);
         EXPECT_TRUE(isPlayed());
@@ -100,19 +102,6 @@ TEST_F(PipeWireInterruptions, anInputIsHeardAgainAfterAnotherClientHasDestroyedI
     client.destroy(client.idOf(PW_TYPE_INTERFACE_Port, {{PW_KEY_PORT_NAME, "input_1"}}));
     sleepForMilliseconds(100); // the samples that are still on their way
     EXPECT_TRUE(heard.waitForMore(4096));
-}
-
-TEST_F(PipeWireInterruptions, eachOfSeveralIsReported)
-{
-    const AudioObjectID device = plug({.name = "sink"});
-    const RecordingListener overloads(*hal, device, at(kAudioDeviceProcessorOverload));
-    const RunningProc proc(*hal, device, eachCycle(playRamp));
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_TRUE(eventually([&] { return ownLinks().size() == 2; }));
-        client.destroy(ownLinks().front());
-        sleepForMilliseconds(50); // so that most are mended in between
-    }
-    EXPECT_TRUE(eventually([&] { return overloads.count() > 5; }));
 }
 
 TEST_F(PipeWireInterruptions, aDeviceIsStalledForAsLongAsItsLinksAreRefused)

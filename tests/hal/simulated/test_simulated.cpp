@@ -4,36 +4,33 @@
 
 namespace {
 
-class SimulatedHardwareIO : public SimulatedModel {
-protected:
-    AudioObjectID defaultOf(uint32_t selector)
-    {
-        return readValue<AudioObjectID>(*model, kAudioObjectSystemObject, at(selector)).value_or(0xFFFFFFFF);
-    }
-};
+using SimulatedHardwareIO = SimulatedModel;
 
 TEST_F(SimulatedHardwareIO, electsDefaultsFromWhatIsVisibleAndThere)
 {
-    constexpr uint32_t selector = kAudioHardwarePropertyDefaultOutputDevice;
-    EXPECT_EQ(defaultOf(selector), kAudioObjectUnknown);
+    const auto defaultOutput = at(kAudioHardwarePropertyDefaultOutputDevice);
+    const auto defaultOf = [&](const AudioObjectPropertyAddress& which) {
+        return readValue<AudioObjectID>(*model, kAudioObjectSystemObject, which);
+    };
+    EXPECT_EQ(defaultOf(defaultOutput), kAudioObjectUnknown);
     hal->plug(aDevice().uid("hidden").outputs(2).hidden());
     hal->plug(aDevice().uid("mic").inputs(1));
     hal->plug(aDevice().uid("refuses").outputs(2).canBeDefault(false));
-    EXPECT_EQ(defaultOf(selector), kAudioObjectUnknown);
+    EXPECT_EQ(defaultOf(defaultOutput), kAudioObjectUnknown);
     const AudioObjectID first = hal->plug(aDevice().uid("first").outputs(2));
     const AudioObjectID second = hal->plug(aDevice().uid("second").outputs(2));
-    EXPECT_EQ(defaultOf(selector), first);
-    EXPECT_EQ(defaultOf(kAudioHardwarePropertyDefaultInputDevice), hal->deviceID("mic"));
+    EXPECT_EQ(defaultOf(defaultOutput), first);
+    EXPECT_EQ(defaultOf(at(kAudioHardwarePropertyDefaultInputDevice)), hal->deviceID("mic"));
     EXPECT_EQ(hal->plug(aDevice().uid("first").outputs(2)), kAudioObjectUnknown) << "a UID that is taken";
 
-    EXPECT_EQ(writeValue(*model, kAudioObjectSystemObject, at(selector), second), kAudioHardwareNoError);
-    EXPECT_EQ(defaultOf(selector), second);
-    EXPECT_EQ(writeValue(*model, kAudioObjectSystemObject, at(selector), hal->deviceID("mic")),
+    EXPECT_EQ(writeValue(*model, kAudioObjectSystemObject, defaultOutput, second), kAudioHardwareNoError);
+    EXPECT_EQ(defaultOf(defaultOutput), second);
+    EXPECT_EQ(writeValue(*model, kAudioObjectSystemObject, defaultOutput, hal->deviceID("mic")),
               kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(writeValue(*model, kAudioObjectSystemObject, at(selector), 0xFFFFFFFFU),
+    EXPECT_EQ(writeValue(*model, kAudioObjectSystemObject, defaultOutput, 0xFFFFFFFFU),
               kAudioHardwareBadDeviceError);
     hal->unplug("second");
-    EXPECT_EQ(defaultOf(selector), first);
+    EXPECT_EQ(defaultOf(defaultOutput), first);
 }
 
 TEST_F(SimulatedHardwareIO, addsTheOutputsOfCallbacksAndPlaysThemThroughVolumeAndMute)
