@@ -3,8 +3,6 @@
 // interpose the same functions.
 #include "CXRealtime.h"
 
-#include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -43,16 +41,8 @@ template <class Function> Function* hidden(const char* name)
 
 } // namespace
 
-// Each of these hides the C library's function: it checks, then calls `original`.
-#define CHECKED_CALLING(original, result, name, parameters, arguments)                                       \
-    result name parameters                                                                                   \
-    {                                                                                                        \
-        check(#name);                                                                                        \
-        return original arguments;                                                                           \
-    }
-
-// The same, calling the next definition. No function here has more than six parameters, all of them integers
-// or pointers, which are passed as words on every processor with 64 bits.
+// Hides the C library's function: checks, then calls the next definition. No function here has more than six
+// parameters, all of them integers or pointers, which are passed as words on every processor with 64 bits.
 #define CHECKED(name)                                                                                        \
     long checked_##name(long a, long b, long c, long d, long e, long f) __asm__(#name);                      \
     long checked_##name(long a, long b, long c, long d, long e, long f)                                      \
@@ -67,15 +57,19 @@ extern "C" {
 // The C library's internal entry points: they need no dlsym(), which itself allocates.
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* pointer, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
 void __libc_free(void* pointer);
 
-CHECKED_CALLING(__libc_malloc, void*, malloc, (size_t size) noexcept, (size))
-CHECKED_CALLING(__libc_calloc, void*, calloc, (size_t count, size_t size) noexcept, (count, size))
-CHECKED_CALLING(__libc_realloc, void*, realloc, (void* pointer, size_t size) noexcept, (pointer, size))
-CHECKED_CALLING(__libc_memalign, void*, aligned_alloc, (size_t alignment, size_t size) noexcept,
-                (alignment, size))
+void* malloc(size_t size) noexcept
+{
+    check("malloc");
+    return __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size) noexcept
+{
+    check("calloc");
+    return __libc_calloc(count, size);
+}
 
 void free(void* pointer) noexcept
 {
@@ -84,11 +78,11 @@ void free(void* pointer) noexcept
     __libc_free(pointer);
 }
 
-int posix_memalign(void** result, size_t alignment, size_t size) noexcept
-{
-    *result = aligned_alloc(alignment, size);
-    return *result ? 0 : ENOMEM;
-}
+#pragma GCC visibility push(default) // operator new calls these from the C++ library
+CHECKED(realloc)
+CHECKED(aligned_alloc)
+CHECKED(posix_memalign)
+#pragma GCC visibility pop
 
 // Uncontended locks are refused too: the next one may wait.
 CHECKED(pthread_mutex_lock)
@@ -132,22 +126,15 @@ CHECKED(madvise)
 CHECKED(mmap)
 
 // Code waits on a futex through syscall(). Waking a waiter is allowed: it never waits.
-long syscall(long number, ...) noexcept
+long checked_syscall(long number, long a, long b, long c, long d, long e, long f) __asm__("syscall");
+long checked_syscall(long number, long a, long b, long c, long d, long e, long f)
 {
-    va_list list;
-    va_start(list, number);
-    long arguments[6];
-    for (long& argument : arguments)
-        argument = va_arg(list, long);
-    va_end(list);
-    if (number == SYS_futex) {
-        const long operation = arguments[1] & FUTEX_CMD_MASK;
-        if (operation == FUTEX_WAIT || operation == FUTEX_WAIT_BITSET || operation == FUTEX_LOCK_PI)
-            check("futex wait");
-    }
-    static auto* const original = hidden<long(long, ...)>("syscall");
-    return original(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
-                    arguments[5]);
+    const long operation = b & FUTEX_CMD_MASK;
+    if (number == SYS_futex &&
+        (operation == FUTEX_WAIT || operation == FUTEX_WAIT_BITSET || operation == FUTEX_LOCK_PI))
+        check("futex wait");
+    static auto* const next = hidden<long(long, ...)>("syscall");
+    return next(number, a, b, c, d, e, f);
 }
 
 } // extern "C"
