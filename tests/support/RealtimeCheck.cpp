@@ -15,22 +15,16 @@
 
 namespace {
 
-/// Prints the function and a stack, and aborts.
-[[noreturn]] void fail(const char* function)
+/// In checked code, prints the function and a stack, and aborts.
+void check(const char* function)
 {
+    if (!CXRealtimeScope::isChecked())
+        return;
     const CXRealtimeExemption exemption("what follows allocates");
-    char line[160];
-    const int length = std::snprintf(line, sizeof line, "not for real-time work: %s\n", function);
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, static_cast<size_t>(length));
+    std::fprintf(stderr, "not for real-time work: %s\n", function);
     void* frames[64];
     backtrace_symbols_fd(frames, backtrace(frames, 64), STDERR_FILENO);
     std::abort();
-}
-
-void check(const char* function)
-{
-    if (CXRealtimeScope::isChecked())
-        fail(function);
 }
 
 /// Returns the next definition of the function, which this program's own definition hides.

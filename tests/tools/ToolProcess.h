@@ -17,7 +17,6 @@ public:
     explicit ToolProcess(const std::vector<std::string>& arguments, bool onTerminal = false);
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
-    ToolProcess& operator=(const ToolProcess&) = delete;
 
     /// Reads the output until it contains `text`. Returns false on timeout.
     bool waitFor(const std::string& text);
