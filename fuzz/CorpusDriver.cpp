@@ -25,10 +25,9 @@ const std::string& anyOf(const std::vector<std::string>& texts, Random& random)
 std::string mutated(std::string text, const std::vector<std::string>& corpus,
                     const std::vector<std::string>& tokens, Random& random)
 {
-    const auto place = [&] { return random.below(static_cast<uint32_t>(text.size()) + 1); };
     for (uint32_t changes = 1 + random.below(4); changes > 0; --changes) {
-        const size_t at = place();
-        switch (random.below(5)) {
+        const size_t at = random.below(static_cast<uint32_t>(text.size()) + 1);
+        switch (random.below(4)) {
         case 0:
             if (at < text.size())
                 text[at] = static_cast<char>(text[at] ^ (1 << random.below(8)));
@@ -39,16 +38,14 @@ std::string mutated(std::string text, const std::vector<std::string>& corpus,
         case 2:
             text.insert(at, anyOf(tokens, random));
             break;
-        case 3: {
+        default: { // a part of any text; repeated, a bracket becomes deep nesting
             const std::string& other = anyOf(corpus, random);
             const size_t from = random.below(static_cast<uint32_t>(other.size()) + 1);
-            text.insert(at, other, from, random.below(64));
-            break;
+            const bool isRepeated = random.below(2) == 0;
+            const std::string part = other.substr(from, random.below(isRepeated ? 8 : 64));
+            for (uint32_t count = isRepeated ? random.below(1024) : 1; count > 0; --count)
+                text.insert(at, part);
         }
-        default: // repeat a part of the text: a bracket becomes deep nesting
-            if (const std::string part = text.substr(at, random.below(8)); !part.empty())
-                for (uint32_t count = random.below(1024); count > 0; --count)
-                    text.insert(at, part);
         }
     }
     text.resize(std::min(text.size(), longest));

@@ -19,6 +19,13 @@
 
 namespace {
 
+/// The list of all devices. The test frees it, or leaves it to the end of the process.
+struct DeviceList {
+    dxr_device* const* devices = nullptr;
+    size_t count = 0;
+    const dxr_status status = dxr_devices(&devices, &count);
+};
+
 /// A simulated computer with one loopback device: its outputs are its inputs.
 class CInterface : public testing::Test {
 protected:
@@ -46,6 +53,13 @@ protected:
         node.user = user;
         node.sound = sound;
         return dxr_runner_add(runner, &node);
+    }
+    void replug()
+    {
+        ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
+        ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+        ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
+        ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
     }
     void advance(uint64_t milliseconds) { dxr_simulated_advance(computer, milliseconds * 1'000'000); }
 
@@ -160,10 +174,9 @@ TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
     EXPECT_STREQ(json, "[\"gain\"]");
     EXPECT_EQ(dxr_device_set_setting(output, "gain", "null"), DXR_OK);
 
-    dxr_device* const* devices = nullptr;
-    size_t count = 0;
-    ASSERT_EQ(dxr_devices(&devices, &count), DXR_OK);
-    EXPECT_EQ(std::vector(devices, devices + count), (std::vector{output, input}))
+    const DeviceList all;
+    ASSERT_EQ(all.status, DXR_OK);
+    EXPECT_EQ(std::vector(all.devices, all.devices + all.count), (std::vector{output, input}))
         << "by name, outputs first";
     ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
     ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
@@ -206,12 +219,10 @@ struct Playing {
     {
         Playing& it = *static_cast<Playing*>(user);
         const std::span samples(cycle->samples, cycle->frames * cycle->channels);
-        dxr_device* const* devices = nullptr;
-        size_t count = 0;
         it.wasSilent &= std::ranges::count(samples, 0.0F) == std::ssize(samples);
         std::ranges::fill(samples, 1.0F);
-        it.wasRefused &= dxr_devices(&devices, &count) == DXR_ERROR_THREAD &&
-                         dxr_runner_stop(it.runner) == DXR_ERROR_THREAD;
+        it.wasRefused &=
+            DeviceList().status == DXR_ERROR_THREAD && dxr_runner_stop(it.runner) == DXR_ERROR_THREAD;
         if (++it.calls < 3)
             return 0;
         const CXRealtimeExemption exemption("a lock: the way out for languages that collect garbage");
@@ -261,12 +272,8 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
     simulate();
     Following seen;
     ASSERT_EQ(dxr_follow(Following::callback, &seen, &seen.follower), DXR_OK);
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
-        ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
-        ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
-        ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
-    }
+    replug();
+    replug();
     EXPECT_STREQ(seen.thread, "dxr.events");
     EXPECT_EQ(seen.released, DXR_OK);
     EXPECT_EQ(seen.changes, (std::multiset<std::pair<dxr_change, dxr_device*>>{{DXR_DISCONNECTED, input},
@@ -303,17 +310,12 @@ TEST_F(CInterface, reportsChangesOnItsOwnThreadUntilReleased)
             dxr_release(follower);
     };
     ASSERT_EQ(dxr_follow(releaseTooMuch, &third, &third.first), DXR_OK);
-    ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
-    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
-    ASSERT_EQ(dxr_simulated_plug(computer, &cable), DXR_OK);
-    ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
+    replug();
     EXPECT_EQ(third.second, 3) << "not for the other direction, which has connected too";
-    dxr_device* const* devices = nullptr;
-    size_t count = 0;
-    ASSERT_EQ(dxr_devices(&devices, &count), DXR_OK);
-    dxr_device* const listed[] = {devices[0], devices[1]};
+    const DeviceList all;
+    dxr_device* const listed[] = {all.devices[0], all.devices[1]};
     EXPECT_EQ(dxr_release(listed[0]), DXR_OK);
-    EXPECT_EQ(dxr_free(devices), DXR_ERROR_HANDLE);
+    EXPECT_EQ(dxr_free(all.devices), DXR_ERROR_HANDLE);
     EXPECT_EQ(dxr_release(listed[1]), DXR_ERROR_HANDLE) << "released nevertheless";
 }
 
@@ -409,9 +411,7 @@ TEST_F(CInterface, isRefusedInTheChildOfAFork)
     ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
     const pid_t child = fork();
     if (child == 0) {
-        dxr_device* const* devices = nullptr;
-        size_t count = 0;
-        const bool isRefused = dxr_devices(&devices, &count) == DXR_ERROR_FORKED &&
+        const bool isRefused = DeviceList().status == DXR_ERROR_FORKED &&
                                std::strstr(dxr_error_text(), "fork()") &&
                                dxr_release(runner) == DXR_ERROR_FORKED && dxr_version();
 #ifdef DXR_SANITIZED // the leak check at exit reports memory of the parent's other threads
@@ -440,10 +440,9 @@ TEST_F(CInterface, takesManyThreadsAtOnce)
                 *calls += isReleased ? 1 : 0;
             };
             EXPECT_EQ(dxr_follow(note, &watch, &follower), DXR_OK);
-            dxr_device* const* devices = nullptr;
-            size_t count = 0;
-            EXPECT_EQ(dxr_devices(&devices, &count), DXR_OK);
-            EXPECT_EQ(dxr_free(devices), DXR_OK);
+            const DeviceList all;
+            EXPECT_EQ(all.status, DXR_OK);
+            EXPECT_EQ(dxr_free(all.devices), DXR_OK);
             EXPECT_EQ(dxr_release(follower), DXR_OK);
             watch.first = true;
         }

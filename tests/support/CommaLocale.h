@@ -37,5 +37,4 @@ public:
         unsetenv("LOCPATH");        // NOLINT(concurrency-mt-unsafe)
     }
     CommaLocale(const CommaLocale&) = delete;
-    CommaLocale& operator=(const CommaLocale&) = delete;
 };

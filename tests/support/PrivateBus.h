@@ -25,7 +25,6 @@ public:
     /// From now on, the bus accepts connections and never replies.
     void freeze() const { kill(_daemon, SIGSTOP); }
     PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
 
 private:
     pid_t _daemon = -1;

@@ -24,6 +24,7 @@ TEST(RealtimeCheckDeathTest, endsTheProcessAtCallsThatMayWait)
     auto* const spare = new int;
     const std::pair<const char*, std::function<void()>> rows[] = {
         {"malloc", [] { *static_cast<volatile char*>(operator new(8)) = 1; }},
+        {"aligned_alloc", [] { *static_cast<volatile char*>(operator new(64, std::align_val_t(64))) = 1; }},
         {"free", [spare] { operator delete(spare); }},
         {"pthread_mutex_lock", [&] { other.lock(); }},
         {"pthread_cond_", [&] { changed.wait_for(lock, std::chrono::milliseconds(1)); }},

@@ -1,10 +1,9 @@
 #include "ToolProcess.h"
 
+#include "ContentOf.h"
 #include "Eventually.h"
 
-#include <algorithm>
 #include <fcntl.h>
-#include <poll.h>
 #include <pty.h>
 #include <regex>
 #include <sys/mman.h>
@@ -47,6 +46,7 @@ ToolProcess::ToolProcess(const std::vector<std::string>& arguments, bool onTermi
     }
     close(output[1]);
     _outputFD = output[0];
+    fcntl(_outputFD, F_SETFL, O_NONBLOCK);
 }
 
 ToolProcess::~ToolProcess()
@@ -59,28 +59,19 @@ ToolProcess::~ToolProcess()
     close(_errorFD);
 }
 
-bool ToolProcess::_readSome(std::chrono::steady_clock::time_point until)
+void ToolProcess::_readAvailable()
 {
-    using std::chrono::milliseconds;
-    pollfd waited{_outputFD, POLLIN, 0};
-    const auto left = std::chrono::duration_cast<milliseconds>(until - std::chrono::steady_clock::now());
-    if (_isAtEnd || left <= milliseconds::zero() || poll(&waited, 1, static_cast<int>(left.count())) <= 0)
-        return false;
     char bytes[4096];
-    const ssize_t count = read(_outputFD, bytes, sizeof bytes);
-    _isAtEnd = count <= 0;
-    if (!_isAtEnd)
+    for (ssize_t count = 0; (count = read(_outputFD, bytes, sizeof bytes)) > 0;)
         _output.append(bytes, static_cast<size_t>(count));
-    return !_isAtEnd;
 }
 
 bool ToolProcess::waitFor(const std::string& text)
 {
-    const auto until = std::chrono::steady_clock::now() + patience;
-    while (_output.find(text) == std::string::npos)
-        if (!_readSome(until))
-            return false;
-    return true;
+    return eventually([&] {
+        _readAvailable();
+        return _output.find(text) != std::string::npos;
+    });
 }
 
 bool ToolProcess::waitForStop() const
@@ -92,23 +83,22 @@ bool ToolProcess::waitForStop() const
 
 int ToolProcess::finish(std::chrono::seconds limit)
 {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    while (_readSome(until)) {
-    }
-    if (!_isAtEnd)
-        kill(_child, SIGKILL); // it hangs; the exit status shows the signal
+    const auto end = std::chrono::steady_clock::now() + limit;
     int status = 0;
-    waitpid(_child, &status, 0);
+    while (waitpid(_child, &status, WNOHANG) == 0) {
+        _readAvailable(); // otherwise it would wait when the pipe is full
+        if (std::chrono::steady_clock::now() > end)
+            kill(_child, SIGKILL); // it hangs; the exit status shows the signal
+        sleepForMilliseconds(2);
+    }
+    _readAvailable();
     _child = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::string ToolProcess::errors() const
 {
-    std::string text(65536, '\0');
-    const ssize_t size = pread(_errorFD, text.data(), text.size(), 0);
-    text.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
-    return withoutSchedulingNotices(text);
+    return withoutSchedulingNotices(contentOf("/proc/self/fd/" + std::to_string(_errorFD)));
 }
 
 std::string withoutSchedulingNotices(const std::string& errors)

@@ -17,9 +17,8 @@ public:
     explicit ToolProcess(const std::vector<std::string>& arguments, bool onTerminal = false);
     ~ToolProcess();
     ToolProcess(const ToolProcess&) = delete;
-    ToolProcess& operator=(const ToolProcess&) = delete;
 
-    /// Reads the output until it contains `text`. Returns false after the end or after half a minute.
+    /// Reads the output until it contains `text`. Returns false on timeout.
     bool waitFor(const std::string& text);
     void signal(int number) const { kill(_child, number); }
     /// Returns whether the process stops, as by Ctrl-Z.
@@ -33,12 +32,11 @@ public:
     std::string errors() const; ///< empty on a terminal, where output() has both
 
 private:
-    bool _readSome(std::chrono::steady_clock::time_point until);
+    void _readAvailable();
 
     pid_t _child = -1;
     int _outputFD = -1, _errorFD = -1;
     std::string _output;
-    bool _isAtEnd = false;
 };
 
 /// What is left of a run's errors without the lines that a machine without real-time scheduling, such as most

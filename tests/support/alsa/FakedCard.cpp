@@ -104,8 +104,10 @@ bool FakedCard::isInUse(unsigned pcm, bool isCapture) const
     return has(FakedFault::Busy) || openPcm(pcm, isCapture);
 }
 
-void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
+int FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
 {
+    if (!hasPcm(pcm, isCapture))
+        return -ENOENT;
     info.device = pcm;
     info.stream = isCapture;
     info.card = number;
@@ -113,6 +115,7 @@ void FakedCard::describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const
     setText(info.name, "Faked PCM " + std::to_string(pcm));
     info.subdevices_count = 1;
     info.subdevices_avail = isInUse(pcm, isCapture) ? 0 : 1;
+    return 0;
 }
 
 void FakedCard::_describe(snd_ctl_card_info& info) const
@@ -136,8 +139,9 @@ void FakedCard::name(unsigned control, snd_ctl_elem_id& id) const
     setText(id.name, controls[control - 1].name);
 }
 
-void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
+void FakedCard::_describe(snd_ctl_elem_info& info) const
 {
+    const Control& control = controls.at(info.id.numid - 1);
     info.type = control.type;
     info.count = control.count;
     info.access = SNDRV_CTL_ELEM_ACCESS_READ |
@@ -154,8 +158,9 @@ void FakedCard::_describe(snd_ctl_elem_info& info, const Control& control) const
     }
 }
 
-int FakedCard::_transfer(snd_ctl_elem_value& value, Control& control, bool isWrite) const
+int FakedCard::_transfer(snd_ctl_elem_value& value, bool isWrite)
 {
+    Control& control = controls.at(value.id.numid - 1);
     int hasChanged = 0;
     for (unsigned i = 0; i < control.count; ++i) {
         long& step = value.value.integer.value[i]; // the number of an item is its lower half
@@ -187,11 +192,7 @@ int FakedCard::ioctl(unsigned long request, void* argument)
         return 0;
     case SNDRV_CTL_IOCTL_PCM_INFO: {
         auto& info = *static_cast<snd_pcm_info*>(argument);
-        const bool isCapture = info.stream == SNDRV_PCM_STREAM_CAPTURE;
-        if (!hasPcm(info.device, isCapture))
-            return -ENOENT;
-        describe(info, info.device, isCapture);
-        return 0;
+        return describe(info, info.device, info.stream == SNDRV_PCM_STREAM_CAPTURE);
     }
     case SNDRV_CTL_IOCTL_ELEM_LIST: {
         auto& list = *static_cast<snd_ctl_elem_list*>(argument);
@@ -201,16 +202,12 @@ int FakedCard::ioctl(unsigned long request, void* argument)
             name(i + 1, list.pids[list.used++]);
         return 0;
     }
-    case SNDRV_CTL_IOCTL_ELEM_INFO: {
-        auto& info = *static_cast<snd_ctl_elem_info*>(argument);
-        _describe(info, controls.at(info.id.numid - 1));
+    case SNDRV_CTL_IOCTL_ELEM_INFO:
+        _describe(*static_cast<snd_ctl_elem_info*>(argument));
         return 0;
-    }
     case SNDRV_CTL_IOCTL_ELEM_READ:
-    case SNDRV_CTL_IOCTL_ELEM_WRITE: {
-        auto& values = *static_cast<snd_ctl_elem_value*>(argument);
-        return _transfer(values, controls.at(values.id.numid - 1), request == SNDRV_CTL_IOCTL_ELEM_WRITE);
-    }
+    case SNDRV_CTL_IOCTL_ELEM_WRITE:
+        return _transfer(*static_cast<snd_ctl_elem_value*>(argument), request == SNDRV_CTL_IOCTL_ELEM_WRITE);
     case SNDRV_CTL_IOCTL_TLV_READ: {
         auto& tlv = *static_cast<snd_ctl_tlv*>(argument);
         const auto min = static_cast<unsigned>(controls.at(tlv.numid - 1).minDecibels);

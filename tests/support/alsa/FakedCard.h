@@ -39,7 +39,7 @@ public:
     /// Returns null if this process has not opened it.
     const FakedPcm* openPcm(unsigned pcm, bool isCapture) const;
     bool isInUse(unsigned pcm, bool isCapture) const;
-    void describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const;
+    int describe(snd_pcm_info& info, unsigned pcm, bool isCapture) const;
 
     // -- Controls, numbered from 1
     struct Control {
@@ -59,8 +59,8 @@ public:
 private:
     double _framesPerNanosecond() const { return 1e-9 * _rate * (1.0 + options.partsPerMillion * 1e-6); }
     void _describe(snd_ctl_card_info& info) const;
-    void _describe(snd_ctl_elem_info& info, const Control& control) const;
-    int _transfer(snd_ctl_elem_value& value, Control& control, bool isWrite) const;
+    void _describe(snd_ctl_elem_info& info) const;
+    int _transfer(snd_ctl_elem_value& value, bool isWrite);
 
     std::array<bool, 5> _faults{}; // by FakedFault
     unsigned _rate = 48000;

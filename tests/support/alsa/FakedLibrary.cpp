@@ -215,7 +215,7 @@ FAKED_EXPORT int __poll_chk(pollfd* files, nfds_t count, int milliseconds, size_
 FAKED_EXPORT ssize_t read(int descriptor, void* to, size_t size)
 {
     return kernel().owns(descriptor) ? result(readChange(descriptor, *static_cast<snd_ctl_event*>(to)))
-                                     : FakedLibrary::read(descriptor, to, size);
+                                     : syscall(SYS_read, descriptor, to, size);
 }
 
 FAKED_EXPORT int inotify_add_watch(int descriptor, const char* path, uint32_t mask) noexcept

@@ -12,10 +12,6 @@
 /// The system calls that the faked cards use, called directly: neither checks nor sanitizers see them.
 /// Threads: any.
 struct FakedLibrary {
-    static ssize_t read(int descriptor, void* to, size_t size)
-    {
-        return syscall(SYS_read, descriptor, to, size);
-    }
     static int close(int descriptor) { return static_cast<int>(syscall(SYS_close, descriptor)); }
     static int open(const char* path, int flags, mode_t mode)
     {

@@ -207,13 +207,9 @@ int FakedPcm::_setParameters(snd_pcm_hw_params& parameters)
 
 int FakedPcm::_prepare()
 {
-    if (_state() == SNDRV_PCM_STATE_OPEN)
-        return -EBADFD;
     if (runs())
         return -EBUSY;
     _forLinked([](FakedPcm& each) {
-        if (each.runs())
-            return;
         each._control->appl_ptr = each._status->hw_ptr = 0;
         each._done = 0;
         each.setState(SNDRV_PCM_STATE_PREPARED);
@@ -276,8 +272,7 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
         *static_cast<int*>(argument) = SNDRV_PCM_VERSION;
         return 0;
     case SNDRV_PCM_IOCTL_INFO:
-        card->describe(*static_cast<snd_pcm_info*>(argument), number, isCapture);
-        return 0;
+        return card->describe(*static_cast<snd_pcm_info*>(argument), number, isCapture);
     case SNDRV_PCM_IOCTL_TTSTAMP:
     case SNDRV_PCM_IOCTL_USER_PVERSION:
     case SNDRV_PCM_IOCTL_TSTAMP:
@@ -295,9 +290,6 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
         showReadiness();
         return 0;
     }
-    case SNDRV_PCM_IOCTL_HWSYNC:
-        card->update();
-        return stateError();
     case SNDRV_PCM_IOCTL_CHANNEL_INFO: {
         auto& info = *static_cast<snd_pcm_channel_info*>(argument);
         info.offset = 0;
@@ -310,8 +302,6 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
     case SNDRV_PCM_IOCTL_START:
         return _start();
     case SNDRV_PCM_IOCTL_DROP:
-        if (_state() == SNDRV_PCM_STATE_OPEN)
-            return -EBADFD;
         _stop(SNDRV_PCM_STATE_SETUP);
         return 0;
     case SNDRV_PCM_IOCTL_LINK:

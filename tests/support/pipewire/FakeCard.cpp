@@ -39,10 +39,10 @@ nlohmann::json describe(uint32_t route, const FakeCard::State& state, bool isAct
 } // namespace
 
 FakeCard::FakeCard(const std::string& remote, Options options)
-    : _options(std::move(options)),
-      _client(remote), _params{SPA_PARAM_INFO(SPA_PARAM_Profile, SPA_PARAM_INFO_READWRITE),
-                               SPA_PARAM_INFO(SPA_PARAM_EnumRoute, SPA_PARAM_INFO_READ),
-                               SPA_PARAM_INFO(SPA_PARAM_Route, SPA_PARAM_INFO_READWRITE)}
+    : _options(std::move(options)), _params{SPA_PARAM_INFO(SPA_PARAM_Profile, SPA_PARAM_INFO_READWRITE),
+                                            SPA_PARAM_INFO(SPA_PARAM_EnumRoute, SPA_PARAM_INFO_READ),
+                                            SPA_PARAM_INFO(SPA_PARAM_Route, SPA_PARAM_INFO_READWRITE)},
+      _client(remote)
 {
     static const spa_device_methods methods{SPA_VERSION_DEVICE_METHODS, _addListener, _sync, _enumParams,
                                             _setParam};
@@ -56,11 +56,12 @@ FakeCard::FakeCard(const std::string& remote, Options options)
                        {PW_KEY_DEVICE_VENDOR_ID, "0x1235"},
                        {PW_KEY_DEVICE_PRODUCT_ID, "0x8211"},
                        {"device.serial", "SER1"}});
-    _properties = newProperties(properties);
+    _properties.reset(newProperties(properties));
     _info.version = SPA_VERSION_DEVICE_INFO;
     _info.props = &_properties->dict;
     _info.params = _params;
     _info.n_params = 3;
+    _info.change_mask = SPA_DEVICE_CHANGE_MASK_PROPS | SPA_DEVICE_CHANGE_MASK_PARAMS;
     spa_hook_list_init(&_hooks);
     _device.iface = SPA_INTERFACE_INIT(SPA_TYPE_INTERFACE_Device, SPA_VERSION_DEVICE, &methods, this);
 
@@ -78,20 +79,12 @@ FakeCard::FakeCard(const std::string& remote, Options options)
                                      {"device.routes", device == 0 ? "2" : "1"}}});
 }
 
-FakeCard::~FakeCard()
-{
-    _client.unplugAll();
-    _client.destroy(_exported);
-    _client.sync();
-    pw_properties_free(_properties);
-}
-
 int FakeCard::_addListener(void* object, spa_hook* listener, const spa_device_events* events, void* data)
 {
     auto* self = static_cast<FakeCard*>(object);
     spa_hook_list saved;
     spa_hook_list_isolate(&self->_hooks, &saved, listener, events, data);
-    self->_emitInfo(SPA_DEVICE_CHANGE_MASK_PROPS | SPA_DEVICE_CHANGE_MASK_PARAMS);
+    self->_emitInfo();
     spa_hook_list_join(&self->_hooks, &saved);
     return 0;
 }
@@ -150,30 +143,23 @@ int FakeCard::_setParam(void* object, uint32_t id, uint32_t /*flags*/, const spa
                              SPA_POD_OPT_Pod(&volumes));
     if (volumes)
         spa_pod_copy_array(volumes, SPA_TYPE_Float, state.amplitudes[route], 2);
-    self->_changed();
+    self->_emitInfo();
     return 0;
 }
 
-void FakeCard::_emitInfo(uint64_t changes)
-{
-    _info.change_mask = changes;
-    spa_device_emit_info(&_hooks, &_info);
-    _info.change_mask = 0;
-}
-
-void FakeCard::_changed()
+void FakeCard::_emitInfo()
 {
     for (spa_param_info& info : _params)
         if (info.id == SPA_PARAM_Route || info.id == SPA_PARAM_EnumRoute)
             info.flags ^= SPA_PARAM_INFO_SERIAL; // otherwise clients do not read the new value
-    _emitInfo(SPA_DEVICE_CHANGE_MASK_PARAMS);
+    spa_device_emit_info(&_hooks, &_info);
 }
 
 void FakeCard::change(const std::function<void(State&)>& change)
 {
     _client.locked([&] {
         change(_state);
-        _changed();
+        _emitInfo();
     });
 }
 

@@ -25,7 +25,7 @@ public:
     };
 
     FakeCard(const std::string& remote, Options options);
-    ~FakeCard();
+    ~FakeCard() { _client.destroy(_exported); }
 
     std::string sinkName() const { return "alsa_output." + _options.name + ".stereo"; }
     std::string deviceName() const { return "alsa_card." + _options.name; }
@@ -44,16 +44,15 @@ private:
 
     /// Returns a parameter as JSON; empty after the last one.
     std::string _param(uint32_t id, uint32_t index) const;
-    void _emitInfo(uint64_t changes);
-    void _changed();
+    void _emitInfo();
 
     const Options _options;
-    TestClient _client;
     spa_device _device{};
     spa_hook_list _hooks{};
-    pw_properties* _properties = nullptr;
+    std::unique_ptr<pw_properties, decltype(&pw_properties_free)> _properties{nullptr, pw_properties_free};
     spa_param_info _params[3];
     spa_device_info _info{};
     State _state;
+    TestClient _client; // after the fields that its thread uses
     pw_proxy* _exported = nullptr;
 };
