@@ -7,7 +7,6 @@
 
 namespace {
 
-using Devices = DXRDeviceManager::Devices;
 class DXRDeviceManagerTest : public ManagedComputer {
 protected:
     /// The device of an archive with this reference, which is escaped for JSON.
@@ -48,7 +47,6 @@ TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
     unplug("headset");
     expectChanges(none, both);
     EXPECT_FALSE(phones->isConnected());
-    EXPECT_EQ(phones->displayName(), "⚠️ Headset");
     EXPECT_EQ(device("headset", output), phones) << "absent, but known";
     EXPECT_EQ(manager.counterpartForDevice(mic), phones);
 
@@ -58,7 +56,6 @@ TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
     EXPECT_EQ(phones->deviceID(), secondID);
     EXPECT_EQ(manager.deviceWithDeviceID(secondID, output), phones);
     EXPECT_EQ(manager.deviceWithDeviceID(firstID, output), nullptr);
-    EXPECT_EQ(phones->displayName(), "Headset");
     EXPECT_EQ(counts, (std::vector<size_t>{0, 2, 2, 0, 0, 2}));
 }
 
@@ -293,7 +290,6 @@ TEST_F(DXRDeviceManagerTest, restoresDevicesFromArchives)
     const char* const reference = R"({\"uid\":\"far\",\"i\":false})";
     const CXRef<DXRDevice> far = fromArchive(reference);
     ASSERT_TRUE(far);
-    EXPECT_EQ(far->displayName(), "⚠️ Far");
     EXPECT_EQ(fromArchive(reference), far);
     EXPECT_FALSE(manager.connectedDevices().contains(far));
     plug(aDevice().uid("far").name("Near").outputs(2));
