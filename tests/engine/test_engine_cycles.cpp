@@ -40,10 +40,10 @@ protected:
     CXPlist composition()
     {
         for (const AudioObjectID each : readDevices(hal)) {
+            if (!readText(hal, each, at(kAudioDevicePropertyDeviceUID)).value_or("").starts_with("DXR:"))
+                continue;
             const auto made = readValue<CXObject*>(hal, each, at(kAudioAggregateDevicePropertyComposition));
-            if (made &&
-                readText(hal, each, at(kAudioDevicePropertyDeviceUID)).value_or("").starts_with("DXR:"))
-                return CXRefCast<CXValue>(CXRef<CXObject>::adopt(*made))->plist();
+            return CXRefCast<CXValue>(CXRef<CXObject>::adopt(made.value()))->plist();
         }
         return {};
     }
