@@ -20,11 +20,6 @@ protected:
     }
 };
 
-SimulatedDeviceBuilder hiddenDevice(const std::string& uid)
-{
-    return aDevice().uid(uid).hidden().outputs(2);
-}
-
 TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
 {
     std::vector<size_t> counts; // size of the list before and after each change
@@ -219,7 +214,8 @@ TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
 
 TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
 {
-    const AudioObjectID hidden = plug(hiddenDevice("hidden")), other = plug(hiddenDevice("other"));
+    const SimulatedDeviceBuilder builder = aDevice().uid("hidden").hidden().outputs(2);
+    const AudioObjectID hidden = plug(builder), other = plug(aDevice().uid("other").hidden().outputs(2));
     plug(aDevice().uid("plain").outputs(2));
     EXPECT_EQ(manager.connectedDevices().size(), 1U);
     EXPECT_EQ(manager.deviceWithReference(R"({"uid":"hidden","i":false})"), nullptr) << "does not adopt";
@@ -241,7 +237,7 @@ TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
     DXRDeviceManager::queue().sync(
         [&] { EXPECT_EQ(manager.deviceWithDeviceUID("hidden", input), nullptr) << "adopted, no inputs"; });
     unplug("hidden");
-    plug(hiddenDevice("hidden"));
+    plug(builder);
     EXPECT_TRUE(adopted->isConnected());
 
     const CXRef<DXRDevice> plain = device("plain", output);
@@ -252,7 +248,7 @@ TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
     // While the manager cannot read which devices are hidden, known devices stay and new ones are not listed.
     changesSinceLast();
     hal.failReads(kAudioDevicePropertyIsHidden, 1, 1'000'000, kAudioHardwareUnspecifiedError);
-    plug(hiddenDevice("shy"));
+    plug(aDevice().uid("shy").hidden().outputs(2));
     plug(aDevice().uid("new").outputs(2));
     EXPECT_TRUE(updates.empty());
     hal.failReads(kAudioDevicePropertyIsHidden, 1, 0, 0);
@@ -262,7 +258,7 @@ TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
 
 TEST_F(DXRDeviceManagerTest, callsObserversAfterTheUpdateOfAnAdoption)
 {
-    plug(hiddenDevice("shy"));
+    plug(aDevice().uid("shy").hidden().outputs(2));
     const CXRef<DXRDevice> shy = fromArchive(R"({\"uid\":\"shy\",\"i\":false})");
     int calls = 0;
     const auto observation = shy->kvo()->observe("isConnected", [&](const std::string&, DXRKVOChange change) {
