@@ -118,8 +118,7 @@ public:
             for (uint32_t k = 0; k < out; ++k)
                 for (uint32_t c = 0; c < _channels; ++c)
                     ASSERT_TRUE(bitsOf(got.at(k, c)) == bitsOf(expected[size_t{k} * _channels + c]))
-                        << " frame " << k << " channel " << c << " of " << out << "x" << _channels << ": "
-                        << got.at(k, c) << " for " << expected[size_t{k} * _channels + c];
+                        << " frame " << k << " channel " << c << " of " << out << "x" << _channels;
             ASSERT_EQ(sampler->phase, _reference.phase);
         }
     }

@@ -35,11 +35,15 @@ private:
 
 class DXRDeviceTest : public SimulatedComputer {
 protected:
+    /// Waits for the notifications of the plug, which would otherwise cause readings and updates later.
     CXRef<DXRDevice> deviceFor(const SimulatedDeviceBuilder& builder, bool isInput = false)
     {
         const AudioObjectID id = hal.plug(builder);
-        return DXRDeviceControl::initWithDeviceID(id, DXRDeviceReference::initWithDeviceID(id, isInput),
-                                                  keeper);
+        const auto reference = DXRDeviceReference::initWithDeviceID(id, isInput);
+        const auto device = DXRDeviceControl::initWithDeviceID(id, reference, keeper);
+        settleHardware();
+        keeper->updatesSinceLast();
+        return device;
     }
     bool becomesTrue(const std::function<bool()>& condition)
     {
@@ -61,15 +65,12 @@ TEST_F(DXRDeviceTest, keepsWhatTheHardwareReportsAndItsArchiveToo)
                                       R"("as":["line","Phones","Äther"],"s":"line","hv":true,"v":0.5,)"
                                       R"("m":"Maker","md":"model","mt":true,"n":"Box","r":48000,"t":"usb ",)"
                                       R"("ref":"{\"i\":false,\"uid\":\"box\"}","sc":[3,4],"vn":1})"));
-    EXPECT_FALSE(device->isInput());
     EXPECT_TRUE(device->isDefault());
-    EXPECT_EQ(device->nameWithSource(), "Box: line");
     EXPECT_EQ(device->description().substr(device->description().find(", ")),
               ", connected (" + std::to_string(device->deviceID()) + "), output, box (Box, line)>");
     const auto restored = DXRDeviceControl::initWithArchive(CXPlist::parse(archive.dump()));
     ASSERT_TRUE(restored);
     EXPECT_EQ(restored->archive(), archive);
-    EXPECT_FALSE(restored->isConnected());
     EXPECT_EQ(restored->displayNameWithSource(), "⚠️ Box: line");
 
     const AudioObjectID id = device->deviceID();
@@ -85,7 +86,6 @@ TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareReportsNothing)
     EXPECT_EQ(device->preferredStereoChannels(), (std::vector<uint32_t>{1, 1}));
     EXPECT_FALSE(device->hasVolume() || device->hasMute() || device->isMuted());
     EXPECT_FALSE(device->setVolume(0.5) || device->setMuted(true) || device->setSource("Line"));
-    settleHardware(); // otherwise a notification of the plug may cause the readings
     hal.reconfigure("plain", [](auto& it) { it.mute(outputs, false); });
     settleHardware();
     EXPECT_TRUE(device->hasMute() && !device->isMuted())
@@ -161,15 +161,10 @@ TEST_F(DXRDeviceTest, writesSupportedValues)
 TEST_F(DXRDeviceTest, keepsTheVolumeOfASlider)
 {
     const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.0F));
-    settleHardware();
-    keeper->updatesSinceLast();
     const auto setVolumeAndSettle = [&](double volume) {
         EXPECT_TRUE(device->setVolume(volume));
         settleHardware();
         EXPECT_EQ(device->volume(), volume);
-    };
-    const auto reportVolume = [&](float volume) {
-        hal.reconfigure("box", [=](auto& box) { box.volume(outputs, volume); });
     };
     for (int i = 1; i <= 100; ++i)
         setVolumeAndSettle(i / 223.0);
@@ -184,13 +179,13 @@ TEST_F(DXRDeviceTest, keepsTheVolumeOfASlider)
     EXPECT_EQ(keeper->updatesSinceLast(), 0);
     for (int i = 101; i <= 200; ++i) {
         if (i % 7 == 0)
-            reportVolume(static_cast<float>(i - 5) / 223.0F);
+            hal.reconfigure("box", [=](auto& it) { it.volume(outputs, static_cast<float>(i - 5) / 223.0F); });
         setVolumeAndSettle(i / 223.0);
     }
     EXPECT_TRUE(std::ranges::is_sorted(announced)) << "it does not jump back";
     EXPECT_EQ(announced.back(), 200 / 223.0);
     keeper->updatesSinceLast();
-    reportVolume(0.25F);
+    hal.reconfigure("box", [](auto& it) { it.volume(outputs, 0.25F); });
     EXPECT_TRUE(becomesTrue([&] { return device->volume() == 0.25; })) << "the hardware's last volume counts";
     EXPECT_TRUE(becomesTrue([&] { return keeper->updatesSinceLast() > 0; }));
 }
@@ -199,8 +194,6 @@ TEST_F(DXRDeviceTest, keepsTheVolumeOfASlider)
 TEST_F(DXRDeviceTest, reportsAChangeThatAnotherReadingHasSeenFirst)
 {
     const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, false));
-    settleHardware();
-    keeper->updatesSinceLast();
     std::promise<void> isBusy, isOver;
     const AudioObjectPropertyAddress frameSize = at(kAudioDevicePropertyBufferFrameSize);
     const auto keepBusy = [&](const auto&, auto) {
@@ -223,8 +216,6 @@ TEST_F(DXRDeviceTest, refreshesOnlyOnObservableChanges)
 {
     SimulatedDeviceBuilder box = aDevice().uid("box").outputs(2).sampleRates({44100, 48000});
     const auto device = deviceFor(box.mute(outputs, false).volume(outputs, 0.5F));
-    settleHardware();
-    keeper->updatesSinceLast();
     const struct {
         const char* why;
         std::function<void(SimulatedDeviceBuilder&)> change;
@@ -264,7 +255,6 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
     };
     EXPECT_TRUE(control.updateDisplayName("USB Mic 2"));
     EXPECT_FALSE(control.updateDisplayName("USB Mic 2"));
-    EXPECT_EQ(device->displayName(), "USB Mic 2");
     std::vector<std::string> keys;
     const auto observations = device->kvo()->observe(
         device->kvo()->observableKeys(), [&](const std::string& key, DXRKVOChange) { keys.push_back(key); });
@@ -291,7 +281,6 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
 TEST_F(DXRDeviceTest, appliesAndAnnouncesOverrides)
 {
     const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F).mute(outputs, true));
-    settleHardware(); // otherwise a refresh would announce the overridden values
     using Values = std::vector<std::pair<double, bool>>;
     Values heard; // volume and mute before and after each change
     const auto observations =

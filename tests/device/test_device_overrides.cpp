@@ -82,11 +82,8 @@ TEST_F(DeviceOverrides, recordTheirOwnerAndRemoveEmptyEntries)
     EXPECT_TRUE(storedAfter(nullptr, "k").empty());
     EXPECT_TRUE(storedAfter(nullptr, "k").empty());
 
-    const auto nested = [](int depth) {
-        CXPlist value = 1;
-        for (int i = 0; i < depth; ++i)
-            value = CXPlist::array({std::move(value)});
-        return value;
+    const auto nested = [](size_t depth) {
+        return CXPlist::parse(std::string(depth, '[') + '1' + std::string(depth, ']'));
     };
     const Stored before = storedAfter(nested(511), "as deep as is read");
     EXPECT_EQ(before.at(key).size(), 2U);

@@ -136,8 +136,7 @@ TEST(DeviceReference, describesAPresentDevice)
     const auto hal = installed(SimulatedHardware::init(SimulatedClock::Stepped));
     const Bus bus(std::vector<USBDevice>{{0x03140000}});
     SimulatedDeviceBuilder box = aDevice().uid("unit:03140000").transport(usb).name("Interface \xFF");
-    const AudioObjectID unit =
-        hal->plug(box.manufacturer("Maker").modelUID("model:03140000").inputs(2).outputs(4));
+    const auto unit = hal->plug(box.manufacturer("Maker").modelUID("model:03140000").inputs(2).outputs(4));
     const CXRef<DXRDeviceReference> output = DXRDeviceReference::initWithDeviceID(unit, false);
     EXPECT_EQ(output->string(), R"({"gid":"unit:","i":false,"ic":2,"m":"Maker","md":"model:",)"
                                 "\"n\":\"Interface \xEF\xBF\xBD\"," // bytes that are not UTF-8 are replaced

@@ -87,13 +87,10 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
     plug(aDevice().uid("in").inputs(2));
     ASSERT_TRUE(runner->addDevice(device("out", output), std::nullopt, idle));
     ASSERT_TRUE(runner->setCycleTrace(trace));
-    EXPECT_EQ(runner->counts().restarts, 0U);
     runner->start();
     plug(aDevice().uid("other").outputs(2)); // not used by the runner
     unplug("other");
     const auto addIn = [&] { runner->addDevice(device("in", input), std::nullopt, idle); };
-    const auto removeIn = [&] { runner->removeDevice(device("in", input)); };
-    const auto addStream = [&] { reconfigure("out", [](auto& it) { it.outputs(2); }); };
     const struct {
         std::function<void()> change;
         Restart reason;
@@ -101,11 +98,12 @@ TEST_F(RunnerTrace, countsAndRecordsEveryRestartWithItsReason)
         size_t devices;
     } steps[] = {
         {addIn, Restart::Nodes, Context::Aggregate, 2},
-        {addStream, Restart::Layout, Context::Aggregate, 2},
+        {[&] { reconfigure("out", [](auto& it) { it.outputs(2); }); }, Restart::Layout, Context::Aggregate,
+         2},
         {[&] { unplug("in"); }, Restart::Devices, Context::Device, 1},
         {[&] { unplug("out"); }, Restart::Devices, Context::Timer, 0},
         {[&] { plug(out); }, Restart::Devices, Context::Device, 1},
-        {removeIn, Restart::Nodes, Context::Device, 1},
+        {[&] { runner->removeDevice(device("in", input)); }, Restart::Nodes, Context::Device, 1},
         {[&] { unplug("out"); }, Restart::Devices, Context::Timer, 0},
     };
     uint32_t restarts = 0;

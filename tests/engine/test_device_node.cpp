@@ -11,26 +11,19 @@ using DXRDeviceNodeTest = ManagedComputer;
 
 const DXRIOBlock idle = [](uint64_t, DXRBuffer&) {};
 
-std::vector<uint32_t> upTo(uint32_t count)
-{
-    std::vector<uint32_t> numbers(count);
-    std::iota(numbers.begin(), numbers.end(), 1U);
-    return numbers;
-}
-
 // The optimised copies must match the plain rule, for all layouts and for lengths around the unrolled loops.
 TEST(FrameCopy, movesChannelsAsTheRuleSays)
 {
     const std::tuple<const char*, std::vector<uint32_t>, std::vector<uint32_t>> rows[] = {
         // what, streams, map
         {"whole stream", {2}, {1, 2}},
-        {"wide stream", {32}, upTo(15)},
+        {"wide stream", {32}, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}},
         {"swapped", {2}, {2, 1}},
         {"one of many", {8}, {5}},
         {"run in the middle", {9}, {3, 4, 5, 6, 7, 8}},
-        {"across streams", {2, 4, 1}, upTo(7)},
-        {"planes", {1, 1, 1, 1}, upTo(4)},
-        {"more planes than fit at once", std::vector<uint32_t>(11, 1), upTo(11)},
+        {"across streams", {2, 4, 1}, {1, 2, 3, 4, 5, 6, 7}},
+        {"planes", {1, 1, 1, 1}, {1, 2, 3, 4}},
+        {"more planes than fit at once", std::vector<uint32_t>(11, 1), {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}},
         {"gaps", {2, 1, 1}, {0, 2, 0, 3, 4, 0}},
         {"the same twice", {2, 1}, {1, 1, 3, 3}},
     };

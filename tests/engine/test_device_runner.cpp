@@ -18,10 +18,6 @@ TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
         EXPECT_EQ(runner->frameCount(), frames) << when;
         EXPECT_EQ(runner->sampleRate(), rate) << when;
     };
-    const auto replug = [this](const SimulatedDeviceBuilder& builder) {
-        unplug("headset");
-        plug(builder);
-    };
     constexpr uint32_t max = DXRDeviceRunner::maxFrames;
     plug(headset().bufferFrameSizeRange(max, max).bufferFrameSize(max));
     ASSERT_TRUE(runner->addDevice(phones(), std::nullopt, idle));
@@ -30,13 +26,15 @@ TEST_F(DXRDeviceRunnerTest, keepsWhatIsInEffectApartFromWhatWasAskedFor)
     expectInEffect(max, 48000, "the device's");
     EXPECT_FALSE(runner->setFrameCount(64) || runner->setSampleRate(44100) ||
                  runner->setConversionQuality(DXRConversionQuality::High));
-    replug(headset().bufferFrameSize(64).bufferFrameSizeRange(64, 64).sampleRate(44100).sampleRates({44100}));
+    unplug("headset");
+    plug(headset().bufferFrameSize(64).bufferFrameSizeRange(64, 64).sampleRate(44100).sampleRates({44100}));
     expectInEffect(max, 48000, "until it stops, over every context");
     runner->stop();
     runner->stop();
     expectInEffect(0, 0, "stopped");
 
-    replug(headset());
+    unplug("headset");
+    plug(headset());
     EXPECT_TRUE(runner->setFrameCount(64) && runner->setSampleRate(96000) &&
                 runner->setConversionQuality(DXRConversionQuality::High));
     EXPECT_EQ(runner->conversionQuality(), DXRConversionQuality::High);

@@ -48,14 +48,13 @@ TEST(CXDispatchQueue, isBorrowedByABypassWhenIdle)
 {
     const TestQueue queue;
     const pthread_t self = pthread_self();
-    pthread_t inside = 0, after = 0;
+    pthread_t after = 0;
     queue.waitUntilIdle();
     queue->dispatchSyncBypassOnce([&] {
-        inside = pthread_self();
+        EXPECT_EQ(pthread_self(), self);
         EXPECT_TRUE(queue->isDispatchedOnCurrentThread());
         queue->dispatchAsync([&] { after = pthread_self(); });
     });
-    EXPECT_EQ(inside, self);
     EXPECT_FALSE(queue->isDispatchedOnCurrentThread());
     queue.settle();
     EXPECT_EQ(after, queue->thread()) << "a single bypass leaves client work to the thread";

@@ -147,8 +147,7 @@ TEST(CXDispatchReceiver, takesAMessageAlongWhenItMovesBeforeTheDelivery)
     ASSERT_EQ(pipe(ends), 0);
     for (const bool isDescriptor : {false, true}) {
         SCOPED_TRACE(isDescriptor);
-        const CXRef<dxr::Port> port =
-            isDescriptor ? dxr::Port::initWithDescriptor(ends[0]) : dxr::Port::init();
+        const auto port = isDescriptor ? dxr::Port::initWithDescriptor(ends[0]) : dxr::Port::init();
         std::atomic<int> count{0};
         const TestQueue first, second;
         const CXRef<CXDispatchReceiver> receiver = CXDispatchReceiver::init(port);

@@ -7,7 +7,6 @@
 
 namespace {
 
-using Devices = DXRDeviceManager::Devices;
 class DXRDeviceManagerTest : public ManagedComputer {
 protected:
     /// The device of an archive with this reference, which is escaped for JSON.
@@ -20,11 +19,6 @@ protected:
         return manager.deviceFromArchive({bytes.begin(), bytes.end()});
     }
 };
-
-SimulatedDeviceBuilder hiddenDevice(const std::string& uid)
-{
-    return aDevice().uid(uid).hidden().outputs(2);
-}
 
 TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
 {
@@ -48,7 +42,6 @@ TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
     unplug("headset");
     expectChanges(none, both);
     EXPECT_FALSE(phones->isConnected());
-    EXPECT_EQ(phones->displayName(), "⚠️ Headset");
     EXPECT_EQ(device("headset", output), phones) << "absent, but known";
     EXPECT_EQ(manager.counterpartForDevice(mic), phones);
 
@@ -58,7 +51,6 @@ TEST_F(DXRDeviceManagerTest, keepsDeviceObjectsAcrossAReplug)
     EXPECT_EQ(phones->deviceID(), secondID);
     EXPECT_EQ(manager.deviceWithDeviceID(secondID, output), phones);
     EXPECT_EQ(manager.deviceWithDeviceID(firstID, output), nullptr);
-    EXPECT_EQ(phones->displayName(), "Headset");
     EXPECT_EQ(counts, (std::vector<size_t>{0, 2, 2, 0, 0, 2}));
 }
 
@@ -222,7 +214,8 @@ TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
 
 TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
 {
-    const AudioObjectID hidden = plug(hiddenDevice("hidden")), other = plug(hiddenDevice("other"));
+    const SimulatedDeviceBuilder builder = aDevice().uid("hidden").hidden().outputs(2);
+    const AudioObjectID hidden = plug(builder), other = plug(aDevice().uid("other").hidden().outputs(2));
     plug(aDevice().uid("plain").outputs(2));
     EXPECT_EQ(manager.connectedDevices().size(), 1U);
     EXPECT_EQ(manager.deviceWithReference(R"({"uid":"hidden","i":false})"), nullptr) << "does not adopt";
@@ -244,7 +237,7 @@ TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
     DXRDeviceManager::queue().sync(
         [&] { EXPECT_EQ(manager.deviceWithDeviceUID("hidden", input), nullptr) << "adopted, no inputs"; });
     unplug("hidden");
-    plug(hiddenDevice("hidden"));
+    plug(builder);
     EXPECT_TRUE(adopted->isConnected());
 
     const CXRef<DXRDevice> plain = device("plain", output);
@@ -255,7 +248,7 @@ TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
     // While the manager cannot read which devices are hidden, known devices stay and new ones are not listed.
     changesSinceLast();
     hal.failReads(kAudioDevicePropertyIsHidden, 1, 1'000'000, kAudioHardwareUnspecifiedError);
-    plug(hiddenDevice("shy"));
+    plug(aDevice().uid("shy").hidden().outputs(2));
     plug(aDevice().uid("new").outputs(2));
     EXPECT_TRUE(updates.empty());
     hal.failReads(kAudioDevicePropertyIsHidden, 1, 0, 0);
@@ -265,7 +258,7 @@ TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
 
 TEST_F(DXRDeviceManagerTest, callsObserversAfterTheUpdateOfAnAdoption)
 {
-    plug(hiddenDevice("shy"));
+    plug(aDevice().uid("shy").hidden().outputs(2));
     const CXRef<DXRDevice> shy = fromArchive(R"({\"uid\":\"shy\",\"i\":false})");
     int calls = 0;
     const auto observation = shy->kvo()->observe("isConnected", [&](const std::string&, DXRKVOChange change) {
@@ -293,7 +286,6 @@ TEST_F(DXRDeviceManagerTest, restoresDevicesFromArchives)
     const char* const reference = R"({\"uid\":\"far\",\"i\":false})";
     const CXRef<DXRDevice> far = fromArchive(reference);
     ASSERT_TRUE(far);
-    EXPECT_EQ(far->displayName(), "⚠️ Far");
     EXPECT_EQ(fromArchive(reference), far);
     EXPECT_FALSE(manager.connectedDevices().contains(far));
     plug(aDevice().uid("far").name("Near").outputs(2));

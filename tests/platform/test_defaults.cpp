@@ -6,6 +6,7 @@
 #include "Port.h"
 #include "SerialQueue.h"
 
+#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <future>
@@ -80,13 +81,13 @@ protected:
     const fs::path file = folder / (suiteName + ".db");
 };
 
-/// Simulates a full disk, or room on it again.
-void limitFileSize(rlim_t bytes)
+/// Limits what this process may use. A limit of the file size simulates a full disk.
+void setLimit(decltype(RLIMIT_FSIZE) resource, rlim_t value)
 {
     rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = std::min(bytes, limit.rlim_max);
-    setrlimit(RLIMIT_FSIZE, &limit);
+    getrlimit(resource, &limit);
+    limit.rlim_cur = std::min(value, limit.rlim_max);
+    setrlimit(resource, &limit);
 }
 
 /// Stores a value, as an earlier run would have.
@@ -120,7 +121,6 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
     const auto shell = [this](const std::string& script) {
         return [=, this] { EXPECT_EQ(std::system(("cd '" + home.string() + "' && " + script).c_str()), 0); };
     };
-    const auto sql = [this](const char* statements) { return [=, this] { Connection{file}(statements); }; };
     const auto environment = [](const std::string& homeFolder, const char* dataFolder) {
         return [=] {
             setenv("HOME", homeFolder.c_str(), 1);
@@ -146,7 +146,8 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
          "is a link"},
         {"a link in place of the folder", shell("mv dxr elsewhere && ln -s elsewhere dxr"), "is a link"},
         {"a folder that others may write to", shell("chmod g+w dxr"), "chmod go-w"},
-        {"another program's database", sql("CREATE TABLE theirs(x)"), "another program's"},
+        {"another program's database", [&] { Connection{file}("CREATE TABLE theirs(x)"); },
+         "another program's"},
         {"a later version's, with changes in its log",
          [&] {
              inChild([&] { // ends without closing the database
@@ -155,7 +156,7 @@ TEST_F(Defaults, liveInMemoryWhereNothingCanBeKept)
              });
          },
          "later version"},
-        {"a full disk", [] { limitFileSize(1000); }, "disk I/O error"},
+        {"a full disk", [] { setLimit(RLIMIT_FSIZE, 1000); }, "disk I/O error"},
         {"a folder that may not be written",
          [&] {
              keepSomething();
@@ -199,7 +200,7 @@ TEST_F(Defaults, areStoredOnceTheDiskHasRoomAgain)
     keepSomething();
     inChild([] {
         const CapturedLog log;
-        limitFileSize(1000);
+        setLimit(RLIMIT_FSIZE, 1000);
         for (int i = 0; i < 1500; ++i) // more changes than are kept individually
             EXPECT_FALSE(write("count", std::to_string(i)));
         EXPECT_EQ(log.lines().size(), 1U);
@@ -207,15 +208,15 @@ TEST_F(Defaults, areStoredOnceTheDiskHasRoomAgain)
         pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
         EXPECT_EQ(sigismember(&blocked, SIGXFSZ), 0) << "only while it stores";
         EXPECT_EQ(contents(), "count=1499 ") << "the stored value cannot be read either";
-        limitFileSize(RLIM_INFINITY);
+        setLimit(RLIMIT_FSIZE, RLIM_INFINITY);
         EXPECT_TRUE(suite()->synchronize());
     });
     inChild([&] { // without being asked to, and without an event
         EXPECT_EQ(contents(), "count=1499 old=1 ");
-        limitFileSize(1000);
+        setLimit(RLIMIT_FSIZE, 1000);
         EXPECT_FALSE(write("late", "1"));
         const auto before = fs::last_write_time(file);
-        limitFileSize(RLIM_INFINITY);
+        setLimit(RLIMIT_FSIZE, RLIM_INFINITY);
         EXPECT_TRUE(eventually([&] { return fs::last_write_time(file) != before; }));
     });
     inChild([] { EXPECT_EQ(contents(), "count=1499 late=1 old=1 "); });
@@ -231,15 +232,9 @@ TEST_F(Defaults, areNotReadFromAFileWhoseLogCannotBeOpened)
             const int lowest = dup(STDERR_FILENO);
             close(lowest);
             const CapturedLog log;
-            const auto limitDescriptors = [](rlim_t count) {
-                rlimit limit{};
-                getrlimit(RLIMIT_NOFILE, &limit);
-                limit.rlim_cur = std::min(count, limit.rlim_max);
-                setrlimit(RLIMIT_NOFILE, &limit);
-            };
-            limitDescriptors(static_cast<rlim_t>(lowest) + free);
+            setLimit(RLIMIT_NOFILE, static_cast<rlim_t>(lowest) + free);
             EXPECT_EQ(contents(), suite()->load() ? "old=2 " : "") << free;
-            limitDescriptors(1024);
+            setLimit(RLIMIT_NOFILE, 1024);
             EXPECT_TRUE(write("new", std::nullopt));
             EXPECT_EQ(contents(), "old=2 ") << free;
         });
@@ -251,10 +246,7 @@ TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
     EXPECT_EQ(std::system(isRoot ? ("chown -R 65534 '" + home.string() + "'").c_str() : "true"), 0);
     inChild([&] {
         const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("delayed");
-        rlimit threads{};
-        getrlimit(RLIMIT_NPROC, &threads);
-        const rlimit none{1, threads.rlim_max};
-        setrlimit(RLIMIT_NPROC, &none);
+        setLimit(RLIMIT_NPROC, 1);
         ASSERT_EQ(isRoot ? setresuid(65534, 65534, 65534) : 0, 0);
         const CapturedLog log;
         EXPECT_TRUE(suite()->load());
@@ -262,7 +254,7 @@ TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
         std::atomic<int> refused{0}, accepted{0}, calls{0};
         EXPECT_THROW(queue->after(0, [&] { ++refused; }), std::system_error);
         EXPECT_EQ(dxr::Port::initWithDescriptor(eventfd(0, EFD_CLOEXEC)), nullptr);
-        setrlimit(RLIMIT_NPROC, &threads);
+        setLimit(RLIMIT_NPROC, RLIM_INFINITY);
         queue->after(0, [&] { ++accepted; });
         EXPECT_TRUE(eventually([&] { return accepted == 1; }));
         EXPECT_EQ(refused, 0);
@@ -275,13 +267,6 @@ TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
 
 TEST_F(Defaults, setDamagedFilesAside)
 {
-    const auto isSetAside = [this](const std::string& bytes) {
-        for (const auto& each : fs::directory_iterator(folder))
-            if (each.path().string().starts_with(file.string() + ".damaged-") &&
-                contentOf(each.path()) == bytes)
-                return true;
-        return false;
-    };
     keepSomething();
     Connection{file}("PRAGMA wal_checkpoint(TRUNCATE)");
     const std::string good = contentOf(file);
@@ -303,7 +288,9 @@ TEST_F(Defaults, setDamagedFilesAside)
             EXPECT_TRUE(write("a", "1"));
             EXPECT_EQ(log.lines().size(), 1U);
         });
-        EXPECT_TRUE(isSetAside(bytes));
+        EXPECT_TRUE(std::ranges::any_of(fs::directory_iterator(folder), [&](const fs::path& each) {
+            return each.string().starts_with(file.string() + ".damaged-") && contentOf(each) == bytes;
+        }));
         inChild([] { EXPECT_EQ(contents(), "a=1 "); });
     }
 

@@ -37,8 +37,7 @@ TEST(SerialQueue, runsAllWorkInOrderWhenReleasedAndDelayedWorkByItsDeadline)
 
 TEST(SerialQueue, knowsItsOwnThreadAndRefusesToWaitForItself)
 {
-    const CXRef<SerialQueue> queue = SerialQueue::initWithLabel("self"),
-                             inner = SerialQueue::initWithLabel("inner");
+    const auto queue = SerialQueue::initWithLabel("self"), inner = SerialQueue::initWithLabel("inner");
     EXPECT_FALSE(queue->isCurrent());
     queue->sync([&] {
         EXPECT_TRUE(queue->isCurrent());

@@ -56,13 +56,11 @@ TEST(USBRegistry, distinguishesUnitsOfOneModel)
     EXPECT_TRUE(isLocated(0x04213000));
 }
 
-TEST(USBRegistry, findsDevicesAndEnginesAndIsEmptyWithoutUdev)
+TEST(USBRegistry, findsDevicesAndIsEmptyWithoutUdev)
 {
-    const auto contents = USBRegistryContents::initWithDevices({{1}, {0}, {2}}, {{"a", {}, 1, {}, {}}});
+    const auto contents = USBRegistryContents::initWithDevices({{1}, {0}, {2}}, {});
     EXPECT_EQ(contents->deviceAtLocation(1), &contents->devices()[0]);
     EXPECT_EQ(contents->deviceAtLocation(0), nullptr) << "0 is no location";
-    EXPECT_EQ(contents->engineWithGlobalUniqueID("a"), &contents->engines()[0]);
-    EXPECT_EQ(contents->engineWithGlobalUniqueID("b"), nullptr);
 
     const FakeUSBBus empty;
     EXPECT_FALSE(isLocated(0x03140000));
