@@ -167,19 +167,19 @@ DXRDeviceManager::Devices DXRDeviceManager::connectedDevices() const
 
 CXRef<DXRDevice> DXRDeviceManager::defaultInputDevice() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_defaultInputDevice
+    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_defaultInputDevice)
                                       : _liveDevice(QDLAudioDeviceDefaultInputDeviceID(), true);
 }
 
 CXRef<DXRDevice> DXRDeviceManager::defaultOutputDevice() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_defaultOutputDevice
+    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_defaultOutputDevice)
                                       : _liveDevice(QDLAudioDeviceDefaultOutputDeviceID(), false);
 }
 
 CXRef<DXRDevice> DXRDeviceManager::soundEffectsDevice() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_soundEffectsDevice
+    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_soundEffectsDevice)
                                       : _liveDevice(QDLAudioDeviceDefaultSystemOutputDeviceID(), false);
 }
 

@@ -183,6 +183,7 @@ TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
     std::map<CXRef<DXRDevice>, bool> announced;
     std::vector observations{manager.kvo()->observe(
         "defaultOutputDevice", [&](auto&, auto) { announcedDefault = manager.defaultOutputDevice(); })};
+    const auto noInput = manager.kvo()->observe("defaultInputDevice", [](auto&, auto) { ADD_FAILURE(); });
     const auto observe = [&](const CXRef<DXRDevice>& it) {
         announced[it] = it->isDefault();
         observations.push_back(
