@@ -221,6 +221,38 @@ TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
         EXPECT_EQ(isDefault, device == a);
 }
 
+// Reads fail while an unrelated device appears, and then one of the reads for a change's announcements.
+TEST_F(DXRDeviceManagerTest, announcesNoDefaultThatItCouldNotRead)
+{
+    const auto failReads = [&](uint64_t first, uint64_t count) {
+        hal.failReads(kAudioHardwarePropertyDefaultOutputDevice, first, count,
+                      kAudioHardwareUnspecifiedError);
+    };
+    for (const char* uid : {"a", "b"})
+        plug(aDevice().uid(uid).outputs(2));
+    const CXRef<DXRDevice> a = device("a", output);
+    bool isDefault = a->isDefault();
+    int others = 0;
+    const std::array observations{
+        a->kvo()->observe("isDefault",
+                          [&](auto&, DXRKVOChange change) { // reads no hardware: it might fail
+                              if (change == DXRKVOChange::Will)
+                                  isDefault = !a->isDefault();
+                          }),
+        manager.kvo()->observe("defaultOutputDevice", [&](auto&, auto) { ++others; })};
+    failReads(1, 1'000'000);
+    plug(aDevice().uid("mic").inputs(1));
+    EXPECT_TRUE(isDefault && others == 0);
+    failReads(1, 0);
+    for (uint64_t i = 0; i < 8; ++i) {
+        others = 0;
+        hal.setDefault(HALDirection::Output, i % 2 == 0 ? "b" : "a");
+        hal.settle();
+        DXRDeviceManager::queue().sync([&] { failReads(1 + i / 2, 1); }); // the manager's own read is over
+        EXPECT_TRUE(becomesTrue([&] { return isDefault == (i % 2 == 1) && others == 2; })) << i;
+    }
+}
+
 TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
 {
     const AudioObjectID hidden = plug(hiddenDevice("hidden")), other = plug(hiddenDevice("other"));
