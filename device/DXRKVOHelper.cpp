@@ -11,7 +11,7 @@
 
 namespace {
 
-// After a failed read, a property is published again with growing delays; after the last one, at its next update.
+// After a failed read, a property is published again with growing delays; after the last, at its next update.
 constexpr uint64_t firstRepeatNanoseconds = 20'000'000;
 constexpr uint32_t maximumRepeats = 8;
 
