@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <system_error>
 #include <tuple>
 
 namespace {
@@ -204,12 +205,7 @@ void DXRDevice::_setDeviceReference(const CXRef<DXRDeviceReference>& deviceRefer
 bool DXRDevice::_updateDisplayName(std::optional<std::string>& field, const std::optional<std::string>& name,
                                    const char* key)
 {
-    const bool isNew = _locked([&] {
-        const bool differs = field != name;
-        if (differs)
-            field = name;
-        return differs;
-    });
+    const bool isNew = _locked([&] { return std::exchange(field, name) != name; });
     if (isNew)
         _kvo->updateValueForKey(key);
     return isNew;
@@ -441,10 +437,14 @@ void DXRDevice::_updateCachedVolumeProperty(double volume)
     });
     if (!isNew)
         return _endVolumeWrite(VolumeWrite::Unchanged);
-    dxr::GlobalQueue::highPriority().after(settlingNanoseconds, [weak = CXWeak(*this)] {
-        if (const CXRef<DXRDevice> self = weak.lock())
-            self->_endVolumeWrite(VolumeWrite::Settled);
-    });
+    try {
+        dxr::GlobalQueue::highPriority().after(settlingNanoseconds, [weak = CXWeak(*this)] {
+            if (const CXRef<DXRDevice> self = weak.lock())
+                self->_endVolumeWrite(VolumeWrite::Settled);
+        });
+    } catch (const std::system_error&) { // no thread can be created
+        _endVolumeWrite(VolumeWrite::Settled);
+    }
     _kvo->updateValueForKey("volume");
 }
 

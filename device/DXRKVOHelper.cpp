@@ -1,12 +1,19 @@
 #include "DXRKVOHelper.h"
 
+#include "DXRReadCheck.h"
 #include "MainQueue.h"
 
 #include <algorithm>
 #include <iterator>
 #include <numeric>
+#include <optional>
+#include <system_error>
 
 namespace {
+
+// After a failed read, a property is published again with growing delays; after the last, at its next update.
+constexpr uint64_t firstRepeatNanoseconds = 20'000'000;
+constexpr uint32_t maximumRepeats = 8;
 
 /// Marks the calling thread in `field` while it exists.
 class Mark {
@@ -103,7 +110,7 @@ void DXRKVOHelper::_update(Pass pass)
     if (pass.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
         return;
     if (!_isForMainQueue())
-        return _run(pass);
+        return _run(pass, 0);
     const bool isNew = _lock->execond([&] {
         if (std::ranges::find(_waiting, pass) != _waiting.end())
             return false; // when the waiting pass runs, it reads the present values, too
@@ -112,7 +119,7 @@ void DXRKVOHelper::_update(Pass pass)
     });
     if (isNew)
         dxr::MainQueue::shared().async(
-            [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass); });
+            [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass, 0); });
 }
 
 bool DXRKVOHelper::_isForMainQueue() const
@@ -123,7 +130,7 @@ bool DXRKVOHelper::_isForMainQueue() const
     return object && _isChanging(*object);
 }
 
-void DXRKVOHelper::_runWaiting(const Pass& pass)
+void DXRKVOHelper::_runWaiting(const Pass& pass, uint32_t repeats)
 {
     const bool isNested = _processing.load(std::memory_order_relaxed) == pthread_self();
     _lock->execute([&] {
@@ -132,27 +139,55 @@ void DXRKVOHelper::_runWaiting(const Pass& pass)
             _postponed.push_back(pass);
     });
     if (!isNested)
-        _run(pass);
+        _run(pass, repeats);
 }
 
-void DXRKVOHelper::_run(const Pass& first)
+void DXRKVOHelper::_run(const Pass& first, uint32_t repeats)
 {
     const CXRef<CXObject> object = _obj.lock();
     if (!object)
         return;
+    Pass unread;
     std::vector<Pass> next{first};
     while (!next.empty()) {
         {
             const Mark processing(_processing);
             for (const Pass& pass : next) {
                 for (const uint8_t place : pass) {
-                    const DXRKVOProperty& property = _properties[place];
-                    property.publish(*object, [&](DXRKVOChange change) { _announce(property, change); });
+                    if (!_publish(*object, _properties[place]))
+                        unread.push_back(place);
                 }
             }
         }
         next.clear();
         _lock->execute([&] { next.swap(_postponed); });
+    }
+    if (!unread.empty() && repeats < maximumRepeats)
+        _repeat(unread, repeats);
+}
+
+/// Returns false if the value could not be read. It is then neither announced nor compared.
+bool DXRKVOHelper::_publish(CXObject& object, const DXRKVOProperty& property)
+{
+    const DXRReadCheck reads;
+    std::optional<bool> isRead; // known before observers are called, which may read other values
+    property.publish(object, [&](DXRKVOChange change) {
+        if (!isRead)
+            isRead = !reads.hasFailed();
+        if (*isRead)
+            _announce(property, change);
+        return *isRead;
+    });
+    return isRead ? *isRead : !reads.hasFailed();
+}
+
+void DXRKVOHelper::_repeat(const Pass& pass, uint32_t repeats)
+{
+    const auto again = [self = CXRef(this), pass, repeats] { self->_runWaiting(pass, repeats + 1); };
+    try {
+        dxr::MainQueue::shared().after(firstRepeatNanoseconds << repeats, again);
+    } catch (const std::system_error&) {
+        // No thread can be created. The next update of the property publishes it.
     }
 }
 

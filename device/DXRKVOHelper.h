@@ -17,6 +17,8 @@
 ///
 /// A getter of the object returns the copy while isUpdateInProgress(), otherwise the live value, so that an
 /// observer reads the old value at will-change and the new one at did-change.
+///
+/// If a getter's read of the hardware fails, its result is not announced; the property is read again soon.
 /// Threads:   any; announcements on the main thread only (MainQueue). An update requested on another thread
 ///            runs there later, in the order of the requests. A request equal to a waiting one is dropped, so
 ///            that memory does not grow in a program that never runs its main queue.
@@ -68,8 +70,10 @@ private:
     std::optional<uint8_t> _placeOf(std::string_view key) const;
     void _update(Pass pass);
     bool _isForMainQueue() const;
-    void _runWaiting(const Pass& pass);
-    void _run(const Pass& first);
+    void _runWaiting(const Pass& pass, uint32_t repeats);
+    void _run(const Pass& first, uint32_t repeats);
+    bool _publish(CXObject& object, const DXRKVOProperty& property);
+    void _repeat(const Pass& pass, uint32_t repeats);
     void _announce(const DXRKVOProperty& property, DXRKVOChange change);
     /// Called with _lock held. This is safe because an ended registration holds no block: only registrations
     /// are destroyed here.

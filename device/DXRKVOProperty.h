@@ -24,28 +24,29 @@ public:
 
     constexpr std::string_view key() const noexcept { return _key; }
     /// Does nothing if the published copy equals the getter's result. Otherwise calls `announce`, renews the
-    /// copy, and calls `announce` again.
-    void publish(CXObject& object, const CXBlockRef<void(DXRKVOChange)>& announce) const
+    /// copy, and calls `announce` again. If the first call returns false, the copy stays and this ends.
+    void publish(CXObject& object, const CXBlockRef<bool(DXRKVOChange)>& announce) const
     {
         _step(object, announce);
     }
 
 private:
-    using Step = void (*)(CXObject&, const CXBlockRef<void(DXRKVOChange)>&);
+    using Step = void (*)(CXObject&, const CXBlockRef<bool(DXRKVOChange)>&);
 
     constexpr DXRKVOProperty(std::string_view key, Step step) noexcept : _key(key), _step(step) {}
 
     template <class Owner, class Value> static Owner ownerOf(Value Owner::*);
 
     template <auto getter, auto field>
-    static void _publish(CXObject& object, const CXBlockRef<void(DXRKVOChange)>& announce)
+    static void _publish(CXObject& object, const CXBlockRef<bool(DXRKVOChange)>& announce)
     {
         auto& owner = static_cast<decltype(ownerOf(field))&>(object);
         auto& copy = owner.*field;
         std::remove_reference_t<decltype(copy)> live = (owner.*getter)();
         if (!_isNil(copy) && _isEqual(copy, live))
             return;
-        announce(DXRKVOChange::Will);
+        if (!announce(DXRKVOChange::Will))
+            return;
         copy = std::move(live);
         announce(DXRKVOChange::Did);
     }

@@ -10,7 +10,8 @@
 #include <span>
 
 /// One entry of a DXRCycleTrace: a cycle of a runner, or a state change of the context that runs the cycles.
-/// Ticks are the host clock's (HostClock); 0 if unknown.
+/// Ticks are the host clock's (HostClock); 0 if unknown. Over hardware on a stepped clock (simulated.h),
+/// dueTicks and deadlineTicks are that clock's, and no cycle is late: compare them only with one another.
 struct DXRCycleRecord {
     enum class Event : uint8_t {
         Cycle,

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 
 namespace {
 
@@ -167,19 +168,19 @@ DXRDeviceManager::Devices DXRDeviceManager::connectedDevices() const
 
 CXRef<DXRDevice> DXRDeviceManager::defaultInputDevice() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_defaultInputDevice
+    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_defaultInputDevice)
                                       : _liveDevice(QDLAudioDeviceDefaultInputDeviceID(), true);
 }
 
 CXRef<DXRDevice> DXRDeviceManager::defaultOutputDevice() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_defaultOutputDevice
+    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_defaultOutputDevice)
                                       : _liveDevice(QDLAudioDeviceDefaultOutputDeviceID(), false);
 }
 
 CXRef<DXRDevice> DXRDeviceManager::soundEffectsDevice() const
 {
-    return _kvo->isUpdateInProgress() ? _kvo_soundEffectsDevice
+    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_soundEffectsDevice)
                                       : _liveDevice(QDLAudioDeviceDefaultSystemOutputDeviceID(), false);
 }
 
@@ -603,9 +604,8 @@ void DXRDeviceManager::_updateDeviceInfo(DXRDeviceInfo& info, AudioObjectID devi
 void DXRDeviceManager::_updateDevicePropertyListeners(DXRDeviceInfo& info)
 {
     if (info.deviceID == kAudioObjectUnknown) {
-        if (info.streams)
-            info.streams->stop();
-        info.streams = nullptr;
+        if (const CXRef<DXRPropertyListener> streams = std::exchange(info.streams, nullptr))
+            streams->stop();
     } else if (!info.streams) {
         constexpr AudioObjectPropertyAddress streams{kAudioDevicePropertyStreams,
                                                      kAudioObjectPropertyScopeWildcard,
@@ -628,13 +628,18 @@ void DXRDeviceManager::_retryAfter(bool hasFailed)
     }
     if (std::exchange(_isRetryPending, true))
         return;
-    queue().after(firstRetryNanoseconds << _retries++, [weak = CXWeak(*this)] {
-        const CXRef<DXRDeviceManager> self = weak.lock();
-        if (!self)
-            return;
-        lock().execute([&] { self->_isRetryPending = false; });
-        self->_updateDeviceList(true);
-    });
+    const auto retry = [weak = CXWeak(*this)] {
+        if (const CXRef<DXRDeviceManager> self = weak.lock()) {
+            lock().execute([&] { self->_isRetryPending = false; });
+            self->_updateDeviceList(true);
+        }
+    };
+    try {
+        queue().after(firstRetryNanoseconds << _retries, retry);
+        ++_retries;
+    } catch (const std::system_error&) { // no thread can be created; the next change repeats the update
+        _isRetryPending = false;
+    }
 }
 
 // ---- Default devices

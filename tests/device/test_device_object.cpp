@@ -6,6 +6,7 @@
 #include "DXRPropertyListener.h"
 #include "Eventually.h"
 #include "GlobalQueue.h"
+#include "NoNewThreads.h"
 #include "SerialQueue.h"
 #include "SimulatedComputer.h"
 
@@ -188,6 +189,22 @@ TEST_F(DXRDeviceTest, keepsTheVolumeOfASlider)
     hal.reconfigure("box", [](auto& it) { it.volume(outputs, 0.25F); });
     EXPECT_TRUE(becomesTrue([&] { return device->volume() == 0.25; })) << "the hardware's last volume counts";
     EXPECT_TRUE(becomesTrue([&] { return keeper->updatesSinceLast() > 0; }));
+}
+
+TEST_F(DXRDeviceTest, followsTheVolumeAfterAWriteWithoutAThread)
+{
+    const auto device = deviceFor(aDevice().uid("box").outputs(2).volume(outputs, 0.5F));
+    settleHardware();
+    double announced = 0.5;
+    const auto observation =
+        device->kvo()->observe("volume", [&](auto&, auto) { announced = device->volume(); });
+    {
+        const NoNewThreads limit;
+        EXPECT_TRUE(device->setVolume(0.3));
+        EXPECT_EQ(announced, 0.3);
+    }
+    hal.reconfigure("box", [](auto& box) { box.volume(outputs, 0.875F); });
+    EXPECT_TRUE(becomesTrue([&] { return announced == 0.875; }));
 }
 
 // The reading after a volume has settled may see a change before the change is notified.

@@ -1,5 +1,6 @@
 #include "CXException.h"
 #include "ManagedComputer.h"
+#include "NoNewThreads.h"
 #include "SerialQueue.h"
 
 #include <atomic>
@@ -157,8 +158,12 @@ TEST_F(DXRDeviceManagerTest, reportsDefaultDevices)
     EXPECT_EQ(manager.soundEffectsDevice(), phones);
     EXPECT_EQ(manager.defaultOutputDevice(), speakers);
 
-    plug(aDevice().uid("mic").inputs(1)); // a change that cannot be read is reported when it can
-    changesSinceLast();
+    {
+        const NoNewThreads limit; // then reads that fail are not repeated before the next change
+        hal.failReads(kAudioHardwarePropertyDefaultInputDevice, 1, 100, kAudioHardwareUnspecifiedError);
+        plug(aDevice().uid("mic").inputs(1));
+    }
+    changesSinceLast(); // a change that cannot be read is reported when it can
     hal.failReads(kAudioHardwarePropertyDefaultInputDevice, 1, 2, kAudioHardwareUnspecifiedError);
     hal.setDefault(HALDirection::Input, "mic");
     EXPECT_TRUE(becomesTrue([&] { return !updates.empty(); }));
@@ -175,6 +180,7 @@ TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
     std::map<CXRef<DXRDevice>, bool> announced;
     std::vector observations{manager.kvo()->observe(
         "defaultOutputDevice", [&](auto&, auto) { announcedDefault = manager.defaultOutputDevice(); })};
+    const auto noInput = manager.kvo()->observe("defaultInputDevice", [](auto&, auto) { ADD_FAILURE(); });
     const auto observe = [&](const CXRef<DXRDevice>& it) {
         announced[it] = it->isDefault();
         observations.push_back(
@@ -210,6 +216,38 @@ TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
     settle();
     for (const auto& [device, isDefault] : announced)
         EXPECT_EQ(isDefault, device == a);
+}
+
+// Reads fail while an unrelated device appears, and then one of the reads for a change's announcements.
+TEST_F(DXRDeviceManagerTest, announcesNoDefaultThatItCouldNotRead)
+{
+    const auto failReads = [&](uint64_t first, uint64_t count) {
+        hal.failReads(kAudioHardwarePropertyDefaultOutputDevice, first, count,
+                      kAudioHardwareUnspecifiedError);
+    };
+    for (const char* uid : {"a", "b"})
+        plug(aDevice().uid(uid).outputs(2));
+    const CXRef<DXRDevice> a = device("a", output);
+    bool isDefault = a->isDefault();
+    int others = 0;
+    const std::array observations{
+        a->kvo()->observe("isDefault",
+                          [&](auto&, DXRKVOChange change) { // reads no hardware: it might fail
+                              if (change == DXRKVOChange::Will)
+                                  isDefault = !a->isDefault();
+                          }),
+        manager.kvo()->observe("defaultOutputDevice", [&](auto&, auto) { ++others; })};
+    failReads(1, 1'000'000);
+    plug(aDevice().uid("mic").inputs(1));
+    EXPECT_TRUE(isDefault && others == 0);
+    failReads(1, 0);
+    for (uint64_t i = 0; i < 8; ++i) {
+        others = 0;
+        hal.setDefault(HALDirection::Output, i % 2 == 0 ? "b" : "a");
+        hal.settle();
+        DXRDeviceManager::queue().sync([&] { failReads(1 + i / 2, 1); }); // the manager's own read is over
+        EXPECT_TRUE(becomesTrue([&] { return isDefault == (i % 2 == 1) && others == 2; })) << i;
+    }
 }
 
 TEST_F(DXRDeviceManagerTest, listsAHiddenDeviceOnceItIsAskedFor)
