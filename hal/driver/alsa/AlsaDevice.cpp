@@ -82,9 +82,10 @@ bool AlsaDevice::_probe()
             continue;
         int error = 0;
         auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
+        const bool isShort = alsaIsShortage(error, _card->pcmFile(_pcm.number, direction));
         // Probed again only if it could not be opened for now, because probing opens the device.
-        _isShort = _isShort || alsaIsShortage(error);
-        _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES && !alsaIsShortage(error);
+        _isShort = _isShort || isShort;
+        _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES && !isShort;
         if (!_isProbed[place])
             can = _abilities[place] ? _abilities[place] : _card->abilitiesInUse(_pcm.number, direction);
         _abilities[place] = std::move(can);

@@ -159,8 +159,7 @@ void AlsaDriver::_openCard(int number)
     int error = 0;
     Entry entry{AlsaCard::open(number, _root, error), {}};
     if (!entry.card) {
-        const std::string file = "/dev/snd/controlC" + std::to_string(number);
-        if (alsaIsShortage(error) && access(file.c_str(), R_OK | W_OK) == 0)
+        if (alsaIsShortage(error, "controlC" + std::to_string(number)))
             _unopened.push_back(number);
         return;
     }

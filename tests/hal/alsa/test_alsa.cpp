@@ -193,6 +193,14 @@ TEST_F(AlsaTest, looksAgainAfterItWasOutOfDescriptors)
     }
 }
 
+TEST_F(AlsaTest, doesWithoutADirectionThatCannotBeOpened)
+{
+    FakedCards::plug({.captureError = ENOENT}); // as in a container that was given the playback file alone
+    const AudioObjectID id = device();
+    EXPECT_EQ(channelsOf(*hal, id, input), 0U);
+    EXPECT_EQ(channelsOf(*hal, id, output), 2U);
+}
+
 TEST_F(AlsaTest, survivesACardThatReportsNonsense)
 {
     const int number = FakedCards::plug({.isHostile = true});
