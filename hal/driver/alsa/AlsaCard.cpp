@@ -3,7 +3,6 @@
 #include "AlsaQuiet.h"
 #include "Utf8.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <unistd.h>
@@ -22,9 +21,8 @@ char letterOf(HALDirection direction)
 
 bool alsaIsShortage(int error, const std::string& file)
 {
-    const bool isAbsent = error == -ENOENT || error == -ENODEV;
     return error == -EMFILE || error == -ENFILE || error == -ENOMEM ||
-           (isAbsent && access(("/dev/snd/" + file).c_str(), R_OK | W_OK) == 0);
+           (alsaIsAbsence(error) && access(("/dev/snd/" + file).c_str(), R_OK | W_OK) == 0);
 }
 
 CXRef<AlsaCard> AlsaCard::open(int number, const std::filesystem::path& root, int& error)

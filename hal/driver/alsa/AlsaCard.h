@@ -5,12 +5,19 @@
 #include "AlsaReservation.h"
 #include "CXObject.h"
 
+#include <cerrno>
 #include <mutex>
 #include <poll.h>
 
 /// Whether an error of opening a file below /dev/snd may mean that descriptors or memory have run out for now.
 /// alsa-lib looks for the card first, and reports every failure of that as if the card were absent.
 bool alsaIsShortage(int error, const std::string& file);
+
+/// Whether an error says that what was to be opened is absent.
+constexpr bool alsaIsAbsence(int error)
+{
+    return error == -ENOENT || error == -ENODEV;
+}
 
 /// One sound card, accessed through its control device: its identity, its PCMs, its controls, and whether
 /// other programs use it.

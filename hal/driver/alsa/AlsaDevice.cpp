@@ -52,12 +52,12 @@ HALDeviceState AlsaDevice::state() const
     return _state;
 }
 
-bool AlsaDevice::refresh()
+bool AlsaDevice::refresh(bool isLast)
 {
     const AlsaQuiet quiet;
     const std::scoped_lock lock(_stateMutex);
     const auto cardName = _card->name();
-    if (!_sink || !cardName || !_probe())
+    if (!_sink || !cardName || !_probe(isLast))
         return !_isShort;
     HALDeviceState now = _state;
     _describe(*cardName, now);
@@ -72,7 +72,7 @@ bool AlsaDevice::refresh()
 }
 
 /// Reads the device's abilities as far as needed; returns whether they are known. _stateMutex is held.
-bool AlsaDevice::_probe()
+bool AlsaDevice::_probe(bool isLast)
 {
     bool isKnown = true;
     _isShort = false;
@@ -82,7 +82,8 @@ bool AlsaDevice::_probe()
             continue;
         int error = 0;
         auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
-        const bool isShort = alsaIsShortage(error, _card->pcmFile(_pcm.number, direction));
+        const bool isAbsent = isLast && alsaIsAbsence(error) && _abilities[place ^ 1U];
+        const bool isShort = !isAbsent && alsaIsShortage(error, _card->pcmFile(_pcm.number, direction));
         // Probed again only if it could not be opened for now, because probing opens the device.
         _isShort = _isShort || isShort;
         _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES && !isShort;

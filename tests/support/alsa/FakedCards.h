@@ -63,4 +63,6 @@ public:
     static size_t controlOpens(int card);
     /// Number of its devices that this process has open: its PCMs and its control device.
     static size_t openFiles(int card);
+    /// The timeouts of poll() pass `factor` times as fast.
+    static void hurry(int factor);
 };

@@ -214,7 +214,8 @@ FAKED_EXPORT void* mmap(void* at, size_t size, int protection, int flags, int de
 
 FAKED_EXPORT int poll(pollfd* files, nfds_t count, int milliseconds)
 {
-    const int64_t end = milliseconds < 0 ? INT64_MAX : fakedNow() + int64_t{milliseconds} * 1'000'000;
+    const int64_t end =
+        milliseconds < 0 ? INT64_MAX : fakedNow() + int64_t{milliseconds} * 1'000'000 / kernel().haste;
     for (;;) {
         int64_t next = end;
         for (const pollfd& file : std::span(files, count))
