@@ -145,7 +145,7 @@ std::optional<AlsaAbilities> AlsaCard::abilitiesInUse(unsigned pcm, HALDirection
         std::sscanf(line.c_str(), "rate: %7u", &rate);
         std::sscanf(line.c_str(), "buffer_size: %8u", &ring);
     }
-    return AlsaPcm::usable(AlsaAbilities{channels, {rate}, 0, ring / 2});
+    return AlsaPcm::usable(AlsaAbilities{channels, {rate}, 0, ring});
 }
 
 bool AlsaCard::readEvents()

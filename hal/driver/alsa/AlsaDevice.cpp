@@ -62,6 +62,7 @@ bool AlsaDevice::refresh(bool isLast)
     HALDeviceState now = _state;
     _describe(*cardName, now);
     _readControls(now);
+    _setSafetyOffset(now);
     if (now.sampleRates.empty()) // the directions have no common rate
         return !_isShort;
     if (!_isAdded)
@@ -134,6 +135,15 @@ void AlsaDevice::_readControls(HALDeviceState& state)
     });
 }
 
+/// An output is played after the cycles in the ring, not only after one. _stateMutex is held.
+void AlsaDevice::_setSafetyOffset(HALDeviceState& state) const
+{
+    const uint32_t frames = state.bufferFrameSize;
+    if (const auto& can = _abilities[static_cast<size_t>(HALDirection::Output)])
+        state[HALDirection::Output].safetyOffsetFrames =
+            (can->periodCount(_periodCount, frames) - 2) * frames;
+}
+
 /// _stateMutex is held.
 void AlsaDevice::_add(HALDeviceState state)
 {
@@ -147,6 +157,7 @@ void AlsaDevice::_add(HALDeviceState state)
         state.nominalSampleRate = state.sampleRates.back().maximum;
     state.bufferFrameSize = std::clamp(usualFrames, static_cast<uint32_t>(state.bufferFrameSizeRange.minimum),
                                        static_cast<uint32_t>(state.bufferFrameSizeRange.maximum));
+    _setSafetyOffset(state);
     AudioObjectID deviceID = _sink->deviceAdded(CXRef<AlsaDevice>(this), state);
     if (deviceID == kAudioObjectUnknown) { // another unit with the same serial number
         state.uid += "@" + identity.place;
@@ -226,6 +237,7 @@ HALStatus AlsaDevice::_retime(double rate, uint32_t frameCount, HALDeadline dead
         const std::scoped_lock lock(_stateMutex);
         _state.nominalSampleRate = newRate;
         _state.bufferFrameSize = newFrameCount;
+        _setSafetyOffset(_state);
     };
     HALStatus status = kAudioHardwareNoError;
     {

@@ -43,6 +43,7 @@ private:
     bool _probe(bool isLast);
     void _describe(const std::string& cardName, HALDeviceState& state) const;
     void _readControls(HALDeviceState& state);
+    void _setSafetyOffset(HALDeviceState& state) const;
     void _add(HALDeviceState state);
     HALStatus _retime(double rate, uint32_t frameCount, HALDeadline deadline);
     HALStatus _start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused);

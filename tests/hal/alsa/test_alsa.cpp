@@ -308,6 +308,25 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
     }
 }
 
+TEST_F(AlsaTest, reportsTheCyclesInTheRingAsItsSafetyOffset)
+{
+    FakedCards::plug({.maxBuffer = 2000});
+    const AudioObjectID id = device();
+    std::atomic<double> ahead{-1.0}; // how long after the next cycle an output is played
+    const RunningProc proc(*hal, id, eachCycle([&](const IOCycle& cycle) {
+        ahead = cycle.outputTime->sampleTime - cycle.now.sampleTime - cycle.frames();
+    }));
+    const std::pair<uint32_t, uint32_t> rows[] = {{512, 512}, {1000, 0}, {256, 256}}; // 3, 2 and 3 cycles
+    for (const auto& [frames, offset] : rows) {
+        if (frames != 512) { // as at first
+            EXPECT_EQ(writeValue(*hal, id, at(kAudioDevicePropertyBufferFrameSize), frames), 0);
+        }
+        EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertySafetyOffset, output), offset) << frames;
+        EXPECT_TRUE(eventually([&] { return ahead == offset; })) << frames;
+    }
+    EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertySafetyOffset, input), 0U);
+}
+
 TEST_F(AlsaTest, goesOnAndMeasuresTheClockAfterWhatStopsACard)
 {
     const struct {
