@@ -5,12 +5,25 @@
 
 #include <cstdio>
 #include <fstream>
+#include <unistd.h>
 
 namespace {
 
 constexpr size_t maxPcms = 64; // of a card; upper limit of the list
 
+/// As the kernel's files have it.
+char letterOf(HALDirection direction)
+{
+    return direction == HALDirection::Input ? 'c' : 'p';
+}
+
 } // namespace
+
+bool alsaIsShortage(int error, const std::string& file)
+{
+    return error == -EMFILE || error == -ENFILE || error == -ENOMEM ||
+           (alsaIsAbsence(error) && access(("/dev/snd/" + file).c_str(), R_OK | W_OK) == 0);
+}
 
 CXRef<AlsaCard> AlsaCard::open(int number, const std::filesystem::path& root, int& error)
 {
@@ -55,6 +68,11 @@ int AlsaCard::_open()
 std::string AlsaCard::pcmName(unsigned pcm) const
 {
     return "hw:" + std::to_string(number) + "," + std::to_string(pcm);
+}
+
+std::string AlsaCard::pcmFile(unsigned pcm, HALDirection direction) const
+{
+    return "pcmC" + std::to_string(number) + "D" + std::to_string(pcm) + letterOf(direction);
 }
 
 std::optional<AlsaCardInfo> AlsaCard::_info()
@@ -120,15 +138,14 @@ bool AlsaCard::isUsedElsewhere(unsigned pcm, HALDirection direction, bool isOurs
 std::optional<AlsaAbilities> AlsaCard::abilitiesInUse(unsigned pcm, HALDirection direction) const
 {
     std::ifstream file(_root / "proc/asound" / ("card" + std::to_string(number)) /
-                       ("pcm" + std::to_string(pcm) + (direction == HALDirection::Input ? "c" : "p")) /
-                       "sub0/hw_params");
+                       ("pcm" + std::to_string(pcm) + letterOf(direction)) / "sub0/hw_params");
     unsigned channels = 0, rate = 0, ring = 0;
     for (std::string line; std::getline(file, line);) { // "rate: 48000 (48000/1)"
         std::sscanf(line.c_str(), "channels: %5u", &channels);
         std::sscanf(line.c_str(), "rate: %7u", &rate);
         std::sscanf(line.c_str(), "buffer_size: %8u", &ring);
     }
-    return AlsaPcm::usable(AlsaAbilities{channels, {rate}, 0, ring / 2});
+    return AlsaPcm::usable(AlsaAbilities{channels, {rate}, 0, ring});
 }
 
 bool AlsaCard::readEvents()

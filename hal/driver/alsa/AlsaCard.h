@@ -9,11 +9,14 @@
 #include <mutex>
 #include <poll.h>
 
-/// Whether an error of opening a card that is present may mean that descriptors or memory have run out for
-/// now. alsa-lib looks for the card first, and reports every failure of that as if it were absent.
-constexpr bool alsaIsShortage(int error)
+/// Whether an error of opening a file below /dev/snd may mean that descriptors or memory have run out for now.
+/// alsa-lib looks for the card first, and reports every failure of that as if the card were absent.
+bool alsaIsShortage(int error, const std::string& file);
+
+/// Whether an error says that what was to be opened is absent.
+constexpr bool alsaIsAbsence(int error)
 {
-    return error == -EMFILE || error == -ENFILE || error == -ENOMEM || error == -ENOENT || error == -ENODEV;
+    return error == -ENOENT || error == -ENODEV;
 }
 
 /// One sound card, accessed through its control device: its identity, its PCMs, its controls, and whether
@@ -29,6 +32,8 @@ public:
     const AlsaIdentity& identity() const noexcept { return _identity; }
     const std::vector<AlsaPcmInfo>& pcms() const noexcept { return _pcms; }
     std::string pcmName(unsigned pcm) const;
+    /// Its name below /dev/snd.
+    std::string pcmFile(unsigned pcm, HALDirection direction) const;
     /// The card's current name; nothing if the card has disappeared.
     std::optional<std::string> name();
     /// Whether another program uses a direction of a PCM; `isOurs` if this process uses it.

@@ -52,16 +52,17 @@ HALDeviceState AlsaDevice::state() const
     return _state;
 }
 
-bool AlsaDevice::refresh()
+bool AlsaDevice::refresh(bool isLast)
 {
     const AlsaQuiet quiet;
     const std::scoped_lock lock(_stateMutex);
     const auto cardName = _card->name();
-    if (!_sink || !cardName || !_probe())
+    if (!_sink || !cardName || !_probe(isLast))
         return !_isShort;
     HALDeviceState now = _state;
     _describe(*cardName, now);
     _readControls(now);
+    _setSafetyOffset(now);
     if (now.sampleRates.empty()) // the directions have no common rate
         return !_isShort;
     if (!_isAdded)
@@ -72,7 +73,7 @@ bool AlsaDevice::refresh()
 }
 
 /// Reads the device's abilities as far as needed; returns whether they are known. _stateMutex is held.
-bool AlsaDevice::_probe()
+bool AlsaDevice::_probe(bool isLast)
 {
     bool isKnown = true;
     _isShort = false;
@@ -82,9 +83,11 @@ bool AlsaDevice::_probe()
             continue;
         int error = 0;
         auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
+        const bool isAbsent = isLast && alsaIsAbsence(error) && _abilities[place ^ 1U];
+        const bool isShort = !isAbsent && alsaIsShortage(error, _card->pcmFile(_pcm.number, direction));
         // Probed again only if it could not be opened for now, because probing opens the device.
-        _isShort = _isShort || alsaIsShortage(error);
-        _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES && !alsaIsShortage(error);
+        _isShort = _isShort || isShort;
+        _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES && !isShort;
         if (!_isProbed[place])
             can = _abilities[place] ? _abilities[place] : _card->abilitiesInUse(_pcm.number, direction);
         _abilities[place] = std::move(can);
@@ -132,6 +135,15 @@ void AlsaDevice::_readControls(HALDeviceState& state)
     });
 }
 
+/// An output is played after the cycles in the ring, not only after one. _stateMutex is held.
+void AlsaDevice::_setSafetyOffset(HALDeviceState& state) const
+{
+    const uint32_t frames = state.bufferFrameSize;
+    if (const auto& can = _abilities[static_cast<size_t>(HALDirection::Output)])
+        state[HALDirection::Output].safetyOffsetFrames =
+            (can->periodCount(_periodCount, frames) - 2) * frames;
+}
+
 /// _stateMutex is held.
 void AlsaDevice::_add(HALDeviceState state)
 {
@@ -145,6 +157,7 @@ void AlsaDevice::_add(HALDeviceState state)
         state.nominalSampleRate = state.sampleRates.back().maximum;
     state.bufferFrameSize = std::clamp(usualFrames, static_cast<uint32_t>(state.bufferFrameSizeRange.minimum),
                                        static_cast<uint32_t>(state.bufferFrameSizeRange.maximum));
+    _setSafetyOffset(state);
     AudioObjectID deviceID = _sink->deviceAdded(CXRef<AlsaDevice>(this), state);
     if (deviceID == kAudioObjectUnknown) { // another unit with the same serial number
         state.uid += "@" + identity.place;
@@ -224,6 +237,7 @@ HALStatus AlsaDevice::_retime(double rate, uint32_t frameCount, HALDeadline dead
         const std::scoped_lock lock(_stateMutex);
         _state.nominalSampleRate = newRate;
         _state.bufferFrameSize = newFrameCount;
+        _setSafetyOffset(_state);
     };
     HALStatus status = kAudioHardwareNoError;
     {

@@ -17,7 +17,8 @@ public:
     /// Reports the device's current state. The device is added once its abilities are known, by probing it or
     /// from its use by another program. A device that was in use is probed again later. Returns
     /// false if it must be called again soon without an event, because descriptors or memory had run out.
-    bool refresh();
+    /// `isLast`: it will not be; a direction that still seems absent is taken to be so if the other is known.
+    bool refresh(bool isLast = false);
     /// Ends IO and reporting. Returns whether the device was added.
     bool detach();
     /// The state reported last; without streams before the device is added.
@@ -39,9 +40,10 @@ private:
                std::function<void()> wake);
     ~AlsaDevice() override = default;
 
-    bool _probe();
+    bool _probe(bool isLast);
     void _describe(const std::string& cardName, HALDeviceState& state) const;
     void _readControls(HALDeviceState& state);
+    void _setSafetyOffset(HALDeviceState& state) const;
     void _add(HALDeviceState state);
     HALStatus _retime(double rate, uint32_t frameCount, HALDeadline deadline);
     HALStatus _start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <numeric>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -74,25 +73,25 @@ void AlsaDriver::_run()
 {
     const AlsaQuiet quiet;
     for (;;) {
-        const bool isOnlyFolder = _wait();
+        const Event event = _wait();
         if (_isStopping)
             return;
         for (const auto& [number, entry] : _cards)
             entry.card->reservation().process();
-        std::vector<int> appeared;
-        if (!_readFolder(appeared) && isOnlyFolder)
+        std::set<int> appeared;
+        if (!_readFolder(appeared) && event == Event::FolderAlone)
             continue;
+        _looks = event == Event::None ? std::min(_looks + 1, maxLooks) : 0;
         _dropCardsThatAreGone(); // first, because a new card may reuse the number
-        const std::vector<int> unopened = std::exchange(_unopened, {});
-        appeared.insert(appeared.end(), unopened.begin(), unopened.end());
+        appeared.merge(std::exchange(_unopened, {}));
         for (const int number : appeared)
             _openCard(number);
         _refresh();
     }
 }
 
-/// Waits until a card, a run, another program or the bus has an event. Returns true if only the folder has.
-bool AlsaDriver::_wait()
+/// Waits until a card, a run, another program or the bus has an event, or until it is time to look again.
+AlsaDriver::Event AlsaDriver::_wait()
 {
     std::vector<pollfd> polled{{_wakeUps, POLLIN, 0}, {_folder, POLLIN, 0}};
     for (const auto& [number, entry] : _cards) {
@@ -102,14 +101,14 @@ bool AlsaDriver::_wait()
     const bool isBlind = _wakeUps < 0 || _folder < 0; // out of descriptors: look now and then
     const bool looksAgain = isBlind || (_isShort && _looks < maxLooks);
     const int ready = poll(polled.data(), polled.size(), looksAgain ? 500 : -1);
-    _looks = ready == 0 ? _looks + 1 : 0;
     if (ready < 0 && errno != EINTR)
         usleep(100'000); // out of memory: do not spin
     uint64_t count = 0;
     [[maybe_unused]] const ssize_t size = read(_wakeUps, &count, sizeof count);
-    return std::ranges::all_of(polled, [this](const pollfd& each) {
-        return (each.fd == _folder && each.fd >= 0) == (each.revents != 0);
-    });
+    if (ready <= 0)
+        return Event::None;
+    const auto isFolder = [this](const pollfd& each) { return each.fd == _folder || each.revents == 0; };
+    return std::ranges::all_of(polled, isFolder) ? Event::FolderAlone : Event::Any;
 }
 
 /// The folder /dev/snd may appear only with the first card.
@@ -122,13 +121,13 @@ void AlsaDriver::_watchFolder()
 /// Adds the numbers of the cards that may have appeared or become accessible. A card's control device is
 /// created last, so the card is then complete. Returns true if anything may have changed: control devices are
 /// opened by every search for a PCM, our own included, which would wake us again and again.
-bool AlsaDriver::_readFolder(std::vector<int>& numbers)
+bool AlsaDriver::_readFolder(std::set<int>& numbers)
 {
     bool hasChanged = false;
     const auto addAll = [&] {
         _watchFolder();
-        numbers.resize(maxCards);
-        std::iota(numbers.begin(), numbers.end(), 0);
+        for (int number = 0; number < maxCards; ++number)
+            numbers.insert(number);
         hasChanged = true;
     };
     if (_folder < 0)
@@ -145,7 +144,7 @@ bool AlsaDriver::_readFolder(std::vector<int>& numbers)
                 (event.wd == _devWatch && std::strcmp(name, "snd") == 0)) {
                 addAll();
             } else if ((event.mask & cardAppears) != 0 && std::sscanf(name, "controlC%3d", &number) == 1) {
-                numbers.push_back(number);
+                numbers.insert(number);
             }
         }
     }
@@ -159,9 +158,8 @@ void AlsaDriver::_openCard(int number)
     int error = 0;
     Entry entry{AlsaCard::open(number, _root, error), {}};
     if (!entry.card) {
-        const std::string file = "/dev/snd/controlC" + std::to_string(number);
-        if (alsaIsShortage(error) && access(file.c_str(), R_OK | W_OK) == 0)
-            _unopened.push_back(number);
+        if (alsaIsShortage(error, "controlC" + std::to_string(number)))
+            _unopened.insert(number);
         return;
     }
     for (const AlsaPcmInfo& pcm : entry.card->pcms())
@@ -198,7 +196,7 @@ void AlsaDriver::_refresh()
     _isShort = !_unopened.empty();
     for (const auto& [number, entry] : _cards)
         for (const CXRef<AlsaDevice>& device : entry.devices)
-            if (!device->refresh())
+            if (!device->refresh(_looks == maxLooks))
                 _isShort = true;
     const std::scoped_lock lock(_mutex);
     _updateDefaults();

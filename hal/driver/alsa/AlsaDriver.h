@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <map>
+#include <set>
 
 /// The sound cards of this machine without a sound server: a device for each PCM, with volumes, inputs and
 /// jacks. Follows cards as they appear and disappear. The default devices are those of this process only.
@@ -30,10 +31,11 @@ private:
     ~AlsaDriver() override;
 
     void _run();
-    bool _wait();
+    enum class Event { None, FolderAlone, Any };
+    Event _wait();
     void _wake() const noexcept;
     void _watchFolder();
-    bool _readFolder(std::vector<int>& numbers);
+    bool _readFolder(std::set<int>& numbers);
     void _openCard(int number);
     void _dropCardsThatAreGone();
     void _refresh();
@@ -48,9 +50,9 @@ private:
     int _devWatch = -1; // the inotify watch of /dev
     std::atomic<bool> _isStopping{false};
     // Used by start() and the watching thread: what could not be opened, perhaps for lack of descriptors.
-    std::vector<int> _unopened; // cards, by number
-    bool _isShort = false;      // cards or devices
-    int _looks = 0;             // without an event between them
+    std::set<int> _unopened; // cards, by number
+    bool _isShort = false;   // cards or devices
+    int _looks = 0;          // without an event between them, other than the searches for a PCM
     HALDriverSink* _sink = nullptr;
 
     std::mutex _mutex; // guards what follows; held while a default device is reported

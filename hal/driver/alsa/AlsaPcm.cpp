@@ -141,7 +141,7 @@ std::optional<AlsaAbilities> AlsaPcm::probe(const std::string& name, HALDirectio
     if (can.channelCount > usualChannels)
         can.channelCount = std::max(minChannels, usualChannels);
     can.minFrames = static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(minPeriod, UINT32_MAX));
-    can.maxFrames = static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(maxRing / 2, maxCycleFrames));
+    can.maxRingFrames = static_cast<uint32_t>(std::min<snd_pcm_uframes_t>(maxRing, UINT32_MAX));
     std::optional<AlsaAbilities> found = usable(can);
     error = found ? 0 : -EINVAL;
     return found;
@@ -150,7 +150,7 @@ std::optional<AlsaAbilities> AlsaPcm::probe(const std::string& name, HALDirectio
 std::optional<AlsaAbilities> AlsaPcm::usable(AlsaAbilities can)
 {
     can.minFrames = std::max(can.minFrames, minCycleFrames);
-    can.maxFrames = std::min(can.maxFrames, maxCycleFrames);
+    can.maxFrames = std::min(can.maxRingFrames / 2, maxCycleFrames);
     std::erase_if(can.rates,
                   [](uint32_t rate) { return std::ranges::find(usualRates, rate) == usualRates.end(); });
     const bool isUsable = can.channelCount > 0 && can.channelCount <= maxChannels && !can.rates.empty() &&

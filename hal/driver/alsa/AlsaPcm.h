@@ -3,6 +3,7 @@
 #include "AlsaFormat.h"
 #include "HALDirection.h"
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <optional>
@@ -25,7 +26,14 @@ struct AlsaAbilities {
     uint32_t channelCount = 0;
     std::vector<uint32_t> rates; ///< Hz, ascending
     uint32_t minFrames = 0;      ///< frames per cycle
-    uint32_t maxFrames = 0;
+    uint32_t maxRingFrames = 0;
+    uint32_t maxFrames = 0; ///< frames per cycle; set by AlsaPcm::usable()
+
+    /// The number of cycles of this length, at most `wanted`, that the ring holds.
+    uint32_t periodCount(uint32_t wanted, uint32_t frameCount) const noexcept
+    {
+        return std::clamp(maxRingFrames / frameCount, 2U, wanted);
+    }
 };
 
 constexpr snd_pcm_stream_t alsaStream(HALDirection direction) noexcept

@@ -193,6 +193,27 @@ TEST_F(AlsaTest, looksAgainAfterItWasOutOfDescriptors)
     }
 }
 
+TEST_F(AlsaTest, doesWithoutADirectionThatCannotBeOpened)
+{
+    // As in a container that was given the playback file alone; as some drivers answer; as without descriptors.
+    const int errors[] = {ENOENT, ENODEV, EMFILE};
+    int last = 0;
+    FakedCards::hurry(100); // the driver looks again for 0.6 s
+    for (const int error : errors)
+        last = FakedCards::plug({.longName = std::to_string(error), .captureError = error});
+    for (const int error : {ENOENT, ENODEV}) {
+        const AudioObjectID id = device(std::to_string(error));
+        EXPECT_EQ(channelsOf(*hal, id, input), 0U);
+        EXPECT_EQ(channelsOf(*hal, id, output), 2U);
+    }
+    EXPECT_TRUE(eventually([&] {
+        const size_t opens = FakedCards::controlOpens(last);
+        sleepForMilliseconds(100);
+        return FakedCards::controlOpens(last) == opens;
+    })) << "it looks for ever";
+    FakedCards::hurry(1);
+}
+
 TEST_F(AlsaTest, survivesACardThatReportsNonsense)
 {
     const int number = FakedCards::plug({.isHostile = true});
@@ -291,6 +312,25 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
             eventually([&] { return readDevices(*hal).empty() && FakedCards::openFiles(number) == 0; }));
         EXPECT_TRUE(log.lines().empty());
     }
+}
+
+TEST_F(AlsaTest, reportsTheCyclesInTheRingAsItsSafetyOffset)
+{
+    FakedCards::plug({.maxBuffer = 2000});
+    const AudioObjectID id = device();
+    std::atomic<double> ahead{-1.0}; // how long after the next cycle an output is played
+    const RunningProc proc(*hal, id, eachCycle([&](const IOCycle& cycle) {
+        ahead = cycle.outputTime->sampleTime - cycle.now.sampleTime - cycle.frames();
+    }));
+    const std::pair<uint32_t, uint32_t> rows[] = {{512, 512}, {1000, 0}, {256, 256}}; // 3, 2 and 3 cycles
+    for (const auto& [frames, offset] : rows) {
+        if (frames != 512) { // as at first
+            EXPECT_EQ(writeValue(*hal, id, at(kAudioDevicePropertyBufferFrameSize), frames), 0);
+        }
+        EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertySafetyOffset, output), offset) << frames;
+        EXPECT_TRUE(eventually([&] { return ahead == offset; })) << frames;
+    }
+    EXPECT_EQ(read<uint32_t>(id, kAudioDevicePropertySafetyOffset, input), 0U);
 }
 
 TEST_F(AlsaTest, goesOnAndMeasuresTheClockAfterWhatStopsACard)

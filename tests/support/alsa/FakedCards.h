@@ -30,6 +30,8 @@ struct FakedCardOptions {
     bool isBusy = false; ///< starts with FakedFault::Busy
     /// How many of the first opens of the control device, and of PCMs, fail as if out of descriptors.
     std::array<unsigned, 2> failedOpens{};
+    /// The errno of every open of a capture PCM; ENOENT: the PCM is listed, but its file is absent.
+    int captureError = 0;
     unsigned minPeriod = 16, maxBuffer = 65536; ///< frames
     double partsPerMillion = 0.0;               ///< clock error; positive: fast
     unsigned granularity = 1;                   ///< step of its position, in frames
@@ -61,4 +63,6 @@ public:
     static size_t controlOpens(int card);
     /// Number of its devices that this process has open: its PCMs and its control device.
     static size_t openFiles(int card);
+    /// The timeouts of poll() pass `factor` times as fast.
+    static void hurry(int factor);
 };

@@ -123,6 +123,11 @@ size_t FakedCards::controlOpens(int number)
     return kernel().cards.at(number)->controlOpens;
 }
 
+void FakedCards::hurry(int factor)
+{
+    kernel().haste = factor;
+}
+
 size_t FakedCards::openFiles(int number)
 {
     const Guard guard(kernel().lock);

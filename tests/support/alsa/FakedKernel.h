@@ -43,6 +43,7 @@ struct FakedKernel {
     void announce(const FakedCard& card, unsigned control, unsigned mask = SNDRV_CTL_EVENT_MASK_VALUE);
     const std::string folder;                     // holds a file for each control device: programs watch them
     std::array<std::atomic<bool>, 4096> isOurs{}; // by descriptor; written under the lock, read without it
+    std::atomic<int> haste{1};                    // see FakedCards::hurry()
     FakedLock lock{};                             // guards the fields below
     std::map<int, std::shared_ptr<FakedCard>> cards{};
     std::map<int, std::unique_ptr<FakedPcm>> pcms{};

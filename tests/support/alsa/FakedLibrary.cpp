@@ -35,22 +35,41 @@ FakedPcm* pcmOf(int descriptor)
     return pcm == kernel().pcms.end() ? nullptr : pcm->second.get();
 }
 
+/// A card's file in /dev/snd.
+struct CardFile {
+    std::shared_ptr<FakedCard> card;
+    int number = -1;
+    bool isControl = false, isCapture = false;
+    unsigned pcm = 0;
+};
+
+/// Returns 0 if the file is there and may be opened. The caller holds the lock.
+int find(const char* path, CardFile& file)
+{
+    char direction = 0;
+    file.isControl = std::sscanf(path, "/dev/snd/controlC%d", &file.number) == 1;
+    if (!file.isControl &&
+        std::sscanf(path, "/dev/snd/pcmC%dD%u%c", &file.number, &file.pcm, &direction) != 3)
+        return -ENOENT;
+    file.isCapture = direction == 'c';
+    const auto found = kernel().cards.find(file.number);
+    file.card = found == kernel().cards.end() ? nullptr : found->second;
+    if (!file.card || file.card->isGone ||
+        (!file.isControl && !file.card->hasPcm(file.pcm, file.isCapture)) ||
+        (file.isCapture && file.card->options.captureError == ENOENT))
+        return -ENOENT;
+    return file.card->has(FakedFault::NoRights) ? -EACCES : 0;
+}
+
 int openCard(const char* path)
 {
-    int number = -1;
-    unsigned pcm = 0;
-    char direction = 0;
-    const bool isControl = std::sscanf(path, "/dev/snd/controlC%d", &number) == 1;
-    if (!isControl && std::sscanf(path, "/dev/snd/pcmC%dD%u%c", &number, &pcm, &direction) != 3)
-        return -ENOENT;
-    const bool isCapture = direction == 'c';
     const FakedKernel::Guard guard(kernel().lock);
-    const auto found = kernel().cards.find(number);
-    const auto card = found == kernel().cards.end() ? nullptr : found->second;
-    if (!card || card->isGone || (!isControl && !card->hasPcm(pcm, isCapture)))
-        return -ENOENT;
-    if (card->has(FakedFault::NoRights))
-        return -EACCES;
+    CardFile file;
+    if (const int error = find(path, file))
+        return error;
+    const auto& [card, number, isControl, isCapture, pcm] = file;
+    if (isCapture && card->options.captureError)
+        return -card->options.captureError;
     if (unsigned& failures = card->options.failedOpens.at(isControl ? 0 : 1); failures > 0) {
         --failures;
         return -EMFILE;
@@ -64,8 +83,8 @@ int openCard(const char* path)
     if (isControl) {
         kernel().controls[descriptor].card = card;
         ++card->controlOpens;
-        const std::string file = kernel().folder + "/controlC" + std::to_string(number);
-        FakedLibrary::close(FakedLibrary::open(file.c_str(), O_RDONLY | O_CLOEXEC, 0)); // for who watches it
+        const std::string watched = kernel().folder + "/controlC" + std::to_string(number);
+        FakedLibrary::close(FakedLibrary::open(watched.c_str(), O_RDONLY | O_CLOEXEC, 0));
     } else
         kernel().pcms[descriptor] = std::make_unique<FakedPcm>(card, pcm, isCapture, descriptor);
     return descriptor;
@@ -138,8 +157,11 @@ FAKED_EXPORT int __open_2(const char* path, int flags)
 
 FAKED_EXPORT int access(const char* path, int mode) noexcept
 {
-    const std::string file = isCards(path) ? kernel().folder + (path + 8) : path;
-    return static_cast<int>(syscall(SYS_faccessat, AT_FDCWD, file.c_str(), mode));
+    if (!isCards(path))
+        return static_cast<int>(syscall(SYS_faccessat, AT_FDCWD, path, mode));
+    const FakedKernel::Guard guard(kernel().lock);
+    CardFile file;
+    return result(find(path, file));
 }
 
 FAKED_EXPORT int close(int descriptor)
@@ -192,7 +214,8 @@ FAKED_EXPORT void* mmap(void* at, size_t size, int protection, int flags, int de
 
 FAKED_EXPORT int poll(pollfd* files, nfds_t count, int milliseconds)
 {
-    const int64_t end = milliseconds < 0 ? INT64_MAX : fakedNow() + int64_t{milliseconds} * 1'000'000;
+    const int64_t end =
+        milliseconds < 0 ? INT64_MAX : fakedNow() + int64_t{milliseconds} * 1'000'000 / kernel().haste;
     for (;;) {
         int64_t next = end;
         for (const pollfd& file : std::span(files, count))
