@@ -192,6 +192,8 @@ TEST_F(PipeWireDevices, listsAndRunsWhatIsStrange)
     } rows[] = {
         {"no name", "", "", "dsp", 2},
         {"no UTF-8", "\xFF\xFE z", "\xEF\xBF\xBD\xEF\xBF\xBD z", "dsp", 2},
+        {"the last code point, and a surrogate", "\xF4\x8F\xBF\xBF\xED\xA0\x80",
+         "\xF4\x8F\xBF\xBF\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD", "dsp", 2},
         {"long", longName, longName, "dsp", 2},
         {"no channels", "e", "e", "none", 0},
     };
