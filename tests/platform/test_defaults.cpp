@@ -2,6 +2,7 @@
 #include "ContentOf.h"
 #include "DefaultsSuite.h"
 #include "Eventually.h"
+#include "GlobalQueue.h"
 #include "InChild.h"
 #include "Port.h"
 #include "SerialQueue.h"
@@ -251,6 +252,7 @@ TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
     EXPECT_EQ(std::system(isRoot ? ("chown -R 65534 '" + home.string() + "'").c_str() : "true"), 0);
     inChild([&] {
         const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("delayed");
+        dxr::GlobalQueue& global = dxr::GlobalQueue::highPriority();
         rlimit threads{};
         getrlimit(RLIMIT_NPROC, &threads);
         const rlimit none{1, threads.rlim_max};
@@ -265,6 +267,12 @@ TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
         setrlimit(RLIMIT_NPROC, &threads);
         queue->after(0, [&] { ++accepted; });
         EXPECT_TRUE(eventually([&] { return accepted == 1; }));
+        setrlimit(RLIMIT_NPROC, &none);
+        EXPECT_THROW(global.after(0, [&] { ++refused; }), std::system_error)
+            << "though the timer has its own";
+        setrlimit(RLIMIT_NPROC, &threads);
+        global.after(0, [&] { ++accepted; });
+        EXPECT_TRUE(eventually([&] { return accepted == 2; }));
         EXPECT_EQ(refused, 0);
         suite()->addObserver("a", [&] { ++calls; });
         Connection{file}("UPDATE entries SET value='2'");
