@@ -342,6 +342,14 @@ TEST_F(Defaults, setDamagedFilesAside)
 
     // Another process that detects the damage sets the file aside. It may end before it creates the next one,
     // and may write to that before this process reads it.
+    const auto setAsideByAnother = [&](const std::function<void()>& makeNext) {
+        const int opener = open((file.string() + ".lock").c_str(), O_RDONLY);
+        ASSERT_EQ(flock(opener, LOCK_EX), 0);
+        for (const char* part : {"-wal", "-shm", ""})
+            fs::rename(file.string() + part, file.string() + ".damaged-another" + part);
+        makeNext();
+        EXPECT_EQ(flock(opener, LOCK_UN), 0);
+    };
     const std::pair<std::optional<std::string>, std::string> next[] = {{{}, "0"}, {"", "0"}, {good, "1"}};
     for (const auto& [bytes, old] : next) {
         SCOPED_TRACE(bytes ? bytes->size() : -1);
@@ -349,19 +357,31 @@ TEST_F(Defaults, setDamagedFilesAside)
         inChild([&, &newBytes = bytes] {
             EXPECT_TRUE(write("b", value));
             EXPECT_TRUE(write("old", "0"));
-            const int opener = open((file.string() + ".lock").c_str(), O_RDONLY);
-            ASSERT_EQ(flock(opener, LOCK_EX), 0);
-            for (const char* part : {"-wal", "-shm", ""})
-                fs::rename(file.string() + part, file.string() + ".damaged-another" + part);
-            if (newBytes)
-                std::ofstream(file, std::ios::binary) << *newBytes;
-            EXPECT_EQ(flock(opener, LOCK_UN), 0);
+            setAsideByAnother([&] {
+                if (newBytes)
+                    std::ofstream(file, std::ios::binary) << *newBytes;
+            });
             EXPECT_TRUE(eventually(
                 [&] { return contentOf(file.string() + "-wal").find(value) != std::string::npos; }));
             EXPECT_EQ(contents(), all);
         });
         inChild([&] { EXPECT_EQ(contents(), all); });
     }
+    inChild([&] { // follows what others write, though it cannot store what it knows
+        std::optional<Connection> other;
+        EXPECT_TRUE(write("old", "0"));
+        setAsideByAnother([&] {
+            std::ofstream(file, std::ios::binary) << good;
+            other.emplace(file);
+            (*other)("UPDATE entries SET key='new'; BEGIN IMMEDIATE");
+        });
+        const auto shows = [](const char* row) { return contents().find(row) != std::string::npos; };
+        EXPECT_TRUE(eventually([&] { return shows("new=1 ") && shows("old=0 "); }));
+        (*other)("INSERT INTO entries VALUES('old', '2'); COMMIT; BEGIN IMMEDIATE");
+        fs::last_write_time(file, fs::file_time_type::clock::now()); // as each writer does
+        EXPECT_TRUE(eventually([&] { return shows("old=2 "); }));
+        EXPECT_TRUE(shows("c=3 "));
+    });
 }
 
 TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)
