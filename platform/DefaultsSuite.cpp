@@ -46,43 +46,44 @@ CXRef<DefaultsSuite> DefaultsSuite::suiteNamed(const std::string& name)
 bool DefaultsSuite::load()
 {
     (void)snapshot();
-    DefaultsWatcher::shared().follow(CXRef<DefaultsSuite>(this)); // again if that could not start its thread
     const std::lock_guard lock(_mutex);
     return _isLoaded;
 }
 
 CXRef<DefaultsSnapshot> DefaultsSuite::snapshot()
 {
+    DefaultsWatcher& watcher = DefaultsWatcher::shared();
+    bool isFirst = false;
     {
         const std::lock_guard lock(_mutex);
-        if (_snapshot)
+        if (_snapshot && watcher.isServing())
             return _snapshot;
+        isFirst = !_snapshot;
     }
-    _loadFirst();
+    if (isFirst)
+        _loadFirst();
+    watcher.follow(CXRef<DefaultsSuite>(this)); // with later reads again if it cannot start its thread
     const std::lock_guard lock(_mutex);
     return _snapshot;
 }
 
 void DefaultsSuite::_loadFirst()
 {
-    {
-        std::unique_lock store(_storeMutex, std::try_to_lock);
-        const auto end = std::chrono::steady_clock::now() + shortPatience;
-        while (!store.owns_lock() && std::chrono::steady_clock::now() < end) { // another thread is storing
-            std::this_thread::sleep_for(1ms);
-            (void)store.try_lock();
-        }
-        if (!store.owns_lock()) {
-            const std::lock_guard lock(_mutex);
-            if (!_snapshot)
-                _snapshot = DefaultsSnapshot::initWithRows({});
-        } else if (!_isRead) {
-            _database.setMaximumWait(shortPatience);
-            if (!_read() && _isUnreadable)
-                _complain();
-        }
+    std::unique_lock store(_storeMutex, std::try_to_lock);
+    const auto end = std::chrono::steady_clock::now() + shortPatience;
+    while (!store.owns_lock() && std::chrono::steady_clock::now() < end) { // another thread is storing
+        std::this_thread::sleep_for(1ms);
+        (void)store.try_lock();
     }
-    DefaultsWatcher::shared().follow(CXRef<DefaultsSuite>(this));
+    if (!store.owns_lock()) {
+        const std::lock_guard lock(_mutex);
+        if (!_snapshot)
+            _snapshot = DefaultsSnapshot::initWithRows({});
+    } else if (!_isRead) {
+        _database.setMaximumWait(shortPatience);
+        if (!_read() && _isUnreadable)
+            _complain();
+    }
 }
 
 bool DefaultsSuite::update(const Edit& edit)
@@ -190,7 +191,8 @@ bool DefaultsSuite::_begin()
     return false;
 }
 
-/// Adds the rows of a damaged file to the stored ones and applies all unsaved edits. Returns true if all changes are on the disk.
+/// Adds the rows of a damaged file to the stored ones and applies all unsaved edits. Returns true if all
+/// changes are on the disk.
 bool DefaultsSuite::_storePending()
 {
     for (int attempt = 0; attempt < 2; ++attempt) {

@@ -262,6 +262,7 @@ TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
         EXPECT_TRUE(suite()->load());
         EXPECT_TRUE(write("a", "1"));
         std::atomic<int> refused{0}, accepted{0}, calls{0};
+        suite()->addObserver("a", [&] { ++calls; });
         EXPECT_THROW(queue->after(0, [&] { ++refused; }), std::system_error);
         EXPECT_EQ(dxr::Port::initWithDescriptor(eventfd(0, EFD_CLOEXEC)), nullptr);
         setrlimit(RLIMIT_NPROC, &threads);
@@ -274,7 +275,7 @@ TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
         global.after(0, [&] { ++accepted; });
         EXPECT_TRUE(eventually([&] { return accepted == 2; }));
         EXPECT_EQ(refused, 0);
-        suite()->addObserver("a", [&] { ++calls; });
+        EXPECT_EQ(contents(), "a=1 ") << "a read suffices";
         Connection{file}("UPDATE entries SET value='2'");
         EXPECT_TRUE(eventually([&] { return calls == 1; }));
         EXPECT_EQ(log.lines().size(), 1U) << "of the settings";
