@@ -377,6 +377,7 @@ void DXRAudioContext::_endLater(const CXRef<DXRAudioIOContext>& record, AudioObj
 {
     const auto context = CXRefCast<DXRAudioContext>(std::exchange(record->keeper, nullptr));
     const bool needsRestart = record->needsRestart;
+    // Does not throw: the queue has had a thread since the callback was created.
     dxr::GlobalQueue::highPriority().async([record, deviceID, context, needsRestart] {
         _endCallback(*record, deviceID);
         // Only after the callback has ended: this function may run at the end of the cycle, on the IO thread,

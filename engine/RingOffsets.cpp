@@ -55,6 +55,7 @@ void RingOffsets::_read()
     const std::optional<Placements> lastCycle = _lastCycle();
     if (!lastCycle)
         return;
+    // Does not throw: the queue has had a thread since the callback was created.
     dxr::GlobalQueue::highPriority().async(
         [weak = CXWeak(*this), queue = _queue, rings = _rings, placements = *lastCycle] {
             const SubDeviceStatuses statuses = subDeviceStatusesOf(placements[0].clockID);

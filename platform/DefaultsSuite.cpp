@@ -46,43 +46,44 @@ CXRef<DefaultsSuite> DefaultsSuite::suiteNamed(const std::string& name)
 bool DefaultsSuite::load()
 {
     (void)snapshot();
-    DefaultsWatcher::shared().follow(CXRef<DefaultsSuite>(this)); // again if that could not start its thread
     const std::lock_guard lock(_mutex);
     return _isLoaded;
 }
 
 CXRef<DefaultsSnapshot> DefaultsSuite::snapshot()
 {
+    DefaultsWatcher& watcher = DefaultsWatcher::shared();
+    bool isFirst = false;
     {
         const std::lock_guard lock(_mutex);
-        if (_snapshot)
+        if (_snapshot && watcher.isServing())
             return _snapshot;
+        isFirst = !_snapshot;
     }
-    _loadFirst();
+    if (isFirst)
+        _loadFirst();
+    watcher.follow(CXRef<DefaultsSuite>(this)); // with later reads again if it cannot start its thread
     const std::lock_guard lock(_mutex);
     return _snapshot;
 }
 
 void DefaultsSuite::_loadFirst()
 {
-    {
-        std::unique_lock store(_storeMutex, std::try_to_lock);
-        const auto end = std::chrono::steady_clock::now() + shortPatience;
-        while (!store.owns_lock() && std::chrono::steady_clock::now() < end) { // another thread is storing
-            std::this_thread::sleep_for(1ms);
-            (void)store.try_lock();
-        }
-        if (!store.owns_lock()) {
-            const std::lock_guard lock(_mutex);
-            if (!_snapshot)
-                _snapshot = DefaultsSnapshot::initWithRows({});
-        } else if (!_isRead) {
-            _database.setMaximumWait(shortPatience);
-            if (!_read() && _isUnreadable)
-                _complain();
-        }
+    std::unique_lock store(_storeMutex, std::try_to_lock);
+    const auto end = std::chrono::steady_clock::now() + shortPatience;
+    while (!store.owns_lock() && std::chrono::steady_clock::now() < end) { // another thread is storing
+        std::this_thread::sleep_for(1ms);
+        (void)store.try_lock();
     }
-    DefaultsWatcher::shared().follow(CXRef<DefaultsSuite>(this));
+    if (!store.owns_lock()) {
+        const std::lock_guard lock(_mutex);
+        if (!_snapshot)
+            _snapshot = DefaultsSnapshot::initWithRows({});
+    } else if (!_isRead) {
+        _database.setMaximumWait(shortPatience);
+        if (!_read() && _isUnreadable)
+            _complain();
+    }
 }
 
 bool DefaultsSuite::update(const Edit& edit)
@@ -105,7 +106,7 @@ bool DefaultsSuite::synchronize()
 {
     const std::lock_guard store(_storeMutex);
     _database.setMaximumWait(_isFailing ? shortPatience : patience);
-    return _pending.empty() ? _read() : _storePending();
+    return _hasUnsaved() ? _storePending() : _read();
 }
 
 DefaultsWatcher::Again DefaultsSuite::announceChanges(Retry retry)
@@ -114,15 +115,15 @@ DefaultsWatcher::Again DefaultsSuite::announceChanges(Retry retry)
     {
         const std::lock_guard store(_storeMutex);
         _database.setMaximumWait(shortPatience);
-        const size_t pending = _pending.size();
+        const size_t restored = _restored.size();
         // Opening an unreadable file is itself an event in the folder; reading after each event would repeat
         // forever.
         const bool isRead = (retry == Retry::Yes || !_isUnreadable) && _read();
-        if (retry == Retry::Yes || _pending.size() > pending) // at once if the file was damaged
+        if (retry == Retry::Yes || _restored.size() > restored) // at once if the file was damaged
             _storePending();
         if (!isRead && !_isUnreadable)
             again = Again::Soon;
-        else if ((_isUnreadable || !_pending.empty()) && _database.mayRecover())
+        else if ((_isUnreadable || _hasUnsaved()) && _database.mayRecover())
             again = Again::Later;
     }
     for (const CXBlock<void()>& changed : _observersOfChanges())
@@ -154,32 +155,24 @@ bool DefaultsSuite::_read()
         }
         isRead = reading == DefaultsDatabase::Reading::Done;
         if (isRead && _database.takeWasSetAside())
-            _restore(known);
+            _restored.insert(known.begin(), known.end());
         if (!isRead && _database.isOpen())
             break; // only a damaged file, which read() has closed, is tried again
     }
+    std::erase_if(_restored, // what other processes have written is later
+                  [this](const auto& row) { return _stored.contains(row.first); });
     _isRead = _isRead || isRead;
     _isUnreadable = !isRead && !_database.wasLocked();
     _publish();
     return isRead;
 }
 
-/// Adds an edit that writes `known`, the rows of a damaged file that are in memory, into the new file. Rows
-/// that other processes have written there are later ones and stay.
-void DefaultsSuite::_restore(const DefaultsRows& known)
+/// Returns the rows before any unsaved edits.
+DefaultsRows DefaultsSuite::_known() const
 {
-    const Edit missing = [known](const DefaultsSnapshot& now) {
-        DefaultsChanges changes;
-        for (const auto& [key, row] : known)
-            if (!now.row(key))
-                changes.emplace(key, row->value());
-        return changes;
-    };
-    const DefaultsChanges changes = missing(*DefaultsSnapshot::initWithRows(_stored));
-    if (changes.empty())
-        return;
-    _unsaved.insert(changes.begin(), changes.end());
-    _pending.insert(_pending.begin(), missing);
+    DefaultsRows rows = _stored;
+    rows.insert(_restored.begin(), _restored.end());
+    return rows;
 }
 
 /// Begins a write transaction and brings _stored up to date.
@@ -198,16 +191,19 @@ bool DefaultsSuite::_begin()
     return false;
 }
 
-/// Applies all unsaved edits to the stored rows. Returns true if all changes are on the disk.
+/// Adds the rows of a damaged file to the stored ones and applies all unsaved edits. Returns true if all
+/// changes are on the disk.
 bool DefaultsSuite::_storePending()
 {
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (_pending.empty())
+        if (!_hasUnsaved())
             return true;
         if (!_begin())
             return false;
         DefaultsChanges changes;
-        DefaultsRows rows = _stored;
+        for (const auto& [key, row] : _restored)
+            changes.emplace(key, row->value());
+        DefaultsRows rows = _known();
         for (const Edit& edit : _pending) {
             DefaultsChanges more = edit(*DefaultsSnapshot::initWithRows(rows));
             rows = merged(rows, more);
@@ -221,6 +217,7 @@ bool DefaultsSuite::_storePending()
             isStored = _database.commit(changes);
         if (isStored) {
             _stored = std::move(rows);
+            _restored.clear();
             _pending.clear();
             _unsaved.clear();
             _isFailing = false;
@@ -235,7 +232,7 @@ bool DefaultsSuite::_storePending()
 
 void DefaultsSuite::_keepInMemory(const Edit& edit)
 {
-    DefaultsChanges changes = edit(*DefaultsSnapshot::initWithRows(merged(_stored, _unsaved)));
+    DefaultsChanges changes = edit(*DefaultsSnapshot::initWithRows(merged(_known(), _unsaved)));
     changes.merge(_unsaved);
     _unsaved = std::move(changes);
     constexpr size_t most = 1000;
@@ -249,7 +246,7 @@ void DefaultsSuite::_keepInMemory(const Edit& edit)
 /// keys that change: a change may be undone before the watcher calls the observers, but it has been visible.
 void DefaultsSuite::_publish()
 {
-    CXRef<DefaultsSnapshot> snapshot = DefaultsSnapshot::initWithRows(merged(_stored, _unsaved));
+    CXRef<DefaultsSnapshot> snapshot = DefaultsSnapshot::initWithRows(merged(_known(), _unsaved));
     const std::lock_guard lock(_mutex);
     for (const auto& [key, observers] : _observers) {
         const CXRef<DefaultsRow> before = _snapshot->row(key), now = snapshot->row(key);

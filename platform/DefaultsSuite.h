@@ -63,7 +63,8 @@ private:
 
     void _loadFirst();
     bool _read();
-    void _restore(const DefaultsRows& known);
+    DefaultsRows _known() const;
+    bool _hasUnsaved() const noexcept { return !_pending.empty() || !_restored.empty(); }
     bool _begin();
     bool _storePending();
     void _keepInMemory(const Edit& edit);
@@ -76,15 +77,16 @@ private:
     std::mutex _storeMutex;
     DefaultsDatabase _database;
     DefaultsRows _stored;       // as last read or written
+    DefaultsRows _restored;     // unsaved rows of a damaged file, which _stored lacks
     std::vector<Edit> _pending; // unsaved edits, oldest first
-    DefaultsChanges _unsaved;   // the result of _pending, applied over _stored
+    DefaultsChanges _unsaved;   // the result of _pending, applied over _stored and _restored
     bool _isFailing = false;    // the failure was logged
     bool _isRead = false;       // the store was read at least once
     bool _isUnreadable = false; // the last read failed, and not because of a lock
 
     // Never held during disk access. Guards the data that the threads of this process see.
     std::mutex _mutex;
-    CXRef<DefaultsSnapshot> _snapshot; // _stored with _unsaved; null before the first use
+    CXRef<DefaultsSnapshot> _snapshot; // _stored with all unsaved; null before the first use
     bool _isLoaded = false;            // the value of _isRead when the snapshot was made
     bool _isLoadAnnounced = false;
     std::set<std::string> _changedKeys; // observed, and changed since observers were last called

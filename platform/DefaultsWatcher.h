@@ -3,6 +3,7 @@
 #include "CXRef.h"
 #include "Thread.h"
 
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <optional>
@@ -35,6 +36,8 @@ public:
     void follow(const CXRef<Client>& suite);
     /// Tells the thread that this process has changed a suite.
     void wake();
+    /// Whether the thread was started.
+    bool isServing() const noexcept { return _isServing; }
 
 private:
     DefaultsWatcher();
@@ -49,7 +52,7 @@ private:
     std::mutex _mutex;  // guards the fields below
     std::vector<CXRef<Client>> _suites;
     Thread _thread;
-    bool _isServing = false; // the thread was started
+    std::atomic<bool> _isServing{false}; // written with the lock
     bool _hasComplained = false;
 };
 

@@ -24,8 +24,6 @@ DescriptorWatcher& DescriptorWatcher::shared()
     return *watcher;
 }
 
-DescriptorWatcher::DescriptorWatcher() : _epoll(epoll_create1(EPOLL_CLOEXEC)) {}
-
 bool DescriptorWatcher::watch(int descriptor, const CXRef<CXObject>& client, Readable readable)
 {
     const std::scoped_lock lock(_mutex);
@@ -41,11 +39,16 @@ bool DescriptorWatcher::watch(int descriptor, const CXRef<CXObject>& client, Rea
     return true;
 }
 
-/// Starts the thread unless it runs. Returns false if it cannot be created. The caller holds the lock.
+/// Starts the thread unless it runs. Returns false if the system has no descriptor or thread for it; the next
+/// call tries again. The caller holds the lock.
 bool DescriptorWatcher::_start()
 {
     if (_isServing)
         return true;
+    if (_epoll < 0)
+        _epoll = epoll_create1(EPOLL_CLOEXEC);
+    if (_epoll < 0)
+        return false;
     try {
         Thread("dxr-descriptors", [this] { _serve(); }).detach();
         _isServing = true;

@@ -24,29 +24,39 @@ GlobalQueue& GlobalQueue::highPriority()
     return **queue;
 }
 
+void GlobalQueue::prepare()
+{
+    const std::scoped_lock lock(_mutex);
+    if (_threads == 0)
+        _addThread();
+}
+
 void GlobalQueue::async(Work work)
 {
     if (!work)
         return;
     const std::scoped_lock lock(_mutex);
-    _waiting.push_back(std::move(work));
-    if (_waiting.size() > _idle && _threads < maxThreads)
+    if (_waiting.size() >= _idle && _threads < maxThreads)
         _addThread();
+    _waiting.push_back(std::move(work));
     _changed.notify_one();
 }
 
-/// Starts a thread for the work that was queued last. If none can be created, the work waits for the others;
-/// without any, it is removed and the error thrown.
+void GlobalQueue::after(uint64_t delayNanoseconds, Work work)
+{
+    prepare(); // now, where it may throw: the delay timer's thread could not report an error
+    WorkQueue::after(delayNanoseconds, std::move(work));
+}
+
+/// Starts a thread. If it cannot be created, work waits for the other threads; if there are none, throws.
 void GlobalQueue::_addThread()
 {
     try {
         Thread("dxr-global", [this] { _serve(); }).detach();
         ++_threads;
     } catch (const std::system_error&) {
-        if (_threads > 0)
-            return;
-        _waiting.pop_back();
-        throw;
+        if (_threads == 0)
+            throw;
     }
 }
 

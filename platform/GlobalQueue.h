@@ -14,7 +14,12 @@ class DXR_EXPORT GlobalQueue final : public WorkQueue {
 public:
     static GlobalQueue& highPriority();
 
+    /// Starts the first thread. Throws std::system_error if it cannot be created. After it has returned once,
+    /// async() never throws: for callers that must be able to queue work later.
+    void prepare();
+    /// Throws std::system_error, and never runs `work`, if the first thread cannot be created.
     void async(Work work) override;
+    void after(uint64_t delayNanoseconds, Work work) override;
     /// Returns true on each of the queue's threads; sync() throws there.
     bool isCurrent() const noexcept override;
 

@@ -26,7 +26,7 @@ public:
     virtual void sync(const Work& work);
     /// Runs `work` as async() does, after at least `delayNanoseconds`. Keeps the queue alive until then.
     /// Throws std::system_error, and never runs it, if no thread can be created.
-    void after(uint64_t delayNanoseconds, Work work);
+    virtual void after(uint64_t delayNanoseconds, Work work);
 
     const std::string& label() const noexcept { return _label; }
 

@@ -373,6 +373,9 @@ HALStatus HALModel::removeListener(AudioObjectID objectID, const Address& addres
 HALStatus HALModel::createIOProc(AudioObjectID deviceID, const AudioDeviceIOBlock& block,
                                  AudioDeviceIOProcID& procID)
 {
+    // Now, where an error can be returned if no thread can be created: a cycle that stops or ends its
+    // callback hands the rest to this queue, and must not fail.
+    dxr::GlobalQueue::highPriority().prepare();
     const CXRef<HALDevice> device = _device(deviceID);
     return device ? device->createIOProc(block, procID) : kAudioHardwareBadDeviceError;
 }

@@ -2,6 +2,7 @@
 #include "ContentOf.h"
 #include "DefaultsSuite.h"
 #include "Eventually.h"
+#include "GlobalQueue.h"
 #include "InChild.h"
 #include "Port.h"
 #include "SerialQueue.h"
@@ -246,19 +247,27 @@ TEST_F(Defaults, areFollowedOnceAThreadCanBeCreated)
     EXPECT_EQ(std::system(isRoot ? ("chown -R 65534 '" + home.string() + "'").c_str() : "true"), 0);
     inChild([&] {
         const CXRef<dxr::SerialQueue> queue = dxr::SerialQueue::initWithLabel("delayed");
+        dxr::GlobalQueue& global = dxr::GlobalQueue::highPriority();
         setLimit(RLIMIT_NPROC, 1);
         ASSERT_EQ(isRoot ? setresuid(65534, 65534, 65534) : 0, 0);
         const CapturedLog log;
         EXPECT_TRUE(suite()->load());
         EXPECT_TRUE(write("a", "1"));
         std::atomic<int> refused{0}, accepted{0}, calls{0};
+        suite()->addObserver("a", [&] { ++calls; });
         EXPECT_THROW(queue->after(0, [&] { ++refused; }), std::system_error);
         EXPECT_EQ(dxr::Port::initWithDescriptor(eventfd(0, EFD_CLOEXEC)), nullptr);
         setLimit(RLIMIT_NPROC, RLIM_INFINITY);
         queue->after(0, [&] { ++accepted; });
         EXPECT_TRUE(eventually([&] { return accepted == 1; }));
+        setLimit(RLIMIT_NPROC, 1);
+        EXPECT_THROW(global.after(0, [&] { ++refused; }), std::system_error)
+            << "though the timer has its own";
+        setLimit(RLIMIT_NPROC, RLIM_INFINITY);
+        global.after(0, [&] { ++accepted; });
+        EXPECT_TRUE(eventually([&] { return accepted == 2; }));
         EXPECT_EQ(refused, 0);
-        suite()->addObserver("a", [&] { ++calls; });
+        EXPECT_EQ(contents(), "a=1 ") << "a read suffices";
         Connection{file}("UPDATE entries SET value='2'");
         EXPECT_TRUE(eventually([&] { return calls == 1; }));
         EXPECT_EQ(log.lines().size(), 1U) << "of the settings";
@@ -321,6 +330,14 @@ TEST_F(Defaults, setDamagedFilesAside)
 
     // Another process that detects the damage sets the file aside. It may end before it creates the next one,
     // and may write to that before this process reads it.
+    const auto setAsideByAnother = [&](const std::function<void()>& makeNext) {
+        const int opener = open((file.string() + ".lock").c_str(), O_RDONLY);
+        ASSERT_EQ(flock(opener, LOCK_EX), 0);
+        for (const char* part : {"-wal", "-shm", ""})
+            fs::rename(file.string() + part, file.string() + ".damaged-another" + part);
+        makeNext();
+        EXPECT_EQ(flock(opener, LOCK_UN), 0);
+    };
     const std::pair<std::optional<std::string>, std::string> next[] = {{{}, "0"}, {"", "0"}, {good, "1"}};
     for (const auto& [bytes, old] : next) {
         SCOPED_TRACE(bytes ? bytes->size() : -1);
@@ -328,19 +345,31 @@ TEST_F(Defaults, setDamagedFilesAside)
         inChild([&, &newBytes = bytes] {
             EXPECT_TRUE(write("b", value));
             EXPECT_TRUE(write("old", "0"));
-            const int opener = open((file.string() + ".lock").c_str(), O_RDONLY);
-            ASSERT_EQ(flock(opener, LOCK_EX), 0);
-            for (const char* part : {"-wal", "-shm", ""})
-                fs::rename(file.string() + part, file.string() + ".damaged-another" + part);
-            if (newBytes)
-                std::ofstream(file, std::ios::binary) << *newBytes;
-            EXPECT_EQ(flock(opener, LOCK_UN), 0);
+            setAsideByAnother([&] {
+                if (newBytes)
+                    std::ofstream(file, std::ios::binary) << *newBytes;
+            });
             EXPECT_TRUE(eventually(
                 [&] { return contentOf(file.string() + "-wal").find(value) != std::string::npos; }));
             EXPECT_EQ(contents(), all);
         });
         inChild([&] { EXPECT_EQ(contents(), all); });
     }
+    inChild([&] { // follows what others write, though it cannot store what it knows
+        std::optional<Connection> other;
+        EXPECT_TRUE(write("old", "0"));
+        setAsideByAnother([&] {
+            std::ofstream(file, std::ios::binary) << good;
+            other.emplace(file);
+            (*other)("UPDATE entries SET key='new'; BEGIN IMMEDIATE");
+        });
+        const auto shows = [](const char* row) { return contents().find(row) != std::string::npos; };
+        EXPECT_TRUE(eventually([&] { return shows("new=1 ") && shows("old=0 "); }));
+        (*other)("INSERT INTO entries VALUES('old', '2'); COMMIT; BEGIN IMMEDIATE");
+        fs::last_write_time(file, fs::file_time_type::clock::now()); // as each writer does
+        EXPECT_TRUE(eventually([&] { return shows("old=2 "); }));
+        EXPECT_TRUE(shows("c=3 "));
+    });
 }
 
 TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)

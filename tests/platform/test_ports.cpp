@@ -1,10 +1,12 @@
+#include "Eventually.h"
 #include "HostClock.h"
+#include "InChild.h"
 #include "PortSet.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <thread>
+#include <ctime>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 
 namespace dxr {
 namespace {
@@ -92,6 +94,27 @@ TEST(PortSet, sleepsUntilItsDeadlineASignalOrAMessage)
     const std::jthread sender([&] { set->signal(); });
     set->waitForSignal();
     EXPECT_TRUE(set->takeMessage());
+}
+
+TEST(PortSet, watchesDescriptorsOnceThereAreEnoughAgain)
+{
+    inChild([] {
+        const int descriptor = eventfd(1, EFD_CLOEXEC);
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit none{0, limit.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+        EXPECT_EQ(Port::initWithDescriptor(descriptor), nullptr);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        const std::clock_t before = std::clock();
+        sleepForMilliseconds(200);
+        EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 20) << "of the process, which waits";
+        const CXRef<PortSet> set = PortSet::init();
+        const CXRef<Port> port = Port::initWithDescriptor(descriptor);
+        ASSERT_TRUE(port);
+        set->add(*port);
+        EXPECT_EQ(set->waitForEvent(HostClock::nowTicks() + 10'000'000'000), Message);
+    });
 }
 
 } // namespace

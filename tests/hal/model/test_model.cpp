@@ -342,11 +342,18 @@ TEST(HALFunctions, returnAnErrorWhileNoThreadCanBeCreated)
         ASSERT_TRUE(HALSetHardwareDriver(hardware));
         const AudioObjectID device = hardware->plug(aDevice().uid("one").outputs(2));
         AudioDeviceIOProcID proc = nullptr;
-        AudioDeviceCreateIOProcIDWithBlock(&proc, device, nullptr, [](auto...) {});
+        std::atomic<HALStatus> ended{kAudioHardwareNotRunningError};
+        const AudioDeviceIOBlock endItself = [&](auto...) {
+            limitThreads(1);
+            ended = AudioDeviceDestroyIOProcID(device, proc);
+        };
+        AudioDeviceCreateIOProcIDWithBlock(&proc, device, nullptr, endItself);
         limitThreads(1);
         EXPECT_EQ(AudioDeviceStart(device, proc), kAudioHardwareUnspecifiedError);
         limitThreads(limit.rlim_cur);
         EXPECT_EQ(AudioDeviceStart(device, proc), kAudioHardwareNoError);
+        EXPECT_TRUE(eventually([&] { return ended != kAudioHardwareNotRunningError; }));
+        EXPECT_EQ(ended, kAudioHardwareNoError) << "the callback's queue has a thread";
     });
 }
 
