@@ -267,12 +267,21 @@ TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
         hardware->sink->deviceChanged(*hardware->device("device"), shape.description().state);
         rate = readValue<double>(*model, device, at(kAudioDevicePropertyNominalSampleRate));
     });
+    const AudioObjectID aggregate = makeAggregate(*model, {"device"});
+    std::optional<double> aggregateRate;
+    std::optional<uint32_t> aggregateFrames;
+    const RunningProc aggregateProc(*model, aggregate, [&](auto...) {
+        aggregateRate = readValue<double>(*model, aggregate, at(kAudioDevicePropertyNominalSampleRate));
+        aggregateFrames = readValue<uint32_t>(*model, aggregate, at(kAudioDevicePropertyBufferFrameSize));
+    });
     hardware->sampleRate = 96000.0;
     std::array<float, 64> samples{};
     const AudioTimeStamp now{};
     AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
     hardware->callback(&now, nullptr, nullptr, &list, &now);
     EXPECT_EQ(rate, 96000.0);
+    EXPECT_EQ(aggregateRate, 96000.0);
+    EXPECT_EQ(aggregateFrames, 32U);
 }
 
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
