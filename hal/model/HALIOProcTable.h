@@ -15,7 +15,7 @@ class HALNotifier;
 
 /// The IO callbacks of one device, and the cycle that calls them. The outputs of several callbacks are added.
 /// Threads:   control functions from any thread, including IO threads; runCycle() on one IO thread at a time.
-/// Real time: runCycle(), nominalSampleRate(), bufferFrameSize(), isOnIOThread().
+/// Real time: runCycle(), setTiming(), nominalSampleRate(), bufferFrameSize(), isOnIOThread().
 /// Waits:     destroy() and stop() wait for a running cycle, except on the IO thread itself.
 class DXR_EXPORT HALIOProcTable final : public CXObject {
 public:
@@ -59,7 +59,7 @@ public:
     void prepare(std::span<const uint32_t> inputChannels, std::span<const uint32_t> outputChannels,
                  uint32_t maxFrames);
     /// Sets the values of 'nsrt' (Hz) and 'fsiz' that the IO thread reads without a lock.
-    void setTiming(double nominalSampleRate, uint32_t bufferFrameSize) noexcept;
+    void setTiming(double nominalSampleRate, uint32_t bufferFrameSize) noexcept CX_REALTIME;
 
     // -- The IO thread
 

@@ -20,6 +20,11 @@ HALDeadline deadlineOfFirst(size_t count, HALDeadline deadline)
     return now + (deadline - now) / static_cast<ptrdiff_t>(count);
 }
 
+bool hasTimeToStart(HALDeadline deadline)
+{
+    return deadline - std::chrono::steady_clock::now() >= minTimeToStart;
+}
+
 /// The state without what a failed start itself may change.
 HALDeviceState stateBesideIO(HALDeviceState state)
 {
@@ -453,45 +458,63 @@ AggregateIO::Devices AggregateDevice::_devices() const
     return devices;
 }
 
-/// Starts or restarts with the first sub-device that can lead.
+/// Starts or restarts with the first sub-device that can lead. Those that failed to start and have not
+/// changed are tried last.
 HALStatus AggregateDevice::_begin(HALDeadline deadline)
 {
     _io = nullptr;
     HALStatus status = kAudioHardwareUnspecifiedError;
-    std::vector<size_t> candidates;
-    if (const SubDevice* leader = _leader())
-        candidates.push_back(static_cast<size_t>(leader - _subDevices.data()));
-    for (size_t place = 0; place < _subDevices.size(); ++place)
-        if (std::ranges::find(candidates, place) == candidates.end())
-            candidates.push_back(place);
-    for (const size_t place : candidates) {
-        const SubDevice& candidate = _subDevices[place];
-        if (!candidate.device || !hasChannels(candidate.state))
-            continue;
+    std::vector<size_t> candidates = _candidates();
+    while (!candidates.empty()) {
+        auto next = std::ranges::find_if_not(candidates, [this](size_t each) { return _hasFailed(each); });
+        if (next == candidates.end())
+            next = candidates.begin();
+        const size_t place = *next;
+        candidates.erase(next);
+        const bool isLast = candidates.empty();
         std::vector<size_t> group = _groupOf(place);
         if (group.size() > 1 && group != _refusedGroup) {
-            status = _beginWith(place, group, deadline);
+            status = _beginWith(place, group, isLast, deadline);
             if (status == kAudioHardwareIllegalOperationError)
                 _refusedGroup = group;
         }
         if (group.size() == 1 || group == _refusedGroup)
-            status = _beginWith(place, {place}, deadline);
+            status = _beginWith(place, {place}, isLast, deadline);
         if (status == kAudioHardwareNoError || std::chrono::steady_clock::now() >= deadline)
             break;
     }
     return status;
 }
 
-HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, HALDeadline deadline)
+/// The places that can lead, the present leader's first.
+std::vector<size_t> AggregateDevice::_candidates() const
+{
+    std::vector<size_t> candidates;
+    if (const SubDevice* leader = _leader())
+        candidates.push_back(static_cast<size_t>(leader - _subDevices.data()));
+    for (size_t place = 0; place < _subDevices.size(); ++place)
+        if (_subDevices[place].device && hasChannels(_subDevices[place].state) &&
+            std::ranges::find(candidates, place) == candidates.end())
+            candidates.push_back(place);
+    return candidates;
+}
+
+/// The last candidate may take all of the time; another leaves half of it, in case that it is stuck.
+HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, bool isLast,
+                                      HALDeadline deadline)
 {
     _io = std::make_unique<AggregateIO>(_table, _planFor(leader, std::move(group)), _sampleTime);
+    const size_t leaderStarts = isLast ? 1 : 2;
     // The others start first, so that their frames are available in the first cycle.
-    _joinPresent(deadline, 1);
-    const HALStatus status = _io->start(_devices(), deadline);
+    _joinPresent(deadline, leaderStarts);
+    const HALDeadline share = deadlineOfFirst(leaderStarts, deadline);
+    const bool hasTime = hasTimeToStart(share);
+    const HALStatus status = _io->start(_devices(), share);
+    // The failure of a group may be that of any member.
+    if (!status || _io->plan().group.size() == 1)
+        _noteStart(_subDevices[leader], status, hasTime);
     if (status)
         _io = nullptr;
-    else
-        _subDevices[leader].failed = std::nullopt;
     return status;
 }
 
@@ -499,7 +522,7 @@ bool AggregateDevice::_mustBeginAgain() const
 {
     const SubDevice* leader = _leader();
     if (!_io || !leader)
-        return leader != nullptr || _io;
+        return _io || !std::ranges::all_of(_candidates(), [this](size_t each) { return _hasFailed(each); });
     const AggregateIO::Plan& plan = _io->plan();
     const auto place = static_cast<size_t>(leader - _subDevices.data());
     if (!_io->isInGroup(place) || leader->state.nominalSampleRate != plan.sampleRate ||
@@ -539,13 +562,25 @@ void AggregateDevice::_joinPresent(HALDeadline deadline, size_t laterStarts)
     for (const size_t place : starting) {
         SubDevice& each = _subDevices[place];
         const HALDeadline share = deadlineOfFirst(starts--, deadline);
-        const bool hasTime = share - std::chrono::steady_clock::now() >= minTimeToStart;
+        const bool hasTime = hasTimeToStart(share);
         const HALStatus status = _io->attach(place, each.device, _shapeOf(each),
                                              leader->state.bufferFrameSize, _isCompensated(place), share);
-        // 'nope': the rates are too far apart, but not those of another leader.
-        const bool hasFailed = status && hasTime && status != kAudioHardwareIllegalOperationError;
-        each.failed = hasFailed ? std::optional(each.state) : std::nullopt;
+        _noteStart(each, status, hasTime);
     }
+}
+
+void AggregateDevice::_noteStart(SubDevice& subDevice, HALStatus status, bool hadTime)
+{
+    // 'nope': the rates are too far apart, but not those of another leader.
+    const bool hasFailed = status && hadTime && status != kAudioHardwareIllegalOperationError;
+    subDevice.failed = hasFailed ? std::optional(subDevice.state) : std::nullopt;
+}
+
+/// Whether it failed to start and has not changed since then.
+bool AggregateDevice::_hasFailed(size_t place) const
+{
+    const SubDevice& subDevice = _subDevices[place];
+    return subDevice.failed && stateBesideIO(*subDevice.failed) == stateBesideIO(subDevice.state);
 }
 
 /// Whether the sub-device, which is present beside a leader, must be started or restarted. One that failed to
@@ -553,8 +588,7 @@ void AggregateDevice::_joinPresent(HALDeadline deadline, size_t laterStarts)
 bool AggregateDevice::_mustStart(size_t place) const
 {
     const SubDevice& subDevice = _subDevices[place];
-    if (!hasChannels(subDevice.state) ||
-        (subDevice.failed && stateBesideIO(*subDevice.failed) == stateBesideIO(subDevice.state)))
+    if (!hasChannels(subDevice.state) || _hasFailed(place))
         return false;
     const CXRef<AggregateTrack>& track = _io->track(place);
     return !track || track->shape() != _shapeOf(subDevice) ||

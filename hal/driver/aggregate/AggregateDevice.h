@@ -13,7 +13,7 @@
 ///
 /// Its layout is stable: an absent sub-device keeps its last streams, silent. A sub-device that reappears
 /// while the aggregate runs is joined without affecting the others. If the leader disappears, the next
-/// sub-device that is present leads until the aggregate is stopped; sample time continues.
+/// sub-device that is present and starts leads until the aggregate is stopped; sample time continues.
 /// Threads: any except IO threads.
 /// Waits:   every function waits for the sub-devices, until the deadline for all of them together; status
 ///          reads never wait.
@@ -46,7 +46,7 @@ private:
     struct SubDevice {
         CXRef<HALDevice> device; // null while absent
         HALDeviceState state;    // the last known state
-        // The state in which `device` failed to start; none: it has not failed. See _joinPresent().
+        // The state in which `device` failed to start; none: it has not failed. See _hasFailed().
         std::optional<HALDeviceState> failed;
     };
 
@@ -69,10 +69,13 @@ private:
     AggregateIO::Plan _planFor(size_t leader, std::vector<size_t> group) const;
     AggregateIO::Devices _devices() const;
     HALStatus _begin(HALDeadline deadline);
-    HALStatus _beginWith(size_t leader, std::vector<size_t> group, HALDeadline deadline);
+    std::vector<size_t> _candidates() const;
+    HALStatus _beginWith(size_t leader, std::vector<size_t> group, bool isLast, HALDeadline deadline);
     bool _mustBeginAgain() const;
     void _follow(HALDeadline deadline);
     void _joinPresent(HALDeadline deadline, size_t laterStarts);
+    static void _noteStart(SubDevice& subDevice, HALStatus status, bool hadTime);
+    bool _hasFailed(size_t place) const;
     bool _mustStart(size_t place) const;
     template <class Takes, class Write> HALStatus _writeToAll(Takes takes, Write write, HALDeadline deadline);
 

@@ -90,6 +90,7 @@ HALStatus AggregateIO::start(const Devices& devices, HALDeadline deadline)
     if (const HALStatus status = leader->createIOProc(_leadBlock(), slot.procID))
         return status;
     slot.device = leader;
+    _leaderTable = leader->table();
     return leader->start(slot.procID, deadline);
 }
 
@@ -106,7 +107,8 @@ HALStatus AggregateIO::_startGroup(const Devices& devices, HALDeadline deadline)
             member.table = device->table();
         }
     }
-    _groupTable = HALIOProcTable::initBeside(*_table);
+    _leaderTable = _groupTable = HALIOProcTable::initBeside(*_table);
+    _groupTable->setTiming(_plan.sampleRate, 0); // until the driver sets another rate
     _groupTable->start(_groupTable->create(_leadBlock()));
     const HALStatus status =
         devices[_plan.leader]->driver().startTogether(members, _groupTable, deadline, _group);
@@ -202,6 +204,8 @@ void AggregateIO::_lead(const AudioTimeStamp& now, const AudioBufferList* input,
     const uint32_t frames = halFrameCount(input, output);
     if (frames == 0 || frames > _plan.maxFrames || !_takeGroupBlocks(input, output))
         return;
+    // A change reaches the leader's cycles before the aggregate's state.
+    _table->setTiming(_leaderTable->nominalSampleRate(), frames);
     _followTime(now, frames);
     const auto shifted = [this](const AudioTimeStamp* time) {
         AudioTimeStamp result = *time;

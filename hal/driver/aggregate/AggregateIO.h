@@ -77,8 +77,9 @@ private:
     const CXRef<HALIOProcTable> _table;
     const Plan _plan;
     std::vector<Slot> _slots;
-    CXRef<HALGroupIO> _group;          // null while the group has only the leader
-    CXRef<HALIOProcTable> _groupTable; // calls _lead() in the group's cycle
+    CXRef<HALGroupIO> _group;           // null while the group has only the leader
+    CXRef<HALIOProcTable> _groupTable;  // calls _lead() in the group's cycle
+    CXRef<HALIOProcTable> _leaderTable; // of the cycles that call _lead(), with their rate; set before them
 
     // Used by the leader's IO thread only.
     std::vector<HALStreamBlock> _input, _output;           // of the whole aggregate

@@ -193,6 +193,13 @@ std::optional<PipeWireDevice::VolumePlace> PipeWireDevice::volumePlace(HALDirect
     return VolumePlace{half->volumeProps(), std::nullopt, 0};
 }
 
+void PipeWireDevice::joinRun(PipeWireDeviceRun& run)
+{
+    if (runs.empty())
+        _useBefore = _otherUse();
+    runs.push_back(&run);
+}
+
 // ---- Describing
 
 HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
@@ -202,6 +209,8 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
         return state;
     const PipeWireNode* half = node(_parts.sink != 0 ? HALDirection::Output : HALDirection::Input);
     const PipeWireNodeProperties properties(half->properties(), card() ? &card()->properties() : nullptr);
+    if (_runningClock().rate > 0.0)
+        _useBefore = {};
     state.uid = _uid;
     state.name = pipeWireDeviceName(properties, _parts.isWholeCard);
     state.manufacturer = pipeWireManufacturer(properties);
@@ -223,12 +232,9 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
     if (const PipeWireClockSeen clock = _runningClock(); clock.rate > 0.0)
         state.actualSampleRate = clock.rate * clock.rateRatio;
     state.isStalled = _isStalled();
-    for (const HALDirection direction : halDirections) {
+    state.isRunningElsewhere = _otherUse().isRunning;
+    for (const HALDirection direction : halDirections)
         state[direction] = _describe(direction, state);
-        const PipeWireNode* each = node(direction);
-        state.isRunningElsewhere =
-            state.isRunningElsewhere || (each && each->isRunning() && runs.empty() && !isEndingIO);
-    }
     return state;
 }
 
@@ -338,14 +344,25 @@ double PipeWireDevice::_nominalRate(const PipeWireClockSettings& settings,
 double PipeWireDevice::_idleRate(const PipeWireClockSettings& settings,
                                  const std::vector<AudioValueRange>& rates) const
 {
-    for (const HALDirection direction : halDirections) {
-        const PipeWireNode* half = node(direction);
-        const std::optional<uint32_t> rate =
-            half && half->isRunning() && runs.empty() && !isEndingIO ? half->formatRate() : std::nullopt;
+    for (const std::optional<uint32_t> rate : _otherUse().rates)
         if (rate && isOffered(rates, *rate))
             return *rate;
-    }
     return _defaultRate(settings, rates);
+}
+
+PipeWireDevice::Use PipeWireDevice::_otherUse() const
+{
+    if (!runs.empty() || isEndingIO)
+        return _useBefore;
+    Use use;
+    for (const HALDirection direction : halDirections) {
+        const PipeWireNode* half = node(direction);
+        if (!half || !half->isRunning())
+            continue;
+        use.isRunning = true;
+        use.rates[static_cast<size_t>(direction)] = half->formatRate();
+    }
+    return use;
 }
 
 double PipeWireDevice::_defaultRate(const PipeWireClockSettings& settings,

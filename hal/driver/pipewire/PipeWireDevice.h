@@ -102,9 +102,17 @@ public:
     PipeWireTimeline timeline;
     std::vector<PipeWireDeviceRun*> runs; ///< the device's own and those of its groups; not owned
     bool isEndingIO = false;              ///< our IO has ended, but the node still reports that it runs
+    void joinRun(PipeWireDeviceRun& run);
     void leaveRun(const PipeWireDeviceRun& run) { std::erase(runs, &run); }
 
 private:
+    /// What other clients do with the nodes.
+    struct Use {
+        bool isRunning = false;
+        std::array<std::optional<uint32_t>, 2> rates; // by direction
+    };
+
+    Use _otherUse() const;
     std::vector<AudioValueRange> _sampleRates(const PipeWireClockSettings& settings) const;
     PipeWireClockSeen _runningClock() const;
     bool _isStalled() const;
@@ -124,4 +132,7 @@ private:
     const std::string _uid;
     const std::array<std::string, 2> _nodeNames; // by direction
     std::array<HALVolume, 2> _volumes;           // by direction
+    // Other clients' use before our IO, which hides it; none once our IO has had cycles. A start that fails
+    // thus does not change the device's state.
+    Use _useBefore;
 };

@@ -76,7 +76,7 @@ HALStatus PipeWireRuns::setGroupMember(uint64_t number, size_t place, PipeWireDe
         before->leaveRun(*run);
     run->setDevice(place, device, table);
     if (device)
-        device->runs.push_back(run);
+        device->joinRun(*run);
     _update();
     return kAudioHardwareNoError;
 }
@@ -132,7 +132,7 @@ void PipeWireRuns::_begin(const Key& key, PipeWireRun::Setup setup, const Reply&
     for (const PipeWireRun::Member& member : members) {
         if (!member.device)
             continue;
-        member.device->runs.push_back(run.get());
+        member.device->joinRun(*run);
         member.device->isEndingIO = false;
         std::erase(_ending, member.device);
     }

@@ -263,9 +263,18 @@ TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
         hardware->sink->deviceChanged(*hardware->device("device"), shape.description().state);
         rate = readValue<double>(*model, device, at(kAudioDevicePropertyNominalSampleRate));
     });
+    const AudioObjectID aggregate = makeAggregate(*model, {"device"});
+    std::optional<double> aggregateRate;
+    std::optional<uint32_t> aggregateFrames;
+    const RunningProc aggregateProc(*model, aggregate, [&](auto...) {
+        aggregateRate = readValue<double>(*model, aggregate, at(kAudioDevicePropertyNominalSampleRate));
+        aggregateFrames = readValue<uint32_t>(*model, aggregate, at(kAudioDevicePropertyBufferFrameSize));
+    });
     hardware->sampleRate = 96000.0;
     runCycle();
     EXPECT_EQ(rate, 96000.0);
+    EXPECT_EQ(aggregateRate, 96000.0);
+    EXPECT_EQ(aggregateFrames, 32U);
 }
 
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
@@ -282,28 +291,37 @@ TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
     EXPECT_EQ(deadlines.count(*deadlines.begin()), 4U);
     deadlines.clear();
     RunningProc(*model, aggregate, idle, kAudioHardwareUnspecifiedError);
-    // Each is tried as the clock. Beside one, that which starts is tried twice, the others once.
-    EXPECT_EQ(deadlines.size(), 9U);
-    EXPECT_EQ(deadlines.count(*deadlines.rbegin()), 4U);
+    // Beside the first clock each is tried once, then each as the clock.
+    EXPECT_EQ(deadlines.size(), 7U);
+    EXPECT_EQ(deadlines.count(*deadlines.rbegin()), 1U) << "only the last clock has all of the time";
     EXPECT_GT(*deadlines.rbegin() - *deadlines.begin(), std::chrono::seconds(2))
         << "the first leaves time for the others";
 }
 
 TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
 {
-    int starts = 0; // the clock device's is the second
+    int starts = 0; // the clock device's is the third
     hardware->whenAsked = [&](HALDeadline) {
-        return ++starts == 2 ? kAudioHardwareNoError : kAudioHardwareUnspecifiedError;
+        return ++starts % 5 == 1 ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
     };
-    const RunningProc proc(*model, aggregateOf(2), idle);
+    const AudioObjectID aggregate = aggregateOf(3);
+    const RunningProc proc(*model, aggregate, idle);
     const auto changeVolume = [&](const std::string& uid) {
         const auto changed = aDevice().uid(uid).outputs(2).volume(HALDirection::Output, 0.5F);
         hardware->sink->deviceChanged(*hardware->device(uid), changed.description().state);
         hardware->settle();
         return starts;
     };
-    EXPECT_EQ(changeVolume("0"), 2);
-    EXPECT_EQ(changeVolume("1"), 3);
+    EXPECT_EQ(changeVolume("0"), 3);
+    hardware->unplug("0");
+    hardware->settle();
+    EXPECT_TRUE(subDeviceStatus(*model, aggregate)[2].isClock) << "the first that can lead";
+    EXPECT_EQ(changeVolume("1"), 5);
+    hardware->unplug("2");
+    hardware->settle();
+    hardware->plug(aDevice().uid("other"));
+    hardware->settle();
+    EXPECT_EQ(starts, 6) << "nor as the clock";
 }
 
 TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)

@@ -44,8 +44,10 @@ TEST(PipeWireStart, failsWhereNoCycleCanCome)
             ASSERT_TRUE(setup.becomes(device, kAudioDevicePropertyDeviceIsRunning, 1U));
             setup.client.run("pw-cli send-command sink Pause '{}'");
         }
+        const RecordingListener running(*setup.hal, device, at(kAudioDevicePropertyDeviceIsRunning));
         const RunningProc proc(*setup.hal, device, eachCycle(playRamp), kAudioHardwareUnspecifiedError);
         EXPECT_TRUE(eventually([&] { return setup.ownNodeCount() == 0; })) << "left behind";
+        EXPECT_EQ(running.count(), 0U) << "an aggregate would start it again";
         if (link)
             setup.client.destroy(link);
     }
