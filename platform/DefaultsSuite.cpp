@@ -106,7 +106,8 @@ bool DefaultsSuite::synchronize()
 {
     const std::lock_guard store(_storeMutex);
     _database.setMaximumWait(_isFailing ? shortPatience : patience);
-    return _hasUnsaved() ? _storePending() : _read();
+    const bool isReadable = _hasUnsaved() || _read(); // storing reads, too
+    return isReadable && _storePending();
 }
 
 DefaultsWatcher::Again DefaultsSuite::announceChanges(Retry retry)
