@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::chrono::milliseconds firstRetry{5};
 constexpr std::chrono::milliseconds lastRetry{1000};
+constexpr std::chrono::milliseconds maxWaitForReply{5000};
 
 /// Whether an error that the core reports about itself is only the server's reply to a request, about an
 /// object that has just disappeared or that we may not use; the connection then continues. All other errors
@@ -90,7 +91,10 @@ void PipeWireSession::_wait()
 
 void PipeWireSession::_turn()
 {
-    if (_state == State::Broken) {
+    if (_state == State::Connected)
+        dxr::LogSink::log(
+            "PipeWire: the server reads nothing from this connection any more; connecting again");
+    if (_state == State::Broken || _state == State::Connected) {
         if (PipeWireLoop::Clock::now() - _connectedSince >= lastRetry)
             _retryDelay = firstRetry;
         _endConnection();
@@ -168,6 +172,7 @@ void PipeWireSession::_endConnection()
         return;
     _client.sessionDisconnected();
     _syncs.clear();
+    _waitsForReply = false;
     spa_hook_remove(&_listeners->registry);
     spa_hook_remove(&_listeners->core);
     *_listeners = {};
@@ -184,6 +189,14 @@ void PipeWireSession::sync(const void* owner, PipeWireLoop::Work done)
 void PipeWireSession::forget(const void* owner)
 {
     std::erase_if(_syncs, [owner](const auto& each) { return each.second.owner == owner; });
+}
+
+/// An event shows that the server runs: a reply that is due must follow soon.
+void PipeWireSession::_noteEvent()
+{
+    if (_state != State::Connected || _syncs.empty() || std::exchange(_waitsForReply, true))
+        return;
+    _timer.start(maxWaitForReply);
 }
 
 pw_proxy* PipeWireSession::bind(uint32_t id, const char* type, uint32_t version, size_t userDataSize)
@@ -215,6 +228,8 @@ void PipeWireSession::_coreDone(void* data, uint32_t id, int sequence)
     auto* self = static_cast<PipeWireSession*>(data);
     if (id != PW_ID_CORE)
         return;
+    if (std::exchange(self->_waitsForReply, false) && self->_state == State::Connected)
+        self->_timer.stop();
     if (auto waiting = self->_syncs.extract(sequence))
         waiting.mapped().done();
 }
@@ -222,10 +237,14 @@ void PipeWireSession::_coreDone(void* data, uint32_t id, int sequence)
 void PipeWireSession::_global(void* data, uint32_t id, uint32_t /*permissions*/, const char* type,
                               uint32_t /*version*/, const spa_dict* properties)
 {
-    static_cast<PipeWireSession*>(data)->_client.globalAppeared(id, type, PipeWireProperties(properties));
+    auto* self = static_cast<PipeWireSession*>(data);
+    self->_noteEvent();
+    self->_client.globalAppeared(id, type, PipeWireProperties(properties));
 }
 
 void PipeWireSession::_globalRemove(void* data, uint32_t id)
 {
-    static_cast<PipeWireSession*>(data)->_client.globalDisappeared(id);
+    auto* self = static_cast<PipeWireSession*>(data);
+    self->_noteEvent();
+    self->_client.globalDisappeared(id);
 }

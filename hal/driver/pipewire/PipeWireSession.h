@@ -37,12 +37,18 @@ protected:
 ///   (try) ------ connected --------> Connected
 ///   (try) ------ no connection ----> Waiting
 ///   Connected -- connection error -> Broken
+///   Connected -- no more replies --> Waiting
 ///   Broken ----- next loop turn ---> Waiting
 ///   Waiting ---- timer, sockets ---> (try)
 ///   any -------- disconnect() -----> Ended
 ///
 /// The connection is closed in the loop's turn after its error, because the error is reported from inside the
 /// objects that are then destroyed.
+///
+/// A server that hangs sends nothing, and the connection is kept. But a server may send events and read
+/// nothing any more: it waits for the client that owns an object that we have bound, such as the metadata of a
+/// session manager, and never ends that (0.3.65) if the client goes instead of replying. So if no sync() is
+/// replied to for five seconds after an event, the connection is made anew.
 ///
 /// While Waiting, it tries at once when the sockets change. While a socket exists, and while changes cannot
 /// be reported, it also tries by a timer, after 5 ms at first and then at intervals of up to a second: a
@@ -95,6 +101,7 @@ private:
     bool _makeContext();
     bool _makeConnection();
     void _endConnection();
+    void _noteEvent();
 
     static void _coreDone(void* data, uint32_t id, int sequence);
     static void _coreError(void* data, uint32_t id, int sequence, int result, const char* message);
@@ -113,7 +120,8 @@ private:
 
     State _state = State::Ended;
     PipeWireSocketWatch _watch;
-    PipeWireTimer _timer; // runs while Waiting or Broken
+    PipeWireTimer _timer;        // runs while Waiting or Broken, and while _waitsForReply
+    bool _waitsForReply = false; // an event has come since the last reply, and a reply is due
     std::chrono::milliseconds _retryDelay;
     PipeWireLoop::Clock::time_point _connectedSince;
     bool _hasReported = false; // whether a failure to create the context was logged

@@ -6,6 +6,9 @@
 #include "Ramp.h"
 #include "TestClient.h"
 
+#include <pipewire/extensions/metadata.h>
+#include <pipewire/impl.h>
+
 /// A private server, another client of it, and the model over the driver.
 struct PipeWireSetup : ModelReads {
     explicit PipeWireSetup(PrivateServer::Options options = {}) : server(std::move(options))
@@ -27,6 +30,30 @@ struct PipeWireSetup : ModelReads {
 
     PrivateServer server;
     TestClient client{server.remote()};
+};
+
+/// An empty metadata object "default", owned by a client.
+class ExportedMetadata {
+public:
+    explicit ExportedMetadata(TestClient& owner)
+    {
+        owner.locked([&] {
+            pw_context* const context = pw_core_get_context(owner.core());
+            pw_context_load_module(context, "libpipewire-module-metadata", nullptr, nullptr);
+            _metadata = pw_context_create_metadata(context, "default", nullptr, 0);
+            _proxy = pw_core_export(owner.core(), PW_TYPE_INTERFACE_Metadata, nullptr, _metadata, 0);
+        });
+    }
+    /// With the owner's loop locked.
+    void destroy() const
+    {
+        pw_proxy_destroy(_proxy);
+        pw_impl_metadata_destroy(_metadata);
+    }
+
+private:
+    pw_impl_metadata* _metadata = nullptr;
+    pw_proxy* _proxy = nullptr;
 };
 
 class PipeWireTest : public testing::Test, protected PipeWireSetup {

@@ -1,9 +1,7 @@
 #include "FakeCard.h"
 #include "PipeWireTest.h"
 
-#include <pipewire/extensions/metadata.h>
 #include <pipewire/filter.h>
-#include <pipewire/impl.h>
 #include <spa/param/latency-utils.h>
 
 namespace {
@@ -257,19 +255,10 @@ TEST_F(PipeWireDevices, choosesTheDefaultDevicesWithoutASessionManager)
     const auto count = [&] { return client.idsOf(PW_TYPE_INTERFACE_Metadata, named).size(); };
     {
         TestClient second(server.remote());
-        pw_impl_metadata* metadata = nullptr;
-        pw_proxy* exported = nullptr;
-        second.locked([&] {
-            pw_context* const context = pw_core_get_context(second.core());
-            pw_context_load_module(context, "libpipewire-module-metadata", nullptr, nullptr);
-            metadata = pw_context_create_metadata(context, "default", nullptr, 0);
-            exported = pw_core_export(second.core(), PW_TYPE_INTERFACE_Metadata, nullptr, metadata, 0);
-        });
+        const ExportedMetadata metadata(second);
         EXPECT_TRUE(eventually([&] { return count() == 2; }));
-        second.locked([&] {
-            pw_proxy_destroy(exported);
-            pw_impl_metadata_destroy(metadata);
-        });
+        plug({.name = "three"}); // then it has been read, too
+        second.locked([&] { metadata.destroy(); });
     }
     ASSERT_TRUE(eventually([&] { return count() == 1; }));
     client.setMetadata("default", "default.audio.sink", R"({ "name": "two" })");

@@ -243,6 +243,27 @@ TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
     });
 }
 
+// While a client that owns a bound object does not reply, the server reads nothing from us, and if it then goes,
+// nothing any more.
+TEST(PipeWireServer, isConnectedAnewIfItReadsNoMore)
+{
+    PrivateServer server;
+    TestClient client(server.remote()), owner(server.remote());
+    client.plug({.name = "sink"});
+    const ExportedMetadata metadata(owner);
+    EXPECT_TRUE(eventually([&] {
+        return client.idsOf(PW_TYPE_INTERFACE_Metadata, {{PW_KEY_METADATA_NAME, "default"}}).size() == 2;
+    }));
+    CXRef<HALModel> hal;
+    owner.locked([&] {
+        hal = modelOver(server);
+        EXPECT_TRUE(readDevices(*hal).empty());
+        sleepForMilliseconds(100);
+        metadata.destroy();
+    });
+    EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown);
+}
+
 // The server is killed during a conversation, on a machine so busy that either side is delayed at any point.
 TEST(PipeWireServer, isFoundAgainAfterEveryRestart)
 {
