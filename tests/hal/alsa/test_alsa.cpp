@@ -210,7 +210,7 @@ TEST_F(AlsaTest, doesWithoutADirectionThatCannotBeOpened)
         const size_t opens = FakedCards::controlOpens(last);
         sleepForMilliseconds(100);
         return FakedCards::controlOpens(last) == opens;
-    })) << "it looks for ever";
+    })) << "it looks without end";
     FakedCards::hurry(1);
 }
 
