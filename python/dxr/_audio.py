@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import time
-import weakref
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass
 from typing import Any, Literal
@@ -12,8 +11,8 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from ._devices import Device, Direction, default, device_list, direction_number
-from ._library import ArgumentError, NotFoundError, RefusedError, callbacks_change, check, decoded, ffi, in_callback, lib, owned
-from ._library import release, result
+from ._library import ArgumentError, Error, NotFoundError, RefusedError, allow_release_in_callbacks, callbacks_change, check, decoded
+from ._library import ffi, in_callback, lib, owned, release, result
 
 Samples = NDArray[np.float32]
 
@@ -112,20 +111,34 @@ class Runner:
 
     Callbacks run on the device's real-time thread and need the interpreter: keep them short. If a callback
     raises an exception, the runner stops; wait(), stop() and the end of `with` raise the exception again. If
-    a callback returns a true value, the runner stops too."""
+    a callback returns a true value, the runner stops too.
+
+    A runner to which nothing refers, or nothing but its own callbacks, is garbage, and is closed when Python
+    collects it."""
+
+    handle: Any = ffi.NULL
 
     def __init__(self, sample_rate: float = 0.0, frames: int = 0, quality: Literal["high", "fast"] = "high") -> None:
+        self._kept: list[Any] = []
+        self._failure: list[BaseException] = []
+        self._closed: list[bool] = []  # not empty once it is closed
         if quality not in ("high", "fast"):
             raise ArgumentError(f"the quality is 'high' or 'fast', not {quality!r}")
         if not isinstance(frames, (int, np.integer)) or not 0 <= frames < 2**31:
             raise ArgumentError(f"frames are a whole number from 0, not {frames!r}")
-        self._kept: list[Any] = []
-        self._failure: list[BaseException] = []
-        self.handle = result(lib.dxr_runner_new)
-        self.close = weakref.finalize(self, release, self.handle, self._kept)
-        """Stops the runner and releases it."""
+        # The finalizer must not refer to the callbacks: they may refer to this object, which it would keep alive.
+        self.handle = owned(self, result(lib.dxr_runner_new))
         check(lib.dxr_runner_set_format(self.handle, frames, sample_rate))
         check(lib.dxr_runner_set_quality(self.handle, quality == "high"))
+
+    def close(self) -> None:
+        """Stops the runner and releases it: no callback is called any more. In a callback, it stops shortly
+        after."""
+        self._closed.append(True)
+        release(self.handle, self._kept)
+
+    def __del__(self) -> None:
+        self.close()
 
     def add(
         self, device: Device | Direction, what: Callback | Sound, channels: Sequence[int] | None = None
@@ -161,9 +174,12 @@ class Runner:
             check(lib.dxr_runner_remove_default(self.handle, direction_number(device)))
 
     def _io(self, callback: Callback) -> Any:
-        failure = self._failure
+        failure, closed = self._failure, self._closed
+        allow_release_in_callbacks()
 
         def io(cycle: Any, _user: Any) -> int:
+            if closed:
+                return 1
             in_callback.depth = getattr(in_callback, "depth", 0) + 1
             try:
                 buffer = ffi.buffer(cycle.samples, cycle.frames * cycle.channels * 4)
@@ -185,9 +201,11 @@ class Runner:
 
     def stop(self) -> None:
         """No callback runs after it has returned. Raises the exception that a callback has raised."""
-        check(lib.dxr_runner_stop(self.handle))
+        status = lib.dxr_runner_stop(self.handle)
         if self._failure:
             raise self._failure.pop(0)
+        if not self._closed:
+            check(status)
 
     def wait(self, seconds: float | None = None) -> bool:
         """Waits, at most `seconds`, until a callback has stopped the runner. Returns whether it has
@@ -218,7 +236,12 @@ class Runner:
 
     @property
     def is_running(self) -> bool:
-        return self.state.is_running
+        try:
+            return self.state.is_running
+        except Error:
+            if not self._closed:
+                raise
+            return False
 
     @property
     def active_devices(self) -> list[Device]:

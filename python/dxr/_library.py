@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import atexit
 import os
+import queue
 import re
 import threading
 import time
@@ -103,8 +104,7 @@ def taken(memory: Any) -> str:
 
 
 in_callback = threading.local()
-_unreleased: list[tuple[Any, Any]] = []
-_calls: list[object] = []  # calls in progress, on any thread, that begin or end callbacks
+_calls: list[object] = []  # calls pending or in progress, on any thread, that begin or end callbacks
 _has_ended = False
 
 
@@ -131,17 +131,39 @@ def _stop_daemon_thread() -> None:
         time.sleep(1.0)
 
 
+_unreleased: queue.SimpleQueue[tuple[Any, Any, object]] = queue.SimpleQueue()
+_releasing_starts = threading.Lock()
+
+
+def _release_pending() -> None:
+    while True:
+        handle, kept, call = _unreleased.get()
+        lib.dxr_release(handle)
+        _calls.remove(call)
+        del kept  # not at the next release
+
+
+_releasing = threading.Thread(target=_release_pending, name="dxr.release", daemon=True)
+
+
+def allow_release_in_callbacks() -> None:
+    """To be called before a callback can run that calls release()."""
+    with _releasing_starts:
+        if not _releasing.is_alive():
+            _releasing.start()
+
+
 def release(handle: Any, kept: Any = None) -> None:
-    """Releases a handle; `kept` is kept alive until then for its callbacks. In an audio callback, the release
-    would wait for that callback: garbage collected there is released later, by another thread."""
-    _unreleased.append((handle, kept))
+    """Releases a handle, or does nothing if it was released; `kept` is kept alive until its callbacks have
+    returned. An audio callback cannot wait for them: what is released there, or collected as garbage, is
+    released shortly after by a thread."""
+    if getattr(in_callback, "depth", 0):
+        call = object()
+        _calls.append(call)
+        _unreleased.put((handle, kept, call))
+        return
     with callbacks_change(begins=False):
-        while _unreleased and not getattr(in_callback, "depth", 0):
-            try:
-                each = _unreleased.pop()
-            except IndexError:
-                return
-            lib.dxr_release(each[0])
+        lib.dxr_release(handle)
 
 
 def owned(owner: Any, handle: Any, kept: Any = None) -> Any:

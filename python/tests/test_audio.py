@@ -1,5 +1,7 @@
+import gc
 import threading
 import time
+import weakref
 
 import numpy as np
 import pytest
@@ -81,6 +83,31 @@ def test_a_callback_that_raises_stops_the_runner_and_is_raised(cable):
             runner.wait(30)
     with pytest.raises(dxr.Error, match="released"):
         runner.start()
+
+
+def test_a_callback_may_close_its_runner(cable):
+    calls = []
+    runner = dxr.Runner(48000, 256)
+    runner.add("output", lambda cycle: (calls.append(cycle), runner.close())[1])
+    with runner:
+        assert runner.wait(30)
+    time.sleep(0.05)
+    assert len(calls) == 1
+
+
+def test_a_runner_is_collected_if_only_its_callback_refers_to_it(cable):
+    class Player:
+        def __init__(self):
+            self.runner = dxr.Runner(48000, 256)
+            self.runner.add("output", self.fill)
+            self.runner.start()
+
+        def fill(self, cycle):
+            pass
+
+    player = weakref.ref(Player())
+    gc.collect()
+    assert player() is None
 
 
 def test_loop_carries_sound_without_python(computer, cable):

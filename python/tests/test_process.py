@@ -44,6 +44,13 @@ ENDS = {
         "runner2.start(); time.sleep(0.2)",
         0,
     ),
+    "with a runner released in its callback, and nothing else": (
+        "del changes, computer, output, source\n"
+        "runner = dxr.Runner(48000, 32)\n"
+        "runner.add('output', lambda cycle: globals().pop('runner', None) and None)\n"
+        "runner.start(); time.sleep(0.2)",
+        0,
+    ),
     "by a fork of it": ("child = os.fork(); sys.exit(0 if child == 0 else os.waitpid(child, 0)[1])", 0),
 }
 
