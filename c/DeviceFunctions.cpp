@@ -168,11 +168,15 @@ dxr_status dxr_device_get_setting(dxr_device* device, const char* key, const cha
 dxr_status dxr_device_set_setting(dxr_device* device, const char* key, const char* json)
 {
     return guarded(__func__, [&] {
-        const std::optional<CXPlist> value = CXPlistWithJSON(textOf(json, "json"));
+        constexpr const char* tooLong = "the value is too long to be stored";
+        const std::string text = textOf(json, "json");
+        if (text.size() > CXJSONMaximumBytes) // is not parsed
+            fail(DXR_ERROR_ARGUMENT, tooLong);
+        const std::optional<CXPlist> value = CXPlistWithJSON(text);
         if (!value)
             fail(DXR_ERROR_TEXT, "the value is not JSON");
         if (!deviceOf(device)->setOverride(*value, textOf(key, "key")))
-            fail(DXR_ERROR_ARGUMENT, "the value is too long to be stored");
+            fail(DXR_ERROR_ARGUMENT, tooLong);
     });
 }
 

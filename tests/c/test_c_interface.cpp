@@ -100,6 +100,7 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
     shrill.tone = -1.0;
     const uint32_t zero = 0;
     const std::string tooLong = '"' + std::string(600'000, 'x') + '"';
+    const std::string tooLongToRead = '"' + std::string(1'200'000, 'x') + '"';
     const std::vector<std::tuple<const char*, dxr_status, dxr_status>> rows = {
         {"handle is null", dxr_device_get_info(nullptr, &info), DXR_ERROR_ARGUMENT},
         {"never was one", dxr_retain(&rows), DXR_ERROR_HANDLE},
@@ -110,6 +111,8 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
         {"volume is not from 0 to 1", dxr_device_set_volume(output, std::nan("")), DXR_ERROR_ARGUMENT},
         {"not JSON", dxr_device_set_setting(output, "key", "{"), DXR_ERROR_TEXT},
         {"too long", dxr_device_set_setting(output, "key", tooLong.c_str()), DXR_ERROR_ARGUMENT},
+        {"too long to read", dxr_device_set_setting(output, "key", tooLongToRead.c_str()),
+         DXR_ERROR_ARGUMENT},
         {"not a reference", dxr_device_with_reference("{junk}", &device), DXR_ERROR_TEXT},
         {"no device of that", dxr_simulated_set_default(computer, DXR_OUTPUT, "?"), DXR_ERROR_NOT_FOUND},
         {"does not run", dxr_simulated_lose_cycles(computer, "cable", 1), DXR_ERROR_STATE},
