@@ -10,6 +10,7 @@
 #include "HostClock.h"
 #include "LogSink.h"
 #include "Packer.h"
+#include "Utf8.h"
 
 #include <cstdlib>
 #include <exception>
@@ -105,8 +106,9 @@ dxr_status dxr_set_log(dxr_log_callback callback, void* user)
     return guarded(__func__, [&] {
         if (!callback)
             return dxr::LogSink::setWriter({});
-        dxr::LogSink::setWriter(
-            [callback, user](std::string_view line) { callback(std::string(line).c_str(), user); });
+        dxr::LogSink::setWriter([callback, user](std::string_view line) {
+            callback(dxr::utf8Replaced(line).c_str(), user); // paths in a line may be of any bytes
+        });
     });
 }
 
@@ -114,7 +116,7 @@ dxr_status dxr_hardware_error(const char** text)
 {
     return guarded(__func__, [&] {
         require(text, "text");
-        *text = newText(HALHardwareUnavailableReason());
+        *text = newText(dxr::utf8Replaced(HALHardwareUnavailableReason()));
     });
 }
 

@@ -71,6 +71,11 @@ except KeyboardInterrupt: print("interrupted")
     assert (status, out) == (0, "interrupted\n"), errors
 
 
+def test_the_hardware_error_is_text(script):
+    status, _, errors = script("import dxr; dxr.hardware_error()", PIPEWIRE_REMOTE="/tmp/\udcff")
+    assert status == 0, errors
+
+
 EXAMPLES = sorted((Path(__file__).parents[1] / "examples").glob("*.py"))
 
 

@@ -2,6 +2,7 @@
 #include "Eventually.h"
 
 #include <dxr/DXRDeviceManager.h>
+#include <dxr/LogSink.h>
 #include <dxr/c.h>
 #include <gtest/gtest.h>
 
@@ -143,6 +144,16 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
     EXPECT_EQ(dxr_runner_start(reinterpret_cast<dxr_runner*>(output)), DXR_ERROR_HANDLE);
     EXPECT_STREQ(dxr_error_text(), "dxr_runner_start: the handle is of a device, not of a runner");
     std::thread([] { EXPECT_STREQ(dxr_error_text(), "") << "each thread has its own"; }).join();
+}
+
+TEST_F(CInterface, logsInUtf8)
+{
+    std::string logged;
+    const auto note = [](const char* line, void* user) { *static_cast<std::string*>(user) = line; };
+    ASSERT_EQ(dxr_set_log(note, &logged), DXR_OK);
+    dxr::LogSink::log("cannot open '/tmp/\xFF'");
+    EXPECT_EQ(dxr_set_log(nullptr, nullptr), DXR_OK);
+    EXPECT_EQ(logged, "cannot open '/tmp/\uFFFD'");
 }
 
 TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
