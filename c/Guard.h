@@ -23,8 +23,8 @@ template <class Body> dxr_status guarded(const char* function, const Body& body)
 {
     if (isForkedCopy())
         return noteError(DXR_ERROR_FORKED, function, "the process is a fork() of one that used dxr");
-    if (isInAudioCallback())
-        return noteError(DXR_ERROR_THREAD, function, "not to be called in an audio callback");
+    if (isInRestrictedCallback())
+        return noteError(DXR_ERROR_THREAD, function, "not to be called in an audio or log callback");
     try {
         prepareForFork();
         body();

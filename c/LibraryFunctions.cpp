@@ -21,16 +21,16 @@ using namespace dxr_c;
 namespace {
 
 /// Ends the object of a handle whose last reference was released; a call on another thread may still hold it.
-/// In an audio callback the object is ended and destroyed on another thread: a runner would wait for the
-/// callback, and memory is freed.
-void letGo(CXRef<CXObject> object, bool inCycle)
+/// In an audio or log callback the object is ended and destroyed on another thread: a runner would wait for
+/// the callback, and memory is freed.
+void letGo(CXRef<CXObject> object, bool isRestricted)
 {
     auto* const runner = dynamic_cast<Runner*>(object.get());
     if (runner)
         runner->over->isOver = true;
     if (auto* const follower = dynamic_cast<Follower*>(object.get()))
         follower->silence();
-    if (object && inCycle)
+    if (object && isRestricted)
         return events().async([kept = std::move(object), runner] {
             if (runner)
                 runner->end();
@@ -65,12 +65,12 @@ dxr_status dxr_retain(const void* handle)
 
 dxr_status dxr_release(const void* handle)
 {
-    const bool wasInCycle = std::exchange(isInAudioCallback(), false);
+    const bool wasRestricted = std::exchange(isInRestrictedCallback(), false);
     const dxr_status status = guarded(__func__, [&] {
         if (handle)
-            letGo(Handles::shared().release(handle), wasInCycle);
+            letGo(Handles::shared().release(handle), wasRestricted);
     });
-    isInAudioCallback() = wasInCycle;
+    isInRestrictedCallback() = wasRestricted;
     return status;
 }
 
@@ -107,7 +107,9 @@ dxr_status dxr_set_log(dxr_log_callback callback, void* user)
         if (!callback)
             return dxr::LogSink::setWriter({});
         dxr::LogSink::setWriter([callback, user](std::string_view line) {
+            const bool wasRestricted = std::exchange(isInRestrictedCallback(), true); // locks may be held
             callback(dxr::utf8Replaced(line).c_str(), user); // paths in a line may be of any bytes
+            isInRestrictedCallback() = wasRestricted;
         });
     });
 }

@@ -5,12 +5,12 @@
 namespace dxr_c {
 
 namespace {
-thread_local bool isInCycle = false;
+thread_local bool isRestricted = false;
 } // namespace
 
-bool& isInAudioCallback() noexcept
+bool& isInRestrictedCallback() noexcept
 {
-    return isInCycle;
+    return isRestricted;
 }
 
 void Runner::end()
@@ -55,9 +55,9 @@ DXRIOBlock Runner::blockFor(dxr_io io, void* user, bool input)
         const dxr_cycle cycle = {sizeof cycle,       sampleTime,          buffer.hostTime(),
                                  buffer.samples(),   buffer.frameCount(), buffer.channelCount(),
                                  buffer.sampleRate()};
-        const bool wasInCycle = std::exchange(isInCycle, true);
+        const bool wasRestricted = std::exchange(isRestricted, true);
         const int result = io(&cycle, user);
-        isInCycle = wasInCycle;
+        isRestricted = wasRestricted;
         if (result == 0)
             return;
         hasEnded.store(true, std::memory_order_relaxed);

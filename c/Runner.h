@@ -9,8 +9,8 @@
 
 namespace dxr_c {
 
-/// Whether an audio callback is running on this thread: functions that may wait refuse to run then.
-bool& isInAudioCallback() noexcept;
+/// Whether an audio or log callback is running on this thread: functions that may wait refuse to run then.
+bool& isInRestrictedCallback() noexcept;
 
 /// A runner and the state that its callbacks need.
 class Runner final : public CXObject {

@@ -17,7 +17,8 @@ public:
     /// Writes one message. Failures are not reported.
     static void log(std::string_view line);
     /// Sends all later lines to `writer`; an empty writer restores the default. A line that another thread is
-    /// writing during the call may still be sent to the old writer.
+    /// writing during the call may still be sent to the old writer. `writer` may be called with any of the
+    /// library's locks held: it must not use devices, settings or runners, which may take the same lock.
     static void setWriter(Writer writer);
 };
 

@@ -57,7 +57,7 @@ enum {
     DXR_ERROR_STATE = 5,    /* not possible now: running, already added, not connected */
     DXR_ERROR_REFUSED = 6,  /* refused by the hardware */
     DXR_ERROR_MEMORY = 7,   /* out of memory or threads */
-    DXR_ERROR_THREAD = 8,   /* not allowed in an audio callback */
+    DXR_ERROR_THREAD = 8,   /* not allowed in an audio or log callback */
     DXR_ERROR_FORKED = 9,   /* not allowed in the child of fork() */
     DXR_ERROR_INTERNAL = 10 /* an error in the library */
 };
@@ -103,7 +103,8 @@ DXR_C_API dxr_status dxr_free(const void* memory);
  * that the application makes. Call it first. */
 DXR_C_API dxr_status dxr_set_application(const char* identifier);
 /* Receives log lines, on any thread, instead of standard error and the system log; null restores these. A
- * line being written during the call may still reach the previous callback. */
+ * line being written during the call may still reach the previous callback. The callback may be called with
+ * locks held: like a callback for audio, it may call only dxr_now(), dxr_version() and dxr_error_text(). */
 typedef void (*dxr_log_callback)(const char* line, void* user);
 DXR_C_API dxr_status dxr_set_log(dxr_log_callback callback, void* user);
 

@@ -146,14 +146,18 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
     std::thread([] { EXPECT_STREQ(dxr_error_text(), "") << "each thread has its own"; }).join();
 }
 
-TEST_F(CInterface, logsInUtf8)
+TEST_F(CInterface, logsInUtf8ToACallbackThatCannotCallBack)
 {
     std::string logged;
-    const auto note = [](const char* line, void* user) { *static_cast<std::string*>(user) = line; };
+    const auto note = [](const char* line, void* user) {
+        *static_cast<std::string*>(user) = line;
+        EXPECT_EQ(dxr_set_application("com.example.logger"), DXR_ERROR_THREAD) << "locks may be held";
+    };
     ASSERT_EQ(dxr_set_log(note, &logged), DXR_OK);
     dxr::LogSink::log("cannot open '/tmp/\xFF'");
     EXPECT_EQ(dxr_set_log(nullptr, nullptr), DXR_OK);
     EXPECT_EQ(logged, "cannot open '/tmp/\uFFFD'");
+    EXPECT_EQ(dxr_set_application("com.example.logger"), DXR_OK);
 }
 
 TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
