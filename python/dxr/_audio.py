@@ -83,8 +83,7 @@ class Sound:
     """Frames in the library's memory, which a runner plays or records into without calling Python."""
 
     def __init__(self, frames: int, channels: int, sample_rate: float, repeats: bool = False) -> None:
-        _require_whole(frames, "frames")
-        _require_whole(channels, "channels")
+        frames, channels = _whole(frames, "frames"), _whole(channels, "channels")
         self.handle = owned(self, result(lib.dxr_sound_new, frames, channels, sample_rate, repeats))
         # The array keeps the handle: it may outlive this object.
         check(lib.dxr_retain(self.handle))
@@ -99,9 +98,11 @@ class Sound:
         return result(lib.dxr_sound_position, self.handle)
 
 
-def _require_whole(number: int, name: str) -> None:
-    if not isinstance(number, (int, np.integer)) or not 0 < number < 2**31:
-        raise ArgumentError(f"{name} is to be a whole number above 0, not {number!r}")
+def _whole(number: int, name: str, minimum: int = 1) -> int:
+    """The number as an int: a NumPy integer would overflow in calculations."""
+    if not isinstance(number, (int, np.integer)) or not minimum <= number < 2**31:
+        raise ArgumentError(f"{name} is to be a whole number from {minimum}, not {number!r}")
+    return int(number)
 
 
 class Runner:
@@ -124,8 +125,7 @@ class Runner:
         self._closed: list[bool] = []  # not empty once it is closed
         if quality not in ("high", "fast"):
             raise ArgumentError(f"the quality is 'high' or 'fast', not {quality!r}")
-        if not isinstance(frames, (int, np.integer)) or not 0 <= frames < 2**31:
-            raise ArgumentError(f"frames are a whole number from 0, not {frames!r}")
+        frames = _whole(frames, "frames", 0)
         # The finalizer must not refer to the callbacks: they may refer to this object, which it would keep alive.
         self.handle = owned(self, result(lib.dxr_runner_new))
         check(lib.dxr_runner_set_format(self.handle, frames, sample_rate))
@@ -330,11 +330,12 @@ def play(samples: ArrayLike, sample_rate: float, device: Where = None, wait: boo
 def record(frames: int, sample_rate: float = 48000.0, channels: int | None = None, device: Where = None) -> Samples:
     """Records `frames` frames from a device, from several side by side, or from the default input. Returns
     frames x channels; by default all channels of a device. Raises RefusedError as play() does."""
-    _require_whole(frames, "frames")
+    frames = _whole(frames, "frames")
+    wanted = None if channels is None else _whole(channels, "channels")
     runner = Runner(sample_rate)
     sounds = []
     for where, now in _chosen(device, "input"):
-        count = now.channels if channels is None else channels
+        count = wanted or now.channels
         sound = Sound(frames, count, sample_rate)
         runner.add(where, sound, _channels(count, now))
         sounds.append(sound)
@@ -346,6 +347,7 @@ def record(frames: int, sample_rate: float = 48000.0, channels: int | None = Non
 def loop(input: Where = None, output: Where = None, frames: int = 256, sample_rate: float = 48000.0) -> Runner:
     """Returns a running runner that plays an input on an output without calling Python. For example,
     `with dxr.loop(): ...`."""
+    frames = _whole(frames, "frames")
     (source, from_device), = _chosen(input, "input")
     channels = 2 if from_device.channels > 1 else 1
     runner = Runner(sample_rate, frames)

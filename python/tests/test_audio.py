@@ -16,7 +16,7 @@ def test_what_is_played_is_recorded_to_the_bit(cable):
     for _ in range(10):  # repeat if the computer was too busy: a thread was late, or frames were lost
         player = threading.Timer(0.2, dxr.play, (ramp, 48000))
         player.start()
-        heard = dxr.record(48000, 48000)
+        heard = dxr.record(np.uint16(48000), 48000, np.uint16(2))  # their product is not an uint16
         player.join()
         if np.count_nonzero(heard[:, 0]) == len(ramp):
             break
