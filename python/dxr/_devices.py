@@ -187,12 +187,20 @@ def default(direction: Direction) -> Device:
 
 def device(name: str, direction: Direction) -> Device:
     """The device with this UID or reference, present or not, otherwise the only connected one whose name
-    contains `name`."""
+    contains `name`. Raises ArgumentError for a reference of the other direction."""
     text = encoded(name, "the name")
+    number = direction_number(direction)
     if name[:1] == "{" and name[-1:] == "}":
-        return Device(result(lib.dxr_device_with_reference, text))
+        try:
+            found = Device(result(lib.dxr_device_with_reference, text))
+        except ArgumentError:
+            pass  # not a reference: a UID or a name may have this form too
+        else:
+            if found.direction != direction:
+                raise ArgumentError(f"the reference is of {found.name!r}, an {found.direction}, not an {direction}")
+            return found
     try:
-        return Device(result(lib.dxr_device_with_uid, text, direction_number(direction)))
+        return Device(result(lib.dxr_device_with_uid, text, number))
     except NotFoundError:
         fitting = [each for each in devices(direction) if name and name.lower() in each.name.lower()]
     if len(fitting) == 1:

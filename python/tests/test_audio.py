@@ -38,12 +38,12 @@ def test_arrays_of_many_kinds_play(cable, samples):
 
 
 def test_one_call_plays_on_two_devices(computer, cable):
-    source, other = computer.plug("other", inputs=2, outputs=2, loops_back=True, sample_rate=44100, drift=50)
+    source, other = computer.plug("{other}", inputs=2, outputs=2, loops_back=True, sample_rate=44100, drift=50)
     with dxr.play(np.tile(TONE, 8), 48000, device=[cable[1], other], wait=False) as runner:
         assert set(runner.active_devices) == {cable[1], other}
         heard = dxr.record(9600, device=[cable[0], source])
     assert heard.shape == (9600, 4) and (abs(heard).max(axis=0) > 0.2).all()
-    computer.unplug("other")
+    computer.unplug("{other}")
 
 
 @pytest.mark.parametrize("run", [lambda: dxr.play(TONE, 48000), lambda: dxr.record(480)], ids=["play", "record"])

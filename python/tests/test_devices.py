@@ -49,6 +49,7 @@ BAD = {
     "a name that is not UTF-8": (lambda d: dxr.device("\udcff", "output"), dxr.ArgumentError, "not UTF-8"),
     "a name with a null": (lambda d: dxr.device("a\0b", "output"), dxr.ArgumentError, "null character"),
     "no such device": (lambda d: dxr.device("trumpet", "output"), dxr.NotFoundError, "no outputs fit 'trumpet'"),
+    "another direction": (lambda d: dxr.device(d.reference, "input"), dxr.ArgumentError, "an output, not an input"),
     "a rate": (lambda d: setattr(d, "sample_rate", 12345), dxr.RefusedError, "does not take this sample rate"),
     "hardware twice": (lambda d: dxr.simulated.Computer(), dxr.StateError, "other hardware already"),
     "a field": (lambda d: dxr.simulated._described("x", {"colour": 1}), TypeError, "no 'colour'"),
