@@ -35,7 +35,7 @@ Callback = Callable[[Cycle], object]
 
 @dataclass(frozen=True)
 class State:
-    """The present state of a runner. Counts are since its start."""
+    """The present state of a runner. Counts are since its start, and 0 once it has stopped."""
 
     is_running: bool
     frames: int
@@ -44,6 +44,7 @@ class State:
     cycles: int
     late_cycles: int
     lost_frames: int
+    """Frames lost by all devices since the last restart."""
     restarts: int
     error: str
     """Why a running runner has no audio; empty if it has."""
@@ -306,8 +307,9 @@ def _wait_until(runner: Runner, is_done: Callable[[], bool]) -> None:
 
 def play(samples: ArrayLike, sample_rate: float, device: Where = None, wait: bool = True) -> Runner:
     """Plays samples, frames or frames x channels, on a device, on several at once, or on the default output.
-    A single channel is played on two. Returns when all has been played, or with `wait=False` at once; returns
-    the runner. Raises RefusedError if a device refuses to start for five seconds."""
+    A single channel is played on two. Returns the runner when all has been played, or with `wait=False` at
+    once: it plays as long as the runner is kept. Raises RefusedError if a device refuses to start for five
+    seconds."""
     array = _samples_of(samples)
     runner = Runner(sample_rate)
     sounds = []
@@ -345,8 +347,8 @@ def record(frames: int, sample_rate: float = 48000.0, channels: int | None = Non
 
 
 def loop(input: Where = None, output: Where = None, frames: int = 256, sample_rate: float = 48000.0) -> Runner:
-    """Returns a running runner that plays an input on an output without calling Python. For example,
-    `with dxr.loop(): ...`."""
+    """Returns a running runner that plays an input on an output without calling Python, as long as it is
+    kept. For example, `with dxr.loop(): ...`."""
     frames = _whole(frames, "frames")
     (source, from_device), = _chosen(input, "input")
     channels = 2 if from_device.channels > 1 else 1
