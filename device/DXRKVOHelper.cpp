@@ -76,15 +76,21 @@ std::vector<CXRef<DXRKVOObservation>> DXRKVOHelper::observe(const Keys& keys,
 
 void DXRKVOHelper::updateAllValues()
 {
-    Pass all(_properties.size());
-    std::iota(all.begin(), all.end(), uint8_t{0});
+    Pass all{std::vector<uint8_t>(_properties.size())};
+    std::iota(all.places.begin(), all.places.end(), uint8_t{0});
     _update(std::move(all));
 }
 
 void DXRKVOHelper::updateValueForKey(std::string_view key)
 {
     if (const std::optional<uint8_t> place = _placeOf(key))
-        _update({*place});
+        _update({{*place}});
+}
+
+void DXRKVOHelper::updateValueForKeyIfChanged(std::string_view key)
+{
+    if (const std::optional<uint8_t> place = _placeOf(key))
+        _update({{*place}, DXRKVONil::Compare});
 }
 
 void DXRKVOHelper::updateValuesForKeys(const Keys& keys)
@@ -92,7 +98,7 @@ void DXRKVOHelper::updateValuesForKeys(const Keys& keys)
     Pass pass;
     for (const std::string& key : keys) {
         if (const std::optional<uint8_t> place = _placeOf(key))
-            pass.push_back(*place);
+            pass.places.push_back(*place);
     }
     _update(std::move(pass));
 }
@@ -107,7 +113,7 @@ std::optional<uint8_t> DXRKVOHelper::_placeOf(std::string_view key) const
 
 void DXRKVOHelper::_update(Pass pass)
 {
-    if (pass.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
+    if (pass.places.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
         return;
     if (!_isForMainQueue())
         return _run(pass, 0);
@@ -147,31 +153,31 @@ void DXRKVOHelper::_run(const Pass& first, uint32_t repeats)
     const CXRef<CXObject> object = _obj.lock();
     if (!object)
         return;
-    Pass unread;
+    Pass unread{{}, first.nil};
     std::vector<Pass> next{first};
     while (!next.empty()) {
         {
             const Mark processing(_processing);
             for (const Pass& pass : next) {
-                for (const uint8_t place : pass) {
-                    if (!_publish(*object, _properties[place]))
-                        unread.push_back(place);
+                for (const uint8_t place : pass.places) {
+                    if (!_publish(*object, _properties[place], pass.nil))
+                        unread.places.push_back(place);
                 }
             }
         }
         next.clear();
         _lock->execute([&] { next.swap(_postponed); });
     }
-    if (!unread.empty() && repeats < maximumRepeats)
+    if (!unread.places.empty() && repeats < maximumRepeats)
         _repeat(unread, repeats);
 }
 
 /// Returns false if the value could not be read. It is then neither announced nor compared.
-bool DXRKVOHelper::_publish(CXObject& object, const DXRKVOProperty& property)
+bool DXRKVOHelper::_publish(CXObject& object, const DXRKVOProperty& property, DXRKVONil nil)
 {
     const DXRReadCheck reads;
     std::optional<bool> isRead; // known before observers are called, which may read other values
-    property.publish(object, [&](DXRKVOChange change) {
+    property.publish(object, nil, [&](DXRKVOChange change) {
         if (!isRead)
             isRead = !reads.hasFailed();
         if (*isRead)

@@ -50,6 +50,9 @@ public:
 
     void updateAllValues();
     void updateValueForKey(std::string_view key);
+    /// As updateValueForKey(), but a value that was nil and still is nil is not announced: for callers that
+    /// update at every occasion.
+    void updateValueForKeyIfChanged(std::string_view key);
     /// Publishes changes of these properties, in their order: at once on the main thread, later if called on
     /// another. A call by an observer during an update is dropped. Unknown keys are ignored.
     void updateValuesForKeys(const Keys& keys);
@@ -64,15 +67,19 @@ private:
     ~DXRKVOHelper() override = default;
 
     using Registration = DXRKVOObservation::Registration;
-    /// The properties to publish, as indices in the table.
-    using Pass = std::vector<uint8_t>;
+    struct Pass {
+        std::vector<uint8_t> places; // of the properties to publish, as indices in the table
+        DXRKVONil nil = DXRKVONil::Announce;
+
+        bool operator==(const Pass&) const = default;
+    };
 
     std::optional<uint8_t> _placeOf(std::string_view key) const;
     void _update(Pass pass);
     bool _isForMainQueue() const;
     void _runWaiting(const Pass& pass, uint32_t repeats);
     void _run(const Pass& first, uint32_t repeats);
-    bool _publish(CXObject& object, const DXRKVOProperty& property);
+    bool _publish(CXObject& object, const DXRKVOProperty& property, DXRKVONil nil);
     void _repeat(const Pass& pass, uint32_t repeats);
     void _announce(const DXRKVOProperty& property, DXRKVOChange change);
     /// Called with _lock held. This is safe because an ended registration holds no block: only registrations
