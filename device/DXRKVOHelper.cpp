@@ -76,7 +76,7 @@ std::vector<CXRef<DXRKVOObservation>> DXRKVOHelper::observe(const Keys& keys,
 
 void DXRKVOHelper::updateAllValues()
 {
-    Pass all{std::vector<uint8_t>(_properties.size())};
+    Pass all{Places(_properties.size())};
     std::iota(all.places.begin(), all.places.end(), uint8_t{0});
     _update(std::move(all));
 }
@@ -90,7 +90,7 @@ void DXRKVOHelper::updateValueForKey(std::string_view key)
 void DXRKVOHelper::updateValueForKeyIfChanged(std::string_view key)
 {
     if (const std::optional<uint8_t> place = _placeOf(key))
-        _update({{*place}, DXRKVONil::Compare});
+        _update({{*place}, Reason::UpdateIfChanged});
 }
 
 void DXRKVOHelper::updateValuesForKeys(const Keys& keys)
@@ -116,7 +116,7 @@ void DXRKVOHelper::_update(Pass pass)
     if (pass.places.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
         return;
     if (!_isForMainQueue())
-        return _run(pass, 0);
+        return _run(pass);
     const bool isNew = _lock->execond([&] {
         if (std::ranges::find(_waiting, pass) != _waiting.end())
             return false; // when the waiting pass runs, it reads the present values, too
@@ -125,7 +125,7 @@ void DXRKVOHelper::_update(Pass pass)
     });
     if (isNew)
         dxr::MainQueue::shared().async(
-            [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass, 0); });
+            [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass); });
 }
 
 bool DXRKVOHelper::_isForMainQueue() const
@@ -136,7 +136,7 @@ bool DXRKVOHelper::_isForMainQueue() const
     return object && _isChanging(*object);
 }
 
-void DXRKVOHelper::_runWaiting(const Pass& pass, uint32_t repeats)
+void DXRKVOHelper::_runWaiting(const Pass& pass)
 {
     const bool isNested = _processing.load(std::memory_order_relaxed) == pthread_self();
     _lock->execute([&] {
@@ -145,31 +145,34 @@ void DXRKVOHelper::_runWaiting(const Pass& pass, uint32_t repeats)
             _postponed.push_back(pass);
     });
     if (!isNested)
-        _run(pass, repeats);
+        _run(pass);
 }
 
-void DXRKVOHelper::_run(const Pass& first, uint32_t repeats)
+void DXRKVOHelper::_run(const Pass& first)
 {
     const CXRef<CXObject> object = _obj.lock();
     if (!object)
         return;
-    Pass unread{{}, first.nil};
     std::vector<Pass> next{first};
     while (!next.empty()) {
-        {
-            const Mark processing(_processing);
-            for (const Pass& pass : next) {
-                for (const uint8_t place : pass.places) {
-                    if (!_publish(*object, _properties[place], pass.nil))
-                        unread.places.push_back(place);
-                }
-            }
-        }
+        for (const Pass& pass : next)
+            _repeatLater(_publish(*object, pass), pass.reason);
         next.clear();
         _lock->execute([&] { next.swap(_postponed); });
     }
-    if (!unread.places.empty() && repeats < maximumRepeats)
-        _repeat(unread, repeats);
+}
+
+/// Returns the properties that could not be read.
+DXRKVOHelper::Places DXRKVOHelper::_publish(CXObject& object, const Pass& pass)
+{
+    const Mark processing(_processing);
+    const DXRKVONil nil = pass.reason == Reason::Update ? DXRKVONil::Announce : DXRKVONil::Compare;
+    Places unread;
+    for (const uint8_t place : pass.places) {
+        if (!_publish(object, _properties[place], nil))
+            unread.push_back(place);
+    }
+    return unread;
 }
 
 /// Returns false if the value could not be read. It is then neither announced nor compared.
@@ -187,14 +190,41 @@ bool DXRKVOHelper::_publish(CXObject& object, const DXRKVOProperty& property, DX
     return isRead ? *isRead : !reads.hasFailed();
 }
 
-void DXRKVOHelper::_repeat(const Pass& pass, uint32_t repeats)
+/// Only one repeat waits at a time, so that memory does not grow while every update fails.
+void DXRKVOHelper::_repeatLater(const Places& unread, Reason reason)
 {
-    const auto again = [self = CXRef(this), pass, repeats] { self->_runWaiting(pass, repeats + 1); };
+    if (unread.empty())
+        return;
+    uint64_t delay = 0;
+    const bool isNew = _lock->execond([&] {
+        if (reason != Reason::Repeat)
+            _repeats = 0;
+        else if (_repeats >= maximumRepeats)
+            return false;
+        delay = firstRepeatNanoseconds << _repeats;
+        const bool isFirst = _unread.empty();
+        std::ranges::copy_if(unread, std::back_inserter(_unread), [&](uint8_t place) {
+            return std::ranges::find(_unread, place) == _unread.end();
+        });
+        return isFirst;
+    });
+    if (!isNew)
+        return;
     try {
-        dxr::MainQueue::shared().after(firstRepeatNanoseconds << repeats, again);
-    } catch (const std::system_error&) {
-        // No thread can be created. The next update of the property publishes it.
+        dxr::MainQueue::shared().after(delay, [self = CXRef(this)] { self->_repeat(); });
+    } catch (const std::system_error&) { // no thread can be created; the next update publishes the property
+        _lock->execute([&] { _unread.clear(); });
     }
+}
+
+void DXRKVOHelper::_repeat()
+{
+    Pass pass{{}, Reason::Repeat};
+    _lock->execute([&] {
+        pass.places.swap(_unread);
+        ++_repeats;
+    });
+    _runWaiting(pass);
 }
 
 void DXRKVOHelper::_announce(const DXRKVOProperty& property, DXRKVOChange change)
