@@ -76,15 +76,21 @@ std::vector<CXRef<DXRKVOObservation>> DXRKVOHelper::observe(const Keys& keys,
 
 void DXRKVOHelper::updateAllValues()
 {
-    Pass all(_properties.size());
-    std::iota(all.begin(), all.end(), uint8_t{0});
+    Pass all{Places(_properties.size())};
+    std::iota(all.places.begin(), all.places.end(), uint8_t{0});
     _update(std::move(all));
 }
 
 void DXRKVOHelper::updateValueForKey(std::string_view key)
 {
     if (const std::optional<uint8_t> place = _placeOf(key))
-        _update({*place});
+        _update({{*place}});
+}
+
+void DXRKVOHelper::updateValueForKeyIfChanged(std::string_view key)
+{
+    if (const std::optional<uint8_t> place = _placeOf(key))
+        _update({{*place}, Reason::UpdateIfChanged});
 }
 
 void DXRKVOHelper::updateValuesForKeys(const Keys& keys)
@@ -92,7 +98,7 @@ void DXRKVOHelper::updateValuesForKeys(const Keys& keys)
     Pass pass;
     for (const std::string& key : keys) {
         if (const std::optional<uint8_t> place = _placeOf(key))
-            pass.push_back(*place);
+            pass.places.push_back(*place);
     }
     _update(std::move(pass));
 }
@@ -107,10 +113,10 @@ std::optional<uint8_t> DXRKVOHelper::_placeOf(std::string_view key) const
 
 void DXRKVOHelper::_update(Pass pass)
 {
-    if (pass.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
+    if (pass.places.empty() || _processing.load(std::memory_order_relaxed) == pthread_self())
         return;
     if (!_isForMainQueue())
-        return _run(pass, 0);
+        return _run(pass);
     const bool isNew = _lock->execond([&] {
         if (std::ranges::find(_waiting, pass) != _waiting.end())
             return false; // when the waiting pass runs, it reads the present values, too
@@ -119,7 +125,7 @@ void DXRKVOHelper::_update(Pass pass)
     });
     if (isNew)
         dxr::MainQueue::shared().async(
-            [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass, 0); });
+            [self = CXRef(this), pass = std::move(pass)] { self->_runWaiting(pass); });
 }
 
 bool DXRKVOHelper::_isForMainQueue() const
@@ -130,7 +136,7 @@ bool DXRKVOHelper::_isForMainQueue() const
     return object && _isChanging(*object);
 }
 
-void DXRKVOHelper::_runWaiting(const Pass& pass, uint32_t repeats)
+void DXRKVOHelper::_runWaiting(const Pass& pass)
 {
     const bool isNested = _processing.load(std::memory_order_relaxed) == pthread_self();
     _lock->execute([&] {
@@ -139,39 +145,42 @@ void DXRKVOHelper::_runWaiting(const Pass& pass, uint32_t repeats)
             _postponed.push_back(pass);
     });
     if (!isNested)
-        _run(pass, repeats);
+        _run(pass);
 }
 
-void DXRKVOHelper::_run(const Pass& first, uint32_t repeats)
+void DXRKVOHelper::_run(const Pass& first)
 {
     const CXRef<CXObject> object = _obj.lock();
     if (!object)
         return;
-    Pass unread;
     std::vector<Pass> next{first};
     while (!next.empty()) {
-        {
-            const Mark processing(_processing);
-            for (const Pass& pass : next) {
-                for (const uint8_t place : pass) {
-                    if (!_publish(*object, _properties[place]))
-                        unread.push_back(place);
-                }
-            }
-        }
+        for (const Pass& pass : next)
+            _repeatLater(_publish(*object, pass), pass.reason);
         next.clear();
         _lock->execute([&] { next.swap(_postponed); });
     }
-    if (!unread.empty() && repeats < maximumRepeats)
-        _repeat(unread, repeats);
+}
+
+/// Returns the properties that could not be read.
+DXRKVOHelper::Places DXRKVOHelper::_publish(CXObject& object, const Pass& pass)
+{
+    const Mark processing(_processing);
+    const DXRKVONil nil = pass.reason == Reason::Update ? DXRKVONil::Announce : DXRKVONil::Compare;
+    Places unread;
+    for (const uint8_t place : pass.places) {
+        if (!_publish(object, _properties[place], nil))
+            unread.push_back(place);
+    }
+    return unread;
 }
 
 /// Returns false if the value could not be read. It is then neither announced nor compared.
-bool DXRKVOHelper::_publish(CXObject& object, const DXRKVOProperty& property)
+bool DXRKVOHelper::_publish(CXObject& object, const DXRKVOProperty& property, DXRKVONil nil)
 {
     const DXRReadCheck reads;
     std::optional<bool> isRead; // known before observers are called, which may read other values
-    property.publish(object, [&](DXRKVOChange change) {
+    property.publish(object, nil, [&](DXRKVOChange change) {
         if (!isRead)
             isRead = !reads.hasFailed();
         if (*isRead)
@@ -181,14 +190,41 @@ bool DXRKVOHelper::_publish(CXObject& object, const DXRKVOProperty& property)
     return isRead ? *isRead : !reads.hasFailed();
 }
 
-void DXRKVOHelper::_repeat(const Pass& pass, uint32_t repeats)
+/// Only one repeat waits at a time, so that memory does not grow while every update fails.
+void DXRKVOHelper::_repeatLater(const Places& unread, Reason reason)
 {
-    const auto again = [self = CXRef(this), pass, repeats] { self->_runWaiting(pass, repeats + 1); };
+    if (unread.empty())
+        return;
+    uint64_t delay = 0;
+    const bool isNew = _lock->execond([&] {
+        if (reason != Reason::Repeat)
+            _repeats = 0;
+        else if (_repeats >= maximumRepeats)
+            return false;
+        delay = firstRepeatNanoseconds << _repeats;
+        const bool isFirst = _unread.empty();
+        std::ranges::copy_if(unread, std::back_inserter(_unread), [&](uint8_t place) {
+            return std::ranges::find(_unread, place) == _unread.end();
+        });
+        return isFirst;
+    });
+    if (!isNew)
+        return;
     try {
-        dxr::MainQueue::shared().after(firstRepeatNanoseconds << repeats, again);
-    } catch (const std::system_error&) {
-        // No thread can be created. The next update of the property publishes it.
+        dxr::MainQueue::shared().after(delay, [self = CXRef(this)] { self->_repeat(); });
+    } catch (const std::system_error&) { // no thread can be created; the next update publishes the property
+        _lock->execute([&] { _unread.clear(); });
     }
+}
+
+void DXRKVOHelper::_repeat()
+{
+    Pass pass{{}, Reason::Repeat};
+    _lock->execute([&] {
+        pass.places.swap(_unread);
+        ++_repeats;
+    });
+    _runWaiting(pass);
 }
 
 void DXRKVOHelper::_announce(const DXRKVOProperty& property, DXRKVOChange change)

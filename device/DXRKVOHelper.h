@@ -18,7 +18,9 @@
 /// A getter of the object returns the copy while isUpdateInProgress(), otherwise the live value, so that an
 /// observer reads the old value at will-change and the new one at did-change.
 ///
-/// If a getter's read of the hardware fails, its result is not announced; the property is read again soon.
+/// If a getter's read of the hardware fails, its result is not announced; the property is read again soon,
+/// and announced if it differs. Only that read is checked: if an observer calls at did-change a getter that
+/// reads the hardware, and this read fails, it gets the getter's fallback.
 /// Threads:   any; announcements on the main thread only (MainQueue). An update requested on another thread
 ///            runs there later, in the order of the requests. A request equal to a waiting one is dropped, so
 ///            that memory does not grow in a program that never runs its main queue.
@@ -50,6 +52,9 @@ public:
 
     void updateAllValues();
     void updateValueForKey(std::string_view key);
+    /// As updateValueForKey(), but a value that was nil and still is nil is not announced: for callers that
+    /// update at every occasion.
+    void updateValueForKeyIfChanged(std::string_view key);
     /// Publishes changes of these properties, in their order: at once on the main thread, later if called on
     /// another. A call by an observer during an update is dropped. Unknown keys are ignored.
     void updateValuesForKeys(const Keys& keys);
@@ -64,16 +69,24 @@ private:
     ~DXRKVOHelper() override = default;
 
     using Registration = DXRKVOObservation::Registration;
-    /// The properties to publish, as indices in the table.
-    using Pass = std::vector<uint8_t>;
+    using Places = std::vector<uint8_t>; // indices in the table of properties
+    enum class Reason { Update, UpdateIfChanged, Repeat };
+    struct Pass {
+        Places places; // of the properties to publish
+        Reason reason = Reason::Update;
+
+        bool operator==(const Pass&) const = default;
+    };
 
     std::optional<uint8_t> _placeOf(std::string_view key) const;
     void _update(Pass pass);
     bool _isForMainQueue() const;
-    void _runWaiting(const Pass& pass, uint32_t repeats);
-    void _run(const Pass& first, uint32_t repeats);
-    bool _publish(CXObject& object, const DXRKVOProperty& property);
-    void _repeat(const Pass& pass, uint32_t repeats);
+    void _runWaiting(const Pass& pass);
+    void _run(const Pass& first);
+    Places _publish(CXObject& object, const Pass& pass);
+    bool _publish(CXObject& object, const DXRKVOProperty& property, DXRKVONil nil);
+    void _repeatLater(const Places& unread, Reason reason);
+    void _repeat();
     void _announce(const DXRKVOProperty& property, DXRKVOChange change);
     /// Called with _lock held. This is safe because an ended registration holds no block: only registrations
     /// are destroyed here.
@@ -89,5 +102,7 @@ private:
     const CXRef<DXRRecursiveMutex> _lock; // guards all below
     std::vector<Pass> _waiting;           // posted to the main thread
     std::vector<Pass> _postponed;         // became due during another pass, in a nested run of the main queue
+    Places _unread;                       // to be read again by a repeat, which waits while there are any
+    uint32_t _repeats = 0;                // in a row, since an update
     std::vector<CXRef<Registration>> _registrations;
 };

@@ -7,10 +7,12 @@
 #include "DXRAudioTimerContext.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceManager.h"
+#include "DXRReadCheck.h"
 #include "HostClock.h"
 #include "LatencyOfPart.h"
 #include "NumberText.h"
 #include "QDL.h"
+#include "RetryTimer.h"
 #include "RunnerDeviceNotifiers.h"
 #include "RunnerIO.h"
 
@@ -23,7 +25,6 @@ namespace {
 using Restart = DXRRunnerCounts::Restart;
 
 constexpr size_t notFound = std::numeric_limits<int64_t>::max();
-constexpr uint32_t firstPause = 100, longestPause = 10'000; // milliseconds, between failed starts
 
 DXRDeviceManager& manager()
 {
@@ -57,8 +58,9 @@ CXRef<DXRDeviceRunner> DXRDeviceRunner::init()
 DXRDeviceRunner::DXRDeviceRunner(CXRef<CXDispatchQueue> queue)
     : _kvo(DXRKVOHelper::initWithObject(*this, _observableProperties())), _queue(queue),
       _io(std::make_unique<RunnerIO>(queue)),
-      _deviceNotifiers(std::make_unique<RunnerDeviceNotifiers>(std::move(queue))),
-      _countedContext(std::make_unique<CountedContext>())
+      _deviceNotifiers(std::make_unique<RunnerDeviceNotifiers>(queue)),
+      _countedContext(std::make_unique<CountedContext>()), _startRetry(std::make_unique<RetryTimer>(queue)),
+      _defaultsRetry(std::make_unique<RetryTimer>(std::move(queue)))
 {}
 
 DXRDeviceRunner::~DXRDeviceRunner() CX_UNCHECKED_QUEUE // no other thread has a reference
@@ -237,7 +239,7 @@ bool DXRDeviceRunner::addDefaultDevice(Direction direction, const std::optional<
             };
             addDeviceNotifier(_defaultsNotifier);
         }
-        _followDefault(place);
+        _followDefaults();
         isAdded = true;
     });
     return isAdded;
@@ -273,21 +275,34 @@ void DXRDeviceNode::setRunner(const CXRef<DXRDeviceRunner>& runner)
 
 void DXRDeviceRunner::_followDefaults()
 {
-    _followDefault(0);
-    _followDefault(1);
+    _defaultsRetry->reset();
+    _tryToFollowDefaults();
 }
 
-/// Changes to the present default device, unless it is unknown or already added.
-void DXRDeviceRunner::_followDefault(size_t direction)
+void DXRDeviceRunner::_tryToFollowDefaults()
+{
+    const bool isInputRead = _followDefault(0), isOutputRead = _followDefault(1);
+    if (isInputRead && isOutputRead)
+        return _defaultsRetry->cancel();
+    _defaultsRetry->start([weak = CXWeak(*this)] { // the change is not notified again
+        if (const CXRef<DXRDeviceRunner> self = weak.lock())
+            self->_tryToFollowDefaults();
+    });
+}
+
+/// Changes to the present default device, unless it is unknown or already added. Returns false if it could
+/// not be read.
+bool DXRDeviceRunner::_followDefault(size_t direction)
 {
     CX_ASSERT_ON_QUEUE(_queue);
     std::optional<FollowedDefault>& followed = _followedDefaults[direction];
     if (!followed)
-        return;
+        return true;
+    const DXRReadCheck reads;
     const CXRef<DXRDevice> device =
         direction == 0 ? manager().defaultInputDevice() : manager().defaultOutputDevice();
     if (!device || _nodeForDevice(device, nullptr))
-        return;
+        return !reads.hasFailed();
     const CXRef<DXRDeviceNode> node =
         DXRDeviceNode::nodeWithDevice(device, followed->channels, followed->ioblock);
     _stopDispatchStart(Restart::Devices, [&] {
@@ -301,6 +316,7 @@ void DXRDeviceRunner::_followDefault(size_t direction)
         followed->node = node;
     });
     _propertiesChanged();
+    return true;
 }
 
 bool DXRDeviceRunner::_isDefaultNode(const CXRef<DXRDeviceNode>& node) const
@@ -386,7 +402,7 @@ void DXRDeviceRunner::_stopRunning()
     _stop();
     _io->reset();
     _lastRestart = Restart::None;
-    _retryMilliseconds = 0;
+    _startRetry->reset();
     _error = {};
     _running = false;
     _propertiesChanged();
@@ -411,7 +427,7 @@ void DXRDeviceRunner::_start()
         _error = _context->error();
     _countedContext->set(isStarted ? _context.get() : nullptr);
     if (isStarted)
-        _retryMilliseconds = 0;
+        _startRetry->reset();
     else
         _retryLater();
     using enum DXRCycleRecord::Event;
@@ -449,30 +465,18 @@ CXRef<DXRAudioContext> DXRDeviceRunner::_newContext()
 
 void DXRDeviceRunner::_retryLater()
 {
-    CX_ASSERT_ON_QUEUE(_queue);
-    _retryMilliseconds =
-        _retryMilliseconds == 0 ? firstPause : std::min(2 * _retryMilliseconds, longestPause);
-    _retryTimer = CXDispatchTimer::init();
-    if (!_retryTimer)
-        return;
-    _retryTimer->setTimeoutHandler([weak = CXWeak(*this)](const CXRef<CXDispatchTimer>&) {
-        const CXRef<DXRDeviceRunner> self = weak.lock();
-        if (!self || !self->_running)
-            return;
-        self->_stopDispatchStart(Restart::Retry, nullptr);
-        self->_propertiesChanged();
+    _startRetry->start([weak = CXWeak(*this)] {
+        if (const CXRef<DXRDeviceRunner> self = weak.lock(); self && self->_running) {
+            self->_stopDispatchStart(Restart::Retry, nullptr);
+            self->_propertiesChanged();
+        }
     });
-    _retryTimer->setDispatchQueue(_queue);
-    constexpr uint64_t ticksPerMillisecond =
-        1'000'000 * dxr::HostClock::nanosecondsDenominator / dxr::HostClock::nanosecondsNumerator;
-    _retryTimer->setTimeoutAbsolute(dxr::HostClock::nowTicks() + _retryMilliseconds * ticksPerMillisecond, 0);
 }
 
 void DXRDeviceRunner::_stop()
 {
     CX_ASSERT_ON_QUEUE(_queue);
-    if (const CXRef<CXDispatchTimer> timer = std::exchange(_retryTimer, nullptr))
-        timer->cancel();
+    _startRetry->cancel();
     const uint64_t beginTicks = dxr::HostClock::nowTicks();
     _countedContext->set(nullptr);
     if (_context)

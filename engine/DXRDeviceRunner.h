@@ -1,7 +1,6 @@
 #pragma once
 
 #include "CXDispatchQueue.h"
-#include "CXDispatchTimer.h"
 #include "DXRConversionQuality.h"
 #include "DXRCycleTrace.h"
 #include "DXRDeviceLatency.h"
@@ -19,6 +18,7 @@
 
 class CountedContext;
 class DXRAudioContext;
+class RetryTimer;
 class RunnerDeviceNotifiers;
 class RunnerIO;
 
@@ -78,7 +78,8 @@ public:
     /// Adds the default device of a direction: when the default changes, the runner changes to the new device
     /// and the sample time continues. If the new default does not exist or was added with addDevice(), the
     /// block stays with the previous device until the new one exists or removeDevice() removes it; it is
-    /// first called when a default device exists. Returns false if `ioblock` is null or the direction's
+    /// first called when a default device exists. If the default cannot be read, it is read again after
+    /// 0.1 s, then after pauses that double up to 10 s. Returns false if `ioblock` is null or the direction's
     /// default was already added.
     bool addDefaultDevice(Direction direction, const std::optional<Channels>& channels,
                           const DXRIOBlock& ioblock);
@@ -163,7 +164,8 @@ private:
         CXRef<DXRDeviceNode> node; // null before a default device exists
     };
     void _followDefaults();
-    void _followDefault(size_t direction);
+    void _tryToFollowDefaults();
+    [[nodiscard]] bool _followDefault(size_t direction);
     bool _isDefaultNode(const CXRef<DXRDeviceNode>& node) const CX_ON_QUEUE(_queue);
 
     CXRef<DXRDeviceNode> _nodeForDevice(const CXRef<DXRDevice>& device, size_t* index) const;
@@ -204,8 +206,8 @@ private:
     CXRef<DXRAudioContext> _context CX_OWNED_BY_QUEUE(_queue);  // null while stopped
     const std::unique_ptr<CountedContext> _countedContext;      // changed as work of the queue
     std::atomic<DXRRunnerCounts::Restart> _lastRestart{DXRRunnerCounts::Restart::None};
-    DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue);        // of the last attempt to start a context
-    CXRef<CXDispatchTimer> _retryTimer CX_OWNED_BY_QUEUE(_queue); // null unless a start has failed
-    uint32_t _retryMilliseconds CX_OWNED_BY_QUEUE(_queue) = 0;    // the last pause; 0 if no start has failed
+    DXRDeviceRunnerError _error CX_OWNED_BY_QUEUE(_queue); // of the last attempt to start a context
+    const std::unique_ptr<RetryTimer> _startRetry;         // after a start that failed
+    const std::unique_ptr<RetryTimer> _defaultsRetry;      // after a default device could not be read
     CXDispatchQueue::Work _stopWork; // allocated in advance, because an IO block may call stop()
 };

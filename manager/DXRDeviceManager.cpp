@@ -168,19 +168,19 @@ DXRDeviceManager::Devices DXRDeviceManager::connectedDevices() const
 
 CXRef<DXRDevice> DXRDeviceManager::defaultInputDevice() const
 {
-    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_defaultInputDevice)
+    return _kvo->isUpdateInProgress() ? _kvo_defaultInputDevice
                                       : _liveDevice(QDLAudioDeviceDefaultInputDeviceID(), true);
 }
 
 CXRef<DXRDevice> DXRDeviceManager::defaultOutputDevice() const
 {
-    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_defaultOutputDevice)
+    return _kvo->isUpdateInProgress() ? _kvo_defaultOutputDevice
                                       : _liveDevice(QDLAudioDeviceDefaultOutputDeviceID(), false);
 }
 
 CXRef<DXRDevice> DXRDeviceManager::soundEffectsDevice() const
 {
-    return _kvo->isUpdateInProgress() ? std::get<0>(_kvo_soundEffectsDevice)
+    return _kvo->isUpdateInProgress() ? _kvo_soundEffectsDevice
                                       : _liveDevice(QDLAudioDeviceDefaultSystemOutputDeviceID(), false);
 }
 
@@ -672,8 +672,8 @@ bool DXRDeviceManager::_updateDefaultDevices()
     return hasChanged;
 }
 
-/// Each value is compared with the announced one even if no slot has changed: a device that was refreshed
-/// while another one was the default has announced that.
+/// Each value is compared with the announced one even if no slot has changed: what was announced may have
+/// been read while another device was the default.
 void DXRDeviceManager::_announceDefaultDevices()
 {
     for (const auto& [deviceID, info] : _connectedDevicesByID->infos()) {
@@ -683,7 +683,7 @@ void DXRDeviceManager::_announceDefaultDevices()
         }
     }
     for (const Default& each : defaults)
-        _kvo->updateValueForKey(each.key);
+        _kvo->updateValueForKeyIfChanged(each.key);
 }
 
 void DXRDeviceManager::_defaultDevicesChanged()

@@ -8,7 +8,6 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <tuple>
 #include <vector>
 
 class DXRDeviceInfo;
@@ -138,10 +137,9 @@ private:
     const CXRef<DXRKVOHelper> _kvo;
     // The values last announced to observers; accessed on the main thread only.
     Devices _kvo_connectedDevices;
-    // In a tuple, because a null reference itself would be announced again at every look at the defaults.
-    std::tuple<CXRef<DXRDevice>> _kvo_defaultInputDevice;
-    std::tuple<CXRef<DXRDevice>> _kvo_defaultOutputDevice;
-    std::tuple<CXRef<DXRDevice>> _kvo_soundEffectsDevice;
+    CXRef<DXRDevice> _kvo_defaultInputDevice;
+    CXRef<DXRDevice> _kvo_defaultOutputDevice;
+    CXRef<DXRDevice> _kvo_soundEffectsDevice;
 
     // Everything below is guarded by lock().
     std::vector<CXRef<DXRDeviceManagerNotifier>> _notifiers;

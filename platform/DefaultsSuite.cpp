@@ -104,6 +104,7 @@ bool DefaultsSuite::update(const Edit& edit)
 
 bool DefaultsSuite::synchronize()
 {
+    (void)load(); // the store is followed from the first use
     const std::lock_guard store(_storeMutex);
     _database.setMaximumWait(_isFailing ? shortPatience : patience);
     const bool isReadable = _hasUnsaved() || _read(); // storing reads, too

@@ -354,6 +354,30 @@ TEST_F(EngineCyclesTest, followsTheDefaultDevice)
     EXPECT_EQ(runner->devices(), Devices{two}) << "from then on as the default device";
 }
 
+// One read fails when the default device is added, and one when it has changed.
+TEST_F(EngineCyclesTest, followsTheDefaultDeviceOnceItCanBeRead)
+{
+    const auto failRead = [&] {
+        hal.failReads(kAudioHardwarePropertyDefaultOutputDevice, 1, 1, kAudioHardwareUnspecifiedError);
+    };
+    for (const char* uid : {"one", "two"})
+        plug(aDevice().uid(uid).outputs(2));
+    failRead();
+    ASSERT_TRUE(runner->addDefaultDevice(DXRDeviceRunner::Direction::Output, std::nullopt, idle));
+    runner->start();
+    EXPECT_TRUE(becomesTrue([&] { return runner->activeDevices() == Devices{device("one", output)}; }));
+
+    std::promise<void> isRead; // by the manager
+    runner->queue()->dispatchAsync([&] { isRead.get_future().wait(); });
+    hal.setDefault(HALDirection::Output, "two");
+    hal.settle();
+    DXRDeviceManager::queue().sync(failRead);
+    isRead.set_value();
+    runner->queue()->dispatchSync([] {});
+    EXPECT_EQ(runner->activeDevices(), Devices{device("one", output)});
+    EXPECT_TRUE(becomesTrue([&] { return runner->activeDevices() == Devices{device("two", output)}; }));
+}
+
 TEST_F(EngineCyclesTest, endsTheProcessWithAClearMessageWhenABlockThrows)
 {
     plug(aDevice().uid("thrower").outputs(2));

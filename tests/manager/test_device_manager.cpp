@@ -180,7 +180,8 @@ TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
     std::map<CXRef<DXRDevice>, bool> announced;
     std::vector observations{manager.kvo()->observe(
         "defaultOutputDevice", [&](auto&, auto) { announcedDefault = manager.defaultOutputDevice(); })};
-    const auto noInput = manager.kvo()->observe("defaultInputDevice", [](auto&, auto) { ADD_FAILURE(); });
+    int noInputs = 0;
+    const auto noInput = manager.kvo()->observe("defaultInputDevice", [&](auto&, auto) { ++noInputs; });
     const auto observe = [&](const CXRef<DXRDevice>& it) {
         announced[it] = it->isDefault();
         observations.push_back(
@@ -216,6 +217,10 @@ TEST_F(DXRDeviceManagerTest, announcesADefaultThatIsLostAndComesBack)
     settle();
     for (const auto& [device, isDefault] : announced)
         EXPECT_EQ(isDefault, device == a);
+    EXPECT_EQ(noInputs, 0) << "unasked";
+    manager.kvo()->updateAllValues();
+    manager.kvo()->updateValueForKey("defaultInputDevice");
+    EXPECT_EQ(noInputs, 4) << "will and did, twice";
 }
 
 // Reads fail while an unrelated device appears, and then one of the reads for a change's announcements.
@@ -240,6 +245,10 @@ TEST_F(DXRDeviceManagerTest, announcesNoDefaultThatItCouldNotRead)
     failReads(1, 1'000'000);
     plug(aDevice().uid("mic").inputs(1));
     EXPECT_TRUE(isDefault && others == 0);
+    for (int i = 0; i < 100; ++i) // the main queue is not run meanwhile
+        manager.kvo()->updateValueForKey("defaultOutputDevice");
+    sleepForMilliseconds(100);
+    EXPECT_LT(dxr::MainQueue::shared().drain(), 50U) << "one repeat waits";
     failReads(1, 0);
     for (uint64_t i = 0; i < 8; ++i) {
         others = 0;

@@ -404,6 +404,28 @@ TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)
     });
 }
 
+TEST_F(Defaults, areFollowedAlsoIfSynchronizedBeforeTheFirstRead)
+{
+    keepSomething();
+    Connection{file}("PRAGMA wal_checkpoint(TRUNCATE)");
+    fs::copy(file, home / "copy");
+    fs::create_directory(folder / "unreadable.db");
+    inChild([&] {
+        const CapturedLog log;
+        std::atomic<int> calls{0};
+        EXPECT_TRUE(suite()->load()) << "one suite is followed already";
+        const CXRef<DefaultsSuite> other = DefaultsSuite::suiteNamed("other");
+        EXPECT_TRUE(other->synchronize());
+        other->addObserver("old", [&] { ++calls; });
+        fs::rename(home / "copy", folder / "other.db");
+        EXPECT_TRUE(eventually([&] { return calls == 1; }));
+        EXPECT_TRUE(log.lines().empty());
+        EXPECT_FALSE(DefaultsSuite::suiteNamed("unreadable")->synchronize());
+        EXPECT_FALSE(DefaultsSuite::suiteNamed("unreadable")->load());
+        EXPECT_EQ(log.lines().size(), 1U);
+    });
+}
+
 TEST_F(Defaults, notifyObserversOfTheirKeyAlsoWhenFilesAndFoldersAreExchanged)
 {
     inChild([&] {
