@@ -36,15 +36,16 @@ TEST(PipeWireStart, failsWhereNoCycleCanCome)
         SCOPED_TRACE(why);
         PipeWireSetup setup({.withoutModule = missingModule});
         const AudioObjectID device = setup.plug({.name = "sink"});
+        RecordingListener running(*setup.hal, device, at(kAudioDevicePropertyDeviceIsRunning));
         pw_proxy* link = nullptr;
         if (isPaused) { // while it runs for another client
             setup.plug({.name = "source", .mediaClass = "Audio/Source/Virtual"});
             link = setup.client.link(setup.client.nodeID("source"), "capture_FL", setup.client.nodeID("sink"),
                                      "playback_FL");
-            ASSERT_TRUE(setup.becomes(device, kAudioDevicePropertyDeviceIsRunning, 1U));
+            ASSERT_TRUE(eventually([&] { return running.count() == 1; }));
+            running.clear();
             setup.client.run("pw-cli send-command sink Pause '{}'");
         }
-        const RecordingListener running(*setup.hal, device, at(kAudioDevicePropertyDeviceIsRunning));
         const RunningProc proc(*setup.hal, device, eachCycle(playRamp), kAudioHardwareUnspecifiedError);
         EXPECT_TRUE(eventually([&] { return setup.ownNodeCount() == 0; })) << "left behind";
         EXPECT_EQ(running.count(), 0U) << "an aggregate would start it again";
