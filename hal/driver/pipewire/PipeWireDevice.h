@@ -133,7 +133,7 @@ private:
     const std::string _uid;
     const std::array<std::string, 2> _nodeNames; // by direction
     std::array<HALVolume, 2> _volumes;           // by direction
-    // Other clients' use before our IO, which hides it. Kept until our IO stalls, so that neither a start that
-    // fails nor a start or stop beside another client changes whether the device runs.
+    // Other clients' use before our IO, which hides it. Kept until our IO stalls, so that neither a start
+    // that fails nor a start or stop beside another client changes whether the device runs.
     Use _useBefore;
 };
