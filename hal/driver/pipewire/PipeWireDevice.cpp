@@ -209,7 +209,7 @@ HALDeviceState PipeWireDevice::describe(const PipeWireClockSettings& settings)
         return state;
     const PipeWireNode* half = node(_parts.sink != 0 ? HALDirection::Output : HALDirection::Input);
     const PipeWireNodeProperties properties(half->properties(), card() ? &card()->properties() : nullptr);
-    if (_runningClock().rate > 0.0)
+    if (_isStalled() && std::ranges::any_of(runs, &PipeWireDeviceRun::hasStarted))
         _useBefore = {};
     state.uid = _uid;
     state.name = pipeWireDeviceName(properties, _parts.isWholeCard);

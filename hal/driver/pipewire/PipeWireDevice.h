@@ -22,6 +22,7 @@ public:
     virtual void setWantedTiming(const PipeWireDeviceIO::WantedTiming& wanted) = 0;
     virtual void deviceChanged(const PipeWireDevice& device) = 0; ///< the device's ports may have changed
     virtual void deviceDisappears(const PipeWireDevice& device) = 0;
+    virtual bool hasStarted() const noexcept = 0; ///< every member that was present then has had cycles
     virtual bool isStalled(const PipeWireDevice& device) const = 0;
     virtual PipeWireClockSeen clock() const noexcept = 0;
 
@@ -132,7 +133,7 @@ private:
     const std::string _uid;
     const std::array<std::string, 2> _nodeNames; // by direction
     std::array<HALVolume, 2> _volumes;           // by direction
-    // Other clients' use before our IO, which hides it; none once our IO has had cycles. A start that fails
-    // thus does not change the device's state.
+    // Other clients' use before our IO, which hides it. Kept until our IO stalls, so that neither a start
+    // that fails nor a start or stop beside another client changes whether the device runs.
     Use _useBefore;
 };

@@ -146,10 +146,10 @@ PipeWireRun::Time PipeWireRun::update(Time now)
         _retryWhenDue(remedy, now);
     } else {
         _retryAt.reset();
-        _isInterrupted = _isInterrupted && !_hasStarted();
+        _isInterrupted = _isInterrupted && !_isComplete();
     }
     _lookAtMembers(now);
-    if (_startReply && !_hasStarted() && now >= _startDeadline)
+    if (_startReply && !_isComplete() && now >= _startDeadline)
         _hasFailed = true;
     return _nextLook(now);
 }
@@ -239,7 +239,7 @@ bool PipeWireRun::_getsCycles(size_t place) const
 }
 
 /// Whether every present member has cycles, no broken link, and an active first batch of links.
-bool PipeWireRun::_hasStarted() const
+bool PipeWireRun::_isComplete() const
 {
     for (size_t place = 0; place < _members.size(); ++place)
         if (_linked[place].ends &&
@@ -250,7 +250,7 @@ bool PipeWireRun::_hasStarted() const
 
 void PipeWireRun::finishStart()
 {
-    if (_startReply && _hasStarted())
+    if (_startReply && _isComplete())
         std::exchange(_startReply, nullptr)->finish(kAudioHardwareNoError);
 }
 

@@ -64,6 +64,7 @@ public:
     // -- Queries
     const std::vector<Member>& members() const noexcept { return _members; }
     const PipeWireDeviceIO::WantedTiming& wantedTiming() const noexcept override { return _wanted; }
+    bool hasStarted() const noexcept override { return !_startReply; }
     bool hasFailed() const noexcept { return _hasFailed; } ///< the start has failed: end the run
     bool isStalled(const PipeWireDevice& device) const override;
     PipeWireClockSeen clock() const noexcept override { return _clock; }
@@ -84,7 +85,7 @@ private:
     Remedy _remedy(Time now) const;
     void _retryWhenDue(Remedy remedy, Time now);
     bool _getsCycles(size_t place) const;
-    bool _hasStarted() const;
+    bool _isComplete() const;
     bool _isAnyPresent() const;
     bool _isOfOneDevice() const;
     void _reportOverload();

@@ -12,7 +12,8 @@ namespace {
 
 constexpr std::chrono::milliseconds firstRetry{5};
 constexpr std::chrono::milliseconds lastRetry{1000};
-constexpr std::chrono::milliseconds maxWaitForReply{5000};
+constexpr std::chrono::milliseconds maxWaitForReply{4000};
+constexpr std::chrono::milliseconds secondWaitForReply{1000};
 
 /// Whether an error that the core reports about itself is only the server's reply to a request, about an
 /// object that has just disappeared or that we may not use; the connection then continues. All other errors
@@ -91,6 +92,9 @@ void PipeWireSession::_wait()
 
 void PipeWireSession::_turn()
 {
+    // This process may have been stopped, or its loop busy, with the request unsent or the reply unread.
+    if (_state == State::Connected && !std::exchange(_waitsAgain, true))
+        return _timer.start(secondWaitForReply);
     if (_state == State::Connected)
         dxr::LogSink::log(
             "PipeWire: the server reads nothing from this connection any more; connecting again");
@@ -191,11 +195,13 @@ void PipeWireSession::forget(const void* owner)
     std::erase_if(_syncs, [owner](const auto& each) { return each.second.owner == owner; });
 }
 
-/// An event shows that the server runs: a reply that is due must follow soon.
+/// An event shows that the server runs: a reply that is due must follow soon. Call it after the event was
+/// handled, which may be what makes a reply due.
 void PipeWireSession::_noteEvent()
 {
     if (_state != State::Connected || _syncs.empty() || std::exchange(_waitsForReply, true))
         return;
+    _waitsAgain = false;
     _timer.start(maxWaitForReply);
 }
 
@@ -228,23 +234,26 @@ void PipeWireSession::_coreDone(void* data, uint32_t id, int sequence)
     auto* self = static_cast<PipeWireSession*>(data);
     if (id != PW_ID_CORE)
         return;
-    if (std::exchange(self->_waitsForReply, false) && self->_state == State::Connected)
+    const bool wasWaiting = std::exchange(self->_waitsForReply, false);
+    if (wasWaiting && self->_state == State::Connected)
         self->_timer.stop();
     if (auto waiting = self->_syncs.extract(sequence))
         waiting.mapped().done();
+    if (wasWaiting)
+        self->_noteEvent(); // the server may have stopped reading between two requests
 }
 
 void PipeWireSession::_global(void* data, uint32_t id, uint32_t /*permissions*/, const char* type,
                               uint32_t /*version*/, const spa_dict* properties)
 {
     auto* self = static_cast<PipeWireSession*>(data);
-    self->_noteEvent();
     self->_client.globalAppeared(id, type, PipeWireProperties(properties));
+    self->_noteEvent();
 }
 
 void PipeWireSession::_globalRemove(void* data, uint32_t id)
 {
     auto* self = static_cast<PipeWireSession*>(data);
-    self->_noteEvent();
     self->_client.globalDisappeared(id);
+    self->_noteEvent();
 }

@@ -48,7 +48,8 @@ protected:
 /// A server that hangs sends nothing, and the connection is kept. But a server may send events and read
 /// nothing any more: it waits for the client that owns an object that we have bound, such as the metadata of a
 /// session manager, and never ends that (0.3.65) if the client goes instead of replying. So if no sync() is
-/// replied to for five seconds after an event, the connection is made anew.
+/// replied to for five seconds after the registry reported an object or a removal, the connection is made
+/// anew. The last of the five is timed separately, because this process may have been stopped before it.
 ///
 /// While Waiting, it tries at once when the sockets change. While a socket exists, and while changes cannot
 /// be reported, it also tries by a timer, after 5 ms at first and then at intervals of up to a second: a
@@ -122,6 +123,7 @@ private:
     PipeWireSocketWatch _watch;
     PipeWireTimer _timer;        // runs while Waiting or Broken, and while _waitsForReply
     bool _waitsForReply = false; // an event has come since the last reply, and a reply is due
+    bool _waitsAgain = false;    // the reply is late: this is the last wait for it
     std::chrono::milliseconds _retryDelay;
     PipeWireLoop::Clock::time_point _connectedSince;
     bool _hasReported = false; // whether a failure to create the context was logged

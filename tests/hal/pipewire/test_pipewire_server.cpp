@@ -247,21 +247,31 @@ TEST(PipeWireServer, isFoundWhenThereAreDescriptorsAtLast)
 // nothing any more.
 TEST(PipeWireServer, isConnectedAnewIfItReadsNoMore)
 {
-    PrivateServer server;
-    TestClient client(server.remote()), owner(server.remote());
-    client.plug({.name = "sink"});
-    const ExportedMetadata metadata(owner);
-    EXPECT_TRUE(eventually([&] {
-        return client.idsOf(PW_TYPE_INTERFACE_Metadata, {{PW_KEY_METADATA_NAME, "default"}}).size() == 2;
-    }));
-    CXRef<HALModel> hal;
-    owner.locked([&] {
-        hal = modelOver(server);
-        EXPECT_TRUE(readDevices(*hal).empty());
-        sleepForMilliseconds(100);
-        metadata.destroy();
-    });
-    EXPECT_NE(waitForDevice(*hal, "sink"), kAudioObjectUnknown);
+    for (const bool isConnectedBefore : {false, true}) {
+        SCOPED_TRACE(isConnectedBefore);
+        PrivateServer server;
+        TestClient client(server.remote()), owner(server.remote());
+        client.plug({.name = "sink"});
+        CXRef<HALModel> hal = isConnectedBefore ? modelOver(server) : nullptr;
+        const AudioObjectID before = hal ? waitForDevice(*hal, "sink") : kAudioObjectUnknown;
+        server.hang(); // until the owner is locked
+        const ExportedMetadata metadata(owner);
+        sleepForMilliseconds(300); // until the request for the object has been sent
+        owner.locked([&] {
+            server.resume();
+            const NodeProperties defaults{{PW_KEY_METADATA_NAME, "default"}};
+            EXPECT_TRUE(
+                eventually([&] { return client.idsOf(PW_TYPE_INTERFACE_Metadata, defaults).size() == 2; }));
+            hal = hal ? hal : modelOver(server);
+            EXPECT_EQ(readDevices(*hal).empty(), !isConnectedBefore);
+            sleepForMilliseconds(100);
+            metadata.destroy(); // the only event
+        });
+        EXPECT_TRUE(eventually([&] {
+            const AudioObjectID now = deviceWithUID(*hal, "sink");
+            return now != kAudioObjectUnknown && now != before;
+        }));
+    }
 }
 
 // The server is killed during a conversation, on a machine so busy that either side is delayed at any point.
