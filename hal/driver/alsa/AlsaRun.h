@@ -54,6 +54,7 @@ private:
     void _noteCycle();
     void _noteStall(int error);
     void _noteStart(int error);
+    bool _isWorthALine(int error) const;
     bool _shallRun() const noexcept { return _request.load(std::memory_order_relaxed) == Request::Run; }
     void _wake() const noexcept;
     void _sleep(int milliseconds) const noexcept;

@@ -1,8 +1,10 @@
 // Tests the driver over faked cards, whose clocks wait for a late test.
 #include "AlsaDriver.h"
+#include "AlsaQuiet.h"
 #include "CapturedLog.h"
 #include "FakedCards.h"
 #include "HALIO.h"
+#include "HALNotifier.h"
 
 #include <cmath>
 #include <filesystem>
@@ -310,7 +312,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         FakedCards::unplug(number);
         EXPECT_TRUE(
             eventually([&] { return readDevices(*hal).empty() && FakedCards::openFiles(number) == 0; }));
-        EXPECT_TRUE(log.lines().empty());
+        EXPECT_EQ(log.lines(), std::vector<std::string>{});
     }
 }
 
@@ -369,6 +371,27 @@ TEST_F(AlsaTest, goesOnAndMeasuresTheClockAfterWhatStopsACard)
         EXPECT_TRUE(isStuck || eventually([&] { return overloads.count() > 0; }));
         EXPECT_EQ(ramp.backwards + ramp.jumps, 0U);
     }
+}
+
+TEST_F(AlsaTest, logsNothingOfACardThatWasUnplugged)
+{
+    const int number = FakedCards::plug({});
+    int error = 0;
+    const CXRef<AlsaCard> card = AlsaCard::open(number, root, error);
+    ASSERT_TRUE(card);
+    FakedCards::unplug(number);
+    const AlsaQuiet quiet;
+    const CapturedLog log;
+    HALNotifier notifier;
+    AlsaRunState state{.changed = [] {}};
+    {
+        AlsaRun run(
+            {.pcmName = "hw:0,0", .deviceName = {}, .channels = {2, 2}, .rate = 48000, .frameCount = 512},
+            card, HALIOProcTable::initWithDevice(1, notifier), state);
+        run.start(std::chrono::steady_clock::now() + std::chrono::seconds(20), AlsaRun::WhenRefused::Retry);
+        EXPECT_TRUE(eventually([&] { return state.isStalled.load(); })) << "it tries again";
+    }
+    EXPECT_EQ(log.lines(), std::vector<std::string>{});
 }
 
 TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)
