@@ -45,7 +45,7 @@ AlsaRun::~AlsaRun()
     _wake();
     _thread.join();
     close(_wakeUps);
-    _state.isOpen = _state.isStalled = false;
+    _state.isOpen = _state.isStalled = _state.isPlanned = false;
     _state.rateRatio = 1.0;
     _state.changed();
 }

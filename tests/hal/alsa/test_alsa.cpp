@@ -214,6 +214,16 @@ TEST_F(AlsaTest, doesWithoutADirectionThatCannotBeOpened)
         return FakedCards::controlOpens(last) == opens;
     })) << "it looks without end";
     FakedCards::hurry(1);
+    // The file is provided later, while the device runs.
+    const AudioObjectID late = device(std::to_string(ENOENT));
+    {
+        CycleWitness witness;
+        const RunningProc proc(*hal, late, witnessing(witness));
+        FakedCards::provideCapture(0);
+        EXPECT_TRUE(witness.waitForMore());
+        EXPECT_EQ(channelsOf(*hal, late, input), 0U) << "the run has none";
+    }
+    EXPECT_TRUE(eventually([&] { return channelsOf(*hal, late, input) == 2; }));
 }
 
 TEST_F(AlsaTest, survivesACardThatReportsNonsense)

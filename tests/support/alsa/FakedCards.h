@@ -54,6 +54,8 @@ public:
     static void unplugAll();
     /// `isThere` false clears a lasting fault.
     static void set(int card, FakedFault fault, bool isThere = true);
+    /// Ends captureError. The file of the capture PCM appears in /dev/snd.
+    static void provideCapture(int card);
     /// Sets a control as another program would.
     static void setControl(int card, unsigned number, long left, long right);
     /// Sends an event of a control, with alsa-lib's SND_CTL_EVENT_MASK_*. The card may lack the control.
