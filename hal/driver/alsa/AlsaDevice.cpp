@@ -82,7 +82,8 @@ bool AlsaDevice::_probe(bool isLast)
         int error = 0;
         auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
         const bool isShort = alsaIsShortage(error, _card->pcmFile(_pcm.number, direction));
-        const bool isAbsent = isLast && isShort && alsaIsAbsence(error) && _abilities[place ^ 1U];
+        const bool isAbsent =
+            isLast && isShort && alsaIsAbsence(error) && !_abilities[place] && _abilities[place ^ 1U];
         const bool hasNoFile = !isShort && alsaIsAbsence(error); // yet: a container may be given it later
         _isShort = _isShort || (isShort && !isAbsent);
         // Probed again only if it could not be opened for now, because probing opens the device.

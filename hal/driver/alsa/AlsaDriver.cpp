@@ -164,6 +164,7 @@ void AlsaDriver::_openCard(int number)
     }
     for (const AlsaPcmInfo& pcm : entry.card->pcms())
         entry.devices.push_back(AlsaDevice::init(entry.card, pcm, _periodCount, *_sink, [this] { _wake(); }));
+    _looks = 0; // each card has its minute, even if no event announces it because the folder is not watched
     const std::scoped_lock lock(_mutex);
     _cards.emplace(number, std::move(entry));
 }

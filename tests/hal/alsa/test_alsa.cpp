@@ -9,6 +9,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <sys/resource.h>
 #include <unistd.h>
 
 // alsa-lib keeps the list of controls if it cannot load one of them.
@@ -224,6 +225,26 @@ TEST_F(AlsaTest, doesWithoutADirectionThatCannotBeOpened)
         EXPECT_EQ(channelsOf(*hal, late, input), 0U) << "the run has none";
     }
     EXPECT_TRUE(eventually([&] { return channelsOf(*hal, late, input) == 2; }));
+}
+
+TEST_F(AlsaTest, givesEachCardItsMinuteWhileTheFolderCannotBeWatched)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const CXRef<AlsaDriver> blind = AlsaDriver::init(3, root);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    FakedCards::hurry(100);
+    FakedCards::plug({.longName = "first", .captureError = ENODEV});
+    hal = HALModel::initWithDriver(blind);
+    device("first"); // after a minute
+    FakedCards::hurry(10);
+    const int number = FakedCards::plug({.longName = "second", .captureError = ENODEV});
+    sleepForMilliseconds(200); // four looks
+    FakedCards::provideCapture(number);
+    EXPECT_EQ(channelsOf(*hal, device("second"), input), 2U);
+    FakedCards::hurry(1);
 }
 
 TEST_F(AlsaTest, survivesACardThatReportsNonsense)
