@@ -49,6 +49,12 @@ HALDeviceState AlsaDevice::state() const
     return _state;
 }
 
+bool AlsaDevice::isShortOf(std::string_view file) const
+{
+    const std::scoped_lock lock(_stateMutex);
+    return std::ranges::find(_shortFiles, file) != _shortFiles.end();
+}
+
 bool AlsaDevice::refresh(bool isLast)
 {
     const AlsaQuiet quiet;
@@ -86,6 +92,7 @@ bool AlsaDevice::_probe(bool isLast)
             isLast && isShort && alsaIsAbsence(error) && !_abilities[place] && _abilities[place ^ 1U];
         const bool hasNoFile = !isShort && alsaIsAbsence(error); // yet: a container may be given it later
         _isShort = _isShort || (isShort && !isAbsent);
+        _shortFiles[place] = isShort ? _card->pcmFile(_pcm.number, direction) : "";
         // Probed again only if it could not be opened for now, because probing opens the device.
         _isProbed[place] =
             isAbsent || (error != -EBUSY && error != -EAGAIN && error != -EACCES && !isShort && !hasNoFile);

@@ -20,6 +20,8 @@ public:
     /// false if it must be called again soon without an event, because descriptors or memory had run out.
     /// `isLast`: it will not be; a direction that still seems absent is taken to be so if the other is known.
     bool refresh(bool isLast = false);
+    /// Whether `file` is of a direction for which the last search had run out of descriptors or memory.
+    bool isShortOf(std::string_view file) const;
     /// Ends IO and reporting. Returns whether the device was added.
     bool detach();
     /// The state reported last; without streams before the device is added.
@@ -71,5 +73,6 @@ private:
     HALDeviceState _state;
     HALDriverSink* _sink; // null after detach()
     bool _isAdded = false;
-    bool _isShort = false; // see refresh()
+    bool _isShort = false;                  // see refresh()
+    std::array<std::string, 2> _shortFiles; // by HALDirection; see isShortOf()
 };

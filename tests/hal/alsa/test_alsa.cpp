@@ -198,8 +198,9 @@ TEST_F(AlsaTest, looksAgainAfterItWasOutOfDescriptors)
 
 TEST_F(AlsaTest, doesWithoutADirectionThatCannotBeOpened)
 {
-    // As in a container that was given the playback file alone; as some drivers answer; as without descriptors.
-    const int errors[] = {ENOENT, ENODEV, EMFILE};
+    // As in a container that was given the playback file alone; as some drivers answer; as without
+    // descriptors; as without memory.
+    const int errors[] = {ENOENT, ENODEV, EMFILE, ENOMEM};
     int last = 0;
     FakedCards::hurry(100); // the driver looks again for 0.6 s
     for (const int error : errors)

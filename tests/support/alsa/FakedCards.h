@@ -30,7 +30,8 @@ struct FakedCardOptions {
     bool isBusy = false; ///< starts with FakedFault::Busy
     /// How many of the first opens of the control device, and of PCMs, fail as if out of descriptors.
     std::array<unsigned, 2> failedOpens{};
-    /// The errno of every open of a capture PCM; ENOENT: the PCM is listed, but its file is absent.
+    /// The errno of every open of a capture PCM; ENOENT: the PCM is listed, but its file is absent;
+    /// ENOMEM: the PCM is opened, but then fails.
     int captureError = 0;
     unsigned minPeriod = 16, maxBuffer = 65536; ///< frames
     double partsPerMillion = 0.0;               ///< clock error; positive: fast
