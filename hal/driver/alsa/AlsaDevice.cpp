@@ -8,9 +8,6 @@
 
 namespace {
 
-constexpr uint32_t usualRate = 48000; // Hz
-constexpr uint32_t usualFrames = 512;
-
 HALStatus statusOf(int error)
 {
     if (error == 0)
@@ -52,6 +49,12 @@ HALDeviceState AlsaDevice::state() const
     return _state;
 }
 
+bool AlsaDevice::isShortOf(std::string_view file) const
+{
+    const std::scoped_lock lock(_stateMutex);
+    return std::ranges::find(_shortFiles, file) != _shortFiles.end();
+}
+
 bool AlsaDevice::refresh(bool isLast)
 {
     const AlsaQuiet quiet;
@@ -62,9 +65,9 @@ bool AlsaDevice::refresh(bool isLast)
     HALDeviceState now = _state;
     _describe(*cardName, now);
     _readControls(now);
-    _setSafetyOffset(now);
     if (now.sampleRates.empty()) // the directions have no common rate
         return !_isShort;
+    _fit(now);
     if (!_isAdded)
         _add(std::move(now));
     else if (!(now == _state))
@@ -79,21 +82,27 @@ bool AlsaDevice::_probe(bool isLast)
     _isShort = false;
     for (const HALDirection direction : halDirections) {
         const auto place = static_cast<size_t>(direction);
-        if (_isProbed[place])
+        // A run keeps its directions: an absent one that appears meanwhile is added after it.
+        if (_isProbed[place] || (!_abilities[place] && _runState.isPlanned))
             continue;
         int error = 0;
         auto can = AlsaPcm::probe(_card->pcmName(_pcm.number), direction, error);
-        const bool isAbsent = isLast && alsaIsAbsence(error) && _abilities[place ^ 1U];
-        const bool isShort = !isAbsent && alsaIsShortage(error, _card->pcmFile(_pcm.number, direction));
+        const bool isShort = alsaIsShortage(error, _card->pcmFile(_pcm.number, direction));
+        const bool isAbsent =
+            isLast && isShort && alsaIsAbsence(error) && !_abilities[place] && _abilities[place ^ 1U];
+        const bool hasNoFile = !isShort && alsaIsAbsence(error); // yet: a container may be given it later
+        _isShort = _isShort || (isShort && !isAbsent);
+        _shortFiles[place] = isShort ? _card->pcmFile(_pcm.number, direction) : "";
         // Probed again only if it could not be opened for now, because probing opens the device.
-        _isShort = _isShort || isShort;
-        _isProbed[place] = error != -EBUSY && error != -EAGAIN && error != -EACCES && !isShort;
+        _isProbed[place] =
+            isAbsent || (error != -EBUSY && error != -EAGAIN && error != -EACCES && !isShort && !hasNoFile);
         if (!_isProbed[place])
-            can = _abilities[place] ? _abilities[place] : _card->abilitiesInUse(_pcm.number, direction);
+            can = _abilities[place] || hasNoFile ? _abilities[place]
+                                                 : _card->abilitiesInUse(_pcm.number, direction);
         _abilities[place] = std::move(can);
-        isKnown = isKnown && (_isProbed[place] || _abilities[place]);
+        isKnown = isKnown && (_isProbed[place] || hasNoFile || _abilities[place]);
     }
-    return isKnown && (_abilities[0] || _abilities[1]);
+    return _isAdded || (isKnown && (_abilities[0] || _abilities[1]));
 }
 
 /// Updates everything in `state` that may have changed, except controls. _stateMutex is held.
@@ -144,6 +153,17 @@ void AlsaDevice::_setSafetyOffset(HALDeviceState& state) const
             (can->periodCount(_periodCount, frames) - 2) * frames;
 }
 
+/// Keeps the rate and the frames per cycle as far as the directions allow. _stateMutex is held.
+void AlsaDevice::_fit(HALDeviceState& state) const
+{
+    if (!state.canSampleRate(state.nominalSampleRate))
+        state.nominalSampleRate = state.sampleRates.back().maximum;
+    state.bufferFrameSize =
+        std::clamp(state.bufferFrameSize, static_cast<uint32_t>(state.bufferFrameSizeRange.minimum),
+                   static_cast<uint32_t>(state.bufferFrameSizeRange.maximum));
+    _setSafetyOffset(state);
+}
+
 /// _stateMutex is held.
 void AlsaDevice::_add(HALDeviceState state)
 {
@@ -153,11 +173,6 @@ void AlsaDevice::_add(HALDeviceState state)
     state.modelUID = identity.modelUID;
     state.transportType = isScreen(_pcm) ? kAudioDeviceTransportTypeHDMI : identity.transportType;
     state.clockDomain = static_cast<uint32_t>(_card->number) + 1;
-    if (!state.canSampleRate(usualRate))
-        state.nominalSampleRate = state.sampleRates.back().maximum;
-    state.bufferFrameSize = std::clamp(usualFrames, static_cast<uint32_t>(state.bufferFrameSizeRange.minimum),
-                                       static_cast<uint32_t>(state.bufferFrameSizeRange.maximum));
-    _setSafetyOffset(state);
     AudioObjectID deviceID = _sink->deviceAdded(CXRef<AlsaDevice>(this), state);
     if (deviceID == kAudioObjectUnknown) { // another unit with the same serial number
         state.uid += "@" + identity.place;
@@ -204,6 +219,7 @@ void AlsaDevice::stopIO()
 HALStatus AlsaDevice::_start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused)
 {
     const AlsaQuiet quiet;
+    _runState.isPlanned = true; // before the state is read
     const HALDeviceState now = state();
     const AlsaSetup setup{
         .pcmName = _card->pcmName(_pcm.number),

@@ -15,10 +15,13 @@ public:
                                   HALDriverSink& sink, std::function<void()> wake);
 
     /// Reports the device's current state. The device is added once its abilities are known, by probing it or
-    /// from its use by another program. A device that was in use is probed again later. Returns
+    /// from its use by another program. A device that was in use is probed again later, and so is a direction
+    /// whose file is absent; the device does without it until then, and to the end of its IO. Returns
     /// false if it must be called again soon without an event, because descriptors or memory had run out.
     /// `isLast`: it will not be; a direction that still seems absent is taken to be so if the other is known.
     bool refresh(bool isLast = false);
+    /// Whether `file` is of a direction for which the last search had run out of descriptors or memory.
+    bool isShortOf(std::string_view file) const;
     /// Ends IO and reporting. Returns whether the device was added.
     bool detach();
     /// The state reported last; without streams before the device is added.
@@ -44,6 +47,7 @@ private:
     void _describe(const std::string& cardName, HALDeviceState& state) const;
     void _readControls(HALDeviceState& state);
     void _setSafetyOffset(HALDeviceState& state) const;
+    void _fit(HALDeviceState& state) const;
     void _add(HALDeviceState state);
     HALStatus _retime(double rate, uint32_t frameCount, HALDeadline deadline);
     HALStatus _start(HALDeadline deadline, AlsaRun::WhenRefused whenRefused);
@@ -69,5 +73,6 @@ private:
     HALDeviceState _state;
     HALDriverSink* _sink; // null after detach()
     bool _isAdded = false;
-    bool _isShort = false; // see refresh()
+    bool _isShort = false;                  // see refresh()
+    std::array<std::string, 2> _shortFiles; // by HALDirection; see isShortOf()
 };

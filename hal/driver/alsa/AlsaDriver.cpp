@@ -139,7 +139,8 @@ bool AlsaDriver::_readFolder(std::set<int>& numbers)
             std::memcpy(&event, at, sizeof event);
             const char* const name = event.len > 0 ? at + sizeof event : "";
             int number = -1;
-            hasChanged = hasChanged || (event.mask & cardIsUsed) == 0 || std::strncmp(name, "pcm", 3) == 0;
+            hasChanged = hasChanged || (event.mask & cardIsUsed) == 0 ||
+                         (std::strncmp(name, "pcm", 3) == 0 && !_isOwnSearch(name));
             if ((event.mask & IN_Q_OVERFLOW) != 0 ||
                 (event.wd == _devWatch && std::strcmp(name, "snd") == 0)) {
                 addAll();
@@ -149,6 +150,16 @@ bool AlsaDriver::_readFolder(std::set<int>& numbers)
         }
     }
     return hasChanged;
+}
+
+/// Whether a PCM may have been opened and closed by our own search, which then ran out of memory. The next
+/// search is at its time: at once, it would cause the next event.
+bool AlsaDriver::_isOwnSearch(std::string_view file) const
+{
+    return std::ranges::any_of(_cards, [file](const auto& card) {
+        return std::ranges::any_of(card.second.devices,
+                                   [file](const auto& device) { return device->isShortOf(file); });
+    });
 }
 
 void AlsaDriver::_openCard(int number)
@@ -164,6 +175,7 @@ void AlsaDriver::_openCard(int number)
     }
     for (const AlsaPcmInfo& pcm : entry.card->pcms())
         entry.devices.push_back(AlsaDevice::init(entry.card, pcm, _periodCount, *_sink, [this] { _wake(); }));
+    _looks = 0; // each card has its minute, even if no event announces it because the folder is not watched
     const std::scoped_lock lock(_mutex);
     _cards.emplace(number, std::move(entry));
 }

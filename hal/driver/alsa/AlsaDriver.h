@@ -36,6 +36,7 @@ private:
     void _wake() const noexcept;
     void _watchFolder();
     bool _readFolder(std::set<int>& numbers);
+    bool _isOwnSearch(std::string_view file) const;
     void _openCard(int number);
     void _dropCardsThatAreGone();
     void _refresh();

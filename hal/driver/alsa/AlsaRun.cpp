@@ -45,7 +45,7 @@ AlsaRun::~AlsaRun()
     _wake();
     _thread.join();
     close(_wakeUps);
-    _state.isOpen = _state.isStalled = false;
+    _state.isOpen = _state.isStalled = _state.isPlanned = false;
     _state.rateRatio = 1.0;
     _state.changed();
 }
@@ -63,7 +63,7 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
     std::unique_lock lock(_mutex);
     const bool isSettled = _settled.wait_until(lock, deadline, [this] { return _startError.has_value(); });
     const int error = isSettled ? *_startError : -ETIMEDOUT;
-    if (error && error != -ENODEV)
+    if (error && _isWorthALine(error))
         dxr::LogSink::log("cannot start audio device '" + dxr::printableText(_setup.deviceName) +
                           "': " + snd_strerror(error));
     return error ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
@@ -261,12 +261,19 @@ void AlsaRun::_noteCycle()
 
 void AlsaRun::_noteStall(int error)
 {
-    if (_request != Request::Yield && error != -ENODEV && !std::exchange(_isLogged, true))
+    if (_request != Request::Yield && _isWorthALine(error) && !std::exchange(_isLogged, true))
         dxr::LogSink::log("audio device '" + dxr::printableText(_setup.deviceName) +
                           "' stopped delivering audio (" + snd_strerror(error) + "); trying again");
     _state.timeline.interrupt();
     _state.isStalled = true;
     _state.changed();
+}
+
+/// A card that was unplugged is no fault. Opening it again, before its removal is noticed, may fail with any
+/// error, so the card is asked.
+bool AlsaRun::_isWorthALine(int error) const
+{
+    return error != -ENODEV && _card->name();
 }
 
 void AlsaRun::_noteStart(int error)

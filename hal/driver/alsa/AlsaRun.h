@@ -13,6 +13,8 @@
 /// The state that a device keeps between runs, and the state that a run reports.
 struct AlsaRunState {
     AlsaTimeline timeline{}; ///< used by the run while there is one
+    /// From before the directions of a run are chosen until it ends; set by AlsaDevice, cleared by the run.
+    std::atomic<bool> isPlanned{false};
     // Written by the IO thread, read by AlsaDevice::refresh(); independent of each other. `changed` is called
     // afterwards, on the IO thread between cycles or at the end of the run; it does not wait.
     std::atomic<bool> isOpen{false};    ///< from before the device is opened until it is closed
@@ -54,6 +56,7 @@ private:
     void _noteCycle();
     void _noteStall(int error);
     void _noteStart(int error);
+    bool _isWorthALine(int error) const;
     bool _shallRun() const noexcept { return _request.load(std::memory_order_relaxed) == Request::Run; }
     void _wake() const noexcept;
     void _sleep(int milliseconds) const noexcept;

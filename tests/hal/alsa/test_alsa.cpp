@@ -1,12 +1,15 @@
 // Tests the driver over faked cards, whose clocks wait for a late test.
 #include "AlsaDriver.h"
+#include "AlsaQuiet.h"
 #include "CapturedLog.h"
 #include "FakedCards.h"
 #include "HALIO.h"
+#include "HALNotifier.h"
 
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <sys/resource.h>
 #include <unistd.h>
 
 // alsa-lib keeps the list of controls if it cannot load one of them.
@@ -195,8 +198,9 @@ TEST_F(AlsaTest, looksAgainAfterItWasOutOfDescriptors)
 
 TEST_F(AlsaTest, doesWithoutADirectionThatCannotBeOpened)
 {
-    // As in a container that was given the playback file alone; as some drivers answer; as without descriptors.
-    const int errors[] = {ENOENT, ENODEV, EMFILE};
+    // As in a container that was given the playback file alone; as some drivers answer; as without
+    // descriptors; as without memory.
+    const int errors[] = {ENOENT, ENODEV, EMFILE, ENOMEM};
     int last = 0;
     FakedCards::hurry(100); // the driver looks again for 0.6 s
     for (const int error : errors)
@@ -211,6 +215,36 @@ TEST_F(AlsaTest, doesWithoutADirectionThatCannotBeOpened)
         sleepForMilliseconds(100);
         return FakedCards::controlOpens(last) == opens;
     })) << "it looks without end";
+    FakedCards::hurry(1);
+    // The file is provided later, while the device runs.
+    const AudioObjectID late = device(std::to_string(ENOENT));
+    {
+        CycleWitness witness;
+        const RunningProc proc(*hal, late, witnessing(witness));
+        FakedCards::provideCapture(0);
+        EXPECT_TRUE(witness.waitForMore());
+        EXPECT_EQ(channelsOf(*hal, late, input), 0U) << "the run has none";
+    }
+    EXPECT_TRUE(eventually([&] { return channelsOf(*hal, late, input) == 2; }));
+}
+
+TEST_F(AlsaTest, givesEachCardItsMinuteWhileTheFolderCannotBeWatched)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const CXRef<AlsaDriver> blind = AlsaDriver::init(3, root);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    FakedCards::hurry(100);
+    FakedCards::plug({.longName = "first", .captureError = ENODEV});
+    hal = HALModel::initWithDriver(blind);
+    device("first"); // after a minute
+    FakedCards::hurry(10);
+    const int number = FakedCards::plug({.longName = "second", .captureError = ENODEV});
+    sleepForMilliseconds(200); // four looks
+    FakedCards::provideCapture(number);
+    EXPECT_EQ(channelsOf(*hal, device("second"), input), 2U);
     FakedCards::hurry(1);
 }
 
@@ -310,7 +344,7 @@ TEST_F(AlsaTest, playsAndRecordsExactlyOnEveryKindOfCard)
         FakedCards::unplug(number);
         EXPECT_TRUE(
             eventually([&] { return readDevices(*hal).empty() && FakedCards::openFiles(number) == 0; }));
-        EXPECT_TRUE(log.lines().empty());
+        EXPECT_EQ(log.lines(), std::vector<std::string>{});
     }
 }
 
@@ -369,6 +403,27 @@ TEST_F(AlsaTest, goesOnAndMeasuresTheClockAfterWhatStopsACard)
         EXPECT_TRUE(isStuck || eventually([&] { return overloads.count() > 0; }));
         EXPECT_EQ(ramp.backwards + ramp.jumps, 0U);
     }
+}
+
+TEST_F(AlsaTest, logsNothingOfACardThatWasUnplugged)
+{
+    const int number = FakedCards::plug({});
+    int error = 0;
+    const CXRef<AlsaCard> card = AlsaCard::open(number, root, error);
+    ASSERT_TRUE(card);
+    FakedCards::unplug(number);
+    const AlsaQuiet quiet;
+    const CapturedLog log;
+    HALNotifier notifier;
+    AlsaRunState state{.changed = [] {}};
+    {
+        AlsaRun run(
+            {.pcmName = "hw:0,0", .deviceName = {}, .channels = {2, 2}, .rate = 48000, .frameCount = 512},
+            card, HALIOProcTable::initWithDevice(1, notifier), state);
+        run.start(std::chrono::steady_clock::now() + std::chrono::seconds(20), AlsaRun::WhenRefused::Retry);
+        EXPECT_TRUE(eventually([&] { return state.isStalled.load(); })) << "it tries again";
+    }
+    EXPECT_EQ(log.lines(), std::vector<std::string>{});
 }
 
 TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)

@@ -30,7 +30,8 @@ struct FakedCardOptions {
     bool isBusy = false; ///< starts with FakedFault::Busy
     /// How many of the first opens of the control device, and of PCMs, fail as if out of descriptors.
     std::array<unsigned, 2> failedOpens{};
-    /// The errno of every open of a capture PCM; ENOENT: the PCM is listed, but its file is absent.
+    /// The errno of every open of a capture PCM; ENOENT: the PCM is listed, but its file is absent;
+    /// ENOMEM: the PCM is opened, but then fails.
     int captureError = 0;
     unsigned minPeriod = 16, maxBuffer = 65536; ///< frames
     double partsPerMillion = 0.0;               ///< clock error; positive: fast
@@ -54,6 +55,8 @@ public:
     static void unplugAll();
     /// `isThere` false clears a lasting fault.
     static void set(int card, FakedFault fault, bool isThere = true);
+    /// Ends captureError. The file of the capture PCM appears in /dev/snd.
+    static void provideCapture(int card);
     /// Sets a control as another program would.
     static void setControl(int card, unsigned number, long left, long right);
     /// Sends an event of a control, with alsa-lib's SND_CTL_EVENT_MASK_*. The card may lack the control.

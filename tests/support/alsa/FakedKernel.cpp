@@ -97,6 +97,13 @@ void FakedCards::set(int number, FakedFault fault, bool isThere)
         utimensat(AT_FDCWD, controlFile(number).c_str(), nullptr, 0); // as udev changes its attributes
 }
 
+void FakedCards::provideCapture(int number)
+{
+    const Guard guard(kernel().lock);
+    kernel().cards.at(number)->options.captureError = 0;
+    useFile(kernel().folder + "/pcmC" + std::to_string(number) + "D0c");
+}
+
 void FakedCards::setControl(int number, unsigned control, long left, long right)
 {
     const Guard guard(kernel().lock);

@@ -68,7 +68,7 @@ int openCard(const char* path)
     if (const int error = find(path, file))
         return error;
     const auto& [card, number, isControl, isCapture, pcm] = file;
-    if (isCapture && card->options.captureError)
+    if (isCapture && card->options.captureError && card->options.captureError != ENOMEM)
         return -card->options.captureError;
     if (unsigned& failures = card->options.failedOpens.at(isControl ? 0 : 1); failures > 0) {
         --failures;
@@ -85,8 +85,11 @@ int openCard(const char* path)
         ++card->controlOpens;
         const std::string watched = kernel().folder + "/controlC" + std::to_string(number);
         FakedLibrary::close(FakedLibrary::open(watched.c_str(), O_RDONLY | O_CLOEXEC, 0));
-    } else
+    } else {
+        const std::string watched = kernel().folder + (path + std::strlen("/dev/snd"));
+        FakedLibrary::close(FakedLibrary::open(watched.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0660));
         kernel().pcms[descriptor] = std::make_unique<FakedPcm>(card, pcm, isCapture, descriptor);
+    }
     return descriptor;
 }
 

@@ -279,6 +279,8 @@ int FakedPcm::ioctl(unsigned long request, void* argument)
     case SNDRV_PCM_IOCTL_HW_FREE:
         return 0;
     case SNDRV_PCM_IOCTL_HW_REFINE:
+        if (isCapture && card->options.captureError == ENOMEM)
+            return -ENOMEM;
         return _refine(*static_cast<snd_pcm_hw_params*>(argument));
     case SNDRV_PCM_IOCTL_HW_PARAMS:
         return _setParameters(*static_cast<snd_pcm_hw_params*>(argument));
