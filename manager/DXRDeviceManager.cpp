@@ -1,8 +1,7 @@
 #include "DXRDeviceManager.h"
 
 #include "CXErrorAdditions.h"
-#include "CXJSON.h"
-#include "CXPlistAdditions.h"
+#include "DXRDeviceArchive.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceInfoList.h"
 #include "DXRDeviceManagerPrivate.h"
@@ -15,13 +14,10 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <string_view>
 #include <system_error>
 
 namespace {
 
-constexpr std::string_view archivePrefix = "DXRDevice:";
 constexpr std::array bothDirections{true, false}; // input first
 
 // After a failed read, the update is repeated with growing delays; after the last one, at the next change.
@@ -257,35 +253,19 @@ DXRDeviceManager::devicesWithReference(const std::optional<std::string>& referen
 
 CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> archive)
 {
-    const std::string_view text(reinterpret_cast<const char*>(archive.data()), archive.size());
-    if (!text.starts_with(archivePrefix))
+    const std::optional<CXPlist> dictionary = DXRDeviceArchive::dictionaryIn(archive);
+    if (!dictionary)
         return nullptr;
-    const std::string_view json = text.substr(archivePrefix.size());
-    if (!json.starts_with('{') || !json.ends_with('}'))
-        return nullptr;
-    const std::optional<CXPlist> parsed = CXPlistWithJSON(json);
-    if (!parsed)
-        return nullptr;
-    const CXPlist version = vtObjectForKey(*parsed, "vn", CXPlistKind::Number);
-    const CXPlist referenceText = vtObjectForKey(*parsed, "ref", CXPlistKind::String);
-    if (version.is_null() || CXDoubleValue(version) != 1.0 || referenceText.is_null())
-        return nullptr;
-    const ParsedReference wanted = parsedReference(referenceText.get_ref<const std::string&>());
-    if (!wanted.whole)
-        return nullptr;
+    const ParsedReference wanted = parsedReference(DXRDeviceArchive(*dictionary).string("ref"));
     CXRef<DXRDevice> device;
-    lock().execute([&] { device = _deviceWithReference(wanted.whole, wanted.isInput, &*parsed); });
+    if (wanted.whole)
+        lock().execute([&] { device = _deviceWithReference(wanted.whole, wanted.isInput, &*dictionary); });
     return device;
 }
 
 std::optional<std::vector<std::byte>> DXRDeviceManager::archiveForDevice(const CXRef<DXRDevice>& device)
 {
-    if (!device)
-        return std::nullopt;
-    const std::string text = std::string(archivePrefix) + CXJSONWithPlist(device->archive());
-    std::vector<std::byte> archive(text.size());
-    std::memcpy(archive.data(), text.data(), text.size());
-    return archive;
+    return device ? std::optional(DXRDeviceArchive::bytesOf(device->archive())) : std::nullopt;
 }
 
 CXRef<DXRDevice> DXRDeviceManager::_deviceWithReference(const CXRef<DXRDeviceReference>& reference,
