@@ -19,6 +19,12 @@ bool DXRDeviceInfo::identify(AudioObjectID forDeviceID)
     return wasIncomplete && !_isIncomplete;
 }
 
+bool DXRDeviceInfo::isIncomplete() const noexcept
+{
+    const bool couldBeGeneric = _description.transportType == 0 || (_current && _current->isGeneric());
+    return _isIncomplete && couldBeGeneric; // otherwise it consists of the unique ID
+}
+
 void DXRDeviceInfo::adoptIdentityOf(DXRDeviceInfo& other)
 {
     _identifiedID = other._identifiedID;

@@ -34,6 +34,8 @@ public:
     {
         return _directed[isInput ? 0 : 1];
     }
+    /// Whether a value of the reference is missing because it could not be read.
+    bool isIncomplete() const noexcept;
     /// Takes over the description, the references and the listener of `other`.
     void adoptIdentityOf(DXRDeviceInfo& other);
 

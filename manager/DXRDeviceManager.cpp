@@ -493,7 +493,9 @@ void DXRDeviceManager::_meet(AudioObjectID deviceID, Changes& changes)
     info->deviceID = deviceID;
     _updateDevicePropertyListeners(*info); // before its streams are read, so that no change is missed
     info->identify(deviceID);
-    if (info->currentReference())
+    // An incomplete reference would not find the known object of the device, or its settings. The read is
+    // repeated soon; the last repetition adds the device as it is.
+    if (info->currentReference() && (!info->isIncomplete() || _retries >= maximumRetries))
         changes.fresh.push_back(info);
 }
 
