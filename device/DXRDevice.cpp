@@ -212,7 +212,9 @@ bool DXRDevice::_updateDisplayName(std::optional<std::string>& field, const std:
 
 bool DXRDevice::_confirmGenericChannelCounts() const
 {
-    return !_locked([&] { return _reference->isGeneric(); }) || channelCount() == _hardware().channelCount();
+    const DXRReadCheck reads;
+    return !_locked([&] { return _reference->isGeneric(); }) ||
+           channelCount() == _hardware().channelCount() || reads.hasFailed();
 }
 
 // ---- Queries

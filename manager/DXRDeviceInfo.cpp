@@ -6,7 +6,8 @@ bool DXRDeviceInfo::identify(AudioObjectID forDeviceID)
 {
     const DXRReadCheck reads;
     DXRDeviceDescription description = DXRDeviceDescription::ofDevice(forDeviceID);
-    if (_current && !_isIncomplete && forDeviceID == _identifiedID && description == _description)
+    const bool isKnown = _current && !_isIncomplete && forDeviceID == _identifiedID;
+    if (isKnown && (description == _description || reads.hasFailed()))
         return false;
     const bool wasIncomplete = std::exchange(_isIncomplete, reads.hasFailed());
     _identifiedID = forDeviceID;

@@ -375,7 +375,7 @@ bool DXRDeviceManager::_adoptIfHidden(const std::optional<std::string>& deviceUI
     const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(deviceUID);
     if (deviceID == kAudioObjectUnknown || !QDLAudioDeviceIsHidden(deviceID))
         return false;
-    const bool isNew = lock().execond([&] { return _hiddenDeviceUIDs.insert(*deviceUID).second; });
+    const bool isNew = lock().execond([&] { return _hiddenDevices.emplace(*deviceUID, deviceID).second; });
     if (!isNew && queue().isCurrent())
         return false; // already in the list, or added by the update in progress
     CX_ASSERT(!queue().isCurrent());
@@ -393,12 +393,19 @@ void DXRDeviceManager::deviceWasUpdated(const CXRef<DXRDevice>& device)
 
 // ---- The update
 
-std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
+std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList()
 {
+    const DXRReadCheck listRead;
     uint32_t count = 0;
     AudioObjectID* const list = QDLAudioDeviceIDList(&count);
     std::vector<AudioObjectID> ids(list, list + count);
     std::free(list);
+    if (listRead.hasFailed()) { // the listed devices stay, and the read is repeated until it succeeds
+        ids.clear();
+        for (const auto& [deviceID, info] : _connectedDevicesByID->infos())
+            ids.push_back(info->deviceID);
+        _retries = std::min(_retries, maximumRetries - 1);
+    }
     static const CXRef<DXRPropertyAddress>* const hidden = new CXRef(DXRPropertyAddress::deviceIsHidden());
     std::erase_if(ids, [this](AudioObjectID deviceID) {
         const DXRReadCheck read;
@@ -408,8 +415,12 @@ std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
         // The read is repeated soon. Until then, a listed device stays and another one is not added.
         return read.hasFailed() && !_connectedDevicesByID->at(deviceID);
     });
-    for (const std::string& uid : _hiddenDeviceUIDs) {
-        if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(uid))
+    for (auto& [uid, deviceID] : _hiddenDevices) {
+        const DXRReadCheck read;
+        const AudioObjectID now = QDLAudioDeviceIDFromUID(uid);
+        if (!read.hasFailed())
+            deviceID = now;
+        if (deviceID != kAudioObjectUnknown)
             ids.push_back(deviceID);
     }
     std::ranges::sort(ids);

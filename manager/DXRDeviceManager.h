@@ -112,7 +112,7 @@ private:
     void _devicesChanged() { _updateDeviceList(false); }
     void _defaultDevicesChanged();
 
-    std::vector<AudioObjectID> _deviceIDList() const;
+    std::vector<AudioObjectID> _deviceIDList();
     void _updateDeviceList(bool updateDefaults);
     void _updateConnected(std::span<const AudioObjectID> ids, Changes& changes);
     bool _keep(DXRDeviceInfo& info, Changes& changes);
@@ -147,7 +147,7 @@ private:
     std::vector<CXRef<DXRDeviceManagerNotifier>> _notifiers;
     const std::unique_ptr<DXRDeviceInfoList> _archivedDevices; // in the order of their disappearance
     const std::unique_ptr<DXRDeviceInfoList> _connectedDevicesByID;
-    std::set<std::string> _hiddenDeviceUIDs; // adopted
+    std::map<std::string, AudioObjectID> _hiddenDevices; // adopted; by UID, with the ID as last read
     Devices _updatedDevices;
     CXRef<DXRPropertyListener> _devicesChangedListener;
     std::array<CXRef<DXRPropertyListener>, 3> _defaultDevicesChangedListeners;

@@ -130,4 +130,20 @@ TEST_F(DXRDeviceFaults, knowsADeviceThatItCouldNotReadAtFirst)
     }
 }
 
+TEST_F(DXRDeviceFaults, disconnectsNoDeviceThatItCannotRead)
+{
+    plug(card("a"));
+    plug(monitor("1:2"));
+    plug(aDevice().uid("shy").hidden().outputs(2));
+    ASSERT_TRUE(device("shy", output));
+    changesSinceLast();
+    for (uint64_t nth = 1; nth <= 60; ++nth) {
+        hal.failReads(kAudioObjectPropertySelectorWildcard, nth, 1, kAudioHardwareUnspecifiedError);
+        manager.setNeedsDevicesUpdate(true);
+        settle();
+        const Changes changes = changesSinceLast();
+        EXPECT_TRUE(changes.connected.empty() && changes.disconnected.empty()) << "read " << nth;
+    }
+}
+
 } // namespace
