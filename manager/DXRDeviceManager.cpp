@@ -93,7 +93,11 @@ CXRef<DXRDeviceManager> DXRNewDeviceManager()
 {
     CX_ASSERT(!DXRDeviceManager::queue().isCurrent());
     CXRef<DXRDeviceManager> manager = CXRef<DXRDeviceManager>::adopt(new DXRDeviceManager);
-    DXRDeviceManager::queue().sync([&] { manager->_start(); });
+    bool isFollowing = false;
+    DXRDeviceManager::queue().sync([&] { isFollowing = manager->_start(); });
+    if (!isFollowing) // it would never notice a device; the next one made may
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
+                                "cannot follow the audio hardware");
     return manager;
 }
 
@@ -119,29 +123,31 @@ DXRDeviceManager::DXRDeviceManager()
 
 DXRDeviceManager::~DXRDeviceManager() = default;
 
-void DXRDeviceManager::_start()
+bool DXRDeviceManager::_start()
 {
-    lock().execute([&] {
+    const bool isFollowing = lock().execond([&] {
         _devicesChangedListener =
             _listener(kAudioHardwarePropertyDevices, &DXRDeviceManager::_devicesChanged);
         for (size_t i = 0; i < defaults.size(); ++i)
             _defaultDevicesChangedListeners[i] =
                 _listener(defaults[i].selector, &DXRDeviceManager::_defaultDevicesChanged);
+        return _devicesChangedListener->start() &&
+               std::ranges::all_of(_defaultDevicesChangedListeners, [](auto& each) { return each->start(); });
     });
-    _updateDeviceList(true);
+    if (isFollowing)
+        _updateDeviceList(true);
+    return isFollowing;
 }
 
 CXRef<DXRPropertyListener> DXRDeviceManager::_listener(uint32_t selector, void (DXRDeviceManager::*changed)())
 {
     const AudioObjectPropertyAddress address{selector, kAudioObjectPropertyScopeGlobal,
                                              kAudioObjectPropertyElementMain};
-    CXRef<DXRPropertyListener> listener = DXRPropertyListener::initWithObjectID(
+    return DXRPropertyListener::initWithObjectID(
         kAudioObjectSystemObject, &address, CXRef(&queue()), CXRef<CXObject>(this),
         [changed](const CXRef<CXObject>& self, const AudioObjectPropertyAddress* /*address*/) {
             (static_cast<DXRDeviceManager*>(self.get())->*changed)();
         });
-    listener->start();
-    return listener;
 }
 
 // ---- The list

@@ -37,7 +37,9 @@ public:
     using WhenRunning = DXRDeviceManagerNotifier::WhenRunning;
     enum class HiddenDevices { Leave, Adopt };
 
-    /// The process's manager. The first call creates it and returns after the initial enumeration.
+    /// The process's manager. The first call creates it and returns after the initial enumeration; it throws
+    /// std::system_error if the hardware cannot be followed because no thread can be created, and the next
+    /// call tries again.
     static DXRDeviceManager& sharedDeviceManager();
     /// Returns the same manager: a process has only one.
     static CXRef<DXRDeviceManager> init() { return CXRef(&sharedDeviceManager()); }
@@ -107,7 +109,7 @@ private:
     ~DXRDeviceManager() override;
 
     static std::span<const DXRKVOProperty> _observableProperties() noexcept;
-    void _start();
+    bool _start();
     CXRef<DXRPropertyListener> _listener(uint32_t selector, void (DXRDeviceManager::*changed)());
     void _devicesChanged() { _updateDeviceList(false); }
     void _defaultDevicesChanged();

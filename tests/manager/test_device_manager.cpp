@@ -440,4 +440,23 @@ TEST(DXRDeviceManagerStart, worksWhileTheCallerHoldsTheLock)
     });
 }
 
+// The queue has its thread already, the hardware has none.
+TEST(DXRDeviceManagerStart, triesAgainWhenThreadsCanBeCreated)
+{
+    DXRDeviceManager::queue().sync([] {});
+    {
+        const NoNewThreads limit;
+        try {
+            DXRDeviceManager::sharedDeviceManager();
+        } catch (const std::system_error&) { // unless an earlier test has started the hardware
+        }
+    }
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    if (!HALSetHardwareDriver(hal))
+        GTEST_SKIP() << "needs a process of its own";
+    hal->plug(headset());
+    EXPECT_TRUE(
+        eventually([] { return !DXRDeviceManager::sharedDeviceManager().connectedDevices().empty(); }));
+}
+
 } // namespace
