@@ -552,7 +552,8 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
         if (readings.ticket < _storedTicket)
             return true;
         _storedTicket = readings.ticket;
-        _isIncomplete = readings.isIncomplete;
+        if (readings.isIncomplete || readings.ticket == _lastTicket) // a later reading may have failed
+            _isIncomplete = readings.isIncomplete;
         DXRDeviceValues& values = readings.values;
         if (_volumeSetPending != 0)
             _hasUnreadVolume = true;
