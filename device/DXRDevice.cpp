@@ -21,7 +21,6 @@
 namespace {
 
 constexpr uint64_t settlingNanoseconds = 250'000'000;
-constexpr uint32_t archiveVersion = 1;
 constexpr const char* absentMark = "⚠️ ";
 
 constexpr std::array listenedAddresses{
@@ -121,7 +120,7 @@ CXRef<DXRDevice> DXRDevice::_initWithArchive(const CXPlist& archive, const CXRef
     const CXRef<DXRDeviceReference> reference =
         DXRDeviceReference::initWithString(DXRDeviceArchive(archive).string("ref"));
     DXRDeviceValues values = DXRDeviceValues::ofArchive(archive);
-    if (version.is_null() || CXDoubleValue(version) != archiveVersion || !reference ||
+    if (version.is_null() || CXDoubleValue(version) != DXRDeviceArchive::version || !reference ||
         !reference->isInput() || values.channelCount == 0)
         return nullptr;
     CXRef<DXRDevice> device = _init(reference, keeper, std::move(values));
@@ -213,7 +212,9 @@ bool DXRDevice::_updateDisplayName(std::optional<std::string>& field, const std:
 
 bool DXRDevice::_confirmGenericChannelCounts() const
 {
-    return !_locked([&] { return _reference->isGeneric(); }) || channelCount() == _hardware().channelCount();
+    const DXRReadCheck reads;
+    return !_locked([&] { return _reference->isGeneric(); }) ||
+           channelCount() == _hardware().channelCount() || reads.hasFailed();
 }
 
 // ---- Queries
@@ -486,7 +487,7 @@ void DXRDevice::_overridesChanged()
 CXPlist DXRDevice::archive() const
 {
     return _locked([&] {
-        CXPlist archive{{"vn", archiveVersion}, {"ref", _reference->string()}};
+        CXPlist archive{{"vn", DXRDeviceArchive::version}, {"ref", _reference->string()}};
         _values->addTo(archive);
         return archive;
     });
@@ -551,7 +552,8 @@ bool DXRDevice::_store(AudioObjectID deviceID, Readings readings)
         if (readings.ticket < _storedTicket)
             return true;
         _storedTicket = readings.ticket;
-        _isIncomplete = readings.isIncomplete;
+        if (readings.isIncomplete || readings.ticket == _lastTicket) // a later reading may have failed
+            _isIncomplete = readings.isIncomplete;
         DXRDeviceValues& values = readings.values;
         if (_volumeSetPending != 0)
             _hasUnreadVolume = true;

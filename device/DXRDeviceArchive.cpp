@@ -1,11 +1,15 @@
 #include "DXRDeviceArchive.h"
 
+#include "CXJSON.h"
 #include "CXPlistAdditions.h"
 
 #include <algorithm>
 #include <cmath>
+#include <string_view>
 
 namespace {
+
+constexpr std::string_view prefix = "DXRDevice:";
 
 std::optional<double> numberIn(const CXPlist& value)
 {
@@ -42,6 +46,26 @@ template <class Item, class Read> std::vector<Item> itemsIn(const CXPlist& array
 }
 
 } // namespace
+
+std::vector<std::byte> DXRDeviceArchive::bytesOf(const CXPlist& dictionary)
+{
+    const std::string text = std::string(prefix) + CXJSONWithPlist(dictionary);
+    const auto bytes = std::as_bytes(std::span(text));
+    return {bytes.begin(), bytes.end()};
+}
+
+std::optional<CXPlist> DXRDeviceArchive::dictionaryIn(std::span<const std::byte> bytes)
+{
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    if (!text.starts_with(prefix))
+        return std::nullopt;
+    const std::string_view json = text.substr(prefix.size());
+    if (!json.starts_with('{') || !json.ends_with('}'))
+        return std::nullopt;
+    std::optional<CXPlist> dictionary = CXPlistWithJSON(json);
+    const CXPlist number = dictionary ? vtObjectForKey(*dictionary, "vn", CXPlistKind::Number) : CXPlist();
+    return !number.is_null() && CXDoubleValue(number) == version ? dictionary : std::nullopt;
+}
 
 uint32_t DXRDeviceArchive::channelCount(const char* key) const
 {

@@ -2,7 +2,9 @@
 
 #include "CXPlist.h"
 
+#include <cstddef>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -12,8 +14,15 @@
 /// Real time: no.
 class DXRDeviceArchive {
 public:
+    /// The value of "vn"; dictionaries of other versions are not read.
+    static constexpr uint32_t version = 1;
     /// The limit of valid channel counts: no device has more, and clients allocate memory in proportion.
     static constexpr uint32_t maximumChannelCount = 4096;
+
+    /// The archive that clients store: "DXRDevice:" and the dictionary as JSON.
+    static std::vector<std::byte> bytesOf(const CXPlist& dictionary);
+    /// The dictionary in such bytes; empty if they are invalid or of another version.
+    static std::optional<CXPlist> dictionaryIn(std::span<const std::byte> bytes);
 
     explicit DXRDeviceArchive(const CXPlist& dictionary) noexcept : _dictionary(dictionary) {}
 

@@ -49,7 +49,8 @@ public:
     {
         return _device._updateDisplayName(_device._displayNameWithSource, name, "displayNameWithSource");
     }
-    /// Whether a device with a generic reference still has the channel counts in that reference.
+    /// Whether a device with a generic reference still has the channel counts in that reference, or
+    /// they cannot be read.
     bool confirmGenericChannelCounts() const { return _device._confirmGenericChannelCounts(); }
     /// Reads the hardware again if the last reading was incomplete; returns whether it was.
     bool refreshIfIncomplete() const { return _device._refreshIfIncomplete(); }

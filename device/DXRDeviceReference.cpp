@@ -6,6 +6,7 @@
 #include "CXPlistAdditions.h"
 #include "CXValue.h"
 #include "DXRDeviceDescription.h"
+#include "DXRReadCheck.h"
 #include "JRCoreGenericUID.h"
 #include "QDL.h"
 #include "Utf8.h"
@@ -125,8 +126,12 @@ CXRef<DXRDeviceReference> DXRDeviceReference::initWithDeviceUID(const std::optio
 {
     if (!deviceUID || deviceUID->starts_with(privateAggregatePrefix))
         return nullptr;
-    if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(deviceUID))
-        return initWithDeviceID(deviceID, std::nullopt);
+    if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(deviceUID)) {
+        const DXRReadCheck reads;
+        CXRef<DXRDeviceReference> described = initWithDeviceID(deviceID, std::nullopt);
+        if (!reads.hasFailed()) // an incomplete description would equal no device
+            return described;
+    }
     CXPlist attributes = {{"uid", dxr::utf8Replaced(*deviceUID)}};
     if (input)
         attributes["i"] = *input;

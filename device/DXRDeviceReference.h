@@ -33,8 +33,8 @@ public:
     static CXRef<DXRDeviceReference> initWithDescription(const DXRDeviceDescription& description,
                                                          std::optional<bool> input);
     /// A reference to the device with this unique ID, present or not. For a present device it is a reference
-    /// to the device as a whole, regardless of `input`; for an absent device it has no description and is
-    /// never generic.
+    /// to the device as a whole, regardless of `input`; for a device that is absent, or cannot be read, it
+    /// has no description and is never generic.
     static CXRef<DXRDeviceReference> initWithDeviceUID(const std::optional<std::string>& deviceUID,
                                                        std::optional<bool> input);
     /// A reference from a stored text, which is kept unchanged. Returns null if the text is not exactly one

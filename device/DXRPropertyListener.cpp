@@ -20,13 +20,13 @@ DXRPropertyListener::~DXRPropertyListener()
     stop();
 }
 
-void DXRPropertyListener::start()
+bool DXRPropertyListener::start()
 {
     AudioObjectPropertyListenerBlock listener;
     {
         const std::scoped_lock lock(_mutex);
         if (_listener)
-            return;
+            return true;
         _listener = [weak = CXWeak(*this)](uint32_t count, const AudioObjectPropertyAddress* addresses) {
             if (const CXRef<DXRPropertyListener> self = weak.lock())
                 self->_deliver(count, addresses);
@@ -43,6 +43,7 @@ void DXRPropertyListener::start()
     }
     if (!isWanted && status == kAudioHardwareNoError)
         AudioObjectRemovePropertyListenerBlock(_objectID, &_addr, _queue, listener);
+    return status == kAudioHardwareNoError;
 }
 
 void DXRPropertyListener::stop()

@@ -25,9 +25,9 @@ public:
                                                        CXRef<dxr::WorkQueue> queue,
                                                        const CXRef<CXObject>& target, Block block);
 
-    /// Starts listening; does nothing if already started. If the hardware refuses, the listener stays
-    /// stopped.
-    void start();
+    /// Starts listening; does nothing if already started. Returns false if the hardware refuses: the listener
+    /// stays stopped.
+    bool start();
     /// Stops listening; does nothing if already stopped.
     void stop();
 

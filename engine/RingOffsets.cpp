@@ -1,21 +1,25 @@
 #include "RingOffsets.h"
 
+#include "DXRReadCheck.h"
 #include "GlobalQueue.h"
 #include "HostClock.h"
 
 #include <cmath>
+#include <limits>
 
 namespace {
 
 constexpr double ticksPerSecond = dxr::HostClock::ticksPerSecond;
 constexpr auto readingTicks = static_cast<uint64_t>(0.2 * ticksPerSecond); // interval between readings
+constexpr double unknown = std::numeric_limits<double>::quiet_NaN();
 
 } // namespace
 
 CXRef<RingOffsets> RingOffsets::initWithDevice(AudioObjectID deviceID, std::vector<Part> parts,
                                                LastCycle lastCycle, const CXRef<CXDispatchQueue>& queue)
 {
-    if (subDeviceStatusesOf(deviceID).size() < 2)
+    const DXRReadCheck reads;
+    if (subDeviceStatusesOf(deviceID).size() < 2 && !reads.hasFailed())
         return nullptr;
     const CXRef<CXDispatchTimer> timer = CXDispatchTimer::init();
     if (!timer)
@@ -61,9 +65,11 @@ void RingOffsets::_read()
             const SubDeviceStatuses statuses = subDeviceStatusesOf(placements[0].clockID);
             std::vector<double> seconds;
             for (const Ring& ring : *rings) {
+                const DXRReadCheck reads;
                 const CyclePlacement& placement = placements[ring.isInput ? 0 : 1];
-                seconds.push_back(secondsAfterClock(
-                    latencyOfSlowest(ring.devices, ring.isInput, placement, statuses), placement));
+                const double offset = secondsAfterClock(
+                    latencyOfSlowest(ring.devices, ring.isInput, placement, statuses), placement);
+                seconds.push_back(reads.hasFailed() ? unknown : offset);
             }
             if (statuses.empty())
                 return;
@@ -75,7 +81,7 @@ void RingOffsets::_read()
         });
 }
 
-/// `seconds`: each node's offset from the clock's time stamps.
+/// `seconds`: each node's offset from the clock's time stamps. One that is not finite leaves it as it is.
 void RingOffsets::_set(const std::vector<double>& seconds)
 {
     CX_ASSERT_ON_QUEUE(_queue);

@@ -26,8 +26,8 @@ public:
         std::vector<AudioObjectID> devices; ///< the devices whose samples the node carries
     };
 
-    /// Starts reading. Returns null if `deviceID` is not an aggregate of several devices, or without
-    /// memory: host times are then those of the clock device.
+    /// Starts reading. Returns null if `deviceID` is not an aggregate of several devices, or without memory:
+    /// host times are then those of the clock device. Values that cannot be read are read again.
     static CXRef<RingOffsets> initWithDevice(AudioObjectID deviceID, std::vector<Part> parts,
                                              LastCycle lastCycle, const CXRef<CXDispatchQueue>& queue);
     /// No offset changes after it has returned. Must be called before the last reference is released.

@@ -6,7 +6,8 @@ bool DXRDeviceInfo::identify(AudioObjectID forDeviceID)
 {
     const DXRReadCheck reads;
     DXRDeviceDescription description = DXRDeviceDescription::ofDevice(forDeviceID);
-    if (_current && !_isIncomplete && forDeviceID == _identifiedID && description == _description)
+    const bool isKnown = _current && !_isIncomplete && forDeviceID == _identifiedID;
+    if (isKnown && (description == _description || reads.hasFailed()))
         return false;
     const bool wasIncomplete = std::exchange(_isIncomplete, reads.hasFailed());
     _identifiedID = forDeviceID;
@@ -17,6 +18,12 @@ bool DXRDeviceInfo::identify(AudioObjectID forDeviceID)
         _directed[isInput ? 0 : 1] = hasChannels ? _current->deviceReferenceWithInput(isInput) : nullptr;
     }
     return wasIncomplete && !_isIncomplete;
+}
+
+bool DXRDeviceInfo::isIncomplete() const noexcept
+{
+    const bool couldBeGeneric = _description.transportType == 0 || (_current && _current->isGeneric());
+    return _isIncomplete && couldBeGeneric; // otherwise it consists of the unique ID
 }
 
 void DXRDeviceInfo::adoptIdentityOf(DXRDeviceInfo& other)

@@ -26,14 +26,17 @@ public:
 
     /// Reads the description of the device with this ID, and rebuilds the references if it has changed. The
     /// reference of the device as a whole is null if it cannot be read, that of a direction if it has no
-    /// channels. Returns true if references were incomplete, because something could not be read, and are
-    /// complete now: they may be equal to the old ones and still contain more.
+    /// channels. If a read fails, complete references to this device stay. Returns true if references were
+    /// incomplete, because something could not be read, and are complete now: they may be equal to the old
+    /// ones and still contain more.
     bool identify(AudioObjectID forDeviceID);
     const CXRef<DXRDeviceReference>& currentReference() const noexcept { return _current; }
     const CXRef<DXRDeviceReference>& currentReference(bool isInput) const noexcept
     {
         return _directed[isInput ? 0 : 1];
     }
+    /// Whether a value of the reference is missing because it could not be read.
+    bool isIncomplete() const noexcept;
     /// Takes over the description, the references and the listener of `other`.
     void adoptIdentityOf(DXRDeviceInfo& other);
 

@@ -1,8 +1,7 @@
 #include "DXRDeviceManager.h"
 
 #include "CXErrorAdditions.h"
-#include "CXJSON.h"
-#include "CXPlistAdditions.h"
+#include "DXRDeviceArchive.h"
 #include "DXRDeviceControl.h"
 #include "DXRDeviceInfoList.h"
 #include "DXRDeviceManagerPrivate.h"
@@ -15,13 +14,10 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <string_view>
 #include <system_error>
 
 namespace {
 
-constexpr std::string_view archivePrefix = "DXRDevice:";
 constexpr std::array bothDirections{true, false}; // input first
 
 // After a failed read, the update is repeated with growing delays; after the last one, at the next change.
@@ -97,7 +93,11 @@ CXRef<DXRDeviceManager> DXRNewDeviceManager()
 {
     CX_ASSERT(!DXRDeviceManager::queue().isCurrent());
     CXRef<DXRDeviceManager> manager = CXRef<DXRDeviceManager>::adopt(new DXRDeviceManager);
-    DXRDeviceManager::queue().sync([&] { manager->_start(); });
+    bool isFollowing = false;
+    DXRDeviceManager::queue().sync([&] { isFollowing = manager->_start(); });
+    if (!isFollowing) // it would never notice a device; the next one made may
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
+                                "cannot follow the audio hardware");
     return manager;
 }
 
@@ -123,29 +123,31 @@ DXRDeviceManager::DXRDeviceManager()
 
 DXRDeviceManager::~DXRDeviceManager() = default;
 
-void DXRDeviceManager::_start()
+bool DXRDeviceManager::_start()
 {
-    lock().execute([&] {
+    const bool isFollowing = lock().execond([&] {
         _devicesChangedListener =
             _listener(kAudioHardwarePropertyDevices, &DXRDeviceManager::_devicesChanged);
         for (size_t i = 0; i < defaults.size(); ++i)
             _defaultDevicesChangedListeners[i] =
                 _listener(defaults[i].selector, &DXRDeviceManager::_defaultDevicesChanged);
+        return _devicesChangedListener->start() &&
+               std::ranges::all_of(_defaultDevicesChangedListeners, [](auto& each) { return each->start(); });
     });
-    _updateDeviceList(true);
+    if (isFollowing)
+        _updateDeviceList(true);
+    return isFollowing;
 }
 
 CXRef<DXRPropertyListener> DXRDeviceManager::_listener(uint32_t selector, void (DXRDeviceManager::*changed)())
 {
     const AudioObjectPropertyAddress address{selector, kAudioObjectPropertyScopeGlobal,
                                              kAudioObjectPropertyElementMain};
-    CXRef<DXRPropertyListener> listener = DXRPropertyListener::initWithObjectID(
+    return DXRPropertyListener::initWithObjectID(
         kAudioObjectSystemObject, &address, CXRef(&queue()), CXRef<CXObject>(this),
         [changed](const CXRef<CXObject>& self, const AudioObjectPropertyAddress* /*address*/) {
             (static_cast<DXRDeviceManager*>(self.get())->*changed)();
         });
-    listener->start();
-    return listener;
 }
 
 // ---- The list
@@ -257,35 +259,19 @@ DXRDeviceManager::devicesWithReference(const std::optional<std::string>& referen
 
 CXRef<DXRDevice> DXRDeviceManager::deviceFromArchive(std::span<const std::byte> archive)
 {
-    const std::string_view text(reinterpret_cast<const char*>(archive.data()), archive.size());
-    if (!text.starts_with(archivePrefix))
+    const std::optional<CXPlist> dictionary = DXRDeviceArchive::dictionaryIn(archive);
+    if (!dictionary)
         return nullptr;
-    const std::string_view json = text.substr(archivePrefix.size());
-    if (!json.starts_with('{') || !json.ends_with('}'))
-        return nullptr;
-    const std::optional<CXPlist> parsed = CXPlistWithJSON(json);
-    if (!parsed)
-        return nullptr;
-    const CXPlist version = vtObjectForKey(*parsed, "vn", CXPlistKind::Number);
-    const CXPlist referenceText = vtObjectForKey(*parsed, "ref", CXPlistKind::String);
-    if (version.is_null() || CXDoubleValue(version) != 1.0 || referenceText.is_null())
-        return nullptr;
-    const ParsedReference wanted = parsedReference(referenceText.get_ref<const std::string&>());
-    if (!wanted.whole)
-        return nullptr;
+    const ParsedReference wanted = parsedReference(DXRDeviceArchive(*dictionary).string("ref"));
     CXRef<DXRDevice> device;
-    lock().execute([&] { device = _deviceWithReference(wanted.whole, wanted.isInput, &*parsed); });
+    if (wanted.whole)
+        lock().execute([&] { device = _deviceWithReference(wanted.whole, wanted.isInput, &*dictionary); });
     return device;
 }
 
 std::optional<std::vector<std::byte>> DXRDeviceManager::archiveForDevice(const CXRef<DXRDevice>& device)
 {
-    if (!device)
-        return std::nullopt;
-    const std::string text = std::string(archivePrefix) + CXJSONWithPlist(device->archive());
-    std::vector<std::byte> archive(text.size());
-    std::memcpy(archive.data(), text.data(), text.size());
-    return archive;
+    return device ? std::optional(DXRDeviceArchive::bytesOf(device->archive())) : std::nullopt;
 }
 
 CXRef<DXRDevice> DXRDeviceManager::_deviceWithReference(const CXRef<DXRDeviceReference>& reference,
@@ -395,7 +381,7 @@ bool DXRDeviceManager::_adoptIfHidden(const std::optional<std::string>& deviceUI
     const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(deviceUID);
     if (deviceID == kAudioObjectUnknown || !QDLAudioDeviceIsHidden(deviceID))
         return false;
-    const bool isNew = lock().execond([&] { return _hiddenDeviceUIDs.insert(*deviceUID).second; });
+    const bool isNew = lock().execond([&] { return _hiddenDevices.emplace(*deviceUID, deviceID).second; });
     if (!isNew && queue().isCurrent())
         return false; // already in the list, or added by the update in progress
     CX_ASSERT(!queue().isCurrent());
@@ -413,12 +399,19 @@ void DXRDeviceManager::deviceWasUpdated(const CXRef<DXRDevice>& device)
 
 // ---- The update
 
-std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
+std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList()
 {
+    const DXRReadCheck listRead;
     uint32_t count = 0;
     AudioObjectID* const list = QDLAudioDeviceIDList(&count);
     std::vector<AudioObjectID> ids(list, list + count);
     std::free(list);
+    if (listRead.hasFailed()) { // the listed devices stay, and the read is repeated until it succeeds
+        ids.clear();
+        for (const auto& [deviceID, info] : _connectedDevicesByID->infos())
+            ids.push_back(info->deviceID);
+        _retries = std::min(_retries, maximumRetries - 1);
+    }
     static const CXRef<DXRPropertyAddress>* const hidden = new CXRef(DXRPropertyAddress::deviceIsHidden());
     std::erase_if(ids, [this](AudioObjectID deviceID) {
         const DXRReadCheck read;
@@ -428,8 +421,12 @@ std::vector<AudioObjectID> DXRDeviceManager::_deviceIDList() const
         // The read is repeated soon. Until then, a listed device stays and another one is not added.
         return read.hasFailed() && !_connectedDevicesByID->at(deviceID);
     });
-    for (const std::string& uid : _hiddenDeviceUIDs) {
-        if (const AudioObjectID deviceID = QDLAudioDeviceIDFromUID(uid))
+    for (auto& [uid, deviceID] : _hiddenDevices) {
+        const DXRReadCheck read;
+        const AudioObjectID now = QDLAudioDeviceIDFromUID(uid);
+        if (!read.hasFailed())
+            deviceID = now;
+        if (deviceID != kAudioObjectUnknown)
             ids.push_back(deviceID);
     }
     std::ranges::sort(ids);
@@ -513,7 +510,9 @@ void DXRDeviceManager::_meet(AudioObjectID deviceID, Changes& changes)
     info->deviceID = deviceID;
     _updateDevicePropertyListeners(*info); // before its streams are read, so that no change is missed
     info->identify(deviceID);
-    if (info->currentReference())
+    // An incomplete reference would not find the known object of the device, or its settings. The read is
+    // repeated soon; the last repetition adds the device as it is.
+    if (info->currentReference() && (!info->isIncomplete() || _retries >= maximumRetries))
         changes.fresh.push_back(info);
 }
 

@@ -36,7 +36,9 @@ public:
     using WhenRunning = DXRDeviceManagerNotifier::WhenRunning;
     enum class HiddenDevices { Leave, Adopt };
 
-    /// The process's manager. The first call creates it and returns after the initial enumeration.
+    /// The process's manager. The first call creates it and returns after the initial enumeration; it throws
+    /// std::system_error if the hardware cannot be followed because no thread can be created, and the next
+    /// call tries again.
     static DXRDeviceManager& sharedDeviceManager();
     /// Returns the same manager: a process has only one.
     static CXRef<DXRDeviceManager> init() { return CXRef(&sharedDeviceManager()); }
@@ -106,12 +108,12 @@ private:
     ~DXRDeviceManager() override;
 
     static std::span<const DXRKVOProperty> _observableProperties() noexcept;
-    void _start();
+    bool _start();
     CXRef<DXRPropertyListener> _listener(uint32_t selector, void (DXRDeviceManager::*changed)());
     void _devicesChanged() { _updateDeviceList(false); }
     void _defaultDevicesChanged();
 
-    std::vector<AudioObjectID> _deviceIDList() const;
+    std::vector<AudioObjectID> _deviceIDList();
     void _updateDeviceList(bool updateDefaults);
     void _updateConnected(std::span<const AudioObjectID> ids, Changes& changes);
     bool _keep(DXRDeviceInfo& info, Changes& changes);
@@ -145,7 +147,7 @@ private:
     std::vector<CXRef<DXRDeviceManagerNotifier>> _notifiers;
     const std::unique_ptr<DXRDeviceInfoList> _archivedDevices; // in the order of their disappearance
     const std::unique_ptr<DXRDeviceInfoList> _connectedDevicesByID;
-    std::set<std::string> _hiddenDeviceUIDs; // adopted
+    std::map<std::string, AudioObjectID> _hiddenDevices; // adopted; by UID, with the ID as last read
     Devices _updatedDevices;
     CXRef<DXRPropertyListener> _devicesChangedListener;
     std::array<CXRef<DXRPropertyListener>, 3> _defaultDevicesChangedListeners;

@@ -287,12 +287,21 @@ TEST_F(DXRDeviceTest, keepsItsValuesWhenTheHardwareGoes)
     EXPECT_EQ(device->name(), "Unheard");
     EXPECT_EQ(device->displayName(), "USB Mic 2");
     EXPECT_EQ(rename("Heard"), "Heard");
+    // A later reading fails while this one is in progress.
+    control.disconnect();
+    hal.beforeRead(kAudioDevicePropertyTransportType, 1, [&] {
+        hal.failReads(kAudioDevicePropertyStreamConfiguration, 1, 100, kAudioHardwareUnspecifiedError);
+        rename("Later");
+        hal.failReads(kAudioDevicePropertyStreamConfiguration, 1, 0, 0);
+    });
+    control.connect(id, device->reference());
+    EXPECT_TRUE(control.refreshIfIncomplete());
     // If the device disappears while it is read, nothing that was read is stored.
     control.disconnect();
     rename("Half");
     hal.beforeRead(kAudioDevicePropertyTransportType, 1, [this] { hal.unplug("mic"); });
     control.connect(id, device->reference());
-    EXPECT_EQ(device->name(), "Heard");
+    EXPECT_EQ(device->name(), "Later");
 }
 
 TEST_F(DXRDeviceTest, appliesAndAnnouncesOverrides)

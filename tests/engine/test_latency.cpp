@@ -79,6 +79,9 @@ TEST_F(LatencyTest, isWhatARampMeasuresAndSoAreTheTimesOfBlocks)
             std::ranges::copy(kept, given.samples());
             givenAge = ageOf(given);
         }));
+        // A start that takes the failure for a device that is no aggregate would follow no rings.
+        hal.failReads(kAudioAggregateDevicePropertySubDeviceStatus, 1, runnerFrames == 100 ? 1 : 0,
+                      kAudioHardwareUnspecifiedError);
         runner->start();
         EXPECT_FALSE(runner->roundTripSeconds(in, out));
         hal.advance(static_cast<uint64_t>(3 * ticksPerSecond));

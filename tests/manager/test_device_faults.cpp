@@ -1,4 +1,5 @@
 #include "DXRDeviceManagerPrivate.h"
+#include "DXRDeviceOverrides.h"
 #include "ManagedComputer.h"
 
 #include <algorithm>
@@ -97,6 +98,51 @@ TEST_F(DXRDeviceFaults, recoversFromAnyFailedRead)
         hal.unplug("b");
         hal.unplug(monitorUID("3:4"));
         settle();
+    }
+}
+
+// Each read of the first meeting fails once. A known monitor returns, and another one is new.
+TEST_F(DXRDeviceFaults, knowsADeviceThatItCouldNotReadAtFirst)
+{
+    const std::string port = monitorUID("1:2");
+    plug(monitor("1:2").name("Known"));
+    const CXRef<DXRDevice> known = device(port, output);
+    unplug(port);
+    for (uint64_t nth = 1; nth <= 20; ++nth) {
+        SCOPED_TRACE(nth);
+        const auto plugWhileReadsFail = [&](const SimulatedDeviceBuilder& it) {
+            hal.failReads(kAudioObjectPropertySelectorWildcard, nth, 1, kAudioHardwareUnspecifiedError);
+            plug(it);
+            EXPECT_TRUE(becomesTrue([&] { return !manager.connectedDevices().empty(); }));
+            hal.failReads(kAudioObjectPropertySelectorWildcard, 1, 0, 0);
+            const Devices connected = manager.connectedDevices();
+            return connected.empty() ? nullptr : *connected.begin();
+        };
+        EXPECT_EQ(plugWhileReadsFail(monitor("3:4").name("Known")), known);
+        unplug(monitorUID("3:4"));
+        const CXRef<DXRDevice> fresh = plugWhileReadsFail(monitor("1:2").name(std::to_string(nth)));
+        ASSERT_TRUE(fresh);
+        EXPECT_TRUE(fresh->setOverride(5, "k"));
+        const auto stored = DXRDeviceOverrides::initWithDeviceReference(
+            DXRDeviceReference::initWithDeviceID(fresh->deviceID(), output));
+        EXPECT_EQ(stored->objectForKey("k"), 5) << fresh->reference()->string();
+        unplug(port);
+    }
+}
+
+TEST_F(DXRDeviceFaults, disconnectsNoDeviceThatItCannotRead)
+{
+    plug(card("a"));
+    plug(monitor("1:2"));
+    plug(aDevice().uid("shy").hidden().outputs(2));
+    ASSERT_TRUE(device("shy", output));
+    changesSinceLast();
+    for (uint64_t nth = 1; nth <= 60; ++nth) {
+        hal.failReads(kAudioObjectPropertySelectorWildcard, nth, 1, kAudioHardwareUnspecifiedError);
+        manager.setNeedsDevicesUpdate(true);
+        settle();
+        const Changes changes = changesSinceLast();
+        EXPECT_TRUE(changes.connected.empty() && changes.disconnected.empty()) << "read " << nth;
     }
 }
 

@@ -62,6 +62,11 @@ TEST_F(DXRDeviceManagerTest, recognizesAMonitorOnAnotherPort)
         plug(monitor(port));
         devices.push_back(device(monitorUID(port), output));
     }
+    for (uint64_t nth = 1; nth <= 12; ++nth) { // the hardware reads of the look-up
+        hal.failReads(kAudioObjectPropertySelectorWildcard, nth, 1, kAudioHardwareUnspecifiedError);
+        EXPECT_EQ(device(monitorUID("2:2"), output), devices[1]) << nth;
+    }
+    hal.failReads(kAudioObjectPropertySelectorWildcard, 1, 0, 0);
     const std::string text = devices[0]->reference()->string();
     std::string elsewhere = text;
     elsewhere.replace(elsewhere.find("1:1"), 3, "9:9");
@@ -442,6 +447,25 @@ TEST(DXRDeviceManagerStart, worksWhileTheCallerHoldsTheLock)
         EXPECT_EQ(DXRDeviceManager::init().get(), &manager);
         EXPECT_TRUE(manager.connectedDevices().empty());
     });
+}
+
+// The queue has its thread already, the hardware has none.
+TEST(DXRDeviceManagerStart, triesAgainWhenThreadsCanBeCreated)
+{
+    DXRDeviceManager::queue().sync([] {});
+    {
+        const NoNewThreads limit;
+        try {
+            DXRDeviceManager::sharedDeviceManager();
+        } catch (const std::system_error&) { // unless an earlier test has started the hardware
+        }
+    }
+    const CXRef<SimulatedHardware> hal = SimulatedHardware::init(SimulatedClock::Stepped);
+    if (!HALSetHardwareDriver(hal))
+        GTEST_SKIP() << "needs a process of its own";
+    hal->plug(headset());
+    EXPECT_TRUE(
+        eventually([] { return !DXRDeviceManager::sharedDeviceManager().connectedDevices().empty(); }));
 }
 
 } // namespace
