@@ -20,6 +20,12 @@ HALDeadline deadlineOfFirst(size_t count, HALDeadline deadline)
     return now + (deadline - now) / static_cast<ptrdiff_t>(count);
 }
 
+/// The deadline of a group's start, which leaves a quarter of the time.
+HALDeadline deadlineOfGroup(HALDeadline deadline)
+{
+    return deadline - (deadline - std::chrono::steady_clock::now()) / 4;
+}
+
 bool hasTimeToStart(HALDeadline deadline)
 {
     return deadline - std::chrono::steady_clock::now() >= minTimeToStart;
@@ -123,8 +129,10 @@ void AggregateDevice::_lookAtSubDevices()
         SubDevice& subDevice = _subDevices[place];
         const CXRef<HALDevice> before =
             std::exchange(subDevice.device, _findDevice(_description.subDevices[place].uid));
-        if (before != subDevice.device)
+        if (before != subDevice.device) {
             subDevice.failed = std::nullopt;
+            subDevice.runsAlone = false;
+        }
         if (!subDevice.device)
             continue;
         HALDeviceState state = subDevice.device->state();
@@ -381,9 +389,10 @@ HALStatus AggregateDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
     if (_isEnded)
         return kAudioHardwareBadDeviceError;
     _table = table;
-    _refusedGroup.clear();
-    for (SubDevice& each : _subDevices)
+    for (SubDevice& each : _subDevices) {
         each.failed = std::nullopt;
+        each.runsAlone = false;
+    }
     _lookAtSubDevices();
     const HALStatus status = _begin(deadline);
     if (status)
@@ -425,10 +434,14 @@ AggregateTrackShape AggregateDevice::_shapeOf(const SubDevice& subDevice) const
 /// were last present.
 std::vector<size_t> AggregateDevice::_groupOf(size_t leader) const
 {
+    const SubDevice& first = _subDevices[leader];
+    const auto canJoin = [&](const SubDevice& each) {
+        return !first.runsAlone && !each.runsAlone && hasChannels(each.state) &&
+               sharesCycles(first.state, each.state);
+    };
     std::vector<size_t> group;
     for (size_t place = 0; place < _subDevices.size(); ++place)
-        if (place == leader || (hasChannels(_subDevices[place].state) &&
-                                sharesCycles(_subDevices[leader].state, _subDevices[place].state)))
+        if (place == leader || (canJoin(_subDevices[place]) && !_hasFailed(place)))
             group.push_back(place);
     return group;
 }
@@ -472,14 +485,14 @@ HALStatus AggregateDevice::_begin(HALDeadline deadline)
         const size_t place = *next;
         candidates.erase(next);
         const bool isLast = candidates.empty();
-        std::vector<size_t> group = _groupOf(place);
-        if (group.size() > 1 && group != _refusedGroup) {
-            status = _beginWith(place, group, isLast, deadline);
-            if (status == kAudioHardwareIllegalOperationError)
-                _refusedGroup = group;
-        }
-        if (group.size() == 1 || group == _refusedGroup)
+        const std::vector<size_t> group = _groupOf(place);
+        status = _beginWith(place, group, isLast, deadline);
+        if (status && group.size() > 1) {
+            // The driver does not run them in one cycle, or one of them is stuck, and nothing reports which.
+            for (const size_t each : group)
+                _subDevices[each].runsAlone = true;
             status = _beginWith(place, {place}, isLast, deadline);
+        }
         if (status == kAudioHardwareNoError || std::chrono::steady_clock::now() >= deadline)
             break;
     }
@@ -499,19 +512,20 @@ std::vector<size_t> AggregateDevice::_candidates() const
     return candidates;
 }
 
-/// The last candidate may take all of the time; another leaves half of it, in case that it is stuck.
+/// The last candidate may take all of the time; another leaves half of it, in case that it is stuck. A group
+/// leaves less: it includes the next candidates, and all may need the time of its slowest member.
 HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, bool isLast,
                                       HALDeadline deadline)
 {
+    const bool isGroup = group.size() > 1;
     _io = std::make_unique<AggregateIO>(_table, _planFor(leader, std::move(group)), _sampleTime);
-    const size_t leaderStarts = isLast ? 1 : 2;
+    const size_t leaderStarts = isLast && !isGroup ? 1 : 2;
     // The others start first, so that their frames are available in the first cycle.
     _joinPresent(deadline, leaderStarts);
-    const HALDeadline share = deadlineOfFirst(leaderStarts, deadline);
+    const HALDeadline share = isGroup ? deadlineOfGroup(deadline) : deadlineOfFirst(leaderStarts, deadline);
     const bool hasTime = hasTimeToStart(share);
     const HALStatus status = _io->start(_devices(), share);
-    // The failure of a group may be that of any member.
-    if (!status || _io->plan().group.size() == 1)
+    if (!status || !isGroup) // the failure of a group may be that of any member
         _noteStart(_subDevices[leader], status, hasTime);
     if (status)
         _io = nullptr;
@@ -531,8 +545,7 @@ bool AggregateDevice::_mustBeginAgain() const
     // A new device object with the same UID: the callback on the old object has ended with it.
     if (plan.group.size() == 1 && _shapeOf(*leader).deviceID != plan.layout[place].deviceID)
         return true;
-    const std::vector<size_t> group = _groupOf(place);
-    if (group != plan.group && group != _refusedGroup)
+    if (_groupOf(place) != plan.group)
         return true;
     for (size_t each = 0; each < _subDevices.size(); ++each) {
         const AggregateTrackShape now = _shapeOf(_subDevices[each]);

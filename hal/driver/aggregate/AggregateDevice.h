@@ -48,6 +48,8 @@ private:
         HALDeviceState state;    // the last known state
         // The state in which `device` failed to start; none: it has not failed. See _hasFailed().
         std::optional<HALDeviceState> failed;
+        // A group with `device` did not start. Until the next startIO(), it runs in no group.
+        bool runsAlone = false;
     };
 
     AggregateDevice(AggregateDescription description, HALDriverSink& sink, DeviceFinder findDevice);
@@ -93,6 +95,5 @@ private:
     std::vector<SubDevice> _subDevices; // in the order of the description
     CXRef<HALIOProcTable> _table;       // null while stopped
     std::unique_ptr<AggregateIO> _io;   // null while stopped, or while no sub-device is present
-    std::vector<size_t> _refusedGroup;  // the driver does not run these places in one cycle
     bool _isEnded = false;
 };

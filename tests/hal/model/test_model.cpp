@@ -324,6 +324,28 @@ TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
     EXPECT_EQ(starts, 6) << "nor as the clock";
 }
 
+TEST_F(HALModelDrivers, aGroupWithAStuckMemberHasMostOfTheTimeOnceAndThenRunsWithoutIt)
+{
+    std::vector<std::chrono::duration<double>> groups; // the time that each start of the group has
+    hardware->whenGrouped = [&](HALDeadline deadline) {
+        groups.emplace_back(deadline - std::chrono::steady_clock::now());
+    };
+    int starts = 0; // the stuck device's is the second
+    hardware->whenAsked = [&](HALDeadline) {
+        return ++starts == 2 ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
+    };
+    for (const char* uid : {"stuck", "good"})
+        hardware->plug(aDevice().uid(uid).outputs(2).clockDomain(7));
+    const AudioObjectID aggregate = makeAggregate(*model, {"stuck", "good"});
+    const RunningProc proc(*model, aggregate, idle);
+    EXPECT_TRUE(subDeviceStatus(*model, aggregate)[1].isClock);
+    hardware->plug(aDevice().uid("other"));
+    hardware->settle();
+    EXPECT_EQ(starts, 3) << "no start is repeated";
+    ASSERT_EQ(groups.size(), 1U);
+    EXPECT_GT(groups[0].count(), 3.5);
+}
+
 TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
 {
     const AudioObjectID aggregate = aggregateOf(1);
