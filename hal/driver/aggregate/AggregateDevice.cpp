@@ -526,7 +526,8 @@ HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, 
     const bool hasTime = hasTimeToStart(share);
     const HALStatus status = _io->start(_devices(), share);
     if (!status || !isGroup) // the failure of a group may be that of any member
-        _noteStart(_subDevices[leader], status, hasTime);
+        for (const size_t place : _io->plan().group)
+            _noteStart(_subDevices[place], status, hasTime);
     if (status)
         _io = nullptr;
     return status;

@@ -344,6 +344,24 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
     EXPECT_EQ(copier.backwards + copier.withoutData, 0U);
 }
 
+TEST_F(AggregateDevices, oneThatFailedBesideTheCycleAndThenJoinedItIsStartedWhenItLeaves)
+{
+    hal->plug(aDevice().uid("clock").inputs(1).clockDomain(7));
+    hal->plug(aDevice().uid("other").inputs(1).clockDomain(7).sampleRate(44100.0));
+    const AudioObjectID device = makeAggregate(*model, {"clock", "other"});
+    const Copier copier(*model, device);
+    const auto change = [&](double rate) {
+        hal->reconfigure("other", [rate](SimulatedDeviceBuilder& other) { other.sampleRate(rate); });
+        advance(0.1);
+        return subDeviceStatus(*model, device)[1].isRunning;
+    };
+    hal->failStarts(kAudioHardwareUnspecifiedError);
+    EXPECT_FALSE(change(96000.0));
+    hal->failStarts(kAudioHardwareNoError);
+    EXPECT_TRUE(change(48000.0));
+    EXPECT_TRUE(change(96000.0));
+}
+
 TEST_F(AggregateDevices, survivesWhatSubDevicesDo)
 {
     hal->plug(aDevice().uid("clock").inputs(2).outputs(2));
