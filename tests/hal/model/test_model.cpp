@@ -171,7 +171,8 @@ protected:
     float runCycle() const
     {
         std::array<float, 64> samples{};
-        const AudioTimeStamp now{};
+        AudioTimeStamp now{};
+        now.hostTime = 1'000'000'000;
         AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
         hardware->callback(&now, nullptr, nullptr, &list, &now);
         return samples[0];
@@ -255,6 +256,7 @@ TEST_F(HALModelDrivers, aStreamThatIsSwitchedOnDuringACycleIsSilent)
 TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
 {
     SimulatedDeviceBuilder shape = aDevice().uid("device").outputs(2);
+    const RunningProc silent(*model, hardware->plug(aDevice().uid("microphone").inputs(1)), idle);
     const AudioObjectID device = hardware->plug(shape);
     std::optional<double> rate;
     const RunningProc proc(*model, device, [&](auto...) {
@@ -263,18 +265,22 @@ TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
         hardware->sink->deviceChanged(*hardware->device("device"), shape.description().state);
         rate = readValue<double>(*model, device, at(kAudioDevicePropertyNominalSampleRate));
     });
-    const AudioObjectID aggregate = makeAggregate(*model, {"device"});
+    const AudioObjectID aggregate = makeAggregate(*model, {"device", "microphone"});
+    uint64_t aggregateInputTicks = 0;
     std::optional<double> aggregateRate;
     std::optional<uint32_t> aggregateFrames;
-    const RunningProc aggregateProc(*model, aggregate, [&](auto...) {
-        aggregateRate = readValue<double>(*model, aggregate, at(kAudioDevicePropertyNominalSampleRate));
-        aggregateFrames = readValue<uint32_t>(*model, aggregate, at(kAudioDevicePropertyBufferFrameSize));
-    });
+    const RunningProc aggregateProc(
+        *model, aggregate, [&](auto, auto, const AudioTimeStamp* inputTime, auto...) {
+            aggregateInputTicks = inputTime->hostTime;
+            aggregateRate = readValue<double>(*model, aggregate, at(kAudioDevicePropertyNominalSampleRate));
+            aggregateFrames = readValue<uint32_t>(*model, aggregate, at(kAudioDevicePropertyBufferFrameSize));
+        });
     hardware->sampleRate = 96000.0;
     runCycle();
     EXPECT_EQ(rate, 96000.0);
     EXPECT_EQ(aggregateRate, 96000.0);
     EXPECT_EQ(aggregateFrames, 32U);
+    EXPECT_EQ(aggregateInputTicks, 1'000'000'000U - 333'333U) << "a cycle ago; the clock device has no input";
 }
 
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
