@@ -287,6 +287,17 @@ TEST_F(AggregateDevices, runsDevicesOfOneClockInOneCycle)
     EXPECT_GT(recording.back(), 0.0F);
     EXPECT_EQ(copier.backwards, 0U);
     EXPECT_EQ(copier.lostFrames, 2 * 128U) << "a member goes and comes without a restart";
+
+    std::vector<std::optional<double>> rates;
+    const RunningProc proc(*model, device, eachCycle([&](const IOCycle&) {
+        const CXRealtimeExemption exemption("the test makes the change, not the library");
+        rates.push_back(read<double>(device, kAudioDevicePropertyNominalSampleRate));
+        for (const char* uid : {"a", "b"})
+            if (rates.size() == 1)
+                hal->reconfigure(uid, [](SimulatedDeviceBuilder& each) { each.sampleRate(96000.0); });
+    }));
+    advance(0.2); // the aggregate's restart may take up the first half
+    EXPECT_EQ(rates.at(1), 96000.0) << "before the restart, too";
 }
 
 TEST_F(AggregateDevices, runsOnAfterAllOfOneCycleWereGone)
