@@ -1,12 +1,18 @@
 #include "AggregateDevice.h"
 
+#include "CXWeak.h"
+
 #include <algorithm>
 #include <cmath>
+#include <system_error>
 
 namespace {
 
 constexpr std::chrono::seconds maxWaitToFollow{2};
 constexpr std::chrono::milliseconds minTimeToStart{200}; // with less, a device in good order may fail, too
+constexpr std::chrono::milliseconds firstPause{100};     // between attempts to start
+constexpr std::chrono::seconds longestPause{10}, longestPauseOfPart{60};
+constexpr int pausePerAttempt = 5; // a long attempt holds the lock and the queue, which others need
 
 HALDeadline deadlineFromNow()
 {
@@ -101,16 +107,17 @@ std::vector<AudioValueRange> commonRates(const std::vector<AudioValueRange>& a,
 } // namespace
 
 CXRef<AggregateDevice> AggregateDevice::initWithDescription(AggregateDescription description,
-                                                            HALDriverSink& sink, DeviceFinder findDevice)
+                                                            HALDriverSink& sink, DeviceFinder findDevice,
+                                                            CXRef<dxr::SerialQueue> queue)
 {
     return CXRef<AggregateDevice>::adopt(
-        new AggregateDevice(std::move(description), sink, std::move(findDevice)));
+        new AggregateDevice(std::move(description), sink, std::move(findDevice), std::move(queue)));
 }
 
 AggregateDevice::AggregateDevice(AggregateDescription description, HALDriverSink& sink,
-                                 DeviceFinder findDevice)
+                                 DeviceFinder findDevice, CXRef<dxr::SerialQueue> queue)
     : _description(std::move(description)), _sink(sink), _findDevice(std::move(findDevice)),
-      _name(_description.name), _subDevices(_description.subDevices.size())
+      _queue(std::move(queue)), _name(_description.name), _subDevices(_description.subDevices.size())
 {}
 
 // ---- Its state
@@ -131,6 +138,7 @@ void AggregateDevice::_lookAtSubDevices()
             std::exchange(subDevice.device, _findDevice(_description.subDevices[place].uid));
         if (before != subDevice.device) {
             subDevice.failed = std::nullopt;
+            subDevice.mustRetry = false;
             subDevice.runsAlone = false;
         }
         if (!subDevice.device)
@@ -298,16 +306,19 @@ void AggregateDevice::refresh()
 
 void AggregateDevice::_follow(HALDeadline deadline)
 {
+    const auto began = std::chrono::steady_clock::now();
     if (_table && _mustBeginAgain())
         _begin(deadline);
     else if (_io)
         _joinPresent(deadline, 0);
+    _retryLater(std::chrono::steady_clock::now() - began);
 }
 
 void AggregateDevice::end()
 {
     const std::scoped_lock lock(_mutex);
     _isEnded = true;
+    _endRetries();
     _io = nullptr;
     _table = nullptr;
 }
@@ -388,15 +399,17 @@ HALStatus AggregateDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
     const std::scoped_lock lock(_mutex);
     if (_isEnded)
         return kAudioHardwareBadDeviceError;
+    const auto began = std::chrono::steady_clock::now();
     _table = table;
-    for (SubDevice& each : _subDevices) {
-        each.failed = std::nullopt;
-        each.runsAlone = false;
-    }
+    _endRetries();
     _lookAtSubDevices();
+    _forgetFailures();
+    for (SubDevice& each : _subDevices)
+        each.runsAlone = false;
     const HALStatus status = _begin(deadline);
     if (status)
         _table = nullptr;
+    _retryLater(std::chrono::steady_clock::now() - began);
     _publish();
     return status;
 }
@@ -406,6 +419,7 @@ void AggregateDevice::stopIO()
     const std::scoped_lock lock(_mutex);
     _io = nullptr;
     _table = nullptr;
+    _endRetries();
     if (!_isEnded)
         _publish();
 }
@@ -475,6 +489,8 @@ AggregateIO::Devices AggregateDevice::_devices() const
 /// changed are tried last.
 HALStatus AggregateDevice::_begin(HALDeadline deadline)
 {
+    if (_io) // the attempts so far were those of a part
+        _endRetries();
     _io = nullptr;
     HALStatus status = kAudioHardwareUnspecifiedError;
     std::vector<size_t> candidates = _candidates();
@@ -586,8 +602,11 @@ void AggregateDevice::_joinPresent(HALDeadline deadline, size_t laterStarts)
 void AggregateDevice::_noteStart(SubDevice& subDevice, HALStatus status, bool hadTime)
 {
     // 'nope': the rates are too far apart, but not those of another leader.
-    const bool hasFailed = status && hadTime && status != kAudioHardwareIllegalOperationError;
-    subDevice.failed = hasFailed ? std::optional(subDevice.state) : std::nullopt;
+    const bool hasFailed = status && status != kAudioHardwareIllegalOperationError;
+    if (hasFailed && !subDevice.mustRetry) // it does not wait for the pause of another
+        _endRetries();
+    subDevice.mustRetry = hasFailed;
+    subDevice.failed = hasFailed && hadTime ? std::optional(subDevice.state) : std::nullopt;
 }
 
 /// Whether it failed to start and has not changed since then.
@@ -598,7 +617,7 @@ bool AggregateDevice::_hasFailed(size_t place) const
 }
 
 /// Whether the sub-device, which is present beside a leader, must be started or restarted. One that failed to
-/// start stays silent until it changes; the others do not wait for it.
+/// start stays silent until it changes or _retryNow() is called; the others do not wait for it.
 bool AggregateDevice::_mustStart(size_t place) const
 {
     const SubDevice& subDevice = _subDevices[place];
@@ -608,4 +627,66 @@ bool AggregateDevice::_mustStart(size_t place) const
     return !track || track->shape() != _shapeOf(subDevice) ||
            track->leaderFrames() != _leader()->state.bufferFrameSize ||
            track->isCompensated() != _isCompensated(place);
+}
+
+// ---- Trying again
+
+bool AggregateDevice::_mustRetry() const
+{
+    if (!_table || !_io)
+        return _table && !_candidates().empty();
+    const auto isMissing = [](const SubDevice& each) { return each.mustRetry && hasChannels(each.state); };
+    return std::ranges::any_of(_subDevices, isMissing);
+}
+
+/// Queues another attempt if one is needed and none is queued; `took`: how long the last one took. The delay
+/// timer owns the queued work, which has the queue and a weak reference: it does nothing when the device has
+/// ended or is gone. end() waits for an attempt that is running, because it takes the lock.
+void AggregateDevice::_retryLater(std::chrono::nanoseconds took)
+{
+    if (!_mustRetry())
+        _endRetries();
+    else if (!_retry.isQueued)
+        _queueRetry(took);
+}
+
+void AggregateDevice::_queueRetry(std::chrono::nanoseconds took)
+{
+    const std::chrono::nanoseconds longest = _io ? longestPauseOfPart : longestPause;
+    _retry.pause = std::clamp(std::max(2 * _retry.pause, pausePerAttempt * took),
+                              std::chrono::nanoseconds(firstPause), longest);
+    try {
+        _queue->after(static_cast<uint64_t>(_retry.pause.count()),
+                      [weak = CXWeak(*this), number = _retry.number] {
+                          if (const CXRef<AggregateDevice> self = weak.lock())
+                              self->_retryNow(number);
+                      });
+        _retry.isQueued = true;
+    } catch (const std::system_error&) { // no thread: the next change of a device tries again
+    }
+}
+
+void AggregateDevice::_retryNow(uint64_t number)
+{
+    const std::scoped_lock lock(_mutex);
+    if (_isEnded || number != _retry.number)
+        return;
+    _retry.isQueued = false;
+    _lookAtSubDevices();
+    _forgetFailures();
+    _follow(deadlineFromNow());
+    _publish();
+}
+
+/// Lets what has failed start again. One that could run in the group of a run starts beside it, because to
+/// include it would restart the others.
+void AggregateDevice::_forgetFailures()
+{
+    const SubDevice* leader = _leader();
+    for (size_t place = 0; place < _subDevices.size(); ++place) {
+        SubDevice& each = _subDevices[place];
+        if (_io && leader && _hasFailed(place) && sharesCycles(leader->state, each.state))
+            each.runsAlone = true;
+        each.failed = std::nullopt;
+    }
 }

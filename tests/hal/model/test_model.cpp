@@ -304,11 +304,14 @@ TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
         << "the first leaves time for the others";
 }
 
-TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
+TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChangesOrAPauseHasPassed)
 {
-    int starts = 0; // the clock device's is the third
+    std::atomic<int> starts{0}; // the clock device's is the third
     hardware->whenAsked = [&](HALDeadline) {
-        return ++starts % 5 == 1 ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
+        if (++starts % 5 != 1)
+            return kAudioHardwareNoError;
+        sleepForMilliseconds(200); // the pause is then 1 s, and the rest of the test is shorter
+        return kAudioHardwareUnspecifiedError;
     };
     const AudioObjectID aggregate = aggregateOf(3);
     const RunningProc proc(*model, aggregate, idle);
@@ -316,7 +319,7 @@ TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
         const auto changed = aDevice().uid(uid).outputs(2).volume(HALDirection::Output, 0.5F);
         hardware->sink->deviceChanged(*hardware->device(uid), changed.description().state);
         hardware->settle();
-        return starts;
+        return starts.load();
     };
     EXPECT_EQ(changeVolume("0"), 3);
     hardware->unplug("0");
@@ -328,6 +331,8 @@ TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
     hardware->plug(aDevice().uid("other"));
     hardware->settle();
     EXPECT_EQ(starts, 6) << "nor as the clock";
+    EXPECT_TRUE(eventually([&] { return subDeviceStatus(*model, aggregate)[1].isRunning == 1; }));
+    EXPECT_EQ(starts, 7) << "without another change";
 }
 
 TEST_F(HALModelDrivers, aGroupWithAStuckMemberHasMostOfTheTimeOnceAndThenRunsWithoutIt)
@@ -336,9 +341,12 @@ TEST_F(HALModelDrivers, aGroupWithAStuckMemberHasMostOfTheTimeOnceAndThenRunsWit
     hardware->whenGrouped = [&](HALDeadline deadline) {
         groups.emplace_back(deadline - std::chrono::steady_clock::now());
     };
-    int starts = 0; // the stuck device's is the second
+    std::atomic<int> starts{0}; // the stuck device's is the second
     hardware->whenAsked = [&](HALDeadline) {
-        return ++starts == 2 ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
+        if (++starts != 2)
+            return kAudioHardwareNoError;
+        sleepForMilliseconds(200); // see above
+        return kAudioHardwareUnspecifiedError;
     };
     for (const char* uid : {"stuck", "good"})
         hardware->plug(aDevice().uid(uid).outputs(2).clockDomain(7));
@@ -348,6 +356,8 @@ TEST_F(HALModelDrivers, aGroupWithAStuckMemberHasMostOfTheTimeOnceAndThenRunsWit
     hardware->plug(aDevice().uid("other"));
     hardware->settle();
     EXPECT_EQ(starts, 3) << "no start is repeated";
+    EXPECT_TRUE(eventually([&] { return subDeviceStatus(*model, aggregate)[0].isRunning == 1; }));
+    EXPECT_EQ(starts, 4) << "only the stuck one's, and not in a group";
     ASSERT_EQ(groups.size(), 1U);
     EXPECT_GT(groups[0].count(), 3.5);
 }
