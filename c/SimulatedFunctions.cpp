@@ -157,7 +157,12 @@ dxr_status dxr_simulated_lose_cycles(dxr_computer* computer, const char* uid, ui
 
 dxr_status dxr_simulated_advance(dxr_computer* computer, uint64_t nanoseconds)
 {
-    return guarded(__func__, [&] { computerOf(computer)->advance(nanoseconds); });
+    return guarded(__func__, [&] {
+        const CXRef<SimulatedHardware> hardware = computerOf(computer);
+        if (nanoseconds > INT64_MAX - hardware->nowTicks())
+            fail(DXR_ERROR_ARGUMENT, "the clock would pass 292 years");
+        hardware->advance(nanoseconds);
+    });
 }
 
 dxr_status dxr_simulated_settle(dxr_computer* computer)

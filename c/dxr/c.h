@@ -311,7 +311,8 @@ DXR_C_API dxr_status dxr_simulated_set_default(dxr_computer* computer, dxr_direc
 DXR_C_API dxr_status dxr_simulated_fail(dxr_computer* computer, int starts, int writes);
 /* Makes the running device lose `count` cycles at its next cycle. */
 DXR_C_API dxr_status dxr_simulated_lose_cycles(dxr_computer* computer, const char* uid, uint32_t count);
-/* Advances a stepped clock, and runs the cycles that become due on the calling thread. */
+/* Advances a stepped clock, and runs the cycles that become due on the calling thread. Returns
+   DXR_ERROR_ARGUMENT if the clock would pass 292 years. */
 DXR_C_API dxr_status dxr_simulated_advance(dxr_computer* computer, uint64_t nanoseconds);
 /* Waits until all changes so far have reached the library and every dxr_device_callback. */
 DXR_C_API dxr_status dxr_simulated_settle(dxr_computer* computer);

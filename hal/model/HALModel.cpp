@@ -430,9 +430,10 @@ HALStatus HALModel::createAggregateDevice(const CXValue& description, AudioObjec
     const std::scoped_lock creation(_creationMutex);
     if (_deviceWithUID(valid->uid))
         return kAudioHardwareIllegalOperationError;
-    _aggregates->prepare();
+    CXRef<dxr::SerialQueue> queue = _aggregates->prepare();
     const auto aggregate = AggregateDevice::initWithDescription(
-        std::move(*valid), *this, [this](const std::string& uid) { return _deviceWithUID(uid); });
+        std::move(*valid), *this, [this](const std::string& uid) { return _deviceWithUID(uid); },
+        std::move(queue));
     deviceID = deviceAdded(aggregate, aggregate->look());
     if (deviceID == kAudioObjectUnknown) // the hardware has added a device of that UID meanwhile
         return kAudioHardwareIllegalOperationError;

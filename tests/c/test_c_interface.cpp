@@ -116,6 +116,7 @@ TEST_F(CInterface, refusesInvalidCallsWithAMessage)
          DXR_ERROR_ARGUMENT},
         {"not a reference", dxr_device_with_reference("{junk}", &device), DXR_ERROR_TEXT},
         {"no device of that", dxr_simulated_set_default(computer, DXR_OUTPUT, "?"), DXR_ERROR_NOT_FOUND},
+        {"292 years", dxr_simulated_advance(computer, UINT64_MAX), DXR_ERROR_ARGUMENT},
         {"does not run", dxr_simulated_lose_cycles(computer, "cable", 1), DXR_ERROR_STATE},
         {"", add(nullptr, keepSilent), DXR_OK},
         {"only as the default", dxr_runner_remove(runner, output), DXR_ERROR_NOT_FOUND},

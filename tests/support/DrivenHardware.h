@@ -23,6 +23,8 @@ public:
     std::atomic<HALStatus> startStatus{kAudioHardwareNoError}; ///< of the following starts
     /// Called when a device is asked to start or to change its rate; returns the result.
     std::function<HALStatus(HALDeadline)> whenAsked = [this](HALDeadline) { return startStatus.load(); };
+    /// Called when devices are asked to start in one cycle, which fails.
+    std::function<void(HALDeadline)> whenGrouped = [](HALDeadline) {};
     HALDriverSink* sink = nullptr;
 
     AudioObjectID plug(const SimulatedDeviceBuilder& builder)
@@ -78,6 +80,12 @@ private:
                 table->runCycle(cycle);
             };
             return kAudioHardwareNoError;
+        }
+        HALStatus startTogether(std::span<const HALGroupMember>, const CXRef<HALIOProcTable>&,
+                                HALDeadline deadline, CXRef<HALGroupIO>&) override
+        {
+            _hardware.whenGrouped(deadline);
+            return kAudioHardwareUnspecifiedError;
         }
         void stopIO() override
         {

@@ -1,12 +1,18 @@
 #include "AggregateDevice.h"
 
+#include "CXWeak.h"
+
 #include <algorithm>
 #include <cmath>
+#include <system_error>
 
 namespace {
 
 constexpr std::chrono::seconds maxWaitToFollow{2};
 constexpr std::chrono::milliseconds minTimeToStart{200}; // with less, a device in good order may fail, too
+constexpr std::chrono::milliseconds firstPause{100};     // between attempts to start
+constexpr std::chrono::seconds longestPause{10}, longestPauseOfPart{60};
+constexpr int pausePerAttempt = 5; // a long attempt holds the lock and the queue, which others need
 
 HALDeadline deadlineFromNow()
 {
@@ -18,6 +24,12 @@ HALDeadline deadlineOfFirst(size_t count, HALDeadline deadline)
 {
     const auto now = std::chrono::steady_clock::now();
     return now + (deadline - now) / static_cast<ptrdiff_t>(count);
+}
+
+/// The deadline of a group's start, which leaves a quarter of the time.
+HALDeadline deadlineOfGroup(HALDeadline deadline)
+{
+    return deadline - (deadline - std::chrono::steady_clock::now()) / 4;
 }
 
 bool hasTimeToStart(HALDeadline deadline)
@@ -95,16 +107,17 @@ std::vector<AudioValueRange> commonRates(const std::vector<AudioValueRange>& a,
 } // namespace
 
 CXRef<AggregateDevice> AggregateDevice::initWithDescription(AggregateDescription description,
-                                                            HALDriverSink& sink, DeviceFinder findDevice)
+                                                            HALDriverSink& sink, DeviceFinder findDevice,
+                                                            CXRef<dxr::SerialQueue> queue)
 {
     return CXRef<AggregateDevice>::adopt(
-        new AggregateDevice(std::move(description), sink, std::move(findDevice)));
+        new AggregateDevice(std::move(description), sink, std::move(findDevice), std::move(queue)));
 }
 
 AggregateDevice::AggregateDevice(AggregateDescription description, HALDriverSink& sink,
-                                 DeviceFinder findDevice)
+                                 DeviceFinder findDevice, CXRef<dxr::SerialQueue> queue)
     : _description(std::move(description)), _sink(sink), _findDevice(std::move(findDevice)),
-      _name(_description.name), _subDevices(_description.subDevices.size())
+      _queue(std::move(queue)), _name(_description.name), _subDevices(_description.subDevices.size())
 {}
 
 // ---- Its state
@@ -123,8 +136,11 @@ void AggregateDevice::_lookAtSubDevices()
         SubDevice& subDevice = _subDevices[place];
         const CXRef<HALDevice> before =
             std::exchange(subDevice.device, _findDevice(_description.subDevices[place].uid));
-        if (before != subDevice.device)
+        if (before != subDevice.device) {
             subDevice.failed = std::nullopt;
+            subDevice.mustRetry = false;
+            subDevice.runsAlone = false;
+        }
         if (!subDevice.device)
             continue;
         HALDeviceState state = subDevice.device->state();
@@ -290,16 +306,19 @@ void AggregateDevice::refresh()
 
 void AggregateDevice::_follow(HALDeadline deadline)
 {
+    const auto began = std::chrono::steady_clock::now();
     if (_table && _mustBeginAgain())
         _begin(deadline);
     else if (_io)
         _joinPresent(deadline, 0);
+    _retryLater(std::chrono::steady_clock::now() - began);
 }
 
 void AggregateDevice::end()
 {
     const std::scoped_lock lock(_mutex);
     _isEnded = true;
+    _endRetries();
     _io = nullptr;
     _table = nullptr;
 }
@@ -380,14 +399,17 @@ HALStatus AggregateDevice::startIO(const CXRef<HALIOProcTable>& table, HALDeadli
     const std::scoped_lock lock(_mutex);
     if (_isEnded)
         return kAudioHardwareBadDeviceError;
+    const auto began = std::chrono::steady_clock::now();
     _table = table;
-    _refusedGroup.clear();
-    for (SubDevice& each : _subDevices)
-        each.failed = std::nullopt;
+    _endRetries();
     _lookAtSubDevices();
+    _forgetFailures();
+    for (SubDevice& each : _subDevices)
+        each.runsAlone = false;
     const HALStatus status = _begin(deadline);
     if (status)
         _table = nullptr;
+    _retryLater(std::chrono::steady_clock::now() - began);
     _publish();
     return status;
 }
@@ -397,6 +419,7 @@ void AggregateDevice::stopIO()
     const std::scoped_lock lock(_mutex);
     _io = nullptr;
     _table = nullptr;
+    _endRetries();
     if (!_isEnded)
         _publish();
 }
@@ -425,10 +448,14 @@ AggregateTrackShape AggregateDevice::_shapeOf(const SubDevice& subDevice) const
 /// were last present.
 std::vector<size_t> AggregateDevice::_groupOf(size_t leader) const
 {
+    const SubDevice& first = _subDevices[leader];
+    const auto canJoin = [&](const SubDevice& each) {
+        return !first.runsAlone && !each.runsAlone && hasChannels(each.state) &&
+               sharesCycles(first.state, each.state);
+    };
     std::vector<size_t> group;
     for (size_t place = 0; place < _subDevices.size(); ++place)
-        if (place == leader || (hasChannels(_subDevices[place].state) &&
-                                sharesCycles(_subDevices[leader].state, _subDevices[place].state)))
+        if (place == leader || (canJoin(_subDevices[place]) && !_hasFailed(place)))
             group.push_back(place);
     return group;
 }
@@ -462,6 +489,8 @@ AggregateIO::Devices AggregateDevice::_devices() const
 /// changed are tried last.
 HALStatus AggregateDevice::_begin(HALDeadline deadline)
 {
+    if (_io) // the attempts so far were those of a part
+        _endRetries();
     _io = nullptr;
     HALStatus status = kAudioHardwareUnspecifiedError;
     std::vector<size_t> candidates = _candidates();
@@ -472,14 +501,14 @@ HALStatus AggregateDevice::_begin(HALDeadline deadline)
         const size_t place = *next;
         candidates.erase(next);
         const bool isLast = candidates.empty();
-        std::vector<size_t> group = _groupOf(place);
-        if (group.size() > 1 && group != _refusedGroup) {
-            status = _beginWith(place, group, isLast, deadline);
-            if (status == kAudioHardwareIllegalOperationError)
-                _refusedGroup = group;
-        }
-        if (group.size() == 1 || group == _refusedGroup)
+        const std::vector<size_t> group = _groupOf(place);
+        status = _beginWith(place, group, isLast, deadline);
+        if (status && group.size() > 1) {
+            // The driver does not run them in one cycle, or one of them is stuck, and nothing reports which.
+            for (const size_t each : group)
+                _subDevices[each].runsAlone = true;
             status = _beginWith(place, {place}, isLast, deadline);
+        }
         if (status == kAudioHardwareNoError || std::chrono::steady_clock::now() >= deadline)
             break;
     }
@@ -499,20 +528,22 @@ std::vector<size_t> AggregateDevice::_candidates() const
     return candidates;
 }
 
-/// The last candidate may take all of the time; another leaves half of it, in case that it is stuck.
+/// The last candidate may take all of the time; another leaves half of it, in case that it is stuck. A group
+/// leaves less: it includes the next candidates, and all may need the time of its slowest member.
 HALStatus AggregateDevice::_beginWith(size_t leader, std::vector<size_t> group, bool isLast,
                                       HALDeadline deadline)
 {
+    const bool isGroup = group.size() > 1;
     _io = std::make_unique<AggregateIO>(_table, _planFor(leader, std::move(group)), _sampleTime);
-    const size_t leaderStarts = isLast ? 1 : 2;
+    const size_t leaderStarts = isLast && !isGroup ? 1 : 2;
     // The others start first, so that their frames are available in the first cycle.
     _joinPresent(deadline, leaderStarts);
-    const HALDeadline share = deadlineOfFirst(leaderStarts, deadline);
+    const HALDeadline share = isGroup ? deadlineOfGroup(deadline) : deadlineOfFirst(leaderStarts, deadline);
     const bool hasTime = hasTimeToStart(share);
     const HALStatus status = _io->start(_devices(), share);
-    // The failure of a group may be that of any member.
-    if (!status || _io->plan().group.size() == 1)
-        _noteStart(_subDevices[leader], status, hasTime);
+    if (!status || !isGroup) // the failure of a group may be that of any member
+        for (const size_t place : _io->plan().group)
+            _noteStart(_subDevices[place], status, hasTime);
     if (status)
         _io = nullptr;
     return status;
@@ -531,8 +562,7 @@ bool AggregateDevice::_mustBeginAgain() const
     // A new device object with the same UID: the callback on the old object has ended with it.
     if (plan.group.size() == 1 && _shapeOf(*leader).deviceID != plan.layout[place].deviceID)
         return true;
-    const std::vector<size_t> group = _groupOf(place);
-    if (group != plan.group && group != _refusedGroup)
+    if (_groupOf(place) != plan.group)
         return true;
     for (size_t each = 0; each < _subDevices.size(); ++each) {
         const AggregateTrackShape now = _shapeOf(_subDevices[each]);
@@ -572,8 +602,11 @@ void AggregateDevice::_joinPresent(HALDeadline deadline, size_t laterStarts)
 void AggregateDevice::_noteStart(SubDevice& subDevice, HALStatus status, bool hadTime)
 {
     // 'nope': the rates are too far apart, but not those of another leader.
-    const bool hasFailed = status && hadTime && status != kAudioHardwareIllegalOperationError;
-    subDevice.failed = hasFailed ? std::optional(subDevice.state) : std::nullopt;
+    const bool hasFailed = status && status != kAudioHardwareIllegalOperationError;
+    if (hasFailed && !subDevice.mustRetry) // it does not wait for the pause of another
+        _endRetries();
+    subDevice.mustRetry = hasFailed;
+    subDevice.failed = hasFailed && hadTime ? std::optional(subDevice.state) : std::nullopt;
 }
 
 /// Whether it failed to start and has not changed since then.
@@ -584,7 +617,7 @@ bool AggregateDevice::_hasFailed(size_t place) const
 }
 
 /// Whether the sub-device, which is present beside a leader, must be started or restarted. One that failed to
-/// start stays silent until it changes; the others do not wait for it.
+/// start stays silent until it changes or _retryNow() is called; the others do not wait for it.
 bool AggregateDevice::_mustStart(size_t place) const
 {
     const SubDevice& subDevice = _subDevices[place];
@@ -594,4 +627,66 @@ bool AggregateDevice::_mustStart(size_t place) const
     return !track || track->shape() != _shapeOf(subDevice) ||
            track->leaderFrames() != _leader()->state.bufferFrameSize ||
            track->isCompensated() != _isCompensated(place);
+}
+
+// ---- Trying again
+
+bool AggregateDevice::_mustRetry() const
+{
+    if (!_table || !_io)
+        return _table && !_candidates().empty();
+    const auto isMissing = [](const SubDevice& each) { return each.mustRetry && hasChannels(each.state); };
+    return std::ranges::any_of(_subDevices, isMissing);
+}
+
+/// Queues another attempt if one is needed and none is queued; `took`: how long the last one took. The delay
+/// timer owns the queued work, which has the queue and a weak reference: it does nothing when the device has
+/// ended or is gone. end() waits for an attempt that is running, because it takes the lock.
+void AggregateDevice::_retryLater(std::chrono::nanoseconds took)
+{
+    if (!_mustRetry())
+        _endRetries();
+    else if (!_retry.isQueued)
+        _queueRetry(took);
+}
+
+void AggregateDevice::_queueRetry(std::chrono::nanoseconds took)
+{
+    const std::chrono::nanoseconds longest = _io ? longestPauseOfPart : longestPause;
+    _retry.pause = std::clamp(std::max(2 * _retry.pause, pausePerAttempt * took),
+                              std::chrono::nanoseconds(firstPause), longest);
+    try {
+        _queue->after(static_cast<uint64_t>(_retry.pause.count()),
+                      [weak = CXWeak(*this), number = _retry.number] {
+                          if (const CXRef<AggregateDevice> self = weak.lock())
+                              self->_retryNow(number);
+                      });
+        _retry.isQueued = true;
+    } catch (const std::system_error&) { // no thread: the next change of a device tries again
+    }
+}
+
+void AggregateDevice::_retryNow(uint64_t number)
+{
+    const std::scoped_lock lock(_mutex);
+    if (_isEnded || number != _retry.number)
+        return;
+    _retry.isQueued = false;
+    _lookAtSubDevices();
+    _forgetFailures();
+    _follow(deadlineFromNow());
+    _publish();
+}
+
+/// Lets what has failed start again. One that could run in the group of a run starts beside it, because to
+/// include it would restart the others.
+void AggregateDevice::_forgetFailures()
+{
+    const SubDevice* leader = _leader();
+    for (size_t place = 0; place < _subDevices.size(); ++place) {
+        SubDevice& each = _subDevices[place];
+        if (_io && leader && _hasFailed(place) && sharesCycles(leader->state, each.state))
+            each.runsAlone = true;
+        each.failed = std::nullopt;
+    }
 }

@@ -5,6 +5,8 @@
 #include "AggregateStatus.h"
 #include "HALHardwareDriver.h"
 
+#include "SerialQueue.h"
+
 #include <memory>
 #include <mutex>
 
@@ -14,6 +16,8 @@
 /// Its layout is stable: an absent sub-device keeps its last streams, silent. A sub-device that reappears
 /// while the aggregate runs is joined without affecting the others. If the leader disappears, the next
 /// sub-device that is present and starts leads until the aggregate is stopped; sample time continues.
+/// While it should run, a sub-device that did not start is started again after pauses that double: up to 10 s
+/// if no other runs, otherwise up to a minute, and without affecting the others.
 /// Threads: any except IO threads.
 /// Waits:   every function waits for the sub-devices, until the deadline for all of them together; status
 ///          reads never wait.
@@ -22,9 +26,10 @@ public:
     /// Returns null if no device has that UID. Called with the lock held.
     using DeviceFinder = CXBlock<CXRef<HALDevice>(const std::string& uid)>;
 
-    /// `sink`, and everything that `findDevice` refers to, outlive end().
+    /// `sink`, and everything that `findDevice` refers to, outlive end(). `queue` tries again what did not
+    /// start.
     static CXRef<AggregateDevice> initWithDescription(AggregateDescription description, HALDriverSink& sink,
-                                                      DeviceFinder findDevice);
+                                                      DeviceFinder findDevice, CXRef<dxr::SerialQueue> queue);
 
     /// The current state, for adding the device to the model.
     HALDeviceState look();
@@ -48,10 +53,23 @@ private:
         HALDeviceState state;    // the last known state
         // The state in which `device` failed to start; none: it has not failed. See _hasFailed().
         std::optional<HALDeviceState> failed;
+        bool mustRetry = false; // its last start may succeed later
+        // A group with `device` did not start, or would have to restart to include it. Until the next
+        // startIO(), it runs in no group.
+        bool runsAlone = false;
+    };
+    /// The next attempt to start what did not start.
+    struct Retry {
+        uint64_t number = 0; // a queued attempt with another number is void
+        bool isQueued = false;
+        std::chrono::nanoseconds pause{0}; // the last one; 0: none yet
     };
 
-    AggregateDevice(AggregateDescription description, HALDriverSink& sink, DeviceFinder findDevice);
+    AggregateDevice(AggregateDescription description, HALDriverSink& sink, DeviceFinder findDevice,
+                    CXRef<dxr::SerialQueue> queue);
     ~AggregateDevice() override = default;
+
+    void _retryNow(uint64_t number);
 
     // Everything below is called with the lock held.
     void _lookAtSubDevices();
@@ -74,14 +92,20 @@ private:
     bool _mustBeginAgain() const;
     void _follow(HALDeadline deadline);
     void _joinPresent(HALDeadline deadline, size_t laterStarts);
-    static void _noteStart(SubDevice& subDevice, HALStatus status, bool hadTime);
+    void _noteStart(SubDevice& subDevice, HALStatus status, bool hadTime);
     bool _hasFailed(size_t place) const;
     bool _mustStart(size_t place) const;
+    bool _mustRetry() const;
+    void _retryLater(std::chrono::nanoseconds took);
+    void _queueRetry(std::chrono::nanoseconds took);
+    void _forgetFailures();
+    void _endRetries() { _retry = {.number = _retry.number + 1}; }
     template <class Takes, class Write> HALStatus _writeToAll(Takes takes, Write write, HALDeadline deadline);
 
     const AggregateDescription _description;
     HALDriverSink& _sink;
     const DeviceFinder _findDevice;
+    const CXRef<dxr::SerialQueue> _queue;
     const CXRef<AggregateStatus> _status = AggregateStatus::init();
     const CXBlock<std::vector<AudioAggregateSubDeviceStatus>()> _readStatus = [status = _status] {
         return status->read();
@@ -92,7 +116,7 @@ private:
     std::string _name;
     std::vector<SubDevice> _subDevices; // in the order of the description
     CXRef<HALIOProcTable> _table;       // null while stopped
-    std::unique_ptr<AggregateIO> _io;   // null while stopped, or while no sub-device is present
-    std::vector<size_t> _refusedGroup;  // the driver does not run these places in one cycle
+    std::unique_ptr<AggregateIO> _io;   // null while stopped, or while no sub-device runs
+    Retry _retry;
     bool _isEnded = false;
 };

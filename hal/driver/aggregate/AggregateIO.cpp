@@ -205,7 +205,8 @@ void AggregateIO::_lead(const AudioTimeStamp& now, const AudioBufferList* input,
     if (frames == 0 || frames > _plan.maxFrames || !_takeGroupBlocks(input, output))
         return;
     // A change reaches the leader's cycles before the aggregate's state.
-    _table->setTiming(_leaderTable->nominalSampleRate(), frames);
+    const double rate = _leaderTable->nominalSampleRate();
+    _table->setTiming(rate, frames);
     _followTime(now, frames);
     const auto shifted = [this](const AudioTimeStamp* time) {
         AudioTimeStamp result = *time;
@@ -219,7 +220,7 @@ void AggregateIO::_lead(const AudioTimeStamp& now, const AudioBufferList* input,
     cycle.now = shifted(&now);
     cycle.inputTime = shifted(inputTime ? inputTime : &aside);
     cycle.outputTime = shifted(outputTime ? outputTime : &aside);
-    const auto cycleTicks = static_cast<uint64_t>(frames * 1e9 / _plan.sampleRate);
+    const auto cycleTicks = static_cast<uint64_t>(frames * 1e9 / (rate > 0.0 ? rate : _plan.sampleRate));
     if (!inputTime) {
         cycle.inputTime.sampleTime -= frames;
         cycle.inputTime.hostTime -= std::min(cycle.inputTime.hostTime, cycleTicks);

@@ -5,11 +5,12 @@ AggregateRegistry::~AggregateRegistry()
     shutDown();
 }
 
-void AggregateRegistry::prepare()
+CXRef<dxr::SerialQueue> AggregateRegistry::prepare()
 {
     const std::scoped_lock lock(_mutex);
     if (!_queue)
         _queue = dxr::SerialQueue::initWithLabel("dxr-aggregates");
+    return _queue;
 }
 
 void AggregateRegistry::add(AudioObjectID deviceID, const CXRef<AggregateDevice>& device)

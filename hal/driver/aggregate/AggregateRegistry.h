@@ -16,8 +16,9 @@ public:
     AggregateRegistry(const AggregateRegistry&) = delete;
     AggregateRegistry& operator=(const AggregateRegistry&) = delete;
 
-    /// Creates the queue, before the first add(). Throws std::system_error if no thread can be created.
-    void prepare();
+    /// Returns the queue, created before the first add(). Throws std::system_error if no thread can be
+    /// created.
+    CXRef<dxr::SerialQueue> prepare();
     void add(AudioObjectID deviceID, const CXRef<AggregateDevice>& device);
     /// Returns null if the device is not an aggregate.
     CXRef<AggregateDevice> device(AudioObjectID deviceID) const;
@@ -28,7 +29,8 @@ public:
     void devicesChanged();
     /// Waits until the aggregates have applied every change so far. Returns at once on the queue itself.
     void flush();
-    /// Ends every aggregate's cycles. Later changes are ignored.
+    /// Ends every aggregate's cycles. Later changes are ignored. An attempt to start that an aggregate has
+    /// queued for later may keep the queue for that time, at most a minute, and then does nothing.
     void shutDown();
 
 private:

@@ -47,6 +47,7 @@ public:
     void begin(uint64_t firstCycleTicks) override;
     uint64_t nextCycleTicks() const override;
     uint64_t cycleTicks() const override;
+    double nominalSampleRate() const override { return _description.state.nominalSampleRate; }
     HALCycle beginCycle(uint64_t lostCycles) override;
     void runCallbacks(const HALCycle& cycle, bool isMixed) override;
     bool hasCallbacks() const noexcept override { return bool(_table); }

@@ -65,7 +65,8 @@ public:
 
     // -- The stepped clock. advance() and stepCycles() do nothing on a real-time clock.
 
-    /// Runs every cycle that is due in the next `nanoseconds`, in order of time.
+    /// Runs every cycle that is due in the next `nanoseconds`, in order of time. The clock ends at
+    /// 2^63 - 1 ticks.
     void advance(uint64_t nanoseconds);
     /// Advances until every running device has run `count` more cycles.
     void stepCycles(uint32_t count);

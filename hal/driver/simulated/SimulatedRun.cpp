@@ -153,8 +153,10 @@ void SimulatedRun::_runGroup(uint64_t lostCycles)
     for (size_t place = 0; place < _members.size(); ++place) {
         if (present[place]) {
             own[place] = present[place]->beginCycle(lostCycles);
-            if (std::exchange(isFirst, false))
+            if (std::exchange(isFirst, false)) {
                 cycle = own[place];
+                _groupTable->setTiming(present[place]->nominalSampleRate(), cycle.frameCount);
+            }
             for (const HALStreamBlock& block : own[place].output) // the group may not fill all of them
                 std::fill_n(block.samples, size_t{block.channelCount} * own[place].frameCount, 0.0F);
         }

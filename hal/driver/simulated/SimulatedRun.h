@@ -14,6 +14,7 @@ public:
     virtual void begin(uint64_t firstCycleTicks) = 0;
     virtual uint64_t nextCycleTicks() const = 0;
     virtual uint64_t cycleTicks() const = 0;
+    virtual double nominalSampleRate() const = 0; // Hz
     /// Returns the cycle that is due, with the device's input.
     virtual HALCycle beginCycle(uint64_t lostCycles) = 0;
     /// Runs the device's own callbacks. If `isMixed`, their output is added to the output blocks.

@@ -9,6 +9,13 @@
 #include <chrono>
 #include <system_error>
 
+namespace {
+
+/// The stepped clock's last time, after 292 years: a sum of it and the length of a cycle does not overflow.
+constexpr uint64_t lastTicks = INT64_MAX;
+
+} // namespace
+
 /// Runs one run's cycles when they are due, until stop().
 class SimulatedScheduler::IOThread final : public CXObject {
 public:
@@ -147,7 +154,8 @@ void SimulatedScheduler::advance(uint64_t nanoseconds)
 {
     if (!_isStepped)
         return;
-    const uint64_t until = nowTicks() + nanoseconds;
+    const uint64_t now = nowTicks();
+    const uint64_t until = now + std::min(nanoseconds, lastTicks - now);
     while (_runNextCycle(until)) {
     }
     const std::scoped_lock lock(_mutex);
@@ -167,7 +175,7 @@ void SimulatedScheduler::stepCycles(uint32_t count)
         return goal != goals.end() && run->cycleCount() < goal->second && run->nextCycleTicks() != UINT64_MAX;
     };
     // isMissed() is false for a run that ends meanwhile.
-    while (std::ranges::any_of(_runs(), isMissed) && _runNextCycle(UINT64_MAX - 1)) {
+    while (std::ranges::any_of(_runs(), isMissed) && _runNextCycle(lastTicks)) {
     }
 }
 

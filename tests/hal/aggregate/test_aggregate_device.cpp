@@ -287,6 +287,17 @@ TEST_F(AggregateDevices, runsDevicesOfOneClockInOneCycle)
     EXPECT_GT(recording.back(), 0.0F);
     EXPECT_EQ(copier.backwards, 0U);
     EXPECT_EQ(copier.lostFrames, 2 * 128U) << "a member goes and comes without a restart";
+
+    std::vector<std::optional<double>> rates;
+    const RunningProc proc(*model, device, eachCycle([&](const IOCycle&) {
+        const CXRealtimeExemption exemption("the test makes the change, not the library");
+        rates.push_back(read<double>(device, kAudioDevicePropertyNominalSampleRate));
+        for (const char* uid : {"a", "b"})
+            if (rates.size() == 1)
+                hal->reconfigure(uid, [](SimulatedDeviceBuilder& each) { each.sampleRate(96000.0); });
+    }));
+    advance(0.2); // the aggregate's restart may take up the first half
+    EXPECT_EQ(rates.at(1), 96000.0) << "before the restart, too";
 }
 
 TEST_F(AggregateDevices, runsOnAfterAllOfOneCycleWereGone)
@@ -342,6 +353,24 @@ TEST_F(AggregateDevices, runsOnWhileSubDevicesGoAndComeBack)
     advance(0.5);
     EXPECT_TRUE(subDeviceStatus(*model, device)[0].isClock);
     EXPECT_EQ(copier.backwards + copier.withoutData, 0U);
+}
+
+TEST_F(AggregateDevices, oneThatFailedBesideTheCycleAndThenJoinedItIsStartedWhenItLeaves)
+{
+    hal->plug(aDevice().uid("clock").inputs(1).clockDomain(7));
+    hal->plug(aDevice().uid("other").inputs(1).clockDomain(7).sampleRate(44100.0));
+    const AudioObjectID device = makeAggregate(*model, {"clock", "other"});
+    const Copier copier(*model, device);
+    const auto change = [&](double rate) {
+        hal->reconfigure("other", [rate](SimulatedDeviceBuilder& other) { other.sampleRate(rate); });
+        advance(0.1);
+        return subDeviceStatus(*model, device)[1].isRunning;
+    };
+    hal->failStarts(kAudioHardwareUnspecifiedError);
+    EXPECT_FALSE(change(96000.0));
+    hal->failStarts(kAudioHardwareNoError);
+    EXPECT_TRUE(change(48000.0));
+    EXPECT_TRUE(change(96000.0));
 }
 
 TEST_F(AggregateDevices, survivesWhatSubDevicesDo)

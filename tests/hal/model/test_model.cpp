@@ -171,7 +171,8 @@ protected:
     float runCycle() const
     {
         std::array<float, 64> samples{};
-        const AudioTimeStamp now{};
+        AudioTimeStamp now{};
+        now.hostTime = 1'000'000'000;
         AudioBufferList list{1, {{2, sizeof samples, samples.data()}}};
         hardware->callback(&now, nullptr, nullptr, &list, &now);
         return samples[0];
@@ -255,6 +256,7 @@ TEST_F(HALModelDrivers, aStreamThatIsSwitchedOnDuringACycleIsSilent)
 TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
 {
     SimulatedDeviceBuilder shape = aDevice().uid("device").outputs(2);
+    const RunningProc silent(*model, hardware->plug(aDevice().uid("microphone").inputs(1)), idle);
     const AudioObjectID device = hardware->plug(shape);
     std::optional<double> rate;
     const RunningProc proc(*model, device, [&](auto...) {
@@ -263,18 +265,22 @@ TEST_F(HALModelDrivers, aChangeReportedMeanwhileDoesNotHideTheRateOfTheCycle)
         hardware->sink->deviceChanged(*hardware->device("device"), shape.description().state);
         rate = readValue<double>(*model, device, at(kAudioDevicePropertyNominalSampleRate));
     });
-    const AudioObjectID aggregate = makeAggregate(*model, {"device"});
+    const AudioObjectID aggregate = makeAggregate(*model, {"device", "microphone"});
+    uint64_t aggregateInputTicks = 0;
     std::optional<double> aggregateRate;
     std::optional<uint32_t> aggregateFrames;
-    const RunningProc aggregateProc(*model, aggregate, [&](auto...) {
-        aggregateRate = readValue<double>(*model, aggregate, at(kAudioDevicePropertyNominalSampleRate));
-        aggregateFrames = readValue<uint32_t>(*model, aggregate, at(kAudioDevicePropertyBufferFrameSize));
-    });
+    const RunningProc aggregateProc(
+        *model, aggregate, [&](auto, auto, const AudioTimeStamp* inputTime, auto...) {
+            aggregateInputTicks = inputTime->hostTime;
+            aggregateRate = readValue<double>(*model, aggregate, at(kAudioDevicePropertyNominalSampleRate));
+            aggregateFrames = readValue<uint32_t>(*model, aggregate, at(kAudioDevicePropertyBufferFrameSize));
+        });
     hardware->sampleRate = 96000.0;
     runCycle();
     EXPECT_EQ(rate, 96000.0);
     EXPECT_EQ(aggregateRate, 96000.0);
     EXPECT_EQ(aggregateFrames, 32U);
+    EXPECT_EQ(aggregateInputTicks, 1'000'000'000U - 333'333U) << "a cycle ago; the clock device has no input";
 }
 
 TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
@@ -298,11 +304,14 @@ TEST_F(HALModelDrivers, subDevicesShareOneDeadline)
         << "the first leaves time for the others";
 }
 
-TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
+TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChangesOrAPauseHasPassed)
 {
-    int starts = 0; // the clock device's is the third
+    std::atomic<int> starts{0}; // the clock device's is the third
     hardware->whenAsked = [&](HALDeadline) {
-        return ++starts % 5 == 1 ? kAudioHardwareUnspecifiedError : kAudioHardwareNoError;
+        if (++starts % 5 != 1)
+            return kAudioHardwareNoError;
+        sleepForMilliseconds(200); // the pause is then 1 s, and the rest of the test is shorter
+        return kAudioHardwareUnspecifiedError;
     };
     const AudioObjectID aggregate = aggregateOf(3);
     const RunningProc proc(*model, aggregate, idle);
@@ -310,7 +319,7 @@ TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
         const auto changed = aDevice().uid(uid).outputs(2).volume(HALDirection::Output, 0.5F);
         hardware->sink->deviceChanged(*hardware->device(uid), changed.description().state);
         hardware->settle();
-        return starts;
+        return starts.load();
     };
     EXPECT_EQ(changeVolume("0"), 3);
     hardware->unplug("0");
@@ -322,6 +331,35 @@ TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChanges)
     hardware->plug(aDevice().uid("other"));
     hardware->settle();
     EXPECT_EQ(starts, 6) << "nor as the clock";
+    EXPECT_TRUE(eventually([&] { return subDeviceStatus(*model, aggregate)[1].isRunning == 1; }));
+    EXPECT_EQ(starts, 7) << "without another change";
+}
+
+TEST_F(HALModelDrivers, aGroupWithAStuckMemberHasMostOfTheTimeOnceAndThenRunsWithoutIt)
+{
+    std::vector<std::chrono::duration<double>> groups; // the time that each start of the group has
+    hardware->whenGrouped = [&](HALDeadline deadline) {
+        groups.emplace_back(deadline - std::chrono::steady_clock::now());
+    };
+    std::atomic<int> starts{0}; // the stuck device's is the second
+    hardware->whenAsked = [&](HALDeadline) {
+        if (++starts != 2)
+            return kAudioHardwareNoError;
+        sleepForMilliseconds(200); // see above
+        return kAudioHardwareUnspecifiedError;
+    };
+    for (const char* uid : {"stuck", "good"})
+        hardware->plug(aDevice().uid(uid).outputs(2).clockDomain(7));
+    const AudioObjectID aggregate = makeAggregate(*model, {"stuck", "good"});
+    const RunningProc proc(*model, aggregate, idle);
+    EXPECT_TRUE(subDeviceStatus(*model, aggregate)[1].isClock);
+    hardware->plug(aDevice().uid("other"));
+    hardware->settle();
+    EXPECT_EQ(starts, 3) << "no start is repeated";
+    EXPECT_TRUE(eventually([&] { return subDeviceStatus(*model, aggregate)[0].isRunning == 1; }));
+    EXPECT_EQ(starts, 4) << "only the stuck one's, and not in a group";
+    ASSERT_EQ(groups.size(), 1U);
+    EXPECT_GT(groups[0].count(), 3.5);
 }
 
 TEST_F(HALModelDrivers, readsDoNotWaitForADriverThatHangs)
