@@ -310,7 +310,7 @@ TEST_F(HALModelDrivers, aSubDeviceThatFailedIsNotStartedAgainUntilItChangesOrAPa
     hardware->whenAsked = [&](HALDeadline) {
         if (++starts % 5 != 1)
             return kAudioHardwareNoError;
-        sleepForMilliseconds(200); // the pause is then 1 s, and the rest of the test is shorter
+        sleepForMilliseconds(500); // the pause is then 2.5 s, and the rest of the test is shorter
         return kAudioHardwareUnspecifiedError;
     };
     const AudioObjectID aggregate = aggregateOf(3);
@@ -345,7 +345,7 @@ TEST_F(HALModelDrivers, aGroupWithAStuckMemberHasMostOfTheTimeOnceAndThenRunsWit
     hardware->whenAsked = [&](HALDeadline) {
         if (++starts != 2)
             return kAudioHardwareNoError;
-        sleepForMilliseconds(200); // see above
+        sleepForMilliseconds(500); // see above
         return kAudioHardwareUnspecifiedError;
     };
     for (const char* uid : {"stuck", "good"})
