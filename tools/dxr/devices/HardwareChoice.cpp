@@ -85,12 +85,9 @@ void changeDevices(const std::stop_token& stop, const CXRef<SimulatedHardware>& 
     std::mutex mutex; // required by wait_for(); guards nothing
     std::unique_lock lock(mutex);
     std::condition_variable_any stopped;
-    for (size_t step = 0;; step = (step + 1) % std::size(steps)) {
-        stopped.wait_for(lock, stop, pause, [] { return false; });
-        if (stop.stop_requested())
-            return;
-        steps[step]();
-    }
+    const auto isStopped = [&] { return stop.stop_requested(); };
+    for (size_t step = 0; !stopped.wait_for(lock, stop, pause, isStopped); ++step)
+        steps[step % std::size(steps)]();
 }
 
 } // namespace
@@ -114,7 +111,8 @@ void HardwareChoice::apply()
         return;
     const CXRef<HALHardwareDriver> driver = HALMakeHardwareDriver(_driver);
     if (!driver)
-        throw ToolFailure("no driver '" + _driver + "': use pipewire, alsa or alsa:2, if they were built in");
+        throw CLI::ValidationError("no driver '" + singleLine(_driver) +
+                                   "': use pipewire, alsa or alsa:2, if they were built in");
     HALSetHardwareDriver(driver);
 }
 

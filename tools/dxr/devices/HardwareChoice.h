@@ -11,7 +11,7 @@ public:
     /// Adds the options to `command`. This object must live until the command line has been parsed.
     explicit HardwareChoice(CLI::App& command);
 
-    /// Selects the process's hardware, before any other use of devices; throws ToolFailure. See addCommand().
+    /// Selects the process's hardware, before any other use of devices; throws CLI::ValidationError. See addCommand().
     void apply();
     /// Starts a thread that changes a device of the simulated computer after every `pause`: connects and
     /// disconnects headphones, renames a microphone, sets volumes and sources. No thread on real hardware.
