@@ -44,6 +44,12 @@ TEST_F(DxrCommand, separatesWrongUsageFromFailure)
     EXPECT_EQ(run("dxr lst").errors,
               "no command 'lst'; did you mean 'list'?\nRun with --help for more information.\n");
     expectContains(run("d record x.wav --in sim-usb-mic:9").errors, "has 1 input channel, not 9");
+    expectContains(run("d set sim-usb-mic --mute on --channel 9").errors, "has 1 input channel, not 9");
+    expectContains(run("d set sim-speakers --channel 0 --mute on").errors, "--channel: must be above 0\n");
+    for (const char* line :
+         {"dxr plot response x.svg --from nan --to 5000", "dxr demo --seconds nan", "dxr list --hardware x",
+          "dxr plot drift x.svg --lateness nan", "d set sim-speakers --rate inf"})
+        EXPECT_EQ(run(line).status, 2) << line;
     EXPECT_EQ(linesOf(run("dxr $'x\\e[2J'").errors).at(0), "no command 'x\\x1B[2J'");
 }
 

@@ -153,8 +153,8 @@ void registerAggregateCommand(CLI::App& app)
         "The devices, in the order of their channels: UID, reference, a part of the name, or 'default'");
     command.add_option("--clock", options.clock,
                        "The device whose clock the others follow; the first if not given");
-    command.add_option("--frames", options.frames, "Frames of a cycle")->check(CLI::PositiveNumber);
-    command.add_option("--rate", options.rate, "The sample rate in Hz")->check(CLI::PositiveNumber);
+    command.add_option("--frames", options.frames, "Frames of a cycle")->check(aboveZero);
+    command.add_option("--rate", options.rate, "The sample rate in Hz")->check(aboveZero);
     command.add_option("--seconds", options.seconds, "The duration; until Ctrl-C if not given")
-        ->check(CLI::PositiveNumber);
+        ->check(aboveZero);
 }

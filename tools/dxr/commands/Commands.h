@@ -3,6 +3,7 @@
 #include "HardwareChoice.h"
 #include "Terminal.h"
 
+#include <cfloat>
 #include <iostream>
 
 /// Adds a command to `parent`. Options are constructed from the command if they have such a constructor, else
@@ -31,6 +32,21 @@ CLI::Option* addRequired(CLI::App& command, const char* name, Value& value, cons
 {
     return command.add_option(name, value, about)->required();
 }
+
+/// Accepts numbers from `min` to `max`; `range` describes them to the user. Used instead of CLI11's checks,
+/// which accept NaN and print the largest double with all its digits.
+inline CLI::Validator numberFrom(double min, double max, std::string range = "")
+{
+    if (range.empty())
+        range = formatText("%.15g to %.15g", min, max);
+    const auto check = [=](const std::string& text) {
+        double number = 0.0;
+        const bool isNumber = CLI::detail::lexical_cast(text, number);
+        return isNumber && number >= min && number <= max ? "" : "must be " + range;
+    };
+    return {check, range};
+}
+inline const CLI::Validator aboveZero = numberFrom(DBL_MIN, DBL_MAX, "above 0"); // and finite
 
 // Each function adds the commands defined in the source file of the same name.
 

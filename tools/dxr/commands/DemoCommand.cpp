@@ -315,7 +315,7 @@ void registerDemoCommand(CLI::App& app)
         app, "demo", "Run audio while devices connect and disconnect, and measure it",
         +[](Options& demo) { Demo(demo).run(); });
     command.add_option("--seconds", options.seconds, "The duration; 18 if not given")
-        ->check(CLI::Range(8.0, 120.0));
+        ->check(numberFrom(8.0, 120.0));
     command.add_option("--picture", options.picture, "The picture to write; out/demo.svg if not given");
     // Accepted because every command has it.
     command.add_flag("--simulated")->description("No effect: the demo's hardware is always simulated");

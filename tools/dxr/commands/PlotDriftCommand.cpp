@@ -304,7 +304,7 @@ void registerPlotDriftCommand(CLI::App& plot)
     auto& [source, reader, seconds, lateness] = options.scenario;
     const auto add = [&command = command](const char* name, auto& value, auto min, auto max,
                                           const char* about) {
-        command.add_option(name, value, about)->check(CLI::Range(min, max));
+        command.add_option(name, value, about)->check(numberFrom(min, max));
     };
     add("--ppm", source.partsPerMillion, -1e5, 1e5, "How much faster than nominal the source's clock runs");
     add("--reader-ppm", reader.partsPerMillion, -1e5, 1e5,

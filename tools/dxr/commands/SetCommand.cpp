@@ -48,6 +48,9 @@ public:
 
     void make() const
     {
+        if (_options.channel.value_or(0) > _report.channelCount)
+            _fail("has " + formatCount(_report.channelCount, std::string(nameOf(_direction)) + " channel") +
+                  formatText(", not %u", *_options.channel));
         if (!_options.volume.empty())
             _setVolume(volumeFrom(_options.volume));
         if (!_options.mute.empty())
@@ -215,12 +218,11 @@ void registerSetCommands(CLI::App& app)
     const auto [command, options] =
         addCommand(app, "set", "Change a device's volume, mute, source or rate", set);
     command.add_option("--volume", options.volume, "0 to 1, or 0% to 100%; +5% and -5% change it");
-    command.add_option("--channel", options.channel, "Only this channel, counted from 1")
-        ->check(CLI::PositiveNumber);
+    command.add_option("--channel", options.channel, "Only this channel, counted from 1")->check(aboveZero);
     command.add_option("--mute", options.mute, "on, off or toggle")
         ->check(CLI::IsMember({"on", "off", "toggle"}));
     command.add_option("--source", options.source, "A data source, by its name or ID");
-    command.add_option("--rate", options.rate, "The sample rate in Hz")->check(CLI::PositiveNumber);
+    command.add_option("--rate", options.rate, "The sample rate in Hz")->check(aboveZero);
     command.add_flag("--default", options.makesDefault, "Make it the default device");
 
     const auto [rememberCommand, rememberOptions] = addCommand(
