@@ -1,23 +1,15 @@
 #include "RunnerOptions.h"
 
+#include "Commands.h"
 #include "DeviceWatch.h"
 #include "Interrupts.h"
 
 #include <fstream>
-#include <iostream>
 
 constexpr const char* aboutDevices =
     "A DEVICE is 'default', a UID, a reference, or a part of a name. CHANNELS are counted from 1,\n"
-    "as in 'usb:1,2' or 'desk:3-6'; by default, all channels of the device are used. --in and --out\n"
-    "may be repeated.";
-
-/// Used instead of CLI11's validator, whose help text includes the largest double with all its digits.
-const CLI::Validator aboveZero(
-    [](std::string& text) {
-        double number = 0.0;
-        return CLI::detail::lexical_cast(text, number) && number > 0.0 ? std::string() : "must be above 0";
-    },
-    "");
+    "as in 'usb:1,2' or 'desk:3-6'; by default, all channels of the device are used. An option that\n"
+    "takes a DEVICE may be repeated.";
 
 RunnerOptions::RunnerOptions(CLI::App& command) : HardwareChoice(command), _command(command)
 {
@@ -52,12 +44,6 @@ void RunnerOptions::_select()
 {
     _inputs = DeviceSelection::findAll(_inputNames, HALDirection::Input);
     _outputs = DeviceSelection::findAll(_outputNames, HALDirection::Output);
-    const auto addDefault = [&](const char* option, HALDirection direction, auto& found) {
-        if (_usesDefaults && found.empty() && _command.get_option_no_throw(option))
-            found.push_back(DeviceSelection::find("default", direction));
-    };
-    addDefault("--in", HALDirection::Input, _inputs);
-    addDefault("--out", HALDirection::Output, _outputs);
 }
 
 void RunnerOptions::_waitForDevices()

@@ -17,10 +17,13 @@ public:
     void addInputs(const std::string& about) { _addDevices("--in", _inputNames, about); }
     void addOutputs(const std::string& about) { _addDevices("--out", _outputNames, about); }
     void addSeconds(const std::string& about);
-    /// Lets find() select the default devices where the user gives none. Also adds --fast and --quiet.
+    /// After the devices' options: makes the default devices their default. Also adds --fast and --quiet.
     void useDefaults()
     {
-        _usesDefaults = true;
+        if (_command.get_option_no_throw("--in"))
+            _inputNames = {"default"};
+        if (_command.get_option_no_throw("--out"))
+            _outputNames = {"default"};
         _command.add_flag("--fast", _isFast, "Convert rates with less delay and cost, and more noise");
         _command.add_flag("--quiet", _isQuiet, "Print nothing but errors");
     }
@@ -50,7 +53,7 @@ private:
 
     CLI::App& _command;
     std::vector<std::string> _inputNames, _outputNames;
-    bool _usesDefaults = false, _isFast = false, _isQuiet = false, _waits = false;
+    bool _isFast = false, _isQuiet = false, _waits = false;
     std::optional<uint32_t> _frames;
     std::optional<double> _rate, _seconds;
     std::vector<DeviceSelection> _inputs, _outputs;
