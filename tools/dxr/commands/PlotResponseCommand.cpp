@@ -146,13 +146,17 @@ void writeChart(const Options& options, const std::vector<ToneMeasurement>& tone
 
 void printSummary(const std::vector<ToneMeasurement>& tones)
 {
-    std::cout << "    tone    response       alias  signal/noise\n";
+    const auto column = [](double decibels, int decimals) { // "-" for NaN, and never "-0.0"
+        const double unit = std::pow(10, -decimals), rounded = std::round(decibels / unit) * unit + 0.0;
+        return fitRight(std::isnan(decibels) ? "-" : formatText("%.*f dB", decimals, rounded), 14);
+    };
+    std::cout << "    tone      response         alias  signal/noise\n";
     for (const double wanted : {100.0, 1000.0, 5000.0, 10000.0, 15000.0}) {
         const auto nearest = std::ranges::min_element(
             tones, {}, [&](const ToneMeasurement& tone) { return std::abs(tone.hertz - wanted); });
         if (wanted <= tones.back().hertz)
-            std::cout << formatText("%5.0f Hz  %7.2f dB  %7.1f dB  %9.1f dB\n", nearest->hertz,
-                                    nearest->response, nearest->alias, nearest->signalToNoise);
+            std::cout << formatText("%5.0f Hz", nearest->hertz) << column(nearest->response, 2)
+                      << column(nearest->alias, 1) << column(nearest->signalToNoise, 1) << "\n";
     }
 }
 
@@ -171,7 +175,7 @@ void registerPlotCommand(CLI::App& app)
     plot->require_subcommand(1);
     const auto [command, options] = addCommand(
         *plot, "response", "The sampler's frequency response, aliases and noise between two rates", run);
-    const auto rates = CLI::Range(1000.0, 1'000'000.0);
+    const auto rates = numberFrom(1000.0, 1'000'000.0);
     addRequired(command, "--from", options.from, "The rate to convert from, in Hz")->check(rates);
     addRequired(command, "--to", options.to, "The rate to convert to, in Hz")->check(rates);
     addRequired(command, "file", options.file, "The SVG file to write; an existing one is replaced");
