@@ -112,10 +112,9 @@ public:
         _writer.drain(_output->ring, _total - _writer.framesWritten());
         return _writer.framesWritten() < _total;
     }
-    double progress() const
+    double progress() const // once step() has returned true
     {
-        return static_cast<double>(_writer.framesWritten()) /
-               static_cast<double>(std::max<uint64_t>(_total, 1));
+        return static_cast<double>(_writer.framesWritten()) / static_cast<double>(_total);
     }
 
 private:
@@ -142,11 +141,13 @@ void run(Options& options)
     SoundFileReader reader(options.input);
     if (reader.isStream())
         throw ToolFailure("cannot resample a pipe: its length is unknown");
-    if (reader.sampleRate() < minRate || reader.sampleRate() > maxRate)
-        throw ToolFailure(
-            singleLine(options.input) + ": cannot resample from " +
-            formatText("%.0f Hz: only from %u to %u Hz", reader.sampleRate(), minRate, maxRate));
-    const double seconds = static_cast<double>(reader.frameCount()) / reader.sampleRate();
+    const double rate = reader.sampleRate(), ratio = options.rate / rate;
+    if (rate < minRate || rate > maxRate)
+        throw ToolFailure(singleLine(options.input) +
+                          formatText(": cannot resample %.0f Hz: only %u to %u Hz", rate, minRate, maxRate));
+    if (!options.isFast && std::max(ratio, 1.0 / ratio) > 32.0) // for which there is no high quality
+        throw ToolFailure("cannot resample by a ratio above 32: convert in two steps, or with --fast");
+    const double seconds = static_cast<double>(reader.frameCount()) / rate;
     const Interrupts interrupts;
     SoundFileWriter writer(options.output, SoundFormat::toWrite(options.output, "", 0), reader.channelCount(),
                            options.rate, seconds);
@@ -181,6 +182,6 @@ void registerResampleCommand(CLI::App& app)
     addRequired(command, "output", options.output,
                 "The file to write, in the format of its name; an existing one is replaced");
     addRequired(command, "--rate", options.rate, "The sample rate to convert to, in Hz")
-        ->check(CLI::Range(minRate, maxRate));
-    command.add_flag("--fast", options.isFast, "Convert with less cost, and more noise");
+        ->check(numberFrom(minRate, maxRate));
+    command.add_flag("--fast", options.isFast, "Convert with less cost, and more noise; by any ratio");
 }
