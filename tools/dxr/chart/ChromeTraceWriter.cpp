@@ -62,7 +62,7 @@ void ChromeTraceWriter::_putSpan(int track, const std::string& name, uint64_t be
     _put({{"ph", "X"},
           {"tid", track},
           {"name", name},
-          {"ts", _microseconds(beginTicks)},
+          {"ts", microsecondsOf(beginTicks - _beginTicks)},
           {"dur", microsecondsOf(endTicks - std::min(beginTicks, endTicks))},
           {"args", arguments}});
 }
@@ -71,13 +71,8 @@ void ChromeTraceWriter::_putCounter(const char* name, uint64_t ticks, uint64_t v
 {
     _put({{"ph", "C"},
           {"name", name},
-          {"ts", _microseconds(ticks)},
+          {"ts", microsecondsOf(ticks - _beginTicks)},
           {"args", {{"us", microsecondsOf(value)}}}});
-}
-
-double ChromeTraceWriter::_microseconds(uint64_t ticks) const
-{
-    return microsecondsOf(ticks - _beginTicks);
 }
 
 void ChromeTraceWriter::write(std::span<const DXRCycleRecord> records)
@@ -141,5 +136,6 @@ void ChromeTraceWriter::_endContext(uint64_t ticks)
 
 void ChromeTraceWriter::_mark(uint64_t ticks, const std::string& text)
 {
-    _put({{"ph", "i"}, {"s", "g"}, {"tid", contextTrack}, {"ts", _microseconds(ticks)}, {"name", text}});
+    const double at = microsecondsOf(ticks - _beginTicks);
+    _put({{"ph", "i"}, {"s", "g"}, {"tid", contextTrack}, {"ts", at}, {"name", text}});
 }

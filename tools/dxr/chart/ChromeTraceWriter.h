@@ -33,7 +33,6 @@ private:
     void _putContext(const DXRCycleRecord& record);
     void _endContext(uint64_t ticks);
     void _mark(uint64_t ticks, const std::string& text);
-    double _microseconds(uint64_t ticks) const;
     void _check();
 
     const std::string _name; // printable

@@ -29,11 +29,10 @@ void FilePlayer::_readStream() noexcept
             std::this_thread::sleep_for(pause);
     } catch (const std::bad_alloc&) {
         _failure = "out of memory";
-        _hasFailed.store(true, std::memory_order_release);
     } catch (const std::exception& failure) {
         _failure = failure.what();
-        _hasFailed.store(true, std::memory_order_release);
     }
+    _hasFailed.store(!_failure.empty(), std::memory_order_release);
     _isFed.store(true, std::memory_order_release);
 }
 
