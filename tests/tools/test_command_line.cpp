@@ -63,6 +63,8 @@ TEST_F(DxrCommand, setsRemembersAndRefersToDevices)
          "Built-in Speakers: output mute on\nBuilt-in Speakers: output source Line Out\n"
          "Built-in Speakers: default output\n"},
         {"reference", "d ref sim-loopback --input", 0, "{\"i\":true,\"uid\":\"sim-loopback\"}\n"},
+        {"its side", "d ref \"$(d ref sim-loopback --input)\"", 0, "{\"i\":true,"},
+        {"the other", "d ref \"$(d ref sim-loopback)\" --input 2>&1", 1, "is to the device's output"},
         {"its device", "d info '{\"uid\":\"sim-loopback\",\"i\":true}'", 0, "Loop-back Cable"},
         {"the default input", "d ref default --input; d info default", 0, "sim-usb-mic"},
         {"settings", "d remember sim-speakers hv false && d remember sim-speakers nick 'desk speakers'", 0,

@@ -79,6 +79,14 @@ TEST_F(DxrCommand, playsAndRecordsInPipelines)
          "--rate 22050 --seconds 0.3 | tr '\\n' '|' | grep -o 'Ramp.*-> Built.*Receiver.*480 frames; round "
          "trip.*frames moved' | wc -l",
          0, "1"},
+        {"a file that its format refuses, some with the first frame, keeps its content",
+         "echo kept > k.opus; cp k.opus k.ogg; for f in k.opus k.ogg new.ogg; do dxr resample x.wav $f "
+         "--rate 300000 && exit; done; cat k.ogg k.opus new.ogg",
+         1, "kept\nkept\n"},
+        {"raw samples of another name",
+         "for f in s16:24 f32:16; do d record x.${f%:*} --bits ${f#*:} --seconds 0.1 && exit; done 2>&1; "
+         "false",
+         1, "f32 does not support"},
         {"a device that connects later", "d play x.wav --out sim-headphones --wait", 0,
          "Waiting: no output device 'sim-headphones'"},
     });

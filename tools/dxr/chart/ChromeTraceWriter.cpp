@@ -82,7 +82,7 @@ void ChromeTraceWriter::write(std::span<const DXRCycleRecord> records)
             _beginTicks = record.beginTicks;
         if (const uint64_t missing =
                 record.droppedRecords - std::exchange(_droppedRecords, record.droppedRecords))
-            _mark(record.beginTicks, formatCount(missing, "record is", "records are") + " missing");
+            _mark(record.beginTicks, formatCount(missing, "record") + " missing");
         if (record.event == Event::Cycle)
             _putCycle(record);
         else

@@ -28,13 +28,13 @@ ChannelMap mapFor(const Options& options, uint32_t fileChannels, const DeviceSel
         return straightChannelMap(fileChannels, output);
     }
     if (options.channels.size() > count)
-        throw ToolFailure(output.shortName() +
-                          formatText(" plays %zu channels, not %zu", count, options.channels.size()));
+        throw ToolFailure(output.shortName() + " plays " + formatCount(count, "channel") +
+                          formatText(", not %zu", options.channels.size()));
     ChannelMap map(count);
     for (size_t i = 0; i < options.channels.size(); ++i) {
         const uint32_t channel = options.channels[i];
         if (channel > fileChannels)
-            throw ToolFailure(formatText("the file has %u channels, not %u", fileChannels, channel));
+            throw ToolFailure(formatText("no channel %u in the file: its last is %u", channel, fileChannels));
         if (channel > 0)
             map[i] = {{channel - 1}};
     }

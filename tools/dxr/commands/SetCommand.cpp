@@ -59,7 +59,7 @@ public:
             _setSource(*_options.source);
         if (_options.rate) {
             setSampleRate(_name, _device.deviceID, *_options.rate);
-            _print("sample rate " + formatRate(*_options.rate));
+            _print("sample rate " + formatRate(*_options.rate) + ", until this command ends");
         }
         if (_options.makesDefault)
             _makeDefault();
@@ -222,7 +222,7 @@ void registerSetCommands(CLI::App& app)
     command.add_option("--mute", options.mute, "on, off or toggle")
         ->check(CLI::IsMember({"on", "off", "toggle"}));
     command.add_option("--source", options.source, "A data source, by its name or ID");
-    command.add_option("--rate", options.rate, "The sample rate in Hz")->check(aboveZero);
+    command.add_option("--rate", options.rate, "Hz, until the command ends")->check(aboveZero);
     command.add_flag("--default", options.makesDefault, "Make it the default device");
 
     const auto [rememberCommand, rememberOptions] = addCommand(

@@ -24,12 +24,12 @@ public:
     DeviceReport report() const { return findDevice(_device, side()); }
     /// The device object of the chosen side; by default the output if the device has one. Throws ToolFailure.
     CXRef<DXRDevice> device() const { return report().device(side()); }
-    /// The side that the user has chosen; null if none.
+    /// The side that the user has chosen, also by a reference to one; null if none.
     std::optional<HALDirection> side() const
     {
         if (_isInput)
             return HALDirection::Input;
-        return _isOutput ? std::optional(HALDirection::Output) : std::nullopt;
+        return _isOutput ? HALDirection::Output : sideReferredTo(_device);
     }
 
 private:

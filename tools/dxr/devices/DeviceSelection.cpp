@@ -34,37 +34,28 @@ std::optional<DeviceReport> onlyOne(const std::string& wanted, const std::vector
 }
 
 /// The connected devices that a reference can refer to: the device itself, else all devices of its model.
-std::vector<DeviceReport> readReferred(const DXRDeviceReference& reference)
+std::vector<DeviceReport> readReferred(const DXRDeviceReference& reference, HALDirection side)
 {
-    DXRDeviceManager& manager = DXRDeviceManager::sharedDeviceManager();
-    const CXRef<DXRDevice> first = manager.deviceWithReference(reference.string());
-    if (!first || !first->isConnected())
-        return {};
-    DXRDeviceManager::Devices devices{first};
-    if (!reference.isEqual(first->reference().get()))
-        for (const CXRef<DXRDevice>& device : manager.connectedDevices())
-            if (reference.isGenericallyEqual(device->reference().get()))
-                devices.insert(device);
+    const auto sided = reference.deviceReferenceWithInput(side == HALDirection::Input);
     std::vector<DeviceReport> reports;
-    for (const CXRef<DXRDevice>& device : devices)
+    for (const auto& device : DXRDeviceManager::sharedDeviceManager().devicesWithReference(sided->string()))
         if (std::optional<DeviceReport> report = DeviceReport::read(device->deviceID()))
             reports.push_back(*std::move(report));
     return reports;
 }
 
-std::optional<DeviceReport> findReferred(const std::string& text, std::optional<HALDirection> direction)
+DeviceReport findReferred(const std::string& text, std::optional<HALDirection> direction)
 {
     const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(text);
     if (!reference)
-        return std::nullopt;
-    for (const HALDirection side : {HALDirection::Output, HALDirection::Input}) {
-        const bool isInput = side == HALDirection::Input;
-        if (direction.value_or(side) != side || reference->isInput().value_or(isInput) != isInput)
-            continue;
-        if (std::optional<DeviceReport> found =
-                onlyOne(text, readReferred(*reference->deviceReferenceWithInput(isInput))))
-            return found;
-    }
+        throw ToolFailure(quoted(text) + " is not a device reference");
+    const std::optional<HALDirection> own = sideReferredTo(text);
+    if (own && direction.value_or(*own) != *own)
+        throw ToolFailure("the reference " + quoted(text) + " is to the device's " + nameOf(*own));
+    for (const HALDirection side : {HALDirection::Output, HALDirection::Input})
+        if (own.value_or(direction.value_or(side)) == side)
+            if (const auto found = onlyOne(text, readReferred(*reference, side)))
+                return *found;
     throw DeviceMissing("the device of the reference " + quoted(text) + " is not connected");
 }
 
@@ -116,6 +107,14 @@ DeviceReport findDefault(HALDirection direction)
 
 } // namespace
 
+std::optional<HALDirection> sideReferredTo(const std::string& text)
+{
+    const CXRef<DXRDeviceReference> reference = DXRDeviceReference::initWithString(text);
+    if (!reference || !reference->isInput())
+        return std::nullopt;
+    return *reference->isInput() ? HALDirection::Input : HALDirection::Output;
+}
+
 std::optional<DeviceReport> findDeviceIfKnown(const std::string& wanted,
                                               std::optional<HALDirection> direction)
 {
@@ -156,13 +155,10 @@ DeviceReport findDevice(const std::string& wanted, std::optional<HALDirection> d
         return findDefault(direction.value_or(HALDirection::Output));
     if (const std::optional<DeviceReport> found = findDeviceIfKnown(wanted, direction))
         return *found;
-    if (isDeviceReference(wanted))
-        throw ToolFailure(quoted(wanted) + " is not a device reference");
     if (const std::string reason = HALHardwareUnavailableReason(); !reason.empty())
         throw DeviceMissing(reason);
-    throw DeviceMissing(formatText("no %sdevice %s; 'dxr list' shows UIDs and names",
-                                   direction ? (std::string(nameOf(*direction)) + " ").c_str() : "",
-                                   quoted(wanted).c_str()));
+    throw DeviceMissing("no " + (direction ? nameOf(*direction) + std::string(" ") : "") + "device " +
+                        quoted(wanted) + "; 'dxr list' shows UIDs and names");
 }
 
 DeviceSelection DeviceSelection::of(const DeviceReport& report, HALDirection direction)

@@ -14,10 +14,11 @@ public:
 /// `wanted`, ignoring case. Hidden devices are found only by their UID or whole name. If `direction` is
 /// given, the device must have channels in it. Throws DeviceMissing, or ToolFailure if several devices match.
 DeviceReport findDevice(const std::string& wanted, std::optional<HALDirection> direction = std::nullopt);
-/// Like findDevice() without "default", but returns null if no device matches or `wanted` is a malformed
-/// reference. Throws DeviceMissing only for a reference to a device that is not connected.
+/// As findDevice() without "default", but null if none matches; throws DeviceMissing only for references.
 std::optional<DeviceReport> findDeviceIfKnown(const std::string& wanted,
                                               std::optional<HALDirection> direction = std::nullopt);
+/// The side of a device that a reference is to; null if it is to the whole device, or `text` is none.
+std::optional<HALDirection> sideReferredTo(const std::string& text);
 
 /// One direction of a device and some of its channels: DEVICE[:CHANNELS] on a command line.
 struct DeviceSelection {

@@ -33,6 +33,15 @@ std::vector<int> channelMap(uint32_t channelCount)
     return map;
 }
 
+/// Whether the format allows the channels and the rate. Some encoders refuse them only with the first frame.
+bool isPossible(SF_INFO info)
+{
+    SoundStream memory;
+    const SoundHandle file(memory.openSound(info));
+    const std::vector<float> silence(static_cast<size_t>(info.channels));
+    return file && sf_writef_float(file.get(), silence.data(), 1) == 1;
+}
+
 std::string reasonText(int error, SNDFILE* file)
 {
     return error ? std::strerror(error) : singleLine(sf_strerror(file));
@@ -50,14 +59,16 @@ SoundFileWriter::SoundFileWriter(const std::string& path, const SoundFormat& for
       _stream(SoundStream::open(path, SoundStream::Mode::Write))
 {
     if (_stream && !format.isStreamed())
-        throw ToolFailure(_name +
-                          ": this format needs a file; --format takes wav, flac, ogg, f32 and others");
+        throw ToolFailure(_name + ": this format needs a file; wav, flac, ogg, f32 and others do not");
     SF_INFO info{};
     info.channels = static_cast<int>(channelCount);
     info.samplerate = static_cast<int>(sampleRate);
     info.format = format.code;
     if (format.isWave() && !_stream && _maxFrames == UINT64_MAX)
         info.format = SF_FORMAT_RF64 | (format.code & SF_FORMAT_SUBMASK);
+    if (!isPossible(info)) // before an existing file is truncated
+        throw ToolFailure(_name + ": this format does not support " + formatCount(channelCount, "channel") +
+                          " at " + formatRate(sampleRate));
     errno = 0;
     _file.reset(_stream ? _stream->openSound(info) : sf_open(path.c_str(), SFM_WRITE, &info));
     if (!_file)
@@ -75,10 +86,9 @@ void SoundFileWriter::_setUp(const SoundFormat& format)
                    static_cast<int>(map.size() * sizeof(int)));
     if (!format.isOgg()) // libsndfile would write a second header
         sf_command(_file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
-    if (sf_error(_file.get()))
-        throw ToolFailure(_name + ": cannot be written: " + singleLine(sf_strerror(_file.get())));
-    if (_stream && !_stream->begin())
-        throw ToolFailure(_name + ": cannot be written: " + std::strerror(errno));
+    if (sf_error(_file.get()) || (_stream && !_stream->begin()))
+        throw ToolFailure(
+            _name + ": cannot be written: " + reasonText(sf_error(_file.get()) ? 0 : errno, _file.get()));
 }
 
 void SoundFileWriter::drain(FrameRing& ring, uint64_t maxFrames)

@@ -33,18 +33,16 @@ SoundFormat SoundFormat::toWrite(const std::string& path, const std::string& nam
     std::string name = named.empty() ? foldCase(std::filesystem::path(path).extension().string()) : named;
     if (name.starts_with("."))
         name.erase(0, 1);
-    SoundFormat format;
-    format.code = codeNamed(name.empty() ? "wav" : name == "aif" ? "aiff" : name == "oga" ? "ogg" : name);
-    if (format.code == 0)
-        throw ToolFailure("cannot write '" + singleLine(name) + "'; --format takes " + names());
+    const int code = codeNamed(name.empty() ? "wav" : name == "aif" ? "aiff" : name == "oga" ? "ogg" : name);
+    if (code == 0)
+        throw ToolFailure("no format '" + singleLine(name) + "': the formats are " + names());
     const int samples = bits == 16 ? SF_FORMAT_PCM_16 : bits == 24 ? SF_FORMAT_PCM_24 : SF_FORMAT_FLOAT;
-    SF_INFO info{0, 48000, 2, format.code, 0, 0};
+    SF_INFO info{0, 48000, 2, code, 0, 0};
     if (bits != 0)
-        info.format = (format.code & SF_FORMAT_TYPEMASK) | samples;
-    if (!sf_format_check(&info))
+        info.format = (code & SF_FORMAT_TYPEMASK) | samples;
+    if (!sf_format_check(&info) || ((code & SF_FORMAT_TYPEMASK) == SF_FORMAT_RAW && info.format != code))
         throw ToolFailure(name + " does not support samples of " + std::to_string(bits) + " bits");
-    format.code = info.format;
-    return format;
+    return {.code = info.format};
 }
 
 SoundFormat SoundFormat::toRead(const std::string& named)

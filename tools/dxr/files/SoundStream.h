@@ -20,6 +20,7 @@ public:
     /// "-" is standard input or output; for standard output, all printed text is redirected to standard
     /// error. Null for a missing file, and for a regular file unless `files` is Too.
     static std::unique_ptr<SoundStream> open(const std::string& path, Mode mode, Files files = Files::No);
+    SoundStream() : SoundStream(-1, Mode::Write) {} ///< keeps all in memory, to try a format
     ~SoundStream();
     SoundStream(const SoundStream&) = delete;
     SoundStream& operator=(const SoundStream&) = delete;

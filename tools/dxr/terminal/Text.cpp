@@ -112,9 +112,9 @@ std::string formatNumber(uint64_t number)
     return text;
 }
 
-std::string formatCount(uint64_t count, const std::string& singular, const char* plural)
+std::string formatCount(uint64_t count, const std::string& singular)
 {
-    return formatNumber(count) + " " + (count == 1 ? singular : plural ? plural : singular + "s");
+    return formatNumber(count) + " " + (count == 1 ? singular : singular + "s");
 }
 
 std::string formatLocalTime(std::chrono::system_clock::time_point when)
@@ -171,9 +171,8 @@ std::string shortText(std::string_view text, size_t width)
 
 std::string fitLeft(std::string_view text, size_t width)
 {
-    std::string fitted = clipToWidth(text, width);
-    fitted.append(width - std::min(width, displayWidth(fitted)), ' ');
-    return fitted;
+    const std::string clipped = clipToWidth(text, width);
+    return clipped + std::string(width - std::min(width, displayWidth(clipped)), ' ');
 }
 
 std::string fitRight(std::string_view text, size_t width)

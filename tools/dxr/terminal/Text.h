@@ -35,8 +35,8 @@ std::string formatSeconds(double seconds);
 std::string formatFrames(uint64_t frameCount, double sampleRate);
 /// "1,234".
 std::string formatNumber(uint64_t number);
-/// "1 frame", "2 frames"; `plural` is by default `singular` with an s.
-std::string formatCount(uint64_t count, const std::string& singular, const char* plural = nullptr);
+/// "1 frame", "2 frames".
+std::string formatCount(uint64_t count, const std::string& singular);
 
 /// "12:34:56.789", local time.
 std::string formatLocalTime(std::chrono::system_clock::time_point when);
