@@ -3,6 +3,7 @@
 #include "AlsaQuiet.h"
 #include "Utf8.h"
 
+#include <atomic>
 #include <cstdio>
 #include <fstream>
 #include <unistd.h>
@@ -15,6 +16,28 @@ constexpr size_t maxPcms = 64; // of a card; upper limit of the list
 char letterOf(HALDirection direction)
 {
     return direction == HALDirection::Input ? 'c' : 'p';
+}
+
+std::atomic<snd_mixer_event_t> simpleEvent{}; // alsa-lib's
+
+/// alsa-lib ends the process if the control "Capture Source" cannot be read, as when the card is unplugged at
+/// that moment. No volume or switch depends on that control, so the mixer never sees it.
+int eventWithoutCaptureSource(snd_mixer_class_t* elements, unsigned mask, snd_hctl_elem_t* control,
+                              snd_mixer_elem_t* element)
+{
+    return std::string_view("Capture Source") == snd_hctl_elem_get_name(control)
+               ? 0
+               : simpleEvent.load()(elements, mask, control, element);
+}
+
+/// Makes a card's controls the volumes and switches of `mixer`. Returns 0 or an error.
+int addVolumesAndSwitches(snd_mixer_t* mixer)
+{
+    snd_mixer_class_t* elements = nullptr;
+    if (const int error = snd_mixer_selem_register(mixer, nullptr, &elements); error < 0)
+        return error;
+    simpleEvent = snd_mixer_class_get_event(elements);
+    return snd_mixer_class_set_event(elements, eventWithoutCaptureSource);
 }
 
 } // namespace
@@ -49,7 +72,7 @@ int AlsaCard::_open()
     int error = 0;
     if ((error = snd_mixer_open(&_mixer.elements, 0)) < 0 ||
         (error = snd_mixer_attach(_mixer.elements, card.c_str())) < 0 ||
-        (error = snd_mixer_selem_register(_mixer.elements, nullptr, nullptr)) < 0 ||
+        (error = addVolumesAndSwitches(_mixer.elements)) < 0 ||
         (error = snd_mixer_get_hctl(_mixer.elements, card.c_str(), &_mixer.all)) < 0)
         return error;
     if (snd_mixer_poll_descriptors(_mixer.elements, &_descriptor, 1) != 1)

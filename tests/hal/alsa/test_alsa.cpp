@@ -104,6 +104,23 @@ TEST_F(AlsaTest, makesADeviceOfEachPcmAndFollowsTheCard)
     }
 }
 
+TEST_F(AlsaTest, survivesAnUnplugAtEachStepOfItsOpening)
+{
+    bool isThere = false;
+    unsigned step = 0;
+    for (int number = 0; !isThere; FakedCards::unplug(number)) {
+        number = FakedCards::plug({.ioctlsUntilUnplug = ++step});
+        ASSERT_TRUE(eventually([&] {
+            isThere = !readDevices(*hal).empty();
+            return isThere || !FakedCards::isPlugged(number);
+        })) << step;
+    }
+    EXPECT_GT(step, 50U);
+    EXPECT_TRUE(eventually([&] { return readDevices(*hal).empty(); }));
+    FakedCards::plug({});
+    device();
+}
+
 TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
 {
     const int card = FakedCards::plug({});

@@ -33,6 +33,7 @@ struct FakedCardOptions {
     /// The errno of every open of a capture PCM; ENOENT: the PCM is listed, but its file is absent;
     /// ENOMEM: the PCM is opened, but then fails.
     int captureError = 0;
+    unsigned ioctlsUntilUnplug = 0;             ///< unplugged during that ioctl, which fails; 0: never
     unsigned minPeriod = 16, maxBuffer = 65536; ///< frames
     double partsPerMillion = 0.0;               ///< clock error; positive: fast
     unsigned granularity = 1;                   ///< step of its position, in frames
@@ -53,6 +54,7 @@ public:
     static int plug(const FakedCardOptions& options); ///< Returns the card's number.
     static void unplug(int card);
     static void unplugAll();
+    static bool isPlugged(int card);
     /// `isThere` false clears a lasting fault.
     static void set(int card, FakedFault fault, bool isThere = true);
     /// Ends captureError. The file of the capture PCM appears in /dev/snd.

@@ -49,6 +49,18 @@ void FakedKernel::announce(const FakedCard& card, unsigned number, unsigned mask
     }
 }
 
+void FakedKernel::unplug(FakedCard& card)
+{
+    if (std::exchange(card.isGone, true))
+        return;
+    for (FakedPcm* pcm : card.pcms)
+        pcm->setState(SNDRV_PCM_STATE_DISCONNECTED);
+    for (const auto& [descriptor, control] : controls)
+        if (control.card.get() == &card)
+            FakedLibrary::setFull(descriptor, true);
+    unlink(controlFile(card.number).c_str());
+}
+
 // ---- The test's side
 
 int FakedCards::plug(const FakedCardOptions& options)
@@ -65,21 +77,19 @@ int FakedCards::plug(const FakedCardOptions& options)
 void FakedCards::unplug(int number)
 {
     const Guard guard(kernel().lock);
-    const std::shared_ptr<FakedCard>& card = kernel().cards.at(number);
-    if (std::exchange(card->isGone, true))
-        return;
-    for (FakedPcm* pcm : card->pcms)
-        pcm->setState(SNDRV_PCM_STATE_DISCONNECTED);
-    for (const auto& [descriptor, control] : kernel().controls)
-        if (control.card == card)
-            FakedLibrary::setFull(descriptor, true);
-    unlink(controlFile(number).c_str());
+    kernel().unplug(*kernel().cards.at(number));
 }
 
 void FakedCards::unplugAll()
 {
     for (size_t number = 0; number < kernel().cards.size(); ++number)
         unplug(static_cast<int>(number));
+}
+
+bool FakedCards::isPlugged(int number)
+{
+    const Guard guard(kernel().lock);
+    return !kernel().cards.at(number)->isGone;
 }
 
 void FakedCards::set(int number, FakedFault fault, bool isThere)

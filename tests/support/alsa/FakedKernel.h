@@ -41,6 +41,7 @@ struct FakedKernel {
     }
     /// Tells programs that a control has changed. The caller holds the lock.
     void announce(const FakedCard& card, unsigned control, unsigned mask = SNDRV_CTL_EVENT_MASK_VALUE);
+    void unplug(FakedCard& card);                 ///< The caller holds the lock.
     const std::string folder;                     // holds a file for each control device: programs watch them
     std::array<std::atomic<bool>, 4096> isOurs{}; // by descriptor; written under the lock, read without it
     std::atomic<int> haste{1};                    // see FakedCards::hurry()

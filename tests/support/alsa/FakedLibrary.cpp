@@ -189,6 +189,8 @@ FAKED_EXPORT int ioctl(int descriptor, unsigned long request, ...) noexcept
     const FakedKernel::Guard guard(kernel().lock);
     FakedPcm* const pcm = pcmOf(descriptor);
     FakedCard& card = pcm ? *pcm->card : *kernel().controls.at(descriptor).card;
+    if (card.options.ioctlsUntilUnplug > 0 && --card.options.ioctlsUntilUnplug == 0)
+        kernel().unplug(card);
     if (card.isGone)
         return result(-ENODEV);
     const int done = pcm ? pcm->ioctl(request, argument) : card.ioctl(request, argument);
