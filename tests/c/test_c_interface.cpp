@@ -342,7 +342,9 @@ TEST_F(CInterface, aReleaseInAnAudioCallbackEndsPendingCalls)
 {
     simulate();
     static std::atomic<int> held, calls; // held: 1 while dxr.events is busy, then 2
+    static std::atomic<bool> isReleased;
     held = calls = 0;
+    isReleased = false;
     const auto hold = [](dxr_device*, dxr_change, void*) {
         int free = 0;
         held.compare_exchange_strong(free, 1);
@@ -363,11 +365,16 @@ TEST_F(CInterface, aReleaseInAnAudioCallbackEndsPendingCalls)
     const auto release = [](const dxr_cycle*, void* user) {
         const auto& [its, follower] = *static_cast<decltype(released)*>(user);
         const CXRealtimeExemption exemption("a lock: the way out for languages that collect garbage");
-        return static_cast<int>(dxr_release(its) | dxr_release(follower));
+        const dxr_status status = static_cast<dxr_status>(dxr_release(its) | dxr_release(follower));
+        isReleased = true;
+        return static_cast<int>(status);
     };
     ASSERT_EQ(add(output, release, &released), DXR_OK);
     ASSERT_EQ(dxr_runner_start(runner), DXR_OK);
-    advance(20);
+    EXPECT_TRUE(eventually([&] { // the runner may have to wait for the new device
+        advance(20);
+        return isReleased.load();
+    }));
     EXPECT_EQ(dxr_release(released.second), DXR_ERROR_HANDLE) << "released by the callback";
     held = 2;
     EXPECT_EQ(dxr_release(holder), DXR_OK);
