@@ -14,9 +14,10 @@ class FakedLock {
 public:
     void lock() noexcept
     {
-        timespec pause{0, 20'000};
-        while (_isHeld.exchange(true, std::memory_order_acquire))
+        while (_isHeld.exchange(true, std::memory_order_acquire)) {
+            timespec pause{0, 20'000}; // the kernel changes it
             FakedLibrary::poll(nullptr, 0, &pause);
+        }
     }
     void unlock() noexcept { _isHeld.store(false, std::memory_order_release); }
 
