@@ -351,7 +351,7 @@ bool DefaultsDatabase::_prepareSchema(bool isWritable)
 void DefaultsDatabase::close()
 {
     sqlite3_finalize(std::exchange(_dataVersionStatement, nullptr));
-    sqlite3_close(std::exchange(_connection, nullptr));
+    sqlite3_close_v2(std::exchange(_connection, nullptr)); // a caller's statement may still exist
     _isInTransaction = false;
     _isWritable = false;
     _dataVersion = -1;

@@ -306,16 +306,17 @@ TEST_F(Defaults, setDamagedFilesAside)
     // Damage while the file is in use is detected after writing has begun: the known values are stored at
     // once. If another process has written, SQLite reads the pages again; otherwise it has them in memory.
     char filler = 'b';
-    for (const auto& [isReadAgain, keptBytes] : {std::pair(true, 0), {false, 0}, {true, 16}, {false, 16}}) {
+    for (const auto& [isReadAgain, keptBytes] :
+         {std::pair(true, 0), {false, 0}, {true, 16}, {false, 16}, {true, 4096}}) {
         SCOPED_TRACE(filler);
         const std::string value(9000, filler++);
         const std::string all = "a=1 b=" + value + " c=3 ";
         inChild([&, isReadAgain = isReadAgain, keptBytes = keptBytes] {
             EXPECT_TRUE(write("b", value));
-            Connection other(file);
-            other("PRAGMA wal_checkpoint(TRUNCATE)");
+            std::optional<Connection> other(file);
+            (*other)("PRAGMA wal_checkpoint(TRUNCATE)");
             if (isReadAgain)
-                other("UPDATE entries SET value=value WHERE key='a'");
+                (*other)("UPDATE entries SET value=value WHERE key='a'");
             else
                 EXPECT_TRUE(write("c", "2"));
             const CapturedLog log;
@@ -324,6 +325,12 @@ TEST_F(Defaults, setDamagedFilesAside)
             EXPECT_TRUE(write("c", "3"));
             EXPECT_EQ(log.lines().size(), 1U) << testing::PrintToString(log.lines());
             EXPECT_EQ(contents(), all);
+            other.reset();
+            for (const fs::directory_entry& each : fs::directory_iterator("/proc/self/fd")) {
+                std::error_code ignored;
+                EXPECT_EQ(fs::read_symlink(each.path(), ignored).string().find(".damaged-"),
+                          std::string::npos);
+            }
         });
         inChild([&] { EXPECT_EQ(contents(), all); });
     }
