@@ -98,12 +98,16 @@ std::string AlsaCard::pcmFile(unsigned pcm, HALDirection direction) const
     return "pcmC" + std::to_string(number) + "D" + std::to_string(pcm) + letterOf(direction);
 }
 
-std::optional<AlsaCardInfo> AlsaCard::_info()
+/// Stores alsa-lib's result in `error`.
+std::optional<AlsaCardInfo> AlsaCard::_info(int* error)
 {
     const std::scoped_lock lock(_mutex);
     snd_ctl_card_info_t* info = nullptr;
     snd_ctl_card_info_alloca(&info);
-    if (snd_ctl_card_info(snd_hctl_ctl(_mixer.all), info) < 0)
+    const int result = snd_ctl_card_info(snd_hctl_ctl(_mixer.all), info);
+    if (error)
+        *error = result;
+    if (result < 0)
         return std::nullopt;
     return AlsaCardInfo{snd_ctl_card_info_get_id(info), snd_ctl_card_info_get_driver(info),
                         snd_ctl_card_info_get_name(info), snd_ctl_card_info_get_longname(info),
@@ -180,5 +184,6 @@ bool AlsaCard::readEvents()
     }
     // It also fails for a single event: of a control that was removed before alsa-lib knew it, or that cannot
     // be read. The events after it are still to be read and cause the next call.
-    return _info().has_value();
+    int error = 0;
+    return _info(&error) || error == -ENOMEM;
 }

@@ -61,7 +61,7 @@ private:
 
     int _open();
     void _findPcms();
-    std::optional<AlsaCardInfo> _info();
+    std::optional<AlsaCardInfo> _info(int* error = nullptr);
     bool _pcmInfo(unsigned pcm, HALDirection direction, snd_pcm_info_t* info);
 
     const std::filesystem::path _root;

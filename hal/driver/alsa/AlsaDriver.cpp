@@ -40,6 +40,7 @@ void AlsaDriver::start(HALDriverSink& sink)
 {
     const AlsaQuiet quiet;
     _sink = &sink;
+    _isStopping = false; // an earlier start may have failed
     _watchFolder();
     for (int number = 0; number < maxCards; ++number)
         _openCard(number);

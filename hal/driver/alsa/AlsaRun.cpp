@@ -58,6 +58,10 @@ HALStatus AlsaRun::start(HALDeadline deadline, WhenRefused whenRefused)
     try {
         _thread = dxr::Thread("dxr-alsa-io", [this] { _run(); });
     } catch (const std::system_error&) { // cannot create a thread
+        if (whenRefused == WhenRefused::Retry) {
+            _state.isStalled = true;
+            _state.changed();
+        }
         return kAudioHardwareUnspecifiedError;
     }
     std::unique_lock lock(_mutex);

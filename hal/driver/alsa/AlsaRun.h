@@ -36,7 +36,7 @@ public:
 
     enum class WhenRefused { End, Retry };
     /// Starts and waits for the first cycle. On an error either nothing is left running (End), or the run
-    /// keeps trying (Retry).
+    /// keeps trying (Retry). Without a thread it cannot try: it is stalled until it is destroyed.
     HALStatus start(HALDeadline deadline, WhenRefused whenRefused);
 
 private:

@@ -5,6 +5,7 @@
 #include "FakedCards.h"
 #include "HALIO.h"
 #include "HALNotifier.h"
+#include "NoNewThreads.h"
 
 #include <cmath>
 #include <filesystem>
@@ -172,6 +173,14 @@ TEST_F(AlsaTest, setsControlsAndHearsOfOthersChanges)
         FakedCards::setControl(card, playbackSwitch, !muted, !muted);
         EXPECT_TRUE(becomes(id, kAudioDevicePropertyMute, muted, output));
     }
+
+    FakedCards::set(card, FakedFault::NoMemory);
+    FakedCards::setControl(card, playbackSwitch, 0, 0);
+    sleepForMilliseconds(50); // for the driver to meet the fault
+    FakedCards::set(card, FakedFault::NoMemory, false);
+    FakedCards::setControl(card, playbackSwitch, 0, 1);
+    FakedCards::setControl(card, playbackSwitch, 0, 0);
+    EXPECT_TRUE(becomes(id, kAudioDevicePropertyMute, 1U, output)) << "the card is still there";
 }
 
 TEST_F(AlsaTest, waitsForRightsAndForOtherPrograms)
@@ -445,6 +454,26 @@ TEST_F(AlsaTest, logsNothingOfACardThatWasUnplugged)
         EXPECT_TRUE(eventually([&] { return state.isStalled.load(); })) << "it tries again";
     }
     EXPECT_EQ(log.lines(), std::vector<std::string>{});
+}
+
+TEST_F(AlsaTest, reportsARunThatCannotGoOnAndFollowsCardsAfterAFailedStart)
+{
+    FakedCards::plug({});
+    const AudioObjectID id = device();
+    CycleWitness witness;
+    const RunningProc proc(*hal, id, witnessing(witness));
+    {
+        const NoNewThreads limit;
+        EXPECT_NE(writeValue(*hal, id, at(kAudioDevicePropertyNominalSampleRate), 96000.0), 0);
+    }
+    EXPECT_TRUE(becomes(id, kAudioDevicePropertyDeviceIsRunning, 0U));
+
+    const CXRef<AlsaDriver> driver = AlsaDriver::init(3, root);
+    for (const char* name : {"first", "second"}) { // the driver's start, and another after its stop
+        const CXRef<HALModel> model = HALModel::initWithDriver(driver);
+        FakedCards::plug({.longName = name});
+        EXPECT_NE(waitForDevice(*model, "alsa:" + std::string(name) + ":0"), kAudioObjectUnknown);
+    }
 }
 
 TEST_F(AlsaTest, failsAStartThatCanDeliverNothing)

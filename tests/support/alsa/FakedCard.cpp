@@ -176,6 +176,8 @@ int FakedCard::_transfer(snd_ctl_elem_value& value, bool isWrite)
 
 int FakedCard::ioctl(unsigned long request, void* argument)
 {
+    if (has(FakedFault::NoMemory))
+        return -ENOMEM;
     auto& value = *static_cast<int*>(argument);
     switch (request) {
     case SNDRV_CTL_IOCTL_PVERSION:

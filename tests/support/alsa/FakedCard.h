@@ -62,7 +62,7 @@ private:
     void _describe(snd_ctl_elem_info& info) const;
     int _transfer(snd_ctl_elem_value& value, bool isWrite);
 
-    std::array<bool, 5> _faults{}; // by FakedFault
+    std::array<bool, 6> _faults{}; // by FakedFault
     unsigned _rate = 48000;
     double _frame = 0.0;
     int64_t _time = fakedNow(); // of _frame

@@ -11,9 +11,10 @@
 enum class FakedFault {
     Overload, ///< running PCMs stop, as if the program had been late
     Suspend,
-    Stuck,   ///< its clock stops
-    Busy,    ///< all of its PCMs are open in another program
-    NoRights ///< this process lacks permission to open it
+    Stuck,    ///< its clock stops
+    Busy,     ///< all of its PCMs are open in another program
+    NoRights, ///< this process lacks permission to open it
+    NoMemory  ///< the kernel can allocate nothing for its control device
 };
 
 /// Configuration of a sound card. It has a separate clock, and each PCM captures at a frame what it played at
