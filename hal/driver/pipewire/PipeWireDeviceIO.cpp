@@ -85,7 +85,11 @@ PipeWireDeviceIO::PipeWireDeviceIO(PipeWireSession& session, const PipeWireWake&
     if (!_filter)
         return;
     pw_filter_add_listener(_filter, &_listener->hook, &events, this);
-    pw_filter_connect(_filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0);
+    if (pw_filter_connect(_filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0) < 0) { // its state may not show it
+        spa_hook_remove(&_listener->hook);
+        pw_filter_destroy(std::exchange(_filter, nullptr));
+        return;
+    }
     _addPorts(_inputs, "input_");
     _addPorts(_outputs, "output_");
 }
