@@ -17,7 +17,10 @@ struct DXRDeviceDescription {
     // Read only for transports that can have a generic reference:
     std::optional<std::string> manufacturer, model, name;
 
-    /// Reads the hardware. If `uid` is empty, the other fields are not read.
+    /// Reads the hardware. A value that cannot be read is that of `known`, an earlier description of the
+    /// device with this ID. If `uid` is empty, the other fields are not read.
+    static DXRDeviceDescription ofDevice(AudioObjectID deviceID, const DXRDeviceDescription& known);
+    /// The same without an earlier description.
     static DXRDeviceDescription ofDevice(AudioObjectID deviceID);
     uint32_t channelCount(bool input) const { return channelCounts[input ? 0 : 1]; }
     bool operator==(const DXRDeviceDescription&) const = default;

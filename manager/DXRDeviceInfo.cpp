@@ -5,9 +5,10 @@
 bool DXRDeviceInfo::identify(AudioObjectID forDeviceID)
 {
     const DXRReadCheck reads;
-    DXRDeviceDescription description = DXRDeviceDescription::ofDevice(forDeviceID);
-    const bool isKnown = _current && !_isIncomplete && forDeviceID == _identifiedID;
-    if (isKnown && (description == _description || reads.hasFailed()))
+    const bool isKnown = _current && forDeviceID == _identifiedID;
+    DXRDeviceDescription description =
+        DXRDeviceDescription::ofDevice(forDeviceID, isKnown ? _description : DXRDeviceDescription{});
+    if (isKnown && !_isIncomplete && (description == _description || reads.hasFailed()))
         return false;
     const bool wasIncomplete = std::exchange(_isIncomplete, reads.hasFailed());
     _identifiedID = forDeviceID;

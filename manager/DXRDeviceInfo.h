@@ -26,9 +26,9 @@ public:
 
     /// Reads the description of the device with this ID, and rebuilds the references if it has changed. The
     /// reference of the device as a whole is null if it cannot be read, that of a direction if it has no
-    /// channels. If a read fails, complete references to this device stay. Returns true if references were
-    /// incomplete, because something could not be read, and are complete now: they may be equal to the old
-    /// ones and still contain more.
+    /// channels. If a read fails, complete references to this device stay, and incomplete ones keep what was
+    /// read before. Returns true if references were incomplete, because something could not be read, and are
+    /// complete now: they may be equal to the old ones and still contain more.
     bool identify(AudioObjectID forDeviceID);
     const CXRef<DXRDeviceReference>& currentReference() const noexcept { return _current; }
     const CXRef<DXRDeviceReference>& currentReference(bool isInput) const noexcept

@@ -146,4 +146,29 @@ TEST_F(DXRDeviceFaults, disconnectsNoDeviceThatItCannotRead)
     }
 }
 
+// The first failure leaves one direction out. The second one is of what is connected by then.
+TEST_F(DXRDeviceFaults, disconnectsNoDeviceThatItHasReadInPart)
+{
+    constexpr uint32_t uid = kAudioDevicePropertyDeviceUID, layout = kAudioDevicePropertyStreamConfiguration;
+    struct {
+        uint64_t first; // 1 and 2 read the input's layout, 3 and 4 the output's
+        uint32_t secondSelector;
+        uint64_t second;
+    } const rows[] = {{1, uid, 1}, {2, layout, 3}, {3, uid, 1}, {4, layout, 1}};
+    for (const auto& row : rows) {
+        const DXRDeviceManager::NotifierBlock failAgain = [&](const Devices& connected, auto&&...) {
+            if (connected.size() == 1 && manager.connectedDevices() == connected)
+                hal.failReads(row.secondSelector, row.second, 1, kAudioHardwareUnspecifiedError);
+        };
+        manager.addDeviceNotifier(nullptr, failAgain);
+        hal.failReads(layout, row.first, 1, kAudioHardwareUnspecifiedError);
+        plug(headset());
+        EXPECT_TRUE(becomesTrue([&] { return manager.connectedDevices().size() == 2; }));
+        manager.removeDeviceNotifier(failAgain, DXRDeviceManager::WhenRunning::Wait);
+        EXPECT_TRUE(changesSinceLast().disconnected.empty()) << row.first;
+        unplug("headset");
+        changesSinceLast();
+    }
+}
+
 } // namespace
