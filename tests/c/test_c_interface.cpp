@@ -195,8 +195,7 @@ TEST_F(CInterface, describesADeviceAndKeepsItsSettings)
 
     const DeviceList all;
     ASSERT_EQ(all.status, DXR_OK);
-    EXPECT_EQ(std::vector(all.devices, all.devices + all.count), (std::vector{output, input}))
-        << "by name, outputs first";
+    EXPECT_EQ(std::vector(all.devices, all.devices + all.count), (std::vector{output, input}));
     ASSERT_EQ(dxr_simulated_unplug(computer, "cable"), DXR_OK);
     ASSERT_EQ(dxr_simulated_settle(computer), DXR_OK);
     EXPECT_EQ(dxr_device_set_volume(output, 0.5), DXR_ERROR_STATE) << "absent";

@@ -89,8 +89,7 @@ TEST_F(DXRDeviceTest, fallsBackWhereTheHardwareReportsNothing)
     EXPECT_FALSE(device->setVolume(0.5) || device->setMuted(true) || device->setSource("Line"));
     hal.reconfigure("plain", [](auto& it) { it.mute(outputs, false); });
     settleHardware();
-    EXPECT_TRUE(device->hasMute() && !device->isMuted())
-        << "a control with the value of a device without one";
+    EXPECT_TRUE(device->hasMute() && !device->isMuted()) << "a control at the fallback value";
     hal.reconfigure("plain", [](auto& it) { it.volume(outputs, 1.0F); });
     settleHardware();
     EXPECT_TRUE(device->hasVolume());

@@ -242,8 +242,7 @@ TEST_F(EngineCyclesTest, keepsTheChannelsOfAnAggregateWhosePartComesAndGoes)
         const float a = expected('a'), b = expected('b'), c = expected('c');
         EXPECT_EQ(heard, (std::vector<float>{a, a, b, b, 0, c, c}));
         EXPECT_EQ(runner->activeDevices().size(), c == 0 ? 1U : 2U);
-        EXPECT_EQ(runner->latencies().size(), (a + b > 0 ? 1U : 0U) + (c > 0 ? 1U : 0U))
-            << "of what is there";
+        EXPECT_EQ(runner->latencies().size(), (a + b > 0 ? 1U : 0U) + (c > 0 ? 1U : 0U));
     }
     runner->stop();
     EXPECT_EQ(AudioHardwareDestroyAggregateDevice(aggregate), 0);

@@ -150,22 +150,20 @@ TEST_F(DXRDeviceFaults, disconnectsNoDeviceThatItCannotRead)
 TEST_F(DXRDeviceFaults, disconnectsNoDeviceThatItHasReadInPart)
 {
     constexpr uint32_t uid = kAudioDevicePropertyDeviceUID, layout = kAudioDevicePropertyStreamConfiguration;
-    struct {
-        uint64_t first; // 1 and 2 read the input's layout, 3 and 4 the output's
-        uint32_t secondSelector;
-        uint64_t second;
-    } const rows[] = {{1, uid, 1}, {2, layout, 3}, {3, uid, 1}, {4, layout, 1}};
-    for (const auto& row : rows) {
-        const DXRDeviceManager::NotifierBlock failAgain = [&](const Devices& connected, auto&&...) {
-            if (connected.size() == 1 && manager.connectedDevices() == connected)
-                hal.failReads(row.secondSelector, row.second, 1, kAudioHardwareUnspecifiedError);
-        };
+    using Row = std::tuple<uint64_t, uint32_t, uint64_t>; // reads 1 and 2 are of the input's layout
+    for (const auto& [first, selector, second] :
+         {Row{1, uid, 1}, {2, layout, 3}, {3, uid, 1}, {4, layout, 1}}) {
+        const DXRDeviceManager::NotifierBlock failAgain =
+            [&, selector = selector, second = second](const Devices& connected, auto&&...) {
+                if (connected.size() == 1 && manager.connectedDevices() == connected)
+                    hal.failReads(selector, second, 1, kAudioHardwareUnspecifiedError);
+            };
         manager.addDeviceNotifier(nullptr, failAgain);
-        hal.failReads(layout, row.first, 1, kAudioHardwareUnspecifiedError);
+        hal.failReads(layout, first, 1, kAudioHardwareUnspecifiedError);
         plug(headset());
         EXPECT_TRUE(becomesTrue([&] { return manager.connectedDevices().size() == 2; }));
         manager.removeDeviceNotifier(failAgain, DXRDeviceManager::WhenRunning::Wait);
-        EXPECT_TRUE(changesSinceLast().disconnected.empty()) << row.first;
+        EXPECT_TRUE(changesSinceLast().disconnected.empty()) << first;
         unplug("headset");
         changesSinceLast();
     }

@@ -328,8 +328,7 @@ TEST_F(Defaults, setDamagedFilesAside)
             other.reset();
             for (const fs::directory_entry& each : fs::directory_iterator("/proc/self/fd")) {
                 std::error_code ignored;
-                EXPECT_EQ(fs::read_symlink(each.path(), ignored).string().find(".damaged-"),
-                          std::string::npos);
+                EXPECT_EQ(fs::read_symlink(each, ignored).string().find(".damaged-"), std::string::npos);
             }
         });
         inChild([&] { EXPECT_EQ(contents(), all); });
@@ -405,8 +404,7 @@ TEST_F(Defaults, waitForALockedDatabaseWhenWritingOnly)
         suite()->addObserver("unknown", [&] { ++calls; });
         EXPECT_EQ(flock(opener, LOCK_UN), 0);
         EXPECT_TRUE(eventually([&] { return contents() == "a=3 old=1 "; }));
-        EXPECT_TRUE(eventually([&] { return calls == 1; }))
-            << "a key that was not found may have a value now";
+        EXPECT_TRUE(eventually([&] { return calls == 1; })) << "a key not found may have a value now";
         EXPECT_TRUE(log.lines().empty());
     });
 }
