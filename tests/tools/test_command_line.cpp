@@ -24,6 +24,7 @@ TEST_F(DxrCommand, separatesWrongUsageFromFailure)
           "d trace /dev/full", "dxr demo --picture /dev/null/x.svg", "dxr manual /dev/null/man",
           "dxr resample good.wav good.wav --rate 44100", "dxr resample good.wav /dev/full --rate 44100",
           "d list --watch > /dev/full", "dxr --help > /dev/full",
+          "d remember sim-speakers x $(printf '[%.0s' {1..60000})$(printf ']%.0s' {1..60000})",
           "dxr plot response /dev/full --from 44100 --to 48000"}},
         {2,
          {"dxr", "dxr list --nonsense", "d info", "d play", "d list --hardware alsa", "d set sim-speakers",

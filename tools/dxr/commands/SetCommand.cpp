@@ -4,6 +4,7 @@
 #include "DeviceProperties.h"
 
 #include <algorithm>
+#include <dxr/CXJSON.h>
 #include <dxr/DXRDeviceOverrides.h>
 
 namespace {
@@ -67,7 +68,6 @@ public:
 
 private:
     [[noreturn]] void _fail(const std::string& reason) const { throw ToolFailure(_name + ": " + reason); }
-
     void _print(const std::string& what) const { std::cout << _name << ": " << what << "\n"; }
 
     /// The channel given by the user, else the main element, else every channel with a volume control.
@@ -193,9 +193,9 @@ void remember(SettingOptions& options)
     }
     if (!options.value)
         throw CLI::ValidationError("remember", "needs a VALUE for the KEY");
-    const CXPlist parsed = CXPlist::parse(*options.value, nullptr, false);
-    const CXPlist value = parsed.is_discarded() ? CXPlist(*options.value) : parsed;
-    if (!device->setOverride(value, *options.key))
+    const std::optional<CXPlist> parsed = CXPlistWithJSON(*options.value);
+    const bool isTooDeep = !parsed && CXPlist::accept(*options.value);
+    if (isTooDeep || !device->setOverride(parsed ? *parsed : CXPlist(*options.value), *options.key))
         throw ToolFailure("this value cannot be stored");
     requireSettings();
 }
